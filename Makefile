@@ -1,0 +1,26 @@
+# The front door. CMake is the build: see CMakePresets.json.
+PRESET ?= release
+BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
+
+.PHONY: all configure test demo bench fuzz clean
+all: configure
+	cmake --build $(BUILD)
+
+configure:
+	tools/install-packages
+	cmake --preset $(PRESET)
+
+test: all
+	ctest --test-dir $(BUILD) --output-on-failure --timeout 300
+
+demo: all
+	demo/run $(BUILD)
+
+bench: all
+	cmake --build $(BUILD) --target run-benchmarks
+
+fuzz:
+	$(MAKE) PRESET=fuzz all
+
+clean:
+	rm -rf build build-*

@@ -1,0 +1,168 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Foundation.h"
+#include "platform/Object.h"
+#include "platform/Value.h"
+
+namespace orvane {
+
+// Endpoints. Immutable.
+class NWEndpoint : public NSObject {};
+
+class NWHostEndpoint : public NWEndpoint {
+ public:
+  // `port` is a decimal number or a service's name.
+  static Ref<NWHostEndpoint> endpointWithHostname(std::string hostname, std::string port) {
+    return Ref<NWHostEndpoint>::adopt(new NWHostEndpoint(std::move(hostname), std::move(port)));
+  }
+  const std::string& hostname() const { return hostname_; }
+  const std::string& port() const { return port_; }
+
+ private:
+  NWHostEndpoint(std::string hostname, std::string port) : hostname_(std::move(hostname)), port_(std::move(port)) {}
+  std::string hostname_, port_;
+};
+
+// One flow of network data of one process. Owned by the platform, lent to the provider for the length of a call. What a
+// flow knows may change between two calls: every property is asked afresh.
+class NEFilterFlow : public NSObject {
+ public:
+  // The audit token of the process that opened the flow: data of 32 bytes, or nil when the owner is not known.
+  virtual Value sourceAppAuditToken() const = 0;
+  // Null when the flow has none.
+  virtual Ref<NSURL> URL() const = 0;
+};
+
+class NEFilterSocketFlow : public NEFilterFlow {
+ public:
+  // Null until it is known.
+  virtual Ref<NWEndpoint> remoteEndpoint() const = 0;
+  // The name that the application asked for, as it wrote it. Nothing when it is not known.
+  virtual std::optional<std::string> remoteHostname() const = 0;
+  // SOCK_STREAM or SOCK_DGRAM, as socket(2) numbers them.
+  virtual int32_t socketType() const = 0;
+};
+
+// As many bytes as a flow will ever carry.
+inline constexpr uint64_t kFilterFlowBytesMax = UINT64_MAX;
+
+// The answer to a new flow. The platform then hands the provider outbound and inbound data up to the peek counts, each
+// chunk with its start offset, until a data verdict or the end of that side settles the flow.
+struct NEFilterNewFlowVerdict {
+  enum class Kind { Allow, Drop, FilterData };
+
+  static NEFilterNewFlowVerdict allowVerdict() { return {Kind::Allow}; }
+  static NEFilterNewFlowVerdict dropVerdict() { return {Kind::Drop}; }
+  static NEFilterNewFlowVerdict filterDataVerdictWithFilterInbound(bool filterInbound, uint64_t peekInboundBytes,
+                                                                   bool filterOutbound, uint64_t peekOutboundBytes) {
+    return {Kind::FilterData, filterInbound, peekInboundBytes, filterOutbound, peekOutboundBytes};
+  }
+
+  Kind kind;
+  bool filterInbound = false;
+  uint64_t peekInboundBytes = 0;
+  bool filterOutbound = false;
+  uint64_t peekOutboundBytes = 0;
+
+  friend bool operator==(const NEFilterNewFlowVerdict&, const NEFilterNewFlowVerdict&) = default;
+};
+
+// The answer to data of a flow, or to its end. Final for the flow.
+struct NEFilterDataVerdict {
+  enum class Kind { Allow, Drop };
+
+  static NEFilterDataVerdict allowVerdict() { return {Kind::Allow}; }
+  static NEFilterDataVerdict dropVerdict() { return {Kind::Drop}; }
+
+  Kind kind;
+
+  friend bool operator==(const NEFilterDataVerdict&, const NEFilterDataVerdict&) = default;
+};
+
+// The numbers are the framework's.
+enum class NENetworkRuleProtocol : int64_t { Any = 0, TCP = 1, UDP = 2 };
+enum class NETrafficDirection : int64_t { Any = 0, Inbound = 1, Outbound = 2 };
+enum class NEFilterAction : int64_t { Invalid = 0, Allow = 1, Drop = 2, Remap = 3, FilterData = 4 };
+enum class NEProviderStopReason : int64_t { None = 0, UserInitiated = 1, ProviderFailed = 2, SystemExiting = 3 };
+
+// Which flows a rule is about. An empty host name or a null endpoint is any host; a prefix of 0 any network.
+struct NENetworkRule {
+  static NENetworkRule initWithRemoteNetwork(Ref<NWHostEndpoint> remoteNetwork, uint64_t remotePrefix,
+                                             Ref<NWHostEndpoint> localNetwork, uint64_t localPrefix,
+                                             NENetworkRuleProtocol protocol, NETrafficDirection direction) {
+    return {std::move(remoteNetwork), remotePrefix, std::move(localNetwork), localPrefix, protocol, direction};
+  }
+
+  Ref<NWHostEndpoint> remoteNetwork;
+  uint64_t remotePrefix;
+  Ref<NWHostEndpoint> localNetwork;
+  uint64_t localPrefix;
+  NENetworkRuleProtocol protocol;
+  NETrafficDirection direction;
+};
+
+struct NEFilterRule {
+  static NEFilterRule initWithNetworkRule(NENetworkRule networkRule, NEFilterAction action) {
+    return {std::move(networkRule), action};
+  }
+
+  NENetworkRule networkRule;
+  NEFilterAction action;
+};
+
+struct NEFilterSettings {
+  static NEFilterSettings initWithRules(std::vector<NEFilterRule> rules, NEFilterAction defaultAction) {
+    return {std::move(rules), defaultAction};
+  }
+
+  std::vector<NEFilterRule> rules;  // the first that matches decides
+  NEFilterAction defaultAction;     // for flows that no rule matches
+};
+
+// A provider of verdicts. The platform makes one object of the class that the bundle names, starts it, asks it, and
+// stops it, on threads of its own choosing.
+class NEFilterDataProvider : public NSObject {
+ public:
+  // Null for success.
+  using ErrorHandler = std::function<void(const Ref<NSError>&)>;
+
+  virtual void startFilterWithCompletionHandler(ErrorHandler completionHandler) = 0;
+  virtual void stopFilterWithReason(NEProviderStopReason reason, const std::function<void()>& completionHandler) = 0;
+  virtual NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) = 0;
+  // Bytes that the flow sends, from `readBytesStartOffset` of its outbound side on.
+  virtual NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
+                                                         std::span<const uint8_t> readBytes) = 0;
+  virtual NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) = 0;
+
+  // Hands the settings to the platform, which calls the handler once, on any thread, when they are in force or could
+  // not be put in force.
+  void applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler);
+
+  // The platform's own object for this provider, where it has one. Borrowed.
+  void setPlatformObject(void* object) { platformObject_ = object; }
+  void* platformObject() const { return platformObject_; }
+
+ private:
+  void* platformObject_ = nullptr;
+};
+
+class NEFilterProvider {
+ public:
+  // Makes a provider class known by the name that a bundle may give. A system that finds classes by name itself has no
+  // use for it. Call before startSystemExtensionMode.
+  static void registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)());
+
+  // From now on the platform may make the provider that the bundle names and call it. Returns 0, or a status of the
+  // platform's own when it is clear at once that no provider will run.
+  static int32_t startSystemExtensionMode();
+};
+
+}  // namespace orvane

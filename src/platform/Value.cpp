@@ -1,0 +1,410 @@
+#include "platform/Value.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <new>
+
+namespace orvane {
+
+struct Value::Counted {
+  std::atomic<uint32_t> references{1};
+};
+
+// One block of memory: the characters follow the header.
+struct Value::StringContent : Counted {
+  uint32_t length = 0;
+  size_t hash = 0;
+  char* characters() { return reinterpret_cast<char*>(this + 1); }
+};
+
+struct Value::DataContent : Counted {
+  std::vector<uint8_t> bytes;
+};
+
+template <class Container>
+struct Value::ContainerContent : Counted {
+  Container elements;
+};
+
+namespace {
+
+size_t hash_of(std::string_view text) { return std::hash<std::string_view>()(text); }
+
+// The whole part of a real number, where there is an integer type that holds it exactly.
+bool exact_signed(double real, int64_t* integer) {
+  if (!(real >= -9223372036854775808.0 && real < 9223372036854775808.0) || std::trunc(real) != real) return false;
+  *integer = static_cast<int64_t>(real);
+  return true;
+}
+
+bool exact_unsigned(double real, uint64_t* natural) {
+  if (!(real >= 0 && real < 18446744073709551616.0) || std::trunc(real) != real) return false;
+  *natural = static_cast<uint64_t>(real);
+  return true;
+}
+
+bool same_real(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
+
+void append_indent(std::string& text, size_t depth) { text.append(4 * depth, ' '); }
+
+void append_description(std::string& text, const Value& value, size_t depth);
+
+template <class Elements>
+void append_elements(std::string& text, const Elements& elements, size_t depth) {
+  text += "(\n";
+  bool first = true;
+  for (const Value& element : elements) {
+    if (!std::exchange(first, false)) text += ",\n";
+    append_indent(text, depth + 1);
+    append_description(text, element, depth + 1);
+  }
+  if (!first) text += '\n';
+  append_indent(text, depth);
+  text += ')';
+}
+
+void append_number(std::string& text, const Value& value) {
+  switch (value.numberForm()) {
+    case Value::NumberForm::Signed:
+      text += std::to_string(value.asSigned());
+      break;
+    case Value::NumberForm::Unsigned:
+      text += std::to_string(value.asUnsigned());
+      break;
+    case Value::NumberForm::Real: {
+      char digits[40];
+      std::snprintf(digits, sizeof digits, "%.17g", value.asReal());
+      text += digits;
+      break;
+    }
+  }
+}
+
+void append_date(std::string& text, double absoluteTime) {
+  constexpr double kReferenceInUnixTime = 978307200;  // 2001-01-01 00:00:00 UTC
+  double unixTime = std::floor(absoluteTime + kReferenceInUnixTime);
+  std::tm parts{};
+  char buffer[64];
+  // Beyond the years that a calendar knows, the seconds themselves say most.
+  if (!(std::fabs(unixTime) < 67767976233532799.0)) {
+    std::snprintf(buffer, sizeof buffer, "%.17g", absoluteTime);
+  } else {
+    std::time_t seconds = static_cast<std::time_t>(unixTime);
+    gmtime_r(&seconds, &parts);
+    std::snprintf(buffer, sizeof buffer, "%04lld-%02d-%02d %02d:%02d:%02d +0000", parts.tm_year + 1900LL,
+                  parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
+  }
+  text += buffer;
+}
+
+void append_data(std::string& text, std::span<const uint8_t> bytes) {
+  constexpr size_t kShown = 24;
+  text += "{length = " + std::to_string(bytes.size()) + ", bytes = 0x";
+  for (size_t i = 0; i < bytes.size() && i < kShown; ++i) {
+    char digits[3];
+    std::snprintf(digits, sizeof digits, "%02x", bytes[i]);
+    text += digits;
+  }
+  text += bytes.size() > kShown ? "...}" : "}";
+}
+
+void append_description(std::string& text, const Value& value, size_t depth) {
+  switch (value.kind()) {
+    case Value::Kind::Nil:
+      text += "(null)";
+      break;
+    case Value::Kind::Boolean:
+      text += value.asBoolean() ? '1' : '0';
+      break;
+    case Value::Kind::Number:
+      append_number(text, value);
+      break;
+    case Value::Kind::String:
+      text += value.asString();
+      break;
+    case Value::Kind::Date:
+      append_date(text, value.asDate());
+      break;
+    case Value::Kind::Data:
+      append_data(text, value.asData());
+      break;
+    case Value::Kind::Array:
+      append_elements(text, value.asArray(), depth);
+      break;
+    case Value::Kind::Set:
+      text += '{';
+      append_elements(text, value.asSet(), depth);
+      text += '}';
+      break;
+    case Value::Kind::Dictionary:
+      text += "{\n";
+      for (const auto& [key, entry] : value.asDictionary()) {
+        append_indent(text, depth + 1);
+        append_description(text, key, depth + 1);
+        text += " = ";
+        append_description(text, entry, depth + 1);
+        text += ";\n";
+      }
+      append_indent(text, depth);
+      text += '}';
+      break;
+  }
+}
+
+}  // namespace
+
+Value::Value(const Value& other)
+    : kind_(other.kind_), form_(other.form_), borrowedLength_(other.borrowedLength_), payload_(other.payload_) {
+  if (kind_ < Kind::String || kind_ == Kind::Date) return;
+  if (isBorrowed()) {
+    kind_ = Kind::Nil;  // nothing to release, should making the copy fail
+    *this = string(other.asString());
+  } else {
+    payload_.content->references.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+void Value::releaseContent() noexcept {
+  if (kind_ == Kind::Date || isBorrowed()) return;
+  Counted* content = payload_.content;
+  if (content->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  switch (kind_) {
+    case Kind::String: {
+      auto* text = static_cast<StringContent*>(content);
+      text->~StringContent();
+      ::operator delete(text);
+      break;
+    }
+    case Kind::Data:
+      delete static_cast<DataContent*>(content);
+      break;
+    case Kind::Array:
+      delete static_cast<ContainerContent<Array>*>(content);
+      break;
+    case Kind::Set:
+      delete static_cast<ContainerContent<Set>*>(content);
+      break;
+    case Kind::Dictionary:
+      delete static_cast<ContainerContent<Dictionary>*>(content);
+      break;
+    default:
+      break;
+  }
+}
+
+Value Value::boolean(bool value) {
+  Value result(Kind::Boolean);
+  result.payload_.boolean = value;
+  return result;
+}
+
+Value Value::number(int64_t value) {
+  Value result(Kind::Number);
+  result.form_ = static_cast<uint8_t>(NumberForm::Signed);
+  result.payload_.integer = value;
+  return result;
+}
+
+Value Value::unsignedNumber(uint64_t value) {
+  if (value <= INT64_MAX) return number(static_cast<int64_t>(value));
+  Value result(Kind::Number);
+  result.form_ = static_cast<uint8_t>(NumberForm::Unsigned);
+  result.payload_.natural = value;
+  return result;
+}
+
+Value Value::real(double value) {
+  Value result(Kind::Number);
+  result.form_ = static_cast<uint8_t>(NumberForm::Real);
+  result.payload_.real = value;
+  return result;
+}
+
+Value Value::string(std::string_view text) {
+  if (text.size() > UINT32_MAX) throw std::bad_alloc();
+  auto* content = new (::operator new(sizeof(StringContent) + text.size())) StringContent;
+  content->length = static_cast<uint32_t>(text.size());
+  content->hash = hash_of(text);
+  if (!text.empty()) std::memcpy(content->characters(), text.data(), text.size());
+  Value result(Kind::String);
+  result.payload_.content = content;
+  return result;
+}
+
+Value Value::borrowed(std::string_view text) noexcept {
+  Value result(Kind::String);
+  result.form_ = kBorrowed;
+  result.borrowedLength_ = static_cast<uint32_t>(std::min<size_t>(text.size(), UINT32_MAX));
+  result.payload_.characters = text.data();
+  return result;
+}
+
+Value Value::date(double absoluteTime) {
+  Value result(Kind::Date);
+  result.payload_.real = absoluteTime;
+  return result;
+}
+
+Value Value::data(std::span<const uint8_t> bytes) {
+  auto* content = new DataContent;
+  Value result(Kind::Data);
+  result.payload_.content = content;
+  content->bytes.assign(bytes.begin(), bytes.end());
+  return result;
+}
+
+template <class Container>
+Value Value::container(Kind kind, Container elements) {
+  auto* content = new ContainerContent<Container>;
+  content->elements = std::move(elements);
+  Value result(kind);
+  result.payload_.content = content;
+  return result;
+}
+
+Value Value::array(Array elements) { return container(Kind::Array, std::move(elements)); }
+Value Value::set(Set members) { return container(Kind::Set, std::move(members)); }
+Value Value::dictionary(Dictionary entries) { return container(Kind::Dictionary, std::move(entries)); }
+
+bool Value::asBoolean() const { return kind_ == Kind::Boolean && payload_.boolean; }
+
+int64_t Value::asSigned() const {
+  return kind_ == Kind::Number && numberForm() == NumberForm::Signed ? payload_.integer : 0;
+}
+
+uint64_t Value::asUnsigned() const {
+  return kind_ == Kind::Number && numberForm() == NumberForm::Unsigned ? payload_.natural : 0;
+}
+
+double Value::asReal() const {
+  if (kind_ != Kind::Number) return 0;
+  switch (numberForm()) {
+    case NumberForm::Signed:
+      return static_cast<double>(payload_.integer);
+    case NumberForm::Unsigned:
+      return static_cast<double>(payload_.natural);
+    case NumberForm::Real:
+      break;
+  }
+  return payload_.real;
+}
+
+std::string_view Value::asString() const {
+  if (kind_ != Kind::String) return {};
+  if (isBorrowed()) return {payload_.characters, borrowedLength_};
+  auto* content = static_cast<StringContent*>(payload_.content);
+  return {content->characters(), content->length};
+}
+
+double Value::asDate() const { return kind_ == Kind::Date ? payload_.real : 0; }
+
+std::span<const uint8_t> Value::asData() const {
+  if (kind_ != Kind::Data) return {};
+  return static_cast<DataContent*>(payload_.content)->bytes;
+}
+
+template <class Container>
+const Container& Value::contained(Kind kind) const {
+  static const Container kEmpty;
+  if (kind_ != kind) return kEmpty;
+  return static_cast<ContainerContent<Container>*>(payload_.content)->elements;
+}
+
+const Value::Array& Value::asArray() const { return contained<Array>(Kind::Array); }
+const Value::Set& Value::asSet() const { return contained<Set>(Kind::Set); }
+const Value::Dictionary& Value::asDictionary() const { return contained<Dictionary>(Kind::Dictionary); }
+
+const Value* Value::find(std::string_view key) const {
+  const Dictionary& entries = asDictionary();
+  auto entry = entries.find(borrowed(key));
+  return entry == entries.end() ? nullptr : &entry->second;
+}
+
+size_t Value::hash() const noexcept {
+  switch (kind_) {
+    case Kind::Boolean:
+      return payload_.boolean ? 1 : 0;
+    case Kind::Number:
+      // Equal numbers of different forms are equal as reals too.
+      return std::hash<double>()(asReal());
+    case Kind::Date:
+      return std::hash<double>()(payload_.real);
+    case Kind::String:
+      return isBorrowed() ? hash_of(asString()) : static_cast<StringContent*>(payload_.content)->hash;
+    case Kind::Data: {
+      auto bytes = asData();
+      return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    }
+    // A container as a member or key is rare; its size tells enough apart, and costs the same at any depth.
+    case Kind::Array:
+      return asArray().size();
+    case Kind::Set:
+      return asSet().size();
+    case Kind::Dictionary:
+      return asDictionary().size();
+    case Kind::Nil:
+      break;
+  }
+  return 0;
+}
+
+bool operator==(const Value& left, const Value& right) {
+  if (left.kind_ != right.kind_) return false;
+  switch (left.kind_) {
+    case Value::Kind::Nil:
+      return true;
+    case Value::Kind::Boolean:
+      return left.payload_.boolean == right.payload_.boolean;
+    case Value::Kind::Number: {
+      using Form = Value::NumberForm;
+      Form form = left.numberForm();
+      if (form != right.numberForm()) {
+        // A Signed number is never above INT64_MAX and an Unsigned one always is, so one of the two must be a real.
+        if (form != Form::Real && right.numberForm() != Form::Real) return false;
+        const Value& real = form == Form::Real ? left : right;
+        const Value& whole = form == Form::Real ? right : left;
+        int64_t integer = 0;
+        uint64_t natural = 0;
+        return whole.numberForm() == Form::Signed
+                   ? exact_signed(real.payload_.real, &integer) && integer == whole.payload_.integer
+                   : exact_unsigned(real.payload_.real, &natural) && natural == whole.payload_.natural;
+      }
+      return form == Form::Real ? same_real(left.payload_.real, right.payload_.real)
+                                : left.payload_.natural == right.payload_.natural;
+    }
+    case Value::Kind::String:
+      return left.asString() == right.asString();
+    case Value::Kind::Date:
+      return same_real(left.payload_.real, right.payload_.real);
+    case Value::Kind::Data: {
+      auto leftBytes = left.asData(), rightBytes = right.asData();
+      return std::equal(leftBytes.begin(), leftBytes.end(), rightBytes.begin(), rightBytes.end());
+    }
+    case Value::Kind::Array:
+      return left.asArray() == right.asArray();
+    case Value::Kind::Set:
+      return left.asSet() == right.asSet();
+    case Value::Kind::Dictionary:
+      return left.asDictionary() == right.asDictionary();
+  }
+  return false;
+}
+
+std::string Value::description() const {
+  std::string text;
+  append_description(text, *this, 0);
+  return text;
+}
+
+int date_compare(const Value& left, const Value& right) {
+  double leftMoment = left.asDate(), rightMoment = right.asDate();
+  if (leftMoment < rightMoment) return -1;
+  return leftMoment > rightMoment ? 1 : 0;
+}
+
+}  // namespace orvane

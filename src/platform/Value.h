@@ -1,0 +1,136 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace orvane {
+
+// Whatever a companion may send or a property list may hold. Sixteen bytes; immutable once made. A copy shares the
+// content, and the content goes with its last copy; counting is thread-safe. Equality and hashing go by value: strings
+// compare code unit by code unit, numbers by what they amount to, a boolean equals only a boolean.
+class Value {
+ public:
+  enum class Kind : uint8_t { Nil, Boolean, Number, String, Date, Data, Array, Set, Dictionary };
+
+  struct Hash {
+    size_t operator()(const Value& value) const noexcept { return value.hash(); }
+  };
+  using Array = std::vector<Value>;
+  using Set = std::unordered_set<Value, Hash>;
+  using Dictionary = std::unordered_map<Value, Value, Hash>;
+
+  Value() noexcept = default;
+  Value(std::nullptr_t) noexcept {}
+  Value(const Value& other);
+  Value(Value&& other) noexcept
+      : kind_(std::exchange(other.kind_, Kind::Nil)),
+        form_(other.form_),
+        borrowedLength_(other.borrowedLength_),
+        payload_(other.payload_) {}
+  ~Value() {
+    if (kind_ >= Kind::String) releaseContent();
+  }
+  Value& operator=(Value other) noexcept {
+    std::swap(kind_, other.kind_);
+    std::swap(form_, other.form_);
+    std::swap(borrowedLength_, other.borrowedLength_);
+    std::swap(payload_, other.payload_);
+    return *this;
+  }
+
+  static Value boolean(bool value);
+  static Value number(int64_t value);
+  static Value unsignedNumber(uint64_t value);
+  static Value real(double value);
+  static Value string(std::string_view text);  // UTF-8
+  static Value date(double absoluteTime);      // seconds since 2001-01-01 00:00:00 UTC
+  static Value data(std::span<const uint8_t> bytes);
+  static Value array(Array elements);
+  static Value set(Set members);
+  static Value dictionary(Dictionary entries);
+
+  // A string for a look-up: it refers to the caller's characters, so that nothing is allocated. Valid as long as they
+  // are; a copy of it has characters of its own.
+  static Value borrowed(std::string_view text) noexcept;
+
+  Kind kind() const { return kind_; }
+  bool isNil() const { return kind_ == Kind::Nil; }
+  bool isString() const { return kind_ == Kind::String; }
+  bool isDate() const { return kind_ == Kind::Date; }
+  bool isData() const { return kind_ == Kind::Data; }
+  bool isArray() const { return kind_ == Kind::Array; }
+  bool isSet() const { return kind_ == Kind::Set; }
+  bool isDictionary() const { return kind_ == Kind::Dictionary; }
+
+  // What the value holds; for a value of another kind: false, 0, nothing. Views and references live as long as a copy
+  // of the value does.
+  bool asBoolean() const;
+  double asReal() const;  // of a number
+  std::string_view asString() const;
+  double asDate() const;
+  std::span<const uint8_t> asData() const;
+  const Array& asArray() const;
+  const Set& asSet() const;
+  const Dictionary& asDictionary() const;
+
+  // How a number was given. Numbers above the largest int64_t are Unsigned.
+  enum class NumberForm : uint8_t { Signed, Unsigned, Real };
+  NumberForm numberForm() const { return static_cast<NumberForm>(form_); }
+  int64_t asSigned() const;     // of a Signed number
+  uint64_t asUnsigned() const;  // of an Unsigned number
+
+  // The value of a key of a dictionary. Null when there is none, and for a value of another kind.
+  const Value* find(std::string_view key) const;
+
+  size_t hash() const noexcept;
+  friend bool operator==(const Value& left, const Value& right);
+
+  // The text for "%@". Nil is "(null)".
+  std::string description() const;
+
+ private:
+  // Every content starts with its count; which type follows is told by the kind.
+  struct Counted;
+  struct StringContent;
+  struct DataContent;
+  template <class Container>
+  struct ContainerContent;
+  union Payload {
+    bool boolean;
+    int64_t integer;
+    uint64_t natural;
+    double real;
+    Counted* content;
+    const char* characters;  // of a borrowed string
+  };
+
+  explicit Value(Kind kind) noexcept : kind_(kind) {}
+  void releaseContent() noexcept;
+  bool isBorrowed() const { return form_ == kBorrowed; }
+  template <class Container>
+  static Value container(Kind kind, Container elements);
+  template <class Container>
+  const Container& contained(Kind kind) const;
+
+  static constexpr uint8_t kBorrowed = 0xff;
+
+  Kind kind_ = Kind::Nil;
+  uint8_t form_ = 0;             // a number's form, or kBorrowed
+  uint32_t borrowedLength_ = 0;  // bytes of a borrowed string
+  Payload payload_{};
+};
+static_assert(sizeof(Value) == 16);
+
+// -1, 0 or 1 as the left moment is earlier than, the same as or later than the right one. Moments that are no numbers
+// compare as the same.
+int date_compare(const Value& left, const Value& right);
+
+}  // namespace orvane
