@@ -164,7 +164,7 @@ Value::Value(const Value& other)
   if (isBorrowed()) {
     kind_ = Kind::Nil;  // nothing to release, should making the copy fail
     *this = string(other.asString());
-  } else {
+  } else if (payload_.content != nullptr) {
     payload_.content->references.fetch_add(1, std::memory_order_relaxed);
   }
 }
@@ -172,6 +172,7 @@ Value::Value(const Value& other)
 void Value::releaseContent() noexcept {
   if (kind_ == Kind::Date || isBorrowed()) return;
   Counted* content = payload_.content;
+  if (content == nullptr) return;
   if (content->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
   switch (kind_) {
     case Kind::String: {
@@ -260,9 +261,11 @@ Value Value::data(std::span<const uint8_t> bytes) {
 
 template <class Container>
 Value Value::container(Kind kind, Container elements) {
+  Value result(kind);
+  // Empty containers have no content at all: a million hosts have a million empty dictionaries.
+  if (elements.empty()) return result;
   auto* content = new ContainerContent<Container>;
   content->elements = std::move(elements);
-  Value result(kind);
   result.payload_.content = content;
   return result;
 }
@@ -311,7 +314,7 @@ std::span<const uint8_t> Value::asData() const {
 template <class Container>
 const Container& Value::contained(Kind kind) const {
   static const Container kEmpty;
-  if (kind_ != kind) return kEmpty;
+  if (kind_ != kind || payload_.content == nullptr) return kEmpty;
   return static_cast<ContainerContent<Container>*>(payload_.content)->elements;
 }
 

@@ -1,0 +1,152 @@
+#include <memory>
+
+#include "database/db.h"
+#include "database/db_state.h"
+#include "platform/Bundle.h"
+#include "platform/PropertyList.h"
+#include "platform/ReadStream.h"
+
+namespace orvane {
+
+namespace {
+
+// What one look for a browser identifier carries from entry to entry.
+struct BrowserMatch {
+  std::string_view identifier;
+  bool found = false;
+};
+
+void match_browser_identifier(const Value& key, const Value& /*value*/, BrowserMatch* context) {
+  if (context == nullptr || !key.isString() || context->found) return;
+  // An anchored search for an empty string finds nothing on the platform, so an empty entry matches nothing, although
+  // every identifier ends with it.
+  const std::string_view ending = key.asString();
+  context->found = !ending.empty() && context->identifier.ends_with(ending);
+}
+
+// The caller holds the lock.
+void add_to_browsers_identifiers(const Value& value) {
+  if (!value.isString()) return;
+  db_browsers->try_emplace(value, Value::dictionary({}));
+}
+
+// The property list in an open stream.
+Value read_property_list(ReadStream* stream) {
+  // A deliberate bound, kept by reading once: a longer list reaches the parser cut off, and fails there. A stream that
+  // offers its own buffer is not bounded.
+  constexpr int64_t kListLimit = 1024;
+  std::unique_ptr<uint8_t[]> buffer;
+  int64_t count = 0;
+  const uint8_t* bytes = read_stream_get_buffer(stream, 0, &count);
+  if (bytes == nullptr) {
+    buffer = std::make_unique<uint8_t[]>(kListLimit);
+    count = read_stream_read(stream, buffer.get(), kListLimit);
+    if (count < 1) {
+      buffer.reset();
+      ORVANE_LOG_ERROR(db_log, "cannot read stream");
+      return nullptr;
+    }
+    bytes = buffer.get();
+  }
+  Ref<Data> data = data_create(bytes, count);
+  if (!data) {
+    ORVANE_LOG_ERROR(db_log, "cannot create data");
+    return nullptr;
+  }
+  Ref<NSError> error;
+  Value list = property_list_create_with_data(data.get(), &error);
+  if (error) ORVANE_LOG_ERROR(db_log, "error creating property list : %@", error);
+  return list;
+}
+
+}  // namespace
+
+Value load_browsers_id_file(const std::optional<std::string>& bundleURL) {
+  Ref<Bundle> bundle;
+  if (bundleURL) {
+    bundle = bundle_create(*bundleURL);
+    if (!bundle) {
+      ORVANE_LOG_ERROR(db_log, "cannot create bundle (%@)", *bundleURL);
+      return nullptr;
+    }
+  } else {
+    bundle = Ref<Bundle>::retained(bundle_get_main());
+  }
+  const std::optional<std::string> file = bundle_copy_resource_url(bundle.get(), "Browsers", "plist");
+  if (!file) {
+    ORVANE_LOG_ERROR(db_log, "browsers file not found");
+    return nullptr;
+  }
+  // The next two texts seem exchanged; they are what support knows each of the two steps by.
+  Ref<ReadStream> stream = read_stream_create_with_file(*file);
+  if (!stream) {
+    ORVANE_LOG_ERROR(db_log, "cannot open file");
+    return nullptr;
+  }
+  if (!read_stream_open(stream.get())) {
+    ORVANE_LOG_ERROR(db_log, "cannot read file");
+    return nullptr;  // never opened, so not closed
+  }
+  Value list = read_property_list(stream.get());
+  read_stream_close(stream.get());
+  return list;
+}
+
+void load_browsers_id() {
+  const Value list = load_browsers_id_file(std::nullopt);
+  if (!list.isNil()) db_browser_set_from_plist(list);
+}
+
+void db_browser_set_from_plist(const Value& plist) {
+  // Goes on after this message, so that a bad list is seen to be treated as one without elements.
+  if (!plist.isArray()) ORVANE_LOG_ERROR(db_log, "bad plist format");
+  if (plist.asArray().empty()) {
+    ORVANE_LOG_DEBUG(db_log, "empty plist file");
+    return;
+  }
+  {
+    DatabaseLock lock;
+    db_browsers->clear();
+    for (const Value& element : plist.asArray()) add_to_browsers_identifiers(element);
+  }
+  ORVANE_LOG_DEBUG(db_log, "db_browser_set_from_plist: %@", plist);
+  ORVANE_LOG_DEBUG(db_log, "db_browsers: %@", copy_of(db_browsers));
+}
+
+void db_browsers_set(const Value& identifiers) {
+  {
+    DatabaseLock lock;
+    db_browsers->clear();
+    for (const Value& member : identifiers.asSet()) add_to_browsers_identifiers(member);
+  }
+  ORVANE_LOG_DEBUG(db_log, "db_browsers_set: %@", identifiers);
+}
+
+void db_browser_add(const Value& identifier) {
+  {
+    DatabaseLock lock;
+    add_to_browsers_identifiers(identifier);
+  }
+  ORVANE_LOG_DEBUG(db_log, "db_browser_add: %@", identifier);
+}
+
+void db_browser_remove(const Value& identifier) {
+  {
+    DatabaseLock lock;
+    db_browsers->erase(identifier);
+  }
+  ORVANE_LOG_DEBUG(db_log, "db_browser_remove: %@", identifier);
+}
+
+bool db_is_browser(std::string_view identifier) {
+  BrowserMatch match{identifier};
+  {
+    // Every entry is visited, also after a match: the list is short, as its file is.
+    DatabaseLock lock;
+    for (const auto& [key, value] : *db_browsers) match_browser_identifier(key, value, &match);
+  }
+  ORVANE_LOG_DEBUG(db_log, "db_is_browser %@ : %d", identifier, static_cast<int>(match.found));
+  return match.found;
+}
+
+}  // namespace orvane

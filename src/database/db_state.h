@@ -1,0 +1,43 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/Log.h"
+#include "platform/Synchronization.h"
+#include "platform/Value.h"
+
+// What the files of the block database share. Not for anyone else.
+namespace orvane {
+
+using Table = Value::Dictionary;
+
+extern os_log_t db_log;
+extern std::unique_ptr<Table> db_spare;      // made and given up with the others; reserved
+extern std::unique_ptr<Table> db_hostnames;  // host name -> its properties, a dictionary
+extern std::unique_ptr<Table> db_browsers;   // browser identifier -> an empty dictionary
+extern RecursiveMutex db_mutex;              // guards db_hostnames and db_browsers
+
+// Holds db_mutex for a scope.
+class DatabaseLock {
+ public:
+  DatabaseLock() { db_mutex.lock(); }
+  ~DatabaseLock() {
+    if (held_) db_mutex.unlock();
+  }
+  DatabaseLock(const DatabaseLock&) = delete;
+  DatabaseLock& operator=(const DatabaseLock&) = delete;
+
+  // Gives the lock back before the end of the scope, with the status of that.
+  int unlock() {
+    held_ = false;
+    return db_mutex.unlock();
+  }
+
+ private:
+  bool held_ = true;
+};
+
+// A copy of a table for the log. The characters and the properties are shared, not copied.
+Value copy_of(const std::unique_ptr<Table>& table);
+
+}  // namespace orvane

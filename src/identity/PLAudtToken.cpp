@@ -1,0 +1,151 @@
+#include "identity/PLAudtToken.h"
+
+#include <cstring>
+
+#include "platform/Bundle.h"
+#include "platform/Process.h"
+#include "platform/Security.h"
+
+namespace orvane {
+
+namespace {
+
+bool is_audit_token(const Value& data) { return data.isData() && data.asData().size() == sizeof(audit_token_t); }
+
+// From what tells a running program apart to its bundle identifier. Every object is released in the reverse of the
+// order in which it was found, the attributes last, on every way out.
+std::optional<std::string> copy_bundle_identifier(const os_log_t& log, Ref<Dictionary> attributes) {
+  // The callers' reference would outlive the objects below; this one is declared first, so it goes last.
+  const Ref<Dictionary> held = std::move(attributes);
+
+  Ref<SecCode> code;
+  OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, held.get(), kDefaultFlags, code.out());
+  if (status != 0 || !code) {
+    // Also with a status of 0: then the missing output is the failure, and both lines together say so.
+    ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
+    if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
+    return std::nullopt;
+  }
+
+  Ref<SecStaticCode> staticCode;
+  status = SecCodeCopyStaticCode(code.get(), kDefaultFlags, staticCode.out());
+  if (status != 0 || !staticCode) {
+    ORVANE_LOG_DEBUG(log, "SecCodeCopyStaticCode = %d", status);
+    if (!staticCode) ORVANE_LOG_DEBUG(log, "staticCodeRef == NULL");
+    return std::nullopt;
+  }
+
+  // The property list belongs to the information that is given without being asked for.
+  Ref<Dictionary> information;
+  status = SecCodeCopySigningInformation(staticCode.get(), kDefaultFlags, information.out());
+  if (status != 0 || !information) {
+    ORVANE_LOG_DEBUG(log, "SecCodeCopySigningInformation = %d", status);
+    if (!information) ORVANE_LOG_DEBUG(log, "signInfoRef == NULL");
+    return std::nullopt;
+  }
+
+  const Dictionary* propertyList = dictionary_get_dictionary(information.get(), kSecCodeInfoPList);
+  if (propertyList == nullptr) return std::nullopt;
+  return dictionary_copy_string(propertyList, kCFBundleIdentifierKey);
+}
+
+}  // namespace
+
+Ref<PLAudtToken> PLAudtToken::initWithData(const Value& data) {
+  auto token = Ref<PLAudtToken>::adopt(new PLAudtToken);
+  if (!token->initialise()) return nullptr;
+  token->_log = os_log_create(kBundleIdentifier, "PLAudtToken");
+  token->setAuditTokenData(data);
+  return token;
+}
+
+Value PLAudtToken::auditTokenData() const {
+  std::lock_guard lock(auditTokenDataLock_);
+  return _auditTokenData;
+}
+
+void PLAudtToken::setAuditTokenData(Value data) {
+  std::lock_guard lock(auditTokenDataLock_);
+  std::swap(_auditTokenData, data);
+}
+
+std::optional<std::string> PLAudtToken::bundleIdentifier() const {
+  const Value data = auditTokenData();
+  if (!is_audit_token(data)) {
+    ORVANE_LOG_DEBUG(_log, "bad auditToken size");
+    return std::nullopt;
+  }
+  return copy_bundle_identifier(_log, dictionary_create(GuestAttribute::Audit, data));
+}
+
+std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) const {
+  Ref<Number> number = number_create(pid);
+  if (!number) {
+    ORVANE_LOG_DEBUG(_log, "cfNumberPid == NULL");
+    return std::nullopt;
+  }
+  std::optional<std::string> identifier = copy_bundle_identifier(_log, dictionary_create(GuestAttribute::Pid, number));
+  // Never released: a number of this size is an immediate value, whose release would do nothing.
+  (void)number.detach();
+  return identifier;
+}
+
+std::optional<std::string> PLAudtToken::responsibleBundleIdentifier() const {
+  const Value data = auditTokenData();
+  // Whoever asks has been told by bundleIdentifier of a token of the wrong size. A longer one still starts with a
+  // token; from a shorter one nothing can be read.
+  audit_token_t token;
+  if (data.asData().size() < sizeof token) return std::nullopt;
+  std::memcpy(&token, data.asData().data(), sizeof token);
+  return bundleIdentifierFromPid(responsibility_get_pid_responsible_for_pid(audit_token_to_pid(token)));
+}
+
+std::optional<std::string> PLAudtToken::applicationPathFromAuditToken(const Value& auditToken) const {
+  if (!is_audit_token(auditToken)) {
+    ORVANE_LOG_DEBUG(_log, "bad auditToken size");
+    return std::nullopt;
+  }
+  // The objects found here are never released, on any path: nobody asks often enough for them to add up, and a path
+  // that outlives its objects cannot be pulled from under the caller. One message for each failure, the status before
+  // the output.
+  Ref<SecCode> codeOut;
+  Ref<Dictionary> attributes = dictionary_create(GuestAttribute::Audit, auditToken);
+  OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, codeOut.out());
+  attributes = nullptr;
+  SecCode* const code = codeOut.detach();
+  if (status != 0) {
+    ORVANE_LOG_DEBUG(_log, "SecCodeCopyGuestWithAttributes = %d", status);
+    return std::nullopt;
+  }
+  if (code == nullptr) {
+    ORVANE_LOG_DEBUG(_log, "codeRef == NULL");
+    return std::nullopt;
+  }
+
+  Ref<SecStaticCode> staticCodeOut;
+  status = SecCodeCopyStaticCode(code, kDefaultFlags, staticCodeOut.out());
+  SecStaticCode* const staticCode = staticCodeOut.detach();
+  if (status != 0) {
+    ORVANE_LOG_DEBUG(_log, "SecCodeCopyStaticCode = %d", status);
+    return std::nullopt;
+  }
+  if (staticCode == nullptr) {
+    ORVANE_LOG_DEBUG(_log, "staticCodeRef == NULL");
+    return std::nullopt;
+  }
+
+  Ref<CodeURL> urlOut;
+  status = SecCodeCopyPath(staticCode, kDefaultFlags, urlOut.out());
+  CodeURL* const url = urlOut.detach();
+  if (status != 0) {
+    ORVANE_LOG_DEBUG(_log, "SecCodeCopyPath = %d", status);
+    return std::nullopt;
+  }
+  if (url == nullptr) {
+    ORVANE_LOG_DEBUG(_log, "urlRef == NULL");
+    return std::nullopt;
+  }
+  return url_copy_file_system_path(url);
+}
+
+}  // namespace orvane

@@ -1,0 +1,38 @@
+#include "service/XPCServiceDelegate.h"
+
+#include "platform/Bundle.h"
+#include "platform/Log.h"
+#include "service/OrvaneController.h"
+
+namespace orvane {
+
+Ref<XPCServiceDelegate> XPCServiceDelegate::init() {
+  auto delegate = Ref<XPCServiceDelegate>::adopt(new XPCServiceDelegate);
+  return delegate->initialise() ? delegate : nullptr;
+}
+
+Value XPCServiceDelegate::systemExtensionMachServiceName() {
+  const Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
+  // Looked at and not acted on: what is wrong with a name is for the listener to say, who can also say why.
+  (void)name.isString();
+  return name;
+}
+
+bool XPCServiceDelegate::shouldAcceptNewConnection(NSXPCListener& /*listener*/, NSXPCConnection& newConnection) {
+  newConnection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
+  newConnection.setExportedObject(OrvaneController::shared());
+  newConnection.activate();
+  // After the activation: an end that comes before its handler is reported once the handler is there, so none is lost,
+  // and the first message need not wait for either.
+  newConnection.setInvalidationHandler([] {
+    ORVANE_LOG_DEFAULT(default_log(), "connection invalidated");
+    OrvaneController::shared()->stop();
+  });
+  newConnection.setInterruptionHandler([] {
+    ORVANE_LOG_DEFAULT(default_log(), "connection interrupted");
+    OrvaneController::shared()->stop();
+  });
+  return true;
+}
+
+}  // namespace orvane
