@@ -36,14 +36,14 @@ void db_term() {
 
 Value copy_of(const std::unique_ptr<Table>& table) {
   DatabaseLock lock;
-  return Value::dictionary(*table);
+  return table->dictionary();
 }
 
 namespace {
 
 void add_to_hostnames(Table& hostnames, const Value& value) {
   if (!value.isString()) return;
-  hostnames.try_emplace(value, Value::dictionary({}));
+  hostnames.addIfAbsent(value, Value::dictionary({}));
 }
 
 }  // namespace
@@ -85,7 +85,7 @@ bool db_has_hostname(std::string_view hostname) {
   bool held = false;
   {
     DatabaseLock lock;
-    held = db_hostnames->contains(Value::borrowed(hostname));
+    held = db_hostnames->find(Value::borrowed(hostname)) != nullptr;
   }
   ORVANE_LOG_DEBUG(db_log, "db_has_hostname %@ : %d", hostname, static_cast<int>(held));
   return held;

@@ -27,7 +27,7 @@ void match_browser_identifier(const Value& key, const Value& /*value*/, BrowserM
 // The caller holds the lock.
 void add_to_browsers_identifiers(const Value& value) {
   if (!value.isString()) return;
-  db_browsers->try_emplace(value, Value::dictionary({}));
+  db_browsers->addIfAbsent(value, Value::dictionary({}));
 }
 
 // The property list in an open stream.
@@ -143,7 +143,7 @@ bool db_is_browser(std::string_view identifier) {
   {
     // Every entry is visited, also after a match: the list is short, as its file is.
     DatabaseLock lock;
-    for (const auto& [key, value] : *db_browsers) match_browser_identifier(key, value, &match);
+    db_browsers->forEach([&](const Value& key, const Value& value) { match_browser_identifier(key, value, &match); });
   }
   ORVANE_LOG_DEBUG(db_log, "db_is_browser %@ : %d", identifier, static_cast<int>(match.found));
   return match.found;

@@ -9,9 +9,9 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
   // Values never change, so sharing the dictionary is as good as a copy of it.
   Value stored = properties.isDictionary() ? properties : Value::dictionary({});
   DatabaseLock lock;
-  if (auto host = db_hostnames->find(hostname); host != db_hostnames->end()) {
+  if (Value* const current = db_hostnames->find(hostname)) {
     // The old properties leave with `stored`, after the lock has been given back.
-    std::swap(host->second, stored);
+    std::swap(*current, stored);
   } else {
     // "_dictionary", unlike the function's name: what is searched for in logs already kept.
     ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties_dictionary: hostname %@ not found", hostname);
@@ -23,16 +23,16 @@ namespace {
 
 // The properties of a host. Null, after a message, when it has none. The caller holds the lock.
 const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
-  auto host = db_hostnames->find(Value::borrowed(hostname));
-  if (host == db_hostnames->end() || host->second.isNil()) {
+  const Value* properties = db_hostnames->find(Value::borrowed(hostname));
+  if (properties == nullptr || properties->isNil()) {
     ORVANE_LOG_DEBUG(db_log, "db_hostname_get_properties_dictionary: %@ not found", hostname);
     return nullptr;
   }
-  if (!host->second.isDictionary()) {
+  if (!properties->isDictionary()) {
     ORVANE_LOG_DEBUG(db_log, "db_hostname_get_properties_dictionary: %@ has not properties dictionary", hostname);
     return nullptr;
   }
-  return &host->second;
+  return properties;
 }
 
 }  // namespace

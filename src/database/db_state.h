@@ -2,14 +2,13 @@
 
 #include <memory>
 
+#include "database/Table.h"
 #include "platform/Log.h"
 #include "platform/Synchronization.h"
 #include "platform/Value.h"
 
 // What the files of the block database share. Not for anyone else.
 namespace orvane {
-
-using Table = Value::Dictionary;
 
 extern os_log_t db_log;
 extern std::unique_ptr<Table> db_spare;      // made and given up with the others; reserved

@@ -41,6 +41,8 @@ class ObjectMonitor {
 // A recursive lock that is an object.
 class NSRecursiveLock : public NSObject {
  public:
+  NSRecursiveLock() { mutex_.initialise(); }
+
   void lock();
   void unlock();
 

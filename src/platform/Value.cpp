@@ -18,7 +18,6 @@ struct Value::Counted {
 // One block of memory: the characters follow the header.
 struct Value::StringContent : Counted {
   uint32_t length = 0;
-  size_t hash = 0;
   char* characters() { return reinterpret_cast<char*>(this + 1); }
 };
 
@@ -33,7 +32,7 @@ struct Value::ContainerContent : Counted {
 
 namespace {
 
-size_t hash_of(std::string_view text) { return std::hash<std::string_view>()(text); }
+uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(std::hash<std::string_view>()(text)); }
 
 // The whole part of a real number, where there is an integer type that holds it exactly.
 bool exact_signed(double real, int64_t* integer) {
@@ -159,7 +158,11 @@ void append_description(std::string& text, const Value& value, size_t depth) {
 }  // namespace
 
 Value::Value(const Value& other)
-    : kind_(other.kind_), form_(other.form_), borrowedLength_(other.borrowedLength_), payload_(other.payload_) {
+    : kind_(other.kind_),
+      form_(other.form_),
+      borrowedLength_(other.borrowedLength_),
+      stringHash_(other.stringHash_),
+      payload_(other.payload_) {
   if (kind_ < Kind::String || kind_ == Kind::Date) return;
   if (isBorrowed()) {
     kind_ = Kind::Nil;  // nothing to release, should making the copy fail
@@ -230,17 +233,19 @@ Value Value::string(std::string_view text) {
   if (text.size() > UINT32_MAX) throw std::bad_alloc();
   auto* content = new (::operator new(sizeof(StringContent) + text.size())) StringContent;
   content->length = static_cast<uint32_t>(text.size());
-  content->hash = hash_of(text);
   if (!text.empty()) std::memcpy(content->characters(), text.data(), text.size());
   Value result(Kind::String);
+  result.stringHash_ = hash_of(text);
   result.payload_.content = content;
   return result;
 }
 
-Value Value::borrowed(std::string_view text) noexcept {
+Value Value::borrowed(std::string_view text) {
+  if (text.size() > UINT16_MAX) return string(text);
   Value result(Kind::String);
   result.form_ = kBorrowed;
-  result.borrowedLength_ = static_cast<uint32_t>(std::min<size_t>(text.size(), UINT32_MAX));
+  result.borrowedLength_ = static_cast<uint16_t>(text.size());
+  result.stringHash_ = hash_of(text);
   result.payload_.characters = text.data();
   return result;
 }
@@ -328,7 +333,7 @@ const Value* Value::find(std::string_view key) const {
   return entry == entries.end() ? nullptr : &entry->second;
 }
 
-size_t Value::hash() const noexcept {
+size_t Value::hashOfOthers() const noexcept {
   switch (kind_) {
     case Kind::Boolean:
       return payload_.boolean ? 1 : 0;
@@ -337,8 +342,6 @@ size_t Value::hash() const noexcept {
       return std::hash<double>()(asReal());
     case Kind::Date:
       return std::hash<double>()(payload_.real);
-    case Kind::String:
-      return isBorrowed() ? hash_of(asString()) : static_cast<StringContent*>(payload_.content)->hash;
     case Kind::Data: {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
@@ -350,14 +353,15 @@ size_t Value::hash() const noexcept {
       return asSet().size();
     case Kind::Dictionary:
       return asDictionary().size();
+    case Kind::String:
     case Kind::Nil:
       break;
   }
   return 0;
 }
 
-bool operator==(const Value& left, const Value& right) {
-  if (left.kind_ != right.kind_) return false;
+bool Value::equals(const Value& right) const {
+  const Value& left = *this;
   switch (left.kind_) {
     case Value::Kind::Nil:
       return true;

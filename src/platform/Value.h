@@ -34,6 +34,7 @@ class Value {
       : kind_(std::exchange(other.kind_, Kind::Nil)),
         form_(other.form_),
         borrowedLength_(other.borrowedLength_),
+        stringHash_(std::exchange(other.stringHash_, 0)),
         payload_(other.payload_) {}
   ~Value() {
     if (kind_ >= Kind::String) releaseContent();
@@ -42,6 +43,7 @@ class Value {
     std::swap(kind_, other.kind_);
     std::swap(form_, other.form_);
     std::swap(borrowedLength_, other.borrowedLength_);
+    std::swap(stringHash_, other.stringHash_);
     std::swap(payload_, other.payload_);
     return *this;
   }
@@ -57,9 +59,9 @@ class Value {
   static Value set(Set members);
   static Value dictionary(Dictionary entries);
 
-  // A string for a look-up: it refers to the caller's characters, so that nothing is allocated. Valid as long as they
-  // are; a copy of it has characters of its own.
-  static Value borrowed(std::string_view text) noexcept;
+  // A string for a look-up: it refers to the caller's characters, so that nothing is allocated (unless there are more
+  // than 65535 of them). Valid as long as they are; a copy of it has characters of its own.
+  static Value borrowed(std::string_view text);
 
   Kind kind() const { return kind_; }
   bool isNil() const { return kind_ == Kind::Nil; }
@@ -90,8 +92,12 @@ class Value {
   // The value of a key of a dictionary. Null when there is none, and for a value of another kind.
   const Value* find(std::string_view key) const;
 
-  size_t hash() const noexcept;
-  friend bool operator==(const Value& left, const Value& right);
+  size_t hash() const noexcept { return kind_ == Kind::String ? stringHash_ : hashOfOthers(); }
+  friend bool operator==(const Value& left, const Value& right) {
+    // Nearly every pair of different strings is told apart here, without a look at their characters.
+    if (left.kind_ != right.kind_ || left.stringHash_ != right.stringHash_) return false;
+    return left.equals(right);
+  }
 
   // The text for "%@". Nil is "(null)".
   std::string description() const;
@@ -104,16 +110,18 @@ class Value {
   template <class Container>
   struct ContainerContent;
   union Payload {
+    Counted* content = nullptr;
     bool boolean;
     int64_t integer;
     uint64_t natural;
     double real;
-    Counted* content;
     const char* characters;  // of a borrowed string
   };
 
   explicit Value(Kind kind) noexcept : kind_(kind) {}
   void releaseContent() noexcept;
+  size_t hashOfOthers() const noexcept;
+  bool equals(const Value& other) const;
   bool isBorrowed() const { return form_ == kBorrowed; }
   template <class Container>
   static Value container(Kind kind, Container elements);
@@ -124,7 +132,8 @@ class Value {
 
   Kind kind_ = Kind::Nil;
   uint8_t form_ = 0;             // a number's form, or kBorrowed
-  uint32_t borrowedLength_ = 0;  // bytes of a borrowed string
+  uint16_t borrowedLength_ = 0;  // bytes of a borrowed string
+  uint32_t stringHash_ = 0;      // of a string's characters, so that a table need not look at them; else 0
   Payload payload_{};
 };
 static_assert(sizeof(Value) == 16);

@@ -76,7 +76,7 @@ TEST_F(BrowsersTest, KeepsTheStringsOfTheListAndReplacesTheOldOnes) {
   EXPECT_FALSE(db_is_browser("old"));
   ASSERT_EQ(messages.size(), 2U);
   EXPECT_EQ(messages[0], "Database: db_browser_set_from_plist: " + files().propertyList.description());
-  EXPECT_EQ(messages[1], "Database: db_browsers: " + Value::dictionary(*db_browsers).description());
+  EXPECT_EQ(messages[1], "Database: db_browsers: " + db_browsers->dictionary().description());
 
   // An empty list and one of the wrong type change nothing.
   files().propertyList = Value::array({});

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <set>
 #include <thread>
 
 #include "database/Database.h"
@@ -71,6 +72,28 @@ TEST_F(HostnamesTest, ValuesOfWrongTypesAddNothing) {
   }
   db_hostname_set(Value::set({Value::number(7), text("a.example"), nullptr}));
   EXPECT_EQ(db_hostnames->size(), 1U);
+}
+
+TEST_F(HostnamesTest, KeepsEveryOtherNameThroughAnyOrderOfEdits) {
+  // Against the plainest table there is, over few enough names that they collide and wrap.
+  stand_in::log().enabled[LogLevel::Debug] = false;
+  std::set<std::string> expected;
+  uint32_t random = 1;
+  for (int step = 0; step < 20000; ++step) {
+    random = random * 1664525 + 1013904223;
+    const std::string name = std::to_string(random >> 16 & 0x3f);
+    if ((random >> 30) < 2) {
+      db_hostname_add(text(name));
+      expected.insert(name);
+    } else {
+      db_hostname_remove(text(name));
+      expected.erase(name);
+    }
+    ASSERT_EQ(db_hostnames->size(), expected.size());
+    if (step % 50 != 0) continue;
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(db_has_hostname(std::to_string(i)), expected.contains(std::to_string(i)));
+    ASSERT_EQ(db_hostnames->dictionary().asDictionary().size(), expected.size());
+  }
 }
 
 TEST_F(HostnamesTest, SaysWhatItDidAfterGivingTheLockBack) {

@@ -56,7 +56,7 @@ TEST_F(PropertiesTest, AHostWithoutADictionaryStaysBlockable) {
     const char* message;
   } cases[] = {{nullptr, "not found"}, {text("x"), "has not properties dictionary"}};
   for (const auto& c : cases) {
-    (*db_hostnames)[text("a.example")] = c.stored;
+    *db_hostnames->find(text("a.example")) = c.stored;
     bool blockable = false;
     Strings messages = ask(&blockable);
     EXPECT_TRUE(blockable);

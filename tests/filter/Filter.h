@@ -15,8 +15,6 @@ inline constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13,
 // Runs with a browser, a helper that works for it, another program, and "held.example" in the database.
 class FilterTest : public testing::Test {
  protected:
-  using Strings = std::vector<std::string>;
-
   FilterTest() {
     stand_in::reset();
     stand_in::files().resourceMissing = true;
@@ -49,11 +47,12 @@ class FilterTest : public testing::Test {
     return flow;
   }
 
-  // The messages of one category since the last call, without its name.
-  static Strings messages(const std::string& category) {
-    Strings found;
+  // The messages of one category since the last call, without its name, joined by " | ".
+  static std::string messages(const std::string& category) {
+    std::string found;
     for (const std::string& line : stand_in::take_log()) {
-      if (line.starts_with(category + ": ")) found.push_back(line.substr(category.size() + 2));
+      if (!line.starts_with(category + ": ")) continue;
+      found += (found.empty() ? "" : " | ") + line.substr(category.size() + 2);
     }
     return found;
   }

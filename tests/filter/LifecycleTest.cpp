@@ -25,27 +25,22 @@ TYPED_TEST(LifecycleTest, AppliesItsRulesAndAllowsTheRest) {
     EXPECT_FALSE(error);
   });
   EXPECT_EQ(completions, 1);
-  EXPECT_EQ(this->messages(this->category), std::vector<std::string>{"start filter"});
+  EXPECT_EQ(this->messages(this->category), "start filter");
 
-  struct Expected {
-    const char* port;
-    NENetworkRuleProtocol protocol;
-  };
-  std::vector<Expected> expected{{"80", NENetworkRuleProtocol::TCP}, {"443", NENetworkRuleProtocol::TCP}};
+  std::vector<std::pair<const char*, NENetworkRuleProtocol>> expected{{"80", NENetworkRuleProtocol::TCP},
+                                                                      {"443", NENetworkRuleProtocol::TCP}};
   if (this->kGeneral) expected.insert(expected.begin(), {"53", NENetworkRuleProtocol::Any});
   ASSERT_TRUE(filter().applied);
   EXPECT_EQ(filter().applied->defaultAction, NEFilterAction::Allow);
   ASSERT_EQ(filter().applied->rules.size(), expected.size());
   for (size_t i = 0; i < expected.size(); ++i) {
-    const NEFilterRule& rule = filter().applied->rules[i];
-    EXPECT_EQ(rule.action, NEFilterAction::FilterData);
-    EXPECT_EQ(rule.networkRule.remoteNetwork->hostname(), "");
-    EXPECT_EQ(rule.networkRule.remoteNetwork->port(), expected[i].port);
-    EXPECT_EQ(rule.networkRule.remotePrefix, 0U);
-    EXPECT_FALSE(rule.networkRule.localNetwork);
-    EXPECT_EQ(rule.networkRule.localPrefix, 0U);
-    EXPECT_EQ(rule.networkRule.protocol, expected[i].protocol);
-    EXPECT_EQ(rule.networkRule.direction, NETrafficDirection::Outbound);
+    const auto& [network, action] = filter().applied->rules[i];
+    EXPECT_EQ(action, NEFilterAction::FilterData);
+    EXPECT_EQ(network.remoteNetwork->hostname(), "");
+    EXPECT_EQ(network.remoteNetwork->port(), expected[i].first);
+    EXPECT_EQ(network.protocol, expected[i].second);
+    EXPECT_EQ(network.direction, NETrafficDirection::Outbound);
+    EXPECT_TRUE(network.remotePrefix == 0 && network.localPrefix == 0 && !network.localNetwork);
   }
 }
 
@@ -74,7 +69,7 @@ TYPED_TEST(LifecycleTest, StopsAtOnceForAnyReason) {
     int completions = 0;
     provider->stopFilterWithReason(reason, [&] { ++completions; });
     EXPECT_EQ(completions, 1);
-    EXPECT_EQ(this->messages(this->category), std::vector<std::string>{"stop filter"});
+    EXPECT_EQ(this->messages(this->category), "stop filter");
   }
 }
 

@@ -1,0 +1,158 @@
+// The control channel: a ping against the least that a question over a Unix-domain socket costs, and edits of one
+// client and of several, carried out by the real control object.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "companion/Client.h"
+#include "database/db.h"
+#include "platform/XPC.h"
+#include "service/OrvaneController.h"
+
+namespace orvane {
+namespace {
+
+class Delegate final : public NSXPCListenerDelegate {
+ public:
+  bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
+    connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
+    connection.setExportedObject(OrvaneController::shared());
+    connection.activate();
+    return true;
+  }
+};
+
+// An extension's side of the channel, in a folder of its own, for as long as the program runs.
+class Extension {
+ public:
+  Extension() : delegate_(Ref<Delegate>::adopt(new Delegate)) {
+    std::string folder = (std::filesystem::temp_directory_path() / "orvane-ping-XXXXXX").string();
+    if (mkdtemp(folder.data()) == nullptr) std::abort();
+    folder_ = folder;
+    setenv("RUNTIME_DIRECTORY", folder.c_str(), 1);
+    db_init();
+    listener_ = NSXPCListener::initWithMachServiceName(Value::string("service"));
+    listener_->setDelegate(delegate_.get());
+    listener_->resume();
+  }
+  ~Extension() {
+    listener_ = nullptr;
+    std::filesystem::remove_all(folder_);
+  }
+  Extension(const Extension&) = delete;
+  Extension& operator=(const Extension&) = delete;
+
+  std::unique_ptr<Client> client() const {
+    return connect_client({.service = "", .socket = (folder_ / "service").string()});
+  }
+
+ private:
+  std::filesystem::path folder_;
+  Ref<Delegate> delegate_;
+  Ref<NSXPCListener> listener_;
+};
+
+const Extension& extension() {
+  static const Extension kExtension;
+  return kExtension;
+}
+
+// A thread that sends back what it gets.
+class BareEcho {
+ public:
+  BareEcho() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()) != 0) std::abort();
+    thread_ = std::thread([socket = ends_[1]] {
+      std::array<char, 64> message;
+      for (ssize_t got; (got = recv(socket, message.data(), message.size(), 0)) > 0;) {
+        send(socket, message.data(), static_cast<size_t>(got), MSG_NOSIGNAL);
+      }
+    });
+  }
+  ~BareEcho() {
+    shutdown(ends_[0], SHUT_RDWR);
+    thread_.join();
+    for (int end : ends_) close(end);
+  }
+  BareEcho(const BareEcho&) = delete;
+  BareEcho& operator=(const BareEcho&) = delete;
+
+  void ask() {
+    std::array<char, 64> message{};
+    send(ends_[0], message.data(), message.size(), MSG_NOSIGNAL);
+    recv(ends_[0], message.data(), message.size(), MSG_WAITALL);
+  }
+
+ private:
+  std::array<int, 2> ends_;
+  std::thread thread_;
+};
+
+double median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<ptrdiff_t>(values.size() / 2), values.end());
+  return values[values.size() / 2];
+}
+
+// Both in turn, so that whatever else the machine does meanwhile falls on both; and the median of many turns.
+void PingAgainstBareEcho(benchmark::State& state) {
+  using Clock = std::chrono::steady_clock;
+  auto client = extension().client();
+  BareEcho echo;
+  std::vector<double> pings, echoes;
+  constexpr int kInTurn = 50;
+  auto microseconds = [](Clock::duration turn) {
+    return std::chrono::duration<double, std::micro>(turn).count() / kInTurn;
+  };
+  for (auto _ : state) {
+    auto begin = Clock::now();
+    for (int i = 0; i < kInTurn; ++i) client->ping();
+    auto middle = Clock::now();
+    for (int i = 0; i < kInTurn; ++i) echo.ask();
+    auto end = Clock::now();
+    pings.push_back(microseconds(middle - begin));
+    echoes.push_back(microseconds(end - middle));
+    state.SetIterationTime(std::chrono::duration<double>(middle - begin).count());
+  }
+  state.counters["ping_us"] = median(pings);
+  state.counters["echo_us"] = median(echoes);
+  state.counters["times_echo"] = median(pings) / median(echoes);
+}
+
+// One edit at a time, each client on a thread of its own.
+void Edits(benchmark::State& state) {
+  auto client = extension().client();
+  Value name = Value::string("host-" + std::to_string(state.thread_index()) + ".example.org");
+  for (auto _ : state) client->addHostname(name);
+  state.SetItemsProcessed(state.iterations());
+}
+
+// A thousand edits under way at once.
+void EditsInAList(benchmark::State& state) {
+  auto client = extension().client();
+  std::vector<std::string> names;
+  for (int i = 0; i < 1000; ++i) {
+    names.push_back("host-" + std::to_string(state.thread_index()) + "-" + std::to_string(i) + ".example.org");
+  }
+  for (auto _ : state) client->addHostnames(names);
+  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(names.size()));
+}
+
+BENCHMARK(PingAgainstBareEcho)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(Edits)->Threads(1)->Threads(4)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(EditsInAList)->Threads(1)->Threads(4)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace orvane
+
+BENCHMARK_MAIN();

@@ -1,0 +1,96 @@
+// A verdict on a new flow against the look-ups that it is made of, and a dump of a chunk that does not parse.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "database/db.h"
+#include "diagnostics/os_log_dump.h"
+#include "filter/FilterDataProvider.h"
+#include "identity/PLAudtToken.h"
+#include "platform/linux/ProcessInformation.h"
+
+namespace orvane {
+namespace {
+
+Value own_token() {
+  const audit_token_t token = audit_token_of_process(getpid()).value();
+  uint8_t bytes[sizeof token];
+  std::memcpy(bytes, &token, sizeof token);
+  return Value::data(bytes);
+}
+
+// A flow of this very process.
+class OwnFlow : public NEFilterSocketFlow {
+ public:
+  Value sourceAppAuditToken() const override { return token_; }
+  Ref<NSURL> URL() const override { return nullptr; }
+  Ref<NWEndpoint> remoteEndpoint() const override { return endpoint_; }
+  std::optional<std::string> remoteHostname() const override { return "held.example"; }
+  int32_t socketType() const override { return 1; }
+
+ private:
+  Value token_ = own_token();
+  Ref<NWEndpoint> endpoint_ = NWHostEndpoint::endpointWithHostname("192.0.2.1", "443");
+};
+
+const std::string& own_identifier() {
+  static const std::string identifier = [] {
+    db_init();
+    const auto found = PLAudtToken::auditTokenWithData(own_token())->bundleIdentifier();
+    db_browser_add(Value::string(*found));
+    db_hostname_add(Value::string("held.example"));
+    return *found;
+  }();
+  return identifier;
+}
+
+// Who opened the flow, and whether that is a browser.
+void IdentityLookUp(benchmark::State& state) {
+  own_identifier();
+  const Value token = own_token();
+  for (auto _ : state) {
+    const auto identifier = PLAudtToken::auditTokenWithData(token)->bundleIdentifier();
+    benchmark::DoNotOptimize(db_is_browser(*identifier));
+  }
+}
+
+void HostLookUp(benchmark::State& state) {
+  own_identifier();
+  for (auto _ : state) benchmark::DoNotOptimize(db_has_hostname("held.example"));
+}
+
+void NewFlowVerdict(benchmark::State& state) {
+  own_identifier();
+  const auto provider = FilterDataProvider::init();
+  const auto flow = Ref<OwnFlow>::adopt(new OwnFlow);
+  for (auto _ : state) benchmark::DoNotOptimize(provider->handleNewFlow(*flow));
+}
+
+void DumpWithDebugOff(benchmark::State& state) {
+  const os_log_t log = os_log_create("bench", "bench");
+  const std::string data(16384, 'x');
+  for (auto _ : state) os_log_dump(log, "prefix:", 2, 32, 1, data.data(), data.size(), true);
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.size()));
+}
+
+void CopyOfTheSameBytes(benchmark::State& state) {
+  const std::string data(16384, 'x');
+  std::string copy(data.size(), '\0');
+  for (auto _ : state) {
+    std::memcpy(copy.data(), data.data(), data.size());
+    benchmark::DoNotOptimize(copy.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * data.size()));
+}
+
+BENCHMARK(IdentityLookUp);
+BENCHMARK(HostLookUp);
+BENCHMARK(NewFlowVerdict);
+BENCHMARK(DumpWithDebugOff);
+BENCHMARK(CopyOfTheSameBytes);
+
+}  // namespace
+}  // namespace orvane
+
+BENCHMARK_MAIN();

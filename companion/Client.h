@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+
+#include "platform/Value.h"
+
+namespace orvane {
+
+inline constexpr const char* kDefaultServiceName = "org.orvane.OrvaneSE";
+
+// What could not be done. The text is a whole sentence for the user: what failed, on what, and what to do about it.
+class ClientError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct ClientOptions {
+  std::string service = kDefaultServiceName;
+  // The socket to use, where the system has such a thing. Empty: the one that bears the service's name, in the first
+  // directory that holds one.
+  std::string socket;
+};
+
+// A connection to a running extension. Each call returns once the extension has carried it out, so what one client did
+// before is seen by whatever comes after. Arguments are sent as they are: the extension takes nil and values of other
+// types than the named ones, too. Not thread-safe.
+//
+// Every call may throw ClientError; once one has, the connection is of no further use, unless the error said that the
+// argument was too large to be sent.
+class Client {
+ public:
+  // Bytes handed to the system so far, and bytes in all.
+  using Progress = std::function<void(uint64_t sent, uint64_t total)>;
+
+  virtual ~Client() = default;
+
+  virtual bool ping() = 0;
+  virtual bool appFilterState() = 0;
+  virtual void start() = 0;
+  virtual void stop() = 0;
+  virtual void addApplicationIdentifier(const Value& identifier) = 0;                 // a string
+  virtual void removeApplicationIdentifier(const Value& identifier) = 0;              // a string
+  virtual void setApplicationIdentifiers(const Value& identifiers) = 0;               // an array
+  virtual void addHostname(const Value& hostname) = 0;                                // a string
+  virtual void removeHostname(const Value& hostname) = 0;                             // a string
+  virtual void setHostnames(const Value& hostnames) = 0;                              // a set of strings
+  virtual void setProperties(const Value& properties, const Value& forHostname) = 0;  // a dictionary, a string
+  virtual uint64_t changesCount() = 0;
+
+  // The same edits for lists of names. addHostnames and removeHostnames send one message for each name without waiting
+  // for the one before, and return when all are carried out, in order. setHostnames sends one message with the names
+  // as they stand, without making a set of them first (the extension does: duplicates collapse); `progress`, where
+  // given, is called now and then while it is being sent.
+  virtual void addHostnames(std::span<const std::string> hostnames) = 0;
+  virtual void removeHostnames(std::span<const std::string> hostnames) = 0;
+  virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
+};
+
+// Connects to the extension. Throws ClientError when none can be reached.
+std::unique_ptr<Client> connect_client(const ClientOptions& options);
+
+}  // namespace orvane

@@ -1,0 +1,273 @@
+#include "Commands.h"
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "Client.h"
+#include "HostnameList.h"
+#include "Input.h"
+#include "Properties.h"
+#include "ProtocolCall.h"
+
+namespace orvane {
+namespace {
+
+// What the command line gives, for all commands.
+struct Arguments {
+  ClientOptions client;
+  std::vector<std::string> hosts;
+  std::string file;
+  std::string host;
+  std::optional<std::string> properties;
+  std::optional<std::string> until;
+  double interval = 1;  // seconds
+  std::string method;
+  std::vector<std::string> methodArguments;
+};
+
+using Command = int (*)(const Arguments&);
+
+void print_error(const std::string& text) { std::fprintf(stderr, "orvanectl: %s\n", text.c_str()); }
+
+// Reports what was refused; `source` is the file's name, or null where the names are arguments. True when all are good.
+bool report_refusals(const HostnameList& list, const char* source) {
+  for (const auto& refused : list.refused) {
+    std::string where = source == nullptr ? "" : std::string(source) + ":" + std::to_string(refused.line) + ": ";
+    print_error("not a host name: " + where + in_quotes(refused.text) + ": " + refused.fault);
+  }
+  if (list.refusedCount == 0) return true;
+  size_t total = list.refusedCount + list.names.size();
+  print_error("nothing sent: " + std::to_string(list.refusedCount) + " of " + std::to_string(total) +
+              " names refused: correct them and run the command again");
+  return false;
+}
+
+HostnameList check_arguments(const std::vector<std::string>& hosts) {
+  HostnameList list;
+  for (const std::string& host : hosts) list.add(list.names.size() + 1, host);
+  return list;
+}
+
+int ping(const Arguments& arguments) {
+  if (!connect_client(arguments.client)->ping()) {
+    print_error("ping failed: the extension answered no: restart it");
+    return kCouldNot;
+  }
+  std::puts("pong");
+  return kDone;
+}
+
+int state(const Arguments& arguments) {
+  std::puts(connect_client(arguments.client)->appFilterState() ? "active" : "inactive");
+  return kDone;
+}
+
+int changes(const Arguments& arguments) {
+  std::puts(std::to_string(connect_client(arguments.client)->changesCount()).c_str());
+  return kDone;
+}
+
+int start(const Arguments& arguments) {
+  connect_client(arguments.client)->start();
+  return kDone;
+}
+
+int stop(const Arguments& arguments) {
+  connect_client(arguments.client)->stop();
+  return kDone;
+}
+
+int add(const Arguments& arguments) {
+  HostnameList list = check_arguments(arguments.hosts);
+  if (!report_refusals(list, nullptr)) return kUsage;
+  connect_client(arguments.client)->addHostnames(list.names);
+  return kDone;
+}
+
+int remove(const Arguments& arguments) {
+  HostnameList list = check_arguments(arguments.hosts);
+  if (!report_refusals(list, nullptr)) return kUsage;
+  connect_client(arguments.client)->removeHostnames(list.names);
+  return kDone;
+}
+
+void print_progress(uint64_t sent, uint64_t total) {
+  constexpr double kMegabyte = 1e6;
+  std::fprintf(stderr, "\rsending: %.1f of %.1f MB", static_cast<double>(sent) / kMegabyte,
+               static_cast<double>(total) / kMegabyte);
+  // The last stretch is the extension's work, not ours; its end is the command's end.
+  if (sent == total) std::fputs(", the extension takes the list over", stderr);
+  std::fflush(stderr);
+}
+
+int set(const Arguments& arguments) {
+  HostnameList list = parse_hostname_list(read_input(arguments.file));
+  const char* source = arguments.file == "-" ? "standard input" : arguments.file.c_str();
+  if (!report_refusals(list, source)) return kUsage;
+  // Fewer names are sent before a progress line could be read.
+  constexpr size_t kLarge = 10000;
+  bool showProgress = list.names.size() >= kLarge && isatty(STDERR_FILENO) == 1;
+  struct EraseLine {
+    bool shown;
+    ~EraseLine() {
+      if (shown) std::fputs("\r\x1b[K", stderr);
+    }
+  } eraseAtEnd{showProgress};
+  connect_client(arguments.client)->setHostnames(list.names, showProgress ? Client::Progress(print_progress) : nullptr);
+  return kDone;
+}
+
+// The JSON is an argument, a file ("@FILE") or standard input ("-").
+Value given_properties(const Arguments& arguments) {
+  if (arguments.until) return Value::dictionary({{Value::string(kDontBlockUntil), parse_time(*arguments.until)}});
+  if (!arguments.properties) return Value();
+  const std::string& given = *arguments.properties;
+  if (given == "-") return parse_properties(read_input(given));
+  return parse_properties(given.substr(0, 1) == "@" ? read_input(given.substr(1)) : given);
+}
+
+int properties(const Arguments& arguments) {
+  HostnameList list = check_arguments({arguments.host});
+  if (!report_refusals(list, nullptr)) return kUsage;
+  Value given = given_properties(arguments);
+  connect_client(arguments.client)->setProperties(given, Value::string(list.names.front()));
+  return kDone;
+}
+
+bool flush_output() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
+
+int watch(const Arguments& arguments) {
+  auto client = connect_client(arguments.client);
+  // An interrupt is how a watch is meant to end. At once, also in the middle of a call that is never answered: nothing
+  // printed is held back.
+  for (int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { _exit(kDone); });
+  std::optional<uint64_t> shown;
+  while (flush_output()) {
+    uint64_t count = client->changesCount();
+    if (count != shown) std::puts(std::to_string(count).c_str());
+    shown = count;
+    if (!flush_output()) break;
+    std::this_thread::sleep_for(std::chrono::duration<double>(arguments.interval));
+  }
+  return kDone;  // what stopped the output is reported with the output's end
+}
+
+int call(const Arguments& arguments) {
+  ProtocolCall send = prepare_call(arguments.method, arguments.methodArguments);
+  std::string reply = send(*connect_client(arguments.client));
+  if (!reply.empty()) std::puts(reply.c_str());
+  return kDone;
+}
+
+// The command line's parts are bound to `arguments`; parsing leaves the command to run in `command`.
+void declare_commands(CLI::App& app, Arguments& arguments, Command& command) {
+  auto declare = [&](const char* name, const char* description, Command function) {
+    CLI::App* declared = app.add_subcommand(name, description)->fallthrough();
+    declared->callback([&command, function] { command = function; });
+    return declared;
+  };
+  declare("ping", "Ask whether the extension answers; prints \"pong\"", ping);
+  declare("state", "Print the application filter's state: \"active\" or \"inactive\"", state);
+  declare("changes", "Print how many edits the extension has received since its start", changes);
+  declare("start", "Send the start command", start);
+  declare("stop", "Send the stop command", stop);
+
+  const char* hosts = "Host names, in any spelling that a browser takes";
+  declare("add", "Block hosts", add)->add_option("HOST", arguments.hosts, hosts)->required()->type_name("");
+  declare("remove", "Stop blocking hosts", remove)
+      ->add_option("HOST", arguments.hosts, hosts)
+      ->required()
+      ->type_name("");
+  declare("set", "Block the hosts of a list, and no others", set)
+      ->add_option("FILE", arguments.file, "One host name a line, \"#\" for comments; \"-\" for standard input")
+      ->required()
+      ->type_name("");
+
+  CLI::App* propertiesCommand =
+      declare("properties", "Replace a host's properties; without any, clear them", properties);
+  propertiesCommand->add_option("HOST", arguments.host, "A host that is blocked")->required()->type_name("");
+  auto* json =
+      propertiesCommand
+          ->add_option("JSON", arguments.properties, "An object; \"@FILE\" for a file's, \"-\" for standard input's")
+          ->type_name("");
+  propertiesCommand
+      ->add_option("--dont-block-until", arguments.until, "Suspend until a time, as in 2030-01-31T18:00:00+01:00")
+      ->type_name("TIME")
+      ->excludes(json);
+
+  CLI::App* watchCommand = declare("watch", "Print the count of edits, now and whenever it has moved", watch);
+  watchCommand->add_option("--interval", arguments.interval, "Seconds between two looks")
+      ->check(CLI::Range(0.01, 86400.0, "SECONDS"))
+      ->capture_default_str();
+
+  CLI::App* callCommand = declare("call", "Send one message of the protocol, its arguments as they are", call);
+  callCommand->add_option("METHOD", arguments.method, "The method's name")->required()->type_name("");
+  callCommand->add_option("ARGUMENT", arguments.methodArguments, "What the method takes")->type_name("");
+  callCommand->footer(describe_methods());
+}
+
+// CLI11 would take such a text apart, as a list.
+void refuse_brackets(int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    std::string_view text = argv[i];
+    if (text.size() > 1 && text.front() == '[' && text.back() == ']')
+      throw InputError("bad command line: " + in_quotes(text) + ": give nothing in brackets; a file as ./[FILE]");
+  }
+}
+
+int run(int argc, const char* const* argv) {
+  Arguments arguments;
+  Command command = nullptr;
+  CLI::App app("Tells a running OrvaneSE which hosts to block.", "orvanectl");
+  app.set_version_flag("--version", "orvanectl " ORVANE_VERSION);
+  app.add_option("--service", arguments.client.service, "The extension's service name")
+      ->type_name("NAME")
+      ->capture_default_str();
+  app.add_option("--socket", arguments.client.socket, "The extension's socket, instead of the service's own")
+      ->type_name("PATH");
+  app.footer("Exit codes: 0 done, 1 could not, 2 refused as given (nothing was sent).");
+  app.require_subcommand(1);
+  declare_commands(app, arguments, command);
+  refuse_brackets(argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
+    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl --help");
+  }
+  return command(arguments);
+}
+
+}  // namespace
+
+int run_orvanectl(int argc, const char* const* argv) {
+  int code = kCouldNot;
+  try {
+    code = run(argc, argv);
+  } catch (const InputError& error) {
+    print_error(error.what());
+    code = kUsage;
+  } catch (const std::bad_alloc&) {
+    print_error("out of memory: too much was given: give less at a time");
+  } catch (const std::exception& error) {
+    print_error(error.what());
+  }
+  if (flush_output()) return code;
+  print_error(std::string("cannot write: standard output: ") + std::strerror(errno) + ": check where it leads");
+  return kCouldNot;
+}
+
+}  // namespace orvane

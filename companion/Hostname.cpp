@@ -1,0 +1,201 @@
+#include "Hostname.h"
+
+#include <idn2.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+namespace orvane {
+namespace {
+
+constexpr size_t kLongestLabel = 63;
+constexpr size_t kLongestName = 253;
+constexpr std::string_view kALabelPrefix = "xn--";
+
+// What each byte becomes in a name; 0 for a byte that no name holds as it is.
+constexpr std::array<char, 256> kForms = [] {
+  std::array<char, 256> forms{};
+  for (char c = 'a'; c <= 'z'; ++c) forms[c] = forms[c - 'a' + 'A'] = c;
+  for (char c = '0'; c <= '9'; ++c) forms[c] = c;
+  for (char c : {'-', '_', '.'}) forms[c] = c;
+  return forms;
+}();
+
+char form_of(char c) { return kForms[static_cast<unsigned char>(c)]; }
+bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
+
+const char* forbidden_character_fault(std::string_view given, char c) {
+  if (given.find("://") != std::string_view::npos) return "it is a URL: give the host name alone";
+  if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
+    return "it is an IP address: only host names can be blocked";
+  switch (c) {
+    case ':':
+      return "it has a port or a scheme: give the host name alone";
+    case '/':
+    case '?':
+    case '#':
+    case '\\':
+      return "it has a path: give the host name alone";
+    case '@':
+      return "it has a user name: give the host name alone";
+    case '*':
+      return "it is a wildcard: names match exactly, so give each name";
+    case ' ':
+    case '\t':
+      return "it has a space: give one name at a time";
+    default:
+      return "it has a character that no host name has: use letters, digits, hyphens and dots";
+  }
+}
+
+std::string international_fault(int status) {
+  switch (status) {
+    case IDN2_ENCODING_ERROR:
+      return "it is not UTF-8: save the text as UTF-8";
+    case IDN2_TOO_BIG_LABEL:
+    case IDN2_PUNYCODE_BIG_OUTPUT:
+      return "it has a label of more than 63 characters: shorten it";
+    case IDN2_MALLOC:
+      return "memory is used up: try fewer names";
+    default:
+      return std::string("it is no valid international name (") + idn2_strerror(status) +
+             "): correct it, or give its A-label (xn--...)";
+  }
+}
+
+struct FreeLabel {
+  void operator()(uint8_t* label) const { idn2_free(label); }
+};
+
+// The A-label of one label (zero-terminated UTF-8); an A-label gives itself when it is the one that its letters have.
+int look_up_label(const std::string& label, std::string& found) {
+  uint8_t* output = nullptr;
+  int status = idn2_lookup_u8(reinterpret_cast<const uint8_t*>(label.c_str()), &output, IDN2_NONTRANSITIONAL);
+  std::unique_ptr<uint8_t, FreeLabel> owner(output);
+  if (status == IDN2_OK) found = reinterpret_cast<const char*>(output);
+  return status;
+}
+
+// Whether a dot of any script starts here: the full stop and those that UTS #46 maps to it. Its length in bytes, or 0.
+size_t dot_length(std::string_view text) {
+  if (text.front() == '.') return 1;
+  for (std::string_view dot : {"\u3002", "\uff0e", "\uff61"}) {
+    if (text.substr(0, dot.size()) == dot) return dot.size();
+  }
+  return 0;
+}
+
+// A label that claims to be an A-label must decode, and be the one that its letters have. Letters and hyphens that IDNA
+// forbids are let pass: browsers follow UTS #46, which allows more (xn--i-7iq, a heart).
+bool accept_a_label(std::string_view label, std::string& fault) {
+  if (label.substr(0, kALabelPrefix.size()) != kALabelPrefix) return true;
+  std::string found;
+  int status = look_up_label(std::string(label), found);
+  if (status == IDN2_DISALLOWED || status == IDN2_2HYPHEN || status == IDN2_HYPHEN_STARTEND) return true;
+  if (status == IDN2_OK && found != label) status = IDN2_ALABEL_ROUNDTRIP_FAILED;
+  if (status != IDN2_OK) fault = international_fault(status);
+  return status == IDN2_OK;
+}
+
+// The label's form at the end of `name`.
+bool append_label(const std::string& label, std::string& name, std::string& fault) {
+  size_t start = name.size();
+  if (std::all_of(label.begin(), label.end(), is_ascii)) {
+    for (char c : label) name += form_of(c);
+    return accept_a_label(std::string_view(name).substr(start), fault);
+  }
+  std::string found;
+  if (int status = look_up_label(label, found); status != IDN2_OK) {
+    fault = international_fault(status);
+    return false;
+  }
+  // What is mapped may be a character that no name holds, a dot, or nothing.
+  for (char c : found) {
+    if (form_of(c) == 0 || c == '.') {
+      fault = forbidden_character_fault(found, c);
+      return false;
+    }
+    name += form_of(c);
+  }
+  if (found.empty()) fault = "it has an empty label: take the extra dot away";
+  return !found.empty();
+}
+
+// Label by label, because libidn2 applies its rules on hyphens to all-ASCII labels too, which browsers do not: they
+// send "r3---sn.b\u00fccher.example" without complaint.
+bool append_international(std::string_view given, std::string& name, std::string& fault) {
+  for (size_t at = 0; at <= given.size();) {
+    size_t end = at;
+    while (end < given.size() && dot_length(given.substr(end)) == 0) ++end;
+    if (!append_label(std::string(given.substr(at, end - at)), name, fault)) return false;
+    if (end == given.size()) break;
+    name += '.';
+    at = end + dot_length(given.substr(end));
+  }
+  return true;
+}
+
+// Browsers take a host whose last label is a decimal, octal or hexadecimal number for an IPv4 address (WHATWG URL
+// Standard, "ends in a number").
+bool ends_in_number(std::string_view name) {
+  std::string_view last = name.substr(name.rfind('.') + 1);
+  if (last.substr(0, 2) == "0x") return std::all_of(last.begin() + 2, last.end(), is_hexadecimal);
+  return std::all_of(last.begin(), last.end(), is_digit);
+}
+
+// `plain`: the A-labels are still those that the user gave.
+bool accept_shape(std::string_view name, bool plain, std::string& fault) {
+  if (name.empty()) {
+    fault = "it is empty: give a host name";
+    return false;
+  }
+  for (size_t at = 0; at <= name.size();) {
+    size_t end = std::min(name.find('.', at), name.size());
+    std::string_view label = name.substr(at, end - at);
+    if (label.empty() || label.size() > kLongestLabel) {
+      fault = label.empty() ? "it has an empty label: take the extra dot away"
+                            : "it has a label of more than 63 characters: shorten it";
+      return false;
+    }
+    if (plain && !accept_a_label(label, fault)) return false;
+    at = end + 1;
+  }
+  if (name.size() > kLongestName) {
+    fault = "it has more than 253 characters: shorten it";
+    return false;
+  }
+  if (ends_in_number(name)) {
+    fault = "it is an IP address: only host names can be blocked";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool normalize_hostname(std::string_view given, std::string& name, std::string& fault) {
+  name.clear();
+  bool plain = true;
+  for (char c : given) {
+    char form = form_of(c);
+    if (form != 0) {
+      name += form;
+    } else if (is_ascii(c)) {
+      fault = forbidden_character_fault(given, c);
+      return false;
+    } else {
+      plain = false;
+    }
+  }
+  if (!plain) {
+    name.clear();
+    if (!append_international(given, name, fault)) return false;
+  }
+  if (!name.empty() && name.back() == '.') name.pop_back();
+  return accept_shape(name, plain, fault);
+}
+
+}  // namespace orvane

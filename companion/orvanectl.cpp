@@ -1,0 +1,3 @@
+#include "Commands.h"
+
+int main(int argc, char** argv) { return orvane::run_orvanectl(argc, argv); }

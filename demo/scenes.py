@@ -1,0 +1,143 @@
+"""What is shown, in its order."""
+
+import datetime
+import pathlib
+import shlex
+import shutil
+import subprocess
+import time
+
+import programs
+from extension import Extension, Failure
+from programs import ALLOW, DROP, DROP_AT_DATA, Destination, Program
+from table import Table
+from web_servers import WebServers
+
+HELD, NEWS = "held.example", "news.example"
+NAMES = [HELD, NEWS]
+
+_HTTP_HELD, _HTTPS_HELD = Destination("http", HELD), Destination("https", HELD)
+_HTTP_NEWS, _HTTPS_NEWS = Destination("http", NEWS), Destination("https", NEWS)
+_WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
+
+
+class _Stage:
+    """A running extension with its audience."""
+
+    def __init__(self, extension: Extension, servers: WebServers, table: Table, asks_for_browsers: bool):
+        self._extension, self._servers, self._table = extension, servers, table
+        self._asks_for_browsers = asks_for_browsers
+
+    def fetch(self, program: Program, destination: Destination, expected: str) -> None:
+        path, log_size = f"/{self._table.rows}", self._extension.log_size()  # the path is of this row alone
+        try:
+            seen = program.fetch(destination, path)
+        except subprocess.TimeoutExpired as expired:
+            seen = programs.Seen(None, f"nothing for {expired.timeout} s")
+        judged = self._extension.identifiers_judged(since=log_size)
+        # The programs by their identifiers, and nobody where no rule is about the port.
+        expected_judged = program.identifier if self._asks_for_browsers and destination.port is None else None
+        fault = None
+        if seen.verdict != expected:
+            fault = f"this is not what follows from \"{expected}\"\n{self._extension.log_end()}"
+        elif self._servers.were_asked_for(path) != (expected == ALLOW):
+            fault = "the web server was " + ("not " if expected == ALLOW else "") + "asked for the page"
+        elif judged != {expected_judged} - {None}:
+            fault = f"the extension took the program for {', '.join(sorted(judged)) or 'nobody'}"
+        self._table.row(program.name, program.identifier, str(destination), expected, seen.text, fault)
+
+    def control(self, *arguments: str, text: str | None = None, prints: str = "", code: int = 0) -> None:
+        """Runs orvanectl, which should print this and end with this code."""
+        done = self._extension.control(*arguments, text=text)
+        printed = done.stdout.strip()
+        fault = None
+        if (printed, done.returncode) != (prints, code):
+            fault = f"the output should be \"{prints}\", the exit code {code}, not {done.returncode}\n"
+            fault += done.stderr + self._extension.log_end()
+        result = printed or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
+        self._table.command(f"orvanectl {shlex.join(arguments)}", result, fault)
+
+
+def _general_provider(stage: _Stage, curl: Program, wget: Program, chromium: programs.Chromium, table: Table) -> None:
+    stage.control("ping", prints="pong")
+    stage.control("set", "-", text=f"# as a person would write it\n{HELD.capitalize()}.\n")
+    stage.control("add", "https://refused.example/", code=2)
+    stage.control("changes", prints="1")
+    for program in (curl, wget):
+        for destination in _WEB:
+            held = program is curl and destination.host == HELD
+            stage.fetch(program, destination, DROP if held else ALLOW)
+    stage.fetch(curl, Destination("https", HELD, through_address=True), DROP_AT_DATA)
+    stage.fetch(curl, Destination("https", NEWS, through_address=True), ALLOW)
+    # No rule of the provider is about this port.
+    stage.fetch(curl, Destination("http", HELD, port=8080), ALLOW)
+    if chromium.runs():
+        for destination in _WEB:
+            stage.fetch(chromium, destination, DROP if destination.host == HELD else ALLOW)
+    else:
+        table.note("chromium is not installed, or does not run here: its rows are left out")
+    stage.control("remove", HELD)
+    stage.control("changes", prints="2")
+    stage.fetch(curl, _HTTPS_HELD, ALLOW)
+    stage.control("add", HELD, "other.example")
+    stage.control("changes", prints="4")
+    stage.fetch(curl, _HTTPS_HELD, DROP)
+
+
+def _in(seconds: float) -> datetime.datetime:
+    return datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(seconds=seconds)
+
+
+def _suspend(stage: _Stage, until: datetime.datetime) -> None:
+    stage.control("properties", HELD, '{"DontBlockUntil": "%s"}' % until.isoformat(timespec="milliseconds"))
+
+
+def _safari_provider(stage: _Stage, safari: Program, curl: Program, table: Table) -> None:
+    stage.control("set", "-", text=HELD + "\n")
+    for destination in _WEB:
+        stage.fetch(safari, destination, DROP_AT_DATA if destination.host == HELD else ALLOW)
+    stage.fetch(curl, _HTTPS_HELD, ALLOW)
+    _suspend(stage, _in(3600))
+    for destination in (_HTTP_HELD, _HTTPS_HELD):
+        stage.fetch(safari, destination, ALLOW)
+    soon = _in(2)
+    _suspend(stage, soon)
+    time.sleep(max(0.0, (soon - _in(0)).total_seconds()) + 0.1)
+    table.note("2 seconds later")
+    for destination in (_HTTP_HELD, _HTTPS_HELD):
+        stage.fetch(safari, destination, DROP_AT_DATA)
+    stage.control("changes", prints="3")
+
+
+def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
+    servers = WebServers(directory, NAMES)
+    path = pathlib.Path(programs.find("curl"))
+    curl = programs.Curl("curl", path, "curl", directory, servers.authority)
+    wget = programs.Wget("wget", programs.find("wget"), "wget", directory, servers.authority)
+    chromium = programs.Chromium("chromium", shutil.which("chromium") or "chromium", "chromium", directory)
+
+    table.scene("FilterDataProvider, with the browsers curl and chromium")
+    with Extension(build, directory / "general", "FilterDataProvider", ["curl", "chromium"]) as extension:
+        _general_provider(_Stage(extension, servers, table, True), curl, wget, chromium, table)
+
+    # A program's identifier is its file's name where nothing else gives it one.
+    folder = directory / "safari"
+    folder.mkdir()
+    copy = shutil.copy(path, folder / "com.apple.Safari")
+    safari = programs.Curl("a copy of curl", copy, "com.apple.Safari", directory, servers.authority)
+    table.scene("PLSafariFilterDataProvider, with the browser curl")
+    with Extension(build, directory / "one-browser", "PLSafariFilterDataProvider", ["curl"]) as extension:
+        _safari_provider(_Stage(extension, servers, table, False), safari, curl, table)
+
+
+def play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> int:
+    """The exit code: 0 when all was as expected."""
+    start = time.monotonic()
+    try:
+        _play(build, directory, table)
+    except (Failure, FileNotFoundError) as failure:
+        print(f"\ndemo: {failure}", flush=True)
+        return 1
+    outcome = "all as expected" if table.surprises == 0 else f"{table.surprises} NOT AS EXPECTED"
+    print(f"\n{table.rows} lines in {time.monotonic() - start:.1f} s, {outcome}", flush=True)
+    return 0 if table.surprises == 0 else 1

@@ -1,0 +1,24 @@
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/ProcessIdentity.h"
+#include "platform/linux/ProcessInformation.h"
+
+// What programs and packages write and the identity of processes is taken from: desktop entries, sandbox descriptions,
+// names of control groups, and the line that holds a process's self-chosen name.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace orvane;
+  std::string_view text(reinterpret_cast<const char*>(data), size);
+  for (const std::string& program : programs_of_desktop_entry(text)) runs_other_programs(program);
+  parse_process_stat(text);
+  // What becomes an identifier is never empty.
+  for (const auto& name : {flatpak_application(text), snap_of_path(text), snap_of_control_groups(text)}) {
+    if (name && name->empty()) std::abort();
+  }
+  auto unit = unit_of_control_groups(text);
+  if (unit && (unit->application.empty() || text.find(unit->path) == std::string_view::npos)) std::abort();
+  return 0;
+}

@@ -1,0 +1,21 @@
+#include <cstdlib>
+
+#include "platform/linux/ProxyHead.h"
+#include "platform/linux/ServerName.h"
+
+// The first bytes of a client, as the proxy reads them: the head, what follows it as a body, and all of it as the first
+// bytes of a tunnel.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace orvane;
+  std::span<const uint8_t> bytes(data, size);
+  ProxyHead head = parse_proxy_head({reinterpret_cast<const char*>(data), size});
+  if (head.state == ProxyHead::State::Complete) {
+    if (head.request.length > size || head.request.host.empty() || head.request.port == 0) abort();
+    if (head.request.host.find_first_of(std::string_view("\0\r\n /", 5)) != std::string::npos) abort();
+    auto rest = bytes.subspan(head.request.length);
+    RequestBody chunked = RequestBody::chunked();
+    if (head.request.body.take(rest) > rest.size() || chunked.take(rest) > rest.size()) abort();
+  }
+  if (find_server_name(bytes).state == ServerName::State::Open && size >= kServerNameLimit) abort();
+  return 0;
+}

@@ -1,0 +1,52 @@
+@0xf0aaf2aaedec4257;
+# The control channel's messages. What a client has to know besides stands in docs/protocol.md. Order and types are
+# fixed: new methods and kinds of value go at the end.
+
+using Cxx = import "/capnp/c++.capnp";
+$Cxx.namespace("orvane::control");
+
+struct Value {
+  union {
+    nil @0 :Void;
+    boolean @1 :Bool;
+    signed @2 :Int64;
+    unsigned @3 :UInt64;
+    real @4 :Float64;
+    string @5 :Text;
+    date @6 :Float64;  # seconds since 2001-01-01 00:00:00 UTC
+    data @7 :Data;
+    array @8 :List(Value);
+    set @9 :Set;
+    dictionary @10 :Dictionary;
+  }
+}
+
+# Not a list: a set is told from an array by its type. Of equal members the first one counts.
+struct Set {
+  members @0 :List(Value);
+}
+
+# Of entries with equal keys the first one counts.
+struct Dictionary {
+  entries @0 :List(Entry);
+
+  struct Entry {
+    key @0 :Value;
+    value @1 :Value;
+  }
+}
+
+interface OrvaneSECommunication {
+  ping @0 () -> (reply :Bool);
+  getAppFilterState @1 () -> (reply :Bool);
+  start @2 ();
+  stop @3 ();
+  addApplicationIdentifier @4 (identifier :Value);
+  removeApplicationIdentifier @5 (identifier :Value);
+  setApplicationIdentifiers @6 (identifiers :Value);
+  addHostname @7 (hostname :Value);
+  removeHostname @8 (hostname :Value);
+  setHostnames @9 (hostnames :Value);
+  setProperties @10 (properties :Value, forHostname :Value);
+  getChangesCount @11 () -> (reply :UInt64);
+}

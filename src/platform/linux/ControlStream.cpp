@@ -1,0 +1,301 @@
+#include "ControlStream.h"
+
+#include <capnp/serialize.h>
+#include <fcntl.h>
+#include <kj/debug.h>
+#include <kj/io.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <vector>
+
+#include "ValueMessage.h"
+
+namespace orvane {
+namespace {
+
+// What the library's own readers take.
+constexpr uint32_t kMaximumSegments = 512;
+
+// Messages up to this size wait for each other, as long as they are no more than this together.
+constexpr size_t kOutboxBytes = 32768;
+
+// The frame of a message (capnproto.org/encoding.html, "Serialization over a stream"): 32-bit words, little-endian; the
+// number of segments less one, the size of each segment in words, and padding to a whole word.
+constexpr size_t frame_bytes(uint32_t segments) { return (segments / 2 + 1) * sizeof(capnp::word); }
+
+uint32_t little_endian(const kj::byte* bytes) {
+  return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
+
+void append_little_endian(std::vector<kj::byte>& bytes, uint32_t number) {
+  for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<kj::byte>(number >> shift));
+}
+
+}  // namespace
+
+// A message on its way out.
+struct ControlStream::Outgoing {
+  std::vector<kj::byte> frame;
+  std::vector<iovec> pieces;
+  size_t first = 0;  // of the pieces that are not sent yet
+
+  void add(const void* bytes, size_t length) { pieces.push_back({const_cast<void*>(bytes), length}); }
+  size_t size() const {
+    size_t bytes = 0;
+    for (size_t i = first; i < pieces.size(); ++i) bytes += pieces[i].iov_len;
+    return bytes;
+  }
+  void sent(size_t bytes) {
+    while (first < pieces.size() && bytes >= pieces[first].iov_len) bytes -= pieces[first++].iov_len;
+    if (bytes == 0) return;
+    pieces[first].iov_base = static_cast<char*>(pieces[first].iov_base) + bytes;
+    pieces[first].iov_len -= bytes;
+  }
+};
+
+ControlStream::ControlStream(kj::UnixEventPort& port, int socket)
+    : port_(port), socket_(socket), observer_(port, socket, kj::UnixEventPort::FdObserver::OBSERVE_READ) {}
+
+void ControlStream::take(kj::byte* to, size_t bytes) {
+  std::memcpy(to, buffer_.data() + taken_, bytes);
+  taken_ += bytes;
+}
+
+// The number of bytes that were there; 0 at the end of the stream, and when there are none yet.
+size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
+  *wouldBlock = readable_ != nullptr;
+  if (*wouldBlock) return 0;
+  flush();  // the peer may be waiting for it
+  ssize_t received;
+  do {
+    received = recv(socket_, to, bytes, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) {
+    if (errno != EAGAIN && errno != EWOULDBLOCK) KJ_FAIL_SYSCALL("recv", errno);
+    *wouldBlock = true;
+    return 0;
+  }
+  // Less than was asked for was all there was, unless the end has come: the next call would only say so. What comes
+  // from now on must be waited for from now on.
+  bool all = static_cast<size_t>(received) < bytes && !observer_.atEndHint().orDefault(true);
+  if (all) readable_ = observer_.whenBecomesReadable();
+  return static_cast<size_t>(received);
+}
+
+kj::Promise<void> ControlStream::whenReadable() {
+  KJ_IF_MAYBE (promise, readable_) {
+    auto result = kj::mv(*promise);
+    readable_ = nullptr;
+    return result;
+  }
+  return observer_.whenBecomesReadable();
+}
+
+// Waits until the buffer holds that many bytes. False when the stream ended before.
+kj::Promise<bool> ControlStream::fill(size_t bytes) {
+  if (buffered() == 0) {
+    taken_ = filled_ = 0;
+  } else if (taken_ + bytes > buffer_.size()) {
+    std::memmove(buffer_.data(), buffer_.data() + taken_, buffered());
+    filled_ -= taken_;
+    taken_ = 0;
+  }
+  while (buffered() < bytes) {
+    bool wouldBlock;
+    size_t received = receive(buffer_.data() + filled_, buffer_.size() - filled_, &wouldBlock);
+    if (wouldBlock) return whenReadable().then([this, bytes] { return fill(bytes); });
+    if (received == 0) return false;
+    filled_ += received;
+  }
+  return true;
+}
+
+kj::Promise<void> ControlStream::receiveAll(kj::byte* to, size_t bytes) {
+  while (bytes > 0) {
+    bool wouldBlock;
+    size_t received = receive(to, bytes, &wouldBlock);
+    if (wouldBlock) return whenReadable().then([this, to, bytes] { return receiveAll(to, bytes); });
+    KJ_REQUIRE(received > 0, "the message is cut off");
+    to += received;
+    bytes -= received;
+  }
+  return kj::READY_NOW;
+}
+
+uint32_t ControlStream::tableEntry(size_t index) const {
+  return little_endian(buffer_.data() + taken_ + index * sizeof(uint32_t));
+}
+
+kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage(kj::ArrayPtr<kj::AutoCloseFd>,
+                                                                                 capnp::ReaderOptions options,
+                                                                                 kj::ArrayPtr<capnp::word>) {
+  return fill(sizeof(capnp::word))
+      .then([this, options](bool there) -> kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> {
+        if (!there) {
+          KJ_REQUIRE(buffered() == 0, "the message is cut off");
+          return kj::Maybe<capnp::MessageReaderAndFds>();
+        }
+        uint32_t segments = tableEntry(0) + 1;
+        KJ_REQUIRE(segments > 0 && segments <= kMaximumSegments, "the message has too many segments", segments);
+        return readBody(frame_bytes(segments), options);
+      });
+}
+
+// Reads on from a frame's first word, which is in the buffer.
+kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_t tableBytes,
+                                                                           capnp::ReaderOptions options) {
+  return fill(tableBytes)
+      .then([this, tableBytes, options](bool there) {
+        KJ_REQUIRE(there, "the message is cut off");
+        uint64_t words = tableBytes / sizeof(capnp::word);
+        for (uint32_t i = 0, segments = tableEntry(0) + 1; i < segments; ++i) words += tableEntry(1 + i);
+        KJ_REQUIRE(words <= kMaximumMessageWords, "the message is too large", words);
+        KJ_IF_MAYBE (admission, admission_) {
+          return (*admission)(words).then([this, words, options] { return readWords(words, options); });
+        }
+        return readWords(words, options);
+      })
+      .then([](kj::Own<capnp::MessageReader> reader) -> kj::Maybe<capnp::MessageReaderAndFds> {
+        return capnp::MessageReaderAndFds{kj::mv(reader), nullptr};
+      });
+}
+
+// Reads a whole message, its frame included, whose beginning is in the buffer.
+kj::Promise<kj::Own<capnp::MessageReader>> ControlStream::readWords(uint64_t words, capnp::ReaderOptions options) {
+  auto message = kj::heapArray<capnp::word>(words);
+  auto bytes = message.asBytes();
+  // What fits into the buffer goes by it, so that whatever comes behind is read in the same call.
+  bool small = bytes.size() <= buffer_.size();
+  auto arrived = small ? fill(bytes.size()).then([this, bytes](bool there) mutable {
+    KJ_REQUIRE(there, "the message is cut off");
+    take(bytes.begin(), bytes.size());
+  })
+                       : kj::Promise<void>(kj::READY_NOW);
+  if (!small) {
+    size_t begun = buffered();
+    take(bytes.begin(), begun);
+    arrived = receiveAll(bytes.begin() + begun, bytes.size() - begun);
+  }
+  return arrived.then([message = kj::mv(message), options]() mutable -> kj::Own<capnp::MessageReader> {
+    auto reader = kj::heap<capnp::FlatArrayMessageReader>(message.asPtr(), options);
+    return reader.attach(kj::mv(message));
+  });
+}
+
+kj::Promise<void> ControlStream::writeMessage(kj::ArrayPtr<const int> fds,
+                                              kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
+  if (unwritable_) return kj::READY_NOW;
+  auto outgoing = kj::heap<Outgoing>();
+  append_little_endian(outgoing->frame, static_cast<uint32_t>(segments.size() - 1));
+  for (auto& segment : segments) append_little_endian(outgoing->frame, static_cast<uint32_t>(segment.size()));
+  outgoing->frame.resize(frame_bytes(static_cast<uint32_t>(segments.size())));
+  outgoing->add(outgoing->frame.data(), outgoing->frame.size());
+  for (auto& segment : segments) outgoing->add(segment.begin(), segment.size() * sizeof(capnp::word));
+
+  if (outbox_.size() - flushed_ + outgoing->size() <= kOutboxBytes) {
+    post(*outgoing);
+    return kj::READY_NOW;
+  }
+  if (isFlushing_) {
+    return whenFlushed().then([this, fds, segments] { return writeMessage(fds, segments); });
+  }
+  return send(kj::mv(outgoing));
+}
+
+void ControlStream::post(const Outgoing& outgoing) {
+  for (const iovec& piece : outgoing.pieces) {
+    auto* bytes = static_cast<const kj::byte*>(piece.iov_base);
+    outbox_.insert(outbox_.end(), bytes, bytes + piece.iov_len);
+  }
+  if (isFlushing_) return;
+  isFlushing_ = true;
+  // Once nothing else is to be done in this thread: until then, more may come.
+  flushing_ = kj::evalLast([this] { return flushAll(); })
+                  .then([this] {
+                    isFlushing_ = false;
+                    KJ_IF_MAYBE (fulfiller, flushedFulfiller_) (*fulfiller)->fulfill();
+                  })
+                  .eagerlyEvaluate(nullptr);
+}
+
+kj::Promise<void> ControlStream::flushAll() {
+  if (flush()) return kj::READY_NOW;
+  return whenWritable().then([this] { return flushAll(); });
+}
+
+kj::Promise<void> ControlStream::whenFlushed() {
+  auto flushed = kj::newPromiseAndFulfiller<void>();
+  flushedFulfiller_ = kj::mv(flushed.fulfiller);
+  return kj::mv(flushed.promise);
+}
+
+// True when nothing is left to be sent.
+bool ControlStream::flush() {
+  if (flushed_ < outbox_.size()) {
+    Outgoing outgoing;
+    outgoing.add(outbox_.data() + flushed_, outbox_.size() - flushed_);
+    if (!sendSome(outgoing)) {
+      flushed_ = outbox_.size() - outgoing.size();
+      return false;
+    }
+  }
+  outbox_.clear();
+  flushed_ = 0;
+  return true;
+}
+
+// Sends what the system takes. True when nothing is left.
+bool ControlStream::sendSome(Outgoing& outgoing) {
+  while (outgoing.first < outgoing.pieces.size()) {
+    msghdr header{};
+    header.msg_iov = outgoing.pieces.data() + outgoing.first;
+    header.msg_iovlen = std::min<size_t>(outgoing.pieces.size() - outgoing.first, IOV_MAX);
+    ssize_t sent = sendmsg(socket_, &header, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
+    unwritable_ = sent < 0;
+    if (unwritable_) return true;
+    outgoing.sent(static_cast<size_t>(sent));
+    KJ_IF_MAYBE (progress, progress_) (*progress)(static_cast<size_t>(sent));
+  }
+  return true;
+}
+
+// Room is observed only while there is none: otherwise every message that the peer takes would wake this thread.
+kj::Promise<void> ControlStream::whenWritable() {
+  struct Room {
+    Room(kj::UnixEventPort& port, int socket)
+        : copy(fcntl(socket, F_DUPFD_CLOEXEC, 0)), observer(port, copy, kj::UnixEventPort::FdObserver::OBSERVE_WRITE) {}
+    kj::AutoCloseFd copy;  // a descriptor can be observed once
+    kj::UnixEventPort::FdObserver observer;
+  };
+  auto room = kj::heap<Room>(port_, socket_);
+  auto promise = room->observer.whenBecomesWritable();
+  return promise.attach(kj::mv(room));
+}
+
+kj::Promise<void> ControlStream::send(kj::Own<Outgoing> outgoing) {
+  if (sendSome(*outgoing)) return kj::READY_NOW;
+  return whenWritable().then([this, outgoing = kj::mv(outgoing)]() mutable { return send(kj::mv(outgoing)); });
+}
+
+kj::Promise<void> ControlStream::writeMessages(
+    kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) {
+  if (messages.size() == 0) return kj::READY_NOW;
+  return writeMessage(nullptr, messages.front()).then([this, messages]() mutable {
+    return writeMessages(kj::arrayPtr(messages.begin() + 1, messages.end()));
+  });
+}
+
+kj::Promise<void> ControlStream::end() {
+  if (isFlushing_) return whenFlushed().then([this] { return end(); });
+  shutdown(socket_, SHUT_WR);  // fails where the peer is gone already
+  return kj::READY_NOW;
+}
+
+}  // namespace orvane

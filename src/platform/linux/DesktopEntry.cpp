@@ -1,0 +1,147 @@
+#include "platform/linux/DesktopEntry.h"
+
+namespace orvane {
+namespace {
+
+constexpr std::string_view kGroup = "Desktop Entry";
+constexpr std::string_view kBlanks = " \t\r";
+
+std::string_view trim(std::string_view text) {
+  size_t start = text.find_first_not_of(kBlanks);
+  if (start == std::string_view::npos) return {};
+  return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
+}
+
+// Takes the next line off the front of the text.
+std::string_view take_line(std::string_view& text) {
+  size_t end = text.find('\n');
+  std::string_view line = text.substr(0, end);
+  text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+  return line;
+}
+
+// The escapes that every value of the type string may hold.
+std::string unescape(std::string_view value) {
+  std::string result;
+  for (size_t i = 0; i < value.size(); ++i) {
+    if (value[i] != '\\' || i + 1 == value.size()) {
+      result += value[i];
+      continue;
+    }
+    switch (char escaped = value[++i]) {
+      case 's':
+        result += ' ';
+        break;
+      case 'n':
+        result += '\n';
+        break;
+      case 't':
+        result += '\t';
+        break;
+      case 'r':
+        result += '\r';
+        break;
+      case '\\':
+        result += '\\';
+        break;
+      default:  // left to the quoting of the command line
+        result += '\\';
+        result += escaped;
+    }
+  }
+  return result;
+}
+
+// The words of a command line by the rules of the key Exec: blanks separate, double quotes join, a backslash within
+// them takes the next character as it is. Field codes stay as they are.
+std::vector<std::string> split_command_line(std::string_view line) {
+  std::vector<std::string> words;
+  bool inWord = false;
+  bool quoted = false;
+  for (size_t i = 0; i < line.size(); ++i) {
+    char c = line[i];
+    if (!quoted && (c == ' ' || c == '\t' || c == '\n')) {
+      inWord = false;
+      continue;
+    }
+    if (!inWord) words.emplace_back();
+    inWord = true;
+    if (c == '"') {
+      quoted = !quoted;
+    } else if (quoted && c == '\\' && i + 1 < line.size()) {
+      words.back() += line[++i];
+    } else {
+      words.back() += c;
+    }
+  }
+  return words;
+}
+
+std::string_view file_name(std::string_view path) {
+  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
+}
+
+// The program that a command line starts, with env(1) and what is set through it taken off the front.
+std::string program_of_command_line(std::string_view line) {
+  std::vector<std::string> words = split_command_line(line);
+  auto word = words.begin();
+  if (word == words.end()) return {};
+  if (file_name(*word) != "env") return *word;
+  for (++word; word != words.end(); ++word) {
+    if (*word == "-u" || *word == "-C" || *word == "--unset" || *word == "--chdir") {
+      if (++word == words.end()) return {};
+    } else if (word->starts_with("-S") || word->starts_with("--split-string")) {
+      return {};  // a command line within the command line
+    } else if (!word->starts_with('-') && word->find('=') == std::string::npos) {
+      return *word;
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+std::optional<std::string_view> key_file_value(std::string_view text, std::string_view group, std::string_view key) {
+  bool inGroup = false;
+  while (!text.empty()) {
+    std::string_view line = trim(take_line(text));
+    if (line.empty() || line.front() == '#') continue;
+    if (line.front() == '[') {
+      inGroup = line.size() == group.size() + 2 && line.back() == ']' && line.substr(1, group.size()) == group;
+      continue;
+    }
+    size_t equals = line.find('=');
+    if (inGroup && equals != std::string_view::npos && trim(line.substr(0, equals)) == key) {
+      return trim(line.substr(equals + 1));
+    }
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> programs_of_desktop_entry(std::string_view text) {
+  if (key_file_value(text, kGroup, "Type") != "Application" || key_file_value(text, kGroup, "Hidden") == "true") {
+    return {};
+  }
+  std::vector<std::string> programs;
+  auto add = [&programs](std::string program) {
+    if (!program.empty()) programs.push_back(std::move(program));
+  };
+  if (auto command = key_file_value(text, kGroup, "Exec")) add(program_of_command_line(unescape(*command)));
+  if (auto tried = key_file_value(text, kGroup, "TryExec")) add(unescape(*tried));
+  return programs;
+}
+
+bool runs_other_programs(std::string_view fileName) {
+  // Each between two spaces.
+  static constexpr std::string_view kNames =
+      " awk bash busybox bwrap csh dash dbus-launch dbus-run-session dotnet electron env expect firejail fish "
+      "flatpak gawk gdb gio gjs gjs-console guile ionice java javaw kioclient ksh lua luajit mksh mono mono-sgen "
+      "nice node nodejs nohup perl php pkexec prime-run pypy python qtchooser ruby runuser setsid sh snap stdbuf "
+      "sudo systemd-run tclsh tcsh time timeout toybox wine wine-preloader wine64-preloader wish xdg-open zsh ";
+  size_t end = fileName.find_last_not_of("0123456789.-");
+  std::string_view name = fileName.substr(0, end == std::string_view::npos ? 0 : end + 1);
+  if (name.empty() || name.find(' ') != std::string_view::npos) return false;
+  return kNames.find(' ' + std::string(name) + ' ') != std::string_view::npos;
+}
+
+}  // namespace orvane

@@ -1,0 +1,81 @@
+#include "platform/linux/FilterRules.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <strings.h>
+
+#include <array>
+#include <charconv>
+#include <optional>
+
+namespace orvane {
+namespace {
+
+// An address in its IPv6 form, an IPv4 one mapped (RFC 4291, section 2.5.5.2), so that one comparison serves both.
+struct Address {
+  std::array<uint8_t, 16> bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+  uint64_t prefixOffset = 0;  // bits before the address's own first bit
+};
+
+std::optional<Address> parse_address(const std::string& text) {
+  Address address;
+  if (inet_pton(AF_INET, text.c_str(), &address.bytes[12]) == 1) {
+    address.prefixOffset = 96;
+    return address;
+  }
+  if (inet_pton(AF_INET6, text.c_str(), address.bytes.data()) == 1) return address;
+  return std::nullopt;
+}
+
+bool network_holds(const Address& network, uint64_t prefix, const Address& address) {
+  if (network.prefixOffset != address.prefixOffset) return false;
+  uint64_t bits = prefix == 0 ? 128 : std::min<uint64_t>(network.prefixOffset + prefix, 128);
+  for (size_t i = 0; i < 16 && i * 8 < bits; ++i) {
+    uint64_t left = bits - i * 8;
+    unsigned mask = left >= 8 ? 0xffU : 0xffU << (8 - left) & 0xffU;
+    if (((network.bytes[i] ^ address.bytes[i]) & mask) != 0) return false;
+  }
+  return true;
+}
+
+bool host_matches(const std::string& ruleHost, uint64_t prefix, const std::string& host) {
+  if (ruleHost.empty()) return true;
+  auto network = parse_address(ruleHost);
+  auto address = parse_address(host);
+  if (network && address) return network_holds(*network, prefix, *address);
+  return !network && !address && strcasecmp(ruleHost.c_str(), host.c_str()) == 0;
+}
+
+bool port_matches(const std::string& rulePort, const RemoteEnd& remote) {
+  unsigned number = 0;
+  const char* end = rulePort.data() + rulePort.size();
+  auto [stop, error] = std::from_chars(rulePort.data(), end, number);
+  if (error == std::errc() && stop == end) return number == 0 || number == remote.port;
+
+  servent entry{};
+  servent* found = nullptr;
+  char storage[1024];
+  const char* protocol = remote.protocol == NENetworkRuleProtocol::UDP ? "udp" : "tcp";
+  getservbyname_r(rulePort.c_str(), protocol, &entry, storage, sizeof storage, &found);
+  return found != nullptr && ntohs(static_cast<uint16_t>(found->s_port)) == remote.port;
+}
+
+bool rule_matches(const NENetworkRule& rule, const RemoteEnd& remote) {
+  if (rule.direction == NETrafficDirection::Inbound) return false;
+  if (rule.protocol != NENetworkRuleProtocol::Any && rule.protocol != remote.protocol) return false;
+  if (rule.localNetwork != nullptr && !rule.localNetwork->hostname().empty()) return false;
+  if (rule.remoteNetwork == nullptr) return true;
+  return port_matches(rule.remoteNetwork->port(), remote) &&
+         host_matches(rule.remoteNetwork->hostname(), rule.remotePrefix, remote.host);
+}
+
+}  // namespace
+
+NEFilterAction action_for_outbound_flow(const NEFilterSettings& settings, const RemoteEnd& remote) {
+  for (const NEFilterRule& rule : settings.rules) {
+    if (rule_matches(rule.networkRule, remote)) return rule.action;
+  }
+  return settings.defaultAction;
+}
+
+}  // namespace orvane

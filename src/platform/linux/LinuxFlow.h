@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/NetworkExtension.h"
+
+namespace orvane {
+
+// A connection of one process: a socket flow.
+class LinuxSocketFlow final : public NEFilterSocketFlow {
+ public:
+  // `auditToken` is nil when the owner is not known; `host` is a name or a literal address without brackets.
+  static Ref<LinuxSocketFlow> create(Value auditToken, std::string host, uint16_t port, int32_t socketType);
+
+  // The name that the application asked for, once it is known.
+  void setRemoteHostname(std::string name) { remoteHostname_ = std::move(name); }
+
+  Value sourceAppAuditToken() const override { return auditToken_; }
+  Ref<NSURL> URL() const override { return nullptr; }
+  Ref<NWEndpoint> remoteEndpoint() const override { return remoteEndpoint_; }
+  std::optional<std::string> remoteHostname() const override { return remoteHostname_; }
+  int32_t socketType() const override { return socketType_; }
+
+ private:
+  LinuxSocketFlow(Value auditToken, Ref<NWEndpoint> remoteEndpoint, int32_t socketType)
+      : auditToken_(std::move(auditToken)), remoteEndpoint_(std::move(remoteEndpoint)), socketType_(socketType) {}
+
+  Value auditToken_;
+  Ref<NWEndpoint> remoteEndpoint_;
+  std::optional<std::string> remoteHostname_;
+  int32_t socketType_;
+};
+
+// One request of a process for a URL. It is no socket flow: the connection that carries it is the proxy's own, and the
+// application knows the resource alone. Its host name is the URL's, at every stage.
+class LinuxURLFlow final : public NEFilterFlow {
+ public:
+  // `url` as the application wrote it.
+  static Ref<LinuxURLFlow> create(Value auditToken, std::string url);
+
+  Value sourceAppAuditToken() const override { return auditToken_; }
+  Ref<NSURL> URL() const override { return url_; }
+
+ private:
+  LinuxURLFlow(Value auditToken, Ref<NSURL> url) : auditToken_(std::move(auditToken)), url_(std::move(url)) {}
+
+  Value auditToken_;
+  Ref<NSURL> url_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,193 @@
+#include "platform/Log.h"
+
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
+#include <utility>
+
+#define SD_JOURNAL_SUPPRESS_LOCATION
+#include <systemd/sd-journal.h>
+
+#include "platform/Bundle.h"
+
+namespace orvane {
+
+// Made once for each pair of names and never freed, so that a handle for each flow costs a look-up. The names in use
+// are few and fixed.
+class LogHandle {
+ public:
+  LogHandle(std::string_view subsystem, std::string_view category);
+
+  bool keeps(LogLevel level) const { return (kept_ >> static_cast<unsigned>(level) & 1) != 0; }
+  const std::string& subsystem() const { return subsystem_; }
+  const std::string& category() const { return category_; }
+
+ private:
+  std::string subsystem_, category_;
+  unsigned kept_;  // one bit for each level
+};
+
+void retain(const LogHandle*) {}
+void release(const LogHandle*) {}
+
+namespace {
+
+constexpr unsigned bit(LogLevel level) { return 1U << static_cast<unsigned>(level); }
+constexpr unsigned kKeptByDefault = bit(LogLevel::Default) | bit(LogLevel::Error);
+constexpr std::string_view kDefaultOptions = "DEFAULT-OPTIONS";
+
+// The levels that a category's preferences keep, in the form of macOS's logging preferences:
+// { "Level": { "Enable": "Debug" } }. Nothing when they do not say.
+std::optional<unsigned> kept_by(const Value* preferences) {
+  const Value* level = preferences == nullptr ? nullptr : preferences->find("Level");
+  const Value* enable = level == nullptr ? nullptr : level->find("Enable");
+  if (enable == nullptr) return std::nullopt;
+  if (enable->asString() == "Default") return kKeptByDefault;
+  if (enable->asString() == "Info") return kKeptByDefault | bit(LogLevel::Info);
+  if (enable->asString() == "Debug") return kKeptByDefault | bit(LogLevel::Info) | bit(LogLevel::Debug);
+  return std::nullopt;
+}
+
+// The log without a category follows the default options of the bundle's own subsystem.
+unsigned kept_levels(std::string_view subsystem, std::string_view category) {
+  static const Value preferences = bundle_get_information(bundle_get_main(), "OSLogPreferences");
+  static const Value identifier = bundle_get_information(bundle_get_main(), "CFBundleIdentifier");
+  if (subsystem.empty()) subsystem = identifier.isString() ? identifier.asString() : kBundleIdentifier;
+  const Value* own = preferences.find(subsystem);
+  if (own == nullptr) return kKeptByDefault;
+  std::optional<unsigned> kept = kept_by(own->find(category));
+  if (!kept) kept = kept_by(own->find(kDefaultOptions));
+  return kept.value_or(kKeptByDefault);
+}
+
+using Names = std::pair<std::string_view, std::string_view>;
+
+struct NamesHash {
+  size_t operator()(const Names& names) const {
+    std::hash<std::string_view> hash;
+    return hash(names.first) * 31 + hash(names.second);
+  }
+};
+
+// The handles by their own names. Never destroyed: threads of the platform may log while the process ends.
+struct HandleTable {
+  std::shared_mutex mutex;
+  std::unordered_map<Names, std::unique_ptr<LogHandle>, NamesHash> handles;
+};
+
+HandleTable& table() {
+  static auto* shared = new HandleTable;
+  return *shared;
+}
+
+constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
+
+constexpr std::array<const char*, 4> kLevelNames = {"default", "info", "debug", "error"};
+constexpr std::array<const char*, 4> kPriorities = {"PRIORITY=5", "PRIORITY=6", "PRIORITY=7", "PRIORITY=3"};
+
+// False where there is no journal, or it does not take the message.
+bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view message) {
+  // sd_journal_sendv(3) reports success when nobody listens.
+  if (::access(kJournalSocket.data(), F_OK) != 0) return false;
+  std::string text = "MESSAGE=" + std::string(message);
+  std::string subsystem = "SUBSYSTEM=" + handle.subsystem();
+  std::string category = "CATEGORY=" + handle.category();
+  std::string priority = kPriorities.at(static_cast<size_t>(level));
+  std::string identifier = "SYSLOG_IDENTIFIER=OrvaneSE";
+  std::array<iovec, 5> fields{};
+  int count = 0;
+  for (std::string* field : {&text, &priority, &identifier, &subsystem, &category}) {
+    if (field->ends_with('=')) continue;  // the default log has no names
+    fields.at(count++) = {field->data(), field->size()};
+  }
+  return sd_journal_sendv(fields.data(), count) >= 0;
+}
+
+// Makes a message fit for a terminal and for readers of lines: what a host name or a process put into it cannot pass
+// for another message. Lines after the first are indented; other control characters, those of C1 too, are spelled out.
+void append_printable(std::string& text, std::string_view message) {
+  for (size_t i = 0; i < message.size(); ++i) {
+    auto byte = static_cast<unsigned char>(message[i]);
+    bool startsC1 = byte == 0xc2 && i + 1 < message.size() && static_cast<unsigned char>(message[i + 1]) < 0xa0;
+    if (byte == '\n') {
+      text += "\n    ";
+    } else if ((byte < 0x20 && byte != '\t') || byte == 0x7f || startsC1) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02x", startsC1 ? static_cast<unsigned char>(message[++i]) : byte);
+      text += escape;
+    } else {
+      text += message[i];
+    }
+  }
+}
+
+std::string timestamp() {
+  std::timespec now{};
+  std::timespec_get(&now, TIME_UTC);
+  std::tm parts{};
+  localtime_r(&now.tv_sec, &parts);
+  char date[32], text[48];
+  std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &parts);
+  std::snprintf(text, sizeof text, "%s.%03ld", date, now.tv_nsec / 1000000);
+  return text;
+}
+
+// In one write(2), so that the lines of several threads do not mix.
+void write_to_standard_error(const LogHandle& handle, LogLevel level, std::string_view message) {
+  std::string line = timestamp() + " " + kLevelNames.at(static_cast<size_t>(level)) + " [";
+  append_printable(line, handle.category().empty() ? "default" : handle.category());
+  line += "] ";
+  append_printable(line, message);
+  line += '\n';
+  for (std::string_view rest = line; !rest.empty();) {
+    ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
+    if (written < 0 && errno != EINTR) return;
+    if (written > 0) rest.remove_prefix(static_cast<size_t>(written));
+  }
+}
+
+}  // namespace
+
+LogHandle::LogHandle(std::string_view subsystem, std::string_view category)
+    : subsystem_(subsystem), category_(category), kept_(kept_levels(subsystem, category)) {}
+
+os_log_t os_log_create(const char* subsystem, const char* category) {
+  Names names(subsystem, category);
+  HandleTable& known = table();
+  {
+    std::shared_lock lock(known.mutex);
+    auto entry = known.handles.find(names);
+    if (entry != known.handles.end()) return os_log_t::adopt(entry->second.get());
+  }
+  auto handle = std::make_unique<LogHandle>(names.first, names.second);
+  names = {handle->subsystem(), handle->category()};
+  std::unique_lock lock(known.mutex);
+  return os_log_t::adopt(known.handles.try_emplace(names, std::move(handle)).first->second.get());
+}
+
+const os_log_t& default_log() {
+  static const auto* log = new os_log_t(os_log_t::adopt(new LogHandle("", "")));
+  return *log;
+}
+
+bool os_log_type_enabled(const os_log_t& log, LogLevel level) { return (log ? log : default_log())->keeps(level); }
+
+void log_detail::write(const os_log_t& log, LogLevel level, std::string_view format,
+                       std::initializer_list<Argument> arguments) {
+  const LogHandle& handle = *(log ? log : default_log());
+  std::string text = render(format, arguments);
+  std::string_view message = text;
+  if (message.ends_with('\n')) message.remove_suffix(1);
+  if (!write_to_journal(handle, level, message)) write_to_standard_error(handle, level, message);
+}
+
+}  // namespace orvane

@@ -1,0 +1,162 @@
+#include "platform/NetworkExtension.h"
+
+#include <systemd/sd-daemon.h>
+
+#include <csignal>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "platform/Bundle.h"
+#include "platform/Log.h"
+#include "platform/linux/Error.h"
+#include "platform/linux/FlowSource.h"
+#include "platform/linux/ProviderHost.h"
+#include "platform/linux/Proxy.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+using CreateProvider = Ref<NEFilterDataProvider> (*)();
+
+// The running provider and where its flows come from.
+struct ProviderHost {
+  std::mutex mutex;
+  std::map<std::string, CreateProvider, std::less<>> classes;
+  Ref<NEFilterDataProvider> provider;
+  std::unique_ptr<FlowSource> source;
+  bool stopped = false;
+};
+
+// Never destroyed: connections' threads may outlive the end of main.
+ProviderHost& host() {
+  static auto* host = new ProviderHost;
+  return *host;
+}
+
+Value extension_setting(std::string_view key) {
+  const Value description = bundle_get_information(bundle_get_main(), "NetworkExtension");
+  const Value* value = description.find(key);
+  return value == nullptr ? Value() : *value;
+}
+
+// Tells the service manager that starting is over, one way or the other: an extension whose filter did not start still
+// serves its companion, which can ask what is wrong.
+void report_start(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
+
+void report_failure(const std::string& reason) {
+  ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
+  report_start("Filter not started: " + reason);
+}
+
+// A flow source, or why there is none.
+struct MadeSource {
+  std::unique_ptr<FlowSource> source;
+  std::string reason;
+};
+
+MadeSource make_proxy() {
+  Value port = extension_setting("OrvaneProxyPort");
+  if (port.isNil()) return {std::make_unique<Proxy>(kProxyDefaultPort), {}};
+  bool valid = port.kind() == Value::Kind::Number && port.numberForm() == Value::NumberForm::Signed &&
+               port.asSigned() >= 0 && port.asSigned() <= UINT16_MAX;
+  if (!valid) return {nullptr, "OrvaneProxyPort is no port number: " + port.description()};
+  return {std::make_unique<Proxy>(static_cast<uint16_t>(port.asSigned())), {}};
+}
+
+MadeSource make_flow_source() {
+  Value name = extension_setting("OrvaneFlowSource");
+  if (name.isNil()) {
+    ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, as the bundle names none");
+    return make_proxy();
+  }
+  if (name == Value::borrowed("proxy")) return make_proxy();
+  if (name == Value::borrowed("netfilter")) return {nullptr, "the flow source netfilter is not available"};
+  return {nullptr, "there is no flow source of the name " + name.description()};
+}
+
+// Starts a flow source for the provider in place of the one before. Returns what went wrong.
+std::optional<std::string> put_in_force(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings) {
+  std::lock_guard lock(host().mutex);
+  if (host().stopped) return "the extension is being stopped";
+  host().source.reset();
+  MadeSource made = make_flow_source();
+  if (made.source == nullptr) return made.reason;
+  if (auto error = made.source->start(provider, settings)) return error;
+  host().source = std::move(made.source);
+  return std::nullopt;
+}
+
+void run_provider(CreateProvider create, const std::string& name) {
+  Ref<NEFilterDataProvider> provider = create();
+  if (provider == nullptr) return report_failure("no object of the class " + name + " can be made");
+  {
+    std::lock_guard lock(host().mutex);
+    if (host().stopped) return;
+    host().provider = provider;
+  }
+  provider->startFilterWithCompletionHandler([](const Ref<NSError>& error) {
+    if (error != nullptr) {
+      report_failure(error->localizedDescription());
+    } else {
+      report_start("Filtering");
+    }
+  });
+}
+
+}  // namespace
+
+void NEFilterProvider::registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)()) {
+  std::lock_guard lock(host().mutex);
+  host().classes.insert_or_assign(std::string(name), create);
+}
+
+int32_t NEFilterProvider::startSystemExtensionMode() {
+  block_end_signals();
+  std::signal(SIGPIPE, SIG_IGN);
+  Value classes = extension_setting("NEProviderClasses");
+  const Value* name = classes.find("com.apple.networkextension.filter-data");
+  if (name == nullptr || !name->isString()) {
+    report_failure("the bundle names no class for com.apple.networkextension.filter-data");
+    return -1;
+  }
+  std::string className(name->asString());
+  CreateProvider create = nullptr;
+  {
+    std::lock_guard lock(host().mutex);
+    if (auto found = host().classes.find(className); found != host().classes.end()) create = found->second;
+  }
+  if (create == nullptr) {
+    report_failure("there is no provider class of the name " + className);
+    return -1;
+  }
+  std::thread(run_provider, create, className).detach();
+  return 0;
+}
+
+void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler) {
+  auto error = put_in_force(Ref<NEFilterDataProvider>::retained(this), settings);
+  const ErrorHandler handler = std::move(completionHandler);
+  handler(error ? error_create(std::move(*error)) : nullptr);
+}
+
+void stop_provider_host() {
+  std::unique_ptr<FlowSource> source;
+  Ref<NEFilterDataProvider> provider;
+  {
+    std::lock_guard lock(host().mutex);
+    host().stopped = true;
+    source = std::move(host().source);
+    provider = std::move(host().provider);
+  }
+  if (source != nullptr) source->stop();
+  if (provider == nullptr) return;
+  auto stopped = std::make_shared<std::promise<void>>();
+  provider->stopFilterWithReason(NEProviderStopReason::UserInitiated, [stopped] { stopped->set_value(); });
+  stopped->get_future().wait_for(5s);
+}
+
+}  // namespace orvane

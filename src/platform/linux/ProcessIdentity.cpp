@@ -1,0 +1,213 @@
+#include "platform/linux/ProcessIdentity.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/DesktopEntry.h"
+
+namespace orvane {
+namespace {
+
+constexpr size_t kIdentifierLimit = 255;  // D-Bus names, from which Flatpak's are taken, are no longer
+constexpr int kAncestorLimit = 64;        // deeper trees are built, not grown
+
+bool is_identifier(std::string_view text) {
+  return !text.empty() && text.size() <= kIdentifierLimit && std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+           c == '-';
+  });
+}
+
+std::optional<std::string> snap_name(std::string_view instance) {
+  std::string_view name = instance.substr(0, instance.find('_'));
+  if (!is_identifier(name)) return std::nullopt;
+  return std::string(name);
+}
+
+// Splits at every separator.
+std::vector<std::string_view> split(std::string_view text, char separator) {
+  std::vector<std::string_view> parts;
+  while (true) {
+    size_t end = text.find(separator);
+    parts.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) return parts;
+    text.remove_prefix(end + 1);
+  }
+}
+
+// The paths in the lines "hierarchy:controllers:path" of /proc/pid/cgroup.
+std::vector<std::string_view> control_group_paths(std::string_view controlGroups) {
+  std::vector<std::string_view> paths;
+  for (std::string_view line : split(controlGroups, '\n')) {
+    size_t first = line.find(':');
+    size_t second = first == std::string_view::npos ? first : line.find(':', first + 1);
+    if (second != std::string_view::npos) paths.push_back(line.substr(second + 1));
+  }
+  return paths;
+}
+
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// What systemd-escape(1) did, undone.
+std::string unescape_unit(std::string_view text) {
+  std::string result;
+  for (size_t i = 0; i < text.size(); ++i) {
+    int high = -1, low = -1;
+    if (text.substr(i, 2) == "\\x" && i + 3 < text.size()) {
+      high = hex_digit(text[i + 2]);
+      low = hex_digit(text[i + 3]);
+    }
+    if (high < 0 || low < 0) {
+      result += text[i];
+    } else {
+      result += static_cast<char>(high * 16 + low);
+      i += 3;
+    }
+  }
+  return result;
+}
+
+// The ID in app[-LAUNCHER]-ID-RANDOM.scope and app[-LAUNCHER]-ID[@RANDOM].service. Empty for other names.
+std::string application_of_unit(std::string_view unit) {
+  constexpr std::string_view kScope = ".scope", kService = ".service";
+  std::vector<std::string_view> parts;
+  if (unit.ends_with(kScope)) {
+    parts = split(unit.substr(0, unit.size() - kScope.size()), '-');
+    if (parts.size() > 2) parts.pop_back();
+  } else if (unit.ends_with(kService)) {
+    parts = split(unit.substr(0, unit.size() - kService.size()), '-');
+    parts.back() = parts.back().substr(0, parts.back().find('@'));
+  }
+  if (parts.size() < 2 || parts.size() > 3 || parts.front() != "app") return {};
+  return unescape_unit(parts.back());
+}
+
+// Whether the path leads to the same file for us as for the process. It does not in a container, nor in a snap, whose
+// /usr is another one.
+bool is_ours(const Executable& executable) {
+  struct stat status;
+  return ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
+         status.st_ino == executable.inode;
+}
+
+}  // namespace
+
+std::optional<std::string> flatpak_application(std::string_view information) {
+  auto name = key_file_value(information, "Application", "name");
+  if (!name || !is_identifier(*name)) return std::nullopt;
+  return std::string(*name);
+}
+
+std::optional<std::string> snap_of_path(std::string_view path) {
+  for (std::string_view folder : {"/snap/", "/var/lib/snapd/snap/"}) {
+    if (!path.starts_with(folder)) continue;
+    std::string_view rest = path.substr(folder.size());
+    size_t end = rest.find('/');
+    if (end != std::string_view::npos && rest.substr(0, end) != "bin") return snap_name(rest.substr(0, end));
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> snap_of_control_groups(std::string_view controlGroups) {
+  for (std::string_view path : control_group_paths(controlGroups)) {
+    for (std::string_view unit : split(path, '/')) {
+      std::vector<std::string_view> parts = split(unit, '.');
+      if (parts.size() > 2 && parts[0] == "snap") return snap_name(unescape_unit(parts[1]));
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups) {
+  for (std::string_view path : control_group_paths(controlGroups)) {
+    // From the innermost on: an application may divide its unit further, without names of this kind.
+    for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
+      std::string_view unit = path.substr(0, end);
+      std::string application = application_of_unit(unit.substr(unit.rfind('/') + 1));
+      if (!application.empty()) return ApplicationUnit{std::string(unit), std::move(application)};
+    }
+  }
+  return std::nullopt;
+}
+
+ProcessIdentity& ProcessIdentity::system() {
+  static auto* identity = new ProcessIdentity(ApplicationFolders::system());
+  return *identity;
+}
+
+ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& process) const {
+  Program program{process.executable(), flatpak_application(process.flatpakInformation())};
+  if (program.package) return program;
+  if (program.executable) program.package = snap_of_path(program.executable->path);
+  // Children of a snap stay in its control group, also those that run a program of the system's: a browser that was
+  // started from an editor's terminal is not the editor. What the snap brings along stands in no file of ours.
+  if (!program.package && !(program.executable && is_ours(*program.executable))) {
+    program.package = snap_of_control_groups(process.controlGroups());
+  }
+  return program;
+}
+
+std::optional<std::string> ProcessIdentity::applicationOf(const Program& program) {
+  if (program.package) return program.package;
+  return program.executable ? index_.applicationOf(*program.executable) : std::nullopt;
+}
+
+std::optional<std::string> ProcessIdentity::identifierOf(const Program& program) {
+  if (auto application = applicationOf(program)) return application;
+  if (!program.executable) return std::nullopt;
+  const std::string& path = program.executable->path;
+  std::string name = path.substr(path.rfind('/') + 1);
+  return name.empty() ? std::nullopt : std::optional(std::move(name));
+}
+
+pid_t ProcessIdentity::responsibleFor(pid_t pid) {
+  auto process = this->process(pid);
+  if (!process) return -1;
+  if (isApplication(*process)) return pid;
+  auto unit = unit_of_control_groups(process->controlGroups());
+  if (auto ancestor = applicationAbove(*process, unit)) return *ancestor;
+  if (auto named = unit ? applicationOfUnit(*unit) : std::nullopt) return *named;
+  return pid;
+}
+
+std::optional<pid_t> ProcessIdentity::applicationAbove(const ProcessInformation& process,
+                                                       const std::optional<ApplicationUnit>& unit) {
+  pid_t parent = process.parent();
+  uint64_t childStart = process.startTime();
+  for (int depth = 0; depth < kAncestorLimit; ++depth) {
+    auto ancestor = this->process(parent);
+    // A parent that is younger than its child is another process, which has the identifier by now.
+    if (!ancestor || ancestor->startTime() > childStart) return std::nullopt;
+    if (unit) {
+      auto above = unit_of_control_groups(ancestor->controlGroups());
+      if (!above || above->path != unit->path) return std::nullopt;
+    }
+    if (isApplication(*ancestor)) return parent;
+    parent = ancestor->parent();
+    childStart = ancestor->startTime();
+  }
+  return std::nullopt;
+}
+
+std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
+  // Most units without an application in them are services: these need no search.
+  if (!index_.knows(unit.application)) return std::nullopt;
+  std::optional<ProcessInformation> oldest;
+  for (pid_t pid : process_identifiers(processTable_)) {
+    auto process = this->process(pid);
+    if (!process || (oldest && oldest->startTime() <= process->startTime())) continue;
+    auto unitOfProcess = unit_of_control_groups(process->controlGroups());
+    if (!unitOfProcess || unitOfProcess->path != unit.path) continue;
+    if (applicationOf(programOf(*process)) == unit.application) oldest = std::move(process);
+  }
+  return oldest ? std::optional(oldest->pid()) : std::nullopt;
+}
+
+}  // namespace orvane

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/ApplicationIndex.h"
+#include "platform/linux/ProcessInformation.h"
+
+namespace orvane {
+
+// The application ID in the description of a Flatpak sandbox (flatpak-metadata(5), group Application).
+std::optional<std::string> flatpak_application(std::string_view information);
+
+// The Snap name in a path below a folder of snaps, and in the control groups (/proc/pid/cgroup) of a snap's process,
+// where a unit is named "snap.NAME.APP" and more. Without the key of a parallel installation ("name_key").
+std::optional<std::string> snap_of_path(std::string_view path);
+std::optional<std::string> snap_of_control_groups(std::string_view controlGroups);
+
+// The unit that a desktop environment made for an application it started (systemd's "Desktop Environment Integration").
+struct ApplicationUnit {
+  std::string path;         // of the unit's control group
+  std::string application;  // the ID of the desktop entry
+};
+std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups);
+
+// Who processes are, and which of them work for others. Thread-safe.
+class ProcessIdentity {
+ public:
+  // What a process runs.
+  struct Program {
+    std::optional<Executable> executable;
+    std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
+  };
+
+  explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
+      : index_(std::move(folders)), processTable_(std::move(processTable)) {}
+
+  // The one for this system. Never destroyed.
+  static ProcessIdentity& system();
+
+  std::optional<ProcessInformation> process(pid_t pid) const { return ProcessInformation::open(pid, processTable_); }
+
+  Program programOf(const ProcessInformation& process) const;
+
+  // The identifier of the application that the program is by itself: its package's, or its desktop entry's.
+  std::optional<std::string> applicationOf(const Program& program);
+
+  // The same; else the executable's file name, so that a browser unpacked from an archive has an identifier too.
+  // Nothing when not even that is known.
+  std::optional<std::string> identifierOf(const Program& program);
+
+  // The process that answers for this one. Itself, when it is an application by itself; else its nearest ancestor that
+  // is one; else a process of the application that its unit is named after; else itself. A unit bounds the search for
+  // ancestors: what a desktop, or another application, started in a unit of its own does not work for its starter.
+  // -1 when there is no such process.
+  pid_t responsibleFor(pid_t pid);
+
+ private:
+  bool isApplication(const ProcessInformation& process) { return applicationOf(programOf(process)).has_value(); }
+  std::optional<pid_t> applicationAbove(const ProcessInformation& process, const std::optional<ApplicationUnit>& unit);
+  std::optional<pid_t> applicationOfUnit(const ApplicationUnit& unit);
+
+  ApplicationIndex index_;
+  const std::string processTable_;
+};
+
+}  // namespace orvane

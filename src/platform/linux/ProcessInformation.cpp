@@ -1,0 +1,153 @@
+#include "platform/linux/ProcessInformation.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <memory>
+
+namespace orvane {
+namespace {
+
+// Longer than any of the files is; what a process may lengthen (its control groups' names) is cut here.
+constexpr size_t kFileLimit = size_t{64} * 1024;
+constexpr uint32_t kNobodyLoggedIn = UINT32_MAX;
+constexpr std::string_view kDeleted = " (deleted)";
+
+// Takes the next word off the front of the text. Empty at the end.
+std::string_view take_word(std::string_view& text) {
+  size_t start = text.find_first_not_of(" \t\n");
+  if (start == std::string_view::npos) return {};
+  size_t end = text.find_first_of(" \t\n", start);
+  std::string_view word = text.substr(start, end == std::string_view::npos ? end : end - start);
+  text = end == std::string_view::npos ? std::string_view() : text.substr(end);
+  return word;
+}
+
+template <class Number>
+std::optional<Number> parse_number(std::string_view word) {
+  Number number{};
+  auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+  if (error != std::errc() || end != word.data() + word.size()) return std::nullopt;
+  return number;
+}
+
+// The real and the effective one of a line of /proc/pid/status such as "Uid:\t1000\t1000\t1000\t1000".
+struct RealAndEffective {
+  uint32_t real, effective;
+};
+
+std::optional<RealAndEffective> parse_status_line(std::string_view status, std::string_view label) {
+  size_t start = status.find(label);
+  if (start == std::string_view::npos) return std::nullopt;
+  std::string_view rest = status.substr(start + label.size());
+  auto real = parse_number<uint32_t>(take_word(rest));
+  auto effective = parse_number<uint32_t>(take_word(rest));
+  if (!real || !effective) return std::nullopt;
+  return RealAndEffective{*real, *effective};
+}
+
+uint32_t read_audit_number(int directory, const char* name) {
+  auto text = read_file_start(directory, name, kFileLimit, Links::Refuse);
+  std::string_view rest = text ? std::string_view(*text) : std::string_view();
+  return parse_number<uint32_t>(take_word(rest)).value_or(kNobodyLoggedIn);
+}
+
+}  // namespace
+
+std::optional<std::string> read_file_start(int directory, const char* path, size_t limit, Links links) {
+  int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (links == Links::Refuse ? O_NOFOLLOW : 0);
+  Descriptor file(::openat(directory, path, flags));
+  struct stat status;
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  std::string bytes;
+  std::array<char, 4096> chunk;
+  while (bytes.size() < limit) {
+    ssize_t count = ::read(file.get(), chunk.data(), std::min(chunk.size(), limit - bytes.size()));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    bytes.append(chunk.data(), static_cast<size_t>(count));
+  }
+  return bytes;
+}
+
+std::optional<ProcessStat> parse_process_stat(std::string_view text) {
+  size_t bracket = text.rfind(')');
+  if (bracket == std::string_view::npos) return std::nullopt;
+  std::string_view rest = text.substr(bracket + 1);
+  std::string_view state = take_word(rest);  // field 3
+  auto parent = parse_number<pid_t>(take_word(rest));
+  for (int field = 5; field < 22; ++field) take_word(rest);
+  auto startTime = parse_number<uint64_t>(take_word(rest));
+  if (state.size() != 1 || !parent || !startTime) return std::nullopt;
+  return ProcessStat{state[0], *parent, *startTime};
+}
+
+std::optional<ProcessInformation> ProcessInformation::open(pid_t pid, const std::string& processTable) {
+  if (pid <= 0) return std::nullopt;
+  std::string path = processTable + "/" + std::to_string(pid);
+  Descriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) return std::nullopt;
+  auto text = read_file_start(directory.get(), "stat", kFileLimit, Links::Refuse);
+  auto stat = text ? parse_process_stat(*text) : std::nullopt;
+  // A zombie runs no program any more, and a dead process neither.
+  if (!stat || stat->state == 'Z' || stat->state == 'X' || stat->state == 'x') return std::nullopt;
+  return ProcessInformation(pid, std::move(directory), *stat);
+}
+
+std::optional<audit_token_t> ProcessInformation::auditToken() const {
+  auto status = read_file_start(directory(), "status", kFileLimit, Links::Refuse);
+  if (!status) return std::nullopt;
+  auto user = parse_status_line(*status, "\nUid:");
+  auto group = parse_status_line(*status, "\nGid:");
+  if (!user || !group) return std::nullopt;
+  return audit_token_t{{read_audit_number(directory(), "loginuid"), user->effective, group->effective, user->real,
+                        group->real, static_cast<uint32_t>(pid_), read_audit_number(directory(), "sessionid"),
+                        version()}};
+}
+
+std::optional<Executable> ProcessInformation::executable() const {
+  std::array<char, PATH_MAX> target;
+  ssize_t length = ::readlinkat(directory(), "exe", target.data(), target.size());
+  struct stat status;
+  if (length <= 0 || ::fstatat(directory(), "exe", &status, 0) != 0) return std::nullopt;
+  std::string path(target.data(), static_cast<size_t>(length));
+  if (path.ends_with(kDeleted)) {
+    // The kernel's remark, unless a file of that very name is the one that runs.
+    struct stat named;
+    bool spelledSo =
+        ::stat(path.c_str(), &named) == 0 && named.st_dev == status.st_dev && named.st_ino == status.st_ino;
+    if (!spelledSo) path.resize(path.size() - kDeleted.size());
+  }
+  return Executable{std::move(path), status.st_dev, status.st_ino};
+}
+
+std::string ProcessInformation::controlGroups() const {
+  return read_file_start(directory(), "cgroup", kFileLimit, Links::Refuse).value_or("");
+}
+
+std::string ProcessInformation::flatpakInformation() const {
+  return read_file_start(directory(), "root/.flatpak-info", kFileLimit, Links::Refuse).value_or("");
+}
+
+std::optional<audit_token_t> audit_token_of_process(pid_t pid) {
+  auto process = ProcessInformation::open(pid);
+  return process ? process->auditToken() : std::nullopt;
+}
+
+std::vector<pid_t> process_identifiers(const std::string& processTable) {
+  std::vector<pid_t> identifiers;
+  std::unique_ptr<DIR, int (*)(DIR*)> table(::opendir(processTable.c_str()), ::closedir);
+  if (!table) return identifiers;
+  while (const dirent* entry = ::readdir(table.get())) {
+    if (auto pid = parse_number<pid_t>(entry->d_name)) identifiers.push_back(*pid);
+  }
+  return identifiers;
+}
+
+}  // namespace orvane

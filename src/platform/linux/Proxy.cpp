@@ -1,0 +1,187 @@
+#include "platform/linux/Proxy.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <system_error>
+
+#include "platform/Log.h"
+#include "platform/linux/ProxyConnection.h"
+#include "platform/linux/SocketIO.h"
+
+namespace orvane {
+
+using namespace std::chrono_literals;
+
+// What the connections' threads keep alive together.
+struct Proxy::Shared {
+  ProxyContext context;
+  std::mutex mutex;
+  std::condition_variable changed;
+  size_t connections = 0;  // guarded by mutex
+  bool stopping = false;   // guarded by mutex
+
+  // Takes a place for one more connection, when there is one. False when the proxy is being stopped.
+  bool enter() {
+    std::unique_lock lock(mutex);
+    if (connections >= kProxyConnectionLimit) {
+      ORVANE_LOG_ERROR(default_log(), "proxy: %lu connections are open, further ones wait", connections);
+    }
+    changed.wait(lock, [this] { return stopping || connections < kProxyConnectionLimit; });
+    if (stopping) return false;
+    ++connections;
+    return true;
+  }
+
+  void leave() {
+    std::lock_guard lock(mutex);
+    --connections;
+    changed.notify_all();
+  }
+};
+
+namespace {
+
+std::string failure(const char* what, int error) {
+  return std::string("proxy: ") + what + ": " + std::generic_category().message(error);
+}
+
+// A listening socket on the loopback address of a family. Without one, errno tells why.
+Descriptor listen_on(int family, uint16_t port) {
+  Descriptor listener(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!listener) return {};
+  int on = 1;
+  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in v4{};
+  v4.sin_family = AF_INET;
+  v4.sin_port = htons(port);
+  v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in6 v6{};
+  v6.sin6_family = AF_INET6;
+  v6.sin6_port = htons(port);
+  v6.sin6_addr = IN6ADDR_LOOPBACK_INIT;
+  auto* address = family == AF_INET ? reinterpret_cast<sockaddr*>(&v4) : reinterpret_cast<sockaddr*>(&v6);
+  socklen_t size = family == AF_INET ? sizeof v4 : sizeof v6;
+  if (family == AF_INET6) setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+  if (bind(listener.get(), address, size) != 0 || listen(listener.get(), SOMAXCONN) != 0) {
+    int error = errno;
+    listener.reset();
+    errno = error;
+  }
+  return listener;
+}
+
+uint16_t bound_port(int listener) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+// Two descriptors for each connection are more than the usual soft limit allows.
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4 * kProxyConnectionLimit));
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace
+
+std::optional<std::string> Proxy::start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) {
+  raise_descriptor_limit();
+  if (auto error = listenOnLoopback()) return error;
+  shared_ = std::make_shared<Shared>();
+  shared_->context.provider = std::move(provider);
+  shared_->context.settings = settings;
+  shared_->context.port = port_;
+  shared_->context.stop = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!shared_->context.stop) return failure("no event descriptor", errno);
+  acceptor_ = std::thread(&Proxy::accept, this);
+  for (const Descriptor& listener : listeners_) {
+    const char* address = &listener == listeners_.data() ? "127.0.0.1" : "[::1]";
+    ORVANE_LOG_DEFAULT(default_log(), "proxy listening on %s:%d", address, static_cast<int>(port_));
+  }
+  return std::nullopt;
+}
+
+// Listens on both loopback addresses, on one port. A system without IPv6 has only the one.
+std::optional<std::string> Proxy::listenOnLoopback() {
+  for (int attempt = 1;; ++attempt) {
+    listeners_.clear();
+    Descriptor v4 = listen_on(AF_INET, port_);
+    if (!v4) return failure(("cannot listen on 127.0.0.1:" + std::to_string(port_)).c_str(), errno);
+    uint16_t port = bound_port(v4.get());
+    Descriptor v6 = listen_on(AF_INET6, port);
+    int error = v6 ? 0 : errno;
+    // A free port that was picked for one family may be taken in the other.
+    if (error == EADDRINUSE && port_ == 0 && attempt < 16) continue;
+    if (error == EADDRINUSE) return failure(("cannot listen on [::1]:" + std::to_string(port)).c_str(), error);
+    if (error != 0) ORVANE_LOG_DEFAULT(default_log(), "proxy: no IPv6: %s", std::strerror(error));
+    listeners_.push_back(std::move(v4));
+    if (v6) listeners_.push_back(std::move(v6));
+    port_ = port;
+    return std::nullopt;
+  }
+}
+
+void Proxy::accept() {
+  std::vector<pollfd> entries;
+  for (const Descriptor& listener : listeners_) entries.push_back({listener.get(), POLLIN, 0});
+  while (wait_for(entries, shared_->context.stop.get(), std::nullopt) != Wait::Stopped) {
+    for (const pollfd& entry : entries) {
+      if (entry.revents == 0) continue;
+      if (!shared_->enter()) return;
+      Descriptor client(accept4(entry.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      if (!client) {
+        bool full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+        shared_->leave();
+        // Nothing is gained by asking again at once: a descriptor must come free first.
+        if (full) wait_for({}, shared_->context.stop.get(), deadline_after(100ms));
+        continue;
+      }
+      serve(std::move(client));
+    }
+  }
+}
+
+// Gives a client a thread of its own.
+void Proxy::serve(Descriptor client) {
+  try {
+    std::thread([shared = shared_, client = std::move(client)]() mutable {
+      try {
+        serve_proxy_connection(shared->context, std::move(client));
+      } catch (const std::exception& error) {
+        ORVANE_LOG_ERROR(default_log(), "proxy: a connection ended early: %s", error.what());
+      }
+      shared->leave();
+    }).detach();
+  } catch (const std::system_error& error) {
+    ORVANE_LOG_ERROR(default_log(), "proxy: no thread for a connection: %s", error.what());
+    shared_->leave();
+  }
+}
+
+void Proxy::stop() {
+  if (!acceptor_.joinable()) return;
+  {
+    std::lock_guard lock(shared_->mutex);
+    shared_->stopping = true;
+    shared_->changed.notify_all();
+  }
+  eventfd_write(shared_->context.stop.get(), 1);
+  acceptor_.join();
+  listeners_.clear();
+  std::unique_lock lock(shared_->mutex);
+  shared_->changed.wait_for(lock, 2s, [this] { return shared_->connections == 0; });
+}
+
+}  // namespace orvane

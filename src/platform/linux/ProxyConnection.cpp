@@ -1,0 +1,257 @@
+#include "platform/linux/ProxyConnection.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "platform/linux/FilterRules.h"
+#include "platform/linux/FilterSession.h"
+#include "platform/linux/LinuxFlow.h"
+#include "platform/linux/ProxyHead.h"
+#include "platform/linux/Relay.h"
+#include "platform/linux/ServerName.h"
+#include "platform/linux/SocketIO.h"
+#include "platform/linux/SocketOwner.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kHeadTime = 30s;   // for a client to say what it wants
+constexpr auto kReplyTime = 10s;  // for it to take a short answer
+
+// The examination of one connection's flow. A connection that no rule of the provider is about passes unasked.
+class Examination {
+ public:
+  enum class Answer { Pass, Drop };
+
+  // Shows the flow to the provider.
+  Answer begin(const Ref<NEFilterDataProvider>& provider, Ref<NEFilterFlow> flow) {
+    session_ = std::make_unique<FilterSession>(provider, std::move(flow));
+    return session_->newFlow() == FilterSession::State::Dropped ? Answer::Drop : Answer::Pass;
+  }
+
+  // The flow's name is to be read from its first bytes.
+  void readNameFor(Ref<LinuxSocketFlow> flow) { nameless_ = std::move(flow); }
+
+  // See GateQuestion.
+  Gate ask(std::span<const uint8_t> held, bool ended, bool silent) {
+    if (!session_) return Gate::Open;
+    if (session_->holdsData() && !held.empty()) {
+      if (!settleName(held, ended || silent)) return Gate::Held;
+      session_->outboundData(held);
+    }
+    if (ended) session_->outboundComplete();
+    if (session_->state() == FilterSession::State::Dropped) return Gate::Dropped;
+    return session_->holdsData() ? Gate::Held : Gate::Open;
+  }
+
+ private:
+  // Gives the flow its name when the bytes tell it. False while more bytes may.
+  bool settleName(std::span<const uint8_t> held, bool last) {
+    if (nameless_ == nullptr) return true;
+    ServerName name = find_server_name(held);
+    if (name.state == ServerName::State::Open && !last) return false;
+    if (name.state == ServerName::State::Known) nameless_->setRemoteHostname(std::move(name.name));
+    nameless_ = nullptr;
+    return true;
+  }
+
+  std::unique_ptr<FilterSession> session_;
+  Ref<LinuxSocketFlow> nameless_;
+};
+
+const char* phrase(unsigned status) {
+  switch (status) {
+    case 400:
+      return "Bad Request";
+    case 403:
+      return "Forbidden";
+    case 408:
+      return "Request Timeout";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 501:
+      return "Not Implemented";
+    default:
+      return "Bad Gateway";
+  }
+}
+
+class ProxyConnection {
+ public:
+  ProxyConnection(const ProxyContext& context, Descriptor client)
+      : context_(context), stop_(context.stop.get()), client_(std::move(client)) {}
+
+  void serve() {
+    if (!readHead() || !examine()) return;
+    // A request has bytes to show before there is anything to connect to.
+    if (request_.form == ProxyRequest::Form::Forward && !gatherFirstBytes()) return;
+    if (connectUpstream()) carry();
+  }
+
+ private:
+  bool readHead();
+  bool examine();
+  bool gatherFirstBytes();
+  bool connectUpstream();
+  void carry();
+  void refuse(unsigned status, const std::string& line);
+  std::string destination() const;
+
+  const ProxyContext& context_;
+  int stop_;
+  Descriptor client_;
+  Descriptor upstream_;
+  ProxyRequest request_{};
+  std::string first_;  // outbound bytes that have been read already
+  Examination examination_;
+};
+
+// Reads the request's head, and what came in with it. False when the connection has been dealt with.
+bool ProxyConnection::readHead() {
+  Deadline end = deadline_after(kHeadTime);
+  char bytes[16384];
+  for (;;) {
+    pollfd entry{client_.get(), POLLIN, 0};
+    Wait waited = wait_for({&entry, 1}, stop_, end);
+    if (waited == Wait::TimedOut && !first_.empty()) refuse(408, "The request did not arrive in time.");
+    if (waited != Wait::Ready) return false;
+    ssize_t count = recv(client_.get(), bytes, sizeof bytes, 0);
+    if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (count <= 0) return false;
+    first_.append(bytes, static_cast<size_t>(count));
+
+    ProxyHead head = parse_proxy_head(first_);
+    if (head.state == ProxyHead::State::Incomplete) continue;
+    if (head.state == ProxyHead::State::Refused) {
+      refuse(head.status, head.reason);
+      return false;
+    }
+    request_ = std::move(head.request);
+    first_.erase(0, request_.length);
+    return true;
+  }
+}
+
+// Asks about the new flow what there is to ask. False when it has been refused.
+bool ProxyConnection::examine() {
+  NEFilterAction action =
+      action_for_outbound_flow(context_.settings, {request_.host, request_.port, NENetworkRuleProtocol::TCP});
+  auto answer = action == NEFilterAction::Drop ? Examination::Answer::Drop : Examination::Answer::Pass;
+  if (action == NEFilterAction::FilterData) {
+    auto ends = socket_ends(client_.get());
+    if (!ends) return false;
+    // The client's end of this connection is the socket to find the owner of.
+    Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
+                                              reinterpret_cast<const sockaddr*>(&ends->local));
+    if (request_.form == ProxyRequest::Form::Forward) {
+      answer = examination_.begin(context_.provider, LinuxURLFlow::create(std::move(token), request_.url));
+    } else {
+      auto flow = LinuxSocketFlow::create(std::move(token), request_.host, request_.port, SOCK_STREAM);
+      if (request_.hostIsAddress) {
+        examination_.readNameFor(flow);
+      } else {
+        flow->setRemoteHostname(request_.host);
+      }
+      answer = examination_.begin(context_.provider, flow);
+    }
+  }
+  if (answer == Examination::Answer::Pass) return true;
+  refuse(403, "The filter of this computer blocks " + destination() + ".");
+  return false;
+}
+
+// Puts together what a request begins with, and shows it. False when it has been dropped.
+bool ProxyConnection::gatherFirstBytes() {
+  std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(first_.data()), first_.size());
+  first_.resize(request_.body.take(rest));
+  if (request_.body.malformed()) {
+    refuse(400, "The body of the request is malformed.");
+    return false;
+  }
+  first_.insert(0, request_.head);
+  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(first_.data()), first_.size());
+  if (examination_.ask(bytes, request_.body.ended(), false) != Gate::Dropped) return true;
+  reset_connection(std::move(client_));
+  return false;
+}
+
+// Whether a connection's other end is the proxy itself, however its address was written.
+bool leads_to_proxy(int upstream, uint16_t port) {
+  auto ends = socket_ends(upstream);
+  if (!ends) return false;
+  if (ends->peer.ss_family == AF_INET) {
+    auto& peer = reinterpret_cast<const sockaddr_in&>(ends->peer);
+    return ntohs(peer.sin_port) == port && ntohl(peer.sin_addr.s_addr) == INADDR_LOOPBACK;
+  }
+  auto& peer = reinterpret_cast<const sockaddr_in6&>(ends->peer);
+  const in6_addr& address = peer.sin6_addr;
+  bool loopback = IN6_IS_ADDR_LOOPBACK(&address) ||
+                  (IN6_IS_ADDR_V4MAPPED(&address) && address.s6_addr32[3] == htonl(INADDR_LOOPBACK));
+  return loopback && ntohs(peer.sin6_port) == port;
+}
+
+bool ProxyConnection::connectUpstream() {
+  Connected connected = connect_to_host(request_.host, request_.port, stop_);
+  if (!connected.socket) {
+    refuse(502, "No connection to " + destination() + ": " + connected.reason + ".");
+    return false;
+  }
+  if (leads_to_proxy(connected.socket.get(), context_.port)) {
+    refuse(403, "The proxy does not connect to itself.");
+    return false;
+  }
+  upstream_ = std::move(connected.socket);
+  int on = 1;
+  for (int socket : {client_.get(), upstream_.get()}) {
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+  }
+  return true;
+}
+
+void ProxyConnection::carry() {
+  bool tunnel = request_.form == ProxyRequest::Form::Tunnel;
+  if (tunnel &&
+      !send_all(client_.get(), "HTTP/1.1 200 Connection established\r\n\r\n", stop_, deadline_after(kReplyTime))) {
+    return;
+  }
+  Relay relay(
+      client_.get(), upstream_.get(), stop_, first_, tunnel ? nullptr : &request_.body,
+      [this](std::span<const uint8_t> held, bool ended, bool silent) { return examination_.ask(held, ended, silent); });
+  first_ = {};
+  switch (relay.run()) {
+    case Relay::Outcome::Ended:
+      upstream_.reset();
+      if (!tunnel) close_gently(std::move(client_), stop_);
+      break;
+    case Relay::Outcome::Dropped:
+    case Relay::Outcome::Broken:
+      reset_connection(std::move(upstream_));
+      reset_connection(std::move(client_));
+      break;
+    case Relay::Outcome::Stopped:
+      break;
+  }
+}
+
+void ProxyConnection::refuse(unsigned status, const std::string& line) {
+  std::string reply = "HTTP/1.1 " + std::to_string(status) + " " + phrase(status) +
+                      "\r\nContent-Type: text/plain; charset=utf-8\r\nConnection: close\r\nContent-Length: " +
+                      std::to_string(line.size() + 1) + "\r\n\r\n" + line + "\n";
+  if (send_all(client_.get(), reply, stop_, deadline_after(kReplyTime))) close_gently(std::move(client_), stop_);
+}
+
+std::string ProxyConnection::destination() const { return request_.host + " port " + std::to_string(request_.port); }
+
+}  // namespace
+
+void serve_proxy_connection(const ProxyContext& context, Descriptor client) {
+  ProxyConnection(context, std::move(client)).serve();
+}
+
+}  // namespace orvane

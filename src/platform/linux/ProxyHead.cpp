@@ -1,0 +1,281 @@
+#include "platform/linux/ProxyHead.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/rfc7230.hpp>
+#include <boost/url/authority_view.hpp>
+#include <boost/url/parse.hpp>
+
+namespace orvane {
+namespace {
+
+namespace http = boost::beast::http;
+using Parser = http::request_parser<http::empty_body>;
+
+std::string_view view(boost::beast::string_view text) { return {text.data(), text.size()}; }
+
+ProxyHead refused(unsigned status, const char* reason) { return {ProxyHead::State::Refused, {}, status, reason}; }
+
+// Whether the bytes can be the start of a request line: a method, in the letters that a method may have. Tells a client
+// that speaks TLS or nonsense at once, where the parser would wait for the end of the head.
+bool may_be_request(std::string_view bytes) {
+  std::string_view method = bytes.substr(0, std::min<size_t>(bytes.find(' '), 32));
+  if (method.empty()) return bytes.empty();
+  return std::all_of(method.begin(), method.end(), [](unsigned char c) { return std::isalnum(c) || c == '-'; }) &&
+         (method.size() < 32);
+}
+
+struct Authority {
+  std::string host;
+  bool isAddress;
+  std::optional<uint16_t> port;
+};
+
+// Reads "host[:port]" (RFC 3986, section 3.2). Percent-encoding stays: a decoded name could hold a NUL, and would then
+// be one name to the filter and another to the resolver.
+std::optional<Authority> parse_authority(std::string_view text) {
+  auto parsed = boost::urls::parse_authority(boost::urls::string_view(text.data(), text.size()));
+  if (!parsed || parsed->has_userinfo()) return std::nullopt;
+  Authority authority;
+  switch (parsed->host_type()) {
+    case boost::urls::host_type::ipv4:
+    case boost::urls::host_type::ipv6:
+      authority.host = parsed->host_address();
+      authority.isAddress = true;
+      break;
+    case boost::urls::host_type::name: {
+      boost::urls::string_view name = parsed->encoded_host();
+      authority.host.assign(name.data(), name.size());
+      authority.isAddress = false;
+      break;
+    }
+    default:
+      return std::nullopt;
+  }
+  if (authority.host.empty()) return std::nullopt;
+  if (parsed->has_port() && !parsed->port().empty()) {
+    if (parsed->port_number() == 0) return std::nullopt;
+    authority.port = parsed->port_number();
+  }
+  return authority;
+}
+
+// An absolute http URL, cut into what goes to the origin server (RFC 9112, section 3.2.2).
+struct Target {
+  std::string_view authority;  // without user information
+  std::string path;            // with the query
+};
+
+std::optional<Target> split_target(std::string_view url, std::string_view method) {
+  std::string_view rest = url.substr(std::string_view("http://").size());
+  rest = rest.substr(0, rest.find('#'));
+  std::string_view authority = rest.substr(0, rest.find_first_of("/?"));
+  std::string path(rest.substr(authority.size()));
+  if (path.empty() && method == "OPTIONS") {
+    path = "*";
+  } else if (path.empty() || path.front() == '?') {
+    path.insert(0, "/");
+  }
+  if (size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+  return Target{authority, std::move(path)};
+}
+
+// Whether a field is about this one connection (RFC 9110, section 7.6.1). Transfer-Encoding is none of ours: the body
+// is passed on in the coding that it came in.
+bool is_hop_by_hop(const Parser::value_type& message, const http::fields::value_type& field) {
+  switch (field.name()) {
+    case http::field::connection:
+    case http::field::keep_alive:
+    case http::field::proxy_authenticate:
+    case http::field::proxy_authorization:
+    case http::field::proxy_connection:
+    case http::field::te:
+    case http::field::upgrade:
+      return true;
+    case http::field::transfer_encoding:
+    case http::field::content_length:
+      return false;
+    default:
+      break;
+  }
+  auto [first, last] = message.equal_range(http::field::connection);
+  return std::any_of(first, last, [&](const http::fields::value_type& connection) {
+    return http::token_list(connection.value()).exists(field.name_string());
+  });
+}
+
+std::string forwarded_head(const Parser::value_type& message, const Target& target) {
+  std::string head(view(message.method_string()));
+  // The client's own version: an answer in chunks would be lost on one that speaks HTTP/1.0.
+  head.append(" ").append(target.path).append(message.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
+  head.append("Host: ").append(target.authority).append("\r\n");
+  for (const auto& field : message) {
+    if (field.name() == http::field::host || is_hop_by_hop(message, field)) continue;
+    head.append(view(field.name_string())).append(": ").append(view(field.value())).append("\r\n");
+  }
+  return head.append("Connection: close\r\n\r\n");
+}
+
+ProxyHead tunnel_request(const Parser::value_type& message) {
+  auto authority = parse_authority(view(message.target()));
+  if (!authority || !authority->port) return refused(400, "The target of CONNECT must be HOST:PORT.");
+  ProxyHead head{ProxyHead::State::Complete};
+  head.request.form = ProxyRequest::Form::Tunnel;
+  head.request.host = std::move(authority->host);
+  head.request.hostIsAddress = authority->isAddress;
+  head.request.port = *authority->port;
+  return head;
+}
+
+ProxyHead forward_request(const Parser& parser) {
+  const Parser::value_type& message = parser.get();
+  std::string_view url = view(message.target());
+  auto target = split_target(url, view(message.method_string()));
+  auto authority = parse_authority(target->authority);
+  if (!authority) return refused(400, "The URL of the request has no host that can be understood.");
+  if (message.count(http::field::transfer_encoding) > 0 && !parser.chunked()) {
+    return refused(501, "The request's body has a transfer coding that is not known here.");
+  }
+  ProxyHead head{ProxyHead::State::Complete};
+  head.request.form = ProxyRequest::Form::Forward;
+  head.request.host = std::move(authority->host);
+  head.request.hostIsAddress = authority->isAddress;
+  head.request.port = authority->port.value_or(80);
+  head.request.url = url;
+  head.request.head = forwarded_head(message, *target);
+  head.request.body =
+      parser.chunked() ? RequestBody::chunked() : RequestBody::ofLength(parser.content_length().value_or(0));
+  return head;
+}
+
+bool has_scheme(std::string_view target, std::string_view scheme) {
+  return target.size() >= scheme.size() && strncasecmp(target.data(), scheme.data(), scheme.size()) == 0;
+}
+
+ProxyHead understand(const Parser& parser) {
+  const Parser::value_type& message = parser.get();
+  if (message.method() == http::verb::connect) return tunnel_request(message);
+  std::string_view target = view(message.target());
+  if (has_scheme(target, "http://")) return forward_request(parser);
+  if (has_scheme(target, "https://")) return refused(400, "An https URL is fetched through a CONNECT to its host.");
+  if (target.find("://") != std::string_view::npos) return refused(501, "Only http URLs are fetched here.");
+  return refused(400, "This is a proxy: a request's target must be an absolute URL.");
+}
+
+// Feeds the parser. The number of bytes that the head has; 0 with an error that tells why there is none.
+size_t parse(Parser& parser, std::string_view bytes, boost::beast::error_code& error) {
+  parser.header_limit(static_cast<uint32_t>(kProxyHeadLimit));
+  parser.body_limit(boost::none);
+  size_t length = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
+  if (error == http::error::need_more || (!error && !parser.is_header_done())) error = http::error::need_more;
+  return error ? 0 : length;
+}
+
+}  // namespace
+
+ProxyHead parse_proxy_head(std::string_view bytes) {
+  if (!may_be_request(bytes)) return refused(400, "This is no HTTP request.");
+  if (bytes.empty()) return {ProxyHead::State::Incomplete};
+  Parser parser;
+  boost::beast::error_code error;
+  size_t length = parse(parser, bytes, error);
+  if (error == http::error::header_limit || (error == http::error::need_more && bytes.size() >= kProxyHeadLimit)) {
+    return refused(431, "The head of the request is too large.");
+  }
+  if (error == http::error::need_more) return {ProxyHead::State::Incomplete};
+  if (error) return refused(400, "The head of the request is malformed.");
+  ProxyHead head = understand(parser);
+  head.request.length = length;
+  return head;
+}
+
+std::optional<std::string> parse_request_host(std::string_view bytes, bool& open) {
+  open = false;
+  size_t line = bytes.find("\r\n");
+  if (!may_be_request(bytes)) return std::nullopt;
+  // Another protocol that begins with letters says so in its first line, and its server may have to answer that.
+  if (line != std::string_view::npos && bytes.substr(0, line).find(" HTTP/1.") == std::string_view::npos) {
+    return std::nullopt;
+  }
+  Parser parser;
+  boost::beast::error_code error;
+  parse(parser, bytes, error);
+  open = error == http::error::need_more;
+  if (error) return std::nullopt;
+  auto authority = parse_authority(view(parser.get()[http::field::host]));
+  if (!authority) return std::nullopt;
+  return std::move(authority->host);
+}
+
+RequestBody RequestBody::ofLength(uint64_t bytes) {
+  RequestBody body(bytes == 0 ? State::Ended : State::Plain);
+  body.left_ = bytes;
+  return body;
+}
+
+RequestBody RequestBody::chunked() { return RequestBody(State::Size); }
+
+size_t RequestBody::take(std::span<const uint8_t> bytes) {
+  size_t taken = 0;
+  while (taken < bytes.size() && !ended() && !malformed()) {
+    if (state_ == State::Plain || state_ == State::Data) {
+      size_t step = static_cast<size_t>(std::min<uint64_t>(left_, bytes.size() - taken));
+      left_ -= step;
+      taken += step;
+      if (left_ == 0) state_ = state_ == State::Plain ? State::Ended : State::DataReturn;
+    } else {
+      state_ = afterFraming(static_cast<char>(bytes[taken++]));
+    }
+  }
+  return taken;
+}
+
+// The framing of chunks (RFC 9112, section 7.1), one byte at a time. Lines end in CR LF and nothing less: two readers
+// that disagree about where a body ends can be made to see two different requests.
+RequestBody::State RequestBody::afterFraming(char byte) {
+  auto expect = [byte](char wanted, State next) { return byte == wanted ? next : State::Malformed; };
+  switch (state_) {
+    case State::Size:
+      return afterSizeDigit(byte);
+    case State::SizeRest:
+      return byte == '\r' ? State::SizeEnd : byte == '\n' ? State::Malformed : State::SizeRest;
+    case State::SizeEnd:
+      sizeGiven_ = false;
+      return expect('\n', left_ == 0 ? State::Trailer : State::Data);
+    case State::DataReturn:
+      return expect('\r', State::DataEnd);
+    case State::DataEnd:
+      return expect('\n', State::Size);
+    case State::Trailer:
+      return byte == '\r' ? State::LastEnd : byte == '\n' ? State::Malformed : State::TrailerLine;
+    case State::TrailerLine:
+      return byte == '\r' ? State::TrailerEnd : byte == '\n' ? State::Malformed : State::TrailerLine;
+    case State::TrailerEnd:
+      return expect('\n', State::Trailer);
+    case State::LastEnd:
+      return expect('\n', State::Ended);
+    default:
+      return State::Malformed;
+  }
+}
+
+RequestBody::State RequestBody::afterSizeDigit(char byte) {
+  unsigned digit = 16;
+  if (byte >= '0' && byte <= '9') digit = static_cast<unsigned>(byte - '0');
+  if (byte >= 'a' && byte <= 'f') digit = static_cast<unsigned>(byte - 'a') + 10;
+  if (byte >= 'A' && byte <= 'F') digit = static_cast<unsigned>(byte - 'A') + 10;
+  if (digit < 16) {
+    if (left_ >> 60 != 0) return State::Malformed;
+    left_ = left_ << 4 | digit;
+    sizeGiven_ = true;
+    return State::Size;
+  }
+  if (!sizeGiven_) return State::Malformed;
+  if (byte == '\r') return State::SizeEnd;
+  return byte == ';' || byte == ' ' || byte == '\t' ? State::SizeRest : State::Malformed;
+}
+
+}  // namespace orvane

@@ -1,0 +1,86 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace orvane {
+
+// The longest request head that the proxy reads, in bytes.
+inline constexpr size_t kProxyHeadLimit = 65536;
+
+// The part of a request that follows its head (RFC 9112, section 6).
+class RequestBody {
+ public:
+  static RequestBody ofLength(uint64_t bytes);
+  static RequestBody chunked();
+
+  // How many of the next bytes belong to the body. Fewer than are given only where the body ends or is malformed.
+  size_t take(std::span<const uint8_t> bytes);
+
+  bool ended() const { return state_ == State::Ended; }
+  bool malformed() const { return state_ == State::Malformed; }
+
+ private:
+  enum class State {
+    Plain,
+    Size,
+    SizeRest,
+    SizeEnd,
+    Data,
+    DataReturn,
+    DataEnd,
+    Trailer,
+    TrailerLine,
+    TrailerEnd,
+    LastEnd,
+    Ended,
+    Malformed
+  };
+
+  explicit RequestBody(State state) : state_(state) {}
+  State afterFraming(char byte);
+  State afterSizeDigit(char byte);
+
+  State state_;
+  uint64_t left_ = 0;  // bytes of the body, or of the chunk, that are still to come
+  bool sizeGiven_ = false;
+};
+
+// What a client asks the proxy for.
+struct ProxyRequest {
+  enum class Form { Tunnel, Forward };  // CONNECT; a request whose target is an absolute http URL
+
+  Form form;
+  std::string host;  // as the client wrote it; an IPv6 address without its brackets
+  bool hostIsAddress;
+  uint16_t port;
+  size_t length;  // bytes of the head, the empty line included
+
+  // Of a Forward request:
+  std::string url;   // as the client wrote it
+  std::string head;  // to be sent to the origin server: origin form, no hop-by-hop fields, Connection: close
+  RequestBody body = RequestBody::ofLength(0);
+};
+
+struct ProxyHead {
+  enum class State { Incomplete, Complete, Refused };
+
+  State state;
+  ProxyRequest request{};        // when complete
+  unsigned status = 0;           // when refused: 400, 431 or 501,
+  const char* reason = nullptr;  // and one line for the client's user
+};
+
+// Reads the head of a request to the proxy from the first bytes of a connection (RFC 9112, sections 3.2.2 and 3.2.3).
+// Refused as soon as the bytes cannot become a head that the proxy serves.
+ProxyHead parse_proxy_head(std::string_view bytes);
+
+// The host name, without a port, that a request head to an origin server gives in its Host field. Open is set while
+// the head is cut off and may still become one.
+std::optional<std::string> parse_request_host(std::string_view bytes, bool& open);
+
+}  // namespace orvane

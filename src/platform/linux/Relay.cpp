@@ -1,0 +1,141 @@
+#include "platform/linux/Relay.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A client that has said something and then waits for its server, which may be waiting for what is held.
+constexpr auto kSilence = 3s;
+
+bool try_again() { return errno == EAGAIN || errno == EINTR; }
+
+}  // namespace
+
+Relay::Direction::Direction(int fromSocket, int toSocket, std::string_view first)
+    : from(fromSocket),
+      to(toSocket),
+      capacity(std::max(kRelayBufferSize, first.size())),
+      buffer(new uint8_t[capacity]),
+      end(first.size()) {
+  std::copy(first.begin(), first.end(), buffer.get());
+}
+
+// Reads what there is and room for. The number of bytes read.
+size_t Relay::Direction::read() {
+  ssize_t count = recv(from, buffer.get() + end, capacity - end, 0);
+  if (count > 0) {
+    end += static_cast<size_t>(count);
+    return static_cast<size_t>(count);
+  }
+  if (count < 0 && try_again()) return 0;
+  sourceEnded = true;
+  broken = count < 0;
+  return 0;
+}
+
+// Writes what the other side takes. One that takes nothing any more may still have things to say, so this is no break.
+void Relay::Direction::write() {
+  ssize_t count = send(to, buffer.get() + begin, end - begin, MSG_NOSIGNAL);
+  if (count < 0 && !try_again()) {
+    finished = true;
+    return;
+  }
+  if (count > 0) begin += static_cast<size_t>(count);
+  if (begin == end) begin = end = 0;
+}
+
+Relay::Relay(int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question)
+    : stop_(stop),
+      body_(body),
+      question_(std::move(question)),
+      outbound_(client, upstream, first),
+      inbound_(upstream, client, {}) {
+  outbound_.sourceEnded = body_ != nullptr && body_->ended();
+}
+
+Relay::Outcome Relay::run() {
+  bool silent = false;
+  for (;;) {
+    ask(silent);
+    if (gate_ == Gate::Dropped) return Outcome::Dropped;
+    finishEmpty(outbound_, body_ == nullptr);
+    finishEmpty(inbound_, true);
+    if (outbound_.broken || inbound_.broken) return Outcome::Broken;
+    if (over()) return Outcome::Ended;
+    Wait waited = wait();
+    if (waited == Wait::Stopped) return Outcome::Stopped;
+    silent = waited == Wait::TimedOut;
+  }
+}
+
+// Asks the gate, as long as it has not let everything through.
+void Relay::ask(bool silent) {
+  if (endAsked_ || (gate_ == Gate::Open && !outbound_.sourceEnded)) return;
+  endAsked_ = outbound_.sourceEnded;
+  gate_ = question_(outbound_.pending(), outbound_.sourceEnded, silent);
+}
+
+// Takes note of a direction that has nothing more to carry.
+void Relay::finishEmpty(Direction& direction, bool passOn) {
+  if (direction.finished || !direction.sourceEnded || direction.broken || !direction.pending().empty()) return;
+  direction.finished = true;
+  if (passOn) shutdown(direction.to, SHUT_WR);
+}
+
+// An exchange is over with its response, a tunnel with both directions.
+bool Relay::over() const { return inbound_.finished && (outbound_.finished || body_ != nullptr); }
+
+Wait Relay::wait() {
+  bool held = gate_ == Gate::Held;
+  auto entry = [](const Direction& in, const Direction& out, bool mayWrite) {
+    short events = 0;
+    if (in.mayRead()) events |= POLLIN;
+    if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
+    // A socket that is shut both ways says so without end: once we have shut our side, it is only looked at when there
+    // is something to wait for. Before that, only a reset is reported unasked.
+    bool ignored = events == 0 && out.finished;
+    return pollfd{ignored ? -1 : in.from, events, 0};
+  };
+  pollfd entries[2] = {entry(outbound_, inbound_, true), entry(inbound_, outbound_, !held)};
+  if (!held || outbound_.pending().empty()) silence_.reset();
+  if (held && !outbound_.pending().empty() && !silence_) silence_ = deadline_after(kSilence);
+
+  Wait waited = wait_for(entries, stop_, silence_);
+  if (waited != Wait::Ready) return waited;
+  if ((entries[1].revents & POLLOUT) != 0) outbound_.write();
+  if ((entries[0].revents & POLLOUT) != 0) inbound_.write();
+  readOutbound(entries[0].revents);
+  readInbound(entries[1].revents);
+  return Wait::Ready;
+}
+
+void Relay::readOutbound(short events) {
+  if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return;
+  if (!outbound_.mayRead()) {
+    // Reset while there was no room: what came before is read later, but nothing can be sent to it any more.
+    if ((events & (POLLHUP | POLLERR)) != 0) inbound_.finished = true;
+    return;
+  }
+  size_t start = outbound_.end;
+  size_t count = outbound_.read();
+  if (count > 0) silence_.reset();
+  if (body_ == nullptr) return;
+  outbound_.end = start + body_->take({outbound_.buffer.get() + start, count});
+  if (body_->malformed() || (outbound_.sourceEnded && !body_->ended())) outbound_.broken = true;
+  if (body_->ended()) outbound_.sourceEnded = true;
+}
+
+void Relay::readInbound(short events) {
+  if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return;
+  if (inbound_.mayRead()) {
+    inbound_.read();
+  } else if ((events & (POLLHUP | POLLERR)) != 0) {
+    outbound_.finished = true;
+  }
+}
+
+}  // namespace orvane

@@ -1,0 +1,168 @@
+#include "platform/Security.h"
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <utility>
+
+#include "platform/Process.h"
+#include "platform/linux/ProcessIdentity.h"
+
+namespace orvane {
+namespace {
+
+// The framework's numbers (macOS: <Security/CSCommon.h>), given for:
+constexpr OSStatus errSecSuccess = 0;
+constexpr OSStatus errSecCSObjectRequired = -67069;              // no code where some is needed
+constexpr OSStatus errSecCSUnsupportedGuestAttributes = -67067;  // no attributes, or none that is known
+constexpr OSStatus errSecCSInvalidAttributeValues = -67066;      // an audit token of another size than 32 bytes
+constexpr OSStatus errSecCSNoSuchCode = -67065;                  // no such process, or it has ended
+
+struct Counted {
+  mutable std::atomic<size_t> references{1};
+};
+
+template <class T>
+void release_counted(const T* object) {
+  if (object->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete object;
+}
+
+}  // namespace
+
+// A running program is what it was when it was found: what is asked later needs no process any more, and an object that
+// is never released keeps no file open.
+struct SecCode : Counted {
+  ProcessIdentity::Program program;
+};
+
+struct SecStaticCode : Counted {
+  ProcessIdentity::Program program;
+};
+
+struct CodeURL : Counted {
+  std::string path;
+};
+
+struct Dictionary : Counted {
+  // Attributes to look for: one of them.
+  std::optional<GuestAttribute> attribute;
+  Value auditToken;
+  Ref<Number> pid;
+  // Facts that were found.
+  std::map<std::string, Ref<Dictionary>, std::less<>> dictionaries;
+  std::map<std::string, std::string, std::less<>> strings;
+};
+
+void retain(const SecCode* code) { code->references.fetch_add(1, std::memory_order_relaxed); }
+void release(const SecCode* code) { release_counted(code); }
+void retain(const SecStaticCode* code) { code->references.fetch_add(1, std::memory_order_relaxed); }
+void release(const SecStaticCode* code) { release_counted(code); }
+void retain(const CodeURL* url) { url->references.fetch_add(1, std::memory_order_relaxed); }
+void release(const CodeURL* url) { release_counted(url); }
+void retain(const Dictionary* dictionary) { dictionary->references.fetch_add(1, std::memory_order_relaxed); }
+void release(const Dictionary* dictionary) { release_counted(dictionary); }
+
+// A number is its own address: the value above a lowest bit of 1, which no object's address has.
+void retain(const Number*) {}
+void release(const Number*) {}
+
+Ref<Number> number_create(int32_t value) {
+  static_assert(sizeof(uintptr_t) > sizeof(value));
+  uintptr_t bits = (uintptr_t{static_cast<uint32_t>(value)} << 1) | 1;
+  return Ref<Number>::adopt(reinterpret_cast<Number*>(bits));  // NOLINT(performance-no-int-to-ptr): never dereferenced
+}
+
+static int32_t value_of(const Number* number) {
+  return static_cast<int32_t>(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(number) >> 1));
+}
+
+Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData) {
+  auto dictionary = Ref<Dictionary>::adopt(new Dictionary);
+  dictionary->attribute = key;
+  dictionary->auditToken = auditTokenData;
+  return dictionary;
+}
+
+Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid) {
+  auto dictionary = Ref<Dictionary>::adopt(new Dictionary);
+  dictionary->attribute = key;
+  dictionary->pid = pid;
+  return dictionary;
+}
+
+const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key) {
+  if (dictionary == nullptr) return nullptr;
+  auto it = dictionary->dictionaries.find(key);
+  return it == dictionary->dictionaries.end() ? nullptr : it->second.get();
+}
+
+std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key) {
+  if (dictionary == nullptr) return std::nullopt;
+  auto it = dictionary->strings.find(key);
+  return it == dictionary->strings.end() ? std::nullopt : std::optional(it->second);
+}
+
+// The process that the attributes describe, or why there is none.
+static std::pair<OSStatus, std::optional<ProcessInformation>> find_guest(const Dictionary* attributes) {
+  auto& identity = ProcessIdentity::system();
+  if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, std::nullopt};
+  if (*attributes->attribute == GuestAttribute::Pid) {
+    if (!attributes->pid) return {errSecCSInvalidAttributeValues, std::nullopt};
+    auto process = identity.process(value_of(attributes->pid.get()));
+    OSStatus status = process ? errSecSuccess : errSecCSNoSuchCode;
+    return {status, std::move(process)};
+  }
+  audit_token_t token;
+  auto data = attributes->auditToken.asData();
+  if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, std::nullopt};
+  std::memcpy(&token, data.data(), sizeof(token));
+  auto process = identity.process(audit_token_to_pid(token));
+  // Users and groups may change while a process runs; its version tells it from its identifier's next bearer.
+  if (!process || process->version() != token.val[7]) return {errSecCSNoSuchCode, std::nullopt};
+  return {errSecSuccess, std::move(process)};
+}
+
+OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, uint32_t, SecCode** guest) {
+  auto [status, process] = find_guest(attributes);
+  if (!process) return status;
+  auto code = Ref<SecCode>::adopt(new SecCode);
+  code->program = ProcessIdentity::system().programOf(*process);
+  *guest = code.detach();
+  return errSecSuccess;
+}
+
+OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t, SecStaticCode** staticCode) {
+  if (code == nullptr) return errSecCSObjectRequired;
+  auto result = Ref<SecStaticCode>::adopt(new SecStaticCode);
+  result->program = code->program;
+  *staticCode = result.detach();
+  return errSecSuccess;
+}
+
+OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary** information) {
+  if (code == nullptr) return errSecCSObjectRequired;
+  auto result = Ref<Dictionary>::adopt(new Dictionary);
+  // A program without any identifier has no property list.
+  if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
+    auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
+    propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
+    result->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
+  }
+  *information = result.detach();
+  return errSecSuccess;
+}
+
+OSStatus SecCodeCopyPath(SecStaticCode* code, uint32_t, CodeURL** path) {
+  if (code == nullptr) return errSecCSObjectRequired;
+  auto result = Ref<CodeURL>::adopt(new CodeURL);
+  if (code->program.executable) result->path = code->program.executable->path;
+  *path = result.detach();
+  return errSecSuccess;
+}
+
+std::optional<std::string> url_copy_file_system_path(const CodeURL* url) {
+  if (url == nullptr || url->path.empty()) return std::nullopt;
+  return url->path;
+}
+
+}  // namespace orvane

@@ -1,0 +1,94 @@
+#include "platform/linux/ServerName.h"
+
+#include <gnutls/gnutls.h>
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "platform/linux/ProxyHead.h"
+
+namespace orvane {
+namespace {
+
+constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1
+constexpr uint8_t kClientHello = 1;       // RFC 8446, section 4
+constexpr size_t kRecordHeaderLength = 5;
+constexpr size_t kHandshakeHeaderLength = 4;
+constexpr unsigned kServerNameExtension = 0;  // RFC 6066, section 1.1
+constexpr uint8_t kHostNameType = 0;          // RFC 6066, section 3
+
+size_t big_endian(std::span<const uint8_t> bytes) {
+  size_t number = 0;
+  for (uint8_t byte : bytes) number = number << 8 | byte;
+  return number;
+}
+
+// The handshake bytes of the records so far. Nothing when these are no handshake records.
+std::optional<std::vector<uint8_t>> handshake_bytes(std::span<const uint8_t> records) {
+  std::vector<uint8_t> handshake;
+  while (!records.empty()) {
+    if (records[0] != kHandshakeRecord || (records.size() > 1 && records[1] != 3)) return std::nullopt;
+    if (records.size() < kRecordHeaderLength) break;
+    size_t length = big_endian(records.subspan(3, 2));
+    if (length == 0) return std::nullopt;
+    auto fragment = records.subspan(kRecordHeaderLength);
+    fragment = fragment.first(std::min(length, fragment.size()));
+    handshake.insert(handshake.end(), fragment.begin(), fragment.end());
+    records = records.subspan(kRecordHeaderLength + fragment.size());
+  }
+  return handshake;
+}
+
+// The first host name of the extension's list. Called by GnuTLS for each extension.
+int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
+  auto& found = *static_cast<std::string*>(context);
+  std::span<const uint8_t> list(data, size);
+  if (id != kServerNameExtension || list.size() < 2 || big_endian(list.first(2)) > list.size() - 2) return 0;
+  list = list.subspan(2, big_endian(list.first(2)));
+  while (list.size() >= 3) {
+    size_t length = big_endian(list.subspan(1, 2));
+    if (length > list.size() - 3) return 0;
+    auto name = list.subspan(3, length);
+    if (list[0] == kHostNameType && found.empty()) found.assign(name.begin(), name.end());
+    list = list.subspan(3 + length);
+  }
+  return 0;
+}
+
+ServerName find_in_hello(std::span<const uint8_t> records) {
+  auto handshake = handshake_bytes(records);
+  if (!handshake || (!handshake->empty() && handshake->front() != kClientHello)) return {ServerName::State::Unknown};
+  if (handshake->size() < kHandshakeHeaderLength) return {ServerName::State::Open};
+  std::span<const uint8_t> message(*handshake);
+  size_t length = big_endian(message.subspan(1, 3));
+  if (length > kServerNameLimit) return {ServerName::State::Unknown};
+  auto body = message.subspan(kHandshakeHeaderLength);
+  if (body.size() < length) return {ServerName::State::Open};
+
+  std::string name;
+  gnutls_datum_t hello{const_cast<unsigned char*>(body.data()), static_cast<unsigned>(length)};
+  int status = gnutls_ext_raw_parse(&name, take_extension, &hello, GNUTLS_EXT_RAW_FLAG_TLS_CLIENT_HELLO);
+  if (status < 0 || name.empty() || name.find('\0') != std::string::npos) return {ServerName::State::Unknown};
+  return {ServerName::State::Known, std::move(name)};
+}
+
+ServerName find_in_request(std::span<const uint8_t> bytes) {
+  bool open = false;
+  auto host = parse_request_host({reinterpret_cast<const char*>(bytes.data()), bytes.size()}, open);
+  if (host) return {ServerName::State::Known, std::move(*host)};
+  return {open ? ServerName::State::Open : ServerName::State::Unknown};
+}
+
+}  // namespace
+
+ServerName find_server_name(std::span<const uint8_t> firstBytes) {
+  if (firstBytes.empty()) return {ServerName::State::Open};
+  ServerName name = firstBytes[0] == kHandshakeRecord ? find_in_hello(firstBytes) : find_in_request(firstBytes);
+  if (name.state == ServerName::State::Open && firstBytes.size() >= kServerNameLimit) {
+    return {ServerName::State::Unknown};
+  }
+  return name;
+}
+
+}  // namespace orvane

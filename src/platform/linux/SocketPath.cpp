@@ -1,0 +1,92 @@
+#include "SocketPath.h"
+
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace orvane {
+namespace {
+
+bool is_directory(const std::string& path) {
+  struct stat status {};
+  return !path.empty() && path[0] == '/' && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string() : value;
+}
+
+enum class Missing { Make, Refuse };
+
+// A directory in /tmp that nobody else can have put there or can write to.
+std::optional<std::string> private_directory(Missing missing, std::string* error) {
+  std::string path = "/tmp/orvane-" + std::to_string(geteuid());
+  if (missing == Missing::Make && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
+    *error = "cannot make " + path + ": " + std::strerror(errno);
+    return std::nullopt;
+  }
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != geteuid() ||
+      (status.st_mode & 077) != 0) {
+    *error = path + " is not a directory of this user alone; remove it";
+    return std::nullopt;
+  }
+  return path;
+}
+
+// The directory that belongs to the user for as long as a session or the system lasts.
+std::optional<std::string> user_directory(Missing missing, std::string* error) {
+  if (geteuid() == 0) return "/run";
+  for (const std::string& path : {environment("XDG_RUNTIME_DIR"), "/run/user/" + std::to_string(geteuid())}) {
+    if (is_directory(path)) return path;
+  }
+  return private_directory(missing, error);
+}
+
+bool is_file_name(const std::string& service, std::string* error) {
+  bool fits = !service.empty() && service != "." && service != ".." &&
+              service.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+  if (!fits) *error = "the service name \"" + service + "\" cannot be a file's name";
+  return fits;
+}
+
+std::optional<std::string> socket_path(const std::string& directory, const std::string& service, std::string* error) {
+  std::string path = directory + "/" + service;
+  if (path.size() < sizeof(sockaddr_un::sun_path)) return path;
+  *error = "the socket's path " + path + " is longer than the " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+           " bytes that a socket's may have";
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> server_socket_path(const std::string& service, std::string* error) {
+  if (!is_file_name(service, error)) return std::nullopt;
+  // A service manager that made several directories separates them by colons.
+  std::string managed = environment("RUNTIME_DIRECTORY");
+  managed.resize(std::min(managed.size(), managed.find(':')));
+  if (!managed.empty()) return socket_path(managed, service, error);
+  std::optional<std::string> directory = user_directory(Missing::Make, error);
+  return directory ? socket_path(*directory, service, error) : std::nullopt;
+}
+
+std::vector<std::string> client_socket_paths(const std::string& service, std::string* error) {
+  std::vector<std::string> paths;
+  if (!is_file_name(service, error)) return paths;
+  std::string reason;  // of one directory; the others may still do
+  std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
+  for (const std::string& directory : {own.value_or(""), std::string("/run/orvane-se"), std::string("/run")}) {
+    if (directory.empty()) continue;
+    if (auto path = socket_path(directory, service, error)) paths.push_back(*path);
+  }
+  if (!paths.empty()) error->clear();
+  return paths;
+}
+
+}  // namespace orvane

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+// Where the control channel's socket stands: a file that bears the service's name.
+namespace orvane {
+
+// The socket of an extension that runs as this process's user: in the directory that the service manager made
+// ($RUNTIME_DIRECTORY), else in the user's runtime directory. On failure nothing, and *error says why.
+std::optional<std::string> server_socket_path(const std::string& service, std::string* error);
+
+// Where a client of this process's user looks, in this order: the user's runtime directory, /run/orvane-se, /run.
+// Empty, with *error set, when the name cannot be a socket's.
+std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
+
+}  // namespace orvane

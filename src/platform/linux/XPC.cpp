@@ -1,0 +1,251 @@
+#include "platform/XPC.h"
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+#include "ControlSession.h"
+#include "Descriptor.h"
+#include "ListenerSocket.h"
+#include "SocketPath.h"
+#include "platform/Log.h"
+
+namespace orvane {
+namespace {
+
+// Clients served at a time. Further ones wait until one leaves.
+constexpr size_t kMaximumConnections = 64;
+
+// The sockets of the clients that a listener serves.
+class ClientSockets {
+ public:
+  // Waits for room. False when the listener is being torn down.
+  bool awaitRoom() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return closing_ || sockets_.size() < kMaximumConnections; });
+    return !closing_;
+  }
+
+  // Keeps the socket until it is removed. Returns its number.
+  int add(Descriptor socket) {
+    std::lock_guard lock(mutex_);
+    int number = socket.get();
+    sockets_.emplace(number, std::move(socket));
+    if (closing_) shutdown(number, SHUT_RDWR);
+    return number;
+  }
+
+  // Ends whatever is served on the socket, if it still is.
+  void shutDown(int number) {
+    std::lock_guard lock(mutex_);
+    if (sockets_.contains(number)) shutdown(number, SHUT_RDWR);
+  }
+
+  void remove(int number) {
+    std::lock_guard lock(mutex_);
+    sockets_.erase(number);
+    changed_.notify_all();
+  }
+
+  bool isClosing() {
+    std::lock_guard lock(mutex_);
+    return closing_;
+  }
+
+  void close() {
+    std::lock_guard lock(mutex_);
+    closing_ = true;
+    for (const auto& [number, socket] : sockets_) shutdown(number, SHUT_RDWR);
+    changed_.notify_all();
+  }
+
+  void awaitNone() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return sockets_.empty(); });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<int, Descriptor> sockets_;
+  bool closing_ = false;
+};
+
+class Connection final : public NSXPCConnection {
+ public:
+  Connection(Descriptor socket, std::shared_ptr<ClientSockets> clients)
+      : clients_(std::move(clients)), socket_(clients_->add(std::move(socket))) {}
+
+  void setExportedInterface(const NSXPCInterface& exportedInterface) override {
+    std::lock_guard lock(mutex_);
+    protocol_ = exportedInterface.protocol();
+  }
+
+  void setExportedObject(OrvaneSECommunication* exportedObject) override {
+    auto object = Ref<OrvaneSECommunication>::retained(exportedObject);
+    std::lock_guard lock(mutex_);
+    std::swap(exportedObject_, object);
+  }
+
+  void activate() override {
+    if (activated_.exchange(true)) return;
+    auto self = Ref<Connection>::retained(this);
+    try {
+      std::thread([self] { self->serve(); }).detach();
+    } catch (const std::system_error& error) {
+      ORVANE_LOG_ERROR(default_log(), "cannot serve a control connection: no thread: %s", error.what());
+      end(SessionEnd::Broken);
+    }
+  }
+
+  void setInvalidationHandler(std::function<void()> handler) override { setHandler(SessionEnd::Closed, handler); }
+  void setInterruptionHandler(std::function<void()> handler) override { setHandler(SessionEnd::Broken, handler); }
+
+  // Ends a connection that is refused, and one that was accepted without being activated: nobody will do it later.
+  void close() {
+    if (activated_.exchange(true)) {
+      clients_->shutDown(socket_);
+    } else {
+      clients_->remove(socket_);
+    }
+  }
+  bool isActivated() const { return activated_; }
+
+ private:
+  ~Connection() override = default;
+
+  void serve() {
+    Ref<OrvaneSECommunication> exported;
+    {
+      std::lock_guard lock(mutex_);
+      if (protocol_ == &OrvaneSECommunication::kProtocol) exported = exportedObject_;
+    }
+    end(serve_session(socket_, exported.get()));
+  }
+
+  void end(SessionEnd how) {
+    std::function<void()> handler;
+    {
+      std::lock_guard lock(mutex_);
+      ended_ = how;
+      handler = takeHandler();
+      exportedObject_ = nullptr;
+    }
+    if (handler) handler();
+    clients_->remove(socket_);
+  }
+
+  void setHandler(SessionEnd how, std::function<void()>& handler) {
+    std::function<void()> due;
+    {
+      std::lock_guard lock(mutex_);
+      std::swap(how == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_, handler);
+      due = takeHandler();
+    }
+    if (due) due();
+  }
+
+  // The handler for an end that has come and is not reported yet, when it is there.
+  std::function<void()> takeHandler() {
+    if (!ended_ || reported_) return nullptr;
+    auto& handler = *ended_ == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_;
+    reported_ = handler != nullptr;
+    return std::exchange(handler, nullptr);
+  }
+
+  const std::shared_ptr<ClientSockets> clients_;
+  const int socket_;  // kept by clients_
+  std::atomic<bool> activated_{false};
+  std::mutex mutex_;  // guards what follows
+  const Protocol* protocol_ = nullptr;
+  Ref<OrvaneSECommunication> exportedObject_;
+  std::function<void()> invalidationHandler_, interruptionHandler_;
+  std::optional<SessionEnd> ended_;
+  bool reported_ = false;
+};
+
+class Listener final : public NSXPCListener {
+ public:
+  explicit Listener(const Value& name) : name_(name) {}
+
+  void setDelegate(NSXPCListenerDelegate* delegate) override { delegate_ = delegate; }
+
+  void resume() override {
+    if (socket_) return;
+    std::string error;
+    if (!listen(&error)) {
+      ORVANE_LOG_ERROR(default_log(), "the control channel is closed: %@", error);
+      return;
+    }
+    acceptor_ = std::thread([this] { acceptConnections(); });
+  }
+
+ private:
+  // The process ends without this; a listener that is released ends its connections and what serves them.
+  ~Listener() override {
+    clients_->close();
+    if (!acceptor_.joinable()) return;
+    shutdown(socket_->descriptor(), SHUT_RDWR);  // wakes the acceptor
+    acceptor_.join();
+    clients_->awaitNone();
+  }
+
+  bool listen(std::string* error) {
+    if (!name_.isString()) {
+      *error = "its service name is no string: " + name_.description();
+      return false;
+    }
+    std::optional<std::string> path = server_socket_path(std::string(name_.asString()), error);
+    if (!path) return false;
+    std::optional<ListenerSocket> socket = ListenerSocket::create(*path, error);
+    if (socket) socket_.emplace(*std::move(socket));
+    return socket_.has_value();
+  }
+
+  void acceptConnections() {
+    while (clients_->awaitRoom()) {
+      Descriptor socket(accept4(socket_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (socket) {
+        admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
+      } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {
+        awaitResources(errno);
+      }
+    }
+  }
+
+  void admit(const Ref<Connection>& connection) {
+    NSXPCListenerDelegate* delegate = delegate_;
+    bool accepted = delegate != nullptr && delegate->shouldAcceptNewConnection(*this, *connection);
+    if (!accepted || !connection->isActivated()) connection->close();
+  }
+
+  // Descriptors or memory have run out. Connections wait in the system's queue meanwhile.
+  static void awaitResources(int error) {
+    ORVANE_LOG_ERROR(default_log(), "cannot accept a control connection: %s", std::strerror(error));
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+
+  const Value name_;
+  std::atomic<NSXPCListenerDelegate*> delegate_{nullptr};
+  std::shared_ptr<ClientSockets> clients_ = std::make_shared<ClientSockets>();
+  std::optional<ListenerSocket> socket_;
+  std::thread acceptor_;
+};
+
+}  // namespace
+
+Ref<NSXPCListener> NSXPCListener::initWithMachServiceName(const Value& name) {
+  return Ref<Listener>::adopt(new Listener(name));
+}
+
+}  // namespace orvane
