@@ -1,7 +1,6 @@
 #include "companion/Client.h"
 
 #include <capnp/rpc-twoparty.h>
-#include <kj/async-unix.h>
 #include <kj/common.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -9,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <deque>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "platform/linux/ControlStream.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/SocketPath.h"
+#include "platform/linux/SocketPort.h"
 #include "platform/linux/ValueMessage.h"
 
 namespace orvane {
@@ -34,29 +33,10 @@ constexpr uint64_t kCallWords = 64;
 
 capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}; }
 
-// Making an event port ignores SIGPIPE in the whole process. The channel does not need that, and a program at the head
-// of a pipe should end when nobody reads any more.
-class SigpipeKept {
- public:
-  SigpipeKept() { sigaction(SIGPIPE, nullptr, &before_); }
-  ~SigpipeKept() { sigaction(SIGPIPE, &before_, nullptr); }
-  SigpipeKept(const SigpipeKept&) = delete;
-  SigpipeKept& operator=(const SigpipeKept&) = delete;
-
- private:
-  struct sigaction before_ {};
-};
-
-kj::UnixEventPort& make_port(std::unique_ptr<kj::UnixEventPort>& port) {
-  SigpipeKept kept;
-  port = std::make_unique<kj::UnixEventPort>();
-  return *port;
-}
-
 // The library's objects of one connection. They belong to an event loop that must be entered while they are used, made
 // or destroyed.
 struct Session {
-  Session(kj::UnixEventPort& port, int socket)
+  Session(SocketPort& port, int socket)
       : stream(port, socket),
         network(stream, capnp::rpc::twoparty::Side::CLIENT, kReaderOptions),
         system(capnp::makeRpcClient(network)),
@@ -76,9 +56,9 @@ struct Session {
 class LinuxClient final : public Client {
  public:
   LinuxClient(Descriptor socket, std::string path)
-      : socket_(std::move(socket)), path_(std::move(path)), loop_(make_port(port_)) {
+      : socket_(std::move(socket)), path_(std::move(path)), port_(socket_.get()), loop_(port_) {
     kj::WaitScope scope(loop_);
-    session_ = std::make_unique<Session>(*port_, socket_.get());
+    session_ = std::make_unique<Session>(port_, socket_.get());
   }
 
   ~LinuxClient() noexcept override {
@@ -242,7 +222,7 @@ class LinuxClient final : public Client {
 
   Descriptor socket_;
   std::string path_;
-  std::unique_ptr<kj::UnixEventPort> port_;
+  SocketPort port_;
   kj::EventLoop loop_;
   std::unique_ptr<Session> session_;
 };

@@ -31,7 +31,7 @@ void db_term() {
   db_spare.reset();
   db_hostnames.reset();
   db_browsers.reset();
-  // The mutex and the log stay: a straggler that still holds either must find them whole.
+  // The mutex and the log stay: the next db_init takes both over as they are.
 }
 
 Value copy_of(const std::unique_ptr<Table>& table) {
@@ -52,7 +52,8 @@ void db_hostname_set(const Value& hostnames) {
   // The new table is built before the lock is taken, and the old one freed after it is given back, so that no verdict
   // waits for a long list. Whoever asks sees the old list or the new one, as if it had changed under the lock.
   auto table = std::make_unique<Table>();
-  table->reserve(hostnames.asSet().size());
+  // With room for single names to follow, so that the next few of them need no new table under the lock.
+  table->reserve(hostnames.asSet().size() + hostnames.asSet().size() / 8);
   for (const Value& member : hostnames.asSet()) add_to_hostnames(*table, member);
   {
     DatabaseLock lock;
@@ -76,7 +77,7 @@ void db_hostname_remove(const Value& hostname) {
     DatabaseLock lock;
     db_hostnames->erase(hostname);
   }
-  // "removed", unlike the function's name: what is searched for in logs already kept.
+  // "removed", unlike the function's name: the text is what people find it by in their logs.
   ORVANE_LOG_DEBUG(db_log, "db_hostname_removed: %@", hostname);
   ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", copy_of(db_hostnames));
 }

@@ -43,7 +43,8 @@ void load_browsers_id();
 // The property list in the resource Browsers.plist of the bundle at a file URL, or of the main bundle. Nil when there
 // is none, after an error in the log.
 Value load_browsers_id_file(const std::optional<std::string>& bundleURL);
-// Replaces the browser identifiers by the strings of an array. A value that is no array holds no elements.
+// Replaces the browser identifiers by the strings of an array. An empty array, and a value that is no array, change
+// nothing.
 void db_browser_set_from_plist(const Value& plist);
 // Replaces the browser identifiers by the strings of a set.
 void db_browsers_set(const Value& identifiers);

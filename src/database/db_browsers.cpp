@@ -77,7 +77,7 @@ Value load_browsers_id_file(const std::optional<std::string>& bundleURL) {
     ORVANE_LOG_ERROR(db_log, "browsers file not found");
     return nullptr;
   }
-  // The next two texts seem exchanged; they are what support knows each of the two steps by.
+  // The next two texts seem exchanged; they are how these two steps are told apart in a log.
   Ref<ReadStream> stream = read_stream_create_with_file(*file);
   if (!stream) {
     ORVANE_LOG_ERROR(db_log, "cannot open file");

@@ -13,7 +13,7 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
     // The old properties leave with `stored`, after the lock has been given back.
     std::swap(*current, stored);
   } else {
-    // "_dictionary", unlike the function's name: what is searched for in logs already kept.
+    // "_dictionary", unlike the function's name: the text is what people find it by in their logs.
     ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties_dictionary: hostname %@ not found", hostname);
   }
   return lock.unlock();
@@ -52,7 +52,7 @@ bool db_hostname_is_blockable(std::string_view hostname) {
   // These two messages name the key, not the host: the host stands in the messages before them.
   const std::string_view key = kPLDontBlockUntilKey;
   const Value* until = properties->find(key);
-  if (until == nullptr) {
+  if (until == nullptr || until->isNil()) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable %@ not found", key);
     return true;
   }

@@ -71,8 +71,8 @@ void append_characters(Line& line, const unsigned char* bytes, int32_t count, in
 
 void build(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
            bool showASCII) {
-  // A short last line falls back to single bytes, and its characters then stand further right than those above it:
-  // the column is that of a full line of single bytes, for readers who line dumps of several sizes up.
+  // A short last line falls back to single bytes. Its characters stand in the column of single bytes too, further right
+  // than those above it.
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {

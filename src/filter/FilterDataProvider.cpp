@@ -117,7 +117,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataCompleteForFlow(const 
   const NEFilterSocketFlow* socket = socketFlow(flow);
   const std::optional<std::string> hostname = socket == nullptr ? std::nullopt : socket->remoteHostname();
   if (!hostname) {
-    // Misspelled in the field for as long as this line exists; log searches rely on it.
+    // "allowinf" is how the message is spelled; people find it in their logs by that.
     ORVANE_LOG_DEBUG(_log, "handleOutboundDataCompleteForFlow: remoteHostname is nil; allowinf flow...");
     return NEFilterDataVerdict::allowVerdict();
   }
@@ -131,7 +131,7 @@ bool FilterDataProvider::isFlowFromBrowser(const NEFilterFlow& flow) const {
   if (!token) return false;
   std::optional<std::string> identifier = token->bundleIdentifier();
   if (identifier && db_is_browser(*identifier)) return true;
-  // Only now: the second question costs as much again, and most browsers' flows are their own.
+  // Only now: the second question costs as much again.
   identifier = token->responsibleBundleIdentifier();
   return identifier && db_is_browser(*identifier);
 }

@@ -14,12 +14,9 @@ bool is_audit_token(const Value& data) { return data.isData() && data.asData().s
 
 // From what tells a running program apart to its bundle identifier. Every object is released in the reverse of the
 // order in which it was found, the attributes last, on every way out.
-std::optional<std::string> copy_bundle_identifier(const os_log_t& log, Ref<Dictionary> attributes) {
-  // The callers' reference would outlive the objects below; this one is declared first, so it goes last.
-  const Ref<Dictionary> held = std::move(attributes);
-
+std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref<Dictionary>& attributes) {
   Ref<SecCode> code;
-  OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, held.get(), kDefaultFlags, code.out());
+  OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
     // Also with a status of 0: then the missing output is the failure, and both lines together say so.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
@@ -105,9 +102,8 @@ std::optional<std::string> PLAudtToken::applicationPathFromAuditToken(const Valu
     ORVANE_LOG_DEBUG(_log, "bad auditToken size");
     return std::nullopt;
   }
-  // The objects found here are never released, on any path: nobody asks often enough for them to add up, and a path
-  // that outlives its objects cannot be pulled from under the caller. One message for each failure, the status before
-  // the output.
+  // The objects found here are never released, on any path. Nothing in the extension asks this question, so they do not
+  // add up. One message for each failure: the status, or the missing output where the status is 0.
   Ref<SecCode> codeOut;
   Ref<Dictionary> attributes = dictionary_create(GuestAttribute::Audit, auditToken);
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, codeOut.out());

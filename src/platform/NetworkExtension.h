@@ -91,9 +91,10 @@ struct NEFilterDataVerdict {
 enum class NENetworkRuleProtocol : int64_t { Any = 0, TCP = 1, UDP = 2 };
 enum class NETrafficDirection : int64_t { Any = 0, Inbound = 1, Outbound = 2 };
 enum class NEFilterAction : int64_t { Invalid = 0, Allow = 1, Drop = 2, Remap = 3, FilterData = 4 };
-enum class NEProviderStopReason : int64_t { None = 0, UserInitiated = 1, ProviderFailed = 2, SystemExiting = 3 };
+enum class NEProviderStopReason : int64_t { None = 0, UserInitiated = 1, ProviderFailed = 2 };
 
-// Which flows a rule is about. An empty host name or a null endpoint is any host; a prefix of 0 any network.
+// Which flows a rule is about. An empty host name or a null endpoint is any host. A prefix of 0
+// with an address is that one address.
 struct NENetworkRule {
   static NENetworkRule initWithRemoteNetwork(Ref<NWHostEndpoint> remoteNetwork, uint64_t remotePrefix,
                                              Ref<NWHostEndpoint> localNetwork, uint64_t localPrefix,

@@ -47,6 +47,9 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
+// Values that are no numbers are the same, whatever their bits are.
+size_t hash_of(double real) { return std::isnan(real) ? 0 : std::hash<double>()(real); }
+
 bool same_real(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
 
 void append_indent(std::string& text, size_t depth) { text.append(4 * depth, ' '); }
@@ -165,7 +168,6 @@ Value::Value(const Value& other)
       payload_(other.payload_) {
   if (kind_ < Kind::String || kind_ == Kind::Date) return;
   if (isBorrowed()) {
-    kind_ = Kind::Nil;  // nothing to release, should making the copy fail
     *this = string(other.asString());
   } else if (payload_.content != nullptr) {
     payload_.content->references.fetch_add(1, std::memory_order_relaxed);
@@ -339,9 +341,9 @@ size_t Value::hashOfOthers() const noexcept {
       return payload_.boolean ? 1 : 0;
     case Kind::Number:
       // Equal numbers of different forms are equal as reals too.
-      return std::hash<double>()(asReal());
+      return hash_of(asReal());
     case Kind::Date:
-      return std::hash<double>()(payload_.real);
+      return hash_of(payload_.real);
     case Kind::Data: {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});

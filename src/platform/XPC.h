@@ -49,10 +49,11 @@ class NSXPCListenerDelegate : public NSObject {
 
 class NSXPCListener : public NSObject {
  public:
-  // `name` should be a string; what comes of another value is the platform's affair: it reports it and listens nowhere.
+  // Never null. `name` should be a string; what comes of another value is the platform's affair: it reports it and
+  // listens nowhere.
   static Ref<NSXPCListener> initWithMachServiceName(const Value& name);
 
-  // Not retained: the delegate must outlive the listener.
+  // May be retained. A delegate is asked until the listener has another or goes.
   virtual void setDelegate(NSXPCListenerDelegate* delegate) = 0;
   // Begins to accept connections and returns.
   virtual void resume() = 0;

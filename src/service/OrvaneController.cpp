@@ -24,8 +24,8 @@ void OrvaneController::start() { ORVANE_LOG_INFO(default_log(), "receive start c
 
 void OrvaneController::stop() { ORVANE_LOG_INFO(default_log(), "receive stop command"); }
 
-// Which applications are browsers comes from the bundle alone. The three messages are part of the protocol that
-// companions in the field were built with, so they stay and do nothing.
+// Which applications are browsers comes from the bundle alone. The three messages are part of the protocol, which
+// both sides must agree on exactly, so they stay and do nothing.
 void OrvaneController::addApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::removeApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::setApplicationIdentifiers(const Value& /*identifiers*/) {}

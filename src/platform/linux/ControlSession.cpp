@@ -2,7 +2,7 @@
 
 #include <capnp/rpc-twoparty.h>
 #include <capnp/rpc.capnp.h>
-#include <kj/debug.h>
+#include <kj/exception.h>
 
 #include <atomic>
 #include <string_view>
@@ -47,16 +47,12 @@ class LargeMessages {
 };
 LargeMessages large_messages;
 
-// The library's streams and servers have no virtual destructor: its owning pointers destroy each by its own class.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
-
 // The client's stream with the guards of a session around it. The library's reading loop asks for one message at a
 // time; it gets the next only when the one before has been carried out.
 class GuardedStream final : public capnp::MessageStream {
  public:
-  GuardedStream(kj::UnixEventPort& port, int socket)
-      : timer_(port.getTimer()), stream_(port, socket), ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
+  GuardedStream(SocketPort& port, int socket)
+      : timer_(port.timer()), stream_(port, socket), ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
     stream_.setAdmission([this](uint64_t words) { return reserve(words); });
   }
   ~GuardedStream() noexcept(false) { large_messages.release(reserved_); }
@@ -139,7 +135,7 @@ class GuardedStream final : public capnp::MessageStream {
         ended_.fulfiller->fulfill(SessionEnd::Closed);
         return nullptr;
       }
-      KJ_REQUIRE(isExpected(content), "a message that no client has cause to send");
+      if (!isExpected(content)) refuse_message("a message came that no client has cause to send");
       return kj::mv(received);
     }
     ended_.fulfiller->fulfill(SessionEnd::Closed);
@@ -239,9 +235,10 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
  private:
   // So that a reply does not take the several kilobytes of a message of unknown size.
   static constexpr capnp::MessageSize kReplySize{4, 0};
+  static constexpr const char* kUnsoundArgument = "an argument is malformed or too large";
 
   OrvaneSECommunication& exported() {
-    KJ_REQUIRE(exported_ != nullptr, "nothing is exported on this connection");
+    if (exported_ == nullptr) refuse_message("nothing is exported on this connection");
     return *exported_;
   }
 
@@ -252,8 +249,8 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     auto malformed =
         kj::runCatchingExceptions([&] { value = read_value(get(context.getParams()), stream_.messageWords()); });
     if (malformed != nullptr || !value) {
-      stream_.giveUp("an argument is malformed or too large");
-      KJ_FAIL_REQUIRE("an argument is malformed or too large");
+      stream_.giveUp(kUnsoundArgument);
+      refuse_message(kUnsoundArgument);
     }
     return *std::move(value);
   }
@@ -269,10 +266,9 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   OrvaneSECommunication* exported_;
   GuardedStream& stream_;
 };
-#pragma GCC diagnostic pop
 
 SessionEnd serve(int socket, OrvaneSECommunication* exported) {
-  kj::UnixEventPort port;
+  SocketPort port(socket);
   kj::EventLoop loop(port);
   kj::WaitScope scope(loop);
   GuardedStream stream(port, socket);

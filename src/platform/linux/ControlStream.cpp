@@ -1,9 +1,7 @@
 #include "ControlStream.h"
 
 #include <capnp/serialize.h>
-#include <fcntl.h>
-#include <kj/debug.h>
-#include <kj/io.h>
+#include <kj/exception.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -11,7 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <vector>
+#include <utility>
 
 #include "ValueMessage.h"
 
@@ -36,7 +34,19 @@ void append_little_endian(std::vector<kj::byte>& bytes, uint32_t number) {
   for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<kj::byte>(number >> shift));
 }
 
+// The library takes this one to mean that the peer is gone.
+[[noreturn]] void fail_read(int error) {
+  kj::throwFatalException(kj::Exception(kj::Exception::Type::DISCONNECTED, __FILE__, __LINE__,
+                                        kj::str("the connection failed: ", std::strerror(error))));
+}
+
+constexpr const char* kCutOff = "a message is cut off";
+
 }  // namespace
+
+void refuse_message(const char* reason) {
+  kj::throwFatalException(kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(reason)));
+}
 
 // A message on its way out.
 struct ControlStream::Outgoing {
@@ -58,9 +68,6 @@ struct ControlStream::Outgoing {
   }
 };
 
-ControlStream::ControlStream(kj::UnixEventPort& port, int socket)
-    : port_(port), socket_(socket), observer_(port, socket, kj::UnixEventPort::FdObserver::OBSERVE_READ) {}
-
 void ControlStream::take(kj::byte* to, size_t bytes) {
   std::memcpy(to, buffer_.data() + taken_, bytes);
   taken_ += bytes;
@@ -68,7 +75,7 @@ void ControlStream::take(kj::byte* to, size_t bytes) {
 
 // The number of bytes that were there; 0 at the end of the stream, and when there are none yet.
 size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
-  *wouldBlock = readable_ != nullptr;
+  *wouldBlock = std::exchange(drained_, false);
   if (*wouldBlock) return 0;
   flush();  // the peer may be waiting for it
   ssize_t received;
@@ -76,24 +83,13 @@ size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
     received = recv(socket_, to, bytes, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   } while (received < 0 && errno == EINTR);
   if (received < 0) {
-    if (errno != EAGAIN && errno != EWOULDBLOCK) KJ_FAIL_SYSCALL("recv", errno);
+    if (errno != EAGAIN && errno != EWOULDBLOCK) fail_read(errno);
     *wouldBlock = true;
     return 0;
   }
-  // Less than was asked for was all there was, unless the end has come: the next call would only say so. What comes
-  // from now on must be waited for from now on.
-  bool all = static_cast<size_t>(received) < bytes && !observer_.atEndHint().orDefault(true);
-  if (all) readable_ = observer_.whenBecomesReadable();
+  // Less than was asked for is all there was. To ask again before waiting would be a call for nothing.
+  drained_ = received > 0 && static_cast<size_t>(received) < bytes;
   return static_cast<size_t>(received);
-}
-
-kj::Promise<void> ControlStream::whenReadable() {
-  KJ_IF_MAYBE (promise, readable_) {
-    auto result = kj::mv(*promise);
-    readable_ = nullptr;
-    return result;
-  }
-  return observer_.whenBecomesReadable();
 }
 
 // Waits until the buffer holds that many bytes. False when the stream ended before.
@@ -108,7 +104,7 @@ kj::Promise<bool> ControlStream::fill(size_t bytes) {
   while (buffered() < bytes) {
     bool wouldBlock;
     size_t received = receive(buffer_.data() + filled_, buffer_.size() - filled_, &wouldBlock);
-    if (wouldBlock) return whenReadable().then([this, bytes] { return fill(bytes); });
+    if (wouldBlock) return port_.whenReadable().then([this, bytes] { return fill(bytes); });
     if (received == 0) return false;
     filled_ += received;
   }
@@ -119,8 +115,8 @@ kj::Promise<void> ControlStream::receiveAll(kj::byte* to, size_t bytes) {
   while (bytes > 0) {
     bool wouldBlock;
     size_t received = receive(to, bytes, &wouldBlock);
-    if (wouldBlock) return whenReadable().then([this, to, bytes] { return receiveAll(to, bytes); });
-    KJ_REQUIRE(received > 0, "the message is cut off");
+    if (wouldBlock) return port_.whenReadable().then([this, to, bytes] { return receiveAll(to, bytes); });
+    if (received == 0) refuse_message(kCutOff);
     to += received;
     bytes -= received;
   }
@@ -137,11 +133,11 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage
   return fill(sizeof(capnp::word))
       .then([this, options](bool there) -> kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> {
         if (!there) {
-          KJ_REQUIRE(buffered() == 0, "the message is cut off");
+          if (buffered() > 0) refuse_message(kCutOff);
           return kj::Maybe<capnp::MessageReaderAndFds>();
         }
         uint32_t segments = tableEntry(0) + 1;
-        KJ_REQUIRE(segments > 0 && segments <= kMaximumSegments, "the message has too many segments", segments);
+        if (segments == 0 || segments > kMaximumSegments) refuse_message("a message has too many segments");
         return readBody(frame_bytes(segments), options);
       });
 }
@@ -151,10 +147,10 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_
                                                                            capnp::ReaderOptions options) {
   return fill(tableBytes)
       .then([this, tableBytes, options](bool there) {
-        KJ_REQUIRE(there, "the message is cut off");
+        if (!there) refuse_message(kCutOff);
         uint64_t words = tableBytes / sizeof(capnp::word);
         for (uint32_t i = 0, segments = tableEntry(0) + 1; i < segments; ++i) words += tableEntry(1 + i);
-        KJ_REQUIRE(words <= kMaximumMessageWords, "the message is too large", words);
+        if (words > kMaximumMessageWords) refuse_message("a message is too large");
         KJ_IF_MAYBE (admission, admission_) {
           return (*admission)(words).then([this, words, options] { return readWords(words, options); });
         }
@@ -172,7 +168,7 @@ kj::Promise<kj::Own<capnp::MessageReader>> ControlStream::readWords(uint64_t wor
   // What fits into the buffer goes by it, so that whatever comes behind is read in the same call.
   bool small = bytes.size() <= buffer_.size();
   auto arrived = small ? fill(bytes.size()).then([this, bytes](bool there) mutable {
-    KJ_REQUIRE(there, "the message is cut off");
+    if (!there) refuse_message(kCutOff);
     take(bytes.begin(), bytes.size());
   })
                        : kj::Promise<void>(kj::READY_NOW);
@@ -225,7 +221,7 @@ void ControlStream::post(const Outgoing& outgoing) {
 
 kj::Promise<void> ControlStream::flushAll() {
   if (flush()) return kj::READY_NOW;
-  return whenWritable().then([this] { return flushAll(); });
+  return port_.whenWritable().then([this] { return flushAll(); });
 }
 
 kj::Promise<void> ControlStream::whenFlushed() {
@@ -266,22 +262,9 @@ bool ControlStream::sendSome(Outgoing& outgoing) {
   return true;
 }
 
-// Room is observed only while there is none: otherwise every message that the peer takes would wake this thread.
-kj::Promise<void> ControlStream::whenWritable() {
-  struct Room {
-    Room(kj::UnixEventPort& port, int socket)
-        : copy(fcntl(socket, F_DUPFD_CLOEXEC, 0)), observer(port, copy, kj::UnixEventPort::FdObserver::OBSERVE_WRITE) {}
-    kj::AutoCloseFd copy;  // a descriptor can be observed once
-    kj::UnixEventPort::FdObserver observer;
-  };
-  auto room = kj::heap<Room>(port_, socket_);
-  auto promise = room->observer.whenBecomesWritable();
-  return promise.attach(kj::mv(room));
-}
-
 kj::Promise<void> ControlStream::send(kj::Own<Outgoing> outgoing) {
   if (sendSome(*outgoing)) return kj::READY_NOW;
-  return whenWritable().then([this, outgoing = kj::mv(outgoing)]() mutable { return send(kj::mv(outgoing)); });
+  return port_.whenWritable().then([this, outgoing = kj::mv(outgoing)]() mutable { return send(kj::mv(outgoing)); });
 }
 
 kj::Promise<void> ControlStream::writeMessages(

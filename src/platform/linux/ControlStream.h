@@ -1,19 +1,19 @@
 #pragma once
 
 #include <capnp/serialize-async.h>
-#include <kj/async-unix.h>
 #include <kj/function.h>
 
 #include <array>
 #include <cstdint>
 #include <vector>
 
+#include "SocketPort.h"
+
 // The byte stream beneath the control channel: Cap'n Proto messages in the standard framing, over a Unix-domain socket.
 namespace orvane {
 
-// The library's message streams have no virtual destructor: its owning pointers destroy each by its own class.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+// Ends the reading of a stream, with a reason for the log: throws a kj::Exception.
+[[noreturn]] void refuse_message(const char* reason);
 
 // Both ends of the channel read and write through this. System calls are what a small message costs, so few are made:
 // reads fill a buffer, and small messages that are written one after the other leave together, before the thread waits
@@ -32,7 +32,7 @@ class ControlStream final : public capnp::MessageStream {
   using Progress = kj::Function<void(size_t bytes)>;
 
   // The socket stays the caller's, who closes it after the stream is gone.
-  ControlStream(kj::UnixEventPort& port, int socket);
+  ControlStream(SocketPort& port, int socket) : port_(port), socket_(socket) {}
 
   void setAdmission(Admission admission) { admission_ = kj::mv(admission); }
   void setProgress(kj::Maybe<Progress> progress) { progress_ = kj::mv(progress); }
@@ -55,7 +55,6 @@ class ControlStream final : public capnp::MessageStream {
   size_t buffered() const { return filled_ - taken_; }
   void take(kj::byte* to, size_t bytes);
   size_t receive(kj::byte* to, size_t bytes, bool* wouldBlock);
-  kj::Promise<void> whenReadable();
   kj::Promise<bool> fill(size_t bytes);
   kj::Promise<void> receiveAll(kj::byte* to, size_t bytes);
   kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> readBody(size_t tableBytes, capnp::ReaderOptions options);
@@ -67,18 +66,16 @@ class ControlStream final : public capnp::MessageStream {
   kj::Promise<void> flushAll();
   kj::Promise<void> whenFlushed();
   bool sendSome(Outgoing& outgoing);
-  kj::Promise<void> whenWritable();
   kj::Promise<void> send(kj::Own<Outgoing> outgoing);
 
-  kj::UnixEventPort& port_;
+  SocketPort& port_;
   const int socket_;
-  kj::UnixEventPort::FdObserver observer_;  // of reads
   kj::Maybe<Admission> admission_;
   kj::Maybe<Progress> progress_;
 
   std::array<kj::byte, 32768> buffer_;
   size_t taken_ = 0, filled_ = 0;
-  kj::Maybe<kj::Promise<void>> readable_;  // set when nothing is there to be read before it is fulfilled
+  bool drained_ = false;  // by the read before: nothing is there yet
 
   std::vector<kj::byte> outbox_;  // small messages that are not sent yet, from `flushed_` on
   size_t flushed_ = 0;
@@ -87,6 +84,5 @@ class ControlStream final : public capnp::MessageStream {
   kj::Maybe<kj::Own<kj::PromiseFulfiller<void>>> flushedFulfiller_;
   bool unwritable_ = false;
 };
-#pragma GCC diagnostic pop
 
 }  // namespace orvane

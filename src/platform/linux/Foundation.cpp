@@ -16,20 +16,23 @@ class Components final : public NSURLComponents {
   std::optional<std::string> host_;
 };
 
-// Scheme and authority of a URL that has them, else the whole URL. Browsers leave characters such as '|' in path and
-// query as the page wrote them, against RFC 3986: that must not hide the host from the filter.
-std::string_view up_to_authority(std::string_view url) {
-  size_t colon = url.find_first_of(":/?#");
-  if (colon == std::string_view::npos || url.substr(colon, 3) != "://") return url;
-  return url.substr(0, url.find_first_of("/?#", colon + 3));
+// Scheme, host and port of a URL that has them, else the whole URL. Browsers leave characters such as '|' where the
+// page wrote them, against RFC 3986: what stands before or behind the host must not hide it from the filter.
+std::string without_surroundings(std::string_view url) {
+  const size_t colon = url.find_first_of(":/?#");
+  if (colon == std::string_view::npos || url.substr(colon, 3) != "://") return std::string(url);
+  std::string_view authority = url.substr(colon + 3);
+  authority = authority.substr(0, authority.find_first_of("/?#"));
+  if (const size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
+  return std::string(url.substr(0, colon + 3)).append(authority);
 }
 
 }  // namespace
 
 Ref<NSURLComponents> NSURLComponents::initWithURL(const NSURL& url, bool /*resolvingAgainstBaseURL*/) {
   // A URL is absolute already, so there is no base to resolve it against.
-  std::string text = url.absoluteString();
-  auto parsed = boost::urls::parse_uri_reference(up_to_authority(text));
+  const std::string text = without_surroundings(url.absoluteString());
+  auto parsed = boost::urls::parse_uri_reference(text);
   if (!parsed) return nullptr;
   std::optional<std::string> host = parsed->host();
   if (host->empty()) host.reset();

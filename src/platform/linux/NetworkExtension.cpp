@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "platform/Bundle.h"
@@ -133,7 +134,12 @@ int32_t NEFilterProvider::startSystemExtensionMode() {
     report_failure("there is no provider class of the name " + className);
     return -1;
   }
-  std::thread(run_provider, create, className).detach();
+  try {
+    std::thread(run_provider, create, className).detach();
+  } catch (const std::system_error& error) {
+    report_failure(std::string("no thread: ") + error.what());
+    return -1;
+  }
   return 0;
 }
 

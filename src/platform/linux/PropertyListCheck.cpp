@@ -211,7 +211,12 @@ class XMLCheck {
   void characters(std::string_view text) {
     if (fault_ || open_.empty()) return;
     Open& innermost = open_.back();
-    if (innermost.element->accepts != is_anything) innermost.text += text;
+    if (innermost.element->accepts == is_anything) return;
+    // libplist takes a character reference as it is written. libxml2 gives the character that it stands for, and then
+    // is just past the reference's semicolon.
+    bool referred = context_->input->cur[-1] == ';' && !text.ends_with(';');
+    if (referred) return fail_here("a character reference inside of a value");
+    innermost.text += text;
   }
 
   // Outside of text, libplist does not join what a comment parts.

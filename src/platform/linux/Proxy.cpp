@@ -105,7 +105,11 @@ std::optional<std::string> Proxy::start(Ref<NEFilterDataProvider> provider, cons
   shared_->context.port = port_;
   shared_->context.stop = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!shared_->context.stop) return failure("no event descriptor", errno);
-  acceptor_ = std::thread(&Proxy::accept, this);
+  try {
+    acceptor_ = std::thread(&Proxy::accept, this);
+  } catch (const std::system_error& error) {
+    return failure("no thread", error.code().value());
+  }
   for (const Descriptor& listener : listeners_) {
     const char* address = &listener == listeners_.data() ? "127.0.0.1" : "[::1]";
     ORVANE_LOG_DEFAULT(default_log(), "proxy listening on %s:%d", address, static_cast<int>(port_));

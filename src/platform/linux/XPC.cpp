@@ -178,7 +178,11 @@ class Listener final : public NSXPCListener {
  public:
   explicit Listener(const Value& name) : name_(name) {}
 
-  void setDelegate(NSXPCListenerDelegate* delegate) override { delegate_ = delegate; }
+  void setDelegate(NSXPCListenerDelegate* delegate) override {
+    auto next = Ref<NSXPCListenerDelegate>::retained(delegate);
+    std::lock_guard lock(delegateMutex_);
+    std::swap(delegate_, next);
+  }
 
   void resume() override {
     if (socket_) return;
@@ -187,7 +191,12 @@ class Listener final : public NSXPCListener {
       ORVANE_LOG_ERROR(default_log(), "the control channel is closed: %@", error);
       return;
     }
-    acceptor_ = std::thread([this] { acceptConnections(); });
+    try {
+      acceptor_ = std::thread([this] { acceptConnections(); });
+    } catch (const std::system_error& cause) {
+      ORVANE_LOG_ERROR(default_log(), "the control channel is closed: no thread: %s", cause.what());
+      socket_.reset();
+    }
   }
 
  private:
@@ -224,7 +233,11 @@ class Listener final : public NSXPCListener {
   }
 
   void admit(const Ref<Connection>& connection) {
-    NSXPCListenerDelegate* delegate = delegate_;
+    Ref<NSXPCListenerDelegate> delegate;
+    {
+      std::lock_guard lock(delegateMutex_);
+      delegate = delegate_;
+    }
     bool accepted = delegate != nullptr && delegate->shouldAcceptNewConnection(*this, *connection);
     if (!accepted || !connection->isActivated()) connection->close();
   }
@@ -236,7 +249,8 @@ class Listener final : public NSXPCListener {
   }
 
   const Value name_;
-  std::atomic<NSXPCListenerDelegate*> delegate_{nullptr};
+  std::mutex delegateMutex_;
+  Ref<NSXPCListenerDelegate> delegate_;
   std::shared_ptr<ClientSockets> clients_ = std::make_shared<ClientSockets>();
   std::optional<ListenerSocket> socket_;
   std::thread acceptor_;

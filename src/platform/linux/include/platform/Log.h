@@ -11,11 +11,13 @@
 #include "platform/Object.h"
 #include "platform/Value.h"
 
-// The system log. A message is a literal format with conversions of os_log(3): "%@" an object, "%d" an int, "%ld" a
-// long,
-// "%lu" an unsigned long, "%s" a string of characters, "%p" an address, "%.8x" an unsigned int. A format whose
-// conversions do not fit the arguments in number and kind does not compile. Arguments are evaluated only when the level
-// is on for the handle.
+// The system log. A message is a literal format with some of os_log(3)'s conversions:
+//
+//   %@ an object    %d an int    %ld a long    %lu an unsigned long    %s characters    %p an address    %.8x an
+//   unsigned
+//
+// A format whose conversions do not fit the arguments in number and kind does not compile. Arguments are evaluated only
+// when the level is on for the handle.
 namespace orvane {
 
 enum class LogLevel : uint8_t { Default, Info, Debug, Error };
@@ -64,23 +66,30 @@ inline Argument argument(unsigned int v) { return {Kind::UnsignedInt, nullptr, n
 inline Argument argument(const char* v) { return {Kind::Characters, v}; }
 inline Argument argument(const void* v) { return {Kind::Address, v}; }
 
+template <class T, class... Choices>
+inline constexpr bool is_one_of = (std::is_same_v<T, Choices> || ...);
+
+// Of the types that a message may be about; any other does not compile.
 template <class T>
 constexpr Kind kind_of() {
-  using Bare = std::remove_cv_t<std::remove_reference_t<T>>;
-  if constexpr (std::is_same_v<Bare, int>)
+  using Bare = std::decay_t<T>;
+  if constexpr (std::is_same_v<Bare, int>) {
     return Kind::Int;
-  else if constexpr (std::is_same_v<Bare, long>)
+  } else if constexpr (std::is_same_v<Bare, long>) {
     return Kind::Long;
-  else if constexpr (std::is_same_v<Bare, unsigned long>)
+  } else if constexpr (std::is_same_v<Bare, unsigned long>) {
     return Kind::UnsignedLong;
-  else if constexpr (std::is_same_v<Bare, unsigned int>)
+  } else if constexpr (std::is_same_v<Bare, unsigned int>) {
     return Kind::UnsignedInt;
-  else if constexpr (std::is_same_v<Bare, const char*> || std::is_same_v<Bare, char*>)
+  } else if constexpr (is_one_of<Bare, const char*, char*>) {
     return Kind::Characters;
-  else if constexpr (std::is_pointer_v<Bare>)
+  } else if constexpr (std::is_pointer_v<Bare>) {
     return Kind::Address;
-  else
+  } else {
+    static_assert(is_one_of<Bare, Value, std::string_view, std::string, std::optional<std::string>, Ref<NSError>>,
+                  "no conversion takes an argument of this type");
     return Kind::Object;
+  }
 }
 
 template <class... T>

@@ -1,0 +1,52 @@
+#include "SocketPort.h"
+
+#include <poll.h>
+
+#include <climits>
+
+namespace orvane {
+namespace {
+
+kj::TimePoint now() { return kj::systemPreciseMonotonicClock().now(); }
+
+}  // namespace
+
+SocketPort::SocketPort(int socket) : socket_(socket), timer_(now()) {}
+
+kj::Promise<void> SocketPort::await(Waiting* waiting) {
+  auto pair = kj::newPromiseAndFulfiller<void>();
+  *waiting = kj::mv(pair.fulfiller);
+  return kj::mv(pair.promise);
+}
+
+bool SocketPort::wait() {
+  uint64_t forever = UINT64_MAX;
+  uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);
+  pollFor(timeout == forever ? -1 : static_cast<int>(timeout));
+  return false;  // no other thread wakes this one
+}
+
+bool SocketPort::poll() {
+  pollFor(0);
+  return false;
+}
+
+void SocketPort::pollFor(int milliseconds) {
+  pollfd watched{socket_, 0, 0};
+  if (reading_ != nullptr) watched.events |= POLLIN | POLLRDHUP;
+  if (writing_ != nullptr) watched.events |= POLLOUT;
+  // An end is reported whether it is asked for or not, and would keep a thread busy that awaits a timer alone.
+  if (watched.events == 0) watched.fd = -1;
+  if (::poll(&watched, 1, milliseconds) > 0) {
+    constexpr int kFailure = POLLHUP | POLLERR | POLLNVAL;
+    auto fulfill = [](Waiting& waiting) {
+      KJ_IF_MAYBE (fulfiller, waiting) (*fulfiller)->fulfill();
+      waiting = nullptr;
+    };
+    if (watched.revents & (POLLIN | POLLRDHUP | kFailure)) fulfill(reading_);
+    if (watched.revents & (POLLOUT | kFailure)) fulfill(writing_);
+  }
+  timer_.advanceTo(now());
+}
+
+}  // namespace orvane
