@@ -18,6 +18,7 @@ std::string name_at(size_t i) { return "host-" + std::to_string(i) + ".blocked.e
 std::vector<std::string> questions(size_t hosts) {
   std::mt19937_64 random(1);
   std::vector<std::string> asked;
+  asked.reserve(4096);
   for (int i = 0; i < 4096; ++i) asked.push_back(name_at(random() % hosts));
   return asked;
 }

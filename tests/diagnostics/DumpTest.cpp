@@ -1,16 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <cinttypes>
 #include <new>
 
 #include "diagnostics/os_log_dump.h"
+#include "platform/Bundle.h"
 #include "platform/StandIn.h"
 
-namespace {
-
-thread_local long allocations = 0;
-
-}  // namespace
+static thread_local long allocations = 0;
 
 // Counts what the dump takes from the heap.
 void* operator new(size_t size) {
@@ -24,91 +20,73 @@ void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 namespace orvane {
 namespace {
 
-using Strings = std::vector<std::string>;
-
-Strings dump(std::string_view data, int style, int width, int group, bool ascii) {
+// The lines of a dump with the prefix "p:", joined by " | ".
+std::string dump(std::string_view data, int style, int width, int group, bool ascii) {
   stand_in::reset();
-  os_log_dump(os_log_create("s", "c"), "p:", style, width, group, data.data(), data.size(), ascii);
-  Strings lines = stand_in::take_log();
-  for (std::string& line : lines) line.erase(0, 3);  // the category
-  return lines;
+  os_log_dump(os_log_create(kBundleIdentifier, "c"), "p:", style, width, group, data.data(), data.size(), ascii);
+  return stand_in::take_log("c");
 }
 
 TEST(DumpTest, LaysLinesOut) {
-  using namespace std::string_literals;
-  const std::string sixteen = "0123456789abcdef";
-  const struct {
-    std::string data;
-    int width, group;
-    bool ascii;
-    Strings lines;
-  } cases[] = {
-      {"", 16, 1, true, {}},
-      {"AB\0"s, 16, 1, true, {"p:00000000: 41 42 00" + std::string(41, ' ') + "AB.\n"}},
-      {"\1\2\3\4", 16, 2, false, {"p:00000000: 0201 0403\n"}},
-      {"\1\2\3\4\5\6\7\x8", 16, 4, false, {"p:00000000: 04030201 08070605\n"}},
-      {"\1\2\3\4\5\6\7\x8", 16, 8, false, {"p:00000000: 0807060504030201\n"}},
+  const std::string sixteen = "0123456789abcdef", p = "p:00000000: ", blanks(29, ' ');
+  const std::string bytes = "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66\n";
+  const std::tuple<std::string, int, int, bool, std::string> cases[] = {
+      {"", 16, 1, true, ""},
+      {std::string("AB\0", 3), 16, 1, true, p + "41 42 00" + std::string(41, ' ') + "AB.\n"},
+      {"\1\2\3\4", 16, 2, false, p + "0201 0403\n"},
+      {"\1\2\3\4\5\6\7\x8", 16, 4, false, p + "04030201 08070605\n"},
+      {"\1\2\3\4\5\6\7\x8", 16, 8, false, p + "0807060504030201\n"},
       // No multiple of the group: single bytes, and their column.
-      {"\1\2\3\4\5\6", 16, 4, true, {"p:00000000: 01 02 03 04 05 06" + std::string(32, ' ') + "......\n"}},
-      {sixteen, 16, 4, true, {"p:00000000: 33323130 37363534 62613938 66656463  " + sixteen + "\n"}},
+      {"\1\2\3\4\5\6", 16, 4, true, p + "01 02 03 04 05 06   " + blanks + "......\n"},
       // A short line of whole groups keeps the column of full lines.
-      {sixteen.substr(0, 4), 16, 4, true, {"p:00000000: 33323130" + std::string(29, ' ') + "0123\n"}},
-      // Widths and groups that are none.
-      {sixteen + "g",
-       24,
-       3,
-       false,
-       {"p:00000000: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66\n", "p:00000010: 67\n"}},
-      {"\x1f\x20\x7e\x7f\x80\xff", 16, 1, true, {"p:00000000: 1f 20 7e 7f 80 ff" + std::string(32, ' ') + ". ~...\n"}},
+      {sixteen.substr(0, 4), 16, 4, true, p + "33323130" + blanks + "0123\n"},
+      {sixteen + "g", 24, 3, false, p + bytes + " | p:00000010: 67\n"},  // a width and a group that are none
+      {"\x1f\x20\x7e\x7f\x80\xff", 16, 1, true, p + "1f 20 7e 7f 80 ff   " + blanks + ". ~...\n"},
   };
-  for (const auto& c : cases) EXPECT_EQ(dump(c.data, 2, c.width, c.group, c.ascii), c.lines);
+  for (const auto& [data, width, group, ascii, lines] : cases) EXPECT_EQ(dump(data, 2, width, group, ascii), lines);
 }
 
 TEST(DumpTest, SetsTheTwoColumnsTwoBlanksApartOnFullLines) {
   const std::string data(32, 'x');
-  for (int width : {16, 32}) {
-    for (int group : {1, 2, 4, 8}) {
-      const std::string line = dump(data, 0, width, group, true)[0];
-      const size_t digits = static_cast<size_t>(2 * width + width / group - 1);
-      ASSERT_EQ(line.size(), 2 + digits + 2 + static_cast<size_t>(width) + 1) << width << " " << group;
-      EXPECT_EQ(line.substr(2 + digits), "  " + std::string(static_cast<size_t>(width), 'x') + "\n");
+  for (size_t width : {16, 32}) {
+    for (size_t group : {1, 2, 4, 8}) {
+      const std::string line = dump(data.substr(0, width), 0, static_cast<int>(width), static_cast<int>(group), true);
+      const size_t column = 2 + 2 * width + width / group - 1;
+      ASSERT_GE(line.size(), column) << width << " " << group;
+      EXPECT_EQ(line.substr(column), "  " + data.substr(0, width) + "\n") << width << " " << group;
     }
   }
 }
 
-TEST(DumpTest, LeadsLinesByOffsetAddressOrNothing) {
+TEST(DumpTest, LeadsLinesByOffsetAddressOrNothingAndSurvivesANullStart) {
   const std::string data(40, '\x11');
-  EXPECT_TRUE(dump(data, 2, 32, 8, false)[1].starts_with("p:00000020: 11"));
-  EXPECT_EQ(dump(data, 3, 32, 8, false)[1], "p:1111111111111111\n");
-  char address[40];
-  std::snprintf(address, sizeof address, "p:%p: 1111", static_cast<const void*>(data.data() + 32));
-  EXPECT_TRUE(dump(data, 1, 32, 8, false)[1].starts_with(address));
-}
-
-TEST(DumpTest, SurvivesANullStart) {
+  EXPECT_TRUE(dump(data, 2, 32, 8, false).ends_with(" | p:00000020: 1111111111111111\n"));
+  EXPECT_TRUE(dump(data, 3, 32, 8, false).ends_with(" | p:1111111111111111\n"));
+  char last[60];
+  std::snprintf(last, sizeof last, " | p:%p: 1111111111111111\n", static_cast<const void*>(data.data() + 32));
+  EXPECT_TRUE(dump(data, 1, 32, 8, false).ends_with(last));
   stand_in::reset();
-  os_log_dump(os_log_create("s", "c"), "p:", 2, 16, 1, nullptr, 16, true);
-  EXPECT_EQ(stand_in::take_log(), Strings{"c: p:00000000: \n"});
+  os_log_dump(os_log_create(kBundleIdentifier, "c"), "p:", 2, 16, 1, nullptr, 16, true);
+  EXPECT_EQ(stand_in::take_log(), "c: p:00000000: \n");
 }
 
 TEST(DumpTest, HoldsTheLogAndTakesNothingFromTheHeap) {
   stand_in::reset();
-  os_log_t log = os_log_create("s", "c");
+  os_log_t log = os_log_create(kBundleIdentifier, "c");
   const int alive = stand_in::alive("LogHandle");
-  stand_in::log().enabled[LogLevel::Debug] = false;
+  stand_in::log.disabled = {LogLevel::Debug};
   const std::string data(4096, 'x');
   const long before = allocations;
   os_log_dump(log, "p:", 2, 32, 4, data.data(), data.size(), true);
   EXPECT_EQ(allocations, before);
-  EXPECT_EQ(stand_in::take_log(), Strings{});
-  stand_in::log().enabled[LogLevel::Debug] = true;
+  EXPECT_EQ(stand_in::take_log(), "");
+  stand_in::log.disabled = {};
   // The caller's own reference goes while the dump runs.
-  stand_in::log().hook = [&](const stand_in::LogEntry&) {
+  stand_in::log.hook = [&](const stand_in::LogEntry&) {
     log = nullptr;
     EXPECT_EQ(stand_in::alive("LogHandle"), alive);
   };
   os_log_dump(log, "p:", 2, 32, 4, data.data(), 33, true);
-  stand_in::log().hook = nullptr;
   EXPECT_EQ(stand_in::alive("LogHandle"), alive - 1);
 }
 

@@ -8,9 +8,8 @@ namespace orvane {
 
 namespace {
 
-struct ScriptedError : NSError {
-  explicit ScriptedError(std::string words) : text(std::move(words)) { stand_in::born("NSError"); }
-  ~ScriptedError() override { stand_in::died("NSError"); }
+struct ScriptedError : NSError, stand_in::Counted {
+  explicit ScriptedError(std::string words) : Counted("NSError"), text(std::move(words)) {}
   std::string description() const override { return text; }
   std::string localizedDescription() const override { return "localised " + text; }
   std::string text;
@@ -22,31 +21,24 @@ struct ScriptedURL : NSURL {
   std::string text;
 };
 
-// What stands between "//" and the next "/"; no more than the tests' own URLs need.
+// The host is what stands between "//" and the next "/"; no more than the tests' own URLs need.
 struct ScriptedComponents : NSURLComponents {
+  explicit ScriptedComponents(std::string words) : url(std::move(words)) {}
   std::optional<std::string> host() const override {
-    size_t start = url.find("//");
+    const size_t start = url.find("//");
     if (start == std::string::npos) return std::nullopt;
-    std::string found = url.substr(start + 2, url.find('/', start + 2) - start - 2);
-    return found.empty() ? std::nullopt : std::optional(found);
+    return url.substr(start + 2, url.find('/', start + 2) - start - 2);
   }
   std::string url;
 };
 
 }  // namespace
 
-Ref<NSError> stand_in::error_named(const std::string& description) {
-  return Ref<NSError>::adopt(new ScriptedError(description));
-}
-
-Ref<NSURL> stand_in::url_of(const std::string& absoluteString) {
-  return Ref<NSURL>::adopt(new ScriptedURL(absoluteString));
-}
+Ref<NSError> stand_in::error_named(const std::string& name) { return Ref<NSError>::adopt(new ScriptedError(name)); }
+Ref<NSURL> stand_in::url_of(const std::string& text) { return Ref<NSURL>::adopt(new ScriptedURL(text)); }
 
 Ref<NSURLComponents> NSURLComponents::initWithURL(const NSURL& url, bool) {
-  auto components = Ref<ScriptedComponents>::adopt(new ScriptedComponents);
-  components->url = url.absoluteString();
-  return components;
+  return Ref<NSURLComponents>::adopt(new ScriptedComponents(url.absoluteString()));
 }
 
 int64_t integerValue(const std::string& string) { return std::strtoll(string.c_str(), nullptr, 10); }

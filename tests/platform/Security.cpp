@@ -1,114 +1,87 @@
 #include "platform/Security.h"
 
+#include <array>
+#include <bit>
 #include <cstring>
 
-#include "platform/Counted.h"
 #include "platform/Process.h"
+#include "platform/StandIn.h"
 
 namespace orvane {
 
 using stand_in::security;
 
-stand_in::SecurityState& stand_in::security() {
-  static SecurityState state;
-  return state;
-}
-
-struct SecCode : stand_in::Counted {
-  explicit SecCode(int32_t owner) : Counted("SecCode"), pid(owner) {}
-  int32_t pid;
-};
-struct SecStaticCode : stand_in::Counted {
-  explicit SecStaticCode(int32_t owner) : Counted("SecStaticCode"), pid(owner) {}
-  int32_t pid;
-};
-struct CodeURL : stand_in::Counted {
-  CodeURL() : Counted("CodeURL") {}
-};
-struct Number : stand_in::Counted {
-  explicit Number(int32_t number) : Counted("Number"), value(number) {}
-  int32_t value;
-};
-struct Dictionary : stand_in::Counted {
-  Dictionary(const char* kindName, int32_t owner) : Counted(kindName), pid(owner) {}
-  int32_t pid;
-};
-
-ORVANE_STAND_IN_COUNTED(SecCode)
-ORVANE_STAND_IN_COUNTED(SecStaticCode)
-ORVANE_STAND_IN_COUNTED(CodeURL)
-ORVANE_STAND_IN_COUNTED(Number)
-ORVANE_STAND_IN_COUNTED(Dictionary)
-
-namespace {
+// Each holds the process that it is about.
+ORVANE_STAND_IN_COUNTED(struct, SecCode, int32_t)
+ORVANE_STAND_IN_COUNTED(struct, SecStaticCode, int32_t)
+ORVANE_STAND_IN_COUNTED(struct, CodeURL, int32_t)
+ORVANE_STAND_IN_COUNTED(struct, Number, int32_t)
+ORVANE_STAND_IN_COUNTED(struct, Dictionary, int32_t)
 
 template <class Object, class... Arguments>
-OSStatus answer(const stand_in::SecurityState::Step& step, Object** output, Arguments... arguments) {
-  if (!step.null) *output = new Object(arguments...);
-  return step.status;
+static OSStatus answer(const stand_in::SecurityState::Step& step, Object** output, Arguments... arguments) {
+  if (!step.second) *output = new Object(arguments...);
+  return step.first;
 }
 
-}  // namespace
-
 Value stand_in::token_of(int32_t pid) {
-  audit_token_t token{};
-  token.val[5] = static_cast<uint32_t>(pid);
-  uint8_t bytes[sizeof token];
-  std::memcpy(bytes, &token, sizeof token);
-  return Value::data(bytes);
+  const audit_token_t token{{0, 0, 0, 0, 0, static_cast<uint32_t>(pid)}};
+  return Value::data(std::bit_cast<std::array<uint8_t, sizeof token>>(token));
 }
 
 pid_t audit_token_to_pid(audit_token_t token) { return static_cast<pid_t>(token.val[5]); }
 
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
-  security().pidsAsked.push_back(pid);
-  auto responsible = security().responsible.find(pid);
-  return responsible == security().responsible.end() ? pid : responsible->second;
+  security.pidsAsked.push_back(pid);
+  return security.responsible.contains(pid) ? security.responsible[pid] : pid;
 }
 
 Ref<Number> number_create(int32_t value) {
-  return security().numberFails ? nullptr : Ref<Number>::adopt(new Number(value));
+  return security.numberFails ? nullptr : Ref<Number>::adopt(new Number(value));
 }
 
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData) {
   if (key != GuestAttribute::Audit) return nullptr;
   audit_token_t token;
   std::memcpy(&token, auditTokenData.asData().data(), sizeof token);
-  return Ref<Dictionary>::adopt(new Dictionary("attributes", audit_token_to_pid(token)));
+  return Ref<Dictionary>::adopt(new Dictionary(audit_token_to_pid(token), "attributes"));
 }
 
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid) {
   if (key != GuestAttribute::Pid) return nullptr;
-  return Ref<Dictionary>::adopt(new Dictionary("attributes", pid->value));
+  return Ref<Dictionary>::adopt(new Dictionary(pid->content, "attributes"));
 }
 
 const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key) {
-  return key == kSecCodeInfoPList && !security().noPropertyList ? dictionary : nullptr;
+  return key == kSecCodeInfoPList && !security.noPropertyList ? dictionary : nullptr;
 }
 
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key) {
-  const std::string& identifier = security().identifiers[dictionary->pid];
+  const std::string& identifier = security.identifiers[dictionary->content];
   if (key != kCFBundleIdentifierKey || identifier.empty()) return std::nullopt;
   return identifier;
 }
 
-OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, uint32_t, SecCode** guest) {
-  if (!security().identifiers.contains(attributes->pid)) return -67065;
-  return answer(security().guest, guest, attributes->pid);
+OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
+  if (host != nullptr || flags != 0) return -1;
+  if (!security.identifiers.contains(attributes->content)) return -67065;
+  return answer(security.guest, guest, attributes->content);
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t, SecStaticCode** staticCode) {
-  return answer(security().staticCode, staticCode, code->pid);
+  return answer(security.staticCode, staticCode, code->content);
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary** information) {
-  return answer(security().information, information, "information", code->pid);
+  return answer(security.information, information, code->content, "information");
 }
 
-OSStatus SecCodeCopyPath(SecStaticCode*, uint32_t, CodeURL** path) { return answer(security().path, path); }
+OSStatus SecCodeCopyPath(SecStaticCode* code, uint32_t, CodeURL** path) {
+  return answer(security.path, path, code->content);
+}
 
 std::optional<std::string> url_copy_file_system_path(const CodeURL*) {
-  return security().noFileSystemPath ? std::nullopt : std::optional<std::string>("/opt/browser/browser");
+  return security.noFileSystemPath ? std::nullopt : std::optional<std::string>("/opt/browser/browser");
 }
 
 }  // namespace orvane

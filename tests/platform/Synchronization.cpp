@@ -6,13 +6,12 @@
 
 namespace orvane {
 
-int stand_in::nextUnlockStatus = 0;
-
-namespace {
-
-std::recursive_mutex everyMonitor;
-
-}  // namespace
+static std::recursive_mutex& monitor_of(const NSObject* object) {
+  static std::mutex mutex;
+  static std::map<const NSObject*, std::recursive_mutex> monitors;
+  std::lock_guard lock(mutex);
+  return monitors[object];
+}
 
 int RecursiveMutex::initialise() {
   stand_in::trace("mutex initialised");
@@ -26,27 +25,22 @@ int RecursiveMutex::initialise() {
 
 int RecursiveMutex::lock() {
   if (!initialised_) return 0;
-  ++stand_in::mutexes_held();
+  ++stand_in::mutexesHeld;
   return pthread_mutex_lock(&mutex_);
 }
 
 int RecursiveMutex::unlock() {
   if (!initialised_) return 0;
-  --stand_in::mutexes_held();
+  --stand_in::mutexesHeld;
   pthread_mutex_unlock(&mutex_);
-  return std::exchange(stand_in::nextUnlockStatus, 0);
+  return stand_in::nextUnlockStatus.exchange(0);
 }
 
-// One for all objects: a test that passes with it says nothing less.
 ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
   // The control object's monitor is taken before the database's mutex, never after it.
-  if (stand_in::mutexes_held() > 0) stand_in::trace("WRONG ORDER: a monitor while a mutex is held");
-  everyMonitor.lock();
+  if (stand_in::mutexesHeld > 0) stand_in::trace("WRONG ORDER: a monitor while a mutex is held");
+  monitor_of(object).lock();
 }
-
-ObjectMonitor::~ObjectMonitor() { everyMonitor.unlock(); }
-
-void NSRecursiveLock::lock() { mutex_.lock(); }
-void NSRecursiveLock::unlock() { mutex_.unlock(); }
+ObjectMonitor::~ObjectMonitor() { monitor_of(object_).unlock(); }
 
 }  // namespace orvane

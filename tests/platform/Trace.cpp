@@ -1,45 +1,53 @@
+#include <mutex>
+
 #include "platform/StandIn.h"
 
 namespace orvane::stand_in {
 
 namespace {
 
-// Never destroyed: handles that live until the process ends are still released into it.
-auto& mutex = *new std::mutex;
-auto& lines = *new std::vector<std::string>;
-auto& counts = *new std::map<std::string, int>;
+// Never destroyed: handles that live until the process ends are still released into it. And objects that are never
+// released stay within reach, so that a leak checker keeps to the others.
+auto& mutex = *new std::recursive_mutex;
+auto& lines = *new std::string;
+auto& objects = *new std::map<std::string, std::set<const Counted*>>;
 
 }  // namespace
 
 void trace(const std::string& line) {
   std::lock_guard lock(mutex);
-  lines.push_back(line);
+  lines += (lines.empty() ? "" : " | ") + line;
 }
 
-std::vector<std::string> take_trace() {
+std::string take_trace() {
   std::lock_guard lock(mutex);
-  return std::exchange(lines, {});
+  return std::exchange(lines, "");
 }
 
 int alive(const std::string& kind) {
   std::lock_guard lock(mutex);
-  return counts[kind];
+  return static_cast<int>(objects[kind].size());
 }
 
-int& mutexes_held() {
-  thread_local int count = 0;
-  return count;
-}
-
-void born(const std::string& kind) {
+Counted::Counted(const char* kindName) : kind(kindName) {
   std::lock_guard lock(mutex);
-  ++counts[kind];
+  objects[kind].insert(this);
 }
 
-void died(const std::string& kind) {
+Counted::~Counted() {
   std::lock_guard lock(mutex);
-  --counts[kind];
-  lines.push_back("release " + kind);
+  objects[kind].erase(this);
+  trace(std::string("release ") + kind);
+}
+
+void reset() {
+  take_trace();
+  log = {};
+  files = {};
+  security = {};
+  dns = {};
+  filter = {};
+  listener = {};
 }
 
 }  // namespace orvane::stand_in

@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
+#include <regex>
 
-#include "platform/StandIn.h"
+#include "database/Database.h"
 #include "service/OrvaneController.h"
 #include "service/XPCServiceDelegate.h"
 #include "service/app_filter.h"
@@ -13,138 +13,134 @@
 
 namespace orvane {
 
-namespace {
-
-int32_t appFilterStatus = 0;
-
-}  // namespace
-
+static int32_t appFilterStatus = 0;
 int32_t app_filter_init() { return appFilterStatus; }
 
 namespace {
 
 using stand_in::listener;
-using Strings = std::vector<std::string>;
+using stand_in::take_log;
+using stand_in::take_trace;
 
-class StartTest : public testing::Test {
+// What it is told is traced.
+class Connection : public NSXPCConnection {
+ public:
+  const Protocol* protocol = nullptr;
+  OrvaneSECommunication* exported = nullptr;
+  std::function<void()> invalidated, interrupted;
+
+  void setExportedInterface(const NSXPCInterface& made) override { keep("interface", protocol, made.protocol()); }
+  void setExportedObject(OrvaneSECommunication* object) override { keep("object", exported, object); }
+  void activate() override { stand_in::trace("activate"); }
+  void setInvalidationHandler(std::function<void()> handler) override { keep("invalidation", invalidated, handler); }
+  void setInterruptionHandler(std::function<void()> handler) override { keep("interruption", interrupted, handler); }
+
+ private:
+  static void keep(const char* step, auto& place, auto content) {
+    stand_in::trace(step);
+    place = content;
+  }
+};
+
+class StartTest : public DatabaseTest {
  protected:
-  // What happened, the handle of a database that an earlier case started aside.
-  static Strings trace() {
-    Strings lines = stand_in::take_trace();
-    std::erase(lines, "release LogHandle");
-    return lines;
+  StartTest() {
+    appFilterStatus = 0;
+    stand_in::files.propertyList = Value::array({text("b")});
+    nameService(text("org.orvane.test"));
   }
 
-  StartTest() {
-    stand_in::reset();
-    appFilterStatus = 0;
-    stand_in::files().resourceMissing = true;
-    stand_in::files().information =
-        Value::dictionary({{Value::string("NSEndpointSecurityMachServiceName"), Value::string("org.orvane.test")}});
+  static void nameService(const Value& name) {
+    stand_in::files.information = Value::dictionary({{text("NSEndpointSecurityMachServiceName"), name}});
   }
-  ~StartTest() override { db_term(); }
+
+  static bool happened(const std::string& pattern) { return std::regex_match(take_trace(), std::regex(pattern)); }
 };
 
 TEST_F(StartTest, BringsTheModulesUpInOrderAndParks) {
-  stand_in::filter().startStatus = 5;  // which nobody looks at
+  // The browsers list is loaded, under a lock that is none yet, before the mutex is one.
+  const std::string loads = "[^]*log db_browsers: [^]* \\| mutex initialised";
+  const std::string serves = " \\| startSystemExtensionMode[^]* \\| listener delegate \\| listener resume";
+  const std::string told = " \\| log OrvaneSE started\\.\\.\\.", parks = " \\| dispatch_main";
+  stand_in::filter.startStatus = 5;  // which nobody looks at
   EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
-  EXPECT_EQ(trace(), (Strings{"log starting extensions...", "log browsers file not found", "mutex initialised",
-                              "startSystemExtensionMode", "listener delegate", "listener resume",
-                              "log OrvaneSE started...", "dispatch_main"}));
-  EXPECT_EQ(stand_in::take_log(), (Strings{"default: starting extensions...", "Database! browsers file not found",
-                                           "default! OrvaneSE started..."}));
-  EXPECT_EQ(listener().name, Value::string("org.orvane.test"));
+  EXPECT_TRUE(happened("log starting extensions\\.\\.\\. " + loads + serves + told + parks));
+  EXPECT_EQ(listener.name, text("org.orvane.test"));
   for (const char* name : {"FilterDataProvider", "PLSafariFilterDataProvider"}) {
-    ASSERT_TRUE(stand_in::filter().classes.contains(name)) << name;
-    EXPECT_TRUE(stand_in::filter().classes[name]());
+    ASSERT_TRUE(stand_in::filter.classes.contains(name)) << name;
+    EXPECT_TRUE(stand_in::filter.classes[name]());
   }
   EXPECT_EQ(web_filter_init(), 5);
+
+  stand_in::log.disabled = {LogLevel::Info, LogLevel::Debug};
+  take_log();
+  take_trace();
+  EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
+  EXPECT_TRUE(happened("[^]*mutex initialised" + serves + told + parks));
+  EXPECT_EQ(take_log(), "default! OrvaneSE started...");
+  stand_in::log.disabled = {LogLevel::Error, LogLevel::Debug};
+  EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
+  EXPECT_TRUE(happened("log starting extensions[^]*mutex initialised" + serves + parks));
+  EXPECT_EQ(take_log(), "default? starting extensions...");
 }
 
 TEST_F(StartTest, EndsBeforeTheFilterWhenTheApplicationFilterFails) {
   appFilterStatus = 1;
   EXPECT_EQ(orvane_main(), 1);
-  EXPECT_EQ(trace(), (Strings{"log starting extensions...", "log browsers file not found", "mutex initialised"}));
-  db_hostname_add(Value::string("a"));
-  EXPECT_TRUE(db_has_hostname("a"));  // the database runs
+  EXPECT_TRUE(happened("log starting extensions[^]* \\| mutex initialised"));  // and nothing since
+  EXPECT_TRUE(db_is_browser("b"));                                             // the database runs, and was not ended
+  db_term();
+  EXPECT_FALSE(db_spare || db_hostnames || db_browsers);
+  EXPECT_TRUE(db_log);
 }
 
-TEST_F(StartTest, RunsEveryStepWithInfoOff) {
-  stand_in::log().enabled = {{LogLevel::Error, true}};
-  stand_in::files().resourceMissing = false;
-  stand_in::files().content = "x";
-  stand_in::files().propertyList = Value::array({});
-  EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
-  EXPECT_EQ(stand_in::take_log(), Strings{"default! OrvaneSE started..."});
-}
-
-TEST_F(StartTest, AListenerIsReplacedBeforeTheOldOneGoes) {
-  db_init();
-  xpc_run();
-  const int objects = stand_in::alive_objects();
-  const NSXPCListenerDelegate* delegate = listener().delegate;
-  stand_in::take_trace();
-  xpc_run();
-  EXPECT_EQ(trace(),
-            (Strings{"release NSXPCListener", "an old listener went", "listener delegate", "listener resume"}));
-  EXPECT_NE(listener().delegate, delegate);
-  EXPECT_EQ(stand_in::alive_objects(), objects);
-}
-
-// A reference that is looked at while its old object is destroyed.
 struct Watched : NSObject {
-  ~Watched() override {
-    if (holder != nullptr) seen = holder->get();
-  }
-  static Ref<Watched>* holder;
-  static Watched* seen;
+  explicit Watched(std::function<void()> what = [] {}) : atItsEnd(std::move(what)) {}
+  ~Watched() override { atItsEnd(); }
+  std::function<void()> atItsEnd;
 };
-Ref<Watched>* Watched::holder = nullptr;
-Watched* Watched::seen = nullptr;
 
-TEST_F(StartTest, AReferenceHoldsTheNewObjectBeforeTheOldOneIsReleased) {
-  db_init();
-  auto holder = Ref<Watched>::adopt(new Watched);
-  Watched::holder = &holder;
-  auto next = Ref<Watched>::adopt(new Watched);
-  Watched* const expected = next.get();
-  holder = std::move(next);
-  Watched::holder = nullptr;
-  EXPECT_EQ(Watched::seen, expected);
-}
+TEST_F(StartTest, WhatIsReplacedGoesAfterTheNewOneIsStored) {
+  Watched* seen = nullptr;
+  Ref<Watched> holder;
+  holder = Ref<Watched>::adopt(new Watched([&] { seen = holder.get(); }));
+  holder = Ref<Watched>::adopt(new Watched);
+  EXPECT_EQ(seen, holder.get());
 
-TEST_F(StartTest, AnyServiceNameIsPassedOn) {
-  db_init();
-  for (const Value& name : {Value(), Value::number(5)}) {
-    stand_in::files().information = Value::dictionary({{Value::string("NSEndpointSecurityMachServiceName"), name}});
-    EXPECT_EQ(XPCServiceDelegate::systemExtensionMachServiceName(), name);
-    xpc_run();
-    EXPECT_EQ(listener().name, name);
-  }
-  EXPECT_EQ(stand_in::take_log(), Strings{"Database! browsers file not found"});
-}
-
-TEST_F(StartTest, WiresEveryConnectionToTheSharedObject) {
-  db_init();
   xpc_run();
-  stand_in::take_trace();
-  auto first = Ref<stand_in::Connection>::adopt(new stand_in::Connection);
-  auto second = Ref<stand_in::Connection>::adopt(new stand_in::Connection);
-  EXPECT_TRUE(listener().delegate->shouldAcceptNewConnection(*listener().listener, *first));
-  // The handlers come after the activation.
-  EXPECT_EQ(trace(), (Strings{"exported interface", "exported object", "activate", "invalidation handler",
-                              "interruption handler"}));
-  EXPECT_TRUE(listener().delegate->shouldAcceptNewConnection(*listener().listener, *second));
-  EXPECT_EQ(first->protocol, &OrvaneSECommunication::kProtocol);
-  EXPECT_EQ(first->exported.get(), OrvaneController::shared());
-  EXPECT_EQ(second->exported.get(), OrvaneController::shared());
+  const int objects = stand_in::aliveObjects;
+  const auto* delegate = listener.delegate.get();
+  take_trace();
+  xpc_run();
+  EXPECT_EQ(take_trace(), "an old listener goes | release NSXPCListener | listener delegate | listener resume");
+  EXPECT_NE(listener.delegate.get(), delegate);
+  EXPECT_EQ(stand_in::aliveObjects, objects);
+}
 
-  first->exported->addHostname(Value::string("a.example"));
-  stand_in::take_log();
+TEST_F(StartTest, PassesAnyNameOnAndWiresEveryConnectionToTheSharedObject) {
+  for (const Value& name : {Value(), Value::number(5)}) {
+    nameService(name);
+    xpc_run();
+    EXPECT_EQ(listener.name, name);
+  }
+  EXPECT_EQ(take_log(), "");  // not a word about it
+  take_trace();
+  auto first = Ref<Connection>::adopt(new Connection), second = Ref<Connection>::adopt(new Connection);
+  EXPECT_TRUE(listener.delegate->shouldAcceptNewConnection(*listener.listener, *first));
+  // The handlers come after the activation.
+  EXPECT_EQ(take_trace(), "interface | object | activate | invalidation | interruption");
+  EXPECT_EQ(first->protocol, &OrvaneSECommunication::kProtocol);
+  EXPECT_TRUE(listener.delegate->shouldAcceptNewConnection(*listener.listener, *second));
+  EXPECT_EQ(first->exported, OrvaneController::shared());
+  EXPECT_EQ(second->exported, OrvaneController::shared());
+
+  first->exported->addHostname(text("a.example"));
+  take_log();
   first->invalidated();
   second->interrupted();
-  EXPECT_EQ(stand_in::take_log(), (Strings{"default: connection invalidated", "default: receive stop command",
-                                           "default: connection interrupted", "default: receive stop command"}));
+  EXPECT_EQ(take_log(),
+            "default* connection invalidated | default? receive stop command | "
+            "default* connection interrupted | default? receive stop command");
   EXPECT_TRUE(db_has_hostname("a.example"));
 }
 

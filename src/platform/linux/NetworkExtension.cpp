@@ -100,6 +100,11 @@ void run_provider(CreateProvider create, const std::string& name) {
     host().provider = provider;
   }
   provider->startFilterWithCompletionHandler([](const Ref<NSError>& error) {
+    {
+      // The service manager has been told of the stop: a start that ends only now is no news.
+      std::lock_guard lock(host().mutex);
+      if (host().stopped) return;
+    }
     if (error != nullptr) {
       report_failure(error->localizedDescription());
     } else {

@@ -24,10 +24,18 @@ size_t big_endian(std::span<const uint8_t> bytes) {
   return number;
 }
 
-// The handshake bytes of the records so far. Nothing when these are no handshake records.
+// The length of the first handshake message with its header, once the header is there.
+std::optional<size_t> message_length(std::span<const uint8_t> handshake) {
+  if (handshake.size() < kHandshakeHeaderLength) return std::nullopt;
+  return kHandshakeHeaderLength + big_endian(handshake.subspan(1, 3));
+}
+
+// The handshake bytes of the records so far, up to the end of the first message at least. What follows it may be of
+// other types: early data comes in the same flight. Nothing when other records come before its end.
 std::optional<std::vector<uint8_t>> handshake_bytes(std::span<const uint8_t> records) {
   std::vector<uint8_t> handshake;
   while (!records.empty()) {
+    if (auto length = message_length(handshake); length && handshake.size() >= *length) break;
     if (records[0] != kHandshakeRecord || (records.size() > 1 && records[1] != 3)) return std::nullopt;
     if (records.size() < kRecordHeaderLength) break;
     size_t length = big_endian(records.subspan(3, 2));
@@ -59,15 +67,14 @@ int take_extension(void* context, unsigned id, const unsigned char* data, unsign
 ServerName find_in_hello(std::span<const uint8_t> records) {
   auto handshake = handshake_bytes(records);
   if (!handshake || (!handshake->empty() && handshake->front() != kClientHello)) return {ServerName::State::Unknown};
-  if (handshake->size() < kHandshakeHeaderLength) return {ServerName::State::Open};
-  std::span<const uint8_t> message(*handshake);
-  size_t length = big_endian(message.subspan(1, 3));
-  if (length > kServerNameLimit) return {ServerName::State::Unknown};
-  auto body = message.subspan(kHandshakeHeaderLength);
-  if (body.size() < length) return {ServerName::State::Open};
+  auto length = message_length(*handshake);
+  if (!length) return {ServerName::State::Open};
+  if (*length > kServerNameLimit) return {ServerName::State::Unknown};
+  if (handshake->size() < *length) return {ServerName::State::Open};
 
   std::string name;
-  gnutls_datum_t hello{const_cast<unsigned char*>(body.data()), static_cast<unsigned>(length)};
+  gnutls_datum_t hello{handshake->data() + kHandshakeHeaderLength,
+                       static_cast<unsigned>(*length - kHandshakeHeaderLength)};
   int status = gnutls_ext_raw_parse(&name, take_extension, &hello, GNUTLS_EXT_RAW_FLAG_TLS_CLIENT_HELLO);
   if (status < 0 || name.empty() || name.find('\0') != std::string::npos) return {ServerName::State::Unknown};
   return {ServerName::State::Known, std::move(name)};

@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <string>
 #include <string_view>
 
 namespace orvane {
@@ -11,9 +10,8 @@ namespace orvane {
 // An empty folder that goes with this value.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orvane test XXXXXX").string();
-    path_ = mkdtemp(pattern.data());
+  TemporaryFolder() : path_(std::filesystem::temp_directory_path() / "orvane test XXXXXX") {
+    path_ = mkdtemp(path_.string().data());
   }
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
@@ -26,10 +24,9 @@ class TemporaryFolder {
 
   // Writes a file, with the folders that it stands in, and returns its path.
   std::filesystem::path write(const std::filesystem::path& name, std::string_view content) const {
-    std::filesystem::path file = path_ / name;
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << content;
-    return file;
+    create_directories((path_ / name).parent_path());
+    std::ofstream(path_ / name, std::ios::binary) << content;
+    return path_ / name;
   }
 
  private:

@@ -1,0 +1,273 @@
+#include "database/Database.h"
+#include "filter/FilterDataProvider.h"
+#include "filter/PLSafariFilterDataProvider.h"
+#include "filter/PellUtils.h"
+
+namespace orvane {
+namespace {
+
+using stand_in::take_log;
+using Flow = Ref<NEFilterFlow>;
+using New = NEFilterNewFlowVerdict;
+using Data = NEFilterDataVerdict;
+
+constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13, kSafariHelper = 14;
+
+// Runs with a browser, a helper that works for it, another program, and "held.example" in the database.
+class FilterTest : public DatabaseTest {
+ protected:
+  FilterTest() {
+    db_browser_add(text("browser"));
+    db_hostname_add(text("held.example"));
+    stand_in::security.identifiers = {{kBrowser, "org.browser"}, {kHelper, "org.helper"}, {kOther, "org.other"}};
+    stand_in::security.responsible = {{kHelper, kBrowser}, {kSafariHelper, kSafari}};
+    take_log();
+  }
+
+  static Ref<stand_in::SocketFlow> socketFlowTo(const char* port, std::optional<std::string> hostname,
+                                                int32_t pid = kBrowser) {
+    auto flow = Ref<stand_in::SocketFlow>::adopt(new stand_in::SocketFlow(stand_in::token_of(pid)));
+    flow->hostname = std::move(hostname);
+    flow->endpoints = {NWHostEndpoint::endpointWithHostname("192.0.2.1", port)};
+    return flow;
+  }
+  static Ref<stand_in::Flow> plainFlow(std::optional<std::string> url, int32_t pid = kBrowser) {
+    return Ref<stand_in::Flow>::adopt(new stand_in::Flow(stand_in::token_of(pid), std::move(url)));
+  }
+};
+
+class OtherEndpoint : public NWEndpoint {};
+
+Ref<NWEndpoint> host(const char* port) { return NWHostEndpoint::endpointWithHostname("h", port); }
+Ref<NWEndpoint> service() { return Ref<OtherEndpoint>::adopt(new OtherEndpoint); }
+
+TEST_F(FilterTest, OnlySocketFlowsToHostsHavePorts) {
+  auto plain = plainFlow("http://a:80/");
+  EXPECT_FALSE(isSocketFlow(*plain));
+  EXPECT_EQ(socketFlow(*plain), nullptr);
+  EXPECT_EQ(port(*plain), 0U);
+
+  auto flow = socketFlowTo("53", std::nullopt);
+  EXPECT_TRUE(isSocketFlow(*flow));
+  EXPECT_EQ(socketFlow(*flow), flow.get());
+  const std::pair<std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
+      {{}, 0},
+      {{service()}, 0},
+      {{host("53")}, 53},
+      {{host(" +443x")}, 443},
+      {{host("domain")}, 0},
+      {{host("")}, 0},
+      {{host("-1")}, UINT64_MAX},
+      {{host("70000")}, 70000},
+      // Each step sees the endpoint of its own moment.
+      {{host("1"), host("2"), host("3")}, 3},
+      {{host("1"), service(), host("3")}, 0},
+      {{host("1"), host("2"), nullptr}, 0},
+      {{host("1"), host("2"), service()}, 0},
+  };
+  for (const auto& [endpoints, expected] : cases) {
+    flow->endpoints = endpoints;
+    EXPECT_EQ(port(*flow), expected);
+  }
+}
+
+template <class Provider>
+class LifecycleTest : public FilterTest {
+ public:
+  static constexpr bool kGeneral = std::is_same_v<Provider, FilterDataProvider>;
+  const std::string category = kGeneral ? "FilterDataProvider" : "PLSafariFilterDataProvider";
+};
+
+using Providers = testing::Types<FilterDataProvider, PLSafariFilterDataProvider>;
+TYPED_TEST_SUITE(LifecycleTest, Providers);
+
+TYPED_TEST(LifecycleTest, AppliesItsRulesAllowsTheRestAndStopsAtOnceForAnyReason) {
+  auto provider = TypeParam::init();
+  int completions = 0;
+  provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { completions += error ? 100 : 1; });
+  EXPECT_EQ(completions, 0);
+  stand_in::filter.pendingApply();
+  EXPECT_EQ(completions, 1);
+
+  EXPECT_EQ(stand_in::filter.applied->defaultAction, NEFilterAction::Allow);
+  std::string rules;
+  for (const auto& [network, action] : stand_in::filter.applied->rules) {
+    rules += network.remoteNetwork->hostname() + ":" + network.remoteNetwork->port() + "/" +
+             std::to_string(static_cast<int>(network.protocol)) + " ";
+    EXPECT_EQ(action, NEFilterAction::FilterData);
+    EXPECT_EQ(network.direction, NETrafficDirection::Outbound);
+    EXPECT_TRUE(network.remotePrefix == 0 && network.localPrefix == 0 && !network.localNetwork);
+  }
+  EXPECT_EQ(rules, this->kGeneral ? ":53/0 :80/1 :443/1 " : ":80/1 :443/1 ");
+
+  provider->stopFilterWithReason(NEProviderStopReason::None, [&] { ++completions; });
+  EXPECT_EQ(completions, 2);
+  provider->stopFilterWithReason(NEProviderStopReason::ProviderFailed, [&] { ++completions; });
+  EXPECT_EQ(completions, 3);
+  EXPECT_EQ(take_log(this->category), "start filter | stop filter | stop filter");
+}
+
+TYPED_TEST(LifecycleTest, HandsOnTheVeryErrorAndLivesFromItsInitialiserUntilTheAnswer) {
+  stand_in::filter.applyError = stand_in::error_named("no queue");
+  const int objects = stand_in::aliveObjects;
+  auto provider = TypeParam::init();
+  NSError* reported = nullptr;
+  provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { reported = error.get(); });
+  provider = nullptr;  // the platform's own reference goes while the settings are applied
+  stand_in::filter.applied.reset();
+  EXPECT_EQ(stand_in::aliveObjects, objects + 1);
+  take_log();
+  stand_in::filter.pendingApply();
+  EXPECT_EQ(reported, stand_in::filter.applyError.get());
+  EXPECT_EQ(take_log(), this->category + "! Failed to apply filter settings: localised no queue");
+  stand_in::take_trace();
+  stand_in::filter.pendingApply = nullptr;
+  EXPECT_EQ(stand_in::take_trace(), "release LogHandle");
+  EXPECT_EQ(stand_in::aliveObjects, objects);
+  stand_in::nextInitialiserFails = true;
+  EXPECT_FALSE(TypeParam::init());
+  EXPECT_EQ(stand_in::take_trace(), "");  // no handle was made
+}
+
+const New kAllow = New::allowVerdict(), kDrop = New::dropVerdict();
+const New kPeekDNS = New::filterDataVerdictWithFilterInbound(false, 0, true, 1024);
+const New kPeekAll = New::filterDataVerdictWithFilterInbound(false, 0, true, UINT64_MAX);
+const Data kAllowData = Data::allowVerdict(), kDropData = Data::dropVerdict();
+
+class VerdictTest : public FilterTest {
+ protected:
+  const std::string category = "FilterDataProvider", data = "handleOutboundDataFromFlow: ";
+  Ref<FilterDataProvider> provider = FilterDataProvider::init();
+
+  Data dataOf(const NEFilterFlow& flow, std::string_view bytes, uint64_t offset) {
+    const auto* start = reinterpret_cast<const uint8_t*>(bytes.data());
+    return provider->handleOutboundDataFromFlow(flow, offset, {start, bytes.size()});
+  }
+};
+
+TEST_F(VerdictTest, NewFlows) {
+  db_hostname_set_properties(text("held.example"), until(9e9));  // which this provider does not look at
+  auto urlOnSocket = socketFlowTo("443", "other.example"), dnsToHeld = socketFlowTo("53", "held.example");
+  urlOnSocket->url = dnsToHeld->url = "https://held.example/";
+  const std::string held = "found hostname in database : dropping flow.", remote = "remote hostname: held.example | ";
+  const std::string url = "URL: https://held.example/ | hostname: held.example | ";
+  const std::string wait = "not enough data; waiting more...";
+  const std::tuple<Flow, New, std::string> cases[] = {
+      {socketFlowTo("443", "held.example", kOther), kAllow, ""},
+      {socketFlowTo("53", "held.example", kOther), kAllow, ""},
+      {socketFlowTo("443", "held.example"), kDrop, remote + held},
+      {socketFlowTo("443", "held.example", kHelper), kDrop, remote + held},
+      {socketFlowTo("443", "Held.example"), kAllow, "remote hostname: Held.example | allowing flow."},
+      {dnsToHeld, kPeekDNS, "DNS packet data; waiting more data..."},
+      {plainFlow("https://held.example/"), kDrop, url + held},
+      {urlOnSocket, kDrop, url + held},
+      {plainFlow("https://a.example/"), kAllow, "URL: https://a.example/ | hostname: a.example | allowing flow."},
+      {plainFlow("data:,x"), kPeekAll, "URL: data:,x | hostname: (null) | " + wait},
+      {socketFlowTo("443", std::nullopt), kPeekAll, "remote hostname: (null) | " + wait},
+      {plainFlow(std::nullopt), kPeekAll, wait},
+  };
+  for (const auto& [flow, verdict, messages] : cases) {
+    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << messages;
+    EXPECT_EQ(take_log(category), messages);
+  }
+}
+
+TEST_F(VerdictTest, AsksForTheResponsibleApplicationOnlyWhenItMust) {
+  provider->handleNewFlow(*socketFlowTo("443", "a.example"));
+  EXPECT_TRUE(stand_in::security.pidsAsked.empty());
+  provider->handleNewFlow(*socketFlowTo("443", "a.example", kHelper));
+  EXPECT_EQ(stand_in::security.pidsAsked, std::vector<int32_t>{kHelper});
+  // A flow of an unknown owner is nobody's: allowed, and nil never reaches the database.
+  auto unknown = socketFlowTo("443", "held.example");
+  for (const Value& token : {Value(), Value::data({})}) {
+    unknown->token = token;
+    take_log();
+    EXPECT_TRUE(provider->handleNewFlow(*unknown) == kAllow);
+    EXPECT_EQ(take_log("Database"), "");
+  }
+}
+
+TEST_F(VerdictTest, OutboundDataAndItsEnd) {
+  const std::string web = data + "socket type:1, port:443", end = "handleOutboundDataCompleteForFlow: ";
+  const std::string held = "found hostname in database : dropping flow";
+  const std::string unknown = end + "remoteHostname is nil; allowinf flow...";
+  const std::tuple<Flow, Data, std::string, Data, std::string> cases[] = {
+      {plainFlow("https://held.example/"), kAllowData, data + "not a socket flow...", kAllowData, unknown},
+      {socketFlowTo("443", "held.example"), kDropData, web + " | " + data + held, kDropData, end + held},
+      {socketFlowTo("53", "held.example"), kAllowData, data + "socket type:1, port:53 | " + data + "DNS flow",
+       kDropData, end + held},
+      {socketFlowTo("443", "other.example"), kAllowData, web, kAllowData, ""},
+      {socketFlowTo("-1", std::nullopt), kAllowData,
+       data + "socket type:1, port:18446744073709551615 | " + data + "remoteHostname is nil; accept flow", kAllowData,
+       unknown},
+  };
+  for (const auto& [flow, verdict, messages, endVerdict, endMessages] : cases) {
+    for (uint64_t offset : {uint64_t{0}, UINT64_MAX}) {
+      EXPECT_TRUE(dataOf(*flow, "bytes", offset) == verdict) << messages;
+      EXPECT_EQ(take_log(category), messages);
+    }
+    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == endVerdict) << messages;
+    EXPECT_EQ(take_log(category), endMessages);
+  }
+}
+
+TEST_F(VerdictTest, QuestionsAreObservedAndNeverDropped) {
+  auto flow = socketFlowTo("53", "held.example");
+  auto expect = [&](std::string_view bytes, const std::string& tail) {
+    EXPECT_TRUE(dataOf(*flow, bytes, 7) == kAllowData);
+    EXPECT_EQ(take_log(category), data + "socket type:1, port:53 | " + data + "DNS flow" + tail);
+    EXPECT_EQ(stand_in::dns.parsed, bytes);  // from the first byte
+    EXPECT_EQ(stand_in::alive("dns_question_t"), 0);
+  };
+  stand_in::dns.name = "held.example";
+  expect("question", " | " + data + "dns_name:held.example");
+  stand_in::dns.name.reset();
+  expect("question", "");
+  stand_in::dns.fails = true;
+  expect("", "");
+  const std::string dump = " | " + data + "cannot parse dns question :";
+  std::string first = "61";
+  for (int i = 1; i < 32; ++i) first += " 61";
+  expect(std::string(34, 'a'), dump + "00000000: " + first + "  " + std::string(32, 'a') + "\n" + dump +
+                                   "00000020: 61 61" + std::string(92, ' ') + "aa\n");
+}
+
+TEST_F(FilterTest, SafariAloneIsDecidedAtTheDataStageWhereADateMaySuspend) {
+  auto provider = PLSafariFilterDataProvider::init();
+  stand_in::security.identifiers.insert({{kSafari, "com.apple.Safari"}, {kSafariHelper, "com.apple.helper"}});
+  db_hostname_add(text("later.example"));
+  db_hostname_set_properties(text("later.example"), until(9e9));
+  // A flow that has a URL is known by that alone.
+  auto noHost = socketFlowTo("443", "held.example", kSafari);
+  noHost->url = "data:,x";
+  const std::string held = "found hostname (held.example) in database : ", allow = "allowing flow.";
+  const std::string examine = held + "examining data flow.", drop = held + "drop flow.";
+  const std::string later = "found hostname (later.example) in database : examining data flow.";
+  const std::tuple<Flow, New, std::string, Data, std::string> cases[] = {
+      {socketFlowTo("443", "held.example", kBrowser), kAllow, "", kDropData, drop},
+      {socketFlowTo("443", "held.example", kSafari), kPeekAll, examine, kDropData, drop},
+      {socketFlowTo("53", "held.example", kSafariHelper), kPeekAll, examine, kDropData, drop},
+      {socketFlowTo("443", "later.example", kSafari), kPeekAll, later, kAllowData, allow},
+      {plainFlow("http://held.example/", kSafari), kPeekAll, "URL: http://held.example/ | " + examine, kDropData, drop},
+      {noHost, kAllow, "URL: data:,x | " + allow, kAllowData, allow},
+      {socketFlowTo("443", std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
+      {plainFlow(std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
+  };
+  const std::string category = "PLSafariFilterDataProvider";
+  for (const auto& [flow, verdict, messages, dataVerdict, dataMessages] : cases) {
+    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << messages;
+    EXPECT_EQ(take_log(category), messages);
+    EXPECT_TRUE(provider->handleOutboundDataFromFlow(*flow, 0, {}) == dataVerdict) << messages;
+    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == kAllowData);
+    EXPECT_EQ(take_log(category),
+              "handleOutboundDataFromFlow. | " + dataMessages + " | handleOutboundDataCompleteForFlow.");
+  }
+  // The browser is known by the whole identifier.
+  for (const char* other : {"com.apple.safari", "my.com.apple.Safari", "com.apple.Safari.beta", ""}) {
+    stand_in::security.identifiers[kOther] = other;
+    EXPECT_FALSE(provider->isSafariBrowser(*socketFlowTo("443", "held.example", kOther))) << other;
+  }
+}
+
+}  // namespace
+}  // namespace orvane

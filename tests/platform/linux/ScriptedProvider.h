@@ -1,0 +1,56 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "platform/NetworkExtension.h"
+
+namespace orvane {
+
+// Answers as it is told, and writes down what it was asked.
+class ScriptedProvider : public NEFilterDataProvider {
+ public:
+  struct Seen {
+    std::string calls;  // each with the name that the flow had then
+    std::string bytes;
+    Value owner;  // of the last call's flow
+  };
+
+  NEFilterNewFlowVerdict newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  NEFilterDataVerdict data = NEFilterDataVerdict::allowVerdict();
+  NEFilterDataVerdict complete = NEFilterDataVerdict::allowVerdict();
+
+  Seen take() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(seen_, {});
+  }
+
+  void startFilterWithCompletionHandler(ErrorHandler) override {}
+  void stopFilterWithReason(NEProviderStopReason, const std::function<void()>&) override {}
+  NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) override { return note("new", flow, {}, newFlow); }
+  NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t offset,
+                                                 std::span<const uint8_t> bytes) override {
+    return note("data " + std::to_string(offset), flow, bytes, data);
+  }
+  NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) override {
+    return note("complete", flow, {}, complete);
+  }
+
+ private:
+  template <class Verdict>
+  Verdict note(const std::string& call, const NEFilterFlow& flow, std::span<const uint8_t> bytes, Verdict answer) {
+    std::lock_guard lock(mutex_);
+    auto* socket = dynamic_cast<const NEFilterSocketFlow*>(&flow);
+    std::string name = socket != nullptr ? socket->remoteHostname().value_or("-") : flow.URL()->absoluteString();
+    seen_.calls += call + " " + name + "; ";
+    seen_.bytes.append(bytes.begin(), bytes.end());
+    seen_.owner = flow.sourceAppAuditToken();
+    return answer;
+  }
+
+  std::mutex mutex_;
+  Seen seen_;
+};
+
+}  // namespace orvane
