@@ -15,6 +15,8 @@ import sys
 import tempfile
 
 INSIDE = "--inside"
+HERE = pathlib.Path(__file__).resolve().parent
+PYTHON = sys.executable or "python3"
 
 _NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
 _USER = ["--user", "--map-root-user"]
@@ -25,10 +27,12 @@ def _find_unshare() -> list[str]:
     complaints = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
         command = ["unshare", *more, *_NAMESPACES]
-        trial = subprocess.run([*command, "true"], capture_output=True, text=True)
+        # Namespaces may be had and still not be ours to configure: a container's root may lack the privilege.
+        code = f"import sys; sys.path.insert(0, {str(HERE)!r}); import isolation; isolation.bring_loopback_up()"
+        trial = subprocess.run([*command, PYTHON, "-B", "-c", code], capture_output=True, text=True)
         if trial.returncode == 0:
             return command
-        complaints.append(f"  {' '.join(command)}\n    {trial.stderr.strip()}")
+        complaints.append(f"  {' '.join(command)}\n    {(trial.stderr.strip().splitlines() or ['?'])[-1]}")
     sys.exit(
         "demo: this system refuses the namespaces that the demo runs in:\n"
         + "\n".join(complaints)
@@ -64,7 +68,7 @@ def run_isolated(script: str, build: pathlib.Path) -> int:
     try:
         # A session of its own: an interrupt from the terminal reaches this process alone, which ends the rest.
         unshare = subprocess.Popen(
-            [*command, sys.executable or "python3", script, INSIDE, directory, str(build)],
+            [*command, PYTHON, script, INSIDE, directory, str(build)],
             stdin=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
             text=True,
@@ -95,7 +99,7 @@ def _replace(directory: pathlib.Path, path: str, text: str) -> None:
         _mount("--bind", str(ours), path)
 
 
-def _bring_loopback_up() -> None:
+def bring_loopback_up() -> None:
     SIOCSIFFLAGS, IFF_UP = 0x8914, 1  # netdevice(7)
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as control:
         fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
@@ -104,7 +108,7 @@ def _bring_loopback_up() -> None:
 def furnish(directory: pathlib.Path, names: list[str]) -> None:
     """Prepares the inside: `names` lead to this host, and `directory` is empty and vanishes at the end."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
-    _bring_loopback_up()
+    bring_loopback_up()
     _replace(directory, "/etc/hosts", f"127.0.0.1 localhost {' '.join(names)}\n")
     _replace(directory, "/etc/nsswitch.conf", "hosts: files\n")
     # Without a journal, the extension's log comes to us.
