@@ -227,20 +227,13 @@ class LinuxClient final : public Client {
   std::unique_ptr<Session> session_;
 };
 
-// The socket to use: the given one, or the first that stands where a client looks.
-std::string find_socket(const ClientOptions& options) {
-  if (!options.socket.empty()) return options.socket;
+// Where a client looks: at the given path, or where extensions of this user and of the system listen.
+std::vector<std::string> paths_to_try(const ClientOptions& options) {
+  if (!options.socket.empty()) return {options.socket};
   std::string error;
   std::vector<std::string> paths = client_socket_paths(options.service, &error);
   if (paths.empty()) throw ClientError("cannot reach the extension: " + error + "; give another name");
-  std::string tried;
-  for (const std::string& path : paths) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) == 0) return path;
-    tried += (tried.empty() ? "" : ", ") + path;
-  }
-  throw ClientError("cannot reach the extension: there is no socket at " + tried +
-                    "; start the extension, or name its socket or service");
+  return paths;
 }
 
 std::string advice(int error) {
@@ -249,6 +242,8 @@ std::string advice(int error) {
       return "start the extension, or name another socket";
     case ECONNREFUSED:
       return "the extension that made it is gone: start it again";
+    case ENAMETOOLONG:
+      return "use a shorter path: this one is too long for a socket";
     case EACCES:
       return "it belongs to another user: run as that user or as root";
     default:
@@ -256,22 +251,39 @@ std::string advice(int error) {
   }
 }
 
+// 0, or what went wrong.
+int connect_to(const std::string& path, const Descriptor& connection) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+}
+
+// A connection to the first path that an extension answers on. A socket that nobody listens at any more hides none of
+// the others; what is said of a failure is the first that is more than absence.
+Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
+  std::string tried, failure;
+  for (const std::string& path : paths) {
+    Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int error = connection ? connect_to(path, connection) : errno;
+    if (error == 0) {
+      *reached = path;
+      return connection;
+    }
+    tried += (tried.empty() ? "" : ", ") + path;
+    if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error);
+  }
+  if (!failure.empty()) throw ClientError("cannot reach the extension at " + failure);
+  throw ClientError("cannot reach the extension: there is no socket at " + tried +
+                    "; start the extension, or name its socket or service");
+}
+
 }  // namespace
 
 std::unique_ptr<Client> connect_client(const ClientOptions& options) {
-  std::string path = find_socket(options);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    throw ClientError("cannot reach the extension at " + path +
-                      ": the path is too long for a socket; use a shorter one");
-  }
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!connection || connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    int error = errno;
-    throw ClientError("cannot reach the extension at " + path + ": " + std::strerror(error) + "; " + advice(error));
-  }
+  std::string path;
+  Descriptor connection = connect_to_first(paths_to_try(options), &path);
   std::unique_ptr<Client> client;
   auto failure = kj::runCatchingExceptions(
       [&] { client = std::make_unique<LinuxClient>(std::move(connection), std::move(path)); });

@@ -8,14 +8,14 @@
 
 static thread_local long allocations = 0;
 
-// Counts what the dump takes from the heap.
-void* operator new(size_t size) {
+// Counts what the dump takes from the heap. Weak, as a sanitizer may bring its own.
+[[gnu::weak]] void* operator new(size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::weak]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace orvane {
 namespace {

@@ -100,9 +100,9 @@ TYPED_TEST(LifecycleTest, AppliesItsRulesAllowsTheRestAndStopsAtOnceForAnyReason
   }
   EXPECT_EQ(rules, this->kGeneral ? ":53/0 :80/1 :443/1 " : ":80/1 :443/1 ");
 
-  provider->stopFilterWithReason(NEProviderStopReason::None, [&] { ++completions; });
-  EXPECT_EQ(completions, 2);
-  provider->stopFilterWithReason(NEProviderStopReason::ProviderFailed, [&] { ++completions; });
+  for (auto reason : {NEProviderStopReason::None, NEProviderStopReason::ProviderFailed}) {
+    provider->stopFilterWithReason(reason, [&] { ++completions; });
+  }
   EXPECT_EQ(completions, 3);
   EXPECT_EQ(take_log(this->category), "start filter | stop filter | stop filter");
 }

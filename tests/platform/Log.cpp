@@ -38,8 +38,8 @@ bool os_log_type_enabled(const os_log_t&, LogLevel level) { return !stand_in::lo
 
 void log_detail::write(const os_log_t& log, LogLevel level, std::string_view format,
                        std::initializer_list<Argument> arguments) {
-  const std::string held(static_cast<size_t>(stand_in::mutexesHeld), '+');
-  const stand_in::LogEntry entry{level, (log ? log : default_log())->content, held + render(format, arguments)};
+  const stand_in::LogEntry entry{level, (log ? log : default_log())->content,
+                                 stand_in::held + render(format, arguments)};
   {
     std::lock_guard lock(mutex);
     stand_in::log.entries.push_back(entry);

@@ -36,14 +36,15 @@ inline bool nextInitialiserFails = false;  // the base initialiser of the next o
 inline std::atomic<int> aliveObjects{0};   // NSObjects of all classes
 
 // Synchronization.h.
-inline thread_local int mutexesHeld = 0;      // RecursiveMutexes, by this thread
+inline thread_local std::string held;      // by this thread: in its order, a "@" for each monitor, a "+" for each mutex
+inline thread_local int mutexesTaken = 0;  // by this thread
 inline std::atomic<int> nextUnlockStatus{0};  // what the next unlock reports, after having unlocked
 
 // Log.h. Every handle is an object of its own ("LogHandle"); the default log's category is "default".
 struct LogEntry {
   LogLevel level;
   std::string category;  // with its subsystem where that is not the extension
-  std::string text;      // after a "+" for each mutex that its thread held
+  std::string text;      // after what its thread held
 };
 inline struct LogState {
   std::set<LogLevel> disabled;
@@ -96,8 +97,7 @@ Ref<NSError> error_named(const std::string& description);  // its localised desc
 Ref<NSURL> url_of(const std::string& absoluteString);
 
 template <class Base>
-class ScriptedFlow : public Base {
- public:
+struct ScriptedFlow : Base {
   explicit ScriptedFlow(Value owner, std::optional<std::string> its = {}) : token(owner), url(std::move(its)) {}
   Value token;
   std::optional<std::string> url;
@@ -105,8 +105,7 @@ class ScriptedFlow : public Base {
   Ref<NSURL> URL() const override { return url ? url_of(*url) : nullptr; }
 };
 using Flow = ScriptedFlow<NEFilterFlow>;
-class SocketFlow : public ScriptedFlow<NEFilterSocketFlow> {
- public:
+struct SocketFlow : ScriptedFlow<NEFilterSocketFlow> {
   using ScriptedFlow::ScriptedFlow;
   std::optional<std::string> hostname;
   mutable std::deque<Ref<NWEndpoint>> endpoints;  // one for each read, the last one for all that follow

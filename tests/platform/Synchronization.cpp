@@ -25,22 +25,26 @@ int RecursiveMutex::initialise() {
 
 int RecursiveMutex::lock() {
   if (!initialised_) return 0;
-  ++stand_in::mutexesHeld;
+  ++stand_in::mutexesTaken;
+  stand_in::held += '+';
   return pthread_mutex_lock(&mutex_);
 }
 
 int RecursiveMutex::unlock() {
   if (!initialised_) return 0;
-  --stand_in::mutexesHeld;
+  stand_in::held.pop_back();
   pthread_mutex_unlock(&mutex_);
   return stand_in::nextUnlockStatus.exchange(0);
 }
 
 ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
-  // The control object's monitor is taken before the database's mutex, never after it.
-  if (stand_in::mutexesHeld > 0) stand_in::trace("WRONG ORDER: a monitor while a mutex is held");
+  stand_in::held += '@';
   monitor_of(object).lock();
 }
-ObjectMonitor::~ObjectMonitor() { monitor_of(object_).unlock(); }
+
+ObjectMonitor::~ObjectMonitor() {
+  stand_in::held.pop_back();
+  monitor_of(object_).unlock();
+}
 
 }  // namespace orvane

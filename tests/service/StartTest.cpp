@@ -23,8 +23,7 @@ using stand_in::take_log;
 using stand_in::take_trace;
 
 // What it is told is traced.
-class Connection : public NSXPCConnection {
- public:
+struct Connection : NSXPCConnection {
   const Protocol* protocol = nullptr;
   OrvaneSECommunication* exported = nullptr;
   std::function<void()> invalidated, interrupted;
@@ -35,7 +34,6 @@ class Connection : public NSXPCConnection {
   void setInvalidationHandler(std::function<void()> handler) override { keep("invalidation", invalidated, handler); }
   void setInterruptionHandler(std::function<void()> handler) override { keep("interruption", interrupted, handler); }
 
- private:
   static void keep(const char* step, auto& place, auto content) {
     stand_in::trace(step);
     place = content;

@@ -206,8 +206,13 @@ bool ProxyConnection::connectUpstream() {
     return false;
   }
   upstream_ = std::move(connected.socket);
-  int on = 1;
+  // A peer that is gone without a word is found out within two minutes, not after the system's two hours: it holds one
+  // of a bounded number of places.
+  int on = 1, idle = 60, interval = 15, probes = 4;
   for (int socket : {client_.get(), upstream_.get()}) {
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
+    setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
   }

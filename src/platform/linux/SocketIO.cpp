@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <memory>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace orvane {
@@ -116,9 +117,11 @@ Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline) {
   int count = 0;
   do {
     count = poll(all.data(), all.size(), poll_time(deadline));
-  } while (count < 0 && errno == EINTR);
+    // Memory that is short now may be there in a moment; no other failure can happen here.
+    if (count < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  } while (count < 0);
   if (count == 0) return Wait::TimedOut;
-  if (count < 0 || all.back().revents != 0) return Wait::Stopped;
+  if (all.back().revents != 0) return Wait::Stopped;
   std::copy(all.begin(), all.end() - 1, entries.begin());
   return Wait::Ready;
 }

@@ -81,9 +81,11 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   if (!is_file_name(service, error)) return paths;
   std::string reason;  // of one directory; the others may still do
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  for (const std::string& directory : {own.value_or(""), std::string("/run/orvane-se"), std::string("/run")}) {
-    if (directory.empty()) continue;
-    if (auto path = socket_path(directory, service, error)) paths.push_back(*path);
+  // Each also with the folder that a service manager makes for the extension.
+  for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
+                                       std::string("/run/orvane-se"), std::string("/run")}) {
+    auto path = socket_path(directory, service, error);
+    if (path && std::find(paths.begin(), paths.end(), *path) == paths.end()) paths.push_back(*path);
   }
   if (!paths.empty()) error->clear();
   return paths;

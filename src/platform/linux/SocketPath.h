@@ -11,8 +11,8 @@ namespace orvane {
 // ($RUNTIME_DIRECTORY), else in the user's runtime directory. On failure nothing, and *error says why.
 std::optional<std::string> server_socket_path(const std::string& service, std::string* error);
 
-// Where a client of this process's user looks, in this order: the user's runtime directory, /run/orvane-se, /run.
-// Empty, with *error set, when the name cannot be a socket's.
+// Where a client of this process's user looks, in this order: the user's runtime directory and the folder orvane-se in
+// it, /run/orvane-se, /run. Empty, with *error set, when the name cannot be a socket's.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
 
 }  // namespace orvane
