@@ -1,5 +1,5 @@
-// Preloaded into the extension by million_names: the longest time for which a recursive mutex in the program's own static
-// memory was held. There is one, the database's. Printed at the end of the process and on SIGUSR2.
+// Preloaded into the extension by million_names: the longest time for which a recursive mutex in the program's own
+// static memory was held. There is one, the database's. Printed at the end of the process and on SIGUSR2.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
@@ -52,9 +52,9 @@ bool watched(const pthread_mutex_t* mutex) {
 
 void report(int) {
   char text[128];
-  const int length = std::snprintf(text, sizeof text, "longest hold: %llu ns in %llu holds\n",
-                                   static_cast<unsigned long long>(longest.load()),
-                                   static_cast<unsigned long long>(holds.load()));
+  const int length =
+      std::snprintf(text, sizeof text, "longest hold: %llu ns in %llu holds\n",
+                    static_cast<unsigned long long>(longest.load()), static_cast<unsigned long long>(holds.load()));
   if (write(STDERR_FILENO, text, static_cast<size_t>(length)) < 0) return;
 }
 
