@@ -1,5 +1,3 @@
-#include <set>
-
 #include "database/Database.h"
 
 namespace orvane {
