@@ -12,7 +12,7 @@ Ref<XPCServiceDelegate> XPCServiceDelegate::init() {
 }
 
 Value XPCServiceDelegate::systemExtensionMachServiceName() {
-  const Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
+  Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
   // Looked at and not acted on: what is wrong with a name is for the listener to say, who can also say why.
   (void)name.isString();
   return name;
