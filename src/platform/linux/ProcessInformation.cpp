@@ -51,11 +51,24 @@ std::optional<RealAndEffective> parse_status_line(std::string_view status, std::
   return RealAndEffective{*real, *effective};
 }
 
-uint32_t read_audit_number(int directory, const char* name) {
-  auto text = read_file_start(directory, name, kFileLimit, Links::Refuse);
-  std::string_view rest = text ? std::string_view(*text) : std::string_view();
+Descriptor open_file(int directory, const char* name) {
+  return Descriptor(::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW));
+}
+
+// The beginning of an open file, as it is now; empty when it cannot be read.
+std::string_view read_again(const Descriptor& file, std::array<char, 4096>& buffer) {
+  ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), 0);
+  return {buffer.data(), count > 0 ? static_cast<size_t>(count) : 0};
+}
+
+uint32_t read_audit_number(const Descriptor& file) {
+  std::array<char, 4096> buffer;
+  std::string_view rest = read_again(file, buffer);
   return parse_number<uint32_t>(take_word(rest)).value_or(kNobodyLoggedIn);
 }
+
+// A zombie runs no program any more, and a dead process neither.
+bool has_ended(char state) { return state == 'Z' || state == 'X' || state == 'x'; }
 
 }  // namespace
 
@@ -95,20 +108,27 @@ std::optional<ProcessInformation> ProcessInformation::open(pid_t pid, const std:
   if (!directory) return std::nullopt;
   auto text = read_file_start(directory.get(), "stat", kFileLimit, Links::Refuse);
   auto stat = text ? parse_process_stat(*text) : std::nullopt;
-  // A zombie runs no program any more, and a dead process neither.
-  if (!stat || stat->state == 'Z' || stat->state == 'X' || stat->state == 'x') return std::nullopt;
+  if (!stat || has_ended(stat->state)) return std::nullopt;
   return ProcessInformation(pid, std::move(directory), *stat);
 }
 
 std::optional<audit_token_t> ProcessInformation::auditToken() const {
-  auto status = read_file_start(directory(), "status", kFileLimit, Links::Refuse);
-  if (!status) return std::nullopt;
-  auto user = parse_status_line(*status, "\nUid:");
-  auto group = parse_status_line(*status, "\nGid:");
-  if (!user || !group) return std::nullopt;
-  return audit_token_t{{read_audit_number(directory(), "loginuid"), user->effective, group->effective, user->real,
-                        group->real, static_cast<uint32_t>(pid_), read_audit_number(directory(), "sessionid"),
-                        version()}};
+  if (!status_) {
+    status_ = open_file(directory(), "status");
+    auditUser_ = open_file(directory(), "loginuid");
+    auditSession_ = open_file(directory(), "sessionid");
+  }
+  std::array<char, 4096> buffer;  // what is looked for stands in the first few lines
+  std::string_view status = read_again(status_, buffer);
+  auto user = parse_status_line(status, "\nUid:");
+  auto group = parse_status_line(status, "\nGid:");
+  constexpr std::string_view kState = "\nState:\t";
+  size_t state = status.find(kState);
+  if (!user || !group || (state < status.size() - kState.size() && has_ended(status[state + kState.size()]))) {
+    return std::nullopt;
+  }
+  return audit_token_t{{read_audit_number(auditUser_), user->effective, group->effective, user->real, group->real,
+                        static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
 }
 
 std::optional<Executable> ProcessInformation::executable() const {

@@ -8,6 +8,7 @@
 #include <boost/beast/http/rfc7230.hpp>
 #include <boost/url/authority_view.hpp>
 #include <boost/url/parse.hpp>
+#include <set>
 
 namespace orvane {
 namespace {
@@ -83,9 +84,22 @@ std::optional<Target> split_target(std::string_view url, std::string_view method
   return Target{authority, std::move(path)};
 }
 
-// Whether a field is about this one connection (RFC 9110, section 7.6.1). Transfer-Encoding is none of ours: the body
-// is passed on in the coding that it came in.
-bool is_hop_by_hop(const Parser::value_type& message, const http::fields::value_type& field) {
+// Names of fields, in letters of either case.
+using FieldNames = std::set<boost::beast::string_view, boost::beast::iless>;
+
+// The fields that the client lists as being about this one connection (RFC 9110, section 7.6.1).
+FieldNames connection_options(const Parser::value_type& message) {
+  FieldNames names;
+  auto [first, last] = message.equal_range(http::field::connection);
+  for (; first != last; ++first) {
+    for (auto name : http::token_list(first->value())) names.insert(name);
+  }
+  return names;
+}
+
+// Whether a field is about this one connection: by its name, or because it is listed. Transfer-Encoding is none of
+// ours: the body is passed on in the coding that it came in.
+bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& listed) {
   switch (field.name()) {
     case http::field::connection:
     case http::field::keep_alive:
@@ -99,12 +113,8 @@ bool is_hop_by_hop(const Parser::value_type& message, const http::fields::value_
     case http::field::content_length:
       return false;
     default:
-      break;
+      return listed.count(field.name_string()) > 0;
   }
-  auto [first, last] = message.equal_range(http::field::connection);
-  return std::any_of(first, last, [&](const http::fields::value_type& connection) {
-    return http::token_list(connection.value()).exists(field.name_string());
-  });
 }
 
 std::string forwarded_head(const Parser::value_type& message, const Target& target) {
@@ -112,8 +122,9 @@ std::string forwarded_head(const Parser::value_type& message, const Target& targ
   // The client's own version: an answer in chunks would be lost on one that speaks HTTP/1.0.
   head.append(" ").append(target.path).append(message.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
   head.append("Host: ").append(target.authority).append("\r\n");
+  FieldNames listed = connection_options(message);
   for (const auto& field : message) {
-    if (field.name() == http::field::host || is_hop_by_hop(message, field)) continue;
+    if (field.name() == http::field::host || is_hop_by_hop(field, listed)) continue;
     head.append(view(field.name_string())).append(": ").append(view(field.value())).append("\r\n");
   }
   return head.append("Connection: close\r\n\r\n");

@@ -2,6 +2,7 @@
 
 #include <gnutls/gnutls.h>
 
+#include <algorithm>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -91,6 +92,8 @@ ServerName find_in_request(std::span<const uint8_t> bytes) {
 
 ServerName find_server_name(std::span<const uint8_t> firstBytes) {
   if (firstBytes.empty()) return {ServerName::State::Open};
+  // Not a byte more, or a name that the limit has made unknown would be known again.
+  firstBytes = firstBytes.first(std::min(firstBytes.size(), kServerNameLimit));
   ServerName name = firstBytes[0] == kHandshakeRecord ? find_in_hello(firstBytes) : find_in_request(firstBytes);
   if (name.state == ServerName::State::Open && firstBytes.size() >= kServerNameLimit) {
     return {ServerName::State::Unknown};

@@ -1,7 +1,14 @@
+#include <arpa/inet.h>
+#include <linux/sched.h>
+#include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 
 #include <cstring>
+#include <utility>
 
 #include "platform/Process.h"
 #include "platform/linux/Descriptor.h"
@@ -58,6 +65,149 @@ TEST(SocketOwnerTest, TellsEndsAndHeirsOfAConnectionApart) {
     heir.end();
     EXPECT_EQ(0, owner(far, near)) << "a socket whose process has ended";
   }
+}
+
+audit_token_t token_of(const Value& data) {
+  audit_token_t token{};
+  if (!data.isNil()) std::memcpy(&token, data.asData().data(), sizeof token);
+  return token;
+}
+
+// A process of `identifier`, or of any, that does something and then, if told, waits for its end.
+struct Child {
+  template <class Work>
+  Child(Work work, bool waits, pid_t identifier = 0) {
+    clone_args arguments{};
+    arguments.exit_signal = SIGCHLD;
+    if (identifier != 0) arguments.set_tid = reinterpret_cast<uintptr_t>(&identifier);
+    arguments.set_tid_size = identifier != 0 ? 1 : 0;
+    pid = static_cast<pid_t>(::syscall(SYS_clone3, &arguments, sizeof arguments));
+    if (pid != 0) return;
+    work();
+    if (waits) ::pause();
+    ::_exit(0);
+  }
+  ~Child() { end(); }
+  void end() {
+    if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(std::exchange(pid, 0), nullptr, 0);
+  }
+  pid_t pid;
+};
+
+// A network of the test's own, with nothing in it but the loopback interface.
+bool enter_own_network() {
+  if (::unshare(CLONE_NEWNET) != 0) return false;
+  Descriptor any(::socket(AF_INET, SOCK_DGRAM, 0));
+  ifreq loopback{};
+  std::strcpy(loopback.ifr_name, "lo");
+  loopback.ifr_flags = IFF_UP;
+  return ::ioctl(any.get(), SIOCSIFFLAGS, &loopback) == 0;
+}
+
+enum class Way { Connect, ConnectBoundToInterface, Send, SendPastPeer };
+struct Sending {
+  int domain, type;
+  const char* target;
+  Way way;
+};
+
+Address literal(const char* host) {
+  Address result{};
+  auto& v4 = reinterpret_cast<sockaddr_in&>(result);
+  result.sin6_family = ::inet_pton(AF_INET6, host, &result.sin6_addr) == 1 ? AF_INET6 : AF_INET;
+  if (result.sin6_family == AF_INET) ::inet_pton(AF_INET, host, &v4.sin_addr);
+  return result;
+}
+
+void send(const Sending& how, Address target) {
+  int socket = ::socket(how.domain, how.type, 0);
+  if (how.way == Way::ConnectBoundToInterface) ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
+  Address peer = target;
+  peer.sin6_port = htons(9);
+  if (how.way == Way::SendPastPeer) ::connect(socket, generic(peer), sizeof peer);
+  bool gives = how.way == Way::Send || how.way == Way::SendPastPeer;
+  if (!gives) ::connect(socket, generic(target), sizeof target);
+  ::sendto(socket, "x", 1, 0, gives ? generic(target) : nullptr, gives ? sizeof target : 0);
+}
+
+SocketPair receive(const Descriptor& receiver, const Sending& how, Descriptor& connection) {
+  Address source{}, own = address_of(receiver);
+  socklen_t size = sizeof source;
+  char byte;
+  if (how.type == SOCK_STREAM) connection = Descriptor(::accept(receiver.get(), generic(source), &size));
+  EXPECT_EQ(1, how.type == SOCK_STREAM ? ::read(connection.get(), &byte, 1)
+                                       : ::recvfrom(receiver.get(), &byte, 1, 0, generic(source), &size));
+  uint8_t protocol = how.type == SOCK_STREAM ? IPPROTO_TCP : IPPROTO_UDP;
+  return {protocol, *SocketAddress::from(generic(source), size), *SocketAddress::from(generic(own), sizeof own)};
+}
+
+TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentifier) {
+  if (!enter_own_network()) GTEST_SKIP() << "a network of its own is not to be had";
+  SocketOwners recorded, table;
+  auto unrecorded = recorded.recordOpeners();
+  if (unrecorded) GTEST_SKIP() << *unrecorded;
+  const Sending kSendings[] = {
+      {AF_INET, SOCK_STREAM, "127.0.0.1", Way::Connect},
+      {AF_INET, SOCK_STREAM, "127.0.0.1", Way::ConnectBoundToInterface},
+      {AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", Way::Connect},
+      {AF_INET6, SOCK_STREAM, "::1", Way::Connect},
+      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::Connect},
+      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::Send},
+      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::SendPastPeer},
+      {AF_INET6, SOCK_DGRAM, "::ffff:127.0.0.1", Way::Send},
+      {AF_INET6, SOCK_DGRAM, "::1", Way::Send},
+  };
+  for (const Sending& how : kSendings) {
+    for (bool waits : {true, false}) {
+      SCOPED_TRACE(std::to_string(&how - kSendings) + (waits ? " waits" : " ends"));
+      bool hasNoPort = how.type == SOCK_DGRAM && how.way == Way::Connect;  // until it has sent, unseen
+      if (!waits && hasNoPort) continue;
+      bool mapped = std::string_view(how.target).starts_with("::ffff:");
+      Address target = literal(mapped ? how.target + 7 : how.target);
+      Descriptor receiver(::socket(target.sin6_family, how.type | SOCK_CLOEXEC, 0)), connection;
+      ASSERT_EQ(0, ::bind(receiver.get(), generic(target), sizeof target));
+      ASSERT_TRUE(how.type == SOCK_DGRAM || ::listen(receiver.get(), 1) == 0);
+      target = literal(how.target);
+      target.sin6_port = address_of(receiver).sin6_port;
+      Child child([&] { send(how, target); }, waits);
+      ASSERT_LT(0, child.pid);
+      pid_t pid = child.pid;
+      SocketPair pair = receive(receiver, how, connection);
+      if (waits) {
+        auto running = audit_token_of_process(pid);
+        for (SocketOwners* owners : {&recorded, &table}) {
+          auto socket = owners->find(pair);
+          ASSERT_TRUE(socket && running) << std::strerror(errno);
+          audit_token_t token = token_of(owners->ownerOf(*socket));
+          EXPECT_TRUE(std::equal(token.val, token.val + 8, running->val)) << token.val[5] << " from the table";
+        }
+      }
+      if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
+      child.end();
+      ::usleep(20'000);  // the start of a process is known by ticks of 10 ms
+      if (hasNoPort) continue;
+      Child next([&] { send(how, target); }, true, pid);
+      ASSERT_EQ(pid, next.pid);
+      auto socket = recorded.find(pair), later = recorded.find(receive(receiver, how, connection));
+      ASSERT_TRUE(socket && later) << std::strerror(errno);
+      EXPECT_NE(0u, token_of(recorded.ownerOf(*later)).val[7]);
+      audit_token_t token = token_of(recorded.ownerOf(*socket));
+      EXPECT_EQ(static_cast<uint32_t>(pid), token.val[5]);
+      EXPECT_EQ(0u, token.val[7]) << "would be taken for the next process";
+      auto closed = table.find(pair);
+      EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
+    }
+  }
+}
+
+TEST(SocketOwnerTest, SaysWhyNothingIsRecorded) {
+  auto record = [] {
+    if (::geteuid() == 0 && ::setuid(65534) != 0) ::_exit(2);
+    auto reason = SocketOwners().recordOpeners();
+    std::fputs(reason.value_or("recorded").c_str(), stderr);
+    ::_exit(0);
+  };
+  EXPECT_EXIT(record(), testing::ExitedWithCode(0), "cannot load BPF programs: Operation not permitted");
 }
 
 }  // namespace

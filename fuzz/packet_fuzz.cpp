@@ -1,0 +1,32 @@
+#include <netinet/in.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "platform/linux/Packet.h"
+
+using namespace orvane;
+
+// A packet that is cut short in its payload must be read like the whole one, and one that is cut in its headers not at
+// all: what is read twice would else differ with where the queue cuts.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  std::span<const uint8_t> bytes(data, size);
+  auto whole = parse_packet(bytes, 7);
+  if (!whole) return 0;
+  auto protocol = whole->ends.protocol;
+  if (protocol != IPPROTO_TCP && protocol != IPPROTO_UDP) abort();
+  if (whole->ends.local.family == AF_UNSPEC || whole->ends.remote.family == AF_UNSPEC) abort();
+  auto begin = static_cast<size_t>(whole->payload.data() - data);
+  size_t count = whole->payload.size();
+  if (begin < 28 || begin > size || count > size - begin) abort();
+
+  for (size_t length : {begin + count / 2, begin, begin - 1}) {
+    std::vector<uint8_t> exact(data, data + length);  // of just that size, so that a read beyond it is seen
+    auto cut = parse_packet(exact, 7);
+    if (cut.has_value() != (length >= begin)) abort();
+    if (!cut) continue;
+    if (!(cut->ends == whole->ends) || cut->sequence != whole->sequence || cut->syn != whole->syn) abort();
+    if (cut->payload.size() != length - begin) abort();
+  }
+  return 0;
+}

@@ -1,0 +1,29 @@
+// Apart from the other ways to find an owner, so that a test can put an answer of its own in its place.
+
+#include <netinet/in.h>
+
+#include "platform/linux/SocketDiagnostics.h"
+#include "platform/linux/SocketHolder.h"
+#include "platform/linux/SocketOwner.h"
+
+namespace orvane {
+namespace {
+
+std::optional<SocketAddress> read_address(const sockaddr* address) {
+  bool v4 = address != nullptr && address->sa_family == AF_INET;
+  return SocketAddress::from(address, v4 ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+}
+
+}  // namespace
+
+Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote) {
+  auto own = read_address(local);
+  auto peer = read_address(remote);
+  if (!own || !peer) return nullptr;
+  // Made afresh: it belongs to the network namespace that the thread is in now, and is not shared with another thread.
+  auto socket = SocketDiagnostics().find({IPPROTO_TCP, *own, *peer});
+  auto holder = socket ? find_socket_holder(*socket) : std::nullopt;
+  return token_value(holder ? holder->auditToken() : std::nullopt);
+}
+
+}  // namespace orvane

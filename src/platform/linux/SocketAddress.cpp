@@ -1,0 +1,55 @@
+#include "platform/linux/SocketAddress.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+namespace orvane {
+
+std::optional<SocketAddress> SocketAddress::from(const sockaddr* address, socklen_t length) {
+  if (address == nullptr || length < sizeof(sa_family_t)) return std::nullopt;
+  if (address->sa_family == AF_INET && length >= sizeof(sockaddr_in)) {
+    sockaddr_in in;
+    std::memcpy(&in, address, sizeof in);
+    return v4(reinterpret_cast<const uint8_t*>(&in.sin_addr), ntohs(in.sin_port));
+  }
+  if (address->sa_family != AF_INET6 || length < sizeof(sockaddr_in6)) return std::nullopt;
+  sockaddr_in6 in;
+  std::memcpy(&in, address, sizeof in);
+  return v6(in.sin6_addr.s6_addr, ntohs(in.sin6_port), in.sin6_scope_id);
+}
+
+SocketAddress SocketAddress::v4(const uint8_t* address, uint16_t port) {
+  SocketAddress result{AF_INET, port};
+  std::copy_n(address, 4, result.address.begin());
+  return result;
+}
+
+SocketAddress SocketAddress::v6(const uint8_t* address, uint16_t port, uint32_t scope) {
+  in6_addr in;
+  std::memcpy(&in, address, sizeof in);
+  if (IN6_IS_ADDR_V4MAPPED(&in)) return v4(address + 12, port);
+  SocketAddress result{AF_INET6, port, IN6_IS_ADDR_LINKLOCAL(&in) ? scope : 0};
+  std::copy_n(address, 16, result.address.begin());
+  return result;
+}
+
+std::string SocketAddress::host() const {
+  char text[INET6_ADDRSTRLEN] = "";
+  inet_ntop(family, address.data(), text, sizeof text);
+  return text;
+}
+
+size_t SocketPairHash::operator()(const SocketPair& pair) const {
+  auto bytes = [](const SocketAddress& end) {
+    return std::string_view(reinterpret_cast<const char*>(end.address.data()), end.address.size());
+  };
+  std::hash<std::string_view> hash;
+  size_t ports = size_t{pair.local.port} << 24 | size_t{pair.remote.port} << 8 | pair.protocol;
+  return hash(bytes(pair.remote)) * 31 + hash(bytes(pair.local)) + ports * 0x9e3779b97f4a7c15U;
+}
+
+}  // namespace orvane

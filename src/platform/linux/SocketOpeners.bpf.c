@@ -1,0 +1,87 @@
+// Runs in the kernel whenever a process connects a socket, or sends a datagram to a destination that it gives with it.
+// Always lets it go on.
+#include <linux/bpf.h>
+// In this order: the headers below need the types of the one above.
+#include <bpf/bpf_endian.h>
+#include <bpf/bpf_helpers.h>
+
+#include "SocketRecords.h"
+
+// None of the helpers used here asks for a license; the kernel wants to know anyway.
+const char license_text[] SEC("license") = "Proprietary";
+
+// The one that the extension filters; set before the programs are loaded.
+const volatile __u64 network_namespace = 0;
+
+// The least recently used go when a map is full: a socket's owner is asked for within moments of its first packet.
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 16384);
+  __type(key, __u64);
+  __type(value, struct SocketOpener);
+} openers SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 16384);
+  __type(key, struct DatagramWay);
+  __type(value, __u64);
+} datagrams SEC(".maps");
+
+// The socket's cookie, or 0 when it is none of ours.
+static __u64 record_opener(struct bpf_sock_addr* context) {
+  if (bpf_get_netns_cookie(context) != network_namespace) return 0;
+  __u64 cookie = bpf_get_socket_cookie(context);
+  __u64 identity = bpf_get_current_uid_gid();
+  struct SocketOpener opener = {
+      .process = bpf_get_current_pid_tgid() >> 32,
+      .user = (__u32)identity,
+      .group = identity >> 32,
+      .time = bpf_ktime_get_boot_ns(),
+  };
+  struct SocketOpener* known = bpf_map_lookup_elem(&openers, &cookie);
+  if (known && known->process == opener.process) {
+    *known = opener;  // far cheaper than an update, for those who send datagrams by the thousand
+  } else {
+    bpf_map_update_elem(&openers, &cookie, &opener, BPF_ANY);
+  }
+  return cookie;
+}
+
+// The kernel has bound the socket to a port by now. A socket that is closed right after sending is in none of the
+// kernel's tables any more when the datagram is looked at.
+static void record_datagram(struct bpf_sock_addr* context, struct DatagramWay* way, __u64 cookie) {
+  struct bpf_sock* socket = context->sk;
+  if (!socket || !cookie) return;
+  way->localPort = socket->src_port;
+  way->remotePort = bpf_ntohs((__u16)context->user_port);
+  __u64* known = bpf_map_lookup_elem(&datagrams, way);
+  if (!known || *known != cookie) bpf_map_update_elem(&datagrams, way, &cookie, BPF_ANY);
+}
+
+SEC("cgroup/connect4")
+int connect_v4(struct bpf_sock_addr* context) {
+  record_opener(context);
+  return 1;
+}
+
+SEC("cgroup/connect6")
+int connect_v6(struct bpf_sock_addr* context) {
+  record_opener(context);
+  return 1;
+}
+
+SEC("cgroup/sendmsg4")
+int send_v4(struct bpf_sock_addr* context) {
+  struct DatagramWay way = {.remote = {0, 0, bpf_htonl(0xffff), context->user_ip4}};
+  record_datagram(context, &way, record_opener(context));
+  return 1;
+}
+
+SEC("cgroup/sendmsg6")
+int send_v6(struct bpf_sock_addr* context) {
+  struct DatagramWay way = {
+      .remote = {context->user_ip6[0], context->user_ip6[1], context->user_ip6[2], context->user_ip6[3]}};
+  record_datagram(context, &way, record_opener(context));
+  return 1;
+}

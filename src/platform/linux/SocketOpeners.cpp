@@ -1,0 +1,149 @@
+#include "platform/linux/SocketOpeners.h"
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <fcntl.h>
+#include <mntent.h>
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "SocketOpeners.skel.h"
+#include "platform/linux/Descriptor.h"
+
+namespace orvane {
+namespace {
+
+// A datagram is looked at right after it is sent. Beyond this age the local port may have another owner.
+constexpr uint64_t kSentJustNow = 5'000'000'000;  // nanoseconds
+
+std::string because(const char* failed, int error) {
+  return std::string("cannot ") + failed + ": " + std::strerror(error);
+}
+
+uint64_t time_since_start() {
+  timespec time{};
+  ::clock_gettime(CLOCK_BOOTTIME, &time);
+  return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
+}
+
+// The directory of all control groups, where it is mounted; else from a mount of our own that no path leads to.
+Descriptor open_topmost_control_group() {
+  std::unique_ptr<FILE, int (*)(FILE*)> mounts(::setmntent("/proc/self/mounts", "re"), ::endmntent);
+  mntent mount;
+  char text[4096];
+  Descriptor lower;
+  while (mounts && ::getmntent_r(mounts.get(), &mount, text, sizeof text) != nullptr) {
+    if (std::strcmp(mount.mnt_type, "cgroup2") != 0) continue;
+    Descriptor directory(::open(mount.mnt_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Every group has this file but the topmost: of the whole tree, a container sees a part.
+    if (directory && ::faccessat(directory.get(), "cgroup.type", F_OK, 0) != 0) return directory;
+    if (directory && !lower) lower = std::move(directory);
+  }
+  if (lower) return lower;
+  Descriptor fileSystem(::fsopen("cgroup2", FSOPEN_CLOEXEC));
+  if (!fileSystem || ::fsconfig(fileSystem.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) return Descriptor();
+  Descriptor root(::fsmount(fileSystem.get(), FSMOUNT_CLOEXEC, 0));
+  return root ? Descriptor(::openat(root.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) : Descriptor();
+}
+
+template <class Found, class Key>
+std::optional<Found> look_up(const bpf_map* map, const Key& key) {
+  Found found;
+  if (::bpf_map_lookup_elem(bpf_map__fd(map), &key, &found) != 0) return std::nullopt;
+  return found;
+}
+
+}  // namespace
+
+struct SocketOpeners::Programs {
+  ~Programs() { socket_openers::destroy(kernel); }
+  std::optional<std::string> load();
+  std::optional<std::string> attach();
+
+  socket_openers* kernel = nullptr;
+};
+
+std::optional<std::string> SocketOpeners::Programs::load() {
+  uint64_t name = 0;
+  socklen_t size = sizeof name;
+  Descriptor any(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (::getsockopt(any.get(), SOL_SOCKET, SO_NETNS_COOKIE, &name, &size) != 0) {
+    return because("tell this network namespace from others", errno);
+  }
+  ::libbpf_set_print(nullptr);  // what it would write to standard error is in the answer
+  kernel = socket_openers::open();
+  if (kernel == nullptr) return because("read the BPF programs", errno);
+  kernel->rodata->network_namespace = name;
+  if (int error = socket_openers::load(kernel); error != 0) return because("load BPF programs", -error);
+  return std::nullopt;
+}
+
+std::optional<std::string> SocketOpeners::Programs::attach() {
+  Descriptor group = open_topmost_control_group();
+  if (!group) return because("open the topmost control group", errno);
+  const std::pair<const bpf_program*, bpf_link**> kPairs[] = {
+      {kernel->progs.connect_v4, &kernel->links.connect_v4},
+      {kernel->progs.connect_v6, &kernel->links.connect_v6},
+      {kernel->progs.send_v4, &kernel->links.send_v4},
+      {kernel->progs.send_v6, &kernel->links.send_v6},
+  };
+  for (auto [program, link] : kPairs) {
+    *link = ::bpf_program__attach_cgroup(program, group.get());
+    if (*link == nullptr) return because("attach BPF programs to the topmost control group", errno);
+  }
+  return std::nullopt;
+}
+
+SocketOpeners::SocketOpeners() = default;
+SocketOpeners::~SocketOpeners() = default;
+
+std::optional<std::string> SocketOpeners::start() {
+  programs_ = std::make_unique<Programs>();
+  auto error = programs_->load();
+  if (!error) error = programs_->attach();
+  if (!error) {
+    // A trial tells what no rule does: whether the programs see processes like this one, and count them as it does (in
+    // a container neither need be so). Connecting this kind of socket sends nothing.
+    Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in target{};
+    target.sin_family = AF_INET;
+    target.sin_port = htons(9);
+    target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    (void)::connect(trial.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target);
+    uint64_t cookie = 0;
+    socklen_t size = sizeof cookie;
+    ::getsockopt(trial.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
+    auto own = opener(cookie);
+    if (!own) error = "BPF programs do not see the processes of this control group";
+    if (own && own->process != static_cast<uint32_t>(::getpid())) error = "processes have other identifiers in BPF";
+  }
+  if (error) programs_.reset();
+  return error;
+}
+
+std::optional<SocketOpener> SocketOpeners::opener(uint64_t cookie) const {
+  return programs_ ? look_up<SocketOpener>(programs_->kernel->maps.openers, cookie) : std::nullopt;
+}
+
+std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
+  if (!programs_ || pair.protocol != IPPROTO_UDP) return std::nullopt;
+  DatagramWay way{};
+  way.localPort = pair.local.port;
+  way.remotePort = pair.remote.port;
+  bool v4 = pair.remote.family == AF_INET;
+  if (v4) way.remote[2] = htonl(0xffff);
+  std::memcpy(v4 ? &way.remote[3] : way.remote, pair.remote.address.data(), v4 ? 4 : 16);
+  auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, way);
+  auto last = cookie ? opener(*cookie) : std::nullopt;
+  if (!last || last->time + kSentJustNow <= time_since_start()) return std::nullopt;
+  return SocketFacts{*cookie, 0, last->user};
+}
+
+}  // namespace orvane

@@ -1,0 +1,211 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "platform/linux/KernelRules.h"
+#include "platform/linux/Sockets.h"
+
+namespace orvane {
+namespace {
+
+using Action = NEFilterAction;
+using Protocol = NENetworkRuleProtocol;
+using Direction = NETrafficDirection;
+using State = KernelRules::State;
+
+struct Rule {
+  const char *host, *port;
+  uint64_t prefix = 0;
+  Protocol protocol = Protocol::TCP;
+  Action action = Action::FilterData;
+  Direction direction = Direction::Outbound;
+  bool local = false;
+};
+
+NEFilterSettings settings(const std::vector<Rule>& rules, Action defaultAction = Action::Allow) {
+  std::vector<NEFilterRule> made;
+  for (const Rule& rule : rules) {
+    auto end = NWHostEndpoint::endpointWithHostname(rule.host, rule.port);
+    auto remote = rule.local ? nullptr : end;
+    auto local = rule.local ? end : nullptr;
+    made.push_back({{remote, rule.prefix, local, rule.prefix, rule.protocol, rule.direction}, rule.action});
+  }
+  return NEFilterSettings::initWithRules(std::move(made), defaultAction);
+}
+
+// The lines of a text that hold a word.
+std::string lines_with(const std::string& word, const std::string& text) {
+  std::istringstream lines(text);
+  std::string found;
+  for (std::string line; std::getline(lines, line);) found += line.find(word) == line.npos ? "" : line + "\n";
+  return found;
+}
+
+TEST(KernelRulesText, SaysARuleToTheFamiliesAndProtocolsThatItIsAboutOnly) {
+  const std::string n = "-A ORVANE-NEW -p ", pend = " -g ORVANE-PENDING\n", same = "=";
+  const std::string last = "-A ORVANE-NEW" + pend;
+  const struct {
+    Rule rule;
+    std::string v4, v6;
+  } cases[] = {
+      {{"", "0"}, n + "tcp" + pend, same},
+      {{"", "domain", 0, Protocol::Any}, n + "tcp --dport 53" + pend + n + "udp --dport 53" + pend, same},
+      {{"10.1.0.0", "80", 16}, n + "tcp -d 10.1.0.0/16 --dport 80" + pend, ""},
+      {{"10.1.0.1", "7", 0, Protocol::TCP, Action::Allow, Direction::Any, true},
+       n + "tcp -s 10.1.0.1/32 --sport 7 -j RETURN\n",
+       ""},
+      {{"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
+      {{"", "80", 0, Protocol::TCP, Action::Drop},
+       n + "tcp --dport 80 -j CONNMARK --set-xmark 0x12000000/0x12000000\n" + n + "tcp --dport 80 -j RETURN\n",
+       same},
+      {{"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
+  };
+  std::string error;
+  for (const auto& c : cases) {
+    for (AddressFamily family : {AddressFamily::IPv4, AddressFamily::IPv6}) {
+      auto text = kernel_rules_text(settings({c.rule}, Action::FilterData), family, error);
+      const std::string& expected = family == AddressFamily::IPv4 || c.v6 == same ? c.v4 : c.v6;
+      EXPECT_EQ(lines_with("-A ORVANE-NEW", text.value_or(error)), expected + last) << c.v4 << c.v6;
+    }
+  }
+  for (const Rule& rule : {Rule{"a.name", "80"}, Rule{"", "no-service"}, Rule{"", "70000"}, Rule{"", ""}}) {
+    EXPECT_FALSE(kernel_rules_text(settings({rule}), AddressFamily::IPv4, error)) << rule.host << rule.port;
+    EXPECT_NE(error.find(*rule.host == '\0' ? rule.port : rule.host), error.npos) << error;
+  }
+}
+
+std::string shell(const std::string& command) {
+  FILE* pipe = popen(("PATH=$PATH:/usr/sbin:/sbin; " + command).c_str(), "r");
+  std::string output;
+  for (int c = 0; (c = fgetc(pipe)) != EOF;) output += static_cast<char>(c);
+  pclose(pipe);
+  return output;
+}
+std::string rules_in_kernel() { return lines_with("ORVANE", shell("iptables-save; ip6tables-save")); }
+
+// In a network namespace of the test's own, with a loopback interface.
+class KernelRulesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const uid_t user = geteuid();
+    if (user != 0 && unshare(CLONE_NEWUSER) == 0) std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
+    if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "no network namespace of its own may be made here";
+    shell("ip link set lo up");
+  }
+
+  void install(const std::vector<Rule>& list) { ASSERT_EQ(rules.install(settings(list)).value_or(""), ""); }
+  bool changed(int milliseconds) {
+    pollfd change{rules.changes(), POLLIN, 0};
+    return poll(&change, 1, milliseconds) == 1;
+  }
+
+  KernelRules rules;
+  std::string error;
+};
+
+// A connection of this machine to itself.
+struct Connection {
+  explicit Connection(int family) {
+    sockaddr_in6 address{AF_INET6, htons(4433), 0, {}, 0};
+    const Descriptor listener(socket(AF_INET6, SOCK_STREAM, 0));
+    const int yes = 1;
+    setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    listen(listener.get(), 1);
+    inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" : "::1", &address.sin6_addr);
+    const timeval patience{2, 0};
+    setsockopt(client.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    refused = connect(client.socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0;
+    if (!refused) server.socket = Descriptor(accept(listener.get(), nullptr, nullptr));
+  }
+  Peer client{Descriptor(socket(AF_INET6, SOCK_STREAM, 0))}, server{Descriptor()};
+  bool refused;
+};
+
+// How many packets the rules with a word have met.
+int packets(int family, const std::string& word) {
+  const std::string sum = " -c | awk -F: '/" + word + "/ { sum += substr($1, 2) } END { print 0 + sum }'";
+  return std::stoi(shell((family == AF_INET ? "iptables-save" : "ip6tables-save") + sum));
+}
+
+TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRules) {
+  for (int family : {AF_INET, AF_INET6}) {
+    rules.remove();
+    Connection older(family);
+    install({{"", "4433"}});
+    EXPECT_TRUE(older.client.send("old"));
+    EXPECT_EQ(packets(family, "-g ORVANE-PENDING"), 0);
+    Connection connection(family);
+    EXPECT_EQ(packets(family, "-g ORVANE-PENDING"), 1);
+    EXPECT_EQ(packets(family, "-j NFQUEUE"), 0) << "the handshake";
+    EXPECT_TRUE(connection.client.send("a") && connection.server.read("a") == "a") << "no handler: it passes";
+    EXPECT_TRUE(connection.server.send("b") && connection.client.read("b") == "b");
+    EXPECT_EQ(packets(family, "--bytecode"), 1) << "and not the answer";
+    connection.client.endSending();
+    EXPECT_EQ(connection.server.read(), "");
+    EXPECT_EQ(packets(family, "-j NFQUEUE"), 2);
+  }
+}
+
+// A rule of the test's stands in for the queue's handler and gives verdicts.
+TEST_F(KernelRulesTest, KeepsAVerdictAndAnswersADropWithAReset) {
+  install({{"", "4433"}});
+  const std::string mark = " -t mangle -I ORVANE-QUEUE -p tcp --tcp-flags PSH PSH -j MARK --set-xmark ";
+  shell("iptables" + mark + "0x10000000/0x12000000; ip6tables" + mark + "0x12000000/0x12000000");
+  shell("iptables -A OUTPUT -m mark ! --mark 0 -j DROP");
+  Connection allowed(AF_INET);
+  EXPECT_TRUE(allowed.client.send("a") && allowed.server.read("a") == "a");
+  EXPECT_TRUE(allowed.client.send("b") && allowed.server.read("b") == "b");
+  EXPECT_EQ(packets(AF_INET, "-j NFQUEUE"), 1) << "none after the verdict";
+  EXPECT_EQ(packets(AF_INET, "-m mark ! --mark 0x0 -j DROP"), 0) << "our bits go no further";
+  Connection dropped(AF_INET6);
+  dropped.client.send("a");
+  EXPECT_EQ(dropped.client.read(), "");
+  EXPECT_EQ(dropped.client.error, ECONNRESET);
+  shell("iptables -A OUTPUT -p tcp --dport 4433 -j REJECT --reject-with tcp-reset");
+  EXPECT_TRUE(Connection(AF_INET).refused) << "the user's own rule";
+}
+
+TEST_F(KernelRulesTest, PutsBackWhatAnotherProgramTakesAwayOrGetsAheadOf) {
+  install({{"", "80"}, {"", "443"}, {"", "53", 0, Protocol::Any}, {"10.0.0.0", "8080", 8}});
+  const std::string intact = rules_in_kernel();
+  EXPECT_NE(intact.find("-A ORVANE-NEW -d 10.0.0.0/8 -p tcp -m tcp --dport 8080 -g ORVANE-PENDING"), intact.npos);
+  for (const char* wipe :
+       {"iptables -F", "ip6tables -t mangle -F; ip6tables -t mangle -X", "iptables -t mangle -D ORVANE-QUEUE 1",
+        "printf '*filter\\n-A OUTPUT -p icmp -j ACCEPT\\nCOMMIT\\n*mangle\\nCOMMIT\\n' | iptables-restore",
+        "iptables -I OUTPUT -j ACCEPT", "ip6tables -t mangle -I OUTPUT 2 -j ORVANE-OUTPUT",
+        "iptables -D OUTPUT -j ORVANE-OUTPUT", "iptables -I ORVANE-DROP -j ACCEPT"}) {
+    for (int i = 0; i < 2 && changed(0); ++i) EXPECT_EQ(rules.check(error), State::Intact) << wipe;
+    shell(wipe);
+    EXPECT_TRUE(rules.changes() < 0 || changed(1000)) << wipe;
+    EXPECT_EQ(rules.check(error), State::Repaired) << wipe << error;
+    EXPECT_EQ(rules_in_kernel(), intact) << wipe;
+    EXPECT_EQ(rules.check(error), State::Intact) << wipe;
+    EXPECT_FALSE(changed(50)) << "its own repair is news for ever: " << wipe;
+  }
+}
+
+TEST_F(KernelRulesTest, ReplacesAPredecessorAndLeavesOnlyWhatIsOfOthers) {
+  shell("iptables -A OUTPUT -p icmp -j REJECT");
+  const std::string others = shell("iptables-save -t filter | grep -v '^#'");
+  install({{"", "4433"}});
+  shell("ip6tables -A OUTPUT -o lo -j ORVANE-OUTPUT; iptables -t mangle -A OUTPUT -j ORVANE-OUTPUT");
+  ASSERT_EQ(KernelRules().install(settings({{"", "80"}})).value_or(""), "");
+  EXPECT_EQ(rules_in_kernel().find("4433"), std::string::npos);
+  EXPECT_EQ(lines_with("-A OUTPUT", rules_in_kernel()).size(), 4 * sizeof "-A OUTPUT -j ORVANE-OUTPUT");
+  ASSERT_TRUE(rules.install(settings({{"a.name", "80"}})).has_value());
+  EXPECT_EQ(rules_in_kernel(), "") << "a failed start filters nothing and leaves nothing";
+  install({{"", "80"}});
+  rules.remove();
+  rules.remove();
+  EXPECT_EQ(rules_in_kernel(), "");
+  EXPECT_EQ(rules.check(error), State::Intact) << "taken away on purpose";
+  EXPECT_EQ(shell("iptables-save -t filter | grep -v '^#'"), others);
+}
+
+}  // namespace
+}  // namespace orvane
