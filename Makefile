@@ -2,7 +2,7 @@
 PRESET ?= release
 BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 
-.PHONY: all configure test demo bench fuzz clean
+.PHONY: all configure test demo bench bench-net fuzz clean
 all: configure
 	cmake --build $(BUILD)
 
@@ -18,6 +18,9 @@ demo: all
 
 bench: all
 	cmake --build $(BUILD) --target run-benchmarks
+
+bench-net: all
+	cmake --build $(BUILD) --target run-net-benchmarks
 
 fuzz:
 	$(MAKE) PRESET=fuzz all

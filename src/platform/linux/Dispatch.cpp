@@ -6,31 +6,32 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "platform/linux/FlowCounters.h"
 #include "platform/linux/ProviderHost.h"
 
 namespace orvane {
 namespace {
 
-sigset_t end_signals() {
+sigset_t main_signals() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
+  for (int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&signals, signal);
   return signals;
 }
 
 }  // namespace
 
-void block_end_signals() {
-  sigset_t signals = end_signals();
+void block_main_signals() {
+  sigset_t signals = main_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 void dispatch_main() {
-  block_end_signals();
-  sigset_t signals = end_signals();
-  int signal = 0;
-  while (sigwait(&signals, &signal) != 0) {
+  block_main_signals();
+  sigset_t signals = main_signals();
+  for (int signal = SIGUSR1; signal == SIGUSR1;) {
+    if (sigwait(&signals, &signal) != 0) continue;
+    if (signal == SIGUSR1) log_flow_counters();
   }
   // Whoever asks a second time does not want to wait for the stop: the default action ends the process.
   std::signal(SIGTERM, SIG_DFL);

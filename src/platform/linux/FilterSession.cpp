@@ -2,22 +2,31 @@
 
 #include <algorithm>
 
+#include "platform/linux/FlowCounters.h"
+
 namespace orvane {
+namespace {
+
+void count(FlowCounters::Count& counter) { counter.fetch_add(1, std::memory_order_relaxed); }
+
+}  // namespace
 
 FilterSession::FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow)
     : provider_(std::move(provider)), flow_(std::move(flow)) {}
 
 FilterSession::State FilterSession::newFlow() {
+  count(flow_counters().flows);
+  if (flow_->sourceAppAuditToken().isNil()) count(flow_counters().unknownOwners);
   NEFilterNewFlowVerdict verdict = provider_->handleNewFlow(*flow_);
-  switch (verdict.kind) {
-    case NEFilterNewFlowVerdict::Kind::Allow:
-      return state_ = State::Allowed;
-    case NEFilterNewFlowVerdict::Kind::Drop:
-      return state_ = State::Dropped;
-    case NEFilterNewFlowVerdict::Kind::FilterData:
-      break;
+  if (verdict.kind == NEFilterNewFlowVerdict::Kind::Drop) {
+    count(flow_counters().dropped);
+    return state_ = State::Dropped;
   }
-  if (!verdict.filterOutbound) return state_ = State::Allowed;
+  if (verdict.kind == NEFilterNewFlowVerdict::Kind::Allow || !verdict.filterOutbound) {
+    count(flow_counters().allowed);
+    return state_ = State::Allowed;
+  }
+  count(flow_counters().examined);
   peekBytes_ = verdict.peekOutboundBytes;
   return state_ = State::Examining;
 }
@@ -38,7 +47,9 @@ FilterSession::State FilterSession::outboundComplete() {
 }
 
 FilterSession::State FilterSession::settle(const NEFilterDataVerdict& verdict) {
-  return state_ = verdict.kind == NEFilterDataVerdict::Kind::Drop ? State::Dropped : State::Allowed;
+  bool drops = verdict.kind == NEFilterDataVerdict::Kind::Drop;
+  count(drops ? flow_counters().droppedByData : flow_counters().allowedByData);
+  return state_ = drops ? State::Dropped : State::Allowed;
 }
 
 }  // namespace orvane

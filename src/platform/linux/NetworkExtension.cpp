@@ -1,8 +1,10 @@
 #include "platform/NetworkExtension.h"
 
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <future>
 #include <map>
 #include <memory>
@@ -13,7 +15,9 @@
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "platform/linux/Error.h"
+#include "platform/linux/FlowCounters.h"
 #include "platform/linux/FlowSource.h"
+#include "platform/linux/Netfilter.h"
 #include "platform/linux/ProviderHost.h"
 #include "platform/linux/Proxy.h"
 
@@ -48,35 +52,55 @@ Value extension_setting(std::string_view key) {
 // serves its companion, which can ask what is wrong.
 void report_start(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 
+// A bundle that fixes netfilter is one that a system runs for everybody on it. Nobody would notice there that it
+// filters nothing, so its failure is the service's.
+[[noreturn]] void end_service(const std::string& reason) {
+  sd_notify(0, ("STATUS=Filter not started: " + reason).c_str());
+  stop_provider_host();
+  _exit(EXIT_FAILURE);
+}
+
 void report_failure(const std::string& reason) {
   ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
+  if (extension_setting("OrvaneFlowSource") == Value::borrowed("netfilter")) end_service(reason);
   report_start("Filter not started: " + reason);
 }
 
-// A flow source, or why there is none.
-struct MadeSource {
+// A flow source in force, or why there is none.
+struct StartedSource {
   std::unique_ptr<FlowSource> source;
   std::string reason;
 };
 
-MadeSource make_proxy() {
-  Value port = extension_setting("OrvaneProxyPort");
-  if (port.isNil()) return {std::make_unique<Proxy>(kProxyDefaultPort), {}};
-  bool valid = port.kind() == Value::Kind::Number && port.numberForm() == Value::NumberForm::Signed &&
-               port.asSigned() >= 0 && port.asSigned() <= UINT16_MAX;
-  if (!valid) return {nullptr, "OrvaneProxyPort is no port number: " + port.description()};
-  return {std::make_unique<Proxy>(static_cast<uint16_t>(port.asSigned())), {}};
+StartedSource start_source(std::unique_ptr<FlowSource> source, const Ref<NEFilterDataProvider>& provider,
+                           const NEFilterSettings& settings) {
+  if (auto error = source->start(provider, settings)) return {nullptr, std::move(*error)};
+  return {std::move(source), {}};
 }
 
-MadeSource make_flow_source() {
+StartedSource start_proxy(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings) {
+  Value port = extension_setting("OrvaneProxyPort");
+  bool valid = port.kind() == Value::Kind::Number && port.numberForm() == Value::NumberForm::Signed &&
+               port.asSigned() >= 0 && port.asSigned() <= UINT16_MAX;
+  if (!valid && !port.isNil()) return {nullptr, "OrvaneProxyPort is no port number: " + port.description()};
+  auto number = valid ? static_cast<uint16_t>(port.asSigned()) : kProxyDefaultPort;
+  return start_source(std::make_unique<Proxy>(number), provider, settings);
+}
+
+StartedSource start_flow_source(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings) {
   Value name = extension_setting("OrvaneFlowSource");
-  if (name.isNil()) {
-    ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, as the bundle names none");
-    return make_proxy();
+  if (name == Value::borrowed("proxy")) return start_proxy(provider, settings);
+  if (!name.isNil() && name != Value::borrowed("netfilter")) {
+    return {nullptr, "there is no flow source of the name " + name.description()};
   }
-  if (name == Value::borrowed("proxy")) return make_proxy();
-  if (name == Value::borrowed("netfilter")) return {nullptr, "the flow source netfilter is not available"};
-  return {nullptr, "there is no flow source of the name " + name.description()};
+  StartedSource started = start_source(std::make_unique<Netfilter>(), provider, settings);
+  if (!name.isNil()) return started;
+  if (started.source != nullptr) {
+    ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");
+    return started;
+  }
+  ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, as netfilter cannot be had: %@", started.reason);
+  return start_proxy(provider, settings);
 }
 
 // Starts a flow source for the provider in place of the one before. Returns what went wrong.
@@ -84,10 +108,9 @@ std::optional<std::string> put_in_force(const Ref<NEFilterDataProvider>& provide
   std::lock_guard lock(host().mutex);
   if (host().stopped) return "the extension is being stopped";
   host().source.reset();
-  MadeSource made = make_flow_source();
-  if (made.source == nullptr) return made.reason;
-  if (auto error = made.source->start(provider, settings)) return error;
-  host().source = std::move(made.source);
+  StartedSource started = start_flow_source(provider, settings);
+  if (started.source == nullptr) return started.reason;
+  host().source = std::move(started.source);
   return std::nullopt;
 }
 
@@ -121,7 +144,7 @@ void NEFilterProvider::registerProviderClass(std::string_view name, Ref<NEFilter
 }
 
 int32_t NEFilterProvider::startSystemExtensionMode() {
-  block_end_signals();
+  block_main_signals();
   std::signal(SIGPIPE, SIG_IGN);
   Value classes = extension_setting("NEProviderClasses");
   const Value* name = classes.find("com.apple.networkextension.filter-data");
@@ -163,7 +186,10 @@ void stop_provider_host() {
     source = std::move(host().source);
     provider = std::move(host().provider);
   }
-  if (source != nullptr) source->stop();
+  if (source != nullptr) {
+    source->stop();
+    log_flow_counters();
+  }
   if (provider == nullptr) return;
   auto stopped = std::make_shared<std::promise<void>>();
   provider->stopFilterWithReason(NEProviderStopReason::UserInitiated, [stopped] { stopped->set_value(); });

@@ -2,9 +2,9 @@
 
 namespace orvane {
 
-// Blocks the signals that end the process in the calling thread and in those that it makes from now on, so that only
-// the parked main thread takes them.
-void block_end_signals();
+// Blocks the signals that are for the parked main thread in the calling thread and in those that it makes from now on:
+// SIGTERM and SIGINT, which end the process, and SIGUSR1, which writes the counters of flows to the log.
+void block_main_signals();
 
 // Ends what startSystemExtensionMode and applySettings began: the flow source first, so that a provider that has been
 // told to stop is not asked again, then the provider.

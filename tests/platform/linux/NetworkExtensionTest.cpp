@@ -1,15 +1,17 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <csignal>
 
 #include "platform/Bundle.h"
 #include "platform/Dispatch.h"
 #include "platform/linux/ScriptedProvider.h"
-#include "platform/linux/SocketOwner.h"
 #include "platform/linux/Sockets.h"
+#include "platform/linux/TemporaryFolder.h"
 
 namespace orvane {
 
@@ -19,7 +21,6 @@ Bundle* bundle_get_main() { return nullptr; }
 Value bundle_get_information(const Bundle*, std::string_view key) {
   return key == "NetworkExtension" ? networkExtension : Value();
 }
-Value audit_token_of_socket_owner(const sockaddr*, const sockaddr*) { return nullptr; }
 
 namespace {
 
@@ -45,18 +46,28 @@ std::string life_of_extension(const Value& source, const Value& port) {
                                         {Value::string("OrvaneFlowSource"), source},
                                         {Value::string("OrvaneProxyPort"), port}});
   Peer manager(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
+  // A file: an abstract name is of one network.
+  TemporaryFolder folder;
+  std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
   sockaddr_un address{AF_UNIX, {}};
-  socklen_t family = sizeof(sa_family_t), size = sizeof address;
-  (void)bind(manager.socket.get(), reinterpret_cast<sockaddr*>(&address), family);  // any abstract name
-  getsockname(manager.socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
-  setenv("NOTIFY_SOCKET", ("@" + std::string(address.sun_path + 1, size - family - 1)).c_str(), 1);
+  std::string path = folder.path() / "notify";
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  EXPECT_EQ(bind(manager.socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::filesystem::permissions(path, std::filesystem::perms::all);
+  setenv("NOTIFY_SOCKET", path.c_str(), 1);
   pid_t extension = fork();
   if (extension == 0) {
+    // The rules of the machine's own network are not ours to change, privileged or not.
+    if (source != Value::string("proxy") && unshare(CLONE_NEWNET) == 0 && source == Value::string("netfilter")) {
+      if (setuid(65534) != 0) _exit(2);
+    }
     NEFilterProvider::registerProviderClass("Filter", Provider::create);
     NEFilterProvider::startSystemExtensionMode();
     dispatch_main();
   }
   std::string messages;
+  timeval patience{20, 0};
+  setsockopt(manager.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   char text[512];
   for (ssize_t count = 0;
        !messages.ends_with("stop; ") && (count = recv(manager.socket.get(), text, sizeof text, 0)) > 0;) {
@@ -75,9 +86,10 @@ TEST(ProviderHost, TellsTheServiceManagerHowTheStartWentAndLivesOn) {
     std::string status;
   } kCases[] = {
       {nullptr, Value::number(0), "Filtering"},
+      {Value::string("proxy"), Value::number(0), "Filtering"},
       {Value::string("radio"), Value::number(0), "radio"},
-      {nullptr, Value::number(65536), "65536"},
-      {nullptr, Value::number(port_of(occupied)), "Address already in use"},
+      {Value::string("proxy"), Value::number(65536), "65536"},
+      {Value::string("proxy"), Value::number(port_of(occupied)), "Address already in use"},
   };
   for (const auto& c : kCases) {
     std::string life = life_of_extension(c.source, c.port);
@@ -85,6 +97,12 @@ TEST(ProviderHost, TellsTheServiceManagerHowTheStartWentAndLivesOn) {
     EXPECT_NE(life.find(c.status), std::string::npos) << life;
     EXPECT_TRUE(life.ends_with("; STOPPING=1; stop; exit 0")) << life;
   }
+}
+
+TEST(ProviderHost, EndsAServiceThatWouldFilterNothing) {
+  std::string life = life_of_extension(Value::string("netfilter"), nullptr);
+  EXPECT_TRUE(life.starts_with("start; STATUS=Filter not started: netfilter: ")) << life;
+  EXPECT_TRUE(life.ends_with("; stop; exit 1")) << life;
 }
 
 }  // namespace

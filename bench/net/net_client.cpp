@@ -1,0 +1,151 @@
+// The two ends of the network benchmark, on loopback addresses of a network namespace.
+//
+//   net_client serve PORT                         answers requests, one a connection, and swallows streams
+//   net_client load PORT COUNT CLIENTS            prints the times of COUNT connections, made by CLIENTS at once
+//   net_client stream PORT MEBIBYTES              prints MiB/s of one long connection
+//
+// A connection's time is that of connect, request and response. Prints one line of JSON.
+
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::string_view kRequest = "GET / HTTP/1.1\r\nHost: news.example\r\nConnection: close\r\n\r\n";
+constexpr std::string_view kResponse = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nOK";
+
+sockaddr_in loopback(uint16_t port, uint32_t host) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(0x7f000000 + host);
+  return address;
+}
+
+bool send_all(int socket, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count <= 0) return false;
+    bytes.remove_prefix(static_cast<size_t>(count));
+  }
+  return true;
+}
+
+// Answers at the first bytes; a stream goes on after them, and is read to its end.
+void answer(int socket) {
+  static thread_local std::vector<char> buffer(1 << 18);
+  ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);
+  bool request = count > 0 && std::string_view(buffer.data(), static_cast<size_t>(count)).ends_with("\r\n\r\n");
+  if (request) send_all(socket, kResponse);
+  while (!request && count > 0) count = recv(socket, buffer.data(), buffer.size(), 0);
+  close(socket);
+}
+
+int serve(uint16_t port) {
+  int listener = socket(AF_INET, SOCK_STREAM, 0), on = 1;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address = loopback(port, 0);
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listener, 4096) != 0) {
+    std::perror("net_client");
+    return 1;
+  }
+  std::vector<std::thread> servers;
+  for (int i = 0; i < 64; ++i) {
+    servers.emplace_back([listener] {
+      for (int client; (client = accept(listener, nullptr, nullptr)) >= 0;) answer(client);
+    });
+  }
+  std::puts("ready");
+  std::fflush(stdout);
+  for (auto& server : servers) server.join();
+  return 1;
+}
+
+int connect_to(uint16_t port, uint32_t host) {
+  int client = socket(AF_INET, SOCK_STREAM, 0), on = 1;
+  setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  sockaddr_in address = loopback(port, host);
+  if (connect(client, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return client;
+  close(client);
+  return -1;
+}
+
+// One connection. False when it was not answered.
+bool fetch(uint16_t port, uint32_t host) {
+  int client = connect_to(port, host);
+  if (client < 0) return false;
+  char buffer[256];
+  size_t size = 0;
+  bool sent = send_all(client, kRequest);
+  for (ssize_t count = 1; sent && count > 0 && size < kResponse.size(); size += static_cast<size_t>(count)) {
+    count = std::max<ssize_t>(recv(client, buffer + size, sizeof buffer - size, 0), 0);
+  }
+  close(client);
+  return std::string_view(buffer, size) == kResponse;
+}
+
+int load(uint16_t port, size_t count, size_t clients) {
+  std::vector<std::vector<double>> times(clients);
+  std::atomic<size_t> lost{0};
+  auto start = Clock::now();
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < clients; ++i) {
+    threads.emplace_back([&, i] {
+      for (size_t n = i; n < count; n += clients) {
+        auto begin = Clock::now();
+        if (!fetch(port, static_cast<uint32_t>(1 + n % 8))) ++lost;
+        times[i].push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  std::vector<double> all;
+  for (const auto& part : times) all.insert(all.end(), part.begin(), part.end());
+  std::sort(all.begin(), all.end());
+  std::printf("{\"median\": %.1f, \"p99\": %.1f, \"rate\": %.0f, \"lost\": %zu}\n", all[all.size() / 2],
+              all[all.size() * 99 / 100], static_cast<double>(count) / seconds, lost.load());
+  return 0;
+}
+
+int stream(uint16_t port, size_t mebibytes) {
+  int client = connect_to(port, 1);
+  const std::string block(1 << 20, 'x');
+  auto start = Clock::now();
+  bool sent = client >= 0;
+  for (size_t i = 0; sent && i < mebibytes; ++i) sent = send_all(client, block);
+  shutdown(client, SHUT_WR);
+  char end = 0;
+  if (!sent || recv(client, &end, 1, 0) != 0) return 1;
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  std::printf("{\"rate\": %.1f}\n", static_cast<double>(mebibytes) / seconds);
+  return 0;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  auto number = [&](int i) { return i < count ? std::strtoul(arguments[i], nullptr, 10) : 0; };
+  std::string_view what = count > 1 ? arguments[1] : "";
+  auto port = static_cast<uint16_t>(number(2));
+  if (what == "serve" && port != 0) return serve(port);
+  if (what == "load" && number(3) != 0 && number(4) != 0) return load(port, number(3), number(4));
+  if (what == "stream" && number(3) != 0) return stream(port, number(3));
+  std::fputs("usage: net_client serve PORT | load PORT COUNT CLIENTS | stream PORT MEBIBYTES\n", stderr);
+  return 2;
+}

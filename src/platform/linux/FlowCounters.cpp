@@ -1,0 +1,21 @@
+#include "platform/linux/FlowCounters.h"
+
+#include "platform/Log.h"
+
+namespace orvane {
+
+void log_flow_counters() {
+  const FlowCounters& c = flow_counters();
+  ORVANE_LOG_DEFAULT(default_log(),
+                     "flows: %lu shown, %lu allowed, %lu dropped, %lu examined (%lu allowed, %lu dropped), "
+                     "%lu of unknown owners, %lu of unknown names",
+                     c.flows.load(), c.allowed.load(), c.dropped.load(), c.examined.load(), c.allowedByData.load(),
+                     c.droppedByData.load(), c.unknownOwners.load(), c.unknownNames.load());
+  ORVANE_LOG_DEFAULT(default_log(),
+                     "queue: %lu packets, %lu after a verdict, %lu overruns, %lu releases, %lu rule repairs, longest "
+                     "hold %lu microseconds",
+                     c.queuedPackets.load(), c.lateQueued.load(), c.queueOverruns.load(), c.queueReleases.load(),
+                     c.ruleRepairs.load(), c.longestHoldMicroseconds.load());
+}
+
+}  // namespace orvane

@@ -1,0 +1,174 @@
+#include "platform/linux/Netfilter.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+
+#include "platform/Log.h"
+#include "platform/linux/ConnectionMark.h"
+#include "platform/linux/FlowCounters.h"
+#include "platform/linux/PacketQueue.h"
+#include "platform/linux/QueueWatchdog.h"
+#include "platform/linux/QueuedFlows.h"
+#include "platform/linux/SocketIO.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The watchdog wants a sign of life twice a second.
+constexpr auto kBeat = 400ms;
+// A firewall that reloads changes its rules in many steps: they are looked at when it has had this time for them.
+constexpr auto kRulesSettle = 200ms;
+// Where the kernel does not tell of changes.
+constexpr auto kRulesLook = 500ms;
+
+class SystemOwners final : public FlowOwners {
+ public:
+  std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
+  std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
+  Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
+
+ private:
+  SocketOwners owners_;
+};
+
+}  // namespace
+
+// What the queue's thread works with.
+struct Netfilter::Queue {
+  explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
+
+  void serve(int stop);
+  void handle(const QueuedPacket& queued);
+  void answer(const QueuedPacket& queued, const std::optional<Packet>& packet, PacketVerdict verdict);
+
+  PacketQueue packets{kQueueNumber};
+  QueueWatchdog watchdog;
+  SystemOwners owners;
+  ConnectionMarks marks;
+  QueuedFlows flows;
+};
+
+Netfilter::Netfilter() = default;
+
+Netfilter::~Netfilter() { stop(); }
+
+std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) {
+  stopRules_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!stopRules_ || !stopQueue_) return "netfilter: no event descriptor: " + std::generic_category().message(errno);
+  auto queue = std::make_unique<Queue>(std::move(provider));
+  // The queue comes first: whoever has it already has its own rules, which stay.
+  auto error = queue->packets.open();
+  if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
+  if (error) return "netfilter: " + *error;
+  // Before the rules, so that no connection of theirs goes unrecorded.
+  auto noRecords = queue->owners.recordOpeners();
+  if (error = rules_.install(settings); error) return "netfilter: " + *error;
+  queue_ = std::move(queue);
+  try {
+    queueThread_ = std::thread([this] { queue_->serve(stopQueue_.get()); });
+    rulesThread_ = std::thread(&Netfilter::watchRules, this);
+  } catch (const std::system_error& failure) {
+    stop();
+    return std::string("netfilter: no thread: ") + failure.what();
+  }
+  if (noRecords) {
+    ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are read from the process table: %@", *noRecords);
+  } else {
+    ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are recorded by the kernel");
+  }
+  return std::nullopt;
+}
+
+void Netfilter::stop() {
+  if (queue_ == nullptr) return;
+  if (rulesThread_.joinable()) {
+    eventfd_write(stopRules_.get(), 1);
+    rulesThread_.join();
+  }
+  // While the queue is still served, so that no packet is caught between the two.
+  rules_.remove();
+  if (queueThread_.joinable()) {
+    eventfd_write(stopQueue_.get(), 1);
+    queueThread_.join();
+  }
+  queue_.reset();
+}
+
+void Netfilter::watchRules() {
+  bool told = rules_.changes() >= 0;
+  bool broken = false;
+  for (;;) {
+    pollfd change{rules_.changes(), POLLIN, 0};
+    // What could not be put back is tried again.
+    auto look = told && !broken ? Deadline() : deadline_after(kRulesLook);
+    Wait event = wait_for({&change, 1}, stopRules_.get(), look);
+    if (event == Wait::Stopped) return;
+    if (event == Wait::Ready && wait_for({}, stopRules_.get(), deadline_after(kRulesSettle)) == Wait::Stopped) return;
+    std::string error;
+    KernelRules::State state = rules_.check(error);
+    if (state == KernelRules::State::Repaired) {
+      flow_counters().ruleRepairs.fetch_add(1, std::memory_order_relaxed);
+      ORVANE_LOG_DEFAULT(default_log(), "netfilter: another program changed the kernel rules, they are put back");
+    }
+    if (state == KernelRules::State::Broken && !broken) {
+      ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules are gone and cannot be put back: %@", error);
+    }
+    broken = state == KernelRules::State::Broken;
+  }
+}
+
+void Netfilter::Queue::serve(int stop) {
+  // Until it says so, the watchdog does not count.
+  watchdog.beat();
+  auto handler = [this](const QueuedPacket& queued) { handle(queued); };
+  for (;;) {
+    pollfd packet{packets.descriptor(), POLLIN, 0};
+    bool stopped = wait_for({&packet, 1}, stop, deadline_after(kBeat)) == Wait::Stopped;
+    PacketQueue::Read read;
+    do {
+      if (watchdog.beat()) {
+        packets.bindAgain();
+        flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
+        ORVANE_LOG_ERROR(default_log(), "netfilter: the filter was silent, and traffic passed unfiltered meanwhile");
+      }
+      read = packets.read(handler);
+      if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
+    } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
+    if (stopped) return;
+    if (read == PacketQueue::Read::Failed) {
+      ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));
+      wait_for({}, stop, deadline_after(kBeat));
+    }
+  }
+}
+
+void Netfilter::Queue::handle(const QueuedPacket& queued) {
+  auto start = std::chrono::steady_clock::now();
+  flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
+  auto packet = parse_packet(queued.bytes, queued.outputInterface);
+  answer(queued, packet, packet ? flows.judge(*packet, start) : PacketVerdict::Open);
+  auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+  flow_counters().held(static_cast<uint64_t>(held.count()));
+}
+
+// The verdict travels in the packet's mark, and the rules that the packet meets next save it to the connection's. A
+// packet that bears a mark of others is left as it is, and the connection is marked directly: a changed mark makes the
+// kernel choose the route anew, and a rule of theirs may be about the whole mark.
+void Netfilter::Queue::answer(const QueuedPacket& queued, const std::optional<Packet>& packet, PacketVerdict verdict) {
+  if (verdict == PacketVerdict::Open) return packets.accept(queued.id, std::nullopt);
+  uint32_t ours = verdict == PacketVerdict::Dropped ? kMarkDropped : kMarkAllowed;
+  bool foreign = (queued.mark & ~kMarkMask) != 0;
+  if (foreign && marks.set(packet->ends, ours, kMarkMask)) return packets.accept(queued.id, std::nullopt);
+  if (foreign && verdict == PacketVerdict::Allowed) return packets.accept(queued.id, std::nullopt);
+  packets.accept(queued.id, (queued.mark & ~kMarkMask) | ours);
+}
+
+}  // namespace orvane

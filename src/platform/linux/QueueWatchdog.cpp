@@ -1,0 +1,105 @@
+#include "platform/linux/QueueWatchdog.h"
+
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <libnetfilter_queue/libnetfilter_queue.h>
+#include <linux/close_range.h>
+#include <linux/netfilter/nfnetlink_queue.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <new>
+#include <system_error>
+
+namespace orvane {
+namespace {
+
+constexpr int kLookMilliseconds = 250;
+constexpr int kLooks = QueueWatchdog::kPatienceMilliseconds / kLookMilliseconds;
+
+std::string failure(const char* what) {
+  return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
+}
+
+}  // namespace
+
+std::optional<std::string> QueueWatchdog::start(int queueSocket, uint16_t queueNumber) {
+  queueSocket_ = queueSocket;
+  queueNumber_ = queueNumber;
+  void* page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (page == MAP_FAILED) return failure("no shared memory");
+  shared_ = new (page) Shared;
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return failure("no pipe");
+  watched_ = Descriptor(ends[0]);
+  alive_ = Descriptor(ends[1]);
+  return startProcess();
+}
+
+std::optional<std::string> QueueWatchdog::startProcess() {
+  process_ = fork();
+  if (process_ < 0) return failure("no process");
+  if (process_ == 0) watch();
+  return std::nullopt;
+}
+
+bool QueueWatchdog::beat() {
+  // One look in many: a thread under load beats with each packet.
+  if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
+      waitpid(process_, nullptr, WNOHANG) == process_) {
+    startProcess();
+  }
+  return shared_->released.load(std::memory_order_relaxed) && shared_->released.exchange(false);
+}
+
+void QueueWatchdog::stop() {
+  alive_.reset();
+  if (process_ > 0) {
+    // It may be stopped itself, and would then not see the pipe's end.
+    kill(process_, SIGKILL);
+    while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  process_ = -1;
+  if (shared_ != nullptr) munmap(shared_, sizeof(Shared));
+  shared_ = nullptr;
+}
+
+// The other process, from its first to its last instruction. It began in the middle of a program with threads, so it
+// calls nothing that takes a lock or memory.
+void QueueWatchdog::watch() {
+  setsid();  // what stops the terminal's job does not stop this
+  prctl(PR_SET_NAME, "queue-watchdog");
+  signal(SIGTERM, SIG_IGN);  // of a service manager that ends all at once: the pipe tells when it is time
+  // Whatever else this process inherited must not live longer than the other side believes.
+  int low = std::min(queueSocket_, watched_.get()), high = std::max(queueSocket_, watched_.get());
+  if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
+  if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);
+  close_range(static_cast<unsigned>(high + 1), ~0U, 0);
+
+  alignas(nlmsghdr) std::array<char, 512> message{};
+  nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, queueNumber_);
+  nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, NFQNL_CFG_CMD_UNBIND);
+  uint64_t last = 0;
+  for (int silent = 0;;) {
+    pollfd end{watched_.get(), 0, 0};
+    if (poll(&end, 1, kLookMilliseconds) > 0) _exit(0);
+    uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
+    silent = beats == last ? silent + 1 : 0;
+    last = beats;
+    // At the first look too late, and not again before there was another beat.
+    if (silent != kLooks) continue;
+    send(queueSocket_, header, header->nlmsg_len, 0);
+    shared_->released.store(true);
+  }
+}
+
+}  // namespace orvane

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <unordered_map>
+
+#include "platform/linux/FilterSession.h"
+#include "platform/linux/FirstFlight.h"
+#include "platform/linux/LinuxFlow.h"
+#include "platform/linux/Packet.h"
+#include "platform/linux/SocketOwner.h"
+
+namespace orvane {
+
+// Who may be asked about a socket: SocketOwners, or a test.
+class FlowOwners {
+ public:
+  virtual ~FlowOwners() = default;
+  virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
+  virtual Value ownerOf(const SocketFacts& socket) = 0;
+};
+
+enum class PacketVerdict {
+  Open,     // the packet goes on, and the flow's next one is looked at too
+  Allowed,  // for the flow
+  Dropped,  // for the flow
+};
+
+// The flows whose first outbound packets pass a queue, from the first packet that is seen of each until the provider
+// has settled it, and a moment longer. A flow is shown to the provider when the name of its server is known or cannot
+// be known, or when it ends.
+//
+// Not thread-safe: there is one queue, and one thread serves it.
+class QueuedFlows {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
+      : provider_(std::move(provider)), owners_(owners) {}
+
+  // What becomes of a packet.
+  PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
+
+  size_t size() const { return flows_.size(); }
+
+ private:
+  struct Flow {
+    Flow(const SocketPair& ends, uint64_t socketCookie, Ref<LinuxSocketFlow> shown, Ref<NEFilterDataProvider> provider)
+        : pair(ends), cookie(socketCookie), flow(shown), session(std::move(provider), shown) {}
+
+    SocketPair pair;
+    uint64_t cookie;  // of its socket; 0 when there was none to be found
+    Ref<LinuxSocketFlow> flow;
+    FilterSession session;
+    FirstFlight flight;
+    Clock::time_point touched{};
+  };
+  using Flows = std::list<Flow>;  // those touched last at the end
+
+  Flows::iterator flowOf(const Packet& packet);
+  void settle(Flow& flow, const Packet& packet);
+  void forgetOldOnes(Clock::time_point now);
+
+  Ref<NEFilterDataProvider> provider_;
+  FlowOwners& owners_;
+  Flows open_, judged_;
+  std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,115 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <string_view>
+
+#include "platform/linux/FlowCounters.h"
+#include "platform/linux/QueuedFlows.h"
+#include "platform/linux/ScriptedProvider.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Owners final : FlowOwners {
+  std::optional<SocketFacts> socket = SocketFacts{1, 2, 3};
+  std::optional<SocketFacts> find(const SocketPair&) override { return socket; }
+  Value ownerOf(const SocketFacts&) override { return Value::string("owner"); }
+};
+
+class QueuedFlowsTest : public ::testing::Test {
+ protected:
+  // A packet of the one connection, with its payload at this place of the stream.
+  Packet packet(std::string_view payload, uint32_t sequence, uint16_t port = 443, uint8_t protocol = IPPROTO_TCP) {
+    const uint8_t here[4] = {127, 0, 0, 1};
+    Packet made;
+    made.ends = {protocol, SocketAddress::v4(here, 4000), SocketAddress::v4(here, port)};
+    made.sequence = sequence;
+    made.payload = {reinterpret_cast<const uint8_t*>(payload.data()), payload.size()};
+    return made;
+  }
+  std::string calls() { return provider->take().calls; }
+
+  Ref<ScriptedProvider> provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
+  Owners owners;
+  QueuedFlows flows{provider, owners};
+};
+
+using enum PacketVerdict;
+
+TEST_F(QueuedFlowsTest, HoldsOnlyTheSegmentThatCompletesTheName) {
+  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open);
+  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open) << "a retransmission";
+  EXPECT_EQ(flows.judge(packet("ample\r\n\r\n", 129)), Open) << "ahead of its turn";
+  EXPECT_EQ(calls(), "");
+  EXPECT_EQ(flows.judge(packet("st: held.e", 118)), Open) << "a gap is left";
+  EXPECT_EQ(flows.judge(packet("ex", 127)), Dropped);
+  EXPECT_EQ(calls(), "new held.example; ");
+}
+
+TEST_F(QueuedFlowsTest, GivesALatePacketTheVerdictOfItsFlowAndAsksOnce) {
+  const std::string_view request = "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n";
+  uint64_t late = flow_counters().lateQueued;
+  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  EXPECT_EQ(flows.judge(packet(request, 0)), Dropped);
+  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped);
+  EXPECT_EQ(flow_counters().lateQueued - late, 1U);
+  EXPECT_EQ(calls(), "new a.example; ");
+
+  // Another socket with the same two ends is another flow, and so is what comes after the memory has faded.
+  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  owners.socket->cookie = 2;
+  EXPECT_EQ(flows.judge(packet(request, 9000)), Allowed);
+  EXPECT_EQ(flows.judge(packet(request, 0), QueuedFlows::Clock::now() + 10s), Allowed);
+  EXPECT_EQ(calls(), "new a.example; new a.example; ");
+  EXPECT_EQ(flows.size(), 1U);
+}
+
+TEST_F(QueuedFlowsTest, ShowsAFlowThatWillNeverHaveAName) {
+  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  auto ended = [&](std::string_view payload, uint32_t sequence) {
+    Packet last = packet(payload, sequence);
+    last.fin = true;
+    return flows.judge(last);
+  };
+  const std::string endless(8192, 'x');
+  const struct {
+    const char* what;
+    std::function<PacketVerdict()> judge;
+    std::string_view calls;
+  } kCases[] = {
+      {"no such protocol", [&] { return flows.judge(packet("\x01\x02", 0)); }, "new -; data 0 -; "},
+      {"an end in the middle of the head", [&] { return ended("GET / HT", 0); }, "new -; data 0 -; "},
+      {"an end without a word", [&] { return ended("", 0); }, "new -; complete -; "},
+      {"too long a head",
+       [&] {
+         EXPECT_EQ(flows.judge(packet("GET /", 0)), Open);
+         EXPECT_EQ(flows.judge(packet(endless, 5)), Open);
+         return flows.judge(packet(endless, 5 + 8192));
+       },
+       "new -; data 0 -; "},
+  };
+  for (const auto& c : kCases) {
+    ++owners.socket->cookie;
+    EXPECT_EQ(c.judge(), Allowed) << c.what;
+    EXPECT_EQ(calls(), c.calls) << c.what;
+  }
+}
+
+TEST_F(QueuedFlowsTest, ShowsQuestionsWithTheirBytesAndWithoutAName) {
+  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, 4);
+  EXPECT_EQ(flows.judge(packet("question", 0, 53, IPPROTO_UDP)), Allowed);
+  auto seen = provider->take();
+  EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; ques");
+  EXPECT_EQ(seen.owner, Value::string("owner"));
+  owners.socket.reset();
+  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHost: held\r\n\r\n", 7, 53)), Allowed);
+  seen = provider->take();
+  EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; GET ");
+  EXPECT_TRUE(seen.owner.isNil());
+}
+
+}  // namespace
+}  // namespace orvane
