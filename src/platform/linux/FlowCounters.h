@@ -18,7 +18,7 @@ struct FlowCounters {
   Count unknownOwners{0};            // flows shown without an audit token
   Count unknownNames{0};             // flows of which no name could be read; DNS flows have none and do not count
   Count queuedPackets{0};            // that the kernel handed over
-  Count lateQueued{0};               // of these, those of a connection that had its verdict already
+  Count lateQueued{0};               // of these, those queued after their connection's verdict: there should be none
   Count queueOverruns{0};            // times that the kernel passed packets unseen, as the queue was full
   Count queueReleases{0};            // times that the watchdog gave the queue up
   Count ruleRepairs{0};              // times that wiped rules were put back

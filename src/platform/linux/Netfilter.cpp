@@ -142,6 +142,7 @@ void Netfilter::Queue::serve(int stop) {
       read = packets.read(handler);
       if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
     } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
+    flows.drained();
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));

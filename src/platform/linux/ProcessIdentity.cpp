@@ -13,6 +13,8 @@ namespace {
 
 constexpr size_t kIdentifierLimit = 255;  // D-Bus names, from which Flatpak's are taken, are no longer
 constexpr int kAncestorLimit = 64;        // deeper trees are built, not grown
+constexpr auto kKnownTime = std::chrono::milliseconds(500);
+constexpr size_t kKnownLimit = 64;  // a descriptor each
 
 bool is_identifier(std::string_view text) {
   return !text.empty() && text.size() <= kIdentifierLimit && std::all_of(text.begin(), text.end(), [](char c) {
@@ -167,31 +169,75 @@ std::optional<std::string> ProcessIdentity::identifierOf(const Program& program)
   return name.empty() ? std::nullopt : std::optional(std::move(name));
 }
 
-pid_t ProcessIdentity::responsibleFor(pid_t pid) {
-  auto process = this->process(pid);
-  if (!process) return -1;
-  if (isApplication(*process)) return pid;
-  auto unit = unit_of_control_groups(process->controlGroups());
-  if (auto ancestor = applicationAbove(*process, unit)) return *ancestor;
-  if (auto named = unit ? applicationOfUnit(*unit) : std::nullopt) return *named;
-  return pid;
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid) {
+  if (auto known = findKnown(pid)) return known;
+  auto information = ProcessInformation::open(pid, processTable_);
+  if (!information) return nullptr;
+  Program program = programOf(*information);
+  auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program)});
+  // Without its file there is nothing to tell by that it is the same still.
+  if (!process->program.executable) return process;
+  std::lock_guard lock(mutex_);
+  auto now = std::chrono::steady_clock::now();
+  if (known_.size() >= kKnownLimit) {
+    for (auto it = known_.begin(); it != known_.end();)
+      it = now - it->second.found > kKnownTime ? known_.erase(it) : ++it;
+    if (known_.size() >= kKnownLimit) known_.clear();
+  }
+  known_.insert_or_assign(pid, Known{process, now, std::nullopt});
+  return process;
 }
 
-std::optional<pid_t> ProcessIdentity::applicationAbove(const ProcessInformation& process,
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findKnown(pid_t pid) {
+  std::shared_ptr<const Process> process;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = known_.find(pid);
+    if (it == known_.end() || std::chrono::steady_clock::now() - it->second.found > kKnownTime) return nullptr;
+    process = it->second.process;
+  }
+  return process->information.runs(&*process->program.executable) ? process : nullptr;
+}
+
+pid_t ProcessIdentity::responsibleFor(pid_t pid) {
+  auto process = find(pid);
+  if (process == nullptr) return -1;
+  {
+    std::lock_guard lock(mutex_);
+    auto it = known_.find(pid);
+    if (it != known_.end() && it->second.process == process && it->second.responsible) return *it->second.responsible;
+  }
+  pid_t responsible = findResponsible(*process);
+  std::lock_guard lock(mutex_);
+  if (auto it = known_.find(pid); it != known_.end() && it->second.process == process) {
+    it->second.responsible = responsible;
+  }
+  return responsible;
+}
+
+pid_t ProcessIdentity::findResponsible(const Process& process) {
+  if (isApplication(process)) return process.information.pid();
+  auto unit = unit_of_control_groups(process.information.controlGroups());
+  if (auto ancestor = applicationAbove(process, unit)) return *ancestor;
+  if (auto named = unit ? applicationOfUnit(*unit) : std::nullopt) return *named;
+  return process.information.pid();
+}
+
+std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
                                                        const std::optional<ApplicationUnit>& unit) {
-  pid_t parent = process.parent();
-  uint64_t childStart = process.startTime();
+  pid_t parent = process.information.parent();
+  uint64_t childStart = process.information.startTime();
   for (int depth = 0; depth < kAncestorLimit; ++depth) {
-    auto ancestor = this->process(parent);
+    auto ancestor = find(parent);
     // A parent that is younger than its child is another process, which has the identifier by now.
-    if (!ancestor || ancestor->startTime() > childStart) return std::nullopt;
+    if (ancestor == nullptr || ancestor->information.startTime() > childStart) return std::nullopt;
     if (unit) {
-      auto above = unit_of_control_groups(ancestor->controlGroups());
+      auto above = unit_of_control_groups(ancestor->information.controlGroups());
       if (!above || above->path != unit->path) return std::nullopt;
     }
     if (isApplication(*ancestor)) return parent;
-    parent = ancestor->parent();
-    childStart = ancestor->startTime();
+    parent = ancestor->information.parent();
+    childStart = ancestor->information.startTime();
   }
   return std::nullopt;
 }
@@ -201,7 +247,7 @@ std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& u
   if (!index_.knows(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {
-    auto process = this->process(pid);
+    auto process = ProcessInformation::open(pid, processTable_);
     if (!process || (oldest && oldest->startTime() <= process->startTime())) continue;
     auto unitOfProcess = unit_of_control_groups(process->controlGroups());
     if (!unitOfProcess || unitOfProcess->path != unit.path) continue;

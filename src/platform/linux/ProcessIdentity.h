@@ -2,9 +2,13 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "platform/linux/ApplicationIndex.h"
 #include "platform/linux/ProcessInformation.h"
@@ -41,9 +45,15 @@ class ProcessIdentity {
   // The one for this system. Never destroyed.
   static ProcessIdentity& system();
 
-  std::optional<ProcessInformation> process(pid_t pid) const { return ProcessInformation::open(pid, processTable_); }
+  // A running process and what it runs.
+  struct Process {
+    ProcessInformation information;
+    Program program;
+  };
 
-  Program programOf(const ProcessInformation& process) const;
+  // Null when there is no such process. What was found within the last half second holds, as long as the process lives
+  // and runs the same file: a program that opens many connections is not read again for each.
+  std::shared_ptr<const Process> find(pid_t pid);
 
   // The identifier of the application that the program is by itself: its package's, or its desktop entry's.
   std::optional<std::string> applicationOf(const Program& program);
@@ -59,12 +69,23 @@ class ProcessIdentity {
   pid_t responsibleFor(pid_t pid);
 
  private:
-  bool isApplication(const ProcessInformation& process) { return applicationOf(programOf(process)).has_value(); }
-  std::optional<pid_t> applicationAbove(const ProcessInformation& process, const std::optional<ApplicationUnit>& unit);
+  struct Known {
+    std::shared_ptr<const Process> process;
+    std::chrono::steady_clock::time_point found;
+    std::optional<pid_t> responsible;
+  };
+
+  std::shared_ptr<const Process> findKnown(pid_t pid);
+  Program programOf(const ProcessInformation& process) const;
+  bool isApplication(const Process& process) { return applicationOf(process.program).has_value(); }
+  pid_t findResponsible(const Process& process);
+  std::optional<pid_t> applicationAbove(const Process& process, const std::optional<ApplicationUnit>& unit);
   std::optional<pid_t> applicationOfUnit(const ApplicationUnit& unit);
 
   ApplicationIndex index_;
   const std::string processTable_;
+  std::mutex mutex_;
+  std::unordered_map<pid_t, Known> known_;  // guarded by mutex_
 };
 
 }  // namespace orvane

@@ -131,6 +131,13 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
                         static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
 }
 
+// The directory is this process's, and empty once it has ended, whoever has its identifier by then.
+bool ProcessInformation::runs(const Executable* file) const {
+  struct stat status;
+  return ::fstatat(directory(), "exe", &status, 0) == 0 &&
+         (file == nullptr || (status.st_dev == file->device && status.st_ino == file->inode));
+}
+
 std::optional<Executable> ProcessInformation::executable() const {
   std::array<char, PATH_MAX> target;
   ssize_t length = ::readlinkat(directory(), "exe", target.data(), target.size());

@@ -51,6 +51,10 @@ class ProcessInformation {
   // half the time.
   std::optional<audit_token_t> auditToken() const;
 
+  // Whether it lives and runs this file, or any where none is given. The cheapest question of all; false also for
+  // processes whose executable() is not to be seen.
+  bool runs(const Executable* file = nullptr) const;
+
   // Nothing for a kernel thread, and for a process that is not ours to look into (ptrace(2), access mode checks).
   std::optional<Executable> executable() const;
 

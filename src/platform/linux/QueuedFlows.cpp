@@ -39,13 +39,16 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
 
   auto flow = flowOf(packet);
   if (is_settled(flow->session)) {
-    flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
+    if (flow->round != round_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdict_of(flow->session);
   }
   flow->touched = now;
   settle(*flow, packet);
   bool settled = is_settled(flow->session);
-  if (settled) flow->flight = FirstFlight();
+  if (settled) {
+    flow->flight = FirstFlight();
+    flow->round = round_;
+  }
   auto& list = settled ? judged_ : open_;
   list.splice(list.end(), open_, flow);
   return verdict_of(flow->session);

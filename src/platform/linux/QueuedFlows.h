@@ -43,11 +43,15 @@ class QueuedFlows {
   // What becomes of a packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
+  // The queue is empty: what comes from now on was queued after the verdicts so far.
+  void drained() { ++round_; }
+
   size_t size() const { return flows_.size(); }
 
  private:
   struct Flow {
-    Flow(const SocketPair& ends, uint64_t socketCookie, Ref<LinuxSocketFlow> shown, Ref<NEFilterDataProvider> provider)
+    Flow(const SocketPair& ends, uint64_t socketCookie, const Ref<LinuxSocketFlow>& shown,
+         Ref<NEFilterDataProvider> provider)
         : pair(ends), cookie(socketCookie), flow(shown), session(std::move(provider), shown) {}
 
     SocketPair pair;
@@ -56,6 +60,7 @@ class QueuedFlows {
     FilterSession session;
     FirstFlight flight;
     Clock::time_point touched{};
+    uint64_t round = 0;  // in which it was judged
   };
   using Flows = std::list<Flow>;  // those touched last at the end
 
@@ -65,6 +70,7 @@ class QueuedFlows {
 
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
+  uint64_t round_ = 0;
   Flows open_, judged_;
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <utility>
 
 #include "platform/Process.h"
@@ -103,22 +104,22 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
 }
 
 // The process that the attributes describe, or why there is none.
-static std::pair<OSStatus, std::optional<ProcessInformation>> find_guest(const Dictionary* attributes) {
+static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
   auto& identity = ProcessIdentity::system();
-  if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, std::nullopt};
+  if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};
   if (*attributes->attribute == GuestAttribute::Pid) {
-    if (!attributes->pid) return {errSecCSInvalidAttributeValues, std::nullopt};
-    auto process = identity.process(value_of(attributes->pid.get()));
+    if (!attributes->pid) return {errSecCSInvalidAttributeValues, nullptr};
+    auto process = identity.find(value_of(attributes->pid.get()));
     OSStatus status = process ? errSecSuccess : errSecCSNoSuchCode;
     return {status, std::move(process)};
   }
   audit_token_t token;
   auto data = attributes->auditToken.asData();
-  if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, std::nullopt};
+  if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, nullptr};
   std::memcpy(&token, data.data(), sizeof(token));
-  auto process = identity.process(audit_token_to_pid(token));
+  auto process = identity.find(audit_token_to_pid(token));
   // Users and groups may change while a process runs; its version tells it from its identifier's next bearer.
-  if (!process || process->version() != token.val[7]) return {errSecCSNoSuchCode, std::nullopt};
+  if (!process || process->information.version() != token.val[7]) return {errSecCSNoSuchCode, nullptr};
   return {errSecSuccess, std::move(process)};
 }
 
@@ -126,7 +127,7 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, 
   auto [status, process] = find_guest(attributes);
   if (!process) return status;
   auto code = Ref<SecCode>::adopt(new SecCode);
-  code->program = ProcessIdentity::system().programOf(*process);
+  code->program = process->program;
   *guest = code.detach();
   return errSecSuccess;
 }

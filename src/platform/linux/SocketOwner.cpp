@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 #include <vector>
 
@@ -35,24 +36,40 @@ class RecentOpeners {
   std::optional<audit_token_t> token(const SocketOpener& opener);
 
  private:
+  struct Recent {
+    ProcessInformation process;
+    audit_token_t token;
+    std::chrono::steady_clock::time_point read;
+  };
+
   static constexpr size_t kLimit = 16;  // four descriptors each
-  std::vector<ProcessInformation> processes_;
+  // For so long it is believed what users and groups a process had. That it lives is asked each time.
+  static constexpr auto kTokenTime = std::chrono::milliseconds(500);
+  std::vector<Recent> recent_;
 };
 
 std::optional<audit_token_t> RecentOpeners::token(const SocketOpener& opener) {
   auto pid = static_cast<pid_t>(opener.process);
+  auto now = std::chrono::steady_clock::now();
   auto known =
-      std::find_if(processes_.begin(), processes_.end(), [pid](const auto& each) { return each.pid() == pid; });
-  if (known != processes_.end()) {
-    std::rotate(processes_.begin(), known, known + 1);
-    auto token = processes_.front().auditToken();
-    if (token) return is_opener(processes_.front(), opener) ? token : std::nullopt;
-    processes_.erase(processes_.begin());
+      std::find_if(recent_.begin(), recent_.end(), [pid](const auto& each) { return each.process.pid() == pid; });
+  if (known != recent_.end()) {
+    std::rotate(recent_.begin(), known, known + 1);
+    Recent& recent = recent_.front();
+    bool fresh = now - recent.read < kTokenTime && recent.process.runs();
+    if (auto token = fresh ? std::optional(recent.token) : recent.process.auditToken()) {
+      recent.token = *token;
+      if (!fresh) recent.read = now;
+      return is_opener(recent.process, opener) ? token : std::nullopt;
+    }
+    recent_.erase(recent_.begin());
   }
   auto process = ProcessInformation::open(pid);
-  if (!process || !is_opener(*process, opener)) return std::nullopt;
-  if (processes_.size() == kLimit) processes_.pop_back();
-  return processes_.insert(processes_.begin(), std::move(*process))->auditToken();
+  auto token = process && is_opener(*process, opener) ? process->auditToken() : std::nullopt;
+  if (!token) return std::nullopt;
+  if (recent_.size() == kLimit) recent_.pop_back();
+  recent_.insert(recent_.begin(), Recent{std::move(*process), *token, now});
+  return token;
 }
 
 }  // namespace

@@ -83,9 +83,9 @@ TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
   }
   ProcessIdentity identity(folder.folders(), folder.path("proc"));
   for (const auto& row : kProcesses) {
-    auto process = identity.process(row.pid);
+    auto process = identity.find(row.pid);
     ASSERT_TRUE(process) << row.pid;
-    EXPECT_EQ(row.identifier, identity.identifierOf(identity.programOf(*process)).value_or("none")) << row.pid;
+    EXPECT_EQ(row.identifier, identity.identifierOf(process->program).value_or("none")) << row.pid;
     EXPECT_EQ(row.responsible, identity.responsibleFor(row.pid)) << row.pid;
   }
 }

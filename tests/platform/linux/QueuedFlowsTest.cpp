@@ -54,6 +54,8 @@ TEST_F(QueuedFlowsTest, GivesALatePacketTheVerdictOfItsFlowAndAsksOnce) {
   uint64_t late = flow_counters().lateQueued;
   provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
   EXPECT_EQ(flows.judge(packet(request, 0)), Dropped);
+  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the verdict";
+  flows.drained();
   EXPECT_EQ(flows.judge(packet("more", 40)), Dropped);
   EXPECT_EQ(flow_counters().lateQueued - late, 1U);
   EXPECT_EQ(calls(), "new a.example; ");
