@@ -121,6 +121,10 @@ class NewConnections {
 // tested since both ends of a connection of this machine to itself send here. A verdict comes as the mark of a packet
 // that the queue has accepted, to filter, which comes after mangle. There, the reset that answers a dropped connection
 // belongs to that connection itself, and must get out.
+//
+// A SYN begins anew, whatever is known of its two ends: the tracking may take a connection that uses the ports of one
+// that was reset for the same one. Of resets, those with an acknowledgment are the end of the sender's own connection; a
+// bare one answers a stray segment, such as the first of what the other end believes is still the old connection.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
@@ -138,13 +142,14 @@ COMMIT
 :ORVANE-NEW - [0:0]
 :ORVANE-PENDING - [0:0]
 :ORVANE-QUEUE - [0:0]
--A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark --mark @NONE -j ORVANE-NEW
+-A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
+-A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
 -A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
 -A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN @QUEUE
--A ORVANE-QUEUE -p tcp --tcp-flags RST RST @QUEUE
+-A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK @QUEUE
 -A ORVANE-QUEUE -p udp @QUEUE
 COMMIT
 )";

@@ -12,11 +12,51 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace orvane {
 namespace {
+
+// Where sockets were seen when descriptors were last read: a process with a thousand sockets is not read a thousand
+// times. Only a hint, as descriptors are closed and given anew.
+class SeenSockets {
+ public:
+  struct Place {
+    pid_t process;
+    std::string descriptor;  // its path in the process's directory
+  };
+
+  std::optional<Place> find(const std::string& link) {
+    std::lock_guard lock(mutex_);
+    auto it = places_.find(link);
+    return it == places_.end() ? std::nullopt : std::optional(it->second);
+  }
+
+  void put(std::string_view link, pid_t process, const char* descriptor) {
+    std::lock_guard lock(mutex_);
+    if (places_.size() >= kLimit) places_.clear();
+    places_.insert_or_assign(std::string(link), Place{process, std::string("fd/") + descriptor});
+  }
+
+ private:
+  static constexpr size_t kLimit = 8192;
+  std::mutex mutex_;
+  std::unordered_map<std::string, Place> places_;
+};
+
+SeenSockets& seen_sockets() {
+  static auto* sockets = new SeenSockets;
+  return *sockets;
+}
+
+// A link that stands for a socket, "socket:[INODE]". Empty for others, which are longer or differently spelled.
+std::string_view socket_link(int directory, const char* path, std::array<char, 64>& target) {
+  ssize_t length = ::readlinkat(directory, path, target.data(), target.size());
+  std::string_view link(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+  return link.starts_with("socket:") ? link : std::string_view();
+}
 
 bool holds_socket(const ProcessInformation& process, std::string_view link) {
   int descriptor = ::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -26,12 +66,23 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     ::close(descriptor);
     return false;
   }
-  std::array<char, 64> target;  // longer links are no socket's
+  std::array<char, 64> target;
+  bool holds = false;
   while (const dirent* entry = ::readdir(descriptors.get())) {
-    ssize_t length = ::readlinkat(descriptor, entry->d_name, target.data(), target.size());
-    if (length > 0 && std::string_view(target.data(), static_cast<size_t>(length)) == link) return true;
+    std::string_view found = socket_link(descriptor, entry->d_name, target);
+    if (found.empty()) continue;
+    if (found == link) holds = true;
+    seen_sockets().put(found, process.pid(), entry->d_name);
   }
-  return false;
+  return holds;
+}
+
+std::optional<ProcessInformation> holder_seen(const std::string& link) {
+  auto place = seen_sockets().find(link);
+  auto process = place ? ProcessInformation::open(place->process) : std::nullopt;
+  std::array<char, 64> target;
+  if (!process || socket_link(process->directory(), place->descriptor.c_str(), target) != link) return std::nullopt;
+  return process;
 }
 
 // The processes that owned the last sockets, the latest first. A browser opens many connections in a row, and one
@@ -98,7 +149,8 @@ std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket) 
   if (socket.inode == 0) return std::nullopt;
   std::string link = "socket:[" + std::to_string(socket.inode) + "]";
   std::vector<pid_t> last = last_owners().get();
-  auto holder = first_holder(last, link);
+  auto holder = holder_seen(link);
+  if (!holder) holder = first_holder(last, link);
   if (!holder) holder = first_holder(other_candidates(last, socket.user), link);
   if (!holder) return std::nullopt;
   auto topmost = topmost_holder(std::move(*holder), link);

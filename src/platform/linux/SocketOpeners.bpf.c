@@ -13,6 +13,10 @@ const char license_text[] SEC("license") = "Proprietary";
 // The one that the extension filters; set before the programs are loaded.
 const volatile __u64 network_namespace = 0;
 
+// The file of the extension's PID namespace, when it is not the first one. Its processes are known by their identifiers
+// there, which kernels before 6.10 do not tell: they refuse to load the programs then.
+const volatile __u64 process_namespace_device = 0, process_namespace_inode = 0;
+
 // The least recently used go when a map is full: a socket's owner is asked for within moments of its first packet.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -28,13 +32,24 @@ struct {
   __type(value, __u64);
 } datagrams SEC(".maps");
 
+// Of this process, as the extension counts processes. 0 for one of a PID namespace that is not the extension's own,
+// unless it sees them all.
+static __u32 process_identifier(void) {
+  if (!process_namespace_inode) return bpf_get_current_pid_tgid() >> 32;
+  struct bpf_pidns_info process = {};
+  bpf_get_ns_current_pid_tgid(process_namespace_device, process_namespace_inode, &process, sizeof process);
+  return process.tgid;
+}
+
 // The socket's cookie, or 0 when it is none of ours.
 static __u64 record_opener(struct bpf_sock_addr* context) {
   if (bpf_get_netns_cookie(context) != network_namespace) return 0;
+  __u32 process = process_identifier();
+  if (!process) return 0;
   __u64 cookie = bpf_get_socket_cookie(context);
   __u64 identity = bpf_get_current_uid_gid();
   struct SocketOpener opener = {
-      .process = bpf_get_current_pid_tgid() >> 32,
+      .process = process,
       .user = (__u32)identity,
       .group = identity >> 32,
       .time = bpf_ktime_get_boot_ns(),

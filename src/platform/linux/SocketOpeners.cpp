@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -22,6 +23,9 @@ namespace {
 
 // A datagram is looked at right after it is sent. Beyond this age the local port may have another owner.
 constexpr uint64_t kSentJustNow = 5'000'000'000;  // nanoseconds
+
+// The number of the file of the PID namespace that a system starts with (linux/nsfs.h has it since Linux 6.18).
+constexpr ino_t kFirstProcessNamespace = 0xEFFFFFFC;
 
 std::string because(const char* failed, int error) {
   return std::string("cannot ") + failed + ": " + std::strerror(error);
@@ -81,6 +85,12 @@ std::optional<std::string> SocketOpeners::Programs::load() {
   kernel = socket_openers::open();
   if (kernel == nullptr) return because("read the BPF programs", errno);
   kernel->rodata->network_namespace = name;
+  struct stat space;
+  if (::stat("/proc/self/ns/pid", &space) != 0) return because("tell this PID namespace from others", errno);
+  if (space.st_ino != kFirstProcessNamespace) {
+    kernel->rodata->process_namespace_device = space.st_dev;
+    kernel->rodata->process_namespace_inode = space.st_ino;
+  }
   if (int error = socket_openers::load(kernel); error != 0) return because("load BPF programs", -error);
   return std::nullopt;
 }
