@@ -5,11 +5,12 @@ import pathlib
 import plistlib
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import time
 
-PROXY_PORT = 8118
+_PROXY_PORT = 8118
 _PATIENCE = 15  # seconds, for what takes milliseconds on an idle machine
 
 
@@ -17,49 +18,70 @@ class Failure(Exception):
     """The show cannot go on."""
 
 
-def _make_bundle(built: pathlib.Path, bundle: pathlib.Path, provider: str, browsers: list[str]) -> None:
+def _make_bundle(
+    built: pathlib.Path, bundle: pathlib.Path, provider: str, browsers: list[str], flow_source: str | None, level: str
+) -> None:
     shutil.copytree(built, bundle)
     description = bundle / "Contents/Info.plist"
     information = plistlib.loads(description.read_bytes())
     information["NetworkExtension"] = {
         "NEProviderClasses": {"com.apple.networkextension.filter-data": provider},
-        "OrvaneFlowSource": "proxy",
-        "OrvaneProxyPort": PROXY_PORT,
+        "OrvaneProxyPort": _PROXY_PORT,
     }
-    everything = {"DEFAULT-OPTIONS": {"Level": {"Enable": "Debug"}}}
+    if flow_source is not None:
+        information["NetworkExtension"]["OrvaneFlowSource"] = flow_source
+    everything = {"DEFAULT-OPTIONS": {"Level": {"Enable": level}}}
     information["OSLogPreferences"] = {information["CFBundleIdentifier"]: everything}
     description.write_bytes(plistlib.dumps(information))
     (bundle / "Contents/Resources/Browsers.plist").write_bytes(plistlib.dumps(browsers))
 
 
 class Extension:
-    """A running extension; use it in a with statement. It ends at the end of the block, with 0 or a Failure."""
+    """A running extension; use it in a with statement. It ends at the end of the block, with 0 or a Failure.
 
-    def __init__(self, build: pathlib.Path, directory: pathlib.Path, provider: str, browsers: list[str]):
+    Without a flow source, the extension takes the best it can have; `flow_source` and `refusal` tell which, and why.
+    """
+
+    def __init__(
+        self,
+        build: pathlib.Path,
+        directory: pathlib.Path,
+        provider: str,
+        browsers: list[str],
+        flow_source: str | None = None,
+        log_level: str = "Debug",
+    ):
         directory.mkdir()
         bundle = directory / "OrvaneSE.systemextension"
-        _make_bundle(build / bundle.name, bundle, provider, browsers)
+        _make_bundle(build / bundle.name, bundle, provider, browsers, flow_source, log_level)
         information = plistlib.loads((bundle / "Contents/Info.plist").read_bytes())
-        self._program = bundle / "Contents/Linux/OrvaneSE"
+        self.command = [bundle / "Contents/Linux/OrvaneSE"]
         self._orvanectl = build / "orvanectl"
         self._socket = directory / information["NSEndpointSecurityMachServiceName"]
         self._log = directory / "log"
         self._notifications = directory / "notify"
+        self._fixed_source = flow_source
+        self.flow_source, self.refusal = flow_source, None
 
     def __enter__(self):
+        self.start()
+        return self
+
+    def start(self) -> None:
+        """Returns once it filters. Also after kill()."""
         environment = {"RUNTIME_DIRECTORY": str(self._socket.parent), "NOTIFY_SOCKET": str(self._notifications)}
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications, open(self._log, "wb") as log:
+        self._notifications.unlink(missing_ok=True)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications, open(self._log, "ab") as log:
             notifications.bind(str(self._notifications))
             notifications.settimeout(_PATIENCE)
-            self._process = subprocess.Popen([self._program], env=environment, stdout=log, stderr=log)
+            start = self.log_size()
+            self.process = subprocess.Popen(self.command, env=environment, stdout=log, stderr=log)
             self._wait_until_ready(notifications)
         # The filter and the control channel start side by side.
-        end = time.monotonic() + _PATIENCE
-        while "OrvaneSE started..." not in self._log.read_text(errors="replace"):
-            if time.monotonic() > end:
-                raise Failure(f"the extension does not say that it has started\n{self.log_end()}")
-            time.sleep(0.01)
-        return self
+        self.wait_for(r"OrvaneSE started\.\.\.", start)
+        if self._fixed_source is None:
+            found = self.wait_for(r"flow source: (\w+)(?:, as netfilter cannot be had: (.*))?", start)
+            self.flow_source, self.refusal = found[1], found[2]
 
     def _wait_until_ready(self, notifications: socket.socket) -> None:
         try:
@@ -70,24 +92,51 @@ class Extension:
             raise Failure(f"the extension reports: {fields.get('STATUS')}\n{self.log_end()}")
 
     def __exit__(self, kind, *_):
-        self._process.terminate()
-        code = self._process.wait(_PATIENCE)
+        self.process.terminate()
+        code = self.process.wait(_PATIENCE)
         if code != 0 and kind is None:
             raise Failure(f"the extension ended with {code}\n{self.log_end()}")
+
+    @property
+    def proxy(self) -> str | None:
+        """Where its clients must ask for their pages; nothing when they need not know of it."""
+        return f"http://127.0.0.1:{_PROXY_PORT}" if self.flow_source == "proxy" else None
+
+    def wait_for(self, pattern: str, since: int) -> re.Match:
+        """Waits until the log has such text beyond that size."""
+        end = time.monotonic() + _PATIENCE
+        while not (found := re.search(pattern, self.log_text(since))):
+            if time.monotonic() > end:
+                raise Failure(f"the extension's log does not say: {pattern}\n{self.log_end()}")
+            time.sleep(0.01)
+        return found
 
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
         """Runs orvanectl."""
         command = [self._orvanectl, "--socket", self._socket, *arguments]
         return subprocess.run(command, input=text, capture_output=True, text=True, timeout=_PATIENCE)
 
+    def hold(self, *names: str) -> None:
+        """Blocks these names and no others."""
+        self.control("set", "-", text="\n".join(names) + "\n").check_returncode()
+
+    def counters(self) -> dict[str, int]:
+        """Of its flows and packets, by the words that follow each number in the log; of two such, the first."""
+        since = self.log_size()
+        self.process.send_signal(signal.SIGUSR1)
+        self.wait_for(r"longest hold \d+ microseconds\n", since)
+        found = re.findall(r"(\d+) ([a-z][a-z ]*[a-z])", self.log_text(since).partition("flows:")[2])
+        return {words: int(number) for number, words in reversed(found)}
+
     def log_size(self) -> int:
         return self._log.stat().st_size
 
+    def log_text(self, since: int = 0) -> str:
+        return self._log.read_bytes()[since:].decode(errors="replace")
+
     def identifiers_judged(self, since: int) -> set[str]:
         """The bundle identifiers that have been looked up in the list of browsers since the log had that size."""
-        lines = self._log.read_bytes()[since:].decode(errors="replace")
-        return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", lines))
+        return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", self.log_text(since)))
 
     def log_end(self) -> str:
-        lines = self._log.read_text(errors="replace").splitlines()[-20:]
-        return "\n".join(["The end of its log:", *(f"  {line}" for line in lines)])
+        return "\n".join(["The end of its log:", *(f"  {line}" for line in self.log_text().splitlines()[-20:])])

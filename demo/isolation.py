@@ -1,7 +1,8 @@
 """A network, a process table and a view of the files of the demo's own.
 
 The rules of the filter are about ports 80 and 443, and names must lead to local servers: in namespaces of our own we
-may listen on any port and write any /etc/hosts. When the first process in them ends, the kernel ends all the others.
+may listen on any port, ask any name server and make any firewall rule. When the first process in them ends, the kernel
+ends all the others.
 """
 
 import fcntl
@@ -22,6 +23,10 @@ _NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-p
 _USER = ["--user", "--map-root-user"]
 
 
+class Refused(Exception):
+    """This system does not let us have the namespaces."""
+
+
 def _find_unshare() -> list[str]:
     """The unshare(1) command that works here. A user namespace is what makes do without root."""
     complaints = []
@@ -33,8 +38,8 @@ def _find_unshare() -> list[str]:
         if trial.returncode == 0:
             return command
         complaints.append(f"  {' '.join(command)}\n    {(trial.stderr.strip().splitlines() or ['?'])[-1]}")
-    sys.exit(
-        "demo: this system refuses the namespaces that the demo runs in:\n"
+    raise Refused(
+        "this system refuses the namespaces that we run in:\n"
         + "\n".join(complaints)
         + "\nRun it as root, or allow user namespaces: the settings user.max_user_namespaces,"
         "\nkernel.unprivileged_userns_clone and kernel.apparmor_restrict_unprivileged_userns of sysctl(8), or the"
@@ -51,8 +56,11 @@ def _end(unshare: subprocess.Popen) -> None:
         unshare.kill()
 
 
-def run_isolated(script: str, build: pathlib.Path) -> int:
-    """Runs the script again, inside. Returns its exit code; an interrupt ends this process as it would have."""
+def run_isolated(script: str, *arguments: str) -> int:
+    """Runs the script again, inside, with INSIDE, an empty directory of its own, and the arguments.
+
+    Returns its exit code; an interrupt ends this process as it would have. Raises Refused.
+    """
     unshare, interrupted = None, 0
 
     def interrupt(number, _frame):
@@ -64,11 +72,11 @@ def run_isolated(script: str, build: pathlib.Path) -> int:
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupt)
     command = _find_unshare()
-    directory = tempfile.mkdtemp(prefix="orvane-demo.")
+    directory = tempfile.mkdtemp(prefix="orvane.")
     try:
         # A session of its own: an interrupt from the terminal reaches this process alone, which ends the rest.
         unshare = subprocess.Popen(
-            [*command, PYTHON, script, INSIDE, directory, str(build)],
+            [*command, PYTHON, script, INSIDE, directory, *arguments],
             stdin=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
             text=True,
@@ -105,12 +113,13 @@ def bring_loopback_up() -> None:
         fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
 
 
-def furnish(directory: pathlib.Path, names: list[str]) -> None:
-    """Prepares the inside: `names` lead to this host, and `directory` is empty and vanishes at the end."""
+def furnish(directory: pathlib.Path) -> None:
+    """Prepares the inside: names are asked of a name server here, and `directory` is empty and vanishes at the end."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
     bring_loopback_up()
-    _replace(directory, "/etc/hosts", f"127.0.0.1 localhost {' '.join(names)}\n")
-    _replace(directory, "/etc/nsswitch.conf", "hosts: files\n")
+    _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")
+    _replace(directory, "/etc/resolv.conf", "nameserver 127.0.0.1\n")
+    _replace(directory, "/etc/nsswitch.conf", "hosts: files dns\n")
     # Without a journal, the extension's log comes to us.
     if os.path.isdir("/run/systemd/journal"):
         _mount("-t", "tmpfs", "tmpfs", "/run/systemd/journal")

@@ -7,9 +7,10 @@ import shutil
 import subprocess
 import time
 
+import name_server
 import programs
 from extension import Extension, Failure
-from programs import ALLOW, DROP, DROP_AT_DATA, Destination, Program
+from programs import ALLOW, DROP, DROP_AT_DATA, Browser, Destination, Program
 from table import Table
 from web_servers import WebServers
 
@@ -25,21 +26,23 @@ class _Stage:
     """A running extension with its audience."""
 
     def __init__(self, extension: Extension, servers: WebServers, table: Table, asks_for_browsers: bool):
-        self._extension, self._servers, self._table = extension, servers, table
+        self.extension, self._servers, self._table = extension, servers, table
         self._asks_for_browsers = asks_for_browsers
 
     def fetch(self, program: Program, destination: Destination, expected: str) -> None:
-        path, log_size = f"/{self._table.rows}", self._extension.log_size()  # the path is of this row alone
+        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # the path is of this row alone
         try:
-            seen = program.fetch(destination, path)
+            seen = program.fetch(destination, path, self.extension.proxy)
         except subprocess.TimeoutExpired as expired:
-            seen = programs.Seen(None, f"nothing for {expired.timeout} s")
-        judged = self._extension.identifiers_judged(since=log_size)
-        # The programs by their identifiers, and nobody where no rule is about the port.
-        expected_judged = program.identifier if self._asks_for_browsers and destination.port is None else None
+            seen = programs.Seen([], f"nothing for {expired.timeout} s")
+        judged = self.extension.identifiers_judged(since=log_size)
+        # The programs by their identifiers, and nobody where no rule is about the port: but the kernel shows the
+        # look-up of the name too.
+        shown = destination.port is None or self.extension.proxy is None
+        expected_judged = program.identifier if self._asks_for_browsers and shown else None
         fault = None
-        if seen.verdict != expected:
-            fault = f"this is not what follows from \"{expected}\"\n{self._extension.log_end()}"
+        if expected not in seen.verdicts:
+            fault = f"this is not what follows from \"{expected}\"\n{self.extension.log_end()}"
         elif self._servers.were_asked_for(path) != (expected == ALLOW):
             fault = "the web server was " + ("not " if expected == ALLOW else "") + "asked for the page"
         elif judged != {expected_judged} - {None}:
@@ -48,17 +51,17 @@ class _Stage:
 
     def control(self, *arguments: str, text: str | None = None, prints: str = "", code: int = 0) -> None:
         """Runs orvanectl, which should print this and end with this code."""
-        done = self._extension.control(*arguments, text=text)
+        done = self.extension.control(*arguments, text=text)
         printed = done.stdout.strip()
         fault = None
         if (printed, done.returncode) != (prints, code):
             fault = f"the output should be \"{prints}\", the exit code {code}, not {done.returncode}\n"
-            fault += done.stderr + self._extension.log_end()
+            fault += done.stderr + self.extension.log_end()
         result = printed or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
         self._table.command(f"orvanectl {shlex.join(arguments)}", result, fault)
 
 
-def _general_provider(stage: _Stage, curl: Program, wget: Program, chromium: programs.Chromium, table: Table) -> None:
+def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: list[Browser], table: Table) -> None:
     stage.control("ping", prints="pong")
     stage.control("set", "-", text=f"# as a person would write it\n{HELD.capitalize()}.\n")
     stage.control("add", "https://refused.example/", code=2)
@@ -67,15 +70,18 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, chromium: pro
         for destination in _WEB:
             held = program is curl and destination.host == HELD
             stage.fetch(program, destination, DROP if held else ALLOW)
-    stage.fetch(curl, Destination("https", HELD, through_address=True), DROP_AT_DATA)
+    # The proxy learns the name from the tunnel's data alone, the kernel's flows have it from the start.
+    by_address = DROP_AT_DATA if stage.extension.proxy else DROP
+    stage.fetch(curl, Destination("https", HELD, through_address=True), by_address)
     stage.fetch(curl, Destination("https", NEWS, through_address=True), ALLOW)
     # No rule of the provider is about this port.
     stage.fetch(curl, Destination("http", HELD, port=8080), ALLOW)
-    if chromium.runs():
+    for browser in browsers:
+        if not browser.runs():
+            table.note(f"{browser.name} is not installed, or does not run here: its rows are left out")
+            continue
         for destination in _WEB:
-            stage.fetch(chromium, destination, DROP if destination.host == HELD else ALLOW)
-    else:
-        table.note("chromium is not installed, or does not run here: its rows are left out")
+            stage.fetch(browser, destination, DROP if destination.host == HELD else ALLOW)
     stage.control("remove", HELD)
     stage.control("changes", prints="2")
     stage.fetch(curl, _HTTPS_HELD, ALLOW)
@@ -109,16 +115,28 @@ def _safari_provider(stage: _Stage, safari: Program, curl: Program, table: Table
     stage.control("changes", prints="3")
 
 
+def _tell_flow_source(extension: Extension, table: Table) -> None:
+    if extension.proxy is None:
+        table.note("the flows are the kernel's own: no program knows of the filter")
+    else:
+        table.note(f"through the proxy, which each program is told of; the kernel's own flows cannot be had here: "
+                   f"{extension.refusal}")
+
+
 def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
+    name_server.serve({name: ["127.0.0.1"] for name in NAMES})
     servers = WebServers(directory, NAMES)
     path = pathlib.Path(programs.find("curl"))
     curl = programs.Curl("curl", path, "curl", directory, servers.authority)
     wget = programs.Wget("wget", programs.find("wget"), "wget", directory, servers.authority)
     chromium = programs.Chromium("chromium", shutil.which("chromium") or "chromium", "chromium", directory)
+    firefox = programs.Firefox("firefox", shutil.which("firefox-esr") or "firefox-esr", "firefox-esr", directory)
 
-    table.scene("FilterDataProvider, with the browsers curl and chromium")
-    with Extension(build, directory / "general", "FilterDataProvider", ["curl", "chromium"]) as extension:
-        _general_provider(_Stage(extension, servers, table, True), curl, wget, chromium, table)
+    table.scene("FilterDataProvider, with the browsers curl, chromium and firefox-esr")
+    browsers = ["curl", "chromium", "firefox-esr"]
+    with Extension(build, directory / "general", "FilterDataProvider", browsers) as extension:
+        _tell_flow_source(extension, table)
+        _general_provider(_Stage(extension, servers, table, True), curl, wget, [chromium, firefox], table)
 
     # A program's identifier is its file's name where nothing else gives it one.
     folder = directory / "safari"

@@ -1,8 +1,11 @@
-"""Web servers on the loopback address, and the certificate authority that vouches for them."""
+"""Web servers on every loopback address, and the certificate authority that vouches for them."""
 
 import http.server
 import pathlib
+import socket
+import socketserver
 import ssl
+import struct
 import subprocess
 import threading
 
@@ -54,9 +57,18 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 class _Server(http.server.ThreadingHTTPServer):
+    request_queue_size = 4096
+    allow_reuse_port = True  # another server may take one of the addresses for itself
+    address_family = socket.AF_INET6 if socket.has_dualstack_ipv6() else socket.AF_INET
+
     def __init__(self, scheme: str, port: int, visits: set[str]):
-        super().__init__(("127.0.0.1", port), _Handler)
+        super().__init__(("", port), _Handler)
         self.scheme, self.visits = scheme, visits
+
+    def server_bind(self):
+        if self.address_family == socket.AF_INET6:
+            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 0)  # IPv4 as well
+        socketserver.TCPServer.server_bind(self)  # and no look-up of our own name
 
     def handle_error(self, *_):
         pass  # a connection that the filter resets is part of the show
@@ -71,17 +83,47 @@ class WebServers:
     def __init__(self, directory: pathlib.Path, names: list[str]):
         authority = _make_certificate(directory, "authority", ["OrvaneSE demo"])
         signed = ["-CA", str(authority), "-CAkey", str(directory / "authority.key")]
-        certificate = _make_certificate(directory, "server", names, *signed)
+        self._certificate = _make_certificate(directory, "server", names, *signed)
         self.authority = authority
         self._visits: set[str] = set()
         servers = [_Server("http", port, self._visits) for port in self.PLAIN_PORTS]
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(certificate, directory / "server.key")
         secure = _Server("https", self.TLS_PORT, self._visits)
         # The handshake is left to the connection's thread: a client that sends no hello holds up nobody else.
-        secure.socket = context.wrap_socket(secure.socket, server_side=True, do_handshake_on_connect=False)
+        secure.socket = self._tls().wrap_socket(secure.socket, server_side=True, do_handshake_on_connect=False)
         for server in [*servers, secure]:
             threading.Thread(target=server.serve_forever, daemon=True).start()
 
+    def _tls(self) -> ssl.SSLContext:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self._certificate, self._certificate.with_suffix(".key"))
+        return context
+
     def were_asked_for(self, path: str) -> bool:
         return path in self._visits
+
+    def serve_http2(self, address: str) -> None:
+        """Answers requests to that address in HTTP/2 alone, each with an empty page."""
+        context = self._tls()
+        context.set_alpn_protocols(["h2"])
+        listener = socket.create_server((address, self.TLS_PORT), reuse_port=True)
+
+        def accept():
+            while True:
+                arguments = (context, listener.accept()[0])
+                threading.Thread(target=_answer_http2, args=arguments, daemon=True).start()
+
+        threading.Thread(target=accept, daemon=True).start()
+
+
+def _answer_http2(context: ssl.SSLContext, connection: socket.socket) -> None:
+    """Frames as in RFC 9113; the response's one field, ":status: 200", is entry 8 of RFC 7541's table."""
+    SETTINGS, HEADERS, END = 4, 1, 5  # END of the stream and of its fields
+    with context.wrap_socket(connection, server_side=True).makefile("rwb") as stream:
+        stream.read(24)  # the preface
+        stream.write(struct.pack("!xHBBI", 0, SETTINGS, 0, 0))
+        stream.flush()
+        while head := stream.read(9):
+            stream.read(int.from_bytes(head[:3], "big"))
+            if head[3] == HEADERS:
+                stream.write(struct.pack("!xHBB", 1, HEADERS, END) + head[5:] + b"\x88")
+                stream.flush()

@@ -1,0 +1,59 @@
+"""A name server on the loopback address, over UDP and TCP (RFC 1035): addresses of the names given, and no others."""
+
+import ipaddress
+import socketserver
+import struct
+import threading
+
+_A, _AAAA = 1, 28
+_NO_SUCH_NAME = 3
+
+
+def question(name: str, identifier: int = 1, kind: int = _A) -> bytes:
+    """A query for one name, as it is sent over UDP."""
+    labels = b"".join(bytes([len(label)]) + label.encode() for label in name.split("."))
+    return struct.pack("!6H", identifier, 0x0100, 1, 0, 0, 0) + labels + struct.pack("!BHH", 0, kind, 1)
+
+
+def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
+    """To a query with one question; what comes after it, such as the options of EDNS, is left unanswered."""
+    labels, at = [], 12
+    while length := query[at]:
+        labels.append(query[at + 1 : at + 1 + length].decode())
+        at += 1 + length
+    (kind,) = struct.unpack_from("!H", query, at + 1)
+    name, end = ".".join(labels).lower(), at + 5
+    packed = [ipaddress.ip_address(address).packed for address in addresses.get(name, [])]
+    fitting = [address for address in packed if kind == {4: _A, 16: _AAAA}[len(address)]]
+    # The name of each record is that of the question, at byte 12.
+    records = [struct.pack("!HHHIH", 0xC00C, kind, 1, 0, len(address)) + address for address in fitting]
+    flags = 0x8580 | (0 if name in addresses else _NO_SUCH_NAME)
+    return query[:2] + struct.pack("!5H", flags, 1, len(records), 0, 0) + query[12:end] + b"".join(records)
+
+
+class _OverUDP(socketserver.BaseRequestHandler):
+    def handle(self):
+        query, sock = self.request
+        sock.sendto(_answer(query, self.server.addresses), self.client_address)
+
+
+class _OverTCP(socketserver.StreamRequestHandler):
+    def handle(self):
+        while prefix := self.rfile.read(2):
+            answer = _answer(self.rfile.read(*struct.unpack("!H", prefix)), self.server.addresses)
+            self.wfile.write(struct.pack("!H", len(answer)) + answer)
+
+
+class _UDP(socketserver.ThreadingUDPServer):
+    allow_reuse_address = True
+
+
+class _TCP(socketserver.ThreadingTCPServer):
+    allow_reuse_address = daemon_threads = True
+
+
+def serve(addresses: dict[str, list[str]]) -> None:
+    """Serves until the process ends."""
+    for server in (_UDP(("127.0.0.1", 53), _OverUDP), _TCP(("127.0.0.1", 53), _OverTCP)):
+        server.addresses = addresses
+        threading.Thread(target=server.serve_forever, daemon=True).start()

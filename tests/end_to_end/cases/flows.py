@@ -1,0 +1,167 @@
+"""Which connections are dropped, and which are not."""
+
+import collections
+import concurrent.futures
+import pathlib
+import shutil
+import socket
+import ssl
+import struct
+import subprocess
+import time
+
+import name_server
+import programs
+from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, ask, check, outcome
+
+
+def FindsHeldHostsOverEachProtocolAndFamily(world: World):
+    curl = world.curl()
+    with world.filtering("curl"):
+        for family in FAMILIES:
+            for scheme in ("http", "https"):
+                check(world.fetch(curl, scheme, HELD, family), DROP, f"{scheme} {family}")
+                check(world.fetch(curl, scheme, NEWS, family), ALLOW, f"{scheme} {family}")
+
+
+def ReadsNamesThatComeInTenPieces(world: World):
+    with world.filtering(PYTHON):
+        for port in (80, 443):
+            for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
+                check(ask(name, port=port, pieces=10), expected, f"{name} on port {port}")
+
+
+def TellsNamesOnOneAddressApart(world: World):
+    with world.filtering(PYTHON) as extension, concurrent.futures.ThreadPoolExecutor(8) as pool:
+        check(list(pool.map(ask, [HELD, NEWS] * 50)), [DROP, ALLOW] * 50, "in turns")
+        check(extension.counters()["after a verdict"], 0, "packets after a verdict")
+
+
+def FollowsTheListWhileAConnectionIsOpen(world: World):
+    context = ssl.create_default_context(cafile=world.servers.authority)
+    with world.extension(PYTHON) as extension:
+        raw = socket.create_connection(("127.0.0.1", 443), 20)
+        with context.wrap_socket(raw, server_hostname=NEWS) as connection:
+            for step, names, expected in (("added", [NEWS], DROP), ("removed", [], ALLOW)):
+                extension.hold(*names)
+                connection.sendall(request(NEWS))
+                check(outcome(connection), ALLOW, f"the open connection once its name was {step}")
+                check(ask(NEWS), expected, f"the next one once its name was {step}")
+
+
+def JudgesAnewWhenPortsAreUsedAgain(world: World):
+    """The kernel remembers a connection that was reset for 10 s, and its mark with it."""
+    abort = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    pairs = [(HELD, NEWS), (NEWS, HELD), (HELD, HELD), (NEWS, NEWS)]
+    with world.filtering(PYTHON):
+        for number, (first, second) in enumerate(pairs):
+            for name in (first, second):
+                with socket.socket() as connection:
+                    connection.setsockopt(*abort)
+                    connection.settimeout(20)
+                    connection.bind(("127.0.0.1", 20000 + number))
+                    connection.connect(("127.0.0.1", 443))
+                    connection.sendall(hello(name))
+                    verdict = outcome(connection)
+                check(verdict, DROP if name == HELD else ALLOW, f"{name}, after {first}")
+
+
+def ReadsNamesOfHTTP2Connections(world: World):
+    address = "127.0.0.2"
+    world.servers.serve_http2(address)
+    with world.filtering("curl", "openssl"):
+        for name, version, protocol in ((HELD, "0 35", "reset"), (NEWS, "2 0", "ALPN protocol: h2")):
+            url = ["--insecure", "--connect-to", f"{name}:443:{address}:443", f"https://{name}/"]
+            wanted = ["--write-out", "%{http_version} %{exitcode}"]
+            done = subprocess.run(["curl", "-s", "--http2", *wanted, *url], capture_output=True, text=True, timeout=20)
+            check(done.stdout, version, f"curl --http2 and {name}")
+            command = ["openssl", "s_client", "-connect", f"{address}:443", "-servername", name, "-alpn", "h2"]
+            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=20)
+            check(protocol in (done.stdout + done.stderr).replace("errno=104", "reset"), True, f"openssl and {name}")
+
+
+def LeavesOtherProgramsAlone(world: World):
+    wget = world.program(programs.Wget, "wget", world.servers.authority)
+    with world.filtering("curl") as extension:
+        since = extension.log_size()
+        for scheme in ("http", "https"):
+            check(world.fetch(wget, scheme, HELD), ALLOW, "wget")
+        check(extension.identifiers_judged(since), {"wget"}, "it was taken for")
+
+
+class _HelpersCurl(programs.Curl):
+    """Its program is a browser that starts curl."""
+
+    def _run(self, *arguments):
+        code = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"
+        return super()._run("-I", "-c", code, shutil.which("curl"), *arguments)
+
+
+def TakesHelpersForTheirBrowser(world: World):
+    folder = world.directory / "browser"
+    folder.mkdir()
+    browser = shutil.copy("/proc/self/exe", folder / "testbrowser")
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/usr/local/share"], check=True)
+    entries = pathlib.Path("/usr/local/share/applications")
+    entries.mkdir()
+    (entries / "testbrowser.desktop").write_text(f"[Desktop Entry]\nType=Application\nName=T\nExec={browser} %u\n")
+    helper = _HelpersCurl("curl of a browser", browser, "testbrowser", world.directory, world.servers.authority)
+    with world.filtering("testbrowser"):
+        for program, expected in ((helper, DROP), (world.curl(), ALLOW)):
+            for scheme in ("http", "https"):
+                check(world.fetch(program, scheme, HELD), expected, program.name)
+
+
+def LeavesOlderConnectionsAlone(world: World):
+    with socket.create_connection(("127.0.0.1", 80), 20) as silent, socket.create_connection(("127.0.0.1", 80)) as used:
+        used.sendall(request(HELD))
+        check(outcome(used), ALLOW, "before the filter")
+        with world.filtering(PYTHON):
+            for connection in (silent, used):
+                connection.sendall(request(HELD))
+                check(outcome(connection), ALLOW, "the older connection")
+            check(ask(HELD, port=80), DROP, "a new connection")
+
+
+def JudgesTwoThousandConnectionsAtOnce(world: World):
+    allow_many_descriptors()
+    address = "127.0.0.9"
+    server = FirstBytesServer(address, [80, 443], HELD, patience=60)
+    texts = [(request(HELD), 80), (request(NEWS), 80), (hello(HELD), 443), (hello(NEWS), 443)] * 500
+    with world.filtering(PYTHON) as extension:
+        connections = [socket.create_connection((address, port), 60) for _, port in texts]
+        start = time.monotonic()
+        for connection, (text, _) in zip(connections, texts):
+            connection.sendall(text)
+        verdicts = [outcome(connection) for connection in connections]
+        print(f"2,000 verdicts in {time.monotonic() - start:.2f} s; {extension.counters()}")
+        wrong = collections.Counter(pair for pair in zip(verdicts, [DROP, ALLOW] * 1000) if pair[0] != pair[1])
+        check((dict(wrong), server.seen), ({}, 0), "wrongly judged, and held ones that reached the server")
+        check(extension.counters()["after a verdict"], 0, "packets after a verdict")
+
+
+def ShowsNameServersQuestionsAndDropsNone(world: World):
+    with world.filtering(PYTHON) as extension:
+        query = name_server.question(HELD)
+        for kind, over in ((socket.SOCK_DGRAM, "UDP"), (socket.SOCK_STREAM, "TCP")):
+            since = extension.log_size()
+            with socket.socket(socket.AF_INET, kind) as connection:
+                connection.settimeout(20)
+                connection.connect(("127.0.0.1", 53))
+                connection.sendall(query if over == "UDP" else struct.pack("!H", len(query)) + query)
+                check(socket.inet_aton("127.0.0.1") in connection.recv(512), True, f"an answer over {over}")
+            extension.wait_for(r"handleOutboundDataFromFlow: DNS flow", since)
+
+
+def SuspendsHostsForTheOneBrowser(world: World):
+    folder = world.directory / "safari"
+    folder.mkdir()
+    path = shutil.copy(shutil.which("curl"), folder / "com.apple.Safari")
+    safari = programs.Curl("a copy of curl", path, "com.apple.Safari", world.directory, world.servers.authority)
+    with world.filtering("curl", provider="PLSafariFilterDataProvider") as extension:
+        for until, expected in (("2020", DROP), ("2099", ALLOW), ("2021", DROP)):
+            extension.control("properties", HELD, "--dont-block-until", f"{until}-01-01T00:00:00Z").check_returncode()
+            for scheme in ("http", "https"):
+                check(world.fetch(safari, scheme, HELD), expected, f"suspended until {until}")
+        check(world.fetch(world.curl(), "https", HELD), ALLOW, "another browser")

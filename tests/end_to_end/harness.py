@@ -1,0 +1,126 @@
+"""What the cases share: servers, clients, extensions, and a few ways to connect that no program has."""
+
+import contextlib
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import sys
+import time
+
+import name_server
+import programs
+from extension import Extension, Failure
+from first_bytes import hello, request
+from programs import ALLOW, DROP, Destination
+from web_servers import WebServers
+
+HELD, NEWS = "held.example", "news.example"
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # where iptables is, and a person's path does not lead
+PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the identifier of this process
+FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
+
+
+class Skip(Exception):
+    """The machine lacks what the case needs."""
+
+
+def check(actual, expected, what: str) -> None:
+    if actual != expected:
+        raise Failure(f"{what}: {actual}, not {expected}")
+
+
+def outcome(connection: socket.socket) -> str:
+    """What follows from what the server or the filter answers."""
+    try:
+        return ALLOW if connection.recv(1) else "closed"
+    except ConnectionResetError:
+        return DROP
+    except TimeoutError:
+        return "silence"
+
+
+def ask(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
+    """Connects, sends what a browser would send first, and tells what became of it."""
+    text = hello(name) if port == 443 else request(name)
+    step = -(-len(text) // pieces)
+    try:
+        with socket.create_connection((address, port), 20) as connection:
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            for start in range(0, len(text), step):
+                time.sleep(0.02 if start else 0)
+                connection.sendall(text[start : start + step])
+            return outcome(connection)
+    except ConnectionRefusedError:
+        return "refused"
+
+
+def wait_until(condition, what: str, seconds: float) -> None:
+    start = time.monotonic()
+    while not condition():
+        if time.monotonic() - start > seconds:
+            raise Failure(f"not within {seconds} s: {what}")
+        time.sleep(0.02)
+    print(f"{what}: {time.monotonic() - start:.2f} s")
+
+
+def iptables(arguments: str, family: str = "-4", text: str | None = None) -> str:
+    command, *rest = arguments.split()
+    program = {"-4": command, "-6": command.replace("iptables", "ip6tables", 1)}[family]
+    return subprocess.run([program, *rest], input=text, check=True, capture_output=True, text=True).stdout
+
+
+class World:
+    def __init__(self, build: pathlib.Path, directory: pathlib.Path):
+        self.build, self.directory = build, directory
+        self.extensions: list[Extension] = []
+        self._fetched = 0
+
+    def require_netfilter(self) -> None:
+        for arguments in ("-A OUTPUT -p 142 -j NFQUEUE --queue-num 1 --queue-bypass", "-F OUTPUT"):
+            try:
+                iptables(f"iptables -t mangle {arguments}")
+            except FileNotFoundError:
+                raise Skip("iptables is not installed") from None
+            except subprocess.CalledProcessError as error:
+                raise Skip(f"this kernel has no packet queue for us: {error.stderr.strip()}") from None
+
+    def serve(self) -> None:
+        """Both names have the same addresses."""
+        name_server.serve({name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)})
+        folder = self.directory / f"servers-{os.getpid()}"
+        folder.mkdir()
+        self.servers = WebServers(folder, [HELD, NEWS])
+
+    def extension(self, *browsers: str, provider="FilterDataProvider", source: str | None = "netfilter") -> Extension:
+        folder = self.directory / f"extension-{os.getpid()}-{len(self.extensions)}"
+        self.extensions.append(Extension(self.build, folder, provider, list(browsers), source))
+        return self.extensions[-1]
+
+    @contextlib.contextmanager
+    def filtering(self, *browsers: str, **more):
+        """An extension for these browsers that holds HELD."""
+        with self.extension(*browsers, **more) as extension:
+            extension.hold(HELD)
+            yield extension
+
+    def program(self, kind: type, name: str, *more) -> programs.Program:
+        path = shutil.which(name)
+        if path is None:
+            raise Skip(f"{name} is not installed")
+        return kind(name, path, name, self.directory, *more)
+
+    def curl(self) -> programs.Curl:
+        return self.program(programs.Curl, "curl", self.servers.authority)
+
+    def fetch(self, program: programs.Program, scheme: str, host: str, *more) -> str:
+        """What follows from what the program sees, and the web server with it."""
+        self._fetched += 1
+        path = f"/{self._fetched}"
+        seen = program.fetch(Destination(scheme, host), path, None, *more)
+        verdict = next(iter(seen.verdicts), seen.text)
+        print(f"{program.name} {scheme}://{host} {' '.join(more)}: {seen.text}")
+        if self.servers.were_asked_for(path) != (verdict == ALLOW):
+            raise Failure(f"{verdict} to {program.name}, but the web server says otherwise of {scheme}://{host}")
+        return verdict
