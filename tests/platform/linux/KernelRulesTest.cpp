@@ -152,24 +152,6 @@ TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRu
 }
 
 // A rule of the test's stands in for the queue's handler and gives verdicts.
-TEST_F(KernelRulesTest, KeepsAVerdictAndAnswersADropWithAReset) {
-  install({{"", "4433"}});
-  const std::string mark = " -t mangle -I ORVANE-QUEUE -p tcp --tcp-flags PSH PSH -j MARK --set-xmark ";
-  shell("iptables" + mark + "0x10000000/0x12000000; ip6tables" + mark + "0x12000000/0x12000000");
-  shell("iptables -A OUTPUT -m mark ! --mark 0 -j DROP");
-  Connection allowed(AF_INET);
-  EXPECT_TRUE(allowed.client.send("a") && allowed.server.read("a") == "a");
-  EXPECT_TRUE(allowed.client.send("b") && allowed.server.read("b") == "b");
-  EXPECT_EQ(packets(AF_INET, "-j NFQUEUE"), 1) << "none after the verdict";
-  EXPECT_EQ(packets(AF_INET, "-m mark ! --mark 0x0 -j DROP"), 0) << "our bits go no further";
-  Connection dropped(AF_INET6);
-  dropped.client.send("a");
-  EXPECT_EQ(dropped.client.read(), "");
-  EXPECT_EQ(dropped.client.error, ECONNRESET);
-  shell("iptables -A OUTPUT -p tcp --dport 4433 -j REJECT --reject-with tcp-reset");
-  EXPECT_TRUE(Connection(AF_INET).refused) << "the user's own rule";
-}
-
 TEST_F(KernelRulesTest, PutsBackWhatAnotherProgramTakesAwayOrGetsAheadOf) {
   install({{"", "80"}, {"", "443"}, {"", "53", 0, Protocol::Any}, {"10.0.0.0", "8080", 8}});
   const std::string intact = rules_in_kernel();
