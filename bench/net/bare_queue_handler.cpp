@@ -28,7 +28,7 @@ int main() {
   }
   std::puts("ready");
   std::fflush(stdout);
-  auto allow = [&](const QueuedPacket& packet) { queue.accept(packet.id, packet.mark | kMarkAllowed); };
+  auto allow = [&](const QueuedPacket& packet) { queue.answer(packet.id, answer_mark(packet.mark, kMarkAllowed)); };
   pollfd events[] = {{queue.descriptor(), POLLIN, 0}, {0, POLLIN, 0}};
   while (poll(events, 2, -1) > 0 && events[1].revents == 0) {
     while (queue.read(allow) == PacketQueue::Read::Packet) {

@@ -11,7 +11,7 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   uint32_t offset = sequence - begin_;  // what lies before the begin wraps to far beyond the limit
   if (offset < kLimit) {
     keep(offset, payload.first(std::min(payload.size(), kLimit - offset)));
-    complete_ = bytes_.size() == kLimit;
+    complete_ = bytes_.size() == kLimit || later_.size() > kPartsLimit;
   } else {
     complete_ = true;
   }

@@ -16,10 +16,12 @@ class FirstFlight {
  public:
   // As many bytes as are kept, those that wait for a gap to be filled included.
   static constexpr size_t kLimit = 16384;
+  // As many pieces as may lie beyond gaps. A sender has lost few of its first segments.
+  static constexpr size_t kPartsLimit = 64;
 
   // Adds a segment at its TCP sequence number (these wrap at 2^32). Returns false when the flight is as complete as it
-  // will get: it is full, or the segment lies before the flight's begin or beyond its limit. The bytes stay as they are
-  // from then on, up to what fits. A segment without payload adds nothing and begins nothing.
+  // will get: it is full or in too many pieces, or the segment lies before the flight's begin or beyond its limit. The
+  // bytes stay as they are from then on, up to what fits. A segment without payload adds nothing and begins nothing.
   bool add(uint32_t sequence, std::span<const uint8_t> payload);
 
   // The bytes without a gap from the begin on. Valid until the next add().

@@ -128,15 +128,16 @@ class Family {
     return now && now->filter.led && now->mangle.led && now->filter.lines + now->mangle.lines == placed_;
   }
 
-  void remove() const {
+  std::optional<std::string> remove() const {
     std::string error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
       const auto now = read(error);
-      if (!now) return;
+      if (!now) continue;
       // First what asks for verdicts, then what carries them out.
       const std::string text = all_away("mangle", now->mangle) + all_away("filter", now->filter);
-      if (text.empty() || restore(text, error)) return;
+      if (text.empty() || restore(text, error)) return std::nullopt;
     }
+    return error;
   }
 
   // Whether the kernel tells of changes: its rules are nf_tables'.
@@ -196,11 +197,14 @@ struct KernelRules::Implementation {
     }
     return std::nullopt;
   }
-  void remove() {
+  std::optional<std::string> remove() {
+    std::optional<std::string> error;
     for (const Family& family : families) {
-      if (family.there()) family.remove();
+      if (!family.there()) continue;
+      if (auto failure = family.remove()) error = std::move(failure);
     }
     installed = false;
+    return error;
   }
 };
 
@@ -247,6 +251,6 @@ KernelRules::State KernelRules::check(std::string& error) {
   return state;
 }
 
-void KernelRules::remove() { implementation_->remove(); }
+std::optional<std::string> KernelRules::remove() { return implementation_->remove(); }
 
 }  // namespace orvane

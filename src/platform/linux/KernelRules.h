@@ -12,9 +12,13 @@ namespace orvane {
 // Bits of the packet's and the connection's mark that are the extension's, in both tables of both families. They leave
 // alone those that VPNs and container engines use; docs/linux.md lists them.
 inline constexpr uint32_t kMarkMask = 0x12000000;
-inline constexpr uint32_t kMarkPending = 0x02000000;  // of the connection: payload goes to the queue
-inline constexpr uint32_t kMarkAllowed = 0x10000000;  // of the packet, then of the connection
-inline constexpr uint32_t kMarkDropped = 0x12000000;  // likewise
+inline constexpr uint32_t kMarkPending = 0x02000000;  // its payload goes to the queue
+inline constexpr uint32_t kMarkAllowed = 0x10000000;
+inline constexpr uint32_t kMarkDropped = 0x12000000;
+
+// The mark with which a packet leaves the queue: one of those above in place of our bits, the others as they were. The
+// packet goes through the rules once more, which move our bits to the connection's mark.
+constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (packetMark & ~kMarkMask) | answer; }
 
 // The packet queue of a network namespace (nfnetlink_queue) that the rules name.
 inline constexpr uint16_t kQueueNumber = 20743;
@@ -46,8 +50,8 @@ class KernelRules {
   // not. Takes what changes() had to say. `error` says why, when Broken.
   State check(std::string& error);
 
-  // Takes the rules away. No harm when they are not there.
-  void remove();
+  // Takes the rules away. No harm when they are not there. Returns what went wrong.
+  std::optional<std::string> remove();
 
  private:
   struct Implementation;

@@ -118,21 +118,20 @@ class NewConnections {
 // a connection's window) match none of them, but would match the contrary of one.
 //
 // Mangle marks connections at their begin, and hands those that wait for a verdict to the queue. The direction is
-// tested since both ends of a connection of this machine to itself send here. A verdict comes as the mark of a packet
-// that the queue has accepted, to filter, which comes after mangle. There, the reset that answers a dropped connection
-// belongs to that connection itself, and must get out.
+// tested since both ends of a connection of this machine to itself send here. What the queue has looked at comes
+// through mangle once more, with the answer as its mark: that is kept with the connection, taken off the packet, and
+// the packet meets the rules of others as if it had never been away. Where the answer is that the verdict is still
+// open, the mark is that of a pending connection, so that the packet is known and not queued again. Marks count on
+// connections of ours alone: those of others may use the same bits. In filter, the reset that answers a dropped
+// connection belongs to that connection itself, and must get out.
 //
 // A SYN begins anew, whatever is known of its two ends: the tracking may take a connection that uses the ports of one
-// that was reset for the same one. Of resets, those with an acknowledgment are the end of the sender's own connection; a
-// bare one answers a stray segment, such as the first of what the other end believes is still the old connection.
+// that was reset for the same one. Of resets, those with an acknowledgment are the end of the sender's own connection;
+// a bare one answers a stray segment, such as the first of what the other end believes is still the old connection.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
-:ORVANE-VERDICT - [0:0]
 :ORVANE-DROP - [0:0]
--A ORVANE-OUTPUT -m mark ! --mark @NONE -j ORVANE-VERDICT
 -A ORVANE-OUTPUT -m connmark --mark @DROPPED -j ORVANE-DROP
--A ORVANE-VERDICT -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
--A ORVANE-VERDICT -j MARK --set-xmark @NONE
 -A ORVANE-DROP -p tcp --tcp-flags RST RST -j RETURN
 -A ORVANE-DROP -p tcp -j REJECT --reject-with tcp-reset
 -A ORVANE-DROP -j REJECT --reject-with @UNREACHABLE
@@ -142,6 +141,8 @@ COMMIT
 :ORVANE-NEW - [0:0]
 :ORVANE-PENDING - [0:0]
 :ORVANE-QUEUE - [0:0]
+:ORVANE-VERDICT - [0:0]
+-A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
@@ -151,6 +152,8 @@ COMMIT
 -A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN @QUEUE
 -A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK @QUEUE
 -A ORVANE-QUEUE -p udp @QUEUE
+-A ORVANE-VERDICT -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
+-A ORVANE-VERDICT -j MARK --set-xmark @NONE
 COMMIT
 )";
 

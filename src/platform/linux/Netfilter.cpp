@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -9,7 +10,6 @@
 #include <system_error>
 
 #include "platform/Log.h"
-#include "platform/linux/ConnectionMark.h"
 #include "platform/linux/FlowCounters.h"
 #include "platform/linux/PacketQueue.h"
 #include "platform/linux/QueueWatchdog.h"
@@ -30,6 +30,7 @@ constexpr auto kRulesLook = 500ms;
 
 class SystemOwners final : public FlowOwners {
  public:
+  std::optional<std::string> check() { return owners_.check(); }
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
@@ -46,12 +47,11 @@ struct Netfilter::Queue {
 
   void serve(int stop);
   void handle(const QueuedPacket& queued);
-  void answer(const QueuedPacket& queued, const std::optional<Packet>& packet, PacketVerdict verdict);
+  void bindAgain();
 
   PacketQueue packets{kQueueNumber};
   QueueWatchdog watchdog;
   SystemOwners owners;
-  ConnectionMarks marks;
   QueuedFlows flows;
 };
 
@@ -68,12 +68,16 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   auto error = queue->packets.open();
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
   if (error) return "netfilter: " + *error;
-  // Before the rules, so that no connection of theirs goes unrecorded.
+  if (error = queue->owners.check(); error) return "netfilter: " + *error;
   auto noRecords = queue->owners.recordOpeners();
-  if (error = rules_.install(settings); error) return "netfilter: " + *error;
   queue_ = std::move(queue);
   try {
+    // Before the rules: what they lead here is not to wait for the last of them.
     queueThread_ = std::thread([this] { queue_->serve(stopQueue_.get()); });
+    if (error = rules_.install(settings); error) {
+      stop();
+      return "netfilter: " + *error;
+    }
     rulesThread_ = std::thread(&Netfilter::watchRules, this);
   } catch (const std::system_error& failure) {
     stop();
@@ -83,6 +87,10 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are read from the process table: %@", *noRecords);
   } else {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are recorded by the kernel");
+  }
+  // The first process is another user's wherever that matters.
+  if (char link[1]; readlink("/proc/1/exe", link, sizeof link) < 0) {
+    ORVANE_LOG_DEFAULT(default_log(), "netfilter: programs of other users are not recognised, without CAP_SYS_PTRACE");
   }
   return std::nullopt;
 }
@@ -94,7 +102,9 @@ void Netfilter::stop() {
     rulesThread_.join();
   }
   // While the queue is still served, so that no packet is caught between the two.
-  rules_.remove();
+  if (auto error = rules_.remove()) {
+    ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules are still there: %@", *error);
+  }
   if (queueThread_.joinable()) {
     eventfd_write(stopQueue_.get(), 1);
     queueThread_.join();
@@ -126,19 +136,13 @@ void Netfilter::watchRules() {
 }
 
 void Netfilter::Queue::serve(int stop) {
-  // Until it says so, the watchdog does not count.
-  watchdog.beat();
   auto handler = [this](const QueuedPacket& queued) { handle(queued); };
   for (;;) {
     pollfd packet{packets.descriptor(), POLLIN, 0};
     bool stopped = wait_for({&packet, 1}, stop, deadline_after(kBeat)) == Wait::Stopped;
     PacketQueue::Read read;
     do {
-      if (watchdog.beat()) {
-        packets.bindAgain();
-        flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
-        ORVANE_LOG_ERROR(default_log(), "netfilter: the filter was silent, and traffic passed unfiltered meanwhile");
-      }
+      if (watchdog.beat()) bindAgain();
       read = packets.read(handler);
       if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
     } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
@@ -155,21 +159,32 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   auto start = std::chrono::steady_clock::now();
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.outputInterface);
-  answer(queued, packet, packet ? flows.judge(*packet, start) : PacketVerdict::Open);
+  uint32_t answer = kMarkPending;
+  switch (packet ? flows.judge(*packet, start) : PacketVerdict::Open) {
+    case PacketVerdict::Open:
+      break;
+    case PacketVerdict::Allowed:
+      answer = kMarkAllowed;
+      break;
+    case PacketVerdict::Dropped:
+      answer = kMarkDropped;
+      break;
+  }
+  packets.answer(queued.id, answer_mark(queued.mark, answer));
   auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   flow_counters().held(static_cast<uint64_t>(held.count()));
 }
 
-// The verdict travels in the packet's mark, and the rules that the packet meets next save it to the connection's. A
-// packet that bears a mark of others is left as it is, and the connection is marked directly: a changed mark makes the
-// kernel choose the route anew, and a rule of theirs may be about the whole mark.
-void Netfilter::Queue::answer(const QueuedPacket& queued, const std::optional<Packet>& packet, PacketVerdict verdict) {
-  if (verdict == PacketVerdict::Open) return packets.accept(queued.id, std::nullopt);
-  uint32_t ours = verdict == PacketVerdict::Dropped ? kMarkDropped : kMarkAllowed;
-  bool foreign = (queued.mark & ~kMarkMask) != 0;
-  if (foreign && marks.set(packet->ends, ours, kMarkMask)) return packets.accept(queued.id, std::nullopt);
-  if (foreign && verdict == PacketVerdict::Allowed) return packets.accept(queued.id, std::nullopt);
-  packets.accept(queued.id, (queued.mark & ~kMarkMask) | ours);
+// The watchdog gave the queue up. What is left of it in the socket are packets that the kernel has dropped; it counts
+// anew from now on, and would take answers to them for answers to others.
+void Netfilter::Queue::bindAgain() {
+  PacketQueue::Read left;
+  do {
+    left = packets.read([](const QueuedPacket&) {});
+  } while (left != PacketQueue::Read::Nothing && left != PacketQueue::Read::Failed);
+  packets.bindAgain();
+  flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
+  ORVANE_LOG_ERROR(default_log(), "netfilter: the filter was silent, and traffic passed unfiltered meanwhile");
 }
 
 }  // namespace orvane

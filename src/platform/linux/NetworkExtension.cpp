@@ -146,6 +146,7 @@ void NEFilterProvider::registerProviderClass(std::string_view name, Ref<NEFilter
 int32_t NEFilterProvider::startSystemExtensionMode() {
   block_main_signals();
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGCHLD, SIG_DFL);  // a launcher may have it ignored, and nobody would learn how our children ended
   Value classes = extension_setting("NEProviderClasses");
   const Value* name = classes.find("com.apple.networkextension.filter-data");
   if (name == nullptr || !name->isString()) {

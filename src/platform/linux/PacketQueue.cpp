@@ -18,9 +18,9 @@ namespace {
 
 constexpr size_t kLargestPacket = 0xffff;
 constexpr size_t kMessageRoom = 8192;  // around the packet
-// Packets in the kernel's hands. A burst of new connections is one packet each.
-constexpr uint32_t kQueueLength = 16384;
-// For the copies of these: small packets take some 2 KiB of it each. Memory is taken as it is used.
+// Packets in the kernel's hands. More than the socket's buffer has room for: that one's overruns are told.
+constexpr uint32_t kQueueLength = 1 << 17;
+// For copies of packets. A burst of new connections is one packet each, of some 2 KiB. Memory is taken as it is used.
 constexpr int kSocketBuffer = 64 << 20;
 constexpr uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_GSO;
 
@@ -65,10 +65,13 @@ std::optional<std::string> PacketQueue::configure(const std::function<void(nlmsg
   header->nlmsg_seq = 1;
   put(header);
   ssize_t size = mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);
-  if (size >= 0) size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
   unsigned port = mnl_socket_get_portid(socket_.get());
-  if (size >= 0 && mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) {
-    return std::nullopt;
+  while (size >= 0) {
+    size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
+    // Rules that a predecessor left behind may lead packets here already. The sender will send them again.
+    if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
+    if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return std::nullopt;
+    break;
   }
   if (errno == EPERM) return "not permitted: it takes CAP_NET_ADMIN, and that no other program has this queue";
   return std::generic_category().message(errno);
@@ -111,11 +114,11 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   return packets ? Read::Packet : Read::Other;
 }
 
-void PacketQueue::accept(uint32_t id, std::optional<uint32_t> mark) {
+void PacketQueue::answer(uint32_t id, uint32_t mark) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_VERDICT, number_);
-  nfq_nlmsg_verdict_put(header, static_cast<int>(id), NF_ACCEPT);
-  if (mark) nfq_nlmsg_verdict_put_mark(header, *mark);
+  nfq_nlmsg_verdict_put(header, static_cast<int>(id), NF_REPEAT);
+  nfq_nlmsg_verdict_put_mark(header, mark);
   // The kernel takes it during the call; its complaint about a packet that is gone comes to read().
   mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);
 }

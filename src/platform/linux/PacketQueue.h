@@ -14,7 +14,7 @@ struct nlmsghdr;
 
 namespace orvane {
 
-// An outbound packet that the kernel holds until accept() names it.
+// An outbound packet that the kernel holds until answer() names it.
 struct QueuedPacket {
   uint32_t id;
   uint32_t mark;                   // of the packet
@@ -47,8 +47,10 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // Lets a packet go on, with this mark where one is given: it replaces the whole mark.
-  void accept(uint32_t id, std::optional<uint32_t> mark);
+  // Has a packet go once more through the rules that queued it, from the first of their table's chain on: what another
+  // program's rules there say is about it too. The mark, which replaces the whole of the packet's, must tell our rules
+  // not to queue it again.
+  void answer(uint32_t id, uint32_t mark);
 
  private:
   std::optional<std::string> configure(const std::function<void(nlmsghdr*)>& put);

@@ -184,7 +184,7 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid)
       it = now - it->second.found > kKnownTime ? known_.erase(it) : ++it;
     if (known_.size() >= kKnownLimit) known_.clear();
   }
-  known_.insert_or_assign(pid, Known{process, now, std::nullopt});
+  known_.insert_or_assign(pid, Known{process, now});
   return process;
 }
 
@@ -202,25 +202,11 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findKnown(pid_t
 pid_t ProcessIdentity::responsibleFor(pid_t pid) {
   auto process = find(pid);
   if (process == nullptr) return -1;
-  {
-    std::lock_guard lock(mutex_);
-    auto it = known_.find(pid);
-    if (it != known_.end() && it->second.process == process && it->second.responsible) return *it->second.responsible;
-  }
-  pid_t responsible = findResponsible(*process);
-  std::lock_guard lock(mutex_);
-  if (auto it = known_.find(pid); it != known_.end() && it->second.process == process) {
-    it->second.responsible = responsible;
-  }
-  return responsible;
-}
-
-pid_t ProcessIdentity::findResponsible(const Process& process) {
-  if (isApplication(process)) return process.information.pid();
-  auto unit = unit_of_control_groups(process.information.controlGroups());
-  if (auto ancestor = applicationAbove(process, unit)) return *ancestor;
+  if (isApplication(*process)) return pid;
+  auto unit = unit_of_control_groups(process->information.controlGroups());
+  if (auto ancestor = applicationAbove(*process, unit)) return *ancestor;
   if (auto named = unit ? applicationOfUnit(*unit) : std::nullopt) return *named;
-  return process.information.pid();
+  return pid;
 }
 
 std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,

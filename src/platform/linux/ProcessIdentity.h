@@ -72,13 +72,11 @@ class ProcessIdentity {
   struct Known {
     std::shared_ptr<const Process> process;
     std::chrono::steady_clock::time_point found;
-    std::optional<pid_t> responsible;
   };
 
   std::shared_ptr<const Process> findKnown(pid_t pid);
   Program programOf(const ProcessInformation& process) const;
   bool isApplication(const Process& process) { return applicationOf(process.program).has_value(); }
-  pid_t findResponsible(const Process& process);
   std::optional<pid_t> applicationAbove(const Process& process, const std::optional<ApplicationUnit>& unit);
   std::optional<pid_t> applicationOfUnit(const ApplicationUnit& unit);
 

@@ -93,7 +93,7 @@ void QueueWatchdog::watch() {
     pollfd end{watched_.get(), 0, 0};
     if (poll(&end, 1, kLookMilliseconds) > 0) _exit(0);
     uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
-    silent = beats == last ? silent + 1 : 0;
+    silent = beats == last && beats != 0 ? silent + 1 : 0;  // it counts from the first sign of life on
     last = beats;
     // At the first look too late, and not again before there was another beat.
     if (silent != kLooks) continue;

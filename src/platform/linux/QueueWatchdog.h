@@ -26,8 +26,8 @@ class QueueWatchdog {
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // The thread lives. Call it at least twice a second. Returns true when the queue has been given up since the last
-  // call: it must be bound again. A watchdog that has died is replaced.
+  // The thread lives; the first call begins the watch. Call it at least twice a second. Returns true when the queue has
+  // been given up since the last call: it must be bound again. A watchdog that has died is replaced.
   bool beat();
 
  private:

@@ -60,8 +60,9 @@ QueuedFlows::Flows::iterator QueuedFlows::flowOf(const Packet& packet) {
   auto found = flows_.find(packet.ends);
   if (found != flows_.end()) {
     uint64_t known = found->second->cookie;
-    if (!socket || known == 0 || socket->cookie == known) return found->second;
-    auto& list = is_settled(found->second->session) ? judged_ : open_;
+    bool settled = is_settled(found->second->session);
+    if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
+    auto& list = settled ? judged_ : open_;
     list.erase(found->second);
     flows_.erase(found);
   }

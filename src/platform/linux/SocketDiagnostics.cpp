@@ -32,7 +32,9 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
   return a.family == b.family && a.address == b.address;
 }
 
-// How well a socket fits a pair; 0 when the pair cannot be its.
+// How well a socket fits a pair; 0 when the pair cannot be its. From kPeerFits on, of a datagram's, it has that peer.
+constexpr int kPeerFits = 5;
+
 int fitness(const SocketPair& pair, const inet_diag_msg& message) {
   SocketAddress local = read_end(message.idiag_family, message.id.idiag_src, message.id.idiag_sport);
   SocketAddress remote = read_end(message.idiag_family, message.id.idiag_dst, message.id.idiag_dport);
@@ -89,7 +91,8 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
     if (fits <= best) return;
     best = fits;
     uint64_t cookie = uint64_t{message.id.idiag_cookie[1]} << 32 | message.id.idiag_cookie[0];
-    found = SocketFacts{cookie, message.idiag_inode, message.idiag_uid};
+    found =
+        SocketFacts{cookie, message.idiag_inode, message.idiag_uid, message.id.idiag_dport != 0 && fits >= kPeerFits};
   };
   errno = 0;
   inet_diag_req_v2 exact = exact_request(pair);

@@ -3,9 +3,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -25,7 +28,7 @@ class SeenSockets {
  public:
   struct Place {
     pid_t process;
-    std::string descriptor;  // its path in the process's directory
+    int descriptor;
   };
 
   std::optional<Place> find(const std::string& link) {
@@ -34,17 +37,44 @@ class SeenSockets {
     return it == places_.end() ? std::nullopt : std::optional(it->second);
   }
 
-  void put(std::string_view link, pid_t process, const char* descriptor) {
+  void put(std::string_view link, pid_t process, int descriptor) {
     std::lock_guard lock(mutex_);
     if (places_.size() >= kLimit) places_.clear();
-    places_.insert_or_assign(std::string(link), Place{process, std::string("fd/") + descriptor});
+    places_.insert_or_assign(std::string(link), Place{process, descriptor});
+  }
+
+  // That all descriptors of a process have been read.
+  void putReading(const ProcessInformation& process, uint64_t begin) {
+    std::lock_guard lock(mutex_);
+    if (readings_.size() >= kReadingsLimit) readings_.clear();
+    readings_.insert_or_assign(process.pid(), Reading{process.version(), begin});
+  }
+
+  // Whether that was when `child` had begun already: what was not seen then, the child has not inherited.
+  bool readSince(const ProcessInformation& process, const ProcessInformation& child) {
+    std::lock_guard lock(mutex_);
+    auto it = readings_.find(process.pid());
+    return it != readings_.end() && it->second.version == process.version() && it->second.begin > child.startTime();
   }
 
  private:
-  static constexpr size_t kLimit = 8192;
+  struct Reading {
+    uint32_t version;
+    uint64_t begin;  // clock ticks since boot
+  };
+
+  static constexpr size_t kLimit = 8192, kReadingsLimit = 256;
   std::mutex mutex_;
   std::unordered_map<std::string, Place> places_;
+  std::unordered_map<pid_t, Reading> readings_;
 };
+
+uint64_t ticks_since_boot() {
+  static const auto kTicks = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * kTicks + static_cast<uint64_t>(now.tv_nsec) / (1'000'000'000 / kTicks);
+}
 
 SeenSockets& seen_sockets() {
   static auto* sockets = new SeenSockets;
@@ -67,21 +97,27 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     return false;
   }
   std::array<char, 64> target;
+  uint64_t begin = ticks_since_boot();
   bool holds = false;
   while (const dirent* entry = ::readdir(descriptors.get())) {
     std::string_view found = socket_link(descriptor, entry->d_name, target);
     if (found.empty()) continue;
     if (found == link) holds = true;
-    seen_sockets().put(found, process.pid(), entry->d_name);
+    seen_sockets().put(found, process.pid(), std::atoi(entry->d_name));
   }
+  seen_sockets().putReading(process, begin);
   return holds;
+}
+
+bool holds_at(const ProcessInformation& process, int descriptor, std::string_view link) {
+  std::array<char, 64> target;
+  return socket_link(process.directory(), ("fd/" + std::to_string(descriptor)).c_str(), target) == link;
 }
 
 std::optional<ProcessInformation> holder_seen(const std::string& link) {
   auto place = seen_sockets().find(link);
   auto process = place ? ProcessInformation::open(place->process) : std::nullopt;
-  std::array<char, 64> target;
-  if (!process || socket_link(process->directory(), place->descriptor.c_str(), target) != link) return std::nullopt;
+  if (!process || !holds_at(*process, place->descriptor, link)) return std::nullopt;
   return process;
 }
 
@@ -89,27 +125,40 @@ std::optional<ProcessInformation> holder_seen(const std::string& link) {
 // process's descriptors are read in a fraction of the time that the whole table takes.
 class LastOwners {
  public:
-  std::vector<pid_t> get() {
+  std::vector<SeenSockets::Place> get() {
     std::lock_guard lock(mutex_);
     return owners_;
   }
 
-  void put(pid_t pid) {
+  void put(const SeenSockets::Place& owner) {
     std::lock_guard lock(mutex_);
-    owners_.erase(std::remove(owners_.begin(), owners_.end(), pid), owners_.end());
-    owners_.insert(owners_.begin(), pid);
+    std::erase_if(owners_, [&](const auto& each) { return each.process == owner.process; });
+    owners_.insert(owners_.begin(), owner);
     if (owners_.size() > kLimit) owners_.pop_back();
   }
 
  private:
   static constexpr size_t kLimit = 8;
   std::mutex mutex_;
-  std::vector<pid_t> owners_;
+  std::vector<SeenSockets::Place> owners_;
 };
 
 LastOwners& last_owners() {
   static auto* owners = new LastOwners;
   return *owners;
+}
+
+// Descriptors are given out from the lowest free one on: a new socket's is mostly that of the last one, or next to it.
+std::optional<ProcessInformation> holder_nearby(const std::vector<SeenSockets::Place>& last, const std::string& link) {
+  for (const auto& [pid, descriptor] : last) {
+    auto process = ProcessInformation::open(pid);
+    for (int near : {0, 1, 2, 3, -1}) {
+      if (!process || !holds_at(*process, descriptor + near, link)) continue;
+      seen_sockets().put(link, pid, descriptor + near);
+      return process;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<ProcessInformation> first_holder(const std::vector<pid_t>& candidates, std::string_view link) {
@@ -133,10 +182,11 @@ std::vector<pid_t> other_candidates(const std::vector<pid_t>& looked, uid_t user
   return candidates;
 }
 
-// Children inherit sockets: the one that opened it stands above.
-ProcessInformation topmost_holder(ProcessInformation holder, std::string_view link) {
+// Children inherit sockets: the one that opened it stands above. `isNew`: it was in nobody's hands when descriptors
+// were last read.
+ProcessInformation topmost_holder(ProcessInformation holder, std::string_view link, bool isNew) {
   while (auto parent = ProcessInformation::open(holder.parent())) {
-    if (!holds_socket(*parent, link)) break;
+    if ((isNew && seen_sockets().readSince(*parent, holder)) || !holds_socket(*parent, link)) break;
     holder = std::move(*parent);
   }
   return holder;
@@ -148,13 +198,18 @@ std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket) 
   // What nobody holds any more (the last of it is being sent, or it waits in TIME_WAIT) is in no table.
   if (socket.inode == 0) return std::nullopt;
   std::string link = "socket:[" + std::to_string(socket.inode) + "]";
-  std::vector<pid_t> last = last_owners().get();
+  const auto last = last_owners().get();
+  std::vector<pid_t> lastProcesses;
+  for (const auto& each : last) lastProcesses.push_back(each.process);
+  bool isNew = !seen_sockets().find(link);
   auto holder = holder_seen(link);
-  if (!holder) holder = first_holder(last, link);
-  if (!holder) holder = first_holder(other_candidates(last, socket.user), link);
+  if (!holder) holder = holder_nearby(last, link);
+  if (!holder) holder = first_holder(lastProcesses, link);
+  if (!holder) holder = first_holder(other_candidates(lastProcesses, socket.user), link);
   if (!holder) return std::nullopt;
-  auto topmost = topmost_holder(std::move(*holder), link);
-  last_owners().put(topmost.pid());
+  auto topmost = topmost_holder(std::move(*holder), link, isNew);
+  auto place = seen_sockets().find(link);
+  if (place && place->process == topmost.pid()) last_owners().put(*place);
   return topmost;
 }
 

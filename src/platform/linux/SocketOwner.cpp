@@ -1,10 +1,14 @@
 #include "platform/linux/SocketOwner.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -83,17 +87,43 @@ struct SocketOwners::Implementation {
 SocketOwners::SocketOwners() : implementation_(std::make_unique<Implementation>()) {}
 SocketOwners::~SocketOwners() = default;
 
+std::optional<std::string> SocketOwners::check() {
+  Descriptor trial(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  if (!trial || ::bind(trial.get(), generic, size) != 0 || ::listen(trial.get(), 1) != 0 ||
+      ::getsockname(trial.get(), generic, &size) != 0) {
+    return std::string("no socket to try: ") + std::strerror(errno);
+  }
+  const uint8_t any[4]{};
+  auto local = SocketAddress::from(generic, size);
+  errno = 0;
+  if (local && find({IPPROTO_TCP, *local, SocketAddress::v4(any, 0)})) return std::nullopt;
+  return std::string("the kernel's socket diagnostics do not know our own socket: ") +
+         (errno != 0 ? std::strerror(errno) : "perhaps it lacks tcp_diag");
+}
+
 std::optional<std::string> SocketOwners::recordOpeners() { return implementation_->openers.start(); }
 
 std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
-  // First, as it knows which of the sockets that share a port has sent the datagram.
-  if (auto sender = implementation_->openers.sender(pair)) return sender;
-  return implementation_->diagnostics.find(pair);
+  auto found = implementation_->diagnostics.find(pair);
+  if (pair.protocol != IPPROTO_UDP || (found && found->connected)) return found;
+  // Of sockets that share a port the record knows which has sent the datagram, and it knows those that are closed.
+  int error = errno;
+  auto sender = implementation_->openers.sender(pair);
+  errno = error;
+  return sender ? sender : found;
 }
 
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
   if (auto opener = implementation_->openers.opener(socket.cookie)) {
-    auto token = implementation_->recent.token(*opener);
+    if (auto token = implementation_->recent.token(*opener)) return token_value(token);
+    // It has ended, and may have left the socket to another.
+    auto heir = find_socket_holder(socket);
+    auto token = heir ? heir->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));
   }
   auto holder = find_socket_holder(socket);

@@ -14,9 +14,10 @@ namespace orvane {
 
 // A socket of this network namespace, as the kernel's socket diagnostics (sock_diag(7)) tell of it.
 struct SocketFacts {
-  uint64_t cookie;  // no other socket has had it since the system's start
-  uint32_t inode;   // 0 when no process holds it any more, and when it has not been asked for
-  uid_t user;       // who made it
+  uint64_t cookie;         // no other socket has had it since the system's start
+  uint32_t inode;          // 0 when no process holds it any more, and when it has not been asked for
+  uid_t user;              // who made it
+  bool connected = false;  // to the remote end that was asked about; else only bound to the local one
 };
 
 // Who owns sockets. Two sources: what the kernel has recorded since recordOpeners(), the process that last connected
@@ -35,6 +36,9 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
+  // Tries whether sockets can be found at all, on one of its own. Returns why not: every flow would be nobody's then.
+  std::optional<std::string> check();
+
   // Has the kernel record, from now to the object's end, which process connects a socket or sends a datagram (BPF
   // programs on the topmost control group, cgroup version 2). Needs CAP_BPF and CAP_NET_ADMIN, and to see processes
   // under the numbers that the whole system knows them by. Returns why it cannot be; the process table answers alone
@@ -49,8 +53,8 @@ class SocketOwners {
 
   // The audit token (data of 32 bytes) of the process that owns the socket. Nil when neither source knows one.
   //
-  // A recorded process that has ended since is named by a token whose version is 0: it tells the identifier, and no
-  // running process is mistaken for it.
+  // A recorded process that has ended since may have left its socket to another: that is the owner then. Else it is
+  // named by a token whose version is 0, which no running process has.
   Value ownerOf(const SocketFacts& socket);
 
  private:
