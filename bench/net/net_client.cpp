@@ -1,12 +1,15 @@
 // The two ends of the network benchmark, on loopback addresses of a network namespace.
 //
 //   net_client serve PORT                         answers requests, one a connection, and swallows streams
-//   net_client load PORT COUNT CLIENTS            prints the times of COUNT connections, made by CLIENTS at once
+//   net_client load PORT COUNT CLIENTS PAUSE      prints the times of COUNT connections, made by CLIENTS at once, each
+//                                                 PAUSE milliseconds after the last
 //   net_client stream PORT MEBIBYTES              prints MiB/s of one long connection
 //
-// A connection's time is that of connect, request and response. Prints one line of JSON.
+// A connection's time is that of connect, request and response. Prints one line of JSON. While it makes connections it
+// holds as many other files open as a browser does: whoever looks for a socket's owner has to look through them.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,6 +28,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr int kOpenFiles = 300;
 constexpr std::string_view kRequest = "GET / HTTP/1.1\r\nHost: news.example\r\nConnection: close\r\n\r\n";
 constexpr std::string_view kResponse = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nOK";
 
@@ -99,7 +103,10 @@ bool fetch(uint16_t port, uint32_t host) {
   return std::string_view(buffer, size) == kResponse;
 }
 
-int load(uint16_t port, size_t count, size_t clients) {
+int load(uint16_t port, size_t count, size_t clients, std::chrono::milliseconds pause) {
+  for (int i = 0; i < kOpenFiles; ++i) {
+    if (open("/dev/null", O_RDONLY | O_CLOEXEC) < 0) return 1;
+  }
   std::vector<std::vector<double>> times(clients);
   std::atomic<size_t> lost{0};
   auto start = Clock::now();
@@ -107,6 +114,7 @@ int load(uint16_t port, size_t count, size_t clients) {
   for (size_t i = 0; i < clients; ++i) {
     threads.emplace_back([&, i] {
       for (size_t n = i; n < count; n += clients) {
+        if (pause.count() > 0) std::this_thread::sleep_for(pause);
         auto begin = Clock::now();
         if (!fetch(port, static_cast<uint32_t>(1 + n % 8))) ++lost;
         times[i].push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
@@ -144,8 +152,10 @@ int main(int count, char** arguments) {
   std::string_view what = count > 1 ? arguments[1] : "";
   auto port = static_cast<uint16_t>(number(2));
   if (what == "serve" && port != 0) return serve(port);
-  if (what == "load" && number(3) != 0 && number(4) != 0) return load(port, number(3), number(4));
+  if (what == "load" && number(3) != 0 && number(4) != 0) {
+    return load(port, number(3), number(4), std::chrono::milliseconds(number(5)));
+  }
   if (what == "stream" && number(3) != 0) return stream(port, number(3));
-  std::fputs("usage: net_client serve PORT | load PORT COUNT CLIENTS | stream PORT MEBIBYTES\n", stderr);
+  std::fputs("usage: net_client serve PORT | load PORT COUNT CLIENTS PAUSE | stream PORT MEBIBYTES\n", stderr);
   return 2;
 }

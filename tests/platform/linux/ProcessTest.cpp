@@ -1,3 +1,5 @@
+#include <fcntl.h>
+
 #include "platform/Process.h"
 #include "platform/linux/ProcessIdentity.h"
 #include "platform/linux/Programs.h"
@@ -88,6 +90,34 @@ TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
     EXPECT_EQ(row.identifier, identity.identifierOf(process->program).value_or("none")) << row.pid;
     EXPECT_EQ(row.responsible, identity.responsibleFor(row.pid)) << row.pid;
   }
+}
+
+TEST(ProcessTest, BelievesNoMemoryOfAProcessThatRunsAnotherProgramOrHasEnded) {
+  Folder folder;
+  std::string next = folder.program("bin/next");
+  int gate[2];
+  ASSERT_EQ(0, ::pipe2(gate, O_CLOEXEC));
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(gate[1]);
+    char byte;
+    if (::read(gate[0], &byte, 1) == 0) ::execl(next.c_str(), "next", "100", nullptr);
+    ::_exit(1);
+  }
+  ProcessIdentity identity(folder.folders());
+  auto name = [&] {
+    auto process = identity.find(pid);
+    return process ? identity.identifierOf(process->program).value_or("none") : "ended";
+  };
+  std::string before = name();
+  EXPECT_NE("next", before);
+  ::close(gate[0]);
+  ::close(gate[1]);
+  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // the memory lasts for longer
+  EXPECT_EQ("next", name());
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  EXPECT_EQ("ended", name());
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/sched.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <cstring>
@@ -198,6 +200,39 @@ TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentif
       EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
     }
   }
+}
+
+TEST(SocketOwnerTest, FindsTheHeirOfAnOpenerThatEnded) {
+  if (!enter_own_network()) GTEST_SKIP() << "a network of its own is not to be had";
+  SocketOwners owners;
+  auto unrecorded = owners.recordOpeners();
+  if (unrecorded) GTEST_SKIP() << *unrecorded;
+  const Sending kHow{AF_INET, SOCK_STREAM, "127.0.0.1", Way::Connect};
+  Address target = literal(kHow.target);
+  Descriptor receiver(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), connection;
+  ASSERT_EQ(0, ::bind(receiver.get(), generic(target), sizeof target));
+  ASSERT_EQ(0, ::listen(receiver.get(), 1));
+  target = address_of(receiver);
+  int told[2];
+  ASSERT_EQ(0, ::pipe2(told, O_CLOEXEC));
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // the heir becomes ours, and is ended here
+  auto leave = [&] {
+    send(kHow, target);
+    pid_t heir = ::fork();
+    if (heir == 0) ::pause();
+    if (::write(told[1], &heir, sizeof heir) != sizeof heir) ::_exit(1);
+  };
+  Child opener(leave, false);
+  pid_t heir = 0;
+  ASSERT_EQ(static_cast<ssize_t>(sizeof heir), ::read(told[0], &heir, sizeof heir));
+  ::waitpid(std::exchange(opener.pid, 0), nullptr, 0);
+  SocketPair pair = receive(receiver, kHow, connection);
+  auto socket = owners.find(pair);
+  ASSERT_TRUE(socket) << std::strerror(errno);
+  EXPECT_EQ(static_cast<uint32_t>(heir), token_of(owners.ownerOf(*socket)).val[5]);
+  ::kill(heir, SIGKILL);
+  ::waitpid(heir, nullptr, 0);
+  for (int descriptor : told) ::close(descriptor);
 }
 
 TEST(SocketOwnerTest, SaysWhyNothingIsRecorded) {
