@@ -143,7 +143,7 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
     folder.mkdir()
     copy = shutil.copy(path, folder / "com.apple.Safari")
     safari = programs.Curl("a copy of curl", copy, "com.apple.Safari", directory, servers.authority)
-    table.scene("PLSafariFilterDataProvider, with the browser curl")
+    table.scene("PLSafariFilterDataProvider, with the browser com.apple.Safari: a copy of curl")
     with Extension(build, directory / "one-browser", "PLSafariFilterDataProvider", ["curl"]) as extension:
         _safari_provider(_Stage(extension, servers, table, False), safari, curl, table)
 

@@ -125,8 +125,12 @@ CommandResult run_command(const std::vector<std::string>& words, std::string_vie
   const int status = wait_for(process, timedOut);
   if (timedOut) return {false, false, {}, name + " did not end within ten seconds"};
   if (status == 0) return {true, false, text_of(out), {}};
-  const std::string reason = one_line(text_of(problems));
-  return {false, false, {}, name + " failed: " + (reason.empty() ? "status " + std::to_string(status) : reason)};
+  std::string reason = one_line(text_of(problems));
+  if (reason.empty()) {
+    reason = WIFEXITED(status) ? "exit status " + std::to_string(WEXITSTATUS(status))
+                               : "ended by signal " + std::to_string(WTERMSIG(status));
+  }
+  return {false, false, {}, name + " failed: " + reason};
 }
 
 }  // namespace orvane

@@ -72,6 +72,13 @@ std::string jumps_away(const Table& table) {
   return text;
 }
 
+// Whether the table has a chain of ours that is not in `text`: another version's.
+bool has_others(const Table& table, std::string_view text) {
+  return std::any_of(table.chains.begin(), table.chains.end(), [text](const std::string& chain) {
+    return text.find("\n:" + chain + " ") == std::string_view::npos;
+  });
+}
+
 // In one transaction for each table, so there is no moment without the jump. A -D of a rule that is not there would
 // abort it, and a plain -I leave a second jump.
 std::string jumps_first(const Tables& now) {
@@ -109,8 +116,16 @@ class Family {
   std::optional<std::string> put() {
     std::string error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-      const auto before = read(error);
+      auto before = read(error);
       if (!before) continue;
+      const std::string_view text = text_;
+      const size_t mangle = text.find("*mangle");
+      if (has_others(before->filter, text.substr(0, mangle)) || has_others(before->mangle, text.substr(mangle))) {
+        // A moment without rules, which comes with a change of versions alone.
+        if (!restore(all_away("mangle", before->mangle) + all_away("filter", before->filter), error)) continue;
+        before = read(error);
+        if (!before) continue;
+      }
       if (!restore(text_ + jumps_first(*before), error)) continue;
       const auto after = read(error);
       if (!after) continue;

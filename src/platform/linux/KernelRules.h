@@ -17,7 +17,8 @@ inline constexpr uint32_t kMarkAllowed = 0x10000000;
 inline constexpr uint32_t kMarkDropped = 0x12000000;
 
 // The mark with which a packet leaves the queue: one of those above in place of our bits, the others as they were. The
-// packet goes through the rules once more, which move our bits to the connection's mark.
+// packet goes through the rules once more, which move our bits to the connection's mark. It comes with that of an
+// allowed one, and is routed anew when it leaves with another.
 constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (packetMark & ~kMarkMask) | answer; }
 
 // The packet queue of a network namespace (nfnetlink_queue) that the rules name.

@@ -114,24 +114,33 @@ class NewConnections {
   std::string text_, error_;
 };
 
-// Both tables. All tests of the connection's mark are for a value: packets without a connection (NOTRACK rules, out of
-// a connection's window) match none of them, but would match the contrary of one.
+// Both tables. A packet without a connection (NOTRACK rules, out of a connection's window) matches no test of the
+// connection's mark, nor the contrary of one.
 //
 // Mangle marks connections at their begin, and hands those that wait for a verdict to the queue. The direction is
 // tested since both ends of a connection of this machine to itself send here. What the queue has looked at comes
-// through mangle once more, with the answer as its mark: that is kept with the connection, taken off the packet, and
-// the packet meets the rules of others as if it had never been away. Where the answer is that the verdict is still
-// open, the mark is that of a pending connection, so that the packet is known and not queued again. Marks count on
-// connections of ours alone: those of others may use the same bits. In filter, the reset that answers a dropped
-// connection belongs to that connection itself, and must get out.
+// through mangle once more, with the answer as its mark: that is kept with the connection, and the packet meets the
+// rules of others as if it had never been away. Where the answer is that the verdict is still open, the mark is that of
+// a pending connection, so that the packet is known and not queued again; it is not kept, as the verdict may have come
+// meanwhile. Marks count on connections of ours alone: those of others may use the same bits.
+//
+// A packet whose mark is not what it was, after mangle or after a queue, is routed anew, and as if no user had sent it.
+// So an allowed packet's mark must not change there: it goes to the queue as allowed, which is also what becomes of a
+// connection when nobody is there to ask. Filter takes our bits off. It keeps the answer too, for a packet that comes
+// from the queue without a second turn. The reset that answers a dropped connection belongs to that connection itself,
+// and must get out.
 //
 // A SYN begins anew, whatever is known of its two ends: the tracking may take a connection that uses the ports of one
 // that was reset for the same one. Of resets, those with an acknowledgment are the end of the sender's own connection;
 // a bare one answers a stray segment, such as the first of what the other end believes is still the old connection.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
+:ORVANE-VERDICT - [0:0]
 :ORVANE-DROP - [0:0]
+-A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -j ORVANE-VERDICT
 -A ORVANE-OUTPUT -m connmark --mark @DROPPED -j ORVANE-DROP
+-A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
+-A ORVANE-VERDICT -j MARK --set-xmark @NONE
 -A ORVANE-DROP -p tcp --tcp-flags RST RST -j RETURN
 -A ORVANE-DROP -p tcp -j REJECT --reject-with tcp-reset
 -A ORVANE-DROP -j REJECT --reject-with @UNREACHABLE
@@ -141,6 +150,7 @@ COMMIT
 :ORVANE-NEW - [0:0]
 :ORVANE-PENDING - [0:0]
 :ORVANE-QUEUE - [0:0]
+:ORVANE-ASK - [0:0]
 :ORVANE-VERDICT - [0:0]
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
@@ -148,12 +158,13 @@ COMMIT
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
--A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
--A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN @QUEUE
--A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK @QUEUE
--A ORVANE-QUEUE -p udp @QUEUE
--A ORVANE-VERDICT -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
--A ORVANE-VERDICT -j MARK --set-xmark @NONE
+-A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-ASK
+-A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN -g ORVANE-ASK
+-A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK -g ORVANE-ASK
+-A ORVANE-QUEUE -p udp -g ORVANE-ASK
+-A ORVANE-ASK -j MARK --set-xmark @ALLOWED
+-A ORVANE-ASK @QUEUE
+-A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
 COMMIT
 )";
 
@@ -167,6 +178,7 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
       {"@UNREACHABLE", v4 ? "icmp-port-unreachable" : "icmp6-port-unreachable"},
       {"@NEW_CONNECTIONS", newConnections},
       {"@HAS_PAYLOAD", v4 ? kHasPayload4 : kHasPayload6},
+      {"@ALLOWED", marked(kMarkAllowed)},
       {"@QUEUE", "-j NFQUEUE --queue-num " + std::to_string(kQueueNumber) + " --queue-bypass"},
   };
   std::string text = kTables;

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include "platform/Log.h"
 #include "platform/linux/FlowCounters.h"
 #include "platform/linux/PacketQueue.h"
+#include "platform/linux/ProcessInformation.h"
 #include "platform/linux/QueueWatchdog.h"
 #include "platform/linux/QueuedFlows.h"
 #include "platform/linux/SocketIO.h"
@@ -39,6 +41,20 @@ class SystemOwners final : public FlowOwners {
   SocketOwners owners_;
 };
 
+// Whether what another user's process runs can be seen. True when there is no other user's process.
+bool sees_programs_of_others() {
+  bool others = false;
+  for (pid_t pid : process_identifiers()) {
+    const std::string folder = "/proc/" + std::to_string(pid);
+    struct stat status;
+    if (::stat(folder.c_str(), &status) != 0 || status.st_uid == ::geteuid()) continue;
+    char first = 0;
+    if (::readlink((folder + "/exe").c_str(), &first, 1) > 0) return true;
+    others = others || errno == EACCES;
+  }
+  return !others;
+}
+
 }  // namespace
 
 // What the queue's thread works with.
@@ -62,13 +78,14 @@ Netfilter::~Netfilter() { stop(); }
 std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) {
   stopRules_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!stopRules_ || !stopQueue_) return "netfilter: no event descriptor: " + std::generic_category().message(errno);
+  if (!stopRules_ || !stopQueue_) return "no event descriptor: " + std::generic_category().message(errno);
   auto queue = std::make_unique<Queue>(std::move(provider));
   // The queue comes first: whoever has it already has its own rules, which stay.
   auto error = queue->packets.open();
+  taken_ = queue->packets.isTaken();
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
-  if (error) return "netfilter: " + *error;
-  if (error = queue->owners.check(); error) return "netfilter: " + *error;
+  if (!error) error = queue->owners.check();
+  if (error) return error;
   auto noRecords = queue->owners.recordOpeners();
   queue_ = std::move(queue);
   try {
@@ -76,20 +93,19 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     queueThread_ = std::thread([this] { queue_->serve(stopQueue_.get()); });
     if (error = rules_.install(settings); error) {
       stop();
-      return "netfilter: " + *error;
+      return error;
     }
     rulesThread_ = std::thread(&Netfilter::watchRules, this);
   } catch (const std::system_error& failure) {
     stop();
-    return std::string("netfilter: no thread: ") + failure.what();
+    return std::string("no thread: ") + failure.what();
   }
   if (noRecords) {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are read from the process table: %@", *noRecords);
   } else {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are recorded by the kernel");
   }
-  // The first process is another user's wherever that matters.
-  if (char link[1]; readlink("/proc/1/exe", link, sizeof link) < 0) {
+  if (!sees_programs_of_others()) {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: programs of other users are not recognised, without CAP_SYS_PTRACE");
   }
   return std::nullopt;
@@ -137,6 +153,7 @@ void Netfilter::watchRules() {
 
 void Netfilter::Queue::serve(int stop) {
   auto handler = [this](const QueuedPacket& queued) { handle(queued); };
+  if (watchdog.beat()) bindAgain();  // the watch begins with it
   for (;;) {
     pollfd packet{packets.descriptor(), POLLIN, 0};
     bool stopped = wait_for({&packet, 1}, stop, deadline_after(kBeat)) == Wait::Stopped;
@@ -160,7 +177,9 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.outputInterface);
   uint32_t answer = kMarkPending;
-  switch (packet ? flows.judge(*packet, start) : PacketVerdict::Open) {
+  switch (packet ? flows.judge(*packet, start) : PacketVerdict::Ignored) {
+    case PacketVerdict::Ignored:
+      return packets.pass(queued.id, answer_mark(queued.mark, kMarkPending));
     case PacketVerdict::Open:
       break;
     case PacketVerdict::Allowed:
@@ -170,7 +189,12 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
       answer = kMarkDropped;
       break;
   }
-  packets.answer(queued.id, answer_mark(queued.mark, answer));
+  if (flows.circles()) {
+    // Rules ahead of ours set marks of their own. They hold on to the mark from here on, and the verdict is kept.
+    packets.pass(queued.id, answer_mark(queued.mark, answer));
+  } else {
+    packets.answer(queued.id, answer_mark(queued.mark, answer));
+  }
   auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   flow_counters().held(static_cast<uint64_t>(held.count()));
 }

@@ -25,6 +25,9 @@ class Netfilter final : public FlowSource {
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
   void stop() override;
 
+  // Whether start() failed because another program has the packet queue: most likely it filters already.
+  bool isTaken() const { return taken_; }
+
  private:
   struct Queue;
 
@@ -34,6 +37,7 @@ class Netfilter final : public FlowSource {
   std::unique_ptr<Queue> queue_;
   Descriptor stopRules_, stopQueue_;
   std::thread rulesThread_, queueThread_;
+  bool taken_ = false;
 };
 
 }  // namespace orvane

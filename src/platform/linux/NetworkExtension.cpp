@@ -52,8 +52,8 @@ Value extension_setting(std::string_view key) {
 // serves its companion, which can ask what is wrong.
 void report_start(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 
-// A bundle that fixes netfilter is one that a system runs for everybody on it. Nobody would notice there that it
-// filters nothing, so its failure is the service's.
+// A bundle that names a flow source other than the proxy is one that a system runs for everybody on it. Nobody would
+// notice there that it filters nothing, so its failure is the service's.
 [[noreturn]] void end_service(const std::string& reason) {
   sd_notify(0, ("STATUS=Filter not started: " + reason).c_str());
   stop_provider_host();
@@ -62,7 +62,8 @@ void report_start(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" 
 
 void report_failure(const std::string& reason) {
   ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
-  if (extension_setting("OrvaneFlowSource") == Value::borrowed("netfilter")) end_service(reason);
+  const Value source = extension_setting("OrvaneFlowSource");
+  if (!source.isNil() && source != Value::borrowed("proxy")) end_service(reason);
   report_start("Filter not started: " + reason);
 }
 
@@ -91,15 +92,17 @@ StartedSource start_flow_source(const Ref<NEFilterDataProvider>& provider, const
   Value name = extension_setting("OrvaneFlowSource");
   if (name == Value::borrowed("proxy")) return start_proxy(provider, settings);
   if (!name.isNil() && name != Value::borrowed("netfilter")) {
-    return {nullptr, "there is no flow source of the name " + name.description()};
+    return {nullptr, "OrvaneFlowSource is " + name.description() + ", neither netfilter nor proxy"};
   }
-  StartedSource started = start_source(std::make_unique<Netfilter>(), provider, settings);
-  if (!name.isNil()) return started;
-  if (started.source != nullptr) {
+  auto netfilter = std::make_unique<Netfilter>();
+  auto error = netfilter->start(provider, settings);
+  if (!error) {
     ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");
-    return started;
+    return {std::move(netfilter), {}};
   }
-  ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, as netfilter cannot be had: %@", started.reason);
+  // A second filter beside a running one would have a list of its own, which nobody fills.
+  if (!name.isNil() || netfilter->isTaken()) return {nullptr, "netfilter: " + *error};
+  ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, as netfilter cannot be had: %@", *error);
   return start_proxy(provider, settings);
 }
 

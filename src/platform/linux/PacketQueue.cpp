@@ -26,6 +26,9 @@ constexpr uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_GSO;
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
+// Means nothing any more, and is permitted to whoever may configure queues.
+void put_nothing(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
+
 void put_settings(nlmsghdr* message) {
   nfq_nlmsg_cfg_put_params(message, NFQNL_COPY_PACKET, kLargestPacket);
   nfq_nlmsg_cfg_put_qmaxlen(message, kQueueLength);
@@ -50,15 +53,20 @@ std::optional<std::string> PacketQueue::open() {
   if (setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kSocketBuffer, sizeof kSocketBuffer) != 0) {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
-  auto error = configure(put_bind);
-  if (!error) error = configure(put_settings);
-  if (error) return "packet queue " + std::to_string(number_) + ": " + *error;
+  int error = configure(put_bind);
+  // The kernel has one answer for a queue that is another's and for a missing capability.
+  taken_ = error == EPERM && configure(put_nothing) == 0;
+  if (error == 0) error = configure(put_settings);
+  const std::string queue = "packet queue " + std::to_string(number_);
+  if (taken_) return queue + " is another program's: an extension that runs already, most likely";
+  if (error == EPERM) return queue + " is not permitted: it takes CAP_NET_ADMIN";
+  if (error != 0) return queue + ": " + std::generic_category().message(error);
   fcntl(descriptor(), F_SETFL, O_NONBLOCK);
   return std::nullopt;
 }
 
 // One setting, and the kernel's answer to it. Only before the rules lead packets here.
-std::optional<std::string> PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
+int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);
   header->nlmsg_flags |= NLM_F_ACK;
@@ -70,11 +78,10 @@ std::optional<std::string> PacketQueue::configure(const std::function<void(nlmsg
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
     // Rules that a predecessor left behind may lead packets here already. The sender will send them again.
     if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
-    if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return std::nullopt;
+    if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
   }
-  if (errno == EPERM) return "not permitted: it takes CAP_NET_ADMIN, and that no other program has this queue";
-  return std::generic_category().message(errno);
+  return errno;
 }
 
 void PacketQueue::bindAgain() {
@@ -114,10 +121,14 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   return packets ? Read::Packet : Read::Other;
 }
 
-void PacketQueue::answer(uint32_t id, uint32_t mark) {
+void PacketQueue::answer(uint32_t id, uint32_t mark) { decide(id, NF_REPEAT, mark); }
+
+void PacketQueue::pass(uint32_t id, uint32_t mark) { decide(id, NF_ACCEPT, mark); }
+
+void PacketQueue::decide(uint32_t id, uint32_t verdict, uint32_t mark) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_VERDICT, number_);
-  nfq_nlmsg_verdict_put(header, static_cast<int>(id), NF_REPEAT);
+  nfq_nlmsg_verdict_put(header, static_cast<int>(id), static_cast<int>(verdict));
   nfq_nlmsg_verdict_put_mark(header, mark);
   // The kernel takes it during the call; its complaint about a packet that is gone comes to read().
   mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);

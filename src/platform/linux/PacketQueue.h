@@ -32,6 +32,9 @@ class PacketQueue {
   // Needs CAP_NET_ADMIN in the namespace, and that no other socket has the queue. Returns what went wrong.
   std::optional<std::string> open();
 
+  // Whether open() failed because another program has the queue.
+  bool isTaken() const { return taken_; }
+
   // Takes the queue again after somebody gave it up in this socket's name.
   void bindAgain();
 
@@ -52,12 +55,18 @@ class PacketQueue {
   // not to queue it again.
   void answer(uint32_t id, uint32_t mark);
 
+  // Has a packet go on behind all rules of that chain. With another mark than it has, its route is chosen anew.
+  void pass(uint32_t id, uint32_t mark);
+
  private:
-  std::optional<std::string> configure(const std::function<void(nlmsghdr*)>& put);
+  // 0, or an error number.
+  int configure(const std::function<void(nlmsghdr*)>& put);
+  void decide(uint32_t id, uint32_t verdict, uint32_t mark);
 
   const uint16_t number_;
   std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_{nullptr, nullptr};
   std::vector<char> buffer_;
+  bool taken_ = false;
 };
 
 }  // namespace orvane

@@ -18,6 +18,7 @@ constexpr size_t kOpenLimit = 4096;
 // Packets that the kernel queued before it had the verdict.
 constexpr auto kJudgedLife = 5s;
 constexpr size_t kJudgedLimit = 8192;
+constexpr size_t kPacketsLimit = 100;
 
 bool is_settled(const FilterSession& session) {
   return session.state() == FilterSession::State::Allowed || session.state() == FilterSession::State::Dropped;
@@ -32,12 +33,14 @@ PacketVerdict verdict_of(const FilterSession& session) {
 
 PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   forgetOldOnes(now);
+  circles_ = false;
   bool ends = packet.fin || packet.rst;
   // Such as an acknowledgment, which comes here when it has extension headers that the kernel's rule does not see
   // through.
-  if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Open;
+  if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   auto flow = flowOf(packet);
+  circles_ = ++flow->packets > kPacketsLimit;
   if (is_settled(flow->session)) {
     if (flow->round != round_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdict_of(flow->session);

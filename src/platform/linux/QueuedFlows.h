@@ -23,6 +23,7 @@ class FlowOwners {
 };
 
 enum class PacketVerdict {
+  Ignored,  // says nothing of a flow
   Open,     // the packet goes on, and the flow's next one is looked at too
   Allowed,  // for the flow
   Dropped,  // for the flow
@@ -43,6 +44,10 @@ class QueuedFlows {
   // What becomes of a packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
+  // Whether the packet just judged belongs to a flow from which more of them came than any first flight has: somebody
+  // takes the answers off its packets, which come to the queue again and again.
+  bool circles() const { return circles_; }
+
   // The queue is empty: what comes from now on was queued after the verdicts so far.
   void drained() { ++round_; }
 
@@ -61,6 +66,7 @@ class QueuedFlows {
     FirstFlight flight;
     Clock::time_point touched{};
     uint64_t round = 0;  // in which it was judged
+    size_t packets = 0;
   };
   using Flows = std::list<Flow>;  // those touched last at the end
 
@@ -71,6 +77,7 @@ class QueuedFlows {
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
   uint64_t round_ = 0;
+  bool circles_ = false;
   Flows open_, judged_;
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };

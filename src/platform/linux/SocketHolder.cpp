@@ -39,13 +39,24 @@ class SeenSockets {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     std::lock_guard lock(mutex_);
-    if (places_.size() >= kLimit) places_.clear();
+    if (places_.size() >= kLimit) {
+      // With the places goes what "was not seen then" could be told by.
+      places_.clear();
+      readings_.clear();
+      ++clearings_;
+    }
     places_.insert_or_assign(std::string(link), Place{process, descriptor});
   }
 
-  // That all descriptors of a process have been read.
-  void putReading(const ProcessInformation& process, uint64_t begin) {
+  uint64_t clearings() {
     std::lock_guard lock(mutex_);
+    return clearings_;
+  }
+
+  // That all descriptors of a process have been read, and none of them forgotten since.
+  void putReading(const ProcessInformation& process, uint64_t begin, uint64_t clearings) {
+    std::lock_guard lock(mutex_);
+    if (clearings != clearings_) return;
     if (readings_.size() >= kReadingsLimit) readings_.clear();
     readings_.insert_or_assign(process.pid(), Reading{process.version(), begin});
   }
@@ -67,6 +78,7 @@ class SeenSockets {
   std::mutex mutex_;
   std::unordered_map<std::string, Place> places_;
   std::unordered_map<pid_t, Reading> readings_;
+  uint64_t clearings_ = 0;
 };
 
 uint64_t ticks_since_boot() {
@@ -97,7 +109,7 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     return false;
   }
   std::array<char, 64> target;
-  uint64_t begin = ticks_since_boot();
+  uint64_t begin = ticks_since_boot(), clearings = seen_sockets().clearings();
   bool holds = false;
   while (const dirent* entry = ::readdir(descriptors.get())) {
     std::string_view found = socket_link(descriptor, entry->d_name, target);
@@ -105,7 +117,7 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     if (found == link) holds = true;
     seen_sockets().put(found, process.pid(), std::atoi(entry->d_name));
   }
-  seen_sockets().putReading(process, begin);
+  seen_sockets().putReading(process, begin, clearings);
   return holds;
 }
 

@@ -14,10 +14,11 @@ namespace orvane {
 
 // A socket of this network namespace, as the kernel's socket diagnostics (sock_diag(7)) tell of it.
 struct SocketFacts {
-  uint64_t cookie;         // no other socket has had it since the system's start
-  uint32_t inode;          // 0 when no process holds it any more, and when it has not been asked for
-  uid_t user;              // who made it
-  bool connected = false;  // to the remote end that was asked about; else only bound to the local one
+  uint64_t cookie;  // no other socket has had it since the system's start
+  uint32_t inode;   // 0 when no process holds it any more, and when it has not been asked for
+  uid_t user;       // who made it
+  bool connected =
+      false;  // a datagram's socket: to the remote end that was asked about; else only bound to the local one
 };
 
 // Who owns sockets. Two sources: what the kernel has recorded since recordOpeners(), the process that last connected

@@ -147,6 +147,10 @@ TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRu
     EXPECT_EQ(packets(family, "--bytecode"), 1) << "and not the answer";
     connection.client.endSending();
     EXPECT_EQ(connection.server.read(), "");
+    EXPECT_EQ(packets(family, "-j NFQUEUE"), 1) << "it was allowed when nobody was there to ask";
+    Connection silent(family);
+    silent.client.endSending();
+    EXPECT_EQ(silent.server.read(), "");
     EXPECT_EQ(packets(family, "-j NFQUEUE"), 2);
   }
 }
