@@ -115,7 +115,7 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     std::string_view found = socket_link(descriptor, entry->d_name, target);
     if (found.empty()) continue;
     if (found == link) holds = true;
-    seen_sockets().put(found, process.pid(), std::atoi(entry->d_name));
+    seen_sockets().put(found, process.pid(), static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
   }
   seen_sockets().putReading(process, begin, clearings);
   return holds;
@@ -212,6 +212,7 @@ std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket) 
   std::string link = "socket:[" + std::to_string(socket.inode) + "]";
   const auto last = last_owners().get();
   std::vector<pid_t> lastProcesses;
+  lastProcesses.reserve(last.size());
   for (const auto& each : last) lastProcesses.push_back(each.process);
   bool isNew = !seen_sockets().find(link);
   auto holder = holder_seen(link);
