@@ -172,24 +172,5 @@ TEST_F(ProxyTest, ForwardsOneRequestAndNothingAfterIt) {
   EXPECT_EQ(dropped.error, ECONNRESET);
 }
 
-TEST_F(ProxyTest, SlowReaderIsNotBufferedForAndWhatNoRuleIsAboutPassesUnasked) {
-  constexpr size_t kTotal = 100 << 20;
-  std::atomic<size_t> sent = 0;
-  Server server([&](Peer& peer) {
-    std::string block(65536, 'x');
-    while (sent < kTotal && peer.send(block)) sent += block.size();
-  });
-  start(NEFilterAction::Allow);
-  provider->newFlow = NewFlow::dropVerdict();
-  Peer peer = tunnel("127.0.0.1", server.port());
-  EXPECT_EQ(peer.read("\r\n\r\n"), "HTTP/1.1 200 Connection established\r\n\r\n");
-  EXPECT_EQ(provider->take().calls, "");
-  for (size_t before = 1; before != sent; std::this_thread::sleep_for(200ms)) before = sent;
-  // The kernel's buffers of two connections take some megabytes; most must still be with the server.
-  EXPECT_LT(sent, kTotal / 2);
-  std::string buffer(kTotal + 1, '\0');
-  EXPECT_EQ(recv(peer.socket.get(), buffer.data(), buffer.size(), MSG_WAITALL), kTotal);
-}
-
 }  // namespace
 }  // namespace orvane

@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <cstring>
@@ -200,34 +199,6 @@ TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentif
       EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
     }
   }
-}
-
-TEST(SocketOwnerTest, FindsTheHeirOfAnOpenerThatEnded) {
-  if (!enter_own_network()) GTEST_SKIP() << "a network of its own is not to be had";
-  SocketOwners owners;
-  auto unrecorded = owners.recordOpeners();
-  if (unrecorded) GTEST_SKIP() << *unrecorded;
-  Descriptor receiver(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), connection;
-  Address target = literal("127.0.0.1");
-  ASSERT_EQ(0, ::bind(receiver.get(), generic(target), sizeof target));
-  ASSERT_EQ(0, ::listen(receiver.get(), 1));
-  target = address_of(receiver);
-  ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // so that the heir becomes ours
-  const Sending how{AF_INET, SOCK_STREAM, "", Way::Connect};
-  auto leave = [&] {
-    send(how, target);
-    if (::fork() == 0) ::alarm(20), ::pause();
-  };
-  Child opener(leave, false);
-  SocketPair pair = receive(receiver, how, connection);
-  ::waitpid(opener.pid, nullptr, 0);
-  auto socket = owners.find(pair);
-  ASSERT_TRUE(socket) << std::strerror(errno);
-  auto heir = static_cast<pid_t>(token_of(owners.ownerOf(*socket)).val[5]);
-  EXPECT_NE(std::exchange(opener.pid, 0), heir);
-  ASSERT_EQ(0, heir > 0 ? ::waitpid(heir, nullptr, WNOHANG) : -1) << "not a child of ours";
-  ::kill(heir, SIGKILL);
-  ::waitpid(heir, nullptr, 0);
 }
 
 TEST(SocketOwnerTest, SaysWhyNothingIsRecorded) {

@@ -178,23 +178,6 @@ TEST_F(XPC, EveryMessageArrivesWithItsArgumentsAMillionNamesToo) {
   EXPECT_THROW(peer->ping(), ClientError);
 }
 
-TEST_F(XPC, NoEditOfSeveralClientsIsLostOrDoubled) {
-  auto listener = listen();
-  std::thread threads[4];
-  for (auto& thread : threads) {
-    thread = std::thread([this, prefix = std::to_string(&thread - threads)] {
-      std::vector<std::string> names(1000);
-      for (size_t i = 0; i < names.size(); ++i) names[i] = prefix + "." + std::to_string(i);
-      client()->addHostnames(names);
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  Value::Set names;
-  for (const auto& [message, name] : exported_.received.all()) names.insert(name);
-  EXPECT_EQ(names.size(), 4000u);
-  EXPECT_EQ(exported_.received.all().size(), 4000u);
-}
-
 // Each ends its own connection, in the way that belongs to it and once, is never delivered, and harms no other.
 TEST_F(XPC, WhatAPeerDoesEndsItsConnectionAlone) {
   auto listener = listen();
@@ -231,31 +214,6 @@ TEST_F(XPC, WhatAPeerDoesEndsItsConnectionAlone) {
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(delegate_->ends.all(), expected) << "an end was reported twice";
   EXPECT_TRUE(exported_.received.all().empty());
-  EXPECT_TRUE(bystander->ping());
-}
-
-TEST_F(XPC, AClientKilledInMidCallHarmsNobody) {
-  pid_t child = fork();
-  if (child == 0) {
-    raise(SIGSTOP);  // until there is a listener
-    client()->stop();
-    _exit(1);
-  }
-  waitpid(child, nullptr, WUNTRACED);
-  Notes<bool> called, killed;
-  exported_.whenStopped = [&] {
-    called.add(true);
-    killed.await({true});
-  };
-  auto listener = listen();
-  auto bystander = client();
-  kill(child, SIGCONT);
-  ASSERT_TRUE(called.await({true}));
-  EXPECT_TRUE(bystander->ping()) << "while the call of another goes on";
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  killed.add(true);
-  EXPECT_TRUE(delegate_->ends.await({"invalidated"}));
   EXPECT_TRUE(bystander->ping());
 }
 
