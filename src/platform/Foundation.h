@@ -29,7 +29,7 @@ class NSURLComponents : public NSObject {
   static Ref<NSURLComponents> initWithURL(const NSURL& url, bool resolvingAgainstBaseURL);
 
   // The host with percent-encoding removed, in the URL's own spelling; a literal IPv6 address keeps its brackets.
-  // Nothing when the URL has no host: an empty host is none.
+  // Nothing when the URL has no host. Whether an empty one is none is the system's to say; on Linux it is.
   virtual std::optional<std::string> host() const = 0;
 };
 

@@ -27,8 +27,9 @@ class NSXPCInterface {
 // One client. The platform owns it; it delivers messages to the exported object from activate() on, on threads of its
 // own, those of one connection in their order, those of several connections at the same time.
 //
-// A connection's end is reported once, by one of the two handlers: "invalidated" when the peer closed it or is gone,
-// "interrupted" when it broke. An end that comes before the handlers are set is reported as soon as the one for it is.
+// A connection's end is reported by the handlers: "invalidated" when the peer closed it or is gone, "interrupted" when
+// it broke; a system may report a broken one by both. Whether an end that comes before its handler is set is reported
+// later is the platform's affair (on Linux it is, and each end once).
 class NSXPCConnection : public NSObject {
  public:
   virtual void setExportedInterface(const NSXPCInterface& exportedInterface) = 0;

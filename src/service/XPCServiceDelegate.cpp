@@ -22,7 +22,7 @@ bool XPCServiceDelegate::shouldAcceptNewConnection(NSXPCListener& /*listener*/, 
   newConnection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
   newConnection.setExportedObject(OrvaneController::shared());
   newConnection.activate();
-  // After the activation: an end that comes before its handler is reported once the handler is there, so none is lost.
+  // After the activation: an end that comes first may go unreported, which costs two lines in the log and no more.
   newConnection.setInvalidationHandler([] {
     ORVANE_LOG_DEFAULT(default_log(), "connection invalidated");
     OrvaneController::shared()->stop();

@@ -15,5 +15,5 @@ int main() {
   xpc_run();
   // At error level: a start that succeeded must show up in a log that keeps errors only.
   ORVANE_LOG_ERROR(default_log(), "OrvaneSE started...");
-  dispatch_main();
+  orvane::dispatch_main();  // a system may have one of that name itself
 }
