@@ -11,7 +11,8 @@
 
 namespace orvane {
 
-inline constexpr const char* kDefaultServiceName = "org.orvane.OrvaneSE";
+// The name that the extension's bundle gives its service.
+inline constexpr const char* kDefaultServiceName = ORVANE_SERVICE_NAME;
 
 // What could not be done. The text is a whole sentence for the user: what failed, on what, and what to do about it.
 class ClientError : public std::runtime_error {

@@ -1,10 +1,9 @@
 #include "Hostname.h"
 
-#include <idn2.h>
-
 #include <algorithm>
 #include <array>
-#include <memory>
+
+#include "Idna.h"
 
 namespace orvane {
 namespace {
@@ -51,32 +50,17 @@ const char* forbidden_character_fault(std::string_view given, char c) {
   }
 }
 
-std::string international_fault(int status) {
-  switch (status) {
-    case IDN2_ENCODING_ERROR:
+std::string international_fault(const ALabel& label) {
+  switch (label.status) {
+    case ALabel::Status::NotUTF8:
       return "it is not UTF-8: save the text as UTF-8";
-    case IDN2_TOO_BIG_LABEL:
-    case IDN2_PUNYCODE_BIG_OUTPUT:
+    case ALabel::Status::TooLong:
       return "it has a label of more than 63 characters: shorten it";
-    case IDN2_MALLOC:
+    case ALabel::Status::OutOfMemory:
       return "memory is used up: try fewer names";
     default:
-      return std::string("it is no valid international name (") + idn2_strerror(status) +
-             "): correct it, or give its A-label (xn--...)";
+      return "it is no valid international name (" + label.reason + "): correct it, or give its A-label (xn--...)";
   }
-}
-
-struct FreeLabel {
-  void operator()(uint8_t* label) const { idn2_free(label); }
-};
-
-// The A-label of one label (zero-terminated UTF-8); an A-label gives itself when it is the one that its letters have.
-int look_up_label(const std::string& label, std::string& found) {
-  uint8_t* output = nullptr;
-  int status = idn2_lookup_u8(reinterpret_cast<const uint8_t*>(label.c_str()), &output, IDN2_NONTRANSITIONAL);
-  std::unique_ptr<uint8_t, FreeLabel> owner(output);
-  if (status == IDN2_OK) found = reinterpret_cast<const char*>(output);
-  return status;
 }
 
 // Whether a dot of any script starts here: the full stop and those that UTS #46 maps to it. Its length in bytes, or 0.
@@ -88,16 +72,16 @@ size_t dot_length(std::string_view text) {
   return 0;
 }
 
-// A label that claims to be an A-label must decode, and be the one that its letters have. Letters and hyphens that IDNA
-// forbids are let pass: browsers follow UTS #46, which allows more (xn--i-7iq, a heart).
+// A label that claims to be an A-label must decode, and be the one that its letters have. What only IDNA forbids is let
+// pass, as browsers do (xn--i-7iq, a heart).
 bool accept_a_label(std::string_view label, std::string& fault) {
   if (label.substr(0, kALabelPrefix.size()) != kALabelPrefix) return true;
-  std::string found;
-  int status = look_up_label(std::string(label), found);
-  if (status == IDN2_DISALLOWED || status == IDN2_2HYPHEN || status == IDN2_HYPHEN_STARTEND) return true;
-  if (status == IDN2_OK && found != label) status = IDN2_ALABEL_ROUNDTRIP_FAILED;
-  if (status != IDN2_OK) fault = international_fault(status);
-  return status == IDN2_OK;
+  ALabel found = look_up_label(std::string(label));
+  if (found.status == ALabel::Status::Forbidden) return true;
+  if (found.status == ALabel::Status::Found && found.text == label) return true;
+  if (found.status == ALabel::Status::Found) found = {ALabel::Status::Invalid, "", "its letters have another A-label"};
+  fault = international_fault(found);
+  return false;
 }
 
 // The label's form at the end of `name`.
@@ -107,24 +91,24 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
     for (char c : label) name += form_of(c);
     return accept_a_label(std::string_view(name).substr(start), fault);
   }
-  std::string found;
-  if (int status = look_up_label(label, found); status != IDN2_OK) {
-    fault = international_fault(status);
+  ALabel found = look_up_label(label);
+  if (found.status != ALabel::Status::Found) {
+    fault = international_fault(found);
     return false;
   }
   // What is mapped may be a character that no name holds, a dot, or nothing.
-  for (char c : found) {
+  for (char c : found.text) {
     if (form_of(c) == 0 || c == '.') {
-      fault = forbidden_character_fault(found, c);
+      fault = forbidden_character_fault(found.text, c);
       return false;
     }
     name += form_of(c);
   }
-  if (found.empty()) fault = "it has an empty label: take the extra dot away";
-  return !found.empty();
+  if (found.text.empty()) fault = "it has an empty label: take the extra dot away";
+  return !found.text.empty();
 }
 
-// Label by label, because libidn2 applies its rules on hyphens to all-ASCII labels too, which browsers do not: they
+// Label by label, because libraries apply IDNA's rules on hyphens to all-ASCII labels too, which browsers do not: they
 // send "r3---sn.b\u00fccher.example" without complaint.
 bool append_international(std::string_view given, std::string& name, std::string& fault) {
   for (size_t at = 0; at <= given.size();) {

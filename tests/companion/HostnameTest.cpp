@@ -43,8 +43,10 @@ TEST(Hostname, RefusesWhatNoBrowserSendsAndSaysWhy) {
       {"it has a label of more than 63", {kLongLabel + "a"}},
       {"it has more than 253", {kLongName + "b"}},
       {"it is an IP address", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "[::1]", "::1"}},
-      // The letters of xn--abc- need no A-label, and \uff0f maps to a solidus.
-      {"it is no valid international name", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "\u00fc\uff0fx"}},
+      {"it is not UTF-8", {"b\xfc.example"}},
+      // The letters of xn--abc- need no A-label.
+      {"it is no valid international name", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},
+      {"it ", {"\u00fc\uff0fx"}},  // maps to a solidus: a character of no name, or a path
   };
   for (const auto& [expected, all] : kCases) {
     for (const std::string& given : all) {

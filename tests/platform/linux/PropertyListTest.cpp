@@ -92,13 +92,15 @@ TEST(PropertyList, IsHarmedByADamagedBinaryList) {
 }
 
 TEST(ShippedLists, AreCutOffAtStartOrNameTooShortAnEnding) {
-  std::ifstream file(ORVANE_RESOURCES "/Browsers.plist", std::ios::binary);
-  std::string bytes(std::istreambuf_iterator<char>(file), {});
-  EXPECT_LE(bytes.size(), 1024U) << "no more is read";
-  Value browsers = parse(bytes);
-  EXPECT_GT(browsers.asArray().size(), 20U);
-  // A few letters would also end the identifiers of other applications.
-  for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
+  for (const char* system : {"linux", "macos"}) {
+    std::ifstream file(std::string(ORVANE_RESOURCES "/") + system + "/Browsers.plist", std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    EXPECT_LE(bytes.size(), 1024U) << system << ": no more is read";
+    Value browsers = parse(bytes);
+    EXPECT_GT(browsers.asArray().size(), 20U) << system;
+    // A few letters would also end the identifiers of other applications.
+    for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
+  }
 }
 
 }  // namespace

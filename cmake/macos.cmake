@@ -1,0 +1,42 @@
+# What a build for macOS needs on another system: clang and lld, and the SDK that CMAKE_OSX_SYSROOT names. A Mac has it
+# all by itself.
+if(CMAKE_HOST_APPLE)
+  return()
+endif()
+if(NOT CMAKE_OSX_SYSROOT)
+  message(FATAL_ERROR "Building for macOS on another system needs an SDK: -DCMAKE_OSX_SYSROOT=...")
+endif()
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CMAKE_OSX_SYSROOT)
+
+set(CMAKE_SYSTEM_NAME Darwin)
+set(CMAKE_SYSTEM_VERSION 20) # that of macOS 11
+
+# Where distributions install what has no name of its own among the programs.
+file(GLOB llvm /usr/lib/llvm-*/bin)
+macro(orvane_find_tool variable name)
+  find_program(${variable} ${name} PATHS ${llvm} REQUIRED)
+endmacro()
+orvane_find_tool(CMAKE_CXX_COMPILER clang++)
+set(CMAKE_OBJCXX_COMPILER ${CMAKE_CXX_COMPILER})
+orvane_find_tool(CMAKE_INSTALL_NAME_TOOL llvm-install-name-tool)
+orvane_find_tool(ORVANE_LLD ld64.lld)
+orvane_find_tool(ORVANE_LIPO llvm-lipo)
+orvane_find_tool(ORVANE_LIBTOOL llvm-libtool-darwin)
+
+# The compiler joins what it made for the two processors with a program of this name.
+set(tools ${CMAKE_BINARY_DIR}/tools)
+file(MAKE_DIRECTORY ${tools})
+file(CREATE_LINK ${ORVANE_LIPO} ${tools}/lipo SYMBOLIC)
+
+foreach(language CXX OBJCXX)
+  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-darwin) # each processor in turn takes the place of this one
+  set(CMAKE_${language}_FLAGS_INIT "-B${tools} -stdlib=libc++ -stdlib++-isystem ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1")
+  # The usual archiver cannot hold objects for two processors.
+  set(CMAKE_${language}_CREATE_STATIC_LIBRARY "${ORVANE_LIBTOOL} --static -o <TARGET> <OBJECTS>")
+endforeach()
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld")
+
+set(CMAKE_FIND_ROOT_PATH ${CMAKE_OSX_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,0 +1,9 @@
+#pragma once
+
+#import <AppKit/AppKit.h>
+
+#import "SwitchObserver.h"
+
+// The application's window: the system extension and the content filter, each with its state and two buttons.
+@interface ApplicationDelegate : NSObject <NSApplicationDelegate, SwitchObserver>
+@end

@@ -1,0 +1,271 @@
+#include "companion/Client.h"
+
+#import <Foundation/Foundation.h>
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#import "platform/macos/OrvaneSECommunication.h"
+#include "platform/macos/Values.h"
+
+namespace orvane {
+namespace {
+
+using Remote = id<OrvaneSECommunication>;
+
+// Messages that are under way at a time when many are sent.
+constexpr size_t kWindow = 256;
+
+const char* const kEnded = "it ended meanwhile: its log may say why; run the command again";
+
+// What went wrong with a connection first; it stays so. Shared with what the framework calls on threads of its own.
+class Fault {
+ public:
+  void set(const std::string& text) {
+    std::lock_guard guard(mutex_);
+    if (text_.empty()) text_ = text;
+  }
+  std::string get() const {
+    std::lock_guard guard(mutex_);
+    return text_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::string text_;
+};
+
+std::string describe(::NSError* error) {
+  if ([[error domain] isEqualToString:NSCocoaErrorDomain]) {
+    if ([error code] == NSXPCConnectionInvalid) {
+      return "the system has no such service: switch the extension on, or name its service";
+    }
+    if ([error code] == NSXPCConnectionInterrupted) return kEnded;
+  }
+  return text_of([error localizedDescription]) + ": its log may say more";
+}
+
+// Whether the system's protocol carries an element without having been told of its class. The other end would pass over
+// a message that holds another one, and say nothing.
+bool is_carried(const Value& element) {
+  if (element.isNil() || element.isSet()) return false;
+  const Value::Array& array = element.asArray();
+  const Value::Dictionary& entries = element.asDictionary();
+  return std::all_of(array.begin(), array.end(), is_carried) &&
+         std::all_of(entries.begin(), entries.end(),
+                     [](const auto& entry) { return is_carried(entry.first) && is_carried(entry.second); });
+}
+
+// An argument is of the class that the protocol gives it, or nil.
+void check(const Value& argument, Value::Kind kind, const char* name) {
+  if (argument.isNil()) return;
+  if (argument.kind() != kind) throw ClientError(std::string("an argument cannot be sent: give ") + name);
+  const Value::Set& members = argument.asSet();
+  if (argument.isSet() ? !std::all_of(members.begin(), members.end(), is_carried) : !is_carried(argument)) {
+    throw ClientError("an argument cannot be sent: an element of it is nil or a set: leave that out");
+  }
+}
+
+// Everything goes through proxies that wait, in its order. A message without a reply has been carried out once one that
+// was sent after it is answered.
+class XPCClient final : public Client {
+ public:
+  explicit XPCClient(std::string service) : service_(std::move(service)) {}
+
+  ~XPCClient() override {
+    @autoreleasepool {
+      [connection_ invalidate];
+      [connection_ release];
+    }
+  }
+
+  // Throws when nobody answers.
+  void open() {
+    attempt("reach", [this] {
+      // Looked up among the system's services, whose names no user's program can take.
+      connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
+                                                               options:NSXPCConnectionPrivileged];
+      [connection_ setRemoteObjectInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
+      // A connection that broke would find the extension's successor with its next message; what was under way is lost
+      // all the same.
+      const std::shared_ptr<Fault> fault = fault_;
+      [connection_ setInterruptionHandler:^{
+        fault->set(kEnded);
+      }];
+      [connection_ resume];
+      awaitAnswer(remote());
+      process_ = [connection_ processIdentifier];
+    });
+  }
+
+  bool ping() override { return reply<bool>("ping", &XPCClient::askForLife); }
+  bool appFilterState() override {
+    return reply<bool>("ask for the state of", [](Remote remote, std::optional<bool>* answer) {
+      [remote getAppFilterStateWithReply:^(BOOL active) {
+        *answer = active != NO;
+      }];
+    });
+  }
+  uint64_t changesCount() override {
+    return reply<uint64_t>("ask for the changes of", [](Remote remote, std::optional<uint64_t>* answer) {
+      [remote getChangesCount:^(uint64_t count) {
+        *answer = count;
+      }];
+    });
+  }
+
+  void start() override {
+    run("start", [](Remote remote) { [remote start]; });
+  }
+  void stop() override {
+    run("stop", [](Remote remote) { [remote stop]; });
+  }
+
+  void addApplicationIdentifier(const Value& identifier) override {
+    check(identifier, Value::Kind::String, "a string");
+    run("add an application identifier to",
+        [&](Remote remote) { [remote addApplicationIdentifier:foundation_object(identifier)]; });
+  }
+  void removeApplicationIdentifier(const Value& identifier) override {
+    check(identifier, Value::Kind::String, "a string");
+    run("remove an application identifier from",
+        [&](Remote remote) { [remote removeApplicationIdentifier:foundation_object(identifier)]; });
+  }
+  void setApplicationIdentifiers(const Value& identifiers) override {
+    check(identifiers, Value::Kind::Array, "an array");
+    run("set the application identifiers of",
+        [&](Remote remote) { [remote setApplicationIdentifiers:foundation_object(identifiers)]; });
+  }
+  void addHostname(const Value& hostname) override {
+    check(hostname, Value::Kind::String, "a string");
+    run("add a host name to", [&](Remote remote) { [remote addHostname:foundation_object(hostname)]; });
+  }
+  void removeHostname(const Value& hostname) override {
+    check(hostname, Value::Kind::String, "a string");
+    run("remove a host name from", [&](Remote remote) { [remote removeHostname:foundation_object(hostname)]; });
+  }
+  void setHostnames(const Value& hostnames) override {
+    check(hostnames, Value::Kind::Set, "a set");
+    run("set the host names of", [&](Remote remote) { [remote setHostnames:foundation_object(hostnames)]; });
+  }
+  void setProperties(const Value& properties, const Value& forHostname) override {
+    check(properties, Value::Kind::Dictionary, "a dictionary");
+    check(forHostname, Value::Kind::String, "a string");
+    run("set properties in", [&](Remote remote) {
+      [remote setProperties:foundation_object(properties) forHostname:foundation_object(forHostname)];
+    });
+  }
+
+  void addHostnames(std::span<const std::string> hostnames) override {
+    sendEach("add host names to", hostnames,
+             [](Remote remote, ::NSString* hostname) { [remote addHostname:hostname]; });
+  }
+  void removeHostnames(std::span<const std::string> hostnames) override {
+    sendEach("remove host names from", hostnames,
+             [](Remote remote, ::NSString* hostname) { [remote removeHostname:hostname]; });
+  }
+  // The framework takes the message as a whole and tells nothing of its way.
+  void setHostnames(std::span<const std::string> hostnames, const Progress& progress) override {
+    uint64_t total = 0;
+    for (const std::string& hostname : hostnames) total += hostname.size();
+    run("set the host names of", [&](Remote remote) {
+      ::NSMutableSet* names = [::NSMutableSet setWithCapacity:hostnames.size()];
+      for (const std::string& hostname : hostnames) [names addObject:foundation_string(hostname)];
+      if (progress) progress(0, total);
+      [remote setHostnames:names];
+      if (progress) progress(total, total);
+    });
+  }
+
+ private:
+  Remote remote() const {
+    const std::shared_ptr<Fault> fault = fault_;
+    return [connection_ synchronousRemoteObjectProxyWithErrorHandler:^(::NSError* error) {
+      fault->set(describe(error));
+    }];
+  }
+
+  static void askForLife(Remote remote, std::optional<bool>* answer) {
+    [remote pingWithReply:^(BOOL alive) {
+      *answer = alive != NO;
+    }];
+  }
+
+  void awaitAnswer(Remote remote) {
+    std::optional<bool> answer;
+    askForLife(remote, &answer);
+    checkAnswer(answer.has_value());
+  }
+
+  // An answer of another process says nothing of what was sent before.
+  void checkAnswer(bool given) {
+    if (!given || (process_ != 0 && [connection_ processIdentifier] != process_)) fault_->set(kEnded);
+  }
+
+  // Runs what waits for the extension, and turns what goes wrong into words. `work` throws nothing of C++'s, as its
+  // pool would not be drained.
+  template <class Work>
+  void attempt(const char* what, Work work) {
+    @autoreleasepool {
+      @try {
+        work();
+      } @catch (::NSException* exception) {
+        fault_->set(text_of([exception reason]) + ": give another argument");
+      }
+    }
+    const std::string fault = fault_->get();
+    if (!fault.empty())
+      throw ClientError(std::string("cannot ") + what + " the extension at " + service_ + ": " + fault);
+  }
+
+  template <class Send>
+  void run(const char* what, Send send) {
+    attempt(what, [&] {
+      Remote remote = this->remote();
+      send(remote);
+      awaitAnswer(remote);
+    });
+  }
+
+  template <class Reply, class Ask>
+  Reply reply(const char* what, Ask ask) {
+    std::optional<Reply> answer;
+    attempt(what, [&] {
+      ask(remote(), &answer);
+      checkAnswer(answer.has_value());
+    });
+    return answer.value_or(Reply());
+  }
+
+  template <class Send>
+  void sendEach(const char* what, std::span<const std::string> hostnames, Send send) {
+    while (!hostnames.empty()) {
+      const auto window = hostnames.first(std::min(kWindow, hostnames.size()));
+      run(what, [&](Remote remote) {
+        for (const std::string& hostname : window) send(remote, foundation_string(hostname));
+      });
+      hostnames = hostnames.subspan(window.size());
+    }
+  }
+
+  const std::string service_;
+  const std::shared_ptr<Fault> fault_ = std::make_shared<Fault>();
+  ::NSXPCConnection* connection_ = nil;
+  pid_t process_ = 0;  // that answered first
+};
+
+}  // namespace
+
+std::unique_ptr<Client> connect_client(const ClientOptions& options) {
+  if (!options.socket.empty()) {
+    throw ClientError("cannot reach the extension: it has no socket on this system: name its service");
+  }
+  auto client = std::make_unique<XPCClient>(options.service);
+  client->open();
+  return client;
+}
+
+}  // namespace orvane

@@ -1,0 +1,128 @@
+#import "FilterSwitch.h"
+
+#import <NetworkExtension/NetworkExtension.h>
+
+namespace {
+
+NSString* failure_text(NSError* error) {
+  NSString* known = error.localizedDescription;
+  if ([error.domain isEqualToString:NEFilterErrorDomain] &&
+      error.code == NEFilterManagerErrorConfigurationPermissionDenied)
+    known = @"Permission was denied: allow it when the system asks, and sign the application with the entitlement "
+            @"com.apple.developer.networking.networkextension.";
+  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", known, error.domain, static_cast<long>(error.code)];
+}
+
+}  // namespace
+
+@implementation FilterSwitch
+
+- (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer {
+  self = [super init];
+  if (self != nil) {
+    _extension = [identifier copy];
+    _state = @"Unknown";
+    _observer = observer;
+    [[NSNotificationCenter defaultCenter] addObserver:self
+                                             selector:@selector(configurationChanged:)
+                                                 name:NEFilterConfigurationDidChangeNotification
+                                               object:nil];
+  }
+  return self;
+}
+
+- (void)dealloc {
+  [[NSNotificationCenter defaultCenter] removeObserver:self];
+  [_extension release];
+  [_state release];
+  [super dealloc];
+}
+
+- (NSString*)state {
+  return [[_state copy] autorelease];
+}
+
+- (void)show:(NSString*)state {
+  [_state autorelease];
+  _state = [state copy];
+  [_observer switchChanged];
+}
+
+- (void)refresh {
+  [self loadThen:@selector(showConfiguration)];
+}
+
+- (void)switchOn {
+  [self loadThen:@selector(saveOn)];
+}
+
+- (void)switchOff {
+  [self loadThen:@selector(saveOff)];
+}
+
+- (void)remove {
+  [self loadThen:@selector(removeConfiguration)];
+}
+
+// Each change starts from what is stored: the system refuses to store what was not loaded before. Answers come on a
+// thread of the system's choosing.
+- (void)loadThen:(SEL)step {
+  [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError* error) {
+    [self performSelectorOnMainThread:error != nil ? @selector(showFailure:) : step withObject:error waitUntilDone:NO];
+  }];
+}
+
+- (void)stored:(NSError*)error {
+  if (error == nil) return [self performSelectorOnMainThread:@selector(refresh) withObject:nil waitUntilDone:NO];
+  // What was refused must not stay in memory as if it were stored.
+  [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError*) {
+    [self performSelectorOnMainThread:@selector(showFailure:) withObject:error waitUntilDone:NO];
+  }];
+}
+
+- (void)saveOn {
+  NEFilterManager* filter = [NEFilterManager sharedManager];
+  NEFilterProviderConfiguration* configuration = [[[NEFilterProviderConfiguration alloc] init] autorelease];
+  configuration.filterSockets = YES;
+  configuration.filterPackets = NO;
+  configuration.filterDataProviderBundleIdentifier = _extension;
+  filter.providerConfiguration = configuration;
+  filter.localizedDescription = @"OrvaneSE";
+  filter.enabled = YES;
+  [filter saveToPreferencesWithCompletionHandler:^(NSError* error) {
+    [self stored:error];
+  }];
+}
+
+- (void)saveOff {
+  NEFilterManager* filter = [NEFilterManager sharedManager];
+  if (filter.providerConfiguration == nil) return [self showConfiguration];
+  filter.enabled = NO;
+  [filter saveToPreferencesWithCompletionHandler:^(NSError* error) {
+    [self stored:error];
+  }];
+}
+
+- (void)removeConfiguration {
+  NEFilterManager* filter = [NEFilterManager sharedManager];
+  if (filter.providerConfiguration == nil) return [self showConfiguration];
+  [filter removeFromPreferencesWithCompletionHandler:^(NSError* error) {
+    [self stored:error];
+  }];
+}
+
+- (void)configurationChanged:(NSNotification*)notification {
+  [self performSelectorOnMainThread:@selector(showConfiguration) withObject:nil waitUntilDone:NO];
+}
+
+- (void)showConfiguration {
+  NEFilterManager* filter = [NEFilterManager sharedManager];
+  if (filter.providerConfiguration == nil) return [self show:@"Off, and not set up yet"];
+  [self show:filter.enabled ? @"On" : @"Off"];
+}
+
+- (void)showFailure:(NSError*)error {
+  [self show:failure_text(error)];
+}
+
+@end

@@ -1,0 +1,121 @@
+#include "companion/Idna.h"
+
+#include <array>
+#include <memory>
+#include <string_view>
+
+// The ICU that is part of macOS, by ICU's documentation of uidna.h and ustring.h. The SDK has the library
+// (libicucore) and no header of these functions, which ICU has kept unchanged since version 4.6.
+extern "C" {
+struct UIDNA;
+struct UIDNAInfo {
+  int16_t size;
+  int8_t isTransitionalDifferent;
+  int8_t reservedB3;
+  uint32_t errors;
+  int32_t reservedI2;
+  int32_t reservedI3;
+};
+UIDNA* uidna_openUTS46(uint32_t options, int* errorCode);
+void uidna_close(UIDNA* idna);
+int32_t uidna_labelToASCII_UTF8(const UIDNA* idna, const char* label, int32_t length, char* destination,
+                                int32_t capacity, UIDNAInfo* info, int* errorCode);
+char16_t* u_strFromUTF8(char16_t* destination, int32_t capacity, int32_t* destinationLength, const char* source,
+                        int32_t length, int* errorCode);
+}
+
+namespace orvane {
+namespace {
+
+// Error codes of ICU: those above 0 are failures.
+constexpr int kMemoryAllocationError = 7;
+constexpr int kInvalidCharacterFound = 10;
+constexpr int kBufferOverflow = 15;
+
+// What browsers ask of UTS #46 (WHATWG URL Standard, "domain to ASCII"): the rules on the direction of letters and on
+// joiners, and non-transitional processing both ways.
+constexpr uint32_t kCheckBidi = 0x4;
+constexpr uint32_t kCheckJoiners = 0x8;
+constexpr uint32_t kNonTransitionalToASCII = 0x10;
+constexpr uint32_t kNonTransitionalToUnicode = 0x20;
+
+// Faults of a label, as bits.
+constexpr uint32_t kEmptyLabel = 0x1;
+constexpr uint32_t kLabelTooLong = 0x2;
+constexpr uint32_t kHyphens = 0x8 | 0x10 | 0x20;  // first, last, third and fourth: browsers do not mind
+struct Fault {
+  uint32_t bit;
+  const char* text;
+};
+constexpr Fault kFaults[] = {
+    {0x40, "a label starts with a combining mark"},
+    {0x80, "a character is not allowed"},
+    {0x100, "an A-label cannot be decoded"},
+    {0x200, "a label holds a dot"},
+    {0x400, "an A-label is not the one that its letters have"},
+    {0x800, "letters of both directions are mixed"},
+    {0x1000, "a joiner stands where none may"},
+};
+
+struct CloseIdna {
+  void operator()(UIDNA* idna) const { uidna_close(idna); }
+};
+
+// Null when memory is used up. It is never changed, so every thread may use it.
+const UIDNA* uts46() {
+  static const std::unique_ptr<UIDNA, CloseIdna> kIdna = [] {
+    int error = 0;
+    return std::unique_ptr<UIDNA, CloseIdna>(
+        uidna_openUTS46(kCheckBidi | kCheckJoiners | kNonTransitionalToASCII | kNonTransitionalToUnicode, &error));
+  }();
+  return kIdna.get();
+}
+
+// The look-up itself takes what is no UTF-8 for a character that is not allowed. Nothing is written: a text that is
+// good "overflows".
+bool is_utf8(const std::string& text) {
+  int error = 0;
+  int32_t length = 0;
+  u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &error);
+  return error != kInvalidCharacterFound;
+}
+
+// An A-label that ends in the delimiter, or has nothing but its prefix, spells plain letters. Some versions of ICU give
+// it back unchanged.
+bool has_no_international_letter(std::string_view label) {
+  constexpr std::string_view kPrefix = "xn--";
+  return label.substr(0, kPrefix.size()) == kPrefix && label.back() == '-';
+}
+
+ALabel failure(ALabel::Status status, const char* reason = "") { return {status, "", reason}; }
+
+}  // namespace
+
+ALabel look_up_label(const std::string& label) {
+  // Bytes. What is longer than that cannot come down to 63 characters, unless by letters that are mapped to nothing.
+  constexpr size_t kLongest = 4096;
+  if (label.size() > kLongest) return failure(ALabel::Status::TooLong);
+  if (!is_utf8(label)) return failure(ALabel::Status::NotUTF8);
+  if (uts46() == nullptr) return failure(ALabel::Status::OutOfMemory);
+
+  std::array<char, 256> output;
+  UIDNAInfo info{};
+  info.size = sizeof info;
+  int error = 0;
+  int32_t length = uidna_labelToASCII_UTF8(uts46(), label.data(), static_cast<int32_t>(label.size()), output.data(),
+                                           output.size(), &info, &error);
+  if (error == kMemoryAllocationError) return failure(ALabel::Status::OutOfMemory);
+  if (error == kBufferOverflow) return failure(ALabel::Status::TooLong);
+  if (error > 0) return failure(ALabel::Status::Invalid, "it cannot be looked up");
+  for (const Fault& fault : kFaults) {
+    if ((info.errors & fault.bit) != 0) return failure(ALabel::Status::Invalid, fault.text);
+  }
+  if ((info.errors & kLabelTooLong) != 0) return failure(ALabel::Status::TooLong);
+  if ((info.errors & ~(kHyphens | kEmptyLabel)) != 0) return failure(ALabel::Status::Invalid, "it breaks a rule");
+  std::string text(output.data(), static_cast<size_t>(length));
+  if (has_no_international_letter(text))
+    return failure(ALabel::Status::Invalid, "an A-label is not the one that its letters have");
+  return {ALabel::Status::Found, std::move(text), ""};
+}
+
+}  // namespace orvane

@@ -1,0 +1,12 @@
+#import "ApplicationDelegate.h"
+
+int main() {
+  @autoreleasepool {
+    NSApplication* application = [NSApplication sharedApplication];
+    // The application does not keep its delegate.
+    ApplicationDelegate* delegate = [[[ApplicationDelegate alloc] init] autorelease];
+    application.delegate = delegate;
+    [application setActivationPolicy:NSApplicationActivationPolicyRegular];
+    [application run];
+  }
+}

@@ -1,0 +1,59 @@
+#include "platform/Bundle.h"
+
+#import <Foundation/Foundation.h>
+
+#include "platform/macos/CoreFoundation.h"
+#include "platform/macos/Values.h"
+
+namespace orvane {
+namespace {
+
+// In pools of their own: the program starts on a thread that has none.
+Owned<CFStringRef> string_create(std::string_view text) {
+  @autoreleasepool {
+    return Owned(reinterpret_cast<CFStringRef>([foundation_string(text) retain]));
+  }
+}
+
+Value value_of_object(CFTypeRef object) {
+  @autoreleasepool {
+    return value_of(static_cast<id>(object));
+  }
+}
+
+std::string text_of_url(CFURLRef url) {
+  const Owned absolute(CFURLCopyAbsoluteURL(url));
+  return text_of(reinterpret_cast<::NSString*>(CFURLGetString(absolute.get())));
+}
+
+}  // namespace
+
+void retain(const Bundle* bundle) { CFRetain(bundle); }
+void release(const Bundle* bundle) { CFRelease(bundle); }
+
+Bundle* bundle_get_main() { return ours<Bundle>(CFBundleGetMainBundle()); }
+
+Ref<Bundle> bundle_create(const std::string& url) {
+  const Owned<CFURLRef> place = url_create(url);
+  if (!place) return nullptr;
+  return Ref<Bundle>::adopt(ours<Bundle>(CFBundleCreate(kCFAllocatorDefault, place.get())));
+}
+
+Value bundle_get_information(const Bundle* bundle, std::string_view key) {
+  if (bundle == nullptr) return nullptr;
+  // Not the bundle's own look-up by key, which would prefer a translation.
+  CFDictionaryRef information = CFBundleGetInfoDictionary(native<CFBundleRef>(bundle));
+  if (information == nullptr) return nullptr;
+  return value_of_object(CFDictionaryGetValue(information, string_create(key).get()));
+}
+
+std::optional<std::string> bundle_copy_resource_url(const Bundle* bundle, std::string_view name,
+                                                    std::string_view type) {
+  if (bundle == nullptr) return std::nullopt;
+  const Owned<CFStringRef> resource = string_create(name), resourceType = string_create(type);
+  const Owned url(CFBundleCopyResourceURL(native<CFBundleRef>(bundle), resource.get(), resourceType.get(), nullptr));
+  if (!url) return std::nullopt;
+  return text_of_url(url.get());
+}
+
+}  // namespace orvane

@@ -1,0 +1,26 @@
+#include "platform/DNS.h"
+
+#include <dns_util.h>
+
+#include <cstddef>
+
+#include "platform/QuestionName.h"
+
+namespace orvane {
+
+// The resolver library's question, under our name.
+static_assert(sizeof(dns_question_t) == sizeof(::dns_question_t));
+static_assert(offsetof(dns_question_t, name) == offsetof(::dns_question_t, name));
+static_assert(offsetof(dns_question_t, dnstype) == offsetof(::dns_question_t, dnstype));
+static_assert(offsetof(dns_question_t, dnsclass) == offsetof(::dns_question_t, dnsclass));
+
+dns_question_t* dns_parse_question(const char* buffer, uint32_t length) {
+  // The library follows compression pointers, and nothing says that it never does so in circles. The sender chooses
+  // the bytes.
+  if (question_name_length({reinterpret_cast<const uint8_t*>(buffer), length}) == 0) return nullptr;
+  return reinterpret_cast<dns_question_t*>(::dns_parse_question(buffer, length));
+}
+
+void dns_free_question(dns_question_t* question) { ::dns_free_question(reinterpret_cast<::dns_question_t*>(question)); }
+
+}  // namespace orvane

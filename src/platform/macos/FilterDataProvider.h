@@ -1,0 +1,11 @@
+#pragma once
+
+#import "platform/macos/PLProviderShell.h"
+
+// The class that a bundle names for the C++ class of the same name.
+@interface FilterDataProvider : PLProviderShell
+
+- (BOOL)isFlowFromBrowser:(NEFilterFlow*)flow;
+- (NSArray*)createFilterRules;
+
+@end

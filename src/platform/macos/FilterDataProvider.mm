@@ -1,0 +1,28 @@
+#import "platform/macos/FilterDataProvider.h"
+
+#include "filter/FilterDataProvider.h"
+#include "platform/macos/Flow.h"
+#include "platform/macos/NetworkExtension.h"
+
+@implementation FilterDataProvider
+
+- (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider {
+  return orvane::FilterDataProvider::init();
+}
+
+// Not "provider": the framework may have a method of its own by that name.
+- (const orvane::FilterDataProvider&)orvaneProvider {
+  return static_cast<const orvane::FilterDataProvider&>(*_provider);
+}
+
+- (BOOL)isFlowFromBrowser:(NEFilterFlow*)flow {
+  @autoreleasepool {
+    return [self orvaneProvider].isFlowFromBrowser(*orvane::flow_of(flow));
+  }
+}
+
+- (NSArray*)createFilterRules {
+  return orvane::rule_objects([self orvaneProvider].createFilterRules());
+}
+
+@end

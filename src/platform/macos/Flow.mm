@@ -1,0 +1,60 @@
+#include "platform/macos/Flow.h"
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include "platform/macos/Foundation.h"
+#include "platform/macos/Retained.h"
+#include "platform/macos/Values.h"
+
+namespace orvane {
+namespace {
+
+// An endpoint that is no host, such as a Bonjour service.
+class OtherEndpoint final : public NWEndpoint {};
+
+Ref<NWEndpoint> endpoint_of(::NWEndpoint* endpoint) {
+  if (endpoint == nil) return nullptr;
+  if (![endpoint isKindOfClass:[::NWHostEndpoint class]]) return Ref<OtherEndpoint>::adopt(new OtherEndpoint);
+  auto* host = static_cast<::NWHostEndpoint*>(endpoint);
+  return NWHostEndpoint::endpointWithHostname(text_of([host hostname]), text_of([host port]));
+}
+
+// What any flow can be asked, as a flow of the class Base.
+template <class Base, class Object>
+class SystemFlow : public Base {
+ public:
+  explicit SystemFlow(Object* flow) : flow_(flow) {}
+  Value sourceAppAuditToken() const override { return value_of([object() sourceAppAuditToken]); }
+  Ref<NSURL> URL() const override { return url_of([object() URL]); }
+
+ protected:
+  Object* object() const { return flow_.get(); }
+
+ private:
+  Retained<Object> flow_;
+};
+
+using PlainFlow = SystemFlow<NEFilterFlow, ::NEFilterFlow>;
+
+class SocketFlow final : public SystemFlow<NEFilterSocketFlow, ::NEFilterSocketFlow> {
+ public:
+  using SystemFlow::SystemFlow;
+  Ref<NWEndpoint> remoteEndpoint() const override { return endpoint_of([object() remoteEndpoint]); }
+  std::optional<std::string> remoteHostname() const override {
+    ::NSString* name = [object() remoteHostname];
+    if (name == nil) return std::nullopt;
+    return text_of(name);
+  }
+  int32_t socketType() const override { return [object() socketType]; }
+};
+
+}  // namespace
+
+Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow) {
+  if ([flow isKindOfClass:[::NEFilterSocketFlow class]]) {
+    return Ref<SocketFlow>::adopt(new SocketFlow(static_cast<::NEFilterSocketFlow*>(flow)));
+  }
+  return Ref<PlainFlow>::adopt(new PlainFlow(flow));
+}
+
+}  // namespace orvane

@@ -1,0 +1,82 @@
+#import <Foundation/Foundation.h>
+#include <objc/objc-sync.h>
+
+#include <cstddef>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "platform/Synchronization.h"
+#include "platform/macos/Counterpart.h"
+
+namespace orvane {
+
+namespace {
+
+// The object whose monitor the runtime keeps: the C++ object's counterpart, or one made for as long as it is in use.
+struct Monitor {
+  id object = nil;
+  size_t users = 0;  // ObjectMonitor values that hold or await it; a counterpart counts as one for ever
+  bool isCounterpart = false;
+};
+
+struct MonitorTable {
+  std::mutex mutex;
+  std::unordered_map<const NSObject*, Monitor> monitors;
+};
+
+// Never destroyed: other threads may still hold monitors while the process ends.
+MonitorTable& table() {
+  static auto* shared = new MonitorTable;
+  return *shared;
+}
+
+}  // namespace
+
+void set_counterpart(const NSObject* object, void* objectiveC) {
+  std::lock_guard guard(table().mutex);
+  table().monitors[object] = {[static_cast<id>(objectiveC) retain], 1, true};
+}
+
+void* counterpart(const NSObject* object) {
+  std::lock_guard guard(table().mutex);
+  auto entry = table().monitors.find(object);
+  return entry != table().monitors.end() && entry->second.isCounterpart ? entry->second.object : nil;
+}
+
+ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
+  if (object_ == nullptr) return;
+  std::unique_lock lock(table().mutex);
+  Monitor* entry = &table().monitors[object_];  // stays in its place while others come and go
+  ++entry->users;
+  if (entry->object == nil) {
+    lock.unlock();
+    id made = [[::NSObject alloc] init];
+    lock.lock();
+    // Another thread may have been first.
+    if (entry->object == nil) std::swap(entry->object, made);
+    lock.unlock();
+    [made release];
+    lock.lock();
+  }
+  id monitor = entry->object;
+  lock.unlock();
+  objc_sync_enter(monitor);
+}
+
+// The runtime takes locks of its own in all of its calls, so the table's is never held around them.
+ObjectMonitor::~ObjectMonitor() {
+  if (object_ == nullptr) return;
+  std::unique_lock lock(table().mutex);
+  Monitor& entry = table().monitors[object_];
+  id monitor = entry.object;
+  lock.unlock();
+  objc_sync_exit(monitor);
+  lock.lock();
+  if (--entry.users != 0) return;
+  table().monitors.erase(object_);
+  lock.unlock();
+  [monitor release];
+}
+
+}  // namespace orvane

@@ -1,0 +1,20 @@
+#pragma once
+
+// Ours first: the framework's headers make "Nil", a kind of value, a macro.
+// clang-format off
+#include "service/OrvaneSECommunication.h"
+
+#import "platform/macos/OrvaneSECommunication.h"
+// clang-format on
+
+// The shell of a control object: what connections export in its place. It hands each message on as it came.
+@interface OrvaneController : NSObject <OrvaneSECommunication> {
+ @private
+  orvane::Ref<orvane::OrvaneSECommunication> _controller;
+}
+
+// The one shell of a control object, made on first use and kept for ever. Its monitor is the control object's. Nil for
+// null. Thread-safe.
++ (OrvaneController*)shellFor:(orvane::OrvaneSECommunication*)controller;
+
+@end

@@ -1,0 +1,93 @@
+#import "platform/macos/OrvaneController.h"
+
+#include <mutex>
+
+#include "platform/macos/Counterpart.h"
+#include "platform/macos/Values.h"
+
+using orvane::value_of;
+
+@implementation OrvaneController
+
++ (OrvaneController*)shellFor:(orvane::OrvaneSECommunication*)controller {
+  static std::mutex mutex;
+  if (controller == nullptr) return nil;
+  std::lock_guard guard(mutex);
+  auto* shell = static_cast<OrvaneController*>(orvane::counterpart(controller));
+  if (shell == nil) {
+    shell = [[self alloc] initWithController:controller];
+    orvane::set_counterpart(controller, shell);
+    [shell release];
+  }
+  return shell;
+}
+
+- (instancetype)initWithController:(orvane::OrvaneSECommunication*)controller {
+  self = [super init];
+  if (self != nil) _controller = orvane::Ref<orvane::OrvaneSECommunication>::retained(controller);
+  return self;
+}
+
+- (void)pingWithReply:(void (^)(BOOL alive))reply {
+  _controller->pingWithReply([reply](bool alive) { reply(alive ? YES : NO); });
+}
+
+- (void)getAppFilterStateWithReply:(void (^)(BOOL active))reply {
+  _controller->getAppFilterStateWithReply([reply](bool active) { reply(active ? YES : NO); });
+}
+
+- (void)start {
+  _controller->start();
+}
+
+- (void)stop {
+  _controller->stop();
+}
+
+- (void)addApplicationIdentifier:(NSString*)identifier {
+  @autoreleasepool {
+    _controller->addApplicationIdentifier(value_of(identifier));
+  }
+}
+
+- (void)removeApplicationIdentifier:(NSString*)identifier {
+  @autoreleasepool {
+    _controller->removeApplicationIdentifier(value_of(identifier));
+  }
+}
+
+- (void)setApplicationIdentifiers:(NSArray*)identifiers {
+  @autoreleasepool {
+    _controller->setApplicationIdentifiers(value_of(identifiers));
+  }
+}
+
+- (void)addHostname:(NSString*)hostname {
+  @autoreleasepool {
+    _controller->addHostname(value_of(hostname));
+  }
+}
+
+- (void)removeHostname:(NSString*)hostname {
+  @autoreleasepool {
+    _controller->removeHostname(value_of(hostname));
+  }
+}
+
+- (void)setHostnames:(NSSet*)hostnames {
+  @autoreleasepool {
+    _controller->setHostnames(value_of(hostnames));
+  }
+}
+
+- (void)setProperties:(NSDictionary*)properties forHostname:(NSString*)hostname {
+  @autoreleasepool {
+    _controller->setProperties(value_of(properties), value_of(hostname));
+  }
+}
+
+- (void)getChangesCount:(void (^)(uint64_t count))reply {
+  _controller->getChangesCount([reply](uint64_t count) { reply(count); });
+}
+
+@end

@@ -1,0 +1,20 @@
+#pragma once
+
+// Ours first: the framework's headers make "Nil", a kind of value, a macro.
+// clang-format off
+#include "platform/NetworkExtension.h"
+
+#import <NetworkExtension/NetworkExtension.h>
+// clang-format on
+
+// A provider as the framework knows it. It hands each call to a C++ provider, which it makes and holds, and decides
+// nothing. The framework calls it on queues of its own choosing.
+@interface PLProviderShell : NEFilterDataProvider {
+ @protected
+  orvane::Ref<orvane::NEFilterDataProvider> _provider;
+}
+
+// For the derived class to answer: a new provider of its C++ class. Null fails the initialiser.
+- (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider;
+
+@end

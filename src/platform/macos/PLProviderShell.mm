@@ -1,0 +1,73 @@
+#import "platform/macos/PLProviderShell.h"
+
+#include "platform/macos/Block.h"
+#include "platform/macos/Flow.h"
+#include "platform/macos/Foundation.h"
+#include "platform/macos/NetworkExtension.h"
+
+namespace {
+
+// The object that `body` gives, in a pool of the call's own: a queue may drain its pool long after, and flows are many.
+template <class Body>
+auto pooled(Body body) {
+  decltype(body()) result = nil;
+  @autoreleasepool {
+    result = [body() retain];
+  }
+  return [result autorelease];
+}
+
+}  // namespace
+
+@implementation PLProviderShell
+
+- (instancetype)init {
+  self = [super init];
+  if (self == nil) return nil;
+  _provider = [self makeProvider];
+  if (!_provider) {
+    [self release];
+    return nil;
+  }
+  _provider->setPlatformObject(self);
+  return self;
+}
+
+- (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider {
+  return nullptr;
+}
+
+- (void)startFilterWithCompletionHandler:(void (^)(NSError*))completionHandler {
+  @autoreleasepool {
+    const orvane::Block<void(NSError*)> handler(completionHandler);
+    _provider->startFilterWithCompletionHandler(
+        [handler](const orvane::Ref<orvane::NSError>& error) { handler(orvane::foundation_error(error)); });
+  }
+}
+
+- (void)stopFilterWithReason:(NEProviderStopReason)reason completionHandler:(void (^)(void))completionHandler {
+  @autoreleasepool {
+    const orvane::Block<void()> handler(completionHandler);
+    _provider->stopFilterWithReason(static_cast<orvane::NEProviderStopReason>(reason), handler);
+  }
+}
+
+- (NEFilterNewFlowVerdict*)handleNewFlow:(NEFilterFlow*)flow {
+  return pooled([&] { return orvane::verdict_object(_provider->handleNewFlow(*orvane::flow_of(flow))); });
+}
+
+- (NEFilterDataVerdict*)handleOutboundDataFromFlow:(NEFilterFlow*)flow
+                              readBytesStartOffset:(NSUInteger)offset
+                                         readBytes:(NSData*)readBytes {
+  return pooled([&] {
+    const std::span<const uint8_t> bytes(static_cast<const uint8_t*>([readBytes bytes]), [readBytes length]);
+    return orvane::verdict_object(_provider->handleOutboundDataFromFlow(*orvane::flow_of(flow), offset, bytes));
+  });
+}
+
+- (NEFilterDataVerdict*)handleOutboundDataCompleteForFlow:(NEFilterFlow*)flow {
+  return pooled(
+      [&] { return orvane::verdict_object(_provider->handleOutboundDataCompleteForFlow(*orvane::flow_of(flow))); });
+}
+
+@end

@@ -1,0 +1,28 @@
+#import "platform/macos/PLSafariFilterDataProvider.h"
+
+#include "filter/PLSafariFilterDataProvider.h"
+#include "platform/macos/Flow.h"
+#include "platform/macos/NetworkExtension.h"
+
+@implementation PLSafariFilterDataProvider
+
+- (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider {
+  return orvane::PLSafariFilterDataProvider::init();
+}
+
+// Not "provider": the framework may have a method of its own by that name.
+- (const orvane::PLSafariFilterDataProvider&)orvaneProvider {
+  return static_cast<const orvane::PLSafariFilterDataProvider&>(*_provider);
+}
+
+- (BOOL)isSafariBrowser:(NEFilterFlow*)flow {
+  @autoreleasepool {
+    return [self orvaneProvider].isSafariBrowser(*orvane::flow_of(flow));
+  }
+}
+
+- (NSArray*)createFilterRules {
+  return orvane::rule_objects([self orvaneProvider].createFilterRules());
+}
+
+@end

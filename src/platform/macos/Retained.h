@@ -1,0 +1,20 @@
+#pragma once
+
+namespace orvane {
+
+// An Objective-C object of class T, or nil, that a C++ object or a block keeps.
+template <class T>
+class Retained {
+ public:
+  explicit Retained(T* object) : object_([object retain]) {}
+  Retained(const Retained& other) : Retained(other.object_) {}
+  ~Retained() { [object_ release]; }
+  Retained& operator=(const Retained&) = delete;
+
+  T* get() const { return object_; }
+
+ private:
+  T* object_;
+};
+
+}  // namespace orvane

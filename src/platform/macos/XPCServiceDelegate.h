@@ -1,0 +1,23 @@
+#pragma once
+
+// Ours first: the framework's headers make "Nil", a kind of value, a macro.
+// clang-format off
+#include "platform/XPC.h"
+
+#import <Foundation/Foundation.h>
+// clang-format on
+
+// The shell of a listener's delegate: asks it about each new connection. The framework's listener does not retain it.
+@interface XPCServiceDelegate : NSObject <NSXPCListenerDelegate> {
+ @private
+  orvane::NSXPCListener* _listener;
+  orvane::Ref<orvane::NSXPCListenerDelegate> _delegate;
+}
+
+// The listener is borrowed until the shell is dismissed.
+- (instancetype)initWithListener:(orvane::NSXPCListener*)listener delegate:(orvane::NSXPCListenerDelegate*)delegate;
+
+// Asks nothing any more; waits for a question that is being asked.
+- (void)dismiss;
+
+@end

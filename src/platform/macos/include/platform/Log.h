@@ -1,0 +1,113 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Foundation.h"
+#include "platform/Object.h"
+#include "platform/Value.h"
+
+// Last: with Objective-C, the system's headers make "Nil", a kind of value, a macro.
+#include <os/log.h>
+
+// The system log. A message is a literal format with some of os_log(3)'s conversions:
+//
+//   %@ an object    %d an int    %ld a long    %lu an unsigned long    %s characters    %p an address    %.8x an
+//   unsigned
+//
+// The compiler checks the arguments against the format. They are evaluated only when the level is on for the handle.
+namespace orvane {
+
+enum class LogLevel : uint8_t {
+  Default = OS_LOG_TYPE_DEFAULT,
+  Info = OS_LOG_TYPE_INFO,
+  Debug = OS_LOG_TYPE_DEBUG,
+  Error = OS_LOG_TYPE_ERROR,
+};
+
+// A handle: one category of one subsystem. Counted; it is the system's own object.
+class LogHandle;
+void retain(const LogHandle* handle);
+void release(const LogHandle* handle);
+using os_log_t = Ref<LogHandle>;
+
+os_log_t os_log_create(const char* subsystem, const char* category);
+
+// The log without a category. Never released.
+const os_log_t& default_log();
+
+// Whether messages of a level are kept. A null handle is the default log.
+bool os_log_type_enabled(const os_log_t& log, LogLevel level);
+
+namespace log_detail {
+
+// The system's handle. Never null.
+void* native(const os_log_t& log);
+
+// Arguments as the system takes them; what they hold lives as long as the statement that logs it.
+template <class T>
+class Plain {
+ public:
+  explicit Plain(T value) : value_(value) {}
+  T get() const { return value_; }
+
+ private:
+  T value_;
+};
+
+class Object {
+ public:
+  explicit Object(const void* object) : object_(object) {}  // takes over a reference; may be null
+  ~Object();
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+  const void* get() const { return object_; }
+
+ private:
+  const void* object_;
+};
+
+inline Plain<int> argument(int value) { return Plain(value); }
+inline Plain<long> argument(long value) { return Plain(value); }
+inline Plain<unsigned int> argument(unsigned int value) { return Plain(value); }
+inline Plain<unsigned long> argument(unsigned long value) { return Plain(value); }
+inline Plain<const char*> argument(const char* value) { return Plain(value); }
+inline Plain<const void*> argument(const void* value) { return Plain(value); }
+Object argument(const Value& value);
+Object argument(std::string_view text);
+Object argument(const std::string& text);
+Object argument(const std::optional<std::string>& text);
+Object argument(const Ref<NSError>& error);
+
+}  // namespace log_detail
+}  // namespace orvane
+
+// The format and up to three arguments, each as the system takes it.
+#define ORVANE_LOG_1(format) format
+#define ORVANE_LOG_2(format, a) format, ::orvane::log_detail::argument(a).get()
+#define ORVANE_LOG_3(format, a, b) ORVANE_LOG_2(format, a), ::orvane::log_detail::argument(b).get()
+#define ORVANE_LOG_4(format, a, b, c) ORVANE_LOG_3(format, a, b), ::orvane::log_detail::argument(c).get()
+#define ORVANE_LOG_CHOOSE(format, a, b, c, chosen, ...) chosen
+#define ORVANE_LOG_MESSAGE(...) \
+  ORVANE_LOG_CHOOSE(__VA_ARGS__, ORVANE_LOG_4, ORVANE_LOG_3, ORVANE_LOG_2, ORVANE_LOG_1, )(__VA_ARGS__)
+#define ORVANE_LOG_WRITE(...) os_log_with_type(__VA_ARGS__)
+
+// Written by the system's own macro, which wants the literal and finds its names where it stands.
+#define ORVANE_LOG_AT(level, log, ...)                                                                               \
+  do {                                                                                                               \
+    const ::orvane::os_log_t& orvane_log_handle = (log);                                                             \
+    if (::orvane::os_log_type_enabled(orvane_log_handle, level)) {                                                   \
+      using ::os_log_t;                                                                                              \
+      using ::os_log_type_enabled;                                                                                   \
+      using ::os_log_type_t;                                                                                         \
+      ORVANE_LOG_WRITE((os_log_t)::orvane::log_detail::native(orvane_log_handle), static_cast<os_log_type_t>(level), \
+                       ORVANE_LOG_MESSAGE(__VA_ARGS__));                                                             \
+    }                                                                                                                \
+  } while (false)
+
+#define ORVANE_LOG_DEFAULT(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Default, log, __VA_ARGS__)
+#define ORVANE_LOG_INFO(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Info, log, __VA_ARGS__)
+#define ORVANE_LOG_DEBUG(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Debug, log, __VA_ARGS__)
+#define ORVANE_LOG_ERROR(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Error, log, __VA_ARGS__)

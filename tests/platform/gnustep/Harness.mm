@@ -1,0 +1,80 @@
+#include "platform/gnustep/Harness.h"
+
+// Ours first: the system's headers make "Nil", a kind of value, a macro.
+// clang-format off
+#include "platform/StandIn.h"
+#include "platform/macos/Foundation.h"
+#include "platform/macos/Values.h"
+
+#undef NDEBUG  // where it is set, NSDebug.h hides what counts objects; the library counts either way
+// clang-format on
+#include <Block_private.h>
+#import <Foundation/Foundation.h>
+#import <Foundation/NSDebug.h>
+#include <dlfcn.h>
+
+#include <map>
+
+namespace orvane {
+
+// The stand-ins' errors are errors of this system.
+Ref<NSError> stand_in::error_named(const std::string& name) {
+  id words = @{NSLocalizedDescriptionKey : foundation_string("localised " + name)};
+  return error_of([::NSError errorWithDomain:foundation_string(name) code:1 userInfo:words]);
+}
+
+namespace {
+
+using Counts = std::map<std::string, int>;  // of each class, of those that were made since counting began
+
+Counts live_objects() {
+  Counts counts = {{"orvane::NSObject", stand_in::aliveObjects}};
+  const Class* classes = GSDebugAllocationClassList();
+  for (const Class* each = classes; *each != nullptr; ++each)
+    counts[class_getName(*each)] = GSDebugAllocationCount(*each);
+  NSZoneFree(NSDefaultMallocZone(), const_cast<Class*>(classes));
+  for (const char* kind : {"LogHandle", "SecCode", "SecStaticCode", "CodeURL", "Dictionary", "Number"}) {
+    counts[std::string("orvane::") + kind] = stand_in::alive(kind);
+  }
+  return counts;
+}
+
+}  // namespace
+
+std::string left_alive(const std::function<void()>& body, bool drained) {
+  Counts before, after;
+  GSDebugAllocationActive(YES);
+  for (int run = 0; run < 2; ++run) {
+    @autoreleasepool {
+      before = live_objects();
+      body();
+      after = live_objects();
+    }
+  }
+  if (drained) after = live_objects();
+  std::string text;
+  for (const auto& [name, count] : after) {
+    const int more = count - before[name];
+    if (more != 0) text += (text.empty() ? "" : ", ") + name + (more > 0 ? " +" : " ") + std::to_string(more);
+  }
+  return text;
+}
+
+}  // namespace orvane
+
+// The blocks runtime here knows nothing of Objective-C: a block that is copied would not keep the objects it refers to.
+// So its two functions for that come first from here.
+template <class Function>
+static Function* next(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void _Block_object_assign(void* destination, const void* object, const int flags) {
+  if (flags != BLOCK_FIELD_IS_OBJECT) return next<decltype(_Block_object_assign)>(__func__)(destination, object, flags);
+  *static_cast<id*>(destination) = [static_cast<id>(const_cast<void*>(object)) retain];
+}
+
+void _Block_object_dispose(const void* object, const int flags) {
+  if (flags != BLOCK_FIELD_IS_OBJECT) return next<decltype(_Block_object_dispose)>(__func__)(object, flags);
+  [static_cast<id>(const_cast<void*>(object)) release];
+}

@@ -1,0 +1,12 @@
+#pragma once
+#pragma GCC system_header
+
+#include_next <Foundation/Foundation.h>
+
+// What this Foundation's own declarations of XPC lack.
+enum { NSXPCConnectionInterrupted = 4097, NSXPCConnectionInvalid = 4099 };
+
+@interface NSXPCConnection (Missing)
+- (void)setExportedInterface:(NSXPCInterface*)exportedInterface;
+- (void)setExportedObject:(id)exportedObject;
+@end

@@ -1,0 +1,157 @@
+#include "database/Database.h"
+#include "platform/gnustep/Harness.h"
+#import "platform/macos/FilterDataProvider.h"
+#import "platform/macos/PLSafariFilterDataProvider.h"
+#include "platform/macos/Values.h"
+
+namespace orvane {
+namespace {
+
+constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13;
+const std::string kAllOutbound = "in 0 0 out 1 18446744073709551615";
+
+id token(int32_t pid) { return foundation_object(stand_in::token_of(pid)); }
+
+::NEFilterFlow* socket_flow(int32_t pid, ::NWEndpoint* endpoint, ::NSString* name) {
+  return [::NEFilterSocketFlow
+      described:@{@"sourceAppAuditToken" : token(pid), @"remoteEndpoint" : endpoint, @"remoteHostname" : name}];
+}
+
+::NEFilterFlow* url_flow(int32_t pid, ::NSString* url) {
+  return [::NEFilterFlow described:@{@"sourceAppAuditToken" : token(pid), @"URL" : [::NSURL URLWithString:url]}];
+}
+
+// Of the new flow, of its data and of its end.
+std::string verdicts(::NEFilterDataProvider* provider, ::NEFilterFlow* flow, ::NSData* bytes = nil) {
+  const id newFlow = [provider handleNewFlow:flow];
+  const id data = [provider handleOutboundDataFromFlow:flow readBytesStartOffset:0 readBytes:bytes];
+  const id end = [provider handleOutboundDataCompleteForFlow:flow];
+  return text_of([newFlow description]) + ", " + text_of([data description]) + ", " + text_of([end description]);
+}
+
+// Runs in a pool, with a browser, its helper, another program, Safari, and two hosts in the database, one suspended.
+class ProvidersTest : public DatabaseTest {
+ protected:
+  ProvidersTest() {
+    db_browser_add(text("browser"));
+    db_hostname_add(text("held.example"));
+    db_hostname_add(text("suspended.example"));
+    db_hostname_set_properties(text("suspended.example"), until(100));
+    stand_in::security.identifiers = {
+        {kBrowser, "org.browser"}, {kHelper, "org.helper"}, {kOther, "org.other"}, {kSafari, "com.apple.Safari"}};
+    stand_in::security.responsible = {{kHelper, kBrowser}};
+    networkExtension = {};
+  }
+  ~ProvidersTest() override { [pool release]; }
+
+  ::NSAutoreleasePool* pool = [::NSAutoreleasePool new];
+  ::FilterDataProvider* general = [[::FilterDataProvider new] autorelease];
+  ::PLSafariFilterDataProvider* safari = [[::PLSafariFilterDataProvider new] autorelease];
+  ::NWEndpoint* web = [::NWHostEndpoint endpointWithHostname:@"h" port:@"443"];
+  ::NWEndpoint* dns = [::NWHostEndpoint endpointWithHostname:@"h" port:@"53"];
+  ::NSError* failure = [::NSError errorWithDomain:@"D" code:1 userInfo:@{NSLocalizedDescriptionKey : @"caf\u00e9"}];
+};
+
+TEST_F(ProvidersTest, AVerdictOfTheCoreReachesTheFrameworkAsAnother) {
+  const std::tuple<::NEFilterDataProvider*, ::NEFilterFlow*, std::string> rows[] = {
+      {general, socket_flow(kOther, web, @"held.example"), "allow, drop, drop"},
+      {general, socket_flow(kHelper, web, @"held.example"), "drop, drop, drop"},
+      {general, socket_flow(kBrowser, web, @"free.example"), "allow, allow, allow"},
+      {general, socket_flow(kBrowser, dns, @"held.example"), "in 0 0 out 1 1024, allow, drop"},
+      {general, socket_flow(kBrowser, [::NWEndpoint described:@"53"], @"held.example"), "drop, drop, drop"},
+      {general, url_flow(kBrowser, @"https://held.example/page"), "drop, allow, allow"},
+      {general, [::NEFilterSocketFlow described:@{@"sourceAppAuditToken" : token(kBrowser)}],
+       kAllOutbound + ", allow, allow"},
+      {safari, socket_flow(kBrowser, web, @"held.example"), "allow, drop, allow"},
+      {safari, socket_flow(kSafari, web, @"suspended.example"), kAllOutbound + ", allow, allow"},
+      {safari, url_flow(kSafari, @"https://held.example/page"), kAllOutbound + ", drop, allow"},
+  };
+  for (const auto& [provider, flow, expected] : rows) {
+    EXPECT_EQ(verdicts(provider, flow), expected) << text_of([flow description]);
+  }
+  for (const int32_t pid : {kBrowser, kHelper, kOther, kSafari}) {
+    EXPECT_EQ([general isFlowFromBrowser:url_flow(pid, @"")], pid == kBrowser || pid == kHelper);
+    EXPECT_EQ([safari isSafariBrowser:url_flow(pid, @"")], pid == kSafari);
+  }
+}
+
+TEST_F(ProvidersTest, FrameworkIsNotStartedOrFlowIsAskedBeforeTheCoreAsksOrNotEachTime) {
+  EXPECT_EQ(NEFilterProvider::startSystemExtensionMode(), 0);
+  [general handleNewFlow:socket_flow(kOther, web, @"held.example")];
+  [general handleNewFlow:socket_flow(kBrowser, web, @"held.example")];
+  const std::string token = "sourceAppAuditToken ", port = "remoteEndpoint hostname port ";
+  EXPECT_EQ(networkExtension.asked, "start " + token + token + port + port + port + "URL remoteHostname ");
+}
+
+TEST_F(ProvidersTest, BytesAreCutOrShifted) {
+  const std::string question("\3www\7example\0\0\1\0\1", 17);
+  const auto log_of = [&](size_t length) {
+    verdicts(general, socket_flow(kBrowser, dns, @""), [::NSData dataWithBytes:question.data() length:length]);
+    return stand_in::take_log("FilterDataProvider");
+  };
+  EXPECT_NE(log_of(question.size()).find("dns_name:www.example"), std::string::npos);
+  EXPECT_NE(log_of(question.size() - 1).find("cannot parse dns question :"), std::string::npos);
+}
+
+TEST_F(ProvidersTest, RulesReachTheFrameworkChangedOrStartReportsAnotherErrorOrNone) {
+  const auto rule = [](const std::string& port, const std::string& protocol) {
+    return "{hostname = \"\"; port = " + port + "; }/0 from (null)/0 protocol " + protocol + " direction 2: 4";
+  };
+  const std::string webRules = rule("80", "1") + "; " + rule("443", "1");
+  const std::tuple<::NEFilterDataProvider*, ::NSArray*, std::string> rows[] = {
+      {general, [general createFilterRules], rule("53", "0") + "; " + webRules},
+      {safari, [safari createFilterRules], webRules}};
+  for (const auto& [provider, rules, expected] : rows) {
+    EXPECT_EQ(text_of([rules componentsJoinedByString:@"; "]), expected);
+    for (::NSError* error : {failure, static_cast<::NSError*>(nil)}) {
+      __block int calls = 0;
+      [provider startFilterWithCompletionHandler:^(::NSError* reported) {
+        ++calls;
+        EXPECT_EQ(reported, error);
+      }];
+      EXPECT_EQ(networkExtension.applied, expected + "; else 1");
+      EXPECT_EQ(calls, 0);
+      EXPECT_EQ([provider retainCount], 2U) << "the test's and the framework's";
+      std::exchange(networkExtension.complete, nullptr)(error);
+      EXPECT_EQ(calls, 1);
+    }
+  }
+  EXPECT_NE(stand_in::take_log("FilterDataProvider").find("Failed to apply filter settings: caf\xc3\xa9 |"),
+            std::string::npos);
+}
+
+TEST_F(ProvidersTest, ObjectsAreLeftWhenAProviderGoesOrItsStopIsNotReported) {
+  ::NSArray* flows = @[
+    url_flow(kBrowser, @"https://held.example/page"), url_flow(kSafari, @"https://held.example/page"),
+    socket_flow(kHelper, web, @"held.example"), socket_flow(kOther, dns, @""), socket_flow(kHelper, dns, @"")
+  ];
+  ::NSData* bytes = [::NSData dataWithBytes:"\377" length:1];
+  for (Class providerClass : {[::FilterDataProvider class], [::PLSafariFilterDataProvider class]}) {
+    const auto live = [&] {
+      ::NEFilterDataProvider* provider = [providerClass new];
+      ::NSMutableArray* handled = [::NSMutableArray new];
+      [provider startFilterWithCompletionHandler:^(::NSError* error) {
+        [handled addObject:error];
+      }];
+      std::exchange(networkExtension.complete, nullptr)(failure);
+      for (::NEFilterFlow* flow in flows) verdicts(provider, flow, bytes);
+      [provider stopFilterWithReason:NEProviderStopReasonUserInitiated
+                   completionHandler:^{
+                     [handled addObject:bytes];
+                   }];
+      EXPECT_EQ([handled count], 2U);
+      [handled release];
+      [provider release];
+      stand_in::nextInitialiserFails = true;
+      EXPECT_EQ([providerClass new], nil);
+    };
+    // The number of each process that is asked about as the responsible one is never released, on purpose. Calls leave
+    // nothing but verdicts, one of them with words of its own, in the pool of the queue that they came on.
+    EXPECT_EQ(left_alive(live), "orvane::Number +4");
+    EXPECT_EQ(left_alive(live, false),
+              "GSCInlineString +1, NEFilterDataVerdict +10, NEFilterNewFlowVerdict +5, orvane::Number +4");
+  }
+}
+
+}  // namespace
+}  // namespace orvane

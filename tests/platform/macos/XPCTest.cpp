@@ -1,0 +1,162 @@
+#include "companion/Client.h"
+#include "database/Database.h"
+#include "platform/XPC.h"
+#include "platform/gnustep/Harness.h"
+#include "platform/gnustep/xpc/Services.h"
+#include "service/OrvaneSECommunication.h"
+#include "service/XPCServiceDelegate.h"
+
+namespace orvane {
+namespace {
+
+using stand_in::take_log;
+using stand_in::take_trace;
+
+// Traces what it is sent.
+struct TracedController final : OrvaneSECommunication {
+  std::function<void()> atEdit = [] {};  // before it is traced
+
+  void pingWithReply(const BooleanReply& reply) override { reply(true); }
+  void getAppFilterStateWithReply(const BooleanReply& reply) override { reply(false); }
+  void start() override { stand_in::trace("start"); }
+  void stop() override { stand_in::trace("stop"); }
+  void addApplicationIdentifier(const Value& value) override { note("add application", value); }
+  void removeApplicationIdentifier(const Value& value) override { note("remove application", value); }
+  void setApplicationIdentifiers(const Value& values) override { note("set applications", values); }
+  void addHostname(const Value& value) override { note("add", value); }
+  void removeHostname(const Value& value) override { note("remove", value); }
+  void setHostnames(const Value& values) override { note("set", values); }
+  void setProperties(const Value& properties, const Value& hostname) override {
+    note("properties of " + hostname.description(), properties);
+  }
+  void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
+
+  void note(const std::string& message, const Value& value) {
+    atEdit();
+    stand_in::trace(message + " " + value.description());
+  }
+};
+
+struct TracedService final : NSXPCListenerDelegate {
+  Ref<TracedController> controller = Ref<TracedController>::adopt(new TracedController);
+
+  bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
+    connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
+    connection.setExportedObject(controller.get());
+    connection.activate();
+    take_trace();
+    return true;
+  }
+};
+
+class XPC : public DatabaseTest {
+ protected:
+  void listen(const Ref<NSXPCListenerDelegate>& delegate, const Value& name = text("S")) {
+    listener_ = NSXPCListener::initWithMachServiceName(name);
+    listener_->setDelegate(delegate.get());
+    listener_->resume();
+  }
+  static std::unique_ptr<Client> connect() { return connect_client({.service = "S", .socket = ""}); }
+  static std::string failure(const std::function<void()>& call) {
+    try {
+      call();
+    } catch (const ClientError& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  Ref<NSXPCListener> listener_;
+  Ref<TracedService> traced_ = Ref<TracedService>::adopt(new TracedService);
+};
+
+TEST_F(XPC, ConnectionsAreWiredInAnotherOrderOrToObjectsOfTheirOwn) {
+  listen(XPCServiceDelegate::init());
+  auto first = connect();
+  EXPECT_EQ(take_trace(),
+            "interface OrvaneSECommunication | object OrvaneController | activate | invalidation handler | "
+            "interruption handler");
+  auto second = connect();
+  const uint64_t before = second->changesCount();
+  first->addHostname(text("a.example"));
+  second->setHostnames(Value::set({text("a.example"), text("b.example")}));
+  second->setProperties(until(9e9), text("b.example"));
+  EXPECT_EQ(first->changesCount(), before + 3);
+  EXPECT_TRUE(db_has_hostname("b.example") && !db_hostname_is_blockable("b.example"));
+
+  take_log();
+  first.reset();
+  EXPECT_EQ(take_log(), "default* connection invalidated | default? receive stop command");
+  stand_in::break_connections();
+  EXPECT_EQ(take_log(), "default* connection interrupted | default? receive stop command");
+}
+
+TEST_F(XPC, AListenerOutlivesItsDelegateOrAConnectionStays) {
+  auto use = [this] {
+    listen(XPCServiceDelegate::init());
+    for (int i = 0; i < 3; ++i) connect()->addHostname(text("a.example"));
+    listener_->setDelegate(nullptr);
+    EXPECT_THROW(connect(), ClientError) << "nobody is asked";
+    listener_ = nullptr;
+    EXPECT_THROW(connect(), ClientError) << "nothing listens any more";
+    take_log();
+    take_trace();
+  };
+  EXPECT_EQ(left_alive(use), "");
+}
+
+TEST_F(XPC, ANameThatIsNoneEndsTheProcess) {
+  for (const Value& name : {Value(), Value::number(7)}) {
+    listen(XPCServiceDelegate::init(), name);
+    EXPECT_EQ(take_log(), "default! the control channel is closed: no name");
+  }
+}
+
+TEST_F(XPC, MessagesAreMixedUpOrTheClientReturnsBeforeTheyAreCarriedOut) {
+  listen(traced_);
+  auto client = connect();
+  EXPECT_TRUE(client->ping() && !client->appFilterState());
+  EXPECT_EQ(client->changesCount(), UINT64_MAX);
+  const Value list = Value::array({text("b"), text("c")}), set = Value::set({text("g")});
+  const Value properties = Value::dictionary({{text("h"), Value::array({Value::date(5), Value::boolean(true)})}});
+  client->start();
+  client->stop();
+  client->addApplicationIdentifier(text("a"));
+  client->removeApplicationIdentifier(nullptr);
+  client->setApplicationIdentifiers(list);
+  EXPECT_EQ(take_trace(),
+            "start | stop | add application a | remove application (null) | set applications " + list.description());
+  client->addHostnames(std::vector<std::string>{"d", "e"});
+  client->removeHostnames(std::vector<std::string>{"d"});
+  client->removeHostname(text("f"));
+  client->setHostnames(set);
+  client->setProperties(properties, text("i"));
+  EXPECT_EQ(take_trace(), "add d | add e | remove d | remove f | set " + set.description() + " | properties of i " +
+                              properties.description());
+
+  // The other end would pass over them in silence.
+  for (const Value& hostnames : {text("x"), Value::set({set}), Value::set({Value()})}) {
+    EXPECT_EQ(failure([&] { client->setHostnames(hostnames); }).find("an argument cannot be sent"), 0u);
+  }
+  EXPECT_TRUE(client->ping()) << "the connection is still of use";
+}
+
+// A successor's answer, or one over a new connection, says nothing of what was lost.
+TEST_F(XPC, AnEndInMidCallIsTakenForSuccess) {
+  EXPECT_EQ(failure([] { connect(); }),
+            "cannot reach the extension at S: the system has no such service: switch the extension on, or name its "
+            "service");
+  listen(traced_);
+  auto settle = [](uint64_t, uint64_t) { stand_in::settle_services(); };  // the end comes before anything else is sent
+  for (bool ended : {false, true}) {
+    for (const Client::Progress& progress : {Client::Progress(), Client::Progress(settle)}) {
+      auto client = connect();
+      traced_->controller->atEdit = [ended] { stand_in::break_connections(ended); };
+      EXPECT_NE(failure([&] { client->setHostnames(std::vector<std::string>{"x"}, progress); }), "") << ended;
+      EXPECT_NE(failure([&] { client->ping(); }), "") << "what was lost is forgotten";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvane
