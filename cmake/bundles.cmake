@@ -6,6 +6,11 @@ set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
 
 set(ORVANE_TEAM "" CACHE STRING "The identifier of the team that signs; empty for none")
+if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
+  message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters and digits")
+endif()
+# Development profiles grant the same under the name content-filter-provider.
+set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "What the profiles grant")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
 # The group that the extension shares with its application. The name of the extension's Mach service begins with it, or
 # the system refuses to register the service.

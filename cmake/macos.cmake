@@ -4,7 +4,12 @@ if(CMAKE_HOST_APPLE)
   return()
 endif()
 if(NOT CMAKE_OSX_SYSROOT)
-  message(FATAL_ERROR "Building for macOS on another system needs an SDK: -DCMAKE_OSX_SYSROOT=...")
+  message(FATAL_ERROR "Building for macOS on another system needs an SDK:\n"
+                      "  cmake --preset macos -DCMAKE_OSX_SYSROOT=/path/to/MacOSX.sdk\nWhat else is said follows from this.")
+endif()
+get_filename_component(CMAKE_OSX_SYSROOT "${CMAKE_OSX_SYSROOT}" ABSOLUTE)
+if(NOT EXISTS ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1)
+  message(FATAL_ERROR "${CMAKE_OSX_SYSROOT} is no macOS SDK: it has no usr/include/c++/v1")
 endif()
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CMAKE_OSX_SYSROOT)
 

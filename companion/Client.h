@@ -29,7 +29,7 @@ struct ClientOptions {
 
 // A connection to a running extension. Each call returns once the extension has carried it out, so what one client did
 // before is seen by whatever comes after. Arguments are sent as they are: the extension takes nil and values of other
-// types than the named ones, too. Not thread-safe.
+// types than the named ones, too, where the system's channel carries them (XPC does not). Not thread-safe.
 //
 // Every call may throw ClientError; once one has, the connection is of no further use, unless the error said that the
 // argument was too large to be sent.
@@ -55,8 +55,8 @@ class Client {
 
   // The same edits for lists of names. addHostnames and removeHostnames send one message for each name without waiting
   // for the one before, and return when all are carried out, in order. setHostnames sends one message with the names
-  // as they stand, without making a set of them first (the extension does: duplicates collapse); `progress`, where
-  // given, is called now and then while it is being sent.
+  // as they stand (duplicates collapse, at the latest in the extension); `progress`, where given, is called now and
+  // then while it is being sent.
   virtual void addHostnames(std::span<const std::string> hostnames) = 0;
   virtual void removeHostnames(std::span<const std::string> hostnames) = 0;
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;

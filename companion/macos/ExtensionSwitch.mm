@@ -99,7 +99,7 @@ NSString* failure_text(NSError* error) {
 }
 
 - (void)requestNeedsUserApproval:(OSSystemExtensionRequest*)request {
-  if (request == _request) [self show:@"Waiting for you: allow it in the system's settings for security and privacy"];
+  if (request == _request) [self show:@"Waiting for you: allow it in the system's settings"];
 }
 
 - (void)request:(OSSystemExtensionRequest*)request didFinishWithResult:(OSSystemExtensionRequestResult)result {

@@ -69,7 +69,10 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 
 ::NSArray* rule_objects(const std::vector<NEFilterRule>& rules) {
   ::NSMutableArray* objects = [::NSMutableArray arrayWithCapacity:rules.size()];
-  for (const NEFilterRule& rule : rules) [objects addObject:rule_object(rule)];
+  for (const NEFilterRule& rule : rules) {
+    // One that the framework refuses is left out: adding nil would end the process.
+    if (::NEFilterRule* object = rule_object(rule)) [objects addObject:object];
+  }
   return objects;
 }
 

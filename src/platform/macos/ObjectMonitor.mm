@@ -34,8 +34,9 @@ MonitorTable& table() {
 }  // namespace
 
 void set_counterpart(const NSObject* object, void* objectiveC) {
+  id kept = [static_cast<id>(objectiveC) retain];
   std::lock_guard guard(table().mutex);
-  table().monitors[object] = {[static_cast<id>(objectiveC) retain], 1, true};
+  table().monitors[object] = {kept, 1, true};
 }
 
 void* counterpart(const NSObject* object) {
