@@ -40,6 +40,10 @@ class Client {
 
   virtual ~Client() = default;
 
+  // A descriptor that poll(2) reports as hung up (POLLHUP or POLLRDHUP) once the extension has ended the connection; -1
+  // where the system's channel has none. Nothing else may be done with it.
+  virtual int descriptor() const { return -1; }
+
   virtual bool ping() = 0;
   virtual bool appFilterState() = 0;
   virtual void start() = 0;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,17 +18,18 @@
 #include <vector>
 
 #include "Client.h"
+#include "CommandSet.h"
 #include "HostnameList.h"
 #include "Input.h"
+#include "Output.h"
 #include "Properties.h"
 #include "ProtocolCall.h"
 
 namespace orvane {
 namespace {
 
-// What the command line gives, for all commands.
-struct Arguments {
-  ClientOptions client;
+// What the command line gives, for the commands below.
+struct Arguments : CommonOptions {
   std::vector<std::string> hosts;
   std::string file;
   std::string host;
@@ -38,9 +40,17 @@ struct Arguments {
   std::vector<std::string> methodArguments;
 };
 
-using Command = int (*)(const Arguments&);
+using PlainCommand = int (*)(const Arguments&);
 
-void print_error(const std::string& text) { std::fprintf(stderr, "orvanectl: %s\n", text.c_str()); }
+// One result: its text, or an object with the one member.
+void print_result(const Arguments& arguments, const char* member, const nlohmann::json& value,
+                  const std::string& text) {
+  if (arguments.json) {
+    print_json({{member, value}});
+  } else {
+    std::puts(text.c_str());
+  }
+}
 
 // Reports what was refused; `source` is the file's name, or null where the names are arguments. True when all are good.
 bool report_refusals(const HostnameList& list, const char* source) {
@@ -66,17 +76,19 @@ int ping(const Arguments& arguments) {
     print_error("ping failed: the extension answered no: restart it");
     return kCouldNot;
   }
-  std::puts("pong");
+  print_result(arguments, "ping", true, "pong");
   return kDone;
 }
 
 int state(const Arguments& arguments) {
-  std::puts(connect_client(arguments.client)->appFilterState() ? "active" : "inactive");
+  std::string state = connect_client(arguments.client)->appFilterState() ? "active" : "inactive";
+  print_result(arguments, "state", state, state);
   return kDone;
 }
 
 int changes(const Arguments& arguments) {
-  std::puts(std::to_string(connect_client(arguments.client)->changesCount()).c_str());
+  uint64_t count = connect_client(arguments.client)->changesCount();
+  print_result(arguments, "changes", count, std::to_string(count));
   return kDone;
 }
 
@@ -157,7 +169,7 @@ int watch(const Arguments& arguments) {
   std::optional<uint64_t> shown;
   while (flush_output()) {
     uint64_t count = client->changesCount();
-    if (count != shown) std::puts(std::to_string(count).c_str());
+    if (count != shown) print_result(arguments, "changes", count, std::to_string(count));
     shown = count;
     if (!flush_output()) break;
     std::this_thread::sleep_for(std::chrono::duration<double>(arguments.interval));
@@ -168,16 +180,15 @@ int watch(const Arguments& arguments) {
 int call(const Arguments& arguments) {
   ProtocolCall send = prepare_call(arguments.method, arguments.methodArguments);
   std::string reply = send(*connect_client(arguments.client));
-  if (!reply.empty()) std::puts(reply.c_str());
+  if (!reply.empty()) print_result(arguments, "reply", reply, reply);
   return kDone;
 }
 
-// The command line's parts are bound to `arguments`; parsing leaves the command to run in `command`.
-void declare_commands(CLI::App& app, Arguments& arguments, Command& command) {
-  auto declare = [&](const char* name, const char* description, Command function) {
-    CLI::App* declared = app.add_subcommand(name, description)->fallthrough();
-    declared->callback([&command, function] { command = function; });
-    return declared;
+// The command line's parts are bound to `arguments`.
+void declare_commands(CommandSet& commands, Arguments& arguments) {
+  auto declare = [&](const char* name, const char* description, PlainCommand command) {
+    return commands.declare(commands.app, "The running extension (what they do lasts until it ends)", name, description,
+                            [&arguments, command] { return command(arguments); });
   };
   declare("ping", "Ask whether the extension answers; prints \"pong\"", ping);
   declare("state", "Print the application filter's state: \"active\" or \"inactive\"", state);
@@ -230,17 +241,18 @@ void refuse_brackets(int argc, const char* const* argv) {
 
 int run(int argc, const char* const* argv) {
   Arguments arguments;
-  Command command = nullptr;
-  CLI::App app("Tells a running OrvaneSE which hosts to block.", "orvanectl");
+  Command command;
+  CLI::App app("Tells OrvaneSE which hosts to block.", "orvanectl");
   app.set_version_flag("--version", "orvanectl " ORVANE_VERSION);
   app.add_option("--service", arguments.client.service, "The extension's service name")
       ->type_name("NAME")
       ->capture_default_str();
-  app.add_option("--socket", arguments.client.socket, "The extension's socket, instead of the service's own")
-      ->type_name("PATH");
+  app.add_flag("--json", arguments.json, "Print results as JSON");
   app.footer("Exit codes: 0 done, 1 could not, 2 refused as given (nothing was sent).");
   app.require_subcommand(1);
-  declare_commands(app, arguments, command);
+  CommandSet commands{app, arguments, command};
+  declare_system_commands(commands, arguments);
+  declare_commands(commands, arguments);
   refuse_brackets(argc, argv);
   try {
     app.parse(argc, argv);
@@ -248,7 +260,7 @@ int run(int argc, const char* const* argv) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
     throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl --help");
   }
-  return command(arguments);
+  return command();
 }
 
 }  // namespace

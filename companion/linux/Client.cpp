@@ -66,6 +66,8 @@ class LinuxClient final : public Client {
     session_.reset();
   }
 
+  int descriptor() const override { return socket_.get(); }
+
   bool ping() override {
     return reply<bool>("ping", [](Remote& remote) { return remote.pingRequest(message_size(0)).send(); });
   }

@@ -1,0 +1,52 @@
+#include "Output.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+namespace orvane {
+namespace {
+
+bool is_set(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && *value != '\0';
+}
+
+bool shows_colours() {
+  const char* terminal = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) == 1 && !is_set("NO_COLOR") && terminal != nullptr &&
+         std::string_view(terminal) != "dumb";
+}
+
+const char* sequence_of(Colour colour) {
+  switch (colour) {
+    case Colour::Good:
+      return "\x1b[32m";
+    case Colour::Warning:
+      return "\x1b[33m";
+    case Colour::Bad:
+      return "\x1b[31m";
+    case Colour::Faint:
+      break;
+  }
+  return "\x1b[2m";
+}
+
+}  // namespace
+
+void print_error(const std::string& text) { std::fprintf(stderr, "orvanectl: %s\n", text.c_str()); }
+
+void print_json(const nlohmann::json& value) {
+  const int indent = isatty(STDOUT_FILENO) == 1 ? 2 : -1;
+  std::puts(value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+std::string coloured(const std::string& text, Colour colour) {
+  static const bool shown = shows_colours();
+  return shown ? sequence_of(colour) + text + "\x1b[0m" : text;
+}
+
+}  // namespace orvane

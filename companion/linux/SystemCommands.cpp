@@ -1,0 +1,18 @@
+#include "companion/CommandSet.h"
+#include "companion/linux/KeeperState.h"
+#include "companion/linux/ListFile.h"
+
+namespace orvane {
+
+void declare_system_commands(CommandSet& commands, CommonOptions& options) {
+  options.listPath = kListPath;
+  options.keeperStatePath = kKeeperStatePath;
+  commands.app.add_option("--socket", options.client.socket, "The extension's socket, instead of the service's own")
+      ->type_name("PATH");
+  commands.app.add_option("--list", options.listPath, "The list's file")->type_name("PATH")->capture_default_str();
+  commands.app.add_option("--state", options.keeperStatePath, "The file in which the keeper tells what it does")
+      ->type_name("PATH")
+      ->capture_default_str();
+}
+
+}  // namespace orvane
