@@ -60,7 +60,7 @@ bool clear(const std::string& path, std::string* error) {
 
 }  // namespace
 
-std::optional<ListenerSocket> ListenerSocket::create(const std::string& path, std::string* error) {
+std::optional<ListenerSocket> ListenerSocket::create(const std::string& path, mode_t mode, std::string* error) {
   ListenerSocket listener;
   listener.lock_ = open_lock(path + ".lock", error);
   if (!listener.lock_ || !clear(path, error)) return std::nullopt;
@@ -73,7 +73,7 @@ std::optional<ListenerSocket> ListenerSocket::create(const std::string& path, st
   }
   listener.path_ = path;
   // Nobody can connect before listen(), so the mode may come after the file.
-  if (chmod(path.c_str(), 0600) != 0 || listen(listener.socket_.get(), SOMAXCONN) != 0) {
+  if (chmod(path.c_str(), mode) != 0 || listen(listener.socket_.get(), SOMAXCONN) != 0) {
     *error = failure("listen on", path);
     return std::nullopt;
   }

@@ -66,14 +66,15 @@ std::optional<std::string> socket_path(const std::string& directory, const std::
 
 }  // namespace
 
-std::optional<std::string> server_socket_path(const std::string& service, std::string* error) {
+std::optional<ServerSocket> server_socket(const std::string& service, std::string* error) {
   if (!is_file_name(service, error)) return std::nullopt;
   // A service manager that made several directories separates them by colons.
   std::string managed = environment("RUNTIME_DIRECTORY");
   managed.resize(std::min(managed.size(), managed.find(':')));
-  if (!managed.empty()) return socket_path(managed, service, error);
-  std::optional<std::string> directory = user_directory(Missing::Make, error);
-  return directory ? socket_path(*directory, service, error) : std::nullopt;
+  std::optional<std::string> directory = managed.empty() ? user_directory(Missing::Make, error) : managed;
+  std::optional<std::string> path = directory ? socket_path(*directory, service, error) : std::nullopt;
+  if (!path) return std::nullopt;
+  return ServerSocket{*std::move(path), static_cast<mode_t>(managed.empty() ? 0600 : 0660)};
 }
 
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error) {

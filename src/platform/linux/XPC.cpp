@@ -214,9 +214,9 @@ class Listener final : public NSXPCListener {
       *error = "its service name is no string: " + name_.description();
       return false;
     }
-    std::optional<std::string> path = server_socket_path(std::string(name_.asString()), error);
-    if (!path) return false;
-    std::optional<ListenerSocket> socket = ListenerSocket::create(*path, error);
+    std::optional<ServerSocket> place = server_socket(std::string(name_.asString()), error);
+    if (!place) return false;
+    std::optional<ListenerSocket> socket = ListenerSocket::create(place->path, place->mode, error);
     if (socket) socket_.emplace(*std::move(socket));
     return socket_.has_value();
   }
