@@ -41,7 +41,8 @@ class Client {
   virtual ~Client() = default;
 
   // A descriptor that poll(2) reports as hung up (POLLHUP or POLLRDHUP) once the extension has ended the connection; -1
-  // where the system's channel has none. Nothing else may be done with it.
+  // where the system's channel has none. It may also be shut down (shutdown(2)), by a signal handler, too: a call that
+  // waits then throws. Nothing else may be done with it.
   virtual int descriptor() const { return -1; }
 
   virtual bool ping() = 0;

@@ -6,25 +6,19 @@
 #include "Hostname.h"
 
 namespace orvane {
-namespace {
-
-constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
-constexpr std::string_view kWhiteSpace = " \t\r";
 
 std::string_view without_comment(std::string_view line) {
   for (size_t at = line.find('#'); at != std::string_view::npos; at = line.find('#', at + 1)) {
-    if (at == 0 || kWhiteSpace.find(line[at - 1]) != std::string_view::npos) return line.substr(0, at);
+    if (at == 0 || kLineSpace.find(line[at - 1]) != std::string_view::npos) return line.substr(0, at);
   }
   return line;
 }
 
 std::string_view trimmed(std::string_view text) {
-  size_t start = text.find_first_not_of(kWhiteSpace);
+  size_t start = text.find_first_not_of(kLineSpace);
   if (start == std::string_view::npos) return {};
-  return text.substr(start, text.find_last_not_of(kWhiteSpace) + 1 - start);
+  return text.substr(start, text.find_last_not_of(kLineSpace) + 1 - start);
 }
-
-}  // namespace
 
 void HostnameList::add(size_t line, std::string_view given) {
   std::string name, fault;

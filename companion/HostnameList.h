@@ -28,4 +28,11 @@ struct HostnameList {
 // white space around a name, blank lines, and comments: from a "#" at the start or after white space to the line's end.
 HostnameList parse_hostname_list(std::string_view text);
 
+// What such lists share with others: the mark at the start of a UTF-8 text, a line without its comment, and a text
+// without the white space around it (space, tab, CR).
+inline constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
+inline constexpr std::string_view kLineSpace = " \t\r";
+std::string_view without_comment(std::string_view line);
+std::string_view trimmed(std::string_view text);
+
 }  // namespace orvane

@@ -113,8 +113,11 @@ class Extension:
 
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
         """Runs orvanectl."""
-        command = [self._orvanectl, "--socket", self._socket, *arguments]
+        command = self.control_command(*arguments)
         return subprocess.run(command, input=text, capture_output=True, text=True, timeout=_PATIENCE)
+
+    def control_command(self, *arguments: str) -> list:
+        return [self._orvanectl, "--socket", self._socket, *arguments]
 
     def hold(self, *names: str) -> None:
         """Blocks these names and no others."""

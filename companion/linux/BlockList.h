@@ -1,7 +1,8 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,10 +10,9 @@
 #include <utility>
 #include <vector>
 
-namespace orvane {
+#include "companion/linux/TimeText.h"
 
-// A moment of the wall clock, in whole seconds, UTC.
-using Moment = std::chrono::sys_seconds;
+namespace orvane {
 
 // One site that the machine blocks.
 struct BlockedSite {
@@ -24,10 +24,11 @@ struct BlockedSite {
 };
 
 // The site that a host name belongs to: the name without a leading "www." or "m.", unless nothing with a dot would be
-// left. A part of `host`.
+// left, or another such name ("www.m.example.com" is a site of its own). A part of `host`.
 std::string_view site_of(std::string_view host);
 
-// The names under which a site is blocked, its own first.
+// The names under which a site is blocked, its own first. A host without a dot has no usual names, and those too long
+// to be names are left out.
 std::vector<std::string> names_of(const BlockedSite& site);
 
 // The list of the machine, as orvane-list(5) describes its text. What orvanectl does not understand or need stays as it
@@ -45,25 +46,40 @@ class BlockList {
 
   // In the order of the lines. A site that has two lines is what the later one says.
   std::vector<BlockedSite> sites() const;
+  void forEachSite(const std::function<void(const BlockedSite&)>& take) const;  // the same, without a copy
+  size_t size() const { return places_.size(); }                                // how many sites
   const std::vector<BadLine>& badLines() const { return badLines_; }
 
   // The site with that very name, else the one of whose usual names it is one; null where there is none. Valid until
   // the next change.
   const BlockedSite* find(std::string_view host) const;
+  const BlockedSite* findByUsualName(std::string_view host) const;  // the latter alone
 
-  // Adds a site, or changes the one with that name to this. False when nothing is new.
-  bool put(const BlockedSite& site);
+  // Adds a site at the end, or changes the one with that name to this; the comment on its line stays. A site with usual
+  // names is put under site_of() its name. False when nothing is new.
+  bool put(BlockedSite site);
   // Takes the site with that very name away. False when there is none.
   bool remove(std::string_view host);
 
  private:
+  static constexpr uint32_t kNone = UINT32_MAX;
   struct Line {
-    std::string text;                 // as it stands in the file, without its end
+    std::string text;                 // as it stands in the file, without its end; empty for line_of(site) alone
     std::optional<BlockedSite> site;  // none for a comment, a blank or a bad line
+    uint32_t earlier = kNone;         // the line before that has the same site
+    bool superseded = false;          // by a later one
+    bool gone = false;
   };
+  // The line that counts for a site, by the hash of its name: names beside the lines' own would take most of the
+  // memory.
+  using Places = std::unordered_multimap<size_t, uint32_t>;
+
+  void append(Line line);
+  Places::const_iterator placeOf(std::string_view host) const;  // the end where there is none
+
   std::vector<Line> lines_;
   std::vector<BadLine> badLines_;
-  std::unordered_map<std::string, size_t> places_;  // a site's name, and the line that counts
+  Places places_;
 };
 
 // What the extension is to hold at a moment.

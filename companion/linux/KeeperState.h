@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 
 #include "companion/linux/BlockList.h"
 #include "companion/linux/ListFile.h"
+#include "platform/linux/Descriptor.h"
 
 namespace orvane {
 
@@ -35,18 +37,25 @@ struct KeeperState {
   std::optional<Moment> sentAt;
   uint64_t changes = 0;                       // its counter when it was last asked
   uint64_t changesOfOthers = 0;               // of these, those since our first that were not ours
-  std::optional<std::string> extensionError;  // why it is not connected
+  std::optional<std::string> extensionError;  // why it is not connected, or did not take the list
 };
 
 // Where the keeper that the service manager runs writes it.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
 
-// Replaces the file in one step. Throws FileError.
+// The right to write it, which one keeper has at a time: a lock, on a file beside it, for as long as the descriptor is
+// open. An empty one where another keeper has it. Throws FileError where no such file can be made.
+Descriptor lock_keeper_state(const std::string& path);
+
+// Replaces the file in one step. Only with the lock. Throws FileError.
 void write_keeper_state(const std::string& path, const KeeperState& state);
 
-// The state of the keeper that runs now. Nothing where there is none: no file, or one of a process that has ended.
-// Throws FileError for a file that cannot be read or is no such state.
+// The state of the keeper that runs now. Nothing where there is none: no file, or nobody who has the lock. Throws
+// FileError for a file that cannot be read or is no such state.
 std::optional<KeeperState> read_keeper_state(const std::string& path);
+
+// As the file has it.
+nlohmann::json to_json(const KeeperState& state);
 
 // Waits until the extension has this version of the list, or a later one, from the keeper.
 enum class InForce { Yes, NoKeeper, NoExtension, TimedOut };

@@ -1,5 +1,8 @@
 #include "companion/CommandSet.h"
+#include "companion/linux/DoctorCommands.h"
+#include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
+#include "companion/linux/ListCommands.h"
 #include "companion/linux/ListFile.h"
 
 namespace orvane {
@@ -13,6 +16,9 @@ void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   commands.app.add_option("--state", options.keeperStatePath, "The file in which the keeper tells what it does")
       ->type_name("PATH")
       ->capture_default_str();
+  declare_list_commands(commands);
+  declare_keeper_commands(commands);
+  declare_doctor_commands(commands);
 }
 
 }  // namespace orvane

@@ -1,0 +1,71 @@
+# Completion of orvanectl for bash, with the functions of bash-completion.
+
+# Hosts of the list that begin with what is typed. Without a word where the list may not be read.
+_orvanectl_hosts() {
+  mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export --hosts 2>/dev/null |
+    typed=$cur awk 'index($0, ENVIRON["typed"]) == 1')
+}
+
+_orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
+
+_orvanectl() {
+  local cur prev words cword split
+  _init_completion -s || return
+
+  # The command: the words that are neither options nor their values. The list that an option names holds the hosts.
+  local command='' list='' i
+  for ((i = 1; i < cword; i++)); do
+    case ${words[i]} in
+      --list) list=${words[++i]} ;;
+      --list=*) list=${words[i]#*=} ;;
+      --service | --socket | --state | --for | --until | --dont-block-until | --interval) ((i++)) ;;
+      -*) ;;
+      *)
+        case $command in
+          '') command=${words[i]} ;;
+          browsers | 'browsers policy') command+=" ${words[i]}" ;;
+        esac
+        ;;
+    esac
+  done
+
+  case $prev in
+    --list | --socket | --state) _filedir; return ;;
+    --for) _orvanectl_words '15m 30m 1h 2h 1d'; return ;;
+    --until) _orvanectl_words 'tomorrow'; return ;;
+    --service | --dont-block-until | --interval) return ;;
+  esac
+  $split && return
+
+  if [[ $cur == -* ]]; then
+    local options='--help --json --list --service --socket --state'
+    case $command in
+      '') options+=' --version' ;;
+      block) options+=' --www --no-www' ;;
+      import) options+=' --www --no-www --replace' ;;
+      export) options+=' --hosts' ;;
+      suspend) options+=' --for --until' ;;
+      properties) options+=' --dont-block-until' ;;
+      watch) options+=' --interval' ;;
+      'browsers policy install') options+=' --no-doh' ;;
+    esac
+    _orvanectl_words "$options"
+    return
+  fi
+
+  case $command in
+    '')
+      _orvanectl_words 'block unblock list suspend resume import export status try keep doctor browsers ping state
+        changes start stop add remove set properties watch call'
+      ;;
+    browsers) _orvanectl_words 'policy' ;;
+    'browsers policy') _orvanectl_words 'install remove show' ;;
+    unblock | suspend | resume | try) _orvanectl_hosts ;;
+    import | set) _filedir ;;
+    call)
+      [[ $prev == call ]] && _orvanectl_words 'pingWithReply getAppFilterStateWithReply start stop
+        addApplicationIdentifier removeApplicationIdentifier setApplicationIdentifiers addHostname removeHostname
+        setHostnames setProperties getChangesCount'
+      ;;
+  esac
+} && complete -F _orvanectl orvanectl

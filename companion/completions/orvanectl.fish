@@ -1,0 +1,91 @@
+# Completion of orvanectl for fish.
+
+# Hosts of the list. Without a word where the list may not be read.
+function __orvanectl_hosts
+    set -l words (commandline -opc)
+    set -l list
+    for i in (seq (count $words))
+        switch $words[$i]
+            case --list
+                set list --list $words[(math $i + 1)]
+            case '--list=*'
+                set list $words[$i]
+        end
+    end
+    command -q orvanectl; and command orvanectl $list export --hosts 2>/dev/null
+end
+
+function __orvanectl_command -d 'Whether the command is one of these; without any, whether there is none yet'
+    set -l options --list --service --socket --state --for --until --dont-block-until --interval
+    set -l words (commandline -opc)
+    set -l skip
+    for word in $words[2..]
+        if set -q skip[1]
+            set -e skip
+        else if contains -- $word $options
+            set skip 1
+        else if not string match -q -- '-*' $word
+            contains -- $word $argv
+            return
+        end
+    end
+    not set -q argv[1]
+end
+
+function __orvanectl_policy -d 'Whether a command under "browsers policy" is still to come'
+    __fish_seen_subcommand_from policy; and not __fish_seen_subcommand_from install remove show
+end
+
+complete -c orvanectl -f
+complete -c orvanectl -s h -l help -d 'Explain'
+complete -c orvanectl -l json -d 'Print results as JSON'
+complete -c orvanectl -l list -rF -d 'The file of the list'
+complete -c orvanectl -l service -x -d "The extension's service name"
+complete -c orvanectl -l socket -rF -d "The extension's socket"
+complete -c orvanectl -l state -rF -d 'The file with the state of the keeper'
+complete -c orvanectl -n __orvanectl_command -l version -d 'Print the version'
+
+complete -c orvanectl -n __orvanectl_command -a block -d 'Block sites, from now on and after every start'
+complete -c orvanectl -n __orvanectl_command -a unblock -d 'Take sites off the list'
+complete -c orvanectl -n __orvanectl_command -a list -d 'Print the list'
+complete -c orvanectl -n __orvanectl_command -a suspend -d 'Leave sites unblocked for a while'
+complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
+complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a file to the list'
+complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list as import takes it back'
+complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
+complete -c orvanectl -n __orvanectl_command -a try -d 'Tell whether a host is blocked now, and why'
+complete -c orvanectl -n __orvanectl_command -a keep -d 'Keep the list in the extension'
+complete -c orvanectl -n __orvanectl_command -a doctor -d 'Look for what keeps hosts from being blocked'
+complete -c orvanectl -n __orvanectl_command -a browsers -d 'Settings of browsers'
+complete -c orvanectl -n __orvanectl_command -a ping -d 'Ask whether the extension answers'
+complete -c orvanectl -n __orvanectl_command -a state -d "Print the application filter's state"
+complete -c orvanectl -n __orvanectl_command -a changes -d 'Print how many edits the extension has received'
+complete -c orvanectl -n __orvanectl_command -a start -d 'Send the start command'
+complete -c orvanectl -n __orvanectl_command -a stop -d 'Send the stop command'
+complete -c orvanectl -n __orvanectl_command -a add -d 'Block hosts until the extension ends'
+complete -c orvanectl -n __orvanectl_command -a remove -d 'Stop blocking hosts'
+complete -c orvanectl -n __orvanectl_command -a set -d 'Block the hosts of a list, and no others'
+complete -c orvanectl -n __orvanectl_command -a properties -d "Replace a host's properties"
+complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the count of edits whenever it has moved'
+complete -c orvanectl -n __orvanectl_command -a call -d 'Send one message of the protocol'
+
+complete -c orvanectl -n '__orvanectl_command block import' -l www -d 'Under the usual names, too'
+complete -c orvanectl -n '__orvanectl_command block import' -l no-www -d 'Under the very names alone'
+complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Take everything else off the list'
+complete -c orvanectl -n '__orvanectl_command import set' -F
+complete -c orvanectl -n '__orvanectl_command export' -l hosts -d "The sites' names alone"
+complete -c orvanectl -n '__orvanectl_command suspend' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
+complete -c orvanectl -n '__orvanectl_command suspend' -l until -x -a tomorrow -d 'Until when'
+complete -c orvanectl -n '__orvanectl_command unblock suspend resume try' -a '(__orvanectl_hosts)'
+complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
+complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two looks'
+complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilterStateWithReply start stop
+    addApplicationIdentifier removeApplicationIdentifier setApplicationIdentifiers addHostname removeHostname
+    setHostnames setProperties getChangesCount'
+complete -c orvanectl -n '__orvanectl_command browsers; and not __fish_seen_subcommand_from policy' -a policy \
+    -d 'Managed policies that switch off what the filter cannot see'
+complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off HTTP/3'
+complete -c orvanectl -n __orvanectl_policy -a remove -d 'Remove what install wrote'
+complete -c orvanectl -n __orvanectl_policy -a show -d 'Print what policies say'
+complete -c orvanectl -n '__orvanectl_command browsers; and __fish_seen_subcommand_from install' -l no-doh \
+    -d 'Switch off DNS over HTTPS, too'

@@ -1,0 +1,189 @@
+#include "BlockList.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "companion/HostnameList.h"
+#include "companion/linux/BlockListLine.h"
+
+namespace orvane {
+namespace {
+
+constexpr std::string_view kUsualPrefixes[] = {"www.", "m."};
+constexpr size_t kLongestName = 253;
+// What is kept of a bad line, for a message.
+constexpr size_t kLongestShown = 200;
+
+// The name without its usual prefix, or all of it where it has none.
+std::string_view without_prefix(std::string_view host) {
+  for (std::string_view prefix : kUsualPrefixes) {
+    if (host.substr(0, prefix.size()) != prefix) continue;
+    std::string_view rest = host.substr(prefix.size());
+    if (rest.find('.') != std::string_view::npos) return rest;
+  }
+  return host;
+}
+
+// From the white space before the comment on.
+std::string_view comment_of(std::string_view line) {
+  std::string_view words = without_comment(line);
+  return words.size() == line.size() ? std::string_view() : line.substr(trimmed(words).end() - line.begin());
+}
+
+}  // namespace
+
+std::string_view site_of(std::string_view host) {
+  std::string_view site = without_prefix(host);
+  return without_prefix(site) == site ? site : host;
+}
+
+std::vector<std::string> names_of(const BlockedSite& site) {
+  std::vector<std::string> names{site.host};
+  if (!site.usualNames || site.host.find('.') == std::string::npos) return names;
+  for (std::string_view prefix : kUsualPrefixes) {
+    if (prefix.size() + site.host.size() <= kLongestName) names.push_back(std::string(prefix) + site.host);
+  }
+  return names;
+}
+
+BlockList BlockList::parse(std::string_view text) {
+  BlockList list;
+  const auto lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
+  list.lines_.reserve(lines);
+  list.places_.reserve(lines);
+  bool first = true;
+  while (!text.empty()) {
+    size_t end = std::min(text.find('\n'), text.size());
+    std::string_view given = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    std::string_view words = given;
+    if (first && words.substr(0, kByteOrderMark.size()) == kByteOrderMark) words.remove_prefix(kByteOrderMark.size());
+    first = false;
+    words = trimmed(without_comment(words));
+    BlockedSite site;
+    std::string fault;
+    if (words.empty()) {
+      list.append({std::string(given), std::nullopt});
+    } else if (read_line(words, true, site, fault)) {
+      bool plain = given == line_of(site);
+      list.append({plain ? std::string() : std::string(given), std::move(site)});
+    } else {
+      list.append({std::string(given), std::nullopt});
+      list.badLines_.push_back({list.lines_.size(), std::string(words.substr(0, kLongestShown)), std::move(fault)});
+    }
+  }
+  return list;
+}
+
+std::string BlockList::text() const {
+  std::string text;
+  constexpr size_t kUsualLine = 32;
+  text.reserve(lines_.size() * kUsualLine);
+  for (const Line& line : lines_) {
+    if (line.gone) continue;
+    text += line.site && line.text.empty() ? line_of(*line.site) : line.text;
+    text += '\n';
+  }
+  return text;
+}
+
+std::vector<BlockedSite> BlockList::sites() const {
+  std::vector<BlockedSite> sites;
+  sites.reserve(places_.size());
+  forEachSite([&](const BlockedSite& site) { sites.push_back(site); });
+  return sites;
+}
+
+void BlockList::forEachSite(const std::function<void(const BlockedSite&)>& take) const {
+  for (size_t i = 0; i < lines_.size(); ++i) {
+    const Line& line = lines_[i];
+    if (line.site && !line.superseded) take(*line.site);
+  }
+}
+
+const BlockedSite* BlockList::find(std::string_view host) const {
+  if (auto place = placeOf(host); place != places_.end()) return &*lines_[place->second].site;
+  return findByUsualName(host);
+}
+
+const BlockedSite* BlockList::findByUsualName(std::string_view host) const {
+  const std::string_view name = without_prefix(host);
+  auto place = name == host ? places_.end() : placeOf(name);
+  if (place == places_.end()) return nullptr;
+  const BlockedSite& site = *lines_[place->second].site;
+  return site.usualNames ? &site : nullptr;
+}
+
+BlockList::Places::const_iterator BlockList::placeOf(std::string_view host) const {
+  auto [place, end] = places_.equal_range(std::hash<std::string_view>()(host));
+  while (place != end && lines_[place->second].site->host != host) ++place;
+  return place == end ? places_.end() : place;
+}
+
+bool BlockList::put(BlockedSite site) {
+  if (site.usualNames) site.host = site_of(site.host);
+  auto place = placeOf(site.host);
+  if (place == places_.end()) {
+    append({"", std::move(site)});
+    return true;
+  }
+  Line& line = lines_[place->second];
+  if (*line.site == site) return false;
+  std::string comment(comment_of(line.text));
+  line.text = comment.empty() ? "" : line_of(site) + comment;
+  line.site = std::move(site);
+  return true;
+}
+
+bool BlockList::remove(std::string_view host) {
+  auto place = placeOf(host);
+  if (place == places_.end()) return false;
+  // The lines before would count again.
+  for (uint32_t i = place->second; i != kNone; i = lines_[i].earlier) {
+    lines_[i].gone = true;
+    lines_[i].site.reset();
+  }
+  places_.erase(place);
+  return true;
+}
+
+void BlockList::append(Line line) {
+  if (line.site) {
+    const auto here = static_cast<uint32_t>(lines_.size());
+    const std::string& host = line.site->host;
+    if (auto place = placeOf(host); place != places_.end()) {
+      line.earlier = place->second;
+      lines_[line.earlier].superseded = true;
+      places_.erase(place);
+    }
+    places_.emplace(std::hash<std::string_view>()(host), here);
+  }
+  lines_.push_back(std::move(line));
+}
+
+HeldNames held_names(const BlockList& list, Moment now) {
+  HeldNames held;
+  list.forEachSite([&](const BlockedSite& site) {
+    for (std::string& name : names_of(site)) {
+      if (site.isSuspended(now)) {
+        held.suspended.emplace_back(std::move(name), *site.until);
+      } else {
+        held.names.push_back(std::move(name));
+      }
+    }
+  });
+  std::sort(held.names.begin(), held.names.end());
+  held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
+  // A name that two sites have suspended comes back at the earlier moment, which sorting puts first.
+  std::sort(held.suspended.begin(), held.suspended.end());
+  auto sameName = [](const auto& left, const auto& right) { return left.first == right.first; };
+  held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), sameName), held.suspended.end());
+  auto isHeld = [&](const auto& entry) {
+    return std::binary_search(held.names.begin(), held.names.end(), entry.first);
+  };
+  held.suspended.erase(std::remove_if(held.suspended.begin(), held.suspended.end(), isHeld), held.suspended.end());
+  for (const auto& [name, until] : held.suspended) held.nextChange = std::min(held.nextChange.value_or(until), until);
+  return held;
+}
+
+}  // namespace orvane

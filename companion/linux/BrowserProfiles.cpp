@@ -1,0 +1,126 @@
+#include "companion/linux/BrowserProfiles.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "platform/linux/ProcessInformation.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kSettingsLimit = size_t{32} << 20;
+
+// The folder of a Chromium's profiles in a folder of settings, by a part of the browser's identifier.
+struct ChromiumFolder {
+  std::string_view part;
+  std::string_view folder;
+};
+constexpr std::array kChromiumFolders = {
+    ChromiumFolder{"chromium", "chromium"},   ChromiumFolder{"chrome", "google-chrome"},
+    ChromiumFolder{"edge", "microsoft-edge"}, ChromiumFolder{"brave", "BraveSoftware/Brave-Browser"},
+    ChromiumFolder{"vivaldi", "vivaldi"},     ChromiumFolder{"opera", "opera"},
+};
+
+std::string lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return text;
+}
+
+// The argument behind the name in the last line `user_pref("NAME", ARGUMENT);`. Firefox writes one line each.
+std::string_view preference(std::string_view text, std::string_view name) {
+  const std::string start = "user_pref(\"" + std::string(name) + "\", ";
+  size_t found = text.rfind(start);
+  if (found == std::string_view::npos || (found != 0 && text[found - 1] != '\n')) return {};
+  std::string_view rest = text.substr(found + start.size());
+  return rest.substr(0, rest.find(");"));
+}
+
+// Where the profiles' folders stand: in a home directory, in a Flatpak's or a Snap's.
+std::vector<std::string> firefox_folders(const InstalledBrowser& browser, const std::string& home) {
+  switch (browser.package) {
+    case BrowserPackage::Flatpak: {
+      const std::string own = home + "/.var/app/" + browser.identifier;
+      return {own + "/.mozilla/firefox", own + "/config/mozilla/firefox"};
+    }
+    case BrowserPackage::Snap:
+      return {home + "/snap/" + browser.identifier + "/common/.mozilla/firefox"};
+    case BrowserPackage::Program:
+      break;
+  }
+  return {home + "/.mozilla/firefox", home + "/.config/mozilla/firefox"};
+}
+
+std::string chromium_folder(const InstalledBrowser& browser, const std::string& home) {
+  const std::string identifier = lower(browser.identifier);
+  auto known = std::find_if(kChromiumFolders.begin(), kChromiumFolders.end(), [&](const ChromiumFolder& folder) {
+    return identifier.find(folder.part) != std::string::npos;
+  });
+  if (known == kChromiumFolders.end()) return {};
+  const std::string folder(known->folder);
+  if (browser.package == BrowserPackage::Flatpak) return home + "/.var/app/" + browser.identifier + "/config/" + folder;
+  if (browser.package == BrowserPackage::Snap) return home + "/snap/" + browser.identifier + "/common/" + folder;
+  return home + "/.config/" + folder;
+}
+
+}  // namespace
+
+BrowserProfile parse_firefox_preferences(std::string_view text) {
+  BrowserProfile profile;
+  std::string_view http3 = preference(text, "network.http.http3.enable");
+  if (http3 == "true" || http3 == "false") profile.http3 = http3 == "true";
+  // 2: it first, then the system's resolver; 3: it alone; 5: off by choice. 0 leaves it to what Firefox's makers roll
+  // out by region.
+  std::string_view mode = preference(text, "network.trr.mode");
+  if (mode.empty() || mode == "0") mode = preference(text, "doh-rollout.mode");
+  if (mode == "2") profile.dnsOverHttps = "automatic";
+  if (mode == "3") profile.dnsOverHttps = "secure";
+  if (mode == "5") profile.dnsOverHttps = "off";
+  return profile;
+}
+
+BrowserProfile parse_chromium_state(std::string_view text) {
+  BrowserProfile profile;
+  const nlohmann::json state = nlohmann::json::parse(text, nullptr, false);
+  if (!state.is_object()) return profile;
+  using Pointer = nlohmann::json::json_pointer;
+  const Pointer mode("/dns_over_https/mode"), experiments("/browser/enabled_labs_experiments");
+  if (state.contains(mode) && state[mode].is_string()) profile.dnsOverHttps = state[mode].get<std::string>();
+  if (state.contains(experiments) && state[experiments].is_array()) {
+    // A choice in chrome://flags: the first is "Enabled", the second "Disabled".
+    for (const auto& experiment : state[experiments]) {
+      if (experiment == "enable-quic@1") profile.http3 = true;
+      if (experiment == "enable-quic@2") profile.http3 = false;
+    }
+  }
+  return profile;
+}
+
+std::vector<BrowserProfile> browser_profiles(const InstalledBrowser& browser, const std::string& home) {
+  std::vector<BrowserProfile> profiles;
+  auto read = [&profiles](const std::string& path, BrowserProfile (*parse)(std::string_view)) {
+    auto text = read_file_start(AT_FDCWD, path.c_str(), kSettingsLimit, Links::Refuse);
+    if (!text) return;
+    profiles.push_back(parse(*text));
+    profiles.back().path = path;
+  };
+  if (browser.family == BrowserFamily::Chromium) {
+    const std::string folder = chromium_folder(browser, home);
+    if (!folder.empty()) read(folder + "/Local State", parse_chromium_state);
+  } else if (browser.identifier.find("irefox") != std::string::npos) {
+    for (const std::string& folder : firefox_folders(browser, home)) {
+      std::error_code error;
+      for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+        read(it->path().string() + "/prefs.js", parse_firefox_preferences);
+      }
+    }
+  }
+  return profiles;
+}
+
+}  // namespace orvane

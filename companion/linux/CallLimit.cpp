@@ -1,0 +1,58 @@
+#include "CallLimit.h"
+
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <limits>
+
+namespace orvane {
+namespace {
+
+// The time is looked at this often; more than once, as the first look may come just before the call begins to wait.
+constexpr suseconds_t kTick = 200000;  // microseconds
+
+// What the signal handler may touch.
+std::atomic<int> call_descriptor = -1;
+std::atomic<int64_t> call_deadline = std::numeric_limits<int64_t>::max();  // steady clock, nanoseconds
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free);
+
+int64_t steady_now() { return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count(); }
+
+void on_tick(int) {
+  int saved = errno;
+  if (int connection = call_descriptor; connection >= 0 && steady_now() >= call_deadline)
+    shutdown(connection, SHUT_RDWR);
+  errno = saved;
+}
+
+void tick_every(suseconds_t period) {
+  const itimerval ticking{{0, period}, {0, period}};
+  setitimer(ITIMER_REAL, &ticking, nullptr);
+}
+
+}  // namespace
+
+CallLimit::CallLimit(std::chrono::milliseconds limit) {
+  call_deadline = steady_now() + std::chrono::nanoseconds(limit).count();
+  // Without SA_RESTART, as connect(2) waits where the extension's queue is full, and is to return.
+  struct sigaction action {};
+  action.sa_handler = on_tick;
+  sigaction(SIGALRM, &action, nullptr);
+  tick_every(kTick);
+}
+
+CallLimit::~CallLimit() {
+  tick_every(0);
+  std::signal(SIGALRM, SIG_IGN);  // one may be under way
+  call_descriptor = -1;
+}
+
+void CallLimit::watch(int connection) { call_descriptor = connection; }
+
+bool CallLimit::passed() const { return steady_now() >= call_deadline; }
+
+}  // namespace orvane

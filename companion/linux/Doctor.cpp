@@ -1,0 +1,291 @@
+#include "companion/linux/Doctor.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+#include "companion/linux/DoctorBrowsers.h"
+#include "platform/linux/KernelRules.h"
+
+namespace orvane {
+namespace {
+
+using Result = Finding::Result;
+
+std::string plural(uint64_t count, const std::string& thing) {
+  return std::to_string(count) + ' ' + thing + (count == 1 ? "" : "s");
+}
+
+bool runs(const Facts& facts) { return facts.extension.running || !facts.processes.empty(); }
+
+Finding examine_unit(const UnitFacts& unit, const char* check) {
+  Finding finding{check, unit.name, Result::Ok, unit.state, ""};
+  if (!unit.known) {
+    finding.result = Result::Unknown;
+    finding.found = "the service manager does not answer";
+  } else if (!unit.installed) {
+    finding.result = Result::Problem;
+    finding.found = "the service manager knows no such unit";
+    finding.advice = "install the package orvane-se";
+  } else if (!unit.running) {
+    finding.result = Result::Problem;
+    finding.advice = "sudo systemctl start " + unit.name + "; why it ended: journalctl -u " + unit.name;
+  }
+  return finding;
+}
+
+Finding examine_denial(const Facts& facts) {
+  const GroupFacts& group = facts.group;
+  Finding finding{"answer", "", Result::Problem, facts.connection.socket + ": permission denied", ""};
+  if (!group.exists) {
+    finding.found += "; there is no group orvane, whose members may connect";
+    finding.advice = "install the package orvane-se again";
+  } else if (!group.listed) {
+    finding.found += "; " + group.user + " is no member of the group orvane";
+    finding.advice = "sudo adduser " + group.user + " orvane, then log out and in again";
+  } else if (!group.inForce) {
+    finding.found += "; " + group.user + " is a member of the group orvane, but was not yet at this login";
+    finding.advice = "log out and in again; for this shell alone: newgrp orvane";
+  } else {
+    finding.found += ", though " + group.user + " is a member of the group orvane";
+    finding.advice = "look at the permissions of the socket and its folder: ls -la " +
+                     facts.connection.socket.substr(0, facts.connection.socket.rfind('/'));
+  }
+  return finding;
+}
+
+Finding examine_connection(const Facts& facts) {
+  using Outcome = ConnectionFacts::Outcome;
+  const std::string& socket = facts.connection.socket;
+  switch (facts.connection.outcome) {
+    case Outcome::Answered:
+      return {"answer", "", Result::Ok, "it answers at " + socket, ""};
+    case Outcome::Denied:
+      return examine_denial(facts);
+    case Outcome::Silent:
+      return {"answer", "", Result::Problem, socket + ": it takes the connection, but does not answer",
+              "sudo systemctl restart orvane-se.service"};
+    case Outcome::Refused:
+      return {"answer", "", Result::Problem, socket + ": nobody listens: the extension that made it is gone",
+              "sudo systemctl restart orvane-se.service"};
+    case Outcome::NoSocket:
+      break;
+  }
+  return {"answer", "", Result::Problem, "there is no socket: looked for " + socket,
+          runs(facts) ? "journalctl -u orvane-se.service says why it does not listen"
+                      : "sudo systemctl start orvane-se.service"};
+}
+
+void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
+  if (facts.processes.size() < 2) return;
+  std::string numbers;
+  for (pid_t process : facts.processes) numbers += (numbers.empty() ? "" : ", ") + std::to_string(process);
+  findings.push_back({"processes", "", Result::Problem,
+                      plural(facts.processes.size(), "extension") + " run at once (processes " + numbers +
+                          "): only one can have the packets, and commands may reach the other",
+                      "end those that the service manager did not start"});
+}
+
+struct Capability {
+  int number;  // linux/capability.h
+  const char* name;
+  const char* without;
+};
+constexpr std::array kCapabilities = {
+    Capability{12, "CAP_NET_ADMIN", "nothing is filtered"},
+    Capability{19, "CAP_SYS_PTRACE", "browsers of other users are not recognised"},
+    Capability{2, "CAP_DAC_READ_SEARCH", "other users' Flatpaks are not recognised"},
+    Capability{39, "CAP_BPF", "connections of programs that end at once are not recognised"},
+};
+
+void examine_capabilities(const Facts& facts, std::vector<Finding>& findings) {
+  if (facts.process == 0) return;
+  if (!facts.capabilities) {
+    findings.push_back({"capabilities", "", Result::Unknown,
+                        "process " + std::to_string(facts.process) + " cannot be looked into", "run this as root"});
+    return;
+  }
+  std::string missing, consequences;
+  for (const Capability& capability : kCapabilities) {
+    if ((*facts.capabilities >> capability.number & 1) != 0) continue;
+    missing += (missing.empty() ? "" : ", ") + std::string(capability.name);
+    consequences += (consequences.empty() ? "" : "; ") + std::string(capability.without);
+  }
+  if (missing.empty()) {
+    findings.push_back({"capabilities", "", Result::Ok, "it has the four that it needs", ""});
+    return;
+  }
+  const bool filters = (*facts.capabilities >> kCapabilities.front().number & 1) != 0;
+  findings.push_back({"capabilities", "", filters ? Result::Warning : Result::Problem,
+                      missing + " missing: " + consequences,
+                      "start it as a service: the unit grants them; systemctl cat orvane-se.service shows changes"});
+}
+
+Finding examine_programs(const Facts& facts) {
+  if (facts.missingPrograms.empty()) return {"iptables", "", Result::Ok, "installed, for IPv4 and IPv6", ""};
+  std::string missing;
+  for (const std::string& program : facts.missingPrograms) missing += (missing.empty() ? "" : ", ") + program;
+  return {"iptables", "", Result::Problem, missing + " missing: the kernel's rules cannot be made",
+          "sudo apt install iptables"};
+}
+
+Finding examine_kernel(const Facts& facts) {
+  if (!facts.hasQueueTarget) {
+    return {"kernel", "", Result::Unknown, "nothing tells whether it can hand packets to a queue", "run this as root"};
+  }
+  if (*facts.hasQueueTarget) return {"kernel", "", Result::Ok, "it can hand packets to a queue (NFQUEUE)", ""};
+  return {"kernel", "", Result::Problem, "it cannot hand packets to a queue (NFQUEUE): there is no module xt_NFQUEUE",
+          "use the distribution's kernel, and restart after an upgrade of it"};
+}
+
+// In how many of our tables a rule of OUTPUT leads to our chain, and in how many that is its first one.
+struct Jumps {
+  int present = 0;
+  int first = 0;
+};
+constexpr int kOurTables = 2;
+Jumps find_jumps(std::string_view rules) {
+  constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
+  bool isOurs = false, sawOutput = false, sawJump = false;
+  Jumps jumps;
+  while (!rules.empty()) {
+    size_t end = rules.find('\n');
+    std::string_view line = rules.substr(0, end);
+    rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
+    if (line.starts_with('*')) {
+      isOurs = line == "*mangle" || line == "*filter";
+      sawOutput = sawJump = false;
+    } else if (isOurs && line.starts_with("-A OUTPUT ")) {
+      if (line == kJump && !sawOutput) ++jumps.first;
+      if (line == kJump && !std::exchange(sawJump, true)) ++jumps.present;
+      sawOutput = true;
+    }
+  }
+  return jumps;
+}
+
+void examine_rules(const Facts& facts, std::vector<Finding>& findings) {
+  if (facts.rules.empty()) {
+    findings.push_back({"rules", "", Result::Unknown, "the kernel shows its rules to root alone", "run this as root"});
+  }
+  for (const RulesFacts& family : facts.rules) {
+    Finding finding{"rules", family.program, Result::Ok, "the extension's rules are in place", ""};
+    if (!family.rules) {
+      finding.result = Result::Unknown;
+      finding.found = "failed: " + family.error;
+    } else if (const Jumps jumps = find_jumps(*family.rules); !runs(facts)) {
+      if (jumps.present == 0) continue;
+      finding.result = Result::Warning;
+      finding.found = "rules of an extension that ended without a word are left; they let everything pass";
+      finding.advice = "sudo systemctl start orvane-se.service";
+    } else if (jumps.present < kOurTables) {
+      finding.result = Result::Problem;
+      finding.found = "the extension's rules are not there, or not all of them";
+      finding.advice = "sudo systemctl restart orvane-se.service; journalctl -u orvane-se.service says more";
+    } else if (jumps.first < kOurTables) {
+      finding.result = Result::Warning;
+      finding.found = "rules of another program stand before the extension's in OUTPUT";
+      finding.advice = "ask again in a second: the extension puts its own first; if it stays so, see journalctl";
+    }
+    findings.push_back(std::move(finding));
+  }
+}
+
+// Whether the list has our queue. A line begins with a queue's number, padded.
+bool has_queue(std::string_view queues) {
+  while (!queues.empty()) {
+    size_t end = queues.find('\n');
+    std::string_view line = queues.substr(0, end);
+    queues.remove_prefix(end == std::string_view::npos ? queues.size() : end + 1);
+    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+    unsigned number = 0;
+    std::from_chars(line.data(), line.data() + line.size(), number);
+    if (number == kQueueNumber) return true;
+  }
+  return false;
+}
+
+void examine_queue(const Facts& facts, std::vector<Finding>& findings) {
+  const std::string name = "packet queue " + std::to_string(kQueueNumber);
+  if (!facts.queues) {
+    if (!facts.asRoot) {
+      findings.push_back(
+          {"queue", "", Result::Unknown, "the kernel shows its packet queues to root alone", "run this as root"});
+    } else if (runs(facts)) {
+      findings.push_back({"queue", "", Result::Problem, "the kernel has no packet queues",
+                          "sudo systemctl restart orvane-se.service"});
+    }
+    return;
+  }
+  const bool bound = has_queue(*facts.queues);
+  if (bound && runs(facts)) {
+    findings.push_back({"queue", "", Result::Ok, name + " is served", ""});
+  } else if (bound) {
+    findings.push_back({"queue", "", Result::Problem, name + " belongs to another program",
+                        "end it, or no extension can filter; it is none that is named OrvaneSE"});
+  } else if (runs(facts)) {
+    findings.push_back({"queue", "", Result::Problem, name + " is served by nobody: all packets pass",
+                        "sudo systemctl restart orvane-se.service"});
+  }
+}
+
+void examine_list(const Facts& facts, std::vector<Finding>& findings) {
+  auto add = [&findings](Result result, std::string found, std::string advice) {
+    findings.push_back({"list", "", result, std::move(found), std::move(advice)});
+  };
+  if (!facts.list) {
+    // Where the keeper does not run, its own line says so.
+    if (facts.keeper.running || !facts.listError.empty()) {
+      add(Result::Unknown, facts.listError.empty() ? "the keeper has not told its state" : facts.listError, "");
+    }
+    return;
+  }
+  const KeeperState& state = *facts.list;
+  if (state.listError) {
+    add(Result::Problem, "the keeper cannot read it: " + *state.listError,
+        "mend " + state.listPath + "; the list that it read before still counts");
+  }
+  if (state.badLines > 0) {
+    add(Result::Warning, plural(state.badLines, "line") + " of " + state.listPath + " not understood and not obeyed",
+        "orvanectl list names them");
+  }
+  if (!state.connected) {
+    add(Result::Problem, "the keeper has no connection to the extension: " + state.extensionError.value_or("none yet"),
+        "see the lines on the extension above");
+  } else if (state.sentVersion != state.listVersion) {
+    add(Result::Warning, "the keeper has not sent the newest version yet",
+        "ask again in a second; if it stays so: journalctl -u orvane-keeper.service");
+  } else {
+    std::string found = plural(state.sites, "site") + ", " + plural(state.sentNames, "name") + " sent";
+    if (!state.suspended.empty()) found += ", " + plural(state.suspended.size(), "name") + " suspended";
+    add(Result::Ok, found, "");
+  }
+  if (state.changesOfOthers > 0) {
+    add(Result::Warning,
+        "somebody else edited what the extension holds, " + plural(state.changesOfOthers, "time") +
+            ": that is not in the list, and lasts until the extension ends",
+        "orvanectl block makes an edit that lasts");
+  }
+}
+
+}  // namespace
+
+std::vector<Finding> examine(const Facts& facts) {
+  std::vector<Finding> findings;
+  findings.push_back(examine_unit(facts.extension, "service"));
+  findings.push_back(examine_unit(facts.keeper, "keeper"));
+  findings.push_back(examine_connection(facts));
+  examine_processes(facts, findings);
+  examine_capabilities(facts, findings);
+  findings.push_back(examine_programs(facts));
+  findings.push_back(examine_kernel(facts));
+  examine_rules(facts, findings);
+  examine_queue(facts, findings);
+  examine_list(facts, findings);
+  examine_browsers(facts, findings);
+  return findings;
+}
+
+}  // namespace orvane

@@ -1,0 +1,134 @@
+#include "companion/linux/DoctorBrowsers.h"
+
+#include <algorithm>
+
+#include "platform/linux/DesktopEntry.h"
+
+namespace orvane {
+namespace {
+
+using Result = Finding::Result;
+
+constexpr const char* kHttp3Meaning = "a site visited before may be reached unfiltered";
+constexpr const char* kHttpsMeaning = "where it is on, Encrypted Client Hello may hide names from the filter";
+
+Finding examine_identity(const InstalledBrowser& browser, const BrowserList& list) {
+  Finding finding{"browser", browser.name, Result::Ok, "", ""};
+  if (browser.identifier.empty()) {
+    finding.result = Result::Warning;
+    finding.found = "the program that its desktop entry names is not there";
+    finding.advice = "install it again, or remove " + browser.entry;
+    return finding;
+  }
+  finding.found = "recognised as \"" + browser.identifier + '"';
+  if (list.counts(browser.identifier)) return finding;
+  finding.result = Result::Problem;
+  finding.found += ", which " + list.path + " does not name: it is not filtered";
+  finding.advice = runs_other_programs(browser.identifier)
+                       ? "use another browser: to name it would make a browser of every program that it runs"
+                       : "add it there, and sudo systemctl restart orvane-se.service";
+  return finding;
+}
+
+// What holds in a browser: policy before profile. Several profiles may differ: the least favourable one counts.
+struct Setting {
+  std::string value;   // "on", "off" ...; empty: the browser's own choice
+  std::string source;  // file
+};
+
+Setting http3_of(const BrowserFacts& facts) {
+  if (facts.policy.http3) return {*facts.policy.http3 ? "on" : "off", facts.policy.http3File};
+  Setting setting;
+  for (const BrowserProfile& profile : facts.profiles) {
+    if (profile.http3 != false) return {};
+    setting = {"off", profile.path};
+  }
+  return setting;
+}
+
+Setting dns_of(const BrowserFacts& facts) {
+  if (facts.policy.dnsOverHttps) return {*facts.policy.dnsOverHttps, facts.policy.dnsOverHttpsFile};
+  Setting setting;
+  bool left = facts.profiles.empty();  // to the browser
+  for (const BrowserProfile& profile : facts.profiles) {
+    if (!profile.dnsOverHttps) left = true;
+    if (profile.dnsOverHttps && (setting.value.empty() || setting.value == "off")) {
+      setting = {*profile.dnsOverHttps, profile.path};
+    }
+  }
+  return left && setting.value == "off" ? Setting{} : setting;
+}
+
+std::string http3_advice(const InstalledBrowser& browser) {
+  if (browser.place != nullptr) return "sudo orvanectl browsers policy install";
+  if (browser.family == BrowserFamily::Firefox) return "set network.http.http3.enable to false in about:config";
+  return "disable \"Experimental QUIC protocol\" in chrome://flags";
+}
+
+Finding examine_http3(const BrowserFacts& facts) {
+  const Setting setting = http3_of(facts);
+  Finding finding{"http3", facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
+  if (setting.value == "off") return finding;
+  finding.result = Result::Warning;
+  if (setting.value == "on") {
+    finding.found = "switched on by " + setting.source + ": " + kHttp3Meaning;
+    finding.advice = "take that out of the policy";
+  } else {
+    finding.found = std::string("not switched off: ") + kHttp3Meaning;
+    finding.advice = http3_advice(facts.browser);
+  }
+  return finding;
+}
+
+Finding examine_dns(const BrowserFacts& facts) {
+  const Setting setting = dns_of(facts);
+  Finding finding{"dns-over-https", facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
+  if (setting.value == "off") return finding;
+  finding.advice = facts.browser.place != nullptr ? "if that matters: sudo orvanectl browsers policy install --no-doh"
+                                                  : "if that matters: switch it off in the browser's settings";
+  if (setting.value.empty()) {
+    finding.result = Result::Unknown;
+    finding.found = std::string("left to the browser: ") + kHttpsMeaning;
+  } else {
+    finding.result = Result::Warning;
+    finding.found = "on (" + setting.value + ", by " + setting.source + "): " + kHttpsMeaning;
+  }
+  return finding;
+}
+
+}  // namespace
+
+void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
+  const BrowserList& list = facts.browserList;
+  if (list.fault.empty()) {
+    findings.push_back({"browser-list", "", Result::Ok, std::to_string(list.endings.size()) + " browsers known", ""});
+  } else {
+    findings.push_back(
+        {"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
+         "mend it, or install the package orvane-se again; then sudo systemctl restart orvane-se.service"});
+  }
+  if (facts.browsers.empty()) {
+    findings.push_back({"browser", "", Result::Warning, "none is installed that has a desktop entry",
+                        "one that was unpacked from an archive is recognised by its program's file name"});
+  }
+  for (const BrowserFacts& browser : facts.browsers) {
+    if (list.fault.empty() || browser.browser.identifier.empty()) {
+      findings.push_back(examine_identity(browser.browser, list));
+    }
+    if (browser.browser.identifier.empty()) continue;
+    if (browser.browser.family == BrowserFamily::Other) {
+      findings.push_back({"http3", browser.browser.name, Result::Unknown,
+                          "nothing is known of HTTP/3 and DNS over HTTPS in this browser",
+                          "if its settings have them: switch both off"});
+      continue;
+    }
+    findings.push_back(examine_http3(browser));
+    findings.push_back(examine_dns(browser));
+    for (const std::string& file : browser.policy.unreadable) {
+      findings.push_back({"policy", browser.browser.name, Result::Warning, file + " is no policy that can be read",
+                          "mend or remove it: the browser may ignore it"});
+    }
+  }
+}
+
+}  // namespace orvane

@@ -1,0 +1,232 @@
+#include "companion/linux/DoctorCommands.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "companion/Commands.h"
+#include "companion/Output.h"
+#include "companion/linux/BrowserPolicy.h"
+#include "companion/linux/Doctor.h"
+
+namespace orvane {
+namespace {
+
+using Json = nlohmann::json;
+using Result = Finding::Result;
+
+constexpr const char* kThisMachine = "";  // the root folder of all paths
+
+struct ResultWord {
+  const char* word;
+  Colour colour;
+};
+ResultWord word_of(Result result) {
+  switch (result) {
+    case Result::Ok:
+      return {"ok", Colour::Good};
+    case Result::Warning:
+      return {"warning", Colour::Warning};
+    case Result::Problem:
+      return {"problem", Colour::Bad};
+    case Result::Unknown:
+      break;
+  }
+  return {"unknown", Colour::Faint};
+}
+
+// What a check is about, for a person.
+std::string title_of(const Finding& finding) {
+  static const std::map<std::string, std::string> kTitles = {
+      {"service", ""},         {"keeper", ""},
+      {"answer", "extension"}, {"processes", "extension"},
+      {"queue", "packets"},    {"browser-list", "list of browsers"},
+      {"browser", "identity"}, {"http3", "HTTP/3"},
+      {"policy", "policies"},  {"dns-over-https", "DNS over HTTPS"},
+  };
+  auto known = kTitles.find(finding.check);
+  std::string title = known == kTitles.end() ? finding.check : known->second;
+  if (finding.subject.empty()) return title;
+  return title.empty() ? finding.subject : finding.subject + ", " + title;
+}
+
+void print_finding(const Finding& finding) {
+  const ResultWord word = word_of(finding.result);
+  const std::string padding(8 - std::string(word.word).size(), ' ');
+  std::printf("%s%s %s: %s\n", coloured(word.word, word.colour).c_str(), padding.c_str(), title_of(finding).c_str(),
+              finding.found.c_str());
+  if (!finding.advice.empty()) std::printf("         -> %s\n", finding.advice.c_str());
+}
+
+void print_summary(const std::vector<Finding>& findings) {
+  auto count = [&](Result result) {
+    return std::count_if(findings.begin(), findings.end(), [&](const Finding& f) { return f.result == result; });
+  };
+  std::printf("\nproblems: %td, warnings: %td, unknown: %td\n", count(Result::Problem), count(Result::Warning),
+              count(Result::Unknown));
+}
+
+int doctor(const CommonOptions& options) {
+  Examination examination{kThisMachine, options.client.socket, options.client.service, options.keeperStatePath};
+  const std::vector<Finding> findings = examine(gather_facts(examination));
+  if (options.json) {
+    Json checks = Json::array();
+    for (const Finding& finding : findings) {
+      checks.push_back({{"check", finding.check},
+                        {"subject", finding.subject},
+                        {"result", word_of(finding.result).word},
+                        {"found", finding.found},
+                        {"advice", finding.advice}});
+    }
+    print_json(checks);
+  } else {
+    for (const Finding& finding : findings) print_finding(finding);
+    print_summary(findings);
+  }
+  const bool sound = std::none_of(findings.begin(), findings.end(),
+                                  [](const Finding& finding) { return finding.result == Result::Problem; });
+  return sound ? kDone : kCouldNot;
+}
+
+// Only root may write below /etc. Said before anything is tried.
+bool may_write(const char* command) {
+  if (::geteuid() == 0) return true;
+  print_error(std::string("cannot change the browsers' policies: /etc: only root may write there: run sudo orvanectl "
+                          "browsers policy ") +
+              command);
+  return false;
+}
+
+const char* outcome_of(PolicyChange::Outcome outcome, const char* done) {
+  switch (outcome) {
+    case PolicyChange::Outcome::Done:
+      return done;
+    case PolicyChange::Outcome::Nothing:
+      return "unchanged";
+    case PolicyChange::Outcome::Foreign:
+      return "left alone";
+    case PolicyChange::Outcome::Failed:
+      break;
+  }
+  return "failed";
+}
+
+void print_changes(const std::vector<PolicyChange>& changes, const char* done, bool json) {
+  Json results = Json::array();
+  for (const PolicyChange& change : changes) {
+    const char* outcome = outcome_of(change.outcome, done);
+    results.push_back({{"browser", change.place->browser}, {"file", change.place->path()}, {"outcome", outcome}});
+    const bool worked = change.outcome == PolicyChange::Outcome::Done;
+    if (worked && !json) std::printf("%s: %s (%s)\n", done, change.place->path().c_str(), change.place->browser);
+  }
+  if (json) print_json(results);
+}
+
+// False when one failed.
+bool report_failures(const std::vector<PolicyChange>& changes, const char* what) {
+  bool none = true;
+  for (const PolicyChange& change : changes) {
+    if (change.outcome != PolicyChange::Outcome::Failed) continue;
+    print_error(std::string("cannot ") + what + " a policy: " + change.reason + ": mend that and run it again");
+    none = false;
+  }
+  return none;
+}
+
+int install(bool withoutDnsOverHttps, bool json) {
+  if (!may_write("install")) return kCouldNot;
+  const std::vector<PolicyChange> changes = install_policies(kThisMachine, withoutDnsOverHttps);
+  print_changes(changes, "written", json);
+  bool whole = report_failures(changes, "write");
+  bool written = false;
+  for (const PolicyChange& change : changes) {
+    written |= change.outcome == PolicyChange::Outcome::Done;
+    if (change.outcome != PolicyChange::Outcome::Foreign) continue;
+    print_error("left alone: " + change.place->path() + ": somebody else wrote or edited it: add to it by hand:\n" +
+                policy_text(change.place->family, withoutDnsOverHttps));
+    whole = false;
+  }
+  if (!json && written) std::puts("Browsers that run now take it on at their next start.");
+  if (!json && !written && whole) std::puts("All policies were there already.");
+  return whole ? kDone : kCouldNot;
+}
+
+int remove(bool json) {
+  if (!may_write("remove")) return kCouldNot;
+  const std::vector<PolicyChange> changes = remove_policies(kThisMachine);
+  print_changes(changes, "removed", json);
+  bool whole = report_failures(changes, "remove");
+  for (const PolicyChange& change : changes) {
+    if (change.outcome != PolicyChange::Outcome::Foreign) continue;
+    // Firefox's file is everybody's: one in which nothing reminds of ours is not worth a word.
+    const bool shared = change.place->family == BrowserFamily::Firefox;
+    if (shared && policy_in_force(*change.place, kThisMachine).http3 != false) continue;
+    print_error("left alone: " + change.place->path() + ": somebody else wrote or edited it: " +
+                (shared ? "take network.http.http3.enable out of it by hand, if it was put there for OrvaneSE"
+                        : "remove it by hand"));
+    whole = whole && shared;
+  }
+  return whole ? kDone : kCouldNot;
+}
+
+std::string described(const std::string& value, const std::string& file) {
+  return value.empty() ? "left to the user" : value + " (" + file + ')';
+}
+
+Json json_of(const PolicyInForce& policy, const PolicyPlace& place) {
+  Json result = {{"browser", place.browser}, {"folder", place.folder}, {"unreadable", policy.unreadable}};
+  result["http3"] = policy.http3 ? Json(*policy.http3 ? "on" : "off") : Json();
+  result["dnsOverHttps"] = policy.dnsOverHttps ? Json(*policy.dnsOverHttps) : Json();
+  return result;
+}
+
+int show(bool json) {
+  Json results = Json::array();
+  for (const PolicyPlace& place : policy_places()) {
+    const PolicyInForce policy = policy_in_force(place, kThisMachine);
+    results.push_back(json_of(policy, place));
+    if (json) continue;
+    const std::string http3 = policy.http3 ? (*policy.http3 ? "on" : "off") : "";
+    std::printf("%s\n  HTTP/3: %s\n  DNS over HTTPS: %s\n", place.browser, described(http3, policy.http3File).c_str(),
+                described(policy.dnsOverHttps.value_or(""), policy.dnsOverHttpsFile).c_str());
+    for (const std::string& file : policy.unreadable) std::printf("  cannot be read: %s\n", file.c_str());
+  }
+  if (json) print_json(results);
+  return kDone;
+}
+
+}  // namespace
+
+void declare_doctor_commands(CommandSet& commands) {
+  const CommonOptions& options = commands.options;
+  commands
+      .declare(commands.app, "The service", "doctor",
+               "Look for what keeps hosts from being blocked, and say what to do",
+               [&options] { return doctor(options); })
+      ->footer(
+          "Root sees more: the kernel's rules and packet queues. Exit codes: 0 no problem found, 1 at least one.\n"
+          "Warnings and what is unknown are no problems.");
+
+  CLI::App* browsers =
+      commands.app.add_subcommand("browsers", "Settings of browsers")->fallthrough()->group("Browsers");
+  browsers->require_subcommand(1);
+  CLI::App* policy = browsers->add_subcommand("policy", "Managed policies that switch off what the filter cannot see")
+                         ->fallthrough()
+                         ->require_subcommand(1);
+  auto withoutDnsOverHttps = std::make_shared<bool>(false);
+  CLI::App* installing = commands.declare(
+      *policy, "Commands", "install", "Switch off HTTP/3 in Chromium, Chrome, Edge, Brave and Firefox, for all users",
+      [&options, withoutDnsOverHttps] { return install(*withoutDnsOverHttps, options.json); });
+  installing->add_flag("--no-doh", *withoutDnsOverHttps, "Switch off DNS over HTTPS, too");
+  installing->footer("Needs root. A file that somebody else wrote is left alone, with a word on what to add to it.");
+  commands.declare(*policy, "Commands", "remove", "Remove what install wrote",
+                   [&options] { return remove(options.json); });
+  commands.declare(*policy, "Commands", "show", "Print what policies say of HTTP/3 and DNS over HTTPS",
+                   [&options] { return show(options.json); });
+}
+
+}  // namespace orvane

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "companion/CommandSet.h"
+
+namespace orvane {
+
+// "doctor", and "browsers policy" with what it can do.
+void declare_doctor_commands(CommandSet& commands);
+
+}  // namespace orvane

@@ -1,0 +1,250 @@
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+
+#include "companion/Client.h"
+#include "companion/Input.h"
+#include "companion/linux/CallLimit.h"
+#include "companion/linux/Doctor.h"
+#include "companion/linux/ServiceState.h"
+#include "platform/linux/Command.h"
+#include "platform/linux/Descriptor.h"
+#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/SocketPath.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kGroup = "orvane";
+constexpr const char* kBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
+constexpr size_t kTextLimit = size_t{8} << 20;
+constexpr auto kPatience = std::chrono::seconds(2);
+
+std::optional<std::string> read_text(const std::string& path) {
+  return read_file_start(AT_FDCWD, path.c_str(), kTextLimit, Links::Follow);
+}
+
+bool exists(const std::string& path) {
+  std::error_code error;
+  return fs::exists(path, error);
+}
+
+UnitFacts look_at_unit(const char* name) {
+  UnitFacts facts;
+  facts.name = name;
+  const std::optional<ServiceState> state = service_state(name);
+  if (!state) return facts;
+  facts.known = true;
+  facts.installed = state->load != "not-found";
+  facts.running = state->isRunning();
+  facts.state = state->active + " (" + state->sub + ')';
+  if (!state->status.empty()) facts.state += ": " + state->status;
+  return facts;
+}
+
+// 0, or what stands in the way of a connection.
+int try_socket(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!connection) return errno;
+  const int result = ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  return result == 0 || errno == EAGAIN ? 0 : errno;
+}
+
+bool is_answered(const std::string& socket) {
+  try {
+    CallLimit limit(kPatience);
+    ClientOptions options;
+    options.socket = socket;
+    const std::unique_ptr<Client> client = connect_client(options);
+    limit.watch(client->descriptor());
+    return client->ping();
+  } catch (const ClientError&) {
+    return false;
+  }
+}
+
+// As a client goes through the paths: the first that takes a connection; else what is more than absence.
+ConnectionFacts look_at_connection(const Examination& examination) {
+  std::string error;
+  std::vector<std::string> paths = examination.socket.empty() ? client_socket_paths(examination.service, &error)
+                                                              : std::vector<std::string>{examination.socket};
+  ConnectionFacts facts;
+  std::string tried;
+  for (const std::string& path : paths) {
+    const int failure = try_socket(path);
+    if (failure == 0) {
+      return {is_answered(path) ? ConnectionFacts::Outcome::Answered : ConnectionFacts::Outcome::Silent, path};
+    }
+    tried += (tried.empty() ? "" : ", ") + path;
+    if (facts.outcome != ConnectionFacts::Outcome::NoSocket) continue;
+    if (failure == EACCES || failure == EPERM) facts = {ConnectionFacts::Outcome::Denied, path};
+    if (failure == ECONNREFUSED) facts = {ConnectionFacts::Outcome::Refused, path};
+  }
+  if (facts.socket.empty()) facts.socket = error.empty() ? tried : error;
+  return facts;
+}
+
+GroupFacts look_at_group() {
+  GroupFacts facts;
+  const passwd* user = ::getpwuid(::geteuid());
+  facts.user = user != nullptr ? user->pw_name : std::to_string(::geteuid());
+  const gid_t primary = user != nullptr ? user->pw_gid : ::getegid();
+  const group* members = ::getgrnam(kGroup);
+  if (members == nullptr) return facts;
+  facts.exists = true;
+  facts.listed = members->gr_gid == primary;
+  for (char** member = members->gr_mem; *member != nullptr; ++member) facts.listed |= facts.user == *member;
+  std::vector<gid_t> groups(static_cast<size_t>(std::max(::getgroups(0, nullptr), 0)));
+  const int count = ::getgroups(static_cast<int>(groups.size()), groups.data());
+  groups.resize(static_cast<size_t>(std::max(count, 0)));
+  facts.inForce =
+      ::getegid() == members->gr_gid || std::find(groups.begin(), groups.end(), members->gr_gid) != groups.end();
+  return facts;
+}
+
+std::string read_link(const std::string& path) {
+  std::error_code error;
+  return fs::read_symlink(path, error).string();
+}
+
+// Extensions in the network namespace that we are in. Where that is not to be seen, they are taken to be.
+void look_at_processes(const std::string& table, Facts& facts) {
+  const std::string ownNamespace = read_link(table + "/self/ns/net");
+  for (pid_t process : process_identifiers(table)) {
+    const std::string folder = table + '/' + std::to_string(process);
+    if (read_text(folder + "/comm") != "OrvaneSE\n" || !ProcessInformation::open(process, table)) continue;
+    const std::string itsNamespace = read_link(folder + "/ns/net");
+    if (!itsNamespace.empty() && itsNamespace != ownNamespace) continue;
+    facts.processes.push_back(process);
+    // The service manager's, if that is among them.
+    const std::string groups = read_text(folder + "/cgroup").value_or("");
+    if (facts.process == 0 || groups.find(kExtensionUnit) != std::string::npos) facts.process = process;
+  }
+  std::sort(facts.processes.begin(), facts.processes.end());
+}
+
+std::optional<uint64_t> effective_capabilities(const std::string& status) {
+  constexpr std::string_view kField = "\nCapEff:\t";
+  const size_t start = status.find(kField);
+  if (start == std::string::npos) return std::nullopt;
+  const char* digits = status.data() + start + kField.size();
+  uint64_t capabilities = 0;
+  auto [end, error] = std::from_chars(digits, status.data() + status.size(), capabilities, 16);
+  return error == std::errc() ? std::optional(capabilities) : std::nullopt;
+}
+
+std::vector<std::string> missing_programs(const std::string& root) {
+  std::vector<std::string> missing;
+  for (const char* program : {"iptables-restore", "iptables-save", "ip6tables-restore", "ip6tables-save"}) {
+    auto stands = [&](const char* folder) { return exists(root + folder + '/' + program); };
+    if (!stands("/usr/sbin") && !stands("/sbin") && !stands("/usr/bin") && !stands("/bin")) missing.push_back(program);
+  }
+  return missing;
+}
+
+// In the kernel now, or to be loaded. Without the folder of the running kernel's modules nothing can be said.
+std::optional<bool> has_queue_target(const std::string& root) {
+  auto has = [](const std::optional<std::string>& text, const char* word) {
+    return text && text->find(word) != std::string::npos;
+  };
+  if (has(read_text(root + "/proc/net/ip_tables_targets"), "NFQUEUE") ||
+      has(read_text(root + "/proc/modules"), "xt_NFQUEUE")) {
+    return true;
+  }
+  utsname system{};
+  if (::uname(&system) != 0) return std::nullopt;
+  const std::string folder = root + "/lib/modules/" + system.release;
+  const std::optional<std::string> loadable = read_text(folder + "/modules.dep");
+  const std::optional<std::string> builtIn = read_text(folder + "/modules.builtin");
+  if (has(loadable, "/xt_NFQUEUE.ko") || has(builtIn, "/xt_NFQUEUE.ko")) return true;
+  return loadable && builtIn ? std::optional(false) : std::nullopt;
+}
+
+std::vector<RulesFacts> look_at_rules() {
+  std::vector<RulesFacts> rules;
+  for (const char* program : {"iptables-save", "ip6tables-save"}) {
+    CommandResult result = run_command({program});
+    RulesFacts facts{program, std::nullopt, result.error};
+    if (result.success) facts.rules = std::move(result.output);
+    rules.push_back(std::move(facts));
+  }
+  return rules;
+}
+
+// The running extension's own, where it is to be seen; else the package's.
+std::string find_bundle(const std::string& root, pid_t process) {
+  if (process != 0) {
+    const fs::path program = read_link(root + "/proc/" + std::to_string(process) + "/exe");
+    const fs::path contents = program.parent_path().parent_path();
+    if (contents.filename() == "Contents") return contents.parent_path().string();
+  }
+  return root + kBundle;
+}
+
+// Of the person who asks, also through sudo(8).
+std::string home_directory() {
+  const char* caller = ::geteuid() == 0 ? std::getenv("SUDO_USER") : nullptr;
+  const passwd* user = caller != nullptr ? ::getpwnam(caller) : ::getpwuid(::getuid());
+  return user != nullptr ? user->pw_dir : "";
+}
+
+std::vector<BrowserFacts> look_at_browsers(const std::string& root) {
+  const std::string home = home_directory();
+  std::vector<BrowserFacts> facts;
+  for (InstalledBrowser& browser : installed_browsers(
+           ApplicationFolders::system(), home.empty() ? std::vector<std::string>() : own_application_folders(home))) {
+    BrowserFacts one{std::move(browser), {}, {}};
+    if (one.browser.place != nullptr) one.policy = policy_in_force(*one.browser.place, root);
+    if (!home.empty()) one.profiles = browser_profiles(one.browser, home);
+    facts.push_back(std::move(one));
+  }
+  return facts;
+}
+
+}  // namespace
+
+Facts gather_facts(const Examination& examination) {
+  const std::string& root = examination.root;
+  Facts facts;
+  facts.asRoot = ::geteuid() == 0;
+  facts.extension = look_at_unit(kExtensionUnit);
+  facts.keeper = look_at_unit(kKeeperUnit);
+  facts.connection = look_at_connection(examination);
+  facts.group = look_at_group();
+  look_at_processes(root + "/proc", facts);
+  if (facts.process != 0) {
+    facts.capabilities =
+        effective_capabilities(read_text(root + "/proc/" + std::to_string(facts.process) + "/status").value_or(""));
+  }
+  facts.missingPrograms = missing_programs(root);
+  facts.hasQueueTarget = has_queue_target(root);
+  if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules();
+  facts.queues = read_text(root + "/proc/net/netfilter/nfnetlink_queue");
+  try {
+    facts.list = read_keeper_state(examination.keeperStatePath);
+  } catch (const FileError& error) {
+    facts.listError = error.what();
+  }
+  facts.browserList = read_browser_list(find_bundle(root, facts.process));
+  facts.browsers = look_at_browsers(root);
+  return facts;
+}
+
+}  // namespace orvane

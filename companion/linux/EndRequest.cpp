@@ -1,0 +1,53 @@
+#include "EndRequest.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+
+namespace orvane {
+namespace {
+
+constexpr int kSignals[] = {SIGTERM, SIGINT, SIGHUP};
+
+// What the signal handler may touch.
+std::atomic<bool> is_made;
+std::atomic<bool> may_break_off;
+std::atomic<int> wake_descriptor = -1;
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+void on_signal(int) {
+  if (may_break_off) _exit(0);
+  int saved = errno;
+  is_made = true;
+  uint64_t one = 1;
+  [[maybe_unused]] ssize_t written = write(wake_descriptor, &one, sizeof one);
+  errno = saved;
+}
+
+}  // namespace
+
+EndRequest::EndRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  is_made = may_break_off = false;
+  wake_descriptor = wake_.get();
+  struct sigaction action {};
+  action.sa_handler = on_signal;
+  for (int number : kSignals) sigaction(number, &action, nullptr);
+}
+
+EndRequest::~EndRequest() {
+  for (int number : kSignals) std::signal(number, SIG_DFL);
+  wake_descriptor = -1;
+}
+
+bool EndRequest::isMade() const { return is_made; }
+
+void EndRequest::breakOff(bool allowed) {
+  may_break_off = allowed;
+  if (allowed && is_made) _exit(0);
+}
+
+}  // namespace orvane

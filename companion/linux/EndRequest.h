@@ -1,0 +1,28 @@
+#pragma once
+
+#include "platform/linux/Descriptor.h"
+
+namespace orvane {
+
+// SIGTERM, SIGINT and SIGHUP for a program with one thread, which ends soon whatever it is at: a loop sees the request
+// on a descriptor, and work that may take long, or for ever, is broken off. One at a time.
+class EndRequest {
+ public:
+  EndRequest();
+  ~EndRequest();
+  EndRequest(const EndRequest&) = delete;
+  EndRequest& operator=(const EndRequest&) = delete;
+
+  // Readable, for poll(2), once the end is requested.
+  int descriptor() const { return wake_.get(); }
+  bool isMade() const;
+
+  // Between breakOff(true) and breakOff(false) a request ends the process at once, with 0. That is for work that can be
+  // broken off anywhere, a request that is made already included.
+  void breakOff(bool allowed);
+
+ private:
+  Descriptor wake_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,29 @@
+#include "ExtensionAnswer.h"
+
+#include <memory>
+
+#include "companion/linux/CallLimit.h"
+
+namespace orvane {
+
+ExtensionAnswer ask_extension(const ClientOptions& options) {
+  constexpr std::chrono::seconds kPatience(3);
+  ExtensionAnswer answer;
+  std::unique_ptr<Client> client;
+  CallLimit limit(kPatience);
+  try {
+    client = connect_client(options);
+    limit.watch(client->descriptor());
+    answer.answers = client->ping();
+    answer.changes = client->changesCount();
+    if (!answer.answers) answer.error = "the extension answered no: restart it";
+  } catch (const ClientError& error) {
+    answer.answers = false;
+    answer.isSilent = client && limit.passed();
+    answer.error = answer.isSilent ? "the extension hangs, or serves too many clients: restart it" : error.what();
+  }
+  limit.watch(-1);  // before the connection is closed
+  return answer;
+}
+
+}  // namespace orvane

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "companion/Client.h"
+
+namespace orvane {
+
+// Whether a running extension answers us, now.
+struct ExtensionAnswer {
+  bool answers = false;
+  bool isSilent = false;  // it takes connections and answers nothing
+  uint64_t changes = 0;   // its counter
+  std::string error;      // why there is no answer
+};
+
+// Takes some seconds at most, and what CallLimit takes.
+ExtensionAnswer ask_extension(const ClientOptions& options);
+
+}  // namespace orvane

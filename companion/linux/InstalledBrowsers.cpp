@@ -1,0 +1,226 @@
+#include "companion/linux/InstalledBrowsers.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include "platform/PropertyList.h"
+#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/ProcessIdentity.h"
+#include "platform/linux/ProcessInformation.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kEntryLimit = size_t{1} << 20;
+constexpr std::string_view kGroup = "Desktop Entry";
+
+// Browsers that are told by a part of their identifiers, in lower case, and the folders where they read policies. The
+// first that fits counts.
+struct KnownBrowser {
+  std::string_view part;
+  BrowserFamily family;
+  std::string_view folder;  // empty when none is documented
+};
+constexpr std::array kKnownBrowsers = {
+    KnownBrowser{"firefox", BrowserFamily::Firefox, "/etc/firefox/policies"},
+    KnownBrowser{"chromium-browser", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed"},
+    KnownBrowser{"chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed"},
+    KnownBrowser{"chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed"},
+    KnownBrowser{"edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed"},
+    KnownBrowser{"brave", BrowserFamily::Chromium, "/etc/brave/policies/managed"},
+    KnownBrowser{"vivaldi", BrowserFamily::Chromium, ""},
+    KnownBrowser{"opera", BrowserFamily::Chromium, ""},
+    KnownBrowser{"librewolf", BrowserFamily::Firefox, ""},
+    KnownBrowser{"waterfox", BrowserFamily::Firefox, ""},
+    KnownBrowser{"floorp", BrowserFamily::Firefox, ""},
+    KnownBrowser{"zen_browser", BrowserFamily::Firefox, ""},
+    KnownBrowser{"torbrowser", BrowserFamily::Firefox, ""},
+};
+
+std::string lower(std::string text) {
+  for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return text;
+}
+
+std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// The path with all links resolved. Empty when there is nothing there.
+std::string resolve(const std::string& path) {
+  std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), std::free);
+  return resolved ? resolved.get() : "";
+}
+
+// Fills in what is known of browsers by their identifiers.
+void classify(InstalledBrowser& browser) {
+  std::string identifier = lower(browser.identifier);
+  // Ubuntu's snap reads the folder of the package that it took the place of.
+  if (browser.package == BrowserPackage::Snap && identifier == "chromium") identifier = "chromium-browser";
+  auto known = std::find_if(kKnownBrowsers.begin(), kKnownBrowsers.end(), [&](const KnownBrowser& candidate) {
+    return identifier.find(candidate.part) != std::string::npos;
+  });
+  if (known == kKnownBrowsers.end()) return;
+  browser.family = known->family;
+  if (browser.package == BrowserPackage::Flatpak) return;  // it has an /etc of its own
+  for (const PolicyPlace& place : policy_places()) {
+    if (place.folder == known->folder) browser.place = &place;
+  }
+}
+
+Value parse_property_list(const std::string& text) {
+  Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
+  Ref<NSError> error;
+  return data ? property_list_create_with_data(data.get(), &error) : Value();
+}
+
+// Finds browsers in folders of desktop entries.
+class Search {
+ public:
+  explicit Search(const ApplicationFolders& folders)
+      : programs_(folders.programs), index_(folders, std::chrono::hours(1)) {}
+
+  void look(const std::string& folder) {
+    std::error_code error;
+    std::vector<fs::path> entries;
+    for (fs::recursive_directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      if (it->path().extension() == ".desktop") entries.push_back(it->path());
+    }
+    std::sort(entries.begin(), entries.end());
+    for (const fs::path& entry : entries) read(entry.string());
+  }
+
+  std::vector<InstalledBrowser> result() && {
+    std::vector<InstalledBrowser> browsers;
+    for (auto& [identifier, browser] : found_) browsers.push_back(std::move(browser));
+    std::stable_sort(browsers.begin(), browsers.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+    return browsers;
+  }
+
+ private:
+  void read(const std::string& path) {
+    auto text = read_file_start(AT_FDCWD, path.c_str(), kEntryLimit, Links::Follow);
+    if (!text) return;
+    const std::string categories = ';' + std::string(key_file_value(*text, kGroup, "Categories").value_or("")) + ';';
+    if (categories.find(";WebBrowser;") == std::string::npos) return;
+    const std::vector<std::string> programs = programs_of_desktop_entry(*text);
+    if (programs.empty()) return;
+    InstalledBrowser browser;
+    browser.entry = path;
+    browser.name = key_file_value(*text, kGroup, "Name").value_or(fs::path(path).stem().string());
+    identify(browser, *text, programs.front());
+    classify(browser);
+    found_.try_emplace(browser.identifier.empty() ? path : browser.identifier, browser);
+  }
+
+  void identify(InstalledBrowser& browser, const std::string& entry, const std::string& program) {
+    if (auto flatpak = key_file_value(entry, kGroup, "X-Flatpak")) {
+      browser.package = BrowserPackage::Flatpak;
+      browser.identifier = *flatpak;
+      return;
+    }
+    auto snap = key_file_value(entry, kGroup, "X-SnapInstanceName");
+    if (snap || program.starts_with("/snap/bin/")) {
+      browser.package = BrowserPackage::Snap;
+      // As in a path of the snap's own; the command of one that has several is SNAP.COMMAND.
+      std::string name = snap ? std::string(*snap) : file_name(program);
+      browser.identifier = snap_of_path("/snap/" + name.substr(0, name.find('.')) + "/current").value_or(name);
+      return;
+    }
+    const std::string path = resolve(find(program));
+    struct stat status;
+    if (::stat(path.c_str(), &status) != 0) return;
+    const std::string runs = interpreter_of(path);
+    browser.identifier = runs.empty()
+                             ? index_.applicationOf({path, status.st_dev, status.st_ino}).value_or(file_name(path))
+                             : file_name(runs);
+  }
+
+  std::string find(const std::string& program) const {
+    if (program.starts_with('/')) return program;
+    for (const std::string& folder : programs_) {
+      std::string path = folder;
+      path.append("/").append(program);
+      if (::access(path.c_str(), X_OK) == 0) return path;
+    }
+    return {};
+  }
+
+  // The program that runs a script, links resolved: it is what the process is then known by. Empty for other programs,
+  // and for a shell's script, which is there to start the browser itself.
+  std::string interpreter_of(const std::string& path) const {
+    auto start = read_file_start(AT_FDCWD, path.c_str(), 256, Links::Follow);
+    if (!start || !start->starts_with("#!")) return {};
+    std::string line = start->substr(2, start->find('\n') - 2);
+    auto word = [&line] {
+      size_t begin = std::min(line.find_first_not_of(" \t"), line.size());
+      size_t end = std::min(line.find_first_of(" \t\r", begin), line.size());
+      std::string taken = line.substr(begin, end - begin);
+      line.erase(0, end);
+      return taken;
+    };
+    std::string program = word();
+    if (file_name(program) == "env") program = find(word());
+    program = resolve(program);
+    const std::string name = file_name(program);
+    return !runs_other_programs(name) || name.ends_with("sh") || name == "busybox" ? "" : program;
+  }
+
+  const std::vector<std::string> programs_;
+  ApplicationIndex index_;
+  std::map<std::string, InstalledBrowser> found_;  // by identifier
+};
+
+}  // namespace
+
+bool BrowserList::counts(std::string_view identifier) const {
+  return std::any_of(endings.begin(), endings.end(),
+                     [&](const std::string& ending) { return identifier.ends_with(ending); });
+}
+
+BrowserList read_browser_list(const std::string& bundle) {
+  constexpr size_t kListLimit = 1024;
+  BrowserList list;
+  list.path = bundle + "/Contents/Resources/Browsers.plist";
+  auto text = read_file_start(AT_FDCWD, list.path.c_str(), kListLimit + 1, Links::Follow);
+  if (!text) {
+    list.fault = "cannot be read";
+    return list;
+  }
+  if (text->size() > kListLimit) {
+    list.fault = "has more than " + std::to_string(kListLimit) + " bytes, of which the extension reads no more";
+    return list;
+  }
+  const Value value = parse_property_list(*text);
+  if (!value.isArray()) {
+    list.fault = "is no property list with an array in it";
+    return list;
+  }
+  for (const Value& element : value.asArray()) {
+    if (element.isString() && !element.asString().empty()) list.endings.emplace_back(element.asString());
+  }
+  if (list.endings.empty()) list.fault = "names no browser";
+  return list;
+}
+
+std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,
+                                                 const std::vector<std::string>& ownFolders) {
+  Search search(folders);
+  for (const std::string& folder : folders.entries) search.look(folder);
+  for (const std::string& folder : ownFolders) search.look(folder);
+  return std::move(search).result();
+}
+
+std::vector<std::string> own_application_folders(const std::string& home) {
+  return {home + "/.local/share/applications", home + "/.local/share/flatpak/exports/share/applications"};
+}
+
+}  // namespace orvane

@@ -1,0 +1,31 @@
+#include "KeeperLog.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace orvane {
+namespace {
+
+// The variable alone does not tell: terminals that a service has opened hand it on.
+bool leads_to_journal() {
+  const char* stream = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
+         std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
+}
+
+}  // namespace
+
+void keeper_log(LogLevel level, const std::string& text) {
+  static const bool toJournal = leads_to_journal();
+  if (toJournal) {
+    std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), text.c_str());
+  } else {
+    std::fprintf(stderr, "orvanectl: %s\n", text.c_str());
+  }
+}
+
+}  // namespace orvane

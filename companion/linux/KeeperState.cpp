@@ -1,0 +1,194 @@
+#include "KeeperState.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "companion/Input.h"
+#include "companion/linux/PathWatch.h"
+
+namespace orvane {
+namespace {
+
+using Json = nlohmann::json;
+
+// Whatever the umask is: anybody may ask.
+constexpr mode_t kReadableByAll = 0644;
+
+FileError file_error(const char* what, const std::string& path, int error) {
+  return FileError(std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) +
+                   ": check the folder and its rights, or name another file with --state");
+}
+
+std::string lock_path(const std::string& path) { return path + ".lock"; }
+
+// A lock that belongs to an open file, not to a process: the other question, whether somebody has it, does not take it,
+// and the answer is right in every PID namespace.
+struct flock whole_file(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+bool is_locked(const std::string& path) {
+  Descriptor file(open(lock_path(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct flock lock = whole_file(F_WRLCK);
+  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+template <class T>
+Json json_or_null(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
+
+Json json_of(const std::optional<Moment>& moment) { return moment ? Json(time_text(*moment)) : Json(); }
+
+// Members of an object, strict as to their types. One that is null or absent is what the target was.
+class Members {
+ public:
+  explicit Members(const Json& object) : object_(object) { object_.get_ref<const Json::object_t&>(); }
+  Members(const Json& object, const char* name) : Members(object.at(name)) {}
+
+  template <class T>
+  void read(const char* name, T& target) const {
+    if (const Json* value = find(name)) value->get_to(target);
+  }
+  void read(const char* name, Moment& target) const {
+    if (const Json* value = find(name)) target = read_moment(value->get_ref<const std::string&>());
+  }
+  template <class T>
+  void read(const char* name, std::optional<T>& target) const {
+    if (find(name) == nullptr) return;
+    T value{};
+    read(name, value);
+    target = std::move(value);
+  }
+
+ private:
+  const Json* find(const char* name) const {
+    auto found = object_.find(name);
+    return found == object_.end() || found->is_null() ? nullptr : &*found;
+  }
+  const Json& object_;
+};
+
+KeeperState state_of(const Json& json) {
+  KeeperState state;
+  Members keeper(json), list(json, "list"), extension(json, "extension");
+  keeper.read("process", state.process);
+  keeper.read("started", state.started);
+  list.read("path", state.listPath);
+  list.read("version", state.listVersion);
+  list.read("sites", state.sites);
+  list.read("names", state.names);
+  list.read("badLines", state.badLines);
+  list.read("error", state.listError);
+  for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
+    state.suspended.emplace_back(entry.at("name"), read_moment(entry.at("until").get_ref<const std::string&>()));
+  }
+  extension.read("connected", state.connected);
+  extension.read("sentVersion", state.sentVersion);
+  extension.read("sentNames", state.sentNames);
+  extension.read("sentAt", state.sentAt);
+  extension.read("changes", state.changes);
+  extension.read("changesOfOthers", state.changesOfOthers);
+  extension.read("error", state.extensionError);
+  return state;
+}
+
+}  // namespace
+
+Json to_json(const KeeperState& state) {
+  Json suspended = Json::array();
+  for (const auto& [name, until] : state.suspended) suspended.push_back({{"name", name}, {"until", time_text(until)}});
+  return {{"process", state.process},
+          {"started", time_text(state.started)},
+          {"list",
+           {{"path", state.listPath},
+            {"version", state.listVersion},
+            {"sites", state.sites},
+            {"names", state.names},
+            {"badLines", state.badLines},
+            {"suspended", std::move(suspended)},
+            {"error", json_or_null(state.listError)}}},
+          {"extension",
+           {{"connected", state.connected},
+            {"sentVersion", json_or_null(state.sentVersion)},
+            {"sentNames", state.sentNames},
+            {"sentAt", json_of(state.sentAt)},
+            {"changes", state.changes},
+            {"changesOfOthers", state.changesOfOthers},
+            {"error", json_or_null(state.extensionError)}}}};
+}
+
+Descriptor lock_keeper_state(const std::string& path) {
+  const std::string lockPath = lock_path(path);
+  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kReadableByAll));
+  if (!file || fchmod(file.get(), kReadableByAll) != 0) throw file_error("keep the state", lockPath, errno);
+  struct flock lock = whole_file(F_WRLCK);
+  if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) return file;
+  if (errno != EAGAIN && errno != EACCES) throw file_error("lock", lockPath, errno);
+  return Descriptor();
+}
+
+void write_keeper_state(const std::string& path, const KeeperState& state) {
+  const std::string text = to_json(state).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  const std::string fresh = path + ".new";
+  unlink(fresh.c_str());  // of a keeper that was killed; the lock is ours
+  Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kReadableByAll));
+  bool written = file && fchmod(file.get(), kReadableByAll) == 0 &&
+                 write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (written && rename(fresh.c_str(), path.c_str()) == 0) return;
+  int error = errno;
+  unlink(fresh.c_str());
+  throw file_error("write the state", path, error);
+}
+
+std::optional<KeeperState> read_keeper_state(const std::string& path) {
+  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!file && errno != ENOENT && errno != ENOTDIR) throw file_error("read the keeper's state", path, errno);
+  if (!file || !is_locked(path)) return std::nullopt;
+  try {
+    return state_of(Json::parse(read_input(path)));
+  } catch (const Json::exception&) {
+    throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
+  } catch (const InputError&) {
+    throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
+  }
+}
+
+InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
+                            std::chrono::milliseconds patience) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + patience;
+  // Armed before the first look, so that nothing is missed between a look and the wait after it.
+  PathWatch watch({std::filesystem::absolute(statePath).lexically_normal()});
+  for (;;) {
+    std::optional<KeeperState> state = read_keeper_state(statePath);
+    if (!state) return InForce::NoKeeper;
+    // What the file holds now is ours or later, and so is what the keeper has read of it.
+    auto isNoOlder = [&](const ListVersion& other) {
+      return other == version || other == list_version(state->listPath);
+    };
+    if (state->sentVersion && isNoOlder(*state->sentVersion)) return InForce::Yes;
+    if (!state->connected && isNoOlder(state->listVersion)) return InForce::NoExtension;
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    if (left.count() <= 0) return InForce::TimedOut;
+    // A keeper that is killed changes no file.
+    constexpr std::chrono::milliseconds kLookAgain(500);
+    pollfd waited{watch.descriptor(), POLLIN, 0};
+    poll(&waited, 1, static_cast<int>(std::min(left, kLookAgain).count()));
+    watch.happened();
+  }
+}
+
+}  // namespace orvane

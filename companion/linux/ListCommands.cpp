@@ -1,0 +1,273 @@
+#include "ListCommands.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/Commands.h"
+#include "companion/HostnameList.h"
+#include "companion/Input.h"
+#include "companion/Output.h"
+#include "companion/linux/BlockListLine.h"
+#include "companion/linux/BlockListOutput.h"
+#include "companion/linux/ListCommandsImport.h"
+#include "companion/linux/ListCommandsWait.h"
+#include "companion/linux/ListFile.h"
+
+namespace orvane {
+namespace {
+
+struct Arguments {
+  std::vector<std::string> hosts;
+  bool veryNames = false;
+  bool hostsOnly = false;
+  std::optional<std::string> duration;
+  std::optional<std::string> until;
+};
+
+// What became of one site.
+struct Change {
+  BlockedSite site;
+  bool changed = false;
+  std::string outcome;                    // in words; empty where there is nothing to say
+  std::vector<std::string> stillBlocked;  // of its names, those that another site has
+};
+
+// Finds the sites that a command is about, each once, and changes one of them.
+using FindSites = std::function<std::vector<BlockedSite>(const BlockList& list, const std::vector<std::string>& hosts)>;
+using ChangeSite = std::function<Change(BlockList& list, BlockedSite site)>;
+
+// The hosts in the form in which browsers send them. Reports those that are none, and throws then.
+std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
+  std::vector<std::string> hosts;
+  std::string name, fault;
+  for (const std::string& host : given) {
+    if (read_hostname(host, name, fault)) {
+      hosts.push_back(name);
+    } else {
+      print_error("not a host name: " + in_quotes(host) + ": " + fault);
+    }
+  }
+  if (const size_t refused = given.size() - hosts.size(); refused > 0)
+    throw InputError("nothing done: " + std::to_string(refused) + " of " + std::to_string(given.size()) +
+                     " names refused: correct them and run the command again");
+  return hosts;
+}
+
+// The sites on the list that the hosts belong to. Where one is not on it, all that is reported and nothing is done.
+std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<std::string>& hosts) {
+  std::vector<BlockedSite> sites;
+  std::set<const BlockedSite*> seen;
+  size_t unknown = 0;
+  for (const std::string& host : hosts) {
+    const BlockedSite* site = list.find(host);
+    if (site == nullptr) {
+      ++unknown;
+      print_error("not on the list: " + in_quotes(host) + ": see orvanectl list");
+    } else if (seen.insert(site).second) {
+      sites.push_back(*site);
+    }
+  }
+  if (unknown > 0)
+    throw InputError("nothing done: " + std::to_string(unknown) + " of " + std::to_string(hosts.size()) +
+                     " hosts are not on the list: leave them out");
+  return sites;
+}
+
+void print_change(const Change& change) {
+  std::string line = site_text(change.site);
+  if (!change.outcome.empty()) line += ": " + change.outcome;
+  for (size_t i = 0; i < change.stillBlocked.size(); ++i)
+    line += (i == 0 ? "; still blocked by another line: " : ", ") + change.stillBlocked[i];
+  std::puts(line.c_str());
+}
+
+void print_changes_json(const std::vector<Change>& changes, std::optional<bool> inForce, Moment now) {
+  nlohmann::json sites = nlohmann::json::array();
+  size_t changed = 0;
+  for (const Change& change : changes) {
+    nlohmann::json site = site_json(change.site, now);
+    site["changed"] = change.changed;
+    if (!change.stillBlocked.empty()) site["stillBlocked"] = change.stillBlocked;
+    sites.push_back(std::move(site));
+    changed += change.changed ? 1 : 0;
+  }
+  print_json({{"sites", std::move(sites)},
+              {"changed", changed},
+              {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+}
+
+int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
+                const ChangeSite& change) {
+  const std::vector<std::string> hosts = checked_hosts(arguments.hosts);
+  std::vector<Change> changes;
+  size_t sites = 0;
+  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    changes.clear();
+    bool changed = false;
+    for (BlockedSite& site : find(list, hosts)) {
+      changes.push_back(change(list, std::move(site)));
+      changed = changed || changes.back().changed;
+    }
+    sites = list.size();
+    return changed;
+  });
+  if (!options.json) {
+    for (const Change& each : changes) print_change(each);
+    std::fflush(stdout);
+  }
+  const std::optional<bool> inForce = await_list(options, version, sites);
+  if (options.json) print_changes_json(changes, inForce, now);
+  return kDone;
+}
+
+// The names of a site that another site has blocked.
+std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
+  auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
+  std::vector<std::string> names;
+  for (std::string& name : names_of(site)) {
+    if (blocks(list.find(name)) || blocks(list.findByUsualName(name))) names.push_back(std::move(name));
+  }
+  return names;
+}
+
+// How a site that is to be on the list stood there before.
+std::string standing(const BlockedSite& before, const BlockedSite& site, Moment now) {
+  if (before.isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before.until, now);
+  if (before.usualNames == site.usualNames) return "was there already";
+  return site.usualNames ? "was there as that very name" : "was there with its usual names";
+}
+
+int block(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  const bool usualNames = !arguments.veryNames;
+  auto asked = [&](const BlockList&, const std::vector<std::string>& hosts) {
+    std::vector<BlockedSite> sites;
+    std::set<std::string> seen;
+    for (const std::string& host : hosts) {
+      BlockedSite site{usualNames ? std::string(site_of(host)) : host, usualNames, std::nullopt};
+      if (seen.insert(site.host).second) sites.push_back(std::move(site));
+    }
+    return sites;
+  };
+  return change_list(options, arguments, now, asked, [&](BlockList& list, BlockedSite site) {
+    const BlockedSite* found = list.find(site.host);
+    std::string outcome = found != nullptr && found->host == site.host ? standing(*found, site, now) : "";
+    const bool changed = list.put(site);
+    return Change{std::move(site), changed, std::move(outcome), {}};
+  });
+}
+
+int unblock(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+    list.remove(site.host);
+    std::vector<std::string> still = names_still_blocked(list, site, now);
+    return Change{std::move(site), true, "taken off the list", std::move(still)};
+  });
+}
+
+int suspend(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  if (!arguments.duration && !arguments.until)
+    throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
+  const Moment until =
+      arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
+  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+    site.until = until;
+    const bool changed = list.put(site);
+    std::vector<std::string> still = names_still_blocked(list, site, now);
+    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), std::move(still)};
+  });
+}
+
+int resume(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+    const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
+    site.until.reset();
+    const bool changed = list.put(site);
+    return Change{std::move(site), changed, outcome, {}};
+  });
+}
+
+BlockList read_reporting(const CommonOptions& options) {
+  StoredList stored = read_list(options.listPath);
+  report_bad_lines(stored.list, options.listPath);
+  return std::move(stored.list);
+}
+
+int list(const CommonOptions& options, const Arguments&) {
+  const BlockList list = read_reporting(options);
+  if (options.json) {
+    print_sites_json(list, now_in_seconds());
+  } else if (isatty(STDOUT_FILENO) == 1) {
+    print_table(list, now_in_seconds());
+  } else {
+    print_lines(list);
+  }
+  return kDone;
+}
+
+int export_list(const CommonOptions& options, const Arguments& arguments) {
+  const BlockList list = read_reporting(options);
+  if (options.json) {
+    print_sites_json(list, now_in_seconds());
+  } else if (arguments.hostsOnly) {
+    print_hosts(list);
+  } else {
+    print_lines(list);
+  }
+  return kDone;
+}
+
+using ListCommand = int (*)(const CommonOptions&, const Arguments&);
+
+}  // namespace
+
+void declare_list_commands(CommandSet& commands) {
+  auto arguments = std::make_shared<Arguments>();
+  auto declare = [&](const char* name, const char* description, ListCommand command) {
+    return commands.declare(commands.app, kListGroup, name, description,
+                            [&options = commands.options, arguments, command] { return command(options, *arguments); });
+  };
+  auto takeHosts = [&](CLI::App* command, const char* hosts) {
+    command->add_option("HOST", arguments->hosts, hosts)->required()->type_name("");
+    return command;
+  };
+  CLI::App* blockCommand = takeHosts(declare("block", "Block sites, from now on and after every start", block),
+                                     "Host names, in any spelling that a browser takes");
+  bool usualNames = true;
+  CLI::Option* www =
+      blockCommand->add_flag("--www", usualNames, "Under their usual names, too: www.HOST and m.HOST (the default)");
+  blockCommand->add_flag("--no-www", arguments->veryNames, "Under the very names alone")->excludes(www);
+
+  takeHosts(declare("unblock", "Take sites off the list", unblock), "Hosts of sites on the list");
+  declare("list", "Print the list: a table for a person, the lines of the list for a program", list);
+
+  CLI::App* suspendCommand =
+      takeHosts(declare("suspend", "Leave sites unblocked for a while", suspend), "Hosts of sites on the list");
+  CLI::Option* duration =
+      suspendCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
+  suspendCommand
+      ->add_option("--until", arguments->until,
+                   "Until when: 18:00, \"tomorrow 9:00\", \"2026-12-24 18:00\", 2030-01-31T18:00:00+01:00")
+      ->type_name("TIME")
+      ->excludes(duration);
+  takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list");
+
+  declare_import_command(commands);
+  declare("export", "Print the list as import takes it back", export_list)
+      ->add_flag("--hosts", arguments->hostsOnly, "Print the sites' names alone, one a line");
+}
+
+}  // namespace orvane

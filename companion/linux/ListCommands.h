@@ -1,0 +1,10 @@
+#pragma once
+
+#include "companion/CommandSet.h"
+
+namespace orvane {
+
+// The commands for the machine's list: block, unblock, list, suspend, resume, import, export.
+void declare_list_commands(CommandSet& commands);
+
+}  // namespace orvane

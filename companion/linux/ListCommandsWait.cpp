@@ -1,0 +1,61 @@
+#include "ListCommandsWait.h"
+
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+
+#include "companion/Input.h"
+#include "companion/Output.h"
+#include "companion/linux/KeeperState.h"
+#include "companion/linux/ListFile.h"
+
+namespace orvane {
+namespace {
+
+// How long an extension takes at most for the names of so many sites, and the keeper for reading them.
+std::chrono::milliseconds patience_for(size_t sites) {
+  constexpr std::chrono::milliseconds kLeast(5000);
+  constexpr size_t kSitesPerMillisecond = 20;
+  return kLeast + std::chrono::milliseconds(sites / kSitesPerMillisecond);
+}
+
+bool is_same_file(const std::string& one, const std::string& other) {
+  std::error_code ignored;
+  return one == other || std::filesystem::equivalent(one, other, ignored);
+}
+
+void warn(const std::string& text) { print_error("kept; not in force: " + text); }
+
+bool wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
+  switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites))) {
+    case InForce::Yes:
+      return true;
+    case InForce::NoKeeper:
+      warn("no keeper runs: start it with systemctl start orvane-keeper");
+      return false;
+    case InForce::NoExtension:
+      warn("the keeper has no extension to send it to: start it with systemctl start orvane-se; see orvanectl status");
+      return false;
+    case InForce::TimedOut:
+      break;
+  }
+  warn("the keeper has not sent it yet: see orvanectl status");
+  return false;
+}
+
+}  // namespace
+
+std::optional<bool> await_list(const CommonOptions& options, const ListVersion& version, size_t sites) {
+  try {
+    const auto keeper = read_keeper_state(options.keeperStatePath);
+    // Another file than the machine's is someone's own business.
+    if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
+      return std::nullopt;
+    return wait(options, version, sites);
+  } catch (const FileError& error) {
+    print_error("kept; not known to be in force: " + std::string(error.what()));
+    return false;
+  }
+}
+
+}  // namespace orvane

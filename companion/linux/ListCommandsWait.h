@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include "companion/CommandSet.h"
+#include "companion/linux/ListFile.h"
+
+namespace orvane {
+
+// Waits until the extension has this version of the list's file, with so many sites: some seconds, and more for a large
+// list. Where it has not, standard error has the reason and what to do. Gives whether it has; nothing where no keeper
+// is meant to send that file.
+std::optional<bool> await_list(const CommonOptions& options, const ListVersion& version, size_t sites);
+
+}  // namespace orvane

@@ -1,0 +1,240 @@
+#include "ListImport.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <iterator>
+#include <unordered_map>
+#include <utility>
+
+#include "companion/HostnameList.h"
+#include "companion/Input.h"
+#include "companion/linux/BlockListLine.h"
+
+namespace orvane {
+namespace {
+
+bool starts_with(std::string_view text, std::string_view start) { return text.substr(0, start.size()) == start; }
+
+template <size_t size>
+bool is_one_of(std::string_view text, const std::string_view (&texts)[size]) {
+  return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
+}
+
+// Names that hosts files have for the machine itself and its network.
+bool is_own_name(std::string_view name) {
+  constexpr std::string_view kNames[] = {"localhost",
+                                         "localhost.localdomain",
+                                         "localhost4",
+                                         "localhost6",
+                                         "local",
+                                         "broadcasthost",
+                                         "ip6-localhost",
+                                         "ip6-loopback",
+                                         "ip6-localnet",
+                                         "ip6-mcastprefix",
+                                         "ip6-allnodes",
+                                         "ip6-allrouters",
+                                         "ip6-allhosts",
+                                         "0.0.0.0",
+                                         "localhost6.localdomain6",
+                                         "localhost4.localdomain4"};
+  return is_one_of(name, kNames);
+}
+
+// The address that a line of a hosts file begins with.
+enum class Address { None, Nowhere, Elsewhere };
+
+Address address_in(std::string_view word) {
+  const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" names an interface
+  in_addr ipv4{};
+  in6_addr ipv6{};
+  if (inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
+    const bool nowhere = ipv4.s_addr == htonl(INADDR_ANY) || ipv4.s_addr == htonl(INADDR_LOOPBACK);
+    return nowhere ? Address::Nowhere : Address::Elsewhere;
+  }
+  if (inet_pton(AF_INET6, text.c_str(), &ipv6) != 1) return Address::None;
+  const bool nowhere = IN6_IS_ADDR_UNSPECIFIED(&ipv6) || IN6_IS_ADDR_LOOPBACK(&ipv6);
+  return nowhere ? Address::Nowhere : Address::Elsewhere;
+}
+
+// A filter list's rule that hides parts of pages: "example.com##.banner" and its kin.
+bool hides_elements(std::string_view line) {
+  const std::string_view word = take_word(line);
+  for (std::string_view sign : {"##", "#@#", "#?#", "#$#"}) {
+    const size_t at = word.find(sign);
+    if (at != std::string_view::npos && word.find_first_not_of('#', at + sign.size()) == at + sign.size()) return true;
+  }
+  return false;
+}
+
+// The first option that has a rule block less, or something else, than the whole site.
+std::string_view limiting_option(std::string_view options) {
+  constexpr std::string_view kWholeSite[] = {"all", "doc", "document", "important"};
+  while (!options.empty()) {
+    const size_t end = std::min(options.find(','), options.size());
+    if (!is_one_of(options.substr(0, end), kWholeSite)) return options.substr(0, end);
+    options.remove_prefix(std::min(end + 1, options.size()));
+  }
+  return {};
+}
+
+// What a text is that is no list at all; empty where it may be one.
+std::string_view foreign_kind(std::string_view text) {
+  using namespace std::string_view_literals;
+  // gzip, xz, zstd, zip
+  constexpr std::string_view kCompressed[] = {"\037\213"sv, "\3757zXZ\0"sv, "\050\265\057\375"sv, "PK\3\4"sv};
+  for (std::string_view start : kCompressed) {
+    if (starts_with(text, start)) return "it is compressed: unpack it first";
+  }
+  if (starts_with(text, "BZh") && text.substr(4, 6) == "1AY&SY") return "it is compressed: unpack it first";
+  const bool zeros = text.size() > 1 && (text[0] == 0) != (text[1] == 0);
+  if (zeros || starts_with(text, "\xff\xfe") || starts_with(text, "\xfe\xff"))
+    return "it is UTF-16: save the text as UTF-8";
+  return {};
+}
+
+class ImportReader {
+ public:
+  ImportReader(std::optional<bool> usualNames, const ImportRejection& rejected)
+      : usualNames_(usualNames), rejected_(rejected) {}
+
+  void readLine(std::string_view line) {
+    ++result_.lines;
+    line = trimmed(line);
+    if (isComment(line)) return;
+    // In a hosts file a comment needs no space before it.
+    std::string_view names = line.substr(0, line.find('#'));
+    const std::string_view address = take_word(names);
+    const Address kind = trimmed(names).empty() ? Address::None : address_in(address);
+    if (kind != Address::None) return readHostsLine(address, kind, names);
+    if (hides_elements(line)) return reject(line, "it hides parts of pages: only whole sites can be blocked");
+    line = trimmed(without_comment(line));
+    if (starts_with(line, "@@"))
+      return reject(line, "it is an exception: leave out the names that are not to be blocked");
+    if (starts_with(line, "||")) return readRule(line);
+    readPlainLine(line);
+  }
+
+  ImportedSites& result() { return result_; }
+
+ private:
+  bool isComment(std::string_view line) {
+    if (line.empty()) return true;
+    const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
+    isFilterList_ = isFilterList_ || line.front() == '!' || title || starts_with(line, "||");
+    if (line.front() == '!' || title) return true;
+    // Elsewhere "##Title" is a title.
+    return line.front() == '#' && !(isFilterList_ && hides_elements(line));
+  }
+
+  void readHostsLine(std::string_view address, Address kind, std::string_view names) {
+    while (!names.empty()) {
+      BlockedSite site;
+      const std::string_view name = take_word(names);
+      std::string fault;
+      if (is_own_name(name)) {
+        ++result_.passedOver;
+      } else if (kind == Address::Elsewhere) {
+        reject(name, "it is given the address " + in_quotes(address) +
+                         ", which does not block it: give it alone if it is to be blocked");
+      } else if (read_hostname(name, site.host, fault)) {
+        add(std::move(site), usualNames_.value_or(false));
+      } else {
+        reject(name, fault);
+      }
+    }
+  }
+
+  void readRule(std::string_view line) {
+    constexpr size_t kSigns = 2;
+    std::string_view pattern = line.substr(kSigns);
+    if (const size_t dollar = pattern.find('$'); dollar != std::string_view::npos) {
+      const std::string_view option = limiting_option(pattern.substr(dollar + 1));
+      if (!option.empty())
+        return reject(line, "its option " + in_quotes(option) + " limits it: only rules for a whole site are taken");
+      pattern = pattern.substr(0, dollar);
+    }
+    if (!pattern.empty() && pattern.back() == '|') pattern.remove_suffix(1);
+    if (!pattern.empty() && pattern.back() == '^') pattern.remove_suffix(1);
+    BlockedSite site;
+    std::string fault;
+    if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
+    ++result_.filterRules;
+    add(std::move(site), usualNames_.value_or(true));
+  }
+
+  void readPlainLine(std::string_view line) {
+    BlockedSite site;
+    std::string fault;
+    if (is_own_name(line)) {
+      ++result_.passedOver;
+    } else if (read_line(line, usualNames_.value_or(true), site, fault)) {
+      const bool usualNames = site.usualNames;
+      add(std::move(site), usualNames);
+    } else {
+      reject(line, fault);
+    }
+  }
+
+  void reject(std::string_view text, const std::string& fault) {
+    ++result_.rejected;
+    rejected_(result_.lines, text, fault);
+  }
+
+  void add(BlockedSite site, bool usualNames) {
+    site.usualNames = usualNames;
+    if (usualNames) site.host = site_of(site.host);
+    if (auto known = places_.find(site.host); known != places_.end()) {
+      ++result_.duplicates;
+      known->second->usualNames = known->second->usualNames || usualNames;
+      known->second->until = site.until;
+      return;
+    }
+    BlockedSite& added = result_.sites.emplace_back(std::move(site));
+    places_.emplace(added.host, &added);
+  }
+
+  std::optional<bool> usualNames_;
+  const ImportRejection& rejected_;
+  bool isFilterList_ = false;
+  ImportedSites result_;
+  std::unordered_map<std::string_view, BlockedSite*> places_;  // in the result, by name
+};
+
+}  // namespace
+
+ImportedSites read_import(std::string_view text, std::optional<bool> usualNames, const ImportRejection& rejected,
+                          const ImportProgress& progress) {
+  constexpr size_t kLinesBetweenReports = 4096;
+  if (const std::string_view kind = foreign_kind(text); !kind.empty())
+    throw InputError("not a list: " + std::string(kind));
+  const size_t size = text.size();
+  if (starts_with(text, kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  ImportReader reader(usualNames, rejected);
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    reader.readLine(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (progress && reader.result().lines % kLinesBetweenReports == 0)
+      progress(size - text.size(), reader.result().lines);
+  }
+  return std::move(reader.result());
+}
+
+ImportCounts put_imported(BlockList& list, const ImportedSites& imported) {
+  ImportCounts counts;
+  for (BlockedSite site : imported.sites) {
+    const BlockedSite* there = list.find(site.host);
+    const bool known = there != nullptr && there->host == site.host;
+    if (known) {
+      site.usualNames = site.usualNames || there->usualNames;
+      if (!site.until) site.until = there->until;
+    }
+    const bool isNew = list.put(std::move(site));
+    ++(!known ? counts.added : isNew ? counts.changed : counts.there);
+  }
+  return counts;
+}
+
+}  // namespace orvane

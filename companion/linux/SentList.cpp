@@ -1,0 +1,72 @@
+#include "SentList.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/Properties.h"
+
+namespace orvane {
+namespace {
+
+using Suspensions = std::vector<std::pair<std::string, Moment>>;
+
+Value date_of(Moment moment) {
+  using namespace std::chrono;
+  constexpr sys_days kReference = 2001y / January / 1;
+  return Value::date(static_cast<double>((moment - kReference).count()));
+}
+
+// The extension keeps properties only with names that it holds, and counts each message as an edit in any case.
+uint64_t send_dates(Client& client, const Suspensions& suspended) {
+  for (const auto& [name, until] : suspended) {
+    client.setProperties(Value::dictionary({{Value::string(kDontBlockUntil), date_of(until)}}), Value::string(name));
+  }
+  return suspended.size();
+}
+
+// What is in `of` and not in `without`, both sorted.
+template <class Sorted>
+Sorted difference(const Sorted& of, const Sorted& without) {
+  Sorted result;
+  std::set_difference(of.begin(), of.end(), without.begin(), without.end(), std::back_inserter(result));
+  return result;
+}
+
+}  // namespace
+
+uint64_t send_all(Client& client, const HeldNames& list, const Client::Progress& progress) {
+  client.setHostnames(list.names, progress);
+  return 1 + send_dates(client, list.suspended);
+}
+
+uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after) {
+  std::vector<std::string> gone = difference(before.names, after.names);
+  std::vector<std::string> fresh = difference(after.names, before.names);
+  if (gone.size() + fresh.size() > kLargestDifference) return send_all(client, after);
+  // Dates first, while the extension still holds the names.
+  uint64_t edits = send_dates(client, difference(after.suspended, before.suspended));
+  if (!gone.empty()) client.removeHostnames(gone);
+  if (!fresh.empty()) client.addHostnames(fresh);
+  return edits + gone.size() + fresh.size();
+}
+
+void end_suspensions(HeldNames& list, Moment now) {
+  size_t held = list.names.size();
+  list.nextChange.reset();
+  for (auto& [name, until] : list.suspended) {
+    if (until <= now) {
+      list.names.push_back(std::move(name));
+    } else {
+      list.nextChange = std::min(list.nextChange.value_or(until), until);
+    }
+  }
+  std::erase_if(list.suspended, [now](const auto& entry) { return entry.second <= now; });
+  auto middle = list.names.begin() + static_cast<ptrdiff_t>(held);
+  std::sort(middle, list.names.end());
+  std::inplace_merge(list.names.begin(), middle, list.names.end());
+}
+
+}  // namespace orvane

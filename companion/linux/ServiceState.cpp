@@ -1,0 +1,85 @@
+#include "ServiceState.h"
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-daemon.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+namespace orvane {
+namespace {
+
+constexpr const char* kManager = "org.freedesktop.systemd1";
+constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
+constexpr const char* kServiceInterface = "org.freedesktop.systemd1.Service";
+constexpr uint64_t kPatience = 3000000;  // microseconds
+
+struct CloseBus {
+  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+using Bus = std::unique_ptr<sd_bus, CloseBus>;
+
+// Where there is no message bus, root can still ask the manager itself.
+Bus connect_to_manager() {
+  sd_bus* bus = nullptr;
+  if (sd_bus_open_system(&bus) >= 0) return Bus(bus);
+  Bus own;
+  if (sd_bus_new(&bus) >= 0) own.reset(bus);
+  if (!own || sd_bus_set_address(own.get(), "unix:path=/run/systemd/private") < 0 || sd_bus_start(own.get()) < 0)
+    return nullptr;
+  return own;
+}
+
+class UnitReader {
+ public:
+  UnitReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}
+
+  std::string text(const char* interface, const char* name) {
+    char* value = nullptr;
+    isAnswered_ =
+        sd_bus_get_property_string(bus_, kManager, path_, interface, name, nullptr, &value) >= 0 && isAnswered_;
+    std::unique_ptr<char, decltype(&std::free)> owned(value, std::free);
+    return value == nullptr ? "" : value;
+  }
+  template <class Number>
+  Number number(const char* interface, const char* name, char type) {
+    Number value = 0;
+    isAnswered_ =
+        sd_bus_get_property_trivial(bus_, kManager, path_, interface, name, nullptr, type, &value) >= 0 && isAnswered_;
+    return value;
+  }
+  bool isAnswered() const { return isAnswered_; }
+
+ private:
+  sd_bus* bus_;
+  const char* path_;
+  bool isAnswered_ = true;
+};
+
+}  // namespace
+
+std::optional<ServiceState> service_state(const std::string& unit) {
+  if (sd_booted() <= 0) return std::nullopt;
+  Bus bus = connect_to_manager();
+  if (!bus) return std::nullopt;
+  sd_bus_set_method_call_timeout(bus.get(), kPatience);
+  char* encoded = nullptr;
+  if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &encoded) < 0) return std::nullopt;
+  std::unique_ptr<char, decltype(&std::free)> path(encoded, std::free);
+
+  UnitReader reader(bus.get(), path.get());
+  ServiceState state;
+  state.load = reader.text(kUnitInterface, "LoadState");
+  state.active = reader.text(kUnitInterface, "ActiveState");
+  state.sub = reader.text(kUnitInterface, "SubState");
+  const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
+  if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
+  state.status = reader.text(kServiceInterface, "StatusText");
+  state.result = reader.text(kServiceInterface, "Result");
+  state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');
+  return reader.isAnswered() ? std::optional(state) : std::nullopt;
+}
+
+}  // namespace orvane

@@ -1,0 +1,183 @@
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companion/Commands.h"
+#include "companion/Output.h"
+#include "companion/linux/ExtensionAnswer.h"
+#include "companion/linux/KeeperCommands.h"
+#include "companion/linux/KeeperState.h"
+#include "companion/linux/ServiceState.h"
+#include "companion/linux/TimeText.h"
+
+namespace orvane {
+namespace {
+
+// More would push the rest off the screen.
+constexpr size_t kSuspensionsShown = 10;
+
+struct Status {
+  ExtensionAnswer extension;
+  std::optional<KeeperState> keeper;
+  std::optional<ServiceState> extensionService, keeperService;
+
+  bool isInForce() const {
+    // An extension that does not let us in may well answer the keeper.
+    return keeper && keeper->connected && !keeper->listError && keeper->sentVersion == keeper->listVersion &&
+           !extension.isSilent;
+  }
+};
+
+std::string count_text(uint64_t count, const char* one, const char* several) {
+  return std::to_string(count) + " " + (count == 1 ? one : several);
+}
+
+nlohmann::json json_of(const std::optional<ServiceState>& service) {
+  if (!service) return nullptr;
+  return {{"load", service->load},
+          {"active", service->active},
+          {"sub", service->sub},
+          {"status", service->status},
+          {"result", service->result},
+          {"since", service->since ? nlohmann::json(time_text(*service->since)) : nlohmann::json()},
+          {"restarts", service->restarts}};
+}
+
+nlohmann::json json_of(const Status& status) {
+  const ExtensionAnswer& extension = status.extension;
+  nlohmann::json answer = {{"answers", extension.answers}};
+  if (extension.answers) {
+    answer["changes"] = extension.changes;
+  } else {
+    answer["error"] = extension.error;
+  }
+  return {
+      {"inForce", status.isInForce()},
+      {"extension", std::move(answer)},
+      {"keeper", status.keeper ? to_json(*status.keeper) : nlohmann::json()},
+      {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
+}
+
+// A heading with the lines under it, aligned.
+void print_part(const char* heading, const std::vector<std::string>& lines) {
+  for (const std::string& line : lines) {
+    std::printf("  %-10s %s\n", heading, line.c_str());
+    heading = "";
+  }
+}
+
+std::string service_text(const char* unit, const ServiceState& service, Moment now) {
+  if (service.load == "not-found") return std::string(unit) + ": not installed";
+  std::string state = service.active + " (" + service.sub + ")";
+  std::string text = std::string(unit) + ": " +
+                     coloured(state, service.isRunning()          ? Colour::Good
+                                     : service.active == "failed" ? Colour::Bad
+                                                                  : Colour::Warning);
+  if (service.since) text += " since " + local_text(*service.since, now);
+  if (service.active == "failed") text += ", " + service.result + ": see journalctl -u " + unit;
+  if (!service.status.empty()) text += ", \"" + service.status + "\"";
+  if (service.restarts > 0) text += ", restarted " + count_text(service.restarts, "time", "times");
+  return text;
+}
+
+std::vector<std::string> extension_lines(const Status& status, Moment now) {
+  const ExtensionAnswer& extension = status.extension;
+  std::vector<std::string> lines;
+  lines.push_back(extension.answers ? coloured("answers", Colour::Good) + ", " +
+                                          count_text(extension.changes, "change", "changes") + " since its start"
+                                    : coloured("no answer", Colour::Bad) + ": " + extension.error);
+  if (status.extensionService) lines.push_back(service_text(kExtensionUnit, *status.extensionService, now));
+  return lines;
+}
+
+std::vector<std::string> keeper_lines(const Status& status, Moment now) {
+  std::vector<std::string> lines;
+  if (const auto& keeper = status.keeper) {
+    lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
+                    std::to_string(keeper->process));
+    // What keeps us from the extension is told already, and is mostly what keeps the keeper.
+    if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
+    if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
+  } else {
+    lines.push_back(coloured("does not run", Colour::Bad) + ": nobody sends the list; start " + kKeeperUnit);
+  }
+  if (status.keeperService) lines.push_back(service_text(kKeeperUnit, *status.keeperService, now));
+  return lines;
+}
+
+std::vector<std::string> list_lines(const KeeperState& keeper) {
+  std::vector<std::string> lines;
+  lines.push_back(keeper.listPath + ": " + count_text(keeper.sites, "site", "sites") + ", " +
+                  count_text(keeper.names, "name", "names") + " to block now");
+  if (keeper.listError) lines.push_back(coloured("the list as it was before", Colour::Bad) + ": " + *keeper.listError);
+  if (keeper.badLines > 0)
+    lines.push_back(coloured(count_text(keeper.badLines, "line is", "lines are"), Colour::Warning) +
+                    " not obeyed: see orvanectl list");
+  return lines;
+}
+
+std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
+  if (!keeper.sentVersion) return {coloured("nothing", Colour::Bad)};
+  std::string text = count_text(keeper.sentNames, "name", "names");
+  if (keeper.sentAt) text += ", " + duration_text(now - *keeper.sentAt) + " ago";
+  std::vector<std::string> lines{text};
+  if (keeper.sentVersion != keeper.listVersion)
+    lines.push_back(coloured("of the list as it was before", Colour::Warning));
+  if (keeper.changesOfOthers > 0)
+    lines.push_back(coloured(count_text(keeper.changesOfOthers, "edit", "edits"), Colour::Warning) +
+                    " by others since, which the list does not know");
+  lines.push_back(coloured("the extension cannot be asked what it holds: this is what the keeper sent", Colour::Faint));
+  return lines;
+}
+
+// Sites, without a line for each of their usual names.
+std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) {
+  std::vector<std::string> lines;
+  size_t more = 0;
+  for (const auto& entry : keeper.suspended) {
+    const auto& [name, until] = entry;
+    std::pair<std::string, Moment> site{site_of(name), until};
+    if (site != entry && std::binary_search(keeper.suspended.begin(), keeper.suspended.end(), site)) continue;
+    if (lines.size() == kSuspensionsShown) {
+      ++more;
+    } else {
+      lines.push_back(name + " until " + local_text(until, now) + ", " +
+                      duration_text(std::max(until - now, std::chrono::seconds(0))) + " left");
+    }
+  }
+  if (more > 0) lines.push_back(coloured("and " + std::to_string(more) + " more: orvanectl list", Colour::Faint));
+  return lines;
+}
+
+void print_status(const Status& status) {
+  const Moment now = now_in_seconds();
+  const bool inForce = status.isInForce();
+  std::printf("%s %s\n", coloured("\u25cf", inForce ? Colour::Good : Colour::Bad).c_str(),
+              inForce ? "The list is in force." : "The list is not in force.");
+  print_part("Extension", extension_lines(status, now));
+  print_part("Keeper", keeper_lines(status, now));
+  if (!status.keeper) return;
+  print_part("List", list_lines(*status.keeper));
+  print_part("Sent", sent_lines(*status.keeper, now));
+  print_part("Suspended", suspended_lines(*status.keeper, now));
+}
+
+}  // namespace
+
+int show_status(const CommonOptions& options) {
+  const Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
+                      service_state(kExtensionUnit), service_state(kKeeperUnit)};
+  if (options.json) {
+    print_json(json_of(status));
+  } else {
+    print_status(status);
+  }
+  return status.isInForce() ? kDone : kNotInForce;
+}
+
+}  // namespace orvane

@@ -1,0 +1,227 @@
+#include "TimeText.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include "companion/Input.h"
+#include "companion/Properties.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono;
+
+constexpr Moment kReference = sys_days(2001y / January / 1);  // of absolute times
+constexpr Moment kFirst = sys_days(0y / January / 1);
+constexpr Moment kEnd = sys_days(9999y / December / 31) + days(1);
+constexpr seconds kLongest = duration_cast<seconds>(years(10));
+constexpr std::string_view kSpace = " \t";
+
+// A time as a clock on the wall shows it, in no zone yet.
+using LocalTime = local_seconds;
+
+std::tm local_fields(Moment moment) {
+  std::time_t time = moment.time_since_epoch().count();
+  std::tm fields{};
+  localtime_r(&time, &fields);
+  return fields;
+}
+
+LocalTime local_time(Moment moment) {
+  return LocalTime(moment.time_since_epoch() + seconds(local_fields(moment).tm_gmtoff));
+}
+
+Moment moment_of(LocalTime local) {
+  const Moment near(local.time_since_epoch());
+  const Moment before = near - seconds(local_fields(near - days(1)).tm_gmtoff);
+  const Moment after = near - seconds(local_fields(near + days(1)).tm_gmtoff);
+  return local_time(before) != local && local_time(after) == local ? after : before;
+}
+
+// Reads a text from its start.
+class Reader {
+ public:
+  explicit Reader(std::string_view text) : rest_(text) { skipSpace(); }
+
+  std::optional<int> number(size_t mostDigits) {
+    size_t digits = std::min(rest_.find_first_not_of("0123456789"), rest_.size());
+    if (digits == 0 || digits > mostDigits) return std::nullopt;
+    int result = 0;
+    for (size_t i = 0; i < digits; ++i) result = 10 * result + (rest_[i] - '0');
+    rest_.remove_prefix(digits);
+    return result;
+  }
+  bool accept(std::string_view text) {
+    bool found = rest_.substr(0, text.size()) == text;
+    if (found) rest_.remove_prefix(text.size());
+    return found;
+  }
+  std::string_view word() {
+    size_t end = rest_.find_first_not_of("abcdefghijklmnopqrstuvwxyz");
+    std::string_view word = rest_.substr(0, end);
+    rest_.remove_prefix(word.size());
+    return word;
+  }
+  void skipSpace() { rest_.remove_prefix(std::min(rest_.find_first_not_of(kSpace), rest_.size())); }
+  bool atEnd() const { return rest_.empty(); }
+
+ private:
+  std::string_view rest_;
+};
+
+std::optional<seconds> unit_of(std::string_view word) {
+  constexpr std::pair<std::string_view, int64_t> kUnits[] = {
+      {"s", 1},     {"sec", 1},     {"second", 1},   {"seconds", 1},   {"m", 60},        {"min", 60},
+      {"mins", 60}, {"minute", 60}, {"minutes", 60}, {"h", 3600},      {"hour", 3600},   {"hours", 3600},
+      {"d", 86400}, {"day", 86400}, {"days", 86400}, {"w", 7 * 86400}, {"week", 604800}, {"weeks", 604800}};
+  const auto* found =
+      std::find_if(std::begin(kUnits), std::end(kUnits), [&](const auto& unit) { return unit.first == word; });
+  if (found == std::end(kUnits)) return std::nullopt;
+  return seconds(found->second);
+}
+
+// "18:00" or "18:00:30"
+std::optional<seconds> read_clock(Reader& reader) {
+  auto hour = reader.number(2);
+  if (!hour || *hour > 23 || !reader.accept(":")) return std::nullopt;
+  auto minute = reader.number(2);
+  if (!minute || *minute > 59) return std::nullopt;
+  std::optional<int> second = 0;
+  if (reader.accept(":")) second = reader.number(2);
+  if (!second || *second > 59) return std::nullopt;
+  return hours(*hour) + minutes(*minute) + seconds(*second);
+}
+
+// "2026-12-24"
+std::optional<local_days> read_date(Reader& reader) {
+  auto year = reader.number(4);
+  if (!year || !reader.accept("-")) return std::nullopt;
+  auto month = reader.number(2);
+  if (!month || !reader.accept("-")) return std::nullopt;
+  auto day = reader.number(2);
+  if (!day) return std::nullopt;
+  year_month_day date(std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(*month)),
+                      std::chrono::day(static_cast<unsigned>(*day)));
+  if (!date.ok()) return std::nullopt;
+  return local_days(date);
+}
+
+// The day that a text begins with, where it does.
+std::optional<local_days> read_day(Reader& reader, local_days today) {
+  Reader ahead = reader;
+  std::optional<local_days> day;
+  if (ahead.accept("today")) {
+    day = today;
+  } else if (ahead.accept("tomorrow")) {
+    day = today + days(1);
+  } else {
+    day = read_date(ahead);
+  }
+  if (day) reader = ahead;
+  return day;
+}
+
+std::optional<Moment> read_local(std::string_view text, Moment now) {
+  Reader reader(text);
+  const auto today = floor<days>(local_time(now));
+  const auto day = read_day(reader, today);
+  if (day && !reader.accept("T")) reader.skipSpace();
+  std::optional<seconds> clock = seconds(0);
+  if (!day || !reader.atEnd()) clock = read_clock(reader);
+  reader.skipSpace();
+  if (!clock || !reader.atEnd()) return std::nullopt;
+  const Moment moment = moment_of(day.value_or(today) + *clock);
+  return day || moment > now ? moment : moment_of(today + days(1) + *clock);
+}
+
+std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {
+  std::string text = std::to_string(large) + " " + largeUnit;
+  return small == 0 ? text : text + " " + std::to_string(small) + " " + smallUnit;
+}
+
+int64_t rounded_up(seconds duration, int64_t unit) { return (duration.count() + unit - 1) / unit; }
+
+}  // namespace
+
+Moment now_in_seconds() { return floor<seconds>(system_clock::now()); }
+
+std::string time_text(Moment moment) {
+  const year_month_day date(floor<days>(moment));
+  const hh_mm_ss clock(moment - floor<days>(moment));
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                static_cast<int>(clock.seconds().count()));
+  return text;
+}
+
+Moment read_moment(std::string_view text) {
+  const double absolute = std::ceil(parse_time(text).asDate());
+  const Moment moment = kReference + seconds(static_cast<int64_t>(absolute));
+  if (moment < kFirst || moment >= kEnd)
+    throw InputError("not a time: " + in_quotes(text) + ": give one in the years 0 to 9999");
+  return moment;
+}
+
+seconds read_duration(std::string_view text) {
+  constexpr size_t kMostDigits = 9;
+  Reader reader(text);
+  seconds total(0);
+  do {
+    auto count = reader.number(kMostDigits);
+    reader.skipSpace();
+    auto unit = count ? unit_of(reader.word()) : std::nullopt;
+    if (!unit) throw InputError("not a length of time: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
+    total += *count * *unit;
+    if (total > kLongest) throw InputError("too long: " + in_quotes(text) + ": give at most ten years");
+    reader.skipSpace();
+  } while (!reader.atEnd());
+  if (total == seconds(0)) throw InputError("too short: " + in_quotes(text) + ": give at least one second");
+  return total;
+}
+
+Moment read_until(std::string_view text, Moment now) {
+  std::optional<Moment> moment;
+  try {
+    moment = read_moment(text);
+  } catch (const InputError&) {
+    moment = read_local(text, now);
+  }
+  if (!moment)
+    throw InputError("not a time: " + in_quotes(text) +
+                     ": write it as in 18:00, \"tomorrow 9:00\" or \"2026-12-24 18:00\"");
+  if (*moment <= now) throw InputError("the time has passed: " + in_quotes(text) + ": give one to come");
+  if (*moment > now + kLongest) throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
+  return *moment;
+}
+
+std::string local_text(Moment moment, Moment now) {
+  const std::tm fields = local_fields(moment);
+  const days ahead = floor<days>(local_time(moment)) - floor<days>(local_time(now));
+  const bool near = ahead == days(0) || ahead == days(1);
+  char text[64];
+  std::strftime(text, sizeof text, near ? "%H:%M" : "%Y-%m-%d %H:%M", &fields);
+  std::string result = (ahead == days(1) ? "tomorrow " : "") + std::string(text);
+  if (fields.tm_sec == 0) return result;
+  std::strftime(text, sizeof text, ":%S", &fields);
+  return result + text;
+}
+
+std::string duration_text(seconds duration) {
+  constexpr int64_t kMinute = 60, kHour = 3600, kDay = 86400, kHours = 24;
+  if (duration.count() < kMinute) return std::to_string(duration.count()) + " s";
+  if (const int64_t left = rounded_up(duration, kMinute); left < kMinute) return std::to_string(left) + " min";
+  if (const int64_t left = rounded_up(duration, kMinute); left < kDay / kMinute)
+    return two_units(left / kMinute, "h", left % kMinute, "min");
+  const int64_t left = rounded_up(duration, kHour);
+  return two_units(left / kHours, left / kHours == 1 ? "day" : "days", left % kHours, "h");
+}
+
+}  // namespace orvane

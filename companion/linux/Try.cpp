@@ -1,0 +1,154 @@
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/Commands.h"
+#include "companion/Hostname.h"
+#include "companion/Input.h"
+#include "companion/Output.h"
+#include "companion/linux/ExtensionAnswer.h"
+#include "companion/linux/KeeperCommands.h"
+#include "companion/linux/KeeperState.h"
+#include "companion/linux/ListFile.h"
+#include "companion/linux/TimeText.h"
+
+namespace orvane {
+namespace {
+
+enum class Verdict { Blocked, NotBlocked, Unknown };
+
+struct VerdictName {
+  const char* text;
+  int exitCode;
+  Colour colour;
+};
+VerdictName name_of(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::Blocked:
+      return {"blocked", kDone, Colour::Bad};
+    case Verdict::NotBlocked:
+      return {"not blocked", kNotInForce, Colour::Good};
+    case Verdict::Unknown:
+      break;
+  }
+  return {"unknown", kUnknown, Colour::Warning};
+}
+
+// What the list says of a name.
+struct Listing {
+  std::optional<BlockedSite> site;  // that it belongs to
+  std::optional<Moment> until;      // the name is suspended
+  bool isHeld = false;
+};
+
+bool bears(const BlockedSite& site, const std::string& name) {
+  std::vector<std::string> names = names_of(site);
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+// The sites that may bear a name: its own, and the one of which it may be a usual name. One that holds it outweighs one
+// that has it suspended.
+Listing look_up(const BlockList& list, const std::string& name, Moment now) {
+  Listing listing;
+  for (const std::string& host : {name, std::string(site_of(name))}) {
+    const BlockedSite* site = list.find(host);
+    if (site == nullptr || !bears(*site, name) || listing.isHeld) continue;
+    listing.isHeld = !site->isSuspended(now);
+    if (listing.isHeld) listing.until.reset();
+    if (!listing.isHeld) listing.until = std::min(listing.until.value_or(*site->until), *site->until);
+    listing.site = *site;
+  }
+  return listing;
+}
+
+// For a name that is not on the list: the one on it that somebody may have taken it for.
+std::string nearest_miss(const BlockList& list, const std::string& name) {
+  std::string other(site_of(name));
+  if (other != name && list.find(other) != nullptr)
+    return other + " is on the list under that very name only: block it without --no-www to have this one, too";
+  for (size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
+    other = name.substr(dot + 1);
+    if (other.find('.') != std::string::npos && list.find(other) != nullptr)
+      return other.append(" is on the list, and ")
+          .append(name)
+          .append(" is another name: each has to be blocked by itself");
+  }
+  if (list.find("www." + name) != nullptr) return "www." + name + " is on the list, and this is another name";
+  return "";
+}
+
+std::string listing_text(const BlockList& list, const std::string& name, const Listing& listing, Moment now) {
+  if (!listing.site) {
+    std::string miss = nearest_miss(list, name);
+    return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
+  }
+  std::string text =
+      listing.site->host == name ? "it is on the list" : "it is on the list, as a usual name of " + listing.site->host;
+  if (listing.until)
+    text += ", but suspended until " + local_text(*listing.until, now) + " (" + duration_text(*listing.until - now) +
+            " left)";
+  return text;
+}
+
+// What became of the list.
+struct Delivery {
+  enum class State { InForce, Behind, NoExtension, Unknown } state;
+  std::string text;
+};
+
+Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState>& keeper,
+                     const ExtensionAnswer& extension) {
+  using State = Delivery::State;
+  if (extension.isSilent || (keeper && !keeper->connected && !extension.answers))
+    return {State::NoExtension, "nothing is blocked: " + extension.error};
+  if (!keeper)
+    return {State::Unknown, "no keeper runs, so the extension may hold anything: start orvane-keeper.service" +
+                                (extension.answers ? "" : "; " + extension.error)};
+  if (keeper->sentVersion == version) return {State::InForce, "the keeper has sent the list to the extension"};
+  return {State::Behind, "the keeper has not sent this list yet: " +
+                             keeper->listError.value_or(keeper->extensionError.value_or("try again in a moment"))};
+}
+
+Verdict verdict_of(const Listing& listing, Delivery::State delivery) {
+  using State = Delivery::State;
+  if (delivery == State::NoExtension) return Verdict::NotBlocked;
+  if (delivery != State::InForce) return Verdict::Unknown;
+  return listing.isHeld ? Verdict::Blocked : Verdict::NotBlocked;
+}
+
+}  // namespace
+
+int try_host(const CommonOptions& options, const std::string& given) {
+  std::string name, fault;
+  if (!normalize_hostname(given, name, fault)) throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
+
+  const StoredList stored = read_list(options.listPath);
+  const Moment now = now_in_seconds();
+  const Listing listing = look_up(stored.list, name, now);
+  const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
+  const Delivery delivery = delivery_of(stored.version, keeper, ask_extension(options.client));
+  const Verdict verdict = verdict_of(listing, delivery.state);
+
+  std::vector<std::string> reasons{listing_text(stored.list, name, listing, now), delivery.text};
+  if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NoExtension)
+    reasons.push_back("but others have edited what the extension holds, too, and that cannot be asked for");
+
+  const VerdictName shown = name_of(verdict);
+  if (options.json) {
+    print_json({{"host", name},
+                {"verdict", shown.text},
+                {"site", listing.site ? nlohmann::json(listing.site->host) : nlohmann::json()},
+                {"suspendedUntil", listing.until ? nlohmann::json(time_text(*listing.until)) : nlohmann::json()},
+                {"reasons", reasons}});
+  } else {
+    std::printf("%s: %s\n", name.c_str(), coloured(shown.text, shown.colour).c_str());
+    for (const std::string& reason : reasons) std::printf("  %s\n", reason.c_str());
+  }
+  return shown.exitCode;
+}
+
+}  // namespace orvane

@@ -1,0 +1,48 @@
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "companion/Input.h"
+#include "companion/linux/BlockList.h"
+#include "companion/linux/ListImport.h"
+
+using namespace orvane;
+
+namespace {
+
+void require(bool holds) {
+  if (!holds) __builtin_trap();
+}
+
+void check(const BlockList& list) {
+  const std::string text = list.text();
+  const BlockList again = BlockList::parse(text);
+  require(again.text() == text);
+  require(again.sites() == list.sites());
+  for (const BlockedSite& site : list.sites()) {
+    for (const std::string& name : names_of(site)) require(list.find(name) != nullptr);
+  }
+}
+
+}  // namespace
+
+// The list's file as anyone may have written it, and the same bytes as someone's list to import.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(bytes), size);
+  BlockList list = BlockList::parse(text);
+  check(list);
+  const HeldNames held = held_names(list, Moment());
+  require(held.suspended.empty() == !held.nextChange.has_value());
+  try {
+    auto ignore = [](size_t, std::string_view, const std::string&) {};
+    const ImportedSites imported = read_import(text, std::nullopt, ignore, nullptr);
+    const ImportCounts counts = put_imported(list, imported);
+    require(counts.added + counts.changed + counts.there == imported.sites.size());
+    check(list);
+    require(put_imported(list, imported).there == imported.sites.size());
+  } catch (const InputError&) {  // no list at all
+  }
+  for (const BlockedSite& site : list.sites()) require(list.remove(site.host) && !list.remove(site.host));
+  require(BlockList::parse(list.text()).size() == 0);
+  return 0;
+}

@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+
+#include "companion/linux/BrowserPolicy.h"
+#include "companion/linux/BrowserProfiles.h"
+#include "companion/linux/InstalledBrowsers.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+using Outcome = PolicyChange::Outcome;
+
+// A root folder of the test's own, gone with it.
+class Browsers : public ::testing::Test {
+ protected:
+  Browsers() {
+    char path[] = "/tmp/orvane-root-XXXXXX";
+    root = mkdtemp(path);
+  }
+  ~Browsers() override { fs::remove_all(root); }
+
+  std::string write(const std::string& path, const std::string& text) {
+    fs::create_directories(fs::path(root + path).parent_path());
+    std::ofstream(root + path) << text;
+    return root + path;
+  }
+  std::string read(const std::string& path) {
+    std::ifstream file(root + path);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  std::set<fs::path> tree() {
+    std::set<fs::path> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(root + "/etc")) paths.insert(entry.path());
+    return paths;
+  }
+  static Outcome outcomeOf(const std::vector<PolicyChange>& changes, const std::string& browser) {
+    return std::find_if(changes.begin(), changes.end(), [&](auto& c) { return c.place->browser == browser; })->outcome;
+  }
+  static const PolicyPlace& placeOf(const std::string& browser) {
+    auto places = policy_places();
+    return *std::find_if(places.begin(), places.end(), [&](auto& place) { return place.browser == browser; });
+  }
+
+  std::string root;
+};
+
+TEST_F(Browsers, LeavesNothingBehindAndUsersCanReadItUnderAnyUmask) {
+  write("/etc/chromium/master_preferences", "{}");
+  fs::create_directories(root + "/etc/opt");
+  const std::set<fs::path> before = tree();
+  const mode_t mask = umask(077);
+  for (bool withoutDns : {false, true, true}) {
+    for (const PolicyChange& change : install_policies(root, withoutDns)) {
+      EXPECT_NE(change.outcome, Outcome::Failed) << change.reason;
+      const PolicyInForce policy = policy_in_force(*change.place, root);
+      EXPECT_EQ(policy.http3, false) << change.place->browser;
+      EXPECT_EQ(policy.dnsOverHttps, withoutDns ? std::optional<std::string>("off") : std::nullopt);
+    }
+  }
+  umask(mask);
+  EXPECT_EQ(outcomeOf(install_policies(root, true), "Firefox"), Outcome::Nothing);
+  for (const auto& entry : fs::recursive_directory_iterator(root + "/etc/opt/chrome")) {
+    struct stat status;
+    ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, entry.is_directory() ? 0755U : 0644U) << entry.path();
+  }
+  remove_policies(root);
+  EXPECT_EQ(tree(), before);
+}
+
+TEST_F(Browsers, NeverTouchesWhatSomebodyElseWrote) {
+  const std::string theirs = R"({"policies": {"DisableTelemetry": true}})";
+  write("/etc/firefox/policies/policies.json", theirs);
+  write("/etc/brave/policies/managed/orvane-se.json", policy_text(BrowserFamily::Chromium, false) + " ");
+  write("/etc/opt/edge/policies/managed/theirs", "{}");
+  fs::create_directories(root + "/etc/chromium/policies/managed");
+  fs::create_symlink("/nowhere", root + "/etc/chromium/policies/managed/orvane-se.json");
+  write("/etc/opt/chrome", "no folder");
+  const auto installed = install_policies(root, false), removed = remove_policies(root);
+  for (const char* browser : {"Firefox", "Brave", "Chromium"}) {
+    EXPECT_EQ(outcomeOf(installed, browser), Outcome::Foreign) << browser;
+    EXPECT_EQ(outcomeOf(removed, browser), Outcome::Foreign) << browser;
+  }
+  EXPECT_EQ(outcomeOf(installed, "Google Chrome"), Outcome::Failed);
+  EXPECT_EQ(outcomeOf(installed, "Microsoft Edge"), Outcome::Done) << "one failure must not end it";
+  EXPECT_EQ(read("/etc/firefox/policies/policies.json"), theirs);
+  EXPECT_TRUE(fs::is_symlink(root + "/etc/chromium/policies/managed/orvane-se.json"));
+  EXPECT_EQ(read("/etc/opt/edge/policies/managed/theirs"), "{}");
+  EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
+}
+
+// Chromium takes every file of the folder, and the last in the alphabet has the last word. A preference of Firefox's
+// that is not locked is the user's to change.
+TEST_F(Browsers, TellsWhatBrowsersMakeOfOthersPolicies) {
+  install_policies(root, false);
+  write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true, "DnsOverHttpsMode": "secure"})");
+  write("/etc/chromium/policies/managed/aa.json", "{ half");
+  const PolicyInForce chromium = policy_in_force(placeOf("Chromium"), root);
+  EXPECT_EQ(chromium.http3, true);
+  EXPECT_EQ(chromium.http3File, root + "/etc/chromium/policies/managed/zz");
+  EXPECT_EQ(chromium.dnsOverHttps, "secure");
+  EXPECT_EQ(chromium.unreadable.size(), 1U);
+  struct {
+    const char* preference;
+    std::optional<bool> http3;
+  } cases[] = {{R"({"Value": false, "Status": "default"})", {}},
+               {R"({"Value": false, "Status": "locked"})", false},
+               {"false", false},
+               {"7", {}},
+               {"[]", {}}};
+  for (const auto& c : cases) {
+    write(
+        "/etc/firefox/policies/policies.json",
+        R"({"policies": {"DNSOverHTTPS": {"Enabled": true, "Locked": true}, "Preferences": {"network.http.http3.enable": )" +
+            std::string(c.preference) + "}}}");
+    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).http3, c.http3) << c.preference;
+    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).dnsOverHttps, "automatic");
+  }
+}
+
+TEST_F(Browsers, FindsBrowsersByTheNamesThatTheExtensionWillSee) {
+  auto program = [&](const std::string& path, const std::string& text) {
+    fs::permissions(write(path, text), fs::perms::owner_all);
+    return root + path;
+  };
+  auto entry = [&](const std::string& path, const std::string& name, const std::string& rest) {
+    write(path, "[Desktop Entry]\nType=Application\nName=" + name + "\n" + rest + "\n");
+  };
+  const std::string web = "\nCategories=Network;WebBrowser;";
+  const std::string interpreter = program("/bin/python3.11", "");
+  program("/bin/chromium", "#!/bin/sh\n");
+  entry("/apps/chromium.desktop", "Chromium", "Exec=chromium %U" + web);
+  entry("/apps/script.desktop", "Script", "Exec=" + program("/bin/qute", "#!" + interpreter + "\n") + web);
+  entry("/apps/flat.desktop", "Flat", "Exec=flatpak run x\nX-Flatpak=org.mozilla.firefox" + web);
+  entry("/apps/snap.desktop", "Snap", "Exec=env A=b /snap/bin/chromium %U" + web);
+  entry("/apps/gone.desktop", "Gone", "Exec=/nowhere/browser" + web);
+  entry("/apps/editor.desktop", "Editor", "Exec=chromium\nCategories=WebBrowserless;");
+  entry("/own/unpacked.desktop", "Unpacked", "Exec=" + program("/home/firefox-bin", "ELF") + web);
+  ApplicationFolders folders;
+  folders.entries = {root + "/apps"};
+  folders.programs = {root + "/bin"};
+  std::string found;
+  for (const InstalledBrowser& browser : installed_browsers(folders, {root + "/own"})) {
+    found += browser.name + "=" + browser.identifier + (browser.place ? std::string(" ") + browser.place->folder : "") +
+             "\n";
+  }
+  EXPECT_EQ(found,
+            "Chromium=chromium /etc/chromium/policies/managed\n"
+            "Flat=org.mozilla.firefox\n"
+            "Gone=\n"
+            "Script=python3.11\n"
+            "Unpacked=firefox-bin /etc/firefox/policies\n");
+}
+
+TEST_F(Browsers, CountsBrowsersAsTheExtensionDoes) {
+  auto list = [&](const std::string& text) {
+    write("/b/Contents/Resources/Browsers.plist", text);
+    return read_browser_list(root + "/b");
+  };
+  auto array = [](const std::string& elements) {
+    return "<plist version=\"1.0\"><array>" + elements + "</array></plist>";
+  };
+  const BrowserList good = list(array("<string>firefox</string><string/><integer>7</integer>"));
+  EXPECT_EQ(good.fault, "");
+  EXPECT_TRUE(good.counts("org.mozilla.firefox"));
+  EXPECT_FALSE(good.counts("firefox-esr"));
+  for (const std::string& bad : {array("<string>firefox</string>") + std::string(1024, ' '), array("<string/>"),
+                                 std::string("firefox\n"), std::string("<plist><dict/></plist>")}) {
+    EXPECT_NE(list(bad).fault, "") << bad.substr(0, 80);
+  }
+  EXPECT_NE(read_browser_list(root + "/none").fault, "");
+}
+
+TEST(BrowserProfiles, AreReadAsTheBrowsersWriteThem) {
+  auto text = [](const BrowserProfile& profile) {
+    return std::string(!profile.http3 ? "?" : *profile.http3 ? "on" : "off") + " " + profile.dnsOverHttps.value_or("?");
+  };
+  EXPECT_EQ(text(parse_firefox_preferences("// Mozilla\nuser_pref(\"network.trr.mode\", 3);\n"
+                                           "user_pref(\"network.http.http3.enable\", false);\n")),
+            "off secure");
+  EXPECT_EQ(text(parse_firefox_preferences("user_pref(\"network.trr.mode\", 0);\nuser_pref(\"doh-rollout.mode\", 2);")),
+            "? automatic");
+  EXPECT_EQ(text(parse_firefox_preferences("//user_pref(\"network.trr.mode\", 5);\nuser_pref(\"network.trr.mode\"")),
+            "? ?");
+  EXPECT_EQ(text(parse_chromium_state(R"({"dns_over_https": {"mode": "off"},
+                                          "browser": {"enabled_labs_experiments": [1, "enable-quic@2"]}})")),
+            "off off");
+  for (const char* junk :
+       {"", "[]", "{\"dns_over_https\": 7}", "{\"dns_over_https\": {\"mode\": 1}, \"browser\": []}"}) {
+    EXPECT_EQ(text(parse_chromium_state(junk)), "? ?") << junk;
+  }
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "companion/Input.h"
+#include "companion/linux/TimeText.h"
+
+namespace orvane {
+namespace {
+
+// In Berlin the clocks went from 2:00 to 3:00 on 2026-03-29, and from 3:00 back to 2:00 on 2026-10-25.
+TEST(ListCommands, UnderstandTimesAsPeopleTypeThem) {
+  setenv("TZ", "Europe/Berlin", 1);
+  const char* const kCases[][3] = {
+      {"2026-03-28T12:00:00Z", "18:00", "2026-03-28T17:00:00Z"},
+      {"2026-03-28T12:00:00Z", "13:00", "2026-03-29T11:00:00Z"},
+      {"2026-03-28T12:00:00Z", "tomorrow 2:30", "2026-03-29T01:30:00Z"},
+      {"2026-10-24T12:00:00Z", "tomorrow 2:30:15", "2026-10-25T00:30:15Z"},
+      {"2026-10-24T12:00:00Z", " tomorrow ", "2026-10-24T22:00:00Z"},
+      {"2026-03-28T12:00:00Z", "today 18:00", "2026-03-28T17:00:00Z"},
+      {"2026-03-28T12:00:00Z", "2026-12-24 18:00", "2026-12-24T17:00:00Z"},
+      {"2026-03-28T12:00:00Z", "2026-12-24T18:00", "2026-12-24T17:00:00Z"},
+      {"2026-03-28T12:00:00Z", "2026-12-24", "2026-12-23T23:00:00Z"},
+      {"2026-03-28T12:00:00Z", "2026-12-24 18:00:00.5+01:00", "2026-12-24T17:00:01Z"},
+  };
+  for (const auto& [now, text, moment] : kCases)
+    EXPECT_EQ(time_text(read_until(text, read_moment(now))), moment) << now << " " << text;
+  const Moment now = read_moment("2026-03-28T12:00:00Z");
+  for (const char* text :
+       {"", "18", "24:00", "6:60", "today 9:00", "2026-02-30", "2026-03-28 13:00", "2037-01-01", "18:00x", "never"})
+    EXPECT_THROW(read_until(text, now), InputError) << text;
+  EXPECT_EQ(local_text(read_moment("2026-03-29T01:30:00Z"), now), "tomorrow 03:30");
+
+  const std::pair<const char*, int64_t> kDurations[] = {
+      {"90s", 90}, {"30m", 1800}, {"1h30m", 5400}, {" 1 h 30 min ", 5400}, {"2d", 172800}, {"1w", 604800}};
+  for (const auto& [text, seconds] : kDurations) EXPECT_EQ(read_duration(text).count(), seconds) << text;
+  for (const char* text : {"", "30", "0m", "-5m", "1.5h", "3m x", "99999999999s", "999999999w", "3653d"})
+    EXPECT_THROW(read_duration(text), InputError) << text;
+}
+
+TEST(ListCommands, DoWhatTheySayOrNothing) {
+  std::string folder = testing::TempDir() + "/commands.XXXXXX";
+  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  struct Case {
+    const char* command;
+    int code;
+    const char* output;
+  };
+  const Case kCases[] = {
+      {"block www.Example.com m.example.com", 0, "example.com, with www.example.com and m.example.com\n"},
+      {"block other.example a..b 2>&1 | tail -n 1", 0,
+       "orvanectl: nothing done: 1 of 2 names refused: correct them and run the command again\n"},
+      {"block --no-www www.example.com", 0, "www.example.com\n"},
+      {"block example.com", 0, "example.com, with www.example.com and m.example.com: was there already\n"},
+      {"suspend m.example.com --for 1d >'%'.out && cut -d ' ' -f 1-8 '%'.out", 0,
+       "example.com, with www.example.com and m.example.com: not blocked until\n"},
+      {"list | sed 's/=.*/=/'", 0, "example.com until=\nwww.example.com only\n"},
+      {"suspend example.com --for 1h --until 18:00", 2, ""},
+      {"suspend example.com", 2, ""},
+      {"--json suspend example.com --until 2020-01-01", 2, ""},
+      {"resume example.com none.example", 2, ""},
+      {"list --json | grep -c until", 0, "1\n"},
+      {"resume example.com", 0, "example.com, with www.example.com and m.example.com: blocked again\n"},
+      {"export | '" ORVANECTL "' --list '%.2' import - | tail -n 1", 0,
+       "0 given more than once, 0 passed over (localhost and the like), 0 rejected\n"},
+      {"import --replace - </dev/null", 2, ""},
+      {"export | cmp - '%.2'", 0, ""},
+      {"unblock www.example.com", 0,
+       "www.example.com: taken off the list; still blocked by another line: www.example.com\n"},
+      {"unblock www.example.com", 0, "example.com, with www.example.com and m.example.com: taken off the list\n"},
+      {"unblock example.com", 2, ""},
+      {"export --json", 0, "[]\n"},
+      {"import '%.none'", 1, ""},
+  };
+  for (const Case& each : kCases) {
+    std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;
+    for (size_t at; (at = command.find('%')) != std::string::npos;) command.replace(at, 1, folder + "/list");
+    std::array<char, 4096> output{};
+    FILE* pipe = popen((command + (each.code == 0 ? "" : " 2>/dev/null")).c_str(), "r");
+    output[fread(output.data(), 1, output.size() - 1, pipe)] = 0;
+    int status = pclose(pipe);
+    EXPECT_EQ(WEXITSTATUS(status), each.code) << each.command;
+    EXPECT_STREQ(output.data(), each.output) << each.command;
+  }
+  std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,199 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+
+#include "companion/Input.h"
+#include "companion/linux/ListFile.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ListFile : public testing::Test {
+ protected:
+  ListFile() {
+    std::string folder = testing::TempDir() + "/list.XXXXXX";
+    folder_ = mkdtemp(folder.data());
+    path_ = folder_ + "/list";
+  }
+  ~ListFile() override { fs::remove_all(folder_); }
+
+  void write(const std::string& text) const { std::ofstream(path_) << text; }
+  std::string text() const {
+    std::ostringstream content;
+    content << std::ifstream(path_).rdbuf();
+    return content.str();
+  }
+  size_t files() const {
+    return static_cast<size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()));
+  }
+  ListVersion put(const std::string& host) const {
+    return edit_list(path_, [&](BlockList& list) { return list.put({host, true, {}}); });
+  }
+
+  std::string folder_, path_;
+};
+
+// Runs `act` in a process of its own, which ends with what that returns.
+pid_t fork_to(const std::function<int()>& act) {
+  pid_t child = fork();
+  if (child != 0) return child;
+  try {
+    _exit(act());
+  } catch (...) {
+    _exit(EXIT_FAILURE);
+  }
+}
+
+int end_of(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs `act`, traced, and kills it at the n-th stop, of which each system call has two. Adds the calls' numbers to
+// `calls`. True when it was killed; false when it ended before.
+bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64_t>& calls) {
+  pid_t child = fork_to([&] {
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) return 77;
+    raise(SIGSTOP);
+    act();
+    return 0;
+  });
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (!WIFSTOPPED(status)) throw std::runtime_error("tracing is not allowed here");
+  ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+  for (size_t stop = 0; stop < n; ++stop) {
+    ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    waitpid(child, &status, 0);
+    if (!WIFSTOPPED(status)) return false;
+    __ptrace_syscall_info info{};
+    ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
+    if (info.op == PTRACE_SYSCALL_INFO_ENTRY) calls.push_back(info.entry.nr);
+  }
+  kill(child, SIGKILL);
+  waitpid(child, &status, 0);
+  return true;
+}
+
+TEST_F(ListFile, IsTheOldOneOrTheNewOneWhereverAWriteIsKilled) {
+  const std::string old = "# mine\nold.example\n", changed = old + "new.example\n";
+  size_t outcomes[2] = {0, 0};
+  std::vector<uint64_t> calls;
+  bool killed = true;
+  for (size_t n = 1; killed; ++n) {
+    write(old);
+    calls.clear();
+    try {
+      killed = kill_at_stop(
+          n, [&] { put("new.example"); }, calls);
+    } catch (const std::runtime_error& error) {
+      GTEST_SKIP() << error.what();
+    }
+    ASSERT_TRUE(text() == old || text() == changed) << "killed at stop " << n << ": " << text();
+    ++outcomes[text() == changed ? 1 : 0];
+    put("next.example");
+    EXPECT_NE(BlockList::parse(text()).find("next.example"), nullptr);
+    EXPECT_EQ(files(), 1U) << "left behind by what was killed at stop " << n;
+  }
+  EXPECT_GT(outcomes[0], 10U);
+  EXPECT_GT(outcomes[1], 1U);
+  std::vector<uint64_t> order;
+  for (uint64_t call : calls) {
+    if (call == SYS_fsync || call == SYS_renameat) order.push_back(call);
+  }
+  EXPECT_EQ(order, (std::vector<uint64_t>{SYS_fsync, SYS_renameat, SYS_fsync})) << "the new file, then the folder";
+}
+
+TEST_F(ListFile, LosesNothingOfSeveralWriters) {
+  constexpr int kWriters = 4, kEdits = 25;
+  std::vector<pid_t> writers;
+  for (int writer = 0; writer < kWriters; ++writer) {
+    writers.push_back(fork_to([&] {
+      for (int i = 0; i < kEdits; ++i) put("h" + std::to_string(writer) + "-" + std::to_string(i) + ".example");
+      return 0;
+    }));
+  }
+  for (pid_t writer : writers) EXPECT_EQ(end_of(writer), 0);
+  EXPECT_EQ(read_list(path_).list.size(), size_t{kWriters} * kEdits);
+}
+
+TEST_F(ListFile, KeepsWhatIsSavedByHandMeanwhile) {
+  write("old.example\n");
+  int calls = 0;
+  edit_list(path_, [&](BlockList& list) {
+    if (++calls == 1) write("by.hand.example\n");
+    return list.put({"new.example", true, {}});
+  });
+  EXPECT_EQ(text(), "by.hand.example\nnew.example\n");
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(ListFile, IsLeftAloneOnAFullDisk) {
+  constexpr int kSkipped = 77;
+  int end = end_of(fork_to([&] {
+    const std::string user = "0 " + std::to_string(getuid()) + " 1", group = "0 " + std::to_string(getgid()) + " 1";
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return kSkipped;
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << user;
+    std::ofstream("/proc/self/gid_map") << group;
+    if (mount("list", folder_.c_str(), "tmpfs", 0, "size=64k") != 0) return kSkipped;
+    put("old.example");
+    const std::string before = text();
+    try {
+      edit_list(path_, [](BlockList& list) {
+        for (int i = 0; i < 10000; ++i) list.put({"h" + std::to_string(i) + ".example", true, {}});
+        return true;
+      });
+      return 1;
+    } catch (const FileError& error) {
+      if (std::string(error.what()).find("make room") == std::string::npos) return 2;
+    }
+    return text() == before && files() == 1 ? 0 : 3;
+  }));
+  if (end == kSkipped) GTEST_SKIP() << "needs a user namespace that may mount";
+  EXPECT_EQ(end, 0);
+}
+
+TEST_F(ListFile, RefusesWhatIsNoListAndKeepsItsMode) {
+  EXPECT_EQ(read_list(path_).version, "");
+  const ListVersion first = put("a.example");
+  struct stat status {};
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
+  chmod(path_.c_str(), 0640);
+  const ListVersion second = put("b.example");
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640U);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(read_list(path_).version, second);
+  EXPECT_EQ(put("b.example"), second) << "written though nothing was new";
+
+  // Who may write to the folder must not have root read for them.
+  fs::rename(path_, folder_ + "/secret");
+  fs::create_symlink("secret", path_);
+  EXPECT_THROW(put("c.example"), FileError);
+  EXPECT_THROW(read_list(path_), FileError);
+  fs::remove(path_);
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  EXPECT_THROW(read_list(path_), FileError) << "and is not waited for";
+  EXPECT_THROW(read_list(folder_ + "/none/list"), FileError);
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,65 @@
+#include <gtest/gtest.h>
+
+#include "companion/Input.h"
+#include "companion/linux/BlockListLine.h"
+#include "companion/linux/ListImport.h"
+
+namespace orvane {
+namespace {
+
+// The sites as lines, then the numbers of the rejected lines.
+std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
+  std::string result, rejected;
+  auto reject = [&](size_t line, std::string_view, const std::string& fault) {
+    rejected += " !" + std::to_string(line);
+    EXPECT_NE(fault.find(": "), std::string::npos) << fault;
+  };
+  for (const BlockedSite& site : read_import(text, usualNames, reject, nullptr).sites) result += line_of(site) + ";";
+  return result + rejected;
+}
+
+TEST(ListImport, TakesFromEachLineWhatItMeansAndNothingElse) {
+  using namespace std::string_view_literals;
+  const std::pair<std::string_view, std::string_view> kCases[] = {
+      {"\xef\xbb\xbfwww.a.example\r\n# no\n\n  b.example\t# yes\r\n", "a.example;b.example;"},
+      {"0.0.0.0 www.a.example\tb.example#c.example\n::1 \t d.example",
+       "www.a.example only;b.example only;d.example only;"},
+      {"127.0.0.1 localhost\n::1 ip6-localhost\n255.255.255.255 broadcasthost\nfe80::1%lo0 localhost\n0.0.0.0 0.0.0.0",
+       ""},
+      {"192.0.2.7 nas.example\n127.0.1.1 me.example\n0.0.0.0 ok.example b*d", "ok.example only; !1 !2 !3"},
+      {"[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||c.example|\n##.x\n#@#.x",
+       "a.example;b.example;c.example; !6 !7"},
+      {"||a.example^$third-party\n@@||b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
+       " !1 !2 !3 !4 !5 !6 !7"},
+      {"##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
+      {"a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
+       "a.example;b.example until=2030-01-01T00:00:00Z;"},
+      {"b\xc3\xbc"
+       "cher.example\nb\xfc"
+       "cher.example\n\0\n\x01\x02\na b.example\nhttp://c.example/"sv,
+       "xn--bcher-kva.example; !2 !3 !4 !5 !6"},
+  };
+  for (const auto& [text, result] : kCases) EXPECT_EQ(imported(text), result) << text;
+  EXPECT_EQ(imported("0.0.0.0 www.a.example\na.example", true), "a.example;");
+  EXPECT_EQ(imported("www.a.example\n||b.example^", false), "www.a.example only;b.example only;");
+  EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
+  for (std::string_view text : {"\x1f\x8b\x08"sv,
+                                "\xff\xfe"
+                                "a\0"sv,
+                                "a\0.\0"sv, "BZh91AY&SY"sv})
+    EXPECT_THROW(imported(text), InputError) << text;
+}
+
+TEST(ListImport, LeavesASuspendedSiteSuspended) {
+  BlockList list = BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\n");
+  auto ignore = [](size_t, std::string_view, const std::string&) {};
+  ImportCounts counts = put_imported(
+      list, read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example\n", std::nullopt, ignore, nullptr));
+  EXPECT_EQ(list.text(), "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example\nwww.c.example only\n");
+  EXPECT_EQ(counts.there, 2U);
+  EXPECT_EQ(counts.changed, 1U);
+  EXPECT_EQ(counts.added, 1U);
+}
+
+}  // namespace
+}  // namespace orvane

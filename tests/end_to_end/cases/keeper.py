@@ -1,0 +1,151 @@
+"""The keeper of the list: what it sends, and when, whatever befalls the extension, the list's file, or itself."""
+
+import datetime
+import json
+import pathlib
+import shutil
+import signal
+import subprocess
+import time
+
+from harness import ALLOW, DROP, HELD, NEWS, PYTHON, Extension, World, ask, check, wait_until
+
+
+class _Keeper:
+    """One at work for an extension; use it in a with statement. The list is a file in a folder of its own."""
+
+    def __init__(self, extension: Extension, directory: pathlib.Path):
+        self._extension = extension
+        self.list = directory / "lists" / "list"
+        self.list.parent.mkdir()
+        self._state = directory / "state"
+
+    def _arguments(self, *arguments: str) -> list[str]:
+        return ["--list", str(self.list), "--state", str(self._state), *arguments]
+
+    def control(self, *arguments: str) -> subprocess.CompletedProcess:
+        """Runs orvanectl."""
+        return self._extension.control(*self._arguments(*arguments))
+
+    def __enter__(self):
+        self.process = subprocess.Popen(self._extension.control_command(*self._arguments("keep")))
+        return self
+
+    def __exit__(self, *_):
+        self.end(signal.SIGTERM)
+
+    def end(self, number: signal.Signals) -> None:
+        if self.process.poll() is None:
+            self.process.send_signal(number)
+            code = self.process.wait(1)
+            check(code, -number if number == signal.SIGKILL else 0, "the keeper's exit code, within a second")
+
+    def status(self, in_force: bool) -> dict:
+        result = self.control("--json", "status")
+        check(result.returncode, 0 if in_force else 3, f"the exit code of status, {result.stdout} {result.stderr}")
+        return json.loads(result.stdout)
+
+    def edits_of_others(self) -> int:
+        return self.status(in_force=True)["keeper"]["extension"]["changesOfOthers"]
+
+    def verdict(self, name: str) -> tuple[str, int]:
+        """What try says, which is to be what befalls a browser."""
+        result = self.control("--json", "try", name)
+        return json.loads(result.stdout)["verdict"], result.returncode
+
+
+def _becomes(verdict: str, what: str, name: str = HELD, seconds: float = 1) -> None:
+    wait_until(lambda: ask(name) == verdict, what, seconds)
+
+
+def KeeperSendsTheListAgainWithinASecondOfARestart(world: World):
+    extension = world.extension(PYTHON)
+    with _Keeper(extension, world.directory) as keeper:
+        keeper.list.write_text(f"{HELD}\n")
+        for end in (signal.SIGTERM, signal.SIGKILL):
+            time.sleep(1)  # the pauses between tries have grown
+            check(keeper.verdict(HELD), ("not blocked", 3), "what try says without an extension")
+            extension.start()
+            _becomes(DROP, "in force after a start")
+            wait_until(lambda: keeper.verdict(HELD) == ("blocked", 0), "try says so", 1)
+            check(keeper.edits_of_others(), 0, "edits by others")
+            extension.process.send_signal(end)
+            extension.process.wait()
+        with extension:
+            _becomes(DROP, "in force after another start")
+            check(keeper.control("keep").returncode, 1, "the exit code of a second keeper")
+            # What is done beside the keeper stays.
+            extension.control("add", NEWS).check_returncode()
+            keeper.list.write_text(f"{HELD}\nmore.example\n")
+            wait_until(lambda: keeper.verdict("more.example") == ("blocked", 0), "another name is in force", 1)
+            check(keeper.edits_of_others(), 1, "edits by others")
+            check(ask(NEWS), DROP, "a name that the list does not have")
+
+
+def KeeperFollowsTheFileHoweverItIsWritten(world: World):
+    with world.extension(PYTHON) as extension, _Keeper(extension, world.directory) as keeper:
+        folder, listed, beside = keeper.list.parent, f"# mine\n{HELD}\n", keeper.list.with_name("list~")
+
+        def replace_folder():
+            shutil.move(folder, folder.with_name("old"))
+            folder.mkdir()
+            keeper.list.write_text(listed)
+
+        def rename_away():  # as editors do; meanwhile there is no list
+            keeper.list.rename(beside)
+            time.sleep(0.3)
+            check(ask(HELD), DROP, "while the file is away")
+            keeper.list.write_text("")
+            time.sleep(0.3)
+            check(ask(HELD), DROP, "while the file is empty")
+            keeper.list.write_text(listed + f"{NEWS}\n")
+
+        for write in (
+            lambda: keeper.list.write_text(listed),
+            lambda: (beside.write_text(listed), beside.rename(keeper.list)),
+            replace_folder,
+        ):
+            write()
+            _becomes(DROP, "in force once written")
+            keeper.list.unlink()
+            _becomes(ALLOW, "nothing is held without a file", seconds=2)
+        keeper.list.write_text(f"{listed}no host\n")
+        _becomes(DROP, "in force beside a bad line")
+        check(keeper.status(in_force=True)["keeper"]["list"]["badLines"], 1, "bad lines")
+        rename_away()
+        _becomes(DROP, "what the editor wrote is in force", NEWS)
+
+
+def KeeperEndsASuspensionOnItsDate(world: World):
+    with world.extension(PYTHON) as extension:
+        keeper = _Keeper(extension, world.directory)
+        date = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(seconds=4)
+        with keeper:
+            keeper.list.write_text(f"{HELD}\n")
+            _becomes(DROP, "in force")
+            keeper.list.write_text(f"{HELD} until={date:%Y-%m-%dT%H:%M:%SZ}\n")
+            _becomes(ALLOW, "suspended")
+            wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try says so", 1)
+            keeper.end(signal.SIGKILL)
+        with keeper:
+            wait_until(lambda: keeper.control("status").returncode == 0, "in force again", 1)
+            suspended = keeper.status(in_force=True)["keeper"]["list"]["suspended"]
+            check([entry["name"] for entry in suspended], sorted([HELD, f"m.{HELD}", f"www.{HELD}"]), "suspended names")
+            check(ask(HELD), ALLOW, "suspended, after the keeper was killed")
+            _becomes(DROP, "blocked again", seconds=5)
+            late = time.time() - date.timestamp()
+            check(0 <= late < 0.5, True, f"within half a second of the date: {late:.2f} s after it")
+
+
+def KeeperEndsAtOnceWhileTheExtensionHangs(world: World):
+    with world.filtering(PYTHON) as extension, _Keeper(extension, world.directory) as keeper:
+        keeper.list.write_text(f"{HELD}\n")
+        wait_until(lambda: keeper.verdict(HELD)[0] == "blocked", "in force", 1)
+        extension.process.send_signal(signal.SIGSTOP)
+        try:
+            keeper.list.write_text(f"{HELD}\n{NEWS}\n")
+            time.sleep(0.5)  # the keeper waits for an answer
+            keeper.status(in_force=False)
+            keeper.end(signal.SIGTERM)
+        finally:
+            extension.process.send_signal(signal.SIGCONT)
