@@ -2,7 +2,7 @@
 PRESET ?= release
 BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 
-.PHONY: all configure test demo bench bench-net fuzz clean
+.PHONY: all configure test demo bench bench-net fuzz deb clean
 all: configure
 	cmake --build $(BUILD)
 
@@ -24,6 +24,9 @@ bench-net: all
 
 fuzz:
 	$(MAKE) PRESET=fuzz all
+
+deb: all
+	packaging/make-deb $(BUILD)
 
 clean:
 	rm -rf build build-*

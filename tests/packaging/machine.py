@@ -1,0 +1,170 @@
+"""A Debian system of its own, made for one run and gone after it: booted in a container without a network."""
+
+import contextlib
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+CODENAME = next(
+    line.partition("=")[2].strip()
+    for line in pathlib.Path("/etc/os-release").read_text().splitlines()
+    if line.startswith("VERSION_CODENAME=")
+)
+
+
+class Skip(Exception):
+    """This machine lacks what the test needs."""
+
+
+class Failed(Exception):
+    """What should be so is not."""
+
+
+def _sources() -> list[str]:
+    """Where this machine has its own packages from."""
+    folder = pathlib.Path("/etc/apt")
+    files = [folder / "sources.list", *sorted(folder.glob("sources.list.d/*.list"))]
+    files += sorted(folder.glob("sources.list.d/*.sources"))
+    return [str(file) for file in files if file.exists() and file.read_text().strip()]
+
+
+def with_mounts_of_its_own(script: str, arguments: list[str]) -> None:
+    """Runs the script anew, in this process: what it mounts is gone when the process is, however it ends."""
+    os.execvp("unshare", ["unshare", "--mount", "--propagation=private", sys.executable, script, *arguments])
+
+
+def require(*programs: str) -> None:
+    if os.geteuid() != 0:
+        raise Skip("only root can boot a system")
+    missing = [program for program in programs if shutil.which(program) is None]
+    if missing:
+        raise Skip(f"not installed: {' '.join(missing)}")
+
+
+class Machine:
+    """Use it in a with statement. Host names lead to the machine itself.
+
+    /outside in it is the machine that the test runs on, as far as that one's programs need: with `work`, a folder.
+    """
+
+    def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):
+        self._packages, self._hosts = packages, hosts
+        self._folder = pathlib.Path(tempfile.mkdtemp(prefix="life.", dir=folder))
+        self.root, self.work = self._folder / "root", self._folder / "work"
+        self._container: subprocess.Popen | None = None
+
+    def __enter__(self):
+        try:
+            self._make_root()
+            self.boot()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            # A second one must not leave half of it. By a function: what is ignored would be by the programs, too.
+            signal.signal(number, lambda *_: None)
+        self._end(signal.SIGKILL)
+        if os.path.ismount(self._folder):
+            subprocess.run(["umount", "--lazy", self._folder], check=True)
+        os.rmdir(self._folder)
+
+    def _make_root(self) -> None:
+        # In memory: a third of the time goes into files otherwise. About 300 MB.
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g,mode=0755", "tmpfs", self._folder], check=True)
+        self.work.mkdir()
+        command = ["mmdebstrap", "--quiet", "--variant=apt", f"--include={','.join(self._packages)}", CODENAME]
+        made = subprocess.run([*command, str(self.root), *_sources()], capture_output=True, text=True)
+        if made.returncode != 0:
+            if "Unable to locate package" in made.stderr or "unmet dependencies" in made.stderr:
+                raise Failed(f"what the package depends on is not to be had\n{made.stderr}")
+            raise Skip(f"no system can be made here: {(made.stderr.strip().splitlines() or ['?'])[-1]}")
+        (self.root / "etc/hosts").write_text(f"127.0.0.1 localhost {' '.join(self._hosts)}\n")
+        outside = self.root / "outside"
+        for name in ("dev", "proc", "tmp"):
+            (outside / name).mkdir(parents=True)
+        (outside / "tmp").chmod(0o1777)
+        for name in ("bin", "lib", "lib64", "sbin"):
+            (outside / name).symlink_to(f"usr/{name}")
+
+    def boot(self) -> None:
+        command = ["systemd-nspawn", "--quiet", "--boot", f"--directory={self.root}", "--register=no", "--keep-unit"]
+        command += ["--private-network", "--console=pipe", "--capability=CAP_BPF", "--system-call-filter=bpf"]
+        command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
+        command += [f"--bind={self.work}:/outside{self.work}"]
+        with open(self._folder / "console", "ab") as console:
+            # It ends with this process, whatever ends that; and a Ctrl-C is for us alone.
+            self._container = subprocess.Popen(
+                ["setpriv", "--pdeathsig=KILL", *command],
+                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=True,
+            )  # fmt: skip
+        end = time.monotonic() + 60
+        while self._state() not in ("running", "degraded"):
+            if self._container.poll() is not None or time.monotonic() > end:
+                text = (self._folder / "console").read_text(errors="replace").strip()
+                raise Skip(f"no system boots here: {(text.splitlines() or ['?'])[-1]}")
+            time.sleep(0.1)
+        for path in ("/proc", "/dev", "/etc/hosts"):
+            self.run("mount", "--rbind", path, f"/outside{path}")
+
+    def _leader(self) -> int | None:
+        """The first process inside, as seen from outside."""
+        task = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
+        children = task.read_text().split()
+        return int(children[0]) if children else None
+
+    def _state(self) -> str:
+        with contextlib.suppress(Exception):
+            if self._leader() is not None:
+                return self.run("systemctl", "is-system-running", check=False).stdout.strip()
+        return ""
+
+    def _end(self, number: int) -> None:
+        """Ends it from within, else by the signal."""
+        if self._container is None:
+            return
+        if self._leader() is not None:
+            self.run("systemctl", "poweroff", check=False)
+        try:
+            self._container.wait(20)
+        except subprocess.TimeoutExpired:
+            os.kill(self._leader() or self._container.pid, number)
+            self._container.wait(20)
+        self._container = None
+
+    def restart(self) -> None:
+        self._end(signal.SIGKILL)
+        self.boot()
+
+    def inside(self, *namespaces: str) -> list[str]:
+        """The start of a command line that is carried out inside: in all its namespaces, or in some."""
+        return ["nsenter", f"--target={self._leader()}", *(namespaces or ["--all"]), "--"]
+
+    def run(self, *command: str, user: str | None = None, check: bool = True) -> subprocess.CompletedProcess:
+        as_user = ["runuser", "-u", user, "--"] if user else []
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
+        done = subprocess.run(
+            [*self.inside(), *as_user, *command],
+            env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=120,
+        )  # fmt: skip
+        if check and done.returncode != 0:
+            raise Failed(f"{' '.join(command)}: {done.returncode}\n{done.stdout}{done.stderr}")
+        return done
+
+    def outside_program(self, name: str, user: int = 0) -> pathlib.Path | None:
+        """A file that runs, inside, a program that the machine outside has. Its executable is below /outside there."""
+        path = shutil.which(name, path="/usr/bin")
+        if path is None:
+            return None
+        script = self.work / name
+        chroot = f"/usr/sbin/chroot --userspec={user}:{user} /outside {path}"
+        script.write_text(f'#!/bin/sh\nexec {" ".join(self.inside())} {chroot} "$@"\n')
+        script.chmod(0o755)
+        return script
