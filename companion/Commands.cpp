@@ -197,12 +197,15 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
   declare("stop", "Send the stop command", stop);
 
   const char* hosts = "Host names, in any spelling that a browser takes";
-  declare("add", "Block hosts", add)->add_option("HOST", arguments.hosts, hosts)->required()->type_name("");
-  declare("remove", "Stop blocking hosts", remove)
+  declare("add", "Block hosts until the extension ends", add)
       ->add_option("HOST", arguments.hosts, hosts)
       ->required()
       ->type_name("");
-  declare("set", "Block the hosts of a list, and no others", set)
+  declare("remove", "Stop blocking hosts until the extension ends", remove)
+      ->add_option("HOST", arguments.hosts, hosts)
+      ->required()
+      ->type_name("");
+  declare("set", "Block the hosts of a file and no others, until the extension ends", set)
       ->add_option("FILE", arguments.file, "One host name a line, \"#\" for comments; \"-\" for standard input")
       ->required()
       ->type_name("");
@@ -248,7 +251,7 @@ int run(int argc, const char* const* argv) {
       ->type_name("NAME")
       ->capture_default_str();
   app.add_flag("--json", arguments.json, "Print results as JSON");
-  app.footer("Exit codes: 0 done, 1 could not, 2 refused as given (nothing was sent).");
+  app.footer("Exit codes: 0 done, 1 could not, 2 refused as given (nothing was done).");
   app.require_subcommand(1);
   CommandSet commands{app, arguments, command};
   declare_system_commands(commands, arguments);

@@ -8,8 +8,8 @@ namespace orvane {
 // One line on standard error, "orvanectl: TEXT". The text says what failed, on what, and what to do.
 void print_error(const std::string& text);
 
-// One JSON text on standard output: indented for a person at a terminal, on one line for a program. What is not UTF-8 in
-// a string is replaced.
+// One JSON text on standard output: indented for a person at a terminal, on one line for a program. What is not UTF-8
+// in a string is replaced.
 void print_json(const nlohmann::json& value);
 
 enum class Colour { Good, Warning, Bad, Faint };

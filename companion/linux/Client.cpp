@@ -238,7 +238,8 @@ std::vector<std::string> paths_to_try(const ClientOptions& options) {
   return paths;
 }
 
-std::string advice(int error) {
+// `path`: of the socket.
+std::string advice(int error, const std::string& path) {
   switch (error) {
     case ENOENT:
       return "start the extension, or name another socket";
@@ -247,6 +248,9 @@ std::string advice(int error) {
     case ENAMETOOLONG:
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
+      // The folder that the package's service manager makes.
+      if (path.rfind("/run/orvane-se/", 0) == 0)
+        return "join the group orvane (adduser USER orvane, as root), then log in anew";
       return "it belongs to another user: run as that user or as root";
     default:
       return "name another socket";
@@ -274,7 +278,7 @@ Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* 
       return connection;
     }
     tried += (tried.empty() ? "" : ", ") + path;
-    if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error);
+    if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error, path);
   }
   if (!failure.empty()) throw ClientError("cannot reach the extension at " + failure);
   throw ClientError("cannot reach the extension: there is no socket at " + tried +

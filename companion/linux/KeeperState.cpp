@@ -20,12 +20,14 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Whatever the umask is: anybody may ask.
-constexpr mode_t kReadableByAll = 0644;
+// Whatever the umask is. What is suspended tells of the list, and that is the group's.
+constexpr mode_t kReadableByGroup = 0640;
 
 FileError file_error(const char* what, const std::string& path, int error) {
-  return FileError(std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) +
-                   ": check the folder and its rights, or name another file with --state");
+  const bool isMachines = path == kKeeperStatePath && (error == EACCES || error == EPERM);
+  return FileError(std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) + ": " +
+                   (isMachines ? "join the group orvane (adduser USER orvane, as root), then log in anew"
+                               : "check the folder and its rights, or name another file with --state"));
 }
 
 std::string lock_path(const std::string& path) { return path + ".lock"; }
@@ -132,8 +134,8 @@ Json to_json(const KeeperState& state) {
 
 Descriptor lock_keeper_state(const std::string& path) {
   const std::string lockPath = lock_path(path);
-  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kReadableByAll));
-  if (!file || fchmod(file.get(), kReadableByAll) != 0) throw file_error("keep the state", lockPath, errno);
+  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kReadableByGroup));
+  if (!file || fchmod(file.get(), kReadableByGroup) != 0) throw file_error("keep the state", lockPath, errno);
   struct flock lock = whole_file(F_WRLCK);
   if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) return file;
   if (errno != EAGAIN && errno != EACCES) throw file_error("lock", lockPath, errno);
@@ -144,8 +146,8 @@ void write_keeper_state(const std::string& path, const KeeperState& state) {
   const std::string text = to_json(state).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
   const std::string fresh = path + ".new";
   unlink(fresh.c_str());  // of a keeper that was killed; the lock is ours
-  Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kReadableByAll));
-  bool written = file && fchmod(file.get(), kReadableByAll) == 0 &&
+  Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kReadableByGroup));
+  bool written = file && fchmod(file.get(), kReadableByGroup) == 0 &&
                  write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
   if (written && rename(fresh.c_str(), path.c_str()) == 0) return;
   int error = errno;

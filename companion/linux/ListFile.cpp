@@ -17,27 +17,13 @@
 #include <utility>
 
 #include "companion/Input.h"
+#include "platform/linux/Descriptor.h"
 
 namespace orvane {
 namespace {
 
 constexpr mode_t kModeOfNew = 0660;
 constexpr mode_t kPermissions = 07777;
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-  Descriptor& operator=(Descriptor&&) = delete;
-  ~Descriptor() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
-  int get() const { return descriptor_; }
-  explicit operator bool() const { return descriptor_ >= 0; }
-
- private:
-  int descriptor_;
-};
 
 // The list's place, taken apart: everything is done relative to the open folder, so that it is one folder throughout.
 struct Place {
