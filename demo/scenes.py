@@ -10,6 +10,7 @@ import time
 import name_server
 import programs
 from extension import Extension, Failure
+from keeper import Keeper
 from programs import ALLOW, DROP, DROP_AT_DATA, Browser, Destination, Program
 from table import Table
 from web_servers import WebServers
@@ -25,8 +26,11 @@ _WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
 class _Stage:
     """A running extension with its audience."""
 
-    def __init__(self, extension: Extension, servers: WebServers, table: Table, asks_for_browsers: bool):
+    def __init__(
+        self, extension: Extension, servers: WebServers, table: Table, asks_for_browsers: bool, keeper: Keeper | None = None
+    ):
         self.extension, self._servers, self._table = extension, servers, table
+        self._controlled = keeper or extension
         self._asks_for_browsers = asks_for_browsers
 
     def fetch(self, program: Program, destination: Destination, expected: str) -> None:
@@ -49,12 +53,12 @@ class _Stage:
             fault = f"the extension took the program for {', '.join(sorted(judged)) or 'nobody'}"
         self._table.row(program.name, program.identifier, str(destination), expected, seen.text, fault)
 
-    def control(self, *arguments: str, text: str | None = None, prints: str = "", code: int = 0) -> None:
-        """Runs orvanectl, which should print this and end with this code."""
-        done = self.extension.control(*arguments, text=text)
+    def control(self, *arguments: str, text: str | None = None, prints: str | None = "", code: int = 0) -> None:
+        """Runs orvanectl, which should print this, or where it is None anything, and end with this code."""
+        done = self._controlled.control(*arguments, text=text)
         printed = done.stdout.strip()
         fault = None
-        if (printed, done.returncode) != (prints, code):
+        if (printed if prints is not None else None, done.returncode) != (prints, code):
             fault = f"the output should be \"{prints}\", the exit code {code}, not {done.returncode}\n"
             fault += done.stderr + self.extension.log_end()
         result = printed or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
@@ -88,6 +92,27 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: lis
     stage.control("add", HELD, "other.example")
     stage.control("changes", prints="4")
     stage.fetch(curl, _HTTPS_HELD, DROP)
+
+
+def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
+    site = f"{HELD}, with www.{HELD} and m.{HELD}"
+    stage.control("block", f"www.{HELD}", prints=site)
+    stage.fetch(curl, _HTTPS_HELD, DROP)
+    stage.fetch(curl, _HTTPS_NEWS, ALLOW)
+    stage.extension.process.kill()
+    stage.extension.process.wait()
+    time.sleep(0.5)  # the packet queue is free once its watchdog has ended, too
+    stage.extension.start()
+    time.sleep(1)
+    table.note("the extension was killed and started anew, a second ago")
+    stage.fetch(curl, _HTTPS_HELD, DROP)
+    stage.control("suspend", HELD, "--for", "3s", prints=None)
+    stage.fetch(curl, _HTTPS_HELD, ALLOW)
+    time.sleep(3.5)
+    table.note("its suspension is over")
+    stage.fetch(curl, _HTTPS_HELD, DROP)
+    stage.control("unblock", HELD, prints=f"{site}: taken off the list")
+    stage.fetch(curl, _HTTPS_HELD, ALLOW)
 
 
 def _in(seconds: float) -> datetime.datetime:
@@ -137,6 +162,11 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
     with Extension(build, directory / "general", "FilterDataProvider", browsers) as extension:
         _tell_flow_source(extension, table)
         _general_provider(_Stage(extension, servers, table, True), curl, wget, [chromium, firefox], table)
+
+    table.scene("The list that lasts, and its keeper")
+    with Extension(build, directory / "kept", "FilterDataProvider", browsers) as extension:
+        with Keeper(extension, directory / "keeper") as keeper:
+            _kept_list(_Stage(extension, servers, table, True, keeper), curl, table)
 
     # A program's identifier is its file's name where nothing else gives it one.
     folder = directory / "safari"

@@ -2,48 +2,19 @@
 
 import datetime
 import json
-import pathlib
 import shutil
 import signal
-import subprocess
 import time
 
-from harness import ALLOW, DROP, HELD, NEWS, PYTHON, Extension, World, ask, check, wait_until
+import keeper
+from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, ask, check, wait_until
 
 
-class _Keeper:
-    """One at work for an extension; use it in a with statement. The list is a file in a folder of its own."""
-
-    def __init__(self, extension: Extension, directory: pathlib.Path):
-        self._extension = extension
-        self.list = directory / "lists" / "list"
-        self.list.parent.mkdir()
-        self._state = directory / "state"
-
-    def _arguments(self, *arguments: str) -> list[str]:
-        return ["--list", str(self.list), "--state", str(self._state), *arguments]
-
-    def control(self, *arguments: str) -> subprocess.CompletedProcess:
-        """Runs orvanectl."""
-        return self._extension.control(*self._arguments(*arguments))
-
-    def __enter__(self):
-        self.process = subprocess.Popen(self._extension.control_command(*self._arguments("keep")))
-        return self
-
-    def __exit__(self, *_):
-        self.end(signal.SIGTERM)
-
-    def end(self, number: signal.Signals) -> None:
-        if self.process.poll() is None:
-            self.process.send_signal(number)
-            code = self.process.wait(1)
-            check(code, -number if number == signal.SIGKILL else 0, "the keeper's exit code, within a second")
-
+class _Keeper(keeper.Keeper):
     def status(self, in_force: bool) -> dict:
-        result = self.control("--json", "status")
-        check(result.returncode, 0 if in_force else 3, f"the exit code of status, {result.stdout} {result.stderr}")
-        return json.loads(result.stdout)
+        status, code = super().status()
+        check(code, 0 if in_force else 3, f"the exit code of status, {status}")
+        return status
 
     def edits_of_others(self) -> int:
         return self.status(in_force=True)["keeper"]["extension"]["changesOfOthers"]

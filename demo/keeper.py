@@ -1,0 +1,48 @@
+"""A keeper of the list, as it was built."""
+
+import json
+import pathlib
+import signal
+import subprocess
+
+from extension import Extension, Failure
+
+
+class Keeper:
+    """One at work for an extension; use it in a with statement. The list is a file in a folder of its own."""
+
+    def __init__(self, extension: Extension, directory: pathlib.Path):
+        self._extension = extension
+        self.list = directory / "lists" / "list"
+        self.list.parent.mkdir(parents=True)
+        self._state, self._log = directory / "state", directory / "keeper-log"
+
+    def _arguments(self, *arguments: str) -> list[str]:
+        return ["--list", str(self.list), "--state", str(self._state), *arguments]
+
+    def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
+        """Runs orvanectl."""
+        return self._extension.control(*self._arguments(*arguments), text=text)
+
+    def __enter__(self):
+        with open(self._log, "ab") as log:
+            self.process = subprocess.Popen(
+                self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
+            )
+        return self
+
+    def __exit__(self, *_):
+        self.end(signal.SIGTERM)
+
+    def end(self, number: signal.Signals) -> None:
+        if self.process.poll() is not None:
+            return
+        self.process.send_signal(number)
+        code = self.process.wait(1)
+        if code != (-number if number == signal.SIGKILL else 0):
+            raise Failure(f"the keeper ended with {code}\n{self._log.read_text()}")
+
+    def status(self) -> tuple[dict, int]:
+        """What orvanectl tells of it, and its exit code."""
+        result = self.control("--json", "status")
+        return json.loads(result.stdout), result.returncode
