@@ -20,6 +20,12 @@ class ClientError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// There is an extension, and it takes no connection or answers nothing: it hangs, or serves too many clients.
+class SilentExtension : public ClientError {
+ public:
+  using ClientError::ClientError;
+};
+
 struct ClientOptions {
   std::string service = kDefaultServiceName;
   // The socket to use, where the system has such a thing. Empty: the one that bears the service's name, in the first
@@ -67,7 +73,8 @@ class Client {
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws ClientError when none can be reached.
+// Connects to the extension. Throws ClientError when none can be reached, SilentExtension when a signal broke off the
+// wait for one that is there.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 
 }  // namespace orvane

@@ -26,7 +26,8 @@ Finding examine_identity(const InstalledBrowser& browser, const BrowserList& lis
   finding.found += ", which " + list.path + " does not name: it is not filtered";
   finding.advice = runs_other_programs(browser.identifier)
                        ? "use another browser: to name it would make a browser of every program that it runs"
-                       : "add it there, and sudo systemctl restart orvane-se.service";
+                       : "add it there (the file has at most 1024 bytes: take out what you do not need), and sudo "
+                         "systemctl restart orvane-se.service";
   return finding;
 }
 
@@ -103,9 +104,9 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
   if (list.fault.empty()) {
     findings.push_back({"browser-list", "", Result::Ok, std::to_string(list.endings.size()) + " browsers known", ""});
   } else {
-    findings.push_back(
-        {"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
-         "mend it, or install the package orvane-se again; then sudo systemctl restart orvane-se.service"});
+    findings.push_back({"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
+                        "mend it (it has at most 1024 bytes); where it is gone, sudo apt install --reinstall -o "
+                        "Dpkg::Options::=--force-confmiss orvane-se; then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
     findings.push_back({"browser", "", Result::Warning, "none is installed that has a desktop entry",

@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -29,7 +30,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kGroup = "orvane";
-constexpr const char* kBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
+// Where the service manager has the package's extension, and no user can put a process.
+constexpr const char* kServiceGroup = "/system.slice/orvane-se.service";
 constexpr size_t kTextLimit = size_t{8} << 20;
 constexpr auto kPatience = std::chrono::seconds(2);
 
@@ -124,22 +126,6 @@ std::string read_link(const std::string& path) {
   return fs::read_symlink(path, error).string();
 }
 
-// Extensions in the network namespace that we are in. Where that is not to be seen, they are taken to be.
-void look_at_processes(const std::string& table, Facts& facts) {
-  const std::string ownNamespace = read_link(table + "/self/ns/net");
-  for (pid_t process : process_identifiers(table)) {
-    const std::string folder = table + '/' + std::to_string(process);
-    if (read_text(folder + "/comm") != "OrvaneSE\n" || !ProcessInformation::open(process, table)) continue;
-    const std::string itsNamespace = read_link(folder + "/ns/net");
-    if (!itsNamespace.empty() && itsNamespace != ownNamespace) continue;
-    facts.processes.push_back(process);
-    // The service manager's, if that is among them.
-    const std::string groups = read_text(folder + "/cgroup").value_or("");
-    if (facts.process == 0 || groups.find(kExtensionUnit) != std::string::npos) facts.process = process;
-  }
-  std::sort(facts.processes.begin(), facts.processes.end());
-}
-
 std::optional<uint64_t> effective_capabilities(const std::string& status) {
   constexpr std::string_view kField = "\nCapEff:\t";
   const size_t start = status.find(kField);
@@ -150,9 +136,31 @@ std::optional<uint64_t> effective_capabilities(const std::string& status) {
   return error == std::errc() ? std::optional(capabilities) : std::nullopt;
 }
 
+// Extensions in the network namespace that we are in. Where that is not to be seen, they are taken to be. Any user may
+// call a process so: what is not the service manager's own counts only with the privilege to filter.
+void look_at_processes(const std::string& table, Facts& facts) {
+  const std::string ownNamespace = read_link(table + "/self/ns/net");
+  for (pid_t process : process_identifiers(table)) {
+    const std::string folder = table + '/' + std::to_string(process);
+    if (read_text(folder + "/comm") != "OrvaneSE\n" || !ProcessInformation::open(process, table)) continue;
+    const std::string itsNamespace = read_link(folder + "/ns/net");
+    if (!itsNamespace.empty() && itsNamespace != ownNamespace) continue;
+    const bool isService = read_text(folder + "/cgroup").value_or("").find(kServiceGroup) != std::string::npos;
+    const auto capabilities = effective_capabilities(read_text(folder + "/status").value_or(""));
+    if (!isService && (capabilities.value_or(0) >> CAP_NET_ADMIN & 1) == 0) continue;
+    facts.processes.push_back(process);
+    if (facts.process == 0 || isService) facts.process = process;
+  }
+  std::sort(facts.processes.begin(), facts.processes.end());
+}
+
+// As the extension asks: a kernel without IPv6 needs no rules for it.
+bool has_ipv6(const std::string& root) { return exists(root + "/proc/thread-self/net/if_inet6"); }
+
 std::vector<std::string> missing_programs(const std::string& root) {
-  std::vector<std::string> missing;
-  for (const char* program : {"iptables-restore", "iptables-save", "ip6tables-restore", "ip6tables-save"}) {
+  std::vector<std::string> missing, programs{"iptables-restore", "iptables-save"};
+  if (has_ipv6(root)) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
+  for (const std::string& program : programs) {
     auto stands = [&](const char* folder) { return exists(root + folder + '/' + program); };
     if (!stands("/usr/sbin") && !stands("/sbin") && !stands("/usr/bin") && !stands("/bin")) missing.push_back(program);
   }
@@ -177,9 +185,10 @@ std::optional<bool> has_queue_target(const std::string& root) {
   return loadable && builtIn ? std::optional(false) : std::nullopt;
 }
 
-std::vector<RulesFacts> look_at_rules() {
+std::vector<RulesFacts> look_at_rules(const std::string& root) {
   std::vector<RulesFacts> rules;
   for (const char* program : {"iptables-save", "ip6tables-save"}) {
+    if (program[2] == '6' && !has_ipv6(root)) continue;
     CommandResult result = run_command({program});
     RulesFacts facts{program, std::nullopt, result.error};
     if (result.success) facts.rules = std::move(result.output);
@@ -195,7 +204,7 @@ std::string find_bundle(const std::string& root, pid_t process) {
     const fs::path contents = program.parent_path().parent_path();
     if (contents.filename() == "Contents") return contents.parent_path().string();
   }
-  return root + kBundle;
+  return root + kPackageBundle;
 }
 
 // Of the person who asks, also through sudo(8).
@@ -235,7 +244,7 @@ Facts gather_facts(const Examination& examination) {
   }
   facts.missingPrograms = missing_programs(root);
   facts.hasQueueTarget = has_queue_target(root);
-  if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules();
+  if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules(root);
   facts.queues = read_text(root + "/proc/net/netfilter/nfnetlink_queue");
   try {
     facts.list = read_keeper_state(examination.keeperStatePath);

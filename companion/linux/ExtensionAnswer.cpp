@@ -17,6 +17,9 @@ ExtensionAnswer ask_extension(const ClientOptions& options) {
     answer.answers = client->ping();
     answer.changes = client->changesCount();
     if (!answer.answers) answer.error = "the extension answered no: restart it";
+  } catch (const SilentExtension& error) {
+    answer.isSilent = true;
+    answer.error = error.what();
   } catch (const ClientError& error) {
     answer.answers = false;
     answer.isSilent = client && limit.passed();

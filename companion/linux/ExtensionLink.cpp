@@ -82,6 +82,8 @@ std::string ExtensionLink::attempt(std::chrono::milliseconds patience, Work work
   CallLimit limit(patience);
   try {
     work(limit);
+  } catch (const SilentExtension&) {
+    return kSilent;
   } catch (const ClientError& error) {
     return limit.passed() && client_ ? kSilent : error.what();
   }
@@ -120,7 +122,10 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   inStep_ = false;
   std::string failure = attempt(limit_for(after), [&](CallLimit& limit) {
     limit.watch(client_->descriptor());
-    expected_ += before == nullptr ? send_all(*client_, after) : send_difference(*client_, *before, after);
+    const bool whole = before == nullptr || is_sent_whole(*before, after);
+    // What others did before goes with what they did it to.
+    if (whole) expected_ = client_->changesCount();
+    expected_ += whole ? send_all(*client_, after) : send_difference(*client_, *before, after);
     readCounter();
     inStep_ = true;
   });

@@ -34,7 +34,9 @@ class ExtensionLink {
   // The file of a socket has come or gone: there is no reason to wait any longer.
   void socketsHappened();
   // The connection has hung up.
-  void hungUp() { lose("it ended the connection"); }
+  void hungUp() {
+    if (client_) lose("it ended the connection");
+  }
 
   // The list is no longer `before` (null: was not known), but `after`, of the version in the state.
   void update(const HeldNames* before, const HeldNames& after);

@@ -19,6 +19,9 @@ struct BrowserList {
   bool counts(std::string_view identifier) const;
 };
 
+// Where the package has the extension's bundle.
+inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
+
 // Reads BUNDLE/Contents/Resources/Browsers.plist as the extension does: no more than 1024 bytes of it.
 BrowserList read_browser_list(const std::string& bundle);
 

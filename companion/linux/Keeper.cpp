@@ -146,6 +146,7 @@ class Keeper {
 Keeper::Waited Keeper::wait() {
   Steady::time_point due = std::min(link_.due(), lookAt_);
   if (readAt_) due = std::min(due, *readAt_);
+  if (isUnwritable_) due = std::min(due, Steady::now() + kLookEveryUnwatched);
   auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Steady::now());
   std::array<pollfd, 5> waited{{{end_.descriptor(), POLLIN, 0},
                                 {listWatch_.descriptor(), POLLIN, 0},
@@ -221,8 +222,8 @@ void Keeper::describe(const BlockList& list) {
   state_.sites = list.size();
   state_.badLines = list.badLines().size();
   std::string faults;
-  for (const auto& bad : list.badLines()) {
-    if (&bad == &list.badLines()[0] + kBadLinesTold) break;
+  for (size_t i = 0; i < std::min(list.badLines().size(), kBadLinesTold); ++i) {
+    const auto& bad = list.badLines()[i];
     faults += "; line " + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " + bad.fault;
   }
   if (!faults.empty() && faults != toldFaults_)
@@ -276,6 +277,7 @@ void Keeper::publish() {
   } catch (const FileError& error) {
     if (!isUnwritable_) keeper_log(LogLevel::Warning, error.what());
     isUnwritable_ = true;
+    written_ = nullptr;  // it is tried again
   }
 }
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -134,7 +135,7 @@ Json to_json(const KeeperState& state) {
 
 Descriptor lock_keeper_state(const std::string& path) {
   const std::string lockPath = lock_path(path);
-  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kReadableByGroup));
+  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!file || fchmod(file.get(), kReadableByGroup) != 0) throw file_error("keep the state", lockPath, errno);
   struct flock lock = whole_file(F_WRLCK);
   if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) return file;
@@ -147,10 +148,11 @@ void write_keeper_state(const std::string& path, const KeeperState& state) {
   const std::string fresh = path + ".new";
   unlink(fresh.c_str());  // of a keeper that was killed; the lock is ours
   Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kReadableByGroup));
+  errno = 0;
   bool written = file && fchmod(file.get(), kReadableByGroup) == 0 &&
                  write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
   if (written && rename(fresh.c_str(), path.c_str()) == 0) return;
-  int error = errno;
+  int error = errno == 0 ? ENOSPC : errno;  // of a write that was cut short there is no word
   unlink(fresh.c_str());
   throw file_error("write the state", path, error);
 }
@@ -159,8 +161,10 @@ std::optional<KeeperState> read_keeper_state(const std::string& path) {
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file && errno != ENOENT && errno != ENOTDIR) throw file_error("read the keeper's state", path, errno);
   if (!file || !is_locked(path)) return std::nullopt;
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(fdopen(file.detach(), "r"), std::fclose);
+  if (!stream) throw file_error("read the keeper's state", path, errno);
   try {
-    return state_of(Json::parse(read_input(path)));
+    return state_of(Json::parse(stream.get()));
   } catch (const Json::exception&) {
     throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
   } catch (const InputError&) {

@@ -28,6 +28,7 @@ namespace {
 
 struct Arguments {
   std::vector<std::string> hosts;
+  bool usualNames = true;
   bool veryNames = false;
   bool hostsOnly = false;
   std::optional<std::string> duration;
@@ -39,7 +40,8 @@ struct Change {
   BlockedSite site;
   bool changed = false;
   std::string outcome;                    // in words; empty where there is nothing to say
-  std::vector<std::string> stillBlocked;  // of its names, those that another site has
+  bool frees = false;                     // its names are no longer blocked by it
+  std::vector<std::string> stillBlocked;  // of these names, those that another site has
 };
 
 // Finds the sites that a command is about, each once, and changes one of them.
@@ -106,6 +108,16 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
+// The names of a site that another site has blocked.
+std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
+  auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
+  std::vector<std::string> names;
+  for (std::string& name : names_of(site)) {
+    if (blocks(list.find(name)) || blocks(list.findByUsualName(name))) names.push_back(std::move(name));
+  }
+  return names;
+}
+
 int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
                 const ChangeSite& change) {
   const std::vector<std::string> hosts = checked_hosts(arguments.hosts);
@@ -117,6 +129,10 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     for (BlockedSite& site : find(list, hosts)) {
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
+    }
+    // Once all is done: what one of them covers, the next may take away.
+    for (Change& each : changes) {
+      if (each.frees) each.stillBlocked = names_still_blocked(list, each.site, now);
     }
     sites = list.size();
     return changed;
@@ -130,16 +146,6 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
   return kDone;
 }
 
-// The names of a site that another site has blocked.
-std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
-  auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
-  std::vector<std::string> names;
-  for (std::string& name : names_of(site)) {
-    if (blocks(list.find(name)) || blocks(list.findByUsualName(name))) names.push_back(std::move(name));
-  }
-  return names;
-}
-
 // How a site that is to be on the list stood there before.
 std::string standing(const BlockedSite& before, const BlockedSite& site, Moment now) {
   if (before.isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before.until, now);
@@ -149,7 +155,7 @@ std::string standing(const BlockedSite& before, const BlockedSite& site, Moment 
 
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const bool usualNames = !arguments.veryNames;
+  const bool usualNames = arguments.usualNames && !arguments.veryNames;
   auto asked = [&](const BlockList&, const std::vector<std::string>& hosts) {
     std::vector<BlockedSite> sites;
     std::set<std::string> seen;
@@ -163,7 +169,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     const BlockedSite* found = list.find(site.host);
     std::string outcome = found != nullptr && found->host == site.host ? standing(*found, site, now) : "";
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, std::move(outcome), {}};
+    return Change{std::move(site), changed, std::move(outcome), false, {}};
   });
 }
 
@@ -171,8 +177,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
     list.remove(site.host);
-    std::vector<std::string> still = names_still_blocked(list, site, now);
-    return Change{std::move(site), true, "taken off the list", std::move(still)};
+    return Change{std::move(site), true, "taken off the list", true, {}};
   });
 }
 
@@ -185,8 +190,7 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
     site.until = until;
     const bool changed = list.put(site);
-    std::vector<std::string> still = names_still_blocked(list, site, now);
-    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), std::move(still)};
+    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), true, {}};
   });
 }
 
@@ -196,7 +200,7 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
     const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
     site.until.reset();
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, outcome, {}};
+    return Change{std::move(site), changed, outcome, false, {}};
   });
 }
 
@@ -246,9 +250,8 @@ void declare_list_commands(CommandSet& commands) {
   };
   CLI::App* blockCommand = takeHosts(declare("block", "Block sites, from now on and after every start", block),
                                      "Host names, in any spelling that a browser takes");
-  bool usualNames = true;
-  CLI::Option* www =
-      blockCommand->add_flag("--www", usualNames, "Under their usual names, too: www.HOST and m.HOST (the default)");
+  CLI::Option* www = blockCommand->add_flag("--www", arguments->usualNames,
+                                            "Under their usual names, too: www.HOST and m.HOST (the default)");
   blockCommand->add_flag("--no-www", arguments->veryNames, "Under the very names alone")->excludes(www);
 
   takeHosts(declare("unblock", "Take sites off the list", unblock), "Hosts of sites on the list");

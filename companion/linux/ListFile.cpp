@@ -23,7 +23,8 @@ namespace orvane {
 namespace {
 
 constexpr mode_t kModeOfNew = 0660;
-constexpr mode_t kPermissions = 07777;
+// Never to execute, nor a set-ID bit: whoever put the file there would have root make a program of it.
+constexpr mode_t kPermissions = 0666;
 
 // The list's place, taken apart: everything is done relative to the open folder, so that it is one folder throughout.
 struct Place {
@@ -149,6 +150,10 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
     const struct stat status = status_of(file, place);
     if (!S_ISREG(status.st_mode))
       throw FileError("cannot read the list: " + in_quotes(place.path) + ": it is no file: name another with --list");
+    // As with a symbolic link: what is read would be somebody else's, and what is written the group's.
+    if (status.st_nlink > 1)
+      throw FileError("cannot read the list: " + in_quotes(place.path) +
+                      ": the file has other names, too (hard links): make a copy the list");
     content = {read_text(file, place), version_of(status), status.st_mode & kPermissions};
     if (attempt == kAttempts || version_of(status_of(file, place)) == content.version) return content;
   }
@@ -183,6 +188,8 @@ class NewFile {
 
   // Returns once it is all on the disk.
   void write(std::string_view text, mode_t mode) {
+    // A folder that gives what is made in it to its group means the group to have it, whatever a member's umask is.
+    if ((status_of(folder_, place_).st_mode & S_ISGID) != 0) mode |= kModeOfNew;
     if (!write_all(file_, text) || ::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0)
       throw file_error("cannot change", place_, errno);
   }

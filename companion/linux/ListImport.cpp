@@ -133,12 +133,13 @@ class ImportReader {
       BlockedSite site;
       const std::string_view name = take_word(names);
       std::string fault;
-      if (is_own_name(name)) {
+      const bool isName = read_hostname(name, site.host, fault);
+      if (is_own_name(isName ? site.host : name)) {
         ++result_.passedOver;
       } else if (kind == Address::Elsewhere) {
         reject(name, "it is given the address " + in_quotes(address) +
                          ", which does not block it: give it alone if it is to be blocked");
-      } else if (read_hostname(name, site.host, fault)) {
+      } else if (isName) {
         add(std::move(site), usualNames_.value_or(false));
       } else {
         reject(name, fault);
@@ -160,6 +161,10 @@ class ImportReader {
     BlockedSite site;
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
+    if (is_own_name(site.host)) {
+      ++result_.passedOver;
+      return;
+    }
     ++result_.filterRules;
     add(std::move(site), usualNames_.value_or(true));
   }
@@ -167,9 +172,10 @@ class ImportReader {
   void readPlainLine(std::string_view line) {
     BlockedSite site;
     std::string fault;
-    if (is_own_name(line)) {
+    const bool isLine = read_line(line, usualNames_.value_or(true), site, fault);
+    if (is_own_name(isLine ? site.host : line)) {
       ++result_.passedOver;
-    } else if (read_line(line, usualNames_.value_or(true), site, fault)) {
+    } else if (isLine) {
       const bool usualNames = site.usualNames;
       add(std::move(site), usualNames);
     } else {

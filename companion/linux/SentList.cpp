@@ -37,15 +37,27 @@ Sorted difference(const Sorted& of, const Sorted& without) {
 
 }  // namespace
 
-uint64_t send_all(Client& client, const HeldNames& list, const Client::Progress& progress) {
-  client.setHostnames(list.names, progress);
+uint64_t send_all(Client& client, const HeldNames& list) {
+  client.setHostnames(list.names, nullptr);
   return 1 + send_dates(client, list.suspended);
+}
+
+bool is_sent_whole(const HeldNames& before, const HeldNames& after) {
+  size_t differing = 0;
+  auto old = before.names.begin(), fresh = after.names.begin();
+  while (old != before.names.end() && fresh != after.names.end()) {
+    const int order = old->compare(*fresh);
+    if (order != 0) ++differing;
+    if (order <= 0) ++old;
+    if (order >= 0) ++fresh;
+  }
+  differing += static_cast<size_t>(before.names.end() - old) + static_cast<size_t>(after.names.end() - fresh);
+  return differing > kLargestDifference;
 }
 
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after) {
   std::vector<std::string> gone = difference(before.names, after.names);
   std::vector<std::string> fresh = difference(after.names, before.names);
-  if (gone.size() + fresh.size() > kLargestDifference) return send_all(client, after);
   // Dates first, while the extension still holds the names.
   uint64_t edits = send_dates(client, difference(after.suspended, before.suspended));
   if (!gone.empty()) client.removeHostnames(gone);

@@ -9,6 +9,7 @@
 
 #include "companion/Commands.h"
 #include "companion/Output.h"
+#include "companion/linux/BrowserRecognition.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
@@ -25,11 +26,12 @@ struct Status {
   ExtensionAnswer extension;
   std::optional<KeeperState> keeper;
   std::optional<ServiceState> extensionService, keeperService;
+  std::optional<RecognitionFault> browsers;
 
   bool isInForce() const {
     // An extension that does not let us in may well answer the keeper.
-    return keeper && keeper->connected && !keeper->listError && keeper->sentVersion == keeper->listVersion &&
-           !extension.isSilent;
+    return keeper && keeper->connected && !keeper->listError && !keeper->extensionError &&
+           keeper->sentVersion == keeper->listVersion && !extension.isSilent && !(browsers && browsers->isInForce);
   }
 };
 
@@ -59,6 +61,7 @@ nlohmann::json json_of(const Status& status) {
   return {
       {"inForce", status.isInForce()},
       {"extension", std::move(answer)},
+      {"noBrowserRecognised", status.browsers ? nlohmann::json(status.browsers->text) : nlohmann::json()},
       {"keeper", status.keeper ? to_json(*status.keeper) : nlohmann::json()},
       {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
 }
@@ -92,6 +95,11 @@ std::vector<std::string> extension_lines(const Status& status, Moment now) {
                                           count_text(extension.changes, "change", "changes") + " since its start"
                                     : coloured("no answer", Colour::Bad) + ": " + extension.error);
   if (status.extensionService) lines.push_back(service_text(kExtensionUnit, *status.extensionService, now));
+  if (const auto& fault = status.browsers)
+    lines.push_back(coloured(fault->isInForce ? "no browser is recognised, and everything passes"
+                                              : "from its next start on, no browser is recognised",
+                             Colour::Bad) +
+                    ": " + fault->text);
   return lines;
 }
 
@@ -124,7 +132,7 @@ std::vector<std::string> list_lines(const KeeperState& keeper) {
 std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   if (!keeper.sentVersion) return {coloured("nothing", Colour::Bad)};
   std::string text = count_text(keeper.sentNames, "name", "names");
-  if (keeper.sentAt) text += ", " + duration_text(now - *keeper.sentAt) + " ago";
+  if (keeper.sentAt) text += ", " + duration_text(std::max(now - *keeper.sentAt, std::chrono::seconds(0))) + " ago";
   std::vector<std::string> lines{text};
   if (keeper.sentVersion != keeper.listVersion)
     lines.push_back(coloured("of the list as it was before", Colour::Warning));
@@ -170,8 +178,9 @@ void print_status(const Status& status) {
 }  // namespace
 
 int show_status(const CommonOptions& options) {
-  const Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
-                      service_state(kExtensionUnit), service_state(kKeeperUnit)};
+  Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
+                service_state(kExtensionUnit), service_state(kKeeperUnit), std::nullopt};
+  status.browsers = recognition_fault(options.client, status.extensionService);
   if (options.json) {
     print_json(json_of(status));
   } else {

@@ -10,10 +10,12 @@
 #include "companion/Hostname.h"
 #include "companion/Input.h"
 #include "companion/Output.h"
+#include "companion/linux/BrowserRecognition.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListFile.h"
+#include "companion/linux/ServiceState.h"
 #include "companion/linux/TimeText.h"
 
 namespace orvane {
@@ -45,18 +47,12 @@ struct Listing {
   bool isHeld = false;
 };
 
-bool bears(const BlockedSite& site, const std::string& name) {
-  std::vector<std::string> names = names_of(site);
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-// The sites that may bear a name: its own, and the one of which it may be a usual name. One that holds it outweighs one
-// that has it suspended.
+// The sites that bear a name: the one with that very name, and the one of which it is a usual name. One that holds it
+// outweighs one that has it suspended.
 Listing look_up(const BlockList& list, const std::string& name, Moment now) {
   Listing listing;
-  for (const std::string& host : {name, std::string(site_of(name))}) {
-    const BlockedSite* site = list.find(host);
-    if (site == nullptr || !bears(*site, name) || listing.isHeld) continue;
+  for (const BlockedSite* site : {list.find(name), list.findByUsualName(name)}) {
+    if (site == nullptr || listing.isHeld) continue;
     listing.isHeld = !site->isSuspended(now);
     if (listing.isHeld) listing.until.reset();
     if (!listing.isHeld) listing.until = std::min(listing.until.value_or(*site->until), *site->until);
@@ -96,7 +92,7 @@ std::string listing_text(const BlockList& list, const std::string& name, const L
 
 // What became of the list.
 struct Delivery {
-  enum class State { InForce, Behind, NoExtension, Unknown } state;
+  enum class State { InForce, Behind, NothingBlocked, Unknown } state;
   std::string text;
 };
 
@@ -104,18 +100,19 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
                      const ExtensionAnswer& extension) {
   using State = Delivery::State;
   if (extension.isSilent || (keeper && !keeper->connected && !extension.answers))
-    return {State::NoExtension, "nothing is blocked: " + extension.error};
+    return {State::NothingBlocked, "nothing is blocked: " + extension.error};
   if (!keeper)
     return {State::Unknown, "no keeper runs, so the extension may hold anything: start orvane-keeper.service" +
                                 (extension.answers ? "" : "; " + extension.error)};
-  if (keeper->sentVersion == version) return {State::InForce, "the keeper has sent the list to the extension"};
+  if (keeper->sentVersion == version && !keeper->extensionError)
+    return {State::InForce, "the keeper has sent the list to the extension"};
   return {State::Behind, "the keeper has not sent this list yet: " +
                              keeper->listError.value_or(keeper->extensionError.value_or("try again in a moment"))};
 }
 
 Verdict verdict_of(const Listing& listing, Delivery::State delivery) {
   using State = Delivery::State;
-  if (delivery == State::NoExtension) return Verdict::NotBlocked;
+  if (delivery == State::NothingBlocked) return Verdict::NotBlocked;
   if (delivery != State::InForce) return Verdict::Unknown;
   return listing.isHeld ? Verdict::Blocked : Verdict::NotBlocked;
 }
@@ -130,11 +127,14 @@ int try_host(const CommonOptions& options, const std::string& given) {
   const Moment now = now_in_seconds();
   const Listing listing = look_up(stored.list, name, now);
   const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
-  const Delivery delivery = delivery_of(stored.version, keeper, ask_extension(options.client));
+  Delivery delivery = delivery_of(stored.version, keeper, ask_extension(options.client));
+  const auto unrecognised = recognition_fault(options.client, service_state(kExtensionUnit));
+  if (unrecognised && unrecognised->isInForce)
+    delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
   const Verdict verdict = verdict_of(listing, delivery.state);
 
   std::vector<std::string> reasons{listing_text(stored.list, name, listing, now), delivery.text};
-  if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NoExtension)
+  if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
     reasons.push_back("but others have edited what the extension holds, too, and that cannot be asked for");
 
   const VerdictName shown = name_of(verdict);

@@ -176,16 +176,25 @@ TEST_F(ListFile, RefusesWhatIsNoListAndKeepsItsMode) {
   struct stat status {};
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0660U);
-  chmod(path_.c_str(), 0640);
+  chmod(path_.c_str(), 06750);
   const ListVersion second = put("b.example");
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U);
+  EXPECT_EQ(status.st_mode & 07777, 0640U) << "a program of whoever put it there";
   EXPECT_NE(first, second);
   EXPECT_EQ(read_list(path_).version, second);
   EXPECT_EQ(put("b.example"), second) << "written though nothing was new";
 
+  chmod(path_.c_str(), 0600);
+  chmod(folder_.c_str(), 02770);
+  put("mine.example");
+  ASSERT_EQ(stat(path_.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660U) << "the group is shut out by a member's umask";
+
   // Who may write to the folder must not have root read for them.
   fs::rename(path_, folder_ + "/secret");
+  fs::create_hard_link(folder_ + "/secret", path_);
+  EXPECT_THROW(put("c.example"), FileError);
+  fs::remove(path_);
   fs::create_symlink("secret", path_);
   EXPECT_THROW(put("c.example"), FileError);
   EXPECT_THROW(read_list(path_), FileError);
