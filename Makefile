@@ -25,7 +25,8 @@ bench-net: all
 fuzz:
 	$(MAKE) PRESET=fuzz all
 
-deb: all
+deb: configure
+	cmake --build $(BUILD) --target OrvaneSE orvanectl
 	packaging/make-deb $(BUILD)
 
 clean:

@@ -20,6 +20,12 @@ class ClientError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// No extension runs: nobody listens at any place where one might.
+class NoExtension : public ClientError {
+ public:
+  using ClientError::ClientError;
+};
+
 // There is an extension, and it takes no connection or answers nothing: it hangs, or serves too many clients.
 class SilentExtension : public ClientError {
  public:
@@ -73,7 +79,7 @@ class Client {
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws ClientError when none can be reached, SilentExtension when a signal broke off the
+// Connects to the extension. Throws NoExtension, SilentExtension when a signal broke off the
 // wait for one that is there.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 

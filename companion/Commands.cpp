@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -15,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Client.h"
@@ -242,6 +244,37 @@ void refuse_brackets(int argc, const char* const* argv) {
   }
 }
 
+// How many letters must be put in, taken out or replaced to make one word of the other.
+size_t edit_distance(std::string_view one, std::string_view other) {
+  std::vector<size_t> row(other.size() + 1);
+  for (size_t j = 0; j <= other.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= one.size(); ++i) {
+    size_t diagonal = std::exchange(row[0], i);
+    for (size_t j = 1; j <= other.size(); ++j) {
+      const size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
+      diagonal = std::exchange(row[j], std::min({replaced, row[j] + 1, row[j - 1] + 1}));
+    }
+  }
+  return row.back();
+}
+
+// For a command line without a command: a word that may have been meant for one.
+void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // its value
+    if (word.rfind('-', 0) == 0) continue;
+    size_t nearest = 3;  // what is further away was not meant
+    std::string advice = "see orvanectl --help";
+    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+      const size_t distance = edit_distance(word, command->get_name());
+      if (distance < nearest) advice = "did you mean " + command->get_name() + "?";
+      nearest = std::min(nearest, distance);
+    }
+    throw InputError("no such command: " + in_quotes(word) + ": " + advice);
+  }
+}
+
 int run(int argc, const char* const* argv) {
   Arguments arguments;
   Command command;
@@ -261,7 +294,9 @@ int run(int argc, const char* const* argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl --help");
+    if (app.get_subcommands().empty()) refuse_unknown_command(app, argc, argv);
+    const std::string given = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name() + " ";
+    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl " + given + "--help");
   }
   return command();
 }

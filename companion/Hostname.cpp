@@ -26,8 +26,17 @@ bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 
-const char* forbidden_character_fault(std::string_view given, char c) {
-  if (given.find("://") != std::string_view::npos) return "it is a URL: give the host name alone";
+// Between the scheme and what follows the host, without a user name or port.
+std::string_view host_of_url(std::string_view url) {
+  url.remove_prefix(url.find("://") + 3);
+  url = url.substr(0, url.find_first_of("/?#\\"));
+  url.remove_prefix(url.rfind('@') + 1);  // 0 where there is none
+  return url.substr(0, url.rfind(':'));
+}
+
+std::string forbidden_character_fault(std::string_view given, char c) {
+  if (given.find("://") != std::string_view::npos)
+    return "it is a URL: give the host name alone: " + std::string(host_of_url(given));
   if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
     return "it is an IP address: only host names can be blocked";
   switch (c) {

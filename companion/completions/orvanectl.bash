@@ -44,7 +44,8 @@ _orvanectl() {
       block) options+=' --www --no-www' ;;
       import) options+=' --www --no-www --replace' ;;
       export) options+=' --hosts' ;;
-      suspend) options+=' --for --until' ;;
+      suspend) options+=' --all --for --until' ;;
+      resume) options+=' --all' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
       'browsers policy install') options+=' --no-doh' ;;

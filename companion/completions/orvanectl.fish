@@ -74,6 +74,7 @@ complete -c orvanectl -n '__orvanectl_command block import' -l no-www -d 'Under 
 complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Take everything else off the list'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d "The sites' names alone"
+complete -c orvanectl -n '__orvanectl_command suspend resume' -l all -d 'All sites on the list'
 complete -c orvanectl -n '__orvanectl_command suspend' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend' -l until -x -a tomorrow -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock suspend resume try' -a '(__orvanectl_hosts)'

@@ -93,10 +93,11 @@ _orvanectl() {
   local -A before=("${(@kv)opt_args}") # options that stand before the command
   case $words[1] in
     block) _arguments $common $www '*:host:' ;;
-    unblock | resume) _arguments $common '*:host:_orvanectl_hosts' ;;
+    unblock) _arguments $common '*:host:_orvanectl_hosts' ;;
+    resume) _arguments $common '--all[all sites on the list]' '*:host:_orvanectl_hosts' ;;
     try) _arguments $common ':host:_orvanectl_hosts' ;;
     suspend)
-      _arguments $common '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
+      _arguments $common '--all[all sites on the list]' '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(tomorrow)' '*:host:_orvanectl_hosts'
       ;;
     import) _arguments $common $www '--replace[take everything else off the list]' ':file:_files' ;;

@@ -250,7 +250,7 @@ std::string advice(int error, const std::string& path) {
     case EACCES:
       // The folder that the package's service manager makes.
       if (path.rfind("/run/orvane-se/", 0) == 0)
-        return "join the group orvane (adduser USER orvane, as root), then log in anew";
+        return "the group orvane may: sudo adduser USER orvane, and log in anew for it to count";
       return "it belongs to another user: run as that user or as root";
     default:
       return "name another socket";
@@ -270,6 +270,7 @@ int connect_to(const std::string& path, const Descriptor& connection) {
 // the others; what is said of a failure is the first that is more than absence.
 Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
   std::string tried, failure;
+  bool isAbsent = true;
   for (const std::string& path : paths) {
     Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int error = connection ? connect_to(path, connection) : errno;
@@ -281,10 +282,12 @@ Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* 
       throw SilentExtension("cannot reach the extension at " + path +
                             ": it takes no connection: it hangs, or serves too many clients; restart it");
     tried += (tried.empty() ? "" : ", ") + path;
+    isAbsent = isAbsent && (error == ENOENT || error == ECONNREFUSED);
     if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error, path);
   }
-  if (!failure.empty()) throw ClientError("cannot reach the extension at " + failure);
-  throw ClientError("cannot reach the extension: there is no socket at " + tried +
+  if (!failure.empty() && !isAbsent) throw ClientError("cannot reach the extension at " + failure);
+  if (!failure.empty()) throw NoExtension("cannot reach the extension at " + failure);
+  throw NoExtension("cannot reach the extension: there is no socket at " + tried +
                     "; start the extension, or name its socket or service");
 }
 

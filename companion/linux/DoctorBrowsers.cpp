@@ -109,7 +109,7 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
                         "Dpkg::Options::=--force-confmiss orvane-se; then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
-    findings.push_back({"browser", "", Result::Warning, "none is installed that has a desktop entry",
+    findings.push_back({"browser", "", Result::Warning, "no browser is installed that has a desktop entry",
                         "one that was unpacked from an archive is recognised by its program's file name"});
   }
   for (const BrowserFacts& browser : facts.browsers) {

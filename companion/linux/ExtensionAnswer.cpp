@@ -20,6 +20,9 @@ ExtensionAnswer ask_extension(const ClientOptions& options) {
   } catch (const SilentExtension& error) {
     answer.isSilent = true;
     answer.error = error.what();
+  } catch (const NoExtension& error) {
+    answer.isAbsent = true;
+    answer.error = error.what();
   } catch (const ClientError& error) {
     answer.answers = false;
     answer.isSilent = client && limit.passed();

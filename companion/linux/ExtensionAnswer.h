@@ -11,6 +11,7 @@ namespace orvane {
 struct ExtensionAnswer {
   bool answers = false;
   bool isSilent = false;  // it takes connections and answers nothing
+  bool isAbsent = false;  // none runs
   uint64_t changes = 0;   // its counter
   std::string error;      // why there is no answer
 };

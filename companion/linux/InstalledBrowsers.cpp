@@ -190,6 +190,8 @@ BrowserList read_browser_list(const std::string& bundle) {
   constexpr size_t kListLimit = 1024;
   BrowserList list;
   list.path = bundle + "/Contents/Resources/Browsers.plist";
+  // Where it is a link, the file to be edited.
+  if (std::string file = resolve(list.path); !file.empty()) list.path = std::move(file);
   auto text = read_file_start(AT_FDCWD, list.path.c_str(), kListLimit + 1, Links::Follow);
   if (!text) {
     list.fault = "cannot be read";

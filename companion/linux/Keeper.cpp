@@ -293,6 +293,12 @@ int run_keeper(const KeeperOptions& options) {
       return kCouldNot;
     }
   } catch (const FileError& error) {
+    // A folder that is not ours is another keeper's, beside which this one would be in the way.
+    std::error_code ignored;
+    if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
+      print_error(std::string(error.what()));
+      return kCouldNot;
+    }
     keeper_log(LogLevel::Warning, std::string("nobody can ask this keeper what it does: ") + error.what());
   }
   Keeper(options, std::move(lock)).run();

@@ -27,7 +27,7 @@ constexpr mode_t kReadableByGroup = 0640;
 FileError file_error(const char* what, const std::string& path, int error) {
   const bool isMachines = path == kKeeperStatePath && (error == EACCES || error == EPERM);
   return FileError(std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) + ": " +
-                   (isMachines ? "join the group orvane (adduser USER orvane, as root), then log in anew"
+                   (isMachines ? "the group orvane may: sudo adduser USER orvane, and log in anew for it to count"
                                : "check the folder and its rights, or name another file with --state"));
 }
 

@@ -30,6 +30,7 @@ struct Arguments {
   std::vector<std::string> hosts;
   bool usualNames = true;
   bool veryNames = false;
+  bool all = false;
   bool hostsOnly = false;
   std::optional<std::string> duration;
   std::optional<std::string> until;
@@ -59,7 +60,9 @@ std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
       print_error("not a host name: " + in_quotes(host) + ": " + fault);
     }
   }
-  if (const size_t refused = given.size() - hosts.size(); refused > 0)
+  const size_t refused = given.size() - hosts.size();
+  if (refused == 1 && given.size() == 1) throw InputError("nothing done");
+  if (refused > 0)
     throw InputError("nothing done: " + std::to_string(refused) + " of " + std::to_string(given.size()) +
                      " names refused: correct them and run the command again");
   return hosts;
@@ -83,6 +86,15 @@ std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<s
     throw InputError("nothing done: " + std::to_string(unknown) + " of " + std::to_string(hosts.size()) +
                      " hosts are not on the list: leave them out");
   return sites;
+}
+
+std::vector<BlockedSite> all_sites(const BlockList& list, const std::vector<std::string>&) { return list.sites(); }
+
+// Those that are named, or all.
+FindSites wanted_sites(const Arguments& arguments, const char* command) {
+  if (arguments.all != arguments.hosts.empty())
+    throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all");
+  return arguments.all ? all_sites : listed_sites;
 }
 
 void print_change(const Change& change) {
@@ -160,6 +172,8 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     std::vector<BlockedSite> sites;
     std::set<std::string> seen;
     for (const std::string& host : hosts) {
+      if (host.find('.') == std::string::npos)
+        print_error("no site under it is blocked: " + in_quotes(host) + ": names match exactly: give each site");
       BlockedSite site{usualNames ? std::string(site_of(host)) : host, usualNames, std::nullopt};
       if (seen.insert(site.host).second) sites.push_back(std::move(site));
     }
@@ -183,11 +197,12 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
 
 int suspend(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
+  const FindSites find = wanted_sites(arguments, "suspend");
   if (!arguments.duration && !arguments.until)
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   const Moment until =
       arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
-  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+  return change_list(options, arguments, now, find, [&](BlockList& list, BlockedSite site) {
     site.until = until;
     const bool changed = list.put(site);
     return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), true, {}};
@@ -196,7 +211,8 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
 
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+  const FindSites find = wanted_sites(arguments, "resume");
+  return change_list(options, arguments, now, find, [&](BlockList& list, BlockedSite site) {
     const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
     site.until.reset();
     const bool changed = list.put(site);
@@ -244,8 +260,9 @@ void declare_list_commands(CommandSet& commands) {
     return commands.declare(commands.app, kListGroup, name, description,
                             [&options = commands.options, arguments, command] { return command(options, *arguments); });
   };
-  auto takeHosts = [&](CLI::App* command, const char* hosts) {
-    command->add_option("HOST", arguments->hosts, hosts)->required()->type_name("");
+  auto takeHosts = [&](CLI::App* command, const char* hosts, bool orAll = false) {
+    command->add_option("HOST", arguments->hosts, hosts)->required(!orAll)->type_name("");
+    if (orAll) command->add_flag("--all", arguments->all, "All sites on the list");
     return command;
   };
   CLI::App* blockCommand = takeHosts(declare("block", "Block sites, from now on and after every start", block),
@@ -258,7 +275,7 @@ void declare_list_commands(CommandSet& commands) {
   declare("list", "Print the list: a table for a person, the lines of the list for a program", list);
 
   CLI::App* suspendCommand =
-      takeHosts(declare("suspend", "Leave sites unblocked for a while", suspend), "Hosts of sites on the list");
+      takeHosts(declare("suspend", "Leave sites unblocked for a while", suspend), "Hosts of sites on the list", true);
   CLI::Option* duration =
       suspendCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
   suspendCommand
@@ -266,7 +283,7 @@ void declare_list_commands(CommandSet& commands) {
                    "Until when: 18:00, \"tomorrow 9:00\", \"2026-12-24 18:00\", 2030-01-31T18:00:00+01:00")
       ->type_name("TIME")
       ->excludes(duration);
-  takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list");
+  takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list", true);
 
   declare_import_command(commands);
   declare("export", "Print the list as import takes it back", export_list)

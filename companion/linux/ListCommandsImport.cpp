@@ -66,7 +66,8 @@ struct Outcome {
 void print_outcome(const Outcome& outcome) {
   const auto& [read, counts, seconds, inForce] = outcome;
   std::printf("%zu lines, %zu sites, in %.2f s\n", read.lines, read.sites.size(), seconds);
-  std::printf("%zu new, %zu changed, %zu there already\n", counts.added, counts.changed, counts.there);
+  std::printf("%zu new, %zu changed, %zu there already", counts.added, counts.changed, counts.there);
+  std::puts(counts.removed > 0 ? (", " + std::to_string(counts.removed) + " taken off").c_str() : "");
   std::printf("%zu given more than once, %zu passed over (localhost and the like), %zu rejected\n", read.duplicates,
               read.passedOver, read.rejected);
 }
@@ -78,6 +79,7 @@ void print_outcome_json(const Outcome& outcome) {
               {"new", counts.added},
               {"changed", counts.changed},
               {"alreadyThere", counts.there},
+              {"takenOff", counts.removed},
               {"duplicates", read.duplicates},
               {"passedOver", read.passedOver},
               {"rejected", read.rejected},
@@ -119,8 +121,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   }
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    if (arguments.replace) list = BlockList();
-    outcome.counts = put_imported(list, outcome.read);
+    outcome.counts = put_imported(list, outcome.read, arguments.replace);
     sites = list.size();
     return arguments.replace || outcome.counts.added + outcome.counts.changed > 0;
   });

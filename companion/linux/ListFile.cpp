@@ -49,7 +49,8 @@ std::string advice_on(int error, const Place& place) {
   switch (error) {
     case EACCES:
     case EPERM:
-      if (place.path == kListPath) return "join the group orvane (adduser USER orvane, as root), then log in anew";
+      if (place.path == kListPath)
+        return "the group orvane may: sudo adduser USER orvane, and log in anew for it to count";
       return "check the rights of the file and its folder";
     case ENOENT:
     case ENOTDIR:

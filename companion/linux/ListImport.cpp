@@ -228,18 +228,19 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
   return std::move(reader.result());
 }
 
-ImportCounts put_imported(BlockList& list, const ImportedSites& imported) {
+ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
+  const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
   for (BlockedSite site : imported.sites) {
-    const BlockedSite* there = list.find(site.host);
+    const BlockedSite* there = (replace ? before : list).find(site.host);
     const bool known = there != nullptr && there->host == site.host;
-    if (known) {
-      site.usualNames = site.usualNames || there->usualNames;
-      if (!site.until) site.until = there->until;
-    }
-    const bool isNew = list.put(std::move(site));
-    ++(!known ? counts.added : isNew ? counts.changed : counts.there);
+    if (known && !replace) site.usualNames = site.usualNames || there->usualNames;
+    if (known && !site.until) site.until = there->until;
+    const bool differs = !known || site != *there;
+    list.put(std::move(site));
+    ++(!known ? counts.added : differs ? counts.changed : counts.there);
   }
+  if (replace) counts.removed = before.size() - counts.changed - counts.there;
   return counts;
 }
 

@@ -43,11 +43,12 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;
-  size_t there = 0;  // as they were imported
+  size_t there = 0;    // as they were imported
+  size_t removed = 0;  // to make room
 };
 
-// Puts the sites on the list. A site that is there keeps its usual names and its suspension, unless the import says
-// when it ends.
-ImportCounts put_imported(BlockList& list, const ImportedSites& imported);
+// Puts the sites on the list, or in place of all that is on it. A site that is there keeps its suspension, unless the
+// import says when it ends, and its usual names, unless all is replaced.
+ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
 }  // namespace orvane

@@ -76,7 +76,8 @@ std::optional<ServiceState> service_state(const std::string& unit) {
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  state.status = reader.text(kServiceInterface, "StatusText");
+  // The manager keeps what a service said last, after its end, too.
+  if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');
   return reader.isAnswered() ? std::optional(state) : std::nullopt;

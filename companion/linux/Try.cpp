@@ -99,7 +99,7 @@ struct Delivery {
 Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState>& keeper,
                      const ExtensionAnswer& extension) {
   using State = Delivery::State;
-  if (extension.isSilent || (keeper && !keeper->connected && !extension.answers))
+  if (extension.isSilent || extension.isAbsent || (keeper && !keeper->connected && !extension.answers))
     return {State::NothingBlocked, "nothing is blocked: " + extension.error};
   if (!keeper)
     return {State::Unknown, "no keeper runs, so the extension may hold anything: start orvane-keeper.service" +

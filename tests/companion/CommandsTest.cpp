@@ -100,7 +100,7 @@ TEST(Commands, SendWhatTheyStandForAndNothingThatIsRefused) {
       {{"orvanectl", "add", "good.example", "http://x"},
        "",
        "",
-       "\"http://x\": it is a URL: give the host name alone\n",
+       "\"http://x\": it is a URL: give the host name alone: x\n",
        kUsage},
       {{"orvanectl", "add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"orvanectl", "add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},

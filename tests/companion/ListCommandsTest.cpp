@@ -64,6 +64,8 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
       {"suspend example.com", 2, ""},
       {"--json suspend example.com --until 2020-01-01", 2, ""},
       {"resume example.com none.example", 2, ""},
+      {"suspend example.com --all --for 1h", 2, ""},
+      {"resume", 2, ""},
       {"list --json | grep -c until", 0, "1\n"},
       {"resume example.com", 0, "example.com, with www.example.com and m.example.com: blocked again\n"},
       {"export | '" ORVANECTL "' --list '%.2' import - | tail -n 1", 0,
@@ -77,6 +79,7 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
        "www.example.com: taken off the list; still blocked by another line: www.example.com\n"},
       {"unblock www.example.com", 0, "example.com, with www.example.com and m.example.com: taken off the list\n"},
       {"unblock example.com", 2, ""},
+      {"resume --all", 0, ""},
       {"export --json", 0, "[]\n"},
       {"import '%.none'", 1, ""},
   };
