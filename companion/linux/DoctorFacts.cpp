@@ -158,9 +158,10 @@ void look_at_processes(const std::string& table, Facts& facts) {
 bool has_ipv6(const std::string& root) { return exists(root + "/proc/thread-self/net/if_inet6"); }
 
 std::vector<std::string> missing_programs(const std::string& root) {
-  std::vector<std::string> missing, programs{"iptables-restore", "iptables-save"};
+  std::vector<std::string> missing;
+  std::vector<const char*> programs{"iptables-restore", "iptables-save"};
   if (has_ipv6(root)) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
-  for (const std::string& program : programs) {
+  for (const char* program : programs) {
     auto stands = [&](const char* folder) { return exists(root + folder + '/' + program); };
     if (!stands("/usr/sbin") && !stands("/sbin") && !stands("/usr/bin") && !stands("/bin")) missing.push_back(program);
   }

@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// None: the application keeps the list here, and the system knows the rest.
+// None: nothing keeps a list here, and System Settings tell what runs.
 void declare_system_commands(CommandSet&, CommonOptions&) {}
 
 }  // namespace orvane
