@@ -4,6 +4,7 @@ import json
 import pathlib
 import signal
 import subprocess
+import time
 
 from extension import Extension, Failure
 
@@ -29,6 +30,12 @@ class Keeper:
             self.process = subprocess.Popen(
                 self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
             )
+        # Before that nobody would wait for it.
+        end = time.monotonic() + 20
+        while not self._state.exists():
+            if self.process.poll() is not None or time.monotonic() > end:
+                raise Failure(f"the keeper does not start\n{self._log.read_text()}")
+            time.sleep(0.01)
         return self
 
     def __exit__(self, *_):
