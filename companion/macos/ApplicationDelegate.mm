@@ -99,7 +99,7 @@ NSMenu* main_menu() {
   [NSApplication sharedApplication].mainMenu = main_menu();
   [self makeWindow];
   NSString* identifier = [[NSBundle mainBundle] objectForInfoDictionaryKey:@"OrvaneSystemExtension"];
-  _extension = [[ExtensionSwitch alloc] initWithIdentifier:identifier observer:self];
+  _extension = [[ExtensionSwitch alloc] initWithExtension:identifier observer:self];
   _filter = [[FilterSwitch alloc] initWithExtension:identifier observer:self];
   [self switchChanged];
   [_filter refresh];

@@ -27,42 +27,22 @@ NSString* advice(NSInteger code) {
   }
 }
 
-NSString* failure_text(NSError* error) {
-  NSString* known = [error.domain isEqualToString:OSSystemExtensionErrorDomain] ? advice(error.code) : nil;
-  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", known != nil ? known : error.localizedDescription,
-                                    error.domain, static_cast<long>(error.code)];
+NSString* words_for(NSError* error) {
+  return [error.domain isEqualToString:OSSystemExtensionErrorDomain] ? advice(error.code) : nil;
 }
 
 }  // namespace
 
 @implementation ExtensionSwitch
 
-- (instancetype)initWithIdentifier:(NSString*)identifier observer:(id<SwitchObserver>)observer {
-  self = [super init];
-  if (self != nil) {
-    _identifier = [identifier copy];
-    _state = @"Nothing asked yet";
-    _observer = observer;
-  }
-  return self;
+- (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer {
+  return [super initWithExtension:identifier state:@"Nothing asked yet" observer:observer];
 }
 
 - (void)dealloc {
   _request.delegate = nil;
   [_request release];
-  [_identifier release];
-  [_state release];
   [super dealloc];
-}
-
-- (NSString*)state {
-  return [[_state copy] autorelease];
-}
-
-- (void)show:(NSString*)state {
-  [_state autorelease];
-  _state = [state copy];
-  [_observer switchChanged];
 }
 
 - (void)submit:(OSSystemExtensionRequest*)request {
@@ -75,12 +55,12 @@ NSString* failure_text(NSError* error) {
 
 - (void)activate {
   _activating = YES;
-  [self submit:[OSSystemExtensionRequest activationRequestForExtension:_identifier queue:dispatch_get_main_queue()]];
+  [self submit:[OSSystemExtensionRequest activationRequestForExtension:_extension queue:dispatch_get_main_queue()]];
 }
 
 - (void)deactivate {
   _activating = NO;
-  [self submit:[OSSystemExtensionRequest deactivationRequestForExtension:_identifier queue:dispatch_get_main_queue()]];
+  [self submit:[OSSystemExtensionRequest deactivationRequestForExtension:_extension queue:dispatch_get_main_queue()]];
 }
 
 // An answer to the last request; one to a request before it says nothing about how things stand.
@@ -110,7 +90,7 @@ NSString* failure_text(NSError* error) {
 }
 
 - (void)request:(OSSystemExtensionRequest*)request didFailWithError:(NSError*)error {
-  [self answer:request with:failure_text(error)];
+  [self answer:request with:failure_text(error, words_for(error))];
 }
 
 @end

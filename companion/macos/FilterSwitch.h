@@ -2,22 +2,14 @@
 
 #import <Foundation/Foundation.h>
 
-#import "SwitchObserver.h"
+#import "Switch.h"
 
 // Switches the content filter on and off: this application's filter configuration among the system's preferences. The
 // first time, the system asks the user. All on the main thread.
-@interface FilterSwitch : NSObject {
- @private
-  NSString* _extension;
-  NSString* _state;
-  id<SwitchObserver> _observer;
-}
+@interface FilterSwitch : Switch
 
 // The extension that holds the provider. The observer is not kept.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
-
-// A text for the user: how things stand, or what went wrong with the last change.
-@property(readonly, copy) NSString* state;
 
 // Looks how things stand.
 - (void)refresh;

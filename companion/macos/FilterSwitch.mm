@@ -4,13 +4,12 @@
 
 namespace {
 
-NSString* failure_text(NSError* error) {
-  NSString* known = error.localizedDescription;
-  if ([error.domain isEqualToString:NEFilterErrorDomain] &&
-      error.code == NEFilterManagerErrorConfigurationPermissionDenied)
-    known = @"Permission was denied: allow it when the system asks, and sign the application with the entitlement "
-            @"com.apple.developer.networking.networkextension.";
-  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", known, error.domain, static_cast<long>(error.code)];
+NSString* words_for(NSError* error) {
+  if (![error.domain isEqualToString:NEFilterErrorDomain] ||
+      error.code != NEFilterManagerErrorConfigurationPermissionDenied)
+    return nil;
+  return @"Permission was denied: allow it when the system asks, and sign the application with the entitlement "
+         @"com.apple.developer.networking.networkextension.";
 }
 
 }  // namespace
@@ -18,11 +17,8 @@ NSString* failure_text(NSError* error) {
 @implementation FilterSwitch
 
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer {
-  self = [super init];
+  self = [super initWithExtension:identifier state:@"Unknown" observer:observer];
   if (self != nil) {
-    _extension = [identifier copy];
-    _state = @"Unknown";
-    _observer = observer;
     [[NSNotificationCenter defaultCenter] addObserver:self
                                              selector:@selector(configurationChanged:)
                                                  name:NEFilterConfigurationDidChangeNotification
@@ -33,19 +29,7 @@ NSString* failure_text(NSError* error) {
 
 - (void)dealloc {
   [[NSNotificationCenter defaultCenter] removeObserver:self];
-  [_extension release];
-  [_state release];
   [super dealloc];
-}
-
-- (NSString*)state {
-  return [[_state copy] autorelease];
-}
-
-- (void)show:(NSString*)state {
-  [_state autorelease];
-  _state = [state copy];
-  [_observer switchChanged];
 }
 
 - (void)refresh {
@@ -122,7 +106,7 @@ NSString* failure_text(NSError* error) {
 }
 
 - (void)showFailure:(NSError*)error {
-  [self show:failure_text(error)];
+  [self show:failure_text(error, words_for(error))];
 }
 
 @end

@@ -1,0 +1,36 @@
+#import "Switch.h"
+
+@implementation Switch
+
+- (instancetype)initWithExtension:(NSString*)identifier state:(NSString*)state observer:(id<SwitchObserver>)observer {
+  self = [super init];
+  if (self != nil) {
+    _extension = [identifier copy];
+    _state = [state copy];
+    _observer = observer;
+  }
+  return self;
+}
+
+- (void)dealloc {
+  [_extension release];
+  [_state release];
+  [super dealloc];
+}
+
+- (NSString*)state {
+  return [[_state copy] autorelease];
+}
+
+- (void)show:(NSString*)state {
+  [_state autorelease];
+  _state = [state copy];
+  [_observer switchChanged];
+}
+
+@end
+
+NSString* failure_text(NSError* error, NSString* words) {
+  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", words != nil ? words : error.localizedDescription,
+                                    error.domain, static_cast<long>(error.code)];
+}
