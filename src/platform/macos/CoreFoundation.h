@@ -3,7 +3,6 @@
 #include <CoreFoundation/CoreFoundation.h>
 
 #include <string>
-#include <utility>
 
 namespace orvane {
 
@@ -15,7 +14,6 @@ class Owned {
   Owned() = default;
   explicit Owned(T object) : object_(object) {}
   Owned(const Owned&) = delete;
-  Owned(Owned&& other) noexcept : object_(other.detach()) {}
   ~Owned() {
     if (object_ != nullptr) CFRelease(object_);
   }
@@ -23,8 +21,6 @@ class Owned {
 
   T get() const { return object_; }
   explicit operator bool() const { return object_ != nullptr; }
-  // Gives the reference up without releasing it.
-  T detach() noexcept { return std::exchange(object_, nullptr); }
   // For a function that answers through an output. For an empty one only.
   T* out() { return &object_; }
 

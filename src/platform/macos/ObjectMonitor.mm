@@ -50,18 +50,17 @@ ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
   std::unique_lock lock(table().mutex);
   Monitor* entry = &table().monitors[object_];  // stays in its place while others come and go
   ++entry->users;
+  id made = nil;
   if (entry->object == nil) {
     lock.unlock();
-    id made = [[::NSObject alloc] init];
+    made = [[::NSObject alloc] init];
     lock.lock();
     // Another thread may have been first.
     if (entry->object == nil) std::swap(entry->object, made);
-    lock.unlock();
-    [made release];
-    lock.lock();
   }
   id monitor = entry->object;
   lock.unlock();
+  [made release];
   objc_sync_enter(monitor);
 }
 

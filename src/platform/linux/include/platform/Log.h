@@ -8,6 +8,7 @@
 #include <type_traits>
 
 #include "platform/Foundation.h"
+#include "platform/LogHandle.h"
 #include "platform/Object.h"
 #include "platform/Value.h"
 
@@ -21,20 +22,6 @@
 namespace orvane {
 
 enum class LogLevel : uint8_t { Default, Info, Debug, Error };
-
-// A handle: one category of one subsystem. Counted.
-class LogHandle;
-void retain(const LogHandle* handle);
-void release(const LogHandle* handle);
-using os_log_t = Ref<LogHandle>;
-
-os_log_t os_log_create(const char* subsystem, const char* category);
-
-// The log without a category. Never released.
-const os_log_t& default_log();
-
-// Whether messages of a level are kept. A null handle is the default log.
-bool os_log_type_enabled(const os_log_t& log, LogLevel level);
 
 namespace log_detail {
 
@@ -157,8 +144,3 @@ void write_arguments(const os_log_t& log, LogLevel level, std::string_view forma
       ::orvane::log_detail::write_arguments(orvane_log_handle, level, format __VA_OPT__(, ) __VA_ARGS__);        \
     }                                                                                                            \
   } while (false)
-
-#define ORVANE_LOG_DEFAULT(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Default, log, __VA_ARGS__)
-#define ORVANE_LOG_INFO(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Info, log, __VA_ARGS__)
-#define ORVANE_LOG_DEBUG(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Debug, log, __VA_ARGS__)
-#define ORVANE_LOG_ERROR(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Error, log, __VA_ARGS__)

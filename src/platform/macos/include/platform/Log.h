@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "platform/Foundation.h"
+#include "platform/LogHandle.h"
 #include "platform/Object.h"
 #include "platform/Value.h"
 
@@ -27,23 +28,9 @@ enum class LogLevel : uint8_t {
   Error = OS_LOG_TYPE_ERROR,
 };
 
-// A handle: one category of one subsystem. Counted; it is the system's own object.
-class LogHandle;
-void retain(const LogHandle* handle);
-void release(const LogHandle* handle);
-using os_log_t = Ref<LogHandle>;
-
-os_log_t os_log_create(const char* subsystem, const char* category);
-
-// The log without a category. Never released.
-const os_log_t& default_log();
-
-// Whether messages of a level are kept. A null handle is the default log.
-bool os_log_type_enabled(const os_log_t& log, LogLevel level);
-
 namespace log_detail {
 
-// The system's handle. Never null.
+// The system's own object, which a handle is. Never null.
 void* native(const os_log_t& log);
 
 // Arguments as the system takes them; what they hold lives as long as the statement that logs it.
@@ -106,8 +93,3 @@ Object argument(const Ref<NSError>& error);
                        ORVANE_LOG_MESSAGE(__VA_ARGS__));                                                             \
     }                                                                                                                \
   } while (false)
-
-#define ORVANE_LOG_DEFAULT(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Default, log, __VA_ARGS__)
-#define ORVANE_LOG_INFO(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Info, log, __VA_ARGS__)
-#define ORVANE_LOG_DEBUG(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Debug, log, __VA_ARGS__)
-#define ORVANE_LOG_ERROR(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Error, log, __VA_ARGS__)
