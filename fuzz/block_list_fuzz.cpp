@@ -36,10 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   try {
     auto ignore = [](size_t, std::string_view, const std::string&) {};
     const ImportedSites imported = read_import(text, std::nullopt, ignore, nullptr);
-    const ImportCounts counts = put_imported(list, imported);
+    const ImportCounts counts = put_imported(list, imported, false);
     require(counts.added + counts.changed + counts.there == imported.sites.size());
     check(list);
-    require(put_imported(list, imported).there == imported.sites.size());
+    require(put_imported(list, imported, false).there == imported.sites.size());
   } catch (const InputError&) {  // no list at all
   }
   for (const BlockedSite& site : list.sites()) require(list.remove(site.host) && !list.remove(site.host));
