@@ -44,6 +44,10 @@ void print_json(const nlohmann::json& value) {
   std::puts(value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
+std::string counted(uint64_t count, const char* one, const char* many) {
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+
 std::string coloured(const std::string& text, Colour colour) {
   static const bool shown = shows_colours();
   return shown ? sequence_of(colour) + text + "\x1b[0m" : text;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
@@ -11,6 +12,9 @@ void print_error(const std::string& text);
 // One JSON text on standard output: indented for a person at a terminal, on one line for a program. What is not UTF-8
 // in a string is replaced.
 void print_json(const nlohmann::json& value);
+
+// "1 line", "3 lines".
+std::string counted(uint64_t count, const char* one, const char* many);
 
 enum class Colour { Good, Warning, Bad, Faint };
 

@@ -70,7 +70,6 @@ class TimeReader {
 // RFC 3339, section 5.6. A second of 60 is a leap second: the moment after it, as no clock here counts it.
 bool read_time(std::string_view text, double* absoluteTime) {
   using namespace std::chrono;
-  constexpr sys_days kReference = 2001y / January / 1;
   TimeReader reader(text);
   int year = reader.number(4, 9999);
   reader.expect("-");
@@ -93,7 +92,8 @@ bool read_time(std::string_view text, double* absoluteTime) {
   }
   year_month_day date{std::chrono::year(year), std::chrono::month(month), std::chrono::day(day)};
   if (!reader.valid() || !reader.atEnd() || !date.ok()) return false;
-  auto whole = seconds(sys_days(date) - kReference) + hours(hour) + minutes(minute - offset) + seconds(second);
+  auto whole =
+      seconds(sys_days(date) - kAbsoluteTimeReference) + hours(hour) + minutes(minute - offset) + seconds(second);
   *absoluteTime = static_cast<double>(whole.count()) + fraction;
   return true;
 }

@@ -14,10 +14,6 @@ namespace {
 
 void put(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
 
-std::string count_of(size_t count, const char* one, const char* many) {
-  return std::to_string(count) + " " + (count == 1 ? one : many);
-}
-
 }  // namespace
 
 std::string site_text(const BlockedSite& site) {
@@ -25,10 +21,6 @@ std::string site_text(const BlockedSite& site) {
   std::string text = names.front();
   for (size_t i = 1; i < names.size(); ++i) text += (i == 1 ? ", with " : " and ") + names[i];
   return text;
-}
-
-std::string suspension_text(Moment until, Moment now) {
-  return "until " + local_text(until, now) + " (" + duration_text(until - now) + " left)";
 }
 
 nlohmann::json site_json(const BlockedSite& site, Moment now) {
@@ -58,8 +50,8 @@ void print_table(const BlockList& list, Moment now) {
     put(line + '\n');
   });
   if (sites == 0) return put("The list is empty: orvanectl block HOST adds to it.\n");
-  std::string counts = count_of(sites, "site", "sites") + ", " + count_of(names, "name", "names");
-  if (suspended > 0) counts += ", " + count_of(suspended, "site suspended", "sites suspended");
+  std::string counts = counted(sites, "site", "sites") + ", " + counted(names, "name", "names");
+  if (suspended > 0) counts += ", " + counted(suspended, "site suspended", "sites suspended");
   put(coloured(counts, Colour::Faint) + '\n');
 }
 

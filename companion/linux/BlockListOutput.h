@@ -4,15 +4,11 @@
 #include <string>
 
 #include "companion/linux/BlockList.h"
-#include "companion/linux/ListFile.h"
 
 namespace orvane {
 
 // "example.com, with www.example.com and m.example.com"; a site without usual names is its name alone.
 std::string site_text(const BlockedSite& site);
-
-// "until 18:00 (30 min left)"
-std::string suspension_text(Moment until, Moment now);
 
 // {"host", "names", "usualNames", "suspended"}, and "until" where the site has one.
 nlohmann::json site_json(const BlockedSite& site, Moment now);

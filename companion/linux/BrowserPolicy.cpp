@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "companion/linux/WriteAll.h"
 #include "platform/linux/Descriptor.h"
 #include "platform/linux/ProcessInformation.h"
 
@@ -81,15 +82,6 @@ void remove_empty_folders(const PolicyPlace& place, const std::string& root) {
   }
 }
 
-bool write_whole(int file, std::string_view text) {
-  while (!text.empty()) {
-    ssize_t count = ::write(file, text.data(), text.size());
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) text.remove_prefix(static_cast<size_t>(count));
-  }
-  return true;
-}
-
 // In one step, so that no browser reads half a file. Empty when it went well, else the reason.
 std::string replace_file(const std::string& path, const std::string& text) {
   // Beside the folder, not in it: Chromium takes every file in there for policies, whatever its name.
@@ -97,7 +89,7 @@ std::string replace_file(const std::string& path, const std::string& text) {
   const std::string temporary = (folder / (".orvane-se.new-" + std::to_string(::getpid()))).string();
   Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!file) return temporary + ": " + std::strerror(errno);
-  if (write_whole(file.get(), text) && ::fchmod(file.get(), 0644) == 0 && ::fsync(file.get()) == 0 &&
+  if (write_all(file, text) && ::fchmod(file.get(), 0644) == 0 && ::fsync(file.get()) == 0 &&
       ::rename(temporary.c_str(), path.c_str()) == 0) {
     return {};
   }

@@ -7,6 +7,9 @@
 
 namespace orvane {
 
+// The folder that all paths below stand in, where it is no test's.
+inline constexpr const char* kThisMachine = "";
+
 // Files of managed policies with which the machine's administrator switches off in browsers what the filter does not
 // see: HTTP/3 and, on request, DNS over HTTPS. All paths here stand below a root folder, "" for the machine's own.
 

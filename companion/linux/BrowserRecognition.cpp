@@ -5,15 +5,16 @@
 #include <chrono>
 
 #include "companion/linux/InstalledBrowsers.h"
+#include "companion/linux/ServiceState.h"
 
 namespace orvane {
 
-std::optional<RecognitionFault> recognition_fault(const ClientOptions& client,
-                                                  const std::optional<ServiceState>& service) {
+std::optional<RecognitionFault> recognition_fault(const ClientOptions& client) {
   struct stat status {};
   if (!client.socket.empty() || stat(kPackageBundle, &status) != 0) return std::nullopt;
   const BrowserList list = read_browser_list(kPackageBundle);
   if (list.fault.empty()) return std::nullopt;
+  const auto service = service_state(kExtensionUnit);
   const bool isNewer = service && service->since && stat(list.path.c_str(), &status) == 0 &&
                        Moment(std::chrono::seconds(status.st_ctim.tv_sec)) > *service->since;
   return RecognitionFault{list.path + " " + list.fault, !isNewer};

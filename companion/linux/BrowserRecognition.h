@@ -4,7 +4,6 @@
 #include <string>
 
 #include "companion/Client.h"
-#include "companion/linux/ServiceState.h"
 
 namespace orvane {
 
@@ -16,7 +15,6 @@ struct RecognitionFault {
 
 // Looks at the list of browsers in the package's bundle. Nothing where there is no fault, no package, or where another
 // extension than the package's is asked.
-std::optional<RecognitionFault> recognition_fault(const ClientOptions& client,
-                                                  const std::optional<ServiceState>& service);
+std::optional<RecognitionFault> recognition_fault(const ClientOptions& client);
 
 }  // namespace orvane

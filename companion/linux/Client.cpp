@@ -4,7 +4,6 @@
 #include <kj/common.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -255,15 +254,6 @@ std::string advice(int error, const std::string& path) {
     default:
       return "name another socket";
   }
-}
-
-// 0, or what went wrong.
-int connect_to(const std::string& path, const Descriptor& connection) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
 }
 
 // A connection to the first path that an extension answers on. A socket that nobody listens at any more hides none of

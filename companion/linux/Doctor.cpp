@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "companion/Output.h"
 #include "companion/linux/DoctorBrowsers.h"
 #include "platform/linux/KernelRules.h"
 
@@ -13,10 +14,6 @@ namespace orvane {
 namespace {
 
 using Result = Finding::Result;
-
-std::string plural(uint64_t count, const std::string& thing) {
-  return std::to_string(count) + ' ' + thing + (count == 1 ? "" : "s");
-}
 
 bool runs(const Facts& facts) { return facts.extension.running || !facts.processes.empty(); }
 
@@ -83,8 +80,8 @@ void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
   std::string numbers;
   for (pid_t process : facts.processes) numbers += (numbers.empty() ? "" : ", ") + std::to_string(process);
   findings.push_back({"processes", "", Result::Problem,
-                      plural(facts.processes.size(), "extension") + " run at once (processes " + numbers +
-                          "): only one can have the packets, and commands may reach the other",
+                      counted(facts.processes.size(), "extension", "extensions") + " run at once (processes " +
+                          numbers + "): only one can have the packets, and commands may reach the other",
                       "end those that the service manager did not start"});
 }
 
@@ -147,7 +144,6 @@ struct Jumps {
 };
 constexpr int kOurTables = 2;
 Jumps find_jumps(std::string_view rules) {
-  constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
   bool isOurs = false, sawOutput = false, sawJump = false;
   Jumps jumps;
   while (!rules.empty()) {
@@ -248,7 +244,8 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
         "mend " + state.listPath + "; the list that it read before still counts");
   }
   if (state.badLines > 0) {
-    add(Result::Warning, plural(state.badLines, "line") + " of " + state.listPath + " not understood and not obeyed",
+    add(Result::Warning,
+        counted(state.badLines, "line", "lines") + " of " + state.listPath + " not understood and not obeyed",
         "orvanectl list names them");
   }
   if (!state.connected) {
@@ -258,13 +255,14 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     add(Result::Warning, "the keeper has not sent the newest version yet",
         "ask again in a second; if it stays so: journalctl -u orvane-keeper.service");
   } else {
-    std::string found = plural(state.sites, "site") + ", " + plural(state.sentNames, "name") + " sent";
-    if (!state.suspended.empty()) found += ", " + plural(state.suspended.size(), "name") + " suspended";
+    std::string found =
+        counted(state.sites, "site", "sites") + ", " + counted(state.sentNames, "name", "names") + " sent";
+    if (!state.suspended.empty()) found += ", " + counted(state.suspended.size(), "name", "names") + " suspended";
     add(Result::Ok, found, "");
   }
   if (state.changesOfOthers > 0) {
     add(Result::Warning,
-        "somebody else edited what the extension holds, " + plural(state.changesOfOthers, "time") +
+        "somebody else edited what the extension holds, " + counted(state.changesOfOthers, "time", "times") +
             ": that is not in the list, and lasts until the extension ends",
         "orvanectl block makes an edit that lasts");
   }

@@ -85,9 +85,8 @@ struct Facts {
   std::vector<BrowserFacts> browsers;
 };
 
-// Looks at all of it. `root` stands before every path of a file, "" for this machine.
+// Looks at all of it, on this machine.
 struct Examination {
-  std::string root;
   std::string socket, service;  // as orvanectl was told; no socket: where the service's stands
   std::string keeperStatePath;
 };

@@ -19,8 +19,6 @@ namespace {
 using Json = nlohmann::json;
 using Result = Finding::Result;
 
-constexpr const char* kThisMachine = "";  // the root folder of all paths
-
 struct ResultWord {
   const char* word;
   Colour colour;
@@ -71,7 +69,7 @@ void print_summary(const std::vector<Finding>& findings) {
 }
 
 int doctor(const CommonOptions& options) {
-  Examination examination{kThisMachine, options.client.socket, options.client.service, options.keeperStatePath};
+  Examination examination{options.client.socket, options.client.service, options.keeperStatePath};
   const std::vector<Finding> findings = examine(gather_facts(examination));
   if (options.json) {
     Json checks = Json::array();

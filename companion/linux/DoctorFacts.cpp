@@ -3,7 +3,6 @@
 #include <linux/capability.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -14,10 +13,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "companion/Client.h"
 #include "companion/Input.h"
-#include "companion/linux/CallLimit.h"
 #include "companion/linux/Doctor.h"
+#include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/ServiceState.h"
 #include "platform/linux/Command.h"
 #include "platform/linux/Descriptor.h"
@@ -59,27 +57,16 @@ UnitFacts look_at_unit(const char* name) {
 
 // 0, or what stands in the way of a connection.
 int try_socket(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
   Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!connection) return errno;
-  const int result = ::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  return result == 0 || errno == EAGAIN ? 0 : errno;
+  const int failure = connect_to(path, connection);
+  return failure == EAGAIN ? 0 : failure;
 }
 
 bool is_answered(const std::string& socket) {
-  try {
-    CallLimit limit(kPatience);
-    ClientOptions options;
-    options.socket = socket;
-    const std::unique_ptr<Client> client = connect_client(options);
-    limit.watch(client->descriptor());
-    return client->ping();
-  } catch (const ClientError&) {
-    return false;
-  }
+  ClientOptions options;
+  options.socket = socket;
+  return ask_extension(options, kPatience).answers;
 }
 
 // As a client goes through the paths: the first that takes a connection; else what is more than absence.
@@ -138,7 +125,8 @@ std::optional<uint64_t> effective_capabilities(const std::string& status) {
 
 // Extensions in the network namespace that we are in. Where that is not to be seen, they are taken to be. Any user may
 // call a process so: what is not the service manager's own counts only with the privilege to filter.
-void look_at_processes(const std::string& table, Facts& facts) {
+void look_at_processes(Facts& facts) {
+  const std::string table = "/proc";
   const std::string ownNamespace = read_link(table + "/self/ns/net");
   for (pid_t process : process_identifiers(table)) {
     const std::string folder = table + '/' + std::to_string(process);
@@ -149,47 +137,48 @@ void look_at_processes(const std::string& table, Facts& facts) {
     const auto capabilities = effective_capabilities(read_text(folder + "/status").value_or(""));
     if (!isService && (capabilities.value_or(0) >> CAP_NET_ADMIN & 1) == 0) continue;
     facts.processes.push_back(process);
-    if (facts.process == 0 || isService) facts.process = process;
+    if (facts.process != 0 && !isService) continue;
+    facts.process = process;
+    facts.capabilities = capabilities;
   }
   std::sort(facts.processes.begin(), facts.processes.end());
 }
 
 // As the extension asks: a kernel without IPv6 needs no rules for it.
-bool has_ipv6(const std::string& root) { return exists(root + "/proc/thread-self/net/if_inet6"); }
+bool has_ipv6() { return exists("/proc/thread-self/net/if_inet6"); }
 
-std::vector<std::string> missing_programs(const std::string& root) {
+std::vector<std::string> missing_programs() {
   std::vector<std::string> missing;
   std::vector<const char*> programs{"iptables-restore", "iptables-save"};
-  if (has_ipv6(root)) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
+  if (has_ipv6()) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
   for (const char* program : programs) {
-    auto stands = [&](const char* folder) { return exists(root + folder + '/' + program); };
+    auto stands = [&](const char* folder) { return exists(std::string(folder) + '/' + program); };
     if (!stands("/usr/sbin") && !stands("/sbin") && !stands("/usr/bin") && !stands("/bin")) missing.push_back(program);
   }
   return missing;
 }
 
 // In the kernel now, or to be loaded. Without the folder of the running kernel's modules nothing can be said.
-std::optional<bool> has_queue_target(const std::string& root) {
+std::optional<bool> has_queue_target() {
   auto has = [](const std::optional<std::string>& text, const char* word) {
     return text && text->find(word) != std::string::npos;
   };
-  if (has(read_text(root + "/proc/net/ip_tables_targets"), "NFQUEUE") ||
-      has(read_text(root + "/proc/modules"), "xt_NFQUEUE")) {
+  if (has(read_text("/proc/net/ip_tables_targets"), "NFQUEUE") || has(read_text("/proc/modules"), "xt_NFQUEUE")) {
     return true;
   }
   utsname system{};
   if (::uname(&system) != 0) return std::nullopt;
-  const std::string folder = root + "/lib/modules/" + system.release;
+  const std::string folder = std::string("/lib/modules/") + system.release;
   const std::optional<std::string> loadable = read_text(folder + "/modules.dep");
   const std::optional<std::string> builtIn = read_text(folder + "/modules.builtin");
   if (has(loadable, "/xt_NFQUEUE.ko") || has(builtIn, "/xt_NFQUEUE.ko")) return true;
   return loadable && builtIn ? std::optional(false) : std::nullopt;
 }
 
-std::vector<RulesFacts> look_at_rules(const std::string& root) {
+std::vector<RulesFacts> look_at_rules() {
   std::vector<RulesFacts> rules;
   for (const char* program : {"iptables-save", "ip6tables-save"}) {
-    if (program[2] == '6' && !has_ipv6(root)) continue;
+    if (program[2] == '6' && !has_ipv6()) continue;
     CommandResult result = run_command({program});
     RulesFacts facts{program, std::nullopt, result.error};
     if (result.success) facts.rules = std::move(result.output);
@@ -199,13 +188,13 @@ std::vector<RulesFacts> look_at_rules(const std::string& root) {
 }
 
 // The running extension's own, where it is to be seen; else the package's.
-std::string find_bundle(const std::string& root, pid_t process) {
+std::string find_bundle(pid_t process) {
   if (process != 0) {
-    const fs::path program = read_link(root + "/proc/" + std::to_string(process) + "/exe");
+    const fs::path program = read_link("/proc/" + std::to_string(process) + "/exe");
     const fs::path contents = program.parent_path().parent_path();
     if (contents.filename() == "Contents") return contents.parent_path().string();
   }
-  return root + kPackageBundle;
+  return kPackageBundle;
 }
 
 // Of the person who asks, also through sudo(8).
@@ -215,13 +204,13 @@ std::string home_directory() {
   return user != nullptr ? user->pw_dir : "";
 }
 
-std::vector<BrowserFacts> look_at_browsers(const std::string& root) {
+std::vector<BrowserFacts> look_at_browsers() {
   const std::string home = home_directory();
   std::vector<BrowserFacts> facts;
   for (InstalledBrowser& browser : installed_browsers(
            ApplicationFolders::system(), home.empty() ? std::vector<std::string>() : own_application_folders(home))) {
     BrowserFacts one{std::move(browser), {}, {}};
-    if (one.browser.place != nullptr) one.policy = policy_in_force(*one.browser.place, root);
+    if (one.browser.place != nullptr) one.policy = policy_in_force(*one.browser.place, kThisMachine);
     if (!home.empty()) one.profiles = browser_profiles(one.browser, home);
     facts.push_back(std::move(one));
   }
@@ -231,29 +220,24 @@ std::vector<BrowserFacts> look_at_browsers(const std::string& root) {
 }  // namespace
 
 Facts gather_facts(const Examination& examination) {
-  const std::string& root = examination.root;
   Facts facts;
   facts.asRoot = ::geteuid() == 0;
   facts.extension = look_at_unit(kExtensionUnit);
   facts.keeper = look_at_unit(kKeeperUnit);
   facts.connection = look_at_connection(examination);
   facts.group = look_at_group();
-  look_at_processes(root + "/proc", facts);
-  if (facts.process != 0) {
-    facts.capabilities =
-        effective_capabilities(read_text(root + "/proc/" + std::to_string(facts.process) + "/status").value_or(""));
-  }
-  facts.missingPrograms = missing_programs(root);
-  facts.hasQueueTarget = has_queue_target(root);
-  if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules(root);
-  facts.queues = read_text(root + "/proc/net/netfilter/nfnetlink_queue");
+  look_at_processes(facts);
+  facts.missingPrograms = missing_programs();
+  facts.hasQueueTarget = has_queue_target();
+  if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules();
+  facts.queues = read_text("/proc/net/netfilter/nfnetlink_queue");
   try {
     facts.list = read_keeper_state(examination.keeperStatePath);
   } catch (const FileError& error) {
     facts.listError = error.what();
   }
-  facts.browserList = read_browser_list(find_bundle(root, facts.process));
-  facts.browsers = look_at_browsers(root);
+  facts.browserList = read_browser_list(find_bundle(facts.process));
+  facts.browsers = look_at_browsers();
   return facts;
 }
 

@@ -6,11 +6,10 @@
 
 namespace orvane {
 
-ExtensionAnswer ask_extension(const ClientOptions& options) {
-  constexpr std::chrono::seconds kPatience(3);
+ExtensionAnswer ask_extension(const ClientOptions& options, std::chrono::milliseconds patience) {
   ExtensionAnswer answer;
   std::unique_ptr<Client> client;
-  CallLimit limit(kPatience);
+  CallLimit limit(patience);  // ends before the connection does
   try {
     client = connect_client(options);
     limit.watch(client->descriptor());
@@ -28,7 +27,6 @@ ExtensionAnswer ask_extension(const ClientOptions& options) {
     answer.isSilent = client && limit.passed();
     answer.error = answer.isSilent ? "the extension hangs, or serves too many clients: restart it" : error.what();
   }
-  limit.watch(-1);  // before the connection is closed
   return answer;
 }
 

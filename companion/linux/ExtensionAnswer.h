@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -16,7 +17,8 @@ struct ExtensionAnswer {
   std::string error;      // why there is no answer
 };
 
-// Takes some seconds at most, and what CallLimit takes.
-ExtensionAnswer ask_extension(const ClientOptions& options);
+// Takes no longer than the patience, and what CallLimit takes.
+ExtensionAnswer ask_extension(const ClientOptions& options,
+                              std::chrono::milliseconds patience = std::chrono::seconds(3));
 
 }  // namespace orvane

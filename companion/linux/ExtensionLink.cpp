@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "companion/Output.h"
 #include "companion/linux/CallLimit.h"
 #include "companion/linux/KeeperLog.h"
 #include "companion/linux/SentList.h"
@@ -42,10 +43,8 @@ std::chrono::milliseconds limit_for(const HeldNames& list) {
   return kPatience + std::chrono::seconds((list.names.size() + list.suspended.size()) / kNamesPerSecond);
 }
 
-Moment now() { return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()); }
-
 std::string count_of(const HeldNames& list) {
-  std::string text = std::to_string(list.names.size()) + (list.names.size() == 1 ? " name" : " names");
+  std::string text = counted(list.names.size(), "name", "names");
   return list.suspended.empty() ? text : text + ", besides " + std::to_string(list.suspended.size()) + " suspended";
 }
 
@@ -80,6 +79,7 @@ void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
 template <class Work>
 std::string ExtensionLink::attempt(std::chrono::milliseconds patience, Work work) {
   CallLimit limit(patience);
+  if (client_) limit.watch(client_->descriptor());
   try {
     work(limit);
   } catch (const SilentExtension&) {
@@ -120,8 +120,7 @@ bool ExtensionLink::connect() {
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   inStep_ = false;
-  std::string failure = attempt(limit_for(after), [&](CallLimit& limit) {
-    limit.watch(client_->descriptor());
+  std::string failure = attempt(limit_for(after), [&](CallLimit&) {
     const bool whole = before == nullptr || is_sent_whole(*before, after);
     // What others did before goes with what they did it to.
     if (whole) expected_ = client_->changesCount();
@@ -144,10 +143,7 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
 }
 
 std::string ExtensionLink::look() {
-  return attempt(kPatience, [this](CallLimit& limit) {
-    limit.watch(client_->descriptor());
-    readCounter();
-  });
+  return attempt(kPatience, [this](CallLimit&) { readCounter(); });
 }
 
 void ExtensionLink::readCounter() {
@@ -159,7 +155,7 @@ void ExtensionLink::noteSent(const HeldNames& list) {
   state_.extensionError.reset();
   state_.sentVersion = state_.listVersion;
   state_.sentNames = list.names.size();
-  state_.sentAt = now();
+  state_.sentAt = now_in_seconds();
   keeper_log(LogLevel::Info, "the extension has the list: " + count_of(list));
 }
 

@@ -51,10 +51,6 @@ constexpr size_t kBadLinesTold = 3;
 
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
 
-std::string plural(size_t count, const char* one) {
-  return std::to_string(count) + " " + one + (count == 1 ? "" : "s");
-}
-
 // The timer goes off at a moment of the wall clock, also when the machine slept then, and when the clock is set.
 class WallClock {
  public:
@@ -227,7 +223,7 @@ void Keeper::describe(const BlockList& list) {
     faults += "; line " + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " + bad.fault;
   }
   if (!faults.empty() && faults != toldFaults_)
-    keeper_log(LogLevel::Warning, "not obeyed: " + plural(state_.badLines, "line") + " of the list" + faults);
+    keeper_log(LogLevel::Warning, "not obeyed: " + counted(state_.badLines, "line", "lines") + " of the list" + faults);
   toldFaults_ = faults;
 }
 
@@ -236,6 +232,8 @@ void Keeper::take(HeldNames list) {
   link_.update(known(), list);
   list_ = std::move(list);
   isKnown_ = true;
+  state_.names = list_.names.size();
+  state_.suspended = list_.suspended;
 }
 
 void Keeper::setTimer(const HeldNames& list) {
@@ -249,20 +247,16 @@ void Keeper::clockHappened() {
     keeper_log(LogLevel::Notice, "the clock was set");
     readList();
   }
+  const Moment now = now_in_seconds();
+  if (!list_.nextChange || *list_.nextChange > now) return setTimer(list_);
   HeldNames list = list_;
-  end_suspensions(list, now_in_seconds());
-  if (list.suspended.size() < list_.suspended.size()) {
-    take(std::move(list));
-  } else {
-    setTimer(list_);
-  }
+  end_suspensions(list, now);
+  take(std::move(list));
 }
 
 void Keeper::publish() {
-  state_.names = list_.names.size();
-  state_.suspended = list_.suspended;
   std::string status = !state_.connected    ? "Waiting for the extension"
-                       : state_.sentVersion ? plural(state_.sentNames, "name") + " sent"
+                       : state_.sentVersion ? counted(state_.sentNames, "name", "names") + " sent"
                                             : "Connected, without a list";
   if (!state_.suspended.empty()) status += ", " + std::to_string(state_.suspended.size()) + " suspended";
   if (status != status_) sd_notify(0, ("STATUS=" + status).c_str());

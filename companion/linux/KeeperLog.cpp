@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "companion/Output.h"
+
 namespace orvane {
 namespace {
 
@@ -24,7 +26,7 @@ void keeper_log(LogLevel level, const std::string& text) {
   if (toJournal) {
     std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), text.c_str());
   } else {
-    std::fprintf(stderr, "orvanectl: %s\n", text.c_str());
+    print_error(text);
   }
 }
 

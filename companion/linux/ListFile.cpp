@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "companion/Input.h"
+#include "companion/linux/WriteAll.h"
 #include "platform/linux/Descriptor.h"
 
 namespace orvane {
@@ -158,15 +159,6 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
     content = {read_text(file, place), version_of(status), status.st_mode & kPermissions};
     if (attempt == kAttempts || version_of(status_of(file, place)) == content.version) return content;
   }
-}
-
-bool write_all(const Descriptor& file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(file.get(), text.data(), text.size());
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) text.remove_prefix(static_cast<size_t>(written));
-  }
-  return true;
 }
 
 // Empty where there is no file.

@@ -14,8 +14,6 @@
 namespace orvane {
 namespace {
 
-bool starts_with(std::string_view text, std::string_view start) { return text.substr(0, start.size()) == start; }
-
 template <size_t size>
 bool is_one_of(std::string_view text, const std::string_view (&texts)[size]) {
   return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
@@ -85,11 +83,11 @@ std::string_view foreign_kind(std::string_view text) {
   // gzip, xz, zstd, zip
   constexpr std::string_view kCompressed[] = {"\037\213"sv, "\3757zXZ\0"sv, "\050\265\057\375"sv, "PK\3\4"sv};
   for (std::string_view start : kCompressed) {
-    if (starts_with(text, start)) return "it is compressed: unpack it first";
+    if (text.starts_with(start)) return "it is compressed: unpack it first";
   }
-  if (starts_with(text, "BZh") && text.substr(4, 6) == "1AY&SY") return "it is compressed: unpack it first";
+  if (text.starts_with("BZh") && text.substr(4, 6) == "1AY&SY") return "it is compressed: unpack it first";
   const bool zeros = text.size() > 1 && (text[0] == 0) != (text[1] == 0);
-  if (zeros || starts_with(text, "\xff\xfe") || starts_with(text, "\xfe\xff"))
+  if (zeros || text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
     return "it is UTF-16: save the text as UTF-8";
   return {};
 }
@@ -106,13 +104,13 @@ class ImportReader {
     // In a hosts file a comment needs no space before it.
     std::string_view names = line.substr(0, line.find('#'));
     const std::string_view address = take_word(names);
-    const Address kind = trimmed(names).empty() ? Address::None : address_in(address);
+    const Address kind = names.empty() ? Address::None : address_in(address);
     if (kind != Address::None) return readHostsLine(address, kind, names);
     if (hides_elements(line)) return reject(line, "it hides parts of pages: only whole sites can be blocked");
     line = trimmed(without_comment(line));
-    if (starts_with(line, "@@"))
+    if (line.starts_with("@@"))
       return reject(line, "it is an exception: leave out the names that are not to be blocked");
-    if (starts_with(line, "||")) return readRule(line);
+    if (line.starts_with("||")) return readRule(line);
     readPlainLine(line);
   }
 
@@ -122,7 +120,7 @@ class ImportReader {
   bool isComment(std::string_view line) {
     if (line.empty()) return true;
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
-    isFilterList_ = isFilterList_ || line.front() == '!' || title || starts_with(line, "||");
+    isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||");
     if (line.front() == '!' || title) return true;
     // Elsewhere "##Title" is a title.
     return line.front() == '#' && !(isFilterList_ && hides_elements(line));
@@ -130,7 +128,7 @@ class ImportReader {
 
   void readHostsLine(std::string_view address, Address kind, std::string_view names) {
     while (!names.empty()) {
-      BlockedSite site;
+      BlockedSite site{"", usualNames_.value_or(false), {}};
       const std::string_view name = take_word(names);
       std::string fault;
       const bool isName = read_hostname(name, site.host, fault);
@@ -140,7 +138,7 @@ class ImportReader {
         reject(name, "it is given the address " + in_quotes(address) +
                          ", which does not block it: give it alone if it is to be blocked");
       } else if (isName) {
-        add(std::move(site), usualNames_.value_or(false));
+        add(std::move(site));
       } else {
         reject(name, fault);
       }
@@ -158,7 +156,7 @@ class ImportReader {
     }
     if (!pattern.empty() && pattern.back() == '|') pattern.remove_suffix(1);
     if (!pattern.empty() && pattern.back() == '^') pattern.remove_suffix(1);
-    BlockedSite site;
+    BlockedSite site{"", usualNames_.value_or(true), {}};
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
     if (is_own_name(site.host)) {
@@ -166,7 +164,7 @@ class ImportReader {
       return;
     }
     ++result_.filterRules;
-    add(std::move(site), usualNames_.value_or(true));
+    add(std::move(site));
   }
 
   void readPlainLine(std::string_view line) {
@@ -176,8 +174,7 @@ class ImportReader {
     if (is_own_name(isLine ? site.host : line)) {
       ++result_.passedOver;
     } else if (isLine) {
-      const bool usualNames = site.usualNames;
-      add(std::move(site), usualNames);
+      add(std::move(site));
     } else {
       reject(line, fault);
     }
@@ -188,12 +185,11 @@ class ImportReader {
     rejected_(result_.lines, text, fault);
   }
 
-  void add(BlockedSite site, bool usualNames) {
-    site.usualNames = usualNames;
-    if (usualNames) site.host = site_of(site.host);
+  void add(BlockedSite site) {
+    if (site.usualNames) site.host = site_of(site.host);
     if (auto known = places_.find(site.host); known != places_.end()) {
       ++result_.duplicates;
-      known->second->usualNames = known->second->usualNames || usualNames;
+      known->second->usualNames = known->second->usualNames || site.usualNames;
       known->second->until = site.until;
       return;
     }
@@ -216,7 +212,7 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
   if (const std::string_view kind = foreign_kind(text); !kind.empty())
     throw InputError("not a list: " + std::string(kind));
   const size_t size = text.size();
-  if (starts_with(text, kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   ImportReader reader(usualNames, rejected);
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());

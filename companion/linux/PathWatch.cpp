@@ -17,8 +17,8 @@ namespace {
 constexpr uint32_t kAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr uint32_t kBeside = kAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
 
-// What is about a folder itself, or about more than could be told.
-constexpr uint32_t kWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT | IN_Q_OVERFLOW;
+// What is about a folder itself.
+constexpr uint32_t kWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
 
 // A folder that comes and goes while it is being looked for is met again at the next event.
 constexpr int kAttempts = 4;

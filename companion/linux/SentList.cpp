@@ -13,11 +13,7 @@ namespace {
 
 using Suspensions = std::vector<std::pair<std::string, Moment>>;
 
-Value date_of(Moment moment) {
-  using namespace std::chrono;
-  constexpr sys_days kReference = 2001y / January / 1;
-  return Value::date(static_cast<double>((moment - kReference).count()));
-}
+Value date_of(Moment moment) { return Value::date(static_cast<double>((moment - kAbsoluteTimeReference).count())); }
 
 // The extension keeps properties only with names that it holds, and counts each message as an edit in any case.
 uint64_t send_dates(Client& client, const Suspensions& suspended) {

@@ -32,6 +32,7 @@ Bus connect_to_manager() {
   return own;
 }
 
+// A manager that does not answer is not asked again.
 class UnitReader {
  public:
   UnitReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}
@@ -39,7 +40,7 @@ class UnitReader {
   std::string text(const char* interface, const char* name) {
     char* value = nullptr;
     isAnswered_ =
-        sd_bus_get_property_string(bus_, kManager, path_, interface, name, nullptr, &value) >= 0 && isAnswered_;
+        isAnswered_ && sd_bus_get_property_string(bus_, kManager, path_, interface, name, nullptr, &value) >= 0;
     std::unique_ptr<char, decltype(&std::free)> owned(value, std::free);
     return value == nullptr ? "" : value;
   }
@@ -47,7 +48,7 @@ class UnitReader {
   Number number(const char* interface, const char* name, char type) {
     Number value = 0;
     isAnswered_ =
-        sd_bus_get_property_trivial(bus_, kManager, path_, interface, name, nullptr, type, &value) >= 0 && isAnswered_;
+        isAnswered_ && sd_bus_get_property_trivial(bus_, kManager, path_, interface, name, nullptr, type, &value) >= 0;
     return value;
   }
   bool isAnswered() const { return isAnswered_; }

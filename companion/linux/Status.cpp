@@ -1,5 +1,3 @@
-#include <sys/types.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -34,10 +32,6 @@ struct Status {
            keeper->sentVersion == keeper->listVersion && !extension.isSilent && !(browsers && browsers->isInForce);
   }
 };
-
-std::string count_text(uint64_t count, const char* one, const char* several) {
-  return std::to_string(count) + " " + (count == 1 ? one : several);
-}
 
 nlohmann::json json_of(const std::optional<ServiceState>& service) {
   if (!service) return nullptr;
@@ -84,7 +78,7 @@ std::string service_text(const char* unit, const ServiceState& service, Moment n
   if (service.since) text += " since " + local_text(*service.since, now);
   if (service.active == "failed") text += ", " + service.result + ": see journalctl -u " + unit;
   if (!service.status.empty()) text += ", \"" + service.status + "\"";
-  if (service.restarts > 0) text += ", restarted " + count_text(service.restarts, "time", "times");
+  if (service.restarts > 0) text += ", restarted " + counted(service.restarts, "time", "times");
   return text;
 }
 
@@ -92,7 +86,7 @@ std::vector<std::string> extension_lines(const Status& status, Moment now) {
   const ExtensionAnswer& extension = status.extension;
   std::vector<std::string> lines;
   lines.push_back(extension.answers ? coloured("answers", Colour::Good) + ", " +
-                                          count_text(extension.changes, "change", "changes") + " since its start"
+                                          counted(extension.changes, "change", "changes") + " since its start"
                                     : coloured("no answer", Colour::Bad) + ": " + extension.error);
   if (status.extensionService) lines.push_back(service_text(kExtensionUnit, *status.extensionService, now));
   if (const auto& fault = status.browsers)
@@ -120,24 +114,24 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
 
 std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
-  lines.push_back(keeper.listPath + ": " + count_text(keeper.sites, "site", "sites") + ", " +
-                  count_text(keeper.names, "name", "names") + " to block now");
+  lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "site", "sites") + ", " +
+                  counted(keeper.names, "name", "names") + " to block now");
   if (keeper.listError) lines.push_back(coloured("the list as it was before", Colour::Bad) + ": " + *keeper.listError);
   if (keeper.badLines > 0)
-    lines.push_back(coloured(count_text(keeper.badLines, "line is", "lines are"), Colour::Warning) +
+    lines.push_back(coloured(counted(keeper.badLines, "line is", "lines are"), Colour::Warning) +
                     " not obeyed: see orvanectl list");
   return lines;
 }
 
 std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   if (!keeper.sentVersion) return {coloured("nothing", Colour::Bad)};
-  std::string text = count_text(keeper.sentNames, "name", "names");
+  std::string text = counted(keeper.sentNames, "name", "names");
   if (keeper.sentAt) text += ", " + duration_text(std::max(now - *keeper.sentAt, std::chrono::seconds(0))) + " ago";
   std::vector<std::string> lines{text};
   if (keeper.sentVersion != keeper.listVersion)
     lines.push_back(coloured("of the list as it was before", Colour::Warning));
   if (keeper.changesOfOthers > 0)
-    lines.push_back(coloured(count_text(keeper.changesOfOthers, "edit", "edits"), Colour::Warning) +
+    lines.push_back(coloured(counted(keeper.changesOfOthers, "edit", "edits"), Colour::Warning) +
                     " by others since, which the list does not know");
   lines.push_back(coloured("the extension cannot be asked what it holds: this is what the keeper sent", Colour::Faint));
   return lines;
@@ -178,9 +172,8 @@ void print_status(const Status& status) {
 }  // namespace
 
 int show_status(const CommonOptions& options) {
-  Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
-                service_state(kExtensionUnit), service_state(kKeeperUnit), std::nullopt};
-  status.browsers = recognition_fault(options.client, status.extensionService);
+  const Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
+                      service_state(kExtensionUnit), service_state(kKeeperUnit), recognition_fault(options.client)};
   if (options.json) {
     print_json(json_of(status));
   } else {

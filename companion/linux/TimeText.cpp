@@ -17,7 +17,6 @@ namespace {
 
 using namespace std::chrono;
 
-constexpr Moment kReference = sys_days(2001y / January / 1);  // of absolute times
 constexpr Moment kFirst = sys_days(0y / January / 1);
 constexpr Moment kEnd = sys_days(9999y / December / 31) + days(1);
 constexpr seconds kLongest = duration_cast<seconds>(years(10));
@@ -164,7 +163,7 @@ std::string time_text(Moment moment) {
 
 Moment read_moment(std::string_view text) {
   const double absolute = std::ceil(parse_time(text).asDate());
-  const Moment moment = kReference + seconds(static_cast<int64_t>(absolute));
+  const Moment moment = kAbsoluteTimeReference + seconds(static_cast<int64_t>(absolute));
   if (moment < kFirst || moment >= kEnd)
     throw InputError("not a time: " + in_quotes(text) + ": give one in the years 0 to 9999");
   return moment;
@@ -222,6 +221,10 @@ std::string duration_text(seconds duration) {
     return two_units(left / kMinute, "h", left % kMinute, "min");
   const int64_t left = rounded_up(duration, kHour);
   return two_units(left / kHours, left / kHours == 1 ? "day" : "days", left % kHours, "h");
+}
+
+std::string suspension_text(Moment until, Moment now) {
+  return "until " + local_text(until, now) + " (" + duration_text(until - now) + " left)";
 }
 
 }  // namespace orvane

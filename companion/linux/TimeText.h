@@ -36,4 +36,7 @@ std::string local_text(Moment moment, Moment now);
 // For people: "29 min", "1 h 30 min", "2 days 3 h", "45 s".
 std::string duration_text(std::chrono::seconds duration);
 
+// For people, of something that is suspended: "until 18:00 (30 min left)".
+std::string suspension_text(Moment until, Moment now);
+
 }  // namespace orvane

@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "companion/Commands.h"
@@ -15,7 +14,6 @@
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListFile.h"
-#include "companion/linux/ServiceState.h"
 #include "companion/linux/TimeText.h"
 
 namespace orvane {
@@ -84,9 +82,7 @@ std::string listing_text(const BlockList& list, const std::string& name, const L
   }
   std::string text =
       listing.site->host == name ? "it is on the list" : "it is on the list, as a usual name of " + listing.site->host;
-  if (listing.until)
-    text += ", but suspended until " + local_text(*listing.until, now) + " (" + duration_text(*listing.until - now) +
-            " left)";
+  if (listing.until) text += ", but suspended " + suspension_text(*listing.until, now);
   return text;
 }
 
@@ -128,7 +124,7 @@ int try_host(const CommonOptions& options, const std::string& given) {
   const Listing listing = look_up(stored.list, name, now);
   const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
   Delivery delivery = delivery_of(stored.version, keeper, ask_extension(options.client));
-  const auto unrecognised = recognition_fault(options.client, service_state(kExtensionUnit));
+  const auto unrecognised = recognition_fault(options.client);
   if (unrecognised && unrecognised->isInForce)
     delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
   const Verdict verdict = verdict_of(listing, delivery.state);

@@ -17,7 +17,6 @@
 namespace orvane {
 namespace {
 
-constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
 constexpr int kAttempts = 3;
 
 // What one table holds that is ours, as iptables-save(8) writes it.

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/NetworkExtension.h"
 
@@ -25,6 +26,9 @@ constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (p
 inline constexpr uint16_t kQueueNumber = 20743;
 
 enum class AddressFamily { IPv4, IPv6 };
+
+// The rule that leads from OUTPUT into the chains, in each table, as iptables-save(8) prints it.
+inline constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
 
 // The rules of one family as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: the chains with
 // their rules, without the jumps from OUTPUT into them. Nothing, with `error` set, when a rule cannot be said to the

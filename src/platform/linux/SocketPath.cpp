@@ -1,5 +1,6 @@
 #include "SocketPath.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -90,6 +91,14 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   }
   if (!paths.empty()) error->clear();
   return paths;
+}
+
+int connect_to(const std::string& path, const Descriptor& connection) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
 }
 
 }  // namespace orvane

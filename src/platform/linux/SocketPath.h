@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/Descriptor.h"
+
 // Where the control channel's socket stands: a file that bears the service's name.
 namespace orvane {
 
@@ -24,5 +26,8 @@ std::optional<ServerSocket> server_socket(const std::string& service, std::strin
 // Where a client of this process's user looks, in this order: the user's runtime directory and the folder orvane-se in
 // it, /run/orvane-se, /run. Empty, with *error set, when the name cannot be a socket's.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
+
+// Connects a Unix-domain stream socket to one at a path. 0, or what went wrong (errno).
+int connect_to(const std::string& path, const Descriptor& connection);
 
 }  // namespace orvane
