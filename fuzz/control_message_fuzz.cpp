@@ -10,7 +10,7 @@
 
 #include "platform/Log.h"
 #include "platform/linux/ControlSession.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/ValueMessage.h"
 
 namespace orvane {

@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "companion/linux/WriteAll.h"
-#include "platform/linux/Descriptor.h"
+#include "src/platform/linux/base/WriteAll.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/ProcessInformation.h"
 
 namespace orvane {

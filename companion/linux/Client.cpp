@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "platform/linux/ControlStream.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/SocketPath.h"
 #include "platform/linux/SocketPort.h"
 #include "platform/linux/ValueMessage.h"

@@ -17,8 +17,8 @@
 #include "companion/linux/Doctor.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/ServiceState.h"
-#include "platform/linux/Command.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Command.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/ProcessInformation.h"
 #include "platform/linux/SocketPath.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

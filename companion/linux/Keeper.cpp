@@ -25,7 +25,7 @@
 #include "companion/linux/ListFile.h"
 #include "companion/linux/PathWatch.h"
 #include "companion/linux/SentList.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {

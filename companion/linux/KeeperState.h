@@ -12,7 +12,7 @@
 
 #include "companion/linux/BlockList.h"
 #include "companion/linux/ListFile.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

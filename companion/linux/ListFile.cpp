@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "companion/Input.h"
-#include "companion/linux/WriteAll.h"
-#include "platform/linux/Descriptor.h"
+#include "src/platform/linux/base/WriteAll.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {

@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

@@ -8,7 +8,7 @@
 
 #include "platform/PropertyList.h"
 #include "platform/ReadStream.h"
-#include "platform/linux/FileURL.h"
+#include "platform/linux/base/FileURL.h"
 
 namespace orvane {
 namespace {

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/Command.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Command.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {

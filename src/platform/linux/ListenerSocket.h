@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

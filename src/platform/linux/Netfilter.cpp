@@ -16,7 +16,7 @@
 #include "platform/linux/ProcessInformation.h"
 #include "platform/linux/QueueWatchdog.h"
 #include "platform/linux/QueuedFlows.h"
-#include "platform/linux/SocketIO.h"
+#include "platform/linux/base/SocketIO.h"
 
 namespace orvane {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/FlowSource.h"
 #include "platform/linux/KernelRules.h"
 

@@ -14,7 +14,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Log.h"
-#include "platform/linux/Error.h"
+#include "platform/linux/base/Error.h"
 #include "platform/linux/FlowCounters.h"
 #include "platform/linux/FlowSource.h"
 #include "platform/linux/Netfilter.h"

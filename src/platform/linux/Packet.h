@@ -4,7 +4,7 @@
 #include <optional>
 #include <span>
 
-#include "platform/linux/SocketAddress.h"
+#include "platform/linux/base/SocketAddress.h"
 
 namespace orvane {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/Process.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/Error.h"
+#include "platform/linux/base/Error.h"
 #include "platform/linux/PropertyListCheck.h"
 
 namespace orvane {

@@ -15,7 +15,7 @@
 
 #include "platform/Log.h"
 #include "platform/linux/ProxyConnection.h"
-#include "platform/linux/SocketIO.h"
+#include "platform/linux/base/SocketIO.h"
 
 namespace orvane {
 

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/FlowSource.h"
 
 namespace orvane {

@@ -12,7 +12,7 @@
 #include "platform/linux/ProxyHead.h"
 #include "platform/linux/Relay.h"
 #include "platform/linux/ServerName.h"
-#include "platform/linux/SocketIO.h"
+#include "platform/linux/base/SocketIO.h"
 #include "platform/linux/SocketOwner.h"
 
 namespace orvane {

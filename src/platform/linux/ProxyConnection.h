@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "platform/NetworkExtension.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

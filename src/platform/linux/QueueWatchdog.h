@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

@@ -8,8 +8,8 @@
 #include <optional>
 #include <utility>
 
-#include "platform/linux/Descriptor.h"
-#include "platform/linux/FileURL.h"
+#include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/FileURL.h"
 
 namespace orvane {
 

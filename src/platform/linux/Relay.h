@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "platform/linux/ProxyHead.h"
-#include "platform/linux/SocketIO.h"
+#include "platform/linux/base/SocketIO.h"
 
 namespace orvane {
 

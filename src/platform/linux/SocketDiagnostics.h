@@ -6,7 +6,7 @@
 #include <functional>
 #include <optional>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/SocketOwner.h"
 
 namespace orvane {

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "SocketOpeners.skel.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/Value.h"
-#include "platform/linux/SocketAddress.h"
+#include "platform/linux/base/SocketAddress.h"
 
 namespace orvane {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 // Where the control channel's socket stands: a file that bears the service's name.
 namespace orvane {

@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "ControlSession.h"
-#include "Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "ListenerSocket.h"
 #include "SocketPath.h"
 #include "platform/Log.h"

@@ -5,7 +5,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/ReadStream.h"
-#include "platform/linux/FileURL.h"
+#include "platform/linux/base/FileURL.h"
 #include "platform/linux/TemporaryFolder.h"
 
 namespace orvane {

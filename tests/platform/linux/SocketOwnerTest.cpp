@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "platform/Process.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/Programs.h"
 #include "platform/linux/SocketOwner.h"
 

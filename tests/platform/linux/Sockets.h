@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 

@@ -16,7 +16,7 @@
 #include "companion/Client.h"
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/TemporaryFolder.h"
 #include "service/OrvaneSECommunication.h"
 

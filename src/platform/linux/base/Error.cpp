@@ -1,4 +1,4 @@
-#include "platform/linux/Error.h"
+#include "platform/linux/base/Error.h"
 
 #include <utility>
 

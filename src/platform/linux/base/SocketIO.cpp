@@ -1,4 +1,4 @@
-#include "platform/linux/SocketIO.h"
+#include "platform/linux/base/SocketIO.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>

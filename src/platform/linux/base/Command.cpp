@@ -1,4 +1,4 @@
-#include "platform/linux/Command.h"
+#include "platform/linux/base/Command.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/SocketAddress.h"
+#include "platform/linux/base/SocketAddress.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

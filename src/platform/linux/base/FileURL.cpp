@@ -1,4 +1,4 @@
-#include "platform/linux/FileURL.h"
+#include "platform/linux/base/FileURL.h"
 
 #include <boost/url/encode.hpp>
 #include <boost/url/parse.hpp>

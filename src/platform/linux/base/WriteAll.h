@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <string_view>
 
-#include "platform/linux/Descriptor.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 
