@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/linux/base/Error.h"
-#include "platform/linux/PropertyListCheck.h"
+#include "platform/linux/foundation/PropertyListCheck.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/PropertyListCheck.h"
+#include "platform/linux/foundation/PropertyListCheck.h"
 
 #include <libxml/SAX2.h>
 #include <libxml/parser.h>
