@@ -9,9 +9,9 @@
 #include <string>
 
 #include "platform/Log.h"
-#include "platform/linux/ControlSession.h"
+#include "platform/linux/control/ControlSession.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/ValueMessage.h"
+#include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
 

@@ -11,11 +11,11 @@
 #include <deque>
 #include <vector>
 
-#include "platform/linux/ControlStream.h"
+#include "platform/linux/control/ControlStream.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/SocketPath.h"
-#include "platform/linux/SocketPort.h"
-#include "platform/linux/ValueMessage.h"
+#include "platform/linux/control/SocketPath.h"
+#include "platform/linux/control/SocketPort.h"
+#include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
 namespace {

@@ -20,7 +20,7 @@
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/ProcessInformation.h"
-#include "platform/linux/SocketPath.h"
+#include "platform/linux/control/SocketPath.h"
 
 namespace orvane {
 namespace {

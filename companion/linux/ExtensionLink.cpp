@@ -8,7 +8,7 @@
 #include "companion/linux/CallLimit.h"
 #include "companion/linux/KeeperLog.h"
 #include "companion/linux/SentList.h"
-#include "platform/linux/SocketPath.h"
+#include "platform/linux/control/SocketPath.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "ListenerSocket.h"
+#include "platform/linux/control/ListenerSocket.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,4 +1,4 @@
-#include "ValueMessage.h"
+#include "platform/linux/control/ValueMessage.h"
 
 #include <kj/exception.h>
 

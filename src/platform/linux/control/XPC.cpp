@@ -14,10 +14,10 @@
 #include <system_error>
 #include <thread>
 
-#include "ControlSession.h"
+#include "platform/linux/control/ControlSession.h"
 #include "platform/linux/base/Descriptor.h"
-#include "ListenerSocket.h"
-#include "SocketPath.h"
+#include "platform/linux/control/ListenerSocket.h"
+#include "platform/linux/control/SocketPath.h"
 #include "platform/Log.h"
 
 namespace orvane {

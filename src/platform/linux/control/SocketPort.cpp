@@ -1,4 +1,4 @@
-#include "SocketPort.h"
+#include "platform/linux/control/SocketPort.h"
 
 #include <poll.h>
 

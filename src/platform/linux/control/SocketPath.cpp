@@ -1,4 +1,4 @@
-#include "SocketPath.h"
+#include "platform/linux/control/SocketPath.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "ControlStream.h"
+#include "platform/linux/control/ControlStream.h"
 
 #include <capnp/serialize.h>
 #include <kj/exception.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 #include <utility>
 
-#include "ValueMessage.h"
+#include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "SocketPort.h"
+#include "platform/linux/control/SocketPort.h"
 
 // The byte stream beneath the control channel: Cap'n Proto messages in the standard framing, over a Unix-domain socket.
 namespace orvane {

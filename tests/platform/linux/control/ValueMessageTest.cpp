@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "platform/linux/ValueMessage.h"
+#include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
 namespace {

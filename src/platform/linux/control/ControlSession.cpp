@@ -1,4 +1,4 @@
-#include "ControlSession.h"
+#include "platform/linux/control/ControlSession.h"
 
 #include <capnp/rpc-twoparty.h>
 #include <capnp/rpc.capnp.h>
@@ -7,8 +7,8 @@
 #include <atomic>
 #include <string_view>
 
-#include "ControlStream.h"
-#include "ValueMessage.h"
+#include "platform/linux/control/ControlStream.h"
+#include "platform/linux/control/ValueMessage.h"
 #include "platform/Log.h"
 
 namespace orvane {
