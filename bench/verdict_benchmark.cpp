@@ -8,7 +8,7 @@
 #include "diagnostics/os_log_dump.h"
 #include "filter/FilterDataProvider.h"
 #include "identity/PLAudtToken.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

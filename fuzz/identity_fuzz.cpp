@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "platform/linux/DesktopEntry.h"
-#include "platform/linux/ProcessIdentity.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/DesktopEntry.h"
+#include "platform/linux/process/ProcessIdentity.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 // What programs and packages write and the identity of processes is taken from: desktop entries, sandbox descriptions,
 // names of control groups, and the line that holds a process's self-chosen name.

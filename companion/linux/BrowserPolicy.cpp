@@ -14,7 +14,7 @@
 
 #include "src/platform/linux/base/WriteAll.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
 namespace {

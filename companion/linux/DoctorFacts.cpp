@@ -19,7 +19,7 @@
 #include "companion/linux/ServiceState.h"
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/control/SocketPath.h"
 
 namespace orvane {

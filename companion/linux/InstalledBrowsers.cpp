@@ -12,9 +12,9 @@
 #include <memory>
 
 #include "platform/PropertyList.h"
-#include "platform/linux/DesktopEntry.h"
-#include "platform/linux/ProcessIdentity.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/DesktopEntry.h"
+#include "platform/linux/process/ProcessIdentity.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "companion/linux/BrowserPolicy.h"
-#include "platform/linux/ApplicationIndex.h"
+#include "platform/linux/process/ApplicationIndex.h"
 
 namespace orvane {
 

@@ -13,7 +13,7 @@
 #include "platform/Log.h"
 #include "platform/linux/FlowCounters.h"
 #include "platform/linux/PacketQueue.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/QueueWatchdog.h"
 #include "platform/linux/QueuedFlows.h"
 #include "platform/linux/base/SocketIO.h"

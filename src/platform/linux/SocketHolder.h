@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/SocketOwner.h"
 
 namespace orvane {

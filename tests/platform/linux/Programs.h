@@ -8,7 +8,7 @@
 
 #include <stdexcept>
 
-#include "platform/linux/ApplicationIndex.h"
+#include "platform/linux/process/ApplicationIndex.h"
 #include "platform/linux/TemporaryFolder.h"
 
 namespace orvane {

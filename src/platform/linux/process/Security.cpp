@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/Process.h"
-#include "platform/linux/ProcessIdentity.h"
+#include "platform/linux/process/ProcessIdentity.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,8 +3,8 @@
 #include <functional>
 #include <thread>
 
-#include "platform/linux/ApplicationIndex.h"
-#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/process/ApplicationIndex.h"
+#include "platform/linux/process/DesktopEntry.h"
 #include "platform/linux/Programs.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
 namespace {

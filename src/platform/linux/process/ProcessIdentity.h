@@ -10,8 +10,8 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "platform/linux/ApplicationIndex.h"
-#include "platform/linux/ProcessInformation.h"
+#include "platform/linux/process/ApplicationIndex.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 

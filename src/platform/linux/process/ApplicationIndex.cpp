@@ -1,4 +1,4 @@
-#include "platform/linux/ApplicationIndex.h"
+#include "platform/linux/process/ApplicationIndex.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
 namespace {

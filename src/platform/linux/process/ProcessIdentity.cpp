@@ -1,4 +1,4 @@
-#include "platform/linux/ProcessIdentity.h"
+#include "platform/linux/process/ProcessIdentity.h"
 
 #include <sys/stat.h>
 
@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/DesktopEntry.h"
+#include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
 namespace {

@@ -1,7 +1,7 @@
 #include <fcntl.h>
 
 #include "platform/Process.h"
-#include "platform/linux/ProcessIdentity.h"
+#include "platform/linux/process/ProcessIdentity.h"
 #include "platform/linux/Programs.h"
 
 namespace orvane {
