@@ -13,7 +13,7 @@
 #include "platform/linux/Relay.h"
 #include "platform/linux/ServerName.h"
 #include "platform/linux/base/SocketIO.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 namespace {

@@ -10,7 +10,7 @@
 #include "platform/linux/FirstFlight.h"
 #include "platform/linux/LinuxFlow.h"
 #include "platform/linux/Packet.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 

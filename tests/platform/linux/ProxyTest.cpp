@@ -8,7 +8,7 @@
 #include "platform/linux/Proxy.h"
 #include "platform/linux/ScriptedProvider.h"
 #include "platform/linux/base/SocketIO.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 #include "platform/linux/Sockets.h"
 
 namespace orvane {

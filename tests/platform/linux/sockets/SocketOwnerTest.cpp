@@ -14,7 +14,7 @@
 #include "platform/Process.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/Programs.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 namespace {

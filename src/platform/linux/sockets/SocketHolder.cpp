@@ -1,4 +1,4 @@
-#include "platform/linux/SocketHolder.h"
+#include "platform/linux/sockets/SocketHolder.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -5,7 +5,7 @@
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
 
-#include "SocketRecords.h"
+#include "platform/linux/sockets/SocketRecords.h"
 
 // None of the helpers used here asks for a license; the kernel wants to know anyway.
 const char license_text[] SEC("license") = "Proprietary";

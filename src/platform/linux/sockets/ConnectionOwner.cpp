@@ -2,9 +2,9 @@
 
 #include <netinet/in.h>
 
-#include "platform/linux/SocketDiagnostics.h"
-#include "platform/linux/SocketHolder.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketDiagnostics.h"
+#include "platform/linux/sockets/SocketHolder.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 namespace {

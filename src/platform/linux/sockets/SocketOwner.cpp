@@ -1,4 +1,4 @@
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/SocketDiagnostics.h"
-#include "platform/linux/SocketHolder.h"
-#include "platform/linux/SocketOpeners.h"
+#include "platform/linux/sockets/SocketDiagnostics.h"
+#include "platform/linux/sockets/SocketHolder.h"
+#include "platform/linux/sockets/SocketOpeners.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/SocketOpeners.h"
+#include "platform/linux/sockets/SocketOpeners.h"
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>

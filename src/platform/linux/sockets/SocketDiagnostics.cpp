@@ -1,4 +1,4 @@
-#include "platform/linux/SocketDiagnostics.h"
+#include "platform/linux/sockets/SocketDiagnostics.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/linux/SocketOwner.h"
-#include "platform/linux/SocketRecords.h"
+#include "platform/linux/sockets/SocketOwner.h"
+#include "platform/linux/sockets/SocketRecords.h"
 
 namespace orvane {
 

@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "platform/linux/process/ProcessInformation.h"
-#include "platform/linux/SocketOwner.h"
+#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 
