@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "platform/linux/ServerName.h"
+#include "platform/linux/flow/ServerName.h"
 
 namespace orvane {
 

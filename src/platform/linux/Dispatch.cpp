@@ -6,7 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 
-#include "platform/linux/FlowCounters.h"
+#include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/ProviderHost.h"
 
 namespace orvane {

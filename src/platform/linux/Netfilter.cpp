@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "platform/Log.h"
-#include "platform/linux/FlowCounters.h"
+#include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/PacketQueue.h"
 #include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/QueueWatchdog.h"

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/FlowSource.h"
+#include "platform/linux/flow/FlowSource.h"
 #include "platform/linux/KernelRules.h"
 
 namespace orvane {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/FlowSource.h"
+#include "platform/linux/flow/FlowSource.h"
 
 namespace orvane {
 

@@ -6,12 +6,12 @@
 #include <cerrno>
 #include <memory>
 
-#include "platform/linux/FilterRules.h"
-#include "platform/linux/FilterSession.h"
-#include "platform/linux/LinuxFlow.h"
+#include "platform/linux/flow/FilterRules.h"
+#include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/ProxyHead.h"
 #include "platform/linux/Relay.h"
-#include "platform/linux/ServerName.h"
+#include "platform/linux/flow/ServerName.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/sockets/SocketOwner.h"
 

@@ -3,8 +3,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "platform/linux/FlowCounters.h"
-#include "platform/linux/ServerName.h"
+#include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/flow/ServerName.h"
 
 namespace orvane {
 namespace {

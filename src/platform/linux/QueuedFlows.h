@@ -6,9 +6,9 @@
 #include <list>
 #include <unordered_map>
 
-#include "platform/linux/FilterSession.h"
+#include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/FirstFlight.h"
-#include "platform/linux/LinuxFlow.h"
+#include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/Packet.h"
 #include "platform/linux/sockets/SocketOwner.h"
 

@@ -9,7 +9,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/Dispatch.h"
-#include "platform/linux/ScriptedProvider.h"
+#include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/Sockets.h"
 #include "platform/linux/TemporaryFolder.h"
 

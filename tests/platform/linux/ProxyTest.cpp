@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "platform/linux/Proxy.h"
-#include "platform/linux/ScriptedProvider.h"
+#include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/sockets/SocketOwner.h"
 #include "platform/linux/Sockets.h"

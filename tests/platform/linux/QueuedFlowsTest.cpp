@@ -3,9 +3,9 @@
 
 #include <string_view>
 
-#include "platform/linux/FlowCounters.h"
+#include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/QueuedFlows.h"
-#include "platform/linux/ScriptedProvider.h"
+#include "platform/linux/flow/ScriptedProvider.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/FilterRules.h"
+#include "platform/linux/flow/FilterRules.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>

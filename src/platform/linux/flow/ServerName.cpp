@@ -1,4 +1,4 @@
-#include "platform/linux/ServerName.h"
+#include "platform/linux/flow/ServerName.h"
 
 #include <gnutls/gnutls.h>
 

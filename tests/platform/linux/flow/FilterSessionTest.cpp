@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "platform/linux/FilterRules.h"
-#include "platform/linux/FilterSession.h"
-#include "platform/linux/LinuxFlow.h"
-#include "platform/linux/ScriptedProvider.h"
+#include "platform/linux/flow/FilterRules.h"
+#include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/LinuxFlow.h"
+#include "platform/linux/flow/ScriptedProvider.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/FlowCounters.h"
+#include "platform/linux/flow/FlowCounters.h"
 
 #include "platform/Log.h"
 

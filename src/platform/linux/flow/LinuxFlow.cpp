@@ -1,4 +1,4 @@
-#include "platform/linux/LinuxFlow.h"
+#include "platform/linux/flow/LinuxFlow.h"
 
 namespace orvane {
 namespace {

@@ -1,8 +1,8 @@
-#include "platform/linux/FilterSession.h"
+#include "platform/linux/flow/FilterSession.h"
 
 #include <algorithm>
 
-#include "platform/linux/FlowCounters.h"
+#include "platform/linux/flow/FlowCounters.h"
 
 namespace orvane {
 namespace {
