@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/linux/FirstFlight.h"
+#include "platform/linux/netfilter/FirstFlight.h"
 
 using namespace orvane;
 

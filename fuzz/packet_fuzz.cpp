@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "platform/linux/Packet.h"
+#include "platform/linux/netfilter/Packet.h"
 
 using namespace orvane;
 

@@ -5,8 +5,8 @@
 
 #include <cstdio>
 
-#include "platform/linux/KernelRules.h"
-#include "platform/linux/PacketQueue.h"
+#include "platform/linux/netfilter/KernelRules.h"
+#include "platform/linux/netfilter/PacketQueue.h"
 
 using namespace orvane;
 

@@ -8,7 +8,7 @@
 
 #include "companion/Output.h"
 #include "companion/linux/DoctorBrowsers.h"
-#include "platform/linux/KernelRules.h"
+#include "platform/linux/netfilter/KernelRules.h"
 
 namespace orvane {
 namespace {

@@ -17,7 +17,7 @@
 #include "platform/linux/base/Error.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/FlowSource.h"
-#include "platform/linux/Netfilter.h"
+#include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/ProviderHost.h"
 #include "platform/linux/Proxy.h"
 

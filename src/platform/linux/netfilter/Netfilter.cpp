@@ -1,4 +1,4 @@
-#include "platform/linux/Netfilter.h"
+#include "platform/linux/netfilter/Netfilter.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -12,10 +12,10 @@
 
 #include "platform/Log.h"
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/PacketQueue.h"
+#include "platform/linux/netfilter/PacketQueue.h"
 #include "platform/linux/process/ProcessInformation.h"
-#include "platform/linux/QueueWatchdog.h"
-#include "platform/linux/QueuedFlows.h"
+#include "platform/linux/netfilter/QueueWatchdog.h"
+#include "platform/linux/netfilter/QueuedFlows.h"
 #include "platform/linux/base/SocketIO.h"
 
 namespace orvane {

@@ -7,7 +7,7 @@
 
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/flow/FlowSource.h"
-#include "platform/linux/KernelRules.h"
+#include "platform/linux/netfilter/KernelRules.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/KernelRules.h"
+#include "platform/linux/netfilter/KernelRules.h"
 
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "platform/linux/Packet.h"
+#include "platform/linux/netfilter/Packet.h"
 
 namespace orvane {
 namespace {

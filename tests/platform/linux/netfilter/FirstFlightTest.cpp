@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "platform/linux/FirstFlight.h"
+#include "platform/linux/netfilter/FirstFlight.h"
 
 namespace orvane {
 namespace {

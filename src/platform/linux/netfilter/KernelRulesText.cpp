@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/linux/KernelRules.h"
+#include "platform/linux/netfilter/KernelRules.h"
 
 namespace orvane {
 namespace {

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/QueuedFlows.h"
+#include "platform/linux/netfilter/QueuedFlows.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 
 namespace orvane {

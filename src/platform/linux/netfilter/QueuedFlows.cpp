@@ -1,4 +1,4 @@
-#include "platform/linux/QueuedFlows.h"
+#include "platform/linux/netfilter/QueuedFlows.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>

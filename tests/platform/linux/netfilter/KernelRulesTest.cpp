@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/linux/KernelRules.h"
+#include "platform/linux/netfilter/KernelRules.h"
 #include "platform/linux/Sockets.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "platform/linux/QueueWatchdog.h"
+#include "platform/linux/netfilter/QueueWatchdog.h"
 
 #include <fcntl.h>
 #include <libmnl/libmnl.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/PacketQueue.h"
+#include "platform/linux/netfilter/PacketQueue.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -7,9 +7,9 @@
 #include <unordered_map>
 
 #include "platform/linux/flow/FilterSession.h"
-#include "platform/linux/FirstFlight.h"
+#include "platform/linux/netfilter/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
-#include "platform/linux/Packet.h"
+#include "platform/linux/netfilter/Packet.h"
 #include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "platform/linux/Packet.h"
+#include "platform/linux/netfilter/Packet.h"
 
 #include <netinet/in.h>
 

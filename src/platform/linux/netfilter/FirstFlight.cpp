@@ -1,4 +1,4 @@
-#include "platform/linux/FirstFlight.h"
+#include "platform/linux/netfilter/FirstFlight.h"
 
 #include <algorithm>
 
