@@ -1,5 +1,5 @@
 #include "FirstBytes.h"
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 using namespace orvane;
 

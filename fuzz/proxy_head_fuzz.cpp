@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/flow/ServerName.h"
 
 // The first bytes of a client, as the proxy reads them: the head, what follows it as a body, and all of it as the first

@@ -19,7 +19,7 @@
 #include "platform/linux/flow/FlowSource.h"
 #include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/ProviderHost.h"
-#include "platform/linux/Proxy.h"
+#include "platform/linux/proxy/Proxy.h"
 
 namespace orvane {
 namespace {

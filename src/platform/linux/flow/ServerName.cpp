@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 namespace orvane {
 namespace {

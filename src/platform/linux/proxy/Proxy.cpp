@@ -1,4 +1,4 @@
-#include "platform/linux/Proxy.h"
+#include "platform/linux/proxy/Proxy.h"
 
 #include <netinet/in.h>
 #include <poll.h>
@@ -14,7 +14,7 @@
 #include <system_error>
 
 #include "platform/Log.h"
-#include "platform/linux/ProxyConnection.h"
+#include "platform/linux/proxy/ProxyConnection.h"
 #include "platform/linux/base/SocketIO.h"
 
 namespace orvane {

@@ -7,7 +7,7 @@
 #include <span>
 #include <string_view>
 
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/base/SocketIO.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "platform/linux/ProxyConnection.h"
+#include "platform/linux/proxy/ProxyConnection.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,8 +9,8 @@
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/LinuxFlow.h"
-#include "platform/linux/ProxyHead.h"
-#include "platform/linux/Relay.h"
+#include "platform/linux/proxy/ProxyHead.h"
+#include "platform/linux/proxy/Relay.h"
 #include "platform/linux/flow/ServerName.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/sockets/SocketOwner.h"

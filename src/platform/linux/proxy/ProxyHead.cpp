@@ -1,4 +1,4 @@
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 #include <strings.h>
 

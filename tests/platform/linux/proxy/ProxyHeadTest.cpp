@@ -2,7 +2,7 @@
 
 #include <tuple>
 
-#include "platform/linux/ProxyHead.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/Relay.h"
+#include "platform/linux/proxy/Relay.h"
 
 #include <algorithm>
 #include <cerrno>
