@@ -18,7 +18,7 @@
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/FlowSource.h"
 #include "platform/linux/netfilter/Netfilter.h"
-#include "platform/linux/ProviderHost.h"
+#include "platform/linux/host/ProviderHost.h"
 #include "platform/linux/proxy/Proxy.h"
 
 namespace orvane {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/ProviderHost.h"
+#include "platform/linux/host/ProviderHost.h"
 
 namespace orvane {
 namespace {
