@@ -9,7 +9,7 @@
 #include <utility>
 
 #import "platform/macos/OrvaneSECommunication.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

@@ -1,8 +1,8 @@
 #import "platform/macos/PLProviderShell.h"
 
-#include "platform/macos/Block.h"
+#include "platform/macos/foundation/Block.h"
 #include "platform/macos/Flow.h"
-#include "platform/macos/Foundation.h"
+#include "platform/macos/foundation/Foundation.h"
 #include "platform/macos/NetworkExtension.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #import <Foundation/Foundation.h>
 
 #include "platform/Log.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Values.h"
 #import "platform/macos/XPCServiceDelegate.h"
 
 namespace orvane {

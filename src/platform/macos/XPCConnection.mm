@@ -1,6 +1,6 @@
 #import "platform/macos/XPCConnection.h"
 
-#include "platform/macos/Block.h"
+#include "platform/macos/foundation/Block.h"
 #import "platform/macos/OrvaneController.h"
 
 // There since macOS 11, and declared by the SDKs of later systems only.

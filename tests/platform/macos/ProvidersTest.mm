@@ -2,7 +2,7 @@
 #include "platform/gnustep/Harness.h"
 #import "platform/macos/FilterDataProvider.h"
 #import "platform/macos/PLSafariFilterDataProvider.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

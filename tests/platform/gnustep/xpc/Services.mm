@@ -9,7 +9,7 @@
 
 #include "platform/StandIn.h"
 #import "platform/macos/OrvaneSECommunication.h"
-#include "platform/macos/Retained.h"
+#include "platform/macos/foundation/Retained.h"
 
 using orvane::Retained;
 using orvane::stand_in::trace;

@@ -1,4 +1,4 @@
-#include "platform/macos/UTF16.h"
+#include "platform/macos/foundation/UTF16.h"
 
 #include <cstdint>
 

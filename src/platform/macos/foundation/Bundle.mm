@@ -2,8 +2,8 @@
 
 #import <Foundation/Foundation.h>
 
-#include "platform/macos/CoreFoundation.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/CoreFoundation.h"
+#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

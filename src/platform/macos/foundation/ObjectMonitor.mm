@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/Synchronization.h"
-#include "platform/macos/Counterpart.h"
+#include "platform/macos/foundation/Counterpart.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "platform/macos/CoreFoundation.h"
+#include "platform/macos/foundation/CoreFoundation.h"
 
 namespace orvane {
 

@@ -1,9 +1,9 @@
-#include "platform/macos/Foundation.h"
+#include "platform/macos/foundation/Foundation.h"
 
 #import <Foundation/Foundation.h>
 
-#include "platform/macos/Retained.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Retained.h"
+#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

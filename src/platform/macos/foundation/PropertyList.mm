@@ -2,9 +2,9 @@
 
 #import <Foundation/Foundation.h>
 
-#include "platform/macos/CoreFoundation.h"
-#include "platform/macos/Foundation.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/CoreFoundation.h"
+#include "platform/macos/foundation/Foundation.h"
+#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 

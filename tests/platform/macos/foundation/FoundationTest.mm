@@ -1,14 +1,14 @@
 // Ours first: the system's headers make "Nil", a kind of value, a macro.
 // clang-format off
-#include "platform/macos/Foundation.h"
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Foundation.h"
+#include "platform/macos/foundation/Values.h"
 // clang-format on
 
 #import <Foundation/Foundation.h>
 #include <gtest/gtest.h>
 
 #include "platform/gnustep/Harness.h"
-#include "platform/macos/UTF16.h"
+#include "platform/macos/foundation/UTF16.h"
 
 namespace orvane {
 namespace {

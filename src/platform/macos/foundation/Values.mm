@@ -1,11 +1,11 @@
-#include "platform/macos/Values.h"
+#include "platform/macos/foundation/Values.h"
 
 #import <Foundation/Foundation.h>
 
 #include <cstring>
 #include <utility>
 
-#include "platform/macos/UTF16.h"
+#include "platform/macos/foundation/UTF16.h"
 
 namespace orvane {
 namespace {

@@ -1,6 +1,6 @@
 #include "platform/ReadStream.h"
 
-#include "platform/macos/CoreFoundation.h"
+#include "platform/macos/foundation/CoreFoundation.h"
 
 namespace orvane {
 
