@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#import "platform/macos/OrvaneSECommunication.h"
+#import "platform/macos/control/OrvaneSECommunication.h"
 #include "platform/macos/foundation/Values.h"
 
 namespace orvane {

@@ -8,7 +8,7 @@
 #include <set>
 
 #include "platform/StandIn.h"
-#import "platform/macos/OrvaneSECommunication.h"
+#import "platform/macos/control/OrvaneSECommunication.h"
 #include "platform/macos/foundation/Retained.h"
 
 using orvane::Retained;

@@ -4,7 +4,7 @@
 // clang-format off
 #include "service/OrvaneSECommunication.h"
 
-#import "platform/macos/OrvaneSECommunication.h"
+#import "platform/macos/control/OrvaneSECommunication.h"
 // clang-format on
 
 // The shell of a control object: what connections export in its place. It hands each message on as it came.

@@ -1,4 +1,4 @@
-#import "platform/macos/OrvaneController.h"
+#import "platform/macos/control/OrvaneController.h"
 
 #include <mutex>
 

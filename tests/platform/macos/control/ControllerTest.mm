@@ -3,7 +3,7 @@
 #include <chrono>
 #include <future>
 
-#import "platform/macos/OrvaneController.h"
+#import "platform/macos/control/OrvaneController.h"
 #include "service/OrvaneController.h"
 
 namespace orvane {

@@ -4,7 +4,7 @@
 
 #include "platform/Log.h"
 #include "platform/macos/foundation/Values.h"
-#import "platform/macos/XPCServiceDelegate.h"
+#import "platform/macos/control/XPCServiceDelegate.h"
 
 namespace orvane {
 namespace {

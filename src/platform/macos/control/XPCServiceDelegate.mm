@@ -1,6 +1,6 @@
-#import "platform/macos/XPCServiceDelegate.h"
+#import "platform/macos/control/XPCServiceDelegate.h"
 
-#import "platform/macos/XPCConnection.h"
+#import "platform/macos/control/XPCConnection.h"
 
 @implementation XPCServiceDelegate
 
