@@ -1,4 +1,4 @@
-#include "platform/macos/NetworkExtension.h"
+#include "platform/macos/flow/NetworkExtension.h"
 
 #import <NetworkExtension/NetworkExtension.h>
 

@@ -1,4 +1,4 @@
-#include "platform/macos/Flow.h"
+#include "platform/macos/flow/Flow.h"
 
 #import <NetworkExtension/NetworkExtension.h>
 

@@ -1,8 +1,8 @@
-#import "platform/macos/PLSafariFilterDataProvider.h"
+#import "platform/macos/flow/PLSafariFilterDataProvider.h"
 
 #include "filter/PLSafariFilterDataProvider.h"
-#include "platform/macos/Flow.h"
-#include "platform/macos/NetworkExtension.h"
+#include "platform/macos/flow/Flow.h"
+#include "platform/macos/flow/NetworkExtension.h"
 
 @implementation PLSafariFilterDataProvider
 

@@ -1,8 +1,8 @@
-#import "platform/macos/FilterDataProvider.h"
+#import "platform/macos/flow/FilterDataProvider.h"
 
 #include "filter/FilterDataProvider.h"
-#include "platform/macos/Flow.h"
-#include "platform/macos/NetworkExtension.h"
+#include "platform/macos/flow/Flow.h"
+#include "platform/macos/flow/NetworkExtension.h"
 
 @implementation FilterDataProvider
 

@@ -1,7 +1,7 @@
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
-#import "platform/macos/FilterDataProvider.h"
-#import "platform/macos/PLSafariFilterDataProvider.h"
+#import "platform/macos/flow/FilterDataProvider.h"
+#import "platform/macos/flow/PLSafariFilterDataProvider.h"
 #include "platform/macos/foundation/Values.h"
 
 namespace orvane {

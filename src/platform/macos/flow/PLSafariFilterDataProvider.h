@@ -1,6 +1,6 @@
 #pragma once
 
-#import "platform/macos/PLProviderShell.h"
+#import "platform/macos/flow/PLProviderShell.h"
 
 // The class that a bundle names for the C++ class of the same name.
 @interface PLSafariFilterDataProvider : PLProviderShell
