@@ -21,10 +21,10 @@
 
 #include "Client.h"
 #include "CommandSet.h"
-#include "HostnameList.h"
-#include "Input.h"
-#include "Output.h"
-#include "Properties.h"
+#include "companion/text/HostnameList.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
+#include "companion/text/Properties.h"
 #include "ProtocolCall.h"
 
 namespace orvane {

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
-#include "Input.h"
-#include "Properties.h"
+#include "companion/text/Input.h"
+#include "companion/text/Properties.h"
 
 namespace orvane {
 namespace {

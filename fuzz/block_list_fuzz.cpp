@@ -2,7 +2,7 @@
 #include <string>
 #include <string_view>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/BlockList.h"
 #include "companion/linux/ListImport.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "companion/HostnameList.h"
+#include "companion/text/HostnameList.h"
 #include "companion/linux/BlockListLine.h"
 
 namespace orvane {

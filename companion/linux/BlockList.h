@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "companion/linux/TimeText.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "companion/Hostname.h"
-#include "companion/HostnameList.h"
-#include "companion/Input.h"
-#include "companion/linux/TimeText.h"
+#include "companion/text/Hostname.h"
+#include "companion/text/HostnameList.h"
+#include "companion/text/Input.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {

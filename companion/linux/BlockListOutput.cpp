@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/BlockListLine.h"
 
 namespace orvane {

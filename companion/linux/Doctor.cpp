@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "companion/Output.h"
+#include "companion/text/Output.h"
 #include "companion/linux/DoctorBrowsers.h"
 #include "platform/linux/netfilter/KernelRules.h"
 

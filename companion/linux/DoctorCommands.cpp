@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "companion/Commands.h"
-#include "companion/Output.h"
+#include "companion/text/Output.h"
 #include "companion/linux/BrowserPolicy.h"
 #include "companion/linux/Doctor.h"
 

@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/Doctor.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/ServiceState.h"

@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "companion/Output.h"
+#include "companion/text/Output.h"
 #include "companion/linux/CallLimit.h"
 #include "companion/linux/KeeperLog.h"
 #include "companion/linux/SentList.h"

@@ -16,8 +16,8 @@
 #include <utility>
 
 #include "companion/Commands.h"
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/EndRequest.h"
 #include "companion/linux/ExtensionLink.h"
 #include "companion/linux/KeeperLog.h"

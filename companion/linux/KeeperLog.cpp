@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "companion/Output.h"
+#include "companion/text/Output.h"
 
 namespace orvane {
 namespace {

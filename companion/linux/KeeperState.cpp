@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/PathWatch.h"
 
 namespace orvane {

@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "companion/Commands.h"
-#include "companion/HostnameList.h"
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/HostnameList.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/BlockListLine.h"
 #include "companion/linux/BlockListOutput.h"
 #include "companion/linux/ListCommandsImport.h"

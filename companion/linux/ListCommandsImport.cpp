@@ -11,8 +11,8 @@
 #include <string>
 
 #include "companion/Commands.h"
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/ListCommandsWait.h"
 #include "companion/linux/ListFile.h"
 #include "companion/linux/ListImport.h"

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListFile.h"
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <utility>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "src/platform/linux/base/WriteAll.h"
 #include "platform/linux/base/Descriptor.h"
 

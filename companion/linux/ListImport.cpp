@@ -7,8 +7,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "companion/HostnameList.h"
-#include "companion/Input.h"
+#include "companion/text/HostnameList.h"
+#include "companion/text/Input.h"
 #include "companion/linux/BlockListLine.h"
 
 namespace orvane {

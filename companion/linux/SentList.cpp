@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "companion/Properties.h"
+#include "companion/text/Properties.h"
 
 namespace orvane {
 namespace {

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "companion/linux/TimeText.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 

@@ -6,13 +6,13 @@
 #include <vector>
 
 #include "companion/Commands.h"
-#include "companion/Output.h"
+#include "companion/text/Output.h"
 #include "companion/linux/BrowserRecognition.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ServiceState.h"
-#include "companion/linux/TimeText.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {

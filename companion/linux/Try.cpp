@@ -6,15 +6,15 @@
 #include <vector>
 
 #include "companion/Commands.h"
-#include "companion/Hostname.h"
-#include "companion/Input.h"
-#include "companion/Output.h"
+#include "companion/text/Hostname.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/linux/BrowserRecognition.h"
 #include "companion/linux/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListFile.h"
-#include "companion/linux/TimeText.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {

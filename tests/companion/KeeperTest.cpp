@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "companion/Client.h"
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/ExtensionLink.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"

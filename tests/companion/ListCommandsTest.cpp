@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <string>
 
-#include "companion/Input.h"
-#include "companion/linux/TimeText.h"
+#include "companion/text/Input.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {

@@ -15,7 +15,7 @@
 #include <functional>
 #include <sstream>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/ListFile.h"
 
 namespace orvane {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "companion/Input.h"
+#include "companion/text/Input.h"
 #include "companion/linux/BlockListLine.h"
 #include "companion/linux/ListImport.h"
 

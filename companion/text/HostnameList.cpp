@@ -1,9 +1,9 @@
-#include "HostnameList.h"
+#include "companion/text/HostnameList.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "Hostname.h"
+#include "companion/text/Hostname.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "Output.h"
+#include "companion/text/Output.h"
 
 #include <unistd.h>
 

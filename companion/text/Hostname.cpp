@@ -1,9 +1,9 @@
-#include "Hostname.h"
+#include "companion/text/Hostname.h"
 
 #include <algorithm>
 #include <array>
 
-#include "Idna.h"
+#include "companion/text/Idna.h"
 
 namespace orvane {
 namespace {

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "companion/Hostname.h"
-#include "companion/HostnameList.h"
+#include "companion/text/Hostname.h"
+#include "companion/text/HostnameList.h"
 
 namespace orvane {
 namespace {

@@ -3,8 +3,8 @@
 #include <string>
 #include <utility>
 
-#include "companion/Input.h"
-#include "companion/Properties.h"
+#include "companion/text/Input.h"
+#include "companion/text/Properties.h"
 
 namespace orvane {
 namespace {

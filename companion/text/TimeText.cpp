@@ -1,4 +1,4 @@
-#include "TimeText.h"
+#include "companion/text/TimeText.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,8 +9,8 @@
 #include <optional>
 #include <utility>
 
-#include "companion/Input.h"
-#include "companion/Properties.h"
+#include "companion/text/Input.h"
+#include "companion/text/Properties.h"
 
 namespace orvane {
 namespace {

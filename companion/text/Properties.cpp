@@ -1,4 +1,4 @@
-#include "Properties.h"
+#include "companion/text/Properties.h"
 
 #include <chrono>
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "Input.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {

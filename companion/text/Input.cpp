@@ -1,4 +1,4 @@
-#include "Input.h"
+#include "companion/text/Input.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "companion/Idna.h"
+#include "companion/text/Idna.h"
 
 #include <idn2.h>
 
