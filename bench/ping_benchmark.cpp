@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "database/db.h"
 #include "platform/XPC.h"
 #include "service/OrvaneController.h"

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "Client.h"
+#include "companion/client/Client.h"
 
 namespace orvane {
 

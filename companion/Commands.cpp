@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "Client.h"
+#include "companion/client/Client.h"
 #include "CommandSet.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"

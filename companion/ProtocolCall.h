@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Client.h"
+#include "companion/client/Client.h"
 
 namespace orvane {
 

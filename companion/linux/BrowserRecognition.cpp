@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "companion/linux/InstalledBrowsers.h"
-#include "companion/linux/ServiceState.h"
+#include "companion/client/ServiceState.h"
 
 namespace orvane {
 

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 
 namespace orvane {
 

@@ -15,8 +15,8 @@
 
 #include "companion/text/Input.h"
 #include "companion/linux/Doctor.h"
-#include "companion/linux/ExtensionAnswer.h"
-#include "companion/linux/ServiceState.h"
+#include "companion/client/ExtensionAnswer.h"
+#include "companion/client/ServiceState.h"
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/process/ProcessInformation.h"

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "companion/text/Output.h"
-#include "companion/linux/CallLimit.h"
+#include "companion/client/CallLimit.h"
 #include "companion/linux/KeeperLog.h"
 #include "companion/linux/SentList.h"
 #include "platform/linux/control/SocketPath.h"

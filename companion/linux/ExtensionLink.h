@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/PathWatch.h"
 

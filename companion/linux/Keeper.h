@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 
 namespace orvane {
 

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "companion/linux/BlockList.h"
 
 // How the extension comes to hold what the list says. The general provider does not look at the date of a suspension:

@@ -8,10 +8,10 @@
 #include "companion/Commands.h"
 #include "companion/text/Output.h"
 #include "companion/linux/BrowserRecognition.h"
-#include "companion/linux/ExtensionAnswer.h"
+#include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
-#include "companion/linux/ServiceState.h"
+#include "companion/client/ServiceState.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {

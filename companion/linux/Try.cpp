@@ -10,7 +10,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/linux/BrowserRecognition.h"
-#include "companion/linux/ExtensionAnswer.h"
+#include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListFile.h"

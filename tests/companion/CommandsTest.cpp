@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "companion/Commands.h"
 
 namespace orvane {

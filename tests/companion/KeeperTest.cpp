@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "companion/text/Input.h"
 #include "companion/linux/ExtensionLink.h"
 #include "companion/linux/KeeperCommands.h"

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "ControlProtocol.capnp.h"
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"

@@ -1,4 +1,4 @@
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 #include "database/Database.h"
 #include "platform/XPC.h"
 #include "platform/gnustep/Harness.h"

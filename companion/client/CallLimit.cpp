@@ -1,4 +1,4 @@
-#include "CallLimit.h"
+#include "companion/client/CallLimit.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>

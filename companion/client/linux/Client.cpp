@@ -1,4 +1,4 @@
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 
 #include <capnp/rpc-twoparty.h>
 #include <kj/common.h>

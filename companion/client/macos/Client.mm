@@ -1,4 +1,4 @@
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 
 #import <Foundation/Foundation.h>
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "companion/Client.h"
+#include "companion/client/Client.h"
 
 namespace orvane {
 

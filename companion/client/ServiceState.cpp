@@ -1,4 +1,4 @@
-#include "ServiceState.h"
+#include "companion/client/ServiceState.h"
 
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>

@@ -1,8 +1,8 @@
-#include "ExtensionAnswer.h"
+#include "companion/client/ExtensionAnswer.h"
 
 #include <memory>
 
-#include "companion/linux/CallLimit.h"
+#include "companion/client/CallLimit.h"
 
 namespace orvane {
 
