@@ -3,8 +3,8 @@
 #include <string_view>
 
 #include "companion/text/Input.h"
-#include "companion/linux/BlockList.h"
-#include "companion/linux/ListImport.h"
+#include "companion/list/BlockList.h"
+#include "companion/list/ListImport.h"
 
 using namespace orvane;
 

@@ -7,7 +7,7 @@
 
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/BlockListLine.h"
+#include "companion/list/BlockListLine.h"
 
 namespace orvane {
 namespace {

@@ -3,7 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 
-#include "companion/linux/BlockList.h"
+#include "companion/list/BlockList.h"
 
 namespace orvane {
 

@@ -22,7 +22,7 @@
 #include "companion/linux/ExtensionLink.h"
 #include "companion/linux/KeeperLog.h"
 #include "companion/linux/KeeperState.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 #include "companion/linux/PathWatch.h"
 #include "companion/linux/SentList.h"
 #include "platform/linux/base/Descriptor.h"

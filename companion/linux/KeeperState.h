@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "companion/linux/BlockList.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/BlockList.h"
+#include "companion/list/ListFile.h"
 #include "platform/linux/base/Descriptor.h"
 
 namespace orvane {

@@ -17,11 +17,11 @@
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/BlockListLine.h"
+#include "companion/list/BlockListLine.h"
 #include "companion/linux/BlockListOutput.h"
 #include "companion/linux/ListCommandsImport.h"
 #include "companion/linux/ListCommandsWait.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 
 namespace orvane {
 namespace {

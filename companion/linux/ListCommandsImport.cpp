@@ -14,8 +14,8 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/linux/ListCommandsWait.h"
-#include "companion/linux/ListFile.h"
-#include "companion/linux/ListImport.h"
+#include "companion/list/ListFile.h"
+#include "companion/list/ListImport.h"
 
 namespace orvane {
 namespace {

@@ -7,7 +7,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/linux/KeeperState.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 
 namespace orvane {
 namespace {

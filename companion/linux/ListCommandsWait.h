@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "companion/CommandSet.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 
 namespace orvane {
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "companion/client/Client.h"
-#include "companion/linux/BlockList.h"
+#include "companion/list/BlockList.h"
 
 // How the extension comes to hold what the list says. The general provider does not look at the date of a suspension:
 // a suspended name is one that the extension does not hold until the keeper sends it again. The provider for one

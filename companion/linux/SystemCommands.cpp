@@ -3,7 +3,7 @@
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
 #include "companion/linux/ListCommands.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 
 namespace orvane {
 

@@ -13,7 +13,7 @@
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {

@@ -17,7 +17,7 @@
 #include "companion/linux/ExtensionLink.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/linux/KeeperState.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 #include "companion/linux/SentList.h"
 
 namespace orvane {

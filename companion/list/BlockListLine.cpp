@@ -1,4 +1,4 @@
-#include "BlockListLine.h"
+#include "companion/list/BlockListLine.h"
 
 #include <algorithm>
 

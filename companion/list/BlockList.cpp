@@ -1,10 +1,10 @@
-#include "BlockList.h"
+#include "companion/list/BlockList.h"
 
 #include <algorithm>
 #include <tuple>
 
 #include "companion/text/HostnameList.h"
-#include "companion/linux/BlockListLine.h"
+#include "companion/list/BlockListLine.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "ListImport.h"
+#include "companion/list/ListImport.h"
 
 #include <arpa/inet.h>
 
@@ -9,7 +9,7 @@
 
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
-#include "companion/linux/BlockListLine.h"
+#include "companion/list/BlockListLine.h"
 
 namespace orvane {
 namespace {

@@ -16,7 +16,7 @@
 #include <sstream>
 
 #include "companion/text/Input.h"
-#include "companion/linux/ListFile.h"
+#include "companion/list/ListFile.h"
 
 namespace orvane {
 namespace {

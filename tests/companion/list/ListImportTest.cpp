@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "companion/text/Input.h"
-#include "companion/linux/BlockListLine.h"
-#include "companion/linux/ListImport.h"
+#include "companion/list/BlockListLine.h"
+#include "companion/list/ListImport.h"
 
 namespace orvane {
 namespace {

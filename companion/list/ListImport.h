@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "companion/linux/BlockList.h"
+#include "companion/list/BlockList.h"
 
 namespace orvane {
 

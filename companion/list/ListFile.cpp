@@ -1,4 +1,4 @@
-#include "ListFile.h"
+#include "companion/list/ListFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

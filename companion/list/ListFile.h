@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "companion/linux/BlockList.h"
+#include "companion/list/BlockList.h"
 
 namespace orvane {
 

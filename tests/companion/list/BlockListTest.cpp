@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "companion/linux/BlockList.h"
+#include "companion/list/BlockList.h"
 
 namespace orvane {
 namespace {
