@@ -10,7 +10,7 @@
 #include "companion/linux/BrowserPolicy.h"
 #include "companion/linux/BrowserProfiles.h"
 #include "companion/linux/InstalledBrowsers.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 
 namespace orvane {
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "companion/linux/Keeper.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/Keeper.h"
+#include "companion/keeper/KeeperState.h"
 
 namespace orvane {
 namespace {

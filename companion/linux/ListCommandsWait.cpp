@@ -6,7 +6,7 @@
 
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {

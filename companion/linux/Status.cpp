@@ -10,7 +10,7 @@
 #include "companion/linux/BrowserRecognition.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/client/ServiceState.h"
 #include "companion/text/TimeText.h"
 

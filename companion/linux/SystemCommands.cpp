@@ -1,7 +1,7 @@
 #include "companion/CommandSet.h"
 #include "companion/linux/DoctorCommands.h"
 #include "companion/linux/KeeperCommands.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/linux/ListCommands.h"
 #include "companion/list/ListFile.h"
 

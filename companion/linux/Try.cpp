@@ -12,7 +12,7 @@
 #include "companion/linux/BrowserRecognition.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/TimeText.h"
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "companion/client/Client.h"
-#include "companion/linux/KeeperState.h"
-#include "companion/linux/PathWatch.h"
+#include "companion/keeper/KeeperState.h"
+#include "companion/keeper/PathWatch.h"
 
 namespace orvane {
 

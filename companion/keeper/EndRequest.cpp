@@ -1,4 +1,4 @@
-#include "EndRequest.h"
+#include "companion/keeper/EndRequest.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>

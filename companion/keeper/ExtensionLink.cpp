@@ -1,4 +1,4 @@
-#include "ExtensionLink.h"
+#include "companion/keeper/ExtensionLink.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -6,8 +6,8 @@
 
 #include "companion/text/Output.h"
 #include "companion/client/CallLimit.h"
-#include "companion/linux/KeeperLog.h"
-#include "companion/linux/SentList.h"
+#include "companion/keeper/KeeperLog.h"
+#include "companion/keeper/SentList.h"
 #include "platform/linux/control/SocketPath.h"
 
 namespace orvane {

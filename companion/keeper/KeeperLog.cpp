@@ -1,4 +1,4 @@
-#include "KeeperLog.h"
+#include "companion/keeper/KeeperLog.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

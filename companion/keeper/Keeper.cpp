@@ -1,4 +1,4 @@
-#include "Keeper.h"
+#include "companion/keeper/Keeper.h"
 
 #include <malloc.h>
 #include <poll.h>
@@ -18,13 +18,13 @@
 #include "companion/Commands.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/EndRequest.h"
-#include "companion/linux/ExtensionLink.h"
-#include "companion/linux/KeeperLog.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/EndRequest.h"
+#include "companion/keeper/ExtensionLink.h"
+#include "companion/keeper/KeeperLog.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
-#include "companion/linux/PathWatch.h"
-#include "companion/linux/SentList.h"
+#include "companion/keeper/PathWatch.h"
+#include "companion/keeper/SentList.h"
 #include "platform/linux/base/Descriptor.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "PathWatch.h"
+#include "companion/keeper/PathWatch.h"
 
 #include <sys/inotify.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "companion/text/Input.h"
-#include "companion/linux/PathWatch.h"
+#include "companion/keeper/PathWatch.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "SentList.h"
+#include "companion/keeper/SentList.h"
 
 #include <algorithm>
 #include <iterator>

@@ -14,11 +14,11 @@
 
 #include "companion/client/Client.h"
 #include "companion/text/Input.h"
-#include "companion/linux/ExtensionLink.h"
+#include "companion/keeper/ExtensionLink.h"
 #include "companion/linux/KeeperCommands.h"
-#include "companion/linux/KeeperState.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
-#include "companion/linux/SentList.h"
+#include "companion/keeper/SentList.h"
 
 namespace orvane {
 namespace {
