@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "companion/linux/BrowserPolicy.h"
-#include "companion/linux/BrowserProfiles.h"
-#include "companion/linux/InstalledBrowsers.h"
+#include "companion/browsers/BrowserPolicy.h"
+#include "companion/browsers/BrowserProfiles.h"
+#include "companion/browsers/InstalledBrowsers.h"
 #include "companion/keeper/KeeperState.h"
 
 namespace orvane {

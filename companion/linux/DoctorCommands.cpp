@@ -10,7 +10,7 @@
 
 #include "companion/Commands.h"
 #include "companion/text/Output.h"
-#include "companion/linux/BrowserPolicy.h"
+#include "companion/browsers/BrowserPolicy.h"
 #include "companion/linux/Doctor.h"
 
 namespace orvane {

@@ -9,7 +9,7 @@
 #include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/BrowserRecognition.h"
+#include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/linux/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"

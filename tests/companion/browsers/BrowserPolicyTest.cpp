@@ -8,9 +8,9 @@
 #include <set>
 #include <string>
 
-#include "companion/linux/BrowserPolicy.h"
-#include "companion/linux/BrowserProfiles.h"
-#include "companion/linux/InstalledBrowsers.h"
+#include "companion/browsers/BrowserPolicy.h"
+#include "companion/browsers/BrowserProfiles.h"
+#include "companion/browsers/InstalledBrowsers.h"
 
 namespace orvane {
 namespace {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "companion/linux/InstalledBrowsers.h"
+#include "companion/browsers/InstalledBrowsers.h"
 
 namespace orvane {
 

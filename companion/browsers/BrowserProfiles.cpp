@@ -1,4 +1,4 @@
-#include "companion/linux/BrowserProfiles.h"
+#include "companion/browsers/BrowserProfiles.h"
 
 #include <fcntl.h>
 

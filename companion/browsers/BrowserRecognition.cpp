@@ -1,10 +1,10 @@
-#include "BrowserRecognition.h"
+#include "companion/browsers/BrowserRecognition.h"
 
 #include <sys/stat.h>
 
 #include <chrono>
 
-#include "companion/linux/InstalledBrowsers.h"
+#include "companion/browsers/InstalledBrowsers.h"
 #include "companion/client/ServiceState.h"
 
 namespace orvane {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "companion/linux/BrowserPolicy.h"
+#include "companion/browsers/BrowserPolicy.h"
 #include "platform/linux/process/ApplicationIndex.h"
 
 namespace orvane {

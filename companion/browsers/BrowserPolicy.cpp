@@ -1,4 +1,4 @@
-#include "companion/linux/BrowserPolicy.h"
+#include "companion/browsers/BrowserPolicy.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "companion/linux/InstalledBrowsers.h"
+#include "companion/browsers/InstalledBrowsers.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
