@@ -11,7 +11,7 @@
 #include "companion/Commands.h"
 #include "companion/text/Output.h"
 #include "companion/browsers/BrowserPolicy.h"
-#include "companion/linux/Doctor.h"
+#include "companion/doctor/Doctor.h"
 
 namespace orvane {
 namespace {

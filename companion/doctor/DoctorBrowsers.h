@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "companion/linux/Doctor.h"
+#include "companion/doctor/Doctor.h"
 
 namespace orvane {
 

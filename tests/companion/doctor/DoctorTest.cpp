@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "companion/linux/Doctor.h"
+#include "companion/doctor/Doctor.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "companion/linux/Doctor.h"
+#include "companion/doctor/Doctor.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "companion/text/Output.h"
-#include "companion/linux/DoctorBrowsers.h"
+#include "companion/doctor/DoctorBrowsers.h"
 #include "platform/linux/netfilter/KernelRules.h"
 
 namespace orvane {

@@ -14,7 +14,7 @@
 #include <filesystem>
 
 #include "companion/text/Input.h"
-#include "companion/linux/Doctor.h"
+#include "companion/doctor/Doctor.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/client/ServiceState.h"
 #include "platform/linux/base/Command.h"

@@ -1,4 +1,4 @@
-#include "companion/linux/DoctorBrowsers.h"
+#include "companion/doctor/DoctorBrowsers.h"
 
 #include <algorithm>
 
