@@ -15,7 +15,7 @@
 #include <optional>
 #include <utility>
 
-#include "companion/Commands.h"
+#include "companion/commands/Commands.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/keeper/EndRequest.h"

@@ -15,7 +15,7 @@
 #include "companion/client/Client.h"
 #include "companion/text/Input.h"
 #include "companion/keeper/ExtensionLink.h"
-#include "companion/linux/KeeperCommands.h"
+#include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 #include "companion/keeper/SentList.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companion/CommandSet.h"
+#include "companion/commands/CommandSet.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "ListCommands.h"
+#include "companion/commands/ListCommands.h"
 
 #include <unistd.h>
 
@@ -13,14 +13,14 @@
 #include <utility>
 #include <vector>
 
-#include "companion/Commands.h"
+#include "companion/commands/Commands.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/list/BlockListLine.h"
-#include "companion/linux/BlockListOutput.h"
-#include "companion/linux/ListCommandsImport.h"
-#include "companion/linux/ListCommandsWait.h"
+#include "companion/commands/BlockListOutput.h"
+#include "companion/commands/ListCommandsImport.h"
+#include "companion/commands/ListCommandsWait.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "companion/client/Client.h"
-#include "companion/Commands.h"
+#include "companion/commands/Commands.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "companion/linux/DoctorCommands.h"
+#include "companion/commands/DoctorCommands.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "companion/Commands.h"
+#include "companion/commands/Commands.h"
 #include "companion/text/Output.h"
 #include "companion/browsers/BrowserPolicy.h"
 #include "companion/doctor/Doctor.h"

@@ -1,4 +1,4 @@
-#include "ProtocolCall.h"
+#include "companion/commands/ProtocolCall.h"
 
 #include <algorithm>
 #include <string_view>

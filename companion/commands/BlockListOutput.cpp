@@ -1,4 +1,4 @@
-#include "BlockListOutput.h"
+#include "companion/commands/BlockListOutput.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "ListCommandsWait.h"
+#include "companion/commands/ListCommandsWait.h"
 
 #include <chrono>
 #include <filesystem>

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <optional>
 
-#include "companion/CommandSet.h"
+#include "companion/commands/CommandSet.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {

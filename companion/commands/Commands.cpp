@@ -1,4 +1,4 @@
-#include "Commands.h"
+#include "companion/commands/Commands.h"
 
 #include <unistd.h>
 
@@ -20,12 +20,12 @@
 #include <vector>
 
 #include "companion/client/Client.h"
-#include "CommandSet.h"
+#include "companion/commands/CommandSet.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/text/Properties.h"
-#include "ProtocolCall.h"
+#include "companion/commands/ProtocolCall.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "ListCommandsImport.h"
+#include "companion/commands/ListCommandsImport.h"
 
 #include <unistd.h>
 
@@ -10,10 +10,10 @@
 #include <optional>
 #include <string>
 
-#include "companion/Commands.h"
+#include "companion/commands/Commands.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/linux/ListCommandsWait.h"
+#include "companion/commands/ListCommandsWait.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"
 

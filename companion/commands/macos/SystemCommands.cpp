@@ -1,4 +1,4 @@
-#include "companion/CommandSet.h"
+#include "companion/commands/CommandSet.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "KeeperCommands.h"
+#include "companion/commands/KeeperCommands.h"
 
 #include <algorithm>
 #include <cstdlib>
