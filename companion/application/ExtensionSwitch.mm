@@ -1,4 +1,4 @@
-#import "ExtensionSwitch.h"
+#import "companion/application/ExtensionSwitch.h"
 
 namespace {
 

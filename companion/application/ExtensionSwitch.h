@@ -3,7 +3,7 @@
 #import <Foundation/Foundation.h>
 #import <SystemExtensions/SystemExtensions.h>
 
-#import "Switch.h"
+#import "companion/application/Switch.h"
 
 // Activates and deactivates the system extension that this application brings along. All on the main thread.
 //

@@ -1,4 +1,4 @@
-#import "ApplicationDelegate.h"
+#import "companion/application/ApplicationDelegate.h"
 
 int main() {
   @autoreleasepool {

@@ -1,4 +1,4 @@
-#import "FilterSwitch.h"
+#import "companion/application/FilterSwitch.h"
 
 #import <NetworkExtension/NetworkExtension.h>
 

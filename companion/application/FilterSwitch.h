@@ -2,7 +2,7 @@
 
 #import <Foundation/Foundation.h>
 
-#import "Switch.h"
+#import "companion/application/Switch.h"
 
 // Switches the content filter on and off: this application's filter configuration among the system's preferences. The
 // first time, the system asks the user. All on the main thread.

@@ -1,7 +1,7 @@
-#import "ApplicationDelegate.h"
+#import "companion/application/ApplicationDelegate.h"
 
-#import "ExtensionSwitch.h"
-#import "FilterSwitch.h"
+#import "companion/application/ExtensionSwitch.h"
+#import "companion/application/FilterSwitch.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#import "Switch.h"
+#import "companion/application/Switch.h"
 
 @implementation Switch
 
