@@ -17,7 +17,7 @@
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/TemporaryFolder.h"
+#include "support/TemporaryFolder.h"
 #include "service/OrvaneSECommunication.h"
 
 namespace orvane {

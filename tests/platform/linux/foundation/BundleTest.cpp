@@ -6,7 +6,7 @@
 #include "platform/Bundle.h"
 #include "platform/ReadStream.h"
 #include "platform/linux/base/FileURL.h"
-#include "platform/linux/TemporaryFolder.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {

@@ -10,8 +10,8 @@
 #include "platform/Bundle.h"
 #include "platform/Dispatch.h"
 #include "platform/linux/flow/ScriptedProvider.h"
-#include "platform/linux/Sockets.h"
-#include "platform/linux/TemporaryFolder.h"
+#include "support/Sockets.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 

@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "platform/linux/netfilter/KernelRules.h"
-#include "platform/linux/Sockets.h"
+#include "support/Sockets.h"
 
 namespace orvane {
 namespace {

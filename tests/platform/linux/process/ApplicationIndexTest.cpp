@@ -5,7 +5,7 @@
 
 #include "platform/linux/process/ApplicationIndex.h"
 #include "platform/linux/process/DesktopEntry.h"
-#include "platform/linux/Programs.h"
+#include "support/Programs.h"
 
 namespace orvane {
 namespace {

@@ -2,7 +2,7 @@
 
 #include "platform/Process.h"
 #include "platform/linux/process/ProcessIdentity.h"
-#include "platform/linux/Programs.h"
+#include "support/Programs.h"
 
 namespace orvane {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "platform/Process.h"
 #include "platform/Security.h"
-#include "platform/linux/Programs.h"
+#include "support/Programs.h"
 
 namespace orvane {
 namespace {

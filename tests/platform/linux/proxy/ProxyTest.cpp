@@ -9,7 +9,7 @@
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/sockets/SocketOwner.h"
-#include "platform/linux/Sockets.h"
+#include "support/Sockets.h"
 
 namespace orvane {
 

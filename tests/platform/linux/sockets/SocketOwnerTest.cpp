@@ -13,7 +13,7 @@
 
 #include "platform/Process.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/Programs.h"
+#include "support/Programs.h"
 #include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {

@@ -9,7 +9,7 @@
 #include <stdexcept>
 
 #include "platform/linux/process/ApplicationIndex.h"
-#include "platform/linux/TemporaryFolder.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 
