@@ -2,9 +2,9 @@
 #include <string>
 #include <string_view>
 
-#include "companion/text/Input.h"
 #include "companion/list/BlockList.h"
 #include "companion/list/ListImport.h"
+#include "companion/text/Input.h"
 
 using namespace orvane;
 

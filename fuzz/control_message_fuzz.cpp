@@ -9,8 +9,8 @@
 #include <string>
 
 #include "platform/Log.h"
-#include "platform/linux/control/ControlSession.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/control/ControlSession.h"
 #include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {

@@ -1,7 +1,7 @@
 #include <cstdlib>
 
-#include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/flow/ServerName.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 // The first bytes of a client, as the proxy reads them: the head, what follows it as a body, and all of it as the first
 // bytes of a tunnel.

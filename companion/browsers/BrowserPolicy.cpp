@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "src/platform/linux/base/WriteAll.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/process/ProcessInformation.h"
+#include "src/platform/linux/base/WriteAll.h"
 
 namespace orvane {
 namespace {

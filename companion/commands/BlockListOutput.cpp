@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "companion/list/BlockListLine.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/list/BlockListLine.h"
 
 namespace orvane {
 namespace {

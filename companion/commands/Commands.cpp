@@ -21,11 +21,11 @@
 
 #include "companion/client/Client.h"
 #include "companion/commands/CommandSet.h"
+#include "companion/commands/ProtocolCall.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/text/Properties.h"
-#include "companion/commands/ProtocolCall.h"
 
 namespace orvane {
 namespace {

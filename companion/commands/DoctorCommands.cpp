@@ -8,10 +8,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "companion/commands/Commands.h"
-#include "companion/text/Output.h"
 #include "companion/browsers/BrowserPolicy.h"
+#include "companion/commands/Commands.h"
 #include "companion/doctor/Doctor.h"
+#include "companion/text/Output.h"
 
 namespace orvane {
 namespace {

@@ -13,15 +13,15 @@
 #include <utility>
 #include <vector>
 
+#include "companion/commands/BlockListOutput.h"
 #include "companion/commands/Commands.h"
+#include "companion/commands/ListCommandsImport.h"
+#include "companion/commands/ListCommandsWait.h"
+#include "companion/list/BlockListLine.h"
+#include "companion/list/ListFile.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "companion/list/BlockListLine.h"
-#include "companion/commands/BlockListOutput.h"
-#include "companion/commands/ListCommandsImport.h"
-#include "companion/commands/ListCommandsWait.h"
-#include "companion/list/ListFile.h"
 
 namespace orvane {
 namespace {

@@ -11,11 +11,11 @@
 #include <string>
 
 #include "companion/commands/Commands.h"
-#include "companion/text/Input.h"
-#include "companion/text/Output.h"
 #include "companion/commands/ListCommandsWait.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 
 namespace orvane {
 namespace {

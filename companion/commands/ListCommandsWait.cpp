@@ -4,10 +4,10 @@
 #include <filesystem>
 #include <system_error>
 
-#include "companion/text/Input.h"
-#include "companion/text/Output.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 
 namespace orvane {
 namespace {

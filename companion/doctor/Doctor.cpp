@@ -6,8 +6,8 @@
 #include <string_view>
 #include <utility>
 
-#include "companion/text/Output.h"
 #include "companion/doctor/DoctorBrowsers.h"
+#include "companion/text/Output.h"
 #include "platform/linux/netfilter/KernelRules.h"
 
 namespace orvane {

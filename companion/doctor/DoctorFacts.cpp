@@ -13,14 +13,14 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "companion/text/Input.h"
-#include "companion/doctor/Doctor.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/client/ServiceState.h"
+#include "companion/doctor/Doctor.h"
+#include "companion/text/Input.h"
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/control/SocketPath.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

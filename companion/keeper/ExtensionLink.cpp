@@ -4,10 +4,10 @@
 #include <filesystem>
 #include <utility>
 
-#include "companion/text/Output.h"
 #include "companion/client/CallLimit.h"
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/SentList.h"
+#include "companion/text/Output.h"
 #include "platform/linux/control/SocketPath.h"
 
 namespace orvane {

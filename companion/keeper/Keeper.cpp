@@ -16,15 +16,15 @@
 #include <utility>
 
 #include "companion/commands/Commands.h"
-#include "companion/text/Input.h"
-#include "companion/text/Output.h"
 #include "companion/keeper/EndRequest.h"
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/KeeperState.h"
-#include "companion/list/ListFile.h"
 #include "companion/keeper/PathWatch.h"
 #include "companion/keeper/SentList.h"
+#include "companion/list/ListFile.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "platform/linux/base/Descriptor.h"
 
 namespace orvane {

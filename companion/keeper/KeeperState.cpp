@@ -13,8 +13,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "companion/text/Input.h"
 #include "companion/keeper/PathWatch.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "companion/text/HostnameList.h"
 #include "companion/list/BlockListLine.h"
+#include "companion/text/HostnameList.h"
 
 namespace orvane {
 namespace {

@@ -17,8 +17,8 @@
 #include <utility>
 
 #include "companion/text/Input.h"
-#include "src/platform/linux/base/WriteAll.h"
 #include "platform/linux/base/Descriptor.h"
+#include "src/platform/linux/base/WriteAll.h"
 
 namespace orvane {
 namespace {

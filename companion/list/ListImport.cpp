@@ -7,9 +7,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
-#include "companion/list/BlockListLine.h"
 
 namespace orvane {
 namespace {

@@ -11,8 +11,8 @@
 #include <deque>
 #include <vector>
 
-#include "platform/linux/control/ControlStream.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/SocketPath.h"
 #include "platform/linux/control/SocketPort.h"
 #include "platform/linux/control/ValueMessage.h"

@@ -1,8 +1,8 @@
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/DoctorCommands.h"
 #include "companion/commands/KeeperCommands.h"
-#include "companion/keeper/KeeperState.h"
 #include "companion/commands/ListCommands.h"
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {

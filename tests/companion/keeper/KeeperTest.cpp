@@ -13,12 +13,12 @@
 #include <vector>
 
 #include "companion/client/Client.h"
-#include "companion/text/Input.h"
-#include "companion/keeper/ExtensionLink.h"
 #include "companion/commands/KeeperCommands.h"
+#include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperState.h"
-#include "companion/list/ListFile.h"
 #include "companion/keeper/SentList.h"
+#include "companion/list/ListFile.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {

@@ -15,8 +15,8 @@
 #include <functional>
 #include <sstream>
 
-#include "companion/text/Input.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {

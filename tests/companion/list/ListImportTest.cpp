@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "companion/text/Input.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListImport.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {

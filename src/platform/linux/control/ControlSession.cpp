@@ -7,9 +7,9 @@
 #include <atomic>
 #include <string_view>
 
+#include "platform/Log.h"
 #include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/ValueMessage.h"
-#include "platform/Log.h"
 
 namespace orvane {
 namespace {

@@ -14,11 +14,11 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/linux/control/ControlSession.h"
+#include "platform/Log.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/control/ControlSession.h"
 #include "platform/linux/control/ListenerSocket.h"
 #include "platform/linux/control/SocketPath.h"
-#include "platform/Log.h"
 
 namespace orvane {
 namespace {

@@ -17,8 +17,8 @@
 #include "platform/linux/base/Error.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/FlowSource.h"
-#include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/host/ProviderHost.h"
+#include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/proxy/Proxy.h"
 
 namespace orvane {

@@ -11,12 +11,12 @@
 #include <system_error>
 
 #include "platform/Log.h"
+#include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/PacketQueue.h"
-#include "platform/linux/process/ProcessInformation.h"
 #include "platform/linux/netfilter/QueueWatchdog.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
-#include "platform/linux/base/SocketIO.h"
+#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

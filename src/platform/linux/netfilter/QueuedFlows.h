@@ -7,8 +7,8 @@
 #include <unordered_map>
 
 #include "platform/linux/flow/FilterSession.h"
-#include "platform/linux/netfilter/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
+#include "platform/linux/netfilter/FirstFlight.h"
 #include "platform/linux/netfilter/Packet.h"
 #include "platform/linux/sockets/SocketOwner.h"
 

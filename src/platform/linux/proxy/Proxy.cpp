@@ -14,8 +14,8 @@
 #include <system_error>
 
 #include "platform/Log.h"
-#include "platform/linux/proxy/ProxyConnection.h"
 #include "platform/linux/base/SocketIO.h"
+#include "platform/linux/proxy/ProxyConnection.h"
 
 namespace orvane {
 

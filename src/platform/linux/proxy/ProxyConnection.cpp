@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <memory>
 
+#include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/LinuxFlow.h"
+#include "platform/linux/flow/ServerName.h"
 #include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/proxy/Relay.h"
-#include "platform/linux/flow/ServerName.h"
-#include "platform/linux/base/SocketIO.h"
 #include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {

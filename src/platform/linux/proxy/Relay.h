@@ -7,8 +7,8 @@
 #include <span>
 #include <string_view>
 
-#include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/base/SocketIO.h"
+#include "platform/linux/proxy/ProxyHead.h"
 
 namespace orvane {
 

@@ -17,8 +17,8 @@
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"
-#include "support/TemporaryFolder.h"
 #include "service/OrvaneSECommunication.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {

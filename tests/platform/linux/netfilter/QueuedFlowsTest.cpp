@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/netfilter/QueuedFlows.h"
 #include "platform/linux/flow/ScriptedProvider.h"
+#include "platform/linux/netfilter/QueuedFlows.h"
 
 namespace orvane {
 namespace {

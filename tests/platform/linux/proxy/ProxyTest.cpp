@@ -5,9 +5,9 @@
 #include <future>
 #include <memory>
 
-#include "platform/linux/proxy/Proxy.h"
-#include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/base/SocketIO.h"
+#include "platform/linux/flow/ScriptedProvider.h"
+#include "platform/linux/proxy/Proxy.h"
 #include "platform/linux/sockets/SocketOwner.h"
 #include "support/Sockets.h"
 

@@ -13,8 +13,8 @@
 
 #include "platform/Process.h"
 #include "platform/linux/base/Descriptor.h"
-#include "support/Programs.h"
 #include "platform/linux/sockets/SocketOwner.h"
+#include "support/Programs.h"
 
 namespace orvane {
 namespace {
