@@ -11,6 +11,7 @@
 #include "companion/browsers/BrowserPolicy.h"
 #include "companion/commands/Commands.h"
 #include "companion/doctor/Doctor.h"
+#include "companion/doctor/DoctorFacts.h"
 #include "companion/text/Output.h"
 
 namespace orvane {

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "companion/commands/Status.h"
+#include "companion/commands/Try.h"
 #include "companion/keeper/Keeper.h"
 #include "companion/keeper/KeeperState.h"
 

@@ -11,7 +11,4 @@ void declare_keeper_commands(CommandSet& commands);
 inline constexpr int kNotInForce = 3;  // the list; the block of a host
 inline constexpr int kUnknown = 4;     // whether a host is blocked
 
-int show_status(const CommonOptions& options);
-int try_host(const CommonOptions& options, const std::string& given);
-
 }  // namespace orvane

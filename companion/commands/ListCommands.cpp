@@ -15,8 +15,8 @@
 
 #include "companion/commands/BlockListOutput.h"
 #include "companion/commands/Commands.h"
-#include "companion/commands/ListCommandsImport.h"
-#include "companion/commands/ListCommandsWait.h"
+#include "companion/commands/ImportCommand.h"
+#include "companion/commands/WaitForKeeper.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/HostnameList.h"
@@ -153,7 +153,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     for (const Change& each : changes) print_change(each);
     std::fflush(stdout);
   }
-  const std::optional<bool> inForce = await_list(options, version, sites);
+  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
   if (options.json) print_changes_json(changes, inForce, now);
   return kDone;
 }

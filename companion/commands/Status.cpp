@@ -1,3 +1,5 @@
+#include "companion/commands/Status.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>

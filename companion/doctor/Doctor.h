@@ -85,13 +85,6 @@ struct Facts {
   std::vector<BrowserFacts> browsers;
 };
 
-// Looks at all of it, on this machine.
-struct Examination {
-  std::string socket, service;  // as orvanectl was told; no socket: where the service's stands
-  std::string keeperStatePath;
-};
-Facts gather_facts(const Examination& examination);
-
 // What the facts mean, in the order in which to put things right.
 std::vector<Finding> examine(const Facts& facts);
 

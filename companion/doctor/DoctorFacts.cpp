@@ -1,3 +1,5 @@
+#include "companion/doctor/DoctorFacts.h"
+
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>

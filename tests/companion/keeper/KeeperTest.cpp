@@ -14,6 +14,7 @@
 
 #include "companion/client/Client.h"
 #include "companion/commands/KeeperCommands.h"
+#include "companion/commands/Try.h"
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/SentList.h"

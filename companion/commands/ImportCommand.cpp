@@ -1,4 +1,4 @@
-#include "companion/commands/ListCommandsImport.h"
+#include "companion/commands/ImportCommand.h"
 
 #include <unistd.h>
 
@@ -11,7 +11,7 @@
 #include <string>
 
 #include "companion/commands/Commands.h"
-#include "companion/commands/ListCommandsWait.h"
+#include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"
 #include "companion/text/Input.h"
@@ -126,7 +126,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     return arguments.replace || outcome.counts.added + outcome.counts.changed > 0;
   });
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  outcome.inForce = await_list(options, version, sites);
+  outcome.inForce = wait_for_keeper(options, version, sites);
   if (outcome.read.filterRules > 0)
     print_error(std::to_string(outcome.read.filterRules) + " filter rules imported without their subdomains: " +
                 source + ": names match exactly: give each subdomain that matters");

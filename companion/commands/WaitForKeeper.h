@@ -11,6 +11,6 @@ namespace orvane {
 // Waits until the extension has this version of the list's file, with so many sites: some seconds, and more for a large
 // list. Where it has not, standard error has the reason and what to do. Gives whether it has; nothing where no keeper
 // is meant to send that file.
-std::optional<bool> await_list(const CommonOptions& options, const ListVersion& version, size_t sites);
+std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
 
 }  // namespace orvane

@@ -1,4 +1,4 @@
-#include "companion/commands/ListCommandsWait.h"
+#include "companion/commands/WaitForKeeper.h"
 
 #include <chrono>
 #include <filesystem>
@@ -45,7 +45,7 @@ bool wait(const CommonOptions& options, const ListVersion& version, size_t sites
 
 }  // namespace
 
-std::optional<bool> await_list(const CommonOptions& options, const ListVersion& version, size_t sites) {
+std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
     // Another file than the machine's is someone's own business.

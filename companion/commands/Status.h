@@ -1,0 +1,11 @@
+#pragma once
+
+#include "companion/commands/CommandSet.h"
+
+namespace orvane {
+
+// Carries out "status": prints whether the list is in force, and the state of both services. Gives kDone when the list
+// is in force, otherwise kNotInForce.
+int show_status(const CommonOptions& options);
+
+}  // namespace orvane

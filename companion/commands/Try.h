@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+
+#include "companion/commands/CommandSet.h"
+
+namespace orvane {
+
+// Carries out "try": prints whether a browser that connects to the host now is blocked, and why. Gives kDone for
+// blocked, kNotInForce for not blocked, kUnknown for not known. Throws InputError when `given` is not a host name.
+int try_host(const CommonOptions& options, const std::string& given);
+
+}  // namespace orvane
