@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "companion/doctor/DoctorBrowsers.h"
+#include "companion/text/AccessGroup.h"
 #include "companion/text/Output.h"
 #include "platform/linux/netfilter/KernelRules.h"
 
@@ -41,7 +42,7 @@ Finding examine_denial(const Facts& facts) {
     finding.advice = "install the package orvane-se again";
   } else if (!group.listed) {
     finding.found += "; " + group.user + " is no member of the group orvane";
-    finding.advice = "sudo adduser " + group.user + " orvane, then log out and in again";
+    finding.advice = access_advice(group.user);
   } else if (!group.inForce) {
     finding.found += "; " + group.user + " is a member of the group orvane, but was not yet at this login";
     finding.advice = "log out and in again; for this shell alone: newgrp orvane";

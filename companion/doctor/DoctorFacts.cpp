@@ -17,7 +17,7 @@
 
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/client/ServiceState.h"
-#include "companion/doctor/Doctor.h"
+#include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
@@ -29,7 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kGroup = "orvane";
 // Where the service manager has the package's extension, and no user can put a process.
 constexpr const char* kServiceGroup = "/system.slice/orvane-se.service";
 constexpr size_t kTextLimit = size_t{8} << 20;
@@ -97,7 +96,7 @@ GroupFacts look_at_group() {
   const passwd* user = ::getpwuid(::geteuid());
   facts.user = user != nullptr ? user->pw_name : std::to_string(::geteuid());
   const gid_t primary = user != nullptr ? user->pw_gid : ::getegid();
-  const group* members = ::getgrnam(kGroup);
+  const group* members = ::getgrnam(kAccessGroup);
   if (members == nullptr) return facts;
   facts.exists = true;
   facts.listed = members->gr_gid == primary;

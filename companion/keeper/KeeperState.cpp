@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "companion/keeper/PathWatch.h"
+#include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 
 namespace orvane {
@@ -26,9 +27,9 @@ constexpr mode_t kReadableByGroup = 0640;
 
 FileError file_error(const char* what, const std::string& path, int error) {
   const bool isMachines = path == kKeeperStatePath && (error == EACCES || error == EPERM);
-  return FileError(std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) + ": " +
-                   (isMachines ? "the group orvane may: sudo adduser USER orvane, and log in anew for it to count"
-                               : "check the folder and its rights, or name another file with --state"));
+  return FileError(
+      std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) + ": " +
+      (isMachines ? access_advice() : "check the folder and its rights, or name another file with --state"));
 }
 
 std::string lock_path(const std::string& path) { return path + ".lock"; }

@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/linux/base/Descriptor.h"
 #include "src/platform/linux/base/WriteAll.h"
@@ -50,8 +51,7 @@ std::string advice_on(int error, const Place& place) {
   switch (error) {
     case EACCES:
     case EPERM:
-      if (place.path == kListPath)
-        return "the group orvane may: sudo adduser USER orvane, and log in anew for it to count";
+      if (place.path == kListPath) return access_advice();
       return "check the rights of the file and its folder";
     case ENOENT:
     case ENOTDIR:

@@ -11,6 +11,7 @@
 #include <deque>
 #include <vector>
 
+#include "companion/text/AccessGroup.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/SocketPath.h"
@@ -248,8 +249,7 @@ std::string advice(int error, const std::string& path) {
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
       // The folder that the package's service manager makes.
-      if (path.rfind("/run/orvane-se/", 0) == 0)
-        return "the group orvane may: sudo adduser USER orvane, and log in anew for it to count";
+      if (path.rfind("/run/orvane-se/", 0) == 0) return access_advice();
       return "it belongs to another user: run as that user or as root";
     default:
       return "name another socket";
