@@ -1,5 +1,5 @@
 #include "FirstBytes.h"
-#include "platform/linux/proxy/ProxyHead.h"
+#include "platform/linux/flow/RequestHost.h"
 
 using namespace orvane;
 

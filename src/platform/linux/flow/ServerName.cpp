@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/proxy/ProxyHead.h"
+#include "platform/linux/flow/RequestHost.h"
 
 namespace orvane {
 namespace {

@@ -3,66 +3,19 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <boost/beast/http/empty_body.hpp>
-#include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/rfc7230.hpp>
-#include <boost/url/authority_view.hpp>
-#include <boost/url/parse.hpp>
 #include <set>
+
+#include "platform/linux/flow/RequestHost.h"
 
 namespace orvane {
 namespace {
 
 namespace http = boost::beast::http;
-using Parser = http::request_parser<http::empty_body>;
 
 std::string_view view(boost::beast::string_view text) { return {text.data(), text.size()}; }
 
 ProxyHead refused(unsigned status, const char* reason) { return {ProxyHead::State::Refused, {}, status, reason}; }
-
-// Whether the bytes can be the start of a request line: a method, in the letters that a method may have. Tells a client
-// that speaks TLS or nonsense at once, where the parser would wait for the end of the head.
-bool may_be_request(std::string_view bytes) {
-  std::string_view method = bytes.substr(0, std::min<size_t>(bytes.find(' '), 32));
-  if (method.empty()) return bytes.empty();
-  return std::all_of(method.begin(), method.end(), [](unsigned char c) { return std::isalnum(c) || c == '-'; }) &&
-         (method.size() < 32);
-}
-
-struct Authority {
-  std::string host;
-  bool isAddress;
-  std::optional<uint16_t> port;
-};
-
-// Reads "host[:port]" (RFC 3986, section 3.2). Percent-encoding stays: a decoded name could hold a NUL, and would then
-// be one name to the filter and another to the resolver.
-std::optional<Authority> parse_authority(std::string_view text) {
-  auto parsed = boost::urls::parse_authority(boost::urls::string_view(text.data(), text.size()));
-  if (!parsed || parsed->has_userinfo()) return std::nullopt;
-  Authority authority;
-  switch (parsed->host_type()) {
-    case boost::urls::host_type::ipv4:
-    case boost::urls::host_type::ipv6:
-      authority.host = parsed->host_address();
-      authority.isAddress = true;
-      break;
-    case boost::urls::host_type::name: {
-      boost::urls::string_view name = parsed->encoded_host();
-      authority.host.assign(name.data(), name.size());
-      authority.isAddress = false;
-      break;
-    }
-    default:
-      return std::nullopt;
-  }
-  if (authority.host.empty()) return std::nullopt;
-  if (parsed->has_port() && !parsed->port().empty()) {
-    if (parsed->port_number() == 0) return std::nullopt;
-    authority.port = parsed->port_number();
-  }
-  return authority;
-}
 
 // An absolute http URL, cut into what goes to the origin server (RFC 9112, section 3.2.2).
 struct Target {
@@ -88,7 +41,7 @@ std::optional<Target> split_target(std::string_view url, std::string_view method
 using FieldNames = std::set<boost::beast::string_view, boost::beast::iless>;
 
 // The fields that the client lists as being about this one connection (RFC 9110, section 7.6.1).
-FieldNames connection_options(const Parser::value_type& message) {
+FieldNames connection_options(const RequestParser::value_type& message) {
   FieldNames names;
   auto [first, last] = message.equal_range(http::field::connection);
   for (; first != last; ++first) {
@@ -117,7 +70,7 @@ bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& list
   }
 }
 
-std::string forwarded_head(const Parser::value_type& message, const Target& target) {
+std::string forwarded_head(const RequestParser::value_type& message, const Target& target) {
   std::string head(view(message.method_string()));
   // The client's own version: an answer in chunks would be lost on one that speaks HTTP/1.0.
   head.append(" ").append(target.path).append(message.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
@@ -130,7 +83,7 @@ std::string forwarded_head(const Parser::value_type& message, const Target& targ
   return head.append("Connection: close\r\n\r\n");
 }
 
-ProxyHead tunnel_request(const Parser::value_type& message) {
+ProxyHead tunnel_request(const RequestParser::value_type& message) {
   auto authority = parse_authority(view(message.target()));
   if (!authority || !authority->port) return refused(400, "The target of CONNECT must be HOST:PORT.");
   ProxyHead head{ProxyHead::State::Complete};
@@ -141,8 +94,8 @@ ProxyHead tunnel_request(const Parser::value_type& message) {
   return head;
 }
 
-ProxyHead forward_request(const Parser& parser) {
-  const Parser::value_type& message = parser.get();
+ProxyHead forward_request(const RequestParser& parser) {
+  const RequestParser::value_type& message = parser.get();
   std::string_view url = view(message.target());
   auto target = split_target(url, view(message.method_string()));
   auto authority = parse_authority(target->authority);
@@ -166,8 +119,8 @@ bool has_scheme(std::string_view target, std::string_view scheme) {
   return target.size() >= scheme.size() && strncasecmp(target.data(), scheme.data(), scheme.size()) == 0;
 }
 
-ProxyHead understand(const Parser& parser) {
-  const Parser::value_type& message = parser.get();
+ProxyHead understand(const RequestParser& parser) {
+  const RequestParser::value_type& message = parser.get();
   if (message.method() == http::verb::connect) return tunnel_request(message);
   std::string_view target = view(message.target());
   if (has_scheme(target, "http://")) return forward_request(parser);
@@ -176,24 +129,15 @@ ProxyHead understand(const Parser& parser) {
   return refused(400, "This is a proxy: a request's target must be an absolute URL.");
 }
 
-// Feeds the parser. The number of bytes that the head has; 0 with an error that tells why there is none.
-size_t parse(Parser& parser, std::string_view bytes, boost::beast::error_code& error) {
-  parser.header_limit(static_cast<uint32_t>(kProxyHeadLimit));
-  parser.body_limit(boost::none);
-  size_t length = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
-  if (error == http::error::need_more || (!error && !parser.is_header_done())) error = http::error::need_more;
-  return error ? 0 : length;
-}
-
 }  // namespace
 
 ProxyHead parse_proxy_head(std::string_view bytes) {
   if (!may_be_request(bytes)) return refused(400, "This is no HTTP request.");
   if (bytes.empty()) return {ProxyHead::State::Incomplete};
-  Parser parser;
+  RequestParser parser;
   boost::beast::error_code error;
-  size_t length = parse(parser, bytes, error);
-  if (error == http::error::header_limit || (error == http::error::need_more && bytes.size() >= kProxyHeadLimit)) {
+  size_t length = parse_request_head(parser, bytes, error);
+  if (error == http::error::header_limit || (error == http::error::need_more && bytes.size() >= kRequestHeadLimit)) {
     return refused(431, "The head of the request is too large.");
   }
   if (error == http::error::need_more) return {ProxyHead::State::Incomplete};
@@ -201,24 +145,6 @@ ProxyHead parse_proxy_head(std::string_view bytes) {
   ProxyHead head = understand(parser);
   head.request.length = length;
   return head;
-}
-
-std::optional<std::string> parse_request_host(std::string_view bytes, bool& open) {
-  open = false;
-  size_t line = bytes.find("\r\n");
-  if (!may_be_request(bytes)) return std::nullopt;
-  // Another protocol that begins with letters says so in its first line, and its server may have to answer that.
-  if (line != std::string_view::npos && bytes.substr(0, line).find(" HTTP/1.") == std::string_view::npos) {
-    return std::nullopt;
-  }
-  Parser parser;
-  boost::beast::error_code error;
-  parse(parser, bytes, error);
-  open = error == http::error::need_more;
-  if (error) return std::nullopt;
-  auto authority = parse_authority(view(parser.get()[http::field::host]));
-  if (!authority) return std::nullopt;
-  return std::move(authority->host);
 }
 
 RequestBody RequestBody::ofLength(uint64_t bytes) {

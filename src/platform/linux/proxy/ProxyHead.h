@@ -2,15 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
 namespace orvane {
-
-// The longest request head that the proxy reads, in bytes.
-inline constexpr size_t kProxyHeadLimit = 65536;
 
 // The part of a request that follows its head (RFC 9112, section 6).
 class RequestBody {
@@ -78,9 +74,5 @@ struct ProxyHead {
 // Reads the head of a request to the proxy from the first bytes of a connection (RFC 9112, sections 3.2.2 and 3.2.3).
 // Refused as soon as the bytes cannot become a head that the proxy serves.
 ProxyHead parse_proxy_head(std::string_view bytes);
-
-// The host name, without a port, that a request head to an origin server gives in its Host field. Open is set while
-// the head is cut off and may still become one.
-std::optional<std::string> parse_request_host(std::string_view bytes, bool& open);
 
 }  // namespace orvane

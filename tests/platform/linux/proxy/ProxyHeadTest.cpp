@@ -2,6 +2,7 @@
 
 #include <tuple>
 
+#include "platform/linux/flow/RequestHost.h"
 #include "platform/linux/proxy/ProxyHead.h"
 
 namespace orvane {
@@ -18,7 +19,7 @@ TEST(ProxyHead, RefusesWhatItDoesNotServe) {
       {"GET / HTTP/1.1\r\nHost: a.example\r\n\r\n", 400},
       {"POST http://a.example/ HTTP/1.1\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n", 400},
       {"POST http://a.example/ HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n", 400},
-      {"GET http://a.example/ HTTP/1.1\r\nX: " + std::string(kProxyHeadLimit, 'x'), 431},
+      {"GET http://a.example/ HTTP/1.1\r\nX: " + std::string(kRequestHeadLimit, 'x'), 431},
   };
   for (const auto& c : kCases) {
     ProxyHead head = parse_proxy_head(c.head);
