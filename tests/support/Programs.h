@@ -13,8 +13,8 @@
 
 namespace orvane {
 
-// A folder with programs and desktop entries of a test's own; goes with it.
-class Folder : public TemporaryFolder {
+// A temporary folder with programs and desktop entries.
+class ProgramFolder : public TemporaryFolder {
  public:
   std::string path(const std::string& name) const { return canonical(TemporaryFolder::path()).string() + "/" + name; }
 

@@ -55,7 +55,7 @@ TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
                    {"bin/python3.11", "none", ""},
                    {"bin/masked", "none", ""},
                    {"lib/bystander", "none", ""}};
-  Folder folder;
+  ProgramFolder folder;
   for (const auto& [program, application, exec] : kPrograms) {
     folder.program(program);
     if (*exec != 0) folder.entry(application, exec);
@@ -80,7 +80,7 @@ TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
 }
 
 TEST(ApplicationIndexTest, FollowsInstallationsAndRemovals) {
-  Folder folder;
+  ProgramFolder folder;
   for (const char* name : {"bin/present", "entries/sub/x", "opt/maker/x"}) folder.program(name);
   ApplicationIndex index(folder.folders(), 0ms);
   auto application = [&](const char* program) {
@@ -109,7 +109,7 @@ TEST(ApplicationIndexTest, FollowsInstallationsAndRemovals) {
 }
 
 TEST(ApplicationIndexTest, AnswersWhileEntriesChange) {
-  Folder folder;
+  ProgramFolder folder;
   Executable steady = executable_at(folder.program("bin/steady"));
   folder.entry("steady", "steady");
   ApplicationIndex index(folder.folders(), 0ms);

@@ -51,7 +51,7 @@ TEST(ProcessTest, TakesNamesFromNowhereElse) {
 
 // A process table of the test's own: units and sandboxes need a session to be real.
 TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
-  Folder folder;
+  ProgramFolder folder;
   for (const char* id : {"shell", "browser", "other"}) folder.entry(id, id);
   for (const char* program : {"bin/shell", "bin/browser", "bin/other", "helper"}) folder.program(program);
   const char *kBrowser = "app-gnome-browser-7.scope", *kSession = "session-1.scope";
@@ -93,7 +93,7 @@ TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
 }
 
 TEST(ProcessTest, BelievesNoMemoryOfAProcessThatRunsAnotherProgramOrHasEnded) {
-  Folder folder;
+  ProgramFolder folder;
   std::string next = folder.program("bin/next");
   int gate[2];
   ASSERT_EQ(0, ::pipe2(gate, O_CLOEXEC));

@@ -34,7 +34,7 @@ Answer ask(const Ref<Dictionary>& attributes) {
 }
 
 TEST(SecurityTest, IdentifiesLinkedAndRemovedPrograms) {
-  Folder folder;
+  ProgramFolder folder;
   for (const char* name : {"browser", "removed", "spelled (deleted)"}) folder.program(name);
   std::filesystem::create_symlink("browser", folder.path("link"));
   const std::pair<const char*, const char*> kCases[] = {
