@@ -1,9 +1,11 @@
 #include "filter/FilterDataProvider.h"
 
 #include "database/db.h"
+#include "database/db_browsers.h"
 #include "diagnostics/os_log_dump.h"
 #include "filter/PellUtils.h"
 #include "filter/ProviderLifecycle.h"
+#include "filter/URLHost.h"
 #include "identity/PLAudtToken.h"
 #include "platform/Bundle.h"
 #include "platform/DNS.h"

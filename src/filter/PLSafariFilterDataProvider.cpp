@@ -1,8 +1,10 @@
 #include "filter/PLSafariFilterDataProvider.h"
 
 #include "database/db.h"
+#include "database/db_properties.h"
 #include "filter/PellUtils.h"
 #include "filter/ProviderLifecycle.h"
+#include "filter/URLHost.h"
 #include "identity/PLAudtToken.h"
 #include "platform/Bundle.h"
 

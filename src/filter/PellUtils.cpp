@@ -11,18 +11,12 @@ bool isSocketFlow(const NEFilterFlow& flow) { return socketFlow(flow) != nullptr
 uint64_t port(const NEFilterFlow& flow) {
   const NEFilterSocketFlow* socket = socketFlow(flow);
   if (socket == nullptr) return 0;
-  // Asked afresh at each step: a flow may learn its endpoint between two of them.
+  // Each step reads the endpoint afresh, because a flow may learn it between two reads.
   if (!socket->remoteEndpoint()) return 0;
   if (dynamic_cast<const NWHostEndpoint*>(socket->remoteEndpoint().get()) == nullptr) return 0;
   const Ref<NWEndpoint> endpoint = socket->remoteEndpoint();
   const auto* host = dynamic_cast<const NWHostEndpoint*>(endpoint.get());
-  // The third answer may differ from the second.
   return host == nullptr ? 0 : static_cast<uint64_t>(integerValue(host->port()));
-}
-
-std::optional<std::string> url_host(const NSURL& url) {
-  const Ref<NSURLComponents> components = NSURLComponents::initWithURL(url, false);
-  return components ? components->host() : std::nullopt;
 }
 
 }  // namespace orvane

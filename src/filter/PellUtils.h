@@ -1,23 +1,18 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 
 #include "platform/NetworkExtension.h"
 
-// What the providers ask of any flow.
+// Properties that the providers read from any flow.
 namespace orvane {
 
-// The flow itself when it is a socket flow (or of a class derived from it), else null.
+// The flow itself, or null when it is not a socket flow.
 const NEFilterSocketFlow* socketFlow(const NEFilterFlow& flow);
 bool isSocketFlow(const NEFilterFlow& flow);
 
-// The remote port of a socket flow whose remote endpoint is a host; 0 when there is none or it is no number. Not
-// checked for the range of ports: a negative number comes back as a very large one.
+// The remote port of a socket flow to a host endpoint, read by integerValue(); else 0. It is not checked against the
+// range of ports: "-1" gives 2^64-1.
 uint64_t port(const NEFilterFlow& flow);
-
-// The host of a URL, in the URL's own spelling. Nothing when it has none.
-std::optional<std::string> url_host(const NSURL& url);
 
 }  // namespace orvane

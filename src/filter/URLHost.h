@@ -1,0 +1,13 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/Foundation.h"
+
+namespace orvane {
+
+// The host of a URL, in the URL's spelling. Nothing when it has none.
+std::optional<std::string> url_host(const NSURL& url);
+
+}  // namespace orvane
