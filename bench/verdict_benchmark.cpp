@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "database/db.h"
+#include "database/db_browsers.h"
 #include "diagnostics/os_log_dump.h"
 #include "filter/FilterDataProvider.h"
 #include "identity/PLAudtToken.h"

@@ -4,32 +4,29 @@ namespace orvane {
 
 namespace {
 
-// At most two thirds of the slots are taken, so that a key that is not there is missed within a few steps.
-bool crowded(size_t entries, size_t slots) { return entries * 3 > slots * 2; }
+// The load factor is at most 2/3, so that the search for an absent key ends within a few slots.
+bool exceeds_load(size_t entries, size_t slots) { return entries * 3 > slots * 2; }
 
 }  // namespace
 
 size_t Table::slotOf(const Value& key) const {
   const size_t mask = slots_.size() - 1;
-  size_t place = key.hash() & mask;
-  while (!slots_[place].key.isNil() && slots_[place].key != key) place = (place + 1) & mask;
-  return place;
+  size_t index = key.hash() & mask;
+  while (!slots_[index].key.isNil() && slots_[index].key != key) index = (index + 1) & mask;
+  return index;
 }
 
 void Table::rehash(size_t capacity) {
   std::vector<Slot> old(capacity);
   old.swap(slots_);
   for (Slot& slot : old) {
-    if (!slot.key.isNil()) {
-      Slot& place = slots_[slotOf(slot.key)];
-      place = std::move(slot);
-    }
+    if (!slot.key.isNil()) slots_[slotOf(slot.key)] = std::move(slot);
   }
 }
 
 void Table::reserve(size_t count) {
   size_t capacity = slots_.empty() ? 8 : slots_.size();
-  while (crowded(count, capacity)) capacity *= 2;
+  while (exceeds_load(count, capacity)) capacity *= 2;
   if (capacity != slots_.size()) rehash(capacity);
 }
 
@@ -53,13 +50,13 @@ void Table::erase(const Value& key) {
   size_t hole = slotOf(key);
   slots_[hole] = {};
   --size_;
-  // Entries that stepped over the place move up, so that no look-up stops short at the hole.
-  for (size_t place = (hole + 1) & mask; !slots_[place].key.isNil(); place = (place + 1) & mask) {
-    const size_t home = slots_[place].key.hash() & mask;
-    if (((place - home) & mask) < ((place - hole) & mask)) continue;
-    slots_[hole] = std::move(slots_[place]);
-    slots_[place] = {};
-    hole = place;
+  // A search stops at an empty slot. So each following entry whose search starts at or before the hole moves into it.
+  for (size_t index = (hole + 1) & mask; !slots_[index].key.isNil(); index = (index + 1) & mask) {
+    const size_t home = slots_[index].key.hash() & mask;
+    if (((index - home) & mask) < ((index - hole) & mask)) continue;
+    slots_[hole] = std::move(slots_[index]);
+    slots_[index] = {};
+    hole = index;
   }
 }
 

@@ -7,25 +7,24 @@
 
 namespace orvane {
 
-// A table from strings to values: open addressing with linear probing. A look-up among a million names costs two cache
-// misses, the slot and the characters, where a table of nodes costs four, and a name costs no allocation beside its own
-// characters. Not thread-safe.
+// A hash table from strings to values: open addressing with linear probing. A look-up among a million names costs two
+// cache misses (slot, characters); std::unordered_map costs four. Not thread-safe.
 class Table {
  public:
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  // Room for that many entries without another allocation.
+  // Makes room for a number of entries, so that adding them does not allocate slots.
   void reserve(size_t count);
   void clear() { *this = Table(); }
 
-  // Adds an entry unless the key is there. The key must be a string.
+  // Adds an entry unless the key exists. The key must be a string.
   void addIfAbsent(const Value& key, Value value);
-  // The value of a key, of any type; null when there is none. Valid until the next change.
+  // The value of a key; null when the key is absent or no string. Valid until the next change.
   Value* find(const Value& key);
-  // Nothing happens when the key is not there.
+  // Removes a key, if it exists.
   void erase(const Value& key);
 
-  // Calls f(key, value) for every entry, in no order.
+  // Calls f(key, value) for every entry, in no particular order.
   template <class Function>
   void forEach(Function f) const {
     for (const Slot& slot : slots_) {
@@ -33,20 +32,20 @@ class Table {
     }
   }
 
-  // A copy as a value. The characters and the values are shared.
+  // A copy as a dictionary. It shares the characters and the values.
   Value dictionary() const;
 
  private:
-  // Empty while its key is nil.
+  // Empty when the key is nil.
   struct Slot {
     Value key, value;
   };
 
-  // The slot of a key, or the empty one where it would stand. There must be slots, one of them empty.
+  // The index of a key's slot, or of the empty slot where the key belongs. Needs at least one empty slot.
   size_t slotOf(const Value& key) const;
   void rehash(size_t capacity);
 
-  std::vector<Slot> slots_;  // none, or a power of two
+  std::vector<Slot> slots_;  // the size is 0 or a power of two
   size_t size_ = 0;
 };
 

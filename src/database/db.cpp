@@ -1,13 +1,10 @@
 #include "database/db.h"
 
+#include "database/db_browsers.h"
 #include "database/db_state.h"
 #include "platform/Bundle.h"
 
 namespace orvane {
-
-std::string_view HostnameKey = "Hostname";
-std::string_view DontBlockUntilKey = "DontBlockUntil";
-std::string_view kPLDontBlockUntilKey = DontBlockUntilKey;
 
 os_log_t db_log;
 std::unique_ptr<Table> db_spare;
@@ -21,8 +18,7 @@ int db_init() {
   db_hostnames = std::make_unique<Table>();
   db_browsers = std::make_unique<Table>();
   load_browsers_id();
-  // Only now, after a load that has already locked and unlocked: there is one thread until the filter and the listener
-  // start, and the mutex is harmless until it is initialised.
+  // After the load, which locks and unlocks: start-up has one thread, and an uninitialised RecursiveMutex does nothing.
   db_mutex.initialise();
   return 0;
 }
@@ -31,10 +27,10 @@ void db_term() {
   db_spare.reset();
   db_hostnames.reset();
   db_browsers.reset();
-  // The mutex and the log stay: the next db_init takes both over as they are.
+  // The mutex and the log handle stay for the next db_init.
 }
 
-Value copy_of(const std::unique_ptr<Table>& table) {
+Value db_table_copy(const std::unique_ptr<Table>& table) {
   DatabaseLock lock;
   return table->dictionary();
 }
@@ -49,10 +45,10 @@ void add_to_hostnames(Table& hostnames, const Value& value) {
 }  // namespace
 
 void db_hostname_set(const Value& hostnames) {
-  // The new table is built before the lock is taken, and the old one freed after it is given back, so that no verdict
-  // waits for a long list. Whoever asks sees the old list or the new one, as if it had changed under the lock.
+  // A long list takes long to insert and to free, and verdicts must not wait for that. So the new table is built before
+  // locking, swapped in, and the old one freed after unlocking.
   auto table = std::make_unique<Table>();
-  // With room for single names to follow, so that the next few of them need no new table under the lock.
+  // Spare room, so that the next single names do not make the table grow under the lock.
   table->reserve(hostnames.asSet().size() + hostnames.asSet().size() / 8);
   for (const Value& member : hostnames.asSet()) add_to_hostnames(*table, member);
   {
@@ -60,7 +56,7 @@ void db_hostname_set(const Value& hostnames) {
     db_hostnames.swap(table);
   }
   ORVANE_LOG_DEBUG(db_log, "db_hostname_set: %@", hostnames);
-  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", copy_of(db_hostnames));
+  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", db_table_copy(db_hostnames));
 }
 
 void db_hostname_add(const Value& hostname) {
@@ -69,7 +65,7 @@ void db_hostname_add(const Value& hostname) {
     add_to_hostnames(*db_hostnames, hostname);
   }
   ORVANE_LOG_DEBUG(db_log, "db_hostname_add: %@", hostname);
-  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", copy_of(db_hostnames));
+  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", db_table_copy(db_hostnames));
 }
 
 void db_hostname_remove(const Value& hostname) {
@@ -77,9 +73,9 @@ void db_hostname_remove(const Value& hostname) {
     DatabaseLock lock;
     db_hostnames->erase(hostname);
   }
-  // "removed", unlike the function's name: the text is what people find it by in their logs.
+  // "removed", unlike the function's name: a frozen text (docs/compatibility.md).
   ORVANE_LOG_DEBUG(db_log, "db_hostname_removed: %@", hostname);
-  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", copy_of(db_hostnames));
+  ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", db_table_copy(db_hostnames));
 }
 
 bool db_has_hostname(std::string_view hostname) {

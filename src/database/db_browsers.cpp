@@ -1,6 +1,7 @@
+#include "database/db_browsers.h"
+
 #include <memory>
 
-#include "database/db.h"
 #include "database/db_state.h"
 #include "platform/Bundle.h"
 #include "platform/PropertyList.h"
@@ -10,7 +11,7 @@ namespace orvane {
 
 namespace {
 
-// What one look for a browser identifier carries from entry to entry.
+// The state of one search through the browser identifiers.
 struct BrowserMatch {
   std::string_view identifier;
   bool found = false;
@@ -18,8 +19,7 @@ struct BrowserMatch {
 
 void match_browser_identifier(const Value& key, const Value& /*value*/, BrowserMatch* context) {
   if (context == nullptr || !key.isString() || context->found) return;
-  // An anchored search for an empty string finds nothing on the platform, so an empty entry matches nothing, although
-  // every identifier ends with it.
+  // An empty entry matches nothing, as on macOS, where an anchored search for an empty string fails.
   const std::string_view ending = key.asString();
   context->found = !ending.empty() && context->identifier.ends_with(ending);
 }
@@ -30,10 +30,10 @@ void add_to_browsers_identifiers(const Value& value) {
   db_browsers->addIfAbsent(value, Value::dictionary({}));
 }
 
-// The property list in an open stream.
+// Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // A deliberate bound, kept by reading once: a longer list reaches the parser cut off, and fails there. A stream that
-  // offers its own buffer is not bounded.
+  // One read of 1024 bytes, on purpose: a longer list is cut off, and the parser rejects it. A stream that offers its
+  // own buffer has no limit.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;
   int64_t count = 0;
@@ -77,7 +77,7 @@ Value load_browsers_id_file(const std::optional<std::string>& bundleURL) {
     ORVANE_LOG_ERROR(db_log, "browsers file not found");
     return nullptr;
   }
-  // The next two texts seem exchanged; they are how these two steps are told apart in a log.
+  // The next two texts seem swapped, but they are frozen (docs/compatibility.md).
   Ref<ReadStream> stream = read_stream_create_with_file(*file);
   if (!stream) {
     ORVANE_LOG_ERROR(db_log, "cannot open file");
@@ -85,7 +85,7 @@ Value load_browsers_id_file(const std::optional<std::string>& bundleURL) {
   }
   if (!read_stream_open(stream.get())) {
     ORVANE_LOG_ERROR(db_log, "cannot read file");
-    return nullptr;  // never opened, so not closed
+    return nullptr;  // a stream that did not open is not closed
   }
   Value list = read_property_list(stream.get());
   read_stream_close(stream.get());
@@ -98,7 +98,7 @@ void load_browsers_id() {
 }
 
 void db_browser_set_from_plist(const Value& plist) {
-  // Goes on after this message, so that a bad list is seen to be treated as one without elements.
+  // Continues after this message: the value has no elements, so "empty plist file" follows.
   if (!plist.isArray()) ORVANE_LOG_ERROR(db_log, "bad plist format");
   if (plist.asArray().empty()) {
     ORVANE_LOG_DEBUG(db_log, "empty plist file");
@@ -110,7 +110,7 @@ void db_browser_set_from_plist(const Value& plist) {
     for (const Value& element : plist.asArray()) add_to_browsers_identifiers(element);
   }
   ORVANE_LOG_DEBUG(db_log, "db_browser_set_from_plist: %@", plist);
-  ORVANE_LOG_DEBUG(db_log, "db_browsers: %@", copy_of(db_browsers));
+  ORVANE_LOG_DEBUG(db_log, "db_browsers: %@", db_table_copy(db_browsers));
 }
 
 void db_browsers_set(const Value& identifiers) {
@@ -141,7 +141,6 @@ void db_browser_remove(const Value& identifier) {
 bool db_is_browser(std::string_view identifier) {
   BrowserMatch match{identifier};
   {
-    // Every entry is visited, also after a match: the list is short, as its file is.
     DatabaseLock lock;
     db_browsers->forEach([&](const Value& key, const Value& value) { match_browser_identifier(key, value, &match); });
   }

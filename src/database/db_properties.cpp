@@ -1,19 +1,24 @@
+#include "database/db_properties.h"
+
 #include "database/db.h"
 #include "database/db_state.h"
 #include "platform/Clock.h"
 
 namespace orvane {
 
+std::string_view HostnameKey = "Hostname";
+std::string_view DontBlockUntilKey = "DontBlockUntil";
+std::string_view kPLDontBlockUntilKey = DontBlockUntilKey;
+
 int db_hostname_set_properties(const Value& hostname, const Value& properties) {
   ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties(%@,%@)", hostname, properties);
-  // Values never change, so sharing the dictionary is as good as a copy of it.
+  // No copy is needed: values are immutable.
   Value stored = properties.isDictionary() ? properties : Value::dictionary({});
   DatabaseLock lock;
   if (Value* const current = db_hostnames->find(hostname)) {
-    // The old properties leave with `stored`, after the lock has been given back.
-    std::swap(*current, stored);
+    std::swap(*current, stored);  // `stored` frees the old properties after unlocking
   } else {
-    // "_dictionary", unlike the function's name: the text is what people find it by in their logs.
+    // "_dictionary", unlike the function's name: a frozen text (docs/compatibility.md).
     ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties_dictionary: hostname %@ not found", hostname);
   }
   return lock.unlock();
@@ -21,7 +26,7 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
 
 namespace {
 
-// The properties of a host. Null, after a message, when it has none. The caller holds the lock.
+// The properties of a host. Null, after a message, without a dictionary. The caller holds the lock.
 const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
   const Value* properties = db_hostnames->find(Value::borrowed(hostname));
   if (properties == nullptr || properties->isNil()) {
@@ -38,7 +43,7 @@ const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
 }  // namespace
 
 bool db_hostname_is_blockable(std::string_view hostname) {
-  // Held throughout, the messages included: one decision, which no edit can come into.
+  // Held to the end, messages included, so that no edit comes between the steps of one decision.
   DatabaseLock lock;
   if (!db_has_hostname(hostname)) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable: %@ not found", hostname);
@@ -49,7 +54,7 @@ bool db_hostname_is_blockable(std::string_view hostname) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable %@ has not properties", hostname);
     return true;
   }
-  // These two messages name the key, not the host: the host stands in the messages before them.
+  // The next two messages name the key; db_has_hostname has just logged the host.
   const std::string_view key = kPLDontBlockUntilKey;
   const Value* until = properties->find(key);
   if (until == nullptr || until->isNil()) {

@@ -7,11 +7,11 @@
 #include "platform/Synchronization.h"
 #include "platform/Value.h"
 
-// What the files of the block database share. Not for anyone else.
+// The state that the files of the block database share. Private to them.
 namespace orvane {
 
 extern os_log_t db_log;
-extern std::unique_ptr<Table> db_spare;      // made and given up with the others; reserved
+extern std::unique_ptr<Table> db_spare;      // unused: see docs/compatibility.md
 extern std::unique_ptr<Table> db_hostnames;  // host name -> its properties, a dictionary
 extern std::unique_ptr<Table> db_browsers;   // browser identifier -> an empty dictionary
 extern RecursiveMutex db_mutex;              // guards db_hostnames and db_browsers
@@ -26,7 +26,7 @@ class DatabaseLock {
   DatabaseLock(const DatabaseLock&) = delete;
   DatabaseLock& operator=(const DatabaseLock&) = delete;
 
-  // Gives the lock back before the end of the scope, with the status of that.
+  // Unlocks before the end of the scope. Returns the mutex's status.
   int unlock() {
     held_ = false;
     return db_mutex.unlock();
@@ -36,7 +36,7 @@ class DatabaseLock {
   bool held_ = true;
 };
 
-// A copy of a table for the log. The characters and the properties are shared, not copied.
-Value copy_of(const std::unique_ptr<Table>& table);
+// A copy of a table for the log, taken under the lock. It shares the characters and the properties.
+Value db_table_copy(const std::unique_ptr<Table>& table);
 
 }  // namespace orvane

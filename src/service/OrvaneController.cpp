@@ -1,6 +1,7 @@
 #include "service/OrvaneController.h"
 
 #include "database/db.h"
+#include "database/db_properties.h"
 #include "platform/Log.h"
 
 namespace orvane {

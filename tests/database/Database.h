@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "database/db.h"
+#include "database/db_browsers.h"
+#include "database/db_properties.h"
 #include "database/db_state.h"
 #include "platform/StandIn.h"
 
@@ -10,12 +12,12 @@ namespace orvane {
 
 inline Value text(std::string_view characters) { return Value::string(characters); }
 
-// Properties that suspend a host until a moment.
+// Properties that suspend a host until an absolute time.
 inline Value until(double absoluteTime) {
   return Value::dictionary({{text("DontBlockUntil"), Value::date(absoluteTime)}});
 }
 
-// Runs with a database that has started with an empty list of browsers, and an empty log.
+// Starts the database with an empty browsers list, and empties the log and the trace.
 class DatabaseTest : public testing::Test {
  protected:
   DatabaseTest() {

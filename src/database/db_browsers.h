@@ -1,0 +1,29 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/Value.h"
+
+// The identifiers that count as browsers. See db.h for threads and ownership.
+namespace orvane {
+
+// Loads the browsers list of the extension's own bundle.
+void load_browsers_id();
+// Reads the resource Browsers.plist of the bundle at a file URL, or of the main bundle without one. Returns its
+// property list; nil after an error, which is logged.
+Value load_browsers_id_file(const std::optional<std::string>& bundleURL);
+// Replaces the identifiers by the strings of an array. An empty array and any other value change nothing.
+void db_browser_set_from_plist(const Value& plist);
+
+// Replaces the identifiers by the strings of a set. Any other value removes them all.
+void db_browsers_set(const Value& identifiers);
+// Adds a string. Ignores other values.
+void db_browser_add(const Value& identifier);
+void db_browser_remove(const Value& identifier);
+
+// Whether a bundle identifier ends with one of the identifiers.
+bool db_is_browser(std::string_view identifier);
+
+}  // namespace orvane
