@@ -1,4 +1,4 @@
-"""What is shown, in its order."""
+"""The demo's scenes, in the order of the table."""
 
 import datetime
 import pathlib
@@ -24,42 +24,49 @@ _WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
 
 
 class _Stage:
-    """A running extension with its audience."""
+    """A running extension, and the table that shows what programs see of it.
+
+    looks_up_browsers: whether the provider looks up each program among the browsers, so that the log shows it.
+    """
 
     def __init__(
-        self, extension: Extension, servers: WebServers, table: Table, asks_for_browsers: bool, keeper: Keeper | None = None
+        self,
+        extension: Extension,
+        servers: WebServers,
+        table: Table,
+        looks_up_browsers: bool,
+        keeper: Keeper | None = None,
     ):
         self.extension, self._servers, self._table = extension, servers, table
         self._controlled = keeper or extension
-        self._asks_for_browsers = asks_for_browsers
+        self._looks_up_browsers = looks_up_browsers
 
     def fetch(self, program: Program, destination: Destination, expected: str) -> None:
-        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # the path is of this row alone
+        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # a path for each row
         try:
             seen = program.fetch(destination, path, self.extension.proxy)
         except subprocess.TimeoutExpired as expired:
-            seen = programs.Seen([], f"nothing for {expired.timeout} s")
+            seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # The programs by their identifiers, and nobody where no rule is about the port: but the kernel shows the
-        # look-up of the name too.
-        shown = destination.port is None or self.extension.proxy is None
-        expected_judged = program.identifier if self._asks_for_browsers and shown else None
+        # No rule covers a special port, so the proxy shows no flow for it. The kernel still shows the DNS flow.
+        has_flow = destination.port is None or self.extension.proxy is None
+        expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None
         if expected not in seen.verdicts:
-            fault = f"this is not what follows from \"{expected}\"\n{self.extension.log_end()}"
-        elif self._servers.were_asked_for(path) != (expected == ALLOW):
-            fault = "the web server was " + ("not " if expected == ALLOW else "") + "asked for the page"
+            fault = f"the verdict \"{expected}\" does not explain this\n{self.extension.log_end()}"
+        elif self._servers.have_served(path) != (expected == ALLOW):
+            fault = f"the request {'did not reach' if expected == ALLOW else 'reached'} the web server"
         elif judged != {expected_judged} - {None}:
-            fault = f"the extension took the program for {', '.join(sorted(judged)) or 'nobody'}"
+            fault = f"the extension identified the program as: {', '.join(sorted(judged)) or 'nothing'}"
         self._table.row(program.name, program.identifier, str(destination), expected, seen.text, fault)
 
     def control(self, *arguments: str, text: str | None = None, prints: str | None = "", code: int = 0) -> None:
-        """Runs orvanectl, which should print this, or where it is None anything, and end with this code."""
+        """Runs orvanectl and checks its output, unless `prints` is None, and its exit code."""
         done = self._controlled.control(*arguments, text=text)
         printed = done.stdout.strip()
         fault = None
         if (printed if prints is not None else None, done.returncode) != (prints, code):
-            fault = f"the output should be \"{prints}\", the exit code {code}, not {done.returncode}\n"
+            fault = f"expected the output \"{prints}\" and the exit code {code}, not {done.returncode}\n"
             fault += done.stderr + self.extension.log_end()
         result = printed or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
         self._table.command(f"orvanectl {shlex.join(arguments)}", result, fault)
@@ -67,22 +74,21 @@ class _Stage:
 
 def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: list[Browser], table: Table) -> None:
     stage.control("ping", prints="pong")
-    stage.control("set", "-", text=f"# as a person would write it\n{HELD.capitalize()}.\n")
+    stage.control("set", "-", text=f"# a comment\n{HELD.capitalize()}.\n")
     stage.control("add", "https://refused.example/", code=2)
     stage.control("changes", prints="1")
     for program in (curl, wget):
         for destination in _WEB:
             held = program is curl and destination.host == HELD
             stage.fetch(program, destination, DROP if held else ALLOW)
-    # The proxy learns the name from the tunnel's data alone, the kernel's flows have it from the start.
-    by_address = DROP_AT_DATA if stage.extension.proxy else DROP
-    stage.fetch(curl, Destination("https", HELD, through_address=True), by_address)
-    stage.fetch(curl, Destination("https", NEWS, through_address=True), ALLOW)
-    # No rule of the provider is about this port.
+    # The proxy learns the name from the tunnel's data. Flows of the kernel have it from the start.
+    stage.fetch(curl, Destination("https", HELD, by_address=True), DROP_AT_DATA if stage.extension.proxy else DROP)
+    stage.fetch(curl, Destination("https", NEWS, by_address=True), ALLOW)
+    # The provider's rules do not cover this port.
     stage.fetch(curl, Destination("http", HELD, port=8080), ALLOW)
     for browser in browsers:
         if not browser.runs():
-            table.note(f"{browser.name} is not installed, or does not run here: its rows are left out")
+            table.note(f"{browser.name} is not installed or does not run here: its rows are missing")
             continue
         for destination in _WEB:
             stage.fetch(browser, destination, DROP if destination.host == HELD else ALLOW)
@@ -101,15 +107,15 @@ def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
     stage.fetch(curl, _HTTPS_NEWS, ALLOW)
     stage.extension.process.kill()
     stage.extension.process.wait()
-    time.sleep(0.5)  # the packet queue is free once its watchdog has ended, too
+    time.sleep(0.5)  # the packet queue is free when its watchdog has ended too
     stage.extension.start()
     time.sleep(1)
-    table.note("the extension was killed and started anew, a second ago")
+    table.note("the extension was killed, and started again one second ago")
     stage.fetch(curl, _HTTPS_HELD, DROP)
     stage.control("suspend", HELD, "--for", "3s", prints=None)
     stage.fetch(curl, _HTTPS_HELD, ALLOW)
     time.sleep(3.5)
-    table.note("its suspension is over")
+    table.note("the suspension has ended")
     stage.fetch(curl, _HTTPS_HELD, DROP)
     stage.control("unblock", HELD, prints=f"{site}: taken off the list")
     stage.fetch(curl, _HTTPS_HELD, ALLOW)
@@ -140,12 +146,11 @@ def _safari_provider(stage: _Stage, safari: Program, curl: Program, table: Table
     stage.control("changes", prints="3")
 
 
-def _tell_flow_source(extension: Extension, table: Table) -> None:
+def _note_flow_source(extension: Extension, table: Table) -> None:
     if extension.proxy is None:
-        table.note("the flows are the kernel's own: no program knows of the filter")
+        table.note("the flows come from the kernel: the programs need no settings")
     else:
-        table.note(f"through the proxy, which each program is told of; the kernel's own flows cannot be had here: "
-                   f"{extension.refusal}")
+        table.note(f"the programs use the extension's proxy; the kernel refuses its flows: {extension.netfilter_error}")
 
 
 def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
@@ -160,15 +165,15 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
     table.scene("FilterDataProvider, with the browsers curl, chromium and firefox-esr")
     browsers = ["curl", "chromium", "firefox-esr"]
     with Extension(build, directory / "general", "FilterDataProvider", browsers) as extension:
-        _tell_flow_source(extension, table)
+        _note_flow_source(extension, table)
         _general_provider(_Stage(extension, servers, table, True), curl, wget, [chromium, firefox], table)
 
-    table.scene("The list that lasts, and its keeper")
+    table.scene("The list on disk, and its keeper")
     with Extension(build, directory / "kept", "FilterDataProvider", browsers) as extension:
         with Keeper(extension, directory / "keeper") as keeper:
             _kept_list(_Stage(extension, servers, table, True, keeper), curl, table)
 
-    # A program's identifier is its file's name where nothing else gives it one.
+    # A program without a desktop entry is identified by its file name.
     folder = directory / "safari"
     folder.mkdir()
     copy = shutil.copy(path, folder / "com.apple.Safari")
@@ -179,13 +184,13 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
 
 
 def play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> int:
-    """The exit code: 0 when all was as expected."""
+    """Returns the exit code: 0 if every line is as expected."""
     start = time.monotonic()
     try:
         _play(build, directory, table)
     except (Failure, FileNotFoundError) as failure:
         print(f"\ndemo: {failure}", flush=True)
         return 1
-    outcome = "all as expected" if table.surprises == 0 else f"{table.surprises} NOT AS EXPECTED"
+    outcome = "all as expected" if table.unexpected == 0 else f"{table.unexpected} NOT AS EXPECTED"
     print(f"\n{table.rows} lines in {time.monotonic() - start:.1f} s, {outcome}", flush=True)
-    return 0 if table.surprises == 0 else 1
+    return 0 if table.unexpected == 0 else 1

@@ -1,4 +1,4 @@
-"""The table: one line for each thing done, printed as it is done."""
+"""The demo's table, printed line by line as the steps finish."""
 
 _WIDTHS = (17, 17, 39, 17)
 _HEADINGS = ("program", "bundle identifier", "destination", "verdict expected", "what the client saw")
@@ -6,7 +6,7 @@ _HEADINGS = ("program", "bundle identifier", "destination", "verdict expected", 
 
 class Table:
     def __init__(self):
-        self.rows = self.surprises = 0
+        self.rows = self.unexpected = 0
 
     def scene(self, title: str) -> None:
         print(f"\n{title}\n")
@@ -16,14 +16,12 @@ class Table:
     def row(self, program: str, identifier: str, destination: str, expected: str, seen: str, fault: str | None) -> None:
         self.rows += 1
         self._line(program, identifier, destination, expected, seen)
-        if fault is not None:
-            self._surprise(fault)
+        self._report(fault)
 
     def command(self, text: str, result: str, fault: str | None = None) -> None:
         self.rows += 1
         self._print(f"  $ {text}  -> {result}")
-        if fault is not None:
-            self._surprise(fault)
+        self._report(fault)
 
     def note(self, text: str) -> None:
         self._print(f"  ({text})")
@@ -32,9 +30,10 @@ class Table:
         fixed = (f"{cell:<{width}}" for cell, width in zip(cells, _WIDTHS))
         self._print("  ".join([*fixed, cells[-1]]))
 
-    def _surprise(self, fault: str) -> None:
-        self.surprises += 1
-        self._print(f"  ^ NOT AS EXPECTED: {fault}")
+    def _report(self, fault: str | None) -> None:
+        if fault is not None:
+            self.unexpected += 1
+            self._print(f"  ^ NOT AS EXPECTED: {fault}")
 
     @staticmethod
     def _print(text: str) -> None:

@@ -1,6 +1,5 @@
-"""The extension in a bundle with settings of the demo's own, and orvanectl to drive it."""
+"""Runs the extension from a copy of its bundle with the caller's settings, and controls it with orvanectl."""
 
-import os
 import pathlib
 import plistlib
 import re
@@ -11,11 +10,11 @@ import subprocess
 import time
 
 _PROXY_PORT = 8118
-_PATIENCE = 15  # seconds, for what takes milliseconds on an idle machine
+_TIMEOUT = 15  # seconds, for steps that take milliseconds on an idle machine
 
 
 class Failure(Exception):
-    """The show cannot go on."""
+    """The system does not behave as expected."""
 
 
 def _make_bundle(
@@ -30,16 +29,17 @@ def _make_bundle(
     }
     if flow_source is not None:
         information["NetworkExtension"]["OrvaneFlowSource"] = flow_source
-    everything = {"DEFAULT-OPTIONS": {"Level": {"Enable": level}}}
-    information["OSLogPreferences"] = {information["CFBundleIdentifier"]: everything}
+    all_categories = {"DEFAULT-OPTIONS": {"Level": {"Enable": level}}}
+    information["OSLogPreferences"] = {information["CFBundleIdentifier"]: all_categories}
     description.write_bytes(plistlib.dumps(information))
     (bundle / "Contents/Resources/Browsers.plist").write_bytes(plistlib.dumps(browsers))
 
 
 class Extension:
-    """A running extension; use it in a with statement. It ends at the end of the block, with 0 or a Failure.
+    """An extension that runs for a with block. Leaving the block ends it; an exit code other than 0 is a Failure.
 
-    Without a flow source, the extension takes the best it can have; `flow_source` and `refusal` tell which, and why.
+    `directory` must not exist yet. Without a `flow_source` the extension chooses netfilter if it can, else the proxy.
+    Then `flow_source` is its choice, and `netfilter_error` says why netfilter was impossible.
     """
 
     def __init__(
@@ -61,27 +61,27 @@ class Extension:
         self._log = directory / "log"
         self._notifications = directory / "notify"
         self._fixed_source = flow_source
-        self.flow_source, self.refusal = flow_source, None
+        self.flow_source, self.netfilter_error = flow_source, None
 
     def __enter__(self):
         self.start()
         return self
 
     def start(self) -> None:
-        """Returns once it filters. Also after kill()."""
+        """Returns when the extension filters. It may have run, and been killed, before."""
         environment = {"RUNTIME_DIRECTORY": str(self._socket.parent), "NOTIFY_SOCKET": str(self._notifications)}
         self._notifications.unlink(missing_ok=True)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications, open(self._log, "ab") as log:
             notifications.bind(str(self._notifications))
-            notifications.settimeout(_PATIENCE)
+            notifications.settimeout(_TIMEOUT)
             start = self.log_size()
             self.process = subprocess.Popen(self.command, env=environment, stdout=log, stderr=log)
             self._wait_until_ready(notifications)
-        # The filter and the control channel start side by side.
+        # The filter reports its start, but the control channel may still be starting.
         self.wait_for(r"OrvaneSE started\.\.\.", start)
         if self._fixed_source is None:
             found = self.wait_for(r"flow source: (\w+)(?:, as netfilter cannot be had: (.*))?", start)
-            self.flow_source, self.refusal = found[1], found[2]
+            self.flow_source, self.netfilter_error = found[1], found[2]
 
     def _wait_until_ready(self, notifications: socket.socket) -> None:
         try:
@@ -93,18 +93,18 @@ class Extension:
 
     def __exit__(self, kind, *_):
         self.process.terminate()
-        code = self.process.wait(_PATIENCE)
+        code = self.process.wait(_TIMEOUT)
         if code != 0 and kind is None:
             raise Failure(f"the extension ended with {code}\n{self.log_end()}")
 
     @property
     def proxy(self) -> str | None:
-        """Where its clients must ask for their pages; nothing when they need not know of it."""
+        """The URL of the proxy that clients must use; None if the flows come from the kernel."""
         return f"http://127.0.0.1:{_PROXY_PORT}" if self.flow_source == "proxy" else None
 
     def wait_for(self, pattern: str, since: int) -> re.Match:
-        """Waits until the log has such text beyond that size."""
-        end = time.monotonic() + _PATIENCE
+        """Waits until the log, after its first `since` bytes, matches the pattern."""
+        end = time.monotonic() + _TIMEOUT
         while not (found := re.search(pattern, self.log_text(since))):
             if time.monotonic() > end:
                 raise Failure(f"the extension's log does not say: {pattern}\n{self.log_end()}")
@@ -114,22 +114,26 @@ class Extension:
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
         """Runs orvanectl."""
         command = self.control_command(*arguments)
-        return subprocess.run(command, input=text, capture_output=True, text=True, timeout=_PATIENCE)
+        return subprocess.run(command, input=text, check=False, capture_output=True, text=True, timeout=_TIMEOUT)
 
     def control_command(self, *arguments: str) -> list:
         return [self._orvanectl, "--socket", self._socket, *arguments]
 
     def hold(self, *names: str) -> None:
-        """Blocks these names and no others."""
+        """Replaces the list with these names."""
         self.control("set", "-", text="\n".join(names) + "\n").check_returncode()
 
     def counters(self) -> dict[str, int]:
-        """Of its flows and packets, by the words that follow each number in the log; of two such, the first."""
+        """The extension's counters, by the words after each number in its log. The first of two equal words counts."""
         since = self.log_size()
         self.process.send_signal(signal.SIGUSR1)
         self.wait_for(r"longest hold \d+ microseconds\n", since)
         found = re.findall(r"(\d+) ([a-z][a-z ]*[a-z])", self.log_text(since).partition("flows:")[2])
         return {words: int(number) for number, words in reversed(found)}
+
+    def resident_bytes(self) -> int:
+        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
+        return 1024 * int(re.search(r"VmRSS:\s+(\d+) kB", status)[1])
 
     def log_size(self) -> int:
         return self._log.stat().st_size
@@ -138,8 +142,9 @@ class Extension:
         return self._log.read_bytes()[since:].decode(errors="replace")
 
     def identifiers_judged(self, since: int) -> set[str]:
-        """The bundle identifiers that have been looked up in the list of browsers since the log had that size."""
+        """The bundle identifiers that the log, after its first `since` bytes, shows as looked up."""
         return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", self.log_text(since)))
 
     def log_end(self) -> str:
-        return "\n".join(["The end of its log:", *(f"  {line}" for line in self.log_text().splitlines()[-20:])])
+        lines = self.log_text().splitlines()[-20:]
+        return "\n".join(["The end of the extension's log:", *(f"  {line}" for line in lines)])

@@ -1,4 +1,4 @@
-"""Connections that go no further than their first bytes: what browsers send, and a server that is content with it."""
+"""The first bytes that a browser sends on a connection, and a server that answers after reading just these."""
 
 import collections
 import functools
@@ -10,39 +10,39 @@ import ssl
 import time
 
 SERVED = b"served"
-_PATIENCE = 10  # seconds after which a server forgets a silent client; nobody tells it of those that the filter reset
+_IDLE_LIMIT = 10  # seconds; the server closes a silent connection then, as it cannot see that the filter reset it
 
 
 @functools.cache
 def hello(name: str) -> bytes:
-    """Of a TLS connection to that server."""
+    """The client hello of a TLS connection to that server."""
     outgoing = ssl.MemoryBIO()
     try:
         ssl.create_default_context().wrap_bio(ssl.MemoryBIO(), outgoing, server_hostname=name).do_handshake()
     except ssl.SSLWantReadError:
-        pass  # it waits for the server
+        pass  # expected: the hello is written, and the server's answer is missing
     return outgoing.read()
 
 
 def request(name: str, path: str = "/") -> bytes:
-    """Of an HTTP connection to that server."""
+    """The request of an HTTP connection to that server."""
     return f"GET {path} HTTP/1.1\r\nHost: {name}\r\n\r\n".encode()
 
 
 def allow_many_descriptors() -> None:
-    """To this process and its children."""
+    """Raises the limit of open files for this process and its children."""
     _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(most, 65536), most))
 
 
 class FirstBytesServer:
-    """Answers the first bytes of each connection with SERVED, from a process of its own, until this one ends."""
+    """Answers the first bytes of each connection with SERVED. Runs in a child process until this process ends."""
 
-    def __init__(self, address: str, ports: list[int], watched: str, patience: float = _PATIENCE):
+    def __init__(self, address: str, ports: list[int], watched: str, idle_limit: float = _IDLE_LIMIT):
         forking = multiprocessing.get_context("fork")
-        self._watched, self._patience = watched.encode(), patience
+        self._watched, self._idle_limit = watched.encode(), idle_limit
         self._seen = forking.Value("i", 0)
-        # Where others listen at all addresses, this one has its address for itself.
+        # Another server may listen on all addresses; the kernel prefers the listener on the one address.
         listeners = [socket.create_server((address, port), backlog=4096, reuse_port=True) for port in ports]
         forking.Process(target=self._serve, args=(listeners,), daemon=True).start()
         for listener in listeners:
@@ -50,24 +50,24 @@ class FirstBytesServer:
 
     @property
     def seen(self) -> int:
-        """How many connections had the watched name in their first bytes."""
+        """The number of connections whose first bytes contained the watched name."""
         return self._seen.value
 
     def _serve(self, listeners: list[socket.socket]) -> None:
-        waiting: dict[int, tuple[socket.socket, float]] = collections.OrderedDict()  # the oldest first
+        waiting: dict[int, tuple[socket.socket, float]] = collections.OrderedDict()  # oldest first
         poll = select.epoll()
         by_descriptor = {listener.fileno(): listener for listener in listeners}
         for listener in listeners:
             poll.register(listener, select.EPOLLIN)
         while True:
-            for descriptor, _ in poll.poll(self._patience):
+            for descriptor, _ in poll.poll(self._idle_limit):
                 if descriptor in by_descriptor:
                     connection, _ = by_descriptor[descriptor].accept()
                     waiting[connection.fileno()] = (connection, time.monotonic())
                     poll.register(connection, select.EPOLLIN)
                 else:
                     self._answer(waiting.pop(descriptor)[0])
-            while waiting and next(iter(waiting.values()))[1] < time.monotonic() - self._patience:
+            while waiting and next(iter(waiting.values()))[1] < time.monotonic() - self._idle_limit:
                 waiting.popitem(last=False)[1][0].close()
 
     def _answer(self, connection: socket.socket) -> None:
@@ -76,4 +76,4 @@ class FirstBytesServer:
                 self._seen.value += self._watched in connection.recv(4096)
                 connection.sendall(SERVED)
             except OSError:
-                pass  # it shows at the client
+                pass  # the client reports the failure

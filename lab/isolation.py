@@ -1,8 +1,8 @@
-"""A network, a process table and a view of the files of the demo's own.
+"""Runs a script in network, mount and process namespaces that exist for that run only.
 
-The rules of the filter are about ports 80 and 443, and names must lead to local servers: in namespaces of our own we
-may listen on any port, ask any name server and make any firewall rule. When the first process in them ends, the kernel
-ends all the others.
+The filter's rules cover ports 53, 80 and 443, and host names must lead to local servers. Inside the namespaces the
+script may listen on every port, replace the name server and change firewall rules without touching the machine. When
+the first process inside ends, the kernel ends all others.
 """
 
 import fcntl
@@ -15,7 +15,8 @@ import subprocess
 import sys
 import tempfile
 
-INSIDE = "--inside"
+INSIDE = "--inside"  # the first argument of a script that runs in the namespaces
+SKIPPED = 77  # the exit code that ctest reads as "skipped"
 HERE = pathlib.Path(__file__).resolve().parent
 PYTHON = sys.executable or "python3"
 
@@ -23,32 +24,32 @@ _NAMESPACES = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-p
 _USER = ["--user", "--map-root-user"]
 
 
-class Refused(Exception):
-    """This system does not let us have the namespaces."""
+class Unavailable(Exception):
+    """This machine lacks something that the run needs."""
 
 
 def _find_unshare() -> list[str]:
-    """The unshare(1) command that works here. A user namespace is what makes do without root."""
-    complaints = []
+    """The unshare(1) command that works here. Without root it also needs a user namespace."""
+    errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
         command = ["unshare", *more, *_NAMESPACES]
-        # Namespaces may be had and still not be ours to configure: a container's root may lack the privilege.
+        # A container's root may create namespaces but lack the privilege to configure them, so try both.
         code = f"import sys; sys.path.insert(0, {str(HERE)!r}); import isolation; isolation.bring_loopback_up()"
-        trial = subprocess.run([*command, PYTHON, "-B", "-c", code], capture_output=True, text=True)
+        trial = subprocess.run([*command, PYTHON, "-B", "-c", code], check=False, capture_output=True, text=True)
         if trial.returncode == 0:
             return command
-        complaints.append(f"  {' '.join(command)}\n    {(trial.stderr.strip().splitlines() or ['?'])[-1]}")
-    raise Refused(
-        "this system refuses the namespaces that we run in:\n"
-        + "\n".join(complaints)
-        + "\nRun it as root, or allow user namespaces: the settings user.max_user_namespaces,"
-        "\nkernel.unprivileged_userns_clone and kernel.apparmor_restrict_unprivileged_userns of sysctl(8), or the"
-        "\nprivileges of the container that this is."
+        errors.append(f"  {' '.join(command)}\n    {(trial.stderr.strip().splitlines() or ['?'])[-1]}")
+    raise Unavailable(
+        "this system does not allow the namespaces that the run needs:\n"
+        + "\n".join(errors)
+        + "\nRun it as root, or allow user namespaces: the sysctl(8) settings user.max_user_namespaces,"
+        "\nkernel.unprivileged_userns_clone and kernel.apparmor_restrict_unprivileged_userns, or the privileges of"
+        "\nthe container."
     )
 
 
 def _end(unshare: subprocess.Popen) -> None:
-    """Ends the first process in the namespaces, and all others with it. unshare reports once they are gone."""
+    """Kills the first process in the namespaces, and so all others. unshare exits when they are gone."""
     children = pathlib.Path(f"/proc/{unshare.pid}/task/{unshare.pid}/children").read_text().split()
     for child in children:
         os.kill(int(child), signal.SIGKILL)
@@ -57,9 +58,10 @@ def _end(unshare: subprocess.Popen) -> None:
 
 
 def run_isolated(script: str, *arguments: str) -> int:
-    """Runs the script again, inside, with INSIDE, an empty directory of its own, and the arguments.
+    """Runs the script again in the namespaces. Its arguments are INSIDE, an empty directory, and these arguments.
 
-    Returns its exit code; an interrupt ends this process as it would have. Raises Refused.
+    Returns the script's exit code. A signal that interrupts the run then ends this process as usual. Raises
+    Unavailable.
     """
     unshare, interrupted = None, 0
 
@@ -74,7 +76,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     command = _find_unshare()
     directory = tempfile.mkdtemp(prefix="orvane.")
     try:
-        # A session of its own: an interrupt from the terminal reaches this process alone, which ends the rest.
+        # In its own session, an interrupt from the terminal reaches only this process, which then ends the others.
         unshare = subprocess.Popen(
             [*command, PYTHON, script, INSIDE, directory, *arguments],
             stdin=subprocess.DEVNULL,
@@ -84,14 +86,14 @@ def run_isolated(script: str, *arguments: str) -> int:
         )
         if interrupted:
             _end(unshare)
-        _, complaints = unshare.communicate()
+        _, errors = unshare.communicate()
     finally:
-        os.rmdir(directory)  # its content was the namespace's
+        os.rmdir(directory)  # empty: its content was on a mount in the namespace
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)
-    # Not after an interrupt: then these are unshare's, about its end.
-    sys.stderr.write(complaints)
+    # After an interrupt these would be unshare's messages about its own end.
+    sys.stderr.write(errors)
     return unshare.returncode
 
 
@@ -100,11 +102,11 @@ def _mount(*arguments: str) -> None:
 
 
 def _replace(directory: pathlib.Path, path: str, text: str) -> None:
-    """Puts another content in a file's place, as seen from inside."""
+    """Gives a system file other content inside the namespace."""
     if os.path.exists(path):
-        ours = directory / pathlib.Path(path).name
-        ours.write_text(text)
-        _mount("--bind", str(ours), path)
+        replacement = directory / pathlib.Path(path).name
+        replacement.write_text(text)
+        _mount("--bind", str(replacement), path)
 
 
 def bring_loopback_up() -> None:
@@ -113,13 +115,13 @@ def bring_loopback_up() -> None:
         fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
 
 
-def furnish(directory: pathlib.Path) -> None:
-    """Prepares the inside: names are asked of a name server here, and `directory` is empty and vanishes at the end."""
+def prepare(directory: pathlib.Path) -> None:
+    """Prepares the namespaces from inside: the local name server answers, and `directory` is in memory."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
     bring_loopback_up()
     _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")
     _replace(directory, "/etc/resolv.conf", "nameserver 127.0.0.1\n")
     _replace(directory, "/etc/nsswitch.conf", "hosts: files dns\n")
-    # Without a journal, the extension's log comes to us.
+    # Without a journal, the extension logs to standard error, which the scripts read.
     if os.path.isdir("/run/systemd/journal"):
         _mount("-t", "tmpfs", "tmpfs", "/run/systemd/journal")

@@ -1,4 +1,4 @@
-"""A keeper of the list, as it was built."""
+"""Runs `orvanectl keep`, the program that sends the list to the extension."""
 
 import json
 import pathlib
@@ -10,7 +10,7 @@ from extension import Extension, Failure
 
 
 class Keeper:
-    """One at work for an extension; use it in a with statement. The list is a file in a folder of its own."""
+    """A keeper that runs for a with block and sends the file `list` to one extension."""
 
     def __init__(self, extension: Extension, directory: pathlib.Path):
         self._extension = extension
@@ -30,11 +30,11 @@ class Keeper:
             self.process = subprocess.Popen(
                 self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
             )
-        # Before that nobody would wait for it.
+        # `orvanectl block` waits for a keeper only if its state file exists.
         end = time.monotonic() + 20
         while not self._state.exists():
             if self.process.poll() is not None or time.monotonic() > end:
-                raise Failure(f"the keeper does not start\n{self._log.read_text()}")
+                raise Failure(f"the keeper did not start\n{self._log.read_text()}")
             time.sleep(0.01)
         return self
 
@@ -50,6 +50,6 @@ class Keeper:
             raise Failure(f"the keeper ended with {code}\n{self._log.read_text()}")
 
     def status(self) -> tuple[dict, int]:
-        """What orvanectl tells of it, and its exit code."""
+        """The answer of `orvanectl status`, and its exit code."""
         result = self.control("--json", "status")
         return json.loads(result.stdout), result.returncode

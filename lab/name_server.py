@@ -1,4 +1,4 @@
-"""A name server on the loopback address, over UDP and TCP (RFC 1035): addresses of the names given, and no others."""
+"""A name server on 127.0.0.1, over UDP and TCP (RFC 1035). It knows only the names that it is given."""
 
 import ipaddress
 import socketserver
@@ -10,13 +10,13 @@ _NO_SUCH_NAME = 3
 
 
 def question(name: str, identifier: int = 1, kind: int = _A) -> bytes:
-    """A query for one name, as it is sent over UDP."""
+    """A query for one name, in the form for UDP."""
     labels = b"".join(bytes([len(label)]) + label.encode() for label in name.split("."))
     return struct.pack("!6H", identifier, 0x0100, 1, 0, 0, 0) + labels + struct.pack("!BHH", 0, kind, 1)
 
 
 def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
-    """To a query with one question; what comes after it, such as the options of EDNS, is left unanswered."""
+    """Answers a query with one question. Ignores what follows the question, for example EDNS options."""
     labels, at = [], 12
     while length := query[at]:
         labels.append(query[at + 1 : at + 1 + length].decode())
@@ -25,7 +25,7 @@ def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
     name, end = ".".join(labels).lower(), at + 5
     packed = [ipaddress.ip_address(address).packed for address in addresses.get(name, [])]
     fitting = [address for address in packed if kind == {4: _A, 16: _AAAA}[len(address)]]
-    # The name of each record is that of the question, at byte 12.
+    # 0xC00C: each record's name is a pointer to the question's name, at byte 12.
     records = [struct.pack("!HHHIH", 0xC00C, kind, 1, 0, len(address)) + address for address in fitting]
     flags = 0x8580 | (0 if name in addresses else _NO_SUCH_NAME)
     return query[:2] + struct.pack("!5H", flags, 1, len(records), 0, 0) + query[12:end] + b"".join(records)

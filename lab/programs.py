@@ -1,4 +1,4 @@
-"""The client programs: each fetches a page, through a proxy if it is told to, and tells what it saw."""
+"""Client programs that fetch a page, through a proxy if there is one, and report what they saw."""
 
 import dataclasses
 import json
@@ -12,7 +12,7 @@ import time
 
 from web_servers import page_of
 
-_PATIENCE = 60  # seconds
+_TIMEOUT = 60  # seconds
 
 ALLOW = "allow"
 DROP = "drop"
@@ -24,24 +24,24 @@ class Destination:
     scheme: str
     host: str
     port: int | None = None
-    through_address: bool = False  # reached by address: the name is in the TLS hello alone
+    by_address: bool = False  # the client connects to an address; only the TLS hello has the name
 
     def url(self, path: str = "/") -> str:
         port = "" if self.port is None else f":{self.port}"
         return f"{self.scheme}://{self.host}{port}{path}"
 
     def __str__(self) -> str:
-        return f"{self.url()} by address" if self.through_address else self.url()
+        return f"{self.url()} by address" if self.by_address else self.url()
 
 
 @dataclasses.dataclass(frozen=True)
 class Seen:
-    verdicts: list[str]  # any of which it may follow from
+    verdicts: list[str]  # the verdicts that explain what the program saw
     text: str
 
 
 def _after_reset(proxy: str | None) -> list[str]:
-    # The proxy says no to a whole request where it can.
+    # The proxy answers a request that it drops with 403. It can only reset a connection whose tunnel is open already.
     return [DROP, DROP_AT_DATA] if proxy is None else [DROP_AT_DATA]
 
 
@@ -51,7 +51,7 @@ class Program:
         self._path, self._directory = str(path), directory
 
     def _environment(self) -> dict[str, str]:
-        """Nothing of the caller's environment or home changes what the program does."""
+        """A fixed environment: the caller's variables and home must not change the program's behaviour."""
         return {"PATH": "/usr/bin:/bin", "HOME": str(self._directory), "LANG": "C.UTF-8"}
 
     def _run(self, *arguments: str) -> subprocess.CompletedProcess:
@@ -59,11 +59,12 @@ class Program:
             [self._path, *arguments],
             env=self._environment(),
             cwd=self._directory,
+            check=False,
             stdin=subprocess.DEVNULL,
             capture_output=True,
             text=True,
             errors="replace",
-            timeout=_PATIENCE,
+            timeout=_TIMEOUT,
         )
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
@@ -76,11 +77,11 @@ class Curl(Program):
         self._authority = str(authority)
 
     def fetch(self, destination: Destination, path: str, proxy: str | None, *more: str) -> Seen:
-        options = ["--disable", "--silent", "--max-time", str(_PATIENCE // 2), "--cacert", self._authority, *more]
+        options = ["--disable", "--silent", "--max-time", str(_TIMEOUT // 2), "--cacert", self._authority, *more]
         options += ["--write-out", "\n%{http_code} %{http_connect} %{exitcode} %{errormsg}"]
         if proxy is not None:
             options += ["--proxy", proxy]
-        if destination.through_address:
+        if destination.by_address:
             options += ["--connect-to", f"{destination.host}:443:127.0.0.1:443"]
         done = self._run(*options, destination.url(path))
         body, _, outcome = done.stdout.rpartition("\n")
@@ -102,7 +103,7 @@ class Wget(Program):
         self._authority = str(authority)
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
-        options = ["--no-config", "--tries=1", f"--timeout={_PATIENCE // 2}", f"--ca-certificate={self._authority}"]
+        options = ["--no-config", "--tries=1", f"--timeout={_TIMEOUT // 2}", f"--ca-certificate={self._authority}"]
         if proxy is not None:
             options += ["--execute=use_proxy=yes", f"--execute=http_proxy={proxy}", f"--execute=https_proxy={proxy}"]
         done = self._run(*options, "--no-hsts", "--no-verbose", "--output-document=-", destination.url(path))
@@ -124,11 +125,11 @@ class Chromium(Browser):
     _OPTIONS = [
         "--headless", "--no-first-run", "--disable-gpu", "--disable-quic", "--disable-sync",
         "--disable-background-networking", "--disable-component-update", "--disable-dev-shm-usage",
-        # It would try https first, and the row is about http.
+        # Otherwise Chromium opens http URLs with https first.
         "--disable-features=HttpsUpgrades,HttpsFirstBalancedModeAutoEnable",
-        # We are root, if only in a namespace of ours, where the sandbox does not start.
+        # The sandbox does not start for root, and the process is root in the namespace.
         "--no-sandbox",
-        # It keeps a list of authorities of its own, which ours is not on.
+        # Chromium's own list of authorities lacks the test's authority.
         "--ignore-certificate-errors",
     ]  # fmt: skip
 
@@ -142,7 +143,7 @@ class Chromium(Browser):
             return Seen([ALLOW], "the page")
         if "The filter of this computer blocks" in done.stdout:
             return Seen([DROP], "the filter's line")
-        # Older ones print their error page, newer ones nothing.
+        # Older versions print their error page, newer ones only a message to standard error.
         error = re.search(r"(ERR_[A-Z_]+)", done.stdout) or re.search(r"Page load failed: net::(\w+)", done.stderr)
         if error is None:
             return Seen([], f"exit code {done.returncode}, {len(done.stdout)} characters")
@@ -151,10 +152,10 @@ class Chromium(Browser):
 
 
 class Firefox(Browser):
-    """Driven through its Marionette protocol: "LENGTH:[0, id, command, parameters]", answered in the same way."""
+    """Controlled over the Marionette protocol, whose messages have the form LENGTH:[0, id, command, parameters]."""
 
     _PORT = 2828
-    # It would try https first, and the row is about http.
+    # Otherwise Firefox opens http URLs with https first.
     _SETTINGS = 'user_pref("dom.security.https_first", false);\n'
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
@@ -170,13 +171,13 @@ class Firefox(Browser):
                 firefox.wait()
 
     def _connect(self, firefox: subprocess.Popen) -> socket.socket:
-        end = time.monotonic() + _PATIENCE
+        end = time.monotonic() + _TIMEOUT
         while firefox.poll() is None and time.monotonic() < end:
             try:
-                return socket.create_connection(("127.0.0.1", self._PORT), _PATIENCE)
+                return socket.create_connection(("127.0.0.1", self._PORT), _TIMEOUT)
             except ConnectionRefusedError:
                 time.sleep(0.05)
-        raise subprocess.TimeoutExpired(firefox.args, _PATIENCE)
+        raise subprocess.TimeoutExpired(firefox.args, _TIMEOUT)
 
     def _drive(self, firefox: subprocess.Popen, destination: Destination, path: str, proxy: str | None) -> Seen:
         with self._connect(firefox) as connection, connection.makefile("rwb") as stream:
@@ -193,8 +194,8 @@ class Firefox(Browser):
                 _, _, error, result = receive()
                 return error, result
 
-            receive()  # who it is
-            capabilities = {"acceptInsecureCerts": True}  # it keeps a list of authorities of its own
+            receive()  # the greeting
+            capabilities = {"acceptInsecureCerts": True}  # its list of authorities lacks the test's authority
             if proxy is not None:
                 address = proxy.partition("//")[2]
                 capabilities["proxy"] = {"proxyType": "manual", "httpProxy": address, "sslProxy": address}
@@ -216,5 +217,5 @@ class Firefox(Browser):
 def find(name: str) -> str:
     path = shutil.which(name)
     if path is None:
-        raise FileNotFoundError(f"{name} is not installed: packages.txt lists what the demo needs")
+        raise FileNotFoundError(f"{name} is not installed: install the packages in packages.txt")
     return path

@@ -1,4 +1,4 @@
-"""Web servers on every loopback address, and the certificate authority that vouches for them."""
+"""Web servers on every address of the machine, and the certificate authority that signs their certificate."""
 
 import http.server
 import pathlib
@@ -25,7 +25,7 @@ subjectAltName = {alternative_names}
 
 
 def _make_certificate(directory: pathlib.Path, section: str, names: list[str], *more: str) -> pathlib.Path:
-    """Makes SECTION.pem and its key, SECTION.key."""
+    """Writes SECTION.pem and its key SECTION.key; returns the path of the first."""
     request = directory / f"{section}.cnf"
     alternative_names = ",".join(f"DNS:{name}" for name in names)
     request.write_text(_REQUEST.format(common_name=names[0], alternative_names=alternative_names))
@@ -53,12 +53,12 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(body)
 
     def log_message(self, *_):
-        pass  # the table tells
+        pass  # the callers report
 
 
 class _Server(http.server.ThreadingHTTPServer):
     request_queue_size = 4096
-    allow_reuse_port = True  # another server may take one of the addresses for itself
+    allow_reuse_port = True  # another server may listen on one of the addresses
     address_family = socket.AF_INET6 if socket.has_dualstack_ipv6() else socket.AF_INET
 
     def __init__(self, scheme: str, port: int, visits: set[str]):
@@ -67,15 +67,15 @@ class _Server(http.server.ThreadingHTTPServer):
 
     def server_bind(self):
         if self.address_family == socket.AF_INET6:
-            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 0)  # IPv4 as well
-        socketserver.TCPServer.server_bind(self)  # and no look-up of our own name
+            self.socket.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 0)  # accept IPv4 too
+        socketserver.TCPServer.server_bind(self)  # HTTPServer's method would look up the host name
 
     def handle_error(self, *_):
-        pass  # a connection that the filter resets is part of the show
+        pass  # the filter resets connections on purpose
 
 
 class WebServers:
-    """Serves a page for every name, and knows which paths were asked for."""
+    """Serves a page for every name until the process ends, and records the paths that were requested."""
 
     PLAIN_PORTS = [80, 8080]
     TLS_PORT = 443
@@ -88,7 +88,7 @@ class WebServers:
         self._visits: set[str] = set()
         servers = [_Server("http", port, self._visits) for port in self.PLAIN_PORTS]
         secure = _Server("https", self.TLS_PORT, self._visits)
-        # The handshake is left to the connection's thread: a client that sends no hello holds up nobody else.
+        # Each connection's thread does the handshake, so a client that sends no hello does not block the others.
         secure.socket = self._tls().wrap_socket(secure.socket, server_side=True, do_handshake_on_connect=False)
         for server in [*servers, secure]:
             threading.Thread(target=server.serve_forever, daemon=True).start()
@@ -98,11 +98,11 @@ class WebServers:
         context.load_cert_chain(self._certificate, self._certificate.with_suffix(".key"))
         return context
 
-    def were_asked_for(self, path: str) -> bool:
+    def have_served(self, path: str) -> bool:
         return path in self._visits
 
     def serve_http2(self, address: str) -> None:
-        """Answers requests to that address in HTTP/2 alone, each with an empty page."""
+        """Answers requests to that address over HTTP/2 only, each with an empty page."""
         context = self._tls()
         context.set_alpn_protocols(["h2"])
         listener = socket.create_server((address, self.TLS_PORT), reuse_port=True)
@@ -116,8 +116,8 @@ class WebServers:
 
 
 def _answer_http2(context: ssl.SSLContext, connection: socket.socket) -> None:
-    """Frames as in RFC 9113; the response's one field, ":status: 200", is entry 8 of RFC 7541's table."""
-    SETTINGS, HEADERS, END = 4, 1, 5  # END of the stream and of its fields
+    """Speaks the frames of RFC 9113. The response has one field, ":status: 200", entry 8 of RFC 7541's static table."""
+    SETTINGS, HEADERS, END = 4, 1, 5  # frame types; flags END_STREAM and END_HEADERS
     with context.wrap_socket(connection, server_side=True).makefile("rwb") as stream:
         stream.read(24)  # the preface
         stream.write(struct.pack("!xHBBI", 0, SETTINGS, 0, 0))

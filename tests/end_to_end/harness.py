@@ -1,4 +1,4 @@
-"""What the cases share: servers, clients, extensions, and a few ways to connect that no program has."""
+"""What the cases share: servers, client programs, extensions, and raw connections."""
 
 import contextlib
 import os
@@ -13,26 +13,23 @@ import name_server
 import programs
 from extension import Extension, Failure
 from first_bytes import hello, request
+from isolation import Unavailable
 from programs import ALLOW, DROP, Destination
 from web_servers import WebServers
 
 HELD, NEWS = "held.example", "news.example"
-os.environ["PATH"] += ":/usr/sbin:/sbin"  # where iptables is, and a person's path does not lead
-PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the identifier of this process
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # where iptables is; a user's path often lacks them
+PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the bundle identifier of this process
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
-
-
-class Skip(Exception):
-    """The machine lacks what the case needs."""
 
 
 def check(actual, expected, what: str) -> None:
     if actual != expected:
-        raise Failure(f"{what}: {actual}, not {expected}")
+        raise Failure(f"{what}: got {actual}, expected {expected}")
 
 
 def outcome(connection: socket.socket) -> str:
-    """What follows from what the server or the filter answers."""
+    """The verdict, as the first answer on the connection shows it."""
     try:
         return ALLOW if connection.recv(1) else "closed"
     except ConnectionResetError:
@@ -41,8 +38,8 @@ def outcome(connection: socket.socket) -> str:
         return "silence"
 
 
-def ask(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
-    """Connects, sends what a browser would send first, and tells what became of it."""
+def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
+    """Connects, sends the first bytes of a browser in so many pieces, and returns the outcome."""
     text = hello(name) if port == 443 else request(name)
     step = -(-len(text) // pieces)
     try:
@@ -60,7 +57,7 @@ def wait_until(condition, what: str, seconds: float) -> None:
     start = time.monotonic()
     while not condition():
         if time.monotonic() - start > seconds:
-            raise Failure(f"not within {seconds} s: {what}")
+            raise Failure(f"{what}: not within {seconds} s")
         time.sleep(0.02)
     print(f"{what}: {time.monotonic() - start:.2f} s")
 
@@ -82,12 +79,12 @@ class World:
             try:
                 iptables(f"iptables -t mangle {arguments}")
             except FileNotFoundError:
-                raise Skip("iptables is not installed") from None
+                raise Unavailable("iptables is not installed") from None
             except subprocess.CalledProcessError as error:
-                raise Skip(f"this kernel has no packet queue for us: {error.stderr.strip()}") from None
+                raise Unavailable(f"this kernel refuses a packet queue: {error.stderr.strip()}") from None
 
     def serve(self) -> None:
-        """Both names have the same addresses."""
+        """Starts the name and web servers. Both names have the same addresses."""
         name_server.serve({name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)})
         folder = self.directory / f"servers-{os.getpid()}"
         folder.mkdir()
@@ -100,7 +97,7 @@ class World:
 
     @contextlib.contextmanager
     def filtering(self, *browsers: str, **more):
-        """An extension for these browsers that holds HELD."""
+        """A running extension for these browsers, with HELD on its list."""
         with self.extension(*browsers, **more) as extension:
             extension.hold(HELD)
             yield extension
@@ -108,19 +105,20 @@ class World:
     def program(self, kind: type, name: str, *more) -> programs.Program:
         path = shutil.which(name)
         if path is None:
-            raise Skip(f"{name} is not installed")
+            raise Unavailable(f"{name} is not installed")
         return kind(name, path, name, self.directory, *more)
 
     def curl(self) -> programs.Curl:
         return self.program(programs.Curl, "curl", self.servers.authority)
 
     def fetch(self, program: programs.Program, scheme: str, host: str, *more) -> str:
-        """What follows from what the program sees, and the web server with it."""
+        """The verdict, as the program sees it. Checks that the web server agrees."""
         self._fetched += 1
         path = f"/{self._fetched}"
         seen = program.fetch(Destination(scheme, host), path, None, *more)
         verdict = next(iter(seen.verdicts), seen.text)
         print(f"{program.name} {scheme}://{host} {' '.join(more)}: {seen.text}")
-        if self.servers.were_asked_for(path) != (verdict == ALLOW):
-            raise Failure(f"{verdict} to {program.name}, but the web server says otherwise of {scheme}://{host}")
+        reached = self.servers.have_served(path)
+        if reached != (verdict == ALLOW):
+            raise Failure(f"{program.name} saw {verdict}; a request that reached the web server: {reached}")
         return verdict

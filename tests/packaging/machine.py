@@ -1,4 +1,4 @@
-"""A Debian system of its own, made for one run and gone after it: booted in a container without a network."""
+"""Makes a Debian system for one run and boots it in a container without a network."""
 
 import contextlib
 import os
@@ -10,6 +10,9 @@ import sys
 import tempfile
 import time
 
+from extension import Failure
+from isolation import Unavailable
+
 CODENAME = next(
     line.partition("=")[2].strip()
     for line in pathlib.Path("/etc/os-release").read_text().splitlines()
@@ -17,39 +20,31 @@ CODENAME = next(
 )
 
 
-class Skip(Exception):
-    """This machine lacks what the test needs."""
-
-
-class Failed(Exception):
-    """What should be so is not."""
-
-
 def _sources() -> list[str]:
-    """Where this machine has its own packages from."""
+    """The files that list this machine's package sources."""
     folder = pathlib.Path("/etc/apt")
     files = [folder / "sources.list", *sorted(folder.glob("sources.list.d/*.list"))]
     files += sorted(folder.glob("sources.list.d/*.sources"))
     return [str(file) for file in files if file.exists() and file.read_text().strip()]
 
 
-def with_mounts_of_its_own(script: str, arguments: list[str]) -> None:
-    """Runs the script anew, in this process: what it mounts is gone when the process is, however it ends."""
+def restart_in_mount_namespace(script: str, arguments: list[str]) -> None:
+    """Replaces this process by the script in a new mount namespace. Its mounts vanish when it ends, even if killed."""
     os.execvp("unshare", ["unshare", "--mount", "--propagation=private", sys.executable, script, *arguments])
 
 
 def require(*programs: str) -> None:
     if os.geteuid() != 0:
-        raise Skip("only root can boot a system")
+        raise Unavailable("booting a system needs root")
     missing = [program for program in programs if shutil.which(program) is None]
     if missing:
-        raise Skip(f"not installed: {' '.join(missing)}")
+        raise Unavailable(f"not installed: {' '.join(missing)}")
 
 
 class Machine:
-    """Use it in a with statement. Host names lead to the machine itself.
+    """A system that runs for a with block. It resolves `hosts` to itself.
 
-    /outside in it is the machine that the test runs on, as far as that one's programs need: with `work`, a folder.
+    Its folder /outside shows the parts of the test's machine that programs need: /usr, /etc, and the folder `work`.
     """
 
     def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):
@@ -69,23 +64,24 @@ class Machine:
 
     def __exit__(self, *_):
         for number in (signal.SIGINT, signal.SIGTERM):
-            # A second one must not leave half of it. By a function: what is ignored would be by the programs, too.
+            # A second signal must not interrupt the clean-up. Child processes would inherit SIG_IGN, so use a function.
             signal.signal(number, lambda *_: None)
-        self._end(signal.SIGKILL)
+        self._end()
         if os.path.ismount(self._folder):
             subprocess.run(["umount", "--lazy", self._folder], check=True)
         os.rmdir(self._folder)
 
     def _make_root(self) -> None:
-        # In memory: a third of the time goes into files otherwise. About 300 MB.
+        # About 300 MB in memory. On a disk, a third of the time goes into files.
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g,mode=0755", "tmpfs", self._folder], check=True)
         self.work.mkdir()
         command = ["mmdebstrap", "--quiet", "--variant=apt", f"--include={','.join(self._packages)}", CODENAME]
-        made = subprocess.run([*command, str(self.root), *_sources()], capture_output=True, text=True)
+        command += [str(self.root), *_sources()]
+        made = subprocess.run(command, check=False, capture_output=True, text=True)
         if made.returncode != 0:
             if "Unable to locate package" in made.stderr or "unmet dependencies" in made.stderr:
-                raise Failed(f"what the package depends on is not to be had\n{made.stderr}")
-            raise Skip(f"no system can be made here: {(made.stderr.strip().splitlines() or ['?'])[-1]}")
+                raise Failure(f"a dependency of the package is not available\n{made.stderr}")
+            raise Unavailable(f"cannot make a system: {(made.stderr.strip().splitlines() or ['?'])[-1]}")
         (self.root / "etc/hosts").write_text(f"127.0.0.1 localhost {' '.join(self._hosts)}\n")
         outside = self.root / "outside"
         for name in ("dev", "proc", "tmp"):
@@ -100,22 +96,25 @@ class Machine:
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
         with open(self._folder / "console", "ab") as console:
-            # It ends with this process, whatever ends that; and a Ctrl-C is for us alone.
+            # The container ends with this process, even if that is killed. In its own session, it gets no Ctrl-C.
             self._container = subprocess.Popen(
                 ["setpriv", "--pdeathsig=KILL", *command],
-                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=True,
-            )  # fmt: skip
+                stdin=subprocess.DEVNULL,
+                stdout=console,
+                stderr=console,
+                start_new_session=True,
+            )
         end = time.monotonic() + 60
         while self._state() not in ("running", "degraded"):
             if self._container.poll() is not None or time.monotonic() > end:
                 text = (self._folder / "console").read_text(errors="replace").strip()
-                raise Skip(f"no system boots here: {(text.splitlines() or ['?'])[-1]}")
+                raise Unavailable(f"cannot boot a system: {(text.splitlines() or ['?'])[-1]}")
             time.sleep(0.1)
         for path in ("/proc", "/dev", "/etc/hosts"):
             self.run("mount", "--rbind", path, f"/outside{path}")
 
     def _leader(self) -> int | None:
-        """The first process inside, as seen from outside."""
+        """The container's first process: its number on the test's machine."""
         task = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
         children = task.read_text().split()
         return int(children[0]) if children else None
@@ -126,8 +125,8 @@ class Machine:
                 return self.run("systemctl", "is-system-running", check=False).stdout.strip()
         return ""
 
-    def _end(self, number: int) -> None:
-        """Ends it from within, else by the signal."""
+    def _end(self) -> None:
+        """Shuts the system down; kills it if that takes over 20 s."""
         if self._container is None:
             return
         if self._leader() is not None:
@@ -135,31 +134,37 @@ class Machine:
         try:
             self._container.wait(20)
         except subprocess.TimeoutExpired:
-            os.kill(self._leader() or self._container.pid, number)
+            os.kill(self._leader() or self._container.pid, signal.SIGKILL)
             self._container.wait(20)
         self._container = None
 
     def restart(self) -> None:
-        self._end(signal.SIGKILL)
+        self._end()
         self.boot()
 
     def inside(self, *namespaces: str) -> list[str]:
-        """The start of a command line that is carried out inside: in all its namespaces, or in some."""
+        """The prefix of a command that runs in all of the container's namespaces, or only in these."""
         return ["nsenter", f"--target={self._leader()}", *(namespaces or ["--all"]), "--"]
 
     def run(self, *command: str, user: str | None = None, check: bool = True) -> subprocess.CompletedProcess:
         as_user = ["runuser", "-u", user, "--"] if user else []
-        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8"}
         done = subprocess.run(
             [*self.inside(), *as_user, *command],
-            env=environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=120,
-        )  # fmt: skip
+            env={**environment, "DEBIAN_FRONTEND": "noninteractive"},
+            check=False,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            errors="replace",
+            timeout=120,
+        )
         if check and done.returncode != 0:
-            raise Failed(f"{' '.join(command)}: {done.returncode}\n{done.stdout}{done.stderr}")
+            raise Failure(f"{' '.join(command)}: {done.returncode}\n{done.stdout}{done.stderr}")
         return done
 
     def outside_program(self, name: str, user: int = 0) -> pathlib.Path | None:
-        """A file that runs, inside, a program that the machine outside has. Its executable is below /outside there."""
+        """A script that runs a program of the test's machine in the container. None if it is missing."""
         path = shutil.which(name, path="/usr/bin")
         if path is None:
             return None

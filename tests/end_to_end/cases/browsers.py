@@ -1,22 +1,23 @@
-"""The browsers that people use, with no setting of theirs touched."""
+"""Real browsers, with their default settings."""
 
-from harness import ALLOW, DROP, HELD, NEWS, Skip, World, check
+from harness import ALLOW, DROP, HELD, NEWS, World, check
+from isolation import Unavailable
 from programs import Browser, Chromium, Firefox
 
 
 def _browse(world: World, kind: type[Browser], name: str) -> None:
     browser = world.program(kind, name)
     if not browser.runs():
-        raise Skip(f"{name} does not run here")
+        raise Unavailable(f"{name} does not run here")
     with world.filtering(name):
         for host, expected in ((HELD, DROP), (NEWS, ALLOW)):
             for scheme in ("http", "https"):
-                check(world.fetch(browser, scheme, host), expected, name)
+                check(world.fetch(browser, scheme, host), expected, f"{name} {scheme}://{host}")
 
 
-def ShowsChromiumAResetForHeldHosts(world: World):
+def ResetsConnectionsOfChromium(world: World):
     _browse(world, Chromium, "chromium")
 
 
-def ShowsFirefoxAResetForHeldHosts(world: World):
+def ResetsConnectionsOfFirefox(world: World):
     _browse(world, Firefox, "firefox-esr")

@@ -1,4 +1,4 @@
-"""Which connections are dropped, and which are not."""
+"""Which connections the filter drops, and which it allows."""
 
 import collections
 import concurrent.futures
@@ -13,10 +13,10 @@ import time
 import name_server
 import programs
 from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, ask, check, outcome
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, outcome
 
 
-def FindsHeldHostsOverEachProtocolAndFamily(world: World):
+def DropsOnlyHeldHosts(world: World):
     curl = world.curl()
     with world.filtering("curl"):
         for family in FAMILIES:
@@ -25,20 +25,20 @@ def FindsHeldHostsOverEachProtocolAndFamily(world: World):
                 check(world.fetch(curl, scheme, NEWS, family), ALLOW, f"{scheme} {family}")
 
 
-def ReadsNamesThatComeInTenPieces(world: World):
+def ReadsNamesSplitIntoTenSegments(world: World):
     with world.filtering(PYTHON):
         for port in (80, 443):
             for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
-                check(ask(name, port=port, pieces=10), expected, f"{name} on port {port}")
+                check(connect(name, port=port, pieces=10), expected, f"{name} on port {port}")
 
 
-def TellsNamesOnOneAddressApart(world: World):
+def DistinguishesNamesOnOneAddress(world: World):
     with world.filtering(PYTHON) as extension, concurrent.futures.ThreadPoolExecutor(8) as pool:
-        check(list(pool.map(ask, [HELD, NEWS] * 50)), [DROP, ALLOW] * 50, "in turns")
+        check(list(pool.map(connect, [HELD, NEWS] * 50)), [DROP, ALLOW] * 50, "verdicts in turn")
         check(extension.counters()["after a verdict"], 0, "packets after a verdict")
 
 
-def FollowsTheListWhileAConnectionIsOpen(world: World):
+def AppliesListChangesToNewConnectionsOnly(world: World):
     context = ssl.create_default_context(cafile=world.servers.authority)
     with world.extension(PYTHON) as extension:
         raw = socket.create_connection(("127.0.0.1", 443), 20)
@@ -46,12 +46,12 @@ def FollowsTheListWhileAConnectionIsOpen(world: World):
             for step, names, expected in (("added", [NEWS], DROP), ("removed", [], ALLOW)):
                 extension.hold(*names)
                 connection.sendall(request(NEWS))
-                check(outcome(connection), ALLOW, f"the open connection once its name was {step}")
-                check(ask(NEWS), expected, f"the next one once its name was {step}")
+                check(outcome(connection), ALLOW, f"the open connection after its name was {step}")
+                check(connect(NEWS), expected, f"the next connection after its name was {step}")
 
 
-def JudgesAnewWhenPortsAreUsedAgain(world: World):
-    """The kernel remembers a connection that was reset for 10 s, and its mark with it."""
+def JudgesEachConnectionThatReusesAPort(world: World):
+    """The kernel keeps a reset connection's entry and mark for 10 s. A new connection must not inherit the mark."""
     abort = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     pairs = [(HELD, NEWS), (NEWS, HELD), (HELD, HELD), (NEWS, NEWS)]
     with world.filtering(PYTHON):
@@ -67,6 +67,11 @@ def JudgesAnewWhenPortsAreUsedAgain(world: World):
                 check(verdict, DROP if name == HELD else ALLOW, f"{name}, after {first}")
 
 
+def _run(*command: str) -> subprocess.CompletedProcess:
+    pipes = {"stdin": subprocess.DEVNULL, "capture_output": True, "text": True}
+    return subprocess.run(command, check=False, timeout=20, **pipes)
+
+
 def ReadsNamesOfHTTP2Connections(world: World):
     address = "127.0.0.2"
     world.servers.serve_http2(address)
@@ -74,31 +79,30 @@ def ReadsNamesOfHTTP2Connections(world: World):
         for name, version, protocol in ((HELD, "0 35", "reset"), (NEWS, "2 0", "ALPN protocol: h2")):
             url = ["--insecure", "--connect-to", f"{name}:443:{address}:443", f"https://{name}/"]
             wanted = ["--write-out", "%{http_version} %{exitcode}"]
-            done = subprocess.run(["curl", "-s", "--http2", *wanted, *url], capture_output=True, text=True, timeout=20)
+            done = _run("curl", "-s", "--http2", *wanted, *url)
             check(done.stdout, version, f"curl --http2 and {name}")
-            command = ["openssl", "s_client", "-connect", f"{address}:443", "-servername", name, "-alpn", "h2"]
-            done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=20)
+            done = _run("openssl", "s_client", "-connect", f"{address}:443", "-servername", name, "-alpn", "h2")
             check(protocol in (done.stdout + done.stderr).replace("errno=104", "reset"), True, f"openssl and {name}")
 
 
-def LeavesOtherProgramsAlone(world: World):
+def AllowsOtherProgramsEverything(world: World):
     wget = world.program(programs.Wget, "wget", world.servers.authority)
     with world.filtering("curl") as extension:
         since = extension.log_size()
         for scheme in ("http", "https"):
             check(world.fetch(wget, scheme, HELD), ALLOW, "wget")
-        check(extension.identifiers_judged(since), {"wget"}, "it was taken for")
+        check(extension.identifiers_judged(since), {"wget"}, "identifiers in the log")
 
 
-class _HelpersCurl(programs.Curl):
-    """Its program is a browser that starts curl."""
+class _BrowsersCurl(programs.Curl):
+    """curl as a child process of a browser: a copy of Python stands in for the browser."""
 
     def _run(self, *arguments):
         code = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"
         return super()._run("-I", "-c", code, shutil.which("curl"), *arguments)
 
 
-def TakesHelpersForTheirBrowser(world: World):
+def AttributesChildProcessesToTheirBrowser(world: World):
     folder = world.directory / "browser"
     folder.mkdir()
     browser = shutil.copy("/proc/self/exe", folder / "testbrowser")
@@ -106,28 +110,28 @@ def TakesHelpersForTheirBrowser(world: World):
     entries = pathlib.Path("/usr/local/share/applications")
     entries.mkdir()
     (entries / "testbrowser.desktop").write_text(f"[Desktop Entry]\nType=Application\nName=T\nExec={browser} %u\n")
-    helper = _HelpersCurl("curl of a browser", browser, "testbrowser", world.directory, world.servers.authority)
+    child = _BrowsersCurl("curl of a browser", browser, "testbrowser", world.directory, world.servers.authority)
     with world.filtering("testbrowser"):
-        for program, expected in ((helper, DROP), (world.curl(), ALLOW)):
+        for program, expected in ((child, DROP), (world.curl(), ALLOW)):
             for scheme in ("http", "https"):
                 check(world.fetch(program, scheme, HELD), expected, program.name)
 
 
-def LeavesOlderConnectionsAlone(world: World):
+def AllowsConnectionsOpenedBeforeItsStart(world: World):
     with socket.create_connection(("127.0.0.1", 80), 20) as silent, socket.create_connection(("127.0.0.1", 80)) as used:
         used.sendall(request(HELD))
-        check(outcome(used), ALLOW, "before the filter")
+        check(outcome(used), ALLOW, "before the filter starts")
         with world.filtering(PYTHON):
             for connection in (silent, used):
                 connection.sendall(request(HELD))
                 check(outcome(connection), ALLOW, "the older connection")
-            check(ask(HELD, port=80), DROP, "a new connection")
+            check(connect(HELD, port=80), DROP, "a new connection")
 
 
 def JudgesTwoThousandConnectionsAtOnce(world: World):
     allow_many_descriptors()
     address = "127.0.0.9"
-    server = FirstBytesServer(address, [80, 443], HELD, patience=60)
+    server = FirstBytesServer(address, [80, 443], HELD, idle_limit=60)
     texts = [(request(HELD), 80), (request(NEWS), 80), (hello(HELD), 443), (hello(NEWS), 443)] * 500
     with world.filtering(PYTHON) as extension:
         connections = [socket.create_connection((address, port), 60) for _, port in texts]
@@ -137,11 +141,11 @@ def JudgesTwoThousandConnectionsAtOnce(world: World):
         verdicts = [outcome(connection) for connection in connections]
         print(f"2,000 verdicts in {time.monotonic() - start:.2f} s; {extension.counters()}")
         wrong = collections.Counter(pair for pair in zip(verdicts, [DROP, ALLOW] * 1000) if pair[0] != pair[1])
-        check((dict(wrong), server.seen), ({}, 0), "wrongly judged, and held ones that reached the server")
+        check((dict(wrong), server.seen), ({}, 0), "wrong verdicts, and held connections at the server")
         check(extension.counters()["after a verdict"], 0, "packets after a verdict")
 
 
-def ShowsNameServersQuestionsAndDropsNone(world: World):
+def AllowsDNSQuestionsAndLogsThem(world: World):
     with world.filtering(PYTHON) as extension:
         query = name_server.question(HELD)
         for kind, over in ((socket.SOCK_DGRAM, "UDP"), (socket.SOCK_STREAM, "TCP")):
@@ -154,7 +158,7 @@ def ShowsNameServersQuestionsAndDropsNone(world: World):
             extension.wait_for(r"handleOutboundDataFromFlow: DNS flow", since)
 
 
-def SuspendsHostsForTheOneBrowser(world: World):
+def SafariProviderHonoursSuspensionDates(world: World):
     folder = world.directory / "safari"
     folder.mkdir()
     path = shutil.copy(shutil.which("curl"), folder / "com.apple.Safari")

@@ -1,4 +1,4 @@
-"""The keeper of the list: what it sends, and when, whatever befalls the extension, the list's file, or itself."""
+"""What the keeper sends and when, while the extension, the list file or the keeper itself ends or changes."""
 
 import datetime
 import json
@@ -7,53 +7,53 @@ import signal
 import time
 
 import keeper
-from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, ask, check, wait_until
+from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
 
 
 class _Keeper(keeper.Keeper):
     def status(self, in_force: bool) -> dict:
         status, code = super().status()
-        check(code, 0 if in_force else 3, f"the exit code of status, {status}")
+        check(code, 0 if in_force else 3, f"the exit code of status with {status}")
         return status
 
     def edits_of_others(self) -> int:
         return self.status(in_force=True)["keeper"]["extension"]["changesOfOthers"]
 
     def verdict(self, name: str) -> tuple[str, int]:
-        """What try says, which is to be what befalls a browser."""
+        """The verdict that `orvanectl try` predicts, and its exit code."""
         result = self.control("--json", "try", name)
         return json.loads(result.stdout)["verdict"], result.returncode
 
 
 def _becomes(verdict: str, what: str, name: str = HELD, seconds: float = 1) -> None:
-    wait_until(lambda: ask(name) == verdict, what, seconds)
+    wait_until(lambda: connect(name) == verdict, what, seconds)
 
 
-def KeeperSendsTheListAgainWithinASecondOfARestart(world: World):
+def KeeperResendsTheListWithinASecondOfARestart(world: World):
     extension = world.extension(PYTHON)
     with _Keeper(extension, world.directory) as keeper:
         keeper.list.write_text(f"{HELD}\n")
         for end in (signal.SIGTERM, signal.SIGKILL):
-            time.sleep(1)  # the pauses between tries have grown
-            check(keeper.verdict(HELD), ("not blocked", 3), "what try says without an extension")
+            time.sleep(1)  # the pauses between the keeper's attempts have grown
+            check(keeper.verdict(HELD), ("not blocked", 3), "the verdict of try without an extension")
             extension.start()
-            _becomes(DROP, "in force after a start")
-            wait_until(lambda: keeper.verdict(HELD) == ("blocked", 0), "try says so", 1)
+            _becomes(DROP, "the list is in force after a start")
+            wait_until(lambda: keeper.verdict(HELD) == ("blocked", 0), "try reports that", 1)
             check(keeper.edits_of_others(), 0, "edits by others")
             extension.process.send_signal(end)
             extension.process.wait()
         with extension:
-            _becomes(DROP, "in force after another start")
+            _becomes(DROP, "the list is in force after another start")
             check(keeper.control("keep").returncode, 1, "the exit code of a second keeper")
-            # What is done beside the keeper stays.
+            # The keeper sends only what changed in its list, so edits by other clients stay.
             extension.control("add", NEWS).check_returncode()
             keeper.list.write_text(f"{HELD}\nmore.example\n")
-            wait_until(lambda: keeper.verdict("more.example") == ("blocked", 0), "another name is in force", 1)
+            wait_until(lambda: keeper.verdict("more.example") == ("blocked", 0), "the added name is in force", 1)
             check(keeper.edits_of_others(), 1, "edits by others")
-            check(ask(NEWS), DROP, "a name that the list does not have")
+            check(connect(NEWS), DROP, "a name that another client added")
 
 
-def KeeperFollowsTheFileHoweverItIsWritten(world: World):
+def KeeperFollowsEveryWayOfWritingTheFile(world: World):
     with world.extension(PYTHON) as extension, _Keeper(extension, world.directory) as keeper:
         folder, listed, beside = keeper.list.parent, f"# mine\n{HELD}\n", keeper.list.with_name("list~")
 
@@ -62,13 +62,13 @@ def KeeperFollowsTheFileHoweverItIsWritten(world: World):
             folder.mkdir()
             keeper.list.write_text(listed)
 
-        def rename_away():  # as editors do; meanwhile there is no list
+        def rename_away():  # as some editors do; for a moment there is no list
             keeper.list.rename(beside)
             time.sleep(0.3)
-            check(ask(HELD), DROP, "while the file is away")
+            check(connect(HELD), DROP, "while the file is away")
             keeper.list.write_text("")
             time.sleep(0.3)
-            check(ask(HELD), DROP, "while the file is empty")
+            check(connect(HELD), DROP, "while the file is empty")
             keeper.list.write_text(listed + f"{NEWS}\n")
 
         for write in (
@@ -77,14 +77,14 @@ def KeeperFollowsTheFileHoweverItIsWritten(world: World):
             replace_folder,
         ):
             write()
-            _becomes(DROP, "in force once written")
+            _becomes(DROP, "the list is in force after the write")
             keeper.list.unlink()
-            _becomes(ALLOW, "nothing is held without a file", seconds=2)
+            _becomes(ALLOW, "nothing is held after the file is removed", seconds=2)
         keeper.list.write_text(f"{listed}no host\n")
-        _becomes(DROP, "in force beside a bad line")
+        _becomes(DROP, "the list is in force despite a bad line")
         check(keeper.status(in_force=True)["keeper"]["list"]["badLines"], 1, "bad lines")
         rename_away()
-        _becomes(DROP, "what the editor wrote is in force", NEWS)
+        _becomes(DROP, "the editor's version is in force", NEWS)
 
 
 def KeeperEndsASuspensionOnItsDate(world: World):
@@ -93,29 +93,29 @@ def KeeperEndsASuspensionOnItsDate(world: World):
         date = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(seconds=4)
         with keeper:
             keeper.list.write_text(f"{HELD}\n")
-            _becomes(DROP, "in force")
+            _becomes(DROP, "the list is in force")
             keeper.list.write_text(f"{HELD} until={date:%Y-%m-%dT%H:%M:%SZ}\n")
-            _becomes(ALLOW, "suspended")
-            wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try says so", 1)
+            _becomes(ALLOW, "the host is suspended")
+            wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try reports that", 1)
             keeper.end(signal.SIGKILL)
         with keeper:
-            wait_until(lambda: keeper.control("status").returncode == 0, "in force again", 1)
+            wait_until(lambda: keeper.control("status").returncode == 0, "the new keeper's list is in force", 1)
             suspended = keeper.status(in_force=True)["keeper"]["list"]["suspended"]
             check([entry["name"] for entry in suspended], sorted([HELD, f"m.{HELD}", f"www.{HELD}"]), "suspended names")
-            check(ask(HELD), ALLOW, "suspended, after the keeper was killed")
-            _becomes(DROP, "blocked again", seconds=5)
+            check(connect(HELD), ALLOW, "the suspended host, after the keeper was killed")
+            _becomes(DROP, "the suspension ends", seconds=5)
             late = time.time() - date.timestamp()
-            check(0 <= late < 0.5, True, f"within half a second of the date: {late:.2f} s after it")
+            check(0 <= late < 0.5, True, f"ends within half a second after the date: {late:.2f} s")
 
 
-def KeeperEndsAtOnceWhileTheExtensionHangs(world: World):
+def KeeperExitsAtOnceWhileTheExtensionHangs(world: World):
     with world.filtering(PYTHON) as extension, _Keeper(extension, world.directory) as keeper:
         keeper.list.write_text(f"{HELD}\n")
-        wait_until(lambda: keeper.verdict(HELD)[0] == "blocked", "in force", 1)
+        wait_until(lambda: keeper.verdict(HELD)[0] == "blocked", "the list is in force", 1)
         extension.process.send_signal(signal.SIGSTOP)
         try:
             keeper.list.write_text(f"{HELD}\n{NEWS}\n")
-            time.sleep(0.5)  # the keeper waits for an answer
+            time.sleep(0.5)  # now the keeper waits for an answer
             keeper.status(in_force=False)
             keeper.end(signal.SIGTERM)
         finally:

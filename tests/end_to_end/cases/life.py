@@ -1,4 +1,4 @@
-"""The filter's own life: its start, its end, and what may befall it in between."""
+"""How the extension starts and ends, and how it copes with kills, hangs and other firewall users."""
 
 import contextlib
 import ctypes
@@ -8,10 +8,11 @@ import threading
 import time
 
 import isolation
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World, ask, check, iptables, wait_until
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World, check, connect, iptables, wait_until
+
 
 class _Load:
-    """Connections to both names, one after the other, from a few threads; use it in a with statement."""
+    """Connects to both names again and again, from six threads, during a with block."""
 
     def __init__(self):
         self._ended = threading.Event()
@@ -21,7 +22,7 @@ class _Load:
     def _run(self, name: str) -> None:
         while not self._ended.is_set():
             begin = time.monotonic()
-            verdict = ask(name)
+            verdict = connect(name)
             self.results.append((begin, time.monotonic(), name, verdict))
 
     def __enter__(self):
@@ -34,40 +35,39 @@ class _Load:
         for thread in self._threads:
             thread.join()
 
-    def await_both(self, begin: float, what: str) -> None:
-        """Until both hosts have answered to a connection that was begun since: a busy machine may take its time."""
+    def wait_for_both(self, begin: float, what: str) -> None:
+        """Waits until a connection to each name that began after `begin` has ended."""
         wait_until(lambda: {name for b, _, name, _ in self.results if b >= begin} == {HELD, NEWS}, what, 20)
 
     def check(self, held_verdicts: set[str], begin: float, end: float, what: str) -> None:
-        """Of the connections that began and ended between the two times."""
+        """Checks the connections that began and ended between the two times."""
         some = [result for result in self.results if begin <= result[0] and result[1] < end]
-        print(f"{what}: {len(some)} connections, the longest of {max((e - b for b, e, *_ in some), default=0):.2f} s")
-        check({verdict for *_, name, verdict in some if name == NEWS}, {ALLOW}, f"{what}, the host that is not held")
+        print(f"{what}: {len(some)} connections, the longest took {max((e - b for b, e, *_ in some), default=0):.2f} s")
+        check({verdict for *_, name, verdict in some if name == NEWS}, {ALLOW}, f"{what}, the other host")
         check({verdict for *_, name, verdict in some if name == HELD}, held_verdicts, f"{what}, the held host")
 
 
-def LetsTrafficGoOnOnceKilledAndFiltersAgain(world: World):
+def AllowsTrafficBetweenAKillAndTheRestart(world: World):
     with world.filtering(PYTHON) as extension, _Load() as load:
         filtered = time.monotonic()
         time.sleep(1)
         extension.process.kill()
         killed = time.monotonic()
         extension.process.wait()
-        load.await_both(killed, "traffic goes on")
+        load.wait_for_both(killed, "traffic passes after the kill")
         time.sleep(2)
         restarted = time.monotonic()
         extension.start()
         extension.hold(HELD)
         again = time.monotonic()
-        load.await_both(again, "traffic is filtered")
+        load.wait_for_both(again, "traffic passes after the restart")
         load.__exit__()
         load.check({DROP}, filtered, killed, "before the kill")
-        # A packet in the queue's hands is lost, and sent again by TCP a little later.
         load.check({ALLOW}, killed, restarted, "without the filter")
         load.check({DROP}, again, again + 60, "after the restart")
 
 
-def LetsTrafficGoOnWhileItHangs(world: World):
+def AllowsTrafficWhileItHangs(world: World):
     with world.filtering(PYTHON) as extension, _Load() as load:
         time.sleep(0.5)
         extension.process.send_signal(signal.SIGSTOP)
@@ -75,36 +75,36 @@ def LetsTrafficGoOnWhileItHangs(world: World):
         time.sleep(5)
         extension.process.send_signal(signal.SIGCONT)
         resumed = time.monotonic()
-        wait_until(lambda: ask(HELD) == DROP, "it filters again", 3)
+        wait_until(lambda: connect(HELD) == DROP, "the extension filters again", 3)
         load.__exit__()
-        load.check({ALLOW}, stopped + 2, resumed, "2 s after it hangs")
+        load.check({ALLOW}, stopped + 2, resumed, "from 2 s after the stop")
         slow = [end - begin for begin, end, *_ in load.results if end - begin > 5]
         check(slow, [], "connections that took longer than 5 s")
-        check(extension.counters()["releases"], 1, "times that the queue was given up")
+        check(extension.counters()["releases"], 1, "releases of the queue")
 
 
-def PutsBackRulesThatOthersWipe(world: World):
-    reload = "*filter\nCOMMIT\n*mangle\nCOMMIT\n"
-    wipes = [("iptables -t mangle -F", None), ("iptables -t filter -F", None), ("iptables-restore", reload)]
-    wipes += [(f"iptables -t {table} -D OUTPUT -j ORVANE-OUTPUT", None) for table in ("mangle", "filter")]
-    with world.filtering(PYTHON) as extension:
+def RestoresRulesThatOthersFlush(world: World):
+    empty_tables = "*filter\nCOMMIT\n*mangle\nCOMMIT\n"
+    flushes = [("iptables -t mangle -F", None), ("iptables -t filter -F", None), ("iptables-restore", empty_tables)]
+    flushes += [(f"iptables -t {table} -D OUTPUT -j ORVANE-OUTPUT", None) for table in ("mangle", "filter")]
+    with world.filtering(PYTHON):
         for family in FAMILIES:
-            for wipe, text in wipes:
-                iptables(wipe, family, text)
+            for flush, text in flushes:
+                iptables(flush, family, text)
                 address = {"-4": "127.0.0.1", "-6": "::1"}[family]
-                wait_until(lambda: ask(HELD, address) == DROP, f"filters again after {wipe} {family}", 5)
-            # Until the repair, this one takes the answers off packets that come back from the queue.
+                wait_until(lambda: connect(HELD, address) == DROP, f"filters again after {flush} {family}", 5)
+            # Until the extension restores the order, this rule overwrites the verdict mark of packets from the queue.
             iptables("iptables -t mangle -I OUTPUT 1 -p tcp -j MARK --set-mark 1", family)
-            check(ask(HELD, address), DROP, f"behind another program's mark {family}")
+            check(connect(HELD, address), DROP, f"the verdict despite another program's mark {family}")
 
 
 def _rules(family: str) -> str:
-    """Without the comments, and tables and chains that are as if they were not."""
+    """The rules, and lines about OrvaneSE's chains, without comments and empty tables."""
     lines = iptables("iptables-save", family).splitlines()
     return "\n".join(line for line in lines if line.startswith("-A") or "ORVANE" in line)
 
 
-def LeavesNoRuleBehind(world: World):
+def RemovesItsRulesAtTheEnd(world: World):
     users = {}
     for family, address in zip(FAMILIES, ("127.0.0.7", "fd00::7")):
         iptables(f"iptables -A OUTPUT -d {address} -j REJECT", family)
@@ -113,29 +113,29 @@ def LeavesNoRuleBehind(world: World):
         extension = world.extension(PYTHON)
         extension.start()
         for family in FAMILIES:
-            check("ORVANE" in _rules(family), True, "rules of ours while it runs")
+            check("ORVANE" in _rules(family), True, "OrvaneSE's rules exist while it runs")
         extension.process.send_signal(end)
         check(extension.process.wait(20), 0, "the exit code")
         for family in FAMILIES:
-            check(_rules(family), users[family], "rules afterwards")
-    check(ask(HELD), ALLOW, "afterwards")
+            check(_rules(family), users[family], "the rules after the end")
+    check(connect(HELD), ALLOW, "the held host after the end")
 
 
-def LeavesTheUsersOwnRulesInForce(world: World):
+def KeepsTheUsersOwnRulesInForce(world: World):
     for address, more in (("127.0.0.6", ""), ("127.0.0.7", "--tcp-flags PSH PSH")):
         iptables(f"iptables -A OUTPUT -p tcp -d {address} {more} -j REJECT --reject-with tcp-reset")
-    with world.filtering(PYTHON) as extension:
-        check(ask(NEWS, "127.0.0.6"), "refused", "a host that the user rejects")
-        check(ask(NEWS, "127.0.0.7"), DROP, "data that the user rejects, of a connection that the filter allowed")
-        check(ask(NEWS, "127.0.0.8"), ALLOW, "any other")
+    with world.filtering(PYTHON):
+        check(connect(NEWS, "127.0.0.6"), "refused", "an address that the user rejects")
+        check(connect(NEWS, "127.0.0.7"), DROP, "an allowed connection whose data the user rejects")
+        check(connect(NEWS, "127.0.0.8"), ALLOW, "another address")
 
 
-def _filter_one_of_two(world: World, held: str, meet, verdicts) -> None:
+def _filter_one_of_two(world: World, held: str, barrier, verdicts) -> None:
     with world.extension(PYTHON) as extension:
         extension.hold(held)
-        meet.wait(30)  # both filter
-        verdicts.put((held, ask(HELD), ask(NEWS)))
-        meet.wait(30)
+        barrier.wait(30)  # until both extensions filter
+        verdicts.put((held, connect(HELD), connect(NEWS)))
+        barrier.wait(30)  # until both have connected
 
 
 def _in_another_network(world: World, *arguments) -> None:
@@ -146,19 +146,19 @@ def _in_another_network(world: World, *arguments) -> None:
     _filter_one_of_two(world, NEWS, *arguments)
 
 
-def KeepsTwoNetworksApart(world: World):
+def FiltersNetworkNamespacesIndependently(world: World):
     forking = multiprocessing.get_context("fork")
-    meet, verdicts = forking.Barrier(2), forking.SimpleQueue()
-    other = forking.Process(target=_in_another_network, args=(world, meet, verdicts))
+    barrier, verdicts = forking.Barrier(2), forking.SimpleQueue()
+    other = forking.Process(target=_in_another_network, args=(world, barrier, verdicts))
     other.start()
-    _filter_one_of_two(world, HELD, meet, verdicts)
+    _filter_one_of_two(world, HELD, barrier, verdicts)
     other.join(30)
     check(other.exitcode, 0, "the other network's exit code")
     check({verdicts.get(), verdicts.get()}, {(HELD, DROP, ALLOW), (NEWS, ALLOW, DROP)}, "verdicts")
 
 
-def SaysWhyItDoesNotFilter(world: World):
-    """Without the privilege: the fixed source is an error, and the free choice falls on the proxy."""
+def ReportsWhyItCannotFilter(world: World):
+    """Without the privilege, an extension set to netfilter exits; one without a setting runs the proxy."""
     without = ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"]
     fixed, free = world.extension(PYTHON), world.extension(PYTHON, source=None)
     for extension in (fixed, free):
@@ -168,4 +168,4 @@ def SaysWhyItDoesNotFilter(world: World):
     check(fixed.process.wait(20), 1, "the exit code")
     fixed.wait_for("error .*filter not started: ", 0)
     with free:
-        check((free.flow_source, free.refusal is not None), ("proxy", True), "the source and a reason")
+        check((free.flow_source, free.netfilter_error is not None), ("proxy", True), "the flow source, and a reason")
