@@ -22,6 +22,7 @@
 #include "companion/client/Client.h"
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/ProtocolCall.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
@@ -76,7 +77,7 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
 int ping(const Arguments& arguments) {
   if (!connect_client(arguments.client)->ping()) {
     print_error("ping failed: the extension answered no: restart it");
-    return kCouldNot;
+    return kFailed;
   }
   print_result(arguments, "ping", true, "pong");
   return kDone;
@@ -304,7 +305,7 @@ int run(int argc, const char* const* argv) {
 }  // namespace
 
 int run_orvanectl(int argc, const char* const* argv) {
-  int code = kCouldNot;
+  int code = kFailed;
   try {
     code = run(argc, argv);
   } catch (const InputError& error) {
@@ -317,7 +318,7 @@ int run_orvanectl(int argc, const char* const* argv) {
   }
   if (flush_output()) return code;
   print_error(std::string("cannot write: standard output: ") + std::strerror(errno) + ": check where it leads");
-  return kCouldNot;
+  return kFailed;
 }
 
 }  // namespace orvane

@@ -9,9 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include "companion/browsers/BrowserPolicy.h"
-#include "companion/commands/Commands.h"
 #include "companion/doctor/Doctor.h"
 #include "companion/doctor/DoctorFacts.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Output.h"
 
 namespace orvane {
@@ -88,7 +88,7 @@ int doctor(const CommonOptions& options) {
   }
   const bool sound = std::none_of(findings.begin(), findings.end(),
                                   [](const Finding& finding) { return finding.result == Result::Problem; });
-  return sound ? kDone : kCouldNot;
+  return sound ? kDone : kFailed;
 }
 
 // Only root may write below /etc. Said before anything is tried.
@@ -137,7 +137,7 @@ bool report_failures(const std::vector<PolicyChange>& changes, const char* what)
 }
 
 int install(bool withoutDnsOverHttps, bool json) {
-  if (!may_write("install")) return kCouldNot;
+  if (!may_write("install")) return kFailed;
   const std::vector<PolicyChange> changes = install_policies(kThisMachine, withoutDnsOverHttps);
   print_changes(changes, "written", json);
   bool whole = report_failures(changes, "write");
@@ -151,11 +151,11 @@ int install(bool withoutDnsOverHttps, bool json) {
   }
   if (!json && written) std::puts("Browsers that run now take it on at their next start.");
   if (!json && !written && whole) std::puts("All policies were there already.");
-  return whole ? kDone : kCouldNot;
+  return whole ? kDone : kFailed;
 }
 
 int remove(bool json) {
-  if (!may_write("remove")) return kCouldNot;
+  if (!may_write("remove")) return kFailed;
   const std::vector<PolicyChange> changes = remove_policies(kThisMachine);
   print_changes(changes, "removed", json);
   bool whole = report_failures(changes, "remove");
@@ -169,7 +169,7 @@ int remove(bool json) {
                         : "remove it by hand"));
     whole = whole && shared;
   }
-  return whole ? kDone : kCouldNot;
+  return whole ? kDone : kFailed;
 }
 
 std::string described(const std::string& value, const std::string& file) {

@@ -10,10 +10,10 @@
 #include <optional>
 #include <string>
 
-#include "companion/commands/Commands.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 

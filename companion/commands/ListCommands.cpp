@@ -14,11 +14,11 @@
 #include <vector>
 
 #include "companion/commands/BlockListOutput.h"
-#include "companion/commands/Commands.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"

@@ -10,9 +10,9 @@
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionAnswer.h"
 #include "companion/client/ServiceState.h"
-#include "companion/commands/Commands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 

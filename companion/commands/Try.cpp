@@ -9,10 +9,10 @@
 
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionAnswer.h"
-#include "companion/commands/Commands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"

@@ -15,7 +15,6 @@
 #include <optional>
 #include <utility>
 
-#include "companion/commands/Commands.h"
 #include "companion/keeper/EndRequest.h"
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperLog.h"
@@ -23,6 +22,7 @@
 #include "companion/keeper/PathWatch.h"
 #include "companion/keeper/SentList.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "platform/linux/base/Descriptor.h"
@@ -284,14 +284,14 @@ int run_keeper(const KeeperOptions& options) {
     if (!lock) {
       print_error("cannot keep the list: another keeper has its state in " + in_quotes(options.statePath) +
                   ": end that one, or name another file with --state");
-      return kCouldNot;
+      return kFailed;
     }
   } catch (const FileError& error) {
     // A folder that is not ours is another keeper's, beside which this one would be in the way.
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
       print_error(std::string(error.what()));
-      return kCouldNot;
+      return kFailed;
     }
     keeper_log(LogLevel::Warning, std::string("nobody can ask this keeper what it does: ") + error.what());
   }

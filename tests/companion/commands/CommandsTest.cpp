@@ -10,6 +10,7 @@
 
 #include "companion/client/Client.h"
 #include "companion/commands/Commands.h"
+#include "companion/text/ExitCodes.h"
 
 namespace orvane {
 namespace {
@@ -105,8 +106,8 @@ TEST(Commands, SendWhatTheyStandForAndNothingThatIsRefused) {
       {{"orvanectl", "add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"orvanectl", "add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"orvanectl", "set", badList.path}, "", "", badLine, kUsage},
-      {{"orvanectl", "set", "/nonexistent/list"}, "", "", "cannot read: \"/nonexistent/list\"", kCouldNot},
-      {{"orvanectl", "watch", "--interval", "0.01"}, "3\n4\n9\n", "", "orvanectl: gone\n", kCouldNot},
+      {{"orvanectl", "set", "/nonexistent/list"}, "", "", "cannot read: \"/nonexistent/list\"", kFailed},
+      {{"orvanectl", "watch", "--interval", "0.01"}, "3\n4\n9\n", "", "orvanectl: gone\n", kFailed},
       {{"orvanectl", "--service", "org.other", "ping", "--socket", "/s"}, "pong\n", "org.other/s ping ", ""},
   };
   for (const auto& c : kCases) {

@@ -19,6 +19,7 @@
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/SentList.h"
 #include "companion/list/ListFile.h"
+#include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 
 namespace orvane {
