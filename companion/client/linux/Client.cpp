@@ -14,8 +14,8 @@
 #include "companion/text/AccessGroup.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/control/ControlStream.h"
+#include "platform/linux/control/SocketEventPort.h"
 #include "platform/linux/control/SocketPath.h"
-#include "platform/linux/control/SocketPort.h"
 #include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
@@ -36,7 +36,7 @@ capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}
 // The library's objects of one connection. They belong to an event loop that must be entered while they are used, made
 // or destroyed.
 struct Session {
-  Session(SocketPort& port, int socket)
+  Session(SocketEventPort& port, int socket)
       : stream(port, socket),
         network(stream, capnp::rpc::twoparty::Side::CLIENT, kReaderOptions),
         system(capnp::makeRpcClient(network)),
@@ -224,7 +224,7 @@ class LinuxClient final : public Client {
 
   Descriptor socket_;
   std::string path_;
-  SocketPort port_;
+  SocketEventPort port_;
   kj::EventLoop loop_;
   std::unique_ptr<Session> session_;
 };

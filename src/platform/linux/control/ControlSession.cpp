@@ -51,7 +51,7 @@ LargeMessages large_messages;
 // time; it gets the next only when the one before has been carried out.
 class GuardedStream final : public capnp::MessageStream {
  public:
-  GuardedStream(SocketPort& port, int socket)
+  GuardedStream(SocketEventPort& port, int socket)
       : timer_(port.timer()), stream_(port, socket), ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
     stream_.setAdmission([this](uint64_t words) { return reserve(words); });
   }
@@ -268,7 +268,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
 };
 
 SessionEnd serve(int socket, OrvaneSECommunication* exported) {
-  SocketPort port(socket);
+  SocketEventPort port(socket);
   kj::EventLoop loop(port);
   kj::WaitScope scope(loop);
   GuardedStream stream(port, socket);

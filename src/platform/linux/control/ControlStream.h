@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/linux/control/SocketPort.h"
+#include "platform/linux/control/SocketEventPort.h"
 
 // The byte stream beneath the control channel: Cap'n Proto messages in the standard framing, over a Unix-domain socket.
 namespace orvane {
@@ -32,7 +32,7 @@ class ControlStream final : public capnp::MessageStream {
   using Progress = kj::Function<void(size_t bytes)>;
 
   // The socket stays the caller's, who closes it after the stream is gone.
-  ControlStream(SocketPort& port, int socket) : port_(port), socket_(socket) {}
+  ControlStream(SocketEventPort& port, int socket) : port_(port), socket_(socket) {}
 
   void setAdmission(Admission admission) { admission_ = kj::mv(admission); }
   void setProgress(kj::Maybe<Progress> progress) { progress_ = kj::mv(progress); }
@@ -68,7 +68,7 @@ class ControlStream final : public capnp::MessageStream {
   bool sendSome(Outgoing& outgoing);
   kj::Promise<void> send(kj::Own<Outgoing> outgoing);
 
-  SocketPort& port_;
+  SocketEventPort& port_;
   const int socket_;
   kj::Maybe<Admission> admission_;
   kj::Maybe<Progress> progress_;

@@ -13,7 +13,7 @@
 #include "platform/linux/flow/ServerName.h"
 #include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/proxy/Relay.h"
-#include "platform/linux/sockets/SocketOwner.h"
+#include "platform/linux/sockets/ConnectionOwner.h"
 
 namespace orvane {
 namespace {

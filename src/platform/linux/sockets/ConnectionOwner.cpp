@@ -1,10 +1,12 @@
-// Apart from the other ways to find an owner, so that a test can put an answer of its own in its place.
+#include "platform/linux/sockets/ConnectionOwner.h"
 
 #include <netinet/in.h>
 
+#include <optional>
+
+#include "platform/linux/base/SocketAddress.h"
 #include "platform/linux/sockets/SocketDiagnostics.h"
 #include "platform/linux/sockets/SocketHolder.h"
-#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
 namespace {
@@ -20,7 +22,7 @@ Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote)
   auto own = read_address(local);
   auto peer = read_address(remote);
   if (!own || !peer) return nullptr;
-  // Made afresh: it belongs to the network namespace that the thread is in now, and is not shared with another thread.
+  // SocketDiagnostics is not thread-safe and belongs to one network namespace, so each call makes its own.
   auto socket = SocketDiagnostics().find({IPPROTO_TCP, *own, *peer});
   auto holder = socket ? find_socket_holder(*socket) : std::nullopt;
   return token_value(holder ? holder->auditToken() : std::nullopt);

@@ -1,5 +1,5 @@
 // Runs in the kernel whenever a process connects a socket, or sends a datagram to a destination that it gives with it.
-// Always lets it go on.
+// Always lets the call go on.
 #include <linux/bpf.h>
 // In this order: the headers below need the types of the one above.
 #include <bpf/bpf_endian.h>
@@ -7,7 +7,7 @@
 
 #include "platform/linux/sockets/SocketRecords.h"
 
-// None of the helpers used here asks for a license; the kernel wants to know anyway.
+// The kernel requires a license text, although none of the helpers used here restricts it.
 const char license_text[] SEC("license") = "Proprietary";
 
 // The one that the extension filters; set before the programs are loaded.
@@ -28,7 +28,7 @@ struct {
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);
-  __type(key, struct DatagramWay);
+  __type(key, struct DatagramRoute);
   __type(value, __u64);
 } datagrams SEC(".maps");
 
@@ -65,13 +65,13 @@ static __u64 record_opener(struct bpf_sock_addr* context) {
 
 // The kernel has bound the socket to a port by now. A socket that is closed right after sending is in none of the
 // kernel's tables any more when the datagram is looked at.
-static void record_datagram(struct bpf_sock_addr* context, struct DatagramWay* way, __u64 cookie) {
+static void record_datagram(struct bpf_sock_addr* context, struct DatagramRoute* route, __u64 cookie) {
   struct bpf_sock* socket = context->sk;
   if (!socket || !cookie) return;
-  way->localPort = socket->src_port;
-  way->remotePort = bpf_ntohs((__u16)context->user_port);
-  __u64* known = bpf_map_lookup_elem(&datagrams, way);
-  if (!known || *known != cookie) bpf_map_update_elem(&datagrams, way, &cookie, BPF_ANY);
+  route->localPort = socket->src_port;
+  route->remotePort = bpf_ntohs((__u16)context->user_port);
+  __u64* known = bpf_map_lookup_elem(&datagrams, route);
+  if (!known || *known != cookie) bpf_map_update_elem(&datagrams, route, &cookie, BPF_ANY);
 }
 
 SEC("cgroup/connect4")
@@ -88,15 +88,15 @@ int connect_v6(struct bpf_sock_addr* context) {
 
 SEC("cgroup/sendmsg4")
 int send_v4(struct bpf_sock_addr* context) {
-  struct DatagramWay way = {.remote = {0, 0, bpf_htonl(0xffff), context->user_ip4}};
-  record_datagram(context, &way, record_opener(context));
+  struct DatagramRoute route = {.remote = {0, 0, bpf_htonl(0xffff), context->user_ip4}};
+  record_datagram(context, &route, record_opener(context));
   return 1;
 }
 
 SEC("cgroup/sendmsg6")
 int send_v6(struct bpf_sock_addr* context) {
-  struct DatagramWay way = {
+  struct DatagramRoute route = {
       .remote = {context->user_ip6[0], context->user_ip6[1], context->user_ip6[2], context->user_ip6[3]}};
-  record_datagram(context, &way, record_opener(context));
+  record_datagram(context, &route, record_opener(context));
   return 1;
 }

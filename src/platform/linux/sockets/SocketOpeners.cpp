@@ -149,13 +149,13 @@ std::optional<SocketOpener> SocketOpeners::opener(uint64_t cookie) const {
 
 std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
   if (!programs_ || pair.protocol != IPPROTO_UDP) return std::nullopt;
-  DatagramWay way{};
-  way.localPort = pair.local.port;
-  way.remotePort = pair.remote.port;
+  DatagramRoute route{};
+  route.localPort = pair.local.port;
+  route.remotePort = pair.remote.port;
   bool v4 = pair.remote.family == AF_INET;
-  if (v4) way.remote[2] = htonl(0xffff);
-  std::memcpy(v4 ? &way.remote[3] : way.remote, pair.remote.address.data(), v4 ? 4 : 16);
-  auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, way);
+  if (v4) route.remote[2] = htonl(0xffff);
+  std::memcpy(v4 ? &route.remote[3] : route.remote, pair.remote.address.data(), v4 ? 4 : 16);
+  auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, route);
   auto last = cookie ? opener(*cookie) : std::nullopt;
   if (!last || last->time + kSentJustNow <= time_since_start()) return std::nullopt;
   return SocketFacts{*cookie, 0, last->user};

@@ -63,7 +63,4 @@ class SocketOwners {
   std::unique_ptr<Implementation> implementation_;
 };
 
-// The same for one TCP connection by the process table alone. Thread-safe.
-Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote);
-
 }  // namespace orvane

@@ -12,9 +12,9 @@ struct SocketOpener {
   __u64 time;  // nanoseconds since the system's start, time asleep included (CLOCK_BOOTTIME)
 };
 
-// The way of a datagram that was sent with its destination given: the socket is bound to the local port, and maybe to
+// The route of a datagram that was sent with its destination given: the socket is bound to the local port, and maybe to
 // no address yet. The value is the socket's cookie.
-struct DatagramWay {
+struct DatagramRoute {
   __u32 remote[4];  // in network byte order; IPv4 mapped into IPv6
   __u16 remotePort, localPort;
 };

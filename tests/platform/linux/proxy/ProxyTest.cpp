@@ -8,7 +8,7 @@
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/proxy/Proxy.h"
-#include "platform/linux/sockets/SocketOwner.h"
+#include "platform/linux/sockets/ConnectionOwner.h"
 #include "support/Sockets.h"
 
 namespace orvane {

@@ -13,6 +13,7 @@
 
 #include "platform/Process.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/sockets/ConnectionOwner.h"
 #include "platform/linux/sockets/SocketOwner.h"
 #include "support/Programs.h"
 

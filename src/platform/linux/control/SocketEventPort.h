@@ -8,9 +8,9 @@ namespace orvane {
 // What an event loop waits for when its thread serves one socket: that socket, and timers. With a single descriptor
 // plain poll(2) does, and does better than the library's own port: it takes no further descriptors, leaves SIGPIPE
 // alone, wakes only for what is awaited, and lets the system run both ends of a local conversation on one processor.
-class SocketPort final : public kj::EventPort {
+class SocketEventPort final : public kj::EventPort {
  public:
-  explicit SocketPort(int socket);
+  explicit SocketEventPort(int socket);
 
   // Fulfilled when a read will not block: there are bytes, the end, or an error. Each by one at a time.
   kj::Promise<void> whenReadable() { return await(&reading_); }

@@ -1,4 +1,4 @@
-#include "platform/linux/control/SocketPort.h"
+#include "platform/linux/control/SocketEventPort.h"
 
 #include <poll.h>
 
@@ -11,27 +11,27 @@ kj::TimePoint now() { return kj::systemPreciseMonotonicClock().now(); }
 
 }  // namespace
 
-SocketPort::SocketPort(int socket) : socket_(socket), timer_(now()) {}
+SocketEventPort::SocketEventPort(int socket) : socket_(socket), timer_(now()) {}
 
-kj::Promise<void> SocketPort::await(Waiting* waiting) {
+kj::Promise<void> SocketEventPort::await(Waiting* waiting) {
   auto pair = kj::newPromiseAndFulfiller<void>();
   *waiting = kj::mv(pair.fulfiller);
   return kj::mv(pair.promise);
 }
 
-bool SocketPort::wait() {
+bool SocketEventPort::wait() {
   uint64_t forever = UINT64_MAX;
   uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);
   pollFor(timeout == forever ? -1 : static_cast<int>(timeout));
   return false;  // no other thread wakes this one
 }
 
-bool SocketPort::poll() {
+bool SocketEventPort::poll() {
   pollFor(0);
   return false;
 }
 
-void SocketPort::pollFor(int milliseconds) {
+void SocketEventPort::pollFor(int milliseconds) {
   pollfd watched{socket_, 0, 0};
   if (reading_ != nullptr) watched.events |= POLLIN | POLLRDHUP;
   if (writing_ != nullptr) watched.events |= POLLOUT;
