@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "platform/linux/netfilter/KernelRules.h"
+#include "platform/linux/netfilter/KernelRulesText.h"
 #include "platform/linux/netfilter/PacketQueue.h"
 
 using namespace orvane;

@@ -9,7 +9,7 @@
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Output.h"
-#include "platform/linux/netfilter/KernelRules.h"
+#include "platform/linux/netfilter/KernelRulesText.h"
 
 namespace orvane {
 namespace {
@@ -145,20 +145,11 @@ struct Jumps {
 };
 constexpr int kOurTables = 2;
 Jumps find_jumps(std::string_view rules) {
-  bool isOurs = false, sawOutput = false, sawJump = false;
+  const SavedTables tables = parse_saved_tables(rules);
   Jumps jumps;
-  while (!rules.empty()) {
-    size_t end = rules.find('\n');
-    std::string_view line = rules.substr(0, end);
-    rules.remove_prefix(end == std::string_view::npos ? rules.size() : end + 1);
-    if (line.starts_with('*')) {
-      isOurs = line == "*mangle" || line == "*filter";
-      sawOutput = sawJump = false;
-    } else if (isOurs && line.starts_with("-A OUTPUT ")) {
-      if (line == kJump && !sawOutput) ++jumps.first;
-      if (line == kJump && !std::exchange(sawJump, true)) ++jumps.present;
-      sawOutput = true;
-    }
+  for (const SavedTable* table : {&tables.filter, &tables.mangle}) {
+    jumps.present += std::count(table->jumps.begin(), table->jumps.end(), kJump) > 0 ? 1 : 0;
+    jumps.first += table->startsWithJump ? 1 : 0;
   }
   return jumps;
 }

@@ -4,14 +4,14 @@
 #include <netdb.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
-#include <optional>
 
 namespace orvane {
 namespace {
 
-// An address in its IPv6 form, an IPv4 one mapped (RFC 4291, section 2.5.5.2), so that one comparison serves both.
+// An IPv6 address, or an IPv4 address mapped into IPv6 (RFC 4291, section 2.5.5.2).
 struct Address {
   std::array<uint8_t, 16> bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
   uint64_t prefixOffset = 0;  // bits before the address's own first bit
@@ -27,7 +27,7 @@ std::optional<Address> parse_address(const std::string& text) {
   return std::nullopt;
 }
 
-bool network_holds(const Address& network, uint64_t prefix, const Address& address) {
+bool network_contains(const Address& network, uint64_t prefix, const Address& address) {
   if (network.prefixOffset != address.prefixOffset) return false;
   uint64_t bits = prefix == 0 ? 128 : std::min<uint64_t>(network.prefixOffset + prefix, 128);
   for (size_t i = 0; i < 16 && i * 8 < bits; ++i) {
@@ -42,22 +42,13 @@ bool host_matches(const std::string& ruleHost, uint64_t prefix, const std::strin
   if (ruleHost.empty()) return true;
   auto network = parse_address(ruleHost);
   auto address = parse_address(host);
-  if (network && address) return network_holds(*network, prefix, *address);
+  if (network && address) return network_contains(*network, prefix, *address);
   return !network && !address && strcasecmp(ruleHost.c_str(), host.c_str()) == 0;
 }
 
 bool port_matches(const std::string& rulePort, const RemoteEnd& remote) {
-  unsigned number = 0;
-  const char* end = rulePort.data() + rulePort.size();
-  auto [stop, error] = std::from_chars(rulePort.data(), end, number);
-  if (error == std::errc() && stop == end) return number == 0 || number == remote.port;
-
-  servent entry{};
-  servent* found = nullptr;
-  char storage[1024];
-  const char* protocol = remote.protocol == NENetworkRuleProtocol::UDP ? "udp" : "tcp";
-  getservbyname_r(rulePort.c_str(), protocol, &entry, storage, sizeof storage, &found);
-  return found != nullptr && ntohs(static_cast<uint16_t>(found->s_port)) == remote.port;
+  auto number = port_number(rulePort, remote.protocol);
+  return number && (*number == 0 || *number == remote.port);
 }
 
 bool rule_matches(const NENetworkRule& rule, const RemoteEnd& remote) {
@@ -70,6 +61,21 @@ bool rule_matches(const NENetworkRule& rule, const RemoteEnd& remote) {
 }
 
 }  // namespace
+
+std::optional<uint16_t> port_number(const std::string& port, NENetworkRuleProtocol protocol) {
+  uint16_t number = 0;
+  const char* end = port.data() + port.size();
+  auto [stop, error] = std::from_chars(port.data(), end, number);
+  if (error == std::errc() && stop == end) return number;
+
+  servent entry{};
+  servent* found = nullptr;
+  char storage[1024];
+  const char* name = protocol == NENetworkRuleProtocol::UDP ? "udp" : "tcp";
+  getservbyname_r(port.c_str(), name, &entry, storage, sizeof storage, &found);
+  if (found == nullptr) return std::nullopt;
+  return ntohs(static_cast<uint16_t>(found->s_port));
+}
 
 NEFilterAction action_for_outbound_flow(const NEFilterSettings& settings, const RemoteEnd& remote) {
   for (const NEFilterRule& rule : settings.rules) {

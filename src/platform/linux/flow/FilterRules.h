@@ -1,25 +1,29 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/NetworkExtension.h"
 
 namespace orvane {
 
-// The far end of an outbound flow, as far as it is known when the flow begins.
+// The remote end of an outbound flow that has not been opened yet.
 struct RemoteEnd {
   std::string host;  // a name, or a literal address without brackets
   uint16_t port;
   NENetworkRuleProtocol protocol;  // TCP or UDP
 };
 
-// What the settings say about an outbound flow: the action of the first rule that matches, or the default action.
+// The number of a rule's port, which is a number or the name of a service (services(5)); 0 means any port. Nothing for
+// a service that the protocol, TCP or UDP, does not have. Thread-safe.
+std::optional<uint16_t> port_number(const std::string& port, NENetworkRuleProtocol protocol);
+
+// The action of the first rule that matches an outbound flow, or else the default action.
 //
-// A rule that names a network matches literal addresses within it (a prefix of 0 with an address is that one address);
-// a rule that names a host matches that name, without regard to case. Neither matches the other kind of far end, as a
-// name has no address yet. A rule about a local network is about an address that is not known here, and never matches.
-// Port 0 is any port.
+// A rule with a network matches literal addresses in it (an address with a prefix of 0 matches only itself). A rule
+// with a host name matches that name in either case. A rule with a local network never matches, because the local
+// address is not known yet. Thread-safe.
 NEFilterAction action_for_outbound_flow(const NEFilterSettings& settings, const RemoteEnd& remote);
 
 }  // namespace orvane

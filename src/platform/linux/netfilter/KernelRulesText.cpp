@@ -1,72 +1,53 @@
+#include "platform/linux/netfilter/KernelRulesText.h"
+
 #include <arpa/inet.h>
-#include <netdb.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
-#include <string_view>
 #include <utility>
 
-#include "platform/linux/netfilter/KernelRules.h"
+#include "platform/linux/flow/FilterRules.h"
 
 namespace orvane {
 namespace {
 
-constexpr const char* kProtocols[] = {"tcp", "udp"};
-
-// "The packet is longer than its headers", as xt_bpf wants it (the output of nfbpf_compile). Matches on the PSH flag,
-// on a length or by u32 miss data on the SYN, tiny payloads or the first segment of a narrow window, or take the SYN
-// itself. In IPv6, a packet with extension headers matches too: where its TCP header begins is user space's to find.
+// "The packet is longer than its headers", in the form of xt_bpf (the output of nfbpf_compile). Matches on the PSH
+// flag, on a length or by u32 would miss data on the SYN, tiny payloads or the first segment of a narrow window, or
+// would match the SYN itself. In IPv6 every packet with extension headers matches: parse_packet() finds the TCP header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =
     "11,48 0 0 6,21 0 7 6,48 0 0 52,116 0 0 2,84 0 0 60,4 0 0 40,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 
-std::string marked(uint32_t value) {
+std::string mark_and_mask(uint32_t value) {
   char text[24];
   snprintf(text, sizeof text, "0x%x/0x%x", value, kMarkMask);
   return text;
 }
 
-// The port's number, 0 for any. Nothing when the protocol has no service of the name.
-std::optional<uint16_t> port_number(const std::string& port, const char* protocol) {
-  uint16_t number = 0;
-  const char* end = port.data() + port.size();
-  auto [stop, error] = std::from_chars(port.data(), end, number);
-  if (error == std::errc() && stop == end) return number;
-
-  servent entry{};
-  servent* found = nullptr;
-  char storage[1024];
-  getservbyname_r(port.c_str(), protocol, &entry, storage, sizeof storage, &found);
-  if (found == nullptr) return std::nullopt;
-  return ntohs(static_cast<uint16_t>(found->s_port));
-}
-
-// The chain that sorts new connections.
-class NewConnections {
+// Chain ORVANE-NEW: the provider's rules.
+class NewChain {
  public:
-  explicit NewConnections(AddressFamily family) : family_(family) {}
+  explicit NewChain(AddressFamily family) : family_(family) {}
 
-  // Returns false, with error() set, for a rule that cannot be said.
+  // Returns false and sets error() when the kernel cannot express the rule.
   bool add(const NENetworkRule& rule, NEFilterAction action) {
     if (rule.direction == NETrafficDirection::Inbound) return true;
     std::string ends;
-    bool possible = true;
-    if (!network(rule.localNetwork, rule.localPrefix, " -s ", ends, possible)) return false;
-    if (!network(rule.remoteNetwork, rule.remotePrefix, " -d ", ends, possible)) return false;
+    bool canMatch = true;
+    if (!network(rule.localNetwork, rule.localPrefix, " -s ", ends, canMatch)) return false;
+    if (!network(rule.remoteNetwork, rule.remotePrefix, " -d ", ends, canMatch)) return false;
 
-    bool said = false;
-    for (const char* protocol : kProtocols) {
-      const auto only = protocol == kProtocols[0] ? NENetworkRuleProtocol::TCP : NENetworkRuleProtocol::UDP;
-      if (rule.protocol != NENetworkRuleProtocol::Any && rule.protocol != only) continue;
-      std::string match = std::string(" -p ") + protocol + ends;
+    bool added = false;
+    for (auto protocol : {NENetworkRuleProtocol::TCP, NENetworkRuleProtocol::UDP}) {
+      if (rule.protocol != NENetworkRuleProtocol::Any && rule.protocol != protocol) continue;
+      std::string match = (protocol == NENetworkRuleProtocol::TCP ? " -p tcp" : " -p udp") + ends;
       if (!port(rule.localNetwork, protocol, " --sport ", match)) continue;
       if (!port(rule.remoteNetwork, protocol, " --dport ", match)) continue;
-      said = true;
-      if (possible) decide(match, action);
+      added = true;
+      if (canMatch) decide(match, action);
     }
-    return said;
+    return added;
   }
 
   void decide(const std::string& match, NEFilterAction action) {
@@ -74,7 +55,8 @@ class NewConnections {
     if (action == NEFilterAction::FilterData) {
       text_ += rule + " -g ORVANE-PENDING\n";
     } else {
-      if (action == NEFilterAction::Drop) text_ += rule + " -j CONNMARK --set-xmark " + marked(kMarkDropped) + "\n";
+      if (action == NEFilterAction::Drop)
+        text_ += rule + " -j CONNMARK --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
       text_ += rule + " -j RETURN\n";
     }
   }
@@ -83,9 +65,9 @@ class NewConnections {
   const std::string& error() const { return error_; }
 
  private:
-  // Adds what an end's address asks for. `possible` becomes false when no packet of this family can have it.
+  // Appends the match of an end's address. Sets `canMatch` to false when the address is of the other family.
   bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, const char* option, std::string& match,
-               bool& possible) {
+               bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
     uint8_t bytes[16];
     const bool v4 = inet_pton(AF_INET, end->hostname().c_str(), bytes) == 1;
@@ -94,12 +76,12 @@ class NewConnections {
       return false;
     }
     const uint64_t longest = v4 ? 32 : 128;
-    if (v4 != (family_ == AddressFamily::IPv4)) possible = false;
+    if (v4 != (family_ == AddressFamily::IPv4)) canMatch = false;
     match += option + end->hostname() + "/" + std::to_string(prefix == 0 ? longest : std::min(prefix, longest));
     return true;
   }
 
-  bool port(const Ref<NWHostEndpoint>& end, const char* protocol, const char* option, std::string& match) {
+  bool port(const Ref<NWHostEndpoint>& end, NENetworkRuleProtocol protocol, const char* option, std::string& match) {
     if (end == nullptr) return true;
     const auto number = port_number(end->port(), protocol);
     if (!number) {
@@ -114,25 +96,38 @@ class NewConnections {
   std::string text_, error_;
 };
 
-// Both tables. A packet without a connection (NOTRACK rules, out of a connection's window) matches no test of the
-// connection's mark, nor the contrary of one.
+// The way of an outbound packet through ORVANE-OUTPUT of both tables, and the chains that it jumps to. "Bits" are ours
+// of a mark.
 //
-// Mangle marks connections at their begin, and hands those that wait for a verdict to the queue. The direction is
-// tested since both ends of a connection of this machine to itself send here. What the queue has looked at comes
-// through mangle once more, with the answer as its mark: that is kept with the connection, and the packet meets the
-// rules of others as if it had never been away. Where the answer is that the verdict is still open, the mark is that of
-// a pending connection, so that the packet is known and not queued again; it is not kept, as the verdict may have come
-// meanwhile. Marks count on connections of ours alone: those of others may use the same bits.
+//   mangle OUTPUT <---------------------------------------------------------------------------------------+
+//     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
+//                                                      unless they are "pending"                          |
+//     TCP SYN: clear the connection's bits    NEW      the provider's rules: the connection gets          |
+//     first packet of a UDP conversation      NEW      "pending" (chain PENDING), "dropped" or no bits    |
+//     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
+//       original direction                    ASK      packet's bits = "allowed", then the queue          |
+//                                                        |                                                |
+//                                                        +-- NF_REPEAT, packet's bits = the answer -------+
+//   filter OUTPUT
+//     packet and connection have bits         VERDICT  save as above, then clear the packet's bits
+//     connection dropped                      DROP     TCP reset, or port unreachable
 //
-// A packet whose mark is not what it was, after mangle or after a queue, is routed anew, and as if no user had sent it.
-// So an allowed packet's mark must not change there: it goes to the queue as allowed, which is also what becomes of a
-// connection when nobody is there to ask. Filter takes our bits off. It keeps the answer too, for a packet that comes
-// from the queue without a second turn. The reset that answers a dropped connection belongs to that connection itself,
-// and must get out.
+// The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
-// A SYN begins anew, whatever is known of its two ends: the tracking may take a connection that uses the ports of one
-// that was reset for the same one. Of resets, those with an acknowledgment are the end of the sender's own connection;
-// a bare one answers a stray segment, such as the first of what the other end believes is still the old connection.
+// - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
+//   user's id. So ASK marks a packet as allowed, and the most frequent answer changes nothing. Packets that nobody
+//   answers (no process serves the queue, or it is full) keep this mark, and their connections count as allowed.
+// - "Pending" only keeps a packet from being queued twice. It is not saved: the connection may have a verdict by then.
+// - Rules test the connection's bits with the packet's, as other programs may use the same bits for other connections.
+//   A packet without a connection (NOTRACK, or outside of the TCP window) matches neither `--mark` nor `! --mark`, so
+//   it passes.
+// - Both ends of a connection of this machine to itself send through OUTPUT, hence the test of the direction.
+// - A SYN clears the bits because connection tracking may take it for part of an old connection, one that was reset and
+//   used the same ports.
+// - A RST without ACK ends no connection of the sender: it answers a stray segment.
+// - Table filter saves the bits too, for packets that did not enter mangle again.
+// - DROP lets resets pass: the reset that rejects a connection belongs to that connection.
+// - Table filter comes first, so that verdicts are carried out before the first packet is queued.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
@@ -171,14 +166,14 @@ COMMIT
 std::string tables(AddressFamily family, const std::string& newConnections) {
   const bool v4 = family == AddressFamily::IPv4;
   const std::pair<std::string_view, std::string> values[] = {
-      {"@NONE", marked(0)},
-      {"@PENDING", marked(kMarkPending)},
-      {"@DROPPED", marked(kMarkDropped)},
+      {"@NONE", mark_and_mask(0)},
+      {"@PENDING", mark_and_mask(kMarkPending)},
+      {"@DROPPED", mark_and_mask(kMarkDropped)},
       {"@MASK", std::to_string(kMarkMask)},
       {"@UNREACHABLE", v4 ? "icmp-port-unreachable" : "icmp6-port-unreachable"},
       {"@NEW_CONNECTIONS", newConnections},
       {"@HAS_PAYLOAD", v4 ? kHasPayload4 : kHasPayload6},
-      {"@ALLOWED", marked(kMarkAllowed)},
+      {"@ALLOWED", mark_and_mask(kMarkAllowed)},
       {"@QUEUE", "-j NFQUEUE --queue-num " + std::to_string(kQueueNumber) + " --queue-bypass"},
   };
   std::string text = kTables;
@@ -190,19 +185,43 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
   return text;
 }
 
+void read_line(std::string_view line, SavedTable& table, bool& sawOutput) {
+  if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
+  if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';
+  if (!line.starts_with("-A OUTPUT ")) return;
+  if (line.find(" ORVANE-OUTPUT") != std::string_view::npos) table.jumps.emplace_back(line);
+  if (!std::exchange(sawOutput, true)) table.startsWithJump = line == kJump;
+}
+
 }  // namespace
 
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error) {
-  NewConnections connections(family);
+  NewChain chain(family);
   for (const NEFilterRule& rule : settings.rules) {
-    if (connections.add(rule.networkRule, rule.action)) continue;
-    error = connections.error();
+    if (chain.add(rule.networkRule, rule.action)) continue;
+    error = chain.error();
     return std::nullopt;
   }
-  connections.decide("", settings.defaultAction);
-  // The answers to verdicts are there before anything waits for one.
-  return tables(family, connections.text());
+  chain.decide("", settings.defaultAction);
+  return tables(family, chain.text());
+}
+
+SavedTables parse_saved_tables(std::string_view saved) {
+  SavedTables tables;
+  SavedTable* table = nullptr;
+  bool sawOutput = false;
+  while (!saved.empty()) {
+    const std::string_view line = saved.substr(0, saved.find('\n'));
+    saved.remove_prefix(std::min(line.size() + 1, saved.size()));
+    if (line.starts_with('*')) {
+      table = line == "*filter" ? &tables.filter : line == "*mangle" ? &tables.mangle : nullptr;
+      sawOutput = false;
+    } else if (table != nullptr) {
+      read_line(line, *table, sawOutput);
+    }
+  }
+  return tables;
 }
 
 }  // namespace orvane

@@ -13,6 +13,7 @@
 #include "platform/Log.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/netfilter/KernelRulesText.h"
 #include "platform/linux/netfilter/PacketQueue.h"
 #include "platform/linux/netfilter/QueueWatchdog.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
@@ -129,10 +130,10 @@ void Netfilter::stop() {
 }
 
 void Netfilter::watchRules() {
-  bool told = rules_.changes() >= 0;
+  bool told = rules_.changeDescriptor() >= 0;
   bool broken = false;
   for (;;) {
-    pollfd change{rules_.changes(), POLLIN, 0};
+    pollfd change{rules_.changeDescriptor(), POLLIN, 0};
     // What could not be put back is tried again.
     auto look = told && !broken ? Deadline() : deadline_after(kRulesLook);
     Wait event = wait_for({&change, 1}, stopRules_.get(), look);

@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "platform/linux/netfilter/KernelRules.h"
+#include "platform/linux/netfilter/KernelRulesText.h"
 #include "support/Sockets.h"
 
 namespace orvane {
@@ -99,7 +100,7 @@ class KernelRulesTest : public ::testing::Test {
 
   void install(const std::vector<Rule>& list) { ASSERT_EQ(rules.install(settings(list)).value_or(""), ""); }
   bool changed(int milliseconds) {
-    pollfd change{rules.changes(), POLLIN, 0};
+    pollfd change{rules.changeDescriptor(), POLLIN, 0};
     return poll(&change, 1, milliseconds) == 1;
   }
 
@@ -167,7 +168,7 @@ TEST_F(KernelRulesTest, PutsBackWhatAnotherProgramTakesAwayOrGetsAheadOf) {
         "iptables -D OUTPUT -j ORVANE-OUTPUT", "iptables -I ORVANE-DROP -j ACCEPT"}) {
     for (int i = 0; i < 2 && changed(0); ++i) EXPECT_EQ(rules.check(error), State::Intact) << wipe;
     shell(wipe);
-    EXPECT_TRUE(rules.changes() < 0 || changed(1000)) << wipe;
+    EXPECT_TRUE(rules.changeDescriptor() < 0 || changed(1000)) << wipe;
     EXPECT_EQ(rules.check(error), State::Repaired) << wipe << error;
     EXPECT_EQ(rules_in_kernel(), intact) << wipe;
     EXPECT_EQ(rules.check(error), State::Intact) << wipe;

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/NetworkExtension.h"
+
+// The extension's kernel rules as text: written for iptables-restore(8), and found in the output of iptables-save(8).
+namespace orvane {
+
+// The extension's bits in the marks of packets and connections, in both tables of both address families. VPNs and
+// container engines use other bits; docs/linux.md lists them.
+inline constexpr uint32_t kMarkMask = 0x12000000;
+inline constexpr uint32_t kMarkPending = 0x02000000;  // the connection's payload goes to the queue
+inline constexpr uint32_t kMarkAllowed = 0x10000000;
+inline constexpr uint32_t kMarkDropped = 0x12000000;
+
+// A packet's mark with `answer`, one of the three above, in place of our bits. Packets leave the queue with it.
+constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (packetMark & ~kMarkMask) | answer; }
+
+// The packet queue (nfnetlink_queue) that the rules name; each network namespace has its own queues.
+inline constexpr uint16_t kQueueNumber = 20743;
+
+// The rule of OUTPUT, in each table, that jumps to our chains, as iptables-save(8) prints it.
+inline constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
+
+enum class AddressFamily { IPv4, IPv6 };
+
+// The rules of one family, as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: our chains and
+// their rules, first of table filter, then of table mangle, without the jumps from OUTPUT. Returns nothing and sets
+// `error` when the kernel cannot express a rule: it has a host name, or an unknown service.
+std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
+                                             std::string& error);
+
+// What one table has of ours.
+struct SavedTable {
+  std::string lines;                // our chains and their rules, as printed
+  std::vector<std::string> chains;  // their names
+  std::vector<std::string> jumps;   // the rules of OUTPUT that jump to our chains, kJump or another
+  bool startsWithJump = false;      // kJump is the first rule of OUTPUT
+
+  // Whether OUTPUT begins with kJump and has no other jump to our chains.
+  bool isIntact() const { return startsWithJump && jumps.size() == 1; }
+};
+
+struct SavedTables {
+  SavedTable filter, mangle;
+};
+
+// Finds our chains and jumps in the output of iptables-save(8) or ip6tables-save(8).
+SavedTables parse_saved_tables(std::string_view saved);
+
+}  // namespace orvane
