@@ -8,7 +8,7 @@ namespace orvane {
 
 namespace {
 
-// One line's text, on the stack.
+// The text of one line. It lives on the stack.
 struct Line {
   static constexpr int32_t kCapacity = 256;  // the terminator included
 
@@ -48,7 +48,7 @@ int32_t format_group(char (&digits)[24], const unsigned char* bytes, int32_t gro
   }
 }
 
-// False when the line is full before the last group.
+// False when the next group does not fit.
 bool append_groups(Line& line, const unsigned char* bytes, int32_t count, int32_t groupSize) {
   const int32_t groups = std::max(count / groupSize, 1);
   for (int32_t group = 0; group < groups; ++group) {
@@ -64,15 +64,15 @@ bool append_groups(Line& line, const unsigned char* bytes, int32_t count, int32_
 
 void append_characters(Line& line, const unsigned char* bytes, int32_t count, int32_t column) {
   while (line.length <= column && line.length < Line::kCapacity - 1) line.append(' ');
-  // Printable in the C locale, whatever the process's own locale is.
+  // Not isprint(), which depends on the process's locale.
   for (int32_t i = 0; i < count; ++i)
     line.append(bytes[i] >= 0x20 && bytes[i] <= 0x7e ? static_cast<char>(bytes[i]) : '.');
 }
 
-void build(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
-           bool showASCII) {
-  // A short last line falls back to single bytes. Its characters stand in the column of single bytes too, further right
-  // than those above it.
+void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
+                 bool showASCII) {
+  // The column of the characters follows from the group size of this line, so a short last line has it further right
+  // than the lines above. That is frozen (docs/compatibility.md).
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {
@@ -85,7 +85,7 @@ void build(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesP
 
 }  // namespace
 
-// `log` is taken by value: the dump holds a reference of its own until its last line.
+// `log` is passed by value: the dump keeps the handle alive until its last line.
 void os_log_dump(os_log_t log,  // NOLINT(performance-unnecessary-value-param)
                  const char* prefix, int32_t offsetStyle, int32_t bytesPerLine, int32_t groupSize, const void* data,
                  uint64_t length, bool showASCII) {
@@ -95,10 +95,10 @@ void os_log_dump(os_log_t log,  // NOLINT(performance-unnecessary-value-param)
   uint64_t remaining = length;
   for (uint64_t offset = 0; offset < length; offset += static_cast<uint64_t>(bytesPerLine)) {
     const int32_t count = std::min(static_cast<int32_t>(remaining), bytesPerLine);
-    // By number, as the start may be null. NOLINTNEXTLINE(performance-no-int-to-ptr)
+    // Integer arithmetic: `data` may be null. NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* bytes = reinterpret_cast<const unsigned char*>(reinterpret_cast<uintptr_t>(data) + offset);
     Line line;
-    if (bytes != nullptr && count > 0) build(line, bytes, count, bytesPerLine, groupSize, showASCII);
+    if (bytes != nullptr && count > 0) format_line(line, bytes, count, bytesPerLine, groupSize, showASCII);
     line.text[line.length] = '\0';
     const char* text = line.text;
     if (offsetStyle == 2) {

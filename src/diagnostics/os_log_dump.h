@@ -6,16 +6,16 @@
 
 namespace orvane {
 
-// Writes bytes to the log in hexadecimal, one entry at debug level for each line of the dump; nothing for a length of
-// 0. Allocates nothing. Lengths of 2^31 and more are not supported.
+// Logs bytes in hexadecimal at debug level, one entry for each line of the dump. A length of 0 logs nothing. Allocates
+// no memory. The length must be below 2^31.
 //
-//   prefix        stands at the start of every line, with nothing behind it
-//   offsetStyle   2: the line's offset follows, ": " behind it; 1: its address; else neither
-//   bytesPerLine  16 or 32; another value is 16
-//   groupSize     bytes read as one number of the machine's own byte order: 1, 2, 4 or 8; another value is 1
-//   showASCII     the bytes follow as characters, "." for those that are not printable ASCII
+//   prefix        begins every line
+//   offsetStyle   2: the line's offset and ": " follow the prefix; 1: its address and ": "; other values: neither
+//   bytesPerLine  16 or 32; other values mean 16
+//   groupSize     bytes that are printed as one number, in the machine's byte order: 1, 2, 4 or 8; other values mean 1
+//   showASCII     adds the bytes as characters, with "." for those that are not printable ASCII
 //
-// A line whose length is no multiple of the group size falls back to single bytes.
+// A line whose length is no multiple of the group size is printed in single bytes.
 void os_log_dump(os_log_t log, const char* prefix, int32_t offsetStyle, int32_t bytesPerLine, int32_t groupSize,
                  const void* data, uint64_t length, bool showASCII);
 

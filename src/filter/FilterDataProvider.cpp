@@ -43,7 +43,7 @@ void FilterDataProvider::stopFilterWithReason(NEProviderStopReason /*reason*/,
 NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flow) {
   if (!isFlowFromBrowser(flow)) return NEFilterNewFlowVerdict::allowVerdict();
 
-  // Before any look at names: a name server's own name says nothing about what it is asked.
+  // Before the host name is read: it would be the name server's.
   if (socketFlow(flow) != nullptr && port(flow) == kDNSPort) {
     ORVANE_LOG_DEBUG(_log, "DNS packet data; waiting more data...");
     return peek_outbound(kDNSPeekBytes);
@@ -63,7 +63,7 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
     ORVANE_LOG_DEBUG(_log, "not enough data; waiting more...");
     return peek_outbound(kFilterFlowBytesMax);
   }
-  // The bare presence of the name decides: this provider does not look at the date that suspends one.
+  // A date that suspends the host has no effect here: only PLSafariFilterDataProvider reads it.
   if (db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname in database : dropping flow.");
     return NEFilterNewFlowVerdict::dropVerdict();
@@ -72,10 +72,10 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
   return NEFilterNewFlowVerdict::allowVerdict();
 }
 
-void FilterDataProvider::observeQuestion(std::span<const uint8_t> readBytes) const {
+void FilterDataProvider::logQuestion(std::span<const uint8_t> readBytes) const {
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: DNS flow");
-  // From the chunk's first byte, neither the message's header nor TCP's length skipped: this only observes, and the
-  // dump of what does not parse shows all of it.
+  // Parsed from the first byte, although the chunk begins with a DNS header, and on TCP with a length: frozen
+  // (docs/compatibility.md). No verdict depends on it.
   dns_question_t* question =
       dns_parse_question(reinterpret_cast<const char*>(readBytes.data()), static_cast<uint32_t>(readBytes.size()));
   if (question == nullptr) {
@@ -100,8 +100,8 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: socket type:%d, port:%lu", socket->socketType(),
                    static_cast<unsigned long>(port(flow)));
   if (port(flow) == kDNSPort) {
-    // Questions are seen and allowed, held names among them: what is blocked is the connection that follows.
-    observeQuestion(readBytes);
+    // A question for a held name is allowed, too: the connection that follows is dropped.
+    logQuestion(readBytes);
     return NEFilterDataVerdict::allowVerdict();
   }
   const std::optional<std::string> hostname = socket->remoteHostname();
@@ -115,11 +115,11 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
 }
 
 NEFilterDataVerdict FilterDataProvider::handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) {
-  // Whatever the port: a flow that has ended is judged by its name alone.
+  // No test of the port: at its end, a DNS flow is judged by its host name like any other.
   const NEFilterSocketFlow* socket = socketFlow(flow);
   const std::optional<std::string> hostname = socket == nullptr ? std::nullopt : socket->remoteHostname();
   if (!hostname) {
-    // "allowinf" is how the message is spelled; people find it in their logs by that.
+    // "allowinf": a frozen text (docs/compatibility.md).
     ORVANE_LOG_DEBUG(_log, "handleOutboundDataCompleteForFlow: remoteHostname is nil; allowinf flow...");
     return NEFilterDataVerdict::allowVerdict();
   }
@@ -133,14 +133,14 @@ bool FilterDataProvider::isFlowFromBrowser(const NEFilterFlow& flow) const {
   if (!token) return false;
   std::optional<std::string> identifier = token->bundleIdentifier();
   if (identifier && db_is_browser(*identifier)) return true;
-  // Only now: the second question costs as much again.
+  // This second look-up costs as much again, so it runs only when the first one found no browser.
   identifier = token->responsibleBundleIdentifier();
   return identifier && db_is_browser(*identifier);
 }
 
 std::vector<NEFilterRule> FilterDataProvider::createFilterRules() const {
   std::vector<NEFilterRule> rules;
-  // DNS over UDP and TCP alike; the web by TCP only.
+  // DNS uses UDP and TCP.
   rules.push_back(outbound_rule("53", NENetworkRuleProtocol::Any));
   append_web_rules(rules);
   return rules;

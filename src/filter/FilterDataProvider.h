@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <vector>
 
 #include "platform/Log.h"
@@ -7,8 +10,9 @@
 
 namespace orvane {
 
-// The general provider: keeps browsers away from held host names, at the first question wherever the name is known, and
-// writes their DNS questions to the log. Other programs' flows are never touched. Keeps no state between calls.
+// The general provider. It drops a browser's flow to a held host: when the flow opens if its host name is known by
+// then, else at its first data. It logs browsers' DNS questions, and allows the flows of all other programs. Keeps no
+// state between calls.
 class FilterDataProvider : public NEFilterDataProvider {
  public:
   // Null when the base initialiser fails.
@@ -20,7 +24,7 @@ class FilterDataProvider : public NEFilterDataProvider {
   NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
                                                  std::span<const uint8_t> readBytes) override;
   NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) override;
-  // Whether the program that opened the flow, or the application responsible for it, is a browser.
+  // Whether the process that opened the flow, or the application responsible for it, is a browser.
   bool isFlowFromBrowser(const NEFilterFlow& flow) const;
   std::vector<NEFilterRule> createFilterRules() const;
 
@@ -29,7 +33,7 @@ class FilterDataProvider : public NEFilterDataProvider {
   ~FilterDataProvider() override = default;
 
  private:
-  void observeQuestion(std::span<const uint8_t> readBytes) const;
+  void logQuestion(std::span<const uint8_t> readBytes) const;
 
   os_log_t _log;
 };

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kSafariIdentifier = "com.apple.Safari";
 
-// By the flow's URL where it has one, else by the name that its socket was opened for.
+// The host of the flow's URL; without a URL, the name that the socket was opened for.
 std::optional<std::string> hostname_of(const NEFilterFlow& flow, const Ref<NSURL>& url) {
   if (url) return url_host(*url);
   const NEFilterSocketFlow* socket = socketFlow(flow);
@@ -46,7 +46,7 @@ NEFilterNewFlowVerdict PLSafariFilterDataProvider::handleNewFlow(const NEFilterF
   const Ref<NSURL> url = flow.URL();
   if (url) ORVANE_LOG_DEBUG(_log, "URL: %@", url->absoluteString());
   const std::optional<std::string> hostname = hostname_of(flow, url);
-  // Two tests on purpose: a held name always goes to the data stage, and only there may its date suspend it.
+  // Every held host goes to the data stage. Only there is the date that suspends it read.
   if (hostname && db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname (%@) in database : examining data flow.", *hostname);
     return NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);

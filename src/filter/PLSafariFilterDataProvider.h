@@ -1,7 +1,8 @@
 #pragma once
 
-#include <optional>
-#include <string>
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <vector>
 
 #include "platform/Log.h"
@@ -9,8 +10,8 @@
 
 namespace orvane {
 
-// The provider for one browser: sends every flow of it to a held host name to the data stage, and decides there, where
-// the date that suspends a name is honoured. Does not look at DNS. Keeps no state between calls.
+// The provider for Safari alone. It asks for the outbound data of every flow to a held host, and drops the flow at its
+// first data unless a date suspends the host. It ignores DNS. Keeps no state between calls.
 class PLSafariFilterDataProvider : public NEFilterDataProvider {
  public:
   // Null when the base initialiser fails.
@@ -22,7 +23,7 @@ class PLSafariFilterDataProvider : public NEFilterDataProvider {
   NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
                                                  std::span<const uint8_t> readBytes) override;
   NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) override;
-  // Whether the program that opened the flow, or the application responsible for it, is that browser.
+  // Whether the process that opened the flow, or the application responsible for it, is Safari.
   bool isSafariBrowser(const NEFilterFlow& flow) const;
   std::vector<NEFilterRule> createFilterRules() const;
 

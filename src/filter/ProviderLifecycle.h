@@ -6,20 +6,20 @@
 #include "platform/Log.h"
 #include "platform/NetworkExtension.h"
 
-// How a provider of ours starts and stops, whatever it filters.
+// What both providers share: how they start and stop, and their rules.
 namespace orvane {
 
-// Puts the rules in force, flows that match none being allowed, and reports the outcome through the handler.
+// Applies the rules, with "allow" for flows that match none, and reports the outcome to the handler. Logs a failure.
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler);
 
-// Calls the handler before it returns. A provider holds nothing that stopping would have to take down.
+// Calls the handler before it returns. A provider has nothing to release when it stops.
 void stop_filter(const os_log_t& log, const std::function<void()>& completionHandler);
 
-// The rule that hands the provider all outbound flows to a port of any host.
+// A rule that sends all outbound flows to a port of any host to the provider.
 NEFilterRule outbound_rule(const char* port, NENetworkRuleProtocol protocol);
 
-// Adds the rules for web traffic: TCP to each of a list of ports.
+// Appends a rule for TCP to each web port: 80, 443.
 void append_web_rules(std::vector<NEFilterRule>& rules);
 
 }  // namespace orvane

@@ -12,13 +12,13 @@ namespace {
 
 bool is_audit_token(const Value& data) { return data.isData() && data.asData().size() == sizeof(audit_token_t); }
 
-// From what tells a running program apart to its bundle identifier. Every object is released in the reverse of the
-// order in which it was found, the attributes last, on every way out.
+// Looks up the bundle identifier of the running program that the attributes describe. On every return, the objects are
+// released in reverse order, the caller's attributes last.
 std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref<Dictionary>& attributes) {
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
-    // Also with a status of 0: then the missing output is the failure, and both lines together say so.
+    // Logged even with status 0: then the second message names the failure.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
     if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
     return std::nullopt;
@@ -32,7 +32,7 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
     return std::nullopt;
   }
 
-  // The property list belongs to the information that is given without being asked for.
+  // With default flags, the information includes the property list.
   Ref<Dictionary> information;
   status = SecCodeCopySigningInformation(staticCode.get(), kDefaultFlags, information.out());
   if (status != 0 || !information) {
@@ -82,15 +82,15 @@ std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) con
     return std::nullopt;
   }
   std::optional<std::string> identifier = copy_bundle_identifier(_log, dictionary_create(GuestAttribute::Pid, number));
-  // Never released: a number of this size is an immediate value, whose release would do nothing.
+  // Never released (docs/compatibility.md). Such a number is a tagged pointer, so nothing leaks.
   (void)number.detach();
   return identifier;
 }
 
 std::optional<std::string> PLAudtToken::responsibleBundleIdentifier() const {
   const Value data = auditTokenData();
-  // Whoever asks has been told by bundleIdentifier of a token of the wrong size. A longer one still starts with a
-  // token; from a shorter one nothing can be read.
+  // Callers ask bundleIdentifier() first, which logs a wrong size. Longer data still begin with a token, and are
+  // accepted.
   audit_token_t token;
   if (data.asData().size() < sizeof token) return std::nullopt;
   std::memcpy(&token, data.asData().data(), sizeof token);
@@ -102,8 +102,8 @@ std::optional<std::string> PLAudtToken::applicationPathFromAuditToken(const Valu
     ORVANE_LOG_DEBUG(_log, "bad auditToken size");
     return std::nullopt;
   }
-  // The objects found here are never released, on any path. Nothing in the extension asks this question, so they do not
-  // add up. One message for each failure: the status, or the missing output where the status is 0.
+  // The objects found here are never released, and each failure logs one message: the status, or the missing output
+  // when the status is 0. Both are frozen (docs/compatibility.md); nothing calls this function, so nothing accumulates.
   Ref<SecCode> codeOut;
   Ref<Dictionary> attributes = dictionary_create(GuestAttribute::Audit, auditToken);
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, codeOut.out());

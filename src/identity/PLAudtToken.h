@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -13,27 +11,27 @@
 
 namespace orvane {
 
-// Who owns an audit token. Made for one flow, asked once or twice, dropped; nothing is remembered between flows. A
-// question that has no answer gives nothing, after messages at debug level. The questions may be asked on any thread.
+// Finds the program that owns an audit token. Each flow makes an object, asks it once or twice and drops it; nothing is
+// cached. A look-up that fails gives nothing, and logs the failing step at debug level. Thread-safe.
 //
-// The spelling is the name's own: it is in the log category that people filter by.
+// The spelling is frozen: it is the log category (docs/compatibility.md).
 class PLAudtToken : public NSObject {
  public:
   static Ref<PLAudtToken> auditTokenWithData(const Value& data) { return initWithData(data); }
-  // Takes any data, nil included: a token is checked where it is used. Null when the base initialiser fails.
+  // Accepts any value, nil included: the look-ups check the token. Null when the base initialiser fails.
   static Ref<PLAudtToken> initWithData(const Value& data);
 
-  // The token as it was given. Atomic: a reader always sees a whole one.
+  // The token as it was given. Reading and setting are atomic.
   Value auditTokenData() const;
   void setAuditTokenData(Value data);
 
   // The bundle identifier of the code that owns the token.
   std::optional<std::string> bundleIdentifier() const;
-  // The bundle identifier of a process's code. Any number may be asked for.
+  // The bundle identifier of a process's code. The platform checks the pid, so any number is allowed.
   std::optional<std::string> bundleIdentifierFromPid(int32_t pid) const;
   // The bundle identifier of the process that the system holds responsible for the token's process.
   std::optional<std::string> responsibleBundleIdentifier() const;
-  // The path of the code that owns another token.
+  // The path of the code that owns the given token. The object's own token is not used.
   std::optional<std::string> applicationPathFromAuditToken(const Value& auditToken) const;
 
  protected:

@@ -11,8 +11,8 @@ struct dns_question_t {
   uint16_t dnsclass;  // host byte order
 };
 
-// Reads one question from the first byte of the buffer on: a name in label form, then type and class. Null when the
-// buffer does not hold them whole. The result belongs to the caller, who gives it to dns_free_question.
+// Reads one question at the start of the buffer: a name in label form, then type and class. Null when the question is
+// malformed or cut off. The caller releases the result with dns_free_question.
 dns_question_t* dns_parse_question(const char* buffer, uint32_t length);
 
 void dns_free_question(dns_question_t* question);

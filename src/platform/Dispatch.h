@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// Hands the main thread to the platform, which serves until it ends the process. Never returns.
+// Gives the main thread to the platform until the process ends.
 [[noreturn]] void dispatch_main();
 
 }  // namespace orvane

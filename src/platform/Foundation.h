@@ -9,32 +9,32 @@
 
 namespace orvane {
 
-// An error of the platform, as it is handed to completion handlers and printed by "%@".
+// An error of the platform, for completion handlers and for "%@".
 class NSError : public NSObject {
  public:
   virtual std::string description() const = 0;
   virtual std::string localizedDescription() const = 0;
 };
 
-// A URL as the platform gave it.
+// A URL, as the platform gives it.
 class NSURL : public NSObject {
  public:
   virtual std::string absoluteString() const = 0;
 };
 
-// The parts of a URL (RFC 3986).
+// The components of a URL (RFC 3986).
 class NSURLComponents : public NSObject {
  public:
-  // Null when the URL cannot be taken apart.
+  // Null when the URL cannot be parsed.
   static Ref<NSURLComponents> initWithURL(const NSURL& url, bool resolvingAgainstBaseURL);
 
-  // The host with percent-encoding removed, in the URL's own spelling; a literal IPv6 address keeps its brackets.
-  // Nothing when the URL has no host. Whether an empty one is none is the system's to say; on Linux it is.
+  // The host in the URL's spelling, with percent-encoding decoded; an IPv6 address keeps its brackets. Nothing when the
+  // URL has no host. An empty host counts as none on Linux; other systems may return it.
   virtual std::optional<std::string> host() const = 0;
 };
 
-// A string's number as the platform reads it: leading white space, an optional sign, decimal digits up to the first
-// character that is none; 0 without digits; the nearest representable number when the digits give more.
+// The number at the start of a string: optional white space, an optional sign, decimal digits. 0 without digits; the
+// nearest int64_t when the number is out of range.
 int64_t integerValue(const std::string& string);
 
 }  // namespace orvane

@@ -4,14 +4,14 @@
 
 #include "platform/Ref.h"
 
-// What the log is on every system: handles, levels and the four macros that a message is written with. Log.h, chosen by
-// include path, has the rest, as a system's log wants its formats where they stand.
+// The log's handles, levels and macros, common to all systems. Include Log.h, which each system has of its own (chosen
+// by include path): macOS's log needs the format as a literal at the call.
 namespace orvane {
 
 // Default, Info, Debug or Error.
 enum class LogLevel : uint8_t;
 
-// A handle: one category of one subsystem. Counted.
+// A handle: one category of one subsystem. Reference-counted.
 class LogHandle;
 void retain(const LogHandle* handle);
 void release(const LogHandle* handle);
@@ -22,12 +22,12 @@ os_log_t os_log_create(const char* subsystem, const char* category);
 // The log without a category. Never released.
 const os_log_t& default_log();
 
-// Whether messages of a level are kept. A null handle is the default log.
+// Whether the log keeps messages of a level. A null handle means the default log.
 bool os_log_type_enabled(const os_log_t& log, LogLevel level);
 
 }  // namespace orvane
 
-// A literal format and its arguments, see Log.h.
+// The arguments are a literal format and its values, see Log.h.
 #define ORVANE_LOG_DEFAULT(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Default, log, __VA_ARGS__)
 #define ORVANE_LOG_INFO(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Info, log, __VA_ARGS__)
 #define ORVANE_LOG_DEBUG(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Debug, log, __VA_ARGS__)

@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Foundation.h"
@@ -31,11 +32,11 @@ class NWHostEndpoint : public NWEndpoint {
   std::string hostname_, port_;
 };
 
-// One flow of network data of one process. Owned by the platform, lent to the provider for the length of a call. What a
-// flow knows may change between two calls: every property is asked afresh.
+// One flow of network data of one process. The platform owns it and lends it to the provider for one call. Its
+// properties may change between two reads.
 class NEFilterFlow : public NSObject {
  public:
-  // The audit token of the process that opened the flow: data of 32 bytes, or nil when the owner is not known.
+  // The audit token of the process that opened the flow: data of 32 bytes, or nil when the process is unknown.
   virtual Value sourceAppAuditToken() const = 0;
   // Null when the flow has none.
   virtual Ref<NSURL> URL() const = 0;
@@ -43,19 +44,19 @@ class NEFilterFlow : public NSObject {
 
 class NEFilterSocketFlow : public NEFilterFlow {
  public:
-  // Null until it is known.
+  // Null while unknown.
   virtual Ref<NWEndpoint> remoteEndpoint() const = 0;
-  // The name that the application asked for, as it wrote it. Nothing when it is not known.
+  // The host name that the application asked for, in its spelling. Nothing when unknown.
   virtual std::optional<std::string> remoteHostname() const = 0;
   // SOCK_STREAM or SOCK_DGRAM, as socket(2) numbers them.
   virtual int32_t socketType() const = 0;
 };
 
-// As many bytes as a flow will ever carry.
+// A peek count that covers all bytes of a flow.
 inline constexpr uint64_t kFilterFlowBytesMax = UINT64_MAX;
 
-// The answer to a new flow. The platform then hands the provider outbound and inbound data up to the peek counts, each
-// chunk with its start offset, until a data verdict or the end of that side settles the flow.
+// The verdict on a new flow. After FilterData, the platform passes the provider data of each filtered direction, up to
+// its peek count, until a data verdict or the end of that direction decides the flow.
 struct NEFilterNewFlowVerdict {
   enum class Kind { Allow, Drop, FilterData };
 
@@ -75,7 +76,7 @@ struct NEFilterNewFlowVerdict {
   friend bool operator==(const NEFilterNewFlowVerdict&, const NEFilterNewFlowVerdict&) = default;
 };
 
-// The answer to data of a flow, or to its end. Final for the flow.
+// The verdict on a flow's data, or on its end. It is final for the flow.
 struct NEFilterDataVerdict {
   enum class Kind { Allow, Drop };
 
@@ -87,14 +88,14 @@ struct NEFilterDataVerdict {
   friend bool operator==(const NEFilterDataVerdict&, const NEFilterDataVerdict&) = default;
 };
 
-// The numbers are the framework's.
+// The numbers are those of macOS's NetworkExtension framework.
 enum class NENetworkRuleProtocol : int64_t { Any = 0, TCP = 1, UDP = 2 };
 enum class NETrafficDirection : int64_t { Any = 0, Inbound = 1, Outbound = 2 };
 enum class NEFilterAction : int64_t { Invalid = 0, Allow = 1, Drop = 2, Remap = 3, FilterData = 4 };
 enum class NEProviderStopReason : int64_t { None = 0, UserInitiated = 1, ProviderFailed = 2 };
 
-// Which flows a rule is about. An empty host name or a null endpoint is any host. A prefix of 0
-// with an address is that one address.
+// The flows that a rule matches. An empty host name or a null endpoint means any host. A prefix of 0 with an address
+// means that one address.
 struct NENetworkRule {
   static NENetworkRule initWithRemoteNetwork(Ref<NWHostEndpoint> remoteNetwork, uint64_t remotePrefix,
                                              Ref<NWHostEndpoint> localNetwork, uint64_t localPrefix,
@@ -124,30 +125,29 @@ struct NEFilterSettings {
     return {std::move(rules), defaultAction};
   }
 
-  std::vector<NEFilterRule> rules;  // the first that matches decides
+  std::vector<NEFilterRule> rules;  // the first match decides
   NEFilterAction defaultAction;     // for flows that no rule matches
 };
 
-// A provider of verdicts. The platform makes one object of the class that the bundle names, starts it, asks it, and
-// stops it, on threads of its own choosing.
+// A provider of verdicts. The platform creates one object of the class that the bundle names, starts it, asks it for
+// verdicts, and stops it, on threads of its choice.
 class NEFilterDataProvider : public NSObject {
  public:
-  // Null for success.
+  // The error is null on success.
   using ErrorHandler = std::function<void(const Ref<NSError>&)>;
 
   virtual void startFilterWithCompletionHandler(ErrorHandler completionHandler) = 0;
   virtual void stopFilterWithReason(NEProviderStopReason reason, const std::function<void()>& completionHandler) = 0;
   virtual NEFilterNewFlowVerdict handleNewFlow(const NEFilterFlow& flow) = 0;
-  // Bytes that the flow sends, from `readBytesStartOffset` of its outbound side on.
+  // `readBytes` are outbound bytes of the flow, from the offset `readBytesStartOffset` on.
   virtual NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
                                                          std::span<const uint8_t> readBytes) = 0;
   virtual NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) = 0;
 
-  // Hands the settings to the platform, which calls the handler once, on any thread, when they are in force or could
-  // not be put in force.
+  // Asks the platform to apply the settings. It calls the handler once, on any thread, when they apply or have failed.
   void applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler);
 
-  // The platform's own object for this provider, where it has one. Borrowed.
+  // The platform's object for this provider, or null. Borrowed.
   void setPlatformObject(void* object) { platformObject_ = object; }
   void* platformObject() const { return platformObject_; }
 
@@ -157,12 +157,12 @@ class NEFilterDataProvider : public NSObject {
 
 class NEFilterProvider {
  public:
-  // Makes a provider class known by the name that a bundle may give. A system that finds classes by name itself has no
-  // use for it. Call before startSystemExtensionMode.
+  // Registers a provider class under the name that a bundle may give. macOS finds its classes itself and ignores this.
+  // Call before startSystemExtensionMode.
   static void registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)());
 
-  // From now on the platform may make the provider that the bundle names and call it. Returns 0, or a status of the
-  // platform's own when it is clear at once that no provider will run.
+  // From now on the platform may create the provider that the bundle names and call it. Returns 0, or the platform's
+  // status when no provider can run.
   static int32_t startSystemExtensionMode();
 };
 

@@ -7,15 +7,14 @@
 
 namespace orvane {
 
-// The root of the classes that the extension and the platform hand to each other. Counted; a new object has one
-// reference, which belongs to whoever made it (see Ref::adopt). Counting is thread-safe.
+// The base class of the objects that the extension and the platform exchange. Reference-counted, thread-safe: a new
+// object has one reference, which its creator owns (see Ref::adopt).
 class NSObject {
  public:
   NSObject(const NSObject&) = delete;
   NSObject& operator=(const NSObject&) = delete;
 
-  // The base initialiser, run once for each object right after it was made. False stands for an initialiser that gave
-  // nil: the object must then be released unused.
+  // The base initialiser. Run it once, right after construction. When it returns false, release the object unused.
   bool initialise();
 
   friend void retain(const NSObject* object);

@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// The identity of a process at one moment: eight 32-bit words (macOS: <bsm/audit.h>). They are, in this order: audit
-// user, effective user, effective group, real user, real group, process, session, version of the process identifier.
+// The identity of a process at one moment, as in <bsm/audit.h> of macOS. The words are: audit user, effective user,
+// effective group, real user, real group, process, session, version of the process identifier.
 struct audit_token_t {
   uint32_t val[8];
 };
@@ -15,8 +15,8 @@ static_assert(sizeof(audit_token_t) == 32);
 
 pid_t audit_token_to_pid(audit_token_t token);
 
-// The process that the system holds responsible for a process: the application that it works for, or itself. A value
-// that names no process when the system cannot tell.
+// The process that the system holds responsible for a process: the application that it works for, or itself. When that
+// is unknown, a value that is no process's.
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid);
 
 }  // namespace orvane

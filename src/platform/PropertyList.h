@@ -8,7 +8,7 @@
 
 namespace orvane {
 
-// A copy of bytes. Counted.
+// A copy of bytes. Reference-counted.
 struct Data;
 void retain(const Data* data);
 void release(const Data* data);
@@ -16,8 +16,8 @@ void release(const Data* data);
 // Copies the bytes. Null when the object cannot be made.
 Ref<Data> data_create(const uint8_t* bytes, int64_t length);
 
-// Parses a property list, XML or binary, whole: a cut-off list is an error. The result is immutable. On failure the
-// result is nil and *error holds the reason; on success *error is left as it was.
+// Parses a complete property list, XML or binary; a truncated one is an error. Returns nil and sets *error on failure;
+// leaves *error unchanged on success.
 Value property_list_create_with_data(const Data* data, Ref<NSError>* error);
 
 }  // namespace orvane

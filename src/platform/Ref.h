@@ -5,15 +5,13 @@
 
 namespace orvane {
 
-// A counted reference to an object of the platform.
+// Owns one reference to a reference-counted object, and releases it at the end of its scope.
 //
-// Every counted type T has two functions in its own namespace, `retain(const T*)` and `release(const T*)`. What a
-// function with "create" or "copy" in its name returns is owned by the caller and already inside a Ref; what a function
-// with "get" in its name returns is borrowed. A Ref releases at the end of its scope. The few references that are never
-// given back on purpose say so with detach().
+// Every counted type T has two functions in its namespace, `retain(const T*)` and `release(const T*)`. A function with
+// "create" or "copy" in its name returns a Ref, which the caller owns; one with "get" in its name returns a borrowed
+// pointer. detach() marks the few references that are never released on purpose.
 //
-// Assignment stores the new object before it releases the old one, so that whoever looks at a shared reference while
-// the old object is being destroyed already finds the new one.
+// Assignment stores the new object before it releases the old one, so the old object's destructor sees the new one.
 template <class T>
 class Ref {
  public:
@@ -36,14 +34,14 @@ class Ref {
     return *this;
   }
 
-  // Takes over a reference that the caller owns.
+  // Takes ownership of the caller's reference.
   static Ref adopt(T* object) {
     Ref reference;
     reference.object_ = object;
     return reference;
   }
 
-  // Adds a reference to an object that the caller has borrowed.
+  // Adds a reference to a borrowed object.
   static Ref retained(T* object) {
     if (object != nullptr) retain(object);
     return adopt(object);
@@ -54,10 +52,10 @@ class Ref {
   T& operator*() const { return *object_; }
   explicit operator bool() const { return object_ != nullptr; }
 
-  // Gives the reference up without releasing it.
+  // Returns the object without releasing it.
   T* detach() noexcept { return std::exchange(object_, nullptr); }
 
-  // For a function that answers through an output: the place to write an owned object to. Empties the reference first.
+  // Clears the reference and returns where a function can store an object with a reference for the caller.
   T** out() {
     *this = Ref();
     return &object_;

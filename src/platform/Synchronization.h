@@ -6,16 +6,16 @@
 
 namespace orvane {
 
-// A recursive mutex that is valid from its static initialisation: until initialise() has run, locking and unlocking do
-// nothing and succeed, for a start-up that is still on one thread. Never destroyed.
+// A recursive mutex for static memory. Before initialise(), while start-up has one thread, locking and unlocking do
+// nothing and succeed. It is never destroyed.
 class RecursiveMutex {
  public:
   constexpr RecursiveMutex() = default;
   RecursiveMutex(const RecursiveMutex&) = delete;
   RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-  // Makes the mutex a working one; again on a working one, does nothing. No other thread may use it meanwhile.
-  // Statuses are those of pthread_mutex_lock(3): 0 for success.
+  // Makes the mutex work; no other thread may use it meanwhile. A second call does nothing. All three functions return
+  // 0 or an error number, as pthread_mutex_lock(3) does.
   int initialise();
   int lock();
   int unlock();
@@ -25,8 +25,8 @@ class RecursiveMutex {
   bool initialised_ = false;
 };
 
-// The recursive monitor that belongs to an object, held for the life of this value (macOS: objc_sync_enter and
-// objc_sync_exit). Objects carry no room for it: monitors exist while somebody holds or awaits them.
+// Holds the recursive monitor of an object for a scope (macOS: objc_sync_enter and objc_sync_exit). Objects have no
+// member for it: a monitor exists while a thread holds it or waits for it.
 class ObjectMonitor {
  public:
   explicit ObjectMonitor(const NSObject* object);
@@ -38,7 +38,7 @@ class ObjectMonitor {
   const NSObject* object_;
 };
 
-// A recursive lock that is an object.
+// A recursive lock as an object.
 class NSRecursiveLock : public NSObject {
  public:
   NSRecursiveLock() { mutex_.initialise(); }

@@ -15,7 +15,7 @@ struct Value::Counted {
   std::atomic<uint32_t> references{1};
 };
 
-// One block of memory: the characters follow the header.
+// Header and characters share one block of memory: the characters follow.
 struct Value::StringContent : Counted {
   uint32_t length = 0;
   char* characters() { return reinterpret_cast<char*>(this + 1); }
@@ -34,7 +34,7 @@ namespace {
 
 uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(std::hash<std::string_view>()(text)); }
 
-// The whole part of a real number, where there is an integer type that holds it exactly.
+// Converts a real number to an integer. False when that would change its amount.
 bool exact_signed(double real, int64_t* integer) {
   if (!(real >= -9223372036854775808.0 && real < 9223372036854775808.0) || std::trunc(real) != real) return false;
   *integer = static_cast<int64_t>(real);
@@ -47,7 +47,7 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
-// Values that are no numbers are the same, whatever their bits are.
+// All NaNs are equal, whatever their bits.
 size_t hash_of(double real) { return std::isnan(real) ? 0 : std::hash<double>()(real); }
 
 bool same_real(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
@@ -92,7 +92,7 @@ void append_date(std::string& text, double absoluteTime) {
   double unixTime = std::floor(absoluteTime + kReferenceInUnixTime);
   std::tm parts{};
   char buffer[64];
-  // Beyond the years that a calendar knows, the seconds themselves say most.
+  // gmtime_r() fails when the year exceeds an int; print the seconds instead.
   if (!(std::fabs(unixTime) < 67767976233532799.0)) {
     std::snprintf(buffer, sizeof buffer, "%.17g", absoluteTime);
   } else {
@@ -269,7 +269,7 @@ Value Value::data(std::span<const uint8_t> bytes) {
 template <class Container>
 Value Value::container(Kind kind, Container elements) {
   Value result(kind);
-  // Empty containers have no content at all: a million hosts have a million empty dictionaries.
+  // An empty container has no content: every held host has an empty dictionary.
   if (elements.empty()) return result;
   auto* content = new ContainerContent<Container>;
   content->elements = std::move(elements);
@@ -335,12 +335,12 @@ const Value* Value::find(std::string_view key) const {
   return entry == entries.end() ? nullptr : &entry->second;
 }
 
-size_t Value::hashOfOthers() const noexcept {
+size_t Value::hashOfNonString() const noexcept {
   switch (kind_) {
     case Kind::Boolean:
       return payload_.boolean ? 1 : 0;
     case Kind::Number:
-      // Equal numbers of different forms are equal as reals too.
+      // Equal numbers of different forms convert to the same real.
       return hash_of(asReal());
     case Kind::Date:
       return hash_of(payload_.real);
@@ -348,7 +348,7 @@ size_t Value::hashOfOthers() const noexcept {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    // A container as a member or key is rare; its size tells enough apart, and costs the same at any depth.
+    // The size alone: containers are rarely members or keys, and hashing their elements could recurse deeply.
     case Kind::Array:
       return asArray().size();
     case Kind::Set:
@@ -373,7 +373,7 @@ bool Value::equals(const Value& right) const {
       using Form = Value::NumberForm;
       Form form = left.numberForm();
       if (form != right.numberForm()) {
-        // A Signed number is never above INT64_MAX and an Unsigned one always is, so one of the two must be a real.
+        // Every Unsigned number is above INT64_MAX, so a Signed one never equals it.
         if (form != Form::Real && right.numberForm() != Form::Real) return false;
         const Value& real = form == Form::Real ? left : right;
         const Value& whole = form == Form::Real ? right : left;

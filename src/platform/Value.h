@@ -13,9 +13,9 @@
 
 namespace orvane {
 
-// Whatever a companion may send or a property list may hold. Sixteen bytes; immutable once made. A copy shares the
-// content, and the content goes with its last copy; counting is thread-safe. Equality and hashing go by value: strings
-// compare code unit by code unit, numbers by what they amount to, a boolean equals only a boolean.
+// A value that a companion may send or a property list may contain. Immutable, 16 bytes. Copies share the content; they
+// may be made and destroyed on any thread. Equality and hashes depend on the value: strings compare byte for byte;
+// numbers compare by amount, whatever their form; a boolean equals no number.
 class Value {
  public:
   enum class Kind : uint8_t { Nil, Boolean, Number, String, Date, Data, Array, Set, Dictionary };
@@ -59,8 +59,8 @@ class Value {
   static Value set(Set members);
   static Value dictionary(Dictionary entries);
 
-  // A string for a look-up: it refers to the caller's characters, so that nothing is allocated (unless there are more
-  // than 65535 of them). Valid as long as they are; a copy of it has characters of its own.
+  // A string for a look-up, which refers to the caller's characters and is valid as long as they are. It allocates
+  // nothing up to 65535 bytes. A copy of it owns its characters.
   static Value borrowed(std::string_view text);
 
   Kind kind() const { return kind_; }
@@ -72,8 +72,8 @@ class Value {
   bool isSet() const { return kind_ == Kind::Set; }
   bool isDictionary() const { return kind_ == Kind::Dictionary; }
 
-  // What the value holds; for a value of another kind: false, 0, nothing. Views and references live as long as a copy
-  // of the value does.
+  // The content; false, 0 or empty for a value of another kind. Views and references are valid as long as any copy of
+  // the value exists.
   bool asBoolean() const;
   double asReal() const;  // of a number
   std::string_view asString() const;
@@ -83,27 +83,27 @@ class Value {
   const Set& asSet() const;
   const Dictionary& asDictionary() const;
 
-  // How a number was given. Numbers above the largest int64_t are Unsigned.
+  // The type that a number was made from. Only integers above INT64_MAX are Unsigned.
   enum class NumberForm : uint8_t { Signed, Unsigned, Real };
   NumberForm numberForm() const { return static_cast<NumberForm>(form_); }
   int64_t asSigned() const;     // of a Signed number
   uint64_t asUnsigned() const;  // of an Unsigned number
 
-  // The value of a key of a dictionary. Null when there is none, and for a value of another kind.
+  // The value of a key of a dictionary. Null when the key is absent, and for a value of another kind.
   const Value* find(std::string_view key) const;
 
-  size_t hash() const noexcept { return kind_ == Kind::String ? stringHash_ : hashOfOthers(); }
+  size_t hash() const noexcept { return kind_ == Kind::String ? stringHash_ : hashOfNonString(); }
   friend bool operator==(const Value& left, const Value& right) {
-    // Nearly every pair of different strings is told apart here, without a look at their characters.
+    // The hashes tell most different strings apart without reading their characters.
     if (left.kind_ != right.kind_ || left.stringHash_ != right.stringHash_) return false;
     return left.equals(right);
   }
 
-  // The text for "%@". Nil is "(null)".
+  // The text for "%@". Nil gives "(null)".
   std::string description() const;
 
  private:
-  // Every content starts with its count; which type follows is told by the kind.
+  // Every content begins with its reference count. The kind tells its type.
   struct Counted;
   struct StringContent;
   struct DataContent;
@@ -120,7 +120,7 @@ class Value {
 
   explicit Value(Kind kind) noexcept : kind_(kind) {}
   void releaseContent() noexcept;
-  size_t hashOfOthers() const noexcept;
+  size_t hashOfNonString() const noexcept;
   bool equals(const Value& other) const;
   bool isBorrowed() const { return form_ == kBorrowed; }
   template <class Container>
@@ -133,13 +133,12 @@ class Value {
   Kind kind_ = Kind::Nil;
   uint8_t form_ = 0;             // a number's form, or kBorrowed
   uint16_t borrowedLength_ = 0;  // bytes of a borrowed string
-  uint32_t stringHash_ = 0;      // of a string's characters, so that a table need not look at them; else 0
+  uint32_t stringHash_ = 0;      // of a string, so that a table need not read its characters; else 0
   Payload payload_{};
 };
 static_assert(sizeof(Value) == 16);
 
-// -1, 0 or 1 as the left moment is earlier than, the same as or later than the right one. Moments that are no numbers
-// compare as the same.
+// -1, 0 or 1 when the left date is earlier than, equal to or later than the right one. NaN compares as equal.
 int date_compare(const Value& left, const Value& right);
 
 }  // namespace orvane

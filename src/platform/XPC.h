@@ -9,7 +9,7 @@ namespace orvane {
 
 class OrvaneSECommunication;
 
-// The identity of a protocol.
+// A protocol, identified by its address.
 struct Protocol {
   const char* name;
 };
@@ -24,16 +24,16 @@ class NSXPCInterface {
   const Protocol* protocol_;
 };
 
-// One client. The platform owns it; it delivers messages to the exported object from activate() on, on threads of its
-// own, those of one connection in their order, those of several connections at the same time.
+// A connection to one client, owned by the platform. After activate() the platform delivers messages to the exported
+// object on its own threads: those of one connection in order, those of several connections at the same time.
 //
-// A connection's end is reported by the handlers: "invalidated" when the peer closed it or is gone, "interrupted" when
-// it broke; a system may report a broken one by both. Whether an end that comes before its handler is set is reported
-// later is the platform's affair (on Linux it is, and each end once).
+// Two handlers report the connection's end: "invalidated" when the peer closed it or exited, "interrupted" when it
+// broke. A system may report a broken connection to both. Linux reports each end once, even if it comes before the
+// handler is set; other systems may lose that report.
 class NSXPCConnection : public NSObject {
  public:
   virtual void setExportedInterface(const NSXPCInterface& exportedInterface) = 0;
-  // Retained by the connection.
+  // The connection retains the object.
   virtual void setExportedObject(OrvaneSECommunication* exportedObject) = 0;
   virtual void activate() = 0;
   virtual void setInvalidationHandler(std::function<void()> handler) = 0;
@@ -44,19 +44,18 @@ class NSXPCListener;
 
 class NSXPCListenerDelegate : public NSObject {
  public:
-  // False refuses the connection. Called on a thread of the platform's.
+  // Returns false to refuse the connection. The platform calls it on its own thread.
   virtual bool shouldAcceptNewConnection(NSXPCListener& listener, NSXPCConnection& newConnection) = 0;
 };
 
 class NSXPCListener : public NSObject {
  public:
-  // Never null. `name` should be a string; what comes of another value is the platform's affair: it reports it and
-  // listens nowhere.
+  // Never null. When `name` is no usable name, the platform reports that and the listener accepts no connections.
   static Ref<NSXPCListener> initWithMachServiceName(const Value& name);
 
-  // May be retained. A delegate is asked until the listener has another or goes.
+  // The listener may retain the delegate, and uses it until another one is set or the listener is destroyed.
   virtual void setDelegate(NSXPCListenerDelegate* delegate) = 0;
-  // Begins to accept connections and returns.
+  // Starts to accept connections, and returns.
   virtual void resume() = 0;
 };
 

@@ -7,7 +7,7 @@
 namespace orvane {
 
 OrvaneController* OrvaneController::shared() {
-  // Made once, also under concurrent first calls, and never released: connections may outlive everything else.
+  // Never released: connections may still use it while the process exits.
   static OrvaneController* const instance = init().detach();
   return instance;
 }
@@ -25,14 +25,14 @@ void OrvaneController::start() { ORVANE_LOG_INFO(default_log(), "receive start c
 
 void OrvaneController::stop() { ORVANE_LOG_INFO(default_log(), "receive stop command"); }
 
-// Which applications are browsers comes from the bundle alone. The three messages are part of the protocol, which
-// both sides must agree on exactly, so they stay and do nothing.
+// Browsers come from the bundle's list alone. These three messages do nothing; they stay because both sides of the
+// protocol must have the same twelve (docs/compatibility.md).
 void OrvaneController::addApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::removeApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::setApplicationIdentifiers(const Value& /*identifiers*/) {}
 
-// Each edit counts, whether or not it changed anything: the count tells a companion that its edit has arrived. The
-// monitor is taken before the database's own lock, never the other way round.
+// Every edit counts, even one that changes nothing: the count tells a companion that its edit has arrived. Lock order:
+// the object's monitor, then the database's mutex.
 
 void OrvaneController::addHostname(const Value& hostname) {
   ObjectMonitor monitor(this);
@@ -68,7 +68,7 @@ void OrvaneController::getChangesCount(const CountReply& reply) {
 }
 
 void OrvaneController::incrementChangesCount() {
-  // Wraps to 1: a count that has moved never reads 0 again.
+  // Wraps to 1: 0 means that there was no edit since the start.
   mChangesCount = mChangesCount == UINT64_MAX ? 1 : mChangesCount + 1;
 }
 

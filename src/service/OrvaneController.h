@@ -7,11 +7,11 @@
 
 namespace orvane {
 
-// The one object that companions talk to. Hands their edits to the block database and counts them, so that a companion
-// can poll the count and see whether its edits have arrived. Messages come on several threads at once.
+// The object that all companions share. It passes their edits on to the block database and counts them; a companion
+// polls the count to see whether its edits have arrived. Thread-safe.
 class OrvaneController : public OrvaneSECommunication {
  public:
-  // The shared instance, made on first use and never given up. Owned by the process.
+  // The shared instance, made on first use and never released.
   static OrvaneController* shared();
   static Ref<OrvaneController> init();
 
@@ -28,16 +28,16 @@ class OrvaneController : public OrvaneSECommunication {
   void setProperties(const Value& properties, const Value& forHostname) override;
   void getChangesCount(const CountReply& reply) override;
 
-  // Counts one change. The caller holds the object's monitor.
+  // Counts one edit. The caller holds the object's monitor.
   void incrementChangesCount();
 
  protected:
   OrvaneController() = default;
   ~OrvaneController() override = default;
 
-  bool mIsAppFilterActive = false;         // there is no application filter: never set
-  Ref<NSRecursiveLock> mChangesCountLock;  // stays null: the object's own monitor guards the count
-  uint64_t mChangesCount = 0;              // 0 means that nothing has changed since the extension started
+  bool mIsAppFilterActive = false;         // never set: there is no application filter
+  Ref<NSRecursiveLock> mChangesCountLock;  // unused: the object's monitor guards the count
+  uint64_t mChangesCount = 0;              // 0 until the first edit since the start
 };
 
 }  // namespace orvane

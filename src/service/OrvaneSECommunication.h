@@ -9,10 +9,9 @@
 
 namespace orvane {
 
-// What the companion application may ask of the extension. Twelve messages; a client that is built against the same
-// protocol must agree with their order and types exactly. Arguments arrive as they were sent: nil and values of other
-// types included. Messages may come on several threads at once. A reply is called exactly once, before the message
-// returns.
+// The protocol between companions and the extension: twelve messages, whose order and types are frozen. Arguments
+// arrive as they were sent, so they may be nil or of another type. Messages arrive on several threads at once. Each
+// message calls its reply exactly once, before it returns.
 class OrvaneSECommunication : public NSObject {
  public:
   using BooleanReply = std::function<void(bool)>;

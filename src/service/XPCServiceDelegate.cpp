@@ -13,7 +13,7 @@ Ref<XPCServiceDelegate> XPCServiceDelegate::init() {
 
 Value XPCServiceDelegate::systemExtensionMachServiceName() {
   Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
-  // Looked at and not acted on: what is wrong with a name is for the listener to say, who can also say why.
+  // Not rejected: the listener reports a name that it cannot use.
   (void)name.isString();
   return name;
 }
@@ -22,7 +22,8 @@ bool XPCServiceDelegate::shouldAcceptNewConnection(NSXPCListener& /*listener*/, 
   newConnection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
   newConnection.setExportedObject(OrvaneController::shared());
   newConnection.activate();
-  // After the activation: an end that comes first may go unreported, which costs two lines in the log and no more.
+  // After activate(): that order is frozen (docs/compatibility.md). A connection that ends in between may lack the
+  // handlers' log lines.
   newConnection.setInvalidationHandler([] {
     ORVANE_LOG_DEFAULT(default_log(), "connection invalidated");
     OrvaneController::shared()->stop();

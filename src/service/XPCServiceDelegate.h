@@ -5,13 +5,13 @@
 
 namespace orvane {
 
-// Accepts every connection and wires it to the shared control object. Who may connect is the system's affair, not ours:
-// no peer is tested here.
+// Accepts every connection and connects it to the shared control object. It tests no peer: the system decides who may
+// connect.
 class XPCServiceDelegate : public NSXPCListenerDelegate {
  public:
   static Ref<XPCServiceDelegate> init();
 
-  // What the bundle gives as the service's name: nil when it gives none, and of whatever class it is.
+  // The service's name in the bundle's information: nil without one; a value of the wrong type is returned unchanged.
   static Value systemExtensionMachServiceName();
 
   bool shouldAcceptNewConnection(NSXPCListener& listener, NSXPCConnection& newConnection) override;

@@ -4,9 +4,9 @@
 
 namespace orvane {
 
-// The place of a filter of applications, which there is none of. 0 for success.
+// Start and end of an application filter, which does not exist yet: both do nothing (docs/compatibility.md). A status
+// other than 0 would end the start-up.
 int32_t app_filter_init();
-// Nothing calls it: the process ends without an orderly shut-down.
 void app_filter_term();
 
 }  // namespace orvane

@@ -5,7 +5,8 @@
 #include "service/web_filter.h"
 #include "service/xpc_run.h"
 
-// The order of start-up. The database comes first: from web_filter_init on, the platform may ask for verdicts.
+// The order is frozen (docs/compatibility.md). The database comes first: after web_filter_init the platform may ask for
+// verdicts.
 int main() {
   using namespace orvane;
   ORVANE_LOG_INFO(default_log(), "starting extensions...");
@@ -13,7 +14,7 @@ int main() {
   if (app_filter_init() != 0) return 1;
   web_filter_init();
   xpc_run();
-  // At error level: a start that succeeded must show up in a log that keeps errors only.
+  // At error level, so that a log that keeps only errors shows that the start succeeded.
   ORVANE_LOG_ERROR(default_log(), "OrvaneSE started...");
-  orvane::dispatch_main();  // a system may have one of that name itself
+  orvane::dispatch_main();  // qualified: macOS has a ::dispatch_main
 }

@@ -7,7 +7,7 @@
 namespace orvane {
 
 int32_t web_filter_init() {
-  // The bundle says by name which of the two runs.
+  // The bundle names the class that runs.
   NEFilterProvider::registerProviderClass("FilterDataProvider",
                                           []() -> Ref<NEFilterDataProvider> { return FilterDataProvider::init(); });
   NEFilterProvider::registerProviderClass(

@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// Starts the content filter. From now on the platform may make a provider and call it. Passes the platform's answer on.
+// Starts the content filter: from now on the platform may create a provider and call it. Returns the platform's status.
 int32_t web_filter_init();
 
 }  // namespace orvane

@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// Starts the control channel's listener and returns. The listener lives as long as the process.
+// Starts the listener of the control channel, which lives as long as the process, and returns.
 void xpc_run();
 
 }  // namespace orvane
