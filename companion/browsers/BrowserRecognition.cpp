@@ -5,7 +5,7 @@
 #include <chrono>
 
 #include "companion/browsers/InstalledBrowsers.h"
-#include "companion/client/ServiceState.h"
+#include "companion/client/UnitState.h"
 
 namespace orvane {
 
@@ -14,7 +14,7 @@ std::optional<RecognitionFault> recognition_fault(const ClientOptions& client) {
   if (!client.socket.empty() || stat(kPackageBundle, &status) != 0) return std::nullopt;
   const BrowserList list = read_browser_list(kPackageBundle);
   if (list.fault.empty()) return std::nullopt;
-  const auto service = service_state(kExtensionUnit);
+  const auto service = unit_state(kExtensionUnit);
   const bool isNewer = service && service->since && stat(list.path.c_str(), &status) == 0 &&
                        Moment(std::chrono::seconds(status.st_ctim.tv_sec)) > *service->since;
   return RecognitionFault{list.path + " " + list.fault, !isNewer};

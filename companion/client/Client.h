@@ -27,7 +27,7 @@ class NoExtension : public ClientError {
 };
 
 // There is an extension, and it takes no connection or answers nothing: it hangs, or serves too many clients.
-class SilentExtension : public ClientError {
+class UnresponsiveExtension : public ClientError {
  public:
   using ClientError::ClientError;
 };
@@ -79,7 +79,7 @@ class Client {
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws NoExtension, SilentExtension when a signal broke off the
+// Connects to the extension. Throws NoExtension, UnresponsiveExtension when a signal broke off the
 // wait for one that is there.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 

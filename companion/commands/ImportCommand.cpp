@@ -23,7 +23,7 @@ namespace {
 struct Arguments {
   std::string file;
   bool usualNames = false;
-  bool veryNames = false;
+  bool exactNamesOnly = false;
   bool replace = false;
 };
 
@@ -66,10 +66,10 @@ struct Outcome {
 void print_outcome(const Outcome& outcome) {
   const auto& [read, counts, seconds, inForce] = outcome;
   std::printf("%zu lines, %zu sites, in %.2f s\n", read.lines, read.sites.size(), seconds);
-  std::printf("%zu new, %zu changed, %zu there already", counts.added, counts.changed, counts.there);
+  std::printf("%zu new, %zu changed, %zu there already", counts.added, counts.changed, counts.unchanged);
   std::puts(counts.removed > 0 ? (", " + std::to_string(counts.removed) + " taken off").c_str() : "");
   std::printf("%zu given more than once, %zu passed over (localhost and the like), %zu rejected\n", read.duplicates,
-              read.passedOver, read.rejected);
+              read.skipped, read.rejected);
 }
 
 void print_outcome_json(const Outcome& outcome) {
@@ -78,10 +78,10 @@ void print_outcome_json(const Outcome& outcome) {
               {"sites", read.sites.size()},
               {"new", counts.added},
               {"changed", counts.changed},
-              {"alreadyThere", counts.there},
+              {"alreadyThere", counts.unchanged},
               {"takenOff", counts.removed},
               {"duplicates", read.duplicates},
-              {"passedOver", read.passedOver},
+              {"passedOver", read.skipped},
               {"rejected", read.rejected},
               {"filterRules", read.filterRules},
               {"seconds", seconds},
@@ -90,7 +90,7 @@ void print_outcome_json(const Outcome& outcome) {
 
 std::optional<bool> wanted_names(const Arguments& arguments) {
   if (arguments.usualNames) return true;
-  if (arguments.veryNames) return false;
+  if (arguments.exactNamesOnly) return false;
   return std::nullopt;
 }
 
@@ -149,7 +149,8 @@ void declare_import_command(CommandSet& commands) {
   CLI::Option* www =
       command->add_flag("--www", arguments->usualNames,
                         "Under their usual names, too: www.HOST and m.HOST (the default but for hosts(5) lines)");
-  command->add_flag("--no-www", arguments->veryNames, "Under the very names alone (the default for hosts(5) lines)")
+  command
+      ->add_flag("--no-www", arguments->exactNamesOnly, "Under the very names alone (the default for hosts(5) lines)")
       ->excludes(www);
   command->add_flag("--replace", arguments->replace, "Take everything else off the list");
 }

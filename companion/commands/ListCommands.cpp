@@ -29,7 +29,7 @@ namespace {
 struct Arguments {
   std::vector<std::string> hosts;
   bool usualNames = true;
-  bool veryNames = false;
+  bool exactNamesOnly = false;
   bool all = false;
   bool hostsOnly = false;
   std::optional<std::string> duration;
@@ -167,7 +167,7 @@ std::string standing(const BlockedSite& before, const BlockedSite& site, Moment 
 
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const bool usualNames = arguments.usualNames && !arguments.veryNames;
+  const bool usualNames = arguments.usualNames && !arguments.exactNamesOnly;
   auto asked = [&](const BlockList&, const std::vector<std::string>& hosts) {
     std::vector<BlockedSite> sites;
     std::set<std::string> seen;
@@ -269,7 +269,7 @@ void declare_list_commands(CommandSet& commands) {
                                      "Host names, in any spelling that a browser takes");
   CLI::Option* www = blockCommand->add_flag("--www", arguments->usualNames,
                                             "Under their usual names, too: www.HOST and m.HOST (the default)");
-  blockCommand->add_flag("--no-www", arguments->veryNames, "Under the very names alone")->excludes(www);
+  blockCommand->add_flag("--no-www", arguments->exactNamesOnly, "Under the very names alone")->excludes(www);
 
   takeHosts(declare("unblock", "Take sites off the list", unblock), "Hosts of sites on the list");
   declare("list", "Print the list: a table for a person, the lines of the list for a program", list);

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "companion/browsers/BrowserRecognition.h"
-#include "companion/client/ExtensionAnswer.h"
-#include "companion/client/ServiceState.h"
+#include "companion/client/ExtensionProbe.h"
+#include "companion/client/UnitState.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/text/ExitCodes.h"
@@ -23,19 +23,20 @@ namespace {
 constexpr size_t kSuspensionsShown = 10;
 
 struct Status {
-  ExtensionAnswer extension;
+  ExtensionProbe extension;
   std::optional<KeeperState> keeper;
-  std::optional<ServiceState> extensionService, keeperService;
+  std::optional<UnitState> extensionService, keeperService;
   std::optional<RecognitionFault> browsers;
 
   bool isInForce() const {
     // An extension that does not let us in may well answer the keeper.
     return keeper && keeper->connected && !keeper->listError && !keeper->extensionError &&
-           keeper->sentVersion == keeper->listVersion && !extension.isSilent && !(browsers && browsers->isInForce);
+           keeper->sentVersion == keeper->listVersion && !extension.isUnresponsive &&
+           !(browsers && browsers->isInForce);
   }
 };
 
-nlohmann::json json_of(const std::optional<ServiceState>& service) {
+nlohmann::json json_of(const std::optional<UnitState>& service) {
   if (!service) return nullptr;
   return {{"load", service->load},
           {"active", service->active},
@@ -47,7 +48,7 @@ nlohmann::json json_of(const std::optional<ServiceState>& service) {
 }
 
 nlohmann::json json_of(const Status& status) {
-  const ExtensionAnswer& extension = status.extension;
+  const ExtensionProbe& extension = status.extension;
   nlohmann::json answer = {{"answers", extension.answers}};
   if (extension.answers) {
     answer["changes"] = extension.changes;
@@ -70,7 +71,7 @@ void print_part(const char* heading, const std::vector<std::string>& lines) {
   }
 }
 
-std::string service_text(const char* unit, const ServiceState& service, Moment now) {
+std::string service_text(const char* unit, const UnitState& service, Moment now) {
   if (service.load == "not-found") return std::string(unit) + ": not installed";
   std::string state = service.active + " (" + service.sub + ")";
   std::string text = std::string(unit) + ": " +
@@ -85,7 +86,7 @@ std::string service_text(const char* unit, const ServiceState& service, Moment n
 }
 
 std::vector<std::string> extension_lines(const Status& status, Moment now) {
-  const ExtensionAnswer& extension = status.extension;
+  const ExtensionProbe& extension = status.extension;
   std::vector<std::string> lines;
   lines.push_back(extension.answers ? coloured("answers", Colour::Good) + ", " +
                                           counted(extension.changes, "change", "changes") + " since its start"
@@ -174,8 +175,8 @@ void print_status(const Status& status) {
 }  // namespace
 
 int show_status(const CommonOptions& options) {
-  const Status status{ask_extension(options.client), read_keeper_state(options.keeperStatePath),
-                      service_state(kExtensionUnit), service_state(kKeeperUnit), recognition_fault(options.client)};
+  const Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath),
+                      unit_state(kExtensionUnit), unit_state(kKeeperUnit), recognition_fault(options.client)};
   if (options.json) {
     print_json(json_of(status));
   } else {

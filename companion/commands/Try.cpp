@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "companion/browsers/BrowserRecognition.h"
-#include "companion/client/ExtensionAnswer.h"
+#include "companion/client/ExtensionProbe.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
@@ -95,9 +95,9 @@ struct Delivery {
 };
 
 Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState>& keeper,
-                     const ExtensionAnswer& extension) {
+                     const ExtensionProbe& extension) {
   using State = Delivery::State;
-  if (extension.isSilent || extension.isAbsent || (keeper && !keeper->connected && !extension.answers))
+  if (extension.isUnresponsive || extension.isAbsent || (keeper && !keeper->connected && !extension.answers))
     return {State::NothingBlocked, "nothing is blocked: " + extension.error};
   if (!keeper)
     return {State::Unknown, "no keeper runs, so the extension may hold anything: start orvane-keeper.service" +
@@ -125,7 +125,7 @@ int try_host(const CommonOptions& options, const std::string& given) {
   const Moment now = now_in_seconds();
   const Listing listing = look_up(stored.list, name, now);
   const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
-  Delivery delivery = delivery_of(stored.version, keeper, ask_extension(options.client));
+  Delivery delivery = delivery_of(stored.version, keeper, probe_extension(options.client));
   const auto unrecognised = recognition_fault(options.client);
   if (unrecognised && unrecognised->isInForce)
     delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};

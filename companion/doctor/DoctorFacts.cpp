@@ -15,8 +15,8 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "companion/client/ExtensionAnswer.h"
-#include "companion/client/ServiceState.h"
+#include "companion/client/ExtensionProbe.h"
+#include "companion/client/UnitState.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/linux/base/Command.h"
@@ -46,7 +46,7 @@ bool exists(const std::string& path) {
 UnitFacts look_at_unit(const char* name) {
   UnitFacts facts;
   facts.name = name;
-  const std::optional<ServiceState> state = service_state(name);
+  const std::optional<UnitState> state = unit_state(name);
   if (!state) return facts;
   facts.known = true;
   facts.installed = state->load != "not-found";
@@ -67,7 +67,7 @@ int try_socket(const std::string& path) {
 bool is_answered(const std::string& socket) {
   ClientOptions options;
   options.socket = socket;
-  return ask_extension(options, kPatience).answers;
+  return probe_extension(options, kPatience).answers;
 }
 
 // As a client goes through the paths: the first that takes a connection; else what is more than absence.

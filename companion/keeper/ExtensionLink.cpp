@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <utility>
 
-#include "companion/client/CallLimit.h"
+#include "companion/client/CallTimeout.h"
 #include "companion/keeper/KeeperLog.h"
-#include "companion/keeper/SentList.h"
+#include "companion/keeper/ListSync.h"
 #include "companion/text/Output.h"
 #include "platform/linux/control/SocketPath.h"
 
@@ -78,11 +78,11 @@ void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
 // Calls the extension for no longer than the limit. Gives what went wrong; empty when nothing did.
 template <class Work>
 std::string ExtensionLink::attempt(std::chrono::milliseconds patience, Work work) {
-  CallLimit limit(patience);
+  CallTimeout limit(patience);
   if (client_) limit.watch(client_->descriptor());
   try {
     work(limit);
-  } catch (const SilentExtension&) {
+  } catch (const UnresponsiveExtension&) {
     return kSilent;
   } catch (const ClientError& error) {
     return limit.passed() && client_ ? kSilent : error.what();
@@ -92,12 +92,12 @@ std::string ExtensionLink::attempt(std::chrono::milliseconds patience, Work work
 
 bool ExtensionLink::connect() {
   const uint64_t seen = state_.changes;
-  std::string failure = attempt(isSilent_ ? kShortPatience : kPatience, [this](CallLimit& limit) {
+  std::string failure = attempt(isUnresponsive_ ? kShortPatience : kPatience, [this](CallTimeout& limit) {
     client_ = connect_client(options_);
     limit.watch(client_->descriptor());
     state_.changes = client_->changesCount();
   });
-  isSilent_ = failure == kSilent;
+  isUnresponsive_ = failure == kSilent;
   if (!failure.empty()) {
     retry(failure);
     return false;
@@ -120,7 +120,7 @@ bool ExtensionLink::connect() {
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   inStep_ = false;
-  std::string failure = attempt(limit_for(after), [&](CallLimit&) {
+  std::string failure = attempt(limit_for(after), [&](CallTimeout&) {
     const bool whole = before == nullptr || is_sent_whole(*before, after);
     // What others did before goes with what they did it to.
     if (whole) expected_ = client_->changesCount();
@@ -143,7 +143,7 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
 }
 
 std::string ExtensionLink::look() {
-  return attempt(kPatience, [this](CallLimit&) { readCounter(); });
+  return attempt(kPatience, [this](CallTimeout&) { readCounter(); });
 }
 
 void ExtensionLink::readCounter() {
@@ -163,7 +163,7 @@ void ExtensionLink::lose(const std::string& reason) {
   keeper_log(LogLevel::Notice, "lost the extension: " + reason);
   lostAt_ = Clock::now();
   toldReason_ = reason;
-  isSilent_ = reason == kSilent;
+  isUnresponsive_ = reason == kSilent;
   retry(reason);
   // A restart is the usual reason.
   pause_ = kShortestPause;

@@ -14,7 +14,8 @@
 namespace orvane {
 
 // The keeper's connection to the extension: made again whenever it ends, and the whole list sent over each new one.
-// What there is to tell of it is in the KeeperState, from `connected` on. Not thread-safe; takes what CallLimit takes.
+// What there is to tell of it is in the KeeperState, from `connected` on. Not thread-safe; takes what CallTimeout
+// takes.
 class ExtensionLink {
  public:
   using Clock = std::chrono::steady_clock;
@@ -61,8 +62,8 @@ class ExtensionLink {
   // Without a connection.
   std::chrono::milliseconds pause_;  // before the next try
   Clock::time_point lostAt_ = Clock::now();
-  std::string toldReason_;  // why there is none, as the log has it already
-  bool isSilent_ = false;   // the last time, the extension took a connection and did not answer
+  std::string toldReason_;       // why there is none, as the log has it already
+  bool isUnresponsive_ = false;  // the last time, the extension took a connection and did not answer
 
   // With one.
   bool metBefore_ = false;

@@ -15,12 +15,12 @@
 #include <optional>
 #include <utility>
 
-#include "companion/keeper/EndRequest.h"
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/keeper/ListSync.h"
 #include "companion/keeper/PathWatch.h"
-#include "companion/keeper/SentList.h"
+#include "companion/keeper/ShutdownRequest.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
@@ -120,7 +120,7 @@ class Keeper {
 
   const std::string statePath_;
   const Descriptor lock_;  // none where there is no place for a state
-  EndRequest end_;
+  ShutdownRequest end_;
   KeeperState state_;
   nlohmann::json written_;  // what was told last
   std::string status_;

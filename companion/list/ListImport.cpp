@@ -133,7 +133,7 @@ class ImportReader {
       std::string fault;
       const bool isName = read_hostname(name, site.host, fault);
       if (is_own_name(isName ? site.host : name)) {
-        ++result_.passedOver;
+        ++result_.skipped;
       } else if (kind == Address::Elsewhere) {
         reject(name, "it is given the address " + in_quotes(address) +
                          ", which does not block it: give it alone if it is to be blocked");
@@ -160,7 +160,7 @@ class ImportReader {
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
     if (is_own_name(site.host)) {
-      ++result_.passedOver;
+      ++result_.skipped;
       return;
     }
     ++result_.filterRules;
@@ -172,7 +172,7 @@ class ImportReader {
     std::string fault;
     const bool isLine = read_line(line, usualNames_.value_or(true), site, fault);
     if (is_own_name(isLine ? site.host : line)) {
-      ++result_.passedOver;
+      ++result_.skipped;
     } else if (isLine) {
       add(std::move(site));
     } else {
@@ -234,9 +234,9 @@ ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool r
     if (known && !site.until) site.until = there->until;
     const bool differs = !known || site != *there;
     list.put(std::move(site));
-    ++(!known ? counts.added : differs ? counts.changed : counts.there);
+    ++(!known ? counts.added : differs ? counts.changed : counts.unchanged);
   }
-  if (replace) counts.removed = before.size() - counts.changed - counts.there;
+  if (replace) counts.removed = before.size() - counts.changed - counts.unchanged;
   return counts;
 }
 

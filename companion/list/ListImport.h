@@ -25,7 +25,7 @@ struct ImportedSites {
   std::deque<BlockedSite> sites;
   size_t lines = 0;
   size_t duplicates = 0;   // names that were there before, in this text
-  size_t passedOver = 0;   // names like localhost, which every hosts file has and nobody means
+  size_t skipped = 0;      // names like localhost, which every hosts file has and nobody means
   size_t rejected = 0;     // lines or, in hosts(5), names
   size_t filterRules = 0;  // those of the third form: they would cover subdomains
 };
@@ -43,8 +43,8 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;
-  size_t there = 0;    // as they were imported
-  size_t removed = 0;  // to make room
+  size_t unchanged = 0;  // as they were imported
+  size_t removed = 0;    // to make room
 };
 
 // Puts the sites on the list, or in place of all that is on it. A site that is there keeps its suspension, unless the

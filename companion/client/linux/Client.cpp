@@ -269,8 +269,8 @@ Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* 
       return connection;
     }
     if (error == EINTR)
-      throw SilentExtension("cannot reach the extension at " + path +
-                            ": it takes no connection: it hangs, or serves too many clients; restart it");
+      throw UnresponsiveExtension("cannot reach the extension at " + path +
+                                  ": it takes no connection: it hangs, or serves too many clients; restart it");
     tried += (tried.empty() ? "" : ", ") + path;
     isAbsent = isAbsent && (error == ENOENT || error == ECONNREFUSED);
     if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error, path);

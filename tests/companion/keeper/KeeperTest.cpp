@@ -17,7 +17,7 @@
 #include "companion/commands/Try.h"
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperState.h"
-#include "companion/keeper/SentList.h"
+#include "companion/keeper/ListSync.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"

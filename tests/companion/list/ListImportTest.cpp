@@ -57,14 +57,14 @@ TEST(ListImport, LeavesASuspendedSiteSuspended) {
       read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example\n", std::nullopt, ignore, nullptr);
   ImportCounts counts = put_imported(list, sites, false);
   EXPECT_EQ(list.text(), "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example\nwww.c.example only\n");
-  EXPECT_EQ(counts.there, 2U);
+  EXPECT_EQ(counts.unchanged, 2U);
   EXPECT_EQ(counts.changed, 1U);
   EXPECT_EQ(counts.added, 1U);
 
   list = BlockList::parse("# gone\na.example until=2030-01-01T00:00:00Z\nc.example only\nd.example\ne.example\n");
   counts = put_imported(list, sites, true);
   EXPECT_EQ(list.text(), "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example only\nwww.c.example only\n");
-  EXPECT_EQ(counts.there, 2U);
+  EXPECT_EQ(counts.unchanged, 2U);
   EXPECT_EQ(counts.added, 2U);
   EXPECT_EQ(counts.removed, 2U);
 }

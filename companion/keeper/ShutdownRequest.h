@@ -6,12 +6,12 @@ namespace orvane {
 
 // SIGTERM, SIGINT and SIGHUP for a program with one thread, which ends soon whatever it is at: a loop sees the request
 // on a descriptor, and work that may take long, or for ever, is broken off. One at a time.
-class EndRequest {
+class ShutdownRequest {
  public:
-  EndRequest();
-  ~EndRequest();
-  EndRequest(const EndRequest&) = delete;
-  EndRequest& operator=(const EndRequest&) = delete;
+  ShutdownRequest();
+  ~ShutdownRequest();
+  ShutdownRequest(const ShutdownRequest&) = delete;
+  ShutdownRequest& operator=(const ShutdownRequest&) = delete;
 
   // Readable, for poll(2), once the end is requested.
   int descriptor() const { return wake_.get(); }

@@ -1,4 +1,4 @@
-#include "companion/keeper/SentList.h"
+#include "companion/keeper/ListSync.h"
 
 #include <algorithm>
 #include <iterator>

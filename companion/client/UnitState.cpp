@@ -1,4 +1,4 @@
-#include "companion/client/ServiceState.h"
+#include "companion/client/UnitState.h"
 
 #include <systemd/sd-bus.h>
 #include <systemd/sd-daemon.h>
@@ -61,7 +61,7 @@ class UnitReader {
 
 }  // namespace
 
-std::optional<ServiceState> service_state(const std::string& unit) {
+std::optional<UnitState> unit_state(const std::string& unit) {
   if (sd_booted() <= 0) return std::nullopt;
   Bus bus = connect_to_manager();
   if (!bus) return std::nullopt;
@@ -71,7 +71,7 @@ std::optional<ServiceState> service_state(const std::string& unit) {
   std::unique_ptr<char, decltype(&std::free)> path(encoded, std::free);
 
   UnitReader reader(bus.get(), path.get());
-  ServiceState state;
+  UnitState state;
   state.load = reader.text(kUnitInterface, "LoadState");
   state.active = reader.text(kUnitInterface, "ActiveState");
   state.sub = reader.text(kUnitInterface, "SubState");

@@ -1,4 +1,4 @@
-#include "companion/client/CallLimit.h"
+#include "companion/client/CallTimeout.h"
 
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -36,7 +36,7 @@ void tick_every(suseconds_t period) {
 
 }  // namespace
 
-CallLimit::CallLimit(std::chrono::milliseconds limit) {
+CallTimeout::CallTimeout(std::chrono::milliseconds limit) {
   call_deadline = steady_now() + std::chrono::nanoseconds(limit).count();
   // Without SA_RESTART, as connect(2) waits where the extension's queue is full, and is to return.
   struct sigaction action {};
@@ -45,14 +45,14 @@ CallLimit::CallLimit(std::chrono::milliseconds limit) {
   tick_every(kTick);
 }
 
-CallLimit::~CallLimit() {
+CallTimeout::~CallTimeout() {
   tick_every(0);
   std::signal(SIGALRM, SIG_IGN);  // one may be under way
   call_descriptor = -1;
 }
 
-void CallLimit::watch(int connection) { call_descriptor = connection; }
+void CallTimeout::watch(int connection) { call_descriptor = connection; }
 
-bool CallLimit::passed() const { return steady_now() >= call_deadline; }
+bool CallTimeout::passed() const { return steady_now() >= call_deadline; }
 
 }  // namespace orvane

@@ -1,4 +1,4 @@
-#include "companion/keeper/EndRequest.h"
+#include "companion/keeper/ShutdownRequest.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -30,7 +30,7 @@ void on_signal(int) {
 
 }  // namespace
 
-EndRequest::EndRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+ShutdownRequest::ShutdownRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   is_made = may_break_off = false;
   wake_descriptor = wake_.get();
   struct sigaction action {};
@@ -38,14 +38,14 @@ EndRequest::EndRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   for (int number : kSignals) sigaction(number, &action, nullptr);
 }
 
-EndRequest::~EndRequest() {
+ShutdownRequest::~ShutdownRequest() {
   for (int number : kSignals) std::signal(number, SIG_DFL);
   wake_descriptor = -1;
 }
 
-bool EndRequest::isMade() const { return is_made; }
+bool ShutdownRequest::isMade() const { return is_made; }
 
-void EndRequest::breakOff(bool allowed) {
+void ShutdownRequest::breakOff(bool allowed) {
   may_break_off = allowed;
   if (allowed && is_made) _exit(0);
 }

@@ -12,7 +12,7 @@ inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
 
 // What the service manager says of a service, in its own words (org.freedesktop.systemd1(5)).
-struct ServiceState {
+struct UnitState {
   std::string load;    // "loaded"; "not-found" where there is no such unit
   std::string active;  // "active", "inactive", "failed", "activating" and so on
   std::string sub;     // "running", "dead", "auto-restart" and so on
@@ -24,6 +24,6 @@ struct ServiceState {
 };
 
 // Nothing when no service manager answers, as in most containers.
-std::optional<ServiceState> service_state(const std::string& unit);
+std::optional<UnitState> unit_state(const std::string& unit);
 
 }  // namespace orvane
