@@ -33,7 +33,7 @@ def _find_unshare() -> list[str]:
     errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
         command = ["unshare", *more, *_NAMESPACES]
-        # A container's root may create namespaces but lack the privilege to configure them, so try both.
+        # A container's root may create a network but not configure it, so the trial does both.
         code = f"import sys; sys.path.insert(0, {str(HERE)!r}); import isolation; isolation.bring_loopback_up()"
         trial = subprocess.run([*command, PYTHON, "-B", "-c", code], check=False, capture_output=True, text=True)
         if trial.returncode == 0:
