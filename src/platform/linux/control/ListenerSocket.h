@@ -9,13 +9,14 @@
 
 namespace orvane {
 
-// A listening Unix-domain stream socket that this process alone listens on. The mode of its file says who may connect.
-// The file goes when this goes.
+// A listening Unix-domain stream socket. The mode of its file decides who may connect. The destructor removes the file.
 class ListenerSocket {
  public:
-  // Replaces a socket that a dead predecessor left. Nothing, with *error set, when a living process listens there,
-  // something that is no socket stands there, or the system refuses. Of several that try at once one succeeds: the lock
-  // on a file beside the socket is held for as long as it is listened on. That file stays.
+  // Replaces the socket file of a process that has ended. Returns nothing and sets *error if another process listens at
+  // `path`, if another kind of file is there, or if a system call fails.
+  //
+  // The object holds a lock on the file `path`.lock, so only one of several processes can listen. That file is never
+  // removed.
   static std::optional<ListenerSocket> create(const std::string& path, mode_t mode, std::string* error);
 
   ListenerSocket(ListenerSocket&&) = default;

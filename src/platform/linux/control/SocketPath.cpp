@@ -25,7 +25,7 @@ std::string environment(const char* name) {
 
 enum class Missing { Make, Refuse };
 
-// A directory in /tmp that nobody else can have put there or can write to.
+// A directory in /tmp that this user owns and nobody else can enter.
 std::optional<std::string> private_directory(Missing missing, std::string* error) {
   std::string path = "/tmp/orvane-" + std::to_string(geteuid());
   if (missing == Missing::Make && mkdir(path.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -41,7 +41,7 @@ std::optional<std::string> private_directory(Missing missing, std::string* error
   return path;
 }
 
-// The directory that belongs to the user for as long as a session or the system lasts.
+// The user's runtime directory, or one in /tmp if the system provides none.
 std::optional<std::string> user_directory(Missing missing, std::string* error) {
   if (geteuid() == 0) return "/run";
   for (const std::string& path : {environment("XDG_RUNTIME_DIR"), "/run/user/" + std::to_string(geteuid())}) {
@@ -53,15 +53,15 @@ std::optional<std::string> user_directory(Missing missing, std::string* error) {
 bool is_file_name(const std::string& service, std::string* error) {
   bool fits = !service.empty() && service != "." && service != ".." &&
               service.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-  if (!fits) *error = "the service name \"" + service + "\" cannot be a file's name";
+  if (!fits) *error = "the service name \"" + service + "\" cannot be a file name";
   return fits;
 }
 
 std::optional<std::string> socket_path(const std::string& directory, const std::string& service, std::string* error) {
   std::string path = directory + "/" + service;
   if (path.size() < sizeof(sockaddr_un::sun_path)) return path;
-  *error = "the socket's path " + path + " is longer than the " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
-           " bytes that a socket's may have";
+  *error = "the socket path " + path + " is longer than " + std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+           " bytes: use a shorter service name";
   return std::nullopt;
 }
 
@@ -69,7 +69,7 @@ std::optional<std::string> socket_path(const std::string& directory, const std::
 
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error) {
   if (!is_file_name(service, error)) return std::nullopt;
-  // A service manager that made several directories separates them by colons.
+  // systemd separates several directories by colons.
   std::string managed = environment("RUNTIME_DIRECTORY");
   managed.resize(std::min(managed.size(), managed.find(':')));
   std::optional<std::string> directory = managed.empty() ? user_directory(Missing::Make, error) : managed;
@@ -81,9 +81,9 @@ std::optional<ServerSocket> server_socket(const std::string& service, std::strin
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error) {
   std::vector<std::string> paths;
   if (!is_file_name(service, error)) return paths;
-  std::string reason;  // of one directory; the others may still do
+  std::string reason;  // ignored, since the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // Each also with the folder that a service manager makes for the extension.
+  // The unit's RuntimeDirectory= is orvane-se.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
                                        std::string("/run/orvane-se"), std::string("/run")}) {
     auto path = socket_path(directory, service, error);
@@ -93,12 +93,18 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   return paths;
 }
 
-int connect_to(const std::string& path, const Descriptor& connection) {
+std::optional<sockaddr_un> unix_address(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+  if (path.size() >= sizeof address.sun_path) return std::nullopt;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  return connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+  return address;
+}
+
+int connect_to(const std::string& path, const Descriptor& connection) {
+  auto address = unix_address(path);
+  if (!address) return ENAMETOOLONG;
+  return connect(connection.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0 ? 0 : errno;
 }
 
 }  // namespace orvane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <optional>
 #include <string>
@@ -8,26 +9,29 @@
 
 #include "platform/linux/base/Descriptor.h"
 
-// Where the control channel's socket stands: a file that bears the service's name.
+// Where the control channel's socket is: a file that is named after the service.
 namespace orvane {
 
 struct ServerSocket {
   std::string path;
-  mode_t mode;  // of its file: who may connect
+  mode_t mode;  // of the file: who may connect
 };
 
-// The socket of an extension that runs as this process's user: in the directory that the service manager made
-// ($RUNTIME_DIRECTORY), else in the user's runtime directory. On failure nothing, and *error says why.
+// Where an extension of this process's user listens. Nothing, with *error set, on failure.
 //
-// It is the user's alone, but in the service manager's directory the group's too: there whoever wrote the service's
-// description has said which group that is, and who may enter the directory.
+//   directory                                                        mode
+//   $RUNTIME_DIRECTORY, which the service manager made                0660: the unit's Group= may connect
+//   the user's runtime directory (/run for root), if that is not set  0600
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error);
 
 // Where a client of this process's user looks, in this order: the user's runtime directory and the folder orvane-se in
-// it, /run/orvane-se, /run. Empty, with *error set, when the name cannot be a socket's.
+// it, /run/orvane-se, /run. Empty, with *error set, if `service` cannot be a socket's name.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
 
-// Connects a Unix-domain stream socket to one at a path. 0, or what went wrong (errno).
+// The address of a Unix-domain socket at a path. Nothing if the path is too long for one.
+std::optional<sockaddr_un> unix_address(const std::string& path);
+
+// Connects a Unix-domain stream socket to the socket at a path. Returns 0 or an errno value.
 int connect_to(const std::string& path, const Descriptor& connection);
 
 }  // namespace orvane

@@ -3,19 +3,20 @@
 #include <kj/exception.h>
 
 #include <algorithm>
-#include <cstring>
+#include <boost/locale/utf.hpp>
+#include <string_view>
+#include <utility>
 
 namespace orvane {
 namespace {
 
 constexpr uint64_t kBytesPerWord = sizeof(capnp::word);
-// A value is two words of data and one pointer; an entry of a dictionary is two pointers to such values. What a pointer
-// leads to begins with a word more where it is a list of structs, and is one pointer where it is a set's or a
-// dictionary's struct.
-constexpr uint64_t kValueWords = 3;
-constexpr uint64_t kEntryWords = 2;
+// Sizes in the encoding of ControlProtocol.capnp.
+constexpr uint64_t kValueWords = 3;      // two words of data and one pointer
+constexpr uint64_t kEntryWords = 2;      // pointers to the key and the value
+constexpr uint64_t kContainerWords = 2;  // at most: the tag of a list of structs, and the pointer in Set or Dictionary
 
-// Of elements of containers that are members of sets or keys: some milliseconds' work.
+// Limit on comparing containers that are set members or keys; takes a few milliseconds at most.
 constexpr uint64_t kMaximumComparisons = 1 << 20;
 
 uint64_t words_for_bytes(uint64_t bytes) { return (bytes + kBytesPerWord - 1) / kBytesPerWord; }
@@ -53,7 +54,7 @@ class Measurement {
   void addContainer(const Container& container, unsigned nesting) {
     size_.nesting = std::max(size_.nesting, nesting);
     if (nesting > kMaximumNesting) return;
-    size_.words += 2;
+    size_.words += kContainerWords;
     for (const auto& element : container) addElement(element, nesting);
   }
   void addElement(const Value& element, unsigned nesting) { add(element, nesting); }
@@ -88,36 +89,21 @@ void write_elements(const Elements& elements, capnp::List<control::Value>::Build
 
 bool is_container(const Value& value) { return value.kind() >= Value::Kind::Array; }
 
-// The bytes of UTF-8 sequences by their first byte's upper five bits: 0 for a byte that begins none (RFC 3629).
-size_t sequence_length(uint8_t first) {
-  if (first < 0x80) return 1;
-  if (first < 0xc2) return 0;
-  if (first < 0xe0) return 2;
-  if (first < 0xf0) return 3;
-  return first < 0xf5 ? 4 : 0;
-}
-
 bool is_utf8(std::string_view text) {
-  for (size_t i = 0; i < text.size();) {
-    uint8_t first = static_cast<uint8_t>(text[i]);
-    size_t length = sequence_length(first);
-    if (length == 0 || length > text.size() - i) return false;
-    for (size_t k = 1; k < length; ++k) {
-      if ((static_cast<uint8_t>(text[i + k]) & 0xc0) != 0x80) return false;
-    }
-    uint8_t second = length > 1 ? static_cast<uint8_t>(text[i + 1]) : 0;
-    // Overlong forms, surrogates, and what lies beyond the last code point.
-    if ((first == 0xe0 && second < 0xa0) || (first == 0xed && second >= 0xa0)) return false;
-    if ((first == 0xf0 && second < 0x90) || (first == 0xf4 && second >= 0x90)) return false;
-    i += length;
+  using Traits = boost::locale::utf::utf_traits<char>;
+  const char* position = text.data();
+  const char* end = position + text.size();
+  while (position != end) {
+    if (!boost::locale::utf::is_valid_codepoint(Traits::decode(position, end))) return false;
   }
   return true;
 }
 
-// Converts one message's values. Fails by returning false, or by the exception of a malformed pointer.
-class Conversion {
+// Reads one message's values within the limits of read_value(). Returns false when a limit is exceeded or a string is
+// not UTF-8; throws kj::Exception at a malformed pointer.
+class ValueReader {
  public:
-  explicit Conversion(uint64_t messageWords)
+  explicit ValueReader(uint64_t messageWords)
       : elements_(std::min(messageWords, kMaximumElements)), bytes_(messageWords * kBytesPerWord) {}
 
   bool read(control::Value::Reader reader, unsigned nesting, Value* value) {
@@ -151,7 +137,7 @@ class Conversion {
       case control::Value::DICTIONARY:
         return nesting < kMaximumNesting && readDictionary(reader.getDictionary().getEntries(), nesting + 1, value);
     }
-    return false;  // a kind that a newer client knows
+    return false;  // a kind of value that only newer clients know
   }
 
  private:
@@ -213,15 +199,16 @@ class Conversion {
     return true;
   }
 
-  // Reads a member of a set or a key. Containers hash by their size alone, so each may be compared, whole, with every
-  // container before it.
+  // Reads a set member or a key. The hash of a container is its size alone, so a new container may be compared in full
+  // with each container before it; the cost is charged here.
   bool readKey(control::Value::Reader reader, unsigned nesting, uint64_t* containers, Value* key) {
     uint64_t before = elements_;
     if (!read(reader, nesting, key)) return false;
     return !is_container(*key) || charge((*containers)++ * (1 + before - elements_), &comparisons_);
   }
 
-  uint64_t elements_, bytes_;  // what may still be made
+  // What may still be read.
+  uint64_t elements_, bytes_;
   uint64_t comparisons_ = kMaximumComparisons;
 };
 
@@ -280,7 +267,7 @@ std::optional<Value> read_value(control::Value::Reader reader, uint64_t messageW
   std::optional<Value> value;
   auto malformed = kj::runCatchingExceptions([&] {
     Value result;
-    if (Conversion(messageWords).read(reader, 0, &result)) value = std::move(result);
+    if (ValueReader(messageWords).read(reader, 0, &result)) value = std::move(result);
   });
   return malformed == nullptr ? value : std::nullopt;
 }

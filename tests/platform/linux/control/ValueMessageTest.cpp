@@ -11,18 +11,19 @@ namespace {
 
 Value nested(unsigned depth) { return depth == 0 ? Value::boolean(true) : Value::array({nested(depth - 1)}); }
 
-// What a value becomes on the way to the other end. If it measures too little, a client would send what is refused.
+// Writes a value to a message and reads it again. Also checks that measure() is not too small, since a client would
+// then send a message that the extension rejects.
 std::optional<Value> sent_and_received(const Value& value) {
-  capnp::MallocMessageBuilder message(1 << 16);  // in one piece
+  capnp::MallocMessageBuilder message(1 << 16);  // one segment
   write_value(value, message.initRoot<control::Value>());
   auto flat = capnp::messageToFlatArray(message);
-  // A word each for the frame and the pointer to the root.
+  // The frame and the root pointer take a word each.
   EXPECT_TRUE(!measure(value).fits() || measure(value).words + 2 >= flat.size());
   capnp::FlatArrayMessageReader reader(flat, {kMaximumMessageWords, 200});
   return read_value(reader.getRoot<control::Value>(), flat.size());
 }
 
-TEST(ValueMessage, NoKindOfValueChangesOnTheWayOrTakesMoreThanItMeasures) {
+TEST(ValueMessage, KeepsEveryKindOfValue) {
   constexpr uint8_t kBytes[] = {0, 0xff, 7};
   Value text = Value::string(std::string_view("a\0\xc3\xa9\xf0\x9f\x8c\x8d", 8));
   Value dictionary = Value::dictionary({{text, Value::date(1e9)}, {Value::set({}), Value::array({})}});
@@ -39,26 +40,42 @@ TEST(ValueMessage, NoKindOfValueChangesOnTheWayOrTakesMoreThanItMeasures) {
   }
 }
 
-// Containers of one size have one hash; members that are containers must not cost the square of their number.
-TEST(ValueMessage, RefusesContainersThatAreTooDeepAndSetsOfTooManyContainers) {
-  EXPECT_FALSE(sent_and_received(nested(kMaximumNesting + 1)));
+TEST(ValueMessage, RejectsDeeplyNestedContainers) { EXPECT_FALSE(sent_and_received(nested(kMaximumNesting + 1))); }
+
+// Containers of one size have the same hash, so a set of them takes quadratic time.
+TEST(ValueMessage, RejectsSetsOfManyContainers) {
   Value::Set members;
   for (int64_t i = 0; i < 2000; ++i) members.insert(Value::array({Value::number(i)}));
   EXPECT_FALSE(sent_and_received(Value::set(members)));
 }
 
-TEST(ValueMessage, RefusesMoreThanAMessageCanHonestlyHoldAndStringsThatAreNoUtf8) {
+TEST(ValueMessage, RejectsValuesThatExceedTheirMessage) {
   capnp::MallocMessageBuilder message;
   auto value = message.initRoot<control::Value>();
   value.initArray(65);
   EXPECT_TRUE(read_value(value.asReader(), 65));
-  EXPECT_FALSE(read_value(value.asReader(), 64)) << "as where elements take no room";
+  EXPECT_FALSE(read_value(value.asReader(), 64)) << "empty elements";
   for (auto element : value.initArray(20)) element.setString(std::string(50, 'x'));
   EXPECT_TRUE(read_value(value.asReader(), 20 * 50 / 8));
-  EXPECT_FALSE(read_value(value.asReader(), 20 * 50 / 8 - 1)) << "as where pointers lead to the same bytes";
-  for (const char* bytes : {"\x80", "\xc0\xaf", "\xe2\x82", "\xe0\x80\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
-    value.setString(bytes);
-    EXPECT_FALSE(read_value(value.asReader(), 64)) << bytes;
+  EXPECT_FALSE(read_value(value.asReader(), 20 * 50 / 8 - 1)) << "pointers to the same bytes";
+}
+
+TEST(ValueMessage, RejectsStringsThatAreNotUTF8) {
+  capnp::MallocMessageBuilder message;
+  auto value = message.initRoot<control::Value>();
+  const struct {
+    const char *what, *bytes;
+  } kCases[] = {
+      {"continuation byte alone", "\x80"},
+      {"truncated sequence", "\xe2\x82"},
+      {"overlong form of two bytes", "\xc0\xaf"},
+      {"overlong form of three bytes", "\xe0\x80\x80"},
+      {"surrogate", "\xed\xa0\x80"},
+      {"beyond U+10FFFF", "\xf4\x90\x80\x80"},
+  };
+  for (const auto& row : kCases) {
+    value.setString(row.bytes);
+    EXPECT_FALSE(read_value(value.asReader(), 64)) << row.what;
   }
 }
 
