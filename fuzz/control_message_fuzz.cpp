@@ -1,5 +1,6 @@
-// What a client may send over the control channel: a whole session, from the frame of the first message to the exported
-// object, and the conversion of values by itself. The first byte chooses.
+// Plays a client of the control channel that sends arbitrary bytes. The first byte selects the target: a session from
+// the first frame on, a session after the bootstrap message, a framed message after it, or the conversion of values
+// alone.
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize.h>
 #include <sys/socket.h>
@@ -15,7 +16,7 @@
 
 namespace orvane {
 
-// Nobody reads this program's log.
+// A log that discards everything.
 class LogHandle {};
 void retain(const LogHandle*) {}
 void release(const LogHandle*) {}
@@ -28,7 +29,7 @@ void log_detail::write(const os_log_t&, LogLevel, std::string_view, std::initial
 
 namespace {
 
-// Looks at every byte that it is given.
+// Reads every byte of its arguments.
 class Exported final : public OrvaneSECommunication {
  public:
   void pingWithReply(const BooleanReply& reply) override { reply(true); }
@@ -52,7 +53,7 @@ class Exported final : public OrvaneSECommunication {
   uint64_t length_ = 0;
 };
 
-void converse(const std::string& bytes) {
+void run_session(const std::string& bytes) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) std::abort();
   Descriptor ours(ends[0]), theirs(ends[1]);
@@ -62,7 +63,7 @@ void converse(const std::string& bytes) {
   serve_session(ours.get(), &exported);
 }
 
-// A message of one segment.
+// A message with the content as its only segment.
 std::string framed(std::string content) {
   content.resize((content.size() + 7) / 8 * 8);
   const uint32_t frame[2] = {0, static_cast<uint32_t>(content.size() / 8)};
@@ -76,7 +77,7 @@ std::string bootstrap() {
   return {reinterpret_cast<const char*>(words.begin()), words.asBytes().size()};
 }
 
-// A value that is read is the same after it has been written and read again.
+// Checks that a value stays the same when it is written and read again.
 void convert(const std::string& bytes) {
   auto words = kj::heapArray<capnp::word>((bytes.size() + 7) / 8);
   if (words.size() == 0) return;
@@ -101,18 +102,18 @@ void convert(const std::string& bytes) {
 }  // namespace orvane
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // As much as a socket takes at once, whatever the replies to it are.
+  // The socket's buffer must hold the whole input, since run_session() sends it before the session reads.
   if (size == 0 || size > 32768) return 0;
   std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
   switch (data[0] % 4) {
     case 0:
-      orvane::converse(bytes);
+      orvane::run_session(bytes);
       break;
     case 1:
-      orvane::converse(orvane::bootstrap() + bytes);
+      orvane::run_session(orvane::bootstrap() + bytes);
       break;
     case 2:
-      orvane::converse(orvane::bootstrap() + orvane::framed(bytes));
+      orvane::run_session(orvane::bootstrap() + orvane::framed(bytes));
       break;
     default:
       orvane::convert(bytes);

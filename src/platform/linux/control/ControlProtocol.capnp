@@ -1,6 +1,6 @@
 @0xf0aaf2aaedec4257;
-# The control channel's messages. What a client has to know besides stands in docs/protocol.md. Order and types are
-# fixed: new methods and kinds of value go at the end.
+# The messages of the control channel; docs/protocol.md describes the socket, the limits and the effect of each method.
+# Clients depend on the order and the types, so add new methods and kinds of value at the end.
 
 using Cxx = import "/capnp/c++.capnp";
 $Cxx.namespace("orvane::control");
@@ -21,12 +21,12 @@ struct Value {
   }
 }
 
-# Not a list: a set is told from an array by its type. Of equal members the first one counts.
+# If members are equal, the first is kept.
 struct Set {
   members @0 :List(Value);
 }
 
-# Of entries with equal keys the first one counts.
+# If keys are equal, the first entry is kept.
 struct Dictionary {
   entries @0 :List(Entry);
 

@@ -16,66 +16,68 @@ namespace {
 
 namespace rpc = capnp::rpc;
 
-// Calls that a client may have begun without having sent their "finish". Each is an entry in a table of ours.
+// Calls that a client has sent without their "finish" message. The RPC system keeps a table entry for each.
 constexpr unsigned kMaximumUnfinishedCalls = 1024;
-// Replies that wait for the client to read. Beyond that nothing more is read from it.
+// Replies that the client has not read yet. Above this the session stops reading.
 constexpr size_t kMaximumUnsentBytes = 64 << 10;
-// Messages of more words share a bounded amount of memory, and have to arrive in time because others may wait for it.
+// Messages above kLargeMessageWords share a memory budget of kLargeMessageBudget. Other clients may wait for that
+// memory, so a large message must arrive within kLargeMessageTime.
 constexpr uint64_t kLargeMessageWords = (1 << 20) / sizeof(capnp::word);
-constexpr uint64_t kLargeMessagesWords = 2 * kMaximumMessageWords;
+constexpr uint64_t kLargeMessageBudget = 2 * kMaximumMessageWords;  // in words
 constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
-constexpr auto kReservationInterval = 10 * kj::MILLISECONDS;
+constexpr auto kReservationRetryInterval = 10 * kj::MILLISECONDS;
 
-// Reading counts some words twice, so the limit stands a little above the largest message. The deepest value takes
-// three pointers for each container, below a handful for the call around it.
+// The library counts some words twice as it reads, so the traversal limit lies above the largest message. A container
+// takes three pointers of the nesting limit, and the call around the value takes a few more.
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords + (1 << 20), 3 * kMaximumNesting + 16};
 
-// The large messages of all sessions.
-class LargeMessages {
+// The memory of the large messages of all sessions. Thread-safe.
+class LargeMessageBudget {
  public:
   bool reserve(uint64_t words) {
-    uint64_t taken = words_.load();
+    uint64_t reserved = reserved_.load();
     do {
-      if (taken + words > kLargeMessagesWords) return false;
-    } while (!words_.compare_exchange_weak(taken, taken + words));
+      if (reserved + words > kLargeMessageBudget) return false;
+    } while (!reserved_.compare_exchange_weak(reserved, reserved + words));
     return true;
   }
-  void release(uint64_t words) { words_ -= words; }
+  void release(uint64_t words) { reserved_ -= words; }
 
  private:
-  std::atomic<uint64_t> words_{0};
+  std::atomic<uint64_t> reserved_{0};
 };
-LargeMessages large_messages;
+LargeMessageBudget large_message_budget;
 
-// The client's stream with the guards of a session around it. The library's reading loop asks for one message at a
-// time; it gets the next only when the one before has been carried out.
+// A ControlStream that enforces the limits of a session. The library's read loop asks for one message at a time and
+// gets the next one only after the previous call has been carried out.
 class GuardedStream final : public capnp::MessageStream {
  public:
   GuardedStream(SocketEventPort& port, int socket)
       : timer_(port.timer()), stream_(port, socket), ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
     stream_.setAdmission([this](uint64_t words) { return reserve(words); });
   }
-  ~GuardedStream() noexcept(false) { large_messages.release(reserved_); }
+  ~GuardedStream() noexcept(false) { large_message_budget.release(reserved_); }
   KJ_DISALLOW_COPY(GuardedStream);
 
-  // The replies that are watched. To be called before anything is read.
+  // The network whose queue of replies is watched. Call before the first read.
   void setNetwork(capnp::TwoPartyVatNetwork& network) { network_ = &network; }
 
+  // Fulfilled when the session ends. Call once.
   kj::Promise<SessionEnd> ended() { return kj::mv(ended_.promise); }
 
-  // Ends the session as broken.
+  // Ends the session as broken and logs the first reason.
   void giveUp(std::string_view reason) {
     if (ended_.fulfiller->isWaiting()) ORVANE_LOG_INFO(default_log(), "gave up a control connection: %@", reason);
     ended_.fulfiller->fulfill(SessionEnd::Broken);
   }
 
-  // The size of the message that is being carried out.
+  // The size of the message that was read last.
   uint64_t messageWords() const { return messageWords_; }
 
   kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> tryReadMessage(kj::ArrayPtr<kj::AutoCloseFd> fdSpace,
                                                                     capnp::ReaderOptions options,
                                                                     kj::ArrayPtr<capnp::word> scratchSpace) override {
-    return whenRepliesAreTaken().then([this, fdSpace, options, scratchSpace] {
+    return whenReadyForNextMessage().then([this, fdSpace, options, scratchSpace] {
       releaseReservation();
       return kj::evalNow([&] { return stream_.tryReadMessage(fdSpace, options, scratchSpace); })
           .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return admit(kj::mv(message)); })
@@ -99,21 +101,22 @@ class GuardedStream final : public capnp::MessageStream {
   kj::Promise<void> end() override { return stream_.end(); }
 
  private:
-  // Once everything that is under way in this thread has come to rest, the last call among it, and few replies wait.
-  kj::Promise<void> whenRepliesAreTaken() {
+  // Fulfilled when the previous call has been carried out and few replies wait to be sent.
+  kj::Promise<void> whenReadyForNextMessage() {
+    // evalLast runs when the event loop has nothing else to do, so the previous call is complete by then.
     return kj::evalLast([this]() -> kj::Promise<void> {
       if (network_->getCurrentQueueSize() <= kMaximumUnsentBytes) return kj::READY_NOW;
       auto written = kj::newPromiseAndFulfiller<void>();
       resumeReading_ = kj::mv(written.fulfiller);
-      return written.promise.then([this] { return whenRepliesAreTaken(); });
+      return written.promise.then([this] { return whenReadyForNextMessage(); });
     });
   }
 
   kj::Promise<void> reserve(uint64_t words) {
     messageWords_ = words;
     if (words <= kLargeMessageWords) return kj::READY_NOW;
-    if (!large_messages.reserve(words)) {
-      return timer_.afterDelay(kReservationInterval).then([this, words] { return reserve(words); });
+    if (!large_message_budget.reserve(words)) {
+      return timer_.afterDelay(kReservationRetryInterval).then([this, words] { return reserve(words); });
     }
     reserved_ = words;
     deadline_ = timer_.afterDelay(kLargeMessageTime)
@@ -123,7 +126,7 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   void releaseReservation() {
-    large_messages.release(reserved_);
+    large_message_budget.release(reserved_);
     reserved_ = 0;
   }
 
@@ -131,18 +134,18 @@ class GuardedStream final : public capnp::MessageStream {
     deadline_ = nullptr;
     KJ_IF_MAYBE (message, received) {
       auto content = message->reader->getRoot<rpc::Message>();
-      if (content.isAbort()) {  // what the library says at every end that is not abrupt
+      if (content.isAbort()) {  // the library sends "abort" at every orderly close
         ended_.fulfiller->fulfill(SessionEnd::Closed);
         return nullptr;
       }
-      if (!isExpected(content)) refuse_message("a message came that no client has cause to send");
+      if (!isExpected(content)) refuse_message("the client sent a message that this protocol does not use");
       return kj::mv(received);
     }
     ended_.fulfiller->fulfill(SessionEnd::Closed);
     return nullptr;
   }
 
-  // Of the messages of the RPC protocol, those that calls of plain values take.
+  // Accepts only the RPC messages that calls without capabilities need, and counts the unfinished calls.
   bool isExpected(rpc::Message::Reader message) {
     switch (message.which()) {
       case rpc::Message::BOOTSTRAP:
@@ -158,7 +161,8 @@ class GuardedStream final : public capnp::MessageStream {
     }
   }
 
-  // Capabilities in a call, and the steps to one, are lists that the library would convert at their claimed length.
+  // True for a call that carries no capabilities. Capability tables and transforms are lists that the library would
+  // allocate at their claimed length.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
     bool direct = !target.isPromisedAnswer() || target.getPromisedAnswer().getTransform().size() <= 1;
@@ -175,7 +179,7 @@ class GuardedStream final : public capnp::MessageStream {
   unsigned unfinishedCalls_ = 0;
 };
 
-// Hands the client's calls to the exported object, and its replies to the client.
+// Passes the client's calls to the exported object, and its replies to the client.
 class ControlServer final : public control::OrvaneSECommunication::Server {
  public:
   ControlServer(OrvaneSECommunication* exported, GuardedStream& stream) : exported_(exported), stream_(stream) {}
@@ -233,24 +237,24 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   }
 
  private:
-  // So that a reply does not take the several kilobytes of a message of unknown size.
+  // A size hint, since a message of unknown size takes several kilobytes.
   static constexpr capnp::MessageSize kReplySize{4, 0};
-  static constexpr const char* kUnsoundArgument = "an argument is malformed or too large";
+  static constexpr const char* kBadArgument = "an argument is malformed or too large";
 
   OrvaneSECommunication& exported() {
     if (exported_ == nullptr) refuse_message("nothing is exported on this connection");
     return *exported_;
   }
 
-  // One argument of a call. What cannot be converted is never delivered: it ends the session.
+  // Converts one argument of a call. A bad argument ends the session, and the call is not delivered.
   template <class Context, class Get>
   Value argument(Context& context, Get get) {
     std::optional<Value> value;
     auto malformed =
         kj::runCatchingExceptions([&] { value = read_value(get(context.getParams()), stream_.messageWords()); });
     if (malformed != nullptr || !value) {
-      stream_.giveUp(kUnsoundArgument);
-      refuse_message(kUnsoundArgument);
+      stream_.giveUp(kBadArgument);
+      refuse_message(kBadArgument);
     }
     return *std::move(value);
   }
@@ -275,9 +279,9 @@ SessionEnd serve(int socket, OrvaneSECommunication* exported) {
   capnp::TwoPartyVatNetwork network(stream, rpc::twoparty::Side::SERVER, kReaderOptions);
   stream.setNetwork(network);
   auto system = capnp::makeRpcServer(network, kj::heap<ControlServer>(exported, stream));
-  // The library disconnects by itself when a message breaks the rules of its protocol.
+  // The library disconnects when a message violates the RPC protocol.
   auto disconnected = network.onDisconnect().then([&stream] {
-    stream.giveUp("the protocol was broken");
+    stream.giveUp("a message violated the RPC protocol");
     return SessionEnd::Broken;
   });
   return stream.ended().exclusiveJoin(kj::mv(disconnected)).wait(scope);

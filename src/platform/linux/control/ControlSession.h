@@ -5,17 +5,18 @@
 namespace orvane {
 
 enum class SessionEnd {
-  Closed,  // the peer closed the connection, or is gone
-  Broken   // reset, cut off within a message, or given up because of what the peer sent
+  Closed,  // the client closed the connection or exited
+  Broken   // the connection was reset or cut off within a message, or the session rejected a message
 };
 
-// Carries out what one client asks, message by message, until the connection ends. `socket` is a connected stream
-// socket, which stays the caller's; shutting it down from another thread ends the session. Null exports nothing: every
-// message is then answered with an error.
+// Serves one client on the calling thread: carries out its calls on `exported` in order, until the connection ends.
+// `socket` is a connected stream socket, which the caller keeps and closes. Shutting it down from another thread ends
+// the session. If `exported` is null, every call is answered with an error.
 //
-// What a client can make this process do is bounded: memory for large messages is shared by all sessions; no message is
-// read while the client leaves earlier replies unread; calls that the client never finishes end the session, and so
-// does whatever a client of this protocol has no cause to send.
+// Clients are not trusted:
+// - All sessions share one budget of memory for large messages.
+// - The session reads no message while the client leaves earlier replies unread.
+// - Too many unfinished calls end the session, and so does any message that this protocol does not need.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported);
 
 }  // namespace orvane

@@ -16,14 +16,14 @@
 namespace orvane {
 namespace {
 
-// What the library's own readers take.
+// The limit of the library's own stream readers.
 constexpr uint32_t kMaximumSegments = 512;
 
-// Messages up to this size wait for each other, as long as they are no more than this together.
+// The capacity of the outbox. Larger messages are sent without being copied.
 constexpr size_t kOutboxBytes = 32768;
 
-// The frame of a message (capnproto.org/encoding.html, "Serialization over a stream"): 32-bit words, little-endian; the
-// number of segments less one, the size of each segment in words, and padding to a whole word.
+// A message starts with a frame of 32-bit little-endian numbers (capnproto.org/encoding.html, "Serialization over a
+// stream"): the number of segments minus one, the size of each segment in words, and padding to a 64-bit word.
 constexpr size_t frame_bytes(uint32_t segments) { return (segments / 2 + 1) * sizeof(capnp::word); }
 
 uint32_t little_endian(const kj::byte* bytes) {
@@ -34,7 +34,7 @@ void append_little_endian(std::vector<kj::byte>& bytes, uint32_t number) {
   for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<kj::byte>(number >> shift));
 }
 
-// The library takes this one to mean that the peer is gone.
+// The library recognises a lost connection by the type DISCONNECTED.
 [[noreturn]] void fail_read(int error) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::DISCONNECTED, __FILE__, __LINE__,
                                         kj::str("the connection failed: ", std::strerror(error))));
@@ -48,11 +48,11 @@ void refuse_message(const char* reason) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(reason)));
 }
 
-// A message on its way out.
+// The unsent part of a message: its frame and its segments.
 struct ControlStream::Outgoing {
   std::vector<kj::byte> frame;
   std::vector<iovec> pieces;
-  size_t first = 0;  // of the pieces that are not sent yet
+  size_t first = 0;  // index of the first piece that is not completely sent
 
   void add(const void* bytes, size_t length) { pieces.push_back({const_cast<void*>(bytes), length}); }
   size_t size() const {
@@ -60,7 +60,7 @@ struct ControlStream::Outgoing {
     for (size_t i = first; i < pieces.size(); ++i) bytes += pieces[i].iov_len;
     return bytes;
   }
-  void sent(size_t bytes) {
+  void removeSent(size_t bytes) {
     while (first < pieces.size() && bytes >= pieces[first].iov_len) bytes -= pieces[first++].iov_len;
     if (bytes == 0) return;
     pieces[first].iov_base = static_cast<char*>(pieces[first].iov_base) + bytes;
@@ -73,11 +73,11 @@ void ControlStream::take(kj::byte* to, size_t bytes) {
   taken_ += bytes;
 }
 
-// The number of bytes that were there; 0 at the end of the stream, and when there are none yet.
+// Receives up to `bytes` bytes and returns their number. 0 means the end of the stream, unless *wouldBlock is set.
 size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
   *wouldBlock = std::exchange(drained_, false);
   if (*wouldBlock) return 0;
-  flush();  // the peer may be waiting for it
+  flush();  // the peer may wait for our output before it sends more
   ssize_t received;
   do {
     received = recv(socket_, to, bytes, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
@@ -87,12 +87,12 @@ size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
     *wouldBlock = true;
     return 0;
   }
-  // Less than was asked for is all there was. To ask again before waiting would be a call for nothing.
+  // A short read has emptied the socket, so the next call would only return EAGAIN.
   drained_ = received > 0 && static_cast<size_t>(received) < bytes;
   return static_cast<size_t>(received);
 }
 
-// Waits until the buffer holds that many bytes. False when the stream ended before.
+// Waits until the buffer holds that many bytes. False if the stream ends first.
 kj::Promise<bool> ControlStream::fill(size_t bytes) {
   if (buffered() == 0) {
     taken_ = filled_ = 0;
@@ -131,8 +131,8 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage
                                                                                  capnp::ReaderOptions options,
                                                                                  kj::ArrayPtr<capnp::word>) {
   return fill(sizeof(capnp::word))
-      .then([this, options](bool there) -> kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> {
-        if (!there) {
+      .then([this, options](bool complete) -> kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> {
+        if (!complete) {
           if (buffered() > 0) refuse_message(kCutOff);
           return kj::Maybe<capnp::MessageReaderAndFds>();
         }
@@ -142,12 +142,12 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage
       });
 }
 
-// Reads on from a frame's first word, which is in the buffer.
+// Reads a message whose first frame word is in the buffer.
 kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_t tableBytes,
                                                                            capnp::ReaderOptions options) {
   return fill(tableBytes)
-      .then([this, tableBytes, options](bool there) {
-        if (!there) refuse_message(kCutOff);
+      .then([this, tableBytes, options](bool complete) {
+        if (!complete) refuse_message(kCutOff);
         uint64_t words = tableBytes / sizeof(capnp::word);
         for (uint32_t i = 0, segments = tableEntry(0) + 1; i < segments; ++i) words += tableEntry(1 + i);
         if (words > kMaximumMessageWords) refuse_message("a message is too large");
@@ -161,14 +161,14 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_
       });
 }
 
-// Reads a whole message, its frame included, whose beginning is in the buffer.
+// Reads a message of `words` words, including its frame, which is in the buffer.
 kj::Promise<kj::Own<capnp::MessageReader>> ControlStream::readWords(uint64_t words, capnp::ReaderOptions options) {
   auto message = kj::heapArray<capnp::word>(words);
   auto bytes = message.asBytes();
-  // What fits into the buffer goes by it, so that whatever comes behind is read in the same call.
+  // A small message is read through the buffer, so that one system call can also read the messages after it.
   bool small = bytes.size() <= buffer_.size();
-  auto arrived = small ? fill(bytes.size()).then([this, bytes](bool there) mutable {
-    if (!there) refuse_message(kCutOff);
+  auto arrived = small ? fill(bytes.size()).then([this, bytes](bool complete) mutable {
+    if (!complete) refuse_message(kCutOff);
     take(bytes.begin(), bytes.size());
   })
                        : kj::Promise<void>(kj::READY_NOW);
@@ -210,7 +210,7 @@ void ControlStream::post(const Outgoing& outgoing) {
   }
   if (isFlushing_) return;
   isFlushing_ = true;
-  // Once nothing else is to be done in this thread: until then, more may come.
+  // evalLast runs when the event loop has nothing else to do. Messages that are written before then join this flush.
   flushing_ = kj::evalLast([this] { return flushAll(); })
                   .then([this] {
                     isFlushing_ = false;
@@ -230,7 +230,7 @@ kj::Promise<void> ControlStream::whenFlushed() {
   return kj::mv(flushed.promise);
 }
 
-// True when nothing is left to be sent.
+// Sends the outbox without waiting. True when it is empty.
 bool ControlStream::flush() {
   if (flushed_ < outbox_.size()) {
     Outgoing outgoing;
@@ -245,7 +245,7 @@ bool ControlStream::flush() {
   return true;
 }
 
-// Sends what the system takes. True when nothing is left.
+// Sends as much as the socket accepts without waiting. True when nothing is left.
 bool ControlStream::sendSome(Outgoing& outgoing) {
   while (outgoing.first < outgoing.pieces.size()) {
     msghdr header{};
@@ -256,7 +256,7 @@ bool ControlStream::sendSome(Outgoing& outgoing) {
     if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
     unwritable_ = sent < 0;
     if (unwritable_) return true;
-    outgoing.sent(static_cast<size_t>(sent));
+    outgoing.removeSent(static_cast<size_t>(sent));
     KJ_IF_MAYBE (progress, progress_) (*progress)(static_cast<size_t>(sent));
   }
   return true;
@@ -277,7 +277,7 @@ kj::Promise<void> ControlStream::writeMessages(
 
 kj::Promise<void> ControlStream::end() {
   if (isFlushing_) return whenFlushed().then([this] { return end(); });
-  shutdown(socket_, SHUT_WR);  // fails where the peer is gone already
+  shutdown(socket_, SHUT_WR);  // fails if the peer is gone already
   return kj::READY_NOW;
 }
 

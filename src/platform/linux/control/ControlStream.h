@@ -9,29 +9,28 @@
 
 #include "platform/linux/control/SocketEventPort.h"
 
-// The byte stream beneath the control channel: Cap'n Proto messages in the standard framing, over a Unix-domain socket.
+// The byte stream of the control channel: Cap'n Proto messages in the standard framing, over a Unix-domain socket.
 namespace orvane {
 
-// Ends the reading of a stream, with a reason for the log: throws a kj::Exception.
+// Rejects the message that is being read: throws a kj::Exception whose description is the reason.
 [[noreturn]] void refuse_message(const char* reason);
 
-// Both ends of the channel read and write through this. System calls are what a small message costs, so few are made:
-// reads fill a buffer, and small messages that are written one after the other leave together, before the thread waits
-// for anything. A message's memory is only asked for once its frame has been found sound, and the system only provides
-// what the peer really sends. File descriptors that a peer attaches are dropped by the system.
+// Both ends of the channel read and write through this class. System calls dominate the cost of a small message, so
+// there are few: a read fills a buffer, and consecutive small messages are sent together before the thread waits. A
+// message's memory is allocated after its frame has been checked, and the kernel provides pages only for bytes that
+// arrive. The kernel drops file descriptors that the peer attaches.
 //
-// A read ends with nothing where the peer closed the stream between two messages, and with an exception where the
-// stream broke or what came is no message. A write never fails: what a peer that is gone does not take is dropped, and
-// the reads tell how it went. Belongs to the thread of its event loop.
+// A read returns nothing if the peer closed the stream between two messages. It throws if the connection failed or a
+// message is malformed. A write never fails: after the peer is gone, output is dropped and the reads report the end.
+// Belongs to the thread of its event loop.
 class ControlStream final : public capnp::MessageStream {
  public:
-  // Called before the memory for a message of this many words is asked for; the read goes on once the promise is
-  // fulfilled.
+  // Called before a message of this many words is allocated. The read continues when the promise is fulfilled.
   using Admission = kj::Function<kj::Promise<void>(uint64_t words)>;
-  // Called with the number of bytes that the system took.
+  // Called with the number of bytes that were sent.
   using Progress = kj::Function<void(size_t bytes)>;
 
-  // The socket stays the caller's, who closes it after the stream is gone.
+  // The caller keeps the socket and closes it after the stream is destroyed.
   ControlStream(SocketEventPort& port, int socket) : port_(port), socket_(socket) {}
 
   void setAdmission(Admission admission) { admission_ = kj::mv(admission); }
@@ -75,11 +74,11 @@ class ControlStream final : public capnp::MessageStream {
 
   std::array<kj::byte, 32768> buffer_;
   size_t taken_ = 0, filled_ = 0;
-  bool drained_ = false;  // by the read before: nothing is there yet
+  bool drained_ = false;  // the last receive emptied the socket
 
-  std::vector<kj::byte> outbox_;  // small messages that are not sent yet, from `flushed_` on
+  std::vector<kj::byte> outbox_;  // small messages; those before `flushed_` have been sent
   size_t flushed_ = 0;
-  bool isFlushing_ = false;  // until all of them are sent
+  bool isFlushing_ = false;  // until the whole outbox is sent
   kj::Promise<void> flushing_ = nullptr;
   kj::Maybe<kj::Own<kj::PromiseFulfiller<void>>> flushedFulfiller_;
   bool unwritable_ = false;

@@ -23,7 +23,7 @@ bool SocketEventPort::wait() {
   uint64_t forever = UINT64_MAX;
   uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);
   pollFor(timeout == forever ? -1 : static_cast<int>(timeout));
-  return false;  // no other thread wakes this one
+  return false;  // no other thread wakes this port
 }
 
 bool SocketEventPort::poll() {
@@ -35,7 +35,7 @@ void SocketEventPort::pollFor(int milliseconds) {
   pollfd watched{socket_, 0, 0};
   if (reading_ != nullptr) watched.events |= POLLIN | POLLRDHUP;
   if (writing_ != nullptr) watched.events |= POLLOUT;
-  // An end is reported whether it is asked for or not, and would keep a thread busy that awaits a timer alone.
+  // poll() reports POLLHUP even if no events are requested. A thread that waits for a timer alone would spin on it.
   if (watched.events == 0) watched.fd = -1;
   if (::poll(&watched, 1, milliseconds) > 0) {
     constexpr int kFailure = POLLHUP | POLLERR | POLLNVAL;

@@ -5,16 +5,16 @@
 
 namespace orvane {
 
-// What an event loop waits for when its thread serves one socket: that socket, and timers. With a single descriptor
-// plain poll(2) does, and does better than the library's own port: it takes no further descriptors, leaves SIGPIPE
-// alone, wakes only for what is awaited, and lets the system run both ends of a local conversation on one processor.
+// The event port of a thread that serves one socket: it waits for that socket and for timers. poll(2) is enough for one
+// descriptor and has advantages over the library's own port: it needs no further descriptors, leaves SIGPIPE alone, and
+// wakes only for awaited events. It also lets the scheduler run both ends of a local connection on one processor.
 class SocketEventPort final : public kj::EventPort {
  public:
   explicit SocketEventPort(int socket);
 
-  // Fulfilled when a read will not block: there are bytes, the end, or an error. Each by one at a time.
+  // Fulfilled when a read will not block: bytes, the end of the stream, or an error are there. One caller at a time.
   kj::Promise<void> whenReadable() { return await(&reading_); }
-  // The same for a write.
+  // Fulfilled when a write will not block. One caller at a time.
   kj::Promise<void> whenWritable() { return await(&writing_); }
   kj::Timer& timer() { return timer_; }
 

@@ -7,12 +7,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "platform/Log.h"
 #include "platform/linux/base/Descriptor.h"
@@ -23,37 +26,37 @@
 namespace orvane {
 namespace {
 
-// Clients served at a time. Further ones wait until one leaves.
+// Clients that are served at the same time. Further clients wait in the socket's queue.
 constexpr size_t kMaximumConnections = 64;
 
-// The sockets of the clients that a listener serves.
+// The sockets of the clients that a listener serves, known by their descriptors. Thread-safe.
 class ClientSockets {
  public:
-  // Waits for room. False when the listener is being torn down.
+  // Waits until a client may be added. False after close().
   bool awaitRoom() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return closing_ || sockets_.size() < kMaximumConnections; });
     return !closing_;
   }
 
-  // Keeps the socket until it is removed. Returns its number.
+  // Keeps the socket open until remove(). Returns its descriptor.
   int add(Descriptor socket) {
     std::lock_guard lock(mutex_);
-    int number = socket.get();
-    sockets_.emplace(number, std::move(socket));
-    if (closing_) shutdown(number, SHUT_RDWR);
-    return number;
+    int descriptor = socket.get();
+    sockets_.emplace(descriptor, std::move(socket));
+    if (closing_) shutdown(descriptor, SHUT_RDWR);
+    return descriptor;
   }
 
-  // Ends whatever is served on the socket, if it still is.
-  void shutDown(int number) {
+  // Ends the session on the socket, unless it was removed.
+  void shutDown(int descriptor) {
     std::lock_guard lock(mutex_);
-    if (sockets_.contains(number)) shutdown(number, SHUT_RDWR);
+    if (sockets_.contains(descriptor)) shutdown(descriptor, SHUT_RDWR);
   }
 
-  void remove(int number) {
+  void remove(int descriptor) {
     std::lock_guard lock(mutex_);
-    sockets_.erase(number);
+    sockets_.erase(descriptor);
     changed_.notify_all();
   }
 
@@ -62,14 +65,16 @@ class ClientSockets {
     return closing_;
   }
 
+  // Ends all sessions, and each that is added later.
   void close() {
     std::lock_guard lock(mutex_);
     closing_ = true;
-    for (const auto& [number, socket] : sockets_) shutdown(number, SHUT_RDWR);
+    for (const auto& [descriptor, socket] : sockets_) shutdown(descriptor, SHUT_RDWR);
     changed_.notify_all();
   }
 
-  void awaitNone() {
+  // Waits until every socket is removed.
+  void awaitEmpty() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return sockets_.empty(); });
   }
@@ -103,7 +108,7 @@ class Connection final : public NSXPCConnection {
     try {
       std::thread([self] { self->serve(); }).detach();
     } catch (const std::system_error& error) {
-      ORVANE_LOG_ERROR(default_log(), "cannot serve a control connection: no thread: %s", error.what());
+      ORVANE_LOG_ERROR(default_log(), "cannot start a thread for a control connection: %s", error.what());
       end(SessionEnd::Broken);
     }
   }
@@ -111,7 +116,7 @@ class Connection final : public NSXPCConnection {
   void setInvalidationHandler(std::function<void()> handler) override { setHandler(SessionEnd::Closed, handler); }
   void setInterruptionHandler(std::function<void()> handler) override { setHandler(SessionEnd::Broken, handler); }
 
-  // Ends a connection that is refused, and one that was accepted without being activated: nobody will do it later.
+  // Ends a connection that the delegate rejected or did not activate.
   void close() {
     if (activated_.exchange(true)) {
       clients_->shutDown(socket_);
@@ -155,7 +160,7 @@ class Connection final : public NSXPCConnection {
     if (due) due();
   }
 
-  // The handler for an end that has come and is not reported yet, when it is there.
+  // The handler to call now: the session has ended, its handler is set, and the end was not reported yet. Else null.
   std::function<void()> takeHandler() {
     if (!ended_ || reported_) return nullptr;
     auto& handler = *ended_ == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_;
@@ -164,9 +169,9 @@ class Connection final : public NSXPCConnection {
   }
 
   const std::shared_ptr<ClientSockets> clients_;
-  const int socket_;  // kept by clients_
+  const int socket_;  // owned by clients_
   std::atomic<bool> activated_{false};
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards the members below
   const Protocol* protocol_ = nullptr;
   Ref<OrvaneSECommunication> exportedObject_;
   std::function<void()> invalidationHandler_, interruptionHandler_;
@@ -194,29 +199,29 @@ class Listener final : public NSXPCListener {
     try {
       acceptor_ = std::thread([this] { acceptConnections(); });
     } catch (const std::system_error& cause) {
-      ORVANE_LOG_ERROR(default_log(), "the control channel is closed: no thread: %s", cause.what());
+      ORVANE_LOG_ERROR(default_log(), "the control channel is closed: cannot start a thread: %s", cause.what());
       socket_.reset();
     }
   }
 
  private:
-  // The process ends without this; a listener that is released ends its connections and what serves them.
+  // Ends the connections and waits for their threads.
   ~Listener() override {
     clients_->close();
     if (!acceptor_.joinable()) return;
     shutdown(socket_->descriptor(), SHUT_RDWR);  // wakes the acceptor
     acceptor_.join();
-    clients_->awaitNone();
+    clients_->awaitEmpty();
   }
 
   bool listen(std::string* error) {
     if (!name_.isString()) {
-      *error = "its service name is no string: " + name_.description();
+      *error = "the service name is not a string: " + name_.description();
       return false;
     }
-    std::optional<ServerSocket> place = server_socket(std::string(name_.asString()), error);
-    if (!place) return false;
-    std::optional<ListenerSocket> socket = ListenerSocket::create(place->path, place->mode, error);
+    std::optional<ServerSocket> location = server_socket(std::string(name_.asString()), error);
+    if (!location) return false;
+    std::optional<ListenerSocket> socket = ListenerSocket::create(location->path, location->mode, error);
     if (socket) socket_.emplace(*std::move(socket));
     return socket_.has_value();
   }
@@ -227,7 +232,7 @@ class Listener final : public NSXPCListener {
       if (socket) {
         admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
       } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {
-        awaitResources(errno);
+        pauseAfterFailedAccept(errno);
       }
     }
   }
@@ -242,8 +247,8 @@ class Listener final : public NSXPCListener {
     if (!accepted || !connection->isActivated()) connection->close();
   }
 
-  // Descriptors or memory have run out. Connections wait in the system's queue meanwhile.
-  static void awaitResources(int error) {
+  // accept() fails like this when descriptors or memory have run out. New clients wait in the socket's queue.
+  static void pauseAfterFailedAccept(int error) {
     ORVANE_LOG_ERROR(default_log(), "cannot accept a control connection: %s", std::strerror(error));
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }

@@ -25,13 +25,13 @@ namespace {
 
 using namespace std::literals;
 
-// What other threads note and a test waits for.
+// A list that other threads append to and a test waits for.
 template <class T>
-class Notes {
+class Record {
  public:
-  void add(T note) {
+  void add(T entry) {
     std::lock_guard lock(mutex_);
-    all_.push_back(std::move(note));
+    all_.push_back(std::move(entry));
   }
   std::vector<T> all() {
     std::lock_guard lock(mutex_);
@@ -48,7 +48,7 @@ class Notes {
 };
 
 struct Exported final : OrvaneSECommunication {
-  Notes<std::pair<std::string, Value>> received;
+  Record<std::pair<std::string, Value>> received;
   std::function<void()> whenStopped = [this] { received.add({"stop", nullptr}); };
 
   void pingWithReply(const BooleanReply& reply) override { reply(true); }
@@ -69,7 +69,7 @@ struct Exported final : OrvaneSECommunication {
 
 struct Delegate final : NSXPCListenerDelegate {
   Ref<Exported> exported = Ref<Exported>::adopt(new Exported);
-  Notes<std::string> ends;
+  Record<std::string> ends;
   std::atomic<bool> handlersAreLate{false};
 
   bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
@@ -98,7 +98,7 @@ class XPC : public testing::Test {
   }
   std::unique_ptr<Client> client() const { return connect_client({.service = "", .socket = path_}); }
 
-  // A bare socket that is connected or bound to the service's path.
+  // A plain socket that `attach` (connect or bind) puts at the service's path.
   Descriptor attached(int (*attach)(int, const sockaddr*, socklen_t)) const {
     Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
@@ -124,7 +124,7 @@ std::string message_bytes(const std::function<void(capnp::rpc::Message::Builder)
   return {reinterpret_cast<const char*>(words.begin()), words.asBytes().size()};
 }
 
-// What a client sends first, and a call of a method on what it gets for that.
+// A client's first message, and a call of a method on the object that it requests.
 const std::string kOpen = message_bytes([](auto message) { message.initBootstrap().setQuestionId(0); });
 std::string call_bytes(uint16_t method, const std::function<void(control::Value::Builder)>& fill) {
   return message_bytes([&](auto message) {
@@ -138,22 +138,20 @@ std::string call_bytes(uint16_t method, const std::function<void(control::Value:
   });
 }
 
-// An array of so many elements that take no room in the message.
+// An array of elements that take no space in the message.
 void make_bomb(control::Value::Builder value, uint32_t elements) {
   value.initArray(1);
   capnp::AnyStruct::Builder(kj::mv(value)).getPointerSection()[0].initAsListOfAnyStruct(0, 0, elements);
 }
 
-TEST_F(XPC, EveryMessageArrivesWithItsArgumentsAMillionNamesToo) {
+TEST_F(XPC, DeliversEveryMessageWithItsArguments) {
   auto listener = listen();
   auto peer = client();
   std::vector<std::string> names(1'000'000);
   Value::Set million(names.size());
   for (size_t i = 0; i < names.size(); ++i) million.insert(Value::string(names[i] = std::to_string(i) + ".example"));
-  Value text = Value::string("example.org"), deep, set = Value::set({text}), number = Value::number(7);
+  Value text = Value::string("example.org"), set = Value::set({text}), number = Value::number(7);
   Value array = Value::array({text}), properties = Value::dictionary({{text, Value::date(5)}});
-  for (int i = 0; i < 40; ++i) deep = Value::array({deep});
-  EXPECT_THROW(peer->addHostname(deep), ClientError) << "the extension would refuse it";
   EXPECT_TRUE(peer->ping());
   EXPECT_FALSE(peer->appFilterState());
   EXPECT_EQ(peer->changesCount(), UINT64_MAX);
@@ -174,26 +172,41 @@ TEST_F(XPC, EveryMessageArrivesWithItsArgumentsAMillionNamesToo) {
       {"remove", number},           {"set", set},
       {"set", Value::set(million)}, {"properties", Value::array({properties, text})}};
   EXPECT_EQ(exported_.received.all(), expected);
+}
+
+TEST_F(XPC, RejectsDeeplyNestedArgumentsInTheClient) {
+  auto listener = listen();
+  auto peer = client();
+  Value deep;
+  for (int i = 0; i < 40; ++i) deep = Value::array({deep});
+  EXPECT_THROW(peer->addHostname(deep), ClientError);
+  EXPECT_TRUE(peer->ping()) << "the extension has ended the connection";
+}
+
+TEST_F(XPC, EndsItsConnectionsWithTheListener) {
+  auto listener = listen();
+  auto peer = client();
+  EXPECT_TRUE(peer->ping());
   listener = nullptr;
   EXPECT_THROW(peer->ping(), ClientError);
 }
 
-// Each ends its own connection, in the way that belongs to it and once, is never delivered, and harms no other.
-TEST_F(XPC, WhatAPeerDoesEndsItsConnectionAlone) {
+// Nothing of a broken message is delivered, and other connections stay.
+TEST_F(XPC, ReportsHowEachConnectionEnded) {
   auto listener = listen();
   auto bystander = client();
   std::string wild = call_bytes(7, [](auto value) { value.setString("x"); });
-  wild[wild.size() - 13] = 0x7f;  // the pointer to the string, which is the last word, leads far out
+  wild[wild.size() - 13] = 0x7f;  // the pointer to the string, which is the last word, points outside the message
   struct {
     const char* what;
     std::string sent;
     const char* end = "interrupted";
   } cases[] = {
       {"nothing", "", "invalidated"},
-      {"a library's farewell", message_bytes([](auto message) { message.initAbort(); }), "invalidated"},
+      {"an abort message", message_bytes([](auto message) { message.initAbort(); }), "invalidated"},
       {"half a frame", kOpen.substr(0, 5)},
       {"half a message", kOpen.substr(0, kOpen.size() - 1)},
-      {"more segments than a number holds", std::string("\xff\xff\xff\xff\0\0\0\0", 8)},
+      {"a segment count that overflows", std::string("\xff\xff\xff\xff\0\0\0\0", 8)},
       {"too large a message", std::string("\0\0\0\0\0\0\0\2", 8)},
       {"a wild pointer", kOpen + wild},
       {"a small bomb", kOpen + call_bytes(7, [](auto value) { make_bomb(value, 1000); })},
@@ -217,7 +230,7 @@ TEST_F(XPC, WhatAPeerDoesEndsItsConnectionAlone) {
   EXPECT_TRUE(bystander->ping());
 }
 
-TEST_F(XPC, UnreadRepliesStopTheReadingAndAResetIsAnInterruption) {
+TEST_F(XPC, StopsReadingWhileRepliesAreUnread) {
   auto listener = listen();
   Descriptor peer = attached(connect);
   timeval patience{1, 0};
@@ -228,28 +241,32 @@ TEST_F(XPC, UnreadRepliesStopTheReadingAndAResetIsAnInterruption) {
   size_t calls = 0;
   EXPECT_TRUE(send(peer, kOpen));
   while (calls < 2'000'000 && send(peer, burst)) calls += 100;
-  EXPECT_LT(calls, 50'000u) << "the flood is read to its end";
-  peer.reset();  // with replies unread
+  EXPECT_LT(calls, 50'000u);
+  peer.reset();  // the kernel resets a connection with unread replies
   EXPECT_TRUE(delegate_->ends.await({"interrupted"}));
 }
 
-TEST_F(XPC, ADeadSocketIsReplacedAndASecondListenerRefused) {
-  attached(bind);  // and closed: the socket stays behind
+TEST_F(XPC, ReplacesTheSocketOfAnEndedProcess) {
+  attached(bind);  // closed at once; the socket's file stays
   auto listener = listen();
-  EXPECT_EQ(errors(), 0) << "a dead socket is in the way";
-  listen();
-  EXPECT_EQ(errors(), 1) << "a second one listens";
+  EXPECT_EQ(errors(), 0);
   EXPECT_TRUE(client()->ping());
-  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0660}) << "the group is shut out";
+  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0660});
 }
 
-TEST_F(XPC, ANameThatCannotBeASocketsListensNowhere) {
-  for (const auto& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(150, 'x')}) {
-    listen(Value::string(name));
-    EXPECT_EQ(errors(), 1) << name;
-  }
-  listen(nullptr);
+TEST_F(XPC, RejectsASecondListener) {
+  auto listener = listen();
+  listen();
   EXPECT_EQ(errors(), 1);
+  EXPECT_TRUE(client()->ping());
+}
+
+TEST_F(XPC, RejectsServiceNamesThatAreNoFileNames) {
+  for (const Value& name : {Value::string(""), Value::string("."), Value::string(".."), Value::string("a/b"),
+                            Value::string("a\0b"sv), Value::string(std::string(150, 'x')), Value()}) {
+    listen(name);
+    EXPECT_EQ(errors(), 1) << name.description();
+  }
 }
 
 }  // namespace
