@@ -26,8 +26,8 @@ constexpr size_t kPolicyLimit = size_t{1} << 20;
 constexpr const char* kOurFile = "orvane-se.json";
 constexpr const char* kHttp3Preference = "network.http.http3.enable";
 
-// From Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (the second folder is that of
-// Ubuntu's builds), and the makers' pages on policies for Edge, Brave and Firefox.
+// Sources: Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (Ubuntu's builds read the
+// second folder), and the vendors' pages on policies for Edge, Brave and Firefox.
 constexpr std::array kPlaces = {
     PolicyPlace{"Chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed", kOurFile},
     PolicyPlace{"Chromium of Ubuntu", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed", kOurFile},
@@ -37,8 +37,8 @@ constexpr std::array kPlaces = {
     PolicyPlace{"Firefox", BrowserFamily::Firefox, "/etc/firefox/policies", "policies.json"},
 };
 
-// The folders that lead to a place and may be ours, the innermost first: all but /etc and /etc/opt, which are the
-// system's.
+// The folders on the path to a place that we may create or remove, the innermost first. /etc and /etc/opt belong to the
+// system.
 std::vector<std::string> folders_of(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders;
   for (fs::path folder = place.folder; folder != "/etc" && folder != "/etc/opt"; folder = folder.parent_path()) {
@@ -49,7 +49,7 @@ std::vector<std::string> folders_of(const PolicyPlace& place, const std::string&
 
 enum class Found { Nothing, Ours, Foreign };
 
-// A file is ours when it is, byte for byte, what we write. A link is somebody's arrangement, whatever it leads to.
+// A file is ours if it is byte for byte what we write. A symbolic link never is, whatever it points to.
 Found find_file(const PolicyPlace& place, const std::string& path, std::string& text) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? Found::Nothing : Found::Foreign;
@@ -60,7 +60,7 @@ Found find_file(const PolicyPlace& place, const std::string& path, std::string& 
   return ours ? Found::Ours : Found::Foreign;
 }
 
-// Empty when it went well, else the reason. Readable for everybody whatever the umask: browsers run as users.
+// Returns the reason of a failure, or an empty text. chmod() undoes the umask: every user's browser must read these.
 std::string make_folders(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders = folders_of(place, root);
   std::error_code error;
@@ -82,9 +82,10 @@ void remove_empty_folders(const PolicyPlace& place, const std::string& root) {
   }
 }
 
-// In one step, so that no browser reads half a file. Empty when it went well, else the reason.
+// Replaces the file in one step, so that no browser reads half a file. Returns the reason of a failure, or an empty
+// text.
 std::string replace_file(const std::string& path, const std::string& text) {
-  // Beside the folder, not in it: Chromium takes every file in there for policies, whatever its name.
+  // Beside the folder, because Chromium reads every file in it as a policy, whatever its name.
   const fs::path folder = fs::path(path).parent_path().parent_path();
   const std::string temporary = (folder / (".orvane-se.new-" + std::to_string(::getpid()))).string();
   Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
@@ -124,7 +125,7 @@ PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   return {&place, PolicyChange::Outcome::Done, {}};
 }
 
-// The member at the end of a path of names; null when there is none.
+// The member at the end of a path of names; null when it does not exist.
 const Json* member(const Json& value, std::initializer_list<const char*> names) {
   const Json* found = &value;
   for (const char* name : names) {
@@ -149,7 +150,7 @@ void read_chromium_policies(const Json& json, const std::string& path, PolicyInF
 
 void read_firefox_policies(const Json& json, const std::string& path, PolicyInForce& result) {
   const Json* http3 = member(json, {"policies", "Preferences", kHttp3Preference});
-  // Either the value alone, which is locked then, or an object that says how firmly it is set.
+  // Firefox accepts a bare value, which is locked, or an object with a status.
   const Json* value = http3 != nullptr && http3->is_object() ? member(*http3, {"Value"}) : http3;
   const Json* status = http3 != nullptr ? member(*http3, {"Status"}) : nullptr;
   const bool locked = http3 != nullptr && (!http3->is_object() || (status != nullptr && *status == "locked"));
@@ -173,7 +174,7 @@ std::vector<std::string> policy_files(const PolicyPlace& place, const std::strin
     std::error_code ignored;
     if (it->is_regular_file(ignored)) files.push_back(it->path().string());
   }
-  std::sort(files.begin(), files.end());  // where two differ, the later one counts (tried with Chromium 156)
+  std::sort(files.begin(), files.end());  // the last file wins (seen with Chromium 156)
   return files;
 }
 

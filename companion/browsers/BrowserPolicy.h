@@ -7,47 +7,47 @@
 
 namespace orvane {
 
-// The folder that all paths below stand in, where it is no test's.
-inline constexpr const char* kThisMachine = "";
+// Managed policies: files by which the machine's administrator sets browsers for all users. They switch off what hides
+// host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
 
-// Files of managed policies with which the machine's administrator switches off in browsers what the filter does not
-// see: HTTP/3 and, on request, DNS over HTTPS. All paths here stand below a root folder, "" for the machine's own.
+// The root folder of the machine. Tests pass a folder of theirs.
+inline constexpr const char* kThisMachine = "";
 
 enum class BrowserFamily { Chromium, Firefox, Other };
 
-// One place that browsers read policies from. A browser of Chromium's family reads every file of a folder; Firefox
-// reads one file, which we share with whoever else wants something of it.
+// A folder from which a browser reads policies. A browser of Chromium's family reads every file in it. Firefox reads
+// one file, which other programs may have written.
 struct PolicyPlace {
   const char* browser;
   BrowserFamily family;
   const char* folder;  // without a trailing slash
-  const char* file;    // ours, in that folder
+  const char* file;    // the file in it that install_policies() writes
 
   std::string path() const;
 };
 
-// The places that the browsers' makers document. Vivaldi and Opera document none.
+// The folders that browser vendors document. Vivaldi and Opera document none.
 std::span<const PolicyPlace> policy_places();
 
-// What we write there.
+// The content of our file.
 std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps);
 
-// What the policies say, ours and others'. Nothing where they leave it to the user.
+// The settings of all policy files of one browser, ours and others. Nothing where the choice is the user's.
 struct PolicyInForce {
   std::optional<bool> http3;
-  std::string http3File;                    // the file that says so
+  std::string http3File;                    // the file that sets it
   std::optional<std::string> dnsOverHttps;  // "off", "automatic", "secure"
   std::string dnsOverHttpsFile;
-  std::vector<std::string> unreadable;  // files that are no policies: what browsers make of them is not known
+  std::vector<std::string> unreadable;  // files that cannot be read or are not JSON objects
 };
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root);
 
-// What became of one place.
+// The result for one place.
 struct PolicyChange {
   enum class Outcome {
-    Done,     // written, or removed
-    Nothing,  // was as it should be
-    Foreign,  // there is a file that is not as we write it: left alone
+    Done,     // written or removed
+    Nothing,  // already as wanted
+    Foreign,  // left alone: the file differs from everything that we write
     Failed,
   };
   const PolicyPlace* place;
@@ -55,10 +55,10 @@ struct PolicyChange {
   std::string reason;  // of a failure
 };
 
-// Writes our file at each place, with the folders that lead there. One of ours that says something else is replaced.
+// Writes our file at each place and creates missing folders. Replaces our file if its content differs.
 std::vector<PolicyChange> install_policies(const std::string& root, bool withoutDnsOverHttps);
 
-// Removes our files, and the folders that became empty by it.
+// Removes our files, and folders that this leaves empty.
 std::vector<PolicyChange> remove_policies(const std::string& root);
 
 }  // namespace orvane

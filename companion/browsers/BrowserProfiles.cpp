@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 
-#include <algorithm>
-#include <array>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -16,23 +14,7 @@ namespace fs = std::filesystem;
 
 constexpr size_t kSettingsLimit = size_t{32} << 20;
 
-// The folder of a Chromium's profiles in a folder of settings, by a part of the browser's identifier.
-struct ChromiumFolder {
-  std::string_view part;
-  std::string_view folder;
-};
-constexpr std::array kChromiumFolders = {
-    ChromiumFolder{"chromium", "chromium"},   ChromiumFolder{"chrome", "google-chrome"},
-    ChromiumFolder{"edge", "microsoft-edge"}, ChromiumFolder{"brave", "BraveSoftware/Brave-Browser"},
-    ChromiumFolder{"vivaldi", "vivaldi"},     ChromiumFolder{"opera", "opera"},
-};
-
-std::string lower(std::string text) {
-  for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
-  return text;
-}
-
-// The argument behind the name in the last line `user_pref("NAME", ARGUMENT);`. Firefox writes one line each.
+// The value in the last line `user_pref("NAME", VALUE);`. Firefox writes each preference on its own line.
 std::string_view preference(std::string_view text, std::string_view name) {
   const std::string start = "user_pref(\"" + std::string(name) + "\", ";
   size_t found = text.rfind(start);
@@ -41,7 +23,7 @@ std::string_view preference(std::string_view text, std::string_view name) {
   return rest.substr(0, rest.find(");"));
 }
 
-// Where the profiles' folders stand: in a home directory, in a Flatpak's or a Snap's.
+// The folders that contain Firefox's profile folders. Flatpaks and snaps have theirs in folders of their own.
 std::vector<std::string> firefox_folders(const InstalledBrowser& browser, const std::string& home) {
   switch (browser.package) {
     case BrowserPackage::Flatpak: {
@@ -57,12 +39,8 @@ std::vector<std::string> firefox_folders(const InstalledBrowser& browser, const 
 }
 
 std::string chromium_folder(const InstalledBrowser& browser, const std::string& home) {
-  const std::string identifier = lower(browser.identifier);
-  auto known = std::find_if(kChromiumFolders.begin(), kChromiumFolders.end(), [&](const ChromiumFolder& folder) {
-    return identifier.find(folder.part) != std::string::npos;
-  });
-  if (known == kChromiumFolders.end()) return {};
-  const std::string folder(known->folder);
+  const std::string folder(browser.profileFolder);
+  if (folder.empty()) return {};
   if (browser.package == BrowserPackage::Flatpak) return home + "/.var/app/" + browser.identifier + "/config/" + folder;
   if (browser.package == BrowserPackage::Snap) return home + "/snap/" + browser.identifier + "/common/" + folder;
   return home + "/.config/" + folder;
@@ -74,8 +52,8 @@ BrowserProfile parse_firefox_preferences(std::string_view text) {
   BrowserProfile profile;
   std::string_view http3 = preference(text, "network.http.http3.enable");
   if (http3 == "true" || http3 == "false") profile.http3 = http3 == "true";
-  // 2: it first, then the system's resolver; 3: it alone; 5: off by choice. 0 leaves it to what Firefox's makers roll
-  // out by region.
+  // 2: DNS over HTTPS first, then the system's resolver; 3: DNS over HTTPS only; 5: off. 0 means the default, which
+  // Mozilla sets by region (doh-rollout.mode).
   std::string_view mode = preference(text, "network.trr.mode");
   if (mode.empty() || mode == "0") mode = preference(text, "doh-rollout.mode");
   if (mode == "2") profile.dnsOverHttps = "automatic";
@@ -92,7 +70,7 @@ BrowserProfile parse_chromium_state(std::string_view text) {
   const Pointer mode("/dns_over_https/mode"), experiments("/browser/enabled_labs_experiments");
   if (state.contains(mode) && state[mode].is_string()) profile.dnsOverHttps = state[mode].get<std::string>();
   if (state.contains(experiments) && state[experiments].is_array()) {
-    // A choice in chrome://flags: the first is "Enabled", the second "Disabled".
+    // Choices in chrome://flags: 1 is "Enabled", 2 is "Disabled".
     for (const auto& experiment : state[experiments]) {
       if (experiment == "enable-quic@1") profile.http3 = true;
       if (experiment == "enable-quic@2") profile.http3 = false;

@@ -9,19 +9,19 @@
 
 namespace orvane {
 
-// What a person has set in a browser, in one of their profiles. Nothing where the browser's own choice holds.
+// A user's settings in one browser profile. Nothing where the browser's default applies.
 struct BrowserProfile {
-  std::string path;  // the file of settings
+  std::string path;  // the file with the settings
   std::optional<bool> http3;
-  std::optional<std::string> dnsOverHttps;  // "off", "automatic" (where it can be had), "secure" (nothing else)
+  std::optional<std::string> dnsOverHttps;  // "off", "automatic" (if possible), "secure" (always)
 };
 
-// The values of the last user_pref() of these names in Firefox's prefs.js.
+// Reads Firefox's prefs.js. Of several lines for one preference, the last one counts.
 BrowserProfile parse_firefox_preferences(std::string_view text);
-// Chromium's "Local State", a JSON object. What is none says nothing.
+// Reads Chromium's "Local State", a JSON object. Any other text gives an empty profile.
 BrowserProfile parse_chromium_state(std::string_view text);
 
-// The profiles of a browser below a home directory.
+// The profiles of a browser in a home directory.
 std::vector<BrowserProfile> browser_profiles(const InstalledBrowser& browser, const std::string& home);
 
 }  // namespace orvane

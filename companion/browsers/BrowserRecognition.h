@@ -7,14 +7,14 @@
 
 namespace orvane {
 
-// Why the package's extension takes no program for a browser, and so lets everything pass.
+// Why the package's extension recognises no browser and so lets everything pass.
 struct RecognitionFault {
   std::string text;
-  bool isInForce;  // no: the file was changed since the extension's start, which reads it
+  bool isInForce;  // false if the file changed after the extension read it, at its start
 };
 
-// Looks at the list of browsers in the package's bundle. Nothing where there is no fault, no package, or where another
-// extension than the package's is asked.
+// Checks the browser list in the package's bundle. Returns nothing when it is valid, when the package is not installed,
+// and when `client` names a socket, which may be another extension's.
 std::optional<RecognitionFault> recognition_fault(const ClientOptions& client);
 
 }  // namespace orvane

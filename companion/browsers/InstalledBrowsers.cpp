@@ -24,27 +24,27 @@ namespace fs = std::filesystem;
 constexpr size_t kEntryLimit = size_t{1} << 20;
 constexpr std::string_view kGroup = "Desktop Entry";
 
-// Browsers that are told by a part of their identifiers, in lower case, and the folders where they read policies. The
-// first that fits counts.
+// Browsers whose family is known. The first entry whose part occurs in a browser's identifier counts.
 struct KnownBrowser {
-  std::string_view part;
+  std::string_view part;  // in lower case
   BrowserFamily family;
-  std::string_view folder;  // empty when none is documented
+  std::string_view policyFolder;   // empty when none is documented
+  std::string_view profileFolder;  // as in InstalledBrowser
 };
 constexpr std::array kKnownBrowsers = {
-    KnownBrowser{"firefox", BrowserFamily::Firefox, "/etc/firefox/policies"},
-    KnownBrowser{"chromium-browser", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed"},
-    KnownBrowser{"chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed"},
-    KnownBrowser{"chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed"},
-    KnownBrowser{"edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed"},
-    KnownBrowser{"brave", BrowserFamily::Chromium, "/etc/brave/policies/managed"},
-    KnownBrowser{"vivaldi", BrowserFamily::Chromium, ""},
-    KnownBrowser{"opera", BrowserFamily::Chromium, ""},
-    KnownBrowser{"librewolf", BrowserFamily::Firefox, ""},
-    KnownBrowser{"waterfox", BrowserFamily::Firefox, ""},
-    KnownBrowser{"floorp", BrowserFamily::Firefox, ""},
-    KnownBrowser{"zen_browser", BrowserFamily::Firefox, ""},
-    KnownBrowser{"torbrowser", BrowserFamily::Firefox, ""},
+    KnownBrowser{"firefox", BrowserFamily::Firefox, "/etc/firefox/policies", ""},
+    KnownBrowser{"chromium-browser", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed", "chromium"},
+    KnownBrowser{"chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed", "chromium"},
+    KnownBrowser{"chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed", "google-chrome"},
+    KnownBrowser{"edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed", "microsoft-edge"},
+    KnownBrowser{"brave", BrowserFamily::Chromium, "/etc/brave/policies/managed", "BraveSoftware/Brave-Browser"},
+    KnownBrowser{"vivaldi", BrowserFamily::Chromium, "", "vivaldi"},
+    KnownBrowser{"opera", BrowserFamily::Chromium, "", "opera"},
+    KnownBrowser{"librewolf", BrowserFamily::Firefox, "", ""},
+    KnownBrowser{"waterfox", BrowserFamily::Firefox, "", ""},
+    KnownBrowser{"floorp", BrowserFamily::Firefox, "", ""},
+    KnownBrowser{"zen_browser", BrowserFamily::Firefox, "", ""},
+    KnownBrowser{"torbrowser", BrowserFamily::Firefox, "", ""},
 };
 
 std::string lower(std::string text) {
@@ -54,25 +54,26 @@ std::string lower(std::string text) {
 
 std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// The path with all links resolved. Empty when there is nothing there.
+// The path with all links resolved. Empty when it does not exist.
 std::string resolve(const std::string& path) {
   std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), std::free);
   return resolved ? resolved.get() : "";
 }
 
-// Fills in what is known of browsers by their identifiers.
+// Sets the family and the policy folder by the identifier.
 void classify(InstalledBrowser& browser) {
   std::string identifier = lower(browser.identifier);
-  // Ubuntu's snap reads the folder of the package that it took the place of.
+  // Ubuntu's snap replaced the package chromium-browser and reads that package's policy folder.
   if (browser.package == BrowserPackage::Snap && identifier == "chromium") identifier = "chromium-browser";
   auto known = std::find_if(kKnownBrowsers.begin(), kKnownBrowsers.end(), [&](const KnownBrowser& candidate) {
     return identifier.find(candidate.part) != std::string::npos;
   });
   if (known == kKnownBrowsers.end()) return;
   browser.family = known->family;
-  if (browser.package == BrowserPackage::Flatpak) return;  // it has an /etc of its own
+  browser.profileFolder = known->profileFolder;
+  if (browser.package == BrowserPackage::Flatpak) return;  // a Flatpak does not see the machine's /etc
   for (const PolicyPlace& place : policy_places()) {
-    if (place.folder == known->folder) browser.place = &place;
+    if (place.folder == known->policyFolder) browser.place = &place;
   }
 }
 
@@ -130,7 +131,7 @@ class Search {
     auto snap = key_file_value(entry, kGroup, "X-SnapInstanceName");
     if (snap || program.starts_with("/snap/bin/")) {
       browser.package = BrowserPackage::Snap;
-      // As in a path of the snap's own; the command of one that has several is SNAP.COMMAND.
+      // A snap with several commands names them SNAP.COMMAND. snap_of_path() knows which snap names are valid.
       std::string name = snap ? std::string(*snap) : file_name(program);
       browser.identifier = snap_of_path("/snap/" + name.substr(0, name.find('.')) + "/current").value_or(name);
       return;
@@ -154,8 +155,8 @@ class Search {
     return {};
   }
 
-  // The program that runs a script, links resolved: it is what the process is then known by. Empty for other programs,
-  // and for a shell's script, which is there to start the browser itself.
+  // The interpreter of a script, links resolved, because the extension sees the interpreter's name. Empty for a program
+  // that is not a script, and for a shell script, which only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
     auto start = read_file_start(AT_FDCWD, path.c_str(), 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};
@@ -181,7 +182,7 @@ class Search {
 
 }  // namespace
 
-bool BrowserList::counts(std::string_view identifier) const {
+bool BrowserList::recognises(std::string_view identifier) const {
   return std::any_of(endings.begin(), endings.end(),
                      [&](const std::string& ending) { return identifier.ends_with(ending); });
 }
@@ -190,7 +191,7 @@ BrowserList read_browser_list(const std::string& bundle) {
   constexpr size_t kListLimit = 1024;
   BrowserList list;
   list.path = bundle + "/Contents/Resources/Browsers.plist";
-  // Where it is a link, the file to be edited.
+  // Messages name the file that a user has to edit, not a link to it.
   if (std::string file = resolve(list.path); !file.empty()) list.path = std::move(file);
   auto text = read_file_start(AT_FDCWD, list.path.c_str(), kListLimit + 1, Links::Follow);
   if (!text) {
@@ -198,18 +199,18 @@ BrowserList read_browser_list(const std::string& bundle) {
     return list;
   }
   if (text->size() > kListLimit) {
-    list.fault = "has more than " + std::to_string(kListLimit) + " bytes, of which the extension reads no more";
+    list.fault = "has more than " + std::to_string(kListLimit) + " bytes; the extension reads no more";
     return list;
   }
   const Value value = parse_property_list(*text);
   if (!value.isArray()) {
-    list.fault = "is no property list with an array in it";
+    list.fault = "is not a property list with an array";
     return list;
   }
   for (const Value& element : value.asArray()) {
     if (element.isString() && !element.asString().empty()) list.endings.emplace_back(element.asString());
   }
-  if (list.endings.empty()) list.fault = "names no browser";
+  if (list.endings.empty()) list.fault = "contains no browser";
   return list;
 }
 

@@ -10,39 +10,40 @@
 
 namespace orvane {
 
-// The list by which the extension tells browsers from other programs: a property list in its bundle.
+// The list of browser identifiers by which the extension recognises browsers: a property list in its bundle.
 struct BrowserList {
   std::string path;
   std::vector<std::string> endings;  // an application whose identifier ends with one of these is a browser
-  std::string fault;                 // why the extension has no list; empty when it has one
+  std::string fault;                 // why the extension cannot use the list; empty when it can
 
-  bool counts(std::string_view identifier) const;
+  bool recognises(std::string_view identifier) const;
 };
 
-// Where the package has the extension's bundle.
+// The bundle of the package's extension.
 inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
 
-// Reads BUNDLE/Contents/Resources/Browsers.plist as the extension does: no more than 1024 bytes of it.
+// Reads BUNDLE/Contents/Resources/Browsers.plist. A list over 1024 bytes is a fault: the extension reads no more.
 BrowserList read_browser_list(const std::string& bundle);
 
 enum class BrowserPackage { Program, Flatpak, Snap };
 
-// A browser that is installed: an application with the category WebBrowser.
+// An installed application with the category WebBrowser.
 struct InstalledBrowser {
   std::string name;        // as menus show it
   std::string entry;       // its desktop entry's path
-  std::string identifier;  // the bundle identifier by which the extension will know it; empty when there is none
+  std::string identifier;  // the bundle identifier that the extension sees; empty when the program does not exist
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
-  const PolicyPlace* place = nullptr;  // where it reads policies from; null when that is not known
+  const PolicyPlace* place = nullptr;   // where it reads policies; null when that is not documented
+  std::string_view profileFolder = {};  // of Chromium's family: relative to ~/.config or its like; empty when unknown
 };
 
-// All browsers that have a desktop entry in one of the folders, or in one of a person's own, which the extension does
-// not read: there a browser's identifier is the name of its program. Each identifier once, sorted by name.
+// All browsers with a desktop entry in `folders` or `ownFolders`, each identifier once, sorted by name. `ownFolders`
+// are a user's. The extension does not read those, so a browser there has its program's file name as its identifier.
 std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,
                                                  const std::vector<std::string>& ownFolders);
 
-// Folders of desktop entries below a home directory.
+// The folders of desktop entries in a home directory.
 std::vector<std::string> own_application_folders(const std::string& home);
 
 }  // namespace orvane

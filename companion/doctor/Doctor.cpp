@@ -16,7 +16,7 @@ namespace {
 
 using Result = Finding::Result;
 
-bool runs(const Facts& facts) { return facts.extension.running || !facts.processes.empty(); }
+bool is_running(const Facts& facts) { return facts.extension.running || !facts.processes.empty(); }
 
 Finding examine_unit(const UnitFacts& unit, const char* check) {
   Finding finding{check, unit.name, Result::Ok, unit.state, ""};
@@ -25,11 +25,11 @@ Finding examine_unit(const UnitFacts& unit, const char* check) {
     finding.found = "the service manager does not answer";
   } else if (!unit.installed) {
     finding.result = Result::Problem;
-    finding.found = "the service manager knows no such unit";
+    finding.found = "the service manager does not know this unit";
     finding.advice = "install the package orvane-se";
   } else if (!unit.running) {
     finding.result = Result::Problem;
-    finding.advice = "sudo systemctl start " + unit.name + "; why it ended: journalctl -u " + unit.name;
+    finding.advice = "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
   }
   return finding;
 }
@@ -38,17 +38,17 @@ Finding examine_denial(const Facts& facts) {
   const GroupFacts& group = facts.group;
   Finding finding{"answer", "", Result::Problem, facts.connection.socket + ": permission denied", ""};
   if (!group.exists) {
-    finding.found += "; there is no group orvane, whose members may connect";
-    finding.advice = "install the package orvane-se again";
+    finding.found += "; the group orvane, whose members may connect, does not exist";
+    finding.advice = "reinstall the package orvane-se";
   } else if (!group.listed) {
-    finding.found += "; " + group.user + " is no member of the group orvane";
+    finding.found += "; " + group.user + " is not a member of the group orvane";
     finding.advice = access_advice(group.user);
   } else if (!group.inForce) {
-    finding.found += "; " + group.user + " is a member of the group orvane, but was not yet at this login";
-    finding.advice = "log out and in again; for this shell alone: newgrp orvane";
+    finding.found += "; " + group.user + " joined the group orvane after this login";
+    finding.advice = "log out and in again, or for this shell only: newgrp orvane";
   } else {
-    finding.found += ", though " + group.user + " is a member of the group orvane";
-    finding.advice = "look at the permissions of the socket and its folder: ls -la " +
+    finding.found += ", although " + group.user + " is a member of the group orvane";
+    finding.advice = "check the permissions of the socket and its folder: ls -la " +
                      facts.connection.socket.substr(0, facts.connection.socket.rfind('/'));
   }
   return finding;
@@ -63,17 +63,17 @@ Finding examine_connection(const Facts& facts) {
     case Outcome::Denied:
       return examine_denial(facts);
     case Outcome::Silent:
-      return {"answer", "", Result::Problem, socket + ": it takes the connection, but does not answer",
+      return {"answer", "", Result::Problem, socket + ": the extension accepts the connection, but does not answer",
               "sudo systemctl restart orvane-se.service"};
     case Outcome::Refused:
-      return {"answer", "", Result::Problem, socket + ": nobody listens: the extension that made it is gone",
+      return {"answer", "", Result::Problem, socket + ": nobody listens on the socket: its extension has ended",
               "sudo systemctl restart orvane-se.service"};
     case Outcome::NoSocket:
       break;
   }
-  return {"answer", "", Result::Problem, "there is no socket: looked for " + socket,
-          runs(facts) ? "journalctl -u orvane-se.service says why it does not listen"
-                      : "sudo systemctl start orvane-se.service"};
+  return {"answer", "", Result::Problem, "the extension has no socket: tried " + socket,
+          is_running(facts) ? "to see why it does not listen: journalctl -u orvane-se.service"
+                            : "sudo systemctl start orvane-se.service"};
 }
 
 void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
@@ -82,14 +82,14 @@ void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
   for (pid_t process : facts.processes) numbers += (numbers.empty() ? "" : ", ") + std::to_string(process);
   findings.push_back({"processes", "", Result::Problem,
                       counted(facts.processes.size(), "extension", "extensions") + " run at once (processes " +
-                          numbers + "): only one can have the packets, and commands may reach the other",
+                          numbers + "): only one of them gets the packets, and commands may reach the other",
                       "end those that the service manager did not start"});
 }
 
 struct Capability {
   int number;  // linux/capability.h
   const char* name;
-  const char* without;
+  const char* consequence;  // of its absence
 };
 constexpr std::array kCapabilities = {
     Capability{12, "CAP_NET_ADMIN", "nothing is filtered"},
@@ -102,40 +102,43 @@ void examine_capabilities(const Facts& facts, std::vector<Finding>& findings) {
   if (facts.process == 0) return;
   if (!facts.capabilities) {
     findings.push_back({"capabilities", "", Result::Unknown,
-                        "process " + std::to_string(facts.process) + " cannot be looked into", "run this as root"});
+                        "process " + std::to_string(facts.process) + " does not show its capabilities",
+                        "run this as root"});
     return;
   }
   std::string missing, consequences;
   for (const Capability& capability : kCapabilities) {
     if ((*facts.capabilities >> capability.number & 1) != 0) continue;
     missing += (missing.empty() ? "" : ", ") + std::string(capability.name);
-    consequences += (consequences.empty() ? "" : "; ") + std::string(capability.without);
+    consequences += (consequences.empty() ? "" : "; ") + std::string(capability.consequence);
   }
   if (missing.empty()) {
-    findings.push_back({"capabilities", "", Result::Ok, "it has the four that it needs", ""});
+    findings.push_back({"capabilities", "", Result::Ok, "the extension has all four", ""});
     return;
   }
   const bool filters = (*facts.capabilities >> kCapabilities.front().number & 1) != 0;
-  findings.push_back({"capabilities", "", filters ? Result::Warning : Result::Problem,
-                      missing + " missing: " + consequences,
-                      "start it as a service: the unit grants them; systemctl cat orvane-se.service shows changes"});
+  findings.push_back(
+      {"capabilities", "", filters ? Result::Warning : Result::Problem, missing + " missing: " + consequences,
+       "start it as a service: the unit grants them; to see local changes: systemctl cat orvane-se.service"});
 }
 
 Finding examine_programs(const Facts& facts) {
   if (facts.missingPrograms.empty()) return {"iptables", "", Result::Ok, "installed, for IPv4 and IPv6", ""};
   std::string missing;
   for (const std::string& program : facts.missingPrograms) missing += (missing.empty() ? "" : ", ") + program;
-  return {"iptables", "", Result::Problem, missing + " missing: the kernel's rules cannot be made",
+  return {"iptables", "", Result::Problem, missing + " missing: the extension cannot add its rules to the kernel",
           "sudo apt install iptables"};
 }
 
 Finding examine_kernel(const Facts& facts) {
   if (!facts.hasQueueTarget) {
-    return {"kernel", "", Result::Unknown, "nothing tells whether it can hand packets to a queue", "run this as root"};
+    return {"kernel", "", Result::Unknown, "support for packet queues (NFQUEUE) could not be checked",
+            "run this as root"};
   }
-  if (*facts.hasQueueTarget) return {"kernel", "", Result::Ok, "it can hand packets to a queue (NFQUEUE)", ""};
-  return {"kernel", "", Result::Problem, "it cannot hand packets to a queue (NFQUEUE): there is no module xt_NFQUEUE",
-          "use the distribution's kernel, and restart after an upgrade of it"};
+  if (*facts.hasQueueTarget) return {"kernel", "", Result::Ok, "it supports packet queues (NFQUEUE)", ""};
+  return {"kernel", "", Result::Problem,
+          "it does not support packet queues (NFQUEUE): the module xt_NFQUEUE is missing",
+          "use the distribution's kernel; after a kernel upgrade, restart the machine"};
 }
 
 // In how many of our tables a rule of OUTPUT leads to our chain, and in how many that is its first one.
@@ -156,32 +159,34 @@ Jumps find_jumps(std::string_view rules) {
 
 void examine_rules(const Facts& facts, std::vector<Finding>& findings) {
   if (facts.rules.empty()) {
-    findings.push_back({"rules", "", Result::Unknown, "the kernel shows its rules to root alone", "run this as root"});
+    findings.push_back({"rules", "", Result::Unknown, "the kernel shows its rules only to root", "run this as root"});
   }
   for (const RulesFacts& family : facts.rules) {
     Finding finding{"rules", family.program, Result::Ok, "the extension's rules are in place", ""};
     if (!family.rules) {
       finding.result = Result::Unknown;
       finding.found = "failed: " + family.error;
-    } else if (const Jumps jumps = find_jumps(*family.rules); !runs(facts)) {
+    } else if (const Jumps jumps = find_jumps(*family.rules); !is_running(facts)) {
       if (jumps.present == 0) continue;
       finding.result = Result::Warning;
-      finding.found = "rules of an extension that ended without a word are left; they let everything pass";
+      finding.found = "an extension that was killed left its rules behind; they let everything pass";
       finding.advice = "sudo systemctl start orvane-se.service";
     } else if (jumps.present < kOurTables) {
       finding.result = Result::Problem;
-      finding.found = "the extension's rules are not there, or not all of them";
-      finding.advice = "sudo systemctl restart orvane-se.service; journalctl -u orvane-se.service says more";
+      finding.found = "some or all of the extension's rules are missing";
+      finding.advice = "sudo systemctl restart orvane-se.service; for details: journalctl -u orvane-se.service";
     } else if (jumps.first < kOurTables) {
       finding.result = Result::Warning;
-      finding.found = "rules of another program stand before the extension's in OUTPUT";
-      finding.advice = "ask again in a second: the extension puts its own first; if it stays so, see journalctl";
+      finding.found = "rules of another program come before the extension's in OUTPUT";
+      finding.advice =
+          "run this again in a second, as the extension moves its rules to the front; if nothing changes: "
+          "journalctl -u orvane-se.service";
     }
     findings.push_back(std::move(finding));
   }
 }
 
-// Whether the list has our queue. A line begins with a queue's number, padded.
+// Whether nfnetlink_queue lists the extension's queue. Each line starts with a queue number, padded with spaces.
 bool has_queue(std::string_view queues) {
   while (!queues.empty()) {
     size_t end = queues.find('\n');
@@ -200,21 +205,21 @@ void examine_queue(const Facts& facts, std::vector<Finding>& findings) {
   if (!facts.queues) {
     if (!facts.asRoot) {
       findings.push_back(
-          {"queue", "", Result::Unknown, "the kernel shows its packet queues to root alone", "run this as root"});
-    } else if (runs(facts)) {
+          {"queue", "", Result::Unknown, "the kernel shows its packet queues only to root", "run this as root"});
+    } else if (is_running(facts)) {
       findings.push_back({"queue", "", Result::Problem, "the kernel has no packet queues",
                           "sudo systemctl restart orvane-se.service"});
     }
     return;
   }
   const bool bound = has_queue(*facts.queues);
-  if (bound && runs(facts)) {
+  if (bound && is_running(facts)) {
     findings.push_back({"queue", "", Result::Ok, name + " is served", ""});
   } else if (bound) {
     findings.push_back({"queue", "", Result::Problem, name + " belongs to another program",
-                        "end it, or no extension can filter; it is none that is named OrvaneSE"});
-  } else if (runs(facts)) {
-    findings.push_back({"queue", "", Result::Problem, name + " is served by nobody: all packets pass",
+                        "end that program: the extension needs this queue to filter"});
+  } else if (is_running(facts)) {
+    findings.push_back({"queue", "", Result::Problem, name + " has no program that serves it: all packets pass",
                         "sudo systemctl restart orvane-se.service"});
   }
 }
@@ -224,28 +229,27 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     findings.push_back({"list", "", result, std::move(found), std::move(advice)});
   };
   if (!facts.list) {
-    // Where the keeper does not run, its own line says so.
+    // When the keeper does not run, its own finding says so.
     if (facts.keeper.running || !facts.listError.empty()) {
-      add(Result::Unknown, facts.listError.empty() ? "the keeper has not told its state" : facts.listError, "");
+      add(Result::Unknown, facts.listError.empty() ? "the keeper has not written its state" : facts.listError, "");
     }
     return;
   }
   const KeeperState& state = *facts.list;
   if (state.listError) {
     add(Result::Problem, "the keeper cannot read it: " + *state.listError,
-        "mend " + state.listPath + "; the list that it read before still counts");
+        "correct " + state.listPath + "; until then the previous list is in force");
   }
   if (state.badLines > 0) {
-    add(Result::Warning,
-        counted(state.badLines, "line", "lines") + " of " + state.listPath + " not understood and not obeyed",
-        "orvanectl list names them");
+    add(Result::Warning, counted(state.badLines, "bad line", "bad lines") + " in " + state.listPath + " ignored",
+        "to see them: orvanectl list");
   }
   if (!state.connected) {
     add(Result::Problem, "the keeper has no connection to the extension: " + state.extensionError.value_or("none yet"),
-        "see the lines on the extension above");
+        "see the findings on the extension above");
   } else if (state.sentVersion != state.listVersion) {
     add(Result::Warning, "the keeper has not sent the newest version yet",
-        "ask again in a second; if it stays so: journalctl -u orvane-keeper.service");
+        "run this again in a second; if nothing changes: journalctl -u orvane-keeper.service");
   } else {
     std::string found =
         counted(state.sites, "site", "sites") + ", " + counted(state.sentNames, "name", "names") + " sent";
@@ -254,9 +258,9 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
   }
   if (state.changesOfOthers > 0) {
     add(Result::Warning,
-        "somebody else edited what the extension holds, " + counted(state.changesOfOthers, "time", "times") +
-            ": that is not in the list, and lasts until the extension ends",
-        "orvanectl block makes an edit that lasts");
+        counted(state.changesOfOthers, "edit", "edits") +
+            " by other clients: not in the list, and lost when the extension ends",
+        "for a lasting edit: orvanectl block");
   }
 }
 

@@ -14,78 +14,78 @@
 
 namespace orvane {
 
-// What was found out of one thing that must be right for hosts to be blocked.
+// The result of one check. All checks must be right for hosts to be blocked.
 struct Finding {
   enum class Result {
     Ok,
-    Warning,  // works, but not as well as it could, or not for ever
+    Warning,  // works, but not fully or not lastingly
     Problem,  // does not work
-    Unknown,  // could not be found out
+    Unknown,  // could not be checked
   };
-  std::string check;    // a word, the same from release to release
-  std::string subject;  // which of several things of a kind, such as a browser's name; empty where there is but one
+  std::string check;    // the check's identifier; releases do not change it, since scripts use it
+  std::string subject;  // for a check that is made of several things: which one, such as a browser's name
   Result result;
   std::string found;   // one line
-  std::string advice;  // one line: what to do; empty where there is nothing to be done
+  std::string advice;  // one line: what to do; may be empty
 };
 
-// What the service manager says of a unit.
+// The service manager's state of a unit.
 struct UnitFacts {
   std::string name;
-  bool known = false;      // the manager answered
-  bool installed = false;  // and has such a unit
+  bool known = false;      // the service manager answered
+  bool installed = false;  // it has this unit
   bool running = false;
-  std::string state;  // its words, "active (running)"
+  std::string state;  // as the service manager writes it: "active (running)"
 };
 
-// What became of an attempt to talk to the extension.
+// The result of connecting to the extension.
 struct ConnectionFacts {
   enum class Outcome { Answered, NoSocket, Refused, Denied, Silent };
   Outcome outcome = Outcome::NoSocket;
-  std::string socket;  // the path; all that were tried, where there is no socket
+  std::string socket;  // its path; for NoSocket, all paths that were tried
 };
 
-// How the person who asks stands to the group whose members may talk to the extension.
+// Whether the user belongs to the group whose members may connect to the extension.
 struct GroupFacts {
   std::string user;
   bool exists = false;
-  bool listed = false;   // the person is a member
-  bool inForce = false;  // and this process knows it: membership counts from the next login on
+  bool listed = false;   // the group database has the user as a member
+  bool inForce = false;  // this process has the group; it gets a new group at the next login only
 };
 
 // The kernel's rules of one address family, as text.
 struct RulesFacts {
-  std::string program;               // that printed them
-  std::optional<std::string> rules;  // nothing: could not be read
-  std::string error;                 // why
+  std::string program;               // the program that printed them
+  std::optional<std::string> rules;  // nothing when they could not be read
+  std::string error;                 // why they could not
 };
 
 struct BrowserFacts {
   InstalledBrowser browser;
-  PolicyInForce policy;                  // where it has a place for policies
-  std::vector<BrowserProfile> profiles;  // of the person who asks
+  PolicyInForce policy;                  // empty when the browser has no documented folder of policies
+  std::vector<BrowserProfile> profiles;  // of the user
 };
 
-// All that is looked at.
+// Everything that the checks need to know about the machine.
 struct Facts {
   bool asRoot = false;
   UnitFacts extension, keeper;
   ConnectionFacts connection;
   GroupFacts group;
   std::vector<pid_t> processes;          // extensions in this network namespace
-  pid_t process = 0;                     // the one that is looked at more closely; 0 for none
-  std::optional<uint64_t> capabilities;  // its effective ones, a bit each (capabilities(7))
+  pid_t process = 0;                     // the one whose details are below; 0 for none
+  std::optional<uint64_t> capabilities;  // its effective set, one bit for each (capabilities(7))
   std::vector<std::string> missingPrograms;
   std::optional<bool> hasQueueTarget;  // the kernel can hand packets to a queue
-  std::vector<RulesFacts> rules;       // empty where root alone may look
-  std::optional<std::string> queues;   // the kernel's list of packet queues
+  std::vector<RulesFacts> rules;       // empty unless run by root
+  std::optional<std::string> queues;   // /proc/net/netfilter/nfnetlink_queue; only root can read it
   std::optional<KeeperState> list;
-  std::string listError;  // why there is no state of the keeper's
+  std::string listError;  // why the keeper's state could not be read
   BrowserList browserList;
   std::vector<BrowserFacts> browsers;
 };
 
-// What the facts mean, in the order in which to put things right.
+// Turns the facts into findings, in the order in which a user should act on them.
 std::vector<Finding> examine(const Facts& facts);
 
 }  // namespace orvane

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "companion/text/Output.h"
 #include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
@@ -9,32 +10,32 @@ namespace {
 
 using Result = Finding::Result;
 
-constexpr const char* kHttp3Meaning = "a site visited before may be reached unfiltered";
-constexpr const char* kHttpsMeaning = "where it is on, Encrypted Client Hello may hide names from the filter";
+constexpr const char* kHttp3Risk = "a site visited before may be reached unfiltered";
+constexpr const char* kDnsOverHttpsRisk = "with it, Encrypted Client Hello may hide names from the filter";
 
 Finding examine_identity(const InstalledBrowser& browser, const BrowserList& list) {
   Finding finding{"browser", browser.name, Result::Ok, "", ""};
   if (browser.identifier.empty()) {
     finding.result = Result::Warning;
-    finding.found = "the program that its desktop entry names is not there";
-    finding.advice = "install it again, or remove " + browser.entry;
+    finding.found = "the program in its desktop entry does not exist";
+    finding.advice = "reinstall it, or remove " + browser.entry;
     return finding;
   }
   finding.found = "recognised as \"" + browser.identifier + '"';
-  if (list.counts(browser.identifier)) return finding;
+  if (list.recognises(browser.identifier)) return finding;
   finding.result = Result::Problem;
-  finding.found += ", which " + list.path + " does not name: it is not filtered";
+  finding.found += ", which is not in " + list.path + ": it is not filtered";
   finding.advice = runs_other_programs(browser.identifier)
-                       ? "use another browser: to name it would make a browser of every program that it runs"
-                       : "add it there (the file has at most 1024 bytes: take out what you do not need), and sudo "
-                         "systemctl restart orvane-se.service";
+                       ? "use another browser: adding this one would filter every program that it runs"
+                       : "add it there (at most 1024 bytes: remove browsers that you do not use), then sudo systemctl "
+                         "restart orvane-se.service";
   return finding;
 }
 
-// What holds in a browser: policy before profile. Several profiles may differ: the least favourable one counts.
+// A setting as the browser applies it. A policy overrides profiles; of several profiles, the least safe one counts.
 struct Setting {
-  std::string value;   // "on", "off" ...; empty: the browser's own choice
-  std::string source;  // file
+  std::string value;   // "on", "off" and others; empty for the browser's default
+  std::string source;  // the file that sets it
 };
 
 Setting http3_of(const BrowserFacts& facts) {
@@ -50,14 +51,14 @@ Setting http3_of(const BrowserFacts& facts) {
 Setting dns_of(const BrowserFacts& facts) {
   if (facts.policy.dnsOverHttps) return {*facts.policy.dnsOverHttps, facts.policy.dnsOverHttpsFile};
   Setting setting;
-  bool left = facts.profiles.empty();  // to the browser
+  bool isDefault = facts.profiles.empty();  // in at least one profile
   for (const BrowserProfile& profile : facts.profiles) {
-    if (!profile.dnsOverHttps) left = true;
+    if (!profile.dnsOverHttps) isDefault = true;
     if (profile.dnsOverHttps && (setting.value.empty() || setting.value == "off")) {
       setting = {*profile.dnsOverHttps, profile.path};
     }
   }
-  return left && setting.value == "off" ? Setting{} : setting;
+  return isDefault && setting.value == "off" ? Setting{} : setting;
 }
 
 std::string http3_advice(const InstalledBrowser& browser) {
@@ -72,10 +73,10 @@ Finding examine_http3(const BrowserFacts& facts) {
   if (setting.value == "off") return finding;
   finding.result = Result::Warning;
   if (setting.value == "on") {
-    finding.found = "switched on by " + setting.source + ": " + kHttp3Meaning;
-    finding.advice = "take that out of the policy";
+    finding.found = "switched on by " + setting.source + ": " + kHttp3Risk;
+    finding.advice = "remove that from the policy";
   } else {
-    finding.found = std::string("not switched off: ") + kHttp3Meaning;
+    finding.found = std::string("not switched off: ") + kHttp3Risk;
     finding.advice = http3_advice(facts.browser);
   }
   return finding;
@@ -89,10 +90,10 @@ Finding examine_dns(const BrowserFacts& facts) {
                                                   : "if that matters: switch it off in the browser's settings";
   if (setting.value.empty()) {
     finding.result = Result::Unknown;
-    finding.found = std::string("left to the browser: ") + kHttpsMeaning;
+    finding.found = std::string("the browser decides: ") + kDnsOverHttpsRisk;
   } else {
     finding.result = Result::Warning;
-    finding.found = "on (" + setting.value + ", by " + setting.source + "): " + kHttpsMeaning;
+    finding.found = "on (" + setting.value + ", by " + setting.source + "): " + kDnsOverHttpsRisk;
   }
   return finding;
 }
@@ -102,15 +103,16 @@ Finding examine_dns(const BrowserFacts& facts) {
 void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
   const BrowserList& list = facts.browserList;
   if (list.fault.empty()) {
-    findings.push_back({"browser-list", "", Result::Ok, std::to_string(list.endings.size()) + " browsers known", ""});
+    findings.push_back(
+        {"browser-list", "", Result::Ok, counted(list.endings.size(), "browser", "browsers") + " known", ""});
   } else {
     findings.push_back({"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
-                        "mend it (it has at most 1024 bytes); where it is gone, sudo apt install --reinstall -o "
+                        "correct it (at most 1024 bytes), or restore a missing file: sudo apt install --reinstall -o "
                         "Dpkg::Options::=--force-confmiss orvane-se; then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
-    findings.push_back({"browser", "", Result::Warning, "no browser is installed that has a desktop entry",
-                        "one that was unpacked from an archive is recognised by its program's file name"});
+    findings.push_back({"browser", "", Result::Warning, "no installed browser has a desktop entry",
+                        "a browser from an archive is recognised by its program's file name"});
   }
   for (const BrowserFacts& browser : facts.browsers) {
     if (list.fault.empty() || browser.browser.identifier.empty()) {
@@ -119,15 +121,15 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
     if (browser.browser.identifier.empty()) continue;
     if (browser.browser.family == BrowserFamily::Other) {
       findings.push_back({"http3", browser.browser.name, Result::Unknown,
-                          "nothing is known of HTTP/3 and DNS over HTTPS in this browser",
-                          "if its settings have them: switch both off"});
+                          "HTTP/3 and DNS over HTTPS cannot be checked in this browser",
+                          "switch both off in its settings, if it has them"});
       continue;
     }
     findings.push_back(examine_http3(browser));
     findings.push_back(examine_dns(browser));
     for (const std::string& file : browser.policy.unreadable) {
-      findings.push_back({"policy", browser.browser.name, Result::Warning, file + " is no policy that can be read",
-                          "mend or remove it: the browser may ignore it"});
+      findings.push_back({"policy", browser.browser.name, Result::Warning, file + " is not a valid policy file",
+                          "correct or remove it: the browser may ignore it"});
     }
   }
 }

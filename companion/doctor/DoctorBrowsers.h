@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// The part of examine() that is about browsers: whether each is recognised, and what it does that the filter cannot
-// see.
+// The part of examine() for browsers. Adds findings on whether each browser is recognised, and whether it uses HTTP/3
+// or DNS over HTTPS.
 void examine_browsers(const Facts& facts, std::vector<Finding>& findings);
 
 }  // namespace orvane

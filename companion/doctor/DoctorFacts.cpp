@@ -29,10 +29,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Where the service manager has the package's extension, and no user can put a process.
-constexpr const char* kServiceGroup = "/system.slice/orvane-se.service";
+// The cgroup of the package's extension. Only the service manager can put a process there.
+constexpr const char* kExtensionCgroup = "/system.slice/orvane-se.service";
 constexpr size_t kTextLimit = size_t{8} << 20;
-constexpr auto kPatience = std::chrono::seconds(2);
+constexpr auto kAnswerTimeout = std::chrono::seconds(2);
 
 std::optional<std::string> read_text(const std::string& path) {
   return read_file_start(AT_FDCWD, path.c_str(), kTextLimit, Links::Follow);
@@ -56,7 +56,7 @@ UnitFacts look_at_unit(const char* name) {
   return facts;
 }
 
-// 0, or what stands in the way of a connection.
+// Connects to a socket. Returns 0 or the errno. EAGAIN (a full backlog) counts as success, since somebody listens.
 int try_socket(const std::string& path) {
   Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!connection) return errno;
@@ -67,10 +67,11 @@ int try_socket(const std::string& path) {
 bool is_answered(const std::string& socket) {
   ClientOptions options;
   options.socket = socket;
-  return probe_extension(options, kPatience).answers;
+  return probe_extension(options, kAnswerTimeout).answers;
 }
 
-// As a client goes through the paths: the first that takes a connection; else what is more than absence.
+// Tries the same paths as a client, in the same order. Reports the first that accepts a connection; otherwise the first
+// error other than a missing socket.
 ConnectionFacts look_at_connection(const Examination& examination) {
   std::string error;
   std::vector<std::string> paths = examination.socket.empty() ? client_socket_paths(examination.service, &error)
@@ -124,8 +125,8 @@ std::optional<uint64_t> effective_capabilities(const std::string& status) {
   return error == std::errc() ? std::optional(capabilities) : std::nullopt;
 }
 
-// Extensions in the network namespace that we are in. Where that is not to be seen, they are taken to be. Any user may
-// call a process so: what is not the service manager's own counts only with the privilege to filter.
+// Finds the extensions in this network namespace, and those whose namespace cannot be read. Any user can give a process
+// the extension's name, so outside the service's cgroup only processes with CAP_NET_ADMIN count.
 void look_at_processes(Facts& facts) {
   const std::string table = "/proc";
   const std::string ownNamespace = read_link(table + "/self/ns/net");
@@ -134,7 +135,7 @@ void look_at_processes(Facts& facts) {
     if (read_text(folder + "/comm") != "OrvaneSE\n" || !ProcessInformation::open(process, table)) continue;
     const std::string itsNamespace = read_link(folder + "/ns/net");
     if (!itsNamespace.empty() && itsNamespace != ownNamespace) continue;
-    const bool isService = read_text(folder + "/cgroup").value_or("").find(kServiceGroup) != std::string::npos;
+    const bool isService = read_text(folder + "/cgroup").value_or("").find(kExtensionCgroup) != std::string::npos;
     const auto capabilities = effective_capabilities(read_text(folder + "/status").value_or(""));
     if (!isService && (capabilities.value_or(0) >> CAP_NET_ADMIN & 1) == 0) continue;
     facts.processes.push_back(process);
@@ -145,7 +146,7 @@ void look_at_processes(Facts& facts) {
   std::sort(facts.processes.begin(), facts.processes.end());
 }
 
-// As the extension asks: a kernel without IPv6 needs no rules for it.
+// The same check as the extension's: without IPv6 in the kernel it needs no IPv6 rules.
 bool has_ipv6() { return exists("/proc/thread-self/net/if_inet6"); }
 
 std::vector<std::string> missing_programs() {
@@ -153,13 +154,14 @@ std::vector<std::string> missing_programs() {
   std::vector<const char*> programs{"iptables-restore", "iptables-save"};
   if (has_ipv6()) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
   for (const char* program : programs) {
-    auto stands = [&](const char* folder) { return exists(std::string(folder) + '/' + program); };
-    if (!stands("/usr/sbin") && !stands("/sbin") && !stands("/usr/bin") && !stands("/bin")) missing.push_back(program);
+    auto isIn = [&](const char* folder) { return exists(std::string(folder) + '/' + program); };
+    if (!isIn("/usr/sbin") && !isIn("/sbin") && !isIn("/usr/bin") && !isIn("/bin")) missing.push_back(program);
   }
   return missing;
 }
 
-// In the kernel now, or to be loaded. Without the folder of the running kernel's modules nothing can be said.
+// Whether the NFQUEUE target is in the kernel, or in a module that can be loaded. Nothing when the running kernel's
+// folder of modules cannot be read.
 std::optional<bool> has_queue_target() {
   auto has = [](const std::optional<std::string>& text, const char* word) {
     return text && text->find(word) != std::string::npos;
@@ -188,7 +190,7 @@ std::vector<RulesFacts> look_at_rules() {
   return rules;
 }
 
-// The running extension's own, where it is to be seen; else the package's.
+// The bundle of the running extension. The package's when that cannot be read.
 std::string find_bundle(pid_t process) {
   if (process != 0) {
     const fs::path program = read_link("/proc/" + std::to_string(process) + "/exe");
@@ -198,7 +200,7 @@ std::string find_bundle(pid_t process) {
   return kPackageBundle;
 }
 
-// Of the person who asks, also through sudo(8).
+// The home directory of the user, also under sudo(8).
 std::string home_directory() {
   const char* caller = ::geteuid() == 0 ? std::getenv("SUDO_USER") : nullptr;
   const passwd* user = caller != nullptr ? ::getpwnam(caller) : ::getpwuid(::getuid());

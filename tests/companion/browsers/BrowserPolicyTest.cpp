@@ -11,6 +11,7 @@
 #include "companion/browsers/BrowserPolicy.h"
 #include "companion/browsers/BrowserProfiles.h"
 #include "companion/browsers/InstalledBrowsers.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
@@ -18,19 +19,10 @@ namespace {
 namespace fs = std::filesystem;
 using Outcome = PolicyChange::Outcome;
 
-// A root folder of the test's own, gone with it.
 class Browsers : public ::testing::Test {
  protected:
-  Browsers() {
-    char path[] = "/tmp/orvane-root-XXXXXX";
-    root = mkdtemp(path);
-  }
-  ~Browsers() override { fs::remove_all(root); }
-
   std::string write(const std::string& path, const std::string& text) {
-    fs::create_directories(fs::path(root + path).parent_path());
-    std::ofstream(root + path) << text;
-    return root + path;
+    return folder_.write(path.substr(1), text).string();
   }
   std::string read(const std::string& path) {
     std::ifstream file(root + path);
@@ -49,14 +41,14 @@ class Browsers : public ::testing::Test {
     return *std::find_if(places.begin(), places.end(), [&](auto& place) { return place.browser == browser; });
   }
 
-  std::string root;
+  const TemporaryFolder folder_;
+  const std::string root = folder_.path().string();
 };
 
-TEST_F(Browsers, LeavesNothingBehindAndUsersCanReadItUnderAnyUmask) {
+TEST_F(Browsers, RemovesAllThatItInstalled) {
   write("/etc/chromium/master_preferences", "{}");
   fs::create_directories(root + "/etc/opt");
   const std::set<fs::path> before = tree();
-  const mode_t mask = umask(077);
   for (bool withoutDns : {false, true, true}) {
     for (const PolicyChange& change : install_policies(root, withoutDns)) {
       EXPECT_NE(change.outcome, Outcome::Failed) << change.reason;
@@ -65,18 +57,23 @@ TEST_F(Browsers, LeavesNothingBehindAndUsersCanReadItUnderAnyUmask) {
       EXPECT_EQ(policy.dnsOverHttps, withoutDns ? std::optional<std::string>("off") : std::nullopt);
     }
   }
-  umask(mask);
   EXPECT_EQ(outcomeOf(install_policies(root, true), "Firefox"), Outcome::Nothing);
+  remove_policies(root);
+  EXPECT_EQ(tree(), before);
+}
+
+TEST_F(Browsers, InstallsPoliciesThatAllUsersCanReadUnderAnyUmask) {
+  const mode_t mask = umask(077);
+  install_policies(root, false);
+  umask(mask);
   for (const auto& entry : fs::recursive_directory_iterator(root + "/etc/opt/chrome")) {
     struct stat status;
     ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, entry.is_directory() ? 0755U : 0644U) << entry.path();
   }
-  remove_policies(root);
-  EXPECT_EQ(tree(), before);
 }
 
-TEST_F(Browsers, NeverTouchesWhatSomebodyElseWrote) {
+TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   const std::string theirs = R"({"policies": {"DisableTelemetry": true}})";
   write("/etc/firefox/policies/policies.json", theirs);
   write("/etc/brave/policies/managed/orvane-se.json", policy_text(BrowserFamily::Chromium, false) + " ");
@@ -90,16 +87,16 @@ TEST_F(Browsers, NeverTouchesWhatSomebodyElseWrote) {
     EXPECT_EQ(outcomeOf(removed, browser), Outcome::Foreign) << browser;
   }
   EXPECT_EQ(outcomeOf(installed, "Google Chrome"), Outcome::Failed);
-  EXPECT_EQ(outcomeOf(installed, "Microsoft Edge"), Outcome::Done) << "one failure must not end it";
+  EXPECT_EQ(outcomeOf(installed, "Microsoft Edge"), Outcome::Done) << "the places after a failure";
   EXPECT_EQ(read("/etc/firefox/policies/policies.json"), theirs);
   EXPECT_TRUE(fs::is_symlink(root + "/etc/chromium/policies/managed/orvane-se.json"));
   EXPECT_EQ(read("/etc/opt/edge/policies/managed/theirs"), "{}");
   EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
 }
 
-// Chromium takes every file of the folder, and the last in the alphabet has the last word. A preference of Firefox's
-// that is not locked is the user's to change.
-TEST_F(Browsers, TellsWhatBrowsersMakeOfOthersPolicies) {
+// Chromium reads every file of the folder, and the last in alphabetical order wins. A user can change a preference of
+// Firefox that is not locked.
+TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root, false);
   write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true, "DnsOverHttpsMode": "secure"})");
   write("/etc/chromium/policies/managed/aa.json", "{ half");
@@ -126,7 +123,7 @@ TEST_F(Browsers, TellsWhatBrowsersMakeOfOthersPolicies) {
   }
 }
 
-TEST_F(Browsers, FindsBrowsersByTheNamesThatTheExtensionWillSee) {
+TEST_F(Browsers, IdentifiesInstalledBrowsersAsTheExtensionDoes) {
   auto program = [&](const std::string& path, const std::string& text) {
     fs::permissions(write(path, text), fs::perms::owner_all);
     return root + path;
@@ -135,32 +132,33 @@ TEST_F(Browsers, FindsBrowsersByTheNamesThatTheExtensionWillSee) {
     write(path, "[Desktop Entry]\nType=Application\nName=" + name + "\n" + rest + "\n");
   };
   const std::string web = "\nCategories=Network;WebBrowser;";
-  const std::string interpreter = program("/bin/python3.11", "");
+  program("/bin/python3.11", "");
   program("/bin/chromium", "#!/bin/sh\n");
+  program("/bin/qute", "#!/usr/bin/env python3.11\n");
   entry("/apps/chromium.desktop", "Chromium", "Exec=chromium %U" + web);
-  entry("/apps/script.desktop", "Script", "Exec=" + program("/bin/qute", "#!" + interpreter + "\n") + web);
+  entry("/apps/script.desktop", "Script", "Exec=qute" + web);
   entry("/apps/flat.desktop", "Flat", "Exec=flatpak run x\nX-Flatpak=org.mozilla.firefox" + web);
   entry("/apps/snap.desktop", "Snap", "Exec=env A=b /snap/bin/chromium %U" + web);
   entry("/apps/gone.desktop", "Gone", "Exec=/nowhere/browser" + web);
   entry("/apps/editor.desktop", "Editor", "Exec=chromium\nCategories=WebBrowserless;");
-  entry("/own/unpacked.desktop", "Unpacked", "Exec=" + program("/home/firefox-bin", "ELF") + web);
+  entry("/own/unpacked.desktop", "Unpacked", "Exec=\"" + program("/home/firefox-bin", "ELF") + "\"" + web);
   ApplicationFolders folders;
   folders.entries = {root + "/apps"};
   folders.programs = {root + "/bin"};
   std::string found;
   for (const InstalledBrowser& browser : installed_browsers(folders, {root + "/own"})) {
     found += browser.name + "=" + browser.identifier + (browser.place ? std::string(" ") + browser.place->folder : "") +
-             "\n";
+             (browser.profileFolder.empty() ? "" : " ~" + std::string(browser.profileFolder)) + "\n";
   }
   EXPECT_EQ(found,
-            "Chromium=chromium /etc/chromium/policies/managed\n"
+            "Chromium=chromium /etc/chromium/policies/managed ~chromium\n"
             "Flat=org.mozilla.firefox\n"
             "Gone=\n"
             "Script=python3.11\n"
             "Unpacked=firefox-bin /etc/firefox/policies\n");
 }
 
-TEST_F(Browsers, CountsBrowsersAsTheExtensionDoes) {
+TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
   auto list = [&](const std::string& text) {
     write("/b/Contents/Resources/Browsers.plist", text);
     return read_browser_list(root + "/b");
@@ -170,8 +168,8 @@ TEST_F(Browsers, CountsBrowsersAsTheExtensionDoes) {
   };
   const BrowserList good = list(array("<string>firefox</string><string/><integer>7</integer>"));
   EXPECT_EQ(good.fault, "");
-  EXPECT_TRUE(good.counts("org.mozilla.firefox"));
-  EXPECT_FALSE(good.counts("firefox-esr"));
+  EXPECT_TRUE(good.recognises("org.mozilla.firefox"));
+  EXPECT_FALSE(good.recognises("firefox-esr"));
   for (const std::string& bad : {array("<string>firefox</string>") + std::string(1024, ' '), array("<string/>"),
                                  std::string("firefox\n"), std::string("<plist><dict/></plist>")}) {
     EXPECT_NE(list(bad).fault, "") << bad.substr(0, 80);
@@ -179,7 +177,7 @@ TEST_F(Browsers, CountsBrowsersAsTheExtensionDoes) {
   EXPECT_NE(read_browser_list(root + "/none").fault, "");
 }
 
-TEST(BrowserProfiles, AreReadAsTheBrowsersWriteThem) {
+TEST(BrowserProfiles, ReadSettingsAsBrowsersWriteThem) {
   auto text = [](const BrowserProfile& profile) {
     return std::string(!profile.http3 ? "?" : *profile.http3 ? "on" : "off") + " " + profile.dnsOverHttps.value_or("?");
   };

@@ -14,8 +14,8 @@ constexpr const char* kRules =
     "*mangle\n:OUTPUT ACCEPT [0:0]\n:ORVANE-OUTPUT - [0:0]\n-A OUTPUT -j ORVANE-OUTPUT\n-A OUTPUT -j OTHER\nCOMMIT\n"
     "*nat\n-A OUTPUT -j OTHER\nCOMMIT\n*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n";
 
-// A machine on which all is well, as root sees it.
-Facts sound() {
+// A machine without faults, as root sees it.
+Facts sound_machine() {
   Facts facts;
   facts.asRoot = true;
   facts.extension = {"orvane-se.service", true, true, true, "active (running)"};
@@ -42,30 +42,31 @@ Facts sound() {
   return facts;
 }
 
-TEST(Doctor, FindsNothingWhereAllIsWell) {
-  for (const Finding& finding : examine(sound())) {
+TEST(Doctor, ReportsOkForASoundMachine) {
+  for (const Finding& finding : examine(sound_machine())) {
     EXPECT_EQ(finding.result, Result::Ok) << finding.check << ": " << finding.found;
     EXPECT_EQ(finding.advice, "") << finding.check;
   }
 }
 
-TEST(Doctor, NamesEachFaultAndTheCure) {
+TEST(Doctor, ReportsEachFaultWithItsCure) {
   using Outcome = ConnectionFacts::Outcome;
   struct {
     const char* fault;
     std::function<void(Facts&)> make;
     const char* check;
     Result result;
-    const char* says;  // in what was found or the advice
+    const char* text;  // a part of what was found or of the advice
   } cases[] = {
       {"stopped", [](Facts& f) { f.extension.running = false; }, "service", Result::Problem, "systemctl start"},
       {"not installed", [](Facts& f) { f.keeper.installed = false; }, "keeper", Result::Problem, "install"},
       {"no systemd", [](Facts& f) { f.extension.known = false; }, "service", Result::Unknown, "does not answer"},
-      {"stale socket", [](Facts& f) { f.connection.outcome = Outcome::Refused; }, "answer", Result::Problem, "gone"},
+      {"stale socket", [](Facts& f) { f.connection.outcome = Outcome::Refused; }, "answer", Result::Problem,
+       "has ended"},
       {"hung", [](Facts& f) { f.connection.outcome = Outcome::Silent; }, "answer", Result::Problem, "restart"},
       {"stranger", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; },
        "answer", Result::Problem, "adduser anna orvane"},
-      {"not logged in anew", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; },
+      {"member since this login", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; },
        "answer", Result::Problem, "newgrp orvane"},
       {"two extensions",
        [](Facts& f) {
@@ -77,9 +78,9 @@ TEST(Doctor, NamesEachFaultAndTheCure) {
       {"no iptables", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }, "iptables", Result::Problem, "apt"},
       {"no NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }, "kernel", Result::Problem, "xt_NFQUEUE"},
       {"rules flushed", [](Facts& f) { f.rules[1].rules = "*mangle\nCOMMIT\n*filter\nCOMMIT\n"; }, "rules",
-       Result::Problem, "not there"},
-      {"one table alone", [](Facts& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; }, "rules",
-       Result::Problem, "not all"},
+       Result::Problem, "missing"},
+      {"rules in one table only", [](Facts& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; },
+       "rules", Result::Problem, "some or all"},
       {"a firewall ahead of ours",
        [](Facts& f) { f.rules[0].rules->insert(f.rules[0].rules->rfind("-A OUTPUT"), "-A OUTPUT -j ACCEPT\n"); },
        "rules", Result::Warning, "another program"},
@@ -89,12 +90,12 @@ TEST(Doctor, NamesEachFaultAndTheCure) {
        "root"},
       {"queue unserved", [](Facts& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }, "queue",
        Result::Problem, "all packets pass"},
-      {"bad lines", [](Facts& f) { f.list->badLines = 2; }, "list", Result::Warning, "2 lines"},
-      {"list not read", [](Facts& f) { f.list->listError = "no"; }, "list", Result::Problem, "still counts"},
+      {"bad lines", [](Facts& f) { f.list->badLines = 2; }, "list", Result::Warning, "2 bad lines"},
+      {"list not read", [](Facts& f) { f.list->listError = "no"; }, "list", Result::Problem, "previous list"},
       {"list not sent", [](Facts& f) { f.list->sentVersion.reset(); }, "list", Result::Warning, "newest"},
-      {"keeper alone", [](Facts& f) { f.list->connected = false; }, "list", Result::Problem, "no connection"},
-      {"edits beside", [](Facts& f) { f.list->changesOfOthers = 1; }, "list", Result::Warning, "1 time:"},
-      {"list of browsers too long", [](Facts& f) { f.browserList.fault = "is bad"; }, "browser-list", Result::Problem,
+      {"keeper not connected", [](Facts& f) { f.list->connected = false; }, "list", Result::Problem, "no connection"},
+      {"edits by others", [](Facts& f) { f.list->changesOfOthers = 1; }, "list", Result::Warning, "1 edit by"},
+      {"bad browser list", [](Facts& f) { f.browserList.fault = "is bad"; }, "browser-list", Result::Problem,
        "nothing is filtered"},
       {"unknown browser", [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }, "browser", Result::Problem,
        "add it there"},
@@ -113,19 +114,19 @@ TEST(Doctor, NamesEachFaultAndTheCure) {
          f.browsers[0].profiles = {{"/p", {}, "off"}, {"/q", {}, "secure"}};
        },
        "dns-over-https", Result::Warning, "secure, by /q"},
-      {"DNS over HTTPS left open", [](Facts& f) { f.browsers[0].policy.dnsOverHttps.reset(); }, "dns-over-https",
+      {"DNS over HTTPS by default", [](Facts& f) { f.browsers[0].policy.dnsOverHttps.reset(); }, "dns-over-https",
        Result::Unknown, "--no-doh"},
       {"a Flatpak's HTTP/3",
        [](Facts& f) { f.browsers[0].policy.http3.reset(), f.browsers[0].browser.place = nullptr; }, "http3",
        Result::Warning, "about:config"},
   };
   for (const auto& c : cases) {
-    Facts facts = sound();
+    Facts facts = sound_machine();
     c.make(facts);
     const std::vector<Finding> findings = examine(facts);
     EXPECT_TRUE(std::any_of(findings.begin(), findings.end(), [&](const Finding& finding) {
       return finding.check == c.check && finding.result == c.result &&
-             (finding.found + " -> " + finding.advice).find(c.says) != std::string::npos;
+             (finding.found + " -> " + finding.advice).find(c.text) != std::string::npos;
     })) << c.fault;
   }
 }
