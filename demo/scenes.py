@@ -117,7 +117,7 @@ def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
     time.sleep(3.5)
     table.note("the suspension has ended")
     stage.fetch(curl, _HTTPS_HELD, DROP)
-    stage.control("unblock", HELD, prints=f"{site}: taken off the list")
+    stage.control("unblock", HELD, prints=f"{site}: removed from the list")
     stage.fetch(curl, _HTTPS_HELD, ALLOW)
 
 

@@ -42,14 +42,14 @@ void print_table(const BlockList& list, Moment now) {
     names += siteNames;
     std::string line = site.host;
     line.resize(std::max(width, line.size()), ' ');
-    line += siteNames > 1 ? "  also www., m." : "  that very name";
+    line += siteNames > 1 ? "  with www., m." : "  this name only";
     if (site.isSuspended(now)) {
       ++suspended;
       line += "  " + coloured("suspended " + suspension_text(*site.until, now), Colour::Warning);
     }
     put(line + '\n');
   });
-  if (sites == 0) return put("The list is empty: orvanectl block HOST adds to it.\n");
+  if (sites == 0) return put("The list is empty. To add a site: orvanectl block HOST\n");
   std::string counts = counted(sites, "site", "sites") + ", " + counted(names, "name", "names");
   if (suspended > 0) counts += ", " + counted(suspended, "site suspended", "sites suspended");
   put(coloured(counts, Colour::Faint) + '\n');
@@ -74,8 +74,8 @@ void print_sites_json(const BlockList& list, Moment now) {
 
 void report_bad_lines(const BlockList& list, const std::string& path) {
   for (const auto& bad : list.badLines())
-    print_error("not obeyed: " + in_quotes(path) + ":" + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " +
-                bad.fault);
+    print_error("bad line ignored: " + in_quotes(path) + ":" + std::to_string(bad.line) + ": " + in_quotes(bad.text) +
+                ": " + bad.fault);
 }
 
 }  // namespace orvane

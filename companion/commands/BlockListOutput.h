@@ -7,20 +7,19 @@
 
 namespace orvane {
 
-// "example.com, with www.example.com and m.example.com"; a site without usual names is its name alone.
+// "example.com, with www.example.com and m.example.com", or the host alone for a site without usual names.
 std::string site_text(const BlockedSite& site);
 
-// {"host", "names", "usualNames", "suspended"}, and "until" where the site has one.
+// {"host", "names", "usualNames", "suspended"}, and "until" where the site has an end of suspension.
 nlohmann::json site_json(const BlockedSite& site, Moment now);
 
-// Where the sites go: a table with their number for a person, the lines of the list for a program, its names alone, or
-// JSON. All on standard output, a large list without a copy of it.
-void print_table(const BlockList& list, Moment now);
-void print_lines(const BlockList& list);
-void print_hosts(const BlockList& list);
+// Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.
+void print_table(const BlockList& list, Moment now);  // for people, with totals
+void print_lines(const BlockList& list);              // as lines of the list's file
+void print_hosts(const BlockList& list);              // one host a line
 void print_sites_json(const BlockList& list, Moment now);
 
-// One line on standard error for each bad line of the list's file.
+// Prints one error for each line of the list's file that cannot be read.
 void report_bad_lines(const BlockList& list, const std::string& path);
 
 }  // namespace orvane

@@ -9,26 +9,32 @@
 
 namespace orvane {
 
-// A command whose arguments have been read. Gives the exit code; throws InputError for what it refuses, any other
-// exception for what it cannot do.
+// The headings of the help text.
+inline constexpr const char* kListGroup = "The list (changes are permanent)";
+inline constexpr const char* kServiceGroup = "The services";
+inline constexpr const char* kExtensionGroup = "The running extension (changes last until it ends)";
+
+// A command with its arguments. Returns the exit code. Throws InputError for invalid input, any other exception when
+// the work fails.
 using Command = std::function<int()>;
 
-// Options that every command takes.
+// Options of every command.
 struct CommonOptions {
   ClientOptions client;
-  bool json = false;            // print results as JSON, for programs
-  std::string listPath;         // the machine's list, and what its keeper tells of itself, where the system has
-  std::string keeperStatePath;  // these
+  bool json = false;  // print results as JSON
+  // Only on systems with a keeper: the machine's list and the keeper's state file.
+  std::string listPath;
+  std::string keeperStatePath;
 };
 
-// The command line as it is being declared. Once it is parsed, `chosen` is the command to carry out.
+// The command line while it is declared. Parsing it sets `chosen` to the command to run.
 struct CommandSet {
   CLI::App& app;
   const CommonOptions& options;
   Command& chosen;
 
-  // A command `name` of `parent`, which is the whole program or a command with others beneath it. `group` is the
-  // heading in the help text that it stands under.
+  // Declares the command `name` below `parent`, which is the whole program or a group of commands. The help text lists
+  // it under the heading `group`.
   CLI::App* declare(CLI::App& parent, const char* group, const char* name, const char* description, Command command) {
     CLI::App* declared = parent.add_subcommand(name, description)->fallthrough()->group(group);
     declared->callback([&target = chosen, command = std::move(command)] { target = command; });
@@ -36,8 +42,7 @@ struct CommandSet {
   }
 };
 
-// Adds what one system has besides the commands that speak to a running extension: its own options and commands. The
-// options' values go to `options`, the same object as in `commands`.
+// Declares the options and commands that only this system has. `options` is the object that `commands` refers to.
 void declare_system_commands(CommandSet& commands, CommonOptions& options);
 
 }  // namespace orvane

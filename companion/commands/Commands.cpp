@@ -31,7 +31,7 @@
 namespace orvane {
 namespace {
 
-// What the command line gives, for the commands below.
+// The values of the command line.
 struct Arguments : CommonOptions {
   std::vector<std::string> hosts;
   std::string file;
@@ -43,9 +43,9 @@ struct Arguments : CommonOptions {
   std::vector<std::string> methodArguments;
 };
 
-using PlainCommand = int (*)(const Arguments&);
+using ExtensionCommand = int (*)(const Arguments&);
 
-// One result: its text, or an object with the one member.
+// Prints one result: as text, or as a JSON object with one member.
 void print_result(const Arguments& arguments, const char* member, const nlohmann::json& value,
                   const std::string& text) {
   if (arguments.json) {
@@ -55,7 +55,8 @@ void print_result(const Arguments& arguments, const char* member, const nlohmann
   }
 }
 
-// Reports what was refused; `source` is the file's name, or null where the names are arguments. True when all are good.
+// Reports the names that are not host names. `source` is the file's name, or null for arguments. True when all are
+// good.
 bool report_refusals(const HostnameList& list, const char* source) {
   for (const auto& refused : list.refused) {
     std::string where = source == nullptr ? "" : std::string(source) + ":" + std::to_string(refused.line) + ": ";
@@ -63,8 +64,8 @@ bool report_refusals(const HostnameList& list, const char* source) {
   }
   if (list.refusedCount == 0) return true;
   size_t total = list.refusedCount + list.names.size();
-  print_error("nothing sent: " + std::to_string(list.refusedCount) + " of " + std::to_string(total) +
-              " names refused: correct them and run the command again");
+  print_error("nothing was sent: " + std::to_string(list.refusedCount) + " of " + counted(total, "name", "names") +
+              " refused: correct the names above");
   return false;
 }
 
@@ -76,7 +77,7 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
 
 int ping(const Arguments& arguments) {
   if (!connect_client(arguments.client)->ping()) {
-    print_error("ping failed: the extension answered no: restart it");
+    print_error("ping failed: the extension answered \"no\": restart it");
     return kFailed;
   }
   print_result(arguments, "ping", true, "pong");
@@ -123,8 +124,8 @@ void print_progress(uint64_t sent, uint64_t total) {
   constexpr double kMegabyte = 1e6;
   std::fprintf(stderr, "\rsending: %.1f of %.1f MB", static_cast<double>(sent) / kMegabyte,
                static_cast<double>(total) / kMegabyte);
-  // The last stretch is the extension's work, not ours; its end is the command's end.
-  if (sent == total) std::fputs(", the extension takes the list over", stderr);
+  // After the last byte the extension still builds its table. The command ends when that is done.
+  if (sent == total) std::fputs(", the extension is loading the list", stderr);
   std::fflush(stderr);
 }
 
@@ -132,7 +133,7 @@ int set(const Arguments& arguments) {
   HostnameList list = parse_hostname_list(read_input(arguments.file));
   const char* source = arguments.file == "-" ? "standard input" : arguments.file.c_str();
   if (!report_refusals(list, source)) return kUsage;
-  // Fewer names are sent before a progress line could be read.
+  // Fewer names are sent too quickly for anybody to read the progress.
   constexpr size_t kLarge = 10000;
   bool showProgress = list.names.size() >= kLarge && isatty(STDERR_FILENO) == 1;
   struct EraseLine {
@@ -145,7 +146,7 @@ int set(const Arguments& arguments) {
   return kDone;
 }
 
-// The JSON is an argument, a file ("@FILE") or standard input ("-").
+// JSON from the argument, from a file ("@FILE") or from standard input ("-").
 Value given_properties(const Arguments& arguments) {
   if (arguments.until) return Value::dictionary({{Value::string(kDontBlockUntil), parse_time(*arguments.until)}});
   if (!arguments.properties) return Value();
@@ -166,8 +167,8 @@ bool flush_output() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 
 
 int watch(const Arguments& arguments) {
   auto client = connect_client(arguments.client);
-  // An interrupt is how a watch is meant to end. At once, also in the middle of a call that is never answered: nothing
-  // printed is held back.
+  // An interrupt is the normal end of a watch. Exit at once, even during a call that is never answered: all output is
+  // flushed already.
   for (int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { _exit(kDone); });
   std::optional<uint64_t> shown;
   while (flush_output()) {
@@ -177,7 +178,7 @@ int watch(const Arguments& arguments) {
     if (!flush_output()) break;
     std::this_thread::sleep_for(std::chrono::duration<double>(arguments.interval));
   }
-  return kDone;  // what stopped the output is reported with the output's end
+  return kDone;  // run_orvanectl() reports the output's error
 }
 
 int call(const Arguments& arguments) {
@@ -187,19 +188,19 @@ int call(const Arguments& arguments) {
   return kDone;
 }
 
-// The command line's parts are bound to `arguments`.
+// Parsing the command line fills `arguments`.
 void declare_commands(CommandSet& commands, Arguments& arguments) {
-  auto declare = [&](const char* name, const char* description, PlainCommand command) {
-    return commands.declare(commands.app, "The running extension (what they do lasts until it ends)", name, description,
+  auto declare = [&](const char* name, const char* description, ExtensionCommand command) {
+    return commands.declare(commands.app, kExtensionGroup, name, description,
                             [&arguments, command] { return command(arguments); });
   };
-  declare("ping", "Ask whether the extension answers; prints \"pong\"", ping);
+  declare("ping", "Check that the extension answers; prints \"pong\"", ping);
   declare("state", "Print the application filter's state: \"active\" or \"inactive\"", state);
   declare("changes", "Print how many edits the extension has received since its start", changes);
   declare("start", "Send the start command", start);
   declare("stop", "Send the stop command", stop);
 
-  const char* hosts = "Host names, in any spelling that a browser takes";
+  const char* hosts = "Host names, in any spelling that browsers accept";
   declare("add", "Block hosts until the extension ends", add)
       ->add_option("HOST", arguments.hosts, hosts)
       ->required()
@@ -214,38 +215,39 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
       ->type_name("");
 
   CLI::App* propertiesCommand =
-      declare("properties", "Replace a host's properties; without any, clear them", properties);
-  propertiesCommand->add_option("HOST", arguments.host, "A host that is blocked")->required()->type_name("");
-  auto* json =
-      propertiesCommand
-          ->add_option("JSON", arguments.properties, "An object; \"@FILE\" for a file's, \"-\" for standard input's")
-          ->type_name("");
+      declare("properties", "Replace a host's properties; without JSON, clear them", properties);
+  propertiesCommand->add_option("HOST", arguments.host, "A blocked host")->required()->type_name("");
+  auto* json = propertiesCommand
+                   ->add_option("JSON", arguments.properties,
+                                "A JSON object; \"@FILE\" reads it from a file, \"-\" from standard input")
+                   ->type_name("");
   propertiesCommand
       ->add_option("--dont-block-until", arguments.until, "Suspend until a time, as in 2030-01-31T18:00:00+01:00")
       ->type_name("TIME")
       ->excludes(json);
 
-  CLI::App* watchCommand = declare("watch", "Print the count of edits, now and whenever it has moved", watch);
-  watchCommand->add_option("--interval", arguments.interval, "Seconds between two looks")
+  CLI::App* watchCommand = declare("watch", "Print the number of edits, now and after each change", watch);
+  watchCommand->add_option("--interval", arguments.interval, "Seconds between two requests")
       ->check(CLI::Range(0.01, 86400.0, "SECONDS"))
       ->capture_default_str();
 
-  CLI::App* callCommand = declare("call", "Send one message of the protocol, its arguments as they are", call);
+  CLI::App* callCommand = declare("call", "Send one message of the protocol, with unchanged arguments", call);
   callCommand->add_option("METHOD", arguments.method, "The method's name")->required()->type_name("");
-  callCommand->add_option("ARGUMENT", arguments.methodArguments, "What the method takes")->type_name("");
+  callCommand->add_option("ARGUMENT", arguments.methodArguments, "The method's arguments")->type_name("");
   callCommand->footer(describe_methods());
 }
 
-// CLI11 would take such a text apart, as a list.
+// CLI11 parses an argument in square brackets as a list and splits it.
 void refuse_brackets(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view text = argv[i];
     if (text.size() > 1 && text.front() == '[' && text.back() == ']')
-      throw InputError("bad command line: " + in_quotes(text) + ": give nothing in brackets; a file as ./[FILE]");
+      throw InputError("bad command line: " + in_quotes(text) +
+                       ": an argument in square brackets is not supported: give a file as ./[FILE]");
   }
 }
 
-// How many letters must be put in, taken out or replaced to make one word of the other.
+// The Levenshtein distance of two words: the insertions, removals and replacements that turn one into the other.
 size_t edit_distance(std::string_view one, std::string_view other) {
   std::vector<size_t> row(other.size() + 1);
   for (size_t j = 0; j <= other.size(); ++j) row[j] = j;
@@ -259,33 +261,33 @@ size_t edit_distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-// For a command line without a command: a word that may have been meant for one.
+// Reports the first word of a command line without a known command, and suggests the nearest command.
 void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // its value
+    if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip its value
     if (word.rfind('-', 0) == 0) continue;
-    size_t nearest = 3;  // what is further away was not meant
+    size_t nearest = 3;  // suggest no command at this distance or further
     std::string advice = "see orvanectl --help";
     for (const CLI::App* command : app.get_subcommands(nullptr)) {
       const size_t distance = edit_distance(word, command->get_name());
       if (distance < nearest) advice = "did you mean " + command->get_name() + "?";
       nearest = std::min(nearest, distance);
     }
-    throw InputError("no such command: " + in_quotes(word) + ": " + advice);
+    throw InputError("unknown command: " + in_quotes(word) + ": " + advice);
   }
 }
 
 int run(int argc, const char* const* argv) {
   Arguments arguments;
   Command command;
-  CLI::App app("Tells OrvaneSE which hosts to block.", "orvanectl");
+  CLI::App app("Chooses the hosts that OrvaneSE blocks in browsers.", "orvanectl");
   app.set_version_flag("--version", "orvanectl " ORVANE_VERSION);
   app.add_option("--service", arguments.client.service, "The extension's service name")
       ->type_name("NAME")
       ->capture_default_str();
   app.add_flag("--json", arguments.json, "Print results as JSON");
-  app.footer("Exit codes: 0 done, 1 could not, 2 refused as given (nothing was done).");
+  app.footer("Exit codes: 0 success, 1 failure, 2 invalid command line or input (nothing was done).");
   app.require_subcommand(1);
   CommandSet commands{app, arguments, command};
   declare_system_commands(commands, arguments);
@@ -296,8 +298,8 @@ int run(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
     if (app.get_subcommands().empty()) refuse_unknown_command(app, argc, argv);
-    const std::string given = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name() + " ";
-    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl " + given + "--help");
+    const std::string name = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name() + " ";
+    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl " + name + "--help");
   }
   return command();
 }
@@ -312,12 +314,12 @@ int run_orvanectl(int argc, const char* const* argv) {
     print_error(error.what());
     code = kUsage;
   } catch (const std::bad_alloc&) {
-    print_error("out of memory: too much was given: give less at a time");
+    print_error("out of memory: the input is too large: split it");
   } catch (const std::exception& error) {
     print_error(error.what());
   }
   if (flush_output()) return code;
-  print_error(std::string("cannot write: standard output: ") + std::strerror(errno) + ": check where it leads");
+  print_error(std::string("cannot write to standard output: ") + std::strerror(errno) + ": check where it leads");
   return kFailed;
 }
 

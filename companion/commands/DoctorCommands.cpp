@@ -38,7 +38,7 @@ ResultWord word_of(Result result) {
   return {"unknown", Colour::Faint};
 }
 
-// What a check is about, for a person.
+// The heading of a finding, for people.
 std::string title_of(const Finding& finding) {
   static const std::map<std::string, std::string> kTitles = {
       {"service", ""},         {"keeper", ""},
@@ -91,11 +91,11 @@ int doctor(const CommonOptions& options) {
   return sound ? kDone : kFailed;
 }
 
-// Only root may write below /etc. Said before anything is tried.
+// Only root may write below /etc. Checked first, for one clear error instead of one for each file.
 bool may_write(const char* command) {
   if (::geteuid() == 0) return true;
-  print_error(std::string("cannot change the browsers' policies: /etc: only root may write there: run sudo orvanectl "
-                          "browsers policy ") +
+  print_error(std::string("cannot change browser policies: only root may write to /etc: run sudo orvanectl browsers "
+                          "policy ") +
               command);
   return false;
 }
@@ -125,12 +125,13 @@ void print_changes(const std::vector<PolicyChange>& changes, const char* done, b
   if (json) print_json(results);
 }
 
-// False when one failed.
+// Returns false when at least one failed.
 bool report_failures(const std::vector<PolicyChange>& changes, const char* what) {
   bool none = true;
   for (const PolicyChange& change : changes) {
     if (change.outcome != PolicyChange::Outcome::Failed) continue;
-    print_error(std::string("cannot ") + what + " a policy: " + change.reason + ": mend that and run it again");
+    print_error(std::string("cannot ") + what + " a policy: " + change.reason +
+                ": correct that and run the command again");
     none = false;
   }
   return none;
@@ -145,12 +146,12 @@ int install(bool withoutDnsOverHttps, bool json) {
   for (const PolicyChange& change : changes) {
     written |= change.outcome == PolicyChange::Outcome::Done;
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
-    print_error("left alone: " + change.place->path() + ": somebody else wrote or edited it: add to it by hand:\n" +
+    print_error("left alone: " + change.place->path() + ": another program or person wrote it: add this by hand:\n" +
                 policy_text(change.place->family, withoutDnsOverHttps));
     whole = false;
   }
-  if (!json && written) std::puts("Browsers that run now take it on at their next start.");
-  if (!json && !written && whole) std::puts("All policies were there already.");
+  if (!json && written) std::puts("Running browsers apply it at their next start.");
+  if (!json && !written && whole) std::puts("All policies are already in place.");
   return whole ? kDone : kFailed;
 }
 
@@ -161,11 +162,11 @@ int remove(bool json) {
   bool whole = report_failures(changes, "remove");
   for (const PolicyChange& change : changes) {
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
-    // Firefox's file is everybody's: one in which nothing reminds of ours is not worth a word.
+    // Firefox has one file for all policies. Without our HTTP/3 setting it is not worth a message.
     const bool shared = change.place->family == BrowserFamily::Firefox;
     if (shared && policy_in_force(*change.place, kThisMachine).http3 != false) continue;
-    print_error("left alone: " + change.place->path() + ": somebody else wrote or edited it: " +
-                (shared ? "take network.http.http3.enable out of it by hand, if it was put there for OrvaneSE"
+    print_error("left alone: " + change.place->path() + ": another program or person wrote it: " +
+                (shared ? "remove network.http.http3.enable from it by hand, if you added that for OrvaneSE"
                         : "remove it by hand"));
     whole = whole && shared;
   }
@@ -173,7 +174,7 @@ int remove(bool json) {
 }
 
 std::string described(const std::string& value, const std::string& file) {
-  return value.empty() ? "left to the user" : value + " (" + file + ')';
+  return value.empty() ? "the user's choice" : value + " (" + file + ')';
 }
 
 Json json_of(const PolicyInForce& policy, const PolicyPlace& place) {
@@ -203,28 +204,28 @@ int show(bool json) {
 void declare_doctor_commands(CommandSet& commands) {
   const CommonOptions& options = commands.options;
   commands
-      .declare(commands.app, "The service", "doctor",
-               "Look for what keeps hosts from being blocked, and say what to do",
+      .declare(commands.app, kServiceGroup, "doctor", "Check everything that blocking needs, and say what to do",
                [&options] { return doctor(options); })
       ->footer(
-          "Root sees more: the kernel's rules and packet queues. Exit codes: 0 no problem found, 1 at least one.\n"
-          "Warnings and what is unknown are no problems.");
+          "Run it as root to check the kernel's rules and packet queues, too. Exit codes: 0 no problem, 1 at least "
+          "one\n"
+          "problem. Warnings and unknown results do not count as problems.");
 
-  CLI::App* browsers =
-      commands.app.add_subcommand("browsers", "Settings of browsers")->fallthrough()->group("Browsers");
+  CLI::App* browsers = commands.app.add_subcommand("browsers", "Browser settings")->fallthrough()->group("Browsers");
   browsers->require_subcommand(1);
-  CLI::App* policy = browsers->add_subcommand("policy", "Managed policies that switch off what the filter cannot see")
+  CLI::App* policy = browsers->add_subcommand("policy", "Policies that switch off HTTP/3 and DNS over HTTPS")
                          ->fallthrough()
                          ->require_subcommand(1);
   auto withoutDnsOverHttps = std::make_shared<bool>(false);
   CLI::App* installing = commands.declare(
       *policy, "Commands", "install", "Switch off HTTP/3 in Chromium, Chrome, Edge, Brave and Firefox, for all users",
       [&options, withoutDnsOverHttps] { return install(*withoutDnsOverHttps, options.json); });
-  installing->add_flag("--no-doh", *withoutDnsOverHttps, "Switch off DNS over HTTPS, too");
-  installing->footer("Needs root. A file that somebody else wrote is left alone, with a word on what to add to it.");
-  commands.declare(*policy, "Commands", "remove", "Remove what install wrote",
+  installing->add_flag("--no-doh", *withoutDnsOverHttps, "Also switch off DNS over HTTPS");
+  installing->footer(
+      "Needs root. A file of another program or person is left alone; a message says what to add to it.");
+  commands.declare(*policy, "Commands", "remove", "Remove the policies that install wrote",
                    [&options] { return remove(options.json); });
-  commands.declare(*policy, "Commands", "show", "Print what policies say of HTTP/3 and DNS over HTTPS",
+  commands.declare(*policy, "Commands", "show", "Print the policies for HTTP/3 and DNS over HTTPS",
                    [&options] { return show(options.json); });
 }
 

@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// "doctor", and "browsers policy" with what it can do.
+// Declares "doctor" and the commands of "browsers policy".
 void declare_doctor_commands(CommandSet& commands);
 
 }  // namespace orvane

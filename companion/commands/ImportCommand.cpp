@@ -27,7 +27,7 @@ struct Arguments {
   bool replace = false;
 };
 
-// A bar on standard error, where that is a terminal. Whoever writes there otherwise erases it first.
+// A progress bar on standard error, if that is a terminal. Erase it before any other output to standard error.
 class ProgressBar {
  public:
   ProgressBar(size_t total, bool wanted) : total_(total), wanted_(wanted && isatty(STDERR_FILENO) == 1) {}
@@ -36,10 +36,10 @@ class ProgressBar {
   ~ProgressBar() { erase(); }
 
   void show(size_t bytes, const std::string& text) {
-    constexpr size_t kWidth = 30, kAll = 100;
+    constexpr size_t kWidth = 30;
     if (!wanted_) return;
     const size_t filled = total_ == 0 ? kWidth : std::min(bytes, total_) * kWidth / total_;
-    const size_t percent = total_ == 0 ? kAll : std::min(bytes, total_) * kAll / total_;
+    const size_t percent = total_ == 0 ? 100 : std::min(bytes, total_) * 100 / total_;
     const std::string bar = std::string(filled, '#') + std::string(kWidth - filled, ' ');
     std::fprintf(stderr, "\r\x1b[K[%s] %3zu %%  %s", bar.c_str(), percent, text.c_str());
     std::fflush(stderr);
@@ -59,17 +59,18 @@ class ProgressBar {
 struct Outcome {
   ImportedSites read;
   ImportCounts counts;
-  double seconds = 0;  // until the list's file was written
+  double seconds = 0;  // from the start until the list is written
   std::optional<bool> inForce;
 };
 
 void print_outcome(const Outcome& outcome) {
   const auto& [read, counts, seconds, inForce] = outcome;
-  std::printf("%zu lines, %zu sites, in %.2f s\n", read.lines, read.sites.size(), seconds);
-  std::printf("%zu new, %zu changed, %zu there already", counts.added, counts.changed, counts.unchanged);
-  std::puts(counts.removed > 0 ? (", " + std::to_string(counts.removed) + " taken off").c_str() : "");
-  std::printf("%zu given more than once, %zu passed over (localhost and the like), %zu rejected\n", read.duplicates,
-              read.skipped, read.rejected);
+  std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
+              counted(read.sites.size(), "site", "sites").c_str(), seconds);
+  std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
+              counts.unchanged, counts.removed);
+  std::printf("%s, %zu skipped (localhost and the like), %zu rejected\n",
+              counted(read.duplicates, "duplicate", "duplicates").c_str(), read.skipped, read.rejected);
 }
 
 void print_outcome_json(const Outcome& outcome) {
@@ -88,7 +89,7 @@ void print_outcome_json(const Outcome& outcome) {
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-std::optional<bool> wanted_names(const Arguments& arguments) {
+std::optional<bool> with_usual_names(const Arguments& arguments) {
   if (arguments.usualNames) return true;
   if (arguments.exactNamesOnly) return false;
   return std::nullopt;
@@ -100,9 +101,9 @@ ImportedSites read_file(const Arguments& arguments, const std::string& source, P
     bar.erase();
     print_error("not imported: " + source + ":" + std::to_string(line) + ": " + in_quotes(what) + ": " + fault);
   };
-  auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, std::to_string(lines) + " lines"); };
+  auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, counted(lines, "line", "lines")); };
   try {
-    return read_import(text, wanted_names(arguments), rejected, progress);
+    return read_import(text, with_usual_names(arguments), rejected, progress);
   } catch (const InputError& error) {
     throw InputError("cannot import: " + source + ": " + error.what());
   }
@@ -117,7 +118,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     ProgressBar bar(text.size(), !options.json);
     outcome.read = read_file(arguments, source, bar, text);
     if (outcome.read.sites.empty())
-      throw InputError("nothing imported: " + source + ": it has no line with a host name: give a list of names");
+      throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
@@ -128,8 +129,8 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   outcome.inForce = wait_for_keeper(options, version, sites);
   if (outcome.read.filterRules > 0)
-    print_error(std::to_string(outcome.read.filterRules) + " filter rules imported without their subdomains: " +
-                source + ": names match exactly: give each subdomain that matters");
+    print_error(counted(outcome.read.filterRules, "filter rule", "filter rules") +
+                " imported without subdomains: " + source + ": names match exactly: block each subdomain by its name");
   options.json ? print_outcome_json(outcome) : print_outcome(outcome);
   return kDone;
 }
@@ -143,16 +144,15 @@ void declare_import_command(CommandSet& commands) {
                        [&options = commands.options, arguments] { return import(options, *arguments); });
   command
       ->add_option("FILE", arguments->file,
-                   "A list of names, hosts(5) lines or ||name^ rules; \"-\" for standard input")
+                   "A file of names, hosts(5) lines or ||name^ rules; \"-\" for standard input")
       ->required()
       ->type_name("");
-  CLI::Option* www =
-      command->add_flag("--www", arguments->usualNames,
-                        "Under their usual names, too: www.HOST and m.HOST (the default but for hosts(5) lines)");
+  CLI::Option* www = command->add_flag("--www", arguments->usualNames,
+                                       "Also block www.HOST and m.HOST (the default except for hosts(5) lines)");
   command
-      ->add_flag("--no-www", arguments->exactNamesOnly, "Under the very names alone (the default for hosts(5) lines)")
+      ->add_flag("--no-www", arguments->exactNamesOnly, "Block the exact names only (the default for hosts(5) lines)")
       ->excludes(www);
-  command->add_flag("--replace", arguments->replace, "Take everything else off the list");
+  command->add_flag("--replace", arguments->replace, "Remove everything else from the list");
 }
 
 }  // namespace orvane

@@ -4,9 +4,7 @@
 
 namespace orvane {
 
-// The heading of the list's commands in the help text.
-inline constexpr const char* kListGroup = "The list (it lasts)";
-
+// Declares "import".
 void declare_import_command(CommandSet& commands);
 
 }  // namespace orvane

@@ -13,9 +13,7 @@
 namespace orvane {
 namespace {
 
-constexpr const char* kGroup = "The service";
-
-// A service manager's directory for the state, unless one was named.
+// The state file: in the service manager's runtime directory, unless --state names another.
 std::string state_path(const CommonOptions& options) {
   const char* given = std::getenv("RUNTIME_DIRECTORY");
   std::string directory = given == nullptr ? "" : given;
@@ -29,28 +27,28 @@ std::string state_path(const CommonOptions& options) {
 void declare_keeper_commands(CommandSet& commands) {
   const CommonOptions& options = commands.options;
   commands
-      .declare(commands.app, kGroup, "status", "Show whether the list is in force, and what the services do",
+      .declare(commands.app, kServiceGroup, "status",
+               "Show whether the list is in force, and the state of the services",
                [&options] { return show_status(options); })
-      ->footer("Exit codes besides the usual: 3 the list is not in force.");
+      ->footer("Additional exit code: 3 the list is not in force.");
 
   auto host = std::make_shared<std::string>();
-  CLI::App* tryCommand = commands.declare(commands.app, kGroup, "try", "Tell whether a host is blocked now, and why",
-                                          [&options, host] { return try_host(options, *host); });
-  tryCommand->add_option("HOST", *host, "In any spelling that a browser takes")->required()->type_name("");
+  CLI::App* tryCommand =
+      commands.declare(commands.app, kServiceGroup, "try", "Show whether a host is blocked now, and why",
+                       [&options, host] { return try_host(options, *host); });
+  tryCommand->add_option("HOST", *host, "A host name, in any spelling that browsers accept")->required()->type_name("");
   tryCommand->footer(
-      "What it says holds for a browser that connects anew. Exit codes besides the usual: 0 blocked, 3 not blocked,\n"
-      "4 unknown.");
+      "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown.");
 
   commands
-      .declare(commands.app, kGroup, "keep", "Keep the list in the extension: the service that does it",
+      .declare(commands.app, kServiceGroup, "keep", "Run the keeper, the service that sends the list to the extension",
                [&options] {
                  return run_keeper({options.client, options.listPath, state_path(options)});
                })
       ->footer(
-          "It sends the list after every start of the extension and every change of the file, and carries out\n"
-          "suspensions, until it is told to end (SIGTERM, SIGINT). The state goes to $RUNTIME_DIRECTORY where a "
-          "service\n"
-          "manager sets that.");
+          "It sends the list after each start of the extension and each change of the file, and starts and ends\n"
+          "suspensions on time. SIGTERM or SIGINT ends it. If a service manager sets $RUNTIME_DIRECTORY, the state\n"
+          "file is there.");
 }
 
 }  // namespace orvane

@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// The commands about the list in force: keep, status, try.
+// Declares "status", "try" and "keep".
 void declare_keeper_commands(CommandSet& commands);
 
 }  // namespace orvane

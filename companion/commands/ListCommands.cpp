@@ -36,20 +36,20 @@ struct Arguments {
   std::optional<std::string> until;
 };
 
-// What became of one site.
+// The result for one site.
 struct Change {
   BlockedSite site;
   bool changed = false;
-  std::string outcome;                    // in words; empty where there is nothing to say
-  bool frees = false;                     // its names are no longer blocked by it
-  std::vector<std::string> stillBlocked;  // of these names, those that another site has
+  std::string outcome;                    // in words; may be empty
+  bool unblocks = false;                  // the site no longer blocks its names
+  std::vector<std::string> stillBlocked;  // those of its names that another site still blocks
 };
 
-// Finds the sites that a command is about, each once, and changes one of them.
+// The two steps of a command: FindSites returns the sites that it is about, each once; ChangeSite changes one of them.
 using FindSites = std::function<std::vector<BlockedSite>(const BlockList& list, const std::vector<std::string>& hosts)>;
 using ChangeSite = std::function<Change(BlockList& list, BlockedSite site)>;
 
-// The hosts in the form in which browsers send them. Reports those that are none, and throws then.
+// The hosts in the form that browsers send. Reports those that are not host names, and then throws InputError.
 std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
   std::vector<std::string> hosts;
   std::string name, fault;
@@ -61,14 +61,14 @@ std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
     }
   }
   const size_t refused = given.size() - hosts.size();
-  if (refused == 1 && given.size() == 1) throw InputError("nothing done");
   if (refused > 0)
-    throw InputError("nothing done: " + std::to_string(refused) + " of " + std::to_string(given.size()) +
-                     " names refused: correct them and run the command again");
+    throw InputError("nothing was changed: " + std::to_string(refused) + " of " +
+                     counted(given.size(), "name", "names") + " refused: correct the names above");
   return hosts;
 }
 
-// The sites on the list that the hosts belong to. Where one is not on it, all that is reported and nothing is done.
+// The sites on the list that the hosts belong to. Reports the hosts that are not on the list, and then throws
+// InputError.
 std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<std::string>& hosts) {
   std::vector<BlockedSite> sites;
   std::set<const BlockedSite*> seen;
@@ -83,14 +83,14 @@ std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<s
     }
   }
   if (unknown > 0)
-    throw InputError("nothing done: " + std::to_string(unknown) + " of " + std::to_string(hosts.size()) +
-                     " hosts are not on the list: leave them out");
+    throw InputError("nothing was changed: " + std::to_string(unknown) + " of " +
+                     counted(hosts.size(), "host", "hosts") + " not on the list: leave out the hosts above");
   return sites;
 }
 
 std::vector<BlockedSite> all_sites(const BlockList& list, const std::vector<std::string>&) { return list.sites(); }
 
-// Those that are named, or all.
+// The sites of the given hosts, or all sites with --all.
 FindSites wanted_sites(const Arguments& arguments, const char* command) {
   if (arguments.all != arguments.hosts.empty())
     throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all");
@@ -120,7 +120,7 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-// The names of a site that another site has blocked.
+// The names of a site that are blocked by another site.
 std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
   auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
   std::vector<std::string> names;
@@ -142,9 +142,9 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Once all is done: what one of them covers, the next may take away.
+    // Check after the last change: it may have removed the site that still covered a name.
     for (Change& each : changes) {
-      if (each.frees) each.stillBlocked = names_still_blocked(list, each.site, now);
+      if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
     }
     sites = list.size();
     return changed;
@@ -158,11 +158,11 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
   return kDone;
 }
 
-// How a site that is to be on the list stood there before.
-std::string standing(const BlockedSite& before, const BlockedSite& site, Moment now) {
+// How the list had a site before "block".
+std::string previous_state(const BlockedSite& before, const BlockedSite& site, Moment now) {
   if (before.isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before.until, now);
-  if (before.usualNames == site.usualNames) return "was there already";
-  return site.usualNames ? "was there as that very name" : "was there with its usual names";
+  if (before.usualNames == site.usualNames) return "already on the list";
+  return site.usualNames ? "was on the list without its usual names" : "was on the list with its usual names";
 }
 
 int block(const CommonOptions& options, const Arguments& arguments) {
@@ -173,7 +173,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     std::set<std::string> seen;
     for (const std::string& host : hosts) {
       if (host.find('.') == std::string::npos)
-        print_error("no site under it is blocked: " + in_quotes(host) + ": names match exactly: give each site");
+        print_error("only this exact name is blocked: " + in_quotes(host) + ": block each site below it by its name");
       BlockedSite site{usualNames ? std::string(site_of(host)) : host, usualNames, std::nullopt};
       if (seen.insert(site.host).second) sites.push_back(std::move(site));
     }
@@ -181,7 +181,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
   };
   return change_list(options, arguments, now, asked, [&](BlockList& list, BlockedSite site) {
     const BlockedSite* found = list.find(site.host);
-    std::string outcome = found != nullptr && found->host == site.host ? standing(*found, site, now) : "";
+    std::string outcome = found != nullptr && found->host == site.host ? previous_state(*found, site, now) : "";
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome), false, {}};
   });
@@ -191,7 +191,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
     list.remove(site.host);
-    return Change{std::move(site), true, "taken off the list", true, {}};
+    return Change{std::move(site), true, "removed from the list", true, {}};
   });
 }
 
@@ -220,14 +220,14 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
-BlockList read_reporting(const CommonOptions& options) {
+BlockList read_and_report(const CommonOptions& options) {
   StoredList stored = read_list(options.listPath);
   report_bad_lines(stored.list, options.listPath);
   return std::move(stored.list);
 }
 
 int list(const CommonOptions& options, const Arguments&) {
-  const BlockList list = read_reporting(options);
+  const BlockList list = read_and_report(options);
   if (options.json) {
     print_sites_json(list, now_in_seconds());
   } else if (isatty(STDOUT_FILENO) == 1) {
@@ -239,7 +239,7 @@ int list(const CommonOptions& options, const Arguments&) {
 }
 
 int export_list(const CommonOptions& options, const Arguments& arguments) {
-  const BlockList list = read_reporting(options);
+  const BlockList list = read_and_report(options);
   if (options.json) {
     print_sites_json(list, now_in_seconds());
   } else if (arguments.hostsOnly) {
@@ -266,16 +266,16 @@ void declare_list_commands(CommandSet& commands) {
     return command;
   };
   CLI::App* blockCommand = takeHosts(declare("block", "Block sites, from now on and after every start", block),
-                                     "Host names, in any spelling that a browser takes");
-  CLI::Option* www = blockCommand->add_flag("--www", arguments->usualNames,
-                                            "Under their usual names, too: www.HOST and m.HOST (the default)");
-  blockCommand->add_flag("--no-www", arguments->exactNamesOnly, "Under the very names alone")->excludes(www);
+                                     "Host names, in any spelling that browsers accept");
+  CLI::Option* www =
+      blockCommand->add_flag("--www", arguments->usualNames, "Also block www.HOST and m.HOST (the default)");
+  blockCommand->add_flag("--no-www", arguments->exactNamesOnly, "Block the exact names only")->excludes(www);
 
-  takeHosts(declare("unblock", "Take sites off the list", unblock), "Hosts of sites on the list");
-  declare("list", "Print the list: a table for a person, the lines of the list for a program", list);
+  takeHosts(declare("unblock", "Remove sites from the list", unblock), "Hosts of sites on the list");
+  declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
 
   CLI::App* suspendCommand =
-      takeHosts(declare("suspend", "Leave sites unblocked for a while", suspend), "Hosts of sites on the list", true);
+      takeHosts(declare("suspend", "Unblock sites for a while", suspend), "Hosts of sites on the list", true);
   CLI::Option* duration =
       suspendCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
   suspendCommand
@@ -286,8 +286,8 @@ void declare_list_commands(CommandSet& commands) {
   takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list", true);
 
   declare_import_command(commands);
-  declare("export", "Print the list as import takes it back", export_list)
-      ->add_flag("--hosts", arguments->hostsOnly, "Print the sites' names alone, one a line");
+  declare("export", "Print the list in a form that import reads", export_list)
+      ->add_flag("--hosts", arguments->hostsOnly, "Print only the hosts, one a line");
 }
 
 }  // namespace orvane

@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// The commands for the machine's list: block, unblock, list, suspend, resume, import, export.
+// Declares the commands that edit or print the machine's list: block, unblock, list, suspend, resume, import, export.
 void declare_list_commands(CommandSet& commands);
 
 }  // namespace orvane

@@ -20,7 +20,7 @@ struct Method {
 
 std::string reply_text(bool reply) { return reply ? "yes" : "no"; }
 
-// A method of one argument that replies nothing.
+// Sends a method with one argument and no reply.
 template <void (Client::*function)(const Value&)>
 std::string send_one(Client& client, const Value& argument, const Value&) {
   (client.*function)(argument);
@@ -109,7 +109,7 @@ ProtocolCall prepare_call(const std::string& method, const std::vector<std::stri
   const Method* known =
       std::find_if(std::begin(kMethods), std::end(kMethods), [&](const Method& each) { return each.name == method; });
   if (known == std::end(kMethods))
-    throw InputError("no such method: " + in_quotes(method) + ": see orvanectl call --help");
+    throw InputError("unknown method: " + in_quotes(method) + ": see orvanectl call --help");
   if (!takes_as_many(known->takes, arguments.size()))
     throw InputError("wrong arguments: " + method + ": give " + method + std::string(argument_text(known->takes)));
   auto [first, second] = converted(known->takes, arguments);

@@ -8,14 +8,15 @@
 
 namespace orvane {
 
-// One message of the protocol, ready to be sent: gives the reply's text, empty for a method without a reply.
+// A prepared message of the protocol. Calling it sends the message and returns the reply as text, empty for a method
+// without a reply.
 using ProtocolCall = std::function<std::string(Client&)>;
 
-// Prepares the call of a method by its name in the protocol, with arguments as the protocol orders them, strings
-// unchanged. Throws InputError for an unknown method and for arguments that it does not take.
+// Prepares a call by the method's name in the protocol. The arguments are in the protocol's order; strings are sent
+// unchanged. Throws InputError for an unknown method and for wrong arguments.
 ProtocolCall prepare_call(const std::string& method, const std::vector<std::string>& arguments);
 
-// The methods with their arguments, one a line, for a help text.
+// The methods with their arguments, one a line, for the help text.
 std::string describe_methods();
 
 }  // namespace orvane

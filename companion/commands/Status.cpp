@@ -19,7 +19,7 @@
 namespace orvane {
 namespace {
 
-// More would push the rest off the screen.
+// A longer list would push the rest off the screen.
 constexpr size_t kSuspensionsShown = 10;
 
 struct Status {
@@ -29,7 +29,7 @@ struct Status {
   std::optional<RecognitionFault> browsers;
 
   bool isInForce() const {
-    // An extension that does not let us in may well answer the keeper.
+    // `extension.answers` is not required: an extension that refuses this user may still answer the keeper.
     return keeper && keeper->connected && !keeper->listError && !keeper->extensionError &&
            keeper->sentVersion == keeper->listVersion && !extension.isUnresponsive &&
            !(browsers && browsers->isInForce);
@@ -93,8 +93,8 @@ std::vector<std::string> extension_lines(const Status& status, Moment now) {
                                     : coloured("no answer", Colour::Bad) + ": " + extension.error);
   if (status.extensionService) lines.push_back(service_text(kExtensionUnit, *status.extensionService, now));
   if (const auto& fault = status.browsers)
-    lines.push_back(coloured(fault->isInForce ? "no browser is recognised, and everything passes"
-                                              : "from its next start on, no browser is recognised",
+    lines.push_back(coloured(fault->isInForce ? "no browser is recognised, so nothing is blocked"
+                                              : "no browser will be recognised after its next start",
                              Colour::Bad) +
                     ": " + fault->text);
   return lines;
@@ -105,11 +105,12 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
   if (const auto& keeper = status.keeper) {
     lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
                     std::to_string(keeper->process));
-    // What keeps us from the extension is told already, and is mostly what keeps the keeper.
+    // When this program cannot reach the extension either, the line of the extension has the reason already.
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
   } else {
-    lines.push_back(coloured("does not run", Colour::Bad) + ": nobody sends the list; start " + kKeeperUnit);
+    lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +
+                    kKeeperUnit);
   }
   if (status.keeperService) lines.push_back(service_text(kKeeperUnit, *status.keeperService, now));
   return lines;
@@ -119,10 +120,11 @@ std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
   lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "site", "sites") + ", " +
                   counted(keeper.names, "name", "names") + " to block now");
-  if (keeper.listError) lines.push_back(coloured("the list as it was before", Colour::Bad) + ": " + *keeper.listError);
+  if (keeper.listError)
+    lines.push_back(coloured("still uses the previous list", Colour::Bad) + ": " + *keeper.listError);
   if (keeper.badLines > 0)
-    lines.push_back(coloured(counted(keeper.badLines, "line is", "lines are"), Colour::Warning) +
-                    " not obeyed: see orvanectl list");
+    lines.push_back(coloured(counted(keeper.badLines, "bad line", "bad lines"), Colour::Warning) +
+                    " ignored: see orvanectl list");
   return lines;
 }
 
@@ -132,15 +134,15 @@ std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   if (keeper.sentAt) text += ", " + duration_text(std::max(now - *keeper.sentAt, std::chrono::seconds(0))) + " ago";
   std::vector<std::string> lines{text};
   if (keeper.sentVersion != keeper.listVersion)
-    lines.push_back(coloured("of the list as it was before", Colour::Warning));
+    lines.push_back(coloured("an older version of the list", Colour::Warning));
   if (keeper.changesOfOthers > 0)
     lines.push_back(coloured(counted(keeper.changesOfOthers, "edit", "edits"), Colour::Warning) +
-                    " by others since, which the list does not know");
+                    " by other clients since then, which are not in the list");
   lines.push_back(coloured("the extension cannot be asked what it holds: this is what the keeper sent", Colour::Faint));
   return lines;
 }
 
-// Sites, without a line for each of their usual names.
+// One line for each suspended site; its usual names get none.
 std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   size_t more = 0;

@@ -40,15 +40,15 @@ VerdictName name_of(Verdict verdict) {
   return {"unknown", kUnknown, Colour::Warning};
 }
 
-// What the list says of a name.
+// The entry of a name in the list.
 struct Listing {
-  std::optional<BlockedSite> site;  // that it belongs to
-  std::optional<Moment> until;      // the name is suspended
-  bool isHeld = false;
+  std::optional<BlockedSite> site;  // the site that the name belongs to; nothing when it is not on the list
+  std::optional<Moment> until;      // the end of its suspension
+  bool isHeld = false;              // on the list and not suspended
 };
 
-// The sites that bear a name: the one with that very name, and the one of which it is a usual name. One that holds it
-// outweighs one that has it suspended.
+// Up to two sites cover a name: the site of that exact name, and the site that has it as a usual name. The name is held
+// if at least one of them is not suspended.
 Listing look_up(const BlockList& list, const std::string& name, Moment now) {
   Listing listing;
   for (const BlockedSite* site : {list.find(name), list.findByUsualName(name)}) {
@@ -61,19 +61,17 @@ Listing look_up(const BlockList& list, const std::string& name, Moment now) {
   return listing;
 }
 
-// For a name that is not on the list: the one on it that somebody may have taken it for.
+// For a name that is not on the list: a similar site that is, for users who expect it to cover the name.
 std::string nearest_miss(const BlockList& list, const std::string& name) {
   std::string other(site_of(name));
   if (other != name && list.find(other) != nullptr)
-    return other + " is on the list under that very name only: block it without --no-www to have this one, too";
+    return other + " is on the list under its exact name only: block it without --no-www to cover this name";
   for (size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
     other = name.substr(dot + 1);
     if (other.find('.') != std::string::npos && list.find(other) != nullptr)
-      return other.append(" is on the list, and ")
-          .append(name)
-          .append(" is another name: each has to be blocked by itself");
+      return other.append(" is on the list, but does not cover ").append(name).append(": block that name, too");
   }
-  if (list.find("www." + name) != nullptr) return "www." + name + " is on the list, and this is another name";
+  if (list.find("www." + name) != nullptr) return "www." + name + " is on the list, but does not cover " + name;
   return "";
 }
 
@@ -88,7 +86,7 @@ std::string listing_text(const BlockList& list, const std::string& name, const L
   return text;
 }
 
-// What became of the list.
+// Whether the extension has the list.
 struct Delivery {
   enum class State { InForce, Behind, NothingBlocked, Unknown } state;
   std::string text;
@@ -100,8 +98,9 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
   if (extension.isUnresponsive || extension.isAbsent || (keeper && !keeper->connected && !extension.answers))
     return {State::NothingBlocked, "nothing is blocked: " + extension.error};
   if (!keeper)
-    return {State::Unknown, "no keeper runs, so the extension may hold anything: start orvane-keeper.service" +
-                                (extension.answers ? "" : "; " + extension.error)};
+    return {State::Unknown,
+            "no keeper runs, so what the extension holds is not known: sudo systemctl start orvane-keeper.service" +
+                (extension.answers ? "" : "; " + extension.error)};
   if (keeper->sentVersion == version && !keeper->extensionError)
     return {State::InForce, "the keeper has sent the list to the extension"};
   return {State::Behind, "the keeper has not sent this list yet: " +
@@ -133,7 +132,8 @@ int try_host(const CommonOptions& options, const std::string& given) {
 
   std::vector<std::string> reasons{listing_text(stored.list, name, listing, now), delivery.text};
   if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
-    reasons.push_back("but others have edited what the extension holds, too, and that cannot be asked for");
+    reasons.push_back(
+        "but other clients have edited what the extension holds, and the extension cannot list its names");
 
   const VerdictName shown = name_of(verdict);
   if (options.json) {

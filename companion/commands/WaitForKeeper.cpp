@@ -12,11 +12,11 @@
 namespace orvane {
 namespace {
 
-// How long an extension takes at most for the names of so many sites, and the keeper for reading them.
+// The longest time that the keeper needs to read so many sites, and the extension to load their names.
 std::chrono::milliseconds patience_for(size_t sites) {
-  constexpr std::chrono::milliseconds kLeast(5000);
+  constexpr std::chrono::milliseconds kMinimum(5000);
   constexpr size_t kSitesPerMillisecond = 20;
-  return kLeast + std::chrono::milliseconds(sites / kSitesPerMillisecond);
+  return kMinimum + std::chrono::milliseconds(sites / kSitesPerMillisecond);
 }
 
 bool is_same_file(const std::string& one, const std::string& other) {
@@ -24,22 +24,22 @@ bool is_same_file(const std::string& one, const std::string& other) {
   return one == other || std::filesystem::equivalent(one, other, ignored);
 }
 
-void warn(const std::string& text) { print_error("kept; not in force: " + text); }
+void warn(const std::string& text) { print_error("saved, but not in force: " + text); }
 
 bool wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
   switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites))) {
     case InForce::Yes:
       return true;
     case InForce::NoKeeper:
-      warn("no keeper runs: start it with systemctl start orvane-keeper");
+      warn("no keeper runs: sudo systemctl start orvane-keeper");
       return false;
     case InForce::NoExtension:
-      warn("the keeper has no extension to send it to: start it with systemctl start orvane-se; see orvanectl status");
+      warn("the keeper has no connection to the extension: sudo systemctl start orvane-se; see orvanectl status");
       return false;
     case InForce::TimedOut:
       break;
   }
-  warn("the keeper has not sent it yet: see orvanectl status");
+  warn("the keeper has not sent the list yet: see orvanectl status");
   return false;
 }
 
@@ -48,12 +48,12 @@ bool wait(const CommonOptions& options, const ListVersion& version, size_t sites
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
-    // Another file than the machine's is someone's own business.
+    // No keeper sends any other file, so there is nothing to wait for.
     if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
       return std::nullopt;
     return wait(options, version, sites);
   } catch (const FileError& error) {
-    print_error("kept; not known to be in force: " + std::string(error.what()));
+    print_error("saved, but perhaps not in force: " + std::string(error.what()));
     return false;
   }
 }

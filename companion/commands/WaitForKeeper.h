@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// Waits until the extension has this version of the list's file, with so many sites: some seconds, and more for a large
-// list. Where it has not, standard error has the reason and what to do. Gives whether it has; nothing where no keeper
-// is meant to send that file.
+// Waits until the keeper has sent this version of the list's file, which has `sites` sites, to the extension: at most
+// five seconds, and longer for a large list. Returns true when it has. Otherwise prints why not and what to do, and
+// returns false. Returns nothing, without waiting, when the keeper serves another file.
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
 
 }  // namespace orvane

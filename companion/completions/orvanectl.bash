@@ -1,6 +1,6 @@
-# Completion of orvanectl for bash, with the functions of bash-completion.
+# Completes orvanectl in bash. Uses the functions of bash-completion.
 
-# Hosts of the list that begin with what is typed. Without a word where the list may not be read.
+# Completes hosts of the list. Offers none, silently, if the user may not read the list.
 _orvanectl_hosts() {
   mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export --hosts 2>/dev/null |
     typed=$cur awk 'index($0, ENVIRON["typed"]) == 1')
@@ -12,7 +12,7 @@ _orvanectl() {
   local cur prev words cword split
   _init_completion -s || return
 
-  # The command: the words that are neither options nor their values. The list that an option names holds the hosts.
+  # Find the command, which is neither an option nor the value of one, and the list that --list names.
   local command='' list='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in

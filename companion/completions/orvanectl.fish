@@ -1,6 +1,6 @@
-# Completion of orvanectl for fish.
+# Completes orvanectl in fish.
 
-# Hosts of the list. Without a word where the list may not be read.
+# Prints the hosts of the list. Prints none, silently, if the user may not read the list.
 function __orvanectl_hosts
     set -l words (commandline -opc)
     set -l list
@@ -15,7 +15,7 @@ function __orvanectl_hosts
     command -q orvanectl; and command orvanectl $list export --hosts 2>/dev/null
 end
 
-function __orvanectl_command -d 'Whether the command is one of these; without any, whether there is none yet'
+function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'
     set -l options --list --service --socket --state --for --until --dont-block-until --interval
     set -l words (commandline -opc)
     set -l skip
@@ -32,61 +32,61 @@ function __orvanectl_command -d 'Whether the command is one of these; without an
     not set -q argv[1]
 end
 
-function __orvanectl_policy -d 'Whether a command under "browsers policy" is still to come'
+function __orvanectl_policy -d 'Test whether "browsers policy" still lacks its command'
     __fish_seen_subcommand_from policy; and not __fish_seen_subcommand_from install remove show
 end
 
 complete -c orvanectl -f
-complete -c orvanectl -s h -l help -d 'Explain'
+complete -c orvanectl -s h -l help -d 'Print help'
 complete -c orvanectl -l json -d 'Print results as JSON'
-complete -c orvanectl -l list -rF -d 'The file of the list'
+complete -c orvanectl -l list -rF -d "The list's file"
 complete -c orvanectl -l service -x -d "The extension's service name"
 complete -c orvanectl -l socket -rF -d "The extension's socket"
-complete -c orvanectl -l state -rF -d 'The file with the state of the keeper'
+complete -c orvanectl -l state -rF -d "The keeper's state file"
 complete -c orvanectl -n __orvanectl_command -l version -d 'Print the version'
 
 complete -c orvanectl -n __orvanectl_command -a block -d 'Block sites, from now on and after every start'
-complete -c orvanectl -n __orvanectl_command -a unblock -d 'Take sites off the list'
+complete -c orvanectl -n __orvanectl_command -a unblock -d 'Remove sites from the list'
 complete -c orvanectl -n __orvanectl_command -a list -d 'Print the list'
-complete -c orvanectl -n __orvanectl_command -a suspend -d 'Leave sites unblocked for a while'
+complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a while'
 complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
 complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a file to the list'
-complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list as import takes it back'
+complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list in a form that import reads'
 complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
-complete -c orvanectl -n __orvanectl_command -a try -d 'Tell whether a host is blocked now, and why'
-complete -c orvanectl -n __orvanectl_command -a keep -d 'Keep the list in the extension'
-complete -c orvanectl -n __orvanectl_command -a doctor -d 'Look for what keeps hosts from being blocked'
-complete -c orvanectl -n __orvanectl_command -a browsers -d 'Settings of browsers'
-complete -c orvanectl -n __orvanectl_command -a ping -d 'Ask whether the extension answers'
+complete -c orvanectl -n __orvanectl_command -a try -d 'Show whether a host is blocked now, and why'
+complete -c orvanectl -n __orvanectl_command -a keep -d 'Run the keeper, which sends the list to the extension'
+complete -c orvanectl -n __orvanectl_command -a doctor -d 'Check everything that blocking needs'
+complete -c orvanectl -n __orvanectl_command -a browsers -d 'Browser settings'
+complete -c orvanectl -n __orvanectl_command -a ping -d 'Check that the extension answers'
 complete -c orvanectl -n __orvanectl_command -a state -d "Print the application filter's state"
 complete -c orvanectl -n __orvanectl_command -a changes -d 'Print how many edits the extension has received'
 complete -c orvanectl -n __orvanectl_command -a start -d 'Send the start command'
 complete -c orvanectl -n __orvanectl_command -a stop -d 'Send the stop command'
 complete -c orvanectl -n __orvanectl_command -a add -d 'Block hosts until the extension ends'
 complete -c orvanectl -n __orvanectl_command -a remove -d 'Stop blocking hosts until the extension ends'
-complete -c orvanectl -n __orvanectl_command -a set -d 'Block the hosts of a list, and no others'
+complete -c orvanectl -n __orvanectl_command -a set -d 'Block the hosts of a file and no others'
 complete -c orvanectl -n __orvanectl_command -a properties -d "Replace a host's properties"
-complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the count of edits whenever it has moved'
+complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the number of edits after each change'
 complete -c orvanectl -n __orvanectl_command -a call -d 'Send one message of the protocol'
 
-complete -c orvanectl -n '__orvanectl_command block import' -l www -d 'Under the usual names, too'
-complete -c orvanectl -n '__orvanectl_command block import' -l no-www -d 'Under the very names alone'
-complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Take everything else off the list'
+complete -c orvanectl -n '__orvanectl_command block import' -l www -d 'Also block www.HOST and m.HOST'
+complete -c orvanectl -n '__orvanectl_command block import' -l no-www -d 'Block the exact names only'
+complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove everything else from the list'
 complete -c orvanectl -n '__orvanectl_command import set' -F
-complete -c orvanectl -n '__orvanectl_command export' -l hosts -d "The sites' names alone"
+complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
 complete -c orvanectl -n '__orvanectl_command suspend resume' -l all -d 'All sites on the list'
 complete -c orvanectl -n '__orvanectl_command suspend' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend' -l until -x -a tomorrow -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock suspend resume try' -a '(__orvanectl_hosts)'
 complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
-complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two looks'
+complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two requests'
 complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilterStateWithReply start stop
     addApplicationIdentifier removeApplicationIdentifier setApplicationIdentifiers addHostname removeHostname
     setHostnames setProperties getChangesCount'
 complete -c orvanectl -n '__orvanectl_command browsers; and not __fish_seen_subcommand_from policy' -a policy \
-    -d 'Managed policies that switch off what the filter cannot see'
+    -d 'Policies that switch off HTTP/3 and DNS over HTTPS'
 complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off HTTP/3'
-complete -c orvanectl -n __orvanectl_policy -a remove -d 'Remove what install wrote'
-complete -c orvanectl -n __orvanectl_policy -a show -d 'Print what policies say'
+complete -c orvanectl -n __orvanectl_policy -a remove -d 'Remove the policies that install wrote'
+complete -c orvanectl -n __orvanectl_policy -a show -d 'Print the policies'
 complete -c orvanectl -n '__orvanectl_command browsers; and __fish_seen_subcommand_from install' -l no-doh \
-    -d 'Switch off DNS over HTTPS, too'
+    -d 'Also switch off DNS over HTTPS'

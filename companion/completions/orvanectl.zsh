@@ -1,7 +1,7 @@
 #compdef orvanectl
-# Completion of orvanectl for zsh.
+# Completes orvanectl in zsh.
 
-# Hosts of the list. Without a word where the list may not be read.
+# Completes hosts of the list. Offers none, silently, if the user may not read the list.
 _orvanectl_hosts() {
   local -a hosts
   local list=${opt_args[--list]:-$before[--list]}
@@ -13,31 +13,31 @@ _orvanectl_commands() {
   local -a list service browsers extension
   list=(
     'block:block sites, from now on and after every start'
-    'unblock:take sites off the list'
+    'unblock:remove sites from the list'
     'list:print the list'
-    'suspend:leave sites unblocked for a while'
+    'suspend:unblock sites for a while'
     'resume:block suspended sites again at once'
     'import:add the names of a file to the list'
-    'export:print the list as import takes it back'
+    'export:print the list in a form that import reads'
   )
   service=(
     'status:show whether the list is in force'
-    'try:tell whether a host is blocked now, and why'
-    'keep:keep the list in the extension'
-    'doctor:look for what keeps hosts from being blocked'
+    'try:show whether a host is blocked now, and why'
+    'keep:run the keeper, which sends the list to the extension'
+    'doctor:check everything that blocking needs'
   )
-  browsers=('browsers:settings of browsers')
+  browsers=('browsers:browser settings')
   extension=(
-    'ping:ask whether the extension answers'
+    'ping:check that the extension answers'
     "state:print the application filter's state"
     'changes:print how many edits the extension has received'
     'start:send the start command'
     'stop:send the stop command'
     'add:block hosts until the extension ends'
     'remove:stop blocking hosts'
-    'set:block the hosts of a list, and no others'
+    'set:block the hosts of a file and no others'
     "properties:replace a host's properties"
-    'watch:print the count of edits whenever it has moved'
+    'watch:print the number of edits after each change'
     'call:send one message of the protocol'
   )
   _describe -t list-commands 'list' list
@@ -50,14 +50,14 @@ _orvanectl_browsers() {
   local -a commands
   case $CURRENT in
     2)
-      commands=('policy:managed policies that switch off what the filter cannot see')
+      commands=('policy:policies that switch off HTTP/3 and DNS over HTTPS')
       _describe -t commands 'command' commands
       ;;
     3)
       commands=(
         'install:switch off HTTP/3'
-        'remove:remove what install wrote'
-        'show:print what policies say'
+        'remove:remove the policies that install wrote'
+        'show:print the policies'
       )
       _describe -t commands 'command' commands
       ;;
@@ -65,7 +65,7 @@ _orvanectl_browsers() {
       shift 2 words
       (( CURRENT -= 2 ))
       if [[ $words[1] == install ]]; then
-        _arguments $common '--no-doh[switch off DNS over HTTPS, too]'
+        _arguments $common '--no-doh[also switch off DNS over HTTPS]'
       else
         _arguments $common
       fi
@@ -78,19 +78,19 @@ _orvanectl() {
   local -A opt_args
   local -a common www
   common=(
-    '(- *)'{-h,--help}'[explain]'
+    '(- *)'{-h,--help}'[print help]'
     '--json[print results as JSON]'
-    '--list=[the file of the list]:file:_files'
+    "--list=[the list's file]:file:_files"
     "--service=[the extension's service name]:name:"
     "--socket=[the extension's socket]:socket:_files"
-    '--state=[the file with the state of the keeper]:file:_files'
+    "--state=[the keeper's state file]:file:_files"
   )
-  www=('(--no-www)--www[under the usual names, too]' '(--www)--no-www[under the very names alone]')
+  www=('(--no-www)--www[also block www.HOST and m.HOST]' '(--www)--no-www[block the exact names only]')
 
   _arguments -C $common '(- *)--version[print the version]' '(-): :_orvanectl_commands' \
     '(-)*:: :->arguments' && return
   [[ $state == arguments ]] || return
-  local -A before=("${(@kv)opt_args}") # options that stand before the command
+  local -A before=("${(@kv)opt_args}") # options before the command
   case $words[1] in
     block) _arguments $common $www '*:host:' ;;
     unblock) _arguments $common '*:host:_orvanectl_hosts' ;;
@@ -100,13 +100,13 @@ _orvanectl() {
       _arguments $common '--all[all sites on the list]' '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(tomorrow)' '*:host:_orvanectl_hosts'
       ;;
-    import) _arguments $common $www '--replace[take everything else off the list]' ':file:_files' ;;
-    export) _arguments $common "--hosts[the sites' names alone]" ;;
+    import) _arguments $common $www '--replace[remove everything else from the list]' ':file:_files' ;;
+    export) _arguments $common '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;
     add | remove) _arguments $common '*:host:' ;;
     set) _arguments $common ':file:_files' ;;
     properties) _arguments $common '--dont-block-until=[suspend until a time]:time:' ':host:' ':JSON:' ;;
-    watch) _arguments $common '--interval=[seconds between two looks]:seconds:' ;;
+    watch) _arguments $common '--interval=[seconds between two requests]:seconds:' ;;
     call)
       _arguments $common ':method:(pingWithReply getAppFilterStateWithReply start stop addApplicationIdentifier
         removeApplicationIdentifier setApplicationIdentifiers addHostname removeHostname setHostnames setProperties

@@ -10,10 +10,11 @@ namespace orvane {
 void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   options.listPath = kListPath;
   options.keeperStatePath = kKeeperStatePath;
-  commands.app.add_option("--socket", options.client.socket, "The extension's socket, instead of the service's own")
+  commands.app
+      .add_option("--socket", options.client.socket, "The extension's socket, instead of the default for --service")
       ->type_name("PATH");
   commands.app.add_option("--list", options.listPath, "The list's file")->type_name("PATH")->capture_default_str();
-  commands.app.add_option("--state", options.keeperStatePath, "The file in which the keeper tells what it does")
+  commands.app.add_option("--state", options.keeperStatePath, "The keeper's state file")
       ->type_name("PATH")
       ->capture_default_str();
   declare_list_commands(commands);

@@ -4,11 +4,11 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "companion/text/Input.h"
 #include "companion/text/TimeText.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
@@ -43,9 +43,9 @@ TEST(ListCommands, UnderstandTimesAsPeopleTypeThem) {
     EXPECT_THROW(read_duration(text), InputError) << text;
 }
 
-TEST(ListCommands, DoWhatTheySayOrNothing) {
-  std::string folder = testing::TempDir() + "/commands.XXXXXX";
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+// One session of commands, each with its exit code and standard output.
+TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
+  const TemporaryFolder folder;
   struct Case {
     const char* command;
     int code;
@@ -54,9 +54,9 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
   const Case kCases[] = {
       {"block www.Example.com m.example.com", 0, "example.com, with www.example.com and m.example.com\n"},
       {"block other.example a..b 2>&1 | tail -n 1", 0,
-       "orvanectl: nothing done: 1 of 2 names refused: correct them and run the command again\n"},
+       "orvanectl: nothing was changed: 1 of 2 names refused: correct the names above\n"},
       {"block --no-www www.example.com", 0, "www.example.com\n"},
-      {"block --www example.com", 0, "example.com, with www.example.com and m.example.com: was there already\n"},
+      {"block --www example.com", 0, "example.com, with www.example.com and m.example.com: already on the list\n"},
       {"suspend m.example.com --for 1d >'%'.out && cut -d ' ' -f 1-8 '%'.out", 0,
        "example.com, with www.example.com and m.example.com: not blocked until\n"},
       {"list | sed 's/=.*/=/'", 0, "example.com until=\nwww.example.com only\n"},
@@ -69,15 +69,15 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
       {"list --json | grep -c until", 0, "1\n"},
       {"resume example.com", 0, "example.com, with www.example.com and m.example.com: blocked again\n"},
       {"export | '" ORVANECTL "' --list '%.2' import - | tail -n 1", 0,
-       "0 given more than once, 0 passed over (localhost and the like), 0 rejected\n"},
+       "0 duplicates, 0 skipped (localhost and the like), 0 rejected\n"},
       {"import --replace - </dev/null", 2, ""},
       {"export | cmp - '%.2'", 0, ""},
       {"unblock www.example.com m.example.com >'%'.out && grep -c still '%'.out", 1, "0\n"},
       {"block example.com >'%'.out; '" ORVANECTL "' --state '%.state' --list '%' block --no-www www.example.com", 0,
        "www.example.com\n"},
       {"unblock www.example.com", 0,
-       "www.example.com: taken off the list; still blocked by another line: www.example.com\n"},
-      {"unblock www.example.com", 0, "example.com, with www.example.com and m.example.com: taken off the list\n"},
+       "www.example.com: removed from the list; still blocked by another line: www.example.com\n"},
+      {"unblock www.example.com", 0, "example.com, with www.example.com and m.example.com: removed from the list\n"},
       {"unblock example.com", 2, ""},
       {"resume --all", 0, ""},
       {"export --json", 0, "[]\n"},
@@ -85,7 +85,7 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
   };
   for (const Case& each : kCases) {
     std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;
-    for (size_t at; (at = command.find('%')) != std::string::npos;) command.replace(at, 1, folder + "/list");
+    for (size_t at; (at = command.find('%')) != std::string::npos;) command.replace(at, 1, folder.path() / "list");
     std::array<char, 4096> output{};
     FILE* pipe = popen((command + (each.code == 0 ? "" : " 2>/dev/null")).c_str(), "r");
     output[fread(output.data(), 1, output.size() - 1, pipe)] = 0;
@@ -93,7 +93,6 @@ TEST(ListCommands, DoWhatTheySayOrNothing) {
     EXPECT_EQ(WEXITSTATUS(status), each.code) << each.command;
     EXPECT_STREQ(output.data(), each.output) << each.command;
   }
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

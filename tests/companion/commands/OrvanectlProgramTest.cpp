@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(OrvanectlProgram, ExitsAsItsManualSays) {
+TEST(OrvanectlProgram, ExitsWithTheCodesOfItsManual) {
   const std::pair<std::string, int> kCases[] = {
       {"call --help | grep -q setApplicationIdentifiers", 0},
       {"--help >/dev/full 2>/dev/null", 1},

@@ -234,8 +234,8 @@ TEST_F(Keeper, TryTellsWhatBefallsAHostAndWhy) {
   };
   check("A.example.", "blocked", "it is on the list\n");
   check("m.a.example", "blocked", "as a usual name of a.example");
-  check("x.y.a.example", "not blocked", "a.example is on the list, and x.y.a.example is another name");
-  check("www.b.example", "not blocked", "b.example is on the list under that very name only");
+  check("x.y.a.example", "not blocked", "a.example is on the list, but does not cover x.y.a.example");
+  check("www.b.example", "not blocked", "b.example is on the list under its exact name only");
   check("www.c.example", "blocked", "it is on the list\n");
   check("m.c.example", "not blocked", "suspended until 2999");
   check("d.example", "not blocked", "it is not on the list\n");
