@@ -11,22 +11,22 @@
 
 namespace orvane {
 
-// The kernel's socket diagnostics (sock_diag(7)), asked over one netlink socket. An object belongs to the network
-// namespace of the thread that made it. Not thread-safe.
+// Queries the kernel's socket diagnostics (sock_diag(7)) over one netlink socket. An object sees the sockets of the
+// network namespace in which it was made. Not thread-safe.
 class SocketDiagnostics {
  public:
   SocketDiagnostics();
 
-  // As SocketOwners::find(), from the kernel's tables of open sockets alone.
+  // The same as SocketOwners::find(), but finds open sockets only.
   std::optional<SocketFacts> find(const SocketPair& pair);
 
  private:
-  // One socket of an answer.
-  using Take = std::function<void(const inet_diag_msg&)>;
+  // Called for each socket of a reply.
+  using SocketCallback = std::function<void(const inet_diag_msg&)>;
 
-  bool ask(const inet_diag_req_v2& request, uint16_t flags, const Take& take);
-  enum class Answer { Unfinished, Finished, Failed };
-  Answer receive(const Take& take);
+  bool query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket);
+  enum class Reply { Unfinished, Finished, Failed };
+  Reply receive(const SocketCallback& onSocket);
 
   Descriptor netlink_;
   int openError_ = 0;

@@ -22,63 +22,66 @@
 namespace orvane {
 namespace {
 
-// Where sockets were seen when descriptors were last read: a process with a thousand sockets is not read a thousand
-// times. Only a hint, as descriptors are closed and given anew.
-class SeenSockets {
+// Remembers at which descriptors sockets were seen, so that a process with a thousand sockets is not scanned a thousand
+// times. An entry is only a hint, because descriptors are closed and reused. Keys are links ("socket:[INODE]").
+// Thread-safe.
+class SocketCache {
  public:
-  struct Place {
+  struct Location {
     pid_t process;
     int descriptor;
   };
 
-  std::optional<Place> find(const std::string& link) {
+  std::optional<Location> find(const std::string& link) {
     std::lock_guard lock(mutex_);
-    auto it = places_.find(link);
-    return it == places_.end() ? std::nullopt : std::optional(it->second);
+    auto it = locations_.find(link);
+    return it == locations_.end() ? std::nullopt : std::optional(it->second);
   }
 
   void put(std::string_view link, pid_t process, int descriptor) {
     std::lock_guard lock(mutex_);
-    if (places_.size() >= kLimit) {
-      // With the places goes what "was not seen then" could be told by.
-      places_.clear();
-      readings_.clear();
-      ++clearings_;
+    if (locations_.size() >= kLocationLimit) {
+      // A scan vouches for sockets that it did not see, which needs the sockets that it saw.
+      locations_.clear();
+      scans_.clear();
+      ++generation_;
     }
-    places_.insert_or_assign(std::string(link), Place{process, descriptor});
+    locations_.insert_or_assign(std::string(link), Location{process, descriptor});
   }
 
-  uint64_t clearings() {
+  // Changes when the cache is cleared.
+  uint64_t generation() {
     std::lock_guard lock(mutex_);
-    return clearings_;
+    return generation_;
   }
 
-  // That all descriptors of a process have been read, and none of them forgotten since.
-  void putReading(const ProcessInformation& process, uint64_t begin, uint64_t clearings) {
+  // Records that all descriptors of a process were scanned, from `begin` on, unless the cache was cleared since then.
+  void putScan(const ProcessInformation& process, uint64_t begin, uint64_t generation) {
     std::lock_guard lock(mutex_);
-    if (clearings != clearings_) return;
-    if (readings_.size() >= kReadingsLimit) readings_.clear();
-    readings_.insert_or_assign(process.pid(), Reading{process.version(), begin});
+    if (generation != generation_) return;
+    if (scans_.size() >= kScanLimit) scans_.clear();
+    scans_.insert_or_assign(process.pid(), Scan{process.version(), begin});
   }
 
-  // Whether that was when `child` had begun already: what was not seen then, the child has not inherited.
-  bool readSince(const ProcessInformation& process, const ProcessInformation& child) {
+  // Whether `process` was scanned after its child started. A socket that the scan did not see was opened later, so the
+  // child did not inherit it.
+  bool wasScannedSince(const ProcessInformation& process, const ProcessInformation& child) {
     std::lock_guard lock(mutex_);
-    auto it = readings_.find(process.pid());
-    return it != readings_.end() && it->second.version == process.version() && it->second.begin > child.startTime();
+    auto it = scans_.find(process.pid());
+    return it != scans_.end() && it->second.version == process.version() && it->second.begin > child.startTime();
   }
 
  private:
-  struct Reading {
-    uint32_t version;
-    uint64_t begin;  // clock ticks since boot
+  struct Scan {
+    uint32_t version;  // of the process
+    uint64_t begin;    // in clock ticks since boot
   };
 
-  static constexpr size_t kLimit = 8192, kReadingsLimit = 256;
+  static constexpr size_t kLocationLimit = 8192, kScanLimit = 256;
   std::mutex mutex_;
-  std::unordered_map<std::string, Place> places_;
-  std::unordered_map<pid_t, Reading> readings_;
-  uint64_t clearings_ = 0;
+  std::unordered_map<std::string, Location> locations_;
+  std::unordered_map<pid_t, Scan> scans_;
+  uint64_t generation_ = 0;
 };
 
 uint64_t ticks_since_boot() {
@@ -88,18 +91,19 @@ uint64_t ticks_since_boot() {
   return static_cast<uint64_t>(now.tv_sec) * kTicks + static_cast<uint64_t>(now.tv_nsec) / (1'000'000'000 / kTicks);
 }
 
-SeenSockets& seen_sockets() {
-  static auto* sockets = new SeenSockets;
-  return *sockets;
+SocketCache& socket_cache() {
+  static auto* cache = new SocketCache;
+  return *cache;
 }
 
-// A link that stands for a socket, "socket:[INODE]". Empty for others, which are longer or differently spelled.
+// The target of a descriptor's link if it is a socket, "socket:[INODE]". Else empty.
 std::string_view socket_link(int directory, const char* path, std::array<char, 64>& target) {
   ssize_t length = ::readlinkat(directory, path, target.data(), target.size());
   std::string_view link(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
   return link.starts_with("socket:") ? link : std::string_view();
 }
 
+// Scans all descriptors of the process.
 bool holds_socket(const ProcessInformation& process, std::string_view link) {
   int descriptor = ::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (descriptor < 0) return false;
@@ -109,15 +113,15 @@ bool holds_socket(const ProcessInformation& process, std::string_view link) {
     return false;
   }
   std::array<char, 64> target;
-  uint64_t begin = ticks_since_boot(), clearings = seen_sockets().clearings();
+  uint64_t begin = ticks_since_boot(), generation = socket_cache().generation();
   bool holds = false;
   while (const dirent* entry = ::readdir(descriptors.get())) {
     std::string_view found = socket_link(descriptor, entry->d_name, target);
     if (found.empty()) continue;
     if (found == link) holds = true;
-    seen_sockets().put(found, process.pid(), static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
+    socket_cache().put(found, process.pid(), static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
   }
-  seen_sockets().putReading(process, begin, clearings);
+  socket_cache().putScan(process, begin, generation);
   return holds;
 }
 
@@ -126,47 +130,49 @@ bool holds_at(const ProcessInformation& process, int descriptor, std::string_vie
   return socket_link(process.directory(), ("fd/" + std::to_string(descriptor)).c_str(), target) == link;
 }
 
-std::optional<ProcessInformation> holder_seen(const std::string& link) {
-  auto place = seen_sockets().find(link);
-  auto process = place ? ProcessInformation::open(place->process) : std::nullopt;
-  if (!process || !holds_at(*process, place->descriptor, link)) return std::nullopt;
+std::optional<ProcessInformation> cached_holder(const std::string& link) {
+  auto location = socket_cache().find(link);
+  auto process = location ? ProcessInformation::open(location->process) : std::nullopt;
+  if (!process || !holds_at(*process, location->descriptor, link)) return std::nullopt;
   return process;
 }
 
-// The processes that owned the last sockets, the latest first. A browser opens many connections in a row, and one
-// process's descriptors are read in a fraction of the time that the whole table takes.
-class LastOwners {
+// The processes that held the sockets found last, the latest first. A browser opens many connections in a row, and
+// scanning one process takes a fraction of the time of scanning all. Thread-safe.
+class RecentHolders {
  public:
-  std::vector<SeenSockets::Place> get() {
+  std::vector<SocketCache::Location> get() {
     std::lock_guard lock(mutex_);
-    return owners_;
+    return holders_;
   }
 
-  void put(const SeenSockets::Place& owner) {
+  void put(const SocketCache::Location& holder) {
     std::lock_guard lock(mutex_);
-    std::erase_if(owners_, [&](const auto& each) { return each.process == owner.process; });
-    owners_.insert(owners_.begin(), owner);
-    if (owners_.size() > kLimit) owners_.pop_back();
+    std::erase_if(holders_, [&](const auto& each) { return each.process == holder.process; });
+    holders_.insert(holders_.begin(), holder);
+    if (holders_.size() > kLimit) holders_.pop_back();
   }
 
  private:
   static constexpr size_t kLimit = 8;
   std::mutex mutex_;
-  std::vector<SeenSockets::Place> owners_;
+  std::vector<SocketCache::Location> holders_;
 };
 
-LastOwners& last_owners() {
-  static auto* owners = new LastOwners;
-  return *owners;
+RecentHolders& recent_holders() {
+  static auto* holders = new RecentHolders;
+  return *holders;
 }
 
-// Descriptors are given out from the lowest free one on: a new socket's is mostly that of the last one, or next to it.
-std::optional<ProcessInformation> holder_nearby(const std::vector<SeenSockets::Place>& last, const std::string& link) {
-  for (const auto& [pid, descriptor] : last) {
+// Looks next to the descriptors of recent sockets: the kernel assigns the lowest free descriptor, so a new socket often
+// has the number of the previous one or a number close to it.
+std::optional<ProcessInformation> holder_near(const std::vector<SocketCache::Location>& recent,
+                                              const std::string& link) {
+  for (const auto& [pid, descriptor] : recent) {
     auto process = ProcessInformation::open(pid);
-    for (int near : {0, 1, 2, 3, -1}) {
-      if (!process || !holds_at(*process, descriptor + near, link)) continue;
-      seen_sockets().put(link, pid, descriptor + near);
+    for (int offset : {0, 1, 2, 3, -1}) {
+      if (!process || !holds_at(*process, descriptor + offset, link)) continue;
+      socket_cache().put(link, pid, descriptor + offset);
       return process;
     }
   }
@@ -181,11 +187,12 @@ std::optional<ProcessInformation> first_holder(const std::vector<pid_t>& candida
   return std::nullopt;
 }
 
-// All other processes: those of the socket's user first, and of these the youngest first, as most of the old ones are
-// the system's services.
-std::vector<pid_t> other_candidates(const std::vector<pid_t>& looked, uid_t user) {
+// All processes except the excluded ones: those of the socket's user first, and the highest identifiers first, since
+// most processes with low ones are system services.
+std::vector<pid_t> other_candidates(const std::vector<pid_t>& excluded, uid_t user) {
   std::vector<pid_t> candidates = process_identifiers();
-  std::erase_if(candidates, [&](pid_t pid) { return std::find(looked.begin(), looked.end(), pid) != looked.end(); });
+  std::erase_if(candidates,
+                [&](pid_t pid) { return std::find(excluded.begin(), excluded.end(), pid) != excluded.end(); });
   std::sort(candidates.begin(), candidates.end(), std::greater<>());
   std::stable_partition(candidates.begin(), candidates.end(), [user](pid_t pid) {
     struct stat status;
@@ -194,11 +201,11 @@ std::vector<pid_t> other_candidates(const std::vector<pid_t>& looked, uid_t user
   return candidates;
 }
 
-// Children inherit sockets: the one that opened it stands above. `isNew`: it was in nobody's hands when descriptors
-// were last read.
+// The topmost ancestor that also holds the socket. Children inherit sockets, so that one opened it. `isNew`: no scan
+// saw the socket before this search.
 ProcessInformation topmost_holder(ProcessInformation holder, std::string_view link, bool isNew) {
   while (auto parent = ProcessInformation::open(holder.parent())) {
-    if ((isNew && seen_sockets().readSince(*parent, holder)) || !holds_socket(*parent, link)) break;
+    if ((isNew && socket_cache().wasScannedSince(*parent, holder)) || !holds_socket(*parent, link)) break;
     holder = std::move(*parent);
   }
   return holder;
@@ -207,22 +214,22 @@ ProcessInformation topmost_holder(ProcessInformation holder, std::string_view li
 }  // namespace
 
 std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket) {
-  // What nobody holds any more (the last of it is being sent, or it waits in TIME_WAIT) is in no table.
+  // A closed socket has no inode: its last bytes are being sent, or it is in TIME_WAIT.
   if (socket.inode == 0) return std::nullopt;
   std::string link = "socket:[" + std::to_string(socket.inode) + "]";
-  const auto last = last_owners().get();
-  std::vector<pid_t> lastProcesses;
-  lastProcesses.reserve(last.size());
-  for (const auto& each : last) lastProcesses.push_back(each.process);
-  bool isNew = !seen_sockets().find(link);
-  auto holder = holder_seen(link);
-  if (!holder) holder = holder_nearby(last, link);
-  if (!holder) holder = first_holder(lastProcesses, link);
-  if (!holder) holder = first_holder(other_candidates(lastProcesses, socket.user), link);
+  const auto recent = recent_holders().get();
+  std::vector<pid_t> recentProcesses;
+  recentProcesses.reserve(recent.size());
+  for (const auto& each : recent) recentProcesses.push_back(each.process);
+  bool isNew = !socket_cache().find(link);
+  auto holder = cached_holder(link);
+  if (!holder) holder = holder_near(recent, link);
+  if (!holder) holder = first_holder(recentProcesses, link);
+  if (!holder) holder = first_holder(other_candidates(recentProcesses, socket.user), link);
   if (!holder) return std::nullopt;
   auto topmost = topmost_holder(std::move(*holder), link, isNew);
-  auto place = seen_sockets().find(link);
-  if (place && place->process == topmost.pid()) last_owners().put(*place);
+  auto location = socket_cache().find(link);
+  if (location && location->process == topmost.pid()) recent_holders().put(*location);
   return topmost;
 }
 

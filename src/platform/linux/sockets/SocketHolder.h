@@ -7,11 +7,11 @@
 
 namespace orvane {
 
-// The process that holds the socket, by the process table; of several, as SocketOwners says. Nothing when none does
-// that is ours to look into. Thread-safe.
+// Finds the process that holds a socket in the process table. If several hold it, the choice is that of SocketOwners.
+// Nothing if no process holds it, or none whose descriptors this process may read. Thread-safe.
 std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket);
 
-// A token as data; nil for none.
+// The token's bytes as data; nil if there is no token.
 Value token_value(const std::optional<audit_token_t>& token);
 
 }  // namespace orvane

@@ -1,23 +1,22 @@
-// Runs in the kernel whenever a process connects a socket, or sends a datagram to a destination that it gives with it.
-// Always lets the call go on.
+// Runs in the kernel when a process connects a socket or sends a datagram with an explicit destination. Records the
+// process (SocketRecords.h) and always allows the call.
 #include <linux/bpf.h>
-// In this order: the headers below need the types of the one above.
+// The headers below need the types of linux/bpf.h.
 #include <bpf/bpf_endian.h>
 #include <bpf/bpf_helpers.h>
 
 #include "platform/linux/sockets/SocketRecords.h"
 
-// The kernel requires a license text, although none of the helpers used here restricts it.
+// The kernel requires a license text. None of the helpers used here is reserved for GPL programs.
 const char license_text[] SEC("license") = "Proprietary";
 
-// The one that the extension filters; set before the programs are loaded.
-const volatile __u64 network_namespace = 0;
+// The extension sets these before it loads the programs.
+const volatile __u64 network_namespace = 0;  // cookie of the namespace whose sockets are recorded
+// The extension's PID namespace as stat(2) shows it, or 0 for the initial one. Kernels before 6.10 do not allow the
+// helper that reads identifiers in another namespace, and reject the programs then.
+const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
-// The file of the extension's PID namespace, when it is not the first one. Its processes are known by their identifiers
-// there, which kernels before 6.10 do not tell: they refuse to load the programs then.
-const volatile __u64 process_namespace_device = 0, process_namespace_inode = 0;
-
-// The least recently used go when a map is full: a socket's owner is asked for within moments of its first packet.
+// A full map drops the least recently used records. The extension looks a record up within moments of the first packet.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);
@@ -32,16 +31,15 @@ struct {
   __type(value, __u64);
 } datagrams SEC(".maps");
 
-// Of this process, as the extension counts processes. 0 for one of a PID namespace that is not the extension's own,
-// unless it sees them all.
+// The current process in the extension's PID namespace. 0 if it belongs to another one; the initial one sees all.
 static __u32 process_identifier(void) {
-  if (!process_namespace_inode) return bpf_get_current_pid_tgid() >> 32;
+  if (!pid_namespace_inode) return bpf_get_current_pid_tgid() >> 32;
   struct bpf_pidns_info process = {};
-  bpf_get_ns_current_pid_tgid(process_namespace_device, process_namespace_inode, &process, sizeof process);
+  bpf_get_ns_current_pid_tgid(pid_namespace_device, pid_namespace_inode, &process, sizeof process);
   return process.tgid;
 }
 
-// The socket's cookie, or 0 when it is none of ours.
+// Records the current process. Returns the socket's cookie, or 0 if the socket is not recorded.
 static __u64 record_opener(struct bpf_sock_addr* context) {
   if (bpf_get_netns_cookie(context) != network_namespace) return 0;
   __u32 process = process_identifier();
@@ -56,15 +54,15 @@ static __u64 record_opener(struct bpf_sock_addr* context) {
   };
   struct SocketOpener* known = bpf_map_lookup_elem(&openers, &cookie);
   if (known && known->process == opener.process) {
-    *known = opener;  // far cheaper than an update, for those who send datagrams by the thousand
+    *known = opener;  // far cheaper than an update, for processes that send thousands of datagrams
   } else {
     bpf_map_update_elem(&openers, &cookie, &opener, BPF_ANY);
   }
   return cookie;
 }
 
-// The kernel has bound the socket to a port by now. A socket that is closed right after sending is in none of the
-// kernel's tables any more when the datagram is looked at.
+// Records the socket of a datagram, because a socket that is closed right after sending is in no table of the kernel
+// when the extension examines the datagram. The kernel has bound the socket to a port before it calls this program.
 static void record_datagram(struct bpf_sock_addr* context, struct DatagramRoute* route, __u64 cookie) {
   struct bpf_sock* socket = context->sk;
   if (!socket || !cookie) return;

@@ -23,23 +23,22 @@
 namespace orvane {
 namespace {
 
-// A datagram is looked at right after it is sent. Beyond this age the local port may have another owner.
-constexpr uint64_t kSentJustNow = 5'000'000'000;  // nanoseconds
+// A datagram is examined right after it is sent. After this time another process may use the local port.
+constexpr uint64_t kRecordLifetime = 5'000'000'000;  // nanoseconds
 
-// The number of the file of the PID namespace that a system starts with (linux/nsfs.h has it since Linux 6.18).
-constexpr ino_t kFirstProcessNamespace = 0xEFFFFFFC;
+// The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).
+constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 
-std::string because(const char* failed, int error) {
-  return std::string("cannot ") + failed + ": " + std::strerror(error);
-}
+std::string failure(const char* what, int error) { return std::string("cannot ") + what + ": " + std::strerror(error); }
 
-uint64_t time_since_start() {
+uint64_t time_since_boot() {
   timespec time{};
   ::clock_gettime(CLOCK_BOOTTIME, &time);
   return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
 }
 
-// The directory of all control groups, where it is mounted; else from a mount of our own that no path leads to.
+// Opens the topmost control group that can be reached: the root of a mounted hierarchy, else the first mounted part of
+// one, else the root of a private mount that no path leads to.
 Descriptor open_topmost_control_group() {
   std::unique_ptr<FILE, int (*)(FILE*)> mounts(::setmntent("/proc/self/mounts", "re"), ::endmntent);
   mntent mount;
@@ -48,7 +47,7 @@ Descriptor open_topmost_control_group() {
   while (mounts && ::getmntent_r(mounts.get(), &mount, text, sizeof text) != nullptr) {
     if (std::strcmp(mount.mnt_type, "cgroup2") != 0) continue;
     Descriptor directory(::open(mount.mnt_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // Every group has this file but the topmost: of the whole tree, a container sees a part.
+    // Only the root has no cgroup.type. In a container, part of the hierarchy is mounted instead.
     if (directory && ::faccessat(directory.get(), "cgroup.type", F_OK, 0) != 0) return directory;
     if (directory && !lower) lower = std::move(directory);
   }
@@ -68,49 +67,77 @@ std::optional<Found> look_up(const bpf_map* map, const Key& key) {
 
 }  // namespace
 
+// Each step returns the reason on failure.
 struct SocketOpeners::Programs {
   ~Programs() { socket_openers::destroy(kernel); }
   std::optional<std::string> load();
   std::optional<std::string> attach();
+  std::optional<std::string> checkOwnProcess();
+  std::optional<SocketOpener> opener(uint64_t cookie) const;
 
   socket_openers* kernel = nullptr;
 };
 
 std::optional<std::string> SocketOpeners::Programs::load() {
-  uint64_t name = 0;
-  socklen_t size = sizeof name;
+  uint64_t networkNamespace = 0;
+  socklen_t size = sizeof networkNamespace;
   Descriptor any(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (::getsockopt(any.get(), SOL_SOCKET, SO_NETNS_COOKIE, &name, &size) != 0) {
-    return because("tell this network namespace from others", errno);
+  if (::getsockopt(any.get(), SOL_SOCKET, SO_NETNS_COOKIE, &networkNamespace, &size) != 0) {
+    return failure("identify the network namespace", errno);
   }
-  ::libbpf_set_print(nullptr);  // what it would write to standard error is in the answer
+  ::libbpf_set_print(nullptr);  // errors are returned, not written to standard error
   kernel = socket_openers::open();
-  if (kernel == nullptr) return because("read the BPF programs", errno);
-  kernel->rodata->network_namespace = name;
-  struct stat space;
-  if (::stat("/proc/self/ns/pid", &space) != 0) return because("tell this PID namespace from others", errno);
-  if (space.st_ino != kFirstProcessNamespace) {
-    kernel->rodata->process_namespace_device = space.st_dev;
-    kernel->rodata->process_namespace_inode = space.st_ino;
+  if (kernel == nullptr) return failure("read the BPF programs", errno);
+  kernel->rodata->network_namespace = networkNamespace;
+  struct stat pidNamespace;
+  if (::stat("/proc/self/ns/pid", &pidNamespace) != 0) return failure("identify the PID namespace", errno);
+  if (pidNamespace.st_ino != kInitialPidNamespace) {
+    kernel->rodata->pid_namespace_device = pidNamespace.st_dev;
+    kernel->rodata->pid_namespace_inode = pidNamespace.st_ino;
   }
-  if (int error = socket_openers::load(kernel); error != 0) return because("load BPF programs", -error);
+  if (int error = socket_openers::load(kernel); error != 0) return failure("load BPF programs", -error);
   return std::nullopt;
 }
 
 std::optional<std::string> SocketOpeners::Programs::attach() {
   Descriptor group = open_topmost_control_group();
-  if (!group) return because("open the topmost control group", errno);
-  const std::pair<const bpf_program*, bpf_link**> kPairs[] = {
+  if (!group) return failure("open the topmost control group", errno);
+  const std::pair<const bpf_program*, bpf_link**> kPrograms[] = {
       {kernel->progs.connect_v4, &kernel->links.connect_v4},
       {kernel->progs.connect_v6, &kernel->links.connect_v6},
       {kernel->progs.send_v4, &kernel->links.send_v4},
       {kernel->progs.send_v6, &kernel->links.send_v6},
   };
-  for (auto [program, link] : kPairs) {
+  for (auto [program, link] : kPrograms) {
     *link = ::bpf_program__attach_cgroup(program, group.get());
-    if (*link == nullptr) return because("attach BPF programs to the topmost control group", errno);
+    if (*link == nullptr) return failure("attach BPF programs to the topmost control group", errno);
   }
   return std::nullopt;
+}
+
+// Checks that the programs see this process, and record it under the identifier that /proc uses. In a container neither
+// is certain. Connects a datagram socket, which sends nothing.
+std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
+  Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in target{};
+  target.sin_family = AF_INET;
+  target.sin_port = htons(9);
+  target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  (void)::connect(trial.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target);
+  uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  ::getsockopt(trial.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
+  auto own = opener(cookie);
+  if (!own) return "BPF programs do not see the processes of this control group";
+  // Not getpid(2), since the mounted /proc may belong to another PID namespace.
+  char self[16]{};
+  bool known = ::readlink("/proc/self", self, sizeof self - 1) > 0;
+  if (!known || std::to_string(own->process) != self) return "processes have other identifiers in BPF";
+  return std::nullopt;
+}
+
+std::optional<SocketOpener> SocketOpeners::Programs::opener(uint64_t cookie) const {
+  return look_up<SocketOpener>(kernel->maps.openers, cookie);
 }
 
 SocketOpeners::SocketOpeners() = default;
@@ -120,31 +147,13 @@ std::optional<std::string> SocketOpeners::start() {
   programs_ = std::make_unique<Programs>();
   auto error = programs_->load();
   if (!error) error = programs_->attach();
-  if (!error) {
-    // A trial tells what no rule does: whether the programs see processes like this one, and count them as it does (in
-    // a container neither need be so). Connecting this kind of socket sends nothing.
-    Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in target{};
-    target.sin_family = AF_INET;
-    target.sin_port = htons(9);
-    target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    (void)::connect(trial.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target);
-    uint64_t cookie = 0;
-    socklen_t size = sizeof cookie;
-    ::getsockopt(trial.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
-    auto own = opener(cookie);
-    if (!own) error = "BPF programs do not see the processes of this control group";
-    // Not getpid(2): all else that is asked of a process is read in the table, which may count otherwise.
-    char self[16]{};
-    bool known = ::readlink("/proc/self", self, sizeof self - 1) > 0;
-    if (own && (!known || std::to_string(own->process) != self)) error = "processes have other identifiers in BPF";
-  }
+  if (!error) error = programs_->checkOwnProcess();
   if (error) programs_.reset();
   return error;
 }
 
 std::optional<SocketOpener> SocketOpeners::opener(uint64_t cookie) const {
-  return programs_ ? look_up<SocketOpener>(programs_->kernel->maps.openers, cookie) : std::nullopt;
+  return programs_ ? programs_->opener(cookie) : std::nullopt;
 }
 
 std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
@@ -157,7 +166,7 @@ std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
   std::memcpy(v4 ? &route.remote[3] : route.remote, pair.remote.address.data(), v4 ? 4 : 16);
   auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, route);
   auto last = cookie ? opener(*cookie) : std::nullopt;
-  if (!last || last->time + kSentJustNow <= time_since_start()) return std::nullopt;
+  if (!last || last->time + kRecordLifetime <= time_since_boot()) return std::nullopt;
   return SocketFacts{*cookie, 0, last->user};
 }
 

@@ -10,9 +10,9 @@
 
 namespace orvane {
 
-// The kernel's record of who connects sockets and sends datagrams: BPF programs on the topmost control group (cgroup
-// version 2) that is to be seen, for the sockets of one network namespace. The kernel takes them away with the last
-// descriptor, so nothing stays behind, however the process ends. Not thread-safe.
+// Has the kernel record which process connects a socket or sends a datagram, for the sockets of one network namespace.
+// The records come from BPF programs on the topmost visible control group (cgroup version 2). The kernel removes the
+// programs with their last descriptor, so nothing stays behind, however the process ends. Not thread-safe.
 class SocketOpeners {
  public:
   SocketOpeners();
@@ -20,14 +20,15 @@ class SocketOpeners {
   SocketOpeners(const SocketOpeners&) = delete;
   SocketOpeners& operator=(const SocketOpeners&) = delete;
 
-  // Begins the record, for the network namespace of the calling thread. Returns why that cannot be.
+  // Starts recording in the network namespace of the calling thread. Returns the reason on failure.
   std::optional<std::string> start();
 
-  // Nothing for a socket that has not been used since start(), or so long ago that others have taken its place.
+  // The process that last used the socket. Nothing if the socket was not used since start(), or if newer records have
+  // replaced its record.
   std::optional<SocketOpener> opener(uint64_t cookie) const;
 
-  // The socket that has just sent a datagram this way, its destination given with it. It may be closed by now; its
-  // inode is not told.
+  // The socket that sent a datagram to the pair's remote end within the last seconds, with an explicit destination. It
+  // may be closed already; its inode is 0.
   std::optional<SocketFacts> sender(const SocketPair& pair) const;
 
  private:

@@ -19,24 +19,23 @@
 namespace orvane {
 namespace {
 
-constexpr uint32_t kUnknown = UINT32_MAX;  // as the kernel's audit says it
+constexpr uint32_t kUnset = UINT32_MAX;  // the kernel's value of an unset audit id
 
-// A process starts within a tick, of which the process table tells the beginning: one that started later has been given
-// the identifier since.
+// False if the process is a later one that reuses the recorded identifier. Start times are rounded down to clock ticks.
 bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   static const uint64_t kTick = 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));  // nanoseconds
   return process.startTime() * kTick <= opener.time;
 }
 
 audit_token_t token_of_ended(const SocketOpener& opener) {
-  return {{kUnknown, opener.user, opener.group, opener.user, opener.group, opener.process, kUnknown, 0}};
+  return {{kUnset, opener.user, opener.group, opener.user, opener.group, opener.process, kUnset, 0}};
 }
 
-// The processes that opened the last sockets, the latest first. A browser opens many in a row, and most of the time
-// that a token takes goes into opening files.
+// Keeps the processes that opened sockets recently, the latest first: a browser opens many sockets in a row, and
+// opening a process's files takes most of the time of reading its token.
 class RecentOpeners {
  public:
-  // Nothing when the process has ended.
+  // The opener's token. Nothing if the process has ended.
   std::optional<audit_token_t> token(const SocketOpener& opener);
 
  private:
@@ -46,9 +45,9 @@ class RecentOpeners {
     std::chrono::steady_clock::time_point read;
   };
 
-  static constexpr size_t kLimit = 16;  // four descriptors each
-  // For so long it is believed what users and groups a process had. That it lives is asked each time.
-  static constexpr auto kTokenTime = std::chrono::milliseconds(500);
+  static constexpr size_t kLimit = 16;  // each has four descriptors
+  // A process may change its user and groups, so its token is read again after this time.
+  static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
   std::vector<Recent> recent_;
 };
 
@@ -60,7 +59,7 @@ std::optional<audit_token_t> RecentOpeners::token(const SocketOpener& opener) {
   if (known != recent_.end()) {
     std::rotate(recent_.begin(), known, known + 1);
     Recent& recent = recent_.front();
-    bool fresh = now - recent.read < kTokenTime && recent.process.runs();
+    bool fresh = now - recent.read < kTokenLifetime && recent.process.runs();
     if (auto token = fresh ? std::optional(recent.token) : recent.process.auditToken()) {
       recent.token = *token;
       if (!fresh) recent.read = now;
@@ -96,14 +95,14 @@ std::optional<std::string> SocketOwners::check() {
   auto* generic = reinterpret_cast<sockaddr*>(&address);
   if (!trial || ::bind(trial.get(), generic, size) != 0 || ::listen(trial.get(), 1) != 0 ||
       ::getsockname(trial.get(), generic, &size) != 0) {
-    return std::string("no socket to try: ") + std::strerror(errno);
+    return std::string("cannot make a socket to check with: ") + std::strerror(errno);
   }
   const uint8_t any[4]{};
   auto local = SocketAddress::from(generic, size);
   errno = 0;
   if (local && find({IPPROTO_TCP, *local, SocketAddress::v4(any, 0)})) return std::nullopt;
-  return std::string("the kernel's socket diagnostics do not know our own socket: ") +
-         (errno != 0 ? std::strerror(errno) : "perhaps it lacks tcp_diag");
+  return std::string("the kernel's socket diagnostics do not find the extension's own socket: ") +
+         (errno != 0 ? std::strerror(errno) : "load the kernel module tcp_diag");
 }
 
 std::optional<std::string> SocketOwners::recordOpeners() { return implementation_->openers.start(); }
@@ -111,7 +110,7 @@ std::optional<std::string> SocketOwners::recordOpeners() { return implementation
 std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
   auto found = implementation_->diagnostics.find(pair);
   if (pair.protocol != IPPROTO_UDP || (found && found->connected)) return found;
-  // Of sockets that share a port the record knows which has sent the datagram, and it knows those that are closed.
+  // The record knows which of several sockets on a port sent the datagram, and it knows closed sockets.
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;
@@ -121,9 +120,9 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
   if (auto opener = implementation_->openers.opener(socket.cookie)) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
-    // It has ended, and may have left the socket to another.
-    auto heir = find_socket_holder(socket);
-    auto token = heir ? heir->auditToken() : std::nullopt;
+    // The opener has ended. A child may have inherited the socket.
+    auto holder = find_socket_holder(socket);
+    auto token = holder ? holder->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));
   }
   auto holder = find_socket_holder(socket);

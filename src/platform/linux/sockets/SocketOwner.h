@@ -12,22 +12,26 @@
 
 namespace orvane {
 
-// A socket of this network namespace, as the kernel's socket diagnostics (sock_diag(7)) tell of it.
+// What the kernel's socket diagnostics (sock_diag(7)) report about a socket.
 struct SocketFacts {
-  uint64_t cookie;  // no other socket has had it since the system's start
-  uint32_t inode;   // 0 when no process holds it any more, and when it has not been asked for
-  uid_t user;       // who made it
-  bool connected =
-      false;  // a datagram's socket: to the remote end that was asked about; else only bound to the local one
+  uint64_t cookie;         // unique since boot
+  uint32_t inode;          // 0 if the socket is closed or was found by the kernel's record
+  uid_t user;              // its creator
+  bool connected = false;  // a datagram socket whose peer is the remote end of the pair that was looked up
 };
 
-// Who owns sockets. Two sources: what the kernel has recorded since recordOpeners(), the process that last connected
-// the socket or sent with it; and the process table, which tells who holds it now. One's own processes need no
-// privilege, those of other users CAP_SYS_PTRACE (proc(5), /proc/pid/fd).
+// Finds the process that owns a socket. There are two sources:
 //
-// The process table: when several processes hold the socket, the answer is the ancestor of the others: children inherit
-// sockets, so the process that opened it stands above them. Holders that are not each other's ancestors are equal, and
-// any may be the answer. The processes that owned the last sockets are looked at first.
+//   source           finds                                                   needs
+//   kernel's record  the opener: the process that last connected the socket  CAP_BPF, CAP_NET_ADMIN
+//                    or sent with it, since recordOpeners()
+//   process table    a holder: a process with a descriptor of the socket     CAP_SYS_PTRACE for processes of other
+//   users
+//                                                                            (proc(5), /proc/pid/fd)
+//
+// The opener is the owner. If it is unknown or has ended, a holder is. If several processes hold a socket, the ancestor
+// of the others is the owner, because children inherit sockets from the process that opened them. Among unrelated
+// holders any may be chosen.
 //
 // An object belongs to the network namespace of the thread that made it. Not thread-safe.
 class SocketOwners {
@@ -37,25 +41,23 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
-  // Tries whether sockets can be found at all, on one of its own. Returns why not: every flow would be nobody's then.
+  // Checks, with a socket of this process, that find() works. Returns the reason if it does not: no flow would have an
+  // owner then.
   std::optional<std::string> check();
 
-  // Has the kernel record, from now to the object's end, which process connects a socket or sends a datagram (BPF
-  // programs on the topmost control group, cgroup version 2). Needs CAP_BPF and CAP_NET_ADMIN, and to see processes
-  // under the numbers that the whole system knows them by. Returns why it cannot be; the process table answers alone
-  // then.
+  // Has the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if it
+  // cannot; the process table is then the only source.
   std::optional<std::string> recordOpeners();
 
-  // The socket whose own address is the pair's `local` and whose peer is `remote`; of a datagram, the socket that is
-  // bound to `local`, or to its port. A socket without a peer that has sent a datagram within the last seconds is found
-  // by the record even when it is closed. Nothing when there is none (errno is 0 then), and after a failure to ask
-  // (errno tells which).
+  // The TCP socket with the pair's local and remote ends, or the socket that most likely sent a datagram from `local`
+  // to `remote`. With the kernel's record, a datagram socket is found even if it was closed within the last seconds.
+  // Nothing if there is no such socket (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
-  // The audit token (data of 32 bytes) of the process that owns the socket. Nil when neither source knows one.
+  // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source knows one.
   //
-  // A recorded process that has ended since may have left its socket to another: that is the owner then. Else it is
-  // named by a token whose version is 0, which no running process has.
+  // If the opener has ended and no process holds the socket, the token is the opener's with version 0, which no running
+  // process has.
   Value ownerOf(const SocketFacts& socket);
 
  private:

@@ -2,18 +2,19 @@
 
 #include <linux/types.h>
 
-// What the kernel's side (SocketOpeners.bpf.c) and ours (SocketOpeners.cpp) say to each other through BPF maps. In C,
-// and without gaps, as a map's keys are compared byte by byte.
+// The records that SocketOpeners.bpf.c writes in the kernel and SocketOpeners.cpp reads, through BPF maps. The types
+// are plain C without padding, because a map compares its keys byte by byte.
 
-// The process that connected a socket or sent a datagram with it. Looked up by the socket's cookie.
+// The process that last connected a socket or sent a datagram with it. The key is the socket's cookie.
 struct SocketOpener {
-  __u32 process, user, group;  // the process's identifier, the real user and group, all as the whole system counts them
+  __u32 process;      // in the PID namespace of the extension
+  __u32 user, group;  // real ids, in the initial user namespace
   __u32 unused;
-  __u64 time;  // nanoseconds since the system's start, time asleep included (CLOCK_BOOTTIME)
+  __u64 time;  // CLOCK_BOOTTIME, in nanoseconds
 };
 
-// The route of a datagram that was sent with its destination given: the socket is bound to the local port, and maybe to
-// no address yet. The value is the socket's cookie.
+// The route of a datagram that was sent with an explicit destination. The key has no local address, since the socket
+// may be bound to a port alone. The value is the socket's cookie.
 struct DatagramRoute {
   __u32 remote[4];  // in network byte order; IPv4 mapped into IPv6
   __u16 remotePort, localPort;

@@ -20,7 +20,7 @@
 namespace orvane {
 namespace {
 
-// Holds an IPv4 address too, with its port in the same place.
+// Also holds IPv4 addresses, whose port is in the same place.
 using Address = sockaddr_in6;
 sockaddr* generic(Address& address) { return reinterpret_cast<sockaddr*>(&address); }
 
@@ -40,7 +40,7 @@ pid_t owner(Address local, Address remote) {
   return audit_token_to_pid(token);
 }
 
-TEST(SocketOwnerTest, TellsEndsAndHeirsOfAConnectionApart) {
+TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
   for (const char* host : {"127.0.0.1", "::ffff:127.0.0.1", "::1"}) {
     SCOPED_TRACE(host);
     addrinfo hints{}, *any = nullptr;
@@ -57,15 +57,15 @@ TEST(SocketOwnerTest, TellsEndsAndHeirsOfAConnectionApart) {
     ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof(target)));
     Descriptor server(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     Address near = address_of(server), far = address_of(server, ::getpeername), stranger = far;
-    RunningProgram heir("/bin/sleep");
-    EXPECT_EQ(::getpid(), owner(far, near)) << "not the heir";
+    RunningProgram child("/bin/sleep");
+    EXPECT_EQ(::getpid(), owner(far, near)) << "the child has inherited the socket";
     client.reset();
-    EXPECT_EQ(heir.pid, owner(far, near));
+    EXPECT_EQ(child.pid, owner(far, near));
     EXPECT_EQ(::getpid(), owner(near, far));
     stranger.sin6_port = htons(1);
-    EXPECT_EQ(0, owner(near, stranger)) << "the listener's owner";
-    heir.end();
-    EXPECT_EQ(0, owner(far, near)) << "a socket whose process has ended";
+    EXPECT_EQ(0, owner(near, stranger)) << "no such connection";
+    child.end();
+    EXPECT_EQ(0, owner(far, near)) << "nobody holds the socket";
   }
 }
 
@@ -75,7 +75,7 @@ audit_token_t token_of(const Value& data) {
   return token;
 }
 
-// A process of `identifier`, or of any, that does something and then, if told, waits for its end.
+// A process that runs `work` and then, if `waits`, waits to be killed. An `identifier` other than 0 is its pid.
 struct Child {
   template <class Work>
   Child(Work work, bool waits, pid_t identifier = 0) {
@@ -96,7 +96,7 @@ struct Child {
   pid_t pid;
 };
 
-// A network of the test's own, with nothing in it but the loopback interface.
+// Enters a new network namespace with a loopback interface.
 bool enter_own_network() {
   if (::unshare(CLONE_NEWNET) != 0) return false;
   Descriptor any(::socket(AF_INET, SOCK_DGRAM, 0));
@@ -106,11 +106,12 @@ bool enter_own_network() {
   return ::ioctl(any.get(), SIOCSIFFLAGS, &loopback) == 0;
 }
 
-enum class Way { Connect, ConnectBoundToInterface, Send, SendPastPeer };
-struct Sending {
+enum class Mode { Connect, ConnectBoundToInterface, Send, SendPastPeer };
+struct SendCase {
+  const char* what;
   int domain, type;
   const char* target;
-  Way way;
+  Mode mode;
 };
 
 Address literal(const char* host) {
@@ -121,18 +122,18 @@ Address literal(const char* host) {
   return result;
 }
 
-void send(const Sending& how, Address target) {
+void send(const SendCase& how, Address target) {
   int socket = ::socket(how.domain, how.type, 0);
-  if (how.way == Way::ConnectBoundToInterface) ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
+  if (how.mode == Mode::ConnectBoundToInterface) ::setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", 2);
   Address peer = target;
   peer.sin6_port = htons(9);
-  if (how.way == Way::SendPastPeer) ::connect(socket, generic(peer), sizeof peer);
-  bool gives = how.way == Way::Send || how.way == Way::SendPastPeer;
-  if (!gives) ::connect(socket, generic(target), sizeof target);
-  ::sendto(socket, "x", 1, 0, gives ? generic(target) : nullptr, gives ? sizeof target : 0);
+  if (how.mode == Mode::SendPastPeer) ::connect(socket, generic(peer), sizeof peer);
+  bool isExplicit = how.mode == Mode::Send || how.mode == Mode::SendPastPeer;
+  if (!isExplicit) ::connect(socket, generic(target), sizeof target);
+  ::sendto(socket, "x", 1, 0, isExplicit ? generic(target) : nullptr, isExplicit ? sizeof target : 0);
 }
 
-SocketPair receive(const Descriptor& receiver, const Sending& how, Descriptor& connection) {
+SocketPair receive(const Descriptor& receiver, const SendCase& how, Descriptor& connection) {
   Address source{}, own = address_of(receiver);
   socklen_t size = sizeof source;
   char byte;
@@ -143,27 +144,28 @@ SocketPair receive(const Descriptor& receiver, const Sending& how, Descriptor& c
   return {protocol, *SocketAddress::from(generic(source), size), *SocketAddress::from(generic(own), sizeof own)};
 }
 
-TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentifier) {
-  if (!enter_own_network()) GTEST_SKIP() << "a network of its own is not to be had";
+TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
+  if (!enter_own_network()) GTEST_SKIP() << "needs a network namespace (root)";
   SocketOwners recorded, table;
   auto unrecorded = recorded.recordOpeners();
   if (unrecorded) GTEST_SKIP() << *unrecorded;
-  const Sending kSendings[] = {
-      {AF_INET, SOCK_STREAM, "127.0.0.1", Way::Connect},
-      {AF_INET, SOCK_STREAM, "127.0.0.1", Way::ConnectBoundToInterface},
-      {AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", Way::Connect},
-      {AF_INET6, SOCK_STREAM, "::1", Way::Connect},
-      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::Connect},
-      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::Send},
-      {AF_INET, SOCK_DGRAM, "127.0.0.1", Way::SendPastPeer},
-      {AF_INET6, SOCK_DGRAM, "::ffff:127.0.0.1", Way::Send},
-      {AF_INET6, SOCK_DGRAM, "::1", Way::Send},
+  const SendCase kCases[] = {
+      {"TCP", AF_INET, SOCK_STREAM, "127.0.0.1", Mode::Connect},
+      {"TCP, bound to an interface", AF_INET, SOCK_STREAM, "127.0.0.1", Mode::ConnectBoundToInterface},
+      {"TCP, IPv4 from an IPv6 socket", AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", Mode::Connect},
+      {"TCP, IPv6", AF_INET6, SOCK_STREAM, "::1", Mode::Connect},
+      {"UDP, connected", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::Connect},
+      {"UDP", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::Send},
+      {"UDP, connected to another peer", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::SendPastPeer},
+      {"UDP, IPv4 from an IPv6 socket", AF_INET6, SOCK_DGRAM, "::ffff:127.0.0.1", Mode::Send},
+      {"UDP, IPv6", AF_INET6, SOCK_DGRAM, "::1", Mode::Send},
   };
-  for (const Sending& how : kSendings) {
+  for (const SendCase& how : kCases) {
     for (bool waits : {true, false}) {
-      SCOPED_TRACE(std::to_string(&how - kSendings) + (waits ? " waits" : " ends"));
-      bool hasNoPort = how.type == SOCK_DGRAM && how.way == Way::Connect;  // until it has sent, unseen
-      if (!waits && hasNoPort) continue;
+      SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended"));
+      // The record has no port of a connected datagram socket, so its datagram cannot be found once it is closed.
+      bool isLostWhenClosed = how.type == SOCK_DGRAM && how.mode == Mode::Connect;
+      if (!waits && isLostWhenClosed) continue;
       bool mapped = std::string_view(how.target).starts_with("::ffff:");
       Address target = literal(mapped ? how.target + 7 : how.target);
       Descriptor receiver(::socket(target.sin6_family, how.type | SOCK_CLOEXEC, 0)), connection;
@@ -186,8 +188,8 @@ TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentif
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // the start of a process is known by ticks of 10 ms
-      if (hasNoPort) continue;
+      ::usleep(20'000);  // start times have a resolution of 10 ms
+      if (isLostWhenClosed) continue;
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
       auto socket = recorded.find(pair), later = recorded.find(receive(receiver, how, connection));
@@ -195,14 +197,14 @@ TEST(SocketOwnerTest, KnowsWhoEndedAtOnceAndNeverBlamesTheNextBearerOfItsIdentif
       EXPECT_NE(0u, token_of(recorded.ownerOf(*later)).val[7]);
       audit_token_t token = token_of(recorded.ownerOf(*socket));
       EXPECT_EQ(static_cast<uint32_t>(pid), token.val[5]);
-      EXPECT_EQ(0u, token.val[7]) << "would be taken for the next process";
+      EXPECT_EQ(0u, token.val[7]) << "a version that the next process could have";
       auto closed = table.find(pair);
       EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
     }
   }
 }
 
-TEST(SocketOwnerTest, SaysWhyNothingIsRecorded) {
+TEST(SocketOwnerTest, ReportsWhyRecordingFails) {
   auto record = [] {
     if (::geteuid() == 0 && ::setuid(65534) != 0) ::_exit(2);
     auto reason = SocketOwners().recordOpeners();
