@@ -117,7 +117,7 @@ void append_data(std::string& text, std::span<const uint8_t> bytes) {
 
 void append_description(std::string& text, const Value& value, size_t depth) {
   switch (value.kind()) {
-    case Value::Kind::Nil:
+    case Value::Kind::Null:
       text += "(null)";
       break;
     case Value::Kind::Boolean:
@@ -356,7 +356,7 @@ size_t Value::hashOfNonString() const noexcept {
     case Kind::Dictionary:
       return asDictionary().size();
     case Kind::String:
-    case Kind::Nil:
+    case Kind::Null:
       break;
   }
   return 0;
@@ -365,7 +365,7 @@ size_t Value::hashOfNonString() const noexcept {
 bool Value::equals(const Value& right) const {
   const Value& left = *this;
   switch (left.kind_) {
-    case Value::Kind::Nil:
+    case Value::Kind::Null:
       return true;
     case Value::Kind::Boolean:
       return left.payload_.boolean == right.payload_.boolean;

@@ -18,7 +18,8 @@ namespace orvane {
 // numbers compare by amount, whatever their form; a boolean equals no number.
 class Value {
  public:
-  enum class Kind : uint8_t { Nil, Boolean, Number, String, Date, Data, Array, Set, Dictionary };
+  // Null, not Nil: Objective-C defines Nil as a macro.
+  enum class Kind : uint8_t { Null, Boolean, Number, String, Date, Data, Array, Set, Dictionary };
 
   struct Hash {
     size_t operator()(const Value& value) const noexcept { return value.hash(); }
@@ -31,7 +32,7 @@ class Value {
   Value(std::nullptr_t) noexcept {}
   Value(const Value& other);
   Value(Value&& other) noexcept
-      : kind_(std::exchange(other.kind_, Kind::Nil)),
+      : kind_(std::exchange(other.kind_, Kind::Null)),
         form_(other.form_),
         borrowedLength_(other.borrowedLength_),
         stringHash_(std::exchange(other.stringHash_, 0)),
@@ -64,7 +65,7 @@ class Value {
   static Value borrowed(std::string_view text);
 
   Kind kind() const { return kind_; }
-  bool isNil() const { return kind_ == Kind::Nil; }
+  bool isNil() const { return kind_ == Kind::Null; }
   bool isString() const { return kind_ == Kind::String; }
   bool isDate() const { return kind_ == Kind::Date; }
   bool isData() const { return kind_ == Kind::Data; }
@@ -130,7 +131,7 @@ class Value {
 
   static constexpr uint8_t kBorrowed = 0xff;
 
-  Kind kind_ = Kind::Nil;
+  Kind kind_ = Kind::Null;
   uint8_t form_ = 0;             // a number's form, or kBorrowed
   uint16_t borrowedLength_ = 0;  // bytes of a borrowed string
   uint32_t stringHash_ = 0;      // of a string, so that a table need not read its characters; else 0

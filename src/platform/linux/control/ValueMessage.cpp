@@ -224,7 +224,7 @@ ValueSize measure_string(size_t length) { return {kValueWords + words_for_bytes(
 
 void write_value(const Value& value, control::Value::Builder builder) {
   switch (value.kind()) {
-    case Value::Kind::Nil:
+    case Value::Kind::Null:
       builder.setNil();
       break;
     case Value::Kind::Boolean:
