@@ -8,8 +8,8 @@
 #include <optional>
 #include <utility>
 
+#include "platform/macos/base/Values.h"
 #import "platform/macos/control/OrvaneSECommunication.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

@@ -1,13 +1,10 @@
 #include "platform/gnustep/Harness.h"
 
-// Ours first: the system's headers make "Nil", a kind of value, a macro.
-// clang-format off
 #include "platform/StandIn.h"
+#include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
-#include "platform/macos/foundation/Values.h"
 
 #undef NDEBUG  // where it is set, NSDebug.h hides what counts objects; the library counts either way
-// clang-format on
 #include <Block_private.h>
 #import <Foundation/Foundation.h>
 #import <Foundation/NSDebug.h>

@@ -1,11 +1,7 @@
 #pragma once
 
-// Ours first: the framework's headers make "Nil", a kind of value, a macro.
-// clang-format off
-#include "service/OrvaneSECommunication.h"
-
 #import "platform/macos/control/OrvaneSECommunication.h"
-// clang-format on
+#include "service/OrvaneSECommunication.h"
 
 // The shell of a control object: what connections export in its place. It hands each message on as it came.
 @interface OrvaneController : NSObject <OrvaneSECommunication> {

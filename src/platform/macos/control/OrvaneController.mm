@@ -2,8 +2,8 @@
 
 #include <mutex>
 
+#include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Counterpart.h"
-#include "platform/macos/foundation/Values.h"
 
 using orvane::value_of;
 

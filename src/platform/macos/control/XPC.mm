@@ -3,8 +3,8 @@
 #import <Foundation/Foundation.h>
 
 #include "platform/Log.h"
+#include "platform/macos/base/Values.h"
 #import "platform/macos/control/XPCServiceDelegate.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

@@ -1,11 +1,8 @@
 #pragma once
 
-// Ours first: the framework's headers make "Nil", a kind of value, a macro.
-// clang-format off
-#include "platform/XPC.h"
-
 #import <Foundation/Foundation.h>
-// clang-format on
+
+#include "platform/XPC.h"
 
 namespace orvane {
 

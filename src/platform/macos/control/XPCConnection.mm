@@ -1,7 +1,7 @@
 #import "platform/macos/control/XPCConnection.h"
 
+#include "platform/macos/base/Block.h"
 #import "platform/macos/control/OrvaneController.h"
-#include "platform/macos/foundation/Block.h"
 
 // There since macOS 11, and declared by the SDKs of later systems only.
 @interface NSXPCConnection (Activation)

@@ -1,11 +1,8 @@
 #pragma once
 
-// Ours first: the framework's headers make "Nil", a kind of value, a macro.
-// clang-format off
-#include "platform/XPC.h"
-
 #import <Foundation/Foundation.h>
-// clang-format on
+
+#include "platform/XPC.h"
 
 // The shell of a listener's delegate: asks it about each new connection. The framework's listener does not retain it.
 @interface XPCServiceDelegate : NSObject <NSXPCListenerDelegate> {

@@ -4,9 +4,9 @@
 
 #include <utility>
 
+#include "platform/macos/base/Retained.h"
+#include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
-#include "platform/macos/foundation/Retained.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

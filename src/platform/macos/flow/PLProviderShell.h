@@ -1,11 +1,8 @@
 #pragma once
 
-// Ours first: the framework's headers make "Nil", a kind of value, a macro.
-// clang-format off
-#include "platform/NetworkExtension.h"
-
 #import <NetworkExtension/NetworkExtension.h>
-// clang-format on
+
+#include "platform/NetworkExtension.h"
 
 // A provider as the framework knows it. It hands each call to a C++ provider, which it makes and holds, and decides
 // nothing. The framework calls it on queues of its own choosing.

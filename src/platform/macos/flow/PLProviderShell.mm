@@ -1,8 +1,8 @@
 #import "platform/macos/flow/PLProviderShell.h"
 
+#include "platform/macos/base/Block.h"
 #include "platform/macos/flow/Flow.h"
 #include "platform/macos/flow/NetworkExtension.h"
-#include "platform/macos/foundation/Block.h"
 #include "platform/macos/foundation/Foundation.h"
 
 namespace {

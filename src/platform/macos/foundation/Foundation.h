@@ -1,7 +1,7 @@
 #pragma once
 
 #include "platform/Foundation.h"
-#include "platform/Value.h"  // ahead of the system's headers, which make "Nil", a kind of value, a macro
+#include "platform/Value.h"
 
 @class NSError;
 @class NSURL;

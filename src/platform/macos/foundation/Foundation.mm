@@ -2,8 +2,8 @@
 
 #import <Foundation/Foundation.h>
 
-#include "platform/macos/foundation/Retained.h"
-#include "platform/macos/foundation/Values.h"
+#include "platform/macos/base/Retained.h"
+#include "platform/macos/base/Values.h"
 
 namespace orvane {
 namespace {

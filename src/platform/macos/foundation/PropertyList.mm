@@ -2,9 +2,9 @@
 
 #import <Foundation/Foundation.h>
 
-#include "platform/macos/foundation/CoreFoundation.h"
+#include "platform/macos/base/CoreFoundation.h"
+#include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 

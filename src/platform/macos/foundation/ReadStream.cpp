@@ -1,6 +1,6 @@
 #include "platform/ReadStream.h"
 
-#include "platform/macos/foundation/CoreFoundation.h"
+#include "platform/macos/base/CoreFoundation.h"
 
 namespace orvane {
 

@@ -2,8 +2,8 @@
 
 #import <Foundation/Foundation.h>
 
+#include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
 
-#include "platform/macos/foundation/CoreFoundation.h"
-#include "platform/macos/foundation/Values.h"
+#include "platform/macos/base/CoreFoundation.h"
+#include "platform/macos/base/Values.h"
 
 namespace orvane {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <objc/runtime.h>
 
-#include "platform/macos/foundation/Block.h"
+#include "platform/macos/base/Block.h"
 
 // What is left out is answered at run time, or by derived classes.
 #pragma clang diagnostic ignored "-Wincomplete-implementation"

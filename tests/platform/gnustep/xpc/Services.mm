@@ -8,8 +8,8 @@
 #include <set>
 
 #include "platform/StandIn.h"
+#include "platform/macos/base/Retained.h"
 #import "platform/macos/control/OrvaneSECommunication.h"
-#include "platform/macos/foundation/Retained.h"
 
 using orvane::Retained;
 using orvane::stand_in::trace;

@@ -1,8 +1,8 @@
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
+#include "platform/macos/base/Values.h"
 #import "platform/macos/flow/FilterDataProvider.h"
 #import "platform/macos/flow/PLSafariFilterDataProvider.h"
-#include "platform/macos/foundation/Values.h"
 
 namespace orvane {
 namespace {

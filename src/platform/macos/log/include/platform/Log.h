@@ -1,5 +1,7 @@
 #pragma once
 
+#include <os/log.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -9,9 +11,6 @@
 #include "platform/LogHandle.h"
 #include "platform/Object.h"
 #include "platform/Value.h"
-
-// Last: with Objective-C, the system's headers make "Nil", a kind of value, a macro.
-#include <os/log.h>
 
 // The system log. A message is a literal format with some of os_log(3)'s conversions:
 //

@@ -1,4 +1,4 @@
-#include "platform/macos/foundation/CoreFoundation.h"
+#include "platform/macos/base/CoreFoundation.h"
 
 namespace orvane {
 

@@ -1,11 +1,11 @@
-#include "platform/macos/foundation/Values.h"
+#include "platform/macos/base/Values.h"
 
 #import <Foundation/Foundation.h>
 
 #include <cstring>
 #include <utility>
 
-#include "platform/macos/foundation/UTF16.h"
+#include "platform/macos/base/UTF16.h"
 
 namespace orvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/macos/foundation/UTF16.h"
+#include "platform/macos/base/UTF16.h"
 
 #include <cstdint>
 

@@ -1,0 +1,76 @@
+#include "platform/macos/base/Values.h"
+
+#import <Foundation/Foundation.h>
+#include <gtest/gtest.h>
+
+#include "platform/gnustep/Harness.h"
+#include "platform/macos/base/UTF16.h"
+
+namespace orvane {
+namespace {
+
+// Equal, and numbers of the same form at that.
+bool same(const Value& left, const Value& right) {
+  return left == right && left.numberForm() == right.numberForm() &&
+         std::equal(left.asArray().begin(), left.asArray().end(), right.asArray().begin(), same);
+}
+
+Value::Array every_kind() {
+  const Value inner = Value::dictionary({{Value::string("until"), Value::date(-0.25)}, {Value::string(""), nullptr}});
+  const Value letters = Value::string("\xc3\xa9 e\xcc\x81 \xef\xbb\xbf \xef\xbf\xbf \xf0\x9f\xa6\x8a \xf4\x8f\xbf\xbf");
+  const Value bytes = Value::data(std::initializer_list<uint8_t>{0, 255, 0});
+  Value::Array all = {nullptr, inner, letters, bytes, Value::boolean(true), Value::boolean(false)};
+  all.push_back(Value::unsignedNumber(UINT64_MAX));
+  all.push_back(Value::string(std::string("a \0b", 4)));
+  for (const int64_t number : {int64_t{0}, int64_t{1}, INT64_MIN, INT64_MAX}) all.push_back(Value::number(number));
+  for (const double number : {0.0, 1.0, 0.1, 5e-324}) all.push_back(Value::real(number));
+  all.push_back(Value::set({Value::string("a"), Value::number(7), inner, nullptr}));
+  all.push_back(Value::dictionary({{Value::number(2), Value::set({Value::array({inner, inner})})}}));
+  return all;
+}
+
+TEST(Values, LoseSomethingOnTheWayThereAndBackOrLeak) {
+  const auto convert = [] {
+    for (const Value& one : every_kind()) EXPECT_TRUE(same(value_of(foundation_object(one)), one)) << one.description();
+  };
+  EXPECT_EQ(left_alive(convert), "");
+}
+
+TEST(Values, TakeAnObjectForAnotherKind) {
+  @autoreleasepool {
+    const std::pair<id, Value> rows[] = {
+        {[::NSURL URLWithString:@"http://example.org/"], nullptr},
+        {[::NSNumber numberWithChar:1], Value::number(1)},
+        {[::NSNumber numberWithUnsignedChar:1], Value::number(1)},
+        {[::NSNumber numberWithFloat:0.5F], Value::real(0.5)},
+        {[::NSCountedSet setWithObject:@"x"], Value::set({Value::string("x")})},
+    };
+    for (const auto& [object, value] : rows) EXPECT_TRUE(same(value_of(object), value)) << value.description();
+  }
+}
+
+TEST(Values, StackOverflowsAtTheDepthThatAPeerChose) {
+  @autoreleasepool {
+    id nested = @"core";
+    for (int i = 0; i < 100000; ++i) nested = [::NSArray arrayWithObject:nested];
+    Value level = value_of(nested);
+    int depth = 0;
+    for (; !level.isNil(); ++depth) level = Value(level.asArray().at(0));
+    EXPECT_EQ(depth, kMaxDepth);
+  }
+}
+
+TEST(UTF16, TakesBytesThatAreNoTextOrLosesHalvesOfPairs) {
+  const std::pair<std::string, std::u16string> rows[] = {
+      {"a\x80z\xe2\x82z\xff\xc3", u"a\xfffdz\xfffd\xfffdz\xfffd\xfffd"},  // no first byte, too early an end
+      {"\xc0\xafz", u"\xfffd\xfffdz"},                                    // longer than need be
+      {"\xf4\x90\x80\x80", u"\xfffd\xfffd\xfffd\xfffd"},                  // beyond the last code point
+  };
+  for (const auto& [text, units] : rows) EXPECT_EQ(utf16_of(text), units) << text;
+  const std::u16string units = u"\xdc00\xd800\xd800\xdc00z\xdbff";
+  EXPECT_EQ(utf8_of(units), "\xed\xb0\x80\xed\xa0\x80\xf0\x90\x80\x80z\xed\xaf\xbf");
+  EXPECT_EQ(utf16_of(utf8_of(units)), units);
+}
+
+}  // namespace
+}  // namespace orvane
