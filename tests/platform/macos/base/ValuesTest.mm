@@ -1,10 +1,9 @@
-#include "platform/macos/base/Values.h"
-
 #import <Foundation/Foundation.h>
 #include <gtest/gtest.h>
 
 #include "platform/gnustep/Harness.h"
 #include "platform/macos/base/UTF16.h"
+#include "platform/macos/base/Values.h"
 
 namespace orvane {
 namespace {
