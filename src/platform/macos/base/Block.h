@@ -7,8 +7,8 @@ namespace orvane {
 template <class Signature>
 class Block;
 
-// A block that outlives the call which brought it: copied from the stack where it still stands there, and let go with
-// the last copy of this value. Needs blocks to compile, but no Objective-C.
+// Keeps a block alive after the call that passed it: copies it from the stack and releases it with the last copy of
+// this value. Needs the compiler's blocks, but no Objective-C.
 template <class Result, class... Arguments>
 class Block<Result(Arguments...)> {
  public:
@@ -19,7 +19,7 @@ class Block<Result(Arguments...)> {
   ~Block() { Block_release(block_); }
   Block& operator=(const Block&) = delete;
 
-  // Null when it was made of none.
+  // Null if made from null.
   Type get() const { return block_; }
   Result operator()(Arguments... arguments) const { return block_(arguments...); }
 

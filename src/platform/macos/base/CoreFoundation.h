@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// A CoreFoundation object that its maker owns: what a function with "Create" or "Copy" in its name returns. Released at
-// the end of the scope. `T` is the type of the reference, such as CFStringRef.
+// Owns what a CoreFoundation function with "Create" or "Copy" in its name returned, and releases it at the end of the
+// scope. `T` is the type of the reference, such as CFStringRef.
 template <class T>
 class Owned {
  public:
@@ -21,7 +21,7 @@ class Owned {
 
   T get() const { return object_; }
   explicit operator bool() const { return object_ != nullptr; }
-  // For a function that answers through an output. For an empty one only.
+  // For functions with an output parameter. Call it only while this is empty.
   T* out() { return &object_; }
 
  private:
@@ -31,15 +31,16 @@ class Owned {
 // Empty when the text is no URL.
 Owned<CFURLRef> url_create(const std::string& text);
 
-// The types that the platform's headers leave open are the system's own objects, under names of ours.
-template <class T, class Ours>
-T native(const Ours* object) {
-  return reinterpret_cast<T>(const_cast<Ours*>(object));
+// The platform's headers declare some types without defining them, such as Bundle. Here each of these is the system's
+// object under another name. to_native gives the system's type, from_native the header's.
+template <class T, class Opaque>
+T to_native(const Opaque* object) {
+  return reinterpret_cast<T>(const_cast<Opaque*>(object));
 }
 
-template <class Ours>
-Ours* ours(const void* object) {
-  return static_cast<Ours*>(const_cast<void*>(object));
+template <class Opaque>
+Opaque* from_native(const void* object) {
+  return static_cast<Opaque*>(const_cast<void*>(object));
 }
 
 }  // namespace orvane

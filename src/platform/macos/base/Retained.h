@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// An Objective-C object of class T, or nil, that a C++ object or a block keeps.
+// Retains an Objective-C object (or nil) for a C++ object or a block.
 template <class T>
 class Retained {
  public:

@@ -7,28 +7,28 @@ namespace {
 
 struct Character {
   char32_t codePoint;
-  size_t length;  // bytes or units that it took
+  size_t length;  // in bytes or UTF-16 units
 };
 
-constexpr Character kNone = {0xfffd, 1};
+constexpr Character kReplacement = {0xfffd, 1};
 
 bool is_high(char32_t unit) { return unit >= 0xd800 && unit < 0xdc00; }
 bool is_low(char32_t unit) { return unit >= 0xdc00 && unit < 0xe000; }
 
-// The first character of a text that is not empty.
+// The first character of a non-empty text.
 Character first_character(std::string_view text) {
-  constexpr char32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};  // what is worth as many bytes
+  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // code point of each length
   const auto lead = static_cast<uint8_t>(text[0]);
   if (lead < 0x80) return {lead, 1};
   const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
-  if (lead < 0xc0 || lead >= 0xf8 || text.size() < length) return kNone;
+  if (lead < 0xc0 || lead >= 0xf8 || text.size() < length) return kReplacement;
   char32_t codePoint = lead & (0x7fU >> length);
   for (size_t i = 1; i < length; ++i) {
     const auto byte = static_cast<uint8_t>(text[i]);
-    if ((byte & 0xc0) != 0x80) return kNone;
+    if ((byte & 0xc0) != 0x80) return kReplacement;
     codePoint = codePoint << 6 | (byte & 0x3fU);
   }
-  return codePoint < kLeast[length] || codePoint > 0x10ffff ? kNone : Character{codePoint, length};
+  return codePoint < kSmallest[length] || codePoint > 0x10ffff ? kReplacement : Character{codePoint, length};
 }
 
 Character first_character(std::u16string_view units) {
@@ -51,9 +51,9 @@ void append(std::string& text, char32_t codePoint) {
     text += static_cast<char>(codePoint);
     return;
   }
-  const int more = codePoint < 0x800 ? 1 : codePoint < 0x10000 ? 2 : 3;  // bytes behind the first
-  text += static_cast<char>((0xff00U >> (more + 1) & 0xff) | codePoint >> 6 * more);
-  for (int i = more - 1; i >= 0; --i) text += static_cast<char>(0x80 | (codePoint >> 6 * i & 0x3f));
+  const int continuations = codePoint < 0x800 ? 1 : codePoint < 0x10000 ? 2 : 3;
+  text += static_cast<char>((0xff00U >> (continuations + 1) & 0xff) | codePoint >> 6 * continuations);
+  for (int i = continuations - 1; i >= 0; --i) text += static_cast<char>(0x80 | (codePoint >> 6 * i & 0x3f));
 }
 
 template <class Result, class View>

@@ -7,15 +7,15 @@
 
 @class NSString;
 
-// Values and Foundation's objects. Each way gives back exactly what the other took, but for two things: to Foundation a
-// boolean and the number that it amounts to are one member of a set, or one key; and kMaxDepth. Objects that are made
-// here are autoreleased.
+// Converts between values and Foundation's objects. A value survives the way to Foundation and back, with two
+// exceptions: in a set or among keys, Foundation takes a boolean and the number 0 or 1 for the same object; and
+// kMaxDepth limits the nesting. New objects are autoreleased.
 namespace orvane {
 
-// Nil for nil; inside a container, which cannot hold that, NSNull.
+// Nil for nil. Inside containers, which cannot hold nil, NSNull stands for it.
 id foundation_object(const Value& value);
 
-// Nil for an object of a class that no kind of value stands for, and for what lies deeper than kMaxDepth containers.
+// Nil for an object that no kind of value represents, and for a container inside kMaxDepth others.
 Value value_of(id object);
 inline constexpr int kMaxDepth = 256;
 

@@ -47,7 +47,7 @@ id element_object(const Value& value) {
   return dictionary;
 }
 
-// A boolean is one of two objects that no other number is, whatever it amounts to.
+// Foundation has one object for YES and one for NO. Other numbers equal to them are other objects.
 Value number_value(::NSNumber* number) {
   if (number == [::NSNumber numberWithBool:YES]) return Value::boolean(true);
   if (number == [::NSNumber numberWithBool:NO]) return Value::boolean(false);
@@ -84,7 +84,7 @@ Value dictionary_value(::NSDictionary* dictionary, int depth) {
 
 bool is_kind(id object, Class kind) { return [object isKindOfClass:kind]; }
 
-// `depth` containers lie around the object.
+// `depth` counts the containers around the object.
 Value value_at_depth(id object, int depth) {
   if (is_kind(object, [::NSString class])) return Value::string(text_of(object));
   if (is_kind(object, [::NSNumber class])) return number_value(object);
@@ -92,7 +92,7 @@ Value value_at_depth(id object, int depth) {
   if (is_kind(object, [::NSData class])) {
     return Value::data({static_cast<const uint8_t*>([object bytes]), [object length]});
   }
-  // The threads that serve connections have half a megabyte of stack, and peers choose how deep their messages are.
+  // Peers choose how deep their messages nest, and the threads that serve them have half a megabyte of stack.
   if (depth == kMaxDepth) return nullptr;
   if (is_kind(object, [::NSArray class])) return array_value(object, depth + 1);
   if (is_kind(object, [::NSSet class])) return set_value(object, depth + 1);

@@ -3,14 +3,15 @@
 #import "platform/macos/control/OrvaneSECommunication.h"
 #include "service/OrvaneSECommunication.h"
 
-// The shell of a control object: what connections export in its place. It hands each message on as it came.
+// Adapts a control object to the Objective-C protocol: connections export the adapter in its place. It passes each
+// message on unchanged.
 @interface OrvaneController : NSObject <OrvaneSECommunication> {
  @private
   orvane::Ref<orvane::OrvaneSECommunication> _controller;
 }
 
-// The one shell of a control object, made on first use and kept for ever. Its monitor is the control object's. Nil for
-// null. Thread-safe.
-+ (OrvaneController*)shellFor:(orvane::OrvaneSECommunication*)controller;
+// The only adapter of a control object, made on first use and never released. @synchronized on it takes the control
+// object's monitor. Nil for null. Thread-safe.
++ (OrvaneController*)adapterFor:(orvane::OrvaneSECommunication*)controller;
 
 @end

@@ -9,17 +9,17 @@ using orvane::value_of;
 
 @implementation OrvaneController
 
-+ (OrvaneController*)shellFor:(orvane::OrvaneSECommunication*)controller {
++ (OrvaneController*)adapterFor:(orvane::OrvaneSECommunication*)controller {
   static std::mutex mutex;
   if (controller == nullptr) return nil;
   std::lock_guard guard(mutex);
-  auto* shell = static_cast<OrvaneController*>(orvane::counterpart(controller));
-  if (shell == nil) {
-    shell = [[self alloc] initWithController:controller];
-    orvane::set_counterpart(controller, shell);
-    [shell release];
+  auto* adapter = static_cast<OrvaneController*>(orvane::counterpart(controller));
+  if (adapter == nil) {
+    adapter = [[self alloc] initWithController:controller];
+    orvane::set_counterpart(controller, adapter);
+    [adapter release];
   }
-  return shell;
+  return adapter;
 }
 
 - (instancetype)initWithController:(orvane::OrvaneSECommunication*)controller {

@@ -19,12 +19,12 @@ class Listener final : public NSXPCListener {
 
   void setDelegate(NSXPCListenerDelegate* delegate) override {
     @autoreleasepool {
-      ::XPCServiceDelegate* shell =
+      ::XPCServiceDelegate* adapter =
           delegate == nullptr ? nil : [[::XPCServiceDelegate alloc] initWithListener:this delegate:delegate];
-      [listener_ setDelegate:shell];
-      [shell_ dismiss];
-      [shell_ release];
-      shell_ = shell;
+      [listener_ setDelegate:adapter];
+      [adapter_ dismiss];
+      [adapter_ release];
+      adapter_ = adapter;
     }
   }
 
@@ -38,14 +38,14 @@ class Listener final : public NSXPCListener {
  private:
   ~Listener() override {
     setDelegate(nullptr);
-    resume();  // the system takes no listener back that was never resumed
+    resume();  // the system does not accept the release of a listener that was never resumed
     @autoreleasepool {
       [listener_ invalidate];
       [listener_ release];
     }
   }
 
-  // The framework may raise an exception for a name that is none, now or when it first uses it: nothing says when.
+  // The framework may raise an exception for a value that is no name. It does not document which call raises it.
   static void attempt(void (^work)()) {
     @autoreleasepool {
       @try {
@@ -57,7 +57,7 @@ class Listener final : public NSXPCListener {
   }
 
   ::NSXPCListener* listener_ = nil;
-  ::XPCServiceDelegate* shell_ = nil;
+  ::XPCServiceDelegate* adapter_ = nil;
   bool resumed_ = false;
 };
 

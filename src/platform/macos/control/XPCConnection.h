@@ -6,8 +6,7 @@
 
 namespace orvane {
 
-// The framework's connection, as the core knows one. What is told to it is told to the framework in the same order, and
-// nothing else.
+// Wraps the framework's connection for the core. Passes each call on, in order.
 Ref<NSXPCConnection> connection_of(::NSXPCConnection* connection);
 
 }  // namespace orvane

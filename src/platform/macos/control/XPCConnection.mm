@@ -3,7 +3,7 @@
 #include "platform/macos/base/Block.h"
 #import "platform/macos/control/OrvaneController.h"
 
-// There since macOS 11, and declared by the SDKs of later systems only.
+// Available since macOS 11, but declared only by later SDKs.
 @interface NSXPCConnection (Activation)
 - (void)activate;
 @end
@@ -16,12 +16,12 @@ class Connection final : public NSXPCConnection {
   explicit Connection(::NSXPCConnection* connection) : connection_([connection retain]) {}
 
   void setExportedInterface(const NSXPCInterface& exportedInterface) override {
-    if (exportedInterface.protocol() != &OrvaneSECommunication::kProtocol) return;  // no other can be sent
+    if (exportedInterface.protocol() != &OrvaneSECommunication::kProtocol) return;  // the only one
     [connection_ setExportedInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
   }
 
   void setExportedObject(OrvaneSECommunication* exportedObject) override {
-    [connection_ setExportedObject:[::OrvaneController shellFor:exportedObject]];
+    [connection_ setExportedObject:[::OrvaneController adapterFor:exportedObject]];
   }
 
   void activate() override { [connection_ activate]; }
@@ -37,13 +37,13 @@ class Connection final : public NSXPCConnection {
  private:
   ~Connection() override { [connection_ release]; }
 
-  // The framework copies it, and calls it on a queue of its own.
+  // The framework copies the block and calls it on its own queue.
   static Block<void()> block_of(const std::function<void()>& handler) {
     if (!handler) return Block<void()>(nil);
-    const std::function<void()> kept = handler;
+    const std::function<void()> callback = handler;
     return Block<void()>(^{
       @autoreleasepool {
-        kept();
+        callback();
       }
     });
   }

@@ -4,17 +4,18 @@
 
 #include "platform/XPC.h"
 
-// The shell of a listener's delegate: asks it about each new connection. The framework's listener does not retain it.
+// Adapts a listener's delegate: asks it about each new connection. The framework's listener does not retain the
+// adapter.
 @interface XPCServiceDelegate : NSObject <NSXPCListenerDelegate> {
  @private
   orvane::NSXPCListener* _listener;
   orvane::Ref<orvane::NSXPCListenerDelegate> _delegate;
 }
 
-// The listener is borrowed until the shell is dismissed.
+// Borrows the listener until -dismiss.
 - (instancetype)initWithListener:(orvane::NSXPCListener*)listener delegate:(orvane::NSXPCListenerDelegate*)delegate;
 
-// Asks nothing any more; waits for a question that is being asked.
+// Stops asking the delegate. Waits until a question that has begun is answered.
 - (void)dismiss;
 
 @end

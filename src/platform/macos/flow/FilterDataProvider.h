@@ -1,9 +1,9 @@
 #pragma once
 
-#import "platform/macos/flow/PLProviderShell.h"
+#import "platform/macos/flow/PLProviderAdapter.h"
 
-// The class that a bundle names for the C++ class of the same name.
-@interface FilterDataProvider : PLProviderShell
+// The provider class that a bundle names. Adapts the C++ class of the same name.
+@interface FilterDataProvider : PLProviderAdapter
 
 - (BOOL)isFlowFromBrowser:(NEFilterFlow*)flow;
 - (NSArray*)createFilterRules;

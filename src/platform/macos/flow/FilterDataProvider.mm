@@ -10,7 +10,7 @@
   return orvane::FilterDataProvider::init();
 }
 
-// Not "provider": the framework may have a method of its own by that name.
+// Not "provider": the framework's class may have a method of that name.
 - (const orvane::FilterDataProvider&)orvaneProvider {
   return static_cast<const orvane::FilterDataProvider&>(*_provider);
 }

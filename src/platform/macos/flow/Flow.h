@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-// A flow as the framework gave it, which is kept and not copied: each question goes to it when it is asked.
+// Wraps the framework's flow for the core. Retains it and reads each property when the core asks.
 Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow);
 
 }  // namespace orvane

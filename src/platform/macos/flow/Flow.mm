@@ -19,7 +19,7 @@ Ref<NWEndpoint> endpoint_of(::NWEndpoint* endpoint) {
   return NWHostEndpoint::endpointWithHostname(text_of([host hostname]), text_of([host port]));
 }
 
-// What any flow can be asked, as a flow of the class Base.
+// The properties of every flow. Base is the class of the core, Object that of the framework.
 template <class Base, class Object>
 class SystemFlow : public Base {
  public:

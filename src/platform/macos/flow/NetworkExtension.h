@@ -8,7 +8,7 @@
 @class NEFilterNewFlowVerdict;
 @class NSArray;
 
-// What the core answers, as the framework's objects. Autoreleased.
+// Converts the core's answers to the framework's objects, autoreleased.
 namespace orvane {
 
 ::NEFilterNewFlowVerdict* verdict_object(const NEFilterNewFlowVerdict& verdict);

@@ -11,7 +11,7 @@
 namespace orvane {
 namespace {
 
-// The numbers of rules, actions and peek counts go to the framework as they are.
+// These numbers go to the framework unchanged.
 static_assert(static_cast<int64_t>(NENetworkRuleProtocol::UDP) == NENetworkRuleProtocolUDP);
 static_assert(static_cast<int64_t>(NETrafficDirection::Outbound) == NETrafficDirectionOutbound);
 static_assert(static_cast<int64_t>(NEFilterAction::Allow) == NEFilterActionAllow);
@@ -70,14 +70,14 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 ::NSArray* rule_objects(const std::vector<NEFilterRule>& rules) {
   ::NSMutableArray* objects = [::NSMutableArray arrayWithCapacity:rules.size()];
   for (const NEFilterRule& rule : rules) {
-    // One that the framework refuses is left out: adding nil would end the process.
+    // Skip a rule that the framework refuses: adding nil would end the process.
     if (::NEFilterRule* object = rule_object(rule)) [objects addObject:object];
   }
   return objects;
 }
 
 void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler) {
-  // The framework's provider stays alive until it has answered, as the C++ one does.
+  // The block retains the framework's provider until the framework has answered.
   const Retained<::NEFilterDataProvider> provider(static_cast<::NEFilterDataProvider*>(platformObject()));
   [provider.get() applySettings:settings_object(settings)
               completionHandler:^(::NSError* error) {
@@ -88,7 +88,7 @@ void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, Error
               }];
 }
 
-// The framework finds the class that the bundle names by itself.
+// The framework itself finds the class that the bundle names.
 void NEFilterProvider::registerProviderClass(std::string_view /*name*/, Ref<NEFilterDataProvider> (* /*create*/)()) {}
 
 int32_t NEFilterProvider::startSystemExtensionMode() {

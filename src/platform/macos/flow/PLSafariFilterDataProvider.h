@@ -1,9 +1,9 @@
 #pragma once
 
-#import "platform/macos/flow/PLProviderShell.h"
+#import "platform/macos/flow/PLProviderAdapter.h"
 
-// The class that a bundle names for the C++ class of the same name.
-@interface PLSafariFilterDataProvider : PLProviderShell
+// The provider class that a bundle names. Adapts the C++ class of the same name.
+@interface PLSafariFilterDataProvider : PLProviderAdapter
 
 - (BOOL)isSafariBrowser:(NEFilterFlow*)flow;
 - (NSArray*)createFilterRules;

@@ -8,7 +8,7 @@
 namespace orvane {
 namespace {
 
-// In pools of their own: the program starts on a thread that has none.
+// These have their own autorelease pools, because the main thread has none during the start.
 Owned<CFStringRef> string_create(std::string_view text) {
   @autoreleasepool {
     return Owned(reinterpret_cast<CFStringRef>([foundation_string(text) retain]));
@@ -31,18 +31,18 @@ std::string text_of_url(CFURLRef url) {
 void retain(const Bundle* bundle) { CFRetain(bundle); }
 void release(const Bundle* bundle) { CFRelease(bundle); }
 
-Bundle* bundle_get_main() { return ours<Bundle>(CFBundleGetMainBundle()); }
+Bundle* bundle_get_main() { return from_native<Bundle>(CFBundleGetMainBundle()); }
 
 Ref<Bundle> bundle_create(const std::string& url) {
-  const Owned<CFURLRef> place = url_create(url);
-  if (!place) return nullptr;
-  return Ref<Bundle>::adopt(ours<Bundle>(CFBundleCreate(kCFAllocatorDefault, place.get())));
+  const Owned<CFURLRef> location = url_create(url);
+  if (!location) return nullptr;
+  return Ref<Bundle>::adopt(from_native<Bundle>(CFBundleCreate(kCFAllocatorDefault, location.get())));
 }
 
 Value bundle_get_information(const Bundle* bundle, std::string_view key) {
   if (bundle == nullptr) return nullptr;
-  // Not the bundle's own look-up by key, which would prefer a translation.
-  CFDictionaryRef information = CFBundleGetInfoDictionary(native<CFBundleRef>(bundle));
+  // Not CFBundleGetValueForInfoDictionaryKey, which prefers a localized value.
+  CFDictionaryRef information = CFBundleGetInfoDictionary(to_native<CFBundleRef>(bundle));
   if (information == nullptr) return nullptr;
   return value_of_object(CFDictionaryGetValue(information, string_create(key).get()));
 }
@@ -51,7 +51,7 @@ std::optional<std::string> bundle_copy_resource_url(const Bundle* bundle, std::s
                                                     std::string_view type) {
   if (bundle == nullptr) return std::nullopt;
   const Owned<CFStringRef> resource = string_create(name), resourceType = string_create(type);
-  const Owned url(CFBundleCopyResourceURL(native<CFBundleRef>(bundle), resource.get(), resourceType.get(), nullptr));
+  const Owned url(CFBundleCopyResourceURL(to_native<CFBundleRef>(bundle), resource.get(), resourceType.get(), nullptr));
   if (!url) return std::nullopt;
   return text_of_url(url.get());
 }

@@ -4,9 +4,9 @@
 
 namespace orvane {
 
-// The Objective-C object that stands for a C++ object towards the system. Its monitor is the C++ object's, so that both
-// sides exclude each other. It is retained, and the C++ object borrowed, for as long as the process lives. To be set
-// once, before another thread knows the C++ object. Thread-safe.
+// Sets the Objective-C object that represents a C++ object to the system. Both have one monitor, so code in either
+// language excludes the other. Retains the Objective-C object and borrows the C++ object until the process ends. Call
+// it once, before another thread uses the C++ object's monitor. Thread-safe.
 void set_counterpart(const NSObject* object, void* objectiveC);
 
 // Null when there is none.

@@ -8,15 +8,15 @@
 
 namespace orvane {
 
-// The resolver library's question, under our name.
+// The same layout as the resolver library's type.
 static_assert(sizeof(dns_question_t) == sizeof(::dns_question_t));
 static_assert(offsetof(dns_question_t, name) == offsetof(::dns_question_t, name));
 static_assert(offsetof(dns_question_t, dnstype) == offsetof(::dns_question_t, dnstype));
 static_assert(offsetof(dns_question_t, dnsclass) == offsetof(::dns_question_t, dnsclass));
 
 dns_question_t* dns_parse_question(const char* buffer, uint32_t length) {
-  // The library follows compression pointers, and nothing says that it never does so in circles. The sender chooses
-  // the bytes.
+  // The library follows compression pointers, and its documentation does not exclude endless loops. The sender chooses
+  // the bytes, so reject pointers first.
   if (question_name_length({reinterpret_cast<const uint8_t*>(buffer), length}) == 0) return nullptr;
   return reinterpret_cast<dns_question_t*>(::dns_parse_question(buffer, length));
 }

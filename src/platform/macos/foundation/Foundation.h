@@ -6,14 +6,14 @@
 @class NSError;
 @class NSURL;
 
-// Foundation's own objects in our classes. All errors and URLs on this system are made here.
+// Wraps Foundation's errors and URLs in the platform's classes. All NSError and NSURL objects on macOS are made here.
 namespace orvane {
 
 // Null for nil.
 Ref<NSError> error_of(::NSError* error);
 Ref<NSURL> url_of(::NSURL* url);
 
-// The object itself that the error was made of; nil for null. Lives as long as the error does.
+// The object that the error wraps; nil for null. Borrowed from the error.
 ::NSError* foundation_error(const Ref<NSError>& error);
 
 }  // namespace orvane

@@ -29,9 +29,9 @@ class SystemURL final : public NSURL {
   Retained<::NSURL> url_;
 };
 
-class SystemComponents final : public NSURLComponents {
+class SystemURLComponents final : public NSURLComponents {
  public:
-  explicit SystemComponents(::NSURLComponents* components) : components_(components) {}
+  explicit SystemURLComponents(::NSURLComponents* components) : components_(components) {}
   std::optional<std::string> host() const override {
     ::NSString* host = [components_.get() host];
     if (host == nil) return std::nullopt;
@@ -56,7 +56,7 @@ Ref<NSURLComponents> NSURLComponents::initWithURL(const NSURL& url, bool resolvi
   ::NSURL* object = static_cast<const SystemURL&>(url).object();
   ::NSURLComponents* components = [[[::NSURLComponents alloc] initWithURL:object
                                                   resolvingAgainstBaseURL:resolvingAgainstBaseURL] autorelease];
-  return components == nil ? nullptr : Ref<NSURLComponents>::adopt(new SystemComponents(components));
+  return components == nil ? nullptr : Ref<NSURLComponents>::adopt(new SystemURLComponents(components));
 }
 
 int64_t integerValue(const std::string& string) { return [foundation_string(string) integerValue]; }

@@ -13,10 +13,10 @@ namespace orvane {
 
 namespace {
 
-// The object whose monitor the runtime keeps: the C++ object's counterpart, or one made for as long as it is in use.
+// The Objective-C object whose monitor is used: the C++ object's counterpart, or one that exists while it is in use.
 struct Monitor {
   id object = nil;
-  size_t users = 0;  // ObjectMonitor values that hold or await it; a counterpart counts as one for ever
+  size_t users = 0;  // ObjectMonitor values that hold or await it, plus one for a counterpart
   bool isCounterpart = false;
 };
 
@@ -34,9 +34,9 @@ MonitorTable& table() {
 }  // namespace
 
 void set_counterpart(const NSObject* object, void* objectiveC) {
-  id kept = [static_cast<id>(objectiveC) retain];
+  id retained = [static_cast<id>(objectiveC) retain];
   std::lock_guard guard(table().mutex);
-  table().monitors[object] = {kept, 1, true};
+  table().monitors[object] = {retained, 1, true};
 }
 
 void* counterpart(const NSObject* object) {
@@ -48,23 +48,22 @@ void* counterpart(const NSObject* object) {
 ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
   if (object_ == nullptr) return;
   std::unique_lock lock(table().mutex);
-  Monitor* entry = &table().monitors[object_];  // stays in its place while others come and go
+  Monitor* entry = &table().monitors[object_];  // keeps its address when entries are added or erased
   ++entry->users;
-  id made = nil;
+  id spare = nil;
   if (entry->object == nil) {
     lock.unlock();
-    made = [[::NSObject alloc] init];
+    spare = [[::NSObject alloc] init];
     lock.lock();
-    // Another thread may have been first.
-    if (entry->object == nil) std::swap(entry->object, made);
+    if (entry->object == nil) std::swap(entry->object, spare);  // unless another thread was first
   }
   id monitor = entry->object;
   lock.unlock();
-  [made release];
+  [spare release];
   objc_sync_enter(monitor);
 }
 
-// The runtime takes locks of its own in all of its calls, so the table's is never held around them.
+// Calls of the Objective-C runtime take locks, so the table's lock is released around them.
 ObjectMonitor::~ObjectMonitor() {
   if (object_ == nullptr) return;
   std::unique_lock lock(table().mutex);

@@ -12,17 +12,17 @@ void retain(const Data* data) { CFRetain(data); }
 void release(const Data* data) { CFRelease(data); }
 
 Ref<Data> data_create(const uint8_t* bytes, int64_t length) {
-  // The framework ends the process when it is asked for what cannot be.
+  // CFDataCreate ends the process on these arguments.
   if (length < 0 || (bytes == nullptr && length > 0)) return nullptr;
-  return Ref<Data>::adopt(ours<Data>(CFDataCreate(kCFAllocatorDefault, bytes, length)));
+  return Ref<Data>::adopt(from_native<Data>(CFDataCreate(kCFAllocatorDefault, bytes, length)));
 }
 
 Value property_list_create_with_data(const Data* data, Ref<NSError>* error) {
   @autoreleasepool {
-    Owned<CFErrorRef> fault;
-    const Owned list(CFPropertyListCreateWithData(kCFAllocatorDefault, native<CFDataRef>(data),
-                                                  kCFPropertyListImmutable, nullptr, fault.out()));
-    if (fault) *error = error_of(reinterpret_cast<::NSError*>(fault.get()));
+    Owned<CFErrorRef> failure;
+    const Owned list(CFPropertyListCreateWithData(kCFAllocatorDefault, to_native<CFDataRef>(data),
+                                                  kCFPropertyListImmutable, nullptr, failure.out()));
+    if (failure) *error = error_of(reinterpret_cast<::NSError*>(failure.get()));
     return value_of(static_cast<id>(list.get()));
   }
 }

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Here, where the system's macro finds its own names.
+// Outside of namespace orvane, which has another os_log_t: the system's macro needs its own.
 void* default_handle() { return OS_LOG_DEFAULT; }
 
 }  // namespace
@@ -19,7 +19,7 @@ namespace {
 
 os_log_t adopted(void* handle) { return os_log_t::adopt(static_cast<LogHandle*>(handle)); }
 
-// A reference to what an expression makes, in a pool of its own: some of those who log have none.
+// A retained reference to the object that `make` returns. Has its own autorelease pool, as some threads have none.
 template <class Make>
 const void* retained(Make make) {
   @autoreleasepool {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-// Of the system library. No header declares it.
+// In the system library; no header declares it.
 extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid);
 
 namespace orvane {

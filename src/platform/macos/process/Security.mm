@@ -9,25 +9,25 @@
 namespace orvane {
 namespace {
 
-// Null when it cannot be made.
+// Null on failure.
 Ref<Dictionary> dictionary_of_one(GuestAttribute key, CFTypeRef value) {
   CFTypeRef name = key == GuestAttribute::Audit ? kSecGuestAttributeAudit : kSecGuestAttributePid;
-  return Ref<Dictionary>::adopt(ours<Dictionary>(CFDictionaryCreate(
+  return Ref<Dictionary>::adopt(from_native<Dictionary>(CFDictionaryCreate(
       kCFAllocatorDefault, &name, &value, 1, &kCFTypeDictionaryKeyCallBacks, &kCFTypeDictionaryValueCallBacks)));
 }
 
-// The framework's object for a key of ours. Null for one that is none of ours.
+// The framework's constant for a key of platform/Security.h; null for any other key.
 CFStringRef information_key(std::string_view key) {
   if (key == kSecCodeInfoPList) return ::kSecCodeInfoPList;
   return key == kCFBundleIdentifierKey ? ::kCFBundleIdentifierKey : nullptr;
 }
 
-// What a dictionary holds under a key, when it is of the type that we read it as. Borrowed; else null. A signed program
-// may put what it likes into its own property list.
+// The value under a key, borrowed. Null if it has another type than expected: the property list comes from the signed
+// program and may hold anything.
 CFTypeRef entry(const Dictionary* dictionary, std::string_view key, CFTypeID type) {
   CFStringRef name = information_key(key);
   if (dictionary == nullptr || name == nullptr) return nullptr;
-  CFTypeRef value = CFDictionaryGetValue(native<CFDictionaryRef>(dictionary), name);
+  CFTypeRef value = CFDictionaryGetValue(to_native<CFDictionaryRef>(dictionary), name);
   return value != nullptr && CFGetTypeID(value) == type ? value : nullptr;
 }
 
@@ -47,7 +47,7 @@ void retain(const Dictionary* dictionary) { CFRetain(dictionary); }
 void release(const Dictionary* dictionary) { CFRelease(dictionary); }
 
 Ref<Number> number_create(int32_t value) {
-  return Ref<Number>::adopt(ours<Number>(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt32Type, &value)));
+  return Ref<Number>::adopt(from_native<Number>(CFNumberCreate(kCFAllocatorDefault, kCFNumberSInt32Type, &value)));
 }
 
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData) {
@@ -61,7 +61,7 @@ Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid) {
 }
 
 const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key) {
-  return ours<Dictionary>(entry(dictionary, key, CFDictionaryGetTypeID()));
+  return from_native<Dictionary>(entry(dictionary, key, CFDictionaryGetTypeID()));
 }
 
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key) {
@@ -69,39 +69,39 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return string == nullptr ? std::nullopt : std::optional(text_of_string(string));
 }
 
-// Status and output are passed on as they come: what a failure means is for the caller to say.
+// Status and output are passed on unchanged; the caller handles every pairing.
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
   SecCodeRef found = nullptr;
-  const OSStatus status =
-      ::SecCodeCopyGuestWithAttributes(native<SecCodeRef>(host), native<CFDictionaryRef>(attributes), flags, &found);
-  *guest = ours<SecCode>(found);
+  const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
+                                                           to_native<CFDictionaryRef>(attributes), flags, &found);
+  *guest = from_native<SecCode>(found);
   return status;
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode) {
   SecStaticCodeRef found = nullptr;
-  const OSStatus status = ::SecCodeCopyStaticCode(native<SecCodeRef>(code), flags, &found);
-  *staticCode = ours<SecStaticCode>(found);
+  const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &found);
+  *staticCode = from_native<SecStaticCode>(found);
   return status;
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information) {
   CFDictionaryRef found = nullptr;
-  const OSStatus status = ::SecCodeCopySigningInformation(native<SecStaticCodeRef>(code), flags, &found);
-  *information = ours<Dictionary>(found);
+  const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &found);
+  *information = from_native<Dictionary>(found);
   return status;
 }
 
 OSStatus SecCodeCopyPath(SecStaticCode* code, uint32_t flags, CodeURL** path) {
   CFURLRef found = nullptr;
-  const OSStatus status = ::SecCodeCopyPath(native<SecStaticCodeRef>(code), flags, &found);
-  *path = ours<CodeURL>(found);
+  const OSStatus status = ::SecCodeCopyPath(to_native<SecStaticCodeRef>(code), flags, &found);
+  *path = from_native<CodeURL>(found);
   return status;
 }
 
 std::optional<std::string> url_copy_file_system_path(const CodeURL* url) {
-  const Owned path(CFURLCopyFileSystemPath(native<CFURLRef>(url), kCFURLPOSIXPathStyle));
+  const Owned path(CFURLCopyFileSystemPath(to_native<CFURLRef>(url), kCFURLPOSIXPathStyle));
   return path ? std::optional(text_of_string(path.get())) : std::nullopt;
 }
 

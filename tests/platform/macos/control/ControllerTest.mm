@@ -8,13 +8,13 @@
 
 namespace orvane {
 
-// A second shell would have a monitor of its own, and let two edits in at once.
-TEST(ControllerShell, IsMadeTwiceOrLocksApartFromItsController) {
+// With two monitors, two edits could run at once.
+TEST(ControllerAdapter, SharesTheMonitorOfItsController) {
   auto* controller = OrvaneController::shared();
-  ::OrvaneController* shell = [::OrvaneController shellFor:controller];
-  EXPECT_EQ([::OrvaneController shellFor:controller], shell);
+  ::OrvaneController* adapter = [::OrvaneController adapterFor:controller];
+  EXPECT_EQ([::OrvaneController adapterFor:controller], adapter);
   std::future<void> edit;
-  @synchronized(shell) {
+  @synchronized(adapter) {
     edit = std::async(std::launch::async, [&] { ObjectMonitor outer(controller), inner(controller); });
     EXPECT_EQ(edit.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   }

@@ -12,12 +12,12 @@
 #include "platform/Object.h"
 #include "platform/Value.h"
 
-// The system log. A message is a literal format with some of os_log(3)'s conversions:
+// The system log. A message is a literal format with these conversions of os_log(3):
 //
-//   %@ an object    %d an int    %ld a long    %lu an unsigned long    %s characters    %p an address    %.8x an
-//   unsigned
+//   %@   an object             %d   an int         %ld  a long
+//   %lu  an unsigned long      %s   characters     %p   an address     %.8x  an unsigned int
 //
-// The compiler checks the arguments against the format. They are evaluated only when the level is on for the handle.
+// The compiler checks the arguments against the format. They are evaluated only if the level is enabled for the handle.
 namespace orvane {
 
 enum class LogLevel : uint8_t {
@@ -29,10 +29,10 @@ enum class LogLevel : uint8_t {
 
 namespace log_detail {
 
-// The system's own object, which a handle is. Never null.
+// The system's object; the default log's for a null handle. Never null.
 void* native(const os_log_t& log);
 
-// Arguments as the system takes them; what they hold lives as long as the statement that logs it.
+// An argument in the form that the system's macro takes. Lives until the end of the logging statement.
 template <class T>
 class Plain {
  public:
@@ -45,7 +45,7 @@ class Plain {
 
 class Object {
  public:
-  explicit Object(const void* object) : object_(object) {}  // takes over a reference; may be null
+  explicit Object(const void* object) : object_(object) {}  // takes ownership; may be null
   ~Object();
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
@@ -70,7 +70,7 @@ Object argument(const Ref<NSError>& error);
 }  // namespace log_detail
 }  // namespace orvane
 
-// The format and up to three arguments, each as the system takes it.
+// The format and up to three converted arguments.
 #define ORVANE_LOG_1(format) format
 #define ORVANE_LOG_2(format, a) format, ::orvane::log_detail::argument(a).get()
 #define ORVANE_LOG_3(format, a, b) ORVANE_LOG_2(format, a), ::orvane::log_detail::argument(b).get()
@@ -80,7 +80,7 @@ Object argument(const Ref<NSError>& error);
   ORVANE_LOG_CHOOSE(__VA_ARGS__, ORVANE_LOG_4, ORVANE_LOG_3, ORVANE_LOG_2, ORVANE_LOG_1, )(__VA_ARGS__)
 #define ORVANE_LOG_WRITE(...) os_log_with_type(__VA_ARGS__)
 
-// Written by the system's own macro, which wants the literal and finds its names where it stands.
+// The system's macro writes the message. It needs the literal format, and its own names in scope.
 #define ORVANE_LOG_AT(level, log, ...)                                                                               \
   do {                                                                                                               \
     const ::orvane::os_log_t& orvane_log_handle = (log);                                                             \

@@ -1,4 +1,4 @@
-#import "platform/macos/flow/PLProviderShell.h"
+#import "platform/macos/flow/PLProviderAdapter.h"
 
 #include "platform/macos/base/Block.h"
 #include "platform/macos/flow/Flow.h"
@@ -7,7 +7,8 @@
 
 namespace {
 
-// The object that `body` gives, in a pool of the call's own: a queue may drain its pool long after, and flows are many.
+// Runs `body` in an autorelease pool and returns its object autoreleased. The queue's own pool may be drained much
+// later, and flows are many.
 template <class Body>
 auto pooled(Body body) {
   decltype(body()) result = nil;
@@ -19,7 +20,7 @@ auto pooled(Body body) {
 
 }  // namespace
 
-@implementation PLProviderShell
+@implementation PLProviderAdapter
 
 - (instancetype)init {
   self = [super init];

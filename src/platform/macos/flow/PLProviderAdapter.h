@@ -1,0 +1,16 @@
+#pragma once
+
+#import <NetworkExtension/NetworkExtension.h>
+
+#include "platform/NetworkExtension.h"
+
+// Adapts a C++ provider to the framework: makes it and passes each call to it. The framework calls on its own queues.
+@interface PLProviderAdapter : NEFilterDataProvider {
+ @protected
+  orvane::Ref<orvane::NEFilterDataProvider> _provider;
+}
+
+// Each derived class returns a new provider of its C++ class. If it returns null, init returns nil.
+- (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider;
+
+@end
