@@ -5,8 +5,9 @@
 
 namespace orvane {
 
-// What one run of `body`, in a pool that is drained or not yet, leaves alive that was not there before: by class,
-// Objective-C's and our own, "NSObject +1, ...". It runs once beforehand, for whatever is made at a first use and kept.
-std::string left_alive(const std::function<void()>& body, bool drained = true);
+// The objects that one run of `body` leaves alive, of Objective-C's classes and of our own: "NSObject +1, ...". They
+// are counted after its autorelease pool is drained, or before. A first run, not counted, creates what is kept for
+// ever.
+std::string leaked_objects(const std::function<void()>& body, bool afterDrain = true);
 
 }  // namespace orvane

@@ -4,7 +4,7 @@
 #include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
 
-#undef NDEBUG  // where it is set, NSDebug.h hides what counts objects; the library counts either way
+#undef NDEBUG  // NSDebug.h would hide the functions that count objects; the library has them in any case
 #include <Block_private.h>
 #import <Foundation/Foundation.h>
 #import <Foundation/NSDebug.h>
@@ -14,7 +14,7 @@
 
 namespace orvane {
 
-// The stand-ins' errors are errors of this system.
+// The stand-ins' errors are Foundation's here.
 Ref<NSError> stand_in::error_named(const std::string& name) {
   id words = @{NSLocalizedDescriptionKey : foundation_string("localised " + name)};
   return error_of([::NSError errorWithDomain:foundation_string(name) code:1 userInfo:words]);
@@ -22,7 +22,7 @@ Ref<NSError> stand_in::error_named(const std::string& name) {
 
 namespace {
 
-using Counts = std::map<std::string, int>;  // of each class, of those that were made since counting began
+using Counts = std::map<std::string, int>;  // objects by class, made since counting began
 
 Counts live_objects() {
   Counts counts = {{"orvane::NSObject", stand_in::aliveObjects}};
@@ -38,7 +38,7 @@ Counts live_objects() {
 
 }  // namespace
 
-std::string left_alive(const std::function<void()>& body, bool drained) {
+std::string leaked_objects(const std::function<void()>& body, bool afterDrain) {
   Counts before, after;
   GSDebugAllocationActive(YES);
   for (int run = 0; run < 2; ++run) {
@@ -48,7 +48,7 @@ std::string left_alive(const std::function<void()>& body, bool drained) {
       after = live_objects();
     }
   }
-  if (drained) after = live_objects();
+  if (afterDrain) after = live_objects();
   std::string text;
   for (const auto& [name, count] : after) {
     const int more = count - before[name];
@@ -59,8 +59,8 @@ std::string left_alive(const std::function<void()>& body, bool drained) {
 
 }  // namespace orvane
 
-// The blocks runtime here knows nothing of Objective-C: a block that is copied would not keep the objects it refers to.
-// So its two functions for that come first from here.
+// The blocks runtime for Linux does not know Objective-C, so a copied block would not retain the objects it refers to.
+// These two functions replace its own, and pass everything but objects on.
 template <class Function>
 static Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

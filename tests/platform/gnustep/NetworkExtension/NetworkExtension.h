@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-// The part of the framework that a filter meets, as a test scripts it and looks into it.
+// A stand-in for the part of the framework that a filter uses. Tests script it and read what was called.
 
 #define NEFilterFlowBytesMax UINT64_MAX
 
@@ -14,16 +14,16 @@ typedef NS_ENUM(NSInteger, NETrafficDirection) { NETrafficDirectionOutbound = 2 
 typedef NS_ENUM(NSInteger, NEFilterAction) { NEFilterActionAllow = 1, NEFilterActionFilterData = 4 };
 typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserInitiated = 1 };
 
-// What each object here is: one other, such as its description. A question for which its class has no method is noted
-// down, and answered from that other, a dictionary then.
-@interface Described : NSObject {
+// The base of the stand-ins. Its content is a description, or a dictionary of properties: reading one that has no
+// method records its name and looks it up.
+@interface StandInObject : NSObject {
   id _content;
 }
-+ (instancetype)described:(id)content;
-- (instancetype)initWithDescription:(id)content;
++ (instancetype)withContent:(id)content;
+- (instancetype)initWithContent:(id)content;
 @end
 
-@interface NWEndpoint : Described
+@interface NWEndpoint : StandInObject
 @end
 
 @interface NWHostEndpoint : NWEndpoint
@@ -32,7 +32,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 - (NSString*)port;
 @end
 
-@interface NEFilterFlow : Described
+@interface NEFilterFlow : StandInObject
 - (NSURL*)URL;
 - (NSData*)sourceAppAuditToken;
 @end
@@ -43,7 +43,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 - (int)socketType;
 @end
 
-@interface NEFilterVerdict : Described
+@interface NEFilterVerdict : StandInObject
 + (instancetype)allowVerdict;
 + (instancetype)dropVerdict;
 @end
@@ -58,7 +58,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 @interface NEFilterDataVerdict : NEFilterVerdict
 @end
 
-@interface NENetworkRule : Described
+@interface NENetworkRule : StandInObject
 - (instancetype)initWithRemoteNetwork:(NWHostEndpoint*)remoteNetwork
                          remotePrefix:(NSUInteger)remotePrefix
                          localNetwork:(NWHostEndpoint*)localNetwork
@@ -67,11 +67,11 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
                             direction:(NETrafficDirection)direction;
 @end
 
-@interface NEFilterRule : Described
+@interface NEFilterRule : StandInObject
 - (instancetype)initWithNetworkRule:(NENetworkRule*)networkRule action:(NEFilterAction)action;
 @end
 
-@interface NEFilterSettings : Described
+@interface NEFilterSettings : StandInObject
 - (instancetype)initWithRules:(NSArray*)rules defaultAction:(NEFilterAction)defaultAction;
 @end
 
@@ -89,9 +89,10 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @compatibility_alias NEFilterProvider NEFilterDataProvider;
 
-// What happened, and what a test does to the framework.
+// What the framework was asked to do, and the answer that a test gives.
 inline struct NetworkExtensionState {
-  std::string asked;                       // each question, followed by a space
-  std::string applied;                     // the settings
-  std::function<void(NSError*)> complete;  // answers what was applied
+  std::string reads;  // the properties that were read, each followed by a space
+  std::string appliedSettings;
+  std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
+  bool isStarted = false;
 } networkExtension;

@@ -4,25 +4,25 @@
 
 #include "platform/macos/base/Block.h"
 
-// What is left out is answered at run time, or by derived classes.
+// Missing methods are added at run time, or are in derived classes.
 #pragma clang diagnostic ignored "-Wincomplete-implementation"
 
-@implementation Described
+@implementation StandInObject
 
-static id answer(Described* object, SEL question) {
-  networkExtension.asked.append(sel_getName(question)).append(" ");
-  return [object->_content objectForKey:NSStringFromSelector(question)];
+static id read_property(StandInObject* object, SEL property) {
+  networkExtension.reads.append(sel_getName(property)).append(" ");
+  return [object->_content objectForKey:NSStringFromSelector(property)];
 }
 
-+ (BOOL)resolveInstanceMethod:(SEL)question {
-  return class_addMethod(self, question, reinterpret_cast<IMP>(answer), "@@:");
++ (BOOL)resolveInstanceMethod:(SEL)property {
+  return class_addMethod(self, property, reinterpret_cast<IMP>(read_property), "@@:");
 }
 
-+ (instancetype)described:(id)content {
-  return [[[self alloc] initWithDescription:content] autorelease];
++ (instancetype)withContent:(id)content {
+  return [[[self alloc] initWithContent:content] autorelease];
 }
 
-- (instancetype)initWithDescription:(id)content {
+- (instancetype)initWithContent:(id)content {
   self = [super init];
   _content = [content retain];
   return self;
@@ -45,7 +45,7 @@ static id answer(Described* object, SEL question) {
 @implementation NWHostEndpoint
 
 + (instancetype)endpointWithHostname:(NSString*)hostname port:(NSString*)port {
-  return [self described:@{@"hostname" : hostname, @"port" : port}];
+  return [self withContent:@{@"hostname" : hostname, @"port" : port}];
 }
 
 @end
@@ -64,11 +64,11 @@ static id answer(Described* object, SEL question) {
 @implementation NEFilterVerdict
 
 + (instancetype)allowVerdict {
-  return [self described:@"allow"];
+  return [self withContent:@"allow"];
 }
 
 + (instancetype)dropVerdict {
-  return [self described:@"drop"];
+  return [self withContent:@"drop"];
 }
 
 @end
@@ -79,8 +79,8 @@ static id answer(Described* object, SEL question) {
                                              peekInboundBytes:(NSUInteger)peekInboundBytes
                                                filterOutbound:(BOOL)filterOutbound
                                             peekOutboundBytes:(NSUInteger)peekOutboundBytes {
-  return [self described:[NSString stringWithFormat:@"in %d %lu out %d %lu", filterInbound, peekInboundBytes,
-                                                    filterOutbound, peekOutboundBytes]];
+  return [self withContent:[NSString stringWithFormat:@"in %d %lu out %d %lu", filterInbound, peekInboundBytes,
+                                                      filterOutbound, peekOutboundBytes]];
 }
 
 @end
@@ -96,9 +96,9 @@ static id answer(Described* object, SEL question) {
                           localPrefix:(NSUInteger)localPrefix
                              protocol:(NENetworkRuleProtocol)protocol
                             direction:(NETrafficDirection)direction {
-  return [self
-      initWithDescription:[NSString stringWithFormat:@"%@/%lu from %@/%lu protocol %ld direction %ld", remoteNetwork,
-                                                     remotePrefix, localNetwork, localPrefix, protocol, direction]];
+  return
+      [self initWithContent:[NSString stringWithFormat:@"%@/%lu from %@/%lu protocol %ld direction %ld", remoteNetwork,
+                                                       remotePrefix, localNetwork, localPrefix, protocol, direction]];
 }
 
 @end
@@ -106,7 +106,7 @@ static id answer(Described* object, SEL question) {
 @implementation NEFilterRule
 
 - (instancetype)initWithNetworkRule:(NENetworkRule*)networkRule action:(NEFilterAction)action {
-  return [self initWithDescription:[NSString stringWithFormat:@"%@: %ld", networkRule, action]];
+  return [self initWithContent:[NSString stringWithFormat:@"%@: %ld", networkRule, action]];
 }
 
 @end
@@ -114,8 +114,8 @@ static id answer(Described* object, SEL question) {
 @implementation NEFilterSettings
 
 - (instancetype)initWithRules:(NSArray*)rules defaultAction:(NEFilterAction)defaultAction {
-  return [self initWithDescription:[NSString stringWithFormat:@"%@; else %ld", [rules componentsJoinedByString:@"; "],
-                                                              defaultAction]];
+  return [self initWithContent:[NSString stringWithFormat:@"%@; else %ld", [rules componentsJoinedByString:@"; "],
+                                                          defaultAction]];
 }
 
 @end
@@ -123,12 +123,12 @@ static id answer(Described* object, SEL question) {
 @implementation NEFilterDataProvider
 
 + (void)startSystemExtensionMode {
-  networkExtension.asked += "start ";
+  networkExtension.isStarted = true;
 }
 
 - (void)applySettings:(NEFilterSettings*)settings completionHandler:(void (^)(NSError* error))completionHandler {
-  networkExtension.applied = [[settings description] UTF8String];
-  networkExtension.complete = orvane::Block<void(NSError*)>(completionHandler);
+  networkExtension.appliedSettings = [[settings description] UTF8String];
+  networkExtension.completeApply = orvane::Block<void(NSError*)>(completionHandler);
 }
 
 @end

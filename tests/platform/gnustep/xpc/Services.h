@@ -1,15 +1,16 @@
 #pragma once
 
-// The services of the stand-in XPC, on the thread that calls. A service is there as long as its listener is resumed. A
-// message without a reply is on its way until another is answered. Connections that a listener gives out trace what
-// they are told.
+// A stand-in for XPC's services, on the calling thread. A service exists while its listener is resumed. A message
+// without a reply waits until a message with a reply is sent, or until deliver_messages(). The service's end of a
+// connection traces the calls that set it up.
 namespace orvane::stand_in {
 
-// Carries out what is on its way.
-void settle_services();
+// Delivers the waiting messages.
+void deliver_messages();
 
-// Breaks all connections: what is on its way is lost, and the next message connects again. Both ends hear of it; where
-// the services' process has `ended`, and another follows, that news comes later than anything else.
-void break_connections(bool ended = false);
+// Breaks all connections: the waiting messages are lost, and the next message connects again. Calls the interruption
+// handlers of both ends. With `restarted`, another process has taken the service over and no handler has been called
+// yet.
+void break_connections(bool restarted = false);
 
 }  // namespace orvane::stand_in

@@ -17,15 +17,15 @@ using orvane::stand_in::trace;
 // A connection, and its own proxy.
 @interface StandInConnection : NSXPCConnection {
  @public
-  NSString* _name;           // of the service, for a client
-  StandInConnection* _peer;  // the service's side, for a client
-  id _interface;             // exported or remote: its protocol's name
+  NSString* _name;           // a client's: of the service
+  StandInConnection* _peer;  // a client's: the service's end
+  id _interface;             // the protocol's name, of the exported or the remote object
   id _object;                // exported
-  GSXPCInvalidationHandler _invalidated;
-  GSXPCInterruptionHandler _interrupted;
-  GSXPCProxyErrorHandler _failed;
-  bool _active, _dead;
-  int _process;  // the service's, for a client
+  GSXPCInvalidationHandler _invalidationHandler;
+  GSXPCInterruptionHandler _interruptionHandler;
+  GSXPCProxyErrorHandler _errorHandler;
+  bool _isActive, _isBroken;
+  int _process;  // a client's: of the service
 }
 @end
 
@@ -34,17 +34,17 @@ namespace {
 struct Service {
   std::string name;
   id delegate = nil;  // not retained
-  bool isThere = false;
+  bool isResumed = false;
 };
 
 struct Services {
-  std::map<NSXPCListener*, Service> known;
+  std::map<NSXPCListener*, Service> listeners;
   std::set<StandInConnection*> clients;
-  std::deque<std::function<void()>> underWay;
+  std::deque<std::function<void()>> messages;
   int process = 1;
 };
 
-// Never destroyed: listeners may go later.
+// Never destroyed: listeners may be released later.
 Services& services() {
   static auto* shared = new Services;
   return *shared;
@@ -61,9 +61,9 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 - (void)dealloc {
   for (id each : {static_cast<id>(_name), static_cast<id>(_peer), _interface, _object}) [each release];
-  Block_release(_invalidated);
-  Block_release(_interrupted);
-  Block_release(_failed);
+  Block_release(_invalidationHandler);
+  Block_release(_interruptionHandler);
+  Block_release(_errorHandler);
   [super dealloc];
 }
 - (void)setExportedInterface:(NSXPCInterface*)exportedInterface {
@@ -79,73 +79,73 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 - (void)activate {
   trace("activate");
-  _active = true;
+  _isActive = true;
 }
 - (void)setInvalidationHandler:(GSXPCInvalidationHandler)handler {
   trace("invalidation handler");
-  _invalidated = Block_copy(handler);
+  _invalidationHandler = Block_copy(handler);
 }
 - (void)setInterruptionHandler:(GSXPCInterruptionHandler)handler {
   if (_name == nil) trace("interruption handler");
-  _interrupted = Block_copy(handler);
+  _interruptionHandler = Block_copy(handler);
 }
 - (pid_t)processIdentifier {
   return _process;
 }
 - (void)resume {
-  _active = true;
+  _isActive = true;
 }
 - (void)invalidate {
   services().clients.erase(self);
-  if (_peer != nil && _peer->_invalidated != nil) _peer->_invalidated();
+  if (_peer != nil && _peer->_invalidationHandler != nil) _peer->_invalidationHandler();
 }
 - (id)synchronousRemoteObjectProxyWithErrorHandler:(GSXPCProxyErrorHandler)handler {
-  Block_release(_failed);
-  _failed = Block_copy(handler);
+  Block_release(_errorHandler);
+  _errorHandler = Block_copy(handler);
   return self;
 }
-// Messages with a reply: forwarding knows no blocks.
+// Messages with a reply have methods, because forwardInvocation: cannot pass blocks.
 - (void)pingWithReply:(void (^)(BOOL))reply {
-  [[self answerer] pingWithReply:reply];
+  [[self receiverForReply] pingWithReply:reply];
 }
 - (void)getAppFilterStateWithReply:(void (^)(BOOL))reply {
-  [[self answerer] getAppFilterStateWithReply:reply];
+  [[self receiverForReply] getAppFilterStateWithReply:reply];
 }
 - (void)getChangesCount:(void (^)(uint64_t))reply {
-  [[self answerer] getChangesCount:reply];
+  [[self receiverForReply] getChangesCount:reply];
 }
-- (id)answerer {
-  if (![self connect]) return _failed(error_of(NSXPCConnectionInvalid)), nil;
-  orvane::stand_in::settle_services();
-  if (_peer->_dead) _failed(error_of(NSXPCConnectionInterrupted));
+- (id)receiverForReply {
+  if (![self connect]) return _errorHandler(error_of(NSXPCConnectionInvalid)), nil;
+  orvane::stand_in::deliver_messages();
+  if (_peer->_isBroken) _errorHandler(error_of(NSXPCConnectionInterrupted));
   return [_peer receiver];
 }
 - (void)forwardInvocation:(NSInvocation*)message {
-  if (![self connect]) return _failed(error_of(NSXPCConnectionInvalid));
+  if (![self connect]) return _errorHandler(error_of(NSXPCConnectionInvalid));
   [message retainArguments];
-  services().underWay.emplace_back(
+  services().messages.emplace_back(
       [peer = Retained(_peer), kept = Retained(message)] { [kept.get() invokeWithTarget:[peer.get() receiver]]; });
 }
 - (BOOL)connect {
-  if (_peer != nil && !_peer->_dead) return YES;
-  if (!_active || _interface == nil) return NO;
-  for (const auto& [listener, service] : services().known) {
-    if (!service.isThere || service.name != [_name UTF8String]) continue;
+  if (_peer != nil && !_peer->_isBroken) return YES;
+  if (!_isActive || _interface == nil) return NO;
+  for (const auto& [listener, service] : services().listeners) {
+    if (!service.isResumed || service.name != [_name UTF8String]) continue;
     [_peer release];
     _peer = [[StandInConnection alloc] init];
     _process = services().process;
     services().clients.insert(self);
-    _peer->_dead = ![service.delegate listener:listener shouldAcceptNewConnection:_peer];
-    return !_peer->_dead;
+    _peer->_isBroken = ![service.delegate listener:listener shouldAcceptNewConnection:_peer];
+    return !_peer->_isBroken;
   }
   return NO;
 }
 - (id)receiver {
-  return !_dead && _active && [_interface isEqual:@"OrvaneSECommunication"] ? _object : nil;
+  return !_isBroken && _isActive && [_interface isEqual:@"OrvaneSECommunication"] ? _object : nil;
 }
 @end
 
-// Whoever makes one of the framework's gets one of these.
+// Allocating the framework's class makes a stand-in.
 @implementation NSXPCConnection (StandIn)
 + (instancetype)allocWithZone:(NSZone*)zone {
   return NSAllocateObject([StandInConnection class], 0, zone);
@@ -157,23 +157,22 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 @implementation NSXPCListener (StandIn)
 - (instancetype)initWithMachServiceName:(NSString*)name {
   if (![name isKindOfClass:[NSString class]]) [NSException raise:NSInvalidArgumentException format:@"no name"];
-  services().known[self].name = [name UTF8String];
+  services().listeners[self].name = [name UTF8String];
   return self;
 }
 - (void)setDelegate:(id<NSXPCListenerDelegate>)delegate {
-  services().known[self].delegate = delegate;
+  services().listeners[self].delegate = delegate;
 }
 - (void)resume {
-  services().known[self].isThere = true;
+  services().listeners[self].isResumed = true;
 }
 - (void)invalidate {
-  services().known.erase(self);
+  services().listeners.erase(self);
 }
 @end
 @implementation NSXPCInterface (StandIn)
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol {
-  // This runtime readies a protocol only where a class adopts it, and tells no name of another; it is there, as the
-  // second word.
+  // This runtime has no name for a protocol that no class adopts. The compiler stores the name as the second word.
   return static_cast<id>([NSString stringWithUTF8String:reinterpret_cast<const char* const*>(protocol)[1]]);
 }
 @end
@@ -181,22 +180,22 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 
 namespace orvane::stand_in {
 
-void settle_services() {
-  while (!services().underWay.empty()) {
-    const auto deliver = std::move(services().underWay.front());
-    services().underWay.pop_front();
+void deliver_messages() {
+  while (!services().messages.empty()) {
+    const auto deliver = std::move(services().messages.front());
+    services().messages.pop_front();
     deliver();
   }
 }
 
-void break_connections(bool ended) {
-  services().underWay.clear();
-  if (ended) ++services().process;
+void break_connections(bool restarted) {
+  services().messages.clear();
+  if (restarted) ++services().process;
   for (StandInConnection* client : services().clients) {
-    client->_peer->_dead = true;
-    if (ended) continue;
-    client->_interrupted();
-    if (client->_peer->_interrupted != nil) client->_peer->_interrupted();
+    client->_peer->_isBroken = true;
+    if (restarted) continue;
+    client->_interruptionHandler();
+    if (client->_peer->_interruptionHandler != nil) client->_peer->_interruptionHandler();
   }
 }
 

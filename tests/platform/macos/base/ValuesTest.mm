@@ -8,7 +8,7 @@
 namespace orvane {
 namespace {
 
-// Equal, and numbers of the same form at that.
+// Equal, with numbers of the same form.
 bool same(const Value& left, const Value& right) {
   return left == right && left.numberForm() == right.numberForm() &&
          std::equal(left.asArray().begin(), left.asArray().end(), right.asArray().begin(), same);
@@ -28,27 +28,27 @@ Value::Array every_kind() {
   return all;
 }
 
-TEST(Values, LoseSomethingOnTheWayThereAndBackOrLeak) {
+TEST(Values, SurviveConversionToFoundation) {
   const auto convert = [] {
     for (const Value& one : every_kind()) EXPECT_TRUE(same(value_of(foundation_object(one)), one)) << one.description();
   };
-  EXPECT_EQ(left_alive(convert), "");
+  EXPECT_EQ(leaked_objects(convert), "");
 }
 
-TEST(Values, TakeAnObjectForAnotherKind) {
+TEST(Values, RepresentFoundationsClasses) {
   @autoreleasepool {
-    const std::pair<id, Value> rows[] = {
-        {[::NSURL URLWithString:@"http://example.org/"], nullptr},
-        {[::NSNumber numberWithChar:1], Value::number(1)},
-        {[::NSNumber numberWithUnsignedChar:1], Value::number(1)},
-        {[::NSNumber numberWithFloat:0.5F], Value::real(0.5)},
-        {[::NSCountedSet setWithObject:@"x"], Value::set({Value::string("x")})},
+    const std::tuple<const char*, id, Value> rows[] = {
+        {"a class without a kind", [::NSURL URLWithString:@"http://example.org/"], nullptr},
+        {"char", [::NSNumber numberWithChar:1], Value::number(1)},
+        {"unsigned char", [::NSNumber numberWithUnsignedChar:1], Value::number(1)},
+        {"float", [::NSNumber numberWithFloat:0.5F], Value::real(0.5)},
+        {"a derived class", [::NSCountedSet setWithObject:@"x"], Value::set({Value::string("x")})},
     };
-    for (const auto& [object, value] : rows) EXPECT_TRUE(same(value_of(object), value)) << value.description();
+    for (const auto& [name, object, value] : rows) EXPECT_TRUE(same(value_of(object), value)) << name;
   }
 }
 
-TEST(Values, StackOverflowsAtTheDepthThatAPeerChose) {
+TEST(Values, StopAtTheDepthLimit) {
   @autoreleasepool {
     id nested = @"core";
     for (int i = 0; i < 100000; ++i) nested = [::NSArray arrayWithObject:nested];
@@ -59,13 +59,17 @@ TEST(Values, StackOverflowsAtTheDepthThatAPeerChose) {
   }
 }
 
-TEST(UTF16, TakesBytesThatAreNoTextOrLosesHalvesOfPairs) {
-  const std::pair<std::string, std::u16string> rows[] = {
-      {"a\x80z\xe2\x82z\xff\xc3", u"a\xfffdz\xfffd\xfffdz\xfffd\xfffd"},  // no first byte, too early an end
-      {"\xc0\xafz", u"\xfffd\xfffdz"},                                    // longer than need be
-      {"\xf4\x90\x80\x80", u"\xfffd\xfffd\xfffd\xfffd"},                  // beyond the last code point
+TEST(UTF16, ReplacesInvalidBytes) {
+  const std::tuple<const char*, std::string, std::u16string> rows[] = {
+      {"continuation without a lead byte", "a\x80z", u"a\xfffdz"},
+      {"sequence cut short", "\xe2\x82z\xff\xc3", u"\xfffd\xfffdz\xfffd\xfffd"},
+      {"overlong sequence", "\xc0\xafz", u"\xfffd\xfffdz"},
+      {"beyond U+10FFFF", "\xf4\x90\x80\x80", u"\xfffd\xfffd\xfffd\xfffd"},
   };
-  for (const auto& [text, units] : rows) EXPECT_EQ(utf16_of(text), units) << text;
+  for (const auto& [name, text, units] : rows) EXPECT_EQ(utf16_of(text), units) << name;
+}
+
+TEST(UTF16, KeepsUnpairedSurrogates) {
   const std::u16string units = u"\xdc00\xd800\xd800\xdc00z\xdbff";
   EXPECT_EQ(utf8_of(units), "\xed\xb0\x80\xed\xa0\x80\xf0\x90\x80\x80z\xed\xaf\xbf");
   EXPECT_EQ(utf16_of(utf8_of(units)), units);

@@ -12,9 +12,9 @@ namespace {
 using stand_in::take_log;
 using stand_in::take_trace;
 
-// Traces what it is sent.
+// Traces the messages that it receives.
 struct TracedController final : OrvaneSECommunication {
-  std::function<void()> atEdit = [] {};  // before it is traced
+  std::function<void()> beforeEdit = [] {};
 
   void pingWithReply(const BooleanReply& reply) override { reply(true); }
   void getAppFilterStateWithReply(const BooleanReply& reply) override { reply(false); }
@@ -32,7 +32,7 @@ struct TracedController final : OrvaneSECommunication {
   void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
 
   void note(const std::string& message, const Value& value) {
-    atEdit();
+    beforeEdit();
     stand_in::trace(message + " " + value.description());
   }
 };
@@ -70,7 +70,7 @@ class XPC : public DatabaseTest {
   Ref<TracedService> traced_ = Ref<TracedService>::adopt(new TracedService);
 };
 
-TEST_F(XPC, ConnectionsAreWiredInAnotherOrderOrToObjectsOfTheirOwn) {
+TEST_F(XPC, ConnectsEveryClientToTheControlObject) {
   listen(XPCServiceDelegate::init());
   auto first = connect();
   EXPECT_EQ(take_trace(),
@@ -83,7 +83,11 @@ TEST_F(XPC, ConnectionsAreWiredInAnotherOrderOrToObjectsOfTheirOwn) {
   second->setProperties(until(9e9), text("b.example"));
   EXPECT_EQ(first->changesCount(), before + 3);
   EXPECT_TRUE(db_has_hostname("b.example") && !db_hostname_is_blockable("b.example"));
+}
 
+TEST_F(XPC, LogsTheEndOfEachConnection) {
+  listen(XPCServiceDelegate::init());
+  auto first = connect(), second = connect();
   take_log();
   first.reset();
   EXPECT_EQ(take_log(), "default* connection invalidated | default? receive stop command");
@@ -91,28 +95,28 @@ TEST_F(XPC, ConnectionsAreWiredInAnotherOrderOrToObjectsOfTheirOwn) {
   EXPECT_EQ(take_log(), "default* connection interrupted | default? receive stop command");
 }
 
-TEST_F(XPC, AListenerOutlivesItsDelegateOrAConnectionStays) {
+TEST_F(XPC, ReleasesClosedConnectionsAndListeners) {
   auto use = [this] {
     listen(XPCServiceDelegate::init());
     for (int i = 0; i < 3; ++i) connect()->addHostname(text("a.example"));
     listener_->setDelegate(nullptr);
-    EXPECT_THROW(connect(), ClientError) << "nobody is asked";
+    EXPECT_THROW(connect(), ClientError) << "no delegate";
     listener_ = nullptr;
-    EXPECT_THROW(connect(), ClientError) << "nothing listens any more";
+    EXPECT_THROW(connect(), ClientError) << "no listener";
     take_log();
     take_trace();
   };
-  EXPECT_EQ(left_alive(use), "");
+  EXPECT_EQ(leaked_objects(use), "");
 }
 
-TEST_F(XPC, ANameThatIsNoneEndsTheProcess) {
+TEST_F(XPC, LogsAnInvalidServiceName) {
   for (const Value& name : {Value(), Value::number(7)}) {
     listen(XPCServiceDelegate::init(), name);
     EXPECT_EQ(take_log(), "default! the control channel is closed: no name");
   }
 }
 
-TEST_F(XPC, MessagesAreMixedUpOrTheClientReturnsBeforeTheyAreCarriedOut) {
+TEST_F(XPC, CarriesOutEachMessageBeforeItsCallReturns) {
   listen(traced_);
   auto client = connect();
   EXPECT_TRUE(client->ping() && !client->appFilterState());
@@ -133,27 +137,39 @@ TEST_F(XPC, MessagesAreMixedUpOrTheClientReturnsBeforeTheyAreCarriedOut) {
   client->setProperties(properties, text("i"));
   EXPECT_EQ(take_trace(), "add d | add e | remove d | remove f | set " + set.description() + " | properties of i " +
                               properties.description());
-
-  // The other end would pass over them in silence.
-  for (const Value& hostnames : {text("x"), Value::set({set}), Value::set({Value()})}) {
-    EXPECT_EQ(failure([&] { client->setHostnames(hostnames); }).find("an argument cannot be sent"), 0u);
-  }
-  EXPECT_TRUE(client->ping()) << "the connection is still of use";
 }
 
-// A successor's answer, or one over a new connection, says nothing of what was lost.
-TEST_F(XPC, AnEndInMidCallIsTakenForSuccess) {
+// The extension's end would silently ignore them.
+TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
+  listen(traced_);
+  auto client = connect();
+  const std::pair<const char*, Value> rows[] = {{"a string for a set", text("x")},
+                                                {"a set in a set", Value::set({Value::set({})})},
+                                                {"nil in a set", Value::set({Value()})}};
+  for (const auto& [name, hostnames] : rows) {
+    EXPECT_EQ(failure([&] { client->setHostnames(hostnames); }).find("an argument cannot be sent"), 0u) << name;
+  }
+  EXPECT_TRUE(client->ping()) << "the connection is lost";
+}
+
+TEST_F(XPC, ReportsAMissingService) {
   EXPECT_EQ(failure([] { connect(); }),
             "cannot reach the extension at S: the system has no such service: switch the extension on, or name its "
             "service");
+}
+
+// The answer of a restarted extension, or over a new connection, does not confirm the lost messages.
+TEST_F(XPC, ReportsAnEndDuringACall) {
   listen(traced_);
-  auto settle = [](uint64_t, uint64_t) { stand_in::settle_services(); };  // the end comes before anything else is sent
-  for (bool ended : {false, true}) {
-    for (const Client::Progress& progress : {Client::Progress(), Client::Progress(settle)}) {
+  // Delivers the message, which breaks the connection, before the client asks for the confirmation.
+  auto deliver = [](uint64_t, uint64_t) { stand_in::deliver_messages(); };
+  for (bool restarted : {false, true}) {
+    for (const Client::Progress& progress : {Client::Progress(), Client::Progress(deliver)}) {
       auto client = connect();
-      traced_->controller->atEdit = [ended] { stand_in::break_connections(ended); };
-      EXPECT_NE(failure([&] { client->setHostnames(std::vector<std::string>{"x"}, progress); }), "") << ended;
-      EXPECT_NE(failure([&] { client->ping(); }), "") << "what was lost is forgotten";
+      traced_->controller->beforeEdit = [restarted] { stand_in::break_connections(restarted); };
+      EXPECT_NE(failure([&] { client->setHostnames(std::vector<std::string>{"x"}, progress); }), "")
+          << "restarted: " << restarted;
+      EXPECT_NE(failure([&] { client->ping(); }), "") << "restarted: " << restarted << ", later call";
     }
   }
 }

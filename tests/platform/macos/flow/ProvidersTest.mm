@@ -14,14 +14,14 @@ id token(int32_t pid) { return foundation_object(stand_in::token_of(pid)); }
 
 ::NEFilterFlow* socket_flow(int32_t pid, ::NWEndpoint* endpoint, ::NSString* name) {
   return [::NEFilterSocketFlow
-      described:@{@"sourceAppAuditToken" : token(pid), @"remoteEndpoint" : endpoint, @"remoteHostname" : name}];
+      withContent:@{@"sourceAppAuditToken" : token(pid), @"remoteEndpoint" : endpoint, @"remoteHostname" : name}];
 }
 
 ::NEFilterFlow* url_flow(int32_t pid, ::NSString* url) {
-  return [::NEFilterFlow described:@{@"sourceAppAuditToken" : token(pid), @"URL" : [::NSURL URLWithString:url]}];
+  return [::NEFilterFlow withContent:@{@"sourceAppAuditToken" : token(pid), @"URL" : [::NSURL URLWithString:url]}];
 }
 
-// Of the new flow, of its data and of its end.
+// The verdicts on the new flow, on its data and on its end.
 std::string verdicts(::NEFilterDataProvider* provider, ::NEFilterFlow* flow, ::NSData* bytes = nil) {
   const id newFlow = [provider handleNewFlow:flow];
   const id data = [provider handleOutboundDataFromFlow:flow readBytesStartOffset:0 readBytes:bytes];
@@ -29,7 +29,7 @@ std::string verdicts(::NEFilterDataProvider* provider, ::NEFilterFlow* flow, ::N
   return text_of([newFlow description]) + ", " + text_of([data description]) + ", " + text_of([end description]);
 }
 
-// Runs in a pool, with a browser, its helper, another program, Safari, and two hosts in the database, one suspended.
+// The database holds two host names, one suspended. Four programs run: a browser, its helper, another program, Safari.
 class ProvidersTest : public DatabaseTest {
  protected:
   ProvidersTest() {
@@ -52,38 +52,51 @@ class ProvidersTest : public DatabaseTest {
   ::NSError* failure = [::NSError errorWithDomain:@"D" code:1 userInfo:@{NSLocalizedDescriptionKey : @"caf\u00e9"}];
 };
 
-TEST_F(ProvidersTest, AVerdictOfTheCoreReachesTheFrameworkAsAnother) {
-  const std::tuple<::NEFilterDataProvider*, ::NEFilterFlow*, std::string> rows[] = {
-      {general, socket_flow(kOther, web, @"held.example"), "allow, drop, drop"},
-      {general, socket_flow(kHelper, web, @"held.example"), "drop, drop, drop"},
-      {general, socket_flow(kBrowser, web, @"free.example"), "allow, allow, allow"},
-      {general, socket_flow(kBrowser, dns, @"held.example"), "in 0 0 out 1 1024, allow, drop"},
-      {general, socket_flow(kBrowser, [::NWEndpoint described:@"53"], @"held.example"), "drop, drop, drop"},
-      {general, url_flow(kBrowser, @"https://held.example/page"), "drop, allow, allow"},
-      {general, [::NEFilterSocketFlow described:@{@"sourceAppAuditToken" : token(kBrowser)}],
+TEST_F(ProvidersTest, PassesVerdictsToTheFramework) {
+  struct {
+    const char* name;
+    ::NEFilterDataProvider* provider;
+    ::NEFilterFlow* flow;
+    std::string expected;
+  } const rows[] = {
+      {"other program", general, socket_flow(kOther, web, @"held.example"), "allow, drop, drop"},
+      {"browser's helper", general, socket_flow(kHelper, web, @"held.example"), "drop, drop, drop"},
+      {"free host", general, socket_flow(kBrowser, web, @"free.example"), "allow, allow, allow"},
+      {"DNS", general, socket_flow(kBrowser, dns, @"held.example"), "in 0 0 out 1 1024, allow, drop"},
+      {"no host endpoint", general, socket_flow(kBrowser, [::NWEndpoint withContent:@"53"], @"held.example"),
+       "drop, drop, drop"},
+      {"URL", general, url_flow(kBrowser, @"https://held.example/page"), "drop, allow, allow"},
+      {"no host name", general, [::NEFilterSocketFlow withContent:@{@"sourceAppAuditToken" : token(kBrowser)}],
        kAllOutbound + ", allow, allow"},
-      {safari, socket_flow(kBrowser, web, @"held.example"), "allow, drop, allow"},
-      {safari, socket_flow(kSafari, web, @"suspended.example"), kAllOutbound + ", allow, allow"},
-      {safari, url_flow(kSafari, @"https://held.example/page"), kAllOutbound + ", drop, allow"},
+      {"Safari's provider, browser", safari, socket_flow(kBrowser, web, @"held.example"), "allow, drop, allow"},
+      {"Safari's provider, suspended host", safari, socket_flow(kSafari, web, @"suspended.example"),
+       kAllOutbound + ", allow, allow"},
+      {"Safari's provider, URL", safari, url_flow(kSafari, @"https://held.example/page"),
+       kAllOutbound + ", drop, allow"},
   };
-  for (const auto& [provider, flow, expected] : rows) {
-    EXPECT_EQ(verdicts(provider, flow), expected) << text_of([flow description]);
-  }
+  for (const auto& row : rows) EXPECT_EQ(verdicts(row.provider, row.flow), row.expected) << row.name;
+}
+
+TEST_F(ProvidersTest, RecognisesTheBrowsersFlows) {
   for (const int32_t pid : {kBrowser, kHelper, kOther, kSafari}) {
-    EXPECT_EQ([general isFlowFromBrowser:url_flow(pid, @"")], pid == kBrowser || pid == kHelper);
-    EXPECT_EQ([safari isSafariBrowser:url_flow(pid, @"")], pid == kSafari);
+    EXPECT_EQ([general isFlowFromBrowser:url_flow(pid, @"")], pid == kBrowser || pid == kHelper) << pid;
+    EXPECT_EQ([safari isSafariBrowser:url_flow(pid, @"")], pid == kSafari) << pid;
   }
 }
 
-TEST_F(ProvidersTest, FrameworkIsNotStartedOrFlowIsAskedBeforeTheCoreAsksOrNotEachTime) {
+TEST_F(ProvidersTest, StartsSystemExtensionMode) {
   EXPECT_EQ(NEFilterProvider::startSystemExtensionMode(), 0);
+  EXPECT_TRUE(networkExtension.isStarted);
+}
+
+TEST_F(ProvidersTest, ReadsAPropertyEachTimeTheCoreAsks) {
   [general handleNewFlow:socket_flow(kOther, web, @"held.example")];
   [general handleNewFlow:socket_flow(kBrowser, web, @"held.example")];
   const std::string token = "sourceAppAuditToken ", port = "remoteEndpoint hostname port ";
-  EXPECT_EQ(networkExtension.asked, "start " + token + token + port + port + port + "URL remoteHostname ");
+  EXPECT_EQ(networkExtension.reads, token + token + port + port + port + "URL remoteHostname ");
 }
 
-TEST_F(ProvidersTest, BytesAreCutOrShifted) {
+TEST_F(ProvidersTest, PassesOutboundBytesUnchanged) {
   const std::string question("\3www\7example\0\0\1\0\1", 17);
   const auto log_of = [&](size_t length) {
     verdicts(general, socket_flow(kBrowser, dns, @""), [::NSData dataWithBytes:question.data() length:length]);
@@ -93,7 +106,7 @@ TEST_F(ProvidersTest, BytesAreCutOrShifted) {
   EXPECT_NE(log_of(question.size() - 1).find("cannot parse dns question :"), std::string::npos);
 }
 
-TEST_F(ProvidersTest, RulesReachTheFrameworkChangedOrStartReportsAnotherErrorOrNone) {
+TEST_F(ProvidersTest, ReportsTheOutcomeOfApplyingTheRules) {
   const auto rule = [](const std::string& port, const std::string& protocol) {
     return "{hostname = \"\"; port = " + port + "; }/0 from (null)/0 protocol " + protocol + " direction 2: 4";
   };
@@ -109,10 +122,10 @@ TEST_F(ProvidersTest, RulesReachTheFrameworkChangedOrStartReportsAnotherErrorOrN
         ++calls;
         EXPECT_EQ(reported, error);
       }];
-      EXPECT_EQ(networkExtension.applied, expected + "; else 1");
+      EXPECT_EQ(networkExtension.appliedSettings, expected + "; else 1");
       EXPECT_EQ(calls, 0);
-      EXPECT_EQ([provider retainCount], 2U) << "the test's and the framework's";
-      std::exchange(networkExtension.complete, nullptr)(error);
+      EXPECT_EQ([provider retainCount], 2U) << "held by the test and by the framework";
+      std::exchange(networkExtension.completeApply, nullptr)(error);
       EXPECT_EQ(calls, 1);
     }
   }
@@ -120,7 +133,7 @@ TEST_F(ProvidersTest, RulesReachTheFrameworkChangedOrStartReportsAnotherErrorOrN
             std::string::npos);
 }
 
-TEST_F(ProvidersTest, ObjectsAreLeftWhenAProviderGoesOrItsStopIsNotReported) {
+TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
   ::NSArray* flows = @[
     url_flow(kBrowser, @"https://held.example/page"), url_flow(kSafari, @"https://held.example/page"),
     socket_flow(kHelper, web, @"held.example"), socket_flow(kOther, dns, @""), socket_flow(kHelper, dns, @"")
@@ -133,7 +146,7 @@ TEST_F(ProvidersTest, ObjectsAreLeftWhenAProviderGoesOrItsStopIsNotReported) {
       [provider startFilterWithCompletionHandler:^(::NSError* error) {
         [handled addObject:error];
       }];
-      std::exchange(networkExtension.complete, nullptr)(failure);
+      std::exchange(networkExtension.completeApply, nullptr)(failure);
       for (::NEFilterFlow* flow in flows) verdicts(provider, flow, bytes);
       [provider stopFilterWithReason:NEProviderStopReasonUserInitiated
                    completionHandler:^{
@@ -145,10 +158,10 @@ TEST_F(ProvidersTest, ObjectsAreLeftWhenAProviderGoesOrItsStopIsNotReported) {
       stand_in::nextInitialiserFails = true;
       EXPECT_EQ([providerClass new], nil);
     };
-    // The number of each process that is asked about as the responsible one is never released, on purpose. Calls leave
-    // nothing but verdicts, one of them with words of its own, in the pool of the queue that they came on.
-    EXPECT_EQ(left_alive(live), "orvane::Number +4");
-    EXPECT_EQ(left_alive(live, false),
+    // The core never releases the number of a responsible process, on purpose. In the pool of the calling queue, only
+    // the verdicts remain, and the text of one of them.
+    EXPECT_EQ(leaked_objects(live), "orvane::Number +4");
+    EXPECT_EQ(leaked_objects(live, false),
               "GSCInlineString +1, NEFilterDataVerdict +10, NEFilterNewFlowVerdict +5, orvane::Number +4");
   }
 }

@@ -3,7 +3,7 @@
 
 #include_next <Foundation/Foundation.h>
 
-// What this Foundation's own declarations of XPC lack.
+// Declarations that GNUstep's XPC headers lack.
 enum { NSXPCConnectionInterrupted = 4097, NSXPCConnectionInvalid = 4099 };
 
 @interface NSXPCConnection (Missing)
