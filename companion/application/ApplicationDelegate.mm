@@ -15,7 +15,7 @@ NSTextField* state_label() {
   return label;
 }
 
-// The menu of a program without documents: it can be ended, and what it says can be copied.
+// Quit, and Copy for the text of the labels.
 NSMenu* main_menu() {
   NSMenu* menu = [[[NSMenu alloc] init] autorelease];
   NSMenu* application = [[[NSMenu alloc] init] autorelease];

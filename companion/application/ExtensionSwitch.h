@@ -5,20 +5,20 @@
 
 #import "companion/application/Switch.h"
 
-// Activates and deactivates the system extension that this application brings along. All on the main thread.
+// Activates and deactivates the system extension in this application's bundle. Use it on the main thread.
 //
-// macOS 11 has no way to ask whether an extension is active, so what is known of it is what became of the last request.
-// A request to activate one that is active succeeds at once.
+// macOS 11 cannot tell whether an extension is active, so the state is the outcome of the last request. A request to
+// activate an active extension succeeds at once.
 @interface ExtensionSwitch : Switch <OSSystemExtensionRequestDelegate> {
  @private
-  OSSystemExtensionRequest* _request;  // the last one, until it is answered
+  OSSystemExtensionRequest* _request;  // the last one; nil once it is answered
   BOOL _activating;
 }
 
-// The observer is not kept.
+// Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
-// A later request takes the place of one that is still waiting for the user.
+// A new request replaces one that waits for the user.
 - (void)activate;
 - (void)deactivate;
 

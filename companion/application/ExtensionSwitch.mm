@@ -2,17 +2,17 @@
 
 namespace {
 
-// What to do about an error of a request. Nil for those that the system's own words explain.
-NSString* advice(NSInteger code) {
+// What the user can do about a failed request. Nil if the system's message says enough.
+NSString* advice_for_code(NSInteger code) {
   switch (code) {
     case OSSystemExtensionErrorMissingEntitlement:
       return @"Sign the application with the entitlement com.apple.developer.system-extension.install.";
     case OSSystemExtensionErrorUnsupportedParentBundleLocation:
       return @"Move the application into /Applications.";
     case OSSystemExtensionErrorExtensionNotFound:
-      return @"The application holds no extension of this name: build and install it anew.";
+      return @"The application contains no extension of this name. Build and install it again.";
     case OSSystemExtensionErrorCodeSignatureInvalid:
-      return @"Sign the extension, then the application around it, with one identity.";
+      return @"Sign the extension, then the application, with the same identity.";
     case OSSystemExtensionErrorValidationFailed:
       return @"The system refuses the extension's Info.plist or entitlements. Its log says why: "
              @"log show --last 5m --predicate 'process == \"sysextd\"'";
@@ -27,8 +27,8 @@ NSString* advice(NSInteger code) {
   }
 }
 
-NSString* words_for(NSError* error) {
-  return [error.domain isEqualToString:OSSystemExtensionErrorDomain] ? advice(error.code) : nil;
+NSString* advice_for(NSError* error) {
+  return [error.domain isEqualToString:OSSystemExtensionErrorDomain] ? advice_for_code(error.code) : nil;
 }
 
 }  // namespace
@@ -36,7 +36,7 @@ NSString* words_for(NSError* error) {
 @implementation ExtensionSwitch
 
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer {
-  return [super initWithExtension:identifier state:@"Nothing asked yet" observer:observer];
+  return [super initWithExtension:identifier state:@"No request yet" observer:observer];
 }
 
 - (void)dealloc {
@@ -63,8 +63,8 @@ NSString* words_for(NSError* error) {
   [self submit:[OSSystemExtensionRequest deactivationRequestForExtension:_extension queue:dispatch_get_main_queue()]];
 }
 
-// An answer to the last request; one to a request before it says nothing about how things stand.
-- (void)answer:(OSSystemExtensionRequest*)request with:(NSString*)state {
+// Shows the outcome of the last request. A replaced request is ignored: its outcome is not the current state.
+- (void)finish:(OSSystemExtensionRequest*)request withState:(NSString*)state {
   if (request != _request) return;
   [_request autorelease];
   _request = nil;
@@ -74,7 +74,7 @@ NSString* words_for(NSError* error) {
 - (OSSystemExtensionReplacementAction)request:(OSSystemExtensionRequest*)request
                   actionForReplacingExtension:(OSSystemExtensionProperties*)existing
                                 withExtension:(OSSystemExtensionProperties*)extension {
-  // Also an older version: whoever starts an application of an older build wants that one.
+  // Even with an older version: the user has opened an older application, so that version is wanted.
   return OSSystemExtensionReplacementActionReplace;
 }
 
@@ -86,11 +86,11 @@ NSString* words_for(NSError* error) {
   NSString* state = _activating ? @"Active" : @"Not active";
   if (result == OSSystemExtensionRequestWillCompleteAfterReboot)
     state = [state stringByAppendingString:@" after a restart"];
-  [self answer:request with:state];
+  [self finish:request withState:state];
 }
 
 - (void)request:(OSSystemExtensionRequest*)request didFailWithError:(NSError*)error {
-  [self answer:request with:failure_text(error, words_for(error))];
+  [self finish:request withState:failure_text(error, advice_for(error))];
 }
 
 @end

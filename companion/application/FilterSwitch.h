@@ -4,20 +4,20 @@
 
 #import "companion/application/Switch.h"
 
-// Switches the content filter on and off: this application's filter configuration among the system's preferences. The
-// first time, the system asks the user. All on the main thread.
+// Switches the content filter on and off: saves this application's filter configuration in the system's preferences.
+// The system asks the user the first time. Use it on the main thread.
 @interface FilterSwitch : Switch
 
-// The extension that holds the provider. The observer is not kept.
+// `identifier` names the extension with the provider. Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
-// Looks how things stand.
+// Reads the current state.
 - (void)refresh;
 
 - (void)switchOn;
 - (void)switchOff;
 
-// Takes the configuration away, so that none is left that names an extension which is gone.
+// Removes the configuration. It names the extension, so remove it before the extension.
 - (void)remove;
 
 @end

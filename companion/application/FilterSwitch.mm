@@ -4,7 +4,7 @@
 
 namespace {
 
-NSString* words_for(NSError* error) {
+NSString* advice_for(NSError* error) {
   if (![error.domain isEqualToString:NEFilterErrorDomain] ||
       error.code != NEFilterManagerErrorConfigurationPermissionDenied)
     return nil;
@@ -48,17 +48,17 @@ NSString* words_for(NSError* error) {
   [self loadThen:@selector(removeConfiguration)];
 }
 
-// Each change starts from what is stored: the system refuses to store what was not loaded before. Answers come on a
-// thread of the system's choosing.
+// Loads the stored configuration before each step, as the system refuses to save one that was not loaded. Completion
+// handlers run on any thread.
 - (void)loadThen:(SEL)step {
   [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError* error) {
     [self performSelectorOnMainThread:error != nil ? @selector(showFailure:) : step withObject:error waitUntilDone:NO];
   }];
 }
 
-- (void)stored:(NSError*)error {
+- (void)didSave:(NSError*)error {
   if (error == nil) return [self performSelectorOnMainThread:@selector(refresh) withObject:nil waitUntilDone:NO];
-  // What was refused must not stay in memory as if it were stored.
+  // Load again: the shared object still has the change that the system refused.
   [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError*) {
     [self performSelectorOnMainThread:@selector(showFailure:) withObject:error waitUntilDone:NO];
   }];
@@ -74,7 +74,7 @@ NSString* words_for(NSError* error) {
   filter.localizedDescription = @"OrvaneSE";
   filter.enabled = YES;
   [filter saveToPreferencesWithCompletionHandler:^(NSError* error) {
-    [self stored:error];
+    [self didSave:error];
   }];
 }
 
@@ -83,7 +83,7 @@ NSString* words_for(NSError* error) {
   if (filter.providerConfiguration == nil) return [self showConfiguration];
   filter.enabled = NO;
   [filter saveToPreferencesWithCompletionHandler:^(NSError* error) {
-    [self stored:error];
+    [self didSave:error];
   }];
 }
 
@@ -91,7 +91,7 @@ NSString* words_for(NSError* error) {
   NEFilterManager* filter = [NEFilterManager sharedManager];
   if (filter.providerConfiguration == nil) return [self showConfiguration];
   [filter removeFromPreferencesWithCompletionHandler:^(NSError* error) {
-    [self stored:error];
+    [self didSave:error];
   }];
 }
 
@@ -106,7 +106,7 @@ NSString* words_for(NSError* error) {
 }
 
 - (void)showFailure:(NSError*)error {
-  [self show:failure_text(error, words_for(error))];
+  [self show:failure_text(error, advice_for(error))];
 }
 
 @end

@@ -2,13 +2,12 @@
 
 #import <Foundation/Foundation.h>
 
-// Whoever shows the two switches. Called on the main thread after a text or state of a switch has changed.
+// Shows the states of the switches. Called on the main thread after a state has changed.
 @protocol SwitchObserver
 - (void)switchChanged;
 @end
 
-// What the two have in common: the extension that they are about, and a text on how things stand. All on the main
-// thread.
+// The base of the two switches: the extension's identifier, and the state as a text. Use it on the main thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // its identifier
@@ -18,16 +17,16 @@
   id<SwitchObserver> _observer;
 }
 
-// The observer is not kept.
+// Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier state:(NSString*)state observer:(id<SwitchObserver>)observer;
 
-// A text for the user: how things stand, or what was asked last and what came of it.
+// For the user: the current state, or the outcome of the last request.
 @property(readonly, copy) NSString* state;
 
-// Replaces the text and tells the observer.
+// Sets the state and notifies the observer.
 - (void)show:(NSString*)state;
 
 @end
 
-// The text of a failure, in the given words; without any, in the system's.
-NSString* failure_text(NSError* error, NSString* words);
+// A text about a failure for the user: the advice, or the system's message if that is nil; then domain and code.
+NSString* failure_text(NSError* error, NSString* advice);

@@ -30,7 +30,7 @@
 
 @end
 
-NSString* failure_text(NSError* error, NSString* words) {
-  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", words != nil ? words : error.localizedDescription,
+NSString* failure_text(NSError* error, NSString* advice) {
+  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", advice != nil ? advice : error.localizedDescription,
                                     error.domain, static_cast<long>(error.code)];
 }

@@ -3,7 +3,7 @@
 int main() {
   @autoreleasepool {
     NSApplication* application = [NSApplication sharedApplication];
-    // The application does not keep its delegate.
+    // The application does not retain its delegate.
     ApplicationDelegate* delegate = [[[ApplicationDelegate alloc] init] autorelease];
     application.delegate = delegate;
     [application setActivationPolicy:NSApplicationActivationPolicyRegular];

@@ -16,13 +16,13 @@ namespace {
 
 using Remote = id<OrvaneSECommunication>;
 
-// Messages that are under way at a time when many are sent.
+// Host names of a long list that are sent before waiting for an answer.
 constexpr size_t kWindow = 256;
 
-const char* const kEnded = "it ended meanwhile: its log may say why; run the command again";
+const char* const kEnded = "it ended during the call: its log may say why; run the command again";
 
-// What went wrong with a connection first; it stays so. Shared with what the framework calls on threads of its own.
-class Fault {
+// The first error of a connection; later ones are ignored. Handlers set it on the framework's threads.
+class FirstError {
  public:
   void set(const std::string& text) {
     std::lock_guard guard(mutex_);
@@ -48,29 +48,29 @@ std::string describe(::NSError* error) {
   return text_of([error localizedDescription]) + ": its log may say more";
 }
 
-// Whether the system's protocol carries an element without having been told of its class. The other end would pass over
-// a message that holds another one, and say nothing.
-bool is_carried(const Value& element) {
+// Whether an element has a property list's class. Only these cross in containers: the extension's end drops a message
+// with any other element, without an error.
+bool is_property_list(const Value& element) {
   if (element.isNil() || element.isSet()) return false;
   const Value::Array& array = element.asArray();
   const Value::Dictionary& entries = element.asDictionary();
-  return std::all_of(array.begin(), array.end(), is_carried) &&
+  return std::all_of(array.begin(), array.end(), is_property_list) &&
          std::all_of(entries.begin(), entries.end(),
-                     [](const auto& entry) { return is_carried(entry.first) && is_carried(entry.second); });
+                     [](const auto& entry) { return is_property_list(entry.first) && is_property_list(entry.second); });
 }
 
-// An argument is of the class that the protocol gives it, or nil.
-void check(const Value& argument, Value::Kind kind, const char* name) {
+// Throws unless the argument can be sent: it is nil, or has the class that the protocol declares for it.
+void check_argument(const Value& argument, Value::Kind kind, const char* name) {
   if (argument.isNil()) return;
   if (argument.kind() != kind) throw ClientError(std::string("an argument cannot be sent: give ") + name);
   const Value::Set& members = argument.asSet();
-  if (argument.isSet() ? !std::all_of(members.begin(), members.end(), is_carried) : !is_carried(argument)) {
-    throw ClientError("an argument cannot be sent: an element of it is nil or a set: leave that out");
+  if (argument.isSet() ? !std::all_of(members.begin(), members.end(), is_property_list) : !is_property_list(argument)) {
+    throw ClientError("an argument cannot be sent: it contains nil or a set: leave that out");
   }
 }
 
-// Everything goes through proxies that wait, in its order. A message without a reply has been carried out once one that
-// was sent after it is answered.
+// Uses synchronous proxies, so messages arrive in order. A message without a reply has been carried out when the
+// extension answers a later one.
 class XPCClient final : public Client {
  public:
   explicit XPCClient(std::string service) : service_(std::move(service)) {}
@@ -82,18 +82,18 @@ class XPCClient final : public Client {
     }
   }
 
-  // Throws when nobody answers.
+  // Throws when no extension answers.
   void open() {
     attempt("reach", [this] {
-      // Looked up among the system's services, whose names no user's program can take.
+      // Privileged: finds only the system's services, whose names no user's program can take.
       connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
                                                                options:NSXPCConnectionPrivileged];
       [connection_ setRemoteObjectInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
-      // A connection that broke would find the extension's successor with its next message; what was under way is lost
-      // all the same.
-      const std::shared_ptr<Fault> fault = fault_;
+      // After an interruption, the next message would reach a restarted extension, but the messages before it are lost.
+      // So an interruption ends the client.
+      const std::shared_ptr<FirstError> firstError = error_;
       [connection_ setInterruptionHandler:^{
-        fault->set(kEnded);
+        firstError->set(kEnded);
       }];
       [connection_ resume];
       awaitAnswer(remote());
@@ -101,7 +101,7 @@ class XPCClient final : public Client {
     });
   }
 
-  bool ping() override { return reply<bool>("ping", &XPCClient::askForLife); }
+  bool ping() override { return reply<bool>("ping", &XPCClient::sendPing); }
   bool appFilterState() override {
     return reply<bool>("ask for the state of", [](Remote remote, std::optional<bool>* answer) {
       [remote getAppFilterStateWithReply:^(BOOL active) {
@@ -125,35 +125,35 @@ class XPCClient final : public Client {
   }
 
   void addApplicationIdentifier(const Value& identifier) override {
-    check(identifier, Value::Kind::String, "a string");
+    check_argument(identifier, Value::Kind::String, "a string");
     run("add an application identifier to",
         [&](Remote remote) { [remote addApplicationIdentifier:foundation_object(identifier)]; });
   }
   void removeApplicationIdentifier(const Value& identifier) override {
-    check(identifier, Value::Kind::String, "a string");
+    check_argument(identifier, Value::Kind::String, "a string");
     run("remove an application identifier from",
         [&](Remote remote) { [remote removeApplicationIdentifier:foundation_object(identifier)]; });
   }
   void setApplicationIdentifiers(const Value& identifiers) override {
-    check(identifiers, Value::Kind::Array, "an array");
+    check_argument(identifiers, Value::Kind::Array, "an array");
     run("set the application identifiers of",
         [&](Remote remote) { [remote setApplicationIdentifiers:foundation_object(identifiers)]; });
   }
   void addHostname(const Value& hostname) override {
-    check(hostname, Value::Kind::String, "a string");
+    check_argument(hostname, Value::Kind::String, "a string");
     run("add a host name to", [&](Remote remote) { [remote addHostname:foundation_object(hostname)]; });
   }
   void removeHostname(const Value& hostname) override {
-    check(hostname, Value::Kind::String, "a string");
+    check_argument(hostname, Value::Kind::String, "a string");
     run("remove a host name from", [&](Remote remote) { [remote removeHostname:foundation_object(hostname)]; });
   }
   void setHostnames(const Value& hostnames) override {
-    check(hostnames, Value::Kind::Set, "a set");
+    check_argument(hostnames, Value::Kind::Set, "a set");
     run("set the host names of", [&](Remote remote) { [remote setHostnames:foundation_object(hostnames)]; });
   }
   void setProperties(const Value& properties, const Value& forHostname) override {
-    check(properties, Value::Kind::Dictionary, "a dictionary");
-    check(forHostname, Value::Kind::String, "a string");
+    check_argument(properties, Value::Kind::Dictionary, "a dictionary");
+    check_argument(forHostname, Value::Kind::String, "a string");
     run("set properties in", [&](Remote remote) {
       [remote setProperties:foundation_object(properties) forHostname:foundation_object(forHostname)];
     });
@@ -167,7 +167,7 @@ class XPCClient final : public Client {
     sendEach("remove host names from", hostnames,
              [](Remote remote, ::NSString* hostname) { [remote removeHostname:hostname]; });
   }
-  // The framework takes the message as a whole and tells nothing of its way.
+  // The framework reports no progress of a message, so only its start and its end are reported.
   void setHostnames(std::span<const std::string> hostnames, const Progress& progress) override {
     uint64_t total = 0;
     for (const std::string& hostname : hostnames) total += hostname.size();
@@ -182,13 +182,13 @@ class XPCClient final : public Client {
 
  private:
   Remote remote() const {
-    const std::shared_ptr<Fault> fault = fault_;
+    const std::shared_ptr<FirstError> firstError = error_;
     return [connection_ synchronousRemoteObjectProxyWithErrorHandler:^(::NSError* error) {
-      fault->set(describe(error));
+      firstError->set(describe(error));
     }];
   }
 
-  static void askForLife(Remote remote, std::optional<bool>* answer) {
+  static void sendPing(Remote remote, std::optional<bool>* answer) {
     [remote pingWithReply:^(BOOL alive) {
       *answer = alive != NO;
     }];
@@ -196,29 +196,29 @@ class XPCClient final : public Client {
 
   void awaitAnswer(Remote remote) {
     std::optional<bool> answer;
-    askForLife(remote, &answer);
+    sendPing(remote, &answer);
     checkAnswer(answer.has_value());
   }
 
-  // An answer of another process says nothing of what was sent before.
-  void checkAnswer(bool given) {
-    if (!given || (process_ != 0 && [connection_ processIdentifier] != process_)) fault_->set(kEnded);
+  // The answer of a restarted extension confirms no message sent before it.
+  void checkAnswer(bool hasAnswer) {
+    if (!hasAnswer || (process_ != 0 && [connection_ processIdentifier] != process_)) error_->set(kEnded);
   }
 
-  // Runs what waits for the extension, and turns what goes wrong into words. `work` throws nothing of C++'s, as its
-  // pool would not be drained.
+  // Runs `work` and throws its failure as a ClientError. `work` must not throw C++ exceptions, which would skip
+  // draining the autorelease pool.
   template <class Work>
   void attempt(const char* what, Work work) {
     @autoreleasepool {
       @try {
         work();
       } @catch (::NSException* exception) {
-        fault_->set(text_of([exception reason]) + ": give another argument");
+        error_->set(text_of([exception reason]) + ": give another argument");
       }
     }
-    const std::string fault = fault_->get();
-    if (!fault.empty())
-      throw ClientError(std::string("cannot ") + what + " the extension at " + service_ + ": " + fault);
+    const std::string error = error_->get();
+    if (!error.empty())
+      throw ClientError(std::string("cannot ") + what + " the extension at " + service_ + ": " + error);
   }
 
   template <class Send>
@@ -252,9 +252,9 @@ class XPCClient final : public Client {
   }
 
   const std::string service_;
-  const std::shared_ptr<Fault> fault_ = std::make_shared<Fault>();
+  const std::shared_ptr<FirstError> error_ = std::make_shared<FirstError>();
   ::NSXPCConnection* connection_ = nil;
-  pid_t process_ = 0;  // that answered first
+  pid_t process_ = 0;  // of the extension that answered first
 };
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string_view>
 
-// The ICU that is part of macOS, by ICU's documentation of uidna.h and ustring.h. The SDK has the library
-// (libicucore) and no header of these functions, which ICU has kept unchanged since version 4.6.
+// Functions of ICU, which is part of macOS as libicucore. The SDK has no header for them, so they are declared here
+// after ICU's documentation of uidna.h and ustring.h. They have been the same since ICU 4.6.
 extern "C" {
 struct UIDNA;
 struct UIDNAInfo {
@@ -32,36 +32,33 @@ constexpr int kMemoryAllocationError = 7;
 constexpr int kInvalidCharacterFound = 10;
 constexpr int kBufferOverflow = 15;
 
-// What browsers ask of UTS #46 (WHATWG URL Standard, "domain to ASCII"): the rules on the direction of letters and on
-// joiners, and non-transitional processing both ways.
+// The options of UTS #46 that browsers use (WHATWG URL Standard, "domain to ASCII"): the rules for text direction and
+// for joiners, and non-transitional processing.
 constexpr uint32_t kCheckBidi = 0x4;
 constexpr uint32_t kCheckJoiners = 0x8;
 constexpr uint32_t kNonTransitionalToASCII = 0x10;
 constexpr uint32_t kNonTransitionalToUnicode = 0x20;
 
-// Faults of a label, as bits.
+// Errors of a label, as bits of UIDNAInfo.errors.
 constexpr uint32_t kEmptyLabel = 0x1;
 constexpr uint32_t kLabelTooLong = 0x2;
-constexpr uint32_t kHyphens = 0x8 | 0x10 | 0x20;  // first, last, third and fourth: browsers do not mind
-struct Fault {
+constexpr uint32_t kHyphens = 0x8 | 0x10 | 0x20;  // first, last, third and fourth character: browsers accept them
+struct LabelError {
   uint32_t bit;
   const char* text;
 };
-constexpr Fault kFaults[] = {
-    {0x40, "a label starts with a combining mark"},
-    {0x80, "a character is not allowed"},
-    {0x100, "an A-label cannot be decoded"},
-    {0x200, "a label holds a dot"},
-    {0x400, "an A-label is not the one that its letters have"},
-    {0x800, "letters of both directions are mixed"},
-    {0x1000, "a joiner stands where none may"},
+constexpr LabelError kLabelErrors[] = {
+    {0x40, "a label starts with a combining mark"}, {0x80, "a character is not allowed"},
+    {0x100, "an A-label cannot be decoded"},        {0x200, "a label holds a dot"},
+    {0x400, "its letters have another A-label"},    {0x800, "letters of both writing directions are mixed"},
+    {0x1000, "a joiner is in the wrong place"},
 };
 
 struct CloseIdna {
   void operator()(UIDNA* idna) const { uidna_close(idna); }
 };
 
-// Null when memory is used up. It is never changed, so every thread may use it.
+// Null when out of memory. Never changed, so every thread may use it.
 const UIDNA* uts46() {
   static const std::unique_ptr<UIDNA, CloseIdna> kIdna = [] {
     int error = 0;
@@ -71,8 +68,8 @@ const UIDNA* uts46() {
   return kIdna.get();
 }
 
-// The look-up itself takes what is no UTF-8 for a character that is not allowed. Nothing is written: a text that is
-// good "overflows".
+// uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not allowed, so check for it first. There is no
+// output buffer, so for valid text u_strFromUTF8 reports an overflow.
 bool is_utf8(const std::string& text) {
   int error = 0;
   int32_t length = 0;
@@ -80,8 +77,8 @@ bool is_utf8(const std::string& text) {
   return error != kInvalidCharacterFound;
 }
 
-// An A-label that ends in the delimiter, or has nothing but its prefix, spells plain letters. Some versions of ICU give
-// it back unchanged.
+// An A-label that is only the prefix, or ends in the delimiter, encodes ASCII letters alone, so it is invalid. Some
+// versions of ICU accept it.
 bool has_no_international_letter(std::string_view label) {
   constexpr std::string_view kPrefix = "xn--";
   return label.substr(0, kPrefix.size()) == kPrefix && label.back() == '-';
@@ -92,7 +89,7 @@ ALabel failure(ALabel::Status status, const char* reason = "") { return {status,
 }  // namespace
 
 ALabel look_up_label(const std::string& label) {
-  // Bytes. What is longer than that cannot come down to 63 characters, unless by letters that are mapped to nothing.
+  // In bytes. A longer label cannot map to 63 characters, unless most of its characters map to nothing.
   constexpr size_t kLongest = 4096;
   if (label.size() > kLongest) return failure(ALabel::Status::TooLong);
   if (!is_utf8(label)) return failure(ALabel::Status::NotUTF8);
@@ -107,14 +104,13 @@ ALabel look_up_label(const std::string& label) {
   if (error == kMemoryAllocationError) return failure(ALabel::Status::OutOfMemory);
   if (error == kBufferOverflow) return failure(ALabel::Status::TooLong);
   if (error > 0) return failure(ALabel::Status::Invalid, "it cannot be looked up");
-  for (const Fault& fault : kFaults) {
-    if ((info.errors & fault.bit) != 0) return failure(ALabel::Status::Invalid, fault.text);
+  for (const LabelError& labelError : kLabelErrors) {
+    if ((info.errors & labelError.bit) != 0) return failure(ALabel::Status::Invalid, labelError.text);
   }
   if ((info.errors & kLabelTooLong) != 0) return failure(ALabel::Status::TooLong);
   if ((info.errors & ~(kHyphens | kEmptyLabel)) != 0) return failure(ALabel::Status::Invalid, "it breaks a rule");
   std::string text(output.data(), static_cast<size_t>(length));
-  if (has_no_international_letter(text))
-    return failure(ALabel::Status::Invalid, "an A-label is not the one that its letters have");
+  if (has_no_international_letter(text)) return failure(ALabel::Status::Invalid, "its letters have another A-label");
   return {ALabel::Status::Found, std::move(text), ""};
 }
 
