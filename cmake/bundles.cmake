@@ -1,28 +1,27 @@
-# What the bundles for macOS have in common: their language, and the names by which the system ties the extension to its
-# application.
+# Settings of both macOS bundles: their language, and the names that connect the extension with its application.
 enable_language(OBJCXX)
 set(CMAKE_OBJCXX_STANDARD ${CMAKE_CXX_STANDARD})
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
 
-set(ORVANE_TEAM "" CACHE STRING "The identifier of the team that signs; empty for none")
+set(ORVANE_TEAM "" CACHE STRING "The identifier of the signing team, or empty")
 if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
-  message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters and digits")
+  message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters or digits")
 endif()
-# Development profiles grant the same under the name content-filter-provider.
-set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "What the profiles grant")
+# Development profiles use the name content-filter-provider instead.
+set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "The filter entitlement of the profiles")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
-# The group that the extension shares with its application. The name of the extension's Mach service begins with it, or
-# the system refuses to register the service.
+# The application group of the extension and its application. The system registers the extension's Mach service only if
+# its name begins with the group's.
 set(ORVANE_APPLICATION_GROUP org.orvane)
 if(NOT ORVANE_TEAM STREQUAL "")
   string(PREPEND ORVANE_APPLICATION_GROUP ${ORVANE_TEAM}.)
 endif()
-# Two keys of Info.plist bear this name: the system registers the one, the program reads the other.
+# The value of two keys of Info.plist: one for the system, one for the program.
 set(ORVANE_MACH_SERVICE ${ORVANE_APPLICATION_GROUP}.OrvaneSE)
 
-# orvane_entitlements(FILE IDENTIFIER): what codesign(1) is to grant the bundle of that identifier, from FILE.in in the
-# folder. A team's provisioning profile is held against two more entries.
+# orvane_entitlements(FILE IDENTIFIER): writes the entitlements for codesign(1) of the bundle with that identifier, from
+# FILE.in. With a team, adds the two entries that the system compares with the provisioning profile.
 function(orvane_entitlements file identifier)
   set(ORVANE_TEAM_ENTITLEMENTS "")
   if(NOT ORVANE_TEAM STREQUAL "")

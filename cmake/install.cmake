@@ -1,28 +1,26 @@
-# What is installed where: the layout of the Debian package, which the units, and links between the files, name.
+# The layout of the installed files. The systemd units and the Debian package rely on these paths.
 if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
   set(CMAKE_INSTALL_PREFIX /usr CACHE PATH "Where to install" FORCE)
 endif()
 include(GNUInstallDirs)
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
-set(library lib/orvane-se) # of every architecture: it holds programs
+set(library lib/orvane-se) # not lib/<architecture>: these are programs
 set(bundle ${library}/OrvaneSE.systemextension/Contents)
 
-# An installed extension filters, or fails to start: it never falls back to the proxy.
+# The installed extension must filter with netfilter or fail to start, never fall back to the proxy.
 set(ORVANE_FLOW_SOURCE "\n\t\t<key>OrvaneFlowSource</key>\n\t\t<string>netfilter</string>")
 configure_file(${PROJECT_SOURCE_DIR}/resources/linux/Info.plist.in ${PROJECT_BINARY_DIR}/install/Info.plist @ONLY)
 unset(ORVANE_FLOW_SOURCE)
-file(CREATE_LINK /etc/orvane-se/Browsers.plist
-     ${PROJECT_BINARY_DIR}/install/Browsers.plist SYMBOLIC)
+file(CREATE_LINK /etc/orvane-se/Browsers.plist ${PROJECT_BINARY_DIR}/install/Browsers.plist SYMBOLIC)
 
 install(TARGETS OrvaneSE DESTINATION ${bundle}/Linux)
 install(FILES ${PROJECT_BINARY_DIR}/install/Info.plist DESTINATION ${bundle})
 install(FILES ${PROJECT_BINARY_DIR}/install/Browsers.plist DESTINATION ${bundle}/Resources)
-install(FILES ${PROJECT_SOURCE_DIR}/resources/linux/Browsers.plist
-        DESTINATION /etc/orvane-se)
+install(FILES ${PROJECT_SOURCE_DIR}/resources/linux/Browsers.plist DESTINATION /etc/orvane-se)
 install(PROGRAMS ${packaging}/remove-rules DESTINATION ${library})
 install(TARGETS orvanectl)
 
-# Debian 12 looks for units of packages in /lib, not in /usr/lib.
+# In Debian 12, systemd units of packages are in /lib, not in /usr/lib.
 install(FILES ${packaging}/systemd/orvane-se.service ${packaging}/systemd/orvane-keeper.service
         DESTINATION /lib/systemd/system)
 install(FILES ${packaging}/systemd/orvane-se.sysusers DESTINATION lib/sysusers.d RENAME orvane-se.conf)

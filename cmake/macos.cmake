@@ -1,22 +1,22 @@
-# What a build for macOS needs on another system: clang and lld, and the SDK that CMAKE_OSX_SYSROOT names. A Mac has it
-# all by itself.
+# The toolchain for building for macOS on another system: clang and lld, and the SDK in CMAKE_OSX_SYSROOT. A Mac needs
+# none of this.
 if(CMAKE_HOST_APPLE)
   return()
 endif()
 if(NOT CMAKE_OSX_SYSROOT)
   message(FATAL_ERROR "Building for macOS on another system needs an SDK:\n"
-                      "  cmake --preset macos -DCMAKE_OSX_SYSROOT=/path/to/MacOSX.sdk\nWhat else is said follows from this.")
+                      "  cmake --preset macos -DCMAKE_OSX_SYSROOT=/path/to/MacOSX.sdk\nIgnore the errors after this one.")
 endif()
 get_filename_component(CMAKE_OSX_SYSROOT "${CMAKE_OSX_SYSROOT}" ABSOLUTE)
 if(NOT EXISTS ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1)
-  message(FATAL_ERROR "${CMAKE_OSX_SYSROOT} is no macOS SDK: it has no usr/include/c++/v1")
+  message(FATAL_ERROR "${CMAKE_OSX_SYSROOT} is not a macOS SDK: it has no usr/include/c++/v1")
 endif()
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CMAKE_OSX_SYSROOT)
 
 set(CMAKE_SYSTEM_NAME Darwin)
-set(CMAKE_SYSTEM_VERSION 20) # that of macOS 11
+set(CMAKE_SYSTEM_VERSION 20) # Darwin 20 is macOS 11
 
-# Where distributions install what has no name of its own among the programs.
+# Distributions install some of these tools only here.
 file(GLOB llvm /usr/lib/llvm-*/bin)
 macro(orvane_find_tool variable name)
   find_program(${variable} ${name} PATHS ${llvm} REQUIRED)
@@ -28,15 +28,15 @@ orvane_find_tool(ORVANE_LLD ld64.lld)
 orvane_find_tool(ORVANE_LIPO llvm-lipo)
 orvane_find_tool(ORVANE_LIBTOOL llvm-libtool-darwin)
 
-# The compiler joins what it made for the two processors with a program of this name.
+# The compiler runs a program of this name to join the objects for both processors.
 set(tools ${CMAKE_BINARY_DIR}/tools)
 file(MAKE_DIRECTORY ${tools})
 file(CREATE_LINK ${ORVANE_LIPO} ${tools}/lipo SYMBOLIC)
 
 foreach(language CXX OBJCXX)
-  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-darwin) # each processor in turn takes the place of this one
+  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-darwin) # CMAKE_OSX_ARCHITECTURES overrides the processor
   set(CMAKE_${language}_FLAGS_INIT "-B${tools} -stdlib=libc++ -stdlib++-isystem ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1")
-  # The usual archiver cannot hold objects for two processors.
+  # The usual archiver does not support objects for two processors.
   set(CMAKE_${language}_CREATE_STATIC_LIBRARY "${ORVANE_LIBTOOL} --static -o <TARGET> <OBJECTS>")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld")
