@@ -80,7 +80,7 @@ class Extension:
         # The filter reports its start, but the control channel may still be starting.
         self.wait_for(r"OrvaneSE started\.\.\.", start)
         if self._fixed_source is None:
-            found = self.wait_for(r"flow source: (\w+)(?:, as netfilter cannot be had: (.*))?", start)
+            found = self.wait_for(r"flow source: (\w+)(?:, because netfilter is unavailable: (.*))?", start)
             self.flow_source, self.netfilter_error = found[1], found[2]
 
     def _wait_until_ready(self, notifications: socket.socket) -> None:

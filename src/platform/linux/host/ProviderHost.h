@@ -1,13 +1,61 @@
 #pragma once
 
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/NetworkExtension.h"
+#include "platform/linux/flow/FlowSource.h"
+
 namespace orvane {
 
-// Blocks the signals that are for the parked main thread in the calling thread and in those that it makes from now on:
-// SIGTERM and SIGINT, which end the process, and SIGUSR1, which writes the counters of flows to the log.
-void block_main_signals();
+// Runs the filter provider that the bundle names and the flow source that asks it. Thread-safe.
+//
+//   main thread           provider's thread
+//   start() ------------> the provider is made and started
+//                         applySettings(): the flow source starts
+//                         the service manager learns the outcome
+//   stop(): the flow source stops, then the provider
+class ProviderHost {
+ public:
+  using CreateProvider = Ref<NEFilterDataProvider> (*)();
 
-// Ends what startSystemExtensionMode and applySettings began: the flow source first, so that a provider that has been
-// told to stop is not asked again, then the provider.
-void stop_provider_host();
+  // The host of this process. Never destroyed, because threads of connections may outlive main().
+  static ProviderHost& shared();
+
+  void registerClass(std::string_view name, CreateProvider create);
+
+  // Makes the provider and starts it on another thread. On failure reports the reason and returns false. Later failures
+  // are only reported.
+  bool start();
+
+  // Starts a flow source for the provider in place of the previous one. Returns the reason on failure.
+  std::optional<std::string> applySettings(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings);
+
+  // Stops the flow source first, so that the provider is not asked any more when it stops. Waits 5 seconds at most for
+  // the provider. Nothing starts afterwards.
+  void stop();
+
+ private:
+  CreateProvider findClass(const std::string& name);
+  void run(CreateProvider create, const std::string& className);
+  bool isStopped();
+
+  std::optional<std::string> startFlowSource(const Ref<NEFilterDataProvider>& provider,
+                                             const NEFilterSettings& settings);
+  std::optional<std::string> startProxy(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings);
+
+  void reportFailure(const std::string& reason);
+
+  std::mutex mutex_;  // guards the members below
+  std::map<std::string, CreateProvider, std::less<>> classes_;
+  Ref<NEFilterDataProvider> provider_;
+  std::unique_ptr<FlowSource> source_;
+  bool stopped_ = false;
+};
 
 }  // namespace orvane

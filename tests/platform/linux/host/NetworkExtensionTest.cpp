@@ -15,7 +15,7 @@
 
 namespace orvane {
 
-Value networkExtension;  // of the bundle's information dictionary
+Value networkExtension;  // of the bundle's Info.plist
 
 Bundle* bundle_get_main() { return nullptr; }
 Value bundle_get_information(const Bundle*, std::string_view key) {
@@ -38,15 +38,16 @@ class Provider final : public ScriptedProvider {
   }
 };
 
-// Runs an extension's process until it is ready, and ends it. What a service manager sees of that.
-std::string life_of_extension(const Value& source, const Value& port) {
+// Runs an extension in a process until it is ready, then sends it SIGTERM. Returns the messages that a service manager
+// and the provider's methods received, and the exit code.
+std::string run_extension(const Value& source, const Value& port) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
   networkExtension = Value::dictionary({{Value::string("NEProviderClasses"), classes},
                                         {Value::string("OrvaneFlowSource"), source},
                                         {Value::string("OrvaneProxyPort"), port}});
   Peer manager(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
-  // A file: an abstract name is of one network.
+  // Not an abstract address, which other network namespaces cannot reach.
   TemporaryFolder folder;
   std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
   sockaddr_un address{AF_UNIX, {}};
@@ -57,7 +58,7 @@ std::string life_of_extension(const Value& source, const Value& port) {
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   pid_t extension = fork();
   if (extension == 0) {
-    // The rules of the machine's own network are not ours to change, privileged or not.
+    // A test must not change the machine's own kernel rules.
     if (source != Value::string("proxy") && unshare(CLONE_NEWNET) == 0 && source == Value::string("netfilter")) {
       if (setuid(65534) != 0) _exit(2);
     }
@@ -79,31 +80,33 @@ std::string life_of_extension(const Value& source, const Value& port) {
   return messages + (WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status)) : "killed");
 }
 
-TEST(ProviderHost, TellsTheServiceManagerHowTheStartWentAndLivesOn) {
+TEST(ProviderHost, ReportsItsStartToTheServiceManager) {
   const Descriptor occupied = listen_on_loopback();
   const struct {
+    const char* what;
     Value source, port;
     std::string status;
   } kCases[] = {
-      {nullptr, Value::number(0), "Filtering"},
-      {Value::string("proxy"), Value::number(0), "Filtering"},
-      {Value::string("proxy"), Value::number(65536), "65536"},
-      {Value::string("proxy"), Value::number(port_of(occupied)), "Address already in use"},
+      {"no source named", nullptr, Value::number(0), "Filtering"},
+      {"proxy", Value::string("proxy"), Value::number(0), "Filtering"},
+      {"port out of range", Value::string("proxy"), Value::number(65536), "65536"},
+      {"port in use", Value::string("proxy"), Value::number(port_of(occupied)), "Address already in use"},
   };
-  for (const auto& c : kCases) {
-    std::string life = life_of_extension(c.source, c.port);
-    EXPECT_TRUE(life.starts_with("start; READY=1\nSTATUS=")) << life;
-    EXPECT_NE(life.find(c.status), std::string::npos) << life;
-    EXPECT_TRUE(life.ends_with("; STOPPING=1; stop; exit 0")) << life;
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.what);
+    std::string messages = run_extension(row.source, row.port);
+    EXPECT_TRUE(messages.starts_with("start; READY=1\nSTATUS=")) << messages;
+    EXPECT_NE(messages.find(row.status), std::string::npos) << messages;
+    EXPECT_TRUE(messages.ends_with("; STOPPING=1; stop; exit 0")) << messages;
   }
 }
 
-TEST(ProviderHost, EndsAServiceThatWouldFilterNothing) {
+TEST(ProviderHost, FailsWithoutTheFlowSourceThatTheBundleNames) {
   for (const char* source : {"netfilter", "netfliter"}) {
-    std::string life = life_of_extension(Value::string(source), nullptr);
-    EXPECT_TRUE(life.starts_with("start; STATUS=Filter not started: ")) << life;
-    EXPECT_NE(life.find(source), std::string::npos) << life;
-    EXPECT_TRUE(life.ends_with("; stop; exit 1")) << life;
+    std::string messages = run_extension(Value::string(source), nullptr);
+    EXPECT_TRUE(messages.starts_with("start; STATUS=Filter not started: ")) << messages;
+    EXPECT_NE(messages.find(source), std::string::npos) << messages;
+    EXPECT_TRUE(messages.ends_with("; stop; exit 1")) << messages;
   }
 }
 

@@ -1,0 +1,173 @@
+#include "platform/linux/host/ProviderHost.h"
+
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <future>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/Bundle.h"
+#include "platform/Log.h"
+#include "platform/Value.h"
+#include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/netfilter/Netfilter.h"
+#include "platform/linux/proxy/Proxy.h"
+
+namespace orvane {
+namespace {
+
+constexpr auto kStopTimeout = std::chrono::seconds(5);
+constexpr std::string_view kProviderKind = "com.apple.networkextension.filter-data";
+
+// A value of the NetworkExtension dictionary in the bundle's Info.plist. Nil if it is missing.
+Value extension_setting(std::string_view key) {
+  const Value description = bundle_get_information(bundle_get_main(), "NetworkExtension");
+  const Value* value = description.find(key);
+  return value == nullptr ? Value() : *value;
+}
+
+// Tells the service manager that the start is complete. This is also true of an extension without a filter: it serves
+// its companion, which can ask what is wrong.
+void report_ready(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
+
+}  // namespace
+
+ProviderHost& ProviderHost::shared() {
+  static auto* host = new ProviderHost;
+  return *host;
+}
+
+void ProviderHost::registerClass(std::string_view name, CreateProvider create) {
+  std::lock_guard lock(mutex_);
+  classes_.insert_or_assign(std::string(name), create);
+}
+
+bool ProviderHost::start() {
+  const Value classes = extension_setting("NEProviderClasses");
+  const Value* name = classes.find(kProviderKind);
+  if (name == nullptr || !name->isString()) {
+    reportFailure("the bundle names no class for " + std::string(kProviderKind));
+    return false;
+  }
+  std::string className(name->asString());
+  CreateProvider create = findClass(className);
+  if (create == nullptr) {
+    reportFailure("the extension has no provider class " + className);
+    return false;
+  }
+  try {
+    std::thread([this, create, className] { run(create, className); }).detach();
+  } catch (const std::system_error& error) {
+    reportFailure(std::string("cannot start a thread: ") + error.what());
+    return false;
+  }
+  return true;
+}
+
+ProviderHost::CreateProvider ProviderHost::findClass(const std::string& name) {
+  std::lock_guard lock(mutex_);
+  auto found = classes_.find(name);
+  return found == classes_.end() ? nullptr : found->second;
+}
+
+void ProviderHost::run(CreateProvider create, const std::string& className) {
+  Ref<NEFilterDataProvider> provider = create();
+  if (provider == nullptr) return reportFailure("cannot make an object of the class " + className);
+  {
+    std::lock_guard lock(mutex_);
+    if (stopped_) return;
+    provider_ = provider;
+  }
+  provider->startFilterWithCompletionHandler([this](const Ref<NSError>& error) {
+    if (isStopped()) return;  // the service manager knows of the stop already
+    if (error != nullptr) {
+      reportFailure(error->localizedDescription());
+    } else {
+      report_ready("Filtering");
+    }
+  });
+}
+
+bool ProviderHost::isStopped() {
+  std::lock_guard lock(mutex_);
+  return stopped_;
+}
+
+std::optional<std::string> ProviderHost::applySettings(const Ref<NEFilterDataProvider>& provider,
+                                                       const NEFilterSettings& settings) {
+  std::lock_guard lock(mutex_);
+  if (stopped_) return "the extension is being stopped";
+  source_.reset();
+  return startFlowSource(provider, settings);
+}
+
+// Starts the flow source that the bundle names. If it names none, tries netfilter first, then the proxy.
+std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataProvider>& provider,
+                                                         const NEFilterSettings& settings) {
+  Value name = extension_setting("OrvaneFlowSource");
+  if (name == Value::borrowed("proxy")) return startProxy(provider, settings);
+  if (!name.isNil() && name != Value::borrowed("netfilter")) {
+    return "OrvaneFlowSource is " + name.description() + ", neither netfilter nor proxy";
+  }
+  auto netfilter = std::make_unique<Netfilter>();
+  auto error = netfilter->start(provider, settings);
+  if (!error) {
+    ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");
+    source_ = std::move(netfilter);
+    return std::nullopt;
+  }
+  // If another extension has the queue, a proxy would be a second filter whose list nobody fills.
+  if (!name.isNil() || netfilter->isTaken()) return "netfilter: " + *error;
+  ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, because netfilter is unavailable: %@", *error);
+  return startProxy(provider, settings);
+}
+
+std::optional<std::string> ProviderHost::startProxy(const Ref<NEFilterDataProvider>& provider,
+                                                    const NEFilterSettings& settings) {
+  Value port = extension_setting("OrvaneProxyPort");
+  bool valid = port.kind() == Value::Kind::Number && port.numberForm() == Value::NumberForm::Signed &&
+               port.asSigned() >= 0 && port.asSigned() <= UINT16_MAX;
+  if (!valid && !port.isNil()) return "OrvaneProxyPort is not a port number: " + port.description();
+  auto proxy = std::make_unique<Proxy>(valid ? static_cast<uint16_t>(port.asSigned()) : kProxyDefaultPort);
+  auto error = proxy->start(provider, settings);
+  if (!error) source_ = std::move(proxy);
+  return error;
+}
+
+// A bundle that fixes a flow source other than the proxy belongs to a system service. Nobody would notice there that
+// nothing is filtered, so the process fails.
+void ProviderHost::reportFailure(const std::string& reason) {
+  ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
+  const std::string status = "Filter not started: " + reason;
+  const Value source = extension_setting("OrvaneFlowSource");
+  if (source.isNil() || source == Value::borrowed("proxy")) return report_ready(status);
+  sd_notify(0, ("STATUS=" + status).c_str());
+  stop();
+  _exit(EXIT_FAILURE);
+}
+
+void ProviderHost::stop() {
+  std::unique_ptr<FlowSource> source;
+  Ref<NEFilterDataProvider> provider;
+  {
+    std::lock_guard lock(mutex_);
+    stopped_ = true;
+    source = std::move(source_);
+    provider = std::move(provider_);
+  }
+  if (source != nullptr) {
+    source->stop();
+    log_flow_counters();
+  }
+  if (provider == nullptr) return;
+  auto stopped = std::make_shared<std::promise<void>>();
+  provider->stopFilterWithReason(NEProviderStopReason::UserInitiated, [stopped] { stopped->set_value(); });
+  stopped->get_future().wait_for(kStopTimeout);
+}
+
+}  // namespace orvane
