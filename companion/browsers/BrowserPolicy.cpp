@@ -13,8 +13,8 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/Files.h"
 #include "platform/linux/process/ProcessInformation.h"
-#include "src/platform/linux/base/WriteAll.h"
 
 namespace orvane {
 namespace {
@@ -53,7 +53,7 @@ enum class Found { Nothing, Ours, Foreign };
 Found find_file(const PolicyPlace& place, const std::string& path, std::string& text) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? Found::Nothing : Found::Foreign;
-  auto content = read_file_start(AT_FDCWD, path.c_str(), kPolicyLimit, Links::Refuse);
+  auto content = read_file_start(path, kPolicyLimit, Links::Refuse);
   if (!content) return Found::Foreign;
   text = std::move(*content);
   bool ours = text == policy_text(place.family, false) || text == policy_text(place.family, true);
@@ -90,7 +90,7 @@ std::string replace_file(const std::string& path, const std::string& text) {
   const std::string temporary = (folder / (".orvane-se.new-" + std::to_string(::getpid()))).string();
   Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
   if (!file) return temporary + ": " + std::strerror(errno);
-  if (write_all(file, text) && ::fchmod(file.get(), 0644) == 0 && ::fsync(file.get()) == 0 &&
+  if (write_all(file.get(), text) && ::fchmod(file.get(), 0644) == 0 && ::fsync(file.get()) == 0 &&
       ::rename(temporary.c_str(), path.c_str()) == 0) {
     return {};
   }
@@ -200,7 +200,7 @@ std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps) {
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root) {
   PolicyInForce result;
   for (const std::string& path : policy_files(place, root)) {
-    auto text = read_file_start(AT_FDCWD, path.c_str(), kPolicyLimit, Links::Follow);
+    auto text = read_file_start(path, kPolicyLimit, Links::Follow);
     if (!text) {
       std::error_code error;
       if (fs::exists(path, error)) result.unreadable.push_back(path);

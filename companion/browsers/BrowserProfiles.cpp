@@ -1,10 +1,9 @@
 #include "companion/browsers/BrowserProfiles.h"
 
-#include <fcntl.h>
-
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "platform/linux/base/Files.h"
 #include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
@@ -82,7 +81,7 @@ BrowserProfile parse_chromium_state(std::string_view text) {
 std::vector<BrowserProfile> browser_profiles(const InstalledBrowser& browser, const std::string& home) {
   std::vector<BrowserProfile> profiles;
   auto read = [&profiles](const std::string& path, BrowserProfile (*parse)(std::string_view)) {
-    auto text = read_file_start(AT_FDCWD, path.c_str(), kSettingsLimit, Links::Refuse);
+    auto text = read_file_start(path, kSettingsLimit, Links::Refuse);
     if (!text) return;
     profiles.push_back(parse(*text));
     profiles.back().path = path;

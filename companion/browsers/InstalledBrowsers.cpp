@@ -1,6 +1,5 @@
 #include "companion/browsers/InstalledBrowsers.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <memory>
 
 #include "platform/PropertyList.h"
+#include "platform/linux/base/Files.h"
 #include "platform/linux/process/DesktopEntry.h"
 #include "platform/linux/process/ProcessIdentity.h"
 #include "platform/linux/process/ProcessInformation.h"
@@ -108,7 +108,7 @@ class Search {
 
  private:
   void read(const std::string& path) {
-    auto text = read_file_start(AT_FDCWD, path.c_str(), kEntryLimit, Links::Follow);
+    auto text = read_file_start(path, kEntryLimit, Links::Follow);
     if (!text) return;
     const std::string categories = ';' + std::string(key_file_value(*text, kGroup, "Categories").value_or("")) + ';';
     if (categories.find(";WebBrowser;") == std::string::npos) return;
@@ -158,7 +158,7 @@ class Search {
   // The interpreter of a script, links resolved, because the extension sees the interpreter's name. Empty for a program
   // that is not a script, and for a shell script, which only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
-    auto start = read_file_start(AT_FDCWD, path.c_str(), 256, Links::Follow);
+    auto start = read_file_start(path, 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};
     std::string line = start->substr(2, start->find('\n') - 2);
     auto word = [&line] {
@@ -193,7 +193,7 @@ BrowserList read_browser_list(const std::string& bundle) {
   list.path = bundle + "/Contents/Resources/Browsers.plist";
   // Messages name the file that a user has to edit, not a link to it.
   if (std::string file = resolve(list.path); !file.empty()) list.path = std::move(file);
-  auto text = read_file_start(AT_FDCWD, list.path.c_str(), kListLimit + 1, Links::Follow);
+  auto text = read_file_start(list.path, kListLimit + 1, Links::Follow);
   if (!text) {
     list.fault = "cannot be read";
     return list;

@@ -1,6 +1,5 @@
 #include "companion/doctor/DoctorFacts.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>
@@ -21,6 +20,7 @@
 #include "companion/text/Input.h"
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/Files.h"
 #include "platform/linux/control/SocketPath.h"
 #include "platform/linux/process/ProcessInformation.h"
 
@@ -35,7 +35,7 @@ constexpr size_t kTextLimit = size_t{8} << 20;
 constexpr auto kAnswerTimeout = std::chrono::seconds(2);
 
 std::optional<std::string> read_text(const std::string& path) {
-  return read_file_start(AT_FDCWD, path.c_str(), kTextLimit, Links::Follow);
+  return read_file_start(path, kTextLimit, Links::Follow);
 }
 
 bool exists(const std::string& path) {

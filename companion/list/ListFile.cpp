@@ -19,7 +19,7 @@
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/linux/base/Descriptor.h"
-#include "src/platform/linux/base/WriteAll.h"
+#include "platform/linux/base/Files.h"
 
 namespace orvane {
 namespace {
@@ -183,7 +183,7 @@ class NewFile {
   void write(std::string_view text, mode_t mode) {
     // A folder that gives what is made in it to its group means the group to have it, whatever a member's umask is.
     if ((status_of(folder_, place_).st_mode & S_ISGID) != 0) mode |= kModeOfNew;
-    if (!write_all(file_, text) || ::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0)
+    if (!write_all(file_.get(), text) || ::fchmod(file_.get(), mode) != 0 || ::fsync(file_.get()) != 0)
       throw file_error("cannot change", place_, errno);
   }
 

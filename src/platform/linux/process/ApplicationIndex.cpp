@@ -1,6 +1,5 @@
 #include "platform/linux/process/ApplicationIndex.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <set>
 #include <unordered_map>
 
+#include "platform/linux/base/Files.h"
 #include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
@@ -149,7 +149,7 @@ class Reader {
   }
 
   void readEntry(const std::string& id, const std::string& path) {
-    auto text = read_file_start(AT_FDCWD, path.c_str(), kEntryLimit, Links::Follow);
+    auto text = read_file_start(path, kEntryLimit, Links::Follow);
     if (!text) return;
     for (const std::string& written : programs_of_desktop_entry(*text)) {
       if (!runs_other_programs(file_name(written))) addProgram(id, written);

@@ -10,6 +10,8 @@
 #include <climits>
 #include <memory>
 
+#include "platform/linux/base/Files.h"
+
 namespace orvane {
 namespace {
 
@@ -72,23 +74,6 @@ bool has_ended(char state) { return state == 'Z' || state == 'X' || state == 'x'
 
 }  // namespace
 
-std::optional<std::string> read_file_start(int directory, const char* path, size_t limit, Links links) {
-  int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (links == Links::Refuse ? O_NOFOLLOW : 0);
-  Descriptor file(::openat(directory, path, flags));
-  struct stat status;
-  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-  std::string bytes;
-  std::array<char, 4096> chunk;
-  while (bytes.size() < limit) {
-    ssize_t count = ::read(file.get(), chunk.data(), std::min(chunk.size(), limit - bytes.size()));
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return std::nullopt;
-    if (count == 0) break;
-    bytes.append(chunk.data(), static_cast<size_t>(count));
-  }
-  return bytes;
-}
-
 std::optional<ProcessStat> parse_process_stat(std::string_view text) {
   size_t bracket = text.rfind(')');
   if (bracket == std::string_view::npos) return std::nullopt;
@@ -106,7 +91,7 @@ std::optional<ProcessInformation> ProcessInformation::open(pid_t pid, const std:
   std::string path = processTable + "/" + std::to_string(pid);
   Descriptor directory(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory) return std::nullopt;
-  auto text = read_file_start(directory.get(), "stat", kFileLimit, Links::Refuse);
+  auto text = read_file_start_at(directory.get(), "stat", kFileLimit, Links::Refuse);
   auto stat = text ? parse_process_stat(*text) : std::nullopt;
   if (!stat || has_ended(stat->state)) return std::nullopt;
   return ProcessInformation(pid, std::move(directory), *stat);
@@ -155,11 +140,11 @@ std::optional<Executable> ProcessInformation::executable() const {
 }
 
 std::string ProcessInformation::controlGroups() const {
-  return read_file_start(directory(), "cgroup", kFileLimit, Links::Refuse).value_or("");
+  return read_file_start_at(directory(), "cgroup", kFileLimit, Links::Refuse).value_or("");
 }
 
 std::string ProcessInformation::flatpakInformation() const {
-  return read_file_start(directory(), "root/.flatpak-info", kFileLimit, Links::Refuse).value_or("");
+  return read_file_start_at(directory(), "root/.flatpak-info", kFileLimit, Links::Refuse).value_or("");
 }
 
 std::optional<audit_token_t> audit_token_of_process(pid_t pid) {

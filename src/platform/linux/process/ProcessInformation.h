@@ -85,10 +85,4 @@ std::optional<audit_token_t> audit_token_of_process(pid_t pid);
 // The identifiers in a process table, in no order.
 std::vector<pid_t> process_identifiers(const std::string& processTable = "/proc");
 
-// The first bytes of a regular file, at most `limit`. Never waits for a writer (a pipe in a file's place) and, unless
-// told, does not follow a link in the file's own place. Nothing when it cannot be read. A `directory` of AT_FDCWD takes
-// `path` as it is.
-enum class Links { Follow, Refuse };
-std::optional<std::string> read_file_start(int directory, const char* path, size_t limit, Links links);
-
 }  // namespace orvane

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "platform/linux/base/Descriptor.h"
+
+namespace orvane {
+
+// Writes the whole text, retrying short and interrupted writes. False, with errno set, when a write fails.
+bool write_all(int file, std::string_view text);
+
+// Reads from the current position to the end of the file, at most `limit` bytes. Nothing, with errno set, when a read
+// fails.
+std::optional<std::string> read_up_to(int file, size_t limit);
+
+// Whether a symbolic link in the last part of a path is followed.
+enum class Links { Follow, Refuse };
+
+// The first bytes of a regular file, at most `limit`. Never waits for the writer of a pipe. Nothing when the file
+// cannot be read or is not a regular file.
+std::optional<std::string> read_file_start(const std::string& path, size_t limit, Links links);
+// `path` is relative to the open folder `folder`.
+std::optional<std::string> read_file_start_at(int folder, const char* path, size_t limit, Links links);
+
+// The next version of a file. It is written under a temporary name and then renamed, so that at every moment, even if
+// the process is killed or the power fails, the file is either the old version or the new one. The destructor removes
+// the temporary file unless it was renamed.
+//
+// Names are relative to `folder`, an open folder that outlives the object. The temporary name must be on the same file
+// system, and no other process may use it at the same time: hold a lock, or put the process identifier in the name.
+class FileReplacement {
+ public:
+  FileReplacement(int folder, std::string temporaryName) : folder_(folder), temporaryName_(std::move(temporaryName)) {}
+  ~FileReplacement();
+  FileReplacement(const FileReplacement&) = delete;
+  FileReplacement& operator=(const FileReplacement&) = delete;
+
+  // Creates the temporary file and returns when the text is on the disk. The file has this mode, whatever the umask.
+  // Removes a file of the temporary name first, which a killed process may have left.
+  std::error_code write(std::string_view text, mode_t mode);
+  std::error_code renameTo(const std::string& name);
+  // Returns when the rename is on the disk. After an error the file is the new version, but a power failure may bring
+  // the old one back.
+  std::error_code syncFolder();
+
+  // The new file, from write() on.
+  int descriptor() const { return file_.get(); }
+
+ private:
+  const int folder_;
+  const std::string temporaryName_;
+  Descriptor file_;
+  bool isTemporary_ = false;  // the file exists under the temporary name
+};
+
+// Replaces the file at `path` by all three steps of FileReplacement. `temporaryName` is relative to the folder of
+// `path`.
+std::error_code replace_file(const std::string& path, const std::string& temporaryName, std::string_view text,
+                             mode_t mode);
+
+}  // namespace orvane
