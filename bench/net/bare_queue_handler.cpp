@@ -1,5 +1,5 @@
-// The floor of the network benchmark: the extension's rules and queue, with a handler that looks at nothing and allows
-// every connection. Ends at the end of its standard input.
+// The lower bound of the network benchmark: the extension's rules and queue, with a handler that allows every
+// connection unseen. Ends when its standard input ends.
 
 #include <poll.h>
 
@@ -29,7 +29,7 @@ int main() {
   }
   std::puts("ready");
   std::fflush(stdout);
-  auto allow = [&](const QueuedPacket& packet) { queue.answer(packet.id, answer_mark(packet.mark, kMarkAllowed)); };
+  auto allow = [&](const QueuedPacket& packet) { queue.repeat(packet.id, answer_mark(packet.mark, kMarkAllowed)); };
   pollfd events[] = {{queue.descriptor(), POLLIN, 0}, {0, POLLIN, 0}};
   while (poll(events, 2, -1) > 0 && events[1].revents == 0) {
     while (queue.read(allow) == PacketQueue::Read::Packet) {

@@ -7,38 +7,38 @@
 
 namespace orvane {
 
-// Carries one flow through the provider's callbacks: the new flow once, then outbound data up to the peek count, then
-// the end of the outbound side. The first final answer settles the flow, and the provider is not asked again.
+// Calls the provider for one flow: once for the new flow, then for outbound data up to the peek count, then for the end
+// of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
-// The session sees bytes and never keeps any: whoever owns the flow holds them back as long as holdsData() says so. No
-// callback of the provider takes inbound data, so the inbound half of a verdict asks for nothing.
+// The session keeps no bytes: its caller holds them back while holdsData() is true. The inbound half of a verdict is
+// ignored, because no callback of the provider takes inbound data.
 //
 // Not thread-safe: a flow belongs to one thread.
 class FilterSession {
  public:
   enum class State {
-    New,        // not shown yet
-    Examining,  // the provider wants to see outbound data
+    New,        // newFlow() was not called yet
+    Examining,  // the provider wants outbound data
     Allowed,    // final
     Dropped,    // final
   };
 
   FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow);
 
-  // Shows the flow. Call it once, before all others.
+  // Shows the flow to the provider. Call it once, before the other functions.
   State newFlow();
 
-  // The next outbound bytes, in order. Of these the provider sees what the peek count leaves; every data verdict is
-  // final, so the first chunk that it sees settles the flow.
+  // Shows the next outbound bytes, up to the peek count. Every data verdict is final, so the first bytes that the
+  // provider sees settle the flow.
   State outboundData(std::span<const uint8_t> bytes);
 
-  // The outbound side has ended. Settles a flow that still is not.
+  // The outbound side has ended: settles the flow.
   State outboundComplete();
 
   State state() const { return state_; }
 
-  // Whether outbound bytes must not leave before the next answer. False for an examined flow with a peek count of 0:
-  // its bytes pass, and its end is what the provider is asked about.
+  // Whether outbound bytes must wait for the next verdict. False for an examined flow with a peek count of 0: its bytes
+  // pass, and the provider is asked only about its end.
   bool holdsData() const { return state_ == State::New || (state_ == State::Examining && peekBytes_ > 0); }
 
  private:

@@ -7,16 +7,15 @@
 
 namespace orvane {
 
-// Finds the outbound flows of programs and asks the provider about those that its settings name.
+// Shows the provider the outbound flows that the settings select, and carries out its verdicts.
 class FlowSource {
  public:
   virtual ~FlowSource() = default;
 
-  // Puts the settings in force; flows are shown to the provider from then on, on threads of the source's own. Called
-  // once. Returns what went wrong, nothing for success.
+  // Starts showing flows, on the source's own threads. Call it once. Returns an error.
   virtual std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) = 0;
 
-  // Takes no more flows and ends those that it carries itself. The provider is not asked about new flows afterwards.
+  // Ends the flows that the source carries itself. The provider gets no new flows afterwards.
   virtual void stop() = 0;
 };
 

@@ -8,13 +8,13 @@
 
 namespace orvane {
 
-// A connection of one process: a socket flow.
+// A TCP connection or a UDP conversation of one process.
 class LinuxSocketFlow final : public NEFilterSocketFlow {
  public:
-  // `auditToken` is nil when the owner is not known; `host` is a name or a literal address without brackets.
+  // `auditToken` is nil when the owner is unknown. `host` is a name, or a literal address without brackets.
   static Ref<LinuxSocketFlow> create(Value auditToken, std::string host, uint16_t port, int32_t socketType);
 
-  // The name that the application asked for, once it is known.
+  // Sets the server name that the application asked for.
   void setRemoteHostname(std::string name) { remoteHostname_ = std::move(name); }
 
   Value sourceAppAuditToken() const override { return auditToken_; }
@@ -33,8 +33,8 @@ class LinuxSocketFlow final : public NEFilterSocketFlow {
   int32_t socketType_;
 };
 
-// One request of a process for a URL. It is no socket flow: the connection that carries it is the proxy's own, and the
-// application knows the resource alone. Its host name is the URL's, at every stage.
+// A process's request for a URL. It is not a socket flow, because the connection to the server is the proxy's own. Its
+// host name is the URL's.
 class LinuxURLFlow final : public NEFilterFlow {
  public:
   // `url` as the application wrote it.

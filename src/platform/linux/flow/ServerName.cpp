@@ -25,14 +25,14 @@ size_t big_endian(std::span<const uint8_t> bytes) {
   return number;
 }
 
-// The length of the first handshake message with its header, once the header is there.
+// The length of the first handshake message with its header. Nothing while the header is incomplete.
 std::optional<size_t> message_length(std::span<const uint8_t> handshake) {
   if (handshake.size() < kHandshakeHeaderLength) return std::nullopt;
   return kHandshakeHeaderLength + big_endian(handshake.subspan(1, 3));
 }
 
-// The handshake bytes of the records so far, up to the end of the first message at least. What follows it may be of
-// other types: early data comes in the same flight. Nothing when other records come before its end.
+// The handshake bytes of the TLS records, up to the end of the first message or later. Nothing when another type of
+// record precedes that end; after it, other types are normal (early data).
 std::optional<std::vector<uint8_t>> handshake_bytes(std::span<const uint8_t> records) {
   std::vector<uint8_t> handshake;
   while (!records.empty()) {
@@ -49,7 +49,7 @@ std::optional<std::vector<uint8_t>> handshake_bytes(std::span<const uint8_t> rec
   return handshake;
 }
 
-// The first host name of the extension's list. Called by GnuTLS for each extension.
+// Stores the first host name of the server name extension. GnuTLS calls this for each extension.
 int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
   auto& found = *static_cast<std::string*>(context);
   std::span<const uint8_t> list(data, size);
@@ -92,7 +92,7 @@ ServerName find_in_request(std::span<const uint8_t> bytes) {
 
 ServerName find_server_name(std::span<const uint8_t> firstBytes) {
   if (firstBytes.empty()) return {ServerName::State::Open};
-  // Not a byte more, or a name that the limit has made unknown would be known again.
+  // Ignores later bytes. A name that is Unknown at the limit must not become Known afterwards.
   firstBytes = firstBytes.first(std::min(firstBytes.size(), kServerNameLimit));
   ServerName name = firstBytes[0] == kHandshakeRecord ? find_in_hello(firstBytes) : find_in_request(firstBytes);
   if (name.state == ServerName::State::Open && firstBytes.size() >= kServerNameLimit) {

@@ -24,12 +24,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The watchdog wants a sign of life twice a second.
-constexpr auto kBeat = 400ms;
-// A firewall that reloads changes its rules in many steps: they are looked at when it has had this time for them.
-constexpr auto kRulesSettle = 200ms;
-// Where the kernel does not tell of changes.
-constexpr auto kRulesLook = 500ms;
+constexpr auto kHeartbeat = 400ms;      // the watchdog needs two in a second
+constexpr auto kRulesDebounce = 200ms;  // a firewall that reloads changes its rules in many steps
+constexpr auto kRulesPoll = 500ms;      // without messages from the kernel, or to repeat a repair that failed
 
 class SystemOwners final : public FlowOwners {
  public:
@@ -42,29 +39,29 @@ class SystemOwners final : public FlowOwners {
   SocketOwners owners_;
 };
 
-// Whether what another user's process runs can be seen. True when there is no other user's process.
-bool sees_programs_of_others() {
-  bool others = false;
+// Whether the executables of other users' processes can be read. True when there is no such process.
+bool sees_other_users_programs() {
+  bool wasDenied = false;
   for (pid_t pid : process_identifiers()) {
     const std::string folder = "/proc/" + std::to_string(pid);
     struct stat status;
     if (::stat(folder.c_str(), &status) != 0 || status.st_uid == ::geteuid()) continue;
     char first = 0;
     if (::readlink((folder + "/exe").c_str(), &first, 1) > 0) return true;
-    others = others || errno == EACCES;
+    wasDenied = wasDenied || errno == EACCES;
   }
-  return !others;
+  return !wasDenied;
 }
 
 }  // namespace
 
-// What the queue's thread works with.
+// Used by the queue thread alone, once it runs.
 struct Netfilter::Queue {
   explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
 
   void serve(int stop);
   void handle(const QueuedPacket& queued);
-  void bindAgain();
+  void rebind();
 
   PacketQueue packets{kQueueNumber};
   QueueWatchdog watchdog;
@@ -81,7 +78,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!stopRules_ || !stopQueue_) return "no event descriptor: " + std::generic_category().message(errno);
   auto queue = std::make_unique<Queue>(std::move(provider));
-  // The queue comes first: whoever has it already has its own rules, which stay.
+  // The queue first: when another extension has it, that extension's rules must stay.
   auto error = queue->packets.open();
   taken_ = queue->packets.isTaken();
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
@@ -90,7 +87,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   auto noRecords = queue->owners.recordOpeners();
   queue_ = std::move(queue);
   try {
-    // Before the rules: what they lead here is not to wait for the last of them.
+    // Before the rules, so that the first packets do not wait for the last rule.
     queueThread_ = std::thread([this] { queue_->serve(stopQueue_.get()); });
     if (error = rules_.install(settings); error) {
       stop();
@@ -106,7 +103,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   } else {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are recorded by the kernel");
   }
-  if (!sees_programs_of_others()) {
+  if (!sees_other_users_programs()) {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: programs of other users are not recognised, without CAP_SYS_PTRACE");
   }
   return std::nullopt;
@@ -118,9 +115,9 @@ void Netfilter::stop() {
     eventfd_write(stopRules_.get(), 1);
     rulesThread_.join();
   }
-  // While the queue is still served, so that no packet is caught between the two.
+  // While the queue is still served, so that no packet is lost in it.
   if (auto error = rules_.remove()) {
-    ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules are still there: %@", *error);
+    ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules cannot be removed: %@", *error);
   }
   if (queueThread_.joinable()) {
     eventfd_write(stopQueue_.get(), 1);
@@ -130,23 +127,22 @@ void Netfilter::stop() {
 }
 
 void Netfilter::watchRules() {
-  bool told = rules_.changeDescriptor() >= 0;
+  bool isNotified = rules_.changeDescriptor() >= 0;
   bool broken = false;
   for (;;) {
     pollfd change{rules_.changeDescriptor(), POLLIN, 0};
-    // What could not be put back is tried again.
-    auto look = told && !broken ? Deadline() : deadline_after(kRulesLook);
-    Wait event = wait_for({&change, 1}, stopRules_.get(), look);
+    auto poll = isNotified && !broken ? Deadline() : deadline_after(kRulesPoll);
+    Wait event = wait_for({&change, 1}, stopRules_.get(), poll);
     if (event == Wait::Stopped) return;
-    if (event == Wait::Ready && wait_for({}, stopRules_.get(), deadline_after(kRulesSettle)) == Wait::Stopped) return;
+    if (event == Wait::Ready && wait_for({}, stopRules_.get(), deadline_after(kRulesDebounce)) == Wait::Stopped) return;
     std::string error;
     KernelRules::State state = rules_.check(error);
     if (state == KernelRules::State::Repaired) {
       flow_counters().ruleRepairs.fetch_add(1, std::memory_order_relaxed);
-      ORVANE_LOG_DEFAULT(default_log(), "netfilter: another program changed the kernel rules, they are put back");
+      ORVANE_LOG_DEFAULT(default_log(), "netfilter: another program changed the kernel rules; they are repaired");
     }
     if (state == KernelRules::State::Broken && !broken) {
-      ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules are gone and cannot be put back: %@", error);
+      ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules cannot be repaired: %@", error);
     }
     broken = state == KernelRules::State::Broken;
   }
@@ -154,21 +150,21 @@ void Netfilter::watchRules() {
 
 void Netfilter::Queue::serve(int stop) {
   auto handler = [this](const QueuedPacket& queued) { handle(queued); };
-  if (watchdog.beat()) bindAgain();  // the watch begins with it
+  if (watchdog.beat()) rebind();  // the first heartbeat starts the watch
   for (;;) {
     pollfd packet{packets.descriptor(), POLLIN, 0};
-    bool stopped = wait_for({&packet, 1}, stop, deadline_after(kBeat)) == Wait::Stopped;
+    bool stopped = wait_for({&packet, 1}, stop, deadline_after(kHeartbeat)) == Wait::Stopped;
     PacketQueue::Read read;
     do {
-      if (watchdog.beat()) bindAgain();
+      if (watchdog.beat()) rebind();
       read = packets.read(handler);
       if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
     } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
-    flows.drained();
+    flows.queueDrained();
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));
-      wait_for({}, stop, deadline_after(kBeat));
+      wait_for({}, stop, deadline_after(kHeartbeat));
     }
   }
 }
@@ -180,7 +176,7 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   uint32_t answer = kMarkPending;
   switch (packet ? flows.judge(*packet, start) : PacketVerdict::Ignored) {
     case PacketVerdict::Ignored:
-      return packets.pass(queued.id, answer_mark(queued.mark, kMarkPending));
+      return packets.accept(queued.id, answer_mark(queued.mark, kMarkPending));
     case PacketVerdict::Open:
       break;
     case PacketVerdict::Allowed:
@@ -190,26 +186,27 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
       answer = kMarkDropped;
       break;
   }
-  if (flows.circles()) {
-    // Rules ahead of ours set marks of their own. They hold on to the mark from here on, and the verdict is kept.
-    packets.pass(queued.id, answer_mark(queued.mark, answer));
+  if (flows.isLooping()) {
+    // Another program's rule ahead of ours replaces the mark, and the packet is queued again and again. An accepted
+    // packet skips that rule, and table filter saves its verdict.
+    packets.accept(queued.id, answer_mark(queued.mark, answer));
   } else {
-    packets.answer(queued.id, answer_mark(queued.mark, answer));
+    packets.repeat(queued.id, answer_mark(queued.mark, answer));
   }
   auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
-  flow_counters().held(static_cast<uint64_t>(held.count()));
+  flow_counters().recordHold(static_cast<uint64_t>(held.count()));
 }
 
-// The watchdog gave the queue up. What is left of it in the socket are packets that the kernel has dropped; it counts
-// anew from now on, and would take answers to them for answers to others.
-void Netfilter::Queue::bindAgain() {
+// Takes the queue back after the watchdog released it. The packets that are left in the socket were dropped by the
+// kernel. They are not answered: packet ids start again, so an answer could reach another packet.
+void Netfilter::Queue::rebind() {
   PacketQueue::Read left;
   do {
     left = packets.read([](const QueuedPacket&) {});
   } while (left != PacketQueue::Read::Nothing && left != PacketQueue::Read::Failed);
-  packets.bindAgain();
+  packets.rebind();
   flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
-  ORVANE_LOG_ERROR(default_log(), "netfilter: the filter was silent, and traffic passed unfiltered meanwhile");
+  ORVANE_LOG_ERROR(default_log(), "netfilter: the filter hung, and traffic passed unfiltered meanwhile");
 }
 
 }  // namespace orvane

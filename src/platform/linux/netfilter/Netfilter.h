@@ -11,12 +11,13 @@
 
 namespace orvane {
 
-// The flow source in the kernel's path: it sees the flows of every program of the network namespace that it is started
-// in, whatever their settings. Rules of the kernel (KernelRules.h) lead the first outbound bytes of new connections to
-// a packet queue, and act on the verdict. Needs CAP_NET_ADMIN.
+// The flow source that sees the flows of all programs in the network namespace of the thread that starts it. Kernel
+// rules (KernelRules.h) send the first outbound bytes of new connections to a packet queue and carry out the verdicts.
+// Needs CAP_NET_ADMIN.
 //
-// One thread serves the queue, so that flows need no lock; one watches over the rules; a process watches over the first
-// thread (QueueWatchdog.h).
+//   queue thread          reads packets, asks the provider, answers; flows need no lock, as only it uses them
+//   rules thread          repairs the kernel rules
+//   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
 class Netfilter final : public FlowSource {
  public:
   Netfilter();
@@ -25,7 +26,7 @@ class Netfilter final : public FlowSource {
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
   void stop() override;
 
-  // Whether start() failed because another program has the packet queue: most likely it filters already.
+  // Whether start() failed because another process has the packet queue, most likely another extension.
   bool isTaken() const { return taken_; }
 
  private:

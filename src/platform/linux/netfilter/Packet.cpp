@@ -11,26 +11,25 @@ using Bytes = std::span<const uint8_t>;
 
 constexpr size_t kIPv4HeaderLength = 20;  // RFC 791, section 3.1, without options
 constexpr size_t kIPv6HeaderLength = 40;  // RFC 8200, section 3
-constexpr size_t kExtensionUnit = 8;      // RFC 8200, section 4: what no extension header is shorter than
+constexpr size_t kExtensionMinimum = 8;   // RFC 8200, section 4
 constexpr size_t kTCPHeaderLength = 20;   // RFC 9293, section 3.1, without options
 constexpr size_t kUDPHeaderLength = 8;    // RFC 768
 constexpr uint8_t kFin = 1, kSyn = 2, kRst = 4;
 
-uint16_t number16(Bytes bytes, size_t at) { return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]); }
+uint16_t read_u16(Bytes bytes, size_t at) { return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]); }
 
-uint32_t number32(Bytes bytes, size_t at) {
-  return static_cast<uint32_t>(number16(bytes, at)) << 16 | number16(bytes, at + 2);
+uint32_t read_u32(Bytes bytes, size_t at) {
+  return static_cast<uint32_t>(read_u16(bytes, at)) << 16 | read_u16(bytes, at + 2);
 }
 
-// Both give the addresses and the protocol to `ends`, and return what follows the IP headers.
-
+// Sets the addresses and the protocol of `ends`. Returns the bytes after the IP header.
 std::optional<Bytes> read_ipv4(Bytes bytes, SocketPair& ends) {
   if (bytes.size() < kIPv4HeaderLength) return std::nullopt;
   size_t header = size_t{bytes[0] & 0x0fU} * 4;
-  size_t total = number16(bytes, 2);
+  size_t total = read_u16(bytes, 2);
   if (total == 0) total = bytes.size();
   bytes = bytes.first(std::min(total, bytes.size()));
-  bool laterFragment = (number16(bytes, 6) & 0x1fff) != 0;
+  bool laterFragment = (read_u16(bytes, 6) & 0x1fff) != 0;
   if (header < kIPv4HeaderLength || header > bytes.size() || laterFragment) return std::nullopt;
   ends.protocol = bytes[9];
   ends.local = SocketAddress::v4(&bytes[12], 0);
@@ -38,11 +37,11 @@ std::optional<Bytes> read_ipv4(Bytes bytes, SocketPair& ends) {
   return bytes.subspan(header);
 }
 
-// Walks the extension headers (RFC 8200, section 4) to the segment.
+// Skips extension headers (RFC 8200, section 4). Sets the protocol and returns the segment or datagram.
 std::optional<Bytes> skip_extensions(uint8_t next, Bytes rest, uint8_t& protocol) {
   while (next != IPPROTO_TCP && next != IPPROTO_UDP) {
-    if (rest.size() < kExtensionUnit) return std::nullopt;
-    size_t length = kExtensionUnit;
+    if (rest.size() < kExtensionMinimum) return std::nullopt;
+    size_t length = kExtensionMinimum;
     switch (next) {
       case IPPROTO_HOPOPTS:
       case IPPROTO_ROUTING:
@@ -50,11 +49,11 @@ std::optional<Bytes> skip_extensions(uint8_t next, Bytes rest, uint8_t& protocol
       case IPPROTO_MH:
         length = (size_t{rest[1]} + 1) * 8;
         break;
-      case IPPROTO_AH:  // in words, RFC 4302, section 2.2
+      case IPPROTO_AH:  // in units of 4 bytes (RFC 4302, section 2.2)
         length = (size_t{rest[1]} + 2) * 4;
         break;
       case IPPROTO_FRAGMENT:
-        if ((number16(rest, 2) & 0xfff8) != 0) return std::nullopt;
+        if ((read_u16(rest, 2) & 0xfff8) != 0) return std::nullopt;
         break;
       default:
         return std::nullopt;
@@ -67,9 +66,10 @@ std::optional<Bytes> skip_extensions(uint8_t next, Bytes rest, uint8_t& protocol
   return rest;
 }
 
+// As read_ipv4().
 std::optional<Bytes> read_ipv6(Bytes bytes, uint32_t outputInterface, SocketPair& ends) {
   if (bytes.size() < kIPv6HeaderLength) return std::nullopt;
-  size_t length = number16(bytes, 4);
+  size_t length = read_u16(bytes, 4);
   if (length != 0) bytes = bytes.first(std::min(kIPv6HeaderLength + length, bytes.size()));
   ends.local = SocketAddress::v6(&bytes[8], 0, outputInterface);
   ends.remote = SocketAddress::v6(&bytes[24], 0, outputInterface);
@@ -83,14 +83,14 @@ bool read_tcp(Bytes segment, Packet& packet) {
   packet.syn = (segment[13] & kSyn) != 0;
   packet.fin = (segment[13] & kFin) != 0;
   packet.rst = (segment[13] & kRst) != 0;
-  packet.sequence = number32(segment, 4) + (packet.syn ? 1 : 0);  // SYN takes a number of its own
+  packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // SYN has a sequence number (RFC 9293, section 3.4)
   packet.payload = segment.subspan(header);
   return true;
 }
 
 bool read_udp(Bytes datagram, Packet& packet) {
   if (datagram.size() < kUDPHeaderLength) return false;
-  size_t length = number16(datagram, 4);
+  size_t length = read_u16(datagram, 4);
   if (length == 0) length = datagram.size();  // a jumbogram, RFC 2675, section 4
   if (length < kUDPHeaderLength) return false;
   packet.payload = datagram.first(std::min(length, datagram.size())).subspan(kUDPHeaderLength);
@@ -110,8 +110,8 @@ std::optional<Packet> parse_packet(std::span<const uint8_t> bytes, uint32_t outp
   bool tcp = packet.ends.protocol == IPPROTO_TCP;
   if (!tcp && packet.ends.protocol != IPPROTO_UDP) return std::nullopt;
   if (!(tcp ? read_tcp(*segment, packet) : read_udp(*segment, packet))) return std::nullopt;
-  packet.ends.local.port = number16(*segment, 0);
-  packet.ends.remote.port = number16(*segment, 2);
+  packet.ends.local.port = read_u16(*segment, 0);
+  packet.ends.remote.port = read_u16(*segment, 2);
   return packet;
 }
 

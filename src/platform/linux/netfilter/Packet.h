@@ -8,22 +8,20 @@
 
 namespace orvane {
 
-// What an outbound packet says of itself: an IPv4 (RFC 791) or IPv6 (RFC 8200) packet with a TCP (RFC 9293) segment or
-// a UDP (RFC 768) datagram in it.
+// An outbound IPv4 (RFC 791) or IPv6 (RFC 8200) packet with a TCP (RFC 9293) segment or a UDP (RFC 768) datagram.
 struct Packet {
   SocketPair ends;                             // local is the source
-  bool syn = false, fin = false, rst = false;  // TCP alone
-  uint32_t sequence = 0;                       // TCP: the number of the payload's first byte
-  std::span<const uint8_t> payload;            // of the packet's own bytes
+  bool syn = false, fin = false, rst = false;  // TCP only
+  uint32_t sequence = 0;                       // TCP only: the number of the payload's first byte
+  std::span<const uint8_t> payload;            // a part of the bytes given to parse_packet()
 };
 
-// Reads a packet from its IP header on. Nothing for other protocols, for a fragment other than the first, and when the
-// headers are malformed or not whole. Of a payload that was cut short (the packet says it is longer) what is there is
-// given. `outputInterface` becomes the scope of link-local addresses.
-// A packet with a routing header has the next stop on its way as `remote`.
+// Parses a packet from its IP header on. Returns nothing for other protocols, for fragments after the first, and for
+// malformed or incomplete headers. An incomplete payload is returned as far as it is there. `outputInterface` becomes
+// the scope of link-local addresses. With a routing header, `remote` is the next stop.
 //
-// The lengths in the IP headers may be 0 for a segment that is larger than they can say (IPv6 jumbo and large
-// segmentation offload): then the bytes given are the packet.
+// A length of 0 in an IP header means that the packet is too large for the field (IPv6 jumbograms, segmentation
+// offload): then all bytes belong to it.
 std::optional<Packet> parse_packet(std::span<const uint8_t> bytes, uint32_t outputInterface = 0);
 
 }  // namespace orvane

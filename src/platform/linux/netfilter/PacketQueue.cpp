@@ -17,17 +17,18 @@ namespace orvane {
 namespace {
 
 constexpr size_t kLargestPacket = 0xffff;
-constexpr size_t kMessageRoom = 8192;  // around the packet
-// Packets in the kernel's hands. More than the socket's buffer has room for: that one's overruns are told.
+constexpr size_t kMessageRoom = 8192;  // for the message around the packet
+// In packets. More than fit into the socket's buffer, so that the buffer fills first: only that is reported to us.
 constexpr uint32_t kQueueLength = 1 << 17;
-// For copies of packets. A burst of new connections is one packet each, of some 2 KiB. Memory is taken as it is used.
+// In bytes. Room for a burst of new connections, with a first packet of about 2 KiB each. The kernel takes the memory
+// only when it needs it.
 constexpr int kSocketBuffer = 64 << 20;
 constexpr uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_GSO;
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
-// Means nothing any more, and is permitted to whoever may configure queues.
-void put_nothing(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
+// Does nothing (a command of older kernels), but needs the same capability as the others.
+void put_no_operation(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
 
 void put_settings(nlmsghdr* message) {
   nfq_nlmsg_cfg_put_params(message, NFQNL_COPY_PACKET, kLargestPacket);
@@ -36,7 +37,8 @@ void put_settings(nlmsghdr* message) {
   mnl_attr_put_u32(message, NFQA_CFG_MASK, htonl(kFlags));
 }
 
-uint32_t number_of(const nlattr* attribute) {
+// The number in an attribute; 0 without one.
+uint32_t read_u32(const nlattr* attribute) {
   return attribute == nullptr || mnl_attr_get_payload_len(attribute) < sizeof(uint32_t)
              ? 0
              : ntohl(mnl_attr_get_u32(attribute));
@@ -54,18 +56,18 @@ std::optional<std::string> PacketQueue::open() {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
   int error = configure(put_bind);
-  // The kernel has one answer for a queue that is another's and for a missing capability.
-  taken_ = error == EPERM && configure(put_nothing) == 0;
+  // The kernel returns EPERM for a missing capability and for a queue that another socket has.
+  taken_ = error == EPERM && configure(put_no_operation) == 0;
   if (error == 0) error = configure(put_settings);
   const std::string queue = "packet queue " + std::to_string(number_);
-  if (taken_) return queue + " is another program's: an extension that runs already, most likely";
-  if (error == EPERM) return queue + " is not permitted: it takes CAP_NET_ADMIN";
+  if (taken_) return queue + " belongs to another program, most likely to an extension that runs already";
+  if (error == EPERM) return queue + " needs CAP_NET_ADMIN";
   if (error != 0) return queue + ": " + std::generic_category().message(error);
   fcntl(descriptor(), F_SETFL, O_NONBLOCK);
   return std::nullopt;
 }
 
-// One setting, and the kernel's answer to it. Only before the rules lead packets here.
+// Makes one setting and waits for the kernel's answer. Call it before the rules queue packets.
 int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);
@@ -76,7 +78,7 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   unsigned port = mnl_socket_get_portid(socket_.get());
   while (size >= 0) {
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-    // Rules that a predecessor left behind may lead packets here already. The sender will send them again.
+    // Rules that an older process left may queue packets already. They are ignored; their senders repeat them.
     if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
     if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
@@ -84,7 +86,7 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   return errno;
 }
 
-void PacketQueue::bindAgain() {
+void PacketQueue::rebind() {
   for (auto* put : {put_bind, put_settings}) {
     std::array<char, 512> message{};
     nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);
@@ -111,7 +113,7 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
     nfqnl_msg_packet_hdr packet;
     std::memcpy(&packet, mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]), sizeof packet);
     QueuedPacket queued{
-        ntohl(packet.packet_id), number_of(attributes[NFQA_MARK]), number_of(attributes[NFQA_IFINDEX_OUTDEV]), {}};
+        ntohl(packet.packet_id), read_u32(attributes[NFQA_MARK]), read_u32(attributes[NFQA_IFINDEX_OUTDEV]), {}};
     if (const nlattr* payload = attributes[NFQA_PAYLOAD]) {
       queued.bytes = {static_cast<const uint8_t*>(mnl_attr_get_payload(payload)), mnl_attr_get_payload_len(payload)};
     }
@@ -121,16 +123,16 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   return packets ? Read::Packet : Read::Other;
 }
 
-void PacketQueue::answer(uint32_t id, uint32_t mark) { decide(id, NF_REPEAT, mark); }
+void PacketQueue::repeat(uint32_t id, uint32_t mark) { decide(id, NF_REPEAT, mark); }
 
-void PacketQueue::pass(uint32_t id, uint32_t mark) { decide(id, NF_ACCEPT, mark); }
+void PacketQueue::accept(uint32_t id, uint32_t mark) { decide(id, NF_ACCEPT, mark); }
 
 void PacketQueue::decide(uint32_t id, uint32_t verdict, uint32_t mark) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_VERDICT, number_);
   nfq_nlmsg_verdict_put(header, static_cast<int>(id), static_cast<int>(verdict));
   nfq_nlmsg_verdict_put_mark(header, mark);
-  // The kernel takes it during the call; its complaint about a packet that is gone comes to read().
+  // The kernel acts during the call. Its error for a packet that is gone comes to read().
   mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);
 }
 

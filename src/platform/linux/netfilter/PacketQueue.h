@@ -14,52 +14,52 @@ struct nlmsghdr;
 
 namespace orvane {
 
-// An outbound packet that the kernel holds until answer() names it.
+// An outbound packet that the kernel holds until repeat() or accept().
 struct QueuedPacket {
   uint32_t id;
   uint32_t mark;                   // of the packet
-  uint32_t outputInterface;        // 0 when not known yet
-  std::span<const uint8_t> bytes;  // from the IP header on; valid during the call
+  uint32_t outputInterface;        // 0 while unknown
+  std::span<const uint8_t> bytes;  // from the IP header on; valid during the handler's call
 };
 
-// A packet queue of the network namespace that the thread is in when it opens it (nfnetlink_queue). It fails open: what
-// the queue has no room for passes. At the end of its socket the kernel drops the packets that it holds and lets others
-// pass. Large segments come whole. Not thread-safe.
+// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. It fails open: packets pass
+// when the queue is full. When its socket closes, the kernel drops the packets in the queue and passes later ones. A
+// segment that the network card will split (GSO) is one packet. Not thread-safe.
 class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
 
-  // Needs CAP_NET_ADMIN in the namespace, and that no other socket has the queue. Returns what went wrong.
+  // Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error.
   std::optional<std::string> open();
 
-  // Whether open() failed because another program has the queue.
+  // Whether open() failed because another process has the queue.
   bool isTaken() const { return taken_; }
 
-  // Takes the queue again after somebody gave it up in this socket's name.
-  void bindAgain();
+  // Takes the queue back after the watchdog unbound this socket.
+  void rebind();
 
-  // The netlink socket: readable when read() has something. Non-blocking.
+  // The netlink socket. Non-blocking; readable when read() has something.
   int descriptor() const;
 
   enum class Read {
-    Packet,   // the handler was called for one
-    Other,    // an error message of the kernel's, such as for a verdict that came too late
-    Nothing,  // no more for now
-    Overrun,  // the kernel had no room and let packets pass
-    Failed,   // errno says why
+    Packet,   // the handler was called
+    Other,    // another message, such as the kernel's error for a verdict that came too late
+    Nothing,  // no message is there
+    Overrun,  // the socket's buffer was full, so the kernel passed packets
+    Failed,   // errno has the reason
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // Has a packet go once more through the rules that queued it, from the first of their table's chain on: what another
-  // program's rules there say is about it too. The mark, which replaces the whole of the packet's, must tell our rules
-  // not to queue it again.
-  void answer(uint32_t id, uint32_t mark);
+  // Sets a packet's whole mark and sends the packet through its chain again, from the first rule on, so that the rules
+  // of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from queueing it again.
+  void repeat(uint32_t id, uint32_t mark);
 
-  // Has a packet go on behind all rules of that chain. With another mark than it has, its route is chosen anew.
-  void pass(uint32_t id, uint32_t mark);
+  // Sets a packet's whole mark and sends the packet on, past the rest of its chain (NF_ACCEPT). The kernel routes it
+  // again if the mark is a new one.
+  void accept(uint32_t id, uint32_t mark);
 
  private:
-  // 0, or an error number.
+  // Returns 0 or an errno.
   int configure(const std::function<void(nlmsghdr*)>& put);
   void decide(uint32_t id, uint32_t verdict, uint32_t mark);
 

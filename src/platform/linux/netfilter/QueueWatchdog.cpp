@@ -22,8 +22,8 @@
 namespace orvane {
 namespace {
 
-constexpr int kLookMilliseconds = 250;
-constexpr int kLooks = QueueWatchdog::kPatienceMilliseconds / kLookMilliseconds;
+constexpr int kCheckMilliseconds = 250;
+constexpr int kSilentChecks = QueueWatchdog::kTimeoutMilliseconds / kCheckMilliseconds;
 
 std::string failure(const char* what) {
   return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
@@ -39,8 +39,8 @@ std::optional<std::string> QueueWatchdog::start(int queueSocket, uint16_t queueN
   shared_ = new (page) Shared;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return failure("no pipe");
-  watched_ = Descriptor(ends[0]);
-  alive_ = Descriptor(ends[1]);
+  pipeReadEnd_ = Descriptor(ends[0]);
+  pipeWriteEnd_ = Descriptor(ends[1]);
   return startProcess();
 }
 
@@ -52,7 +52,7 @@ std::optional<std::string> QueueWatchdog::startProcess() {
 }
 
 bool QueueWatchdog::beat() {
-  // One look in many: a thread under load beats with each packet.
+  // Not at each heartbeat: under load there is one for every packet.
   if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
       waitpid(process_, nullptr, WNOHANG) == process_) {
     startProcess();
@@ -61,9 +61,9 @@ bool QueueWatchdog::beat() {
 }
 
 void QueueWatchdog::stop() {
-  alive_.reset();
+  pipeWriteEnd_.reset();
   if (process_ > 0) {
-    // It may be stopped itself, and would then not see the pipe's end.
+    // Not by closing the pipe: the child may be stopped (SIGSTOP) and would not see that.
     kill(process_, SIGKILL);
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -73,14 +73,14 @@ void QueueWatchdog::stop() {
   shared_ = nullptr;
 }
 
-// The other process, from its first to its last instruction. It began in the middle of a program with threads, so it
-// calls nothing that takes a lock or memory.
+// All that the child runs. It was forked from a program with threads, so it calls nothing that takes a lock or
+// allocates memory.
 void QueueWatchdog::watch() {
-  setsid();  // what stops the terminal's job does not stop this
+  setsid();  // signals from the terminal do not reach it
   prctl(PR_SET_NAME, "queue-watchdog");
-  signal(SIGTERM, SIG_IGN);  // of a service manager that ends all at once: the pipe tells when it is time
-  // Whatever else this process inherited must not live longer than the other side believes.
-  int low = std::min(queueSocket_, watched_.get()), high = std::max(queueSocket_, watched_.get());
+  signal(SIGTERM, SIG_IGN);  // a service manager sends it to all processes; the child ends with the pipe
+  // Close every other inherited descriptor; otherwise it would stay open after the parent closes its copy.
+  int low = std::min(queueSocket_, pipeReadEnd_.get()), high = std::max(queueSocket_, pipeReadEnd_.get());
   if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
   if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);
   close_range(static_cast<unsigned>(high + 1), ~0U, 0);
@@ -90,13 +90,13 @@ void QueueWatchdog::watch() {
   nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, NFQNL_CFG_CMD_UNBIND);
   uint64_t last = 0;
   for (int silent = 0;;) {
-    pollfd end{watched_.get(), 0, 0};
-    if (poll(&end, 1, kLookMilliseconds) > 0) _exit(0);
+    pollfd end{pipeReadEnd_.get(), 0, 0};
+    if (poll(&end, 1, kCheckMilliseconds) > 0) _exit(0);
     uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
-    silent = beats == last && beats != 0 ? silent + 1 : 0;  // it counts from the first sign of life on
+    silent = beats == last && beats != 0 ? silent + 1 : 0;  // counts from the first heartbeat on
     last = beats;
-    // At the first look too late, and not again before there was another beat.
-    if (silent != kLooks) continue;
+    // Once; again only after another heartbeat.
+    if (silent != kSilentChecks) continue;
     send(queueSocket_, header, header->nlmsg_len, 0);
     shared_->released.store(true);
   }

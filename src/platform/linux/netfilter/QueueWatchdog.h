@@ -11,23 +11,24 @@
 
 namespace orvane {
 
-// A process of our own that gives a packet queue up when the thread that serves it stops doing so: a process that
-// hangs, or is stopped, would otherwise hold its packets for ever, as the kernel passes packets by only when a queue
-// has no socket. It holds the queue's netlink socket too, so that it can speak in its name; it ends with this process,
-// and the socket with them both.
+// A child process that releases a packet queue when the thread that serves it hangs. Otherwise a hanging or stopped
+// process would hold its packets for ever: the kernel passes them only when no socket has the queue.
+//
+// The child shares the queue's netlink socket, so that the kernel accepts its message. It ends with this process, and
+// then the socket closes. Not thread-safe.
 class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
 
-  // How long the thread may be silent before the queue is given up: this, and up to half a second more.
-  static constexpr int kPatienceMilliseconds = 1000;
+  // The queue is released after this time without a heartbeat, and up to half a second more.
+  static constexpr int kTimeoutMilliseconds = 1000;
 
-  // `queue` stays the caller's. Returns what went wrong.
+  // Borrows `queueSocket`. Returns an error.
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // The thread lives; the first call begins the watch. Call it at least twice a second. Returns true when the queue has
-  // been given up since the last call: it must be bound again. A watchdog that has died is replaced.
+  // A heartbeat of the thread; call it at least twice a second. The first one starts the watch. Returns true when the
+  // queue was released since the last call: then it must be bound again. Replaces a child that died.
   bool beat();
 
  private:
@@ -40,7 +41,7 @@ class QueueWatchdog {
   [[noreturn]] void watch();
 
   Shared* shared_ = nullptr;
-  Descriptor alive_, watched_;  // the ends of a pipe that breaks with this process
+  Descriptor pipeWriteEnd_, pipeReadEnd_;  // the pipe breaks when this process ends; the child polls its read end
   int queueSocket_ = -1;
   uint16_t queueNumber_ = 0;
   pid_t process_ = -1;

@@ -12,13 +12,13 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint16_t kDNSPort = 53;
-// A client that stops in the middle of its hello. What it says later is looked at as if it were the begin.
-constexpr auto kOpenLife = 60s;
+// For clients that stop in the middle of their hello. Later bytes count as the begin of the flow.
+constexpr auto kOpenLifetime = 60s;
 constexpr size_t kOpenLimit = 4096;
-// Packets that the kernel queued before it had the verdict.
-constexpr auto kJudgedLife = 5s;
-constexpr size_t kJudgedLimit = 8192;
-constexpr size_t kPacketsLimit = 100;
+// For packets that the kernel queued before it had the verdict.
+constexpr auto kSettledLifetime = 5s;
+constexpr size_t kSettledLimit = 8192;
+constexpr size_t kFirstFlightPackets = 100;
 
 bool is_settled(const FilterSession& session) {
   return session.state() == FilterSession::State::Allowed || session.state() == FilterSession::State::Dropped;
@@ -32,40 +32,39 @@ PacketVerdict verdict_of(const FilterSession& session) {
 }  // namespace
 
 PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
-  forgetOldOnes(now);
-  circles_ = false;
+  evictExpired(now);
+  isLooping_ = false;
   bool ends = packet.fin || packet.rst;
-  // Such as an acknowledgment, which comes here when it has extension headers that the kernel's rule does not see
-  // through.
+  // An acknowledgment. The kernel queues it only when it has IPv6 extension headers, which its rule cannot skip.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  auto flow = flowOf(packet);
-  circles_ = ++flow->packets > kPacketsLimit;
+  auto flow = findOrCreate(packet);
+  isLooping_ = ++flow->packets > kFirstFlightPackets;
   if (is_settled(flow->session)) {
-    if (flow->round != round_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
+    if (flow->generation != generation_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdict_of(flow->session);
   }
-  flow->touched = now;
+  flow->lastSeen = now;
   settle(*flow, packet);
   bool settled = is_settled(flow->session);
   if (settled) {
     flow->flight = FirstFlight();
-    flow->round = round_;
+    flow->generation = generation_;
   }
-  auto& list = settled ? judged_ : open_;
+  auto& list = settled ? settled_ : open_;
   list.splice(list.end(), open_, flow);
   return verdict_of(flow->session);
 }
 
-// The packet's flow: the one that is known by its two ends, unless another socket has them by now; else a new one.
-QueuedFlows::Flows::iterator QueuedFlows::flowOf(const Packet& packet) {
+// The flow with the packet's ends, or a new one: when there is none, or when another socket has these ends by now.
+QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const Packet& packet) {
   auto socket = owners_.find(packet.ends);
   auto found = flows_.find(packet.ends);
   if (found != flows_.end()) {
     uint64_t known = found->second->cookie;
     bool settled = is_settled(found->second->session);
     if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
-    auto& list = settled ? judged_ : open_;
+    auto& list = settled ? settled_ : open_;
     list.erase(found->second);
     flows_.erase(found);
   }
@@ -76,14 +75,14 @@ QueuedFlows::Flows::iterator QueuedFlows::flowOf(const Packet& packet) {
   return flows_.emplace(packet.ends, std::prev(open_.end())).first->second;
 }
 
-// Takes a flow as far as this packet can.
+// Adds the packet to the flow, and asks the provider as soon as the flow can be shown.
 void QueuedFlows::settle(Flow& flow, const Packet& packet) {
   bool stream = packet.ends.protocol == IPPROTO_TCP;
   bool ends = packet.fin || packet.rst;
   if (flow.session.state() == FilterSession::State::New) {
     bool complete = ends;
     if (stream && !packet.payload.empty() && !flow.flight.add(packet.sequence, packet.payload)) complete = true;
-    // A question's own name is in its bytes; the server that it goes to has none.
+    // A DNS question names no server: the provider reads the name in its bytes.
     if (stream && packet.ends.remote.port != kDNSPort) {
       ServerName name = find_server_name(flow.flight.bytes());
       if (name.state == ServerName::State::Open && !complete) return;
@@ -101,15 +100,15 @@ void QueuedFlows::settle(Flow& flow, const Packet& packet) {
   if (ends) flow.session.outboundComplete();
 }
 
-void QueuedFlows::forgetOldOnes(Clock::time_point now) {
+void QueuedFlows::evictExpired(Clock::time_point now) {
   auto forget = [&](Flows& list, Clock::duration life, size_t limit) {
-    while (!list.empty() && (list.size() > limit || now - list.front().touched > life)) {
+    while (!list.empty() && (list.size() > limit || now - list.front().lastSeen > life)) {
       flows_.erase(list.front().pair);
       list.pop_front();
     }
   };
-  forget(open_, kOpenLife, kOpenLimit);
-  forget(judged_, kJudgedLife, kJudgedLimit);
+  forget(open_, kOpenLifetime, kOpenLimit);
+  forget(settled_, kSettledLifetime, kSettledLimit);
 }
 
 }  // namespace orvane

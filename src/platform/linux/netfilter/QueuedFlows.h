@@ -14,7 +14,7 @@
 
 namespace orvane {
 
-// Who may be asked about a socket: SocketOwners, or a test.
+// Finds a flow's socket and its owner, with the contract of SocketOwners.
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
@@ -23,17 +23,17 @@ class FlowOwners {
 };
 
 enum class PacketVerdict {
-  Ignored,  // says nothing of a flow
-  Open,     // the packet goes on, and the flow's next one is looked at too
-  Allowed,  // for the flow
-  Dropped,  // for the flow
+  Ignored,  // the packet tells nothing about a flow
+  Open,     // the packet passes; the flow's next packets are needed
+  Allowed,  // the flow is allowed
+  Dropped,  // the flow is dropped
 };
 
-// The flows whose first outbound packets pass a queue, from the first packet that is seen of each until the provider
-// has settled it, and a moment longer. A flow is shown to the provider when the name of its server is known or cannot
-// be known, or when it ends.
+// The flows whose first outbound packets are in the queue. A flow is shown to the provider when its server's name is
+// known or cannot become known, or when the flow ends. Once settled it is remembered for some seconds, for packets that
+// were queued before its verdict.
 //
-// Not thread-safe: there is one queue, and one thread serves it.
+// Not thread-safe: one thread serves the queue.
 class QueuedFlows {
  public:
   using Clock = std::chrono::steady_clock;
@@ -41,15 +41,15 @@ class QueuedFlows {
   QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
       : provider_(std::move(provider)), owners_(owners) {}
 
-  // What becomes of a packet.
+  // Decides about a packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Whether the packet just judged belongs to a flow from which more of them came than any first flight has: somebody
-  // takes the answers off its packets, which come to the queue again and again.
-  bool circles() const { return circles_; }
+  // Whether the flow of the last packet had more packets than a first flight has. Then another program overwrites the
+  // mark of its packets, and they are queued again and again.
+  bool isLooping() const { return isLooping_; }
 
-  // The queue is empty: what comes from now on was queued after the verdicts so far.
-  void drained() { ++round_; }
+  // The queue is empty: later packets were queued after all verdicts so far.
+  void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }
 
@@ -60,25 +60,25 @@ class QueuedFlows {
         : pair(ends), cookie(socketCookie), flow(shown), session(std::move(provider), shown) {}
 
     SocketPair pair;
-    uint64_t cookie;  // of its socket; 0 when there was none to be found
+    uint64_t cookie;  // of its socket; 0 when no socket was found
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
     FirstFlight flight;
-    Clock::time_point touched{};
-    uint64_t round = 0;  // in which it was judged
+    Clock::time_point lastSeen{};
+    uint64_t generation = 0;  // in which it was settled
     size_t packets = 0;
   };
-  using Flows = std::list<Flow>;  // those touched last at the end
+  using Flows = std::list<Flow>;  // the last seen one at the end
 
-  Flows::iterator flowOf(const Packet& packet);
+  Flows::iterator findOrCreate(const Packet& packet);
   void settle(Flow& flow, const Packet& packet);
-  void forgetOldOnes(Clock::time_point now);
+  void evictExpired(Clock::time_point now);
 
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
-  uint64_t round_ = 0;
-  bool circles_ = false;
-  Flows open_, judged_;
+  uint64_t generation_ = 0;
+  bool isLooping_ = false;
+  Flows open_, settled_;
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

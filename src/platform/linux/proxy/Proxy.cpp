@@ -21,7 +21,7 @@ namespace orvane {
 
 using namespace std::chrono_literals;
 
-// What the connections' threads keep alive together.
+// Owned by the connections' threads together, as they may outlive the proxy.
 struct Proxy::Shared {
   ProxyContext context;
   std::mutex mutex;
@@ -29,8 +29,8 @@ struct Proxy::Shared {
   size_t connections = 0;  // guarded by mutex
   bool stopping = false;   // guarded by mutex
 
-  // Takes a place for one more connection, when there is one. False when the proxy is being stopped.
-  bool enter() {
+  // Waits for a place for one more connection. Returns false when the proxy is stopping.
+  bool acquire() {
     std::unique_lock lock(mutex);
     if (connections >= kProxyConnectionLimit) {
       ORVANE_LOG_ERROR(default_log(), "proxy: %lu connections are open, further ones wait", connections);
@@ -41,7 +41,7 @@ struct Proxy::Shared {
     return true;
   }
 
-  void leave() {
+  void release() {
     std::lock_guard lock(mutex);
     --connections;
     changed.notify_all();
@@ -54,7 +54,7 @@ std::string failure(const char* what, int error) {
   return std::string("proxy: ") + what + ": " + std::generic_category().message(error);
 }
 
-// A listening socket on the loopback address of a family. Without one, errno tells why.
+// Listens on the loopback address of a family. Returns no descriptor and sets errno on failure.
 Descriptor listen_on(int family, uint16_t port) {
   Descriptor listener(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!listener) return {};
@@ -86,7 +86,7 @@ uint16_t bound_port(int listener) {
   return ntohs(address.sin_port);
 }
 
-// Two descriptors for each connection are more than the usual soft limit allows.
+// Each connection needs two descriptors, so the usual soft limit (1024) is too low.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -117,7 +117,7 @@ std::optional<std::string> Proxy::start(Ref<NEFilterDataProvider> provider, cons
   return std::nullopt;
 }
 
-// Listens on both loopback addresses, on one port. A system without IPv6 has only the one.
+// Listens on one port of both loopback addresses, or of 127.0.0.1 alone on a system without IPv6.
 std::optional<std::string> Proxy::listenOnLoopback() {
   for (int attempt = 1;; ++attempt) {
     listeners_.clear();
@@ -126,7 +126,7 @@ std::optional<std::string> Proxy::listenOnLoopback() {
     uint16_t port = bound_port(v4.get());
     Descriptor v6 = listen_on(AF_INET6, port);
     int error = v6 ? 0 : errno;
-    // A free port that was picked for one family may be taken in the other.
+    // A free port of one family may be taken in the other.
     if (error == EADDRINUSE && port_ == 0 && attempt < 16) continue;
     if (error == EADDRINUSE) return failure(("cannot listen on [::1]:" + std::to_string(port)).c_str(), error);
     if (error != 0) ORVANE_LOG_DEFAULT(default_log(), "proxy: no IPv6: %s", std::strerror(error));
@@ -143,12 +143,12 @@ void Proxy::accept() {
   while (wait_for(entries, shared_->context.stop.get(), std::nullopt) != Wait::Stopped) {
     for (const pollfd& entry : entries) {
       if (entry.revents == 0) continue;
-      if (!shared_->enter()) return;
+      if (!shared_->acquire()) return;
       Descriptor client(accept4(entry.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (!client) {
         bool full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-        shared_->leave();
-        // Nothing is gained by asking again at once: a descriptor must come free first.
+        shared_->release();
+        // The client stays in the backlog, so the socket stays readable. Give the system time to free resources.
         if (full) wait_for({}, shared_->context.stop.get(), deadline_after(100ms));
         continue;
       }
@@ -157,7 +157,6 @@ void Proxy::accept() {
   }
 }
 
-// Gives a client a thread of its own.
 void Proxy::serve(Descriptor client) {
   try {
     std::thread([shared = shared_, client = std::move(client)]() mutable {
@@ -166,11 +165,11 @@ void Proxy::serve(Descriptor client) {
       } catch (const std::exception& error) {
         ORVANE_LOG_ERROR(default_log(), "proxy: a connection ended early: %s", error.what());
       }
-      shared->leave();
+      shared->release();
     }).detach();
   } catch (const std::system_error& error) {
     ORVANE_LOG_ERROR(default_log(), "proxy: no thread for a connection: %s", error.what());
-    shared_->leave();
+    shared_->release();
   }
 }
 

@@ -20,10 +20,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kHeadTime = 30s;   // for a client to say what it wants
-constexpr auto kReplyTime = 10s;  // for it to take a short answer
+constexpr auto kHeadTime = 30s;   // to receive a request's head
+constexpr auto kReplyTime = 10s;  // to send a short reply
 
-// The examination of one connection's flow. A connection that no rule of the provider is about passes unasked.
+// Asks the provider about one connection's flow. Without begin(), when no rule selects the flow, everything passes.
 class Examination {
  public:
   enum class Answer { Pass, Drop };
@@ -34,14 +34,14 @@ class Examination {
     return session_->newFlow() == FilterSession::State::Dropped ? Answer::Drop : Answer::Pass;
   }
 
-  // The flow's name is to be read from its first bytes.
-  void readNameFor(Ref<LinuxSocketFlow> flow) { nameless_ = std::move(flow); }
+  // Lets ask() read the flow's name from its first bytes.
+  void readNameFor(Ref<LinuxSocketFlow> flow) { unnamedFlow_ = std::move(flow); }
 
-  // See GateQuestion.
+  // A GateQuestion.
   Gate ask(std::span<const uint8_t> held, bool ended, bool silent) {
     if (!session_) return Gate::Open;
     if (session_->holdsData() && !held.empty()) {
-      if (!settleName(held, ended || silent)) return Gate::Held;
+      if (!readName(held, ended || silent)) return Gate::Held;
       session_->outboundData(held);
     }
     if (ended) session_->outboundComplete();
@@ -50,18 +50,18 @@ class Examination {
   }
 
  private:
-  // Gives the flow its name when the bytes tell it. False while more bytes may.
-  bool settleName(std::span<const uint8_t> held, bool last) {
-    if (nameless_ == nullptr) return true;
+  // Sets the flow's name if the bytes have it. Returns false while more bytes are needed.
+  bool readName(std::span<const uint8_t> held, bool last) {
+    if (unnamedFlow_ == nullptr) return true;
     ServerName name = find_server_name(held);
     if (name.state == ServerName::State::Open && !last) return false;
-    if (name.state == ServerName::State::Known) nameless_->setRemoteHostname(std::move(name.name));
-    nameless_ = nullptr;
+    if (name.state == ServerName::State::Known) unnamedFlow_->setRemoteHostname(std::move(name.name));
+    unnamedFlow_ = nullptr;
     return true;
   }
 
   std::unique_ptr<FilterSession> session_;
-  Ref<LinuxSocketFlow> nameless_;
+  Ref<LinuxSocketFlow> unnamedFlow_;
 };
 
 const char* phrase(unsigned status) {
@@ -88,7 +88,7 @@ class ProxyConnection {
 
   void serve() {
     if (!readHead() || !examine()) return;
-    // A request has bytes to show before there is anything to connect to.
+    // A request's bytes are here already, so they are judged before the proxy connects to the server.
     if (request_.form == ProxyRequest::Form::Forward && !gatherFirstBytes()) return;
     if (connectUpstream()) carry();
   }
@@ -107,11 +107,11 @@ class ProxyConnection {
   Descriptor client_;
   Descriptor upstream_;
   ProxyRequest request_{};
-  std::string first_;  // outbound bytes that have been read already
+  std::string first_;  // outbound bytes that were read before the relay starts
   Examination examination_;
 };
 
-// Reads the request's head, and what came in with it. False when the connection has been dealt with.
+// Reads the request's head, and the bytes that came with it. Returns false when the connection has ended.
 bool ProxyConnection::readHead() {
   Deadline end = deadline_after(kHeadTime);
   char bytes[16384];
@@ -137,7 +137,7 @@ bool ProxyConnection::readHead() {
   }
 }
 
-// Asks about the new flow what there is to ask. False when it has been refused.
+// Shows the new flow to the provider if a rule selects it. Returns false when the flow was refused.
 bool ProxyConnection::examine() {
   NEFilterAction action =
       action_for_outbound_flow(context_.settings, {request_.host, request_.port, NENetworkRuleProtocol::TCP});
@@ -145,7 +145,7 @@ bool ProxyConnection::examine() {
   if (action == NEFilterAction::FilterData) {
     auto ends = socket_ends(client_.get());
     if (!ends) return false;
-    // The client's end of this connection is the socket to find the owner of.
+    // The owner is looked up by the client's end of the connection: its local address is our peer.
     Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
                                               reinterpret_cast<const sockaddr*>(&ends->local));
     if (request_.form == ProxyRequest::Form::Forward) {
@@ -165,7 +165,7 @@ bool ProxyConnection::examine() {
   return false;
 }
 
-// Puts together what a request begins with, and shows it. False when it has been dropped.
+// Puts the rewritten head before the body's first bytes, and shows both. Returns false when the flow was dropped.
 bool ProxyConnection::gatherFirstBytes() {
   std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(first_.data()), first_.size());
   first_.resize(request_.body.take(rest));
@@ -180,7 +180,7 @@ bool ProxyConnection::gatherFirstBytes() {
   return false;
 }
 
-// Whether a connection's other end is the proxy itself, however its address was written.
+// Whether the connection's peer is the proxy itself, in any spelling of its address.
 bool leads_to_proxy(int upstream, uint16_t port) {
   auto ends = socket_ends(upstream);
   if (!ends) return false;
@@ -206,8 +206,7 @@ bool ProxyConnection::connectUpstream() {
     return false;
   }
   upstream_ = std::move(connected.socket);
-  // A peer that is gone without a word is found out within two minutes, not after the system's two hours: it holds one
-  // of a bounded number of places.
+  // Finds a vanished peer after two minutes, not after the system's two hours: it occupies one of the connections.
   int on = 1, idle = 60, interval = 15, probes = 4;
   for (int socket : {client_.get(), upstream_.get()}) {
     setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);

@@ -7,16 +7,15 @@
 
 namespace orvane {
 
-// What all connections of a proxy share. It lives until the last of them is over.
+// Shared by all connections of a proxy. Lives until the last one ends.
 struct ProxyContext {
   Ref<NEFilterDataProvider> provider;
   NEFilterSettings settings;
-  uint16_t port = 0;  // that the proxy listens on
-  Descriptor stop;    // an eventfd(2); raised to end everything
+  uint16_t port = 0;  // the proxy's own
+  Descriptor stop;    // an eventfd(2); ends all connections when raised
 };
 
-// Serves one client of the proxy on the calling thread: one tunnel, or one request. Returns when the connection is
-// over.
+// Serves one client on the calling thread, with one tunnel or one request. Returns when the connection has ended.
 void serve_proxy_connection(const ProxyContext& context, Descriptor client);
 
 }  // namespace orvane

@@ -17,13 +17,13 @@ std::string_view view(boost::beast::string_view text) { return {text.data(), tex
 
 ProxyHead refused(unsigned status, const char* reason) { return {ProxyHead::State::Refused, {}, status, reason}; }
 
-// An absolute http URL, cut into what goes to the origin server (RFC 9112, section 3.2.2).
+// The parts of an absolute http URL that go to the origin server (RFC 9112, section 3.2.2).
 struct Target {
   std::string_view authority;  // without user information
   std::string path;            // with the query
 };
 
-std::optional<Target> split_target(std::string_view url, std::string_view method) {
+Target split_target(std::string_view url, std::string_view method) {
   std::string_view rest = url.substr(std::string_view("http://").size());
   rest = rest.substr(0, rest.find('#'));
   std::string_view authority = rest.substr(0, rest.find_first_of("/?"));
@@ -34,13 +34,13 @@ std::optional<Target> split_target(std::string_view url, std::string_view method
     path.insert(0, "/");
   }
   if (size_t at = authority.rfind('@'); at != std::string_view::npos) authority.remove_prefix(at + 1);
-  return Target{authority, std::move(path)};
+  return {authority, std::move(path)};
 }
 
-// Names of fields, in letters of either case.
+// Compared without regard to case.
 using FieldNames = std::set<boost::beast::string_view, boost::beast::iless>;
 
-// The fields that the client lists as being about this one connection (RFC 9110, section 7.6.1).
+// The field names in the Connection fields (RFC 9110, section 7.6.1).
 FieldNames connection_options(const RequestParser::value_type& message) {
   FieldNames names;
   auto [first, last] = message.equal_range(http::field::connection);
@@ -50,8 +50,8 @@ FieldNames connection_options(const RequestParser::value_type& message) {
   return names;
 }
 
-// Whether a field is about this one connection: by its name, or because it is listed. Transfer-Encoding is none of
-// ours: the body is passed on in the coding that it came in.
+// Whether a field belongs to the client's connection only: by its name, or because `listed` has it. Transfer-Encoding
+// does not, because the body is forwarded in its own coding.
 bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& listed) {
   switch (field.name()) {
     case http::field::connection:
@@ -72,7 +72,7 @@ bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& list
 
 std::string forwarded_head(const RequestParser::value_type& message, const Target& target) {
   std::string head(view(message.method_string()));
-  // The client's own version: an answer in chunks would be lost on one that speaks HTTP/1.0.
+  // The client's own version: a client that speaks HTTP/1.0 cannot read a chunked response.
   head.append(" ").append(target.path).append(message.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
   head.append("Host: ").append(target.authority).append("\r\n");
   FieldNames listed = connection_options(message);
@@ -98,7 +98,7 @@ ProxyHead forward_request(const RequestParser& parser) {
   const RequestParser::value_type& message = parser.get();
   std::string_view url = view(message.target());
   auto target = split_target(url, view(message.method_string()));
-  auto authority = parse_authority(target->authority);
+  auto authority = parse_authority(target.authority);
   if (!authority) return refused(400, "The URL of the request has no host that can be understood.");
   if (message.count(http::field::transfer_encoding) > 0 && !parser.chunked()) {
     return refused(501, "The request's body has a transfer coding that is not known here.");
@@ -109,7 +109,7 @@ ProxyHead forward_request(const RequestParser& parser) {
   head.request.hostIsAddress = authority->isAddress;
   head.request.port = authority->port.value_or(80);
   head.request.url = url;
-  head.request.head = forwarded_head(message, *target);
+  head.request.head = forwarded_head(message, target);
   head.request.body =
       parser.chunked() ? RequestBody::chunked() : RequestBody::ofLength(parser.content_length().value_or(0));
   return head;
@@ -119,7 +119,7 @@ bool has_scheme(std::string_view target, std::string_view scheme) {
   return target.size() >= scheme.size() && strncasecmp(target.data(), scheme.data(), scheme.size()) == 0;
 }
 
-ProxyHead understand(const RequestParser& parser) {
+ProxyHead read_request(const RequestParser& parser) {
   const RequestParser::value_type& message = parser.get();
   if (message.method() == http::verb::connect) return tunnel_request(message);
   std::string_view target = view(message.target());
@@ -142,14 +142,14 @@ ProxyHead parse_proxy_head(std::string_view bytes) {
   }
   if (error == http::error::need_more) return {ProxyHead::State::Incomplete};
   if (error) return refused(400, "The head of the request is malformed.");
-  ProxyHead head = understand(parser);
+  ProxyHead head = read_request(parser);
   head.request.length = length;
   return head;
 }
 
 RequestBody RequestBody::ofLength(uint64_t bytes) {
   RequestBody body(bytes == 0 ? State::Ended : State::Plain);
-  body.left_ = bytes;
+  body.remaining_ = bytes;
   return body;
 }
 
@@ -159,10 +159,10 @@ size_t RequestBody::take(std::span<const uint8_t> bytes) {
   size_t taken = 0;
   while (taken < bytes.size() && !ended() && !malformed()) {
     if (state_ == State::Plain || state_ == State::Data) {
-      size_t step = static_cast<size_t>(std::min<uint64_t>(left_, bytes.size() - taken));
-      left_ -= step;
+      size_t step = static_cast<size_t>(std::min<uint64_t>(remaining_, bytes.size() - taken));
+      remaining_ -= step;
       taken += step;
-      if (left_ == 0) state_ = state_ == State::Plain ? State::Ended : State::DataReturn;
+      if (remaining_ == 0) state_ = state_ == State::Plain ? State::Ended : State::DataReturn;
     } else {
       state_ = afterFraming(static_cast<char>(bytes[taken++]));
     }
@@ -170,8 +170,8 @@ size_t RequestBody::take(std::span<const uint8_t> bytes) {
   return taken;
 }
 
-// The framing of chunks (RFC 9112, section 7.1), one byte at a time. Lines end in CR LF and nothing less: two readers
-// that disagree about where a body ends can be made to see two different requests.
+// Reads one byte of the framing of chunks (RFC 9112, section 7.1). Lines must end in CR LF: if the proxy and the server
+// disagreed about where a body ends, a client could smuggle a second request past the filter.
 RequestBody::State RequestBody::afterFraming(char byte) {
   auto expect = [byte](char wanted, State next) { return byte == wanted ? next : State::Malformed; };
   switch (state_) {
@@ -180,8 +180,8 @@ RequestBody::State RequestBody::afterFraming(char byte) {
     case State::SizeRest:
       return byte == '\r' ? State::SizeEnd : byte == '\n' ? State::Malformed : State::SizeRest;
     case State::SizeEnd:
-      sizeGiven_ = false;
-      return expect('\n', left_ == 0 ? State::Trailer : State::Data);
+      hasSizeDigit_ = false;
+      return expect('\n', remaining_ == 0 ? State::Trailer : State::Data);
     case State::DataReturn:
       return expect('\r', State::DataEnd);
     case State::DataEnd:
@@ -205,12 +205,12 @@ RequestBody::State RequestBody::afterSizeDigit(char byte) {
   if (byte >= 'a' && byte <= 'f') digit = static_cast<unsigned>(byte - 'a') + 10;
   if (byte >= 'A' && byte <= 'F') digit = static_cast<unsigned>(byte - 'A') + 10;
   if (digit < 16) {
-    if (left_ >> 60 != 0) return State::Malformed;
-    left_ = left_ << 4 | digit;
-    sizeGiven_ = true;
+    if (remaining_ >> 60 != 0) return State::Malformed;
+    remaining_ = remaining_ << 4 | digit;
+    hasSizeDigit_ = true;
     return State::Size;
   }
-  if (!sizeGiven_) return State::Malformed;
+  if (!hasSizeDigit_) return State::Malformed;
   if (byte == '\r') return State::SizeEnd;
   return byte == ';' || byte == ' ' || byte == '\t' ? State::SizeRest : State::Malformed;
 }

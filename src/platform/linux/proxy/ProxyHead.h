@@ -14,7 +14,7 @@ class RequestBody {
   static RequestBody ofLength(uint64_t bytes);
   static RequestBody chunked();
 
-  // How many of the next bytes belong to the body. Fewer than are given only where the body ends or is malformed.
+  // Returns how many of the next bytes belong to the body: all, unless the body ends or is malformed.
   size_t take(std::span<const uint8_t> bytes);
 
   bool ended() const { return state_ == State::Ended; }
@@ -42,8 +42,8 @@ class RequestBody {
   State afterSizeDigit(char byte);
 
   State state_;
-  uint64_t left_ = 0;  // bytes of the body, or of the chunk, that are still to come
-  bool sizeGiven_ = false;
+  uint64_t remaining_ = 0;  // bytes of the body or of the chunk; while a chunk size is read, its value so far
+  bool hasSizeDigit_ = false;
 };
 
 // What a client asks the proxy for.
@@ -54,11 +54,11 @@ struct ProxyRequest {
   std::string host;  // as the client wrote it; an IPv6 address without its brackets
   bool hostIsAddress;
   uint16_t port;
-  size_t length;  // bytes of the head, the empty line included
+  size_t length;  // of the head in bytes, the empty line included
 
-  // Of a Forward request:
+  // Forward only:
   std::string url;   // as the client wrote it
-  std::string head;  // to be sent to the origin server: origin form, no hop-by-hop fields, Connection: close
+  std::string head;  // for the origin server: origin form, without hop-by-hop fields, with Connection: close
   RequestBody body = RequestBody::ofLength(0);
 };
 
@@ -66,13 +66,13 @@ struct ProxyHead {
   enum class State { Incomplete, Complete, Refused };
 
   State state;
-  ProxyRequest request{};        // when complete
-  unsigned status = 0;           // when refused: 400, 431 or 501,
-  const char* reason = nullptr;  // and one line for the client's user
+  ProxyRequest request{};        // when Complete
+  unsigned status = 0;           // when Refused: 400, 431 or 501
+  const char* reason = nullptr;  // when Refused: one line for the client's user
 };
 
 // Reads the head of a request to the proxy from the first bytes of a connection (RFC 9112, sections 3.2.2 and 3.2.3).
-// Refused as soon as the bytes cannot become a head that the proxy serves.
+// Refuses as soon as the bytes cannot become a head that the proxy serves.
 ProxyHead parse_proxy_head(std::string_view bytes);
 
 }  // namespace orvane

@@ -8,7 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A client that has said something and then waits for its server, which may be waiting for what is held.
+// A client that sends nothing for this time waits for its server, and the server may wait for the bytes that are held.
 constexpr auto kSilence = 3s;
 
 bool try_again() { return errno == EAGAIN || errno == EINTR; }
@@ -24,7 +24,7 @@ Relay::Direction::Direction(int fromSocket, int toSocket, std::string_view first
   std::copy(first.begin(), first.end(), buffer.get());
 }
 
-// Reads what there is and room for. The number of bytes read.
+// Reads what is there and fits. Returns the number of bytes.
 size_t Relay::Direction::read() {
   ssize_t count = recv(from, buffer.get() + end, capacity - end, 0);
   if (count > 0) {
@@ -37,7 +37,7 @@ size_t Relay::Direction::read() {
   return 0;
 }
 
-// Writes what the other side takes. One that takes nothing any more may still have things to say, so this is no break.
+// Writes what the target takes. A target that reads no more may still send, so this does not break the connection.
 void Relay::Direction::write() {
   ssize_t count = send(to, buffer.get() + begin, end - begin, MSG_NOSIGNAL);
   if (count < 0 && !try_again()) {
@@ -65,29 +65,29 @@ Relay::Outcome Relay::run() {
     finishEmpty(outbound_, body_ == nullptr);
     finishEmpty(inbound_, true);
     if (outbound_.broken || inbound_.broken) return Outcome::Broken;
-    if (over()) return Outcome::Ended;
+    if (isOver()) return Outcome::Ended;
     Wait waited = wait();
     if (waited == Wait::Stopped) return Outcome::Stopped;
     silent = waited == Wait::TimedOut;
   }
 }
 
-// Asks the gate, as long as it has not let everything through.
+// Calls the gate, unless it is open.
 void Relay::ask(bool silent) {
   if (endAsked_ || (gate_ == Gate::Open && !outbound_.sourceEnded)) return;
   endAsked_ = outbound_.sourceEnded;
   gate_ = question_(outbound_.pending(), outbound_.sourceEnded, silent);
 }
 
-// Takes note of a direction that has nothing more to carry.
+// Finishes a direction whose source has ended, once its buffer is empty.
 void Relay::finishEmpty(Direction& direction, bool passOn) {
   if (direction.finished || !direction.sourceEnded || direction.broken || !direction.pending().empty()) return;
   direction.finished = true;
   if (passOn) shutdown(direction.to, SHUT_WR);
 }
 
-// An exchange is over with its response, a tunnel with both directions.
-bool Relay::over() const { return inbound_.finished && (outbound_.finished || body_ != nullptr); }
+// A request ends with its response, a tunnel with both directions.
+bool Relay::isOver() const { return inbound_.finished && (outbound_.finished || body_ != nullptr); }
 
 Wait Relay::wait() {
   bool held = gate_ == Gate::Held;
@@ -95,16 +95,16 @@ Wait Relay::wait() {
     short events = 0;
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
-    // A socket that is shut both ways says so without end: once we have shut our side, it is only looked at when there
-    // is something to wait for. Before that, only a reset is reported unasked.
+    // poll() reports a socket that is shut in both directions again and again, even without requested events. So after
+    // our own shutdown such a socket is left out. Before it, only a reset is reported that way.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
   pollfd entries[2] = {entry(outbound_, inbound_, true), entry(inbound_, outbound_, !held)};
-  if (!held || outbound_.pending().empty()) silence_.reset();
-  if (held && !outbound_.pending().empty() && !silence_) silence_ = deadline_after(kSilence);
+  if (!held || outbound_.pending().empty()) silenceEnd_.reset();
+  if (held && !outbound_.pending().empty() && !silenceEnd_) silenceEnd_ = deadline_after(kSilence);
 
-  Wait waited = wait_for(entries, stop_, silence_);
+  Wait waited = wait_for(entries, stop_, silenceEnd_);
   if (waited != Wait::Ready) return waited;
   if ((entries[1].revents & POLLOUT) != 0) outbound_.write();
   if ((entries[0].revents & POLLOUT) != 0) inbound_.write();
@@ -116,13 +116,13 @@ Wait Relay::wait() {
 void Relay::readOutbound(short events) {
   if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return;
   if (!outbound_.mayRead()) {
-    // Reset while there was no room: what came before is read later, but nothing can be sent to it any more.
+    // The client was reset while the buffer was full. Its bytes can still be read later, but it takes no more.
     if ((events & (POLLHUP | POLLERR)) != 0) inbound_.finished = true;
     return;
   }
   size_t start = outbound_.end;
   size_t count = outbound_.read();
-  if (count > 0) silence_.reset();
+  if (count > 0) silenceEnd_.reset();
   if (body_ == nullptr) return;
   outbound_.end = start + body_->take({outbound_.buffer.get() + start, count});
   if (body_->malformed() || (outbound_.sourceEnded && !body_->ended())) outbound_.broken = true;

@@ -12,35 +12,34 @@
 
 namespace orvane {
 
-// As many bytes as one direction of a relayed connection keeps, beside what the kernel does.
+// The bytes that one direction of a connection buffers, in addition to the kernel's own buffers.
 inline constexpr size_t kRelayBufferSize = 65536;
 
 // Whether outbound bytes may leave.
 enum class Gate { Open, Held, Dropped };
 
-// Asked with the bytes held so far, whether the outbound side has ended, and whether the client has kept silent for a
-// while. Once open, it is asked again only when the outbound side ends.
+// Decides about the outbound bytes that are held. `ended`: the outbound side has ended. `silent`: the client has sent
+// nothing for 3 s. After Open, it is called once more: when the outbound side ends.
 using GateQuestion = std::function<Gate(std::span<const uint8_t> held, bool ended, bool silent)>;
 
-// Carries bytes between a client and its upstream, both ways at once, each way through a bounded buffer: a side that
-// does not read stops the other from being read. Inbound bytes pass while outbound ones are held, as some servers speak
-// first.
-//
-// Not thread-safe: it works on the calling thread and returns when the connection is over.
+// Copies bytes between a client and its upstream, each way through a bounded buffer: while one side does not read, the
+// other side is not read either. Inbound bytes pass while outbound bytes are held, because some servers speak first.
+// Not thread-safe.
 class Relay {
  public:
   enum class Outcome {
-    Ended,    // both sides have had everything
+    Ended,    // both sides got everything
     Dropped,  // by the gate
-    Broken,   // one side broke off or a body was malformed: the other must not take it for an end
-    Stopped,
+    Broken,   // one side was reset, or the body is malformed: the other side must not see an orderly end
+    Stopped,  // `stop` was raised
   };
 
-  // Sockets are borrowed and non-blocking. `first` are outbound bytes that have been read already. With a body, this is
-  // one exchange of a request whose remaining bytes it frames: nothing after it is passed on, and the response's end is
-  // the end. Without, it is a tunnel, and each side's end is passed on to the other.
+  // Borrows the sockets, which are non-blocking, and `stop`, an eventfd(2). `first` has outbound bytes that were read
+  // already. With a body, the relay carries one request: it forwards the rest of the body and nothing after it, and
+  // ends with the response. Without a body it is a tunnel, which passes each side's end on to the other side.
   Relay(int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question);
 
+  // Works on the calling thread until the connection ends.
   Outcome run();
 
  private:
@@ -52,8 +51,8 @@ class Relay {
     size_t begin = 0;
     size_t end = 0;
     bool sourceEnded = false;  // nothing more will be read
-    bool broken = false;       // the source was cut off
-    bool finished = false;     // everything is written, or nobody takes it any more
+    bool broken = false;       // the source was reset, or its body is malformed
+    bool finished = false;     // everything was written, or the target reads no more
 
     Direction(int from, int to, std::string_view first);
     bool mayRead() const { return !sourceEnded && !finished && end < capacity; }
@@ -66,7 +65,7 @@ class Relay {
   void readOutbound(short events);
   void readInbound(short events);
   void finishEmpty(Direction& direction, bool passOn);
-  bool over() const;
+  bool isOver() const;
   Wait wait();
 
   int stop_;
@@ -76,7 +75,7 @@ class Relay {
   Direction inbound_;
   Gate gate_ = Gate::Held;
   bool endAsked_ = false;
-  Deadline silence_;
+  Deadline silenceEnd_;
 };
 
 }  // namespace orvane

@@ -55,7 +55,7 @@ TEST_F(QueuedFlowsTest, GivesALatePacketTheVerdictOfItsFlowAndAsksOnce) {
   provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
   EXPECT_EQ(flows.judge(packet(request, 0)), Dropped);
   EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the verdict";
-  flows.drained();
+  flows.queueDrained();
   EXPECT_EQ(flows.judge(packet("more", 40)), Dropped);
   EXPECT_EQ(flow_counters().lateQueued - late, 1U);
   EXPECT_EQ(calls(), "new a.example; ");
