@@ -18,12 +18,12 @@ namespace orvane {
 struct Finding {
   enum class Result {
     Ok,
-    Warning,  // works, but not fully or not lastingly
+    Warning,  // works, but not fully or not permanently
     Problem,  // does not work
     Unknown,  // could not be checked
   };
   std::string check;    // the check's identifier; releases do not change it, since scripts use it
-  std::string subject;  // for a check that is made of several things: which one, such as a browser's name
+  std::string subject;  // which one of several, such as a browser's name; empty if there is only one
   Result result;
   std::string found;   // one line
   std::string advice;  // one line: what to do; may be empty

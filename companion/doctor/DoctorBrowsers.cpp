@@ -51,14 +51,14 @@ Setting http3_of(const BrowserFacts& facts) {
 Setting dns_of(const BrowserFacts& facts) {
   if (facts.policy.dnsOverHttps) return {*facts.policy.dnsOverHttps, facts.policy.dnsOverHttpsFile};
   Setting setting;
-  bool isDefault = facts.profiles.empty();  // in at least one profile
+  bool usesDefault = facts.profiles.empty();  // at least one profile has no setting
   for (const BrowserProfile& profile : facts.profiles) {
-    if (!profile.dnsOverHttps) isDefault = true;
+    if (!profile.dnsOverHttps) usesDefault = true;
     if (profile.dnsOverHttps && (setting.value.empty() || setting.value == "off")) {
       setting = {*profile.dnsOverHttps, profile.path};
     }
   }
-  return isDefault && setting.value == "off" ? Setting{} : setting;
+  return usesDefault && setting.value == "off" ? Setting{} : setting;
 }
 
 std::string http3_advice(const InstalledBrowser& browser) {
