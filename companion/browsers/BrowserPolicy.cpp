@@ -1,20 +1,17 @@
 #include "companion/browsers/BrowserPolicy.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
-#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/base/Files.h"
-#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {
@@ -82,23 +79,6 @@ void remove_empty_folders(const PolicyPlace& place, const std::string& root) {
   }
 }
 
-// Replaces the file in one step, so that no browser reads half a file. Returns the reason of a failure, or an empty
-// text.
-std::string replace_file(const std::string& path, const std::string& text) {
-  // Beside the folder, because Chromium reads every file in it as a policy, whatever its name.
-  const fs::path folder = fs::path(path).parent_path().parent_path();
-  const std::string temporary = (folder / (".orvane-se.new-" + std::to_string(::getpid()))).string();
-  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-  if (!file) return temporary + ": " + std::strerror(errno);
-  if (write_all(file.get(), text) && ::fchmod(file.get(), 0644) == 0 && ::fsync(file.get()) == 0 &&
-      ::rename(temporary.c_str(), path.c_str()) == 0) {
-    return {};
-  }
-  std::string reason = path + ": " + std::strerror(errno);
-  ::unlink(temporary.c_str());
-  return reason;
-}
-
 PolicyChange install(const PolicyPlace& place, const std::string& root, bool withoutDnsOverHttps) {
   const std::string path = root + place.path(), wanted = policy_text(place.family, withoutDnsOverHttps);
   std::string text;
@@ -106,7 +86,11 @@ PolicyChange install(const PolicyPlace& place, const std::string& root, bool wit
   if (found == Found::Foreign) return {&place, PolicyChange::Outcome::Foreign, {}};
   if (found == Found::Ours && text == wanted) return {&place, PolicyChange::Outcome::Nothing, {}};
   std::string reason = make_folders(place, root);
-  if (reason.empty()) reason = replace_file(path, wanted);
+  if (reason.empty()) {
+    // The temporary file is beside the folder, because Chromium reads every file in the folder as a policy.
+    const std::string temporary = "../.orvane-se.new-" + std::to_string(::getpid());
+    if (std::error_code error = replace_file(path, temporary, wanted, 0644)) reason = path + ": " + error.message();
+  }
   if (reason.empty()) return {&place, PolicyChange::Outcome::Done, {}};
   remove_empty_folders(place, root);
   return {&place, PolicyChange::Outcome::Failed, reason};

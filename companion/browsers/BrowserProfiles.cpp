@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/linux/base/Files.h"
-#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {

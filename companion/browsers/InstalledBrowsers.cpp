@@ -14,7 +14,6 @@
 #include "platform/linux/base/Files.h"
 #include "platform/linux/process/DesktopEntry.h"
 #include "platform/linux/process/ProcessIdentity.h"
-#include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
 namespace {
