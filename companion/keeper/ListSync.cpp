@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "companion/text/Properties.h"
+#include "platform/Clock.h"
 
 namespace orvane {
 namespace {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <string_view>
 
 #include "platform/Value.h"
@@ -9,9 +8,6 @@ namespace orvane {
 
 // The moment until which a host is not blocked, as a property's key.
 inline constexpr std::string_view kDontBlockUntil = "DontBlockUntil";
-
-// From when the seconds of a date count (Value.h).
-inline constexpr std::chrono::sys_days kAbsoluteTimeReference = std::chrono::year(2001) / std::chrono::January / 1;
 
 // A moment written as RFC 3339 has it, "2030-01-31T18:00:00+01:00"; fractions of a second are kept, a space may stand
 // in place of the T. Throws InputError for anything else, also for a day that the calendar does not have.

@@ -11,6 +11,7 @@
 
 #include "companion/text/Input.h"
 #include "companion/text/Properties.h"
+#include "platform/Clock.h"
 
 namespace orvane {
 namespace {

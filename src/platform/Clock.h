@@ -1,8 +1,13 @@
 #pragma once
 
+#include <chrono>
+
 namespace orvane {
 
-// The wall clock's absolute time: seconds since 2001-01-01 00:00:00 UTC.
+// An absolute time is a number of seconds since this moment.
+inline constexpr std::chrono::sys_days kAbsoluteTimeReference = std::chrono::year(2001) / std::chrono::January / 1;
+
+// The current absolute time by the wall clock.
 double absolute_time_get_current();
 
 }  // namespace orvane

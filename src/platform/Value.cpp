@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <functional>
 #include <new>
+
+#include "platform/Clock.h"
 
 namespace orvane {
 
@@ -88,8 +91,8 @@ void append_number(std::string& text, const Value& value) {
 }
 
 void append_date(std::string& text, double absoluteTime) {
-  constexpr double kReferenceInUnixTime = 978307200;  // 2001-01-01 00:00:00 UTC
-  double unixTime = std::floor(absoluteTime + kReferenceInUnixTime);
+  constexpr std::chrono::seconds kReferenceInUnixTime = kAbsoluteTimeReference.time_since_epoch();
+  double unixTime = std::floor(absoluteTime + static_cast<double>(kReferenceInUnixTime.count()));
   std::tm parts{};
   char buffer[64];
   // gmtime_r() fails when the year exceeds an int; print the seconds instead.

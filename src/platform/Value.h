@@ -54,7 +54,7 @@ class Value {
   static Value unsignedNumber(uint64_t value);
   static Value real(double value);
   static Value string(std::string_view text);  // UTF-8
-  static Value date(double absoluteTime);      // seconds since 2001-01-01 00:00:00 UTC
+  static Value date(double absoluteTime);      // an absolute time (Clock.h)
   static Value data(std::span<const uint8_t> bytes);
   static Value array(Array elements);
   static Value set(Set members);
