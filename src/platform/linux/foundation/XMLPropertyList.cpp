@@ -1,0 +1,246 @@
+#include "platform/linux/foundation/XMLPropertyList.h"
+
+#include <libxml/SAX2.h>
+#include <libxml/parser.h>
+#include <resolv.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/DateText.h"
+
+namespace orvane {
+namespace {
+
+constexpr std::string_view kWhiteSpace = " \t\r\n";
+
+std::string_view trimmed(std::string_view text) {
+  const size_t first = text.find_first_not_of(kWhiteSpace);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
+}
+
+// ---- The values of elements. Nil for a text that is not such a value. ----
+
+template <class T, class... Base>
+std::optional<T> parse_number(std::string_view digits, Base... base) {
+  T number{};
+  const char* end = digits.data() + digits.size();
+  auto [stop, error] = std::from_chars(digits.data(), end, number, base...);
+  return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
+}
+
+Value string_value(std::string_view text) { return Value::string(text); }
+
+Value integer_value(std::string_view text) {
+  text = trimmed(text);
+  const bool negative = text.starts_with('-');
+  if (negative || text.starts_with('+')) text.remove_prefix(1);
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  if (hexadecimal) text.remove_prefix(2);
+  const auto magnitude = parse_number<uint64_t>(text, hexadecimal ? 16 : 10);
+  if (!magnitude || (negative && *magnitude > uint64_t{1} << 63)) return nullptr;
+  if (negative) return Value::number(static_cast<int64_t>(0 - *magnitude));
+  return *magnitude <= INT64_MAX ? Value::number(static_cast<int64_t>(*magnitude)) : Value::unsignedNumber(*magnitude);
+}
+
+Value real_value(std::string_view text) {
+  text = trimmed(text);
+  const bool plus = text.starts_with('+');
+  if (plus) text.remove_prefix(1);
+  if (plus && text.starts_with('-')) return nullptr;
+  const auto number = parse_number<double>(text);
+  return number ? Value::real(*number) : Value();
+}
+
+// YYYY-MM-DDTHH:MM:SSZ
+Value date_value(std::string_view text) {
+  text = trimmed(text);
+  if (text.size() != std::string_view("0000-00-00T00:00:00Z").size() || text[10] != 'T' || text.back() != 'Z') {
+    return nullptr;
+  }
+  const auto absoluteTime = absolute_time_of_text(text);
+  return absoluteTime ? Value::date(*absoluteTime) : Value();
+}
+
+// Base64 with white space anywhere.
+Value data_value(std::string_view text) {
+  std::vector<uint8_t> bytes(text.size() / 4 * 3 + 3);
+  const int length = b64_pton(std::string(text).c_str(), bytes.data(), bytes.size());
+  return length < 0 ? Value() : Value::data(std::span(bytes).first(static_cast<size_t>(length)));
+}
+
+Value true_value(std::string_view text) { return trimmed(text).empty() ? Value::boolean(true) : Value(); }
+Value false_value(std::string_view text) { return trimmed(text).empty() ? Value::boolean(false) : Value(); }
+
+struct Element {
+  std::string_view name;
+  Value (*valueOf)(std::string_view);  // null for a container
+};
+
+constexpr std::array<Element, 11> kElements = {{{"plist", nullptr},
+                                                {"dict", nullptr},
+                                                {"array", nullptr},
+                                                {"key", string_value},
+                                                {"string", string_value},
+                                                {"data", data_value},
+                                                {"integer", integer_value},
+                                                {"real", real_value},
+                                                {"date", date_value},
+                                                {"true", true_value},
+                                                {"false", false_value}}};
+
+// Builds the value from libxml2's SAX events, in one pass.
+class XMLReader {
+ public:
+  explicit XMLReader(size_t maxDepth) : maxDepth_(maxDepth) {}
+
+  Value read(std::span<const uint8_t> bytes, std::string* fault) {
+    static std::once_flag initialised;
+    std::call_once(initialised, xmlInitParser);
+    std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
+    if (!context) {
+      *fault = "there is no memory to read it";
+      return nullptr;
+    }
+    context_ = context.get();
+    *context_->sax = handlers();
+    context_->userData = this;
+    // libxml2 makes a document for the declarations that it reads, whatever the handlers are.
+    xmlFreeDoc(xmlCtxtReadMemory(context_, reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()),
+                                 nullptr, nullptr, XML_PARSE_NONET));
+    if (context_->wellFormed == 0) fail("it is not well-formed XML");
+    if (fault_.empty()) return root_;
+    *fault = fault_;
+    return nullptr;
+  }
+
+ private:
+  // An element between its start tag and its end tag.
+  struct Open {
+    const Element* element;
+    std::string text;
+    Value::Array children;  // of a dictionary: keys and values in turn
+  };
+
+  static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
+
+  // Without a handler for external subsets no DTD is loaded; without one for entities they would expand to nothing, so
+  // they are refused.
+  static xmlSAXHandler handlers() {
+    xmlSAXHandler handler{};
+    handler.initialized = XML_SAX2_MAGIC;
+    handler.startDocument = [](void* user) { self(user).checkEncoding(); };
+    handler.startElementNs = [](void* user, const xmlChar* name, const xmlChar* prefix, const xmlChar*, int,
+                                const xmlChar**, int, int, const xmlChar**) {
+      self(user).start(prefix == nullptr ? reinterpret_cast<const char*>(name) : ":");
+    };
+    handler.endElementNs = [](void* user, const xmlChar*, const xmlChar*, const xmlChar*) { self(user).end(); };
+    handler.characters = [](void* user, const xmlChar* text, int length) {
+      self(user).characters({reinterpret_cast<const char*>(text), static_cast<size_t>(length)});
+    };
+    handler.ignorableWhitespace = handler.characters;
+    handler.cdataBlock = handler.characters;
+    handler.entityDecl = [](void* user, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
+      self(user).fail("it declares an entity");
+    };
+    // The error's type differs between versions of libxml2.
+    handler.serror = [](void* user, auto* error) {
+      if (error->level < XML_ERR_ERROR) return;
+      const std::string_view message = error->message == nullptr ? "not well-formed" : error->message;
+      self(user).failAt(error->line, message.substr(0, message.find('\n')));
+    };
+    return handler;
+  }
+
+  // Keeps the first fault.
+  void fail(std::string fault) {
+    if (fault_.empty()) fault_ = std::move(fault);
+    xmlStopParser(context_);
+  }
+  void failAt(int line, std::string_view fault) { fail("line " + std::to_string(line) + ": " + std::string(fault)); }
+  void failHere(std::string_view fault) { failAt(xmlSAX2GetLineNumber(context_), fault); }
+
+  // Other encodings would be read by converters of the C library, which it loads as their names demand.
+  void checkEncoding() {
+    const xmlCharEncodingHandler* converter = context_->input->buf->encoder;
+    const std::string_view name = converter == nullptr ? "UTF-8" : converter->name;
+    if (!name.starts_with("UTF-8") && !name.starts_with("UTF-16")) fail("its encoding is not UTF-8 or UTF-16");
+  }
+
+  void start(std::string_view name) {
+    const auto* element = std::find_if(kElements.begin(), kElements.end(), [name](auto& e) { return e.name == name; });
+    if (element == kElements.end()) return failHere("an element that no property list has");
+    if (!fits(*element)) return failHere("<" + std::string(name) + "> does not belong here");
+    if (element->valueOf == nullptr && open_.size() > maxDepth_) return failHere("it is nested too deeply");
+    open_.push_back({element, {}, {}});
+  }
+
+  // Whether an element may come next in the innermost one that is open.
+  bool fits(const Element& element) const {
+    const bool isKey = element.name == "key";
+    if (open_.empty()) return !isKey;
+    const Open& parent = open_.back();
+    if (parent.element->valueOf != nullptr || element.name == "plist") return false;
+    if (parent.element->name == "dict") return isKey == (parent.children.size() % 2 == 0);
+    return !isKey && (parent.element->name == "array" || parent.children.empty());
+  }
+
+  void characters(std::string_view text) {
+    if (!fault_.empty() || open_.empty()) return;
+    Open& innermost = open_.back();
+    if (innermost.element->valueOf != nullptr) {
+      innermost.text += text;
+    } else if (!trimmed(text).empty()) {
+      failHere("text outside of a value");
+    }
+  }
+
+  void end() {
+    if (!fault_.empty()) return;
+    Open ended = std::move(open_.back());
+    open_.pop_back();
+    const std::string name(ended.element->name);
+    const bool whole = name == "dict" ? ended.children.size() % 2 == 0 : name != "plist" || ended.children.size() == 1;
+    if (!whole) return failHere("<" + name + "> lacks a value");
+    Value value = valueOf(ended);
+    if (value.isNil()) return failHere("this is no " + name);
+    if (open_.empty()) {
+      root_ = std::move(value);
+    } else {
+      open_.back().children.push_back(std::move(value));
+    }
+  }
+
+  static Value valueOf(Open& ended) {
+    if (ended.element->valueOf != nullptr) return ended.element->valueOf(ended.text);
+    if (ended.element->name == "array") return Value::array(std::move(ended.children));
+    if (ended.element->name == "plist") return ended.children.front();
+    Value::Dictionary entries;
+    for (size_t i = 0; i < ended.children.size(); i += 2) {
+      entries.emplace(std::move(ended.children[i]), std::move(ended.children[i + 1]));
+    }
+    return Value::dictionary(std::move(entries));
+  }
+
+  const size_t maxDepth_;
+  xmlParserCtxtPtr context_ = nullptr;
+  std::vector<Open> open_;
+  Value root_;
+  std::string fault_;
+};
+
+}  // namespace
+
+Value read_xml_property_list(std::span<const uint8_t> bytes, size_t maxDepth, std::string* fault) {
+  return XMLReader(maxDepth).read(bytes, fault);
+}
+
+}  // namespace orvane
