@@ -42,7 +42,8 @@ constexpr uint32_t kNonTransitionalToUnicode = 0x20;
 // Errors of a label, as bits of UIDNAInfo.errors.
 constexpr uint32_t kEmptyLabel = 0x1;
 constexpr uint32_t kLabelTooLong = 0x2;
-constexpr uint32_t kHyphens = 0x8 | 0x10 | 0x20;  // first, last, third and fourth character: browsers accept them
+constexpr uint32_t kHyphens =
+    0x8 | 0x10 | 0x20;  // as the first, last, or third and fourth character: browsers accept them
 struct LabelError {
   uint32_t bit;
   const char* text;

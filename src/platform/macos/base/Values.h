@@ -7,9 +7,9 @@
 
 @class NSString;
 
-// Converts between values and Foundation's objects. A value survives the way to Foundation and back, with two
-// exceptions: in a set or among keys, Foundation takes a boolean and the number 0 or 1 for the same object; and
-// kMaxDepth limits the nesting. New objects are autoreleased.
+// Converts between values and Foundation's objects. A value converted to Foundation and back stays the same, with two
+// exceptions: as members of a set or as keys, Foundation treats a boolean and the number 0 or 1 as equal; and kMaxDepth
+// limits the nesting. New objects are autoreleased.
 namespace orvane {
 
 // Nil for nil. Inside containers, which cannot hold nil, NSNull stands for it.

@@ -16,7 +16,7 @@ class Connection final : public NSXPCConnection {
   explicit Connection(::NSXPCConnection* connection) : connection_([connection retain]) {}
 
   void setExportedInterface(const NSXPCInterface& exportedInterface) override {
-    if (exportedInterface.protocol() != &OrvaneSECommunication::kProtocol) return;  // the only one
+    if (exportedInterface.protocol() != &OrvaneSECommunication::kProtocol) return;  // the channel has no other protocol
     [connection_ setExportedInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
   }
 

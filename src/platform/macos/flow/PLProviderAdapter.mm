@@ -7,8 +7,8 @@
 
 namespace {
 
-// Runs `body` in an autorelease pool and returns its object autoreleased. The queue's own pool may be drained much
-// later, and flows are many.
+// Runs `body` in an autorelease pool and returns its object, autoreleased. The queue's own pool may be drained much
+// later, and the temporary objects of many flows would collect in it.
 template <class Body>
 auto pooled(Body body) {
   decltype(body()) result = nil;

@@ -69,7 +69,7 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return string == nullptr ? std::nullopt : std::optional(text_of_string(string));
 }
 
-// Status and output are passed on unchanged; the caller handles every pairing.
+// Status and output are passed on unchanged; callers handle every combination.
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
   SecCodeRef found = nullptr;

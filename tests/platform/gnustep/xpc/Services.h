@@ -9,8 +9,7 @@ namespace orvane::stand_in {
 void deliver_messages();
 
 // Breaks all connections: the waiting messages are lost, and the next message connects again. Calls the interruption
-// handlers of both ends. With `restarted`, another process has taken the service over and no handler has been called
-// yet.
+// handlers of both ends. With `restarted`, the service has a new process, and no handler has been called yet.
 void break_connections(bool restarted = false);
 
 }  // namespace orvane::stand_in

@@ -14,18 +14,18 @@
 using orvane::Retained;
 using orvane::stand_in::trace;
 
-// A connection, and its own proxy.
+// One end of a connection. It is also the proxy that sends messages.
 @interface StandInConnection : NSXPCConnection {
  @public
-  NSString* _name;           // a client's: of the service
-  StandInConnection* _peer;  // a client's: the service's end
+  NSString* _name;           // the service's; set in a client's end
+  StandInConnection* _peer;  // the service's end; set in a client's end
   id _interface;             // the protocol's name, of the exported or the remote object
   id _object;                // exported
   GSXPCInvalidationHandler _invalidationHandler;
   GSXPCInterruptionHandler _interruptionHandler;
   GSXPCProxyErrorHandler _errorHandler;
   bool _isActive, _isBroken;
-  int _process;  // a client's: of the service
+  int _process;  // the service's; set in a client's end
 }
 @end
 
