@@ -146,8 +146,8 @@ TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
   const std::pair<const char*, Value> rows[] = {{"a string for a set", text("x")},
                                                 {"a set in a set", Value::set({Value::set({})})},
                                                 {"nil in a set", Value::set({Value()})}};
-  for (const auto& [name, hostnames] : rows) {
-    EXPECT_EQ(failure([&] { client->setHostnames(hostnames); }).find("an argument cannot be sent"), 0u) << name;
+  for (const auto& row : rows) {
+    EXPECT_EQ(failure([&] { client->setHostnames(row.second); }).find("an argument cannot be sent"), 0u) << row.first;
   }
   EXPECT_TRUE(client->ping()) << "the connection is lost";
 }
