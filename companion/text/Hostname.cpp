@@ -12,7 +12,7 @@ constexpr size_t kLongestLabel = 63;
 constexpr size_t kLongestName = 253;
 constexpr std::string_view kALabelPrefix = "xn--";
 
-// What each byte becomes in a name; 0 for a byte that no name holds as it is.
+// The form of each byte in a name; 0 for a byte that is not allowed or not ASCII.
 constexpr std::array<char, 256> kForms = [] {
   std::array<char, 256> forms{};
   for (char c = 'a'; c <= 'z'; ++c) forms[c] = forms[c - 'a' + 'A'] = c;
@@ -26,11 +26,11 @@ bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 
-// Between the scheme and what follows the host, without a user name or port.
+// The host of a URL, without user name and port.
 std::string_view host_of_url(std::string_view url) {
   url.remove_prefix(url.find("://") + 3);
   url = url.substr(0, url.find_first_of("/?#\\"));
-  url.remove_prefix(url.rfind('@') + 1);  // 0 where there is none
+  url.remove_prefix(url.rfind('@') + 1);  // npos + 1 is 0
   return url.substr(0, url.rfind(':'));
 }
 
@@ -55,7 +55,7 @@ std::string forbidden_character_fault(std::string_view given, char c) {
     case '\t':
       return "it has a space: give one name at a time";
     default:
-      return "it has a character that no host name has: use letters, digits, hyphens and dots";
+      return "it has a character that host names cannot have: use letters, digits, hyphens and dots";
   }
 }
 
@@ -66,13 +66,14 @@ std::string international_fault(const ALabel& label) {
     case ALabel::Status::TooLong:
       return "it has a label of more than 63 characters: shorten it";
     case ALabel::Status::OutOfMemory:
-      return "memory is used up: try fewer names";
+      return "out of memory: try fewer names";
     default:
-      return "it is no valid international name (" + label.reason + "): correct it, or give its A-label (xn--...)";
+      return "it is not a valid international name (" + label.reason + "): correct it, or give its A-label (xn--...)";
   }
 }
 
-// Whether a dot of any script starts here: the full stop and those that UTS #46 maps to it. Its length in bytes, or 0.
+// The length in bytes of the dot that the text starts with: a full stop, or a character that UTS #46 maps to one. 0 if
+// it starts with none.
 size_t dot_length(std::string_view text) {
   if (text.front() == '.') return 1;
   for (std::string_view dot : {"\u3002", "\uff0e", "\uff61"}) {
@@ -81,8 +82,8 @@ size_t dot_length(std::string_view text) {
   return 0;
 }
 
-// A label that claims to be an A-label must decode, and be the one that its letters have. What only IDNA forbids is let
-// pass, as browsers do (xn--i-7iq, a heart).
+// A label with the prefix of A-labels must decode, and encoding the result must give the same label. A label that only
+// IDNA forbids is accepted, because browsers accept it (xn--i-7iq, a heart).
 bool accept_a_label(std::string_view label, std::string& fault) {
   if (label.substr(0, kALabelPrefix.size()) != kALabelPrefix) return true;
   ALabel found = look_up_label(std::string(label));
@@ -93,7 +94,7 @@ bool accept_a_label(std::string_view label, std::string& fault) {
   return false;
 }
 
-// The label's form at the end of `name`.
+// Appends the label's form to `name`.
 bool append_label(const std::string& label, std::string& name, std::string& fault) {
   size_t start = name.size();
   if (std::all_of(label.begin(), label.end(), is_ascii)) {
@@ -105,7 +106,7 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
     fault = international_fault(found);
     return false;
   }
-  // What is mapped may be a character that no name holds, a dot, or nothing.
+  // The mapping may have produced a forbidden character, a dot, or an empty label.
   for (char c : found.text) {
     if (form_of(c) == 0 || c == '.') {
       fault = forbidden_character_fault(found.text, c);
@@ -113,12 +114,12 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
     }
     name += form_of(c);
   }
-  if (found.text.empty()) fault = "it has an empty label: take the extra dot away";
+  if (found.text.empty()) fault = "it has an empty label: remove the extra dot";
   return !found.text.empty();
 }
 
-// Label by label, because libraries apply IDNA's rules on hyphens to all-ASCII labels too, which browsers do not: they
-// send "r3---sn.b\u00fccher.example" without complaint.
+// Converts label by label: given the whole name, libraries apply IDNA's hyphen rules to all-ASCII labels too. Browsers
+// do not, and send "r3---sn.b\u00fccher.example".
 bool append_international(std::string_view given, std::string& name, std::string& fault) {
   for (size_t at = 0; at <= given.size();) {
     size_t end = at;
@@ -139,8 +140,8 @@ bool ends_in_number(std::string_view name) {
   return std::all_of(last.begin(), last.end(), is_digit);
 }
 
-// `plain`: the A-labels are still those that the user gave.
-bool accept_shape(std::string_view name, bool plain, std::string& fault) {
+// `isAscii`: the given name was ASCII, so its A-labels have not been checked yet.
+bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   if (name.empty()) {
     fault = "it is empty: give a host name";
     return false;
@@ -149,11 +150,11 @@ bool accept_shape(std::string_view name, bool plain, std::string& fault) {
     size_t end = std::min(name.find('.', at), name.size());
     std::string_view label = name.substr(at, end - at);
     if (label.empty() || label.size() > kLongestLabel) {
-      fault = label.empty() ? "it has an empty label: take the extra dot away"
+      fault = label.empty() ? "it has an empty label: remove the extra dot"
                             : "it has a label of more than 63 characters: shorten it";
       return false;
     }
-    if (plain && !accept_a_label(label, fault)) return false;
+    if (isAscii && !accept_a_label(label, fault)) return false;
     at = end + 1;
   }
   if (name.size() > kLongestName) {
@@ -171,7 +172,7 @@ bool accept_shape(std::string_view name, bool plain, std::string& fault) {
 
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault) {
   name.clear();
-  bool plain = true;
+  bool isAscii = true;
   for (char c : given) {
     char form = form_of(c);
     if (form != 0) {
@@ -180,15 +181,15 @@ bool normalize_hostname(std::string_view given, std::string& name, std::string& 
       fault = forbidden_character_fault(given, c);
       return false;
     } else {
-      plain = false;
+      isAscii = false;
     }
   }
-  if (!plain) {
+  if (!isAscii) {
     name.clear();
     if (!append_international(given, name, fault)) return false;
   }
   if (!name.empty() && name.back() == '.') name.pop_back();
-  return accept_shape(name, plain, fault);
+  return accept_shape(name, isAscii, fault);
 }
 
 }  // namespace orvane

@@ -5,16 +5,15 @@
 
 namespace orvane {
 
-// Brings a host name into the form in which browsers send it, which is the form that the extension compares exactly:
-// lower case, international labels as A-labels (UTS #46, non-transitional, with the tables of the system's library), no
-// trailing dot. Labels hold letters, digits, hyphens and underscores, at most 63 of them; a name has at most 253
-// characters (RFC 1035, section 2.3.4).
+// Converts a host name to the form that browsers send, because the extension compares names byte for byte: lower case,
+// international labels as A-labels (UTS #46, non-transitional, with the system library's tables), no trailing dot. A
+// label has at most 63 letters, digits, hyphens and underscores; a name has at most 253 characters (RFC 1035, section
+// 2.3.4).
 //
-// True with the form in `name`; false for what cannot be a host name, with the reason in `fault`: what is wrong and
-// what to do, as in "it has a port: give the host name alone". An IP address is none: a browser that connects to an
-// address names no host.
+// Returns true and sets `name`, or returns false and sets `fault` to what is wrong and what to do, as in "it has a
+// port: give the host name alone". IP addresses are refused: a browser that connects to an address sends no host name.
 //
-// `name` keeps its memory from call to call; it must not be what `given` looks at.
+// `name` keeps its memory between calls; `given` must not be a view of it.
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);
 
 }  // namespace orvane

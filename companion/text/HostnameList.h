@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// Host names as a user gave them, each checked and brought into the form that browsers send.
+// Host names from a user, each checked and converted by normalize_hostname().
 struct HostnameList {
   struct Refused {
     size_t line;  // counted from 1
@@ -16,7 +16,7 @@ struct HostnameList {
   };
 
   std::vector<std::string> names;  // in the order given, duplicates included
-  std::vector<Refused> refused;    // the first kRefusalsKept of them
+  std::vector<Refused> refused;    // the first kRefusalsKept
   size_t refusedCount = 0;
 
   static constexpr size_t kRefusalsKept = 20;
@@ -24,12 +24,11 @@ struct HostnameList {
   void add(size_t line, std::string_view given);
 };
 
-// A list of one name a line. Line ends are LF or CRLF, a UTF-8 byte order mark at the start is skipped, and so are
-// white space around a name, blank lines, and comments: from a "#" at the start or after white space to the line's end.
+// Reads one name per line; lines end with LF or CRLF. Skips a UTF-8 byte order mark at the start, white space around a
+// name, blank lines, and comments. A comment starts at a "#" that is first on its line or follows white space.
 HostnameList parse_hostname_list(std::string_view text);
 
-// What such lists share with others: the mark at the start of a UTF-8 text, a line without its comment, and a text
-// without the white space around it (space, tab, CR).
+// The syntax above, for other lists. White space is a space, a tab or CR.
 inline constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 inline constexpr std::string_view kLineSpace = " \t\r";
 std::string_view without_comment(std::string_view line);

@@ -5,12 +5,11 @@
 
 namespace orvane {
 
-// What a system's library makes of one label of an international host name.
+// The system library's answer about one label of an international host name.
 struct ALabel {
   enum class Status : uint8_t {
     Found,
-    Forbidden,  // only by IDNA's own list of letters, or its rules about hyphens; browsers, which follow UTS #46 alone,
-                // send such an A-label
+    Forbidden,  // by IDNA's list of letters or its hyphen rules, but not by UTS #46: browsers send the A-label
     Invalid,
     NotUTF8,
     TooLong,  // more than 63 characters
@@ -18,12 +17,11 @@ struct ALabel {
   };
 
   Status status = Status::Invalid;
-  std::string text;    // when found; empty where every letter of the label is mapped to nothing
-  std::string reason;  // when forbidden or invalid: the library's words
+  std::string text;    // if Found; empty if UTS #46 maps every letter of the label to nothing
+  std::string reason;  // if Forbidden or Invalid: the library's message
 };
 
-// The A-label of a label in UTF-8, by UTS #46, non-transitional. A label that is one already gives the one that
-// its letters have, or is invalid.
+// The A-label of a label in UTF-8, by UTS #46, non-transitional. An A-label is decoded and encoded again.
 ALabel look_up_label(const std::string& label);
 
 }  // namespace orvane

@@ -44,7 +44,7 @@ std::string in_quotes(std::string_view text) {
   for (size_t i = 0; i < text.size() && i < kShown; ++i) {
     auto byte = static_cast<unsigned char>(text[i]);
     auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
-    // In UTF-8, C2 leads the control characters U+0080 to U+009F.
+    // C2 starts the UTF-8 form of the control characters U+0080 to U+009F.
     if (byte < 0x20 || byte == 0x7f || (byte == 0xc2 && next < 0xa0)) {
       char escaped[5];
       std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);

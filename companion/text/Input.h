@@ -6,25 +6,27 @@
 
 namespace orvane {
 
-// What the user gave cannot be used. The text says what failed, on what, and what to do.
+// The user's input is invalid. what() says what failed, on what, and what to do.
 class InputError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// A file could not be read. The text as above.
+// A file could not be read or written. what() is like InputError's.
 class FileError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// The most that is read from one file.
+// The limit on the size of one file, in bytes.
 inline constexpr size_t kLargestInput = size_t{256} << 20;
 
-// All bytes of a file; of standard input for "-". Throws FileError; InputError for more than kLargestInput bytes.
+// All bytes of a file, or of standard input if `path` is "-". Throws FileError, or InputError if the file is larger
+// than kLargestInput.
 std::string read_input(const std::string& path);
 
-// A text in quotes for a message: shortened where long, what a terminal would act upon written as \xNN.
+// A text in quotes, safe for a terminal: control characters are written as \xNN, and only the first 100 bytes are
+// shown.
 std::string in_quotes(std::string_view text);
 
 }  // namespace orvane

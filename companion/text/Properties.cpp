@@ -13,7 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Far deeper than anyone's properties; what is deeper would not be taken by the extension either.
+// The extension refuses deeper nesting, and no real property comes near it.
 constexpr int kDeepest = 16;
 
 Value convert(const Json& json, int depth);

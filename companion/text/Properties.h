@@ -6,17 +6,22 @@
 
 namespace orvane {
 
-// The moment until which a host is not blocked, as a property's key.
+// The key of the property that suspends a host: browsers may reach it until this date.
 inline constexpr std::string_view kDontBlockUntil = "DontBlockUntil";
 
-// A moment written as RFC 3339 has it, "2030-01-31T18:00:00+01:00"; fractions of a second are kept, a space may stand
-// in place of the T. Throws InputError for anything else, also for a day that the calendar does not have.
+// Reads a time in RFC 3339, as in "2030-01-31T18:00:00+01:00", into a date; a fraction of a second is kept. Throws
+// InputError for any other text (see platform/DateText.h).
 Value parse_time(std::string_view text);
 
-// The properties of a host from a JSON object (RFC 8259). Booleans, numbers, strings, arrays and objects become what
-// they are called; {"$date": "2030-01-31T18:00:00Z"} becomes a date, and so does the string under "DontBlockUntil" at
-// the top. A property has no null. Throws InputError for what is no JSON, no object, or has a "DontBlockUntil" that is
-// no date: the extension would take that for no date at all and go on blocking.
+// Reads a host's properties from a JSON object (RFC 8259):
+//
+//   JSON                                         property
+//   boolean, number, string, array, object       the same type
+//   {"$date": "2030-01-31T18:00:00Z"}            a date
+//   a string under "DontBlockUntil", top level   a date
+//
+// Throws InputError for text that is not a JSON object, for null, for nesting deeper than 16 levels, and for a
+// "DontBlockUntil" that is not a time: the extension would ignore that one and go on blocking.
 Value parse_properties(std::string_view json);
 
 }  // namespace orvane

@@ -1,6 +1,7 @@
 #include "companion/text/TimeText.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -21,9 +22,8 @@ using namespace std::chrono;
 constexpr Moment kFirst = sys_days(0y / January / 1);
 constexpr Moment kEnd = sys_days(9999y / December / 31) + days(1);
 constexpr seconds kLongest = duration_cast<seconds>(years(10));
-constexpr std::string_view kSpace = " \t";
 
-// A time as a clock on the wall shows it, in no zone yet.
+// What a wall clock shows, without a time zone.
 using LocalTime = local_seconds;
 
 std::tm local_fields(Moment moment) {
@@ -37,6 +37,7 @@ LocalTime local_time(Moment moment) {
   return LocalTime(moment.time_since_epoch() + seconds(local_fields(moment).tm_gmtoff));
 }
 
+// Where a change of the clocks skips or repeats `local`, the offset before the change counts (RFC 5545, section 3.3.5).
 Moment moment_of(LocalTime local) {
   const Moment near(local.time_since_epoch());
   const Moment before = near - seconds(local_fields(near - days(1)).tm_gmtoff);
@@ -44,35 +45,43 @@ Moment moment_of(LocalTime local) {
   return local_time(before) != local && local_time(after) == local ? after : before;
 }
 
-// Reads a text from its start.
+// Reads a text part by part from its start. Once a part does not match, isValid() stays false and the values returned
+// are meaningless.
 class Reader {
  public:
   explicit Reader(std::string_view text) : rest_(text) { skipSpace(); }
 
-  std::optional<int> number(size_t mostDigits) {
-    size_t digits = std::min(rest_.find_first_not_of("0123456789"), rest_.size());
-    if (digits == 0 || digits > mostDigits) return std::nullopt;
+  // At least one digit.
+  int number(size_t mostDigits, int largest = INT_MAX) {
+    const std::string_view digits = takeAll("0123456789");
+    expect(!digits.empty() && digits.size() <= mostDigits);
+    if (!isValid_) return 0;
     int result = 0;
-    for (size_t i = 0; i < digits; ++i) result = 10 * result + (rest_[i] - '0');
-    rest_.remove_prefix(digits);
+    for (char digit : digits) result = 10 * result + (digit - '0');
+    expect(result <= largest);
     return result;
   }
+  std::string_view word() { return takeAll("abcdefghijklmnopqrstuvwxyz"); }
+  void skipSpace() { takeAll(" \t"); }
   bool accept(std::string_view text) {
-    bool found = rest_.substr(0, text.size()) == text;
-    if (found) rest_.remove_prefix(text.size());
-    return found;
+    const bool isNext = rest_.substr(0, text.size()) == text;
+    if (isNext) rest_.remove_prefix(text.size());
+    return isNext;
   }
-  std::string_view word() {
-    size_t end = rest_.find_first_not_of("abcdefghijklmnopqrstuvwxyz");
-    std::string_view word = rest_.substr(0, end);
-    rest_.remove_prefix(word.size());
-    return word;
-  }
-  void skipSpace() { rest_.remove_prefix(std::min(rest_.find_first_not_of(kSpace), rest_.size())); }
-  bool atEnd() const { return rest_.empty(); }
+  void expect(bool matches) { isValid_ = isValid_ && matches; }
+
+  bool isAtEnd() const { return rest_.empty(); }
+  bool isValid() const { return isValid_; }
 
  private:
+  std::string_view takeAll(std::string_view characters) {
+    const std::string_view taken = rest_.substr(0, rest_.find_first_not_of(characters));
+    rest_.remove_prefix(taken.size());
+    return taken;
+  }
+
   std::string_view rest_;
+  bool isValid_ = true;
 };
 
 std::optional<seconds> unit_of(std::string_view word) {
@@ -87,57 +96,46 @@ std::optional<seconds> unit_of(std::string_view word) {
 }
 
 // "18:00" or "18:00:30"
-std::optional<seconds> read_clock(Reader& reader) {
-  auto hour = reader.number(2);
-  if (!hour || *hour > 23 || !reader.accept(":")) return std::nullopt;
-  auto minute = reader.number(2);
-  if (!minute || *minute > 59) return std::nullopt;
-  std::optional<int> second = 0;
-  if (reader.accept(":")) second = reader.number(2);
-  if (!second || *second > 59) return std::nullopt;
-  return hours(*hour) + minutes(*minute) + seconds(*second);
+seconds read_clock(Reader& reader) {
+  const hours hour(reader.number(2, 23));
+  reader.expect(reader.accept(":"));
+  const minutes minute(reader.number(2, 59));
+  return hour + minute + seconds(reader.accept(":") ? reader.number(2, 59) : 0);
 }
 
 // "2026-12-24"
-std::optional<local_days> read_date(Reader& reader) {
-  auto year = reader.number(4);
-  if (!year || !reader.accept("-")) return std::nullopt;
-  auto month = reader.number(2);
-  if (!month || !reader.accept("-")) return std::nullopt;
-  auto day = reader.number(2);
-  if (!day) return std::nullopt;
-  year_month_day date(std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(*month)),
-                      std::chrono::day(static_cast<unsigned>(*day)));
-  if (!date.ok()) return std::nullopt;
+local_days read_date(Reader& reader) {
+  const auto year = std::chrono::year(reader.number(4));
+  reader.expect(reader.accept("-"));
+  const auto month = static_cast<unsigned>(reader.number(2));
+  reader.expect(reader.accept("-"));
+  const auto day = static_cast<unsigned>(reader.number(2));
+  const year_month_day date = year / month / day;
+  reader.expect(date.ok());
   return local_days(date);
 }
 
-// The day that a text begins with, where it does.
+// The day that the text starts with: "today", "tomorrow" or a date. Nothing, and nothing read, if it starts with none.
 std::optional<local_days> read_day(Reader& reader, local_days today) {
+  if (reader.accept("today")) return today;
+  if (reader.accept("tomorrow")) return today + days(1);
   Reader ahead = reader;
-  std::optional<local_days> day;
-  if (ahead.accept("today")) {
-    day = today;
-  } else if (ahead.accept("tomorrow")) {
-    day = today + days(1);
-  } else {
-    day = read_date(ahead);
-  }
-  if (day) reader = ahead;
+  const local_days day = read_date(ahead);
+  if (!ahead.isValid()) return std::nullopt;
+  reader = ahead;
   return day;
 }
 
 std::optional<Moment> read_local(std::string_view text, Moment now) {
   Reader reader(text);
   const auto today = floor<days>(local_time(now));
-  const auto day = read_day(reader, today);
+  const std::optional<local_days> day = read_day(reader, today);
   if (day && !reader.accept("T")) reader.skipSpace();
-  std::optional<seconds> clock = seconds(0);
-  if (!day || !reader.atEnd()) clock = read_clock(reader);
+  const seconds clock = day && reader.isAtEnd() ? seconds(0) : read_clock(reader);
   reader.skipSpace();
-  if (!clock || !reader.atEnd()) return std::nullopt;
-  const Moment moment = moment_of(day.value_or(today) + *clock);
-  return day || moment > now ? moment : moment_of(today + days(1) + *clock);
+  if (!reader.isValid() || !reader.isAtEnd()) return std::nullopt;
+  const Moment moment = moment_of(day.value_or(today) + clock);
+  return day || moment > now ? moment : moment_of(today + days(1) + clock);
 }
 
 std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {
@@ -175,14 +173,15 @@ seconds read_duration(std::string_view text) {
   Reader reader(text);
   seconds total(0);
   do {
-    auto count = reader.number(kMostDigits);
+    const int64_t count = reader.number(kMostDigits);
     reader.skipSpace();
-    auto unit = count ? unit_of(reader.word()) : std::nullopt;
-    if (!unit) throw InputError("not a length of time: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
-    total += *count * *unit;
+    const std::optional<seconds> unit = unit_of(reader.word());
+    if (!reader.isValid() || !unit)
+      throw InputError("not a duration: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
+    total += count * *unit;
     if (total > kLongest) throw InputError("too long: " + in_quotes(text) + ": give at most ten years");
     reader.skipSpace();
-  } while (!reader.atEnd());
+  } while (!reader.isAtEnd());
   if (total == seconds(0)) throw InputError("too short: " + in_quotes(text) + ": give at least one second");
   return total;
 }

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "companion/text/Hostname.h"
@@ -13,28 +12,34 @@ namespace {
 const std::string kLongLabel(63, 'a');
 const std::string kLongName = kLongLabel + "." + kLongLabel + "." + kLongLabel + "." + std::string(61, 'b');
 
-TEST(Hostname, TakesTheFormThatBrowsersSend) {
-  const std::pair<std::string, std::string> kCases[] = {
-      {"Example.COM.", "example.com"},
-      {"_r3---sn-4g5e.example", "_r3---sn-4g5e.example"},
-      {kLongName + ".", kLongName},
-      {"bu\u0308cher.example", "xn--bcher-kva.example"},  // decomposed
-      {"fa\u00df.example", "xn--fa-hia.example"},         // transitional processing would make it fass.example
-      {"\u65e5\u672c\u8a9e\u3002JP\uff0e", "xn--wgv71a119e.jp"},
-      {"B\u00dccher.XN--bcher-KVA", "xn--bcher-kva.xn--bcher-kva"},
-      {"xn--i-7iq.example", "xn--i-7iq.example"}  // a heart: IDNA forbids it, browsers do not
+TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {
+  const struct {
+    const char* description;
+    std::string given, expected;
+  } kCases[] = {
+      {"upper case, trailing dot", "Example.COM.", "example.com"},
+      {"underscore, hyphens in a row", "_r3---sn-4g5e.example", "_r3---sn-4g5e.example"},
+      {"longest name", kLongName + ".", kLongName},
+      {"decomposed letter", "bu\u0308cher.example", "xn--bcher-kva.example"},
+      {"sharp s, which transitional processing replaces", "fa\u00df.example", "xn--fa-hia.example"},
+      {"other dots", "\u65e5\u672c\u8a9e\u3002JP\uff0e", "xn--wgv71a119e.jp"},
+      {"a letter and its A-label", "B\u00dccher.XN--bcher-KVA", "xn--bcher-kva.xn--bcher-kva"},
+      {"a heart, which only IDNA forbids", "xn--i-7iq.example", "xn--i-7iq.example"},
   };
-  for (const auto& [given, expected] : kCases) {
+  for (const auto& c : kCases) {
     std::string name, fault;
-    EXPECT_TRUE(normalize_hostname(given, name, fault)) << given << ": " << fault;
-    EXPECT_EQ(name, expected) << given;
+    EXPECT_TRUE(normalize_hostname(c.given, name, fault)) << c.description << ": " << fault;
+    EXPECT_EQ(name, c.expected) << c.description;
   }
 }
 
-TEST(Hostname, RefusesWhatNoBrowserSendsAndSaysWhy) {
-  const std::pair<std::string, std::vector<std::string>> kCases[] = {
+TEST(Hostname, NamesTheFaultOfAnInvalidName) {
+  const struct {
+    const char* fault;
+    std::vector<std::string> names;
+  } kCases[] = {
       {"it is empty", {"", "."}},
-      {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // a soft hyphen is nothing
+      {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 drops a soft hyphen
       {"it is a URL", {"https://example.com/", "https://b\u00fccher.example"}},
       {"it has a port or a scheme", {"mailto:me", "example.com:443"}},
       {"it has a path", {"example.com/path", "example.com#top", "a?b", "a\\b"}},
@@ -44,20 +49,20 @@ TEST(Hostname, RefusesWhatNoBrowserSendsAndSaysWhy) {
       {"it has more than 253", {kLongName + "b"}},
       {"it is an IP address", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "[::1]", "::1"}},
       {"it is not UTF-8", {"b\xfc.example"}},
-      // The letters of xn--abc- need no A-label.
-      {"it is no valid international name", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},
-      {"it ", {"\u00fc\uff0fx"}},  // maps to a solidus: a character of no name, or a path
+      // xn--abc- decodes to plain ASCII.
+      {"it is not a valid international", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},
+      {"it ", {"\u00fc\uff0fx"}},  // maps to a slash; the libraries name different faults
   };
-  for (const auto& [expected, all] : kCases) {
-    for (const std::string& given : all) {
+  for (const auto& c : kCases) {
+    for (const std::string& given : c.names) {
       std::string name, fault;
       EXPECT_FALSE(normalize_hostname(given, name, fault)) << given << " became " << name;
-      EXPECT_EQ(fault.substr(0, expected.size()), expected) << given;
+      EXPECT_EQ(fault.substr(0, std::string(c.fault).size()), c.fault) << given;
     }
   }
 }
 
-TEST(HostnameList, CountsEveryLineAndSkipsWhatIsNoName) {
+TEST(HostnameList, ReportsTheLineOfAnInvalidName) {
   HostnameList list = parse_hostname_list("\xef\xbb\xbf# x\r\nA.example\r\n\r\n \tb.example # why\nhttp://c\n#d\ne.f");
   EXPECT_EQ(list.names, (std::vector<std::string>{"a.example", "b.example", "e.f"}));
   ASSERT_EQ(list.refused.size(), 1u);
