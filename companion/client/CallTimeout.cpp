@@ -12,10 +12,10 @@
 namespace orvane {
 namespace {
 
-// The time is looked at this often; more than once, as the first look may come just before the call begins to wait.
+// The handler runs repeatedly, because a single signal could arrive just before the call starts to wait.
 constexpr suseconds_t kTick = 200000;  // microseconds
 
-// What the signal handler may touch.
+// Read by the signal handler.
 std::atomic<int> call_descriptor = -1;
 std::atomic<int64_t> call_deadline = std::numeric_limits<int64_t>::max();  // steady clock, nanoseconds
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free);
@@ -36,9 +36,9 @@ void tick_every(suseconds_t period) {
 
 }  // namespace
 
-CallTimeout::CallTimeout(std::chrono::milliseconds limit) {
-  call_deadline = steady_now() + std::chrono::nanoseconds(limit).count();
-  // Without SA_RESTART, as connect(2) waits where the extension's queue is full, and is to return.
+CallTimeout::CallTimeout(std::chrono::milliseconds timeout) {
+  call_deadline = steady_now() + std::chrono::nanoseconds(timeout).count();
+  // No SA_RESTART: connect(2) waits while the extension's queue is full, and must return with EINTR.
   struct sigaction action {};
   action.sa_handler = on_tick;
   sigaction(SIGALRM, &action, nullptr);
@@ -47,12 +47,12 @@ CallTimeout::CallTimeout(std::chrono::milliseconds limit) {
 
 CallTimeout::~CallTimeout() {
   tick_every(0);
-  std::signal(SIGALRM, SIG_IGN);  // one may be under way
+  std::signal(SIGALRM, SIG_IGN);  // the last one may still be pending
   call_descriptor = -1;
 }
 
 void CallTimeout::watch(int connection) { call_descriptor = connection; }
 
-bool CallTimeout::passed() const { return steady_now() >= call_deadline; }
+bool CallTimeout::hasExpired() const { return steady_now() >= call_deadline; }
 
 }  // namespace orvane

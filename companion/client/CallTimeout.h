@@ -4,20 +4,21 @@
 
 namespace orvane {
 
-// For as long as this lives, calls over a connection take no longer than the time given, counted from the start: the
-// connection is shut down then, and the call that waits ends with a ClientError. For a program with one thread; takes
-// SIGALRM and ITIMER_REAL. One at a time.
+// Limits how long calls over a connection take, all of them together. When the time is over, the connection is shut
+// down and the waiting call throws ClientError. Without it, a call to an extension that hangs never returns.
+//
+// For single-threaded programs. Uses SIGALRM and ITIMER_REAL, so only one may exist at a time.
 class CallTimeout {
  public:
-  explicit CallTimeout(std::chrono::milliseconds limit);
+  // The time runs from here on; connect_client() is limited as well.
+  explicit CallTimeout(std::chrono::milliseconds timeout);
   ~CallTimeout();
   CallTimeout(const CallTimeout&) = delete;
   CallTimeout& operator=(const CallTimeout&) = delete;
 
-  // Client::descriptor(), which must stay open; -1 before and after. Without one, only connecting ends in time.
+  // `connection`: Client::descriptor(), which must stay open for the lifetime of this object.
   void watch(int connection);
-  // Whether the time is over.
-  bool passed() const;
+  bool hasExpired() const;
 };
 
 }  // namespace orvane

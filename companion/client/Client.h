@@ -11,22 +11,22 @@
 
 namespace orvane {
 
-// The name that the extension's bundle gives its service.
+// The service name in the extension's bundle.
 inline constexpr const char* kDefaultServiceName = ORVANE_SERVICE_NAME;
 
-// What could not be done. The text is a whole sentence for the user: what failed, on what, and what to do about it.
+// A call failed. what() is a message for the user: what failed, on what, and what to do about it.
 class ClientError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// No extension runs: nobody listens at any place where one might.
+// No extension runs: no process listens on any of the possible sockets.
 class NoExtension : public ClientError {
  public:
   using ClientError::ClientError;
 };
 
-// There is an extension, and it takes no connection or answers nothing: it hangs, or serves too many clients.
+// An extension runs but accepts no connection: it hangs, or serves too many clients.
 class UnresponsiveExtension : public ClientError {
  public:
   using ClientError::ClientError;
@@ -34,27 +34,25 @@ class UnresponsiveExtension : public ClientError {
 
 struct ClientOptions {
   std::string service = kDefaultServiceName;
-  // The socket to use, where the system has such a thing. Empty: the one that bears the service's name, in the first
-  // directory that holds one.
+  // The path of the socket; ignored over XPC. If empty, the first existing socket with the service's name is used.
   std::string socket;
 };
 
-// A connection to a running extension. Each call returns once the extension has carried it out, so what one client did
-// before is seen by whatever comes after. Arguments are sent as they are: the extension takes nil and values of other
-// types than the named ones, too, where the system's channel carries them (XPC does not). Not thread-safe.
+// A connection to a running extension. A call returns when the extension has carried it out, so its effect is visible
+// to every later call of any client. Arguments are sent unchecked: the comments name the expected types, but the
+// extension accepts nil and other types, which the socket carries and XPC does not. Not thread-safe.
 //
-// Every call may throw ClientError; once one has, the connection is of no further use, unless the error said that the
-// argument was too large to be sent.
+// Every call may throw ClientError. The connection is then unusable, unless the error was that the argument is too
+// large to be sent.
 class Client {
  public:
-  // Bytes handed to the system so far, and bytes in all.
+  // The bytes that the system has accepted so far, and the total.
   using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 
   virtual ~Client() = default;
 
-  // A descriptor that poll(2) reports as hung up (POLLHUP or POLLRDHUP) once the extension has ended the connection; -1
-  // where the system's channel has none. It may also be shut down (shutdown(2)), by a signal handler, too: a call that
-  // waits then throws. Nothing else may be done with it.
+  // The connection's descriptor, or -1 over XPC. Two uses are allowed: poll(2) reports POLLHUP or POLLRDHUP when the
+  // extension has closed the connection; and shutdown(2), also from a signal handler, makes a waiting call throw.
   virtual int descriptor() const { return -1; }
 
   virtual bool ping() = 0;
@@ -70,17 +68,16 @@ class Client {
   virtual void setProperties(const Value& properties, const Value& forHostname) = 0;  // a dictionary, a string
   virtual uint64_t changesCount() = 0;
 
-  // The same edits for lists of names. addHostnames and removeHostnames send one message for each name without waiting
-  // for the one before, and return when all are carried out, in order. setHostnames sends one message with the names
-  // as they stand (duplicates collapse, at the latest in the extension); `progress`, where given, is called now and
-  // then while it is being sent.
+  // The same edits for many names. addHostnames and removeHostnames send one message per name without waiting for each
+  // reply, and return when all have been carried out, in order. setHostnames sends one message; duplicate names are
+  // merged. `progress`, if given, is called from time to time while the message is sent.
   virtual void addHostnames(std::span<const std::string> hostnames) = 0;
   virtual void removeHostnames(std::span<const std::string> hostnames) = 0;
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws NoExtension, UnresponsiveExtension when a signal broke off the
-// wait for one that is there.
+// Connects to the extension. Throws NoExtension; UnresponsiveExtension if a signal (see CallTimeout) interrupts the
+// wait for a running one; and ClientError for any other failure.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 
 }  // namespace orvane

@@ -6,28 +6,28 @@
 
 namespace orvane {
 
-ExtensionProbe probe_extension(const ClientOptions& options, std::chrono::milliseconds patience) {
-  ExtensionProbe answer;
+ExtensionProbe probe_extension(const ClientOptions& options, std::chrono::milliseconds timeout) {
+  ExtensionProbe probe;
   std::unique_ptr<Client> client;
-  CallTimeout limit(patience);  // ends before the connection does
+  CallTimeout limit(timeout);  // declared after the client, so that it is destroyed first
   try {
     client = connect_client(options);
     limit.watch(client->descriptor());
-    answer.answers = client->ping();
-    answer.changes = client->changesCount();
-    if (!answer.answers) answer.error = "the extension answered no: restart it";
+    probe.answers = client->ping();
+    probe.changes = client->changesCount();
+    if (!probe.answers) probe.error = "the extension answered no: restart it";
   } catch (const UnresponsiveExtension& error) {
-    answer.isUnresponsive = true;
-    answer.error = error.what();
+    probe.isUnresponsive = true;
+    probe.error = error.what();
   } catch (const NoExtension& error) {
-    answer.isAbsent = true;
-    answer.error = error.what();
+    probe.isAbsent = true;
+    probe.error = error.what();
   } catch (const ClientError& error) {
-    answer.answers = false;
-    answer.isUnresponsive = client && limit.passed();
-    answer.error = answer.isUnresponsive ? "the extension hangs, or serves too many clients: restart it" : error.what();
+    probe.answers = false;
+    probe.isUnresponsive = client && limit.hasExpired();
+    probe.error = probe.isUnresponsive ? "the extension hangs, or serves too many clients: restart it" : error.what();
   }
-  return answer;
+  return probe;
 }
 
 }  // namespace orvane

@@ -8,17 +8,17 @@
 
 namespace orvane {
 
-// Whether a running extension answers us, now.
+// Whether an extension runs and answers.
 struct ExtensionProbe {
   bool answers = false;
-  bool isUnresponsive = false;  // it takes connections and answers nothing
+  bool isUnresponsive = false;  // it accepts connections but does not answer
   bool isAbsent = false;        // none runs
-  uint64_t changes = 0;         // its counter
-  std::string error;            // why there is no answer
+  uint64_t changes = 0;         // its count of edits
+  std::string error;            // why it does not answer
 };
 
-// Takes no longer than the patience, and what CallTimeout takes.
+// Returns within `timeout` and a fraction of a second. Uses a CallTimeout.
 ExtensionProbe probe_extension(const ClientOptions& options,
-                               std::chrono::milliseconds patience = std::chrono::seconds(3));
+                               std::chrono::milliseconds timeout = std::chrono::seconds(3));
 
 }  // namespace orvane

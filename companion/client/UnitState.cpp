@@ -14,28 +14,29 @@ namespace {
 constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kUnitInterface = "org.freedesktop.systemd1.Unit";
 constexpr const char* kServiceInterface = "org.freedesktop.systemd1.Service";
-constexpr uint64_t kPatience = 3000000;  // microseconds
+constexpr uint64_t kTimeout = 3000000;  // microseconds
 
 struct CloseBus {
   void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
 using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
-// Where there is no message bus, root can still ask the manager itself.
+// On a system without a message bus, root can connect to the manager's own socket.
 Bus connect_to_manager() {
   sd_bus* bus = nullptr;
   if (sd_bus_open_system(&bus) >= 0) return Bus(bus);
-  Bus own;
-  if (sd_bus_new(&bus) >= 0) own.reset(bus);
-  if (!own || sd_bus_set_address(own.get(), "unix:path=/run/systemd/private") < 0 || sd_bus_start(own.get()) < 0)
+  Bus direct;
+  if (sd_bus_new(&bus) >= 0) direct.reset(bus);
+  if (!direct || sd_bus_set_address(direct.get(), "unix:path=/run/systemd/private") < 0 ||
+      sd_bus_start(direct.get()) < 0)
     return nullptr;
-  return own;
+  return direct;
 }
 
-// A manager that does not answer is not asked again.
-class UnitReader {
+// Reads a unit's properties. After one failure it asks no more, so that the timeout passes only once.
+class PropertyReader {
  public:
-  UnitReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}
+  PropertyReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}
 
   std::string text(const char* interface, const char* name) {
     char* value = nullptr;
@@ -65,19 +66,19 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   if (sd_booted() <= 0) return std::nullopt;
   Bus bus = connect_to_manager();
   if (!bus) return std::nullopt;
-  sd_bus_set_method_call_timeout(bus.get(), kPatience);
+  sd_bus_set_method_call_timeout(bus.get(), kTimeout);
   char* encoded = nullptr;
   if (sd_bus_path_encode("/org/freedesktop/systemd1/unit", unit.c_str(), &encoded) < 0) return std::nullopt;
   std::unique_ptr<char, decltype(&std::free)> path(encoded, std::free);
 
-  UnitReader reader(bus.get(), path.get());
+  PropertyReader reader(bus.get(), path.get());
   UnitState state;
   state.load = reader.text(kUnitInterface, "LoadState");
   state.active = reader.text(kUnitInterface, "ActiveState");
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  // The manager keeps what a service said last, after its end, too.
+  // The manager keeps the status line of a service that has ended.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');

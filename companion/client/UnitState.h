@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -11,19 +12,19 @@ namespace orvane {
 inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
 
-// What the service manager says of a service, in its own words (org.freedesktop.systemd1(5)).
+// A unit's state as systemd reports it; the texts are properties of org.freedesktop.systemd1(5).
 struct UnitState {
-  std::string load;    // "loaded"; "not-found" where there is no such unit
-  std::string active;  // "active", "inactive", "failed", "activating" and so on
-  std::string sub;     // "running", "dead", "auto-restart" and so on
-  std::string status;  // what the service says of itself
-  std::string result;  // of its last end: "success", "exit-code", "signal" and so on
-  std::optional<Moment> since;
+  std::string load;             // "loaded", "not-found" and so on
+  std::string active;           // "active", "inactive", "failed", "activating" and so on
+  std::string sub;              // "running", "dead", "auto-restart" and so on
+  std::string status;           // the service's own status line (sd_notify(3)); empty if inactive
+  std::string result;           // how it ended last: "success", "exit-code", "signal" and so on
+  std::optional<Moment> since;  // of the last change of `active`
   uint32_t restarts = 0;
   bool isRunning() const { return active == "active"; }
 };
 
-// Nothing when no service manager answers, as in most containers.
+// Nothing if no service manager answers, as in most containers. Waits for at most 3 seconds.
 std::optional<UnitState> unit_state(const std::string& unit);
 
 }  // namespace orvane

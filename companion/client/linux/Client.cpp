@@ -23,18 +23,18 @@ namespace {
 
 using Remote = control::OrvaneSECommunication::Client;
 
-// Messages that are under way at a time when many are sent. The extension takes some more.
+// The number of messages sent before the reply to the first is awaited. The extension's own limit is higher.
 constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};
 
-// What a call and its frame take besides its arguments.
+// The size of a call and its frame without the arguments.
 constexpr uint64_t kCallWords = 64;
 
 capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}; }
 
-// The library's objects of one connection. They belong to an event loop that must be entered while they are used, made
-// or destroyed.
+// The RPC objects of one connection. They belong to an event loop, which must be entered (kj::WaitScope) to make, use
+// or destroy them.
 struct Session {
   Session(SocketEventPort& port, int socket)
       : stream(port, socket),
@@ -167,7 +167,7 @@ class LinuxClient final : public Client {
     }));
   }
 
-  // Runs what waits for the extension, and turns what goes wrong into words.
+  // Runs `work`, which may wait for the extension, and converts its exceptions to ClientError.
   template <class Work>
   void attempt(const char* what, Work work) {
     kj::WaitScope scope(loop_);
@@ -229,7 +229,7 @@ class LinuxClient final : public Client {
   std::unique_ptr<Session> session_;
 };
 
-// Where a client looks: at the given path, or where extensions of this user and of the system listen.
+// The given path, or the paths where an extension of this user or of the system listens.
 std::vector<std::string> paths_to_try(const ClientOptions& options) {
   if (!options.socket.empty()) return {options.socket};
   std::string error;
@@ -238,7 +238,6 @@ std::vector<std::string> paths_to_try(const ClientOptions& options) {
   return paths;
 }
 
-// `path`: of the socket.
 std::string advice(int error, const std::string& path) {
   switch (error) {
     case ENOENT:
@@ -256,8 +255,8 @@ std::string advice(int error, const std::string& path) {
   }
 }
 
-// A connection to the first path that an extension answers on. A socket that nobody listens at any more hides none of
-// the others; what is said of a failure is the first that is more than absence.
+// Connects to the first path that works: a stale socket must not hide a live one further on. Sets `reached` to that
+// path. If none works, the error is the first one other than a missing file.
 Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
   std::string tried, failure;
   bool isAbsent = true;
