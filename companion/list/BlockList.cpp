@@ -11,10 +11,9 @@ namespace {
 
 constexpr std::string_view kUsualPrefixes[] = {"www.", "m."};
 constexpr size_t kLongestName = 253;
-// What is kept of a bad line, for a message.
-constexpr size_t kLongestShown = 200;
+constexpr size_t kBadLineKept = 200;
 
-// The name without its usual prefix, or all of it where it has none.
+// The name without its usual prefix, if it has one and the rest has a dot.
 std::string_view without_prefix(std::string_view host) {
   for (std::string_view prefix : kUsualPrefixes) {
     if (host.substr(0, prefix.size()) != prefix) continue;
@@ -24,7 +23,7 @@ std::string_view without_prefix(std::string_view host) {
   return host;
 }
 
-// From the white space before the comment on.
+// The comment of a line, with the white space before it.
 std::string_view comment_of(std::string_view line) {
   std::string_view words = without_comment(line);
   return words.size() == line.size() ? std::string_view() : line.substr(trimmed(words).end() - line.begin());
@@ -50,7 +49,7 @@ BlockList BlockList::parse(std::string_view text) {
   BlockList list;
   const auto lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
   list.lines_.reserve(lines);
-  list.places_.reserve(lines);
+  list.lineByHost_.reserve(lines);
   bool first = true;
   while (!text.empty()) {
     size_t end = std::min(text.find('\n'), text.size());
@@ -65,11 +64,11 @@ BlockList BlockList::parse(std::string_view text) {
     if (words.empty()) {
       list.append({std::string(given), std::nullopt});
     } else if (read_line(words, true, site, fault)) {
-      bool plain = given == line_of(site);
-      list.append({plain ? std::string() : std::string(given), std::move(site)});
+      const bool isCanonical = given == line_of(site);
+      list.append({isCanonical ? std::string() : std::string(given), std::move(site)});
     } else {
       list.append({std::string(given), std::nullopt});
-      list.badLines_.push_back({list.lines_.size(), std::string(words.substr(0, kLongestShown)), std::move(fault)});
+      list.badLines_.push_back({list.lines_.size(), std::string(words.substr(0, kBadLineKept)), std::move(fault)});
     }
   }
   return list;
@@ -80,7 +79,7 @@ std::string BlockList::text() const {
   constexpr size_t kUsualLine = 32;
   text.reserve(lines_.size() * kUsualLine);
   for (const Line& line : lines_) {
-    if (line.gone) continue;
+    if (line.isRemoved) continue;
     text += line.site && line.text.empty() ? line_of(*line.site) : line.text;
     text += '\n';
   }
@@ -89,45 +88,44 @@ std::string BlockList::text() const {
 
 std::vector<BlockedSite> BlockList::sites() const {
   std::vector<BlockedSite> sites;
-  sites.reserve(places_.size());
+  sites.reserve(lineByHost_.size());
   forEachSite([&](const BlockedSite& site) { sites.push_back(site); });
   return sites;
 }
 
-void BlockList::forEachSite(const std::function<void(const BlockedSite&)>& take) const {
-  for (size_t i = 0; i < lines_.size(); ++i) {
-    const Line& line = lines_[i];
-    if (line.site && !line.superseded) take(*line.site);
+void BlockList::forEachSite(const std::function<void(const BlockedSite&)>& visit) const {
+  for (const Line& line : lines_) {
+    if (line.site && !line.isSuperseded) visit(*line.site);
   }
 }
 
 const BlockedSite* BlockList::find(std::string_view host) const {
-  if (auto place = placeOf(host); place != places_.end()) return &*lines_[place->second].site;
+  if (auto found = locate(host); found != lineByHost_.end()) return &*lines_[found->second].site;
   return findByUsualName(host);
 }
 
 const BlockedSite* BlockList::findByUsualName(std::string_view host) const {
   const std::string_view name = without_prefix(host);
-  auto place = name == host ? places_.end() : placeOf(name);
-  if (place == places_.end()) return nullptr;
-  const BlockedSite& site = *lines_[place->second].site;
+  auto found = name == host ? lineByHost_.end() : locate(name);
+  if (found == lineByHost_.end()) return nullptr;
+  const BlockedSite& site = *lines_[found->second].site;
   return site.usualNames ? &site : nullptr;
 }
 
-BlockList::Places::const_iterator BlockList::placeOf(std::string_view host) const {
-  auto [place, end] = places_.equal_range(std::hash<std::string_view>()(host));
-  while (place != end && lines_[place->second].site->host != host) ++place;
-  return place == end ? places_.end() : place;
+BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host) const {
+  auto [found, end] = lineByHost_.equal_range(std::hash<std::string_view>()(host));
+  while (found != end && lines_[found->second].site->host != host) ++found;
+  return found == end ? lineByHost_.end() : found;
 }
 
 bool BlockList::put(BlockedSite site) {
   if (site.usualNames) site.host = site_of(site.host);
-  auto place = placeOf(site.host);
-  if (place == places_.end()) {
+  auto found = locate(site.host);
+  if (found == lineByHost_.end()) {
     append({"", std::move(site)});
     return true;
   }
-  Line& line = lines_[place->second];
+  Line& line = lines_[found->second];
   if (*line.site == site) return false;
   std::string comment(comment_of(line.text));
   line.text = comment.empty() ? "" : line_of(site) + comment;
@@ -136,14 +134,14 @@ bool BlockList::put(BlockedSite site) {
 }
 
 bool BlockList::remove(std::string_view host) {
-  auto place = placeOf(host);
-  if (place == places_.end()) return false;
-  // The lines before would count again.
-  for (uint32_t i = place->second; i != kNone; i = lines_[i].earlier) {
-    lines_[i].gone = true;
+  auto found = locate(host);
+  if (found == lineByHost_.end()) return false;
+  // Otherwise an earlier line of the site would count again.
+  for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
+    lines_[i].isRemoved = true;
     lines_[i].site.reset();
   }
-  places_.erase(place);
+  lineByHost_.erase(found);
   return true;
 }
 
@@ -151,12 +149,12 @@ void BlockList::append(Line line) {
   if (line.site) {
     const auto here = static_cast<uint32_t>(lines_.size());
     const std::string& host = line.site->host;
-    if (auto place = placeOf(host); place != places_.end()) {
-      line.earlier = place->second;
-      lines_[line.earlier].superseded = true;
-      places_.erase(place);
+    if (auto found = locate(host); found != lineByHost_.end()) {
+      line.earlier = found->second;
+      lines_[line.earlier].isSuperseded = true;
+      lineByHost_.erase(found);
     }
-    places_.emplace(std::hash<std::string_view>()(host), here);
+    lineByHost_.emplace(std::hash<std::string_view>()(host), here);
   }
   lines_.push_back(std::move(line));
 }
@@ -174,7 +172,7 @@ HeldNames held_names(const BlockList& list, Moment now) {
   });
   std::sort(held.names.begin(), held.names.end());
   held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
-  // A name that two sites have suspended comes back at the earlier moment, which sorting puts first.
+  // The suspension that ends first counts if two sites have the same name; sorting puts it first.
   std::sort(held.suspended.begin(), held.suspended.end());
   auto sameName = [](const auto& left, const auto& right) { return left.first == right.first; };
   held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), sameName), held.suspended.end());

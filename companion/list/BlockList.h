@@ -14,81 +14,81 @@
 
 namespace orvane {
 
-// One site that the machine blocks.
+// A site on the machine's list.
 struct BlockedSite {
   std::string host;             // in the form of normalize_hostname()
-  bool usualNames = true;       // www.HOST and m.HOST are blocked, too
-  std::optional<Moment> until;  // not blocked before this moment
+  bool usualNames = true;       // also block www.HOST and m.HOST
+  std::optional<Moment> until;  // suspended (not blocked) before this moment
   bool isSuspended(Moment now) const { return until && now < *until; }
   bool operator==(const BlockedSite&) const = default;
 };
 
-// The site that a host name belongs to: the name without a leading "www." or "m.", unless nothing with a dot would be
-// left, or another such name ("www.m.example.com" is a site of its own). A part of `host`.
+// The name under which a host is put on the list: without a leading "www." or "m.". The name stays whole if the rest
+// has no dot ("www.com") or starts with such a prefix again ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// The names under which a site is blocked, its own first. A host without a dot has no usual names, and those too long
-// to be names are left out.
+// All names to block for a site, its own first. A host without a dot has no usual names; usual names longer than a host
+// name may be are left out.
 std::vector<std::string> names_of(const BlockedSite& site);
 
-// The list of the machine, as orvane-list(5) describes its text. What orvanectl does not understand or need stays as it
-// stands: comments, blank lines, and lines that it refuses.
+// The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
+// Not thread-safe.
 class BlockList {
  public:
   struct BadLine {
-    size_t line;  // counted from 1
-    std::string text;
+    size_t line;        // counted from 1
+    std::string text;   // without its comment, at most 200 bytes
     std::string fault;  // what is wrong and what to do
   };
 
   static BlockList parse(std::string_view text);
   std::string text() const;
 
-  // In the order of the lines. A site that has two lines is what the later one says.
+  // In the order of the lines. If a site has several lines, the last one counts.
   std::vector<BlockedSite> sites() const;
-  void forEachSite(const std::function<void(const BlockedSite&)>& take) const;  // the same, without a copy
-  size_t size() const { return places_.size(); }                                // how many sites
+  void forEachSite(const std::function<void(const BlockedSite&)>& visit) const;  // the same, without copying
+  size_t size() const { return lineByHost_.size(); }                             // the number of sites
   const std::vector<BadLine>& badLines() const { return badLines_; }
 
-  // The site with that very name, else the one of whose usual names it is one; null where there is none. Valid until
-  // the next change.
+  // The site with exactly this name, otherwise the site that has it as a usual name, otherwise null. Valid until the
+  // next change of the list.
   const BlockedSite* find(std::string_view host) const;
-  const BlockedSite* findByUsualName(std::string_view host) const;  // the latter alone
+  // Only the site that has it as a usual name.
+  const BlockedSite* findByUsualName(std::string_view host) const;
 
-  // Adds a site at the end, or changes the one with that name to this; the comment on its line stays. A site with usual
-  // names is put under site_of() its name. False when nothing is new.
+  // Adds a site at the end, or replaces the site with the same name and keeps the comment on its line. A site with
+  // usual names is put under site_of(host). Returns whether anything changed.
   bool put(BlockedSite site);
-  // Takes the site with that very name away. False when there is none.
+  // Removes the site with exactly this name, all its lines included. Returns whether there was one.
   bool remove(std::string_view host);
 
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
   struct Line {
-    std::string text;                 // as it stands in the file, without its end; empty for line_of(site) alone
-    std::optional<BlockedSite> site;  // none for a comment, a blank or a bad line
-    uint32_t earlier = kNone;         // the line before that has the same site
-    bool superseded = false;          // by a later one
-    bool gone = false;
+    std::string text;                 // as in the file, without its end; empty (to save memory) if it is line_of(site)
+    std::optional<BlockedSite> site;  // none for a comment, a blank line or a bad line
+    uint32_t earlier = kNone;         // the previous line with the same site
+    bool isSuperseded = false;        // a later line has the same site
+    bool isRemoved = false;
   };
-  // The line that counts for a site, by the hash of its name: names beside the lines' own would take most of the
-  // memory.
-  using Places = std::unordered_multimap<size_t, uint32_t>;
+  // The line of each site, by the hash of its name. A second copy of each name would take most of the memory.
+  using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
   void append(Line line);
-  Places::const_iterator placeOf(std::string_view host) const;  // the end where there is none
+  LineByHost::const_iterator locate(std::string_view host) const;  // end() if the host is not on the list
 
   std::vector<Line> lines_;
   std::vector<BadLine> badLines_;
-  Places places_;
+  LineByHost lineByHost_;
 };
 
-// What the extension is to hold at a moment.
+// The names that the extension must hold at a given moment.
 struct HeldNames {
   std::vector<std::string> names;                         // sorted, each once
-  std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names that are left out until then
-  std::optional<Moment> nextChange;                       // when the first of these comes back
+  std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
+  std::optional<Moment> nextChange;                       // the end of the first suspension
 };
-// A name that one site holds and another has suspended is held.
+// A name of two sites, only one of which is suspended, is held.
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

@@ -18,7 +18,7 @@ bool read_until_word(std::string_view word, BlockedSite& site, std::string& faul
     site.until = read_moment(word.substr(kUntil.size()));
     return true;
   } catch (const InputError&) {
-    fault = in_quotes(word) + " has no time: write it as in until=2030-01-31T18:00:00Z";
+    fault = in_quotes(word) + " has no valid time: write it as in until=2030-01-31T18:00:00Z";
     return false;
   }
 }
@@ -43,7 +43,7 @@ bool read_line(std::string_view line, bool usualNames, BlockedSite& site, std::s
     } else if (word.substr(0, kUntil.size()) == kUntil) {
       if (!read_until_word(word, site, fault)) return false;
     } else {
-      fault = in_quotes(word) + " is neither \"only\" nor \"until=TIME\": give one host name a line";
+      fault = in_quotes(word) + " is neither \"only\" nor \"until=TIME\": give one host name per line";
       return false;
     }
   }
@@ -52,8 +52,7 @@ bool read_line(std::string_view line, bool usualNames, BlockedSite& site, std::s
 }
 
 bool read_hostname(std::string_view given, std::string& name, std::string& fault) {
-  // No letter of an international name takes more than four bytes; what is far longer is not worth the library's time.
-  constexpr size_t kLongest = size_t{4} * 253;
+  constexpr size_t kLongest = size_t{4} * 253;  // UTF-8 has at most four bytes per character
   if (given.size() <= kLongest) return normalize_hostname(given, name, fault);
   fault = "it has more than 253 characters: shorten it";
   return false;

@@ -7,18 +7,17 @@
 
 namespace orvane {
 
-// A site as its line in the list has it: HOST [only] [until=TIME].
+// The line of a site, as orvane-list(5) describes it: HOST [only] [until=TIME].
 std::string line_of(const BlockedSite& site);
 
-// Reads such a line, without its comment and not blank. `usualNames`: whether a line without "only" stands for the
-// usual names, too, as it does in the list. False for what is no such line, with the reason in `fault`: what is wrong
-// and what to do.
+// Reads a line that is not blank and has no comment. `usualNames`: whether a site without "only" has usual names; true
+// for the machine's list. Returns false for an invalid line and sets `fault` to what is wrong and what to do.
 bool read_line(std::string_view line, bool usualNames, BlockedSite& site, std::string& fault);
 
-// normalize_hostname() for a text of any length.
+// normalize_hostname(), with a limit on the text's length: international names take time in proportion to it.
 bool read_hostname(std::string_view given, std::string& name, std::string& fault);
 
-// The first word of a text without white space before it; the text is left with what follows.
+// Removes the first word and the white space after it from a text that starts with a word. Returns the word.
 std::string_view take_word(std::string_view& text);
 
 }  // namespace orvane

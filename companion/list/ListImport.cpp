@@ -19,8 +19,8 @@ bool is_one_of(std::string_view text, const std::string_view (&texts)[size]) {
   return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
 }
 
-// Names that hosts files have for the machine itself and its network.
-bool is_own_name(std::string_view name) {
+// The names that hosts files have for the machine itself and its network.
+bool is_local_name(std::string_view name) {
   constexpr std::string_view kNames[] = {"localhost",
                                          "localhost.localdomain",
                                          "localhost4",
@@ -40,23 +40,23 @@ bool is_own_name(std::string_view name) {
   return is_one_of(name, kNames);
 }
 
-// The address that a line of a hosts file begins with.
-enum class Address { None, Nowhere, Elsewhere };
+// The kind of address that a line of a hosts file starts with. A blocking address is unspecified or loopback.
+enum class Address { None, Blocking, Other };
 
 Address address_in(std::string_view word) {
   const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" names an interface
   in_addr ipv4{};
   in6_addr ipv6{};
   if (inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
-    const bool nowhere = ipv4.s_addr == htonl(INADDR_ANY) || ipv4.s_addr == htonl(INADDR_LOOPBACK);
-    return nowhere ? Address::Nowhere : Address::Elsewhere;
+    const bool isBlocking = ipv4.s_addr == htonl(INADDR_ANY) || ipv4.s_addr == htonl(INADDR_LOOPBACK);
+    return isBlocking ? Address::Blocking : Address::Other;
   }
   if (inet_pton(AF_INET6, text.c_str(), &ipv6) != 1) return Address::None;
-  const bool nowhere = IN6_IS_ADDR_UNSPECIFIED(&ipv6) || IN6_IS_ADDR_LOOPBACK(&ipv6);
-  return nowhere ? Address::Nowhere : Address::Elsewhere;
+  const bool isBlocking = IN6_IS_ADDR_UNSPECIFIED(&ipv6) || IN6_IS_ADDR_LOOPBACK(&ipv6);
+  return isBlocking ? Address::Blocking : Address::Other;
 }
 
-// A filter list's rule that hides parts of pages: "example.com##.banner" and its kin.
+// Whether a line is a filter list's rule that hides parts of pages, such as "example.com##.banner".
 bool hides_elements(std::string_view line) {
   const std::string_view word = take_word(line);
   for (std::string_view sign : {"##", "#@#", "#?#", "#$#"}) {
@@ -66,7 +66,7 @@ bool hides_elements(std::string_view line) {
   return false;
 }
 
-// The first option that has a rule block less, or something else, than the whole site.
+// The first option that limits a rule to less than the whole site. Empty if there is none.
 std::string_view limiting_option(std::string_view options) {
   constexpr std::string_view kWholeSite[] = {"all", "doc", "document", "important"};
   while (!options.empty()) {
@@ -77,8 +77,8 @@ std::string_view limiting_option(std::string_view options) {
   return {};
 }
 
-// What a text is that is no list at all; empty where it may be one.
-std::string_view foreign_kind(std::string_view text) {
+// Why a text cannot be a list; empty if it can.
+std::string_view format_fault(std::string_view text) {
   using namespace std::string_view_literals;
   // gzip, xz, zstd, zip
   constexpr std::string_view kCompressed[] = {"\037\213"sv, "\3757zXZ\0"sv, "\050\265\057\375"sv, "PK\3\4"sv};
@@ -86,8 +86,8 @@ std::string_view foreign_kind(std::string_view text) {
     if (text.starts_with(start)) return "it is compressed: unpack it first";
   }
   if (text.starts_with("BZh") && text.substr(4, 6) == "1AY&SY") return "it is compressed: unpack it first";
-  const bool zeros = text.size() > 1 && (text[0] == 0) != (text[1] == 0);
-  if (zeros || text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
+  const bool isUTF16 = text.size() > 1 && (text[0] == 0) != (text[1] == 0);
+  if (isUTF16 || text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
     return "it is UTF-16: save the text as UTF-8";
   return {};
 }
@@ -101,15 +101,14 @@ class ImportReader {
     ++result_.lines;
     line = trimmed(line);
     if (isComment(line)) return;
-    // In a hosts file a comment needs no space before it.
+    // In hosts(5) a comment needs no space before it.
     std::string_view names = line.substr(0, line.find('#'));
     const std::string_view address = take_word(names);
     const Address kind = names.empty() ? Address::None : address_in(address);
     if (kind != Address::None) return readHostsLine(address, kind, names);
     if (hides_elements(line)) return reject(line, "it hides parts of pages: only whole sites can be blocked");
     line = trimmed(without_comment(line));
-    if (line.starts_with("@@"))
-      return reject(line, "it is an exception: leave out the names that are not to be blocked");
+    if (line.starts_with("@@")) return reject(line, "it is an exception: remove the names that should not be blocked");
     if (line.starts_with("||")) return readRule(line);
     readPlainLine(line);
   }
@@ -122,7 +121,7 @@ class ImportReader {
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
     isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||");
     if (line.front() == '!' || title) return true;
-    // Elsewhere "##Title" is a title.
+    // In other lists "##Title" is a comment.
     return line.front() == '#' && !(isFilterList_ && hides_elements(line));
   }
 
@@ -132,11 +131,11 @@ class ImportReader {
       const std::string_view name = take_word(names);
       std::string fault;
       const bool isName = read_hostname(name, site.host, fault);
-      if (is_own_name(isName ? site.host : name)) {
+      if (is_local_name(isName ? site.host : name)) {
         ++result_.skipped;
-      } else if (kind == Address::Elsewhere) {
+      } else if (kind == Address::Other) {
         reject(name, "it is given the address " + in_quotes(address) +
-                         ", which does not block it: give it alone if it is to be blocked");
+                         ", which does not block it: to block it, give the name alone");
       } else if (isName) {
         add(std::move(site));
       } else {
@@ -159,7 +158,7 @@ class ImportReader {
     BlockedSite site{"", usualNames_.value_or(true), {}};
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
-    if (is_own_name(site.host)) {
+    if (is_local_name(site.host)) {
       ++result_.skipped;
       return;
     }
@@ -171,7 +170,7 @@ class ImportReader {
     BlockedSite site;
     std::string fault;
     const bool isLine = read_line(line, usualNames_.value_or(true), site, fault);
-    if (is_own_name(isLine ? site.host : line)) {
+    if (is_local_name(isLine ? site.host : line)) {
       ++result_.skipped;
     } else if (isLine) {
       add(std::move(site));
@@ -187,21 +186,21 @@ class ImportReader {
 
   void add(BlockedSite site) {
     if (site.usualNames) site.host = site_of(site.host);
-    if (auto known = places_.find(site.host); known != places_.end()) {
+    if (auto known = siteByHost_.find(site.host); known != siteByHost_.end()) {
       ++result_.duplicates;
       known->second->usualNames = known->second->usualNames || site.usualNames;
       known->second->until = site.until;
       return;
     }
     BlockedSite& added = result_.sites.emplace_back(std::move(site));
-    places_.emplace(added.host, &added);
+    siteByHost_.emplace(added.host, &added);
   }
 
   std::optional<bool> usualNames_;
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   ImportedSites result_;
-  std::unordered_map<std::string_view, BlockedSite*> places_;  // in the result, by name
+  std::unordered_map<std::string_view, BlockedSite*> siteByHost_;  // pointers into the result
 };
 
 }  // namespace
@@ -209,8 +208,8 @@ class ImportReader {
 ImportedSites read_import(std::string_view text, std::optional<bool> usualNames, const ImportRejection& rejected,
                           const ImportProgress& progress) {
   constexpr size_t kLinesBetweenReports = 4096;
-  if (const std::string_view kind = foreign_kind(text); !kind.empty())
-    throw InputError("not a list: " + std::string(kind));
+  if (const std::string_view fault = format_fault(text); !fault.empty())
+    throw InputError("not a list: " + std::string(fault));
   const size_t size = text.size();
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   ImportReader reader(usualNames, rejected);
@@ -228,13 +227,12 @@ ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool r
   ImportCounts counts;
   const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
   for (BlockedSite site : imported.sites) {
-    const BlockedSite* there = (replace ? before : list).find(site.host);
-    const bool known = there != nullptr && there->host == site.host;
-    if (known && !replace) site.usualNames = site.usualNames || there->usualNames;
-    if (known && !site.until) site.until = there->until;
-    const bool differs = !known || site != *there;
+    const BlockedSite* old = (replace ? before : list).find(site.host);
+    if (old != nullptr && old->host != site.host) old = nullptr;  // the host is only a usual name of another site
+    if (old != nullptr && !replace) site.usualNames = site.usualNames || old->usualNames;
+    if (old != nullptr && !site.until) site.until = old->until;
+    ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
     list.put(std::move(site));
-    ++(!known ? counts.added : differs ? counts.changed : counts.unchanged);
   }
   if (replace) counts.removed = before.size() - counts.changed - counts.unchanged;
   return counts;
