@@ -15,37 +15,37 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Between two tries to connect. A new socket's file is seen at once, but a socket is there before somebody listens.
+// Between attempts to connect. The pause matters even though a new socket file is noticed at once: the file exists
+// before the extension listens.
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
-// Between two looks at the counter, which tell of others' edits, and whether the extension still answers.
-constexpr std::chrono::milliseconds kLookEvery = 60s;
+// Between reads of the count of edits, which show other clients' edits and whether the extension still answers.
+constexpr std::chrono::milliseconds kCheckInterval = 60s;
 
-// For an extension to answer; less once it is known not to. Many names take their time.
-constexpr std::chrono::milliseconds kPatience = 5s;
-constexpr std::chrono::milliseconds kShortPatience = 1s;
+// The time for an extension to answer: less if it did not answer last time, more for a long list.
+constexpr std::chrono::milliseconds kCallTimeout = 5s;
+constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
 
-// A restart takes less: why the extension cannot be reached meanwhile is of no interest.
+// The longest normal restart. Until then, failures to connect are not logged.
 constexpr std::chrono::milliseconds kRestart = 2s;
 
-// Why there is no connection to an extension that takes one and says nothing.
-constexpr const char* kSilent = "the extension does not answer: it hangs, or serves too many clients; restart it";
+constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";
 
 std::vector<std::string> socket_paths(const ClientOptions& options) {
   if (!options.socket.empty()) return {std::filesystem::absolute(options.socket).lexically_normal()};
-  std::string error;  // connecting says it, too
+  std::string error;  // connect_client() reports it, too
   return client_socket_paths(options.service, &error);
 }
 
-std::chrono::milliseconds limit_for(const HeldNames& list) {
-  return kPatience + std::chrono::seconds((list.names.size() + list.suspended.size()) / kNamesPerSecond);
+std::chrono::milliseconds timeout_for(const HeldNames& list) {
+  return kCallTimeout + std::chrono::seconds((list.names.size() + list.suspended.size()) / kNamesPerSecond);
 }
 
 std::string count_of(const HeldNames& list) {
   std::string text = counted(list.names.size(), "name", "names");
-  return list.suspended.empty() ? text : text + ", besides " + std::to_string(list.suspended.size()) + " suspended";
+  return list.suspended.empty() ? text : text + ", plus " + std::to_string(list.suspended.size()) + " suspended";
 }
 
 }  // namespace
@@ -58,100 +58,100 @@ ExtensionLink::ExtensionLink(ClientOptions options, KeeperState& state)
 void ExtensionLink::attend(const HeldNames* list) {
   if (Clock::now() < due_) return;
   if (client_) {
-    due_ = Clock::now() + kLookEvery;
-    if (std::string failure = look(); !failure.empty()) lose(failure);
+    due_ = Clock::now() + kCheckInterval;
+    if (std::string failure = checkConnection(); !failure.empty()) disconnect(failure);
   } else if (connect() && list != nullptr) {
     send(nullptr, *list);
   }
 }
 
-void ExtensionLink::socketsHappened() {
-  if (!sockets_ || !sockets_->happened()) return;
+void ExtensionLink::onSocketEvent() {
+  if (!sockets_ || !sockets_->readEvents()) return;
   pause_ = kShortestPause;
   due_ = Clock::now();
 }
 
 void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
-  if (client_) send(inStep_ ? before : nullptr, after);
+  if (client_) send(isInSync_ ? before : nullptr, after);
 }
 
-// Calls the extension for no longer than the limit. Gives what went wrong; empty when nothing did.
+// Runs `work`, which calls the extension, with a timeout. Returns the error, or an empty text.
 template <class Work>
-std::string ExtensionLink::attempt(std::chrono::milliseconds patience, Work work) {
-  CallTimeout limit(patience);
+std::string ExtensionLink::attempt(std::chrono::milliseconds timeout, Work work) {
+  CallTimeout limit(timeout);
   if (client_) limit.watch(client_->descriptor());
   try {
     work(limit);
   } catch (const UnresponsiveExtension&) {
-    return kSilent;
+    return kUnresponsive;
   } catch (const ClientError& error) {
-    return limit.passed() && client_ ? kSilent : error.what();
+    return limit.hasExpired() && client_ ? kUnresponsive : error.what();
   }
   return "";
 }
 
 bool ExtensionLink::connect() {
-  const uint64_t seen = state_.changes;
-  std::string failure = attempt(isUnresponsive_ ? kShortPatience : kPatience, [this](CallTimeout& limit) {
+  const uint64_t lastSeen = state_.changes;
+  std::string failure = attempt(isUnresponsive_ ? kShortCallTimeout : kCallTimeout, [this](CallTimeout& limit) {
     client_ = connect_client(options_);
     limit.watch(client_->descriptor());
     state_.changes = client_->changesCount();
   });
-  isUnresponsive_ = failure == kSilent;
+  isUnresponsive_ = failure == kUnresponsive;
   if (!failure.empty()) {
-    retry(failure);
+    scheduleRetry(failure);
     return false;
   }
-  const bool isAnother = state_.changes == 0 || state_.changes < seen;
-  if (isAnother || !metBefore_) state_.changesOfOthers = 0;
-  expected_ = state_.changes - state_.changesOfOthers;
-  keeper_log(LogLevel::Info, !metBefore_ ? "connected to the extension"
-                             : isAnother ? "connected to the extension, which was started anew"
-                                         : "connected to the extension again");
-  metBefore_ = true;
-  inStep_ = false;
+  const bool isRestarted = state_.changes == 0 || state_.changes < lastSeen;
+  if (isRestarted || !hasConnectedBefore_) state_.changesOfOthers = 0;
+  expectedChanges_ = state_.changes - state_.changesOfOthers;
+  keeper_log(LogLevel::Info, !hasConnectedBefore_ ? "connected to the extension"
+                             : isRestarted        ? "connected to the extension, which was restarted"
+                                                  : "connected to the extension again");
+  hasConnectedBefore_ = true;
+  isInSync_ = false;
   state_.connected = true;
   state_.extensionError.reset();
   sockets_.reset();
   pause_ = kShortestPause;
-  due_ = Clock::now() + kLookEvery;
+  due_ = Clock::now() + kCheckInterval;
   return true;
 }
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
-  inStep_ = false;
-  std::string failure = attempt(limit_for(after), [&](CallTimeout&) {
-    const bool whole = before == nullptr || is_sent_whole(*before, after);
-    // What others did before goes with what they did it to.
-    if (whole) expected_ = client_->changesCount();
-    expected_ += whole ? send_all(*client_, after) : send_difference(*client_, *before, after);
-    readCounter();
-    inStep_ = true;
+  isInSync_ = false;
+  std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
+    const bool isWhole = before == nullptr || needs_whole_list(*before, after);
+    // Sending the whole list discards other clients' edits, so counting starts here.
+    if (isWhole) expectedChanges_ = client_->changesCount();
+    expectedChanges_ += isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
+    readChangesCount();
+    isInSync_ = true;
   });
-  if (inStep_) {
-    noteSent(after);
+  if (isInSync_) {
+    recordSent(after);
     return;
   }
-  // The connection is still of use when the list was too large to be sent.
-  if (failure == kSilent || !look().empty()) {
-    lose(failure);
+  // If the list was only too large to be sent, the connection still works.
+  if (failure == kUnresponsive || !checkConnection().empty()) {
+    disconnect(failure);
     return;
   }
-  expected_ = state_.changes - state_.changesOfOthers;
+  expectedChanges_ = state_.changes - state_.changesOfOthers;
   state_.extensionError = failure;
-  keeper_log(LogLevel::Error, "the extension has not taken the list: " + failure);
+  keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
 }
 
-std::string ExtensionLink::look() {
-  return attempt(kPatience, [this](CallTimeout&) { readCounter(); });
+std::string ExtensionLink::checkConnection() {
+  return attempt(kCallTimeout, [this](CallTimeout&) { readChangesCount(); });
 }
 
-void ExtensionLink::readCounter() {
+void ExtensionLink::readChangesCount() {
   state_.changes = client_->changesCount();
-  state_.changesOfOthers = state_.changes - std::min(state_.changes, expected_);
+  state_.changesOfOthers = state_.changes - std::min(state_.changes, expectedChanges_);
 }
 
-void ExtensionLink::noteSent(const HeldNames& list) {
+void ExtensionLink::recordSent(const HeldNames& list) {
   state_.extensionError.reset();
   state_.sentVersion = state_.listVersion;
   state_.sentNames = list.names.size();
@@ -159,18 +159,18 @@ void ExtensionLink::noteSent(const HeldNames& list) {
   keeper_log(LogLevel::Info, "the extension has the list: " + count_of(list));
 }
 
-void ExtensionLink::lose(const std::string& reason) {
+void ExtensionLink::disconnect(const std::string& reason) {
   keeper_log(LogLevel::Notice, "lost the extension: " + reason);
   lostAt_ = Clock::now();
-  toldReason_ = reason;
-  isUnresponsive_ = reason == kSilent;
-  retry(reason);
-  // A restart is the usual reason.
+  lastLoggedReason_ = reason;
+  isUnresponsive_ = reason == kUnresponsive;
+  scheduleRetry(reason);
+  // The usual reason is a restart, so try at once.
   pause_ = kShortestPause;
   due_ = Clock::now();
 }
 
-void ExtensionLink::retry(const std::string& reason) {
+void ExtensionLink::scheduleRetry(const std::string& reason) {
   client_.reset();
   state_.connected = false;
   state_.sentVersion.reset();
@@ -184,9 +184,9 @@ void ExtensionLink::retry(const std::string& reason) {
   }
   due_ = Clock::now() + pause_;
   pause_ = std::min(2 * pause_, kLongestPause);
-  if (reason == toldReason_ || Clock::now() < lostAt_ + kRestart) return;
+  if (reason == lastLoggedReason_ || Clock::now() < lostAt_ + kRestart) return;
   keeper_log(LogLevel::Warning, reason);
-  toldReason_ = reason;
+  lastLoggedReason_ = reason;
 }
 
 }  // namespace orvane

@@ -13,62 +13,65 @@
 
 namespace orvane {
 
-// The keeper's connection to the extension: made again whenever it ends, and the whole list sent over each new one.
-// What there is to tell of it is in the KeeperState, from `connected` on. Not thread-safe; takes what CallTimeout
-// takes.
+// The keeper's connection to the extension. It reconnects whenever the connection ends, and sends the whole list over
+// each new connection. Updates the members of KeeperState from `connected` on. Not thread-safe; uses a CallTimeout.
+//
+//   disconnected --- attend(): the socket answers ---> connected, whole list sent
+//        ^                                                  |
+//        +---- hang-up, no answer, or a failed call --------+
 class ExtensionLink {
  public:
   using Clock = std::chrono::steady_clock;
 
   ExtensionLink(ClientOptions options, KeeperState& state);
 
-  // For poll(2): hung up (POLLRDHUP) when the connection has ended; -1 without one.
+  // For poll(2): POLLRDHUP when the extension has closed the connection; -1 if disconnected.
   int connection() const { return client_ ? client_->descriptor() : -1; }
-  // For poll(2): readable when a socket may have come; -1 while there is a connection.
-  int sockets() const { return sockets_ ? sockets_->descriptor() : -1; }
-  // When to call attend() at the latest.
+  // For poll(2): readable when a socket file may have appeared; -1 if connected.
+  int socketWatch() const { return sockets_ ? sockets_->descriptor() : -1; }
+  // The latest time for the next call of attend().
   Clock::time_point due() const { return due_; }
 
-  // Does what is due: tries to connect, or asks for the counter. `list` is what the extension is to hold; null as long
-  // as that is not known, and nothing is sent.
+  // If due() has come, tries to connect, or reads the extension's count of edits. `list`: the names that the extension
+  // must hold; null if not known yet, and then nothing is sent.
   void attend(const HeldNames* list);
-  // The file of a socket has come or gone: there is no reason to wait any longer.
-  void socketsHappened();
-  // The connection has hung up.
-  void hungUp() {
-    if (client_) lose("it ended the connection");
+  // Call when socketWatch() is readable: the next attempt to connect does not wait.
+  void onSocketEvent();
+  // Call at POLLRDHUP.
+  void onHangUp() {
+    if (client_) disconnect("it ended the connection");
   }
 
-  // The list is no longer `before` (null: was not known), but `after`, of the version in the state.
+  // Call when the list has changed from `before` (null if it was not known) to `after`, whose version is in the state.
   void update(const HeldNames* before, const HeldNames& after);
 
  private:
   template <class Work>
-  std::string attempt(std::chrono::milliseconds patience, Work work);
+  std::string attempt(std::chrono::milliseconds timeout, Work work);
   bool connect();
   void send(const HeldNames* before, const HeldNames& after);
-  std::string look();
-  void readCounter();
-  void noteSent(const HeldNames& list);
-  void lose(const std::string& reason);
-  void retry(const std::string& reason);
+  std::string checkConnection();
+  void readChangesCount();
+  void recordSent(const HeldNames& list);
+  void disconnect(const std::string& reason);
+  void scheduleRetry(const std::string& reason);
 
   ClientOptions options_;
   KeeperState& state_;
   std::unique_ptr<Client> client_;
-  std::optional<PathWatch> sockets_;  // watched as long as there is no connection
+  std::optional<PathWatch> sockets_;  // while disconnected
   Clock::time_point due_ = Clock::now();
 
-  // Without a connection.
-  std::chrono::milliseconds pause_;  // before the next try
+  // Used while disconnected.
+  std::chrono::milliseconds pause_;  // before the next attempt
   Clock::time_point lostAt_ = Clock::now();
-  std::string toldReason_;       // why there is none, as the log has it already
-  bool isUnresponsive_ = false;  // the last time, the extension took a connection and did not answer
+  std::string lastLoggedReason_;
+  bool isUnresponsive_ = false;  // in the last attempt, the extension accepted a connection but did not answer
 
-  // With one.
-  bool metBefore_ = false;
-  bool inStep_ = false;    // it holds what was sent last
-  uint64_t expected_ = 0;  // the counter, if nobody else edits
+  // Used while connected.
+  bool hasConnectedBefore_ = false;
+  bool isInSync_ = false;         // the extension has taken the list that was sent last
+  uint64_t expectedChanges_ = 0;  // the extension's count of edits if no other client edits
 };
 
 }  // namespace orvane

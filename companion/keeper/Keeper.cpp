@@ -33,25 +33,26 @@ namespace {
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 
-// The file is read once it has been left alone for this long; but after so much of being written, in any case.
-constexpr std::chrono::milliseconds kQuiet = 30ms;
-constexpr std::chrono::milliseconds kUnquiet = 1s;
+// The file is read when it has not changed for kDebounce, or kMaxDebounce after the first change.
+constexpr std::chrono::milliseconds kDebounce = 30ms;
+constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
-// A list without any name counts only when it stays so: editors take a file away, or empty it, and then write it anew.
-constexpr std::chrono::milliseconds kEmptyFor = 1s;
+// An empty list takes effect only after this time: editors remove or truncate a file before they write it.
+constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// Besides all notifications the file is looked at: some changes are not told, and a system may have no watch to give.
-constexpr std::chrono::milliseconds kLookEvery = 60s;
-constexpr std::chrono::milliseconds kLookEveryUnwatched = 2s;
+// The file is also checked at intervals: PathWatch misses some changes, and the system may have no inotify instance
+// left.
+constexpr std::chrono::milliseconds kCheckInterval = 60s;
+constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// The clock's timer at the latest: dates may be further away than a timer can be set.
+// A timer cannot be set to an arbitrarily distant date.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
-constexpr size_t kBadLinesTold = 3;
+constexpr size_t kBadLinesLogged = 3;
 
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
 
-// The timer goes off at a moment of the wall clock, also when the machine slept then, and when the clock is set.
+// A timer on the wall clock. It also fires after the machine has slept past the moment, and when the clock is set.
 class WallClock {
  public:
   WallClock() : timer_(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}
@@ -62,7 +63,7 @@ class WallClock {
     when.it_value.tv_sec = std::max<time_t>(moment.time_since_epoch().count(), 1);
     timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
   }
-  // Called when the descriptor is readable: whether the clock has been set.
+  // Call when the descriptor is readable. Returns whether the clock was set.
   bool wasSet() {
     uint64_t expirations = 0;
     return read(timer_.get(), &expirations, sizeof expirations) < 0 && errno == ECANCELED;
@@ -86,14 +87,14 @@ class Keeper {
 
   void run() {
     publish();
-    // Whether there is a list or an extension is not its own doing.
+    // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
     attend({});
     for (;;) {
       publish();
-      const Waited waited = wait();
-      if (end_.isMade()) break;
-      attend(waited);
+      const Events events = wait();
+      if (shutdown_.isMade()) break;
+      attend(events);
     }
     sd_notify(0, "STOPPING=1\nSTATUS=Ending");
     if (lock_) unlink(statePath_.c_str());
@@ -102,86 +103,86 @@ class Keeper {
  private:
   const HeldNames* known() const { return isKnown_ ? &list_ : nullptr; }
 
-  // What is waited for, by the names of the members that it is for.
-  struct Waited {
-    pollfd end{-1, POLLIN, 0}, list = end, clock = end, sockets = end, connection = end;
+  // The results of poll(2), named by what they are about.
+  struct Events {
+    pollfd shutdown{-1, POLLIN, 0}, list = shutdown, clock = shutdown, sockets = shutdown, connection = shutdown;
   };
 
-  Waited wait();
-  void attend(const Waited& waited);
-  void lookAtList();
-  void listHappened();
+  Events wait();
+  void attend(const Events& events);
+  void checkList();
+  void onListChange();
   void readList();
   void take(HeldNames list);
   void setTimer(const HeldNames& list);
   void describe(const BlockList& list);
-  void clockHappened();
+  void onClockChange();
   void publish();
 
   const std::string statePath_;
-  const Descriptor lock_;  // none where there is no place for a state
-  ShutdownRequest end_;
+  const Descriptor lock_;  // empty if the state file's folder does not exist
+  ShutdownRequest shutdown_;
   KeeperState state_;
-  nlohmann::json written_;  // what was told last
+  nlohmann::json writtenState_;  // as last written
   std::string status_;
   bool isUnwritable_ = false;
 
   PathWatch listWatch_;
   WallClock clock_;
-  std::optional<Steady::time_point> changedAt_;  // the file, since it was read last
+  std::optional<Steady::time_point> changedAt_;  // the file's first change since the last read
   std::optional<Steady::time_point> emptySince_;
   std::optional<Steady::time_point> readAt_ = Steady::now();
-  Steady::time_point lookAt_ = Steady::now() + kLookEveryUnwatched;
+  Steady::time_point checkAt_ = Steady::now() + kUnwatchedCheckInterval;
 
   bool isKnown_ = false;  // a list has been read
-  HeldNames list_;        // the only copy: what the extension holds whenever it is in step
-  std::string toldFaults_;
+  HeldNames list_;        // also what the extension holds while it is in sync; a second copy would double the memory
+  std::string lastLoggedFaults_;
   ExtensionLink link_;
 };
 
-Keeper::Waited Keeper::wait() {
-  Steady::time_point due = std::min(link_.due(), lookAt_);
+Keeper::Events Keeper::wait() {
+  Steady::time_point due = std::min(link_.due(), checkAt_);
   if (readAt_) due = std::min(due, *readAt_);
-  if (isUnwritable_) due = std::min(due, Steady::now() + kLookEveryUnwatched);
+  if (isUnwritable_) due = std::min(due, Steady::now() + kUnwatchedCheckInterval);
   auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Steady::now());
-  std::array<pollfd, 5> waited{{{end_.descriptor(), POLLIN, 0},
+  std::array<pollfd, 5> events{{{shutdown_.descriptor(), POLLIN, 0},
                                 {listWatch_.descriptor(), POLLIN, 0},
                                 {clock_.descriptor(), POLLIN, 0},
-                                {link_.sockets(), POLLIN, 0},
+                                {link_.socketWatch(), POLLIN, 0},
                                 {link_.connection(), POLLRDHUP, 0}}};
-  if (poll(waited.data(), waited.size(), static_cast<int>(std::max(left, 0ms).count())) <= 0) return {};
-  return {waited[0], waited[1], waited[2], waited[3], waited[4]};
+  if (poll(events.data(), events.size(), static_cast<int>(std::max(left, 0ms).count())) <= 0) return {};
+  return {events[0], events[1], events[2], events[3], events[4]};
 }
 
-// Does what is due. To read a large list, and to call an extension that hangs, takes longer than anybody wants to wait
-// for the end, and may be broken off anywhere: whoever keeps the list next sends everything anew.
-void Keeper::attend(const Waited& waited) {
-  end_.breakOff(true);
-  if (waited.list.revents != 0) listHappened();
-  if (waited.clock.revents != 0) clockHappened();
-  if (waited.sockets.revents != 0) link_.socketsHappened();
-  if (waited.connection.revents != 0) link_.hungUp();
+// Reading a large list or calling an extension that hangs takes long, so a shutdown request ends the process right
+// there. That is safe: the next keeper sends everything again.
+void Keeper::attend(const Events& events) {
+  shutdown_.exitAtOnce(true);
+  if (events.list.revents != 0) onListChange();
+  if (events.clock.revents != 0) onClockChange();
+  if (events.sockets.revents != 0) link_.onSocketEvent();
+  if (events.connection.revents != 0) link_.onHangUp();
   if (readAt_ && Steady::now() >= *readAt_) readList();
-  if (Steady::now() >= lookAt_) lookAtList();
+  if (Steady::now() >= checkAt_) checkList();
   link_.attend(known());
-  end_.breakOff(false);
+  shutdown_.exitAtOnce(false);
 }
 
-void Keeper::lookAtList() {
-  lookAt_ = Steady::now() + (listWatch_.descriptor() < 0 ? kLookEveryUnwatched : kLookEvery);
+void Keeper::checkList() {
+  checkAt_ = Steady::now() + (listWatch_.descriptor() < 0 ? kUnwatchedCheckInterval : kCheckInterval);
   listWatch_.arm();
   try {
     if (isKnown_ && list_version(state_.listPath) == state_.listVersion) return;
-  } catch (const FileError&) {  // reading tells it
+  } catch (const FileError&) {  // readList() logs it
   }
   if (!readAt_) readList();
 }
 
-void Keeper::listHappened() {
-  if (!listWatch_.happened()) return;
+void Keeper::onListChange() {
+  if (!listWatch_.readEvents()) return;
   const auto now = Steady::now();
   if (!changedAt_) changedAt_ = now;
-  readAt_ = std::min(now + kQuiet, *changedAt_ + kUnquiet);
+  readAt_ = std::min(now + kDebounce, *changedAt_ + kMaxDebounce);
 }
 
 void Keeper::readList() {
@@ -193,8 +194,8 @@ void Keeper::readList() {
     if (list.names.empty() && list.suspended.empty()) {
       const auto now = Steady::now();
       if (!emptySince_) emptySince_ = now;
-      if (now < *emptySince_ + kEmptyFor) {
-        readAt_ = *emptySince_ + kEmptyFor;
+      if (now < *emptySince_ + kEmptyDelay) {
+        readAt_ = *emptySince_ + kEmptyDelay;
         return;
       }
     } else {
@@ -209,22 +210,22 @@ void Keeper::readList() {
     if (state_.listError != error.what()) keeper_log(LogLevel::Error, error.what());
     state_.listError = error.what();
   }
-  // A large list leaves much memory behind, in pieces, which the allocator would keep.
+  // Parsing a large list leaves fragmented free memory, which the allocator would keep.
   malloc_trim(0);
 }
 
-// What there is to tell of a list besides its names.
+// Updates the counts in the state and logs the first bad lines.
 void Keeper::describe(const BlockList& list) {
   state_.sites = list.size();
   state_.badLines = list.badLines().size();
   std::string faults;
-  for (size_t i = 0; i < std::min(list.badLines().size(), kBadLinesTold); ++i) {
+  for (size_t i = 0; i < std::min(list.badLines().size(), kBadLinesLogged); ++i) {
     const auto& bad = list.badLines()[i];
     faults += "; line " + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " + bad.fault;
   }
-  if (!faults.empty() && faults != toldFaults_)
-    keeper_log(LogLevel::Warning, "not obeyed: " + counted(state_.badLines, "line", "lines") + " of the list" + faults);
-  toldFaults_ = faults;
+  if (!faults.empty() && faults != lastLoggedFaults_)
+    keeper_log(LogLevel::Warning, "ignored: " + counted(state_.badLines, "line", "lines") + " of the list" + faults);
+  lastLoggedFaults_ = faults;
 }
 
 void Keeper::take(HeldNames list) {
@@ -241,8 +242,8 @@ void Keeper::setTimer(const HeldNames& list) {
   clock_.setTimer(std::min(list.nextChange.value_or(latest), latest));
 }
 
-void Keeper::clockHappened() {
-  // Where the clock was set back, suspensions that had passed are ahead again, and the file alone knows them.
+void Keeper::onClockChange() {
+  // If the clock was set back, a suspension that had ended is in the future again, and only the file still has it.
   if (clock_.wasSet()) {
     keeper_log(LogLevel::Notice, "the clock was set");
     readList();
@@ -263,15 +264,15 @@ void Keeper::publish() {
   status_ = std::move(status);
   if (!lock_) return;
   nlohmann::json state = to_json(state_);
-  if (state == written_) return;
-  written_ = std::move(state);
+  if (state == writtenState_) return;
+  writtenState_ = std::move(state);
   try {
     write_keeper_state(statePath_, state_);
     isUnwritable_ = false;
   } catch (const FileError& error) {
     if (!isUnwritable_) keeper_log(LogLevel::Warning, error.what());
     isUnwritable_ = true;
-    written_ = nullptr;  // it is tried again
+    writtenState_ = nullptr;  // try again next time
   }
 }
 
@@ -287,13 +288,13 @@ int run_keeper(const KeeperOptions& options) {
       return kFailed;
     }
   } catch (const FileError& error) {
-    // A folder that is not ours is another keeper's, beside which this one would be in the way.
+    // An existing folder without write access belongs to another keeper, so this one must not run as well.
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
       print_error(std::string(error.what()));
       return kFailed;
     }
-    keeper_log(LogLevel::Warning, std::string("nobody can ask this keeper what it does: ") + error.what());
+    keeper_log(LogLevel::Warning, std::string("running without a state file: ") + error.what());
   }
   Keeper(options, std::move(lock)).run();
   return kDone;

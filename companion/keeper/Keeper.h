@@ -12,10 +12,9 @@ struct KeeperOptions {
   std::string statePath;
 };
 
-// Keeps the list in the extension until SIGTERM, SIGINT or SIGHUP: sends it after every start of the extension and
-// after every change of the file, and has suspensions begin and end by the clock on the wall. What cannot be had now,
-// the file, the extension or a place for the state, is waited for. Gives the exit code: 1 when another keeper writes
-// the same state. For a program with one thread.
+// Keeps the extension's list equal to the file until SIGTERM, SIGINT or SIGHUP: sends it after each start of the
+// extension, after each change of the file, and when a suspension ends. Waits for a missing file or extension. Returns
+// the exit code, which is kFailed if another keeper uses the same state file. For single-threaded programs.
 int run_keeper(const KeeperOptions& options);
 
 }  // namespace orvane

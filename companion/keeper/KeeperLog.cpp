@@ -11,8 +11,8 @@
 namespace orvane {
 namespace {
 
-// The variable alone does not tell: terminals that a service has opened hand it on.
-bool leads_to_journal() {
+// The variable alone is not enough: programs in a terminal that a service started inherit it.
+bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
   return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
@@ -22,8 +22,8 @@ bool leads_to_journal() {
 }  // namespace
 
 void keeper_log(LogLevel level, const std::string& text) {
-  static const bool toJournal = leads_to_journal();
-  if (toJournal) {
+  static const bool isJournal = is_stderr_journal();
+  if (isJournal) {
     std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), text.c_str());
   } else {
     print_error(text);

@@ -22,7 +22,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Whatever the umask is. What is suspended tells of the list, and that is the group's.
+// The group may read the list, so it may read the state as well.
 constexpr mode_t kReadableByGroup = 0640;
 
 FileError file_error(const char* what, const std::string& path, int error) {
@@ -34,8 +34,7 @@ FileError file_error(const char* what, const std::string& path, int error) {
 
 std::string lock_path(const std::string& path) { return path + ".lock"; }
 
-// A lock that belongs to an open file, not to a process: the other question, whether somebody has it, does not take it,
-// and the answer is right in every PID namespace.
+// For open file description locks (F_OFD_SETLK). Testing for one does not take it, and works across PID namespaces.
 struct flock whole_file(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -56,7 +55,8 @@ Json json_or_null(const std::optional<T>& value) {
 
 Json json_of(const std::optional<Moment>& moment) { return moment ? Json(time_text(*moment)) : Json(); }
 
-// Members of an object, strict as to their types. One that is null or absent is what the target was.
+// Reads members of a JSON object. A member that is null or missing leaves its target unchanged; one of another type
+// throws Json::exception or InputError.
 class Members {
  public:
   explicit Members(const Json& object) : object_(object) { object_.get_ref<const Json::object_t&>(); }
@@ -174,27 +174,27 @@ std::optional<KeeperState> read_keeper_state(const std::string& path) {
 }
 
 InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
-                            std::chrono::milliseconds patience) {
+                            std::chrono::milliseconds timeout) {
   using Clock = std::chrono::steady_clock;
-  const auto end = Clock::now() + patience;
-  // Armed before the first look, so that nothing is missed between a look and the wait after it.
+  const auto end = Clock::now() + timeout;
+  // Start watching before the first read, so that no change between reading and waiting is missed.
   PathWatch watch({std::filesystem::absolute(statePath).lexically_normal()});
   for (;;) {
     std::optional<KeeperState> state = read_keeper_state(statePath);
     if (!state) return InForce::NoKeeper;
-    // What the file holds now is ours or later, and so is what the keeper has read of it.
-    auto isNoOlder = [&](const ListVersion& other) {
+    // The list's file now holds this version or a later one.
+    auto isCurrent = [&](const ListVersion& other) {
       return other == version || other == list_version(state->listPath);
     };
-    if (state->sentVersion && isNoOlder(*state->sentVersion)) return InForce::Yes;
-    if (!state->connected && isNoOlder(state->listVersion)) return InForce::NoExtension;
+    if (state->sentVersion && isCurrent(*state->sentVersion)) return InForce::Yes;
+    if (!state->connected && isCurrent(state->listVersion)) return InForce::NoExtension;
     auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     if (left.count() <= 0) return InForce::TimedOut;
-    // A keeper that is killed changes no file.
-    constexpr std::chrono::milliseconds kLookAgain(500);
+    // A killed keeper changes no file, so check at intervals, too.
+    constexpr std::chrono::milliseconds kCheckInterval(500);
     pollfd waited{watch.descriptor(), POLLIN, 0};
-    poll(&waited, 1, static_cast<int>(std::min(left, kLookAgain).count()));
-    watch.happened();
+    poll(&waited, 1, static_cast<int>(std::min(left, kCheckInterval).count()));
+    watch.readEvents();
   }
 }
 

@@ -16,50 +16,50 @@
 
 namespace orvane {
 
-// What the keeper tells of itself, in a file that it replaces at every change: a JSON object.
+// The keeper's state, which it writes to a file as a JSON object whenever something changes.
 struct KeeperState {
   pid_t process = 0;
   Moment started;
 
-  // The list as it was last read.
+  // The list as last read.
   std::string listPath;
   ListVersion listVersion;
   uint64_t sites = 0;
-  uint64_t names = 0;  // with the usual names, without the suspended
+  uint64_t names = 0;  // including usual names, without suspended names
   uint64_t badLines = 0;
-  std::vector<std::pair<std::string, Moment>> suspended;  // names
-  std::optional<std::string> listError;                   // why it could not be read; the one read before still counts
+  std::vector<std::pair<std::string, Moment>> suspended;  // names, and when their suspension ends
+  std::optional<std::string> listError;                   // why reading failed; the list read before stays in force
 
   // The extension.
   bool connected = false;
-  std::optional<ListVersion> sentVersion;  // of the list that it has now; nothing when it has none from us
+  std::optional<ListVersion> sentVersion;  // of the list that the extension has from this keeper
   uint64_t sentNames = 0;
   std::optional<Moment> sentAt;
-  uint64_t changes = 0;                       // its counter when it was last asked
-  uint64_t changesOfOthers = 0;               // of these, those since our first that were not ours
-  std::optional<std::string> extensionError;  // why it is not connected, or did not take the list
+  uint64_t changes = 0;                       // the extension's count of edits when last read
+  uint64_t changesOfOthers = 0;               // edits by other clients since this keeper first sent the list
+  std::optional<std::string> extensionError;  // why there is no connection, or the list was not accepted
 };
 
-// Where the keeper that the service manager runs writes it.
+// The state file of the keeper that runs as a service.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
 
-// The right to write it, which one keeper has at a time: a lock, on a file beside it, for as long as the descriptor is
-// open. An empty one where another keeper has it. Throws FileError where no such file can be made.
+// Takes the lock that lets one keeper at a time write the state. It is a lock on the file `path`.lock, held while the
+// descriptor is open. Empty if another keeper has it. Throws FileError if the lock's file cannot be made.
 Descriptor lock_keeper_state(const std::string& path);
 
-// Replaces the file in one step. Only with the lock. Throws FileError.
+// Replaces the state file atomically. The caller has the lock. Throws FileError.
 void write_keeper_state(const std::string& path, const KeeperState& state);
 
-// The state of the keeper that runs now. Nothing where there is none: no file, or nobody who has the lock. Throws
-// FileError for a file that cannot be read or is no such state.
+// The state of the running keeper. Nothing if none runs: the file is missing, or nobody has the lock. Throws FileError
+// if the file cannot be read or is invalid.
 std::optional<KeeperState> read_keeper_state(const std::string& path);
 
-// As the file has it.
+// The JSON object in the file.
 nlohmann::json to_json(const KeeperState& state);
 
-// Waits until the extension has this version of the list, or a later one, from the keeper.
+// Waits until the keeper has sent this version of the list, or a later one, to the extension. Throws FileError.
 enum class InForce { Yes, NoKeeper, NoExtension, TimedOut };
 InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
-                            std::chrono::milliseconds patience);
+                            std::chrono::milliseconds timeout);
 
 }  // namespace orvane

@@ -16,7 +16,7 @@ using Suspensions = std::vector<std::pair<std::string, Moment>>;
 
 Value date_of(Moment moment) { return Value::date(static_cast<double>((moment - kAbsoluteTimeReference).count())); }
 
-// The extension keeps properties only with names that it holds, and counts each message as an edit in any case.
+// The extension counts each message as an edit, even if it does not hold the name.
 uint64_t send_dates(Client& client, const Suspensions& suspended) {
   for (const auto& [name, until] : suspended) {
     client.setProperties(Value::dictionary({{Value::string(kDontBlockUntil), date_of(until)}}), Value::string(name));
@@ -24,11 +24,11 @@ uint64_t send_dates(Client& client, const Suspensions& suspended) {
   return suspended.size();
 }
 
-// What is in `of` and not in `without`, both sorted.
+// The elements of `from` that are not in `without`; both are sorted.
 template <class Sorted>
-Sorted difference(const Sorted& of, const Sorted& without) {
+Sorted difference(const Sorted& from, const Sorted& without) {
   Sorted result;
-  std::set_difference(of.begin(), of.end(), without.begin(), without.end(), std::back_inserter(result));
+  std::set_difference(from.begin(), from.end(), without.begin(), without.end(), std::back_inserter(result));
   return result;
 }
 
@@ -39,7 +39,7 @@ uint64_t send_all(Client& client, const HeldNames& list) {
   return 1 + send_dates(client, list.suspended);
 }
 
-bool is_sent_whole(const HeldNames& before, const HeldNames& after) {
+bool needs_whole_list(const HeldNames& before, const HeldNames& after) {
   size_t differing = 0;
   auto old = before.names.begin(), fresh = after.names.begin();
   while (old != before.names.end() && fresh != after.names.end()) {
@@ -53,13 +53,13 @@ bool is_sent_whole(const HeldNames& before, const HeldNames& after) {
 }
 
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after) {
-  std::vector<std::string> gone = difference(before.names, after.names);
-  std::vector<std::string> fresh = difference(after.names, before.names);
-  // Dates first, while the extension still holds the names.
+  std::vector<std::string> removed = difference(before.names, after.names);
+  std::vector<std::string> added = difference(after.names, before.names);
+  // Dates first: the extension keeps them only for names that it still holds.
   uint64_t edits = send_dates(client, difference(after.suspended, before.suspended));
-  if (!gone.empty()) client.removeHostnames(gone);
-  if (!fresh.empty()) client.addHostnames(fresh);
-  return edits + gone.size() + fresh.size();
+  if (!removed.empty()) client.removeHostnames(removed);
+  if (!added.empty()) client.addHostnames(added);
+  return edits + removed.size() + added.size();
 }
 
 void end_suspensions(HeldNames& list, Moment now) {

@@ -5,23 +5,25 @@
 #include "companion/client/Client.h"
 #include "companion/list/BlockList.h"
 
-// How the extension comes to hold what the list says. The general provider does not look at the date of a suspension:
-// a suspended name is one that the extension does not hold until the keeper sends it again. The provider for one
-// browser does look, so the date goes along; it is set before the name is taken out, never after it has come back.
+// Sends the list to the extension. The general provider ignores the date of a suspension, so the keeper removes a
+// suspended name and adds it again at that date. The provider for one browser honours the date, so it is sent, too:
+// before the name is removed, because the extension keeps properties only for names that it holds.
 namespace orvane {
 
-// A new connection: all that the extension is to hold, whatever it held before. Gives the number of edits that the
-// extension counts for it; throws ClientError.
+// Replaces everything that the extension holds. Returns the number of edits that the extension counts for it. Throws
+// ClientError.
 uint64_t send_all(Client& client, const HeldNames& list);
 
-// An extension that holds `before`: only what differs, so that what others did beside us stays. As above.
+// Sends only the difference to an extension that holds `before`, so that other clients' edits stay. Returns and throws
+// as above.
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after);
 
-// More names than this differ: then the whole list goes out, in one message, and takes away what others did.
+// Whether so many names differ that one message with the whole list is better, although it discards other clients'
+// edits.
 inline constexpr size_t kLargestDifference = 4096;
-bool is_sent_whole(const HeldNames& before, const HeldNames& after);
+bool needs_whole_list(const HeldNames& before, const HeldNames& after);
 
-// Lets the suspensions that have passed by `now` come to their end: their names are held, and nextChange moves on.
+// Moves the names whose suspension has ended by `now` to the held names, and updates nextChange.
 void end_suspensions(HeldNames& list, Moment now);
 
 }  // namespace orvane

@@ -1,32 +1,27 @@
 #include "companion/keeper/PathWatch.h"
 
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace orvane {
 namespace {
 
-// Where the next folder on the way to the file may come; and where the file itself is.
-constexpr uint32_t kAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr uint32_t kBeside = kAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
+// Events of a folder above, where the next folder of the path may appear, and of the file's own folder.
+constexpr uint32_t kEventsAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
 
-// What is about a folder itself.
-constexpr uint32_t kWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
+// Events that concern the watched folder itself and have no name.
+constexpr uint32_t kEventsWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
 
-// A folder that comes and goes while it is being looked for is met again at the next event.
+// A limit for folders that keep appearing and vanishing; the next event tries again.
 constexpr int kAttempts = 4;
-
-bool is_there(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
 
 }  // namespace
 
@@ -47,25 +42,26 @@ void PathWatch::arm() {
 void PathWatch::armOne(const std::string& path) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     std::filesystem::path child = path;
-    int watch = watchFolder(child, kBeside);
+    int watch = watchFolder(child, kEventsOfFolder);
     while (watch < 0 && child.has_relative_path()) {
       child = child.parent_path();
-      watch = watchFolder(child, kAbove);
+      watch = watchFolder(child, kEventsAbove);
     }
     if (watch < 0) return;
     watched_[watch].push_back(child.filename());
-    // A folder that was made before the watch on the one above it is one to watch itself.
-    if (child == path || !is_there(child)) return;
+    // If the folder appeared before its parent was watched, no event comes: watch the folder itself.
+    std::error_code ignored;
+    if (child == path || !std::filesystem::exists(child, ignored)) return;
   }
 }
 
 int PathWatch::watchFolder(const std::filesystem::path& child, uint32_t events) {
-  // A folder that holds several of the files has one watch: their events together.
+  // IN_MASK_ADD: several files in one folder share a watch.
   return inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
 }
 
-bool PathWatch::happened() {
-  bool ours = false;
+bool PathWatch::readEvents() {
+  bool isRelevant = false;
   alignas(inotify_event) std::array<char, 4096> buffer;
   for (ssize_t size; (size = read(inotify_.get(), buffer.data(), buffer.size())) > 0;) {
     for (ssize_t at = 0; at < size;) {
@@ -74,15 +70,15 @@ bool PathWatch::happened() {
       const char* name = buffer.data() + at + sizeof event;
       at += static_cast<ssize_t>(sizeof event + event.len);
       auto watched = watched_.find(event.wd);
-      if ((event.mask & IN_Q_OVERFLOW) != 0) ours = true;
-      if (watched == watched_.end()) continue;  // of a watch that has been given up
+      if ((event.mask & IN_Q_OVERFLOW) != 0) isRelevant = true;
+      if (watched == watched_.end()) continue;  // from a removed watch
       const auto& names = watched->second;
-      ours = ours || (event.mask & kWithoutName) != 0 ||
-             (event.len > 0 && std::find(names.begin(), names.end(), name) != names.end());
+      isRelevant = isRelevant || (event.mask & kEventsWithoutName) != 0 ||
+                   (event.len > 0 && std::find(names.begin(), names.end(), name) != names.end());
     }
   }
-  if (ours) arm();
-  return ours;
+  if (isRelevant) arm();
+  return isRelevant;
 }
 
 }  // namespace orvane

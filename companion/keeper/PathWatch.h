@@ -10,22 +10,22 @@
 
 namespace orvane {
 
-// Tells when something has happened to files that come, go, and are replaced: inotify(7) on the folder of each, or, as
-// long as that is not there, on the nearest one above it that is. Not told: a folder further up that is renamed, and
-// the file behind a symbolic link; so whoever must not miss a thing looks by himself now and then, after arm().
+// Reports changes of files that may be missing, or be replaced by a rename. It watches the folder of each file with
+// inotify(7), or the nearest existing folder above. Two changes are not reported: a rename of a higher folder, and a
+// change of the file behind a symbolic link. To catch those, call arm() and look at the files from time to time.
 class PathWatch {
  public:
-  // Absolute paths.
+  // `paths`: absolute.
   explicit PathWatch(std::vector<std::string> paths);
 
-  // For poll(2): readable when there may be something to read; -1 where the system has no inotify left to give.
+  // For poll(2): readable when readEvents() should be called; -1 if the system's limit of inotify instances is reached.
   int descriptor() const { return inotify_.get(); }
 
-  // Reads what has happened so far. True when it was about one of the files or their folders; the watch is then armed
-  // anew. Each write to a file counts.
-  bool happened();
+  // Reads all pending events. Returns whether any concerned one of the files, each write included, or a watched folder;
+  // then it also calls arm().
+  bool readEvents();
 
-  // Watches the folders that bear these names now.
+  // Watches the folders that exist at these paths now, and no others.
   void arm();
 
  private:
@@ -34,7 +34,7 @@ class PathWatch {
 
   std::vector<std::string> paths_;
   Descriptor inotify_;
-  std::unordered_map<int, std::vector<std::string>> watched_;  // by watch: the names in that folder that matter
+  std::unordered_map<int, std::vector<std::string>> watched_;  // by watch descriptor: the relevant names in the folder
 };
 
 }  // namespace orvane

@@ -13,14 +13,14 @@ namespace {
 
 constexpr int kSignals[] = {SIGTERM, SIGINT, SIGHUP};
 
-// What the signal handler may touch.
+// Used by the signal handler.
 std::atomic<bool> is_made;
-std::atomic<bool> may_break_off;
+std::atomic<bool> exits_at_once;
 std::atomic<int> wake_descriptor = -1;
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 void on_signal(int) {
-  if (may_break_off) _exit(0);
+  if (exits_at_once) _exit(0);
   int saved = errno;
   is_made = true;
   uint64_t one = 1;
@@ -31,7 +31,7 @@ void on_signal(int) {
 }  // namespace
 
 ShutdownRequest::ShutdownRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  is_made = may_break_off = false;
+  is_made = exits_at_once = false;
   wake_descriptor = wake_.get();
   struct sigaction action {};
   action.sa_handler = on_signal;
@@ -45,9 +45,9 @@ ShutdownRequest::~ShutdownRequest() {
 
 bool ShutdownRequest::isMade() const { return is_made; }
 
-void ShutdownRequest::breakOff(bool allowed) {
-  may_break_off = allowed;
-  if (allowed && is_made) _exit(0);
+void ShutdownRequest::exitAtOnce(bool enabled) {
+  exits_at_once = enabled;
+  if (enabled && is_made) _exit(0);
 }
 
 }  // namespace orvane

@@ -4,8 +4,8 @@
 
 namespace orvane {
 
-// SIGTERM, SIGINT and SIGHUP for a program with one thread, which ends soon whatever it is at: a loop sees the request
-// on a descriptor, and work that may take long, or for ever, is broken off. One at a time.
+// Handles SIGTERM, SIGINT and SIGHUP so that a single-threaded program always ends soon: its loop polls a descriptor,
+// and long work is simply cut off. Only one may exist at a time.
 class ShutdownRequest {
  public:
   ShutdownRequest();
@@ -13,13 +13,13 @@ class ShutdownRequest {
   ShutdownRequest(const ShutdownRequest&) = delete;
   ShutdownRequest& operator=(const ShutdownRequest&) = delete;
 
-  // Readable, for poll(2), once the end is requested.
+  // For poll(2): readable once a signal has arrived.
   int descriptor() const { return wake_.get(); }
   bool isMade() const;
 
-  // Between breakOff(true) and breakOff(false) a request ends the process at once, with 0. That is for work that can be
-  // broken off anywhere, a request that is made already included.
-  void breakOff(bool allowed);
+  // From exitAtOnce(true) to exitAtOnce(false), a request ends the process with code 0 at once; one made earlier ends
+  // it in exitAtOnce(true). For work that may stop anywhere.
+  void exitAtOnce(bool enabled);
 
  private:
   Descriptor wake_;

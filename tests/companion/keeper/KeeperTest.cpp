@@ -114,9 +114,9 @@ TEST_F(Keeper, SendsADateBeforeItTakesANameOutAndTellsNothingThatIsKnown) {
   HeldNames many;
   for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
   extension = {};
-  EXPECT_TRUE(is_sent_whole(none, many) && is_sent_whole(many, none));
+  EXPECT_TRUE(needs_whole_list(none, many) && needs_whole_list(many, none));
   many.names.pop_back();
-  EXPECT_FALSE(is_sent_whole(none, many));
+  EXPECT_FALSE(needs_whole_list(none, many));
 }
 
 TEST_F(Keeper, EndsTheSuspensionsThatHavePassedAndNoOthers) {
