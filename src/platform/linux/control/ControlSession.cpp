@@ -65,7 +65,7 @@ class GuardedStream final : public capnp::MessageStream {
   // Fulfilled when the session ends. Call once.
   kj::Promise<SessionEnd> ended() { return kj::mv(ended_.promise); }
 
-  // Ends the session as broken and logs the first reason.
+  // Ends the session as broken and logs the reason. Later calls do nothing.
   void giveUp(std::string_view reason) {
     if (ended_.fulfiller->isWaiting()) ORVANE_LOG_INFO(default_log(), "gave up a control connection: %@", reason);
     ended_.fulfiller->fulfill(SessionEnd::Broken);

@@ -83,7 +83,7 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   if (!is_file_name(service, error)) return paths;
   std::string reason;  // ignored, since the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // The unit's RuntimeDirectory= is orvane-se.
+  // orvane-se is the RuntimeDirectory= of the packaged service.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
                                        std::string("/run/orvane-se"), std::string("/run")}) {
     auto path = socket_path(directory, service, error);

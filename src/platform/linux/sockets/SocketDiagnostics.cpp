@@ -27,8 +27,7 @@ bool is_any(const SocketAddress& end) {
   return std::all_of(end.address.begin(), end.address.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// Ignores the scope: for a socket it is the interface that the socket is bound to, for an address the interface of a
-// link-local address.
+// Ignores the scope: a socket has one if it is bound to an interface, a pair's address has one if it is link-local.
 bool same_address(const SocketAddress& a, const SocketAddress& b) {
   return a.family == b.family && a.address == b.address;
 }
@@ -39,7 +38,7 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
 //  +1  its local address matches
 //  +2  it has no peer; one that has may still send to other destinations
 //  +4  its peer matches
-constexpr int kPeerMatches = 5;
+constexpr int kPeerMatches = 5;  // the lowest score with a matching peer
 
 int match_score(const SocketPair& pair, const inet_diag_msg& message) {
   SocketAddress local = read_endpoint(message.idiag_family, message.id.idiag_src, message.id.idiag_sport);

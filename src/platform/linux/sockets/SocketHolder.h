@@ -7,8 +7,8 @@
 
 namespace orvane {
 
-// Finds the process that holds a socket in the process table. If several hold it, the choice is that of SocketOwners.
-// Nothing if no process holds it, or none whose descriptors this process may read. Thread-safe.
+// Searches the process table for the process that holds a socket. Chooses among several as SocketOwners does. Nothing
+// if no process holds it, or none whose descriptors this process may read. Thread-safe.
 std::optional<ProcessInformation> find_socket_holder(const SocketFacts& socket);
 
 // The token's bytes as data; nil if there is no token.

@@ -16,6 +16,6 @@ struct SocketOpener {
 // The route of a datagram that was sent with an explicit destination. The key has no local address, since the socket
 // may be bound to a port alone. The value is the socket's cookie.
 struct DatagramRoute {
-  __u32 remote[4];  // in network byte order; IPv4 mapped into IPv6
+  __u32 remote[4];  // in network byte order; an IPv4 address is mapped into IPv6
   __u16 remotePort, localPort;
 };
