@@ -1,10 +1,12 @@
-// The block database against the least that could do its work: an unlocked look-up in a standard table, and a lock.
+// A look-up in the block database, compared with its two parts: a lock, and a look-up in a standard table.
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <mutex>
 #include <random>
+#include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "database/db.h"
 #include "platform/Synchronization.h"
@@ -14,13 +16,13 @@ namespace {
 
 std::string name_at(size_t i) { return "host-" + std::to_string(i) + ".blocked.example"; }
 
-// Names to ask for, held ones, in an order that defeats the cache's guesses as real traffic does.
-std::vector<std::string> questions(size_t hosts) {
+// Held names in random order, so that the cache cannot predict the next one.
+std::vector<std::string> random_names(size_t hosts) {
   std::mt19937_64 random(1);
-  std::vector<std::string> asked;
-  asked.reserve(4096);
-  for (int i = 0; i < 4096; ++i) asked.push_back(name_at(random() % hosts));
-  return asked;
+  std::vector<std::string> names;
+  names.reserve(4096);
+  for (int i = 0; i < 4096; ++i) names.push_back(name_at(random() % hosts));
+  return names;
 }
 
 void fill(size_t hosts) {
@@ -48,18 +50,18 @@ void prepare(size_t hosts, bool plain) {
 void HasHostname(benchmark::State& state) {
   const auto hosts = static_cast<size_t>(state.range(0));
   prepare(hosts, false);
-  const std::vector<std::string> mine = questions(hosts);
+  const std::vector<std::string> names = random_names(hosts);
   size_t next = static_cast<size_t>(state.thread_index()) * 1000;
-  for (auto _ : state) benchmark::DoNotOptimize(db_has_hostname(mine[next++ % mine.size()]));
+  for (auto _ : state) benchmark::DoNotOptimize(db_has_hostname(names[next++ % names.size()]));
 }
 
 void PlainFind(benchmark::State& state) {
   const auto hosts = static_cast<size_t>(state.range(0));
   prepare(hosts, true);
-  const std::vector<std::string> mine = questions(hosts);
+  const std::vector<std::string> names = random_names(hosts);
   const auto table = plain_table;
   size_t next = static_cast<size_t>(state.thread_index()) * 1000;
-  for (auto _ : state) benchmark::DoNotOptimize(table->find(mine[next++ % mine.size()]));
+  for (auto _ : state) benchmark::DoNotOptimize(table->find(names[next++ % names.size()]));
 }
 
 RecursiveMutex bare_mutex;

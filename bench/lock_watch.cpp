@@ -1,5 +1,5 @@
-// Preloaded into the extension by million_names: the longest time for which a recursive mutex in the program's own
-// static memory was held. There is one, the database's. Printed at the end of the process and on SIGUSR2.
+// million_names preloads this library into the extension. It measures the longest time for which a recursive mutex in
+// the program's static memory is held; the database's is the only one. SIGUSR2 prints it.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
@@ -29,7 +29,7 @@ struct Range {
   uintptr_t start = 0, end = 0;
 };
 
-// The first object is the program itself.
+// dl_iterate_phdr() reports the program itself first.
 int find_program(dl_phdr_info* info, size_t, void* out) {
   auto* range = static_cast<Range*>(out);
   for (int i = 0; i < info->dlpi_phnum; ++i) {

@@ -1,5 +1,5 @@
-// The control channel: a ping against the least that a question over a Unix-domain socket costs, and edits of one
-// client and of several, carried out by the real control object.
+// The control channel: a ping, compared with a bare echo over a Unix-domain socket; and edits of one client and of
+// several, which the real control object carries out.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -34,7 +34,7 @@ class Delegate final : public NSXPCListenerDelegate {
   }
 };
 
-// An extension's side of the channel, in a folder of its own, for as long as the program runs.
+// The extension's side of the channel, with its socket in a temporary folder.
 class Extension {
  public:
   Extension() : delegate_(Ref<Delegate>::adopt(new Delegate)) {
@@ -65,7 +65,7 @@ class Extension {
   Ref<NSXPCListener> listener_;
 };
 
-// A thread that sends back what it gets.
+// A thread that sends each message back.
 class BareEcho {
  public:
   BareEcho() {
@@ -101,7 +101,8 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Keeps the calling thread, and those that it makes from now on, on one of the processors that this program may use.
+// Binds the calling thread, and the threads that it starts from now on, to one of the processors that this program may
+// use.
 void stay_on(size_t which) {
   static const cpu_set_t kAllowed = [] {
     cpu_set_t set;
@@ -116,9 +117,9 @@ void stay_on(size_t which) {
   sched_setaffinity(0, sizeof one, CPU_COUNT(&one) == 1 ? &one : &kAllowed);
 }
 
-// Both in turn, so that whatever else the machine does meanwhile falls on both; and the median of many turns. Both ends
-// are on one processor, or on two: left to itself, the system now and then chooses one for the ping and two for the
-// echo or the other way round, and waking a second processor costs more than either.
+// Alternates between pings and echoes, so that other load on the machine slows both, and takes the median. Both ends
+// are bound to one processor or to two: otherwise the scheduler may use one for the ping and two for the echo, and
+// waking the second costs more than either.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;
@@ -152,7 +153,7 @@ const Extension& shared_extension() {
   return kExtension;
 }
 
-// One edit at a time, each client on a thread of its own.
+// One edit at a time; each client has a thread.
 void Edits(benchmark::State& state) {
   auto client = shared_extension().client();
   Value name = Value::string("host-" + std::to_string(state.thread_index()) + ".example.org");
@@ -160,7 +161,7 @@ void Edits(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// A thousand edits under way at once.
+// A thousand edits in flight at once.
 void EditsInAList(benchmark::State& state) {
   auto client = shared_extension().client();
   std::vector<std::string> names;

@@ -1,4 +1,4 @@
-// A verdict on a new flow against the look-ups that it is made of, and a dump of a chunk that does not parse.
+// A verdict on a new flow, compared with the look-ups in it; and a dump to the log, compared with copying the bytes.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -21,7 +21,7 @@ Value own_token() {
   return Value::data(bytes);
 }
 
-// A flow of this very process.
+// A flow that belongs to this process.
 class OwnFlow : public NEFilterSocketFlow {
  public:
   Value sourceAppAuditToken() const override { return token_; }
@@ -46,7 +46,7 @@ const std::string& own_identifier() {
   return identifier;
 }
 
-// Who opened the flow, and whether that is a browser.
+// Finds the program that opened a flow, and whether it is a browser.
 void IdentityLookUp(benchmark::State& state) {
   own_identifier();
   const Value token = own_token();
