@@ -1,3 +1,9 @@
+#include <functional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+
 #include "database/Database.h"
 
 namespace orvane {
@@ -6,9 +12,15 @@ namespace {
 using stand_in::files;
 using stand_in::take_log;
 
+TEST_F(DatabaseTest, ReleasesItsTables) {
+  db_term();
+  EXPECT_FALSE(db_spare || db_hostnames || db_browsers);
+  EXPECT_TRUE(db_log);
+}
+
 class HostnamesTest : public DatabaseTest {};
 
-TEST_F(HostnamesTest, MatchesTheIdenticalNameOnly) {
+TEST_F(HostnamesTest, MatchesOnlyIdenticalNames) {
   db_hostname_add(text("a.example"));
   for (const char* other : {"A.example", "a.example.", "www.a.example", "a.exampl", ""}) {
     EXPECT_FALSE(db_has_hostname(other)) << other;
@@ -16,7 +28,7 @@ TEST_F(HostnamesTest, MatchesTheIdenticalNameOnly) {
   EXPECT_TRUE(db_has_hostname("a.example"));
 }
 
-TEST_F(HostnamesTest, OnlyAddingAgainKeepsProperties) {
+TEST_F(HostnamesTest, KeepsPropertiesOnlyWhenAddedAgain) {
   const Value name = text("a.example");
   for (const char* edit : {"add", "set", "remove and add"}) {
     db_hostname_set(Value::set({name, text("c.example")}));
@@ -29,7 +41,7 @@ TEST_F(HostnamesTest, OnlyAddingAgainKeepsProperties) {
   }
 }
 
-TEST_F(HostnamesTest, ValuesOfWrongTypesAndTheEmptySetAddNothing) {
+TEST_F(HostnamesTest, AddsOnlyStrings) {
   const Value array = Value::array({text("a.example")});
   const Value wrong[] = {nullptr, Value::number(3), Value::boolean(true), array, until(0), Value::set({})};
   for (const Value& value : wrong) {
@@ -45,8 +57,8 @@ TEST_F(HostnamesTest, ValuesOfWrongTypesAndTheEmptySetAddNothing) {
   EXPECT_EQ(db_hostnames->size(), 1U);
 }
 
-TEST_F(HostnamesTest, KeepsEveryOtherNameThroughAnyOrderOfEdits) {
-  // Against the plainest table there is, over few enough names that they collide and wrap.
+TEST_F(HostnamesTest, KeepsOtherNamesThroughRandomEdits) {
+  // Compares with std::set. The names are so few that they collide and wrap around the table's end.
   stand_in::log.disabled = {LogLevel::Debug};
   std::set<std::string> expected;
   uint32_t random = 1;
@@ -64,7 +76,7 @@ TEST_F(HostnamesTest, KeepsEveryOtherNameThroughAnyOrderOfEdits) {
   EXPECT_EQ(db_hostnames->dictionary().asDictionary().size(), expected.size());
 }
 
-TEST_F(HostnamesTest, SaysWhatItDidAfterGivingTheLockBack) {
+TEST_F(HostnamesTest, LogsEditsAfterUnlocking) {
   db_hostname_add(text("a.example"));
   db_hostname_remove(text("b.example"));
   db_hostname_set(Value::set({text("c.example")}));
@@ -77,21 +89,26 @@ TEST_F(HostnamesTest, SaysWhatItDidAfterGivingTheLockBack) {
                                       "db_has_hostname c.example : 1 | db_has_hostname C.example : 0");
 }
 
-TEST_F(HostnamesTest, EveryAccessTakesTheLockOnceAndGivesItBack) {
+TEST_F(HostnamesTest, LocksOnceForEachAccess) {
   stand_in::log.disabled = {LogLevel::Debug};
   const Value name = text("a.example"), names = Value::set({name});
-  const std::function<void()> accesses[] = {
-      [&] { db_hostname_add(name); },   [&] { db_hostname_remove(name); },
-      [&] { db_hostname_set(names); },  [&] { db_hostname_set_properties(name, nullptr); },
-      [&] { db_has_hostname("a"); },    [&] { db_browser_add(name); },
-      [&] { db_browser_remove(name); }, [&] { db_browsers_set(names); },
-      [&] { db_is_browser("a"); },      [&] { db_browser_set_from_plist(Value::array({name})); },
+  const std::pair<const char*, std::function<void()>> accesses[] = {
+      {"add", [&] { db_hostname_add(name); }},
+      {"remove", [&] { db_hostname_remove(name); }},
+      {"set", [&] { db_hostname_set(names); }},
+      {"properties", [&] { db_hostname_set_properties(name, nullptr); }},
+      {"has", [&] { db_has_hostname("a"); }},
+      {"add a browser", [&] { db_browser_add(name); }},
+      {"remove a browser", [&] { db_browser_remove(name); }},
+      {"set browsers", [&] { db_browsers_set(names); }},
+      {"set browsers from a list", [&] { db_browser_set_from_plist(Value::array({name})); }},
+      {"is a browser", [&] { db_is_browser("a"); }},
   };
-  for (const auto& access : accesses) {
-    const int before = stand_in::mutexesTaken;
+  for (const auto& [what, access] : accesses) {
+    const int before = stand_in::mutexLocks;
     access();
-    EXPECT_EQ(stand_in::mutexesTaken, before + 1) << &access - accesses;
-    EXPECT_EQ(stand_in::held, "") << &access - accesses;
+    EXPECT_EQ(stand_in::mutexLocks, before + 1) << what;
+    EXPECT_EQ(stand_in::heldLocks, "") << what;
   }
   EXPECT_EQ(take_log(), "");
 }
@@ -105,7 +122,7 @@ class PropertiesTest : public DatabaseTest {
     db_hostname_add(text("a.example"));
   }
 
-  // Whether a.example is blockable, after the messages since the question, each with a "+" for the lock it is under.
+  // The messages of db_hostname_is_blockable, each with a "+" when written under the lock, and its result.
   static std::pair<std::string, bool> ask() {
     take_log();
     const bool blockable = db_hostname_is_blockable("a.example");
@@ -113,30 +130,33 @@ class PropertiesTest : public DatabaseTest {
   }
 };
 
-TEST_F(PropertiesTest, OnlyADateThatHasNotPassedSuspends) {
+TEST_F(PropertiesTest, SuspendsUntilTheDateHasPassed) {
   const Value key = text("DontBlockUntil");
-  const std::tuple<Value, bool, std::string> cases[] = {
-      {until(5001), false, "comparison result: -1"},
-      {until(5000), false, "comparison result: 0"},
-      {until(4999), true, "comparison result: 1"},
-      {nullptr, true, "DontBlockUntil not found"},
-      {Value::dictionary({{key, nullptr}}), true, "DontBlockUntil not found"},
-      {Value::dictionary({{key, text("2099-01-01")}}), true, "DontBlockUntil has wrong type"},
-      {Value::dictionary({{key, Value::number(9999)}}), true, "DontBlockUntil has wrong type"},
-      {Value::dictionary({{text("Hostname"), Value::date(9999)}}), true, "DontBlockUntil not found"},
-      {text("no dictionary"), true, "DontBlockUntil not found"},
+  const std::tuple<const char*, Value, bool, std::string> cases[] = {
+      {"later", until(5001), false, "comparison result: -1"},
+      {"now", until(5000), false, "comparison result: 0"},
+      {"earlier", until(4999), true, "comparison result: 1"},
+      {"no properties", nullptr, true, "DontBlockUntil not found"},
+      {"nil", Value::dictionary({{key, nullptr}}), true, "DontBlockUntil not found"},
+      {"a string", Value::dictionary({{key, text("2099-01-01")}}), true, "DontBlockUntil has wrong type"},
+      {"a number", Value::dictionary({{key, Value::number(9999)}}), true, "DontBlockUntil has wrong type"},
+      {"another key", Value::dictionary({{text("Hostname"), Value::date(9999)}}), true, "DontBlockUntil not found"},
+      {"no dictionary", text("no dictionary"), true, "DontBlockUntil not found"},
   };
-  for (const auto& [properties, blockable, message] : cases) {
-    // A date ahead stands there before: properties are replaced, not merged.
+  for (const auto& [what, properties, blockable, message] : cases) {
+    // This date must not survive: properties are replaced, not merged.
     db_hostname_set_properties(text("a.example"), until(9999));
-    EXPECT_EQ(db_hostname_set_properties(text("a.example"), properties), 0);
-    EXPECT_EQ(ask(), std::pair(kAsked + "_db_hostname_is_blockable " + message, blockable));
+    EXPECT_EQ(db_hostname_set_properties(text("a.example"), properties), 0) << what;
+    EXPECT_EQ(ask(), std::pair(kAsked + "_db_hostname_is_blockable " + message, blockable)) << what;
   }
-  stand_in::nextUnlockStatus = 1;  // which is handed on
+}
+
+TEST_F(PropertiesTest, ReturnsTheStatusOfUnlocking) {
+  stand_in::nextUnlockStatus = 1;
   EXPECT_EQ(db_hostname_set_properties(text("a.example"), nullptr), 1);
 }
 
-TEST_F(PropertiesTest, AHostWithoutADictionaryStaysBlockable) {
+TEST_F(PropertiesTest, BlocksHostsWithoutPropertiesDictionary) {
   for (const auto& [stored, lacks] : {std::pair(Value(), "not found"), {text("x"), "has not properties dictionary"}}) {
     *db_hostnames->find(text("a.example")) = stored;
     EXPECT_EQ(ask(), std::pair(kAsked + "db_hostname_get_properties_dictionary: a.example " + lacks +
@@ -145,7 +165,7 @@ TEST_F(PropertiesTest, AHostWithoutADictionaryStaysBlockable) {
   }
 }
 
-TEST_F(PropertiesTest, AnUnknownHostIsNotAddedAndNotBlockable) {
+TEST_F(PropertiesTest, IgnoresPropertiesOfUnknownHosts) {
   take_log();
   EXPECT_EQ(db_hostname_set_properties(text("b.example"), until(1)), 0);
   EXPECT_FALSE(db_hostname_is_blockable("b.example"));
@@ -155,7 +175,7 @@ TEST_F(PropertiesTest, AnUnknownHostIsNotAddedAndNotBlockable) {
             "+db_has_hostname b.example : 0 | +_db_hostname_is_blockable: b.example not found");
 }
 
-TEST_F(PropertiesTest, ReadsTheKeyThroughItsReferenceAtEachCall) {
+TEST_F(PropertiesTest, ReadsTheDateThroughTheExportedKey) {
   EXPECT_EQ(kPLDontBlockUntilKey.data(), DontBlockUntilKey.data());
   db_hostname_set_properties(text("a.example"), Value::dictionary({{text("Later"), Value::date(9999)}}));
   EXPECT_TRUE(ask().second);
@@ -170,7 +190,7 @@ TEST_F(PropertiesTest, ReadsTheKeyThroughItsReferenceAtEachCall) {
 
 class BrowsersTest : public DatabaseTest {
  protected:
-  // The messages of one more load, after a change to the files.
+  // Loads the list again, and returns the messages.
   static std::string load() {
     take_log();
     stand_in::take_trace();
@@ -179,7 +199,7 @@ class BrowsersTest : public DatabaseTest {
   }
 };
 
-TEST_F(BrowsersTest, EveryFailureOfTheLoadSaysWhatItWasAndLeavesNothingAlive) {
+TEST_F(BrowsersTest, ReportsEachFailureOfTheLoad) {
   const std::tuple<const char*, std::string, bool> cases[] = {
       {"resource", "browsers file not found", false},
       {"stream", "cannot open file", false},
@@ -200,17 +220,21 @@ TEST_F(BrowsersTest, EveryFailureOfTheLoadSaysWhatItWasAndLeavesNothingAlive) {
   EXPECT_EQ(load(), "Database! cannot read stream");
 }
 
-TEST_F(BrowsersTest, ReadsOnceAndAtMostAKilobyteUnlessTheStreamOffersItsBuffer) {
+TEST_F(BrowsersTest, ReadsAtMostAKilobyteOnce) {
   files.content.assign(5000, 'x');
   load();
   EXPECT_EQ(files.parsedLength, 1024U);
   EXPECT_EQ(stand_in::take_trace(), "read 1024 | release Data | close | release ReadStream | log empty plist file");
+}
+
+TEST_F(BrowsersTest, ReadsTheWholeBufferOfAStream) {
+  files.content.assign(5000, 'x');
   files.offersBuffer = true;
   load();
   EXPECT_EQ(files.parsedLength, 5000U);
 }
 
-TEST_F(BrowsersTest, TakesABundleFromItsURL) {
+TEST_F(BrowsersTest, LoadsTheListOfAnotherBundle) {
   files.propertyList = Value::array({text("x")});
   EXPECT_EQ(load_browsers_id_file("file:///other"), files.propertyList);
   EXPECT_EQ(files.bundleURL, "file:///other");
@@ -221,7 +245,7 @@ TEST_F(BrowsersTest, TakesABundleFromItsURL) {
   EXPECT_EQ(take_log(), "Database! cannot create bundle (file:///other)");
 }
 
-TEST_F(BrowsersTest, KeepsTheStringsOfTheListAndReplacesTheOldOnes) {
+TEST_F(BrowsersTest, ReplacesIdentifiersByTheStringsOfTheList) {
   db_browser_add(text("old"));
   files.propertyList = Value::array({text("x"), Value::number(1), text("x"), nullptr, text("y")});
   const std::string messages = load();
@@ -229,15 +253,18 @@ TEST_F(BrowsersTest, KeepsTheStringsOfTheListAndReplacesTheOldOnes) {
   EXPECT_FALSE(db_is_browser("old"));
   EXPECT_EQ(messages, "Database: db_browser_set_from_plist: " + files.propertyList.description() +
                           " | Database: db_browsers: " + db_browsers->dictionary().description());
-  // An empty list and one of the wrong type change nothing.
+}
+
+TEST_F(BrowsersTest, KeepsIdentifiersWhenTheListHasNoElements) {
+  db_browser_add(text("old"));
   files.propertyList = Value::array({});
   EXPECT_EQ(load(), "Database: empty plist file");
   files.propertyList = Value::dictionary({{text("x"), text("y")}});
   EXPECT_EQ(load(), "Database! bad plist format | Database: empty plist file");
-  EXPECT_EQ(db_browsers->size(), 2U);
+  EXPECT_TRUE(db_is_browser("old"));
 }
 
-TEST_F(BrowsersTest, MatchesEndingsToTheLetter) {
+TEST_F(BrowsersTest, MatchesEndingsExactly) {
   const std::tuple<const char*, const char*, bool> cases[] = {
       {"org.Browser", "org.Browser", true},
       {"org.Browser", "my.org.Browser", true},
@@ -252,12 +279,12 @@ TEST_F(BrowsersTest, MatchesEndingsToTheLetter) {
     db_browsers_set(Value::set({text(entry)}));
     EXPECT_EQ(db_is_browser(identifier), found) << entry << " / " << identifier;
   }
-  // One match among several, wherever it stands.
+  // One match among several entries.
   db_browsers_set(Value::set({text("a"), text("b"), text("fox"), text("d"), text("e")}));
   EXPECT_TRUE(db_is_browser("firefox"));
 }
 
-TEST_F(BrowsersTest, EditsSayWhatTheyDidWithoutTheWholeTable) {
+TEST_F(BrowsersTest, LogsEditsWithoutTheWholeTable) {
   db_browser_add(text("x"));
   db_browser_add(nullptr);
   db_browser_remove(text("unknown"));
@@ -265,7 +292,7 @@ TEST_F(BrowsersTest, EditsSayWhatTheyDidWithoutTheWholeTable) {
   EXPECT_FALSE(db_is_browser("x"));
   db_browsers_set(Value::set({text("z")}));
   db_browsers_set(Value::number(1));
-  EXPECT_FALSE(db_is_browser("z"));  // among none
+  EXPECT_FALSE(db_is_browser("z"));
   EXPECT_EQ(take_log("Database"),
             "db_browser_add: x | db_browser_add: (null) | db_browser_remove: unknown | db_browser_remove: x | "
             "db_is_browser x : 0 | db_browsers_set: {(\n    z\n)} | db_browsers_set: 1 | db_is_browser z : 0");

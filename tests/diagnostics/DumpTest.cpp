@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <new>
+#include <string>
+#include <tuple>
 
 #include "diagnostics/os_log_dump.h"
 #include "platform/Bundle.h"
@@ -8,7 +12,7 @@
 
 static thread_local long allocations = 0;
 
-// Counts what the dump takes from the heap. Weak, as a sanitizer may bring its own.
+// Counts allocations. Weak, because a sanitizer may replace these functions, too.
 [[gnu::weak]] void* operator new(size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;
@@ -27,26 +31,26 @@ std::string dump(std::string_view data, int style, int width, int group, bool as
   return stand_in::take_log("c");
 }
 
-TEST(DumpTest, LaysLinesOut) {
+TEST(DumpTest, FormatsLines) {
   const std::string sixteen = "0123456789abcdef", p = "p:00000000: ", blanks(29, ' ');
   const std::string bytes = "30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66\n";
-  const std::tuple<std::string, int, int, bool, std::string> cases[] = {
-      {"", 16, 1, true, ""},
-      {std::string("AB\0", 3), 16, 1, true, p + "41 42 00" + std::string(41, ' ') + "AB.\n"},
-      {"\1\2\3\4", 16, 2, false, p + "0201 0403\n"},
-      {"\1\2\3\4\5\6\7\x8", 16, 4, false, p + "04030201 08070605\n"},
-      {"\1\2\3\4\5\6\7\x8", 16, 8, false, p + "0807060504030201\n"},
-      // No multiple of the group: single bytes, and their column.
-      {"\1\2\3\4\5\6", 16, 4, true, p + "01 02 03 04 05 06   " + blanks + "......\n"},
-      // A short line of whole groups keeps the column of full lines.
-      {sixteen.substr(0, 4), 16, 4, true, p + "33323130" + blanks + "0123\n"},
-      {sixteen + "g", 24, 3, false, p + bytes + " | p:00000010: 67\n"},  // a width and a group that are none
-      {"\x1f\x20\x7e\x7f\x80\xff", 16, 1, true, p + "1f 20 7e 7f 80 ff   " + blanks + ". ~...\n"},
+  const std::tuple<const char*, std::string, int, int, bool, std::string> cases[] = {
+      {"no bytes", "", 16, 1, true, ""},
+      {"three bytes", std::string("AB\0", 3), 16, 1, true, p + "41 42 00" + std::string(41, ' ') + "AB.\n"},
+      {"groups of 2", "\1\2\3\4", 16, 2, false, p + "0201 0403\n"},
+      {"groups of 4", "\1\2\3\4\5\6\7\x8", 16, 4, false, p + "04030201 08070605\n"},
+      {"groups of 8", "\1\2\3\4\5\6\7\x8", 16, 8, false, p + "0807060504030201\n"},
+      {"an incomplete group", "\1\2\3\4\5\6", 16, 4, true, p + "01 02 03 04 05 06   " + blanks + "......\n"},
+      {"a short line of whole groups", sixteen.substr(0, 4), 16, 4, true, p + "33323130" + blanks + "0123\n"},
+      {"an unknown width and group", sixteen + "g", 24, 3, false, p + bytes + " | p:00000010: 67\n"},
+      {"unprintable bytes", "\x1f\x20\x7e\x7f\x80\xff", 16, 1, true, p + "1f 20 7e 7f 80 ff   " + blanks + ". ~...\n"},
   };
-  for (const auto& [data, width, group, ascii, lines] : cases) EXPECT_EQ(dump(data, 2, width, group, ascii), lines);
+  for (const auto& [what, data, width, group, ascii, lines] : cases) {
+    EXPECT_EQ(dump(data, 2, width, group, ascii), lines) << what;
+  }
 }
 
-TEST(DumpTest, SetsTheTwoColumnsTwoBlanksApartOnFullLines) {
+TEST(DumpTest, PutsTwoBlanksBeforeTheCharactersOfFullLines) {
   const std::string data(32, 'x');
   for (size_t width : {16, 32}) {
     for (size_t group : {1, 2, 4, 8}) {
@@ -58,35 +62,43 @@ TEST(DumpTest, SetsTheTwoColumnsTwoBlanksApartOnFullLines) {
   }
 }
 
-TEST(DumpTest, LeadsLinesByOffsetAddressOrNothingAndSurvivesANullStart) {
+TEST(DumpTest, BeginsLinesInEachOffsetStyle) {
   const std::string data(40, '\x11');
   EXPECT_TRUE(dump(data, 2, 32, 8, false).ends_with(" | p:00000020: 1111111111111111\n"));
   EXPECT_TRUE(dump(data, 3, 32, 8, false).ends_with(" | p:1111111111111111\n"));
   char last[60];
   std::snprintf(last, sizeof last, " | p:%p: 1111111111111111\n", static_cast<const void*>(data.data() + 32));
   EXPECT_TRUE(dump(data, 1, 32, 8, false).ends_with(last));
+}
+
+TEST(DumpTest, PrintsAnEmptyLineForNullData) {
   stand_in::reset();
   os_log_dump(os_log_create(kBundleIdentifier, "c"), "p:", 2, 16, 1, nullptr, 16, true);
   EXPECT_EQ(stand_in::take_log(), "c: p:00000000: \n");
 }
 
-TEST(DumpTest, HoldsTheLogAndTakesNothingFromTheHeap) {
+TEST(DumpTest, AllocatesNoMemory) {
   stand_in::reset();
-  os_log_t log = os_log_create(kBundleIdentifier, "c");
-  const int alive = stand_in::alive("LogHandle");
+  const os_log_t log = os_log_create(kBundleIdentifier, "c");
   stand_in::log.disabled = {LogLevel::Debug};
   const std::string data(4096, 'x');
   const long before = allocations;
   os_log_dump(log, "p:", 2, 32, 4, data.data(), data.size(), true);
   EXPECT_EQ(allocations, before);
   EXPECT_EQ(stand_in::take_log(), "");
-  stand_in::log.disabled = {};
-  // The caller's own reference goes while the dump runs.
+}
+
+TEST(DumpTest, KeepsTheLogHandleUntilItsLastLine) {
+  stand_in::reset();
+  os_log_t log = os_log_create(kBundleIdentifier, "c");
+  const int alive = stand_in::alive("LogHandle");
+  // The caller releases its reference while the dump runs.
   stand_in::log.hook = [&](const stand_in::LogEntry&) {
     log = nullptr;
     EXPECT_EQ(stand_in::alive("LogHandle"), alive);
   };
-  os_log_dump(log, "p:", 2, 32, 4, data.data(), 33, true);
+  const std::string data(33, 'x');
+  os_log_dump(log, "p:", 2, 32, 4, data.data(), data.size(), true);
   EXPECT_EQ(stand_in::alive("LogHandle"), alive - 1);
 }
 

@@ -1,3 +1,11 @@
+#include <deque>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
 #include "database/Database.h"
 #include "filter/FilterDataProvider.h"
 #include "filter/PLSafariFilterDataProvider.h"
@@ -13,7 +21,7 @@ using Data = NEFilterDataVerdict;
 
 constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13, kSafariHelper = 14;
 
-// Runs with a browser, a helper that works for it, another program, and "held.example" in the database.
+// Starts with a browser, its helper process, another program, and "held.example" in the database.
 class FilterTest : public DatabaseTest {
  protected:
   FilterTest() {
@@ -41,7 +49,7 @@ class OtherEndpoint : public NWEndpoint {};
 Ref<NWEndpoint> host(const char* port) { return NWHostEndpoint::endpointWithHostname("h", port); }
 Ref<NWEndpoint> service() { return Ref<OtherEndpoint>::adopt(new OtherEndpoint); }
 
-TEST_F(FilterTest, OnlySocketFlowsToHostsHavePorts) {
+TEST_F(FilterTest, ReadsPortsOfSocketFlowsToHosts) {
   auto plain = plainFlow("http://a:80/");
   EXPECT_FALSE(isSocketFlow(*plain));
   EXPECT_EQ(socketFlow(*plain), nullptr);
@@ -50,24 +58,24 @@ TEST_F(FilterTest, OnlySocketFlowsToHostsHavePorts) {
   auto flow = socketFlowTo("53", std::nullopt);
   EXPECT_TRUE(isSocketFlow(*flow));
   EXPECT_EQ(socketFlow(*flow), flow.get());
-  const std::pair<std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
-      {{}, 0},
-      {{service()}, 0},
-      {{host("53")}, 53},
-      {{host(" +443x")}, 443},
-      {{host("domain")}, 0},
-      {{host("")}, 0},
-      {{host("-1")}, UINT64_MAX},
-      {{host("70000")}, 70000},
-      // Each step sees the endpoint of its own moment.
-      {{host("1"), host("2"), host("3")}, 3},
-      {{host("1"), service(), host("3")}, 0},
-      {{host("1"), host("2"), nullptr}, 0},
-      {{host("1"), host("2"), service()}, 0},
+  // The endpoints of the three reads; the last one repeats.
+  const std::tuple<const char*, std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
+      {"none", {}, 0},
+      {"no host", {service()}, 0},
+      {"a number", {host("53")}, 53},
+      {"a number in other text", {host(" +443x")}, 443},
+      {"a name", {host("domain")}, 0},
+      {"empty", {host("")}, 0},
+      {"negative", {host("-1")}, UINT64_MAX},
+      {"above 65535", {host("70000")}, 70000},
+      {"changing", {host("1"), host("2"), host("3")}, 3},
+      {"no host at the second read", {host("1"), service(), host("3")}, 0},
+      {"none at the third read", {host("1"), host("2"), nullptr}, 0},
+      {"no host at the third read", {host("1"), host("2"), service()}, 0},
   };
-  for (const auto& [endpoints, expected] : cases) {
+  for (const auto& [what, endpoints, expected] : cases) {
     flow->endpoints = endpoints;
-    EXPECT_EQ(port(*flow), expected);
+    EXPECT_EQ(port(*flow), expected) << what;
   }
 }
 
@@ -81,7 +89,7 @@ class LifecycleTest : public FilterTest {
 using Providers = testing::Types<FilterDataProvider, PLSafariFilterDataProvider>;
 TYPED_TEST_SUITE(LifecycleTest, Providers);
 
-TYPED_TEST(LifecycleTest, AppliesItsRulesAllowsTheRestAndStopsAtOnceForAnyReason) {
+TYPED_TEST(LifecycleTest, AppliesItsRules) {
   auto provider = TypeParam::init();
   int completions = 0;
   provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { completions += error ? 100 : 1; });
@@ -99,21 +107,26 @@ TYPED_TEST(LifecycleTest, AppliesItsRulesAllowsTheRestAndStopsAtOnceForAnyReason
     EXPECT_TRUE(network.remotePrefix == 0 && network.localPrefix == 0 && !network.localNetwork);
   }
   EXPECT_EQ(rules, this->kGeneral ? ":53/0 :80/1 :443/1 " : ":80/1 :443/1 ");
+  EXPECT_EQ(take_log(this->category), "start filter");
+}
 
+TYPED_TEST(LifecycleTest, StopsAtOnce) {
+  auto provider = TypeParam::init();
+  int completions = 0;
   for (auto reason : {NEProviderStopReason::None, NEProviderStopReason::ProviderFailed}) {
     provider->stopFilterWithReason(reason, [&] { ++completions; });
   }
-  EXPECT_EQ(completions, 3);
-  EXPECT_EQ(take_log(this->category), "start filter | stop filter | stop filter");
+  EXPECT_EQ(completions, 2);
+  EXPECT_EQ(take_log(this->category), "stop filter | stop filter");
 }
 
-TYPED_TEST(LifecycleTest, HandsOnTheVeryErrorAndLivesFromItsInitialiserUntilTheAnswer) {
+TYPED_TEST(LifecycleTest, ReportsAFailureToApplyItsRules) {
   stand_in::filter.applyError = stand_in::error_named("no queue");
   const int objects = stand_in::aliveObjects;
   auto provider = TypeParam::init();
   NSError* reported = nullptr;
   provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { reported = error.get(); });
-  provider = nullptr;  // the platform's own reference goes while the settings are applied
+  provider = nullptr;  // the platform releases it while the settings are applied
   stand_in::filter.applied.reset();
   EXPECT_EQ(stand_in::aliveObjects, objects + 1);
   take_log();
@@ -124,9 +137,13 @@ TYPED_TEST(LifecycleTest, HandsOnTheVeryErrorAndLivesFromItsInitialiserUntilTheA
   stand_in::filter.pendingApply = nullptr;
   EXPECT_EQ(stand_in::take_trace(), "release LogHandle");
   EXPECT_EQ(stand_in::aliveObjects, objects);
+}
+
+TYPED_TEST(LifecycleTest, MakesNoLogHandleWhenTheInitialiserFails) {
+  stand_in::take_trace();
   stand_in::nextInitialiserFails = true;
   EXPECT_FALSE(TypeParam::init());
-  EXPECT_EQ(stand_in::take_trace(), "");  // no handle was made
+  EXPECT_EQ(stand_in::take_trace(), "");  // a handle's release would be traced
 }
 
 const New kAllow = New::allowVerdict(), kDrop = New::dropVerdict();
@@ -145,73 +162,76 @@ class VerdictTest : public FilterTest {
   }
 };
 
-TEST_F(VerdictTest, NewFlows) {
-  db_hostname_set_properties(text("held.example"), until(9e9));  // which this provider does not look at
+TEST_F(VerdictTest, DecidesNewFlows) {
+  db_hostname_set_properties(text("held.example"), until(9e9));  // has no effect here
   auto urlOnSocket = socketFlowTo("443", "other.example"), dnsToHeld = socketFlowTo("53", "held.example");
   urlOnSocket->url = dnsToHeld->url = "https://held.example/";
   const std::string held = "found hostname in database : dropping flow.", remote = "remote hostname: held.example | ";
   const std::string url = "URL: https://held.example/ | hostname: held.example | ";
   const std::string wait = "not enough data; waiting more...";
-  const std::tuple<Flow, New, std::string> cases[] = {
-      {socketFlowTo("443", "held.example", kOther), kAllow, ""},
-      {socketFlowTo("53", "held.example", kOther), kAllow, ""},
-      {socketFlowTo("443", "held.example"), kDrop, remote + held},
-      {socketFlowTo("443", "held.example", kHelper), kDrop, remote + held},
-      {socketFlowTo("443", "Held.example"), kAllow, "remote hostname: Held.example | allowing flow."},
-      {dnsToHeld, kPeekDNS, "DNS packet data; waiting more data..."},
-      {plainFlow("https://held.example/"), kDrop, url + held},
-      {urlOnSocket, kDrop, url + held},
-      {plainFlow("https://a.example/"), kAllow, "URL: https://a.example/ | hostname: a.example | allowing flow."},
-      {plainFlow("data:,x"), kPeekAll, "URL: data:,x | hostname: (null) | " + wait},
-      {socketFlowTo("443", std::nullopt), kPeekAll, "remote hostname: (null) | " + wait},
-      {plainFlow(std::nullopt), kPeekAll, wait},
+  const std::tuple<const char*, Flow, New, std::string> cases[] = {
+      {"another program", socketFlowTo("443", "held.example", kOther), kAllow, ""},
+      {"another program's question", socketFlowTo("53", "held.example", kOther), kAllow, ""},
+      {"held", socketFlowTo("443", "held.example"), kDrop, remote + held},
+      {"held, of a helper", socketFlowTo("443", "held.example", kHelper), kDrop, remote + held},
+      {"another case", socketFlowTo("443", "Held.example"), kAllow, "remote hostname: Held.example | allowing flow."},
+      {"question", dnsToHeld, kPeekDNS, "DNS packet data; waiting more data..."},
+      {"held URL", plainFlow("https://held.example/"), kDrop, url + held},
+      {"held URL on a socket", urlOnSocket, kDrop, url + held},
+      {"another URL", plainFlow("https://a.example/"), kAllow,
+       "URL: https://a.example/ | hostname: a.example | allowing flow."},
+      {"URL without host", plainFlow("data:,x"), kPeekAll, "URL: data:,x | hostname: (null) | " + wait},
+      {"socket without name", socketFlowTo("443", std::nullopt), kPeekAll, "remote hostname: (null) | " + wait},
+      {"no socket, no URL", plainFlow(std::nullopt), kPeekAll, wait},
   };
-  for (const auto& [flow, verdict, messages] : cases) {
-    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << messages;
-    EXPECT_EQ(take_log(category), messages);
+  for (const auto& [what, flow, verdict, messages] : cases) {
+    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << what;
+    EXPECT_EQ(take_log(category), messages) << what;
   }
 }
 
-TEST_F(VerdictTest, AsksForTheResponsibleApplicationOnlyWhenItMust) {
+TEST_F(VerdictTest, AsksForTheResponsibleApplicationLast) {
   provider->handleNewFlow(*socketFlowTo("443", "a.example"));
   EXPECT_TRUE(stand_in::security.pidsAsked.empty());
   provider->handleNewFlow(*socketFlowTo("443", "a.example", kHelper));
   EXPECT_EQ(stand_in::security.pidsAsked, std::vector<int32_t>{kHelper});
-  // A flow of an unknown owner is nobody's: allowed, and nil never reaches the database.
+}
+
+TEST_F(VerdictTest, AllowsFlowsOfUnknownProcesses) {
   auto unknown = socketFlowTo("443", "held.example");
   for (const Value& token : {Value(), Value::data({})}) {
     unknown->token = token;
     take_log();
     EXPECT_TRUE(provider->handleNewFlow(*unknown) == kAllow);
-    EXPECT_EQ(take_log("Database"), "");
+    EXPECT_EQ(take_log("Database"), "");  // it is not asked
   }
 }
 
-TEST_F(VerdictTest, OutboundDataAndItsEnd) {
+TEST_F(VerdictTest, DecidesOutboundData) {
   const std::string web = data + "socket type:1, port:443", end = "handleOutboundDataCompleteForFlow: ";
   const std::string held = "found hostname in database : dropping flow";
   const std::string unknown = end + "remoteHostname is nil; allowinf flow...";
-  const std::tuple<Flow, Data, std::string, Data, std::string> cases[] = {
-      {plainFlow("https://held.example/"), kAllowData, data + "not a socket flow...", kAllowData, unknown},
-      {socketFlowTo("443", "held.example"), kDropData, web + " | " + data + held, kDropData, end + held},
-      {socketFlowTo("53", "held.example"), kAllowData, data + "socket type:1, port:53 | " + data + "DNS flow",
-       kDropData, end + held},
-      {socketFlowTo("443", "other.example"), kAllowData, web, kAllowData, ""},
-      {socketFlowTo("-1", std::nullopt), kAllowData,
+  const std::tuple<const char*, Flow, Data, std::string, Data, std::string> cases[] = {
+      {"no socket", plainFlow("https://held.example/"), kAllowData, data + "not a socket flow...", kAllowData, unknown},
+      {"held", socketFlowTo("443", "held.example"), kDropData, web + " | " + data + held, kDropData, end + held},
+      {"question", socketFlowTo("53", "held.example"), kAllowData,
+       data + "socket type:1, port:53 | " + data + "DNS flow", kDropData, end + held},
+      {"another host", socketFlowTo("443", "other.example"), kAllowData, web, kAllowData, ""},
+      {"no name", socketFlowTo("-1", std::nullopt), kAllowData,
        data + "socket type:1, port:18446744073709551615 | " + data + "remoteHostname is nil; accept flow", kAllowData,
        unknown},
   };
-  for (const auto& [flow, verdict, messages, endVerdict, endMessages] : cases) {
+  for (const auto& [what, flow, verdict, messages, endVerdict, endMessages] : cases) {
     for (uint64_t offset : {uint64_t{0}, UINT64_MAX}) {
-      EXPECT_TRUE(dataOf(*flow, "bytes", offset) == verdict) << messages;
-      EXPECT_EQ(take_log(category), messages);
+      EXPECT_TRUE(dataOf(*flow, "bytes", offset) == verdict) << what;
+      EXPECT_EQ(take_log(category), messages) << what;
     }
-    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == endVerdict) << messages;
-    EXPECT_EQ(take_log(category), endMessages);
+    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == endVerdict) << what;
+    EXPECT_EQ(take_log(category), endMessages) << what;
   }
 }
 
-TEST_F(VerdictTest, QuestionsAreObservedAndNeverDropped) {
+TEST_F(VerdictTest, LogsAndAllowsQuestions) {
   auto flow = socketFlowTo("53", "held.example");
   auto expect = [&](std::string_view bytes, const std::string& tail) {
     EXPECT_TRUE(dataOf(*flow, bytes, 7) == kAllowData);
@@ -232,37 +252,41 @@ TEST_F(VerdictTest, QuestionsAreObservedAndNeverDropped) {
                                    "00000020: 61 61" + std::string(92, ' ') + "aa\n");
 }
 
-TEST_F(FilterTest, SafariAloneIsDecidedAtTheDataStageWhereADateMaySuspend) {
+TEST_F(FilterTest, DecidesSafariFlowsAtTheirData) {
   auto provider = PLSafariFilterDataProvider::init();
   stand_in::security.identifiers.insert({{kSafari, "com.apple.Safari"}, {kSafariHelper, "com.apple.helper"}});
   db_hostname_add(text("later.example"));
   db_hostname_set_properties(text("later.example"), until(9e9));
-  // A flow that has a URL is known by that alone.
   auto noHost = socketFlowTo("443", "held.example", kSafari);
   noHost->url = "data:,x";
   const std::string held = "found hostname (held.example) in database : ", allow = "allowing flow.";
   const std::string examine = held + "examining data flow.", drop = held + "drop flow.";
   const std::string later = "found hostname (later.example) in database : examining data flow.";
-  const std::tuple<Flow, New, std::string, Data, std::string> cases[] = {
-      {socketFlowTo("443", "held.example", kBrowser), kAllow, "", kDropData, drop},
-      {socketFlowTo("443", "held.example", kSafari), kPeekAll, examine, kDropData, drop},
-      {socketFlowTo("53", "held.example", kSafariHelper), kPeekAll, examine, kDropData, drop},
-      {socketFlowTo("443", "later.example", kSafari), kPeekAll, later, kAllowData, allow},
-      {plainFlow("http://held.example/", kSafari), kPeekAll, "URL: http://held.example/ | " + examine, kDropData, drop},
-      {noHost, kAllow, "URL: data:,x | " + allow, kAllowData, allow},
-      {socketFlowTo("443", std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
-      {plainFlow(std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
+  const std::tuple<const char*, Flow, New, std::string, Data, std::string> cases[] = {
+      {"another browser", socketFlowTo("443", "held.example", kBrowser), kAllow, "", kDropData, drop},
+      {"held", socketFlowTo("443", "held.example", kSafari), kPeekAll, examine, kDropData, drop},
+      {"held, of a helper", socketFlowTo("53", "held.example", kSafariHelper), kPeekAll, examine, kDropData, drop},
+      {"suspended", socketFlowTo("443", "later.example", kSafari), kPeekAll, later, kAllowData, allow},
+      {"held URL", plainFlow("http://held.example/", kSafari), kPeekAll, "URL: http://held.example/ | " + examine,
+       kDropData, drop},
+      {"URL without host", noHost, kAllow, "URL: data:,x | " + allow, kAllowData, allow},
+      {"socket without name", socketFlowTo("443", std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
+      {"no socket, no URL", plainFlow(std::nullopt, kSafari), kAllow, allow, kAllowData, allow},
   };
   const std::string category = "PLSafariFilterDataProvider";
-  for (const auto& [flow, verdict, messages, dataVerdict, dataMessages] : cases) {
-    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << messages;
-    EXPECT_EQ(take_log(category), messages);
-    EXPECT_TRUE(provider->handleOutboundDataFromFlow(*flow, 0, {}) == dataVerdict) << messages;
-    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == kAllowData);
+  for (const auto& [what, flow, verdict, messages, dataVerdict, dataMessages] : cases) {
+    EXPECT_TRUE(provider->handleNewFlow(*flow) == verdict) << what;
+    EXPECT_EQ(take_log(category), messages) << what;
+    EXPECT_TRUE(provider->handleOutboundDataFromFlow(*flow, 0, {}) == dataVerdict) << what;
+    EXPECT_TRUE(provider->handleOutboundDataCompleteForFlow(*flow) == kAllowData) << what;
     EXPECT_EQ(take_log(category),
-              "handleOutboundDataFromFlow. | " + dataMessages + " | handleOutboundDataCompleteForFlow.");
+              "handleOutboundDataFromFlow. | " + dataMessages + " | handleOutboundDataCompleteForFlow.")
+        << what;
   }
-  // The browser is known by the whole identifier.
+}
+
+TEST_F(FilterTest, RecognisesSafariByItsWholeIdentifier) {
+  auto provider = PLSafariFilterDataProvider::init();
   for (const char* other : {"com.apple.safari", "my.com.apple.Safari", "com.apple.Safari.beta", ""}) {
     stand_in::security.identifiers[kOther] = other;
     EXPECT_FALSE(provider->isSafariBrowser(*socketFlowTo("443", "held.example", kOther))) << other;

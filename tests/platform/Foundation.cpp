@@ -9,21 +9,21 @@ namespace orvane {
 namespace {
 
 struct ScriptedError : NSError, stand_in::Counted {
-  explicit ScriptedError(std::string words) : Counted("NSError"), text(std::move(words)) {}
+  explicit ScriptedError(std::string message) : Counted("NSError"), text(std::move(message)) {}
   std::string description() const override { return text; }
   std::string localizedDescription() const override { return "localised " + text; }
   std::string text;
 };
 
 struct ScriptedURL : NSURL {
-  explicit ScriptedURL(std::string words) : text(std::move(words)) {}
+  explicit ScriptedURL(std::string address) : text(std::move(address)) {}
   std::string absoluteString() const override { return text; }
   std::string text;
 };
 
-// The host is what stands between "//" and the next "/"; no more than the tests' own URLs need.
+// Takes the text between "//" and the next "/" as the host, which is enough for the tests' URLs.
 struct ScriptedComponents : NSURLComponents {
-  explicit ScriptedComponents(std::string words) : url(std::move(words)) {}
+  explicit ScriptedComponents(std::string address) : url(std::move(address)) {}
   std::optional<std::string> host() const override {
     const size_t start = url.find("//");
     if (start == std::string::npos) return std::nullopt;

@@ -39,7 +39,7 @@ bool os_log_type_enabled(const os_log_t&, LogLevel level) { return !stand_in::lo
 void log_detail::write(const os_log_t& log, LogLevel level, std::string_view format,
                        std::initializer_list<Argument> arguments) {
   const stand_in::LogEntry entry{level, (log ? log : default_log())->content,
-                                 stand_in::held + render(format, arguments)};
+                                 stand_in::heldLocks + render(format, arguments)};
   {
     std::lock_guard lock(mutex);
     stand_in::log.entries.push_back(entry);

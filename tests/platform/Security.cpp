@@ -11,7 +11,7 @@ namespace orvane {
 
 using stand_in::security;
 
-// Each holds the process that it is about.
+// The content is the pid of the process.
 ORVANE_STAND_IN_COUNTED(struct, SecCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, SecStaticCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, CodeURL, int32_t)

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Log.h"
@@ -14,15 +15,15 @@
 #include "platform/Security.h"
 #include "platform/XPC.h"
 
-// The stand-in operating system: answers to the platform headers that tests script and look into. Each header's answers
-// are a library of their own, so that a test can mix them with real ones.
+// A stand-in for the operating system: it implements the platform headers, and tests script it and inspect it. Each
+// header's part is a library, so that a test can mix it with the real ones.
 namespace orvane::stand_in {
 
-// What happened, in order: each line is written by the stand-in that it happened to. Thread-safe.
+// The calls to the stand-in, in order. Thread-safe.
 void trace(const std::string& line);
-std::string take_trace();  // joined by " | "
+std::string take_trace();  // the lines since the last call, joined by " | "
 
-// An object that is counted among those alive of its kind, which bears the header's name for it. Its end is traced.
+// An object that alive() counts under its kind, the name of its type. Its destruction is traced as "release KIND".
 struct Counted {
   explicit Counted(const char* kindName);
   ~Counted();
@@ -32,57 +33,57 @@ struct Counted {
 int alive(const std::string& kind);
 
 // Object.h.
-inline bool nextInitialiserFails = false;  // the base initialiser of the next object made
+inline bool nextInitialiserFails = false;  // makes the next base initialiser return false
 inline std::atomic<int> aliveObjects{0};   // NSObjects of all classes
 
 // Synchronization.h.
-inline thread_local std::string held;      // by this thread: in its order, a "@" for each monitor, a "+" for each mutex
-inline thread_local int mutexesTaken = 0;  // by this thread
-inline std::atomic<int> nextUnlockStatus{0};  // what the next unlock reports, after having unlocked
+inline thread_local std::string heldLocks;    // of this thread, in order: "@" for a monitor, "+" for a mutex
+inline thread_local int mutexLocks = 0;       // how often this thread locked a mutex
+inline std::atomic<int> nextUnlockStatus{0};  // the status that the next unlock returns, after unlocking
 
-// Log.h. Every handle is an object of its own ("LogHandle"); the default log's category is "default".
+// Log.h. Handles are counted as "LogHandle". The default log's category is "default".
 struct LogEntry {
   LogLevel level;
-  std::string category;  // with its subsystem where that is not the extension
-  std::string text;      // after what its thread held
+  std::string category;  // "SUBSYSTEM/CATEGORY" when the subsystem is not the extension
+  std::string text;      // begins with the locks that its thread held
 };
 inline struct LogState {
   std::set<LogLevel> disabled;
   std::vector<LogEntry> entries;
-  std::function<void(const LogEntry&)> hook;  // called with each entry, may throw
+  std::function<void(const LogEntry&)> hook;  // called with each entry; may throw
 } log;
-// The entries since the last call, joined by " | ": the category, ": " at debug level, "! " at error, "? " at info or
-// "* " at default level, the text. Of one category alone without its name and the ": ".
+// The entries since the last call, joined by " | ". Each is the category, the level (": " debug, "! " error, "? " info,
+// "* " default) and the text. With an argument: only the entries of that category, without its name and ": ".
 std::string take_log(const std::string& category = "");
 
-// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. One bundle, whose resource "Browsers.plist" is a stream.
+// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. There is one bundle, with the resource "Browsers.plist".
 inline struct FileState {
   Value information = nullptr;   // a dictionary
-  std::string fails;             // "bundle", "resource", "stream", "open", "read", "data" or "parse"
-  std::string content;           // what the stream gives
-  bool offersBuffer = false;     // all of it, at once
-  Value propertyList = nullptr;  // what the parser makes of any data
-  size_t parsedLength = 0;       // of the data that it was given
+  std::string fails;             // the failing step: "bundle", "resource", "stream", "open", "read", "data" or "parse"
+  std::string content;           // of the stream
+  bool offersBuffer = false;     // whether the stream gives access to its buffer
+  Value propertyList = nullptr;  // the parser's result for any data
+  size_t parsedLength = 0;       // of the data that the parser received
   std::string bundleURL, resourceURL;
   double now = 0;
 } files;
 
-// Security.h, Process.h. Tokens are those of token_of(pid).
+// Security.h, Process.h. Processes are identified by token_of(pid).
 inline struct SecurityState {
-  using Step = std::pair<OSStatus, bool>;  // its status, and whether it gives no output
+  using Step = std::pair<OSStatus, bool>;  // the status, and whether the output is null
   Step guest, staticCode, information, path;
   bool numberFails = false, noPropertyList = false, noFileSystemPath = false;
-  std::map<int32_t, std::string> identifiers;  // of running processes; "" has a property list without identifier
-  std::map<int32_t, int32_t> responsible;      // others are responsible for themselves
-  std::vector<int32_t> pidsAsked;              // by responsibility_get_pid_responsible_for_pid
+  std::map<int32_t, std::string> identifiers;  // of the running processes; "" means a property list without one
+  std::map<int32_t, int32_t> responsible;      // a process that is not in it is responsible for itself
+  std::vector<int32_t> pidsAsked;              // the arguments of responsibility_get_pid_responsible_for_pid
 } security;
 Value token_of(int32_t pid);
 
-// DNS.h. Counted as "dns_question_t".
+// DNS.h. Questions are counted as "dns_question_t".
 inline struct DNSState {
   bool fails = false;
-  std::optional<std::string> name;  // of the question; without one the question has none
-  std::string parsed;               // the bytes it was given
+  std::optional<std::string> name;  // of the question
+  std::string parsed;               // the bytes that the parser received
 } dns;
 
 // NetworkExtension.h, Foundation.h.
@@ -93,12 +94,12 @@ inline struct FilterState {
   Ref<NSError> applyError;
   std::function<void()> pendingApply;  // completes applySettings
 } filter;
-Ref<NSError> error_named(const std::string& description);  // its localised description is "localised DESCRIPTION"
+Ref<NSError> error_named(const std::string& description);  // the localised description is "localised DESCRIPTION"
 Ref<NSURL> url_of(const std::string& absoluteString);
 
 template <class Base>
 struct ScriptedFlow : Base {
-  explicit ScriptedFlow(Value owner, std::optional<std::string> its = {}) : token(owner), url(std::move(its)) {}
+  explicit ScriptedFlow(Value owner, std::optional<std::string> address = {}) : token(owner), url(std::move(address)) {}
   Value token;
   std::optional<std::string> url;
   Value sourceAppAuditToken() const override { return token; }
@@ -108,7 +109,7 @@ using Flow = ScriptedFlow<NEFilterFlow>;
 struct SocketFlow : ScriptedFlow<NEFilterSocketFlow> {
   using ScriptedFlow::ScriptedFlow;
   std::optional<std::string> hostname;
-  mutable std::deque<Ref<NWEndpoint>> endpoints;  // one for each read, the last one for all that follow
+  mutable std::deque<Ref<NWEndpoint>> endpoints;  // one for each read; the last one repeats
   Ref<NWEndpoint> remoteEndpoint() const override {
     Ref<NWEndpoint> current = endpoints.empty() ? nullptr : endpoints.front();
     if (endpoints.size() > 1) endpoints.pop_front();
@@ -118,22 +119,22 @@ struct SocketFlow : ScriptedFlow<NEFilterSocketFlow> {
   int32_t socketType() const override { return 1; }
 };
 
-// XPC.h: the last listener made. What it is told is traced.
+// XPC.h: the last listener made. Calls to it are traced.
 inline struct ListenerState {
   NSXPCListener* listener = nullptr;
   Ref<NSXPCListenerDelegate> delegate;
   Value name = nullptr;
 } listener;
 
-// Dispatch.h. Thrown by dispatch_main, so that a test gets its thread back.
+// Dispatch.h. dispatch_main throws this, to give the thread back to the test.
 struct MainThreadParked {};
 
-// All that a test scripts as at first.
+// Resets everything that tests script or inspect, except the counts of objects alive.
 void reset();
 
 }  // namespace orvane::stand_in
 
-// A counted type that holds one thing, and its two functions.
+// Defines a counted type with one member, and its retain() and release().
 #define ORVANE_STAND_IN_COUNTED(key, Type, Content)                                                                 \
   key Type : public ::orvane::stand_in::Counted {                                                                   \
    public:                                                                                                          \

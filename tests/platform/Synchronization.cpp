@@ -25,25 +25,25 @@ int RecursiveMutex::initialise() {
 
 int RecursiveMutex::lock() {
   if (!initialised_) return 0;
-  ++stand_in::mutexesTaken;
-  stand_in::held += '+';
+  ++stand_in::mutexLocks;
+  stand_in::heldLocks += '+';
   return pthread_mutex_lock(&mutex_);
 }
 
 int RecursiveMutex::unlock() {
   if (!initialised_) return 0;
-  stand_in::held.pop_back();
+  stand_in::heldLocks.pop_back();
   pthread_mutex_unlock(&mutex_);
   return stand_in::nextUnlockStatus.exchange(0);
 }
 
 ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
-  stand_in::held += '@';
+  stand_in::heldLocks += '@';
   monitor_of(object).lock();
 }
 
 ObjectMonitor::~ObjectMonitor() {
-  stand_in::held.pop_back();
+  stand_in::heldLocks.pop_back();
   monitor_of(object_).unlock();
 }
 

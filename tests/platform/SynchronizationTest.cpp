@@ -12,27 +12,24 @@ namespace {
 
 class Thing : public NSObject {};
 
-TEST(RecursiveMutex, EarlyUseFailsOrLocksOutTheRunThatFollows) {
+TEST(RecursiveMutex, LocksOnceInitialised) {
   static RecursiveMutex mutex;
-  EXPECT_FALSE(mutex.unlock() || mutex.lock()) << "before it works";
+  EXPECT_FALSE(mutex.unlock() || mutex.lock()) << "before initialise()";
   ASSERT_FALSE(mutex.initialise() || mutex.lock());
-  ASSERT_FALSE(mutex.initialise() || mutex.lock() || mutex.unlock()) << "again, and within itself";
+  ASSERT_FALSE(mutex.initialise() || mutex.lock() || mutex.unlock()) << "initialised and locked a second time";
   auto other = std::async(std::launch::async, [] { return mutex.lock() || mutex.unlock(); });
-  EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout) << "the first lock is lost";
+  EXPECT_EQ(other.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout)
+      << "another thread got the lock";
   EXPECT_EQ(mutex.unlock(), 0);
   EXPECT_FALSE(other.get());
 }
 
-// An entry of the side table that goes too early, or stays with a stale state, lets two threads in at once; with a
-// fixed number of shared monitors two objects would collide.
-TEST(ObjectMonitor, LetsTwoThreadsInAtOnceOrHoldsObjectsTogether) {
-  std::vector<Ref<Thing>> objects(500);
-  for (auto& object : objects) object = Ref<Thing>::adopt(new Thing);
-  const Thing* held = objects.front().get();
+TEST(ObjectMonitor, LetsOneThreadIn) {
+  const Ref<Thing> object = Ref<Thing>::adopt(new Thing);
   int count = 0;
   auto holdOften = [&] {
     for (int i = 0; i < 15000; ++i) {
-      ObjectMonitor outer(held), inner(held);
+      ObjectMonitor outer(object.get()), inner(object.get());
       ++count;
     }
   };
@@ -40,7 +37,13 @@ TEST(ObjectMonitor, LetsTwoThreadsInAtOnceOrHoldsObjectsTogether) {
   first.get();
   second.get();
   EXPECT_EQ(count, 30000);
+}
 
+// So many objects would collide if they shared a fixed number of monitors.
+TEST(ObjectMonitor, BelongsToOneObject) {
+  std::vector<Ref<Thing>> objects(500);
+  for (auto& object : objects) object = Ref<Thing>::adopt(new Thing);
+  const Thing* held = objects.front().get();
   auto hold = std::make_unique<ObjectMonitor>(held);
   auto others = std::async(std::launch::async, [&] {
     for (size_t i = 1; i < objects.size(); ++i) ObjectMonitor monitor(objects[i].get());

@@ -6,8 +6,8 @@ namespace orvane::stand_in {
 
 namespace {
 
-// Never destroyed: handles that live until the process ends are still released into it. And objects that are never
-// released stay within reach, so that a leak checker keeps to the others.
+// Never destroyed: objects that live until the process exits use them. They also keep the objects that are never
+// released reachable, so that leak checkers do not report those.
 auto& mutex = *new std::recursive_mutex;
 auto& lines = *new std::string;
 auto& objects = *new std::map<std::string, std::set<const Counted*>>;

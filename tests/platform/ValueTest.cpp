@@ -10,8 +10,8 @@
 namespace orvane {
 namespace {
 
-TEST(Value, ComparesByIdentityOrMixesKinds) {
-  // Every row holds values that equal one another; values of different rows differ.
+TEST(Value, ComparesByValue) {
+  // Values of one row are equal; values of different rows differ.
   const std::vector<std::vector<Value>> rows = {
       {Value(), nullptr},
       {Value::boolean(true)},
@@ -41,7 +41,7 @@ TEST(Value, ComparesByIdentityOrMixesKinds) {
   }
 }
 
-TEST(Value, CopyOfABorrowedStringDanglesOrItsContentIsFreedTwice) {
+TEST(Value, CopiesTheCharactersOfABorrowedString) {
   const char* name = "a host name that is longer than any small buffer";
   std::vector<Value> copies;
   {

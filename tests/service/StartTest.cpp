@@ -1,4 +1,8 @@
+#include <functional>
 #include <regex>
+#include <set>
+#include <string>
+#include <tuple>
 
 #include "database/Database.h"
 #include "service/OrvaneController.h"
@@ -6,7 +10,7 @@
 #include "service/app_filter.h"
 #include "service/xpc_run.h"
 
-// The program's own main, under another name.
+// Compiles the program's main() under another name.
 #define main orvane_main
 #include "service/main.cpp"
 #undef main
@@ -22,7 +26,7 @@ using stand_in::listener;
 using stand_in::take_log;
 using stand_in::take_trace;
 
-// What it is told is traced.
+// Traces the calls to it.
 struct Connection : NSXPCConnection {
   const Protocol* protocol = nullptr;
   OrvaneSECommunication* exported = nullptr;
@@ -52,59 +56,50 @@ class StartTest : public DatabaseTest {
     stand_in::files.information = Value::dictionary({{text("NSEndpointSecurityMachServiceName"), name}});
   }
 
-  static bool happened(const std::string& pattern) { return std::regex_match(take_trace(), std::regex(pattern)); }
+  static bool traceMatches(const std::string& pattern) { return std::regex_match(take_trace(), std::regex(pattern)); }
 };
 
-TEST_F(StartTest, BringsTheModulesUpInOrderAndParks) {
-  // The browsers list is loaded, under a lock that is none yet, before the mutex is one.
-  const std::string loads = "[^]*log db_browsers: [^]* \\| mutex initialised";
-  const std::string serves = " \\| startSystemExtensionMode[^]* \\| listener delegate \\| listener resume";
-  const std::string told = " \\| log OrvaneSE started\\.\\.\\.", parks = " \\| dispatch_main";
-  stand_in::filter.startStatus = 5;  // which nobody looks at
+TEST_F(StartTest, StartsModulesInOrder) {
+  stand_in::filter.startStatus = 5;  // ignored by main()
   EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
-  EXPECT_TRUE(happened("log starting extensions\\.\\.\\. " + loads + serves + told + parks));
+  EXPECT_TRUE(
+      traceMatches("log starting extensions\\.\\.\\. [^]*log db_browsers: [^]* \\| mutex initialised \\| "
+                   "startSystemExtensionMode[^]* \\| listener delegate \\| listener resume \\| "
+                   "log OrvaneSE started\\.\\.\\. \\| dispatch_main"));
   EXPECT_EQ(listener.name, text("org.orvane.test"));
   for (const char* name : {"FilterDataProvider", "PLSafariFilterDataProvider"}) {
     ASSERT_TRUE(stand_in::filter.classes.contains(name)) << name;
     EXPECT_TRUE(stand_in::filter.classes[name]());
   }
   EXPECT_EQ(web_filter_init(), 5);
+}
 
-  stand_in::log.disabled = {LogLevel::Info, LogLevel::Debug};
-  take_log();
-  take_trace();
-  EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
-  EXPECT_TRUE(happened("[^]*mutex initialised" + serves + told + parks));
-  EXPECT_EQ(take_log(), "default! OrvaneSE started...");
-  stand_in::log.disabled = {LogLevel::Error, LogLevel::Debug};
-  EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
-  EXPECT_TRUE(happened("log starting extensions[^]*mutex initialised" + serves + parks));
-  EXPECT_EQ(take_log(), "default? starting extensions...");
+TEST_F(StartTest, StartsWithDisabledLogLevels) {
+  const std::tuple<LogLevel, std::string, std::string> cases[] = {
+      {LogLevel::Info, "log OrvaneSE started\\.\\.\\. \\| ", "default! OrvaneSE started..."},
+      {LogLevel::Error, "", "default? starting extensions..."},
+  };
+  for (const auto& [disabled, logs, messages] : cases) {
+    stand_in::log.disabled = {disabled, LogLevel::Debug};
+    take_trace();
+    EXPECT_THROW(orvane_main(), stand_in::MainThreadParked);
+    EXPECT_TRUE(
+        traceMatches("[^]*mutex initialised \\| startSystemExtensionMode[^]* \\| listener delegate \\| "
+                     "listener resume \\| " +
+                     logs + "dispatch_main"))
+        << messages;
+    EXPECT_EQ(take_log(), messages);
+  }
 }
 
 TEST_F(StartTest, EndsBeforeTheFilterWhenTheApplicationFilterFails) {
   appFilterStatus = 1;
   EXPECT_EQ(orvane_main(), 1);
-  EXPECT_TRUE(happened("log starting extensions[^]* \\| mutex initialised"));  // and nothing since
-  EXPECT_TRUE(db_is_browser("b"));                                             // the database runs, and was not ended
-  db_term();
-  EXPECT_FALSE(db_spare || db_hostnames || db_browsers);
-  EXPECT_TRUE(db_log);
+  EXPECT_TRUE(traceMatches("log starting extensions[^]* \\| mutex initialised"));  // nothing later
+  EXPECT_TRUE(db_is_browser("b"));                                                 // the database still works
 }
 
-struct Watched : NSObject {
-  explicit Watched(std::function<void()> what = [] {}) : atItsEnd(std::move(what)) {}
-  ~Watched() override { atItsEnd(); }
-  std::function<void()> atItsEnd;
-};
-
-TEST_F(StartTest, WhatIsReplacedGoesAfterTheNewOneIsStored) {
-  Watched* seen = nullptr;
-  Ref<Watched> holder;
-  holder = Ref<Watched>::adopt(new Watched([&] { seen = holder.get(); }));
-  holder = Ref<Watched>::adopt(new Watched);
-  EXPECT_EQ(seen, holder.get());
-
+TEST_F(StartTest, ReleasesTheOldListenerAfterStoringTheNewOne) {
   xpc_run();
   const int objects = stand_in::aliveObjects;
   const auto* delegate = listener.delegate.get();
@@ -115,17 +110,20 @@ TEST_F(StartTest, WhatIsReplacedGoesAfterTheNewOneIsStored) {
   EXPECT_EQ(stand_in::aliveObjects, objects);
 }
 
-TEST_F(StartTest, PassesAnyNameOnAndWiresEveryConnectionToTheSharedObject) {
+TEST_F(StartTest, PassesAnyServiceNameOn) {
   for (const Value& name : {Value(), Value::number(5)}) {
     nameService(name);
     xpc_run();
     EXPECT_EQ(listener.name, name);
   }
-  EXPECT_EQ(take_log(), "");  // not a word about it
+  EXPECT_EQ(take_log(), "");
+}
+
+TEST_F(StartTest, ConnectsEveryClientToTheSharedController) {
+  xpc_run();
   take_trace();
   auto first = Ref<Connection>::adopt(new Connection), second = Ref<Connection>::adopt(new Connection);
   EXPECT_TRUE(listener.delegate->shouldAcceptNewConnection(*listener.listener, *first));
-  // The handlers come after the activation.
   EXPECT_EQ(take_trace(), "interface | object | activate | invalidation | interruption");
   EXPECT_EQ(first->protocol, &OrvaneSECommunication::kProtocol);
   EXPECT_TRUE(listener.delegate->shouldAcceptNewConnection(*listener.listener, *second));

@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <stdexcept>
+#include <string>
 
 #include "platform/linux/process/ApplicationIndex.h"
 #include "support/TemporaryFolder.h"
@@ -18,12 +20,12 @@ class ProgramFolder : public TemporaryFolder {
  public:
   std::string path(const std::string& name) const { return canonical(TemporaryFolder::path()).string() + "/" + name; }
 
-  // An installed program, which sleeps.
+  // Installs a program that sleeps, and returns its path.
   std::string program(const std::string& name) const {
     std::filesystem::copy_file("/bin/sleep", write(name, ""), std::filesystem::copy_options::overwrite_existing);
     return path(name);
   }
-  // A command line "@NAME" is the path of a program in this folder.
+  // Writes a desktop entry. A command line "@NAME" means the program NAME in this folder.
   void entry(const std::string& id, std::string exec) const {
     if (exec.starts_with('@')) exec = '"' + path(exec.substr(1)) + '"';
     write("entries/" + id + ".desktop", "[Desktop Entry]\nType=Application\nNoDisplay=true\nExec=" + exec + "\n");
@@ -33,7 +35,7 @@ class ProgramFolder : public TemporaryFolder {
   }
 };
 
-// A program that runs for long enough.
+// A running program. It is killed at the end of the scope.
 struct RunningProgram {
   explicit RunningProgram(std::string program) {
     char seconds[] = "100";
@@ -47,7 +49,7 @@ struct RunningProgram {
   RunningProgram(const RunningProgram&) = delete;
   RunningProgram& operator=(const RunningProgram&) = delete;
 
-  // Leaves it ended but unnoticed by its parent, as long as this object lives.
+  // Kills the program. It stays a zombie until this object is destroyed.
   void end() const {
     ::kill(pid, SIGKILL);
     siginfo_t information;

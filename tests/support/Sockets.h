@@ -27,10 +27,10 @@ inline uint16_t port_of(const Descriptor& socket) {
   return ntohs(address.sin_port);
 }
 
-// A blocking connection, as a simple client or server would use it.
+// One end of a blocking TCP connection.
 struct Peer {
   Descriptor socket;
-  int error = 0;  // that the last read() ended with; 0 for an orderly end
+  int error = 0;  // the errno that ended the last read(); 0 at the end of the stream
 
   explicit Peer(Descriptor connected) : socket(std::move(connected)) {}
   explicit Peer(uint16_t port) : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -43,7 +43,7 @@ struct Peer {
   }
   void endSending() { shutdown(socket.get(), SHUT_WR); }
 
-  // Reads until what was read ends in `ending`, or (without one) until the end.
+  // Reads until the text ends with `ending`, or to the end of the stream when `ending` is empty.
   std::string read(const std::string& ending = {}) {
     std::string text;
     for (char byte = 0; ending.empty() || !text.ends_with(ending); text += byte) {
@@ -55,7 +55,7 @@ struct Peer {
   }
 };
 
-// A server on 127.0.0.1 that serves each client in turn.
+// A server on 127.0.0.1 that serves one client after the other.
 class Server {
  public:
   explicit Server(const std::function<void(Peer&)>& serve)

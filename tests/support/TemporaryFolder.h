@@ -4,10 +4,11 @@
 #include <filesystem>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 
 namespace orvane {
 
-// An empty folder that goes with this value.
+// An empty folder, removed at the end of the scope.
 class TemporaryFolder {
  public:
   TemporaryFolder() : path_(std::filesystem::temp_directory_path() / "orvane test XXXXXX") {
@@ -22,7 +23,7 @@ class TemporaryFolder {
 
   const std::filesystem::path& path() const { return path_; }
 
-  // Writes a file, with the folders that it stands in, and returns its path.
+  // Creates a file and its parent folders. Returns its path.
   std::filesystem::path write(const std::filesystem::path& name, std::string_view content) const {
     create_directories((path_ / name).parent_path());
     std::ofstream(path_ / name, std::ios::binary) << content;
