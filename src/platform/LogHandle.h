@@ -4,8 +4,8 @@
 
 #include "platform/Ref.h"
 
-// The log's handles, levels and macros, common to all systems. Include Log.h, which each system has of its own (chosen
-// by include path): macOS's log needs the format as a literal at the call.
+// The log's handles, levels and macros, common to all systems. Include Log.h, not this header: each system has a Log.h,
+// chosen by include path, because macOS's log needs the format as a literal at the call.
 namespace orvane {
 
 // Default, Info, Debug or Error.

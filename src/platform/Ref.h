@@ -55,7 +55,7 @@ class Ref {
   // Returns the object without releasing it.
   T* detach() noexcept { return std::exchange(object_, nullptr); }
 
-  // Clears the reference and returns where a function can store an object with a reference for the caller.
+  // Clears the reference and returns its address, for a function that stores an owned object there.
   T** out() {
     *this = Ref();
     return &object_;

@@ -18,8 +18,4 @@ int RecursiveMutex::lock() { return initialised_ ? pthread_mutex_lock(&mutex_) :
 
 int RecursiveMutex::unlock() { return initialised_ ? pthread_mutex_unlock(&mutex_) : 0; }
 
-void NSRecursiveLock::lock() { mutex_.lock(); }
-
-void NSRecursiveLock::unlock() { mutex_.unlock(); }
-
 }  // namespace orvane

@@ -38,16 +38,8 @@ class ObjectMonitor {
   const NSObject* object_;
 };
 
-// A recursive lock as an object.
-class NSRecursiveLock : public NSObject {
- public:
-  NSRecursiveLock() { mutex_.initialise(); }
-
-  void lock();
-  void unlock();
-
- private:
-  RecursiveMutex mutex_;
-};
+// A recursive lock as an object. The extension declares one and never makes it (docs/compatibility.md), so it has no
+// operations.
+class NSRecursiveLock : public NSObject {};
 
 }  // namespace orvane

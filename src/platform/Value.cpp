@@ -37,7 +37,7 @@ namespace {
 
 uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(std::hash<std::string_view>()(text)); }
 
-// Converts a real number to an integer. False when that would change its amount.
+// Converts a real number to an integer. False when that would change its value.
 bool exact_signed(double real, int64_t* integer) {
   if (!(real >= -9223372036854775808.0 && real < 9223372036854775808.0) || std::trunc(real) != real) return false;
   *integer = static_cast<int64_t>(real);

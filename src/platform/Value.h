@@ -15,7 +15,7 @@ namespace orvane {
 
 // A value that a companion may send or a property list may contain. Immutable, 16 bytes. Copies share the content; they
 // may be made and destroyed on any thread. Equality and hashes depend on the value: strings compare byte for byte;
-// numbers compare by amount, whatever their form; a boolean equals no number.
+// numbers compare by their numeric value, whatever their form; a boolean equals no number.
 class Value {
  public:
   // Null, not Nil: Objective-C defines Nil as a macro.

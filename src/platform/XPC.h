@@ -50,7 +50,7 @@ class NSXPCListenerDelegate : public NSObject {
 
 class NSXPCListener : public NSObject {
  public:
-  // Never null. When `name` is no usable name, the platform reports that and the listener accepts no connections.
+  // Never null. When `name` cannot be used, the platform reports that and the listener accepts no connections.
   static Ref<NSXPCListener> initWithMachServiceName(const Value& name);
 
   // The listener may retain the delegate, and uses it until another one is set or the listener is destroyed.
