@@ -9,7 +9,7 @@
 namespace orvane {
 namespace {
 
-TEST(FilterSession, AsksNeitherTooMuchNorAgain) {
+TEST(FilterSession, ShowsDataUpToThePeekCountUntilAVerdict) {
   using NewFlow = NEFilterNewFlowVerdict;
   using Data = NEFilterDataVerdict;
   using State = FilterSession::State;
@@ -17,7 +17,7 @@ TEST(FilterSession, AsksNeitherTooMuchNorAgain) {
   const auto all = peek(kFilterFlowBytesMax);
   const Data allow = Data::allowVerdict(), drop = Data::dropVerdict();
   const struct {
-    const char* fault;
+    const char* name;
     NewFlow newFlow;
     Data data, complete;
     std::string_view chunks[2];
@@ -25,15 +25,29 @@ TEST(FilterSession, AsksNeitherTooMuchNorAgain) {
     State end;
     bool holds;  // after the new flow
   } kCases[] = {
-      {"a dropped flow comes back", NewFlow::dropVerdict(), allow, allow, {"a"}, "new -; ", State::Dropped, false},
-      {"a drop is reconsidered", all, drop, allow, {"one", "two"}, "new -; data 0 -; one", State::Dropped, true},
-      {"an allowed flow is shown on", all, allow, drop, {"one", "two"}, "new -; data 0 -; one", State::Allowed, true},
-      {"the peek count is exceeded", peek(2), drop, allow, {"one"}, "new -; data 0 -; on", State::Dropped, true},
-      {"an empty chunk counts as data", all, drop, allow, {""}, "new -; complete -; ", State::Allowed, true},
-      {"no peek shows data", peek(0), allow, drop, {"one"}, "new -; complete -; ", State::Dropped, false},
+      {"a drop of the new flow is final",
+       NewFlow::dropVerdict(),
+       allow,
+       allow,
+       {"a"},
+       "new -; ",
+       State::Dropped,
+       false},
+      {"a drop by data is final", all, drop, allow, {"one", "two"}, "new -; data 0 -; one", State::Dropped, true},
+      {"an allowance by data is final", all, allow, drop, {"one", "two"}, "new -; data 0 -; one", State::Allowed, true},
+      {"the peek count limits the data", peek(2), drop, allow, {"one"}, "new -; data 0 -; on", State::Dropped, true},
+      {"an empty chunk is no data", all, drop, allow, {""}, "new -; complete -; ", State::Allowed, true},
+      {"a peek count of 0 asks at the end",
+       peek(0),
+       allow,
+       drop,
+       {"one"},
+       "new -; complete -; ",
+       State::Dropped,
+       false},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.fault);
+    SCOPED_TRACE(c.name);
     auto provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
     provider->newFlow = c.newFlow;
     provider->data = c.data;
@@ -51,11 +65,12 @@ TEST(FilterSession, AsksNeitherTooMuchNorAgain) {
   }
 }
 
-TEST(FilterRules, MatchTheFlowsThatTheyAreAboutAndNoOthers) {
+TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
   using Protocol = NENetworkRuleProtocol;
   using Action = NEFilterAction;
   constexpr auto kIn = NETrafficDirection::Inbound, kOut = NETrafficDirection::Outbound;
   const struct {
+    const char* name;
     NETrafficDirection direction;
     Protocol protocol;
     const char *network, *networkPort;
@@ -64,13 +79,13 @@ TEST(FilterRules, MatchTheFlowsThatTheyAreAboutAndNoOthers) {
     uint16_t port;
     bool matches;
   } kCases[] = {
-      {kOut, Protocol::Any, "", "53", 0, "a.example", 53, true},
-      {kIn, Protocol::Any, "", "53", 0, "a.example", 53, false},
-      {kOut, Protocol::UDP, "", "53", 0, "a.example", 53, false},
-      {kOut, Protocol::TCP, "Only.Example", "0", 0, "only.example", 80, true},
-      {kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:7fff::1", 80, true},
-      {kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:8000::1", 80, false},
-      {kOut, Protocol::TCP, "192.0.2.128", "0", 0, "192.0.2.129", 80, false},
+      {"any protocol", kOut, Protocol::Any, "", "53", 0, "a.example", 53, true},
+      {"inbound", kIn, Protocol::Any, "", "53", 0, "a.example", 53, false},
+      {"another protocol", kOut, Protocol::UDP, "", "53", 0, "a.example", 53, false},
+      {"a name in another case, any port", kOut, Protocol::TCP, "Only.Example", "0", 0, "only.example", 80, true},
+      {"inside of a network", kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:7fff::1", 80, true},
+      {"outside of a network", kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:8000::1", 80, false},
+      {"another address", kOut, Protocol::TCP, "192.0.2.128", "0", 0, "192.0.2.129", 80, false},
   };
   for (const auto& c : kCases) {
     auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname(c.network, c.networkPort),
@@ -79,7 +94,7 @@ TEST(FilterRules, MatchTheFlowsThatTheyAreAboutAndNoOthers) {
         NEFilterSettings::initWithRules({NEFilterRule::initWithNetworkRule(rule, Action::Drop)}, Action::Allow);
     EXPECT_EQ(action_for_outbound_flow(settings, {c.host, c.port, Protocol::TCP}),
               c.matches ? Action::Drop : Action::Allow)
-        << c.network << " " << c.host << " " << c.port;
+        << c.name;
   }
 }
 

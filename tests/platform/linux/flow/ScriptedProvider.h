@@ -8,7 +8,7 @@
 
 namespace orvane {
 
-// Answers as it is told, and writes down what it was asked.
+// Gives the answers that a test sets, and records the calls.
 class ScriptedProvider : public NEFilterDataProvider {
  public:
   struct Seen {

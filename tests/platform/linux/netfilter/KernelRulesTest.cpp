@@ -38,7 +38,7 @@ NEFilterSettings settings(const std::vector<Rule>& rules, Action defaultAction =
   return NEFilterSettings::initWithRules(std::move(made), defaultAction);
 }
 
-// The lines of a text that hold a word.
+// The lines that contain a word.
 std::string lines_with(const std::string& word, const std::string& text) {
   std::istringstream lines(text);
   std::string found;
@@ -46,33 +46,43 @@ std::string lines_with(const std::string& word, const std::string& text) {
   return found;
 }
 
-TEST(KernelRulesText, SaysARuleToTheFamiliesAndProtocolsThatItIsAboutOnly) {
+TEST(KernelRulesText, WritesARuleForItsFamiliesAndProtocols) {
   const std::string n = "-A ORVANE-NEW -p ", pend = " -g ORVANE-PENDING\n", same = "=";
   const std::string last = "-A ORVANE-NEW" + pend;
   const struct {
+    const char* name;
     Rule rule;
     std::string v4, v6;
   } cases[] = {
-      {{"", "0"}, n + "tcp" + pend, same},
-      {{"", "domain", 0, Protocol::Any}, n + "tcp --dport 53" + pend + n + "udp --dport 53" + pend, same},
-      {{"10.1.0.0", "80", 16}, n + "tcp -d 10.1.0.0/16 --dport 80" + pend, ""},
-      {{"10.1.0.1", "7", 0, Protocol::TCP, Action::Allow, Direction::Any, true},
+      {"any port", {"", "0"}, n + "tcp" + pend, same},
+      {"a service, any protocol",
+       {"", "domain", 0, Protocol::Any},
+       n + "tcp --dport 53" + pend + n + "udp --dport 53" + pend,
+       same},
+      {"an IPv4 network", {"10.1.0.0", "80", 16}, n + "tcp -d 10.1.0.0/16 --dport 80" + pend, ""},
+      {"a local address",
+       {"10.1.0.1", "7", 0, Protocol::TCP, Action::Allow, Direction::Any, true},
        n + "tcp -s 10.1.0.1/32 --sport 7 -j RETURN\n",
        ""},
-      {{"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
-      {{"", "80", 0, Protocol::TCP, Action::Drop},
+      {"too long a prefix", {"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
+      {"drop",
+       {"", "80", 0, Protocol::TCP, Action::Drop},
        n + "tcp --dport 80 -j CONNMARK --set-xmark 0x12000000/0x12000000\n" + n + "tcp --dport 80 -j RETURN\n",
        same},
-      {{"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
+      {"inbound", {"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
   };
   std::string error;
   for (const auto& c : cases) {
     for (AddressFamily family : {AddressFamily::IPv4, AddressFamily::IPv6}) {
       auto text = kernel_rules_text(settings({c.rule}, Action::FilterData), family, error);
       const std::string& expected = family == AddressFamily::IPv4 || c.v6 == same ? c.v4 : c.v6;
-      EXPECT_EQ(lines_with("-A ORVANE-NEW", text.value_or(error)), expected + last) << c.v4 << c.v6;
+      EXPECT_EQ(lines_with("-A ORVANE-NEW", text.value_or(error)), expected + last) << c.name;
     }
   }
+}
+
+TEST(KernelRulesText, RejectsHostNamesAndUnknownServices) {
+  std::string error;
   for (const Rule& rule : {Rule{"a.name", "80"}, Rule{"", "no-service"}, Rule{"", "70000"}, Rule{"", ""}}) {
     EXPECT_FALSE(kernel_rules_text(settings({rule}), AddressFamily::IPv4, error)) << rule.host << rule.port;
     EXPECT_NE(error.find(*rule.host == '\0' ? rule.port : rule.host), error.npos) << error;
@@ -88,13 +98,13 @@ std::string shell(const std::string& command) {
 }
 std::string rules_in_kernel() { return lines_with("ORVANE", shell("iptables-save; ip6tables-save")); }
 
-// In a network namespace of the test's own, with a loopback interface.
+// In a new network namespace, with its loopback interface up.
 class KernelRulesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const uid_t user = geteuid();
     if (user != 0 && unshare(CLONE_NEWUSER) == 0) std::ofstream("/proc/self/uid_map") << "0 " << user << " 1";
-    if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "no network namespace of its own may be made here";
+    if (unshare(CLONE_NEWNET) != 0) GTEST_SKIP() << "cannot make a network namespace";
     shell("ip link set lo up");
   }
 
@@ -127,13 +137,13 @@ struct Connection {
   bool refused;
 };
 
-// How many packets the rules with a word have met.
+// How many packets matched the rules that contain a word.
 int packets(int family, const std::string& word) {
   const std::string sum = " -c | awk -F: '/" + word + "/ { sum += substr($1, 2) } END { print 0 + sum }'";
   return std::stoi(shell((family == AF_INET ? "iptables-save" : "ip6tables-save") + sum));
 }
 
-TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRules) {
+TEST_F(KernelRulesTest, QueuesPayloadAndEndOfNewConnections) {
   for (int family : {AF_INET, AF_INET6}) {
     rules.remove();
     Connection older(family);
@@ -143,12 +153,12 @@ TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRu
     Connection connection(family);
     EXPECT_EQ(packets(family, "-g ORVANE-PENDING"), 1);
     EXPECT_EQ(packets(family, "-j NFQUEUE"), 0) << "the handshake";
-    EXPECT_TRUE(connection.client.send("a") && connection.server.read("a") == "a") << "no handler: it passes";
+    EXPECT_TRUE(connection.client.send("a") && connection.server.read("a") == "a") << "passes without a handler";
     EXPECT_TRUE(connection.server.send("b") && connection.client.read("b") == "b");
-    EXPECT_EQ(packets(family, "--bytecode"), 1) << "and not the answer";
+    EXPECT_EQ(packets(family, "--bytecode"), 1) << "not the answer";
     connection.client.endSending();
     EXPECT_EQ(connection.server.read(), "");
-    EXPECT_EQ(packets(family, "-j NFQUEUE"), 1) << "it was allowed when nobody was there to ask";
+    EXPECT_EQ(packets(family, "-j NFQUEUE"), 1) << "allowed, as no handler was there";
     Connection silent(family);
     silent.client.endSending();
     EXPECT_EQ(silent.server.read(), "");
@@ -156,8 +166,7 @@ TEST_F(KernelRulesTest, QueuesOnlyPayloadAndEndsOfConnectionsThatBeganUnderTheRu
   }
 }
 
-// A rule of the test's stands in for the queue's handler and gives verdicts.
-TEST_F(KernelRulesTest, PutsBackWhatAnotherProgramTakesAwayOrGetsAheadOf) {
+TEST_F(KernelRulesTest, RepairsWhatAnotherProgramChanges) {
   install({{"", "80"}, {"", "443"}, {"", "53", 0, Protocol::Any}, {"10.0.0.0", "8080", 8}});
   const std::string intact = rules_in_kernel();
   EXPECT_NE(intact.find("-A ORVANE-NEW -d 10.0.0.0/8 -p tcp -m tcp --dport 8080 -g ORVANE-PENDING"), intact.npos);
@@ -172,25 +181,29 @@ TEST_F(KernelRulesTest, PutsBackWhatAnotherProgramTakesAwayOrGetsAheadOf) {
     EXPECT_EQ(rules.check(error), State::Repaired) << wipe << error;
     EXPECT_EQ(rules_in_kernel(), intact) << wipe;
     EXPECT_EQ(rules.check(error), State::Intact) << wipe;
-    EXPECT_FALSE(changed(50)) << "its own repair is news for ever: " << wipe;
+    EXPECT_FALSE(changed(50)) << "repairs trigger repairs: " << wipe;
   }
 }
 
-TEST_F(KernelRulesTest, ReplacesAPredecessorAndLeavesOnlyWhatIsOfOthers) {
-  shell("iptables -A OUTPUT -p icmp -j REJECT");
-  const std::string others = shell("iptables-save -t filter | grep -v '^#'");
+TEST_F(KernelRulesTest, ReplacesRulesOfAPredecessor) {
   install({{"", "4433"}});
   shell("ip6tables -A OUTPUT -o lo -j ORVANE-OUTPUT; iptables -t mangle -A OUTPUT -j ORVANE-OUTPUT");
   ASSERT_EQ(KernelRules().install(settings({{"", "80"}})).value_or(""), "");
   EXPECT_EQ(rules_in_kernel().find("4433"), std::string::npos);
   EXPECT_EQ(lines_with("-A OUTPUT", rules_in_kernel()).size(), 4 * sizeof "-A OUTPUT -j ORVANE-OUTPUT");
+}
+
+TEST_F(KernelRulesTest, LeavesOnlyRulesOfOthers) {
+  shell("iptables -A OUTPUT -p icmp -j REJECT");
+  const std::string others = shell("iptables-save -t filter | grep -v '^#'");
+  install({{"", "4433"}});
   ASSERT_TRUE(rules.install(settings({{"a.name", "80"}})).has_value());
-  EXPECT_EQ(rules_in_kernel(), "") << "a failed start filters nothing and leaves nothing";
+  EXPECT_EQ(rules_in_kernel(), "") << "after a failed start";
   install({{"", "80"}});
   rules.remove();
   rules.remove();
   EXPECT_EQ(rules_in_kernel(), "");
-  EXPECT_EQ(rules.check(error), State::Intact) << "taken away on purpose";
+  EXPECT_EQ(rules.check(error), State::Intact) << "check() does not repair removed rules";
   EXPECT_EQ(shell("iptables-save -t filter | grep -v '^#'"), others);
 }
 

@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::string_literals;
 
-// From an allocation of just that size, so that a sanitizer sees a read beyond it.
+// Parses a copy of exactly this size, so that a sanitizer sees a read beyond it.
 std::string read(const std::string& bytes) {
   std::vector<uint8_t> exact(bytes.begin(), bytes.end());
   auto packet = parse_packet(exact, 7);
@@ -40,39 +40,51 @@ std::string v6(char next, char length) {
          "\2";
 }
 
-TEST(Packet, MisreadsHeadersOrTakesWhatIsNotWhole) {
+TEST(Packet, ReadsEachKindOfHeader) {
   const std::string four = "10.0.0.1%0 40000 10.0.0.2%0 ", six = "fe80::1%7 40000 2001:db8::2%0 ", eight(8, 1);
   const std::string extensions = "\x3c\0xxxxxx\x2b\1xxxxxx"s + eight + "\x2c\2xxxxxx" + eight + eight +
                                  "\x33\0\0\1xxxx\x87\4xxxxxx"s + eight + eight + "\6\0xxxxxx"s;
   const struct {
+    const char* name;
     std::string headers, rest, expected;
-  } kRows[] = {
-      {v4(6, 43) + tcp(0x18), "abcjunk", "6 " + four + "443 16909060 abc"},
-      {v4(6, 0) + tcp(0x10), "offloaded", "6 " + four + "443 16909060 offloaded"},
-      {v4(6, 99) + tcp(0x11), "cut", "6 " + four + "443 F16909060 cut"},
-      {v4(6, 56, 0, 6) + "\x94\4\0\0"s + tcp(2, 7) + eight, "data", "6 " + four + "443 S16909061 data"},
-      {v4(17, 30, 0x20) + udp(20), "first part", "17 " + four + "53 0 fi"},
-      {v4(17, 40) + udp(10), "more than it says", "17 " + four + "53 0 mo"},
-      {v6(6, 20) + tcp(4), "junk", "6 " + six + "443 R16909060 "},
-      {v6(0, 0) + "\x11\0\xc2\4\0\1\0\0"s + udp(0), "jumbo", "17 " + six + "53 0 jumbo"},
-      {v6(0, 107) + extensions + tcp(0x10), "end", "none"},
-      {v6(0, 111) + extensions + tcp(0x10), "end and junk", "6 " + six + "443 16909060 end"},
+  } kCases[] = {
+      {"TCP, bytes after the packet", v4(6, 43) + tcp(0x18), "abcjunk", "6 " + four + "443 16909060 abc"},
+      {"a length of 0", v4(6, 0) + tcp(0x10), "offloaded", "6 " + four + "443 16909060 offloaded"},
+      {"FIN, a cut payload", v4(6, 99) + tcp(0x11), "cut", "6 " + four + "443 F16909060 cut"},
+      {"SYN, options in both headers", v4(6, 56, 0, 6) + "\x94\4\0\0"s + tcp(2, 7) + eight, "data",
+       "6 " + four + "443 S16909061 data"},
+      {"UDP, the first fragment", v4(17, 30, 0x20) + udp(20), "first part", "17 " + four + "53 0 fi"},
+      {"UDP, bytes after the datagram", v4(17, 40) + udp(10), "more than it says", "17 " + four + "53 0 mo"},
+      {"IPv6, RST", v6(6, 20) + tcp(4), "junk", "6 " + six + "443 R16909060 "},
+      {"IPv6, a jumbogram", v6(0, 0) + "\x11\0\xc2\4\0\1\0\0"s + udp(0), "jumbo", "17 " + six + "53 0 jumbo"},
+      {"IPv6, a header beyond the packet's length", v6(0, 107) + extensions + tcp(0x10), "end", "none"},
+      {"IPv6, each extension header", v6(0, 111) + extensions + tcp(0x10), "end and junk",
+       "6 " + six + "443 16909060 end"},
   };
-  for (const auto& [headers, rest, expected] : kRows) {
-    EXPECT_EQ(read(headers + rest), expected);
-    for (size_t i = 0; i < headers.size(); ++i) EXPECT_EQ(read(headers.substr(0, i)), "none") << expected << " " << i;
-  }
-  // In turn: a later fragment, another protocol, and lengths of less or more than there is.
-  for (const std::string& bytes :
-       {v4(6, 0, 1) + tcp(0x10), v4(1, 0) + tcp(0x10), v6(44, 28) + "\6\0\0\x8\0\0\0\1"s + tcp(0x10), v6(59, 8) + eight,
-        v4(17, 0, 0, 4) + udp(0), v4(6, 19) + tcp(0x10), v4(6, 0) + tcp(0x10, 4), v4(6, 0) + tcp(0x10, 6),
-        v4(17, 0) + udp(7) + eight}) {
-    EXPECT_EQ(read(bytes), "none") << testing::PrintToString(bytes);
+  for (const auto& c : kCases) {
+    EXPECT_EQ(read(c.headers + c.rest), c.expected) << c.name;
+    for (size_t i = 0; i < c.headers.size(); ++i) {
+      EXPECT_EQ(read(c.headers.substr(0, i)), "none") << c.name << ", cut to " << i;
+    }
   }
 }
 
-// One connection has one key, whichever family its socket is of.
-TEST(SocketAddress, DiffersByTheFamilyOfTheSocket) {
+TEST(Packet, RejectsOtherAndMalformedPackets) {
+  const std::pair<const char*, std::string> kCases[] = {
+      {"a later fragment", v4(6, 0, 1) + tcp(0x10)},
+      {"IPv6, a later fragment", v6(44, 28) + "\6\0\0\x8\0\0\0\1"s + tcp(0x10)},
+      {"ICMP", v4(1, 0) + tcp(0x10)},
+      {"IPv6, no next header", v6(59, 8) + std::string(8, 1)},
+      {"too short an IP header", v4(17, 0, 0, 4) + udp(0)},
+      {"too short a packet", v4(6, 19) + tcp(0x10)},
+      {"too short a TCP header", v4(6, 0) + tcp(0x10, 4)},
+      {"a TCP header beyond the end", v4(6, 0) + tcp(0x10, 6)},
+      {"too short a datagram", v4(17, 0) + udp(7) + std::string(8, 1)},
+  };
+  for (const auto& [name, bytes] : kCases) EXPECT_EQ(read(bytes), "none") << name;
+}
+
+TEST(SocketAddress, EqualsItsMappedForm) {
   const auto* mapped = reinterpret_cast<const uint8_t*>("\0\0\0\0\0\0\0\0\0\0\xff\xff\x0a\0\0\2");
   EXPECT_EQ(SocketAddress::v6(mapped, 443, 3), SocketAddress::v4(mapped + 12, 443));
 }

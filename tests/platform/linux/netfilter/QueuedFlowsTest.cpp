@@ -20,7 +20,7 @@ struct Owners final : FlowOwners {
 
 class QueuedFlowsTest : public ::testing::Test {
  protected:
-  // A packet of the one connection, with its payload at this place of the stream.
+  // A packet of one connection, with its payload at `sequence`.
   Packet packet(std::string_view payload, uint32_t sequence, uint16_t port = 443, uint8_t protocol = IPPROTO_TCP) {
     const uint8_t here[4] = {127, 0, 0, 1};
     Packet made;
@@ -38,38 +38,40 @@ class QueuedFlowsTest : public ::testing::Test {
 
 using enum PacketVerdict;
 
-TEST_F(QueuedFlowsTest, HoldsOnlyTheSegmentThatCompletesTheName) {
+constexpr std::string_view kRequest = "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n";
+
+TEST_F(QueuedFlowsTest, DecidesAtTheSegmentThatCompletesTheName) {
   provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
   EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open);
   EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open) << "a retransmission";
-  EXPECT_EQ(flows.judge(packet("ample\r\n\r\n", 129)), Open) << "ahead of its turn";
+  EXPECT_EQ(flows.judge(packet("ample\r\n\r\n", 129)), Open) << "out of order";
   EXPECT_EQ(calls(), "");
   EXPECT_EQ(flows.judge(packet("st: held.e", 118)), Open) << "a gap is left";
   EXPECT_EQ(flows.judge(packet("ex", 127)), Dropped);
   EXPECT_EQ(calls(), "new held.example; ");
 }
 
-TEST_F(QueuedFlowsTest, GivesALatePacketTheVerdictOfItsFlowAndAsksOnce) {
-  const std::string_view request = "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n";
+TEST_F(QueuedFlowsTest, GivesLatePacketsTheVerdictOfTheirFlow) {
   uint64_t late = flow_counters().lateQueued;
   provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
-  EXPECT_EQ(flows.judge(packet(request, 0)), Dropped);
+  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Dropped);
   EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the verdict";
   flows.queueDrained();
   EXPECT_EQ(flows.judge(packet("more", 40)), Dropped);
   EXPECT_EQ(flow_counters().lateQueued - late, 1U);
   EXPECT_EQ(calls(), "new a.example; ");
+}
 
-  // Another socket with the same two ends is another flow, and so is what comes after the memory has faded.
-  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocketAndAfterSomeSeconds) {
+  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
   owners.socket->cookie = 2;
-  EXPECT_EQ(flows.judge(packet(request, 9000)), Allowed);
-  EXPECT_EQ(flows.judge(packet(request, 0), QueuedFlows::Clock::now() + 10s), Allowed);
-  EXPECT_EQ(calls(), "new a.example; new a.example; ");
+  EXPECT_EQ(flows.judge(packet(kRequest, 9000)), Allowed);
+  EXPECT_EQ(flows.judge(packet(kRequest, 0), QueuedFlows::Clock::now() + 10s), Allowed);
+  EXPECT_EQ(calls(), "new a.example; new a.example; new a.example; ");
   EXPECT_EQ(flows.size(), 1U);
 }
 
-TEST_F(QueuedFlowsTest, ShowsAFlowThatWillNeverHaveAName) {
+TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
   provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
   auto ended = [&](std::string_view payload, uint32_t sequence) {
     Packet last = packet(payload, sequence);
@@ -78,14 +80,14 @@ TEST_F(QueuedFlowsTest, ShowsAFlowThatWillNeverHaveAName) {
   };
   const std::string endless(8192, 'x');
   const struct {
-    const char* what;
+    const char* name;
     std::function<PacketVerdict()> judge;
     std::string_view calls;
   } kCases[] = {
-      {"no such protocol", [&] { return flows.judge(packet("\x01\x02", 0)); }, "new -; data 0 -; "},
+      {"another protocol", [&] { return flows.judge(packet("\x01\x02", 0)); }, "new -; data 0 -; "},
       {"an end in the middle of the head", [&] { return ended("GET / HT", 0); }, "new -; data 0 -; "},
-      {"an end without a word", [&] { return ended("", 0); }, "new -; complete -; "},
-      {"too long a head",
+      {"an end without data", [&] { return ended("", 0); }, "new -; complete -; "},
+      {"16 KiB without a name",
        [&] {
          EXPECT_EQ(flows.judge(packet("GET /", 0)), Open);
          EXPECT_EQ(flows.judge(packet(endless, 5)), Open);
@@ -95,12 +97,12 @@ TEST_F(QueuedFlowsTest, ShowsAFlowThatWillNeverHaveAName) {
   };
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
-    EXPECT_EQ(c.judge(), Allowed) << c.what;
-    EXPECT_EQ(calls(), c.calls) << c.what;
+    EXPECT_EQ(c.judge(), Allowed) << c.name;
+    EXPECT_EQ(calls(), c.calls) << c.name;
   }
 }
 
-TEST_F(QueuedFlowsTest, ShowsQuestionsWithTheirBytesAndWithoutAName) {
+TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
   provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, 4);
   EXPECT_EQ(flows.judge(packet("question", 0, 53, IPPROTO_UDP)), Allowed);
   auto seen = provider->take();

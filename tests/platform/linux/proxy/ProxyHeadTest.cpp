@@ -8,31 +8,33 @@
 namespace orvane {
 namespace {
 
-TEST(ProxyHead, RefusesWhatItDoesNotServe) {
+TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
   const struct {
+    const char* name;
     std::string head;
     unsigned status;  // 0: incomplete
   } kCases[] = {
-      {"CONNECT a.example:443 HTTP/1.1\r\nHost: a.exa", 0},
-      {std::string("\x16\x03\x01\x02\x00", 5), 400},
-      {"CONNECT a.example HTTP/1.1\r\n\r\n", 400},
-      {"GET / HTTP/1.1\r\nHost: a.example\r\n\r\n", 400},
-      {"POST http://a.example/ HTTP/1.1\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n", 400},
-      {"POST http://a.example/ HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n", 400},
-      {"GET http://a.example/ HTTP/1.1\r\nX: " + std::string(kRequestHeadLimit, 'x'), 431},
+      {"incomplete", "CONNECT a.example:443 HTTP/1.1\r\nHost: a.exa", 0},
+      {"TLS", std::string("\x16\x03\x01\x02\x00", 5), 400},
+      {"no port", "CONNECT a.example HTTP/1.1\r\n\r\n", 400},
+      {"no URL", "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n", 400},
+      {"two framings", "POST http://a.example/ HTTP/1.1\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n",
+       400},
+      {"two lengths", "POST http://a.example/ HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n", 400},
+      {"too long", "GET http://a.example/ HTTP/1.1\r\nX: " + std::string(kRequestHeadLimit, 'x'), 431},
   };
   for (const auto& c : kCases) {
     ProxyHead head = parse_proxy_head(c.head);
-    EXPECT_EQ(head.state == ProxyHead::State::Complete ? 200 : head.status, c.status) << c.head.substr(0, 90);
+    EXPECT_EQ(head.state == ProxyHead::State::Complete ? 200 : head.status, c.status) << c.name;
   }
 }
 
-TEST(ProxyHead, FindsTheDestinationAsWritten) {
+TEST(ProxyHead, KeepsTheDestinationAsWritten) {
   const struct {
     std::string line, host;
     uint16_t port;
     bool isAddress;
-    std::string sent;  // to the origin server, but for the end
+    std::string sent;  // to the origin server, without the last lines
   } kCases[] = {
       {"CONNECT Held.Example.:443", "Held.Example.", 443, false, ""},
       {"CONNECT [2001:db8::1]:8443", "2001:db8::1", 8443, true, ""},
@@ -42,6 +44,7 @@ TEST(ProxyHead, FindsTheDestinationAsWritten) {
       {"GET http://a%00b.example/", "a%00b.example", 80, false, "GET / HTTP/1.1\r\nHost: a%00b.example\r\n"},
   };
   for (const auto& c : kCases) {
+    SCOPED_TRACE(c.line);
     std::string bytes = c.line + " HTTP/1.1\r\nHost: lie.example\r\n\r\n";
     ProxyRequest request = parse_proxy_head(bytes + "rest").request;
     EXPECT_EQ(std::tie(request.host, request.port, request.hostIsAddress), std::tie(c.host, c.port, c.isAddress));
@@ -52,14 +55,15 @@ TEST(ProxyHead, FindsTheDestinationAsWritten) {
 
 TEST(RequestBody, EndsWhereTheFramingSays) {
   const struct {
+    const char* name;
     std::string_view body;
     size_t taken;
     bool chunked, malformed;
   } kCases[] = {
-      {"12345GET", 5, false, false},
-      {"3\r\nabc\r\n0\r\n\r\nGET", 13, true, false},
-      {"A;x=\"y\"\r\n0123456789\r\n00\r\nT: v\r\nU: w\r\n\r\nGET", 39, true, false},
-      {"3\nabc", 2, true, true},
+      {"a length", "12345GET", 5, false, false},
+      {"a chunk", "3\r\nabc\r\n0\r\n\r\nGET", 13, true, false},
+      {"an extension and trailers", "A;x=\"y\"\r\n0123456789\r\n00\r\nT: v\r\nU: w\r\n\r\nGET", 39, true, false},
+      {"a bare LF", "3\nabc", 2, true, true},
   };
   for (const auto& c : kCases) {
     std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(c.body.data()), c.body.size());
@@ -67,9 +71,9 @@ TEST(RequestBody, EndsWhereTheFramingSays) {
       RequestBody body = c.chunked ? RequestBody::chunked() : RequestBody::ofLength(5);
       size_t taken = 0;
       for (size_t at = 0; at < bytes.size(); at += piece) taken += body.take(bytes.subspan(at, piece));
-      EXPECT_EQ(taken, c.taken) << c.body;
-      EXPECT_EQ(body.malformed(), c.malformed) << c.body;
-      EXPECT_EQ(body.ended(), !c.malformed) << c.body;
+      EXPECT_EQ(taken, c.taken) << c.name;
+      EXPECT_EQ(body.malformed(), c.malformed) << c.name;
+      EXPECT_EQ(body.ended(), !c.malformed) << c.name;
     }
   }
 }

@@ -13,7 +13,7 @@
 
 namespace orvane {
 
-// The owner of a client is told by its port here, so that a proxy that asks for the wrong end is found out.
+// The owner is the port of the local address, so that a test sees which end the proxy asks about.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr*) {
   return Value::number(ntohs(reinterpret_cast<const sockaddr_in*>(local)->sin_port));
 }
@@ -45,7 +45,7 @@ class ProxyTest : public testing::Test {
   Proxy proxy{0};
 };
 
-TEST_F(ProxyTest, VerdictsReachClientAndNothingLeavesADroppedFlow) {
+TEST_F(ProxyTest, CarriesOutVerdicts) {
   std::string arrived;
   auto server = std::make_unique<Server>([&](Peer& peer) {
     peer.send("banner\n");
@@ -57,30 +57,33 @@ TEST_F(ProxyTest, VerdictsReachClientAndNothingLeavesADroppedFlow) {
   start(NEFilterAction::FilterData);
   const Data allow = Data::allowVerdict(), drop = Data::dropVerdict();
   const struct {
+    const char* name;
     NewFlow newFlow;
     Data data, complete;
     std::string sent, calls, status, reply;
     int error;  // that the client reads
   } kCases[] = {
-      {NewFlow::allowVerdict(), drop, drop, "one", "new LocalHost; ", "200", "one", 0},
-      {NewFlow::allowVerdict(), drop, drop, "break", "new LocalHost; ", "200", "", ECONNRESET},
-      {NewFlow::dropVerdict(), allow, allow, "two", "new LocalHost; ", "403", "blocks LocalHost", 0},
-      {kExamine, allow, drop, "three", "new LocalHost; data 0 LocalHost; ", "200", "three", 0},
-      {kExamine, drop, allow, "four", "new LocalHost; data 0 LocalHost; ", "200", "", ECONNRESET},
-      {kExamine, drop, allow, "", "new LocalHost; complete LocalHost; ", "200", "", 0},
-      {kExamine, allow, drop, "", "new LocalHost; complete LocalHost; ", "200", "", ECONNRESET},
+      {"allowed", NewFlow::allowVerdict(), drop, drop, "one", "new LocalHost; ", "200", "one", 0},
+      {"allowed, reset by the server", NewFlow::allowVerdict(), drop, drop, "break", "new LocalHost; ", "200", "",
+       ECONNRESET},
+      {"dropped", NewFlow::dropVerdict(), allow, allow, "two", "new LocalHost; ", "403", "blocks LocalHost", 0},
+      {"allowed by data", kExamine, allow, drop, "three", "new LocalHost; data 0 LocalHost; ", "200", "three", 0},
+      {"dropped by data", kExamine, drop, allow, "four", "new LocalHost; data 0 LocalHost; ", "200", "", ECONNRESET},
+      {"allowed at the end", kExamine, drop, allow, "", "new LocalHost; complete LocalHost; ", "200", "", 0},
+      {"dropped at the end", kExamine, allow, drop, "", "new LocalHost; complete LocalHost; ", "200", "", ECONNRESET},
   };
   for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
     provider->newFlow = c.newFlow;
     provider->data = c.data;
     provider->complete = c.complete;
     Peer peer = tunnel("LocalHost", server->port());
-    EXPECT_EQ(peer.read("\r\n\r\n").substr(9, 3), c.status) << c.calls;
+    EXPECT_EQ(peer.read("\r\n\r\n").substr(9, 3), c.status);
     EXPECT_EQ(c.status == "200" ? peer.read("\n") : "banner\n", "banner\n") << "the server's data is held";
     peer.send(c.sent);
     peer.endSending();
-    EXPECT_NE(peer.read().find(c.reply), std::string::npos) << c.calls;
-    EXPECT_EQ(peer.error, c.error) << c.calls;
+    EXPECT_NE(peer.read().find(c.reply), std::string::npos);
+    EXPECT_EQ(peer.error, c.error);
     auto seen = provider->take();
     EXPECT_EQ(seen.calls, c.calls);
     EXPECT_EQ(seen.owner, Value::number(port_of(peer.socket)));
@@ -89,7 +92,7 @@ TEST_F(ProxyTest, VerdictsReachClientAndNothingLeavesADroppedFlow) {
   EXPECT_EQ(arrived, "onebreakthree");
 }
 
-TEST_F(ProxyTest, ReadsTheNameThatALiteralAddressHides) {
+TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
   Server server([](Peer& peer) {
     for (char byte = 0; recv(peer.socket.get(), &byte, 1, 0) > 0;) peer.send({byte});
   });
@@ -99,16 +102,21 @@ TEST_F(ProxyTest, ReadsTheNameThatALiteralAddressHides) {
   // (RFC 6066, section 3), in TLS records (RFC 8446, section 5.1).
   const std::string hello = "\x01\0\0\x40\x03\x03"s + std::string(32, 'r') +
                             "\0\0\x02\x13\x01\x01\0\0\x15\0\0\0\x11\0\x0f\0\0\x0cheld.example"s;
-  const std::pair<std::string, std::string> kCases[] = {
-      {"\x16\x03\x01\0\x44"s + hello, "held.example"},
-      {"\x16\x03\x01\0\x09"s + hello.substr(0, 9) + "\x16\x03\x01\0\x3b"s + hello.substr(9), "held.example"},
-      // With what may come in the same flight: the end of the handshake's plain part, and early data.
-      {"\x16\x03\x01\0\x44"s + hello + "\x14\x03\x03\0\x01\x01\x17\x03\x03\0\x01\xff"s, "held.example"},
-      {"GET / HTTP/1.1\r\nhost: Held.example:80\r\n\r\n", "Held.example"},
-      {"EHLO me\r\n", "-"},
-      {"Q", "-"},  // could still become a request, but nothing follows
+  const struct {
+    const char* name;
+    std::string bytes, serverName;
+  } kCases[] = {
+      {"ClientHello", "\x16\x03\x01\0\x44"s + hello, "held.example"},
+      {"ClientHello in two records",
+       "\x16\x03\x01\0\x09"s + hello.substr(0, 9) + "\x16\x03\x01\0\x3b"s + hello.substr(9), "held.example"},
+      {"ClientHello with early data", "\x16\x03\x01\0\x44"s + hello + "\x14\x03\x03\0\x01\x01\x17\x03\x03\0\x01\xff"s,
+       "held.example"},
+      {"HTTP", "GET / HTTP/1.1\r\nhost: Held.example:80\r\n\r\n", "Held.example"},
+      {"SMTP", "EHLO me\r\n", "-"},
+      {"the begin of a method", "Q", "-"},
   };
-  for (const auto& [bytes, name] : kCases) {
+  for (const auto& [name, bytes, serverName] : kCases) {
+    SCOPED_TRACE(name);
     Peer peer = tunnel("127.0.0.1", server.port());
     peer.read("\r\n\r\n");
     for (size_t at = 0; at < bytes.size(); at += 20) {
@@ -117,11 +125,11 @@ TEST_F(ProxyTest, ReadsTheNameThatALiteralAddressHides) {
     }
     EXPECT_EQ(peer.read(bytes), bytes);
     auto seen = provider->take();
-    EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 " + name + "; " + bytes);
+    EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 " + serverName + "; " + bytes);
   }
 }
 
-TEST_F(ProxyTest, RefusalsSayWhy) {
+TEST_F(ProxyTest, SaysWhyItRefuses) {
   const std::string closedPort = std::to_string(port_of(listen_on_loopback()));
   start(NEFilterAction::Allow);
   const struct {
@@ -142,7 +150,7 @@ TEST_F(ProxyTest, RefusalsSayWhy) {
   }
 }
 
-TEST_F(ProxyTest, ForwardsOneRequestAndNothingAfterIt) {
+TEST_F(ProxyTest, ForwardsOnlyOneRequest) {
   std::promise<std::string> received;
   Server server([&](Peer& peer) {
     std::string text = peer.read("\r\n\r\n");
@@ -165,11 +173,15 @@ TEST_F(ProxyTest, ForwardsOneRequestAndNothingAfterIt) {
   auto seen = provider->take();
   EXPECT_EQ(seen.calls, "new " + url + "; data 0 " + url + "; ");
   EXPECT_TRUE(seen.bytes.starts_with(head)) << seen.bytes;
+}
 
+TEST_F(ProxyTest, ResetsADroppedRequest) {
+  start(NEFilterAction::FilterData);
+  provider->newFlow = kExamine;
   provider->data = Data::dropVerdict();
-  Peer dropped = client("GET " + url + " HTTP/1.1\r\n\r\n");
-  dropped.read();
-  EXPECT_EQ(dropped.error, ECONNRESET);
+  Peer peer = client("GET http://localhost/ HTTP/1.1\r\n\r\n");
+  peer.read();
+  EXPECT_EQ(peer.error, ECONNRESET);
 }
 
 }  // namespace

@@ -1,0 +1,36 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/linux/netfilter/PacketQueue.h"
+
+namespace orvane {
+namespace {
+
+// The kernel answers both cases with EPERM; only the second one lets the extension fall back to the proxy.
+TEST(PacketQueue, TellsATakenQueueFromAMissingPrivilege) {
+  const uid_t user = geteuid();
+  if ((user != 0 && unshare(CLONE_NEWUSER) != 0) || unshare(CLONE_NEWNET) != 0) {
+    GTEST_SKIP() << "cannot make a network namespace";
+  }
+  PacketQueue first(7), second(7), other(8);
+  ASSERT_EQ(first.open(), std::nullopt);
+  EXPECT_EQ(other.open(), std::nullopt);
+  EXPECT_TRUE(second.open().has_value());
+  EXPECT_TRUE(second.isTaken());
+
+  // A new user namespace has no privilege in the network namespace of its parent.
+  const pid_t child = fork();
+  if (child == 0) {
+    if (unshare(CLONE_NEWUSER) != 0) _exit(2);
+    PacketQueue denied(9);
+    _exit(denied.open().value_or("").find("CAP_NET_ADMIN") != std::string::npos && !denied.isTaken() ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,83 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+
+#include "platform/linux/proxy/Relay.h"
+#include "support/Sockets.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+// One end for the relay, non-blocking, and the other for the test.
+struct Pair {
+  Pair() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    inner = Descriptor(ends[0]);
+    outer.socket = Descriptor(ends[1]);
+    fcntl(inner.get(), F_SETFL, O_NONBLOCK);
+  }
+  Descriptor inner;
+  Peer outer{Descriptor()};
+};
+
+class RelayTest : public testing::Test {
+ protected:
+  void start(const GateQuestion& question) {
+    outcome = std::async(std::launch::async, [this, question] {
+      return Relay(client.inner.get(), upstream.inner.get(), stop.get(), {}, nullptr, question).run();
+    });
+  }
+  ~RelayTest() override { eventfd_write(stop.get(), 1); }
+
+  Pair client, upstream;
+  Descriptor stop{eventfd(0, EFD_CLOEXEC)};
+  std::future<Relay::Outcome> outcome;
+};
+
+// Sends until nothing has been taken for a while. Returns the number of bytes.
+size_t send_until_full(const Peer& peer) {
+  const std::string block(65536, 'x');
+  const timeval patience{0, 300000};
+  setsockopt(peer.socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  size_t total = 0;
+  for (ssize_t count; (count = send(peer.socket.get(), block.data(), block.size(), MSG_NOSIGNAL)) > 0;) {
+    total += static_cast<size_t>(count);
+  }
+  return total;
+}
+
+TEST_F(RelayTest, StopsReadingWhileTheOtherSideDoesNot) {
+  start([](auto...) { return Gate::Open; });
+  for (auto [from, to] : {std::pair{&client.outer, &upstream.outer}, {&upstream.outer, &client.outer}}) {
+    size_t sent = send_until_full(*from);
+    EXPECT_LT(sent, 4U << 20);
+    from->endSending();
+    EXPECT_EQ(to->read().size(), sent);
+  }
+  EXPECT_EQ(outcome.get(), Relay::Outcome::Ended);
+}
+
+TEST_F(RelayTest, HoldsNoMoreThanItsBufferForTheGate) {
+  std::atomic<size_t> most{0};
+  start([&most](std::span<const uint8_t> held, auto...) {
+    most = std::max(most.load(), held.size());
+    return Gate::Held;
+  });
+  send_until_full(client.outer);
+  EXPECT_EQ(most, kRelayBufferSize);
+  upstream.outer.send("banner\n");
+  EXPECT_EQ(client.outer.read("\n"), "banner\n");
+  const timeval atOnce{0, 1};
+  setsockopt(upstream.outer.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &atOnce, sizeof atOnce);
+  EXPECT_EQ(upstream.outer.read(), "") << "held bytes reached the server";
+}
+
+}  // namespace
+}  // namespace orvane
