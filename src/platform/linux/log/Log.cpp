@@ -5,7 +5,6 @@
 
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -18,11 +17,11 @@
 #include <systemd/sd-journal.h>
 
 #include "platform/Bundle.h"
+#include "platform/linux/base/Files.h"
 
 namespace orvane {
 
-// Made once for each pair of names and never freed, so that a handle for each flow costs a look-up. The names in use
-// are few and fixed.
+// One object for each pair of names, never freed: the names are few, and a handle for each flow then costs one look-up.
 class LogHandle {
  public:
   LogHandle(std::string_view subsystem, std::string_view category);
@@ -45,8 +44,8 @@ constexpr unsigned bit(LogLevel level) { return 1U << static_cast<unsigned>(leve
 constexpr unsigned kKeptByDefault = bit(LogLevel::Default) | bit(LogLevel::Error);
 constexpr std::string_view kDefaultOptions = "DEFAULT-OPTIONS";
 
-// The levels that a category's preferences keep, in the form of macOS's logging preferences:
-// { "Level": { "Enable": "Debug" } }. Nothing when they do not say.
+// The levels that a category's preferences enable, in macOS's form: { "Level": { "Enable": "Debug" } }. Nothing when
+// the preferences set no level.
 std::optional<unsigned> kept_by(const Value* preferences) {
   const Value* level = preferences == nullptr ? nullptr : preferences->find("Level");
   const Value* enable = level == nullptr ? nullptr : level->find("Enable");
@@ -57,7 +56,7 @@ std::optional<unsigned> kept_by(const Value* preferences) {
   return std::nullopt;
 }
 
-// The log without a category follows the default options of the bundle's own subsystem.
+// The default log, which has no names, uses the default options of the bundle's subsystem.
 unsigned kept_levels(std::string_view subsystem, std::string_view category) {
   static const Value preferences = bundle_get_information(bundle_get_main(), "OSLogPreferences");
   static const Value identifier = bundle_get_information(bundle_get_main(), "CFBundleIdentifier");
@@ -78,7 +77,7 @@ struct NamesHash {
   }
 };
 
-// The handles by their own names. Never destroyed: threads of the platform may log while the process ends.
+// The keys refer to the names in the handles. Never destroyed: threads may log while the process exits.
 struct HandleTable {
   std::shared_mutex mutex;
   std::unordered_map<Names, std::unique_ptr<LogHandle>, NamesHash> handles;
@@ -94,26 +93,21 @@ constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
 constexpr std::array<const char*, 4> kLevelNames = {"default", "info", "debug", "error"};
 constexpr std::array<const char*, 4> kPriorities = {"PRIORITY=5", "PRIORITY=6", "PRIORITY=7", "PRIORITY=3"};
 
-// False where there is no journal, or it does not take the message.
+// False when there is no journal or it does not accept the message.
 bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view message) {
   // sd_journal_sendv(3) reports success when nobody listens.
   if (::access(kJournalSocket.data(), F_OK) != 0) return false;
-  std::string text = "MESSAGE=" + std::string(message);
-  std::string subsystem = "SUBSYSTEM=" + handle.subsystem();
-  std::string category = "CATEGORY=" + handle.category();
-  std::string priority = kPriorities.at(static_cast<size_t>(level));
-  std::string identifier = "SYSLOG_IDENTIFIER=OrvaneSE";
-  std::array<iovec, 5> fields{};
-  int count = 0;
-  for (std::string* field : {&text, &priority, &identifier, &subsystem, &category}) {
-    if (field->ends_with('=')) continue;  // the default log has no names
-    fields.at(count++) = {field->data(), field->size()};
-  }
-  return sd_journal_sendv(fields.data(), count) >= 0;
+  std::array<std::string, 5> fields = {"MESSAGE=" + std::string(message), kPriorities.at(static_cast<size_t>(level)),
+                                       "SYSLOG_IDENTIFIER=OrvaneSE", "SUBSYSTEM=" + handle.subsystem(),
+                                       "CATEGORY=" + handle.category()};
+  std::array<iovec, fields.size()> vectors{};
+  for (size_t i = 0; i < fields.size(); ++i) vectors.at(i) = {fields.at(i).data(), fields.at(i).size()};
+  const int count = handle.subsystem().empty() ? 3 : 5;  // the default log has no names
+  return sd_journal_sendv(vectors.data(), count) >= 0;
 }
 
-// Makes a message fit for a terminal and for readers of lines: what a host name or a process put into it cannot pass
-// for another message. Lines after the first are indented; other control characters, those of C1 too, are spelled out.
+// Appends a message so that text from outside (a host name, a process name) cannot control a terminal or look like
+// another message: lines after the first are indented, other control characters, including C1, are written as \xNN.
 void append_printable(std::string& text, std::string_view message) {
   for (size_t i = 0; i < message.size(); ++i) {
     auto byte = static_cast<unsigned char>(message[i]);
@@ -141,18 +135,14 @@ std::string timestamp() {
   return text;
 }
 
-// In one write(2), so that the lines of several threads do not mix.
+// One write(2), so that lines of several threads do not mix.
 void write_to_standard_error(const LogHandle& handle, LogLevel level, std::string_view message) {
   std::string line = timestamp() + " " + kLevelNames.at(static_cast<size_t>(level)) + " [";
   append_printable(line, handle.category().empty() ? "default" : handle.category());
   line += "] ";
   append_printable(line, message);
   line += '\n';
-  for (std::string_view rest = line; !rest.empty();) {
-    ssize_t written = ::write(STDERR_FILENO, rest.data(), rest.size());
-    if (written < 0 && errno != EINTR) return;
-    if (written > 0) rest.remove_prefix(static_cast<size_t>(written));
-  }
+  write_all(STDERR_FILENO, line);
 }
 
 }  // namespace

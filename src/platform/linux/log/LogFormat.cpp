@@ -1,7 +1,8 @@
+#include "platform/linux/log/LogFormat.h"
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
-
-#include "platform/Log.h"
 
 namespace orvane::log_detail {
 

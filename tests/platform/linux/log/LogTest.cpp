@@ -1,12 +1,16 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 
 #include "platform/Log.h"
+#include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
 namespace {
@@ -15,17 +19,21 @@ std::string enabled(const std::string& level) {
   return "<dict><key>Level</key><dict><key>Enable</key><string>" + level + "</string></dict></dict>";
 }
 
-TEST(Log, StandardErrorLosesALevelKeepsOneTooManyOrForgesALine) {
-  // This program stands in a bundle, in the folder Contents/Linux.
+// Hides the machine's journal, in a mount namespace of this process's own. False when that is not permitted.
+bool hide_journal() {
+  return (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
+         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0;
+}
+
+TEST(Log, WritesEnabledLevelsToStandardErrorWithoutAJournal) {
+  // This program is in the folder Contents/Linux of a bundle.
   std::ofstream(std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../Info.plist")
       << "<plist><dict><key>CFBundleIdentifier</key><string>org.example</string><key>OSLogPreferences</key><dict>"
       << "<key>org.example</key><dict><key>Loud</key>" << enabled("Debug") << "<key>Odd</key>" << enabled("Default")
       << "<key>DEFAULT-OPTIONS</key>" << enabled("Info") << "</dict></dict></dict></plist>";
   testing::internal::CaptureStderr();
-  // The machine's journal goes out of sight, in a mount namespace of the process's own.
-  const bool hidden = (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
-                      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                      mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0;
+  const bool hidden = hide_journal();
   for (const os_log_t& log : {os_log_t(), os_log_create("org.example", "Loud"), os_log_create("org.example", "Other"),
                               os_log_create("org.example", "Odd"), os_log_create("org.stranger", "Loud")}) {
     ORVANE_LOG_DEFAULT(log, "%s", "text");
@@ -35,13 +43,35 @@ TEST(Log, StandardErrorLosesALevelKeepsOneTooManyOrForgesALine) {
   }
   ORVANE_LOG_ERROR(nullptr, "%s", "one\n2024-01-01 00:00:00.000 error [x] two\r\x1b[2J\xc2\x9b\ttab \xc3\xa9\n");
   const std::string errors = testing::internal::GetCapturedStderr();
-  if (!hidden) GTEST_SKIP() << "no mount namespace to be had";
+  if (!hidden) GTEST_SKIP() << "needs the permission to make a mount namespace";
   EXPECT_EQ(std::regex_replace(errors, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})"), "T"),
             "T default [default] text\nT info [default] -1, 000000ff\nT error [default] none\n"
             "T default [Loud] text\nT info [Loud] -1, 000000ff\nT debug [Loud] (null)\nT error [Loud] none\n"
             "T default [Other] text\nT info [Other] -1, 000000ff\nT error [Other] none\n"
             "T default [Odd] text\nT error [Odd] none\nT default [Loud] text\nT error [Loud] none\n"
             "T error [default] one\n    T error [x] two\\x0d\\x1b[2J\\x9b\ttab \xc3\xa9\n");
+}
+
+TEST(Log, SendsEveryMessageToTheJournal) {
+  if (!hide_journal()) GTEST_SKIP() << "needs the permission to make a mount namespace";
+  std::filesystem::create_directories("/run/systemd/journal");
+  const sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+  const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+  ASSERT_EQ(bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const os_log_t named = os_log_create("org.example.log", "a=");
+  const struct {
+    os_log_t log;
+    const char *text, *fields;
+  } kRows[] = {
+      {nullptr, "x=", "MESSAGE=x=\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\n"},
+      {nullptr, "", "MESSAGE=\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\n"},
+      {named, "x", "MESSAGE=x\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\nSUBSYSTEM=org.example.log\nCATEGORY=a=\n"}};
+  for (const auto& row : kRows) {
+    ORVANE_LOG_ERROR(row.log, "%s", row.text);
+    std::array<char, 1024> entry{};
+    recv(journal.get(), entry.data(), entry.size() - 1, 0);
+    EXPECT_STREQ(entry.data(), row.fields);
+  }
 }
 
 using namespace log_detail;
