@@ -1,17 +1,15 @@
 #include "companion/browsers/InstalledBrowsers.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <memory>
 
 #include "platform/PropertyList.h"
 #include "platform/linux/base/Files.h"
+#include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
 #include "platform/linux/process/ProcessIdentity.h"
 
@@ -49,14 +47,6 @@ constexpr std::array kKnownBrowsers = {
 std::string lower(std::string text) {
   for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
   return text;
-}
-
-std::string file_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-// The path with all links resolved. Empty when it does not exist.
-std::string resolve(const std::string& path) {
-  std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), std::free);
-  return resolved ? resolved.get() : "";
 }
 
 // Sets the family and the policy folder by the identifier.
@@ -131,27 +121,17 @@ class Search {
     if (snap || program.starts_with("/snap/bin/")) {
       browser.package = BrowserPackage::Snap;
       // A snap with several commands names them SNAP.COMMAND. snap_of_path() knows which snap names are valid.
-      std::string name = snap ? std::string(*snap) : file_name(program);
+      std::string name = std::string(snap ? *snap : file_name(program));
       browser.identifier = snap_of_path("/snap/" + name.substr(0, name.find('.')) + "/current").value_or(name);
       return;
     }
-    const std::string path = resolve(find(program));
+    const std::string path = resolve_links(find_program(program, programs_));
     struct stat status;
     if (::stat(path.c_str(), &status) != 0) return;
     const std::string runs = interpreter_of(path);
-    browser.identifier = runs.empty()
-                             ? index_.applicationOf({path, status.st_dev, status.st_ino}).value_or(file_name(path))
-                             : file_name(runs);
-  }
-
-  std::string find(const std::string& program) const {
-    if (program.starts_with('/')) return program;
-    for (const std::string& folder : programs_) {
-      std::string path = folder;
-      path.append("/").append(program);
-      if (::access(path.c_str(), X_OK) == 0) return path;
-    }
-    return {};
+    browser.identifier =
+        runs.empty() ? index_.applicationOf({path, status.st_dev, status.st_ino}).value_or(std::string(file_name(path)))
+                     : std::string(file_name(runs));
   }
 
   // The interpreter of a script, links resolved, because the extension sees the interpreter's name. Empty for a program
@@ -168,9 +148,9 @@ class Search {
       return taken;
     };
     std::string program = word();
-    if (file_name(program) == "env") program = find(word());
-    program = resolve(program);
-    const std::string name = file_name(program);
+    if (file_name(program) == "env") program = find_program(word(), programs_);
+    program = resolve_links(program);
+    const std::string_view name = file_name(program);
     return !runs_other_programs(name) || name.ends_with("sh") || name == "busybox" ? "" : program;
   }
 
@@ -191,7 +171,7 @@ BrowserList read_browser_list(const std::string& bundle) {
   BrowserList list;
   list.path = bundle + "/Contents/Resources/Browsers.plist";
   // Messages name the file that a user has to edit, not a link to it.
-  if (std::string file = resolve(list.path); !file.empty()) list.path = std::move(file);
+  if (std::string file = resolve_links(list.path); !file.empty()) list.path = std::move(file);
   auto text = read_file_start(list.path, kListLimit + 1, Links::Follow);
   if (!text) {
     list.fault = "cannot be read";

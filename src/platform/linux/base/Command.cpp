@@ -13,41 +13,25 @@
 #include <system_error>
 
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/Files.h"
+#include "platform/linux/base/Paths.h"
 
 namespace orvane {
 namespace {
 
 constexpr int kLongestRunMilliseconds = 10000;
-constexpr const char* kFolders[] = {"/usr/sbin/", "/sbin/", "/usr/bin/", "/bin/"};
 
-// Files in memory and not pipes: neither side ever waits for the other.
+// Files in memory instead of pipes, so that neither side waits for the other.
 Descriptor file_with(std::string_view text) {
   Descriptor file(memfd_create("orvane-command", MFD_CLOEXEC));
-  while (!text.empty()) {
-    const ssize_t count = write(file.get(), text.data(), text.size());
-    if (count < 0) return {};
-    text.remove_prefix(static_cast<size_t>(count));
-  }
+  if (!file || !write_all(file.get(), text)) return {};
   lseek(file.get(), 0, SEEK_SET);
   return file;
 }
 
 std::string text_of(const Descriptor& file) {
-  std::string text;
-  char buffer[16384];
-  ssize_t count = 0;
-  while ((count = pread(file.get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0) {
-    text.append(buffer, static_cast<size_t>(count));
-  }
-  return text;
-}
-
-std::string find_program(const std::string& name) {
-  for (const char* folder : kFolders) {
-    std::string path = folder + name;
-    if (access(path.c_str(), X_OK) == 0) return path;
-  }
-  return {};
+  lseek(file.get(), 0, SEEK_SET);
+  return read_up_to(file.get(), SIZE_MAX).value_or("");
 }
 
 // Returns 0, or an error number.
@@ -57,8 +41,8 @@ int spawn(const std::string& path, const std::vector<std::string>& words, const 
   for (int i = 0; i < 3; ++i) posix_spawn_file_actions_adddup2(&actions, standard[i], i);
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
 
-  // The extension waits for its end signals with these blocked, and ignores SIGPIPE. A group of its own: a Ctrl-C that
-  // ends the extension must not end the program that takes the rules away.
+  // The extension blocks its end signals and ignores SIGPIPE; the program must inherit neither. It runs in a process
+  // group of its own, so that the Ctrl-C that ends the extension does not end the program that removes the rules.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none;
@@ -82,7 +66,7 @@ int spawn(const std::string& path, const std::vector<std::string>& words, const 
   return error;
 }
 
-// Waits for the end, which it brings about itself when that takes too long. Returns the status as waitpid() gives it.
+// Waits for the process and kills it after kLongestRunMilliseconds. Returns the status from waitpid(2).
 int wait_for(pid_t process, bool& timedOut) {
   Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
   pollfd wait{end.get(), POLLIN, 0};
@@ -110,7 +94,8 @@ std::string one_line(std::string text) {
 
 CommandResult run_command(const std::vector<std::string>& words, std::string_view input) {
   const std::string& name = words.front();
-  const std::string path = find_program(name);
+  static const std::vector<std::string> folders = {"/usr/sbin", "/sbin", "/usr/bin", "/bin"};
+  const std::string path = find_program(name, folders);
   if (path.empty()) return {false, true, {}, "the program " + name + " is not installed"};
 
   const Descriptor in = file_with(input);

@@ -4,38 +4,22 @@
 #include <filesystem>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 #include "platform/PropertyList.h"
-#include "platform/ReadStream.h"
 #include "platform/linux/base/FileURL.h"
+#include "platform/linux/base/Files.h"
 
 namespace orvane {
 namespace {
 
 namespace fs = std::filesystem;
 
-// The file's bytes. Empty when it cannot be read, or is longer than any information dictionary could be.
-std::vector<uint8_t> read_file(const fs::path& path) {
-  constexpr size_t kMaxLength = 1 << 20;
-  Ref<ReadStream> stream = read_stream_create_with_file(file_url_of_path(path));
-  if (!stream || !read_stream_open(stream.get())) return {};
-  std::vector<uint8_t> bytes(kMaxLength + 1);
-  size_t length = 0;
-  int64_t count = 0;
-  do {
-    count = read_stream_read(stream.get(), bytes.data() + length, static_cast<int64_t>(bytes.size() - length));
-    if (count > 0) length += static_cast<size_t>(count);
-  } while (count > 0 && length <= kMaxLength);
-  read_stream_close(stream.get());
-  bytes.resize(count < 0 || length > kMaxLength ? 0 : length);
-  return bytes;
-}
-
-// A file that is not a property list is no information dictionary: what needs a key of it says that the key is missing.
+// Nil when the file cannot be read or is not a property list. Callers report the key that they miss.
 Value read_information(const fs::path& path) {
-  std::vector<uint8_t> bytes = read_file(path);
-  Ref<Data> data = data_create(bytes.data(), static_cast<int64_t>(bytes.size()));
+  constexpr size_t kMaxLength = 1 << 20;
+  const auto text = read_file_start(path, kMaxLength + 1, Links::Follow);
+  if (!text || text->size() > kMaxLength) return nullptr;
+  Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text->data()), static_cast<int64_t>(text->size()));
   Ref<NSError> error;
   return data ? property_list_create_with_data(data.get(), &error) : Value();
 }
@@ -58,7 +42,7 @@ struct Bundle {
 
 namespace {
 
-// The bundle whose Contents/Linux holds the running program.
+// The running program is in Contents/Linux of its bundle.
 Bundle* find_main() {
   std::error_code error;
   fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,32 +14,17 @@
 #include <vector>
 
 #include "platform/DateText.h"
+#include "platform/linux/base/Text.h"
 
 namespace orvane {
 namespace {
 
-constexpr std::string_view kWhiteSpace = " \t\r\n";
-
-std::string_view trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(kWhiteSpace);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
-}
-
 // ---- The values of elements. Nil for a text that is not such a value. ----
-
-template <class T, class... Base>
-std::optional<T> parse_number(std::string_view digits, Base... base) {
-  T number{};
-  const char* end = digits.data() + digits.size();
-  auto [stop, error] = std::from_chars(digits.data(), end, number, base...);
-  return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
-}
 
 Value string_value(std::string_view text) { return Value::string(text); }
 
 Value integer_value(std::string_view text) {
-  text = trimmed(text);
+  text = trim(text);
   const bool negative = text.starts_with('-');
   if (negative || text.starts_with('+')) text.remove_prefix(1);
   const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
@@ -52,7 +36,7 @@ Value integer_value(std::string_view text) {
 }
 
 Value real_value(std::string_view text) {
-  text = trimmed(text);
+  text = trim(text);
   const bool plus = text.starts_with('+');
   if (plus) text.remove_prefix(1);
   if (plus && text.starts_with('-')) return nullptr;
@@ -62,7 +46,7 @@ Value real_value(std::string_view text) {
 
 // YYYY-MM-DDTHH:MM:SSZ
 Value date_value(std::string_view text) {
-  text = trimmed(text);
+  text = trim(text);
   if (text.size() != std::string_view("0000-00-00T00:00:00Z").size() || text[10] != 'T' || text.back() != 'Z') {
     return nullptr;
   }
@@ -77,8 +61,8 @@ Value data_value(std::string_view text) {
   return length < 0 ? Value() : Value::data(std::span(bytes).first(static_cast<size_t>(length)));
 }
 
-Value true_value(std::string_view text) { return trimmed(text).empty() ? Value::boolean(true) : Value(); }
-Value false_value(std::string_view text) { return trimmed(text).empty() ? Value::boolean(false) : Value(); }
+Value true_value(std::string_view text) { return trim(text).empty() ? Value::boolean(true) : Value(); }
+Value false_value(std::string_view text) { return trim(text).empty() ? Value::boolean(false) : Value(); }
 
 struct Element {
   std::string_view name;
@@ -132,8 +116,8 @@ class XMLReader {
 
   static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
 
-  // Without a handler for external subsets no DTD is loaded; without one for entities they would expand to nothing, so
-  // they are refused.
+  // libxml2 loads no DTD without a handler for it. An entity without a handler would expand to nothing, so entities are
+  // refused.
   static xmlSAXHandler handlers() {
     xmlSAXHandler handler{};
     handler.initialized = XML_SAX2_MAGIC;
@@ -168,7 +152,7 @@ class XMLReader {
   void failAt(int line, std::string_view fault) { fail("line " + std::to_string(line) + ": " + std::string(fault)); }
   void failHere(std::string_view fault) { failAt(xmlSAX2GetLineNumber(context_), fault); }
 
-  // Other encodings would be read by converters of the C library, which it loads as their names demand.
+  // Refuses other encodings, whose converters the C library loads from shared objects.
   void checkEncoding() {
     const xmlCharEncodingHandler* converter = context_->input->buf->encoder;
     const std::string_view name = converter == nullptr ? "UTF-8" : converter->name;
@@ -198,7 +182,7 @@ class XMLReader {
     Open& innermost = open_.back();
     if (innermost.element->valueOf != nullptr) {
       innermost.text += text;
-    } else if (!trimmed(text).empty()) {
+    } else if (!trim(text).empty()) {
       failHere("text outside of a value");
     }
   }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "platform/linux/base/Files.h"
+#include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
@@ -19,10 +20,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kSuffix = ".desktop";
-constexpr size_t kEntryLimit = size_t{1024} * 1024;  // an entry with a hundred translations has 60 KiB
-constexpr int kDepthLimit = 8;                       // folders in folders, so that a link to a parent ends
+constexpr size_t kEntryLimit = size_t{1024} * 1024;  // an entry with a hundred translations takes 60 KiB
+constexpr int kDepthLimit = 8;                       // of nested folders; ends loops of symbolic links
 
-// A folder's state at the time of reading; all zero for one that does not exist.
+// Identifies a version of a folder. All zero for a folder that does not exist.
 struct FolderState {
   dev_t device = 0;
   ino_t inode = 0;
@@ -49,22 +50,14 @@ struct FileKey {
 };
 
 std::string parent_folder(std::string_view path) { return std::string(path.substr(0, path.rfind('/'))); }
-std::string file_name(std::string_view path) { return std::string(path.substr(path.rfind('/') + 1)); }
-
 std::string join(std::string folder, const std::string& name) {
   folder += '/';
   return folder += name;
 }
 
-// The path with all links resolved. Empty when there is nothing there.
-std::string resolve(const std::string& path) {
-  std::unique_ptr<char, void (*)(void*)> resolved(::realpath(path.c_str(), nullptr), std::free);
-  return resolved ? resolved.get() : "";
-}
-
-// Which of two entries that name one program stands for it.
-bool preferred(const std::string& program, const std::string& left, const std::string& right) {
-  std::string name = file_name(program);
+// Whether the entry `left` is preferred to `right` as the application of a program that both name.
+bool is_preferred(const std::string& program, const std::string& left, const std::string& right) {
+  const std::string_view name = file_name(program);
   if ((left == name) != (right == name)) return left == name;
   if (left.size() != right.size()) return left.size() < right.size();
   return left < right;
@@ -72,10 +65,12 @@ bool preferred(const std::string& program, const std::string& left, const std::s
 
 }  // namespace
 
-// What one reading of the folders found. Made by one thread, then never changed.
+// The result of reading the folders once. Immutable.
 struct ApplicationEntries {
-  std::map<std::string, FolderState> folders;  // what was looked at
-  bool settled = true;                         // false when a change could still hide behind an equal time
+  std::map<std::string, FolderState> folders;  // all folders that were read, by path
+  // A folder changed within the resolution of its time just before the reading: a later change may leave its time
+  // equal.
+  bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;
   std::unordered_map<std::string, std::string> byPath;
@@ -83,33 +78,32 @@ struct ApplicationEntries {
   std::set<std::string, std::less<>> applications;
 
   bool changed() const {
-    return !settled || std::any_of(folders.begin(), folders.end(), [](const auto& folder) {
-      return !(FolderState::of(folder.first) == folder.second);
-    });
+    return hasRecentChange || std::any_of(folders.begin(), folders.end(), [](const auto& folder) {
+             return !(FolderState::of(folder.first) == folder.second);
+           });
   }
 };
 
 namespace {
 
-// A program that entries name.
+// A program that desktop entries name.
 struct NamedProgram {
   FileKey file;
-  std::set<std::string> names;  // file names that it is known by: its own, and that of a link to it
-  std::string application;      // the preferred entry's ID
+  std::set<std::string> names;  // its file name, and those in the entries, which may be symbolic links
+  std::string application;      // the ID of the preferred entry
 };
 
-// Reads the folders, step by step.
-class Reader {
+class EntryReader {
  public:
-  explicit Reader(const ApplicationFolders& folders) : folders_(folders) {}
+  explicit EntryReader(const ApplicationFolders& folders) : folders_(folders) {}
 
   std::shared_ptr<const ApplicationEntries> read() {
     timespec start{};
     ::clock_gettime(CLOCK_REALTIME, &start);
     for (const auto& list : {folders_.programs, folders_.libraries}) {
       for (const std::string& folder : list) {
-        watch(folder);
-        shared_.insert(resolve(folder));
+        recordState(folder);
+        shared_.insert(resolve_links(folder));
       }
     }
     for (const std::string& folder : folders_.entries) findEntries(folder, "", 0);
@@ -119,20 +113,20 @@ class Reader {
       result_->byPath[path] = program.application;
       result_->applications.insert(program.application);
     }
-    claimFolders();
-    // Times of files go in steps, of two seconds at the worst: what changed that shortly ago may change again unseen.
+    assignFolders();
+    // The coarsest file systems store times in steps of two seconds.
     for (const auto& [path, state] : result_->folders) {
-      if (std::abs(state.modified.tv_sec - start.tv_sec) <= 2) result_->settled = false;
+      if (std::abs(state.modified.tv_sec - start.tv_sec) <= 2) result_->hasRecentChange = true;
     }
     return std::move(result_);
   }
 
  private:
-  // Before the folder is read: a change during the reading must show.
-  void watch(const std::string& folder) { result_->folders.try_emplace(folder, FolderState::of(folder)); }
+  // Call this before reading the folder, so that a change during the reading is noticed.
+  void recordState(const std::string& folder) { result_->folders.try_emplace(folder, FolderState::of(folder)); }
 
   void findEntries(const std::string& folder, const std::string& prefix, int depth) {
-    watch(folder);
+    recordState(folder);
     std::error_code error;
     std::vector<fs::directory_entry> found;
     for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) found.push_back(*it);
@@ -157,57 +151,47 @@ class Reader {
   }
 
   void addProgram(const std::string& id, const std::string& written) {
-    std::string path = find(written);
-    std::string resolved = resolve(path);
+    std::string path = find_program(written, folders_.programs);
+    std::string resolved = resolve_links(path);
     struct stat status;
     if (::stat(resolved.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-      // Perhaps not unpacked yet.
-      if (!path.empty()) watch(parent_folder(path));
+      // The package may be half installed. Read again when the folder changes.
+      if (!path.empty()) recordState(parent_folder(path));
       return;
     }
     path = std::move(resolved);
     if (runs_other_programs(file_name(path))) return;
     NamedProgram& program = programs_[path];
-    if (program.application.empty() || preferred(path, id, program.application)) program.application = id;
+    if (program.application.empty() || is_preferred(path, id, program.application)) program.application = id;
     program.file = {status.st_dev, status.st_ino};
-    program.names.insert({file_name(path), file_name(written)});
+    program.names.emplace(file_name(path));
+    program.names.emplace(file_name(written));
   }
 
-  // Empty for a name that stands in no folder of programs, and for a path that is not absolute.
-  std::string find(const std::string& written) const {
-    if (written.starts_with('/')) return written;
-    if (written.find('/') != std::string::npos) return {};
-    for (const std::string& folder : folders_.programs) {
-      std::string path = join(folder, written);
-      if (::access(path.c_str(), X_OK) == 0) return path;
-    }
-    return {};
-  }
-
-  void claimFolders() {
-    // The applications whose programs stand in a folder; then those that have it by their name alone.
-    std::map<std::string, std::set<std::string>> holders, namesakes;
+  void assignFolders() {
+    // Applications by the folder of their programs, and by LIBRARY/NAME.
+    std::map<std::string, std::set<std::string>> byProgram, byName;
     for (const auto& [path, program] : programs_) {
       std::string folder = parent_folder(path);
       if (shared_.count(folder) == 0) {
-        holders[folder].insert(program.application);
+        byProgram[folder].insert(program.application);
         continue;
       }
       for (const std::string& library : folders_.libraries) {
         for (const std::string& name : program.names) {
-          std::string own = resolve(join(library, name));
-          if (!own.empty()) namesakes[own].insert(program.application);
+          std::string own = resolve_links(join(library, name));
+          if (!own.empty()) byName[own].insert(program.application);
         }
       }
     }
-    holders.merge(namesakes);  // which leaves out folders that have holders
-    for (const auto& [folder, applications] : holders) {
+    byProgram.merge(byName);  // keeps the entries that are there
+    for (const auto& [folder, applications] : byProgram) {
       if (applications.size() == 1 && shared_.count(folder) == 0) result_->byFolder[folder] = *applications.begin();
     }
   }
 
   const ApplicationFolders& folders_;
-  std::set<std::string> shared_{""};  // folders of many applications, links resolved; "" is the root
+  std::set<std::string> shared_{""};  // folders of many applications, without symbolic links; "" is the root
   std::shared_ptr<ApplicationEntries> result_ = std::make_shared<ApplicationEntries>();
   std::map<std::string, std::string> entries_;  // path by ID
   std::map<std::string, NamedProgram> programs_;
@@ -223,7 +207,7 @@ ApplicationFolders ApplicationFolders::system() {
                       "/usr/games",      "/usr/local/games", "/snap/bin"};
   folders.libraries = {"/usr/lib",           "/usr/lib64", "/usr/libexec", "/usr/share",       "/usr/local/lib",
                        "/usr/local/libexec", "/lib",       "/lib64",       "/usr/local/share", "/opt"};
-  // Debian's folders for one kind of processor, as in /usr/lib/x86_64-linux-gnu.
+  // Debian's folders for one architecture, for example /usr/lib/x86_64-linux-gnu.
   std::error_code error;
   for (fs::directory_iterator it("/usr/lib", error), end; !error && it != end; it.increment(error)) {
     std::string path = it->path().string();
@@ -240,7 +224,7 @@ ApplicationIndex::ApplicationIndex(ApplicationFolders folders, std::chrono::mill
 ApplicationIndex::~ApplicationIndex() = default;
 
 std::shared_ptr<const ApplicationEntries> ApplicationIndex::entries() {
-  std::unique_lock reading(reading_, std::defer_lock);
+  std::unique_lock reading(readMutex_, std::defer_lock);
   std::shared_ptr<const ApplicationEntries> known;
   {
     std::lock_guard lock(mutex_);
@@ -252,9 +236,9 @@ std::shared_ptr<const ApplicationEntries> ApplicationIndex::entries() {
   } else {
     reading.lock();
     std::lock_guard lock(mutex_);
-    if (entries_) return entries_;  // another thread was first
+    if (entries_) return entries_;  // another thread has read them meanwhile
   }
-  if (!known || known->changed()) known = Reader(folders_).read();
+  if (!known || known->changed()) known = EntryReader(folders_).read();
   std::lock_guard lock(mutex_);
   entries_ = known;
   nextCheck_ = std::chrono::steady_clock::now() + interval_;
@@ -269,6 +253,8 @@ std::optional<std::string> ApplicationIndex::applicationOf(const Executable& exe
   return it == known->byFolder.end() ? std::nullopt : std::optional(it->second);
 }
 
-bool ApplicationIndex::knows(std::string_view application) { return entries()->applications.count(application) > 0; }
+bool ApplicationIndex::hasApplication(std::string_view application) {
+  return entries()->applications.count(application) > 0;
+}
 
 }  // namespace orvane

@@ -16,45 +16,48 @@ struct ApplicationEntries;
 
 // Where applications are installed. Folders need not exist.
 struct ApplicationFolders {
-  // Folders of desktop entries; an entry hides those of the same ID in later folders.
+  // Folders of desktop entries. An entry hides entries of the same ID in later folders.
   std::vector<std::string> entries;
-  // Folders of programs that an entry may name without a path.
+  // Folders where a program is looked for that an entry names without a path.
   std::vector<std::string> programs;
-  // Folders that give an application a folder of its own: LIBRARY/NAME belongs to the program NAME.
+  // Folders in which an application may have its own folder: LIBRARY/NAME belongs to the program NAME.
   std::vector<std::string> libraries;
 
-  // The system's. Entries below a home directory are not among them: a program could write one, and pass for any
-  // application it likes or make a browser pass for something else.
+  // The folders of this system. Home directories are left out: any program of the user could write an entry there and
+  // so pass for another application, or make a browser pass for something else.
   static ApplicationFolders system();
 };
 
-// Which application a program belongs to, by the desktop entries (Desktop Entry Specification) that are installed. An
-// entry identifies the program that it starts or tests for, links resolved, and the other programs in the folder that
-// this program has for itself. That folder is the one it stands in, unless it is one of `programs` or `libraries` or
-// also holds another application's program; for a program in such a shared folder it is LIBRARY/NAME, where
-// distributions put what a wrapper script NAME starts. Entries of interpreters and launchers identify nothing.
+// Finds the application that a program belongs to, from the installed desktop entries (Desktop Entry Specification).
 //
-// Entries with NoDisplay or Terminal count: browsers for the terminal have such, and an application that no menu shows
-// is one all the same. Hidden ones stand for an application's absence.
+//   program                                             belongs to the application of
+//   started (Exec) or tested (TryExec) by an entry      that entry; symbolic links are resolved
+//   in the same folder as such a program                that entry, unless the folder is in `programs` or `libraries`,
+//                                                       or has programs of several applications
+//   in LIBRARY/NAME, where programs/NAME is             that entry: NAME is usually a wrapper script that starts a
+//   started by an entry                                 program there
 //
-// Follows installations: at most once in an interval, a look-up first compares the folders' modification times (a
-// handful of stat(2) calls) and reads the entries again when one has changed. inotify(7) would save these, and would
-// cost a watch on folders that do not exist yet, and a limit on instances that containers run into; a second's delay
-// after an installation is not felt. What this does not see is an entry that is written to in place.
+// Entries of interpreters and launchers identify nothing. Entries with NoDisplay or Terminal count: browsers for the
+// terminal have them. Entries with Hidden do not count; they say that the application is not installed.
 //
-// Thread-safe. While one thread reads the entries, others are answered from what was read before.
+// Notices installations: a look-up first compares the modification times of the folders (a few stat(2) calls), at most
+// once in `interval`, and reads the entries again when one has changed. An entry that is rewritten in place goes
+// unnoticed. inotify(7) would save the calls, but it cannot watch folders that do not exist yet, and containers run
+// into its limit on instances.
+//
+// Thread-safe. While one thread reads the entries, the others use those read before.
 class ApplicationIndex {
  public:
   explicit ApplicationIndex(ApplicationFolders folders,
                             std::chrono::milliseconds interval = std::chrono::milliseconds(1000));
   ~ApplicationIndex();
 
-  // The ID of the application's desktop entry. When several entries name the program: the one whose ID is the program's
-  // file name, else the shortest, else the first in the alphabet.
+  // The ID of the application's desktop entry. Of several entries for a program, the one whose ID is the program's file
+  // name counts, else the one with the shortest ID, else the first in the alphabet.
   std::optional<std::string> applicationOf(const Executable& executable);
 
-  // Whether applicationOf() gives this ID for any program.
-  bool knows(std::string_view application);
+  // Whether applicationOf() returns this ID for any program.
+  bool hasApplication(std::string_view application);
 
  private:
   std::shared_ptr<const ApplicationEntries> entries();
@@ -62,8 +65,8 @@ class ApplicationIndex {
   const ApplicationFolders folders_;
   const std::chrono::milliseconds interval_;
 
-  std::mutex reading_;  // held by the one thread that looks whether the entries have changed; taken before mutex_
-  std::mutex mutex_;    // guards what follows
+  std::mutex readMutex_;  // held by the thread that checks the folders and reads the entries; locked before mutex_
+  std::mutex mutex_;      // guards the members below
   std::shared_ptr<const ApplicationEntries> entries_;
   std::chrono::steady_clock::time_point nextCheck_;
 };

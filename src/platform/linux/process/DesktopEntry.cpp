@@ -1,18 +1,14 @@
 #include "platform/linux/process/DesktopEntry.h"
 
+#include "platform/linux/base/Paths.h"
+#include "platform/linux/base/Text.h"
+
 namespace orvane {
 namespace {
 
 constexpr std::string_view kGroup = "Desktop Entry";
-constexpr std::string_view kBlanks = " \t\r";
 
-std::string_view trim(std::string_view text) {
-  size_t start = text.find_first_not_of(kBlanks);
-  if (start == std::string_view::npos) return {};
-  return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
-}
-
-// Takes the next line off the front of the text.
+// Removes the first line from the text and returns it.
 std::string_view take_line(std::string_view& text) {
   size_t end = text.find('\n');
   std::string_view line = text.substr(0, end);
@@ -20,7 +16,7 @@ std::string_view take_line(std::string_view& text) {
   return line;
 }
 
-// The escapes that every value of the type string may hold.
+// Replaces the escapes that all values of type string have.
 std::string unescape(std::string_view value) {
   std::string result;
   for (size_t i = 0; i < value.size(); ++i) {
@@ -44,7 +40,7 @@ std::string unescape(std::string_view value) {
       case '\\':
         result += '\\';
         break;
-      default:  // left to the quoting of the command line
+      default:  // split_command_line() reads the others
         result += '\\';
         result += escaped;
     }
@@ -52,8 +48,8 @@ std::string unescape(std::string_view value) {
   return result;
 }
 
-// The words of a command line by the rules of the key Exec: blanks separate, double quotes join, a backslash within
-// them takes the next character as it is. Field codes stay as they are.
+// Splits the value of the key Exec into words. Blanks separate words except inside double quotes, where a backslash
+// quotes the next character. Field codes such as %U stay.
 std::vector<std::string> split_command_line(std::string_view line) {
   std::vector<std::string> words;
   bool inWord = false;
@@ -77,11 +73,7 @@ std::vector<std::string> split_command_line(std::string_view line) {
   return words;
 }
 
-std::string_view file_name(std::string_view path) {
-  return path.substr(path.rfind('/') + 1);  // npos + 1 is 0
-}
-
-// The program that a command line starts, with env(1) and what is set through it taken off the front.
+// The program that a command line starts; after env(1), its options and its assignments, if it begins with them.
 std::string program_of_command_line(std::string_view line) {
   std::vector<std::string> words = split_command_line(line);
   auto word = words.begin();
@@ -91,7 +83,7 @@ std::string program_of_command_line(std::string_view line) {
     if (*word == "-u" || *word == "-C" || *word == "--unset" || *word == "--chdir") {
       if (++word == words.end()) return {};
     } else if (word->starts_with("-S") || word->starts_with("--split-string")) {
-      return {};  // a command line within the command line
+      return {};  // the program is inside the argument
     } else if (!word->starts_with('-') && word->find('=') == std::string::npos) {
       return *word;
     }
@@ -132,7 +124,7 @@ std::vector<std::string> programs_of_desktop_entry(std::string_view text) {
 }
 
 bool runs_other_programs(std::string_view fileName) {
-  // Each between two spaces.
+  // Each name is between two spaces.
   static constexpr std::string_view kNames =
       " awk bash busybox bwrap csh dash dbus-launch dbus-run-session dotnet electron env expect firejail fish "
       "flatpak gawk gdb gio gjs gjs-console guile ionice java javaw kioclient ksh lua luajit mksh mono mono-sgen "

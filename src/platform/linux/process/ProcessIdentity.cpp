@@ -6,15 +6,16 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
 
 namespace orvane {
 namespace {
 
-constexpr size_t kIdentifierLimit = 255;  // D-Bus names, from which Flatpak's are taken, are no longer
-constexpr int kAncestorLimit = 64;        // deeper trees are built, not grown
-constexpr auto kKnownTime = std::chrono::milliseconds(500);
-constexpr size_t kKnownLimit = 64;  // a descriptor each
+constexpr size_t kIdentifierLimit = 255;  // of D-Bus names, which Flatpak uses
+constexpr int kAncestorLimit = 64;        // no ordinary process tree is deeper
+constexpr auto kCacheTime = std::chrono::milliseconds(500);
+constexpr size_t kCacheLimit = 64;  // each entry holds a file descriptor
 
 bool is_identifier(std::string_view text) {
   return !text.empty() && text.size() <= kIdentifierLimit && std::all_of(text.begin(), text.end(), [](char c) {
@@ -29,7 +30,6 @@ std::optional<std::string> snap_name(std::string_view instance) {
   return std::string(name);
 }
 
-// Splits at every separator.
 std::vector<std::string_view> split(std::string_view text, char separator) {
   std::vector<std::string_view> parts;
   while (true) {
@@ -57,7 +57,7 @@ int hex_digit(char c) {
   return -1;
 }
 
-// What systemd-escape(1) did, undone.
+// Reverts systemd-escape(1).
 std::string unescape_unit(std::string_view text) {
   std::string result;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -91,9 +91,9 @@ std::string application_of_unit(std::string_view unit) {
   return unescape_unit(parts.back());
 }
 
-// Whether the path leads to the same file for us as for the process. It does not in a container, nor in a snap, whose
-// /usr is another one.
-bool is_ours(const Executable& executable) {
+// Whether the path leads to the executable here, too. It does not when the process is in a container or in a snap,
+// which have a /usr of their own.
+bool is_visible_here(const Executable& executable) {
   struct stat status;
   return ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
          status.st_ino == executable.inode;
@@ -129,10 +129,10 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 
 std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups) {
   for (std::string_view path : control_group_paths(controlGroups)) {
-    // From the innermost on: an application may divide its unit further, without names of this kind.
+    // Begins with the innermost group, because an application may have groups of its own inside its unit.
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
       std::string_view unit = path.substr(0, end);
-      std::string application = application_of_unit(unit.substr(unit.rfind('/') + 1));
+      std::string application = application_of_unit(file_name(unit));
       if (!application.empty()) return ApplicationUnit{std::string(unit), std::move(application)};
     }
   }
@@ -148,9 +148,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
   Program program{process.executable(), flatpak_application(process.flatpakInformation())};
   if (program.package) return program;
   if (program.executable) program.package = snap_of_path(program.executable->path);
-  // Children of a snap stay in its control group, also those that run a program of the system's: a browser that was
-  // started from an editor's terminal is not the editor. What the snap brings along stands in no file of ours.
-  if (!program.package && !(program.executable && is_ours(*program.executable))) {
+  // The control group names the snap that started the process. If it runs a program of the system (a browser from an
+  // editor's terminal), it is not the snap. Files of the snap are not visible here.
+  if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
     program.package = snap_of_control_groups(process.controlGroups());
   }
   return program;
@@ -164,36 +164,35 @@ std::optional<std::string> ProcessIdentity::applicationOf(const Program& program
 std::optional<std::string> ProcessIdentity::identifierOf(const Program& program) {
   if (auto application = applicationOf(program)) return application;
   if (!program.executable) return std::nullopt;
-  const std::string& path = program.executable->path;
-  std::string name = path.substr(path.rfind('/') + 1);
-  return name.empty() ? std::nullopt : std::optional(std::move(name));
+  const std::string_view name = file_name(program.executable->path);
+  return name.empty() ? std::nullopt : std::optional<std::string>(name);
 }
 
 std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid) {
-  if (auto known = findKnown(pid)) return known;
+  if (auto cached = findCached(pid)) return cached;
   auto information = ProcessInformation::open(pid, processTable_);
   if (!information) return nullptr;
   Program program = programOf(*information);
   auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program)});
-  // Without its file there is nothing to tell by that it is the same still.
+  // Without the executable a cached entry could not be checked later, so it is not cached.
   if (!process->program.executable) return process;
   std::lock_guard lock(mutex_);
   auto now = std::chrono::steady_clock::now();
-  if (known_.size() >= kKnownLimit) {
-    for (auto it = known_.begin(); it != known_.end();)
-      it = now - it->second.found > kKnownTime ? known_.erase(it) : ++it;
-    if (known_.size() >= kKnownLimit) known_.clear();
+  if (cache_.size() >= kCacheLimit) {
+    for (auto it = cache_.begin(); it != cache_.end();)
+      it = now - it->second.found > kCacheTime ? cache_.erase(it) : ++it;
+    if (cache_.size() >= kCacheLimit) cache_.clear();
   }
-  known_.insert_or_assign(pid, Known{process, now});
+  cache_.insert_or_assign(pid, CachedProcess{process, now});
   return process;
 }
 
-std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findKnown(pid_t pid) {
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findCached(pid_t pid) {
   std::shared_ptr<const Process> process;
   {
     std::lock_guard lock(mutex_);
-    auto it = known_.find(pid);
-    if (it == known_.end() || std::chrono::steady_clock::now() - it->second.found > kKnownTime) return nullptr;
+    auto it = cache_.find(pid);
+    if (it == cache_.end() || std::chrono::steady_clock::now() - it->second.found > kCacheTime) return nullptr;
     process = it->second.process;
   }
   return process->information.runs(&*process->program.executable) ? process : nullptr;
@@ -215,7 +214,7 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
   uint64_t childStart = process.information.startTime();
   for (int depth = 0; depth < kAncestorLimit; ++depth) {
     auto ancestor = find(parent);
-    // A parent that is younger than its child is another process, which has the identifier by now.
+    // If the parent is younger than its child, the real parent has ended and its pid was used again.
     if (ancestor == nullptr || ancestor->information.startTime() > childStart) return std::nullopt;
     if (unit) {
       auto above = unit_of_control_groups(ancestor->information.controlGroups());
@@ -229,8 +228,8 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
 }
 
 std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
-  // Most units without an application in them are services: these need no search.
-  if (!index_.knows(unit.application)) return std::nullopt;
+  // Most units are not named after an application. They need no search of the process table.
+  if (!index_.hasApplication(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {
     auto process = ProcessInformation::open(pid, processTable_);

@@ -15,25 +15,26 @@
 
 namespace orvane {
 
-// The application ID in the description of a Flatpak sandbox (flatpak-metadata(5), group Application).
+// The application ID in a Flatpak sandbox's /.flatpak-info (flatpak-metadata(5), group Application).
 std::optional<std::string> flatpak_application(std::string_view information);
 
-// The Snap name in a path below a folder of snaps, and in the control groups (/proc/pid/cgroup) of a snap's process,
-// where a unit is named "snap.NAME.APP" and more. Without the key of a parallel installation ("name_key").
+// The name of a snap, from a path such as /snap/NAME/12/usr/bin/app, or from the control groups of its process
+// (/proc/pid/cgroup) with a unit "snap.NAME.APP...". NAME may be "name_key" (a parallel installation); the key is left
+// out.
 std::optional<std::string> snap_of_path(std::string_view path);
 std::optional<std::string> snap_of_control_groups(std::string_view controlGroups);
 
-// The unit that a desktop environment made for an application it started (systemd's "Desktop Environment Integration").
+// The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
 struct ApplicationUnit {
-  std::string path;         // of the unit's control group
+  std::string path;         // the unit's control group
   std::string application;  // the ID of the desktop entry
 };
 std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups);
 
-// Who processes are, and which of them work for others. Thread-safe.
+// Finds the application of a process, and the process that is responsible for it. Thread-safe.
 class ProcessIdentity {
  public:
-  // What a process runs.
+  // The program that a process runs.
   struct Program {
     std::optional<Executable> executable;
     std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
@@ -42,39 +43,41 @@ class ProcessIdentity {
   explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
       : index_(std::move(folders)), processTable_(std::move(processTable)) {}
 
-  // The one for this system. Never destroyed.
+  // The shared object for this system. Never destroyed.
   static ProcessIdentity& system();
 
-  // A running process and what it runs.
   struct Process {
     ProcessInformation information;
     Program program;
   };
 
-  // Null when there is no such process. What was found within the last half second holds, as long as the process lives
-  // and runs the same file: a program that opens many connections is not read again for each.
+  // Null when the process does not exist. Results are cached for half a second, as long as the process lives and runs
+  // the same executable: a browser opens many connections at once.
   std::shared_ptr<const Process> find(pid_t pid);
 
-  // The identifier of the application that the program is by itself: its package's, or its desktop entry's.
+  // The application ID of the program's package or desktop entry. Nothing for other programs.
   std::optional<std::string> applicationOf(const Program& program);
 
-  // The same; else the executable's file name, so that a browser unpacked from an archive has an identifier too.
-  // Nothing when not even that is known.
+  // The application ID, or else the executable's file name, so that a browser from an archive has an identifier too.
+  // Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
-  // The process that answers for this one. Itself, when it is an application by itself; else its nearest ancestor that
-  // is one; else a process of the application that its unit is named after; else itself. A unit bounds the search for
-  // ancestors: what a desktop, or another application, started in a unit of its own does not work for its starter.
-  // -1 when there is no such process.
+  // The process that is responsible for this one, the first that exists of:
+  //   1. the process itself, if it is an application;
+  //   2. its nearest ancestor in the same systemd unit that is an application (a desktop that starts a program in a new
+  //      unit is not responsible for it);
+  //   3. the oldest process in the unit that is the application which the unit is named after;
+  //   4. the process itself.
+  // -1 when the process does not exist.
   pid_t responsibleFor(pid_t pid);
 
  private:
-  struct Known {
+  struct CachedProcess {
     std::shared_ptr<const Process> process;
     std::chrono::steady_clock::time_point found;
   };
 
-  std::shared_ptr<const Process> findKnown(pid_t pid);
+  std::shared_ptr<const Process> findCached(pid_t pid);
   Program programOf(const ProcessInformation& process) const;
   bool isApplication(const Process& process) { return applicationOf(process.program).has_value(); }
   std::optional<pid_t> applicationAbove(const Process& process, const std::optional<ApplicationUnit>& unit);
@@ -83,7 +86,7 @@ class ProcessIdentity {
   ApplicationIndex index_;
   const std::string processTable_;
   std::mutex mutex_;
-  std::unordered_map<pid_t, Known> known_;  // guarded by mutex_
+  std::unordered_map<pid_t, CachedProcess> cache_;  // guarded by mutex_
 };
 
 }  // namespace orvane

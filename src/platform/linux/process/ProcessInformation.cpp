@@ -6,21 +6,21 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <memory>
 
 #include "platform/linux/base/Files.h"
+#include "platform/linux/base/Text.h"
 
 namespace orvane {
 namespace {
 
-// Longer than any of the files is; what a process may lengthen (its control groups' names) is cut here.
+// All files are shorter, except that a process may choose long names for its control groups; these are cut off.
 constexpr size_t kFileLimit = size_t{64} * 1024;
 constexpr uint32_t kNobodyLoggedIn = UINT32_MAX;
 constexpr std::string_view kDeleted = " (deleted)";
 
-// Takes the next word off the front of the text. Empty at the end.
+// Removes the first word from the text and returns it. Empty at the end of the text.
 std::string_view take_word(std::string_view& text) {
   size_t start = text.find_first_not_of(" \t\n");
   if (start == std::string_view::npos) return {};
@@ -30,15 +30,7 @@ std::string_view take_word(std::string_view& text) {
   return word;
 }
 
-template <class Number>
-std::optional<Number> parse_number(std::string_view word) {
-  Number number{};
-  auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
-  if (error != std::errc() || end != word.data() + word.size()) return std::nullopt;
-  return number;
-}
-
-// The real and the effective one of a line of /proc/pid/status such as "Uid:\t1000\t1000\t1000\t1000".
+// The first two numbers of a line of /proc/pid/status such as "Uid:\t1000\t1000\t1000\t1000".
 struct RealAndEffective {
   uint32_t real, effective;
 };
@@ -57,7 +49,7 @@ Descriptor open_file(int directory, const char* name) {
   return Descriptor(::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW));
 }
 
-// The beginning of an open file, as it is now; empty when it cannot be read.
+// The current start of an open file. Empty when it cannot be read.
 std::string_view read_again(const Descriptor& file, std::array<char, 4096>& buffer) {
   ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), 0);
   return {buffer.data(), count > 0 ? static_cast<size_t>(count) : 0};
@@ -69,7 +61,7 @@ uint32_t read_audit_number(const Descriptor& file) {
   return parse_number<uint32_t>(take_word(rest)).value_or(kNobodyLoggedIn);
 }
 
-// A zombie runs no program any more, and a dead process neither.
+// Zombie or dead.
 bool has_ended(char state) { return state == 'Z' || state == 'X' || state == 'x'; }
 
 }  // namespace
@@ -103,7 +95,7 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
     auditUser_ = open_file(directory(), "loginuid");
     auditSession_ = open_file(directory(), "sessionid");
   }
-  std::array<char, 4096> buffer;  // what is looked for stands in the first few lines
+  std::array<char, 4096> buffer;  // the fields are in the first lines
   std::string_view status = read_again(status_, buffer);
   auto user = parse_status_line(status, "\nUid:");
   auto group = parse_status_line(status, "\nGid:");
@@ -116,7 +108,7 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
                         static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
 }
 
-// The directory is this process's, and empty once it has ended, whoever has its identifier by then.
+// When the process has ended its directory is empty, even if the pid is used again.
 bool ProcessInformation::runs(const Executable* file) const {
   struct stat status;
   return ::fstatat(directory(), "exe", &status, 0) == 0 &&
@@ -130,7 +122,7 @@ std::optional<Executable> ProcessInformation::executable() const {
   if (length <= 0 || ::fstatat(directory(), "exe", &status, 0) != 0) return std::nullopt;
   std::string path(target.data(), static_cast<size_t>(length));
   if (path.ends_with(kDeleted)) {
-    // The kernel's remark, unless a file of that very name is the one that runs.
+    // The kernel has added the suffix, unless the executable really has that name.
     struct stat named;
     bool spelledSo =
         ::stat(path.c_str(), &named) == 0 && named.st_dev == status.st_dev && named.st_ino == status.st_ino;

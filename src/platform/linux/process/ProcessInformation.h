@@ -16,55 +16,55 @@ namespace orvane {
 
 // The file that a process runs.
 struct Executable {
-  std::string path;  // absolute; where the file stood when it has been replaced or removed since
+  std::string path;  // absolute; the former path if the file was replaced or removed
   dev_t device;
   ino_t inode;
 };
 
-// The fields of /proc/pid/stat that are of use here.
+// Some fields of /proc/pid/stat.
 struct ProcessStat {
   char state;
   pid_t parent;
   uint64_t startTime;  // clock ticks since boot
 };
 
-// Nothing when the text is not whole. The program's name stands in brackets in the middle of the line, and may itself
-// hold brackets, spaces and digits.
+// Nothing when the text is cut off. The second field is the program's name in parentheses; the name may contain
+// parentheses, spaces and digits.
 std::optional<ProcessStat> parse_process_stat(std::string_view text);
 
-// One running process, as the process table (proc(5)) shows it. The process's directory is held open: all answers come
-// from the one process, and fail once it is gone, even if its identifier has been given to another. Not thread-safe.
+// A running process in the process table (proc(5)). The object keeps the process's directory open, so all answers are
+// about the same process, and fail once it has ended, even if its pid is used again. Not thread-safe.
 class ProcessInformation {
  public:
-  // Nothing when there is no such process, or it has ended and waits for its parent to notice.
+  // Nothing when the process does not exist or is a zombie.
   static std::optional<ProcessInformation> open(pid_t pid, const std::string& processTable = "/proc");
 
   pid_t pid() const { return pid_; }
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
-  // The version in the audit token. Two processes of one identifier never start within one tick (10 ms), as identifiers
-  // are given out in turn: each has a version of its own.
+  // The version in the audit token. It differs between processes with the same pid: the kernel gives out pids in turn,
+  // so a pid is not used again within one clock tick (10 ms).
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
-  // As it is now; nothing when the process has ended meanwhile. Keeps the files it reads open: asked again, it takes
-  // half the time.
+  // The current audit token; nothing when the process has ended. Keeps its files open, which halves the time of the
+  // next call.
   std::optional<audit_token_t> auditToken() const;
 
-  // Whether it lives and runs this file, or any where none is given. The cheapest question of all; false also for
-  // processes whose executable() is not to be seen.
+  // Whether the process runs this file, or (without one) any file. The cheapest call. False when the process has ended
+  // or executable() gives nothing.
   bool runs(const Executable* file = nullptr) const;
 
-  // Nothing for a kernel thread, and for a process that is not ours to look into (ptrace(2), access mode checks).
+  // Nothing for a kernel thread, and without the permission to read it (ptrace(2), "access mode checks").
   std::optional<Executable> executable() const;
 
-  // /proc/pid/cgroup; empty when it cannot be read. Readable for everybody.
+  // The text of /proc/pid/cgroup, which all users can read. Empty when the process has ended.
   std::string controlGroups() const;
 
-  // The description that Flatpak puts into each of its sandboxes; empty outside of one.
+  // The text of /.flatpak-info, which Flatpak puts into each sandbox. Empty outside a sandbox.
   std::string flatpakInformation() const;
 
-  // The process's directory.
+  // The open directory of the process.
   int directory() const { return directory_.get(); }
 
  private:
@@ -77,12 +77,11 @@ class ProcessInformation {
   ProcessStat stat_;
 };
 
-// The audit token of a running process. The user and the session are those of the kernel's audit (4294967295 where
-// nobody has logged in), the version is taken from the start time: a later process with the same identifier has
-// another.
+// The audit token of a running process. The audit user and the session are those of the kernel's audit, 4294967295 when
+// nobody has logged in. The version comes from the start time, see version(). Nothing when the process does not exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
 
-// The identifiers in a process table, in no order.
+// The pids in a process table, in no order.
 std::vector<pid_t> process_identifiers(const std::string& processTable = "/proc");
 
 }  // namespace orvane

@@ -12,12 +12,12 @@
 namespace orvane {
 namespace {
 
-// The framework's numbers (macOS: <Security/CSCommon.h>), given for:
+// The status codes of macOS (<Security/CSCommon.h>).
 constexpr OSStatus errSecSuccess = 0;
-constexpr OSStatus errSecCSObjectRequired = -67069;              // no code where some is needed
-constexpr OSStatus errSecCSUnsupportedGuestAttributes = -67067;  // no attributes, or none that is known
-constexpr OSStatus errSecCSInvalidAttributeValues = -67066;      // an audit token of another size than 32 bytes
-constexpr OSStatus errSecCSNoSuchCode = -67065;                  // no such process, or it has ended
+constexpr OSStatus errSecCSObjectRequired = -67069;              // the code object is null
+constexpr OSStatus errSecCSUnsupportedGuestAttributes = -67067;  // no known attribute
+constexpr OSStatus errSecCSInvalidAttributeValues = -67066;      // an audit token that is not 32 bytes
+constexpr OSStatus errSecCSNoSuchCode = -67065;                  // the process does not exist
 
 struct Counted {
   mutable std::atomic<size_t> references{1};
@@ -30,8 +30,8 @@ void release_counted(const T* object) {
 
 }  // namespace
 
-// A running program is what it was when it was found: what is asked later needs no process any more, and an object that
-// is never released keeps no file open.
+// Holds what was found out about the program when the object was made. So later calls do not need the process, and an
+// object that is never released does not keep a file open.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
 };
@@ -45,11 +45,11 @@ struct CodeURL : Counted {
 };
 
 struct Dictionary : Counted {
-  // Attributes to look for: one of them.
+  // An attribute to look for.
   std::optional<GuestAttribute> attribute;
   Value auditToken;
   Ref<Number> pid;
-  // Facts that were found.
+  // Information that was found.
   std::map<std::string, Ref<Dictionary>, std::less<>> dictionaries;
   std::map<std::string, std::string, std::less<>> strings;
 };
@@ -63,7 +63,7 @@ void release(const CodeURL* url) { release_counted(url); }
 void retain(const Dictionary* dictionary) { dictionary->references.fetch_add(1, std::memory_order_relaxed); }
 void release(const Dictionary* dictionary) { release_counted(dictionary); }
 
-// A number is its own address: the value above a lowest bit of 1, which no object's address has.
+// The pointer itself encodes the number: the value, shifted by one, and a lowest bit of 1, as no address has it.
 void retain(const Number*) {}
 void release(const Number*) {}
 
@@ -103,7 +103,7 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return it == dictionary->strings.end() ? std::nullopt : std::optional(it->second);
 }
 
-// The process that the attributes describe, or why there is none.
+// The process with these attributes, or a status.
 static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
   auto& identity = ProcessIdentity::system();
   if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};
@@ -118,7 +118,8 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
   if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, nullptr};
   std::memcpy(&token, data.data(), sizeof(token));
   auto process = identity.find(audit_token_to_pid(token));
-  // Users and groups may change while a process runs; its version tells it from its identifier's next bearer.
+  // A process may change its user and groups, so only pid and version are compared. The version differs when the pid
+  // has been used again.
   if (!process || process->information.version() != token.val[7]) return {errSecCSNoSuchCode, nullptr};
   return {errSecSuccess, std::move(process)};
 }
@@ -143,7 +144,7 @@ OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t, SecStaticCode** staticCo
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary** information) {
   if (code == nullptr) return errSecCSObjectRequired;
   auto result = Ref<Dictionary>::adopt(new Dictionary);
-  // A program without any identifier has no property list.
+  // Without an identifier there is no property list.
   if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
     auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
     propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
