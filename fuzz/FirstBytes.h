@@ -7,9 +7,10 @@
 
 namespace orvane {
 
-// Feeds the first bytes of a connection in growing prefixes, as its packets bring them. What is known or unknown once
-// must stay so whatever follows, and must not stay open at the limit. Returns the last answer.
-inline ServerName find_in_growing(std::span<const uint8_t> bytes) {
+// Looks for the server name in growing prefixes of a connection's first bytes, as packets deliver them. Once the answer
+// is Known or Unknown, later bytes must not change it, and at kServerNameLimit it must not be Open. Returns the last
+// answer.
+inline ServerName find_in_growing_prefixes(std::span<const uint8_t> bytes) {
   ServerName before{ServerName::State::Open};
   const size_t step = 1 + bytes.size() / 61;
   for (size_t length = 0;;) {

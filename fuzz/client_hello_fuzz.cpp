@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint8_t kHandshakeRecord = 22, kClientHello = 1;
   std::span<const uint8_t> bytes(data, size);
   if (size == 0 || data[0] == kHandshakeRecord) {
-    find_in_growing(bytes);
+    find_in_growing_prefixes(bytes);
     return 0;
   }
   if (size > kServerNameLimit / 2) return 0;
@@ -24,6 +24,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     records.insert(records.end(), std::begin(header), std::end(header));
     records.insert(records.end(), part.begin(), part.end());
   }
-  if (find_in_growing(records).state == ServerName::State::Open) abort();  // the whole hello is there
+  if (find_in_growing_prefixes(records).state == ServerName::State::Open) abort();  // the whole hello is there
   return 0;
 }

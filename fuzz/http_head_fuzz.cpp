@@ -5,7 +5,7 @@ using namespace orvane;
 
 // The first bytes of a connection to a web server.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  find_in_growing({data, size});
+  find_in_growing_prefixes({data, size});
   bool open = true;
   auto host = parse_request_host({reinterpret_cast<const char*>(data), size}, open);
   if (host && open) abort();

@@ -7,14 +7,14 @@
 #include "platform/linux/process/ProcessIdentity.h"
 #include "platform/linux/process/ProcessInformation.h"
 
-// What programs and packages write and the identity of processes is taken from: desktop entries, sandbox descriptions,
-// names of control groups, and the line that holds a process's self-chosen name.
+// Text that identifies processes and that programs or packages write: desktop entries, sandbox descriptions, names of
+// control groups, and the line of /proc/pid/stat, in which a process chooses its own name.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace orvane;
   std::string_view text(reinterpret_cast<const char*>(data), size);
   for (const std::string& program : programs_of_desktop_entry(text)) runs_other_programs(program);
   parse_process_stat(text);
-  // What becomes an identifier is never empty.
+  // Identifiers are never empty.
   for (const auto& name : {flatpak_application(text), snap_of_path(text), snap_of_control_groups(text)}) {
     if (name && name->empty()) std::abort();
   }

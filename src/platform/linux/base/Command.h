@@ -6,17 +6,17 @@
 
 namespace orvane {
 
-// What a program that was run has left.
+// The outcome of a program that was run.
 struct CommandResult {
   bool success = false;
-  bool missing = false;  // there is no such program
-  std::string output;    // what it wrote to its standard output
-  std::string error;     // without success: why, in one line; what it wrote to its standard error where that tells
+  bool missing = false;  // the program is not installed
+  std::string output;    // its standard output
+  std::string error;     // why it failed, in one line: its standard error, if it wrote any
 };
 
-// Runs a program of the system's, named by its file name and looked for in the system's own folders alone, with
-// `input` as its standard input, and waits for it, for ten seconds at most. It gets no descriptor, environment or
-// signal mask of ours, and a signal from the terminal does not reach it. Thread-safe.
+// Runs a program of the operating system and waits for it, ten seconds at most. words[0] is its file name, which is
+// looked for in /usr/sbin, /sbin, /usr/bin and /bin only; `input` is its standard input. The program does not inherit
+// our descriptors, environment or signal mask, and signals from the terminal do not reach it. Thread-safe.
 CommandResult run_command(const std::vector<std::string>& words, std::string_view input = {});
 
 }  // namespace orvane

@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-// An error of the Linux platform. The description says what failed, on what and why; it is the localised one too.
+// An error of the Linux platform. The description says what failed, on what and why. It is not translated.
 Ref<NSError> error_create(std::string description);
 
 }  // namespace orvane

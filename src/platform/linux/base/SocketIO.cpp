@@ -29,7 +29,7 @@ int poll_time(const Deadline& deadline) {
 
 Deadline earlier(const Deadline& left, const Deadline& right) { return std::min(*left, *right); }
 
-// The attempts to reach one host.
+// Concurrent attempts to connect to one host.
 class Attempts {
  public:
   Attempts(const addrinfo* addresses, int stop) : next_(addresses), stop_(stop) {}
@@ -61,7 +61,6 @@ class Attempts {
   Attempts& operator=(const Attempts&) = delete;
 
  private:
-  // Begins the next attempt.
   void start() {
     const addrinfo* address = std::exchange(next_, next_->ai_next);
     nextAttempt_ = deadline_after(kNextAttempt);
@@ -76,7 +75,7 @@ class Attempts {
     }
   }
 
-  // Looks at the attempts that have come to an end.
+  // Takes the results of the attempts that have ended.
   void collect() {
     for (size_t i = 0; i < open_.size() && !winner_;) {
       if (open_[i].revents == 0) {
@@ -117,7 +116,7 @@ Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline) {
   int count = 0;
   do {
     count = poll(all.data(), all.size(), poll_time(deadline));
-    // Memory that is short now may be there in a moment; no other failure can happen here.
+    // The only other error is ENOMEM, which may pass.
     if (count < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   } while (count < 0);
   if (count == 0) return Wait::TimedOut;

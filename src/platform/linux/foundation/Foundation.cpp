@@ -16,8 +16,8 @@ class Components final : public NSURLComponents {
   std::optional<std::string> host_;
 };
 
-// Scheme, host and port of a URL that has them, else the whole URL. Browsers leave characters such as '|' where the
-// page wrote them, against RFC 3986: what stands before or behind the host must not hide it from the filter.
+// The scheme, host and port of a URL; the whole URL if it has no host. Browsers leave characters in user names, paths
+// and queries that RFC 3986 forbids, for example '|'. Parsing these parts would fail and hide the host from the filter.
 std::string without_surroundings(std::string_view url) {
   const size_t colon = url.find_first_of(":/?#");
   if (colon == std::string_view::npos || url.substr(colon, 3) != "://") return std::string(url);
@@ -30,7 +30,7 @@ std::string without_surroundings(std::string_view url) {
 }  // namespace
 
 Ref<NSURLComponents> NSURLComponents::initWithURL(const NSURL& url, bool /*resolvingAgainstBaseURL*/) {
-  // A URL is absolute already, so there is no base to resolve it against.
+  // An NSURL here is always absolute, so there is no base URL.
   const std::string text = without_surroundings(url.absoluteString());
   auto parsed = boost::urls::parse_uri_reference(text);
   if (!parsed) return nullptr;

@@ -9,17 +9,17 @@ namespace {
 
 struct Monitor {
   std::recursive_mutex mutex;
-  size_t users = 0;  // ObjectMonitor values that hold or await it
+  size_t users = 0;  // ObjectMonitors that hold it or wait for it
 };
 
-// One entry for each object that is in use as a monitor: two objects never share one, so a thread that holds one
-// object's monitor cannot wait for itself, or for a stranger, at another's.
+// One entry for each object whose monitor is in use. Objects never share a mutex (as hashed locks would), because a
+// thread that holds one object's monitor and takes another's could then deadlock with an unrelated thread.
 struct MonitorTable {
   std::mutex mutex;
-  std::unordered_map<const NSObject*, Monitor> monitors;  // an entry stays in its place while others come and go
+  std::unordered_map<const NSObject*, Monitor> monitors;  // entries never move
 };
 
-// Never destroyed: other threads may still hold monitors while the process ends.
+// Never destroyed: threads may hold monitors while the process exits.
 MonitorTable& table() {
   static auto* shared = new MonitorTable;
   return *shared;

@@ -35,7 +35,7 @@ Ref<ReadStream> read_stream_create_with_file(const std::string& url) {
 
 bool read_stream_open(ReadStream* stream) {
   if (stream->descriptor) return false;
-  // A pipe at the path must not hold up the start: without a writer it reads as an empty file.
+  // If the path is a pipe, the open must not wait for a writer: without one the pipe reads as an empty file.
   stream->descriptor = Descriptor(::open(stream->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   return static_cast<bool>(stream->descriptor);
 }

@@ -11,7 +11,7 @@
 namespace orvane {
 namespace {
 
-TEST(FileURL, LeadsToAnotherFile) {
+TEST(FileURL, ConvertsPathsBothWays) {
   EXPECT_EQ(path_of_file_url("file:///a%20b/c"), "/a b/c");
   EXPECT_EQ(path_of_file_url("FILE://localhost/a"), "/a");
   for (const char* url : {"file://elsewhere/a", "http://localhost/a", "file:a", "/a", "file:///a%00b", "file:///a%2"}) {
@@ -22,7 +22,7 @@ TEST(FileURL, LeadsToAnotherFile) {
   }
 }
 
-TEST(ReadStream, MixesUpTheStepThatFailed) {
+TEST(ReadStream, ReadsToTheEndOfTheFile) {
   TemporaryFolder folder;
   EXPECT_FALSE(read_stream_open(read_stream_create_with_file(file_url_of_path(folder.path() / "missing")).get()));
   auto stream = read_stream_create_with_file(file_url_of_path(folder.write("six", "sixsix")));
@@ -31,7 +31,7 @@ TEST(ReadStream, MixesUpTheStepThatFailed) {
   for (int64_t count : {4, 2, 0}) EXPECT_EQ(read_stream_read(stream.get(), buffer.data(), 4), count);
 }
 
-TEST(Bundle, FindsWhatIsNotThereOrMissesWhatIs) {
+TEST(Bundle, FindsInformationAndResourcesInItsFolders) {
   TemporaryFolder folder;
   folder.write("A.bundle/Contents/Info.plist", "<plist><dict><key>Name</key><string>Value</string></dict></plist>");
   auto resource = folder.write("A.bundle/Contents/Resources/Browsers.plist", "");
@@ -42,8 +42,9 @@ TEST(Bundle, FindsWhatIsNotThereOrMissesWhatIs) {
   EXPECT_EQ(bundle_copy_resource_url(bundle.get(), "Browsers", "plist"), file_url_of_path(resource));
   EXPECT_EQ(bundle_copy_resource_url(bundle.get(), "Missing", "plist"), std::nullopt);
   EXPECT_EQ(bundle_copy_resource_url(bundle.get(), "../Info", "plist"), std::nullopt);
-  EXPECT_FALSE(open("A.bundle/Contents/Resources")) << "a folder that is no bundle";
-  EXPECT_EQ(bundle_copy_resource_url(bundle_get_main(), "Browsers", "plist"), std::nullopt) << "this program has none";
+  EXPECT_FALSE(open("A.bundle/Contents/Resources")) << "a folder that is not a bundle";
+  EXPECT_EQ(bundle_copy_resource_url(bundle_get_main(), "Browsers", "plist"), std::nullopt)
+      << "this program is not in a bundle";
 }
 
 }  // namespace

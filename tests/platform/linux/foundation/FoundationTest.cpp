@@ -22,7 +22,7 @@ std::string host_of(const char* text) {
   return components ? components->host().value_or("no host") : "no URL";
 }
 
-TEST(URLComponents, HidesOrInventsAHost) {
+TEST(URLComponents, FindsTheHost) {
   const std::pair<const char*, const char*> rows[] = {
       {"https://user:p%40ss@ex%61mple.ORG:8080/a?b#c", "example.ORG"},
       {"http://[2001:db8::1]:80/", "[2001:db8::1]"},
@@ -36,13 +36,13 @@ TEST(URLComponents, HidesOrInventsAHost) {
   for (const auto& [url, host] : rows) EXPECT_EQ(host_of(url), host) << url;
 }
 
-TEST(IntegerValue, ReadsAPortDifferently) {
+TEST(IntegerValue, ReadsLeadingDigitsInDecimal) {
   const std::pair<const char*, int64_t> rows[] = {
       {" \t\n+443", 443}, {"-1", -1}, {"80x", 80}, {"", 0}, {"0x10", 0}, {"99999999999999999999", INT64_MAX}};
   for (const auto& [text, value] : rows) EXPECT_EQ(integerValue(text), value) << text;
 }
 
-TEST(Clock, CountsFromAnotherYear) {
+TEST(Clock, CountsSecondsSince2001) {
   using namespace std::chrono;
   double expected = duration<double>(system_clock::now() - sys_days{2001y / January / 1}).count();
   EXPECT_NEAR(absolute_time_get_current(), expected, 5);

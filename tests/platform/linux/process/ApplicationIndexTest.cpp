@@ -34,10 +34,10 @@ TEST(DesktopEntryTest, FindsTheProgramBehindQuotesAndEnv) {
   }
 }
 
-// One installation with every shape that distributions and makers give their packages.
+// All the layouts of packages that distributions and vendors use.
 TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
   const struct {
-    const char *program, *application, *exec;  // with an entry of the application, when this is not empty
+    const char *program, *application, *exec;  // if not empty, the application has an entry with this Exec
   } kPrograms[] = {{"bin/direct", "direct", "@bin/direct"},
                    {"bin/second", "zz", "second --private"},
                    {"bin/named", "named", "env A=b named"},
@@ -75,11 +75,11 @@ TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
     EXPECT_EQ(expected, application(executable_at(folder.path(program)))) << program;
   }
   Executable direct = executable_at(folder.path("bin/direct"));
-  EXPECT_EQ("direct", application({"/as/a/container/sees/it", direct.device, direct.inode}));
-  EXPECT_EQ("direct", application({direct.path, 0, 0})) << "running on after an upgrade";
+  EXPECT_EQ("direct", application({"/path/in/a/container", direct.device, direct.inode}));
+  EXPECT_EQ("direct", application({direct.path, 0, 0})) << "the old file, after an upgrade";
 }
 
-TEST(ApplicationIndexTest, FollowsInstallationsAndRemovals) {
+TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
   ProgramFolder folder;
   for (const char* name : {"bin/present", "entries/sub/x", "opt/maker/x"}) folder.program(name);
   ApplicationIndex index(folder.folders(), 0ms);
@@ -94,14 +94,15 @@ TEST(ApplicationIndexTest, FollowsInstallationsAndRemovals) {
                 {[&] { folder.entry("sub/present", "present"); }, "bin/present", "sub-present"},
                 {[&] { fs::remove(folder.path("entries/early.desktop")); }, "opt/maker/early", "none"}};
   for (const auto& [change, program, expected] : kSteps) {
-    for (const char* name : {"entries", "entries/sub", "bin", "opt", "opt/maker"}) {  // as long after an installation
+    for (const char* name :
+         {"entries", "entries/sub", "bin", "opt", "opt/maker"}) {  // the last installation was long ago
       fs::last_write_time(folder.path(name), fs::file_time_type::clock::now() - 1h);
     }
     application("bin/present");
     change();
     EXPECT_EQ(expected, application(program));
   }
-  // A second change within one step of the file system's clock.
+  // A second change may leave the folder's time equal.
   auto time = fs::last_write_time(folder.path("entries"));
   folder.entry("again", "@opt/maker/early");
   fs::last_write_time(folder.path("entries"), time);

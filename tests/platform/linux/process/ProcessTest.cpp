@@ -9,7 +9,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(ProcessTest, ReadsProcessesWithOddNames) {
+TEST(ProcessTest, ParsesStatWithParenthesesInTheName) {
   auto stat = parse_process_stat("40 (a) R 1 2) S 41 1 7 0 -1 4 1 0 0 0 0 0 0 0 20 0 1 0 123456789012 1");
   ASSERT_TRUE(stat);
   EXPECT_EQ('S', stat->state);
@@ -18,7 +18,7 @@ TEST(ProcessTest, ReadsProcessesWithOddNames) {
   for (const char* text : {"", "40 (cat", "40 (cat) S 41 1 7"}) EXPECT_FALSE(parse_process_stat(text)) << text;
 }
 
-TEST(ProcessTest, KeepsTheOrderOfTokenWords) {
+TEST(ProcessTest, PutsIdentifiersIntoTheWordsOfTheToken) {
   auto token = audit_token_of_process(::getpid());
   ASSERT_TRUE(token);
   const uint32_t kKnown[] = {::geteuid(), ::getegid(), ::getuid(), ::getgid(), static_cast<uint32_t>(::getpid())};
@@ -30,7 +30,7 @@ std::optional<std::string> unit(std::string_view controlGroups) {
   return found ? std::optional(found->application + " " + found->path) : std::nullopt;
 }
 
-TEST(ProcessTest, TakesNamesFromNowhereElse) {
+TEST(ProcessTest, FindsNamesOfUnitsSnapsAndSandboxes) {
   const struct {
     std::optional<std::string> (*read)(std::string_view);
     const char *text, *name;
@@ -49,8 +49,8 @@ TEST(ProcessTest, TakesNamesFromNowhereElse) {
   for (const auto& row : kCases) EXPECT_EQ(row.name, row.read(row.text).value_or("none")) << row.text;
 }
 
-// A process table of the test's own: units and sandboxes need a session to be real.
-TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
+// Uses a process table made for the test, because real units and sandboxes need a desktop session.
+TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   ProgramFolder folder;
   for (const char* id : {"shell", "browser", "other"}) folder.entry(id, id);
   for (const char* program : {"bin/shell", "bin/browser", "bin/other", "helper"}) folder.program(program);
@@ -63,16 +63,17 @@ TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
       {10, 1, 5, "bin/shell", "org.gnome.Shell@x11.service", "", "shell", 10},
       {19, 1, 60, "bin/browser", kBrowser, "", "browser", 19},
       {20, 10, 50, "bin/browser", kBrowser, "", "browser", 20},
-      {21, 1, 40, "bin/other", kBrowser, "", "other", 21},  // started there, but not the application of the unit
-      {23, 1, 70, "helper", kBrowser, "", "helper", 20},    // its starter has gone
-      {24, 10, 80, "helper", "app-tool-1.scope", "", "helper", 24},  // the desktop's child, but not its helper
+      {21, 1, 40, "bin/other", kBrowser, "", "other", 21},           // in the unit of another application
+      {23, 1, 70, "helper", kBrowser, "", "helper", 20},             // its parent has ended
+      {24, 10, 80, "helper", "app-tool-1.scope", "", "helper", 24},  // started by the desktop, in its own unit
       {25, 10, 80, "helper", kSession, "", "helper", 10},
-      {26, 20, 30, "helper", kSession, "", "helper", 26},  // its parent is younger: another process by now
+      {26, 20, 30, "helper", kSession, "", "helper", 26},  // its parent is younger: the pid was used again
       {27, 1, 90, "bin/shell", kSession, "org.example.Sandboxed", "org.example.Sandboxed", 27},
       {28, 27, 91, "", kSession, "", "none", 27},
       {29, 1, 92, "", "snap.packaged.app-1.scope", "", "packaged", 29},
-      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper", 30},  // the system's; its own parent
-      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},              // started from a terminal
+      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper",
+       30},                                                      // a program of the system; a parent of itself
+      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31}};
   for (const auto& row : kProcesses) {
@@ -92,7 +93,7 @@ TEST(ProcessTest, HelpersBelongToTheirBrowserAndItToItself) {
   }
 }
 
-TEST(ProcessTest, BelievesNoMemoryOfAProcessThatRunsAnotherProgramOrHasEnded) {
+TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
   ProgramFolder folder;
   std::string next = folder.program("bin/next");
   int gate[2];
@@ -113,7 +114,7 @@ TEST(ProcessTest, BelievesNoMemoryOfAProcessThatRunsAnotherProgramOrHasEnded) {
   EXPECT_NE("next", before);
   ::close(gate[0]);
   ::close(gate[1]);
-  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // the memory lasts for longer
+  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // shorter than the cache time
   EXPECT_EQ("next", name());
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);

@@ -15,7 +15,7 @@ Ref<Dictionary> attributes(const audit_token_t& token) {
 }
 Ref<Dictionary> attributes(pid_t pid) { return dictionary_create(GuestAttribute::Pid, number_create(pid)); }
 
-// The status, identifier and path that the core gets, by the road that it takes.
+// The status, identifier and path that the core gets, by the same calls.
 using Answer = std::tuple<OSStatus, std::string, std::string>;
 
 Answer ask(const Ref<Dictionary>& attributes) {
@@ -48,7 +48,7 @@ TEST(SecurityTest, IdentifiesLinkedAndRemovedPrograms) {
   }
 }
 
-TEST(SecurityTest, RefusesEndedAndRecycledProcesses) {
+TEST(SecurityTest, RejectsEndedProcessesAndReusedPids) {
   RunningProgram program("/bin/sleep");
   const audit_token_t token = audit_token_of_process(program.pid).value();
   audit_token_t recycled = token;
