@@ -89,6 +89,8 @@ class XMLReader {
   Value read(std::span<const uint8_t> bytes, std::string* fault) {
     static std::once_flag initialised;
     std::call_once(initialised, xmlInitParser);
+    // By default libxml2 writes faults of an encoding to standard error.
+    xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {
       *fault = "there is no memory to read it";
