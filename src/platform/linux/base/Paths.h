@@ -12,8 +12,8 @@ std::string_view file_name(std::string_view path);
 // The absolute path with all symbolic links resolved. Empty when there is no such file.
 std::string resolve_links(const std::string& path);
 
-// The path of a program as a command line names it: an absolute path is taken as it is, a name is looked for in the
-// folders. Empty when no folder has an executable file of that name, and for a relative path.
+// Finds the program that a command line names. An absolute path is returned unchanged; a name without a slash is looked
+// for in the folders. Empty when no folder has an executable file of that name, and for a relative path.
 std::string find_program(const std::string& program, std::span<const std::string> folders);
 
 }  // namespace orvane

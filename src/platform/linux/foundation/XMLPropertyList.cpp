@@ -19,7 +19,7 @@
 namespace orvane {
 namespace {
 
-// ---- The values of elements. Nil for a text that is not such a value. ----
+// ---- The values of elements; nil for an invalid text. ----
 
 Value string_value(std::string_view text) { return Value::string(text); }
 
@@ -93,7 +93,7 @@ class XMLReader {
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {
-      *fault = "there is no memory to read it";
+      *fault = "not enough memory to read it";
       return nullptr;
     }
     context_ = context.get();
@@ -163,7 +163,7 @@ class XMLReader {
 
   void start(std::string_view name) {
     const auto* element = std::find_if(kElements.begin(), kElements.end(), [name](auto& e) { return e.name == name; });
-    if (element == kElements.end()) return failHere("an element that no property list has");
+    if (element == kElements.end()) return failHere("not an element of property lists");
     if (!fits(*element)) return failHere("<" + std::string(name) + "> does not belong here");
     if (element->valueOf == nullptr && open_.size() > maxDepth_) return failHere("it is nested too deeply");
     open_.push_back({element, {}, {}});
@@ -197,7 +197,7 @@ class XMLReader {
     const bool whole = name == "dict" ? ended.children.size() % 2 == 0 : name != "plist" || ended.children.size() == 1;
     if (!whole) return failHere("<" + name + "> lacks a value");
     Value value = valueOf(ended);
-    if (value.isNil()) return failHere("this is no " + name);
+    if (value.isNil()) return failHere("not a valid <" + name + ">");
     if (open_.empty()) {
       root_ = std::move(value);
     } else {

@@ -18,7 +18,7 @@ struct ApplicationEntries;
 struct ApplicationFolders {
   // Folders of desktop entries. An entry hides entries of the same ID in later folders.
   std::vector<std::string> entries;
-  // Folders where a program is looked for that an entry names without a path.
+  // Folders to search for a program that an entry names without a path.
   std::vector<std::string> programs;
   // Folders in which an application may have its own folder: LIBRARY/NAME belongs to the program NAME.
   std::vector<std::string> libraries;

@@ -18,32 +18,14 @@ std::string_view take_line(std::string_view& text) {
 
 // Replaces the escapes that all values of type string have.
 std::string unescape(std::string_view value) {
+  constexpr std::string_view kEscapes = "sntr\\", kCharacters = " \n\t\r\\";
   std::string result;
   for (size_t i = 0; i < value.size(); ++i) {
-    if (value[i] != '\\' || i + 1 == value.size()) {
-      result += value[i];
-      continue;
-    }
-    switch (char escaped = value[++i]) {
-      case 's':
-        result += ' ';
-        break;
-      case 'n':
-        result += '\n';
-        break;
-      case 't':
-        result += '\t';
-        break;
-      case 'r':
-        result += '\r';
-        break;
-      case '\\':
-        result += '\\';
-        break;
-      default:  // split_command_line() reads the others
-        result += '\\';
-        result += escaped;
-    }
+    // split_command_line() reads other escapes.
+    const size_t found =
+        value[i] == '\\' && i + 1 < value.size() ? kEscapes.find(value[i + 1]) : std::string_view::npos;
+    result += found == std::string_view::npos ? value[i] : kCharacters[found];
+    if (found != std::string_view::npos) ++i;
   }
   return result;
 }
