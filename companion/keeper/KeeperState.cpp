@@ -16,6 +16,7 @@
 #include "companion/keeper/PathWatch.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
+#include "platform/linux/base/Files.h"
 
 namespace orvane {
 namespace {
@@ -146,16 +147,9 @@ Descriptor lock_keeper_state(const std::string& path) {
 
 void write_keeper_state(const std::string& path, const KeeperState& state) {
   const std::string text = to_json(state).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
-  const std::string fresh = path + ".new";
-  unlink(fresh.c_str());  // of a keeper that was killed; the lock is ours
-  Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kReadableByGroup));
-  errno = 0;
-  bool written = file && fchmod(file.get(), kReadableByGroup) == 0 &&
-                 write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (written && rename(fresh.c_str(), path.c_str()) == 0) return;
-  int error = errno == 0 ? ENOSPC : errno;  // of a write that was cut short there is no word
-  unlink(fresh.c_str());
-  throw file_error("write the state", path, error);
+  const std::string temporaryName = std::filesystem::path(path).filename().string() + ".new";
+  if (auto error = replace_file(path, temporaryName, text, kReadableByGroup))
+    throw file_error("write the state", path, error.value());
 }
 
 std::optional<KeeperState> read_keeper_state(const std::string& path) {
@@ -166,9 +160,7 @@ std::optional<KeeperState> read_keeper_state(const std::string& path) {
   if (!stream) throw file_error("read the keeper's state", path, errno);
   try {
     return state_of(Json::parse(stream.get()));
-  } catch (const Json::exception&) {
-    throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
-  } catch (const InputError&) {
+  } catch (const std::exception&) {  // Json::exception or InputError
     throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
   }
 }

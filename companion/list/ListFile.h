@@ -7,11 +7,10 @@
 
 namespace orvane {
 
-// The list of the machine. Its folder is made by whoever installs the system; members of its group may edit the list.
+// The machine's list. The package makes its folder; members of the folder's group may edit the list.
 inline constexpr const char* kListPath = "/var/lib/orvane-se/list";
 
-// Which version of the list's file was read or written: its device, inode, size and time of change, in one word. Empty
-// where there is no file. Two versions never have the same.
+// Identifies a version of the list's file by its device, inode, size and time of change. Empty if there is no file.
 using ListVersion = std::string;
 
 struct StoredList {
@@ -19,17 +18,21 @@ struct StoredList {
   ListVersion version;
 };
 
-// The list as it is in its file. No file is an empty list; a file or folder that cannot be read is a FileError.
+// Reads the list. A missing file is an empty list. Throws FileError if the file or its folder cannot be read.
 StoredList read_list(const std::string& path);
 
-// The version that is there now. A folder that cannot be read is a FileError.
+// The file's current version. Throws FileError if the folder cannot be read.
 ListVersion list_version(const std::string& path);
 
-// Changes the list: reads it, has `edit` change it, and writes it back where `edit` returned true. No other orvanectl
-// changes the file meanwhile (a lock on its folder). The file is the old one or the new one at every moment, and the
-// new one outlasts a loss of power from the return on. Throws FileError where that could not be had, and the old one is
-// still there then; what `edit` throws is passed on, with nothing written. Gives the version that is there now.
-// `edit` is called again, with the list as it is then, where another program replaced the file meanwhile.
+// Reads the list, calls `edit`, and writes the list back if `edit` returns true. Returns the file's version afterwards.
+//
+// - A lock on the folder keeps other calls of edit_list() out meanwhile.
+// - At every moment the file is either the old version or the new one, and the new one is on the disk when the function
+//   returns.
+// - If another program replaces the file meanwhile, `edit` is called again with the list of that version.
+// - Throws FileError on failure; unless the message says otherwise, the file is then unchanged. Exceptions of `edit`
+// are
+//   passed on, and the file is unchanged.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
 
 }  // namespace orvane
