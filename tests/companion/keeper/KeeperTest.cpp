@@ -21,16 +21,19 @@
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
+#include "platform/Clock.h"
 
 namespace orvane {
 namespace {
 
-// An extension that writes down what it is asked.
+using namespace std::chrono_literals;
+
+// A stand-in for the extension; it records the edits.
 struct Extension {
   std::set<std::string> held;
   std::string log;
   uint64_t changes = 0;
-  bool isThere = true;
+  bool isRunning = true;
   size_t mostNames = SIZE_MAX;  // in one message
 };
 Extension extension;
@@ -38,7 +41,7 @@ Extension extension;
 class FakeClient : public Client {
  public:
   bool ping() override { return true; }
-  uint64_t changesCount() override { return extension.isThere ? extension.changes : throw ClientError("gone"); }
+  uint64_t changesCount() override { return extension.isRunning ? extension.changes : throw ClientError("gone"); }
   void setProperties(const Value& properties, const Value& forHostname) override {
     count(1, "date " + std::to_string(static_cast<int64_t>(properties.find("DontBlockUntil")->asDate())) + " " +
                  std::string(forHostname.asString()));
@@ -55,26 +58,32 @@ class FakeClient : public Client {
     extension.held = {names.begin(), names.end()};
   }
 
-  bool appFilterState() override { throw std::logic_error("unasked"); }
-  void start() override { throw std::logic_error("unasked"); }
-  void stop() override { throw std::logic_error("unasked"); }
-  void addApplicationIdentifier(const Value&) override { throw std::logic_error("unasked"); }
-  void removeApplicationIdentifier(const Value&) override { throw std::logic_error("unasked"); }
-  void setApplicationIdentifiers(const Value&) override { throw std::logic_error("unasked"); }
-  void addHostname(const Value&) override { throw std::logic_error("unasked"); }
-  void removeHostname(const Value&) override { throw std::logic_error("unasked"); }
-  void setHostnames(const Value&) override { throw std::logic_error("unasked"); }
+  bool appFilterState() override { throw std::logic_error("unexpected"); }
+  void start() override { throw std::logic_error("unexpected"); }
+  void stop() override { throw std::logic_error("unexpected"); }
+  void addApplicationIdentifier(const Value&) override { throw std::logic_error("unexpected"); }
+  void removeApplicationIdentifier(const Value&) override { throw std::logic_error("unexpected"); }
+  void setApplicationIdentifiers(const Value&) override { throw std::logic_error("unexpected"); }
+  void addHostname(const Value&) override { throw std::logic_error("unexpected"); }
+  void removeHostname(const Value&) override { throw std::logic_error("unexpected"); }
+  void setHostnames(const Value&) override { throw std::logic_error("unexpected"); }
 
  private:
   static void count(uint64_t edits, const std::string& message) {
-    if (!extension.isThere) throw ClientError("gone");
+    if (!extension.isRunning) throw ClientError("gone");
     extension.changes += edits;
     extension.log += (extension.log.empty() ? "" : ", ") + message;
   }
 };
 
-constexpr Moment kReference = std::chrono::sys_days(std::chrono::year(2001) / 1 / 1);
-Moment at(int seconds) { return kReference + std::chrono::seconds(seconds); }
+Moment at(int seconds) { return kAbsoluteTimeReference + std::chrono::seconds(seconds); }
+
+// More names than are sent as a difference.
+HeldNames many_names() {
+  HeldNames many;
+  for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
+  return many;
+}
 
 class Keeper : public testing::Test {
  protected:
@@ -90,36 +99,40 @@ class Keeper : public testing::Test {
   const std::string folder_ = makeFolder();
 };
 
-TEST_F(Keeper, SendsADateBeforeItTakesANameOutAndTellsNothingThatIsKnown) {
+TEST_F(Keeper, SendsOnlyTheDifference) {
   const HeldNames none, held{{"a", "b"}, {}, {}}, suspended{{"b"}, {{"a", at(9)}}, at(9)};
   const HeldNames later{{"b", "c"}, {{"a", at(10)}}, at(10)}, left{{"c"}, {}, {}};
   const struct {
+    const char* description;
     const HeldNames &before, &after;
     const char* sent;
     uint64_t edits;
   } kCases[] = {
-      {none, held, "add a, add b", 2},
-      {held, held, "", 0},
-      {held, suspended, "date 9 a, remove a", 2},
-      {suspended, later, "date 10 a, add c", 2},
-      {suspended, held, "add a", 1},
-      {later, left, "remove b", 1},
+      {"new names", none, held, "add a, add b", 2},
+      {"no change", held, held, "", 0},
+      {"suspension: the date while the name is held", held, suspended, "date 9 a, remove a", 2},
+      {"longer suspension", suspended, later, "date 10 a, add c", 2},
+      {"end of a suspension", suspended, held, "add a", 1},
+      {"removed names, one of them suspended", later, left, "remove b", 1},
   };
   FakeClient client;
   for (const auto& c : kCases) {
     extension = {};
-    EXPECT_EQ(send_difference(client, c.before, c.after), c.edits);
-    EXPECT_EQ(extension.log, c.sent);
+    EXPECT_EQ(send_difference(client, c.before, c.after), c.edits) << c.description;
+    EXPECT_EQ(extension.log, c.sent) << c.description;
   }
-  HeldNames many;
-  for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
-  extension = {};
-  EXPECT_TRUE(needs_whole_list(none, many) && needs_whole_list(many, none));
+}
+
+TEST_F(Keeper, SendsTheWholeListWhenTooManyNamesDiffer) {
+  const HeldNames none;
+  HeldNames many = many_names();
+  EXPECT_TRUE(needs_whole_list(none, many));
+  EXPECT_TRUE(needs_whole_list(many, none));
   many.names.pop_back();
   EXPECT_FALSE(needs_whole_list(none, many));
 }
 
-TEST_F(Keeper, EndsTheSuspensionsThatHavePassedAndNoOthers) {
+TEST_F(Keeper, HoldsNamesWhoseSuspensionHasEnded) {
   HeldNames list{{"b", "d"}, {{"a", at(5)}, {"c", at(5)}, {"e", at(6)}, {"f", at(9)}}, at(5)};
   end_suspensions(list, at(4));
   EXPECT_EQ(list.suspended.size(), 4U);
@@ -131,89 +144,114 @@ TEST_F(Keeper, EndsTheSuspensionsThatHavePassedAndNoOthers) {
   EXPECT_EQ(list.nextChange, std::nullopt);
 }
 
-TEST_F(Keeper, SendsEverythingToANewExtensionAndAfterWhatFailed) {
-  KeeperState state;
-  ExtensionLink link({}, state);
-  const HeldNames one{{"a"}, {}, {}}, two{{"a", "b"}, {}, {}};
-  state.listVersion = "1";
-  extension.changes = 7;
-  link.attend(&one);
-  EXPECT_TRUE(state.connected);
-  extension.held.insert("of others");
+// An ExtensionLink over which the extension has received one name.
+class Link : public Keeper {
+ protected:
+  Link() {
+    state_.listVersion = "1";
+    extension.changes = 7;
+    link_.attend(&one_);
+  }
+  const HeldNames one_{{"a"}, {}, {}}, two_{{"a", "b"}, {}, {}};
+  KeeperState state_;
+  ExtensionLink link_{{}, state_};
+};
+
+TEST_F(Link, KeepsAndCountsOtherClientsEdits) {
+  extension.held.insert("added by another client");
   ++extension.changes;
-  link.update(&one, two);
+  link_.update(&one_, two_);
   EXPECT_EQ(extension.log, "set 1, add b");
-  EXPECT_EQ(state.changesOfOthers, 1U);
-  EXPECT_EQ(state.sentNames, 2U);
-
-  // Too much for one message: the connection stands, and what there is to send next is everything.
-  extension.mostNames = 2;
-  state.listVersion = "2";
-  HeldNames many;
-  for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
-  link.update(&two, many);
-  EXPECT_TRUE(state.connected);
-  EXPECT_EQ(state.extensionError, "too large");
-  EXPECT_EQ(state.sentVersion, "1");
-  state.listVersion = "3";
-  link.update(&many, two);
-  EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
-  EXPECT_EQ(state.sentVersion, "3");
-  EXPECT_EQ(state.extensionError, std::nullopt);
-
-  // It ends in the middle of a change, and another one comes.
-  extension.isThere = false;
-  link.update(&two, one);
-  EXPECT_FALSE(state.connected);
-  EXPECT_EQ(state.sentVersion, std::nullopt);
-  EXPECT_EQ(state.extensionError, "gone");
-  extension = {};
-  link.attend(&one);
-  EXPECT_EQ(extension.log, "set 1");
-  EXPECT_EQ(state.changesOfOthers, 0U);
+  EXPECT_EQ(extension.held.size(), 3U);
+  EXPECT_EQ(state_.changesOfOthers, 1U);
+  EXPECT_EQ(state_.sentNames, 2U);
 }
 
-TEST_F(Keeper, TellsItsStateToWhoeverAsksAndOnlyWhileItLives) {
-  KeeperState state;
-  state.listPath = path("list");
-  state.listVersion = state.sentVersion.emplace("v");
-  state.suspended = {{"a.example", at(3)}};
-  state.connected = true;
-  state.changesOfOthers = 3;
-  EXPECT_FALSE(read_keeper_state(path("state")));
-  std::optional<Descriptor> lock = lock_keeper_state(path("state"));
-  EXPECT_FALSE(lock_keeper_state(path("state"))) << "two keepers";
-  write_keeper_state(path("state"), state);
-  EXPECT_EQ(to_json(read_keeper_state(path("state")).value()), to_json(state));
+TEST_F(Link, SendsTheWholeListAfterOneThatWasTooLarge) {
+  extension.mostNames = 2;
+  state_.listVersion = "2";
+  const HeldNames many = many_names();
+  link_.update(&one_, many);
+  EXPECT_TRUE(state_.connected);
+  EXPECT_EQ(state_.extensionError, "too large");
+  EXPECT_EQ(state_.sentVersion, "1");
+  state_.listVersion = "3";
+  link_.update(&many, two_);
+  EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
+  EXPECT_EQ(state_.sentVersion, "3");
+  EXPECT_EQ(state_.extensionError, std::nullopt);
+}
 
-  using namespace std::chrono_literals;
-  EXPECT_EQ(wait_until_in_force(path("state"), "v", 0ms), InForce::Yes);
-  EXPECT_EQ(wait_until_in_force(path("state"), "w", 20ms), InForce::TimedOut);
-  // A later version than the one that is waited for does as well.
+TEST_F(Link, SendsTheWholeListToARestartedExtension) {
+  ++extension.changes;  // by another client of the extension that ends
+  extension.isRunning = false;
+  link_.update(&one_, two_);
+  EXPECT_FALSE(state_.connected);
+  EXPECT_EQ(state_.sentVersion, std::nullopt);
+  EXPECT_EQ(state_.extensionError, "gone");
+  extension = {};
+  link_.attend(&two_);
+  EXPECT_EQ(extension.log, "set 2");
+  EXPECT_EQ(state_.changesOfOthers, 0U);
+}
+
+// The lock of a running keeper, and its state.
+class StateFile : public Keeper {
+ protected:
+  StateFile() {
+    state_.listPath = path("list");
+    state_.listVersion = state_.sentVersion.emplace("v");
+    state_.suspended = {{"a.example", at(3)}};
+    state_.connected = true;
+    state_.changesOfOthers = 3;
+  }
+  void publish() { write_keeper_state(path("state"), state_); }
+  InForce wait(const std::string& version, std::chrono::milliseconds timeout) {
+    return wait_until_in_force(path("state"), version, timeout);
+  }
+  Descriptor lock_ = lock_keeper_state(path("state"));
+  KeeperState state_;
+};
+
+TEST_F(StateFile, CountsOnlyWhileItsKeeperRuns) {
+  EXPECT_FALSE(read_keeper_state(path("state")));
+  EXPECT_FALSE(lock_keeper_state(path("state"))) << "two keepers";
+  publish();
+  EXPECT_EQ(to_json(read_keeper_state(path("state")).value()), to_json(state_));
+  lock_ = Descriptor();
+  EXPECT_FALSE(read_keeper_state(path("state")));
+  EXPECT_EQ(wait("v", 10s), InForce::NoKeeper);
+}
+
+TEST_F(StateFile, TellsWhenAVersionIsInForce) {
+  publish();
+  EXPECT_EQ(wait("v", 0ms), InForce::Yes);
+  EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
+  // A later version of the list than the one that is waited for.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);
-    state.listVersion = state.sentVersion.emplace(list_version(path("list")));
-    write_keeper_state(path("state"), state);
+    state_.listVersion = state_.sentVersion.emplace(list_version(path("list")));
+    publish();
   });
-  EXPECT_EQ(wait_until_in_force(path("state"), "w", 10s), InForce::Yes);
+  EXPECT_EQ(wait("w", 10s), InForce::Yes);
   keeper.join();
-  state.sentVersion.reset();
-  state.connected = false;
-  write_keeper_state(path("state"), state);
-  EXPECT_EQ(wait_until_in_force(path("state"), state.listVersion, 10s), InForce::NoExtension);
+  state_.sentVersion.reset();
+  state_.connected = false;
+  publish();
+  EXPECT_EQ(wait(state_.listVersion, 10s), InForce::NoExtension);
+}
 
+TEST_F(StateFile, IsRejectedWhenInvalid) {
   for (const char* text : {"", "[]", "{}", R"({"list": {"suspended": 1}, "extension": {}})",
                            R"({"list": {"suspended": []}, "extension": 1})",
                            R"({"list": {"suspended": [], "names": "x"}, "extension": {}})"}) {
     std::ofstream(path("state")) << text;
     EXPECT_THROW(read_keeper_state(path("state")), FileError) << text;
   }
-  lock.reset();
-  EXPECT_EQ(wait_until_in_force(path("state"), "v", 10s), InForce::NoKeeper) << "of a keeper that has ended";
 }
 
-TEST_F(Keeper, TryTellsWhatBefallsAHostAndWhy) {
+TEST_F(Keeper, TryGivesVerdictWithReason) {
   std::ofstream(path("list"))
       << "a.example\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n";
   KeeperState state;
@@ -242,7 +280,7 @@ TEST_F(Keeper, TryTellsWhatBefallsAHostAndWhy) {
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");
   state.connected = false;
-  extension.isThere = false;
+  extension.isRunning = false;
   check("a.example", "not blocked", "nothing is blocked");
   lock = Descriptor();
   check("a.example", "unknown", "no keeper runs");

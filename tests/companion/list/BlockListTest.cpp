@@ -15,7 +15,7 @@ std::string joined(const std::vector<std::string>& names) {
   return text;
 }
 
-TEST(BlockList, BlocksNoOtherNamesThanTheSitesOwn) {
+TEST(BlockList, BlocksASiteUnderItsUsualNames) {
   const std::pair<const char*, const char*> kCases[] = {
       {"example.com", "example.com www.example.com m.example.com"},
       {"www.example.com", "example.com www.example.com m.example.com"},
@@ -32,14 +32,13 @@ TEST(BlockList, BlocksNoOtherNamesThanTheSitesOwn) {
     ASSERT_EQ(list.size(), 1U) << line;
     EXPECT_EQ(joined(names_of(list.sites()[0])), names) << line;
     for (const std::string& name : names_of(list.sites()[0])) EXPECT_NE(list.find(name), nullptr) << name;
-    // What is written is read as the same.
     BlockList copy;
     copy.put(list.sites()[0]);
-    EXPECT_EQ(BlockList::parse(copy.text()).sites(), list.sites()) << line;
+    EXPECT_EQ(BlockList::parse(copy.text()).sites(), list.sites()) << "written and read: " << line;
   }
 }
 
-TEST(BlockList, KeepsWhatPeopleWroteWhenItIsChanged) {
+TEST(BlockList, KeepsHandwrittenLines) {
   const std::string text =
       "\xef\xbb\xbf# Mine\r\n\r\nExample.com  # the worst\none.example\nno good\none.example only # twice\n"
       "a.example until=never\n192.0.2.1\nlast.example";
@@ -48,12 +47,12 @@ TEST(BlockList, KeepsWhatPeopleWroteWhenItIsChanged) {
   std::map<size_t, std::string> bad;
   for (const auto& line : list.badLines()) bad[line.line] = line.text;
   EXPECT_EQ(bad, (std::map<size_t, std::string>{{5, "no good"}, {7, "a.example until=never"}, {8, "192.0.2.1"}}));
-  EXPECT_FALSE(list.find("one.example")->usualNames) << "the later line counts";
+  EXPECT_FALSE(list.find("one.example")->usualNames) << "the last line counts";
 
   EXPECT_FALSE(list.put({"example.com", true, {}}));
   EXPECT_TRUE(list.put({"www.example.com", true, at(60)}));
   EXPECT_TRUE(list.remove("one.example"));
-  EXPECT_EQ(list.find("one.example"), nullptr) << "the line before counts again";
+  EXPECT_EQ(list.find("one.example"), nullptr) << "the earlier line counts again";
   EXPECT_FALSE(list.remove("one.example"));
   EXPECT_TRUE(list.put({"new.example", false, {}}));
   EXPECT_EQ(list.text(),
@@ -61,7 +60,7 @@ TEST(BlockList, KeepsWhatPeopleWroteWhenItIsChanged) {
             "a.example until=never\n192.0.2.1\nlast.example\nnew.example only\n");
 }
 
-TEST(BlockList, HoldsANameThatOneOfTwoSitesStillBlocks) {
+TEST(BlockList, HoldsANameUntilAllItsSitesAreSuspended) {
   BlockList list;
   list.put({"example.com", true, at(100)});
   list.put({"www.example.com", false, {}});

@@ -48,7 +48,7 @@ class ListFile : public testing::Test {
   std::string folder_, path_;
 };
 
-// Runs `act` in a process of its own, which ends with what that returns.
+// Runs `act` in a child process, whose exit code is the result.
 pid_t fork_to(const std::function<int()>& act) {
   pid_t child = fork();
   if (child != 0) return child;
@@ -59,14 +59,14 @@ pid_t fork_to(const std::function<int()>& act) {
   }
 }
 
-int end_of(pid_t child) {
+int exit_code_of(pid_t child) {
   int status = 0;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs `act`, traced, and kills it at the n-th stop, of which each system call has two. Adds the calls' numbers to
-// `calls`. True when it was killed; false when it ended before.
+// Runs `act` in a traced child and kills it at the n-th stop; each system call has two stops. Appends the calls'
+// numbers to `calls`. Returns false if the child ended before the n-th stop.
 bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64_t>& calls) {
   pid_t child = fork_to([&] {
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) return 77;
@@ -91,7 +91,7 @@ bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64
   return true;
 }
 
-TEST_F(ListFile, IsTheOldOneOrTheNewOneWhereverAWriteIsKilled) {
+TEST_F(ListFile, IsWholeWhereverAWriteIsKilled) {
   const std::string old = "# mine\nold.example\n", changed = old + "new.example\n";
   size_t outcomes[2] = {0, 0};
   std::vector<uint64_t> calls;
@@ -109,7 +109,7 @@ TEST_F(ListFile, IsTheOldOneOrTheNewOneWhereverAWriteIsKilled) {
     ++outcomes[text() == changed ? 1 : 0];
     put("next.example");
     EXPECT_NE(BlockList::parse(text()).find("next.example"), nullptr);
-    EXPECT_EQ(files(), 1U) << "left behind by what was killed at stop " << n;
+    EXPECT_EQ(files(), 1U) << "left behind after the kill at stop " << n;
   }
   EXPECT_GT(outcomes[0], 10U);
   EXPECT_GT(outcomes[1], 1U);
@@ -120,7 +120,7 @@ TEST_F(ListFile, IsTheOldOneOrTheNewOneWhereverAWriteIsKilled) {
   EXPECT_EQ(order, (std::vector<uint64_t>{SYS_fsync, SYS_renameat, SYS_fsync})) << "the new file, then the folder";
 }
 
-TEST_F(ListFile, LosesNothingOfSeveralWriters) {
+TEST_F(ListFile, KeepsEveryEditOfSeveralWriters) {
   constexpr int kWriters = 4, kEdits = 25;
   std::vector<pid_t> writers;
   for (int writer = 0; writer < kWriters; ++writer) {
@@ -129,11 +129,11 @@ TEST_F(ListFile, LosesNothingOfSeveralWriters) {
       return 0;
     }));
   }
-  for (pid_t writer : writers) EXPECT_EQ(end_of(writer), 0);
+  for (pid_t writer : writers) EXPECT_EQ(exit_code_of(writer), 0);
   EXPECT_EQ(read_list(path_).list.size(), size_t{kWriters} * kEdits);
 }
 
-TEST_F(ListFile, KeepsWhatIsSavedByHandMeanwhile) {
+TEST_F(ListFile, EditsTheVersionSavedMeanwhile) {
   write("old.example\n");
   int calls = 0;
   edit_list(path_, [&](BlockList& list) {
@@ -144,9 +144,9 @@ TEST_F(ListFile, KeepsWhatIsSavedByHandMeanwhile) {
   EXPECT_EQ(calls, 2);
 }
 
-TEST_F(ListFile, IsLeftAloneOnAFullDisk) {
+TEST_F(ListFile, StaysUnchangedOnAFullDisk) {
   constexpr int kSkipped = 77;
-  int end = end_of(fork_to([&] {
+  const int code = exit_code_of(fork_to([&] {
     const std::string user = "0 " + std::to_string(getuid()) + " 1", group = "0 " + std::to_string(getgid()) + " 1";
     if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return kSkipped;
     std::ofstream("/proc/self/setgroups") << "deny";
@@ -166,42 +166,54 @@ TEST_F(ListFile, IsLeftAloneOnAFullDisk) {
     }
     return text() == before && files() == 1 ? 0 : 3;
   }));
-  if (end == kSkipped) GTEST_SKIP() << "needs a user namespace that may mount";
-  EXPECT_EQ(end, 0);
+  if (code == kSkipped) GTEST_SKIP() << "needs a user namespace that may mount";
+  EXPECT_EQ(code, 0);
 }
 
-TEST_F(ListFile, RefusesWhatIsNoListAndKeepsItsMode) {
+TEST_F(ListFile, HasANewVersionAfterEachChange) {
   EXPECT_EQ(read_list(path_).version, "");
-  const ListVersion first = put("a.example");
-  struct stat status {};
-  ASSERT_EQ(stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0660U);
-  chmod(path_.c_str(), 06750);
-  const ListVersion second = put("b.example");
-  ASSERT_EQ(stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0640U) << "a program of whoever put it there";
+  const ListVersion first = put("a.example"), second = put("b.example");
   EXPECT_NE(first, second);
   EXPECT_EQ(read_list(path_).version, second);
-  EXPECT_EQ(put("b.example"), second) << "written though nothing was new";
+  EXPECT_EQ(put("b.example"), second) << "nothing changed";
+}
 
-  chmod(path_.c_str(), 0600);
-  chmod(folder_.c_str(), 02770);
-  put("mine.example");
-  ASSERT_EQ(stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0660U) << "the group is shut out by a member's umask";
+TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
+  const struct {
+    const char* description;
+    mode_t folder, before, after;
+  } kCases[] = {
+      {"new file", 0700, 0, 0660},
+      {"no program for others to run", 0700, 06750, 0640},
+      {"the group's, whatever a member's umask is", 02770, 0600, 0660},
+  };
+  for (const auto& c : kCases) {
+    chmod(folder_.c_str(), c.folder);
+    if (c.before != 0) chmod(path_.c_str(), c.before);
+    put(std::string("a") + std::to_string(c.before) + ".example");
+    struct stat status {};
+    ASSERT_EQ(stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, c.after) << c.description;
+  }
+}
 
-  // Who may write to the folder must not have root read for them.
-  fs::rename(path_, folder_ + "/secret");
-  fs::create_hard_link(folder_ + "/secret", path_);
-  EXPECT_THROW(put("c.example"), FileError);
-  fs::remove(path_);
-  fs::create_symlink("secret", path_);
-  EXPECT_THROW(put("c.example"), FileError);
-  EXPECT_THROW(read_list(path_), FileError);
-  fs::remove(path_);
-  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
-  EXPECT_THROW(read_list(path_), FileError) << "and is not waited for";
-  EXPECT_THROW(read_list(folder_ + "/none/list"), FileError);
+// Otherwise a member of the group could have root read a file for them.
+TEST_F(ListFile, RejectsAnythingButAPlainFile) {
+  const std::string secret = folder_ + "/secret";
+  const std::pair<const char*, std::function<void()>> kCases[] = {
+      {"hard link", [&] { fs::create_hard_link(secret, path_); }},
+      {"symbolic link", [&] { fs::create_symlink(secret, path_); }},
+      {"folder", [&] { fs::create_directory(path_); }},
+      {"pipe, which must not be waited for", [&] { mkfifo(path_.c_str(), 0600); }},
+  };
+  std::ofstream(secret) << "secret.example\n";
+  for (const auto& [description, make] : kCases) {
+    make();
+    EXPECT_THROW(read_list(path_), FileError) << description;
+    EXPECT_THROW(put("a.example"), FileError) << description;
+    fs::remove(path_);
+  }
+  EXPECT_THROW(read_list(folder_ + "/missing/list"), FileError);
 }
 
 }  // namespace

@@ -7,7 +7,7 @@
 namespace orvane {
 namespace {
 
-// The sites as lines, then the numbers of the rejected lines.
+// The imported sites as lines, then the numbers of the rejected lines.
 std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {
@@ -18,31 +18,43 @@ std::string imported(std::string_view text, std::optional<bool> usualNames = {})
   return result + rejected;
 }
 
-TEST(ListImport, TakesFromEachLineWhatItMeansAndNothingElse) {
+TEST(ListImport, ReadsEachFormOfLine) {
   using namespace std::string_view_literals;
-  const std::pair<std::string_view, std::string_view> kCases[] = {
-      {"\xef\xbb\xbfwww.a.example\r\n# no\n\n  b.example\t# yes\r\n", "a.example;b.example;"},
-      {"0.0.0.0 www.a.example\tb.example#c.example\n::1 \t d.example",
+  const struct {
+    const char* description;
+    std::string_view text, expected;
+  } kCases[] = {
+      {"one name per line", "\xef\xbb\xbfwww.a.example\r\n# no\n\n  b.example\t# yes\r\n", "a.example;b.example;"},
+      {"hosts(5)", "0.0.0.0 www.a.example\tb.example#c.example\n::1 \t d.example",
        "www.a.example only;b.example only;d.example only;"},
-      {"127.0.0.1 localhost\n::1 ip6-localhost\n255.255.255.255 broadcasthost\nfe80::1%lo0 localhost\n0.0.0.0 0.0.0.0",
+      {"hosts(5), the machine's own names",
+       "127.0.0.1 localhost\n::1 ip6-localhost\n255.255.255.255 broadcasthost\nfe80::1%lo0 localhost\n0.0.0.0 0.0.0.0",
        ""},
-      {"192.0.2.7 nas.example\n127.0.1.1 me.example\n0.0.0.0 ok.example b*d", "ok.example only; !1 !2 !3"},
-      {"[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||c.example|\n##.x\n#@#.x",
+      {"hosts(5), other addresses", "192.0.2.7 nas.example\n127.0.1.1 me.example\n0.0.0.0 ok.example b*d",
+       "ok.example only; !1 !2 !3"},
+      {"filter list",
+       "[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||c.example|\n##.x\n#@#.x",
        "a.example;b.example;c.example; !6 !7"},
-      {"||a.example^$third-party\n@@||b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
+      {"filter list, other rules",
+       "||a.example^$third-party\n@@||b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
        " !1 !2 !3 !4 !5 !6 !7"},
-      {"##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
-      {"a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
+      {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
+      {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
        "a.example;b.example until=2030-01-01T00:00:00Z;"},
-      {"b\xc3\xbc"
+      {"invalid names",
+       "b\xc3\xbc"
        "cher.example\nb\xfc"
        "cher.example\n\0\n\x01\x02\na b.example\nhttp://c.example/"sv,
        "xn--bcher-kva.example; !2 !3 !4 !5 !6"},
   };
-  for (const auto& [text, result] : kCases) EXPECT_EQ(imported(text), result) << text;
+  for (const auto& c : kCases) EXPECT_EQ(imported(c.text), c.expected) << c.description;
+  EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
   EXPECT_EQ(imported("0.0.0.0 www.a.example\na.example", true), "a.example;");
   EXPECT_EQ(imported("www.a.example\n||b.example^", false), "www.a.example only;b.example only;");
-  EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
+}
+
+TEST(ListImport, RejectsOtherFileFormats) {
+  using namespace std::string_view_literals;
   for (std::string_view text : {"\x1f\x8b\x08"sv,
                                 "\xff\xfe"
                                 "a\0"sv,
@@ -50,7 +62,7 @@ TEST(ListImport, TakesFromEachLineWhatItMeansAndNothingElse) {
     EXPECT_THROW(imported(text), InputError) << text;
 }
 
-TEST(ListImport, LeavesASuspendedSiteSuspended) {
+TEST(ListImport, KeepsSuspensions) {
   BlockList list = BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\n");
   auto ignore = [](size_t, std::string_view, const std::string&) {};
   const ImportedSites sites =
