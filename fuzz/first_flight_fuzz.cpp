@@ -10,7 +10,7 @@ using namespace orvane;
 
 namespace {
 
-// One cell for each byte; the first to come stays.
+// One cell for each byte, which keeps its first value.
 struct Model {
   std::vector<std::optional<uint8_t>> cells = std::vector<std::optional<uint8_t>>(FirstFlight::kLimit);
   size_t empty = FirstFlight::kLimit;
@@ -32,7 +32,7 @@ struct Model {
   }
 };
 
-// Repeats after 256 bytes, at the earliest.
+// Repeats after 256 bytes.
 const auto kContents = [] {
   std::array<uint8_t, 65536 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
@@ -41,8 +41,8 @@ const auto kContents = [] {
 
 }  // namespace
 
-// Four bytes of a first sequence number, then segments: where (two bytes, from 8192 before the first on), and how long
-// (two bytes). Each segment has contents of its own, so that it shows whose bytes stay.
+// The input: four bytes of the first sequence number, then for each segment two bytes of its offset (8192 is the first
+// sequence number) and two bytes of its length. Each segment has other contents, which shows whose bytes stay.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> input(data, std::min<size_t>(size, 4 + 4 * 200));
   if (input.size() < 4) return 0;

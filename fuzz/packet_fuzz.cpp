@@ -7,8 +7,7 @@
 
 using namespace orvane;
 
-// A packet that is cut short in its payload must be read like the whole one, and one that is cut in its headers not at
-// all: what is read twice would else differ with where the queue cuts.
+// A packet with an incomplete payload must parse like the whole packet, and one with incomplete headers must not parse.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> bytes(data, size);
   auto whole = parse_packet(bytes, 7);
@@ -21,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (begin < 28 || begin > size || count > size - begin) abort();
 
   for (size_t length : {begin + count / 2, begin, begin - 1}) {
-    std::vector<uint8_t> exact(data, data + length);  // of just that size, so that a read beyond it is seen
+    std::vector<uint8_t> exact(data, data + length);  // exactly this size, so that the sanitizer sees a read beyond it
     auto cut = parse_packet(exact, 7);
     if (cut.has_value() != (length >= begin)) abort();
     if (!cut) continue;

@@ -3,8 +3,7 @@
 #include "platform/linux/flow/ServerName.h"
 #include "platform/linux/proxy/ProxyHead.h"
 
-// The first bytes of a client, as the proxy reads them: the head, what follows it as a body, and all of it as the first
-// bytes of a tunnel.
+// The first bytes from a client of the proxy: a head with a body, and the same bytes as the begin of a tunnel.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace orvane;
   std::span<const uint8_t> bytes(data, size);

@@ -1,12 +1,12 @@
 // The two ends of the network benchmark, on loopback addresses of a network namespace.
 //
-//   net_client serve PORT                         answers requests, one a connection, and swallows streams
-//   net_client load PORT COUNT CLIENTS PAUSE      prints the times of COUNT connections, made by CLIENTS at once, each
-//                                                 PAUSE milliseconds after the last
-//   net_client stream PORT MEBIBYTES              prints MiB/s of one long connection
+//   net_client serve PORT                         answers a request on each connection, or reads a stream
+//   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, each with PAUSE
+//                                                 milliseconds between its connections, and prints their times
+//   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //
-// A connection's time is that of connect, request and response. Prints one line of JSON. While it makes connections it
-// holds as many other files open as a browser does: whoever looks for a socket's owner has to look through them.
+// A connection's time is that of connect, request and response. The output is one line of JSON. The load client keeps
+// as many other files open as a browser does, because a search for a socket's owner goes through them.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -49,7 +49,7 @@ bool send_all(int socket, std::string_view bytes) {
   return true;
 }
 
-// Answers at the first bytes; a stream goes on after them, and is read to its end.
+// Answers a request, or reads a stream to its end.
 void answer(int socket) {
   static thread_local std::vector<char> buffer(1 << 18);
   ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);
@@ -89,7 +89,7 @@ int connect_to(uint16_t port, uint32_t host) {
   return -1;
 }
 
-// One connection. False when it was not answered.
+// Makes one connection. Returns false when it was not answered.
 bool fetch(uint16_t port, uint32_t host) {
   int client = connect_to(port, host);
   if (client < 0) return false;
