@@ -18,7 +18,8 @@ std::string find_program(const std::string& program, std::span<const std::string
   if (program.starts_with('/')) return program;
   if (program.empty() || program.find('/') != std::string::npos) return {};
   for (const std::string& folder : folders) {
-    std::string path = folder + '/' + program;
+    std::string path = folder;
+    path.append("/").append(program);
     if (::access(path.c_str(), X_OK) == 0) return path;
   }
   return {};
