@@ -151,8 +151,8 @@ Jumps find_jumps(std::string_view rules) {
   const SavedTables tables = parse_saved_tables(rules);
   Jumps jumps;
   for (const SavedTable* table : {&tables.filter, &tables.mangle}) {
-    jumps.present += std::count(table->jumps.begin(), table->jumps.end(), kJump) > 0 ? 1 : 0;
-    jumps.first += table->startsWithJump ? 1 : 0;
+    jumps.present += std::count(table->jumps.begin(), table->jumps.end(), jump_from("OUTPUT")) > 0 ? 1 : 0;
+    jumps.first += std::count(table->chainsWithJump.begin(), table->chainsWithJump.end(), "OUTPUT") > 0 ? 1 : 0;
   }
   return jumps;
 }

@@ -51,6 +51,8 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int 
             return outcome(connection)
     except ConnectionRefusedError:
         return "refused"
+    except ConnectionResetError:
+        return DROP  # before all pieces were sent
 
 
 def wait_until(condition, what: str, seconds: float) -> None:

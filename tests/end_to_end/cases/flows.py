@@ -2,17 +2,19 @@
 
 import collections
 import concurrent.futures
+import contextlib
 import pathlib
 import shutil
 import socket
 import ssl
 import struct
 import subprocess
+import threading
 import time
 
 import name_server
 import programs
-from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
+from first_bytes import SERVED, FirstBytesServer, allow_many_descriptors, hello, request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, outcome
 
 
@@ -30,6 +32,81 @@ def ReadsNamesSplitIntoTenSegments(world: World):
         for port in (80, 443):
             for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
                 check(connect(name, port=port, pieces=10), expected, f"{name} on port {port}")
+
+
+class RecordingServer:
+    """Keeps what arrives on each connection, and answers it once with SERVED: at the first bytes, or at the last."""
+
+    def __init__(self, port: int, last: bytes = b""):
+        self.address, self._last, self.received = ("127.0.0.3", port), last, [b""]
+        self._listener = socket.create_server(self.address, reuse_port=True)
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self) -> None:
+        while True:
+            connection, _ = self._listener.accept()
+            self.received.append(b"")
+            threading.Thread(target=self._read, args=(connection, len(self.received) - 1), daemon=True).start()
+
+    def _read(self, connection: socket.socket, number: int) -> None:
+        answered = False
+        with connection, contextlib.suppress(ConnectionError):
+            while data := connection.recv(1 << 20):
+                self.received[number] += data
+                if not answered and self.received[number].endswith(self._last):
+                    connection.sendall(SERVED)
+                    answered = True
+
+    def send(self, *pieces: bytes) -> tuple[str, list[str]]:
+        """The outcome of a connection that sends these pieces, and what the client saw behind each but the last."""
+        seen = []
+        with contextlib.suppress(ConnectionResetError), socket.create_connection(self.address, 20) as connection:
+            for piece in pieces[:-1]:
+                connection.sendall(piece)
+                connection.settimeout(0.3)
+                seen.append(outcome(connection))
+            connection.settimeout(20)
+            connection.sendall(pieces[-1])
+            return outcome(connection), seen
+        return DROP, seen
+
+
+def ReadsNamesInEverySpelling(world: World):
+    """A page can have a browser ask for a name in capitals, or with the dot of the DNS root behind it."""
+    plain, secure = RecordingServer(80), RecordingServer(443)
+    with world.extension(PYTHON) as extension:
+        extension.hold(HELD, "held.exampl")
+        for spelling in ("HELD.example", "held.example.", "Held.Example."):
+            check(plain.send(request(spelling))[0], DROP, f"Host: {spelling}")
+        for spelling in (b"HELD.example", b"held.exampl."):  # Python's own TLS would take the dot away
+            check(secure.send(hello(HELD).replace(HELD.encode(), spelling))[0], DROP, f"a hello for {spelling}")
+
+
+def ReadsNamesInRequestHeadsOfAnyLength(world: World):
+    server = RecordingServer(80, b"\r\n\r\n")
+    with world.filtering(PYTHON):
+        for kilobytes in (17, 64, 256):
+            filler = b"x" * (kilobytes << 10)
+            for what, head in (("URL", b"GET /?%s HTTP/1.1\r\n"), ("cookie", b"GET / HTTP/1.1\r\nCookie: %s\r\n")):
+                for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
+                    text = head % filler + f"Host: {name}\r\n\r\n".encode()
+                    check(server.send(text)[0], expected, f"{name} with a {what} of {kilobytes} KiB")
+                    whole = server.received[-1] == text
+                    check(whole, expected == ALLOW, f"the whole request for {name} arrives")
+                    check(HELD.encode() in server.received[-1], False, "the held name arrives")
+
+
+def HoldsEarlyAnswersBackUntilTheNameIsKnown(world: World):
+    """A server may answer half a request, and a browser would show the answer."""
+    server = RecordingServer(80)
+    for browser, name, expected in (
+        (PYTHON, HELD, (DROP, ["silence"])),
+        (PYTHON, NEWS, (ALLOW, ["silence"])),
+        ("another program", HELD, (ALLOW, [ALLOW])),
+    ):
+        with world.filtering(browser):
+            begin, end = request(name)[:24], request(name)[24:]
+            check(server.send(begin, end + b"more"), expected, f"a server that answers {begin} for {name}")
 
 
 def DistinguishesNamesOnOneAddress(world: World):

@@ -14,7 +14,8 @@ void count(FlowCounters::Count& counter) { counter.fetch_add(1, std::memory_orde
 FilterSession::FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow)
     : provider_(std::move(provider)), flow_(std::move(flow)) {}
 
-FilterSession::State FilterSession::newFlow() {
+FilterSession::State FilterSession::newFlow(uint64_t passed) {
+  offset_ = passed;
   count(flow_counters().flows);
   if (flow_->sourceAppAuditToken().isNil()) count(flow_counters().unknownOwners);
   NEFilterNewFlowVerdict verdict = provider_->handleNewFlow(*flow_);
@@ -44,6 +45,12 @@ FilterSession::State FilterSession::outboundData(std::span<const uint8_t> bytes)
 FilterSession::State FilterSession::outboundComplete() {
   if (state_ != State::Examining) return state_;
   return settle(provider_->handleOutboundDataCompleteForFlow(*flow_));
+}
+
+FilterSession::State FilterSession::refuse() {
+  if (state_ != State::Examining) return state_;
+  count(flow_counters().droppedByData);
+  return state_ = State::Dropped;
 }
 
 FilterSession::State FilterSession::settle(const NEFilterDataVerdict& verdict) {

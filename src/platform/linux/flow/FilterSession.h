@@ -25,8 +25,9 @@ class FilterSession {
 
   FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow);
 
-  // Shows the flow to the provider. Call it once, before the other functions.
-  State newFlow();
+  // Shows the flow to the provider. Call it once, before the other functions. `passed`: outbound bytes that left
+  // before.
+  State newFlow(uint64_t passed = 0);
 
   // Shows the next outbound bytes, up to the peek count. Every data verdict is final, so the first bytes that the
   // provider sees settle the flow.
@@ -34,6 +35,9 @@ class FilterSession {
 
   // The outbound side has ended: settles the flow.
   State outboundComplete();
+
+  // Drops a flow that the provider wants to see more of: nobody will show it more.
+  State refuse();
 
   State state() const { return state_; }
 

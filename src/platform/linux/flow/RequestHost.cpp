@@ -4,10 +4,26 @@
 #include <boost/url/authority_view.hpp>
 #include <boost/url/parse.hpp>
 #include <cctype>
+#include <iterator>
+#include <utility>
 
 namespace orvane {
 
 namespace http = boost::beast::http;
+
+namespace {
+
+constexpr size_t kMethodLimit = 31;
+constexpr size_t kHostFieldLimit = 512;  // longer than any host name with a port
+constexpr std::string_view kHostField = "host:";
+constexpr std::string_view kVersion = " HTTP/1.";  // with one digit behind it, the end of a request line
+constexpr size_t kVersionLength = kVersion.size() + 1;
+
+bool is_method_character(unsigned char c) { return std::isalnum(c) || c == '-'; }
+
+char lower_case(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+}  // namespace
 
 bool may_be_request(std::string_view bytes) {
   std::string_view method = bytes.substr(0, std::min<size_t>(bytes.find(' '), 32));
@@ -52,24 +68,90 @@ std::optional<Authority> parse_authority(std::string_view text) {
   return authority;
 }
 
-std::optional<std::string> parse_request_host(std::string_view bytes, bool& open) {
-  open = false;
-  if (!may_be_request(bytes)) return std::nullopt;
-  // The first line decides between HTTP and other protocols that begin with letters (SMTP): their servers must answer
-  // that line before the client sends more.
-  size_t line = bytes.find("\r\n");
-  if (line != std::string_view::npos && bytes.substr(0, line).find(" HTTP/1.") == std::string_view::npos) {
-    return std::nullopt;
+RequestHostReader::State RequestHostReader::read(std::string_view bytes) {
+  while (state_ == State::Open && !bytes.empty()) {
+    // Lines are long (URLs, cookies) and most are skipped, so they are taken in pieces.
+    const size_t end = bytes.find('\n');
+    const std::string_view piece = bytes.substr(0, end);
+    bytes.remove_prefix(end == std::string_view::npos ? bytes.size() : end + 1);
+    read_ += piece.size() + (end == std::string_view::npos ? 0 : 1);
+    state_ = readPiece(piece);
+    if (state_ == State::Open && end != std::string_view::npos) state_ = finishLine();
+    if (state_ == State::Open && read_ > kLimit) state_ = State::Unknown;
   }
-  RequestParser parser;
-  boost::beast::error_code error;
-  parse_request_head(parser, bytes, error);
-  open = error == http::error::need_more;
-  if (error) return std::nullopt;
-  auto field = parser.get()[http::field::host];
-  auto authority = parse_authority({field.data(), field.size()});
-  if (!authority) return std::nullopt;
-  return std::move(authority->host);
+  return state_;
+}
+
+// Takes a piece of the current line.
+RequestHostReader::State RequestHostReader::readPiece(std::string_view piece) {
+  if (part_ == Part::Method) {
+    const size_t space = piece.find(' ');
+    kept_ += piece.substr(0, std::min(space, kMethodLimit + 1));
+    if (kept_.size() > kMethodLimit || !std::all_of(kept_.begin(), kept_.end(), is_method_character)) {
+      return State::Unknown;
+    }
+    if (space == std::string_view::npos) return State::Open;
+    if (kept_.empty()) return State::Unknown;
+    kept_.clear();
+    part_ = Part::Target;
+    piece.remove_prefix(space);
+  }
+  if (part_ == Part::Target) {
+    // Only the version at the end of the request line matters, and a carriage return behind it.
+    constexpr size_t kEnd = kVersionLength + 1;
+    kept_ += piece.substr(piece.size() - std::min(piece.size(), kEnd));
+    if (kept_.size() > kEnd) kept_.erase(0, kept_.size() - kEnd);
+  }
+  if (part_ == Part::FieldName) {
+    const size_t taken = std::min(piece.size(), kHostField.size() - kept_.size());
+    std::transform(piece.begin(), piece.begin() + static_cast<ptrdiff_t>(taken), std::back_inserter(kept_), lower_case);
+    piece.remove_prefix(taken);
+    if (kept_.size() == kHostField.size()) {
+      part_ = kept_ == kHostField ? Part::HostField : Part::OtherField;
+      kept_.clear();
+    }
+  }
+  if (part_ == Part::HostField) {
+    kept_ += piece.substr(0, kHostFieldLimit + 1);
+    if (kept_.size() > kHostFieldLimit) return State::Unknown;
+  }
+  return State::Open;
+}
+
+RequestHostReader::State RequestHostReader::finishLine() {
+  if (kept_.ends_with('\r')) kept_.pop_back();
+  switch (part_) {
+    case Part::Method:
+      return State::Unknown;
+    case Part::Target:
+      // The request line tells HTTP from other protocols that begin with a word (SMTP): their servers answer that line
+      // before the client sends more.
+      if (kept_.size() < kVersionLength || !kept_.substr(kept_.size() - kVersionLength).starts_with(kVersion)) {
+        return State::Unknown;
+      }
+      break;
+    case Part::FieldName:
+      if (kept_.empty()) return State::Unknown;  // the end of the head
+      break;
+    case Part::OtherField:
+      break;
+    case Part::HostField:
+      return takeHost();
+  }
+  kept_.clear();
+  part_ = Part::FieldName;
+  return State::Open;
+}
+
+RequestHostReader::State RequestHostReader::takeHost() {
+  std::string_view field = kept_;
+  constexpr std::string_view kSpace = " \t";
+  field.remove_prefix(std::min(field.find_first_not_of(kSpace), field.size()));
+  field = field.substr(0, field.find_last_not_of(kSpace) + 1);
+  auto authority = parse_authority(field);
+  if (!authority) return State::Unknown;
+  name_ = std::move(authority->host);
+  return State::Known;
 }
 
 }  // namespace orvane

@@ -34,8 +34,38 @@ struct Authority {
 // Returns nothing for an authority with user information, port 0, or no host.
 std::optional<Authority> parse_authority(std::string_view text);
 
-// The host name, without a port, in the Host field of a request head to an origin server. Sets `open` when the head is
-// incomplete and more bytes can complete it.
-std::optional<std::string> parse_request_host(std::string_view bytes, bool& open);
+// Reads the host name, without a port, from the Host field of a request head to an origin server (RFC 9112, section
+// 3.2), as its bytes arrive. The name is known at the end of the field's line. Keeps less than a kilobyte, whatever the
+// length of the head. Not thread-safe.
+class RequestHostReader {
+ public:
+  enum class State {
+    Open,     // more bytes can give the name
+    Known,    // name() is complete
+    Unknown,  // no further byte can give it: no HTTP/1 request, a head without a host, or one that is too long
+  };
+
+  // As many bytes of a head are read: more than any browser sends, whose URLs end at 2 MiB.
+  static constexpr size_t kLimit = size_t{4} << 20;
+
+  // Takes the next bytes of the connection, from its first one on. Lines may end in LF alone, as servers accept it.
+  State read(std::string_view bytes);
+
+  // In the client's spelling; an IPv6 address without its brackets.
+  const std::string& name() const { return name_; }
+
+ private:
+  enum class Part { Method, Target, FieldName, OtherField, HostField };
+
+  State readPiece(std::string_view piece);
+  State finishLine();
+  State takeHost();
+
+  State state_ = State::Open;
+  Part part_ = Part::Method;
+  size_t read_ = 0;
+  std::string kept_;  // of the current part: the method, the end of the request line, a field's name, the host
+  std::string name_;
+};
 
 }  // namespace orvane

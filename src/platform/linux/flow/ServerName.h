@@ -1,29 +1,37 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
+#include <variant>
+
+#include "platform/linux/flow/ClientHello.h"
+#include "platform/linux/flow/RequestHost.h"
 
 namespace orvane {
 
-// The number of a connection's first bytes that can give its name.
-inline constexpr size_t kServerNameLimit = 16384;
-
-// The server name in a connection's first outbound bytes: in a TLS ClientHello (RFC 6066, section 3) or in the Host
-// field of an HTTP/1 request.
-struct ServerName {
+// Reads the name of the server that a client asks for from the first outbound bytes of its connection: the server name
+// of a TLS ClientHello, or the Host field of an HTTP/1 request. Each byte is looked at once. Not thread-safe.
+class ServerNameReader {
+ public:
   enum class State {
-    Open,     // more bytes are needed
-    Known,    // `name` is as the client wrote it
-    Unknown,  // there is no name, whatever follows
+    Open,     // more bytes can give the name
+    Known,    // name() is complete
+    Unknown,  // no further byte can give it
   };
 
-  State state;
-  std::string name{};
-};
+  // Takes the next bytes of the connection, from its first one on.
+  State read(std::span<const uint8_t> bytes);
 
-// Finds the name in all first bytes so far. TLS records may split the ClientHello anywhere.
-ServerName find_server_name(std::span<const uint8_t> firstBytes);
+  State state() const { return state_; }
+
+  // In the form in which names are listed (HostName.h). Empty unless it is known.
+  const std::string& name() const { return name_; }
+
+ private:
+  State state_ = State::Open;
+  std::variant<std::monostate, ClientHelloReader, RequestHostReader> reader_;
+  std::string name_;
+};
 
 }  // namespace orvane

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/linux/base/HostName.h"
+
 namespace orvane {
 namespace {
 
@@ -34,7 +36,7 @@ Ref<NSURLComponents> NSURLComponents::initWithURL(const NSURL& url, bool /*resol
   const std::string text = without_surroundings(url.absoluteString());
   auto parsed = boost::urls::parse_uri_reference(text);
   if (!parsed) return nullptr;
-  std::optional<std::string> host = parsed->host();
+  std::optional<std::string> host = listed_form(parsed->host());
   if (host->empty()) host.reset();
   return Ref<NSURLComponents>::adopt(new Components(std::move(host)));
 }

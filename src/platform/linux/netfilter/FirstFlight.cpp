@@ -5,44 +5,57 @@
 namespace orvane {
 
 bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
-  if (isComplete_ || payload.empty()) return !isComplete_;
-  if (!hasBegun_) begin_ = sequence;
-  hasBegun_ = true;
-  uint32_t offset = sequence - begin_;  // wraps for a segment before the begin, and then exceeds the limit
-  if (offset < kLimit) {
-    insert(offset, payload.first(std::min(payload.size(), kLimit - offset)));
-    isComplete_ = bytes_.size() == kLimit || outOfOrder_.size() > kOutOfOrderLimit;
-  } else {
-    isComplete_ = true;
+  next_ = {};
+  if (broken_ || payload.empty()) return !broken_;
+  if (!begun_) begin_ = sequence;
+  begun_ = true;
+  // Relative to the bytes in order, so that a flight may be longer than the sequence numbers are wide.
+  const auto expected = static_cast<uint32_t>(begin_ + length_);
+  const auto distance = static_cast<int32_t>(sequence - expected);
+  if (distance < 0 && static_cast<uint64_t>(-static_cast<int64_t>(distance)) > length_) {
+    broken_ = true;  // before the begin
+    return false;
   }
-  if (isComplete_) outOfOrder_.clear();
-  return !isComplete_;
+  if (distance <= 0 && waiting_.empty()) {
+    const auto known = static_cast<size_t>(-static_cast<int64_t>(distance));
+    next_ = payload.subspan(std::min(known, payload.size()));
+    length_ += next_.size();
+    return true;
+  }
+  keep(length_ + static_cast<uint64_t>(static_cast<int64_t>(distance)), payload);
+  joined_.clear();
+  while (!waiting_.empty() && waiting_.begin()->first == length_) {
+    const std::vector<uint8_t>& piece = waiting_.begin()->second;
+    joined_.insert(joined_.end(), piece.begin(), piece.end());
+    length_ += piece.size();
+    waitingBytes_ -= piece.size();
+    waiting_.erase(waiting_.begin());
+  }
+  next_ = joined_;
+  broken_ = waitingBytes_ > kBytesLimit || waiting_.size() > kPiecesLimit;
+  if (broken_) waiting_.clear();
+  return !broken_;
 }
 
-// Inserts the bytes that the flight does not have yet.
-void FirstFlight::insert(uint32_t offset, std::span<const uint8_t> payload) {
-  size_t end = offset + payload.size();
-  size_t at = std::max<size_t>(offset, bytes_.size());
-  auto next = outOfOrder_.upper_bound(static_cast<uint32_t>(at));
-  if (next != outOfOrder_.begin()) {
-    const auto& [start, before] = *std::prev(next);
+// Keeps those bytes of a segment that are new: behind the bytes in order, and between the pieces that wait.
+void FirstFlight::keep(uint64_t offset, std::span<const uint8_t> payload) {
+  const uint64_t end = offset + payload.size();
+  uint64_t at = std::max(offset, length_);
+  auto piece = waiting_.upper_bound(at);
+  if (piece != waiting_.begin()) {
+    const auto& [start, before] = *std::prev(piece);
     at = std::max(at, start + before.size());
   }
   while (at < end) {
-    size_t stop = next == outOfOrder_.end() ? end : std::min<size_t>(end, next->first);
-    auto part = payload.subspan(at - offset, stop - at);
-    if (at == bytes_.size()) {
-      bytes_.insert(bytes_.end(), part.begin(), part.end());
-    } else if (!part.empty()) {
-      outOfOrder_.emplace_hint(next, static_cast<uint32_t>(at), std::vector<uint8_t>(part.begin(), part.end()));
+    const uint64_t stop = piece == waiting_.end() ? end : std::min(end, piece->first);
+    if (stop > at) {
+      auto part = payload.subspan(at - offset, stop - at);
+      waiting_.emplace_hint(piece, at, std::vector<uint8_t>(part.begin(), part.end()));
+      waitingBytes_ += part.size();
     }
-    if (next == outOfOrder_.end()) break;
-    at = next->first + next->second.size();
-    ++next;
-  }
-  for (auto first = outOfOrder_.begin(); first != outOfOrder_.end() && first->first == bytes_.size();) {
-    bytes_.insert(bytes_.end(), first->second.begin(), first->second.end());
-    first = outOfOrder_.erase(first);
+    if (piece == waiting_.end()) break;
+    at = piece->first + piece->second.size();
+    ++piece;
   }
 }
 

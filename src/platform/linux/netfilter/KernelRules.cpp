@@ -39,11 +39,20 @@ bool has_other_chains(const SavedTable& table, std::string_view text) {
   });
 }
 
-// Makes the jumps the first rules of OUTPUT. Each table is one transaction, so there is always a jump. The transaction
-// deletes exactly the jumps that exist: -D fails for a missing rule, and -I alone would leave two jumps.
+// Makes the jumps the first rules of their chains. Each table is one transaction, so there is always a jump. The
+// transaction deletes exactly the jumps that exist: -D fails for a missing rule, and -I alone would leave two jumps.
 std::string jump_script(const SavedTables& saved) {
-  const std::string insertion = "-I OUTPUT 1 -j ORVANE-OUTPUT\nCOMMIT\n";
-  return "*filter\n" + jump_removals(saved.filter) + insertion + "*mangle\n" + jump_removals(saved.mangle) + insertion;
+  auto insertions = [](const std::vector<std::string>& chains) {
+    std::string text;
+    for (const std::string& chain : chains) text += "-I " + chain + " 1 -j ORVANE-" + chain + "\n";
+    return text + "COMMIT\n";
+  };
+  return "*filter\n" + jump_removals(saved.filter) + insertions(kFilterChains) + "*mangle\n" +
+         jump_removals(saved.mangle) + insertions(kMangleChains);
+}
+
+bool has_jumps(const SavedTables& saved) {
+  return saved.filter.isIntact(kFilterChains) && saved.mangle.isIntact(kMangleChains);
 }
 
 std::string removal_script(const char* name, const SavedTable& table) {
@@ -98,7 +107,7 @@ class Family {
       const auto after = read(error);
       if (!after) continue;
       error = "another program changes the kernel's rules all the time";
-      if (!after->filter.isIntact() || !after->mangle.isIntact()) continue;
+      if (!has_jumps(*after)) continue;
       installedText_ = after->filter.lines + after->mangle.lines;
       if (count_rules(installedText_) == count_rules(text_)) return std::nullopt;
     }
@@ -108,8 +117,7 @@ class Family {
   bool isIntact() const {
     std::string error;
     const auto saved = read(error);
-    return saved && saved->filter.isIntact() && saved->mangle.isIntact() &&
-           saved->filter.lines + saved->mangle.lines == installedText_;
+    return saved && has_jumps(*saved) && saved->filter.lines + saved->mangle.lines == installedText_;
   }
 
   std::optional<std::string> remove() const {

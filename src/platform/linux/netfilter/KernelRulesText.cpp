@@ -55,6 +55,7 @@ class NewChain {
     if (action == NEFilterAction::FilterData) {
       text_ += rule + " -g ORVANE-PENDING\n";
     } else {
+      if (action == NEFilterAction::Drop) text_ += rule + " -j MARK --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
       if (action == NEFilterAction::Drop)
         text_ += rule + " -j CONNMARK --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
       text_ += rule + " -j RETURN\n";
@@ -104,13 +105,23 @@ class NewChain {
 //                                                      unless they are "pending"                          |
 //     TCP SYN: clear the connection's bits    NEW      the provider's rules: the connection gets          |
 //     first packet of a UDP conversation      NEW      "pending" (chain PENDING), "dropped" or no bits    |
+//     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
 //     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
 //       original direction                    ASK      packet's bits = "allowed", then the queue          |
 //                                                        |                                                |
 //                                                        +-- NF_REPEAT, packet's bits = the answer -------+
 //   filter OUTPUT
 //     packet and connection have bits         VERDICT  save as above, then clear the packet's bits
-//     connection dropped                      DROP     TCP reset, or port unreachable
+//     SYN that meets "dropped"                         clear the connection's bits
+//     connection or packet dropped            DROP     TCP reset, or port unreachable
+//
+//   mangle INPUT <----------------------------------------------------------------------------------------+
+//     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
+//     connection pending, payload from                 the queue, which drops it while the name is open   |
+//       the other end                                    |                                                |
+//     payload without a valid connection      INVALID  packet's bits = "pending", then the queue          |
+//                                                        |                                                |
+//                                                        +-- NF_REPEAT, packet's bits = "allowed" --------+
 //
 // The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
@@ -119,11 +130,17 @@ class NewChain {
 //   answers (no process serves the queue, or it is full) keep this mark, and their connections count as allowed.
 // - "Pending" only keeps a packet from being queued twice. It is not saved: the connection may have a verdict by then.
 // - Rules test the connection's bits with the packet's, as other programs may use the same bits for other connections.
-//   A packet without a connection (NOTRACK, or outside of the TCP window) matches neither `--mark` nor `! --mark`, so
-//   it passes.
+//   A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark`, so it passes.
+// - Connection tracking calls a packet INVALID, and gives it no connection, when a server plays tricks with its flags
+// or
+//   window, which the TCP stack accepts. Such packets are judged one by one, with the answer in their own mark alone.
+// - A server may answer before the request is complete, and a browser shows the answer. So the other end's payload
+// waits
+//   for the verdict: it is dropped, and sent again.
 // - Both ends of a connection of this machine to itself send through OUTPUT, hence the test of the direction.
 // - A SYN clears the bits because connection tracking may take it for part of an old connection, one that was reset and
-//   used the same ports.
+//   used the same ports. Table filter clears "dropped" too, for the time in which another program has taken our rules
+//   out of table mangle; a SYN that a rule of the provider drops has the bits in its own mark.
 // - A RST without ACK ends no connection of the sender: it answers a stray segment.
 // - Table filter saves the bits too, for packets that did not enter mangle again.
 // - DROP lets resets pass: the reset that rejects a connection belongs to that connection.
@@ -132,8 +149,11 @@ constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
 :ORVANE-DROP - [0:0]
+-A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m mark --mark @NONE -m connmark --mark @DROPPED -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -j ORVANE-VERDICT
--A ORVANE-OUTPUT -m connmark --mark @DROPPED -j ORVANE-DROP
+-A ORVANE-OUTPUT -m connmark --mark @DROPPED -m conntrack --ctdir ORIGINAL -j ORVANE-DROP
+-A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark --mark @DROPPED -j ORVANE-DROP
+-A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j MARK --set-xmark @NONE
 -A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
 -A ORVANE-VERDICT -j MARK --set-xmark @NONE
 -A ORVANE-DROP -p tcp --tcp-flags RST RST -j RETURN
@@ -141,18 +161,31 @@ constexpr const char* kTables = R"(*filter
 -A ORVANE-DROP -j REJECT --reject-with @UNREACHABLE
 COMMIT
 *mangle
+:ORVANE-INPUT - [0:0]
+:ORVANE-INVALID - [0:0]
+:ORVANE-ANSWERED - [0:0]
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-NEW - [0:0]
 :ORVANE-PENDING - [0:0]
 :ORVANE-QUEUE - [0:0]
 :ORVANE-ASK - [0:0]
 :ORVANE-VERDICT - [0:0]
+-A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
+-A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
+-A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-INVALID
+-A ORVANE-INVALID -j MARK --set-xmark @PENDING
+-A ORVANE-INVALID @QUEUE
+-A ORVANE-ANSWERED -m connmark ! --mark @NONE -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
+-A ORVANE-ANSWERED -j MARK --set-xmark @NONE
+-A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j RETURN
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
+-A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -j ORVANE-NEW
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
+-A ORVANE-PENDING -p tcp -m conntrack --ctstate INVALID -j ORVANE-QUEUE
 -A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK -g ORVANE-ASK
@@ -185,15 +218,20 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
   return text;
 }
 
-void read_line(std::string_view line, SavedTable& table, bool& sawOutput) {
+// `lastChain`: of the line before, so that the first rule of a chain is known.
+void read_line(std::string_view line, SavedTable& table, std::string_view& lastChain) {
   if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
   if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';
-  if (!line.starts_with("-A OUTPUT ")) return;
-  if (line.find(" ORVANE-OUTPUT") != std::string_view::npos) table.jumps.emplace_back(line);
-  if (!std::exchange(sawOutput, true)) table.startsWithJump = line == kJump;
+  for (const char* chain : {"INPUT", "OUTPUT"}) {
+    if (!line.starts_with(std::string("-A ") + chain + ' ')) continue;
+    if (line.find(std::string(" ORVANE-") + chain) != std::string_view::npos) table.jumps.emplace_back(line);
+    if (std::exchange(lastChain, chain) != chain && line == jump_from(chain)) table.chainsWithJump.emplace_back(chain);
+  }
 }
 
 }  // namespace
+
+std::string jump_from(const std::string& chain) { return "-A " + chain + " -j ORVANE-" + chain; }
 
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error) {
@@ -210,15 +248,15 @@ std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, A
 SavedTables parse_saved_tables(std::string_view saved) {
   SavedTables tables;
   SavedTable* table = nullptr;
-  bool sawOutput = false;
+  std::string_view lastChain;
   while (!saved.empty()) {
     const std::string_view line = saved.substr(0, saved.find('\n'));
     saved.remove_prefix(std::min(line.size() + 1, saved.size()));
     if (line.starts_with('*')) {
       table = line == "*filter" ? &tables.filter : line == "*mangle" ? &tables.mangle : nullptr;
-      sawOutput = false;
+      lastChain = {};
     } else if (table != nullptr) {
-      read_line(line, *table, sawOutput);
+      read_line(line, *table, lastChain);
     }
   }
   return tables;

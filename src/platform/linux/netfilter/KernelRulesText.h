@@ -25,13 +25,17 @@ constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (p
 // The packet queue (nfnetlink_queue) that the rules name; each network namespace has its own queues.
 inline constexpr uint16_t kQueueNumber = 20743;
 
-// The rule of OUTPUT, in each table, that jumps to our chains, as iptables-save(8) prints it.
-inline constexpr std::string_view kJump = "-A OUTPUT -j ORVANE-OUTPUT";
+// The chains of the kernel that jump to ours, in the order in which iptables-save(8) prints them.
+inline const std::vector<std::string> kFilterChains{"OUTPUT"};
+inline const std::vector<std::string> kMangleChains{"INPUT", "OUTPUT"};
+
+// The rule that jumps from such a chain, as iptables-save(8) prints it.
+std::string jump_from(const std::string& chain);
 
 enum class AddressFamily { IPv4, IPv6 };
 
 // The rules of one family, as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: our chains and
-// their rules, first of table filter, then of table mangle, without the jumps from OUTPUT. Returns nothing and sets
+// their rules, first of table filter, then of table mangle, without the jumps to them. Returns nothing and sets
 // `error` when the kernel cannot express a rule: it has a host name, or an unknown service.
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error);
@@ -40,11 +44,14 @@ std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, A
 struct SavedTable {
   std::string lines;                // our chains and their rules, as printed
   std::vector<std::string> chains;  // their names
-  std::vector<std::string> jumps;   // the rules of OUTPUT that jump to our chains, kJump or another
-  bool startsWithJump = false;      // kJump is the first rule of OUTPUT
+  std::vector<std::string> jumps;   // the rules of the kernel's chains that jump to ours, jump_from() or another
 
-  // Whether OUTPUT begins with kJump and has no other jump to our chains.
-  bool isIntact() const { return startsWithJump && jumps.size() == 1; }
+  std::vector<std::string> chainsWithJump;  // chains of the kernel whose first rule is jump_from()
+
+  // Whether these chains, and no others, begin with their jump and have no other jump to our chains.
+  bool isIntact(const std::vector<std::string>& chainsOfKernel) const {
+    return chainsWithJump == chainsOfKernel && jumps.size() == chainsOfKernel.size();
+  }
 };
 
 struct SavedTables {

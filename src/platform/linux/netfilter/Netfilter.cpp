@@ -155,7 +155,10 @@ void Netfilter::Queue::serve(int stop) {
     pollfd packet{packets.descriptor(), POLLIN, 0};
     bool stopped = wait_for({&packet, 1}, stop, deadline_after(kHeartbeat)) == Wait::Stopped;
     PacketQueue::Read read;
+    int reads = 0;
     do {
+      // A flood never leaves the queue empty.
+      if (++reads % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
       read = packets.read(handler);
       if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
@@ -172,7 +175,13 @@ void Netfilter::Queue::serve(int stop) {
 void Netfilter::Queue::handle(const QueuedPacket& queued) {
   auto start = std::chrono::steady_clock::now();
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
-  auto packet = parse_packet(queued.bytes, queued.outputInterface);
+  auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
+  if (queued.isInbound) {
+    // The other end sends again what is dropped here.
+    const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
+    if (packet && !flows.admits(*packet, hasConnection, start)) return packets.drop(queued.id);
+    return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));
+  }
   uint32_t answer = kMarkPending;
   switch (packet ? flows.judge(*packet, start) : PacketVerdict::Ignored) {
     case PacketVerdict::Ignored:

@@ -23,11 +23,12 @@ uint32_t read_u32(Bytes bytes, size_t at) {
 }
 
 // Sets the addresses and the protocol of `ends`. Returns the bytes after the IP header.
-std::optional<Bytes> read_ipv4(Bytes bytes, SocketPair& ends) {
+std::optional<Bytes> read_ipv4(Bytes bytes, size_t length, SocketPair& ends, size_t& missing) {
   if (bytes.size() < kIPv4HeaderLength) return std::nullopt;
   size_t header = size_t{bytes[0] & 0x0fU} * 4;
   size_t total = read_u16(bytes, 2);
-  if (total == 0) total = bytes.size();
+  if (total == 0) total = length;
+  missing = total - std::min(total, bytes.size());
   bytes = bytes.first(std::min(total, bytes.size()));
   bool laterFragment = (read_u16(bytes, 6) & 0x1fff) != 0;
   if (header < kIPv4HeaderLength || header > bytes.size() || laterFragment) return std::nullopt;
@@ -67,10 +68,13 @@ std::optional<Bytes> skip_extensions(uint8_t next, Bytes rest, uint8_t& protocol
 }
 
 // As read_ipv4().
-std::optional<Bytes> read_ipv6(Bytes bytes, uint32_t outputInterface, SocketPair& ends) {
+std::optional<Bytes> read_ipv6(Bytes bytes, uint32_t outputInterface, size_t length, SocketPair& ends,
+                               size_t& missing) {
   if (bytes.size() < kIPv6HeaderLength) return std::nullopt;
-  size_t length = read_u16(bytes, 4);
-  if (length != 0) bytes = bytes.first(std::min(kIPv6HeaderLength + length, bytes.size()));
+  size_t total = kIPv6HeaderLength + read_u16(bytes, 4);
+  if (total == kIPv6HeaderLength) total = length;
+  missing = total - std::min(total, bytes.size());
+  bytes = bytes.first(std::min(total, bytes.size()));
   ends.local = SocketAddress::v6(&bytes[8], 0, outputInterface);
   ends.remote = SocketAddress::v6(&bytes[24], 0, outputInterface);
   return skip_extensions(bytes[6], bytes.subspan(kIPv6HeaderLength), ends.protocol);
@@ -99,12 +103,13 @@ bool read_udp(Bytes datagram, Packet& packet) {
 
 }  // namespace
 
-std::optional<Packet> parse_packet(std::span<const uint8_t> bytes, uint32_t outputInterface) {
+std::optional<Packet> parse_packet(std::span<const uint8_t> bytes, uint32_t outputInterface, size_t length) {
   if (bytes.empty()) return std::nullopt;
+  length = std::max(length, bytes.size());
   Packet packet;
   std::optional<Bytes> segment;
-  if (bytes[0] >> 4 == 4) segment = read_ipv4(bytes, packet.ends);
-  if (bytes[0] >> 4 == 6) segment = read_ipv6(bytes, outputInterface, packet.ends);
+  if (bytes[0] >> 4 == 4) segment = read_ipv4(bytes, length, packet.ends, packet.missing);
+  if (bytes[0] >> 4 == 6) segment = read_ipv6(bytes, outputInterface, length, packet.ends, packet.missing);
   if (!segment) return std::nullopt;
 
   bool tcp = packet.ends.protocol == IPPROTO_TCP;

@@ -8,6 +8,7 @@
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -112,11 +113,18 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
     if (nfq_nlmsg_parse(header, attributes.data()) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) continue;
     nfqnl_msg_packet_hdr packet;
     std::memcpy(&packet, mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]), sizeof packet);
-    QueuedPacket queued{
-        ntohl(packet.packet_id), read_u32(attributes[NFQA_MARK]), read_u32(attributes[NFQA_IFINDEX_OUTDEV]), {}};
+    const bool isInbound = packet.hook == NF_INET_LOCAL_IN;
+    QueuedPacket queued{ntohl(packet.packet_id),
+                        read_u32(attributes[NFQA_MARK]),
+                        isInbound,
+                        read_u32(attributes[isInbound ? NFQA_IFINDEX_INDEV : NFQA_IFINDEX_OUTDEV]),
+                        {},
+                        0};
     if (const nlattr* payload = attributes[NFQA_PAYLOAD]) {
       queued.bytes = {static_cast<const uint8_t*>(mnl_attr_get_payload(payload)), mnl_attr_get_payload_len(payload)};
     }
+    // The kernel sets it for a packet that is longer than its message.
+    queued.length = std::max<size_t>(queued.bytes.size(), read_u32(attributes[NFQA_CAP_LEN]));
     handler(queued);
     packets = true;
   }
@@ -126,6 +134,8 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
 void PacketQueue::repeat(uint32_t id, uint32_t mark) { decide(id, NF_REPEAT, mark); }
 
 void PacketQueue::accept(uint32_t id, uint32_t mark) { decide(id, NF_ACCEPT, mark); }
+
+void PacketQueue::drop(uint32_t id) { decide(id, NF_DROP, 0); }
 
 void PacketQueue::decide(uint32_t id, uint32_t verdict, uint32_t mark) {
   std::array<char, 512> message{};

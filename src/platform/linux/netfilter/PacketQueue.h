@@ -14,12 +14,14 @@ struct nlmsghdr;
 
 namespace orvane {
 
-// An outbound packet that the kernel holds until repeat() or accept().
+// A packet that the kernel holds until repeat(), accept() or drop().
 struct QueuedPacket {
   uint32_t id;
   uint32_t mark;                   // of the packet
-  uint32_t outputInterface;        // 0 while unknown
-  std::span<const uint8_t> bytes;  // from the IP header on; valid during the handler's call
+  bool isInbound;                  // comes from chain INPUT
+  uint32_t interface;              // by which it leaves or came; 0 while unknown
+  std::span<const uint8_t> bytes;  // from the IP header on, 65531 at most; valid during the handler's call
+  size_t length;                   // of the whole packet
 };
 
 // A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. It fails open: packets pass
@@ -57,6 +59,8 @@ class PacketQueue {
   // Sets a packet's whole mark and sends the packet on, past the rest of its chain (NF_ACCEPT). The kernel routes it
   // again if the mark is a new one.
   void accept(uint32_t id, uint32_t mark);
+
+  void drop(uint32_t id);
 
  private:
   // Returns 0 or an errno.

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/flow/ServerName.h"
 
 namespace orvane {
 namespace {
@@ -12,13 +11,13 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint16_t kDNSPort = 53;
-// For clients that stop in the middle of their hello. Later bytes count as the begin of the flow.
-constexpr auto kOpenLifetime = 60s;
-constexpr size_t kOpenLimit = 4096;
+// After so long without a packet, an open flow is kept only if its socket is still there. A browser waits for minutes
+// when the server stalls, and the flow may not be taken for a new one then.
+constexpr auto kOpenLifetime = 10min;
 // For packets that the kernel queued before it had the verdict.
 constexpr auto kSettledLifetime = 5s;
 constexpr size_t kSettledLimit = 8192;
-constexpr size_t kFirstFlightPackets = 100;
+constexpr size_t kRepeatsLimit = 100;
 
 bool is_settled(const FilterSession& session) {
   return session.state() == FilterSession::State::Allowed || session.state() == FilterSession::State::Dropped;
@@ -38,77 +37,137 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   // An acknowledgment. The kernel queues it only when it has IPv6 extension headers, which its rule cannot skip.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  auto flow = findOrCreate(packet);
-  isLooping_ = ++flow->packets > kFirstFlightPackets;
-  if (is_settled(flow->session)) {
+  auto flow = findOrCreate(packet.ends);
+  const bool wasSettled = is_settled(flow->session);
+  const bool isNews = !wasSettled && judgeOpen(*flow, packet);
+  flow->repeats = isNews ? 0 : flow->repeats + 1;
+  isLooping_ = flow->repeats > kRepeatsLimit;
+  if (wasSettled) {
     if (flow->generation != generation_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdict_of(flow->session);
   }
-  flow->lastSeen = now;
-  settle(*flow, packet);
-  bool settled = is_settled(flow->session);
-  if (settled) {
-    flow->flight = FirstFlight();
-    flow->generation = generation_;
-  }
-  auto& list = settled ? settled_ : open_;
-  list.splice(list.end(), open_, flow);
+  keep(flow, now);
   return verdict_of(flow->session);
 }
 
-// The flow with the packet's ends, or a new one: when there is none, or when another socket has these ends by now.
-QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const Packet& packet) {
-  auto socket = owners_.find(packet.ends);
-  auto found = flows_.find(packet.ends);
+bool QueuedFlows::admits(const Packet& packet, bool hasConnection, Clock::time_point now) {
+  evictExpired(now);
+  const SocketPair ends{packet.ends.protocol, packet.ends.remote, packet.ends.local};
+  if (packet.payload.empty() || (!hasConnection && !flows_.contains(ends))) return true;
+  auto flow = findOrCreate(ends);
+  if (!is_settled(flow->session)) {
+    if (flow->session.state() == FilterSession::State::New) flow->session.newFlow(flow->flight.length());
+    if (openOfUser_[flow->user] > kOpenLimit) flow->session.refuse();
+    keep(flow, now);
+  }
+  return flow->session.state() == FilterSession::State::Allowed;
+}
+
+// Puts an open flow where it belongs after its session was asked.
+void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
+  flow->lastSeen = now;
+  if (!is_settled(flow->session)) {
+    open_.splice(open_.end(), open_, flow);
+    return;
+  }
+  flow->flight = FirstFlight();
+  flow->name = ServerNameReader();
+  flow->generation = generation_;
+  settled_.splice(settled_.end(), open_, flow);
+  if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
+}
+
+// The flow with these ends, or a new one: when there is none, or when another socket has these ends by now.
+QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends) {
+  auto socket = owners_.find(ends);
+  auto found = flows_.find(ends);
   if (found != flows_.end()) {
     uint64_t known = found->second->cookie;
     bool settled = is_settled(found->second->session);
     if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
-    auto& list = settled ? settled_ : open_;
-    list.erase(found->second);
-    flows_.erase(found);
+    erase(found->second);
   }
   Value owner = socket ? owners_.ownerOf(*socket) : Value();
-  int32_t type = packet.ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
-  auto flow = LinuxSocketFlow::create(std::move(owner), packet.ends.remote.host(), packet.ends.remote.port, type);
-  open_.emplace_back(packet.ends, socket ? socket->cookie : 0, std::move(flow), provider_);
-  return flows_.emplace(packet.ends, std::prev(open_.end())).first->second;
+  int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
+  auto flow = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
+  open_.emplace_back(ends, socket, std::move(flow), provider_);
+  ++openOfUser_[open_.back().user];
+  return flows_.emplace(ends, std::prev(open_.end())).first->second;
 }
 
-// Adds the packet to the flow, and asks the provider as soon as the flow can be shown.
-void QueuedFlows::settle(Flow& flow, const Packet& packet) {
-  bool stream = packet.ends.protocol == IPPROTO_TCP;
-  bool ends = packet.fin || packet.rst;
-  if (flow.session.state() == FilterSession::State::New) {
-    bool complete = ends;
-    if (stream && !packet.payload.empty() && !flow.flight.add(packet.sequence, packet.payload)) complete = true;
-    // A DNS question names no server: the provider reads the name in its bytes.
-    if (stream && packet.ends.remote.port != kDNSPort) {
-      ServerName name = find_server_name(flow.flight.bytes());
-      if (name.state == ServerName::State::Open && !complete) return;
-      if (name.state == ServerName::State::Known) {
-        flow.flow->setRemoteHostname(std::move(name.name));
-      } else {
-        flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);
-      }
-    }
-    flow.session.newFlow();
-    if (flow.session.holdsData()) flow.session.outboundData(stream ? flow.flight.bytes() : packet.payload);
-  } else if (flow.session.holdsData()) {
-    flow.session.outboundData(packet.payload);
+void QueuedFlows::erase(Flows::iterator flow) {
+  flows_.erase(flow->pair);
+  if (is_settled(flow->session)) {
+    settled_.erase(flow);
+    return;
   }
+  if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
+  open_.erase(flow);
+}
+
+// Adds the packet to an open flow, and asks the provider as soon as the flow can be shown. Returns whether the packet
+// brought anything new.
+bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
+  const bool stream = packet.ends.protocol == IPPROTO_TCP;
+  const bool ends = packet.fin || packet.rst;
+  std::span<const uint8_t> bytes = packet.payload;
+  std::vector<uint8_t> filled;
+  if (packet.missing > 0) {
+    // The loopback device sends packets that are longer than a message from the queue. What is missing is no name.
+    filled.assign(bytes.begin(), bytes.end());
+    filled.resize(bytes.size() + packet.missing, '?');
+    bytes = filled;
+  }
+  bool isLast = ends || !stream;
+  if (stream && !bytes.empty()) {
+    isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
+    bytes = flow.flight.next();
+  }
+  // A DNS question names no server: the provider reads the name in its bytes. A name that is still open when the flow
+  // was shown already, see admits(), is read on.
+  const bool hasName = stream && packet.ends.remote.port != kDNSPort;
+  if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
+    return !bytes.empty();
+  }
+  if (flow.session.state() == FilterSession::State::New) {
+    flow.session.newFlow(stream ? flow.flight.length() - bytes.size() : 0);
+  }
+  if (flow.session.holdsData()) flow.session.outboundData(bytes);
   if (ends) flow.session.outboundComplete();
+  return true;
+}
+
+// Returns whether the flow can be shown now.
+bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
+  const ServerNameReader::State state = flow.name.read(bytes);
+  if (state == ServerNameReader::State::Known) {
+    flow.flow->setRemoteHostname(flow.name.name());
+    return true;
+  }
+  if (state == ServerNameReader::State::Open && !isLast) {
+    if (openOfUser_[flow.user] <= kOpenLimit) return false;
+    flow.session.newFlow();
+    flow.session.refuse();
+    return false;
+  }
+  flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);
+  return true;
 }
 
 void QueuedFlows::evictExpired(Clock::time_point now) {
-  auto forget = [&](Flows& list, Clock::duration life, size_t limit) {
-    while (!list.empty() && (list.size() > limit || now - list.front().lastSeen > life)) {
-      flows_.erase(list.front().pair);
-      list.pop_front();
+  while (!open_.empty() && now - open_.front().lastSeen > kOpenLifetime) {
+    auto flow = open_.begin();
+    auto socket = owners_.find(flow->pair);
+    if (!socket || socket->cookie != flow->cookie) {
+      erase(flow);
+      continue;
     }
-  };
-  forget(open_, kOpenLifetime, kOpenLimit);
-  forget(settled_, kSettledLifetime, kSettledLimit);
+    flow->lastSeen = now;
+    open_.splice(open_.end(), open_, flow);
+  }
+  while (!settled_.empty() && (settled_.size() > kSettledLimit || now - settled_.front().lastSeen > kSettledLifetime)) {
+    erase(settled_.begin());
+  }
 }
 
 }  // namespace orvane

@@ -8,6 +8,7 @@
 
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/LinuxFlow.h"
+#include "platform/linux/flow/ServerName.h"
 #include "platform/linux/netfilter/FirstFlight.h"
 #include "platform/linux/netfilter/Packet.h"
 #include "platform/linux/sockets/SocketOwner.h"
@@ -30,8 +31,12 @@ enum class PacketVerdict {
 };
 
 // The flows whose first outbound packets are in the queue. A flow is shown to the provider when its server's name is
-// known or cannot become known, or when the flow ends. Once settled it is remembered for some seconds, for packets that
-// were queued before its verdict.
+// known or cannot become known, or when the flow ends. An open flow is kept as long as its socket. Once settled it is
+// remembered for some seconds, for packets that were queued before its verdict.
+//
+// Each user has a number of open flows of his own, so that one user's flows take no room from another's. A flow beyond
+// it is shown at once, without a name. If the provider wants to see more of it, it is a browser's, and is dropped: no
+// browser has so many connections, and an open flow that is forgotten would pass.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -44,7 +49,13 @@ class QueuedFlows {
   // Decides about a packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Whether the flow of the last packet had more packets than a first flight has. Then another program overwrites the
+  // Whether an inbound packet, whose `ends.local` is the other end, may reach its socket. While a flow's name is open,
+  // the other end's payload may not: it could answer before the request says what it asks for. The provider is then
+  // asked without a name, so that another program's flow is settled at once; its server may speak first. A packet
+  // without a tracked connection may pass when no flow is known for it.
+  bool admits(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
+
+  // Whether many packets in a row brought nothing new of the last packet's flow. Then another program overwrites the
   // mark of its packets, and they are queued again and again.
   bool isLooping() const { return isLooping_; }
 
@@ -53,25 +64,39 @@ class QueuedFlows {
 
   size_t size() const { return flows_.size(); }
 
+  // The open flows of one user.
+  static constexpr size_t kOpenLimit = 4096;
+
  private:
   struct Flow {
-    Flow(const SocketPair& ends, uint64_t socketCookie, const Ref<LinuxSocketFlow>& shown,
+    Flow(const SocketPair& ends, const std::optional<SocketFacts>& socket, const Ref<LinuxSocketFlow>& shown,
          Ref<NEFilterDataProvider> provider)
-        : pair(ends), cookie(socketCookie), flow(shown), session(std::move(provider), shown) {}
+        : pair(ends),
+          cookie(socket ? socket->cookie : 0),
+          user(socket ? socket->user : kNoUser),
+          flow(shown),
+          session(std::move(provider), shown) {}
 
     SocketPair pair;
     uint64_t cookie;  // of its socket; 0 when no socket was found
+    uid_t user;
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
     FirstFlight flight;
+    ServerNameReader name;
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // in which it was settled
-    size_t packets = 0;
+    size_t repeats = 0;       // packets in a row that brought nothing new
   };
   using Flows = std::list<Flow>;  // the last seen one at the end
 
-  Flows::iterator findOrCreate(const Packet& packet);
-  void settle(Flow& flow, const Packet& packet);
+  static constexpr auto kNoUser = static_cast<uid_t>(-1);
+
+  Flows::iterator findOrCreate(const SocketPair& ends);
+  void keep(Flows::iterator flow, Clock::time_point now);
+  void erase(Flows::iterator flow);
+  bool judgeOpen(Flow& flow, const Packet& packet);
+  bool readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast);
   void evictExpired(Clock::time_point now);
 
   Ref<NEFilterDataProvider> provider_;
@@ -79,6 +104,7 @@ class QueuedFlows {
   uint64_t generation_ = 0;
   bool isLooping_ = false;
   Flows open_, settled_;
+  std::unordered_map<uid_t, size_t> openOfUser_;
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

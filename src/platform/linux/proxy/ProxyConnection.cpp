@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "platform/linux/base/HostName.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FilterSession.h"
@@ -53,15 +54,18 @@ class Examination {
   // Sets the flow's name if the bytes have it. Returns false while more bytes are needed.
   bool readName(std::span<const uint8_t> held, bool last) {
     if (unnamedFlow_ == nullptr) return true;
-    ServerName name = find_server_name(held);
-    if (name.state == ServerName::State::Open && !last) return false;
-    if (name.state == ServerName::State::Known) unnamedFlow_->setRemoteHostname(std::move(name.name));
+    // The held bytes grow by what the client sent since. No more are held than the relay's buffer takes.
+    const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
+    if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
+    if (state == ServerNameReader::State::Known) unnamedFlow_->setRemoteHostname(name_.name());
     unnamedFlow_ = nullptr;
     return true;
   }
 
   std::unique_ptr<FilterSession> session_;
   Ref<LinuxSocketFlow> unnamedFlow_;
+  ServerNameReader name_;
+  size_t read_ = 0;  // held bytes that name_ has read
 };
 
 const char* phrase(unsigned status) {
@@ -155,7 +159,7 @@ bool ProxyConnection::examine() {
       if (request_.hostIsAddress) {
         examination_.readNameFor(flow);
       } else {
-        flow->setRemoteHostname(request_.host);
+        flow->setRemoteHostname(listed_form(request_.host));
       }
       answer = examination_.begin(context_.provider, flow);
     }

@@ -24,7 +24,7 @@ std::string host_of(const char* text) {
 
 TEST(URLComponents, FindsTheHost) {
   const std::pair<const char*, const char*> rows[] = {
-      {"https://user:p%40ss@ex%61mple.ORG:8080/a?b#c", "example.ORG"},
+      {"https://user:p%40ss@ex%61mple.ORG.:8080/a?b#c", "example.org"},
       {"http://[2001:db8::1]:80/", "[2001:db8::1]"},
       {"http://_dmarc.example.org/http://other.example/", "_dmarc.example.org"},
       {"http://example.org/a|b{c}\"<?q=a b%zz", "example.org"},

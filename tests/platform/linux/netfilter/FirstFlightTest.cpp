@@ -5,19 +5,24 @@
 namespace orvane {
 namespace {
 
-// The bytes of the flight, with a dot at the end when it takes no more.
+// The bytes in order, with a dot at the end when the flight cannot go on.
 std::string reassemble(const std::vector<std::pair<size_t, std::string>>& segments) {
   FirstFlight flight;
   bool more = true;
+  std::string ordered;
   for (const auto& [sequence, payload] : segments) {
     std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
     more = flight.add(static_cast<uint32_t>(sequence), bytes);
+    ordered.append(flight.next().begin(), flight.next().end());
   }
-  return std::string(flight.bytes().begin(), flight.bytes().end()) + (more ? "" : ".");
+  EXPECT_EQ(flight.length(), ordered.size());
+  return ordered + (more ? "" : ".");
 }
 
 TEST(FirstFlight, ReassemblesSegments) {
-  const std::string all(FirstFlight::kLimit, 'a'), most = all.substr(1);
+  const std::string large(FirstFlight::kBytesLimit, 'a');
+  std::vector<std::pair<size_t, std::string>> scattered{{1, "a"}};
+  for (size_t piece = 0; piece <= FirstFlight::kPiecesLimit; ++piece) scattered.emplace_back(3 + 2 * piece, "x");
   const struct {
     const char* name;
     std::vector<std::pair<size_t, std::string>> segments;
@@ -29,9 +34,10 @@ TEST(FirstFlight, ReassemblesSegments) {
       {"overlapping pieces after a gap", {{1, "a"}, {4, "def"}, {3, "cX"}, {5, "XX7"}, {2, "b"}}, "abcdef7"},
       {"an empty segment does not begin the flight", {{9, ""}, {5, "abc"}, {7, ""}, {7, "c"}}, "abc"},
       {"a segment before the begin ends it", {{5, "abc"}, {9, "e"}, {4, "xab"}, {8, "d"}}, "abc."},
-      {"the limit ends it", {{7, all + "b"}, {7, "c"}}, all + "."},
-      {"the limit ends it when a gap closes", {{7, "a"}, {9, most}, {8, "a"}}, all + "."},
-      {"a segment beyond the limit ends it", {{7, most}, {7 + all.size(), "b"}}, most + "."},
+      {"any number of bytes in order", {{7, large}, {7 + large.size(), large}}, large + large},
+      {"as many behind a gap", {{7, "a"}, {9, large}, {8, "a"}}, "aa" + large},
+      {"too many bytes behind a gap end it", {{7, "a"}, {9, large + "a"}, {8, "a"}}, "a."},
+      {"too many pieces behind a gap end it", scattered, "a."},
   };
   for (const auto& c : kCases) EXPECT_EQ(reassemble(c.segments), c.bytes) << c.name;
 }

@@ -67,7 +67,8 @@ TEST(KernelRulesText, WritesARuleForItsFamiliesAndProtocols) {
       {"too long a prefix", {"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
       {"drop",
        {"", "80", 0, Protocol::TCP, Action::Drop},
-       n + "tcp --dport 80 -j CONNMARK --set-xmark 0x12000000/0x12000000\n" + n + "tcp --dport 80 -j RETURN\n",
+       n + "tcp --dport 80 -j MARK --set-xmark 0x12000000/0x12000000\n" + n +
+           "tcp --dport 80 -j CONNMARK --set-xmark 0x12000000/0x12000000\n" + n + "tcp --dport 80 -j RETURN\n",
        same},
       {"inbound", {"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
   };

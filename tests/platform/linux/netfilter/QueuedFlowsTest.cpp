@@ -78,7 +78,7 @@ TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
     last.fin = true;
     return flows.judge(last);
   };
-  const std::string endless(8192, 'x');
+  const std::string endless(RequestHostReader::kLimit / 2, 'x');
   const struct {
     const char* name;
     std::function<PacketVerdict()> judge;
@@ -87,19 +87,75 @@ TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
       {"another protocol", [&] { return flows.judge(packet("\x01\x02", 0)); }, "new -; data 0 -; "},
       {"an end in the middle of the head", [&] { return ended("GET / HT", 0); }, "new -; data 0 -; "},
       {"an end without data", [&] { return ended("", 0); }, "new -; complete -; "},
-      {"16 KiB without a name",
+      {"a head beyond the limit",
        [&] {
          EXPECT_EQ(flows.judge(packet("GET /", 0)), Open);
          EXPECT_EQ(flows.judge(packet(endless, 5)), Open);
-         return flows.judge(packet(endless, 5 + 8192));
+         return flows.judge(packet(endless, 5 + static_cast<uint32_t>(endless.size())));
        },
-       "new -; data 0 -; "},
+       "new -; data 2097157 -; "},
   };
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
     EXPECT_EQ(c.judge(), Allowed) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
   }
+}
+
+TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
+  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  auto now = QueuedFlows::Clock::now();
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20), now + 24h), Dropped) << "a server that stalled for a day";
+  EXPECT_EQ(calls(), "new a.example; ");
+
+  ++owners.socket->cookie;
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
+  owners.socket.reset();
+  flows.judge(packet("x", 0, 80), now + 24h);
+  EXPECT_EQ(flows.size(), 1U) << "the socket was closed";
+}
+
+TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
+  auto open = [&](size_t number, uid_t user) {
+    owners.socket = SocketFacts{number + 1, 2, user};
+    Packet begin = packet("GET", 0);
+    begin.ends.local.port = static_cast<uint16_t>(number);
+    begin.ends.remote.port = user == 1 ? 443 : 80;
+    return flows.judge(begin);
+  };
+  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  for (size_t number = 0; number < QueuedFlows::kOpenLimit; ++number) EXPECT_EQ(open(number, 1), Open);
+  EXPECT_EQ(open(QueuedFlows::kOpenLimit, 1), Dropped) << "one more, of a browser";
+  EXPECT_EQ(open(0, 2), Open) << "another user's";
+  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  EXPECT_EQ(open(QueuedFlows::kOpenLimit + 1, 1), Allowed) << "one more, of another program";
+}
+
+TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
+  Packet answer = packet("HTTP/1.1 200 OK", 1);
+  std::swap(answer.ends.local, answer.ends.remote);
+  Packet acknowledgment = answer;
+  acknowledgment.payload = {};
+  const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  provider->data = NEFilterDataVerdict::dropVerdict();
+
+  provider->newFlow = examine;
+  EXPECT_TRUE(flows.admits(answer, false)) << "without a tracked connection, and no flow is known";
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
+  EXPECT_FALSE(flows.admits(answer, true));
+  EXPECT_FALSE(flows.admits(answer, false));
+  EXPECT_TRUE(flows.admits(acknowledgment, true));
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
+  EXPECT_FALSE(flows.admits(answer, true));
+  EXPECT_EQ(calls(), "new -; data 20 a.example; ");
+
+  // The server of another program speaks first.
+  ++owners.socket->cookie;
+  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  EXPECT_TRUE(flows.admits(answer, true));
+  EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
+  EXPECT_EQ(calls(), "new -; ");
 }
 
 TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {

@@ -63,14 +63,14 @@ TEST_F(ProxyTest, CarriesOutVerdicts) {
     std::string sent, calls, status, reply;
     int error;  // that the client reads
   } kCases[] = {
-      {"allowed", NewFlow::allowVerdict(), drop, drop, "one", "new LocalHost; ", "200", "one", 0},
-      {"allowed, reset by the server", NewFlow::allowVerdict(), drop, drop, "break", "new LocalHost; ", "200", "",
+      {"allowed", NewFlow::allowVerdict(), drop, drop, "one", "new localhost; ", "200", "one", 0},
+      {"allowed, reset by the server", NewFlow::allowVerdict(), drop, drop, "break", "new localhost; ", "200", "",
        ECONNRESET},
-      {"dropped", NewFlow::dropVerdict(), allow, allow, "two", "new LocalHost; ", "403", "blocks LocalHost", 0},
-      {"allowed by data", kExamine, allow, drop, "three", "new LocalHost; data 0 LocalHost; ", "200", "three", 0},
-      {"dropped by data", kExamine, drop, allow, "four", "new LocalHost; data 0 LocalHost; ", "200", "", ECONNRESET},
-      {"allowed at the end", kExamine, drop, allow, "", "new LocalHost; complete LocalHost; ", "200", "", 0},
-      {"dropped at the end", kExamine, allow, drop, "", "new LocalHost; complete LocalHost; ", "200", "", ECONNRESET},
+      {"dropped", NewFlow::dropVerdict(), allow, allow, "two", "new localhost; ", "403", "blocks LocalHost", 0},
+      {"allowed by data", kExamine, allow, drop, "three", "new localhost; data 0 localhost; ", "200", "three", 0},
+      {"dropped by data", kExamine, drop, allow, "four", "new localhost; data 0 localhost; ", "200", "", ECONNRESET},
+      {"allowed at the end", kExamine, drop, allow, "", "new localhost; complete localhost; ", "200", "", 0},
+      {"dropped at the end", kExamine, allow, drop, "", "new localhost; complete localhost; ", "200", "", ECONNRESET},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -111,7 +111,7 @@ TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
        "\x16\x03\x01\0\x09"s + hello.substr(0, 9) + "\x16\x03\x01\0\x3b"s + hello.substr(9), "held.example"},
       {"ClientHello with early data", "\x16\x03\x01\0\x44"s + hello + "\x14\x03\x03\0\x01\x01\x17\x03\x03\0\x01\xff"s,
        "held.example"},
-      {"HTTP", "GET / HTTP/1.1\r\nhost: Held.example:80\r\n\r\n", "Held.example"},
+      {"HTTP", "GET / HTTP/1.1\r\nhost: Held.Example.:80\r\n\r\n", "held.example"},
       {"SMTP", "EHLO me\r\n", "-"},
       {"the begin of a method", "Q", "-"},
   };
@@ -125,7 +125,8 @@ TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
     }
     EXPECT_EQ(peer.read(bytes), bytes);
     auto seen = provider->take();
-    EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 " + serverName + "; " + bytes);
+    EXPECT_EQ(seen.calls, "new -; data 0 " + serverName + "; ");
+    EXPECT_EQ(seen.bytes, bytes.substr(0, seen.bytes.size())) << "up to the bytes that complete the name, at least";
   }
 }
 

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace orvane {
+
+// Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
+// name is known as soon as its extension is complete: the extensions behind it, such as session tickets, are not waited
+// for. Keeps a few hundred bytes, whatever the length of the hello. Not thread-safe.
+class ClientHelloReader {
+ public:
+  enum class State {
+    Open,     // more bytes can give the name
+    Known,    // name() is complete
+    Unknown,  // no further byte can give it: no hello, a malformed one, one without a name, or too long
+  };
+
+  // As many bytes of records are read.
+  static constexpr size_t kLimit = 65536;
+
+  // Takes the next bytes of the connection, from its first one on. The hello may be cut into TLS records in any way.
+  State read(std::span<const uint8_t> bytes);
+
+  // As the client wrote it.
+  const std::string& name() const { return name_; }
+
+ private:
+  // The fields of a hello, in the order in which they arrive. Each is either collected or skipped.
+  enum class Field {
+    MessageHeader,
+    VersionAndRandom,
+    SessionIdLength,
+    SessionId,
+    CipherSuitesLength,
+    CipherSuites,
+    CompressionMethodsLength,
+    CompressionMethods,
+    ExtensionsLength,
+    ExtensionHeader,
+    Extension,
+    ServerNames,
+  };
+
+  State readMessage(std::span<const uint8_t> fragment);
+  State finish(Field field);
+  State collect(Field field, size_t bytes);
+  State skip(Field field, size_t bytes);
+  State nextExtension();
+  State readServerNames();
+
+  State state_ = State::Open;
+  size_t read_ = 0;  // bytes of records
+
+  std::array<uint8_t, 5> recordHeader_{};
+  size_t recordHeaderLength_ = 0;
+  size_t fragmentLeft_ = 0;
+
+  Field field_ = Field::MessageHeader;
+  bool isCollected_ = true;
+  size_t fieldLeft_ = 4;
+  std::string collected_;
+  size_t messageLeft_ = 0;     // bytes of the message behind the current field
+  size_t extensionsLeft_ = 0;  // bytes of the list of extensions behind the current field
+  std::string name_;
+};
+
+}  // namespace orvane

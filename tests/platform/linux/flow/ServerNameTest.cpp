@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <string_view>
+
+#include "platform/linux/flow/ServerName.h"
+
+namespace orvane {
+namespace {
+
+using enum ServerNameReader::State;
+
+std::string number(size_t value, int bytes) {
+  std::string text;
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) text += static_cast<char>(value >> shift);
+  return text;
+}
+
+std::string with_length(const std::string& text, int bytes) { return number(text.size(), bytes) + text; }
+
+std::string extension(size_t type, const std::string& body) { return number(type, 2) + with_length(body, 2); }
+
+std::string server_name(const std::string& name) {
+  return extension(0, with_length(std::string(1, '\0') + with_length(name, 2), 2));
+}
+
+// A ClientHello in records of at most this length.
+std::string hello(const std::string& extensions, size_t record = 16384) {
+  const std::string body = std::string(34, 'v') + with_length("session", 1) + with_length("suites", 2) +
+                           with_length(std::string(1, '\0'), 1) + with_length(extensions, 2);
+  const std::string message = '\x01' + with_length(body, 3);
+  std::string records;
+  for (size_t at = 0; at < message.size(); at += record) {
+    records += std::string("\x16\x03\x01") + with_length(message.substr(at, record), 2);
+  }
+  return records;
+}
+
+std::string request(const std::string& fields, const std::string& target = "/") {
+  return "GET " + target + " HTTP/1.1\r\n" + fields + "\r\n";
+}
+
+struct Case {
+  const char* what;
+  std::string bytes;
+  ServerNameReader::State state;
+  std::string name{};
+};
+
+void expect(const Case& c) {
+  const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(c.bytes.data()), c.bytes.size());
+  for (const size_t step : {bytes.size() + 1, size_t{1}, size_t{7}}) {
+    ServerNameReader reader;
+    for (size_t at = 0; at < bytes.size(); at += step) {
+      reader.read(bytes.subspan(at, std::min(step, bytes.size() - at)));
+    }
+    EXPECT_EQ(reader.state(), c.state) << c.what << ", " << step << " bytes at a time";
+    EXPECT_EQ(reader.name(), c.name) << c.what;
+  }
+}
+
+TEST(ServerName, IsReadFromARequestAtTheEndOfTheHostLine) {
+  const std::string kilobytes(256 << 10, 'x');
+  const Case kCases[] = {
+      {"a plain head", request("Host: a.example\r\n"), Known, "a.example"},
+      {"the end of the line is enough", "GET / HTTP/1.1\r\nHost: a.example\r\n", Known, "a.example"},
+      {"the line has not ended", "GET / HTTP/1.1\r\nHost: a.example", Open},
+      {"capitals, spaces, a port and the final dot", request("hOsT:\t A.Example.:80 \r\n"), Known, "a.example"},
+      {"a long URL", request("Host: a.example\r\n", "/?" + kilobytes), Known, "a.example"},
+      {"long cookies ahead", request("Cookie: " + kilobytes + "\r\nHost: a.example\r\n"), Known, "a.example"},
+      {"many fields ahead", request([] {
+         std::string fields;
+         for (int i = 0; i < 5000; ++i) fields += "a:\r\n";
+         return fields + "Host: a.example\r\n";
+       }()),
+       Known, "a.example"},
+      {"lines that end in LF alone", "GET / HTTP/1.1\nHost: a.example\n", Known, "a.example"},
+      {"an IPv6 address", request("Host: [2001:DB8::1]:80\r\n"), Known, "2001:db8::1"},
+      {"a field that only begins like Host", request("Hosts: a.example\r\n"), Unknown},
+      {"a head without a host", request("Accept: */*\r\n"), Unknown},
+      {"a host with user information", request("Host: a@b.example\r\n"), Unknown},
+      {"a host that is too long", request("Host: " + std::string(600, 'a') + "\r\n"), Unknown},
+      {"another protocol's greeting", "EHLO a.example\r\n", Unknown},
+      {"bytes that are no method", "\x01\x02", Unknown},
+      {"a head beyond the limit", "GET /" + std::string(RequestHostReader::kLimit, 'x'), Unknown},
+  };
+  for (const Case& c : kCases) expect(c);
+}
+
+TEST(ServerName, IsReadFromAHelloBeforeItsLaterExtensionsArrive) {
+  const std::string name = server_name("A.Example.");
+  const std::string ticket = extension(41, std::string(17000, 't'));
+  const std::string whole = hello(name + ticket);
+  std::string list = with_length(std::string(1, '\x01') + with_length("other", 2), 2);
+  list[1] = static_cast<char>(list.size() - 2);
+  const Case kCases[] = {
+      {"a short hello", hello(name), Known, "a.example"},
+      {"a session ticket behind the name", whole.substr(0, 200), Known, "a.example"},
+      {"a session ticket ahead of the name", hello(ticket + name), Known, "a.example"},
+      {"records of ten bytes", hello(extension(10, "groups") + name, 10), Known, "a.example"},
+      {"half a name", hello(name).substr(0, hello(name).size() - 3), Open},
+      {"empty extensions", hello(extension(23, "") + extension(5, "") + name), Known, "a.example"},
+      {"no name", hello(extension(10, "groups")), Unknown},
+      {"no extensions", hello(""), Unknown},
+      {"an empty name", hello(server_name("")), Unknown},
+      {"a name with a NUL", hello(server_name(std::string("a\0b", 3))), Unknown},
+      {"a name of another type", hello(extension(0, list)), Unknown},
+      {"a server hello", '\x16' + std::string("\x03\x01\x00\x05\x02\x00\x00\x01", 8), Unknown},
+      {"a record of another type in between", hello(name, 50).substr(0, 55) + "\x17\x03\x01", Unknown},
+      {"an empty record", std::string("\x16\x03\x01\x00\x00", 5), Unknown},
+      {"an extension longer than the list", hello(number(10, 2) + number(9, 2)), Unknown},
+      {"more than the limit ahead of the name", hello(ticket + name, 1), Unknown},
+  };
+  for (const Case& c : kCases) expect(c);
+}
+
+}  // namespace
+}  // namespace orvane
