@@ -108,8 +108,9 @@ std::vector<std::string> programs_of_desktop_entry(std::string_view text) {
 bool runs_other_programs(std::string_view fileName) {
   // Each name is between two spaces.
   static constexpr std::string_view kNames =
-      " awk bash busybox bwrap csh dash dbus-launch dbus-run-session dotnet electron env expect firejail fish "
-      "flatpak gawk gdb gio gjs gjs-console guile ionice java javaw kioclient ksh lua luajit mksh mono mono-sgen "
+      " AppRun awk bash busybox bwrap csh dash dbus-launch dbus-run-session dotnet electron env expect firejail fish "
+      "flatpak gawk gdb gio gjs gjs-console guile ionice java javaw kioclient ksh ld-linux-aarch64.so "
+      "ld-linux-x86-64.so ld-musl-aarch64.so ld-musl-x86_64.so lua luajit mksh mono mono-sgen "
       "nice node nodejs nohup perl php pkexec prime-run pypy python qtchooser ruby runuser setsid sh snap stdbuf "
       "sudo systemd-run tclsh tcsh time timeout toybox wine wine-preloader wine64-preloader wish xdg-open zsh ";
   size_t end = fileName.find_last_not_of("0123456789.-");

@@ -1,8 +1,11 @@
 #include "platform/linux/process/ProcessIdentity.h"
 
+#include <mntent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <utility>
 #include <vector>
 
@@ -95,11 +98,56 @@ std::string application_of_unit(std::string_view unit) {
 // which have a /usr of their own.
 bool is_visible_here(const Executable& executable) {
   struct stat status;
-  return ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
+  return executable.inode != 0 && ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
          status.st_ino == executable.inode;
 }
 
+// The mount point of the AppImage that holds the path. Empty for other paths.
+std::string_view app_image_mount(std::string_view path) {
+  size_t start = path.find("/.mount_");
+  size_t end = start == std::string_view::npos ? start : path.find('/', start + 1);
+  return end == std::string_view::npos ? std::string_view() : path.substr(0, end);
+}
+
+char to_lower(char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c); }
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Whether a part of a file name is a version ("120", "v2") or a processor.
+bool follows_name(std::string_view part) {
+  if (part.starts_with('v')) part.remove_prefix(1);
+  if (!part.empty() && is_digit(part.front())) return true;
+  return part == "x86" || part == "amd64" || part == "aarch64" || part == "arm64" || part == "appimage";
+}
+
+// The name in the lower-case file name of an AppImage: all parts before the first that is not of the name.
+std::string_view name_of_app_image(std::string_view file) {
+  for (size_t end = file.find_first_of("-_. "); end != std::string_view::npos;
+       end = file.find_first_of("-_. ", end + 1)) {
+    std::string_view rest = file.substr(end + 1);
+    if (follows_name(rest.substr(0, rest.find_first_of("-_. ")))) return file.substr(0, end);
+  }
+  return file;
+}
+
 }  // namespace
+
+std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts) {
+  std::string_view point = app_image_mount(path);
+  if (point.empty()) return std::nullopt;
+  std::unique_ptr<FILE, int (*)(FILE*)> lines(::fmemopen(const_cast<char*>(mounts.data()), mounts.size(), "r"),
+                                              ::fclose);
+  mntent mount;
+  std::array<char, 4096> text;
+  while (lines && ::getmntent_r(lines.get(), &mount, text.data(), text.size()) != nullptr) {
+    if (mount.mnt_dir != point) continue;
+    std::string file(file_name(mount.mnt_fsname));
+    std::transform(file.begin(), file.end(), file.begin(), to_lower);
+    std::string_view name = name_of_app_image(file);
+    if (is_identifier(name)) return std::string(name);
+  }
+  return std::nullopt;
+}
 
 std::optional<std::string> flatpak_application(std::string_view information) {
   auto name = key_file_value(information, "Application", "name");
@@ -145,9 +193,16 @@ ProcessIdentity& ProcessIdentity::system() {
 }
 
 ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& process) const {
-  Program program{process.executable(), flatpak_application(process.flatpakInformation())};
+  Program program{process.executable(), flatpak_application(process.flatpakInformation()), std::nullopt};
   if (program.package) return program;
-  if (program.executable) program.package = snap_of_path(program.executable->path);
+  if (program.executable) {
+    const std::string& path = program.executable->path;
+    program.package = snap_of_path(path);
+    if (!app_image_mount(path).empty()) {
+      if (runs_other_programs(file_name(path))) program.image = application_of_app_image(path, process.mounts());
+      return program;
+    }
+  }
   // The control group names the snap that started the process. If it runs a program of the system (a browser from an
   // editor's terminal), it is not the snap. Files of the snap are not visible here.
   if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
@@ -163,6 +218,7 @@ std::optional<std::string> ProcessIdentity::applicationOf(const Program& program
 
 std::optional<std::string> ProcessIdentity::identifierOf(const Program& program) {
   if (auto application = applicationOf(program)) return application;
+  if (program.image) return program.image;
   if (!program.executable) return std::nullopt;
   const std::string_view name = file_name(program.executable->path);
   return name.empty() ? std::nullopt : std::optional<std::string>(name);

@@ -24,6 +24,11 @@ std::optional<std::string> flatpak_application(std::string_view information);
 std::optional<std::string> snap_of_path(std::string_view path);
 std::optional<std::string> snap_of_control_groups(std::string_view controlGroups);
 
+// The name of the application in an AppImage, for an executable inside of one. An AppImage mounts itself at
+// FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the name of its file. `mounts` is /proc/pid/mounts. In lower
+// case, up to the version or processor in the file name: "firefox" for Firefox-120.0-x86_64.AppImage.
+std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts);
+
 // The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
 struct ApplicationUnit {
   std::string path;         // the unit's control group
@@ -38,6 +43,7 @@ class ProcessIdentity {
   struct Program {
     std::optional<Executable> executable;
     std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
+    std::optional<std::string> image;    // application_of_app_image(), if the executable's own name says nothing
   };
 
   explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
@@ -58,8 +64,8 @@ class ProcessIdentity {
   // The application ID of the program's package or desktop entry. Nothing for other programs.
   std::optional<std::string> applicationOf(const Program& program);
 
-  // The application ID, or else the executable's file name, so that a browser from an archive has an identifier too.
-  // Nothing when the executable is unknown.
+  // The application ID, or else the name of its AppImage, or else the executable's file name, so that a browser from an
+  // archive has an identifier too. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
   // The process that is responsible for this one, the first that exists of:

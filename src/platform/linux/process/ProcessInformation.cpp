@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -17,6 +19,8 @@ namespace {
 
 // All files are shorter, except that a process may choose long names for its control groups; these are cut off.
 constexpr size_t kFileLimit = size_t{64} * 1024;
+// A host with many containers has a thousand mounts.
+constexpr size_t kMountsLimit = size_t{256} * 1024;
 constexpr uint32_t kNobodyLoggedIn = UINT32_MAX;
 constexpr std::string_view kDeleted = " (deleted)";
 
@@ -59,6 +63,31 @@ uint32_t read_audit_number(const Descriptor& file) {
   std::array<char, 4096> buffer;
   std::string_view rest = read_again(file, buffer);
   return parse_number<uint32_t>(take_word(rest)).value_or(kNobodyLoggedIn);
+}
+
+// The target of a link; empty on failure.
+std::string read_link(int directory, const char* name) {
+  std::array<char, PATH_MAX> target;
+  ssize_t length = ::readlinkat(directory, name, target.data(), target.size());
+  return {target.data(), length > 0 ? static_cast<size_t>(length) : 0};
+}
+
+// The path without the suffix that the kernel adds when the file was removed.
+std::string_view without_suffix(std::string_view path) {
+  if (path.ends_with(kDeleted)) path.remove_suffix(kDeleted.size());
+  return path;
+}
+
+struct FileNumbers {
+  dev_t device;
+  ino_t inode;
+};
+
+// Reads what the kernel has cached: a file system that a user serves (FUSE) must not make this process wait.
+std::optional<FileNumbers> examine_executable(int directory) {
+  struct statx status;
+  if (::statx(directory, "exe", AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) return std::nullopt;
+  return FileNumbers{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
 // Zombie or dead.
@@ -110,29 +139,33 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
 
 // When the process has ended its directory is empty, even if the pid is used again.
 bool ProcessInformation::runs(const Executable* file) const {
-  struct stat status;
-  return ::fstatat(directory(), "exe", &status, 0) == 0 &&
-         (file == nullptr || (status.st_dev == file->device && status.st_ino == file->inode));
+  if (file != nullptr && file->inode != 0) {
+    auto now = examine_executable(directory());
+    return now && now->device == file->device && now->inode == file->inode;
+  }
+  std::string path = read_link(directory(), "exe");
+  return !path.empty() && (file == nullptr || without_suffix(path) == file->path);
 }
 
 std::optional<Executable> ProcessInformation::executable() const {
-  std::array<char, PATH_MAX> target;
-  ssize_t length = ::readlinkat(directory(), "exe", target.data(), target.size());
-  struct stat status;
-  if (length <= 0 || ::fstatat(directory(), "exe", &status, 0) != 0) return std::nullopt;
-  std::string path(target.data(), static_cast<size_t>(length));
-  if (path.ends_with(kDeleted)) {
-    // The kernel has added the suffix, unless the executable really has that name.
-    struct stat named;
-    bool spelledSo =
-        ::stat(path.c_str(), &named) == 0 && named.st_dev == status.st_dev && named.st_ino == status.st_ino;
-    if (!spelledSo) path.resize(path.size() - kDeleted.size());
-  }
-  return Executable{std::move(path), status.st_dev, status.st_ino};
+  std::string path = read_link(directory(), "exe");
+  if (path.empty()) return std::nullopt;
+  std::string without(without_suffix(path));
+  auto status = examine_executable(directory());
+  if (!status) return Executable{std::move(without), 0, 0};
+  // The kernel has added the suffix, unless the executable really has that name.
+  struct stat named;
+  bool isName = path.size() != without.size() && ::stat(path.c_str(), &named) == 0 && named.st_dev == status->device &&
+                named.st_ino == status->inode;
+  return Executable{isName ? std::move(path) : std::move(without), status->device, status->inode};
 }
 
 std::string ProcessInformation::controlGroups() const {
   return read_file_start_at(directory(), "cgroup", kFileLimit, Links::Refuse).value_or("");
+}
+
+std::string ProcessInformation::mounts() const {
+  return read_file_start_at(directory(), "mounts", kMountsLimit, Links::Refuse).value_or("");
 }
 
 std::string ProcessInformation::flatpakInformation() const {

@@ -17,6 +17,7 @@ namespace orvane {
 // The file that a process runs.
 struct Executable {
   std::string path;  // absolute; the former path if the file was replaced or removed
+  // Both 0 if only its user may examine the file: a FUSE mount refuses all others, even root.
   dev_t device;
   ino_t inode;
 };
@@ -60,6 +61,9 @@ class ProcessInformation {
 
   // The text of /proc/pid/cgroup, which all users can read. Empty when the process has ended.
   std::string controlGroups() const;
+
+  // The text of /proc/pid/mounts: the mounts that the process sees. Empty when the process has ended.
+  std::string mounts() const;
 
   // The text of /.flatpak-info, which Flatpak puts into each sandbox. Empty outside a sandbox.
   std::string flatpakInformation() const;

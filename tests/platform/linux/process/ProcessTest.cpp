@@ -75,12 +75,19 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
        30},                                                      // a program of the system; a parent of itself
       {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
-      {33, 32, 96, "helper", kSession, "", "helper", 31}};
+      {33, 32, 96, "helper", kSession, "", "helper", 31},
+      // Files that cannot be examined, as in the FUSE mount of an AppImage.
+      {34, 1, 97, "tmp/.mount_browseAb12/browser", kSession, "", "browser", 34},
+      {35, 10, 98, "tmp/.mount_BrowseCd34/python3.11", "snap.editor.code-1.scope", "", "image-browser", 10}};
+  std::string mountPoint = folder.path("tmp/.mount_BrowseCd34");
+  for (size_t at; (at = mountPoint.find(' ')) != std::string::npos;) mountPoint.replace(at, 1, "\\040");
   for (const auto& row : kProcesses) {
     std::string name = "proc/" + std::to_string(row.pid), parent = std::to_string(row.parent);
     folder.write(name + "/stat",
                  "1 (x) S " + parent + " 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(row.start) + " 0\n");
     folder.write(name + "/cgroup", std::string("0::/user.slice/") + row.unit);
+    folder.write(name + "/mounts",
+                 "proc /proc proc rw 0 0\nImage-Browser-v1.2-x86_64.AppImage " + mountPoint + " fuse.Image ro 0 0\n");
     folder.write(name + "/root/.flatpak-info", std::string("[Application]\nname=") + row.sandbox);
     if (*row.program != 0) fs::create_symlink(folder.path(row.program), folder.path(name + "/exe"));
   }
