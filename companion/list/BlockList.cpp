@@ -5,6 +5,7 @@
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
+#include "platform/KeyedHash.h"
 
 namespace orvane {
 namespace {
@@ -113,7 +114,7 @@ const BlockedSite* BlockList::findByUsualName(std::string_view host) const {
 }
 
 BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host) const {
-  auto [found, end] = lineByHost_.equal_range(std::hash<std::string_view>()(host));
+  auto [found, end] = lineByHost_.equal_range(keyed_hash(host));
   while (found != end && lines_[found->second].site->host != host) ++found;
   return found == end ? lineByHost_.end() : found;
 }
@@ -154,7 +155,7 @@ void BlockList::append(Line line) {
       lines_[line.earlier].isSuperseded = true;
       lineByHost_.erase(found);
     }
-    lineByHost_.emplace(std::hash<std::string_view>()(host), here);
+    lineByHost_.emplace(keyed_hash(host), here);
   }
   lines_.push_back(std::move(line));
 }

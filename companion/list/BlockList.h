@@ -71,7 +71,7 @@ class BlockList {
     bool isSuperseded = false;        // a later line has the same site
     bool isRemoved = false;
   };
-  // The line of each site, by the hash of its name. A second copy of each name would take most of the memory.
+  // The line of each site, by the keyed hash of its name. A second copy of each name would take most of the memory.
   using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
   void append(Line line);

@@ -10,6 +10,7 @@
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
+#include "platform/KeyedHash.h"
 
 namespace orvane {
 namespace {
@@ -200,7 +201,7 @@ class ImportReader {
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   ImportedSites result_;
-  std::unordered_map<std::string_view, BlockedSite*> siteByHost_;  // pointers into the result
+  std::unordered_map<std::string_view, BlockedSite*, KeyedHash> siteByHost_;  // pointers into the result
 };
 
 }  // namespace

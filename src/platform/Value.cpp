@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <new>
 
 #include "platform/Clock.h"
+#include "platform/KeyedHash.h"
 
 namespace orvane {
 
@@ -35,7 +35,7 @@ struct Value::ContainerContent : Counted {
 
 namespace {
 
-uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(std::hash<std::string_view>()(text)); }
+uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(keyed_hash(text)); }
 
 // Converts a real number to an integer. False when that would change its value.
 bool exact_signed(double real, int64_t* integer) {
@@ -50,8 +50,10 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
-// All NaNs are equal, whatever their bits.
-size_t hash_of(double real) { return std::isnan(real) ? 0 : std::hash<double>()(real); }
+// All NaNs are equal, whatever their bits, and so are both zeros.
+size_t hash_of(double real) {
+  return std::isnan(real) || real == 0 ? 0 : keyed_hash({reinterpret_cast<const char*>(&real), sizeof real});
+}
 
 bool same_real(double left, double right) { return left == right || (std::isnan(left) && std::isnan(right)); }
 

@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numeric>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/KeyedHash.h"
 #include "platform/Value.h"
+#include "support/CollidingNames.h"
 
 namespace orvane {
 namespace {
@@ -56,6 +60,26 @@ TEST(Value, CopiesTheCharactersOfABorrowedString) {
   copies.clear();
   EXPECT_EQ(outlives, Value::array({moved}));
   EXPECT_EQ(moved, Value::string(name));
+}
+
+TEST(KeyedHash, IsSipHash13) {
+  // The text is the bytes 0, 1, 2 ... The numbers are CPython's, whose hash of bytes is SipHash-1-3.
+  const std::pair<size_t, uint64_t> kCases[] = {
+      {1, 0x68a914128e01e473},  {7, 0x2f098ab0c751325a},  {8, 0xead411e67ebe2eea},
+      {15, 0xf30eb725bb91c9ea}, {16, 0x8972188433a5c5b7}, {63, 0x385d3e39e5f37359},
+  };
+  for (const auto& [length, hash] : kCases) {
+    std::string text(length, '\0');
+    std::iota(text.begin(), text.end(), '\0');
+    EXPECT_EQ(siphash13({0, 0}, text), hash) << length;
+  }
+}
+
+TEST(Value, SpreadsNamesThatCollideWithoutAKey) {
+  const std::vector<std::string> names = colliding_names(1000);
+  std::set<size_t> hashes;
+  for (const std::string& name : names) hashes.insert(Value::string(name).hash());
+  EXPECT_GE(hashes.size(), names.size() - 1) << "two of a thousand may have the same 32 bits";
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListImport.h"
 #include "companion/text/Input.h"
+#include "support/CollidingNames.h"
 
 namespace orvane {
 namespace {
@@ -79,6 +82,27 @@ TEST(ListImport, KeepsSuspensions) {
   EXPECT_EQ(counts.unchanged, 2U);
   EXPECT_EQ(counts.added, 2U);
   EXPECT_EQ(counts.removed, 2U);
+}
+
+// The processor time that it takes to import names and to find each of them in the list.
+std::clock_t import_time(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) text += name + '\n';
+  const std::clock_t start = std::clock();
+  BlockList list;
+  put_imported(list,
+               read_import(
+                   text, std::nullopt, [](auto...) {}, nullptr),
+               false);
+  for (const std::string& name : names) EXPECT_NE(list.find(name), nullptr);
+  return std::clock() - start;
+}
+
+TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
+  const std::vector<std::string> colliding = colliding_names(5'000);
+  std::vector<std::string> ordinary = colliding;
+  for (size_t i = 0; i < ordinary.size(); ++i) ordinary[i].replace(0, 5, std::to_string(10'000 + i));
+  EXPECT_LT(import_time(colliding), 5 * import_time(ordinary));
 }
 
 }  // namespace
