@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <new>
 
 #include "platform/Clock.h"
@@ -34,6 +35,20 @@ struct Value::ContainerContent : Counted {
 };
 
 namespace {
+
+std::atomic<size_t> content_bytes{0};
+
+// A content's header, the allocator's share, and a slot for the value in a half full Table.
+constexpr size_t kContentBytes = 96;
+// What a node of a hashed container takes besides its element.
+constexpr size_t kNodeBytes = 32;
+
+size_t element_bytes(const Value::Array& elements) { return elements.size() * sizeof(Value); }
+size_t element_bytes(const Value::Set& members) { return members.size() * (sizeof(Value) + kNodeBytes); }
+size_t element_bytes(const Value::Dictionary& entries) { return entries.size() * (2 * sizeof(Value) + kNodeBytes); }
+
+void count_content(size_t bytes) { content_bytes.fetch_add(kContentBytes + bytes, std::memory_order_relaxed); }
+void discount_content(size_t bytes) { content_bytes.fetch_sub(kContentBytes + bytes, std::memory_order_relaxed); }
 
 uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(keyed_hash(text)); }
 
@@ -187,20 +202,25 @@ void Value::releaseContent() noexcept {
   switch (kind_) {
     case Kind::String: {
       auto* text = static_cast<StringContent*>(content);
+      discount_content(text->length);
       text->~StringContent();
       ::operator delete(text);
       break;
     }
     case Kind::Data:
+      discount_content(asData().size());
       delete static_cast<DataContent*>(content);
       break;
     case Kind::Array:
+      discount_content(element_bytes(asArray()));
       delete static_cast<ContainerContent<Array>*>(content);
       break;
     case Kind::Set:
+      discount_content(element_bytes(asSet()));
       delete static_cast<ContainerContent<Set>*>(content);
       break;
     case Kind::Dictionary:
+      discount_content(element_bytes(asDictionary()));
       delete static_cast<ContainerContent<Dictionary>*>(content);
       break;
     default:
@@ -240,6 +260,7 @@ Value Value::string(std::string_view text) {
   if (text.size() > UINT32_MAX) throw std::bad_alloc();
   auto* content = new (::operator new(sizeof(StringContent) + text.size())) StringContent;
   content->length = static_cast<uint32_t>(text.size());
+  count_content(text.size());
   if (!text.empty()) std::memcpy(content->characters(), text.data(), text.size());
   Value result(Kind::String);
   result.stringHash_ = hash_of(text);
@@ -264,10 +285,11 @@ Value Value::date(double absoluteTime) {
 }
 
 Value Value::data(std::span<const uint8_t> bytes) {
-  auto* content = new DataContent;
-  Value result(Kind::Data);
-  result.payload_.content = content;
+  auto content = std::make_unique<DataContent>();
   content->bytes.assign(bytes.begin(), bytes.end());
+  count_content(bytes.size());
+  Value result(Kind::Data);
+  result.payload_.content = content.release();
   return result;
 }
 
@@ -278,6 +300,7 @@ Value Value::container(Kind kind, Container elements) {
   if (elements.empty()) return result;
   auto* content = new ContainerContent<Container>;
   content->elements = std::move(elements);
+  count_content(element_bytes(content->elements));
   result.payload_.content = content;
   return result;
 }
@@ -414,6 +437,8 @@ std::string Value::description() const {
   append_description(text, *this, 0);
   return text;
 }
+
+size_t Value::bytesInUse() { return content_bytes.load(std::memory_order_relaxed); }
 
 int date_compare(const Value& left, const Value& right) {
   double leftMoment = left.asDate(), rightMoment = right.asDate();

@@ -103,6 +103,9 @@ class Value {
   // The text for "%@". Nil gives "(null)".
   std::string description() const;
 
+  // About how much memory the contents of all values of the process take, including their places in tables.
+  static size_t bytesInUse();
+
  private:
   // Every content begins with its reference count. The kind tells its type.
   struct Counted;

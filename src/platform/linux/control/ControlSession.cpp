@@ -48,6 +48,29 @@ class LargeMessageBudget {
 };
 LargeMessageBudget large_message_budget;
 
+// The memory of all values together: those that the extension stores, and those of calls that are being carried out. A
+// value takes up to about kValueBytesPerByte as much memory as its message.
+constexpr uint64_t kValueBudget = uint64_t{512} << 20;
+constexpr uint64_t kValueBytesPerByte = 4;
+
+// Memory for the arguments of one call, while the call is carried out. Thread-safe.
+class ValueReservation {
+ public:
+  // `stored`: the memory of the values that will be kept besides the call's. Refuses the call when that is too much.
+  ValueReservation(uint64_t messageWords, uint64_t stored)
+      : bytes_(messageWords * sizeof(capnp::word) * kValueBytesPerByte) {
+    if ((total_ += bytes_) + stored <= kValueBudget) return;
+    total_ -= bytes_;
+    refuse_message("it would need more memory for values than the limit, 512 MiB; remove names or properties first");
+  }
+  ~ValueReservation() { total_ -= bytes_; }
+  KJ_DISALLOW_COPY(ValueReservation);
+
+ private:
+  static inline std::atomic<uint64_t> total_{0};
+  const uint64_t bytes_;
+};
+
 // A ControlStream that enforces the limits of a session. The library's read loop asks for one message at a time and
 // gets the next one only after the previous call has been carried out.
 class GuardedStream final : public capnp::MessageStream {
@@ -214,7 +237,8 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   }
   kj::Promise<void> addHostname(AddHostnameContext context) override {
     return deliver(
-        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::addHostname);
+        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::addHostname,
+        Value::bytesInUse());
   }
   kj::Promise<void> removeHostname(RemoveHostnameContext context) override {
     return deliver(
@@ -225,6 +249,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
         context, [](auto call) { return call.getHostnames(); }, &OrvaneSECommunication::setHostnames);
   }
   kj::Promise<void> setProperties(SetPropertiesContext context) override {
+    ValueReservation memory(stream_.messageWords(), Value::bytesInUse());
     Value properties = argument(context, [](auto call) { return call.getProperties(); });
     Value forHostname = argument(context, [](auto call) { return call.getForHostname(); });
     context.releaseParams();
@@ -259,8 +284,12 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
+  // `stored`: what the extension keeps besides the argument. 0 for a message that adds nothing or replaces everything:
+  // these stay possible when the memory is used up.
   template <class Context, class Get>
-  kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&)) {
+  kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
+                            uint64_t stored = 0) {
+    ValueReservation memory(stream_.messageWords(), stored);
     Value value = argument(context, get);
     context.releaseParams();
     (exported().*message)(value);

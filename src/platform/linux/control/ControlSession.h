@@ -14,7 +14,8 @@ enum class SessionEnd {
 // the session. If `exported` is null, every call is answered with an error.
 //
 // Clients are not trusted:
-// - All sessions share one budget of memory for large messages.
+// - All sessions share one budget of memory for large messages, and one for values, those that are stored included. A
+//   call beyond the second one is answered with an error; the session goes on.
 // - The session reads no message while the client leaves earlier replies unread.
 // - Too many unfinished calls end the session, and so does any message that this protocol does not need.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported);

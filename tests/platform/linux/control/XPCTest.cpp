@@ -183,6 +183,20 @@ TEST_F(XPC, RejectsDeeplyNestedArgumentsInTheClient) {
   EXPECT_TRUE(peer->ping()) << "the extension has ended the connection";
 }
 
+TEST_F(XPC, RefusesValuesBeyondItsMemory) {
+  auto listener = listen();
+  auto peer = client();
+  const Value name = Value::string("example.org"), other = Value::string("example.net");
+  const std::vector<uint8_t> bytes(size_t{120} << 20);
+  const Value large = Value::dictionary({{name, Value::data(bytes)}});  // held by this process: counts as stored
+  EXPECT_THROW(peer->setProperties(large, name), ClientError);
+  peer->setHostnames(Value::set({large.asDictionary().at(name)}));
+  EXPECT_THROW(peer->setProperties(large, name), ClientError);
+  peer->addHostname(name);
+  decltype(exported_.received.all()) expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
+  EXPECT_EQ(exported_.received.all(), expected);
+}
+
 TEST_F(XPC, EndsItsConnectionsWithTheListener) {
   auto listener = listen();
   auto peer = client();
