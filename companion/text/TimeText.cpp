@@ -107,9 +107,9 @@ seconds read_clock(Reader& reader) {
 local_days read_date(Reader& reader) {
   const auto year = std::chrono::year(reader.number(4));
   reader.expect(reader.accept("-"));
-  const auto month = static_cast<unsigned>(reader.number(2));
+  const auto month = std::chrono::month(static_cast<unsigned>(reader.number(2)));
   reader.expect(reader.accept("-"));
-  const auto day = static_cast<unsigned>(reader.number(2));
+  const auto day = std::chrono::day(static_cast<unsigned>(reader.number(2)));
   const year_month_day date = year / month / day;
   reader.expect(date.ok());
   return local_days(date);
