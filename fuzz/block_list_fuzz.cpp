@@ -26,7 +26,7 @@ void check(const BlockList& list) {
 
 }  // namespace
 
-// The list's file as anyone may have written it, and the same bytes as someone's list to import.
+// Reads the bytes as the list's file, and then as a list to import.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
   BlockList list = BlockList::parse(text);
@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     require(counts.added + counts.changed + counts.unchanged == imported.sites.size());
     check(list);
     require(put_imported(list, imported, false).there == imported.sites.size());
-  } catch (const InputError&) {  // no list at all
+  } catch (const InputError&) {  // not a list
   }
   for (const BlockedSite& site : list.sites()) require(list.remove(site.host) && !list.remove(site.host));
   require(BlockList::parse(list.text()).size() == 0);

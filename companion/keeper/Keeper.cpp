@@ -224,7 +224,7 @@ void Keeper::describe(const BlockList& list) {
     faults += "; line " + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " + bad.fault;
   }
   if (!faults.empty() && faults != lastLoggedFaults_)
-    keeper_log(LogLevel::Warning, "ignored: " + counted(state_.badLines, "line", "lines") + " of the list" + faults);
+    keeper_log(LogLevel::Warning, counted(state_.badLines, "bad line", "bad lines") + " of the list ignored" + faults);
   lastLoggedFaults_ = faults;
 }
 
