@@ -4,8 +4,8 @@
 
 namespace orvane {
 
-// Limits how long calls over a connection take, all of them together. When the time is over, the connection is shut
-// down and the waiting call throws ClientError. Without it, a call to an extension that hangs never returns.
+// Limits the total time of calls over a connection: a call to an extension that hangs would never return. When the time
+// is over, the connection is shut down and the waiting call throws ClientError.
 //
 // For single-threaded programs. Uses SIGALRM and ITIMER_REAL, so only one may exist at a time.
 class CallTimeout {

@@ -36,7 +36,7 @@ struct KeeperState {
   uint64_t sentNames = 0;
   std::optional<Moment> sentAt;
   uint64_t changes = 0;                       // the extension's count of edits when last read
-  uint64_t changesOfOthers = 0;               // edits by other clients since this keeper first sent the list
+  uint64_t changesOfOthers = 0;               // edits by other clients since the keeper last sent the whole list
   std::optional<std::string> extensionError;  // why there is no connection, or the list was not accepted
 };
 

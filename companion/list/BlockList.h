@@ -88,7 +88,7 @@ struct HeldNames {
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
   std::optional<Moment> nextChange;                       // the end of the first suspension
 };
-// A name of two sites, only one of which is suspended, is held.
+// If only one of a name's two sites is suspended, the name is held.
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

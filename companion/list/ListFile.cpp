@@ -26,7 +26,7 @@ namespace orvane {
 namespace {
 
 constexpr mode_t kModeOfNew = 0660;
-// Without execute and set-ID bits: otherwise a member of the group could have root make a set-ID program.
+// Without execute and set-ID bits: a member of the group could set them, and root would then write a set-ID program.
 constexpr mode_t kPermissions = 0666;
 
 // The path of the list. Each operation opens the folder once and works relative to it, so that a rename of the folder

@@ -27,12 +27,10 @@ ListVersion list_version(const std::string& path);
 // Reads the list, calls `edit`, and writes the list back if `edit` returns true. Returns the file's version afterwards.
 //
 // - A lock on the folder keeps other calls of edit_list() out meanwhile.
-// - At every moment the file is either the old version or the new one, and the new one is on the disk when the function
-//   returns.
+// - The file is always either the old version or the new one. The new one is on the disk when the function returns.
 // - If another program replaces the file meanwhile, `edit` is called again with the list of that version.
-// - Throws FileError on failure; unless the message says otherwise, the file is then unchanged. Exceptions of `edit`
-// are
-//   passed on, and the file is unchanged.
+// - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged; only after a
+//   failed fsync of the folder it is changed, and the message says so.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
 
 }  // namespace orvane

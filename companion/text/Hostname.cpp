@@ -132,7 +132,7 @@ bool append_international(std::string_view given, std::string& name, std::string
   return true;
 }
 
-// Browsers take a host whose last label is a decimal, octal or hexadecimal number for an IPv4 address (WHATWG URL
+// Browsers treat a host whose last label is a decimal, octal or hexadecimal number as an IPv4 address (WHATWG URL
 // Standard, "ends in a number").
 bool ends_in_number(std::string_view name) {
   std::string_view last = name.substr(name.rfind('.') + 1);

@@ -3,7 +3,6 @@
 #include <capnp/rpc-twoparty.h>
 #include <kj/common.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
