@@ -8,7 +8,7 @@ set(ORVANE_TEAM "" CACHE STRING "The identifier of the signing team, or empty")
 if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
   message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters or digits")
 endif()
-# Development profiles use the name content-filter-provider instead.
+# The name in distribution profiles. Development profiles use content-filter-provider.
 set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "The filter entitlement of the profiles")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
 # The application group of the extension and its application. The system registers the extension's Mach service only if

@@ -76,7 +76,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     command = _find_unshare()
     directory = tempfile.mkdtemp(prefix="orvane.")
     try:
-        # In its own session, an interrupt from the terminal reaches only this process, which then ends the others.
+        # The child has a session of its own, so Ctrl-C reaches only this process, which then ends the child.
         unshare = subprocess.Popen(
             [*command, PYTHON, script, INSIDE, directory, *arguments],
             stdin=subprocess.DEVNULL,
@@ -116,7 +116,7 @@ def bring_loopback_up() -> None:
 
 
 def prepare(directory: pathlib.Path) -> None:
-    """Prepares the namespaces from inside: the local name server answers, and `directory` is in memory."""
+    """Runs inside the namespaces: mounts memory on `directory` and sends name look-ups to the local server."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
     bring_loopback_up()
     _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")

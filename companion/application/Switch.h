@@ -28,5 +28,6 @@
 
 @end
 
-// A text about a failure for the user: the advice, or the system's message if that is nil; then domain and code.
+// The text that tells the user about a failure: the advice, or the system's message if there is no advice, and then
+// the error's domain and code.
 NSString* failure_text(NSError* error, NSString* advice);

@@ -137,7 +137,7 @@ bool BlockList::put(BlockedSite site) {
 bool BlockList::remove(std::string_view host) {
   auto found = locate(host);
   if (found == lineByHost_.end()) return false;
-  // Otherwise an earlier line of the site would count again.
+  // All lines of the site go. If only the last one went, an earlier one would take effect.
   for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
     lines_[i].isRemoved = true;
     lines_[i].site.reset();

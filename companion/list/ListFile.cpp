@@ -205,7 +205,7 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     FileReplacement file(folder.get(), "." + place.name + ".new");  // the lock allows one writer at a time
     if (auto error = file.write(text, mode_for(folder, place, content.mode)))
       throw file_error("cannot change", place, error.value());
-    // An editor takes no lock. If it saved the file meanwhile, edit that version instead.
+    // Editors take no lock. If one has saved the file since it was read, start again with the new version.
     if (current_version(folder, place) == content.version) return make_current(file, place);
   }
   throw FileError("cannot change the list: " + in_quotes(path) +

@@ -48,7 +48,7 @@ void db_hostname_set(const Value& hostnames) {
   // A long list takes long to insert and to free, and verdicts must not wait for that. So the new table is built before
   // locking, swapped in, and the old one freed after unlocking.
   auto table = std::make_unique<Table>();
-  // Spare room, so that the next single names do not make the table grow under the lock.
+  // Spare room, so that names which are added one by one later do not grow the table under the lock.
   table->reserve(hostnames.asSet().size() + hostnames.asSet().size() / 8);
   for (const Value& member : hostnames.asSet()) add_to_hostnames(*table, member);
   {

@@ -18,7 +18,7 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
-    // Logged even with status 0: then the second message names the failure.
+    // The status is logged even if it is 0: the second message then shows what failed.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
     if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
     return std::nullopt;

@@ -37,7 +37,7 @@ class OrvaneController : public OrvaneSECommunication {
 
   bool mIsAppFilterActive = false;         // never set: there is no application filter
   Ref<NSRecursiveLock> mChangesCountLock;  // unused: the object's monitor guards the count
-  uint64_t mChangesCount = 0;              // 0 until the first edit since the start
+  uint64_t mChangesCount = 0;              // 0 until the first edit since the start; wraps to 1
 };
 
 }  // namespace orvane

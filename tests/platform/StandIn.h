@@ -126,7 +126,7 @@ inline struct ListenerState {
   Value name = nullptr;
 } listener;
 
-// Dispatch.h. dispatch_main throws this, to give the thread back to the test.
+// For Dispatch.h: dispatch_main throws this, so that the test gets its thread back.
 struct MainThreadParked {};
 
 // Resets everything that tests script or inspect, except the counts of objects alive.

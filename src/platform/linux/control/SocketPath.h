@@ -24,8 +24,8 @@ struct ServerSocket {
 //   the user's runtime directory (/run for root), if that is not set  0600
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error);
 
-// Where a client of this process's user looks, in this order: the user's runtime directory and the folder orvane-se in
-// it, /run/orvane-se, /run. Empty, with *error set, if `service` cannot be a socket's name.
+// The paths that a client of this user tries, in order: in the user's runtime directory, in its folder orvane-se, in
+// /run/orvane-se, in /run. Returns none and sets *error if `service` cannot be a socket's name.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
 
 // The address of a Unix-domain socket at a path. Nothing if the path is too long for one.

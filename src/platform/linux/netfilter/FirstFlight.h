@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// Puts the first outbound segments of one TCP connection in order: segments may arrive out of order, again, or
-// overlapping. The first segment that is seen begins the flight. Each byte is given out once; bytes that were given out
-// or kept are never replaced by those of a retransmission. Keeps only the bytes behind a gap.
+// Puts the first outbound segments of one TCP connection in order. Segments may arrive out of order, twice, or
+// overlapping. The first segment begins the flight. Each byte is returned once, and a retransmission never replaces a
+// byte. Stores only the bytes behind a gap.
 //
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {
@@ -19,13 +19,13 @@ class FirstFlight {
   static constexpr size_t kBytesLimit = size_t{256} << 10;
   static constexpr size_t kPiecesLimit = 64;
 
-  // Adds a segment at its TCP sequence number (these wrap at 2^32). Returns false, now and from then on, when the
-  // flight cannot go on: too much waits for a gap, or the segment begins before the flight. A segment without payload
-  // adds nothing and begins nothing.
+  // Adds a segment at its TCP sequence number (these wrap at 2^32). Returns false when the flight cannot continue: too
+  // many bytes wait behind a gap, or the segment begins before the flight. After that every call returns false. A
+  // segment without payload is ignored, even as the first one.
   bool add(uint32_t sequence, std::span<const uint8_t> payload);
 
-  // The bytes that the last add() put in order, behind those of the adds before. Valid until the next add(), and while
-  // its payload is.
+  // The bytes that the last add() put in order; they follow those of the earlier calls. Valid until the next add(), and
+  // only while that payload is valid.
   std::span<const uint8_t> next() const { return next_; }
 
   // How many bytes are in order, those of next() included.

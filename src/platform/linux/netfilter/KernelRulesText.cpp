@@ -131,16 +131,15 @@ class NewChain {
 // - "Pending" only keeps a packet from being queued twice. It is not saved: the connection may have a verdict by then.
 // - Rules test the connection's bits with the packet's, as other programs may use the same bits for other connections.
 //   A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark`, so it passes.
-// - Connection tracking calls a packet INVALID, and gives it no connection, when a server plays tricks with its flags
-// or
-//   window, which the TCP stack accepts. Such packets are judged one by one, with the answer in their own mark alone.
-// - A server may answer before the request is complete, and a browser shows the answer. So the other end's payload
-// waits
-//   for the verdict: it is dropped, and sent again.
+// - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
+//   then calls the packets INVALID and gives them no connection. They are judged one by one, and the answer is in the
+//   packet's own mark only.
+// - A server may answer before the request is complete, and a browser shows the answer. So the server's data is dropped
+//   until the verdict. The server sends it again.
 // - Both ends of a connection of this machine to itself send through OUTPUT, hence the test of the direction.
 // - A SYN clears the bits because connection tracking may take it for part of an old connection, one that was reset and
-//   used the same ports. Table filter clears "dropped" too, for the time in which another program has taken our rules
-//   out of table mangle; a SYN that a rule of the provider drops has the bits in its own mark.
+//   used the same ports. Table filter clears "dropped" too, in case another program has flushed table mangle. A SYN
+//   that one of the provider's rules drops has the bits in its own mark.
 // - A RST without ACK ends no connection of the sender: it answers a stray segment.
 // - Table filter saves the bits too, for packets that did not enter mangle again.
 // - DROP lets resets pass: the reset that rejects a connection belongs to that connection.

@@ -68,7 +68,8 @@ std::optional<std::string> PacketQueue::open() {
   return std::nullopt;
 }
 
-// Makes one setting and waits for the kernel's answer. Call it before the rules queue packets.
+// Changes one setting of the queue and waits for the kernel's answer. Call it before the kernel rules send packets
+// here.
 int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);

@@ -34,7 +34,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   evictExpired(now);
   isLooping_ = false;
   bool ends = packet.fin || packet.rst;
-  // An acknowledgment. The kernel queues it only when it has IPv6 extension headers, which its rule cannot skip.
+  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it queues these too.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   auto flow = findOrCreate(packet.ends);

@@ -34,9 +34,9 @@ enum class PacketVerdict {
 // known or cannot become known, or when the flow ends. An open flow is kept as long as its socket. Once settled it is
 // remembered for some seconds, for packets that were queued before its verdict.
 //
-// Each user has a number of open flows of his own, so that one user's flows take no room from another's. A flow beyond
-// it is shown at once, without a name. If the provider wants to see more of it, it is a browser's, and is dropped: no
-// browser has so many connections, and an open flow that is forgotten would pass.
+// The number of open flows is limited for each user, so that one user's flows take no room from another's. A flow
+// beyond the limit is shown to the provider at once, without a name. If the provider wants more data, the flow is a
+// browser's, and is dropped: no browser has so many connections, and a forgotten flow would pass.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -49,10 +49,10 @@ class QueuedFlows {
   // Decides about a packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Whether an inbound packet, whose `ends.local` is the other end, may reach its socket. While a flow's name is open,
-  // the other end's payload may not: it could answer before the request says what it asks for. The provider is then
-  // asked without a name, so that another program's flow is settled at once; its server may speak first. A packet
-  // without a tracked connection may pass when no flow is known for it.
+  // Whether an inbound packet may reach its socket; the server is its `ends.local`. A server's payload may not while
+  // the flow's name is open: the server could answer before the request names the host. The provider is then asked
+  // without a name. That settles another program's flow at once, so its server may speak first. A packet without a
+  // tracked connection passes if its flow is unknown.
   bool admits(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
   // Whether many packets in a row brought nothing new of the last packet's flow. Then another program overwrites the

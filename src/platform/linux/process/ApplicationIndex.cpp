@@ -68,8 +68,7 @@ bool is_preferred(const std::string& program, const std::string& left, const std
 // The result of reading the folders once. Immutable.
 struct ApplicationEntries {
   std::map<std::string, FolderState> folders;  // all folders that were read, by path
-  // A folder changed within the resolution of its time just before the reading: a later change may leave its time
-  // equal.
+  // Whether a folder changed just before the reading. File times are coarse: a later change could have the same time.
   bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;

@@ -23,7 +23,8 @@
 namespace orvane {
 namespace {
 
-// A datagram is examined right after it is sent. After this time another process may use the local port.
+// How long a record of a datagram counts. A datagram is examined right after it is sent; later, another process may
+// have the same local port.
 constexpr uint64_t kRecordLifetime = 5'000'000'000;  // nanoseconds
 
 // The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).

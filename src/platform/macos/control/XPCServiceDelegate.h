@@ -15,7 +15,7 @@
 // Borrows the listener until -dismiss.
 - (instancetype)initWithListener:(orvane::NSXPCListener*)listener delegate:(orvane::NSXPCListenerDelegate*)delegate;
 
-// Stops asking the delegate. Waits until a question that has begun is answered.
+// Stops asking the delegate. If the delegate is deciding about a connection, waits until it has decided.
 - (void)dismiss;
 
 @end

@@ -172,7 +172,8 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 @end
 @implementation NSXPCInterface (StandIn)
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol {
-  // This runtime has no name for a protocol that no class adopts. The compiler stores the name as the second word.
+  // GNUstep's runtime cannot name a protocol that no class adopts. The compiler's structure has the name as its second
+  // word.
   return static_cast<id>([NSString stringWithUTF8String:reinterpret_cast<const char* const*>(protocol)[1]]);
 }
 @end
