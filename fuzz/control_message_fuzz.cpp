@@ -60,7 +60,8 @@ void run_session(const std::string& bytes) {
   if (send(theirs.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) != static_cast<ssize_t>(bytes.size())) std::abort();
   shutdown(theirs.get(), SHUT_WR);
   static Exported& exported = *new Exported;
-  serve_session(ours.get(), &exported);
+  SessionActivity activity;
+  serve_session(ours.get(), &exported, activity);
 }
 
 // A message with the content as its only segment.

@@ -75,8 +75,11 @@ class ValueReservation {
 // gets the next one only after the previous call has been carried out.
 class GuardedStream final : public capnp::MessageStream {
  public:
-  GuardedStream(SocketEventPort& port, int socket)
-      : timer_(port.timer()), stream_(port, socket), ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
+  GuardedStream(SocketEventPort& port, int socket, SessionActivity& activity)
+      : activity_(activity),
+        timer_(port.timer()),
+        stream_(port, socket),
+        ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
     stream_.setAdmission([this](uint64_t words) { return reserve(words); });
   }
   ~GuardedStream() noexcept(false) { large_message_budget.release(reserved_); }
@@ -128,6 +131,7 @@ class GuardedStream final : public capnp::MessageStream {
   kj::Promise<void> whenReadyForNextMessage() {
     // evalLast runs when the event loop has nothing else to do, so the previous call is complete by then.
     return kj::evalLast([this]() -> kj::Promise<void> {
+      activity_.endCall();
       if (network_->getCurrentQueueSize() <= kMaximumUnsentBytes) return kj::READY_NOW;
       auto written = kj::newPromiseAndFulfiller<void>();
       resumeReading_ = kj::mv(written.fulfiller);
@@ -142,6 +146,7 @@ class GuardedStream final : public capnp::MessageStream {
       return timer_.afterDelay(kReservationRetryInterval).then([this, words] { return reserve(words); });
     }
     reserved_ = words;
+    activity_.beginCall();  // while a large message arrives, its client is not idle
     deadline_ = timer_.afterDelay(kLargeMessageTime)
                     .then([this] { giveUp("a large message did not arrive in time"); })
                     .eagerlyEvaluate(nullptr);
@@ -156,6 +161,7 @@ class GuardedStream final : public capnp::MessageStream {
   kj::Maybe<capnp::MessageReaderAndFds> admit(kj::Maybe<capnp::MessageReaderAndFds>&& received) {
     deadline_ = nullptr;
     KJ_IF_MAYBE (message, received) {
+      activity_.beginCall();
       auto content = message->reader->getRoot<rpc::Message>();
       if (content.isAbort()) {  // the library sends "abort" at every orderly close
         ended_.fulfiller->fulfill(SessionEnd::Closed);
@@ -192,6 +198,7 @@ class GuardedStream final : public capnp::MessageStream {
     return direct && call.getSendResultsTo().isCaller() && call.getParams().getCapTable().size() == 0;
   }
 
+  SessionActivity& activity_;
   kj::Timer& timer_;
   ControlStream stream_;
   kj::PromiseFulfillerPair<SessionEnd> ended_;
@@ -300,11 +307,11 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   GuardedStream& stream_;
 };
 
-SessionEnd serve(int socket, OrvaneSECommunication* exported) {
+SessionEnd serve(int socket, OrvaneSECommunication* exported, SessionActivity& activity) {
   SocketEventPort port(socket);
   kj::EventLoop loop(port);
   kj::WaitScope scope(loop);
-  GuardedStream stream(port, socket);
+  GuardedStream stream(port, socket, activity);
   capnp::TwoPartyVatNetwork network(stream, rpc::twoparty::Side::SERVER, kReaderOptions);
   stream.setNetwork(network);
   auto system = capnp::makeRpcServer(network, kj::heap<ControlServer>(exported, stream));
@@ -318,9 +325,9 @@ SessionEnd serve(int socket, OrvaneSECommunication* exported) {
 
 }  // namespace
 
-SessionEnd serve_session(int socket, OrvaneSECommunication* exported) {
+SessionEnd serve_session(int socket, OrvaneSECommunication* exported, SessionActivity& activity) {
   SessionEnd end = SessionEnd::Broken;
-  auto failure = kj::runCatchingExceptions([&] { end = serve(socket, exported); });
+  auto failure = kj::runCatchingExceptions([&] { end = serve(socket, exported, activity); });
   KJ_IF_MAYBE (exception, failure) {
     ORVANE_LOG_ERROR(default_log(), "a control connection failed: %s", exception->getDescription().cStr());
   }

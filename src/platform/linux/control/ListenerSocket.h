@@ -2,12 +2,16 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 #include "platform/linux/base/Descriptor.h"
 
 namespace orvane {
+
+// Clients that are served at the same time. Further clients wait.
+inline constexpr size_t kMaximumConnections = 64;
 
 // A listening Unix-domain stream socket. The mode of its file decides who may connect. The destructor removes the file.
 class ListenerSocket {

@@ -26,24 +26,32 @@
 namespace orvane {
 namespace {
 
-// Clients that are served at the same time. Further clients wait in the socket's queue.
-constexpr size_t kMaximumConnections = 64;
+// While all places are taken and a client waits, clients that have made no call for this long must leave.
+constexpr auto kIdleLimit = std::chrono::seconds(5);
+constexpr auto kIdleCheckInterval = std::chrono::milliseconds(100);
 
 // The sockets of the clients that a listener serves, known by their descriptors. Thread-safe.
 class ClientSockets {
  public:
-  // Waits until a client may be added. False after close().
+  // Waits until a client may be added, and ends the sessions of idle clients to make room. False after close().
   bool awaitRoom() {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return closing_ || sockets_.size() < kMaximumConnections; });
+    auto hasRoom = [this] { return closing_ || sockets_.size() < kMaximumConnections; };
+    while (!hasRoom()) {
+      endIdleSession();
+      changed_.wait_for(lock, kIdleCheckInterval, hasRoom);
+    }
     return !closing_;
   }
 
-  // Keeps the socket open until remove(). Returns its descriptor.
-  int add(Descriptor socket) {
+  // Keeps the socket open until remove(). Returns its descriptor. The activity must live as long.
+  int add(Descriptor socket, const SessionActivity& activity) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
     std::lock_guard lock(mutex_);
     int descriptor = socket.get();
-    sockets_.emplace(descriptor, std::move(socket));
+    sockets_.emplace(descriptor, Client{std::move(socket), peer, &activity});
     if (closing_) shutdown(descriptor, SHUT_RDWR);
     return descriptor;
   }
@@ -69,7 +77,7 @@ class ClientSockets {
   void close() {
     std::lock_guard lock(mutex_);
     closing_ = true;
-    for (const auto& [descriptor, socket] : sockets_) shutdown(descriptor, SHUT_RDWR);
+    for (const auto& [descriptor, client] : sockets_) shutdown(descriptor, SHUT_RDWR);
     changed_.notify_all();
   }
 
@@ -80,16 +88,43 @@ class ClientSockets {
   }
 
  private:
+  struct Client {
+    Descriptor socket;
+    ucred peer;
+    const SessionActivity* activity;
+  };
+
+  // Ends the session that has been idle longest, of the user with the most clients: the keeper, which has a user of its
+  // own and makes a call each minute only, stays. Does nothing if no session has been idle long enough.
+  void endIdleSession() {
+    std::map<uid_t, size_t> clientsOfUser;
+    for (const auto& [descriptor, client] : sockets_) ++clientsOfUser[client.peer.uid];
+    const Client* chosen = nullptr;
+    auto precedes = [&](const Client& left, const Client& right) {
+      size_t leftClients = clientsOfUser[left.peer.uid], rightClients = clientsOfUser[right.peer.uid];
+      if (leftClients != rightClients) return leftClients > rightClients;
+      return left.activity->idleSince() < right.activity->idleSince();
+    };
+    const auto latest = SessionActivity::Clock::now() - kIdleLimit;
+    for (const auto& [descriptor, client] : sockets_) {
+      if (client.activity->idleSince() <= latest && (chosen == nullptr || precedes(client, *chosen))) chosen = &client;
+    }
+    if (chosen == nullptr) return;
+    ORVANE_LOG_INFO(default_log(), "ended the control connection of process %d: it was idle, and another client waits",
+                    chosen->peer.pid);
+    shutdown(chosen->socket.get(), SHUT_RDWR);
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::map<int, Descriptor> sockets_;
+  std::map<int, Client> sockets_;
   bool closing_ = false;
 };
 
 class Connection final : public NSXPCConnection {
  public:
   Connection(Descriptor socket, std::shared_ptr<ClientSockets> clients)
-      : clients_(std::move(clients)), socket_(clients_->add(std::move(socket))) {}
+      : clients_(std::move(clients)), socket_(clients_->add(std::move(socket), activity_)) {}
 
   void setExportedInterface(const NSXPCInterface& exportedInterface) override {
     std::lock_guard lock(mutex_);
@@ -135,7 +170,7 @@ class Connection final : public NSXPCConnection {
       std::lock_guard lock(mutex_);
       if (protocol_ == &OrvaneSECommunication::kProtocol) exported = exportedObject_;
     }
-    end(serve_session(socket_, exported.get()));
+    end(serve_session(socket_, exported.get(), activity_));
   }
 
   void end(SessionEnd how) {
@@ -169,6 +204,7 @@ class Connection final : public NSXPCConnection {
   }
 
   const std::shared_ptr<ClientSockets> clients_;
+  SessionActivity activity_;
   const int socket_;  // owned by clients_
   std::atomic<bool> activated_{false};
   std::mutex mutex_;  // guards the members below
@@ -227,9 +263,11 @@ class Listener final : public NSXPCListener {
   }
 
   void acceptConnections() {
-    while (clients_->awaitRoom()) {
+    while (!clients_->isClosing()) {
       Descriptor socket(accept4(socket_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
+        // Accepted before there is room, because idle clients need not leave unless another one waits.
+        if (!clients_->awaitRoom()) return;
         admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
       } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {
         pauseAfterFailedAccept(errno);

@@ -13,10 +13,12 @@
 #include <thread>
 
 #include "ControlProtocol.capnp.h"
+#include "companion/client/CallTimeout.h"
 #include "companion/client/Client.h"
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/control/ListenerSocket.h"
 #include "service/OrvaneSECommunication.h"
 #include "support/TemporaryFolder.h"
 
@@ -195,6 +197,25 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   peer->addHostname(name);
   decltype(exported_.received.all()) expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
   EXPECT_EQ(exported_.received.all(), expected);
+}
+
+TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
+  auto listener = listen();
+  auto active = client();
+  EXPECT_TRUE(active->ping());
+  std::vector<Descriptor> idle;
+  while (idle.size() + 1 < kMaximumConnections) idle.push_back(attached(connect));
+  std::this_thread::sleep_for(1s);
+  EXPECT_TRUE(active->ping());
+  std::unique_ptr<Client> waiting;
+  CallTimeout limit(30s);
+  waiting = client();
+  limit.watch(waiting->descriptor());
+  EXPECT_NO_THROW(waiting->ping());
+  char byte;
+  EXPECT_EQ(recv(idle.front().get(), &byte, 1, MSG_DONTWAIT), 0) << "the longest idle client is still connected";
+  EXPECT_EQ(delegate_->ends.all().size(), 1u);
+  EXPECT_TRUE(active->ping());
 }
 
 TEST_F(XPC, EndsItsConnectionsWithTheListener) {
