@@ -5,7 +5,6 @@ import pathlib
 import socket
 import socketserver
 import ssl
-import struct
 import subprocess
 import threading
 
@@ -100,30 +99,3 @@ class WebServers:
 
     def have_served(self, path: str) -> bool:
         return path in self._visits
-
-    def serve_http2(self, address: str) -> None:
-        """Answers requests to that address over HTTP/2 only, each with an empty page."""
-        context = self._tls()
-        context.set_alpn_protocols(["h2"])
-        listener = socket.create_server((address, self.TLS_PORT), reuse_port=True)
-
-        def accept():
-            while True:
-                arguments = (context, listener.accept()[0])
-                threading.Thread(target=_answer_http2, args=arguments, daemon=True).start()
-
-        threading.Thread(target=accept, daemon=True).start()
-
-
-def _answer_http2(context: ssl.SSLContext, connection: socket.socket) -> None:
-    """Speaks the frames of RFC 9113. The response has one field, ":status: 200", entry 8 of RFC 7541's static table."""
-    SETTINGS, HEADERS, END = 4, 1, 5  # frame types; flags END_STREAM and END_HEADERS
-    with context.wrap_socket(connection, server_side=True).makefile("rwb") as stream:
-        stream.read(24)  # the preface
-        stream.write(struct.pack("!xHBBI", 0, SETTINGS, 0, 0))
-        stream.flush()
-        while head := stream.read(9):
-            stream.read(int.from_bytes(head[:3], "big"))
-            if head[3] == HEADERS:
-                stream.write(struct.pack("!xHBB", 1, HEADERS, END) + head[5:] + b"\x88")
-                stream.flush()

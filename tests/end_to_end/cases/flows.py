@@ -1,7 +1,6 @@
 """Which connections the filter drops, and which it allows."""
 
 import collections
-import concurrent.futures
 import contextlib
 import pathlib
 import shutil
@@ -109,12 +108,6 @@ def HoldsEarlyAnswersBackUntilTheNameIsKnown(world: World):
             check(server.send(begin, end + b"more"), expected, f"a server that answers {begin} for {name}")
 
 
-def DistinguishesNamesOnOneAddress(world: World):
-    with world.filtering(PYTHON) as extension, concurrent.futures.ThreadPoolExecutor(8) as pool:
-        check(list(pool.map(connect, [HELD, NEWS] * 50)), [DROP, ALLOW] * 50, "verdicts in turn")
-        check(extension.counters()["after a verdict"], 0, "packets after a verdict")
-
-
 def AppliesListChangesToNewConnectionsOnly(world: World):
     context = ssl.create_default_context(cafile=world.servers.authority)
     with world.extension(PYTHON) as extension:
@@ -142,24 +135,6 @@ def JudgesEachConnectionThatReusesAPort(world: World):
                     connection.sendall(hello(name))
                     verdict = outcome(connection)
                 check(verdict, DROP if name == HELD else ALLOW, f"{name}, after {first}")
-
-
-def _run(*command: str) -> subprocess.CompletedProcess:
-    pipes = {"stdin": subprocess.DEVNULL, "capture_output": True, "text": True}
-    return subprocess.run(command, check=False, timeout=20, **pipes)
-
-
-def ReadsNamesOfHTTP2Connections(world: World):
-    address = "127.0.0.2"
-    world.servers.serve_http2(address)
-    with world.filtering("curl", "openssl"):
-        for name, version, protocol in ((HELD, "0 35", "reset"), (NEWS, "2 0", "ALPN protocol: h2")):
-            url = ["--insecure", "--connect-to", f"{name}:443:{address}:443", f"https://{name}/"]
-            wanted = ["--write-out", "%{http_version} %{exitcode}"]
-            done = _run("curl", "-s", "--http2", *wanted, *url)
-            check(done.stdout, version, f"curl --http2 and {name}")
-            done = _run("openssl", "s_client", "-connect", f"{address}:443", "-servername", name, "-alpn", "h2")
-            check(protocol in (done.stdout + done.stderr).replace("errno=104", "reset"), True, f"openssl and {name}")
 
 
 def AllowsOtherProgramsEverything(world: World):
