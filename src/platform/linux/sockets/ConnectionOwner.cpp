@@ -2,11 +2,12 @@
 
 #include <netinet/in.h>
 
+#include <mutex>
 #include <optional>
 
 #include "platform/linux/base/SocketAddress.h"
 #include "platform/linux/sockets/SocketDiagnostics.h"
-#include "platform/linux/sockets/SocketHolder.h"
+#include "platform/linux/sockets/SocketHolders.h"
 
 namespace orvane {
 namespace {
@@ -24,7 +25,10 @@ Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote)
   if (!own || !peer) return nullptr;
   // SocketDiagnostics is not thread-safe and belongs to one network namespace, so each call makes its own.
   auto socket = SocketDiagnostics().find({IPPROTO_TCP, *own, *peer});
-  auto holder = socket ? find_socket_holder(*socket) : std::nullopt;
+  static auto* holders = new SocketHolders;
+  static std::mutex mutex;
+  std::lock_guard lock(mutex);
+  auto holder = socket ? holders->find(*socket) : std::nullopt;
   return token_value(holder ? holder->auditToken() : std::nullopt);
 }
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/linux/sockets/SocketDiagnostics.h"
-#include "platform/linux/sockets/SocketHolder.h"
+#include "platform/linux/sockets/SocketHolders.h"
 #include "platform/linux/sockets/SocketOpeners.h"
 
 namespace orvane {
@@ -79,6 +79,7 @@ std::optional<audit_token_t> RecentOpeners::token(const SocketOpener& opener) {
 
 struct SocketOwners::Implementation {
   SocketDiagnostics diagnostics;
+  SocketHolders holders;
   RecentOpeners recent;
   SocketOpeners openers;
 };
@@ -121,11 +122,11 @@ Value SocketOwners::ownerOf(const SocketFacts& socket) {
   if (auto opener = implementation_->openers.opener(socket.cookie)) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
     // The opener has ended. A child may have inherited the socket.
-    auto holder = find_socket_holder(socket);
+    auto holder = implementation_->holders.find(socket);
     auto token = holder ? holder->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));
   }
-  auto holder = find_socket_holder(socket);
+  auto holder = implementation_->holders.find(socket);
   return token_value(holder ? holder->auditToken() : std::nullopt);
 }
 

@@ -6,8 +6,12 @@
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
+#include <time.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -201,6 +205,62 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       auto closed = table.find(pair);
       EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
     }
+  }
+}
+
+std::chrono::nanoseconds thread_time() {
+  timespec time{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+// Another user's four processes with up to 20,000 descriptors each, and sockets of that user which nobody holds.
+TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
+  using namespace std::chrono_literals;
+  constexpr uid_t kAttacker = 65534;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 20'000);
+  if (::geteuid() != 0) GTEST_SKIP() << "needs processes of two users (root)";
+  int ready[2];
+  ASSERT_EQ(0, ::pipe(ready));
+  auto fill = [&] {
+    bool limited = ::setrlimit(RLIMIT_NOFILE, &limit) == 0 && ::setuid(kAttacker) == 0;
+    while (limited && ::dup(ready[1]) >= 0) continue;
+    (void)!::write(ready[1], "x", 1);
+  };
+  const Child attackers[] = {{fill, true}, {fill, true}, {fill, true}, {fill, true}};
+  for (size_t i = 0; i < std::size(attackers); ++i) {
+    char byte;
+    ASSERT_EQ(1, ::read(ready[0], &byte, 1));
+  }
+  const struct {
+    const char* what;
+    uint64_t cookieStep;
+    std::chrono::nanoseconds all;  // for a hundred packets
+  } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
+  for (const auto& row : kCases) {
+    SCOPED_TRACE(row.what);
+    SocketOwners owners;
+    std::chrono::nanoseconds longest{}, all{};
+    for (uint64_t i = 0; i < 100; ++i) {
+      auto begin = thread_time();
+      EXPECT_TRUE(owners.ownerOf({1 + i * row.cookieStep, 1, kAttacker}).isNil());
+      auto time = thread_time() - begin;
+      longest = std::max(longest, time);
+      all += time;
+    }
+    EXPECT_GT(10, longest / 1.0ms) << "milliseconds for one packet";
+    EXPECT_GT(row.all / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
+    Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), client(::socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(0, ::listen(listener.get(), 1));
+    Address target = address_of(listener);
+    ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof target));
+    Address near = address_of(client), far = address_of(client, ::getpeername);
+    auto socket = owners.find({IPPROTO_TCP, *SocketAddress::from(generic(near), sizeof near),
+                               *SocketAddress::from(generic(far), sizeof far)});
+    ASSERT_TRUE(socket);
+    EXPECT_EQ(static_cast<uint32_t>(::getpid()), token_of(owners.ownerOf(*socket)).val[5]) << "another user's socket";
   }
 }
 

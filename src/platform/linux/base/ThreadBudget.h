@@ -1,0 +1,29 @@
+#pragma once
+
+#include <time.h>
+
+#include <chrono>
+
+namespace orvane {
+
+// An amount of processor time that the calling thread may use. The time that it waits for a processor does not count:
+// otherwise another user could make a search fail by keeping the machine busy.
+class ThreadBudget {
+ public:
+  explicit ThreadBudget(std::chrono::nanoseconds time) : begin_(now()), time_(time) {}
+
+  std::chrono::nanoseconds used() const { return now() - begin_; }
+  // A system call: ask before a step of some microseconds or more.
+  bool isSpent() const { return used() >= time_; }
+
+ private:
+  static std::chrono::nanoseconds now() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  }
+
+  std::chrono::nanoseconds begin_, time_;
+};
+
+}  // namespace orvane

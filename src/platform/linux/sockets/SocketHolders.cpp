@@ -1,0 +1,316 @@
+#include "platform/linux/sockets/SocketHolders.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/linux/base/ThreadBudget.h"
+#include "platform/linux/process/UserProcesses.h"
+
+namespace orvane {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Remembers at which descriptors sockets were seen, so that a process with a thousand sockets is not scanned a thousand
+// times. An entry is only a hint, because descriptors are closed and reused. Keys are links ("socket:[INODE]").
+class SocketCache {
+ public:
+  struct Location {
+    pid_t process;
+    int descriptor;
+  };
+
+  std::optional<Location> find(const std::string& link) const {
+    auto it = locations_.find(link);
+    return it == locations_.end() ? std::nullopt : std::optional(it->second);
+  }
+
+  void put(std::string_view link, pid_t process, int descriptor) {
+    if (locations_.size() >= kLocationLimit) {
+      // A scan vouches for sockets that it did not see, which needs the sockets that it saw.
+      locations_.clear();
+      for (auto& [pid, scan] : scans_) scan.isComplete = false;
+      ++generation_;
+    }
+    locations_.insert_or_assign(std::string(link), Location{process, descriptor});
+  }
+
+  // Changes when the locations are cleared.
+  uint64_t generation() const { return generation_; }
+
+  // Records that a process was scanned, from `begin` on.
+  void putScan(const ProcessInformation& process, uint64_t begin, bool isComplete) {
+    if (scans_.size() >= kScanLimit) scans_.clear();
+    scans_.insert_or_assign(process.pid(), Scan{process.version(), begin, ++scanCount_, isComplete});
+  }
+
+  // Whether `process` was scanned after its child started. A socket that the scan did not see was opened later, so the
+  // child did not inherit it.
+  bool wasScannedSince(const ProcessInformation& process, const ProcessInformation& child) const {
+    auto it = scans_.find(process.pid());
+    return it != scans_.end() && it->second.version == process.version() && it->second.isComplete &&
+           it->second.begin > child.startTime();
+  }
+
+  // Grows with each scan; 0 for a process that was not scanned.
+  uint64_t lastScan(pid_t process) const {
+    auto it = scans_.find(process);
+    return it == scans_.end() ? 0 : it->second.number;
+  }
+
+ private:
+  struct Scan {
+    uint32_t version;  // of the process
+    uint64_t begin;    // in clock ticks since boot
+    uint64_t number;
+    bool isComplete;  // all descriptors were read, and their locations are still here
+  };
+
+  static constexpr size_t kLocationLimit = 8192, kScanLimit = 1024;
+  std::unordered_map<std::string, Location> locations_;
+  std::unordered_map<pid_t, Scan> scans_;
+  uint64_t generation_ = 0, scanCount_ = 0;
+};
+
+uint64_t ticks_since_boot() {
+  static const auto kTicks = static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * kTicks + static_cast<uint64_t>(now.tv_nsec) / (1'000'000'000 / kTicks);
+}
+
+// The target of a descriptor's link if it is a socket, "socket:[INODE]". Else empty.
+std::string_view socket_link(int directory, const char* path, std::array<char, 64>& target) {
+  ssize_t length = ::readlinkat(directory, path, target.data(), target.size());
+  std::string_view link(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
+  return link.starts_with("socket:") ? link : std::string_view();
+}
+
+bool holds_at(const ProcessInformation& process, int descriptor, std::string_view link) {
+  std::array<char, 64> target;
+  return socket_link(process.directory(), ("fd/" + std::to_string(descriptor)).c_str(), target) == link;
+}
+
+// What is known of one user's sockets.
+struct User {
+  // The processes that held the sockets found last, the latest first. A browser opens many connections in a row, and
+  // scanning one process takes a fraction of the time of scanning all.
+  std::vector<SocketCache::Location> recent;
+  // The time that searches may still take. Less than 0 after a search that took longer.
+  std::chrono::nanoseconds credit;
+  Clock::time_point credited;
+
+  void put(const SocketCache::Location& holder) {
+    std::erase_if(recent, [&](const auto& each) { return each.process == holder.process; });
+    recent.insert(recent.begin(), holder);
+    if (recent.size() > kRecentLimit) recent.pop_back();
+  }
+
+  static constexpr size_t kRecentLimit = 4;
+};
+
+// The sockets for which a search found nothing. Keys are cookies.
+class FailedSearches {
+ public:
+  bool contains(uint64_t cookie, Clock::time_point now) const {
+    auto it = times_.find(cookie);
+    return it != times_.end() && now - it->second < kLifetime;
+  }
+
+  void put(uint64_t cookie, Clock::time_point now) {
+    if (times_.size() >= kLimit) times_.clear();
+    times_.insert_or_assign(cookie, now);
+  }
+
+ private:
+  static constexpr auto kLifetime = std::chrono::seconds(2);
+  static constexpr size_t kLimit = 4096;
+  std::unordered_map<uint64_t, Clock::time_point> times_;
+};
+
+// One search, with the state of all searches.
+class Search {
+ public:
+  Search(SocketCache& cache, User& user, const SocketFacts& socket, std::chrono::nanoseconds time)
+      : cache_(cache), user_(user), link_("socket:[" + std::to_string(socket.inode) + "]"), budget_(time) {
+    isNew_ = !cache_.find(link_);
+  }
+
+  // Looks where the socket was, and then next to the descriptors of recent sockets: the kernel assigns the lowest free
+  // descriptor, so a new socket often has the number of the previous one or a number close to it.
+  std::optional<ProcessInformation> quickHolder() {
+    auto location = cache_.find(link_);
+    auto process = location ? ProcessInformation::open(location->process) : std::nullopt;
+    if (process && holds_at(*process, location->descriptor, link_)) return process;
+    for (const auto& [pid, descriptor] : user_.recent) {
+      process = ProcessInformation::open(pid);
+      for (int offset : {0, 1, 2, 3, -1}) {
+        if (!process || !holds_at(*process, descriptor + offset, link_)) continue;
+        cache_.put(link_, pid, descriptor + offset);
+        return process;
+      }
+    }
+    return std::nullopt;
+  }
+
+  std::optional<ProcessInformation> recentHolder() {
+    for (const auto& each : user_.recent) {
+      if (auto process = scan(each.process)) return process;
+    }
+    return std::nullopt;
+  }
+
+  // Searches the processes that were not scanned yet, and then those whose last scan is oldest: a search that ran out
+  // of time helps the next ones. The latest processes first, since most old ones are services.
+  std::optional<ProcessInformation> holderAmong(const std::vector<pid_t>& candidates) {
+    std::vector<std::pair<uint64_t, pid_t>> scanned;
+    for (auto pid = candidates.rbegin(); pid != candidates.rend() && !budget_.isSpent(); ++pid) {
+      if (uint64_t last = cache_.lastScan(*pid)) {
+        scanned.emplace_back(last, *pid);
+      } else if (auto process = scan(*pid)) {
+        return process;
+      }
+    }
+    std::sort(scanned.begin(), scanned.end());
+    for (const auto& each : scanned) {
+      if (auto process = scan(each.second)) return process;
+    }
+    return std::nullopt;
+  }
+
+  // The topmost ancestor that also holds the socket. Children inherit sockets, so that one opened it.
+  ProcessInformation topmost(ProcessInformation holder) {
+    while (auto parent = ProcessInformation::open(holder.parent())) {
+      // If no scan saw the socket before this search, the parent's last scan may show that it is the child's.
+      if ((isNew_ && cache_.wasScannedSince(*parent, holder)) || !holds(*parent)) break;
+      holder = std::move(*parent);
+    }
+    auto location = cache_.find(link_);
+    if (location && location->process == holder.pid()) user_.put(*location);
+    return holder;
+  }
+
+  const ThreadBudget& budget() const { return budget_; }
+
+ private:
+  std::optional<ProcessInformation> scan(pid_t pid) {
+    auto process = budget_.isSpent() ? std::nullopt : ProcessInformation::open(pid);
+    return process && holds(*process) ? std::move(process) : std::nullopt;
+  }
+
+  // Reads the descriptors of the process as far as the time allows, so "no" may be wrong.
+  bool holds(const ProcessInformation& process) {
+    Descriptor descriptors(::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!descriptors) return false;
+    std::array<char, 64> target;
+    alignas(dirent64) std::array<char, 1024> entries;  // about 40 entries, to ask for the time often
+    uint64_t begin = ticks_since_boot(), generation = cache_.generation();
+    bool holds = false;
+    ssize_t size = -1;
+    while (!budget_.isSpent() && (size = ::getdents64(descriptors.get(), entries.data(), entries.size())) > 0) {
+      const dirent64* entry;
+      for (ssize_t offset = 0; offset < size; offset += entry->d_reclen) {
+        entry = reinterpret_cast<const dirent64*>(&entries[static_cast<size_t>(offset)]);
+        std::string_view found = socket_link(descriptors.get(), entry->d_name, target);
+        if (found.empty()) continue;
+        if (found == link_) holds = true;
+        cache_.put(found, process.pid(), static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
+      }
+    }
+    cache_.putScan(process, begin, size == 0 && generation == cache_.generation());
+    return holds;
+  }
+
+  SocketCache& cache_;
+  User& user_;
+  const std::string link_;
+  const ThreadBudget budget_;
+  bool isNew_;
+};
+
+}  // namespace
+
+struct SocketHolders::Implementation {
+  explicit Implementation(const Limits& chosen) : limits(chosen) {}
+
+  User& account(uid_t user, Clock::time_point now);
+  std::optional<ProcessInformation> holder(Search& search, uid_t user);
+
+  const Limits limits;
+  SocketCache cache;
+  UserProcesses processes;
+  FailedSearches failed;
+  std::unordered_map<uid_t, User> users;
+};
+
+// The user, with the credit for the time since the last search.
+User& SocketHolders::Implementation::account(uid_t user, Clock::time_point now) {
+  constexpr int kShare = 5;
+  constexpr size_t kUserLimit = 1024;
+  if (users.size() >= kUserLimit && users.count(user) == 0) users.clear();
+  User& account = users.try_emplace(user, User{{}, limits.burst, now}).first->second;
+  account.credit = std::min(limits.burst, account.credit + (now - account.credited) / kShare);
+  account.credited = now;
+  return account;
+}
+
+std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& search, uid_t user) {
+  if (auto recent = search.recentHolder()) return recent;
+  processes.update(limits.processes);
+  const auto& byUser = processes.byUser();
+  // Processes that may not be dumped seem to be root's.
+  for (uid_t first : {user, uid_t{0}}) {
+    auto own = byUser.find(first);
+    if (own == byUser.end()) continue;
+    if (auto found = search.holderAmong(own->second)) return found;
+  }
+  for (const auto& [other, candidates] : byUser) {
+    if (other == user || other == 0) continue;
+    if (auto found = search.holderAmong(candidates)) return found;
+  }
+  return std::nullopt;
+}
+
+SocketHolders::SocketHolders() : SocketHolders(Limits()) {}
+SocketHolders::SocketHolders(const Limits& limits) : implementation_(std::make_unique<Implementation>(limits)) {}
+SocketHolders::~SocketHolders() = default;
+
+std::optional<ProcessInformation> SocketHolders::find(const SocketFacts& socket) {
+  auto& [limits, cache, processes, failed, users] = *implementation_;
+  auto now = Clock::now();
+  // A closed socket has no inode: its last bytes are being sent, or it is in TIME_WAIT.
+  if (socket.inode == 0 || failed.contains(socket.cookie, now)) return std::nullopt;
+  User& user = implementation_->account(socket.user, now);
+  Search search(cache, user, socket, limits.descriptors + 2 * limits.processes);
+  bool hasCredit = user.credit > std::chrono::nanoseconds(0);
+  auto holder = search.quickHolder();
+  if (!holder && hasCredit) {
+    holder = implementation_->holder(search, socket.user);
+    if (!holder) failed.put(socket.cookie, now);
+  }
+  if (holder && hasCredit) holder = search.topmost(std::move(*holder));
+  user.credit -= search.budget().used();
+  return holder;
+}
+
+Value token_value(const std::optional<audit_token_t>& token) {
+  if (!token) return nullptr;
+  std::array<uint8_t, sizeof(*token)> bytes;
+  std::memcpy(bytes.data(), &*token, bytes.size());
+  return Value::data(bytes);
+}
+
+}  // namespace orvane
