@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <stdexcept>
 
 #include "companion/client/CallTimeout.h"
 #include "platform/linux/base/Descriptor.h"
@@ -14,37 +13,38 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class CallTimeoutTest : public testing::Test {
- protected:
-  CallTimeoutTest() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("no socket pair");
-    connection_ = Descriptor(ends[0]);
-    peer_ = Descriptor(ends[1]);
+struct Sockets {
+  Sockets() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    connection = Descriptor(ends[0]);
+    peer = Descriptor(ends[1]);
   }
-  Descriptor connection_, peer_;
+  // Waits for a byte, like a call for its reply.
+  ssize_t receive() const {
+    char byte;
+    ssize_t got = -1;
+    do got = recv(connection.get(), &byte, 1, 0);
+    while (got < 0 && errno == EINTR);
+    return got;
+  }
+  Descriptor connection, peer;
 };
 
-TEST_F(CallTimeoutTest, EndsACallThatIsNotAnswered) {
+TEST(CallTimeout, EndsACallThatIsNotAnswered) {
+  const Sockets sockets;
   CallTimeout timeout(1ms);
-  timeout.watch(connection_.get());
-  char byte;
-  ssize_t got = -1;
-  do got = recv(connection_.get(), &byte, 1, 0);
-  while (got < 0 && errno == EINTR);
-  EXPECT_EQ(got, 0);
+  timeout.watch(sockets.connection.get());
+  EXPECT_EQ(sockets.receive(), 0);
   EXPECT_TRUE(timeout.hasExpired());
 }
 
-TEST_F(CallTimeoutTest, LeavesTheConnectionAloneAfterwards) {
-  {
-    CallTimeout timeout(0ms);
-    timeout.watch(connection_.get());
-  }
+TEST(CallTimeout, LeavesTheConnectionAloneAfterwards) {
+  const Sockets sockets;
+  CallTimeout(0ms).watch(sockets.connection.get());
   raise(SIGALRM);  // a tick that was still pending
-  EXPECT_EQ(send(peer_.get(), "a", 1, 0), 1);
-  char byte;
-  EXPECT_EQ(recv(connection_.get(), &byte, 1, 0), 1);
+  EXPECT_EQ(send(sockets.peer.get(), "a", 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(sockets.receive(), 1);
 }
 
 }  // namespace
