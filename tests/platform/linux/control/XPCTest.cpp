@@ -204,8 +204,9 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   auto active = client();
   EXPECT_TRUE(active->ping());
   std::vector<Descriptor> idle;
+  idle.push_back(attached(connect));
+  std::this_thread::sleep_for(1s);  // the others come later, whatever the order in which they are accepted
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(attached(connect));
-  std::this_thread::sleep_for(1s);
   EXPECT_TRUE(active->ping());
   std::unique_ptr<Client> waiting;
   CallTimeout limit(30s);
