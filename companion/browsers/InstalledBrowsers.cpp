@@ -23,7 +23,7 @@ constexpr std::string_view kGroup = "Desktop Entry";
 
 // Browsers whose family is known. The first entry whose part occurs in a browser's identifier counts.
 struct KnownBrowser {
-  std::string_view part;  // in lower case
+  std::string_view part;  // of the identifier, in lower case
   BrowserFamily family;
   std::string_view policyFolder;   // empty when none is documented
   std::string_view profileFolder;  // as in InstalledBrowser
@@ -49,7 +49,7 @@ std::string lower(std::string text) {
   return text;
 }
 
-// Sets the family and the policy folder by the identifier.
+// Sets the family and the folders by the identifier.
 void classify(InstalledBrowser& browser) {
   std::string identifier = lower(browser.identifier);
   // Ubuntu's snap replaced the package chromium-browser and reads that package's policy folder.
