@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <string_view>
 #include <utility>
 
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Output.h"
+#include "platform/linux/base/Text.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
 
 namespace orvane {
@@ -193,9 +193,7 @@ bool has_queue(std::string_view queues) {
     std::string_view line = queues.substr(0, end);
     queues.remove_prefix(end == std::string_view::npos ? queues.size() : end + 1);
     line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-    unsigned number = 0;
-    std::from_chars(line.data(), line.data() + line.size(), number);
-    if (number == kQueueNumber) return true;
+    if (parse_number<unsigned>(line.substr(0, line.find(' '))) == kQueueNumber) return true;
   }
   return false;
 }

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +20,7 @@
 #include "platform/linux/base/Command.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/base/Files.h"
+#include "platform/linux/base/Text.h"
 #include "platform/linux/control/SocketPath.h"
 #include "platform/linux/process/ProcessInformation.h"
 
@@ -115,14 +115,12 @@ std::string read_link(const std::string& path) {
   return fs::read_symlink(path, error).string();
 }
 
-std::optional<uint64_t> effective_capabilities(const std::string& status) {
+std::optional<uint64_t> effective_capabilities(std::string_view status) {
   constexpr std::string_view kField = "\nCapEff:\t";
   const size_t start = status.find(kField);
   if (start == std::string::npos) return std::nullopt;
-  const char* digits = status.data() + start + kField.size();
-  uint64_t capabilities = 0;
-  auto [end, error] = std::from_chars(digits, status.data() + status.size(), capabilities, 16);
-  return error == std::errc() ? std::optional(capabilities) : std::nullopt;
+  const std::string_view digits = status.substr(start + kField.size());
+  return parse_number<uint64_t>(digits.substr(0, digits.find('\n')), 16);
 }
 
 // Finds the extensions in this network namespace, and those whose namespace cannot be read. Any user can give a process
@@ -154,8 +152,7 @@ std::vector<std::string> missing_programs() {
   std::vector<const char*> programs{"iptables-restore", "iptables-save"};
   if (has_ipv6()) programs.insert(programs.end(), {"ip6tables-restore", "ip6tables-save"});
   for (const char* program : programs) {
-    auto isIn = [&](const char* folder) { return exists(std::string(folder) + '/' + program); };
-    if (!isIn("/usr/sbin") && !isIn("/sbin") && !isIn("/usr/bin") && !isIn("/bin")) missing.push_back(program);
+    if (find_command(program).empty()) missing.push_back(program);
   }
   return missing;
 }

@@ -92,10 +92,14 @@ std::string one_line(std::string text) {
 
 }  // namespace
 
+std::string find_command(const std::string& name) {
+  static const std::vector<std::string> folders = {"/usr/sbin", "/sbin", "/usr/bin", "/bin"};
+  return find_program(name, folders);
+}
+
 CommandResult run_command(const std::vector<std::string>& words, std::string_view input) {
   const std::string& name = words.front();
-  static const std::vector<std::string> folders = {"/usr/sbin", "/sbin", "/usr/bin", "/bin"};
-  const std::string path = find_program(name, folders);
+  const std::string path = find_command(name);
   if (path.empty()) return {false, true, {}, "the program " + name + " is not installed"};
 
   const Descriptor in = file_with(input);
