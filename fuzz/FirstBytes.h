@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// Reads the first bytes of a connection at once and byte by byte: both must find the same. Returns the reader.
+// Reads the first bytes of a connection at once, and one by one; both must give the same result. Returns the reader.
 inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   ServerNameReader whole, pieces;
   whole.read(bytes);

@@ -10,7 +10,7 @@ using namespace orvane;
 
 namespace {
 
-// The extension's first host name, as GnuTLS finds the extension.
+// Stores the first host name of the extension that GnuTLS finds.
 int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
   auto& found = *static_cast<std::string*>(context);
   if (id == 0 && found.empty() && size > 5 && data[2] == 0) found.assign(data + 5, data + size);
@@ -27,8 +27,8 @@ std::optional<std::string> name_by_gnutls(std::span<const uint8_t> body) {
 
 }  // namespace
 
-// TLS records when the input begins with one, else the body of a ClientHello that goes into records of one length.
-// Where GnuTLS accepts a body with one server name, the reader finds that name.
+// The input is TLS records, or else the body of a ClientHello, which is split into records of one length. If GnuTLS
+// accepts the body and it has one server name, the reader must find that name.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint8_t kHandshakeRecord = 22, kClientHello = 1;
   std::span<const uint8_t> bytes(data, size);
@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     records.insert(records.end(), part.begin(), part.end());
   }
   const ServerNameReader reader = read_first_bytes(records);
-  if (reader.state() == ServerNameReader::State::Open) abort();  // the whole hello is there
+  if (reader.state() == ServerNameReader::State::Open) abort();  // the hello is complete
   const auto name = name_by_gnutls(bytes);
   if (name && reader.state() == ServerNameReader::State::Known && !name->empty() &&
       listed_form(*name) != reader.name() && name->find('\0') == std::string::npos) {

@@ -10,9 +10,9 @@ using namespace orvane;
 
 namespace {
 
-constexpr size_t kCells = size_t{1} << 20;  // further than the segments below reach
+constexpr size_t kCells = size_t{1} << 20;  // more than the segments below reach
 
-// One cell for each byte; the first to come stays.
+// One cell for each byte, which keeps its first value.
 struct Model {
   std::vector<std::optional<uint8_t>> cells;
   std::optional<uint32_t> begin;
@@ -35,7 +35,7 @@ struct Model {
   }
 };
 
-// Repeats after 256 bytes, at the earliest.
+// Repeats after 256 bytes.
 const auto kContents = [] {
   std::array<uint8_t, 65536 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
@@ -44,8 +44,8 @@ const auto kContents = [] {
 
 }  // namespace
 
-// Four bytes of a first sequence number, then segments: where (two bytes, from 8192 before the first on), and how long
-// (two bytes). Each segment has contents of its own, so that it shows whose bytes stay.
+// The input: four bytes of the first sequence number, then for each segment two bytes of its offset (8192 is the first
+// sequence number) and two bytes of its length. Each segment has other contents, which shows whose bytes stay.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> input(data, std::min<size_t>(size, 4 + 4 * 60));
   if (input.size() < 4) return 0;
@@ -55,14 +55,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Model model;
   std::vector<uint8_t> seen;
   for (size_t at = 4, segment = 0; at + 4 <= input.size(); at += 4, ++segment) {
-    // Mostly short: long ones would only copy bytes.
+    // Mostly short, because long ones would only copy bytes.
     auto payload =
         std::span(kContents).subspan(segment * 31 % 256, number(at + 2) % (input[at + 2] < 250 ? 512 : 65536));
     const uint32_t sequence = first + (at == 4 ? 0 : number(at) - 8192);
     const bool modelGoesOn = model.add(sequence, payload);
     const bool goesOn = flight.add(sequence, payload);
     if (goesOn && !modelGoesOn) std::abort();
-    if (!goesOn) return 0;  // too much waits for a gap
+    if (!goesOn) return 0;  // too many bytes or pieces are after a gap
     seen.insert(seen.end(), flight.next().begin(), flight.next().end());
     if (seen.size() != model.ordered || seen.size() != flight.length()) std::abort();
   }

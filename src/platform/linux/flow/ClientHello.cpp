@@ -11,7 +11,7 @@ constexpr uint8_t kClientHello = 1;         // RFC 8446, section 4
 constexpr size_t kServerNameExtension = 0;  // RFC 6066, section 1.1
 constexpr uint8_t kHostNameType = 0;        // RFC 6066, section 3
 constexpr size_t kVersionAndRandomBytes = 34;
-constexpr size_t kServerNamesLimit = 1024;  // a list that is longer holds no name that could be listed
+constexpr size_t kServerNamesLimit = 1024;  // no host name needs a longer list
 
 size_t big_endian(std::string_view bytes) {
   size_t number = 0;
@@ -53,13 +53,13 @@ ClientHelloReader::State ClientHelloReader::readMessage(std::span<const uint8_t>
     fragment = fragment.subspan(part.size());
     fieldLeft_ -= part.size();
     if (isCollected_) collected_.append(reinterpret_cast<const char*>(part.data()), part.size());
-    // A skipped field may be empty: the next one begins without a byte.
+    // An empty field ends without a byte.
     while (state == State::Open && fieldLeft_ == 0) state = finish(field_);
   }
   return state;
 }
 
-// The current field is complete: starts the next one.
+// Reads the complete field and starts the next one.
 ClientHelloReader::State ClientHelloReader::finish(Field field) {
   switch (field) {
     case Field::MessageHeader:
@@ -107,7 +107,7 @@ ClientHelloReader::State ClientHelloReader::collect(Field field, size_t bytes) {
   return state;
 }
 
-// Unknown when the field would end beyond the message.
+// Unknown if the field would end after the message.
 ClientHelloReader::State ClientHelloReader::skip(Field field, size_t bytes) {
   if (bytes > messageLeft_) return State::Unknown;
   messageLeft_ -= bytes;
@@ -119,12 +119,12 @@ ClientHelloReader::State ClientHelloReader::skip(Field field, size_t bytes) {
 
 ClientHelloReader::State ClientHelloReader::nextExtension() {
   constexpr size_t kHeader = 4;
-  if (extensionsLeft_ < kHeader) return State::Unknown;  // the end of the list, or a rest that is no extension
+  if (extensionsLeft_ < kHeader) return State::Unknown;  // the list ended without a name
   extensionsLeft_ -= kHeader;
   return collect(Field::ExtensionHeader, kHeader);
 }
 
-// A list of (type, length, name): the first host name counts.
+// Reads the first host name in a list of (type, length, name).
 ClientHelloReader::State ClientHelloReader::readServerNames() {
   std::string_view list = collected_;
   if (list.size() < 2 || big_endian(list.substr(0, 2)) != list.size() - 2) return State::Unknown;

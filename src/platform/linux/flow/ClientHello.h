@@ -9,27 +9,28 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known as soon as its extension is complete: the extensions behind it, such as session tickets, are not waited
-// for. Keeps a few hundred bytes, whatever the length of the hello. Not thread-safe.
+// name is known when its extension is complete; later extensions, such as session tickets, are not needed. Stores a few
+// hundred bytes, whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // no further byte can give it: no hello, a malformed one, one without a name, or too long
+    Unknown,  // there is no name: no hello, a malformed one, one without a name, or one that is too long
   };
 
-  // As many bytes of records are read.
+  // The most bytes of records that are read.
   static constexpr size_t kLimit = 65536;
 
-  // Takes the next bytes of the connection, from its first one on. The hello may be cut into TLS records in any way.
+  // Reads the next bytes of the connection; the first call gets its first bytes. TLS records may split the hello
+  // anywhere.
   State read(std::span<const uint8_t> bytes);
 
   // As the client wrote it.
   const std::string& name() const { return name_; }
 
  private:
-  // The fields of a hello, in the order in which they arrive. Each is either collected or skipped.
+  // The fields of a hello, in order. Each is either collected or skipped.
   enum class Field {
     MessageHeader,
     VersionAndRandom,
@@ -63,8 +64,8 @@ class ClientHelloReader {
   bool isCollected_ = true;
   size_t fieldLeft_ = 4;
   std::string collected_;
-  size_t messageLeft_ = 0;     // bytes of the message behind the current field
-  size_t extensionsLeft_ = 0;  // bytes of the list of extensions behind the current field
+  size_t messageLeft_ = 0;     // bytes of the message after the current field
+  size_t extensionsLeft_ = 0;  // bytes of the list of extensions after the current field
   std::string name_;
 };
 

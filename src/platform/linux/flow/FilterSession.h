@@ -25,8 +25,8 @@ class FilterSession {
 
   FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow);
 
-  // Shows the flow to the provider. Call it once, before the other functions. `passed`: outbound bytes that left
-  // before.
+  // Shows the flow to the provider. Call it once, before the other functions. `passed` is the number of outbound bytes
+  // that passed before.
   State newFlow(uint64_t passed = 0);
 
   // Shows the next outbound bytes, up to the peek count. Every data verdict is final, so the first bytes that the
@@ -36,7 +36,7 @@ class FilterSession {
   // The outbound side has ended: settles the flow.
   State outboundComplete();
 
-  // Drops a flow that the provider wants to see more of: nobody will show it more.
+  // Drops an examined flow whose data cannot be shown.
   State refuse();
 
   State state() const { return state_; }

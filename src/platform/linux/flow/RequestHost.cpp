@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kMethodLimit = 31;
 constexpr size_t kHostFieldLimit = 512;  // longer than any host name with a port
 constexpr std::string_view kHostField = "host:";
-constexpr std::string_view kVersion = " HTTP/1.";  // with one digit behind it, the end of a request line
+constexpr std::string_view kVersion = " HTTP/1.";  // ends a request line, with one digit after it
 constexpr size_t kVersionLength = kVersion.size() + 1;
 
 bool is_method_character(unsigned char c) { return std::isalnum(c) || c == '-'; }
@@ -70,7 +70,7 @@ std::optional<Authority> parse_authority(std::string_view text) {
 
 RequestHostReader::State RequestHostReader::read(std::string_view bytes) {
   while (state_ == State::Open && !bytes.empty()) {
-    // Lines are long (URLs, cookies) and most are skipped, so they are taken in pieces.
+    // Lines may be long (URLs, cookies) and most are skipped, so they are read in pieces.
     const size_t end = bytes.find('\n');
     const std::string_view piece = bytes.substr(0, end);
     bytes.remove_prefix(end == std::string_view::npos ? bytes.size() : end + 1);
@@ -82,7 +82,7 @@ RequestHostReader::State RequestHostReader::read(std::string_view bytes) {
   return state_;
 }
 
-// Takes a piece of the current line.
+// Reads a piece of the current line.
 RequestHostReader::State RequestHostReader::readPiece(std::string_view piece) {
   if (part_ == Part::Method) {
     const size_t space = piece.find(' ');
@@ -97,7 +97,7 @@ RequestHostReader::State RequestHostReader::readPiece(std::string_view piece) {
     piece.remove_prefix(space);
   }
   if (part_ == Part::Target) {
-    // Only the version at the end of the request line matters, and a carriage return behind it.
+    // Only the version at the end of the request line matters, and a carriage return after it.
     constexpr size_t kEnd = kVersionLength + 1;
     kept_ += piece.substr(piece.size() - std::min(piece.size(), kEnd));
     if (kept_.size() > kEnd) kept_.erase(0, kept_.size() - kEnd);
@@ -124,8 +124,8 @@ RequestHostReader::State RequestHostReader::finishLine() {
     case Part::Method:
       return State::Unknown;
     case Part::Target:
-      // The request line tells HTTP from other protocols that begin with a word (SMTP): their servers answer that line
-      // before the client sends more.
+      // Other protocols that begin with a word (SMTP) end here: their servers answer this line before the client sends
+      // more.
       if (kept_.size() < kVersionLength || !kept_.substr(kept_.size() - kVersionLength).starts_with(kVersion)) {
         return State::Unknown;
       }

@@ -35,23 +35,24 @@ struct Authority {
 std::optional<Authority> parse_authority(std::string_view text);
 
 // Reads the host name, without a port, from the Host field of a request head to an origin server (RFC 9112, section
-// 3.2), as its bytes arrive. The name is known at the end of the field's line. Keeps less than a kilobyte, whatever the
-// length of the head. Not thread-safe.
+// 3.2), as its bytes arrive. The name is known at the end of the field's line. Stores less than a kilobyte, whatever
+// the length of the head. Not thread-safe.
 class RequestHostReader {
  public:
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // no further byte can give it: no HTTP/1 request, a head without a host, or one that is too long
+    Unknown,  // there is no name: no HTTP/1 request, a head without a host, or one that is too long
   };
 
-  // As many bytes of a head are read: more than any browser sends, whose URLs end at 2 MiB.
+  // The most bytes of a head that are read. Browsers send less: their URLs have 2 MiB at most.
   static constexpr size_t kLimit = size_t{4} << 20;
 
-  // Takes the next bytes of the connection, from its first one on. Lines may end in LF alone, as servers accept it.
+  // Reads the next bytes of the connection; the first call gets its first bytes. A bare LF ends a line, as servers
+  // accept it too.
   State read(std::string_view bytes);
 
-  // In the client's spelling; an IPv6 address without its brackets.
+  // As the client wrote it; an IPv6 address without its brackets.
   const std::string& name() const { return name_; }
 
  private:

@@ -7,7 +7,7 @@
 namespace orvane {
 namespace {
 
-constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1: no HTTP method begins with it
+constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with it
 
 template <class Reader, class Bytes>
 ServerNameReader::State advance(Reader& reader, Bytes bytes, std::string& name) {

@@ -10,22 +10,22 @@
 
 namespace orvane {
 
-// Reads the name of the server that a client asks for from the first outbound bytes of its connection: the server name
-// of a TLS ClientHello, or the Host field of an HTTP/1 request. Each byte is looked at once. Not thread-safe.
+// Reads the server name from a connection's first outbound bytes: from a TLS ClientHello, or from the Host field of an
+// HTTP/1 request. Each byte is read once. Not thread-safe.
 class ServerNameReader {
  public:
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // no further byte can give it
+    Unknown,  // there is no name, whatever follows
   };
 
-  // Takes the next bytes of the connection, from its first one on.
+  // Reads the next bytes of the connection; the first call gets its first bytes.
   State read(std::span<const uint8_t> bytes);
 
   State state() const { return state_; }
 
-  // In the form in which names are listed (HostName.h). Empty unless it is known.
+  // In the form of the list's names (HostName.h). Empty unless Known.
   const std::string& name() const { return name_; }
 
  private:

@@ -15,7 +15,7 @@ namespace orvane {
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {
  public:
-  // Bytes and pieces that may wait for a gap to be filled. A sender has lost few of its first segments.
+  // The most bytes and pieces after a gap. Real senders lose few of their first segments.
   static constexpr size_t kBytesLimit = size_t{256} << 10;
   static constexpr size_t kPiecesLimit = 64;
 
@@ -28,7 +28,7 @@ class FirstFlight {
   // only while that payload is valid.
   std::span<const uint8_t> next() const { return next_; }
 
-  // How many bytes are in order, those of next() included.
+  // The number of bytes in order, next() included.
   uint64_t length() const { return length_; }
 
  private:
@@ -38,8 +38,8 @@ class FirstFlight {
   uint32_t begin_ = 0;  // the sequence number of the first byte
   uint64_t length_ = 0;
   size_t waitingBytes_ = 0;
-  std::map<uint64_t, std::vector<uint8_t>> waiting_;  // behind a gap, by offset from the begin; do not overlap
-  std::vector<uint8_t> joined_;                       // what next_ refers to when it is not the payload itself
+  std::map<uint64_t, std::vector<uint8_t>> waiting_;  // after a gap, by offset from the begin; they do not overlap
+  std::vector<uint8_t> joined_;                       // the bytes of next_ if it is not a part of the payload
   std::span<const uint8_t> next_;
 };
 

@@ -55,9 +55,11 @@ class NewChain {
     if (action == NEFilterAction::FilterData) {
       text_ += rule + " -g ORVANE-PENDING\n";
     } else {
-      if (action == NEFilterAction::Drop) text_ += rule + " -j MARK --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
-      if (action == NEFilterAction::Drop)
-        text_ += rule + " -j CONNMARK --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
+      if (action == NEFilterAction::Drop) {
+        for (const char* target : {"MARK", "CONNMARK"}) {
+          text_ += rule + " -j " + target + " --set-xmark " + mark_and_mask(kMarkDropped) + "\n";
+        }
+      }
       text_ += rule + " -j RETURN\n";
     }
   }
@@ -97,8 +99,8 @@ class NewChain {
   std::string text_, error_;
 };
 
-// The way of an outbound packet through ORVANE-OUTPUT of both tables, and the chains that it jumps to. "Bits" are ours
-// of a mark.
+// The way of a packet through ORVANE-OUTPUT of both tables and ORVANE-INPUT, and the chains that these jump to. "Bits"
+// are ours of a mark.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -117,8 +119,8 @@ class NewChain {
 //
 //   mangle INPUT <----------------------------------------------------------------------------------------+
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
-//     connection pending, payload from                 the queue, which drops it while the name is open   |
-//       the other end                                    |                                                |
+//     connection pending, payload of                   the queue; dropped while the name is incomplete    |
+//       the server                                       |                                                |
 //     payload without a valid connection      INVALID  packet's bits = "pending", then the queue          |
 //                                                        |                                                |
 //                                                        +-- NF_REPEAT, packet's bits = "allowed" --------+

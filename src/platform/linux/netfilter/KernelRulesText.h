@@ -29,7 +29,7 @@ inline constexpr uint16_t kQueueNumber = 20743;
 inline const std::vector<std::string> kFilterChains{"OUTPUT"};
 inline const std::vector<std::string> kMangleChains{"INPUT", "OUTPUT"};
 
-// The rule that jumps from such a chain, as iptables-save(8) prints it.
+// The rule that jumps from one of these chains to ours, as iptables-save(8) prints it.
 std::string jump_from(const std::string& chain);
 
 enum class AddressFamily { IPv4, IPv6 };
@@ -40,15 +40,14 @@ enum class AddressFamily { IPv4, IPv6 };
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error);
 
-// What one table has of ours.
+// Our part of one table.
 struct SavedTable {
   std::string lines;                // our chains and their rules, as printed
   std::vector<std::string> chains;  // their names
   std::vector<std::string> jumps;   // the rules of the kernel's chains that jump to ours, jump_from() or another
+  std::vector<std::string> chainsWithJump;  // the kernel's chains whose first rule is jump_from()
 
-  std::vector<std::string> chainsWithJump;  // chains of the kernel whose first rule is jump_from()
-
-  // Whether these chains, and no others, begin with their jump and have no other jump to our chains.
+  // Whether exactly these chains begin with their jump, and no other rule jumps to our chains.
   bool isIntact(const std::vector<std::string>& chainsOfKernel) const {
     return chainsWithJump == chainsOfKernel && jumps.size() == chainsOfKernel.size();
   }

@@ -157,7 +157,7 @@ void Netfilter::Queue::serve(int stop) {
     PacketQueue::Read read;
     int reads = 0;
     do {
-      // A flood never leaves the queue empty.
+      // In a flood, the queue is never empty and this loop does not end by itself.
       if (++reads % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
       read = packets.read(handler);
@@ -177,7 +177,7 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
   if (queued.isInbound) {
-    // The other end sends again what is dropped here.
+    // Dropped payload is not lost: the server sends it again.
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
     if (packet && !flows.admits(*packet, hasConnection, start)) return packets.drop(queued.id);
     return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));

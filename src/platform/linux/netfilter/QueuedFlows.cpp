@@ -11,8 +11,8 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint16_t kDNSPort = 53;
-// After so long without a packet, an open flow is kept only if its socket is still there. A browser waits for minutes
-// when the server stalls, and the flow may not be taken for a new one then.
+// After this time without a packet, an open flow is kept only if its socket still exists. A browser may wait for
+// minutes in the middle of a request; its later bytes must not count as the begin of a new flow.
 constexpr auto kOpenLifetime = 10min;
 // For packets that the kernel queued before it had the verdict.
 constexpr auto kSettledLifetime = 5s;
@@ -63,7 +63,7 @@ bool QueuedFlows::admits(const Packet& packet, bool hasConnection, Clock::time_p
   return flow->session.state() == FilterSession::State::Allowed;
 }
 
-// Puts an open flow where it belongs after its session was asked.
+// Moves a flow to the end of its list, after the provider was asked: open_, or settled_ if there is a verdict.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->lastSeen = now;
   if (!is_settled(flow->session)) {
@@ -106,14 +106,15 @@ void QueuedFlows::erase(Flows::iterator flow) {
 }
 
 // Adds the packet to an open flow, and asks the provider as soon as the flow can be shown. Returns whether the packet
-// brought anything new.
+// had new bytes, or an end.
 bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
   const bool ends = packet.fin || packet.rst;
   std::span<const uint8_t> bytes = packet.payload;
   std::vector<uint8_t> filled;
   if (packet.missing > 0) {
-    // The loopback device sends packets that are longer than a message from the queue. What is missing is no name.
+    // Packets of the loopback device may be longer than a message of the queue. The missing bytes are filled with bytes
+    // that no name has.
     filled.assign(bytes.begin(), bytes.end());
     filled.resize(bytes.size() + packet.missing, '?');
     bytes = filled;
@@ -123,8 +124,8 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
     bytes = flow.flight.next();
   }
-  // A DNS question names no server: the provider reads the name in its bytes. A name that is still open when the flow
-  // was shown already, see admits(), is read on.
+  // A DNS question names no server: the provider reads the name in its bytes. Other names are read to their end even if
+  // admits() has shown the flow already.
   const bool hasName = stream && packet.ends.remote.port != kDNSPort;
   if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
     return !bytes.empty();

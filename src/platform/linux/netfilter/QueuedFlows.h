@@ -55,8 +55,8 @@ class QueuedFlows {
   // tracked connection passes if its flow is unknown.
   bool admits(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
-  // Whether many packets in a row brought nothing new of the last packet's flow. Then another program overwrites the
-  // mark of its packets, and they are queued again and again.
+  // Whether many packets in a row brought no new bytes for the last packet's flow. Then another program overwrites the
+  // marks of its packets, and they are queued again and again.
   bool isLooping() const { return isLooping_; }
 
   // The queue is empty: later packets were queued after all verdicts so far.
@@ -64,7 +64,7 @@ class QueuedFlows {
 
   size_t size() const { return flows_.size(); }
 
-  // The open flows of one user.
+  // The most open flows of one user.
   static constexpr size_t kOpenLimit = 4096;
 
  private:
@@ -86,7 +86,7 @@ class QueuedFlows {
     ServerNameReader name;
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // in which it was settled
-    size_t repeats = 0;       // packets in a row that brought nothing new
+    size_t repeats = 0;       // packets in a row without new bytes
   };
   using Flows = std::list<Flow>;  // the last seen one at the end
 
