@@ -12,12 +12,6 @@ namespace {
 using stand_in::files;
 using stand_in::take_log;
 
-TEST_F(DatabaseTest, ReleasesItsTables) {
-  db_term();
-  EXPECT_FALSE(db_spare || db_hostnames || db_browsers);
-  EXPECT_TRUE(db_log);
-}
-
 class HostnamesTest : public DatabaseTest {};
 
 TEST_F(HostnamesTest, MatchesOnlyIdenticalNames) {

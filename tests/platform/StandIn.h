@@ -50,7 +50,7 @@ struct LogEntry {
 inline struct LogState {
   std::set<LogLevel> disabled;
   std::vector<LogEntry> entries;
-  std::function<void(const LogEntry&)> hook;  // called with each entry; may throw
+  std::function<void(const LogEntry&)> hook;  // called with each entry
 } log;
 // The entries since the last call, joined by " | ". Each is the category, the level (": " debug, "! " error, "? " info,
 // "* " default) and the text. With an argument: only the entries of that category, without its name and ": ".

@@ -80,19 +80,6 @@ TEST_F(ControllerTest, WrapsTheCountToOne) {
   EXPECT_EQ(count(), 1U);
 }
 
-TEST_F(ControllerTest, UnlocksAfterAnException) {
-  struct Full {};
-  stand_in::log.hook = [](const stand_in::LogEntry& entry) {
-    if (entry.text.starts_with("@+") || entry.text.starts_with("@db_hostname_add")) throw Full();
-  };
-  EXPECT_THROW(controller->addHostname(text("a.example")), Full);
-  EXPECT_THROW(controller->setProperties(nullptr, text("b.example")), Full);  // thrown under the database's lock
-  std::jthread([&] {
-    EXPECT_EQ(count(), 0U);
-    EXPECT_TRUE(db_has_hostname("a.example"));
-  });
-}
-
 TEST_F(ControllerTest, CountsConcurrentEdits) {
   stand_in::log.disabled = {LogLevel::Debug};
   const int objects = stand_in::aliveObjects;

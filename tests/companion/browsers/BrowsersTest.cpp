@@ -105,20 +105,17 @@ TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   EXPECT_EQ(chromium.http3File, root + "/etc/chromium/policies/managed/zz");
   EXPECT_EQ(chromium.dnsOverHttps, "secure");
   EXPECT_EQ(chromium.unreadable.size(), 1U);
-  struct {
-    const char* preference;
-    std::optional<bool> http3;
-  } cases[] = {{R"({"Value": false, "Status": "default"})", {}},
-               {R"({"Value": false, "Status": "locked"})", false},
-               {"false", false},
-               {"7", {}},
-               {"[]", {}}};
-  for (const auto& c : cases) {
+  const std::pair<const char*, std::optional<bool>> cases[] = {{R"({"Value": false, "Status": "default"})", {}},
+                                                               {R"({"Value": false, "Status": "locked"})", false},
+                                                               {"false", false},
+                                                               {"7", {}},
+                                                               {"[]", {}}};
+  for (const auto& [preference, http3] : cases) {
     write(
         "/etc/firefox/policies/policies.json",
         R"({"policies": {"DNSOverHTTPS": {"Enabled": true, "Locked": true}, "Preferences": {"network.http.http3.enable": )" +
-            std::string(c.preference) + "}}}");
-    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).http3, c.http3) << c.preference;
+            std::string(preference) + "}}}");
+    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).http3, http3) << preference;
     EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).dnsOverHttps, "automatic");
   }
 }

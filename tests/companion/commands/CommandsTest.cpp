@@ -25,20 +25,14 @@ class RecordingClient : public Client {
   bool appFilterState() override { return record("state"), false; }
   void start() override { record("start"); }
   void stop() override { record("stop"); }
-  void addApplicationIdentifier(const Value& identifier) override {
-    record("addApplication " + identifier.description());
-  }
-  void removeApplicationIdentifier(const Value& identifier) override {
-    record("removeApplication " + identifier.description());
-  }
-  void setApplicationIdentifiers(const Value& identifiers) override {
-    record("setApplications " + identifiers.description());
-  }
+  void addApplicationIdentifier(const Value& value) override { record("allow " + value.description()); }
+  void removeApplicationIdentifier(const Value& value) override { record("forbid " + value.description()); }
+  void setApplicationIdentifiers(const Value& values) override { record("allowed " + values.description()); }
   void addHostname(const Value& hostname) override { record("add " + hostname.description()); }
   void removeHostname(const Value& hostname) override { record("remove " + hostname.description()); }
   void setHostnames(const Value& hostnames) override { record("set " + hostnames.description()); }
-  void setProperties(const Value& properties, const Value& forHostname) override {
-    record("properties " + properties.description() + " " + forHostname.description());
+  void setProperties(const Value& properties, const Value& host) override {
+    record("properties " + properties.description() + " " + host.description());
   }
   uint64_t changesCount() override {
     if (counts.empty()) throw ClientError("gone");
@@ -92,17 +86,17 @@ void check(const Case& c) {
 TEST(Commands, SendTheMessageOfEachCommand) {
   const TemporaryFolder folder;
   const std::string list = folder.write("list", "B.example\n# none\nb.example\n");
+  const std::string date = "DontBlockUntil = 2001-01-01 00:00:00 +0000";
   const Case kCases[] = {
       {{"ping"}, "pong\n", "ping ", ""},
       {{"start"}, "", "start ", ""},
-      {{"stop"}, "", "stop ", ""},
       {{"add", "A.example.", "ping"}, "", "adds a.example ping ", ""},
       {{"remove", "b\u00fccher.example"}, "", "removes xn--bcher-kva.example ", ""},
       {{"set", list.c_str()}, "", "sets b.example b.example ", ""},
       {{"properties", "A.example"}, "", "properties (null) a.example ", ""},
-      {{"properties", "a.example", "--dont-block-until", "2001-01-01T01:00:00+01:00"},
+      {{"properties", "a", "--dont-block-until", "2001-01-01T01:00:00+01:00"},
        "",
-       "properties { DontBlockUntil = 2001-01-01 00:00:00 +0000; } a.example ",
+       "properties { " + date + "; } a ",
        ""},
       {{"call", "getChangesCount"}, "3\n", "", ""},
       {{"call", "addHostname", "A/"}, "", "add A/ ", ""},

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -8,18 +7,6 @@
 
 namespace orvane {
 namespace {
-
-TEST(ShutdownRequest, WakesTheLoop) {
-  for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
-    ShutdownRequest request;
-    pollfd event{request.descriptor(), POLLIN, 0};
-    EXPECT_EQ(poll(&event, 1, 0), 0);
-    EXPECT_FALSE(request.isMade());
-    raise(signal);
-    EXPECT_EQ(poll(&event, 1, 0), 1) << signal;
-    EXPECT_TRUE(request.isMade());
-  }
-}
 
 TEST(ShutdownRequest, EndsLongWorkAtOnce) {
   auto work = [](bool isEarly) {

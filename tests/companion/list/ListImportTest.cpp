@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <tuple>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListImport.h"
@@ -23,10 +24,7 @@ std::string imported(std::string_view text, std::optional<bool> usualNames = {})
 
 TEST(ListImport, ReadsEachFormOfLine) {
   using namespace std::string_view_literals;
-  const struct {
-    const char* description;
-    std::string_view text, expected;
-  } kCases[] = {
+  const std::tuple<const char*, std::string_view, std::string_view> kCases[] = {
       {"one name per line", "\xef\xbb\xbfwww.a.example\r\n# no\n\n  b.example\t# yes\r\n", "a.example;b.example;"},
       {"hosts(5)", "0.0.0.0 www.a.example\tb.example#c.example\n::1 \t d.example",
        "www.a.example only;b.example only;d.example only;"},
@@ -50,7 +48,7 @@ TEST(ListImport, ReadsEachFormOfLine) {
        "cher.example\n\0\n\x01\x02\na b.example\nhttp://c.example/"sv,
        "xn--bcher-kva.example; !2 !3 !4 !5 !6"},
   };
-  for (const auto& c : kCases) EXPECT_EQ(imported(c.text), c.expected) << c.description;
+  for (const auto& [description, text, expected] : kCases) EXPECT_EQ(imported(text), expected) << description;
   EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
   EXPECT_EQ(imported("0.0.0.0 www.a.example\na.example", true), "a.example;");
   EXPECT_EQ(imported("www.a.example\n||b.example^", false), "www.a.example only;b.example only;");

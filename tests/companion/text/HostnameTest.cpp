@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "companion/text/Hostname.h"
@@ -13,10 +14,7 @@ const std::string kLongLabel(63, 'a');
 const std::string kLongName = kLongLabel + "." + kLongLabel + "." + kLongLabel + "." + std::string(61, 'b');
 
 TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {
-  const struct {
-    const char* description;
-    std::string given, expected;
-  } kCases[] = {
+  const std::tuple<const char*, std::string, std::string> kCases[] = {
       {"upper case, trailing dot", "Example.COM.", "example.com"},
       {"underscore, hyphens in a row", "_r3---sn-4g5e.example", "_r3---sn-4g5e.example"},
       {"longest name", kLongName + ".", kLongName},
@@ -26,10 +24,10 @@ TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {
       {"a letter and its A-label", "B\u00dccher.XN--bcher-KVA", "xn--bcher-kva.xn--bcher-kva"},
       {"a heart, which only IDNA forbids", "xn--i-7iq.example", "xn--i-7iq.example"},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [description, given, expected] : kCases) {
     std::string name, fault;
-    EXPECT_TRUE(normalize_hostname(c.given, name, fault)) << c.description << ": " << fault;
-    EXPECT_EQ(name, c.expected) << c.description;
+    EXPECT_TRUE(normalize_hostname(given, name, fault)) << description << ": " << fault;
+    EXPECT_EQ(name, expected) << description;
   }
 }
 

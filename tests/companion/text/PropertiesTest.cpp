@@ -12,17 +12,14 @@ namespace {
 constexpr double kStartOf2030 = (29 * 365 + 7) * 86400.0;
 
 TEST(Properties, ReadsRFC3339) {
-  const struct {
-    const char* text;
-    double absoluteTime;
-  } kCases[] = {
+  const std::pair<const char*, double> kCases[] = {
       {"2000-12-31t23:59:59z", -1},
       {"2029-12-31T23:59:60Z", kStartOf2030},
       {"2030-01-01 05:30:00+05:30", kStartOf2030},
       {"2029-12-31T18:00:00-06:00", kStartOf2030},
       {"2030-01-01T00:00:00.25Z", kStartOf2030 + 0.25},
   };
-  for (const auto& c : kCases) EXPECT_DOUBLE_EQ(parse_time(c.text).asDate(), c.absoluteTime) << c.text;
+  for (const auto& [text, absoluteTime] : kCases) EXPECT_DOUBLE_EQ(parse_time(text).asDate(), absoluteTime) << text;
 }
 
 TEST(Properties, RejectsOtherTimes) {

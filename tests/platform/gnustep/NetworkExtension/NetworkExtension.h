@@ -94,5 +94,4 @@ inline struct NetworkExtensionState {
   std::string reads;  // the properties that were read, each followed by a space
   std::string appliedSettings;
   std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
-  bool isStarted = false;
 } networkExtension;

@@ -123,7 +123,6 @@ static id read_property(StandInObject* object, SEL property) {
 @implementation NEFilterDataProvider
 
 + (void)startSystemExtensionMode {
-  networkExtension.isStarted = true;
 }
 
 - (void)applySettings:(NEFilterSettings*)settings completionHandler:(void (^)(NSError* error))completionHandler {

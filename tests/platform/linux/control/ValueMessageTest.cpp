@@ -63,9 +63,7 @@ TEST(ValueMessage, RejectsValuesThatExceedTheirMessage) {
 TEST(ValueMessage, RejectsStringsThatAreNotUTF8) {
   capnp::MallocMessageBuilder message;
   auto value = message.initRoot<control::Value>();
-  const struct {
-    const char *what, *bytes;
-  } kCases[] = {
+  const std::pair<const char*, const char*> kCases[] = {
       {"continuation byte alone", "\x80"},
       {"truncated sequence", "\xe2\x82"},
       {"overlong form of two bytes", "\xc0\xaf"},
@@ -73,9 +71,9 @@ TEST(ValueMessage, RejectsStringsThatAreNotUTF8) {
       {"surrogate", "\xed\xa0\x80"},
       {"beyond U+10FFFF", "\xf4\x90\x80\x80"},
   };
-  for (const auto& row : kCases) {
-    value.setString(row.bytes);
-    EXPECT_FALSE(read_value(value.asReader(), 64)) << row.what;
+  for (const auto& [what, bytes] : kCases) {
+    value.setString(bytes);
+    EXPECT_FALSE(read_value(value.asReader(), 64)) << what;
   }
 }
 

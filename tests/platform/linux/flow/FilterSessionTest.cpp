@@ -14,7 +14,7 @@ TEST(FilterSession, ShowsDataUpToThePeekCountUntilAVerdict) {
   using Data = NEFilterDataVerdict;
   using State = FilterSession::State;
   auto peek = [](uint64_t count) { return NewFlow::filterDataVerdictWithFilterInbound(false, 0, true, count); };
-  const auto all = peek(kFilterFlowBytesMax);
+  const auto all = peek(kFilterFlowBytesMax), dropFlow = NewFlow::dropVerdict();
   const Data allow = Data::allowVerdict(), drop = Data::dropVerdict();
   const struct {
     const char* name;
@@ -25,26 +25,12 @@ TEST(FilterSession, ShowsDataUpToThePeekCountUntilAVerdict) {
     State end;
     bool holds;  // after the new flow
   } kCases[] = {
-      {"a drop of the new flow is final",
-       NewFlow::dropVerdict(),
-       allow,
-       allow,
-       {"a"},
-       "new -; ",
-       State::Dropped,
-       false},
+      {"drop of the new flow", dropFlow, allow, allow, {"a"}, "new -; ", State::Dropped, false},
       {"a drop by data is final", all, drop, allow, {"one", "two"}, "new -; data 0 -; one", State::Dropped, true},
       {"an allowance by data is final", all, allow, drop, {"one", "two"}, "new -; data 0 -; one", State::Allowed, true},
       {"the peek count limits the data", peek(2), drop, allow, {"one"}, "new -; data 0 -; on", State::Dropped, true},
       {"an empty chunk is no data", all, drop, allow, {""}, "new -; complete -; ", State::Allowed, true},
-      {"a peek count of 0 asks at the end",
-       peek(0),
-       allow,
-       drop,
-       {"one"},
-       "new -; complete -; ",
-       State::Dropped,
-       false},
+      {"peek count of 0", peek(0), allow, drop, {"one"}, "new -; complete -; ", State::Dropped, false},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);

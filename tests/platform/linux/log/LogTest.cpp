@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <tuple>
 
 #include "platform/Log.h"
 #include "platform/linux/base/Descriptor.h"
@@ -59,18 +60,15 @@ TEST(Log, SendsEveryMessageToTheJournal) {
   const Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0));
   ASSERT_EQ(bind(journal.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   const os_log_t named = os_log_create("org.example.log", "a=");
-  const struct {
-    os_log_t log;
-    const char *text, *fields;
-  } kRows[] = {
+  const std::tuple<os_log_t, const char*, const char*> kRows[] = {
       {nullptr, "x=", "MESSAGE=x=\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\n"},
       {nullptr, "", "MESSAGE=\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\n"},
       {named, "x", "MESSAGE=x\nPRIORITY=3\nSYSLOG_IDENTIFIER=OrvaneSE\nSUBSYSTEM=org.example.log\nCATEGORY=a=\n"}};
-  for (const auto& row : kRows) {
-    ORVANE_LOG_ERROR(row.log, "%s", row.text);
+  for (const auto& [log, text, fields] : kRows) {
+    ORVANE_LOG_ERROR(log, "%s", text);
     std::array<char, 1024> entry{};
     recv(journal.get(), entry.data(), entry.size() - 1, 0);
-    EXPECT_STREQ(entry.data(), row.fields);
+    EXPECT_STREQ(entry.data(), fields);
   }
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "platform/linux/netfilter/FirstFlight.h"
 
 namespace orvane {
@@ -23,11 +25,7 @@ TEST(FirstFlight, ReassemblesSegments) {
   const std::string large(FirstFlight::kBytesLimit, 'a');
   std::vector<std::pair<size_t, std::string>> scattered{{1, "a"}};
   for (size_t piece = 0; piece <= FirstFlight::kPiecesLimit; ++piece) scattered.emplace_back(3 + 2 * piece, "x");
-  const struct {
-    const char* name;
-    std::vector<std::pair<size_t, std::string>> segments;
-    std::string bytes;
-  } kCases[] = {
+  const std::tuple<const char*, std::vector<std::pair<size_t, std::string>>, std::string> kCases[] = {
       {"out of order, across 2^32", {{0xffffffff, "abc"}, {8, "jk"}, {5, "ghi"}, {2, "def"}}, "abcdefghijk"},
       {"retransmissions replace nothing", {{1, "abc"}, {1, "XYZd"}, {3, "YZe"}}, "abcde"},
       {"a segment over several gaps", {{1, "a"}, {5, "e"}, {3, "c"}, {2, "BXDXFG"}, {9, "i"}}, "aBcDeFG"},
@@ -39,7 +37,7 @@ TEST(FirstFlight, ReassemblesSegments) {
       {"too many bytes behind a gap end it", {{7, "a"}, {9, large + "a"}, {8, "a"}}, "a."},
       {"too many pieces behind a gap end it", scattered, "a."},
   };
-  for (const auto& c : kCases) EXPECT_EQ(reassemble(c.segments), c.bytes) << c.name;
+  for (const auto& [name, segments, bytes] : kCases) EXPECT_EQ(reassemble(segments), bytes) << name;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include "platform/linux/netfilter/KernelRules.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
@@ -49,11 +50,7 @@ std::string lines_with(const std::string& word, const std::string& text) {
 TEST(KernelRulesText, WritesARuleForItsFamiliesAndProtocols) {
   const std::string n = "-A ORVANE-NEW -p ", pend = " -g ORVANE-PENDING\n", same = "=";
   const std::string last = "-A ORVANE-NEW" + pend;
-  const struct {
-    const char* name;
-    Rule rule;
-    std::string v4, v6;
-  } cases[] = {
+  const std::tuple<const char*, Rule, std::string, std::string> cases[] = {
       {"any port", {"", "0"}, n + "tcp" + pend, same},
       {"a service, any protocol",
        {"", "domain", 0, Protocol::Any},
@@ -73,11 +70,11 @@ TEST(KernelRulesText, WritesARuleForItsFamiliesAndProtocols) {
       {"inbound", {"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
   };
   std::string error;
-  for (const auto& c : cases) {
+  for (const auto& [name, rule, v4, v6] : cases) {
     for (AddressFamily family : {AddressFamily::IPv4, AddressFamily::IPv6}) {
-      auto text = kernel_rules_text(settings({c.rule}, Action::FilterData), family, error);
-      const std::string& expected = family == AddressFamily::IPv4 || c.v6 == same ? c.v4 : c.v6;
-      EXPECT_EQ(lines_with("-A ORVANE-NEW", text.value_or(error)), expected + last) << c.name;
+      auto text = kernel_rules_text(settings({rule}, Action::FilterData), family, error);
+      const std::string& expected = family == AddressFamily::IPv4 || v6 == same ? v4 : v6;
+      EXPECT_EQ(lines_with("-A ORVANE-NEW", text.value_or(error)), expected + last) << name;
     }
   }
 }
@@ -192,20 +189,6 @@ TEST_F(KernelRulesTest, ReplacesRulesOfAPredecessor) {
   ASSERT_EQ(KernelRules().install(settings({{"", "80"}})).value_or(""), "");
   EXPECT_EQ(rules_in_kernel().find("4433"), std::string::npos);
   EXPECT_EQ(lines_with("-A OUTPUT", rules_in_kernel()).size(), 4 * sizeof "-A OUTPUT -j ORVANE-OUTPUT");
-}
-
-TEST_F(KernelRulesTest, LeavesOnlyRulesOfOthers) {
-  shell("iptables -A OUTPUT -p icmp -j REJECT");
-  const std::string others = shell("iptables-save -t filter | grep -v '^#'");
-  install({{"", "4433"}});
-  ASSERT_TRUE(rules.install(settings({{"a.name", "80"}})).has_value());
-  EXPECT_EQ(rules_in_kernel(), "") << "after a failed start";
-  install({{"", "80"}});
-  rules.remove();
-  rules.remove();
-  EXPECT_EQ(rules_in_kernel(), "");
-  EXPECT_EQ(rules.check(error), State::Intact) << "check() does not repair removed rules";
-  EXPECT_EQ(shell("iptables-save -t filter | grep -v '^#'"), others);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "platform/linux/netfilter/Packet.h"
 
@@ -44,10 +45,7 @@ TEST(Packet, ReadsEachKindOfHeader) {
   const std::string four = "10.0.0.1%0 40000 10.0.0.2%0 ", six = "fe80::1%7 40000 2001:db8::2%0 ", eight(8, 1);
   const std::string extensions = "\x3c\0xxxxxx\x2b\1xxxxxx"s + eight + "\x2c\2xxxxxx" + eight + eight +
                                  "\x33\0\0\1xxxx\x87\4xxxxxx"s + eight + eight + "\6\0xxxxxx"s;
-  const struct {
-    const char* name;
-    std::string headers, rest, expected;
-  } kCases[] = {
+  const std::tuple<const char*, std::string, std::string, std::string> kCases[] = {
       {"TCP, bytes after the packet", v4(6, 43) + tcp(0x18), "abcjunk", "6 " + four + "443 16909060 abc"},
       {"a length of 0", v4(6, 0) + tcp(0x10), "offloaded", "6 " + four + "443 16909060 offloaded"},
       {"FIN, a cut payload", v4(6, 99) + tcp(0x11), "cut", "6 " + four + "443 F16909060 cut"},
@@ -61,10 +59,10 @@ TEST(Packet, ReadsEachKindOfHeader) {
       {"IPv6, each extension header", v6(0, 111) + extensions + tcp(0x10), "end and junk",
        "6 " + six + "443 16909060 end"},
   };
-  for (const auto& c : kCases) {
-    EXPECT_EQ(read(c.headers + c.rest), c.expected) << c.name;
-    for (size_t i = 0; i < c.headers.size(); ++i) {
-      EXPECT_EQ(read(c.headers.substr(0, i)), "none") << c.name << ", cut to " << i;
+  for (const auto& [name, headers, rest, expected] : kCases) {
+    EXPECT_EQ(read(headers + rest), expected) << name;
+    for (size_t i = 0; i < headers.size(); ++i) {
+      EXPECT_EQ(read(headers.substr(0, i)), "none") << name << ", cut to " << i;
     }
   }
 }

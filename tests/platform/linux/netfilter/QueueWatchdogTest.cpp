@@ -49,18 +49,6 @@ class QueueWatchdogTest : public testing::Test {
   QueueWatchdog watchdog;
 };
 
-TEST_F(QueueWatchdogTest, ReleasesTheQueueOnceAfterTheLastHeartbeat) {
-  EXPECT_FALSE(unbinds(1400ms)) << "before the first heartbeat";
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_FALSE(watchdog.beat());
-    EXPECT_FALSE(unbinds(400ms)) << "despite heartbeats";
-  }
-  EXPECT_TRUE(unbinds(3s));
-  EXPECT_FALSE(unbinds(600ms)) << "twice";
-  EXPECT_TRUE(watchdog.beat());
-  EXPECT_FALSE(watchdog.beat());
-}
-
 TEST_F(QueueWatchdogTest, ReplacesAChildThatDied) {
   pid_t child = 0;
   std::ifstream("/proc/thread-self/children") >> child;

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "platform/linux/process/ApplicationIndex.h"
 #include "platform/linux/process/DesktopEntry.h"
@@ -36,25 +37,25 @@ TEST(DesktopEntryTest, FindsTheProgramBehindQuotesAndEnv) {
 
 // All the layouts of packages that distributions and vendors use.
 TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
-  const struct {
-    const char *program, *application, *exec;  // if not empty, the application has an entry with this Exec
-  } kPrograms[] = {{"bin/direct", "direct", "@bin/direct"},
-                   {"bin/second", "zz", "second --private"},
-                   {"bin/named", "named", "env A=b named"},
-                   {"lib/linked/linked-1", "linked", "linked"},
-                   {"lib/linked/helper", "linked", ""},
-                   {"bin/wrapped-2", "org.example.Wrapped", "wrapped"},
-                   {"lib/wrapped/real", "org.example.Wrapped", ""},
-                   {"lib/wrapped/deeper/other", "none", ""},
-                   {"opt/maker/product/launch", "vendor", "@opt/maker/product/launch"},
-                   {"opt/maker/product/product-bin", "vendor", ""},
-                   {"opt/suite/writer", "writer", "@opt/suite/writer"},
-                   {"opt/suite/painter", "painter", "@opt/suite/painter"},
-                   {"opt/suite/common", "none", ""},
-                   {"bin/tried", "tried", "sh -c tried\nTryExec=tried"},
-                   {"bin/python3.11", "none", ""},
-                   {"bin/masked", "none", ""},
-                   {"lib/bystander", "none", ""}};
+  // Program and application. If the Exec is not empty, the application has an entry with it.
+  const std::tuple<const char*, const char*, const char*> kPrograms[] = {
+      {"bin/direct", "direct", "@bin/direct"},
+      {"bin/second", "zz", "second --private"},
+      {"bin/named", "named", "env A=b named"},
+      {"lib/linked/linked-1", "linked", "linked"},
+      {"lib/linked/helper", "linked", ""},
+      {"bin/wrapped-2", "org.example.Wrapped", "wrapped"},
+      {"lib/wrapped/real", "org.example.Wrapped", ""},
+      {"lib/wrapped/deeper/other", "none", ""},
+      {"opt/maker/product/launch", "vendor", "@opt/maker/product/launch"},
+      {"opt/maker/product/product-bin", "vendor", ""},
+      {"opt/suite/writer", "writer", "@opt/suite/writer"},
+      {"opt/suite/painter", "painter", "@opt/suite/painter"},
+      {"opt/suite/common", "none", ""},
+      {"bin/tried", "tried", "sh -c tried\nTryExec=tried"},
+      {"bin/python3.11", "none", ""},
+      {"bin/masked", "none", ""},
+      {"lib/bystander", "none", ""}};
   ProgramFolder folder;
   for (const auto& [program, application, exec] : kPrograms) {
     folder.program(program);
@@ -86,13 +87,11 @@ TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
   auto application = [&](const char* program) {
     return index.applicationOf(executable_at(folder.path(program))).value_or("none");
   };
-  const struct {
-    std::function<void()> change;
-    const char *program, *application;
-  } kSteps[] = {{[&] { folder.entry("early", "@opt/maker/early"); }, "opt/maker/early", "none"},
-                {[&] { folder.program("opt/maker/early"); }, "opt/maker/early", "early"},
-                {[&] { folder.entry("sub/present", "present"); }, "bin/present", "sub-present"},
-                {[&] { fs::remove(folder.path("entries/early.desktop")); }, "opt/maker/early", "none"}};
+  const std::tuple<std::function<void()>, const char*, const char*> kSteps[] = {
+      {[&] { folder.entry("early", "@opt/maker/early"); }, "opt/maker/early", "none"},
+      {[&] { folder.program("opt/maker/early"); }, "opt/maker/early", "early"},
+      {[&] { folder.entry("sub/present", "present"); }, "bin/present", "sub-present"},
+      {[&] { fs::remove(folder.path("entries/early.desktop")); }, "opt/maker/early", "none"}};
   for (const auto& [change, program, expected] : kSteps) {
     for (const char* name :
          {"entries", "entries/sub", "bin", "opt", "opt/maker"}) {  // the last installation was long ago

@@ -30,12 +30,7 @@ TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
 }
 
 TEST(ProxyHead, KeepsTheDestinationAsWritten) {
-  const struct {
-    std::string line, host;
-    uint16_t port;
-    bool isAddress;
-    std::string sent;  // to the origin server, without the last lines
-  } kCases[] = {
+  const std::tuple<std::string, std::string, uint16_t, bool, std::string> kCases[] = {
       {"CONNECT Held.Example.:443", "Held.Example.", 443, false, ""},
       {"CONNECT [2001:db8::1]:8443", "2001:db8::1", 8443, true, ""},
       {"GET http://a.example?q#part", "a.example", 80, false, "GET /?q HTTP/1.1\r\nHost: a.example\r\n"},
@@ -43,13 +38,13 @@ TEST(ProxyHead, KeepsTheDestinationAsWritten) {
       {"GET http://[::1]:81/", "::1", 81, true, "GET / HTTP/1.1\r\nHost: [::1]:81\r\n"},
       {"GET http://a%00b.example/", "a%00b.example", 80, false, "GET / HTTP/1.1\r\nHost: a%00b.example\r\n"},
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.line);
-    std::string bytes = c.line + " HTTP/1.1\r\nHost: lie.example\r\n\r\n";
+  for (const auto& [line, host, port, isAddress, sent] : kCases) {
+    SCOPED_TRACE(line);
+    std::string bytes = line + " HTTP/1.1\r\nHost: lie.example\r\n\r\n";
     ProxyRequest request = parse_proxy_head(bytes + "rest").request;
-    EXPECT_EQ(std::tie(request.host, request.port, request.hostIsAddress), std::tie(c.host, c.port, c.isAddress));
+    EXPECT_EQ(std::tie(request.host, request.port, request.hostIsAddress), std::tie(host, port, isAddress));
     EXPECT_EQ(request.length, bytes.size());
-    EXPECT_EQ(request.head, c.sent.empty() ? "" : c.sent + "Connection: close\r\n\r\n");
+    EXPECT_EQ(request.head, sent.empty() ? "" : sent + "Connection: close\r\n\r\n");
   }
 }
 

@@ -88,11 +88,13 @@ TEST_F(XPC, ConnectsEveryClientToTheControlObject) {
 TEST_F(XPC, LogsTheEndOfEachConnection) {
   listen(XPCServiceDelegate::init());
   auto first = connect(), second = connect();
+  first->addHostname(text("a.example"));
   take_log();
   first.reset();
   EXPECT_EQ(take_log(), "default* connection invalidated | default? receive stop command");
   stand_in::break_connections();
   EXPECT_EQ(take_log(), "default* connection interrupted | default? receive stop command");
+  EXPECT_TRUE(db_has_hostname("a.example"));
 }
 
 TEST_F(XPC, ReleasesClosedConnectionsAndListeners) {

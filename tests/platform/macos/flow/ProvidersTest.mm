@@ -53,12 +53,7 @@ class ProvidersTest : public DatabaseTest {
 };
 
 TEST_F(ProvidersTest, PassesVerdictsToTheFramework) {
-  struct {
-    const char* name;
-    ::NEFilterDataProvider* provider;
-    ::NEFilterFlow* flow;
-    std::string expected;
-  } const rows[] = {
+  const std::tuple<const char*, ::NEFilterDataProvider*, ::NEFilterFlow*, std::string> rows[] = {
       {"other program", general, socket_flow(kOther, web, @"held.example"), "allow, drop, drop"},
       {"browser's helper", general, socket_flow(kHelper, web, @"held.example"), "drop, drop, drop"},
       {"free host", general, socket_flow(kBrowser, web, @"free.example"), "allow, allow, allow"},
@@ -74,19 +69,7 @@ TEST_F(ProvidersTest, PassesVerdictsToTheFramework) {
       {"Safari's provider, URL", safari, url_flow(kSafari, @"https://held.example/page"),
        kAllOutbound + ", drop, allow"},
   };
-  for (const auto& row : rows) EXPECT_EQ(verdicts(row.provider, row.flow), row.expected) << row.name;
-}
-
-TEST_F(ProvidersTest, RecognisesTheBrowsersFlows) {
-  for (const int32_t pid : {kBrowser, kHelper, kOther, kSafari}) {
-    EXPECT_EQ([general isFlowFromBrowser:url_flow(pid, @"")], pid == kBrowser || pid == kHelper) << pid;
-    EXPECT_EQ([safari isSafariBrowser:url_flow(pid, @"")], pid == kSafari) << pid;
-  }
-}
-
-TEST_F(ProvidersTest, StartsSystemExtensionMode) {
-  EXPECT_EQ(NEFilterProvider::startSystemExtensionMode(), 0);
-  EXPECT_TRUE(networkExtension.isStarted);
+  for (const auto& [name, provider, flow, expected] : rows) EXPECT_EQ(verdicts(provider, flow), expected) << name;
 }
 
 TEST_F(ProvidersTest, ReadsAPropertyEachTimeTheCoreAsks) {
@@ -168,3 +151,4 @@ TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
 
 }  // namespace
 }  // namespace orvane
+#include <tuple>
