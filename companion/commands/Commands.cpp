@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -19,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "companion/client/CallTimeout.h"
 #include "companion/client/Client.h"
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/ProtocolCall.h"
@@ -75,8 +77,38 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
   return list;
 }
 
+// The extension's time to answer, and for a long list to be sent and loaded. It gives a client that waits for a place
+// the place of an idle one within less time.
+constexpr std::chrono::seconds kAnswerTime(10);
+constexpr size_t kNamesPerSecond = 20000;
+
+// A connection to the extension that is opened by the first call. A call that takes too long throws.
+class Connection {
+ public:
+  explicit Connection(const ClientOptions& options) : options_(options) {}
+
+  // Returns work(client). `names`: how many names it sends.
+  template <class Work>
+  auto call(Work work, size_t names = 0) {
+    CallTimeout limit(kAnswerTime + std::chrono::seconds(names / kNamesPerSecond));
+    try {
+      if (client_ == nullptr) client_ = connect_client(options_);
+      limit.watch(client_->descriptor());
+      return work(*client_);
+    } catch (const ClientError&) {
+      if (client_ == nullptr || !limit.hasExpired()) throw;
+      throw UnresponsiveExtension(
+          "the extension does not answer: it hangs, or serves too many clients: see sudo orvanectl doctor");
+    }
+  }
+
+ private:
+  const ClientOptions& options_;
+  std::unique_ptr<Client> client_;
+};
+
 int ping(const Arguments& arguments) {
-  if (!connect_client(arguments.client)->ping()) {
+  if (!Connection(arguments.client).call([](Client& client) { return client.ping(); })) {
     print_error("ping failed: the extension answered \"no\": restart it");
     return kFailed;
   }
@@ -85,38 +117,39 @@ int ping(const Arguments& arguments) {
 }
 
 int state(const Arguments& arguments) {
-  std::string state = connect_client(arguments.client)->appFilterState() ? "active" : "inactive";
+  std::string state =
+      Connection(arguments.client).call([](Client& client) { return client.appFilterState(); }) ? "active" : "inactive";
   print_result(arguments, "state", state, state);
   return kDone;
 }
 
 int changes(const Arguments& arguments) {
-  uint64_t count = connect_client(arguments.client)->changesCount();
+  uint64_t count = Connection(arguments.client).call([](Client& client) { return client.changesCount(); });
   print_result(arguments, "changes", count, std::to_string(count));
   return kDone;
 }
 
 int start(const Arguments& arguments) {
-  connect_client(arguments.client)->start();
+  Connection(arguments.client).call([](Client& client) { client.start(); });
   return kDone;
 }
 
 int stop(const Arguments& arguments) {
-  connect_client(arguments.client)->stop();
+  Connection(arguments.client).call([](Client& client) { client.stop(); });
   return kDone;
 }
 
 int add(const Arguments& arguments) {
   HostnameList list = check_arguments(arguments.hosts);
   if (!report_refusals(list, nullptr)) return kUsage;
-  connect_client(arguments.client)->addHostnames(list.names);
+  Connection(arguments.client).call([&](Client& client) { client.addHostnames(list.names); }, list.names.size());
   return kDone;
 }
 
 int remove(const Arguments& arguments) {
   HostnameList list = check_arguments(arguments.hosts);
   if (!report_refusals(list, nullptr)) return kUsage;
-  connect_client(arguments.client)->removeHostnames(list.names);
+  Connection(arguments.client).call([&](Client& client) { client.removeHostnames(list.names); }, list.names.size());
   return kDone;
 }
 
@@ -142,7 +175,9 @@ int set(const Arguments& arguments) {
       if (shown) std::fputs("\r\x1b[K", stderr);
     }
   } eraseAtEnd{showProgress};
-  connect_client(arguments.client)->setHostnames(list.names, showProgress ? Client::Progress(print_progress) : nullptr);
+  const Client::Progress progress = showProgress ? Client::Progress(print_progress) : nullptr;
+  Connection(arguments.client)
+      .call([&](Client& client) { client.setHostnames(list.names, progress); }, list.names.size());
   return kDone;
 }
 
@@ -159,20 +194,22 @@ int properties(const Arguments& arguments) {
   HostnameList list = check_arguments({arguments.host});
   if (!report_refusals(list, nullptr)) return kUsage;
   Value given = given_properties(arguments);
-  connect_client(arguments.client)->setProperties(given, Value::string(list.names.front()));
+  Connection(arguments.client).call([&](Client& client) {
+    client.setProperties(given, Value::string(list.names.front()));
+  });
   return kDone;
 }
 
 bool flush_output() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
 
 int watch(const Arguments& arguments) {
-  auto client = connect_client(arguments.client);
+  Connection connection(arguments.client);
   // An interrupt is the normal end of a watch. Exit at once, even during a call that is never answered: all output is
   // flushed already.
   for (int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { _exit(kDone); });
   std::optional<uint64_t> shown;
   while (flush_output()) {
-    uint64_t count = client->changesCount();
+    uint64_t count = connection.call([](Client& client) { return client.changesCount(); });
     if (count != shown) print_result(arguments, "changes", count, std::to_string(count));
     shown = count;
     if (!flush_output()) break;
@@ -183,7 +220,7 @@ int watch(const Arguments& arguments) {
 
 int call(const Arguments& arguments) {
   ProtocolCall send = prepare_call(arguments.method, arguments.methodArguments);
-  std::string reply = send(*connect_client(arguments.client));
+  std::string reply = Connection(arguments.client).call(send);
   if (!reply.empty()) print_result(arguments, "reply", reply, reply);
   return kDone;
 }

@@ -41,11 +41,17 @@ ResultWord word_of(Result result) {
 // The heading of a finding, for people.
 std::string title_of(const Finding& finding) {
   static const std::map<std::string, std::string> kTitles = {
-      {"service", ""},         {"keeper", ""},
-      {"answer", "extension"}, {"processes", "extension"},
-      {"queue", "packets"},    {"browser-list", "list of browsers"},
-      {"browser", "identity"}, {"http3", "HTTP/3"},
-      {"policy", "policies"},  {"dns-over-https", "DNS over HTTPS"},
+      {"service", ""},
+      {"keeper", ""},
+      {"answer", "extension"},
+      {"clients", "extension"},
+      {"processes", "extension"},
+      {"queue", "packets"},
+      {"browser-list", "list of browsers"},
+      {"browser", "identity"},
+      {"http3", "HTTP/3"},
+      {"policy", "policies"},
+      {"dns-over-https", "DNS over HTTPS"},
   };
   auto known = kTitles.find(finding.check);
   std::string title = known == kTitles.end() ? finding.check : known->second;

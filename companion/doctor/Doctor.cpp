@@ -7,8 +7,10 @@
 
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/text/AccessGroup.h"
+#include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "platform/linux/base/Text.h"
+#include "platform/linux/control/ListenerSocket.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
 
 namespace orvane {
@@ -84,6 +86,38 @@ void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
                       counted(facts.processes.size(), "extension", "extensions") + " run at once (processes " +
                           numbers + "): only one of them gets the packets, and commands may reach the other",
                       "end those that the service manager did not start"});
+}
+
+// Names the programs with connections, those with the most first.
+std::string describe_clients(const std::vector<ControlClient>& clients) {
+  constexpr size_t kNamed = 5;
+  std::string text;
+  for (size_t i = 0; i < std::min(clients.size(), kNamed); ++i) {
+    const ControlClient& client = clients[i];
+    text += (i == 0 ? ": " : ", ") + (client.program.empty() ? "a program" : in_quotes(client.program)) + " (process " +
+            std::to_string(client.process) + ") has " + std::to_string(client.connections);
+  }
+  if (clients.size() > kNamed) text += ", " + counted(clients.size() - kNamed, "other program", "other programs");
+  return text;
+}
+
+void examine_clients(const Facts& facts, std::vector<Finding>& findings) {
+  if (!facts.clients) {
+    if (facts.connection.outcome != ConnectionFacts::Outcome::Silent) return;
+    findings.push_back({"clients", "", Result::Unknown, "only root can see which programs have connections to it",
+                        "run this as root"});
+    return;
+  }
+  size_t connections = 0;
+  for (const ControlClient& client : *facts.clients) connections += client.connections;
+  Finding finding{"clients", "", Result::Ok, "", ""};
+  finding.found = std::to_string(connections) + " of " + std::to_string(kMaximumConnections) +
+                  " connections are in use" + describe_clients(*facts.clients);
+  if (connections >= kMaximumConnections) {
+    finding.result = Result::Problem;
+    finding.advice = "end the programs that should not be connected: sudo kill PROCESS";
+  }
+  findings.push_back(std::move(finding));
 }
 
 struct Capability {
@@ -269,6 +303,7 @@ std::vector<Finding> examine(const Facts& facts) {
   findings.push_back(examine_unit(facts.extension, "service"));
   findings.push_back(examine_unit(facts.keeper, "keeper"));
   findings.push_back(examine_connection(facts));
+  examine_clients(facts, findings);
   examine_processes(facts, findings);
   examine_capabilities(facts, findings);
   findings.push_back(examine_programs(facts));

@@ -10,6 +10,7 @@
 #include "companion/browsers/BrowserPolicy.h"
 #include "companion/browsers/BrowserProfiles.h"
 #include "companion/browsers/InstalledBrowsers.h"
+#include "companion/doctor/ControlClients.h"
 #include "companion/keeper/KeeperState.h"
 
 namespace orvane {
@@ -71,6 +72,7 @@ struct Facts {
   bool asRoot = false;
   UnitFacts extension, keeper;
   ConnectionFacts connection;
+  std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
   std::vector<pid_t> processes;          // extensions in this network namespace
   pid_t process = 0;                     // the one whose details are below; 0 for none

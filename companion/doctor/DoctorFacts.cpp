@@ -15,6 +15,7 @@
 
 #include "companion/client/ExtensionProbe.h"
 #include "companion/client/UnitState.h"
+#include "companion/doctor/ControlClients.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/linux/base/Command.h"
@@ -225,6 +226,7 @@ Facts gather_facts(const Examination& examination) {
   facts.extension = look_at_unit(kExtensionUnit);
   facts.keeper = look_at_unit(kKeeperUnit);
   facts.connection = look_at_connection(examination);
+  facts.clients = control_clients(facts.connection.socket);
   facts.group = look_at_group();
   look_at_processes(facts);
   facts.missingPrograms = missing_programs();

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <functional>
-#include <tuple>
 
 #include "companion/doctor/Doctor.h"
 
 namespace orvane {
 namespace {
 
-using enum Finding::Result;
+using Result = Finding::Result;
 
 constexpr const char* kRules =
     "*mangle\n:OUTPUT ACCEPT [0:0]\n:ORVANE-OUTPUT - [0:0]\n-A OUTPUT -j ORVANE-OUTPUT\n-A OUTPUT -j OTHER\nCOMMIT\n"
@@ -22,6 +21,7 @@ Facts sound_machine() {
   facts.extension = {"orvane-se.service", true, true, true, "active (running)"};
   facts.keeper = {"orvane-keeper.service", true, true, true, "active (running)"};
   facts.connection = {ConnectionFacts::Outcome::Answered, "/run/orvane-se/org.orvane.OrvaneSE"};
+  facts.clients = {{8, "orvanectl", 1}};
   facts.group = {"anna", true, true, true};
   facts.processes = {7};
   facts.process = 7;
@@ -45,78 +45,95 @@ Facts sound_machine() {
 
 TEST(Doctor, ReportsOkForASoundMachine) {
   for (const Finding& finding : examine(sound_machine())) {
-    EXPECT_EQ(finding.result, Ok) << finding.check << ": " << finding.found;
+    EXPECT_EQ(finding.result, Result::Ok) << finding.check << ": " << finding.found;
     EXPECT_EQ(finding.advice, "") << finding.check;
   }
 }
 
 TEST(Doctor, ReportsEachFaultWithItsCure) {
   using Outcome = ConnectionFacts::Outcome;
-  // The fault, the check that reports it, its result, and a part of what was found or of the advice.
-  const std::tuple<const char*, std::function<void(Facts&)>, const char*, Finding::Result, const char*> cases[] = {
-      {"stopped", [](auto& f) { f.extension.running = false; }, "service", Problem, "systemctl start"},
-      {"not installed", [](auto& f) { f.keeper.installed = false; }, "keeper", Problem, "install"},
-      {"no systemd", [](auto& f) { f.extension.known = false; }, "service", Unknown, "does not answer"},
-      {"stale socket", [](auto& f) { f.connection.outcome = Outcome::Refused; }, "answer", Problem, "has ended"},
-      {"hung", [](auto& f) { f.connection.outcome = Outcome::Silent; }, "answer", Problem, "restart"},
-      {"stranger", [](auto& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; },
-       "answer", Problem, "adduser anna orvane"},
-      {"member since this login", [](auto& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; },
-       "answer", Problem, "newgrp orvane"},
-      {"two extensions", [](auto& f) { f.processes.push_back(9); }, "processes", Problem, "7, 9"},
-      {"no CAP_BPF", [](auto& f) { f.capabilities = 0x81004; }, "capabilities", Warning, "CAP_BPF missing"},
-      {"no capability", [](auto& f) { f.capabilities = 0; }, "capabilities", Problem, "CAP_NET_ADMIN"},
-      {"no iptables", [](auto& f) { f.missingPrograms = {"iptables-save"}; }, "iptables", Problem, "apt"},
-      {"no NFQUEUE", [](auto& f) { f.hasQueueTarget = false; }, "kernel", Problem, "xt_NFQUEUE"},
-      {"rules flushed", [](auto& f) { f.rules[1].rules = "*mangle\nCOMMIT\n*filter\nCOMMIT\n"; }, "rules", Problem,
-       "missing"},
-      {"rules in one table only", [](auto& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; },
-       "rules", Problem, "some or all"},
+  struct {
+    const char* fault;
+    std::function<void(Facts&)> make;
+    const char* check;
+    Result result;
+    const char* text;  // a part of what was found or of the advice
+  } cases[] = {
+      {"stopped", [](Facts& f) { f.extension.running = false; }, "service", Result::Problem, "systemctl start"},
+      {"not installed", [](Facts& f) { f.keeper.installed = false; }, "keeper", Result::Problem, "install"},
+      {"no systemd", [](Facts& f) { f.extension.known = false; }, "service", Result::Unknown, "does not answer"},
+      {"stale socket", [](Facts& f) { f.connection.outcome = Outcome::Refused; }, "answer", Result::Problem,
+       "has ended"},
+      {"hung", [](Facts& f) { f.connection.outcome = Outcome::Silent; }, "answer", Result::Problem, "restart"},
+      {"stranger", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; },
+       "answer", Result::Problem, "adduser anna orvane"},
+      {"member since this login", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; },
+       "answer", Result::Problem, "newgrp orvane"},
+      {"connections used up",
+       [](Facts& f) {
+         f.clients = {{9, "p\x1b", 63}, {8, "orvanectl", 1}};
+       },
+       "clients", Result::Problem, R"("p\x1b" (process 9) has 63, "orvanectl" (process 8) has 1)"},
+      {"two extensions",
+       [](Facts& f) {
+         f.processes = {7, 9};
+       },
+       "processes", Result::Problem, "7, 9"},
+      {"no CAP_BPF", [](Facts& f) { f.capabilities = 0x81004; }, "capabilities", Result::Warning, "CAP_BPF missing"},
+      {"no capability", [](Facts& f) { f.capabilities = 0; }, "capabilities", Result::Problem, "CAP_NET_ADMIN"},
+      {"no iptables", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }, "iptables", Result::Problem, "apt"},
+      {"no NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }, "kernel", Result::Problem, "xt_NFQUEUE"},
+      {"rules flushed", [](Facts& f) { f.rules[1].rules = "*mangle\nCOMMIT\n*filter\nCOMMIT\n"; }, "rules",
+       Result::Problem, "missing"},
+      {"rules in one table only", [](Facts& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; },
+       "rules", Result::Problem, "some or all"},
       {"a firewall ahead of ours",
-       [](auto& f) { f.rules[0].rules->insert(f.rules[0].rules->rfind("-A OUTPUT"), "-A OUTPUT -j ACCEPT\n"); },
-       "rules", Warning, "another program"},
-      {"rules left by a crash", [](auto& f) { f.extension.running = false, f.processes.clear(), f.process = 0; },
-       "rules", Warning, "everything pass"},
-      {"not root", [](auto& f) { f.rules.clear(), f.asRoot = false, f.queues.reset(); }, "queue", Unknown, "root"},
-      {"queue unserved", [](auto& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }, "queue",
-       Problem, "all packets pass"},
-      {"bad lines", [](auto& f) { f.list->badLines = 2; }, "list", Warning, "2 bad lines"},
-      {"list not read", [](auto& f) { f.list->listError = "no"; }, "list", Problem, "previous list"},
-      {"list not sent", [](auto& f) { f.list->sentVersion.reset(); }, "list", Warning, "newest"},
-      {"keeper not connected", [](auto& f) { f.list->connected = false; }, "list", Problem, "no connection"},
-      {"edits by others", [](auto& f) { f.list->changesOfOthers = 1; }, "list", Warning, "1 edit by"},
-      {"bad browser list", [](auto& f) { f.browserList.fault = "is bad"; }, "browser-list", Problem,
+       [](Facts& f) { f.rules[0].rules->insert(f.rules[0].rules->rfind("-A OUTPUT"), "-A OUTPUT -j ACCEPT\n"); },
+       "rules", Result::Warning, "another program"},
+      {"rules left by a crash", [](Facts& f) { f.extension.running = false, f.processes.clear(), f.process = 0; },
+       "rules", Result::Warning, "everything pass"},
+      {"not root", [](Facts& f) { f.rules.clear(), f.asRoot = false, f.queues.reset(); }, "queue", Result::Unknown,
+       "root"},
+      {"queue unserved", [](Facts& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }, "queue",
+       Result::Problem, "all packets pass"},
+      {"bad lines", [](Facts& f) { f.list->badLines = 2; }, "list", Result::Warning, "2 bad lines"},
+      {"list not read", [](Facts& f) { f.list->listError = "no"; }, "list", Result::Problem, "previous list"},
+      {"list not sent", [](Facts& f) { f.list->sentVersion.reset(); }, "list", Result::Warning, "newest"},
+      {"keeper not connected", [](Facts& f) { f.list->connected = false; }, "list", Result::Problem, "no connection"},
+      {"edits by others", [](Facts& f) { f.list->changesOfOthers = 1; }, "list", Result::Warning, "1 edit by"},
+      {"bad browser list", [](Facts& f) { f.browserList.fault = "is bad"; }, "browser-list", Result::Problem,
        "nothing is filtered"},
-      {"unknown browser", [](auto& f) { f.browsers[0].browser.identifier = "lynx"; }, "browser", Problem,
+      {"unknown browser", [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }, "browser", Result::Problem,
        "add it there"},
-      {"browser that is a script", [](auto& f) { f.browsers[0].browser.identifier = "python3.11"; }, "browser", Problem,
-       "another browser"},
-      {"HTTP/3", [](auto& f) { f.browsers[0].policy.http3.reset(); }, "http3", Warning, "policy install"},
+      {"browser that is a script", [](Facts& f) { f.browsers[0].browser.identifier = "python3.11"; }, "browser",
+       Result::Problem, "another browser"},
+      {"HTTP/3", [](Facts& f) { f.browsers[0].policy.http3.reset(); }, "http3", Result::Warning, "policy install"},
       {"HTTP/3 in one of two profiles",
-       [](auto& f) {
+       [](Facts& f) {
          f.browsers[0].policy.http3.reset();
          f.browsers[0].profiles = {{"/p", false, {}}, {"/q", {}, {}}};
        },
-       "http3", Warning, "unfiltered"},
+       "http3", Result::Warning, "unfiltered"},
       {"DNS over HTTPS in one of two profiles",
-       [](auto& f) {
+       [](Facts& f) {
          f.browsers[0].policy.dnsOverHttps.reset();
          f.browsers[0].profiles = {{"/p", {}, "off"}, {"/q", {}, "secure"}};
        },
-       "dns-over-https", Warning, "secure, by /q"},
-      {"DNS over HTTPS by default", [](auto& f) { f.browsers[0].policy.dnsOverHttps.reset(); }, "dns-over-https",
-       Unknown, "--no-doh"},
-      {"a Flatpak's HTTP/3", [](auto& f) { f.browsers[0].policy.http3.reset(), f.browsers[0].browser.place = nullptr; },
-       "http3", Warning, "about:config"},
+       "dns-over-https", Result::Warning, "secure, by /q"},
+      {"DNS over HTTPS by default", [](Facts& f) { f.browsers[0].policy.dnsOverHttps.reset(); }, "dns-over-https",
+       Result::Unknown, "--no-doh"},
+      {"a Flatpak's HTTP/3",
+       [](Facts& f) { f.browsers[0].policy.http3.reset(), f.browsers[0].browser.place = nullptr; }, "http3",
+       Result::Warning, "about:config"},
   };
-  for (const auto& [fault, make, check, result, text] : cases) {
+  for (const auto& c : cases) {
     Facts facts = sound_machine();
-    make(facts);
+    c.make(facts);
     const std::vector<Finding> findings = examine(facts);
     EXPECT_TRUE(std::any_of(findings.begin(), findings.end(), [&](const Finding& finding) {
-      return finding.check == check && finding.result == result &&
-             (finding.found + " -> " + finding.advice).find(text) != std::string::npos;
-    })) << fault;
+      return finding.check == c.check && finding.result == c.result &&
+             (finding.found + " -> " + finding.advice).find(c.text) != std::string::npos;
+    })) << c.fault;
   }
 }
 

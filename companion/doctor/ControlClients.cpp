@@ -1,0 +1,86 @@
+#include "companion/doctor/ControlClients.h"
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <filesystem>
+#include <map>
+#include <string_view>
+
+#include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/Files.h"
+#include "platform/linux/control/SocketPath.h"
+
+namespace orvane {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The process at the other end of a connected Unix-domain socket; for a client that is the process that listens.
+std::optional<pid_t> peer_of(const Descriptor& connection) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return std::nullopt;
+  return peer.pid;
+}
+
+// Handles for other processes and their descriptors. glibc 2.36 declares its functions for this, in sys/pidfd.h,
+// without C linkage.
+Descriptor open_process(pid_t process) { return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0))); }
+Descriptor copy_descriptor(const Descriptor& process, int number) {
+  return Descriptor(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), number, 0)));
+}
+
+bool is_bound_to(const Descriptor& socket, std::string_view path) {
+  sockaddr_un address{};
+  socklen_t size = sizeof address;
+  if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) return false;
+  return address.sun_family == AF_UNIX && size > offsetof(sockaddr_un, sun_path) && path == address.sun_path;
+}
+
+bool is_listening(const Descriptor& socket) {
+  int listening = 0;
+  socklen_t size = sizeof listening;
+  return ::getsockopt(socket.get(), SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0;
+}
+
+std::string program_of(pid_t process) {
+  constexpr size_t kLimit = 64;
+  std::string name = read_file_start("/proc/" + std::to_string(process) + "/comm", kLimit, Links::Follow).value_or("");
+  if (name.ends_with('\n')) name.pop_back();
+  return name;
+}
+
+}  // namespace
+
+std::optional<std::vector<ControlClient>> control_clients(const std::string& socket) {
+  Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!probe || connect_to(socket, probe) != 0) return std::nullopt;
+  const pid_t extension = peer_of(probe).value_or(0);
+  const Descriptor handle = open_process(extension);  // fails for 0: a process of another PID namespace
+  if (!handle) return std::nullopt;
+  std::map<pid_t, size_t> connections;
+  std::error_code error;
+  for (fs::directory_iterator entry("/proc/" + std::to_string(extension) + "/fd", error), end; !error && entry != end;
+       entry.increment(error)) {
+    // The connections themselves know their clients: the kernel keeps the peer of the moment of connect(2).
+    const Descriptor copy = copy_descriptor(handle, std::stoi(entry->path().filename().string()));
+    if (!copy && errno == EPERM) return std::nullopt;
+    if (!copy || !is_bound_to(copy, socket) || is_listening(copy)) continue;
+    const std::optional<pid_t> client = peer_of(copy);
+    if (client && *client != ::getpid()) ++connections[*client];
+  }
+  if (error) return std::nullopt;
+  std::vector<ControlClient> clients;
+  for (const auto& [process, count] : connections) clients.push_back({process, program_of(process), count});
+  std::stable_sort(clients.begin(), clients.end(),
+                   [](const auto& left, const auto& right) { return left.connections > right.connections; });
+  return clients;
+}
+
+}  // namespace orvane

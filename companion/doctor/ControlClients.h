@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+// A process that has connected to the extension.
+struct ControlClient {
+  pid_t process = 0;    // 0 if it is in another PID namespace
+  std::string program;  // the process's name, which the process itself chooses; empty if it has ended
+  size_t connections = 0;
+};
+
+// The processes whose connections the extension at a socket has accepted, those with the most connections first; this
+// process is left out. Nothing if nobody listens there, or if this process may not look at the extension: root may.
+std::optional<std::vector<ControlClient>> control_clients(const std::string& socket);
+
+}  // namespace orvane
