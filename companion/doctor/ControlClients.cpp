@@ -77,6 +77,7 @@ std::optional<std::vector<ControlClient>> control_clients(const std::string& soc
   }
   if (error) return std::nullopt;
   std::vector<ControlClient> clients;
+  clients.reserve(connections.size());
   for (const auto& [process, count] : connections) clients.push_back({process, program_of(process), count});
   std::stable_sort(clients.begin(), clients.end(),
                    [](const auto& left, const auto& right) { return left.connections > right.connections; });
