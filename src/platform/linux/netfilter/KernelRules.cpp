@@ -44,7 +44,7 @@ bool has_other_chains(const SavedTable& table, std::string_view text) {
 std::string jump_script(const SavedTables& saved) {
   auto insertions = [](const std::vector<std::string>& chains) {
     std::string text;
-    for (const std::string& chain : chains) text += "-I " + chain + " 1 -j ORVANE-" + chain + "\n";
+    for (const std::string& chain : chains) text.append("-I ").append(chain).append(" 1 -j ORVANE-" + chain + "\n");
     return text + "COMMIT\n";
   };
   return "*filter\n" + jump_removals(saved.filter) + insertions(kFilterChains) + "*mangle\n" +
