@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 
 namespace orvane {
@@ -15,6 +16,7 @@ class ThreadBudget {
   std::chrono::nanoseconds used() const { return now() - begin_; }
   // A system call: ask before a step of some microseconds or more.
   bool isSpent() const { return used() >= time_; }
+  std::chrono::nanoseconds left() const { return std::max(time_ - used(), std::chrono::nanoseconds(0)); }
 
  private:
   static std::chrono::nanoseconds now() {

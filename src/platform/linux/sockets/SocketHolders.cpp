@@ -269,7 +269,7 @@ User& SocketHolders::Implementation::account(uid_t user, Clock::time_point now) 
 
 std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& search, uid_t user) {
   if (auto recent = search.recentHolder()) return recent;
-  processes.update(limits.processes);
+  processes.update(std::min(limits.processes, search.budget().left() / 2));
   const auto& byUser = processes.byUser();
   // Processes that may not be dumped seem to be root's.
   for (uid_t first : {user, uid_t{0}}) {
