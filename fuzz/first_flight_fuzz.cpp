@@ -37,14 +37,14 @@ struct Model {
 
 // Repeats after 256 bytes.
 const auto kContents = [] {
-  std::array<uint8_t, 65536 + 256> contents{};
+  std::array<uint8_t, 6000 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
   return contents;
 }();
 
 }  // namespace
 
-// The input: four bytes of the first sequence number, then for each segment two bytes of its offset (8192 is the first
+// The input: four bytes of the first sequence number, then for each segment two bytes of its offset (512 is the first
 // sequence number) and two bytes of its length. Each segment has other contents, which shows whose bytes stay.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> input(data, std::min<size_t>(size, 4 + 4 * 60));
@@ -55,10 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Model model;
   std::vector<uint8_t> seen;
   for (size_t at = 4, segment = 0; at + 4 <= input.size(); at += 4, ++segment) {
-    // Mostly short, because long ones would only copy bytes.
-    auto payload =
-        std::span(kContents).subspan(segment * 31 % 256, number(at + 2) % (input[at + 2] < 250 ? 512 : 65536));
-    const uint32_t sequence = first + (at == 4 ? 0 : number(at) - 8192);
+    // Mostly short, because the model's work grows with the bytes.
+    const size_t length = number(at + 2) < 65280 ? number(at + 2) % 64 : 6000;
+    auto payload = std::span(kContents).subspan(segment * 31 % 256, length);
+    const uint32_t sequence = first + (at == 4 ? 0 : number(at) % 4096 - 512);
     const bool modelGoesOn = model.add(sequence, payload);
     const bool goesOn = flight.add(sequence, payload);
     if (goesOn && !modelGoesOn) std::abort();
