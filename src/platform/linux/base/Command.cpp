@@ -21,7 +21,8 @@ namespace {
 
 constexpr int kLongestRunMilliseconds = 10000;
 
-// Files in memory instead of pipes, so that neither side waits for the other.
+// A new file in memory that holds the text. The program's standard streams are files of this kind instead of pipes, so
+// that neither the program nor this process waits until the other reads or writes.
 Descriptor file_with(std::string_view text) {
   Descriptor file(memfd_create("orvane-command", MFD_CLOEXEC));
   if (!file || !write_all(file.get(), text)) return {};
@@ -41,8 +42,9 @@ int spawn(const std::string& path, const std::vector<std::string>& words, const 
   for (int i = 0; i < 3; ++i) posix_spawn_file_actions_adddup2(&actions, standard[i], i);
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
 
-  // The extension blocks its end signals and ignores SIGPIPE; the program must inherit neither. It runs in a process
-  // group of its own, so that the Ctrl-C that ends the extension does not end the program that removes the rules.
+  // The extension blocks the signals that end it and ignores SIGPIPE; the program must inherit neither setting. The
+  // program gets its own process group: otherwise a Ctrl-C for the extension would also end a program that is removing
+  // the kernel rules.
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   sigset_t none;

@@ -20,7 +20,7 @@ class Descriptor {
 
   int get() const { return number_; }
   explicit operator bool() const { return number_ >= 0; }
-  // Returns the descriptor and leaves it open.
+  // Gives up ownership: returns the descriptor, which the caller must close.
   int detach() { return std::exchange(number_, -1); }
   void reset() {
     if (number_ >= 0) close(std::exchange(number_, -1));

@@ -5,8 +5,8 @@
 namespace orvane {
 
 // The form in which host names are listed, and in which the provider compares them byte for byte: ASCII letters in
-// lower case, without the dot of the DNS root at the end. A page can have a browser ask for "Held.Example." in the
-// same way as for "held.example", and both lead to the same server.
+// lower case, without the dot of the DNS root at the end. A link to "Held.Example." leads to the same server as one to
+// "held.example", so names from flows need this form, too.
 std::string listed_form(std::string name);
 
 }  // namespace orvane

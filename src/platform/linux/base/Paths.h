@@ -6,14 +6,15 @@
 
 namespace orvane {
 
-// The last part of a path; a text without a slash is that part itself.
+// The part of a path after its last slash. The whole text if it has no slash.
 std::string_view file_name(std::string_view path);
 
 // The absolute path with all symbolic links resolved. Empty when there is no such file.
 std::string resolve_links(const std::string& path);
 
-// Finds the program that a command line names. An absolute path is returned unchanged; a name without a slash is looked
-// for in the folders. Empty when no folder has an executable file of that name, and for a relative path.
+// The path of the program that a command line names. An absolute path is returned unchanged. For a name without a
+// slash, the folders are searched in order; the result is empty if none has an executable file of that name. Empty also
+// for a relative path with a slash.
 std::string find_program(const std::string& program, std::span<const std::string> folders);
 
 }  // namespace orvane

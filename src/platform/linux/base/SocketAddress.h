@@ -9,8 +9,8 @@
 
 namespace orvane {
 
-// One end of a connection: an IPv4 or IPv6 address and a port. An IPv4-mapped IPv6 address (RFC 4291, section 2.5.5.2)
-// is stored as IPv4, so that equal ends compare equal whatever the family of their sockets.
+// An endpoint of a connection: an IPv4 or IPv6 address and a port. An IPv4-mapped IPv6 address (RFC 4291, section
+// 2.5.5.2) is stored as IPv4: so the same endpoint compares equal, whether an IPv4 or an IPv6 socket uses it.
 struct SocketAddress {
   sa_family_t family = AF_UNSPEC;     // AF_INET or AF_INET6
   uint16_t port = 0;                  // host byte order
@@ -28,7 +28,7 @@ struct SocketAddress {
   friend bool operator==(const SocketAddress&, const SocketAddress&) = default;
 };
 
-// The two ends of a connection or of a datagram, as this machine sees them.
+// The local and the remote endpoint of a connection or a datagram.
 struct SocketPair {
   uint8_t protocol = 0;  // IPPROTO_TCP or IPPROTO_UDP
   SocketAddress local, remote;

@@ -75,7 +75,7 @@ class Attempts {
     }
   }
 
-  // Takes the results of the attempts that have ended.
+  // Looks at the attempts that have ended: takes the first socket that is connected, and closes those that failed.
   void collect() {
     for (size_t i = 0; i < open_.size() && !winner_;) {
       if (open_[i].revents == 0) {
@@ -116,7 +116,7 @@ Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline) {
   int count = 0;
   do {
     count = poll(all.data(), all.size(), poll_time(deadline));
-    // The only other error is ENOMEM, which may pass.
+    // Apart from EINTR, poll() can only fail with ENOMEM. Memory may become free, so it is tried again.
     if (count < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   } while (count < 0);
   if (count == 0) return Wait::TimedOut;

@@ -21,22 +21,23 @@ Deadline deadline_after(std::chrono::milliseconds time);
 
 enum class Wait { Ready, TimedOut, Stopped };
 
-// Waits until one of the entries has an event or `stop`, an eventfd(2), is readable. Entries with a negative descriptor
-// are ignored.
+// Waits until one of the entries has an event, `stop` (an eventfd(2)) is readable, or the deadline has passed. Entries
+// with a negative descriptor are ignored.
 Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline);
 
-// Sends all bytes on a non-blocking socket. False when the connection fails, at the deadline, and when `stop` is
-// readable.
+// Sends all bytes on a non-blocking socket. False if the connection fails, the deadline passes, or `stop` becomes
+// readable before that.
 bool send_all(int socket, std::string_view bytes, int stop, Deadline deadline);
 
 // Closes a connection with a reset: unsent data is discarded and the peer gets an error.
 void reset_connection(Descriptor socket);
 
-// Closes a connection after its peer had time to read everything. Closing a socket with unread input would send a
-// reset, so input is discarded until the peer closes, for two seconds at most.
+// Closes a connection so that the peer can read everything that was sent. Closing a socket with unread input would send
+// a reset, which may discard those bytes. So this ends the output, then reads and discards input until the peer closes:
+// two seconds and 16 MiB at most.
 void close_gently(Descriptor socket, int stop);
 
-// The addresses of both ends of a connected socket. Nothing when it is not connected.
+// The addresses of both endpoints of a connected socket. Nothing when the socket is not connected.
 struct SocketEnds {
   sockaddr_storage local{};
   sockaddr_storage peer{};
@@ -49,11 +50,13 @@ struct Connected {
   std::string reason;  // without a socket: one line
 };
 
-// Connects over TCP to the first of the addresses that answers. Attempts start in the order of the addresses: the next
-// one when the last attempt has failed, or after 250 ms (RFC 8305, section 5). Gives up after 30 s.
+// Connects over TCP to one of the addresses: tries several at the same time and keeps the connection that is
+// established first. Attempts start in the order of the addresses. The next one starts when a running attempt fails, or
+// 250 ms after the previous start (RFC 8305, section 5). Gives up after 30 s.
 Connected connect_to_any(const addrinfo* addresses, int stop);
 
-// Connects to a host name or a literal address. Looking the name up takes as long as the system resolver allows.
+// Resolves a host name or a literal address, then connects as above. Neither `stop` nor a deadline ends the look-up of
+// the name, which takes as long as the system resolver allows.
 Connected connect_to_host(const std::string& host, uint16_t port, int stop);
 
 }  // namespace orvane

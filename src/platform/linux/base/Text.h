@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// The text without the blanks and line ends around it.
+// The text without the white space around it: spaces, tabs and line ends.
 inline std::string_view trim(std::string_view text) {
   constexpr std::string_view kWhiteSpace = " \t\r\n";
   const size_t first = text.find_first_not_of(kWhiteSpace);
@@ -15,8 +15,8 @@ inline std::string_view trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
 }
 
-// The number that the whole text spells, as std::from_chars reads it: no leading '+' and no blanks. `base` is for
-// integers. Nothing for any other text and for a number that does not fit.
+// The number that the whole text spells, as std::from_chars reads it: no leading '+' and no blanks. For integers,
+// `base` may be given. Nothing for any other text, and for a number that does not fit into the type.
 template <class Number, class... Base>
 std::optional<Number> parse_number(std::string_view text, Base... base) {
   Number number{};

@@ -14,7 +14,7 @@ class ThreadBudget {
   explicit ThreadBudget(std::chrono::nanoseconds time) : begin_(now()), time_(time) {}
 
   std::chrono::nanoseconds used() const { return now() - begin_; }
-  // A system call: ask before a step of some microseconds or more.
+  // This makes a system call, so call it only before a step that takes some microseconds or more.
   bool isSpent() const { return used() >= time_; }
   std::chrono::nanoseconds left() const { return std::max(time_ - used(), std::chrono::nanoseconds(0)); }
 

@@ -24,15 +24,16 @@ class BinaryReader {
 
  private:
   static constexpr size_t kTrailerSize = 32;
-  // The rough size of the list, in bytes, if nothing was shared: each use of an object counts 64 and its content.
+  // Limit on the approximate memory in bytes that the list would take if no object was shared: each use of an object
+  // counts 64 bytes and its content.
   static constexpr uint64_t kMaxCost = uint64_t{64} << 20;
   static constexpr uint64_t kCostOfUse = 64;
 
   enum class State : uint8_t { New, Open, Done };
   struct Object {
     State state = State::New;
-    size_t height = 0;  // containers inside one another, this one included
-    uint64_t cost = 0;  // of one use, with its content
+    size_t height = 0;  // 0 for a simple value; for a container, 1 plus the greatest height of its elements
+    uint64_t cost = 0;  // of one use of the object, including everything that it contains
     Value value;
   };
 
@@ -60,7 +61,7 @@ class BinaryReader {
     return number;
   }
 
-  // Keeps the first fault. The value is nil.
+  // Records the fault, unless an earlier one is recorded, and returns nil.
   Value fail(const char* fault) {
     if (fault_ == nullptr) fault_ = fault;
     return nullptr;
@@ -69,7 +70,8 @@ class BinaryReader {
   // Whether `count` items of `size` bytes fit between `at` and the offset table.
   bool fits(size_t at, uint64_t count, size_t size) const { return at <= table_ && count <= (table_ - at) / size; }
 
-  // Reads an object and all that it refers to, once. `depth` counts the objects on the path to it. Null after a fault.
+  // Reads an object and everything that it refers to; a later visit returns the result of the first. `depth` is the
+  // number of objects on the path from the root to this one, both included. Null after a fault.
   const Object* visit(uint64_t index, size_t depth) {
     if (index >= objects_.size()) return fail("an object is missing"), nullptr;
     Object& object = objects_[index];
@@ -86,8 +88,8 @@ class BinaryReader {
     return fault_ == nullptr ? &object : nullptr;
   }
 
-  // An object starts with a byte: its type in the high half, its size in the low half (15: an integer object follows
-  // with the size).
+  // The first byte of an object has the type in its high half and the size in its low half (15: the size follows as an
+  // integer object).
   Value valueAt(size_t at, Object& object, size_t depth) {
     const uint8_t type = bytes_[at] >> 4, low = bytes_[at] & 0xf;
     ++at;
@@ -115,7 +117,8 @@ class BinaryReader {
     }
   }
 
-  // 1, 2 or 4 bytes are unsigned, 8 are signed, 16 hold what is above the signed range.
+  // An integer of 1, 2 or 4 bytes is unsigned and one of 8 bytes is signed. One of 16 bytes holds an unsigned number
+  // that may be above the range of the signed ones.
   Value integerValue(size_t at, uint8_t low) {
     if (low > 4 || !fits(at, 1, size_t{1} << low)) return fail("an integer is damaged");
     if (low < 4) return Value::number(static_cast<int64_t>(integer(at, size_t{1} << low)));
@@ -135,7 +138,7 @@ class BinaryReader {
     return std::isfinite(absoluteTime) ? Value::date(absoluteTime) : fail("a date is damaged");
   }
 
-  // Data, ASCII or UTF-16.
+  // Reads data (type 4), a string in ASCII (5) or a string in UTF-16 (6).
   Value bytesValue(size_t at, uint8_t type, uint8_t low, Object& object) {
     uint64_t size = low;
     const size_t unitSize = type == 0x6 ? 2 : 1;
@@ -160,7 +163,7 @@ class BinaryReader {
     }
   }
 
-  // Reads the integer object that a size of 15 announces.
+  // If *size is 15, replaces it by the number in the integer object at *at, and moves *at behind that object.
   bool readSize(size_t* at, uint64_t* size) const {
     if (*size != 0xf) return true;
     if (!fits(*at, 1, 1) || (bytes_[*at] >> 4) != 0x1 || (bytes_[*at] & 0xf) > 3) return false;
@@ -172,7 +175,8 @@ class BinaryReader {
     return true;
   }
 
-  // An array refers to its elements, a dictionary to its keys and then to their values.
+  // The content of an array is a list of references to its elements. The content of a dictionary is a list of
+  // references to all keys, followed by a list of references to their values.
   Value containerValue(size_t at, bool isDictionary, uint8_t low, Object& object, size_t depth) {
     uint64_t size = low;
     if (!readSize(&at, &size) || !fits(at, size, referenceSize_ * (isDictionary ? 2 : 1))) {

@@ -14,7 +14,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Nil when the file cannot be read or is not a property list. Callers report the key that they miss.
+// Nil when the file cannot be read or is not a property list. That is not logged here: the look-up of a key then finds
+// nothing, and its caller reports the missing key.
 Value read_information(const fs::path& path) {
   constexpr size_t kMaxLength = 1 << 20;
   const auto text = read_file_start(path, kMaxLength + 1, Links::Follow);
@@ -42,7 +43,8 @@ struct Bundle {
 
 namespace {
 
-// The running program is in Contents/Linux of its bundle.
+// The bundle of the running program. The program must be in the bundle's folder Contents/Linux; null if it is
+// elsewhere.
 Bundle* find_main() {
   std::error_code error;
   fs::path folder = fs::read_symlink("/proc/self/exe", error).parent_path();

@@ -18,8 +18,9 @@ class Components final : public NSURLComponents {
   std::optional<std::string> host_;
 };
 
-// The scheme, host and port of a URL; the whole URL if it has no host. Browsers leave characters in user names, paths
-// and queries that RFC 3986 forbids, for example '|'. Parsing these parts would fail and hide the host from the filter.
+// The scheme, host and port of a URL; the whole URL if it has no host. User names, paths and queries are cut off before
+// the URL is parsed: browsers leave characters in them that RFC 3986 forbids, for example '|', and then the parser
+// would fail and hide the host from the filter.
 std::string without_surroundings(std::string_view url) {
   const size_t colon = url.find_first_of(":/?#");
   if (colon == std::string_view::npos || url.substr(colon, 3) != "://") return std::string(url);

@@ -16,7 +16,7 @@ struct Monitor {
 // thread that holds one object's monitor and takes another's could then deadlock with an unrelated thread.
 struct MonitorTable {
   std::mutex mutex;
-  std::unordered_map<const NSObject*, Monitor> monitors;  // entries never move
+  std::unordered_map<const NSObject*, Monitor> monitors;  // the address of an entry never changes
 };
 
 // Never destroyed: threads may hold monitors while the process exits.

@@ -35,7 +35,8 @@ Ref<ReadStream> read_stream_create_with_file(const std::string& url) {
 
 bool read_stream_open(ReadStream* stream) {
   if (stream->descriptor) return false;
-  // If the path is a pipe, the open must not wait for a writer: without one the pipe reads as an empty file.
+  // If the path is a pipe, O_NONBLOCK keeps open() from waiting for a writer. A pipe without a writer reads as an empty
+  // file.
   stream->descriptor = Descriptor(::open(stream->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   return static_cast<bool>(stream->descriptor);
 }

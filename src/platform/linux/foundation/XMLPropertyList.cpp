@@ -19,7 +19,7 @@
 namespace orvane {
 namespace {
 
-// ---- The values of elements; nil for an invalid text. ----
+// ---- Each of these functions makes the value of an element from the element's text. Nil if the text is invalid. ----
 
 Value string_value(std::string_view text) { return Value::string(text); }
 
@@ -44,7 +44,7 @@ Value real_value(std::string_view text) {
   return number ? Value::real(*number) : Value();
 }
 
-// YYYY-MM-DDTHH:MM:SSZ
+// The text has the form YYYY-MM-DDTHH:MM:SSZ.
 Value date_value(std::string_view text) {
   text = trim(text);
   if (text.size() != std::string_view("0000-00-00T00:00:00Z").size() || text[10] != 'T' || text.back() != 'Z') {
@@ -54,7 +54,7 @@ Value date_value(std::string_view text) {
   return absoluteTime ? Value::date(*absoluteTime) : Value();
 }
 
-// Base64 with white space anywhere.
+// The text is Base64, with white space anywhere.
 Value data_value(std::string_view text) {
   std::vector<uint8_t> bytes(text.size() / 4 * 3 + 3);
   const int length = b64_pton(std::string(text).c_str(), bytes.data(), bytes.size());
@@ -89,7 +89,7 @@ class XMLReader {
   Value read(std::span<const uint8_t> bytes, std::string* fault) {
     static std::once_flag initialised;
     std::call_once(initialised, xmlInitParser);
-    // By default libxml2 writes faults of an encoding to standard error.
+    // By default libxml2 prints encoding errors to standard error. This function prints nothing.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {
@@ -99,7 +99,7 @@ class XMLReader {
     context_ = context.get();
     *context_->sax = handlers();
     context_->userData = this;
-    // libxml2 makes a document for the declarations that it reads, whatever the handlers are.
+    // libxml2 makes a document for declarations even with these handlers, so the result must be freed.
     xmlFreeDoc(xmlCtxtReadMemory(context_, reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()),
                                  nullptr, nullptr, XML_PARSE_NONET));
     if (context_->wellFormed == 0) fail("it is not well-formed XML");
@@ -113,13 +113,13 @@ class XMLReader {
   struct Open {
     const Element* element;
     std::string text;
-    Value::Array children;  // of a dictionary: keys and values in turn
+    Value::Array children;  // in a dictionary: keys and values alternate
   };
 
   static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
 
-  // libxml2 loads no DTD without a handler for it. An entity without a handler would expand to nothing, so entities are
-  // refused.
+  // Only a handler could load a DTD, and none is set here. Without a handler, a reference to an entity would silently
+  // expand to nothing, so a list that declares an entity is refused.
   static xmlSAXHandler handlers() {
     xmlSAXHandler handler{};
     handler.initialized = XML_SAX2_MAGIC;
@@ -146,7 +146,7 @@ class XMLReader {
     return handler;
   }
 
-  // Keeps the first fault.
+  // Records the fault, unless an earlier one is recorded, and stops the parser.
   void fail(std::string fault) {
     if (fault_.empty()) fault_ = std::move(fault);
     xmlStopParser(context_);
@@ -154,7 +154,7 @@ class XMLReader {
   void failAt(int line, std::string_view fault) { fail("line " + std::to_string(line) + ": " + std::string(fault)); }
   void failHere(std::string_view fault) { failAt(xmlSAX2GetLineNumber(context_), fault); }
 
-  // Refuses other encodings, whose converters the C library loads from shared objects.
+  // Refuses encodings other than UTF-8 and UTF-16: to convert those, the C library would load shared objects.
   void checkEncoding() {
     const xmlCharEncodingHandler* converter = context_->input->buf->encoder;
     const std::string_view name = converter == nullptr ? "UTF-8" : converter->name;
@@ -169,7 +169,7 @@ class XMLReader {
     open_.push_back({element, {}, {}});
   }
 
-  // Whether an element may come next in the innermost one that is open.
+  // Whether `element` may come next inside the innermost open element.
   bool fits(const Element& element) const {
     const bool isKey = element.name == "key";
     if (open_.empty()) return !isKey;

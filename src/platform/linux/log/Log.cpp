@@ -21,7 +21,8 @@
 
 namespace orvane {
 
-// One object for each pair of names, never freed: the names are few, and a handle for each flow then costs one look-up.
+// One object for each pair of subsystem and category. The objects are never freed: the pairs are few, and each flow
+// creates a handle, which then costs only a look-up.
 class LogHandle {
  public:
   LogHandle(std::string_view subsystem, std::string_view category);
@@ -56,7 +57,8 @@ std::optional<unsigned> kept_by(const Value* preferences) {
   return std::nullopt;
 }
 
-// The default log, which has no names, uses the default options of the bundle's subsystem.
+// The levels that a log keeps. The default log has neither subsystem nor category; it uses the default options of the
+// bundle's subsystem.
 unsigned kept_levels(std::string_view subsystem, std::string_view category) {
   static const Value preferences = bundle_get_information(bundle_get_main(), "OSLogPreferences");
   static const Value identifier = bundle_get_information(bundle_get_main(), "CFBundleIdentifier");
@@ -77,7 +79,7 @@ struct NamesHash {
   }
 };
 
-// The keys refer to the names in the handles. Never destroyed: threads may log while the process exits.
+// The keys are views of the strings in the handles. Never destroyed: threads may log while the process exits.
 struct HandleTable {
   std::shared_mutex mutex;
   std::unordered_map<Names, std::unique_ptr<LogHandle>, NamesHash> handles;
@@ -95,19 +97,20 @@ constexpr std::array<const char*, 4> kPriorities = {"PRIORITY=5", "PRIORITY=6", 
 
 // False when there is no journal or it does not accept the message.
 bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view message) {
-  // sd_journal_sendv(3) reports success when nobody listens.
+  // sd_journal_sendv(3) reports success even if no journal is running.
   if (::access(kJournalSocket.data(), F_OK) != 0) return false;
   std::array<std::string, 5> fields = {"MESSAGE=" + std::string(message), kPriorities.at(static_cast<size_t>(level)),
                                        "SYSLOG_IDENTIFIER=OrvaneSE", "SUBSYSTEM=" + handle.subsystem(),
                                        "CATEGORY=" + handle.category()};
   std::array<iovec, fields.size()> vectors{};
   for (size_t i = 0; i < fields.size(); ++i) vectors.at(i) = {fields.at(i).data(), fields.at(i).size()};
-  const int count = handle.subsystem().empty() ? 3 : 5;  // the default log has no names
+  const int count = handle.subsystem().empty() ? 3 : 5;  // the default log has no subsystem and no category
   return sd_journal_sendv(vectors.data(), count) >= 0;
 }
 
 // Appends a message so that text from outside (a host name, a process name) cannot control a terminal or look like
-// another message: lines after the first are indented, other control characters, including C1, are written as \xNN.
+// another message: lines after the first are indented, and control characters except the tab, including those of C1
+// (U+0080 to U+009F), are written as \xNN.
 void append_printable(std::string& text, std::string_view message) {
   for (size_t i = 0; i < message.size(); ++i) {
     auto byte = static_cast<unsigned char>(message[i]);
