@@ -16,9 +16,10 @@ namespace {
 
 namespace rpc = capnp::rpc;
 
-// Calls that a client has sent without their "finish" message. The RPC system keeps a table entry for each.
+// Limit on the calls for which a client has not sent the "finish" message yet. The RPC system keeps a table entry for
+// each of these calls.
 constexpr unsigned kMaximumUnfinishedCalls = 1024;
-// Replies that the client has not read yet. Above this the session stops reading.
+// Limit on the replies that wait because the client does not read them. Above the limit the session reads no messages.
 constexpr size_t kMaximumUnsentBytes = 64 << 10;
 // Messages above kLargeMessageWords share a memory budget of kLargeMessageBudget. Other clients may wait for that
 // memory, so a large message must arrive within kLargeMessageTime.
@@ -27,11 +28,12 @@ constexpr uint64_t kLargeMessageBudget = 2 * kMaximumMessageWords;  // in words
 constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
 constexpr auto kReservationRetryInterval = 10 * kj::MILLISECONDS;
 
-// The library counts some words twice as it reads, so the traversal limit lies above the largest message. A container
-// takes three pointers of the nesting limit, and the call around the value takes a few more.
+// The limits for one message. The traversal limit is larger than the largest message, because the library counts some
+// words twice as it reads. A container uses three levels of the nesting limit, and the call around the value a few
+// more.
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords + (1 << 20), 3 * kMaximumNesting + 16};
 
-// The memory of the large messages of all sessions. Thread-safe.
+// Counts the memory of the large messages of all sessions against kLargeMessageBudget. Thread-safe.
 class LargeMessageBudget {
  public:
   bool reserve(uint64_t words) {
@@ -48,15 +50,16 @@ class LargeMessageBudget {
 };
 LargeMessageBudget large_message_budget;
 
-// The memory of all values together: those that the extension stores, and those of calls that are being carried out. A
-// value takes up to about kValueBytesPerByte as much memory as its message.
+// Limit on the memory of all values: those that the extension stores, and those in calls that are being carried out. A
+// value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
 constexpr uint64_t kValueBudget = uint64_t{512} << 20;
 constexpr uint64_t kValueBytesPerByte = 4;
 
-// Memory for the arguments of one call, while the call is carried out. Thread-safe.
+// Counts the memory for the arguments of one call against kValueBudget, while the call is carried out. Thread-safe.
 class ValueReservation {
  public:
-  // `stored`: the memory of the values that will be kept besides the call's. Refuses the call when that is too much.
+  // `stored` is the memory of the stored values that remain after the call. Throws and so refuses the call if the total
+  // would exceed kValueBudget.
   ValueReservation(uint64_t messageWords, uint64_t stored)
       : bytes_(messageWords * sizeof(capnp::word) * kValueBytesPerByte) {
     if ((total_ += bytes_) + stored <= kValueBudget) return;
@@ -85,10 +88,11 @@ class GuardedStream final : public capnp::MessageStream {
   ~GuardedStream() noexcept(false) { large_message_budget.release(reserved_); }
   KJ_DISALLOW_COPY(GuardedStream);
 
-  // The network whose queue of replies is watched. Call before the first read.
+  // Sets the network whose queue of replies must be short before the next message is read. Call this before the first
+  // read.
   void setNetwork(capnp::TwoPartyVatNetwork& network) { network_ = &network; }
 
-  // Fulfilled when the session ends. Call once.
+  // The promise is fulfilled when the session ends. Call this once.
   kj::Promise<SessionEnd> ended() { return kj::mv(ended_.promise); }
 
   // Ends the session as broken and logs the reason. Later calls do nothing.
@@ -127,7 +131,8 @@ class GuardedStream final : public capnp::MessageStream {
   kj::Promise<void> end() override { return stream_.end(); }
 
  private:
-  // Fulfilled when the previous call has been carried out and few replies wait to be sent.
+  // The promise is fulfilled when the previous call has been carried out and the replies that wait to be sent are at
+  // most kMaximumUnsentBytes.
   kj::Promise<void> whenReadyForNextMessage() {
     // evalLast runs when the event loop has nothing else to do, so the previous call is complete by then.
     return kj::evalLast([this]() -> kj::Promise<void> {
@@ -146,7 +151,7 @@ class GuardedStream final : public capnp::MessageStream {
       return timer_.afterDelay(kReservationRetryInterval).then([this, words] { return reserve(words); });
     }
     reserved_ = words;
-    activity_.beginCall();  // while a large message arrives, its client is not idle
+    activity_.beginCall();  // a client whose large message is arriving is not idle
     deadline_ = timer_.afterDelay(kLargeMessageTime)
                     .then([this] { giveUp("a large message did not arrive in time"); })
                     .eagerlyEvaluate(nullptr);
@@ -190,8 +195,8 @@ class GuardedStream final : public capnp::MessageStream {
     }
   }
 
-  // True for a call that carries no capabilities. Capability tables and transforms are lists that the library would
-  // allocate at their claimed length.
+  // True for a call without a capability table and without a longer transform. These are lists, and the library would
+  // allocate as many entries as the message claims.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
     bool direct = !target.isPromisedAnswer() || target.getPromisedAnswer().getTransform().size() <= 1;
@@ -269,7 +274,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   }
 
  private:
-  // A size hint, since a message of unknown size takes several kilobytes.
+  // A hint for the size of a reply: without it, the library allocates several kilobytes for each reply.
   static constexpr capnp::MessageSize kReplySize{4, 0};
   static constexpr const char* kBadArgument = "an argument is malformed or too large";
 
@@ -291,8 +296,9 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // `stored`: what the extension keeps besides the argument. 0 for a message that adds nothing or replaces everything:
-  // these stay possible when the memory is used up.
+  // Passes a call with one argument to the exported object. `stored` is as in ValueReservation. It is 0 for a message
+  // that removes a value, replaces all values or stores nothing, so that such a message works even when the stored
+  // values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
                             uint64_t stored = 0) {

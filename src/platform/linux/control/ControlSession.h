@@ -7,14 +7,14 @@
 
 namespace orvane {
 
-// Since when a session has waited for its client's next call. Thread-safe.
+// Tells since when a session has been waiting for its client's next call. Thread-safe.
 class SessionActivity {
  public:
   using Clock = std::chrono::steady_clock;
 
   void beginCall() { idleSince_ = Clock::time_point::max(); }
   void endCall() { idleSince_ = Clock::now(); }
-  // In the future while a call is carried out.
+  // The largest possible time while a call is carried out or a large message arrives.
   Clock::time_point idleSince() const { return idleSince_; }
 
  private:
@@ -27,14 +27,16 @@ enum class SessionEnd {
 };
 
 // Serves one client on the calling thread: carries out its calls on `exported` in order, until the connection ends.
-// `socket` is a connected stream socket, which the caller keeps and closes. Shutting it down from another thread ends
-// the session. If `exported` is null, every call is answered with an error. `activity` shows what the session does.
+// `socket` is a connected stream socket, which the caller keeps and closes. Shutting the socket down from another
+// thread ends the session. If `exported` is null, every call is answered with an error. The session records in
+// `activity` whether it is idle.
 //
 // Clients are not trusted:
-// - All sessions share one budget of memory for large messages, and one for values, those that are stored included. A
-//   call beyond the second one is answered with an error; the session goes on.
-// - The session reads no message while the client leaves earlier replies unread.
-// - Too many unfinished calls end the session, and so does any message that this protocol does not need.
+// - All sessions share two memory budgets. A large message waits until the budget for large messages has room. A call
+//   that would exceed the budget for values, which includes the stored ones, is answered with an error, and the session
+//   goes on.
+// - The session reads no message while too many earlier replies are unread.
+// - The session ends if the client has too many unfinished calls, or sends a message that this protocol does not need.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported, SessionActivity& activity);
 
 }  // namespace orvane

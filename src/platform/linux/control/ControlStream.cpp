@@ -16,10 +16,10 @@
 namespace orvane {
 namespace {
 
-// The limit of the library's own stream readers.
+// The library's own stream readers have the same limit.
 constexpr uint32_t kMaximumSegments = 512;
 
-// The capacity of the outbox. Larger messages are sent without being copied.
+// The capacity of the outbox. A message that does not fit into it is sent directly from its own memory.
 constexpr size_t kOutboxBytes = 32768;
 
 // A message starts with a frame of 32-bit little-endian numbers (capnproto.org/encoding.html, "Serialization over a
@@ -34,7 +34,7 @@ void append_little_endian(std::vector<kj::byte>& bytes, uint32_t number) {
   for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<kj::byte>(number >> shift));
 }
 
-// The library recognises a lost connection by the type DISCONNECTED.
+// Throws an exception of type DISCONNECTED, by which the library recognises a lost connection.
 [[noreturn]] void fail_read(int error) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::DISCONNECTED, __FILE__, __LINE__,
                                         kj::str("the connection failed: ", std::strerror(error))));
@@ -92,7 +92,7 @@ size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
   return static_cast<size_t>(received);
 }
 
-// Waits until the buffer holds that many bytes. False if the stream ends first.
+// Reads until the buffer holds `bytes` bytes that were not taken yet. False if the stream ends first.
 kj::Promise<bool> ControlStream::fill(size_t bytes) {
   if (buffered() == 0) {
     taken_ = filled_ = 0;
@@ -142,7 +142,7 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage
       });
 }
 
-// Reads a message whose first frame word is in the buffer.
+// Reads a message after the first word of its frame has arrived in the buffer.
 kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_t tableBytes,
                                                                            capnp::ReaderOptions options) {
   return fill(tableBytes)
@@ -161,7 +161,7 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_
       });
 }
 
-// Reads a message of `words` words, including its frame, which is in the buffer.
+// Reads a message whose whole frame has arrived in the buffer. `words` is its size, frame included.
 kj::Promise<kj::Own<capnp::MessageReader>> ControlStream::readWords(uint64_t words, capnp::ReaderOptions options) {
   auto message = kj::heapArray<capnp::word>(words);
   auto bytes = message.asBytes();

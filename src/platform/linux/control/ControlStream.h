@@ -15,19 +15,20 @@ namespace orvane {
 // Rejects the message that is being read: throws a kj::Exception whose description is the reason.
 [[noreturn]] void refuse_message(const char* reason);
 
-// Both ends of the channel read and write through this class. System calls dominate the cost of a small message, so
-// there are few: a read fills a buffer, and consecutive small messages are sent together before the thread waits. A
-// message's memory is allocated after its frame has been checked, and the kernel provides pages only for bytes that
-// arrive. The kernel drops file descriptors that the peer attaches.
+// The extension and its clients all read and write through this class. System calls dominate the cost of a small
+// message, so the class makes few: a read fills a buffer, and consecutive small messages are sent together before the
+// thread waits. A message's memory is allocated after its frame has been checked, and the kernel provides pages only
+// for bytes that arrive. If the peer attaches file descriptors, the kernel closes them, because no read asks for them.
 //
 // A read returns nothing if the peer closed the stream between two messages. It throws if the connection failed or a
 // message is malformed. A write never fails: after the peer is gone, output is dropped and the reads report the end.
 // Belongs to the thread of its event loop.
 class ControlStream final : public capnp::MessageStream {
  public:
-  // Called before a message of this many words is allocated. The read continues when the promise is fulfilled.
+  // Called before memory for an incoming message of `words` words is allocated. The read continues when the promise is
+  // fulfilled.
   using Admission = kj::Function<kj::Promise<void>(uint64_t words)>;
-  // Called with the number of bytes that were sent.
+  // Called after each successful send, with the number of bytes that it sent.
   using Progress = kj::Function<void(size_t bytes)>;
 
   // The caller keeps the socket and closes it after the stream is destroyed.
@@ -76,9 +77,9 @@ class ControlStream final : public capnp::MessageStream {
   size_t taken_ = 0, filled_ = 0;
   bool drained_ = false;  // the last receive emptied the socket
 
-  std::vector<kj::byte> outbox_;  // small messages; those before `flushed_` have been sent
+  std::vector<kj::byte> outbox_;  // small messages; the first `flushed_` bytes have been sent
   size_t flushed_ = 0;
-  bool isFlushing_ = false;  // until the whole outbox is sent
+  bool isFlushing_ = false;  // some of the outbox is not sent yet, and flushing_ sends it
   kj::Promise<void> flushing_ = nullptr;
   kj::Maybe<kj::Own<kj::PromiseFulfiller<void>>> flushedFulfiller_;
   bool unwritable_ = false;

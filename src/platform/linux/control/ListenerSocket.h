@@ -10,7 +10,7 @@
 
 namespace orvane {
 
-// Clients that are served at the same time. Further clients wait.
+// How many clients are served at the same time. Further clients wait.
 inline constexpr size_t kMaximumConnections = 64;
 
 // A listening Unix-domain stream socket. The mode of its file decides who may connect. The destructor removes the file.
@@ -19,8 +19,8 @@ class ListenerSocket {
   // Replaces the socket file of a process that has ended. Returns nothing and sets *error if another process listens at
   // `path`, if another kind of file is there, or if a system call fails.
   //
-  // The object holds a lock on the file `path`.lock, so only one of several processes can listen. That file is never
-  // removed.
+  // The object holds a lock on the file `path`.lock, so only one of several processes can listen. The lock file is
+  // never removed.
   static std::optional<ListenerSocket> create(const std::string& path, mode_t mode, std::string* error);
 
   ListenerSocket(ListenerSocket&&) = default;

@@ -35,7 +35,8 @@ void SocketEventPort::pollFor(int milliseconds) {
   pollfd watched{socket_, 0, 0};
   if (reading_ != nullptr) watched.events |= POLLIN | POLLRDHUP;
   if (writing_ != nullptr) watched.events |= POLLOUT;
-  // poll() reports POLLHUP even if no events are requested. A thread that waits for a timer alone would spin on it.
+  // If nobody waits for the socket, poll() must not watch it: poll() reports POLLHUP even if no events are requested,
+  // so a thread that waits only for a timer would never sleep.
   if (watched.events == 0) watched.fd = -1;
   if (::poll(&watched, 1, milliseconds) > 0) {
     constexpr int kFailure = POLLHUP | POLLERR | POLLNVAL;

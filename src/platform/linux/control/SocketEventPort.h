@@ -5,16 +5,17 @@
 
 namespace orvane {
 
-// The event port of a thread that serves one socket: it waits for that socket and for timers. poll(2) is enough for one
-// descriptor and has advantages over the library's own port: it needs no further descriptors, leaves SIGPIPE alone, and
-// wakes only for awaited events. It also lets the scheduler run both ends of a local connection on one processor.
+// The event port of a thread that serves one socket: it waits for that socket and for timers. It uses poll(2), which is
+// enough for one descriptor and has advantages over the library's own port: it needs no further descriptors, leaves
+// SIGPIPE alone, wakes only for awaited events, and lets the scheduler run client and server on one processor.
 class SocketEventPort final : public kj::EventPort {
  public:
   explicit SocketEventPort(int socket);
 
-  // Fulfilled when a read will not block: bytes, the end of the stream, or an error are there. One caller at a time.
+  // The promise is fulfilled when a read would not block, because bytes, the end of the stream or an error have
+  // arrived. One caller at a time.
   kj::Promise<void> whenReadable() { return await(&reading_); }
-  // Fulfilled when a write will not block. One caller at a time.
+  // The promise is fulfilled when a write would not block. One caller at a time.
   kj::Promise<void> whenWritable() { return await(&writing_); }
   kj::Timer& timer() { return timer_; }
 

@@ -41,7 +41,7 @@ std::optional<std::string> private_directory(Missing missing, std::string* error
   return path;
 }
 
-// The user's runtime directory, or one in /tmp if the system provides none.
+// The first of these that is a directory: $XDG_RUNTIME_DIR, /run/user/UID, a private one in /tmp. For root always /run.
 std::optional<std::string> user_directory(Missing missing, std::string* error) {
   if (geteuid() == 0) return "/run";
   for (const std::string& path : {environment("XDG_RUNTIME_DIR"), "/run/user/" + std::to_string(geteuid())}) {
@@ -69,7 +69,7 @@ std::optional<std::string> socket_path(const std::string& directory, const std::
 
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error) {
   if (!is_file_name(service, error)) return std::nullopt;
-  // systemd separates several directories by colons.
+  // If the unit has several runtime directories, systemd separates them by colons. The first is used.
   std::string managed = environment("RUNTIME_DIRECTORY");
   managed.resize(std::min(managed.size(), managed.find(':')));
   std::optional<std::string> directory = managed.empty() ? user_directory(Missing::Make, error) : managed;
@@ -81,9 +81,9 @@ std::optional<ServerSocket> server_socket(const std::string& service, std::strin
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error) {
   std::vector<std::string> paths;
   if (!is_file_name(service, error)) return paths;
-  std::string reason;  // ignored, since the system's directories remain
+  std::string reason;  // ignored: if the user has no directory, the paths in the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // orvane-se is the RuntimeDirectory= of the packaged service.
+  // The packaged service has RuntimeDirectory=orvane-se.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
                                        std::string("/run/orvane-se"), std::string("/run")}) {
     auto path = socket_path(directory, service, error);

@@ -14,9 +14,10 @@ constexpr uint64_t kBytesPerWord = sizeof(capnp::word);
 // Sizes in the encoding of ControlProtocol.capnp.
 constexpr uint64_t kValueWords = 3;      // two words of data and one pointer
 constexpr uint64_t kEntryWords = 2;      // pointers to the key and the value
-constexpr uint64_t kContainerWords = 2;  // at most: the tag of a list of structs, and the pointer in Set or Dictionary
+constexpr uint64_t kContainerWords = 2;  // at most: a tag word for a list of structs, a pointer for Set or Dictionary
 
-// Limit on comparing containers that are set members or keys; takes a few milliseconds at most.
+// Limit on the elements that are compared when containers are set members or keys. So many comparisons take a few
+// milliseconds at most.
 constexpr uint64_t kMaximumComparisons = 1 << 20;
 
 uint64_t words_for_bytes(uint64_t bytes) { return (bytes + kBytesPerWord - 1) / kBytesPerWord; }
@@ -199,15 +200,15 @@ class ValueReader {
     return true;
   }
 
-  // Reads a set member or a key. The hash of a container is its size alone, so a new container may be compared in full
-  // with each container before it; the cost is charged here.
+  // Reads a set member or a key. The hash of a container is its size alone, so inserting a container may compare it in
+  // full with every container before it. This charges that cost to comparisons_. `containers` counts those before it.
   bool readKey(control::Value::Reader reader, unsigned nesting, uint64_t* containers, Value* key) {
     uint64_t before = elements_;
     if (!read(reader, nesting, key)) return false;
     return !is_container(*key) || charge((*containers)++ * (1 + before - elements_), &comparisons_);
   }
 
-  // What may still be read.
+  // How many elements and bytes may still be read, and how many elements may still be compared.
   uint64_t elements_, bytes_;
   uint64_t comparisons_ = kMaximumComparisons;
 };

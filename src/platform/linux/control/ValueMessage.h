@@ -10,7 +10,7 @@
 // Converts values to and from messages of the control channel.
 namespace orvane {
 
-// Limits of one message. A host name takes about seven words.
+// Limits of one message. For comparison: a host name takes about seven words.
 inline constexpr uint64_t kMaximumMessageWords = 32 << 20;
 inline constexpr uint64_t kMaximumElements = 4 << 20;  // values of any kind, in one message
 inline constexpr unsigned kMaximumNesting = 32;        // containers within containers
@@ -33,9 +33,9 @@ ValueSize measure_string(size_t length);
 void write_value(const Value& value, control::Value::Builder builder);
 
 // Reads a value from a message of `messageWords` words. Returns nothing if the value is malformed (strings must be
-// UTF-8), nested too deeply, or amplified: several pointers may lead to the same bytes and list elements may be empty,
-// so a small message could otherwise expand to a huge value. A value may have as many elements as the message has
-// words, and as many bytes of text and data as the message has.
+// UTF-8), nested too deeply, or much larger than the message. The last can happen because several pointers may lead to
+// the same bytes and list elements may be empty. So the value may have at most one element for each word of the
+// message, and at most as many bytes of text and data as the message has.
 std::optional<Value> read_value(control::Value::Reader reader, uint64_t messageWords);
 
 }  // namespace orvane

@@ -26,7 +26,8 @@
 namespace orvane {
 namespace {
 
-// While all places are taken and a client waits, clients that have made no call for this long must leave.
+// If kMaximumConnections clients are served and another one waits, sessions that have been idle for this long are ended
+// until there is room.
 constexpr auto kIdleLimit = std::chrono::seconds(5);
 constexpr auto kIdleCheckInterval = std::chrono::milliseconds(100);
 
@@ -44,7 +45,7 @@ class ClientSockets {
     return !closing_;
   }
 
-  // Keeps the socket open until remove(). Returns its descriptor. The activity must live as long.
+  // Keeps the socket open until remove(), and returns its descriptor. `activity` must live until remove(), too.
   int add(Descriptor socket, const SessionActivity& activity) {
     ucred peer{};
     socklen_t size = sizeof peer;
@@ -73,7 +74,7 @@ class ClientSockets {
     return closing_;
   }
 
-  // Ends all sessions, and each that is added later.
+  // Ends all sessions, and every session whose socket is added later.
   void close() {
     std::lock_guard lock(mutex_);
     closing_ = true;
@@ -94,8 +95,9 @@ class ClientSockets {
     const SessionActivity* activity;
   };
 
-  // Ends the session that has been idle longest, of the user with the most clients: the keeper, which has a user of its
-  // own and makes a call each minute only, stays. Does nothing if no session has been idle long enough.
+  // Ends one session that has been idle for kIdleLimit: one of the user with the most clients, and of that user's
+  // sessions the one that has been idle longest. So the keeper stays connected, although it calls only once a minute:
+  // it runs as a user of its own. Does nothing if no session has been idle that long.
   void endIdleSession() {
     std::map<uid_t, size_t> clientsOfUser;
     for (const auto& [descriptor, client] : sockets_) ++clientsOfUser[client.peer.uid];
@@ -195,7 +197,8 @@ class Connection final : public NSXPCConnection {
     if (due) due();
   }
 
-  // The handler to call now: the session has ended, its handler is set, and the end was not reported yet. Else null.
+  // The handler to call now, if the session has ended, the handler for this kind of end is set, and no handler has been
+  // called yet. Else null.
   std::function<void()> takeHandler() {
     if (!ended_ || reported_) return nullptr;
     auto& handler = *ended_ == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_;
@@ -266,7 +269,8 @@ class Listener final : public NSXPCListener {
     while (!clients_->isClosing()) {
       Descriptor socket(accept4(socket_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
-        // Accepted before there is room, because idle clients need not leave unless another one waits.
+        // The connection is accepted before there is room for it: only now is it certain that another client waits, for
+        // which an idle one must leave.
         if (!clients_->awaitRoom()) return;
         admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
       } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {
@@ -285,7 +289,8 @@ class Listener final : public NSXPCListener {
     if (!accepted || !connection->isActivated()) connection->close();
   }
 
-  // accept() fails like this when descriptors or memory have run out. New clients wait in the socket's queue.
+  // accept4() fails this way when descriptors or memory have run out, for example. During the pause, new clients wait
+  // in the socket's queue.
   static void pauseAfterFailedAccept(int error) {
     ORVANE_LOG_ERROR(default_log(), "cannot accept a control connection: %s", std::strerror(error));
     std::this_thread::sleep_for(std::chrono::seconds(1));
