@@ -2,8 +2,13 @@
 
 import contextlib
 import ctypes
+import itertools
 import multiprocessing
+import os
+import shutil
 import signal
+import socket
+import subprocess
 import threading
 import time
 
@@ -102,6 +107,58 @@ def _rules(family: str) -> str:
     """The rules, and lines about OrvaneSE's chains, without comments and empty tables."""
     lines = iptables("iptables-save", family).splitlines()
     return "\n".join(line for line in lines if line.startswith("-A") or "ORVANE" in line)
+
+
+def _send_datagrams(address: str) -> None:
+    """Each to another address, so that each is a flow of its own. Closes sockets, so that owners are searched for."""
+    os.setuid(65534)
+    for number in itertools.count():
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            for last in range(256):
+                with contextlib.suppress(OSError):
+                    sender.sendto(b"x", (f"{address}.{number % 256}.{last}", 53))
+
+
+@contextlib.contextmanager
+def _flood(_world: World):
+    forking = multiprocessing.get_context("fork")
+    processes = [forking.Process(target=_send_datagrams, args=(f"127.{10 + i}",), daemon=True) for i in range(8)]
+    for process in processes:
+        process.start()
+    time.sleep(3)
+    yield
+    for process in processes:
+        process.kill()
+        process.join()
+
+
+@contextlib.contextmanager
+def _hanging_iptables(world: World):
+    """Lets the extension begin to look at a change of the rules, with programs that do not end."""
+    hanging = world.directory / "hanging"
+    hanging.write_text("#!/bin/sh\nexec sleep 1000\n")
+    hanging.chmod(0o755)
+    programs = {os.path.realpath(shutil.which(name)) for name in ("iptables-save", "iptables-restore")}
+    iptables("iptables -t mangle -F")
+    for program in programs:
+        subprocess.run(["mount", "--bind", hanging, program], check=True)
+    time.sleep(1)
+    yield
+    for program in programs:
+        subprocess.run(["umount", program], check=True)
+
+
+def EndsWithinTwoSecondsUnderLoad(world: World):
+    for what, load in (("a flood of packets", _flood), ("firewall programs that hang", _hanging_iptables)):
+        extension = world.extension(PYTHON)
+        extension.start()
+        with load(world):
+            begin = time.monotonic()
+            extension.process.terminate()
+            code = extension.process.wait(60)
+            seconds = time.monotonic() - begin
+        print(f"the end with {what}: {seconds:.2f} s")
+        check((code, seconds < 3), (0, True), f"the exit code and a quick end, with {what}")
 
 
 def RemovesItsRulesAtTheEnd(world: World):

@@ -1,6 +1,5 @@
 #include "platform/linux/base/Command.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -18,8 +17,6 @@
 
 namespace orvane {
 namespace {
-
-constexpr int kLongestRunMilliseconds = 10000;
 
 // A new file in memory that holds the text. The program's standard streams are files of this kind instead of pipes, so
 // that neither the program nor this process waits until the other reads or writes.
@@ -68,18 +65,12 @@ int spawn(const std::string& path, const std::vector<std::string>& words, const 
   return error;
 }
 
-// Waits for the process and kills it after kLongestRunMilliseconds. Returns the status from waitpid(2).
-int wait_for(pid_t process, bool& timedOut) {
+// Waits for the process, and kills it at the limit. Returns the status from waitpid(2).
+int wait_for_end(pid_t process, const CommandLimit& limit, bool& killed) {
   Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
-  pollfd wait{end.get(), POLLIN, 0};
-  int ready = 1;
-  if (end) {
-    do {
-      ready = poll(&wait, 1, kLongestRunMilliseconds);
-    } while (ready < 0 && errno == EINTR);
-  }
-  timedOut = ready == 0;
-  if (timedOut) kill(process, SIGKILL);
+  pollfd entry{end.get(), POLLIN, 0};
+  killed = end && wait_for({&entry, 1}, limit.stop, limit.end) != Wait::Ready;
+  if (killed) kill(process, SIGKILL);
   int status = -1;
   while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
   }
@@ -99,7 +90,7 @@ std::string find_command(const std::string& name) {
   return find_program(name, folders);
 }
 
-CommandResult run_command(const std::vector<std::string>& words, std::string_view input) {
+CommandResult run_command(const std::vector<std::string>& words, std::string_view input, const CommandLimit& limit) {
   const std::string& name = words.front();
   const std::string path = find_command(name);
   if (path.empty()) return {false, true, {}, "the program " + name + " is not installed"};
@@ -112,9 +103,9 @@ CommandResult run_command(const std::vector<std::string>& words, std::string_vie
   if (int error = spawn(path, words, {in.get(), out.get(), problems.get()}, process)) {
     return {false, false, {}, name + " cannot be run: " + std::generic_category().message(error)};
   }
-  bool timedOut = false;
-  const int status = wait_for(process, timedOut);
-  if (timedOut) return {false, false, {}, name + " did not end within ten seconds"};
+  bool killed = false;
+  const int status = wait_for_end(process, limit, killed);
+  if (killed) return {false, false, {}, name + " did not end in time"};
   if (status == 0) return {true, false, text_of(out), {}};
   std::string reason = one_line(text_of(problems));
   if (reason.empty()) {

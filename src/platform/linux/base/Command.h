@@ -1,8 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/linux/base/SocketIO.h"
 
 namespace orvane {
 
@@ -14,13 +17,20 @@ struct CommandResult {
   std::string error;     // one line, why the run failed: the program's standard error if it wrote any
 };
 
+// When a running program is killed: at the deadline, and when `stop`, an eventfd(2), is readable.
+struct CommandLimit {
+  Deadline end = deadline_after(std::chrono::seconds(10));
+  int stop = -1;
+};
+
 // Looks for a program of the operating system in /usr/sbin, /sbin, /usr/bin and /bin, in this order, and returns its
 // path. Empty when the program is not installed.
 std::string find_command(const std::string& name);
 
-// Runs a program of the operating system and waits for it, ten seconds at most. words[0] is the program's name, which
-// find_command() looks up, and the other words are the arguments; `input` becomes the standard input. The program does
-// not inherit our descriptors, environment or signal mask, and signals from the terminal do not reach it. Thread-safe.
-CommandResult run_command(const std::vector<std::string>& words, std::string_view input = {});
+// Runs a program of the operating system and waits for it. words[0] is the program's name, which find_command() looks
+// up, and the other words are the arguments; `input` becomes the standard input. The program does not inherit our
+// descriptors, environment or signal mask, and signals from the terminal do not reach it. Thread-safe.
+CommandResult run_command(const std::vector<std::string>& words, std::string_view input = {},
+                          const CommandLimit& limit = {});
 
 }  // namespace orvane

@@ -21,7 +21,7 @@
 namespace orvane {
 namespace {
 
-constexpr auto kStopTimeout = std::chrono::seconds(5);
+constexpr auto kStopTimeout = std::chrono::seconds(1);
 constexpr std::string_view kProviderKind = "com.apple.networkextension.filter-data";
 
 // A value of the NetworkExtension dictionary in the bundle's Info.plist. Nil if it is missing.

@@ -19,7 +19,9 @@ namespace orvane {
 //   start() ------------> the provider is made and started
 //                         applySettings(): the flow source starts
 //                         the service manager learns the outcome
-//   stop(): the flow source stops, then the provider
+//
+// At the end the main thread starts stop() on another thread, and does not wait for it longer than two seconds. The
+// flow source stops, then the provider.
 class ProviderHost {
  public:
   using CreateProvider = Ref<NEFilterDataProvider> (*)();
@@ -36,7 +38,7 @@ class ProviderHost {
   // Starts a flow source for the provider in place of the previous one. Returns the reason on failure.
   std::optional<std::string> applySettings(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings);
 
-  // Stops the flow source first, so that the provider is not asked any more when it stops. Waits 5 seconds at most for
+  // Stops the flow source first, so that the provider is not asked any more when it stops. Waits one second at most for
   // the provider. Nothing starts afterwards.
   void stop();
 

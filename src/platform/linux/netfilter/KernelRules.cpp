@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string_view>
 
 #include "platform/linux/base/Command.h"
@@ -18,6 +19,9 @@ namespace orvane {
 namespace {
 
 constexpr int kAttempts = 3;
+// For each address family. Removing takes some 40 ms. A service that ends must not wait for a firewall program that
+// hangs: rules that stay block nothing, because packets pass without a reader of the queue.
+constexpr auto kRemovalTime = std::chrono::milliseconds(700);
 
 // In our own text and in iptables-save's.
 size_t count_rules(std::string_view text) {
@@ -89,22 +93,22 @@ class Family {
   }
 
   // Tries several times, as other programs may change the rules between our reading and our writing.
-  std::optional<std::string> install() {
+  std::optional<std::string> install(const CommandLimit& limit = {}) {
     std::string error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-      auto before = read(error);
+      auto before = read(error, limit);
       if (!before) continue;
       const std::string_view text = text_;
       const size_t mangle = text.find("*mangle");
       if (has_other_chains(before->filter, text.substr(0, mangle)) ||
           has_other_chains(before->mangle, text.substr(mangle))) {
         // Leaves a moment without rules, after a change of versions only.
-        if (!restore(removal_script(*before), error)) continue;
-        before = read(error);
+        if (!restore(removal_script(*before), error, limit)) continue;
+        before = read(error, limit);
         if (!before) continue;
       }
-      if (!restore(text_ + jump_script(*before), error)) continue;
-      const auto after = read(error);
+      if (!restore(text_ + jump_script(*before), error, limit)) continue;
+      const auto after = read(error, limit);
       if (!after) continue;
       error = "another program changes the kernel's rules all the time";
       if (!has_jumps(*after)) continue;
@@ -114,19 +118,20 @@ class Family {
     return error;
   }
 
-  bool isIntact() const {
+  bool isIntact(const CommandLimit& limit) const {
     std::string error;
-    const auto saved = read(error);
+    const auto saved = read(error, limit);
     return saved && has_jumps(*saved) && saved->filter.lines + saved->mangle.lines == installedText_;
   }
 
   std::optional<std::string> remove() const {
+    const CommandLimit limit{deadline_after(kRemovalTime)};
     std::string error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-      const auto saved = read(error);
+      const auto saved = read(error, limit);
       if (!saved) continue;
       const std::string text = removal_script(*saved);
-      if (text.empty() || restore(text, error)) return std::nullopt;
+      if (text.empty() || restore(text, error, limit)) return std::nullopt;
     }
     return error;
   }
@@ -141,15 +146,15 @@ class Family {
     return std::string(family_ == AddressFamily::IPv4 ? "iptables-" : "ip6tables-") + action;
   }
 
-  std::optional<SavedTables> read(std::string& error) const {
-    const CommandResult result = run_command({program("save")});
+  std::optional<SavedTables> read(std::string& error, const CommandLimit& limit) const {
+    const CommandResult result = run_command({program("save")}, {}, limit);
     if (result.success) return parse_saved_tables(result.output);
     error = result.error + (result.missing ? " (package iptables)" : "");
     return std::nullopt;
   }
 
-  bool restore(const std::string& text, std::string& error) const {
-    const CommandResult result = run_command({program("restore"), "--noflush", "--wait", "5"}, text);
+  bool restore(const std::string& text, std::string& error, const CommandLimit& limit) const {
+    const CommandResult result = run_command({program("restore"), "--noflush", "--wait", "5"}, text, limit);
     error = result.error;
     return result.success;
   }
@@ -227,7 +232,7 @@ std::optional<std::string> KernelRules::install(const NEFilterSettings& settings
 
 int KernelRules::changeDescriptor() const { return implementation_->changes.get(); }
 
-KernelRules::State KernelRules::check(std::string& error) {
+KernelRules::State KernelRules::check(std::string& error, int stop) {
   Implementation& own = *implementation_;
   // Drain the messages first, so that later changes wake us again. Our own repair wakes us too; the next check finds
   // the rules intact.
@@ -235,9 +240,10 @@ KernelRules::State KernelRules::check(std::string& error) {
   if (!own.installed) return State::Intact;
   State state = State::Intact;
   for (Family& family : own.families) {
-    if (!family.isAvailable() || family.isIntact()) continue;
+    const CommandLimit limit{.stop = stop};
+    if (!family.isAvailable() || family.isIntact(limit)) continue;
     if (state == State::Intact) state = State::Repaired;
-    if (auto reason = family.install()) {
+    if (auto reason = family.install(limit)) {
       state = State::Broken;
       error = *reason;
     }

@@ -24,10 +24,10 @@ class KernelRules {
 
   enum class State { Intact, Repaired, Broken };
   // Repairs missing or changed chains and jumps, and jumps that are not the first rules of OUTPUT. Reads all messages
-  // from changeDescriptor(). Broken sets `error`.
-  State check(std::string& error);
+  // from changeDescriptor(). Broken sets `error`. Gives up when `stop`, an eventfd(2), is readable.
+  State check(std::string& error, int stop = -1);
 
-  // Removes the rules, if there are any. Returns an error.
+  // Removes the rules, if there are any. Takes 1.4 s at most. Returns an error.
   std::optional<std::string> remove();
 
  private:

@@ -136,7 +136,8 @@ void Netfilter::watchRules() {
     if (event == Wait::Stopped) return;
     if (event == Wait::Ready && wait_for({}, stopRules_.get(), deadline_after(kRulesDebounce)) == Wait::Stopped) return;
     std::string error;
-    KernelRules::State state = rules_.check(error);
+    KernelRules::State state = rules_.check(error, stopRules_.get());
+    if (wait_for({}, stopRules_.get(), deadline_after(0ms)) == Wait::Stopped) return;  // the check may be incomplete
     if (state == KernelRules::State::Repaired) {
       flow_counters().ruleRepairs.fetch_add(1, std::memory_order_relaxed);
       ORVANE_LOG_DEFAULT(default_log(), "netfilter: another program changed the kernel rules; they are repaired");

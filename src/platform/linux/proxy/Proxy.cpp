@@ -184,7 +184,7 @@ void Proxy::stop() {
   acceptor_.join();
   listeners_.clear();
   std::unique_lock lock(shared_->mutex);
-  shared_->changed.wait_for(lock, 2s, [this] { return shared_->connections == 0; });
+  shared_->changed.wait_for(lock, 1s, [this] { return shared_->connections == 0; });
 }
 
 }  // namespace orvane

@@ -29,7 +29,7 @@ class Proxy final : public FlowSource {
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
-  // Waits up to 2 s for open connections to end. One that is resolving a name may outlive the call; it owns its state.
+  // Waits up to 1 s for open connections to end. One that is resolving a name may outlive the call; it owns its state.
   void stop() override;
 
   // The port that the started proxy listens on.

@@ -17,6 +17,7 @@
 namespace orvane {
 
 Value networkExtension;  // of the bundle's Info.plist
+bool hangsAtStop = false;
 
 Bundle* bundle_get_main() { return nullptr; }
 Value bundle_get_information(const Bundle*, std::string_view key) {
@@ -35,6 +36,7 @@ class Provider final : public ScriptedProvider {
   }
   void stopFilterWithReason(NEProviderStopReason, const std::function<void()>& completionHandler) override {
     sd_notify(0, "stop");
+    while (hangsAtStop) pause();
     completionHandler();
   }
 };
@@ -101,6 +103,12 @@ TEST(ProviderHost, RejectsAnUnknownFlowSource) {
   EXPECT_TRUE(messages.starts_with("start; STATUS=Filter not started: ")) << messages;
   EXPECT_NE(messages.find("netfliter"), std::string::npos) << messages;
   EXPECT_TRUE(messages.ends_with("; stop; exit 1")) << messages;
+}
+
+TEST(ProviderHost, EndsWhileItsProviderHangs) {
+  hangsAtStop = true;
+  const std::string messages = run_extension(Value::string("proxy"), Value::number(0));
+  EXPECT_TRUE(messages.ends_with("; stop; exit 0")) << messages;
 }
 
 }  // namespace
