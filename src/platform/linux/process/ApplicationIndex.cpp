@@ -68,7 +68,8 @@ bool is_preferred(const std::string& program, const std::string& left, const std
 // The result of reading the folders once. Immutable.
 struct ApplicationEntries {
   std::map<std::string, FolderState> folders;  // all folders that were read, by path
-  // Whether a folder changed just before the reading. File times are coarse: a later change could have the same time.
+  // Whether a folder changed just before it was read. File times are coarse: a change after the reading could leave the
+  // same time and go unnoticed, so the entries are read again at the next check.
   bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;
@@ -88,7 +89,7 @@ namespace {
 // A program that desktop entries name.
 struct NamedProgram {
   FileKey file;
-  std::set<std::string> names;  // its file name, and those in the entries, which may be symbolic links
+  std::set<std::string> names;  // the program's file name, and the names in the entries, which may be symbolic links
   std::string application;      // the ID of the preferred entry
 };
 
@@ -154,7 +155,7 @@ class EntryReader {
     std::string resolved = resolve_links(path);
     struct stat status;
     if (::stat(resolved.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-      // The package may be half installed. Read again when the folder changes.
+      // The package may be half installed. After a change in this folder, the entries are read again.
       if (!path.empty()) recordState(parent_folder(path));
       return;
     }
@@ -168,7 +169,7 @@ class EntryReader {
   }
 
   void assignFolders() {
-    // Applications by the folder of their programs, and by LIBRARY/NAME.
+    // By folder: the applications that have programs in it, and the applications whose folder LIBRARY/NAME it is.
     std::map<std::string, std::set<std::string>> byProgram, byName;
     for (const auto& [path, program] : programs_) {
       std::string folder = parent_folder(path);
@@ -183,14 +184,14 @@ class EntryReader {
         }
       }
     }
-    byProgram.merge(byName);  // keeps the entries that are there
+    byProgram.merge(byName);  // if a folder is in both maps, byProgram counts
     for (const auto& [folder, applications] : byProgram) {
       if (applications.size() == 1 && shared_.count(folder) == 0) result_->byFolder[folder] = *applications.begin();
     }
   }
 
   const ApplicationFolders& folders_;
-  std::set<std::string> shared_{""};  // folders of many applications, without symbolic links; "" is the root
+  std::set<std::string> shared_{""};  // folders that many applications share, as resolved paths; "" is the root
   std::shared_ptr<ApplicationEntries> result_ = std::make_shared<ApplicationEntries>();
   std::map<std::string, std::string> entries_;  // path by ID
   std::map<std::string, NamedProgram> programs_;
@@ -235,7 +236,7 @@ std::shared_ptr<const ApplicationEntries> ApplicationIndex::entries() {
   } else {
     reading.lock();
     std::lock_guard lock(mutex_);
-    if (entries_) return entries_;  // another thread has read them meanwhile
+    if (entries_) return entries_;  // another thread has read the entries meanwhile
   }
   if (!known || known->changed()) known = EntryReader(folders_).read();
   std::lock_guard lock(mutex_);

@@ -30,30 +30,31 @@ struct ApplicationFolders {
 
 // Finds the application that a program belongs to, from the installed desktop entries (Desktop Entry Specification).
 //
-//   program                                             belongs to the application of
-//   started (Exec) or tested (TryExec) by an entry      that entry; symbolic links are resolved
+//   a program                                           belongs to the application of
+//   that an entry starts (Exec) or tests (TryExec)      that entry; symbolic links are resolved
 //   in the same folder as such a program                that entry, unless the folder is in `programs` or `libraries`,
 //                                                       or has programs of several applications
-//   in LIBRARY/NAME, where programs/NAME is             that entry: NAME is usually a wrapper script that starts a
-//   started by an entry                                 program there
+//   in LIBRARY/NAME, if an entry starts NAME in a       that entry: NAME is usually a wrapper script that starts a
+//   folder of `programs`                                program in LIBRARY/NAME
 //
-// Entries of interpreters and launchers identify nothing. Entries with NoDisplay or Terminal count: browsers for the
-// terminal have them. Entries with Hidden do not count; they say that the application is not installed.
+// An entry that starts an interpreter or a launcher identifies no program. Entries with NoDisplay or Terminal count:
+// browsers for the terminal set these keys. Entries with Hidden do not count: the key means that the application is not
+// installed.
 //
-// Notices installations: a look-up first compares the modification times of the folders (a few stat(2) calls), at most
-// once in `interval`, and reads the entries again when one has changed. An entry that is rewritten in place goes
+// Installations are noticed: at most once in `interval`, a look-up first compares the modification times of the folders
+// (a few stat(2) calls), and reads all entries again if a folder has changed. An entry that is rewritten in place goes
 // unnoticed. inotify(7) would save the calls, but it cannot watch folders that do not exist yet, and containers run
 // into its limit on instances.
 //
-// Thread-safe. While one thread reads the entries, the others use those read before.
+// Thread-safe. While one thread reads the entries again, the other threads use the previous ones.
 class ApplicationIndex {
  public:
   explicit ApplicationIndex(ApplicationFolders folders,
                             std::chrono::milliseconds interval = std::chrono::milliseconds(1000));
   ~ApplicationIndex();
 
-  // The ID of the application's desktop entry. Of several entries for a program, the one whose ID is the program's file
-  // name counts, else the one with the shortest ID, else the first in the alphabet.
+  // The ID of the application's desktop entry. If several entries name a program, the entry whose ID is the program's
+  // file name counts, else the one with the shortest ID, and among equally short IDs the first in the alphabet.
   std::optional<std::string> applicationOf(const Executable& executable);
 
   // Whether applicationOf() returns this ID for any program.

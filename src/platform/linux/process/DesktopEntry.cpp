@@ -16,12 +16,12 @@ std::string_view take_line(std::string_view& text) {
   return line;
 }
 
-// Replaces the escapes that all values of type string have.
+// Replaces the escapes that the specification defines for every value of type string: \s, \n, \t, \r and \\.
 std::string unescape(std::string_view value) {
   constexpr std::string_view kEscapes = "sntr\\", kCharacters = " \n\t\r\\";
   std::string result;
   for (size_t i = 0; i < value.size(); ++i) {
-    // split_command_line() reads other escapes.
+    // Other escapes stay, because split_command_line() reads them.
     const size_t found =
         value[i] == '\\' && i + 1 < value.size() ? kEscapes.find(value[i + 1]) : std::string_view::npos;
     result += found == std::string_view::npos ? value[i] : kCharacters[found];
@@ -55,7 +55,8 @@ std::vector<std::string> split_command_line(std::string_view line) {
   return words;
 }
 
-// The program that a command line starts; after env(1), its options and its assignments, if it begins with them.
+// The program that a command line starts. If the line begins with env(1), the program is the first word after env's
+// options and assignments. Empty if there is none.
 std::string program_of_command_line(std::string_view line) {
   std::vector<std::string> words = split_command_line(line);
   auto word = words.begin();
@@ -106,7 +107,7 @@ std::vector<std::string> programs_of_desktop_entry(std::string_view text) {
 }
 
 bool runs_other_programs(std::string_view fileName) {
-  // Each name is between two spaces.
+  // A space stands before and after each name, so that the search below finds whole names only.
   static constexpr std::string_view kNames =
       " AppRun awk bash busybox bwrap csh dash dbus-launch dbus-run-session dotnet electron env expect firejail fish "
       "flatpak gawk gdb gio gjs gjs-console guile ionice java javaw kioclient ksh ld-linux-aarch64.so "

@@ -15,7 +15,7 @@
 namespace orvane {
 namespace {
 
-constexpr size_t kIdentifierLimit = 255;  // of D-Bus names, which Flatpak uses
+constexpr size_t kIdentifierLimit = 255;  // the longest D-Bus name; a Flatpak application's ID is a D-Bus name
 constexpr int kAncestorLimit = 64;        // no ordinary process tree is deeper
 constexpr auto kCacheTime = std::chrono::milliseconds(500);
 constexpr size_t kCacheLimit = 64;  // each entry holds a file descriptor
@@ -94,15 +94,15 @@ std::string application_of_unit(std::string_view unit) {
   return unescape_unit(parts.back());
 }
 
-// Whether the path leads to the executable here, too. It does not when the process is in a container or in a snap,
-// which have a /usr of their own.
+// Whether the executable's path leads to the executable for this process, too. It does not if the executable runs in a
+// container or a snap, because these have their own /usr.
 bool is_visible_here(const Executable& executable) {
   struct stat status;
   return executable.inode != 0 && ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
          status.st_ino == executable.inode;
 }
 
-// The mount point of the AppImage that holds the path. Empty for other paths.
+// The mount point of the AppImage that contains the path. Empty for other paths.
 std::string_view app_image_mount(std::string_view path) {
   size_t start = path.find("/.mount_");
   size_t end = start == std::string_view::npos ? start : path.find('/', start + 1);
@@ -113,14 +113,16 @@ char to_lower(char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' 
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Whether a part of a file name is a version ("120", "v2") or a processor.
+// Whether a part of an AppImage's file name follows the application's name: a version ("120", "v2"), a processor, or
+// "appimage".
 bool follows_name(std::string_view part) {
   if (part.starts_with('v')) part.remove_prefix(1);
   if (!part.empty() && is_digit(part.front())) return true;
   return part == "x86" || part == "amd64" || part == "aarch64" || part == "arm64" || part == "appimage";
 }
 
-// The name in the lower-case file name of an AppImage: all parts before the first that is not of the name.
+// The application's name in an AppImage's file name, which must be in lower case: everything before the first part that
+// follows_name().
 std::string_view name_of_app_image(std::string_view file) {
   for (size_t end = file.find_first_of("-_. "); end != std::string_view::npos;
        end = file.find_first_of("-_. ", end + 1)) {
@@ -177,7 +179,8 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 
 std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups) {
   for (std::string_view path : control_group_paths(controlGroups)) {
-    // Begins with the innermost group, because an application may have groups of its own inside its unit.
+    // The unit need not be the last component, because an application may make control groups inside its unit. So this
+    // tries every prefix of the path, the longest first.
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
       std::string_view unit = path.substr(0, end);
       std::string application = application_of_unit(file_name(unit));
@@ -203,8 +206,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
       return program;
     }
   }
-  // The control group names the snap that started the process. If it runs a program of the system (a browser from an
-  // editor's terminal), it is not the snap. Files of the snap are not visible here.
+  // The control group names the snap from which the process was started. The process may still run a program of the
+  // system: a browser that was started in the terminal of an editor from a snap. So the control group counts only if
+  // the executable is not visible here, because files of the system are visible and those of the snap are not.
   if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
     program.package = snap_of_control_groups(process.controlGroups());
   }
@@ -284,7 +288,7 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
 }
 
 std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
-  // Most units are not named after an application. They need no search of the process table.
+  // Most units are not named after an application. For those the process table is not searched.
   if (!index_.hasApplication(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {

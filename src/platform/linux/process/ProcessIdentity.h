@@ -15,24 +15,26 @@
 
 namespace orvane {
 
-// The application ID in a Flatpak sandbox's /.flatpak-info (flatpak-metadata(5), group Application).
+// The application ID in `information`, the text of a Flatpak sandbox's /.flatpak-info (flatpak-metadata(5), group
+// Application).
 std::optional<std::string> flatpak_application(std::string_view information);
 
-// The name of a snap, from a path such as /snap/NAME/12/usr/bin/app, or from the control groups of its process
-// (/proc/pid/cgroup) with a unit "snap.NAME.APP...". NAME may be "name_key" (a parallel installation); the key is left
-// out.
+// The name of a snap, from a path such as /snap/NAME/12/usr/bin/app, or from the control groups of a process
+// (/proc/pid/cgroup), one of which is then a unit "snap.NAME.APP...". For a parallel installation, NAME is "name_key",
+// and the result is the name without the key.
 std::optional<std::string> snap_of_path(std::string_view path);
 std::optional<std::string> snap_of_control_groups(std::string_view controlGroups);
 
-// The name of the application in an AppImage, for an executable inside of one. An AppImage mounts itself at
-// FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the name of its file. `mounts` is /proc/pid/mounts. In lower
-// case, up to the version or processor in the file name: "firefox" for Firefox-120.0-x86_64.AppImage.
+// The name of the application in an AppImage. `path` is an executable inside the AppImage, and `mounts` the text of
+// /proc/pid/mounts. An AppImage mounts itself at FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the AppImage's
+// file name. The result is that file name in lower case, without the version, the processor and what follows: "firefox"
+// for Firefox-120.0-x86_64.AppImage. Nothing for other paths.
 std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts);
 
 // The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
 struct ApplicationUnit {
   std::string path;         // the unit's control group
-  std::string application;  // the ID of the desktop entry
+  std::string application;  // the ID of the application's desktop entry, from the unit's name
 };
 std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups);
 
@@ -43,7 +45,7 @@ class ProcessIdentity {
   struct Program {
     std::optional<Executable> executable;
     std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
-    std::optional<std::string> image;    // application_of_app_image(), if the executable's own name says nothing
+    std::optional<std::string> image;    // application_of_app_image(), if the executable runs_other_programs()
   };
 
   explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
@@ -57,22 +59,22 @@ class ProcessIdentity {
     Program program;
   };
 
-  // Null when the process does not exist. Results are cached for half a second, as long as the process lives and runs
-  // the same executable: a browser opens many connections at once.
+  // Null when the process does not exist. A browser opens many connections at once, so results are cached: for half a
+  // second, as long as the process lives and runs the same executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
   // The application ID of the program's package or desktop entry. Nothing for other programs.
   std::optional<std::string> applicationOf(const Program& program);
 
-  // The application ID, or else the name of its AppImage, or else the executable's file name, so that a browser from an
-  // archive has an identifier too. Nothing when the executable is unknown.
+  // The program's application ID, else the name of its AppImage, else the executable's file name: so a browser that was
+  // unpacked from an archive has an identifier, too. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
   // The process that is responsible for this one, the first that exists of:
   //   1. the process itself, if it is an application;
-  //   2. its nearest ancestor in the same systemd unit that is an application (a desktop that starts a program in a new
-  //      unit is not responsible for it);
-  //   3. the oldest process in the unit that is the application which the unit is named after;
+  //   2. its nearest ancestor that is an application. If the process is in an application's systemd unit, only the
+  //      ancestors in this unit count: a desktop that starts a program in a new unit is not responsible for it;
+  //   3. the oldest process in the unit that runs the application after which the unit is named;
   //   4. the process itself.
   // -1 when the process does not exist.
   pid_t responsibleFor(pid_t pid);

@@ -17,7 +17,8 @@ namespace orvane {
 // The file that a process runs.
 struct Executable {
   std::string path;  // absolute; the former path if the file was replaced or removed
-  // Both 0 if only its user may examine the file: a FUSE mount refuses all others, even root.
+  // Both 0 if this process may not examine the file: a FUSE mount refuses everyone but the user who mounted it, even
+  // root.
   dev_t device;
   ino_t inode;
 };
@@ -33,8 +34,8 @@ struct ProcessStat {
 // parentheses, spaces and digits.
 std::optional<ProcessStat> parse_process_stat(std::string_view text);
 
-// A running process in the process table (proc(5)). The object keeps the process's directory open, so all answers are
-// about the same process, and fail once it has ended, even if its pid is used again. Not thread-safe.
+// A running process in the process table (proc(5)). The object keeps the process's directory open. So all functions are
+// about the same process, and return nothing once it has ended, even if its pid is used again. Not thread-safe.
 class ProcessInformation {
  public:
   // Nothing when the process does not exist or is a zombie.
@@ -44,19 +45,19 @@ class ProcessInformation {
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
-  // The version in the audit token. It differs between processes with the same pid: the kernel gives out pids in turn,
-  // so a pid is not used again within one clock tick (10 ms).
+  // The version in the audit token, from the start time. It differs between processes with the same pid: the kernel
+  // gives out pids in turn, so it does not use a pid twice within one clock tick (10 ms).
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
-  // The current audit token; nothing when the process has ended. Keeps its files open, which halves the time of the
-  // next call.
+  // The current audit token; nothing when the process has ended. The function keeps the files that it reads open, which
+  // halves the time of its next call.
   std::optional<audit_token_t> auditToken() const;
 
-  // Whether the process runs this file, or (without one) any file. The cheapest call. False when the process has ended
-  // or executable() gives nothing.
+  // Whether the process runs `file`, or any file if `file` is null. This is the cheapest way to learn whether the
+  // process still exists. False when the process has ended or executable() returns nothing.
   bool runs(const Executable* file = nullptr) const;
 
-  // Nothing for a kernel thread, and without the permission to read it (ptrace(2), "access mode checks").
+  // Nothing for a kernel thread, or if this process lacks the permission (ptrace(2), "access mode checks").
   std::optional<Executable> executable() const;
 
   // The text of /proc/pid/cgroup, which all users can read. Empty when the process has ended.
@@ -81,8 +82,8 @@ class ProcessInformation {
   ProcessStat stat_;
 };
 
-// The audit token of a running process. The audit user and the session are those of the kernel's audit, 4294967295 when
-// nobody has logged in. The version comes from the start time, see version(). Nothing when the process does not exist.
+// The audit token of a running process. The audit user and the session are those of the kernel's audit system; both are
+// 4294967295 for a process outside a login. For the version, see version(). Nothing when the process does not exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
 
 // The pids in a process table, in no order.

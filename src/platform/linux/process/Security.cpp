@@ -30,8 +30,8 @@ void release_counted(const T* object) {
 
 }  // namespace
 
-// Holds what was found out about the program when the object was made. So later calls do not need the process, and an
-// object that is never released does not keep a file open.
+// Holds what was known about the program when the object was made. So later calls do not need the process, and an
+// object that is never released keeps no file open.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
 };
@@ -45,11 +45,11 @@ struct CodeURL : Counted {
 };
 
 struct Dictionary : Counted {
-  // An attribute to look for.
+  // In a dictionary of attributes: the attribute by which a process is looked up.
   std::optional<GuestAttribute> attribute;
   Value auditToken;
   Ref<Number> pid;
-  // Information that was found.
+  // In other dictionaries: the information by key.
   std::map<std::string, Ref<Dictionary>, std::less<>> dictionaries;
   std::map<std::string, std::string, std::less<>> strings;
 };
@@ -63,7 +63,8 @@ void release(const CodeURL* url) { release_counted(url); }
 void retain(const Dictionary* dictionary) { dictionary->references.fetch_add(1, std::memory_order_relaxed); }
 void release(const Dictionary* dictionary) { release_counted(dictionary); }
 
-// The pointer itself encodes the number: the value, shifted by one, and a lowest bit of 1, as no address has it.
+// No Number object exists. The pointer itself holds the value, shifted left by one bit. Its lowest bit is 1, which no
+// object's address has.
 void retain(const Number*) {}
 void release(const Number*) {}
 
@@ -103,7 +104,7 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return it == dictionary->strings.end() ? std::nullopt : std::optional(it->second);
 }
 
-// The process with these attributes, or a status.
+// Success and the process that has these attributes, or null and a status that says why none is found.
 static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
   auto& identity = ProcessIdentity::system();
   if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};

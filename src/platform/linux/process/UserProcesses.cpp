@@ -26,11 +26,12 @@ void UserProcesses::update(std::chrono::nanoseconds time) {
   next_ = 0;
 }
 
-// Returns whether the end of the table was reached.
+// Reads entries of the table, from `position` on, for at most this processor time. Returns whether it has reached the
+// end of the table.
 bool UserProcesses::read(off_t& position, Reading reading, std::chrono::nanoseconds time) {
   ThreadBudget budget(time);
   if (::lseek(table_.get(), position, SEEK_SET) < 0) return true;
-  alignas(dirent64) std::array<char, 1024> entries;  // short, to ask for the time often
+  alignas(dirent64) std::array<char, 1024> entries;  // short, so that the time is checked often
   while (!budget.isSpent()) {
     ssize_t size = ::getdents64(table_.get(), entries.data(), entries.size());
     if (size <= 0) return true;

@@ -7,7 +7,7 @@
 namespace orvane {
 
 // The audit token (data of 32 bytes) of the process that holds the TCP socket whose own address is `local` and whose
-// peer is `remote`. Uses the process table alone. Nil if no owner is found. Thread-safe.
+// peer is `remote`. Searches the process table only. Nil if no owner is found. Thread-safe.
 //
 // A test of the proxy links another definition.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote);

@@ -27,16 +27,18 @@ bool is_any(const SocketAddress& end) {
   return std::all_of(end.address.begin(), end.address.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// Ignores the scope: a socket has one if it is bound to an interface, a pair's address has one if it is link-local.
+// Ignores the scope: the kernel reports an interface only for a socket that is bound to one, whereas every link-local
+// address of a pair has a scope.
 bool same_address(const SocketAddress& a, const SocketAddress& b) {
   return a.family == b.family && a.address == b.address;
 }
 
-// Match score; 0 means no match. The best datagram socket is chosen by points:
+// Match score of a socket; 0 means no match. A TCP socket matches if both endpoints do. A datagram socket gets points,
+// and the one with the most is chosen:
 //
 //   1  its local port matches, and its local address matches or is unset (an IPv6 socket can send IPv4 too)
 //  +1  its local address matches
-//  +2  it has no peer; one that has may still send to other destinations
+//  +2  it has no peer (a socket with another peer gets no points here, but may still send to this destination)
 //  +4  its peer matches
 constexpr int kPeerMatches = 5;  // the lowest score with a matching peer
 
@@ -56,7 +58,8 @@ void write_endpoint(const SocketAddress& end, __be32* words, __be16& port) {
   port = htons(end.port);
 }
 
-// For datagrams the kernel does the look-up of an incoming packet, so the source is the peer.
+// Requests the socket with exactly these endpoints. For datagrams, the kernel looks the socket up as for an incoming
+// packet, so the source in the request is the remote endpoint.
 inet_diag_req_v2 exact_request(const SocketPair& pair) {
   inet_diag_req_v2 request{};
   request.sdiag_family = static_cast<uint8_t>(pair.local.family);
@@ -101,8 +104,8 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
   inet_diag_req_v2 exact = exact_request(pair);
   if (pair.local.family != pair.remote.family || !query(exact, 0, keepBest) || found) return found;
   if (pair.protocol == IPPROTO_UDP) {
-    // The exact look-up misses sockets that send to a destination other than their peer or are bound to an interface.
-    // IPv4 datagrams may come from a socket of either family.
+    // The exact look-up misses sockets that send to a destination other than their peer, and sockets that are bound to
+    // an interface. IPv4 datagrams may come from an IPv4 or an IPv6 socket, so both families are dumped.
     bool ok = pair.local.family != AF_INET || query(dump_request(pair, AF_INET), NLM_F_DUMP, keepBest);
     if (ok) query(dump_request(pair, AF_INET6), NLM_F_DUMP, keepBest);
     return found;
@@ -141,7 +144,7 @@ bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, c
   return reply == Reply::Finished;
 }
 
-// Receives one datagram of the kernel, which holds one or several netlink messages.
+// Receives one datagram from the kernel, which holds one or several netlink messages.
 SocketDiagnostics::Reply SocketDiagnostics::receive(const SocketCallback& onSocket) {
   alignas(nlmsghdr) std::array<char, 32768> buffer;
   ssize_t length = ::recv(netlink_.get(), buffer.data(), buffer.size(), 0);

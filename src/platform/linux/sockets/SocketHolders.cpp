@@ -24,8 +24,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Remembers at which descriptors sockets were seen, so that a process with a thousand sockets is not scanned a thousand
-// times. An entry is only a hint, because descriptors are closed and reused. Keys are links ("socket:[INODE]").
+// Remembers in which process, and at which descriptor, each socket was seen, so that a process with a thousand sockets
+// is not scanned a thousand times. An entry is only a hint, because descriptors are closed and reused. The key of a
+// socket is the text of its link, "socket:[INODE]".
 class SocketCache {
  public:
   struct Location {
@@ -40,7 +41,8 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // A scan vouches for sockets that it did not see, which needs the sockets that it saw.
+      // A complete scan shows that a process did not hold a socket, but only together with the locations of all sockets
+      // that the scan saw.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
@@ -48,24 +50,24 @@ class SocketCache {
     locations_.insert_or_assign(std::string(link), Location{process, descriptor});
   }
 
-  // Changes when the locations are cleared.
+  // A number that changes when the locations are cleared.
   uint64_t generation() const { return generation_; }
 
-  // Records that a process was scanned, from `begin` on.
+  // Records a scan of a process that began at `begin`, in clock ticks since boot.
   void putScan(const ProcessInformation& process, uint64_t begin, bool isComplete) {
     if (scans_.size() >= kScanLimit) scans_.clear();
     scans_.insert_or_assign(process.pid(), Scan{process.version(), begin, ++scanCount_, isComplete});
   }
 
-  // Whether `process` was scanned after its child started. A socket that the scan did not see was opened later, so the
-  // child did not inherit it.
+  // Whether `process` was completely scanned after its child `child` had started. If so, a socket that the scan did not
+  // see was opened later, so the child did not inherit it.
   bool wasScannedSince(const ProcessInformation& process, const ProcessInformation& child) const {
     auto it = scans_.find(process.pid());
     return it != scans_.end() && it->second.version == process.version() && it->second.isComplete &&
            it->second.begin > child.startTime();
   }
 
-  // Grows with each scan; 0 for a process that was not scanned.
+  // The number of the last scan of a process: the later the scan, the greater. 0 for a process that was not scanned.
   uint64_t lastScan(pid_t process) const {
     auto it = scans_.find(process);
     return it == scans_.end() ? 0 : it->second.number;
@@ -76,7 +78,7 @@ class SocketCache {
     uint32_t version;  // of the process
     uint64_t begin;    // in clock ticks since boot
     uint64_t number;
-    bool isComplete;  // all descriptors were read, and their locations are still here
+    bool isComplete;  // all descriptors were read, and the locations of their sockets were not cleared since
   };
 
   static constexpr size_t kLocationLimit = 8192, kScanLimit = 1024;
@@ -92,7 +94,7 @@ uint64_t ticks_since_boot() {
   return static_cast<uint64_t>(now.tv_sec) * kTicks + static_cast<uint64_t>(now.tv_nsec) / (1'000'000'000 / kTicks);
 }
 
-// The target of a descriptor's link if it is a socket, "socket:[INODE]". Else empty.
+// The target of a descriptor's link, "socket:[INODE]", if the descriptor is a socket. Else empty.
 std::string_view socket_link(int directory, const char* path, std::array<char, 64>& target) {
   ssize_t length = ::readlinkat(directory, path, target.data(), target.size());
   std::string_view link(target.data(), length > 0 ? static_cast<size_t>(length) : 0);
@@ -104,12 +106,12 @@ bool holds_at(const ProcessInformation& process, int descriptor, std::string_vie
   return socket_link(process.directory(), ("fd/" + std::to_string(descriptor)).c_str(), target) == link;
 }
 
-// What is known of one user's sockets.
+// The state that searches for one user's sockets share.
 struct User {
-  // The processes that held the sockets found last, the latest first. A browser opens many connections in a row, and
-  // scanning one process takes a fraction of the time of scanning all.
+  // The processes in which the last searches found a socket, the latest first, each with the socket's descriptor. A
+  // browser opens many connections in a row, and scanning these processes takes a fraction of the time of scanning all.
   std::vector<SocketCache::Location> recent;
-  // The time that searches may still take. Less than 0 after a search that took longer.
+  // The processor time that searches may still take. Negative after a search that took more than was left.
   std::chrono::nanoseconds credit;
   Clock::time_point credited;
 
@@ -122,7 +124,7 @@ struct User {
   static constexpr size_t kRecentLimit = 4;
 };
 
-// The sockets for which a search found nothing. Keys are cookies.
+// The sockets whose holder a recent search did not find, by cookie.
 class FailedSearches {
  public:
   bool contains(uint64_t cookie, Clock::time_point now) const {
@@ -141,7 +143,7 @@ class FailedSearches {
   std::unordered_map<uint64_t, Clock::time_point> times_;
 };
 
-// One search, with the state of all searches.
+// One search. It uses and updates the state that all searches share.
 class Search {
  public:
   Search(SocketCache& cache, User& user, const SocketFacts& socket, std::chrono::nanoseconds time)
@@ -149,8 +151,9 @@ class Search {
     isNew_ = !cache_.find(link_);
   }
 
-  // Looks where the socket was, and then next to the descriptors of recent sockets: the kernel assigns the lowest free
-  // descriptor, so a new socket often has the number of the previous one or a number close to it.
+  // Looks at the descriptor where the socket was seen last, and then at and next to the descriptors of the sockets that
+  // were found last: the kernel assigns the lowest free descriptor, so a new socket often has the number of the
+  // previous one or a number close to it.
   std::optional<ProcessInformation> quickHolder() {
     auto location = cache_.find(link_);
     auto process = location ? ProcessInformation::open(location->process) : std::nullopt;
@@ -173,8 +176,9 @@ class Search {
     return std::nullopt;
   }
 
-  // Searches the processes that were not scanned yet, and then those whose last scan is oldest: a search that ran out
-  // of time helps the next ones. The latest processes first, since most old ones are services.
+  // Searches first the processes that were not scanned yet. The latest of them come first, because most old ones are
+  // services. Then searches the other processes, the one with the oldest scan first. So if a search runs out of time,
+  // the next search begins with the processes that were not reached.
   std::optional<ProcessInformation> holderAmong(const std::vector<pid_t>& candidates) {
     std::vector<std::pair<uint64_t, pid_t>> scanned;
     for (auto pid = candidates.rbegin(); pid != candidates.rend() && !budget_.isSpent(); ++pid) {
@@ -191,10 +195,11 @@ class Search {
     return std::nullopt;
   }
 
-  // The topmost ancestor that also holds the socket. Children inherit sockets, so that one opened it.
+  // Goes up from `holder` as long as the parent holds the socket, too. Children inherit sockets, so the topmost of
+  // these processes opened the socket.
   ProcessInformation topmost(ProcessInformation holder) {
     while (auto parent = ProcessInformation::open(holder.parent())) {
-      // If no scan saw the socket before this search, the parent's last scan may show that it is the child's.
+      // If no scan saw the socket before this search, an earlier scan of the parent can show that the child opened it.
       if ((isNew_ && cache_.wasScannedSince(*parent, holder)) || !holds(*parent)) break;
       holder = std::move(*parent);
     }
@@ -211,12 +216,12 @@ class Search {
     return process && holds(*process) ? std::move(process) : std::nullopt;
   }
 
-  // Reads the descriptors of the process as far as the time allows, so "no" may be wrong.
+  // Whether the process holds the socket. The function stops when the time is spent, so false may be wrong.
   bool holds(const ProcessInformation& process) {
     Descriptor descriptors(::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptors) return false;
     std::array<char, 64> target;
-    alignas(dirent64) std::array<char, 1024> entries;  // about 40 entries, to ask for the time often
+    alignas(dirent64) std::array<char, 1024> entries;  // for about 40 entries, so that the time is checked often
     uint64_t begin = ticks_since_boot(), generation = cache_.generation();
     bool holds = false;
     ssize_t size = -1;
@@ -256,7 +261,7 @@ struct SocketHolders::Implementation {
   std::unordered_map<uid_t, User> users;
 };
 
-// The user, with the credit for the time since the last search.
+// The state of a user, with the credit for the time since the user's last search added.
 User& SocketHolders::Implementation::account(uid_t user, Clock::time_point now) {
   constexpr int kShare = 5;
   constexpr size_t kUserLimit = 1024;
@@ -271,7 +276,7 @@ std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& 
   if (auto recent = search.recentHolder()) return recent;
   processes.update(std::min(limits.processes, search.budget().left() / 2));
   const auto& byUser = processes.byUser();
-  // Processes that may not be dumped seem to be root's.
+  // Root's processes come second, because a user's process that may not be dumped seems to be root's.
   for (uid_t first : {user, uid_t{0}}) {
     auto own = byUser.find(first);
     if (own == byUser.end()) continue;
@@ -291,7 +296,7 @@ SocketHolders::~SocketHolders() = default;
 std::optional<ProcessInformation> SocketHolders::find(const SocketFacts& socket) {
   auto& [limits, cache, processes, failed, users] = *implementation_;
   auto now = Clock::now();
-  // A closed socket has no inode: its last bytes are being sent, or it is in TIME_WAIT.
+  // A socket without an inode is closed, so no process holds it: its last bytes are being sent, or it is in TIME_WAIT.
   if (socket.inode == 0 || failed.contains(socket.cookie, now)) return std::nullopt;
   User& user = implementation_->account(socket.user, now);
   Search search(cache, user, socket, limits.descriptors + 2 * limits.processes);

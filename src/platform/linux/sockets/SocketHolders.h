@@ -13,14 +13,17 @@ namespace orvane {
 //
 // A user can have a million descriptors, which take seconds to read. While a search runs, all users' packets wait. So
 // the time of a search is limited, and so is the share of time for the sockets of each user. The processes of the
-// socket's user are searched first: other users' processes cannot use up the time that finds a browser.
+// socket's user are searched first, so that other users' processes cannot use up the time of a search for a browser.
 class SocketHolders {
  public:
-  // In processor time. A search may exceed them by a fraction of a millisecond.
+  // The limits are processor time. A search may exceed them by a fraction of a millisecond.
   struct Limits {
-    std::chrono::nanoseconds processes = std::chrono::milliseconds(2);    // to list new processes; the same to relist
-    std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);  // to read their descriptors
-    // A user's sockets may take this time at once, and then a fifth of the time that passes.
+    // To list new processes. Listing the known processes again may take as long.
+    std::chrono::nanoseconds processes = std::chrono::milliseconds(2);
+    // To read the descriptors of processes.
+    std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);
+    // For all searches for one user's sockets: they may take this time at once. What they used is given back slowly: a
+    // fifth of the time that passes.
     std::chrono::nanoseconds burst = std::chrono::milliseconds(50);
   };
   SocketHolders();
@@ -28,8 +31,8 @@ class SocketHolders {
   ~SocketHolders();
 
   // Chooses among several holders as SocketOwners does. Nothing if no process holds the socket, if this process may not
-  // read the holder's descriptors, or if a limit was reached. A socket without a result is not searched for again for
-  // two seconds.
+  // read the holder's descriptors, or if a limit was reached. After a search without a result, calls for the same
+  // socket return nothing for two seconds.
   std::optional<ProcessInformation> find(const SocketFacts& socket);
 
  private:

@@ -12,11 +12,12 @@ const char license_text[] SEC("license") = "Proprietary";
 
 // The extension sets these before it loads the programs.
 const volatile __u64 network_namespace = 0;  // cookie of the namespace whose sockets are recorded
-// The extension's PID namespace as stat(2) shows it, or 0 for the initial one. Kernels before 6.10 do not allow the
-// helper that reads identifiers in another namespace, and reject the programs then.
+// The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. If they are not
+// 0, the programs call a helper that kernels before 6.10 do not allow here, so those kernels refuse to load them.
 const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
-// A full map drops the least recently used records. The extension looks a record up within moments of the first packet.
+// A full map drops the least recently used records. That does no harm, because the extension looks a record up within
+// moments of the socket's first packet.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);
@@ -31,7 +32,8 @@ struct {
   __type(value, __u64);
 } datagrams SEC(".maps");
 
-// The current process in the extension's PID namespace. 0 if it belongs to another one; the initial one sees all.
+// The current process's identifier in the extension's PID namespace. 0 if the process belongs to another namespace. In
+// the initial namespace every process has an identifier.
 static __u32 process_identifier(void) {
   if (!pid_namespace_inode) return bpf_get_current_pid_tgid() >> 32;
   struct bpf_pidns_info process = {};
@@ -54,7 +56,7 @@ static __u64 record_opener(struct bpf_sock_addr* context) {
   };
   struct SocketOpener* known = bpf_map_lookup_elem(&openers, &cookie);
   if (known && known->process == opener.process) {
-    *known = opener;  // far cheaper than an update, for processes that send thousands of datagrams
+    *known = opener;  // far cheaper than bpf_map_update_elem(); some processes send thousands of datagrams
   } else {
     bpf_map_update_elem(&openers, &cookie, &opener, BPF_ANY);
   }

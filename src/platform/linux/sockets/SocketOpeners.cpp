@@ -23,8 +23,8 @@
 namespace orvane {
 namespace {
 
-// How long a record of a datagram counts. A datagram is examined right after it is sent; later, another process may
-// have the same local port.
+// How long a record of a datagram is valid. A datagram is examined right after it is sent. Later, the same local port
+// may belong to another process.
 constexpr uint64_t kRecordLifetime = 5'000'000'000;  // nanoseconds
 
 // The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).
@@ -38,8 +38,8 @@ uint64_t time_since_boot() {
   return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
 }
 
-// Opens the topmost control group that can be reached: the root of a mounted hierarchy, else the first mounted part of
-// one, else the root of a private mount that no path leads to.
+// Opens the topmost control group that can be reached: the root of a mounted hierarchy. Else, if only parts of a
+// hierarchy are mounted, the first of them. Else, if nothing is mounted, the root of a new mount that has no path.
 Descriptor open_topmost_control_group() {
   std::unique_ptr<FILE, int (*)(FILE*)> mounts(::setmntent("/proc/self/mounts", "re"), ::endmntent);
   mntent mount;
@@ -68,7 +68,8 @@ std::optional<Found> look_up(const bpf_map* map, const Key& key) {
 
 }  // namespace
 
-// Each step returns the reason on failure.
+// The BPF programs and their maps in the kernel. load(), attach() and checkOwnProcess() are called in this order, and
+// return the reason if they fail.
 struct SocketOpeners::Programs {
   ~Programs() { socket_openers::destroy(kernel); }
   std::optional<std::string> load();
@@ -117,7 +118,7 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
 }
 
 // Checks that the programs see this process, and record it under the identifier that /proc uses. In a container neither
-// is certain. Connects a datagram socket, which sends nothing.
+// is certain. For the check, this connects a datagram socket, which sends no packet.
 std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in target{};
@@ -130,7 +131,8 @@ std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   ::getsockopt(trial.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
   auto own = opener(cookie);
   if (!own) return "BPF programs do not see the processes of this control group";
-  // Not getpid(2), since the mounted /proc may belong to another PID namespace.
+  // The link /proc/self is read instead of calling getpid(2), because the mounted /proc may belong to another PID
+  // namespace.
   char self[16]{};
   bool known = ::readlink("/proc/self", self, sizeof self - 1) > 0;
   if (!known || std::to_string(own->process) != self) return "processes have other identifiers in BPF";

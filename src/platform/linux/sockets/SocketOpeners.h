@@ -12,7 +12,7 @@ namespace orvane {
 
 // Has the kernel record which process connects a socket or sends a datagram, for the sockets of one network namespace.
 // The records come from BPF programs on the topmost visible control group (cgroup version 2). The kernel removes the
-// programs with their last descriptor, so nothing stays behind, however the process ends. Not thread-safe.
+// programs when their last descriptor is closed, so nothing stays behind, however the process ends. Not thread-safe.
 class SocketOpeners {
  public:
   SocketOpeners();
@@ -23,12 +23,12 @@ class SocketOpeners {
   // Starts recording in the network namespace of the calling thread. Returns the reason on failure.
   std::optional<std::string> start();
 
-  // The process that last used the socket. Nothing if the socket was not used since start(), or if newer records have
-  // replaced its record.
+  // The process that last connected the socket or sent a datagram with it. Nothing if no process did so after start(),
+  // or if newer records have replaced the record.
   std::optional<SocketOpener> opener(uint64_t cookie) const;
 
-  // The socket that sent a datagram to the pair's remote end within the last seconds, with an explicit destination. It
-  // may be closed already; its inode is 0.
+  // The socket that sent a datagram from the pair's local port to the pair's remote endpoint within the last five
+  // seconds, with an explicit destination. The socket may be closed already, so the inode in the result is always 0.
   std::optional<SocketFacts> sender(const SocketPair& pair) const;
 
  private:

@@ -21,7 +21,8 @@ namespace {
 
 constexpr uint32_t kUnset = UINT32_MAX;  // the kernel's value of an unset audit id
 
-// False if the process is a later one that reuses the recorded identifier. Start times are rounded down to clock ticks.
+// Whether the process is the recorded opener, and not a later process that has the same pid. Start times are rounded
+// down to clock ticks.
 bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   static const uint64_t kTick = 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));  // nanoseconds
   return process.startTime() * kTick <= opener.time;
@@ -111,7 +112,8 @@ std::optional<std::string> SocketOwners::recordOpeners() { return implementation
 std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
   auto found = implementation_->diagnostics.find(pair);
   if (pair.protocol != IPPROTO_UDP || (found && found->connected)) return found;
-  // The record knows which of several sockets on a port sent the datagram, and it knows closed sockets.
+  // The kernel's record names the socket that sent the datagram, even if several sockets use the port or the socket is
+  // closed.
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;

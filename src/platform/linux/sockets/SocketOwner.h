@@ -16,8 +16,8 @@ namespace orvane {
 struct SocketFacts {
   uint64_t cookie;         // unique since boot
   uint32_t inode;          // 0 if the socket is closed or was found by the kernel's record
-  uid_t user;              // its creator
-  bool connected = false;  // a datagram socket whose peer is the remote end of the pair that was looked up
+  uid_t user;              // the socket's creator
+  bool connected = false;  // true for a datagram socket whose peer is `remote` of the pair that was looked up
 };
 
 // Finds the process that owns a socket. There are two sources:
@@ -25,13 +25,12 @@ struct SocketFacts {
 //   source           finds                                                   needs
 //   kernel's record  the opener: the process that last connected the socket  CAP_BPF, CAP_NET_ADMIN
 //                    or sent with it, since recordOpeners()
-//   process table    a holder: a process with a descriptor of the socket     CAP_SYS_PTRACE for processes of other
-//   users
-//                                                                            (proc(5), /proc/pid/fd)
+//   process table    a holder: a process with a descriptor of the socket     CAP_SYS_PTRACE for other users'
+//                                                                            processes (proc(5), /proc/pid/fd)
 //
-// The opener is the owner. If it is unknown or has ended, a holder is. If several processes hold a socket, the ancestor
-// of the others is the owner, because children inherit sockets from the process that opened them. Among unrelated
-// holders any may be chosen.
+// The owner is the opener. If the opener is unknown or has ended, the owner is a holder. If several processes hold the
+// socket, the owner is the one that is the ancestor of the others, because children inherit sockets from the process
+// that opened them. Among unrelated holders any may be chosen.
 //
 // An object belongs to the network namespace of the thread that made it. Not thread-safe.
 class SocketOwners {
@@ -45,16 +44,16 @@ class SocketOwners {
   // owner then.
   std::optional<std::string> check();
 
-  // Has the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if it
-  // cannot; the process table is then the only source.
+  // Makes the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if
+  // that fails; the process table is then the only source.
   std::optional<std::string> recordOpeners();
 
-  // The TCP socket with the pair's local and remote ends, or the socket that most likely sent a datagram from `local`
-  // to `remote`. With the kernel's record, a datagram socket is found even if it was closed within the last seconds.
-  // Nothing if there is no such socket (errno is 0) or if the kernel could not be asked (errno is set).
+  // The TCP socket with the pair's endpoints, or the socket that most likely sent a datagram from `local` to `remote`.
+  // The kernel's record finds a datagram socket even if it was closed within the last seconds. Nothing if no socket
+  // fits (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
-  // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source knows one.
+  // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
   //
   // If the opener has ended and no process holds the socket, the token is the opener's with version 0, which no running
   // process has.

@@ -3,9 +3,9 @@
 #include <linux/types.h>
 
 // The records that SocketOpeners.bpf.c writes in the kernel and SocketOpeners.cpp reads, through BPF maps. The types
-// are plain C without padding, because a map compares its keys byte by byte.
+// are plain C for both compilers. They have no padding, because a map compares its keys byte by byte.
 
-// The process that last connected a socket or sent a datagram with it. The key is the socket's cookie.
+// The process that last connected a socket or sent a datagram with it. The record's key is the socket's cookie.
 struct SocketOpener {
   __u32 process;      // in the PID namespace of the extension
   __u32 user, group;  // real ids, in the initial user namespace
@@ -13,8 +13,8 @@ struct SocketOpener {
   __u64 time;  // CLOCK_BOOTTIME, in nanoseconds
 };
 
-// The route of a datagram that was sent with an explicit destination. The key has no local address, since the socket
-// may be bound to a port alone. The value is the socket's cookie.
+// The key of a record of a datagram that was sent with an explicit destination; the record's value is the socket's
+// cookie. The key has no local address, because the socket may be bound to a port alone.
 struct DatagramRoute {
   __u32 remote[4];  // in network byte order; an IPv4 address is mapped into IPv6
   __u16 remotePort, localPort;
