@@ -15,7 +15,7 @@ NSTextField* state_label() {
   return label;
 }
 
-// Quit, and Copy for the text of the labels.
+// The menu bar: Quit, and Copy, which copies selected text of the labels.
 NSMenu* main_menu() {
   NSMenu* menu = [[[NSMenu alloc] init] autorelease];
   NSMenu* application = [[[NSMenu alloc] init] autorelease];

@@ -11,14 +11,14 @@
 // activate an active extension succeeds at once.
 @interface ExtensionSwitch : Switch <OSSystemExtensionRequestDelegate> {
  @private
-  OSSystemExtensionRequest* _request;  // the last one; nil once it is answered
+  OSSystemExtensionRequest* _request;  // the last request; nil once it is answered
   BOOL _activating;
 }
 
 // Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
-// A new request replaces one that waits for the user.
+// Both send a request. A new request replaces an earlier one that still waits for the user's approval.
 - (void)activate;
 - (void)deactivate;
 

@@ -63,7 +63,8 @@ NSString* advice_for(NSError* error) {
   [self submit:[OSSystemExtensionRequest deactivationRequestForExtension:_extension queue:dispatch_get_main_queue()]];
 }
 
-// Shows the outcome of the last request. A replaced request is ignored: its outcome is not the current state.
+// Shows the outcome of the last request. The outcome of a replaced request is ignored, because the later request
+// decides the state.
 - (void)finish:(OSSystemExtensionRequest*)request withState:(NSString*)state {
   if (request != _request) return;
   [_request autorelease];
@@ -74,7 +75,7 @@ NSString* advice_for(NSError* error) {
 - (OSSystemExtensionReplacementAction)request:(OSSystemExtensionRequest*)request
                   actionForReplacingExtension:(OSSystemExtensionProperties*)existing
                                 withExtension:(OSSystemExtensionProperties*)extension {
-  // Even with an older version: the user has opened an older application, so that version is wanted.
+  // Replace even a newer version: a user who opens an older application wants the extension in it.
   return OSSystemExtensionReplacementActionReplace;
 }
 

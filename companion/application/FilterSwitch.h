@@ -5,10 +5,10 @@
 #import "companion/application/Switch.h"
 
 // Switches the content filter on and off: saves this application's filter configuration in the system's preferences.
-// The system asks the user the first time. Use it on the main thread.
+// The first time, the system asks the user for permission. Use it on the main thread.
 @interface FilterSwitch : Switch
 
-// `identifier` names the extension with the provider. Does not retain the observer.
+// `identifier`: the bundle identifier of the extension that contains the provider. Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
 // Reads the current state.
@@ -17,7 +17,8 @@
 - (void)switchOn;
 - (void)switchOff;
 
-// Removes the configuration. It names the extension, so remove it before the extension.
+// Removes the configuration. Call it before the extension is deactivated, because the configuration names the
+// extension.
 - (void)remove;
 
 @end

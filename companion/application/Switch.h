@@ -7,7 +7,8 @@
 - (void)switchChanged;
 @end
 
-// The base of the two switches: the extension's identifier, and the state as a text. Use it on the main thread.
+// The base class of the two switches. Keeps the extension's identifier, and the state as a text. Use it on the main
+// thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // its identifier

@@ -34,8 +34,8 @@ constexpr std::array kPlaces = {
     PolicyPlace{"Firefox", BrowserFamily::Firefox, "/etc/firefox/policies", "policies.json"},
 };
 
-// The folders on the path to a place that we may create or remove, the innermost first. /etc and /etc/opt belong to the
-// system.
+// The folders that we may create or remove for a place, the innermost first: all but /etc and /etc/opt, which belong to
+// the system.
 std::vector<std::string> folders_of(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders;
   for (fs::path folder = place.folder; folder != "/etc" && folder != "/etc/opt"; folder = folder.parent_path()) {
@@ -46,7 +46,7 @@ std::vector<std::string> folders_of(const PolicyPlace& place, const std::string&
 
 enum class Found { Nothing, Ours, Foreign };
 
-// A file is ours if it is byte for byte what we write. A symbolic link never is, whatever it points to.
+// A file is ours if it is byte for byte what we write. A symbolic link is never ours, whatever it points to.
 Found find_file(const PolicyPlace& place, const std::string& path, std::string& text) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? Found::Nothing : Found::Foreign;
@@ -57,7 +57,8 @@ Found find_file(const PolicyPlace& place, const std::string& path, std::string& 
   return ours ? Found::Ours : Found::Foreign;
 }
 
-// Returns the reason of a failure, or an empty text. chmod() undoes the umask: every user's browser must read these.
+// Creates the folders of a place. Returns the reason of a failure, or an empty text. chmod() undoes the umask, because
+// the browsers of all users must be able to read the folders.
 std::string make_folders(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders = folders_of(place, root);
   std::error_code error;
@@ -134,7 +135,7 @@ void read_chromium_policies(const Json& json, const std::string& path, PolicyInF
 
 void read_firefox_policies(const Json& json, const std::string& path, PolicyInForce& result) {
   const Json* http3 = member(json, {"policies", "Preferences", kHttp3Preference});
-  // Firefox accepts a bare value, which is locked, or an object with a status.
+  // Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
   const Json* value = http3 != nullptr && http3->is_object() ? member(*http3, {"Value"}) : http3;
   const Json* status = http3 != nullptr ? member(*http3, {"Status"}) : nullptr;
   const bool locked = http3 != nullptr && (!http3->is_object() || (status != nullptr && *status == "locked"));
@@ -158,7 +159,7 @@ std::vector<std::string> policy_files(const PolicyPlace& place, const std::strin
     std::error_code ignored;
     if (it->is_regular_file(ignored)) files.push_back(it->path().string());
   }
-  std::sort(files.begin(), files.end());  // the last file wins (seen with Chromium 156)
+  std::sort(files.begin(), files.end());  // Chromium 156 takes a setting from the last file by name
   return files;
 }
 

@@ -7,10 +7,11 @@
 
 namespace orvane {
 
-// Managed policies: files by which the machine's administrator sets browsers for all users. They switch off what hides
-// host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
+// Managed policies are files with which the machine's administrator configures browsers for all users. Ours switch off
+// what hides host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
 
-// The root folder of the machine. Tests pass a folder of theirs.
+// The `root` of the functions below: a prefix of every path, empty for this machine's own files. Tests pass a folder of
+// their own.
 inline constexpr const char* kThisMachine = "";
 
 enum class BrowserFamily { Chromium, Firefox, Other };
@@ -29,10 +30,11 @@ struct PolicyPlace {
 // The folders that browser vendors document. Vivaldi and Opera document none.
 std::span<const PolicyPlace> policy_places();
 
-// The content of our file.
+// The content of the policy file that we write.
 std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps);
 
-// The settings of all policy files of one browser, ours and others. Nothing where the choice is the user's.
+// What the policy files of one browser, ours and others, prescribe. A member has no value if no policy fixes the
+// setting, so that the user may change it.
 struct PolicyInForce {
   std::optional<bool> http3;
   std::string http3File;                    // the file that sets it
@@ -42,7 +44,7 @@ struct PolicyInForce {
 };
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root);
 
-// The result for one place.
+// What install_policies() or remove_policies() did at one place.
 struct PolicyChange {
   enum class Outcome {
     Done,     // written or removed

@@ -9,7 +9,7 @@
 
 namespace orvane {
 
-// A user's settings in one browser profile. Nothing where the browser's default applies.
+// A user's settings in one browser profile. A member has no value if the browser's default applies.
 struct BrowserProfile {
   std::string path;  // the file with the settings
   std::optional<bool> http3;

@@ -10,11 +10,11 @@ namespace orvane {
 // Why the package's extension recognises no browser and so lets everything pass.
 struct RecognitionFault {
   std::string text;
-  bool isInForce;  // false if the file changed after the extension read it, at its start
+  bool isInForce;  // false if the list changed after the extension started and read it
 };
 
-// Checks the browser list in the package's bundle. Returns nothing when it is valid, when the package is not installed,
-// and when `client` names a socket, which may be another extension's.
+// Checks the browser list in the package's bundle. Returns nothing if the list is valid, if the package is not
+// installed, or if `client` names a socket, which may be another extension's.
 std::optional<RecognitionFault> recognition_fault(const ClientOptions& client);
 
 }  // namespace orvane

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 constexpr size_t kEntryLimit = size_t{1} << 20;
 constexpr std::string_view kGroup = "Desktop Entry";
 
-// Browsers whose family is known. The first entry whose part occurs in a browser's identifier counts.
+// Browsers whose family is known. A browser belongs to the first entry whose `part` occurs in its identifier.
 struct KnownBrowser {
   std::string_view part;  // of the identifier, in lower case
   BrowserFamily family;
@@ -134,8 +134,8 @@ class Search {
                      : std::string(file_name(runs));
   }
 
-  // The interpreter of a script, links resolved, because the extension sees the interpreter's name. Empty for a program
-  // that is not a script, and for a shell script, which only starts the real browser.
+  // The interpreter that runs a script, with links resolved: for a script, the extension sees the interpreter's name.
+  // Empty for a program that is not a script, and for a shell script, which only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
     auto start = read_file_start(path, 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};

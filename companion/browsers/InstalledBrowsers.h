@@ -34,12 +34,15 @@ struct InstalledBrowser {
   std::string identifier;  // the bundle identifier that the extension sees; empty when the program does not exist
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
-  const PolicyPlace* place = nullptr;   // where it reads policies; null when that is not documented
-  std::string_view profileFolder = {};  // of Chromium's family: relative to ~/.config or its like; empty when unknown
+  const PolicyPlace* place = nullptr;  // where it reads policies; null if not documented, and for a Flatpak
+  // Chromium's family only: the folder of its profiles, below ~/.config or the package's own folder for configuration.
+  // Empty if unknown.
+  std::string_view profileFolder = {};
 };
 
 // All browsers with a desktop entry in `folders` or `ownFolders`, each identifier once, sorted by name. `ownFolders`
-// are a user's. The extension does not read those, so a browser there has its program's file name as its identifier.
+// belong to a user. The extension does not read a user's desktop entries, so the identifier of a program with an entry
+// there is its file name.
 std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,
                                                  const std::vector<std::string>& ownFolders);
 

@@ -12,7 +12,8 @@
 namespace orvane {
 namespace {
 
-// The handler runs repeatedly, because a single signal could arrive just before the call starts to wait.
+// The time between two signals. A single signal would have no effect if it arrived just before connect(2) starts to
+// wait, or before watch() names the connection.
 constexpr suseconds_t kTick = 200000;  // microseconds
 
 // Read by the signal handler.
@@ -47,7 +48,7 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) {
 
 CallTimeout::~CallTimeout() {
   tick_every(0);
-  std::signal(SIGALRM, SIG_IGN);  // the last one may still be pending
+  std::signal(SIGALRM, SIG_IGN);  // the last SIGALRM may still be pending
   call_descriptor = -1;
 }
 

@@ -11,7 +11,7 @@
 
 namespace orvane {
 
-// The service name in the extension's bundle.
+// The service name that the extension's bundle declares.
 inline constexpr const char* kDefaultServiceName = ORVANE_SERVICE_NAME;
 
 // A call failed. what() is a message for the user: what failed, on what, and what to do about it.
@@ -34,19 +34,21 @@ class UnresponsiveExtension : public ClientError {
 
 struct ClientOptions {
   std::string service = kDefaultServiceName;
-  // The path of the socket; ignored over XPC. If empty, the first existing socket with the service's name is used.
+  // The path of the socket; must be empty over XPC. If empty, the client tries the usual paths of the service's socket,
+  // the user's before the system's, and uses the first where an extension listens.
   std::string socket;
 };
 
 // A connection to a running extension. A call returns when the extension has carried it out, so its effect is visible
-// to every later call of any client. Arguments are sent unchecked: the comments name the expected types, but the
-// extension accepts nil and other types, which the socket carries and XPC does not. Not thread-safe.
+// to every later call of any client. The comments name the expected types of the arguments, but the extension accepts
+// any value. Over the socket, the client sends any value; over XPC, it sends nil or the expected type and throws for
+// everything else. Not thread-safe.
 //
-// Every call may throw ClientError. The connection is then unusable, unless the error was that the argument is too
-// large to be sent.
+// Every call may throw ClientError. The connection is then unusable, unless the client refused an argument before it
+// sent anything: it was too large for the socket, or XPC cannot carry it.
 class Client {
  public:
-  // The bytes that the system has accepted so far, and the total.
+  // Called with the number of bytes that the system has accepted so far, and the total.
   using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 
   virtual ~Client() = default;
@@ -76,8 +78,8 @@ class Client {
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws NoExtension; UnresponsiveExtension if a signal (see CallTimeout) interrupts the
-// wait for a running one; and ClientError for any other failure.
+// Connects to the extension. Throws NoExtension, UnresponsiveExtension if a CallTimeout's signal ends the wait for an
+// extension that accepts no connection, and ClientError for any other failure. Over XPC every failure is a ClientError.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 
 }  // namespace orvane

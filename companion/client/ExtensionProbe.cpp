@@ -9,7 +9,7 @@ namespace orvane {
 ExtensionProbe probe_extension(const ClientOptions& options, std::chrono::milliseconds timeout) {
   ExtensionProbe probe;
   std::unique_ptr<Client> client;
-  CallTimeout limit(timeout);  // declared after the client, so that it is destroyed first
+  CallTimeout limit(timeout);  // after `client`, whose descriptor must stay open until `limit` is destroyed
   try {
     client = connect_client(options);
     limit.watch(client->descriptor());

@@ -11,13 +11,13 @@ namespace orvane {
 // Whether an extension runs and answers.
 struct ExtensionProbe {
   bool answers = false;
-  bool isUnresponsive = false;  // it accepts connections but does not answer
+  bool isUnresponsive = false;  // one runs, but accepts no connection or does not answer
   bool isAbsent = false;        // none runs
   uint64_t changes = 0;         // its count of edits
-  std::string error;            // why it does not answer
+  std::string error;            // why `answers` is false
 };
 
-// Returns within `timeout` and a fraction of a second. Uses a CallTimeout.
+// Returns a fraction of a second after `timeout` at the latest. Uses a CallTimeout.
 ExtensionProbe probe_extension(const ClientOptions& options,
                                std::chrono::milliseconds timeout = std::chrono::seconds(3));
 

@@ -21,7 +21,7 @@ struct CloseBus {
 };
 using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
-// On a system without a message bus, root can connect to the manager's own socket.
+// Connects to the message bus; on a system without one, to the manager's own socket, which only root may open.
 Bus connect_to_manager() {
   sd_bus* bus = nullptr;
   if (sd_bus_open_system(&bus) >= 0) return Bus(bus);
@@ -33,7 +33,8 @@ Bus connect_to_manager() {
   return direct;
 }
 
-// Reads a unit's properties. After one failure it asks no more, so that the timeout passes only once.
+// Reads a unit's properties. After one failure it sends no further request, so that a manager that hangs costs only one
+// timeout.
 class PropertyReader {
  public:
   PropertyReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}
@@ -78,7 +79,7 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  // The manager keeps the status line of a service that has ended.
+  // Not read from an inactive service: the manager still has the status line of its last run.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');

@@ -18,13 +18,13 @@ struct UnitState {
   std::string active;           // "active", "inactive", "failed", "activating" and so on
   std::string sub;              // "running", "dead", "auto-restart" and so on
   std::string status;           // the service's own status line (sd_notify(3)); empty if inactive
-  std::string result;           // how it ended last: "success", "exit-code", "signal" and so on
-  std::optional<Moment> since;  // of the last change of `active`
+  std::string result;           // how the service last ended: "success", "exit-code", "signal" and so on
+  std::optional<Moment> since;  // when the unit's state last changed
   uint32_t restarts = 0;
   bool isRunning() const { return active == "active"; }
 };
 
-// Nothing if no service manager answers, as in most containers. Waits for at most 3 seconds.
+// Nothing if no service manager answers, as in most containers. Waits at most 3 seconds for an answer.
 std::optional<UnitState> unit_state(const std::string& unit);
 
 }  // namespace orvane

@@ -42,7 +42,8 @@ struct CommandSet {
   }
 };
 
-// Declares the options and commands that only this system has. `options` is the object that `commands` refers to.
+// Declares the options and commands that exist only on this operating system. `options` is the object that
+// `commands.options` refers to; here it may be changed.
 void declare_system_commands(CommandSet& commands, CommonOptions& options);
 
 }  // namespace orvane

@@ -57,8 +57,8 @@ void print_result(const Arguments& arguments, const char* member, const nlohmann
   }
 }
 
-// Reports the names that are not host names. `source` is the file's name, or null for arguments. True when all are
-// good.
+// Reports the names in the list that are not host names. `source` is the name of their file, or null if they are
+// arguments. Returns whether all names are host names.
 bool report_refusals(const HostnameList& list, const char* source) {
   for (const auto& refused : list.refused) {
     std::string where = source == nullptr ? "" : std::string(source) + ":" + std::to_string(refused.line) + ": ";
@@ -77,8 +77,8 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
   return list;
 }
 
-// The extension's time to answer, and for a long list to be sent and loaded. It gives a client that waits for a place
-// the place of an idle one within less time.
+// A call may take kAnswerTime, plus a second for each kNamesPerSecond names, which must be sent and loaded. kAnswerTime
+// is longer than the time after which the extension ends an idle connection if all are in use and a client waits.
 constexpr std::chrono::seconds kAnswerTime(10);
 constexpr size_t kNamesPerSecond = 20000;
 
@@ -87,7 +87,7 @@ class Connection {
  public:
   explicit Connection(const ClientOptions& options) : options_(options) {}
 
-  // Returns work(client). `names`: how many names it sends.
+  // Returns work(client). `names`: how many names `work` sends.
   template <class Work>
   auto call(Work work, size_t names = 0) {
     CallTimeout limit(kAnswerTime + std::chrono::seconds(names / kNamesPerSecond));
@@ -181,7 +181,8 @@ int set(const Arguments& arguments) {
   return kDone;
 }
 
-// JSON from the argument, from a file ("@FILE") or from standard input ("-").
+// The properties to set: the date of --dont-block-until, or JSON, which is the argument itself or comes from a file
+// ("@FILE") or from standard input ("-"). Nil if the command line has neither.
 Value given_properties(const Arguments& arguments) {
   if (arguments.until) return Value::dictionary({{Value::string(kDontBlockUntil), parse_time(*arguments.until)}});
   if (!arguments.properties) return Value();
@@ -225,7 +226,7 @@ int call(const Arguments& arguments) {
   return kDone;
 }
 
-// Parsing the command line fills `arguments`.
+// Declares the commands for the running extension. Parsing the command line fills `arguments`.
 void declare_commands(CommandSet& commands, Arguments& arguments) {
   auto declare = [&](const char* name, const char* description, ExtensionCommand command) {
     return commands.declare(commands.app, kExtensionGroup, name, description,
@@ -274,7 +275,7 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
   callCommand->footer(describe_methods());
 }
 
-// CLI11 parses an argument in square brackets as a list and splits it.
+// Throws for an argument in square brackets, which CLI11 would parse as a list and split.
 void refuse_brackets(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view text = argv[i];
@@ -284,7 +285,8 @@ void refuse_brackets(int argc, const char* const* argv) {
   }
 }
 
-// The Levenshtein distance of two words: the insertions, removals and replacements that turn one into the other.
+// The Levenshtein distance of two words: the smallest number of insertions, removals and replacements of a character
+// that turn one into the other.
 size_t edit_distance(std::string_view one, std::string_view other) {
   std::vector<size_t> row(other.size() + 1);
   for (size_t j = 0; j <= other.size(); ++j) row[j] = j;
@@ -298,7 +300,8 @@ size_t edit_distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-// Reports the first word of a command line without a known command, and suggests the nearest command.
+// For a command line without a known command: throws an error that names its first word and suggests the command with
+// the nearest name.
 void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];

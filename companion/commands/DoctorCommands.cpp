@@ -168,7 +168,8 @@ int remove(bool json) {
   bool whole = report_failures(changes, "remove");
   for (const PolicyChange& change : changes) {
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
-    // Firefox has one file for all policies. Without our HTTP/3 setting it is not worth a message.
+    // Firefox has one policy file, which other programs write, too. If it does not switch off HTTP/3, nothing in it is
+    // ours, and no message is needed.
     const bool shared = change.place->family == BrowserFamily::Firefox;
     if (shared && policy_in_force(*change.place, kThisMachine).http3 != false) continue;
     print_error("left alone: " + change.place->path() + ": another program or person wrote it: " +

@@ -13,7 +13,8 @@
 namespace orvane {
 namespace {
 
-// The state file: in the service manager's runtime directory, unless --state names another.
+// The path of the keeper's state file: that of --state; without --state, `state` in $RUNTIME_DIRECTORY, which a service
+// manager sets; otherwise the default path.
 std::string state_path(const CommonOptions& options) {
   const char* given = std::getenv("RUNTIME_DIRECTORY");
   std::string directory = given == nullptr ? "" : given;

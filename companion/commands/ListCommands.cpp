@@ -36,7 +36,7 @@ struct Arguments {
   std::optional<std::string> until;
 };
 
-// The result for one site.
+// What a command did to one site.
 struct Change {
   BlockedSite site;
   bool changed = false;
@@ -45,11 +45,13 @@ struct Change {
   std::vector<std::string> stillBlocked;  // those of its names that another site still blocks
 };
 
-// The two steps of a command: FindSites returns the sites that it is about, each once; ChangeSite changes one of them.
+// The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
+// of them.
 using FindSites = std::function<std::vector<BlockedSite>(const BlockList& list, const std::vector<std::string>& hosts)>;
 using ChangeSite = std::function<Change(BlockList& list, BlockedSite site)>;
 
-// The hosts in the form that browsers send. Reports those that are not host names, and then throws InputError.
+// Returns the hosts in the form that browsers send. If some are not host names, reports each of these and throws
+// InputError.
 std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
   std::vector<std::string> hosts;
   std::string name, fault;
@@ -67,8 +69,8 @@ std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
   return hosts;
 }
 
-// The sites on the list that the hosts belong to. Reports the hosts that are not on the list, and then throws
-// InputError.
+// Returns the sites on the list that the hosts belong to. If some hosts are not on the list, reports each of these and
+// throws InputError.
 std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<std::string>& hosts) {
   std::vector<BlockedSite> sites;
   std::set<const BlockedSite*> seen;
@@ -142,7 +144,8 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Check after the last change: it may have removed the site that still covered a name.
+    // Check only after the last change: each change may remove or suspend a site that still blocked a name of an
+    // earlier one.
     for (Change& each : changes) {
       if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
     }
@@ -158,7 +161,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
   return kDone;
 }
 
-// How the list had a site before "block".
+// Describes the entry that the site had on the list before "block" changed it.
 std::string previous_state(const BlockedSite& before, const BlockedSite& site, Moment now) {
   if (before.isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before.until, now);
   if (before.usualNames == site.usualNames) return "already on the list";

@@ -16,7 +16,7 @@ using ProtocolCall = std::function<std::string(Client&)>;
 // unchanged. Throws InputError for an unknown method and for wrong arguments.
 ProtocolCall prepare_call(const std::string& method, const std::vector<std::string>& arguments);
 
-// The methods with their arguments, one a line, for the help text.
+// The methods with their arguments, one per line, for the help text.
 std::string describe_methods();
 
 }  // namespace orvane

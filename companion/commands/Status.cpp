@@ -63,7 +63,7 @@ nlohmann::json json_of(const Status& status) {
       {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
 }
 
-// A heading with the lines under it, aligned.
+// Prints lines below each other in one column, with the heading before the first.
 void print_part(const char* heading, const std::vector<std::string>& lines) {
   for (const std::string& line : lines) {
     std::printf("  %-10s %s\n", heading, line.c_str());
@@ -105,8 +105,8 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
   if (const auto& keeper = status.keeper) {
     lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
                     std::to_string(keeper->process));
-    // When this program cannot reach the extension either, the line of the extension has the reason already.
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
+    // If orvanectl itself cannot reach the extension, the part on the extension has the reason already.
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
   } else {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +

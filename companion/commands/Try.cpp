@@ -61,7 +61,8 @@ Listing look_up(const BlockList& list, const std::string& name, Moment now) {
   return listing;
 }
 
-// For a name that is not on the list: a similar site that is, for users who expect it to cover the name.
+// For a name that is not on the list: a text about a similar site on the list that the user may expect to cover the
+// name. Empty if there is no such site.
 std::string nearest_miss(const BlockList& list, const std::string& name) {
   std::string other(site_of(name));
   if (other != name && list.find(other) != nullptr)

@@ -12,7 +12,7 @@
 namespace orvane {
 namespace {
 
-// The longest time that the keeper needs to read so many sites, and the extension to load their names.
+// The longest time that the keeper needs to read this number of sites, and the extension to load their names.
 std::chrono::milliseconds patience_for(size_t sites) {
   constexpr std::chrono::milliseconds kMinimum(5000);
   constexpr size_t kSitesPerMillisecond = 20;
@@ -48,7 +48,8 @@ bool wait(const CommonOptions& options, const ListVersion& version, size_t sites
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
-    // No keeper sends any other file, so there is nothing to wait for.
+    // Wait only for the keeper's own file: nothing sends another file. If no keeper runs, that is the default file, and
+    // wait() reports that no keeper runs.
     if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
       return std::nullopt;
     return wait(options, version, sites);

@@ -10,7 +10,7 @@ namespace orvane {
 
 // Waits until the keeper has sent this version of the list's file, with `sites` sites, to the extension. The limit is
 // five seconds, and more for a large list. Returns true when the list was sent. Returns false after printing why it was
-// not, and what to do. Returns nothing at once when the keeper serves another file.
+// not, and what to do. Returns nothing, without waiting, if the keeper serves another file.
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
 
 }  // namespace orvane

@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The process at the other end of a connected Unix-domain socket; for a client that is the process that listens.
+// The peer process of a connected Unix-domain socket. For a client's socket, this is the process that called listen(2).
 std::optional<pid_t> peer_of(const Descriptor& connection) {
   ucred peer{};
   socklen_t size = sizeof peer;
@@ -29,8 +29,8 @@ std::optional<pid_t> peer_of(const Descriptor& connection) {
   return peer.pid;
 }
 
-// Handles for other processes and their descriptors. glibc 2.36 declares its functions for this, in sys/pidfd.h,
-// without C linkage.
+// Handles for other processes, and copies of their descriptors. These are direct system calls, because glibc 2.36
+// declares its functions for them (sys/pidfd.h) without C linkage, which C++ needs.
 Descriptor open_process(pid_t process) { return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0))); }
 Descriptor copy_descriptor(const Descriptor& process, int number) {
   return Descriptor(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), number, 0)));
@@ -62,13 +62,14 @@ std::optional<std::vector<ControlClient>> control_clients(const std::string& soc
   Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!probe || connect_to(socket, probe) != 0) return std::nullopt;
   const pid_t extension = peer_of(probe).value_or(0);
-  const Descriptor handle = open_process(extension);  // fails for 0: a process of another PID namespace
+  const Descriptor handle = open_process(extension);  // fails for pid 0, a process in another PID namespace
   if (!handle) return std::nullopt;
   std::map<pid_t, size_t> connections;
   std::error_code error;
   for (fs::directory_iterator entry("/proc/" + std::to_string(extension) + "/fd", error), end; !error && entry != end;
        entry.increment(error)) {
-    // The connections themselves know their clients: the kernel keeps the peer of the moment of connect(2).
+    // The kernel stores with each accepted connection which process called connect(2), so a copy of its descriptor
+    // tells the client.
     const Descriptor copy = copy_descriptor(handle, std::stoi(entry->path().filename().string()));
     if (!copy && errno == EPERM) return std::nullopt;
     if (!copy || !is_bound_to(copy, socket) || is_listening(copy)) continue;

@@ -88,7 +88,7 @@ void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
                       "end those that the service manager did not start"});
 }
 
-// Names the programs with connections, those with the most first.
+// Names the first few programs of a list that begins with those that have the most connections.
 std::string describe_clients(const std::vector<ControlClient>& clients) {
   constexpr size_t kNamed = 5;
   std::string text;
@@ -175,7 +175,8 @@ Finding examine_kernel(const Facts& facts) {
           "use the distribution's kernel; after a kernel upgrade, restart the machine"};
 }
 
-// In how many of our tables a rule of OUTPUT leads to our chain, and in how many that is its first one.
+// In how many of the extension's tables the chain OUTPUT has a rule that jumps to the extension's chain, and in how
+// many of them that rule is the first of OUTPUT.
 struct Jumps {
   int present = 0;
   int first = 0;
@@ -261,7 +262,7 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     findings.push_back({"list", "", result, std::move(found), std::move(advice)});
   };
   if (!facts.list) {
-    // When the keeper does not run, its own finding says so.
+    // If the keeper does not run, the finding about its service says so already.
     if (facts.keeper.running || !facts.listError.empty()) {
       add(Result::Unknown, facts.listError.empty() ? "the keeper has not written its state" : facts.listError, "");
     }

@@ -15,7 +15,7 @@
 
 namespace orvane {
 
-// The result of one check. All checks must be right for hosts to be blocked.
+// The result of one check. Each check looks at one thing that blocking needs.
 struct Finding {
   enum class Result {
     Ok,
@@ -24,7 +24,7 @@ struct Finding {
     Unknown,  // could not be checked
   };
   std::string check;    // the check's identifier; releases do not change it, since scripts use it
-  std::string subject;  // which one of several, such as a browser's name; empty if there is only one
+  std::string subject;  // what was checked, if the check covers several things, such as a browser's name
   Result result;
   std::string found;   // one line
   std::string advice;  // one line: what to do; may be empty
@@ -51,14 +51,14 @@ struct GroupFacts {
   std::string user;
   bool exists = false;
   bool listed = false;   // the group database has the user as a member
-  bool inForce = false;  // this process has the group; it gets a new group at the next login only
+  bool inForce = false;  // this process has the group; a user's processes get a new group only at the next login
 };
 
 // The kernel's rules of one address family, as text.
 struct RulesFacts {
   std::string program;               // the program that printed them
   std::optional<std::string> rules;  // nothing when they could not be read
-  std::string error;                 // why they could not
+  std::string error;                 // why they could not be read
 };
 
 struct BrowserFacts {
@@ -75,8 +75,8 @@ struct Facts {
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
   std::vector<pid_t> processes;          // extensions in this network namespace
-  pid_t process = 0;                     // the one whose details are below; 0 for none
-  std::optional<uint64_t> capabilities;  // its effective set, one bit for each (capabilities(7))
+  pid_t process = 0;                     // the extension that the next member describes; 0 for none
+  std::optional<uint64_t> capabilities;  // effective ones, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;
   std::optional<bool> hasQueueTarget;  // the kernel can hand packets to a queue
   std::vector<RulesFacts> rules;       // empty unless run by root

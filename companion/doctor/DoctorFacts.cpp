@@ -57,7 +57,8 @@ UnitFacts look_at_unit(const char* name) {
   return facts;
 }
 
-// Connects to a socket. Returns 0 or the errno. EAGAIN (a full backlog) counts as success, since somebody listens.
+// Connects to a socket. Returns 0 or the errno. EAGAIN (a full backlog) counts as success, because an extension listens
+// there.
 int try_socket(const std::string& path) {
   Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!connection) return errno;
@@ -71,8 +72,8 @@ bool is_answered(const std::string& socket) {
   return probe_extension(options, kAnswerTimeout).answers;
 }
 
-// Tries the same paths as a client, in the same order. Reports the first that accepts a connection; otherwise the first
-// error other than a missing socket.
+// Tries the same paths as a client, in the same order. Reports the first path that accepts a connection; if none does,
+// the first refusal or denial, or else that there is no socket.
 ConnectionFacts look_at_connection(const Examination& examination) {
   std::string error;
   std::vector<std::string> paths = examination.socket.empty() ? client_socket_paths(examination.service, &error)
@@ -145,7 +146,7 @@ void look_at_processes(Facts& facts) {
   std::sort(facts.processes.begin(), facts.processes.end());
 }
 
-// The same check as the extension's: without IPv6 in the kernel it needs no IPv6 rules.
+// The extension makes the same check: if the kernel has no IPv6, it adds no IPv6 rules.
 bool has_ipv6() { return exists("/proc/thread-self/net/if_inet6"); }
 
 std::vector<std::string> missing_programs() {
@@ -188,7 +189,8 @@ std::vector<RulesFacts> look_at_rules() {
   return rules;
 }
 
-// The bundle of the running extension. The package's when that cannot be read.
+// The bundle of the running extension `process`; the package's bundle if none runs or if the path of its program cannot
+// be read.
 std::string find_bundle(pid_t process) {
   if (process != 0) {
     const fs::path program = read_link("/proc/" + std::to_string(process) + "/exe");
@@ -198,7 +200,7 @@ std::string find_bundle(pid_t process) {
   return kPackageBundle;
 }
 
-// The home directory of the user, also under sudo(8).
+// The home directory of the user who runs orvanectl; under sudo(8), of the user who ran sudo.
 std::string home_directory() {
   const char* caller = ::geteuid() == 0 ? std::getenv("SUDO_USER") : nullptr;
   const passwd* user = caller != nullptr ? ::getpwnam(caller) : ::getpwuid(::getuid());

@@ -15,27 +15,29 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Between attempts to connect. The pause matters even though a new socket file is noticed at once: the file exists
-// before the extension listens.
+// The pauses between attempts to connect. A new socket file causes an attempt at once, but the file exists before the
+// extension listens, so that attempt may fail, and the next one must follow soon.
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
-// Between reads of the count of edits, which show other clients' edits and whether the extension still answers.
+// The time between two reads of the extension's count of edits. A read shows other clients' edits, and whether the
+// extension still answers.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 
-// The time for an extension to answer: less if it did not answer last time, more for a long list.
+// How long to wait for the extension's answer. An attempt to connect waits for kShortCallTimeout only, if the extension
+// did not answer the attempt before it. A list gets another second for each kNamesPerSecond names.
 constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
 
-// The longest normal restart. Until then, failures to connect are not logged.
+// The longest time that a normal restart takes. Failures to connect are logged only after it.
 constexpr std::chrono::milliseconds kRestart = 2s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";
 
 std::vector<std::string> socket_paths(const ClientOptions& options) {
   if (!options.socket.empty()) return {std::filesystem::absolute(options.socket).lexically_normal()};
-  std::string error;  // connect_client() reports it, too
+  std::string error;  // not used: connect_client() reports it
   return client_socket_paths(options.service, &error);
 }
 
@@ -122,7 +124,7 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   isInSync_ = false;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
     const bool isWhole = before == nullptr || needs_whole_list(*before, after);
-    // Sending the whole list discards other clients' edits, so counting starts here.
+    // Sending the whole list discards other clients' edits, so counting them starts again here.
     if (isWhole) expectedChanges_ = client_->changesCount();
     expectedChanges_ += isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
     readChangesCount();

@@ -32,17 +32,20 @@ class ExtensionLink {
   // The latest time for the next call of attend().
   Clock::time_point due() const { return due_; }
 
-  // If due() has come, tries to connect, or reads the extension's count of edits. `list`: the names that the extension
-  // must hold; null if not known yet, and then nothing is sent.
+  // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`; if connected, reads
+  // the extension's count of edits, which also shows whether the extension still answers. `list`: the names that the
+  // extension must hold; null if they are not known yet, and then nothing is sent.
   void attend(const HeldNames* list);
-  // Call when socketWatch() is readable: the next attempt to connect does not wait.
+  // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
+  // once.
   void onSocketEvent();
-  // Call at POLLRDHUP.
+  // Call when poll(2) reports POLLRDHUP for connection().
   void onHangUp() {
     if (client_) disconnect("it ended the connection");
   }
 
-  // Call when the list has changed from `before` (null if it was not known) to `after`, whose version is in the state.
+  // Call when the list has changed from `before` (null if it was not known) to `after`. The KeeperState must have the
+  // version of `after` already.
   void update(const HeldNames* before, const HeldNames& after);
 
  private:
@@ -63,15 +66,15 @@ class ExtensionLink {
   Clock::time_point due_ = Clock::now();
 
   // Used while disconnected.
-  std::chrono::milliseconds pause_;  // before the next attempt
+  std::chrono::milliseconds pause_;  // before the next attempt to connect
   Clock::time_point lostAt_ = Clock::now();
   std::string lastLoggedReason_;
-  bool isUnresponsive_ = false;  // in the last attempt, the extension accepted a connection but did not answer
+  bool isUnresponsive_ = false;  // in the last attempt, an extension ran but did not answer
 
   // Used while connected.
   bool hasConnectedBefore_ = false;
   bool isInSync_ = false;         // the extension has taken the list that was sent last
-  uint64_t expectedChanges_ = 0;  // the extension's count of edits if no other client edits
+  uint64_t expectedChanges_ = 0;  // what the extension's count of edits is if no other client has made edits
 };
 
 }  // namespace orvane

@@ -33,19 +33,20 @@ namespace {
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 
-// The file is read when it has not changed for kDebounce, or kMaxDebounce after the first change.
+// The file is read when it has not changed for kDebounce, but at the latest kMaxDebounce after the first change.
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
 // An empty list takes effect only after this time: editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The file is also checked at intervals: PathWatch misses some changes, and the system may have no inotify instance
-// left.
+// How often the file is checked for changes that PathWatch does not report, and how often if the system has no inotify
+// instance left. The second one is also the time until the next attempt to write the state file after an error.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// A timer cannot be set to an arbitrarily distant date.
+// The timer cannot be set to any distant date. If a suspension ends later than this, the timer fires before its end and
+// is set again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -135,7 +136,9 @@ class Keeper {
   Steady::time_point checkAt_ = Steady::now() + kUnwatchedCheckInterval;
 
   bool isKnown_ = false;  // a list has been read
-  HeldNames list_;        // also what the extension holds while it is in sync; a second copy would double the memory
+  // The list as last read. While link_ is in sync, this is also what the extension holds; a second copy would double
+  // the memory.
+  HeldNames list_;
   std::string lastLoggedFaults_;
   ExtensionLink link_;
 };
@@ -154,8 +157,8 @@ Keeper::Events Keeper::wait() {
   return {events[0], events[1], events[2], events[3], events[4]};
 }
 
-// Reading a large list or calling an extension that hangs takes long, so a shutdown request ends the process right
-// there. That is safe: the next keeper sends everything again.
+// Reading a large list or calling an extension that hangs takes long. So during this function, a shutdown request ends
+// the process at once. That is safe, because the next keeper sends everything again.
 void Keeper::attend(const Events& events) {
   shutdown_.exitAtOnce(true);
   if (events.list.revents != 0) onListChange();
@@ -243,7 +246,7 @@ void Keeper::setTimer(const HeldNames& list) {
 }
 
 void Keeper::onClockChange() {
-  // If the clock was set back, a suspension that had ended is in the future again, and only the file still has it.
+  // If the clock was set back, a suspension that had ended may be in force again, and only the file still has its date.
   if (clock_.wasSet()) {
     keeper_log(LogLevel::Notice, "the clock was set");
     readList();
@@ -272,7 +275,7 @@ void Keeper::publish() {
   } catch (const FileError& error) {
     if (!isUnwritable_) keeper_log(LogLevel::Warning, error.what());
     isUnwritable_ = true;
-    writtenState_ = nullptr;  // try again next time
+    writtenState_ = nullptr;  // so that the next call tries again
   }
 }
 

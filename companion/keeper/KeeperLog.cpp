@@ -11,7 +11,7 @@
 namespace orvane {
 namespace {
 
-// The variable alone is not enough: programs in a terminal that a service started inherit it.
+// The variable alone is no proof: a program in a terminal inherits it if a service started the terminal.
 bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};

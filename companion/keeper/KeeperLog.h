@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// The numbers of syslog(3).
+// The levels, with the numbers of syslog(3).
 enum class LogLevel { Error = 3, Warning = 4, Notice = 5, Info = 6 };
 
 // Prints one line on standard error, with the level in front if standard error is the journal (sd-daemon(3)).

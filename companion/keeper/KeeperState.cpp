@@ -36,7 +36,8 @@ FileError file_error(const char* what, const std::string& path, int error) {
 
 std::string lock_path(const std::string& path) { return path + ".lock"; }
 
-// For open file description locks (F_OFD_SETLK). Testing for one does not take it, and works across PID namespaces.
+// A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks). F_OFD_GETLK tests for a lock
+// without taking it, even if the holder is in another PID namespace.
 struct flock whole_file(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -175,7 +176,7 @@ InForce wait_until_in_force(const std::string& statePath, const ListVersion& ver
   for (;;) {
     std::optional<KeeperState> state = read_keeper_state(statePath);
     if (!state) return InForce::NoKeeper;
-    // The list's file now holds this version or a later one.
+    // Whether `other` is the awaited version, or the version that the list's file has now, which is then a later one.
     auto isCurrent = [&](const ListVersion& other) {
       return other == version || other == list_version(state->listPath);
     };

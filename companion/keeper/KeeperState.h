@@ -43,15 +43,16 @@ struct KeeperState {
 // The state file of the keeper that runs as a service.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
 
-// Takes the lock that lets one keeper at a time write the state. It is a lock on the file `path`.lock, held while the
-// descriptor is open. Empty if another keeper has it. Throws FileError if the lock's file cannot be made.
+// Takes the lock that lets one keeper at a time write the state. It is a lock on the file `path`.lock. Returns the
+// descriptor that holds the lock while it is open, or an empty one if another keeper has the lock. Throws FileError if
+// the lock's file cannot be made.
 Descriptor lock_keeper_state(const std::string& path);
 
 // Replaces the state file atomically. The caller has the lock. Throws FileError.
 void write_keeper_state(const std::string& path, const KeeperState& state);
 
-// The state of the running keeper. Nothing if none runs: the file is missing, or nobody has the lock. Throws FileError
-// if the file cannot be read or is invalid.
+// The state of the running keeper. Nothing if none runs: the file is missing, or no process has the lock. Throws
+// FileError if the file cannot be read or is invalid.
 std::optional<KeeperState> read_keeper_state(const std::string& path);
 
 // The JSON object in the file.

@@ -5,9 +5,10 @@
 #include "companion/client/Client.h"
 #include "companion/list/BlockList.h"
 
-// Sends the list to the extension. The general provider ignores the date of a suspension, so the keeper removes a
-// suspended name and adds it again at that date. The provider for one browser honours the date, so it is sent, too:
-// before the name is removed, because the extension keeps properties only for names that it holds.
+// Sends the list to the extension. The general provider ignores the date at which a suspension ends, so the keeper
+// removes a suspended name and adds it again at that date. The provider for Safari honours the date, so the keeper
+// sends the date, too: in a difference, before it removes the name, because the extension keeps properties only for
+// names that it holds.
 namespace orvane {
 
 // Replaces everything that the extension holds. Returns the number of edits that the extension counts for it. Throws

@@ -13,14 +13,15 @@
 namespace orvane {
 namespace {
 
-// Events of a folder above, where the next folder of the path may appear, and of the file's own folder.
+// kEventsAbove is for a folder further up, where the next folder of the path may appear; kEventsOfFolder is for the
+// file's own folder.
 constexpr uint32_t kEventsAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
 
 // Events that concern the watched folder itself and have no name.
 constexpr uint32_t kEventsWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
 
-// A limit for folders that keep appearing and vanishing; the next event tries again.
+// How often armOne() tries if folders keep appearing and vanishing. The next event then calls it again.
 constexpr int kAttempts = 4;
 
 }  // namespace
@@ -49,14 +50,14 @@ void PathWatch::armOne(const std::string& path) {
     }
     if (watch < 0) return;
     watched_[watch].push_back(child.filename());
-    // If the folder appeared before its parent was watched, no event comes: watch the folder itself.
+    // If the next folder appeared before its parent was watched, no event reports that. So try again, and watch it.
     std::error_code ignored;
     if (child == path || !std::filesystem::exists(child, ignored)) return;
   }
 }
 
 int PathWatch::watchFolder(const std::filesystem::path& child, uint32_t events) {
-  // IN_MASK_ADD: several files in one folder share a watch.
+  // IN_MASK_ADD keeps the watch's other events: several files in one folder share a watch.
   return inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
 }
 

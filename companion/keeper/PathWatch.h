@@ -21,11 +21,11 @@ class PathWatch {
   // For poll(2): readable when readEvents() should be called; -1 if the system's limit of inotify instances is reached.
   int descriptor() const { return inotify_.get(); }
 
-  // Reads all pending events. Returns whether any concerned one of the files, each write included, or a watched folder;
-  // then it also calls arm().
+  // Reads all pending events. Returns true, and calls arm(), if an event concerned one of the files (each write is an
+  // event) or a watched folder itself.
   bool readEvents();
 
-  // Watches the folders that exist at these paths now, and no others.
+  // Looks up the folders of the paths again. Watches those that exist now, and stops watching all others.
   void arm();
 
  private:

@@ -4,8 +4,9 @@
 
 namespace orvane {
 
-// Handles SIGTERM, SIGINT and SIGHUP so that a single-threaded program always ends soon: its loop polls a descriptor,
-// and long work is simply cut off. Only one may exist at a time.
+// Handles SIGTERM, SIGINT and SIGHUP so that a single-threaded program always ends soon: its loop polls descriptor(),
+// and a signal cuts off long work between exitAtOnce(true) and exitAtOnce(false). Only one ShutdownRequest may exist at
+// a time.
 class ShutdownRequest {
  public:
   ShutdownRequest();
@@ -17,8 +18,8 @@ class ShutdownRequest {
   int descriptor() const { return wake_.get(); }
   bool isMade() const;
 
-  // From exitAtOnce(true) to exitAtOnce(false), a request ends the process with code 0 at once; one made earlier ends
-  // it in exitAtOnce(true). For work that may stop anywhere.
+  // From exitAtOnce(true) to exitAtOnce(false), a signal ends the process at once with code 0. If a signal arrived
+  // before, exitAtOnce(true) itself ends the process. For work that may be cut off anywhere.
   void exitAtOnce(bool enabled);
 
  private:

@@ -14,7 +14,7 @@ constexpr std::string_view kUsualPrefixes[] = {"www.", "m."};
 constexpr size_t kLongestName = 253;
 constexpr size_t kBadLineKept = 200;
 
-// The name without its usual prefix, if it has one and the rest has a dot.
+// The name without its usual prefix, if it has one and the rest has a dot; otherwise the whole name.
 std::string_view without_prefix(std::string_view host) {
   for (std::string_view prefix : kUsualPrefixes) {
     if (host.substr(0, prefix.size()) != prefix) continue;

@@ -27,8 +27,8 @@ struct BlockedSite {
 // has no dot ("www.com") or starts with such a prefix again ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// All names to block for a site, its own first. A host without a dot has no usual names; usual names longer than a host
-// name may be are left out.
+// All names to block for a site, its own first. A host without a dot has no usual names; usual names that would be
+// longer than a host name may be are left out.
 std::vector<std::string> names_of(const BlockedSite& site);
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
@@ -53,11 +53,11 @@ class BlockList {
   // The site with exactly this name, otherwise the site that has it as a usual name, otherwise null. Valid until the
   // next change of the list.
   const BlockedSite* find(std::string_view host) const;
-  // Only the site that has it as a usual name.
+  // Only the site that has this name as a usual name; null if there is none.
   const BlockedSite* findByUsualName(std::string_view host) const;
 
   // Adds a site at the end, or replaces the site with the same name and keeps the comment on its line. A site with
-  // usual names is put under site_of(host). Returns whether anything changed.
+  // usual names is stored under site_of(host). Returns whether anything changed.
   bool put(BlockedSite site);
   // Removes the site with exactly this name, all its lines included. Returns whether there was one.
   bool remove(std::string_view host);
@@ -65,13 +65,15 @@ class BlockList {
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
   struct Line {
-    std::string text;                 // as in the file, without its end; empty (to save memory) if it is line_of(site)
+    // As in the file, without the line end. Empty, to save memory, if the line equals line_of(site).
+    std::string text;
     std::optional<BlockedSite> site;  // none for a comment, a blank line or a bad line
     uint32_t earlier = kNone;         // the previous line with the same site
     bool isSuperseded = false;        // a later line has the same site
     bool isRemoved = false;
   };
-  // The line of each site, by the keyed hash of its name. A second copy of each name would take most of the memory.
+  // Maps the keyed hash of a site's name to the site's line. The key is not the name itself, because second copies of
+  // the names would take most of the memory.
   using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
   void append(Line line);
@@ -86,9 +88,10 @@ class BlockList {
 struct HeldNames {
   std::vector<std::string> names;                         // sorted, each once
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
-  std::optional<Moment> nextChange;                       // the end of the first suspension
+  std::optional<Moment> nextChange;                       // when the first of these suspensions ends
 };
-// If only one of a name's two sites is suspended, the name is held.
+// A name may belong to two sites: to one as its own name, and to another as a usual name. It is held unless both are
+// suspended.
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

@@ -26,7 +26,9 @@ namespace orvane {
 namespace {
 
 constexpr mode_t kModeOfNew = 0660;
-// Without execute and set-ID bits: a member of the group could set them, and root would then write a set-ID program.
+// The permissions that a new version of the file takes from the old one. Execute and set-ID bits are not among them:
+// otherwise a member of the group could set these bits on the list, and when root next edits it, the new file would be
+// a set-ID program that belongs to root.
 constexpr mode_t kPermissions = 0666;
 
 // The path of the list. Each operation opens the folder once and works relative to it, so that a rename of the folder
@@ -78,7 +80,8 @@ Descriptor open_folder(const Place& place) {
   return folder;
 }
 
-// Another orvanectl holds the lock for some milliseconds, or for a second with a very large list.
+// Takes the lock, and waits for it at most a minute. Another orvanectl holds it for some milliseconds, or for a second
+// with a very large list.
 void lock(const Descriptor& folder, const Place& place) {
   using namespace std::chrono;
   constexpr seconds kTimeout(60);
@@ -107,7 +110,7 @@ struct stat status_of(const Descriptor& file, const Place& place) {
   return status;
 }
 
-// The limits bound the memory; they are far above the million names that the extension takes.
+// The limits bound the memory. They are far above a list of a million names.
 void check_size(std::string_view text, const Place& place) {
   constexpr std::ptrdiff_t kMostLines = std::ptrdiff_t{1} << 22;
   if (text.size() > kLargestInput || std::count(text.begin(), text.end(), '\n') > kMostLines)
@@ -115,7 +118,7 @@ void check_size(std::string_view text, const Place& place) {
                     ": at most 256 MiB and four million lines: remove some");
 }
 
-// The defaults stand for a missing file.
+// What was read from the file. The defaults stand for a missing file.
 struct FileContent {
   std::string text;
   ListVersion version;
@@ -130,8 +133,9 @@ std::string read_text(const Descriptor& file, const Place& place) {
 }
 
 FileContent read_file(const Descriptor& folder, const Place& place) {
-  // O_NOFOLLOW: otherwise a member of the group could have root copy a file that only root may read. O_NONBLOCK:
-  // opening a pipe must not wait.
+  // O_NOFOLLOW: a member of the group can put a symbolic link in place of the list. If root then edited the list,
+  // orvanectl would copy a file that only root may read into a file that the group may read. O_NONBLOCK: opening a pipe
+  // must not wait.
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   // Read again if the file changed meanwhile: an editor may be writing it in place.
   constexpr int kAttempts = 5;
@@ -144,7 +148,7 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
     if (!S_ISREG(status.st_mode))
       throw FileError("cannot read the list: " + in_quotes(place.path) +
                       ": it is not a regular file: name another with --list");
-    // Hard links are refused for the same reason as symbolic links.
+    // A hard link could also give the list's name to a file that only root may read.
     if (status.st_nlink > 1)
       throw FileError("cannot read the list: " + in_quotes(place.path) +
                       ": the file has other names (hard links): replace it by a copy");
@@ -161,8 +165,8 @@ ListVersion current_version(const Descriptor& folder, const Place& place) {
   return {};
 }
 
-// The mode of the new file. In a folder with the set-group-ID bit the group may always write, whatever a member's umask
-// made of the old mode.
+// The mode of the new file: that of the old one. In a folder with the set-group-ID bit the group may always write, even
+// if the umask of a member removed that right from the old file.
 mode_t mode_for(const Descriptor& folder, const Place& place, mode_t oldMode) {
   return (status_of(folder, place).st_mode & S_ISGID) != 0 ? oldMode | kModeOfNew : oldMode;
 }
@@ -205,7 +209,7 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     FileReplacement file(folder.get(), "." + place.name + ".new");  // the lock allows one writer at a time
     if (auto error = file.write(text, mode_for(folder, place, content.mode)))
       throw file_error("cannot change", place, error.value());
-    // Editors take no lock. If one has saved the file since it was read, start again with the new version.
+    // Editors take no lock. If an editor has saved the file since it was read, start again with the new version.
     if (current_version(folder, place) == content.version) return make_current(file, place);
   }
   throw FileError("cannot change the list: " + in_quotes(path) +

@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// The machine's list. The package makes its folder; members of the folder's group may edit the list.
+// The machine's list. The package makes the list's folder; members of the folder's group may edit the list.
 inline constexpr const char* kListPath = "/var/lib/orvane-se/list";
 
 // Identifies a version of the list's file by its device, inode, size and time of change. Empty if there is no file.
@@ -26,11 +26,11 @@ ListVersion list_version(const std::string& path);
 
 // Reads the list, calls `edit`, and writes the list back if `edit` returns true. Returns the file's version afterwards.
 //
-// - A lock on the folder keeps other calls of edit_list() out meanwhile.
+// - The function holds a lock on the folder, so other calls of edit_list() wait.
 // - The file is always either the old version or the new one. The new one is on the disk when the function returns.
-// - If another program replaces the file meanwhile, `edit` is called again with the list of that version.
-// - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged; only after a
-//   failed fsync of the folder it is changed, and the message says so.
+// - If another program replaces the file meanwhile, `edit` is called again with the list in that new file.
+// - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged, with one exception: after
+//   a failed fsync of the folder it is changed, and the message says so.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
 
 }  // namespace orvane

@@ -45,7 +45,7 @@ bool is_local_name(std::string_view name) {
 enum class Address { None, Blocking, Other };
 
 Address address_in(std::string_view word) {
-  const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" names an interface
+  const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" ends in an interface
   in_addr ipv4{};
   in6_addr ipv6{};
   if (inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
@@ -102,7 +102,7 @@ class ImportReader {
     ++result_.lines;
     line = trimmed(line);
     if (isComment(line)) return;
-    // In hosts(5) a comment needs no space before it.
+    // In hosts(5), "#" starts a comment even without a space before it.
     std::string_view names = line.substr(0, line.find('#'));
     const std::string_view address = take_word(names);
     const Address kind = names.empty() ? Address::None : address_in(address);
@@ -122,7 +122,7 @@ class ImportReader {
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
     isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||");
     if (line.front() == '!' || title) return true;
-    // In other lists "##Title" is a comment.
+    // Only in a filter list: in other lists, "##Title" is a comment.
     return line.front() == '#' && !(isFilterList_ && hides_elements(line));
   }
 
@@ -201,7 +201,7 @@ class ImportReader {
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   ImportedSites result_;
-  std::unordered_map<std::string_view, BlockedSite*, KeyedHash> siteByHost_;  // pointers into the result
+  std::unordered_map<std::string_view, BlockedSite*, KeyedHash> siteByHost_;  // points into result_.sites
 };
 
 }  // namespace

@@ -11,17 +11,18 @@
 
 namespace orvane {
 
-// The sites in somebody else's block list. Each line has one of three forms:
+// The sites that read_import() finds in a block list from another source. Each line of the list has one of three forms:
 //
 //   form                            meaning                                              usual names by default
 //   example.com                     one name, or any line of orvane-list(5)              yes
 //   0.0.0.0 a.example b.example     hosts(5), with an unspecified or loopback address    no: these lists name each host
 //   ||example.com^                  a filter list's rule for a whole site                yes
 //
-// A comment starts with "#", or with "!" at the start of a line. A filter list's title is in brackets.
+// A comment starts with "#", or with "!" at the start of a line. A line in brackets is a filter list's title and counts
+// as a comment.
 struct ImportedSites {
-  // Each site once, in the order of first lines. It has usual names if one of its lines does; the last line decides
-  // whether it is suspended.
+  // Each site once, in the order in which the sites first occur. A site has usual names if one of its lines gives it
+  // usual names; its last line decides whether it is suspended.
   std::deque<BlockedSite> sites;
   size_t lines = 0;
   size_t duplicates = 0;   // names that occurred earlier in this text
@@ -43,7 +44,7 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;
-  size_t unchanged = 0;  // on the list as imported
+  size_t unchanged = 0;  // already on the list in the same form
   size_t removed = 0;    // only when the list is replaced
 };
 

@@ -30,7 +30,7 @@ bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 std::string_view host_of_url(std::string_view url) {
   url.remove_prefix(url.find("://") + 3);
   url = url.substr(0, url.find_first_of("/?#\\"));
-  url.remove_prefix(url.rfind('@') + 1);  // npos + 1 is 0
+  url.remove_prefix(url.rfind('@') + 1);  // npos + 1 is 0: no user name
   return url.substr(0, url.rfind(':'));
 }
 
@@ -94,7 +94,7 @@ bool accept_a_label(std::string_view label, std::string& fault) {
   return false;
 }
 
-// Appends the label's form to `name`.
+// Appends the form in which browsers send the label to `name`.
 bool append_label(const std::string& label, std::string& name, std::string& fault) {
   size_t start = name.size();
   if (std::all_of(label.begin(), label.end(), is_ascii)) {
@@ -140,7 +140,7 @@ bool ends_in_number(std::string_view name) {
   return std::all_of(last.begin(), last.end(), is_digit);
 }
 
-// `isAscii`: the given name was ASCII, so its A-labels have not been checked yet.
+// Checks the converted name as a whole. `isAscii`: the given name was ASCII, so its A-labels have not been checked yet.
 bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   if (name.empty()) {
     fault = "it is empty: give a host name";

@@ -13,7 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The extension refuses deeper nesting, and no real property comes near it.
+// No real property is nested this deeply. The limit of the extension itself is higher.
 constexpr int kDeepest = 16;
 
 Value convert(const Json& json, int depth);

@@ -21,7 +21,7 @@ Value parse_time(std::string_view text);
 //   a string under "DontBlockUntil", top level   a date
 //
 // Throws InputError for text that is not a JSON object, for null, for nesting deeper than 16 levels, and for a
-// "DontBlockUntil" that is not a time: the extension would ignore that one and go on blocking.
+// "DontBlockUntil" that is not a time: the extension would ignore such a property and go on blocking.
 Value parse_properties(std::string_view json);
 
 }  // namespace orvane

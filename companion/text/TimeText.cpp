@@ -51,7 +51,7 @@ class Reader {
  public:
   explicit Reader(std::string_view text) : rest_(text) { skipSpace(); }
 
-  // At least one digit.
+  // Reads a number of one to `mostDigits` digits.
   int number(size_t mostDigits, int largest = INT_MAX) {
     const std::string_view digits = takeAll("0123456789");
     expect(!digits.empty() && digits.size() <= mostDigits);
@@ -115,7 +115,8 @@ local_days read_date(Reader& reader) {
   return local_days(date);
 }
 
-// The day that the text starts with: "today", "tomorrow" or a date. Nothing, and nothing read, if it starts with none.
+// The day that the text starts with: "today", "tomorrow" or a date. If it starts with none of them, returns nothing and
+// reads nothing.
 std::optional<local_days> read_day(Reader& reader, local_days today) {
   if (reader.accept("today")) return today;
   if (reader.accept("tomorrow")) return today + days(1);

@@ -22,7 +22,8 @@ namespace {
 
 using Remote = control::OrvaneSECommunication::Client;
 
-// The number of messages sent before the reply to the first is awaited. The extension's own limit is higher.
+// How many messages are sent before the client waits for the reply to the first one. The extension accepts more at
+// once.
 constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};
@@ -32,8 +33,8 @@ constexpr uint64_t kCallWords = 64;
 
 capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}; }
 
-// The RPC objects of one connection. They belong to an event loop, which must be entered (kj::WaitScope) to make, use
-// or destroy them.
+// The RPC objects of one connection. They belong to an event loop, so they are made, used and destroyed only while a
+// kj::WaitScope of that loop exists.
 struct Session {
   Session(SocketEventPort& port, int socket)
       : stream(port, socket),
@@ -228,7 +229,7 @@ class LinuxClient final : public Client {
   std::unique_ptr<Session> session_;
 };
 
-// The given path, or the paths where an extension of this user or of the system listens.
+// The path in the options; without one, the paths where an extension of this user or of the system would listen.
 std::vector<std::string> paths_to_try(const ClientOptions& options) {
   if (!options.socket.empty()) return {options.socket};
   std::string error;
@@ -246,7 +247,7 @@ std::string advice(int error, const std::string& path) {
     case ENAMETOOLONG:
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
-      // The folder that the package's service manager makes.
+      // systemd makes this folder for the package's service, and only its group may enter.
       if (path.rfind("/run/orvane-se/", 0) == 0) return access_advice();
       return "it belongs to another user: run as that user or as root";
     default:
@@ -254,8 +255,9 @@ std::string advice(int error, const std::string& path) {
   }
 }
 
-// Connects to the first path that works: a stale socket must not hide a live one further on. Sets `reached` to that
-// path. If none works, the error is the first one other than a missing file.
+// Connects to the first path that works: a socket file that a dead extension left must not hide a live one later in the
+// list. Sets `reached` to that path. If no path works, the error that is thrown describes the first failure other than
+// a missing file.
 Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
   std::string tried, failure;
   bool isAbsent = true;

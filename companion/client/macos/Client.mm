@@ -16,7 +16,7 @@ namespace {
 
 using Remote = id<OrvaneSECommunication>;
 
-// Host names of a long list that are sent before waiting for an answer.
+// How many host names of a long list are sent before the client waits for an answer.
 constexpr size_t kWindow = 256;
 
 const char* const kEnded = "it ended during the call: its log may say why; run the command again";
@@ -48,8 +48,9 @@ std::string describe(::NSError* error) {
   return text_of([error localizedDescription]) + ": its log may say more";
 }
 
-// Whether an element has a property list's class. Only these cross in containers: the extension's end drops a message
-// with any other element, without an error.
+// Whether a container may have this element: any value but nil and sets, which are also not allowed further inside. If
+// a container has any other element, the extension's side drops the whole message without an error. So the client
+// checks before it sends.
 bool is_property_list(const Value& element) {
   if (element.isNil() || element.isSet()) return false;
   const Value::Array& array = element.asArray();
@@ -59,7 +60,8 @@ bool is_property_list(const Value& element) {
                      [](const auto& entry) { return is_property_list(entry.first) && is_property_list(entry.second); });
 }
 
-// Throws unless the argument can be sent: it is nil, or has the class that the protocol declares for it.
+// Throws unless the argument can be sent: it is nil, or has the class that the protocol declares for it and only
+// elements that a container may have.
 void check_argument(const Value& argument, Value::Kind kind, const char* name) {
   if (argument.isNil()) return;
   if (argument.kind() != kind) throw ClientError(std::string("an argument cannot be sent: give ") + name);
@@ -69,8 +71,8 @@ void check_argument(const Value& argument, Value::Kind kind, const char* name) {
   }
 }
 
-// Uses synchronous proxies, so messages arrive in order. A message without a reply has been carried out when the
-// extension answers a later one.
+// Uses synchronous proxies, so messages arrive in the order in which they were sent. Most messages have no reply, so a
+// ping follows: its answer shows that the extension has carried out the messages before it.
 class XPCClient final : public Client {
  public:
   explicit XPCClient(std::string service) : service_(std::move(service)) {}
@@ -167,7 +169,7 @@ class XPCClient final : public Client {
     sendEach("remove host names from", hostnames,
              [](Remote remote, ::NSString* hostname) { [remote removeHostname:hostname]; });
   }
-  // The framework reports no progress of a message, so only its start and its end are reported.
+  // The framework reports no progress of a message, so `progress` is called only before and after the message.
   void setHostnames(std::span<const std::string> hostnames, const Progress& progress) override {
     uint64_t total = 0;
     for (const std::string& hostname : hostnames) total += hostname.size();
@@ -200,7 +202,7 @@ class XPCClient final : public Client {
     checkAnswer(answer.has_value());
   }
 
-  // The answer of a restarted extension confirms no message sent before it.
+  // An answer from a restarted extension does not confirm the messages that were sent before the restart.
   void checkAnswer(bool hasAnswer) {
     if (!hasAnswer || (process_ != 0 && [connection_ processIdentifier] != process_)) error_->set(kEnded);
   }
@@ -254,7 +256,7 @@ class XPCClient final : public Client {
   const std::string service_;
   const std::shared_ptr<FirstError> error_ = std::make_shared<FirstError>();
   ::NSXPCConnection* connection_ = nil;
-  pid_t process_ = 0;  // of the extension that answered first
+  pid_t process_ = 0;  // of the extension that gave the first answer; 0 until then
 };
 
 }  // namespace

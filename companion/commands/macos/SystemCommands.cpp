@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// None: macOS has no keeper, and System Settings show whether the extension runs.
+// Declares nothing: macOS has no keeper, and System Settings show whether the extension runs.
 void declare_system_commands(CommandSet&, CommonOptions&) {}
 
 }  // namespace orvane

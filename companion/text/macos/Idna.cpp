@@ -43,7 +43,7 @@ constexpr uint32_t kNonTransitionalToUnicode = 0x20;
 constexpr uint32_t kEmptyLabel = 0x1;
 constexpr uint32_t kLabelTooLong = 0x2;
 constexpr uint32_t kHyphens =
-    0x8 | 0x10 | 0x20;  // as the first, last, or third and fourth character: browsers accept them
+    0x8 | 0x10 | 0x20;  // hyphens as first, last, or third and fourth character: browsers accept them
 struct LabelError {
   uint32_t bit;
   const char* text;
@@ -59,7 +59,7 @@ struct CloseIdna {
   void operator()(UIDNA* idna) const { uidna_close(idna); }
 };
 
-// Null when out of memory. Never changed, so every thread may use it.
+// Null when out of memory. The object never changes, so every thread may use it.
 const UIDNA* uts46() {
   static const std::unique_ptr<UIDNA, CloseIdna> kIdna = [] {
     int error = 0;
@@ -69,8 +69,8 @@ const UIDNA* uts46() {
   return kIdna.get();
 }
 
-// uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not allowed, so check for it first. There is no
-// output buffer, so for valid text u_strFromUTF8 reports an overflow.
+// uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not allowed, so check for it first. u_strFromUTF8
+// gets no output buffer, so for valid text it reports an overflow, which is no fault here.
 bool is_utf8(const std::string& text) {
   int error = 0;
   int32_t length = 0;
