@@ -13,13 +13,13 @@ class Table {
  public:
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  // Makes room for a number of entries, so that adding them does not allocate slots.
+  // Makes room for `count` entries in total, so that adding them does not allocate slots.
   void reserve(size_t count);
   void clear() { *this = Table(); }
 
   // Adds an entry unless the key exists. The key must be a string.
   void addIfAbsent(const Value& key, Value value);
-  // The value of a key; null when the key is absent or no string. Valid until the next change.
+  // The value of a key; null when the key is absent or is not a string. Valid until the next change.
   Value* find(const Value& key);
   // Removes a key, if it exists.
   void erase(const Value& key);
@@ -32,11 +32,11 @@ class Table {
     }
   }
 
-  // A copy as a dictionary. It shares the characters and the values.
+  // A copy as a dictionary. It shares the keys' characters and the values with the table.
   Value dictionary() const;
 
  private:
-  // Empty when the key is nil.
+  // A slot is empty when its key is nil.
   struct Slot {
     Value key, value;
   };

@@ -18,7 +18,8 @@ int db_init() {
   db_hostnames = std::make_unique<Table>();
   db_browsers = std::make_unique<Table>();
   load_browsers_id();
-  // After the load, which locks and unlocks: start-up has one thread, and an uninitialised RecursiveMutex does nothing.
+  // The load above has already locked and unlocked the mutex. That is harmless: start-up has one thread, and locking an
+  // uninitialised RecursiveMutex does nothing. The order is frozen (docs/compatibility.md).
   db_mutex.initialise();
   return 0;
 }
@@ -48,7 +49,7 @@ void db_hostname_set(const Value& hostnames) {
   // A long list takes long to insert and to free, and verdicts must not wait for that. So the new table is built before
   // locking, swapped in, and the old one freed after unlocking.
   auto table = std::make_unique<Table>();
-  // Spare room, so that names which are added one by one later do not grow the table under the lock.
+  // With spare room, so that names added one by one later seldom grow the table, which happens under the lock.
   table->reserve(hostnames.asSet().size() + hostnames.asSet().size() / 8);
   for (const Value& member : hostnames.asSet()) add_to_hostnames(*table, member);
   {

@@ -7,7 +7,7 @@
 // The block database: the host names to block, their properties (db_properties.h), and the identifiers that count as
 // browsers (db_browsers.h). There is one for the process, in memory only.
 //
-// Every function except db_init and db_term may be called on any thread. The arguments stay the caller's. No function
+// Every function except db_init and db_term may be called on any thread. The caller keeps its arguments. No function
 // fails; each one says what it does with an argument of the wrong type.
 //
 // Host names match byte for byte. The database changes neither case nor a final dot, so callers pass the form in which
@@ -19,7 +19,8 @@ int db_init();
 // Releases the tables. Only db_init may be called afterwards.
 void db_term();
 
-// Replaces the whole list by the strings of a set, each with empty properties. Any other value empties the list.
+// Replaces the whole list by the strings in a set, each with empty properties. A value that is not a set empties the
+// list.
 void db_hostname_set(const Value& hostnames);
 // Adds a string with empty properties; a name that is already held keeps its properties. Ignores other values.
 void db_hostname_add(const Value& hostname);

@@ -32,8 +32,8 @@ void add_to_browsers_identifiers(const Value& value) {
 
 // Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // One read of 1024 bytes, on purpose: a longer list is cut off, and the parser rejects it. A stream that offers its
-  // own buffer has no limit.
+  // One read of at most 1024 bytes, on purpose: a longer list is cut off, and the parser rejects it. The limit does not
+  // apply to a stream that gives access to its own buffer.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;
   int64_t count = 0;
@@ -98,7 +98,8 @@ void load_browsers_id() {
 }
 
 void db_browser_set_from_plist(const Value& plist) {
-  // Continues after this message: the value has no elements, so "empty plist file" follows.
+  // This message does not end the function: a value that is not an array has no elements, so "empty plist file"
+  // follows.
   if (!plist.isArray()) ORVANE_LOG_ERROR(db_log, "bad plist format");
   if (plist.asArray().empty()) {
     ORVANE_LOG_DEBUG(db_log, "empty plist file");

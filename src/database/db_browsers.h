@@ -11,19 +11,20 @@ namespace orvane {
 
 // Loads the browsers list of the extension's own bundle.
 void load_browsers_id();
-// Reads the resource Browsers.plist of the bundle at a file URL, or of the main bundle without one. Returns its
-// property list; nil after an error, which is logged.
+// Reads the resource Browsers.plist of the bundle at the file URL, or of the main bundle if there is no URL. Returns
+// the property list in it; nil after an error, which is logged.
 Value load_browsers_id_file(const std::optional<std::string>& bundleURL);
-// Replaces the identifiers by the strings of an array. An empty array and any other value change nothing.
+// Replaces the identifiers by the strings in an array. An empty array, or a value that is not an array, changes
+// nothing.
 void db_browser_set_from_plist(const Value& plist);
 
-// Replaces the identifiers by the strings of a set. Any other value removes them all.
+// Replaces the identifiers by the strings in a set. A value that is not a set removes all identifiers.
 void db_browsers_set(const Value& identifiers);
 // Adds a string. Ignores other values.
 void db_browser_add(const Value& identifier);
 void db_browser_remove(const Value& identifier);
 
-// Whether a bundle identifier ends with one of the identifiers.
+// Whether a program's bundle identifier ends with one of these identifiers.
 bool db_is_browser(std::string_view identifier);
 
 }  // namespace orvane

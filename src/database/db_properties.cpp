@@ -26,7 +26,8 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
 
 namespace {
 
-// The properties of a host. Null, after a message, without a dictionary. The caller holds the lock.
+// The properties of a host. If it has none, or if they are not a dictionary, logs a message and returns null. The
+// caller holds the lock.
 const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
   const Value* properties = db_hostnames->find(Value::borrowed(hostname));
   if (properties == nullptr || properties->isNil()) {
@@ -43,7 +44,7 @@ const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
 }  // namespace
 
 bool db_hostname_is_blockable(std::string_view hostname) {
-  // Held to the end, messages included, so that no edit comes between the steps of one decision.
+  // The lock is held to the end, messages included, so that no edit comes between the steps of one decision.
   DatabaseLock lock;
   if (!db_has_hostname(hostname)) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable: %@ not found", hostname);

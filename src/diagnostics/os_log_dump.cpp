@@ -48,7 +48,7 @@ int32_t format_group(char (&digits)[24], const unsigned char* bytes, int32_t gro
   }
 }
 
-// False when the next group does not fit.
+// Returns false when a group does not fit into the line.
 bool append_groups(Line& line, const unsigned char* bytes, int32_t count, int32_t groupSize) {
   const int32_t groups = std::max(count / groupSize, 1);
   for (int32_t group = 0; group < groups; ++group) {

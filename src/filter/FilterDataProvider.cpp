@@ -43,7 +43,7 @@ void FilterDataProvider::stopFilterWithReason(NEProviderStopReason /*reason*/,
 NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flow) {
   if (!isFlowFromBrowser(flow)) return NEFilterNewFlowVerdict::allowVerdict();
 
-  // Before the host name is read: it would be the name server's.
+  // The port is tested before the host name, because the host of a DNS flow is only the name server.
   if (socketFlow(flow) != nullptr && port(flow) == kDNSPort) {
     ORVANE_LOG_DEBUG(_log, "DNS packet data; waiting more data...");
     return peek_outbound(kDNSPeekBytes);
@@ -74,8 +74,8 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
 
 void FilterDataProvider::logQuestion(std::span<const uint8_t> readBytes) const {
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: DNS flow");
-  // Parsed from the first byte, although the chunk begins with a DNS header, and on TCP with a length: frozen
-  // (docs/compatibility.md). No verdict depends on it.
+  // The chunk is parsed from its first byte, although the question comes after a DNS header and, over TCP, a length.
+  // That is frozen (docs/compatibility.md). No verdict depends on the result.
   dns_question_t* question =
       dns_parse_question(reinterpret_cast<const char*>(readBytes.data()), static_cast<uint32_t>(readBytes.size()));
   if (question == nullptr) {
@@ -100,7 +100,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: socket type:%d, port:%lu", socket->socketType(),
                    static_cast<unsigned long>(port(flow)));
   if (port(flow) == kDNSPort) {
-    // A question for a held name is allowed, too: the connection that follows is dropped.
+    // Even a question for a held name is allowed, because the connection that follows it is dropped.
     logQuestion(readBytes);
     return NEFilterDataVerdict::allowVerdict();
   }
@@ -133,7 +133,7 @@ bool FilterDataProvider::isFlowFromBrowser(const NEFilterFlow& flow) const {
   if (!token) return false;
   std::optional<std::string> identifier = token->bundleIdentifier();
   if (identifier && db_is_browser(*identifier)) return true;
-  // This second look-up costs as much again, so it runs only when the first one found no browser.
+  // The second look-up costs as much as the first, so it runs only if the first one found no browser.
   identifier = token->responsibleBundleIdentifier();
   return identifier && db_is_browser(*identifier);
 }

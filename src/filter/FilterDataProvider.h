@@ -10,8 +10,8 @@
 
 namespace orvane {
 
-// The general provider. It drops a browser's flow to a held host: when the flow opens if its host name is known by
-// then, else at its first data. It logs browsers' DNS questions, and allows the flows of all other programs. Keeps no
+// The general provider. It drops a browser's flow to a held host: when the flow opens, or, if the flow has no host name
+// by then, at its first data. It logs browsers' DNS questions, and allows the flows of all other programs. Keeps no
 // state between calls.
 class FilterDataProvider : public NEFilterDataProvider {
  public:

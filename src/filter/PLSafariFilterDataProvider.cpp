@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kSafariIdentifier = "com.apple.Safari";
 
-// The host of the flow's URL; without a URL, the name that the socket was opened for.
+// The host of the flow's URL; without a URL, the host name that the application asked for.
 std::optional<std::string> hostname_of(const NEFilterFlow& flow, const Ref<NSURL>& url) {
   if (url) return url_host(*url);
   const NEFilterSocketFlow* socket = socketFlow(flow);
@@ -46,7 +46,7 @@ NEFilterNewFlowVerdict PLSafariFilterDataProvider::handleNewFlow(const NEFilterF
   const Ref<NSURL> url = flow.URL();
   if (url) ORVANE_LOG_DEBUG(_log, "URL: %@", url->absoluteString());
   const std::optional<std::string> hostname = hostname_of(flow, url);
-  // Every held host goes to the data stage. Only there is the date that suspends it read.
+  // Every flow to a held host goes on to the data stage, because only that stage reads the date that suspends the host.
   if (hostname && db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname (%@) in database : examining data flow.", *hostname);
     return NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);

@@ -11,7 +11,7 @@ bool isSocketFlow(const NEFilterFlow& flow) { return socketFlow(flow) != nullptr
 uint64_t port(const NEFilterFlow& flow) {
   const NEFilterSocketFlow* socket = socketFlow(flow);
   if (socket == nullptr) return 0;
-  // Each step reads the endpoint afresh, because a flow may learn it between two reads.
+  // Three reads of the endpoint are frozen (docs/compatibility.md): a flow may learn its endpoint between two of them.
   if (!socket->remoteEndpoint()) return 0;
   if (dynamic_cast<const NWHostEndpoint*>(socket->remoteEndpoint().get()) == nullptr) return 0;
   const Ref<NWEndpoint> endpoint = socket->remoteEndpoint();

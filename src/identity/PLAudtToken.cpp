@@ -13,7 +13,7 @@ namespace {
 bool is_audit_token(const Value& data) { return data.isData() && data.asData().size() == sizeof(audit_token_t); }
 
 // Looks up the bundle identifier of the running program that the attributes describe. On every return, the objects are
-// released in reverse order, the caller's attributes last.
+// released in the reverse order of their creation, and the caller releases the attributes last.
 std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref<Dictionary>& attributes) {
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
@@ -82,15 +82,15 @@ std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) con
     return std::nullopt;
   }
   std::optional<std::string> identifier = copy_bundle_identifier(_log, dictionary_create(GuestAttribute::Pid, number));
-  // Never released (docs/compatibility.md). Such a number is a tagged pointer, so nothing leaks.
+  // The number is never released (docs/compatibility.md). It is a tagged pointer, so nothing leaks.
   (void)number.detach();
   return identifier;
 }
 
 std::optional<std::string> PLAudtToken::responsibleBundleIdentifier() const {
   const Value data = auditTokenData();
-  // Callers ask bundleIdentifier() first, which logs a wrong size. Longer data still begin with a token, and are
-  // accepted.
+  // A wrong size is not logged here: callers ask bundleIdentifier() first, which logs it. Data longer than a token
+  // begin with a token, so they are accepted.
   audit_token_t token;
   if (data.asData().size() < sizeof token) return std::nullopt;
   std::memcpy(&token, data.asData().data(), sizeof token);

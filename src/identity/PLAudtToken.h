@@ -11,10 +11,11 @@
 
 namespace orvane {
 
-// Finds the program that owns an audit token. Each flow makes an object, asks it once or twice and drops it; nothing is
-// cached. A look-up that fails gives nothing, and logs the failing step at debug level. Thread-safe.
+// Finds the program that owns an audit token. A provider makes one object for each flow, asks it once or twice and
+// releases it; nothing is cached. A look-up that fails returns nothing, and logs the failing step at debug level.
+// Thread-safe.
 //
-// The spelling is frozen: it is the log category (docs/compatibility.md).
+// The spelling of the name is frozen: it is also the log category (docs/compatibility.md).
 class PLAudtToken : public NSObject {
  public:
   static Ref<PLAudtToken> auditTokenWithData(const Value& data) { return initWithData(data); }
@@ -25,13 +26,13 @@ class PLAudtToken : public NSObject {
   Value auditTokenData() const;
   void setAuditTokenData(Value data);
 
-  // The bundle identifier of the code that owns the token.
+  // The bundle identifier of the program that owns the token.
   std::optional<std::string> bundleIdentifier() const;
-  // The bundle identifier of a process's code. The platform checks the pid, so any number is allowed.
+  // The bundle identifier of the program that a process runs. The platform checks the pid, so any number is allowed.
   std::optional<std::string> bundleIdentifierFromPid(int32_t pid) const;
   // The bundle identifier of the process that the system holds responsible for the token's process.
   std::optional<std::string> responsibleBundleIdentifier() const;
-  // The path of the code that owns the given token. The object's own token is not used.
+  // The path of the program that owns the given token. The object's own token is not used.
   std::optional<std::string> applicationPathFromAuditToken(const Value& auditToken) const;
 
  protected:

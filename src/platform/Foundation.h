@@ -9,14 +9,14 @@
 
 namespace orvane {
 
-// An error of the platform, for completion handlers and for "%@".
+// An error that the platform reports. Completion handlers receive it, and "%@" logs it.
 class NSError : public NSObject {
  public:
   virtual std::string description() const = 0;
   virtual std::string localizedDescription() const = 0;
 };
 
-// A URL, as the platform gives it.
+// A URL that comes from the platform, such as that of a flow.
 class NSURL : public NSObject {
  public:
   virtual std::string absoluteString() const = 0;

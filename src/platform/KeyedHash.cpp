@@ -38,7 +38,7 @@ uint64_t word_at(const char* bytes) {
 // The last `count` bytes, at most seven, as a little-endian number.
 uint64_t last_bytes(std::string_view bytes, size_t count) {
   if (count == 0) return 0;
-  // One load and a shift are quicker than a loop, which only short texts need.
+  // One load and a shift are quicker than the loop below, which only texts of less than eight bytes need.
   if (bytes.size() >= sizeof(uint64_t)) return word_at(bytes.data() + bytes.size() - 8) >> (64 - 8 * count);
   uint64_t number = 0;
   for (size_t i = 0; i < count; ++i) number |= uint64_t{static_cast<uint8_t>(bytes[i])} << (8 * i);

@@ -7,8 +7,8 @@
 namespace orvane {
 
 // Hashes for tables whose keys come from outside. The standard library's hash has no secret, so anybody can compute
-// names that all fall into one place of a table; each look-up would then compare all of them. Without the key, nobody
-// can. Thread-safe.
+// names that all fall into the same slot of a table; each look-up would then compare all these names. These hashes have
+// a secret key, without which nobody can compute such names. Thread-safe.
 
 struct HashKey {
   uint64_t first, second;
@@ -17,7 +17,7 @@ struct HashKey {
 // SipHash-1-3: the variant of SipHash (Aumasson and Bernstein, 2012) with one round for each word and three at the end.
 uint64_t siphash13(HashKey key, std::string_view bytes);
 
-// The same with a random key that the process draws once, so the result differs from process to process.
+// siphash13() with a random key that each process draws once, so the result differs from process to process.
 uint64_t keyed_hash(std::string_view bytes);
 
 // For the standard library's containers.

@@ -19,7 +19,7 @@ using os_log_t = Ref<LogHandle>;
 
 os_log_t os_log_create(const char* subsystem, const char* category);
 
-// The log without a category. Never released.
+// The default log, which has no category. Its handle is never released.
 const os_log_t& default_log();
 
 // Whether the log keeps messages of a level. A null handle means the default log.
@@ -27,7 +27,7 @@ bool os_log_type_enabled(const os_log_t& log, LogLevel level);
 
 }  // namespace orvane
 
-// The arguments are a literal format and its values, see Log.h.
+// After the handle, the arguments are a literal format and its values; see Log.h.
 #define ORVANE_LOG_DEFAULT(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Default, log, __VA_ARGS__)
 #define ORVANE_LOG_INFO(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Info, log, __VA_ARGS__)
 #define ORVANE_LOG_DEBUG(log, ...) ORVANE_LOG_AT(::orvane::LogLevel::Debug, log, __VA_ARGS__)

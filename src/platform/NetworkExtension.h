@@ -38,7 +38,7 @@ class NEFilterFlow : public NSObject {
  public:
   // The audit token of the process that opened the flow: data of 32 bytes, or nil when the process is unknown.
   virtual Value sourceAppAuditToken() const = 0;
-  // Null when the flow has none.
+  // Null when the flow has no URL.
   virtual Ref<NSURL> URL() const = 0;
 };
 
@@ -46,7 +46,7 @@ class NEFilterSocketFlow : public NEFilterFlow {
  public:
   // Null while unknown.
   virtual Ref<NWEndpoint> remoteEndpoint() const = 0;
-  // The host name that the application asked for, in its spelling. Nothing when unknown.
+  // The host name that the application asked for, in the application's spelling. Nothing when unknown.
   virtual std::optional<std::string> remoteHostname() const = 0;
   // SOCK_STREAM or SOCK_DGRAM, as socket(2) numbers them.
   virtual int32_t socketType() const = 0;
@@ -55,8 +55,9 @@ class NEFilterSocketFlow : public NEFilterFlow {
 // A peek count that covers all bytes of a flow.
 inline constexpr uint64_t kFilterFlowBytesMax = UINT64_MAX;
 
-// The verdict on a new flow. After FilterData, the platform passes the provider data of each filtered direction, up to
-// its peek count, until a data verdict or the end of that direction decides the flow.
+// The verdict on a new flow. After FilterData, the platform passes data to the provider: for each filtered direction,
+// at most as many bytes as its peek count. This goes on until the provider's verdict on the data, or on the end of that
+// direction, decides the flow.
 struct NEFilterNewFlowVerdict {
   enum class Kind { Allow, Drop, FilterData };
 
@@ -76,7 +77,7 @@ struct NEFilterNewFlowVerdict {
   friend bool operator==(const NEFilterNewFlowVerdict&, const NEFilterNewFlowVerdict&) = default;
 };
 
-// The verdict on a flow's data, or on its end. It is final for the flow.
+// The verdict on a flow's data, or on the end of its data. It is final for the flow.
 struct NEFilterDataVerdict {
   enum class Kind { Allow, Drop };
 
@@ -144,7 +145,8 @@ class NEFilterDataProvider : public NSObject {
                                                          std::span<const uint8_t> readBytes) = 0;
   virtual NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) = 0;
 
-  // Asks the platform to apply the settings. It calls the handler once, on any thread, when they apply or have failed.
+  // Asks the platform to apply the settings. The platform calls the handler once, on any thread, when the settings
+  // apply or when it could not apply them.
   void applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler);
 
   // The platform's object for this provider, or null. Borrowed.
@@ -157,8 +159,8 @@ class NEFilterDataProvider : public NSObject {
 
 class NEFilterProvider {
  public:
-  // Registers a provider class under the name that a bundle may give. macOS finds its classes itself and ignores this.
-  // Call before startSystemExtensionMode.
+  // Registers a provider class under the name by which the bundle may choose it. On macOS the system itself finds the
+  // class, and this function does nothing. Call it before startSystemExtensionMode.
   static void registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)());
 
   // From now on the platform may create the provider that the bundle names and call it. Returns 0, or the platform's

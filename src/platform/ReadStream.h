@@ -12,7 +12,7 @@ struct ReadStream;
 void retain(const ReadStream* stream);
 void release(const ReadStream* stream);
 
-// A closed stream on a file URL. Null when the URL is not a file's.
+// A stream of the file at a file URL, not opened yet. Null when the URL is not a file URL.
 Ref<ReadStream> read_stream_create_with_file(const std::string& url);
 
 // Opens the stream. After false, release it without closing it.

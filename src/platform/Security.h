@@ -44,7 +44,7 @@ Ref<Number> number_create(int32_t value);
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData);
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid);
 
-// A key of signing information, and a key of the property list under it.
+// A key of the signing information, and a key of the property list that the information has under the first key.
 inline constexpr std::string_view kSecCodeInfoPList = "info-plist";
 inline constexpr std::string_view kCFBundleIdentifierKey = "CFBundleIdentifier";
 
@@ -54,7 +54,7 @@ const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::s
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key);
 
 // Each returns a status, 0 for success, and sets its output to an object that the caller owns, or to null. Callers must
-// handle every combination of the two. `host` is always null, and `flags` is always kDefaultFlags.
+// handle every combination of status and output. `host` is always null, and `flags` is always kDefaultFlags.
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest);
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode);
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information);

@@ -26,7 +26,7 @@ class RecursiveMutex {
 };
 
 // Holds the recursive monitor of an object for a scope (macOS: objc_sync_enter and objc_sync_exit). Objects have no
-// member for it: a monitor exists while a thread holds it or waits for it.
+// member for their monitor: a monitor exists while a thread holds it or waits for it.
 class ObjectMonitor {
  public:
   explicit ObjectMonitor(const NSObject* object);

@@ -38,7 +38,7 @@ namespace {
 
 std::atomic<size_t> content_bytes{0};
 
-// A content's header, the allocator's share, and a slot for the value in a half full Table.
+// What a content takes besides its bytes: its header, the allocator's share, and the value's slot in a half full Table.
 constexpr size_t kContentBytes = 96;
 // What a node of a hashed container takes besides its element.
 constexpr size_t kNodeBytes = 32;
@@ -65,7 +65,7 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
-// All NaNs are equal, whatever their bits, and so are both zeros.
+// All NaNs count as equal, whatever their bits, and so do both zeros. So all NaNs and zeros have the same hash.
 size_t hash_of(double real) {
   return std::isnan(real) || real == 0 ? 0 : keyed_hash({reinterpret_cast<const char*>(&real), sizeof real});
 }
@@ -296,7 +296,7 @@ Value Value::data(std::span<const uint8_t> bytes) {
 template <class Container>
 Value Value::container(Kind kind, Container elements) {
   Value result(kind);
-  // An empty container has no content: every held host has an empty dictionary.
+  // An empty container allocates no content, because nearly every held host has an empty dictionary.
   if (elements.empty()) return result;
   auto* content = new ContainerContent<Container>;
   content->elements = std::move(elements);
@@ -376,7 +376,8 @@ size_t Value::hashOfNonString() const noexcept {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    // The size alone: containers are rarely members or keys, and hashing their elements could recurse deeply.
+    // The hash of a container is its size alone: containers are rarely members or keys, and hashing their elements
+    // could recurse deeply.
     case Kind::Array:
       return asArray().size();
     case Kind::Set:

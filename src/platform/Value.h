@@ -15,7 +15,7 @@ namespace orvane {
 
 // A value that a companion may send or a property list may contain. Immutable, 16 bytes. Copies share the content; they
 // may be made and destroyed on any thread. Equality and hashes depend on the value: strings compare byte for byte;
-// numbers compare by their numeric value, whatever their form; a boolean equals no number.
+// numbers compare by their numeric value, whatever type they were made from; a boolean equals no number.
 class Value {
  public:
   // Null, not Nil: Objective-C defines Nil as a macro.
@@ -60,8 +60,8 @@ class Value {
   static Value set(Set members);
   static Value dictionary(Dictionary entries);
 
-  // A string for a look-up, which refers to the caller's characters and is valid as long as they are. It allocates
-  // nothing up to 65535 bytes. A copy of it owns its characters.
+  // A string for a look-up. It refers to the caller's characters, so it is valid as long as they are. No memory is
+  // allocated for a text of at most 65535 bytes. A copy of the string owns its characters.
   static Value borrowed(std::string_view text);
 
   Kind kind() const { return kind_; }
@@ -107,7 +107,7 @@ class Value {
   static size_t bytesInUse();
 
  private:
-  // Every content begins with its reference count. The kind tells its type.
+  // Every content begins with its reference count. kind_ tells the content's type.
   struct Counted;
   struct StringContent;
   struct DataContent;

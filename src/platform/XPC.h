@@ -9,7 +9,7 @@ namespace orvane {
 
 class OrvaneSECommunication;
 
-// A protocol, identified by its address.
+// A protocol, identified by the address of this object.
 struct Protocol {
   const char* name;
 };
@@ -28,8 +28,8 @@ class NSXPCInterface {
 // object on its own threads: those of one connection in order, those of several connections at the same time.
 //
 // Two handlers report the connection's end: "invalidated" when the peer closed it or exited, "interrupted" when it
-// broke. A system may report a broken connection to both. Linux reports each end once, even if it comes before the
-// handler is set; other systems may lose that report.
+// broke. A system may report a broken connection to both handlers. Linux reports the end of a connection once, even if
+// the connection ends before the handler is set; other systems may lose that report.
 class NSXPCConnection : public NSObject {
  public:
   virtual void setExportedInterface(const NSXPCInterface& exportedInterface) = 0;

@@ -7,7 +7,7 @@
 namespace orvane {
 
 OrvaneController* OrvaneController::shared() {
-  // Never released: connections may still use it while the process exits.
+  // Never released: connections may still use the object while the process exits.
   static OrvaneController* const instance = init().detach();
   return instance;
 }
@@ -26,7 +26,7 @@ void OrvaneController::start() { ORVANE_LOG_INFO(default_log(), "receive start c
 void OrvaneController::stop() { ORVANE_LOG_INFO(default_log(), "receive stop command"); }
 
 // Browsers come from the bundle's list alone. These three messages do nothing; they stay because both sides of the
-// protocol must have the same twelve (docs/compatibility.md).
+// protocol must have the same twelve messages (docs/compatibility.md).
 void OrvaneController::addApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::removeApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::setApplicationIdentifiers(const Value& /*identifiers*/) {}

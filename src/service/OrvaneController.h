@@ -7,8 +7,8 @@
 
 namespace orvane {
 
-// The object that all companions share. It passes their edits on to the block database and counts them; a companion
-// polls the count to see whether its edits have arrived. Thread-safe.
+// The object that all companions share. It passes their edits on to the block database and counts the edits. A
+// companion polls the count to see whether its edits have arrived. Thread-safe.
 class OrvaneController : public OrvaneSECommunication {
  public:
   // The shared instance, made on first use and never released.
@@ -37,7 +37,7 @@ class OrvaneController : public OrvaneSECommunication {
 
   bool mIsAppFilterActive = false;         // never set: there is no application filter
   Ref<NSRecursiveLock> mChangesCountLock;  // unused: the object's monitor guards the count
-  uint64_t mChangesCount = 0;              // 0 until the first edit since the start; wraps to 1
+  uint64_t mChangesCount = 0;              // edits since the start; wraps to 1, not to 0
 };
 
 }  // namespace orvane

@@ -13,7 +13,7 @@ Ref<XPCServiceDelegate> XPCServiceDelegate::init() {
 
 Value XPCServiceDelegate::systemExtensionMachServiceName() {
   Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
-  // Not rejected: the listener reports a name that it cannot use.
+  // The answer of this test is ignored (docs/compatibility.md): the listener reports a name that it cannot use.
   (void)name.isString();
   return name;
 }
@@ -22,8 +22,8 @@ bool XPCServiceDelegate::shouldAcceptNewConnection(NSXPCListener& /*listener*/, 
   newConnection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
   newConnection.setExportedObject(OrvaneController::shared());
   newConnection.activate();
-  // After activate(): that order is frozen (docs/compatibility.md). A connection that ends in between may lack the
-  // handlers' log lines.
+  // The handlers are set after activate(): that order is frozen (docs/compatibility.md). If the connection ends in
+  // between, the handlers' log messages may be missing.
   newConnection.setInvalidationHandler([] {
     ORVANE_LOG_DEFAULT(default_log(), "connection invalidated");
     OrvaneController::shared()->stop();

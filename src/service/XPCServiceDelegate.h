@@ -5,13 +5,14 @@
 
 namespace orvane {
 
-// Accepts every connection and connects it to the shared control object. It tests no peer: the system decides who may
-// connect.
+// Accepts every connection and connects it to the shared control object. It does not check the peer, because the system
+// decides who may connect.
 class XPCServiceDelegate : public NSXPCListenerDelegate {
  public:
   static Ref<XPCServiceDelegate> init();
 
-  // The service's name in the bundle's information: nil without one; a value of the wrong type is returned unchanged.
+  // The service's name from the bundle's information; nil if there is none. A value that is not a string is returned
+  // unchanged.
   static Value systemExtensionMachServiceName();
 
   bool shouldAcceptNewConnection(NSXPCListener& listener, NSXPCConnection& newConnection) override;

@@ -7,7 +7,7 @@
 namespace orvane {
 
 int32_t web_filter_init() {
-  // The bundle names the class that runs.
+  // The platform creates the class that the bundle names.
   NEFilterProvider::registerProviderClass("FilterDataProvider",
                                           []() -> Ref<NEFilterDataProvider> { return FilterDataProvider::init(); });
   NEFilterProvider::registerProviderClass(

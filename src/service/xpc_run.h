@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// Starts the listener of the control channel, which lives as long as the process, and returns.
+// Starts the listener of the control channel and returns. The listener lives as long as the process.
 void xpc_run();
 
 }  // namespace orvane

@@ -8,7 +8,7 @@ template <class Signature>
 class Block;
 
 // Keeps a block alive after the call that passed it: copies it from the stack and releases it with the last copy of
-// this value. Needs the compiler's blocks, but no Objective-C.
+// this value. Needs a compiler with blocks, but no Objective-C.
 template <class Result, class... Arguments>
 class Block<Result(Arguments...)> {
  public:

@@ -47,7 +47,7 @@ id element_object(const Value& value) {
   return dictionary;
 }
 
-// Foundation has one object for YES and one for NO. Other numbers equal to them are other objects.
+// Foundation has one object for YES and one for NO, so a number is a boolean if it is one of these two objects.
 Value number_value(::NSNumber* number) {
   if (number == [::NSNumber numberWithBool:YES]) return Value::boolean(true);
   if (number == [::NSNumber numberWithBool:NO]) return Value::boolean(false);
@@ -92,7 +92,8 @@ Value value_at_depth(id object, int depth) {
   if (is_kind(object, [::NSData class])) {
     return Value::data({static_cast<const uint8_t*>([object bytes]), [object length]});
   }
-  // Peers choose how deep their messages nest, and the threads that serve them have half a megabyte of stack.
+  // The depth is limited because peers choose how deep their messages nest, and the threads that serve them have half a
+  // megabyte of stack.
   if (depth == kMaxDepth) return nullptr;
   if (is_kind(object, [::NSArray class])) return array_value(object, depth + 1);
   if (is_kind(object, [::NSSet class])) return set_value(object, depth + 1);

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-// The messages from a companion to the extension, in the order of orvane::OrvaneSECommunication. Both ends must be
-// built against the same types.
+// The messages from a companion to the extension, in the order of orvane::OrvaneSECommunication. The companion and the
+// extension must be built with the same types.
 @protocol OrvaneSECommunication <NSObject>
 - (void)pingWithReply:(void (^)(BOOL alive))reply;
 - (void)getAppFilterStateWithReply:(void (^)(BOOL active))reply;

@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-// Wraps the framework's connection for the core. Passes each call on, in order.
+// Wraps the framework's connection for the core. The wrapper passes each call on, in order.
 Ref<NSXPCConnection> connection_of(::NSXPCConnection* connection);
 
 }  // namespace orvane

@@ -4,8 +4,8 @@
 
 #include "platform/XPC.h"
 
-// Adapts a listener's delegate: asks it about each new connection. The framework's listener does not retain the
-// adapter.
+// Adapts the core's delegate to the framework: asks the delegate about each new connection. The framework's listener
+// does not retain the adapter.
 @interface XPCServiceDelegate : NSObject <NSXPCListenerDelegate> {
  @private
   orvane::NSXPCListener* _listener;

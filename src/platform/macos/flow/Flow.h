@@ -6,7 +6,8 @@
 
 namespace orvane {
 
-// Wraps the framework's flow for the core. Retains it and reads each property when the core asks.
+// Wraps the framework's flow for the core. The wrapper retains the flow, and reads a property each time the core asks
+// for it.
 Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow);
 
 }  // namespace orvane

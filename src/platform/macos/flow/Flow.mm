@@ -9,7 +9,7 @@
 namespace orvane {
 namespace {
 
-// An endpoint that is no host, such as a Bonjour service.
+// An endpoint that is not a host, such as a Bonjour service.
 class OtherEndpoint final : public NWEndpoint {};
 
 Ref<NWEndpoint> endpoint_of(::NWEndpoint* endpoint) {

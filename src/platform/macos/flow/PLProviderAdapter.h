@@ -4,7 +4,8 @@
 
 #include "platform/NetworkExtension.h"
 
-// Adapts a C++ provider to the framework: makes it and passes each call to it. The framework calls on its own queues.
+// Adapts a C++ provider to the framework: makes the provider and passes each call on to it. The framework calls the
+// adapter on its own queues.
 @interface PLProviderAdapter : NEFilterDataProvider {
  @protected
   orvane::Ref<orvane::NEFilterDataProvider> _provider;

@@ -8,7 +8,7 @@
 namespace orvane {
 namespace {
 
-// These have their own autorelease pools, because the main thread has none during the start.
+// These functions have their own autorelease pools, because the main thread has no pool during the start.
 Owned<CFStringRef> string_create(std::string_view text) {
   @autoreleasepool {
     return Owned(reinterpret_cast<CFStringRef>([foundation_string(text) retain]));

@@ -4,12 +4,12 @@
 
 namespace orvane {
 
-// Sets the Objective-C object that represents a C++ object to the system. Both have one monitor, so code in either
-// language excludes the other. Retains the Objective-C object and borrows the C++ object until the process ends. Call
-// it once, before another thread uses the C++ object's monitor. Thread-safe.
+// Sets the Objective-C object that represents a C++ object to the system. Both objects share one monitor, so code that
+// holds it in one language also excludes code in the other. Retains the Objective-C object and borrows the C++ object
+// until the process ends. Call it once, before another thread uses the C++ object's monitor. Thread-safe.
 void set_counterpart(const NSObject* object, void* objectiveC);
 
-// Null when there is none.
+// The Objective-C object that was set for a C++ object; null when none was set.
 void* counterpart(const NSObject* object);
 
 }  // namespace orvane

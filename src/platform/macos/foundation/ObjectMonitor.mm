@@ -13,10 +13,11 @@ namespace orvane {
 
 namespace {
 
-// The Objective-C object whose monitor is used: the C++ object's counterpart, or one that exists while it is in use.
+// The Objective-C object whose monitor is used: the C++ object's counterpart, or an object that exists only while the
+// monitor is in use.
 struct Monitor {
   id object = nil;
-  size_t users = 0;  // ObjectMonitor values that hold or await it, plus one for a counterpart
+  size_t users = 0;  // ObjectMonitors that hold or await the monitor, plus one for a counterpart
   bool isCounterpart = false;
 };
 

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Outside of namespace orvane, which has another os_log_t: the system's macro needs its own.
+// Outside of namespace orvane, which has another os_log_t: the system's macro needs the system's type.
 void* default_handle() { return OS_LOG_DEFAULT; }
 
 }  // namespace
@@ -19,7 +19,8 @@ namespace {
 
 os_log_t adopted(void* handle) { return os_log_t::adopt(static_cast<LogHandle*>(handle)); }
 
-// A retained reference to the object that `make` returns. Has its own autorelease pool, as some threads have none.
+// A retained reference to the object that `make` returns. The function has its own autorelease pool, because some
+// threads have no pool.
 template <class Make>
 const void* retained(Make make) {
   @autoreleasepool {

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-// In the system library; no header declares it.
+// This function is in the system library, but no header declares it.
 extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid);
 
 namespace orvane {

@@ -17,7 +17,8 @@
 //   %@   an object             %d   an int         %ld  a long
 //   %lu  an unsigned long      %s   characters     %p   an address     %.8x  an unsigned int
 //
-// The compiler checks the arguments against the format. They are evaluated only if the level is enabled for the handle.
+// The compiler checks the arguments against the format. The arguments are evaluated only if the level is enabled for
+// the handle.
 namespace orvane {
 
 enum class LogLevel : uint8_t {
@@ -29,7 +30,7 @@ enum class LogLevel : uint8_t {
 
 namespace log_detail {
 
-// The system's object; the default log's for a null handle. Never null.
+// The system's object behind a handle; for a null handle, that of the default log. Never null.
 void* native(const os_log_t& log);
 
 // An argument in the form that the system's macro takes. Lives until the end of the logging statement.
@@ -80,7 +81,7 @@ Object argument(const Ref<NSError>& error);
   ORVANE_LOG_CHOOSE(__VA_ARGS__, ORVANE_LOG_4, ORVANE_LOG_3, ORVANE_LOG_2, ORVANE_LOG_1, )(__VA_ARGS__)
 #define ORVANE_LOG_WRITE(...) os_log_with_type(__VA_ARGS__)
 
-// The system's macro writes the message. It needs the literal format, and its own names in scope.
+// The system's macro writes the message. The macro needs the format as a literal, and the system's own names in scope.
 #define ORVANE_LOG_AT(level, log, ...)                                                                               \
   do {                                                                                                               \
     const ::orvane::os_log_t& orvane_log_handle = (log);                                                             \
