@@ -11,7 +11,7 @@
 // thread.
 @interface Switch : NSObject {
  @protected
-  NSString* _extension;  // its identifier
+  NSString* _extension;  // the extension's identifier
 
  @private
   NSString* _state;

@@ -37,7 +37,7 @@ std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps);
 // setting, so that the user may change it.
 struct PolicyInForce {
   std::optional<bool> http3;
-  std::string http3File;                    // the file that sets it
+  std::string http3File;                    // the file that sets `http3`
   std::optional<std::string> dnsOverHttps;  // "off", "automatic", "secure"
   std::string dnsOverHttpsFile;
   std::vector<std::string> unreadable;  // files that cannot be read or are not JSON objects

@@ -22,7 +22,8 @@ struct BrowserList {
 // The bundle of the package's extension.
 inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
 
-// Reads BUNDLE/Contents/Resources/Browsers.plist. A list over 1024 bytes is a fault: the extension reads no more.
+// Reads BUNDLE/Contents/Resources/Browsers.plist. A list of more than 1024 bytes is a fault, because the extension
+// reads only the first 1024.
 BrowserList read_browser_list(const std::string& bundle);
 
 enum class BrowserPackage { Program, Flatpak, Snap };
@@ -30,11 +31,11 @@ enum class BrowserPackage { Program, Flatpak, Snap };
 // An installed application with the category WebBrowser.
 struct InstalledBrowser {
   std::string name;        // as menus show it
-  std::string entry;       // its desktop entry's path
+  std::string entry;       // the path of the desktop entry
   std::string identifier;  // the bundle identifier that the extension sees; empty when the program does not exist
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
-  const PolicyPlace* place = nullptr;  // where it reads policies; null if not documented, and for a Flatpak
+  const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented, and for a Flatpak
   // Chromium's family only: the folder of its profiles, below ~/.config or the package's own folder for configuration.
   // Empty if unknown.
   std::string_view profileFolder = {};

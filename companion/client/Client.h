@@ -78,8 +78,9 @@ class Client {
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;
 };
 
-// Connects to the extension. Throws NoExtension, UnresponsiveExtension if a CallTimeout's signal ends the wait for an
-// extension that accepts no connection, and ClientError for any other failure. Over XPC every failure is a ClientError.
+// Connects to the extension. Throws one of three errors: NoExtension; UnresponsiveExtension, if a CallTimeout's signal
+// ended the wait for an extension that accepts no connection; ClientError for any other failure, and over XPC for every
+// failure.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 
 }  // namespace orvane

@@ -33,7 +33,7 @@
 namespace orvane {
 namespace {
 
-// The values of the command line.
+// The values of all options and arguments of the command line.
 struct Arguments : CommonOptions {
   std::vector<std::string> hosts;
   std::string file;

@@ -97,7 +97,8 @@ int doctor(const CommonOptions& options) {
   return sound ? kDone : kFailed;
 }
 
-// Only root may write below /etc. Checked first, for one clear error instead of one for each file.
+// Only root may write below /etc. This is checked first, so that the user gets one clear error instead of one for each
+// file.
 bool may_write(const char* command) {
   if (::geteuid() == 0) return true;
   print_error(std::string("cannot change browser policies: only root may write to /etc: run sudo orvanectl browsers "
@@ -131,7 +132,7 @@ void print_changes(const std::vector<PolicyChange>& changes, const char* done, b
   if (json) print_json(results);
 }
 
-// Returns false when at least one failed.
+// Reports the changes that failed. Returns false if there is at least one.
 bool report_failures(const std::vector<PolicyChange>& changes, const char* what) {
   bool none = true;
   for (const PolicyChange& change : changes) {

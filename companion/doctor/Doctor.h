@@ -34,7 +34,7 @@ struct Finding {
 struct UnitFacts {
   std::string name;
   bool known = false;      // the service manager answered
-  bool installed = false;  // it has this unit
+  bool installed = false;  // the service manager has this unit
   bool running = false;
   std::string state;  // as the service manager writes it: "active (running)"
 };
@@ -43,7 +43,7 @@ struct UnitFacts {
 struct ConnectionFacts {
   enum class Outcome { Answered, NoSocket, Refused, Denied, Silent };
   Outcome outcome = Outcome::NoSocket;
-  std::string socket;  // its path; for NoSocket, all paths that were tried
+  std::string socket;  // the socket's path; for NoSocket, all paths that were tried
 };
 
 // Whether the user belongs to the group whose members may connect to the extension.

@@ -73,7 +73,7 @@ bool is_answered(const std::string& socket) {
 }
 
 // Tries the same paths as a client, in the same order. Reports the first path that accepts a connection; if none does,
-// the first refusal or denial, or else that there is no socket.
+// the first path that refuses or denies the connection; otherwise that there is no socket.
 ConnectionFacts look_at_connection(const Examination& examination) {
   std::string error;
   std::vector<std::string> paths = examination.socket.empty() ? client_socket_paths(examination.service, &error)

@@ -11,7 +11,7 @@
 // names that it holds.
 namespace orvane {
 
-// Replaces everything that the extension holds. Returns the number of edits that the extension counts for it. Throws
+// Replaces everything that the extension holds. Returns how many edits the extension counts for these messages. Throws
 // ClientError.
 uint64_t send_all(Client& client, const HeldNames& list);
 

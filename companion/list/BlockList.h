@@ -44,7 +44,7 @@ class BlockList {
   static BlockList parse(std::string_view text);
   std::string text() const;
 
-  // In the order of the lines. If a site has several lines, the last one counts.
+  // The sites, in the order of their lines. If a site has several lines, the last one counts.
   std::vector<BlockedSite> sites() const;
   void forEachSite(const std::function<void(const BlockedSite&)>& visit) const;  // the same, without copying
   size_t size() const { return lineByHost_.size(); }                             // the number of sites

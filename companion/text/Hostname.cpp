@@ -118,8 +118,8 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
   return !found.text.empty();
 }
 
-// Converts label by label: given the whole name, libraries apply IDNA's hyphen rules to all-ASCII labels too. Browsers
-// do not, and send "r3---sn.b\u00fccher.example".
+// Converts label by label: a library that gets the whole name also applies IDNA's hyphen rules to all-ASCII labels.
+// Browsers do not apply them there, and send "r3---sn.b\u00fccher.example".
 bool append_international(std::string_view given, std::string& name, std::string& fault) {
   for (size_t at = 0; at <= given.size();) {
     size_t end = at;

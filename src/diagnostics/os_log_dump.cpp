@@ -95,7 +95,7 @@ void os_log_dump(os_log_t log,  // NOLINT(performance-unnecessary-value-param)
   uint64_t remaining = length;
   for (uint64_t offset = 0; offset < length; offset += static_cast<uint64_t>(bytesPerLine)) {
     const int32_t count = std::min(static_cast<int32_t>(remaining), bytesPerLine);
-    // Integer arithmetic: `data` may be null. NOLINTNEXTLINE(performance-no-int-to-ptr)
+    // Computed as an integer, because `data` may be null. NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* bytes = reinterpret_cast<const unsigned char*>(reinterpret_cast<uintptr_t>(data) + offset);
     Line line;
     if (bytes != nullptr && count > 0) format_line(line, bytes, count, bytesPerLine, groupSize, showASCII);

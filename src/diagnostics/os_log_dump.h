@@ -10,7 +10,7 @@ namespace orvane {
 // no memory. The length must be below 2^31.
 //
 //   prefix        begins every line
-//   offsetStyle   2: the line's offset and ": " follow the prefix; 1: its address and ": "; other values: neither
+//   offsetStyle   2: the line's offset and ": " follow the prefix; 1: the line's address and ": "; other values: none
 //   bytesPerLine  16 or 32; other values mean 16
 //   groupSize     bytes that are printed as one number, in the machine's byte order: 1, 2, 4 or 8; other values mean 1
 //   showASCII     adds the bytes as characters, with "." for those that are not printable ASCII

@@ -112,7 +112,7 @@ void append_date(std::string& text, double absoluteTime) {
   double unixTime = std::floor(absoluteTime + static_cast<double>(kReferenceInUnixTime.count()));
   std::tm parts{};
   char buffer[64];
-  // gmtime_r() fails when the year exceeds an int; print the seconds instead.
+  // gmtime_r() fails when the year exceeds an int. Then the absolute time is printed as a number.
   if (!(std::fabs(unixTime) < 67767976233532799.0)) {
     std::snprintf(buffer, sizeof buffer, "%.17g", absoluteTime);
   } else {

@@ -27,9 +27,9 @@ class NSXPCInterface {
 // A connection to one client, owned by the platform. After activate() the platform delivers messages to the exported
 // object on its own threads: those of one connection in order, those of several connections at the same time.
 //
-// Two handlers report the connection's end: "invalidated" when the peer closed it or exited, "interrupted" when it
-// broke. A system may report a broken connection to both handlers. Linux reports the end of a connection once, even if
-// the connection ends before the handler is set; other systems may lose that report.
+// Two handlers report the connection's end: "invalidated" when the peer closed the connection or exited, "interrupted"
+// when the connection broke. A system may report a broken connection to both handlers. Linux reports the end of a
+// connection once, even if the connection ends before the handler is set; other systems may lose that report.
 class NSXPCConnection : public NSObject {
  public:
   virtual void setExportedInterface(const NSXPCInterface& exportedInterface) = 0;
