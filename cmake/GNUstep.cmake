@@ -1,5 +1,6 @@
-# GNUstep's Foundation, on which tests run the Objective-C++ of the macOS platform. Sets ORVANE_GNUSTEP. If it is on,
-# OBJCXX is a language of the project, and the target `gnustep` has the options and libraries for it.
+# Finds GNUstep's Foundation, with which tests on Linux run the Objective-C++ code of the macOS platform. Sets
+# ORVANE_GNUSTEP to ON if everything is found. Then the language OBJCXX is enabled, and the target `gnustep` has the
+# options and libraries that Objective-C++ needs.
 set(ORVANE_GNUSTEP OFF)
 find_program(ORVANE_OBJCXX_COMPILER NAMES clang++ clang++-14)
 find_path(ORVANE_GNUSTEP_INCLUDE Foundation/NSDebug.h PATH_SUFFIXES GNUstep)
@@ -23,7 +24,8 @@ set(CMAKE_OBJCXX_STANDARD ${CMAKE_CXX_STANDARD})
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
 
-# One of GNUstep's headers includes this header of another runtime if blocks are on, but needs nothing from it.
+# With blocks enabled, one of GNUstep's headers includes objc/blocks_runtime.h, which belongs to another Objective-C
+# runtime. GNUstep needs nothing from that header, so an empty file is enough.
 set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated/gnustep)
 file(WRITE ${generated}/objc/blocks_runtime.h "")
 
@@ -34,7 +36,8 @@ set(options
     -DGNUSTEP_BASE_LIBRARY=1 -DGNU_RUNTIME=1 -D_NATIVE_OBJC_EXCEPTIONS)
 target_compile_options(
   gnustep INTERFACE "$<$<COMPILE_LANGUAGE:OBJCXX>:${options};SHELL:-idirafter ${ORVANE_OBJC_INCLUDE}>")
-# The blocks runtime must come first, and must be loaded even if a linker sees no need. GNUstep has one for another
-# compiler, whose Block_copy would leave clang's blocks on the stack.
+# GNUstep has a blocks runtime for another compiler, whose Block_copy would leave clang's blocks on the stack. So
+# clang's blocks runtime is linked before GNUstep, and --no-as-needed loads it even if the linker finds that nothing
+# needs it.
 target_link_options(gnustep INTERFACE -Wl,--no-as-needed)
 target_link_libraries(gnustep INTERFACE ${ORVANE_BLOCKS_RUNTIME} ${ORVANE_GNUSTEP_BASE} objc ${CMAKE_DL_LIBS})

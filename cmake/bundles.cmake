@@ -1,4 +1,5 @@
-# Settings of both macOS bundles: their language, and the names that connect the extension with its application.
+# Settings that both macOS bundles share, the extension's and the application's: Objective-C++, and the names that
+# connect the two.
 enable_language(OBJCXX)
 set(CMAKE_OBJCXX_STANDARD ${CMAKE_CXX_STANDARD})
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
@@ -8,20 +9,22 @@ set(ORVANE_TEAM "" CACHE STRING "The identifier of the signing team, or empty")
 if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
   message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters or digits")
 endif()
-# The name in distribution profiles. Development profiles use content-filter-provider.
+# Must be the entitlement that the provisioning profiles grant. This default is its name in distribution profiles; in
+# development profiles it is content-filter-provider.
 set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "The filter entitlement of the profiles")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
 # The application group of the extension and its application. The system registers the extension's Mach service only if
-# its name begins with the group's.
+# the service's name begins with the group's name.
 set(ORVANE_APPLICATION_GROUP org.orvane)
 if(NOT ORVANE_TEAM STREQUAL "")
   string(PREPEND ORVANE_APPLICATION_GROUP ${ORVANE_TEAM}.)
 endif()
-# The value of two keys of Info.plist: one for the system, one for the program.
+# The name of the Mach service. Info.plist has it under two keys: NEMachServiceName, which the system reads, and
+# NSEndpointSecurityMachServiceName, which the program reads.
 set(ORVANE_MACH_SERVICE ${ORVANE_APPLICATION_GROUP}.OrvaneSE)
 
-# orvane_entitlements(FILE IDENTIFIER): writes the entitlements for codesign(1) of the bundle with that identifier, from
-# FILE.in. With a team, adds the two entries that the system compares with the provisioning profile.
+# orvane_entitlements(FILE IDENTIFIER): generates from FILE.in the entitlements with which codesign(1) signs the bundle
+# IDENTIFIER. If ORVANE_TEAM is set, adds the two entries that the system compares with the provisioning profile.
 function(orvane_entitlements file identifier)
   set(ORVANE_TEAM_ENTITLEMENTS "")
   if(NOT ORVANE_TEAM STREQUAL "")

@@ -4,7 +4,7 @@ if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
 endif()
 include(GNUInstallDirs)
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
-set(library lib/orvane-se) # not lib/<architecture>: these are programs
+set(library lib/orvane-se) # not lib/<architecture>, because the folder contains programs, not libraries
 set(bundle ${library}/OrvaneSE.systemextension/Contents)
 
 # The installed extension must filter with netfilter or fail to start, never fall back to the proxy.

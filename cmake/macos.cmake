@@ -16,7 +16,7 @@ list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES CMAKE_OSX_SYSROOT)
 set(CMAKE_SYSTEM_NAME Darwin)
 set(CMAKE_SYSTEM_VERSION 20) # Darwin 20 is macOS 11
 
-# Distributions install some of these tools only here.
+# Distributions install some of the tools below only in LLVM's own folders, which are not in PATH.
 file(GLOB llvm /usr/lib/llvm-*/bin)
 macro(orvane_find_tool variable name)
   find_program(${variable} ${name} PATHS ${llvm} REQUIRED)
@@ -28,7 +28,8 @@ orvane_find_tool(ORVANE_LLD ld64.lld)
 orvane_find_tool(ORVANE_LIPO llvm-lipo)
 orvane_find_tool(ORVANE_LIBTOOL llvm-libtool-darwin)
 
-# The compiler runs a program of this name to join the objects for both processors.
+# To join the objects for both processors, the compiler runs a program that must be named "lipo". -B below names its
+# folder.
 set(tools ${CMAKE_BINARY_DIR}/tools)
 file(MAKE_DIRECTORY ${tools})
 file(CREATE_LINK ${ORVANE_LIPO} ${tools}/lipo SYMBOLIC)
