@@ -1,5 +1,6 @@
-// million_names preloads this library into the extension. It measures the longest time for which a recursive mutex in
-// the program's static memory is held; the database's is the only one. SIGUSR2 prints it.
+// million_names preloads this library into the extension. It measures the longest time for which a thread holds a
+// recursive mutex in the program's static memory; the database's lock is the only such mutex. On SIGUSR2 it prints that
+// time.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>

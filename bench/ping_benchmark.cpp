@@ -1,5 +1,5 @@
-// The control channel: a ping, compared with a bare echo over a Unix-domain socket; and edits of one client and of
-// several, which the real control object carries out.
+// The control channel: a ping, compared with a bare echo over a Unix-domain socket; and edits from one client and from
+// several at once, which the extension's control object carries out.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -102,7 +102,7 @@ double median(std::vector<double> values) {
 }
 
 // Binds the calling thread, and the threads that it starts from now on, to one of the processors that this program may
-// use.
+// use: the one at index `which`, or all of them if there are not so many.
 void stay_on(size_t which) {
   static const cpu_set_t kAllowed = [] {
     cpu_set_t set;
@@ -117,9 +117,9 @@ void stay_on(size_t which) {
   sched_setaffinity(0, sizeof one, CPU_COUNT(&one) == 1 ? &one : &kAllowed);
 }
 
-// Alternates between pings and echoes, so that other load on the machine slows both, and takes the median. Both ends
-// are bound to one processor or to two: otherwise the scheduler may use one for the ping and two for the echo, and
-// waking the second costs more than either.
+// Alternates between pings and echoes, so that other load on the machine slows both, and takes the median. Client and
+// server are bound to one processor, or to one each. Otherwise the scheduler may run the ping on one processor and the
+// echo on two, and waking the second processor costs more than a ping or an echo.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;
@@ -153,7 +153,7 @@ const Extension& shared_extension() {
   return kExtension;
 }
 
-// One edit at a time; each client has a thread.
+// Each client sends one edit at a time, from a thread of its own.
 void Edits(benchmark::State& state) {
   auto client = shared_extension().client();
   Value name = Value::string("host-" + std::to_string(state.thread_index()) + ".example.org");

@@ -26,7 +26,7 @@ _WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
 class _Stage:
     """A running extension, and the table that shows what programs see of it.
 
-    looks_up_browsers: whether the provider looks up each program among the browsers, so that the log shows it.
+    looks_up_browsers: whether the provider looks up each program in the browser list; the log then shows the program.
     """
 
     def __init__(
@@ -42,13 +42,14 @@ class _Stage:
         self._looks_up_browsers = looks_up_browsers
 
     def fetch(self, program: Program, destination: Destination, expected: str) -> None:
-        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # a path for each row
+        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # each row has its path
         try:
             seen = program.fetch(destination, path, self.extension.proxy)
         except subprocess.TimeoutExpired as expired:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # No rule covers a special port, so the proxy shows no flow for it. The kernel still shows the DNS flow.
+        # A destination with a port of its own is not covered by the provider's rules, so the proxy passes the provider
+        # no flow. From the kernel the provider still gets a flow: the DNS question for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None
@@ -61,7 +62,7 @@ class _Stage:
         self._table.row(program.name, program.identifier, str(destination), expected, seen.text, fault)
 
     def control(self, *arguments: str, text: str | None = None, prints: str | None = "", code: int = 0) -> None:
-        """Runs orvanectl and checks its output, unless `prints` is None, and its exit code."""
+        """Runs orvanectl. Checks its exit code and, unless `prints` is None, its output."""
         done = self._controlled.control(*arguments, text=text)
         printed = done.stdout.strip()
         fault = None
@@ -81,7 +82,7 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: lis
         for destination in _WEB:
             held = program is curl and destination.host == HELD
             stage.fetch(program, destination, DROP if held else ALLOW)
-    # The proxy learns the name from the tunnel's data. Flows of the kernel have it from the start.
+    # The proxy learns the name only from the tunnel's data. A flow from the kernel has the name from the start.
     stage.fetch(curl, Destination("https", HELD, by_address=True), DROP_AT_DATA if stage.extension.proxy else DROP)
     stage.fetch(curl, Destination("https", NEWS, by_address=True), ALLOW)
     # The provider's rules do not cover this port.
@@ -107,7 +108,7 @@ def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
     stage.fetch(curl, _HTTPS_NEWS, ALLOW)
     stage.extension.process.kill()
     stage.extension.process.wait()
-    time.sleep(0.5)  # the packet queue is free when its watchdog has ended too
+    time.sleep(0.5)  # the killed extension's packet queue is in use until its watchdog ends too
     stage.extension.start()
     time.sleep(1)
     table.note("the extension was killed, and started again one second ago")

@@ -7,7 +7,8 @@
 
 namespace orvane {
 
-// Reads the first bytes of a connection at once, and one by one; both must give the same result. Returns the reader.
+// Reads the first bytes of a connection at once, and again in up to 61 pieces; both must give the same result. Returns
+// the reader that read them at once.
 inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   ServerNameReader whole, pieces;
   whole.read(bytes);

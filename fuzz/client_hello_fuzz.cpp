@@ -10,7 +10,8 @@ using namespace orvane;
 
 namespace {
 
-// Stores the first host name of the extension that GnuTLS finds.
+// GnuTLS calls this for each extension of the hello. From the server name extension (0) it stores the first host name,
+// and all bytes that follow it there.
 int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
   auto& found = *static_cast<std::string*>(context);
   if (id == 0 && found.empty() && size > 5 && data[2] == 0) found.assign(data + 5, data + size);
@@ -27,8 +28,8 @@ std::optional<std::string> name_by_gnutls(std::span<const uint8_t> body) {
 
 }  // namespace
 
-// The input is TLS records, or else the body of a ClientHello, which is split into records of one length. If GnuTLS
-// accepts the body and it has one server name, the reader must find that name.
+// An input that begins like a TLS record is read as it is. Any other input is the body of a ClientHello, and is split
+// into records of equal length. If both GnuTLS and the reader find a name in that body, it must be the same name.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint8_t kHandshakeRecord = 22, kClientHello = 1;
   std::span<const uint8_t> bytes(data, size);
@@ -53,7 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto name = name_by_gnutls(bytes);
   if (name && reader.state() == ServerNameReader::State::Known && !name->empty() &&
       listed_form(*name) != reader.name() && name->find('\0') == std::string::npos) {
-    // A list with several names: GnuTLS's callback has all of it.
+    // With several names in the list, take_extension() stored the rest of the list too. It begins with the reader's
+    // name.
     if (listed_form(*name).compare(0, reader.name().size(), reader.name()) != 0) abort();
   }
   return 0;

@@ -1,6 +1,6 @@
-// Plays a client of the control channel that sends arbitrary bytes. The first byte selects the target: a session from
-// the first frame on, a session after the bootstrap message, a framed message after it, or the conversion of values
-// alone.
+// Plays a client of the control channel that sends arbitrary bytes. The first byte selects what reads the other bytes:
+// a new session; a session that has read the bootstrap message; such a session, but with the bytes framed as one
+// message; or the conversion of values alone.
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize.h>
 #include <sys/socket.h>
@@ -29,7 +29,7 @@ void log_detail::write(const os_log_t&, LogLevel, std::string_view, std::initial
 
 namespace {
 
-// Reads every byte of its arguments.
+// The exported object. It reads every byte of its arguments.
 class Exported final : public OrvaneSECommunication {
  public:
   void pingWithReply(const BooleanReply& reply) override { reply(true); }

@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t kCells = size_t{1} << 20;  // more than the segments below reach
 
-// One cell for each byte, which keeps its first value.
+// The expected flight: one cell for each byte. A cell keeps the first value that it gets.
 struct Model {
   std::vector<std::optional<uint8_t>> cells;
   std::optional<uint32_t> begin;
@@ -35,7 +35,7 @@ struct Model {
   }
 };
 
-// Repeats after 256 bytes.
+// The bytes of the segments. They repeat after 256.
 const auto kContents = [] {
   std::array<uint8_t, 6000 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
@@ -45,7 +45,8 @@ const auto kContents = [] {
 }  // namespace
 
 // The input: four bytes of the first sequence number, then for each segment two bytes of its offset (512 is the first
-// sequence number) and two bytes of its length. Each segment has other contents, which shows whose bytes stay.
+// sequence number) and two bytes of its length. The segments differ in their bytes, so that a byte from the wrong
+// segment is noticed.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> input(data, std::min<size_t>(size, 4 + 4 * 60));
   if (input.size() < 4) return 0;
@@ -55,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Model model;
   std::vector<uint8_t> seen;
   for (size_t at = 4, segment = 0; at + 4 <= input.size(); at += 4, ++segment) {
-    // Mostly short, because the model's work grows with the bytes.
+    // Most segments are short, because the model's work grows with the number of bytes.
     const size_t length = number(at + 2) < 65280 ? number(at + 2) % 64 : 6000;
     auto payload = std::span(kContents).subspan(segment * 31 % 256, length);
     const uint32_t sequence = first + (at == 4 ? 0 : number(at) % 4096 - 512);

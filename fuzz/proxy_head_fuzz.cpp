@@ -3,7 +3,8 @@
 #include "FirstBytes.h"
 #include "platform/linux/proxy/ProxyHead.h"
 
-// The first bytes from a client of the proxy: a head with a body, and the same bytes as the begin of a tunnel.
+// Reads the input as the first bytes from a client of the proxy, a head with a body, and also as the first bytes in a
+// tunnel.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace orvane;
   std::span<const uint8_t> bytes(data, size);

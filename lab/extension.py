@@ -39,7 +39,7 @@ class Extension:
     """An extension that runs for a with block. Leaving the block ends it; an exit code other than 0 is a Failure.
 
     `directory` must not exist yet. Without a `flow_source` the extension chooses netfilter if it can, else the proxy.
-    Then `flow_source` is its choice, and `netfilter_error` says why netfilter was impossible.
+    After such a start the member `flow_source` is its choice, and `netfilter_error` says why it is not netfilter.
     """
 
     def __init__(
@@ -68,7 +68,7 @@ class Extension:
         return self
 
     def start(self) -> None:
-        """Returns when the extension filters. It may have run, and been killed, before."""
+        """Starts the extension, and returns when it filters. Also restarts an extension that was killed."""
         environment = {"RUNTIME_DIRECTORY": str(self._socket.parent), "NOTIFY_SOCKET": str(self._notifications)}
         self._notifications.unlink(missing_ok=True)
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications, open(self._log, "ab") as log:
@@ -77,7 +77,7 @@ class Extension:
             start = self.log_size()
             self.process = subprocess.Popen(self.command, env=environment, stdout=log, stderr=log)
             self._wait_until_ready(notifications)
-        # The filter reports its start, but the control channel may still be starting.
+        # The notification only says that the filter has started. Wait for the control channel too.
         self.wait_for(r"OrvaneSE started\.\.\.", start)
         if self._fixed_source is None:
             found = self.wait_for(r"flow source: (\w+)(?:, because netfilter is unavailable: (.*))?", start)
@@ -124,7 +124,10 @@ class Extension:
         self.control("set", "-", text="\n".join(names) + "\n").check_returncode()
 
     def counters(self) -> dict[str, int]:
-        """The extension's counters, by the words after each number in its log. The first of two equal words counts."""
+        """The extension's counters from its log. The key of a counter is the words after its number there.
+
+        If the same words follow two numbers, the first number is returned.
+        """
         since = self.log_size()
         self.process.send_signal(signal.SIGUSR1)
         self.wait_for(r"longest hold \d+ microseconds\n", since)
@@ -142,7 +145,7 @@ class Extension:
         return self._log.read_bytes()[since:].decode(errors="replace")
 
     def identifiers_judged(self, since: int) -> set[str]:
-        """The bundle identifiers that the log, after its first `since` bytes, shows as looked up."""
+        """The bundle identifiers that the extension looked up in the browser list, by the log from byte `since` on."""
         return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", self.log_text(since)))
 
     def log_end(self) -> str:

@@ -1,4 +1,4 @@
-"""The first bytes that a browser sends on a connection, and a server that answers after reading just these."""
+"""The first bytes that a browser sends on a connection, and a server that reads only them and answers."""
 
 import collections
 import functools
@@ -10,7 +10,7 @@ import ssl
 import time
 
 SERVED = b"served"
-_IDLE_LIMIT = 10  # seconds; the server closes a silent connection then, as it cannot see that the filter reset it
+_IDLE_LIMIT = 10  # seconds until the server closes a silent connection: it cannot see that the filter reset one
 
 
 @functools.cache
@@ -42,7 +42,8 @@ class FirstBytesServer:
         forking = multiprocessing.get_context("fork")
         self._watched, self._idle_limit = watched.encode(), idle_limit
         self._seen = forking.Value("i", 0)
-        # Another server may listen on all addresses; the kernel prefers the listener on the one address.
+        # Another server may listen on the same ports at all addresses. For connections to this address the kernel
+        # prefers the listener that is bound to it.
         listeners = [socket.create_server((address, port), backlog=4096, reuse_port=True) for port in ports]
         forking.Process(target=self._serve, args=(listeners,), daemon=True).start()
         for listener in listeners:

@@ -1,4 +1,4 @@
-"""What the cases share: servers, client programs, extensions, and raw connections."""
+"""What the end-to-end cases share: servers, client programs, extensions, and raw connections."""
 
 import contextlib
 import os
@@ -18,8 +18,8 @@ from programs import ALLOW, DROP, Destination
 from web_servers import WebServers
 
 HELD, NEWS = "held.example", "news.example"
-os.environ["PATH"] += ":/usr/sbin:/sbin"  # where iptables is; a user's path often lacks them
-PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the bundle identifier of this process
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # iptables is there; a user's PATH often lacks them
+PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the bundle identifier that this process has
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
 
 
@@ -39,7 +39,7 @@ def outcome(connection: socket.socket) -> str:
 
 
 def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
-    """Connects, sends the first bytes of a browser in so many pieces, and returns the outcome."""
+    """Connects, sends the first bytes of a browser, split into `pieces` parts, and returns the outcome."""
     text = hello(name) if port == 443 else request(name)
     step = -(-len(text) // pieces)
     try:
@@ -86,7 +86,7 @@ class World:
                 raise Unavailable(f"this kernel refuses a packet queue: {error.stderr.strip()}") from None
 
     def serve(self) -> None:
-        """Starts the name and web servers. Both names have the same addresses."""
+        """Starts the name server and the web servers. HELD and NEWS have the same addresses."""
         name_server.serve({name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)})
         folder = self.directory / f"servers-{os.getpid()}"
         folder.mkdir()
@@ -114,7 +114,7 @@ class World:
         return self.program(programs.Curl, "curl", self.servers.authority)
 
     def fetch(self, program: programs.Program, scheme: str, host: str, *more) -> str:
-        """The verdict, as the program sees it. Checks that the web server agrees."""
+        """Fetches a page. Returns the verdict that the program saw, and checks it against the web server's record."""
         self._fetched += 1
         path = f"/{self._fetched}"
         seen = program.fetch(Destination(scheme, host), path, None, *more)

@@ -29,11 +29,11 @@ class Unavailable(Exception):
 
 
 def _find_unshare() -> list[str]:
-    """The unshare(1) command that works here. Without root it also needs a user namespace."""
+    """The unshare(1) command that works here. Without root, it makes a user namespace too."""
     errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
         command = ["unshare", *more, *_NAMESPACES]
-        # A container's root may create a network but not configure it, so the trial does both.
+        # Root in a container may create a network namespace but not configure it, so the trial does both.
         code = f"import sys; sys.path.insert(0, {str(HERE)!r}); import isolation; isolation.bring_loopback_up()"
         trial = subprocess.run([*command, PYTHON, "-B", "-c", code], check=False, capture_output=True, text=True)
         if trial.returncode == 0:
@@ -60,8 +60,8 @@ def _end(unshare: subprocess.Popen) -> None:
 def run_isolated(script: str, *arguments: str) -> int:
     """Runs the script again in the namespaces. Its arguments are INSIDE, an empty directory, and these arguments.
 
-    Returns the script's exit code. A signal that interrupts the run then ends this process as usual. Raises
-    Unavailable.
+    Returns the script's exit code. If a signal interrupts the run, this ends the script, cleans up, and then lets the
+    signal end this process. Raises Unavailable if the machine does not allow the namespaces.
     """
     unshare, interrupted = None, 0
 
@@ -92,7 +92,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)
-    # After an interrupt these would be unshare's messages about its own end.
+    # Not printed after an interrupt: the errors would then be unshare's messages that it was ended.
     sys.stderr.write(errors)
     return unshare.returncode
 
@@ -116,7 +116,7 @@ def bring_loopback_up() -> None:
 
 
 def prepare(directory: pathlib.Path) -> None:
-    """Runs inside the namespaces: mounts memory on `directory` and sends name look-ups to the local server."""
+    """Runs inside the namespaces: mounts a tmpfs on `directory`, and sends name look-ups to the local name server."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
     bring_loopback_up()
     _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")

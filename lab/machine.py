@@ -29,7 +29,10 @@ def _sources() -> list[str]:
 
 
 def restart_in_mount_namespace(script: str, arguments: list[str]) -> None:
-    """Replaces this process by the script in a new mount namespace. Its mounts vanish when it ends, even if killed."""
+    """Replaces this process by the script, run in a new mount namespace.
+
+    The script's mounts vanish when it ends, even if it is killed.
+    """
     os.execvp("unshare", ["unshare", "--mount", "--propagation=private", sys.executable, script, *arguments])
 
 
@@ -42,9 +45,10 @@ def require(*programs: str) -> None:
 
 
 class Machine:
-    """A system that runs for a with block. It resolves `hosts` to itself.
+    """A Debian system in a container, which runs for a with block. Its hosts file resolves `hosts` to 127.0.0.1.
 
-    Its folder /outside shows the parts of the test's machine that programs need: /usr, /etc, and the folder `work`.
+    Programs of the test's machine can run in it too: its folder /outside shows what they need of that machine, which is
+    /usr, /etc, and the folder `work`.
     """
 
     def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):
@@ -72,7 +76,7 @@ class Machine:
         os.rmdir(self._folder)
 
     def _make_root(self) -> None:
-        # About 300 MB in memory. On a disk, a third of the time goes into files.
+        # About 300 MB, in memory: on a disk, writing these files would take a third of the test's time.
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g,mode=0755", "tmpfs", self._folder], check=True)
         self.work.mkdir()
         command = ["mmdebstrap", "--quiet", "--variant=apt", f"--include={','.join(self._packages)}", CODENAME]
@@ -96,7 +100,8 @@ class Machine:
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
         with open(self._folder / "console", "ab") as console:
-            # The container ends with this process, even if that is killed. In its own session, it gets no Ctrl-C.
+            # With --pdeathsig the container ends with this process, even if this process is killed. In a session of
+            # its own, the container gets no Ctrl-C.
             self._container = subprocess.Popen(
                 ["setpriv", "--pdeathsig=KILL", *command],
                 stdin=subprocess.DEVNULL,
@@ -114,7 +119,7 @@ class Machine:
             self.run("mount", "--rbind", path, f"/outside{path}")
 
     def _leader(self) -> int | None:
-        """The container's first process: its number on the test's machine."""
+        """The process id that the container's first process has on the test's machine; None if it does not run."""
         task = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
         children = task.read_text().split()
         return int(children[0]) if children else None
@@ -143,7 +148,7 @@ class Machine:
         self.boot()
 
     def inside(self, *namespaces: str) -> list[str]:
-        """The prefix of a command that runs in all of the container's namespaces, or only in these."""
+        """The prefix of a command that runs in namespaces of the container: in `namespaces`, or in all if empty."""
         return ["nsenter", f"--target={self._leader()}", *(namespaces or ["--all"]), "--"]
 
     def run(self, *command: str, user: str | None = None, check: bool = True) -> subprocess.CompletedProcess:

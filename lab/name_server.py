@@ -16,7 +16,7 @@ def question(name: str, identifier: int = 1, kind: int = _A) -> bytes:
 
 
 def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
-    """Answers a query with one question. Ignores what follows the question, for example EDNS options."""
+    """The answer to a query that has one question. Ignores what follows the question, for example EDNS options."""
     labels, at = [], 12
     while length := query[at]:
         labels.append(query[at + 1 : at + 1 + length].decode())

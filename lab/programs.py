@@ -41,7 +41,8 @@ class Seen:
 
 
 def _after_reset(proxy: str | None) -> list[str]:
-    # The proxy answers a request that it drops with 403. It can only reset a connection whose tunnel is open already.
+    # The proxy answers 403 to a request that it drops. It resets a connection only after the tunnel is open, to drop
+    # its data.
     return [DROP, DROP_AT_DATA] if proxy is None else [DROP_AT_DATA]
 
 
@@ -195,7 +196,7 @@ class Firefox(Browser):
                 return error, result
 
             receive()  # the greeting
-            capabilities = {"acceptInsecureCerts": True}  # its list of authorities lacks the test's authority
+            capabilities = {"acceptInsecureCerts": True}  # Firefox's list of authorities lacks the test's authority
             if proxy is not None:
                 address = proxy.partition("//")[2]
                 capabilities["proxy"] = {"proxyType": "manual", "httpProxy": address, "sslProxy": address}

@@ -1,5 +1,5 @@
 // The lower bound of the network benchmark: the extension's rules and queue, with a handler that allows every
-// connection unseen. Ends when its standard input ends.
+// connection without reading its packets. Ends when its standard input is closed.
 
 #include <poll.h>
 

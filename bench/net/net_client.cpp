@@ -1,12 +1,12 @@
-// The two ends of the network benchmark, on loopback addresses of a network namespace.
+// The client and the server of the network benchmark, on loopback addresses of a network namespace.
 //
 //   net_client serve PORT                         answers a request on each connection, or reads a stream
 //   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, each with PAUSE
 //                                                 milliseconds between its connections, and prints their times
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //
-// A connection's time is that of connect, request and response. The output is one line of JSON. The load client keeps
-// as many other files open as a browser does, because a search for a socket's owner goes through them.
+// A connection's time includes connect, request and response. The output is one line of JSON. `load` keeps as many
+// other files open as a browser does, because the extension's search for a socket's owner may go through all of them.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -89,7 +89,7 @@ int connect_to(uint16_t port, uint32_t host) {
   return -1;
 }
 
-// Makes one connection. Returns false when it was not answered.
+// Makes one connection. Returns false unless the whole response arrives.
 bool fetch(uint16_t port, uint32_t host) {
   int client = connect_to(port, host);
   if (client < 0) return false;
