@@ -12,7 +12,7 @@ namespace orvane {
 
 inline Value text(std::string_view characters) { return Value::string(characters); }
 
-// Properties that suspend a host until an absolute time.
+// Properties that suspend a host until an absolute time, in seconds since 2001.
 inline Value until(double absoluteTime) {
   return Value::dictionary({{text("DontBlockUntil"), Value::date(absoluteTime)}});
 }

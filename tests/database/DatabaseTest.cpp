@@ -52,7 +52,8 @@ TEST_F(HostnamesTest, AddsOnlyStrings) {
 }
 
 TEST_F(HostnamesTest, KeepsOtherNamesThroughRandomEdits) {
-  // Compares with std::set. The names are so few that they collide and wrap around the table's end.
+  // Compares the table with a std::set. There are only 64 names, so the table stays small: names collide in it, and its
+  // probing wraps around its end.
   stand_in::log.disabled = {LogLevel::Debug};
   std::set<std::string> expected;
   uint32_t random = 1;
@@ -116,7 +117,7 @@ class PropertiesTest : public DatabaseTest {
     db_hostname_add(text("a.example"));
   }
 
-  // The messages of db_hostname_is_blockable, each with a "+" when written under the lock, and its result.
+  // The messages that db_hostname_is_blockable logs, with "+" before each that it logs under the lock, and its result.
   static std::pair<std::string, bool> ask() {
     take_log();
     const bool blockable = db_hostname_is_blockable("a.example");
@@ -233,7 +234,7 @@ TEST_F(BrowsersTest, LoadsTheListOfAnotherBundle) {
   EXPECT_EQ(load_browsers_id_file("file:///other"), files.propertyList);
   EXPECT_EQ(files.bundleURL, "file:///other");
   EXPECT_EQ(files.resourceURL, "file:///Browsers.plist");
-  EXPECT_EQ(stand_in::alive("Bundle"), 1);  // the main one
+  EXPECT_EQ(stand_in::alive("Bundle"), 1);  // the main bundle
   files.fails = "bundle";
   EXPECT_TRUE(load_browsers_id_file("file:///other").isNil());
   EXPECT_EQ(take_log(), "Database! cannot create bundle (file:///other)");

@@ -21,7 +21,8 @@ using Data = NEFilterDataVerdict;
 
 constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13, kSafariHelper = 14;
 
-// Starts with a browser, its helper process, another program, and "held.example" in the database.
+// The database holds the host "held.example" and the identifier "browser". Three processes run: a browser, its helper,
+// and another program.
 class FilterTest : public DatabaseTest {
  protected:
   FilterTest() {
@@ -58,7 +59,7 @@ TEST_F(FilterTest, ReadsPortsOfSocketFlowsToHosts) {
   auto flow = socketFlowTo("53", std::nullopt);
   EXPECT_TRUE(isSocketFlow(*flow));
   EXPECT_EQ(socketFlow(*flow), flow.get());
-  // The endpoints of the three reads; the last one repeats.
+  // port() reads the flow's endpoint three times. Each row has the endpoints that it gets; the last one repeats.
   const std::tuple<const char*, std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
       {"none", {}, 0},
       {"no host", {service()}, 0},
@@ -92,7 +93,7 @@ TYPED_TEST(LifecycleTest, ReportsAFailureToApplyItsRules) {
   auto provider = TypeParam::init();
   NSError* reported = nullptr;
   provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { reported = error.get(); });
-  provider = nullptr;  // the platform releases it while the settings are applied
+  provider = nullptr;  // as if the platform released the provider while the settings are applied
   stand_in::filter.applied.reset();
   EXPECT_EQ(stand_in::aliveObjects, objects + 1);
   take_log();
@@ -109,7 +110,7 @@ TYPED_TEST(LifecycleTest, MakesNoLogHandleWhenTheInitialiserFails) {
   stand_in::take_trace();
   stand_in::nextInitialiserFails = true;
   EXPECT_FALSE(TypeParam::init());
-  EXPECT_EQ(stand_in::take_trace(), "");  // a handle's release would be traced
+  EXPECT_EQ(stand_in::take_trace(), "");  // the release of a handle would be in the trace
 }
 
 const New kAllow = New::allowVerdict(), kDrop = New::dropVerdict();
@@ -129,7 +130,7 @@ class VerdictTest : public FilterTest {
 };
 
 TEST_F(VerdictTest, DecidesNewFlows) {
-  db_hostname_set_properties(text("held.example"), until(9e9));  // has no effect here
+  db_hostname_set_properties(text("held.example"), until(9e9));  // this provider ignores suspensions
   auto urlOnSocket = socketFlowTo("443", "other.example"), dnsToHeld = socketFlowTo("53", "held.example");
   urlOnSocket->url = dnsToHeld->url = "https://held.example/";
   const std::string held = "found hostname in database : dropping flow.", remote = "remote hostname: held.example | ";
@@ -169,7 +170,7 @@ TEST_F(VerdictTest, AllowsFlowsOfUnknownProcesses) {
     unknown->token = token;
     take_log();
     EXPECT_TRUE(provider->handleNewFlow(*unknown) == kAllow);
-    EXPECT_EQ(take_log("Database"), "");  // it is not asked
+    EXPECT_EQ(take_log("Database"), "");  // the database is not asked
   }
 }
 
@@ -202,7 +203,7 @@ TEST_F(VerdictTest, LogsAndAllowsQuestions) {
   auto expect = [&](std::string_view bytes, const std::string& tail) {
     EXPECT_TRUE(dataOf(*flow, bytes, 7) == kAllowData);
     EXPECT_EQ(take_log(category), data + "socket type:1, port:53 | " + data + "DNS flow" + tail);
-    EXPECT_EQ(stand_in::dns.parsed, bytes);  // from the first byte
+    EXPECT_EQ(stand_in::dns.parsed, bytes);  // from the first byte, whatever the offset
     EXPECT_EQ(stand_in::alive("dns_question_t"), 0);
   };
   stand_in::dns.name = "held.example";

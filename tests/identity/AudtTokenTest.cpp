@@ -53,7 +53,7 @@ TEST_F(AudtTokenTest, MakesNoLogHandleWhenTheInitialiserFails) {
   const int objects = stand_in::aliveObjects;
   stand_in::nextInitialiserFails = true;
   EXPECT_FALSE(token());
-  EXPECT_EQ(stand_in::take_trace(), "");  // a handle's release would be traced
+  EXPECT_EQ(stand_in::take_trace(), "");  // the release of a handle would be in the trace
   EXPECT_EQ(stand_in::aliveObjects, objects);
 }
 
@@ -65,7 +65,7 @@ TEST_F(AudtTokenTest, LogsTheFailingStep) {
       {&security.path, "SecCodeCopyPath = ", "urlRef == NULL", 2},
   };
   Ref<PLAudtToken> asked = token();
-  int leaked = found();  // only applicationPathFromAuditToken leaks
+  int leaked = found();  // grows: applicationPathFromAuditToken leaks what it finds, but bundleIdentifier does not
   for (const auto& [step, statusText, nullText, foundBefore] : steps) {
     for (const auto& [status, null] : {std::pair(-5, false), {-5, true}, {0, true}}) {
       *step = {status, null};
@@ -132,8 +132,8 @@ TEST_F(AudtTokenTest, PassesAnyPidToThePlatform) {
     EXPECT_EQ(token()->bundleIdentifierFromPid(pid), std::nullopt);
     EXPECT_EQ(messages(), refused);
   }
-  EXPECT_EQ(alive("Number"), numbers + 3);  // never released
-  // The responsible pid is passed on, even when it means a failure.
+  EXPECT_EQ(alive("Number"), numbers + 3);  // the core never releases them
+  // The core passes the responsible pid on even if it is -1, which reports a failure.
   security.responsible[kPid] = -1;
   EXPECT_EQ(token()->responsibleBundleIdentifier(), std::nullopt);
   EXPECT_EQ(security.pidsAsked, std::vector<int32_t>{kPid});

@@ -15,8 +15,9 @@
 #include "platform/Security.h"
 #include "platform/XPC.h"
 
-// A stand-in for the operating system: it implements the platform headers, and tests script it and inspect it. Each
-// header's part is a library, so that a test can mix it with the real ones.
+// A stand-in for the operating system: it implements the platform headers. Tests set what it answers, and inspect what
+// it was asked. It consists of several libraries, so that a test can replace some of them with those of a real
+// platform.
 namespace orvane::stand_in {
 
 // The calls to the stand-in, in order. Thread-safe.
@@ -33,11 +34,11 @@ struct Counted {
 int alive(const std::string& kind);
 
 // Object.h.
-inline bool nextInitialiserFails = false;  // makes the next base initialiser return false
+inline bool nextInitialiserFails = false;  // makes the next NSObject::initialise() return false
 inline std::atomic<int> aliveObjects{0};   // NSObjects of all classes
 
 // Synchronization.h.
-inline thread_local std::string heldLocks;    // of this thread, in order: "@" for a monitor, "+" for a mutex
+inline thread_local std::string heldLocks;    // that this thread took, in order: "@" for a monitor, "+" for a mutex
 inline thread_local int mutexLocks = 0;       // how often this thread locked a mutex
 inline std::atomic<int> nextUnlockStatus{0};  // the status that the next unlock returns, after unlocking
 
@@ -45,7 +46,7 @@ inline std::atomic<int> nextUnlockStatus{0};  // the status that the next unlock
 struct LogEntry {
   LogLevel level;
   std::string category;  // "SUBSYSTEM/CATEGORY" when the subsystem is not the extension
-  std::string text;      // begins with the locks that its thread held
+  std::string text;      // begins with the heldLocks of the thread that logs it
 };
 inline struct LogState {
   std::set<LogLevel> disabled;
@@ -53,17 +54,18 @@ inline struct LogState {
   std::function<void(const LogEntry&)> hook;  // called with each entry
 } log;
 // The entries since the last call, joined by " | ". Each is the category, the level (": " debug, "! " error, "? " info,
-// "* " default) and the text. With an argument: only the entries of that category, without its name and ": ".
+// "* " default) and the text. With an argument, returns only that category's entries: each is the text alone, after the
+// level if that is not debug. The other entries are lost.
 std::string take_log(const std::string& category = "");
 
 // Bundle.h, ReadStream.h, PropertyList.h, Clock.h. There is one bundle, with the resource "Browsers.plist".
 inline struct FileState {
-  Value information = nullptr;   // a dictionary
+  Value information = nullptr;   // the bundle's, a dictionary
   std::string fails;             // the failing step: "bundle", "resource", "stream", "open", "read", "data" or "parse"
-  std::string content;           // of the stream
+  std::string content;           // the bytes of the stream
   bool offersBuffer = false;     // whether the stream gives access to its buffer
   Value propertyList = nullptr;  // the parser's result for any data
-  size_t parsedLength = 0;       // of the data that the parser received
+  size_t parsedLength = 0;       // how many bytes the parser received
   std::string bundleURL, resourceURL;
   double now = 0;
 } files;
@@ -73,8 +75,8 @@ inline struct SecurityState {
   using Step = std::pair<OSStatus, bool>;  // the status, and whether the output is null
   Step guest, staticCode, information, path;
   bool numberFails = false, noPropertyList = false, noFileSystemPath = false;
-  std::map<int32_t, std::string> identifiers;  // of the running processes; "" means a property list without one
-  std::map<int32_t, int32_t> responsible;      // a process that is not in it is responsible for itself
+  std::map<int32_t, std::string> identifiers;  // of each running process; "": its property list has no identifier
+  std::map<int32_t, int32_t> responsible;      // by pid; a process without an entry is responsible for itself
   std::vector<int32_t> pidsAsked;              // the arguments of responsibility_get_pid_responsible_for_pid
 } security;
 Value token_of(int32_t pid);
@@ -119,7 +121,7 @@ struct SocketFlow : ScriptedFlow<NEFilterSocketFlow> {
   int32_t socketType() const override { return 1; }
 };
 
-// XPC.h: the last listener made. Calls to it are traced.
+// XPC.h: the listener that was made last. Calls to it are traced.
 inline struct ListenerState {
   NSXPCListener* listener = nullptr;
   Ref<NSXPCListenerDelegate> delegate;
@@ -129,7 +131,7 @@ inline struct ListenerState {
 // For Dispatch.h: dispatch_main throws this, so that the test gets its thread back.
 struct MainThreadParked {};
 
-// Resets everything that tests script or inspect, except the counts of objects alive.
+// Empties the trace, and gives the structs above their default values.
 void reset();
 
 }  // namespace orvane::stand_in

@@ -39,7 +39,7 @@ TEST(ObjectMonitor, LetsOneThreadIn) {
   EXPECT_EQ(count, 30000);
 }
 
-// With a fixed number of monitors, some of these objects would share one.
+// If the platform had only a fixed number of monitors, some of these 500 objects would share one.
 TEST(ObjectMonitor, BelongsToOneObject) {
   std::vector<Ref<Thing>> objects(500);
   for (auto& object : objects) object = Ref<Thing>::adopt(new Thing);

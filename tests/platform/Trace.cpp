@@ -6,8 +6,8 @@ namespace orvane::stand_in {
 
 namespace {
 
-// Never destroyed: objects that live until the process exits use them. They also keep the objects that are never
-// released reachable, so that leak checkers do not report those.
+// These three are never destroyed, because objects that live until the process exits use them. `objects` also refers to
+// each object that is never released, so that leak checkers do not report it.
 auto& mutex = *new std::recursive_mutex;
 auto& lines = *new std::string;
 auto& objects = *new std::map<std::string, std::set<const Counted*>>;

@@ -42,7 +42,7 @@ TEST_F(ControllerTest, RepliesToCountQueriesOutsideItsMonitor) {
 TEST_F(ControllerTest, CountsEveryEdit) {
   controller->addHostname(text("a.example"));
   controller->addHostname(text("a.example"));
-  controller->addHostname(nullptr);  // passed on unchanged
+  controller->addHostname(nullptr);  // the controller passes even nil to the database
   EXPECT_EQ(count(), 3U);
   controller->setProperties(until(9e9), text("a.example"));
   EXPECT_FALSE(db_hostname_is_blockable("a.example"));
@@ -54,8 +54,9 @@ TEST_F(ControllerTest, CountsEveryEdit) {
   controller->removeHostname(text("c.example"));
   EXPECT_EQ(count(), 9U);
   const std::string messages = " | " + stand_in::take_log("Database");
+  // The "@" says that the thread was in the monitor when it logged the message.
   for (const char* edit : {"add: (null) |", "removed: c.example |", "set: {", "set_properties(a.example,{"}) {
-    EXPECT_NE(messages.find(std::string(" | @db_hostname_") + edit), std::string::npos) << edit;  // in the monitor
+    EXPECT_NE(messages.find(std::string(" | @db_hostname_") + edit), std::string::npos) << edit;
   }
 }
 

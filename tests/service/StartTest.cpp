@@ -50,7 +50,7 @@ TEST_F(StartTest, StartsModulesInOrder) {
 TEST_F(StartTest, EndsBeforeTheFilterWhenTheApplicationFilterFails) {
   appFilterStatus = 1;
   EXPECT_EQ(orvane_main(), 1);
-  EXPECT_TRUE(traceMatches("log starting extensions[^]* \\| mutex initialised"));  // nothing later
+  EXPECT_TRUE(traceMatches("log starting extensions[^]* \\| mutex initialised"));  // no later step
   EXPECT_TRUE(db_is_browser("b"));                                                 // the database still works
 }
 

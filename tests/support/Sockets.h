@@ -27,7 +27,7 @@ inline uint16_t port_of(const Descriptor& socket) {
   return ntohs(address.sin_port);
 }
 
-// One end of a blocking TCP connection.
+// One side of a blocking connection.
 struct Peer {
   Descriptor socket;
   int error = 0;  // the errno that ended the last read(); 0 at the end of the stream

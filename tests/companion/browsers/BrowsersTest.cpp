@@ -94,8 +94,8 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
 }
 
-// Chromium reads every file of the folder, and the last in alphabetical order wins. A user can change a preference of
-// Firefox that is not locked.
+// Chromium reads every file of the policy folder; if two files set one policy, the last file in alphabetical order
+// wins. A preference of Firefox's policy counts only if it is locked, because users can change the others.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root, false);
   write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true, "DnsOverHttpsMode": "secure"})");

@@ -19,7 +19,7 @@ class RecordingClient : public Client {
  public:
   static inline std::string sent;              // messages
   static inline int connections;               // how many were opened
-  static inline std::vector<uint64_t> counts;  // the next replies; after the last one the connection breaks
+  static inline std::vector<uint64_t> counts;  // the next replies of changesCount(); after the last one, it throws
 
   bool ping() override { return record("ping"), true; }
   bool appFilterState() override { return record("state"), false; }

@@ -10,7 +10,8 @@
 namespace orvane {
 namespace {
 
-// One session of commands, each with its exit code and standard output.
+// The commands run one after the other on one list. Each row has the exit code and the standard output of its command;
+// "%" stands for the path of the list.
 TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
   const TemporaryFolder folder;
   struct Case {

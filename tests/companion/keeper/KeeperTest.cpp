@@ -27,13 +27,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A stand-in for the extension; it records the edits.
+// The state of a stand-in for the extension, which FakeClient changes and which records the edits.
 struct Extension {
   std::set<std::string> held;
   std::string log;
   uint64_t changes = 0;
   bool isRunning = true;
-  size_t mostNames = SIZE_MAX;  // in one message
+  size_t mostNames = SIZE_MAX;  // that one message may have
 };
 Extension extension;
 
@@ -77,7 +77,7 @@ class FakeClient : public Client {
 
 Moment at(int seconds) { return kAbsoluteTimeReference + std::chrono::seconds(seconds); }
 
-// More names than are sent as a difference.
+// More new names than the keeper sends one by one.
 HeldNames many_names() {
   HeldNames many;
   for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
@@ -146,7 +146,7 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   EXPECT_EQ(state.extensionError, std::nullopt);
 }
 
-// The lock of a running keeper, and its state.
+// A running keeper: it has locked its state file, and publish() writes its state.
 class StateFile : public Keeper {
  protected:
   StateFile() {
@@ -178,7 +178,7 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   publish();
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
-  // A later version of the list than the one that is waited for.
+  // The keeper sends a later version of the list than "w", for which the test waits.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);

@@ -43,7 +43,8 @@ class ListFile : public testing::Test {
   const std::string folder_ = temporary_.path(), path_ = folder_ + "/list";
 };
 
-// Runs `act` in a child process, whose exit code is the result. An exception aborts the child; it must not reach gtest.
+// Runs `act` in a child process, whose exit code is the result of `act`. An exception aborts the child (noexcept),
+// because it must not reach gtest there.
 pid_t fork_to(const std::function<int()>& act) noexcept {
   const pid_t child = fork();
   if (child == 0) _exit(act());
@@ -56,8 +57,9 @@ int exit_code_of(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs `act` in a traced child and kills it at the n-th stop; each system call has two stops. Appends the calls'
-// numbers to `calls`. Returns false if the child ended before the n-th stop.
+// Runs `act` in a traced child and kills the child at its n-th stop. It stops at the start and at the end of each
+// system call. Appends the numbers of the system calls to `calls`. Returns false if the child ended before the n-th
+// stop.
 bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64_t>& calls) {
   pid_t child = fork_to([&] {
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) return 77;
@@ -170,7 +172,8 @@ TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
   }
 }
 
-// Otherwise a member of the group could have root read a file for them.
+// A member of the group can put a link to any file in place of the list. If root then used the list, orvanectl would
+// show the member a file that only root may read.
 TEST_F(ListFile, RejectsAnythingButAPlainFile) {
   const std::string secret = folder_ + "/secret";
   const std::pair<const char*, std::function<void()>> kCases[] = {

@@ -11,7 +11,7 @@
 namespace orvane {
 namespace {
 
-// The imported sites as lines, then the numbers of the rejected lines.
+// The imported sites as lines of the list, each with ";", then the numbers of the rejected lines, each after "!".
 std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {

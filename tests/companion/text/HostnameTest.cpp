@@ -37,7 +37,7 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
     std::vector<std::string> names;
   } kCases[] = {
       {"it is empty", {"", "."}},
-      {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 drops a soft hyphen
+      {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 removes the soft hyphen
       {"it is a URL", {"https://example.com/", "https://b\u00fccher.example"}},
       {"it has a port or a scheme", {"mailto:me", "example.com:443"}},
       {"it has a path", {"example.com/path", "example.com#top", "a?b", "a\\b"}},
@@ -47,9 +47,9 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       {"it has more than 253", {kLongName + "b"}},
       {"it is an IP address", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "[::1]", "::1"}},
       {"it is not UTF-8", {"b\xfc.example"}},
-      // xn--abc- decodes to plain ASCII.
+      // xn--abc- is invalid because it decodes to plain ASCII.
       {"it is not a valid international", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},
-      {"it ", {"\u00fc\uff0fx"}},  // maps to a slash; the libraries name different faults
+      {"it ", {"\u00fc\uff0fx"}},  // U+FF0F maps to a slash; libidn2 and ICU report different faults
   };
   for (const auto& c : kCases) {
     for (const std::string& given : c.names) {

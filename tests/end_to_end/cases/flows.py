@@ -34,7 +34,10 @@ def ReadsNamesSplitIntoTenSegments(world: World):
 
 
 class RecordingServer:
-    """Keeps what arrives on each connection, and answers it once with SERVED: at the first bytes, or at the last."""
+    """Records the bytes of each connection, and answers once with SERVED: when the bytes so far end with `last`.
+
+    If `last` is empty, it answers the first bytes.
+    """
 
     def __init__(self, port: int, last: bytes = b""):
         self.address, self._last, self.received = ("127.0.0.3", port), last, [b""]
@@ -57,7 +60,7 @@ class RecordingServer:
                     answered = True
 
     def send(self, *pieces: bytes) -> tuple[str, list[str]]:
-        """The outcome of a connection that sends these pieces, and what the client saw behind each but the last."""
+        """Sends the pieces on one connection. Returns the outcome, and what the client saw after each earlier piece."""
         seen = []
         with contextlib.suppress(ConnectionResetError), socket.create_connection(self.address, 20) as connection:
             for piece in pieces[:-1]:
@@ -71,13 +74,13 @@ class RecordingServer:
 
 
 def ReadsNamesInEverySpelling(world: World):
-    """A page can have a browser ask for a name in capitals, or with the dot of the DNS root behind it."""
+    """A page can make a browser ask for a name in capitals, or for one that ends with the dot of the DNS root."""
     plain, secure = RecordingServer(80), RecordingServer(443)
     with world.extension(PYTHON) as extension:
         extension.hold(HELD, "held.exampl")
         for spelling in ("HELD.example", "held.example.", "Held.Example."):
             check(plain.send(request(spelling))[0], DROP, f"Host: {spelling}")
-        for spelling in (b"HELD.example", b"held.exampl."):  # Python's own TLS would take the dot away
+        for spelling in (b"HELD.example", b"held.exampl."):  # Python's TLS would remove the dot itself
             check(secure.send(hello(HELD).replace(HELD.encode(), spelling))[0], DROP, f"a hello for {spelling}")
 
 
@@ -96,7 +99,7 @@ def ReadsNamesInRequestHeadsOfAnyLength(world: World):
 
 
 def HoldsEarlyAnswersBackUntilTheNameIsKnown(world: World):
-    """A server may answer half a request, and a browser would show the answer."""
+    """A server may answer when it has half of a request. Without the filter, a browser would show that answer."""
     server = RecordingServer(80)
     for browser, name, expected in (
         (PYTHON, HELD, (DROP, ["silence"])),

@@ -1,4 +1,4 @@
-"""What the keeper sends and when, while the extension, the list file or the keeper itself ends or changes."""
+"""What the keeper sends, and when: after restarts of the extension or the keeper, and after changes of the list."""
 
 import datetime
 import json
@@ -34,7 +34,7 @@ def KeeperResendsTheListWithinASecondOfARestart(world: World):
     with _Keeper(extension, world.directory) as keeper:
         keeper.list.write_text(f"{HELD}\n")
         for end in (signal.SIGTERM, signal.SIGKILL):
-            time.sleep(1)  # the pauses between the keeper's attempts have grown
+            time.sleep(1)  # by then, the pauses between the keeper's attempts to connect have grown
             check(keeper.verdict(HELD), ("not blocked", 3), "the verdict of try without an extension")
             extension.start()
             _becomes(DROP, "the list is in force after a start")

@@ -1,4 +1,4 @@
-"""How the extension starts and ends, and how it copes with kills, hangs and other firewall users."""
+"""How the extension starts and ends, and how it copes with kills, hangs and programs that change the firewall."""
 
 import contextlib
 import ctypes
@@ -41,7 +41,7 @@ class _Load:
             thread.join()
 
     def wait_for_both(self, begin: float, what: str) -> None:
-        """Waits until a connection to each name that began after `begin` has ended."""
+        """Waits until, for each of the two names, a connection has ended that began after `begin`."""
         wait_until(lambda: {name for b, _, name, _ in self.results if b >= begin} == {HELD, NEWS}, what, 20)
 
     def check(self, held_verdicts: set[str], begin: float, end: float, what: str) -> None:
@@ -98,13 +98,14 @@ def RestoresRulesThatOthersFlush(world: World):
                 iptables(flush, family, text)
                 address = {"-4": "127.0.0.1", "-6": "::1"}[family]
                 wait_until(lambda: connect(HELD, address) == DROP, f"filters again after {flush} {family}", 5)
-            # Until the extension restores the order, this rule overwrites the verdict mark of packets from the queue.
+            # Until the extension moves its own rule to the first place again, this rule overwrites the mark by which
+            # packets from the queue carry their verdict.
             iptables("iptables -t mangle -I OUTPUT 1 -p tcp -j MARK --set-mark 1", family)
             check(connect(HELD, address), DROP, f"the verdict despite another program's mark {family}")
 
 
 def _rules(family: str) -> str:
-    """The rules, and lines about OrvaneSE's chains, without comments and empty tables."""
+    """All rules, and the other lines that name OrvaneSE's chains. Leaves out comments and empty tables."""
     lines = iptables("iptables-save", family).splitlines()
     return "\n".join(line for line in lines if line.startswith("-A") or "ORVANE" in line)
 
@@ -215,7 +216,7 @@ def FiltersNetworkNamespacesIndependently(world: World):
 
 
 def ReportsWhyItCannotFilter(world: World):
-    """Without the privilege, an extension set to netfilter exits; one without a setting runs the proxy."""
+    """Without the privilege, an extension whose bundle demands netfilter exits; one that may choose runs the proxy."""
     without = ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"]
     fixed, free = world.extension(PYTHON), world.extension(PYTHON, source=None)
     for extension in (fixed, free):

@@ -5,9 +5,9 @@
 
 namespace orvane {
 
-// The objects that one run of `body` leaves alive, of Objective-C's classes and of our own: "NSObject +1, ...". Counts
-// them after the run's autorelease pool is drained, or before. `body` runs once before that, to make the objects that
-// are made on first use and kept.
+// Lists the objects, of Objective-C's classes and of our own, that a run of `body` leaves alive: "NSObject +1, ...".
+// Counts them after the autorelease pool of the run is drained, or before that if `afterDrain` is false. Runs `body`
+// twice and counts in the second run, because the first also makes objects that are made once and kept.
 std::string leaked_objects(const std::function<void()>& body, bool afterDrain = true);
 
 }  // namespace orvane

@@ -4,7 +4,7 @@
 #include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
 
-#undef NDEBUG  // NSDebug.h would hide the functions that count objects; the library has them in any case
+#undef NDEBUG  // otherwise NSDebug.h hides the functions that count objects; the library always has them
 #include <Block_private.h>
 #import <Foundation/Foundation.h>
 #import <Foundation/NSDebug.h>
@@ -14,7 +14,7 @@
 
 namespace orvane {
 
-// The stand-ins' errors are Foundation's here.
+// In these tests, the errors that the stand-in reports are Foundation's objects.
 Ref<NSError> stand_in::error_named(const std::string& name) {
   id words = @{NSLocalizedDescriptionKey : foundation_string("localised " + name)};
   return error_of([::NSError errorWithDomain:foundation_string(name) code:1 userInfo:words]);
@@ -22,7 +22,7 @@ Ref<NSError> stand_in::error_named(const std::string& name) {
 
 namespace {
 
-using Counts = std::map<std::string, int>;  // objects by class, made since counting began
+using Counts = std::map<std::string, int>;  // by class: the live objects that were made since counting began
 
 Counts live_objects() {
   Counts counts = {{"orvane::NSObject", stand_in::aliveObjects}};
@@ -59,8 +59,9 @@ std::string leaked_objects(const std::function<void()>& body, bool afterDrain) {
 
 }  // namespace orvane
 
-// The blocks runtime for Linux does not know Objective-C, so a copied block would not retain the objects it refers to.
-// These two functions replace its own, and pass everything but objects on.
+// The blocks runtime for Linux does not know Objective-C, so a copied block would not retain the objects that it refers
+// to. The two functions below replace the runtime's functions: they retain and release objects, and leave everything
+// else to the runtime.
 template <class Function>
 static Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

@@ -5,7 +5,8 @@
 #include <functional>
 #include <string>
 
-// A stand-in for the part of the framework that a filter uses. Tests script it and read what was called.
+// A stand-in for the part of the framework that a filter uses. Tests make its objects, and inspect what the filter read
+// and called.
 
 #define NEFilterFlowBytesMax UINT64_MAX
 
@@ -14,8 +15,8 @@ typedef NS_ENUM(NSInteger, NETrafficDirection) { NETrafficDirectionOutbound = 2 
 typedef NS_ENUM(NSInteger, NEFilterAction) { NEFilterActionAllow = 1, NEFilterActionFilterData = 4 };
 typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserInitiated = 1 };
 
-// The base of the stand-ins. Its content is a description, or a dictionary of properties: reading one that has no
-// method records its name and looks it up.
+// The base class of the stand-ins. Its content is a description, or a dictionary of properties. Reading a property for
+// which the class has no method records the name of the property and returns its value in the dictionary.
 @interface StandInObject : NSObject {
   id _content;
 }
@@ -89,7 +90,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @compatibility_alias NEFilterProvider NEFilterDataProvider;
 
-// What the framework was asked to do, and the answer that a test gives.
+// What the filter read and applied, and the handler by which a test answers applySettings.
 inline struct NetworkExtensionState {
   std::string reads;  // the properties that were read, each followed by a space
   std::string appliedSettings;

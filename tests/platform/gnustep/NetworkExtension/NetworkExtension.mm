@@ -4,7 +4,8 @@
 
 #include "platform/macos/base/Block.h"
 
-// Missing methods are added at run time, or are in derived classes.
+// Methods that are declared but not implemented here are added at run time (resolveInstanceMethod:), or are in derived
+// classes.
 #pragma clang diagnostic ignored "-Wincomplete-implementation"
 
 @implementation StandInObject

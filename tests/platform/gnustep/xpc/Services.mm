@@ -14,18 +14,18 @@
 using orvane::Retained;
 using orvane::stand_in::trace;
 
-// One end of a connection. It is also the proxy that sends messages.
+// One side of a connection: the client's or the service's. It is also the proxy by which a client sends messages.
 @interface StandInConnection : NSXPCConnection {
  @public
-  NSString* _name;           // the service's; set in a client's end
-  StandInConnection* _peer;  // the service's end; set in a client's end
-  id _interface;             // the protocol's name, of the exported or the remote object
-  id _object;                // exported
+  NSString* _name;           // the service's name; only on the client's side
+  StandInConnection* _peer;  // the service's side; only on the client's side
+  id _interface;             // the name of the exported or remote object's protocol
+  id _object;                // the exported object
   GSXPCInvalidationHandler _invalidationHandler;
   GSXPCInterruptionHandler _interruptionHandler;
   GSXPCProxyErrorHandler _errorHandler;
   bool _isActive, _isBroken;
-  int _process;  // the service's; set in a client's end
+  int _process;  // the service's process id; only on the client's side
 }
 @end
 
@@ -44,7 +44,7 @@ struct Services {
   int process = 1;
 };
 
-// Never destroyed: listeners may be released later.
+// Never destroyed, because listeners may be released when the process exits.
 Services& services() {
   static auto* shared = new Services;
   return *shared;
@@ -153,7 +153,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 @end
 
 #pragma clang diagnostic push
-#pragma clang diagnostic ignored "-Wobjc-protocol-method-implementation"  // on purpose
+#pragma clang diagnostic ignored "-Wobjc-protocol-method-implementation"  // replaces methods on purpose
 @implementation NSXPCListener (StandIn)
 - (instancetype)initWithMachServiceName:(NSString*)name {
   if (![name isKindOfClass:[NSString class]]) [NSException raise:NSInvalidArgumentException format:@"no name"];
@@ -172,8 +172,8 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 @end
 @implementation NSXPCInterface (StandIn)
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol {
-  // GNUstep's runtime cannot name a protocol that no class adopts. The compiler's structure has the name as its second
-  // word.
+  // GNUstep's runtime cannot return the name of a protocol that no class adopts. In the structure that the compiler
+  // makes for a protocol, the second word points to the name.
   return static_cast<id>([NSString stringWithUTF8String:reinterpret_cast<const char* const*>(protocol)[1]]);
 }
 @end

@@ -11,8 +11,8 @@ namespace {
 
 Value nested(unsigned depth) { return depth == 0 ? Value::boolean(true) : Value::array({nested(depth - 1)}); }
 
-// Writes a value to a message and reads it again. Also checks that measure() is not too small, since a client would
-// then send a message that the extension rejects.
+// Writes a value to a message and reads it again. Also checks that the size from measure() is not too small: a client
+// that relies on it would send a message that the extension rejects.
 std::optional<Value> sent_and_received(const Value& value) {
   capnp::MallocMessageBuilder message(1 << 16);  // one segment
   write_value(value, message.initRoot<control::Value>());
@@ -42,7 +42,7 @@ TEST(ValueMessage, KeepsEveryKindOfValue) {
 
 TEST(ValueMessage, RejectsDeeplyNestedContainers) { EXPECT_FALSE(sent_and_received(nested(kMaximumNesting + 1))); }
 
-// Containers of one size have the same hash, so a set of them takes quadratic time.
+// Containers with the same number of elements have the same hash, so making a set of them takes quadratic time.
 TEST(ValueMessage, RejectsSetsOfManyContainers) {
   Value::Set members;
   for (int64_t i = 0; i < 2000; ++i) members.insert(Value::array({Value::number(i)}));

@@ -100,7 +100,7 @@ class XPC : public testing::Test {
   }
   std::unique_ptr<Client> client() const { return connect_client({.service = "", .socket = path_}); }
 
-  // A plain socket that `attach` (connect or bind) puts at the service's path.
+  // A plain socket that `attach`, which is connect() or bind(), has connected or bound to the service's path.
   Descriptor attached(int (*attach)(int, const sockaddr*, socklen_t)) const {
     Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
@@ -126,7 +126,7 @@ std::string message_bytes(const std::function<void(capnp::rpc::Message::Builder)
   return {reinterpret_cast<const char*>(words.begin()), words.asBytes().size()};
 }
 
-// A client's first message, and a call of a method on the object that it requests.
+// A client's first message, which requests the exported object, and a call of a method of that object.
 const std::string kOpen = message_bytes([](auto message) { message.initBootstrap().setQuestionId(0); });
 std::string call_bytes(uint16_t method, const std::function<void(control::Value::Builder)>& fill) {
   return message_bytes([&](auto message) {
@@ -140,7 +140,7 @@ std::string call_bytes(uint16_t method, const std::function<void(control::Value:
   });
 }
 
-// An array of elements that take no space in the message.
+// Makes the value an array of elements that take no space in the message.
 void make_bomb(control::Value::Builder value, uint32_t elements) {
   value.initArray(1);
   capnp::AnyStruct::Builder(kj::mv(value)).getPointerSection()[0].initAsListOfAnyStruct(0, 0, elements);
@@ -190,7 +190,7 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   auto peer = client();
   const Value name = Value::string("example.org"), other = Value::string("example.net");
   const std::vector<uint8_t> bytes(size_t{120} << 20);
-  const Value large = Value::dictionary({{name, Value::data(bytes)}});  // held by this process: counts as stored
+  const Value large = Value::dictionary({{name, Value::data(bytes)}});  // this process keeps it, so it counts as stored
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
   peer->setHostnames(Value::set({large.asDictionary().at(name)}));
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
@@ -205,7 +205,7 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   EXPECT_TRUE(active->ping());
   std::vector<Descriptor> idle;
   idle.push_back(attached(connect));
-  std::this_thread::sleep_for(1s);  // the others come later, whatever the order in which they are accepted
+  std::this_thread::sleep_for(1s);  // makes the first one the longest idle, in whatever order the others are accepted
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(attached(connect));
   EXPECT_TRUE(active->ping());
   std::unique_ptr<Client> waiting;
@@ -232,7 +232,7 @@ TEST_F(XPC, ReportsHowEachConnectionEnded) {
   auto listener = listen();
   auto bystander = client();
   std::string wild = call_bytes(7, [](auto value) { value.setString("x"); });
-  wild[wild.size() - 13] = 0x7f;  // the pointer to the string, which is the last word, points outside the message
+  wild[wild.size() - 13] = 0x7f;  // in the last word but one, the string's pointer: it points outside the message now
   struct {
     const char* what;
     std::string sent;

@@ -21,9 +21,9 @@ TEST(FilterSession, ShowsDataUpToThePeekCountUntilAVerdict) {
     NewFlow newFlow;
     Data data, complete;
     std::string_view chunks[2];
-    const char* seen;  // the calls, and the bytes
+    const char* seen;  // the provider's calls, and the bytes that it received
     State end;
-    bool holds;  // after the new flow
+    bool holds;  // holdsData() after the new flow
   } kCases[] = {
       {"drop of the new flow", dropFlow, allow, allow, {"a"}, "new -; ", State::Dropped, false},
       {"a drop by data is final", all, drop, allow, {"one", "two"}, "new -; data 0 -; one", State::Dropped, true},

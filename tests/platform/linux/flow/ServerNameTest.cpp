@@ -23,7 +23,7 @@ std::string server_name(const std::string& name) {
   return extension(0, with_length(std::string(1, '\0') + with_length(name, 2), 2));
 }
 
-// A ClientHello in records of at most this length.
+// A ClientHello in records of at most `record` bytes.
 std::string hello(const std::string& extensions, size_t record = 16384) {
   const std::string body = std::string(34, 'v') + with_length("session", 1) + with_length("suites", 2) +
                            with_length(std::string(1, '\0'), 1) + with_length(extensions, 2);

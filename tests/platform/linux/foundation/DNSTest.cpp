@@ -11,7 +11,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// Name, type and class, or "none". Parses an allocation of the exact size, so that sanitizers notice a read beyond it.
+// The question's name, type and class, or "none". Copies the bytes to an allocation of exactly their size, so that
+// sanitizers notice a read beyond it.
 std::string parse(const std::string& bytes) {
   auto exact = std::make_unique<char[]>(bytes.size());
   bytes.copy(exact.get(), bytes.size());
@@ -23,7 +24,7 @@ std::string parse(const std::string& bytes) {
 
 std::string label(size_t length) { return std::string(1, static_cast<char>(length)) + std::string(length, 'a'); }
 
-// Rejected are labels of 64 octets, names of 256 octets and compression pointers.
+// The parser rejects labels of 64 octets, names of 256 octets and compression pointers.
 TEST(DNSQuestion, ParsesWholeQuestionsOnly) {
   const std::string end = "\0\0\x01\0\x01"s, long3 = label(63) + label(63) + label(63), whole = "\7example\3org" + end;
   for (size_t length = 0; length < whole.size(); ++length) EXPECT_EQ(parse(whole.substr(0, length)), "none") << length;

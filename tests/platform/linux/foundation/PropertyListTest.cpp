@@ -131,7 +131,7 @@ TEST(PropertyList, RejectsDamagedBinaryLists) {
     std::string bytes = binary({"\xa1\x01", "\x51X"});
     return bytes.replace(bytes.size() - fromEnd, 1, 1, byte);
   };
-  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");  // each an array of the next one, once or twice
+  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");  // arrays; each has the next one, once or twice
   for (char i = 1; i < 100; ++i) chain[i - 1] = "\xa1"s + i;
   for (char i = 1; i < 40; ++i) doubling[i - 1] = "\xa2"s + i + i;
   expect_rejected({
@@ -165,7 +165,7 @@ TEST(ShippedBrowserLists, FitIntoOneReadOfTheExtension) {
     EXPECT_LE(bytes.size(), 1024U) << system;
     Value browsers = parse(bytes);
     EXPECT_GT(browsers.asArray().size(), 20U) << system;
-    // Identifiers of other applications end in fewer letters, too.
+    // The filter compares the endings of identifiers. Another application's identifier could end like a shorter entry.
     for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
   }
 }

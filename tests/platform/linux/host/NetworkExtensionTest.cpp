@@ -16,7 +16,7 @@
 
 namespace orvane {
 
-Value networkExtension;  // of the bundle's Info.plist
+Value networkExtension;  // the value of the key NetworkExtension in the bundle's Info.plist
 bool hangsAtStop = false;
 
 Bundle* bundle_get_main() { return nullptr; }
@@ -41,8 +41,8 @@ class Provider final : public ScriptedProvider {
   }
 };
 
-// Runs an extension in a process until it is ready, then sends it SIGTERM. Returns the messages that a service manager
-// and the provider's methods received, and the exit code.
+// Runs an extension in a process until it is ready, then sends it SIGTERM. Returns the messages that the service
+// manager received, with "start" and "stop" from the provider's methods among them, and the exit code.
 std::string run_extension(const Value& source, const Value& port) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
@@ -50,7 +50,7 @@ std::string run_extension(const Value& source, const Value& port) {
                                         {Value::string("OrvaneFlowSource"), source},
                                         {Value::string("OrvaneProxyPort"), port}});
   Peer manager(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
-  // Not an abstract address, which other network namespaces cannot reach.
+  // The manager's address is a file, because another network namespace cannot reach an abstract address.
   TemporaryFolder folder;
   std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
   sockaddr_un address{AF_UNIX, {}};
@@ -61,7 +61,7 @@ std::string run_extension(const Value& source, const Value& port) {
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   pid_t extension = fork();
   if (extension == 0) {
-    // A test must not change the machine's own kernel rules.
+    // Without a source, the extension may use netfilter. The namespace keeps it from changing the machine's own rules.
     if (source.isNil() && unshare(CLONE_NEWNET) != 0 && geteuid() == 0) _exit(2);
     NEFilterProvider::registerProviderClass("Filter", Provider::create);
     NEFilterProvider::startSystemExtensionMode();

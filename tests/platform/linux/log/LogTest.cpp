@@ -20,7 +20,7 @@ std::string enabled(const std::string& level) {
   return "<dict><key>Level</key><dict><key>Enable</key><string>" + level + "</string></dict></dict>";
 }
 
-// Hides the machine's journal, in a mount namespace of this process's own. False when that is not permitted.
+// Hides the machine's journal from this process, in a new mount namespace. Returns false if that is not permitted.
 bool hide_journal() {
   return (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
          mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&

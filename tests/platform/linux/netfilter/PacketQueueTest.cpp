@@ -10,7 +10,8 @@
 namespace orvane {
 namespace {
 
-// The kernel answers both cases with EPERM; only the second one lets the extension fall back to the proxy.
+// The kernel answers EPERM for a taken queue and for a missing privilege. The extension must know which, because only
+// for a missing privilege may it use the proxy instead.
 TEST(PacketQueue, TellsATakenQueueFromAMissingPrivilege) {
   const uid_t user = geteuid();
   if ((user != 0 && unshare(CLONE_NEWUSER) != 0) || unshare(CLONE_NEWNET) != 0) {

@@ -20,7 +20,7 @@ struct Owners final : FlowOwners {
 
 class QueuedFlowsTest : public ::testing::Test {
  protected:
-  // A packet of one connection, with its payload at `sequence`.
+  // A packet with its payload at `sequence`. By default all packets belong to the same connection.
   Packet packet(std::string_view payload, uint32_t sequence, uint16_t port = 443, uint8_t protocol = IPPROTO_TCP) {
     const uint8_t here[4] = {127, 0, 0, 1};
     Packet made;
@@ -150,7 +150,7 @@ TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   EXPECT_FALSE(flows.admits(answer, true));
   EXPECT_EQ(calls(), "new -; data 20 a.example; ");
 
-  // The server of another program speaks first.
+  // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
   provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
   EXPECT_TRUE(flows.admits(answer, true));

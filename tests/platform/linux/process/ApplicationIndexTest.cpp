@@ -35,9 +35,10 @@ TEST(DesktopEntryTest, FindsTheProgramBehindQuotesAndEnv) {
   }
 }
 
-// All the layouts of packages that distributions and vendors use.
+// The rows cover the ways in which packages of distributions and vendors place their files.
 TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
-  // Program and application. If the Exec is not empty, the application has an entry with it.
+  // A program, its application, and the Exec of that application's desktop entry; with an empty Exec the row makes
+  // none.
   const std::tuple<const char*, const char*, const char*> kPrograms[] = {
       {"bin/direct", "direct", "@bin/direct"},
       {"bin/second", "zz", "second --private"},
@@ -94,14 +95,14 @@ TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
       {[&] { fs::remove(folder.path("entries/early.desktop")); }, "opt/maker/early", "none"}};
   for (const auto& [change, program, expected] : kSteps) {
     for (const char* name :
-         {"entries", "entries/sub", "bin", "opt", "opt/maker"}) {  // the last installation was long ago
+         {"entries", "entries/sub", "bin", "opt", "opt/maker"}) {  // as if the last installation was long ago
       fs::last_write_time(folder.path(name), fs::file_time_type::clock::now() - 1h);
     }
     application("bin/present");
     change();
     EXPECT_EQ(expected, application(program));
   }
-  // A second change may leave the folder's time equal.
+  // The time of the folder may stay the same if a second change follows soon enough.
   auto time = fs::last_write_time(folder.path("entries"));
   folder.entry("again", "@opt/maker/early");
   fs::last_write_time(folder.path("entries"), time);

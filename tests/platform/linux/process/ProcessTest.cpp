@@ -65,18 +65,17 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {20, 10, 50, "bin/browser", kBrowser, "", "browser", 20},
       {21, 1, 40, "bin/other", kBrowser, "", "other", 21},           // in the unit of another application
       {23, 1, 70, "helper", kBrowser, "", "helper", 20},             // its parent has ended
-      {24, 10, 80, "helper", "app-tool-1.scope", "", "helper", 24},  // started by the desktop, in its own unit
+      {24, 10, 80, "helper", "app-tool-1.scope", "", "helper", 24},  // started by the desktop, in a unit of its own
       {25, 10, 80, "helper", kSession, "", "helper", 10},
-      {26, 20, 30, "helper", kSession, "", "helper", 26},  // its parent is younger: the pid was used again
+      {26, 20, 30, "helper", kSession, "", "helper", 26},  // its parent is younger than it: the parent's pid was reused
       {27, 1, 90, "bin/shell", kSession, "org.example.Sandboxed", "org.example.Sandboxed", 27},
       {28, 27, 91, "", kSession, "", "none", 27},
       {29, 1, 92, "", "snap.packaged.app-1.scope", "", "packaged", 29},
-      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper",
-       30},                                                      // a program of the system; a parent of itself
-      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
+      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper", 30},  // not a file of the snap; its own parent
+      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},              // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31},
-      // Files that cannot be examined, as in the FUSE mount of an AppImage.
+      // Programs whose files cannot be examined, as in the FUSE mount of an AppImage.
       {34, 1, 97, "tmp/.mount_browseAb12/browser", kSession, "", "browser", 34},
       {35, 10, 98, "tmp/.mount_BrowseCd34/python3.11", "snap.editor.code-1.scope", "", "image-browser", 10}};
   std::string mountPoint = folder.path("tmp/.mount_BrowseCd34");
@@ -121,7 +120,7 @@ TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
   EXPECT_NE("next", before);
   ::close(gate[0]);
   ::close(gate[1]);
-  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // shorter than the cache time
+  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // shorter than a process stays in the cache
   EXPECT_EQ("next", name());
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);

@@ -15,7 +15,7 @@ Ref<Dictionary> attributes(const audit_token_t& token) {
 }
 Ref<Dictionary> attributes(pid_t pid) { return dictionary_create(GuestAttribute::Pid, number_create(pid)); }
 
-// The status, identifier and path that the core gets, by the same calls.
+// The status, identifier and path. ask() gets them by the calls that the core makes.
 using Answer = std::tuple<OSStatus, std::string, std::string>;
 
 Answer ask(const Ref<Dictionary>& attributes) {

@@ -14,7 +14,8 @@
 
 namespace orvane {
 
-// The owner is the port of the local address, so that a test sees which end the proxy asks about.
+// Returns the port of the local address as the owner, so that a test sees for which side of the connection the proxy
+// asks.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr*) {
   return Value::number(ntohs(reinterpret_cast<const sockaddr_in*>(local)->sin_port));
 }
@@ -62,7 +63,7 @@ TEST_F(ProxyTest, CarriesOutVerdicts) {
     NewFlow newFlow;
     Data data, complete;
     std::string sent, calls, status, reply;
-    int error;  // that the client reads
+    int error;  // the errno of the client's last read
   } kCases[] = {
       {"allowed", NewFlow::allowVerdict(), drop, drop, "one", "new localhost; ", "200", "one", 0},
       {"allowed, reset by the server", NewFlow::allowVerdict(), drop, drop, "break", "new localhost; ", "200", "",

@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// One end for the relay, non-blocking, and the other for the test.
+// Two connected sockets: `inner` is for the relay, and non-blocking; `outer` is for the test.
 struct Pair {
   Pair() {
     int ends[2];
@@ -41,7 +41,7 @@ class RelayTest : public testing::Test {
   std::future<Relay::Outcome> outcome;
 };
 
-// Sends until nothing has been taken for a while. Returns the number of bytes.
+// Sends until the socket has accepted nothing for 0.3 s. Returns the number of bytes sent.
 size_t send_until_full(const Peer& peer) {
   const std::string block(65536, 'x');
   const timeval patience{0, 300000};

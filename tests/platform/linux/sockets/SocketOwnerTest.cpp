@@ -24,7 +24,7 @@
 namespace orvane {
 namespace {
 
-// Also holds IPv4 addresses, whose port is in the same place.
+// Can also hold an IPv4 address: sockaddr_in has the port at the same offset.
 using Address = sockaddr_in6;
 sockaddr* generic(Address& address) { return reinterpret_cast<sockaddr*>(&address); }
 
@@ -51,11 +51,11 @@ TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
     hints.ai_flags = AI_NUMERICHOST;
     ASSERT_EQ(0, ::getaddrinfo(host, nullptr, &hints, &any));
     Descriptor listener(::socket(any->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    Descriptor client(::socket(any->ai_family, SOCK_STREAM, 0));  // programs inherit it
+    Descriptor client(::socket(any->ai_family, SOCK_STREAM, 0));  // not SOCK_CLOEXEC: the child inherits it
     bool bound = ::bind(listener.get(), any->ai_addr, any->ai_addrlen) == 0;
     bool optional = any->ai_family == AF_INET6;
     ::freeaddrinfo(any);
-    if (!bound && optional) continue;  // no IPv6 here
+    if (!bound && optional) continue;  // this machine has no IPv6
     ASSERT_EQ(0, ::listen(listener.get(), 1));
     Address target = address_of(listener);
     ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof(target)));
@@ -79,7 +79,8 @@ audit_token_t token_of(const Value& data) {
   return token;
 }
 
-// A process that runs `work` and then, if `waits`, waits to be killed. An `identifier` other than 0 is its pid.
+// A process that runs `work` and then, if `waits` is true, waits to be killed. Its pid is `identifier`, or any if that
+// is 0.
 struct Child {
   template <class Work>
   Child(Work work, bool waits, pid_t identifier = 0) {
@@ -167,7 +168,8 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   for (const SendCase& how : kCases) {
     for (bool waits : {true, false}) {
       SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended"));
-      // The record has no port of a connected datagram socket, so its datagram cannot be found once it is closed.
+      // The record does not contain the port of a connected datagram socket. So after the socket is closed, find()
+      // cannot tell which socket sent a datagram.
       bool isLostWhenClosed = how.type == SOCK_DGRAM && how.mode == Mode::Connect;
       if (!waits && isLostWhenClosed) continue;
       bool mapped = std::string_view(how.target).starts_with("::ffff:");
@@ -192,7 +194,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // start times have a resolution of 10 ms
+      ::usleep(20'000);  // so that the next process has another start time; the resolution is 10 ms
       if (isLostWhenClosed) continue;
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
@@ -214,7 +216,8 @@ std::chrono::nanoseconds thread_time() {
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-// Another user's four processes with up to 20,000 descriptors each, and sockets of that user which nobody holds.
+// The attacker is a user with four processes that have up to 20,000 descriptors each. Packets come from sockets of that
+// user that no process holds, so a search for their owner goes through all these descriptors.
 TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   using namespace std::chrono_literals;
   constexpr uid_t kAttacker = 65534;
@@ -237,7 +240,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   const struct {
     const char* what;
     uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // for a hundred packets
+    std::chrono::nanoseconds all;  // the limit for a hundred packets
   } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.what);

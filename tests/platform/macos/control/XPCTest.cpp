@@ -141,7 +141,7 @@ TEST_F(XPC, CarriesOutEachMessageBeforeItsCallReturns) {
                               properties.description());
 }
 
-// The extension's end would silently ignore them.
+// The extension's side drops a message with such an argument without an error, so the client must reject it.
 TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
   listen(traced_);
   auto client = connect();
@@ -160,7 +160,8 @@ TEST_F(XPC, ReportsAMissingService) {
             "service");
 }
 
-// The answer of a restarted extension, or over a new connection, does not confirm the lost messages.
+// When a connection breaks, messages are lost. A later answer from a restarted extension, or over a new connection,
+// does not confirm them.
 TEST_F(XPC, ReportsAnEndDuringACall) {
   listen(traced_);
   // Delivers the message, which breaks the connection, before the client asks for the confirmation.
