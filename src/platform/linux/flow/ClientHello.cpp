@@ -53,13 +53,13 @@ ClientHelloReader::State ClientHelloReader::readMessage(std::span<const uint8_t>
     fragment = fragment.subspan(part.size());
     fieldLeft_ -= part.size();
     if (isCollected_) collected_.append(reinterpret_cast<const char*>(part.data()), part.size());
-    // An empty field ends without a byte.
+    // A field of length 0 is complete without a byte, so several fields may finish here.
     while (state == State::Open && fieldLeft_ == 0) state = finish(field_);
   }
   return state;
 }
 
-// Reads the complete field and starts the next one.
+// Call this when all bytes of the field have arrived. Reads the field and starts the next one.
 ClientHelloReader::State ClientHelloReader::finish(Field field) {
   switch (field) {
     case Field::MessageHeader:
@@ -107,7 +107,7 @@ ClientHelloReader::State ClientHelloReader::collect(Field field, size_t bytes) {
   return state;
 }
 
-// Unknown if the field would end after the message.
+// Starts a field whose bytes are not collected. Unknown if the field would end after the message.
 ClientHelloReader::State ClientHelloReader::skip(Field field, size_t bytes) {
   if (bytes > messageLeft_) return State::Unknown;
   messageLeft_ -= bytes;

@@ -16,17 +16,17 @@ class ClientHelloReader {
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // there is no name: no hello, a malformed one, one without a name, or one that is too long
+    Unknown,  // no name: the bytes are no hello, or the hello is malformed, has no name or is too long
   };
 
-  // The most bytes of records that are read.
+  // Limit on the bytes that are read, TLS record headers included.
   static constexpr size_t kLimit = 65536;
 
-  // Reads the next bytes of the connection; the first call gets its first bytes. TLS records may split the hello
-  // anywhere.
+  // Reads the next bytes of the connection; the first call gets the connection's first bytes. TLS records may split the
+  // hello anywhere.
   State read(std::span<const uint8_t> bytes);
 
-  // As the client wrote it.
+  // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 
  private:
@@ -54,7 +54,7 @@ class ClientHelloReader {
   State readServerNames();
 
   State state_ = State::Open;
-  size_t read_ = 0;  // bytes of records
+  size_t read_ = 0;  // bytes so far, record headers included
 
   std::array<uint8_t, 5> recordHeader_{};
   size_t recordHeaderLength_ = 0;

@@ -10,8 +10,8 @@ namespace orvane {
 // Calls the provider for one flow: once for the new flow, then for outbound data up to the peek count, then for the end
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
-// The session keeps no bytes: its caller holds them back while holdsData() is true. The inbound half of a verdict is
-// ignored, because no callback of the provider takes inbound data.
+// The session stores no data: its caller keeps the outbound bytes that must wait, while holdsData() is true. What a
+// verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
 //
 // Not thread-safe: a flow belongs to one thread.
 class FilterSession {
@@ -26,17 +26,17 @@ class FilterSession {
   FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow);
 
   // Shows the flow to the provider. Call it once, before the other functions. `passed` is the number of outbound bytes
-  // that passed before.
+  // that passed before this call.
   State newFlow(uint64_t passed = 0);
 
   // Shows the next outbound bytes, up to the peek count. Every data verdict is final, so the first bytes that the
   // provider sees settle the flow.
   State outboundData(std::span<const uint8_t> bytes);
 
-  // The outbound side has ended: settles the flow.
+  // Tells the provider that the outbound side has ended. The provider's verdict settles the flow.
   State outboundComplete();
 
-  // Drops an examined flow whose data cannot be shown.
+  // Drops an examined flow without asking the provider, because its data cannot be shown.
   State refuse();
 
   State state() const { return state_; }
@@ -52,7 +52,7 @@ class FilterSession {
   Ref<NEFilterFlow> flow_;
   State state_ = State::New;
   uint64_t peekBytes_ = 0;  // how many more outbound bytes the provider may see
-  uint64_t offset_ = 0;     // outbound bytes so far
+  uint64_t offset_ = 0;     // the number of outbound bytes so far
 };
 
 }  // namespace orvane

@@ -5,18 +5,18 @@
 
 namespace orvane {
 
-// What the flow sources have seen since the process started. Thread-safe.
+// Counts what the flow sources have seen since the process started. Thread-safe.
 struct FlowCounters {
   using Count = std::atomic<uint64_t>;
 
-  Count flows{0};          // shown to the provider
-  Count allowed{0};        // at the new flow
-  Count dropped{0};        // at the new flow
-  Count examined{0};       // the provider asked for data
-  Count allowedByData{0};  // at the data, or at the end of it
-  Count droppedByData{0};
+  Count flows{0};                    // flows that were shown to the provider
+  Count allowed{0};                  // of these, allowed when they were new
+  Count dropped{0};                  // of these, dropped when they were new
+  Count examined{0};                 // of these, flows whose data the provider asked for
+  Count allowedByData{0};            // examined flows that were allowed at their data or at its end
+  Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
-  Count unknownNames{0};             // flows without a readable name, DNS flows aside
+  Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
   Count queueOverruns{0};            // times that the queue was full and the kernel passed packets

@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// Shows the provider the outbound flows that the settings select, and carries out its verdicts.
+// Shows the provider the outbound flows that the settings select, and carries out the provider's verdicts.
 class FlowSource {
  public:
   virtual ~FlowSource() = default;
@@ -15,7 +15,8 @@ class FlowSource {
   // Starts showing flows, on the source's own threads. Call it once. Returns an error.
   virtual std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) = 0;
 
-  // Ends the flows that the source carries itself. The provider gets no new flows afterwards.
+  // Ends the flows whose data goes through the source's own sockets (a proxy). The provider gets no new flows
+  // afterwards.
   virtual void stop() = 0;
 };
 

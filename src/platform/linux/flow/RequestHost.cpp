@@ -70,7 +70,8 @@ std::optional<Authority> parse_authority(std::string_view text) {
 
 RequestHostReader::State RequestHostReader::read(std::string_view bytes) {
   while (state_ == State::Open && !bytes.empty()) {
-    // Lines may be long (URLs, cookies) and most are skipped, so they are read in pieces.
+    // Lines may be long (URLs, cookies) and most are skipped. So a line is read in pieces as they arrive, and is never
+    // stored as a whole.
     const size_t end = bytes.find('\n');
     const std::string_view piece = bytes.substr(0, end);
     bytes.remove_prefix(end == std::string_view::npos ? bytes.size() : end + 1);
@@ -97,7 +98,7 @@ RequestHostReader::State RequestHostReader::readPiece(std::string_view piece) {
     piece.remove_prefix(space);
   }
   if (part_ == Part::Target) {
-    // Only the version at the end of the request line matters, and a carriage return after it.
+    // Only the end of the request line is kept: the version, and the carriage return after it.
     constexpr size_t kEnd = kVersionLength + 1;
     kept_ += piece.substr(piece.size() - std::min(piece.size(), kEnd));
     if (kept_.size() > kEnd) kept_.erase(0, kept_.size() - kEnd);
@@ -124,14 +125,14 @@ RequestHostReader::State RequestHostReader::finishLine() {
     case Part::Method:
       return State::Unknown;
     case Part::Target:
-      // Other protocols that begin with a word (SMTP) end here: their servers answer this line before the client sends
-      // more.
+      // The first line of another protocol (SMTP) may also begin with a word. Its server answers this line before the
+      // client sends more, so more bytes may never come, and the answer must be Unknown now.
       if (kept_.size() < kVersionLength || !kept_.substr(kept_.size() - kVersionLength).starts_with(kVersion)) {
         return State::Unknown;
       }
       break;
     case Part::FieldName:
-      if (kept_.empty()) return State::Unknown;  // the end of the head
+      if (kept_.empty()) return State::Unknown;  // an empty line ends the head
       break;
     case Part::OtherField:
       break;

@@ -16,12 +16,13 @@ inline constexpr size_t kRequestHeadLimit = 65536;
 
 using RequestParser = boost::beast::http::request_parser<boost::beast::http::empty_body>;
 
-// Whether the bytes can begin a request line: a method of at most 31 letters, digits and hyphens, then a space. The
-// parser would wait for the end of the head before it rejects TLS or another protocol.
+// Whether the bytes can begin a request line: a method of at most 31 letters, digits and hyphens, then a space. Check
+// this before parsing: the parser waits for the end of the head before it rejects TLS or another protocol.
 bool may_be_request(std::string_view bytes);
 
-// Parses a request head from its first byte, with a new parser. Returns the bytes that the head has, with the empty
-// line. On an error returns 0; the error is need_more while the head is incomplete.
+// Parses a request head. `parser` must be new, and `bytes` must begin with the head's first byte. Returns the length of
+// the head, including the empty line at its end. On failure returns 0 and sets `error`, to need_more if the head is
+// incomplete.
 size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error);
 
 // "host[:port]" (RFC 3986, section 3.2).
@@ -42,17 +43,17 @@ class RequestHostReader {
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // there is no name: no HTTP/1 request, a head without a host, or one that is too long
+    Unknown,  // no name: the bytes are no HTTP/1 request, or the head has no host or is too long
   };
 
-  // The most bytes of a head that are read. Browsers send less: their URLs have 2 MiB at most.
+  // Limit on the bytes of a head that are read. Browsers send fewer: their URLs have 2 MiB at most.
   static constexpr size_t kLimit = size_t{4} << 20;
 
-  // Reads the next bytes of the connection; the first call gets its first bytes. A bare LF ends a line, as servers
-  // accept it too.
+  // Reads the next bytes of the connection; the first call gets the connection's first bytes. A line may end with a
+  // bare LF, because servers accept that, too.
   State read(std::string_view bytes);
 
-  // As the client wrote it; an IPv6 address without its brackets.
+  // The host name as the client wrote it; an IPv6 address without its brackets.
   const std::string& name() const { return name_; }
 
  private:
@@ -65,7 +66,7 @@ class RequestHostReader {
   State state_ = State::Open;
   Part part_ = Part::Method;
   size_t read_ = 0;
-  std::string kept_;  // of the current part: the method, the end of the request line, a field's name, the host
+  std::string kept_;  // what is needed of the current part: method, end of the request line, field's name, or host
   std::string name_;
 };
 

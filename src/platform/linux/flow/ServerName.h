@@ -17,15 +17,15 @@ class ServerNameReader {
   enum class State {
     Open,     // more bytes can give the name
     Known,    // name() is complete
-    Unknown,  // there is no name, whatever follows
+    Unknown,  // there is no name, and later bytes cannot give one
   };
 
-  // Reads the next bytes of the connection; the first call gets its first bytes.
+  // Reads the next bytes of the connection; the first call gets the connection's first bytes.
   State read(std::span<const uint8_t> bytes);
 
   State state() const { return state_; }
 
-  // In the form of the list's names (HostName.h). Empty unless Known.
+  // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.
   const std::string& name() const { return name_; }
 
  private:

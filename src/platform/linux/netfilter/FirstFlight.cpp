@@ -9,11 +9,12 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   if (broken_ || payload.empty()) return !broken_;
   if (!begun_) begin_ = sequence;
   begun_ = true;
-  // Relative to the bytes in order, so that a flight may be longer than the sequence numbers are wide.
+  // The segment's distance from the next byte in order. A distance, unlike a sequence number, also works when a flight
+  // has more than 2^32 bytes.
   const auto expected = static_cast<uint32_t>(begin_ + length_);
   const auto distance = static_cast<int32_t>(sequence - expected);
   if (distance < 0 && static_cast<uint64_t>(-static_cast<int64_t>(distance)) > length_) {
-    broken_ = true;  // before the begin
+    broken_ = true;  // the segment begins before the flight
     return false;
   }
   if (distance <= 0 && waiting_.empty()) {
@@ -37,7 +38,8 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   return !broken_;
 }
 
-// Keeps those bytes of a segment that are new: behind the bytes in order, and between the pieces that wait.
+// Stores the new bytes of a segment: those that are neither in order yet nor in a piece that waits. `offset` is the
+// payload's distance from the start of the flight.
 void FirstFlight::keep(uint64_t offset, std::span<const uint8_t> payload) {
   const uint64_t end = offset + payload.size();
   uint64_t at = std::max(offset, length_);

@@ -19,11 +19,12 @@ namespace orvane {
 namespace {
 
 constexpr int kAttempts = 3;
-// For each address family. Removing takes some 40 ms. A service that ends must not wait for a firewall program that
-// hangs: rules that stay block nothing, because packets pass without a reader of the queue.
+// Limit on the time to remove the rules of one address family; it takes some 40 ms if nothing hangs. A service that
+// ends must not wait for a firewall program that hangs. Rules that are not removed block nothing, because packets pass
+// when no process reads the queue.
 constexpr auto kRemovalTime = std::chrono::milliseconds(700);
 
-// In our own text and in iptables-save's.
+// Counts our rules in a text: one that we install, or one that iptables-save has printed.
 size_t count_rules(std::string_view text) {
   size_t count = 0;
   for (size_t at = 0; (at = text.find("-A ORVANE-", at)) != std::string_view::npos; ++at) ++count;
@@ -36,15 +37,16 @@ std::string jump_removals(const SavedTable& table) {
   return text;
 }
 
-// Whether the table has a chain of ours that `text` does not define: another version's.
+// Whether the table has a chain of ours that `text` does not define, because another version of the extension made it.
 bool has_other_chains(const SavedTable& table, std::string_view text) {
   return std::any_of(table.chains.begin(), table.chains.end(), [text](const std::string& chain) {
     return text.find("\n:" + chain + " ") == std::string_view::npos;
   });
 }
 
-// Makes the jumps the first rules of their chains. Each table is one transaction, so there is always a jump. The
-// transaction deletes exactly the jumps that exist: -D fails for a missing rule, and -I alone would leave two jumps.
+// Makes our jumps the first rules of their built-in chains. It deletes exactly the jumps that exist and inserts new
+// ones: -D fails for a missing rule, and -I alone would leave two jumps. Each table is changed in one transaction, so
+// no packet meets a table without its jumps.
 std::string jump_script(const SavedTables& saved) {
   auto insertions = [](const std::vector<std::string>& chains) {
     std::string text;
@@ -68,7 +70,7 @@ std::string removal_script(const char* name, const SavedTable& table) {
   return text + "COMMIT\n";
 }
 
-// Table mangle, which asks for verdicts, goes before table filter, which carries them out.
+// Removes the rules of table mangle first: they ask for verdicts, and the rules of table filter carry out the verdicts.
 std::string removal_script(const SavedTables& saved) {
   return removal_script("mangle", saved.mangle) + removal_script("filter", saved.filter);
 }
@@ -78,7 +80,8 @@ class Family {
  public:
   explicit Family(AddressFamily family) : family_(family) {}
 
-  // Whether the network namespace has the family. A kernel without IPv6 needs no rules for it, and ip6tables fails.
+  // Whether the network namespace has the address family. A kernel without IPv6 needs no IPv6 rules, and ip6tables
+  // would fail.
   bool isAvailable() const {
     return family_ == AddressFamily::IPv4 || access("/proc/thread-self/net/if_inet6", F_OK) == 0;
   }
@@ -92,7 +95,8 @@ class Family {
     return std::nullopt;
   }
 
-  // Tries several times, as other programs may change the rules between our reading and our writing.
+  // Installs the text from prepare(). Tries several times, because other programs may change the rules between our
+  // reading and our writing.
   std::optional<std::string> install(const CommandLimit& limit = {}) {
     std::string error;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -102,7 +106,7 @@ class Family {
       const size_t mangle = text.find("*mangle");
       if (has_other_chains(before->filter, text.substr(0, mangle)) ||
           has_other_chains(before->mangle, text.substr(mangle))) {
-        // Leaves a moment without rules, after a change of versions only.
+        // This leaves a moment without rules, but only when another version of the extension starts.
         if (!restore(removal_script(*before), error, limit)) continue;
         before = read(error, limit);
         if (!before) continue;
@@ -161,7 +165,7 @@ class Family {
 
   AddressFamily family_;
   std::string text_;           // input of iptables-restore
-  std::string installedText_;  // what iptables-save printed after the installation
+  std::string installedText_;  // our chains and rules as iptables-save printed them after the installation
 };
 
 // A netlink socket that receives a message for every change to the namespace's nf_tables.
@@ -217,7 +221,7 @@ std::optional<std::string> KernelRules::install(const NEFilterSettings& settings
       return error;
     }
   }
-  // Before the rules are read for the first time, so that no later change is missed.
+  // The socket is opened before the rules are read for the first time, so that no later change is missed.
   if (std::all_of(own.families.begin(), own.families.end(),
                   [](Family& family) { return !family.isAvailable() || family.reportsChanges(); })) {
     own.changes = open_change_socket();
@@ -234,8 +238,8 @@ int KernelRules::changeDescriptor() const { return implementation_->changes.get(
 
 KernelRules::State KernelRules::check(std::string& error, int stop) {
   Implementation& own = *implementation_;
-  // Drain the messages first, so that later changes wake us again. Our own repair wakes us too; the next check finds
-  // the rules intact.
+  // Drain the messages first, so that later changes wake us again. Our own repair is a change and wakes us, too; the
+  // check after it finds the rules intact.
   if (own.changes) drain(own.changes.get());
   if (!own.installed) return State::Intact;
   State state = State::Intact;

@@ -15,7 +15,8 @@ class KernelRules {
   KernelRules();
   ~KernelRules();  // leaves the rules in place; see remove()
 
-  // Installs the rules of the settings in place of any older ones. Returns an error, and then leaves no rules of ours.
+  // Installs the rules of the settings in place of any older rules of ours. On failure, removes all rules of ours and
+  // returns an error.
   std::optional<std::string> install(const NEFilterSettings& settings);
 
   // A descriptor that becomes readable when a program, this one included, has changed the kernel's rules. -1 when the
@@ -23,8 +24,9 @@ class KernelRules {
   int changeDescriptor() const;
 
   enum class State { Intact, Repaired, Broken };
-  // Repairs missing or changed chains and jumps, and jumps that are not the first rules of OUTPUT. Reads all messages
-  // from changeDescriptor(). Broken sets `error`. Gives up when `stop`, an eventfd(2), is readable.
+  // Repairs missing or changed chains and jumps, and jumps that are not the first rules of their built-in chains.
+  // Discards the messages of changeDescriptor(). If the result is Broken, `error` has the reason. Gives up when `stop`,
+  // an eventfd(2), is readable.
   State check(std::string& error, int stop = -1);
 
   // Removes the rules, if there are any. Takes 1.4 s at most. Returns an error.

@@ -11,9 +11,10 @@
 namespace orvane {
 namespace {
 
-// "The packet is longer than its headers", in the form of xt_bpf (the output of nfbpf_compile). Matches on the PSH
-// flag, on a length or by u32 would miss data on the SYN, tiny payloads or the first segment of a narrow window, or
-// would match the SYN itself. In IPv6 every packet with extension headers matches: parse_packet() finds the TCP header.
+// Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet that is longer than its headers.
+// Matches on the PSH flag, on a length or by u32 would miss data on the SYN, tiny payloads or the first segment of a
+// narrow window, or would match a SYN without data. In IPv6, every packet with extension headers matches, and
+// parse_packet() then finds the TCP header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =
@@ -25,7 +26,7 @@ std::string mark_and_mask(uint32_t value) {
   return text;
 }
 
-// Chain ORVANE-NEW: the provider's rules.
+// Makes the text of the chain ORVANE-NEW from the provider's rules.
 class NewChain {
  public:
   explicit NewChain(AddressFamily family) : family_(family) {}
@@ -68,7 +69,8 @@ class NewChain {
   const std::string& error() const { return error_; }
 
  private:
-  // Appends the match of an end's address. Sets `canMatch` to false when the address is of the other family.
+  // Appends the match of an endpoint's address to `match`. Sets `canMatch` to false if the address is not of family_:
+  // no packet of family_ can match the rule then.
   bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, const char* option, std::string& match,
                bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
@@ -99,8 +101,9 @@ class NewChain {
   std::string text_, error_;
 };
 
-// The way of a packet through ORVANE-OUTPUT of both tables and ORVANE-INPUT, and the chains that these jump to. "Bits"
-// are ours of a mark.
+// What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these jump. The
+// columns are: the condition, the chain to which the packet then goes, and what that chain does. "Bits" are our bits
+// (kMarkMask) of a mark.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -114,7 +117,7 @@ class NewChain {
 //                                                        +-- NF_REPEAT, packet's bits = the answer -------+
 //   filter OUTPUT
 //     packet and connection have bits         VERDICT  save as above, then clear the packet's bits
-//     SYN that meets "dropped"                         clear the connection's bits
+//     SYN without bits, connection dropped             clear the connection's bits
 //     connection or packet dropped            DROP     TCP reset, or port unreachable
 //
 //   mangle INPUT <----------------------------------------------------------------------------------------+
@@ -128,24 +131,28 @@ class NewChain {
 // The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
-//   user's id. So ASK marks a packet as allowed, and the most frequent answer changes nothing. Packets that nobody
-//   answers (no process serves the queue, or it is full) keep this mark, and their connections count as allowed.
-// - "Pending" only keeps a packet from being queued twice. It is not saved: the connection may have a verdict by then.
-// - Rules test the connection's bits with the packet's, as other programs may use the same bits for other connections.
-//   A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark`, so it passes.
+//   user's id. So ASK marks a packet as allowed before it is queued, and "allowed", the most frequent answer, changes
+//   nothing. A packet that gets no answer (no process serves the queue, or it is full) keeps this mark, and its
+//   connection counts as allowed.
+// - The packet's bits "pending" only keep the packet from being queued twice. They are not saved to the connection,
+//   because the connection may have a verdict by then.
+// - A packet goes to VERDICT only if its connection has bits, too, because other programs may set the same bits in
+//   packets of other connections. A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark` of
+//   connmark, so it passes.
 // - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
-//   then calls the packets INVALID and gives them no connection. They are judged one by one, and the answer is in the
-//   packet's own mark only.
-// - A server may answer before the request is complete, and a browser shows the answer. So the server's data is dropped
-//   until the verdict. The server sends it again.
-// - Both ends of a connection of this machine to itself send through OUTPUT, hence the test of the direction.
-// - A SYN clears the bits because connection tracking may take it for part of an old connection, one that was reset and
-//   used the same ports. Table filter clears "dropped" too, in case another program has flushed table mangle. A SYN
-//   that one of the provider's rules drops has the bits in its own mark.
-// - A RST without ACK ends no connection of the sender: it answers a stray segment.
-// - Table filter saves the bits too, for packets that did not enter mangle again.
-// - DROP lets resets pass: the reset that rejects a connection belongs to that connection.
-// - Table filter comes first, so that verdicts are carried out before the first packet is queued.
+//   then calls packets INVALID and gives them no connection. Each of these packets gets a verdict of its own, which is
+//   only in the packet's mark.
+// - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
+//   dropped until there is a verdict. The server sends the data again.
+// - If this machine connects to itself, the packets of both directions pass OUTPUT. So rules test the direction.
+// - A SYN clears the connection's bits, because connection tracking may take the SYN for part of an old connection that
+//   was reset and used the same ports. Table filter also clears "dropped", in case another program has flushed table
+//   mangle. It does so only for a SYN without bits: if one of the provider's rules drops the SYN, its mark has bits.
+// - QUEUE ignores a RST without ACK: it answers a stray segment and ends no connection of the sender.
+// - Table filter also saves the bits, for packets that did not enter mangle again: those without an answer, and those
+//   that the extension sent on with NF_ACCEPT.
+// - DROP lets resets pass, because the reset by which REJECT ends a connection belongs to that connection.
+// - The text has table filter first, so that the rules that carry out verdicts exist before the first packet is queued.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
@@ -219,7 +226,9 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
   return text;
 }
 
-// `lastChain`: of the line before, so that the first rule of a chain is known.
+// Adds a line of iptables-save to `table` if it is a chain of ours, a rule of ours, or a jump to our chains.
+// `lastChain` is the built-in chain of the previous rule: if that is another chain, this line is the first rule of its
+// chain.
 void read_line(std::string_view line, SavedTable& table, std::string_view& lastChain) {
   if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
   if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';

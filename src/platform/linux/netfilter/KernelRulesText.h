@@ -19,35 +19,37 @@ inline constexpr uint32_t kMarkPending = 0x02000000;  // the connection's payloa
 inline constexpr uint32_t kMarkAllowed = 0x10000000;
 inline constexpr uint32_t kMarkDropped = 0x12000000;
 
-// A packet's mark with `answer`, one of the three above, in place of our bits. Packets leave the queue with it.
+// The mark with which a packet leaves the queue: `packetMark`, with our bits replaced by `answer`, one of the three
+// values above.
 constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (packetMark & ~kMarkMask) | answer; }
 
 // The packet queue (nfnetlink_queue) that the rules name; each network namespace has its own queues.
 inline constexpr uint16_t kQueueNumber = 20743;
 
-// The chains of the kernel that jump to ours, in the order in which iptables-save(8) prints them.
+// The built-in chains that jump to our chains, in the order in which iptables-save(8) prints them.
 inline const std::vector<std::string> kFilterChains{"OUTPUT"};
 inline const std::vector<std::string> kMangleChains{"INPUT", "OUTPUT"};
 
-// The rule that jumps from one of these chains to ours, as iptables-save(8) prints it.
+// The rule that jumps from one of these built-in chains to our chain, as iptables-save(8) prints it.
 std::string jump_from(const std::string& chain);
 
 enum class AddressFamily { IPv4, IPv6 };
 
-// The rules of one family, as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: our chains and
-// their rules, first of table filter, then of table mangle, without the jumps to them. Returns nothing and sets
-// `error` when the kernel cannot express a rule: it has a host name, or an unknown service.
+// The rules of one address family, as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: our chains
+// and their rules, first of table filter, then of table mangle, without the jumps from the built-in chains. Returns
+// nothing and sets `error` if the kernel cannot express a rule, because it has a host name or an unknown service.
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error);
 
-// Our part of one table.
+// Our part of one table in the output of iptables-save(8).
 struct SavedTable {
   std::string lines;                // our chains and their rules, as printed
-  std::vector<std::string> chains;  // their names
-  std::vector<std::string> jumps;   // the rules of the kernel's chains that jump to ours, jump_from() or another
-  std::vector<std::string> chainsWithJump;  // the kernel's chains whose first rule is jump_from()
+  std::vector<std::string> chains;  // the names of our chains
+  std::vector<std::string> jumps;   // all rules of the built-in chains that jump to ours: jump_from() and others
+  std::vector<std::string> chainsWithJump;  // the built-in chains whose first rule is jump_from()
 
-  // Whether exactly these chains begin with their jump, and no other rule jumps to our chains.
+  // Whether each of these built-in chains, and no other, begins with jump_from(), and no other rule jumps to our
+  // chains.
   bool isIntact(const std::vector<std::string>& chainsOfKernel) const {
     return chainsWithJump == chainsOfKernel && jumps.size() == chainsOfKernel.size();
   }

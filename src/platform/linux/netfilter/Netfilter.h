@@ -15,7 +15,7 @@ namespace orvane {
 // rules (KernelRules.h) send the first outbound bytes of new connections to a packet queue and carry out the verdicts.
 // Needs CAP_NET_ADMIN.
 //
-//   queue thread          reads packets, asks the provider, answers; flows need no lock, as only it uses them
+//   queue thread          reads packets, asks the provider, answers; only this thread uses flows, so they need no lock
 //   rules thread          repairs the kernel rules
 //   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
 class Netfilter final : public FlowSource {

@@ -22,7 +22,8 @@ uint32_t read_u32(Bytes bytes, size_t at) {
   return static_cast<uint32_t>(read_u16(bytes, at)) << 16 | read_u16(bytes, at + 2);
 }
 
-// Sets the addresses and the protocol of `ends`. Returns the bytes after the IP header.
+// Sets the addresses and the protocol of `ends`, and the number of bytes that are missing at the end of the packet.
+// Returns the bytes after the IP header.
 std::optional<Bytes> read_ipv4(Bytes bytes, size_t length, SocketPair& ends, size_t& missing) {
   if (bytes.size() < kIPv4HeaderLength) return std::nullopt;
   size_t header = size_t{bytes[0] & 0x0fU} * 4;
@@ -67,7 +68,7 @@ std::optional<Bytes> skip_extensions(uint8_t next, Bytes rest, uint8_t& protocol
   return rest;
 }
 
-// As read_ipv4().
+// Does the same as read_ipv4(), and skips extension headers.
 std::optional<Bytes> read_ipv6(Bytes bytes, uint32_t outputInterface, size_t length, SocketPair& ends,
                                size_t& missing) {
   if (bytes.size() < kIPv6HeaderLength) return std::nullopt;
@@ -87,7 +88,7 @@ bool read_tcp(Bytes segment, Packet& packet) {
   packet.syn = (segment[13] & kSyn) != 0;
   packet.fin = (segment[13] & kFin) != 0;
   packet.rst = (segment[13] & kRst) != 0;
-  packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // SYN has a sequence number (RFC 9293, section 3.4)
+  packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // a SYN takes one number (RFC 9293, section 3.4)
   packet.payload = segment.subspan(header);
   return true;
 }

@@ -18,8 +18,9 @@ namespace orvane {
 namespace {
 
 constexpr size_t kLargestPacket = 0xffff;
-constexpr size_t kMessageRoom = 8192;  // for the message around the packet
-// In packets. More than fit into the socket's buffer, so that the buffer fills first: only that is reported to us.
+constexpr size_t kMessageRoom = 8192;  // for the netlink message around the packet
+// In packets. More than fit into the socket's buffer, so that the buffer is full before the queue is: the kernel
+// reports only a full buffer to us.
 constexpr uint32_t kQueueLength = 1 << 17;
 // In bytes. Room for a burst of new connections, with a first packet of about 2 KiB each. The kernel takes the memory
 // only when it needs it.
@@ -28,7 +29,8 @@ constexpr uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_GSO;
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
-// Does nothing (a command of older kernels), but needs the same capability as the others.
+// A command of older kernels that does nothing now. It still needs the same capability as the other commands, so it
+// shows whether this process has the capability.
 void put_no_operation(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
 
 void put_settings(nlmsghdr* message) {
@@ -38,7 +40,7 @@ void put_settings(nlmsghdr* message) {
   mnl_attr_put_u32(message, NFQA_CFG_MASK, htonl(kFlags));
 }
 
-// The number in an attribute; 0 without one.
+// The number in an attribute. 0 if the attribute is missing or too short.
 uint32_t read_u32(const nlattr* attribute) {
   return attribute == nullptr || mnl_attr_get_payload_len(attribute) < sizeof(uint32_t)
              ? 0
@@ -57,7 +59,8 @@ std::optional<std::string> PacketQueue::open() {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
   int error = configure(put_bind);
-  // The kernel returns EPERM for a missing capability and for a queue that another socket has.
+  // The kernel returns EPERM for a missing capability and for a queue that another socket has. If this process has the
+  // capability, another socket has the queue.
   taken_ = error == EPERM && configure(put_no_operation) == 0;
   if (error == 0) error = configure(put_settings);
   const std::string queue = "packet queue " + std::to_string(number_);
@@ -80,7 +83,8 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   unsigned port = mnl_socket_get_portid(socket_.get());
   while (size >= 0) {
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-    // Rules that an older process left may queue packets already. They are ignored; their senders repeat them.
+    // Rules that an earlier process left may queue packets already. These packets are ignored; their senders repeat
+    // them.
     if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
     if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
@@ -124,7 +128,7 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
     if (const nlattr* payload = attributes[NFQA_PAYLOAD]) {
       queued.bytes = {static_cast<const uint8_t*>(mnl_attr_get_payload(payload)), mnl_attr_get_payload_len(payload)};
     }
-    // The kernel sets it for a packet that is longer than its message.
+    // The kernel sends NFQA_CAP_LEN, the packet's length, only if the packet is longer than NFQA_PAYLOAD.
     queued.length = std::max<size_t>(queued.bytes.size(), read_u32(attributes[NFQA_CAP_LEN]));
     handler(queued);
     packets = true;
@@ -143,7 +147,7 @@ void PacketQueue::decide(uint32_t id, uint32_t verdict, uint32_t mark) {
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_VERDICT, number_);
   nfq_nlmsg_verdict_put(header, static_cast<int>(id), static_cast<int>(verdict));
   nfq_nlmsg_verdict_put_mark(header, mark);
-  // The kernel acts during the call. Its error for a packet that is gone comes to read().
+  // The kernel carries out the verdict during this call. If the packet is gone, the kernel's error comes to read().
   mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);
 }
 

@@ -17,11 +17,11 @@ namespace orvane {
 // A packet that the kernel holds until repeat(), accept() or drop().
 struct QueuedPacket {
   uint32_t id;
-  uint32_t mark;                   // of the packet
-  bool isInbound;                  // comes from chain INPUT
-  uint32_t interface;              // by which it leaves or came; 0 while unknown
+  uint32_t mark;                   // the packet's whole mark, with the bits of other programs
+  bool isInbound;                  // whether the packet comes from chain INPUT; else it comes from OUTPUT
+  uint32_t interface;              // by which the packet came (INPUT) or leaves (OUTPUT); 0 while unknown
   std::span<const uint8_t> bytes;  // from the IP header on, 65531 at most; valid during the handler's call
-  size_t length;                   // of the whole packet
+  size_t length;                   // of the whole packet, which may be longer than `bytes`
 };
 
 // A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. It fails open: packets pass
@@ -31,7 +31,7 @@ class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
 
-  // Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error.
+  // Opens the queue. Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error.
   std::optional<std::string> open();
 
   // Whether open() failed because another process has the queue.
@@ -47,17 +47,18 @@ class PacketQueue {
     Packet,   // the handler was called
     Other,    // another message, such as the kernel's error for a verdict that came too late
     Nothing,  // no message is there
-    Overrun,  // the socket's buffer was full, so the kernel passed packets
+    Overrun,  // the socket's buffer was full, so the kernel passed packets without asking
     Failed,   // errno has the reason
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
   // Sets a packet's whole mark and sends the packet through its chain again, from the first rule on, so that the rules
-  // of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from queueing it again.
+  // of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from queueing the packet
+  // again.
   void repeat(uint32_t id, uint32_t mark);
 
-  // Sets a packet's whole mark and sends the packet on, past the rest of its chain (NF_ACCEPT). The kernel routes it
-  // again if the mark is a new one.
+  // Sets a packet's whole mark and sends the packet on, past the rest of its chain (NF_ACCEPT). If this changes the
+  // mark, the kernel routes the packet again.
   void accept(uint32_t id, uint32_t mark);
 
   void drop(uint32_t id);

@@ -52,7 +52,7 @@ std::optional<std::string> QueueWatchdog::startProcess() {
 }
 
 bool QueueWatchdog::beat() {
-  // Not at each heartbeat: under load there is one for every packet.
+  // Only one heartbeat in 16 checks whether the child has died: under load there is a heartbeat for every packet.
   if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
       waitpid(process_, nullptr, WNOHANG) == process_) {
     startProcess();
@@ -63,7 +63,7 @@ bool QueueWatchdog::beat() {
 void QueueWatchdog::stop() {
   pipeWriteEnd_.reset();
   if (process_ > 0) {
-    // Not by closing the pipe: the child may be stopped (SIGSTOP) and would not see that.
+    // The child is killed, because closing the pipe is not enough: a stopped child (SIGSTOP) would not notice that.
     kill(process_, SIGKILL);
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
     }
@@ -73,12 +73,13 @@ void QueueWatchdog::stop() {
   shared_ = nullptr;
 }
 
-// All that the child runs. It was forked from a program with threads, so it calls nothing that takes a lock or
-// allocates memory.
+// Everything that the child process runs. The child was forked from a program with threads, so it calls nothing that
+// takes a lock or allocates memory.
 void QueueWatchdog::watch() {
-  setsid();  // signals from the terminal do not reach it
+  setsid();  // so that signals from the terminal do not reach the child
   prctl(PR_SET_NAME, "queue-watchdog");
-  signal(SIGTERM, SIG_IGN);  // a service manager sends it to all processes; the child ends with the pipe
+  // A service manager sends SIGTERM to all processes of a service. The child ignores it and ends when the pipe breaks.
+  signal(SIGTERM, SIG_IGN);
   // Close every other inherited descriptor; otherwise it would stay open after the parent closes its copy.
   int low = std::min(queueSocket_, pipeReadEnd_.get()), high = std::max(queueSocket_, pipeReadEnd_.get());
   if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
@@ -95,7 +96,7 @@ void QueueWatchdog::watch() {
     uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
     silent = beats == last && beats != 0 ? silent + 1 : 0;  // counts from the first heartbeat on
     last = beats;
-    // Once; again only after another heartbeat.
+    // The queue is released once. Only another heartbeat, followed by silence, releases it again.
     if (silent != kSilentChecks) continue;
     send(queueSocket_, header, header->nlmsg_len, 0);
     shared_->released.store(true);

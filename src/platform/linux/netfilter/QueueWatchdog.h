@@ -11,19 +11,19 @@
 
 namespace orvane {
 
-// A child process that releases a packet queue when the thread that serves it hangs. Otherwise a hanging or stopped
-// process would hold its packets for ever: the kernel passes them only when no socket has the queue.
+// A child process that releases a packet queue when the thread that serves the queue hangs. Otherwise a hanging or
+// stopped process would hold the packets for ever: the kernel passes packets only when no socket has the queue.
 //
-// The child shares the queue's netlink socket, so that the kernel accepts its message. It ends with this process, and
-// then the socket closes. Not thread-safe.
+// The child shares the queue's netlink socket, because the kernel accepts the message that releases the queue only from
+// this socket. The child ends when this process ends, so that the socket closes. Not thread-safe.
 class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
 
-  // The queue is released after this time without a heartbeat, and up to half a second more.
+  // The queue is released when there was no heartbeat for this time; this may be noticed up to half a second later.
   static constexpr int kTimeoutMilliseconds = 1000;
 
-  // Borrows `queueSocket`. Returns an error.
+  // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error.
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 

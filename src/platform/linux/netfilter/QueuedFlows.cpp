@@ -12,9 +12,9 @@ using namespace std::chrono_literals;
 
 constexpr uint16_t kDNSPort = 53;
 // After this time without a packet, an open flow is kept only if its socket still exists. A browser may wait for
-// minutes in the middle of a request; its later bytes must not count as the begin of a new flow.
+// minutes in the middle of a request; the rest of the request must not count as the start of a new flow.
 constexpr auto kOpenLifetime = 10min;
-// For packets that the kernel queued before it had the verdict.
+// How long a settled flow is remembered, for packets that the kernel queued before it had the verdict.
 constexpr auto kSettledLifetime = 5s;
 constexpr size_t kSettledLimit = 8192;
 constexpr size_t kRepeatsLimit = 100;
@@ -34,7 +34,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   evictExpired(now);
   isLooping_ = false;
   bool ends = packet.fin || packet.rst;
-  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it queues these too.
+  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it queues even these
+  // packets if they have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   auto flow = findOrCreate(packet.ends);
@@ -63,7 +64,8 @@ bool QueuedFlows::admits(const Packet& packet, bool hasConnection, Clock::time_p
   return flow->session.state() == FilterSession::State::Allowed;
 }
 
-// Moves a flow to the end of its list, after the provider was asked: open_, or settled_ if there is a verdict.
+// Call this after the provider may have settled an open flow. Moves the flow to the end of its list: settled_ if there
+// is a verdict, else open_.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->lastSeen = now;
   if (!is_settled(flow->session)) {
@@ -77,7 +79,7 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
 }
 
-// The flow with these ends, or a new one: when there is none, or when another socket has these ends by now.
+// The flow with these endpoints. It is a new flow if none is known, or if another socket has the endpoints by now.
 QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends) {
   auto socket = owners_.find(ends);
   auto found = flows_.find(ends);
@@ -106,15 +108,15 @@ void QueuedFlows::erase(Flows::iterator flow) {
 }
 
 // Adds the packet to an open flow, and asks the provider as soon as the flow can be shown. Returns whether the packet
-// had new bytes, or an end.
+// had new bytes or ended the flow.
 bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
   const bool ends = packet.fin || packet.rst;
   std::span<const uint8_t> bytes = packet.payload;
   std::vector<uint8_t> filled;
   if (packet.missing > 0) {
-    // Packets of the loopback device may be longer than a message of the queue. The missing bytes are filled with bytes
-    // that no name has.
+    // A packet of the loopback device may be longer than a message of the queue. Each missing byte is replaced by '?',
+    // which no host name contains.
     filled.assign(bytes.begin(), bytes.end());
     filled.resize(bytes.size() + packet.missing, '?');
     bytes = filled;
@@ -124,8 +126,8 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
     bytes = flow.flight.next();
   }
-  // A DNS question names no server: the provider reads the name in its bytes. Other names are read to their end even if
-  // admits() has shown the flow already.
+  // The bytes of a DNS flow do not name its server; the provider itself reads the question in them. In all other TCP
+  // flows the name is read to its end, even if admits() has shown the flow already.
   const bool hasName = stream && packet.ends.remote.port != kDNSPort;
   if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
     return !bytes.empty();
@@ -138,7 +140,7 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   return true;
 }
 
-// Returns whether the flow can be shown now.
+// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown now.
 bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
   const ServerNameReader::State state = flow.name.read(bytes);
   if (state == ServerNameReader::State::Known) {

@@ -15,7 +15,7 @@
 
 namespace orvane {
 
-// Finds a flow's socket and its owner, with the contract of SocketOwners.
+// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners.
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
@@ -31,12 +31,12 @@ enum class PacketVerdict {
 };
 
 // The flows whose first outbound packets are in the queue. A flow is shown to the provider when its server's name is
-// known or cannot become known, or when the flow ends. An open flow is kept as long as its socket. Once settled it is
-// remembered for some seconds, for packets that were queued before its verdict.
+// known or cannot become known, or when the flow ends. An open flow is kept as long as its socket exists. A settled
+// flow is remembered for some seconds, for packets that were queued before its verdict.
 //
 // The number of open flows is limited for each user, so that one user's flows take no room from another's. A flow
-// beyond the limit is shown to the provider at once, without a name. If the provider wants more data, the flow is a
-// browser's, and is dropped: no browser has so many connections, and a forgotten flow would pass.
+// beyond the limit is shown to the provider at once, without a name. If the provider asks for data, the flow belongs to
+// a browser and is dropped: no browser has so many connections, and a flow that is forgotten instead would pass.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -46,25 +46,26 @@ class QueuedFlows {
   QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
       : provider_(std::move(provider)), owners_(owners) {}
 
-  // Decides about a packet.
+  // Decides about an outbound packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Whether an inbound packet may reach its socket; the server is its `ends.local`. A server's payload may not while
-  // the flow's name is open: the server could answer before the request names the host. The provider is then asked
-  // without a name. That settles another program's flow at once, so its server may speak first. A packet without a
-  // tracked connection passes if its flow is unknown.
+  // Whether an inbound packet may reach its socket; the server is `packet.ends.local`. A server's payload may pass only
+  // when the flow is allowed: otherwise the server could answer before the request names the host. If the provider does
+  // not know the flow yet, it is asked here, without a name. It allows the flow of a program that is no browser at
+  // once, so that program's server may speak first. If connection tracking does not know the packet's connection
+  // (`hasConnection` is false), the packet also passes if its flow is unknown here.
   bool admits(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
-  // Whether many packets in a row brought no new bytes for the last packet's flow. Then another program overwrites the
-  // marks of its packets, and they are queued again and again.
+  // Whether many packets in a row brought no new bytes for the flow of the last packet. Then another program overwrites
+  // the marks of this flow's packets, so the packets are queued again and again.
   bool isLooping() const { return isLooping_; }
 
-  // The queue is empty: later packets were queued after all verdicts so far.
+  // Call this when the queue is empty. All later packets are then queued after all verdicts so far.
   void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }
 
-  // The most open flows of one user.
+  // The limit on the open flows of one user.
   static constexpr size_t kOpenLimit = 4096;
 
  private:
@@ -78,17 +79,17 @@ class QueuedFlows {
           session(std::move(provider), shown) {}
 
     SocketPair pair;
-    uint64_t cookie;  // of its socket; 0 when no socket was found
+    uint64_t cookie;  // the socket's; 0 when no socket was found
     uid_t user;
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
     FirstFlight flight;
     ServerNameReader name;
     Clock::time_point lastSeen{};
-    uint64_t generation = 0;  // in which it was settled
+    uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes
   };
-  using Flows = std::list<Flow>;  // the last seen one at the end
+  using Flows = std::list<Flow>;  // by the time of the last packet, the latest at the end
 
   static constexpr auto kNoUser = static_cast<uid_t>(-1);
 
