@@ -16,7 +16,7 @@ namespace {
 
 std::string name_at(size_t i) { return "host-" + std::to_string(i) + ".blocked.example"; }
 
-// Names on the list in random order, so that the processor cannot load the next entry into its cache ahead of time.
+// Names of the list, in random order, so that the processor cannot load the next entry into its cache ahead of time.
 std::vector<std::string> random_names(size_t hosts) {
   std::mt19937_64 random(1);
   std::vector<std::string> names;

@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     require(counts.added + counts.changed + counts.unchanged == imported.sites.size());
     check(list);
     require(put_imported(list, imported, false).unchanged == imported.sites.size());
-  } catch (const InputError&) {  // not a list
+  } catch (const InputError&) {  // the bytes are not a list
   }
   for (const BlockedSite& site : list.sites()) require(list.remove(site.host) && !list.remove(site.host));
   require(BlockList::parse(list.text()).size() == 0);

@@ -10,7 +10,7 @@ using namespace orvane;
 
 namespace {
 
-constexpr size_t kCells = size_t{1} << 20;  // more than the segments below reach
+constexpr size_t kCells = size_t{1} << 20;  // beyond the end of every segment below
 
 // The expected flight: one cell for each byte. A cell keeps the first value that it gets.
 struct Model {
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool modelGoesOn = model.add(sequence, payload);
     const bool goesOn = flight.add(sequence, payload);
     if (goesOn && !modelGoesOn) std::abort();
-    if (!goesOn) return 0;  // too many bytes or pieces are after a gap
+    if (!goesOn) return 0;  // a segment before the flight, or too much after a gap
     seen.insert(seen.end(), flight.next().begin(), flight.next().end());
     if (seen.size() != model.ordered || seen.size() != flight.length()) std::abort();
   }

@@ -15,7 +15,7 @@ _IDLE_LIMIT = 10  # seconds until the server closes a silent connection: it cann
 
 @functools.cache
 def hello(name: str) -> bytes:
-    """The client hello of a TLS connection to that server."""
+    """The client hello of a TLS connection to the server `name`."""
     outgoing = ssl.MemoryBIO()
     try:
         ssl.create_default_context().wrap_bio(ssl.MemoryBIO(), outgoing, server_hostname=name).do_handshake()
@@ -25,7 +25,7 @@ def hello(name: str) -> bytes:
 
 
 def request(name: str, path: str = "/") -> bytes:
-    """The request of an HTTP connection to that server."""
+    """The request of an HTTP connection to the server `name`."""
     return f"GET {path} HTTP/1.1\r\nHost: {name}\r\n\r\n".encode()
 
 

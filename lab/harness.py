@@ -52,7 +52,7 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int 
     except ConnectionRefusedError:
         return "refused"
     except ConnectionResetError:
-        return DROP  # before all pieces were sent
+        return DROP  # the reset came before all pieces were sent
 
 
 def wait_until(condition, what: str, seconds: float) -> None:

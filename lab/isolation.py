@@ -88,7 +88,7 @@ def run_isolated(script: str, *arguments: str) -> int:
             _end(unshare)
         _, errors = unshare.communicate()
     finally:
-        os.rmdir(directory)  # empty: its content was on a mount in the namespace
+        os.rmdir(directory)  # it is empty: the script's files were on a mount inside the namespaces
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)

@@ -30,7 +30,7 @@ class Keeper:
             self.process = subprocess.Popen(
                 self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
             )
-        # `orvanectl block` waits for a keeper only if its state file exists.
+        # Wait for the keeper's state file: without it, `orvanectl block` would not wait for the keeper.
         end = time.monotonic() + 20
         while not self._state.exists():
             if self.process.poll() is not None or time.monotonic() > end:

@@ -169,7 +169,7 @@ class Machine:
         return done
 
     def outside_program(self, name: str, user: int = 0) -> pathlib.Path | None:
-        """A script that runs a program of the test's machine in the container. None if it is missing."""
+        """A script that runs a program of the test's machine in the container. None if that machine lacks it."""
         path = shutil.which(name, path="/usr/bin")
         if path is None:
             return None

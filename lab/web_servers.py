@@ -24,7 +24,7 @@ subjectAltName = {alternative_names}
 
 
 def _make_certificate(directory: pathlib.Path, section: str, names: list[str], *more: str) -> pathlib.Path:
-    """Writes SECTION.pem and its key SECTION.key; returns the path of the first."""
+    """Writes SECTION.pem and its key SECTION.key. Returns the path of SECTION.pem."""
     request = directory / f"{section}.cnf"
     alternative_names = ",".join(f"DNS:{name}" for name in names)
     request.write_text(_REQUEST.format(common_name=names[0], alternative_names=alternative_names))
@@ -52,7 +52,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.write(body)
 
     def log_message(self, *_):
-        pass  # the callers report
+        pass  # no log: the callers report what they requested
 
 
 class _Server(http.server.ThreadingHTTPServer):

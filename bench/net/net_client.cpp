@@ -1,6 +1,6 @@
 // The client and the server of the network benchmark, on loopback addresses of a network namespace.
 //
-//   net_client serve PORT                         answers a request on each connection, or reads a stream
+//   net_client serve PORT                         serves the clients of the other two commands
 //   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, each with PAUSE
 //                                                 milliseconds between its connections, and prints their times
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
@@ -49,7 +49,7 @@ bool send_all(int socket, std::string_view bytes) {
   return true;
 }
 
-// Answers a request, or reads a stream to its end.
+// If the first bytes are a request, answers it. Otherwise reads the stream to its end.
 void answer(int socket) {
   static thread_local std::vector<char> buffer(1 << 18);
   ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);

@@ -11,7 +11,7 @@ namespace orvane {
 
 using stand_in::security;
 
-// The content is the pid of the process.
+// In all of these objects, `content` is the pid of the process.
 ORVANE_STAND_IN_COUNTED(struct, SecCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, SecStaticCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, CodeURL, int32_t)

@@ -20,7 +20,7 @@
 // platform.
 namespace orvane::stand_in {
 
-// The calls to the stand-in, in order. Thread-safe.
+// The trace: the calls to the stand-in, in order. Thread-safe.
 void trace(const std::string& line);
 std::string take_trace();  // the lines since the last call, joined by " | "
 
@@ -35,7 +35,7 @@ int alive(const std::string& kind);
 
 // Object.h.
 inline bool nextInitialiserFails = false;  // makes the next NSObject::initialise() return false
-inline std::atomic<int> aliveObjects{0};   // NSObjects of all classes
+inline std::atomic<int> aliveObjects{0};   // live NSObjects of all classes
 
 // Synchronization.h.
 inline thread_local std::string heldLocks;    // that this thread took, in order: "@" for a monitor, "+" for a mutex

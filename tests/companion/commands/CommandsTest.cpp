@@ -17,7 +17,7 @@ namespace {
 // A client that records the messages that it should send.
 class RecordingClient : public Client {
  public:
-  static inline std::string sent;              // messages
+  static inline std::string sent;              // the recorded messages
   static inline int connections;               // how many were opened
   static inline std::vector<uint64_t> counts;  // the next replies of changesCount(); after the last one, it throws
 

@@ -27,7 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The state of a stand-in for the extension, which FakeClient changes and which records the edits.
+// A stand-in for the extension. FakeClient carries out the edits in it, and adds them to `log`.
 struct Extension {
   std::set<std::string> held;
   std::string log;

@@ -172,8 +172,8 @@ TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
   }
 }
 
-// A member of the group can put a link to any file in place of the list. If root then used the list, orvanectl would
-// show the member a file that only root may read.
+// A member of the group can put a link to any file in place of the list. If root then changed the list, orvanectl would
+// copy a file that only root may read into a list that the group may read.
 TEST_F(ListFile, RejectsAnythingButAPlainFile) {
   const std::string secret = folder_ + "/secret";
   const std::pair<const char*, std::function<void()>> kCases[] = {

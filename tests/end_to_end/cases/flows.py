@@ -60,7 +60,7 @@ class RecordingServer:
                     answered = True
 
     def send(self, *pieces: bytes) -> tuple[str, list[str]]:
-        """Sends the pieces on one connection. Returns the outcome, and what the client saw after each earlier piece."""
+        """Sends the pieces on one connection. Returns the final outcome, and that after each piece but the last."""
         seen = []
         with contextlib.suppress(ConnectionResetError), socket.create_connection(self.address, 20) as connection:
             for piece in pieces[:-1]:

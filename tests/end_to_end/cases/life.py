@@ -111,7 +111,10 @@ def _rules(family: str) -> str:
 
 
 def _send_datagrams(address: str) -> None:
-    """Each to another address, so that each is a flow of its own. Closes sockets, so that owners are searched for."""
+    """Sends datagrams until it is killed. Each goes to another address, so that each is a flow of its own.
+
+    Closes each socket after 256 datagrams, so that the extension searches for the owners of closed sockets.
+    """
     os.setuid(65534)
     for number in itertools.count():
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
@@ -135,7 +138,10 @@ def _flood(_world: World):
 
 @contextlib.contextmanager
 def _hanging_iptables(world: World):
-    """Lets the extension begin to look at a change of the rules, with programs that do not end."""
+    """Flushes rules of the extension, and replaces the iptables programs by one that hangs.
+
+    So the extension, which wants to repair its rules, waits for a program that does not end.
+    """
     hanging = world.directory / "hanging"
     hanging.write_text("#!/bin/sh\nexec sleep 1000\n")
     hanging.chmod(0o755)

@@ -227,12 +227,13 @@ TEST_F(XPC, EndsItsConnectionsWithTheListener) {
   EXPECT_THROW(peer->ping(), ClientError);
 }
 
-// Nothing of a broken message is delivered, and other connections stay.
+// No part of a broken message is delivered, and other connections stay open.
 TEST_F(XPC, ReportsHowEachConnectionEnded) {
   auto listener = listen();
   auto bystander = client();
   std::string wild = call_bytes(7, [](auto value) { value.setString("x"); });
-  wild[wild.size() - 13] = 0x7f;  // in the last word but one, the string's pointer: it points outside the message now
+  // The last word is the string, and the word before it points to the string. Make it point outside the message.
+  wild[wild.size() - 13] = 0x7f;
   struct {
     const char* what;
     std::string sent;

@@ -96,7 +96,7 @@ std::string shell(const std::string& command) {
 }
 std::string rules_in_kernel() { return lines_with("ORVANE", shell("iptables-save; ip6tables-save")); }
 
-// In a new network namespace, with its loopback interface up.
+// Runs each test in a new network namespace, with its loopback interface up.
 class KernelRulesTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -102,7 +102,7 @@ TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
     change();
     EXPECT_EQ(expected, application(program));
   }
-  // The time of the folder may stay the same if a second change follows soon enough.
+  // If a second change follows soon enough, the folder's time stays the same. Setting the time back imitates that.
   auto time = fs::last_write_time(folder.path("entries"));
   folder.entry("again", "@opt/maker/early");
   fs::last_write_time(folder.path("entries"), time);
