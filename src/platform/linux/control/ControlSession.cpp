@@ -58,8 +58,8 @@ constexpr uint64_t kValueBytesPerByte = 4;
 // Counts the memory for the arguments of one call against kValueBudget, while the call is carried out. Thread-safe.
 class ValueReservation {
  public:
-  // `stored` is the memory of the stored values that remain after the call. Throws and so refuses the call if the total
-  // would exceed kValueBudget.
+  // `stored` is the memory of stored values that counts against the budget together with the calls' values. Refuses the
+  // call, with an exception, if the total would exceed the budget.
   ValueReservation(uint64_t messageWords, uint64_t stored)
       : bytes_(messageWords * sizeof(capnp::word) * kValueBytesPerByte) {
     if ((total_ += bytes_) + stored <= kValueBudget) return;
@@ -195,8 +195,9 @@ class GuardedStream final : public capnp::MessageStream {
     }
   }
 
-  // True for a call without a capability table and without a longer transform. These are lists, and the library would
-  // allocate as many entries as the message claims.
+  // True for a call that has no capabilities, at most one step in the transform of its target, and the caller as
+  // receiver of its results. Capabilities and transforms are lists, and the library would allocate as many entries as
+  // the message claims.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
     bool direct = !target.isPromisedAnswer() || target.getPromisedAnswer().getTransform().size() <= 1;
@@ -296,8 +297,8 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // Passes a call with one argument to the exported object. `stored` is as in ValueReservation. It is 0 for a message
-  // that removes a value, replaces all values or stores nothing, so that such a message works even when the stored
+  // Passes a call with one argument to the exported object. `stored` is the argument of ValueReservation. It is 0 for a
+  // message that removes a value, replaces all values or stores nothing: so such a message works even when the stored
   // values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),

@@ -22,7 +22,7 @@ namespace orvane {
 //
 // A read returns nothing if the peer closed the stream between two messages. It throws if the connection failed or a
 // message is malformed. A write never fails: after the peer is gone, output is dropped and the reads report the end.
-// Belongs to the thread of its event loop.
+// An object belongs to the thread of its event loop.
 class ControlStream final : public capnp::MessageStream {
  public:
   // Called before memory for an incoming message of `words` words is allocated. The read continues when the promise is

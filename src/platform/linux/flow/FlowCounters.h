@@ -12,8 +12,8 @@ struct FlowCounters {
   Count flows{0};                    // flows that were shown to the provider
   Count allowed{0};                  // of these, allowed when they were new
   Count dropped{0};                  // of these, dropped when they were new
-  Count examined{0};                 // of these, flows whose data the provider asked for
-  Count allowedByData{0};            // examined flows that were allowed at their data or at its end
+  Count examined{0};                 // of these, flows whose data the provider wanted to see first
+  Count allowedByData{0};            // examined flows that were allowed later
   Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
   Count unknownNames{0};             // flows without a readable name; DNS flows are not counted

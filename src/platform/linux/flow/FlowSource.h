@@ -15,8 +15,7 @@ class FlowSource {
   // Starts showing flows, on the source's own threads. Call it once. Returns an error.
   virtual std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) = 0;
 
-  // Ends the flows whose data goes through the source's own sockets (a proxy). The provider gets no new flows
-  // afterwards.
+  // Stops showing flows. A proxy also ends the flows whose data it carries; other flows go on.
   virtual void stop() = 0;
 };
 

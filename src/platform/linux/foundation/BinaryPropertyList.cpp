@@ -54,7 +54,7 @@ class BinaryReader {
     return true;
   }
 
-  // Big-endian.
+  // The big-endian number in the `size` bytes at offset `at`.
   uint64_t integer(size_t at, size_t size) const {
     uint64_t number = 0;
     for (size_t i = 0; i < size; ++i) number = number << 8 | bytes_[at + i];
@@ -106,7 +106,7 @@ class BinaryReader {
       case 0x5:
       case 0x6:
         return bytesValue(at, type, low, object);
-      case 0x8:  // an identifier in an archive of objects
+      case 0x8:  // a UID, by which an archive of objects (NSKeyedArchiver) refers to an object
         if (low > 3 || !fits(at, 1, low + 1)) return fail("an identifier is damaged");
         return Value::unsignedNumber(integer(at, low + 1));
       case 0xa:

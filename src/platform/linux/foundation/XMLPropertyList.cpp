@@ -89,7 +89,7 @@ class XMLReader {
   Value read(std::span<const uint8_t> bytes, std::string* fault) {
     static std::once_flag initialised;
     std::call_once(initialised, xmlInitParser);
-    // By default libxml2 prints encoding errors to standard error. This function prints nothing.
+    // By default libxml2 prints encoding errors to standard error. The empty function replaces that.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {
@@ -118,8 +118,8 @@ class XMLReader {
 
   static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
 
-  // Only a handler could load a DTD, and none is set here. Without a handler, a reference to an entity would silently
-  // expand to nothing, so a list that declares an entity is refused.
+  // A handler that loads a DTD is not set, so none is loaded. A handler that resolves entities is not set either, and a
+  // reference to an entity would silently expand to nothing. So a list that declares an entity is refused.
   static xmlSAXHandler handlers() {
     xmlSAXHandler handler{};
     handler.initialized = XML_SAX2_MAGIC;

@@ -9,8 +9,8 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   if (broken_ || payload.empty()) return !broken_;
   if (!begun_) begin_ = sequence;
   begun_ = true;
-  // The segment's distance from the next byte in order. A distance, unlike a sequence number, also works when a flight
-  // has more than 2^32 bytes.
+  // Compares the sequence number with that of the next byte in order, not with that of the first byte: so a flight may
+  // have more than 2^32 bytes.
   const auto expected = static_cast<uint32_t>(begin_ + length_);
   const auto distance = static_cast<int32_t>(sequence - expected);
   if (distance < 0 && static_cast<uint64_t>(-static_cast<int64_t>(distance)) > length_) {

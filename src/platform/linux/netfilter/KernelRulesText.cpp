@@ -102,8 +102,8 @@ class NewChain {
 };
 
 // What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these jump. The
-// columns are: the condition, the chain to which the packet then goes, and what that chain does. "Bits" are our bits
-// (kMarkMask) of a mark.
+// columns are: the condition, the chain (if any) to which the packet then goes, and what happens there. "Bits" are our
+// bits (kMarkMask) of a mark.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -140,11 +140,11 @@ class NewChain {
 //   packets of other connections. A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark` of
 //   connmark, so it passes.
 // - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
-//   then calls packets INVALID and gives them no connection. Each of these packets gets a verdict of its own, which is
-//   only in the packet's mark.
+//   then calls packets of the connection INVALID and does not assign them to it. Each of these packets gets its own
+//   verdict, which is only in the packet's mark.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
-// - If this machine connects to itself, the packets of both directions pass OUTPUT. So rules test the direction.
+// - If this machine connects to itself, the packets of both directions go through OUTPUT. So rules test the direction.
 // - A SYN clears the connection's bits, because connection tracking may take the SYN for part of an old connection that
 //   was reset and used the same ports. Table filter also clears "dropped", in case another program has flushed table
 //   mangle. It does so only for a SYN without bits: if one of the provider's rules drops the SYN, its mark has bits.

@@ -34,8 +34,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   evictExpired(now);
   isLooping_ = false;
   bool ends = packet.fin || packet.rst;
-  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it queues even these
-  // packets if they have such headers.
+  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it also queues
+  // acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   auto flow = findOrCreate(packet.ends);

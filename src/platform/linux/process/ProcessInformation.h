@@ -86,7 +86,7 @@ class ProcessInformation {
 // 4294967295 for a process outside a login. For the version, see version(). Nothing when the process does not exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
 
-// The pids in a process table, in no order.
+// The pids in a process table, in any order.
 std::vector<pid_t> process_identifiers(const std::string& processTable = "/proc");
 
 }  // namespace orvane

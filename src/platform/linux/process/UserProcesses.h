@@ -12,7 +12,7 @@
 namespace orvane {
 
 // The processes of each user. Reading the process table takes about 3 microseconds for each process, and a user may
-// start ten thousands of processes. So update() may stop early, and the next call continues where it stopped. Not
+// start tens of thousands of processes. So update() may stop early, and the next call continues where it stopped. Not
 // thread-safe.
 class UserProcesses {
  public:
