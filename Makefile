@@ -1,4 +1,4 @@
-# The front door. CMake is the build: see CMakePresets.json.
+# Short commands for the usual tasks. CMake does the builds, with the presets in CMakePresets.json.
 PRESET ?= release
 BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 
