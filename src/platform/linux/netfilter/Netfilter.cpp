@@ -162,6 +162,7 @@ void Netfilter::Queue::serve(int stop) {
       if (++reads % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
       read = packets.read(handler);
+      watchdog.setAnswered(packets.acknowledged());
       if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
     } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
     flows.queueDrained();
@@ -216,7 +217,7 @@ void Netfilter::Queue::rebind() {
   } while (left != PacketQueue::Read::Nothing && left != PacketQueue::Read::Failed);
   packets.rebind();
   flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
-  ORVANE_LOG_ERROR(default_log(), "netfilter: the filter hung, and traffic passed unfiltered meanwhile");
+  ORVANE_LOG_ERROR(default_log(), "netfilter: the filter hung or fell behind, and traffic passed unfiltered meanwhile");
 }
 
 }  // namespace orvane

@@ -113,6 +113,8 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   int left = static_cast<int>(size);
   for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); mnl_nlmsg_ok(header, left);
        header = mnl_nlmsg_next(header, &left)) {
+    // Errors of verdicts have the number 0.
+    if (header->nlmsg_type == NLMSG_ERROR && header->nlmsg_seq != 0) acknowledged_ = header->nlmsg_seq;
     if (header->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8 | NFQNL_MSG_PACKET)) continue;
     std::array<nlattr*, NFQA_MAX + 1> attributes{};
     if (nfq_nlmsg_parse(header, attributes.data()) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) continue;

@@ -52,6 +52,10 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
+  // The sequence number of the last message with NLM_F_ACK on this socket whose answer was read, behind all packets
+  // that were queued before it.
+  uint32_t acknowledged() const { return acknowledged_; }
+
   // Sets a packet's whole mark and sends the packet through its chain again, from the first rule on, so that the rules
   // of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from queueing the packet
   // again.
@@ -71,6 +75,7 @@ class PacketQueue {
   const uint16_t number_;
   std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_{nullptr, nullptr};
   std::vector<char> buffer_;
+  uint32_t acknowledged_ = 0;
   bool taken_ = false;
 };
 

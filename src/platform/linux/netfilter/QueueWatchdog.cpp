@@ -24,6 +24,7 @@ namespace {
 
 constexpr int kCheckMilliseconds = 250;
 constexpr int kSilentChecks = QueueWatchdog::kTimeoutMilliseconds / kCheckMilliseconds;
+constexpr uint32_t kLongestWaitChecks = QueueWatchdog::kLongestWaitMilliseconds / kCheckMilliseconds;
 
 std::string failure(const char* what) {
   return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
@@ -86,19 +87,29 @@ void QueueWatchdog::watch() {
   if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);
   close_range(static_cast<unsigned>(high + 1), ~0U, 0);
 
-  alignas(nlmsghdr) std::array<char, 512> message{};
-  nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, queueNumber_);
-  nfq_nlmsg_cfg_put_cmd(header, AF_UNSPEC, NFQNL_CFG_CMD_UNBIND);
+  alignas(nlmsghdr) std::array<char, 512> messages[2]{};
+  nlmsghdr* release = nfq_nlmsg_put(messages[0].data(), NFQNL_MSG_CONFIG, queueNumber_);
+  nfq_nlmsg_cfg_put_cmd(release, AF_UNSPEC, NFQNL_CFG_CMD_UNBIND);
+  nlmsghdr* probe = nfq_nlmsg_put(messages[1].data(), NFQNL_MSG_CONFIG, queueNumber_);
+  nfq_nlmsg_cfg_put_cmd(probe, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND);  // does nothing
+  probe->nlmsg_flags |= NLM_F_ACK;
+  uint32_t settled = shared_->probes.load();  // no more answers are due for probes up to this one
   uint64_t last = 0;
   for (int silent = 0;;) {
     pollfd end{pipeReadEnd_.get(), 0, 0};
     if (poll(&end, 1, kCheckMilliseconds) > 0) _exit(0);
     uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
-    silent = beats == last && beats != 0 ? silent + 1 : 0;  // counts from the first heartbeat on
+    silent = beats == last ? silent + 1 : 0;
     last = beats;
-    // The queue is released once. Only another heartbeat, followed by silence, releases it again.
-    if (silent != kSilentChecks) continue;
-    send(queueSocket_, header, header->nlmsg_len, 0);
+    if (beats == 0 || shared_->released.load()) continue;  // the thread does not serve the queue yet, or not any more
+    settled = std::max(settled, shared_->answered.load());
+    if (silent < kSilentChecks && shared_->probes.load() - settled < kLongestWaitChecks) {
+      probe->nlmsg_seq = ++shared_->probes;
+      send(queueSocket_, probe, probe->nlmsg_len, 0);
+      continue;
+    }
+    send(queueSocket_, release, release->nlmsg_len, 0);
+    settled = shared_->probes.load();
     shared_->released.store(true);
   }
 }

@@ -5,9 +5,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 #include "platform/linux/netfilter/QueueWatchdog.h"
@@ -30,19 +32,27 @@ class QueueWatchdogTest : public testing::Test {
     ASSERT_EQ(watchdog.start(queue.get(), kQueue), std::nullopt);
   }
 
-  // Whether the watchdog unbinds the queue within the time.
-  bool unbinds(std::chrono::milliseconds time) {
-    pollfd entry{kernel.get(), POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(time.count())) != 1) return false;
-    alignas(nlmsghdr) char bytes[512];
-    EXPECT_GT(recv(kernel.get(), bytes, sizeof bytes, 0), 0);
-    auto* header = reinterpret_cast<nlmsghdr*>(bytes);
-    auto* message = static_cast<nfgenmsg*>(mnl_nlmsg_get_payload(header));
-    auto* attribute = static_cast<nlattr*>(mnl_nlmsg_get_payload_offset(header, sizeof *message));
-    auto* command = static_cast<nfqnl_msg_config_cmd*>(mnl_attr_get_payload(attribute));
-    EXPECT_EQ(ntohs(message->res_id), kQueue);
-    EXPECT_EQ(command->command, NFQNL_CFG_CMD_UNBIND);
-    return true;
+  // Whether the watchdog unbinds the queue within the time. Calls `probed` with the number of each probe.
+  bool unbinds(
+      std::chrono::milliseconds time, const std::function<void(uint32_t)>& probed = [](uint32_t) {}) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    for (auto left = time; left > 0ms;
+         left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now())) {
+      pollfd entry{kernel.get(), POLLIN, 0};
+      if (poll(&entry, 1, static_cast<int>(left.count())) != 1) return false;
+      alignas(nlmsghdr) char bytes[512];
+      EXPECT_GT(recv(kernel.get(), bytes, sizeof bytes, 0), 0);
+      auto* header = reinterpret_cast<nlmsghdr*>(bytes);
+      auto* message = static_cast<nfgenmsg*>(mnl_nlmsg_get_payload(header));
+      auto* attribute = static_cast<nlattr*>(mnl_nlmsg_get_payload_offset(header, sizeof *message));
+      auto* command = static_cast<nfqnl_msg_config_cmd*>(mnl_attr_get_payload(attribute));
+      EXPECT_EQ(ntohs(message->res_id), kQueue);
+      if (command->command == NFQNL_CFG_CMD_UNBIND) return true;
+      EXPECT_EQ(command->command, NFQNL_CFG_CMD_PF_UNBIND);
+      EXPECT_TRUE(header->nlmsg_flags & NLM_F_ACK);
+      probed(header->nlmsg_seq);
+    }
+    return false;
   }
 
   Descriptor queue, kernel;
@@ -58,6 +68,23 @@ TEST_F(QueueWatchdogTest, ReplacesAChildThatDied) {
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
   for (int i = 0; i < 20; ++i) watchdog.beat();
   EXPECT_TRUE(unbinds(3s));
+}
+
+TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
+  watchdog.beat();
+  // The thread is late by two seconds, and later by more and more.
+  const auto isLate = [this](uint32_t probe) {
+    watchdog.beat();
+    if (probe > 8) watchdog.setAnswered(probe - 8);
+  };
+  const auto fallsBehind = [this](uint32_t probe) {
+    watchdog.beat();
+    watchdog.setAnswered(std::max(8U, probe / 2));
+  };
+  EXPECT_FALSE(unbinds(4s, isLate));
+  EXPECT_TRUE(unbinds(8s, fallsBehind));
+  for (int i = 0; i < 1000 && !watchdog.beat(); ++i) std::this_thread::sleep_for(1ms);  // until the child says so, too
+  EXPECT_FALSE(unbinds(1s, isLate)) << "the packets that waited are gone";
 }
 
 }  // namespace
