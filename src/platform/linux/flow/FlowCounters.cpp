@@ -11,11 +11,12 @@ void log_flow_counters() {
                      "%lu of unknown owners, %lu of unknown names",
                      c.flows.load(), c.allowed.load(), c.dropped.load(), c.examined.load(), c.allowedByData.load(),
                      c.droppedByData.load(), c.unknownOwners.load(), c.unknownNames.load());
-  ORVANE_LOG_DEFAULT(default_log(),
-                     "queue: %lu packets, %lu after a verdict, %lu overruns, %lu releases, %lu rule repairs, longest "
-                     "hold %lu microseconds",
-                     c.queuedPackets.load(), c.lateQueued.load(), c.queueOverruns.load(), c.queueReleases.load(),
-                     c.ruleRepairs.load(), c.longestHoldMicroseconds.load());
+  ORVANE_LOG_DEFAULT(
+      default_log(),
+      "queue: %lu packets, %lu after a verdict, %lu overruns, %lu unjudged, %lu releases, %lu rule repairs, "
+      "longest hold %lu microseconds",
+      c.queuedPackets.load(), c.lateQueued.load(), c.queueOverruns.load(), c.unjudgedPackets.load(),
+      c.queueReleases.load(), c.ruleRepairs.load(), c.longestHoldMicroseconds.load());
 }
 
 }  // namespace orvane

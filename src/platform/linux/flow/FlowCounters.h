@@ -19,10 +19,11 @@ struct FlowCounters {
   Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
-  Count queueOverruns{0};            // times that the queue was full and the kernel passed packets
+  Count queueOverruns{0};            // times that the queue was full and the kernel dropped packets
+  Count unjudgedPackets{0};          // dropped, because too many packets of their user waited, or for too long
   Count queueReleases{0};            // times that the watchdog released the queue
   Count ruleRepairs{0};              // times that the kernel rules were repaired
-  Count longestHoldMicroseconds{0};  // from reading a packet to its verdict
+  Count longestHoldMicroseconds{0};  // of one packet's judgement
 
   void recordHold(uint64_t microseconds) {
     uint64_t longest = longestHoldMicroseconds.load(std::memory_order_relaxed);

@@ -132,7 +132,7 @@ class NewChain {
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
 //   user's id. So ASK marks a packet as allowed before it is queued, and "allowed", the most frequent answer, changes
-//   nothing. A packet that gets no answer (no process serves the queue, or it is full) keeps this mark, and its
+//   nothing. A packet that gets no answer (no process serves the queue) keeps this mark, and its
 //   connection counts as allowed.
 // - The packet's bits "pending" only keep the packet from being queued twice. They are not saved to the connection,
 //   because the connection may have a verdict by then.
@@ -149,6 +149,8 @@ class NewChain {
 //   was reset and used the same ports. Table filter also clears "dropped", in case another program has flushed table
 //   mangle. It does so only for a SYN without bits: if one of the provider's rules drops the SYN, its mark has bits.
 // - QUEUE ignores a RST without ACK: it answers a stray segment and ends no connection of the sender.
+// - QUEUE limits UDP, because any user can send datagrams faster than the extension answers the queue. Datagrams beyond
+//   the limit pass. TCP needs no limit: a connection sends little before its first data are answered.
 // - Table filter also saves the bits, for packets that did not enter mangle again: those without an answer, and those
 //   that the extension sent on with NF_ACCEPT.
 // - DROP lets resets pass, because the reset by which REJECT ends a connection belongs to that connection.
@@ -197,7 +199,7 @@ COMMIT
 -A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK -g ORVANE-ASK
--A ORVANE-QUEUE -p udp -g ORVANE-ASK
+-A ORVANE-QUEUE -p udp -m limit --limit 2000/sec --limit-burst 2000 -g ORVANE-ASK
 -A ORVANE-ASK -j MARK --set-xmark @ALLOWED
 -A ORVANE-ASK @QUEUE
 -A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK

@@ -14,6 +14,7 @@
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
+#include "platform/linux/netfilter/PacketBacklog.h"
 #include "platform/linux/netfilter/PacketQueue.h"
 #include "platform/linux/netfilter/QueueWatchdog.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
@@ -24,7 +25,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kHeartbeat = 400ms;      // the watchdog needs two in a second
+constexpr auto kHeartbeat = 400ms;  // the watchdog needs two in a second
+constexpr int kReadsOfBatch = 32;
 constexpr auto kRulesDebounce = 200ms;  // a firewall that reloads changes its rules in many steps
 constexpr auto kRulesPoll = 500ms;      // without messages from the kernel, or to repeat a repair that failed
 
@@ -60,10 +62,14 @@ struct Netfilter::Queue {
   explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
 
   void serve(int stop);
+  PacketQueue::Read readBatch();
+  void handleNext();
+  void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued);
   void rebind();
 
   PacketQueue packets{kQueueNumber};
+  PacketBacklog backlog;
   QueueWatchdog watchdog;
   SystemOwners owners;
   QueuedFlows flows;
@@ -150,21 +156,20 @@ void Netfilter::watchRules() {
 }
 
 void Netfilter::Queue::serve(int stop) {
-  auto handler = [this](const QueuedPacket& queued) { handle(queued); };
   if (watchdog.beat()) rebind();  // the first heartbeat starts the watch
   for (;;) {
     pollfd packet{packets.descriptor(), POLLIN, 0};
     bool stopped = wait_for({&packet, 1}, stop, deadline_after(kHeartbeat)) == Wait::Stopped;
     PacketQueue::Read read;
-    int reads = 0;
+    int rounds = 0;
     do {
       // In a flood, the queue is never empty and this loop does not end by itself.
-      if (++reads % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
+      if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
-      read = packets.read(handler);
+      read = readBatch();
       watchdog.setAnswered(packets.acknowledged());
-      if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
-    } while (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed);
+      handleNext();
+    } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
     flows.queueDrained();
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
@@ -172,6 +177,35 @@ void Netfilter::Queue::serve(int stop) {
       wait_for({}, stop, deadline_after(kHeartbeat));
     }
   }
+}
+
+// Moves packets from the kernel's queue to the backlog, faster than a flood fills that queue.
+PacketQueue::Read Netfilter::Queue::readBatch() {
+  const auto now = PacketBacklog::Clock::now();
+  auto keep = [this, now](const QueuedPacket& queued) {
+    if (!backlog.add(queued, now)) dropUnjudged(queued);
+  };
+  PacketQueue::Read read = PacketQueue::Read::Nothing;
+  for (int i = 0; i < kReadsOfBatch; ++i) {
+    read = packets.read(keep);
+    if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
+    if (read == PacketQueue::Read::Nothing || read == PacketQueue::Read::Failed) break;
+  }
+  return read;
+}
+
+void Netfilter::Queue::handleNext() {
+  auto packet = backlog.next();
+  if (!packet) return;
+  const auto start = PacketBacklog::Clock::now();
+  if (start - packet->since > PacketBacklog::kLongestWait) return dropUnjudged(packet->queued);
+  handle(packet->queued);
+  backlog.charge(PacketBacklog::Clock::now() - start);
+}
+
+void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {
+  flow_counters().unjudgedPackets.fetch_add(1, std::memory_order_relaxed);
+  packets.drop(queued.id);
 }
 
 void Netfilter::Queue::handle(const QueuedPacket& queued) {
@@ -211,6 +245,7 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
 // Takes the queue back after the watchdog released it. The packets that are left in the socket were dropped by the
 // kernel. They are not answered: packet ids start again, so an answer could reach another packet.
 void Netfilter::Queue::rebind() {
+  backlog.clear();
   PacketQueue::Read left;
   do {
     left = packets.read([](const QueuedPacket&) {});

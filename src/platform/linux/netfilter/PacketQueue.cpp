@@ -21,11 +21,11 @@ constexpr size_t kLargestPacket = 0xffff;
 constexpr size_t kMessageRoom = 8192;  // for the netlink message around the packet
 // In packets. More than fit into the socket's buffer, so that the buffer is full before the queue is: the kernel
 // reports only a full buffer to us.
-constexpr uint32_t kQueueLength = 1 << 17;
+constexpr uint32_t kQueueLength = 1 << 18;
 // In bytes. Room for a burst of new connections, with a first packet of about 2 KiB each. The kernel takes the memory
 // only when it needs it.
 constexpr int kSocketBuffer = 64 << 20;
-constexpr uint32_t kFlags = NFQA_CFG_F_FAIL_OPEN | NFQA_CFG_F_GSO;
+constexpr uint32_t kFlags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID;
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
@@ -125,6 +125,7 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
                         read_u32(attributes[NFQA_MARK]),
                         isInbound,
                         read_u32(attributes[isInbound ? NFQA_IFINDEX_INDEV : NFQA_IFINDEX_OUTDEV]),
+                        attributes[NFQA_UID] == nullptr ? kNoUser : read_u32(attributes[NFQA_UID]),
                         {},
                         0};
     if (const nlattr* payload = attributes[NFQA_PAYLOAD]) {

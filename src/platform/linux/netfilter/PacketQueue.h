@@ -14,19 +14,23 @@ struct nlmsghdr;
 
 namespace orvane {
 
+constexpr uint32_t kNoUser = UINT32_MAX;  // no user can have this id
+
 // A packet that the kernel holds until repeat(), accept() or drop().
 struct QueuedPacket {
   uint32_t id;
   uint32_t mark;                   // the packet's whole mark, with the bits of other programs
   bool isInbound;                  // whether the packet comes from chain INPUT; else it comes from OUTPUT
   uint32_t interface;              // by which the packet came (INPUT) or leaves (OUTPUT); 0 while unknown
+  uint32_t user;                   // whose socket sends or receives it; kNoUser if the kernel does not say
   std::span<const uint8_t> bytes;  // from the IP header on, 65531 at most; valid during the handler's call
   size_t length;                   // of the whole packet, which may be longer than `bytes`
 };
 
-// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. It fails open: packets pass
-// when the queue is full. When its socket closes, the kernel drops the packets in the queue and passes later ones. A
-// segment that the network card will split (GSO) is one packet. Not thread-safe.
+// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. When the queue is
+// full, the kernel drops packets: if it passed them, any user could pass the filter by filling the queue. When the
+// socket closes, the kernel drops the packets in the queue and passes later ones. A segment that the network card will
+// split (GSO) is one packet. Not thread-safe.
 class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
@@ -47,7 +51,7 @@ class PacketQueue {
     Packet,   // the handler was called
     Other,    // another message, such as the kernel's error for a verdict that came too late
     Nothing,  // no message is there
-    Overrun,  // the socket's buffer was full, so the kernel passed packets without asking
+    Overrun,  // the socket's buffer was full, so the kernel dropped packets
     Failed,   // errno has the reason
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);

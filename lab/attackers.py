@@ -1,0 +1,99 @@
+"""What an unprivileged user can do to slow the filter down, or to fill its queue."""
+
+import contextlib
+import multiprocessing
+import os
+import signal
+import socket
+import time
+
+ATTACKER = 65534  # a user without rights and without a share of the measured connections
+_SEARCHED, _DESCRIPTORS = 40, 19_000
+_FLOODERS, _SOCKETS = 8, 2_000
+_CONNECTIONS, _HEAD = 300, b"GET / HTTP/1.1\r\n" + b"a:\r\n" * 3500
+_PAUSE = 0.05  # seconds between a connection's bytes
+_FORKING = multiprocessing.get_context("fork")
+
+
+def _search_far(number: int) -> None:
+    """Makes the search for a socket's owner go through many descriptors: the process that opened it has ended."""
+    sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    if os.fork() != 0:
+        os._exit(0)
+    for _ in range(_DESCRIPTORS):
+        os.dup(sender.fileno())
+    for turn in range(1_000_000):
+        with contextlib.suppress(OSError):
+            sender.sendto(b"question", (f"127.2.{number}.{turn % 250 + 1}", 53))
+        time.sleep(0.5)
+
+
+def _flood_with_questions(number: int) -> None:
+    """Fills the queue: the packets of a socket wait there until its buffer is full, so this takes many sockets."""
+    senders = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(_SOCKETS)]
+    for turn in range(1_000_000):
+        for sender in senders:
+            sender.setblocking(False)
+            with contextlib.suppress(OSError):
+                sender.sendto(b"question" * 3, (f"127.4.{number}.{turn % 250 + 1}", 53))
+
+
+def _send_slow_heads(server: socket.socket) -> None:
+    """Sends request heads that never reach their Host, byte by byte."""
+    clients, ends = [], []
+    for _ in range(_CONNECTIONS):
+        clients.append(socket.socket())
+        clients[-1].connect(server.getsockname())
+        clients[-1].setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        ends.append(server.accept()[0])
+        clients[-1].sendall(_HEAD)
+        ends[-1].setblocking(False)
+    while True:
+        for client, end in zip(clients, ends):
+            client.send(b"a")
+            with contextlib.suppress(BlockingIOError):
+                end.recv(1 << 16)
+        time.sleep(_PAUSE)
+
+
+def _run(attack, *arguments) -> None:
+    os.setgid(ATTACKER)
+    os.setuid(ATTACKER)
+    attack(*arguments)
+
+
+def _start(processes: int, attack) -> None:
+    for number in range(processes):
+        _FORKING.Process(target=_run, args=(attack, number)).start()
+
+
+@contextlib.contextmanager
+def _attackers(start, seconds: float):
+    """Attacks during the with block, which begins after these seconds."""
+    group = os.fork()
+    if group == 0:
+        os.setpgid(0, 0)
+        start()
+        signal.pause()
+    time.sleep(seconds)
+    try:
+        yield
+    finally:
+        os.killpg(group, signal.SIGKILL)
+        os.waitpid(group, 0)
+
+
+def slow_attack():
+    """Makes packets take long. Needs root, and the limit of open files that allow_many_descriptors() sets."""
+    server = socket.create_server(("127.3.0.1", 80), backlog=_CONNECTIONS, reuse_port=True)
+
+    def start() -> None:
+        _start(_SEARCHED, _search_far)
+        _run(_send_slow_heads, server)
+
+    return _attackers(start, 10)
+
+
+def flood():
+    """Sends more packets than the queue can hold. Needs what slow_attack() needs."""
+    return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), 3)

@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <numeric>
+#include <vector>
+
+#include "platform/linux/netfilter/PacketBacklog.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr PacketBacklog::Clock::time_point kNow{};
+
+QueuedPacket packet(uint32_t user, uint32_t id, std::span<const uint8_t> bytes = {}) {
+  return {id, 0, false, 1, user, bytes, bytes.size()};
+}
+
+// The ids of the next packets, each of which takes `time`.
+std::vector<uint32_t> take(PacketBacklog& backlog, size_t count, PacketBacklog::Clock::duration time = 1ms) {
+  std::vector<uint32_t> ids;
+  for (size_t i = 0; i < count; ++i) {
+    auto next = backlog.next();
+    if (!next) break;
+    ids.push_back(next->queued.id);
+    backlog.charge(time);
+  }
+  return ids;
+}
+
+TEST(PacketBacklog, KeepsTheOrderAndTheBytesOfAUsersPackets) {
+  PacketBacklog backlog;
+  std::vector<uint8_t> bytes(1000);
+  std::iota(bytes.begin(), bytes.end(), uint8_t{1});
+  const auto sent = bytes;
+  ASSERT_TRUE(backlog.add(packet(7, 1, bytes), kNow));
+  ASSERT_TRUE(backlog.add(packet(7, 2), kNow + 5s));
+  bytes.assign(bytes.size(), 0);  // the queue reads its next message into the same memory
+  auto first = backlog.next();
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->queued.id, 1u);
+  EXPECT_TRUE(std::equal(sent.begin(), sent.end(), first->queued.bytes.begin(), first->queued.bytes.end()));
+  auto second = backlog.next();
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->since, kNow + 5s);
+  EXPECT_TRUE(backlog.empty());
+  EXPECT_FALSE(backlog.next());
+}
+
+TEST(PacketBacklog, SharesTheTimeEquallyBetweenUsers) {
+  PacketBacklog backlog;
+  for (uint32_t id = 0; id < 100; ++id) ASSERT_TRUE(backlog.add(packet(65534, id), kNow));
+  EXPECT_EQ(take(backlog, 50, 10ms).size(), 50u);
+  // A user who comes now does not wait for the flood, and gets nothing for the time before.
+  for (uint32_t id = 1000; id < 1030; ++id) ASSERT_TRUE(backlog.add(packet(1000, id), kNow));
+  size_t victims = 0;
+  for (uint32_t id : take(backlog, 30)) victims += id >= 1000;
+  EXPECT_NEAR(victims, 20, 1);  // the last slow packet's 10 ms first, then every second packet
+}
+
+TEST(PacketBacklog, ServesAUserWithSlowPacketsLessOften) {
+  PacketBacklog backlog;
+  std::vector<uint32_t> served;
+  for (uint32_t turn = 0; turn < 200; ++turn) {
+    // Each user always has one packet waiting.
+    for (uint32_t user : {1u, 2u}) {
+      if (turn > 0 && served.back() != user) continue;
+      ASSERT_TRUE(backlog.add(packet(user, user), kNow));
+    }
+    served.push_back(backlog.next()->queued.user);
+    backlog.charge(served.back() == 1 ? 12ms : 100us);
+  }
+  EXPECT_LE(std::count(served.begin(), served.end(), 1u), 3);
+}
+
+TEST(PacketBacklog, RefusesThePacketsOfAUserWithoutRoomOnly) {
+  PacketBacklog backlog;
+  for (size_t i = 0; i < PacketBacklog::kPacketsOfUser; ++i) ASSERT_TRUE(backlog.add(packet(1, 1), kNow));
+  EXPECT_FALSE(backlog.add(packet(1, 1), kNow));
+  EXPECT_TRUE(backlog.add(packet(2, 1), kNow));
+  const std::vector<uint8_t> large(60000);
+  size_t bytes = 0;
+  for (; backlog.add(packet(3, 1, large), kNow); bytes += large.size()) {
+  }
+  EXPECT_LE(bytes, PacketBacklog::kBytesOfUser);
+  for (uint32_t user = 10; user < 100; ++user) {
+    while (backlog.add(packet(user, 1, large), kNow)) bytes += large.size();
+  }
+  EXPECT_LE(bytes, PacketBacklog::kBytes);
+  backlog.clear();
+  EXPECT_TRUE(backlog.empty());
+  EXPECT_TRUE(backlog.add(packet(1, 1, large), kNow));
+}
+
+}  // namespace
+}  // namespace orvane
