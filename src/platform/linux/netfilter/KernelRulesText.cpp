@@ -110,6 +110,7 @@ class NewChain {
 //                                                      unless they are "pending"                          |
 //     TCP SYN: clear the connection's bits    NEW      the provider's rules: the connection gets          |
 //     first packet of a UDP conversation      NEW      "pending" (chain PENDING), "dropped" or no bits    |
+//     other TCP that begins a connection      NEW      as for a SYN                                       |
 //     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
 //     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
 //       original direction                    ASK      packet's bits = "allowed", then the queue          |
@@ -124,7 +125,7 @@ class NewChain {
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
 //     connection pending, payload of                   the queue; dropped while the name is incomplete    |
 //       the server                                       |                                                |
-//     payload without a valid connection      INVALID  packet's bits = "pending", then the queue          |
+//     payload without a known connection      INVALID  packet's bits = "pending", then the queue          |
 //                                                        |                                                |
 //                                                        +-- NF_REPEAT, packet's bits = "allowed" --------+
 //
@@ -142,6 +143,10 @@ class NewChain {
 // - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
 //   then calls packets of the connection INVALID and does not assign them to it. Each of these packets gets its own
 //   verdict, which is only in the packet's mark.
+// - A server can make connection tracking forget a connection that the sockets still have: with a reset that the
+//   client's TCP ignores, or with silence. The next segment then begins a connection (NEW) and is not a SYN. An
+//   outbound segment is treated like a SYN. Inbound payload goes to the queue, and begins a connection only if it may
+//   pass.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
 // - If this machine connects to itself, the packets of both directions go through OUTPUT. So rules test the direction.
@@ -182,7 +187,7 @@ COMMIT
 :ORVANE-VERDICT - [0:0]
 -A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
 -A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
--A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-INVALID
+-A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID,NEW -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-INVALID
 -A ORVANE-INVALID -j MARK --set-xmark @PENDING
 -A ORVANE-INVALID @QUEUE
 -A ORVANE-ANSWERED -m connmark ! --mark @NONE -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
@@ -191,6 +196,7 @@ COMMIT
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
+-A ORVANE-OUTPUT -p tcp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -j ORVANE-NEW
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE

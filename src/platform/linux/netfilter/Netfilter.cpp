@@ -12,6 +12,7 @@
 
 #include "platform/Log.h"
 #include "platform/linux/base/SocketIO.h"
+#include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
 #include "platform/linux/netfilter/PacketBacklog.h"
@@ -36,6 +37,7 @@ class SystemOwners final : public FlowOwners {
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
+  std::vector<uint64_t> streams() { return owners_.streams(); }
 
  private:
   SocketOwners owners_;
@@ -59,15 +61,18 @@ bool sees_other_users_programs() {
 
 // Used by the queue thread alone, once it runs.
 struct Netfilter::Queue {
-  explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
+  Queue(Ref<NEFilterDataProvider> provider, const NEFilterSettings& rules)
+      : settings(rules), flows(std::move(provider), owners) {}
 
   void serve(int stop);
   PacketQueue::Read readBatch();
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued);
+  PacketVerdict judgeInbound(const Packet& packet, bool hasConnection);
   void rebind();
 
+  const NEFilterSettings settings;
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
   QueueWatchdog watchdog;
@@ -83,7 +88,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   stopRules_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!stopRules_ || !stopQueue_) return "no event descriptor: " + std::generic_category().message(errno);
-  auto queue = std::make_unique<Queue>(std::move(provider));
+  auto queue = std::make_unique<Queue>(std::move(provider), settings);
   // The queue first: when another extension has it, that extension's rules must stay.
   auto error = queue->packets.open();
   taken_ = queue->packets.isTaken();
@@ -91,6 +96,8 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   if (!error) error = queue->owners.check();
   if (error) return error;
   auto noRecords = queue->owners.recordOpeners();
+  // Before the rules: connections from before the filter stay as they are.
+  for (uint64_t cookie : queue->owners.streams()) queue->flows.allowSocket(cookie);
   queue_ = std::move(queue);
   try {
     // Before the rules, so that the first packets do not wait for the last rule.
@@ -213,10 +220,15 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
   if (queued.isInbound) {
-    // Dropped payload is not lost: the server sends it again.
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
-    if (packet && !flows.admits(*packet, hasConnection, start)) return packets.drop(queued.id);
-    return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));
+    switch (packet ? judgeInbound(*packet, hasConnection) : PacketVerdict::Ignored) {
+      case PacketVerdict::Ignored:  // nothing to save
+        return packets.accept(queued.id, answer_mark(queued.mark, 0));
+      case PacketVerdict::Allowed:
+        return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));
+      default:  // the payload is not lost: the server sends it again
+        return packets.drop(queued.id);
+    }
   }
   uint32_t answer = kMarkPending;
   switch (packet ? flows.judge(*packet, start) : PacketVerdict::Ignored) {
@@ -240,6 +252,15 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   }
   auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   flow_counters().recordHold(static_cast<uint64_t>(held.count()));
+}
+
+// The kernel's rules have selected the packets of tracked connections. Others are selected here.
+PacketVerdict Netfilter::Queue::judgeInbound(const Packet& packet, bool hasConnection) {
+  const SocketAddress& server = packet.ends.local;
+  const bool isSelected =
+      hasConnection || action_for_outbound_flow(settings, {server.host(), server.port, NENetworkRuleProtocol::TCP}) ==
+                           NEFilterAction::FilterData;
+  return isSelected ? flows.judgeInbound(packet) : PacketVerdict::Ignored;
 }
 
 // Takes the queue back after the watchdog released it. The packets that are left in the socket were dropped by the

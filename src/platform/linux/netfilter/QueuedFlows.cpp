@@ -38,7 +38,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   // acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  auto flow = findOrCreate(packet.ends);
+  auto flow = findOrCreate(packet.ends, owners_.find(packet.ends), now);
   const bool wasSettled = is_settled(flow->session);
   const bool isNews = !wasSettled && judgeOpen(*flow, packet);
   flow->repeats = isNews ? 0 : flow->repeats + 1;
@@ -51,17 +51,28 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   return verdict_of(flow->session);
 }
 
-bool QueuedFlows::admits(const Packet& packet, bool hasConnection, Clock::time_point now) {
+PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, Clock::time_point now) {
   evictExpired(now);
+  // The client's TCP discards the payload of a SYN-ACK, but needs the SYN-ACK.
+  if (packet.payload.empty() || packet.syn) return PacketVerdict::Ignored;
   const SocketPair ends{packet.ends.protocol, packet.ends.remote, packet.ends.local};
-  if (packet.payload.empty() || (!hasConnection && !flows_.contains(ends))) return true;
-  auto flow = findOrCreate(ends);
+  const auto socket = owners_.find(ends);
+  if (!socket) return PacketVerdict::Ignored;
+  auto flow = findOrCreate(ends, socket, now);
   if (!is_settled(flow->session)) {
     if (flow->session.state() == FilterSession::State::New) flow->session.newFlow(flow->flight.length());
     if (openOfUser_[flow->user] > kOpenLimit) flow->session.refuse();
     keep(flow, now);
   }
-  return flow->session.state() == FilterSession::State::Allowed;
+  return verdict_of(flow->session);
+}
+
+void QueuedFlows::allowSocket(uint64_t cookie) {
+  if (!allowedSockets_.insert(cookie).second) return;
+  allowedByAge_.push_back(cookie);
+  if (allowedByAge_.size() <= kSocketsLimit) return;
+  allowedSockets_.erase(allowedByAge_.front());
+  allowedByAge_.pop_front();
 }
 
 // Call this after the provider may have settled an open flow. Moves the flow to the end of its list: settled_ if there
@@ -76,12 +87,14 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->name = ServerNameReader();
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
+  const bool stream = flow->pair.protocol == IPPROTO_TCP;
+  if (stream && flow->session.state() == FilterSession::State::Allowed) allowSocket(flow->cookie);
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
 }
 
 // The flow with these endpoints. It is a new flow if none is known, or if another socket has the endpoints by now.
-QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends) {
-  auto socket = owners_.find(ends);
+QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket,
+                                                       Clock::time_point now) {
   auto found = flows_.find(ends);
   if (found != flows_.end()) {
     uint64_t known = found->second->cookie;
@@ -89,12 +102,20 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends) {
     if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
     erase(found->second);
   }
-  Value owner = socket ? owners_.ownerOf(*socket) : Value();
+  const bool isAllowed = socket && allowedSockets_.contains(socket->cookie);
+  Value owner = socket && !isAllowed ? owners_.ownerOf(*socket) : Value();
   int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
   auto flow = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
-  open_.emplace_back(ends, socket, std::move(flow), provider_);
-  ++openOfUser_[open_.back().user];
-  return flows_.emplace(ends, std::prev(open_.end())).first->second;
+  Flows& flows = isAllowed ? settled_ : open_;
+  Flow& made = flows.emplace_back(ends, socket, std::move(flow), provider_);
+  if (isAllowed) {
+    made.session.allow();
+    made.lastSeen = now;
+    made.generation = generation_;
+  } else {
+    ++openOfUser_[made.user];
+  }
+  return flows_.emplace(ends, std::prev(flows.end())).first->second;
 }
 
 void QueuedFlows::erase(Flows::iterator flow) {
@@ -127,7 +148,7 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     bytes = flow.flight.next();
   }
   // The bytes of a DNS flow do not name its server; the provider itself reads the question in them. In all other TCP
-  // flows the name is read to its end, even if admits() has shown the flow already.
+  // flows the name is read to its end, even if judgeInbound() has shown the flow already.
   const bool hasName = stream && packet.ends.remote.port != kDNSPort;
   if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
     return !bytes.empty();

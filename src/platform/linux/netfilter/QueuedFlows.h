@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/LinuxFlow.h"
@@ -49,12 +51,16 @@ class QueuedFlows {
   // Decides about an outbound packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Whether an inbound packet may reach its socket; the server is `packet.ends.local`. A server's payload may pass only
-  // when the flow is allowed: otherwise the server could answer before the request names the host. If the provider does
-  // not know the flow yet, it is asked here, without a name. It allows the flow of a program that is no browser at
-  // once, so that program's server may speak first. If connection tracking does not know the packet's connection
-  // (`hasConnection` is false), the packet also passes if its flow is unknown here.
-  bool admits(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
+  // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its
+  // socket. A server's payload may pass only when the flow is allowed: otherwise the server could answer before the
+  // request names the host. If the provider does not know the flow yet, it is asked here, without a name. It allows the
+  // flow of a program that is no browser at once, so that program's server may speak first.
+  PacketVerdict judgeInbound(const Packet& packet, Clock::time_point now = Clock::now());
+
+  // Allows the flow of this TCP socket without asking the provider, so that a connection continues when connection
+  // tracking begins or forgets it. The socket of an allowed flow is added without a call. Only the last kSocketsLimit
+  // sockets are remembered.
+  void allowSocket(uint64_t cookie);
 
   // Whether many packets in a row brought no new bytes for the flow of the last packet. Then another program overwrites
   // the marks of this flow's packets, so the packets are queued again and again.
@@ -67,6 +73,7 @@ class QueuedFlows {
 
   // The limit on the open flows of one user.
   static constexpr size_t kOpenLimit = 4096;
+  static constexpr size_t kSocketsLimit = 16384;
 
  private:
   struct Flow {
@@ -93,7 +100,7 @@ class QueuedFlows {
 
   static constexpr auto kNoUser = static_cast<uid_t>(-1);
 
-  Flows::iterator findOrCreate(const SocketPair& ends);
+  Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);
   void keep(Flows::iterator flow, Clock::time_point now);
   void erase(Flows::iterator flow);
   bool judgeOpen(Flow& flow, const Packet& packet);
@@ -106,6 +113,8 @@ class QueuedFlows {
   bool isLooping_ = false;
   Flows open_, settled_;
   std::unordered_map<uid_t, size_t> openOfUser_;
+  std::unordered_set<uint64_t> allowedSockets_;  // cookies
+  std::deque<uint64_t> allowedByAge_;
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

@@ -53,6 +53,10 @@ int match_score(const SocketPair& pair, const inet_diag_msg& message) {
   return 1 + (localMatches ? 1 : 0) + (is_any(remote) ? 2 : 0) + (remoteMatches ? 4 : 0);
 }
 
+uint64_t cookie_of(const inet_diag_msg& message) {
+  return uint64_t{message.id.idiag_cookie[1]} << 32 | message.id.idiag_cookie[0];
+}
+
 void write_endpoint(const SocketAddress& end, __be32* words, __be16& port) {
   std::memcpy(words, end.address.data(), end.address.size());
   port = htons(end.port);
@@ -73,7 +77,7 @@ inet_diag_req_v2 exact_request(const SocketPair& pair) {
   return request;
 }
 
-// Requests all datagram sockets of a family that are bound to the local port.
+// Requests all sockets of a family that are bound to the local port; all at all if it is 0.
 inet_diag_req_v2 dump_request(const SocketPair& pair, uint8_t family) {
   inet_diag_req_v2 request{};
   request.sdiag_family = family;
@@ -96,9 +100,8 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
     int score = match_score(pair, message);
     if (score <= best) return;
     best = score;
-    uint64_t cookie = uint64_t{message.id.idiag_cookie[1]} << 32 | message.id.idiag_cookie[0];
     bool connected = message.id.idiag_dport != 0 && score >= kPeerMatches;
-    found = SocketFacts{cookie, message.idiag_inode, message.idiag_uid, connected};
+    found = SocketFacts{cookie_of(message), message.idiag_inode, message.idiag_uid, connected};
   };
   errno = 0;
   inet_diag_req_v2 exact = exact_request(pair);
@@ -119,6 +122,17 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
     if (!query(exact, 0, keepBest) || found) break;
   }
   return found;
+}
+
+std::vector<uint64_t> SocketDiagnostics::streams() {
+  std::vector<uint64_t> cookies;
+  SocketPair all{};
+  all.protocol = IPPROTO_TCP;
+  for (uint8_t family : {AF_INET, AF_INET6}) {
+    query(dump_request(all, family), NLM_F_DUMP,
+          [&](const inet_diag_msg& each) { cookies.push_back(cookie_of(each)); });
+  }
+  return cookies;
 }
 
 // Sends a request and reads the reply. Returns false and sets errno on failure; "no such socket" is a valid reply.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <vector>
 
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/sockets/SocketOwner.h"
@@ -19,6 +20,9 @@ class SocketDiagnostics {
 
   // The same as SocketOwners::find(), but finds open sockets only.
   std::optional<SocketFacts> find(const SocketPair& pair);
+
+  // The same as SocketOwners::streams().
+  std::vector<uint64_t> streams();
 
  private:
   // Called for each socket of a reply.

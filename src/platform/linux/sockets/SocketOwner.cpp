@@ -120,6 +120,8 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
   return sender ? sender : found;
 }
 
+std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }
+
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
   if (auto opener = implementation_->openers.opener(socket.cookie)) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);

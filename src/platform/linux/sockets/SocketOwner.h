@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/Value.h"
 #include "platform/linux/base/SocketAddress.h"
@@ -52,6 +53,9 @@ class SocketOwners {
   // The kernel's record finds a datagram socket even if it was closed within the last seconds. Nothing if no socket
   // fits (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
+
+  // The cookies of all TCP sockets.
+  std::vector<uint64_t> streams();
 
   // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
   //

@@ -62,13 +62,38 @@ TEST_F(QueuedFlowsTest, GivesLatePacketsTheVerdictOfTheirFlow) {
   EXPECT_EQ(calls(), "new a.example; ");
 }
 
-TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocketAndAfterSomeSeconds) {
+TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocket) {
   EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
   owners.socket->cookie = 2;
   EXPECT_EQ(flows.judge(packet(kRequest, 9000)), Allowed);
-  EXPECT_EQ(flows.judge(packet(kRequest, 0), QueuedFlows::Clock::now() + 10s), Allowed);
-  EXPECT_EQ(calls(), "new a.example; new a.example; new a.example; ");
+  EXPECT_EQ(calls(), "new a.example; new a.example; ");
   EXPECT_EQ(flows.size(), 1U);
+}
+
+TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
+  auto later = QueuedFlows::Clock::now() + 1h;
+  flows.allowSocket(9);
+  const struct {
+    const char* name;
+    uint64_t cookie;
+    uint8_t protocol;
+    bool drops;
+    std::string_view calls;
+  } kCases[] = {
+      {"an allowed stream", 1, IPPROTO_TCP, false, "new -; "},
+      {"a dropped stream", 2, IPPROTO_TCP, true, "new -; new -; "},
+      {"a datagram socket", 3, IPPROTO_UDP, false, "new -; new -; "},
+      {"a stream from before the filter", 9, IPPROTO_TCP, true, ""},
+  };
+  for (const auto& c : kCases) {
+    owners.socket->cookie = c.cookie;
+    provider->newFlow = c.drops ? NEFilterNewFlowVerdict::dropVerdict() : NEFilterNewFlowVerdict::allowVerdict();
+    const PacketVerdict expected = c.drops && c.cookie != 9 ? Dropped : Allowed;
+    for (int time = 0; time < 2; ++time, later += 10s) {
+      EXPECT_EQ(flows.judge(packet("any", 0, 53, c.protocol), later), expected) << c.name;
+    }
+    EXPECT_EQ(calls(), c.calls) << c.name;
+  }
 }
 
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
@@ -135,27 +160,41 @@ TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
 TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   Packet answer = packet("HTTP/1.1 200 OK", 1);
   std::swap(answer.ends.local, answer.ends.remote);
-  Packet acknowledgment = answer;
+  Packet acknowledgment = answer, synAck = answer;
   acknowledgment.payload = {};
+  synAck.syn = true;
   const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
-  provider->data = NEFilterDataVerdict::dropVerdict();
 
   provider->newFlow = examine;
-  EXPECT_TRUE(flows.admits(answer, false)) << "without a tracked connection, and no flow is known";
+  EXPECT_EQ(flows.judgeInbound(acknowledgment), Ignored);
+  EXPECT_EQ(flows.judgeInbound(synAck), Ignored) << "the client's TCP discards its payload";
+  EXPECT_EQ(calls(), "");
+  EXPECT_EQ(flows.judgeInbound(answer), Open) << "ahead of the request";
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
-  EXPECT_FALSE(flows.admits(answer, true));
-  EXPECT_FALSE(flows.admits(answer, false));
-  EXPECT_TRUE(flows.admits(acknowledgment, true));
+  EXPECT_EQ(flows.judgeInbound(answer), Open);
+  provider->data = NEFilterDataVerdict::dropVerdict();
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
-  EXPECT_FALSE(flows.admits(answer, true));
-  EXPECT_EQ(calls(), "new -; data 20 a.example; ");
+  EXPECT_EQ(flows.judgeInbound(answer), Dropped);
+  EXPECT_EQ(calls(), "new -; data 0 a.example; ");
 
   // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
   provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
-  EXPECT_TRUE(flows.admits(answer, true));
+  EXPECT_EQ(flows.judgeInbound(answer), Allowed);
   EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
   EXPECT_EQ(calls(), "new -; ");
+}
+
+TEST_F(QueuedFlowsTest, LetsServersOfAllowedSocketsGoOn) {
+  Packet answer = packet("the rest of an answer", 1);
+  std::swap(answer.ends.local, answer.ends.remote);
+  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  flows.allowSocket(owners.socket->cookie);
+  EXPECT_EQ(flows.judgeInbound(answer), Allowed);
+  for (uint64_t cookie = 0; cookie < QueuedFlows::kSocketsLimit; ++cookie) flows.allowSocket(cookie + 2);
+  EXPECT_EQ(flows.judgeInbound(answer, QueuedFlows::Clock::now() + 10s), Open) << "forgotten, as there are too many";
+  owners.socket.reset();
+  EXPECT_EQ(flows.judgeInbound(answer), Ignored) << "no socket";
 }
 
 TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
