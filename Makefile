@@ -2,7 +2,7 @@
 PRESET ?= release
 BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 
-.PHONY: all configure test demo bench bench-net fuzz deb clean
+.PHONY: all configure test soak demo bench bench-net fuzz deb clean
 all: configure
 	cmake --build $(BUILD)
 
@@ -12,6 +12,9 @@ configure:
 
 test: all
 	ctest --test-dir $(BUILD) --output-on-failure --timeout 300
+
+soak: all
+	tests/adversary/run $(BUILD) --seconds 1800
 
 demo: all
 	demo/run $(BUILD)
