@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""The clients of one program: client.py [USER]. Plays an order for each line of its input, several at once."""
+"""The clients of one program. Plays an order for each line of its input, several at once."""
 
-import concurrent.futures.thread  # whole, as another user may not read the library later
+import concurrent.futures
 import fcntl
 import json
 import os
@@ -101,41 +101,19 @@ def play(address: str, script: dict, gate: str | None = None) -> dict:
     return {"received": received.hex(), "end": end}
 
 
-_kept: list[socket.socket] = []
-
-
-def flood(address: str, count: int, lines: int, single: int) -> dict:
-    """Opens many connections, and sends the begin of a request and then single bytes on each. They stay open."""
-    for _ in range(count):
-        connection = socket.socket()  # create_connection() would read more of the library
-        connection.settimeout(_TIMEOUT)
-        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        connection.connect((address, 80))
-        connection.sendall(b"GET / HTTP/1.1\r\n" + b"a:\r\n" * lines)
-        for _ in range(single):
-            connection.sendall(b"b")
-        _kept.append(connection)
-    return {}
-
-
-def _follow(line: str) -> None:
-    number, name, order = json.loads(line)
+def _follow(number: int, order: dict) -> None:
     try:
-        result = {"play": play, "flood": flood}[name](**order)
+        result = play(**order)
     except Exception:  # ends the run
         result = {"failure": traceback.format_exc()}
     os.write(1, json.dumps([number, result]).encode() + b"\n")  # one write, so that lines do not mix
 
 
-def main(arguments: list[str]) -> None:
-    if arguments:
-        os.setgroups([])
-        os.setresgid(*[int(arguments[0])] * 3)
-        os.setresuid(*[int(arguments[0])] * 3)
+def main() -> None:
     with concurrent.futures.ThreadPoolExecutor(32) as pool:
         for line in sys.stdin:
-            pool.submit(_follow, line)
+            pool.submit(_follow, *json.loads(line))
 
 
 if __name__ == "__main__":
-    main(sys.argv[1:])
+    main()
