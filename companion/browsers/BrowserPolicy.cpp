@@ -110,7 +110,7 @@ PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   return {&place, PolicyChange::Outcome::Done, {}};
 }
 
-// The member at the end of a path of names; null when it does not exist.
+// The member of nested JSON objects to which the names lead, the outermost name first. Null when it does not exist.
 const Json* member(const Json& value, std::initializer_list<const char*> names) {
   const Json* found = &value;
   for (const char* name : names) {
@@ -159,7 +159,8 @@ std::vector<std::string> policy_files(const PolicyPlace& place, const std::strin
     std::error_code ignored;
     if (it->is_regular_file(ignored)) files.push_back(it->path().string());
   }
-  std::sort(files.begin(), files.end());  // Chromium 156 takes a setting from the last file by name
+  // If several files have a setting, Chromium 156 uses the file whose name sorts last.
+  std::sort(files.begin(), files.end());
   return files;
 }
 

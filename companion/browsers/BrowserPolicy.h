@@ -34,7 +34,7 @@ std::span<const PolicyPlace> policy_places();
 std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps);
 
 // What the policy files of one browser, ours and others, prescribe. A member has no value if no policy fixes the
-// setting, so that the user may change it.
+// setting; the user may then change it.
 struct PolicyInForce {
   std::optional<bool> http3;
   std::string http3File;                    // the file that sets `http3`
@@ -60,7 +60,7 @@ struct PolicyChange {
 // Writes our file at each place and creates missing folders. Replaces our file if its content differs.
 std::vector<PolicyChange> install_policies(const std::string& root, bool withoutDnsOverHttps);
 
-// Removes our files, and folders that this leaves empty.
+// Removes our files, and the folders that are empty afterwards.
 std::vector<PolicyChange> remove_policies(const std::string& root);
 
 }  // namespace orvane

@@ -49,7 +49,7 @@ std::string lower(std::string text) {
   return text;
 }
 
-// Sets the family and the folders by the identifier.
+// Sets the browser's family and folders, which follow from its identifier.
 void classify(InstalledBrowser& browser) {
   std::string identifier = lower(browser.identifier);
   // Ubuntu's snap replaced the package chromium-browser and reads that package's policy folder.

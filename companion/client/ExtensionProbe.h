@@ -11,9 +11,9 @@ namespace orvane {
 // Whether an extension runs and answers.
 struct ExtensionProbe {
   bool answers = false;
-  bool isUnresponsive = false;  // one runs, but accepts no connection or does not answer
-  bool isAbsent = false;        // none runs
-  uint64_t changes = 0;         // its count of edits
+  bool isUnresponsive = false;  // an extension runs, but accepts no connection or does not answer
+  bool isAbsent = false;        // no extension runs
+  uint64_t changes = 0;         // the extension's count of edits
   std::string error;            // why `answers` is false
 };
 

@@ -27,7 +27,8 @@ struct CommonOptions {
   std::string keeperStatePath;
 };
 
-// The command line while it is declared. Parsing it sets `chosen` to the command to run.
+// The command line, for the functions that declare its commands. Parsing the command line sets `chosen` to the command
+// to run.
 struct CommandSet {
   CLI::App& app;
   const CommonOptions& options;
@@ -43,7 +44,7 @@ struct CommandSet {
 };
 
 // Declares the options and commands that exist only on this operating system. `options` is the object that
-// `commands.options` refers to; here it may be changed.
+// `commands.options` refers to; this function may change it.
 void declare_system_commands(CommandSet& commands, CommonOptions& options);
 
 }  // namespace orvane

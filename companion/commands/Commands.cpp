@@ -78,11 +78,12 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
 }
 
 // A call may take kAnswerTime, plus a second for each kNamesPerSecond names, which must be sent and loaded. kAnswerTime
-// is longer than the time after which the extension ends an idle connection if all are in use and a client waits.
+// is longer than 5 s: if all connections of the extension are in use, it ends one that has been idle for 5 s and so
+// accepts this client.
 constexpr std::chrono::seconds kAnswerTime(10);
 constexpr size_t kNamesPerSecond = 20000;
 
-// A connection to the extension that is opened by the first call. A call that takes too long throws.
+// A connection to the extension. The first call opens the connection. A call that takes too long throws.
 class Connection {
  public:
   explicit Connection(const ClientOptions& options) : options_(options) {}
@@ -305,7 +306,7 @@ size_t edit_distance(std::string_view one, std::string_view other) {
 void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip its value
+    if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip the value
     if (word.rfind('-', 0) == 0) continue;
     size_t nearest = 3;  // suggest no command at this distance or further
     std::string advice = "see orvanectl --help";

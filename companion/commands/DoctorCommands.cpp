@@ -132,7 +132,7 @@ void print_changes(const std::vector<PolicyChange>& changes, const char* done, b
   if (json) print_json(results);
 }
 
-// Reports the changes that failed. Returns false if there is at least one.
+// Reports the changes that failed. Returns false if at least one failed.
 bool report_failures(const std::vector<PolicyChange>& changes, const char* what) {
   bool none = true;
   for (const PolicyChange& change : changes) {

@@ -50,7 +50,7 @@ struct Change {
 using FindSites = std::function<std::vector<BlockedSite>(const BlockList& list, const std::vector<std::string>& hosts)>;
 using ChangeSite = std::function<Change(BlockList& list, BlockedSite site)>;
 
-// Returns the hosts in the form that browsers send. If some are not host names, reports each of these and throws
+// Returns the hosts in the form that browsers send. Reports each argument that is not a host name, and then throws
 // InputError.
 std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
   std::vector<std::string> hosts;
@@ -69,8 +69,8 @@ std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
   return hosts;
 }
 
-// Returns the sites on the list that the hosts belong to. If some hosts are not on the list, reports each of these and
-// throws InputError.
+// Returns the sites on the list that the hosts belong to. Reports each host that is not on the list, and then throws
+// InputError.
 std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<std::string>& hosts) {
   std::vector<BlockedSite> sites;
   std::set<const BlockedSite*> seen;
@@ -144,8 +144,8 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Check only after the last change: each change may remove or suspend a site that still blocked a name of an
-    // earlier one.
+    // Check only after the last change, because a later change may remove or suspend the site that still blocks a name
+    // of an earlier one.
     for (Change& each : changes) {
       if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
     }

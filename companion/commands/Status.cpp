@@ -19,7 +19,7 @@
 namespace orvane {
 namespace {
 
-// A longer list would push the rest off the screen.
+// More suspensions would push the rest of the output off the screen.
 constexpr size_t kSuspensionsShown = 10;
 
 struct Status {
@@ -142,7 +142,7 @@ std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   return lines;
 }
 
-// One line for each suspended site; its usual names get none.
+// One line for each suspended site. The site's usual names get no lines of their own.
 std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   size_t more = 0;

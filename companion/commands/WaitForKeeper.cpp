@@ -48,8 +48,8 @@ bool wait(const CommonOptions& options, const ListVersion& version, size_t sites
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
-    // Wait only for the keeper's own file: nothing sends another file. If no keeper runs, that is the default file, and
-    // wait() reports that no keeper runs.
+    // Wait only if the edited file is the one that the keeper sends, because no program sends another file. If no
+    // keeper runs, wait() is called only for the default file, and reports that no keeper runs.
     if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
       return std::nullopt;
     return wait(options, version, sites);

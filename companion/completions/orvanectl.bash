@@ -1,6 +1,6 @@
 # Completes orvanectl in bash. Uses the functions of bash-completion.
 
-# Completes hosts of the list. Offers none, silently, if the user may not read the list.
+# Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
   mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export --hosts 2>/dev/null |
     typed=$cur awk 'index($0, ENVIRON["typed"]) == 1')
@@ -12,7 +12,7 @@ _orvanectl() {
   local cur prev words cword split
   _init_completion -s || return
 
-  # Find the command, which is neither an option nor the value of one, and the list that --list names.
+  # Find the command, whose words are neither options nor an option's value, and the list that --list names.
   local command='' list='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in

@@ -1,6 +1,6 @@
 # Completes orvanectl in fish.
 
-# Prints the hosts of the list. Prints none, silently, if the user may not read the list.
+# Prints the hosts of the list. If the user may not read the list, prints no hosts and no error.
 function __orvanectl_hosts
     set -l words (commandline -opc)
     set -l list

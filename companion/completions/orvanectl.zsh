@@ -1,7 +1,7 @@
 #compdef orvanectl
 # Completes orvanectl in zsh.
 
-# Completes hosts of the list. Offers none, silently, if the user may not read the list.
+# Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
   local -a hosts
   local list=${opt_args[--list]:-$before[--list]}

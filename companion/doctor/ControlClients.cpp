@@ -68,8 +68,8 @@ std::optional<std::vector<ControlClient>> control_clients(const std::string& soc
   std::error_code error;
   for (fs::directory_iterator entry("/proc/" + std::to_string(extension) + "/fd", error), end; !error && entry != end;
        entry.increment(error)) {
-    // The kernel stores with each accepted connection which process called connect(2), so a copy of its descriptor
-    // tells the client.
+    // The kernel stores with each accepted connection which process called connect(2), so a copy of the connection's
+    // descriptor shows which process the client is.
     const Descriptor copy = copy_descriptor(handle, std::stoi(entry->path().filename().string()));
     if (!copy && errno == EPERM) return std::nullopt;
     if (!copy || !is_bound_to(copy, socket) || is_listening(copy)) continue;

@@ -17,8 +17,8 @@ struct ControlClient {
 };
 
 // The processes whose connections the extension at a socket has accepted, those with the most connections first; this
-// process is left out. Nothing if no process listens there, or if this process may not copy the extension's
-// descriptors, which root may.
+// process is left out. Nothing if no process listens there, or if this process may not copy the extension's descriptors
+// (root may).
 std::optional<std::vector<ControlClient>> control_clients(const std::string& socket);
 
 }  // namespace orvane

@@ -88,7 +88,7 @@ void examine_processes(const Facts& facts, std::vector<Finding>& findings) {
                       "end those that the service manager did not start"});
 }
 
-// Names the first few programs of a list that begins with those that have the most connections.
+// Names the first few programs in `clients`, which begins with the programs that have the most connections.
 std::string describe_clients(const std::vector<ControlClient>& clients) {
   constexpr size_t kNamed = 5;
   std::string text;
@@ -123,7 +123,7 @@ void examine_clients(const Facts& facts, std::vector<Finding>& findings) {
 struct Capability {
   int number;  // linux/capability.h
   const char* name;
-  const char* consequence;  // of its absence
+  const char* consequence;  // what happens without the capability
 };
 constexpr std::array kCapabilities = {
     Capability{12, "CAP_NET_ADMIN", "nothing is filtered"},
@@ -175,11 +175,10 @@ Finding examine_kernel(const Facts& facts) {
           "use the distribution's kernel; after a kernel upgrade, restart the machine"};
 }
 
-// In how many of the extension's tables the chain OUTPUT has a rule that jumps to the extension's chain, and in how
-// many of them that rule is the first of OUTPUT.
+// Counts the extension's tables by the rule in the chain OUTPUT that jumps to the extension's chain.
 struct Jumps {
-  int present = 0;
-  int first = 0;
+  int present = 0;  // tables in which OUTPUT has this rule
+  int first = 0;    // tables in which this rule is the first of OUTPUT
 };
 constexpr int kOurTables = 2;
 Jumps find_jumps(std::string_view rules) {

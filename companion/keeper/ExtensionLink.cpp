@@ -24,8 +24,8 @@ constexpr std::chrono::milliseconds kLongestPause = 5s;
 // extension still answers.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 
-// How long to wait for the extension's answer. An attempt to connect waits for kShortCallTimeout only, if the extension
-// did not answer the attempt before it. A list gets another second for each kNamesPerSecond names.
+// How long to wait for the extension's answer. If the extension did not answer the previous attempt to connect, the
+// next attempt waits only for kShortCallTimeout. A list gets another second for each kNamesPerSecond names.
 constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
@@ -134,7 +134,7 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
     recordSent(after);
     return;
   }
-  // If the list was only too large to be sent, the connection still works.
+  // If the call failed because the list was too large to be sent, the connection still works and is kept.
   if (failure == kUnresponsive || !checkConnection().empty()) {
     disconnect(failure);
     return;

@@ -45,8 +45,8 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// The timer cannot be set to any distant date. If a suspension ends later than this, the timer fires before its end and
-// is set again.
+// The timer does not accept dates that are too far away. If a suspension ends later than this, the timer fires before
+// the end of the suspension and is set again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -291,7 +291,8 @@ int run_keeper(const KeeperOptions& options) {
       return kFailed;
     }
   } catch (const FileError& error) {
-    // An existing folder without write access belongs to another keeper, so this one must not run as well.
+    // If the folder exists but this keeper may not write to it, the folder belongs to another keeper, and this keeper
+    // must not run beside it.
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
       print_error(std::string(error.what()));

@@ -11,7 +11,8 @@
 namespace orvane {
 namespace {
 
-// The variable alone is no proof: a program in a terminal inherits it if a service started the terminal.
+// The variable alone does not show that standard error is the journal: a program in a terminal inherits the variable if
+// a service started the terminal.
 bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};

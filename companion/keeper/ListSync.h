@@ -6,9 +6,9 @@
 #include "companion/list/BlockList.h"
 
 // Sends the list to the extension. The general provider ignores the date at which a suspension ends, so the keeper
-// removes a suspended name and adds it again at that date. The provider for Safari honours the date, so the keeper
-// sends the date, too: in a difference, before it removes the name, because the extension keeps properties only for
-// names that it holds.
+// removes a suspended name and adds it again at that date. The provider for Safari honours the date, so the keeper also
+// sends the date. When it sends only a difference, it sends the date before it removes the name, because the extension
+// keeps properties only for names that it holds.
 namespace orvane {
 
 // Replaces everything that the extension holds. Returns how many edits the extension counts for these messages. Throws

@@ -21,7 +21,8 @@ constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE |
 // Events that concern the watched folder itself and have no name.
 constexpr uint32_t kEventsWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
 
-// How often armOne() tries if folders keep appearing and vanishing. The next event then calls it again.
+// How often armOne() tries if folders keep appearing and vanishing. After the last attempt, the next event causes a new
+// call of armOne().
 constexpr int kAttempts = 4;
 
 }  // namespace

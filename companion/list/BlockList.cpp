@@ -137,7 +137,7 @@ bool BlockList::put(BlockedSite site) {
 bool BlockList::remove(std::string_view host) {
   auto found = locate(host);
   if (found == lineByHost_.end()) return false;
-  // All lines of the site go. If only the last one went, an earlier one would take effect.
+  // This removes all lines of the site: if it removed only the last line, an earlier line would take effect.
   for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
     lines_[i].isRemoved = true;
     lines_[i].site.reset();
@@ -173,7 +173,7 @@ HeldNames held_names(const BlockList& list, Moment now) {
   });
   std::sort(held.names.begin(), held.names.end());
   held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
-  // The suspension that ends first counts if two sites have the same name; sorting puts it first.
+  // If two sites have the same name, the suspension that ends first counts; sorting puts it first.
   std::sort(held.suspended.begin(), held.suspended.end());
   auto sameName = [](const auto& left, const auto& right) { return left.first == right.first; };
   held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), sameName), held.suspended.end());

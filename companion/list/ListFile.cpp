@@ -110,7 +110,7 @@ struct stat status_of(const Descriptor& file, const Place& place) {
   return status;
 }
 
-// The limits bound the memory. They are far above a list of a million names.
+// These limits bound the memory that a list takes. They are far above a list of a million names.
 void check_size(std::string_view text, const Place& place) {
   constexpr std::ptrdiff_t kMostLines = std::ptrdiff_t{1} << 22;
   if (text.size() > kLargestInput || std::count(text.begin(), text.end(), '\n') > kMostLines)
@@ -118,7 +118,7 @@ void check_size(std::string_view text, const Place& place) {
                     ": at most 256 MiB and four million lines: remove some");
 }
 
-// What was read from the file. The defaults stand for a missing file.
+// What was read from the file. The default values describe a missing file.
 struct FileContent {
   std::string text;
   ListVersion version;
@@ -157,7 +157,7 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
   }
 }
 
-// Empty if there is no file.
+// The version that the file has now. Empty if there is no file.
 ListVersion current_version(const Descriptor& folder, const Place& place) {
   struct stat status {};
   if (::fstatat(folder.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return version_of(status);
@@ -206,7 +206,7 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     if (!edit(list)) return content.version;
     const std::string text = list.text();
     check_size(text, place);
-    FileReplacement file(folder.get(), "." + place.name + ".new");  // one name: the lock allows one writer at a time
+    FileReplacement file(folder.get(), "." + place.name + ".new");  // fixed: the lock allows one writer at a time
     if (auto error = file.write(text, mode_for(folder, place, content.mode)))
       throw file_error("cannot change", place, error.value());
     // Editors take no lock. If an editor has saved the file since it was read, start again with the new version.

@@ -122,7 +122,7 @@ class ImportReader {
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
     isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||");
     if (line.front() == '!' || title) return true;
-    // Only in a filter list: in other lists, "##Title" is a comment.
+    // A line such as "##.banner" is a rule only in a filter list; in other lists, "##Title" is a comment.
     return line.front() == '#' && !(isFilterList_ && hides_elements(line));
   }
 

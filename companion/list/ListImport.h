@@ -36,8 +36,8 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the bytes and lines read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
-// Reads a block list. `usualNames`, if given, replaces the default above. Throws InputError for compressed data and for
-// UTF-16.
+// Reads a block list. `usualNames`, if given, replaces the default of each form (see ImportedSites). Throws InputError
+// for compressed data and for UTF-16.
 ImportedSites read_import(std::string_view text, std::optional<bool> usualNames, const ImportRejection& rejected,
                           const ImportProgress& progress);
 

@@ -12,7 +12,8 @@ constexpr size_t kLongestLabel = 63;
 constexpr size_t kLongestName = 253;
 constexpr std::string_view kALabelPrefix = "xn--";
 
-// The form of each byte in a name; 0 for a byte that is not allowed or not ASCII.
+// What each byte of a given name becomes in the converted name: letters become lower case. 0 for a byte that is not
+// allowed or not ASCII.
 constexpr std::array<char, 256> kForms = [] {
   std::array<char, 256> forms{};
   for (char c = 'a'; c <= 'z'; ++c) forms[c] = forms[c - 'a' + 'A'] = c;
@@ -82,8 +83,8 @@ size_t dot_length(std::string_view text) {
   return 0;
 }
 
-// A label with the prefix of A-labels must decode, and encoding the result must give the same label. A label that only
-// IDNA forbids is accepted, because browsers accept it (xn--i-7iq, a heart).
+// A label with the prefix of A-labels must decode, and encoding the result must give the same label. A label that IDNA
+// forbids but UTS #46 allows is accepted, because browsers accept it (xn--i-7iq, a heart).
 bool accept_a_label(std::string_view label, std::string& fault) {
   if (label.substr(0, kALabelPrefix.size()) != kALabelPrefix) return true;
   ALabel found = look_up_label(std::string(label));
@@ -94,7 +95,7 @@ bool accept_a_label(std::string_view label, std::string& fault) {
   return false;
 }
 
-// Appends the form in which browsers send the label to `name`.
+// Appends the label to `name`, in the form in which browsers send it.
 bool append_label(const std::string& label, std::string& name, std::string& fault) {
   size_t start = name.size();
   if (std::all_of(label.begin(), label.end(), is_ascii)) {
@@ -119,7 +120,7 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
 }
 
 // Converts label by label: a library that gets the whole name also applies IDNA's hyphen rules to all-ASCII labels.
-// Browsers do not apply them there, and send "r3---sn.b\u00fccher.example".
+// Browsers do not apply these rules to such labels, and send "r3---sn.b\u00fccher.example".
 bool append_international(std::string_view given, std::string& name, std::string& fault) {
   for (size_t at = 0; at <= given.size();) {
     size_t end = at;

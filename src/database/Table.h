@@ -19,7 +19,8 @@ class Table {
 
   // Adds an entry unless the key exists. The key must be a string.
   void addIfAbsent(const Value& key, Value value);
-  // The value of a key; null when the key is absent or is not a string. Valid until the next change.
+  // The value of a key; null when the key is absent or is not a string. The pointer is valid until the next change of
+  // the table.
   Value* find(const Value& key);
   // Removes a key, if it exists.
   void erase(const Value& key);
@@ -32,7 +33,7 @@ class Table {
     }
   }
 
-  // A copy as a dictionary. It shares the keys' characters and the values with the table.
+  // A copy of the table as a dictionary. The copy shares the keys' characters and the values with the table.
   Value dictionary() const;
 
  private:

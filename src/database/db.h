@@ -4,11 +4,11 @@
 
 #include "platform/Value.h"
 
-// The block database: the host names to block, their properties (db_properties.h), and the identifiers that count as
-// browsers (db_browsers.h). There is one for the process, in memory only.
+// The block database: the host names to block, which are called "held" names, their properties (db_properties.h), and
+// the identifiers of browsers (db_browsers.h). The process has one block database, in memory only.
 //
-// Every function except db_init and db_term may be called on any thread. The caller keeps its arguments. No function
-// fails; each one says what it does with an argument of the wrong type.
+// Every function except db_init and db_term may be called on any thread. The caller keeps ownership of the arguments.
+// No function fails: if an argument has the wrong type, a function does what its comment says.
 //
 // Host names match byte for byte. The database changes neither case nor a final dot, so callers pass the form in which
 // browsers ask for a name.

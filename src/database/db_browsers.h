@@ -6,7 +6,8 @@
 
 #include "platform/Value.h"
 
-// The identifiers that count as browsers. See db.h for threads and ownership.
+// The identifiers of browsers: a program is a browser if its bundle identifier ends with one of them. See db.h for
+// threads and ownership.
 namespace orvane {
 
 // Loads the browsers list of the extension's own bundle.
@@ -24,7 +25,7 @@ void db_browsers_set(const Value& identifiers);
 void db_browser_add(const Value& identifier);
 void db_browser_remove(const Value& identifier);
 
-// Whether a program's bundle identifier ends with one of these identifiers.
+// Whether `identifier`, a program's bundle identifier, ends with one of the browsers' identifiers.
 bool db_is_browser(std::string_view identifier);
 
 }  // namespace orvane

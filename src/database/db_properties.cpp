@@ -26,8 +26,8 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
 
 namespace {
 
-// The properties of a host. If it has none, or if they are not a dictionary, logs a message and returns null. The
-// caller holds the lock.
+// The properties of a host. If the host has no properties, or if they are not a dictionary, the function logs a message
+// and returns null. The caller holds the lock.
 const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
   const Value* properties = db_hostnames->find(Value::borrowed(hostname));
   if (properties == nullptr || properties->isNil()) {
@@ -55,7 +55,7 @@ bool db_hostname_is_blockable(std::string_view hostname) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable %@ has not properties", hostname);
     return true;
   }
-  // The next two messages name the key; db_has_hostname has just logged the host.
+  // The next two messages contain the key, not the host, because db_has_hostname has just logged the host.
   const std::string_view key = kPLDontBlockUntilKey;
   const Value* until = properties->find(key);
   if (until == nullptr || until->isNil()) {

@@ -64,15 +64,16 @@ bool append_groups(Line& line, const unsigned char* bytes, int32_t count, int32_
 
 void append_characters(Line& line, const unsigned char* bytes, int32_t count, int32_t column) {
   while (line.length <= column && line.length < Line::kCapacity - 1) line.append(' ');
-  // Not isprint(), which depends on the process's locale.
+  // This does not use isprint(), because its result depends on the process's locale.
   for (int32_t i = 0; i < count; ++i)
     line.append(bytes[i] >= 0x20 && bytes[i] <= 0x7e ? static_cast<char>(bytes[i]) : '.');
 }
 
 void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
                  bool showASCII) {
-  // The column of the characters follows from the group size of this line, so a short last line has it further right
-  // than the lines above. That is frozen (docs/compatibility.md).
+  // The column in which the characters begin depends on the group size of this line. So if a short last line is printed
+  // in single bytes under lines in groups, its characters begin further right than theirs. That is frozen
+  // (docs/compatibility.md).
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {
@@ -95,7 +96,8 @@ void os_log_dump(os_log_t log,  // NOLINT(performance-unnecessary-value-param)
   uint64_t remaining = length;
   for (uint64_t offset = 0; offset < length; offset += static_cast<uint64_t>(bytesPerLine)) {
     const int32_t count = std::min(static_cast<int32_t>(remaining), bytesPerLine);
-    // Computed as an integer, because `data` may be null. NOLINTNEXTLINE(performance-no-int-to-ptr)
+    // The address is computed as an integer, because `data` may be null, and a null pointer allows no arithmetic.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* bytes = reinterpret_cast<const unsigned char*>(reinterpret_cast<uintptr_t>(data) + offset);
     Line line;
     if (bytes != nullptr && count > 0) format_line(line, bytes, count, bytesPerLine, groupSize, showASCII);

@@ -43,7 +43,8 @@ void FilterDataProvider::stopFilterWithReason(NEProviderStopReason /*reason*/,
 NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flow) {
   if (!isFlowFromBrowser(flow)) return NEFilterNewFlowVerdict::allowVerdict();
 
-  // The port is tested before the host name, because the host of a DNS flow is only the name server.
+  // The port is tested before the host name, because the host name of a DNS flow is the name server's, not the name in
+  // the question.
   if (socketFlow(flow) != nullptr && port(flow) == kDNSPort) {
     ORVANE_LOG_DEBUG(_log, "DNS packet data; waiting more data...");
     return peek_outbound(kDNSPeekBytes);
@@ -63,7 +64,7 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
     ORVANE_LOG_DEBUG(_log, "not enough data; waiting more...");
     return peek_outbound(kFilterFlowBytesMax);
   }
-  // A date that suspends the host has no effect here: only PLSafariFilterDataProvider reads it.
+  // The host's date DontBlockUntil has no effect here, because only PLSafariFilterDataProvider reads it.
   if (db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname in database : dropping flow.");
     return NEFilterNewFlowVerdict::dropVerdict();
@@ -74,8 +75,8 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
 
 void FilterDataProvider::logQuestion(std::span<const uint8_t> readBytes) const {
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: DNS flow");
-  // The chunk is parsed from its first byte, although the question comes after a DNS header and, over TCP, a length.
-  // That is frozen (docs/compatibility.md). No verdict depends on the result.
+  // The chunk is parsed as a question from its first byte on, although a DNS header, and over TCP a length, come before
+  // the question. That is frozen (docs/compatibility.md). No verdict depends on the result.
   dns_question_t* question =
       dns_parse_question(reinterpret_cast<const char*>(readBytes.data()), static_cast<uint32_t>(readBytes.size()));
   if (question == nullptr) {
@@ -115,7 +116,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
 }
 
 NEFilterDataVerdict FilterDataProvider::handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) {
-  // No test of the port: at its end, a DNS flow is judged by its host name like any other.
+  // The port is not checked here: at the end of its data, a DNS flow is judged by its host name, as any other flow is.
   const NEFilterSocketFlow* socket = socketFlow(flow);
   const std::optional<std::string> hostname = socket == nullptr ? std::nullopt : socket->remoteHostname();
   if (!hostname) {

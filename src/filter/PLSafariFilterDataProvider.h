@@ -11,7 +11,7 @@
 namespace orvane {
 
 // The provider for Safari alone. It asks for the outbound data of every flow to a held host, and drops the flow at its
-// first data unless a date suspends the host. It ignores DNS. Keeps no state between calls.
+// first data unless the host is suspended (db_properties.h). It ignores DNS. Keeps no state between calls.
 class PLSafariFilterDataProvider : public NEFilterDataProvider {
  public:
   // Null when the base initialiser fails.

@@ -11,8 +11,8 @@ namespace orvane {
 const NEFilterSocketFlow* socketFlow(const NEFilterFlow& flow);
 bool isSocketFlow(const NEFilterFlow& flow);
 
-// The remote port of a socket flow to a host endpoint, read by integerValue(); else 0. The number is not checked
-// against the range of ports: "-1" gives 2^64-1.
+// The port of the flow's remote endpoint, converted by integerValue(). 0 if the flow is not a socket flow, or if its
+// remote endpoint is not a host. The number is not checked against the range of ports: "-1" gives 2^64-1.
 uint64_t port(const NEFilterFlow& flow);
 
 }  // namespace orvane

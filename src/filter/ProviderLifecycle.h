@@ -16,7 +16,7 @@ void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vect
 // Calls the handler before it returns. A provider has nothing to release when it stops.
 void stop_filter(const os_log_t& log, const std::function<void()>& completionHandler);
 
-// A rule that passes outbound flows to the provider: all those to this port, on any host.
+// A rule that passes all outbound flows to this port, on any host, to the provider.
 NEFilterRule outbound_rule(const char* port, NENetworkRuleProtocol protocol);
 
 // Appends a rule for TCP to each web port: 80, 443.

@@ -89,8 +89,8 @@ std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) con
 
 std::optional<std::string> PLAudtToken::responsibleBundleIdentifier() const {
   const Value data = auditTokenData();
-  // A wrong size is not logged here: callers ask bundleIdentifier() first, which logs it. Data longer than a token
-  // begin with a token, so they are accepted.
+  // A wrong size is not logged here, because callers call bundleIdentifier() first, and that function logs it. Data
+  // longer than a token begin with a token, so they are accepted.
   audit_token_t token;
   if (data.asData().size() < sizeof token) return std::nullopt;
   std::memcpy(&token, data.asData().data(), sizeof token);
@@ -102,8 +102,9 @@ std::optional<std::string> PLAudtToken::applicationPathFromAuditToken(const Valu
     ORVANE_LOG_DEBUG(_log, "bad auditToken size");
     return std::nullopt;
   }
-  // The objects found here are never released, and each failure logs one message: the status, or the missing output
-  // when the status is 0. Both are frozen (docs/compatibility.md); nothing calls this function, so nothing accumulates.
+  // Two things are frozen here (docs/compatibility.md). The objects that the steps return are never released; nothing
+  // calls this function, so nothing accumulates. And each failure logs only one message: the status, or, if the status
+  // is 0, which object is missing.
   Ref<SecCode> codeOut;
   Ref<Dictionary> attributes = dictionary_create(GuestAttribute::Audit, auditToken);
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, codeOut.out());

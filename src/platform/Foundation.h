@@ -29,7 +29,7 @@ class NSURLComponents : public NSObject {
   static Ref<NSURLComponents> initWithURL(const NSURL& url, bool resolvingAgainstBaseURL);
 
   // The host in the URL's spelling, with percent-encoding decoded; an IPv6 address keeps its brackets. Nothing when the
-  // URL has no host. An empty host counts as none on Linux; other systems may return it.
+  // URL has no host. On Linux an empty host counts as no host; other systems may return the empty text.
   virtual std::optional<std::string> host() const = 0;
 };
 

@@ -4,8 +4,9 @@
 
 #include "platform/Ref.h"
 
-// The log's handles, levels and macros, common to all systems. Include Log.h, not this header: each system has a Log.h,
-// chosen by include path, because macOS's log needs the format as a literal at the call.
+// The log's handles, levels and macros, common to all systems. Do not include this header: include Log.h, which
+// includes it. Each system has a Log.h of its own, which the include path selects, because macOS's log needs the format
+// as a literal at the call.
 namespace orvane {
 
 // Default, Info, Debug or Error.

@@ -18,9 +18,9 @@ Ref<ReadStream> read_stream_create_with_file(const std::string& url);
 // Opens the stream. After false, release it without closing it.
 bool read_stream_open(ReadStream* stream);
 
-// Direct access to the stream's internal buffer: at most maxBytesToRead bytes, or all for 0. Sets *numBytesRead and
-// returns the first byte; the bytes are valid until the next call on the stream. Null, which is no error, when the
-// stream has no internal buffer.
+// Direct access to the stream's internal buffer: at most maxBytesToRead bytes, or all bytes if maxBytesToRead is 0.
+// Sets *numBytesRead and returns a pointer to the first byte; the bytes are valid until the next call on the stream.
+// Returns null if the stream has no internal buffer; that is not an error.
 const uint8_t* read_stream_get_buffer(ReadStream* stream, int64_t maxBytesToRead, int64_t* numBytesRead);
 
 // Reads at most bufferLength bytes, once. Returns their number, 0 at the end, or a negative number on an error.

@@ -44,7 +44,8 @@ Ref<Number> number_create(int32_t value);
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData);
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid);
 
-// A key of the signing information, and a key of the property list that the information has under the first key.
+// The signing information has the program's property list under kSecCodeInfoPList. kCFBundleIdentifierKey is a key of
+// this property list.
 inline constexpr std::string_view kSecCodeInfoPList = "info-plist";
 inline constexpr std::string_view kCFBundleIdentifierKey = "CFBundleIdentifier";
 

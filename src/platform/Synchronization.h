@@ -6,16 +6,16 @@
 
 namespace orvane {
 
-// A recursive mutex for static memory. Before initialise(), while start-up has one thread, locking and unlocking do
-// nothing and succeed. It is never destroyed.
+// A recursive mutex for a static variable; it is never destroyed. Before initialise(), lock() and unlock() do nothing
+// and return 0, because during the start-up the process has one thread.
 class RecursiveMutex {
  public:
   constexpr RecursiveMutex() = default;
   RecursiveMutex(const RecursiveMutex&) = delete;
   RecursiveMutex& operator=(const RecursiveMutex&) = delete;
 
-  // Makes the mutex work; no other thread may use it meanwhile. A second call does nothing. All three functions return
-  // 0 or an error number, as pthread_mutex_lock(3) does.
+  // From this call on, lock() and unlock() work. No other thread may use the mutex during the call. A second call does
+  // nothing. All three functions return 0 or an error number, as pthread_mutex_lock(3) does.
   int initialise();
   int lock();
   int unlock();

@@ -19,7 +19,7 @@ struct Value::Counted {
   std::atomic<uint32_t> references{1};
 };
 
-// Header and characters share one block of memory: the characters follow.
+// The header of a string's content. The characters follow the header in the same block of memory.
 struct Value::StringContent : Counted {
   uint32_t length = 0;
   char* characters() { return reinterpret_cast<char*>(this + 1); }
@@ -38,9 +38,10 @@ namespace {
 
 std::atomic<size_t> content_bytes{0};
 
-// What a content takes besides its bytes: its header, the allocator's share, and the value's slot in a half full Table.
+// The memory that a content takes besides its bytes: its header, what the allocator adds, and the value's slot in a
+// half full Table.
 constexpr size_t kContentBytes = 96;
-// What a node of a hashed container takes besides its element.
+// The memory that a node of a hashed container takes besides the element in it.
 constexpr size_t kNodeBytes = 32;
 
 size_t element_bytes(const Value::Array& elements) { return elements.size() * sizeof(Value); }
@@ -296,7 +297,7 @@ Value Value::data(std::span<const uint8_t> bytes) {
 template <class Container>
 Value Value::container(Kind kind, Container elements) {
   Value result(kind);
-  // An empty container allocates no content, because nearly every held host has an empty dictionary.
+  // An empty container allocates no content. That saves memory, because nearly every held host has an empty dictionary.
   if (elements.empty()) return result;
   auto* content = new ContainerContent<Container>;
   content->elements = std::move(elements);

@@ -103,7 +103,8 @@ class Value {
   // The text for "%@". Nil gives "(null)".
   std::string description() const;
 
-  // About how much memory the contents of all values of the process take, including their places in tables.
+  // The approximate memory that the contents of all values in the process take, in bytes, including the values' slots
+  // in tables.
   static size_t bytesInUse();
 
  private:

@@ -13,7 +13,8 @@ Ref<XPCServiceDelegate> XPCServiceDelegate::init() {
 
 Value XPCServiceDelegate::systemExtensionMachServiceName() {
   Value name = bundle_get_information(bundle_get_main(), "NSEndpointSecurityMachServiceName");
-  // The answer of this test is ignored (docs/compatibility.md): the listener reports a name that it cannot use.
+  // The result of this check is not used (docs/compatibility.md), because the listener itself reports a name that it
+  // cannot use.
   (void)name.isString();
   return name;
 }

@@ -22,13 +22,13 @@ namespace {
 
 using Remote = control::OrvaneSECommunication::Client;
 
-// How many messages are sent before the client waits for the reply to the first one. The extension accepts more at
-// once.
+// How many messages are sent before the client waits for the reply to the first one. The extension's own limit on calls
+// without a reply is higher.
 constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};
 
-// The size of a call and its frame without the arguments.
+// The size of a call without its arguments, but with the message's segment table, in words.
 constexpr uint64_t kCallWords = 64;
 
 capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}; }
@@ -255,9 +255,9 @@ std::string advice(int error, const std::string& path) {
   }
 }
 
-// Connects to the first path that works: a socket file that a dead extension left must not hide a live one later in the
-// list. Sets `reached` to that path. If no path works, the error that is thrown describes the first failure other than
-// a missing file.
+// Connects to the first path that works: a socket file that a dead extension left must not hide the socket of a live
+// extension later in the list. Sets `reached` to that path. If no path works, the error that is thrown describes the
+// first failure other than a missing file.
 Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
   std::string tried, failure;
   bool isAbsent = true;

@@ -48,9 +48,9 @@ std::string describe(::NSError* error) {
   return text_of([error localizedDescription]) + ": its log may say more";
 }
 
-// Whether a container may have this element: any value but nil and sets, which are also not allowed further inside. If
-// a container has any other element, the extension's side drops the whole message without an error. So the client
-// checks before it sends.
+// Whether a container may have this element. Nil and sets are not allowed, neither as the element itself nor anywhere
+// inside it. If a container has any other element, the extension's side drops the whole message without an error. So
+// the client checks before it sends.
 bool is_property_list(const Value& element) {
   if (element.isNil() || element.isSet()) return false;
   const Value::Array& array = element.asArray();

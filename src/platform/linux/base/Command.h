@@ -17,7 +17,8 @@ struct CommandResult {
   std::string error;     // one line, why the run failed: the program's standard error if it wrote any
 };
 
-// When a running program is killed: at the deadline, and when `stop`, an eventfd(2), is readable.
+// When a running program is killed: at the deadline `end`, or as soon as `stop`, an eventfd(2), is readable. Without
+// `stop` (-1), only at the deadline.
 struct CommandLimit {
   Deadline end = deadline_after(std::chrono::seconds(10));
   int stop = -1;

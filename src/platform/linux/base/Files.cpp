@@ -81,7 +81,7 @@ std::error_code replace_file(const std::string& path, const std::string& tempora
   if (!folder) return last_error();
   FileReplacement file(folder.get(), temporaryName);
   if (auto error = file.write(text, mode)) return error;
-  if (auto error = file.renameTo(path.substr(slash + 1))) return error;  // npos + 1 is 0
+  if (auto error = file.renameTo(path.substr(slash + 1))) return error;  // without a slash, npos + 1 is 0
   return file.syncFolder();
 }
 

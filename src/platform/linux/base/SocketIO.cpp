@@ -116,7 +116,7 @@ Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline) {
   int count = 0;
   do {
     count = poll(all.data(), all.size(), poll_time(deadline));
-    // Apart from EINTR, poll() can only fail with ENOMEM. Memory may become free, so it is tried again.
+    // Apart from EINTR, poll() can only fail with ENOMEM. Memory may become free, so the call is repeated.
     if (count < 0 && errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   } while (count < 0);
   if (count == 0) return Wait::TimedOut;

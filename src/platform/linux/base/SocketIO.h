@@ -26,15 +26,15 @@ enum class Wait { Ready, TimedOut, Stopped };
 Wait wait_for(std::span<pollfd> entries, int stop, Deadline deadline);
 
 // Sends all bytes on a non-blocking socket. False if the connection fails, the deadline passes, or `stop` becomes
-// readable before that.
+// readable before all bytes are sent.
 bool send_all(int socket, std::string_view bytes, int stop, Deadline deadline);
 
 // Closes a connection with a reset: unsent data is discarded and the peer gets an error.
 void reset_connection(Descriptor socket);
 
 // Closes a connection so that the peer can read everything that was sent. Closing a socket with unread input would send
-// a reset, which may discard those bytes. So this ends the output, then reads and discards input until the peer closes:
-// two seconds and 16 MiB at most.
+// a reset, and a reset may discard bytes that the peer has not read yet. So this ends the output, then reads and
+// discards input until the peer closes: two seconds and 16 MiB at most.
 void close_gently(Descriptor socket, int stop);
 
 // The addresses of both endpoints of a connected socket. Nothing when the socket is not connected.
@@ -47,7 +47,7 @@ std::optional<SocketEnds> socket_ends(int socket);
 // A new connection, or why it failed.
 struct Connected {
   Descriptor socket;   // non-blocking
-  std::string reason;  // without a socket: one line
+  std::string reason;  // why there is no socket: one line
 };
 
 // Connects over TCP to one of the addresses: tries several at the same time and keeps the connection that is

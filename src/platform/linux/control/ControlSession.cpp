@@ -19,7 +19,8 @@ namespace rpc = capnp::rpc;
 // Limit on the calls for which a client has not sent the "finish" message yet. The RPC system keeps a table entry for
 // each of these calls.
 constexpr unsigned kMaximumUnfinishedCalls = 1024;
-// Limit on the replies that wait because the client does not read them. Above the limit the session reads no messages.
+// Limit on the bytes of replies that wait because the client does not read them. Above the limit the session reads no
+// messages.
 constexpr size_t kMaximumUnsentBytes = 64 << 10;
 // Messages above kLargeMessageWords share a memory budget of kLargeMessageBudget. Other clients may wait for that
 // memory, so a large message must arrive within kLargeMessageTime.

@@ -14,7 +14,8 @@ class SessionActivity {
 
   void beginCall() { idleSince_ = Clock::time_point::max(); }
   void endCall() { idleSince_ = Clock::now(); }
-  // The largest possible time while a call is carried out or a large message arrives.
+  // When the wait began. While a call is carried out or a large message arrives, the session does not wait for a call;
+  // then this is the largest possible time.
   Clock::time_point idleSince() const { return idleSince_; }
 
  private:
@@ -32,10 +33,10 @@ enum class SessionEnd {
 // `activity` whether it is idle.
 //
 // Clients are not trusted:
-// - All sessions share two memory budgets. A large message waits until the budget for large messages has room. A call
-//   that would exceed the budget for values, which includes the stored ones, is answered with an error, and the session
-//   goes on.
-// - The session reads no message while too many earlier replies are unread.
+// - All sessions share two memory budgets: one for large messages, and one for values, which includes the stored
+//   values. A large message waits until its budget has room. A call that would exceed the budget for values is answered
+//   with an error, and the session goes on.
+// - While too many bytes of replies wait because the client does not read them, the session reads no further message.
 // - The session ends if the client has too many unfinished calls, or sends a message that this protocol does not need.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported, SessionActivity& activity);
 

@@ -16,15 +16,15 @@
 namespace orvane {
 namespace {
 
-// The library's own stream readers have the same limit.
+// Limit on the segments of one message. Cap'n Proto's own stream readers have the same limit.
 constexpr uint32_t kMaximumSegments = 512;
 
 // The capacity of the outbox. A message that does not fit into it is sent directly from its own memory.
 constexpr size_t kOutboxBytes = 32768;
 
-// A message starts with a frame of 32-bit little-endian numbers (capnproto.org/encoding.html, "Serialization over a
-// stream"): the number of segments minus one, the size of each segment in words, and padding to a 64-bit word.
-constexpr size_t frame_bytes(uint32_t segments) { return (segments / 2 + 1) * sizeof(capnp::word); }
+// A message starts with a segment table of 32-bit little-endian numbers (capnproto.org/encoding.html, "Serialization
+// over a stream"): the number of segments minus one, the size of each segment in words, and padding to a 64-bit word.
+constexpr size_t segment_table_bytes(uint32_t segments) { return (segments / 2 + 1) * sizeof(capnp::word); }
 
 uint32_t little_endian(const kj::byte* bytes) {
   return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
@@ -48,9 +48,9 @@ void refuse_message(const char* reason) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(reason)));
 }
 
-// The unsent part of a message: its frame and its segments.
+// The unsent part of a message: its segment table and its segments.
 struct ControlStream::Outgoing {
-  std::vector<kj::byte> frame;
+  std::vector<kj::byte> segmentTable;
   std::vector<iovec> pieces;
   size_t first = 0;  // index of the first piece that is not completely sent
 
@@ -138,11 +138,11 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::tryReadMessage
         }
         uint32_t segments = tableEntry(0) + 1;
         if (segments == 0 || segments > kMaximumSegments) refuse_message("a message has too many segments");
-        return readBody(frame_bytes(segments), options);
+        return readBody(segment_table_bytes(segments), options);
       });
 }
 
-// Reads a message after the first word of its frame has arrived in the buffer.
+// Reads the message whose first word has arrived in the buffer. `tableBytes` is the size of its segment table.
 kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_t tableBytes,
                                                                            capnp::ReaderOptions options) {
   return fill(tableBytes)
@@ -161,7 +161,8 @@ kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> ControlStream::readBody(size_
       });
 }
 
-// Reads a message whose whole frame has arrived in the buffer. `words` is its size, frame included.
+// Reads the message whose whole segment table has arrived in the buffer. `words` is the size of the message, with the
+// segment table.
 kj::Promise<kj::Own<capnp::MessageReader>> ControlStream::readWords(uint64_t words, capnp::ReaderOptions options) {
   auto message = kj::heapArray<capnp::word>(words);
   auto bytes = message.asBytes();
@@ -187,10 +188,10 @@ kj::Promise<void> ControlStream::writeMessage(kj::ArrayPtr<const int> fds,
                                               kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) {
   if (unwritable_) return kj::READY_NOW;
   auto outgoing = kj::heap<Outgoing>();
-  append_little_endian(outgoing->frame, static_cast<uint32_t>(segments.size() - 1));
-  for (auto& segment : segments) append_little_endian(outgoing->frame, static_cast<uint32_t>(segment.size()));
-  outgoing->frame.resize(frame_bytes(static_cast<uint32_t>(segments.size())));
-  outgoing->add(outgoing->frame.data(), outgoing->frame.size());
+  append_little_endian(outgoing->segmentTable, static_cast<uint32_t>(segments.size() - 1));
+  for (auto& segment : segments) append_little_endian(outgoing->segmentTable, static_cast<uint32_t>(segment.size()));
+  outgoing->segmentTable.resize(segment_table_bytes(static_cast<uint32_t>(segments.size())));
+  outgoing->add(outgoing->segmentTable.data(), outgoing->segmentTable.size());
   for (auto& segment : segments) outgoing->add(segment.begin(), segment.size() * sizeof(capnp::word));
 
   if (outbox_.size() - flushed_ + outgoing->size() <= kOutboxBytes) {

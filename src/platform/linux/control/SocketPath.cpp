@@ -83,7 +83,7 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   if (!is_file_name(service, error)) return paths;
   std::string reason;  // ignored: if the user has no directory, the paths in the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // The packaged service has RuntimeDirectory=orvane-se.
+  // The packaged service listens in the folder orvane-se, because its unit has RuntimeDirectory=orvane-se.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
                                        std::string("/run/orvane-se"), std::string("/run")}) {
     auto path = socket_path(directory, service, error);

@@ -17,10 +17,10 @@ struct ServerSocket {
   mode_t mode;  // the socket file's mode, which decides who may connect
 };
 
-// Where an extension listens that runs as this process's user. Nothing, with *error set, on failure.
+// The socket on which an extension that runs as this process's user listens. Nothing, with *error set, on failure.
 //
 //   if                          directory                                               mode of the socket file
-//   $RUNTIME_DIRECTORY is set   that one, which the service manager made                0660: the unit's Group=
+//   $RUNTIME_DIRECTORY is set   its first entry, which the service manager made         0660: the unit's Group=
 //                                                                                       may connect
 //   otherwise                   the user's runtime directory: /run for root, else       0600
 //                               $XDG_RUNTIME_DIR, /run/user/UID or /tmp/orvane-UID,
@@ -28,8 +28,8 @@ struct ServerSocket {
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error);
 
 // The paths that a client of this user tries, in order: in the user's runtime directory (see above), in the folder
-// orvane-se of that directory, in /run/orvane-se, in /run. Returns none and sets *error if `service` cannot be a
-// socket's name.
+// orvane-se of that directory, in /run/orvane-se, in /run. If `service` cannot be a socket's name, returns no paths and
+// sets *error.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
 
 // The address of a Unix-domain socket at a path. Nothing if the path is too long for one.

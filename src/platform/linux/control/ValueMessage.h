@@ -21,7 +21,7 @@ struct ValueSize {
   uint64_t elements = 0;
   unsigned nesting = 0;  // depth of containers; measuring stops at kMaximumNesting + 1
 
-  // Whether the receiver accepts a message with this value alone.
+  // Whether the receiver accepts a message with this value as the only argument.
   bool fits() const {
     constexpr uint64_t kEnvelopeWords = 1024;
     return words + kEnvelopeWords <= kMaximumMessageWords && elements <= kMaximumElements && nesting <= kMaximumNesting;
@@ -33,9 +33,9 @@ ValueSize measure_string(size_t length);
 void write_value(const Value& value, control::Value::Builder builder);
 
 // Reads a value from a message of `messageWords` words. Returns nothing if the value is malformed (strings must be
-// UTF-8), nested too deeply, or much larger than the message. The last can happen because several pointers may lead to
-// the same bytes and list elements may be empty. So the value may have at most one element for each word of the
-// message, and at most as many bytes of text and data as the message has.
+// UTF-8), nested too deeply, or much larger than the message. A value can be larger than its message because several
+// pointers may lead to the same bytes, and because list elements may be empty. So the value may have at most one
+// element for each word of the message, and at most as many bytes of text and data as the message has.
 std::optional<Value> read_value(control::Value::Reader reader, uint64_t messageWords);
 
 }  // namespace orvane

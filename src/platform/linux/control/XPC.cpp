@@ -95,9 +95,10 @@ class ClientSockets {
     const SessionActivity* activity;
   };
 
-  // Ends one session that has been idle for kIdleLimit: one of the user with the most clients, and of that user's
-  // sessions the one that has been idle longest. So the keeper stays connected, although it calls only once a minute:
-  // it runs as a user of its own. Does nothing if no session has been idle that long.
+  // Ends one of the sessions that have been idle for kIdleLimit. Chooses among those of the user with the most clients,
+  // and ends the one that has been idle longest. Does nothing if no session has been idle for so long. The keeper calls
+  // only once a minute, so its session is usually idle. But the keeper runs as a user of its own with one session, so
+  // it loses this session only if no user with more sessions has an idle one.
   void endIdleSession() {
     std::map<uid_t, size_t> clientsOfUser;
     for (const auto& [descriptor, client] : sockets_) ++clientsOfUser[client.peer.uid];
@@ -153,7 +154,7 @@ class Connection final : public NSXPCConnection {
   void setInvalidationHandler(std::function<void()> handler) override { setHandler(SessionEnd::Closed, handler); }
   void setInterruptionHandler(std::function<void()> handler) override { setHandler(SessionEnd::Broken, handler); }
 
-  // Ends a connection that the delegate rejected or did not activate.
+  // Ends a connection that the delegate rejected, perhaps after activating it, or did not activate.
   void close() {
     if (activated_.exchange(true)) {
       clients_->shutDown(socket_);
@@ -269,8 +270,8 @@ class Listener final : public NSXPCListener {
     while (!clients_->isClosing()) {
       Descriptor socket(accept4(socket_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
-        // The connection is accepted before there is room for it: only now is it certain that another client waits, for
-        // which an idle one must leave.
+        // This accepts a connection even if there is no room for it: an idle session is ended only if another client
+        // waits, and only accept4() shows that one waits.
         if (!clients_->awaitRoom()) return;
         admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
       } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {

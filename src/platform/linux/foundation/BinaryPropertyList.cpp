@@ -117,8 +117,8 @@ class BinaryReader {
     }
   }
 
-  // An integer of 1, 2 or 4 bytes is unsigned and one of 8 bytes is signed. One of 16 bytes holds an unsigned number
-  // that may be above the range of the signed ones.
+  // An integer of 1, 2 or 4 bytes is unsigned, and an integer of 8 bytes is signed. An integer of 16 bytes holds an
+  // unsigned number of 64 bits, which may be above INT64_MAX.
   Value integerValue(size_t at, uint8_t low) {
     if (low > 4 || !fits(at, 1, size_t{1} << low)) return fail("an integer is damaged");
     if (low < 4) return Value::number(static_cast<int64_t>(integer(at, size_t{1} << low)));
@@ -163,7 +163,8 @@ class BinaryReader {
     }
   }
 
-  // If *size is 15, replaces it by the number in the integer object at *at, and moves *at behind that object.
+  // If *size is 15, replaces it by the number in the integer object at *at, and moves *at to the byte after that
+  // object.
   bool readSize(size_t* at, uint64_t* size) const {
     if (*size != 0xf) return true;
     if (!fits(*at, 1, 1) || (bytes_[*at] >> 4) != 0x1 || (bytes_[*at] & 0xf) > 3) return false;

@@ -89,7 +89,7 @@ class XMLReader {
   Value read(std::span<const uint8_t> bytes, std::string* fault) {
     static std::once_flag initialised;
     std::call_once(initialised, xmlInitParser);
-    // By default libxml2 prints encoding errors to standard error. The empty function replaces that.
+    // By default libxml2 prints encoding errors to standard error. This function, which does nothing, prevents that.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {
@@ -118,8 +118,8 @@ class XMLReader {
 
   static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
 
-  // A handler that loads a DTD is not set, so none is loaded. A handler that resolves entities is not set either, and a
-  // reference to an entity would silently expand to nothing. So a list that declares an entity is refused.
+  // No handler loads a DTD, so no DTD is loaded. No handler resolves entities, so a reference to an entity would
+  // silently expand to nothing; therefore a list that declares an entity is refused.
   static xmlSAXHandler handlers() {
     xmlSAXHandler handler{};
     handler.initialized = XML_SAX2_MAGIC;
@@ -137,7 +137,7 @@ class XMLReader {
     handler.entityDecl = [](void* user, const xmlChar*, int, const xmlChar*, const xmlChar*, xmlChar*) {
       self(user).fail("it declares an entity");
     };
-    // The error's type differs between versions of libxml2.
+    // The parameter is `auto`, because the error's type differs between versions of libxml2.
     handler.serror = [](void* user, auto* error) {
       if (error->level < XML_ERR_ERROR) return;
       const std::string_view message = error->message == nullptr ? "not well-formed" : error->message;

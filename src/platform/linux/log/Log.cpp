@@ -21,8 +21,8 @@
 
 namespace orvane {
 
-// One object for each pair of subsystem and category. The objects are never freed: the pairs are few, and each flow
-// creates a handle, which then costs only a look-up.
+// One object for each pair of subsystem and category. The objects are never freed, because the pairs are few. Each flow
+// creates a handle; after the first time, that costs only a look-up.
 class LogHandle {
  public:
   LogHandle(std::string_view subsystem, std::string_view category);
@@ -79,7 +79,8 @@ struct NamesHash {
   }
 };
 
-// The keys are views of the strings in the handles. Never destroyed: threads may log while the process exits.
+// The keys are views of the strings in the handles. The table is never destroyed, because threads may log while the
+// process exits.
 struct HandleTable {
   std::shared_mutex mutex;
   std::unordered_map<Names, std::unique_ptr<LogHandle>, NamesHash> handles;
@@ -138,7 +139,7 @@ std::string timestamp() {
   return text;
 }
 
-// One write(2), so that lines of several threads do not mix.
+// Writes the line with one write(2), so that lines of several threads do not mix.
 void write_to_standard_error(const LogHandle& handle, LogLevel level, std::string_view message) {
   std::string line = timestamp() + " " + kLevelNames.at(static_cast<size_t>(level)) + " [";
   append_printable(line, handle.category().empty() ? "default" : handle.category());

@@ -45,8 +45,8 @@ class Listener final : public NSXPCListener {
     }
   }
 
-  // The framework may raise an exception for a value that is not a valid name. Its documentation does not say which
-  // call raises the exception, so both calls run here.
+  // The framework may raise an exception for a value that is not a valid name. Its documentation does not say whether
+  // creating or resuming the listener raises the exception, so both calls run here.
   static void attempt(void (^work)()) {
     @autoreleasepool {
       @try {

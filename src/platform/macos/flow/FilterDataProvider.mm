@@ -10,7 +10,7 @@
   return orvane::FilterDataProvider::init();
 }
 
-// Not "provider": the framework's class may have a method of that name.
+// The method is not called "provider", because the framework's class may have a method of that name.
 - (const orvane::FilterDataProvider&)orvaneProvider {
   return static_cast<const orvane::FilterDataProvider&>(*_provider);
 }

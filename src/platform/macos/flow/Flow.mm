@@ -19,7 +19,7 @@ Ref<NWEndpoint> endpoint_of(::NWEndpoint* endpoint) {
   return NWHostEndpoint::endpointWithHostname(text_of([host hostname]), text_of([host port]));
 }
 
-// The properties of every flow. Base is the core's class, Object the framework's.
+// Implements the properties that every flow has. Base is the core's class, Object the framework's.
 template <class Base, class Object>
 class SystemFlow : public Base {
  public:

@@ -11,7 +11,7 @@
 namespace orvane {
 namespace {
 
-// These numbers go to the framework unchanged.
+// These numbers are passed to the framework unchanged, so they must equal the framework's.
 static_assert(static_cast<int64_t>(NENetworkRuleProtocol::UDP) == NENetworkRuleProtocolUDP);
 static_assert(static_cast<int64_t>(NETrafficDirection::Outbound) == NETrafficDirectionOutbound);
 static_assert(static_cast<int64_t>(NEFilterAction::Allow) == NEFilterActionAllow);

@@ -10,7 +10,7 @@
   return orvane::PLSafariFilterDataProvider::init();
 }
 
-// Not "provider": the framework's class may have a method of that name.
+// The method is not called "provider", because the framework's class may have a method of that name.
 - (const orvane::PLSafariFilterDataProvider&)orvaneProvider {
   return static_cast<const orvane::PLSafariFilterDataProvider&>(*_provider);
 }

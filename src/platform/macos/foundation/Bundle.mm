@@ -41,7 +41,7 @@ Ref<Bundle> bundle_create(const std::string& url) {
 
 Value bundle_get_information(const Bundle* bundle, std::string_view key) {
   if (bundle == nullptr) return nullptr;
-  // Not CFBundleGetValueForInfoDictionaryKey, which prefers a localized value.
+  // This does not use CFBundleGetValueForInfoDictionaryKey, because that function prefers a localized value.
   CFDictionaryRef information = CFBundleGetInfoDictionary(to_native<CFBundleRef>(bundle));
   if (information == nullptr) return nullptr;
   return value_of_object(CFDictionaryGetValue(information, string_create(key).get()));

@@ -7,7 +7,8 @@
 
 namespace {
 
-// Outside of namespace orvane, which has another os_log_t: the system's macro needs the system's type.
+// This function is outside of namespace orvane: the system's macro needs the system's os_log_t, and orvane has another
+// type of that name.
 void* default_handle() { return OS_LOG_DEFAULT; }
 
 }  // namespace
