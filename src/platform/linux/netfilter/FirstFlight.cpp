@@ -9,8 +9,8 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   if (broken_ || payload.empty()) return !broken_;
   if (!begun_) begin_ = sequence;
   begun_ = true;
-  // Compares the sequence number with that of the next byte in order, not with that of the first byte: so a flight may
-  // have more than 2^32 bytes.
+  // The distance is measured from the next byte in order, not from the first byte of the flight. So it fits into 32
+  // bits even if the flight has more than 2^32 bytes.
   const auto expected = static_cast<uint32_t>(begin_ + length_);
   const auto distance = static_cast<int32_t>(sequence - expected);
   if (distance < 0 && static_cast<uint64_t>(-static_cast<int64_t>(distance)) > length_) {
@@ -38,8 +38,8 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   return !broken_;
 }
 
-// Stores the new bytes of a segment: those that are neither in order yet nor in a piece that waits. `offset` is the
-// payload's distance from the start of the flight.
+// Stores those bytes of a segment that are neither in order already nor in a stored piece. `offset` is the distance
+// from the start of the flight to the start of the payload.
 void FirstFlight::keep(uint64_t offset, std::span<const uint8_t> payload) {
   const uint64_t end = offset + payload.size();
   uint64_t at = std::max(offset, length_);

@@ -19,12 +19,12 @@ namespace orvane {
 namespace {
 
 constexpr int kAttempts = 3;
-// Limit on the time to remove the rules of one address family; it takes some 40 ms if nothing hangs. A service that
-// ends must not wait for a firewall program that hangs. Rules that are not removed block nothing, because packets pass
-// when no process reads the queue.
+// Limit on the time to remove the rules of one address family. The removal takes about 40 ms, unless a firewall program
+// hangs; the service must be able to end without waiting for that program. Rules that remain block no new connection,
+// because the kernel passes packets when no process has the queue.
 constexpr auto kRemovalTime = std::chrono::milliseconds(700);
 
-// Counts our rules in a text: one that we install, or one that iptables-save has printed.
+// Counts our rules in `text`: the input of iptables-restore, or the output of iptables-save.
 size_t count_rules(std::string_view text) {
   size_t count = 0;
   for (size_t at = 0; (at = text.find("-A ORVANE-", at)) != std::string_view::npos; ++at) ++count;
@@ -37,16 +37,18 @@ std::string jump_removals(const SavedTable& table) {
   return text;
 }
 
-// Whether the table has a chain of ours that `text` does not define, because another version of the extension made it.
+// Whether the table has a chain of ours that `text` does not define. Such a chain was made by another version of the
+// extension.
 bool has_other_chains(const SavedTable& table, std::string_view text) {
   return std::any_of(table.chains.begin(), table.chains.end(), [text](const std::string& chain) {
     return text.find("\n:" + chain + " ") == std::string_view::npos;
   });
 }
 
-// Makes our jumps the first rules of their built-in chains. It deletes exactly the jumps that exist and inserts new
-// ones: -D fails for a missing rule, and -I alone would leave two jumps. Each table is changed in one transaction, so
-// no packet meets a table without its jumps.
+// Returns the script that makes our jumps the first rules of their built-in chains. The script first deletes the jumps
+// that iptables-save has listed, because -I alone would add a second jump. It does not delete any other jump, because
+// -D fails for a missing rule. iptables-restore changes each table in one transaction, so no packet meets a table
+// without its jumps.
 std::string jump_script(const SavedTables& saved) {
   auto insertions = [](const std::vector<std::string>& chains) {
     std::string text;
@@ -70,7 +72,8 @@ std::string removal_script(const char* name, const SavedTable& table) {
   return text + "COMMIT\n";
 }
 
-// Removes the rules of table mangle first: they ask for verdicts, and the rules of table filter carry out the verdicts.
+// Returns the script that removes our rules from both tables. Table mangle comes first: its rules ask for verdicts, and
+// the rules of table filter, which carry out the verdicts, must last until no more verdicts are asked for.
 std::string removal_script(const SavedTables& saved) {
   return removal_script("mangle", saved.mangle) + removal_script("filter", saved.filter);
 }
@@ -106,7 +109,8 @@ class Family {
       const size_t mangle = text.find("*mangle");
       if (has_other_chains(before->filter, text.substr(0, mangle)) ||
           has_other_chains(before->mangle, text.substr(mangle))) {
-        // This leaves a moment without rules, but only when another version of the extension starts.
+        // Until the new rules are installed, there are no rules of ours. That happens only when another version of the
+        // extension has left its chains.
         if (!restore(removal_script(*before), error, limit)) continue;
         before = read(error, limit);
         if (!before) continue;
@@ -140,7 +144,8 @@ class Family {
     return error;
   }
 
-  // Whether the kernel sends messages about changes: nf_tables does, the legacy back end does not.
+  // Whether the kernel sends messages when rules change. It does so for the iptables back end nf_tables, not for the
+  // legacy back end.
   bool reportsChanges() const {
     return run_command({program("restore"), "--version"}).output.find("nf_tables") != std::string::npos;
   }
@@ -168,7 +173,7 @@ class Family {
   std::string installedText_;  // our chains and rules as iptables-save printed them after the installation
 };
 
-// A netlink socket that receives a message for every change to the namespace's nf_tables.
+// A netlink socket that receives a message for every change to the nf_tables rules of the network namespace.
 Descriptor open_change_socket() {
   Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_NETFILTER));
   sockaddr_nl address{AF_NETLINK, 0, 0, 1U << (NFNLGRP_NFTABLES - 1)};
@@ -238,8 +243,8 @@ int KernelRules::changeDescriptor() const { return implementation_->changes.get(
 
 KernelRules::State KernelRules::check(std::string& error, int stop) {
   Implementation& own = *implementation_;
-  // Drain the messages first, so that later changes wake us again. Our own repair is a change and wakes us, too; the
-  // check after it finds the rules intact.
+  // Discard the messages before the check, so that a change during the check wakes the thread again. Our own repair is
+  // a change, so it wakes the thread, too; the next check then finds the rules intact.
   if (own.changes) drain(own.changes.get());
   if (!own.installed) return State::Intact;
   State state = State::Intact;

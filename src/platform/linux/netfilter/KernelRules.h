@@ -15,7 +15,7 @@ class KernelRules {
   KernelRules();
   ~KernelRules();  // leaves the rules in place; see remove()
 
-  // Installs the rules of the settings in place of any older rules of ours. On failure, removes all rules of ours and
+  // Installs the rules of the settings in place of any older rules of ours. On failure, removes all our rules and
   // returns an error.
   std::optional<std::string> install(const NEFilterSettings& settings);
 
@@ -26,10 +26,10 @@ class KernelRules {
   enum class State { Intact, Repaired, Broken };
   // Repairs missing or changed chains and jumps, and jumps that are not the first rules of their built-in chains.
   // Discards the messages of changeDescriptor(). If the result is Broken, `error` has the reason. Gives up when `stop`,
-  // an eventfd(2), is readable.
+  // an eventfd(2), becomes readable; the result then says nothing about the rules.
   State check(std::string& error, int stop = -1);
 
-  // Removes the rules, if there are any. Takes 1.4 s at most. Returns an error.
+  // Removes the rules, if there are any. Takes 1.4 s at most. Returns an error on failure.
   std::optional<std::string> remove();
 
  private:

@@ -11,10 +11,10 @@
 namespace orvane {
 namespace {
 
-// Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet that is longer than its headers.
-// Matches on the PSH flag, on a length or by u32 would miss data on the SYN, tiny payloads or the first segment of a
-// narrow window, or would match a SYN without data. In IPv6, every packet with extension headers matches, and
-// parse_packet() then finds the TCP header.
+// Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet with payload. Simpler matches
+// (the PSH flag, a length, u32) would miss data on the SYN, tiny payloads or the first segment of a narrow window, or
+// would match a SYN without data. The IPv6 program cannot look behind extension headers, so it matches every packet
+// that has them; parse_packet() then finds the TCP header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =
@@ -31,7 +31,8 @@ class NewChain {
  public:
   explicit NewChain(AddressFamily family) : family_(family) {}
 
-  // Returns false and sets error() when the kernel cannot express the rule.
+  // Returns false and sets error() when the rule has a host name or an unknown service, which kernel rules cannot
+  // match.
   bool add(const NENetworkRule& rule, NEFilterAction action) {
     if (rule.direction == NETrafficDirection::Inbound) return true;
     std::string ends;
@@ -69,8 +70,9 @@ class NewChain {
   const std::string& error() const { return error_; }
 
  private:
-  // Appends the match of an endpoint's address to `match`. Sets `canMatch` to false if the address is not of family_:
-  // no packet of family_ can match the rule then.
+  // Appends the match of an endpoint's address to `match`. Sets `canMatch` to false if the address is of the other
+  // address family, because no packet of family_ can then match the rule. Returns false and sets error_ if the endpoint
+  // has a host name instead of an address.
   bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, const char* option, std::string& match,
                bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
@@ -103,7 +105,7 @@ class NewChain {
 
 // What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these jump. The
 // columns are: the condition, the chain (if any) to which the packet then goes, and what happens there. "Bits" are our
-// bits (kMarkMask) of a mark.
+// bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -132,33 +134,35 @@ class NewChain {
 // The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
-//   user's id. So ASK marks a packet as allowed before it is queued, and "allowed", the most frequent answer, changes
-//   nothing. A packet that gets no answer (no process serves the queue) keeps this mark, and its
-//   connection counts as allowed.
+//   user's id. So ASK sets the packet's bits to "allowed", the most frequent answer, before the packet is queued: this
+//   answer then changes nothing. If no process serves the queue, the packet passes with these bits, and its connection
+//   counts as allowed.
 // - The packet's bits "pending" only keep the packet from being queued twice. They are not saved to the connection,
 //   because the connection may have a verdict by then.
 // - A packet goes to VERDICT only if its connection has bits, too, because other programs may set the same bits in
 //   packets of other connections. A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark` of
 //   connmark, so it passes.
 // - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
-//   then calls packets of the connection INVALID and does not assign them to it. Each of these packets gets its own
-//   verdict, which is only in the packet's mark.
+//   then calls packets of the connection INVALID and does not assign them to the connection. Each INVALID packet gets a
+//   verdict of its own, which is stored in the packet's mark only.
 // - A server can make connection tracking forget a connection that the sockets still have: with a reset that the
-//   client's TCP ignores, or with silence. The next segment then begins a connection (NEW) and is not a SYN. An
-//   outbound segment is treated like a SYN. Inbound payload goes to the queue, and begins a connection only if it may
-//   pass.
+//   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
+//   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound and has payload,
+//   it goes to the queue, and connection tracking keeps the new connection only if the segment passes.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
-// - If this machine connects to itself, the packets of both directions go through OUTPUT. So rules test the direction.
+// - If this machine connects to itself, the packets of both directions go through OUTPUT. So the rules test the
+//   direction (`--ctdir`).
 // - A SYN clears the connection's bits, because connection tracking may take the SYN for part of an old connection that
 //   was reset and used the same ports. Table filter also clears "dropped", in case another program has flushed table
-//   mangle. It does so only for a SYN without bits: if one of the provider's rules drops the SYN, its mark has bits.
-// - QUEUE ignores a RST without ACK: it answers a stray segment and ends no connection of the sender.
-// - QUEUE limits UDP, because any user can send datagrams faster than the extension answers the queue. Datagrams beyond
+//   mangle. It does so only for a SYN without bits: if one of the provider's rules has dropped the SYN, the SYN has
+//   bits.
+// - QUEUE ignores a RST without ACK, because such a RST answers a stray segment and ends no connection of the sender.
+// - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Datagrams beyond
 //   the limit pass. TCP needs no limit: a connection sends little before its first data are answered.
 // - Table filter also saves the bits, for packets that did not enter mangle again: those without an answer, and those
 //   that the extension sent on with NF_ACCEPT.
-// - DROP lets resets pass, because the reset by which REJECT ends a connection belongs to that connection.
+// - DROP lets resets pass, because the reset that REJECT sends to end a connection is a packet of the same connection.
 // - The text has table filter first, so that the rules that carry out verdicts exist before the first packet is queued.
 constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
@@ -235,8 +239,8 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
 }
 
 // Adds a line of iptables-save to `table` if it is a chain of ours, a rule of ours, or a jump to our chains.
-// `lastChain` is the built-in chain of the previous rule: if that is another chain, this line is the first rule of its
-// chain.
+// `lastChain` is the built-in chain to which the previous rule belongs. If this rule belongs to another built-in chain,
+// it is the first rule of that chain.
 void read_line(std::string_view line, SavedTable& table, std::string_view& lastChain) {
   if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
   if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';

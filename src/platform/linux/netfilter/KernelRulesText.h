@@ -37,7 +37,8 @@ enum class AddressFamily { IPv4, IPv6 };
 
 // The rules of one address family, as input for iptables-restore(8) or ip6tables-restore(8) with --noflush: our chains
 // and their rules, first of table filter, then of table mangle, without the jumps from the built-in chains. Returns
-// nothing and sets `error` if the kernel cannot express a rule, because it has a host name or an unknown service.
+// nothing and sets `error` if a rule of the settings has a host name or an unknown service, which kernel rules cannot
+// match.
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error);
 
@@ -48,7 +49,7 @@ struct SavedTable {
   std::vector<std::string> jumps;   // all rules of the built-in chains that jump to ours: jump_from() and others
   std::vector<std::string> chainsWithJump;  // the built-in chains whose first rule is jump_from()
 
-  // Whether each of these built-in chains, and no other, begins with jump_from(), and no other rule jumps to our
+  // Whether the chains in `chainsOfKernel`, and no others, begin with jump_from(), and no further rule jumps to our
   // chains.
   bool isIntact(const std::vector<std::string>& chainsOfKernel) const {
     return chainsWithJump == chainsOfKernel && jumps.size() == chainsOfKernel.size();

@@ -26,10 +26,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kHeartbeat = 400ms;  // the watchdog needs two in a second
+constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
-constexpr auto kRulesDebounce = 200ms;  // a firewall that reloads changes its rules in many steps
-constexpr auto kRulesPoll = 500ms;      // without messages from the kernel, or to repeat a repair that failed
+constexpr auto kRulesDebounce = 200ms;  // from a change to the check: a firewall that reloads makes many changes
+constexpr auto kRulesPoll = 500ms;      // between checks, if the kernel sends no messages or the last repair failed
 
 class SystemOwners final : public FlowOwners {
  public:
@@ -43,7 +43,7 @@ class SystemOwners final : public FlowOwners {
   SocketOwners owners_;
 };
 
-// Whether the executables of other users' processes can be read. True when there is no such process.
+// Whether the executables of other users' processes can be read. True if other users have no processes.
 bool sees_other_users_programs() {
   bool wasDenied = false;
   for (pid_t pid : process_identifiers()) {
@@ -59,7 +59,7 @@ bool sees_other_users_programs() {
 
 }  // namespace
 
-// Used by the queue thread alone, once it runs.
+// Once the queue thread runs, only that thread uses this object.
 struct Netfilter::Queue {
   Queue(Ref<NEFilterDataProvider> provider, const NEFilterSettings& rules)
       : settings(rules), flows(std::move(provider), owners) {}
@@ -89,18 +89,21 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!stopRules_ || !stopQueue_) return "no event descriptor: " + std::generic_category().message(errno);
   auto queue = std::make_unique<Queue>(std::move(provider), settings);
-  // The queue first: when another extension has it, that extension's rules must stay.
+  // The queue is opened before the rules are installed: if another extension has the queue, that extension's rules must
+  // stay.
   auto error = queue->packets.open();
   taken_ = queue->packets.isTaken();
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
   if (!error) error = queue->owners.check();
   if (error) return error;
   auto noRecords = queue->owners.recordOpeners();
-  // Before the rules: connections from before the filter stay as they are.
+  // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
+  // allowed.
   for (uint64_t cookie : queue->owners.streams()) queue->flows.allowSocket(cookie);
   queue_ = std::move(queue);
   try {
-    // Before the rules, so that the first packets do not wait for the last rule.
+    // The thread starts before the rules are installed, so that the first packets do not wait until all rules are
+    // there.
     queueThread_ = std::thread([this] { queue_->serve(stopQueue_.get()); });
     if (error = rules_.install(settings); error) {
       stop();
@@ -128,7 +131,7 @@ void Netfilter::stop() {
     eventfd_write(stopRules_.get(), 1);
     rulesThread_.join();
   }
-  // While the queue is still served, so that no packet is lost in it.
+  // The rules are removed while the queue is still served, so that no packet is lost in the queue.
   if (auto error = rules_.remove()) {
     ORVANE_LOG_ERROR(default_log(), "netfilter: the kernel rules cannot be removed: %@", *error);
   }
@@ -170,7 +173,7 @@ void Netfilter::Queue::serve(int stop) {
     PacketQueue::Read read;
     int rounds = 0;
     do {
-      // In a flood, the queue is never empty and this loop does not end by itself.
+      // In a flood, the queue is never empty, so this loop would not end without this test.
       if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
       read = readBatch();
@@ -186,7 +189,9 @@ void Netfilter::Queue::serve(int stop) {
   }
 }
 
-// Moves packets from the kernel's queue to the backlog, faster than a flood fills that queue.
+// Moves packets from the kernel's queue to the backlog: up to kReadsOfBatch messages for each packet that is judged. If
+// only one were moved each time, a flood would fill the kernel's queue, and the kernel would then drop packets of all
+// users.
 PacketQueue::Read Netfilter::Queue::readBatch() {
   const auto now = PacketBacklog::Clock::now();
   auto keep = [this, now](const QueuedPacket& queued) {
@@ -222,11 +227,11 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   if (queued.isInbound) {
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
     switch (packet ? judgeInbound(*packet, hasConnection) : PacketVerdict::Ignored) {
-      case PacketVerdict::Ignored:  // nothing to save
+      case PacketVerdict::Ignored:  // there is no verdict to save
         return packets.accept(queued.id, answer_mark(queued.mark, 0));
       case PacketVerdict::Allowed:
         return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));
-      default:  // the payload is not lost: the server sends it again
+      default:  // the server sends the payload again
         return packets.drop(queued.id);
     }
   }
@@ -254,7 +259,8 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   flow_counters().recordHold(static_cast<uint64_t>(held.count()));
 }
 
-// The kernel's rules have selected the packets of tracked connections. Others are selected here.
+// The kernel rules queue every inbound packet with payload that belongs to no tracked connection. So this tests whether
+// the provider's rules select the flow of such a packet. For a tracked connection, the kernel rules have tested this.
 PacketVerdict Netfilter::Queue::judgeInbound(const Packet& packet, bool hasConnection) {
   const SocketAddress& server = packet.ends.local;
   const bool isSelected =
@@ -263,8 +269,9 @@ PacketVerdict Netfilter::Queue::judgeInbound(const Packet& packet, bool hasConne
   return isSelected ? flows.judgeInbound(packet) : PacketVerdict::Ignored;
 }
 
-// Takes the queue back after the watchdog released it. The packets that are left in the socket were dropped by the
-// kernel. They are not answered: packet ids start again, so an answer could reach another packet.
+// Takes the queue back after the watchdog released it. The kernel has dropped the packets that are left in the socket
+// and in the backlog. They get no verdict, because the kernel starts again with packet id 1, so the verdict could reach
+// another packet.
 void Netfilter::Queue::rebind() {
   backlog.clear();
   PacketQueue::Read left;

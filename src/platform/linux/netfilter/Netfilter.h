@@ -11,7 +11,7 @@
 
 namespace orvane {
 
-// The flow source that sees the flows of all programs in the network namespace of the thread that starts it. Kernel
+// The flow source that sees the flows of all programs in the network namespace of the thread that calls start(). Kernel
 // rules (KernelRules.h) send the first outbound bytes of new connections to a packet queue and carry out the verdicts.
 // Needs CAP_NET_ADMIN.
 //

@@ -8,7 +8,7 @@ bool PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now) {
   const size_t size = packet.bytes.size();
   User& user = users_[packet.user];
   if (user.packets.size() >= kPacketsOfUser || user.bytes + size > kBytesOfUser || bytes_ + size > kBytes) return false;
-  // Time that a user did not need is not saved up for later.
+  // A user who had no packets for some time gets no extra time later.
   if (user.packets.empty()) user.used = std::max(user.used, level_);
   Packet& added = user.packets.emplace_back(Packet{packet, {packet.bytes.begin(), packet.bytes.end()}, now});
   added.queued.bytes = added.bytes;
@@ -22,7 +22,8 @@ std::optional<PacketBacklog::Packet> PacketBacklog::next() {
   last_ = nullptr;
   for (auto each = users_.begin(); each != users_.end();) {
     User& user = each->second;
-    // A user without packets is forgotten as soon as the others had as much time.
+    // A user without packets is forgotten once `level_` has reached the user's `used`: if the user returns, `used`
+    // begins at `level_` in any case.
     const bool isForgotten = user.packets.empty() && user.used <= level_;
     if (!user.packets.empty() && (last_ == nullptr || user.used < last_->used)) last_ = &user;
     each = isForgotten ? users_.erase(each) : std::next(each);

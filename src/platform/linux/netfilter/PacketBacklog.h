@@ -12,35 +12,39 @@
 
 namespace orvane {
 
-// Packets that were read from the queue and wait for the queue's thread. The users whose packets wait share its time
-// equally, so a flood, or packets that take long to judge, delay only their own user's packets.
+// Packets that were read from the kernel's queue and not judged yet. The queue's thread divides its time equally among
+// the users who have packets here. So if a user sends a flood, or packets that take long to judge, only packets of the
+// same user are delayed.
 //
 // Not thread-safe: belongs to the queue's thread.
 class PacketBacklog {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // What one user's packets may take here. Real programs stay far below: a browser that restores a hundred tabs sends
-  // some hundred packets at once.
+  // Limits on the packets of one user. Real programs stay far below the limits: a browser that restores a hundred tabs
+  // sends some hundred packets at once.
   static constexpr size_t kPacketsOfUser = 4096, kBytesOfUser = size_t{16} << 20;
-  // What all packets may take. Whoever has many user ids, as the owner of a user namespace does, meets this limit.
+  // Limit on the bytes of all users' packets. It stops somebody who has many user ids, such as the owner of a user
+  // namespace.
   static constexpr size_t kBytes = size_t{128} << 20;
-  // A packet that waited so long is not worth its judgement: its sender sends it again.
+  // A packet that has waited for longer than this is dropped without a verdict, because its sender sends it again.
   static constexpr std::chrono::milliseconds kLongestWait{1000};
 
   struct Packet {
-    QueuedPacket queued;         // its bytes are those below
-    std::vector<uint8_t> bytes;  // their place in memory does not change when the packet is moved
-    Clock::time_point since;
+    QueuedPacket queued;         // `queued.bytes` refers to `bytes`
+    std::vector<uint8_t> bytes;  // the packet's bytes; moving the Packet does not change their address
+    Clock::time_point since;     // when the packet was added
   };
 
-  // Copies the packet. Returns false when its user, or all users together, have no room left.
+  // Adds a copy of the packet. Returns false if it would exceed a limit of its user, or the limit of all users
+  // together.
   bool add(const QueuedPacket& packet, Clock::time_point now);
 
-  // Takes the oldest packet of the user who had the least time. Nothing when no packet waits.
+  // Removes and returns a packet: of the users who have packets here, it chooses the one who has used the least time,
+  // and takes this user's oldest packet. Nothing if there are no packets.
   std::optional<Packet> next();
 
-  // Counts the time that the last packet from next() took.
+  // Adds `time` to the time that the user of the last packet from next() has used.
   void charge(Clock::duration time);
 
   bool empty() const { return waiting_ == 0; }
@@ -50,12 +54,12 @@ class PacketBacklog {
   struct User {
     std::deque<Packet> packets;
     size_t bytes = 0;
-    Clock::duration used{};  // grows while packets of the user are judged; comparable between users
+    Clock::duration used{};  // time to judge the user's packets; a new user begins at `level_`, not at 0
   };
 
-  std::map<uint32_t, User> users_;  // those with packets, and those that are ahead of `level_`
-  User* last_ = nullptr;            // whose packet next() returned
-  Clock::duration level_{};         // what that user had used before; whoever comes now begins there
+  std::map<uint32_t, User> users_;  // those who have packets, or whose `used` is above `level_`
+  User* last_ = nullptr;            // the user of the last packet from next()
+  Clock::duration level_{};         // the `used` of that user before the packet; never decreases
   size_t waiting_ = 0, bytes_ = 0;
 };
 

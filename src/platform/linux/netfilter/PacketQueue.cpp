@@ -19,11 +19,11 @@ namespace {
 
 constexpr size_t kLargestPacket = 0xffff;
 constexpr size_t kMessageRoom = 8192;  // for the netlink message around the packet
-// In packets. More than fit into the socket's buffer, so that the buffer is full before the queue is: the kernel
-// reports only a full buffer to us.
+// In packets. The socket's buffer holds fewer packets than this, so the buffer becomes full before the queue does. That
+// is wanted, because the kernel reports a full buffer to us, but not a full queue.
 constexpr uint32_t kQueueLength = 1 << 18;
-// In bytes. Room for a burst of new connections, with a first packet of about 2 KiB each. The kernel takes the memory
-// only when it needs it.
+// In bytes. Enough for a burst of some ten thousand new connections, with a first packet of about 2 KiB each. The
+// kernel allocates the memory only when packets arrive.
 constexpr int kSocketBuffer = 64 << 20;
 constexpr uint32_t kFlags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID;
 
@@ -71,8 +71,8 @@ std::optional<std::string> PacketQueue::open() {
   return std::nullopt;
 }
 
-// Changes one setting of the queue and waits for the kernel's answer. Call it before the kernel rules send packets
-// here.
+// Sends one configuration message and waits for the kernel's answer. Ignores packets that arrive before the answer, so
+// call it only before the kernel rules are installed.
 int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);
@@ -83,8 +83,8 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   unsigned port = mnl_socket_get_portid(socket_.get());
   while (size >= 0) {
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-    // Rules that an earlier process left may queue packets already. These packets are ignored; their senders repeat
-    // them.
+    // If an earlier process left its rules, packets may arrive already. They are ignored; their senders send them
+    // again.
     if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
     if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
@@ -113,7 +113,7 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   int left = static_cast<int>(size);
   for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); mnl_nlmsg_ok(header, left);
        header = mnl_nlmsg_next(header, &left)) {
-    // Errors of verdicts have the number 0.
+    // The sequence number is 0 if the error is about a verdict, because decide() sets no number.
     if (header->nlmsg_type == NLMSG_ERROR && header->nlmsg_seq != 0) acknowledged_ = header->nlmsg_seq;
     if (header->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8 | NFQNL_MSG_PACKET)) continue;
     std::array<nlattr*, NFQA_MAX + 1> attributes{};
@@ -150,7 +150,8 @@ void PacketQueue::decide(uint32_t id, uint32_t verdict, uint32_t mark) {
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_VERDICT, number_);
   nfq_nlmsg_verdict_put(header, static_cast<int>(id), static_cast<int>(verdict));
   nfq_nlmsg_verdict_put_mark(header, mark);
-  // The kernel carries out the verdict during this call. If the packet is gone, the kernel's error comes to read().
+  // The kernel carries out the verdict during this call. If the packet no longer exists, read() receives the kernel's
+  // error.
   mnl_socket_sendto(socket_.get(), header, header->nlmsg_len);
 }
 

@@ -16,26 +16,27 @@ namespace orvane {
 
 constexpr uint32_t kNoUser = UINT32_MAX;  // no user can have this id
 
-// A packet that the kernel holds until repeat(), accept() or drop().
+// A packet that the kernel holds until repeat(), accept() or drop() is called with its id.
 struct QueuedPacket {
   uint32_t id;
   uint32_t mark;                   // the packet's whole mark, with the bits of other programs
   bool isInbound;                  // whether the packet comes from chain INPUT; else it comes from OUTPUT
-  uint32_t interface;              // by which the packet came (INPUT) or leaves (OUTPUT); 0 while unknown
-  uint32_t user;                   // whose socket sends or receives it; kNoUser if the kernel does not say
+  uint32_t interface;              // index of the interface by which the packet came or will leave; 0 if unknown
+  uint32_t user;                   // the owner of the packet's socket; kNoUser if the kernel reports none
   std::span<const uint8_t> bytes;  // from the IP header on, 65531 at most; valid during the handler's call
   size_t length;                   // of the whole packet, which may be longer than `bytes`
 };
 
-// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. When the queue is
-// full, the kernel drops packets: if it passed them, any user could pass the filter by filling the queue. When the
-// socket closes, the kernel drops the packets in the queue and passes later ones. A segment that the network card will
-// split (GSO) is one packet. Not thread-safe.
+// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. When the queue is full, the
+// kernel drops packets. If it passed them instead, any user could fill the queue to get past the filter. When the
+// socket closes, the kernel drops the packets in the queue and passes later ones. A large segment that the network card
+// will split (GSO) counts as one packet. Not thread-safe.
 class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
 
-  // Opens the queue. Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error.
+  // Opens the queue. Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error
+  // on failure.
   std::optional<std::string> open();
 
   // Whether open() failed because another process has the queue.
@@ -44,7 +45,7 @@ class PacketQueue {
   // Takes the queue back after the watchdog unbound this socket.
   void rebind();
 
-  // The netlink socket. Non-blocking; readable when read() has something.
+  // The netlink socket. Non-blocking; readable when there is a message for read().
   int descriptor() const;
 
   enum class Read {
@@ -56,8 +57,8 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // The sequence number of the last message with NLM_F_ACK on this socket whose answer was read, behind all packets
-  // that were queued before it.
+  // The watchdog sends numbered messages with NLM_F_ACK on this socket. This is the number of the last message whose
+  // answer read() has received. The answer comes after all packets that were queued before the message was sent.
   uint32_t acknowledged() const { return acknowledged_; }
 
   // Sets a packet's whole mark and sends the packet through its chain again, from the first rule on, so that the rules

@@ -53,7 +53,8 @@ std::optional<std::string> QueueWatchdog::startProcess() {
 }
 
 bool QueueWatchdog::beat() {
-  // Only one heartbeat in 16 checks whether the child has died: under load there is a heartbeat for every packet.
+  // Only one heartbeat in 16 checks whether the child has died, because under load there is a heartbeat for every
+  // packet.
   if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
       waitpid(process_, nullptr, WNOHANG) == process_) {
     startProcess();
@@ -93,7 +94,7 @@ void QueueWatchdog::watch() {
   nlmsghdr* probe = nfq_nlmsg_put(messages[1].data(), NFQNL_MSG_CONFIG, queueNumber_);
   nfq_nlmsg_cfg_put_cmd(probe, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND);  // does nothing
   probe->nlmsg_flags |= NLM_F_ACK;
-  uint32_t settled = shared_->probes.load();  // no more answers are due for probes up to this one
+  uint32_t settled = shared_->probes.load();  // the last probe that needs no answer any more
   uint64_t last = 0;
   for (int silent = 0;;) {
     pollfd end{pipeReadEnd_.get(), 0, 0};
@@ -101,7 +102,7 @@ void QueueWatchdog::watch() {
     uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
     silent = beats == last ? silent + 1 : 0;
     last = beats;
-    if (beats == 0 || shared_->released.load()) continue;  // the thread does not serve the queue yet, or not any more
+    if (beats == 0 || shared_->released.load()) continue;  // the queue is not served yet, or was released
     settled = std::max(settled, shared_->answered.load());
     if (silent < kSilentChecks && shared_->probes.load() - settled < kLongestWaitChecks) {
       probe->nlmsg_seq = ++shared_->probes;

@@ -11,42 +11,44 @@
 
 namespace orvane {
 
-// A child process that releases a packet queue when the thread that serves the queue hangs, or falls behind the packets
-// that come. Otherwise a hanging or stopped process would hold the packets for ever: the kernel passes packets only
-// when no socket has the queue. The kernel drops the packets in a queue that is released.
+// A child process that releases a packet queue (unbinds it from its socket) when the thread that serves the queue hangs
+// or reads packets too slowly. Without the child, a process that hangs or is stopped would hold the packets for ever,
+// because the kernel passes packets only when no socket has the queue. When a queue is released, the kernel drops the
+// packets in it and passes later ones.
 //
 // The child shares the queue's netlink socket, because the kernel accepts the message that releases the queue only from
-// this socket. To measure how long packets wait, it also sends a message without effect (a probe) four times a second.
-// The kernel's answer waits on the socket behind the packets that were queued before it. If the socket's buffer is
-// full, the kernel sends no answer.
+// this socket. To measure how long packets wait in the socket's buffer, the child also sends a message without effect
+// (a probe) four times a second. The kernel puts its answer into this buffer, behind the packets that were queued
+// before, so the thread reads the answer after those packets. If the buffer is full, the kernel sends no answer.
 //
-// The child ends when this process ends, so that the socket closes. Not thread-safe.
+// The child ends when this process ends. Otherwise the child's copy would keep the socket open. Not thread-safe.
 class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
 
-  // The queue is released when there was no heartbeat for this time; this may be noticed up to half a second later.
+  // The queue is released when there was no heartbeat for this time. The release may come up to half a second later.
   static constexpr int kTimeoutMilliseconds = 1000;
-  // The queue is also released when packets wait for longer than this. A burst of new connections may need some time,
-  // but resolvers ask again after 5 s (resolv.conf(5)).
+  // The queue is also released when packets wait in the socket's buffer for longer than this. The limit leaves time for
+  // a burst of new connections, and is below the 5 s after which resolvers ask again (resolv.conf(5)).
   static constexpr int kLongestWaitMilliseconds = 3000;
 
-  // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error.
+  // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error on failure.
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // A heartbeat of the thread; call it at least twice a second. The first one starts the watch. Returns true when the
-  // queue was released since the last call: then it must be bound again. Replaces a child that died.
+  // A heartbeat of the thread that serves the queue; call it at least twice a second. The first heartbeat starts the
+  // watch. Returns true if the queue was released since the last call; the caller must then bind the queue again. If
+  // the child has died, starts another.
   bool beat();
 
-  // The number of the last probe that the thread read the answer of (PacketQueue::acknowledged()).
+  // Reports the number of the last probe whose answer the thread has read (PacketQueue::acknowledged()).
   void setAnswered(uint32_t probe) { shared_->answered.store(probe, std::memory_order_relaxed); }
 
  private:
   struct Shared {
     std::atomic<uint64_t> beats{0};
-    std::atomic<uint32_t> probes{0};    // sent; numbered from 1
-    std::atomic<uint32_t> answered{0};  // the last one whose answer was read
+    std::atomic<uint32_t> probes{0};    // the number of the last probe that was sent; the first has number 1
+    std::atomic<uint32_t> answered{0};  // the number of the last probe whose answer was read
     std::atomic<bool> released{false};
   };
 

@@ -75,8 +75,8 @@ void QueuedFlows::allowSocket(uint64_t cookie) {
   allowedByAge_.pop_front();
 }
 
-// Call this after the provider may have settled an open flow. Moves the flow to the end of its list: settled_ if there
-// is a verdict, else open_.
+// Call this after each packet of an open flow. Moves the flow to the end of its list: settled_ if there is a verdict,
+// else open_.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->lastSeen = now;
   if (!is_settled(flow->session)) {
@@ -92,7 +92,7 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
 }
 
-// The flow with these endpoints. It is a new flow if none is known, or if another socket has the endpoints by now.
+// The flow with these endpoints. Makes a new flow if no flow with them is known, or if another socket has them by now.
 QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket,
                                                        Clock::time_point now) {
   auto found = flows_.find(ends);
@@ -128,8 +128,8 @@ void QueuedFlows::erase(Flows::iterator flow) {
   open_.erase(flow);
 }
 
-// Adds the packet to an open flow, and asks the provider as soon as the flow can be shown. Returns whether the packet
-// had new bytes or ended the flow.
+// Adds the packet to an open flow. Shows the flow to the provider as soon as its server's name is known or cannot
+// become known. Returns whether the packet had new bytes or ended the flow.
 bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
   const bool ends = packet.fin || packet.rst;
@@ -147,8 +147,8 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
     bytes = flow.flight.next();
   }
-  // The bytes of a DNS flow do not name its server; the provider itself reads the question in them. In all other TCP
-  // flows the name is read to its end, even if judgeInbound() has shown the flow already.
+  // A DNS flow contains no server name; the provider itself reads the DNS question. In all other TCP flows, the name is
+  // read to its end, even if judgeInbound() has already shown the flow to the provider.
   const bool hasName = stream && packet.ends.remote.port != kDNSPort;
   if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
     return !bytes.empty();
@@ -161,7 +161,7 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   return true;
 }
 
-// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown now.
+// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown to the provider now.
 bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
   const ServerNameReader::State state = flow.name.read(bytes);
   if (state == ServerNameReader::State::Known) {

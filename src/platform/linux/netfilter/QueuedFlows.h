@@ -26,19 +26,21 @@ class FlowOwners {
 };
 
 enum class PacketVerdict {
-  Ignored,  // the packet tells nothing about a flow
-  Open,     // the packet passes; the flow's next packets are needed
+  Ignored,  // the packet says nothing about a flow
+  Open,     // there is no verdict yet; later packets are needed
   Allowed,  // the flow is allowed
   Dropped,  // the flow is dropped
 };
 
 // The flows whose first outbound packets are in the queue. A flow is shown to the provider when its server's name is
-// known or cannot become known, or when the flow ends. An open flow is kept as long as its socket exists. A settled
-// flow is remembered for some seconds, for packets that were queued before its verdict.
+// known or cannot become known, or when the flow ends. An open flow (without a verdict) is kept as long as its socket
+// exists. A settled flow (with a verdict) is remembered for some seconds, for packets that were queued before its
+// verdict.
 //
-// The number of open flows is limited for each user, so that one user's flows take no room from another's. A flow
-// beyond the limit is shown to the provider at once, without a name. If the provider asks for data, the flow belongs to
-// a browser and is dropped: no browser has so many connections, and a flow that is forgotten instead would pass.
+// The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
+// beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
+// a browser, and the flow is dropped. A real browser has fewer connections; and if the flow were forgotten instead of
+// dropped, it would pass.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -52,21 +54,22 @@ class QueuedFlows {
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its
-  // socket. A server's payload may pass only when the flow is allowed: otherwise the server could answer before the
-  // request names the host. If the provider does not know the flow yet, it is asked here, without a name. It allows the
-  // flow of a program that is no browser at once, so that program's server may speak first.
+  // socket. Payload of a server may pass only when the flow is allowed: otherwise the server could answer before the
+  // request names the host. If the provider does not know the flow yet, this function shows it the flow, without a
+  // name. If the program is no browser, the provider allows the flow at once, so servers of such programs may speak
+  // first.
   PacketVerdict judgeInbound(const Packet& packet, Clock::time_point now = Clock::now());
 
-  // Allows the flow of this TCP socket without asking the provider, so that a connection continues when connection
-  // tracking begins or forgets it. The socket of an allowed flow is added without a call. Only the last kSocketsLimit
-  // sockets are remembered.
+  // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
+  // connection continues when connection tracking starts, or when it forgets the connection. QueuedFlows itself calls
+  // this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets are remembered.
   void allowSocket(uint64_t cookie);
 
-  // Whether many packets in a row brought no new bytes for the flow of the last packet. Then another program overwrites
-  // the marks of this flow's packets, so the packets are queued again and again.
+  // Whether the flow of the last packet has had many packets in a row without new bytes. Then another program
+  // overwrites the marks of this flow's packets, so the packets are queued again and again.
   bool isLooping() const { return isLooping_; }
 
-  // Call this when the queue is empty. All later packets are then queued after all verdicts so far.
+  // Call this when the queue is empty. Every packet that is judged later was then queued after all verdicts so far.
   void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }
@@ -86,7 +89,7 @@ class QueuedFlows {
           session(std::move(provider), shown) {}
 
     SocketPair pair;
-    uint64_t cookie;  // the socket's; 0 when no socket was found
+    uint64_t cookie;  // the socket's cookie; 0 when no socket was found
     uid_t user;
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
@@ -96,7 +99,7 @@ class QueuedFlows {
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes
   };
-  using Flows = std::list<Flow>;  // by the time of the last packet, the latest at the end
+  using Flows = std::list<Flow>;  // sorted by the time of the last packet, the latest at the end
 
   static constexpr auto kNoUser = static_cast<uid_t>(-1);
 
@@ -114,7 +117,7 @@ class QueuedFlows {
   Flows open_, settled_;
   std::unordered_map<uid_t, size_t> openOfUser_;
   std::unordered_set<uint64_t> allowedSockets_;  // cookies
-  std::deque<uint64_t> allowedByAge_;
+  std::deque<uint64_t> allowedByAge_;            // the same cookies, the oldest first
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 
