@@ -13,7 +13,9 @@ import threading
 import time
 
 import isolation
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World, check, connect, iptables, wait_until
+from first_bytes import allow_many_descriptors
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World
+from harness import check, connect, iptables, outcome, wait_until
 
 
 class _Load:
@@ -144,6 +146,36 @@ def KeepsFilteringInAFlood(world: World):
         longest = max(end - begin for begin, end, *_ in load.results)
         print(f"the longest of {len(load.results)} connections took {longest:.2f} s; {extension.counters()}")
         check({result[2:] for result in load.results}, {(HELD, DROP), (NEWS, ALLOW)}, "the verdicts")
+
+
+def _hold_tunnels(ready) -> None:
+    """Opens more tunnels than the proxy has places for, as another user."""
+    allow_many_descriptors()
+    os.setuid(65534)
+    with socket.socket() as server:
+        server.bind(("127.0.0.1", 0))
+        server.listen(2000)
+        text = b"CONNECT 127.0.0.1:%d HTTP/1.1\r\n\r\n" % server.getsockname()[1]
+        tunnels = []
+        for _ in range(1100):
+            tunnels.append(socket.socket())
+            tunnels[-1].connect(("127.0.0.1", 8118))
+            tunnels[-1].sendall(text)
+        ready.set()
+        time.sleep(60)
+
+
+def ServesEachUserWhileAnotherHoldsAllTunnels(world: World):
+    forking = multiprocessing.get_context("fork")
+    ready = forking.Event()
+    with world.filtering(PYTHON, source="proxy"):
+        holder = forking.Process(target=_hold_tunnels, args=(ready,), daemon=True)
+        holder.start()
+        check(ready.wait(20), True, "another user holds the tunnels")
+        with socket.create_connection(("127.0.0.1", 8118), 5) as connection:
+            connection.sendall(f"GET http://{NEWS}/ HTTP/1.1\r\nHost: {NEWS}\r\n\r\n".encode())
+            check(outcome(connection), ALLOW, "a request of this user")
+        holder.kill()
 
 
 @contextlib.contextmanager

@@ -43,7 +43,7 @@ class Attempts {
       if (open_.empty()) continue;
       switch (wait_for(open_, stop_, next_ == nullptr ? end : earlier(end, nextAttempt_))) {
         case Wait::Stopped:
-          return {{}, "the proxy is being stopped"};
+          return {{}, "the proxy ends the connection"};
         case Wait::TimedOut:
           if (steady_clock::now() >= *end) return {{}, "the host does not answer"};
           break;

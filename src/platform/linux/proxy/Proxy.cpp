@@ -8,14 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 
 #include "platform/Log.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/proxy/ProxyConnection.h"
+#include "platform/linux/proxy/ProxyPlaces.h"
+#include "platform/linux/sockets/ConnectionOwner.h"
 
 namespace orvane {
 
@@ -23,29 +23,10 @@ using namespace std::chrono_literals;
 
 // Owned by the connections' threads together, as they may outlive the proxy.
 struct Proxy::Shared {
+  explicit Shared(size_t connectionLimit) : places(connectionLimit) {}
+
   ProxyContext context;
-  std::mutex mutex;
-  std::condition_variable changed;
-  size_t connections = 0;  // guarded by mutex
-  bool stopping = false;   // guarded by mutex
-
-  // Waits for a place for one more connection. Returns false when the proxy is stopping.
-  bool acquire() {
-    std::unique_lock lock(mutex);
-    if (connections >= kProxyConnectionLimit) {
-      ORVANE_LOG_ERROR(default_log(), "proxy: %lu connections are open, further ones wait", connections);
-    }
-    changed.wait(lock, [this] { return stopping || connections < kProxyConnectionLimit; });
-    if (stopping) return false;
-    ++connections;
-    return true;
-  }
-
-  void release() {
-    std::lock_guard lock(mutex);
-    --connections;
-    changed.notify_all();
-  }
+  ProxyPlaces places;
 };
 
 namespace {
@@ -86,12 +67,21 @@ uint16_t bound_port(int listener) {
   return ntohs(address.sin_port);
 }
 
-// Each connection needs two descriptors, so the usual soft limit (1024) is too low.
+// Each connection needs three descriptors, so the usual soft limit (1024) is too low.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 4 * kProxyConnectionLimit));
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 6 * kProxyConnectionLimit));
   setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+constexpr auto kNoUser = static_cast<uid_t>(-1);
+
+uid_t user_of_client(const Descriptor& client) {
+  const auto ends = socket_ends(client.get());
+  if (!ends) return kNoUser;
+  return user_of_socket(reinterpret_cast<const sockaddr*>(&ends->peer), reinterpret_cast<const sockaddr*>(&ends->local))
+      .value_or(kNoUser);
 }
 
 }  // namespace
@@ -99,12 +89,12 @@ void raise_descriptor_limit() {
 std::optional<std::string> Proxy::start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) {
   raise_descriptor_limit();
   if (auto error = listenOnLoopback()) return error;
-  shared_ = std::make_shared<Shared>();
+  shared_ = std::make_shared<Shared>(limits_.connections);
   shared_->context.provider = std::move(provider);
   shared_->context.settings = settings;
   shared_->context.port = port_;
-  shared_->context.stop = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!shared_->context.stop) return failure("no event descriptor", errno);
+  stop_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!stop_) return failure("no event descriptor", errno);
   try {
     acceptor_ = std::thread(&Proxy::accept, this);
   } catch (const std::system_error& error) {
@@ -140,51 +130,47 @@ std::optional<std::string> Proxy::listenOnLoopback() {
 void Proxy::accept() {
   std::vector<pollfd> entries;
   for (const Descriptor& listener : listeners_) entries.push_back({listener.get(), POLLIN, 0});
-  while (wait_for(entries, shared_->context.stop.get(), std::nullopt) != Wait::Stopped) {
+  for (;;) {
+    const Wait waited = wait_for(entries, stop_.get(), deadline_after(limits_.idle / 8));
+    if (waited == Wait::Stopped) return;
+    shared_->places.endIdle(limits_.idle);
     for (const pollfd& entry : entries) {
-      if (entry.revents == 0) continue;
-      if (!shared_->acquire()) return;
+      if (waited != Wait::Ready || entry.revents == 0) continue;
       Descriptor client(accept4(entry.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-      if (!client) {
-        bool full = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-        shared_->release();
+      if (client) {
+        serve(std::move(client));
+      } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
         // The client stays in the backlog, so the socket stays readable. Give the system time to free resources.
-        if (full) wait_for({}, shared_->context.stop.get(), deadline_after(100ms));
-        continue;
+        wait_for({}, stop_.get(), deadline_after(100ms));
       }
-      serve(std::move(client));
     }
   }
 }
 
 void Proxy::serve(Descriptor client) {
+  ProxyPlace* place = shared_->places.take(user_of_client(client));
+  if (place == nullptr) return;
   try {
-    std::thread([shared = shared_, client = std::move(client)]() mutable {
+    std::thread([shared = shared_, place, client = std::move(client)]() mutable {
       try {
-        serve_proxy_connection(shared->context, std::move(client));
+        serve_proxy_connection(shared->context, *place, std::move(client));
       } catch (const std::exception& error) {
         ORVANE_LOG_ERROR(default_log(), "proxy: a connection ended early: %s", error.what());
       }
-      shared->release();
+      shared->places.leave(place);
     }).detach();
   } catch (const std::system_error& error) {
     ORVANE_LOG_ERROR(default_log(), "proxy: no thread for a connection: %s", error.what());
-    shared_->release();
+    shared_->places.leave(place);
   }
 }
 
 void Proxy::stop() {
   if (!acceptor_.joinable()) return;
-  {
-    std::lock_guard lock(shared_->mutex);
-    shared_->stopping = true;
-    shared_->changed.notify_all();
-  }
-  eventfd_write(shared_->context.stop.get(), 1);
+  eventfd_write(stop_.get(), 1);
   acceptor_.join();
   listeners_.clear();
-  std::unique_lock lock(shared_->mutex);
-  shared_->changed.wait_for(lock, 1s, [this] { return shared_->connections == 0; });
+  shared_->places.endAll(1s);
 }
 
 }  // namespace orvane

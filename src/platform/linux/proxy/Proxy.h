@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -14,18 +15,25 @@
 namespace orvane {
 
 inline constexpr uint16_t kProxyDefaultPort = 8118;
-// Further clients wait in the kernel's backlog.
 inline constexpr size_t kProxyConnectionLimit = 1024;
+
+struct ProxyLimits {
+  size_t connections = kProxyConnectionLimit;
+  // A connection that passes no bytes for this time ends. Programs rely on this much from network address translation
+  // (RFC 5382, section 5), so their own signs of life come more often.
+  std::chrono::milliseconds idle = std::chrono::minutes(124);
+};
 
 // The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1, which programs are set to use. A
 // CONNECT is a socket flow; a request for an absolute URL is a flow with that URL. The flow's source is the process
 // that owns the client's end of the connection.
 //
-// Each connection has a thread of its own, so a slow provider, name server or peer delays only that connection.
+// Each connection has a thread of its own, so a slow provider, name server or peer delays only that connection. If
+// there are too many, one of them ends (ProxyPlaces.h).
 class Proxy final : public FlowSource {
  public:
   // Port 0 picks a free one.
-  explicit Proxy(uint16_t port) : port_(port) {}
+  explicit Proxy(uint16_t port, ProxyLimits limits = {}) : port_(port), limits_(limits) {}
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
@@ -43,6 +51,8 @@ class Proxy final : public FlowSource {
   void serve(Descriptor client);
 
   uint16_t port_;
+  const ProxyLimits limits_;
+  Descriptor stop_;  // an eventfd(2), for the acceptor
   std::vector<Descriptor> listeners_;
   std::shared_ptr<Shared> shared_;
   std::thread acceptor_;

@@ -87,8 +87,8 @@ const char* phrase(unsigned status) {
 
 class ProxyConnection {
  public:
-  ProxyConnection(const ProxyContext& context, Descriptor client)
-      : context_(context), stop_(context.stop.get()), client_(std::move(client)) {}
+  ProxyConnection(const ProxyContext& context, ProxyPlace& place, Descriptor client)
+      : context_(context), place_(place), stop_(place.stop()), client_(std::move(client)) {}
 
   void serve() {
     if (!readHead() || !examine()) return;
@@ -107,6 +107,7 @@ class ProxyConnection {
   std::string destination() const;
 
   const ProxyContext& context_;
+  ProxyPlace& place_;
   int stop_;
   Descriptor client_;
   Descriptor upstream_;
@@ -230,7 +231,8 @@ void ProxyConnection::carry() {
   }
   Relay relay(
       client_.get(), upstream_.get(), stop_, first_, tunnel ? nullptr : &request_.body,
-      [this](std::span<const uint8_t> held, bool ended, bool silent) { return examination_.ask(held, ended, silent); });
+      [this](std::span<const uint8_t> held, bool ended, bool silent) { return examination_.ask(held, ended, silent); },
+      [this] { place_.recordBytes(); });
   first_ = {};
   switch (relay.run()) {
     case Relay::Outcome::Ended:
@@ -258,8 +260,8 @@ std::string ProxyConnection::destination() const { return request_.host + " port
 
 }  // namespace
 
-void serve_proxy_connection(const ProxyContext& context, Descriptor client) {
-  ProxyConnection(context, std::move(client)).serve();
+void serve_proxy_connection(const ProxyContext& context, ProxyPlace& place, Descriptor client) {
+  ProxyConnection(context, place, std::move(client)).serve();
 }
 
 }  // namespace orvane

@@ -4,6 +4,7 @@
 
 #include "platform/NetworkExtension.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/proxy/ProxyPlaces.h"
 
 namespace orvane {
 
@@ -12,10 +13,9 @@ struct ProxyContext {
   Ref<NEFilterDataProvider> provider;
   NEFilterSettings settings;
   uint16_t port = 0;  // the proxy's own
-  Descriptor stop;    // an eventfd(2); ends all connections when raised
 };
 
 // Serves one client on the calling thread, with one tunnel or one request. Returns when the connection has ended.
-void serve_proxy_connection(const ProxyContext& context, Descriptor client);
+void serve_proxy_connection(const ProxyContext& context, ProxyPlace& place, Descriptor client);
 
 }  // namespace orvane

@@ -37,21 +37,25 @@ size_t Relay::Direction::read() {
   return 0;
 }
 
-// Writes what the target takes. A target that reads no more may still send, so this does not break the connection.
-void Relay::Direction::write() {
+// Writes what the target takes, and returns whether it took bytes. A target that reads no more may still send, so this
+// does not break the connection.
+bool Relay::Direction::write() {
   ssize_t count = send(to, buffer.get() + begin, end - begin, MSG_NOSIGNAL);
   if (count < 0 && !try_again()) {
     finished = true;
-    return;
+    return false;
   }
   if (count > 0) begin += static_cast<size_t>(count);
   if (begin == end) begin = end = 0;
+  return count > 0;
 }
 
-Relay::Relay(int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question)
+Relay::Relay(int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question,
+             std::function<void()> onBytes)
     : stop_(stop),
       body_(body),
       question_(std::move(question)),
+      onBytes_(std::move(onBytes)),
       outbound_(client, upstream, first),
       inbound_(upstream, client, {}) {
   outbound_.sourceEnded = body_ != nullptr && body_->ended();
@@ -106,8 +110,8 @@ Wait Relay::wait() {
 
   Wait waited = wait_for(entries, stop_, silenceEnd_);
   if (waited != Wait::Ready) return waited;
-  if ((entries[1].revents & POLLOUT) != 0) outbound_.write();
-  if ((entries[0].revents & POLLOUT) != 0) inbound_.write();
+  if ((entries[1].revents & POLLOUT) != 0 && outbound_.write()) onBytes_();
+  if ((entries[0].revents & POLLOUT) != 0 && inbound_.write()) onBytes_();
   readOutbound(entries[0].revents);
   readInbound(entries[1].revents);
   return Wait::Ready;

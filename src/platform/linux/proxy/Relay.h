@@ -36,8 +36,11 @@ class Relay {
 
   // Borrows the sockets, which are non-blocking, and `stop`, an eventfd(2). `first` has outbound bytes that were read
   // already. With a body, the relay carries one request: it forwards the rest of the body and nothing after it, and
-  // ends with the response. Without a body it is a tunnel, which passes each side's end on to the other side.
-  Relay(int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question);
+  // ends with the response. Without a body it is a tunnel, which passes each side's end on to the other side. Calls
+  // `onBytes` after each write of bytes to either side.
+  Relay(
+      int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question,
+      std::function<void()> onBytes = [] {});
 
   // Works on the calling thread until the connection ends.
   Outcome run();
@@ -58,7 +61,7 @@ class Relay {
     bool mayRead() const { return !sourceEnded && !finished && end < capacity; }
     std::span<const uint8_t> pending() const { return {buffer.get() + begin, end - begin}; }
     size_t read();
-    void write();
+    bool write();
   };
 
   void ask(bool silent);
@@ -71,6 +74,7 @@ class Relay {
   int stop_;
   RequestBody* body_;
   GateQuestion question_;
+  std::function<void()> onBytes_;
   Direction outbound_;
   Direction inbound_;
   Gate gate_ = Gate::Held;

@@ -9,6 +9,7 @@
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/proxy/Proxy.h"
+#include "platform/linux/proxy/ProxyPlaces.h"
 #include "platform/linux/sockets/ConnectionOwner.h"
 #include "support/Sockets.h"
 
@@ -19,6 +20,8 @@ namespace orvane {
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr*) {
   return Value::number(ntohs(reinterpret_cast<const sockaddr_in*>(local)->sin_port));
 }
+
+std::optional<uid_t> user_of_socket(const sockaddr*, const sockaddr*) { return 1; }
 
 namespace {
 
@@ -122,6 +125,79 @@ TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
     auto seen = provider->take();
     EXPECT_EQ(seen.calls, "new -; data 0 " + serverName + "; ");
     EXPECT_EQ(seen.bytes, bytes.substr(0, seen.bytes.size())) << "up to the bytes that complete the name, at least";
+  }
+}
+
+class ProxyPlacesTest : public testing::Test {
+ protected:
+  using Clock = ProxyPlaces::Clock;
+
+  bool isEnded(const ProxyPlace* place) {
+    pollfd entry{place->stop(), POLLIN, 0};
+    return poll(&entry, 1, 0) == 1;
+  }
+
+  ProxyPlaces places{4};
+  const Clock::time_point start = Clock::now();
+};
+
+TEST_F(ProxyPlacesTest, EndsTheLongestIdleConnectionOfTheUserWithMost) {
+  const uid_t kGreedy = 1, kOther = 2;
+  ProxyPlace* other = places.take(kOther, start);  // idle for the longest time
+  ProxyPlace* used = places.take(kGreedy, start + 1s);
+  ProxyPlace* idle = places.take(kGreedy, start + 2s);
+  ProxyPlace* last = places.take(kGreedy, start + 3s);
+  used->recordBytes(start + 4s);
+  const struct {
+    const char* newUser;
+    uid_t user;
+    ProxyPlace* ended;
+  } kCases[] = {{"the other user", kOther, idle}, {"the greedy user", kGreedy, last}, {"a third user", 3, other}};
+  for (const auto& c : kCases) {
+    EXPECT_FALSE(isEnded(c.ended)) << c.newUser;
+    EXPECT_NE(places.take(c.user, start + 5s), nullptr) << c.newUser;
+    EXPECT_TRUE(isEnded(c.ended)) << c.newUser;
+  }
+  EXPECT_FALSE(isEnded(used));
+}
+
+TEST_F(ProxyPlacesTest, RefusesAUserWhoseEndedConnectionsStay) {
+  std::vector<ProxyPlace*> taken;
+  while (ProxyPlace* place = places.take(1)) taken.push_back(place);
+  EXPECT_EQ(taken.size(), 4 + ProxyPlaces::kEndedLimit);
+  EXPECT_NE(places.take(2), nullptr);
+  for (int i = 0; i < 2; ++i) places.leave(taken[static_cast<size_t>(i)]);
+  EXPECT_NE(places.take(1), nullptr);
+}
+
+TEST_F(ProxyTest, EndsIdleTunnels) {
+  const Descriptor server = listen_on_loopback();
+  const struct {
+    const char* name;
+    ProxyLimits limits;
+    int seconds;  // of bytes in the second tunnel
+    size_t tunnels;
+  } kCases[] = {{"for another one", {2, 1h}, 0, 3}, {"after the time limit", {8, 1s}, 2, 2}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Proxy limited(0, c.limits);
+    ASSERT_EQ(limited.start(provider, NEFilterSettings::initWithRules({}, NEFilterAction::Allow)), std::nullopt);
+    std::vector<Peer> tunnels;
+    for (size_t i = 0; i < c.tunnels; ++i) {
+      tunnels.emplace_back(limited.port());
+      const timeval patience{20, 0};
+      setsockopt(tunnels[i].socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+      tunnels[i].send("CONNECT 127.0.0.1:" + std::to_string(port_of(server)) + " HTTP/1.1\r\n\r\n");
+      EXPECT_TRUE(tunnels[i].read("\r\n\r\n").starts_with("HTTP/1.1 200"));
+      for (int j = 0; i == 1 && j < 20 * c.seconds; ++j) {
+        std::this_thread::sleep_for(50ms);
+        tunnels[i].send("x");
+      }
+    }
+    tunnels[0].read();
+    EXPECT_EQ(tunnels[0].error, 0) << "the idle tunnel ends";
+    char byte = 0;
+    EXPECT_EQ(recv(tunnels[1].socket.get(), &byte, 1, MSG_DONTWAIT), -1) << "the used one stays";
   }
 }
 

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <list>
+#include <mutex>
+#include <utility>
+
+#include "platform/linux/base/Descriptor.h"
+
+namespace orvane {
+
+// A place for one of the proxy's connections.
+class ProxyPlace {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  ProxyPlace(uid_t user, Descriptor stop, Clock::time_point now)
+      : user_(user), stop_(std::move(stop)), lastBytes_(now) {}
+
+  // An eventfd(2) that is readable when the connection must end.
+  int stop() const { return stop_.get(); }
+
+  // The connection passed bytes on. Thread-safe.
+  void recordBytes(Clock::time_point now = Clock::now()) { lastBytes_.store(now, std::memory_order_relaxed); }
+
+ private:
+  friend class ProxyPlaces;
+
+  const uid_t user_;
+  const Descriptor stop_;
+  std::atomic<Clock::time_point> lastBytes_;
+};
+
+// The places for a proxy's connections. There is always one for a new connection, so that no user can keep others out:
+// if all are taken, the user who would have most of them, with the new one, loses the connection that has passed no
+// bytes for the longest time. So a user loses no place to another user who has as many.
+//
+// An ended connection leaves its place at once, but its thread may take some time, if it looks up a name. While a user
+// has many of these threads, further connections of this user are refused.
+//
+// Thread-safe.
+class ProxyPlaces {
+ public:
+  using Clock = ProxyPlace::Clock;
+
+  explicit ProxyPlaces(size_t limit) : limit_(limit) {}
+
+  // A place for a connection of this user, until leave(). Null if the connection is refused.
+  ProxyPlace* take(uid_t user, Clock::time_point now = Clock::now());
+  void leave(ProxyPlace* place);
+
+  // Ends the connections that have passed no bytes for this time.
+  void endIdle(Clock::duration time, Clock::time_point now = Clock::now());
+
+  // Ends all connections, and refuses others from now on. Waits for their threads, as long as `time`.
+  void endAll(Clock::duration time);
+
+  // The most threads of one user's ended connections.
+  static constexpr size_t kEndedLimit = 256;
+
+ private:
+  using Places = std::list<ProxyPlace>;
+
+  void end(Places::iterator place);
+  Places::iterator longestIdleOfLargestUser(uid_t newUser);
+
+  const size_t limit_;
+  std::mutex mutex_;  // guards the members below
+  std::condition_variable left_;
+  Places open_, ended_;
+  bool isStopping_ = false;
+};
+
+}  // namespace orvane
