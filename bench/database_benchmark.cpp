@@ -1,4 +1,5 @@
-// A look-up in the block database, compared with its two parts: a lock, and a look-up in a standard table.
+// Compares a look-up in the database of host names with what such a look-up consists of: a lock, and a look-up in a
+// hash table (here the standard library's).
 #include <benchmark/benchmark.h>
 
 #include <memory>

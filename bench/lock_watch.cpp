@@ -1,6 +1,6 @@
-// million_names preloads this library into the extension. It measures the longest time for which a thread holds a
-// recursive mutex in the program's static memory; the database's lock is the only such mutex. On SIGUSR2 it prints that
-// time.
+// million_names preloads this library into the extension. The library measures for how long a thread holds the
+// database's lock at most: a recursive mutex in the program's static memory, where no other mutex is recursive. On
+// SIGUSR2 the library prints this time.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
@@ -30,7 +30,7 @@ struct Range {
   uintptr_t start = 0, end = 0;
 };
 
-// dl_iterate_phdr() reports the program itself first.
+// dl_iterate_phdr() first reports the program itself; the result 1 ends the iteration there.
 int find_program(dl_phdr_info* info, size_t, void* out) {
   auto* range = static_cast<Range*>(out);
   for (int i = 0; i < info->dlpi_phnum; ++i) {

@@ -1,5 +1,5 @@
-// The control channel: a ping, compared with a bare echo over a Unix-domain socket; and edits from one client and from
-// several at once, which the extension's control object carries out.
+// Measures the control channel. Compares a ping with a bare echo over a Unix-domain socket. Also measures edits of the
+// database, from one client and from several at once.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -101,8 +101,8 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Binds the calling thread, and the threads that it starts from now on, to one of the processors that this program may
-// use: the one at index `which`, or all of them if there are not so many.
+// Binds the calling thread, and the threads that it starts later, to the processor at index `which` among those that
+// this program may use. If there is no such processor, lets these threads run on all of them.
 void stay_on(size_t which) {
   static const cpu_set_t kAllowed = [] {
     cpu_set_t set;
@@ -117,9 +117,9 @@ void stay_on(size_t which) {
   sched_setaffinity(0, sizeof one, CPU_COUNT(&one) == 1 ? &one : &kAllowed);
 }
 
-// Alternates between pings and echoes, so that other load on the machine slows both, and takes the median. Client and
-// server are bound to one processor, or to one each. Otherwise the scheduler may run the ping on one processor and the
-// echo on two, and waking the second processor costs more than a ping or an echo.
+// Alternates between pings and echoes, so that other load on the machine slows both, and takes the medians. Binds
+// client and server to the same processor, or each to its own. If the scheduler chose, it might run the ping on one
+// processor and the echo on two; and waking the second processor costs more than a ping or an echo.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;
@@ -161,7 +161,7 @@ void Edits(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 
-// A thousand edits in flight at once.
+// Each client sends a thousand edits without waiting for the replies in between.
 void EditsInAList(benchmark::State& state) {
   auto client = shared_extension().client();
   std::vector<std::string> names;

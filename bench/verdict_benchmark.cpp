@@ -1,5 +1,5 @@
-// A verdict on a new flow, compared with the look-ups that it makes; and a dump to a log whose debug level is off,
-// compared with copying the bytes.
+// Compares a verdict on a new flow with the look-ups that the verdict needs. Compares a hex dump to a log whose debug
+// level is off with a copy of the same bytes.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -47,7 +47,7 @@ const std::string& own_identifier() {
   return identifier;
 }
 
-// Finds the program that opened a flow, and whether it is a browser.
+// Finds which program opened a flow, and whether this program is a browser.
 void IdentityLookUp(benchmark::State& state) {
   own_identifier();
   const Value token = own_token();

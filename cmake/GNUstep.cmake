@@ -1,6 +1,6 @@
-# Finds GNUstep's Foundation, with which tests on Linux run the Objective-C++ code of the macOS platform. Sets
-# ORVANE_GNUSTEP to ON if everything is found. Then the language OBJCXX is enabled, and the target `gnustep` has the
-# options and libraries that Objective-C++ needs.
+# Finds GNUstep's Foundation, with which tests on Linux run the Objective-C++ code of the macOS platform. If all
+# programs, headers and libraries for this are found, sets ORVANE_GNUSTEP to ON, enables the language OBJCXX, and adds
+# the target `gnustep` with the options and libraries that Objective-C++ code needs.
 set(ORVANE_GNUSTEP OFF)
 find_program(ORVANE_OBJCXX_COMPILER NAMES clang++ clang++-14)
 find_path(ORVANE_GNUSTEP_INCLUDE Foundation/NSDebug.h PATH_SUFFIXES GNUstep)
@@ -24,8 +24,8 @@ set(CMAKE_OBJCXX_STANDARD ${CMAKE_CXX_STANDARD})
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)
 set(CMAKE_OBJCXX_EXTENSIONS OFF)
 
-# With blocks enabled, one of GNUstep's headers includes objc/blocks_runtime.h, which belongs to another Objective-C
-# runtime. GNUstep needs nothing from that header, so an empty file is enough.
+# With -fblocks, one of GNUstep's headers contains #include <objc/blocks_runtime.h>. That file belongs to another
+# Objective-C runtime, and is not installed. GNUstep needs nothing from it, so an empty file takes its place.
 set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated/gnustep)
 file(WRITE ${generated}/objc/blocks_runtime.h "")
 
@@ -36,8 +36,8 @@ set(options
     -DGNUSTEP_BASE_LIBRARY=1 -DGNU_RUNTIME=1 -D_NATIVE_OBJC_EXCEPTIONS)
 target_compile_options(
   gnustep INTERFACE "$<$<COMPILE_LANGUAGE:OBJCXX>:${options};SHELL:-idirafter ${ORVANE_OBJC_INCLUDE}>")
-# GNUstep has a blocks runtime for another compiler, whose Block_copy would leave clang's blocks on the stack. So
-# clang's blocks runtime is linked before GNUstep, and --no-as-needed loads it even if the linker finds that nothing
-# needs it.
+# GNUstep contains a blocks runtime for another compiler. The Block_copy of that runtime would leave clang's blocks on
+# the stack. So clang's blocks runtime is linked before GNUstep. --no-as-needed makes programs load it even if the
+# linker finds that they do not need it.
 target_link_options(gnustep INTERFACE -Wl,--no-as-needed)
 target_link_libraries(gnustep INTERFACE ${ORVANE_BLOCKS_RUNTIME} ${ORVANE_GNUSTEP_BASE} objc ${CMAKE_DL_LIBS})

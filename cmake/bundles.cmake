@@ -9,8 +9,8 @@ set(ORVANE_TEAM "" CACHE STRING "The identifier of the signing team, or empty")
 if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
   message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters or digits")
 endif()
-# Must be the entitlement that the provisioning profiles grant. This default is its name in distribution profiles; in
-# development profiles it is content-filter-provider.
+# The name of the filter entitlement, which must be the same as in the provisioning profiles. Distribution profiles have
+# the name that is the default here; development profiles have content-filter-provider.
 set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "The filter entitlement of the profiles")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
 # The application group of the extension and its application. The system registers the extension's Mach service only if
@@ -19,8 +19,8 @@ set(ORVANE_APPLICATION_GROUP org.orvane)
 if(NOT ORVANE_TEAM STREQUAL "")
   string(PREPEND ORVANE_APPLICATION_GROUP ${ORVANE_TEAM}.)
 endif()
-# The name of the Mach service. Info.plist has it under two keys: NEMachServiceName, which the system reads, and
-# NSEndpointSecurityMachServiceName, which the program reads.
+# The name of the extension's Mach service. The extension's Info.plist has it under two keys: the system reads
+# NEMachServiceName, and the extension reads NSEndpointSecurityMachServiceName.
 set(ORVANE_MACH_SERVICE ${ORVANE_APPLICATION_GROUP}.OrvaneSE)
 
 # orvane_entitlements(FILE IDENTIFIER): generates from FILE.in the entitlements with which codesign(1) signs the bundle

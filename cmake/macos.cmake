@@ -1,5 +1,5 @@
-# The toolchain for building for macOS on another system: clang and lld, and the SDK in CMAKE_OSX_SYSROOT. A Mac needs
-# none of this.
+# The toolchain for building for macOS on another system: clang and lld, and the SDK in CMAKE_OSX_SYSROOT. On a Mac,
+# this file does nothing.
 if(CMAKE_HOST_APPLE)
   return()
 endif()
@@ -28,16 +28,16 @@ orvane_find_tool(ORVANE_LLD ld64.lld)
 orvane_find_tool(ORVANE_LIPO llvm-lipo)
 orvane_find_tool(ORVANE_LIBTOOL llvm-libtool-darwin)
 
-# To join the objects for both processors, the compiler runs a program that must be named "lipo". -B below names its
-# folder.
+# The compiler joins the objects for both processors with a program that must be named "lipo". -B below names the folder
+# in which the compiler finds this program.
 set(tools ${CMAKE_BINARY_DIR}/tools)
 file(MAKE_DIRECTORY ${tools})
 file(CREATE_LINK ${ORVANE_LIPO} ${tools}/lipo SYMBOLIC)
 
 foreach(language CXX OBJCXX)
-  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-darwin) # CMAKE_OSX_ARCHITECTURES overrides the processor
+  set(CMAKE_${language}_COMPILER_TARGET arm64-apple-darwin) # CMAKE_OSX_ARCHITECTURES overrides "arm64"
   set(CMAKE_${language}_FLAGS_INIT "-B${tools} -stdlib=libc++ -stdlib++-isystem ${CMAKE_OSX_SYSROOT}/usr/include/c++/v1")
-  # The usual archiver does not support objects for two processors.
+  # The archiver that CMake would use (ar) does not support objects for two processors.
   set(CMAKE_${language}_CREATE_STATIC_LIBRARY "${ORVANE_LIBTOOL} --static -o <TARGET> <OBJECTS>")
 endforeach()
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld")

@@ -24,9 +24,10 @@ _WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
 
 
 class _Stage:
-    """A running extension, and the table that shows what programs see of it.
+    """A running extension, and the table that shows what programs see when it filters them.
 
-    looks_up_browsers: whether the provider looks up each program in the browser list; the log then shows the program.
+    looks_up_browsers: whether the provider looks up each program in the browser list. If it does, the log has each
+    program's identifier, and fetch() checks it.
     """
 
     def __init__(
@@ -42,14 +43,14 @@ class _Stage:
         self._looks_up_browsers = looks_up_browsers
 
     def fetch(self, program: Program, destination: Destination, expected: str) -> None:
-        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # each row has its path
+        path, log_size = f"/{self._table.rows}", self.extension.log_size()  # each row has its own path
         try:
             seen = program.fetch(destination, path, self.extension.proxy)
         except subprocess.TimeoutExpired as expired:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # A destination with a port of its own is not covered by the provider's rules, so the proxy passes the provider
-        # no flow. From the kernel the provider still gets a flow: the DNS question for the host.
+        # The provider's rules do not cover a destination with a port in its URL. So the provider gets no flow from the
+        # proxy. From the kernel it gets one flow: the DNS question for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None
@@ -82,10 +83,11 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: lis
         for destination in _WEB:
             held = program is curl and destination.host == HELD
             stage.fetch(program, destination, DROP if held else ALLOW)
-    # The proxy learns the name only from the tunnel's data. A flow from the kernel has the name from the start.
+    # For a tunnel to an address, the proxy knows the name only when the tunnel's data arrives. A flow from the kernel
+    # has the name from the start.
     stage.fetch(curl, Destination("https", HELD, by_address=True), DROP_AT_DATA if stage.extension.proxy else DROP)
     stage.fetch(curl, Destination("https", NEWS, by_address=True), ALLOW)
-    # The provider's rules do not cover this port.
+    # The provider's rules do not cover port 8080.
     stage.fetch(curl, Destination("http", HELD, port=8080), ALLOW)
     for browser in browsers:
         if not browser.runs():
@@ -108,7 +110,7 @@ def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
     stage.fetch(curl, _HTTPS_NEWS, ALLOW)
     stage.extension.process.kill()
     stage.extension.process.wait()
-    time.sleep(0.5)  # the killed extension's packet queue is in use until its watchdog ends too
+    time.sleep(0.5)  # the packet queue stays in use until the watchdog of the killed extension has ended, too
     stage.extension.start()
     time.sleep(1)
     table.note("the extension was killed, and started again one second ago")
@@ -174,7 +176,7 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
         with Keeper(extension, directory / "keeper") as keeper:
             _kept_list(_Stage(extension, servers, table, True, keeper), curl, table)
 
-    # A program without a desktop entry is identified by its file name.
+    # A program without a desktop entry is identified by its file name, so a copy of curl can stand in for Safari.
     folder = directory / "safari"
     folder.mkdir()
     copy = shutil.copy(path, folder / "com.apple.Safari")

@@ -7,7 +7,7 @@ import signal
 import socket
 import time
 
-ATTACKER = 65534  # a user without rights and without a share of the measured connections
+ATTACKER = 65534  # a user without privileges, who opens none of the measured connections
 _SEARCHED, _DESCRIPTORS = 40, 19_000
 _FLOODERS, _SOCKETS = 8, 2_000
 _CONNECTIONS, _HEAD = 300, b"GET / HTTP/1.1\r\n" + b"a:\r\n" * 3500
@@ -16,7 +16,10 @@ _FORKING = multiprocessing.get_context("fork")
 
 
 def _search_far(number: int) -> None:
-    """Makes the search for a socket's owner go through many descriptors: the process that opened it has ended."""
+    """Sends DNS questions whose socket's owner takes long to find, because the process that opened it has ended.
+
+    So the extension searches the processes of this user for the socket. Each of them has 19,000 descriptors.
+    """
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     if os.fork() != 0:
         os._exit(0)
@@ -29,7 +32,10 @@ def _search_far(number: int) -> None:
 
 
 def _flood_with_questions(number: int) -> None:
-    """Fills the queue: the packets of a socket wait there until its buffer is full, so this takes many sockets."""
+    """Fills the queue with DNS questions, from many sockets.
+
+    A packet in the queue still takes up room in its socket's send buffer, so one socket cannot fill the queue.
+    """
     senders = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(_SOCKETS)]
     for turn in range(1_000_000):
         for sender in senders:
@@ -39,7 +45,7 @@ def _flood_with_questions(number: int) -> None:
 
 
 def _send_slow_heads(server: socket.socket) -> None:
-    """Sends request heads that never reach their Host, byte by byte."""
+    """Begins a long request head without a Host field on each connection, and goes on with one byte at a time."""
     clients, ends = [], []
     for _ in range(_CONNECTIONS):
         clients.append(socket.socket())
@@ -69,7 +75,7 @@ def _start(processes: int, attack) -> None:
 
 @contextlib.contextmanager
 def _attackers(start, seconds: float):
-    """Attacks during the with block, which begins after these seconds."""
+    """Runs an attack during a with block. The block begins `seconds` after the attack."""
     group = os.fork()
     if group == 0:
         os.setpgid(0, 0)
@@ -84,7 +90,10 @@ def _attackers(start, seconds: float):
 
 
 def slow_attack():
-    """Makes packets take long. Needs root, and the limit of open files that allow_many_descriptors() sets."""
+    """Sends packets on which the extension works long.
+
+    Needs root, to become the user ATTACKER, and the limit of open files that allow_many_descriptors() sets.
+    """
     server = socket.create_server(("127.3.0.1", 80), backlog=_CONNECTIONS, reuse_port=True)
 
     def start() -> None:
@@ -95,5 +104,5 @@ def slow_attack():
 
 
 def flood():
-    """Sends more packets than the queue can hold. Needs what slow_attack() needs."""
+    """Sends more packets than the queue can hold. Needs root and the limit of open files, as slow_attack() does."""
     return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), 3)

@@ -36,10 +36,11 @@ def _make_bundle(
 
 
 class Extension:
-    """An extension that runs for a with block. Leaving the block ends it; an exit code other than 0 is a Failure.
+    """An extension that runs for a with block. At the end of the block, an exit code other than 0 raises Failure.
 
-    `directory` must not exist yet. Without a `flow_source` the extension chooses netfilter if it can, else the proxy.
-    After such a start the member `flow_source` is its choice, and `netfilter_error` says why it is not netfilter.
+    `directory` must not exist yet. Without a `flow_source`, the extension chooses: netfilter if possible, else the
+    proxy. Then, after the start, the member `flow_source` says what it chose. If that is the proxy, the member
+    `netfilter_error` says why netfilter is unavailable.
     """
 
     def __init__(
@@ -77,7 +78,7 @@ class Extension:
             start = self.log_size()
             self.process = subprocess.Popen(self.command, env=environment, stdout=log, stderr=log)
             self._wait_until_ready(notifications)
-        # The notification only says that the filter has started. Wait for the control channel too.
+        # The notification says that the filter has started. The control channel starts later, so wait for it, too.
         self.wait_for(r"OrvaneSE started\.\.\.", start)
         if self._fixed_source is None:
             found = self.wait_for(r"flow source: (\w+)(?:, because netfilter is unavailable: (.*))?", start)
@@ -103,7 +104,7 @@ class Extension:
         return f"http://127.0.0.1:{_PROXY_PORT}" if self.flow_source == "proxy" else None
 
     def wait_for(self, pattern: str, since: int) -> re.Match:
-        """Waits until the log, after its first `since` bytes, matches the pattern."""
+        """Waits until the pattern occurs in the log after its first `since` bytes. Returns the match."""
         end = time.monotonic() + _TIMEOUT
         while not (found := re.search(pattern, self.log_text(since))):
             if time.monotonic() > end:
@@ -124,9 +125,9 @@ class Extension:
         self.control("set", "-", text="\n".join(names) + "\n").check_returncode()
 
     def counters(self) -> dict[str, int]:
-        """The extension's counters from its log. The key of a counter is the words after its number there.
+        """Makes the extension log its counters, and returns them. A counter's key is the words after its number.
 
-        If the same words follow two numbers, the first number is returned.
+        If the same words follow two numbers, returns the first number.
         """
         since = self.log_size()
         self.process.send_signal(signal.SIGUSR1)
@@ -145,7 +146,7 @@ class Extension:
         return self._log.read_bytes()[since:].decode(errors="replace")
 
     def identifiers_judged(self, since: int) -> set[str]:
-        """The bundle identifiers that the extension looked up in the browser list, by the log from byte `since` on."""
+        """The bundle identifiers that the extension looked up in the browser list, read from the log after `since`."""
         return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", self.log_text(since)))
 
     def log_end(self) -> str:

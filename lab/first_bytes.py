@@ -10,7 +10,7 @@ import ssl
 import time
 
 SERVED = b"served"
-_IDLE_LIMIT = 10  # seconds until the server closes a silent connection: it cannot see that the filter reset one
+_IDLE_LIMIT = 10  # seconds until the server closes a silent connection: the filter's reset goes only to the client
 
 
 @functools.cache
@@ -36,7 +36,10 @@ def allow_many_descriptors() -> None:
 
 
 class FirstBytesServer:
-    """Answers the first bytes of each connection with SERVED. Runs in a child process until this process ends."""
+    """Answers the first bytes of each connection with SERVED.
+
+    Runs in a child process, which ends together with the process that made the object.
+    """
 
     def __init__(self, address: str, ports: list[int], watched: str, idle_limit: float = _IDLE_LIMIT):
         forking = multiprocessing.get_context("fork")

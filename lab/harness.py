@@ -18,7 +18,7 @@ from programs import ALLOW, DROP, Destination
 from web_servers import WebServers
 
 HELD, NEWS = "held.example", "news.example"
-os.environ["PATH"] += ":/usr/sbin:/sbin"  # iptables is there; a user's PATH often lacks them
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # for iptables: a user's PATH often lacks these folders
 PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the bundle identifier that this process has
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
 
@@ -29,7 +29,7 @@ def check(actual, expected, what: str) -> None:
 
 
 def outcome(connection: socket.socket) -> str:
-    """The verdict, as the first answer on the connection shows it."""
+    """What the first answer on the connection shows: a verdict (ALLOW or DROP), "closed" or "silence"."""
     try:
         return ALLOW if connection.recv(1) else "closed"
     except ConnectionResetError:
@@ -39,7 +39,7 @@ def outcome(connection: socket.socket) -> str:
 
 
 def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
-    """Connects, sends the first bytes of a browser, split into `pieces` parts, and returns the outcome."""
+    """Connects, and sends the first bytes of a browser, split into `pieces` parts. Returns the outcome."""
     text = hello(name) if port == 443 else request(name)
     step = -(-len(text) // pieces)
     try:

@@ -29,11 +29,14 @@ class Unavailable(Exception):
 
 
 def _find_unshare() -> list[str]:
-    """The unshare(1) command that works here. Without root, it makes a user namespace too."""
+    """The unshare(1) command that works on this machine.
+
+    The command makes a user namespace too, if the user is not root or if the command does not work for root without.
+    """
     errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
         command = ["unshare", *more, *_NAMESPACES]
-        # Root in a container may create a network namespace but not configure it, so the trial does both.
+        # In some containers, root can create a network namespace but cannot configure it. So the trial does both.
         code = f"import sys; sys.path.insert(0, {str(HERE)!r}); import isolation; isolation.bring_loopback_up()"
         trial = subprocess.run([*command, PYTHON, "-B", "-c", code], check=False, capture_output=True, text=True)
         if trial.returncode == 0:
@@ -49,7 +52,7 @@ def _find_unshare() -> list[str]:
 
 
 def _end(unshare: subprocess.Popen) -> None:
-    """Kills the first process in the namespaces, and so all others. unshare exits when they are gone."""
+    """Kills the first process in the namespaces. The kernel then kills the others, and after that unshare exits."""
     children = pathlib.Path(f"/proc/{unshare.pid}/task/{unshare.pid}/children").read_text().split()
     for child in children:
         os.kill(int(child), signal.SIGKILL)
@@ -58,7 +61,7 @@ def _end(unshare: subprocess.Popen) -> None:
 
 
 def run_isolated(script: str, *arguments: str) -> int:
-    """Runs the script again in the namespaces. Its arguments are INSIDE, an empty directory, and these arguments.
+    """Runs the script again, in the namespaces, with these arguments: INSIDE, an empty directory, and `arguments`.
 
     Returns the script's exit code. If a signal interrupts the run, this ends the script, cleans up, and then lets the
     signal end this process. Raises Unavailable if the machine does not allow the namespaces.
@@ -76,7 +79,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     command = _find_unshare()
     directory = tempfile.mkdtemp(prefix="orvane.")
     try:
-        # The child has a session of its own, so Ctrl-C reaches only this process, which then ends the child.
+        # The child gets its own session, so Ctrl-C reaches only this process, which then ends the child.
         unshare = subprocess.Popen(
             [*command, PYTHON, script, INSIDE, directory, *arguments],
             stdin=subprocess.DEVNULL,
@@ -92,7 +95,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)
-    # Not printed after an interrupt: the errors would then be unshare's messages that it was ended.
+    # After an interrupt, execution does not get here: the errors would be unshare's messages that it was killed.
     sys.stderr.write(errors)
     return unshare.returncode
 
@@ -102,7 +105,7 @@ def _mount(*arguments: str) -> None:
 
 
 def _replace(directory: pathlib.Path, path: str, text: str) -> None:
-    """Gives a system file other content inside the namespace."""
+    """Replaces the content of a system file inside the namespace. Does nothing if the file does not exist."""
     if os.path.exists(path):
         replacement = directory / pathlib.Path(path).name
         replacement.write_text(text)
@@ -122,6 +125,6 @@ def prepare(directory: pathlib.Path) -> None:
     _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")
     _replace(directory, "/etc/resolv.conf", "nameserver 127.0.0.1\n")
     _replace(directory, "/etc/nsswitch.conf", "hosts: files dns\n")
-    # Without a journal, the extension logs to standard error, which the scripts read.
+    # Hide the journal: without one, the extension logs to standard error, which the scripts read.
     if os.path.isdir("/run/systemd/journal"):
         _mount("-t", "tmpfs", "tmpfs", "/run/systemd/journal")

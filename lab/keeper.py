@@ -30,7 +30,7 @@ class Keeper:
             self.process = subprocess.Popen(
                 self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
             )
-        # Wait for the keeper's state file: without it, `orvanectl block` would not wait for the keeper.
+        # `orvanectl block` waits for the keeper only if the keeper's state file exists. So wait until it does.
         end = time.monotonic() + 20
         while not self._state.exists():
             if self.process.poll() is not None or time.monotonic() > end:

@@ -29,9 +29,9 @@ def _sources() -> list[str]:
 
 
 def restart_in_mount_namespace(script: str, arguments: list[str]) -> None:
-    """Replaces this process by the script, run in a new mount namespace.
+    """Replaces this process by a run of the script in a new mount namespace.
 
-    The script's mounts vanish when it ends, even if it is killed.
+    The script's mounts vanish when the script ends, even if it is killed.
     """
     os.execvp("unshare", ["unshare", "--mount", "--propagation=private", sys.executable, script, *arguments])
 
@@ -47,8 +47,8 @@ def require(*programs: str) -> None:
 class Machine:
     """A Debian system in a container, which runs for a with block. Its hosts file resolves `hosts` to 127.0.0.1.
 
-    Programs of the test's machine can run in it too: its folder /outside shows what they need of that machine, which is
-    /usr, /etc, and the folder `work`.
+    Programs that only the test's machine has installed can run in the container, too. For them, the folder /outside of
+    the container contains /usr, /etc and the folder `work` of the test's machine (see outside_program()).
     """
 
     def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):
@@ -76,7 +76,7 @@ class Machine:
         os.rmdir(self._folder)
 
     def _make_root(self) -> None:
-        # About 300 MB, in memory: on a disk, writing these files would take a third of the test's time.
+        # The system (about 300 MB) is in memory: writing it to a disk would take a third of the test's time.
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1g,mode=0755", "tmpfs", self._folder], check=True)
         self.work.mkdir()
         command = ["mmdebstrap", "--quiet", "--variant=apt", f"--include={','.join(self._packages)}", CODENAME]
@@ -148,7 +148,7 @@ class Machine:
         self.boot()
 
     def inside(self, *namespaces: str) -> list[str]:
-        """The prefix of a command that runs in namespaces of the container: in `namespaces`, or in all if empty."""
+        """The words before a command that make it run in namespaces of the container: `namespaces`, or all if empty."""
         return ["nsenter", f"--target={self._leader()}", *(namespaces or ["--all"]), "--"]
 
     def run(self, *command: str, user: str | None = None, check: bool = True) -> subprocess.CompletedProcess:
@@ -169,7 +169,10 @@ class Machine:
         return done
 
     def outside_program(self, name: str, user: int = 0) -> pathlib.Path | None:
-        """A script that runs a program of the test's machine in the container. None if that machine lacks it."""
+        """The path of a script that runs a program of the test's machine in the container.
+
+        None if the test's machine lacks the program.
+        """
         path = shutil.which(name, path="/usr/bin")
         if path is None:
             return None

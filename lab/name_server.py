@@ -53,7 +53,7 @@ class _TCP(socketserver.ThreadingTCPServer):
 
 
 def serve(addresses: dict[str, list[str]]) -> None:
-    """Serves until the process ends."""
+    """Starts a name server for these names, which runs until the process ends."""
     for server in (_UDP(("127.0.0.1", 53), _OverUDP), _TCP(("127.0.0.1", 53), _OverTCP)):
         server.addresses = addresses
         threading.Thread(target=server.serve_forever, daemon=True).start()

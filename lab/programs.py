@@ -36,13 +36,13 @@ class Destination:
 
 @dataclasses.dataclass(frozen=True)
 class Seen:
-    verdicts: list[str]  # the verdicts that explain what the program saw
+    verdicts: list[str]  # each of these verdicts would explain what the program saw
     text: str
 
 
 def _after_reset(proxy: str | None) -> list[str]:
-    # The proxy answers 403 to a request that it drops. It resets a connection only after the tunnel is open, to drop
-    # its data.
+    # The proxy drops a request by the answer 403. It resets a connection only if it drops the data in a tunnel that is
+    # already open.
     return [DROP, DROP_AT_DATA] if proxy is None else [DROP_AT_DATA]
 
 

@@ -57,7 +57,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 class _Server(http.server.ThreadingHTTPServer):
     request_queue_size = 4096
-    allow_reuse_port = True  # another server may listen on one of the addresses
+    allow_reuse_port = True  # lets another server listen on the same port at one of the addresses
     address_family = socket.AF_INET6 if socket.has_dualstack_ipv6() else socket.AF_INET
 
     def __init__(self, scheme: str, port: int, visits: set[str]):
@@ -70,7 +70,7 @@ class _Server(http.server.ThreadingHTTPServer):
         socketserver.TCPServer.server_bind(self)  # HTTPServer's method would look up the host name
 
     def handle_error(self, *_):
-        pass  # no error: the filter resets connections on purpose
+        pass  # nothing is reported: the filter resets connections on purpose
 
 
 class WebServers:

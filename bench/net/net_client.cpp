@@ -5,8 +5,9 @@
 //                                                 milliseconds between its connections, and prints their times
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //
-// A connection's time includes connect, request and response. The output is one line of JSON. `load` keeps as many
-// other files open as a browser does, because the extension's search for a socket's owner may go through all of them.
+// A connection's time includes connect, request and response. `load` and `stream` print one line of JSON. `load` keeps
+// as many other files open as a browser does, because the extension may have to read all descriptors of the process to
+// find the owner of a socket.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -49,7 +50,7 @@ bool send_all(int socket, std::string_view bytes) {
   return true;
 }
 
-// If the first bytes are a request, answers it. Otherwise reads the stream to its end.
+// If the first bytes are a request, answers the request. Otherwise reads the stream to its end. Closes the socket.
 void answer(int socket) {
   static thread_local std::vector<char> buffer(1 << 18);
   ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);
