@@ -34,8 +34,8 @@ constexpr std::array kPlaces = {
     PolicyPlace{"Firefox", BrowserFamily::Firefox, "/etc/firefox/policies", "policies.json"},
 };
 
-// The folders that we may create or remove for a place, the innermost first: all but /etc and /etc/opt, which belong to
-// the system.
+// The folders that we may create or remove for a place, the innermost first: all folders of the place's path except
+// /etc and /etc/opt, which belong to the system.
 std::vector<std::string> folders_of(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders;
   for (fs::path folder = place.folder; folder != "/etc" && folder != "/etc/opt"; folder = folder.parent_path()) {

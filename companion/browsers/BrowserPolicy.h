@@ -22,7 +22,7 @@ struct PolicyPlace {
   const char* browser;
   BrowserFamily family;
   const char* folder;  // without a trailing slash
-  const char* file;    // the file in it that install_policies() writes
+  const char* file;    // the file in this folder that install_policies() writes
 
   std::string path() const;
 };
@@ -54,7 +54,7 @@ struct PolicyChange {
   };
   const PolicyPlace* place;
   Outcome outcome;
-  std::string reason;  // of a failure
+  std::string reason;  // why it failed; otherwise empty
 };
 
 // Writes our file at each place and creates missing folders. Replaces our file if its content differs.

@@ -10,7 +10,8 @@
 
 namespace orvane {
 
-// The list of browser identifiers by which the extension recognises browsers: a property list in its bundle.
+// The list of browser identifiers by which the extension recognises browsers: a property list in the extension's
+// bundle.
 struct BrowserList {
   std::string path;
   std::vector<std::string> endings;  // an application whose identifier ends with one of these is a browser
@@ -36,8 +37,8 @@ struct InstalledBrowser {
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
   const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented, and for a Flatpak
-  // Chromium's family only: the folder of its profiles, below ~/.config or the package's own folder for configuration.
-  // Empty if unknown.
+  // For Chromium's family only: the folder of the browser's profiles, relative to ~/.config or to the package's own
+  // folder for configuration. Empty if unknown.
   std::string_view profileFolder = {};
 };
 

@@ -4,14 +4,14 @@
 
 namespace orvane {
 
-// Limits the total time of all calls over one connection. Without it, a call to an extension that hangs would never
-// return. When the time is over, the connection is shut down and the waiting call throws ClientError.
+// Limits the total time of all calls over one connection. Without this limit, a call to an extension that hangs would
+// never return. When the time is over, the connection is shut down and the waiting call throws ClientError.
 //
 // For single-threaded programs. Uses SIGALRM and ITIMER_REAL, so only one CallTimeout may exist at a time.
 class CallTimeout {
  public:
-  // The time starts here. connect_client() is limited, too, and more strictly: the first signal, after 200 ms, ends its
-  // wait for an extension that accepts no connection.
+  // The time starts here. connect_client() has a shorter limit: the first signal, after 200 ms, ends its wait for an
+  // extension that accepts no connection.
   explicit CallTimeout(std::chrono::milliseconds timeout);
   ~CallTimeout();
   CallTimeout(const CallTimeout&) = delete;

@@ -44,8 +44,8 @@ struct ClientOptions {
 // any value. Over the socket, the client sends any value; over XPC, it sends nil or the expected type and throws for
 // everything else. Not thread-safe.
 //
-// Every call may throw ClientError. The connection is then unusable, unless the client refused an argument before it
-// sent anything: it was too large for the socket, or XPC cannot carry it.
+// Every call may throw ClientError. The connection is then unusable, unless the client sent nothing because an argument
+// was too large for the socket or of a type that XPC cannot carry.
 class Client {
  public:
   // Called with the number of bytes that the system has accepted so far, and the total.

@@ -21,7 +21,8 @@ struct CloseBus {
 };
 using Bus = std::unique_ptr<sd_bus, CloseBus>;
 
-// Connects to the message bus; on a system without one, to the manager's own socket, which only root may open.
+// Connects to the system's message bus; if there is no bus, to the service manager's own socket, which only root may
+// open.
 Bus connect_to_manager() {
   sd_bus* bus = nullptr;
   if (sd_bus_open_system(&bus) >= 0) return Bus(bus);

@@ -10,7 +10,8 @@ namespace orvane {
 // "example.com, with www.example.com and m.example.com", or the host alone for a site without usual names.
 std::string site_text(const BlockedSite& site);
 
-// {"host", "names", "usualNames", "suspended"}, and "until" if the site has a suspension, even one that has ended.
+// A JSON object with the members "host", "names", "usualNames" and "suspended"; also with "until" if the site has a
+// suspension, even one that has ended.
 nlohmann::json site_json(const BlockedSite& site, Moment now);
 
 // Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.

@@ -14,7 +14,7 @@ inline constexpr const char* kListGroup = "The list (changes are permanent)";
 inline constexpr const char* kServiceGroup = "The services";
 inline constexpr const char* kExtensionGroup = "The running extension (changes last until it ends)";
 
-// A command with its arguments. Returns the exit code. Throws InputError for invalid input, any other exception when
+// A command with its arguments. Returns the exit code. Throws InputError for invalid input, and another exception when
 // the work fails.
 using Command = std::function<int()>;
 

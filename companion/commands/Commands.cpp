@@ -206,8 +206,8 @@ bool flush_output() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 
 
 int watch(const Arguments& arguments) {
   Connection connection(arguments.client);
-  // An interrupt is the normal end of a watch. Exit at once, even during a call that is never answered: all output is
-  // flushed already.
+  // An interrupt is the normal end of a watch. Exit at once, even during a call that is never answered. No output is
+  // lost, because all of it is flushed before the call.
   for (int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { _exit(kDone); });
   std::optional<uint64_t> shown;
   while (flush_output()) {

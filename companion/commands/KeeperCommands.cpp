@@ -13,8 +13,8 @@
 namespace orvane {
 namespace {
 
-// The path of the keeper's state file: that of --state; without --state, `state` in $RUNTIME_DIRECTORY, which a service
-// manager sets; otherwise the default path.
+// The path of the keeper's state file: the path that --state gives; without --state, the file `state` in the folder
+// $RUNTIME_DIRECTORY; if no service manager has set this variable, the default path.
 std::string state_path(const CommonOptions& options) {
   const char* given = std::getenv("RUNTIME_DIRECTORY");
   std::string directory = given == nullptr ? "" : given;

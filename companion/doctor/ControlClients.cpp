@@ -21,7 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The peer process of a connected Unix-domain socket. For a client's socket, this is the process that called listen(2).
+// The peer process of a connected Unix-domain socket. The peer of a client's socket is the process that called
+// listen(2).
 std::optional<pid_t> peer_of(const Descriptor& connection) {
   ucred peer{};
   socklen_t size = sizeof peer;

@@ -56,7 +56,7 @@ struct GroupFacts {
 
 // The kernel's rules of one address family, as text.
 struct RulesFacts {
-  std::string program;               // the program that printed them
+  std::string program;               // the program that printed the rules
   std::optional<std::string> rules;  // nothing when they could not be read
   std::string error;                 // why they could not be read
 };
@@ -74,11 +74,11 @@ struct Facts {
   ConnectionFacts connection;
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
-  std::vector<pid_t> processes;          // extensions in this network namespace
+  std::vector<pid_t> processes;          // of the extensions in this network namespace
   pid_t process = 0;                     // the extension that the next member describes; 0 for none
   std::optional<uint64_t> capabilities;  // effective ones, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;
-  std::optional<bool> hasQueueTarget;  // the kernel can hand packets to a queue
+  std::optional<bool> hasQueueTarget;  // whether the kernel can hand packets to a queue; nothing if not known
   std::vector<RulesFacts> rules;       // empty unless run by root
   std::optional<std::string> queues;   // /proc/net/netfilter/nfnetlink_queue; only root can read it
   std::optional<KeeperState> list;

@@ -51,7 +51,7 @@ Setting http3_of(const BrowserFacts& facts) {
 Setting dns_of(const BrowserFacts& facts) {
   if (facts.policy.dnsOverHttps) return {*facts.policy.dnsOverHttps, facts.policy.dnsOverHttpsFile};
   Setting setting;
-  bool usesDefault = facts.profiles.empty();  // no profile, or one without the setting
+  bool usesDefault = facts.profiles.empty();  // there is no profile, or a profile without the setting
   for (const BrowserProfile& profile : facts.profiles) {
     if (!profile.dnsOverHttps) usesDefault = true;
     if (profile.dnsOverHttps && (setting.value.empty() || setting.value == "off")) {

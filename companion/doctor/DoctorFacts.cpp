@@ -146,7 +146,7 @@ void look_at_processes(Facts& facts) {
   std::sort(facts.processes.begin(), facts.processes.end());
 }
 
-// The extension makes the same check: if the kernel has no IPv6, it adds no IPv6 rules.
+// Whether the kernel has IPv6. The extension makes the same check, and adds no IPv6 rules to a kernel without IPv6.
 bool has_ipv6() { return exists("/proc/thread-self/net/if_inet6"); }
 
 std::vector<std::string> missing_programs() {

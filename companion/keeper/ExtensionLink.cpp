@@ -30,7 +30,7 @@ constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
 
-// The longest time that a normal restart takes. Failures to connect are logged only after it.
+// The longest time that a normal restart takes. Failures to connect are logged only after this time.
 constexpr std::chrono::milliseconds kRestart = 2s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";

@@ -14,7 +14,8 @@
 namespace orvane {
 
 // The keeper's connection to the extension. It reconnects whenever the connection ends, and sends the whole list over
-// each new connection. Updates the members of KeeperState from `connected` on. Not thread-safe; uses a CallTimeout.
+// each new connection. Updates KeeperState's member `connected` and the members after it. Not thread-safe; uses a
+// CallTimeout.
 //
 //   disconnected --- attend(): the socket answers ---> connected, whole list sent
 //        ^                                                  |

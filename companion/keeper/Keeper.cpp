@@ -37,16 +37,17 @@ using Steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
-// An empty list takes effect only after this time: editors remove or truncate a file before they write it.
+// An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// How often the file is checked for changes that PathWatch does not report, and how often if the system has no inotify
-// instance left. The second one is also the time until the next attempt to write the state file after an error.
+// The time between two checks of the file for changes that PathWatch does not report. If the system has no inotify
+// instance left, PathWatch reports nothing, and kUnwatchedCheckInterval applies. kUnwatchedCheckInterval is also the
+// longest time until the next attempt to write the state file after an error.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// The timer does not accept dates that are too far away. If a suspension ends later than this, the timer fires before
-// the end of the suspension and is set again.
+// How far ahead the timer is set at most: the kernel's clocks end in the year 2262, but a suspension may end later. If
+// a suspension ends later than this, the timer fires before the end of the suspension and is set again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -104,7 +105,7 @@ class Keeper {
  private:
   const HeldNames* known() const { return isKnown_ ? &list_ : nullptr; }
 
-  // The results of poll(2), named by what they are about.
+  // The entries for poll(2), each named after what it waits for.
   struct Events {
     pollfd shutdown{-1, POLLIN, 0}, list = shutdown, clock = shutdown, sockets = shutdown, connection = shutdown;
   };
@@ -136,8 +137,8 @@ class Keeper {
   Steady::time_point checkAt_ = Steady::now() + kUnwatchedCheckInterval;
 
   bool isKnown_ = false;  // a list has been read
-  // The list as last read. While link_ is in sync, this is also what the extension holds; a second copy would double
-  // the memory.
+  // The list as last read. While link_ is in sync, the extension holds the same names. So the keeper needs no copy of
+  // what it has sent, which would double the memory.
   HeldNames list_;
   std::string lastLoggedFaults_;
   ExtensionLink link_;

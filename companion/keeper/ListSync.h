@@ -16,7 +16,7 @@ namespace orvane {
 uint64_t send_all(Client& client, const HeldNames& list);
 
 // Sends only the difference to an extension that holds `before`, so that other clients' edits stay. Returns and throws
-// as above.
+// as send_all() does.
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after);
 
 // Whether so many names differ that one message with the whole list is better, although it discards other clients'

@@ -51,7 +51,8 @@ void PathWatch::armOne(const std::string& path) {
     }
     if (watch < 0) return;
     watched_[watch].push_back(child.filename());
-    // If the next folder appeared before its parent was watched, no event reports that. So try again, and watch it.
+    // If the next folder of the path appeared before its parent was watched, no event reports that. So try again, to
+    // watch this folder.
     std::error_code ignored;
     if (child == path || !std::filesystem::exists(child, ignored)) return;
   }
@@ -73,7 +74,7 @@ bool PathWatch::readEvents() {
       at += static_cast<ssize_t>(sizeof event + event.len);
       auto watched = watched_.find(event.wd);
       if ((event.mask & IN_Q_OVERFLOW) != 0) isRelevant = true;
-      if (watched == watched_.end()) continue;  // from a removed watch
+      if (watched == watched_.end()) continue;  // the event is from a removed watch
       const auto& names = watched->second;
       isRelevant = isRelevant || (event.mask & kEventsWithoutName) != 0 ||
                    (event.len > 0 && std::find(names.begin(), names.end(), name) != names.end());

@@ -137,7 +137,7 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
   // orvanectl would copy a file that only root may read into a file that the group may read. O_NONBLOCK: opening a pipe
   // must not wait.
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-  // Read again if the file changed meanwhile: an editor may be writing it in place.
+  // Read again if the file changed during the read, because an editor may be writing into it.
   constexpr int kAttempts = 5;
   FileContent content;
   for (int attempt = 1;; ++attempt) {

@@ -73,8 +73,8 @@ std::string international_fault(const ALabel& label) {
   }
 }
 
-// The length in bytes of the dot that the text starts with: a full stop, or a character that UTS #46 maps to one. 0 if
-// it starts with none.
+// The length in bytes of the dot that the text starts with: a full stop, or a character that UTS #46 maps to a full
+// stop. 0 if the text does not start with a dot.
 size_t dot_length(std::string_view text) {
   if (text.front() == '.') return 1;
   for (std::string_view dot : {"\u3002", "\uff0e", "\uff61"}) {

@@ -7,7 +7,7 @@
 #include "platform/Synchronization.h"
 #include "platform/Value.h"
 
-// The state that the files of the block database share. Private to them.
+// The state that the files of the block database share. Only these files, and tests, include this header.
 namespace orvane {
 
 extern os_log_t db_log;

@@ -15,7 +15,7 @@ namespace orvane {
 // releases it; nothing is cached. A look-up that fails returns nothing, and logs the failing step at debug level.
 // Thread-safe.
 //
-// The spelling of the name is frozen: it is also the log category (docs/compatibility.md).
+// The spelling of the class's name is frozen, because the name is also the log category (docs/compatibility.md).
 class PLAudtToken : public NSObject {
  public:
   static Ref<PLAudtToken> auditTokenWithData(const Value& data) { return initWithData(data); }

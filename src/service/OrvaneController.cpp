@@ -7,7 +7,7 @@
 namespace orvane {
 
 OrvaneController* OrvaneController::shared() {
-  // Never released: connections may still use the object while the process exits.
+  // The object is never released, because connections may still use it while the process exits.
   static OrvaneController* const instance = init().detach();
   return instance;
 }
@@ -68,7 +68,7 @@ void OrvaneController::getChangesCount(const CountReply& reply) {
 }
 
 void OrvaneController::incrementChangesCount() {
-  // Wraps to 1: 0 means that there was no edit since the start.
+  // The count wraps to 1, because 0 means that there was no edit since the start.
   mChangesCount = mChangesCount == UINT64_MAX ? 1 : mChangesCount + 1;
 }
 

@@ -229,7 +229,8 @@ class LinuxClient final : public Client {
   std::unique_ptr<Session> session_;
 };
 
-// The path in the options; without one, the paths where an extension of this user or of the system would listen.
+// The path in the options; if the options have no path, the paths where an extension of this user or of the system
+// would listen.
 std::vector<std::string> paths_to_try(const ClientOptions& options) {
   if (!options.socket.empty()) return {options.socket};
   std::string error;
@@ -247,7 +248,7 @@ std::string advice(int error, const std::string& path) {
     case ENAMETOOLONG:
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
-      // systemd makes this folder for the package's service, and only its group may enter.
+      // systemd makes this folder for the package's service, and only members of the service's group may enter it.
       if (path.rfind("/run/orvane-se/", 0) == 0) return access_advice();
       return "it belongs to another user: run as that user or as root";
     default:

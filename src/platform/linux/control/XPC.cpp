@@ -31,7 +31,7 @@ namespace {
 constexpr auto kIdleLimit = std::chrono::seconds(5);
 constexpr auto kIdleCheckInterval = std::chrono::milliseconds(100);
 
-// The sockets of the clients that a listener serves, known by their descriptors. Thread-safe.
+// The sockets of the clients that a listener serves. Callers identify a client by its socket's descriptor. Thread-safe.
 class ClientSockets {
  public:
   // Waits until a client may be added, and ends the sessions of idle clients to make room. False after close().
@@ -57,7 +57,7 @@ class ClientSockets {
     return descriptor;
   }
 
-  // Ends the session on the socket, unless it was removed.
+  // Ends the session on the socket, unless the socket was removed.
   void shutDown(int descriptor) {
     std::lock_guard lock(mutex_);
     if (sockets_.contains(descriptor)) shutdown(descriptor, SHUT_RDWR);

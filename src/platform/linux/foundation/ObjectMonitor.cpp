@@ -9,7 +9,7 @@ namespace {
 
 struct Monitor {
   std::recursive_mutex mutex;
-  size_t users = 0;  // ObjectMonitors that hold it or wait for it
+  size_t users = 0;  // ObjectMonitors that hold the mutex or wait for it
 };
 
 // One entry for each object whose monitor is in use. Objects never share a mutex (as hashed locks would), because a
@@ -19,7 +19,7 @@ struct MonitorTable {
   std::unordered_map<const NSObject*, Monitor> monitors;  // the address of an entry never changes
 };
 
-// Never destroyed: threads may hold monitors while the process exits.
+// The table is never destroyed, because threads may hold monitors while the process exits.
 MonitorTable& table() {
   static auto* shared = new MonitorTable;
   return *shared;

@@ -3,7 +3,7 @@
 #include "platform/macos/base/Block.h"
 #import "platform/macos/control/OrvaneController.h"
 
-// Available since macOS 11, but declared only by later SDKs.
+// macOS has this method since version 11, but only later SDKs declare it.
 @interface NSXPCConnection (Activation)
 - (void)activate;
 @end

@@ -26,7 +26,7 @@ struct MonitorTable {
   std::unordered_map<const NSObject*, Monitor> monitors;
 };
 
-// Never destroyed: other threads may still hold monitors while the process ends.
+// The table is never destroyed, because other threads may still hold monitors while the process ends.
 MonitorTable& table() {
   static auto* shared = new MonitorTable;
   return *shared;
