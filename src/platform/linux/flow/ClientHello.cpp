@@ -107,7 +107,8 @@ ClientHelloReader::State ClientHelloReader::collect(Field field, size_t bytes) {
   return state;
 }
 
-// Starts a field whose bytes are not collected. Unknown if the field would end after the message.
+// Starts a field whose bytes are not collected. Returns Unknown if the field would be longer than the rest of the
+// message.
 ClientHelloReader::State ClientHelloReader::skip(Field field, size_t bytes) {
   if (bytes > messageLeft_) return State::Unknown;
   messageLeft_ -= bytes;

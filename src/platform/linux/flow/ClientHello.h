@@ -9,8 +9,8 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete; later extensions, such as session tickets, are not needed. Stores a few
-// hundred bytes, whatever the length of the hello. Not thread-safe.
+// name is known when its extension is complete; later extensions, such as session tickets, are not needed. Stores about
+// 2 KiB at most, whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   enum class State {
@@ -19,7 +19,8 @@ class ClientHelloReader {
     Unknown,  // no name: the bytes are no hello, or the hello is malformed, has no name or is too long
   };
 
-  // Limit on the bytes that are read, TLS record headers included.
+  // Limit on the bytes that are read, including TLS record headers. If the name is not among them, the state becomes
+  // Unknown.
   static constexpr size_t kLimit = 65536;
 
   // Reads the next bytes of the connection; the first call gets the connection's first bytes. TLS records may split the
@@ -54,7 +55,7 @@ class ClientHelloReader {
   State readServerNames();
 
   State state_ = State::Open;
-  size_t read_ = 0;  // bytes so far, record headers included
+  size_t read_ = 0;  // bytes read so far, including record headers
 
   std::array<uint8_t, 5> recordHeader_{};
   size_t recordHeaderLength_ = 0;

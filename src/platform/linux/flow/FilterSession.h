@@ -10,7 +10,7 @@ namespace orvane {
 // Calls the provider for one flow: once for the new flow, then for outbound data up to the peek count, then for the end
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
-// The session stores no data: its caller keeps the outbound bytes that must wait, while holdsData() is true. What a
+// The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
 //
 // Not thread-safe: a flow belongs to one thread.
@@ -39,7 +39,7 @@ class FilterSession {
   // Allows a new flow without asking the provider.
   void allow() { state_ = State::Allowed; }
 
-  // Drops an examined flow without asking the provider, because its data cannot be shown.
+  // Drops an examined flow without asking the provider. For a flow whose data the caller cannot show.
   State refuse();
 
   State state() const { return state_; }

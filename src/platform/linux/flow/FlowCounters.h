@@ -10,9 +10,9 @@ struct FlowCounters {
   using Count = std::atomic<uint64_t>;
 
   Count flows{0};                    // flows that were shown to the provider
-  Count allowed{0};                  // of these, allowed when they were new
-  Count dropped{0};                  // of these, dropped when they were new
-  Count examined{0};                 // of these, flows whose data the provider wanted to see first
+  Count allowed{0};                  // shown flows that were allowed at once
+  Count dropped{0};                  // shown flows that were dropped at once
+  Count examined{0};                 // shown flows whose data the provider wanted to see first
   Count allowedByData{0};            // examined flows that were allowed later
   Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
@@ -20,10 +20,10 @@ struct FlowCounters {
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
   Count queueOverruns{0};            // times that the queue was full and the kernel dropped packets
-  Count unjudgedPackets{0};          // dropped, because too many packets of their user waited, or for too long
+  Count unjudgedPackets{0};          // packets dropped without a verdict: too many waited, or for too long
   Count queueReleases{0};            // times that the watchdog released the queue
   Count ruleRepairs{0};              // times that the kernel rules were repaired
-  Count longestHoldMicroseconds{0};  // of one packet's judgement
+  Count longestHoldMicroseconds{0};  // the longest time to judge one packet
 
   void recordHold(uint64_t microseconds) {
     uint64_t longest = longestHoldMicroseconds.load(std::memory_order_relaxed);

@@ -33,8 +33,8 @@ class LinuxSocketFlow final : public NEFilterSocketFlow {
   int32_t socketType_;
 };
 
-// A process's request for a URL. It is not a socket flow, because the connection to the server is the proxy's own. The
-// flow's host name is that of the URL.
+// A process's request for a URL. It is not a socket flow, because the proxy, and not the process, makes the connection
+// to the server. The flow's host name is the host in the URL.
 class LinuxURLFlow final : public NEFilterFlow {
  public:
   // `url` as the application wrote it.

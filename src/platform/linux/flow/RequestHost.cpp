@@ -16,7 +16,7 @@ namespace {
 constexpr size_t kMethodLimit = 31;
 constexpr size_t kHostFieldLimit = 512;  // longer than any host name with a port
 constexpr std::string_view kHostField = "host:";
-constexpr std::string_view kVersion = " HTTP/1.";  // ends a request line, with one digit after it
+constexpr std::string_view kVersion = " HTTP/1.";  // a request line ends with this and one digit
 constexpr size_t kVersionLength = kVersion.size() + 1;
 
 bool is_method_character(unsigned char c) { return std::isalnum(c) || c == '-'; }
@@ -51,7 +51,8 @@ std::optional<Authority> parse_authority(std::string_view text) {
       authority.isAddress = true;
       break;
     case boost::urls::host_type::name: {
-      // Not decoded: a decoded name could hold a NUL, and the filter and the resolver would then read different names.
+      // The name is not decoded, because a decoded name could contain a NUL, and the filter and the resolver would then
+      // read different names.
       boost::urls::string_view name = parsed->encoded_host();
       authority.host.assign(name.data(), name.size());
       authority.isAddress = false;
@@ -125,8 +126,9 @@ RequestHostReader::State RequestHostReader::finishLine() {
     case Part::Method:
       return State::Unknown;
     case Part::Target:
-      // The first line of another protocol (SMTP) may also begin with a word. Its server answers this line before the
-      // client sends more, so more bytes may never come, and the answer must be Unknown now.
+      // A first line without a version belongs to another protocol, for example SMTP. Such a client sends no more bytes
+      // until the server answers, and the server's answer comes only after the verdict. So the state must become
+      // Unknown now, because more bytes may never come.
       if (kept_.size() < kVersionLength || !kept_.substr(kept_.size() - kVersionLength).starts_with(kVersion)) {
         return State::Unknown;
       }

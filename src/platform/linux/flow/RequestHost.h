@@ -11,7 +11,7 @@
 
 namespace orvane {
 
-// The longest request head that is read, in bytes.
+// The longest head that parse_request_head() accepts, in bytes.
 inline constexpr size_t kRequestHeadLimit = 65536;
 
 using RequestParser = boost::beast::http::request_parser<boost::beast::http::empty_body>;
@@ -36,8 +36,8 @@ struct Authority {
 std::optional<Authority> parse_authority(std::string_view text);
 
 // Reads the host name, without a port, from the Host field of a request head to an origin server (RFC 9112, section
-// 3.2), as its bytes arrive. The name is known at the end of the field's line. Stores less than a kilobyte, whatever
-// the length of the head. Not thread-safe.
+// 3.2), as its bytes arrive. The name is known at the end of the field's line. Stores about a kilobyte, whatever the
+// length of the head. Not thread-safe.
 class RequestHostReader {
  public:
   enum class State {
@@ -49,8 +49,8 @@ class RequestHostReader {
   // Limit on the bytes of a head that are read. Browsers send fewer: their URLs have 2 MiB at most.
   static constexpr size_t kLimit = size_t{4} << 20;
 
-  // Reads the next bytes of the connection; the first call gets the connection's first bytes. A line may end with a
-  // bare LF, because servers accept that, too.
+  // Reads the next bytes of the connection; the first call gets the connection's first bytes. A line may end with LF
+  // alone, because servers accept that.
   State read(std::string_view bytes);
 
   // The host name as the client wrote it; an IPv6 address without its brackets.

@@ -16,10 +16,12 @@
 namespace orvane {
 namespace {
 
-// Each part ends in far less time, but it may wait for a lock, a name server or a file system.
+// Limit on the time to stop the filter. The stop usually takes far less time, but it may wait for a lock, a name server
+// or a file system.
 constexpr auto kStopTime = std::chrono::seconds(2);
 
-// Stops the filter, or gives up after kStopTime: the kernel cleans up behind a process that ends.
+// Stops the filter, or gives up after kStopTime. Nothing is blocked then: the kernel closes the sockets of a process
+// that ends, and passes packets when no process has the queue.
 void stop_filter() {
   std::promise<void> stopped;
   auto isStopped = stopped.get_future();

@@ -31,8 +31,8 @@ Value extension_setting(std::string_view key) {
   return value == nullptr ? Value() : *value;
 }
 
-// Tells the service manager that the start is complete. This is also true of an extension without a filter: it serves
-// its companion, which can ask what is wrong.
+// Tells the service manager that the start is complete. The start also counts as complete if the filter could not
+// start, because the extension still serves its companion, which can ask what is wrong.
 void report_ready(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 
 }  // namespace
@@ -84,7 +84,7 @@ void ProviderHost::run(CreateProvider create, const std::string& className) {
     provider_ = provider;
   }
   provider->startFilterWithCompletionHandler([this](const Ref<NSError>& error) {
-    if (isStopped()) return;  // the service manager knows of the stop already
+    if (isStopped()) return;  // then the service manager has learned of the stop already
     if (error != nullptr) {
       reportFailure(error->localizedDescription());
     } else {
@@ -106,7 +106,7 @@ std::optional<std::string> ProviderHost::applySettings(const Ref<NEFilterDataPro
   return startFlowSource(provider, settings);
 }
 
-// Starts the flow source that the bundle names. If it names none, tries netfilter first, then the proxy.
+// Starts the flow source that the bundle names. If the bundle names none, tries netfilter first, then the proxy.
 std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataProvider>& provider,
                                                          const NEFilterSettings& settings) {
   Value name = extension_setting("OrvaneFlowSource");
@@ -121,7 +121,8 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
     source_ = std::move(netfilter);
     return std::nullopt;
   }
-  // If another extension has the queue, a proxy would be a second filter whose list nobody fills.
+  // If another extension has the queue, companions fill that extension's list. A proxy here would filter with an empty
+  // list.
   if (!name.isNil() || netfilter->isTaken()) return "netfilter: " + *error;
   ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, because netfilter is unavailable: %@", *error);
   return startProxy(provider, settings);
@@ -139,8 +140,9 @@ std::optional<std::string> ProviderHost::startProxy(const Ref<NEFilterDataProvid
   return error;
 }
 
-// A bundle that fixes a flow source other than the proxy belongs to a system service. Nobody would notice there that
-// nothing is filtered, so the process fails.
+// Logs the reason and tells it to the service manager. If the bundle names a flow source other than the proxy, it
+// belongs to a system service, where nobody would notice that nothing is filtered. So the process then ends with an
+// error.
 void ProviderHost::reportFailure(const std::string& reason) {
   ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
   const std::string status = "Filter not started: " + reason;

@@ -13,7 +13,8 @@
 
 namespace orvane {
 
-// Runs the filter provider that the bundle names and the flow source that asks it. Thread-safe.
+// Runs the filter provider that the bundle names, and the flow source that asks this provider for verdicts.
+// Thread-safe.
 //
 //   main thread           provider's thread
 //   start() ------------> the provider is made and started
@@ -31,15 +32,15 @@ class ProviderHost {
 
   void registerClass(std::string_view name, CreateProvider create);
 
-  // Makes the provider and starts it on another thread. On failure reports the reason and returns false. Later failures
-  // are only reported.
+  // Makes the provider and starts it on another thread. If the bundle names no known class, or if the thread cannot be
+  // started, reports the reason and returns false. Failures on the other thread are only reported.
   bool start();
 
   // Starts a flow source for the provider in place of the previous one. Returns the reason on failure.
   std::optional<std::string> applySettings(const Ref<NEFilterDataProvider>& provider, const NEFilterSettings& settings);
 
-  // Stops the flow source first, so that the provider is not asked any more when it stops. Waits one second at most for
-  // the provider. Nothing starts afterwards.
+  // Stops the flow source, and then the provider, so that nothing asks the provider while it stops. Waits one second at
+  // most for the provider. After this call, no provider and no flow source starts any more.
   void stop();
 
  private:

@@ -55,7 +55,8 @@ std::string join(std::string folder, const std::string& name) {
   return folder += name;
 }
 
-// Whether the entry `left` is preferred to `right` as the application of a program that both name.
+// Whether the entry with the ID `left` is preferred to the one with the ID `right`, as the application of a program
+// that both entries name.
 bool is_preferred(const std::string& program, const std::string& left, const std::string& right) {
   const std::string_view name = file_name(program);
   if ((left == name) != (right == name)) return left == name;
@@ -68,8 +69,8 @@ bool is_preferred(const std::string& program, const std::string& left, const std
 // The result of reading the folders once. Immutable.
 struct ApplicationEntries {
   std::map<std::string, FolderState> folders;  // all folders that were read, by path
-  // Whether a folder changed just before it was read. File times are coarse: a change after the reading could leave the
-  // same time and go unnoticed, so the entries are read again at the next check.
+  // Whether a folder changed just before it was read. File times are coarse, so a further change after the reading
+  // could leave the same time and go unnoticed. So the next check reads the entries again in any case.
   bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;
@@ -114,7 +115,7 @@ class EntryReader {
       result_->applications.insert(program.application);
     }
     assignFolders();
-    // The coarsest file systems store times in steps of two seconds.
+    // Two seconds, because the coarsest file systems store times in steps of two seconds.
     for (const auto& [path, state] : result_->folders) {
       if (std::abs(state.modified.tv_sec - start.tv_sec) <= 2) result_->hasRecentChange = true;
     }
@@ -155,7 +156,8 @@ class EntryReader {
     std::string resolved = resolve_links(path);
     struct stat status;
     if (::stat(resolved.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-      // The package may be half installed. After a change in this folder, the entries are read again.
+      // The package may be half installed. So the program's folder is recorded, too: when it changes, the entries are
+      // read again.
       if (!path.empty()) recordState(parent_folder(path));
       return;
     }
@@ -169,7 +171,8 @@ class EntryReader {
   }
 
   void assignFolders() {
-    // By folder: the applications that have programs in it, and the applications whose folder LIBRARY/NAME it is.
+    // For each folder, byProgram has the applications with programs in the folder. byName has the applications for
+    // which the folder is LIBRARY/NAME.
     std::map<std::string, std::set<std::string>> byProgram, byName;
     for (const auto& [path, program] : programs_) {
       std::string folder = parent_folder(path);

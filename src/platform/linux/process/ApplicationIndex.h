@@ -23,8 +23,8 @@ struct ApplicationFolders {
   // Folders in which an application may have its own folder: LIBRARY/NAME belongs to the program NAME.
   std::vector<std::string> libraries;
 
-  // The folders of this system. Home directories are left out: any program of the user could write an entry there and
-  // so pass for another application, or make a browser pass for something else.
+  // The folders of this system. Home directories are left out, because any program of the user could write an entry
+  // there. With such an entry it could pass for another application, or make a browser pass for something else.
   static ApplicationFolders system();
 };
 
@@ -41,10 +41,10 @@ struct ApplicationFolders {
 // browsers for the terminal set these keys. Entries with Hidden do not count: the key means that the application is not
 // installed.
 //
-// Installations are noticed: at most once in `interval`, a look-up first compares the modification times of the folders
-// (a few stat(2) calls), and reads all entries again if a folder has changed. An entry that is rewritten in place goes
-// unnoticed. inotify(7) would save the calls, but it cannot watch folders that do not exist yet, and containers run
-// into its limit on instances.
+// A look-up notices new installations: at most once in `interval`, it first compares the modification times of the
+// folders (a few stat(2) calls), and reads all entries again if a folder has changed. It does not notice an entry that
+// is rewritten in place. inotify(7) would save the stat(2) calls, but it cannot watch folders that do not exist yet,
+// and containers run into its limit on instances.
 //
 // Thread-safe. While one thread reads the entries again, the other threads use the previous ones.
 class ApplicationIndex {

@@ -16,12 +16,13 @@ std::string_view take_line(std::string_view& text) {
   return line;
 }
 
-// Replaces the escapes that the specification defines for every value of type string: \s, \n, \t, \r and \\.
+// Replaces the escapes that the Desktop Entry Specification defines for every value of type string: \s, \n, \t, \r and
+// \\.
 std::string unescape(std::string_view value) {
   constexpr std::string_view kEscapes = "sntr\\", kCharacters = " \n\t\r\\";
   std::string result;
   for (size_t i = 0; i < value.size(); ++i) {
-    // Other escapes stay, because split_command_line() reads them.
+    // Other escapes stay as they are; split_command_line() reads those in Exec.
     const size_t found =
         value[i] == '\\' && i + 1 < value.size() ? kEscapes.find(value[i + 1]) : std::string_view::npos;
     result += found == std::string_view::npos ? value[i] : kCharacters[found];
@@ -56,7 +57,7 @@ std::vector<std::string> split_command_line(std::string_view line) {
 }
 
 // The program that a command line starts. If the line begins with env(1), the program is the first word after env's
-// options and assignments. Empty if there is none.
+// options and assignments. Empty if the line starts no program, or hides it in an option of env.
 std::string program_of_command_line(std::string_view line) {
   std::vector<std::string> words = split_command_line(line);
   auto word = words.begin();

@@ -94,15 +94,15 @@ std::string application_of_unit(std::string_view unit) {
   return unescape_unit(parts.back());
 }
 
-// Whether the executable's path leads to the executable for this process, too. It does not if the executable runs in a
-// container or a snap, because these have their own /usr.
+// Whether this process finds the same file at the executable's path. It does not if the executable runs in a container
+// or a snap, because a container or a snap has a /usr of its own.
 bool is_visible_here(const Executable& executable) {
   struct stat status;
   return executable.inode != 0 && ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
          status.st_ino == executable.inode;
 }
 
-// The mount point of the AppImage that contains the path. Empty for other paths.
+// The mount point of the AppImage that contains the path. Empty if the path is in no AppImage.
 std::string_view app_image_mount(std::string_view path) {
   size_t start = path.find("/.mount_");
   size_t end = start == std::string_view::npos ? start : path.find('/', start + 1);
@@ -207,8 +207,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
     }
   }
   // The control group names the snap from which the process was started. The process may still run a program of the
-  // system: a browser that was started in the terminal of an editor from a snap. So the control group counts only if
-  // the executable is not visible here, because files of the system are visible and those of the snap are not.
+  // system: for example, a browser that was started in the terminal of an editor from a snap. Files of the system are
+  // visible here, and those of the snap are not. So the control group counts only if the executable is not visible
+  // here.
   if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
     program.package = snap_of_control_groups(process.controlGroups());
   }
@@ -288,7 +289,7 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
 }
 
 std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
-  // Most units are not named after an application. For those the process table is not searched.
+  // Most units are not named after an application. For such a unit, the process table is not searched.
   if (!index_.hasApplication(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {

@@ -28,7 +28,7 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 // The name of the application in an AppImage. `path` is an executable inside the AppImage, and `mounts` the text of
 // /proc/pid/mounts. An AppImage mounts itself at FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the AppImage's
 // file name. The result is that file name in lower case, without the version, the processor and what follows: "firefox"
-// for Firefox-120.0-x86_64.AppImage. Nothing for other paths.
+// for Firefox-120.0-x86_64.AppImage. Nothing if `path` is in no AppImage.
 std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts);
 
 // The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
@@ -59,22 +59,22 @@ class ProcessIdentity {
     Program program;
   };
 
-  // Null when the process does not exist. A browser opens many connections at once, so results are cached: for half a
+  // Null when the process does not exist. A browser opens many connections at once, so a result is cached for half a
   // second, as long as the process lives and runs the same executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
   // The application ID of the program's package or desktop entry. Nothing for other programs.
   std::optional<std::string> applicationOf(const Program& program);
 
-  // The program's application ID, else the name of its AppImage, else the executable's file name: so a browser that was
-  // unpacked from an archive has an identifier, too. Nothing when the executable is unknown.
+  // The program's application ID, else the name of its AppImage, else the executable's file name. So even a browser
+  // that was unpacked from an archive has an identifier. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
   // The process that is responsible for this one, the first that exists of:
   //   1. the process itself, if it is an application;
   //   2. its nearest ancestor that is an application. If the process is in an application's systemd unit, only the
   //      ancestors in this unit count: a desktop that starts a program in a new unit is not responsible for it;
-  //   3. the oldest process in the unit that runs the application after which the unit is named;
+  //   3. the oldest process of the unit, among those that run the application after which the unit is named;
   //   4. the process itself.
   // -1 when the process does not exist.
   pid_t responsibleFor(pid_t pid);

@@ -18,7 +18,7 @@ namespace orvane {
 namespace {
 
 // Limit for each file in /proc/pid. Only `cgroup` can be longer, because a process may choose long names for its
-// control groups; its text is then cut off.
+// control groups. The text of `cgroup` is then cut off.
 constexpr size_t kFileLimit = size_t{64} * 1024;
 // The limit for `mounts` is larger, because a host with many containers has a thousand mounts.
 constexpr size_t kMountsLimit = size_t{256} * 1024;
@@ -54,8 +54,8 @@ Descriptor open_file(int directory, const char* name) {
   return Descriptor(::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW));
 }
 
-// Reads an open file from its beginning, up to the size of the buffer. The kernel makes the text of a file in /proc at
-// each read, so it is current. Empty when the file cannot be read.
+// Reads an open file from its beginning, up to the size of the buffer. The kernel makes the text of a file in /proc
+// anew at each read, so the result is current. Empty when the file cannot be read.
 std::string_view read_again(const Descriptor& file, std::array<char, 4096>& buffer) {
   ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), 0);
   return {buffer.data(), count > 0 ? static_cast<size_t>(count) : 0};
@@ -85,8 +85,8 @@ struct FileNumbers {
   ino_t inode;
 };
 
-// Asks only for what the kernel has cached: otherwise a file system that a user serves (FUSE) could make this process
-// wait.
+// Asks only for what the kernel has cached, because a file system that a user serves (FUSE) could otherwise make this
+// process wait.
 std::optional<FileNumbers> examine_executable(int directory) {
   struct statx status;
   if (::statx(directory, "exe", AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) return std::nullopt;
@@ -140,7 +140,8 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
                         static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
 }
 
-// After the process has ended, its open directory is empty, even if the pid is used again. Then both look-ups fail.
+// After the process has ended, its open directory is empty, even if the pid is used again. So both ways to look at
+// `exe` then fail.
 bool ProcessInformation::runs(const Executable* file) const {
   if (file != nullptr && file->inode != 0) {
     auto now = examine_executable(directory());
@@ -156,7 +157,7 @@ std::optional<Executable> ProcessInformation::executable() const {
   std::string without(without_suffix(path));
   auto status = examine_executable(directory());
   if (!status) return Executable{std::move(without), 0, 0};
-  // The kernel has added the suffix, unless the executable's own name ends like that.
+  // If the path ends with " (deleted)", the kernel has added this, unless the executable's own name ends like that.
   struct stat named;
   bool isName = path.size() != without.size() && ::stat(path.c_str(), &named) == 0 && named.st_dev == status->device &&
                 named.st_ino == status->inode;

@@ -30,12 +30,13 @@ struct ProcessStat {
   uint64_t startTime;  // clock ticks since boot
 };
 
-// Nothing when the text is cut off. The second field is the program's name in parentheses; the name may contain
-// parentheses, spaces and digits.
+// Parses the text of /proc/pid/stat. Nothing when the text is cut off. The second field is the program's name in
+// parentheses; the name may contain parentheses, spaces and digits.
 std::optional<ProcessStat> parse_process_stat(std::string_view text);
 
 // A running process in the process table (proc(5)). The object keeps the process's directory open. So all functions are
-// about the same process, and return nothing once it has ended, even if its pid is used again. Not thread-safe.
+// about the same process, and return nothing once this process has ended, even if its pid is used again. Not
+// thread-safe.
 class ProcessInformation {
  public:
   // Nothing when the process does not exist or is a zombie.
@@ -45,8 +46,8 @@ class ProcessInformation {
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
-  // The version in the audit token, from the start time. It differs between processes with the same pid: the kernel
-  // gives out pids in turn, so it does not use a pid twice within one clock tick (10 ms).
+  // The version in the audit token, from the start time. It differs between processes that have the same pid one after
+  // the other: the kernel gives out pids in turn, so it does not use a pid twice within one clock tick (10 ms).
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
   // The current audit token; nothing when the process has ended. The function keeps the files that it reads open, which
@@ -57,7 +58,8 @@ class ProcessInformation {
   // process still exists. False when the process has ended or executable() returns nothing.
   bool runs(const Executable* file = nullptr) const;
 
-  // Nothing for a kernel thread, or if this process lacks the permission (ptrace(2), "access mode checks").
+  // The file that the process runs. Nothing for a kernel thread, or if this process lacks the permission (ptrace(2),
+  // "access mode checks").
   std::optional<Executable> executable() const;
 
   // The text of /proc/pid/cgroup, which all users can read. Empty when the process has ended.

@@ -16,7 +16,7 @@ namespace {
 constexpr OSStatus errSecSuccess = 0;
 constexpr OSStatus errSecCSObjectRequired = -67069;              // the code object is null
 constexpr OSStatus errSecCSUnsupportedGuestAttributes = -67067;  // no known attribute
-constexpr OSStatus errSecCSInvalidAttributeValues = -67066;      // an audit token that is not 32 bytes
+constexpr OSStatus errSecCSInvalidAttributeValues = -67066;      // no pid, or an audit token that is not 32 bytes long
 constexpr OSStatus errSecCSNoSuchCode = -67065;                  // the process does not exist
 
 struct Counted {
@@ -30,8 +30,8 @@ void release_counted(const T* object) {
 
 }  // namespace
 
-// Holds what was known about the program when the object was made. So later calls do not need the process, and an
-// object that is never released keeps no file open.
+// Holds a copy of what was known about the program when the object was made. So later calls do not need the process,
+// and an object that is never released does not keep a file open.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
 };
@@ -104,7 +104,7 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return it == dictionary->strings.end() ? std::nullopt : std::optional(it->second);
 }
 
-// Success and the process that has these attributes, or null and a status that says why none is found.
+// Returns success and the process that has these attributes, or the reason why no process is found, and null.
 static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
   auto& identity = ProcessIdentity::system();
   if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};
@@ -119,8 +119,8 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
   if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, nullptr};
   std::memcpy(&token, data.data(), sizeof(token));
   auto process = identity.find(audit_token_to_pid(token));
-  // A process may change its user and groups, so only pid and version are compared. The version differs when the pid
-  // has been used again.
+  // A process may change its user and groups, so only pid and version are compared. If another process has the pid now,
+  // its version differs.
   if (!process || process->information.version() != token.val[7]) return {errSecCSNoSuchCode, nullptr};
   return {errSecSuccess, std::move(process)};
 }

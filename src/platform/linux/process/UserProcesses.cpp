@@ -26,8 +26,8 @@ void UserProcesses::update(std::chrono::nanoseconds time) {
   next_ = 0;
 }
 
-// Reads entries of the table, from `position` on, for at most this processor time. Returns whether it has reached the
-// end of the table.
+// Reads entries of the table, from `position` on, for at most `time` of processor time. Returns whether it has reached
+// the end of the table.
 bool UserProcesses::read(off_t& position, Reading reading, std::chrono::nanoseconds time) {
   ThreadBudget budget(time);
   if (::lseek(table_.get(), position, SEEK_SET) < 0) return true;

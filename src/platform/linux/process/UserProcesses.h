@@ -24,7 +24,7 @@ class UserProcesses {
   void update(std::chrono::nanoseconds time);
 
   // The pids of each user. A process belongs to the owner of its /proc/pid: its effective user, or root if the process
-  // may not be dumped. Some of the processes may have ended.
+  // may not be dumped (prctl(2), PR_SET_DUMPABLE). Some of the processes may have ended.
   const std::unordered_map<uid_t, std::vector<pid_t>>& byUser() const { return current_; }
 
  private:
@@ -33,8 +33,8 @@ class UserProcesses {
   bool read(off_t& position, Reading reading, std::chrono::nanoseconds time);
   void add(const char* name, off_t position, Reading reading);
 
-  // The kernel sorts the table by pid, and gives out ascending pids, so new processes are after newest_. When the pids
-  // start again from the lowest, only the rereading finds the new processes.
+  // The kernel sorts the table by pid, and gives out ascending pids, so new processes are usually after newest_. When
+  // the kernel starts again with the lowest free pid, only the rereading finds the new processes.
   Descriptor table_;
   off_t newest_ = 0;  // the position in the table of the highest pid that was read
   off_t next_ = 0;    // the position where the rereading continues

@@ -21,7 +21,7 @@ std::optional<SocketFacts> find_socket(const sockaddr* local, const sockaddr* re
   auto own = read_address(local);
   auto peer = read_address(remote);
   if (!own || !peer) return std::nullopt;
-  // SocketDiagnostics is not thread-safe and belongs to one network namespace, so each call makes its own.
+  // A SocketDiagnostics object is not thread-safe and belongs to one network namespace, so each call makes a new one.
   return SocketDiagnostics().find({IPPROTO_TCP, *own, *peer});
 }
 
@@ -38,7 +38,7 @@ Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote)
 
 std::optional<uid_t> user_of_socket(const sockaddr* local, const sockaddr* remote) {
   auto socket = find_socket(local, remote);
-  // The kernel may report user 0 for a closed socket.
+  // For a closed socket (inode 0), the kernel may report user 0 instead of the creator.
   return socket && socket->inode != 0 ? std::optional(socket->user) : std::nullopt;
 }
 

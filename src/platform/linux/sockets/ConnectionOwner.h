@@ -10,12 +10,13 @@
 namespace orvane {
 
 // The audit token (data of 32 bytes) of the process that holds the TCP socket whose own address is `local` and whose
-// peer is `remote`. Searches the process table only. Nil if no owner is found. Thread-safe.
+// peer is `remote`. The process is looked up in the process table, never in the kernel's record of openers
+// (SocketOwner.h). Nil if no such process is found. Thread-safe.
 //
-// A test of the proxy links other definitions of these functions.
+// The test of the proxy links other definitions of these functions.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote);
 
-// The user who created that socket. Nothing if the socket is not found, or closed. Thread-safe.
+// The user who created this TCP socket. Nothing if the socket is not found, or if it is closed. Thread-safe.
 std::optional<uid_t> user_of_socket(const sockaddr* local, const sockaddr* remote);
 
 }  // namespace orvane

@@ -34,7 +34,7 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
 }
 
 // Match score of a socket; 0 means no match. A TCP socket matches if both endpoints do. A datagram socket gets points,
-// and the one with the most is chosen:
+// and the socket with the most points is chosen:
 //
 //   1  its local port matches, and its local address matches or is unset (an IPv6 socket can send IPv4 too)
 //  +1  its local address matches
@@ -77,7 +77,7 @@ inet_diag_req_v2 exact_request(const SocketPair& pair) {
   return request;
 }
 
-// Requests all sockets of a family that are bound to the local port; all at all if it is 0.
+// Requests the sockets of a family that are bound to the local port, or all sockets of the family if the port is 0.
 inet_diag_req_v2 dump_request(const SocketPair& pair, uint8_t family) {
   inet_diag_req_v2 request{};
   request.sdiag_family = family;
@@ -113,9 +113,9 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
     if (ok) query(dump_request(pair, AF_INET6), NLM_F_DUMP, keepBest);
     return found;
   }
-  // The exact look-up finds a socket that is bound to an interface only if the request names the interface, so each one
-  // is tried. A dump of all TCP sockets takes a hundred times as long: the kernel walks its whole hash table, whose
-  // size depends on the machine's memory.
+  // The exact look-up finds a socket that is bound to an interface only if the request names the interface, so each
+  // interface is tried. A dump of all TCP sockets would take a hundred times as long, because the kernel walks its
+  // whole hash table, whose size depends on the machine's memory.
   std::unique_ptr<struct if_nameindex, void (*)(struct if_nameindex*)> interfaces(::if_nameindex(), ::if_freenameindex);
   for (const auto* each = interfaces.get(); each != nullptr && each->if_index != 0; ++each) {
     exact.id.idiag_if = each->if_index;
@@ -158,7 +158,7 @@ bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, c
   return reply == Reply::Finished;
 }
 
-// Receives one datagram from the kernel, which holds one or several netlink messages.
+// Receives one netlink datagram from the kernel. It contains one or several messages.
 SocketDiagnostics::Reply SocketDiagnostics::receive(const SocketCallback& onSocket) {
   alignas(nlmsghdr) std::array<char, 32768> buffer;
   ssize_t length = ::recv(netlink_.get(), buffer.data(), buffer.size(), 0);

@@ -18,7 +18,7 @@ class SocketDiagnostics {
  public:
   SocketDiagnostics();
 
-  // The same as SocketOwners::find(), but finds open sockets only.
+  // Like SocketOwners::find(), but without the kernel's record of openers.
   std::optional<SocketFacts> find(const SocketPair& pair);
 
   // The same as SocketOwners::streams().

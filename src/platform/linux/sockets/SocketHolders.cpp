@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 // Remembers in which process, and at which descriptor, each socket was seen, so that a process with a thousand sockets
 // is not scanned a thousand times. An entry is only a hint, because descriptors are closed and reused. The key of a
-// socket is the text of its link, "socket:[INODE]".
+// socket is the text of the descriptor's link in /proc/pid/fd, "socket:[INODE]".
 class SocketCache {
  public:
   struct Location {
@@ -41,8 +41,8 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // A complete scan shows that a process did not hold a socket, but only together with the locations of all sockets
-      // that the scan saw.
+      // wasScannedSince() concludes from a complete scan that a process did not hold a socket. That needs the locations
+      // of all sockets that the scan saw, and they are deleted here.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
@@ -53,7 +53,7 @@ class SocketCache {
   // A number that changes when the locations are cleared.
   uint64_t generation() const { return generation_; }
 
-  // Records a scan of a process that began at `begin`, in clock ticks since boot.
+  // Records a scan of a process. The scan began at `begin`, in clock ticks since boot.
   void putScan(const ProcessInformation& process, uint64_t begin, bool isComplete) {
     if (scans_.size() >= kScanLimit) scans_.clear();
     scans_.insert_or_assign(process.pid(), Scan{process.version(), begin, ++scanCount_, isComplete});
@@ -67,7 +67,7 @@ class SocketCache {
            it->second.begin > child.startTime();
   }
 
-  // The number of the last scan of a process: the later the scan, the greater. 0 for a process that was not scanned.
+  // The number of the last scan of a process. Later scans have greater numbers. 0 for a process that was not scanned.
   uint64_t lastScan(pid_t process) const {
     auto it = scans_.find(process);
     return it == scans_.end() ? 0 : it->second.number;
@@ -75,10 +75,10 @@ class SocketCache {
 
  private:
   struct Scan {
-    uint32_t version;  // of the process
+    uint32_t version;  // ProcessInformation::version()
     uint64_t begin;    // in clock ticks since boot
     uint64_t number;
-    bool isComplete;  // all descriptors were read, and the locations of their sockets were not cleared since
+    bool isComplete;  // all descriptors were read, and locations_ was not cleared since
   };
 
   static constexpr size_t kLocationLimit = 8192, kScanLimit = 1024;
@@ -106,10 +106,11 @@ bool holds_at(const ProcessInformation& process, int descriptor, std::string_vie
   return socket_link(process.directory(), ("fd/" + std::to_string(descriptor)).c_str(), target) == link;
 }
 
-// The state that searches for one user's sockets share.
+// What is kept for one user between searches for this user's sockets.
 struct User {
   // The processes in which the last searches found a socket, the latest first, each with the socket's descriptor. A
-  // browser opens many connections in a row, and scanning these processes takes a fraction of the time of scanning all.
+  // browser opens many connections in a row, so its process is often among them. To scan these few takes a fraction of
+  // the time of scanning all processes.
   std::vector<SocketCache::Location> recent;
   // The processor time that searches may still take. Negative after a search that took more than was left.
   std::chrono::nanoseconds credit;
@@ -143,7 +144,8 @@ class FailedSearches {
   std::unordered_map<uint64_t, Clock::time_point> times_;
 };
 
-// One search. It uses and updates the state that all searches share.
+// One search. It uses and updates `cache`, which all searches share, and `user`, which the searches for one user's
+// sockets share.
 class Search {
  public:
   Search(SocketCache& cache, User& user, const SocketFacts& socket, std::chrono::nanoseconds time)
@@ -151,9 +153,9 @@ class Search {
     isNew_ = !cache_.find(link_);
   }
 
-  // Looks at the descriptor where the socket was seen last, and then at and next to the descriptors of the sockets that
-  // were found last: the kernel assigns the lowest free descriptor, so a new socket often has the number of the
-  // previous one or a number close to it.
+  // Tests the descriptor at which this socket was seen last. Then tests, for each process in `recent`, the descriptor
+  // of the socket that was found last, and the numbers next to it. The kernel assigns the lowest free descriptor, so a
+  // new socket often has the number of the previous socket or a number close to it.
   std::optional<ProcessInformation> quickHolder() {
     auto location = cache_.find(link_);
     auto process = location ? ProcessInformation::open(location->process) : std::nullopt;
@@ -216,7 +218,8 @@ class Search {
     return process && holds(*process) ? std::move(process) : std::nullopt;
   }
 
-  // Whether the process holds the socket. The function stops when the time is spent, so false may be wrong.
+  // Whether the process holds the socket. The function stops when the search's time is spent; a result of false may
+  // then be wrong.
   bool holds(const ProcessInformation& process) {
     Descriptor descriptors(::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptors) return false;
@@ -261,7 +264,7 @@ struct SocketHolders::Implementation {
   std::unordered_map<uid_t, User> users;
 };
 
-// The state of a user, with the credit for the time since the user's last search added.
+// Returns the state of a user, after adding the credit for the time since the last search for this user's sockets.
 User& SocketHolders::Implementation::account(uid_t user, Clock::time_point now) {
   constexpr int kShare = 5;
   constexpr size_t kUserLimit = 1024;
@@ -276,7 +279,8 @@ std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& 
   if (auto recent = search.recentHolder()) return recent;
   processes.update(std::min(limits.processes, search.budget().left() / 2));
   const auto& byUser = processes.byUser();
-  // Root's processes come second, because a user's process that may not be dumped seems to be root's.
+  // Root's processes come second: if a user's process may not be dumped (prctl(2), PR_SET_DUMPABLE), its files in /proc
+  // belong to root, so it is listed under root.
   for (uid_t first : {user, uid_t{0}}) {
     auto own = byUser.find(first);
     if (own == byUser.end()) continue;
@@ -296,7 +300,7 @@ SocketHolders::~SocketHolders() = default;
 std::optional<ProcessInformation> SocketHolders::find(const SocketFacts& socket) {
   auto& [limits, cache, processes, failed, users] = *implementation_;
   auto now = Clock::now();
-  // A socket without an inode is closed, so no process holds it: its last bytes are being sent, or it is in TIME_WAIT.
+  // A socket without an inode is closed (its last bytes are being sent, or it is in TIME_WAIT), so no process holds it.
   if (socket.inode == 0 || failed.contains(socket.cookie, now)) return std::nullopt;
   User& user = implementation_->account(socket.user, now);
   Search search(cache, user, socket, limits.descriptors + 2 * limits.processes);

@@ -12,18 +12,17 @@ namespace orvane {
 // Searches the process table for the process that holds a socket. Not thread-safe.
 //
 // A user can have a million descriptors, which take seconds to read. While a search runs, all users' packets wait. So
-// the time of a search is limited, and so is the share of time for the sockets of each user. The processes of the
+// two times are limited: that of each search, and that of all searches for one user's sockets. The processes of the
 // socket's user are searched first, so that other users' processes cannot use up the time of a search for a browser.
 class SocketHolders {
  public:
   // The limits are processor time. A search may exceed them by a fraction of a millisecond.
   struct Limits {
-    // To list new processes. Listing the known processes again may take as long.
+    // To list new processes. To list the known processes again may take the same time once more.
     std::chrono::nanoseconds processes = std::chrono::milliseconds(2);
     // To read the descriptors of processes.
     std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);
-    // For all searches for one user's sockets: they may take this time at once. What they used is given back slowly: a
-    // fifth of the time that passes.
+    // For all searches for one user's sockets together. Used time is given back at a rate of 200 ms per second.
     std::chrono::nanoseconds burst = std::chrono::milliseconds(50);
   };
   SocketHolders();

@@ -10,14 +10,15 @@
 // The kernel requires a license text. None of the helpers used here is reserved for GPL programs.
 const char license_text[] SEC("license") = "Proprietary";
 
-// The extension sets these before it loads the programs.
+// Constants that the extension sets before it loads the programs.
 const volatile __u64 network_namespace = 0;  // cookie of the namespace whose sockets are recorded
 // The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. If they are not
-// 0, the programs call a helper that kernels before 6.10 do not allow here, so those kernels refuse to load them.
+// 0, the programs call a helper that kernels before 6.10 do not allow in programs of this type. So those kernels refuse
+// to load the programs.
 const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
-// A full map drops the least recently used records. That does no harm, because the extension looks a record up within
-// moments of the socket's first packet.
+// A full map drops the least recently used records. That does no harm, because the extension looks a record up right
+// after the socket's first packet.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);

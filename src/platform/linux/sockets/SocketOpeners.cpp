@@ -38,8 +38,8 @@ uint64_t time_since_boot() {
   return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
 }
 
-// Opens the topmost control group that can be reached: the root of a mounted hierarchy. Else, if only parts of a
-// hierarchy are mounted, the first of them. Else, if nothing is mounted, the root of a new mount that has no path.
+// Opens the topmost control group that can be reached: the root of the hierarchy, if it is mounted; else the first
+// mounted part of the hierarchy; else, if nothing is mounted, the root of a new mount, which gets no path.
 Descriptor open_topmost_control_group() {
   std::unique_ptr<FILE, int (*)(FILE*)> mounts(::setmntent("/proc/self/mounts", "re"), ::endmntent);
   mntent mount;
@@ -48,7 +48,8 @@ Descriptor open_topmost_control_group() {
   while (mounts && ::getmntent_r(mounts.get(), &mount, text, sizeof text) != nullptr) {
     if (std::strcmp(mount.mnt_type, "cgroup2") != 0) continue;
     Descriptor directory(::open(mount.mnt_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    // Only the root has no cgroup.type. In a container, part of the hierarchy is mounted instead.
+    // Only the hierarchy's root has no file cgroup.type. In a container, often only a lower part of the hierarchy is
+    // mounted.
     if (directory && ::faccessat(directory.get(), "cgroup.type", F_OK, 0) != 0) return directory;
     if (directory && !lower) lower = std::move(directory);
   }
@@ -117,8 +118,8 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
   return std::nullopt;
 }
 
-// Checks that the programs see this process, and record it under the identifier that /proc uses. In a container neither
-// is certain. For the check, this connects a datagram socket, which sends no packet.
+// Checks that the programs see this process, and that they record it under the identifier that /proc uses. In a
+// container neither is certain. The check connects a datagram socket, which sends no packet.
 std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in target{};

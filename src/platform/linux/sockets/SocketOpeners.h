@@ -27,8 +27,9 @@ class SocketOpeners {
   // or if newer records have replaced the record.
   std::optional<SocketOpener> opener(uint64_t cookie) const;
 
-  // The socket that sent a datagram from the pair's local port to the pair's remote endpoint within the last five
-  // seconds, with an explicit destination. The socket may be closed already, so the inode in the result is always 0.
+  // The socket that sent a datagram with an explicit destination (sendto(2)) from the pair's local port to the pair's
+  // remote endpoint within the last five seconds. The socket may be closed already, so the inode in the result is
+  // always 0.
   std::optional<SocketFacts> sender(const SocketPair& pair) const;
 
  private:

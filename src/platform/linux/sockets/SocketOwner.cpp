@@ -22,7 +22,7 @@ namespace {
 constexpr uint32_t kUnset = UINT32_MAX;  // the kernel's value of an unset audit id
 
 // Whether the process is the recorded opener, and not a later process that has the same pid. Start times are rounded
-// down to clock ticks.
+// down to clock ticks, so the opener's is never after the record's time.
 bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   static const uint64_t kTick = 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));  // nanoseconds
   return process.startTime() * kTick <= opener.time;
@@ -46,7 +46,7 @@ class RecentOpeners {
     std::chrono::steady_clock::time_point read;
   };
 
-  static constexpr size_t kLimit = 16;  // each has four descriptors
+  static constexpr size_t kLimit = 16;  // each keeps four descriptors open
   // A process may change its user and groups, so its token is read again after this time.
   static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
   std::vector<Recent> recent_;
@@ -125,7 +125,7 @@ std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnost
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
   if (auto opener = implementation_->openers.opener(socket.cookie)) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
-    // The opener has ended. A child may have inherited the socket.
+    // The opener has ended, but a child of it may have inherited the socket.
     auto holder = implementation_->holders.find(socket);
     auto token = holder ? holder->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));

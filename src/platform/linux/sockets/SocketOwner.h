@@ -16,7 +16,7 @@ namespace orvane {
 // What the kernel's socket diagnostics (sock_diag(7)) report about a socket.
 struct SocketFacts {
   uint64_t cookie;         // unique since boot
-  uint32_t inode;          // 0 if the socket is closed or was found by the kernel's record
+  uint32_t inode;          // 0 if the socket is closed or was found in the kernel's record
   uid_t user;              // the socket's creator
   bool connected = false;  // true for a datagram socket whose peer is `remote` of the pair that was looked up
 };
@@ -31,7 +31,7 @@ struct SocketFacts {
 //
 // The owner is the opener. If the opener is unknown or has ended, the owner is a holder. If several processes hold the
 // socket, the owner is the one that is the ancestor of the others, because children inherit sockets from the process
-// that opened them. Among unrelated holders any may be chosen.
+// that opened them. If the holders are not related, any of them may be chosen.
 //
 // An object belongs to the network namespace of the thread that made it. Not thread-safe.
 class SocketOwners {
@@ -41,8 +41,8 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
-  // Checks, with a socket of this process, that find() works. Returns the reason if it does not: no flow would have an
-  // owner then.
+  // Checks, with a socket of this process, that find() works. Returns the reason if it does not; then no flow would
+  // have an owner.
   std::optional<std::string> check();
 
   // Makes the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if
@@ -54,7 +54,7 @@ class SocketOwners {
   // fits (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
-  // The cookies of all TCP sockets.
+  // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();
 
   // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
