@@ -21,7 +21,7 @@ namespace orvane {
 
 using namespace std::chrono_literals;
 
-// Owned by the connections' threads together, as they may outlive the proxy.
+// Owned by the proxy and the threads of its connections together, because these threads may outlive the proxy.
 struct Proxy::Shared {
   explicit Shared(size_t connectionLimit) : places(connectionLimit) {}
 
@@ -67,7 +67,8 @@ uint16_t bound_port(int listener) {
   return ntohs(address.sin_port);
 }
 
-// Each connection needs three descriptors, so the usual soft limit (1024) is too low.
+// Each connection needs three descriptors, so the usual soft limit (1024) is too low for kProxyConnectionLimit
+// connections.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -116,7 +117,7 @@ std::optional<std::string> Proxy::listenOnLoopback() {
     uint16_t port = bound_port(v4.get());
     Descriptor v6 = listen_on(AF_INET6, port);
     int error = v6 ? 0 : errno;
-    // A free port of one family may be taken in the other.
+    // The free port that the kernel chose for IPv4 may be taken for IPv6. Then try another.
     if (error == EADDRINUSE && port_ == 0 && attempt < 16) continue;
     if (error == EADDRINUSE) return failure(("cannot listen on [::1]:" + std::to_string(port)).c_str(), error);
     if (error != 0) ORVANE_LOG_DEFAULT(default_log(), "proxy: no IPv6: %s", std::strerror(error));
@@ -140,7 +141,8 @@ void Proxy::accept() {
       if (client) {
         serve(std::move(client));
       } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        // The client stays in the backlog, so the socket stays readable. Give the system time to free resources.
+        // The client stays in the kernel's backlog, so the socket stays readable, and the loop would repeat at once.
+        // Give the system time to free resources.
         wait_for({}, stop_.get(), deadline_after(100ms));
       }
     }

@@ -19,25 +19,27 @@ inline constexpr size_t kProxyConnectionLimit = 1024;
 
 struct ProxyLimits {
   size_t connections = kProxyConnectionLimit;
-  // A connection that passes no bytes for this time ends. Programs rely on this much from network address translation
-  // (RFC 5382, section 5), so their own signs of life come more often.
+  // A connection that passes no bytes for this time ends. Programs expect this already, because network address
+  // translation may also forget a connection after 124 minutes (RFC 5382, section 5). So a program that wants to keep
+  // an idle connection sends something more often.
   std::chrono::milliseconds idle = std::chrono::minutes(124);
 };
 
-// The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1, which programs are set to use. A
-// CONNECT is a socket flow; a request for an absolute URL is a flow with that URL. The flow's source is the process
-// that owns the client's end of the connection.
+// The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1, which programs are set to use. The
+// provider sees a CONNECT as a socket flow, and a request for an absolute URL as a flow with this URL. The source of
+// the flow is the process that owns the client's socket.
 //
 // Each connection has a thread of its own, so a slow provider, name server or peer delays only that connection. If
-// there are too many, one of them ends (ProxyPlaces.h).
+// there are too many connections, one of them is ended (ProxyPlaces.h).
 class Proxy final : public FlowSource {
  public:
-  // Port 0 picks a free one.
+  // With port 0, start() chooses a free port.
   explicit Proxy(uint16_t port, ProxyLimits limits = {}) : port_(port), limits_(limits) {}
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
-  // Waits up to 1 s for open connections to end. One that is resolving a name may outlive the call; it owns its state.
+  // Ends all connections, and waits up to 1 s for their threads. The thread of a connection that is looking up a name
+  // may outlive the call, and the proxy: it shares the ownership of what it uses.
   void stop() override;
 
   // The port that the started proxy listens on.
@@ -52,7 +54,7 @@ class Proxy final : public FlowSource {
 
   uint16_t port_;
   const ProxyLimits limits_;
-  Descriptor stop_;  // an eventfd(2), for the acceptor
+  Descriptor stop_;  // an eventfd(2) that ends the acceptor
   std::vector<Descriptor> listeners_;
   std::shared_ptr<Shared> shared_;
   std::thread acceptor_;

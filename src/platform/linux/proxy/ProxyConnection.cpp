@@ -24,7 +24,8 @@ using namespace std::chrono_literals;
 constexpr auto kHeadTime = 30s;   // to receive a request's head
 constexpr auto kReplyTime = 10s;  // to send a short reply
 
-// Asks the provider about one connection's flow. Without begin(), when no rule selects the flow, everything passes.
+// Asks the provider about the flow of one connection. If no rule selects the flow, begin() is not called, and
+// everything passes.
 class Examination {
  public:
   enum class Answer { Pass, Drop };
@@ -38,7 +39,7 @@ class Examination {
   // Lets ask() read the flow's name from its first bytes.
   void readNameFor(Ref<LinuxSocketFlow> flow) { unnamedFlow_ = std::move(flow); }
 
-  // A GateQuestion.
+  // Answers the relay's GateQuestion: may the outbound bytes in `held` leave?
   Gate ask(std::span<const uint8_t> held, bool ended, bool silent) {
     if (!session_) return Gate::Open;
     if (session_->holdsData() && !held.empty()) {
@@ -54,7 +55,8 @@ class Examination {
   // Sets the flow's name if the bytes have it. Returns false while more bytes are needed.
   bool readName(std::span<const uint8_t> held, bool last) {
     if (unnamedFlow_ == nullptr) return true;
-    // The held bytes grow by what the client sent since. No more are held than the relay's buffer takes.
+    // `held` begins with the bytes of the last call; only those after them are new. If `held` fills the relay's buffer,
+    // no more bytes can come.
     const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
     if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
     if (state == ServerNameReader::State::Known) unnamedFlow_->setRemoteHostname(name_.name());
@@ -65,7 +67,7 @@ class Examination {
   std::unique_ptr<FilterSession> session_;
   Ref<LinuxSocketFlow> unnamedFlow_;
   ServerNameReader name_;
-  size_t read_ = 0;  // held bytes that name_ has read
+  size_t read_ = 0;  // how many of the held bytes name_ has read
 };
 
 const char* phrase(unsigned status) {
@@ -92,7 +94,8 @@ class ProxyConnection {
 
   void serve() {
     if (!readHead() || !examine()) return;
-    // A request's bytes are here already, so they are judged before the proxy connects to the server.
+    // A forwarded request's first bytes are here already, so the provider sees them before the proxy connects to the
+    // server.
     if (request_.form == ProxyRequest::Form::Forward && !gatherFirstBytes()) return;
     if (connectUpstream()) carry();
   }
@@ -150,7 +153,7 @@ bool ProxyConnection::examine() {
   if (action == NEFilterAction::FilterData) {
     auto ends = socket_ends(client_.get());
     if (!ends) return false;
-    // The owner is looked up by the client's end of the connection: its local address is our peer.
+    // Looks up the owner of the client's socket. The local address of that socket is the peer address of ours.
     Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
                                               reinterpret_cast<const sockaddr*>(&ends->local));
     if (request_.form == ProxyRequest::Form::Forward) {
@@ -170,7 +173,8 @@ bool ProxyConnection::examine() {
   return false;
 }
 
-// Puts the rewritten head before the body's first bytes, and shows both. Returns false when the flow was dropped.
+// Puts the rewritten head before the body's first bytes, and shows both to the provider. Returns false when the flow
+// was dropped or the body is malformed.
 bool ProxyConnection::gatherFirstBytes() {
   std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(first_.data()), first_.size());
   first_.resize(request_.body.take(rest));
@@ -211,7 +215,8 @@ bool ProxyConnection::connectUpstream() {
     return false;
   }
   upstream_ = std::move(connected.socket);
-  // Finds a vanished peer after two minutes, not after the system's two hours: it occupies one of the connections.
+  // Ends the connection two minutes after a peer has vanished, not after the system's two hours, because the connection
+  // takes up one of the proxy's places.
   int on = 1, idle = 60, interval = 15, probes = 4;
   for (int socket : {client_.get(), upstream_.get()}) {
     setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);

@@ -8,11 +8,11 @@
 
 namespace orvane {
 
-// Shared by all connections of a proxy. Lives until the last one ends.
+// Shared by all connections of a proxy. Lives until the last connection ends.
 struct ProxyContext {
   Ref<NEFilterDataProvider> provider;
   NEFilterSettings settings;
-  uint16_t port = 0;  // the proxy's own
+  uint16_t port = 0;  // the port on which the proxy listens
 };
 
 // Serves one client on the calling thread, with one tunnel or one request. Returns when the connection has ended.

@@ -50,8 +50,8 @@ FieldNames connection_options(const RequestParser::value_type& message) {
   return names;
 }
 
-// Whether a field belongs to the client's connection only: by its name, or because `listed` has it. Transfer-Encoding
-// does not, because the body is forwarded in its own coding.
+// Whether a field is about the client's connection to the proxy and must not be forwarded: because of its name, or
+// because `listed` contains it. Transfer-Encoding is forwarded, because the body is forwarded in the client's coding.
 bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& listed) {
   switch (field.name()) {
     case http::field::connection:
@@ -72,7 +72,7 @@ bool is_hop_by_hop(const http::fields::value_type& field, const FieldNames& list
 
 std::string forwarded_head(const RequestParser::value_type& message, const Target& target) {
   std::string head(view(message.method_string()));
-  // The client's own version: a client that speaks HTTP/1.0 cannot read a chunked response.
+  // The server gets the client's HTTP version, because a client that speaks HTTP/1.0 cannot read a chunked response.
   head.append(" ").append(target.path).append(message.version() == 10 ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
   head.append("Host: ").append(target.authority).append("\r\n");
   FieldNames listed = connection_options(message);

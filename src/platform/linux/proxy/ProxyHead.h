@@ -42,7 +42,7 @@ class RequestBody {
   State afterSizeDigit(char byte);
 
   State state_;
-  uint64_t remaining_ = 0;  // bytes of the body or of the chunk; while a chunk size is read, its value so far
+  uint64_t remaining_ = 0;  // bytes left of the body or chunk; while a chunk's size is read, the value so far
   bool hasSizeDigit_ = false;
 };
 
@@ -54,7 +54,7 @@ struct ProxyRequest {
   std::string host;  // as the client wrote it; an IPv6 address without its brackets
   bool hostIsAddress;
   uint16_t port;
-  size_t length;  // of the head in bytes, the empty line included
+  size_t length;  // of the head in bytes, including the empty line
 
   // Forward only:
   std::string url;   // as the client wrote it

@@ -25,7 +25,7 @@ class ProxyPlace {
   // An eventfd(2) that is readable when the connection must end.
   int stop() const { return stop_.get(); }
 
-  // The connection passed bytes on. Thread-safe.
+  // Call this when the connection has passed bytes on. Thread-safe.
   void recordBytes(Clock::time_point now = Clock::now()) { lastBytes_.store(now, std::memory_order_relaxed); }
 
  private:
@@ -36,12 +36,13 @@ class ProxyPlace {
   std::atomic<Clock::time_point> lastBytes_;
 };
 
-// The places for a proxy's connections. There is always one for a new connection, so that no user can keep others out:
-// if all are taken, the user who would have most of them, with the new one, loses the connection that has passed no
-// bytes for the longest time. So a user loses no place to another user who has as many.
+// The places for a proxy's connections; their number is limited. If all places are taken, a new connection still gets
+// one, so that no user can keep others out. For that, the user who has the most connections, with the new one counted,
+// loses the connection that has passed no bytes for the longest time. So a user never loses a place to another user who
+// has as many.
 //
-// An ended connection leaves its place at once, but its thread may take some time, if it looks up a name. While a user
-// has many of these threads, further connections of this user are refused.
+// When a connection is ended, its place is free at once, but its thread may go on for some time, for example while it
+// looks up a name. While a user has kEndedLimit such threads, further connections of this user are refused.
 //
 // Thread-safe.
 class ProxyPlaces {
@@ -50,17 +51,19 @@ class ProxyPlaces {
 
   explicit ProxyPlaces(size_t limit) : limit_(limit) {}
 
-  // A place for a connection of this user, until leave(). Null if the connection is refused.
+  // Returns a place for a connection of this user, which has the place until leave(). Null if the connection is
+  // refused.
   ProxyPlace* take(uid_t user, Clock::time_point now = Clock::now());
   void leave(ProxyPlace* place);
 
   // Ends the connections that have passed no bytes for this time.
   void endIdle(Clock::duration time, Clock::time_point now = Clock::now());
 
-  // Ends all connections, and refuses others from now on. Waits for their threads, as long as `time`.
+  // Ends all connections, and refuses new ones from now on. Waits for the threads of the ended connections, for at most
+  // `time`.
   void endAll(Clock::duration time);
 
-  // The most threads of one user's ended connections.
+  // Limit on the threads of one user's ended connections.
   static constexpr size_t kEndedLimit = 256;
 
  private:

@@ -8,7 +8,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A client that sends nothing for this time waits for its server, and the server may wait for the bytes that are held.
+// If the client sends nothing for this time, the relay asks again about the held bytes, and says so (`silent`): the
+// client probably waits for its server, and the server may wait for the held bytes.
 constexpr auto kSilence = 3s;
 
 bool try_again() { return errno == EAGAIN || errno == EINTR; }
@@ -24,7 +25,7 @@ Relay::Direction::Direction(int fromSocket, int toSocket, std::string_view first
   std::copy(first.begin(), first.end(), buffer.get());
 }
 
-// Reads what is there and fits. Returns the number of bytes.
+// Reads what has arrived and fits into the buffer. Returns the number of bytes.
 size_t Relay::Direction::read() {
   ssize_t count = recv(from, buffer.get() + end, capacity - end, 0);
   if (count > 0) {
@@ -37,8 +38,8 @@ size_t Relay::Direction::read() {
   return 0;
 }
 
-// Writes what the target takes, and returns whether it took bytes. A target that reads no more may still send, so this
-// does not break the connection.
+// Writes what the target takes, and returns whether it took bytes. If the target reads no more, only this direction is
+// finished, because the target may still send.
 bool Relay::Direction::write() {
   ssize_t count = send(to, buffer.get() + begin, end - begin, MSG_NOSIGNAL);
   if (count < 0 && !try_again()) {
@@ -76,7 +77,7 @@ Relay::Outcome Relay::run() {
   }
 }
 
-// Calls the gate, unless it is open.
+// Asks whether the held bytes may leave, until the gate is open. Asks once more when the outbound side has ended.
 void Relay::ask(bool silent) {
   if (endAsked_ || (gate_ == Gate::Open && !outbound_.sourceEnded)) return;
   endAsked_ = outbound_.sourceEnded;
@@ -90,7 +91,7 @@ void Relay::finishEmpty(Direction& direction, bool passOn) {
   if (passOn) shutdown(direction.to, SHUT_WR);
 }
 
-// A request ends with its response, a tunnel with both directions.
+// A request is over when its response has ended; a tunnel is over when both directions have ended.
 bool Relay::isOver() const { return inbound_.finished && (outbound_.finished || body_ != nullptr); }
 
 Wait Relay::wait() {
@@ -99,8 +100,9 @@ Wait Relay::wait() {
     short events = 0;
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
-    // poll() reports a socket that is shut in both directions again and again, even without requested events. So after
-    // our own shutdown such a socket is left out. Before it, only a reset is reported that way.
+    // poll() reports a socket that is shut down in both directions again and again, even if no events are requested. So
+    // a socket without requested events is left out once nothing more will be written to it. Before that, poll()
+    // reports only a reset in this way.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
@@ -120,7 +122,8 @@ Wait Relay::wait() {
 void Relay::readOutbound(short events) {
   if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return;
   if (!outbound_.mayRead()) {
-    // The client was reset while the buffer was full. Its bytes can still be read later, but it takes no more.
+    // The client has reset the connection while the buffer was full. The bytes that it sent before can still be read
+    // later, but it accepts no more.
     if ((events & (POLLHUP | POLLERR)) != 0) inbound_.finished = true;
     return;
   }

@@ -15,11 +15,11 @@ namespace orvane {
 // The bytes that one direction of a connection buffers, in addition to the kernel's own buffers.
 inline constexpr size_t kRelayBufferSize = 65536;
 
-// Whether outbound bytes may leave.
+// Whether outbound bytes may leave: yes, not yet, or never.
 enum class Gate { Open, Held, Dropped };
 
 // Decides about the outbound bytes that are held. `ended`: the outbound side has ended. `silent`: the client has sent
-// nothing for 3 s. After Open, it is called once more: when the outbound side ends.
+// nothing for 3 s. After the answer Open, the question is asked only once more, when the outbound side ends.
 using GateQuestion = std::function<Gate(std::span<const uint8_t> held, bool ended, bool silent)>;
 
 // Copies bytes between a client and its upstream, each way through a bounded buffer: while one side does not read, the
@@ -29,15 +29,15 @@ class Relay {
  public:
   enum class Outcome {
     Ended,    // both sides got everything
-    Dropped,  // by the gate
+    Dropped,  // the gate became Dropped
     Broken,   // one side was reset, or the body is malformed: the other side must not see an orderly end
     Stopped,  // `stop` was raised
   };
 
   // Borrows the sockets, which are non-blocking, and `stop`, an eventfd(2). `first` has outbound bytes that were read
   // already. With a body, the relay carries one request: it forwards the rest of the body and nothing after it, and
-  // ends with the response. Without a body it is a tunnel, which passes each side's end on to the other side. Calls
-  // `onBytes` after each write of bytes to either side.
+  // ends with the response. Without a body, the relay is a tunnel: when one side sends no more, it tells the other
+  // side. Calls `onBytes` after each write of bytes to either side.
   Relay(
       int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question,
       std::function<void()> onBytes = [] {});
