@@ -22,8 +22,9 @@ from scripts import ACK, FIN, RST, SYN, URG, Script
 DEVICE = "peer0"
 # The clients' own addresses; the servers have the other ones of these networks.
 LOCAL = {4: "10.77.255.254/16", 6: "fd77::ffff:1/64"}
-_RESEND = 0.15  # seconds between the peer's retransmissions
-_RESENDS = 60
+# Seconds until the peer's retransmissions. Later ones leave the client time: each segment that arrives delays the
+# kernel's timer that sends into a narrow window.
+_RESENDS = [0.15, 0.15, 0.3, 0.6, *[1] * 12]
 
 
 def server_address(family: int, number: int) -> str:
@@ -192,14 +193,14 @@ class Connection:
 
     def _transmit(self, data: bytes, turn: int = 0) -> None:
         self._out += data
-        if self._is_reset or not self._out or turn > _RESENDS:
+        if self._is_reset or not self._out:
             return
         for start in range(0, len(self._out), 1000):
             self._send(ACK, self._out[start : start + 1000], sequence=self._acknowledged + start)
         if self._has_ended:
             self._send(FIN | ACK, sequence=self._acknowledged + len(self._out))
-        if not self._script.sends_once:
-            self._peer.later(_RESEND, self._transmit, b"", turn + 1)
+        if turn < len(_RESENDS) and not self._script.sends_once:
+            self._peer.later(_RESENDS[turn], self._transmit, b"", turn + 1)
 
     def _end(self, how: int) -> None:
         if self._has_ended or self._is_reset:
