@@ -75,7 +75,7 @@ NSString* advice_for(NSError* error) {
 - (OSSystemExtensionReplacementAction)request:(OSSystemExtensionRequest*)request
                   actionForReplacingExtension:(OSSystemExtensionProperties*)existing
                                 withExtension:(OSSystemExtensionProperties*)extension {
-  // Replace even a newer version: a user who opens an older application wants the extension in it.
+  // Replace even a newer version: a user who opens an older application wants that application's extension.
   return OSSystemExtensionReplacementActionReplace;
 }
 

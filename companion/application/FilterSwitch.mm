@@ -58,7 +58,7 @@ NSString* advice_for(NSError* error) {
 
 - (void)didSave:(NSError*)error {
   if (error == nil) return [self performSelectorOnMainThread:@selector(refresh) withObject:nil waitUntilDone:NO];
-  // Load again: the shared object still has the change that the system refused.
+  // Load again, because the shared object still has the change that the system refused.
   [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError*) {
     [self performSelectorOnMainThread:@selector(showFailure:) withObject:error waitUntilDone:NO];
   }];

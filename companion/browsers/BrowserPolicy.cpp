@@ -135,7 +135,7 @@ void read_chromium_policies(const Json& json, const std::string& path, PolicyInF
 
 void read_firefox_policies(const Json& json, const std::string& path, PolicyInForce& result) {
   const Json* http3 = member(json, {"policies", "Preferences", kHttp3Preference});
-  // Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
+  // For a preference, Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
   const Json* value = http3 != nullptr && http3->is_object() ? member(*http3, {"Value"}) : http3;
   const Json* status = http3 != nullptr ? member(*http3, {"Status"}) : nullptr;
   const bool locked = http3 != nullptr && (!http3->is_object() || (status != nullptr && *status == "locked"));

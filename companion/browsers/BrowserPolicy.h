@@ -7,8 +7,8 @@
 
 namespace orvane {
 
-// Managed policies are files with which the machine's administrator configures browsers for all users. Ours switch off
-// what hides host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
+// Managed policies are files with which the machine's administrator configures browsers for all users. The policies
+// that orvanectl installs switch off what hides host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
 
 // The `root` of the functions below: a prefix of every path, empty for this machine's own files. Tests pass a folder of
 // their own.

@@ -12,7 +12,8 @@ namespace fs = std::filesystem;
 
 constexpr size_t kSettingsLimit = size_t{32} << 20;
 
-// The value in the last line `user_pref("NAME", VALUE);`. Firefox writes each preference on its own line.
+// The text VALUE in the last line `user_pref("NAME", VALUE);` of a preference. Firefox writes each preference on its
+// own line.
 std::string_view preference(std::string_view text, std::string_view name) {
   const std::string start = "user_pref(\"" + std::string(name) + "\", ";
   size_t found = text.rfind(start);
@@ -68,7 +69,7 @@ BrowserProfile parse_chromium_state(std::string_view text) {
   const Pointer mode("/dns_over_https/mode"), experiments("/browser/enabled_labs_experiments");
   if (state.contains(mode) && state[mode].is_string()) profile.dnsOverHttps = state[mode].get<std::string>();
   if (state.contains(experiments) && state[experiments].is_array()) {
-    // Choices in chrome://flags: 1 is "Enabled", 2 is "Disabled".
+    // The number after "@" is the choice in chrome://flags: 1 is "Enabled", 2 is "Disabled".
     for (const auto& experiment : state[experiments]) {
       if (experiment == "enable-quic@1") profile.http3 = true;
       if (experiment == "enable-quic@2") profile.http3 = false;

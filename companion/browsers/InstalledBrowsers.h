@@ -24,7 +24,7 @@ struct BrowserList {
 inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
 
 // Reads BUNDLE/Contents/Resources/Browsers.plist. A list of more than 1024 bytes is a fault, because the extension
-// reads only the first 1024.
+// reads only the first 1024 bytes.
 BrowserList read_browser_list(const std::string& bundle);
 
 enum class BrowserPackage { Program, Flatpak, Snap };

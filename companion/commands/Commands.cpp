@@ -57,8 +57,8 @@ void print_result(const Arguments& arguments, const char* member, const nlohmann
   }
 }
 
-// Reports the names in the list that are not host names. `source` is the name of their file, or null if they are
-// arguments. Returns whether all names are host names.
+// Reports the names in the list that are not host names. `source` is the file that the names come from, or null if they
+// are arguments of the command line. Returns whether all names are host names.
 bool report_refusals(const HostnameList& list, const char* source) {
   for (const auto& refused : list.refused) {
     std::string where = source == nullptr ? "" : std::string(source) + ":" + std::to_string(refused.line) + ": ";
@@ -158,7 +158,7 @@ void print_progress(uint64_t sent, uint64_t total) {
   constexpr double kMegabyte = 1e6;
   std::fprintf(stderr, "\rsending: %.1f of %.1f MB", static_cast<double>(sent) / kMegabyte,
                static_cast<double>(total) / kMegabyte);
-  // After the last byte the extension still builds its table. The command ends when that is done.
+  // After the last byte is sent, the extension still builds its table, and the command waits for that.
   if (sent == total) std::fputs(", the extension is loading the list", stderr);
   std::fflush(stderr);
 }
@@ -301,8 +301,8 @@ size_t edit_distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-// For a command line without a known command: throws an error that names its first word and suggests the command with
-// the nearest name.
+// For a command line without a known command. Throws an error that contains the first word of the command line and
+// suggests the command with the nearest name.
 void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];

@@ -145,7 +145,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       changed = changed || changes.back().changed;
     }
     // Check only after the last change, because a later change may remove or suspend the site that still blocks a name
-    // of an earlier one.
+    // of a site that was changed before.
     for (Change& each : changes) {
       if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
     }

@@ -64,7 +64,7 @@ struct RulesFacts {
 struct BrowserFacts {
   InstalledBrowser browser;
   PolicyInForce policy;                  // empty when the browser has no documented folder of policies
-  std::vector<BrowserProfile> profiles;  // of the user
+  std::vector<BrowserProfile> profiles;  // the user's
 };
 
 // Everything that the checks need to know about the machine.
@@ -76,7 +76,7 @@ struct Facts {
   GroupFacts group;
   std::vector<pid_t> processes;          // of the extensions in this network namespace
   pid_t process = 0;                     // the extension that the next member describes; 0 for none
-  std::optional<uint64_t> capabilities;  // effective ones, one bit each (capabilities(7))
+  std::optional<uint64_t> capabilities;  // the effective capabilities of `process`, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;
   std::optional<bool> hasQueueTarget;  // whether the kernel can hand packets to a queue; nothing if not known
   std::vector<RulesFacts> rules;       // empty unless run by root

@@ -189,8 +189,8 @@ std::vector<RulesFacts> look_at_rules() {
   return rules;
 }
 
-// The bundle of the running extension `process`; the package's bundle if none runs or if the path of its program cannot
-// be read.
+// The bundle of the running extension `process`. If `process` is 0 or the path of its program cannot be read, the
+// package's bundle.
 std::string find_bundle(pid_t process) {
   if (process != 0) {
     const fs::path program = read_link("/proc/" + std::to_string(process) + "/exe");

@@ -26,11 +26,11 @@ class ExtensionLink {
 
   ExtensionLink(ClientOptions options, KeeperState& state);
 
-  // For poll(2): POLLRDHUP when the extension has closed the connection; -1 if disconnected.
+  // A descriptor for poll(2), which reports POLLRDHUP when the extension has closed the connection. -1 if disconnected.
   int connection() const { return client_ ? client_->descriptor() : -1; }
-  // For poll(2): readable when a socket file may have appeared; -1 if connected.
+  // A descriptor for poll(2), readable when a socket file may have appeared. -1 if connected.
   int socketWatch() const { return sockets_ ? sockets_->descriptor() : -1; }
-  // The latest time for the next call of attend().
+  // When attend() must be called again, at the latest.
   Clock::time_point due() const { return due_; }
 
   // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`; if connected, reads

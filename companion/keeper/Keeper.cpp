@@ -54,7 +54,8 @@ constexpr size_t kBadLinesLogged = 3;
 
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
 
-// A timer on the wall clock. It also fires after the machine has slept past the moment, and when the clock is set.
+// A timer on the wall clock. If the machine sleeps past the timer's moment, the timer fires after the sleep. It also
+// fires when the clock is set.
 class WallClock {
  public:
   WallClock() : timer_(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}

@@ -37,7 +37,7 @@ struct KeeperState {
   std::optional<Moment> sentAt;
   uint64_t changes = 0;                       // the extension's count of edits when last read
   uint64_t changesOfOthers = 0;               // edits by other clients since the keeper last sent the whole list
-  std::optional<std::string> extensionError;  // why there is no connection, or the list was not accepted
+  std::optional<std::string> extensionError;  // why there is no connection, or why the list was not accepted
 };
 
 // The state file of the keeper that runs as a service.

@@ -18,7 +18,8 @@ class PathWatch {
   // `paths`: absolute.
   explicit PathWatch(std::vector<std::string> paths);
 
-  // For poll(2): readable when readEvents() should be called; -1 if the system's limit of inotify instances is reached.
+  // A descriptor for poll(2), readable when readEvents() should be called. -1 if the system's limit of inotify
+  // instances is reached.
   int descriptor() const { return inotify_.get(); }
 
   // Reads all pending events. Returns true, and calls arm(), if an event concerned one of the files (each write is an

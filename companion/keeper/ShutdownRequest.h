@@ -14,7 +14,7 @@ class ShutdownRequest {
   ShutdownRequest(const ShutdownRequest&) = delete;
   ShutdownRequest& operator=(const ShutdownRequest&) = delete;
 
-  // For poll(2): readable once a signal has arrived.
+  // A descriptor for poll(2), readable once a signal has arrived.
   int descriptor() const { return wake_.get(); }
   bool isMade() const;
 

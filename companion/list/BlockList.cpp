@@ -173,7 +173,7 @@ HeldNames held_names(const BlockList& list, Moment now) {
   });
   std::sort(held.names.begin(), held.names.end());
   held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
-  // If two sites have the same name, the suspension that ends first counts; sorting puts it first.
+  // If two suspended sites share a name, the suspension that ends first counts; sorting puts it first.
   std::sort(held.suspended.begin(), held.suspended.end());
   auto sameName = [](const auto& left, const auto& right) { return left.first == right.first; };
   held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), sameName), held.suspended.end());

@@ -24,11 +24,11 @@ struct BlockedSite {
 };
 
 // The name under which a host is put on the list: without a leading "www." or "m.". The name stays whole if the rest
-// has no dot ("www.com") or starts with such a prefix again ("www.m.example.com"). A view into `host`.
+// has no dot ("www.com") or itself starts with one of these prefixes ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// All names to block for a site, its own first. A host without a dot has no usual names; usual names that would be
-// longer than a host name may be are left out.
+// All names to block for a site, its own first. A host without a dot has no usual names. A usual name that would be too
+// long for a host name is left out.
 std::vector<std::string> names_of(const BlockedSite& site);
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
@@ -46,7 +46,7 @@ class BlockList {
 
   // The sites, in the order of their lines. If a site has several lines, the last one counts.
   std::vector<BlockedSite> sites() const;
-  void forEachSite(const std::function<void(const BlockedSite&)>& visit) const;  // the same, without copying
+  void forEachSite(const std::function<void(const BlockedSite&)>& visit) const;  // the same sites, not copied
   size_t size() const { return lineByHost_.size(); }                             // the number of sites
   const std::vector<BadLine>& badLines() const { return badLines_; }
 

@@ -14,7 +14,8 @@ std::string line_of(const BlockedSite& site);
 // for the machine's list. Returns false for an invalid line and sets `fault` to what is wrong and what to do.
 bool read_line(std::string_view line, bool usualNames, BlockedSite& site, std::string& fault);
 
-// normalize_hostname(), with a limit on the text's length: international names take time in proportion to it.
+// Calls normalize_hostname(), but refuses a text that is too long: the time to convert an international name grows with
+// its length.
 bool read_hostname(std::string_view given, std::string& name, std::string& fault);
 
 // Removes the first word and the white space after it from a text that starts with a word. Returns the word.

@@ -27,8 +27,8 @@ struct ImportedSites {
   size_t lines = 0;
   size_t duplicates = 0;   // names that occurred earlier in this text
   size_t skipped = 0;      // names like localhost, which every hosts file has
-  size_t rejected = 0;     // invalid lines; in hosts(5), invalid names
-  size_t filterRules = 0;  // lines of the third form, whose authors mean subdomains, too
+  size_t rejected = 0;     // invalid lines; in a line of hosts(5), each invalid name
+  size_t filterRules = 0;  // lines of the third form; their authors mean the subdomains, too
 };
 
 // Called for each rejected line or name: the line's number from 1, the text, and what is wrong and what to do.

@@ -16,7 +16,7 @@ struct HostnameList {
   };
 
   std::vector<std::string> names;  // in the order given, duplicates included
-  std::vector<Refused> refused;    // the first kRefusalsKept
+  std::vector<Refused> refused;    // only the first kRefusalsKept names that were refused
   size_t refusedCount = 0;
 
   static constexpr size_t kRefusalsKept = 20;

@@ -21,8 +21,8 @@ struct ALabel {
   std::string reason;  // if Forbidden or Invalid: the library's message
 };
 
-// The A-label of a label in UTF-8, by UTS #46, non-transitional. A label that already is an A-label is decoded and
-// encoded again.
+// Converts a label in UTF-8 to its A-label, by UTS #46, non-transitional. A label that already is an A-label is decoded
+// and encoded again.
 ALabel look_up_label(const std::string& label);
 
 }  // namespace orvane

@@ -13,7 +13,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// No real property is nested this deeply. The limit of the extension itself is higher.
+// Limit on the nesting of properties. No real property is nested this deeply, and the extension's own limit is higher.
 constexpr int kDeepest = 16;
 
 Value convert(const Json& json, int depth);

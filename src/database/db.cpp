@@ -75,7 +75,7 @@ void db_hostname_remove(const Value& hostname) {
     DatabaseLock lock;
     db_hostnames->erase(hostname);
   }
-  // "removed", unlike the function's name: a frozen text (docs/compatibility.md).
+  // The name in this message is not the function's name, but the text is frozen (docs/compatibility.md).
   ORVANE_LOG_DEBUG(db_log, "db_hostname_removed: %@", hostname);
   ORVANE_LOG_DEBUG(db_log, "db_hostnames: %@", db_table_copy(db_hostnames));
 }

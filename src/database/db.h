@@ -22,7 +22,8 @@ void db_term();
 // Replaces the whole list by the strings in a set, each with empty properties. A value that is not a set empties the
 // list.
 void db_hostname_set(const Value& hostnames);
-// Adds a string with empty properties; a name that is already held keeps its properties. Ignores other values.
+// Adds a string with empty properties; a name that is already held keeps its properties. Ignores a value that is not a
+// string.
 void db_hostname_add(const Value& hostname);
 // Removes a name and its properties, if it is held.
 void db_hostname_remove(const Value& hostname);

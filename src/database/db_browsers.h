@@ -21,7 +21,7 @@ void db_browser_set_from_plist(const Value& plist);
 
 // Replaces the identifiers by the strings in a set. A value that is not a set removes all identifiers.
 void db_browsers_set(const Value& identifiers);
-// Adds a string. Ignores other values.
+// Adds a string. Ignores a value that is not a string.
 void db_browser_add(const Value& identifier);
 void db_browser_remove(const Value& identifier);
 

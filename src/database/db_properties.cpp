@@ -18,7 +18,7 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
   if (Value* const current = db_hostnames->find(hostname)) {
     std::swap(*current, stored);  // `stored` frees the old properties after unlocking
   } else {
-    // "_dictionary", unlike the function's name: a frozen text (docs/compatibility.md).
+    // The name in this message is not the function's name, but the text is frozen (docs/compatibility.md).
     ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties_dictionary: hostname %@ not found", hostname);
   }
   return lock.unlock();

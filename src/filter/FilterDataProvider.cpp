@@ -120,7 +120,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataCompleteForFlow(const 
   const NEFilterSocketFlow* socket = socketFlow(flow);
   const std::optional<std::string> hostname = socket == nullptr ? std::nullopt : socket->remoteHostname();
   if (!hostname) {
-    // "allowinf": a frozen text (docs/compatibility.md).
+    // "allowinf" is misspelt, but the text is frozen (docs/compatibility.md).
     ORVANE_LOG_DEBUG(_log, "handleOutboundDataCompleteForFlow: remoteHostname is nil; allowinf flow...");
     return NEFilterDataVerdict::allowVerdict();
   }

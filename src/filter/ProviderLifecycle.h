@@ -9,7 +9,8 @@
 // What both providers share: how they start and stop, and their rules.
 namespace orvane {
 
-// Applies the rules, with "allow" for flows that match none, and reports the outcome to the handler. Logs a failure.
+// Asks the platform to apply the rules, and to allow flows that match no rule. Reports the outcome to the handler. Logs
+// a failure.
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler);
 

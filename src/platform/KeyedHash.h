@@ -20,7 +20,7 @@ uint64_t siphash13(HashKey key, std::string_view bytes);
 // siphash13() with a random key that each process draws once, so the result differs from process to process.
 uint64_t keyed_hash(std::string_view bytes);
 
-// For the standard library's containers.
+// The hash function for the standard library's containers.
 struct KeyedHash {
   size_t operator()(std::string_view bytes) const { return keyed_hash(bytes); }
 };

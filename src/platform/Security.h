@@ -14,7 +14,7 @@ namespace orvane {
 struct SecCode;        // a running program
 struct SecStaticCode;  // a program on disk
 struct CodeURL;        // the location of a program on disk
-struct Number;         // a number object: a tagged pointer on every system, so a leaked one costs nothing
+struct Number;         // a number object: a tagged pointer on every system, so leaking a number costs nothing
 struct Dictionary;     // attributes to look up, or signing information
 
 void retain(const SecCode* code);
@@ -49,7 +49,7 @@ Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid);
 inline constexpr std::string_view kSecCodeInfoPList = "info-plist";
 inline constexpr std::string_view kCFBundleIdentifierKey = "CFBundleIdentifier";
 
-// The dictionary under a key, borrowed from the outer one; or null.
+// The dictionary that another dictionary has under a key; null if there is none. Borrowed from the other dictionary.
 const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key);
 // A copy of the string under a key, if it exists.
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key);

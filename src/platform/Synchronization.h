@@ -38,8 +38,8 @@ class ObjectMonitor {
   const NSObject* object_;
 };
 
-// A recursive lock as an object. The extension declares one and never makes it (docs/compatibility.md), so it has no
-// operations.
+// A recursive lock as an object. The extension declares such a lock but never creates it (docs/compatibility.md), so
+// the class has no operations.
 class NSRecursiveLock : public NSObject {};
 
 }  // namespace orvane

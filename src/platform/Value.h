@@ -73,8 +73,8 @@ class Value {
   bool isSet() const { return kind_ == Kind::Set; }
   bool isDictionary() const { return kind_ == Kind::Dictionary; }
 
-  // The content; false, 0 or empty for a value of another kind. Views and references are valid as long as any copy of
-  // the value exists.
+  // Each function returns the value's content; for a value of another kind, it returns false, 0 or an empty content.
+  // Views and references are valid as long as any copy of the value exists.
   bool asBoolean() const;
   double asReal() const;  // of a number
   std::string_view asString() const;
@@ -137,8 +137,8 @@ class Value {
 
   Kind kind_ = Kind::Null;
   uint8_t form_ = 0;             // a number's form, or kBorrowed
-  uint16_t borrowedLength_ = 0;  // bytes of a borrowed string
-  uint32_t stringHash_ = 0;      // of a string, so that a table need not read its characters; else 0
+  uint16_t borrowedLength_ = 0;  // length of a borrowed string, in bytes
+  uint32_t stringHash_ = 0;      // hash of a string, so that tables need not read its characters; else 0
   Payload payload_{};
 };
 static_assert(sizeof(Value) == 16);

@@ -7,7 +7,7 @@
 namespace orvane {
 
 int32_t web_filter_init() {
-  // The platform creates the class that the bundle names.
+  // The bundle names one of these two classes, and the platform creates an object of that class.
   NEFilterProvider::registerProviderClass("FilterDataProvider",
                                           []() -> Ref<NEFilterDataProvider> { return FilterDataProvider::init(); });
   NEFilterProvider::registerProviderClass(

@@ -87,7 +87,8 @@ class XPCClient final : public Client {
   // Throws when no extension answers.
   void open() {
     attempt("reach", [this] {
-      // Privileged: finds only the system's services, whose names no user's program can take.
+      // NSXPCConnectionPrivileged: the framework looks only among the system's services, whose names no user's program
+      // can take.
       connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
                                                                options:NSXPCConnectionPrivileged];
       [connection_ setRemoteObjectInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];

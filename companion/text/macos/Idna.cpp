@@ -90,7 +90,7 @@ ALabel failure(ALabel::Status status, const char* reason = "") { return {status,
 }  // namespace
 
 ALabel look_up_label(const std::string& label) {
-  // In bytes. A longer label cannot map to 63 characters, unless most of its characters map to nothing.
+  // In bytes. A longer label becomes longer than 63 characters, unless most of its characters map to nothing.
   constexpr size_t kLongest = 4096;
   if (label.size() > kLongest) return failure(ALabel::Status::TooLong);
   if (!is_utf8(label)) return failure(ALabel::Status::NotUTF8);

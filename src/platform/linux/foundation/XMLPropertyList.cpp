@@ -109,7 +109,7 @@ class XMLReader {
   }
 
  private:
-  // An element between its start tag and its end tag.
+  // An element whose start tag has been read, but not its end tag.
   struct Open {
     const Element* element;
     std::string text;

@@ -12,7 +12,7 @@ void retain(const Data* data) { CFRetain(data); }
 void release(const Data* data) { CFRelease(data); }
 
 Ref<Data> data_create(const uint8_t* bytes, int64_t length) {
-  // CFDataCreate ends the process on these arguments.
+  // With these arguments, CFDataCreate would end the process.
   if (length < 0 || (bytes == nullptr && length > 0)) return nullptr;
   return Ref<Data>::adopt(from_native<Data>(CFDataCreate(kCFAllocatorDefault, bytes, length)));
 }

@@ -69,7 +69,8 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return string == nullptr ? std::nullopt : std::optional(text_of_string(string));
 }
 
-// Status and output are passed on unchanged; callers handle every combination.
+// The functions below pass on the framework's status and output unchanged, because their callers handle every
+// combination of the two.
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
   SecCodeRef found = nullptr;
