@@ -10,8 +10,8 @@ using namespace orvane;
 
 namespace {
 
-// GnuTLS calls this for each extension of the hello. From the server name extension (0) it stores the first host name,
-// and all bytes that follow it there.
+// GnuTLS calls this for each extension of the hello. From the server name extension (0), this stores the first host
+// name together with the rest of the extension.
 int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
   auto& found = *static_cast<std::string*>(context);
   if (id == 0 && found.empty() && size > 5 && data[2] == 0) found.assign(data + 5, data + size);
@@ -54,8 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto name = name_by_gnutls(bytes);
   if (name && reader.state() == ServerNameReader::State::Known && !name->empty() &&
       listed_form(*name) != reader.name() && name->find('\0') == std::string::npos) {
-    // With several names in the list, take_extension() stored the rest of the list too. It begins with the reader's
-    // name.
+    // If the extension has several names, take_extension() stored all of them. Then the stored bytes must begin with
+    // the reader's name.
     if (listed_form(*name).compare(0, reader.name().size(), reader.name()) != 0) abort();
   }
   return 0;

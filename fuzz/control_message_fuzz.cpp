@@ -1,6 +1,10 @@
-// Plays a client of the control channel that sends arbitrary bytes. The first byte selects what reads the other bytes:
-// a new session; a session that has read the bootstrap message; such a session, but with the bytes framed as one
-// message; or the conversion of values alone.
+// Plays a client of the control channel that sends arbitrary bytes. The first byte of the input selects who reads the
+// other bytes:
+//
+//   0   a new session
+//   1   a session that has read the bootstrap message
+//   2   such a session, but a segment table before the bytes makes them one message
+//   3   the conversion of values, without a session
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize.h>
 #include <sys/socket.h>
@@ -78,7 +82,7 @@ std::string bootstrap() {
   return {reinterpret_cast<const char*>(words.begin()), words.asBytes().size()};
 }
 
-// Checks that a value stays the same when it is written and read again.
+// Reads the bytes as a value. Checks that this value stays the same when it is written and read again.
 void convert(const std::string& bytes) {
   auto words = kj::heapArray<capnp::word>((bytes.size() + 7) / 8);
   if (words.size() == 0) return;

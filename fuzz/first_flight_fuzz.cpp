@@ -10,7 +10,7 @@ using namespace orvane;
 
 namespace {
 
-constexpr size_t kCells = size_t{1} << 20;  // beyond the end of every segment below
+constexpr size_t kCells = size_t{1} << 20;  // no segment below reaches this offset
 
 // The expected flight: one cell for each byte. A cell keeps the first value that it gets.
 struct Model {
@@ -35,7 +35,7 @@ struct Model {
   }
 };
 
-// The bytes of the segments. They repeat after 256.
+// The bytes from which segments are taken. The pattern repeats after 256 bytes.
 const auto kContents = [] {
   std::array<uint8_t, 6000 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
@@ -44,9 +44,9 @@ const auto kContents = [] {
 
 }  // namespace
 
-// The input: four bytes of the first sequence number, then for each segment two bytes of its offset (512 is the first
-// sequence number) and two bytes of its length. The segments differ in their bytes, so that a byte from the wrong
-// segment is noticed.
+// The input has four bytes for the first sequence number. Then each segment has two bytes for its offset (512 means the
+// first sequence number) and two bytes for its length. The segments differ in their content, so that a byte from the
+// wrong segment is noticed.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> input(data, std::min<size_t>(size, 4 + 4 * 60));
   if (input.size() < 4) return 0;

@@ -3,8 +3,7 @@
 #include "FirstBytes.h"
 #include "platform/linux/proxy/ProxyHead.h"
 
-// Reads the input as the first bytes from a client of the proxy, a head with a body, and also as the first bytes in a
-// tunnel.
+// Reads the input in two ways: as a request to the proxy (a head and a body), and as the first bytes in a tunnel.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace orvane;
   std::span<const uint8_t> bytes(data, size);

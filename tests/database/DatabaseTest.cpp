@@ -52,8 +52,8 @@ TEST_F(HostnamesTest, AddsOnlyStrings) {
 }
 
 TEST_F(HostnamesTest, KeepsOtherNamesThroughRandomEdits) {
-  // Compares the table with a std::set. There are only 64 names, so the table stays small: names collide in it, and its
-  // probing wraps around its end.
+  // Compares the table with a std::set after each edit. With only 64 names the table stays small. So names collide in
+  // it, and some searches wrap around from the table's end to its start.
   stand_in::log.disabled = {LogLevel::Debug};
   std::set<std::string> expected;
   uint32_t random = 1;
@@ -117,7 +117,8 @@ class PropertiesTest : public DatabaseTest {
     db_hostname_add(text("a.example"));
   }
 
-  // The messages that db_hostname_is_blockable logs, with "+" before each that it logs under the lock, and its result.
+  // Calls db_hostname_is_blockable. Returns the messages that it logs and its result. A message that is logged under
+  // the lock begins with "+".
   static std::pair<std::string, bool> ask() {
     take_log();
     const bool blockable = db_hostname_is_blockable("a.example");
@@ -139,7 +140,7 @@ TEST_F(PropertiesTest, SuspendsUntilTheDateHasPassed) {
       {"no dictionary", text("no dictionary"), true, "DontBlockUntil not found"},
   };
   for (const auto& [what, properties, blockable, message] : cases) {
-    // This date must not survive: properties are replaced, not merged.
+    // This date must not survive the next call, which must replace the properties, not merge them.
     db_hostname_set_properties(text("a.example"), until(9999));
     EXPECT_EQ(db_hostname_set_properties(text("a.example"), properties), 0) << what;
     EXPECT_EQ(ask(), std::pair(kAsked + "_db_hostname_is_blockable " + message, blockable)) << what;
@@ -185,7 +186,7 @@ TEST_F(PropertiesTest, ReadsTheDateThroughTheExportedKey) {
 
 class BrowsersTest : public DatabaseTest {
  protected:
-  // Loads the list again, and returns the messages.
+  // Loads the browser list again. Returns the logged messages.
   static std::string load() {
     take_log();
     stand_in::take_trace();
@@ -274,7 +275,7 @@ TEST_F(BrowsersTest, MatchesEndingsExactly) {
     db_browsers_set(Value::set({text(entry)}));
     EXPECT_EQ(db_is_browser(identifier), found) << entry << " / " << identifier;
   }
-  // One match among several entries.
+  // A match with only one of several entries.
   db_browsers_set(Value::set({text("a"), text("b"), text("fox"), text("d"), text("e")}));
   EXPECT_TRUE(db_is_browser("firefox"));
 }

@@ -12,7 +12,7 @@
 
 static thread_local long allocations = 0;
 
-// Counts allocations. Weak, because a sanitizer may replace these functions, too.
+// Replaces the global operator new with one that counts. Weak, because a sanitizer may replace these functions, too.
 [[gnu::weak]] void* operator new(size_t size) {
   ++allocations;
   if (void* memory = std::malloc(size)) return memory;

@@ -21,8 +21,8 @@ using Data = NEFilterDataVerdict;
 
 constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13, kSafariHelper = 14;
 
-// The database holds the host "held.example" and the identifier "browser". Three processes run: a browser, its helper,
-// and another program.
+// The database has the host "held.example" and the browser "browser". Three processes run: a browser, its helper, and
+// another program.
 class FilterTest : public DatabaseTest {
  protected:
   FilterTest() {
@@ -59,7 +59,8 @@ TEST_F(FilterTest, ReadsPortsOfSocketFlowsToHosts) {
   auto flow = socketFlowTo("53", std::nullopt);
   EXPECT_TRUE(isSocketFlow(*flow));
   EXPECT_EQ(socketFlow(*flow), flow.get());
-  // port() reads the flow's endpoint three times. Each row has the endpoints that it gets; the last one repeats.
+  // port() reads the flow's endpoint three times. Each row has the endpoints that these reads return, in order. The
+  // last endpoint repeats.
   const std::tuple<const char*, std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
       {"none", {}, 0},
       {"no host", {service()}, 0},
@@ -93,7 +94,7 @@ TYPED_TEST(LifecycleTest, ReportsAFailureToApplyItsRules) {
   auto provider = TypeParam::init();
   NSError* reported = nullptr;
   provider->startFilterWithCompletionHandler([&](const Ref<NSError>& error) { reported = error.get(); });
-  provider = nullptr;  // as if the platform released the provider while the settings are applied
+  provider = nullptr;  // the platform may release the provider while the settings are being applied
   stand_in::filter.applied.reset();
   EXPECT_EQ(stand_in::aliveObjects, objects + 1);
   take_log();

@@ -24,7 +24,7 @@ class AudtTokenTest : public testing::Test {
     stand_in::reset();
     security.identifiers = {{kPid, "org.helper"}, {7, "org.browser"}};
   }
-  // No test may leave these objects behind, whatever it looked up.
+  // After each test, none of these objects may be alive.
   ~AudtTokenTest() override { EXPECT_EQ(alive("attributes") + alive("information"), 0); }
 
   static Ref<PLAudtToken> token() { return PLAudtToken::auditTokenWithData(token_of(kPid)); }
@@ -65,7 +65,7 @@ TEST_F(AudtTokenTest, LogsTheFailingStep) {
       {&security.path, "SecCodeCopyPath = ", "urlRef == NULL", 2},
   };
   Ref<PLAudtToken> asked = token();
-  int leaked = found();  // grows: applicationPathFromAuditToken leaks what it finds, but bundleIdentifier does not
+  int leaked = found();  // grows, because applicationPathFromAuditToken leaks what it finds (bundleIdentifier does not)
   for (const auto& [step, statusText, nullText, foundBefore] : steps) {
     for (const auto& [status, null] : {std::pair(-5, false), {-5, true}, {0, true}}) {
       *step = {status, null};
@@ -133,7 +133,7 @@ TEST_F(AudtTokenTest, PassesAnyPidToThePlatform) {
     EXPECT_EQ(messages(), refused);
   }
   EXPECT_EQ(alive("Number"), numbers + 3);  // the core never releases them
-  // The core passes the responsible pid on even if it is -1, which reports a failure.
+  // If the platform fails to find the responsible process, it returns the pid -1. The core uses even this pid.
   security.responsible[kPid] = -1;
   EXPECT_EQ(token()->responsibleBundleIdentifier(), std::nullopt);
   EXPECT_EQ(security.pidsAsked, std::vector<int32_t>{kPid});

@@ -12,7 +12,7 @@ ORVANE_STAND_IN_COUNTED(class, LogHandle, std::string)
 static std::mutex mutex;
 
 std::string stand_in::take_log(const std::string& category) {
-  static const char kMarks[] = "*?:!";  // one for each LogLevel, in that order
+  static const char kMarks[] = "*?:!";  // one character for each LogLevel, in the order of its enumerators
   std::lock_guard lock(mutex);
   std::string texts;
   for (const LogEntry& entry : std::exchange(log.entries, {})) {

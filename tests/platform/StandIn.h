@@ -15,9 +15,9 @@
 #include "platform/Security.h"
 #include "platform/XPC.h"
 
-// A stand-in for the operating system: it implements the platform headers. Tests set what it answers, and inspect what
-// it was asked. It consists of several libraries, so that a test can replace some of them with those of a real
-// platform.
+// A stand-in for the operating system: it implements the platform headers. Tests set what its functions return, and
+// inspect how they were called. It consists of several libraries, so that a test can replace some of them with
+// libraries of a real platform.
 namespace orvane::stand_in {
 
 // The trace: the calls to the stand-in, in order. Thread-safe.
@@ -38,14 +38,14 @@ inline bool nextInitialiserFails = false;  // makes the next NSObject::initialis
 inline std::atomic<int> aliveObjects{0};   // live NSObjects of all classes
 
 // Synchronization.h.
-inline thread_local std::string heldLocks;    // that this thread took, in order: "@" for a monitor, "+" for a mutex
+inline thread_local std::string heldLocks;    // the locks that this thread holds now: "@" a monitor, "+" a mutex
 inline thread_local int mutexLocks = 0;       // how often this thread locked a mutex
 inline std::atomic<int> nextUnlockStatus{0};  // the status that the next unlock returns, after unlocking
 
 // Log.h. Handles are counted as "LogHandle". The default log's category is "default".
 struct LogEntry {
   LogLevel level;
-  std::string category;  // "SUBSYSTEM/CATEGORY" when the subsystem is not the extension
+  std::string category;  // "SUBSYSTEM/CATEGORY" when the subsystem is not the extension's identifier
   std::string text;      // begins with the heldLocks of the thread that logs it
 };
 inline struct LogState {
@@ -54,13 +54,13 @@ inline struct LogState {
   std::function<void(const LogEntry&)> hook;  // called with each entry
 } log;
 // The entries since the last call, joined by " | ". Each is the category, the level (": " debug, "! " error, "? " info,
-// "* " default) and the text. With an argument, returns only that category's entries: each is the text alone, after the
-// level if that is not debug. The other entries are lost.
+// "* " default) and the text. With an argument, returns the entries of that category, without the category, and without
+// the level if it is debug. The entries of other categories are then lost.
 std::string take_log(const std::string& category = "");
 
 // Bundle.h, ReadStream.h, PropertyList.h, Clock.h. There is one bundle, with the resource "Browsers.plist".
 inline struct FileState {
-  Value information = nullptr;   // the bundle's, a dictionary
+  Value information = nullptr;   // the bundle's Info.plist, a dictionary
   std::string fails;             // the failing step: "bundle", "resource", "stream", "open", "read", "data" or "parse"
   std::string content;           // the bytes of the stream
   bool offersBuffer = false;     // whether the stream gives access to its buffer
@@ -75,7 +75,7 @@ inline struct SecurityState {
   using Step = std::pair<OSStatus, bool>;  // the status, and whether the output is null
   Step guest, staticCode, information, path;
   bool numberFails = false, noPropertyList = false, noFileSystemPath = false;
-  std::map<int32_t, std::string> identifiers;  // of each running process; "": its property list has no identifier
+  std::map<int32_t, std::string> identifiers;  // of each running process, by pid; "" if its Info.plist has none
   std::map<int32_t, int32_t> responsible;      // by pid; a process without an entry is responsible for itself
   std::vector<int32_t> pidsAsked;              // the arguments of responsibility_get_pid_responsible_for_pid
 } security;
@@ -84,7 +84,7 @@ Value token_of(int32_t pid);
 // DNS.h. Questions are counted as "dns_question_t".
 inline struct DNSState {
   bool fails = false;
-  std::optional<std::string> name;  // of the question
+  std::optional<std::string> name;  // the name in the question
   std::string parsed;               // the bytes that the parser received
 } dns;
 
@@ -111,7 +111,7 @@ using Flow = ScriptedFlow<NEFilterFlow>;
 struct SocketFlow : ScriptedFlow<NEFilterSocketFlow> {
   using ScriptedFlow::ScriptedFlow;
   std::optional<std::string> hostname;
-  mutable std::deque<Ref<NWEndpoint>> endpoints;  // one for each read; the last one repeats
+  mutable std::deque<Ref<NWEndpoint>> endpoints;  // one for each read of the endpoint; the last one repeats
   Ref<NWEndpoint> remoteEndpoint() const override {
     Ref<NWEndpoint> current = endpoints.empty() ? nullptr : endpoints.front();
     if (endpoints.size() > 1) endpoints.pop_front();

@@ -39,7 +39,8 @@ TEST(ObjectMonitor, LetsOneThreadIn) {
   EXPECT_EQ(count, 30000);
 }
 
-// If the platform had only a fixed number of monitors, some of these 500 objects would share one.
+// If the platform had only a fixed number of monitors, some of these 500 objects would share a monitor, and a thread
+// that holds one object's monitor would block another thread at another object.
 TEST(ObjectMonitor, BelongsToOneObject) {
   std::vector<Ref<Thing>> objects(500);
   for (auto& object : objects) object = Ref<Thing>::adopt(new Thing);

@@ -6,8 +6,8 @@ namespace orvane::stand_in {
 
 namespace {
 
-// These three are never destroyed, because objects that live until the process exits use them. `objects` also refers to
-// each object that is never released, so that leak checkers do not report it.
+// These three variables are never destroyed, because objects that live until the process exits use them. `objects` has
+// a pointer to each live object, so leak checkers do not report an object that is never released.
 auto& mutex = *new std::recursive_mutex;
 auto& lines = *new std::string;
 auto& objects = *new std::map<std::string, std::set<const Counted*>>;

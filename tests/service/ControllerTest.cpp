@@ -34,7 +34,7 @@ TEST_F(ControllerTest, RepliesOnce) {
 }
 
 TEST_F(ControllerTest, RepliesToCountQueriesOutsideItsMonitor) {
-  // Another thread edits during the reply: a deadlock if the monitor were still held.
+  // Another thread makes an edit during the reply. If the monitor were still held then, this would be a deadlock.
   controller->getChangesCount([&](uint64_t) { std::jthread([&] { controller->addHostname(text("a.example")); }); });
   EXPECT_EQ(count(), 1U);
 }
@@ -54,7 +54,7 @@ TEST_F(ControllerTest, CountsEveryEdit) {
   controller->removeHostname(text("c.example"));
   EXPECT_EQ(count(), 9U);
   const std::string messages = " | " + stand_in::take_log("Database");
-  // The "@" says that the thread was in the monitor when it logged the message.
+  // "@" shows that the thread held the monitor when it logged the message.
   for (const char* edit : {"add: (null) |", "removed: c.example |", "set: {", "set_properties(a.example,{"}) {
     EXPECT_NE(messages.find(std::string(" | @db_hostname_") + edit), std::string::npos) << edit;
   }

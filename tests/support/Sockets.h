@@ -30,7 +30,7 @@ inline uint16_t port_of(const Descriptor& socket) {
 // One side of a blocking connection.
 struct Peer {
   Descriptor socket;
-  int error = 0;  // the errno that ended the last read(); 0 at the end of the stream
+  int error = 0;  // the errno that ended the last read(); 0 if the read() ended without an error
 
   explicit Peer(Descriptor connected) : socket(std::move(connected)) {}
   explicit Peer(uint16_t port) : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -94,8 +94,8 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
 }
 
-// Chromium reads every file of the policy folder; if two files set one policy, the last file in alphabetical order
-// wins. A preference of Firefox's policy counts only if it is locked, because users can change the others.
+// Chromium reads every file of the policy folder. If several files set the same policy, Chromium uses the file whose
+// name sorts last. A preference in Firefox's policy file counts only if the file locks it; users can change all others.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root, false);
   write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true, "DnsOverHttpsMode": "secure"})");

@@ -20,7 +20,7 @@ struct Sockets {
     connection = Descriptor(ends[0]);
     peer = Descriptor(ends[1]);
   }
-  // Waits for a byte, as a call waits for its reply.
+  // Waits for a byte from the peer, as a call waits for its reply.
   ssize_t receive() const {
     char byte;
     ssize_t got = -1;
@@ -42,7 +42,7 @@ TEST(CallTimeout, EndsACallThatIsNotAnswered) {
 TEST(CallTimeout, LeavesTheConnectionAloneAfterwards) {
   const Sockets sockets;
   CallTimeout(0ms).watch(sockets.connection.get());
-  raise(SIGALRM);  // as from a timer whose signal was still pending
+  raise(SIGALRM);  // a timer's signal may still be pending when its call ends
   EXPECT_EQ(send(sockets.peer.get(), "a", 1, MSG_NOSIGNAL), 1);
   EXPECT_EQ(sockets.receive(), 1);
 }

@@ -14,11 +14,11 @@
 namespace orvane {
 namespace {
 
-// A client that records the messages that it should send.
+// A client that records messages instead of sending them.
 class RecordingClient : public Client {
  public:
   static inline std::string sent;              // the recorded messages
-  static inline int connections;               // how many were opened
+  static inline int connections;               // how many connections were opened
   static inline std::vector<uint64_t> counts;  // the next replies of changesCount(); after the last one, it throws
 
   bool ping() override { return record("ping"), true; }
@@ -51,17 +51,17 @@ class RecordingClient : public Client {
     return std::accumulate(texts.begin(), texts.end(), std::string(), [](auto a, auto& b) { return a + " " + b; });
   }
   static void record(const std::string& message) {
-    for (char c : message + '\n') {  // with runs of white space as one space
+    for (char c : message + '\n') {  // replaces each run of white space by one space
       if (sent.empty() || sent.back() != ' ' || c > ' ') sent += c > ' ' ? c : ' ';
     }
   }
 };
 
-// One command line, without the program's name, and what it does.
+// A command line, and what the command should do.
 struct Case {
-  std::vector<const char*> arguments;
+  std::vector<const char*> arguments;  // without the program's name
   std::string output, sent;
-  std::string errors;  // a part of standard error
+  std::string errors;  // a part of the text on standard error
   int code = kDone;
 };
 

@@ -10,7 +10,7 @@
 namespace orvane {
 namespace {
 
-// The commands run one after the other on one list. Each row has the exit code and the standard output of its command;
+// The commands run one after the other on the same list. Each row has a command, its exit code and its standard output.
 // "%" stands for the path of the list.
 TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
   const TemporaryFolder folder;

@@ -14,7 +14,7 @@ constexpr const char* kRules =
     "*mangle\n:OUTPUT ACCEPT [0:0]\n:ORVANE-OUTPUT - [0:0]\n-A OUTPUT -j ORVANE-OUTPUT\n-A OUTPUT -j OTHER\nCOMMIT\n"
     "*nat\n-A OUTPUT -j OTHER\nCOMMIT\n*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n";
 
-// A machine without faults, as root sees it.
+// What the doctor learns about a machine without faults when root runs it.
 Facts sound_machine() {
   Facts facts;
   facts.asRoot = true;
@@ -57,7 +57,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
     std::function<void(Facts&)> make;
     const char* check;
     Result result;
-    const char* text;  // a part of what was found or of the advice
+    const char* text;  // a part of the finding or of the advice
   } cases[] = {
       {"stopped", [](Facts& f) { f.extension.running = false; }, "service", Result::Problem, "systemctl start"},
       {"not installed", [](Facts& f) { f.keeper.installed = false; }, "keeper", Result::Problem, "install"},

@@ -27,13 +27,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A stand-in for the extension. FakeClient carries out the edits in it, and adds them to `log`.
+// A stand-in for the extension. FakeClient carries out each edit here, and adds it to `log`.
 struct Extension {
   std::set<std::string> held;
   std::string log;
   uint64_t changes = 0;
   bool isRunning = true;
-  size_t mostNames = SIZE_MAX;  // that one message may have
+  size_t mostNames = SIZE_MAX;  // the limit for one message
 };
 Extension extension;
 
@@ -77,7 +77,7 @@ class FakeClient : public Client {
 
 Moment at(int seconds) { return kAbsoluteTimeReference + std::chrono::seconds(seconds); }
 
-// More new names than the keeper sends one by one.
+// So many new names that the keeper sends the whole list, instead of one message for each name.
 HeldNames many_names() {
   HeldNames many;
   for (size_t i = 0; i <= kLargestDifference; ++i) many.names.push_back(std::to_string(100000 + i));
@@ -146,7 +146,7 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   EXPECT_EQ(state.extensionError, std::nullopt);
 }
 
-// A running keeper: it has locked its state file, and publish() writes its state.
+// Stands in for a running keeper: has locked the state file, and publish() writes the state to it.
 class StateFile : public Keeper {
  protected:
   StateFile() {
@@ -178,7 +178,7 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   publish();
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
-  // The keeper sends a later version of the list than "w", for which the test waits.
+  // The test waits for the version "w", but the keeper sends a later version of the list. That is good enough.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);

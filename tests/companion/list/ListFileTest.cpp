@@ -43,8 +43,8 @@ class ListFile : public testing::Test {
   const std::string folder_ = temporary_.path(), path_ = folder_ + "/list";
 };
 
-// Runs `act` in a child process, whose exit code is the result of `act`. An exception aborts the child (noexcept),
-// because it must not reach gtest there.
+// Runs `act` in a child process, which exits with the result of `act`. An exception must not reach gtest in the child,
+// so it aborts the child (noexcept).
 pid_t fork_to(const std::function<int()>& act) noexcept {
   const pid_t child = fork();
   if (child == 0) _exit(act());
@@ -57,8 +57,8 @@ int exit_code_of(pid_t child) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs `act` in a traced child and kills the child at its n-th stop. It stops at the start and at the end of each
-// system call. Appends the numbers of the system calls to `calls`. Returns false if the child ended before the n-th
+// Runs `act` in a traced child, which stops at the start and at the end of each system call. Kills the child at its
+// n-th stop. Appends the numbers of the child's system calls to `calls`. Returns false if the child ended before that
 // stop.
 bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64_t>& calls) {
   pid_t child = fork_to([&] {
@@ -172,8 +172,8 @@ TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
   }
 }
 
-// A member of the group can put a link to any file in place of the list. If root then changed the list, orvanectl would
-// copy a file that only root may read into a list that the group may read.
+// A member of the group can put a link to any file in place of the list. If orvanectl followed the link when root edits
+// the list, it would copy a file that only root may read into a file that the group may read.
 TEST_F(ListFile, RejectsAnythingButAPlainFile) {
   const std::string secret = folder_ + "/secret";
   const std::pair<const char*, std::function<void()>> kCases[] = {

@@ -11,7 +11,8 @@
 namespace orvane {
 namespace {
 
-// The imported sites as lines of the list, each with ";", then the numbers of the rejected lines, each after "!".
+// The imported sites as lines of the list, each followed by ";". Then the numbers of the rejected lines, each after
+// "!".
 std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {
@@ -82,7 +83,7 @@ TEST(ListImport, KeepsSuspensions) {
   EXPECT_EQ(counts.removed, 2U);
 }
 
-// The processor time that it takes to import names and to find each of them in the list.
+// The processor time for importing these names and then finding each of them in the list.
 std::clock_t import_time(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += name + '\n';

@@ -1,4 +1,4 @@
-"""Real browsers, with their default settings."""
+"""The filter's verdicts on real browsers that run with their default settings."""
 
 from harness import ALLOW, DROP, HELD, NEWS, World, check
 from isolation import Unavailable

@@ -34,7 +34,7 @@ def ReadsNamesSplitIntoTenSegments(world: World):
 
 
 class RecordingServer:
-    """Records the bytes of each connection, and answers once with SERVED: when the bytes so far end with `last`.
+    """Records the bytes of each connection. Answers with SERVED once, as soon as these bytes end with `last`.
 
     If `last` is empty, it answers the first bytes.
     """
@@ -60,7 +60,10 @@ class RecordingServer:
                     answered = True
 
     def send(self, *pieces: bytes) -> tuple[str, list[str]]:
-        """Sends the pieces on one connection. Returns the final outcome, and that after each piece but the last."""
+        """Sends the pieces on one connection.
+
+        Returns the outcome after the last piece, and a list of the outcomes after the earlier pieces.
+        """
         seen = []
         with contextlib.suppress(ConnectionResetError), socket.create_connection(self.address, 20) as connection:
             for piece in pieces[:-1]:
@@ -80,7 +83,7 @@ def ReadsNamesInEverySpelling(world: World):
         extension.hold(HELD, "held.exampl")
         for spelling in ("HELD.example", "held.example.", "Held.Example."):
             check(plain.send(request(spelling))[0], DROP, f"Host: {spelling}")
-        for spelling in (b"HELD.example", b"held.exampl."):  # Python's TLS would remove the dot itself
+        for spelling in (b"HELD.example", b"held.exampl."):  # Python would send no final dot, so the hello is edited
             check(secure.send(hello(HELD).replace(HELD.encode(), spelling))[0], DROP, f"a hello for {spelling}")
 
 
@@ -99,7 +102,7 @@ def ReadsNamesInRequestHeadsOfAnyLength(world: World):
 
 
 def HoldsEarlyAnswersBackUntilTheNameIsKnown(world: World):
-    """A server may answer when it has half of a request. Without the filter, a browser would show that answer."""
+    """A server may answer half of a request, and a browser shows this answer. So the filter must hold it back."""
     server = RecordingServer(80)
     for browser, name, expected in (
         (PYTHON, HELD, (DROP, ["silence"])),
@@ -124,7 +127,7 @@ def AppliesListChangesToNewConnectionsOnly(world: World):
 
 
 def JudgesEachConnectionThatReusesAPort(world: World):
-    """The kernel keeps a reset connection's entry and mark for 10 s. A new connection must not inherit the mark."""
+    """The kernel keeps a reset connection and its mark for 10 s. A new connection must not inherit the mark."""
     abort = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     pairs = [(HELD, NEWS), (NEWS, HELD), (HELD, HELD), (NEWS, NEWS)]
     with world.filtering(PYTHON):
@@ -150,7 +153,7 @@ def AllowsOtherProgramsEverything(world: World):
 
 
 class _BrowsersCurl(programs.Curl):
-    """curl as a child process of a browser: a copy of Python stands in for the browser."""
+    """Runs curl as a child process of a browser, for which a copy of Python stands in."""
 
     def _run(self, *arguments):
         code = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"

@@ -34,7 +34,7 @@ def KeeperResendsTheListWithinASecondOfARestart(world: World):
     with _Keeper(extension, world.directory) as keeper:
         keeper.list.write_text(f"{HELD}\n")
         for end in (signal.SIGTERM, signal.SIGKILL):
-            time.sleep(1)  # by then, the pauses between the keeper's attempts to connect have grown
+            time.sleep(1)  # meanwhile, the keeper's pauses between its attempts to connect grow
             check(keeper.verdict(HELD), ("not blocked", 3), "the verdict of try without an extension")
             extension.start()
             _becomes(DROP, "the list is in force after a start")
@@ -45,7 +45,7 @@ def KeeperResendsTheListWithinASecondOfARestart(world: World):
         with extension:
             _becomes(DROP, "the list is in force after another start")
             check(keeper.control("keep").returncode, 1, "the exit code of a second keeper")
-            # The keeper sends only what changed in its list, so edits by other clients stay.
+            # When its list changes, the keeper sends only the changed names, so edits by other clients stay.
             extension.control("add", NEWS).check_returncode()
             keeper.list.write_text(f"{HELD}\nmore.example\n")
             wait_until(lambda: keeper.verdict("more.example") == ("blocked", 0), "the added name is in force", 1)
@@ -62,7 +62,7 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
             folder.mkdir()
             keeper.list.write_text(listed)
 
-        def rename_away():  # as some editors do; for a moment there is no list
+        def rename_away():  # some editors do this before they write, so for a moment there is no list
             keeper.list.rename(beside)
             time.sleep(0.3)
             check(connect(HELD), DROP, "while the file is away")

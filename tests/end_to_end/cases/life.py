@@ -19,7 +19,7 @@ from harness import check, connect, iptables, outcome, wait_until
 
 
 class _Load:
-    """Connects to both names again and again, from six threads, during a with block."""
+    """Connects to HELD and NEWS again and again, from six threads, during a with block."""
 
     def __init__(self):
         self._ended = threading.Event()
@@ -43,7 +43,7 @@ class _Load:
             thread.join()
 
     def wait_for_both(self, begin: float, what: str) -> None:
-        """Waits until, for each of the two names, a connection has ended that began after `begin`."""
+        """Waits until a connection to HELD and a connection to NEWS have begun after `begin`, and have ended."""
         wait_until(lambda: {name for b, _, name, _ in self.results if b >= begin} == {HELD, NEWS}, what, 20)
 
     def check(self, held_verdicts: set[str], begin: float, end: float, what: str) -> None:
@@ -100,22 +100,22 @@ def RestoresRulesThatOthersFlush(world: World):
                 iptables(flush, family, text)
                 address = {"-4": "127.0.0.1", "-6": "::1"}[family]
                 wait_until(lambda: connect(HELD, address) == DROP, f"filters again after {flush} {family}", 5)
-            # Until the extension moves its own rule to the first place again, this rule overwrites the mark by which
-            # packets from the queue carry their verdict.
+            # A packet from the queue carries its verdict in its mark. This rule overwrites the mark, until the
+            # extension has moved its own rule to the first place again.
             iptables("iptables -t mangle -I OUTPUT 1 -p tcp -j MARK --set-mark 1", family)
             check(connect(HELD, address), DROP, f"the verdict despite another program's mark {family}")
 
 
 def _rules(family: str) -> str:
-    """All rules, and the other lines that name OrvaneSE's chains. Leaves out comments and empty tables."""
+    """All rules, and all other lines that contain the name of one of OrvaneSE's chains."""
     lines = iptables("iptables-save", family).splitlines()
     return "\n".join(line for line in lines if line.startswith("-A") or "ORVANE" in line)
 
 
 def _send_datagrams(address: str) -> None:
-    """Sends datagrams until it is killed. Each goes to another address, so that each is a flow of its own.
+    """Sends datagrams until it is killed, each to another address, so that each is a new flow.
 
-    Closes each socket after 256 datagrams, so that the extension searches for the owners of closed sockets.
+    Closes each socket after 256 datagrams, so that the extension also searches for the owners of closed sockets.
     """
     os.setuid(65534)
     for number in itertools.count():
@@ -139,7 +139,7 @@ def _flood(_world: World):
 
 
 def KeepsFilteringInAFlood(world: World):
-    """The flood is another user's. If it filled the queue, and a full queue passed packets, held hosts would open."""
+    """Another user floods the queue. If a full queue let packets pass, browsers would reach held hosts."""
     with world.filtering(PYTHON) as extension, _flood(world):
         with _Load() as load:
             time.sleep(5)
@@ -182,7 +182,7 @@ def ServesEachUserWhileAnotherHoldsAllTunnels(world: World):
 def _hanging_iptables(world: World):
     """Flushes rules of the extension, and replaces the iptables programs by one that hangs.
 
-    So the extension, which wants to repair its rules, waits for a program that does not end.
+    The extension then runs an iptables program to repair its rules, and waits for it.
     """
     hanging = world.directory / "hanging"
     hanging.write_text("#!/bin/sh\nexec sleep 1000\n")
@@ -264,7 +264,7 @@ def FiltersNetworkNamespacesIndependently(world: World):
 
 
 def ReportsWhyItCannotFilter(world: World):
-    """Without the privilege, an extension whose bundle demands netfilter exits; one that may choose runs the proxy."""
+    """Without CAP_NET_ADMIN, an extension must exit if its bundle demands netfilter, and must run the proxy if not."""
     without = ["setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"]
     fixed, free = world.extension(PYTHON), world.extension(PYTHON, source=None)
     for extension in (fixed, free):

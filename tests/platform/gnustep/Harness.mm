@@ -14,7 +14,7 @@
 
 namespace orvane {
 
-// In these tests, the errors that the stand-in reports are Foundation's objects.
+// Makes a Foundation object for an error that the stand-in reports, because the macOS code under test needs one.
 Ref<NSError> stand_in::error_named(const std::string& name) {
   id words = @{NSLocalizedDescriptionKey : foundation_string("localised " + name)};
   return error_of([::NSError errorWithDomain:foundation_string(name) code:1 userInfo:words]);
@@ -22,7 +22,8 @@ Ref<NSError> stand_in::error_named(const std::string& name) {
 
 namespace {
 
-using Counts = std::map<std::string, int>;  // by class: the live objects that were made since counting began
+// The number of live objects, by class. Of Objective-C's classes, counts only objects made since counting began.
+using Counts = std::map<std::string, int>;
 
 Counts live_objects() {
   Counts counts = {{"orvane::NSObject", stand_in::aliveObjects}};

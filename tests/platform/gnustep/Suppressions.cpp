@@ -1,4 +1,5 @@
-// GNUstep's runtime and Foundation keep objects for ever and take locks in varying order, so the sanitizers must not
-// report that. The suppressions also hide leaks of our own Objective-C objects; leaked_objects() finds those.
+// GNUstep's runtime and Foundation keep objects for ever and take locks in varying order. These lines stop the
+// sanitizers from reporting that. They also hide leaks of our own Objective-C objects, but leaked_objects() finds such
+// leaks.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libobjc\nleak:libgnustep-base\n"; }
 extern "C" const char* __tsan_default_suppressions() { return "deadlock:libobjc\ndeadlock:libgnustep-base\n"; }

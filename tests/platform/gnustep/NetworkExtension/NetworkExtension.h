@@ -15,8 +15,9 @@ typedef NS_ENUM(NSInteger, NETrafficDirection) { NETrafficDirectionOutbound = 2 
 typedef NS_ENUM(NSInteger, NEFilterAction) { NEFilterActionAllow = 1, NEFilterActionFilterData = 4 };
 typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserInitiated = 1 };
 
-// The base class of the stand-ins. Its content is a description, or a dictionary of properties. Reading a property for
-// which the class has no method records the name of the property and returns its value in the dictionary.
+// The base class of the stand-ins. The content is a description, or a dictionary of properties. If the filter reads a
+// property for which the class has no method, the object records the property's name and returns its value from the
+// dictionary.
 @interface StandInObject : NSObject {
   id _content;
 }
@@ -90,7 +91,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @compatibility_alias NEFilterProvider NEFilterDataProvider;
 
-// What the filter read and applied, and the handler by which a test answers applySettings.
+// What the filter read and applied, and the handler with which a test completes applySettings.
 inline struct NetworkExtensionState {
   std::string reads;  // the properties that were read, each followed by a space
   std::string appliedSettings;

@@ -4,8 +4,8 @@
 
 #include "platform/macos/base/Block.h"
 
-// Methods that are declared but not implemented here are added at run time (resolveInstanceMethod:), or are in derived
-// classes.
+// The header declares methods that this file does not implement. resolveInstanceMethod: adds them at run time, or
+// derived classes have them.
 #pragma clang diagnostic ignored "-Wincomplete-implementation"
 
 @implementation StandInObject

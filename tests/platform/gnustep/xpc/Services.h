@@ -1,8 +1,8 @@
 #pragma once
 
-// A stand-in for XPC's services, in which everything happens on the calling thread. A service exists from its
-// listener's resume() to its invalidate(). A message without a reply waits until a message with a reply is sent, or
-// until deliver_messages(). The calls with which the service sets up its side of a connection are traced.
+// A stand-in for XPC's services, in which everything happens on the calling thread. A service exists from resume() to
+// invalidate() of its listener. A message without a reply waits until the client sends a message with a reply, or the
+// test calls deliver_messages(). The calls with which the service sets up its side of a connection are traced.
 namespace orvane::stand_in {
 
 // Delivers the waiting messages.

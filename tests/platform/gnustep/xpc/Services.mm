@@ -14,7 +14,8 @@
 using orvane::Retained;
 using orvane::stand_in::trace;
 
-// One side of a connection: the client's or the service's. It is also the proxy by which a client sends messages.
+// One side of a connection: the client's or the service's. The client's side is also the proxy object, whose methods
+// the client calls to send messages.
 @interface StandInConnection : NSXPCConnection {
  @public
   NSString* _name;           // the service's name; only on the client's side
@@ -104,7 +105,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   _errorHandler = Block_copy(handler);
   return self;
 }
-// Messages with a reply have methods, because forwardInvocation: cannot pass blocks.
+// Each message with a reply has its own method here, because forwardInvocation: cannot pass on the reply's block.
 - (void)pingWithReply:(void (^)(BOOL))reply {
   [[self receiverForReply] pingWithReply:reply];
 }
@@ -145,7 +146,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 @end
 
-// Allocating the framework's class makes a stand-in.
+// Makes [NSXPCConnection alloc] return a stand-in.
 @implementation NSXPCConnection (StandIn)
 + (instancetype)allocWithZone:(NSZone*)zone {
   return NSAllocateObject([StandInConnection class], 0, zone);

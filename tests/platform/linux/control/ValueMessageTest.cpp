@@ -11,13 +11,13 @@ namespace {
 
 Value nested(unsigned depth) { return depth == 0 ? Value::boolean(true) : Value::array({nested(depth - 1)}); }
 
-// Writes a value to a message and reads it again. Also checks that the size from measure() is not too small: a client
-// that relies on it would send a message that the extension rejects.
+// Writes a value to a message and reads it again. Also checks that measure() does not return too small a size: a client
+// that relies on that size would send a message that the extension rejects.
 std::optional<Value> sent_and_received(const Value& value) {
-  capnp::MallocMessageBuilder message(1 << 16);  // one segment
+  capnp::MallocMessageBuilder message(1 << 16);  // the first segment holds the whole message
   write_value(value, message.initRoot<control::Value>());
   auto flat = capnp::messageToFlatArray(message);
-  // The frame and the root pointer take a word each.
+  // The segment table and the root pointer take a word each.
   EXPECT_TRUE(!measure(value).fits() || measure(value).words + 2 >= flat.size());
   capnp::FlatArrayMessageReader reader(flat, {kMaximumMessageWords, 200});
   return read_value(reader.getRoot<control::Value>(), flat.size());
@@ -42,7 +42,8 @@ TEST(ValueMessage, KeepsEveryKindOfValue) {
 
 TEST(ValueMessage, RejectsDeeplyNestedContainers) { EXPECT_FALSE(sent_and_received(nested(kMaximumNesting + 1))); }
 
-// Containers with the same number of elements have the same hash, so making a set of them takes quadratic time.
+// Containers with the same number of elements have the same hash, so the time to make a set of such containers grows
+// with the square of their number.
 TEST(ValueMessage, RejectsSetsOfManyContainers) {
   Value::Set members;
   for (int64_t i = 0; i < 2000; ++i) members.insert(Value::array({Value::number(i)}));

@@ -27,7 +27,7 @@ namespace {
 
 using namespace std::literals;
 
-// A list that other threads append to and a test waits for.
+// A list to which other threads append. A test waits until the list has the expected entries.
 template <class T>
 class Record {
  public:
@@ -100,7 +100,7 @@ class XPC : public testing::Test {
   }
   std::unique_ptr<Client> client() const { return connect_client({.service = "", .socket = path_}); }
 
-  // A plain socket that `attach`, which is connect() or bind(), has connected or bound to the service's path.
+  // A plain socket, connected or bound to the service's path by `attach`, which is connect() or bind().
   Descriptor attached(int (*attach)(int, const sockaddr*, socklen_t)) const {
     Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
@@ -227,12 +227,13 @@ TEST_F(XPC, EndsItsConnectionsWithTheListener) {
   EXPECT_THROW(peer->ping(), ClientError);
 }
 
-// No part of a broken message is delivered, and other connections stay open.
+// Also checks that no part of a broken message is delivered, and that other connections stay open.
 TEST_F(XPC, ReportsHowEachConnectionEnded) {
   auto listener = listen();
   auto bystander = client();
   std::string wild = call_bytes(7, [](auto value) { value.setString("x"); });
-  // The last word is the string, and the word before it points to the string. Make it point outside the message.
+  // The last word is the string, and the word before it is a pointer to the string. Let the pointer lead outside the
+  // message.
   wild[wild.size() - 13] = 0x7f;
   struct {
     const char* what;
@@ -284,7 +285,7 @@ TEST_F(XPC, StopsReadingWhileRepliesAreUnread) {
 }
 
 TEST_F(XPC, ReplacesTheSocketOfAnEndedProcess) {
-  attached(bind);  // closed at once; the socket's file stays
+  attached(bind);  // bound and closed at once; the socket's file stays
   auto listener = listen();
   EXPECT_EQ(errors(), 0);
   EXPECT_TRUE(client()->ping());

@@ -21,7 +21,7 @@ TEST(FilterSession, ShowsDataUpToThePeekCountUntilAVerdict) {
     NewFlow newFlow;
     Data data, complete;
     std::string_view chunks[2];
-    const char* seen;  // the provider's calls, and the bytes that it received
+    const char* seen;  // the calls of the provider, and the bytes that it received
     State end;
     bool holds;  // holdsData() after the new flow
   } kCases[] = {

@@ -8,13 +8,13 @@
 
 namespace orvane {
 
-// Gives the answers that a test sets, and records the calls.
+// A provider that returns the verdicts that a test sets, and records the calls.
 class ScriptedProvider : public NEFilterDataProvider {
  public:
   struct Seen {
-    std::string calls;  // each with the name that the flow had then
+    std::string calls;  // each with the host name that the flow had at that call
     std::string bytes;
-    Value owner;  // of the last call's flow
+    Value owner;  // the owner of the last call's flow
   };
 
   NEFilterNewFlowVerdict newFlow = NEFilterNewFlowVerdict::allowVerdict();

@@ -11,8 +11,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// The question's name, type and class, or "none". Copies the bytes to an allocation of exactly their size, so that
-// sanitizers notice a read beyond it.
+// The parsed question's name, type and class, or "none". Copies the bytes to an allocation of exactly their size, so
+// that sanitizers notice a read beyond the bytes.
 std::string parse(const std::string& bytes) {
   auto exact = std::make_unique<char[]>(bytes.size());
   bytes.copy(exact.get(), bytes.size());

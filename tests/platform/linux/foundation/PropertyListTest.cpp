@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::string_literals;
 
-// The list, or the error's text.
+// The parsed value, or the text of the error.
 Value parse(const std::string& bytes) {
   Ref<NSError> error;
   auto data = data_create(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<int64_t>(bytes.size()));
@@ -35,7 +35,7 @@ void expect_rejected(const std::vector<Rejected>& rows) {
   }
 }
 
-// A binary list of these objects, the first one its root, with references and offsets of one byte each.
+// A binary property list of these objects. The first object is the root. Each reference and each offset has one byte.
 std::string binary(const std::vector<std::string>& objects) {
   std::string bytes = "bplist00", offsets;
   for (const std::string& object : objects) {
@@ -131,7 +131,7 @@ TEST(PropertyList, RejectsDamagedBinaryLists) {
     std::string bytes = binary({"\xa1\x01", "\x51X"});
     return bytes.replace(bytes.size() - fromEnd, 1, 1, byte);
   };
-  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");  // arrays; each has the next one, once or twice
+  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");  // each array has the next one, once or twice
   for (char i = 1; i < 100; ++i) chain[i - 1] = "\xa1"s + i;
   for (char i = 1; i < 40; ++i) doubling[i - 1] = "\xa2"s + i + i;
   expect_rejected({
@@ -165,7 +165,8 @@ TEST(ShippedBrowserLists, FitIntoOneReadOfTheExtension) {
     EXPECT_LE(bytes.size(), 1024U) << system;
     Value browsers = parse(bytes);
     EXPECT_GT(browsers.asArray().size(), 20U) << system;
-    // The filter compares the endings of identifiers. Another application's identifier could end like a shorter entry.
+    // The filter compares an entry with the endings of identifiers. So the identifiers of other applications could
+    // match a shorter entry.
     for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
   }
 }

@@ -41,8 +41,9 @@ class Provider final : public ScriptedProvider {
   }
 };
 
-// Runs an extension in a process until it is ready, then sends it SIGTERM. Returns the messages that the service
-// manager received, with "start" and "stop" from the provider's methods among them, and the exit code.
+// Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
+// manager received, and the exit code. The provider's methods that start and stop it also send messages there: "start"
+// and "stop".
 std::string run_extension(const Value& source, const Value& port) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
@@ -61,7 +62,8 @@ std::string run_extension(const Value& source, const Value& port) {
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   pid_t extension = fork();
   if (extension == 0) {
-    // Without a source, the extension may use netfilter. The namespace keeps it from changing the machine's own rules.
+    // Without a source, the extension may choose netfilter. In a network namespace it cannot change the machine's
+    // rules.
     if (source.isNil() && unshare(CLONE_NEWNET) != 0 && geteuid() == 0) _exit(2);
     NEFilterProvider::registerProviderClass("Filter", Provider::create);
     NEFilterProvider::startSystemExtensionMode();

@@ -28,7 +28,7 @@ bool hide_journal() {
 }
 
 TEST(Log, WritesEnabledLevelsToStandardErrorWithoutAJournal) {
-  // This program is in the folder Contents/Linux of a bundle.
+  // The build puts this program into the folder Contents/Linux of a bundle. Write the Info.plist of this bundle.
   std::ofstream(std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../Info.plist")
       << "<plist><dict><key>CFBundleIdentifier</key><string>org.example</string><key>OSLogPreferences</key><dict>"
       << "<key>org.example</key><dict><key>Loud</key>" << enabled("Debug") << "<key>Odd</key>" << enabled("Default")

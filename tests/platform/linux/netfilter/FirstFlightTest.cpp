@@ -7,7 +7,7 @@
 namespace orvane {
 namespace {
 
-// The bytes that the flight puts in order, with a dot at the end if the flight cannot continue.
+// The bytes that the flight puts in order, then a dot if the flight cannot continue.
 std::string reassemble(const std::vector<std::pair<size_t, std::string>>& segments) {
   FirstFlight flight;
   bool more = true;

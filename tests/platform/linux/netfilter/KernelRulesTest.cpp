@@ -116,7 +116,7 @@ class KernelRulesTest : public ::testing::Test {
   std::string error;
 };
 
-// A connection of this machine to itself.
+// A TCP connection over the loopback interface.
 struct Connection {
   explicit Connection(int family) {
     sockaddr_in6 address{AF_INET6, htons(4433), 0, {}, 0};

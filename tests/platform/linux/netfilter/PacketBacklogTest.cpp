@@ -18,7 +18,7 @@ QueuedPacket packet(uint32_t user, uint32_t id, std::span<const uint8_t> bytes =
   return {id, 0, false, 1, user, bytes, bytes.size()};
 }
 
-// The ids of the next packets, each of which takes `time`.
+// Takes up to `count` packets, and charges each with `time`. Returns their ids.
 std::vector<uint32_t> take(PacketBacklog& backlog, size_t count, PacketBacklog::Clock::duration time = 1ms) {
   std::vector<uint32_t> ids;
   for (size_t i = 0; i < count; ++i) {
@@ -37,7 +37,7 @@ TEST(PacketBacklog, KeepsTheOrderAndTheBytesOfAUsersPackets) {
   const auto sent = bytes;
   ASSERT_TRUE(backlog.add(packet(7, 1, bytes), kNow));
   ASSERT_TRUE(backlog.add(packet(7, 2), kNow + 5s));
-  bytes.assign(bytes.size(), 0);  // the queue reads its next message into the same memory
+  bytes.assign(bytes.size(), 0);  // as the queue does: it reads its next message into the same memory
   auto first = backlog.next();
   ASSERT_TRUE(first);
   EXPECT_EQ(first->queued.id, 1u);
@@ -67,7 +67,7 @@ TEST(PacketBacklog, ServesAUserWithSlowPacketsLessOften) {
   PacketBacklog backlog;
   std::vector<uint32_t> served;
   for (uint32_t turn = 0; turn < 200; ++turn) {
-    // Each user always has one packet waiting.
+    // In each turn, each user has one packet in the backlog.
     for (uint32_t user : {1u, 2u}) {
       if (turn > 0 && served.back() != user) continue;
       ASSERT_TRUE(backlog.add(packet(user, user), kNow));

@@ -10,8 +10,8 @@
 namespace orvane {
 namespace {
 
-// The kernel answers EPERM for a taken queue and for a missing privilege. The extension must know which, because only
-// for a missing privilege may it use the proxy instead.
+// The kernel answers EPERM both if another program has the queue and if the privilege is missing. The extension must
+// tell the two cases apart, because it may use the proxy instead only if the privilege is missing.
 TEST(PacketQueue, TellsATakenQueueFromAMissingPrivilege) {
   const uid_t user = geteuid();
   if ((user != 0 && unshare(CLONE_NEWUSER) != 0) || unshare(CLONE_NEWNET) != 0) {

@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::string_literals;
 
-// Parses a copy of exactly this size, so that a sanitizer sees a read beyond it.
+// Parses a copy of the bytes in an allocation of exactly their size, so that a sanitizer sees a read beyond them.
 std::string read(const std::string& bytes) {
   std::vector<uint8_t> exact(bytes.begin(), bytes.end());
   auto packet = parse_packet(exact, 7);

@@ -32,7 +32,8 @@ class QueueWatchdogTest : public testing::Test {
     ASSERT_EQ(watchdog.start(queue.get(), kQueue), std::nullopt);
   }
 
-  // Whether the watchdog unbinds the queue within the time. Calls `probed` with the number of each probe.
+  // Whether the watchdog unbinds the queue within this time. Calls `probed` with the number of each probe that the
+  // watchdog sends.
   bool unbinds(
       std::chrono::milliseconds time, const std::function<void(uint32_t)>& probed = [](uint32_t) {}) {
     const auto end = std::chrono::steady_clock::now() + time;
@@ -72,7 +73,8 @@ TEST_F(QueueWatchdogTest, ReplacesAChildThatDied) {
 
 TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
   watchdog.beat();
-  // The thread is late by two seconds, and later by more and more.
+  // The watchdog sends four probes a second. isLate() reads each answer two seconds (8 probes) late, which is allowed.
+  // fallsBehind() reads them later and later.
   const auto isLate = [this](uint32_t probe) {
     watchdog.beat();
     if (probe > 8) watchdog.setAnswered(probe - 8);
@@ -83,7 +85,8 @@ TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
   };
   EXPECT_FALSE(unbinds(4s, isLate));
   EXPECT_TRUE(unbinds(8s, fallsBehind));
-  for (int i = 0; i < 1000 && !watchdog.beat(); ++i) std::this_thread::sleep_for(1ms);  // until the child says so, too
+  // Wait until the child reports that it released the queue.
+  for (int i = 0; i < 1000 && !watchdog.beat(); ++i) std::this_thread::sleep_for(1ms);
   EXPECT_FALSE(unbinds(1s, isLate)) << "the packets that waited are gone";
 }
 

@@ -37,8 +37,8 @@ TEST(DesktopEntryTest, FindsTheProgramBehindQuotesAndEnv) {
 
 // The rows cover the ways in which packages of distributions and vendors place their files.
 TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
-  // A program, its application, and the Exec of that application's desktop entry; with an empty Exec the row makes
-  // none.
+  // A program, its application, and the Exec line of that application's desktop entry. If the Exec line is empty, the
+  // test makes no entry for the row.
   const std::tuple<const char*, const char*, const char*> kPrograms[] = {
       {"bin/direct", "direct", "@bin/direct"},
       {"bin/second", "zz", "second --private"},
@@ -102,7 +102,8 @@ TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
     change();
     EXPECT_EQ(expected, application(program));
   }
-  // If a second change follows soon enough, the folder's time stays the same. Setting the time back imitates that.
+  // If two changes follow each other within the resolution of the folder's modification time, the second does not
+  // change this time. Setting the time back imitates that.
   auto time = fs::last_write_time(folder.path("entries"));
   folder.entry("again", "@opt/maker/early");
   fs::last_write_time(folder.path("entries"), time);

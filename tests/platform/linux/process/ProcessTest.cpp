@@ -49,7 +49,7 @@ TEST(ProcessTest, FindsNamesOfUnitsSnapsAndSandboxes) {
   for (const auto& row : kCases) EXPECT_EQ(row.name, row.read(row.text).value_or("none")) << row.text;
 }
 
-// Uses a process table made for the test, because real units and sandboxes need a desktop session.
+// Makes its own process table, because real units and sandboxes need a desktop session.
 TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   ProgramFolder folder;
   for (const char* id : {"shell", "browser", "other"}) folder.entry(id, id);
@@ -75,7 +75,7 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {31, 25, 94, "bin/browser", kSession, "", "browser", 31},              // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31},
-      // Programs whose files cannot be examined, as in the FUSE mount of an AppImage.
+      // The files of these programs cannot be examined, like files in the FUSE mount of an AppImage.
       {34, 1, 97, "tmp/.mount_browseAb12/browser", kSession, "", "browser", 34},
       {35, 10, 98, "tmp/.mount_BrowseCd34/python3.11", "snap.editor.code-1.scope", "", "image-browser", 10}};
   std::string mountPoint = folder.path("tmp/.mount_BrowseCd34");
@@ -120,7 +120,7 @@ TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
   EXPECT_NE("next", before);
   ::close(gate[0]);
   ::close(gate[1]);
-  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // shorter than a process stays in the cache
+  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // a process stays in the cache for longer
   EXPECT_EQ("next", name());
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);

@@ -15,7 +15,7 @@ Ref<Dictionary> attributes(const audit_token_t& token) {
 }
 Ref<Dictionary> attributes(pid_t pid) { return dictionary_create(GuestAttribute::Pid, number_create(pid)); }
 
-// The status, identifier and path. ask() gets them by the calls that the core makes.
+// A status, an identifier and a path, which ask() gets by the same calls as the core.
 using Answer = std::tuple<OSStatus, std::string, std::string>;
 
 Answer ask(const Ref<Dictionary>& attributes) {

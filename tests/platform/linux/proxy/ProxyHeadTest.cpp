@@ -12,7 +12,7 @@ TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
   const struct {
     const char* name;
     std::string head;
-    unsigned status;  // 0: incomplete
+    unsigned status;  // 0 if the head is incomplete
   } kCases[] = {
       {"incomplete", "CONNECT a.example:443 HTTP/1.1\r\nHost: a.exa", 0},
       {"TLS", std::string("\x16\x03\x01\x02\x00", 5), 400},

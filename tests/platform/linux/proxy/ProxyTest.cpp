@@ -15,8 +15,8 @@
 
 namespace orvane {
 
-// Returns the port of the local address as the owner, so that a test sees for which side of the connection the proxy
-// asks.
+// Returns the port of the local address in place of the owner's token. So a test sees which side of the connection the
+// proxy passes as the local one.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr*) {
   return Value::number(ntohs(reinterpret_cast<const sockaddr_in*>(local)->sin_port));
 }

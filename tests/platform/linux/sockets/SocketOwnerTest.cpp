@@ -24,7 +24,7 @@
 namespace orvane {
 namespace {
 
-// Can also hold an IPv4 address: sockaddr_in has the port at the same offset.
+// Holds an IPv6 address or an IPv4 address. Both have the port at the same offset.
 using Address = sockaddr_in6;
 sockaddr* generic(Address& address) { return reinterpret_cast<sockaddr*>(&address); }
 
@@ -79,8 +79,8 @@ audit_token_t token_of(const Value& data) {
   return token;
 }
 
-// A process that runs `work` and then, if `waits` is true, waits to be killed. Its pid is `identifier`, or any if that
-// is 0.
+// A process that runs `work` and then, if `waits` is true, waits until it is killed. Its pid is `identifier`; if that
+// is 0, the kernel chooses the pid.
 struct Child {
   template <class Work>
   Child(Work work, bool waits, pid_t identifier = 0) {
@@ -168,8 +168,8 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   for (const SendCase& how : kCases) {
     for (bool waits : {true, false}) {
       SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended"));
-      // The record does not contain the port of a connected datagram socket. So after the socket is closed, find()
-      // cannot tell which socket sent a datagram.
+      // The kernel's record contains the ports of a datagram only if the datagram was sent with an explicit
+      // destination. So once a connected datagram socket is closed, find() cannot tell which socket sent a datagram.
       bool isLostWhenClosed = how.type == SOCK_DGRAM && how.mode == Mode::Connect;
       if (!waits && isLostWhenClosed) continue;
       bool mapped = std::string_view(how.target).starts_with("::ffff:");
@@ -194,7 +194,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // so that the next process has another start time; the resolution is 10 ms
+      ::usleep(20'000);  // gives the next process another start time, whose resolution is 10 ms
       if (isLostWhenClosed) continue;
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
@@ -216,8 +216,9 @@ std::chrono::nanoseconds thread_time() {
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-// The attacker is a user with four processes that have up to 20,000 descriptors each. Packets come from sockets of that
-// user that no process holds, so a search for their owner goes through all these descriptors.
+// The attacker is a user with four processes that have up to 20,000 descriptors each. The packets come from sockets
+// that belong to this user but that no process holds. So a search for the owner of such a socket goes through all these
+// descriptors.
 TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   using namespace std::chrono_literals;
   constexpr uid_t kAttacker = 65534;

@@ -8,7 +8,7 @@
 namespace orvane {
 namespace {
 
-// Whether two values are equal, and their numbers have the same form: signed, unsigned or real.
+// Whether two values are equal, and numbers in them have the same form (signed, unsigned or real).
 bool same(const Value& left, const Value& right) {
   return left == right && left.numberForm() == right.numberForm() &&
          std::equal(left.asArray().begin(), left.asArray().end(), right.asArray().begin(), same);

@@ -8,7 +8,7 @@
 
 namespace orvane {
 
-// If the adapter and the controller had a monitor each, two edits could run at once.
+// If the adapter and the controller had separate monitors, two edits could run at once.
 TEST(ControllerAdapter, SharesTheMonitorOfItsController) {
   auto* controller = OrvaneController::shared();
   ::OrvaneController* adapter = [::OrvaneController adapterFor:controller];

@@ -141,7 +141,8 @@ TEST_F(XPC, CarriesOutEachMessageBeforeItsCallReturns) {
                               properties.description());
 }
 
-// The extension's side drops a message with such an argument without an error, so the client must reject it.
+// If an argument, or an element of a container, has a class that the method does not take, the extension's side drops
+// the whole message without an error. So the client must check before it sends.
 TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
   listen(traced_);
   auto client = connect();
@@ -160,11 +161,12 @@ TEST_F(XPC, ReportsAMissingService) {
             "service");
 }
 
-// When a connection breaks, messages are lost. A later answer from a restarted extension, or over a new connection,
-// does not confirm them.
+// When a connection breaks, messages are lost. An answer that comes later, from a restarted extension or over a new
+// connection, does not confirm that the earlier messages arrived.
 TEST_F(XPC, ReportsAnEndDuringACall) {
   listen(traced_);
-  // Delivers the message, which breaks the connection, before the client asks for the confirmation.
+  // Delivers the client's message, whose receiver then breaks the connection, before the client asks for the
+  // confirmation.
   auto deliver = [](uint64_t, uint64_t) { stand_in::deliver_messages(); };
   for (bool restarted : {false, true}) {
     for (const Client::Progress& progress : {Client::Progress(), Client::Progress(deliver)}) {

@@ -141,8 +141,8 @@ TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
       stand_in::nextInitialiserFails = true;
       EXPECT_EQ([providerClass new], nil);
     };
-    // Each time that the core asks for a responsible process, it leaks a Number, on purpose. The autorelease pool of
-    // the caller keeps only the verdicts, and the text of one of them.
+    // Each time that the core asks for a responsible process, it leaks a Number, on purpose. Until the caller's
+    // autorelease pool is drained, the pool keeps the verdicts, and the text of one verdict, but nothing else.
     EXPECT_EQ(leaked_objects(live), "orvane::Number +4");
     EXPECT_EQ(leaked_objects(live, false),
               "GSCInlineString +1, NEFilterDataVerdict +10, NEFilterNewFlowVerdict +5, orvane::Number +4");
