@@ -31,7 +31,7 @@ class ClientHelloReader {
   const std::string& name() const { return name_; }
 
  private:
-  // The fields of a hello, in order. Each is either collected or skipped.
+  // The fields of a hello, in order. The bytes of a field are either collected (stored) or skipped.
   enum class Field {
     MessageHeader,
     VersionAndRandom,

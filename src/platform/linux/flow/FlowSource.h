@@ -12,7 +12,7 @@ class FlowSource {
  public:
   virtual ~FlowSource() = default;
 
-  // Starts showing flows, on the source's own threads. Call it once. Returns an error.
+  // Starts showing flows, on the source's own threads. Call it once. Returns an error on failure.
   virtual std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) = 0;
 
   // Stops showing flows. A proxy also ends the flows whose data it carries. If the flow source is netfilter, open flows

@@ -9,8 +9,9 @@
 namespace orvane {
 
 // Puts the first outbound segments of one TCP connection in order. Segments may arrive out of order, twice, or
-// overlapping. The flight starts with the segment that is added first. Each byte is returned once, and a retransmission
-// never replaces a byte. Bytes in order are returned at once; only bytes that arrive after a gap are stored.
+// overlapping. The flight (the bytes in order) starts with the segment that is added first. next() returns each byte
+// once, and a retransmission never replaces a byte. Bytes that are in order are returned at once; only bytes that
+// arrive after a gap are stored.
 //
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {

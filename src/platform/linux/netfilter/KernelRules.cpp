@@ -89,7 +89,7 @@ class Family {
     return family_ == AddressFamily::IPv4 || access("/proc/thread-self/net/if_inet6", F_OK) == 0;
   }
 
-  // Makes the text that install() installs. Returns an error.
+  // Makes the text that install() installs. Returns an error on failure.
   std::optional<std::string> prepare(const NEFilterSettings& settings) {
     std::string error;
     auto text = kernel_rules_text(settings, family_, error);

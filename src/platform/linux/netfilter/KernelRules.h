@@ -19,8 +19,9 @@ class KernelRules {
   // returns an error.
   std::optional<std::string> install(const NEFilterSettings& settings);
 
-  // A descriptor that becomes readable when a program, this one included, has changed the kernel's rules. -1 when the
-  // kernel sends no such messages (the legacy back end): then call check() every half second.
+  // A descriptor that becomes readable when a program, this one included, has changed the kernel's rules. With the
+  // legacy back end of iptables it is -1, because the kernel then sends no messages; call check() every half second
+  // instead.
   int changeDescriptor() const;
 
   enum class State { Intact, Repaired, Broken };

@@ -94,7 +94,7 @@ void QueueWatchdog::watch() {
   nlmsghdr* probe = nfq_nlmsg_put(messages[1].data(), NFQNL_MSG_CONFIG, queueNumber_);
   nfq_nlmsg_cfg_put_cmd(probe, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND);  // does nothing
   probe->nlmsg_flags |= NLM_F_ACK;
-  uint32_t settled = shared_->probes.load();  // the last probe that needs no answer any more
+  uint32_t settled = shared_->probes.load();  // the last probe that was answered, or no longer needs an answer
   uint64_t last = 0;
   for (int silent = 0;;) {
     pollfd end{pipeReadEnd_.get(), 0, 0};

@@ -69,7 +69,8 @@ class QueuedFlows {
   // overwrites the marks of this flow's packets, so the packets are queued again and again.
   bool isLooping() const { return isLooping_; }
 
-  // Call this when the queue is empty. Every packet that is judged later was then queued after all verdicts so far.
+  // Call this when the queue is empty. Packets that are judged later were then queued after all verdicts so far. If
+  // such a packet belongs to a flow that has a verdict already, it is counted (FlowCounters::lateQueued).
   void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }

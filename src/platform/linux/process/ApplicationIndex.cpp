@@ -196,7 +196,7 @@ class EntryReader {
   const ApplicationFolders& folders_;
   std::set<std::string> shared_{""};  // folders that many applications share, as resolved paths; "" is the root
   std::shared_ptr<ApplicationEntries> result_ = std::make_shared<ApplicationEntries>();
-  std::map<std::string, std::string> entries_;  // path by ID
+  std::map<std::string, std::string> entries_;  // the path of each entry, by its ID
   std::map<std::string, NamedProgram> programs_;
 };
 

@@ -37,10 +37,10 @@ Target split_target(std::string_view url, std::string_view method) {
   return {authority, std::move(path)};
 }
 
-// Compared without regard to case.
+// Upper and lower case count as equal.
 using FieldNames = std::set<boost::beast::string_view, boost::beast::iless>;
 
-// The field names in the Connection fields (RFC 9110, section 7.6.1).
+// The field names that the message's Connection fields list (RFC 9110, section 7.6.1).
 FieldNames connection_options(const RequestParser::value_type& message) {
   FieldNames names;
   auto [first, last] = message.equal_range(http::field::connection);

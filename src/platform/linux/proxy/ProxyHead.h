@@ -48,7 +48,8 @@ class RequestBody {
 
 // What a client asks the proxy for.
 struct ProxyRequest {
-  enum class Form { Tunnel, Forward };  // CONNECT; a request whose target is an absolute http URL
+  // Tunnel: a CONNECT. Forward: a request whose target is an absolute http URL.
+  enum class Form { Tunnel, Forward };
 
   Form form;
   std::string host;  // as the client wrote it; an IPv6 address without its brackets

@@ -30,7 +30,7 @@ class Relay {
   enum class Outcome {
     Ended,    // both sides got everything
     Dropped,  // the gate became Dropped
-    Broken,   // one side was reset, or the body is malformed: the other side must not see an orderly end
+    Broken,   // one side reset its connection, or the body is malformed; the other side must get a reset, too
     Stopped,  // `stop` was raised
   };
 
