@@ -24,7 +24,7 @@ constexpr const char* kOurFile = "orvane-se.json";
 constexpr const char* kHttp3Preference = "network.http.http3.enable";
 
 // Sources: Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (Ubuntu's builds read the
-// second folder), and the vendors' pages on policies for Edge, Brave and Firefox.
+// second folder below), and the vendors' pages on policies for Edge, Brave and Firefox.
 constexpr std::array kPlaces = {
     PolicyPlace{"Chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed", kOurFile},
     PolicyPlace{"Chromium of Ubuntu", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed", kOurFile},

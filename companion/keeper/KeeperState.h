@@ -51,8 +51,8 @@ Descriptor lock_keeper_state(const std::string& path);
 // Replaces the state file atomically. The caller has the lock. Throws FileError.
 void write_keeper_state(const std::string& path, const KeeperState& state);
 
-// The state of the running keeper. Nothing if none runs: the file is missing, or no process has the lock. Throws
-// FileError if the file cannot be read or is invalid.
+// The state of the running keeper. Nothing if no keeper runs, which means that the file is missing or that no process
+// has the lock. Throws FileError if the file cannot be read or is invalid.
 std::optional<KeeperState> read_keeper_state(const std::string& path);
 
 // The JSON object in the file.

@@ -202,7 +202,7 @@ class ValueReader {
 
   // Reads a set member or a key. The hash of a container is its size alone, so inserting a container may compare it in
   // full with every container before it. This charges that cost to comparisons_. `containers` is the number of
-  // containers that were read before.
+  // containers that were read before in the same set or among the same keys.
   bool readKey(control::Value::Reader reader, unsigned nesting, uint64_t* containers, Value* key) {
     uint64_t before = elements_;
     if (!read(reader, nesting, key)) return false;

@@ -71,7 +71,7 @@ Object argument(const Ref<NSError>& error);
 }  // namespace log_detail
 }  // namespace orvane
 
-// The format and up to three converted arguments.
+// ORVANE_LOG_MESSAGE(format, ...) stands for the format and up to three arguments, which are converted by argument().
 #define ORVANE_LOG_1(format) format
 #define ORVANE_LOG_2(format, a) format, ::orvane::log_detail::argument(a).get()
 #define ORVANE_LOG_3(format, a, b) ORVANE_LOG_2(format, a), ::orvane::log_detail::argument(b).get()
