@@ -37,7 +37,7 @@ set(options
 target_compile_options(
   gnustep INTERFACE "$<$<COMPILE_LANGUAGE:OBJCXX>:${options};SHELL:-idirafter ${ORVANE_OBJC_INCLUDE}>")
 # GNUstep contains a blocks runtime for another compiler. The Block_copy of that runtime would leave clang's blocks on
-# the stack. So clang's blocks runtime is linked before GNUstep. --no-as-needed makes programs load it even if the
-# linker finds that they do not need it.
+# the stack. So clang's blocks runtime is linked before GNUstep. --no-as-needed makes programs load clang's runtime even
+# if the linker finds that they do not need it.
 target_link_options(gnustep INTERFACE -Wl,--no-as-needed)
 target_link_libraries(gnustep INTERFACE ${ORVANE_BLOCKS_RUNTIME} ${ORVANE_GNUSTEP_BASE} objc ${CMAKE_DL_LIBS})

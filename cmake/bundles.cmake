@@ -9,8 +9,8 @@ set(ORVANE_TEAM "" CACHE STRING "The identifier of the signing team, or empty")
 if(NOT ORVANE_TEAM MATCHES "^([A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9][A-Z0-9])?$")
   message(FATAL_ERROR "ORVANE_TEAM is \"${ORVANE_TEAM}\": a team's identifier has ten capital letters or digits")
 endif()
-# The name of the filter entitlement, which must be the same as in the provisioning profiles. Distribution profiles have
-# the name that is the default here; development profiles have content-filter-provider.
+# The name of the filter entitlement, which must be the same as in the provisioning profiles. The default here is the
+# name in distribution profiles. The name in development profiles is content-filter-provider.
 set(ORVANE_FILTER_ENTITLEMENT content-filter-provider-systemextension CACHE STRING "The filter entitlement of the profiles")
 set(ORVANE_BUNDLE_IDENTIFIER org.orvane.OrvaneSE)
 # The application group of the extension and its application. The system registers the extension's Mach service only if

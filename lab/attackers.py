@@ -16,9 +16,9 @@ _FORKING = multiprocessing.get_context("fork")
 
 
 def _search_far(number: int) -> None:
-    """Sends DNS questions whose socket's owner takes long to find, because the process that opened it has ended.
+    """Sends DNS questions from a socket whose opener has ended, so that the search for the socket's owner takes long.
 
-    So the extension searches the processes of this user for the socket. Each of them has 19,000 descriptors.
+    The search goes through the descriptors of this user's processes, and each process has 19,000 of them.
     """
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     if os.fork() != 0:

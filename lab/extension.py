@@ -113,7 +113,7 @@ class Extension:
         return found
 
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
-        """Runs orvanectl."""
+        """Runs orvanectl with the socket of this extension, and with `text` as its standard input."""
         command = self.control_command(*arguments)
         return subprocess.run(command, input=text, check=False, capture_output=True, text=True, timeout=_TIMEOUT)
 

@@ -1,4 +1,4 @@
-"""The first bytes that a browser sends on a connection, and a server that reads only them and answers."""
+"""The first bytes that a browser sends on a connection, and a server that answers as soon as they arrive."""
 
 import collections
 import functools

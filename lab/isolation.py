@@ -31,7 +31,7 @@ class Unavailable(Exception):
 def _find_unshare() -> list[str]:
     """The unshare(1) command that works on this machine.
 
-    The command makes a user namespace too, if the user is not root or if the command does not work for root without.
+    For root, the command makes a user namespace only if it fails without one. For other users it always makes one.
     """
     errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:
@@ -95,7 +95,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)
-    # After an interrupt, execution does not get here: the errors would be unshare's messages that it was killed.
+    # An interrupted process has ended above, so it does not print unshare's message that its child was killed.
     sys.stderr.write(errors)
     return unshare.returncode
 

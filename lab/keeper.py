@@ -22,7 +22,7 @@ class Keeper:
         return ["--list", str(self.list), "--state", str(self._state), *arguments]
 
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
-        """Runs orvanectl."""
+        """Runs orvanectl with the extension's socket, this keeper's files, and `text` as its standard input."""
         return self._extension.control(*self._arguments(*arguments), text=text)
 
     def __enter__(self):

@@ -47,8 +47,8 @@ def require(*programs: str) -> None:
 class Machine:
     """A Debian system in a container, which runs for a with block. Its hosts file resolves `hosts` to 127.0.0.1.
 
-    Programs that only the test's machine has installed can run in the container, too. For them, the folder /outside of
-    the container contains /usr, /etc and the folder `work` of the test's machine (see outside_program()).
+    outside_program() runs a program that is installed on the test's machine but not in the container. For this, the
+    container's folder /outside contains /usr, /etc and the folder `work` of the test's machine.
     """
 
     def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):
@@ -100,8 +100,8 @@ class Machine:
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
         with open(self._folder / "console", "ab") as console:
-            # With --pdeathsig the container ends with this process, even if this process is killed. In a session of
-            # its own, the container gets no Ctrl-C.
+            # With --pdeathsig, the container ends together with this process, even if this process is killed. The
+            # container gets its own session, so Ctrl-C does not reach it.
             self._container = subprocess.Popen(
                 ["setpriv", "--pdeathsig=KILL", *command],
                 stdin=subprocess.DEVNULL,

@@ -204,7 +204,7 @@ TEST_F(VerdictTest, LogsAndAllowsQuestions) {
   auto expect = [&](std::string_view bytes, const std::string& tail) {
     EXPECT_TRUE(dataOf(*flow, bytes, 7) == kAllowData);
     EXPECT_EQ(take_log(category), data + "socket type:1, port:53 | " + data + "DNS flow" + tail);
-    EXPECT_EQ(stand_in::dns.parsed, bytes);  // from the first byte, whatever the offset
+    EXPECT_EQ(stand_in::dns.parsed, bytes);  // all bytes, although the offset is not 0
     EXPECT_EQ(stand_in::alive("dns_question_t"), 0);
   };
   stand_in::dns.name = "held.example";

@@ -20,7 +20,7 @@
 // libraries of a real platform.
 namespace orvane::stand_in {
 
-// The trace: the calls to the stand-in, in order. Thread-safe.
+// The trace: lines about calls to the stand-in, in order. Thread-safe.
 void trace(const std::string& line);
 std::string take_trace();  // the lines since the last call, joined by " | "
 

@@ -27,7 +27,7 @@ inline uint16_t port_of(const Descriptor& socket) {
   return ntohs(address.sin_port);
 }
 
-// One side of a blocking connection.
+// One side of a connection, with a blocking socket.
 struct Peer {
   Descriptor socket;
   int error = 0;  // the errno that ended the last read(); 0 if the read() ended without an error

@@ -178,7 +178,7 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   publish();
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
-  // The test waits for the version "w", but the keeper sends a later version of the list. That is good enough.
+  // The test waits for the version "w", but the keeper sends a later version of the list. This also ends the wait.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);

@@ -11,8 +11,8 @@
 namespace orvane {
 namespace {
 
-// The imported sites as lines of the list, each followed by ";". Then the numbers of the rejected lines, each after
-// "!".
+// Imports the text. Returns the imported sites as lines of the list, each followed by ";", and then the numbers of the
+// rejected lines, each after "!".
 std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {

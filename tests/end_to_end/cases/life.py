@@ -149,7 +149,7 @@ def KeepsFilteringInAFlood(world: World):
 
 
 def _hold_tunnels(ready) -> None:
-    """Opens more tunnels than the proxy has places for, as another user."""
+    """Becomes another user, and opens more tunnels through the proxy than it has places for connections."""
     allow_many_descriptors()
     os.setuid(65534)
     with socket.socket() as server:

@@ -190,7 +190,8 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   auto peer = client();
   const Value name = Value::string("example.org"), other = Value::string("example.net");
   const std::vector<uint8_t> bytes(size_t{120} << 20);
-  const Value large = Value::dictionary({{name, Value::data(bytes)}});  // this process keeps it, so it counts as stored
+  // The test keeps this value in the process in which the extension's side runs, so it counts as stored there.
+  const Value large = Value::dictionary({{name, Value::data(bytes)}});
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
   peer->setHostnames(Value::set({large.asDictionary().at(name)}));
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
@@ -205,7 +206,8 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   EXPECT_TRUE(active->ping());
   std::vector<Descriptor> idle;
   idle.push_back(attached(connect));
-  std::this_thread::sleep_for(1s);  // makes the first one the longest idle, in whatever order the others are accepted
+  // After this pause the first connection is idle for longer than the others, in whatever order those are accepted.
+  std::this_thread::sleep_for(1s);
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(attached(connect));
   EXPECT_TRUE(active->ping());
   std::unique_ptr<Client> waiting;

@@ -164,7 +164,8 @@ TEST_F(KernelRulesTest, QueuesPayloadAndEndOfNewConnections) {
 TEST_F(KernelRulesTest, QueuesConnectionsThatTheKernelDoesNotKnow) {
   for (int family : {AF_INET, AF_INET6}) {
     rules.remove();
-    // Connection tracking begins with the rules, so these are as if it had forgotten them.
+    // The kernel begins to track connections when the rules are installed. So connections that are opened before look
+    // like connections that the kernel tracked and has forgotten.
     Connection first(family), second(family);
     install({{"", "4433"}});
     EXPECT_TRUE(first.client.send("a") && first.server.read("a") == "a");

@@ -120,7 +120,8 @@ TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
   EXPECT_NE("next", before);
   ::close(gate[0]);
   ::close(gate[1]);
-  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);  // a process stays in the cache for longer
+  // The loop takes less time than a process stays in the cache.
+  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);
   EXPECT_EQ("next", name());
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);

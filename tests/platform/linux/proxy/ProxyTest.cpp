@@ -143,7 +143,7 @@ class ProxyPlacesTest : public testing::Test {
 
 TEST_F(ProxyPlacesTest, EndsTheLongestIdleConnectionOfTheUserWithMost) {
   const uid_t kGreedy = 1, kOther = 2;
-  ProxyPlace* other = places.take(kOther, start);  // idle for the longest time
+  ProxyPlace* other = places.take(kOther, start);  // of all connections, idle for the longest time
   ProxyPlace* used = places.take(kGreedy, start + 1s);
   ProxyPlace* idle = places.take(kGreedy, start + 2s);
   ProxyPlace* last = places.take(kGreedy, start + 3s);
@@ -175,7 +175,7 @@ TEST_F(ProxyTest, EndsIdleTunnels) {
   const struct {
     const char* name;
     ProxyLimits limits;
-    int seconds;  // of bytes in the second tunnel
+    int seconds;  // for which the client sends bytes in the second tunnel
     size_t tunnels;
   } kCases[] = {{"for another one", {2, 1h}, 0, 3}, {"after the time limit", {8, 1s}, 2, 2}};
   for (const auto& c : kCases) {
