@@ -34,7 +34,7 @@ def _search_far(number: int) -> None:
 def _flood_with_questions(number: int) -> None:
     """Fills the queue with DNS questions, from many sockets.
 
-    A packet in the queue still takes up room in its socket's send buffer, so one socket cannot fill the queue.
+    A packet in the queue still counts against its socket's send buffer, so one socket cannot fill the queue.
     """
     senders = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(_SOCKETS)]
     for turn in range(1_000_000):
