@@ -65,7 +65,7 @@ struct Netfilter::Queue {
       : settings(rules), flows(std::move(provider), owners) {}
 
   void serve(int stop);
-  PacketQueue::Read readBatch();
+  PacketQueue::Read readBatch(int most);
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued);
@@ -176,7 +176,8 @@ void Netfilter::Queue::serve(int stop) {
       // In a flood, the queue is never empty, so this loop would not end without this test.
       if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
-      read = readBatch();
+      // The first packet gets its verdict at once; whether more wait is found out afterwards.
+      read = readBatch(rounds == 1 ? 1 : kReadsOfBatch);
       watchdog.setAnswered(packets.acknowledged());
       handleNext();
     } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
@@ -189,16 +190,16 @@ void Netfilter::Queue::serve(int stop) {
   }
 }
 
-// Moves packets from the kernel's queue to the backlog: up to kReadsOfBatch messages for each packet that is judged. If
-// only one were moved each time, a flood would fill the kernel's queue, and the kernel would then drop packets of all
-// users.
-PacketQueue::Read Netfilter::Queue::readBatch() {
+// Moves packets from the kernel's queue to the backlog, with up to `most` messages. serve() moves many messages for
+// each packet that is judged. If it moved only one, a flood would fill the kernel's queue, and the kernel would then
+// drop packets of all users.
+PacketQueue::Read Netfilter::Queue::readBatch(int most) {
   const auto now = PacketBacklog::Clock::now();
   auto keep = [this, now](const QueuedPacket& queued) {
     if (!backlog.add(queued, now)) dropUnjudged(queued);
   };
   PacketQueue::Read read = PacketQueue::Read::Nothing;
-  for (int i = 0; i < kReadsOfBatch; ++i) {
+  for (int i = 0; i < most; ++i) {
     read = packets.read(keep);
     if (read == PacketQueue::Read::Overrun) flow_counters().queueOverruns.fetch_add(1, std::memory_order_relaxed);
     if (read == PacketQueue::Read::Nothing || read == PacketQueue::Read::Failed) break;

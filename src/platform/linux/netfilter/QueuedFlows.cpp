@@ -75,8 +75,8 @@ void QueuedFlows::allowSocket(uint64_t cookie) {
   allowedByAge_.pop_front();
 }
 
-// Call this after each packet of an open flow. Moves the flow to the end of its list: settled_ if there is a verdict,
-// else open_.
+// Call this after each packet of a flow that was open. Moves the flow to the end of settled_ if the packet led to a
+// verdict, else to the end of open_.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->lastSeen = now;
   if (!is_settled(flow->session)) {

@@ -77,7 +77,7 @@ Relay::Outcome Relay::run() {
   }
 }
 
-// Asks whether the held bytes may leave, until the gate is open. Asks once more when the outbound side has ended.
+// Asks whether the held bytes may leave, until the gate is open. Asks once more when no more outbound bytes will come.
 void Relay::ask(bool silent) {
   if (endAsked_ || (gate_ == Gate::Open && !outbound_.sourceEnded)) return;
   endAsked_ = outbound_.sourceEnded;

@@ -18,8 +18,8 @@ inline constexpr size_t kRelayBufferSize = 65536;
 // Whether outbound bytes may leave: yes, not yet, or never.
 enum class Gate { Open, Held, Dropped };
 
-// Decides about the outbound bytes that are held. `ended`: the outbound side has ended. `silent`: the client has sent
-// nothing for 3 s. After the answer Open, the question is asked only once more, when the outbound side ends.
+// Decides about the outbound bytes that are held. `ended`: no more outbound bytes will come. `silent`: the client has
+// sent nothing for 3 s. After the answer Open, the question is asked only once more, when the outbound bytes end.
 using GateQuestion = std::function<Gate(std::span<const uint8_t> held, bool ended, bool silent)>;
 
 // Copies bytes between a client and its upstream, each way through a bounded buffer: while one side does not read, the
