@@ -7,6 +7,8 @@
 
 #include "platform/linux/sockets/SocketRecords.h"
 
+#define SOCK_STREAM 1  // <sys/socket.h> does not compile for BPF
+
 // The kernel requires a license text. None of the helpers used here is reserved for GPL programs.
 const char license_text[] SEC("license") = "Proprietary";
 
@@ -17,14 +19,22 @@ const volatile __u64 network_namespace = 0;  // cookie of the namespace whose so
 // to load the programs.
 const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
-// A full map drops the least recently used records. That does no harm, because the extension looks a record up right
-// after the socket's first packet.
+// A full map drops the least recently used records. The extension looks a record up right after the socket's first
+// packet, so this does harm only in a flood. Streams have a map of their own, because sockets can send datagrams much
+// faster than they can connect.
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 65536);
+  __type(key, __u64);
+  __type(value, struct SocketOpener);
+} stream_openers SEC(".maps");
+
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 16384);
   __type(key, __u64);
   __type(value, struct SocketOpener);
-} openers SEC(".maps");
+} datagram_openers SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -42,8 +52,8 @@ static __u32 process_identifier(void) {
   return process.tgid;
 }
 
-// Records the current process. Returns the socket's cookie, or 0 if the socket is not recorded.
-static __u64 record_opener(struct bpf_sock_addr* context) {
+// Records the current process in the map. Returns the socket's cookie, or 0 if the socket is not recorded.
+static __always_inline __u64 record_opener(struct bpf_sock_addr* context, void* openers) {
   if (bpf_get_netns_cookie(context) != network_namespace) return 0;
   __u32 process = process_identifier();
   if (!process) return 0;
@@ -55,11 +65,11 @@ static __u64 record_opener(struct bpf_sock_addr* context) {
       .group = identity >> 32,
       .time = bpf_ktime_get_boot_ns(),
   };
-  struct SocketOpener* known = bpf_map_lookup_elem(&openers, &cookie);
+  struct SocketOpener* known = bpf_map_lookup_elem(openers, &cookie);
   if (known && known->process == opener.process) {
     *known = opener;  // far cheaper than bpf_map_update_elem(); some processes send thousands of datagrams
   } else {
-    bpf_map_update_elem(&openers, &cookie, &opener, BPF_ANY);
+    bpf_map_update_elem(openers, &cookie, &opener, BPF_ANY);
   }
   return cookie;
 }
@@ -75,22 +85,25 @@ static void record_datagram(struct bpf_sock_addr* context, struct DatagramRoute*
   if (!known || *known != cookie) bpf_map_update_elem(&datagrams, route, &cookie, BPF_ANY);
 }
 
-SEC("cgroup/connect4")
-int connect_v4(struct bpf_sock_addr* context) {
-  record_opener(context);
+static __always_inline int record_connect(struct bpf_sock_addr* context) {
+  if (context->type == SOCK_STREAM) {
+    record_opener(context, &stream_openers);
+  } else {
+    record_opener(context, &datagram_openers);
+  }
   return 1;
 }
 
+SEC("cgroup/connect4")
+int connect_v4(struct bpf_sock_addr* context) { return record_connect(context); }
+
 SEC("cgroup/connect6")
-int connect_v6(struct bpf_sock_addr* context) {
-  record_opener(context);
-  return 1;
-}
+int connect_v6(struct bpf_sock_addr* context) { return record_connect(context); }
 
 SEC("cgroup/sendmsg4")
 int send_v4(struct bpf_sock_addr* context) {
   struct DatagramRoute route = {.remote = {0, 0, bpf_htonl(0xffff), context->user_ip4}};
-  record_datagram(context, &route, record_opener(context));
+  record_datagram(context, &route, record_opener(context, &datagram_openers));
   return 1;
 }
 
@@ -98,6 +111,6 @@ SEC("cgroup/sendmsg6")
 int send_v6(struct bpf_sock_addr* context) {
   struct DatagramRoute route = {
       .remote = {context->user_ip6[0], context->user_ip6[1], context->user_ip6[2], context->user_ip6[3]}};
-  record_datagram(context, &route, record_opener(context));
+  record_datagram(context, &route, record_opener(context, &datagram_openers));
   return 1;
 }

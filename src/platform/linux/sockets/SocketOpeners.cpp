@@ -141,7 +141,8 @@ std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
 }
 
 std::optional<SocketOpener> SocketOpeners::Programs::opener(uint64_t cookie) const {
-  return look_up<SocketOpener>(kernel->maps.openers, cookie);
+  auto found = look_up<SocketOpener>(kernel->maps.stream_openers, cookie);
+  return found ? found : look_up<SocketOpener>(kernel->maps.datagram_openers, cookie);
 }
 
 SocketOpeners::SocketOpeners() = default;

@@ -18,6 +18,7 @@
 #include "platform/Process.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/sockets/ConnectionOwner.h"
+#include "platform/linux/sockets/SocketOpeners.h"
 #include "platform/linux/sockets/SocketOwner.h"
 #include "support/Programs.h"
 
@@ -208,6 +209,29 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
     }
   }
+}
+
+TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
+  if (!enter_own_network()) GTEST_SKIP() << "needs a network namespace (root)";
+  SocketOpeners openers;
+  auto unrecorded = openers.start();
+  if (unrecorded) GTEST_SKIP() << *unrecorded;
+  Descriptor server(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, ::listen(server.get(), 1));
+  Descriptor client(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Address target = address_of(server);
+  target.sin6_addr = in6addr_loopback;
+  ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof target));
+  for (int i = 0; i < 40'000; ++i) {
+    Descriptor flooding(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ::sendto(flooding.get(), "", 0, 0, generic(target), sizeof target);
+  }
+  uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  ASSERT_EQ(0, ::getsockopt(client.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size));
+  auto opener = openers.opener(cookie);
+  ASSERT_TRUE(opener.has_value());
+  EXPECT_EQ(static_cast<uint32_t>(::getpid()), opener->process);
 }
 
 std::chrono::nanoseconds thread_time() {
