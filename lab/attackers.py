@@ -7,6 +7,8 @@ import signal
 import socket
 import time
 
+from harness import wait_until
+
 ATTACKER = 65534  # a user without privileges, who opens none of the measured connections
 _SEARCHED, _DESCRIPTORS = 40, 19_000
 _FLOODERS, _SOCKETS = 8, 2_000
@@ -62,27 +64,40 @@ def _send_slow_heads(server: socket.socket) -> None:
         time.sleep(_PAUSE)
 
 
+def _open_half(_, address: str, count: int, lines: int, single: int, opened) -> None:
+    connections = [socket.socket() for _ in range(count)]
+    for connection in connections:
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connection.connect((address, 80))
+        with contextlib.suppress(ConnectionResetError):  # the extension limits a user's open flows
+            connection.sendall(b"GET / HTTP/1.1\r\n" + b"a:\r\n" * lines)
+            for _ in range(single):
+                connection.sendall(b"b")
+    opened.release()
+    signal.pause()
+
+
 def _run(attack, *arguments) -> None:
     os.setgid(ATTACKER)
     os.setuid(ATTACKER)
     attack(*arguments)
 
 
-def _start(processes: int, attack) -> None:
+def _start(processes: int, attack, *arguments) -> None:
     for number in range(processes):
-        _FORKING.Process(target=_run, args=(attack, number)).start()
+        _FORKING.Process(target=_run, args=(attack, number, *arguments)).start()
 
 
 @contextlib.contextmanager
-def _attackers(start, seconds: float):
-    """Runs an attack during a with block. The block begins `seconds` after the attack."""
+def _attackers(start, wait):
+    """Runs an attack during a with block. The block begins when wait() returns."""
     group = os.fork()
     if group == 0:
         os.setpgid(0, 0)
         start()
         signal.pause()
-    time.sleep(seconds)
     try:
+        wait()
         yield
     finally:
         os.killpg(group, signal.SIGKILL)
@@ -100,9 +115,26 @@ def slow_attack():
         _start(_SEARCHED, _search_far)
         _run(_send_slow_heads, server)
 
-    return _attackers(start, 10)
+    return _attackers(start, lambda: time.sleep(10))
 
 
 def flood():
     """Sends more packets than the queue can hold. Needs root and the limit of open files, as slow_attack() does."""
-    return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), 3)
+    return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), lambda: time.sleep(3))
+
+
+def half_open_flows(address: str, count: int, lines: int, single: int):
+    """Opens HTTP connections that stay open. The with block begins when all are open.
+
+    On each connection, sends the begin of a request head with that many lines, and then single bytes. Needs root and
+    the limit of open files, as slow_attack() does.
+    """
+    opened = _FORKING.Semaphore(0)
+
+    def start() -> None:
+        _start(_FLOODERS, _open_half, address, count // _FLOODERS, lines, single, opened)
+
+    def wait() -> None:
+        wait_until(lambda: opened.get_value() == _FLOODERS, f"{count} half-open flows", 300)
+
+    return _attackers(start, wait)

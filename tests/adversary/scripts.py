@@ -1,75 +1,19 @@
-"""What the clients send and the servers do, as data. A script's name and seed determine all of it."""
+"""What the clients and the servers do, as tables. The arguments of make() determine all of a script."""
 
 import dataclasses
 import random
 import struct
 from collections.abc import Callable
 
-HELD, NEWS = "held.example", "news.example"
-FIN, SYN, RST, PSH, ACK, URG, ECE, CWR = (1 << bit for bit in range(8))
+from harness import HELD, NEWS
+from tcp_peer import ACK, CWR, ECE, FIN, PSH, RST, SYN, URG, Script
+
 ANSWER = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nan answer"
 FORGOTTEN = 2  # seconds after which connection tracking has forgotten a connection in the scripts of FORGETFUL
 
 
-@dataclasses.dataclass
-class Script:
-    name: str
-    family: int
-    host: str
-    is_browser: bool
-    # The client.
-    port: int
-    text: bytes = b""  # what it sends
-    named: tuple[int, int] = (0, 0)  # the bytes of `text` that name the host: the last of them to arrive completes it
-    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # seconds after so many bytes; ends a write
-    has_syn_payload: bool = False
-    extension_headers: list[int] = dataclasses.field(default_factory=list)  # socket options of IPV6_DSTOPTS's kind
-    client_port: int = 0
-    earlier_host: str = ""  # of a connection with the same ports just before
-    is_older: bool = False  # begins before the extension
-    # The server.
-    mss: int = 1460
-    first_window: int = 0  # bytes that the client may send at first
-    window: int = 65535  # from then on
-    window_until: int = 0  # from so many bytes on the window is 65535
-    pause: float = 0  # seconds with a window of zero
-    pause_at: int = 0
-    lost: list[int] = dataclasses.field(default_factory=list)  # segments with payload, from 1
-    sack: bool = False
-    reneges: bool = False
-    repeated_acks: int = 0
-    stray_acks: bool = False
-    mtu: int = 0  # of an ICMP error that answers the first segment
-    syn_flags: int = 0  # also set in SYN-ACK segments
-    flags: int = 0  # also set in ACK segments
-    syn_payload: bytes = b""  # of the SYN-ACK
-    takes_syn_payload: bool = True
-    opening: str = "SYN-ACK"  # or what the server sends first
-    primed: int = 0  # the flags of a segment to the client's port before the client connects
-    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # each after so many bytes
-    answer_delay: float = 0
-    sends_once: bool = False
-    end: tuple[int, int] | None = None  # after so many bytes, FIN or RST
-    end_distance: int = 0  # of the end's sequence number, ahead of what was sent
-
-    def is_held(self) -> bool:
-        return self.is_browser and self.host == HELD and not self.is_older
-
-    def answer(self) -> bytes:
-        return b"".join(data for _, data in self.answers)
-
-    def __str__(self) -> str:
-        """What differs from the defaults."""
-        shown = {}
-        for field in dataclasses.fields(self)[6:]:
-            value = getattr(self, field.name)
-            if value and value != field.default:
-                shown[field.name] = value if len(str(value)) < 200 else "..."
-        return f"{len(self.text)} bytes, {shown}"
-
-
 def request(number: random.Random, host: str, length: int) -> tuple[bytes, tuple[int, int]]:
-    """A request's head of about that length, and where its Host line is."""
+    """A request head of about that length, and where its Host line is."""
     cuts = sorted(number.randrange(max(length - 99, 1)) for _ in range(2))
     target, before, behind = cuts[0], cuts[1] - cuts[0], max(length - 100, 0) - cuts[1]
     line = f"Host: {host}\r\n".encode()
@@ -118,7 +62,7 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """The kernel sends less than a segment every 200 ms, so there are few of these windows."""
+    """Only six windows are narrow, because the kernel sends a part of a segment only every 200 ms."""
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}
@@ -131,7 +75,7 @@ def _pause(script: Script, number: random.Random) -> dict:
 
 
 def _writes(script: Script, number: random.Random) -> dict:
-    """Some of them end inside the name."""
+    """Ends writes at random positions, four of them inside the name."""
     ends = [number.randrange(*bounds) for bounds in [script.named] * 4 + [(1, len(script.text))] * 8]
     return {"pauses": {at: number.choice([0, 0.005, 0.03]) for at in ends}}
 
@@ -142,13 +86,21 @@ def _end(script: Script, number: random.Random) -> dict:
     return {"end": (at, number.choice([FIN, RST])), "pauses": {at: 0.1}, "answers": answers}
 
 
+def _reuse(script: Script, number: random.Random, *hosts: str) -> dict:
+    """A connection to one of the hosts, and the script's own connection with the same ports just after it."""
+    host, port = number.choice(hosts), number.randrange(20000, 30000)
+    text, named = request(random.Random(0), host, 200)
+    more = {"text": text, "named": named, "client_port": port, "answers": [(len(text), ANSWER)]}
+    return {"earlier": Script(script.family, host, script.port, **more), "client_port": port}
+
+
 def _answer(script: Script, at: int, pause: float) -> dict:
-    """An answer while the rest of the request waits: for the window, or for the browser."""
+    """An answer after `at` bytes. The client sends the rest after a pause, or when the window allows it."""
     return {"answers": [(at, ANSWER), *script.answers], "pauses": {at: pause}}
 
 
-# What scripts are made of. Each step returns the fields that it changes. A script takes its steps in this order: the
-# others depend on the text, and the end on the answers.
+# Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table:
+# first those that make the text, because the others depend on it, and "end" after those that change the answers.
 STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "plain": lambda _, n: {},
     "spelling": _spelling,
@@ -175,16 +127,17 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "syn answer": lambda s, n: {"syn_payload": ANSWER},
     "fast open": lambda s, n: {"has_syn_payload": True, "takes_syn_payload": n.random() < 0.5},
     "end": _end,
-    "reuse": lambda s, n: {"earlier_host": n.choice([HELD, NEWS]), "client_port": n.randrange(20000, 30000)},
-    "reuse dropped": lambda s, n: {"earlier_host": HELD, "client_port": n.randrange(20000, 30000)},
-    # linux/in6.h: IPV6_HOPOPTS, IPV6_DSTOPTS
+    "reuse": lambda s, n: _reuse(s, n, HELD, NEWS),
+    "reuse dropped": lambda s, n: _reuse(s, n, HELD),
+    # IPV6_HOPOPTS and IPV6_DSTOPTS of linux/in6.h
     "headers": lambda s, n: {"extension_headers": n.choice([[54], [59], [54, 59]])},
     "SYN": lambda s, n: {"opening": "SYN"},
     "RST": lambda s, n: {"opening": "RST"},
     "wrong": lambda s, n: {"opening": "wrong acknowledgment"},
     "primed SYN": lambda s, n: {"primed": SYN, "client_port": n.randrange(20000, 30000)},
     "primed ACK": lambda s, n: {"primed": ACK, "client_port": n.randrange(20000, 30000)},
-    # Resets that end the tracked connection and not the socket's, which did not get what came before.
+    # These resets end the connection for connection tracking. The client's socket ignores them, because it has not
+    # received the bytes before them.
     "reset behind answer": lambda s, n: {
         **_answer(s, s.named[0] - 10, FORGOTTEN),
         "end": (s.named[0] - 10, RST),
@@ -200,8 +153,8 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
         "pauses": {n.choice([0, 1, s.named[0] + 1]): FORGOTTEN},
         "answer_delay": n.choice([0, FORGOTTEN]),
     },
-    # Both sides are in the middle of something when the extension starts.
-    "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5, "is_older": True},
+    # When the extension starts, the client has sent half of the text, and the server's answer is on its way.
+    "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},
 }
 _MIXED = ["narrow", "segments", "writes", "pause", "loss", "fragmentation", "stray", "flags", "early", "fast open"]
 _MIXED += ["end", "reuse"]
@@ -236,21 +189,21 @@ SCRIPTS = {
     "AckToClientFirst": ["primed ACK"],
     "ExtensionHeaders": ["headers"],
     "ExtensionHeadersAndEarlyAnswer": ["early", "headers"],
-    **{f"Mixed{number}": [] for number in range(1, 5)},  # random steps
+    **{f"Mixed{number}": [] for number in range(1, 5)},  # make() draws the steps
 }
-# While connection tracking forgets connections after a second.
+# The run plays these scripts while connection tracking forgets connections after a second.
 FORGETFUL = {
     "ResetBehindAnswer": ["reset behind answer"],
     "ResetBehindStrayAcknowledgment": ["reset behind stray"],
     "Silence": ["silence"],
 }
-# Those that the run starts at a certain moment.
+# The run begins and continues these scripts at certain moments. The flow of "BegunBefore" is older than the extension.
 TIMED = {"BegunBefore": ["older"], "HalfAndRest": ["half"], "DroppedBefore": ["reuse dropped"]}
 
 
 def make(name: str, seed: int, family: int, host: str, is_browser: bool) -> Script:
     number = random.Random(f"{name} {seed} {family} {host} {is_browser}")
-    script = Script(name, family, host, is_browser, number.choice([80, 443]))
+    script = Script(family, host, number.choice([80, 443]))
     steps = (SCRIPTS | FORGETFUL | TIMED)[name]
     if not steps:
         steps = [number.choice(["spelling", "half", "long"])]
@@ -258,12 +211,6 @@ def make(name: str, seed: int, family: int, host: str, is_browser: bool) -> Scri
     script = dataclasses.replace(script, **_text(script, number, number.randrange(100, 700), host))
     for step in sorted(steps, key=list(STEPS).index):
         script = dataclasses.replace(script, **STEPS[step](script, number))
+    for made in filter(None, [script, script.earlier]):
+        made.is_held = is_browser and made.host == HELD and name != "BegunBefore"
     return script
-
-
-def earlier(script: Script) -> Script:
-    """The connection before, with the same ports."""
-    text, named = request(random.Random(0), script.earlier_host, 200)
-    made = Script("earlier", script.family, script.earlier_host, script.is_browser, script.port, text, named)
-    made.client_port, made.answers = script.client_port, [(len(text), ANSWER)]
-    return made

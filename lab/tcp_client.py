@@ -1,9 +1,7 @@
-#!/usr/bin/env python3
-"""The clients of one program. Plays an order for each line of its input, several at once."""
+"""Programs whose sockets play the client's part of a script for the TCP peer (tcp_peer.py)."""
 
-import concurrent.futures
 import fcntl
-import json
+import multiprocessing
 import os
 import pathlib
 import select
@@ -12,19 +10,17 @@ import struct
 import sys
 import termios
 import time
-import traceback
+from multiprocessing.managers import BaseManager
 
-sys.dont_write_bytecode = True
+from tcp_peer import Script
 
-import scripts
-
-_TIMEOUT = 120  # seconds; a long text with losses in small segments takes a minute
-_GATE_TIMEOUT = 300  # while a flood runs
+_TIMEOUT = 120  # seconds; a long text of which small segments are lost takes a minute
+_GATE_TIMEOUT = 300  # longer, because a whole attack can take place before the gate's file exists
 _SKIP_8_BYTES = struct.pack("!BBBBI", 0, 0, 1, 4, 0)  # an extension header of one PadN option, RFC 8200, section 4.2
-_RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # SO_LINGER, so that no TIME-WAIT state keeps the port
+_RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # the value of SO_LINGER with which no TIME-WAIT state keeps the port
 
 
-def _socket(script: scripts.Script) -> socket.socket:
+def _socket(script: Script) -> socket.socket:
     connection = socket.socket(socket.AF_INET if script.family == 4 else socket.AF_INET6)
     connection.settimeout(_TIMEOUT)
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
@@ -39,15 +35,17 @@ def _socket(script: scripts.Script) -> socket.socket:
 
 
 def _may_pass(gate: str) -> bool:
-    """Whether the gate, a file, is there. Leaves a note that a client waits."""
+    """Whether the gate's file exists. Makes the file GATE.reached, which shows that a client is at the gate."""
     pathlib.Path(gate + ".reached").touch()
     return os.path.exists(gate)
 
 
 def _exchange(connection: socket.socket, text: bytes, pauses: dict, answer: float, gate: str | None) -> tuple:
-    """Writes the text, and reads as long as an answer may come. With a gate, the second write waits for it.
+    """Sends the text, in one write for each piece that `pauses` separates, and reads until the exchange ends.
 
-    Returns what came, and how it ended.
+    The exchange ends when the server has acknowledged all text and sent `answer` bytes, when the connection was reset,
+    or after a timeout. With a gate, the writes after the first wait until the gate's file exists. Returns the received
+    bytes, and how the exchange ended.
     """
     received, sent, has_ended = b"", 0, False
     resume, end = time.monotonic() + pauses.get(0, 0), time.monotonic() + (_GATE_TIMEOUT if gate else _TIMEOUT)
@@ -73,7 +71,7 @@ def _exchange(connection: socket.socket, text: bytes, pauses: dict, answer: floa
     return received, "end of stream" if has_ended else "silence"
 
 
-def _connect(script: scripts.Script, address: str, gate: str | None) -> tuple:
+def _connect(script: Script, address: str, gate: str | None) -> tuple:
     text, pauses = script.text, script.pauses
     with _socket(script) as connection:
         if script.has_syn_payload:
@@ -82,38 +80,41 @@ def _connect(script: scripts.Script, address: str, gate: str | None) -> tuple:
             pauses = {}
         else:
             connection.connect((address, script.port))
-        answer = float("inf") if script.is_held() else len(script.answer())
-        return _exchange(connection, text, pauses, answer, gate)
+        return _exchange(connection, text, pauses, float("inf") if script.is_held else len(script.answer()), gate)
 
 
-def play(address: str, script: dict, gate: str | None = None) -> dict:
-    made = scripts.make(**script)
-    try:
-        if made.earlier_host:
-            _connect(scripts.earlier(made), address, None)
-            while gate and not _may_pass(gate):
-                time.sleep(0.002)
-        received, end = _connect(made, address, gate)
-    except (ConnectionResetError, ConnectionRefusedError):
-        received, end = b"", "reset"
-    except OSError as error:
-        received, end = b"", repr(error)
-    return {"received": received.hex(), "end": end}
+class _Client:
+    def play(self, script: Script, address: str, gate: str | None) -> tuple[bytes, str]:
+        """Plays the script's earlier connection, if it has one, and then its own. Returns what _exchange() returns.
+
+        With an earlier connection, the gate is between the two connections.
+        """
+        try:
+            if script.earlier:
+                _connect(script.earlier, address, None)
+                while gate and not _may_pass(gate):
+                    time.sleep(0.002)
+            return _connect(script, address, gate)
+        except (ConnectionResetError, ConnectionRefusedError):
+            return b"", "reset"
+        except OSError as error:
+            return b"", repr(error)
 
 
-def _follow(number: int, order: dict) -> None:
-    try:
-        result = play(**order)
-    except Exception:  # ends the run
-        result = {"failure": traceback.format_exc()}
-    os.write(1, json.dumps([number, result]).encode() + b"\n")  # one write, so that lines do not mix
+class _Program(BaseManager):
+    """A process of its own, with a thread for each thread of this process that calls its client."""
 
 
-def main() -> None:
-    with concurrent.futures.ThreadPoolExecutor(32) as pool:
-        for line in sys.stdin:
-            pool.submit(_follow, *json.loads(line))
+_Program.register("client", _Client)
 
 
-if __name__ == "__main__":
-    main()
+class Program:
+    """A program that plays scripts. It runs this Python code, from a copy of the interpreter or the interpreter."""
+
+    def __init__(self, executable: str, directory: pathlib.Path):
+        os.environ["PYTHONHOME"] = sys.prefix  # a copy of the interpreter finds the standard library there
+        multiprocessing.set_executable(executable)
+        address = str(directory / f"{pathlib.Path(executable).name}.socket")
+        self._process = _Program(address, ctx=multiprocessing.get_context("spawn"))
+        self._process.start()
+        self.play = self._process.client().play  # pylint: disable=no-member; register() makes this member

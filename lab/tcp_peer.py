@@ -1,9 +1,10 @@
-"""The servers of all addresses behind a TUN device, as one TCP (RFC 9293) peer that does what its scripts say.
+"""TCP servers (RFC 9293) behind a TUN device. They do what scripts say, even if TCP forbids it.
 
-The clients are sockets of this machine's kernel. Each flow has a server's address of its own, by which the peer finds
-its script.
+The clients are sockets of this machine's kernel. Each flow has a server address of its own, by which the peer finds the
+flow's script.
 """
 
+import dataclasses
 import fcntl
 import heapq
 import ipaddress
@@ -17,14 +18,69 @@ import threading
 import time
 
 from isolation import Unavailable
-from scripts import ACK, FIN, RST, SYN, URG, Script
 
-DEVICE = "peer0"
-# The clients' own addresses; the servers have the other ones of these networks.
-LOCAL = {4: "10.77.255.254/16", 6: "fd77::ffff:1/64"}
-# Seconds until the peer's retransmissions. Later ones leave the client time: each segment that arrives delays the
-# kernel's timer that sends into a narrow window.
+FIN, SYN, RST, PSH, ACK, URG, ECE, CWR = (1 << bit for bit in range(8))
+_DEVICE = "peer0"
+# The addresses of the clients. All other addresses of these two networks are the servers'.
+_LOCAL = {4: "10.77.255.254/16", 6: "fd77::ffff:1/64"}
+# The seconds from each transmission of the peer to its next. Each segment that arrives at the client restarts the timer
+# with which the client's kernel sends into a narrow window. So the later intervals are long: the client can send in
+# between.
 _RESENDS = [0.15, 0.15, 0.3, 0.6, *[1] * 12]
+
+
+@dataclasses.dataclass
+class Script:
+    """What the client and the server of a flow do. A position in the text is a number of bytes before it."""
+
+    # The client.
+    family: int  # 4 or 6
+    host: str  # the host that the text names
+    port: int  # of the server
+    is_held: bool = False  # the filter drops this flow, so the client waits for a reset
+    text: bytes = b""  # what the client sends
+    named: tuple[int, int] = (0, 0)  # the bytes of the text that name the host: the first, and the one after the last
+    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}; a write ends there
+    has_syn_payload: bool = False
+    extension_headers: list[int] = dataclasses.field(default_factory=list)  # socket options like IPV6_DSTOPTS
+    client_port: int = 0  # 0: the kernel chooses
+    earlier: "Script | None" = None  # of a connection with the same ports, just before
+    # The server.
+    mss: int = 1460
+    first_window: int = 0  # the client may first send up to this position
+    window: int = 65535  # from first_window on
+    window_until: int = 0  # from this position on, the window is 65535
+    pause: float = 0  # seconds with a window of zero
+    pause_at: int = 0
+    lost: list[int] = dataclasses.field(default_factory=list)  # the numbers, from 1, of segments with payload
+    sack: bool = False
+    reneges: bool = False  # drops the segments after a gap, which it may have confirmed by SACK
+    repeated_acks: int = 0
+    stray_acks: bool = False  # also sends acknowledgments of bytes that are far away or already acknowledged
+    mtu: int = 0  # if not 0, an ICMP error with this MTU answers the first segment with payload
+    syn_flags: int = 0  # more flags of SYN-ACK segments
+    flags: int = 0  # more flags of ACK segments
+    syn_payload: bytes = b""  # of the SYN-ACK
+    takes_syn_payload: bool = True
+    opening: str = "SYN-ACK"  # or "SYN" instead of it, or "RST" or "wrong acknowledgment" ahead of it
+    primed: int = 0  # if not 0, the flags of a segment to the client's port before the client connects
+    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, what the server sends then)
+    answer_delay: float = 0
+    sends_once: bool = False  # no retransmissions
+    end: tuple[int, int] | None = None  # (position, FIN or RST)
+    end_distance: int = 0  # how far the end's sequence number is ahead of what the server has sent
+
+    def answer(self) -> bytes:
+        return b"".join(data for _, data in self.answers)
+
+    def __str__(self) -> str:
+        """The text's length, and the fields that differ from their defaults."""
+        shown = [f"{len(self.text)} bytes"]
+        for field in dataclasses.fields(self):
+            value = getattr(self, field.name)
+            if value and value != field.default and field.name != "text":
+                shown.append(f"{field.name} {value if len(str(value)) < 200 else '...'}")
+        return ", ".join(shown)
 
 
 def server_address(family: int, number: int) -> str:
@@ -32,7 +88,7 @@ def server_address(family: int, number: int) -> str:
 
 
 def _checksum(data: bytes) -> int:
-    """RFC 1071."""
+    """The Internet checksum, RFC 1071."""
     total = sum(struct.unpack(f"!{(len(data) + 1) // 2}H", data + b"\0" * (len(data) % 2)))
     while total >> 16:
         total = (total & 0xFFFF) + (total >> 16)
@@ -40,7 +96,7 @@ def _checksum(data: bytes) -> int:
 
 
 def _packet(source: bytes, destination: bytes, protocol: int, body: bytes, checksum_at: int) -> bytes:
-    """An IP packet. Fills the body's checksum in; only ICMP over IPv4 has none of a pseudo header."""
+    """An IP packet. Fills in the body's checksum, which covers a pseudo header, except for ICMP over IPv4."""
     pseudo = b"" if protocol == socket.IPPROTO_ICMP else source + destination + struct.pack("!II", len(body), protocol)
     checksum = struct.pack("!H", _checksum(pseudo + body))
     body = body[:checksum_at] + checksum + body[checksum_at + 2 :]
@@ -53,16 +109,16 @@ def _packet(source: bytes, destination: bytes, protocol: int, body: bytes, check
 class Connection:
     """One client's connection to a server. Offsets count the client's bytes, without SYN and FIN."""
 
-    def __init__(self, peer: "Peer", script: Script, ends: tuple, initial: int):
-        self._peer, self._script, self.ends = peer, script, ends
+    def __init__(self, peer: "Peer", script: Script, endpoints: tuple, initial: int):
+        self._peer, self._script, self.endpoints = peer, script, endpoints
         self.initial = initial  # the client's sequence number
-        self._initial = 0x10000000 + initial % 0x1000  # ours
+        self._initial = 0x10000000 + initial % 0x1000  # the server's
         self._acknowledged = self._initial + 1
-        self._out = b""  # what we sent and will send, from _acknowledged on
+        self._out = b""  # the server's bytes from _acknowledged on: those sent, and those to send
         self._due = list(script.answers)
         self._segments = 0
         self._has_ended = self._client_ended = self._is_reset = self._is_established = False
-        self._reopens_at: float | None = None  # after a window of zero
+        self._reopens_at: float | None = None  # when a window of zero ends
         self._lost = set(script.lost)
         self._waiting: dict[int, bytes] = {}
         self.received = bytearray()
@@ -72,14 +128,15 @@ class Connection:
     def has_name(self) -> bool:
         return not self._named_missing
 
-    # What the client sends.
+    # What the client sent.
 
     def take(self, flags: int, sequence: int, acknowledgment: int, payload: bytes, packet: bytes) -> None:
         offset = (sequence + bool(flags & SYN) - self.initial - 1 + (1 << 31)) % (1 << 32) - (1 << 31)
-        # Also those bytes arrived that the script loses.
+        # The server has seen these bytes, even if the script says that they are lost.
         self._named_missing.difference_update(range(max(offset, 0), offset + len(payload)))
         if flags & RST:
-            self._is_reset = self._is_established  # else it answers what the script sent first
+            # Until the connection is established, a reset only rejects what the script sent ahead of the SYN-ACK.
+            self._is_reset = self._is_established
         elif flags & SYN and not flags & ACK:
             self._open(payload)
         elif flags & ACK:
@@ -91,7 +148,7 @@ class Connection:
                 self._acknowledge()
                 self._end(FIN)
             elif flags & SYN:
-                self._acknowledge()  # of a simultaneous open
+                self._acknowledge()  # the SYN-ACK of a simultaneous open
 
     def _take_acknowledgment(self, acknowledgment: int) -> None:
         fresh = (acknowledgment - self._acknowledged) % (1 << 32)
@@ -105,7 +162,7 @@ class Connection:
     def _take_payload(self, offset: int, payload: bytes, packet: bytes) -> None:
         self._segments += 1
         if self._segments == 1 and self._script.mtu:
-            self._peer.send_too_big(self.ends, self._script.mtu, packet)
+            self._peer.send_too_big(self.endpoints, self._script.mtu, packet)
             return
         if self._segments in self._lost:
             self._lost.remove(self._segments)
@@ -126,7 +183,7 @@ class Connection:
                 self._send(ACK, acknowledgment=self._position() + distance)
         self._answer()
 
-    # What we send.
+    # What the server sends.
 
     def _position(self) -> int:
         return self.initial + 1 + len(self.received) + self._client_ended
@@ -143,7 +200,7 @@ class Connection:
         return script.window if length < script.window_until else 65535
 
     def _send(self, flags: int, payload=b"", sequence=None, acknowledgment=None, options=b"") -> None:
-        source, destination, port, client_port = self.ends
+        source, destination, port, client_port = self.endpoints
         if sequence is None:
             sequence = self._initial + (0 if flags & SYN else 1)
         if acknowledgment is None:
@@ -185,7 +242,7 @@ class Connection:
             self._peer.later(wait, self._send, SYN | ACK, script.syn_payload, None, None, options)
 
     def _answer(self) -> None:
-        """Sends those answers that are due, and the script's end."""
+        """Sends the answers and the end that the script has for the text so far."""
         while self._due and len(self.received) >= self._due[0][0]:
             self._peer.later(self._script.answer_delay, self._transmit, self._due.pop(0)[1])
         if self._script.end and len(self.received) >= self._script.end[0]:
@@ -213,22 +270,22 @@ class Connection:
 
 
 class Peer:
-    """The device and its thread. Only that thread uses the connections of a server until end()."""
+    """The TUN device, and the thread that serves it. Until end(), only that thread uses a server's connections."""
 
     def __init__(self):
         try:
             self._device = os.open("/dev/net/tun", os.O_RDWR | os.O_NONBLOCK)
             TUNSETIFF, IFF_TUN, IFF_NO_PI = 0x400454CA, 1, 0x1000  # Documentation/networking/tuntap.rst
-            fcntl.ioctl(self._device, TUNSETIFF, struct.pack("16sH22x", DEVICE.encode(), IFF_TUN | IFF_NO_PI))
+            fcntl.ioctl(self._device, TUNSETIFF, struct.pack("16sH22x", _DEVICE.encode(), IFF_TUN | IFF_NO_PI))
         except OSError as error:
             raise Unavailable(f"this machine has no TUN device: {error}") from None
         self.families = [4, 6] if socket.has_dualstack_ipv6() else [4]
         for family in self.families:
             more = ["nodad"] if family == 6 else []
-            self._ip(f"-{family}", "address", "add", LOCAL[family], "dev", DEVICE, *more)
-        self._ip("link", "set", DEVICE, "up")
-        self._servers: dict[bytes, tuple[tuple[Script, ...], list[Connection]]] = {}  # by address
-        self._by_ends: dict[tuple, Connection] = {}
+            self._ip(f"-{family}", "address", "add", _LOCAL[family], "dev", _DEVICE, *more)
+        self._ip("link", "set", _DEVICE, "up")
+        self._servers: dict[bytes, tuple[list[Script], list[Connection]]] = {}  # by address
+        self._by_endpoints: dict[tuple, Connection] = {}
         self._timers: list[tuple] = []
         self._numbers = itertools.count()
         threading.Thread(target=self._run, daemon=True).start()
@@ -240,19 +297,19 @@ class Peer:
         except FileNotFoundError:
             raise Unavailable("ip is not installed") from None
 
-    def serve(self, address: str, *scripts: Script) -> None:
-        """Each connection follows the next script, and the last script serves all further ones."""
+    def serve(self, address: str, script: Script) -> None:
+        """The first connection follows the script's earlier connection, if it has one. All others follow the script."""
         server = ipaddress.ip_address(address).packed
-        self._servers[server] = scripts, []
-        if scripts[-1].primed:
-            local = ipaddress.ip_interface(LOCAL[scripts[-1].family]).ip.packed
-            Connection(self, scripts[-1], (server, local, scripts[-1].port, scripts[-1].client_port), 1000).prime()
+        self._servers[server] = [script.earlier, script] if script.earlier else [script], []
+        if script.primed:
+            client = ipaddress.ip_interface(_LOCAL[script.family]).ip.packed
+            Connection(self, script, (server, client, script.port, script.client_port), 1000).prime()
 
     def end(self, address: str) -> list[Connection]:
-        """The server's connections. It is silent from now on."""
+        """Stops serving the address: further packets to it are ignored. Returns the server's connections."""
         _, connections = self._servers.pop(ipaddress.ip_address(address).packed)
         for connection in connections:
-            self._by_ends.pop(connection.ends, None)
+            self._by_endpoints.pop(connection.endpoints, None)
         return connections
 
     def later(self, seconds: float, function, *arguments) -> None:
@@ -261,9 +318,9 @@ class Peer:
     def write(self, packet: bytes) -> None:
         os.write(self._device, packet)
 
-    def send_too_big(self, ends: tuple, mtu: int, packet: bytes) -> None:
-        """RFC 792 and RFC 1191, or RFC 4443."""
-        source, destination = ends[:2]
+    def send_too_big(self, endpoints: tuple, mtu: int, packet: bytes) -> None:
+        """Sends the ICMP error of RFC 792 and RFC 1191, or of RFC 4443, about a packet of the client."""
+        source, destination = endpoints[:2]
         if len(source) == 4:
             body = struct.pack("!BBHHH", 3, 4, 0, 0, mtu) + packet[:548]
             self.write(_packet(source, destination, socket.IPPROTO_ICMP, body, 2))
@@ -298,11 +355,11 @@ class Peer:
             return
         scripts, connections = server
         client_port, port, sequence, acknowledgment, length, flags = struct.unpack_from("!HHIIBB", packet, at)
-        ends = (destination, source, port, client_port)
-        connection = self._by_ends.get(ends)
+        endpoints = (destination, source, port, client_port)
+        connection = self._by_endpoints.get(endpoints)
         if flags & (SYN | ACK | RST) == SYN and (connection is None or connection.initial != sequence):
-            connection = Connection(self, scripts[min(len(connections), len(scripts) - 1)], ends, sequence)
+            connection = Connection(self, scripts[min(len(connections), len(scripts) - 1)], endpoints, sequence)
             connections.append(connection)
-            self._by_ends[ends] = connection
+            self._by_endpoints[endpoints] = connection
         if connection is not None:
             connection.take(flags, sequence, acknowledgment, packet[at + (length >> 4) * 4 :], packet)
