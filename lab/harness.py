@@ -38,21 +38,16 @@ def outcome(connection: socket.socket) -> str:
         return "silence"
 
 
-def connect(name: str, address: str = "127.0.0.1", port: int = 443, pieces: int = 1) -> str:
-    """Connects, and sends the first bytes of a browser, split into `pieces` parts. Returns the outcome."""
-    text = hello(name) if port == 443 else request(name)
-    step = -(-len(text) // pieces)
+def connect(name: str, address: str = "127.0.0.1", port: int = 443) -> str:
+    """Connects, and sends the first bytes of a browser. Returns the outcome."""
     try:
         with socket.create_connection((address, port), 20) as connection:
-            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-            for start in range(0, len(text), step):
-                time.sleep(0.02 if start else 0)
-                connection.sendall(text[start : start + step])
+            connection.sendall(hello(name) if port == 443 else request(name))
             return outcome(connection)
     except ConnectionRefusedError:
         return "refused"
     except ConnectionResetError:
-        return DROP  # the reset came before all pieces were sent
+        return DROP
 
 
 def wait_until(condition, what: str, seconds: float) -> None:

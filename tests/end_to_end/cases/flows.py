@@ -1,19 +1,17 @@
 """Which connections the filter drops, and which it allows."""
 
 import collections
-import contextlib
 import pathlib
 import shutil
 import socket
 import ssl
 import struct
 import subprocess
-import threading
 import time
 
 import name_server
 import programs
-from first_bytes import SERVED, FirstBytesServer, allow_many_descriptors, hello, request
+from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, outcome
 
 
@@ -26,94 +24,6 @@ def DropsOnlyHeldHosts(world: World):
                 check(world.fetch(curl, scheme, NEWS, family), ALLOW, f"{scheme} {family}")
 
 
-def ReadsNamesSplitIntoTenSegments(world: World):
-    with world.filtering(PYTHON):
-        for port in (80, 443):
-            for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
-                check(connect(name, port=port, pieces=10), expected, f"{name} on port {port}")
-
-
-class RecordingServer:
-    """Records the bytes of each connection. Answers with SERVED once, as soon as these bytes end with `last`.
-
-    If `last` is empty, it answers the first bytes.
-    """
-
-    def __init__(self, port: int, last: bytes = b""):
-        self.address, self._last, self.received = ("127.0.0.3", port), last, [b""]
-        self._listener = socket.create_server(self.address, reuse_port=True)
-        threading.Thread(target=self._serve, daemon=True).start()
-
-    def _serve(self) -> None:
-        while True:
-            connection, _ = self._listener.accept()
-            self.received.append(b"")
-            threading.Thread(target=self._read, args=(connection, len(self.received) - 1), daemon=True).start()
-
-    def _read(self, connection: socket.socket, number: int) -> None:
-        answered = False
-        with connection, contextlib.suppress(ConnectionError):
-            while data := connection.recv(1 << 20):
-                self.received[number] += data
-                if not answered and self.received[number].endswith(self._last):
-                    connection.sendall(SERVED)
-                    answered = True
-
-    def send(self, *pieces: bytes) -> tuple[str, list[str]]:
-        """Sends the pieces on one connection.
-
-        Returns the outcome after the last piece, and a list of the outcomes after the earlier pieces.
-        """
-        seen = []
-        with contextlib.suppress(ConnectionResetError), socket.create_connection(self.address, 20) as connection:
-            for piece in pieces[:-1]:
-                connection.sendall(piece)
-                connection.settimeout(0.3)
-                seen.append(outcome(connection))
-            connection.settimeout(20)
-            connection.sendall(pieces[-1])
-            return outcome(connection), seen
-        return DROP, seen
-
-
-def ReadsNamesInEverySpelling(world: World):
-    """A page can make a browser ask for a name in capitals, or for one that ends with the dot of the DNS root."""
-    plain, secure = RecordingServer(80), RecordingServer(443)
-    with world.extension(PYTHON) as extension:
-        extension.hold(HELD, "held.exampl")
-        for spelling in ("HELD.example", "held.example.", "Held.Example."):
-            check(plain.send(request(spelling))[0], DROP, f"Host: {spelling}")
-        for spelling in (b"HELD.example", b"held.exampl."):  # Python would send no final dot, so the hello is edited
-            check(secure.send(hello(HELD).replace(HELD.encode(), spelling))[0], DROP, f"a hello for {spelling}")
-
-
-def ReadsNamesInRequestHeadsOfAnyLength(world: World):
-    server = RecordingServer(80, b"\r\n\r\n")
-    with world.filtering(PYTHON):
-        for kilobytes in (17, 64, 256):
-            filler = b"x" * (kilobytes << 10)
-            for what, head in (("URL", b"GET /?%s HTTP/1.1\r\n"), ("cookie", b"GET / HTTP/1.1\r\nCookie: %s\r\n")):
-                for name, expected in ((HELD, DROP), (NEWS, ALLOW)):
-                    text = head % filler + f"Host: {name}\r\n\r\n".encode()
-                    check(server.send(text)[0], expected, f"{name} with a {what} of {kilobytes} KiB")
-                    whole = server.received[-1] == text
-                    check(whole, expected == ALLOW, f"the whole request for {name} arrives")
-                    check(HELD.encode() in server.received[-1], False, "the held name arrives")
-
-
-def HoldsEarlyAnswersBackUntilTheNameIsKnown(world: World):
-    """A server may answer half of a request, and a browser shows this answer. So the filter must hold it back."""
-    server = RecordingServer(80)
-    for browser, name, expected in (
-        (PYTHON, HELD, (DROP, ["silence"])),
-        (PYTHON, NEWS, (ALLOW, ["silence"])),
-        ("another program", HELD, (ALLOW, [ALLOW])),
-    ):
-        with world.filtering(browser):
-            begin, end = request(name)[:24], request(name)[24:]
-            check(server.send(begin, end + b"more"), expected, f"a server that answers {begin} for {name}")
-
-
 def AppliesListChangesToNewConnectionsOnly(world: World):
     context = ssl.create_default_context(cafile=world.servers.authority)
     with world.extension(PYTHON) as extension:
@@ -124,23 +34,6 @@ def AppliesListChangesToNewConnectionsOnly(world: World):
                 connection.sendall(request(NEWS))
                 check(outcome(connection), ALLOW, f"the open connection after its name was {step}")
                 check(connect(NEWS), expected, f"the next connection after its name was {step}")
-
-
-def JudgesEachConnectionThatReusesAPort(world: World):
-    """The kernel keeps a reset connection and its mark for 10 s. A new connection must not inherit the mark."""
-    abort = (socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    pairs = [(HELD, NEWS), (NEWS, HELD), (HELD, HELD), (NEWS, NEWS)]
-    with world.filtering(PYTHON):
-        for number, (first, second) in enumerate(pairs):
-            for name in (first, second):
-                with socket.socket() as connection:
-                    connection.setsockopt(*abort)
-                    connection.settimeout(20)
-                    connection.bind(("127.0.0.1", 20000 + number))
-                    connection.connect(("127.0.0.1", 443))
-                    connection.sendall(hello(name))
-                    verdict = outcome(connection)
-                check(verdict, DROP if name == HELD else ALLOW, f"{name}, after {first}")
 
 
 def AllowsOtherProgramsEverything(world: World):
@@ -173,17 +66,6 @@ def AttributesChildProcessesToTheirBrowser(world: World):
         for program, expected in ((child, DROP), (world.curl(), ALLOW)):
             for scheme in ("http", "https"):
                 check(world.fetch(program, scheme, HELD), expected, program.name)
-
-
-def AllowsConnectionsOpenedBeforeItsStart(world: World):
-    with socket.create_connection(("127.0.0.1", 80), 20) as silent, socket.create_connection(("127.0.0.1", 80)) as used:
-        used.sendall(request(HELD))
-        check(outcome(used), ALLOW, "before the filter starts")
-        with world.filtering(PYTHON):
-            for connection in (silent, used):
-                connection.sendall(request(HELD))
-                check(outcome(connection), ALLOW, "the older connection")
-            check(connect(HELD, port=80), DROP, "a new connection")
 
 
 def JudgesTwoThousandConnectionsAtOnce(world: World):

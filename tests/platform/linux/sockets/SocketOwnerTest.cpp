@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <linux/sched.h>
 #include <net/if.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -36,27 +35,32 @@ Address address_of(const Descriptor& socket, decltype(::getsockname)* which = ::
   return address;
 }
 
-pid_t owner(Address local, Address remote) {
-  Value data = audit_token_of_socket_owner(generic(local), generic(remote));
-  if (data.isNil()) return 0;
+Address literal(const char* host) {
+  Address result{};
+  auto& v4 = reinterpret_cast<sockaddr_in&>(result);
+  result.sin6_family = ::inet_pton(AF_INET6, host, &result.sin6_addr) == 1 ? AF_INET6 : AF_INET;
+  if (result.sin6_family == AF_INET) ::inet_pton(AF_INET, host, &v4.sin_addr);
+  return result;
+}
+
+audit_token_t token_of(const Value& data) {
   audit_token_t token{};
-  EXPECT_EQ(sizeof(token), data.asData().size());
-  std::memcpy(&token, data.asData().data(), sizeof(token));
-  return audit_token_to_pid(token);
+  if (!data.isNil()) std::memcpy(&token, data.asData().data(), sizeof token);
+  return token;
+}
+
+pid_t owner(Address local, Address remote) {
+  return audit_token_to_pid(token_of(audit_token_of_socket_owner(generic(local), generic(remote))));
 }
 
 TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
   for (const char* host : {"127.0.0.1", "::ffff:127.0.0.1", "::1"}) {
     SCOPED_TRACE(host);
-    addrinfo hints{}, *any = nullptr;
-    hints.ai_flags = AI_NUMERICHOST;
-    ASSERT_EQ(0, ::getaddrinfo(host, nullptr, &hints, &any));
-    Descriptor listener(::socket(any->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    Descriptor client(::socket(any->ai_family, SOCK_STREAM, 0));  // not SOCK_CLOEXEC: the child inherits it
-    bool bound = ::bind(listener.get(), any->ai_addr, any->ai_addrlen) == 0;
-    bool optional = any->ai_family == AF_INET6;
-    ::freeaddrinfo(any);
-    if (!bound && optional) continue;  // this machine has no IPv6
+    Address any = literal(host);
+    Descriptor listener(::socket(any.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor client(::socket(any.sin6_family, SOCK_STREAM, 0));  // not SOCK_CLOEXEC: the child inherits it
+    bool bound = ::bind(listener.get(), generic(any), sizeof any) == 0;
+    if (!bound && any.sin6_family == AF_INET6) continue;  // this machine has no IPv6
     ASSERT_EQ(0, ::listen(listener.get(), 1));
     Address target = address_of(listener);
     ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof(target)));
@@ -64,6 +68,7 @@ TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
     Address near = address_of(server), far = address_of(server, ::getpeername), stranger = far;
     RunningProgram child("/bin/sleep");
     EXPECT_EQ(::getpid(), owner(far, near)) << "the child has inherited the socket";
+    EXPECT_EQ(::geteuid(), user_of_socket(generic(far), generic(near)));
     client.reset();
     EXPECT_EQ(child.pid, owner(far, near));
     EXPECT_EQ(::getpid(), owner(near, far));
@@ -72,12 +77,6 @@ TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
     child.end();
     EXPECT_EQ(0, owner(far, near)) << "nobody holds the socket";
   }
-}
-
-audit_token_t token_of(const Value& data) {
-  audit_token_t token{};
-  if (!data.isNil()) std::memcpy(&token, data.asData().data(), sizeof token);
-  return token;
 }
 
 // A process that runs `work` and then, if `waits` is true, waits until it is killed. Its pid is `identifier`; if that
@@ -119,14 +118,6 @@ struct SendCase {
   const char* target;
   Mode mode;
 };
-
-Address literal(const char* host) {
-  Address result{};
-  auto& v4 = reinterpret_cast<sockaddr_in&>(result);
-  result.sin6_family = ::inet_pton(AF_INET6, host, &result.sin6_addr) == 1 ? AF_INET6 : AF_INET;
-  if (result.sin6_family == AF_INET) ::inet_pton(AF_INET, host, &v4.sin_addr);
-  return result;
-}
 
 void send(const SendCase& how, Address target) {
   int socket = ::socket(how.domain, how.type, 0);
