@@ -1,25 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <tuple>
 
 #include "diagnostics/os_log_dump.h"
 #include "platform/Bundle.h"
 #include "platform/StandIn.h"
-
-static thread_local long allocations = 0;
-
-// Replaces the global operator new with one that counts. Weak, because a sanitizer may replace these functions, too.
-[[gnu::weak]] void* operator new(size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::weak]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::weak]] void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace orvane {
 namespace {
@@ -75,17 +62,6 @@ TEST(DumpTest, PrintsAnEmptyLineForNullData) {
   stand_in::reset();
   os_log_dump(os_log_create(kBundleIdentifier, "c"), "p:", 2, 16, 1, nullptr, 16, true);
   EXPECT_EQ(stand_in::take_log(), "c: p:00000000: \n");
-}
-
-TEST(DumpTest, AllocatesNoMemory) {
-  stand_in::reset();
-  const os_log_t log = os_log_create(kBundleIdentifier, "c");
-  stand_in::log.disabled = {LogLevel::Debug};
-  const std::string data(4096, 'x');
-  const long before = allocations;
-  os_log_dump(log, "p:", 2, 32, 4, data.data(), data.size(), true);
-  EXPECT_EQ(allocations, before);
-  EXPECT_EQ(stand_in::take_log(), "");
 }
 
 TEST(DumpTest, KeepsTheLogHandleUntilItsLastLine) {

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
@@ -9,7 +8,6 @@
 
 #include "platform/linux/netfilter/KernelRules.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
-#include "support/Sockets.h"
 
 namespace orvane {
 namespace {
@@ -115,66 +113,6 @@ class KernelRulesTest : public ::testing::Test {
   KernelRules rules;
   std::string error;
 };
-
-// A TCP connection over the loopback interface.
-struct Connection {
-  explicit Connection(int family) {
-    sockaddr_in6 address{AF_INET6, htons(4433), 0, {}, 0};
-    const Descriptor listener(socket(AF_INET6, SOCK_STREAM, 0));
-    const int yes = 1;
-    setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    listen(listener.get(), 1);
-    inet_pton(AF_INET6, family == AF_INET ? "::ffff:127.0.0.1" : "::1", &address.sin6_addr);
-    const timeval patience{2, 0};
-    setsockopt(client.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    refused = connect(client.socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0;
-    if (!refused) server.socket = Descriptor(accept(listener.get(), nullptr, nullptr));
-  }
-  Peer client{Descriptor(socket(AF_INET6, SOCK_STREAM, 0))}, server{Descriptor()};
-  bool refused;
-};
-
-// How many packets matched the rules that contain a word.
-int packets(int family, const std::string& word) {
-  const std::string sum = " -c | awk -F: '/" + word + "/ { sum += substr($1, 2) } END { print 0 + sum }'";
-  return std::stoi(shell((family == AF_INET ? "iptables-save" : "ip6tables-save") + sum));
-}
-
-TEST_F(KernelRulesTest, QueuesPayloadAndEndOfNewConnections) {
-  for (int family : {AF_INET, AF_INET6}) {
-    rules.remove();
-    install({{"", "4433"}});
-    Connection connection(family);
-    EXPECT_EQ(packets(family, "-g ORVANE-PENDING"), 1);
-    EXPECT_EQ(packets(family, "-j NFQUEUE"), 0) << "the handshake";
-    EXPECT_TRUE(connection.client.send("a") && connection.server.read("a") == "a") << "passes without a handler";
-    EXPECT_TRUE(connection.server.send("b") && connection.client.read("b") == "b");
-    EXPECT_EQ(packets(family, "--bytecode"), 1) << "not the answer";
-    connection.client.endSending();
-    EXPECT_EQ(connection.server.read(), "");
-    EXPECT_EQ(packets(family, "-j NFQUEUE"), 1) << "allowed, as no handler was there";
-    Connection silent(family);
-    silent.client.endSending();
-    EXPECT_EQ(silent.server.read(), "");
-    EXPECT_EQ(packets(family, "-j NFQUEUE"), 2);
-  }
-}
-
-TEST_F(KernelRulesTest, QueuesConnectionsThatTheKernelDoesNotKnow) {
-  for (int family : {AF_INET, AF_INET6}) {
-    rules.remove();
-    // The kernel begins to track connections when the rules are installed. So connections that are opened before look
-    // like connections that the kernel tracked and has forgotten.
-    Connection first(family), second(family);
-    install({{"", "4433"}});
-    EXPECT_TRUE(first.client.send("a") && first.server.read("a") == "a");
-    EXPECT_EQ(packets(family, "-g ORVANE-PENDING"), 1);
-    EXPECT_EQ(packets(family, "-g ORVANE-ASK"), 1);
-    EXPECT_TRUE(second.server.send("b") && second.client.read("b") == "b");
-    EXPECT_EQ(packets(family, "-g ORVANE-INVALID"), 2) << "each where it arrives";
-  }
-}
 
 TEST_F(KernelRulesTest, RepairsWhatAnotherProgramChanges) {
   install({{"", "80"}, {"", "443"}, {"", "53", 0, Protocol::Any}, {"10.0.0.0", "8080", 8}});

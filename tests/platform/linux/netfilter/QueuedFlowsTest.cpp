@@ -40,28 +40,6 @@ using enum PacketVerdict;
 
 constexpr std::string_view kRequest = "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n";
 
-TEST_F(QueuedFlowsTest, DecidesAtTheSegmentThatCompletesTheName) {
-  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
-  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open);
-  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHo", 100)), Open) << "a retransmission";
-  EXPECT_EQ(flows.judge(packet("ample\r\n\r\n", 129)), Open) << "out of order";
-  EXPECT_EQ(calls(), "");
-  EXPECT_EQ(flows.judge(packet("st: held.e", 118)), Open) << "a gap is left";
-  EXPECT_EQ(flows.judge(packet("ex", 127)), Dropped);
-  EXPECT_EQ(calls(), "new held.example; ");
-}
-
-TEST_F(QueuedFlowsTest, GivesLatePacketsTheVerdictOfTheirFlow) {
-  uint64_t late = flow_counters().lateQueued;
-  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
-  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Dropped);
-  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the verdict";
-  flows.queueDrained();
-  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped);
-  EXPECT_EQ(flow_counters().lateQueued - late, 1U);
-  EXPECT_EQ(calls(), "new a.example; ");
-}
-
 TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocket) {
   EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
   owners.socket->cookie = 2;
@@ -132,6 +110,10 @@ TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
   auto now = QueuedFlows::Clock::now();
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20), now + 24h), Dropped) << "a server that stalled for a day";
+  const uint64_t late = flow_counters().lateQueued;
+  flows.queueDrained();
+  EXPECT_EQ(flows.judge(packet("more", 40), now + 24h), Dropped) << "queued after the verdict";
+  EXPECT_EQ(flow_counters().lateQueued - late, 1U);
   EXPECT_EQ(calls(), "new a.example; ");
 
   ++owners.socket->cookie;
