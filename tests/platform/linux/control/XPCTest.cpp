@@ -19,7 +19,7 @@
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/control/ListenerSocket.h"
-#include "service/OrvaneSECommunication.h"
+#include "support/NotedController.h"
 #include "support/TemporaryFolder.h"
 
 namespace orvane {
@@ -49,24 +49,9 @@ class Record {
   std::vector<T> all_;
 };
 
-struct Exported final : OrvaneSECommunication {
+struct Exported final : NotedController {
   Record<std::pair<std::string, Value>> received;
-  std::function<void()> whenStopped = [this] { received.add({"stop", nullptr}); };
-
-  void pingWithReply(const BooleanReply& reply) override { reply(true); }
-  void getAppFilterStateWithReply(const BooleanReply& reply) override { reply(false); }
-  void start() override { received.add({"start", nullptr}); }
-  void stop() override { whenStopped(); }
-  void addApplicationIdentifier(const Value& value) override { received.add({"add application", value}); }
-  void removeApplicationIdentifier(const Value& value) override { received.add({"remove application", value}); }
-  void setApplicationIdentifiers(const Value& values) override { received.add({"set applications", values}); }
-  void addHostname(const Value& value) override { received.add({"add", value}); }
-  void removeHostname(const Value& value) override { received.add({"remove", value}); }
-  void setHostnames(const Value& values) override { received.add({"set", values}); }
-  void setProperties(const Value& properties, const Value& forHostname) override {
-    received.add({"properties", Value::array({properties, forHostname})});
-  }
-  void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
+  void note(const std::string& message, const Value& value) override { received.add({message, value}); }
 };
 
 struct Delegate final : NSXPCListenerDelegate {

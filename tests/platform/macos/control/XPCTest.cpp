@@ -3,8 +3,8 @@
 #include "platform/XPC.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/gnustep/xpc/Services.h"
-#include "service/OrvaneSECommunication.h"
 #include "service/XPCServiceDelegate.h"
+#include "support/NotedController.h"
 
 namespace orvane {
 namespace {
@@ -13,25 +13,9 @@ using stand_in::take_log;
 using stand_in::take_trace;
 
 // Traces the messages that it receives.
-struct TracedController final : OrvaneSECommunication {
+struct TracedController final : NotedController {
   std::function<void()> beforeEdit = [] {};
-
-  void pingWithReply(const BooleanReply& reply) override { reply(true); }
-  void getAppFilterStateWithReply(const BooleanReply& reply) override { reply(false); }
-  void start() override { stand_in::trace("start"); }
-  void stop() override { stand_in::trace("stop"); }
-  void addApplicationIdentifier(const Value& value) override { note("add application", value); }
-  void removeApplicationIdentifier(const Value& value) override { note("remove application", value); }
-  void setApplicationIdentifiers(const Value& values) override { note("set applications", values); }
-  void addHostname(const Value& value) override { note("add", value); }
-  void removeHostname(const Value& value) override { note("remove", value); }
-  void setHostnames(const Value& values) override { note("set", values); }
-  void setProperties(const Value& properties, const Value& hostname) override {
-    note("properties of " + hostname.description(), properties);
-  }
-  void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
-
-  void note(const std::string& message, const Value& value) {
+  void note(const std::string& message, const Value& value) override {
     beforeEdit();
     stand_in::trace(message + " " + value.description());
   }
@@ -131,14 +115,15 @@ TEST_F(XPC, CarriesOutEachMessageBeforeItsCallReturns) {
   client->removeApplicationIdentifier(nullptr);
   client->setApplicationIdentifiers(list);
   EXPECT_EQ(take_trace(),
-            "start | stop | add application a | remove application (null) | set applications " + list.description());
+            "start (null) | stop (null) | add application a | remove application (null) | set applications " +
+                list.description());
   client->addHostnames(std::vector<std::string>{"d", "e"});
   client->removeHostnames(std::vector<std::string>{"d"});
   client->removeHostname(text("f"));
   client->setHostnames(set);
   client->setProperties(properties, text("i"));
-  EXPECT_EQ(take_trace(), "add d | add e | remove d | remove f | set " + set.description() + " | properties of i " +
-                              properties.description());
+  EXPECT_EQ(take_trace(), "add d | add e | remove d | remove f | set " + set.description() + " | properties " +
+                              Value::array({properties, text("i")}).description());
 }
 
 // If an argument, or an element of a container, has a class that the method does not take, the extension's side drops
