@@ -7,28 +7,22 @@
 
 namespace orvane {
 
-// Up to 21952 host names for which std::hash of libstdc++, an unkeyed MurmurHash2, gives the same number. Each row
+// Up to 5832 host names for which std::hash of libstdc++, an unkeyed MurmurHash2, gives the same number. Each row
 // below consists of blocks of 16 characters, all of which change the state of the hash in the same way. A name has one
 // block from each of the three rows.
 inline std::vector<std::string> colliding_names(size_t count) {
   constexpr std::string_view kBlocks[] = {
       "4hgyus1jva4o1al35vhy7btq7v778ahxt3xmkb7pf2rsaevjpnegql49y9uphge9rih36xyte1hs3f7pgi61t2nf72zvkfan"
       "10c1579n8ppgt1biyekfum6cxgleq5tpvo368u9ll5y1fl6f27dnd9r8yfl5dsq7asx3i8mc1xrxqfubvunvogv08wqu15v4"
-      "si7k20c18g8b4h48lau6cvtckaogbj7zb2mnxn70x8i9vj8vst5evvgi8rjfoeunjubtvpgz3ivrykbexi8tbndtsnmk988r"
-      "cua6ihk3uev7yi9mgt4n9zfnspiktrpjb7kw4z26f9b7ml0o8wp3u3r03urfw1sshnoqttxgc2wpe8ngh65tfdn5v2ejv7fz"
-      "7ura2wv938ku83jayvpys3uigezq3cjm6svmtkqyhtown68jtxo7smfm4l13jxll",
+      "si7k20c18g8b4h48lau6cvtckaogbj7zb2mnxn70x8i9vj8vst5evvgi8rjfoeunjubtvpgz3ivrykbexi8tbndtsnmk988r",
       "lbyty1fbf0jvrw4xkgsc52ajw4uybk2tzcrbxdgvqat30grt9czsscjq11jib1vn18j13iny09ja15yzwtqt3jtz8c4szjcl"
       "qahy81un10d8amypnixtpibvuo6m2510ujbz14ye9oudi9lj2qdkdrysmscii0suht3pglsmq53zh2c6h9nnw79b4qu3nfie"
-      "doznmdv8s53rp7nv3fuwsu9nflfi0wzdrzq8a29wfcnba0jfna2otknzkzdy30gu7tcdbjg9kprlex2as5yo985le2ccrh99"
-      "079llwzhweojsil0y91tlxv1gfi9cebnagjewlit4b0h3xpmjf40o5mv2wzkbvrofigrpe1eivpm4ls910408exaff2eg1y2"
-      "ojilkubt111upyrhzkx4rmgduynz0b0tzmssyg9bxc1xs9igscm0gttf3eavd82l",
+      "doznmdv8s53rp7nv3fuwsu9nflfi0wzdrzq8a29wfcnba0jfna2otknzkzdy30gu7tcdbjg9kprlex2as5yo985le2ccrh99",
       "5njpd6qe9tthu6mmmrltc915394h886hyy01d4fbjmtjdonvzuq1366eexqa2q9mqn7d89erbmlcpamecdwadaydjwfkva39"
       "g3pwygco5afhigq59nrwxkbk5r5f4ec613we3tzogtpmppu9r8f6f0jkas8aihene4ozk6rf62hvoy21llg5bkin5ri5c5ns"
-      "en6awpk6bq2lu7shwuj8hjvfwjpomqhwehmtdxxq9efnp62zu2mogzfet7r8hzrcl09qoyhxcxm07vkd4uepnzgmx5h70ba3"
-      "2mtyttog47l2n322p18giu7wx9an6jkjroihzwbhocd23z7b7pb9gjq53fuv317wlbzsuvomrx0tjobe74g7b75aecjhkv4x"
-      "aaq61cryhw5ntm0kjlp33burjori91z69bpvh9sbixb9qmsmnh1zj3ihx0su3hly",
+      "en6awpk6bq2lu7shwuj8hjvfwjpomqhwehmtdxxq9efnp62zu2mogzfet7r8hzrcl09qoyhxcxm07vkd4uepnzgmx5h70ba3",
   };
-  constexpr size_t kBlock = 16, kChoices = 28;
+  constexpr size_t kBlock = 16, kChoices = 18;
   std::vector<std::string> names(count);
   for (size_t i = 0; i < count; ++i) {
     size_t choice = i;

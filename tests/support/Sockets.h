@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "platform/linux/base/Descriptor.h"
 
@@ -25,6 +26,13 @@ inline uint16_t port_of(const Descriptor& socket) {
   socklen_t size = sizeof address;
   getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &size);
   return ntohs(address.sin_port);
+}
+
+// Two connected sockets.
+inline std::pair<Descriptor, Descriptor> socket_pair(int type = SOCK_STREAM) {
+  int ends[2] = {-1, -1};
+  socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends);
+  return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
 // One side of a connection, with a blocking socket.

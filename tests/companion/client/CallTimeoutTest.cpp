@@ -1,12 +1,11 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 
 #include "companion/client/CallTimeout.h"
-#include "platform/linux/base/Descriptor.h"
+#include "support/Sockets.h"
 
 namespace orvane {
 namespace {
@@ -14,12 +13,6 @@ namespace {
 using namespace std::chrono_literals;
 
 struct Sockets {
-  Sockets() {
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    connection = Descriptor(ends[0]);
-    peer = Descriptor(ends[1]);
-  }
   // Waits for a byte from the peer, as a call waits for its reply.
   ssize_t receive() const {
     char byte;
@@ -28,7 +21,8 @@ struct Sockets {
     while (got < 0 && errno == EINTR);
     return got;
   }
-  Descriptor connection, peer;
+  std::pair<Descriptor, Descriptor> ends = socket_pair();
+  const Descriptor &connection = ends.first, &peer = ends.second;
 };
 
 TEST(CallTimeout, EndsACallThatIsNotAnswered) {

@@ -36,15 +36,6 @@ def AppliesListChangesToNewConnectionsOnly(world: World):
                 check(connect(NEWS), expected, f"the next connection after its name was {step}")
 
 
-def AllowsOtherProgramsEverything(world: World):
-    wget = world.program(programs.Wget, "wget", world.servers.authority)
-    with world.filtering("curl") as extension:
-        since = extension.log_size()
-        for scheme in ("http", "https"):
-            check(world.fetch(wget, scheme, HELD), ALLOW, "wget")
-        check(extension.identifiers_judged(since), {"wget"}, "identifiers in the log")
-
-
 class _BrowsersCurl(programs.Curl):
     """Runs curl as a child process of a browser, for which a copy of Python stands in."""
 

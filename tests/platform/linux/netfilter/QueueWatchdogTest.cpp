@@ -3,7 +3,6 @@
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -11,8 +10,10 @@
 #include <fstream>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 #include "platform/linux/netfilter/QueueWatchdog.h"
+#include "support/Sockets.h"
 
 namespace orvane {
 namespace {
@@ -25,10 +26,7 @@ constexpr uint16_t kQueue = 7;
 class QueueWatchdogTest : public testing::Test {
  protected:
   void SetUp() override {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
-    queue = Descriptor(ends[0]);
-    kernel = Descriptor(ends[1]);
+    std::tie(queue, kernel) = socket_pair(SOCK_DGRAM);
     ASSERT_EQ(watchdog.start(queue.get(), kQueue), std::nullopt);
   }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <tuple>
 
 #include "platform/linux/proxy/Relay.h"
 #include "support/Sockets.h"
@@ -17,10 +18,7 @@ using namespace std::chrono_literals;
 // Two connected sockets: `inner` is for the relay, and non-blocking; `outer` is for the test.
 struct Pair {
   Pair() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    inner = Descriptor(ends[0]);
-    outer.socket = Descriptor(ends[1]);
+    std::tie(inner, outer.socket) = socket_pair();
     fcntl(inner.get(), F_SETFL, O_NONBLOCK);
   }
   Descriptor inner;

@@ -140,12 +140,6 @@ TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
   EXPECT_TRUE(client->ping()) << "the connection is lost";
 }
 
-TEST_F(XPC, ReportsAMissingService) {
-  EXPECT_EQ(failure([] { connect(); }),
-            "cannot reach the extension at S: the system has no such service: switch the extension on, or name its "
-            "service");
-}
-
 // When a connection breaks, messages are lost. An answer that comes later, from a restarted extension or over a new
 // connection, does not confirm that the earlier messages arrived.
 TEST_F(XPC, ReportsAnEndDuringACall) {
