@@ -96,7 +96,10 @@ def _checksum(data: bytes) -> int:
 
 
 def _packet(source: bytes, destination: bytes, protocol: int, body: bytes, checksum_at: int) -> bytes:
-    """An IP packet. Fills in the body's checksum, which covers a pseudo header, except for ICMP over IPv4."""
+    """An IP packet. Fills in the body's checksum.
+
+    In ICMP over IPv4 the checksum covers the body only, in all other protocols also a pseudo header.
+    """
     pseudo = b"" if protocol == socket.IPPROTO_ICMP else source + destination + struct.pack("!II", len(body), protocol)
     checksum = struct.pack("!H", _checksum(pseudo + body))
     body = body[:checksum_at] + checksum + body[checksum_at + 2 :]

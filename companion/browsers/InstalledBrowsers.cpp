@@ -134,8 +134,8 @@ class Search {
                      : std::string(file_name(runs));
   }
 
-  // The interpreter that runs a script, with links resolved: for a script, the extension sees the interpreter's name.
-  // Empty for a program that is not a script, and for a shell script, which only starts the real browser.
+  // For a script, the extension sees the name of the interpreter. Returns the interpreter's path, with links resolved.
+  // Empty for a program that is not a script, and for a shell script, because it only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
     auto start = read_file_start(path, 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};

@@ -17,7 +17,7 @@ struct ExtensionProbe {
   std::string error;            // why `answers` is false
 };
 
-// Returns a fraction of a second after `timeout` at the latest. Uses a CallTimeout.
+// Takes at most a fraction of a second longer than `timeout`. Uses a CallTimeout, so the caller must have none.
 ExtensionProbe probe_extension(const ClientOptions& options,
                                std::chrono::milliseconds timeout = std::chrono::seconds(3));
 

@@ -11,8 +11,8 @@ bool isSocketFlow(const NEFilterFlow& flow) { return socketFlow(flow) != nullptr
 uint64_t port(const NEFilterFlow& flow) {
   const NEFilterSocketFlow* socket = socketFlow(flow);
   if (socket == nullptr) return 0;
-  // The endpoint is read three times, and that is frozen (docs/compatibility.md), because a flow may get its endpoint
-  // between two of these reads.
+  // A flow may get its endpoint between two of these three reads, so fewer reads could give another result. The number
+  // of reads is frozen (docs/compatibility.md).
   if (!socket->remoteEndpoint()) return 0;
   if (dynamic_cast<const NWHostEndpoint*>(socket->remoteEndpoint().get()) == nullptr) return 0;
   const Ref<NWEndpoint> endpoint = socket->remoteEndpoint();
