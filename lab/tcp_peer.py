@@ -57,6 +57,7 @@ class Script:
     reneges: bool = False  # drops the segments after a gap, which it may have confirmed by SACK
     repeated_acks: int = 0
     stray_acks: bool = False  # also sends acknowledgments of bytes that are far away or already acknowledged
+    keepalive: float = 0  # if not 0: an acknowledgment, after so many seconds
     mtu: int = 0  # if not 0, an ICMP error with this MTU answers the first segment with payload
     syn_flags: int = 0  # more flags of SYN-ACK segments
     flags: int = 0  # more flags of ACK segments
@@ -160,6 +161,8 @@ class Connection:
             self._out = self._out[fresh:]
         if not self._is_established:
             self._is_established = True
+            if self._script.keepalive:
+                self._peer.later(self._script.keepalive, self._acknowledge)
             self._answer()
 
     def _take_payload(self, offset: int, payload: bytes, packet: bytes) -> None:

@@ -153,6 +153,8 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
         "pauses": {n.choice([0, 1, s.named[0] + 1]): FORGOTTEN},
         "answer_delay": n.choice([0, FORGOTTEN]),
     },
+    # For connection tracking, the server then begins the connection.
+    "keepalive": lambda s, n: {"pauses": {n.choice([0, 1]): FORGOTTEN + 1}, "keepalive": FORGOTTEN + 0.5},
     # When the extension starts, the client has sent half of the text, and the server's answer is on its way.
     "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},
 }
@@ -196,6 +198,7 @@ FORGETFUL = {
     "ResetBehindAnswer": ["reset behind answer"],
     "ResetBehindStrayAcknowledgment": ["reset behind stray"],
     "Silence": ["silence"],
+    "Keepalive": ["keepalive"],
 }
 # The run begins and continues these scripts at certain moments. The flow of "BegunBefore" is older than the extension.
 TIMED = {"BegunBefore": ["older"], "HalfAndRest": ["half"], "DroppedBefore": ["reuse dropped"]}

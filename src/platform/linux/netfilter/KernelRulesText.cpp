@@ -26,34 +26,38 @@ std::string mark_and_mask(uint32_t value) {
   return text;
 }
 
-// Makes the text of the chain ORVANE-NEW from the provider's rules.
-class NewChain {
+// Makes the texts of the chains ORVANE-NEW and ORVANE-STRAY from the provider's rules. A stray packet is inbound, so
+// its source is the remote endpoint of the rule.
+class ProviderChains {
  public:
-  explicit NewChain(AddressFamily family) : family_(family) {}
+  explicit ProviderChains(AddressFamily family) : family_(family) {}
 
   // Returns false and sets error() when the rule has a host name or an unknown service, which kernel rules cannot
   // match.
   bool add(const NENetworkRule& rule, NEFilterAction action) {
     if (rule.direction == NETrafficDirection::Inbound) return true;
-    std::string ends;
+    std::string ends, inboundEnds;
     bool canMatch = true;
-    if (!network(rule.localNetwork, rule.localPrefix, " -s ", ends, canMatch)) return false;
-    if (!network(rule.remoteNetwork, rule.remotePrefix, " -d ", ends, canMatch)) return false;
+    if (!network(rule.localNetwork, rule.localPrefix, {" -s ", " -d "}, ends, inboundEnds, canMatch)) return false;
+    if (!network(rule.remoteNetwork, rule.remotePrefix, {" -d ", " -s "}, ends, inboundEnds, canMatch)) return false;
 
     bool added = false;
     for (auto protocol : {NENetworkRuleProtocol::TCP, NENetworkRuleProtocol::UDP}) {
       if (rule.protocol != NENetworkRuleProtocol::Any && rule.protocol != protocol) continue;
-      std::string match = (protocol == NENetworkRuleProtocol::TCP ? " -p tcp" : " -p udp") + ends;
-      if (!port(rule.localNetwork, protocol, " --sport ", match)) continue;
-      if (!port(rule.remoteNetwork, protocol, " --dport ", match)) continue;
+      const std::string name = protocol == NENetworkRuleProtocol::TCP ? " -p tcp" : " -p udp";
+      std::string match = name + ends, inbound = name + inboundEnds;
+      if (!port(rule.localNetwork, protocol, {" --sport ", " --dport "}, match, inbound)) continue;
+      if (!port(rule.remoteNetwork, protocol, {" --dport ", " --sport "}, match, inbound)) continue;
       added = true;
-      if (canMatch) decide(match, action);
+      if (canMatch) decide(match, inbound, action);
     }
     return added;
   }
 
-  void decide(const std::string& match, NEFilterAction action) {
+  void decide(const std::string& match, const std::string& inbound, NEFilterAction action) {
     const std::string rule = "-A ORVANE-NEW" + match;
+    stray_ +=
+        "-A ORVANE-STRAY" + inbound + (action == NEFilterAction::FilterData ? " -g ORVANE-INVALID\n" : " -j RETURN\n");
     if (action == NEFilterAction::FilterData) {
       text_ += rule + " -g ORVANE-PENDING\n";
     } else {
@@ -67,14 +71,19 @@ class NewChain {
   }
 
   const std::string& text() const { return text_; }
+  const std::string& stray() const { return stray_; }
   const std::string& error() const { return error_; }
 
  private:
-  // Appends the match of an endpoint's address to `match`. Sets `canMatch` to false if the address is of the other
-  // address family, because no packet of family_ can then match the rule. Returns false and sets error_ if the endpoint
-  // has a host name instead of an address.
-  bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, const char* option, std::string& match,
-               bool& canMatch) {
+  struct Options {
+    const char *outbound, *inbound;
+  };
+
+  // Appends the match of an endpoint's address to `match`, and the one for inbound packets to `inbound`. Sets
+  // `canMatch` to false if the address is of the other address family, because no packet of family_ can then match the
+  // rule. Returns false and sets error_ if the endpoint has a host name instead of an address.
+  bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, Options options, std::string& match,
+               std::string& inbound, bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
     uint8_t bytes[16];
     const bool v4 = inet_pton(AF_INET, end->hostname().c_str(), bytes) == 1;
@@ -84,23 +93,28 @@ class NewChain {
     }
     const uint64_t longest = v4 ? 32 : 128;
     if (v4 != (family_ == AddressFamily::IPv4)) canMatch = false;
-    match += option + end->hostname() + "/" + std::to_string(prefix == 0 ? longest : std::min(prefix, longest));
+    const std::string text = end->hostname() + "/" + std::to_string(prefix == 0 ? longest : std::min(prefix, longest));
+    match += options.outbound + text;
+    inbound += options.inbound + text;
     return true;
   }
 
-  bool port(const Ref<NWHostEndpoint>& end, NENetworkRuleProtocol protocol, const char* option, std::string& match) {
+  bool port(const Ref<NWHostEndpoint>& end, NENetworkRuleProtocol protocol, Options options, std::string& match,
+            std::string& inbound) {
     if (end == nullptr) return true;
     const auto number = port_number(end->port(), protocol);
     if (!number) {
       error_ = "a filter rule names the port \"" + end->port() + "\": neither a port's number nor a known service";
       return false;
     }
-    if (*number != 0) match += option + std::to_string(*number);
+    if (*number == 0) return true;
+    match += options.outbound + std::to_string(*number);
+    inbound += options.inbound + std::to_string(*number);
     return true;
   }
 
   AddressFamily family_;
-  std::string text_, error_;
+  std::string text_, stray_, error_;
 };
 
 // What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these jump. The
@@ -127,9 +141,12 @@ class NewChain {
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
 //     connection pending, payload of                   the queue; dropped while the name is incomplete    |
 //       the server                                       |                                                |
-//     payload without a known connection      INVALID  packet's bits = "pending", then the queue          |
+//     packet of no known connection           STRAY    the provider's rules: INVALID, or nothing          |
+//                                             INVALID  packet's bits = "pending", then the queue          |
+//     packet's bits are "dropped"             SEEN     clear them: the packet has no verdict              |
 //                                                        |                                                |
-//                                                        +-- NF_REPEAT, packet's bits = "allowed" --------+
+//                                                        +-- NF_REPEAT, packet's bits = "allowed" or -----+
+//                                                            "dropped", unless the packet is dropped
 //
 // The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
@@ -147,8 +164,11 @@ class NewChain {
 //   verdict of its own, which is stored in the packet's mark only.
 // - A server can make connection tracking forget a connection that the sockets still have: with a reset that the
 //   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
-//   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound and has payload,
-//   it goes to the queue, and connection tracking keeps the new connection only if the segment passes.
+//   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound, it goes to the
+//   queue, also without payload: connection tracking keeps the new connection if the segment passes, and no rule would
+//   ask about the browser's request on a connection that the server began.
+// - Any remote host can send packets of no known connection. So INVALID drops them beyond a limit, and their answer is
+//   NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
 // - If this machine connects to itself, the packets of both directions go through OUTPUT. So the rules test the
@@ -181,7 +201,9 @@ constexpr const char* kTables = R"(*filter
 COMMIT
 *mangle
 :ORVANE-INPUT - [0:0]
+:ORVANE-STRAY - [0:0]
 :ORVANE-INVALID - [0:0]
+:ORVANE-SEEN - [0:0]
 :ORVANE-ANSWERED - [0:0]
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-NEW - [0:0]
@@ -189,11 +211,14 @@ COMMIT
 :ORVANE-QUEUE - [0:0]
 :ORVANE-ASK - [0:0]
 :ORVANE-VERDICT - [0:0]
+-A ORVANE-INPUT -m mark --mark @DROPPED -g ORVANE-SEEN
 -A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
 -A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
--A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID,NEW -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-INVALID
--A ORVANE-INVALID -j MARK --set-xmark @PENDING
+-A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID,NEW -g ORVANE-STRAY
+@STRAY-A ORVANE-INVALID -m limit --limit 2000/sec --limit-burst 2000 -j MARK --set-xmark @PENDING
+-A ORVANE-INVALID -m mark ! --mark @PENDING -j DROP
 -A ORVANE-INVALID @QUEUE
+-A ORVANE-SEEN -j MARK --set-xmark @NONE
 -A ORVANE-ANSWERED -m connmark ! --mark @NONE -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
 -A ORVANE-ANSWERED -j MARK --set-xmark @NONE
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j RETURN
@@ -216,7 +241,7 @@ COMMIT
 COMMIT
 )";
 
-std::string tables(AddressFamily family, const std::string& newConnections) {
+std::string tables(AddressFamily family, const ProviderChains& chains) {
   const bool v4 = family == AddressFamily::IPv4;
   const std::pair<std::string_view, std::string> values[] = {
       {"@NONE", mark_and_mask(0)},
@@ -224,7 +249,8 @@ std::string tables(AddressFamily family, const std::string& newConnections) {
       {"@DROPPED", mark_and_mask(kMarkDropped)},
       {"@MASK", std::to_string(kMarkMask)},
       {"@UNREACHABLE", v4 ? "icmp-port-unreachable" : "icmp6-port-unreachable"},
-      {"@NEW_CONNECTIONS", newConnections},
+      {"@NEW_CONNECTIONS", chains.text()},
+      {"@STRAY", chains.stray()},
       {"@HAS_PAYLOAD", v4 ? kHasPayload4 : kHasPayload6},
       {"@ALLOWED", mark_and_mask(kMarkAllowed)},
       {"@QUEUE", "-j NFQUEUE --queue-num " + std::to_string(kQueueNumber) + " --queue-bypass"},
@@ -257,14 +283,14 @@ std::string jump_from(const std::string& chain) { return "-A " + chain + " -j OR
 
 std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, AddressFamily family,
                                              std::string& error) {
-  NewChain chain(family);
+  ProviderChains chains(family);
   for (const NEFilterRule& rule : settings.rules) {
-    if (chain.add(rule.networkRule, rule.action)) continue;
-    error = chain.error();
+    if (chains.add(rule.networkRule, rule.action)) continue;
+    error = chains.error();
     return std::nullopt;
   }
-  chain.decide("", settings.defaultAction);
-  return tables(family, chain.text());
+  chains.decide("", "", settings.defaultAction);
+  return tables(family, chains);
 }
 
 SavedTables parse_saved_tables(std::string_view saved) {

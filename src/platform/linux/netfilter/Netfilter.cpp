@@ -12,7 +12,6 @@
 
 #include "platform/Log.h"
 #include "platform/linux/base/SocketIO.h"
-#include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
 #include "platform/linux/netfilter/PacketBacklog.h"
@@ -61,18 +60,15 @@ bool sees_other_users_programs() {
 
 // Once the queue thread runs, only that thread uses this object.
 struct Netfilter::Queue {
-  Queue(Ref<NEFilterDataProvider> provider, const NEFilterSettings& rules)
-      : settings(rules), flows(std::move(provider), owners) {}
+  explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
 
   void serve(int stop);
   PacketQueue::Read readBatch(int most);
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued);
-  PacketVerdict judgeInbound(const Packet& packet, bool hasConnection);
   void rebind();
 
-  const NEFilterSettings settings;
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
   QueueWatchdog watchdog;
@@ -88,7 +84,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   stopRules_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   stopQueue_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!stopRules_ || !stopQueue_) return "no event descriptor: " + std::generic_category().message(errno);
-  auto queue = std::make_unique<Queue>(std::move(provider), settings);
+  auto queue = std::make_unique<Queue>(std::move(provider));
   // The queue is opened before the rules are installed: if another extension has the queue, that extension's rules must
   // stay.
   auto error = queue->packets.open();
@@ -195,9 +191,8 @@ void Netfilter::Queue::serve(int stop) {
 // drop packets of all users.
 PacketQueue::Read Netfilter::Queue::readBatch(int most) {
   const auto now = PacketBacklog::Clock::now();
-  auto keep = [this, now](const QueuedPacket& queued) {
-    if (!backlog.add(queued, now)) dropUnjudged(queued);
-  };
+  auto drop = [this](const QueuedPacket& queued) { dropUnjudged(queued); };
+  auto keep = [&](const QueuedPacket& queued) { backlog.add(queued, now, drop); };
   PacketQueue::Read read = PacketQueue::Read::Nothing;
   for (int i = 0; i < most; ++i) {
     read = packets.read(keep);
@@ -211,8 +206,11 @@ void Netfilter::Queue::handleNext() {
   auto packet = backlog.next();
   if (!packet) return;
   const auto start = PacketBacklog::Clock::now();
-  if (start - packet->since > PacketBacklog::kLongestWait) return dropUnjudged(packet->queued);
-  handle(packet->queued);
+  if (start - packet->since > PacketBacklog::kLongestWait) {
+    dropUnjudged(packet->queued);
+  } else {
+    handle(packet->queued);
+  }
   backlog.charge(PacketBacklog::Clock::now() - start);
 }
 
@@ -227,9 +225,9 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
   if (queued.isInbound) {
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
-    switch (packet ? judgeInbound(*packet, hasConnection) : PacketVerdict::Ignored) {
-      case PacketVerdict::Ignored:  // there is no verdict to save
-        return packets.accept(queued.id, answer_mark(queued.mark, 0));
+    switch (packet ? flows.judgeInbound(*packet, hasConnection) : PacketVerdict::Ignored) {
+      case PacketVerdict::Ignored:  // the kernel rules let a packet with this mark pass, and save nothing
+        return packets.repeat(queued.id, answer_mark(queued.mark, kMarkDropped));
       case PacketVerdict::Allowed:
         return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));
       default:  // the server sends the payload again
@@ -258,16 +256,6 @@ void Netfilter::Queue::handle(const QueuedPacket& queued) {
   }
   auto held = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
   flow_counters().recordHold(static_cast<uint64_t>(held.count()));
-}
-
-// The kernel rules queue every inbound packet with payload that belongs to no tracked connection. So this tests whether
-// the provider's rules select the flow of such a packet. For a tracked connection, the kernel rules have tested this.
-PacketVerdict Netfilter::Queue::judgeInbound(const Packet& packet, bool hasConnection) {
-  const SocketAddress& server = packet.ends.local;
-  const bool isSelected =
-      hasConnection || action_for_outbound_flow(settings, {server.host(), server.port, NENetworkRuleProtocol::TCP}) ==
-                           NEFilterAction::FilterData;
-  return isSelected ? flows.judgeInbound(packet) : PacketVerdict::Ignored;
 }
 
 // Takes the queue back after the watchdog released it. The kernel has dropped the packets that are left in the socket

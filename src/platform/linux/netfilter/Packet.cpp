@@ -14,7 +14,7 @@ constexpr size_t kIPv6HeaderLength = 40;  // RFC 8200, section 3
 constexpr size_t kExtensionMinimum = 8;   // RFC 8200, section 4
 constexpr size_t kTCPHeaderLength = 20;   // RFC 9293, section 3.1, without options
 constexpr size_t kUDPHeaderLength = 8;    // RFC 768
-constexpr uint8_t kFin = 1, kSyn = 2, kRst = 4;
+constexpr uint8_t kFin = 1, kSyn = 2, kRst = 4, kAck = 16;
 
 uint16_t read_u16(Bytes bytes, size_t at) { return static_cast<uint16_t>(bytes[at] << 8 | bytes[at + 1]); }
 
@@ -86,6 +86,7 @@ bool read_tcp(Bytes segment, Packet& packet) {
   size_t header = size_t{segment[12]} / 16 * 4;
   if (header < kTCPHeaderLength || header > segment.size()) return false;
   packet.syn = (segment[13] & kSyn) != 0;
+  packet.ack = (segment[13] & kAck) != 0;
   packet.fin = (segment[13] & kFin) != 0;
   packet.rst = (segment[13] & kRst) != 0;
   packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // a SYN takes one number (RFC 9293, section 3.4)

@@ -10,11 +10,11 @@ namespace orvane {
 
 // An IPv4 (RFC 791) or IPv6 (RFC 8200) packet with a TCP (RFC 9293) segment or a UDP (RFC 768) datagram.
 struct Packet {
-  SocketPair ends;                             // `local` is the source, even if the packet is inbound
-  bool syn = false, fin = false, rst = false;  // TCP only
-  uint32_t sequence = 0;                       // TCP only: the number of the payload's first byte
-  std::span<const uint8_t> payload;            // a part of the bytes given to parse_packet()
-  size_t missing = 0;                          // how many bytes of the packet's payload follow after `payload`
+  SocketPair ends;                                          // `local` is the source, even if the packet is inbound
+  bool syn = false, ack = false, fin = false, rst = false;  // TCP only
+  uint32_t sequence = 0;                                    // TCP only: the number of the payload's first byte
+  std::span<const uint8_t> payload;                         // a part of the bytes given to parse_packet()
+  size_t missing = 0;  // how many bytes of the packet's payload follow after `payload`
 };
 
 // Parses a packet; `bytes` begins with the IP header. Returns nothing for other protocols, for fragments after the

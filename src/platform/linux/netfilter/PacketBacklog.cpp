@@ -4,18 +4,31 @@
 
 namespace orvane {
 
-bool PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now) {
-  const size_t size = packet.bytes.size();
+void PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now,
+                        const std::function<void(const QueuedPacket&)>& drop) {
   User& user = users_[packet.user];
-  if (user.packets.size() >= kPacketsOfUser || user.bytes + size > kBytesOfUser || bytes_ + size > kBytes) return false;
-  // A user who had no packets for some time gets no extra time later.
+  // Time that a user did not need is not saved up for later.
   if (user.packets.empty()) user.used = std::max(user.used, level_);
   Packet& added = user.packets.emplace_back(Packet{packet, {packet.bytes.begin(), packet.bytes.end()}, now});
   added.queued.bytes = added.bytes;
-  user.bytes += size;
-  bytes_ += size;
+  user.bytes += added.bytes.size();
+  bytes_ += added.bytes.size();
   ++waiting_;
-  return true;
+  while (user.packets.size() > kPacketsOfUser || user.bytes > kBytesOfUser) drop(takeOldest(user).queued);
+  while (bytes_ > kBytes) {
+    auto largest = std::max_element(users_.begin(), users_.end(),
+                                    [](const auto& a, const auto& b) { return a.second.bytes < b.second.bytes; });
+    drop(takeOldest(largest->second).queued);
+  }
+}
+
+PacketBacklog::Packet PacketBacklog::takeOldest(User& user) {
+  Packet packet = std::move(user.packets.front());
+  user.packets.pop_front();
+  user.bytes -= packet.bytes.size();
+  bytes_ -= packet.bytes.size();
+  --waiting_;
+  return packet;
 }
 
 std::optional<PacketBacklog::Packet> PacketBacklog::next() {
@@ -30,12 +43,7 @@ std::optional<PacketBacklog::Packet> PacketBacklog::next() {
   }
   if (last_ == nullptr) return std::nullopt;
   level_ = std::max(level_, last_->used);
-  Packet packet = std::move(last_->packets.front());
-  last_->packets.pop_front();
-  last_->bytes -= packet.bytes.size();
-  bytes_ -= packet.bytes.size();
-  --waiting_;
-  return packet;
+  return takeOldest(*last_);
 }
 
 void PacketBacklog::charge(Clock::duration time) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <vector>
@@ -36,9 +37,9 @@ class PacketBacklog {
     Clock::time_point since;     // when the packet was added
   };
 
-  // Adds a copy of the packet. Returns false if it would exceed a limit of its user, or the limit of all users
-  // together.
-  bool add(const QueuedPacket& packet, Clock::time_point now);
+  // Adds a copy of the packet. If a limit of its user is then exceeded, removes this user's oldest packets and calls
+  // `drop` for each. If the limit of all users is exceeded, removes the oldest packets of the user with the most bytes.
+  void add(const QueuedPacket& packet, Clock::time_point now, const std::function<void(const QueuedPacket&)>& drop);
 
   // Removes and returns a packet: of the users who have packets here, it chooses the one who has used the least time,
   // and takes this user's oldest packet. Nothing if there are no packets.
@@ -56,6 +57,8 @@ class PacketBacklog {
     size_t bytes = 0;
     Clock::duration used{};  // time to judge the user's packets; a new user begins at `level_`, not at 0
   };
+
+  Packet takeOldest(User& user);
 
   std::map<uint32_t, User> users_;  // those who have packets, or whose `used` is above `level_`
   User* last_ = nullptr;            // the user of the last packet from next()

@@ -51,10 +51,11 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   return verdict_of(flow->session);
 }
 
-PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, Clock::time_point now) {
+PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now) {
   evictExpired(now);
-  // The client's TCP discards the payload of a SYN-ACK, but needs the SYN-ACK.
-  if (packet.payload.empty() || packet.syn) return PacketVerdict::Ignored;
+  // The client's TCP discards the payload of a SYN-ACK, but needs the SYN-ACK. A reset begins no connection.
+  if ((packet.syn && packet.ack) || packet.rst) return PacketVerdict::Ignored;
+  if (hasConnection && packet.payload.empty()) return PacketVerdict::Ignored;
   const SocketPair ends{packet.ends.protocol, packet.ends.remote, packet.ends.local};
   const auto socket = owners_.find(ends);
   if (!socket) return PacketVerdict::Ignored;

@@ -58,7 +58,10 @@ class QueuedFlows {
   // request names the host. If the provider does not know the flow yet, this function shows it the flow, without a
   // name. If the program is no browser, the provider allows the flow at once, so servers of such programs may speak
   // first.
-  PacketVerdict judgeInbound(const Packet& packet, Clock::time_point now = Clock::now());
+  //
+  // `hasConnection`: connection tracking knows the connection. If not, a packet without payload may not pass either,
+  // because it would begin a connection from the server's side, whose later packets nobody asks about.
+  PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
   // connection continues when connection tracking starts, or when it forgets the connection. QueuedFlows itself calls

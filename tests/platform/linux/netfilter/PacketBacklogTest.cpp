@@ -13,6 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr PacketBacklog::Clock::time_point kNow{};
+constexpr auto kNeverDrops = [](const QueuedPacket&) { FAIL(); };
 
 QueuedPacket packet(uint32_t user, uint32_t id, std::span<const uint8_t> bytes = {}) {
   return {id, 0, false, 1, user, bytes, bytes.size()};
@@ -35,8 +36,8 @@ TEST(PacketBacklog, KeepsTheOrderAndTheBytesOfAUsersPackets) {
   std::vector<uint8_t> bytes(1000);
   std::iota(bytes.begin(), bytes.end(), uint8_t{1});
   const auto sent = bytes;
-  ASSERT_TRUE(backlog.add(packet(7, 1, bytes), kNow));
-  ASSERT_TRUE(backlog.add(packet(7, 2), kNow + 5s));
+  backlog.add(packet(7, 1, bytes), kNow, kNeverDrops);
+  backlog.add(packet(7, 2), kNow + 5s, kNeverDrops);
   bytes.assign(bytes.size(), 0);  // as the queue does: it reads its next message into the same memory
   auto first = backlog.next();
   ASSERT_TRUE(first);
@@ -51,11 +52,11 @@ TEST(PacketBacklog, KeepsTheOrderAndTheBytesOfAUsersPackets) {
 
 TEST(PacketBacklog, SharesTheTimeEquallyBetweenUsers) {
   PacketBacklog backlog;
-  for (uint32_t id = 0; id < 100; ++id) ASSERT_TRUE(backlog.add(packet(65534, id), kNow));
+  for (uint32_t id = 0; id < 100; ++id) backlog.add(packet(65534, id), kNow, kNeverDrops);
   EXPECT_EQ(take(backlog, 50, 10ms).size(), 50u);
   // A user whose first packet comes now does not wait for the flood, and gets no extra time for having sent nothing
   // before.
-  for (uint32_t id = 1000; id < 1030; ++id) ASSERT_TRUE(backlog.add(packet(1000, id), kNow));
+  for (uint32_t id = 1000; id < 1030; ++id) backlog.add(packet(1000, id), kNow, kNeverDrops);
   size_t victims = 0;
   for (uint32_t id : take(backlog, 30)) victims += id >= 1000;
   // The flood's last packet took 10 ms. So the new user first gets 10 ms (10 packets), and then every second packet (10
@@ -70,7 +71,7 @@ TEST(PacketBacklog, ServesAUserWithSlowPacketsLessOften) {
     // In each turn, each user has one packet in the backlog.
     for (uint32_t user : {1u, 2u}) {
       if (turn > 0 && served.back() != user) continue;
-      ASSERT_TRUE(backlog.add(packet(user, user), kNow));
+      backlog.add(packet(user, user), kNow, kNeverDrops);
     }
     served.push_back(backlog.next()->queued.user);
     backlog.charge(served.back() == 1 ? 12ms : 100us);
@@ -78,23 +79,23 @@ TEST(PacketBacklog, ServesAUserWithSlowPacketsLessOften) {
   EXPECT_LE(std::count(served.begin(), served.end(), 1u), 3);
 }
 
-TEST(PacketBacklog, RefusesThePacketsOfAUserWithoutRoomOnly) {
+TEST(PacketBacklog, DropsTheOldestPacketsOfWhoeverTakesTooMuchRoom) {
   PacketBacklog backlog;
-  for (size_t i = 0; i < PacketBacklog::kPacketsOfUser; ++i) ASSERT_TRUE(backlog.add(packet(1, 1), kNow));
-  EXPECT_FALSE(backlog.add(packet(1, 1), kNow));
-  EXPECT_TRUE(backlog.add(packet(2, 1), kNow));
+  std::vector<std::pair<uint32_t, uint32_t>> dropped;  // user, id
+  auto add = [&](uint32_t user, uint32_t id, std::span<const uint8_t> bytes = {}) {
+    backlog.add(packet(user, id, bytes), kNow, [&](const auto& each) { dropped.emplace_back(each.user, each.id); });
+  };
+  for (uint32_t id = 0; id <= PacketBacklog::kPacketsOfUser; ++id) add(1, id);
+  EXPECT_EQ(dropped, (std::vector<std::pair<uint32_t, uint32_t>>{{1, 0}}));
+  // Eight users take all room; then another one has room for a packet.
   const std::vector<uint8_t> large(60000);
-  size_t bytes = 0;
-  for (; backlog.add(packet(3, 1, large), kNow); bytes += large.size()) {
+  for (uint32_t user = 10; user < 18; ++user) {
+    for (uint32_t id = 0; id < PacketBacklog::kBytesOfUser / large.size(); ++id) add(user, id, large);
   }
-  EXPECT_LE(bytes, PacketBacklog::kBytesOfUser);
-  for (uint32_t user = 10; user < 100; ++user) {
-    while (backlog.add(packet(user, 1, large), kNow)) bytes += large.size();
-  }
-  EXPECT_LE(bytes, PacketBacklog::kBytes);
-  backlog.clear();
-  EXPECT_TRUE(backlog.empty());
-  EXPECT_TRUE(backlog.add(packet(1, 1, large), kNow));
+  dropped.clear();
+  for (uint32_t id = 0; id < 10; ++id) add(20, id, large);
+  ASSERT_FALSE(dropped.empty());
+  for (const auto& each : dropped) EXPECT_NE(each.first, 20u);
 }
 
 }  // namespace

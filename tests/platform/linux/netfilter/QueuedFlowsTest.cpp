@@ -144,25 +144,26 @@ TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   std::swap(answer.ends.local, answer.ends.remote);
   Packet acknowledgment = answer, synAck = answer;
   acknowledgment.payload = {};
-  synAck.syn = true;
+  synAck.syn = synAck.ack = true;
   const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
 
   provider->newFlow = examine;
-  EXPECT_EQ(flows.judgeInbound(acknowledgment), Ignored);
-  EXPECT_EQ(flows.judgeInbound(synAck), Ignored) << "the client's TCP discards its payload";
+  EXPECT_EQ(flows.judgeInbound(acknowledgment, true), Ignored);
+  EXPECT_EQ(flows.judgeInbound(synAck, false), Ignored) << "the client's TCP discards its payload";
   EXPECT_EQ(calls(), "");
-  EXPECT_EQ(flows.judgeInbound(answer), Open) << "ahead of the request";
+  EXPECT_EQ(flows.judgeInbound(answer, true), Open) << "ahead of the request";
+  EXPECT_EQ(flows.judgeInbound(acknowledgment, false), Open) << "would begin a connection from the server's side";
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
-  EXPECT_EQ(flows.judgeInbound(answer), Open);
+  EXPECT_EQ(flows.judgeInbound(answer, true), Open);
   provider->data = NEFilterDataVerdict::dropVerdict();
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
-  EXPECT_EQ(flows.judgeInbound(answer), Dropped);
+  EXPECT_EQ(flows.judgeInbound(answer, true), Dropped);
   EXPECT_EQ(calls(), "new -; data 0 a.example; ");
 
   // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
   provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
-  EXPECT_EQ(flows.judgeInbound(answer), Allowed);
+  EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
   EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
   EXPECT_EQ(calls(), "new -; ");
 }
@@ -172,11 +173,12 @@ TEST_F(QueuedFlowsTest, LetsServersOfAllowedSocketsGoOn) {
   std::swap(answer.ends.local, answer.ends.remote);
   provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
   flows.allowSocket(owners.socket->cookie);
-  EXPECT_EQ(flows.judgeInbound(answer), Allowed);
+  EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
   for (uint64_t cookie = 0; cookie < QueuedFlows::kSocketsLimit; ++cookie) flows.allowSocket(cookie + 2);
-  EXPECT_EQ(flows.judgeInbound(answer, QueuedFlows::Clock::now() + 10s), Open) << "forgotten, as there are too many";
+  EXPECT_EQ(flows.judgeInbound(answer, true, QueuedFlows::Clock::now() + 10s), Open)
+      << "forgotten, as there are too many";
   owners.socket.reset();
-  EXPECT_EQ(flows.judgeInbound(answer), Ignored) << "no socket";
+  EXPECT_EQ(flows.judgeInbound(answer, true), Ignored) << "no socket";
 }
 
 TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
