@@ -61,13 +61,13 @@ class PacketQueue {
   // answer read() has received. The answer comes after all packets that were queued before the message was sent.
   uint32_t acknowledged() const { return acknowledged_; }
 
-  // Sets all bits of a packet's mark and sends the packet through its chain again, from the first rule on, so that the
-  // rules of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from queueing the packet
-  // again.
+  // Replaces a packet's whole mark with `mark`, and sends the packet through its chain again, from the first rule on,
+  // so that the rules of other programs in that chain see it too (NF_REPEAT). The mark must keep our rules from
+  // queueing the packet again.
   void repeat(uint32_t id, uint32_t mark);
 
-  // Sets all bits of a packet's mark and sends the packet on, past the rest of its chain (NF_ACCEPT). If the mark
-  // changes, the kernel routes the packet again.
+  // Replaces a packet's whole mark with `mark`, and sends the packet on, past the rest of its chain (NF_ACCEPT). If the
+  // mark changes, the kernel routes the packet again.
   void accept(uint32_t id, uint32_t mark);
 
   void drop(uint32_t id);

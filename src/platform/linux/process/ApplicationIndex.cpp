@@ -55,8 +55,8 @@ std::string join(std::string folder, const std::string& name) {
   return folder += name;
 }
 
-// Whether the entry with the ID `left` is preferred to the one with the ID `right`, as the application of a program
-// that both entries name.
+// Two desktop entries name `program`. Returns whether the entry with the ID `left` claims it, rather than the entry
+// with the ID `right`.
 bool is_preferred(const std::string& program, const std::string& left, const std::string& right) {
   const std::string_view name = file_name(program);
   if ((left == name) != (right == name)) return left == name;

@@ -41,8 +41,8 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // wasScannedSince() concludes from a complete scan that a process did not hold a socket. That needs the locations
-      // of all sockets that the scan saw, and they are deleted here.
+      // A complete scan of a process shows that it did not hold a socket, because the scan recorded the location of
+      // every socket that it saw. The locations are deleted here, so earlier scans do not count as complete any more.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
@@ -153,9 +153,9 @@ class Search {
     isNew_ = !cache_.find(link_);
   }
 
-  // Tests the descriptor at which this socket was seen last. Then tests, for each process in `recent`, the descriptor
-  // of the socket that was found last, and the numbers next to it. The kernel assigns the lowest free descriptor, so a
-  // new socket often has the number of the previous socket or a number close to it.
+  // Tests the descriptor at which this socket was last seen. Then takes each process in `recent`, and tests the
+  // descriptor of the last socket that was found in that process, and the descriptor numbers next to it. The kernel
+  // assigns the lowest free descriptor, so a new socket often has the number of the previous socket or one close to it.
   std::optional<ProcessInformation> quickHolder() {
     auto location = cache_.find(link_);
     auto process = location ? ProcessInformation::open(location->process) : std::nullopt;

@@ -39,7 +39,8 @@ uint64_t time_since_boot() {
 }
 
 // Opens the topmost control group that can be reached: the root of the hierarchy, if it is mounted; else the first
-// mounted part of the hierarchy; else, if nothing is mounted, the root of a new mount, which gets no path.
+// mounted part of the hierarchy; else, if nothing is mounted, the root of a new detached mount (fsmount(2)), which
+// appears at no path.
 Descriptor open_topmost_control_group() {
   std::unique_ptr<FILE, int (*)(FILE*)> mounts(::setmntent("/proc/self/mounts", "re"), ::endmntent);
   mntent mount;
