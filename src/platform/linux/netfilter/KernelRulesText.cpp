@@ -166,7 +166,8 @@ class ProviderChains {
 //   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
 //   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound, it goes to the
 //   queue, also without payload: connection tracking keeps the new connection if the segment passes, and no rule would
-//   ask about the browser's request on a connection that the server began.
+//   ask about the browser's request on a connection that the server began. A SYN is an exception: it begins a
+//   connection of its own.
 // - Any remote host can send packets of no known connection. So INVALID drops them beyond a limit, and their answer is
 //   NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
@@ -214,7 +215,7 @@ COMMIT
 -A ORVANE-INPUT -m mark --mark @DROPPED -g ORVANE-SEEN
 -A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
 -A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
--A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID,NEW -g ORVANE-STRAY
+-A ORVANE-INPUT -p tcp ! --tcp-flags SYN,ACK,RST,FIN SYN -m conntrack --ctstate INVALID,NEW -g ORVANE-STRAY
 @STRAY-A ORVANE-INVALID -m limit --limit 2000/sec --limit-burst 2000 -j MARK --set-xmark @PENDING
 -A ORVANE-INVALID -m mark ! --mark @PENDING -j DROP
 -A ORVANE-INVALID @QUEUE
