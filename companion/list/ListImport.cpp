@@ -86,7 +86,8 @@ std::string_view format_fault(std::string_view text) {
   for (std::string_view start : kCompressed) {
     if (text.starts_with(start)) return "it is compressed: unpack it first";
   }
-  if (text.starts_with("BZh") && text.substr(4, 6) == "1AY&SY") return "it is compressed: unpack it first";
+  if (text.starts_with("BZh") && text.size() > 4 && text.substr(4, 6) == "1AY&SY")
+    return "it is compressed: unpack it first";
   const bool isUTF16 = text.size() > 1 && (text[0] == 0) != (text[1] == 0);
   if (isUTF16 || text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
     return "it is UTF-16: save the text as UTF-8";

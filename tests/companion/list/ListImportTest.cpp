@@ -62,6 +62,7 @@ TEST(ListImport, RejectsOtherFileFormats) {
                                 "a\0"sv,
                                 "a\0.\0"sv, "BZh91AY&SY"sv})
     EXPECT_THROW(imported(text), InputError) << text;
+  EXPECT_NO_THROW(imported("BZh")) << "a name, and the first bytes of bzip2";
 }
 
 TEST(ListImport, KeepsSuspensions) {
