@@ -4,6 +4,13 @@
 
 namespace orvane {
 
+// What the bytes that were read so far say about a name.
+enum class NameState {
+  Open,     // more bytes can give the name
+  Known,    // the name is complete
+  Unknown,  // there is no name, and later bytes cannot give one
+};
+
 // The form in which host names are listed, and in which the provider compares them byte for byte: ASCII letters in
 // lower case, without the dot of the DNS root at the end. A link to "Held.Example." leads to the same server as one to
 // "held.example", so names from flows need this form, too.

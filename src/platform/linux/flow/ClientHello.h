@@ -6,6 +6,8 @@
 #include <span>
 #include <string>
 
+#include "platform/linux/base/HostName.h"
+
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
@@ -13,11 +15,8 @@ namespace orvane {
 // 2 KiB at most, whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
-  enum class State {
-    Open,     // more bytes can give the name
-    Known,    // name() is complete
-    Unknown,  // no name: the bytes are no hello, or the hello is malformed, has no name or is too long
-  };
+  // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.
+  using State = NameState;
 
   // Limit on the bytes that are read, including TLS record headers. If the name is not among them, the state becomes
   // Unknown.

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/linux/base/HostName.h"
+
 namespace orvane {
 
 // The longest head that parse_request_head() accepts, in bytes.
@@ -40,11 +42,8 @@ std::optional<Authority> parse_authority(std::string_view text);
 // length of the head. Not thread-safe.
 class RequestHostReader {
  public:
-  enum class State {
-    Open,     // more bytes can give the name
-    Known,    // name() is complete
-    Unknown,  // no name: the bytes are no HTTP/1 request, or the head has no host or is too long
-  };
+  // Unknown: the bytes are no HTTP/1 request, or the head has no host or is too long.
+  using State = NameState;
 
   // Limit on the bytes of a head that are read. Browsers send fewer: their URLs have 2 MiB at most.
   static constexpr size_t kLimit = size_t{4} << 20;

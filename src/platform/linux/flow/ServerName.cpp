@@ -2,25 +2,17 @@
 
 #include <string_view>
 
-#include "platform/linux/base/HostName.h"
-
 namespace orvane {
 namespace {
 
 constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with it
 
 template <class Reader, class Bytes>
-ServerNameReader::State advance(Reader& reader, Bytes bytes, std::string& name) {
-  switch (reader.read(bytes)) {
-    case Reader::State::Open:
-      return ServerNameReader::State::Open;
-    case Reader::State::Known:
-      name = listed_form(reader.name());
-      return name.empty() ? ServerNameReader::State::Unknown : ServerNameReader::State::Known;
-    case Reader::State::Unknown:
-      break;
-  }
-  return ServerNameReader::State::Unknown;
+NameState advance(Reader& reader, Bytes bytes, std::string& name) {
+  const NameState state = reader.read(bytes);
+  if (state != NameState::Known) return state;
+  name = listed_form(reader.name());
+  return name.empty() ? NameState::Unknown : NameState::Known;
 }
 
 }  // namespace

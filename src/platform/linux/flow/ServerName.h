@@ -5,6 +5,7 @@
 #include <string>
 #include <variant>
 
+#include "platform/linux/base/HostName.h"
 #include "platform/linux/flow/ClientHello.h"
 #include "platform/linux/flow/RequestHost.h"
 
@@ -14,11 +15,7 @@ namespace orvane {
 // HTTP/1 request. Each byte is read once. Not thread-safe.
 class ServerNameReader {
  public:
-  enum class State {
-    Open,     // more bytes can give the name
-    Known,    // name() is complete
-    Unknown,  // there is no name, and later bytes cannot give one
-  };
+  using State = NameState;
 
   // Reads the next bytes of the connection; the first call gets the connection's first bytes.
   State read(std::span<const uint8_t> bytes);

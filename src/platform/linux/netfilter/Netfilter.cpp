@@ -66,7 +66,7 @@ struct Netfilter::Queue {
   PacketQueue::Read readBatch(int most);
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
-  void handle(const QueuedPacket& queued);
+  void handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start);
   void rebind();
 
   PacketQueue packets{kQueueNumber};
@@ -209,7 +209,7 @@ void Netfilter::Queue::handleNext() {
   if (start - packet->since > PacketBacklog::kLongestWait) {
     dropUnjudged(packet->queued);
   } else {
-    handle(packet->queued);
+    handle(packet->queued, start);
   }
   backlog.charge(PacketBacklog::Clock::now() - start);
 }
@@ -219,13 +219,12 @@ void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {
   packets.drop(queued.id);
 }
 
-void Netfilter::Queue::handle(const QueuedPacket& queued) {
-  auto start = std::chrono::steady_clock::now();
+void Netfilter::Queue::handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start) {
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
   if (queued.isInbound) {
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
-    switch (packet ? flows.judgeInbound(*packet, hasConnection) : PacketVerdict::Ignored) {
+    switch (packet ? flows.judgeInbound(*packet, hasConnection, start) : PacketVerdict::Ignored) {
       case PacketVerdict::Ignored:  // the kernel rules let a packet with this mark pass, and save nothing
         return packets.repeat(queued.id, answer_mark(queued.mark, kMarkDropped));
       case PacketVerdict::Allowed:
