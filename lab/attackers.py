@@ -1,6 +1,7 @@
 """What an unprivileged user can do to slow the filter down, or to fill its queue."""
 
 import contextlib
+import itertools
 import multiprocessing
 import os
 import signal
@@ -11,7 +12,7 @@ from harness import wait_until
 
 ATTACKER = 65534  # a user without privileges, who opens none of the measured connections
 _SEARCHED, _DESCRIPTORS = 40, 19_000
-_FLOODERS, _SOCKETS = 8, 2_000
+_FLOODERS = 8
 _CONNECTIONS, _HEAD = 300, b"GET / HTTP/1.1\r\n" + b"a:\r\n" * 3500
 _PAUSE = 0.05  # seconds between a connection's bytes
 _FORKING = multiprocessing.get_context("fork")
@@ -34,16 +35,16 @@ def _search_far(number: int) -> None:
 
 
 def _flood_with_questions(number: int) -> None:
-    """Fills the queue with DNS questions, from many sockets.
+    """Sends datagrams, each to another address, so that each is a new flow.
 
-    A packet in the queue still counts against its socket's send buffer, so one socket cannot fill the queue.
+    Closes each socket after 256 datagrams: the extension then also searches for the owners of closed sockets, and no
+    socket's send buffer, which holds the packets that are in the queue, slows the flood down.
     """
-    senders = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(_SOCKETS)]
-    for turn in range(1_000_000):
-        for sender in senders:
-            sender.setblocking(False)
-            with contextlib.suppress(OSError):
-                sender.sendto(b"question" * 3, (f"127.4.{number}.{turn % 250 + 1}", 53))
+    for turn in itertools.count():
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            for last in range(256):
+                with contextlib.suppress(OSError):
+                    sender.sendto(b"question", (f"127.{10 + number}.{turn % 256}.{last}", 53))
 
 
 def _send_slow_heads(server: socket.socket) -> None:
@@ -119,7 +120,7 @@ def slow_attack():
 
 
 def flood():
-    """Sends more packets than the queue can hold. Needs root and the limit of open files, as slow_attack() does."""
+    """Sends more packets than the queue can hold. Needs root, to become the user ATTACKER."""
     return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), lambda: time.sleep(3))
 
 

@@ -2,17 +2,16 @@
 
 import contextlib
 import ctypes
-import itertools
 import multiprocessing
 import os
 import shutil
 import signal
-import socket
 import subprocess
 import threading
 import time
 
 import isolation
+from attackers import flood
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World
 from harness import check, connect, iptables, wait_until
 
@@ -106,35 +105,9 @@ def _rules(family: str) -> str:
     return "\n".join(line for line in lines if line.startswith("-A") or "ORVANE" in line)
 
 
-def _send_datagrams(address: str) -> None:
-    """Sends datagrams until it is killed, each to another address, so that each is a new flow.
-
-    Closes each socket after 256 datagrams, so that the extension also searches for the owners of closed sockets.
-    """
-    os.setuid(65534)
-    for number in itertools.count():
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
-            for last in range(256):
-                with contextlib.suppress(OSError):
-                    sender.sendto(b"x", (f"{address}.{number % 256}.{last}", 53))
-
-
-@contextlib.contextmanager
-def _flood(_world: World):
-    forking = multiprocessing.get_context("fork")
-    processes = [forking.Process(target=_send_datagrams, args=(f"127.{10 + i}",), daemon=True) for i in range(8)]
-    for process in processes:
-        process.start()
-    time.sleep(3)
-    yield
-    for process in processes:
-        process.kill()
-        process.join()
-
-
 def KeepsFilteringInAFlood(world: World):
     """Another user floods the queue. If a full queue let packets pass, browsers would reach held hosts."""
-    with world.filtering(PYTHON) as extension, _flood(world):
+    with world.filtering(PYTHON) as extension, flood():
         with _Load() as load:
             time.sleep(5)
         longest = max(end - begin for begin, end, *_ in load.results)
@@ -162,10 +135,11 @@ def _hanging_iptables(world: World):
 
 
 def EndsWithinTwoSecondsUnderLoad(world: World):
-    for what, load in (("a flood of packets", _flood), ("firewall programs that hang", _hanging_iptables)):
+    loads = {"a flood of packets": flood, "firewall programs that hang": lambda: _hanging_iptables(world)}
+    for what, load in loads.items():
         extension = world.extension(PYTHON)
         extension.start()
-        with load(world):
+        with load():
             begin = time.monotonic()
             extension.process.terminate()
             code = extension.process.wait(60)
