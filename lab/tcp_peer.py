@@ -244,8 +244,15 @@ class Connection:
             flags, sequence, acknowledgment = first
             self._send(flags, b"", sequence, acknowledgment, options)
         if script.opening != "SYN":
-            wait = 0.02 if first else 0
-            self._peer.later(wait, self._send, SYN | ACK, script.syn_payload, None, None, options)
+            self._peer.later(0.02 if first else 0, self._accept, options)
+
+    def _accept(self, options: bytes, turn: int = 0) -> None:
+        """Sends the SYN-ACK until the client's acknowledgment arrives, which can be lost."""
+        if self._is_established:
+            return
+        self._send(SYN | ACK, self._script.syn_payload, options=options)
+        if turn < len(_RESENDS) and not self._script.sends_once:
+            self._peer.later(_RESENDS[turn], self._accept, options, turn + 1)
 
     def _answer(self) -> None:
         """Sends the answers and the end that the script has for the text so far."""
@@ -289,7 +296,8 @@ class Peer:
         for family in self.families:
             more = ["nodad"] if family == 6 else []
             self._ip(f"-{family}", "address", "add", _LOCAL[family], "dev", _DEVICE, *more)
-        self._ip("link", "set", _DEVICE, "up")
+        # In the floods, hundreds of segments wait for the peer's thread. Beyond the queue's length they are lost.
+        self._ip("link", "set", _DEVICE, "txqueuelen", "10000", "up")
         self._servers: dict[bytes, tuple[list[Script], list[Connection]]] = {}  # by address
         self._by_endpoints: dict[tuple, Connection] = {}
         self._timers: list[tuple] = []
