@@ -37,8 +37,8 @@ def _search_far(number: int) -> None:
 def _flood_with_questions(number: int) -> None:
     """Sends datagrams, each to another address, so that each is a new flow.
 
-    Closes each socket after 256 datagrams: the extension then also searches for the owners of closed sockets, and no
-    socket's send buffer, which holds the packets that are in the queue, slows the flood down.
+    Closes each socket after 256 datagrams, for two reasons: the extension then searches for the owners of closed
+    sockets, too; and a single socket's send buffer, which holds the packets that are in the queue, would soon be full.
     """
     for turn in itertools.count():
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
@@ -127,8 +127,8 @@ def flood():
 def half_open_flows(address: str, count: int, lines: int, single: int):
     """Opens HTTP connections that stay open. The with block begins when all are open.
 
-    On each connection, sends the begin of a request head with that many lines, and then single bytes. Needs root and
-    the limit of open files, as slow_attack() does.
+    On each connection, sends the beginning of a request head with `lines` lines, and then `single` single bytes. Needs
+    root and the limit of open files, as slow_attack() does.
     """
     opened = _FORKING.Semaphore(0)
 

@@ -10,7 +10,9 @@ import ssl
 import time
 
 SERVED = b"served"
-_IDLE_LIMIT = 10  # seconds until the server closes a silent connection: the filter's reset goes only to the client
+# Seconds until the server closes a silent connection. When the filter drops a connection, it resets only the client's
+# side, so the server never learns that the connection has ended.
+_IDLE_LIMIT = 10
 
 
 @functools.cache

@@ -63,8 +63,8 @@ def _end(unshare: subprocess.Popen) -> None:
 def run_isolated(script: str, *arguments: str) -> int:
     """Runs the script again, in the namespaces, with these arguments: INSIDE, an empty directory, and `arguments`.
 
-    Returns the script's exit code. If a signal interrupts the run, this ends the script, cleans up, and then lets the
-    signal end this process. Raises Unavailable if the machine does not allow the namespaces.
+    Returns the script's exit code. If a signal interrupts the run, ends the script, cleans up, and then lets the signal
+    end this process. Raises Unavailable if the machine does not allow the namespaces.
     """
     unshare, interrupted = None, 0
 

@@ -148,7 +148,7 @@ class Machine:
         self.boot()
 
     def inside(self, *namespaces: str) -> list[str]:
-        """The words before a command that make it run in namespaces of the container: `namespaces`, or all if empty."""
+        """The beginning of a command that runs in the container's `namespaces`, or in all if none is given."""
         return ["nsenter", f"--target={self._leader()}", *(namespaces or ["--all"]), "--"]
 
     def run(self, *command: str, user: str | None = None, check: bool = True) -> subprocess.CompletedProcess:

@@ -17,7 +17,7 @@ from tcp_peer import Script
 _TIMEOUT = 120  # seconds; a long text of which small segments are lost takes a minute
 _GATE_TIMEOUT = 300  # longer, because a whole attack can take place before the gate's file exists
 _SKIP_8_BYTES = struct.pack("!BBBBI", 0, 0, 1, 4, 0)  # an extension header of one PadN option, RFC 8200, section 4.2
-_RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # the value of SO_LINGER with which no TIME-WAIT state keeps the port
+_RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() sends a reset, so no TIME-WAIT state keeps the port
 
 
 def _socket(script: Script) -> socket.socket:
@@ -102,14 +102,14 @@ class _Client:
 
 
 class _Program(BaseManager):
-    """A process of its own, with a thread for each thread of this process that calls its client."""
+    """A process that runs the clients. For each thread here that calls play(), the process has a thread, too."""
 
 
 _Program.register("client", _Client)
 
 
 class Program:
-    """A program that plays scripts. It runs this Python code, from a copy of the interpreter or the interpreter."""
+    """A program that plays scripts with this Python code. Its executable is the interpreter, or a copy of it."""
 
     def __init__(self, executable: str, directory: pathlib.Path):
         os.environ["PYTHONHOME"] = sys.prefix  # a copy of the interpreter finds the standard library there

@@ -23,15 +23,15 @@ FIN, SYN, RST, PSH, ACK, URG, ECE, CWR = (1 << bit for bit in range(8))
 _DEVICE = "peer0"
 # The addresses of the clients. All other addresses of these two networks are the servers'.
 _LOCAL = {4: "10.77.255.254/16", 6: "fd77::ffff:1/64"}
-# The seconds from each transmission of the peer to its next. Each segment that arrives at the client restarts the timer
-# with which the client's kernel sends into a narrow window. So the later intervals are long: the client can send in
-# between.
+# The peer's pauses, in seconds, before it sends the same segments again. If the window is narrow, the client's kernel
+# sends when a timer expires, and each segment from the peer restarts this timer. So the later pauses are long: the
+# timer can expire during a pause.
 _RESENDS = [0.15, 0.15, 0.3, 0.6, *[1] * 12]
 
 
 @dataclasses.dataclass
 class Script:
-    """What the client and the server of a flow do. A position in the text is a number of bytes before it."""
+    """What the client and the server of a flow do. A position is a byte offset in the client's text."""
 
     # The client.
     family: int  # 4 or 6
@@ -39,36 +39,36 @@ class Script:
     port: int  # of the server
     is_held: bool = False  # the filter drops this flow, so the client waits for a reset
     text: bytes = b""  # what the client sends
-    named: tuple[int, int] = (0, 0)  # the bytes of the text that name the host: the first, and the one after the last
-    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}; a write ends there
+    named: tuple[int, int] = (0, 0)  # the host's name in the text: its first position, and the one after it
+    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}: the client pauses there
     has_syn_payload: bool = False
     extension_headers: list[int] = dataclasses.field(default_factory=list)  # socket options like IPV6_DSTOPTS
     client_port: int = 0  # 0: the kernel chooses
-    earlier: "Script | None" = None  # of a connection with the same ports, just before
+    earlier: "Script | None" = None  # the script of a connection with the same ports, just before this one
     # The server.
     mss: int = 1460
     first_window: int = 0  # the client may first send up to this position
-    window: int = 65535  # from first_window on
+    window: int = 65535  # the window from first_window on
     window_until: int = 0  # from this position on, the window is 65535
-    pause: float = 0  # seconds with a window of zero
+    pause: float = 0  # if not 0: from pause_at on, the window is zero for so many seconds
     pause_at: int = 0
-    lost: list[int] = dataclasses.field(default_factory=list)  # the numbers, from 1, of segments with payload
+    lost: list[int] = dataclasses.field(default_factory=list)  # which segments with payload are lost; the first is 1
     sack: bool = False
     reneges: bool = False  # drops the segments after a gap, which it may have confirmed by SACK
     repeated_acks: int = 0
     stray_acks: bool = False  # also sends acknowledgments of bytes that are far away or already acknowledged
-    keepalive: float = 0  # if not 0: an acknowledgment, after so many seconds
+    keepalive: float = 0  # if not 0, the server sends an acknowledgment after so many seconds
     mtu: int = 0  # if not 0, an ICMP error with this MTU answers the first segment with payload
     syn_flags: int = 0  # more flags of SYN-ACK segments
     flags: int = 0  # more flags of ACK segments
-    syn_payload: bytes = b""  # of the SYN-ACK
+    syn_payload: bytes = b""  # the payload of the SYN-ACK
     takes_syn_payload: bool = True
     opening: str = "SYN-ACK"  # or "SYN" instead of it, or "RST" or "wrong acknowledgment" ahead of it
     primed: int = 0  # if not 0, the flags of a segment to the client's port before the client connects
-    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, what the server sends then)
+    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, sent when it is reached)
     answer_delay: float = 0
     sends_once: bool = False  # no retransmissions
-    end: tuple[int, int] | None = None  # (position, FIN or RST)
+    end: tuple[int, int] | None = None  # (position, how the server ends the connection there: FIN or RST)
     end_distance: int = 0  # how far the end's sequence number is ahead of what the server has sent
 
     def answer(self) -> bytes:
@@ -115,8 +115,8 @@ class Connection:
 
     def __init__(self, peer: "Peer", script: Script, endpoints: tuple, initial: int):
         self._peer, self._script, self.endpoints = peer, script, endpoints
-        self.initial = initial  # the client's sequence number
-        self._initial = 0x10000000 + initial % 0x1000  # the server's
+        self.initial = initial  # the client's initial sequence number
+        self._initial = 0x10000000 + initial % 0x1000  # the server's initial sequence number
         self._acknowledged = self._initial + 1
         self._out = b""  # the server's bytes from _acknowledged on: those sent, and those to send
         self._due = list(script.answers)
@@ -247,7 +247,7 @@ class Connection:
             self._peer.later(0.02 if first else 0, self._accept, options)
 
     def _accept(self, options: bytes, turn: int = 0) -> None:
-        """Sends the SYN-ACK until the client's acknowledgment arrives, which can be lost."""
+        """Sends the SYN-ACK again until the client has acknowledged it, because the acknowledgment can be lost."""
         if self._is_established:
             return
         self._send(SYN | ACK, self._script.syn_payload, options=options)
@@ -255,7 +255,7 @@ class Connection:
             self._peer.later(_RESENDS[turn], self._accept, options, turn + 1)
 
     def _answer(self) -> None:
-        """Sends the answers and the end that the script has for the text so far."""
+        """Sends the answers and the end that the script has for the text received so far."""
         while self._due and len(self.received) >= self._due[0][0]:
             self._peer.later(self._script.answer_delay, self._transmit, self._due.pop(0)[1])
         if self._script.end and len(self.received) >= self._script.end[0]:

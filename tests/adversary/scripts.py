@@ -62,7 +62,7 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """Only six windows are narrow, because the kernel sends a part of a segment only every 200 ms."""
+    """Only six windows are narrow, to save time: the kernel sends a part of a segment only every 200 ms."""
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}
@@ -100,7 +100,7 @@ def _answer(script: Script, at: int, pause: float) -> dict:
 
 
 # Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table:
-# first those that make the text, because the others depend on it, and "end" after those that change the answers.
+# first those that make the text, on which the others depend, and "end" after those that change the answers.
 STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "plain": lambda _, n: {},
     "spelling": _spelling,
@@ -153,7 +153,8 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
         "pauses": {n.choice([0, 1, s.named[0] + 1]): FORGOTTEN},
         "answer_delay": n.choice([0, FORGOTTEN]),
     },
-    # For connection tracking, the server then begins the connection.
+    # When connection tracking has forgotten the connection, the server sends first. So for connection tracking, the
+    # server begins a new connection.
     "keepalive": lambda s, n: {"pauses": {n.choice([0, 1]): FORGOTTEN + 1}, "keepalive": FORGOTTEN + 0.5},
     # When the extension starts, the client has sent half of the text, and the server's answer is on its way.
     "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},
@@ -200,7 +201,7 @@ FORGETFUL = {
     "Silence": ["silence"],
     "Keepalive": ["keepalive"],
 }
-# The run begins and continues these scripts at certain moments. The flow of "BegunBefore" is older than the extension.
+# The run begins and continues these scripts at set moments. For example, "BegunBefore" begins before the extension.
 TIMED = {"BegunBefore": ["older"], "HalfAndRest": ["half"], "DroppedBefore": ["reuse dropped"]}
 
 

@@ -19,7 +19,7 @@ class RecordingClient : public Client {
  public:
   static inline std::string sent;              // the recorded messages
   static inline int connections;               // how many connections were opened
-  static inline std::vector<uint64_t> counts;  // the next replies of changesCount(); after the last one, it throws
+  static inline std::vector<uint64_t> counts;  // the next replies of changesCount(), which throws after the last one
 
   bool ping() override { return record("ping"), true; }
   bool appFilterState() override { return record("state"), false; }

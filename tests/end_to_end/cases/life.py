@@ -145,7 +145,7 @@ def EndsWithinTwoSecondsUnderLoad(world: World):
             code = extension.process.wait(60)
             seconds = time.monotonic() - begin
         print(f"the end with {what}: {seconds:.2f} s")
-        # The limit is 2 s; the load may keep both processes from running for a while.
+        # The limit is 2 s. The test allows 3 s, because the load may delay the extension and this process.
         check((code, seconds < 3), (0, True), f"the exit code and a quick end, with {what}")
 
 

@@ -49,7 +49,7 @@ TEST(ProcessTest, FindsNamesOfUnitsSnapsAndSandboxes) {
   for (const auto& row : kCases) EXPECT_EQ(row.name, row.read(row.text).value_or("none")) << row.text;
 }
 
-// Makes its own process table, because real units and sandboxes need a desktop session.
+// The test makes its own process table, because real units and sandboxes need a desktop session.
 TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   ProgramFolder folder;
   for (const char* id : {"shell", "browser", "other"}) folder.entry(id, id);

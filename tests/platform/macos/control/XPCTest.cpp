@@ -144,8 +144,8 @@ TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
 // connection, does not confirm that the earlier messages arrived.
 TEST_F(XPC, ReportsAnEndDuringACall) {
   listen(traced_);
-  // Delivers the client's message, whose receiver then breaks the connection, before the client asks for the
-  // confirmation.
+  // The client calls this after its message, before it asks for the confirmation. So the message is delivered now, and
+  // its receiver breaks the connection.
   auto deliver = [](uint64_t, uint64_t) { stand_in::deliver_messages(); };
   for (bool restarted : {false, true}) {
     for (const Client::Progress& progress : {Client::Progress(), Client::Progress(deliver)}) {
