@@ -30,7 +30,7 @@ struct Range {
   uintptr_t start = 0, end = 0;
 };
 
-// dl_iterate_phdr() first reports the program itself; the result 1 ends the iteration there.
+// A callback of dl_iterate_phdr(), which reports the program itself first. Returns 1, which ends the iteration there.
 int find_program(dl_phdr_info* info, size_t, void* out) {
   auto* range = static_cast<Range*>(out);
   for (int i = 0; i < info->dlpi_phnum; ++i) {

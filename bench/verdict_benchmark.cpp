@@ -1,5 +1,5 @@
-// Compares a verdict on a new flow with the look-ups that the verdict needs. Compares a hex dump to a log whose debug
-// level is off with a copy of the same bytes.
+// Compares a verdict on a new flow with the look-ups that the verdict needs. Also compares os_log_dump(), called for a
+// log whose debug level is off, with a copy of the same bytes.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 

@@ -49,8 +49,8 @@ class _Stage:
         except subprocess.TimeoutExpired as expired:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # The provider's rules do not cover a destination with a port in its URL. So the provider gets no flow from the
-        # proxy. From the kernel it gets one flow: the DNS question for the host.
+        # If the URL has a port, the provider's rules do not cover the connection to that port. So the proxy gives the
+        # provider no flow. The kernel gives it one flow: the DNS question for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None

@@ -54,8 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto name = name_by_gnutls(bytes);
   if (name && reader.state() == ServerNameReader::State::Known && !name->empty() &&
       listed_form(*name) != reader.name() && name->find('\0') == std::string::npos) {
-    // If the extension has several names, take_extension() stored all of them. Then the stored bytes must begin with
-    // the reader's name.
+    // If the server name extension has several names, take_extension() stored all of them. Then the stored bytes must
+    // begin with the reader's name.
     if (listed_form(*name).compare(0, reader.name().size(), reader.name()) != 0) abort();
   }
   return 0;

@@ -3,7 +3,7 @@
 //
 //   0   a new session
 //   1   a session that has read the bootstrap message
-//   2   such a session, but a segment table before the bytes makes them one message
+//   2   the same as 1, but this target puts a segment table before the bytes, which makes them one message
 //   3   the conversion of values, without a session
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize.h>

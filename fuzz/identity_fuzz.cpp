@@ -7,8 +7,9 @@
 #include "platform/linux/process/ProcessIdentity.h"
 #include "platform/linux/process/ProcessInformation.h"
 
-// Reads the input as each kind of text that identifies processes and whose content a program or a package can choose:
-// desktop entries, sandbox descriptions, names of control groups, and /proc/pid/stat, which has the process's name.
+// A program or a package can choose the content of some texts by which the extension identifies processes: desktop
+// entries, sandbox descriptions, names of control groups, and /proc/pid/stat, which has the process's name. Reads the
+// input as each of these texts.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace orvane;
   std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -48,8 +48,8 @@ NSString* advice_for(NSError* error) {
   [self loadThen:@selector(removeConfiguration)];
 }
 
-// Loads the stored configuration, then runs `step` on the main thread. The system refuses to save a configuration that
-// was not loaded, and it may call a completion handler on any thread.
+// Loads the stored configuration, because the system refuses to save a configuration that was not loaded. Then runs
+// `step` on the main thread, because the system may call the completion handler on any thread.
 - (void)loadThen:(SEL)step {
   [[NEFilterManager sharedManager] loadFromPreferencesWithCompletionHandler:^(NSError* error) {
     [self performSelectorOnMainThread:error != nil ? @selector(showFailure:) : step withObject:error waitUntilDone:NO];

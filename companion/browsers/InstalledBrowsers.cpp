@@ -134,8 +134,9 @@ class Search {
                      : std::string(file_name(runs));
   }
 
-  // For a script, the extension sees the name of the interpreter. Returns the interpreter's path, with links resolved.
-  // Empty for a program that is not a script, and for a shell script, because it only starts the real browser.
+  // The extension identifies a running script by its interpreter. Returns the interpreter's path, with links resolved.
+  // Empty if the program is not a script, if its interpreter is not a known one, and for a shell script, because a
+  // browser's shell script only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
     auto start = read_file_start(path, 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};

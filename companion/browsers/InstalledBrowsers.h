@@ -43,8 +43,8 @@ struct InstalledBrowser {
 };
 
 // All browsers with a desktop entry in `folders` or `ownFolders`, each identifier once, sorted by name. `ownFolders`
-// belong to a user. The extension does not read a user's desktop entries, so the identifier of a program with an entry
-// there is its file name.
+// belong to a user. The extension does not read a user's desktop entries, so a program that has an entry only in
+// `ownFolders` is identified by its file name.
 std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,
                                                  const std::vector<std::string>& ownFolders);
 

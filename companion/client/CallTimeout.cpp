@@ -12,8 +12,8 @@
 namespace orvane {
 namespace {
 
-// The time between two signals. A single signal would have no effect if it arrived just before connect(2) starts to
-// wait, or before watch() names the connection.
+// The time between two signals. The signal is repeated, because a signal that arrives just before connect(2) starts to
+// wait, or before watch() is called, has no effect.
 constexpr suseconds_t kTick = 200000;  // microseconds
 
 // Read by the signal handler.

@@ -77,9 +77,9 @@ HostnameList check_arguments(const std::vector<std::string>& hosts) {
   return list;
 }
 
-// A call may take kAnswerTime, plus a second for each kNamesPerSecond names, which must be sent and loaded. kAnswerTime
-// is longer than 5 s: if all connections of the extension are in use, it ends one that has been idle for 5 s and so
-// accepts this client.
+// The time limit of a call is kAnswerTime, plus a second for each kNamesPerSecond names that the call sends, because
+// the extension must load them. kAnswerTime is longer than 5 s: if all connections of the extension are in use, a new
+// client waits until another client has been idle for 5 s (kIdleLimit in platform/linux/control/XPC.cpp).
 constexpr std::chrono::seconds kAnswerTime(10);
 constexpr size_t kNamesPerSecond = 20000;
 
@@ -301,8 +301,8 @@ size_t edit_distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-// For a command line without a known command. Throws an error that contains the first word of the command line and
-// suggests the command with the nearest name.
+// Call this if the command line has no known command. Throws an error that contains the first word of the command line
+// (apart from options) and suggests the command with the nearest name. Returns if the command line has no word.
 void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];

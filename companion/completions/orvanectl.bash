@@ -12,7 +12,7 @@ _orvanectl() {
   local cur prev words cword split
   _init_completion -s || return
 
-  # Find the command, whose words are neither options nor an option's value, and the list that --list names.
+  # Find the command (the words that are neither options nor values of options), and the list that --list names.
   local command='' list='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in

@@ -175,7 +175,7 @@ Finding examine_kernel(const Facts& facts) {
           "use the distribution's kernel; after a kernel upgrade, restart the machine"};
 }
 
-// Counts the extension's tables by the rule in the chain OUTPUT that jumps to the extension's chain.
+// In the chain OUTPUT of each of its tables, the extension has a rule that jumps to the extension's own chain.
 struct Jumps {
   int present = 0;  // tables in which OUTPUT has this rule
   int first = 0;    // tables in which this rule is the first of OUTPUT

@@ -176,8 +176,8 @@ InForce wait_until_in_force(const std::string& statePath, const ListVersion& ver
   for (;;) {
     std::optional<KeeperState> state = read_keeper_state(statePath);
     if (!state) return InForce::NoKeeper;
-    // Whether `other` is the awaited version, or the version that the list's file has now. If the two differ, the
-    // file's version is the later one.
+    // Whether `other` is the awaited version, or the version that the list's file has now. If the file no longer has
+    // the awaited version, it has a later one.
     auto isCurrent = [&](const ListVersion& other) {
       return other == version || other == list_version(state->listPath);
     };

@@ -16,7 +16,7 @@ using Suspensions = std::vector<std::pair<std::string, Moment>>;
 
 Value date_of(Moment moment) { return Value::date(static_cast<double>((moment - kAbsoluteTimeReference).count())); }
 
-// The extension counts each message as an edit, even if it does not hold the name and so ignores the date.
+// The extension counts each message as an edit, even if the extension does not hold the name and so ignores the date.
 uint64_t send_dates(Client& client, const Suspensions& suspended) {
   for (const auto& [name, until] : suspended) {
     client.setProperties(Value::dictionary({{Value::string(kDontBlockUntil), date_of(until)}}), Value::string(name));

@@ -5,10 +5,10 @@
 #include "companion/client/Client.h"
 #include "companion/list/BlockList.h"
 
-// Sends the list to the extension. The general provider ignores the date at which a suspension ends, so the keeper
-// removes a suspended name and adds it again at that date. The provider for Safari honours the date, so the keeper also
-// sends the date. When it sends only a difference, it sends the date before it removes the name, because the extension
-// keeps properties only for names that it holds.
+// Sends the list to the extension. FilterDataProvider ignores the date at which a suspension ends, so the keeper
+// removes a suspended name and adds it again at that date. PLSafariFilterDataProvider honours the date, so the keeper
+// also sends the date. If it sends only a difference, it sends the date before it removes the name, because the
+// extension stores properties only for names that it holds.
 namespace orvane {
 
 // Replaces everything that the extension holds. Returns how many edits the extension counts for these messages. Throws

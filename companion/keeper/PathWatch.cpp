@@ -59,7 +59,7 @@ void PathWatch::armOne(const std::string& path) {
 }
 
 int PathWatch::watchFolder(const std::filesystem::path& child, uint32_t events) {
-  // IN_MASK_ADD keeps the watch's other events: several files in one folder share a watch.
+  // Files in the same folder share a watch. IN_MASK_ADD adds these events to the events of an existing watch.
   return inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
 }
 

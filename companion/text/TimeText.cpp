@@ -37,7 +37,7 @@ LocalTime local_time(Moment moment) {
   return LocalTime(moment.time_since_epoch() + seconds(local_fields(moment).tm_gmtoff));
 }
 
-// Where a change of the clocks skips or repeats `local`, the offset before the change counts (RFC 5545, section 3.3.5).
+// If a change of the clocks skips or repeats `local`, uses the offset from before the change (RFC 5545, section 3.3.5).
 Moment moment_of(LocalTime local) {
   const Moment near(local.time_since_epoch());
   const Moment before = near - seconds(local_fields(near - days(1)).tm_gmtoff);

@@ -59,8 +59,8 @@ constexpr uint64_t kValueBytesPerByte = 4;
 // Counts the memory for the arguments of one call against kValueBudget, while the call is carried out. Thread-safe.
 class ValueReservation {
  public:
-  // `stored` is the memory of stored values that counts against the budget together with the calls' values. Refuses the
-  // call, with an exception, if the total would exceed the budget.
+  // `stored`: the bytes of the values that the extension stores, which count against the same budget. If the total
+  // would exceed the budget, throws an exception, which refuses the call.
   ValueReservation(uint64_t messageWords, uint64_t stored)
       : bytes_(messageWords * sizeof(capnp::word) * kValueBytesPerByte) {
     if ((total_ += bytes_) + stored <= kValueBudget) return;
@@ -197,8 +197,8 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   // True for a call that has no capabilities, at most one step in the transform of its target, and the caller as
-  // receiver of its results. Capabilities and transforms are lists, and the library would allocate as many entries as
-  // the message claims.
+  // receiver of its results. Other calls are refused, because capabilities and transforms are lists, and the library
+  // allocates as many entries as the message claims.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
     bool direct = !target.isPromisedAnswer() || target.getPromisedAnswer().getTransform().size() <= 1;
@@ -298,9 +298,9 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // Passes a call with one argument to the exported object. `stored` is the argument of ValueReservation. It is 0 for a
-  // message that removes a value, replaces all values or stores nothing: so such a message works even when the stored
-  // values use up the budget.
+  // Passes a call with one argument to the exported object. `stored` is the argument of ValueReservation. The
+  // callers pass 0 for a message that removes a value, replaces all values or stores nothing, so that this message
+  // works even when the stored values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
                             uint64_t stored = 0) {

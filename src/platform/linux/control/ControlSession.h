@@ -14,8 +14,8 @@ class SessionActivity {
 
   void beginCall() { idleSince_ = Clock::time_point::max(); }
   void endCall() { idleSince_ = Clock::now(); }
-  // When the wait for the next call began. While a call is carried out or a large message arrives, no such wait is
-  // under way, and this is the largest possible time.
+  // When the wait for the next call began. The largest possible time if the session does not wait, because a call is
+  // being carried out or a large message is arriving.
   Clock::time_point idleSince() const { return idleSince_; }
 
  private:

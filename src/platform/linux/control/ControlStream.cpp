@@ -211,7 +211,8 @@ void ControlStream::post(const Outgoing& outgoing) {
   }
   if (isFlushing_) return;
   isFlushing_ = true;
-  // evalLast runs when the event loop has nothing else to do. Messages that are written before then join this flush.
+  // evalLast runs when the event loop has nothing else to do. So the flush also sends messages that are written until
+  // then.
   flushing_ = kj::evalLast([this] { return flushAll(); })
                   .then([this] {
                     isFlushing_ = false;

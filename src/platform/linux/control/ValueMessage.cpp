@@ -14,7 +14,7 @@ constexpr uint64_t kBytesPerWord = sizeof(capnp::word);
 // Sizes in the encoding of ControlProtocol.capnp.
 constexpr uint64_t kValueWords = 3;      // two words of data and one pointer
 constexpr uint64_t kEntryWords = 2;      // pointers to the key and the value
-constexpr uint64_t kContainerWords = 2;  // at most: a tag word for a list of structs, a pointer for Set or Dictionary
+constexpr uint64_t kContainerWords = 2;  // at most: a list's tag word, and the pointer of a Set or Dictionary
 
 // Limit on the elements that are compared when containers are set members or keys. So many comparisons take a few
 // milliseconds at most.
@@ -201,8 +201,9 @@ class ValueReader {
   }
 
   // Reads a set member or a key. The hash of a container is its size alone, so inserting a container may compare it in
-  // full with every container before it. This charges that cost to comparisons_. `containers` is the number of
-  // containers that were read before in the same set or among the same keys.
+  // full with every container that was inserted before. This function charges the cost of these comparisons to
+  // comparisons_. `containers`: how many containers were read before, as members of the same set or as keys of the same
+  // dictionary.
   bool readKey(control::Value::Reader reader, unsigned nesting, uint64_t* containers, Value* key) {
     uint64_t before = elements_;
     if (!read(reader, nesting, key)) return false;

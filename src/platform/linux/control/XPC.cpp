@@ -154,7 +154,8 @@ class Connection final : public NSXPCConnection {
   void setInvalidationHandler(std::function<void()> handler) override { setHandler(SessionEnd::Closed, handler); }
   void setInterruptionHandler(std::function<void()> handler) override { setHandler(SessionEnd::Broken, handler); }
 
-  // Ends a connection that the delegate rejected, perhaps after activating it, or did not activate.
+  // Ends a connection that the delegate rejected or did not activate. The delegate may activate a connection and
+  // then reject it.
   void close() {
     if (activated_.exchange(true)) {
       clients_->shutDown(socket_);
@@ -198,8 +199,8 @@ class Connection final : public NSXPCConnection {
     if (due) due();
   }
 
-  // The handler to call now, if the session has ended, the handler for this kind of end is set, and no handler has been
-  // called yet. Else null.
+  // Returns the handler for the way in which the session ended, and the caller must call it. Null if the session has
+  // not ended, if this handler is not set, or if a handler was returned before.
   std::function<void()> takeHandler() {
     if (!ended_ || reported_) return nullptr;
     auto& handler = *ended_ == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_;
@@ -290,8 +291,8 @@ class Listener final : public NSXPCListener {
     if (!accepted || !connection->isActivated()) connection->close();
   }
 
-  // accept4() fails this way when descriptors or memory have run out, for example. During the pause, new clients wait
-  // in the socket's queue.
+  // Call this after accept4() has failed, for example for lack of descriptors or memory. During the pause, new clients
+  // wait in the socket's queue.
   static void pauseAfterFailedAccept(int error) {
     ORVANE_LOG_ERROR(default_log(), "cannot accept a control connection: %s", std::strerror(error));
     std::this_thread::sleep_for(std::chrono::seconds(1));
