@@ -24,7 +24,7 @@ struct Finding {
     Unknown,  // could not be checked
   };
   std::string check;    // the check's identifier; releases do not change it, since scripts use it
-  std::string subject;  // what was checked, if the check covers several things, such as a browser's name
+  std::string subject;  // which thing was checked, for example a browser's name, if the check covers several
   Result result;
   std::string found;   // one line
   std::string advice;  // one line: what to do; may be empty

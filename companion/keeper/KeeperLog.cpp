@@ -11,8 +11,8 @@
 namespace orvane {
 namespace {
 
-// The variable alone does not show that standard error is the journal: a program in a terminal inherits the variable if
-// a service started the terminal.
+// Compares the file that JOURNAL_STREAM names with standard error. The variable alone proves nothing: if a service
+// started a terminal, programs in the terminal inherit the variable.
 bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};

@@ -119,8 +119,8 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
   return !found.text.empty();
 }
 
-// Converts label by label. A library that gets the whole name applies IDNA's hyphen rules to all-ASCII labels, too.
-// Browsers do not apply these rules to all-ASCII labels: they send "r3---sn.xn--bcher-kva.example".
+// Converts label by label, because a library that gets the whole name applies IDNA's hyphen rules to all-ASCII labels,
+// too. Browsers do not apply these rules to all-ASCII labels: they send "r3---sn.xn--bcher-kva.example".
 bool append_international(std::string_view given, std::string& name, std::string& fault) {
   for (size_t at = 0; at <= given.size();) {
     size_t end = at;

@@ -95,10 +95,11 @@ class ClientSockets {
     const SessionActivity* activity;
   };
 
-  // Ends one of the sessions that have been idle for kIdleLimit. Chooses among those of the user with the most clients,
-  // and ends the one that has been idle longest. Does nothing if no session has been idle for so long. The keeper calls
-  // only once a minute, so its session is usually idle. But the keeper runs as a user of its own with one session, so
-  // it loses this session only if no user with more sessions has an idle one.
+  // Ends one of the sessions that have been idle for kIdleLimit; does nothing if no session has been idle for so long.
+  // Prefers the session whose user has the most sessions; if several are left, the session that has been idle longest.
+  // The keeper of the list (companion/keeper) calls only once a minute, so its session is usually idle. But the keeper
+  // runs as a user of its own with one session, so it loses this session only if no user with more sessions has an idle
+  // session.
   void endIdleSession() {
     std::map<uid_t, size_t> clientsOfUser;
     for (const auto& [descriptor, client] : sockets_) ++clientsOfUser[client.peer.uid];
