@@ -206,7 +206,7 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     if (!edit(list)) return content.version;
     const std::string text = list.text();
     check_size(text, place);
-    FileReplacement file(folder.get(), "." + place.name + ".new");  // the lock allows one writer at a time
+    FileReplacement file(folder.get(), "." + place.name + ".new");  // a fixed name: the lock allows one writer
     if (auto error = file.write(text, mode_for(folder, place, content.mode)))
       throw file_error("cannot change", place, error.value());
     // Editors take no lock. If an editor has saved the file since it was read, start again with the new version.
