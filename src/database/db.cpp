@@ -49,8 +49,8 @@ void db_hostname_set(const Value& hostnames) {
   // A long list takes long to insert and to free, and verdicts must not wait for that. So the new table is built before
   // locking, swapped in, and the old one freed after unlocking.
   auto table = std::make_unique<Table>();
-  // Reserves more room than needed: names that are added one by one later would otherwise often grow the table, and
-  // they do that while the lock is held.
+  // Reserve an eighth more than the list needs. Otherwise the names that are added one by one later would soon make the
+  // table grow, and it would grow while the lock is held.
   table->reserve(hostnames.asSet().size() + hostnames.asSet().size() / 8);
   for (const Value& member : hostnames.asSet()) add_to_hostnames(*table, member);
   {

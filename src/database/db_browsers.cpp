@@ -32,8 +32,9 @@ void add_to_browsers_identifiers(const Value& value) {
 
 // Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // One read of at most 1024 bytes, on purpose: a longer list is cut off, and the parser rejects it. The limit does not
-  // apply to a stream that gives access to its own buffer.
+  // The list is read once, and at most 1024 bytes of it (docs/compatibility.md gives the reason). The rest of a longer
+  // list is cut off, so the parser rejects the list. The limit does not apply to a stream that gives access to its own
+  // buffer.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;
   int64_t count = 0;
@@ -77,7 +78,7 @@ Value load_browsers_id_file(const std::optional<std::string>& bundleURL) {
     ORVANE_LOG_ERROR(db_log, "browsers file not found");
     return nullptr;
   }
-  // The next two texts seem swapped, but they are frozen (docs/compatibility.md).
+  // The next two messages seem swapped, but their texts are frozen (docs/compatibility.md).
   Ref<ReadStream> stream = read_stream_create_with_file(*file);
   if (!stream) {
     ORVANE_LOG_ERROR(db_log, "cannot open file");

@@ -71,9 +71,9 @@ void append_characters(Line& line, const unsigned char* bytes, int32_t count, in
 
 void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
                  bool showASCII) {
-  // The column in which the characters begin depends on the group size of this line. So if a short last line is printed
-  // in single bytes under lines in groups, its characters begin further right than theirs. That is frozen
-  // (docs/compatibility.md).
+  // The group size of a line decides in which column its ASCII characters begin. If the length of the last line is no
+  // multiple of the group size, the line is printed in single bytes, and its characters begin further right than those
+  // of the lines above. That is frozen (docs/compatibility.md).
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {

@@ -18,7 +18,7 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
-    // The status is logged even if it is 0: the second message then shows what failed.
+    // The status is logged even if it is 0: then the second message names what is missing.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
     if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
     return std::nullopt;
@@ -102,8 +102,8 @@ std::optional<std::string> PLAudtToken::applicationPathFromAuditToken(const Valu
     ORVANE_LOG_DEBUG(_log, "bad auditToken size");
     return std::nullopt;
   }
-  // Two things are frozen here (docs/compatibility.md). The objects that the steps return are never released; nothing
-  // calls this function, so nothing accumulates. And each failure logs only one message: the status, or, if the status
+  // Two things are frozen here (docs/compatibility.md). The objects that the steps return are never released; no memory
+  // is lost, because nothing calls this function. And each failure logs only one message: the status, or, if the status
   // is 0, which object is missing.
   Ref<SecCode> codeOut;
   Ref<Dictionary> attributes = dictionary_create(GuestAttribute::Audit, auditToken);

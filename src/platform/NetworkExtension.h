@@ -56,8 +56,8 @@ class NEFilterSocketFlow : public NEFilterFlow {
 inline constexpr uint64_t kFilterFlowBytesMax = UINT64_MAX;
 
 // The verdict on a new flow. After FilterData, the platform passes data to the provider: for each filtered direction,
-// at most as many bytes as its peek count. This goes on until the provider's verdict on the data, or on the end of that
-// direction, decides the flow.
+// at most as many bytes as its peek count. The provider's verdict on the data, or on the end of the data, then decides
+// the flow.
 struct NEFilterNewFlowVerdict {
   enum class Kind { Allow, Drop, FilterData };
 

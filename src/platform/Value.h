@@ -60,8 +60,8 @@ class Value {
   static Value set(Set members);
   static Value dictionary(Dictionary entries);
 
-  // A string for a look-up. It refers to the caller's characters, so it is valid as long as they are. No memory is
-  // allocated for a text of at most 65535 bytes. A copy of the string owns its characters.
+  // A string for a look-up. It refers to the caller's characters, so it is valid only while the characters exist. A
+  // copy of the string owns its characters. No memory is allocated for a text of at most 65535 bytes.
   static Value borrowed(std::string_view text);
 
   Kind kind() const { return kind_; }

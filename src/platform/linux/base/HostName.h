@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// What the bytes that were read so far say about a name.
+// Whether the bytes that were read so far contain a name.
 enum class NameState {
   Open,     // more bytes can give the name
   Known,    // the name is complete

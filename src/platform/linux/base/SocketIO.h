@@ -51,12 +51,12 @@ struct Connected {
 };
 
 // Connects over TCP to one of the addresses: tries several at the same time and keeps the connection that is
-// established first. Attempts start in the order of the addresses. The next one starts when a running attempt fails, or
-// 250 ms after the previous start (RFC 8305, section 5). Gives up after 30 s.
+// established first. Attempts start in the order of the addresses. An attempt starts when an earlier attempt fails, or
+// 250 ms after the previous start (RFC 8305, section 5), whichever happens first. Gives up after 30 s.
 Connected connect_to_any(const addrinfo* addresses, int stop);
 
-// Resolves a host name or a literal address, then connects as above. Neither `stop` nor a deadline ends the look-up of
-// the name, which takes as long as the system resolver allows.
+// Resolves a host name or a literal address, then connects as connect_to_any() does. Neither `stop` nor a deadline ends
+// the look-up of the name, which takes as long as the system resolver allows.
 Connected connect_to_host(const std::string& host, uint16_t port, int stop);
 
 }  // namespace orvane

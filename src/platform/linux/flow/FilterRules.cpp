@@ -14,7 +14,7 @@ namespace {
 // An IPv6 address, or an IPv4 address mapped into IPv6 (RFC 4291, section 2.5.5.2).
 struct Address {
   std::array<uint8_t, 16> bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
-  uint64_t prefixOffset = 0;  // the bits that a rule's prefix does not count: 96 for IPv4, else 0
+  uint64_t prefixOffset = 0;  // leading bits that a rule's prefix does not count: 96 for IPv4, else 0
 };
 
 std::optional<Address> parse_address(const std::string& text) {

@@ -39,7 +39,7 @@ class FilterSession {
   // Allows a new flow without asking the provider.
   void allow() { state_ = State::Allowed; }
 
-  // Drops an examined flow without asking the provider. For a flow whose data the caller cannot show to the provider.
+  // Drops an examined flow without asking the provider, because the caller cannot show the flow's data to the provider.
   State refuse();
 
   State state() const { return state_; }

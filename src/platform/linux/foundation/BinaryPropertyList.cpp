@@ -33,7 +33,7 @@ class BinaryReader {
   struct Object {
     State state = State::New;
     size_t height = 0;  // 0 for a simple value; for a container, 1 plus the greatest height of its elements
-    uint64_t cost = 0;  // what one use of the object counts, with everything that the object contains
+    uint64_t cost = 0;  // of one use of the object, with everything that the object contains
     Value value;
   };
 

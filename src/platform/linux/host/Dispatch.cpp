@@ -20,8 +20,8 @@ namespace {
 // or a file system.
 constexpr auto kStopTime = std::chrono::seconds(2);
 
-// Stops the filter, or gives up after kStopTime. Nothing is blocked then: the kernel closes the sockets of a process
-// that ends, and passes packets when no process has the queue.
+// Stops the filter, or gives up after kStopTime. A filter that has not stopped blocks nothing after the process has
+// ended: the kernel closes the sockets of the process, and passes packets when no process has the queue.
 void stop_filter() {
   std::promise<void> stopped;
   auto isStopped = stopped.get_future();

@@ -18,7 +18,7 @@ void NEFilterProvider::registerProviderClass(std::string_view name, Ref<NEFilter
 int32_t NEFilterProvider::startSystemExtensionMode() {
   block_main_signals();
   std::signal(SIGPIPE, SIG_IGN);
-  // If the parent process ignores SIGCHLD, this process inherits that, and would lose the exit statuses of its
+  // If the parent process ignores SIGCHLD, this process inherits the setting, and would lose the exit statuses of its
   // children.
   std::signal(SIGCHLD, SIG_DFL);
   return ProviderHost::shared().start() ? 0 : -1;

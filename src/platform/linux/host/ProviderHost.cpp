@@ -121,8 +121,8 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
     source_ = std::move(netfilter);
     return std::nullopt;
   }
-  // If another extension has the queue, companions fill that extension's list. A proxy here would filter with an empty
-  // list.
+  // If another extension has the queue, companions send their host names to that extension. A proxy in this process
+  // would then filter with an empty list.
   if (!name.isNil() || netfilter->isTaken()) return "netfilter: " + *error;
   ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, because netfilter is unavailable: %@", *error);
   return startProxy(provider, settings);
@@ -140,9 +140,9 @@ std::optional<std::string> ProviderHost::startProxy(const Ref<NEFilterDataProvid
   return error;
 }
 
-// Logs the reason and tells it to the service manager. If the bundle names a flow source other than the proxy, it
-// belongs to a system service, where nobody would notice that nothing is filtered. So the process then ends with an
-// error.
+// Logs the reason and tells it to the service manager. If the bundle names a flow source other than the proxy, the
+// extension is a system service, and nobody would notice that nothing is filtered. In this case the process ends with
+// an error.
 void ProviderHost::reportFailure(const std::string& reason) {
   ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
   const std::string status = "Filter not started: " + reason;

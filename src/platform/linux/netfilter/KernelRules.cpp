@@ -46,9 +46,9 @@ bool has_other_chains(const SavedTable& table, std::string_view text) {
 }
 
 // Returns the script that makes our jumps the first rules of their built-in chains. The script first deletes the jumps
-// that iptables-save has listed, because -I alone would add a second jump. It does not delete any other jump, because
-// -D fails for a missing rule. iptables-restore changes each table in one transaction, so no packet meets a table
-// without its jumps.
+// that iptables-save has listed, because -I alone would add a second jump. It deletes only listed jumps, because
+// -D fails if the rule does not exist. iptables-restore changes each table in one transaction, so no packet meets a
+// table without its jumps.
 std::string jump_script(const SavedTables& saved) {
   auto insertions = [](const std::vector<std::string>& chains) {
     std::string text;
@@ -109,8 +109,8 @@ class Family {
       const size_t mangle = text.find("*mangle");
       if (has_other_chains(before->filter, text.substr(0, mangle)) ||
           has_other_chains(before->mangle, text.substr(mangle))) {
-        // Until the new rules are installed, there are no rules of ours. That happens only when another version of the
-        // extension has left its chains.
+        // Another version of the extension has left its chains. From their removal until the new rules are installed,
+        // the kernel has no rules of ours.
         if (!restore(removal_script(*before), error, limit)) continue;
         before = read(error, limit);
         if (!before) continue;

@@ -26,8 +26,8 @@ std::string mark_and_mask(uint32_t value) {
   return text;
 }
 
-// Makes the texts of the chains ORVANE-NEW and ORVANE-STRAY from the provider's rules. A stray packet is inbound, so
-// its source is the remote endpoint of the rule.
+// Makes the texts of the chains ORVANE-NEW and ORVANE-STRAY from the provider's rules. ORVANE-STRAY gets inbound
+// packets, so the source of a packet is compared with the remote endpoint of a rule.
 class ProviderChains {
  public:
   explicit ProviderChains(AddressFamily family) : family_(family) {}
@@ -79,9 +79,9 @@ class ProviderChains {
     const char *outbound, *inbound;
   };
 
-  // Appends the match of an endpoint's address to `match`, and the one for inbound packets to `inbound`. Sets
-  // `canMatch` to false if the address is of the other address family, because no packet of family_ can then match the
-  // rule. Returns false and sets error_ if the endpoint has a host name instead of an address.
+  // Appends the match of an endpoint's address to `match`, and the match for inbound packets to `inbound`. If the
+  // address is of the other address family, no packet of family_ can match the rule, so this sets `canMatch` to false.
+  // Returns false and sets error_ if the endpoint has a host name instead of an address.
   bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, Options options, std::string& match,
                std::string& inbound, bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
@@ -168,8 +168,8 @@ class ProviderChains {
 //   queue, also without payload: connection tracking keeps the new connection if the segment passes, and no rule would
 //   ask about the browser's request on a connection that the server began. A SYN is an exception: it begins a
 //   connection of its own.
-// - Any remote host can send packets of no known connection. So INVALID drops them beyond a limit, and their answer is
-//   NF_REPEAT, so that the other rules of chain INPUT see them.
+// - Any remote host can send packets of no known connection. So INVALID drops those beyond a rate limit, and the others
+//   leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
 // - If this machine connects to itself, the packets of both directions go through OUTPUT. So the rules test the

@@ -172,7 +172,7 @@ void Netfilter::Queue::serve(int stop) {
       // In a flood, the queue is never empty, so this loop would not end without this test.
       if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
-      // The first packet gets its verdict at once; whether more wait is found out afterwards.
+      // The first round reads one packet, so that a packet that arrives alone gets its verdict at once.
       read = readBatch(rounds == 1 ? 1 : kReadsOfBatch);
       watchdog.setAnswered(packets.acknowledged());
       handleNext();
@@ -186,9 +186,9 @@ void Netfilter::Queue::serve(int stop) {
   }
 }
 
-// Moves packets from the kernel's queue to the backlog, with up to `most` messages. serve() moves many messages for
-// each packet that is judged. If it moved only one, a flood would fill the kernel's queue, and the kernel would then
-// drop packets of all users.
+// Reads up to `most` messages from the kernel's queue and adds their packets to the backlog. serve() reads many
+// messages for each packet that it judges: if it read only one, a flood would fill the kernel's queue, and the kernel
+// would then drop packets of all users.
 PacketQueue::Read Netfilter::Queue::readBatch(int most) {
   const auto now = PacketBacklog::Clock::now();
   auto drop = [this](const QueuedPacket& queued) { dropUnjudged(queued); };

@@ -28,7 +28,7 @@ class PacketBacklog {
   // Limit on the bytes of all users' packets. It stops somebody who has many user ids, such as the owner of a user
   // namespace.
   static constexpr size_t kBytes = size_t{128} << 20;
-  // A packet that has waited for longer than this is dropped without a verdict, because its sender sends it again.
+  // A packet that has waited for longer than this is dropped without a verdict. Its sender will send it again.
   static constexpr std::chrono::milliseconds kLongestWait{1000};
 
   struct Packet {
@@ -62,7 +62,7 @@ class PacketBacklog {
 
   std::map<uint32_t, User> users_;  // those who have packets, or whose `used` is above `level_`
   User* last_ = nullptr;            // the user of the last packet from next()
-  Clock::duration level_{};         // the `used` of that user before the packet; never decreases
+  Clock::duration level_{};         // the highest `used` that a user had when next() chose this user
   size_t waiting_ = 0, bytes_ = 0;
 };
 

@@ -65,7 +65,8 @@ bool QueueWatchdog::beat() {
 void QueueWatchdog::stop() {
   pipeWriteEnd_.reset();
   if (process_ > 0) {
-    // The child is killed, because closing the pipe is not enough: a stopped child (SIGSTOP) would not notice that.
+    // Kill the child, because closing the pipe is not enough: a stopped child (SIGSTOP) would not notice the closed
+    // pipe.
     kill(process_, SIGKILL);
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
     }

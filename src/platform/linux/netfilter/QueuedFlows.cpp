@@ -53,7 +53,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
 
 PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now) {
   evictExpired(now);
-  // The client's TCP discards the payload of a SYN-ACK, but needs the SYN-ACK. A reset begins no connection.
+  // A SYN-ACK may pass, because the client's TCP discards its payload. A reset may pass, because it begins no
+  // connection.
   if ((packet.syn && packet.ack) || packet.rst) return PacketVerdict::Ignored;
   if (hasConnection && packet.payload.empty()) return PacketVerdict::Ignored;
   const SocketPair ends{packet.ends.protocol, packet.ends.remote, packet.ends.local};

@@ -17,7 +17,8 @@
 
 namespace orvane {
 
-// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners.
+// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners
+// (SocketOwner.h).
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
@@ -39,8 +40,8 @@ enum class PacketVerdict {
 //
 // The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
 // beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
-// a browser, and the flow is dropped. A real browser has fewer connections; and if the flow were forgotten instead of
-// dropped, it would pass.
+// a browser, and the flow is dropped: if the flow were forgotten instead, it would pass. A real browser has too few
+// connections to reach the limit.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {

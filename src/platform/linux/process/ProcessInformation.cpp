@@ -140,8 +140,8 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
                         static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
 }
 
-// After the process has ended, its open directory is empty, even if the pid is used again. So both ways to look at
-// `exe` then fail.
+// After the process has ended, its open directory is empty, even if the pid is used again. So statx(2) and readlink(2)
+// both fail for `exe`.
 bool ProcessInformation::runs(const Executable* file) const {
   if (file != nullptr && file->inode != 0) {
     auto now = examine_executable(directory());
@@ -157,7 +157,8 @@ std::optional<Executable> ProcessInformation::executable() const {
   std::string without(without_suffix(path));
   auto status = examine_executable(directory());
   if (!status) return Executable{std::move(without), 0, 0};
-  // If the path ends with " (deleted)", the kernel has added this, unless the executable's own name ends like that.
+  // The kernel adds " (deleted)" to the path of a removed file. But if a file with the whole path exists and is the
+  // executable, the suffix is a part of its name.
   struct stat named;
   bool isName = path.size() != without.size() && ::stat(path.c_str(), &named) == 0 && named.st_dev == status->device &&
                 named.st_ino == status->inode;

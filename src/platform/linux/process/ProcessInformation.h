@@ -54,8 +54,8 @@ class ProcessInformation {
   // halves the time of its next call.
   std::optional<audit_token_t> auditToken() const;
 
-  // Whether the process runs `file`, or any file if `file` is null. No other function shows at so little cost whether
-  // the process still exists. False when the process has ended or executable() returns nothing.
+  // Whether the process runs `file`, or any file if `file` is null. This is the cheapest way to find out whether the
+  // process still exists. False when the process has ended or executable() returns nothing.
   bool runs(const Executable* file = nullptr) const;
 
   // The file that the process runs. Nothing for a kernel thread, or if this process lacks the permission (ptrace(2),

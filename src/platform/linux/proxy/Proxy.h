@@ -19,15 +19,15 @@ inline constexpr size_t kProxyConnectionLimit = 1024;
 
 struct ProxyLimits {
   size_t connections = kProxyConnectionLimit;
-  // A connection that passes no bytes for this time ends. Programs expect this already, because network address
-  // translation may also forget a connection after 124 minutes (RFC 5382, section 5). So a program that wants to keep
-  // an idle connection sends something more often.
+  // A connection that passes no bytes for this time ends. Network address translation may forget a connection after the
+  // same time (RFC 5382, section 5), so programs that want to keep an idle connection already send something more
+  // often.
   std::chrono::milliseconds idle = std::chrono::minutes(124);
 };
 
-// The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1, which programs are set to use. The
-// provider sees a CONNECT as a socket flow, and a request for an absolute URL as a flow with this URL. The source of
-// the flow is the process that owns the client's socket.
+// The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1. Programs must be configured to use
+// the proxy. The provider sees a CONNECT as a socket flow, and a request for an absolute URL as a flow with this URL.
+// The source of the flow is the process that owns the client's socket.
 //
 // Each connection has a thread of its own, so a slow provider, name server or peer delays only that connection. If
 // there are too many connections, one of them is ended (ProxyPlaces.h).

@@ -94,8 +94,9 @@ class ProxyConnection {
 
   void serve() {
     if (!readHead() || !examine()) return;
-    // A forwarded request's first bytes are here already, so the provider sees them before the proxy connects to the
-    // server.
+    // The first bytes of a forwarded request are here already, so the provider sees them before the proxy connects to
+    // the server. A tunnel's first bytes usually come later, after the proxy's answer to CONNECT, so the relay asks
+    // about them.
     if (request_.form == ProxyRequest::Form::Forward && !gatherFirstBytes()) return;
     if (connectUpstream()) carry();
   }

@@ -101,9 +101,9 @@ Wait Relay::wait() {
     short events = 0;
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
-    // poll() reports a socket that is shut down in both directions again and again, even if no events are requested. So
-    // a socket without requested events is left out once nothing more will be written to it. Before that, poll()
-    // reports only a reset in this way.
+    // If a socket is shut down in both directions, poll() reports it again and again, even if no events are requested.
+    // So a socket is left out when no events are requested and nothing more will be written to it. While something may
+    // still be written to it, poll() reports a socket without requested events only after a reset.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
@@ -123,8 +123,8 @@ Wait Relay::wait() {
 void Relay::readOutbound(short events) {
   if ((events & (POLLIN | POLLHUP | POLLERR)) == 0) return;
   if (!outbound_.mayRead()) {
-    // The client has reset the connection while the buffer was full. The bytes that it sent before can still be read
-    // later, but it accepts no more.
+    // The client has reset the connection while the buffer was full. What the client sent before the reset can still be
+    // read later, but the client accepts no more bytes.
     if ((events & (POLLHUP | POLLERR)) != 0) inbound_.finished = true;
     return;
   }

@@ -36,8 +36,8 @@ class Relay {
 
   // Borrows the sockets, which are non-blocking, and `stop`, an eventfd(2). `first` has outbound bytes that were read
   // already. With a body, the relay carries one request: it forwards the rest of the body and nothing after it, and
-  // ends with the response. Without a body, the relay is a tunnel: when one side sends no more, it tells the other
-  // side. Calls `onBytes` after each write of bytes to either side.
+  // ends with the response. Without a body, the relay is a tunnel: when one side has sent everything, the relay shuts
+  // down the output to the other side. Calls `onBytes` after each write of bytes to either side.
   Relay(
       int client, int upstream, int stop, std::string_view first, RequestBody* body, GateQuestion question,
       std::function<void()> onBytes = [] {});

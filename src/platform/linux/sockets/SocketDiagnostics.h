@@ -18,7 +18,7 @@ class SocketDiagnostics {
  public:
   SocketDiagnostics();
 
-  // Like SocketOwners::find(), but without the kernel's record of openers.
+  // Like SocketOwners::find() (SocketOwner.h), but without the kernel's record of openers.
   std::optional<SocketFacts> find(const SocketPair& pair);
 
   // The same as SocketOwners::streams().

@@ -41,8 +41,9 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // A complete scan of a process shows that it did not hold a socket, because the scan recorded the location of
-      // every socket that it saw. The locations are deleted here, so earlier scans do not count as complete any more.
+      // A complete scan of a process records the location of every socket that it sees. So if a socket has no location
+      // in the process, the process did not hold it during the scan. The locations are deleted here, so earlier scans
+      // do not count as complete any more.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;

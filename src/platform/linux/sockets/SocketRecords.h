@@ -3,7 +3,8 @@
 #include <linux/types.h>
 
 // The records that SocketOpeners.bpf.c writes in the kernel and SocketOpeners.cpp reads, through BPF maps. The types
-// are plain C for both compilers. They have no padding, because a map compares its keys byte by byte.
+// are plain C, because a C compiler (for BPF) and a C++ compiler read them. They have no padding, because a map
+// compares its keys byte by byte.
 
 // The process that last connected a socket or sent a datagram with it. The record's key is the socket's cookie.
 struct SocketOpener {

@@ -8,8 +8,8 @@
 @class NSString;
 
 // Converts between values and Foundation's objects. A value converted to Foundation and back stays the same, with two
-// exceptions: as members of a set or as keys, Foundation treats a boolean and the number 0 or 1 as equal; and kMaxDepth
-// limits the nesting. New objects are autoreleased.
+// exceptions. In Foundation, a boolean and the number 0 or 1 are equal, so a set cannot have both as members, nor a
+// dictionary as keys. And containers that are nested deeper than kMaxDepth are lost. New objects are autoreleased.
 namespace orvane {
 
 // Nil for nil. Inside containers, which cannot hold nil, NSNull stands for it.

@@ -64,7 +64,8 @@ ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
   objc_sync_enter(monitor);
 }
 
-// Calls of the Objective-C runtime take locks, so the table's lock is released around them.
+// The Objective-C runtime takes locks of its own. The table's lock is released during calls of the runtime, so that no
+// thread waits for one lock while it holds the other.
 ObjectMonitor::~ObjectMonitor() {
   if (object_ == nullptr) return;
   std::unique_lock lock(table().mutex);
