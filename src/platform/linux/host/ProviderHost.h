@@ -21,8 +21,8 @@ namespace orvane {
 //                         applySettings(): the flow source starts
 //                         the service manager learns the outcome
 //
-// At the end the main thread starts stop() on another thread, and does not wait for it longer than two seconds. The
-// flow source stops, then the provider.
+// At the end the main thread runs stop() on another thread and waits for it for at most two seconds. The flow source
+// stops, then the provider.
 class ProviderHost {
  public:
   using CreateProvider = Ref<NEFilterDataProvider> (*)();

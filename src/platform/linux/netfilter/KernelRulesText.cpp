@@ -117,9 +117,9 @@ class ProviderChains {
   std::string text_, stray_, error_;
 };
 
-// What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these jump. The
-// columns are: the condition, the chain (if any) to which the packet then goes, and what happens there. "Bits" are our
-// bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0.
+// What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these chains
+// jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
+// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |

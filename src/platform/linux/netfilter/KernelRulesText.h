@@ -49,8 +49,7 @@ struct SavedTable {
   std::vector<std::string> jumps;   // all rules of the built-in chains that jump to ours: jump_from() and others
   std::vector<std::string> chainsWithJump;  // the built-in chains whose first rule is jump_from()
 
-  // Whether the chains in `chainsOfKernel`, and no others, begin with jump_from(), and no further rule jumps to our
-  // chains.
+  // Whether jump_from() is the first rule of each chain in `chainsOfKernel`, and no other rule jumps to our chains.
   bool isIntact(const std::vector<std::string>& chainsOfKernel) const {
     return chainsWithJump == chainsOfKernel && jumps.size() == chainsOfKernel.size();
   }

@@ -225,7 +225,7 @@ void Netfilter::Queue::handle(const QueuedPacket& queued, PacketBacklog::Clock::
   if (queued.isInbound) {
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
     switch (packet ? flows.judgeInbound(*packet, hasConnection, start) : PacketVerdict::Ignored) {
-      case PacketVerdict::Ignored:  // the kernel rules let a packet with this mark pass, and save nothing
+      case PacketVerdict::Ignored:  // an inbound packet with this mark passes, and no verdict is saved
         return packets.repeat(queued.id, answer_mark(queued.mark, kMarkDropped));
       case PacketVerdict::Allowed:
         return packets.repeat(queued.id, answer_mark(queued.mark, kMarkAllowed));

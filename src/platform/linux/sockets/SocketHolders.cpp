@@ -202,7 +202,8 @@ class Search {
   // these processes opened the socket.
   ProcessInformation topmost(ProcessInformation holder) {
     while (auto parent = ProcessInformation::open(holder.parent())) {
-      // If no scan saw the socket before this search, an earlier scan of the parent can show that the child opened it.
+      // If no scan saw the socket before this search, an earlier scan of the parent can show that the child opened the
+      // socket.
       if ((isNew_ && cache_.wasScannedSince(*parent, holder)) || !holds(*parent)) break;
       holder = std::move(*parent);
     }

@@ -22,7 +22,7 @@ namespace {
 constexpr uint32_t kUnset = UINT32_MAX;  // the kernel's value of an unset audit id
 
 // Whether the process is the recorded opener, and not a later process that has the same pid. Start times are rounded
-// down to clock ticks, so the opener's is never after the record's time.
+// down to clock ticks, so the opener's start time is never after the record's time.
 bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   static const uint64_t kTick = 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));  // nanoseconds
   return process.startTime() * kTick <= opener.time;
