@@ -6,7 +6,7 @@
 #include "platform/Log.h"
 #include "platform/NetworkExtension.h"
 
-// What both providers share: how they start and stop, and their rules.
+// Functions that both provider classes share: to start, to stop, and to make rules.
 namespace orvane {
 
 // Asks the platform to apply the rules, and to allow flows that match no rule. Reports the outcome to the handler. Logs

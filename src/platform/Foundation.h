@@ -16,7 +16,7 @@ class NSError : public NSObject {
   virtual std::string localizedDescription() const = 0;
 };
 
-// A URL that comes from the platform, such as that of a flow.
+// A URL that comes from the platform, such as the URL of a flow.
 class NSURL : public NSObject {
  public:
   virtual std::string absoluteString() const = 0;

@@ -145,8 +145,8 @@ class NEFilterDataProvider : public NSObject {
                                                          std::span<const uint8_t> readBytes) = 0;
   virtual NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) = 0;
 
-  // Asks the platform to apply the settings. The platform calls the handler once, on any thread, when the settings
-  // apply or when it could not apply them.
+  // Asks the platform to apply the settings. The platform calls the handler once, on any thread, when it has applied
+  // the settings or has failed to apply them.
   void applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler);
 
   // The platform's object for this provider, or null. Borrowed.

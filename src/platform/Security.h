@@ -49,7 +49,7 @@ Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid);
 inline constexpr std::string_view kSecCodeInfoPList = "info-plist";
 inline constexpr std::string_view kCFBundleIdentifierKey = "CFBundleIdentifier";
 
-// The dictionary that another dictionary has under a key; null if there is none. Borrowed from the other dictionary.
+// The dictionary under a key of `dictionary`; null if there is none. Borrowed from `dictionary`.
 const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key);
 // A copy of the string under a key, if it exists.
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key);

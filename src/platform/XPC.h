@@ -25,7 +25,8 @@ class NSXPCInterface {
 };
 
 // A connection to one client, owned by the platform. After activate() the platform delivers messages to the exported
-// object on its own threads: those of one connection in order, those of several connections at the same time.
+// object on its own threads: messages of one connection one after the other, in order; messages of several connections
+// at the same time.
 //
 // Two handlers report the connection's end: "invalidated" when the peer closed the connection or exited, "interrupted"
 // when the connection broke. A system may report a broken connection to both handlers. Linux reports the end of a

@@ -11,8 +11,8 @@ namespace orvane {
 // starts, so that no other thread receives the signals.
 void block_main_signals();
 
-// Waits for SIGTERM or SIGINT. After the return, a second such signal ends the process at once, without an orderly
-// stop.
+// Waits for SIGTERM or SIGINT. After the return, a second SIGTERM or SIGINT ends the process at once, without an
+// orderly stop.
 void wait_for_end_signal();
 
 }  // namespace orvane

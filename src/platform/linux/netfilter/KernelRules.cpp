@@ -144,8 +144,8 @@ class Family {
     return error;
   }
 
-  // Whether the kernel sends messages when rules change. It does so for the iptables back end nf_tables, not for the
-  // legacy back end.
+  // Whether the kernel sends messages when rules change. The kernel sends them for the iptables back end nf_tables, but
+  // not for the legacy back end.
   bool reportsChanges() const {
     return run_command({program("restore"), "--version"}).output.find("nf_tables") != std::string::npos;
   }

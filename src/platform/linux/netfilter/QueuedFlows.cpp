@@ -94,7 +94,8 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
 }
 
-// The flow with these endpoints. Makes a new flow if no flow with them is known, or if another socket has them by now.
+// The flow with these endpoints. Makes a new flow if no flow with these endpoints is known, or if another socket uses
+// the endpoints by now.
 QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket,
                                                        Clock::time_point now) {
   auto found = flows_.find(ends);

@@ -56,12 +56,13 @@ class QueuedFlows {
 
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its
   // socket. Payload of a server may pass only when the flow is allowed: otherwise the server could answer before the
-  // request names the host. If the provider does not know the flow yet, this function shows it the flow, without a
-  // name. If the program is no browser, the provider allows the flow at once, so servers of such programs may speak
-  // first.
+  // request names the host. If the provider does not know the flow yet, this function shows the flow to the provider,
+  // without a name. If the program is no browser, the provider allows the flow at once, so servers of such programs may
+  // speak first.
   //
-  // `hasConnection`: connection tracking knows the connection. If not, a packet without payload may not pass either,
-  // because it would begin a connection from the server's side, whose later packets nobody asks about.
+  // `hasConnection`: whether connection tracking knows the connection. If it does not, a packet without payload may not
+  // pass either: the packet would begin a new connection from the server's side, and the kernel rules would not ask
+  // about the client's later packets.
   PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open

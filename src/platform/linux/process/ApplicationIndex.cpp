@@ -69,8 +69,8 @@ bool is_preferred(const std::string& program, const std::string& left, const std
 // The result of reading the folders once. Immutable.
 struct ApplicationEntries {
   std::map<std::string, FolderState> folders;  // all folders that were read, by path
-  // Whether a folder changed just before it was read. File times are coarse, so a further change after the reading
-  // could leave the same time and go unnoticed. So the next check reads the entries again in any case.
+  // Whether a folder changed just before it was read. File times are coarse, so a change after the reading could leave
+  // the folder's time as it is and go unnoticed. So the next check reads the entries again in any case.
   bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;

@@ -24,7 +24,8 @@ struct ApplicationFolders {
   std::vector<std::string> libraries;
 
   // The folders of this system. Home directories are left out, because any program of the user could write an entry
-  // there. With such an entry it could pass for another application, or make a browser pass for something else.
+  // there. With such an entry the program could pass for another application, or make a browser pass for something
+  // else.
   static ApplicationFolders system();
 };
 

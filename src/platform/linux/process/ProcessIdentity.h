@@ -19,9 +19,9 @@ namespace orvane {
 // Application).
 std::optional<std::string> flatpak_application(std::string_view information);
 
-// The name of a snap, from a path such as /snap/NAME/12/usr/bin/app, or from the control groups of a process
-// (/proc/pid/cgroup), one of which is then a unit "snap.NAME.APP...". For a parallel installation, NAME is "name_key",
-// and the result is the name without the key.
+// The name of a snap. snap_of_path() takes it from a path such as /snap/NAME/12/usr/bin/app. snap_of_control_groups()
+// takes it from the text of /proc/pid/cgroup: for a process of a snap, the text names a unit "snap.NAME.APP...". For a
+// parallel installation, NAME is "name_key", and the result is the name without the key.
 std::optional<std::string> snap_of_path(std::string_view path);
 std::optional<std::string> snap_of_control_groups(std::string_view controlGroups);
 

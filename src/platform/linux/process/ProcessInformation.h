@@ -46,8 +46,9 @@ class ProcessInformation {
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
-  // The version in the audit token, from the start time. It differs between processes that have the same pid one after
-  // the other: the kernel gives out pids in turn, so it does not use a pid twice within one clock tick (10 ms).
+  // The version in the audit token, computed from the start time. Processes that have the same pid one after the other
+  // have different versions: the kernel gives out pids in turn, so it does not use a pid twice within one clock tick
+  // (10 ms), the unit of the start time.
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
   // The current audit token; nothing when the process has ended. The function keeps the files that it reads open, which

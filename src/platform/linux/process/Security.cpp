@@ -104,7 +104,7 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
   return it == dictionary->strings.end() ? std::nullopt : std::optional(it->second);
 }
 
-// Returns success and the process that has these attributes, or the reason why no process is found, and null.
+// Returns success and the process that has these attributes; on failure, an error status and null.
 static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
   auto& identity = ProcessIdentity::system();
   if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};

@@ -110,8 +110,8 @@ bool holds_at(const ProcessInformation& process, int descriptor, std::string_vie
 // What is kept for one user between searches for this user's sockets.
 struct User {
   // The processes in which the last searches found a socket, the latest first, each with the socket's descriptor. A
-  // browser opens many connections in a row, so its process is often among them. To scan these few takes a fraction of
-  // the time of scanning all processes.
+  // browser opens many connections in a row, so its process is often in this list. A scan of the listed processes takes
+  // a fraction of the time of a scan of all processes.
   std::vector<SocketCache::Location> recent;
   // The processor time that searches may still take. Negative after a search that took more than was left.
   std::chrono::nanoseconds credit;
@@ -179,9 +179,9 @@ class Search {
     return std::nullopt;
   }
 
-  // Searches first the processes that were not scanned yet. The latest of them come first, because most old ones are
-  // services. Then searches the other processes, the one with the oldest scan first. So if a search runs out of time,
-  // the next search begins with the processes that were not reached.
+  // Searches first the processes that were not scanned yet, beginning with the process that started last: most
+  // processes that started early are services. Then searches the other processes, beginning with the oldest scan. So if
+  // a search runs out of time, the next search begins with the processes that were not reached.
   std::optional<ProcessInformation> holderAmong(const std::vector<pid_t>& candidates) {
     std::vector<std::pair<uint64_t, pid_t>> scanned;
     for (auto pid = candidates.rbegin(); pid != candidates.rend() && !budget_.isSpent(); ++pid) {

@@ -18,11 +18,11 @@ class SocketHolders {
  public:
   // The limits are processor time. A search may exceed them by a fraction of a millisecond.
   struct Limits {
-    // To list new processes. To list the known processes again may take the same time once more.
+    // Limit on listing new processes, and another of the same size on listing the known processes again.
     std::chrono::nanoseconds processes = std::chrono::milliseconds(2);
-    // To read the descriptors of processes.
+    // Limit on reading the descriptors of processes.
     std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);
-    // For all searches for one user's sockets together. Used time is given back at a rate of 200 ms per second.
+    // Limit on all searches for one user's sockets together. Used time is given back at a rate of 200 ms per second.
     std::chrono::nanoseconds burst = std::chrono::milliseconds(50);
   };
   SocketHolders();

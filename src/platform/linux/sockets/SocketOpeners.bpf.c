@@ -14,9 +14,9 @@ const char license_text[] SEC("license") = "Proprietary";
 
 // Constants that the extension sets before it loads the programs.
 const volatile __u64 network_namespace = 0;  // cookie of the namespace whose sockets are recorded
-// The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. If they are not
-// 0, the programs call a helper that kernels before 6.10 do not allow in programs of this type. So those kernels refuse
-// to load the programs.
+// The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. In any other
+// namespace, the programs call a helper that kernels before 6.10 do not allow in programs of this type. So those
+// kernels then refuse to load the programs.
 const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
 // A full map drops the least recently used records. The extension looks a record up right after the socket's first

@@ -31,8 +31,8 @@ class Owned {
 // Empty when the text is no URL.
 Owned<CFURLRef> url_create(const std::string& text);
 
-// The platform's headers declare some types without defining them, such as Bundle. On macOS their objects are the
-// system's own. to_native converts a pointer to the system's type, from_native converts it back.
+// The platform's headers declare some types without defining them, such as Bundle. On macOS the objects of these types
+// are the system's own. to_native converts a pointer to the system's type, from_native converts it back.
 template <class T, class Opaque>
 T to_native(const Opaque* object) {
   return reinterpret_cast<T>(const_cast<Opaque*>(object));
