@@ -51,8 +51,8 @@ std::optional<Authority> parse_authority(std::string_view text) {
       authority.isAddress = true;
       break;
     case boost::urls::host_type::name: {
-      // The name is not decoded, because a decoded name could contain a NUL, and the filter and the resolver would then
-      // read different names.
+      // The name stays percent-encoded. A decoded name could contain a NUL: the resolver would stop reading there, but
+      // the filter would not, so the two would read different names.
       boost::urls::string_view name = parsed->encoded_host();
       authority.host.assign(name.data(), name.size());
       authority.isAddress = false;

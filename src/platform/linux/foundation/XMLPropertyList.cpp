@@ -118,8 +118,8 @@ class XMLReader {
 
   static XMLReader& self(void* user) { return *static_cast<XMLReader*>(user); }
 
-  // No handler loads a DTD, so no DTD is loaded. No handler resolves entities, so a reference to an entity would
-  // silently expand to nothing; therefore a list that declares an entity is refused.
+  // None of these handlers loads a DTD or resolves entities. So a reference to an entity would silently expand to
+  // nothing; therefore a list that declares an entity is refused.
   static xmlSAXHandler handlers() {
     xmlSAXHandler handler{};
     handler.initialized = XML_SAX2_MAGIC;

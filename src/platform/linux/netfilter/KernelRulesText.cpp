@@ -266,8 +266,8 @@ std::string tables(AddressFamily family, const ProviderChains& chains) {
 }
 
 // Adds a line of iptables-save to `table` if it is a chain of ours, a rule of ours, or a jump to our chains.
-// `lastChain` is the built-in chain to which the previous rule belongs. If this rule belongs to another built-in chain,
-// it is the first rule of that chain.
+// `lastChain` is the built-in chain of the previous rule. A rule of another built-in chain than `lastChain` is the
+// first rule of its chain.
 void read_line(std::string_view line, SavedTable& table, std::string_view& lastChain) {
   if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
   if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';

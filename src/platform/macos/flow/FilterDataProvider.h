@@ -2,7 +2,7 @@
 
 #import "platform/macos/flow/PLProviderAdapter.h"
 
-// The provider class that a bundle names. Adapts the C++ class of the same name.
+// Adapts the C++ class of the same name. The system creates an object of this class if the bundle names the class.
 @interface FilterDataProvider : PLProviderAdapter
 
 - (BOOL)isFlowFromBrowser:(NEFilterFlow*)flow;
