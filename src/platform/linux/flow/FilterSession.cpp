@@ -1,8 +1,11 @@
 #include "platform/linux/flow/FilterSession.h"
 
 #include <algorithm>
+#include <vector>
 
+#include "platform/linux/base/Subdomains.h"
 #include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/process/IdentityAnswers.h"
 
 namespace orvane {
 namespace {
@@ -11,14 +14,36 @@ void count(FlowCounters::Count& counter) { counter.fetch_add(1, std::memory_orde
 
 }  // namespace
 
-FilterSession::FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow)
-    : provider_(std::move(provider)), flow_(std::move(flow)) {}
+// Calls `ask`, a question to the provider, under each name of the series. Returns the verdict on the flow.
+template <class Ask>
+auto FilterSession::judge(Ask ask) {
+  const IdentityAnswers sameProcess;
+  auto verdict = ask();
+  using Kind = decltype(verdict.kind);
+  const std::vector<std::string_view> hosts =
+      names_.hostName() ? covering_hosts(*names_.hostName()) : std::vector<std::string_view>();
+  // The first verdict under a marked name that is not to allow.
+  auto askUnder = [&](std::string_view mark) {
+    auto answer = decltype(verdict)::allowVerdict();
+    for (size_t i = 0; i < hosts.size() && answer.kind == Kind::Allow; ++i) {
+      names_.setAlias(std::string(mark).append(hosts[i]));
+      answer = ask();
+    }
+    names_.setAlias(std::nullopt);
+    return answer;
+  };
+  if (verdict.kind == Kind::Allow) verdict = askUnder(kSubdomainsMark);
+  if (verdict.kind == Kind::Drop && askUnder(kExceptionMark).kind == Kind::Drop) {
+    return decltype(verdict)::allowVerdict();
+  }
+  return verdict;
+}
 
 FilterSession::State FilterSession::newFlow(uint64_t passed) {
   offset_ = passed;
   count(flow_counters().flows);
   if (flow_->sourceAppAuditToken().isNil()) count(flow_counters().unknownOwners);
-  NEFilterNewFlowVerdict verdict = provider_->handleNewFlow(*flow_);
+  const NEFilterNewFlowVerdict verdict = judge([this] { return provider_->handleNewFlow(*flow_); });
   if (verdict.kind == NEFilterNewFlowVerdict::Kind::Drop) {
     count(flow_counters().dropped);
     return state_ = State::Dropped;
@@ -39,12 +64,12 @@ FilterSession::State FilterSession::outboundData(std::span<const uint8_t> bytes)
   offset_ += bytes.size();
   peekBytes_ -= shown.size();
   if (shown.empty()) return state_;
-  return settle(provider_->handleOutboundDataFromFlow(*flow_, start, shown));
+  return settle(judge([&] { return provider_->handleOutboundDataFromFlow(*flow_, start, shown); }));
 }
 
 FilterSession::State FilterSession::outboundComplete() {
   if (state_ != State::Examining) return state_;
-  return settle(provider_->handleOutboundDataCompleteForFlow(*flow_));
+  return settle(judge([this] { return provider_->handleOutboundDataCompleteForFlow(*flow_); }));
 }
 
 FilterSession::State FilterSession::refuse() {

@@ -4,11 +4,18 @@
 #include <span>
 
 #include "platform/NetworkExtension.h"
+#include "platform/linux/flow/LinuxFlow.h"
 
 namespace orvane {
 
 // Calls the provider for one flow: once for the new flow, then for outbound data up to the peek count, then for the end
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
+//
+// Each of these calls is a series of questions to the provider, because the list may contain marked names
+// (Subdomains.h). The provider sees the flow under its own name first. While the answer is to allow, it sees the flow
+// under the names with the mark of subdomains. After a drop, it sees the flow under the names with the mark of
+// exceptions; if it drops one of these, the flow is allowed. On this thread, the identity of a process is looked up
+// only once in such a series (IdentityAnswers).
 //
 // The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
@@ -23,7 +30,10 @@ class FilterSession {
     Dropped,    // final
   };
 
-  FilterSession(Ref<NEFilterDataProvider> provider, Ref<NEFilterFlow> flow);
+  // `Flow` is LinuxSocketFlow or LinuxURLFlow.
+  template <class Flow>
+  FilterSession(Ref<NEFilterDataProvider> provider, const Ref<Flow>& flow)
+      : provider_(std::move(provider)), flow_(flow), names_(*flow) {}
 
   // Shows the flow to the provider. Call it once, before the other functions. `passed` is the number of outbound bytes
   // that passed before this call.
@@ -49,10 +59,13 @@ class FilterSession {
   bool holdsData() const { return state_ == State::New || (state_ == State::Examining && peekBytes_ > 0); }
 
  private:
+  template <class Ask>
+  auto judge(Ask ask);
   State settle(const NEFilterDataVerdict& verdict);
 
   Ref<NEFilterDataProvider> provider_;
   Ref<NEFilterFlow> flow_;
+  NamedFlow& names_;  // the same object
   State state_ = State::New;
   uint64_t peekBytes_ = 0;  // how many more outbound bytes the provider may see
   uint64_t offset_ = 0;     // the number of outbound bytes so far

@@ -19,9 +19,13 @@ Ref<LinuxSocketFlow> LinuxSocketFlow::create(Value auditToken, std::string host,
   return Ref<LinuxSocketFlow>::adopt(new LinuxSocketFlow(std::move(auditToken), std::move(endpoint), socketType));
 }
 
-Ref<LinuxURLFlow> LinuxURLFlow::create(Value auditToken, std::string url) {
+Ref<LinuxURLFlow> LinuxURLFlow::create(Value auditToken, std::string url, std::string host) {
   auto object = Ref<NSURL>::adopt(new RequestURL(std::move(url)));
-  return Ref<LinuxURLFlow>::adopt(new LinuxURLFlow(std::move(auditToken), std::move(object)));
+  return Ref<LinuxURLFlow>::adopt(new LinuxURLFlow(std::move(auditToken), std::move(object), std::move(host)));
+}
+
+Ref<NSURL> LinuxURLFlow::URL() const {
+  return alias_ ? Ref<NSURL>::adopt(new RequestURL("http://" + *alias_ + "/")) : url_;
 }
 
 }  // namespace orvane

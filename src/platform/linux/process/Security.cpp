@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/Process.h"
+#include "platform/linux/process/IdentityAnswers.h"
 #include "platform/linux/process/ProcessIdentity.h"
 
 namespace orvane {
@@ -31,13 +32,17 @@ void release_counted(const T* object) {
 }  // namespace
 
 // Holds a copy of what was known about the program when the object was made. So later calls do not need the process,
-// and an object that is never released does not keep a file open.
+// and an object that is never released does not keep a file open. Like SecStaticCode, it keeps the object that was made
+// from it, so that repeated questions about the same code (IdentityAnswers) are answered at once. So one thread at a
+// time may use these objects.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
+  Ref<SecStaticCode> staticCode;
 };
 
 struct SecStaticCode : Counted {
   ProcessIdentity::Program program;
+  Ref<Dictionary> information;
 };
 
 struct CodeURL : Counted {
@@ -105,17 +110,17 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
 }
 
 // Returns success and the process that has these attributes; on failure, an error status and null.
-static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary* attributes) {
+static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find_guest(const Dictionary& attributes) {
   auto& identity = ProcessIdentity::system();
-  if (attributes == nullptr || !attributes->attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};
-  if (*attributes->attribute == GuestAttribute::Pid) {
-    if (!attributes->pid) return {errSecCSInvalidAttributeValues, nullptr};
-    auto process = identity.find(value_of(attributes->pid.get()));
+  if (!attributes.attribute) return {errSecCSUnsupportedGuestAttributes, nullptr};
+  if (*attributes.attribute == GuestAttribute::Pid) {
+    if (!attributes.pid) return {errSecCSInvalidAttributeValues, nullptr};
+    auto process = identity.find(value_of(attributes.pid.get()));
     OSStatus status = process ? errSecSuccess : errSecCSNoSuchCode;
     return {status, std::move(process)};
   }
   audit_token_t token;
-  auto data = attributes->auditToken.asData();
+  auto data = attributes.auditToken.asData();
   if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, nullptr};
   std::memcpy(&token, data.data(), sizeof(token));
   auto process = identity.find(audit_token_to_pid(token));
@@ -126,32 +131,41 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
 }
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, uint32_t, SecCode** guest) {
-  auto [status, process] = find_guest(attributes);
-  if (!process) return status;
-  auto code = Ref<SecCode>::adopt(new SecCode);
-  code->program = process->program;
-  *guest = code.detach();
-  return errSecSuccess;
+  if (attributes == nullptr) return errSecCSUnsupportedGuestAttributes;
+  auto find = [attributes]() -> IdentityAnswers::Guest {
+    auto [status, process] = find_guest(*attributes);
+    if (!process) return {status, nullptr};
+    auto code = Ref<SecCode>::adopt(new SecCode);
+    code->program = process->program;
+    return {errSecSuccess, std::move(code)};
+  };
+  auto found = IdentityAnswers::guest(attributes->auditToken, attributes->pid, find);
+  if (found.code) *guest = found.code.detach();
+  return found.status;
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t, SecStaticCode** staticCode) {
   if (code == nullptr) return errSecCSObjectRequired;
-  auto result = Ref<SecStaticCode>::adopt(new SecStaticCode);
-  result->program = code->program;
-  *staticCode = result.detach();
+  if (!code->staticCode) {
+    code->staticCode = Ref<SecStaticCode>::adopt(new SecStaticCode);
+    code->staticCode->program = code->program;
+  }
+  *staticCode = Ref(code->staticCode).detach();
   return errSecSuccess;
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary** information) {
   if (code == nullptr) return errSecCSObjectRequired;
-  auto result = Ref<Dictionary>::adopt(new Dictionary);
-  // Without an identifier there is no property list.
-  if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
-    auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
-    propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
-    result->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
+  if (!code->information) {
+    code->information = Ref<Dictionary>::adopt(new Dictionary);
+    // Without an identifier there is no property list.
+    if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
+      auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
+      propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
+      code->information->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
+    }
   }
-  *information = result.detach();
+  *information = Ref(code->information).detach();
   return errSecSuccess;
 }
 

@@ -31,8 +31,9 @@ class Examination {
   enum class Answer { Pass, Drop };
 
   // Shows the flow to the provider.
-  Answer begin(const Ref<NEFilterDataProvider>& provider, Ref<NEFilterFlow> flow) {
-    session_ = std::make_unique<FilterSession>(provider, std::move(flow));
+  template <class Flow>
+  Answer begin(const Ref<NEFilterDataProvider>& provider, const Ref<Flow>& flow) {
+    session_ = std::make_unique<FilterSession>(provider, flow);
     return session_->newFlow() == FilterSession::State::Dropped ? Answer::Drop : Answer::Pass;
   }
 
@@ -158,7 +159,8 @@ bool ProxyConnection::examine() {
     Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
                                               reinterpret_cast<const sockaddr*>(&ends->local));
     if (request_.form == ProxyRequest::Form::Forward) {
-      answer = examination_.begin(context_.provider, LinuxURLFlow::create(std::move(token), request_.url));
+      auto flow = LinuxURLFlow::create(std::move(token), request_.url, listed_form(request_.host));
+      answer = examination_.begin(context_.provider, flow);
     } else {
       auto flow = LinuxSocketFlow::create(std::move(token), request_.host, request_.port, SOCK_STREAM);
       if (request_.hostIsAddress) {

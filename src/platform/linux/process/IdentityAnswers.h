@@ -1,0 +1,62 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <utility>
+#include <vector>
+
+#include "platform/Security.h"
+
+namespace orvane {
+
+// While an object of this class exists, its thread looks up the identity of each process only once: Security.h and
+// Process.h give the first answer again. The provider is asked about one flow under several names, and each time asks
+// whose flow it is. Keep the object only for this time, because a process can start another program afterwards.
+//
+// A thread has one such object at a time.
+class IdentityAnswers {
+ public:
+  IdentityAnswers() { ofThisThread() = this; }
+  ~IdentityAnswers() { ofThisThread() = nullptr; }
+  IdentityAnswers(const IdentityAnswers&) = delete;
+  IdentityAnswers& operator=(const IdentityAnswers&) = delete;
+
+  // The object of the calling thread; null if it has none.
+  static IdentityAnswers*& ofThisThread();
+
+  // A result of SecCodeCopyGuestWithAttributes.
+  struct Guest {
+    OSStatus status = 0;
+    Ref<SecCode> code;
+  };
+
+  // Each returns the answer to an earlier call with the same argument on this thread, and otherwise calls `find`.
+  template <class Find>
+  static Guest guest(const Value& auditToken, const Ref<Number>& pid, Find find) {
+    return answer(&IdentityAnswers::guests_, std::pair(auditToken, pid), find);
+  }
+  template <class Find>
+  static pid_t responsible(pid_t pid, Find find) {
+    return answer(&IdentityAnswers::responsible_, pid, find);
+  }
+
+ private:
+  // A flow has one audit token and one responsible process, so these lists have at most two entries.
+  template <class Key, class Answer>
+  using Answers = std::vector<std::pair<Key, Answer>>;
+
+  template <class Key, class Answer, class Find>
+  static Answer answer(Answers<Key, Answer> IdentityAnswers::*list, const Key& key, Find find) {
+    IdentityAnswers* const known = ofThisThread();
+    if (known == nullptr) return find();
+    for (const auto& [knownKey, result] : known->*list) {
+      if (knownKey == key) return result;
+    }
+    return (known->*list).emplace_back(key, find()).second;
+  }
+
+  Answers<std::pair<Value, Ref<Number>>, Guest> guests_;
+  Answers<pid_t, pid_t> responsible_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <initializer_list>
+#include <string_view>
+
+#include "database/db.h"
+#include "database/db_browsers.h"
+#include "database/db_properties.h"
+#include "filter/FilterDataProvider.h"
+#include "filter/PLSafariFilterDataProvider.h"
+#include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/flow/ScriptedProvider.h"
+#include "platform/linux/process/ProcessIdentity.h"
+
+namespace orvane {
+namespace {
+
+std::string identifier;  // of every process
+int lookUps;             // of the identity of a process
+
+}  // namespace
+
+// These functions replace those of the platform, so that a test sees how often the core's questions reach them.
+ProcessIdentity& ProcessIdentity::system() {
+  static auto* identity = new ProcessIdentity(ApplicationFolders::system());
+  return *identity;
+}
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid) {
+  ++lookUps;
+  return std::make_shared<const Process>(Process{ProcessInformation::open(pid).value(), {}});
+}
+std::optional<std::string> ProcessIdentity::identifierOf(const Program&) {
+  ++lookUps;
+  return identifier;
+}
+pid_t ProcessIdentity::responsibleFor(pid_t) {
+  ++lookUps;
+  return getppid();
+}
+
+namespace {
+
+using State = FilterSession::State;
+
+Value own_token() {
+  const audit_token_t token = audit_token_of_process(getpid()).value();
+  uint8_t bytes[sizeof token];
+  std::memcpy(bytes, &token, sizeof token);
+  return Value::data(bytes);
+}
+
+Ref<LinuxSocketFlow> flow_to(const std::string& host, uint16_t port = 443) {
+  auto flow = LinuxSocketFlow::create(own_token(), "192.0.2.1", port, SOCK_STREAM);
+  if (!host.empty()) flow->setRemoteHostname(host);
+  return flow;
+}
+
+void list(std::initializer_list<std::string_view> names) {
+  Value::Set set;
+  for (std::string_view name : names) set.insert(Value::string(name));
+  db_hostname_set(Value::set(std::move(set)));
+}
+
+// The verdict on a flow that sends data.
+template <class Flow>
+bool drops(const Ref<NEFilterDataProvider>& provider, const Ref<Flow>& flow) {
+  const uint8_t data[] = {1};
+  FilterSession session(provider, flow);
+  session.newFlow();
+  const State state = session.outboundData(data);
+  EXPECT_TRUE(state == State::Dropped || state == State::Allowed);
+  return state == State::Dropped;
+}
+
+class FilterSessionTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    db_init();
+    db_browser_add(Value::string("browser"));
+  }
+  void SetUp() override {
+    identifier = "browser";
+    lookUps = 0;
+  }
+
+  Ref<NEFilterDataProvider> general = FilterDataProvider::init(), safari = PLSafariFilterDataProvider::init();
+};
+
+TEST_F(FilterSessionTest, AsksUnderTheHostAndItsParentsUpToTheRegistrableDomain) {
+  const std::pair<std::string, std::string> kCases[] = {
+      {"a.b.held.co.uk", ".a.b.held.co.uk .b.held.co.uk .held.co.uk "},
+      {"held.example", ".held.example "},
+      {"www.user.github.io", ".www.user.github.io .user.github.io "},
+      {"user.github.io", ".user.github.io "},
+      {"github.io", ".github.io "},
+      {"co.uk", ".co.uk "},
+      {"nas", ".nas "},
+      {"printer.nas", ".printer.nas "},
+      {"xn--bcher-kva.xn--p1ai", ".xn--bcher-kva.xn--p1ai "},
+      {"192.0.2.1", ""},
+      {"2001:db8::1", ""},
+      {std::string(252, 'a') + ".b", ""},
+  };
+  auto provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
+  for (const auto& [host, marked] : kCases) {
+    EXPECT_FALSE(drops(provider, flow_to(host)));
+    EXPECT_EQ(provider->take().marked, marked) << host;
+  }
+}
+
+TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreExcepted) {
+  const struct {
+    const char* description;
+    std::initializer_list<std::string_view> listed;
+    const char* host;
+    bool dropped;
+  } kCases[] = {
+      {"the site itself", {".held.example"}, "held.example", true},
+      {"below it", {".held.example"}, "a.b.held.example", true},
+      {"a longer name", {".held.example"}, "notheld.example", false},
+      {"another top level", {".held.example"}, "held.test", false},
+      {"above it", {".a.held.example"}, "held.example", false},
+      {"one exact name", {"held.example"}, "held.example", true},
+      {"below one exact name", {"held.example"}, "www.held.example", false},
+      {"a public suffix", {".example", ".co.uk"}, "held.co.uk", false},
+      {"an exception", {".held.example", "!.x.held.example"}, "x.held.example", false},
+      {"below an exception", {".held.example", "!.x.held.example"}, "a.x.held.example", false},
+      {"beside an exception", {".held.example", "!.x.held.example"}, "y.held.example", true},
+      {"an exception from an exact name", {"x.held.example", "!.held.example"}, "x.held.example", false},
+      {"only an exception", {"!.held.example"}, "held.example", false},
+      {"no name", {".held.example"}, "", false},
+  };
+  for (const auto& c : kCases) {
+    list(c.listed);
+    const std::string url = std::string("http://") + c.host + "/path", host = c.host;
+    identifier = "browser";
+    EXPECT_EQ(drops(general, flow_to(host)), c.dropped) << c.description;
+    EXPECT_EQ(drops(general, LinuxURLFlow::create(own_token(), url, host)), c.dropped) << "URL: " << c.description;
+    identifier = "com.apple.Safari";
+    EXPECT_EQ(drops(safari, flow_to(c.host)), c.dropped) << "Safari: " << c.description;
+  }
+}
+
+TEST_F(FilterSessionTest, DropsAFlowWhoseNameComesWithItsData) {
+  list({".held.example", "!.x.held.example"});
+  const uint8_t data[] = {1};
+  for (const auto& [host, expected] :
+       {std::pair("a.held.example", State::Dropped), {"x.held.example", State::Allowed}}) {
+    auto flow = flow_to("");
+    FilterSession session(general, flow);
+    EXPECT_EQ(session.newFlow(), State::Examining);
+    flow->setRemoteHostname(host);
+    EXPECT_EQ(session.outboundData(data), expected) << host;
+  }
+}
+
+TEST_F(FilterSessionTest, GoesOnAfterANameThatIsSuspended) {
+  identifier = "com.apple.Safari";
+  list({"a.held.example", ".a.held.example", ".held.example"});
+  const Value later = Value::dictionary({{Value::string("DontBlockUntil"), Value::date(4e9)}});
+  for (std::string_view name : {"a.held.example", ".a.held.example"}) {
+    db_hostname_set_properties(Value::string(name), later);
+    EXPECT_TRUE(drops(safari, flow_to("a.held.example"))) << "suspended: " << name;
+  }
+  db_hostname_set_properties(Value::string(".held.example"), later);
+  EXPECT_FALSE(drops(safari, flow_to("a.held.example")));
+}
+
+TEST_F(FilterSessionTest, CountsAFlowOnceAndKeepsItsName) {
+  FlowCounters& counters = flow_counters();
+  list({".held.example", "!.x.held.example"});
+  const uint64_t shown = counters.flows, dropped = counters.dropped, allowed = counters.allowed;
+  for (const char* host : {"a.held.example", "x.held.example", "a.b.c.free.example"}) {
+    auto flow = flow_to(host);
+    drops(general, flow);
+    EXPECT_EQ(flow->remoteHostname(), host);
+  }
+  EXPECT_EQ(counters.flows - shown, 3U);
+  EXPECT_EQ(counters.dropped - dropped, 1U);
+  EXPECT_EQ(counters.allowed - allowed, 2U);
+}
+
+TEST_F(FilterSessionTest, LooksUpTheIdentityOncePerFlow) {
+  list({".held.example", "!.example"});
+  const std::tuple<const char*, const char*, int> kCases[] = {
+      {"a browser", "browser", 2},         // the process, and its identifier
+      {"another program", "program", 5}};  // also the responsible process, and the same two for that
+  for (const auto& [description, program, expected] : kCases) {
+    identifier = program;
+    for (const char* host : {"", "free.example", "a.b.c.free.example", "a.b.c.held.example"}) {
+      lookUps = 0;
+      drops(general, flow_to(host));
+      EXPECT_EQ(lookUps, expected) << description << " " << host;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orvane
