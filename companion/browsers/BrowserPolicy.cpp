@@ -1,10 +1,10 @@
 #include "companion/browsers/BrowserPolicy.h"
 
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -21,24 +21,67 @@ using Json = nlohmann::json;
 
 constexpr size_t kPolicyLimit = size_t{1} << 20;
 constexpr const char* kOurFile = "orvane-se.json";
-constexpr const char* kHttp3Preference = "network.http.http3.enable";
+constexpr const char* kFirefoxFile = "policies.json";
+
+// The policies that switch features off. A path leads to a policy in the JSON file (RFC 6901).
+struct Policy {
+  BrowserFamily family;
+  HidingFeature feature;
+  Json::json_pointer path;
+  bool off;                   // the value that switches the feature off
+  bool isPreference = false;  // one of Firefox's preferences; only a locked value is binding
+};
+const std::vector<Policy>& policies() {
+  static const std::vector<Policy> kPolicies = [] {
+    using enum BrowserFamily;
+    using enum HidingFeature;
+    auto path = [](const char* text) { return Json::json_pointer(text); };
+    return std::vector<Policy>{
+        {Chromium, Http3, path("/QuicAllowed"), false},
+        {Chromium, EncryptedHello, path("/EncryptedClientHelloEnabled"), false},
+        {Firefox, Http3, path("/policies/Preferences/network.http.http3.enable"), false, true},
+        {Firefox, EncryptedHello, path("/policies/DisableEncryptedClientHello"), true},
+        {Firefox, SharedConnections, path("/policies/Preferences/network.http.http2.coalesce-hostnames"), false, true},
+    };
+  }();
+  return kPolicies;
+}
+
+// The name of the running machine's architecture in Flatpak's paths.
+std::string flatpak_architecture() {
+  utsname system{};
+  return ::uname(&system) == 0 ? system.machine : "x86_64";
+}
 
 // Sources: Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (Ubuntu's builds read the
-// second folder below), and the vendors' pages on policies for Edge, Brave and Firefox.
-constexpr std::array kPlaces = {
-    PolicyPlace{"Chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed", kOurFile},
-    PolicyPlace{"Chromium of Ubuntu", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed", kOurFile},
-    PolicyPlace{"Google Chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed", kOurFile},
-    PolicyPlace{"Microsoft Edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed", kOurFile},
-    PolicyPlace{"Brave", BrowserFamily::Chromium, "/etc/brave/policies/managed", kOurFile},
-    PolicyPlace{"Firefox", BrowserFamily::Firefox, "/etc/firefox/policies", "policies.json"},
-};
+// second folder below), the vendors' pages on policies for Edge, Brave and Firefox, Mozilla's "Firefox administrator
+// reference" and the README of Flathub's org.chromium.Chromium. The Flatpaks of Chrome, Edge and Brave read the same
+// folders as the other packages of these browsers.
+std::vector<PolicyPlace> make_places() {
+  using enum BrowserFamily;
+  const std::string parent = "/var/lib/flatpak", extensions = parent + "/extension/";
+  const std::string architecture = flatpak_architecture();
+  return {
+      {"Chromium", Chromium, "/etc/chromium/policies/managed", kOurFile, "/etc", ""},
+      {"Chromium of Ubuntu", Chromium, "/etc/chromium-browser/policies/managed", kOurFile, "/etc", ""},
+      {"Google Chrome", Chromium, "/etc/opt/chrome/policies/managed", kOurFile, "/etc/opt", "com.google.Chrome"},
+      {"Microsoft Edge", Chromium, "/etc/opt/edge/policies/managed", kOurFile, "/etc/opt", "com.microsoft.Edge"},
+      {"Brave", Chromium, "/etc/brave/policies/managed", kOurFile, "/etc", "com.brave.Browser"},
+      {"Firefox", Firefox, "/etc/firefox/policies", kFirefoxFile, "/etc", ""},
+      // "1" is the version of this extension point. Without a name after "Extension.", Chromium would not start.
+      {"Chromium (Flatpak)", Chromium,
+       extensions + "org.chromium.Chromium.Extension.orvane-se/" + architecture + "/1/policies/managed", kOurFile,
+       parent, "org.chromium.Chromium"},
+      {"Firefox (Flatpak)", Firefox,
+       extensions + "org.mozilla.firefox.systemconfig/" + architecture + "/stable/policies", kFirefoxFile, parent,
+       "org.mozilla.firefox"},
+  };
+}
 
-// The folders that we may create or remove for a place, the innermost first: all folders of the place's path except
-// /etc and /etc/opt, which belong to the system.
+// The folders that we may create or remove for a place, the innermost first.
 std::vector<std::string> folders_of(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders;
-  for (fs::path folder = place.folder; folder != "/etc" && folder != "/etc/opt"; folder = folder.parent_path()) {
+  for (fs::path folder = place.folder; folder != place.parent; folder = folder.parent_path()) {
     folders.push_back(root + folder.string());
   }
   return folders;
@@ -47,22 +90,18 @@ std::vector<std::string> folders_of(const PolicyPlace& place, const std::string&
 enum class Found { Nothing, Ours, Foreign };
 
 // A file is ours if it is byte for byte what we write. A symbolic link is never ours, whatever it points to.
-Found find_file(const PolicyPlace& place, const std::string& path, std::string& text) {
+Found find_file(const PolicyPlace& place, const std::string& path) {
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT || errno == ENOTDIR ? Found::Nothing : Found::Foreign;
   auto content = read_file_start(path, kPolicyLimit, Links::Refuse);
   if (!content) return Found::Foreign;
-  text = std::move(*content);
-  bool ours = text == policy_text(place.family, false) || text == policy_text(place.family, true);
-  return ours ? Found::Ours : Found::Foreign;
+  return *content == policy_text(place.family) ? Found::Ours : Found::Foreign;
 }
 
 // Creates the folders of a place. Returns the reason of a failure, or an empty text. chmod() undoes the umask, because
 // the browsers of all users must be able to read the folders.
 std::string make_folders(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders = folders_of(place, root);
-  std::error_code error;
-  fs::create_directories(fs::path(folders.back()).parent_path(), error);
   for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
     if (::mkdir(folder->c_str(), 0755) == 0) {
       if (::chmod(folder->c_str(), 0755) == 0) continue;
@@ -80,17 +119,19 @@ void remove_empty_folders(const PolicyPlace& place, const std::string& root) {
   }
 }
 
-PolicyChange install(const PolicyPlace& place, const std::string& root, bool withoutDnsOverHttps) {
-  const std::string path = root + place.path(), wanted = policy_text(place.family, withoutDnsOverHttps);
-  std::string text;
-  Found found = find_file(place, path, text);
+PolicyChange install(const PolicyPlace& place, const std::string& root) {
+  const std::string path = root + place.path();
+  const Found found = find_file(place, path);
   if (found == Found::Foreign) return {&place, PolicyChange::Outcome::Foreign, {}};
-  if (found == Found::Ours && text == wanted) return {&place, PolicyChange::Outcome::Nothing, {}};
+  std::error_code error;
+  if (found == Found::Ours || !fs::exists(root + place.parent, error))
+    return {&place, PolicyChange::Outcome::Nothing, {}};
   std::string reason = make_folders(place, root);
   if (reason.empty()) {
     // The temporary file is beside the folder, because Chromium reads every file in the folder as a policy.
     const std::string temporary = "../.orvane-se.new-" + std::to_string(::getpid());
-    if (std::error_code error = replace_file(path, temporary, wanted, 0644)) reason = path + ": " + error.message();
+    error = replace_file(path, temporary, policy_text(place.family), 0644);
+    if (error) reason = path + ": " + error.message();
   }
   if (reason.empty()) return {&place, PolicyChange::Outcome::Done, {}};
   remove_empty_folders(place, root);
@@ -99,8 +140,7 @@ PolicyChange install(const PolicyPlace& place, const std::string& root, bool wit
 
 PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   const std::string path = root + place.path();
-  std::string text;
-  Found found = find_file(place, path, text);
+  const Found found = find_file(place, path);
   if (found == Found::Nothing) return {&place, PolicyChange::Outcome::Nothing, {}};
   if (found == Found::Foreign) return {&place, PolicyChange::Outcome::Foreign, {}};
   if (::unlink(path.c_str()) != 0) {
@@ -110,45 +150,16 @@ PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   return {&place, PolicyChange::Outcome::Done, {}};
 }
 
-// The member of nested JSON objects to which the names lead, the outermost name first. Null when it does not exist.
-const Json* member(const Json& value, std::initializer_list<const char*> names) {
-  const Json* found = &value;
-  for (const char* name : names) {
-    if (!found->is_object()) return nullptr;
-    auto it = found->find(name);
-    if (it == found->end()) return nullptr;
-    found = &*it;
+// What a policy file's value prescribes. For a preference, Firefox accepts a bare value, which counts as locked, or an
+// object with a value and a status.
+std::optional<bool> read_policy(const Policy& policy, const Json& json) {
+  if (!json.contains(policy.path)) return std::nullopt;
+  const Json* value = &json[policy.path];
+  if (policy.isPreference && value->is_object()) {
+    if (value->value("Status", Json()) != "locked" || !value->contains("Value")) return std::nullopt;
+    value = &value->at("Value");
   }
-  return found;
-}
-
-void read_chromium_policies(const Json& json, const std::string& path, PolicyInForce& result) {
-  if (const Json* quic = member(json, {"QuicAllowed"}); quic != nullptr && quic->is_boolean()) {
-    result.http3 = quic->get<bool>();
-    result.http3File = path;
-  }
-  if (const Json* mode = member(json, {"DnsOverHttpsMode"}); mode != nullptr && mode->is_string()) {
-    result.dnsOverHttps = mode->get<std::string>();
-    result.dnsOverHttpsFile = path;
-  }
-}
-
-void read_firefox_policies(const Json& json, const std::string& path, PolicyInForce& result) {
-  const Json* http3 = member(json, {"policies", "Preferences", kHttp3Preference});
-  // For a preference, Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
-  const Json* value = http3 != nullptr && http3->is_object() ? member(*http3, {"Value"}) : http3;
-  const Json* status = http3 != nullptr ? member(*http3, {"Status"}) : nullptr;
-  const bool locked = http3 != nullptr && (!http3->is_object() || (status != nullptr && *status == "locked"));
-  if (locked && value != nullptr && value->is_boolean()) {
-    result.http3 = value->get<bool>();
-    result.http3File = path;
-  }
-  const Json* enabled = member(json, {"policies", "DNSOverHTTPS", "Enabled"});
-  const Json* lockedHttps = member(json, {"policies", "DNSOverHTTPS", "Locked"});
-  if (enabled != nullptr && enabled->is_boolean() && lockedHttps != nullptr && *lockedHttps == true) {
-    result.dnsOverHttps = enabled->get<bool>() ? "automatic" : "off";
-    result.dnsOverHttpsFile = path;
-  }
+  return value->is_boolean() ? std::optional(value->get<bool>() != policy.off) : std::nullopt;
 }
 
 std::vector<std::string> policy_files(const PolicyPlace& place, const std::string& root) {
@@ -166,21 +177,25 @@ std::vector<std::string> policy_files(const PolicyPlace& place, const std::strin
 
 }  // namespace
 
-std::string PolicyPlace::path() const { return std::string(folder) + '/' + file; }
+std::string PolicyPlace::path() const { return folder + '/' + file; }
 
-std::span<const PolicyPlace> policy_places() { return kPlaces; }
+std::span<const PolicyPlace> policy_places() {
+  static const std::vector<PolicyPlace> kPlaces = make_places();
+  return kPlaces;
+}
 
-std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps) {
-  Json policies = Json::object();
-  if (family == BrowserFamily::Firefox) {
-    policies["Preferences"][kHttp3Preference] = {{"Value", false}, {"Status", "locked"}};
-    if (withoutDnsOverHttps) policies["DNSOverHTTPS"] = {{"Enabled", false}, {"Locked", true}};
-    policies = {{"policies", policies}};
-  } else {
-    policies["QuicAllowed"] = false;
-    if (withoutDnsOverHttps) policies["DnsOverHttpsMode"] = "off";
+bool has_policy(BrowserFamily family, HidingFeature feature) {
+  return std::any_of(policies().begin(), policies().end(),
+                     [&](const Policy& policy) { return policy.family == family && policy.feature == feature; });
+}
+
+std::string policy_text(BrowserFamily family) {
+  Json json = Json::object();
+  for (const Policy& policy : policies()) {
+    if (policy.family != family) continue;
+    json[policy.path] = policy.isPreference ? Json{{"Value", policy.off}, {"Status", "locked"}} : Json(policy.off);
   }
-  return policies.dump(2) + '\n';
+  return json.dump(2) + '\n';
 }
 
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root) {
@@ -193,28 +208,24 @@ PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root)
       continue;
     }
     Json json = Json::parse(*text, nullptr, false);
-    if (!json.is_object()) {
-      result.unreadable.push_back(path);
-    } else if (place.family == BrowserFamily::Firefox) {
-      read_firefox_policies(json, path, result);
-    } else {
-      read_chromium_policies(json, path, result);
+    if (!json.is_object()) result.unreadable.push_back(path);
+    for (const Policy& policy : policies()) {
+      if (policy.family != place.family) continue;
+      if (const auto isOn = read_policy(policy, json)) result.features[policy.feature] = {isOn, path};
     }
   }
   return result;
 }
 
-std::vector<PolicyChange> install_policies(const std::string& root, bool withoutDnsOverHttps) {
+std::vector<PolicyChange> install_policies(const std::string& root) {
   std::vector<PolicyChange> changes;
-  changes.reserve(kPlaces.size());
-  for (const PolicyPlace& place : kPlaces) changes.push_back(install(place, root, withoutDnsOverHttps));
+  for (const PolicyPlace& place : policy_places()) changes.push_back(install(place, root));
   return changes;
 }
 
 std::vector<PolicyChange> remove_policies(const std::string& root) {
   std::vector<PolicyChange> changes;
-  changes.reserve(kPlaces.size());
-  for (const PolicyPlace& place : kPlaces) changes.push_back(remove(place, root));
+  for (const PolicyPlace& place : policy_places()) changes.push_back(remove(place, root));
   return changes;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
@@ -8,7 +10,29 @@
 namespace orvane {
 
 // Managed policies are files with which the machine's administrator configures browsers for all users. The policies
-// that orvanectl installs switch off what hides host names from the filter: HTTP/3 and, on request, DNS over HTTPS.
+// that orvanectl installs switch off the browser features that hide host names from the filter.
+
+// A browser feature with which a connection's first bytes do not show the name of every host that the connection
+// serves.
+enum class HidingFeature {
+  Http3,              // connections over UDP
+  EncryptedHello,     // Encrypted Client Hello (RFC 9849): the hello shows only the name of the hosting service
+  SharedConnections,  // one HTTP/2 connection for several names (RFC 9113, section 9.1.1). Only Firefox can switch it
+                      // off
+};
+inline constexpr std::array kHidingFeatures = {HidingFeature::Http3, HidingFeature::EncryptedHello,
+                                               HidingFeature::SharedConnections};
+
+// A value for each feature.
+template <class Value>
+class PerFeature {
+ public:
+  Value& operator[](HidingFeature feature) { return values_[static_cast<size_t>(feature)]; }
+  const Value& operator[](HidingFeature feature) const { return values_[static_cast<size_t>(feature)]; }
+
+ private:
+  std::array<Value, kHidingFeatures.size()> values_{};
+};
 
 // The `root` of the functions below: a prefix of every path, empty for this machine's own files. Tests pass a folder of
 // their own.
@@ -19,27 +43,34 @@ enum class BrowserFamily { Chromium, Firefox, Other };
 // A folder from which a browser reads policies. A browser of Chromium's family reads every file in it. Firefox reads
 // one file, which other programs may have written.
 struct PolicyPlace {
-  const char* browser;
+  std::string browser;
   BrowserFamily family;
-  const char* folder;  // without a trailing slash
-  const char* file;    // the file in this folder that install_policies() writes
+  std::string folder;   // without a trailing slash
+  std::string file;     // the file in this folder that install_policies() writes
+  std::string parent;   // we create and remove only folders below this one; without it, install_policies() does nothing
+  std::string flatpak;  // the application ID of the Flatpak that reads this folder; empty if no Flatpak does
 
   std::string path() const;
 };
 
-// The folders that browser vendors document. Vivaldi and Opera document none.
+// The folders that browsers, or their packages, document. Vivaldi and Opera document none.
 std::span<const PolicyPlace> policy_places();
 
-// The content of the policy file that we write.
-std::string policy_text(BrowserFamily family, bool withoutDnsOverHttps);
+// Whether browsers of the family have a policy for the feature.
+bool has_policy(BrowserFamily family, HidingFeature feature);
 
-// What the policy files of one browser, ours and others, prescribe. A member has no value if no policy fixes the
-// setting; the user may then change it.
+// The content of the policy file that we write.
+std::string policy_text(BrowserFamily family);
+
+// What a policy prescribes for a feature.
+struct FeaturePolicy {
+  std::optional<bool> isOn;  // no value if no policy fixes the setting; the user may then change it
+  std::string file;          // the file that fixes it
+};
+
+// What the policy files of one browser, ours and others, prescribe.
 struct PolicyInForce {
-  std::optional<bool> http3;
-  std::string http3File;                    // the file that sets `http3`
-  std::optional<std::string> dnsOverHttps;  // "off", "automatic", "secure"
-  std::string dnsOverHttpsFile;
+  PerFeature<FeaturePolicy> features;
   std::vector<std::string> unreadable;  // files that cannot be read or are not JSON objects
 };
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root);
@@ -57,8 +88,8 @@ struct PolicyChange {
   std::string reason;  // why it failed; otherwise empty
 };
 
-// Writes our file at each place and creates missing folders. Replaces our file if its content differs.
-std::vector<PolicyChange> install_policies(const std::string& root, bool withoutDnsOverHttps);
+// Writes our file at each place, and creates missing folders.
+std::vector<PolicyChange> install_policies(const std::string& root);
 
 // Removes our files, and the folders that are empty afterwards.
 std::vector<PolicyChange> remove_policies(const std::string& root);

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "platform/linux/base/Files.h"
 
@@ -49,15 +50,15 @@ std::string chromium_folder(const InstalledBrowser& browser, const std::string& 
 
 BrowserProfile parse_firefox_preferences(std::string_view text) {
   BrowserProfile profile;
-  std::string_view http3 = preference(text, "network.http.http3.enable");
-  if (http3 == "true" || http3 == "false") profile.http3 = http3 == "true";
-  // 2: DNS over HTTPS first, then the system's resolver; 3: DNS over HTTPS only; 5: off. 0 means the default, which
-  // Mozilla sets by region (doh-rollout.mode).
-  std::string_view mode = preference(text, "network.trr.mode");
-  if (mode.empty() || mode == "0") mode = preference(text, "doh-rollout.mode");
-  if (mode == "2") profile.dnsOverHttps = "automatic";
-  if (mode == "3") profile.dnsOverHttps = "secure";
-  if (mode == "5") profile.dnsOverHttps = "off";
+  constexpr std::pair<HidingFeature, const char*> kPreferences[] = {
+      {HidingFeature::Http3, "network.http.http3.enable"},
+      {HidingFeature::EncryptedHello, "network.dns.echconfig.enabled"},
+      {HidingFeature::SharedConnections, "network.http.http2.coalesce-hostnames"},
+  };
+  for (const auto& [feature, name] : kPreferences) {
+    const std::string_view value = preference(text, name);
+    if (value == "true" || value == "false") profile.features[feature] = value == "true";
+  }
   return profile;
 }
 
@@ -65,14 +66,12 @@ BrowserProfile parse_chromium_state(std::string_view text) {
   BrowserProfile profile;
   const nlohmann::json state = nlohmann::json::parse(text, nullptr, false);
   if (!state.is_object()) return profile;
-  using Pointer = nlohmann::json::json_pointer;
-  const Pointer mode("/dns_over_https/mode"), experiments("/browser/enabled_labs_experiments");
-  if (state.contains(mode) && state[mode].is_string()) profile.dnsOverHttps = state[mode].get<std::string>();
+  const nlohmann::json::json_pointer experiments("/browser/enabled_labs_experiments");
   if (state.contains(experiments) && state[experiments].is_array()) {
     // The number after "@" is the choice in chrome://flags: 1 is "Enabled", 2 is "Disabled".
     for (const auto& experiment : state[experiments]) {
-      if (experiment == "enable-quic@1") profile.http3 = true;
-      if (experiment == "enable-quic@2") profile.http3 = false;
+      if (experiment == "enable-quic@1") profile.features[HidingFeature::Http3] = true;
+      if (experiment == "enable-quic@2") profile.features[HidingFeature::Http3] = false;
     }
   }
   return profile;

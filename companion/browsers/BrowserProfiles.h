@@ -9,11 +9,10 @@
 
 namespace orvane {
 
-// A user's settings in one browser profile. A member has no value if the browser's default applies.
+// A user's settings in one browser profile.
 struct BrowserProfile {
-  std::string path;  // the file with the settings
-  std::optional<bool> http3;
-  std::optional<std::string> dnsOverHttps;  // "off", "automatic" (if possible), "secure" (always)
+  std::string path;                          // the file with the settings
+  PerFeature<std::optional<bool>> features;  // on or off; no value if the browser's default applies
 };
 
 // Reads Firefox's prefs.js. Of several lines for one preference, the last one counts.

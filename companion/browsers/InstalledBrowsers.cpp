@@ -60,9 +60,9 @@ void classify(InstalledBrowser& browser) {
   if (known == kKnownBrowsers.end()) return;
   browser.family = known->family;
   browser.profileFolder = known->profileFolder;
-  if (browser.package == BrowserPackage::Flatpak) return;  // a Flatpak does not see the machine's /etc
+  const bool isFlatpak = browser.package == BrowserPackage::Flatpak;
   for (const PolicyPlace& place : policy_places()) {
-    if (place.folder == known->policyFolder) browser.place = &place;
+    if (isFlatpak ? place.flatpak == browser.identifier : place.folder == known->policyFolder) browser.place = &place;
   }
 }
 

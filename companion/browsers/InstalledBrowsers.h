@@ -36,7 +36,7 @@ struct InstalledBrowser {
   std::string identifier;  // the bundle identifier that the extension sees; empty when the program does not exist
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
-  const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented, and for a Flatpak
+  const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented
   // For Chromium's family only: the folder of the browser's profiles, relative to ~/.config or to the package's own
   // folder for configuration. Empty if unknown.
   std::string_view profileFolder = {};

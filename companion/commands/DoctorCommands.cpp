@@ -3,9 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "companion/browsers/BrowserPolicy.h"
@@ -51,7 +51,8 @@ std::string title_of(const Finding& finding) {
       {"browser", "identity"},
       {"http3", "HTTP/3"},
       {"policy", "policies"},
-      {"dns-over-https", "DNS over HTTPS"},
+      {"encrypted-hello", "Encrypted Client Hello"},
+      {"shared-connections", "shared connections"},
   };
   auto known = kTitles.find(finding.check);
   std::string title = known == kTitles.end() ? finding.check : known->second;
@@ -127,7 +128,8 @@ void print_changes(const std::vector<PolicyChange>& changes, const char* done, b
     const char* outcome = outcome_of(change.outcome, done);
     results.push_back({{"browser", change.place->browser}, {"file", change.place->path()}, {"outcome", outcome}});
     const bool worked = change.outcome == PolicyChange::Outcome::Done;
-    if (worked && !json) std::printf("%s: %s (%s)\n", done, change.place->path().c_str(), change.place->browser);
+    if (worked && !json)
+      std::printf("%s: %s (%s)\n", done, change.place->path().c_str(), change.place->browser.c_str());
   }
   if (json) print_json(results);
 }
@@ -144,9 +146,9 @@ bool report_failures(const std::vector<PolicyChange>& changes, const char* what)
   return none;
 }
 
-int install(bool withoutDnsOverHttps, bool json) {
+int install(bool json) {
   if (!may_write("install")) return kFailed;
-  const std::vector<PolicyChange> changes = install_policies(kThisMachine, withoutDnsOverHttps);
+  const std::vector<PolicyChange> changes = install_policies(kThisMachine);
   print_changes(changes, "written", json);
   bool whole = report_failures(changes, "write");
   bool written = false;
@@ -154,7 +156,7 @@ int install(bool withoutDnsOverHttps, bool json) {
     written |= change.outcome == PolicyChange::Outcome::Done;
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
     print_error("left alone: " + change.place->path() + ": another program or person wrote it: add this by hand:\n" +
-                policy_text(change.place->family, withoutDnsOverHttps));
+                policy_text(change.place->family));
     whole = false;
   }
   if (!json && written) std::puts("Running browsers apply it at their next start.");
@@ -169,39 +171,51 @@ int remove(bool json) {
   bool whole = report_failures(changes, "remove");
   for (const PolicyChange& change : changes) {
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
-    // Firefox has one policy file, which other programs write, too. If it does not switch off HTTP/3, nothing in it is
-    // ours, and no message is needed.
+    // Firefox has one policy file, which other programs write, too. If it switches nothing off, nothing in it is ours,
+    // and no message is needed.
     const bool shared = change.place->family == BrowserFamily::Firefox;
-    if (shared && policy_in_force(*change.place, kThisMachine).http3 != false) continue;
-    print_error("left alone: " + change.place->path() + ": another program or person wrote it: " +
-                (shared ? "remove network.http.http3.enable from it by hand, if you added that for OrvaneSE"
-                        : "remove it by hand"));
+    const PolicyInForce policy = policy_in_force(*change.place, kThisMachine);
+    const bool isOff = std::any_of(kHidingFeatures.begin(), kHidingFeatures.end(),
+                                   [&](HidingFeature feature) { return policy.features[feature].isOn == false; });
+    if (shared && !isOff) continue;
+    print_error(
+        "left alone: " + change.place->path() + ": another program or person wrote it: " +
+        (shared ? "if you added the following for OrvaneSE, remove it by hand:\n" + policy_text(change.place->family)
+                : "remove it by hand"));
     whole = whole && shared;
   }
   return whole ? kDone : kFailed;
 }
 
-std::string described(const std::string& value, const std::string& file) {
-  return value.empty() ? "the user's choice" : value + " (" + file + ')';
-}
-
-Json json_of(const PolicyInForce& policy, const PolicyPlace& place) {
-  Json result = {{"browser", place.browser}, {"folder", place.folder}, {"unreadable", policy.unreadable}};
-  result["http3"] = policy.http3 ? Json(*policy.http3 ? "on" : "off") : Json();
-  result["dnsOverHttps"] = policy.dnsOverHttps ? Json(*policy.dnsOverHttps) : Json();
-  return result;
-}
+struct FeatureName {
+  HidingFeature feature;
+  const char* title;
+  const char* key;  // in JSON
+};
+constexpr std::array kFeatureNames = {
+    FeatureName{HidingFeature::Http3, "HTTP/3", "http3"},
+    FeatureName{HidingFeature::EncryptedHello, "Encrypted Client Hello", "encryptedHello"},
+    FeatureName{HidingFeature::SharedConnections, "shared connections", "sharedConnections"},
+};
 
 int show(bool json) {
   Json results = Json::array();
   for (const PolicyPlace& place : policy_places()) {
     const PolicyInForce policy = policy_in_force(place, kThisMachine);
-    results.push_back(json_of(policy, place));
-    if (json) continue;
-    const std::string http3 = policy.http3 ? (*policy.http3 ? "on" : "off") : "";
-    std::printf("%s\n  HTTP/3: %s\n  DNS over HTTPS: %s\n", place.browser, described(http3, policy.http3File).c_str(),
-                described(policy.dnsOverHttps.value_or(""), policy.dnsOverHttpsFile).c_str());
-    for (const std::string& file : policy.unreadable) std::printf("  cannot be read: %s\n", file.c_str());
+    Json result = {{"browser", place.browser}, {"folder", place.folder}, {"unreadable", policy.unreadable}};
+    if (!json) std::puts(place.browser.c_str());
+    for (const FeatureName& name : kFeatureNames) {
+      const FeaturePolicy& feature = policy.features[name.feature];
+      const std::string state = feature.isOn ? (*feature.isOn ? "on" : "off") : "";
+      result[name.key] = feature.isOn ? Json(state) : Json();
+      if (json || !has_policy(place.family, name.feature)) continue;
+      const std::string text = feature.isOn ? state + " (" + feature.file + ')' : "the user's choice";
+      std::printf("  %s: %s\n", name.title, text.c_str());
+    }
+    results.push_back(std::move(result));
+    for (const std::string& file : policy.unreadable) {
+      if (!json) std::printf("  cannot be read: %s\n", file.c_str());
+    }
   }
   if (json) print_json(results);
   return kDone;
@@ -221,19 +235,18 @@ void declare_doctor_commands(CommandSet& commands) {
 
   CLI::App* browsers = commands.app.add_subcommand("browsers", "Browser settings")->fallthrough()->group("Browsers");
   browsers->require_subcommand(1);
-  CLI::App* policy = browsers->add_subcommand("policy", "Policies that switch off HTTP/3 and DNS over HTTPS")
+  CLI::App* policy = browsers->add_subcommand("policy", "Policies that switch off what hides host names")
                          ->fallthrough()
                          ->require_subcommand(1);
-  auto withoutDnsOverHttps = std::make_shared<bool>(false);
   CLI::App* installing = commands.declare(
-      *policy, "Commands", "install", "Switch off HTTP/3 in Chromium, Chrome, Edge, Brave and Firefox, for all users",
-      [&options, withoutDnsOverHttps] { return install(*withoutDnsOverHttps, options.json); });
-  installing->add_flag("--no-doh", *withoutDnsOverHttps, "Also switch off DNS over HTTPS");
+      *policy, "Commands", "install",
+      "Switch off HTTP/3 and Encrypted Client Hello in Chromium, Chrome, Edge, Brave and Firefox, for all users",
+      [&options] { return install(options.json); });
   installing->footer(
       "Needs root. A file of another program or person is left alone; a message says what to add to it.");
   commands.declare(*policy, "Commands", "remove", "Remove the policies that install wrote",
                    [&options] { return remove(options.json); });
-  commands.declare(*policy, "Commands", "show", "Print the policies for HTTP/3 and DNS over HTTPS",
+  commands.declare(*policy, "Commands", "show", "Print the policies that are in force",
                    [&options] { return show(options.json); });
 }
 

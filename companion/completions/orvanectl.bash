@@ -48,7 +48,6 @@ _orvanectl() {
       resume) options+=' --all' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
-      'browsers policy install') options+=' --no-doh' ;;
     esac
     _orvanectl_words "$options"
     return

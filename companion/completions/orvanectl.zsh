@@ -50,12 +50,12 @@ _orvanectl_browsers() {
   local -a commands
   case $CURRENT in
     2)
-      commands=('policy:policies that switch off HTTP/3 and DNS over HTTPS')
+      commands=('policy:policies that switch off what hides host names')
       _describe -t commands 'command' commands
       ;;
     3)
       commands=(
-        'install:switch off HTTP/3'
+        'install:switch off HTTP/3 and Encrypted Client Hello'
         'remove:remove the policies that install wrote'
         'show:print the policies'
       )
@@ -64,11 +64,7 @@ _orvanectl_browsers() {
     *)
       shift 2 words
       (( CURRENT -= 2 ))
-      if [[ $words[1] == install ]]; then
-        _arguments $common '--no-doh[also switch off DNS over HTTPS]'
-      else
-        _arguments $common
-      fi
+      _arguments $common
       ;;
   esac
 }

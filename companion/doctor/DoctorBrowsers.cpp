@@ -1,6 +1,7 @@
 #include "companion/doctor/DoctorBrowsers.h"
 
 #include <algorithm>
+#include <array>
 
 #include "companion/text/Output.h"
 #include "platform/linux/process/DesktopEntry.h"
@@ -10,8 +11,27 @@ namespace {
 
 using Result = Finding::Result;
 
-constexpr const char* kHttp3Risk = "a site visited before may be reached unfiltered";
-constexpr const char* kDnsOverHttpsRisk = "with it, Encrypted Client Hello may hide names from the filter";
+// What the doctor says about a feature that hides host names from the filter.
+struct FeatureCheck {
+  HidingFeature feature;
+  const char* check;
+  const char* risk;
+  // How the user switches the feature off where no policy can; empty if there is no way.
+  const char* inFirefox;
+  const char* inChromium;
+};
+constexpr std::array kFeatureChecks = {
+    FeatureCheck{HidingFeature::Http3, "http3", "a site visited before may be reached unfiltered",
+                 "set network.http.http3.enable to false in about:config",
+                 "disable \"Experimental QUIC protocol\" in chrome://flags"},
+    FeatureCheck{HidingFeature::EncryptedHello, "encrypted-hello",
+                 "sites that offer Encrypted Client Hello are reached unfiltered",
+                 "set network.dns.echconfig.enabled to false in about:config",
+                 "use another browser for sites that must stay blocked: this one has no setting for it"},
+    FeatureCheck{HidingFeature::SharedConnections, "shared-connections",
+                 "a blocked name may be reached over a connection to another name",
+                 "set network.http.http2.coalesce-hostnames to false in about:config", ""},
+};
 
 Finding examine_identity(const InstalledBrowser& browser, const BrowserList& list) {
   Finding finding{"browser", browser.name, Result::Ok, "", ""};
@@ -38,62 +58,33 @@ struct Setting {
   std::string source;  // the file that sets it
 };
 
-Setting http3_of(const BrowserFacts& facts) {
-  if (facts.policy.http3) return {*facts.policy.http3 ? "on" : "off", facts.policy.http3File};
+Setting setting_of(const BrowserFacts& facts, HidingFeature feature) {
+  const FeaturePolicy& policy = facts.policy.features[feature];
+  if (policy.isOn) return {*policy.isOn ? "on" : "off", policy.file};
   Setting setting;
   for (const BrowserProfile& profile : facts.profiles) {
-    if (profile.http3 != false) return {};
+    if (profile.features[feature] != false) return {};
     setting = {"off", profile.path};
   }
   return setting;
 }
 
-Setting dns_of(const BrowserFacts& facts) {
-  if (facts.policy.dnsOverHttps) return {*facts.policy.dnsOverHttps, facts.policy.dnsOverHttpsFile};
-  Setting setting;
-  bool usesDefault = facts.profiles.empty();  // there is no profile, or a profile without the setting
-  for (const BrowserProfile& profile : facts.profiles) {
-    if (!profile.dnsOverHttps) usesDefault = true;
-    if (profile.dnsOverHttps && (setting.value.empty() || setting.value == "off")) {
-      setting = {*profile.dnsOverHttps, profile.path};
-    }
-  }
-  return usesDefault && setting.value == "off" ? Setting{} : setting;
+std::string advice_for(const InstalledBrowser& browser, const FeatureCheck& check) {
+  if (browser.place != nullptr) return "sudo orvanectl browsers policy install, then restart the browser";
+  return browser.family == BrowserFamily::Firefox ? check.inFirefox : check.inChromium;
 }
 
-std::string http3_advice(const InstalledBrowser& browser) {
-  if (browser.place != nullptr) return "sudo orvanectl browsers policy install";
-  if (browser.family == BrowserFamily::Firefox) return "set network.http.http3.enable to false in about:config";
-  return "disable \"Experimental QUIC protocol\" in chrome://flags";
-}
-
-Finding examine_http3(const BrowserFacts& facts) {
-  const Setting setting = http3_of(facts);
-  Finding finding{"http3", facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
+Finding examine_feature(const BrowserFacts& facts, const FeatureCheck& check) {
+  const Setting setting = setting_of(facts, check.feature);
+  Finding finding{check.check, facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
   if (setting.value == "off") return finding;
   finding.result = Result::Warning;
   if (setting.value == "on") {
-    finding.found = "switched on by " + setting.source + ": " + kHttp3Risk;
-    finding.advice = "remove that from the policy";
+    finding.found = "allowed by " + setting.source + ": " + check.risk;
+    finding.advice = "remove that from the policy, then run: sudo orvanectl browsers policy install";
   } else {
-    finding.found = std::string("not switched off: ") + kHttp3Risk;
-    finding.advice = http3_advice(facts.browser);
-  }
-  return finding;
-}
-
-Finding examine_dns(const BrowserFacts& facts) {
-  const Setting setting = dns_of(facts);
-  Finding finding{"dns-over-https", facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
-  if (setting.value == "off") return finding;
-  finding.advice = facts.browser.place != nullptr ? "if that matters: sudo orvanectl browsers policy install --no-doh"
-                                                  : "if that matters: switch it off in the browser's settings";
-  if (setting.value.empty()) {
-    finding.result = Result::Unknown;
-    finding.found = std::string("the browser decides: ") + kDnsOverHttpsRisk;
-  } else {
-    finding.result = Result::Warning;
-    finding.found = "on (" + setting.value + ", by " + setting.source + "): " + kDnsOverHttpsRisk;
+    finding.found = std::string("not switched off: ") + check.risk;
+    finding.advice = advice_for(facts.browser, check);
   }
   return finding;
 }
@@ -121,12 +112,13 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
     if (browser.browser.identifier.empty()) continue;
     if (browser.browser.family == BrowserFamily::Other) {
       findings.push_back({"http3", browser.browser.name, Result::Unknown,
-                          "HTTP/3 and DNS over HTTPS cannot be checked in this browser",
+                          "HTTP/3 and Encrypted Client Hello cannot be checked in this browser",
                           "switch both off in its settings, if it has them"});
       continue;
     }
-    findings.push_back(examine_http3(browser));
-    findings.push_back(examine_dns(browser));
+    for (const FeatureCheck& check : kFeatureChecks) {
+      if (has_policy(browser.browser.family, check.feature)) findings.push_back(examine_feature(browser, check));
+    }
     for (const std::string& file : browser.policy.unreadable) {
       findings.push_back({"policy", browser.browser.name, Result::Warning, file + " is not a valid policy file",
                           "correct or remove it: the browser may ignore it"});

@@ -21,6 +21,8 @@ using Outcome = PolicyChange::Outcome;
 
 class Browsers : public ::testing::Test {
  protected:
+  Browsers() { fs::create_directories(root + "/etc/opt"); }
+
   std::string write(const std::string& path, const std::string& text) {
     return folder_.write(path.substr(1), text).string();
   }
@@ -30,7 +32,7 @@ class Browsers : public ::testing::Test {
   }
   std::set<fs::path> tree() {
     std::set<fs::path> paths;
-    for (const auto& entry : fs::recursive_directory_iterator(root + "/etc")) paths.insert(entry.path());
+    for (const auto& entry : fs::recursive_directory_iterator(root)) paths.insert(entry.path());
     return paths;
   }
   static Outcome outcomeOf(const std::vector<PolicyChange>& changes, const std::string& browser) {
@@ -47,24 +49,29 @@ class Browsers : public ::testing::Test {
 
 TEST_F(Browsers, RemovesAllThatItInstalled) {
   write("/etc/chromium/master_preferences", "{}");
-  fs::create_directories(root + "/etc/opt");
+  fs::create_directories(root + "/var/lib/flatpak");
   const std::set<fs::path> before = tree();
-  for (bool withoutDns : {false, true, true}) {
-    for (const PolicyChange& change : install_policies(root, withoutDns)) {
-      EXPECT_NE(change.outcome, Outcome::Failed) << change.reason;
+  for (Outcome outcome : {Outcome::Done, Outcome::Nothing}) {
+    for (const PolicyChange& change : install_policies(root)) {
+      EXPECT_EQ(change.outcome, outcome) << change.place->browser << ": " << change.reason;
       const PolicyInForce policy = policy_in_force(*change.place, root);
-      EXPECT_EQ(policy.http3, false) << change.place->browser;
-      EXPECT_EQ(policy.dnsOverHttps, withoutDns ? std::optional<std::string>("off") : std::nullopt);
+      for (HidingFeature feature : kHidingFeatures) {
+        EXPECT_EQ(policy.features[feature].isOn == false, has_policy(change.place->family, feature));
+      }
     }
   }
-  EXPECT_EQ(outcomeOf(install_policies(root, true), "Firefox"), Outcome::Nothing);
   remove_policies(root);
   EXPECT_EQ(tree(), before);
 }
 
+TEST_F(Browsers, WritesNoPoliciesForFlatpaksOnAMachineWithoutFlatpak) {
+  EXPECT_EQ(outcomeOf(install_policies(root), "Firefox (Flatpak)"), Outcome::Nothing);
+  EXPECT_FALSE(fs::exists(root + "/var"));
+}
+
 TEST_F(Browsers, InstallsPoliciesThatAllUsersCanReadUnderAnyUmask) {
   const mode_t mask = umask(077);
-  install_policies(root, false);
+  install_policies(root);
   umask(mask);
   for (const auto& entry : fs::recursive_directory_iterator(root + "/etc/opt/chrome")) {
     struct stat status;
@@ -76,12 +83,12 @@ TEST_F(Browsers, InstallsPoliciesThatAllUsersCanReadUnderAnyUmask) {
 TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   const std::string theirs = R"({"policies": {"DisableTelemetry": true}})";
   write("/etc/firefox/policies/policies.json", theirs);
-  write("/etc/brave/policies/managed/orvane-se.json", policy_text(BrowserFamily::Chromium, false) + " ");
+  write("/etc/brave/policies/managed/orvane-se.json", policy_text(BrowserFamily::Chromium) + " ");
   write("/etc/opt/edge/policies/managed/theirs", "{}");
   fs::create_directories(root + "/etc/chromium/policies/managed");
   fs::create_symlink("/nowhere", root + "/etc/chromium/policies/managed/orvane-se.json");
   write("/etc/opt/chrome", "no folder");
-  const auto installed = install_policies(root, false), removed = remove_policies(root);
+  const auto installed = install_policies(root), removed = remove_policies(root);
   for (const char* browser : {"Firefox", "Brave", "Chromium"}) {
     EXPECT_EQ(outcomeOf(installed, browser), Outcome::Foreign) << browser;
     EXPECT_EQ(outcomeOf(removed, browser), Outcome::Foreign) << browser;
@@ -97,13 +104,13 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
 // Chromium reads every file of the policy folder. If several files set the same policy, Chromium uses the file whose
 // name sorts last. A preference in Firefox's policy file counts only if the file locks it; users can change all others.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
-  install_policies(root, false);
-  write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true, "DnsOverHttpsMode": "secure"})");
+  install_policies(root);
+  write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true})");
   write("/etc/chromium/policies/managed/aa.json", "{ half");
   const PolicyInForce chromium = policy_in_force(placeOf("Chromium"), root);
-  EXPECT_EQ(chromium.http3, true);
-  EXPECT_EQ(chromium.http3File, root + "/etc/chromium/policies/managed/zz");
-  EXPECT_EQ(chromium.dnsOverHttps, "secure");
+  EXPECT_EQ(chromium.features[HidingFeature::Http3].isOn, true);
+  EXPECT_EQ(chromium.features[HidingFeature::Http3].file, root + "/etc/chromium/policies/managed/zz");
+  EXPECT_EQ(chromium.features[HidingFeature::EncryptedHello].isOn, false);
   EXPECT_EQ(chromium.unreadable.size(), 1U);
   const std::pair<const char*, std::optional<bool>> cases[] = {{R"({"Value": false, "Status": "default"})", {}},
                                                                {R"({"Value": false, "Status": "locked"})", false},
@@ -111,12 +118,12 @@ TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
                                                                {"7", {}},
                                                                {"[]", {}}};
   for (const auto& [preference, http3] : cases) {
-    write(
-        "/etc/firefox/policies/policies.json",
-        R"({"policies": {"DNSOverHTTPS": {"Enabled": true, "Locked": true}, "Preferences": {"network.http.http3.enable": )" +
-            std::string(preference) + "}}}");
-    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).http3, http3) << preference;
-    EXPECT_EQ(policy_in_force(placeOf("Firefox"), root).dnsOverHttps, "automatic");
+    write("/etc/firefox/policies/policies.json",
+          R"({"policies": {"DisableEncryptedClientHello": true, "Preferences": {"network.http.http3.enable": )" +
+              std::string(preference) + "}}}");
+    const PolicyInForce firefox = policy_in_force(placeOf("Firefox"), root);
+    EXPECT_EQ(firefox.features[HidingFeature::Http3].isOn, http3) << preference;
+    EXPECT_EQ(firefox.features[HidingFeature::EncryptedHello].isOn, false);
   }
 }
 
@@ -135,6 +142,8 @@ TEST_F(Browsers, IdentifiesInstalledBrowsersAsTheExtensionDoes) {
   entry("/apps/chromium.desktop", "Chromium", "Exec=chromium %U" + web);
   entry("/apps/script.desktop", "Script", "Exec=qute" + web);
   entry("/apps/flat.desktop", "Flat", "Exec=flatpak run x\nX-Flatpak=org.mozilla.firefox" + web);
+  entry("/apps/other.desktop", "Ungoogled",
+        "Exec=flatpak run x\nX-Flatpak=io.github.ungoogled_software.ungoogled_chromium" + web);
   entry("/apps/snap.desktop", "Snap", "Exec=env A=b /snap/bin/chromium %U" + web);
   entry("/apps/gone.desktop", "Gone", "Exec=/nowhere/browser" + web);
   entry("/apps/editor.desktop", "Editor", "Exec=chromium\nCategories=WebBrowserless;");
@@ -144,15 +153,16 @@ TEST_F(Browsers, IdentifiesInstalledBrowsersAsTheExtensionDoes) {
   folders.programs = {root + "/bin"};
   std::string found;
   for (const InstalledBrowser& browser : installed_browsers(folders, {root + "/own"})) {
-    found += browser.name + "=" + browser.identifier + (browser.place ? std::string(" ") + browser.place->folder : "") +
+    found += browser.name + "=" + browser.identifier + (browser.place ? " " + browser.place->browser : "") +
              (browser.profileFolder.empty() ? "" : " ~" + std::string(browser.profileFolder)) + "\n";
   }
   EXPECT_EQ(found,
-            "Chromium=chromium /etc/chromium/policies/managed ~chromium\n"
-            "Flat=org.mozilla.firefox\n"
+            "Chromium=chromium Chromium ~chromium\n"
+            "Flat=org.mozilla.firefox Firefox (Flatpak)\n"
             "Gone=\n"
             "Script=python3.11\n"
-            "Unpacked=firefox-bin /etc/firefox/policies\n");
+            "Ungoogled=io.github.ungoogled_software.ungoogled_chromium ~chromium\n"
+            "Unpacked=firefox-bin Firefox\n");
 }
 
 TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
@@ -176,21 +186,25 @@ TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
 
 TEST(BrowserProfiles, ReadSettingsAsBrowsersWriteThem) {
   auto text = [](const BrowserProfile& profile) {
-    return std::string(!profile.http3 ? "?" : *profile.http3 ? "on" : "off") + " " + profile.dnsOverHttps.value_or("?");
+    std::string states;
+    for (HidingFeature feature : kHidingFeatures) {
+      const std::optional<bool> isOn = profile.features[feature];
+      states += !isOn ? "? " : *isOn ? "on " : "off ";
+    }
+    return states;
   };
-  EXPECT_EQ(text(parse_firefox_preferences("// Mozilla\nuser_pref(\"network.trr.mode\", 3);\n"
+  EXPECT_EQ(text(parse_firefox_preferences("// Mozilla\nuser_pref(\"network.dns.echconfig.enabled\", true);\n"
+                                           "user_pref(\"network.http.http2.coalesce-hostnames\", false);\n"
+                                           "user_pref(\"network.http.http3.enable\", true);\n"
                                            "user_pref(\"network.http.http3.enable\", false);\n")),
-            "off secure");
-  EXPECT_EQ(text(parse_firefox_preferences("user_pref(\"network.trr.mode\", 0);\nuser_pref(\"doh-rollout.mode\", 2);")),
-            "? automatic");
-  EXPECT_EQ(text(parse_firefox_preferences("//user_pref(\"network.trr.mode\", 5);\nuser_pref(\"network.trr.mode\"")),
-            "? ?");
-  EXPECT_EQ(text(parse_chromium_state(R"({"dns_over_https": {"mode": "off"},
-                                          "browser": {"enabled_labs_experiments": [1, "enable-quic@2"]}})")),
-            "off off");
-  for (const char* junk :
-       {"", "[]", "{\"dns_over_https\": 7}", "{\"dns_over_https\": {\"mode\": 1}, \"browser\": []}"}) {
-    EXPECT_EQ(text(parse_chromium_state(junk)), "? ?") << junk;
+            "off on off ");
+  EXPECT_EQ(text(parse_firefox_preferences("//user_pref(\"network.http.http3.enable\", false);\n"
+                                           "user_pref(\"network.dns.echconfig.enabled\"")),
+            "? ? ? ");
+  EXPECT_EQ(text(parse_chromium_state(R"({"browser": {"enabled_labs_experiments": [1, "enable-quic@2"]}})")),
+            "off ? ? ");
+  for (const char* junk : {"", "[]", "{\"browser\": 7}", "{\"browser\": []}"}) {
+    EXPECT_EQ(text(parse_chromium_state(junk)), "? ? ? ") << junk;
   }
 }
 

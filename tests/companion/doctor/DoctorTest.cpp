@@ -37,8 +37,7 @@ Facts sound_machine() {
   BrowserFacts firefox;
   firefox.browser = {
       "Firefox", "/f.desktop", "firefox", BrowserPackage::Program, BrowserFamily::Firefox, &policy_places().back()};
-  firefox.policy.http3 = false;
-  firefox.policy.dnsOverHttps = "off";
+  for (HidingFeature feature : kHidingFeatures) firefox.policy.features[feature].isOn = false;
   facts.browsers = {firefox};
   return facts;
 }
@@ -107,24 +106,29 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        "add it there"},
       {"browser that is a script", [](Facts& f) { f.browsers[0].browser.identifier = "python3.11"; }, "browser",
        Result::Problem, "another browser"},
-      {"HTTP/3", [](Facts& f) { f.browsers[0].policy.http3.reset(); }, "http3", Result::Warning, "policy install"},
-      {"HTTP/3 in one of two profiles",
+      {"HTTP/3", [](Facts& f) { f.browsers[0].policy.features[HidingFeature::Http3] = {}; }, "http3", Result::Warning,
+       "policy install"},
+      {"encrypted hellos allowed by a policy",
        [](Facts& f) {
-         f.browsers[0].policy.http3.reset();
-         f.browsers[0].profiles = {{"/p", false, {}}, {"/q", {}, {}}};
+         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {true, "/p"};
        },
-       "http3", Result::Warning, "unfiltered"},
-      {"DNS over HTTPS in one of two profiles",
+       "encrypted-hello", Result::Warning, "allowed by /p"},
+      {"encrypted hellos in one of two profiles",
        [](Facts& f) {
-         f.browsers[0].policy.dnsOverHttps.reset();
-         f.browsers[0].profiles = {{"/p", {}, "off"}, {"/q", {}, "secure"}};
+         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {};
+         f.browsers[0].profiles.resize(2);
+         f.browsers[0].profiles[0].features[HidingFeature::EncryptedHello] = false;
        },
-       "dns-over-https", Result::Warning, "secure, by /q"},
-      {"DNS over HTTPS by default", [](Facts& f) { f.browsers[0].policy.dnsOverHttps.reset(); }, "dns-over-https",
-       Result::Unknown, "--no-doh"},
-      {"a Flatpak's HTTP/3",
-       [](Facts& f) { f.browsers[0].policy.http3.reset(), f.browsers[0].browser.place = nullptr; }, "http3",
-       Result::Warning, "about:config"},
+       "encrypted-hello", Result::Warning, "unfiltered"},
+      {"connections for several names",
+       [](Facts& f) { f.browsers[0].policy.features[HidingFeature::SharedConnections] = {}; }, "shared-connections",
+       Result::Warning, "policy install"},
+      {"a browser without policies",
+       [](Facts& f) {
+         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {};
+         f.browsers[0].browser.place = nullptr;
+       },
+       "encrypted-hello", Result::Warning, "about:config"},
   };
   for (const auto& c : cases) {
     Facts facts = sound_machine();
