@@ -4,7 +4,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/linux/netfilter/FirstFlight.h"
+#include "platform/linux/flow/FirstFlight.h"
 
 using namespace orvane;
 

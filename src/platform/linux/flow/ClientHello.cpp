@@ -46,6 +46,10 @@ ClientHelloReader::State ClientHelloReader::read(std::span<const uint8_t> bytes)
   return state_;
 }
 
+ClientHelloReader::State ClientHelloReader::readHandshake(std::span<const uint8_t> bytes) {
+  return state_ == State::Open ? state_ = readMessage(bytes) : state_;
+}
+
 ClientHelloReader::State ClientHelloReader::readMessage(std::span<const uint8_t> fragment) {
   State state = State::Open;
   while (state == State::Open && !fragment.empty()) {

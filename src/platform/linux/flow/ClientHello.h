@@ -26,6 +26,10 @@ class ClientHelloReader {
   // hello anywhere.
   State read(std::span<const uint8_t> bytes);
 
+  // The same for a hello that is not in TLS records: QUIC has records of its own (RFC 9001, section 4.1.3). The caller
+  // limits the bytes.
+  State readHandshake(std::span<const uint8_t> bytes);
+
   // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 

@@ -7,11 +7,10 @@ namespace {
 
 constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with it
 
-template <class Reader, class Bytes>
-NameState advance(Reader& reader, Bytes bytes, std::string& name) {
-  const NameState state = reader.read(bytes);
+// Sets `name` if a reader's new state is Known. Returns the state.
+NameState settle(NameState state, const std::string& written, std::string& name) {
   if (state != NameState::Known) return state;
-  name = listed_form(reader.name());
+  name = listed_form(written);
   return name.empty() ? NameState::Unknown : NameState::Known;
 }
 
@@ -27,9 +26,19 @@ ServerNameReader::State ServerNameReader::read(std::span<const uint8_t> bytes) {
     }
   }
   if (auto* hello = std::get_if<ClientHelloReader>(&reader_)) {
-    state_ = advance(*hello, bytes, name_);
+    state_ = settle(hello->read(bytes), hello->name(), name_);
   } else if (auto* request = std::get_if<RequestHostReader>(&reader_)) {
-    state_ = advance(*request, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), name_);
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    state_ = settle(request->read(text), request->name(), name_);
+  }
+  return state_;
+}
+
+ServerNameReader::State ServerNameReader::readHandshake(std::span<const uint8_t> bytes) {
+  if (state_ != State::Open || bytes.empty()) return state_;
+  if (std::holds_alternative<std::monostate>(reader_)) reader_.emplace<ClientHelloReader>();
+  if (auto* hello = std::get_if<ClientHelloReader>(&reader_)) {
+    state_ = settle(hello->readHandshake(bytes), hello->name(), name_);
   }
   return state_;
 }

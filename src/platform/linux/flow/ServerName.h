@@ -20,6 +20,9 @@ class ServerNameReader {
   // Reads the next bytes of the connection; the first call gets the connection's first bytes.
   State read(std::span<const uint8_t> bytes);
 
+  // The same for a TLS ClientHello that is not in TLS records (ClientHelloReader::readHandshake).
+  State readHandshake(std::span<const uint8_t> bytes);
+
   State state() const { return state_; }
 
   // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.

@@ -9,9 +9,9 @@
 #include <unordered_set>
 
 #include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/flow/ServerName.h"
-#include "platform/linux/netfilter/FirstFlight.h"
 #include "platform/linux/netfilter/Packet.h"
 #include "platform/linux/sockets/SocketOwner.h"
 

@@ -1,4 +1,4 @@
-#include "platform/linux/netfilter/FirstFlight.h"
+#include "platform/linux/flow/FirstFlight.h"
 
 #include <algorithm>
 

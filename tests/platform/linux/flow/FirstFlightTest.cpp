@@ -2,7 +2,7 @@
 
 #include <tuple>
 
-#include "platform/linux/netfilter/FirstFlight.h"
+#include "platform/linux/flow/FirstFlight.h"
 
 namespace orvane {
 namespace {

@@ -8,10 +8,9 @@
 
 namespace orvane {
 
-// Puts the first outbound segments of one TCP connection in order. Segments may arrive out of order, twice, or
-// overlapping. The flight (the bytes in order) starts with the segment that is added first. next() returns each byte
-// once, and a retransmission never replaces a byte. Bytes that are in order are returned at once; only bytes that
-// arrive after a gap are stored.
+// Puts the first outbound segments of one TCP connection in order, or the first CRYPTO frames of one QUIC connection.
+// Segments may arrive out of order, twice, or overlapping. next() returns each byte once, and a retransmission never
+// replaces a byte. Bytes that are in order are returned at once; only bytes that arrive after a gap are stored.
 //
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {
@@ -21,9 +20,14 @@ class FirstFlight {
   static constexpr size_t kBytesLimit = size_t{256} << 10;
   static constexpr size_t kPiecesLimit = 64;
 
-  // Adds a segment at its TCP sequence number (sequence numbers wrap at 2^32). Returns false when the flight cannot
-  // continue: more bytes or pieces would be stored than the limits allow, or the segment begins before the flight.
-  // After that every call returns false. A segment without payload is ignored, even as the first one.
+  // The flight (the bytes in order) starts with the segment that is added first.
+  FirstFlight() = default;
+  // The flight starts at this sequence number.
+  explicit FirstFlight(uint32_t begin) : begun_(true), begin_(begin) {}
+
+  // Adds a segment at its sequence number (numbers wrap at 2^32). Returns false when the flight cannot continue: more
+  // bytes or pieces would be stored than the limits allow, or the segment begins before the flight. After that every
+  // call returns false. A segment without payload is ignored, even as the first one.
   bool add(uint32_t sequence, std::span<const uint8_t> payload);
 
   // The bytes that the last add() put in order; they follow the bytes of the earlier calls. Valid until the next add(),

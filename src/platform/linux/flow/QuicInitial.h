@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/linux/flow/FirstFlight.h"
+#include "platform/linux/flow/QuicKeys.h"
+#include "platform/linux/flow/ServerName.h"
+
+namespace orvane {
+
+// Reads the server name from the first datagrams that a QUIC client sends to one server (RFC 9000, RFC 9369). The
+// client's TLS hello is in the CRYPTO frames of Initial packets. Browsers split the hello, shuffle the pieces, and send
+// them in two datagrams or more. Bytes in order are read at once; only pieces after a gap are stored, as FirstFlight
+// limits them. Not thread-safe.
+//
+// After a Retry or a Version Negotiation packet of the server, the client begins again with a new connection ID, and so
+// with new keys; the reader then begins again, too.
+class QuicInitialReader {
+ public:
+  // Unknown: the datagram belongs to another protocol, or to a QUIC connection whose begin was not read; or the hello
+  // is malformed, has no name or is too long.
+  using State = NameState;
+
+  // Limit on the bytes of the hello that are read.
+  static constexpr size_t kLimit = ClientHelloReader::kLimit;
+
+  // Reads the next datagram from the client.
+  State read(std::span<const uint8_t> datagram);
+
+  // Whether the last datagram consisted of Initial packets that were read, and so contains no part of a request. It is
+  // false for a datagram with 0-RTT packets (requests that a client may send together with its hello), with an unknown
+  // version of QUIC, or with packets that follow a finished handshake although the hello was not complete.
+  bool isReadable() const { return isReadable_; }
+
+  // The number of the hello's bytes in order so far.
+  uint64_t length() const { return handshake_.length(); }
+
+  // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.
+  const std::string& name() const { return hello_.name(); }
+
+ private:
+  struct Header;
+  static std::optional<Header> parseHeader(std::span<const uint8_t> bytes);
+
+  std::optional<std::vector<uint8_t>> open(const Header& header, std::span<const uint8_t> packet);
+  bool readFrames(std::span<const uint8_t> frames);
+
+  State state_ = State::Open;
+  bool hasBegun_ = false;  // an Initial packet was read
+  bool isReadable_ = false;
+  std::optional<QuicKeys> keys_;
+  FirstFlight handshake_{0};
+  ServerNameReader hello_;
+};
+
+}  // namespace orvane
