@@ -50,8 +50,9 @@ void Table::erase(const Value& key) {
   size_t hole = slotOf(key);
   slots_[hole] = {};
   --size_;
-  // A search begins at a key's home slot and stops at the first empty slot. So an entry behind the hole moves into the
-  // hole if its home slot is at or before the hole: otherwise the search for the entry would stop at the hole.
+  // A search begins at a key's home slot and stops at the first empty slot. So if an entry is behind the hole, and its
+  // home slot is at or before the hole, a search for the entry would stop at the hole. Such an entry moves into the
+  // hole.
   for (size_t index = (hole + 1) & mask; !slots_[index].key.isNil(); index = (index + 1) & mask) {
     const size_t home = slots_[index].key.hash() & mask;
     if (((index - home) & mask) < ((index - hole) & mask)) continue;

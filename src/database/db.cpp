@@ -47,7 +47,7 @@ void add_to_hostnames(Table& hostnames, const Value& value) {
 
 void db_hostname_set(const Value& hostnames) {
   // A long list takes long to insert and to free, and verdicts must not wait for that. So the new table is built before
-  // locking, swapped in, and the old one freed after unlocking.
+  // locking, and the old table is freed after unlocking. While the lock is held, the tables only change places.
   auto table = std::make_unique<Table>();
   // Reserve an eighth more than the list needs. Otherwise the names that are added one by one later would soon make the
   // table grow, and it would grow while the lock is held.

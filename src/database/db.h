@@ -4,8 +4,9 @@
 
 #include "platform/Value.h"
 
-// The block database: the host names to block, which are called "held" names, their properties (db_properties.h), and
-// the identifiers of browsers (db_browsers.h). The process has one block database, in memory only.
+// The block database. It contains the host names to block, which are called "held" names, the properties of these names
+// (db_properties.h), and the identifiers of browsers (db_browsers.h). The process has one block database, in memory
+// only.
 //
 // Every function except db_init and db_term may be called on any thread. The caller keeps ownership of the arguments.
 // No function fails: if an argument has the wrong type, a function does what its comment says.

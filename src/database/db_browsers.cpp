@@ -32,8 +32,8 @@ void add_to_browsers_identifiers(const Value& value) {
 
 // Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // The list is read once, and at most 1024 bytes of it (docs/compatibility.md gives the reason). The rest of a longer
-  // list is cut off, so the parser rejects the list. The limit does not apply to a stream that gives access to its own
+  // A single call reads the list, and reads at most 1024 bytes (docs/compatibility.md gives the reason). A longer list
+  // is cut off there, so the parser rejects it. The limit does not apply to a stream that gives access to its own
   // buffer.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;

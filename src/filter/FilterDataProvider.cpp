@@ -76,7 +76,7 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
 void FilterDataProvider::logQuestion(std::span<const uint8_t> readBytes) const {
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: DNS flow");
   // The chunk is parsed as a question from its first byte on, although a DNS header, and over TCP a length, come before
-  // the question. That is frozen (docs/compatibility.md). No verdict depends on the result.
+  // the question. This start is frozen (docs/compatibility.md). No verdict depends on the result.
   dns_question_t* question =
       dns_parse_question(reinterpret_cast<const char*>(readBytes.data()), static_cast<uint32_t>(readBytes.size()));
   if (question == nullptr) {
@@ -116,7 +116,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
 }
 
 NEFilterDataVerdict FilterDataProvider::handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) {
-  // The port is not checked here: at the end of its data, a DNS flow is judged by its host name, as any other flow is.
+  // The port is not checked here: when a DNS flow's data ends, the host name decides, as for any other flow.
   const NEFilterSocketFlow* socket = socketFlow(flow);
   const std::optional<std::string> hostname = socket == nullptr ? std::nullopt : socket->remoteHostname();
   if (!hostname) {

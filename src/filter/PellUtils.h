@@ -7,7 +7,7 @@
 // Properties that the providers read from any flow.
 namespace orvane {
 
-// The flow itself, or null when it is not a socket flow.
+// The flow as a socket flow. Null when it is not a socket flow.
 const NEFilterSocketFlow* socketFlow(const NEFilterFlow& flow);
 bool isSocketFlow(const NEFilterFlow& flow);
 

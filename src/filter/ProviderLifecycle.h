@@ -14,10 +14,10 @@ namespace orvane {
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler);
 
-// Calls the handler before it returns. A provider has nothing to release when it stops.
+// Calls the handler, and then returns: a provider has nothing to release when it stops.
 void stop_filter(const os_log_t& log, const std::function<void()>& completionHandler);
 
-// A rule that passes all outbound flows to this port, on any host, to the provider.
+// A rule for all outbound flows to this port, on any host: the platform asks the provider about these flows.
 NEFilterRule outbound_rule(const char* port, NENetworkRuleProtocol protocol);
 
 // Appends a rule for TCP to each web port: 80, 443.

@@ -26,7 +26,7 @@ enum class Links { Follow, Refuse };
 // The first bytes of a regular file, at most `limit`. Nothing when the file cannot be read or is not a regular file. If
 // the path is a pipe, the function returns without waiting for a writer.
 std::optional<std::string> read_file_start(const std::string& path, size_t limit, Links links);
-// `path` is relative to the open folder `folder`.
+// Does the same for a `path` that is relative to the open folder `folder`.
 std::optional<std::string> read_file_start_at(int folder, const char* path, size_t limit, Links links);
 
 // The next version of a file. It is written under a temporary name and then renamed, so that at every moment, even if

@@ -17,7 +17,7 @@ struct SocketAddress {
   uint32_t scope = 0;                 // interface index of a link-local address, else 0
   std::array<uint8_t, 16> address{};  // network byte order; IPv4 uses the first four, the others are 0
 
-  // Nothing for another family, and when `length` is too short for the family.
+  // Nothing for a family other than AF_INET and AF_INET6, and when `length` is too short for the family.
   static std::optional<SocketAddress> from(const sockaddr* address, socklen_t length);
   static SocketAddress v4(const uint8_t* address, uint16_t port);
   static SocketAddress v6(const uint8_t* address, uint16_t port, uint32_t scope = 0);

@@ -11,7 +11,8 @@ namespace {
 
 constexpr size_t kLongestName = 253;  // RFC 1035, section 2.3.4, without the dot of the root
 
-// The newer one of the list that Debian's package publicsuffix installs and of the list in the library.
+// The newer of two versions of the Public Suffix List: the file of Debian's package publicsuffix, and the version that
+// is compiled into the library.
 const psl_ctx_t* public_suffixes() {
   static const psl_ctx_t* const list = psl_latest(nullptr);
   return list;

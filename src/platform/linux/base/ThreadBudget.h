@@ -7,8 +7,8 @@
 
 namespace orvane {
 
-// An amount of processor time that the calling thread may use. The time that it waits for a processor does not count:
-// otherwise another user could make a search fail by keeping the machine busy.
+// An amount of processor time that the calling thread may use. The time during which the thread waits for a processor
+// does not count: otherwise another user could make a search fail by keeping the machine busy.
 class ThreadBudget {
  public:
   explicit ThreadBudget(std::chrono::nanoseconds time) : begin_(now()), time_(time) {}

@@ -14,8 +14,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Nil when the file cannot be read or is not a property list. That is not logged here: the look-up of a key then finds
-// nothing, and its caller reports the missing key.
+// Nil when the file cannot be read or is not a property list. Neither fault is logged here: every look-up of a key then
+// finds nothing, and the look-up's caller reports the missing key.
 Value read_information(const fs::path& path) {
   constexpr size_t kMaxLength = 1 << 20;
   const auto text = read_file_start(path, kMaxLength + 1, Links::Follow);

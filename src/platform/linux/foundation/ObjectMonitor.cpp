@@ -12,8 +12,9 @@ struct Monitor {
   size_t users = 0;  // ObjectMonitors that hold the mutex or wait for it
 };
 
-// One entry for each object whose monitor is in use. Objects never share a mutex (as hashed locks would), because a
-// thread that holds one object's monitor and takes another's could then deadlock with an unrelated thread.
+// One entry for each object whose monitor is in use. A fixed array of mutexes, indexed by a hash of the object's
+// address, would let two objects share a mutex. Then a thread that holds one object's monitor and takes another's could
+// deadlock with an unrelated thread.
 struct MonitorTable {
   std::mutex mutex;
   std::unordered_map<const NSObject*, Monitor> monitors;  // the address of an entry never changes

@@ -27,13 +27,14 @@ class ProviderHost {
  public:
   using CreateProvider = Ref<NEFilterDataProvider> (*)();
 
-  // The host of this process. Never destroyed, because threads of connections may outlive main().
+  // The process's only ProviderHost. Never destroyed, because threads of connections may outlive main().
   static ProviderHost& shared();
 
   void registerClass(std::string_view name, CreateProvider create);
 
   // Makes the provider and starts it on another thread. If the bundle names no known class, or if the thread cannot be
-  // started, reports the reason and returns false. Failures on the other thread are only reported.
+  // started, reports the reason and returns false. A failure on the other thread is reported, but does not change the
+  // result.
   bool start();
 
   // Starts a flow source for the provider in place of the previous one. Returns the reason on failure.

@@ -55,8 +55,8 @@ std::string join(std::string folder, const std::string& name) {
   return folder += name;
 }
 
-// Two desktop entries name `program`. Returns whether the entry with the ID `left` claims it, rather than the entry
-// with the ID `right`.
+// Two desktop entries name `program`. Returns whether the program belongs to the entry with the ID `left`, and not to
+// the entry with the ID `right`.
 bool is_preferred(const std::string& program, const std::string& left, const std::string& right) {
   const std::string_view name = file_name(program);
   if ((left == name) != (right == name)) return left == name;
@@ -156,8 +156,8 @@ class EntryReader {
     std::string resolved = resolve_links(path);
     struct stat status;
     if (::stat(resolved.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-      // The package may be half installed. So the program's folder is recorded, too: when it changes, the entries are
-      // read again.
+      // The program's package may be half installed. So the program's folder is recorded, too: when the folder changes,
+      // the entries are read again.
       if (!path.empty()) recordState(parent_folder(path));
       return;
     }

@@ -57,7 +57,7 @@ std::vector<std::string> split_command_line(std::string_view line) {
 }
 
 // The program that a command line starts. If the line begins with env(1), the program is the first word after env's
-// options and assignments. Empty if the line starts no program, or hides it in an option of env.
+// options and assignments. Empty if the line names no program, or names the program inside an option of env.
 std::string program_of_command_line(std::string_view line) {
   std::vector<std::string> words = split_command_line(line);
   auto word = words.begin();

@@ -10,8 +10,9 @@
 namespace orvane {
 
 // While an object of this class exists, its thread looks up the identity of each process only once: Security.h and
-// Process.h give the first answer again. The provider is asked about one flow under several names, and each time asks
-// whose flow it is. Keep the object only for this time, because a process can start another program afterwards.
+// Process.h give the first answer again. The platform asks the provider about one flow under several names, and each
+// time the provider asks whose flow it is. Keep the object only while the platform asks about one flow, because a
+// process can start another program later.
 //
 // A thread has one such object at a time.
 class IdentityAnswers {
@@ -41,7 +42,8 @@ class IdentityAnswers {
   }
 
  private:
-  // A flow has one audit token and one responsible process, so these lists have at most two entries.
+  // Only two processes matter for a flow: the one that opened it, and the one that is responsible for it. So each list
+  // has at most two entries.
   template <class Key, class Answer>
   using Answers = std::vector<std::pair<Key, Answer>>;
 

@@ -94,8 +94,8 @@ std::string application_of_unit(std::string_view unit) {
   return unescape_unit(parts.back());
 }
 
-// Whether this process finds the same file at the executable's path. It does not if the executable runs in a container
-// or a snap, because a container or a snap has a /usr of its own.
+// Whether the calling process, too, finds this file at the executable's path. For an executable in a container or a
+// snap, it finds another file or none, because a container or a snap has a /usr of its own.
 bool is_visible_here(const Executable& executable) {
   struct stat status;
   return executable.inode != 0 && ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
@@ -207,9 +207,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
     }
   }
   // The control group names the snap from which the process was started. The process may still run a program of the
-  // system: for example, a browser that was started in the terminal of an editor from a snap. Files of the system are
-  // visible here, and those of the snap are not. So the control group counts only if the executable is not visible
-  // here.
+  // system: for example, a browser that was started in the terminal of an editor from a snap. The calling process sees
+  // the files of the system, but not those in the snap's own /usr. So the control group counts only if the executable
+  // is not visible here.
   if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
     program.package = snap_of_control_groups(process.controlGroups());
   }

@@ -60,10 +60,10 @@ class ProcessIdentity {
   };
 
   // Null when the process does not exist. A browser opens many connections at once, so a result is cached for half a
-  // second, as long as the process lives and runs the same executable.
+  // second. During this time it is used only if the process still exists and runs the same executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
-  // The application ID of the program's package or desktop entry. Nothing for other programs.
+  // The application ID of the program's package or desktop entry. Nothing for a program that has neither.
   std::optional<std::string> applicationOf(const Program& program);
 
   // The program's application ID, else the name of its AppImage, else the executable's file name. So even a browser

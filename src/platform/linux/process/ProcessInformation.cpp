@@ -17,8 +17,8 @@
 namespace orvane {
 namespace {
 
-// Limit for each file in /proc/pid. Only `cgroup` can be longer, because a process may choose long names for its
-// control groups. The text of `cgroup` is then cut off.
+// Limit for each file in /proc/pid except `mounts`. Of these files, only `cgroup` can be longer, because a process may
+// choose long names for its control groups. The text of `cgroup` is then cut off.
 constexpr size_t kFileLimit = size_t{64} * 1024;
 // The limit for `mounts` is larger, because a host with many containers has a thousand mounts.
 constexpr size_t kMountsLimit = size_t{256} * 1024;

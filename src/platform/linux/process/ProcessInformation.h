@@ -17,8 +17,8 @@ namespace orvane {
 // The file that a process runs.
 struct Executable {
   std::string path;  // absolute; the former path if the file was replaced or removed
-  // Both 0 if this process may not examine the file: a FUSE mount refuses everyone but the user who mounted it, even
-  // root.
+  // Both 0 if the calling process may not examine the file: for example, a FUSE file system refuses everyone, even
+  // root, except the user who mounted it.
   dev_t device;
   ino_t inode;
 };
@@ -51,16 +51,16 @@ class ProcessInformation {
   // (10 ms), the unit of the start time.
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
-  // The current audit token; nothing when the process has ended. The function keeps the files that it reads open, which
-  // halves the time of its next call.
+  // The current audit token; nothing when the process has ended. The function leaves open the files that it has read,
+  // which halves the time of its next call.
   std::optional<audit_token_t> auditToken() const;
 
   // Whether the process runs `file`, or any file if `file` is null. This is the cheapest way to find out whether the
   // process still exists. False when the process has ended or executable() returns nothing.
   bool runs(const Executable* file = nullptr) const;
 
-  // The file that the process runs. Nothing for a kernel thread, or if this process lacks the permission (ptrace(2),
-  // "access mode checks").
+  // The file that the process runs. Nothing for a kernel thread, or if the calling process lacks the permission
+  // (ptrace(2), "access mode checks").
   std::optional<Executable> executable() const;
 
   // The text of /proc/pid/cgroup, which all users can read. Empty when the process has ended.

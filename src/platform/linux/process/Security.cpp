@@ -31,10 +31,10 @@ void release_counted(const T* object) {
 
 }  // namespace
 
-// Holds a copy of what was known about the program when the object was made. So later calls do not need the process,
-// and an object that is never released does not keep a file open. Like SecStaticCode, it keeps the object that was made
-// from it, so that repeated questions about the same code (IdentityAnswers) are answered at once. So one thread at a
-// time may use these objects.
+// SecCode and SecStaticCode hold a copy of what was known about the program when the object was made. So later calls do
+// not need the process, and an object that is never released does not keep a file open. Each of the two also keeps the
+// object that was made from it (staticCode, information), so that a repeated question about the same code
+// (IdentityAnswers) is answered at once. No lock guards these members, so only one thread at a time may use an object.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
   Ref<SecStaticCode> staticCode;

@@ -42,8 +42,8 @@ class SocketCache {
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
       // A complete scan of a process records the location of every socket that it sees. So if a socket has no location
-      // in the process, the process did not hold it during the scan. The locations are deleted here, so earlier scans
-      // do not count as complete any more.
+      // in the process, the process did not hold it during the scan. That conclusion needs the locations, which are
+      // deleted here. So earlier scans do not count as complete any more.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;

@@ -30,7 +30,8 @@ class SocketHolders {
   ~SocketHolders();
 
   // If several processes hold the socket, chooses one of them by the rule of SocketOwners (SocketOwner.h). Nothing if
-  // no process holds the socket, if this process may not read the holder's descriptors, or if a limit was reached.
+  // no process holds the socket, if the calling process may not read the holder's descriptors, or if a limit was
+  // reached.
   // After a search without a result, calls for the same socket return nothing for two seconds.
   std::optional<ProcessInformation> find(const SocketFacts& socket);
 

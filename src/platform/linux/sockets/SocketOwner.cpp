@@ -112,8 +112,8 @@ std::optional<std::string> SocketOwners::recordOpeners() { return implementation
 std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
   auto found = implementation_->diagnostics.find(pair);
   if (pair.protocol != IPPROTO_UDP || (found && found->connected)) return found;
-  // For a datagram, socket diagnostics may find a wrong socket, because several sockets may use the port, or none,
-  // because the socket may be closed already. The kernel's record names the socket that sent the datagram.
+  // For a datagram, socket diagnostics may find a wrong socket (several sockets may use the port) or no socket (the
+  // sender may have closed it already). The kernel's record names the socket that sent the datagram.
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;
