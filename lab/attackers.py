@@ -70,7 +70,7 @@ def _open_half(_, address: str, count: int, lines: int, single: int, opened) -> 
     for connection in connections:
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connection.connect((address, 80))
-        with contextlib.suppress(ConnectionResetError):  # the extension limits a user's open flows
+        with contextlib.suppress(ConnectionResetError):  # beyond a limit, the extension resets a user's flows
             connection.sendall(b"GET / HTTP/1.1\r\n" + b"a:\r\n" * lines)
             for _ in range(single):
                 connection.sendall(b"b")
@@ -125,7 +125,7 @@ def flood():
 
 
 def half_open_flows(address: str, count: int, lines: int, single: int):
-    """Opens HTTP connections that stay open. The with block begins when all are open.
+    """Opens HTTP connections that stay open. The with block begins when all connections are open.
 
     On each connection, sends the beginning of a request head with `lines` lines, and then `single` single bytes. Needs
     root and the limit of open files, as slow_attack() does.

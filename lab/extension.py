@@ -39,7 +39,7 @@ class Extension:
     """An extension that runs for a with block. At the end of the block, an exit code other than 0 raises Failure.
 
     `directory` must not exist yet. Without a `flow_source`, the extension chooses: netfilter if possible, else the
-    proxy. Then, after the start, the member `flow_source` says what it chose. If that is the proxy, the member
+    proxy. After the start, the member `flow_source` names the chosen source. If this is the proxy, the member
     `netfilter_error` says why netfilter is unavailable.
     """
 
@@ -146,7 +146,10 @@ class Extension:
         return self._log.read_bytes()[since:].decode(errors="replace")
 
     def identifiers_judged(self, since: int) -> set[str]:
-        """The bundle identifiers that the extension looked up in the browser list, read from the log after `since`."""
+        """The bundle identifiers that the extension looked up in the browser list.
+
+        Reads them from the log after its first `since` bytes.
+        """
         return set(re.findall(r"\[Database\] db_is_browser (.*) : [01]\n", self.log_text(since)))
 
     def log_end(self) -> str:

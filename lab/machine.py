@@ -119,7 +119,7 @@ class Machine:
             self.run("mount", "--rbind", path, f"/outside{path}")
 
     def _leader(self) -> int | None:
-        """The process id that the container's first process has on the test's machine; None if it does not run."""
+        """The process id that the container's first process has on the test's machine. None if no container runs."""
         task = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
         children = task.read_text().split()
         return int(children[0]) if children else None

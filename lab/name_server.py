@@ -10,7 +10,7 @@ _NO_SUCH_NAME = 3
 
 
 def question(name: str, identifier: int = 1, kind: int = _A) -> bytes:
-    """A query for one name, in the form for UDP."""
+    """A query for one name, as it is sent over UDP. Over TCP, its length must precede it."""
     labels = b"".join(bytes([len(label)]) + label.encode() for label in name.split("."))
     return struct.pack("!6H", identifier, 0x0100, 1, 0, 0, 0) + labels + struct.pack("!BHH", 0, kind, 1)
 

@@ -41,8 +41,8 @@ class Seen:
 
 
 def _after_reset(proxy: str | None) -> list[str]:
-    # The proxy drops a request by the answer 403. It resets a connection only if it drops the data in a tunnel that is
-    # already open.
+    # If the proxy drops a request, it answers with 403. It resets a connection only if it drops the data in a tunnel
+    # that is already open.
     return [DROP, DROP_AT_DATA] if proxy is None else [DROP_AT_DATA]
 
 

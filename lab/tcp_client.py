@@ -14,7 +14,7 @@ from multiprocessing.managers import BaseManager
 
 from tcp_peer import Script
 
-_TIMEOUT = 120  # seconds; a long text of which small segments are lost takes a minute
+_TIMEOUT = 120  # seconds; a long text in small segments takes a minute if some of them are lost
 _GATE_TIMEOUT = 300  # longer, because a whole attack can take place before the gate's file exists
 _SKIP_8_BYTES = struct.pack("!BBBBI", 0, 0, 1, 4, 0)  # an extension header of one PadN option, RFC 8200, section 4.2
 _RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() sends a reset, so no TIME-WAIT state keeps the port
@@ -41,7 +41,7 @@ def _may_pass(gate: str) -> bool:
 
 
 def _exchange(connection: socket.socket, text: bytes, pauses: dict, answer: float, gate: str | None) -> tuple:
-    """Sends the text, in one write for each piece that `pauses` separates, and reads until the exchange ends.
+    """Sends the text, in one write for each piece between two of the `pauses`, and reads until the exchange ends.
 
     The exchange ends when the server has acknowledged all text and sent `answer` bytes, when the connection was reset,
     or after a timeout. With a gate, the writes after the first wait until the gate's file exists. Returns the received
@@ -85,9 +85,9 @@ def _connect(script: Script, address: str, gate: str | None) -> tuple:
 
 class _Client:
     def play(self, script: Script, address: str, gate: str | None) -> tuple[bytes, str]:
-        """Plays the script's earlier connection, if it has one, and then its own. Returns what _exchange() returns.
+        """Plays script.earlier, if it exists, and then the script. Returns what _exchange() returns for the script.
 
-        With an earlier connection, the gate is between the two connections.
+        If script.earlier exists, the gate is between the two connections.
         """
         try:
             if script.earlier:

@@ -39,7 +39,7 @@ class Script:
     port: int  # of the server
     is_held: bool = False  # the filter drops this flow, so the client waits for a reset
     text: bytes = b""  # what the client sends
-    named: tuple[int, int] = (0, 0)  # the host's name in the text: its first position, and the one after it
+    named: tuple[int, int] = (0, 0)  # the host's name in the text: its first position, and the first one after it
     pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}: the client pauses there
     has_syn_payload: bool = False
     extension_headers: list[int] = dataclasses.field(default_factory=list)  # socket options like IPV6_DSTOPTS
@@ -50,14 +50,14 @@ class Script:
     first_window: int = 0  # the client may first send up to this position
     window: int = 65535  # the window from first_window on
     window_until: int = 0  # from this position on, the window is 65535
-    pause: float = 0  # if not 0: from pause_at on, the window is zero for so many seconds
+    pause: float = 0  # if not 0: from pause_at on, the window is zero for this many seconds
     pause_at: int = 0
     lost: list[int] = dataclasses.field(default_factory=list)  # which segments with payload are lost; the first is 1
     sack: bool = False
-    reneges: bool = False  # drops the segments after a gap, which it may have confirmed by SACK
+    reneges: bool = False  # drops segments that arrive after a gap, even if it has confirmed them by SACK
     repeated_acks: int = 0
     stray_acks: bool = False  # also sends acknowledgments of bytes that are far away or already acknowledged
-    keepalive: float = 0  # if not 0, the server sends an acknowledgment after so many seconds
+    keepalive: float = 0  # if not 0, the server sends an acknowledgment after this many seconds
     mtu: int = 0  # if not 0, an ICMP error with this MTU answers the first segment with payload
     syn_flags: int = 0  # more flags of SYN-ACK segments
     flags: int = 0  # more flags of ACK segments
@@ -65,7 +65,7 @@ class Script:
     takes_syn_payload: bool = True
     opening: str = "SYN-ACK"  # or "SYN" instead of it, or "RST" or "wrong acknowledgment" ahead of it
     primed: int = 0  # if not 0, the flags of a segment to the client's port before the client connects
-    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, sent when it is reached)
+    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, what is sent there)
     answer_delay: float = 0
     sends_once: bool = False  # no retransmissions
     end: tuple[int, int] | None = None  # (position, how the server ends the connection there: FIN or RST)
@@ -136,7 +136,7 @@ class Connection:
 
     def take(self, flags: int, sequence: int, acknowledgment: int, payload: bytes, packet: bytes) -> None:
         offset = (sequence + bool(flags & SYN) - self.initial - 1 + (1 << 31)) % (1 << 32) - (1 << 31)
-        # The server has seen these bytes, even if the script says that they are lost.
+        # These bytes count as seen by the server, even if the script says that they are lost.
         self._named_missing.difference_update(range(max(offset, 0), offset + len(payload)))
         if flags & RST:
             # Until the connection is established, a reset only rejects what the script sent ahead of the SYN-ACK.
@@ -296,7 +296,7 @@ class Peer:
         for family in self.families:
             more = ["nodad"] if family == 6 else []
             self._ip(f"-{family}", "address", "add", _LOCAL[family], "dev", _DEVICE, *more)
-        # In the floods, hundreds of segments wait for the peer's thread. Beyond the queue's length they are lost.
+        # In the floods, hundreds of segments wait for the peer's thread. The device loses segments beyond txqueuelen.
         self._ip("link", "set", _DEVICE, "txqueuelen", "10000", "up")
         self._servers: dict[bytes, tuple[list[Script], list[Connection]]] = {}  # by address
         self._by_endpoints: dict[tuple, Connection] = {}
@@ -312,7 +312,7 @@ class Peer:
             raise Unavailable("ip is not installed") from None
 
     def serve(self, address: str, script: Script) -> None:
-        """The first connection follows the script's earlier connection, if it has one. All others follow the script."""
+        """If script.earlier exists, the first connection follows it, and all other connections follow the script."""
         server = ipaddress.ip_address(address).packed
         self._servers[server] = [script.earlier, script] if script.earlier else [script], []
         if script.primed:

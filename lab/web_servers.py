@@ -70,7 +70,7 @@ class _Server(http.server.ThreadingHTTPServer):
         socketserver.TCPServer.server_bind(self)  # HTTPServer's method would look up the host name
 
     def handle_error(self, *_):
-        pass  # nothing is reported: the filter resets connections on purpose
+        pass  # report no error: the filter resets connections on purpose
 
 
 class WebServers:

@@ -1,4 +1,4 @@
-"""What the clients and the servers do, as tables. The arguments of make() determine all of a script."""
+"""What the clients and the servers do, as tables. The arguments of make() determine the whole script."""
 
 import dataclasses
 import random
@@ -13,7 +13,7 @@ FORGOTTEN = 2  # seconds after which connection tracking has forgotten a connect
 
 
 def request(number: random.Random, host: str, length: int) -> tuple[bytes, tuple[int, int]]:
-    """A request head of about that length, and where its Host line is."""
+    """A request head of about `length` bytes, and where its Host line is."""
     cuts = sorted(number.randrange(max(length - 99, 1)) for _ in range(2))
     target, before, behind = cuts[0], cuts[1] - cuts[0], max(length - 100, 0) - cuts[1]
     line = f"Host: {host}\r\n".encode()
@@ -28,7 +28,7 @@ def _extension(kind: int, data: bytes) -> bytes:
 
 
 def hello(number: random.Random, host: str, length: int) -> tuple[bytes, tuple[int, int]]:
-    """A TLS client hello (RFC 8446, section 4.1.2) of about that length, and where its server name extension is."""
+    """A TLS client hello (RFC 8446, section 4.1.2) of about `length` bytes, and where its server name extension is."""
     SERVER_NAME, PADDING, VERSIONS, PRE_SHARED_KEY = 0, 21, 43, 41
     record = number.choice([16384, 16384, 4000, 300])
     filler, name = max(length - 150, 0), host.encode()
@@ -62,7 +62,7 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """Only six windows are narrow, to save time: the kernel sends a part of a segment only every 200 ms."""
+    """Keeps the window narrow for six windows of text only: the kernel fills a narrow window only every 200 ms."""
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}
