@@ -1,6 +1,6 @@
 // million_names preloads this library into the extension. The library measures the longest time for which a thread
-// holds the database's lock, and prints this time on SIGUSR2. It recognises the lock, because no other recursive mutex
-// is in the program's static memory.
+// holds the database's lock, and prints this time on SIGUSR2. It recognises the lock by its kind and its address: no
+// other recursive mutex is in the program's static memory.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>

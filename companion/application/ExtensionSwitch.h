@@ -18,7 +18,8 @@
 // Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
-// Both send a request. A new request replaces an earlier one that still waits for the user's approval.
+// activate and deactivate each send a request. A new request replaces an earlier one that still waits for the user's
+// approval.
 - (void)activate;
 - (void)deactivate;
 

@@ -2,13 +2,13 @@
 
 #import <Foundation/Foundation.h>
 
-// Shows the states of the switches. Called on the main thread after a state has changed.
+// Shows the states of the switches. A switch calls switchChanged on the main thread after its state has changed.
 @protocol SwitchObserver
 - (void)switchChanged;
 @end
 
-// The base class of the two switches. Keeps the extension's identifier, and the state as a text. Use it on the main
-// thread.
+// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state as a text. Use it
+// on the main thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // the extension's identifier

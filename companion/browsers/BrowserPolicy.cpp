@@ -23,7 +23,7 @@ constexpr size_t kPolicyLimit = size_t{1} << 20;
 constexpr const char* kOurFile = "orvane-se.json";
 constexpr const char* kFirefoxFile = "policies.json";
 
-// The policies that switch features off. A path leads to a policy in the JSON file (RFC 6901).
+// The policies that switch features off. `path` leads to the policy in the JSON file, as a JSON pointer (RFC 6901).
 struct Policy {
   BrowserFamily family;
   HidingFeature feature;
@@ -53,10 +53,10 @@ std::string flatpak_architecture() {
   return ::uname(&system) == 0 ? system.machine : "x86_64";
 }
 
-// Sources: Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (Ubuntu's builds read the
-// second folder below), the vendors' pages on policies for Edge, Brave and Firefox, Mozilla's "Firefox administrator
-// reference" and the README of Flathub's org.chromium.Chromium. The Flatpaks of Chrome, Edge and Brave read the same
-// folders as the other packages of these browsers.
+// Sources of the folders: Google's "Chrome Browser quick start (Linux)", Chromium's "Linux Quick Start" (Ubuntu's
+// builds read the second folder below), the vendors' pages on policies for Edge, Brave and Firefox, Mozilla's "Firefox
+// administrator reference" and the README of Flathub's org.chromium.Chromium. The Flatpaks of Chrome, Edge and Brave
+// read the same folders as the other packages of these browsers.
 std::vector<PolicyPlace> make_places() {
   using enum BrowserFamily;
   const std::string parent = "/var/lib/flatpak", extensions = parent + "/extension/";
@@ -68,7 +68,8 @@ std::vector<PolicyPlace> make_places() {
       {"Microsoft Edge", Chromium, "/etc/opt/edge/policies/managed", kOurFile, "/etc/opt", "com.microsoft.Edge"},
       {"Brave", Chromium, "/etc/brave/policies/managed", kOurFile, "/etc", "com.brave.Browser"},
       {"Firefox", Firefox, "/etc/firefox/policies", kFirefoxFile, "/etc", ""},
-      // "1" is the version of this extension point. Without a name after "Extension.", Chromium would not start.
+      // The "1" in this path is the version of Flatpak's extension point. Without a name after "Extension.", Chromium
+      // would not start.
       {"Chromium (Flatpak)", Chromium,
        extensions + "org.chromium.Chromium.Extension.orvane-se/" + architecture + "/1/policies/managed", kOurFile,
        parent, "org.chromium.Chromium"},
@@ -150,8 +151,8 @@ PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   return {&place, PolicyChange::Outcome::Done, {}};
 }
 
-// What a policy file's value prescribes. For a preference, Firefox accepts a bare value, which counts as locked, or an
-// object with a value and a status.
+// Whether the file `json` switches the policy's feature on or off; no value if it does neither. For a preference,
+// Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
 std::optional<bool> read_policy(const Policy& policy, const Json& json) {
   if (!json.contains(policy.path)) return std::nullopt;
   const Json* value = &json[policy.path];

@@ -71,8 +71,9 @@ class Client {
   virtual uint64_t changesCount() = 0;
 
   // The same edits for many names. addHostnames and removeHostnames send one message per name without waiting for each
-  // reply, and return when all have been carried out, in order. setHostnames sends one message; duplicate names are
-  // merged. `progress`, if given, is called from time to time while the message is sent.
+  // reply. They return when the extension has carried out all these messages, which it does in order. setHostnames
+  // sends one message; duplicate names are merged. `progress`, if given, is called from time to time while the message
+  // is sent.
   virtual void addHostnames(std::span<const std::string> hostnames) = 0;
   virtual void removeHostnames(std::span<const std::string> hostnames) = 0;
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;

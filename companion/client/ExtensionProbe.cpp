@@ -9,7 +9,7 @@ namespace orvane {
 ExtensionProbe probe_extension(const ClientOptions& options, std::chrono::milliseconds timeout) {
   ExtensionProbe probe;
   std::unique_ptr<Client> client;
-  CallTimeout limit(timeout);  // after `client`, whose descriptor must stay open until `limit` is destroyed
+  CallTimeout limit(timeout);  // declared after `client`, whose descriptor must outlive `limit`
   try {
     client = connect_client(options);
     limit.watch(client->descriptor());

@@ -20,7 +20,7 @@ void print_lines(const BlockList& list);              // as lines of the list's 
 void print_hosts(const BlockList& list);              // one host per line
 void print_sites_json(const BlockList& list, Moment now);
 
-// Prints one error for each line of the list's file that cannot be read.
+// Prints one error for each malformed line of the list's file.
 void report_bad_lines(const BlockList& list, const std::string& path);
 
 }  // namespace orvane

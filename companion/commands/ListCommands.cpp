@@ -41,8 +41,8 @@ struct Change {
   BlockedSite site;
   bool changed = false;
   std::string outcome;                    // in words; may be empty
-  bool unblocks = false;                  // the site no longer blocks its names
-  std::vector<std::string> stillBlocked;  // the site's names that another site still blocks
+  bool unblocks = false;                  // the site's line on the list no longer blocks the site's names
+  std::vector<std::string> stillBlocked;  // the site's names that another site's line still blocks
 };
 
 // The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
@@ -122,7 +122,7 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-// The names of `site` that another site blocks.
+// The names of `site` that a line of another site still blocks.
 std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
   auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
   std::vector<std::string> names;
@@ -144,8 +144,8 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Check only after all changes, because each change may remove or suspend a site that still blocked a name of a
-    // site that was changed earlier.
+    // Check only after all changes: a later change may remove or suspend a site that still blocks a name of an earlier
+    // one.
     for (Change& each : changes) {
       if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
     }

@@ -54,8 +54,8 @@ Finding examine_identity(const InstalledBrowser& browser, const BrowserList& lis
 
 // A setting as the browser applies it. A policy overrides profiles; of several profiles, the least safe one counts.
 struct Setting {
-  std::string value;   // "on", "off" and others; empty for the browser's default
-  std::string source;  // the file that sets it
+  std::string value;   // "on" or "off"; empty if no policy fixes it and the profiles do not switch it off
+  std::string source;  // the file that contains the setting
 };
 
 Setting setting_of(const BrowserFacts& facts, HidingFeature feature) {

@@ -185,7 +185,7 @@ InForce wait_until_in_force(const std::string& statePath, const ListVersion& ver
     if (!state->connected && isCurrent(state->listVersion)) return InForce::NoExtension;
     auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
     if (left.count() <= 0) return InForce::TimedOut;
-    // If the keeper is killed, no file changes, so this also checks at intervals.
+    // If the keeper is killed, no file changes. So the loop also checks at intervals whether the keeper still runs.
     constexpr std::chrono::milliseconds kCheckInterval(500);
     pollfd waited{watch.descriptor(), POLLIN, 0};
     poll(&waited, 1, static_cast<int>(std::min(left, kCheckInterval).count()));

@@ -90,8 +90,8 @@ struct HeldNames {
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
   std::optional<Moment> nextChange;                       // when the first of these suspensions ends
 };
-// A name may belong to two sites: to one as its own name, and to another as a usual name. It is held unless both are
-// suspended.
+// A name may belong to two sites: to one as its own name, and to another as a usual name. It is held unless both sites
+// are suspended.
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

@@ -9,7 +9,7 @@ namespace {
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Whether the text has this form, in which 0 stands for any digit.
+// Whether the text has the given form, in which 0 stands for any digit.
 bool has_form(std::string_view text, std::string_view form) {
   if (text.size() != form.size()) return false;
   for (size_t i = 0; i < form.size(); ++i) {

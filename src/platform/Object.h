@@ -7,8 +7,8 @@
 
 namespace orvane {
 
-// The base class of the objects that the extension and the platform exchange. Reference-counted, thread-safe: a new
-// object has one reference, which its creator owns (see Ref::adopt).
+// The base class of the objects that the extension and the platform exchange. Reference-counted, with a thread-safe
+// count. A new object has one reference, which its creator owns (see Ref::adopt).
 class NSObject {
  public:
   NSObject(const NSObject&) = delete;

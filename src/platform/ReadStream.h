@@ -15,7 +15,7 @@ void release(const ReadStream* stream);
 // A stream of the file at a file URL, not opened yet. Null when the URL is not a file URL.
 Ref<ReadStream> read_stream_create_with_file(const std::string& url);
 
-// Opens the stream. After false, release it without closing it.
+// Opens the stream. If this returns false, release the stream without closing it.
 bool read_stream_open(ReadStream* stream);
 
 // Direct access to the stream's internal buffer: at most maxBytesToRead bytes, or all bytes if maxBytesToRead is 0.

@@ -52,7 +52,7 @@ class Ref {
   T& operator*() const { return *object_; }
   explicit operator bool() const { return object_ != nullptr; }
 
-  // Returns the object without releasing it.
+  // Returns the object without releasing the reference, and leaves this Ref empty.
   T* detach() noexcept { return std::exchange(object_, nullptr); }
 
   // Clears the reference and returns its address, for a function that stores an owned object there.

@@ -66,7 +66,7 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
-// All NaNs count as equal, whatever their bits, and so do both zeros. So all NaNs and zeros have the same hash.
+// All NaNs count as equal, whatever their bits, and so do 0 and -0. All of these get the same hash.
 size_t hash_of(double real) {
   return std::isnan(real) || real == 0 ? 0 : keyed_hash({reinterpret_cast<const char*>(&real), sizeof real});
 }

@@ -73,8 +73,9 @@ class Value {
   bool isSet() const { return kind_ == Kind::Set; }
   bool isDictionary() const { return kind_ == Kind::Dictionary; }
 
-  // Each function returns the value's content; for a value of another kind, it returns false, 0 or an empty content.
-  // Views and references are valid as long as any copy of the value exists.
+  // Each function returns the value's content. If the value is not of the kind that the function's name says, the
+  // function returns false, 0 or an empty content. Views and references are valid as long as any copy of the value
+  // exists.
   bool asBoolean() const;
   double asReal() const;  // of a number
   std::string_view asString() const;

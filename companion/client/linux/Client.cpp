@@ -248,7 +248,7 @@ std::string advice(int error, const std::string& path) {
     case ENAMETOOLONG:
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
-      // systemd makes this folder for the package's service, and only members of the service's group may enter it.
+      // systemd makes /run/orvane-se for the package's service, and only members of the service's group may enter it.
       if (path.rfind("/run/orvane-se/", 0) == 0) return access_advice();
       return "it belongs to another user: run as that user or as root";
     default:

@@ -21,8 +21,9 @@
 
 namespace orvane {
 
-// One object for each pair of subsystem and category. The objects are never freed, because the pairs are few. Each flow
-// creates a handle; after the first time, that costs only a look-up.
+// One object for each pair of subsystem and category. The objects are never freed, because the pairs are few. The core
+// calls os_log_create() for each flow, but only the first call for a pair makes an object; each later call finds it in
+// the table.
 class LogHandle {
  public:
   LogHandle(std::string_view subsystem, std::string_view category);
@@ -96,7 +97,7 @@ constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
 constexpr std::array<const char*, 4> kLevelNames = {"default", "info", "debug", "error"};
 constexpr std::array<const char*, 4> kPriorities = {"PRIORITY=5", "PRIORITY=6", "PRIORITY=7", "PRIORITY=3"};
 
-// False when there is no journal or it does not accept the message.
+// False if there is no journal, or if the journal does not accept the message.
 bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view message) {
   // sd_journal_sendv(3) reports success even if no journal is running.
   if (::access(kJournalSocket.data(), F_OK) != 0) return false;

@@ -7,8 +7,8 @@ namespace orvane {
 template <class Signature>
 class Block;
 
-// Keeps a block alive after the call that passed it: copies it from the stack and releases it with the last copy of
-// this value. Needs a compiler with blocks, but no Objective-C.
+// Keeps a block alive after the call that passed it: copies the block from the stack, and releases it when the last
+// copy of this object is destroyed. Needs a compiler with blocks, but no Objective-C.
 template <class Result, class... Arguments>
 class Block<Result(Arguments...)> {
  public:

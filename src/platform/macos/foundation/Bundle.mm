@@ -8,7 +8,8 @@
 namespace orvane {
 namespace {
 
-// These functions have their own autorelease pools, because the main thread has no pool during the start.
+// string_create() and value_of_object() have autorelease pools of their own, because the main thread has no pool during
+// the start.
 Owned<CFStringRef> string_create(std::string_view text) {
   @autoreleasepool {
     return Owned(reinterpret_cast<CFStringRef>([foundation_string(text) retain]));

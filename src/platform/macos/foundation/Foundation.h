@@ -9,7 +9,7 @@
 // Wraps Foundation's errors and URLs in the platform's classes. All NSError and NSURL objects on macOS are made here.
 namespace orvane {
 
-// Both return null for nil.
+// error_of() and url_of() return null for nil.
 Ref<NSError> error_of(::NSError* error);
 Ref<NSURL> url_of(::NSURL* url);
 
