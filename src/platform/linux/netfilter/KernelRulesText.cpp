@@ -143,7 +143,7 @@ class ProviderChains {
 //       the server                                       |                                                |
 //     packet of no known connection           STRAY    the provider's rules: INVALID, or nothing          |
 //                                             INVALID  packet's bits = "pending", then the queue          |
-//     packet's bits are "dropped"             SEEN     clear them: the packet has no verdict              |
+//     packet's bits are "dropped"             SEEN     clear them: on INPUT they mean "no verdict"        |
 //                                                        |                                                |
 //                                                        +-- NF_REPEAT, packet's bits = "allowed" or -----+
 //                                                            "dropped", unless the packet is dropped
@@ -166,10 +166,10 @@ class ProviderChains {
 //   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
 //   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound, it goes to the
 //   queue, also without payload: connection tracking keeps the new connection if the segment passes, and no rule would
-//   ask about the browser's request on a connection that the server began. A SYN is an exception: it begins a
-//   connection of its own.
-// - Any remote host can send packets of no known connection. So INVALID drops those beyond a rate limit, and the others
-//   leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
+//   ask about the browser's request on a connection that the server began. An inbound SYN does not go to the queue,
+//   because it begins a new connection for the sockets, too.
+// - Any remote host can send packets of no known connection. So INVALID drops the packets beyond a rate limit. The
+//   packets below the limit leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
 // - If this machine connects to itself, the packets of both directions go through OUTPUT. So the rules test the
@@ -181,8 +181,8 @@ class ProviderChains {
 // - QUEUE ignores a RST without ACK, because such a RST answers a stray segment and ends no connection of the sender.
 // - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Datagrams beyond
 //   the limit pass. TCP needs no limit: a connection sends little before its first data are answered.
-// - Table filter also saves the bits, for packets that did not enter mangle again: those without an answer, and those
-//   that the extension sent on with NF_ACCEPT.
+// - Table filter also saves the bits, for packets that did not enter mangle again: packets that passed because no
+//   process served the queue, and packets that the extension sent on with NF_ACCEPT.
 // - DROP lets resets pass, because the reset that REJECT sends to end a connection is a packet of the same connection.
 // - The text has table filter first, so that the rules that carry out verdicts exist before the first packet is queued.
 constexpr const char* kTables = R"(*filter

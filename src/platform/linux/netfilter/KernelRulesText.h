@@ -12,8 +12,8 @@
 // The extension's kernel rules as text: written for iptables-restore(8), and found in the output of iptables-save(8).
 namespace orvane {
 
-// The extension's bits in the marks of packets and connections, in both tables of both address families. VPNs and
-// container engines use other bits; docs/linux.md lists them.
+// The extension's bits in the marks of packets and connections. The tables filter and mangle use the same bits, for
+// IPv4 and for IPv6. VPNs and container engines use other bits; docs/linux.md lists them.
 inline constexpr uint32_t kMarkMask = 0x12000000;
 inline constexpr uint32_t kMarkPending = 0x02000000;  // the connection's payload goes to the queue
 inline constexpr uint32_t kMarkAllowed = 0x10000000;
@@ -30,7 +30,8 @@ inline constexpr uint16_t kQueueNumber = 20743;
 inline const std::vector<std::string> kFilterChains{"OUTPUT"};
 inline const std::vector<std::string> kMangleChains{"INPUT", "OUTPUT"};
 
-// The rule that jumps from one of these built-in chains to our chain, as iptables-save(8) prints it.
+// The rule that jumps from a built-in chain to our chain for it, as iptables-save(8) prints the rule:
+// "-A OUTPUT -j ORVANE-OUTPUT".
 std::string jump_from(const std::string& chain);
 
 enum class AddressFamily { IPv4, IPv6 };

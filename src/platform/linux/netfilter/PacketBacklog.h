@@ -25,8 +25,8 @@ class PacketBacklog {
   // Limits on the packets of one user. Real programs stay far below the limits: a browser that restores a hundred tabs
   // sends some hundred packets at once.
   static constexpr size_t kPacketsOfUser = 4096, kBytesOfUser = size_t{16} << 20;
-  // Limit on the bytes of all users' packets. It stops somebody who has many user ids, such as the owner of a user
-  // namespace.
+  // Limit on the bytes of all users' packets. Without it, somebody who has many user ids, such as the owner of a user
+  // namespace, could fill the memory.
   static constexpr size_t kBytes = size_t{128} << 20;
   // A packet that has waited for longer than this is dropped without a verdict. Its sender will send it again.
   static constexpr std::chrono::milliseconds kLongestWait{1000};
@@ -55,7 +55,7 @@ class PacketBacklog {
   struct User {
     std::deque<Packet> packets;
     size_t bytes = 0;
-    Clock::duration used{};  // time to judge the user's packets; a new user begins at `level_`, not at 0
+    Clock::duration used{};  // the time that judging the user's packets took; begins at `level_`, not at 0
   };
 
   Packet takeOldest(User& user);

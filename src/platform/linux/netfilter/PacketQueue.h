@@ -42,7 +42,7 @@ class PacketQueue {
   // Whether open() failed because another process has the queue.
   bool isTaken() const { return taken_; }
 
-  // Binds the queue to this socket again, after the watchdog has released the queue.
+  // Binds the queue to the object's netlink socket again, after the watchdog has released the queue.
   void rebind();
 
   // The netlink socket. Non-blocking; readable when there is a message for read().
@@ -57,8 +57,9 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // The watchdog sends numbered messages with NLM_F_ACK on this socket. This is the number of the last message whose
-  // answer read() has received. The answer comes after all packets that were queued before the message was sent.
+  // The number of the watchdog's last message whose answer read() has received. The watchdog sends numbered messages
+  // with NLM_F_ACK on the netlink socket. A message's answer comes after all packets that were queued before the
+  // message was sent.
   uint32_t acknowledged() const { return acknowledged_; }
 
   // Replaces a packet's whole mark with `mark`, and sends the packet through its chain again, from the first rule on,

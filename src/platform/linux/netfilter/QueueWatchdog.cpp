@@ -53,8 +53,8 @@ std::optional<std::string> QueueWatchdog::startProcess() {
 }
 
 bool QueueWatchdog::beat() {
-  // Only one heartbeat in 16 checks whether the child has died, because under load there is a heartbeat for every
-  // packet.
+  // Only one heartbeat in 16 checks whether the child has died, because the check is a system call, and under load
+  // there is a heartbeat for every packet.
   if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
       waitpid(process_, nullptr, WNOHANG) == process_) {
     startProcess();
@@ -83,7 +83,8 @@ void QueueWatchdog::watch() {
   prctl(PR_SET_NAME, "queue-watchdog");
   // A service manager sends SIGTERM to all processes of a service. The child ignores it and ends when the pipe breaks.
   signal(SIGTERM, SIG_IGN);
-  // Close every other inherited descriptor; otherwise it would stay open after the parent closes its copy.
+  // The child needs only the queue's socket and the pipe's read end. Close every other inherited descriptor: it would
+  // stay open after the parent closes its own copy.
   int low = std::min(queueSocket_, pipeReadEnd_.get()), high = std::max(queueSocket_, pipeReadEnd_.get());
   if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
   if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);

@@ -36,9 +36,9 @@ class QueueWatchdog {
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // A heartbeat of the thread that serves the queue; call it at least twice a second. The first heartbeat starts the
-  // watch. Returns true if the queue was released since the last call; the caller must then bind the queue again. If
-  // the child has died, starts another.
+  // The thread that serves the queue calls this at least twice a second: each call is a heartbeat. The first heartbeat
+  // starts the watch. Returns true if the queue was released since the last call; the caller must then bind the queue
+  // again. If the child has died, starts another.
   bool beat();
 
   // Reports the number of the last probe whose answer the thread has read (PacketQueue::acknowledged()).
