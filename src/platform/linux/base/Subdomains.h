@@ -8,23 +8,23 @@ namespace orvane {
 // Names on the list that begin with a mark stand for a host and everything below it:
 //
 //   .example.com      example.com and all its subdomains are blocked
-//   !.x.example.com   x.example.com and all its subdomains are excepted from this
+//   !.x.example.com   x.example.com and all its subdomains are allowed, even if other names on the list cover them
 //
 // The provider compares whole names, so the platform asks it about a flow several times: under the flow's own name, and
-// under marked names, one for each of the hosts that covering_hosts() returns.
+// under names that consist of a mark and one of the hosts that covering_hosts() returns.
 inline constexpr std::string_view kSubdomainsMark = ".";
 inline constexpr std::string_view kExceptionMark = "!.";
 
-// The hosts whose marked names cover `host`: the host itself, then its parents down to its registrable domain, the name
+// The hosts whose marked names cover `host`: the host itself, then its parents up to its registrable domain, the name
 // that somebody can register. For a.b.example.co.uk these are a.b.example.co.uk, b.example.co.uk and example.co.uk; not
-// co.uk, because the names below a public suffix belong to unrelated people. Other hosts, such as a public suffix or a
-// name without a dot, are covered only by themselves. A literal address, or a name that is too long for DNS, is covered
-// by nothing. `host` must have the form that listed_form() gives; the results are views into it.
+// co.uk, because the names below a public suffix belong to unrelated people. A host without a registrable domain, such
+// as a public suffix or a name without a dot, is covered only by itself. A literal address, or a name that is too long
+// for DNS, is covered by nothing. `host` must have the form that listed_form() gives; the results are views into it.
 std::vector<std::string_view> covering_hosts(std::string_view host);
 
-// Whether the Public Suffix List contains the name, in its section of registries (co.uk) or of private owners
-// (github.io). A top-level name that the list does not contain is no public suffix here, because a local network may
-// use it for a host.
+// Whether the Public Suffix List contains the name: in the list's section of registries (co.uk), or in that of private
+// owners (github.io). A top-level name that the list does not contain is no public suffix here, because a local network
+// may use it for a host.
 bool is_public_suffix(std::string_view host);
 
 }  // namespace orvane

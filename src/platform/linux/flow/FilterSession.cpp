@@ -22,7 +22,7 @@ auto FilterSession::judge(Ask ask) {
   using Kind = decltype(verdict.kind);
   const std::vector<std::string_view> hosts =
       names_.hostName() ? covering_hosts(*names_.hostName()) : std::vector<std::string_view>();
-  // The first verdict under a marked name that is not to allow.
+  // Asks under the names with this mark until a verdict is not to allow. Returns the last verdict.
   auto askUnder = [&](std::string_view mark) {
     auto answer = decltype(verdict)::allowVerdict();
     for (size_t i = 0; i < hosts.size() && answer.kind == Kind::Allow; ++i) {

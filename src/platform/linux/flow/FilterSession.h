@@ -12,10 +12,11 @@ namespace orvane {
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
 // Each of these calls is a series of questions to the provider, because the list may contain marked names
-// (Subdomains.h). The provider sees the flow under its own name first. While the answer is to allow, it sees the flow
-// under the names with the mark of subdomains. After a drop, it sees the flow under the names with the mark of
-// exceptions; if it drops one of these, the flow is allowed. On this thread, the identity of a process is looked up
-// only once in such a series (IdentityAnswers).
+// (Subdomains.h). The provider first sees the flow under the flow's own name. While its answers are to allow, it sees
+// the flow under each name with the mark of subdomains. If an answer is to drop, it sees the flow under each name with
+// the mark of exceptions. If it answers to drop under one of these names, the list has an exception for the flow's
+// host, so the flow is allowed. During a series, the thread looks up the identity of a process only once
+// (IdentityAnswers).
 //
 // The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.

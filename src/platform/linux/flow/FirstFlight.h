@@ -8,9 +8,10 @@
 
 namespace orvane {
 
-// Puts the first outbound segments of one TCP connection in order, or the first CRYPTO frames of one QUIC connection.
-// Segments may arrive out of order, twice, or overlapping. next() returns each byte once, and a retransmission never
-// replaces a byte. Bytes that are in order are returned at once; only bytes that arrive after a gap are stored.
+// Puts in order the first outbound segments of one TCP connection, or the first CRYPTO frames of one QUIC connection
+// (here also called segments). Segments may arrive out of order, twice, or overlapping. next() returns each byte once,
+// and a retransmission never replaces a byte. Bytes that are in order are returned at once; only bytes that arrive
+// after a gap are stored.
 //
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {

@@ -49,7 +49,7 @@ class LinuxSocketFlow final : public NEFilterSocketFlow, public NamedFlow {
 };
 
 // A process's request for a URL. It is not a socket flow, because the proxy, and not the process, makes the connection
-// to the server. Under another name, the URL has only this name and no path.
+// to the server. While an alias is set, URL() is a URL with the alias as its host, and without the path.
 class LinuxURLFlow final : public NEFilterFlow, public NamedFlow {
  public:
   // `url` as the application wrote it. `host` is the host in it, in the form of the list's names (HostName.h).

@@ -53,7 +53,7 @@ void skip_acknowledgment(Fields& fields, bool hasCounts) {
 
 }  // namespace
 
-// The header of a packet that begins a connection, or that may arrive before one begins.
+// The header of a packet that begins a connection, or that may arrive before that packet.
 struct QuicInitialReader::Header {
   enum class Type { Initial, ZeroRTT, Handshake, UnknownVersion };
 
@@ -61,7 +61,7 @@ struct QuicInitialReader::Header {
   QuicVersion version{};
   Bytes destination;        // the connection ID
   size_t numberOffset = 0;  // where the packet number begins
-  size_t length = 0;        // of the whole packet; a datagram may have several
+  size_t length = 0;        // of the whole packet; a datagram may have several packets
 };
 
 // Parses the header of the first packet in `bytes` (RFC 9000, section 17.2). Returns nothing for a packet with a short
@@ -75,11 +75,12 @@ std::optional<QuicInitialReader::Header> QuicInitialReader::parseHeader(Bytes by
   if (!fields.isComplete) return std::nullopt;
   const bool isSecond = header.version == QuicVersion::V2;
   if (!isSecond && header.version != QuicVersion::V1) {
-    // Other protocols may set the highest bit, too; unlike QUIC, most of them clear the second one (RFC 9443).
+    // Other protocols may set the highest bit, too. Unlike QUIC, most of them clear the second bit (RFC 9443).
     if ((first & kFixedBit) == 0) return std::nullopt;
     return header;
   }
-  // Version 2 numbers the types in another way (RFC 9369, section 3.2). A client sends no Retry, which has no length.
+  // Version 2 numbers the packet types in another way (RFC 9369, section 3.2). After the subtraction, 3 is a Retry in
+  // both versions. Only servers send a Retry.
   const unsigned type = ((first >> 4U) - (isSecond ? 1U : 0U)) & 0b11U;
   if (type == 3) return std::nullopt;
   header.type = static_cast<Type>(type);
@@ -125,8 +126,8 @@ QuicInitialReader::State QuicInitialReader::read(Bytes datagram) {
   return state_;
 }
 
-// Decrypts an Initial packet. The connection ID in later packets of a connection is the server's choice, so the keys
-// that opened an earlier packet come first.
+// Decrypts an Initial packet. In later packets of a connection, the connection ID is the server's choice, and the keys
+// do not come from this ID. So the function first tries the keys that opened an earlier packet.
 std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header, Bytes packet) {
   if (keys_) {
     if (auto frames = keys_->open(packet, header.numberOffset)) return frames;

@@ -88,7 +88,7 @@ std::optional<std::vector<uint8_t>> QuicKeys::open(Bytes packet, size_t numberOf
   const auto mask = header_mask(headerKey_, packet.subspan(numberOffset + kSampleOffset, kSampleLength));
   if (!mask) return std::nullopt;
 
-  // The header without its protection is the additional data of the AEAD. The nonce is the number and the IV, as XOR.
+  // The header without its protection is the additional data of the AEAD. The nonce is the packet number XOR the IV.
   std::vector<uint8_t> header(packet.begin(), packet.begin() + static_cast<ptrdiff_t>(numberOffset));
   header[0] ^= (*mask)[0] & 0x0f;
   const size_t numberLength = 1 + (header[0] & 0x03U);

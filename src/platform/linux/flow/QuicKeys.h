@@ -12,9 +12,9 @@ namespace orvane {
 // A version of QUIC whose Initial packets can be read: version 1 (RFC 9000) or 2 (RFC 9369).
 enum class QuicVersion : uint32_t { V1 = 0x00000001, V2 = 0x6b3343cf };
 
-// The keys that protect the Initial packets of one client (RFC 9001, section 5.2). They come from the connection ID
-// that the client chose for the server in its first Initial packet. Everybody who sees that packet can compute them:
-// they guard against damage, not against readers.
+// The keys that protect the Initial packets of one client (RFC 9001, section 5.2). They are derived from the connection
+// ID that the client chose for the server in its first Initial packet. Everybody who sees that packet can compute the
+// keys: they protect against damage, not against readers.
 class QuicKeys {
  public:
   // The keys of a connection whose client chose the connection ID `destination`. Nothing when the crypto library fails.

@@ -141,8 +141,8 @@ void Proxy::accept() {
       if (client) {
         serve(std::move(client));
       } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-        // The client stays in the kernel's backlog, so the socket stays readable, and the loop would repeat at once.
-        // Give the system time to free resources.
+        // The client stays in the kernel's backlog, so the listening socket stays readable, and the loop would repeat
+        // at once. Give the system time to free resources.
         wait_for({}, stop_.get(), deadline_after(100ms));
       }
     }

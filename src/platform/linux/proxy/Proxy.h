@@ -38,8 +38,8 @@ class Proxy final : public FlowSource {
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
-  // Ends all connections, and waits up to 1 s for their threads. The thread of a connection that is looking up a name
-  // may outlive the call, and the proxy: it shares the ownership of what it uses.
+  // Ends all connections, and waits up to 1 s for their threads. A thread that is looking up a name may outlive the
+  // call, and even the Proxy object, because the thread shares the ownership of what it uses.
   void stop() override;
 
   // The port that the started proxy listens on.
@@ -54,7 +54,7 @@ class Proxy final : public FlowSource {
 
   uint16_t port_;
   const ProxyLimits limits_;
-  Descriptor stop_;  // an eventfd(2) that ends the acceptor
+  Descriptor stop_;  // an eventfd(2) that ends the thread acceptor_
   std::vector<Descriptor> listeners_;
   std::shared_ptr<Shared> shared_;
   std::thread acceptor_;

@@ -36,10 +36,10 @@ class ProxyPlace {
   std::atomic<Clock::time_point> lastBytes_;
 };
 
-// The places for a proxy's connections; their number is limited. If all places are taken, a new connection still gets
-// one, so that no user can keep others out. To free a place, this ends a connection of the user with the most
-// connections (the new one is counted): the connection that has passed no bytes for the longest time. So a user never
-// loses a place to another user who already has as many connections.
+// The places for a proxy's connections; the number of places is limited. If all places are taken, a new connection
+// still gets a place, so that no user can keep the other users out. To free a place, take() ends a connection of the
+// user with the most connections (the new connection is counted): the one that has passed no bytes for the longest
+// time. So a user never loses a place to another user who already has as many connections, or more.
 //
 // When a connection is ended, its place is free at once, but its thread may go on for some time, for example while it
 // looks up a name. While a user has kEndedLimit such threads, further connections of this user are refused.

@@ -8,8 +8,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// If the client sends nothing for this time, the relay asks again about the held bytes, and says so (`silent`): the
-// client probably waits for its server, and the server may wait for the held bytes.
+// If the client sends nothing for this time, the relay asks again about the held bytes, with `silent` set: the client
+// probably waits for its server, and the server may wait for the held bytes.
 constexpr auto kSilence = 3s;
 
 bool try_again() { return errno == EAGAIN || errno == EINTR; }
@@ -102,8 +102,8 @@ Wait Relay::wait() {
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
     // If a socket is shut down in both directions, poll() reports it again and again, even if no events are requested.
-    // So a socket is left out when no events are requested and nothing more will be written to it. While something may
-    // still be written to it, poll() reports a socket without requested events only after a reset.
+    // So a socket is left out when no events are requested and nothing more will be written to it. A socket that may
+    // still be written to stays in: if no events are requested, poll() reports this socket only after a reset.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
