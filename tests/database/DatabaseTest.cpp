@@ -275,7 +275,7 @@ TEST_F(BrowsersTest, MatchesEndingsExactly) {
     db_browsers_set(Value::set({text(entry)}));
     EXPECT_EQ(db_is_browser(identifier), found) << entry << " / " << identifier;
   }
-  // A match with only one of several entries.
+  // It is enough that one of several entries matches.
   db_browsers_set(Value::set({text("a"), text("b"), text("fox"), text("d"), text("e")}));
   EXPECT_TRUE(db_is_browser("firefox"));
 }

@@ -24,7 +24,7 @@ class AudtTokenTest : public testing::Test {
     stand_in::reset();
     security.identifiers = {{kPid, "org.helper"}, {7, "org.browser"}};
   }
-  // After each test, none of these objects may be alive.
+  // Dictionaries of attributes or of signing information must not outlive a test.
   ~AudtTokenTest() override { EXPECT_EQ(alive("attributes") + alive("information"), 0); }
 
   static Ref<PLAudtToken> token() { return PLAudtToken::auditTokenWithData(token_of(kPid)); }

@@ -11,7 +11,7 @@ namespace orvane {
 
 using stand_in::security;
 
-// In an object of each of these types, `content` is a pid: that of the process which the object is about.
+// In an object of each of these types, `content` is the pid of the process that the object describes.
 ORVANE_STAND_IN_COUNTED(struct, SecCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, SecStaticCode, int32_t)
 ORVANE_STAND_IN_COUNTED(struct, CodeURL, int32_t)

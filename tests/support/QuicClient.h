@@ -14,7 +14,7 @@ inline std::string number(uint64_t value, int bytes) {
   return text;
 }
 
-// A number of variable length (RFC 9000, section 16), always in 4 bytes.
+// A variable-length integer (RFC 9000, section 16), always encoded in 4 bytes.
 inline std::string variable(uint64_t value) { return number(value | 0x80000000, 4); }
 
 // A CRYPTO frame.
@@ -35,14 +35,15 @@ inline std::string expand(const std::string& secret, const std::string& label, s
   return output;
 }
 
-// Makes the long-header packets of a QUIC client (RFC 9000, RFC 9369), with keys that are derived apart from QuicKeys.
+// Makes the long-header packets of a QUIC client (RFC 9000, RFC 9369). Derives the keys without QuicKeys, which the
+// tests check.
 struct QuicClient {
   bool isSecondVersion = false;
   std::string keyID = "firstdst";  // the connection ID from which the keys come
   uint64_t number = 0;             // of the next packet
   int numberLength = 1;            // how many bytes of it are sent
 
-  // A packet with a long header: `type` is the number of the type in version 1.
+  // A packet with a long header. `type` is the number that the packet's type has in version 1 of QUIC.
   std::string packet(unsigned type, const std::string& frames, const std::string& destination,
                      const std::string& token = "") {
     const unsigned bits = isSecondVersion ? (type + 1) & 3U : type;

@@ -102,7 +102,8 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
 }
 
 // Chromium reads every file of the policy folder. If several files set the same policy, Chromium uses the file whose
-// name sorts last. A preference in Firefox's policy file counts only if the file locks it; users can change all others.
+// name sorts last. A preference in Firefox's policy file counts only if the file locks it, because users can
+// change a preference that is not locked.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root);
   write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true})");

@@ -33,7 +33,7 @@ struct Extension {
   std::string log;
   uint64_t changes = 0;
   bool isRunning = true;
-  size_t mostNames = SIZE_MAX;  // the limit for one message
+  size_t mostNames = SIZE_MAX;  // the limit on the names in one message
 };
 Extension extension;
 
@@ -178,7 +178,8 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   publish();
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
-  // The test waits for the version "w", but the keeper sends a later version of the list. This also ends the wait.
+  // The test waits for the version "w", but the keeper sends a later version of the list. The later version, too, ends
+  // the wait.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);

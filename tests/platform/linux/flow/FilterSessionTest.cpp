@@ -19,8 +19,8 @@
 namespace orvane {
 namespace {
 
-std::string identifier;  // of every process
-int lookUps;             // of the identity of a process
+std::string identifier;  // the identifier of every process
+int lookUps;             // how often something about a process was looked up
 
 }  // namespace
 
@@ -65,7 +65,7 @@ void list(std::initializer_list<std::string_view> names) {
   db_hostname_set(Value::set(std::move(set)));
 }
 
-// The verdict on a flow that sends data.
+// Whether the verdict on a flow that sends data is to drop it.
 template <class Flow>
 bool drops(const Ref<NEFilterDataProvider>& provider, const Ref<Flow>& flow) {
   const uint8_t data[] = {1};
@@ -187,8 +187,8 @@ TEST_F(FilterSessionTest, CountsAFlowOnceAndKeepsItsName) {
 TEST_F(FilterSessionTest, LooksUpTheIdentityOncePerFlow) {
   list({".held.example", "!.example"});
   const std::tuple<const char*, const char*, int> kCases[] = {
-      {"a browser", "browser", 2},         // the process, and its identifier
-      {"another program", "program", 5}};  // also the responsible process, and the same two for that
+      {"a browser", "browser", 2},         // the process; its identifier
+      {"another program", "program", 5}};  // these two; the responsible pid; that process; its identifier
   for (const auto& [description, program, expected] : kCases) {
     identifier = program;
     for (const char* host : {"", "free.example", "a.b.c.free.example", "a.b.c.held.example"}) {

@@ -30,7 +30,7 @@ std::string hello(const std::string& name, size_t more = 0) {
   return '\x01' + number(body.size(), 3) + body;
 }
 
-// The datagrams of a file in the fuzz target's corpus: each one follows its length, a number of 2 bytes.
+// The datagrams of a file in the fuzz target's corpus. In the file, each datagram comes after its length (2 bytes).
 std::vector<std::string> recorded(const std::string& file) {
   std::ifstream input(std::string(ORVANE_QUIC_RECORDS) + file, std::ios::binary);
   std::string text{std::istreambuf_iterator<char>(input), {}};
@@ -44,7 +44,7 @@ std::vector<std::string> recorded(const std::string& file) {
 }
 
 struct Outcome {
-  std::string steps;  // for each datagram: "pass" or "hold" if the name is open, "known", "unknown"
+  std::string steps;  // for each datagram: "known", "unknown", or while the name is open "pass" (readable) or "hold"
   std::string name;
 };
 

@@ -13,8 +13,8 @@ namespace orvane {
 class ScriptedProvider : public NEFilterDataProvider {
  public:
   struct Seen {
-    std::string calls;   // each with the host name that the flow had at that call
-    std::string marked;  // the marked names of the other calls
+    std::string calls;   // the calls without a marked name, each with the flow's host name at that call
+    std::string marked;  // the names of the calls with a marked name
     std::string bytes;
     Value owner;  // the owner of the last call's flow
   };

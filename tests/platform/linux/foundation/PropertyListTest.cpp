@@ -127,7 +127,8 @@ TEST(PropertyList, RejectsDamagedBinaryLists) {
     std::string bytes = binary({"\xa1\x01", "\x51X"});
     return bytes.replace(bytes.size() - fromEnd, 1, 1, byte);
   };
-  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");  // each array has the next one, once or twice
+  // In each of the two lists of objects, each array contains the next one: in `doubling`, twice.
+  std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");
   for (char i = 1; i < 100; ++i) chain[i - 1] = "\xa1"s + i;
   for (char i = 1; i < 40; ++i) doubling[i - 1] = "\xa2"s + i + i;
   expect_rejected({
@@ -161,8 +162,8 @@ TEST(ShippedBrowserLists, FitIntoOneReadOfTheExtension) {
     EXPECT_LE(bytes.size(), 1024U) << system;
     Value browsers = parse(bytes);
     EXPECT_GT(browsers.asArray().size(), 20U) << system;
-    // The filter compares an entry with the endings of identifiers. So the identifiers of other applications could
-    // match a shorter entry.
+    // The filter compares an entry with the endings of identifiers. So an entry of fewer than five characters could
+    // match applications that are not browsers.
     for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
   }
 }

@@ -42,8 +42,8 @@ class Provider final : public ScriptedProvider {
 };
 
 // Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
-// manager received, and the exit code. The provider's methods that start and stop it also send messages there: "start"
-// and "stop".
+// manager received, and the exit code. Among them are messages of Provider: "start" when the extension starts the
+// provider, and "stop" when it stops the provider.
 std::string run_extension(const Value& source, const Value& port) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
@@ -62,8 +62,8 @@ std::string run_extension(const Value& source, const Value& port) {
   setenv("NOTIFY_SOCKET", path.c_str(), 1);
   pid_t extension = fork();
   if (extension == 0) {
-    // Without a source, the extension may choose netfilter. In a network namespace it cannot change the machine's
-    // rules.
+    // Without a source, the extension may choose netfilter. In a network namespace of its own it cannot change the
+    // machine's rules.
     if (source.isNil() && unshare(CLONE_NEWNET) != 0 && geteuid() == 0) _exit(2);
     NEFilterProvider::registerProviderClass("Filter", Provider::create);
     NEFilterProvider::startSystemExtensionMode();

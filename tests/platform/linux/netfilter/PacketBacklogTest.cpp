@@ -87,7 +87,7 @@ TEST(PacketBacklog, DropsTheOldestPacketsOfWhoeverTakesTooMuchRoom) {
   };
   for (uint32_t id = 0; id <= PacketBacklog::kPacketsOfUser; ++id) add(1, id);
   EXPECT_EQ(dropped, (std::vector<std::pair<uint32_t, uint32_t>>{{1, 0}}));
-  // Eight users take all room; then another one has room for a packet.
+  // Eight users fill the backlog. The packets of a ninth user still find room.
   const std::vector<uint8_t> large(60000);
   for (uint32_t user = 10; user < 18; ++user) {
     for (uint32_t id = 0; id < PacketBacklog::kBytesOfUser / large.size(); ++id) add(user, id, large);

@@ -71,8 +71,8 @@ TEST_F(QueueWatchdogTest, ReplacesAChildThatDied) {
 
 TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
   watchdog.beat();
-  // The watchdog sends four probes a second. isLate() reads each answer two seconds (8 probes) late, which is allowed.
-  // fallsBehind() reads them later and later.
+  // The watchdog sends four probes a second. isLate() reports each answer as read two seconds (8 probes) late, which is
+  // allowed. fallsBehind() reports the answers later and later.
   const auto isLate = [this](uint32_t probe) {
     watchdog.beat();
     if (probe > 8) watchdog.setAnswered(probe - 8);

@@ -186,7 +186,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // gives the next process another start time, whose resolution is 10 ms
+      ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs another one
       if (isLostWhenClosed) continue;
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
