@@ -1,5 +1,5 @@
-# Settings that both macOS bundles share, the extension's and the application's: Objective-C++, and the names that
-# connect the two.
+# Settings that the extension's bundle and the application's bundle share on macOS: Objective-C++, and the names that
+# connect the two bundles.
 enable_language(OBJCXX)
 set(CMAKE_OBJCXX_STANDARD ${CMAKE_CXX_STANDARD})
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)

@@ -24,7 +24,7 @@ _WEB = [_HTTP_HELD, _HTTPS_HELD, _HTTP_NEWS, _HTTPS_NEWS]
 
 
 class _Stage:
-    """A running extension, and the table that shows what programs see when it filters them.
+    """A running extension, and the table that shows what programs see when the extension filters them.
 
     looks_up_browsers: whether the provider looks up each program in the browser list. If it does, the log has each
     program's identifier, and fetch() checks it.

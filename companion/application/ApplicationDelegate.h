@@ -4,6 +4,7 @@
 
 #import "companion/application/Switch.h"
 
-// The application's window: the system extension and the content filter, each with its state and two buttons.
+// Shows the application's window, which has a state and two buttons for the system extension, and the same for the
+// content filter.
 @interface ApplicationDelegate : NSObject <NSApplicationDelegate, SwitchObserver>
 @end

@@ -47,7 +47,7 @@ struct PolicyPlace {
   BrowserFamily family;
   std::string folder;   // without a trailing slash
   std::string file;     // the file in this folder that install_policies() writes
-  std::string parent;   // we create and remove only folders below this one; without it, install_policies() does nothing
+  std::string parent;   // we create and remove only folders below it; if it is missing, install_policies() does nothing
   std::string flatpak;  // the application ID of the Flatpak that reads this folder; empty if no Flatpak does
 
   std::string path() const;

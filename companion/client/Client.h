@@ -40,9 +40,9 @@ struct ClientOptions {
 };
 
 // A connection to a running extension. A call returns when the extension has carried it out, so its effect is visible
-// to every later call of any client. The comments name the expected types of the arguments, but the extension accepts
-// any value. Over the socket, the client sends any value; over XPC, it sends nil or the expected type and throws for
-// everything else. Not thread-safe.
+// to every later call of any client. The comments beside the methods name the types that the arguments should have, but
+// the extension accepts any value. Over the socket, the client sends any value; over XPC, it sends nil or the expected
+// type and throws for everything else. Not thread-safe.
 //
 // Every call may throw ClientError. The connection is then unusable, unless the client sent nothing because an argument
 // was too large for the socket or of a type that XPC cannot carry.

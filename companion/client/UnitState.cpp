@@ -80,7 +80,7 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  // The status line of an inactive service is not read, because it is that of the service's last run.
+  // The status line of an inactive service is not read, because systemd keeps the line of the service's last run.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');

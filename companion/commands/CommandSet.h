@@ -22,7 +22,7 @@ using Command = std::function<int()>;
 struct CommonOptions {
   ClientOptions client;
   bool json = false;  // print results as JSON
-  // Only on systems with a keeper: the machine's list and the keeper's state file.
+  // The paths of the machine's list and of the keeper's state file. Used only on systems with a keeper.
   std::string listPath;
   std::string keeperStatePath;
 };

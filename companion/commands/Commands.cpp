@@ -167,7 +167,7 @@ int set(const Arguments& arguments) {
   HostnameList list = parse_hostname_list(read_input(arguments.file));
   const char* source = arguments.file == "-" ? "standard input" : arguments.file.c_str();
   if (!report_refusals(list, source)) return kUsage;
-  // Fewer names are sent too quickly for anybody to read the progress.
+  // A list with fewer names is sent too quickly for anybody to read the progress.
   constexpr size_t kLarge = 10000;
   bool showProgress = list.names.size() >= kLarge && isatty(STDERR_FILENO) == 1;
   struct EraseLine {

@@ -106,7 +106,8 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
     lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
                     std::to_string(keeper->process));
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
-    // If orvanectl itself cannot reach the extension, the part on the extension has the reason already.
+    // If orvanectl itself cannot reach the extension, the output's part about the extension contains the reason
+    // already.
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
   } else {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +

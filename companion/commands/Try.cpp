@@ -42,7 +42,7 @@ VerdictName name_of(Verdict verdict) {
 
 // The entry of a name in the list.
 struct Listing {
-  std::optional<BlockedSite> site;  // the site that the name belongs to; nothing when it is not on the list
+  std::optional<BlockedSite> site;  // the site that the name belongs to; nothing if the name is not on the list
   std::optional<Moment> until;      // the end of the site's suspension
   bool isHeld = false;              // on the list and not suspended
 };

@@ -23,14 +23,14 @@ struct Finding {
     Problem,  // does not work
     Unknown,  // could not be checked
   };
-  std::string check;    // the check's identifier; releases do not change it, since scripts use it
-  std::string subject;  // which thing was checked, for example a browser's name, if the check covers several
+  std::string check;    // the check's identifier; no release changes it, because scripts use it
+  std::string subject;  // if the check covers several things: the one that was checked, such as a browser
   Result result;
   std::string found;   // one line
   std::string advice;  // one line: what to do; may be empty
 };
 
-// The service manager's state of a unit.
+// The state of a unit, as the service manager reports it.
 struct UnitFacts {
   std::string name;
   bool known = false;      // the service manager answered
@@ -64,7 +64,7 @@ struct RulesFacts {
 struct BrowserFacts {
   InstalledBrowser browser;
   PolicyInForce policy;                  // empty when the browser has no documented folder of policies
-  std::vector<BrowserProfile> profiles;  // the user's
+  std::vector<BrowserProfile> profiles;  // the user's profiles of this browser
 };
 
 // Everything that the checks need to know about the machine.
@@ -75,7 +75,7 @@ struct Facts {
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
   std::vector<pid_t> processes;          // of the extensions in this network namespace
-  pid_t process = 0;                     // the extension that the next member describes; 0 for none
+  pid_t process = 0;                     // the extension that has the capabilities below; 0 for none
   std::optional<uint64_t> capabilities;  // the effective capabilities of `process`, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;
   std::optional<bool> hasQueueTarget;  // whether the kernel can hand packets to a queue; nothing if not known

@@ -15,8 +15,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The pauses between attempts to connect. A new socket file causes an attempt at once, but the file exists before the
-// extension listens, so that attempt may fail, and the next one must follow soon.
+// The pauses between attempts to connect. A new socket file causes an attempt at once. This attempt may fail, because
+// the file exists before the extension listens. So the next attempt must follow soon.
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
@@ -30,7 +30,8 @@ constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
 
-// The longest time that a normal restart takes. Failures to connect are logged only after this time.
+// The longest time that a normal restart takes. Failures to connect are logged only if the connection has been lost for
+// longer.
 constexpr std::chrono::milliseconds kRestart = 2s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";

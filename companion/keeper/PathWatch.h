@@ -26,7 +26,7 @@ class PathWatch {
   // event) or a watched folder itself.
   bool readEvents();
 
-  // Looks up the folders of the paths again. Watches those that exist now, and stops watching all others.
+  // Looks up the folders of the paths again. Watches the folders that exist now, and stops watching all other folders.
   void arm();
 
  private:

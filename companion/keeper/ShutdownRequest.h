@@ -4,9 +4,9 @@
 
 namespace orvane {
 
-// Handles SIGTERM, SIGINT and SIGHUP so that a single-threaded program always ends soon: its loop polls descriptor(),
-// and a signal cuts off long work between exitAtOnce(true) and exitAtOnce(false). Only one ShutdownRequest may exist at
-// a time.
+// Handles SIGTERM, SIGINT and SIGHUP so that a single-threaded program ends soon after one of these signals: the
+// program's loop polls descriptor(), and a signal cuts off long work between exitAtOnce(true) and exitAtOnce(false).
+// Only one ShutdownRequest may exist at a time.
 class ShutdownRequest {
  public:
   ShutdownRequest();

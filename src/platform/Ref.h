@@ -8,10 +8,11 @@ namespace orvane {
 // Owns one reference to a reference-counted object, and releases it at the end of its scope.
 //
 // Every reference-counted type T has two functions in its namespace, `retain(const T*)` and `release(const T*)`. A
-// function with "create" or "copy" in its name returns a Ref, which the caller owns; one with "get" in its name returns
-// a borrowed pointer. The few references that must never be released are given up with detach().
+// function with "create" or "copy" in its name returns a Ref, which the caller owns; a function with "get" in its name
+// returns a borrowed pointer. The few references that must never be released are given up with detach().
 //
-// Assignment stores the new object before it releases the old one, so the old object's destructor sees the new one.
+// Assignment stores the new object before it releases the old one, so the old object's destructor already sees the new
+// object.
 template <class T>
 class Ref {
  public:

@@ -40,7 +40,7 @@ enum class GuestAttribute {
 // Null when the number object cannot be made.
 Ref<Number> number_create(int32_t value);
 
-// Attributes with one entry; the dictionary retains the value. Null when it cannot be made.
+// Attributes with one entry; the dictionary retains the value. Null when the dictionary cannot be made.
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Value& auditTokenData);
 Ref<Dictionary> dictionary_create(GuestAttribute key, const Ref<Number>& pid);
 
@@ -51,7 +51,7 @@ inline constexpr std::string_view kCFBundleIdentifierKey = "CFBundleIdentifier";
 
 // The dictionary under a key of `dictionary`; null if there is none. Borrowed from `dictionary`.
 const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::string_view key);
-// A copy of the string under a key, if it exists.
+// A copy of the string under a key of `dictionary`; nothing if there is no string.
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key);
 
 // Each of the next four functions returns a status, 0 for success, and sets its output to an object that the caller

@@ -39,7 +39,7 @@ namespace {
 std::atomic<size_t> content_bytes{0};
 
 // The memory that a content takes besides its bytes: its header, what the allocator adds, and the value's slot in a
-// half full Table.
+// half full table of the database (database/Table.h).
 constexpr size_t kContentBytes = 96;
 // The memory that a node of a hashed container takes besides the element in it.
 constexpr size_t kNodeBytes = 32;
@@ -377,8 +377,8 @@ size_t Value::hashOfNonString() const noexcept {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    // The hash of a container is its size alone: containers are rarely members or keys, and hashing their elements
-    // could recurse deeply.
+    // The hash of a container is its size alone: containers are rarely members of sets or keys, and hashing their
+    // elements could recurse deeply.
     case Kind::Array:
       return asArray().size();
     case Kind::Set:

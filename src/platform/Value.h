@@ -91,7 +91,7 @@ class Value {
   int64_t asSigned() const;     // of a Signed number
   uint64_t asUnsigned() const;  // of an Unsigned number
 
-  // The value of a key of a dictionary. Null when the key is absent, and when this value is not a dictionary.
+  // The value under a key of this dictionary. Null when the key is absent, and when this value is not a dictionary.
   const Value* find(std::string_view key) const;
 
   size_t hash() const noexcept { return kind_ == Kind::String ? stringHash_ : hashOfNonString(); }

@@ -25,8 +25,8 @@ class NSXPCInterface {
 };
 
 // A connection to one client, owned by the platform. After activate() the platform delivers messages to the exported
-// object on its own threads: messages of one connection one after the other, in order; messages of several connections
-// at the same time.
+// object, on threads of the platform: messages of one connection one after the other, in order; messages of several
+// connections at the same time.
 //
 // Two handlers report the connection's end: "invalidated" when the peer closed the connection or exited, "interrupted"
 // when the connection broke. A system may report a broken connection to both handlers. Linux reports the end of a
@@ -45,7 +45,7 @@ class NSXPCListener;
 
 class NSXPCListenerDelegate : public NSObject {
  public:
-  // Returns false to refuse the connection. The platform calls it on its own thread.
+  // Returns false to refuse the connection. The platform calls this function on one of its own threads.
   virtual bool shouldAcceptNewConnection(NSXPCListener& listener, NSXPCConnection& newConnection) = 0;
 };
 
@@ -54,7 +54,7 @@ class NSXPCListener : public NSObject {
   // Never null. When `name` cannot be used, the platform reports that and the listener accepts no connections.
   static Ref<NSXPCListener> initWithMachServiceName(const Value& name);
 
-  // The listener may retain the delegate, and uses it until another one is set or the listener is destroyed.
+  // The listener may retain the delegate, and uses it until another delegate is set or the listener is destroyed.
   virtual void setDelegate(NSXPCListenerDelegate* delegate) = 0;
   // Starts to accept connections, and returns.
   virtual void resume() = 0;

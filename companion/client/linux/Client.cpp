@@ -28,7 +28,7 @@ constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};
 
-// The size of a call without its arguments, but with the message's segment table, in words.
+// Room for everything in a call except its arguments: the message's segment table and the fields of the call, in words.
 constexpr uint64_t kCallWords = 64;
 
 capnp::MessageSize message_size(uint64_t words) { return {words + kCallWords, 0}; }

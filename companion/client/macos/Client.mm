@@ -71,8 +71,9 @@ void check_argument(const Value& argument, Value::Kind kind, const char* name) {
   }
 }
 
-// Uses synchronous proxies, so messages arrive in the order in which they were sent. Most messages have no reply, so a
-// ping follows: its answer shows that the extension has carried out the messages before it.
+// Uses synchronous proxies, so messages arrive in the order in which they were sent. Most messages have no reply, so
+// this class sends a ping after them: the answer to the ping shows that the extension has carried out the messages
+// before it.
 class XPCClient final : public Client {
  public:
   explicit XPCClient(std::string service) : service_(std::move(service)) {}

@@ -89,8 +89,8 @@ class GuardedStream final : public capnp::MessageStream {
   ~GuardedStream() noexcept(false) { large_message_budget.release(reserved_); }
   KJ_DISALLOW_COPY(GuardedStream);
 
-  // Sets the network whose queue of replies must be short before the next message is read. Call this before the first
-  // read.
+  // Sets the network, whose queue of unsent replies must be short before the next message is read. Call this before the
+  // first read.
   void setNetwork(capnp::TwoPartyVatNetwork& network) { network_ = &network; }
 
   // The promise is fulfilled when the session ends. Call this once.

@@ -16,10 +16,10 @@ namespace orvane {
 [[noreturn]] void refuse_message(const char* reason);
 
 // The extension and its clients all read and write through this class. System calls dominate the cost of a small
-// message, so the class makes few: a read fills a buffer, and consecutive small messages are sent together before the
-// thread waits. A peer cannot use up memory by claiming that a message is large: the message's memory is allocated only
-// after its segment table has been checked, and the kernel provides pages only for bytes that arrive. If the peer
-// attaches file descriptors, the kernel closes them, because no read asks for descriptors.
+// message, so the class makes few of them: a read fills a buffer, and consecutive small messages are sent together
+// before the thread waits. A peer cannot use up memory by claiming that a message is large: the message's memory is
+// allocated only after its segment table has been checked, and the kernel provides pages only for bytes that arrive. If
+// the peer attaches file descriptors, the kernel closes them, because no read asks for descriptors.
 //
 // A read returns nothing if the peer closed the stream between two messages. It throws if the connection failed or a
 // message is malformed. A write never fails: after the peer is gone, output is dropped and the reads report the end.

@@ -32,7 +32,7 @@ std::optional<ServerSocket> server_socket(const std::string& service, std::strin
 // sets *error.
 std::vector<std::string> client_socket_paths(const std::string& service, std::string* error);
 
-// The address of a Unix-domain socket at a path. Nothing if the path is too long for one.
+// The address of a Unix-domain socket at a path. Nothing if the path is too long for such an address.
 std::optional<sockaddr_un> unix_address(const std::string& path);
 
 // Connects a Unix-domain stream socket to the socket at a path. Returns 0 or an errno value.

@@ -16,8 +16,8 @@ constexpr uint64_t kValueWords = 3;      // two words of data and one pointer
 constexpr uint64_t kEntryWords = 2;      // pointers to the key and the value
 constexpr uint64_t kContainerWords = 2;  // at most: a list's tag word, and the pointer of a Set or Dictionary
 
-// Limit on the elements that are compared when containers are set members or keys. To compare so many elements takes a
-// few milliseconds at most.
+// Limit on the elements that are compared when containers are members of sets or keys of dictionaries. To compare so
+// many elements takes a few milliseconds at most.
 constexpr uint64_t kMaximumComparisons = 1 << 20;
 
 uint64_t words_for_bytes(uint64_t bytes) { return (bytes + kBytesPerWord - 1) / kBytesPerWord; }

@@ -200,8 +200,8 @@ class Connection final : public NSXPCConnection {
     if (due) due();
   }
 
-  // Returns the handler for the way in which the session ended, and the caller must call it. Null if the session has
-  // not ended, if this handler is not set, or if a handler was returned before.
+  // Returns the handler that the caller must now call: the handler for the way in which the session ended. Null if the
+  // session has not ended, if that handler is not set, or if this function has returned a handler before.
   std::function<void()> takeHandler() {
     if (!ended_ || reported_) return nullptr;
     auto& handler = *ended_ == SessionEnd::Closed ? invalidationHandler_ : interruptionHandler_;

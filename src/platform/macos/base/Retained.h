@@ -2,7 +2,7 @@
 
 namespace orvane {
 
-// Retains an Objective-C object (or nil) for a C++ object or a block.
+// Keeps an Objective-C object (or nil) retained. For members of C++ classes, and for variables that a block captures.
 template <class T>
 class Retained {
  public:

@@ -10,8 +10,8 @@
   orvane::Ref<orvane::OrvaneSECommunication> _controller;
 }
 
-// The only adapter of a control object, made on first use and never released. @synchronized on the adapter takes the
-// control object's monitor. Nil if `controller` is null. Thread-safe.
+// The adapter of a control object. Each control object has one adapter, which is made on first use and never released.
+// @synchronized on the adapter takes the control object's monitor. Nil if `controller` is null. Thread-safe.
 + (OrvaneController*)adapterFor:(orvane::OrvaneSECommunication*)controller;
 
 @end
