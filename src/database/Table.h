@@ -42,7 +42,7 @@ class Table {
     Value key, value;
   };
 
-  // The index of a key's slot, or of the empty slot where the key belongs. Needs at least one empty slot.
+  // The index of a key's slot, or of the empty slot where the key belongs. The table must have at least one empty slot.
   size_t slotOf(const Value& key) const;
   void rehash(size_t capacity);
 

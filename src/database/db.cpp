@@ -18,8 +18,8 @@ int db_init() {
   db_hostnames = std::make_unique<Table>();
   db_browsers = std::make_unique<Table>();
   load_browsers_id();
-  // The load above has already locked and unlocked the mutex. That is harmless: start-up has one thread, and locking an
-  // uninitialised RecursiveMutex does nothing. The order is frozen (docs/compatibility.md).
+  // load_browsers_id() has already locked and unlocked the mutex. That is harmless: start-up has one thread, and
+  // locking an uninitialised RecursiveMutex does nothing. The order of the two calls is frozen (docs/compatibility.md).
   db_mutex.initialise();
   return 0;
 }

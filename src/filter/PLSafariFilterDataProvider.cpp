@@ -46,7 +46,8 @@ NEFilterNewFlowVerdict PLSafariFilterDataProvider::handleNewFlow(const NEFilterF
   const Ref<NSURL> url = flow.URL();
   if (url) ORVANE_LOG_DEBUG(_log, "URL: %@", url->absoluteString());
   const std::optional<std::string> hostname = hostname_of(flow, url);
-  // Every flow to a held host goes on to the data stage, because only that stage reads the host's date DontBlockUntil.
+  // Every flow to a held host is examined further, because only handleOutboundDataFromFlow() reads the host's date
+  // DontBlockUntil.
   if (hostname && db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname (%@) in database : examining data flow.", *hostname);
     return NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);

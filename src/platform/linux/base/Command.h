@@ -14,7 +14,7 @@ struct CommandResult {
   bool success = false;
   bool missing = false;  // the program is not installed
   std::string output;    // the standard output of a program that succeeded
-  std::string error;     // one line, why the run failed: the program's standard error if it wrote any
+  std::string error;     // why the run failed, as one line: the program's standard error, if it wrote any
 };
 
 // When a running program is killed: at the deadline `end`, or as soon as `stop`, an eventfd(2), is readable. Without

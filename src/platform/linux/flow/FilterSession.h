@@ -12,11 +12,14 @@ namespace orvane {
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
 // Each of these calls is a series of questions to the provider, because the list may contain marked names
-// (Subdomains.h). The provider first sees the flow under the flow's own name. While its answers are to allow, it sees
-// the flow under each name with the mark of subdomains. If an answer is to drop, it sees the flow under each name with
-// the mark of exceptions. If it answers to drop under one of these names, the list has an exception for the flow's
-// host, so the flow is allowed. During a series, the thread looks up the identity of a process only once
-// (IdentityAnswers).
+// (Subdomains.h). The provider sees the flow
+//
+//   1. under the flow's own name;
+//   2. if that answer is to allow: under the names with the mark of subdomains, until an answer is not to allow;
+//   3. if the last answer is to drop: under the names with the mark of exceptions. If one of these answers is to drop,
+//      too, the list has an exception for the flow's host, so the flow is allowed.
+//
+// During a series, the thread looks up the identity of a process only once (IdentityAnswers).
 //
 // The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
@@ -66,7 +69,7 @@ class FilterSession {
 
   Ref<NEFilterDataProvider> provider_;
   Ref<NEFilterFlow> flow_;
-  NamedFlow& names_;  // the same object
+  NamedFlow& names_;  // the same object as *flow_
   State state_ = State::New;
   uint64_t peekBytes_ = 0;  // how many more outbound bytes the provider may see
   uint64_t offset_ = 0;     // the number of outbound bytes so far

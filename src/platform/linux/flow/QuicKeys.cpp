@@ -12,8 +12,8 @@ namespace {
 using Bytes = std::span<const uint8_t>;
 
 constexpr size_t kSecretLength = 32;  // SHA-256
-constexpr size_t kSampleLength = 16;  // RFC 9001, section 5.4.2: a block of AES, 4 bytes after the packet number begins
-constexpr size_t kSampleOffset = 4;
+constexpr size_t kSampleLength = 16;  // RFC 9001, section 5.4.2: one block of AES
+constexpr size_t kSampleOffset = 4;   // from the first byte of the packet number
 constexpr size_t kTagLength = 16;
 
 // What differs between the versions: RFC 9001, section 5.2 and 5.1; RFC 9369, section 3.3.

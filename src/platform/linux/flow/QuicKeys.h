@@ -28,7 +28,7 @@ class QuicKeys {
  private:
   std::array<uint8_t, 16> key_, headerKey_;
   std::array<uint8_t, 12> iv_;
-  uint64_t nextNumber_ = 0;  // the number after the largest one of the packets that were opened
+  uint64_t nextNumber_ = 0;  // one more than the largest packet number that was opened
 };
 
 }  // namespace orvane

@@ -113,8 +113,8 @@ char to_lower(char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' 
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Whether a part of an AppImage's file name follows the application's name: a version ("120", "v2"), a processor, or
-// "appimage".
+// Whether a part of an AppImage's file name comes after the application's name, and so does not belong to it: a version
+// ("120", "v2"), a processor, or "appimage".
 bool follows_name(std::string_view part) {
   if (part.starts_with('v')) part.remove_prefix(1);
   if (!part.empty() && is_digit(part.front())) return true;

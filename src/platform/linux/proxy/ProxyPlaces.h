@@ -51,8 +51,8 @@ class ProxyPlaces {
 
   explicit ProxyPlaces(size_t limit) : limit_(limit) {}
 
-  // Returns a place for a connection of this user, which has the place until leave(). Null if the connection is
-  // refused.
+  // Returns a place for a connection of this user. The connection has the place until leave(). Null if the connection
+  // is refused.
   ProxyPlace* take(uid_t user, Clock::time_point now = Clock::now());
   void leave(ProxyPlace* place);
 

@@ -18,7 +18,7 @@ class SocketHolders {
  public:
   // The limits are processor time. A search may exceed them by a fraction of a millisecond.
   struct Limits {
-    // Limit on listing new processes, and another of the same size on listing the known processes again.
+    // Limit on listing the new processes. A second limit, of the same size, is on listing the known processes again.
     std::chrono::nanoseconds processes = std::chrono::milliseconds(2);
     // Limit on reading the descriptors of processes.
     std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);
@@ -31,8 +31,7 @@ class SocketHolders {
 
   // If several processes hold the socket, chooses one of them by the rule of SocketOwners (SocketOwner.h). Nothing if
   // no process holds the socket, if the calling process may not read the holder's descriptors, or if a limit was
-  // reached.
-  // After a search without a result, calls for the same socket return nothing for two seconds.
+  // reached. After a search without a result, calls for the same socket return nothing for two seconds.
   std::optional<ProcessInformation> find(const SocketFacts& socket);
 
  private:

@@ -15,7 +15,7 @@ struct SocketOpener {
 };
 
 // The key of a record of a datagram that was sent with an explicit destination; the record's value is the socket's
-// cookie. The key has no local address, because the socket may be bound to a port alone.
+// cookie. The key has no local address, because the socket may be bound to a port without an address.
 struct DatagramRoute {
   __u32 remote[4];  // in network byte order; an IPv4 address is mapped into IPv6
   __u16 remotePort, localPort;
