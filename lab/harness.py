@@ -19,7 +19,7 @@ from web_servers import WebServers
 
 HELD, NEWS = "held.example", "news.example"
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # for iptables: a user's PATH often lacks these folders
-PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the extension's bundle identifier for this process
+PYTHON = os.path.basename(os.path.realpath(sys.executable))  # this process's bundle identifier
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
 
 

@@ -201,7 +201,8 @@ FORGETFUL = {
     "Silence": ["silence"],
     "Keepalive": ["keepalive"],
 }
-# The run begins and continues these scripts at set moments. For example, "BegunBefore" begins before the extension.
+# The run begins and continues these scripts at set moments. For example, "BegunBefore" begins before the extension
+# starts.
 TIMED = {"BegunBefore": ["older"], "HalfAndRest": ["half"], "DroppedBefore": ["reuse dropped"]}
 
 

@@ -36,7 +36,7 @@ TEST(CallTimeout, EndsACallThatIsNotAnswered) {
 TEST(CallTimeout, LeavesTheConnectionAloneAfterwards) {
   const Sockets sockets;
   CallTimeout(0ms).watch(sockets.connection.get());
-  raise(SIGALRM);  // a timer's signal may still be pending when its call ends
+  raise(SIGALRM);  // the timer's signal may still be pending when the call ends
   EXPECT_EQ(send(sockets.peer.get(), "a", 1, MSG_NOSIGNAL), 1);
   EXPECT_EQ(sockets.receive(), 1);
 }
