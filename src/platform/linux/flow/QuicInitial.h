@@ -22,8 +22,8 @@ namespace orvane {
 // with new keys; the reader then begins again, too.
 class QuicInitialReader {
  public:
-  // Unknown: the datagram belongs to another protocol, or to a QUIC connection whose begin was not read; or the hello
-  // is malformed, has no name or is too long.
+  // Unknown: the datagram belongs to another protocol, or to a QUIC connection whose first packets were not read; or
+  // the hello is malformed, has no name or is too long.
   using State = NameState;
 
   // Limit on the bytes of the hello that are read.

@@ -151,9 +151,9 @@ class ProviderChains {
 // The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
-//   user's id. So ASK sets the packet's bits to "allowed", the most frequent answer, before the packet is queued: this
-//   answer then changes nothing. If no process serves the queue, the packet passes with these bits, and its connection
-//   counts as allowed.
+//   user's id. So ASK sets the packet's bits to "allowed", the most frequent answer, before the packet is queued: the
+//   answer "allowed" then changes no bit. If no process serves the queue, the packet passes with these bits, and its
+//   connection counts as allowed.
 // - The packet's bits "pending" only keep the packet from being queued twice. They are not saved to the connection,
 //   because the connection may have a verdict by then.
 // - A packet goes to VERDICT only if its connection has bits, too, because other programs may set the same bits in

@@ -169,7 +169,7 @@ void Netfilter::Queue::serve(int stop) {
     PacketQueue::Read read;
     int rounds = 0;
     do {
-      // In a flood, the queue is never empty, so this loop would not end without this test.
+      // In a flood, the queue is never empty, so without this test the thread would not notice `stop`.
       if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
       if (watchdog.beat()) rebind();
       // The first round reads one packet, so that a packet that arrives alone gets its verdict at once.
