@@ -30,7 +30,8 @@ struct Range {
   uintptr_t start = 0, end = 0;
 };
 
-// A callback of dl_iterate_phdr(), which reports the program itself first. Returns 1, which ends the iteration there.
+// A callback of dl_iterate_phdr(), which reports the program itself first. Returns 1, which ends the iteration after
+// the program.
 int find_program(dl_phdr_info* info, size_t, void* out) {
   auto* range = static_cast<Range*>(out);
   for (int i = 0; i < info->dlpi_phnum; ++i) {

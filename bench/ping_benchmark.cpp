@@ -117,10 +117,10 @@ void stay_on(size_t which) {
   sched_setaffinity(0, sizeof one, CPU_COUNT(&one) == 1 ? &one : &kAllowed);
 }
 
-// Alternates between pings and echoes, so that other load on the machine slows both, and takes the medians. Binds
-// client and server to the same processor, or each to its own. The scheduler must not choose the processors, because
-// waking a second processor costs more than a ping or an echo, and the ping might run on one processor and the echo on
-// two.
+// Alternates between pings and echoes, so that other load on the machine slows pings and echoes alike, and takes the
+// medians. Binds client and server to the same processor, or each to its own. The scheduler must not choose the
+// processors, because waking a second processor costs more than a ping or an echo, and the ping might run on one
+// processor and the echo on two.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;

@@ -68,7 +68,7 @@ struct FeaturePolicy {
   std::string file;          // the file that fixes it
 };
 
-// What the policy files of one browser, ours and others, prescribe.
+// What the policy files of one browser prescribe, whether we or others wrote the files.
 struct PolicyInForce {
   PerFeature<FeaturePolicy> features;
   std::vector<std::string> unreadable;  // files that cannot be read or are not JSON objects

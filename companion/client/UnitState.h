@@ -8,7 +8,7 @@
 
 namespace orvane {
 
-// The units of the package.
+// The package's systemd units.
 inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
 

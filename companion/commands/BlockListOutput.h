@@ -7,7 +7,8 @@
 
 namespace orvane {
 
-// "example.com, with www.example.com and m.example.com", or the host alone for a site without usual names.
+// A site for people: "example.com, with www.example.com and m.example.com", or the host alone for a site without usual
+// names.
 std::string site_text(const BlockedSite& site);
 
 // A JSON object with the members "host", "names", "usualNames" and "suspended"; also with "until" if the site has a

@@ -20,7 +20,7 @@ struct Method {
 
 std::string reply_text(bool reply) { return reply ? "yes" : "no"; }
 
-// Sends a method with one argument and no reply.
+// Calls a method that has one argument and no reply.
 template <void (Client::*function)(const Value&)>
 std::string send_one(Client& client, const Value& argument, const Value&) {
   (client.*function)(argument);

@@ -63,7 +63,7 @@ nlohmann::json json_of(const Status& status) {
       {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
 }
 
-// Prints lines below each other in one column, with the heading before the first.
+// Prints the lines one below the other, with the heading in front of the first line.
 void print_part(const char* heading, const std::vector<std::string>& lines) {
   for (const std::string& line : lines) {
     std::printf("  %-10s %s\n", heading, line.c_str());

@@ -40,7 +40,7 @@ VerdictName name_of(Verdict verdict) {
   return {"unknown", kUnknown, Colour::Warning};
 }
 
-// The entry of a name in the list.
+// What the list contains about a name.
 struct Listing {
   std::optional<BlockedSite> site;  // the site that the name belongs to; nothing if the name is not on the list
   std::optional<Moment> until;      // the end of the site's suspension

@@ -6,8 +6,9 @@
 
 namespace orvane {
 
-// Carries out "try": prints whether a browser that connects to the host now is blocked, and why. Gives kDone for
-// blocked, kNotInForce for not blocked, kUnknown for not known. Throws InputError when `given` is not a host name.
+// Carries out "try": prints whether a browser that connects to the host now is blocked, and why. Returns kDone if the
+// browser is blocked, kNotInForce if it is not blocked, and kUnknown if that is not known. Throws InputError when
+// `given` is not a host name.
 int try_host(const CommonOptions& options, const std::string& given);
 
 }  // namespace orvane

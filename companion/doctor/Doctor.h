@@ -50,7 +50,7 @@ struct ConnectionFacts {
 struct GroupFacts {
   std::string user;
   bool exists = false;
-  bool listed = false;   // the group database has the user as a member
+  bool listed = false;   // the group database lists the user as a member
   bool inForce = false;  // this process has the group; a user's processes get a new group only at the next login
 };
 

@@ -16,7 +16,7 @@ struct FeatureCheck {
   HidingFeature feature;
   const char* check;
   const char* risk;
-  // How the user switches the feature off where no policy can; empty if there is no way.
+  // How the user switches the feature off in a browser that reads none of our policies; empty if there is no way.
   const char* inFirefox;
   const char* inChromium;
 };

@@ -8,7 +8,7 @@ namespace orvane {
 
 // Which extension and keeper to look at.
 struct Examination {
-  std::string socket;           // empty: the usual paths of the service's socket
+  std::string socket;           // if empty, the usual paths of the service's socket
   std::string service;          // the extension's service name
   std::string keeperStatePath;  // the keeper's state file
 };

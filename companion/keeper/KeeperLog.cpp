@@ -11,8 +11,8 @@
 namespace orvane {
 namespace {
 
-// Compares the file that JOURNAL_STREAM names with standard error. The variable alone proves nothing: if a service
-// started a terminal, programs in the terminal inherit the variable.
+// Whether standard error is the file that JOURNAL_STREAM names. The variable alone proves nothing: if a service started
+// a terminal, programs in the terminal inherit the variable.
 bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};

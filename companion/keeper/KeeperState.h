@@ -28,9 +28,9 @@ struct KeeperState {
   uint64_t names = 0;  // including usual names, without suspended names
   uint64_t badLines = 0;
   std::vector<std::pair<std::string, Moment>> suspended;  // names, and when their suspension ends
-  std::optional<std::string> listError;                   // why reading failed; the list read before stays in force
+  std::optional<std::string> listError;                   // why reading failed; the previous list stays in force
 
-  // The extension.
+  // What the keeper knows about the extension.
   bool connected = false;
   std::optional<ListVersion> sentVersion;  // of the list that the extension has from this keeper
   uint64_t sentNames = 0;

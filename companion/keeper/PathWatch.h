@@ -12,7 +12,8 @@ namespace orvane {
 
 // Reports changes of files that may be missing, or be replaced by a rename. It watches the folder of each file with
 // inotify(7), or the nearest existing folder above. Two changes are not reported: a rename of a higher folder, and a
-// change of the file behind a symbolic link. To catch those, call arm() and look at the files from time to time.
+// change of the file behind a symbolic link. To notice these changes, call arm() and look at the files from time to
+// time.
 class PathWatch {
  public:
   // `paths`: absolute.

@@ -56,8 +56,8 @@ class BlockList {
   // Only the site that has this name as a usual name; null if there is none.
   const BlockedSite* findByUsualName(std::string_view host) const;
 
-  // Adds a site at the end, or replaces the site with the same name and keeps the comment on its line. A site with
-  // usual names is stored under site_of(host). Returns whether anything changed.
+  // Adds a site at the end, or replaces the site with the same name and keeps the comment on that site's line. A site
+  // with usual names is stored under site_of(host). Returns whether anything changed.
   bool put(BlockedSite site);
   // Removes the site with exactly this name, all its lines included. Returns whether there was one.
   bool remove(std::string_view host);

@@ -73,7 +73,7 @@ void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t 
                  bool showASCII) {
   // The group size of a line decides in which column its ASCII characters begin. If the length of the last line is no
   // multiple of the group size, the line is printed in single bytes, and its characters begin further right than those
-  // of the lines above. That is frozen (docs/compatibility.md).
+  // of the lines above. This layout is frozen (docs/compatibility.md).
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {

@@ -31,7 +31,7 @@ void release(const Dictionary* dictionary);
 using OSStatus = int32_t;
 inline constexpr uint32_t kDefaultFlags = 0;
 
-// The keys of attributes.
+// The keys of the attributes that dictionary_create() takes.
 enum class GuestAttribute {
   Audit,  // kSecGuestAttributeAudit: an audit token of 32 bytes
   Pid,    // kSecGuestAttributePid: a process identifier

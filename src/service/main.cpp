@@ -5,8 +5,8 @@
 #include "service/web_filter.h"
 #include "service/xpc_run.h"
 
-// The order is frozen (docs/compatibility.md). The database comes first: after web_filter_init the platform may ask for
-// verdicts.
+// The order of these steps is frozen (docs/compatibility.md). The database comes first, because verdicts need it, and
+// the platform may ask for a verdict as soon as web_filter_init has been called.
 int main() {
   using namespace orvane;
   ORVANE_LOG_INFO(default_log(), "starting extensions...");

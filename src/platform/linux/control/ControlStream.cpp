@@ -48,7 +48,7 @@ void refuse_message(const char* reason) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::FAILED, __FILE__, __LINE__, kj::heapString(reason)));
 }
 
-// The unsent part of a message: its segment table and its segments.
+// Bytes that are still to be sent, as a list of pieces. The pieces of a message are its segment table and its segments.
 struct ControlStream::Outgoing {
   std::vector<kj::byte> segmentTable;
   std::vector<iovec> pieces;

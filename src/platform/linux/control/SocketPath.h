@@ -9,7 +9,7 @@
 
 #include "platform/linux/base/Descriptor.h"
 
-// Where the control channel's socket is: a file that is named after the service.
+// Finds the control channel's socket, which is a file with the service's name.
 namespace orvane {
 
 struct ServerSocket {

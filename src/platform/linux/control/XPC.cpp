@@ -26,8 +26,8 @@
 namespace orvane {
 namespace {
 
-// If kMaximumConnections clients are served and another one waits, sessions that have been idle for this long are ended
-// until there is room.
+// If kMaximumConnections clients are served and another client waits, sessions that have been idle for this long are
+// ended until there is room.
 constexpr auto kIdleLimit = std::chrono::seconds(5);
 constexpr auto kIdleCheckInterval = std::chrono::milliseconds(100);
 

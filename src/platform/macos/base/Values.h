@@ -8,14 +8,15 @@
 @class NSString;
 
 // Converts between values and Foundation's objects. A value converted to Foundation and back stays the same, with two
-// exceptions. In Foundation, a boolean and the number 0 or 1 are equal, so a set cannot have both as members, nor a
-// dictionary as keys. And containers that are nested deeper than kMaxDepth are lost. New objects are autoreleased.
+// exceptions. In Foundation, a boolean and the number 0 or 1 are equal, so a set cannot have both as members, and a
+// dictionary cannot have both as keys. And containers that are nested deeper than kMaxDepth are lost. New objects are
+// autoreleased.
 namespace orvane {
 
 // Nil for nil. Inside containers, which cannot hold nil, NSNull stands for it.
 id foundation_object(const Value& value);
 
-// Nil for an object that no kind of value represents, and for a container inside kMaxDepth others.
+// Nil for an object that no kind of value represents, and for a container inside kMaxDepth other containers.
 Value value_of(id object);
 inline constexpr int kMaxDepth = 256;
 

@@ -8,7 +8,7 @@
 @class NEFilterNewFlowVerdict;
 @class NSArray;
 
-// Converts the core's answers to the framework's objects, autoreleased.
+// Converts the core's verdicts and rules to objects of the framework, autoreleased.
 namespace orvane {
 
 ::NEFilterNewFlowVerdict* verdict_object(const NEFilterNewFlowVerdict& verdict);

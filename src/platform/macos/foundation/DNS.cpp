@@ -8,7 +8,8 @@
 
 namespace orvane {
 
-// Our type has the same layout as the resolver library's, so pointers to one can be cast to the other.
+// Our type has the same layout as the resolver library's, so a pointer to one type can be cast to a pointer to the
+// other.
 static_assert(sizeof(dns_question_t) == sizeof(::dns_question_t));
 static_assert(offsetof(dns_question_t, name) == offsetof(::dns_question_t, name));
 static_assert(offsetof(dns_question_t, dnstype) == offsetof(::dns_question_t, dnstype));

@@ -65,7 +65,7 @@ ObjectMonitor::ObjectMonitor(const NSObject* object) : object_(object) {
 }
 
 // The Objective-C runtime takes locks of its own. The table's lock is released during calls of the runtime, so that no
-// thread waits for one lock while it holds the other.
+// thread waits for a lock of the runtime while it holds the table's lock.
 ObjectMonitor::~ObjectMonitor() {
   if (object_ == nullptr) return;
   std::unique_lock lock(table().mutex);
