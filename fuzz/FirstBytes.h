@@ -8,7 +8,7 @@
 namespace orvane {
 
 // Reads the first bytes of a connection in one piece, and again in up to 61 pieces. Both readers must have the same
-// result. Returns the reader that got one piece.
+// result. Returns the reader that read them in one piece.
 inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   ServerNameReader whole, pieces;
   whole.read(bytes);

@@ -7,7 +7,8 @@
 
 using namespace orvane;
 
-// A packet with an incomplete payload must parse like the whole packet, and one with incomplete headers must not parse.
+// A packet with an incomplete payload must parse like the whole packet, and a packet with incomplete headers must not
+// parse.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> bytes(data, size);
   auto whole = parse_packet(bytes, 7);

@@ -6,9 +6,9 @@
 
 using namespace orvane;
 
-// An input is a list of datagrams, each after its length, a number of 2 bytes. The encryption would keep the fuzzer
-// from the frames. So a datagram that begins like a frame, and not like a long header, is put into an Initial packet
-// first.
+// An input is a list of datagrams. In front of each datagram is its length, a number of 2 bytes. The fuzzer cannot
+// encrypt the frames that it makes up. So if a datagram begins like a frame, and not like a long header, this target
+// first puts it into an encrypted Initial packet.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint8_t kLongHeader = 0x80;
   using State = QuicInitialReader::State;

@@ -18,7 +18,8 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
-    // The status is logged even if it is 0: then the second message names what is missing.
+    // The status is logged even if it is 0, because the code object may be missing nevertheless. The second message
+    // then says so.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
     if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
     return std::nullopt;
