@@ -129,7 +129,7 @@ PolicyChange install(const PolicyPlace& place, const std::string& root) {
     return {&place, PolicyChange::Outcome::Nothing, {}};
   std::string reason = make_folders(place, root);
   if (reason.empty()) {
-    // The temporary file is beside the folder, because Chromium reads every file in the folder as a policy.
+    // The temporary file is beside the folder, not in it, because Chromium reads every file in the folder as a policy.
     const std::string temporary = "../.orvane-se.new-" + std::to_string(::getpid());
     error = replace_file(path, temporary, policy_text(place.family), 0644);
     if (error) reason = path + ": " + error.message();

@@ -110,7 +110,7 @@ struct stat status_of(const Descriptor& file, const Place& place) {
   return status;
 }
 
-// These limits bound the memory that a list takes. They are far above a list of a million names.
+// These limits bound the memory that a list takes. They are far above what a list of a million names needs.
 void check_size(std::string_view text, const Place& place) {
   constexpr std::ptrdiff_t kMostLines = std::ptrdiff_t{1} << 22;
   if (text.size() > kLargestInput || std::count(text.begin(), text.end(), '\n') > kMostLines)
