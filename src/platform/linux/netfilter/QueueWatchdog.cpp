@@ -16,18 +16,32 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <new>
 #include <system_error>
+#include <utility>
 
 namespace orvane {
 namespace {
 
 constexpr int kCheckMilliseconds = 250;
 constexpr int kSilentChecks = QueueWatchdog::kTimeoutMilliseconds / kCheckMilliseconds;
+constexpr int kStarvedChecks = QueueWatchdog::kLongestStarvationMilliseconds / kCheckMilliseconds;
 constexpr uint32_t kLongestWaitChecks = QueueWatchdog::kLongestWaitMilliseconds / kCheckMilliseconds;
 
 std::string failure(const char* what) {
   return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
+}
+
+// Whether a thread runs or is ready to run, from its file /proc/PID/task/TID/stat (proc(5)). The state is the word
+// after the program's name, which is in parentheses and may contain any character.
+bool is_runnable(const char* status) {
+  char text[128] = {};
+  Descriptor file(open(status, O_RDONLY | O_CLOEXEC));
+  if (!file || read(file.get(), text, sizeof text - 1) <= 0) return false;
+  const char* name = strrchr(text, ')');
+  return name != nullptr && strncmp(name, ") R", 3) == 0;
 }
 
 }  // namespace
@@ -53,9 +67,12 @@ std::optional<std::string> QueueWatchdog::startProcess() {
 }
 
 bool QueueWatchdog::beat() {
+  if (shared_->status[0] == '\0') {
+    snprintf(shared_->status, sizeof shared_->status, "/proc/%d/task/%d/stat", getpid(), gettid());
+  }
   // Only one heartbeat in 16 checks whether the child has died, because the check is a system call, and under load
   // there is a heartbeat for every packet.
-  if (shared_->beats.fetch_add(1, std::memory_order_relaxed) % 16 == 0 && process_ > 0 &&
+  if (shared_->beats.fetch_add(1, std::memory_order_release) % 16 == 0 && process_ > 0 &&
       waitpid(process_, nullptr, WNOHANG) == process_) {
     startProcess();
   }
@@ -98,12 +115,14 @@ void QueueWatchdog::watch() {
   probe->nlmsg_flags |= NLM_F_ACK;
   uint32_t settled = shared_->probes.load();  // the last probe that was answered, or no longer needs an answer
   uint64_t last = 0;
-  for (int silent = 0;;) {
+  for (int silent = 0, starved = 0;;) {
     pollfd end{pipeReadEnd_.get(), 0, 0};
     if (poll(&end, 1, kCheckMilliseconds) > 0) _exit(0);
-    uint64_t beats = shared_->beats.load(std::memory_order_relaxed);
-    silent = beats == last ? silent + 1 : 0;
-    last = beats;
+    const uint64_t beats = shared_->beats.load(std::memory_order_acquire);
+    const bool isSilent = beats == std::exchange(last, beats);
+    starved = isSilent && is_runnable(shared_->status) ? starved + 1 : 0;
+    if (starved > 0 && starved <= kStarvedChecks) continue;
+    silent = isSilent ? silent + 1 : 0;
     if (beats == 0 || shared_->released.load()) continue;  // the queue is not served yet, or was released
     settled = std::max(settled, shared_->answered.load());
     if (silent < kSilentChecks && shared_->probes.load() - settled < kLongestWaitChecks) {

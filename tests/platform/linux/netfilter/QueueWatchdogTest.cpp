@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -86,6 +87,19 @@ TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
   // Wait until the child reports that it released the queue.
   for (int i = 0; i < 1000 && !watchdog.beat(); ++i) std::this_thread::sleep_for(1ms);
   EXPECT_FALSE(unbinds(1s, isLate)) << "the packets that waited are gone";
+}
+
+TEST_F(QueueWatchdogTest, WaitsForAThreadThatHasTooLittleProcessorTime) {
+  std::atomic<bool> isBusy = true;
+  std::jthread server([&](const std::stop_token& stop) {
+    watchdog.beat();
+    while (isBusy) {
+    }
+    while (!stop.stop_requested()) std::this_thread::sleep_for(10ms);
+  });
+  EXPECT_FALSE(unbinds(3s));
+  isBusy = false;
+  EXPECT_TRUE(unbinds(3s)) << "the thread sleeps, so it hangs";
 }
 
 }  // namespace
