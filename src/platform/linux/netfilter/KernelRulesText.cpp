@@ -119,7 +119,9 @@ class ProviderChains {
 
 // What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these chains
 // jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
-// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0.
+// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. The three chains begin with a rule
+// that returns for a packet without bits of an allowed connection. Most packets are of this kind, and no other rule
+// matches them. In mangle OUTPUT, this rule leaves out SYNs.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -189,6 +191,7 @@ constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
 :ORVANE-DROP - [0:0]
+-A ORVANE-OUTPUT -m connmark --mark @ALLOWED -m mark --mark @NONE -j RETURN
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m mark --mark @NONE -m connmark --mark @DROPPED -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -j ORVANE-VERDICT
 -A ORVANE-OUTPUT -m connmark --mark @DROPPED -m conntrack --ctdir ORIGINAL -j ORVANE-DROP
@@ -212,6 +215,7 @@ COMMIT
 :ORVANE-QUEUE - [0:0]
 :ORVANE-ASK - [0:0]
 :ORVANE-VERDICT - [0:0]
+-A ORVANE-INPUT -m connmark --mark @ALLOWED -m mark --mark @NONE -j RETURN
 -A ORVANE-INPUT -m mark --mark @DROPPED -g ORVANE-SEEN
 -A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
 -A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
@@ -222,6 +226,7 @@ COMMIT
 -A ORVANE-SEEN -j MARK --set-xmark @NONE
 -A ORVANE-ANSWERED -m connmark ! --mark @NONE -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
 -A ORVANE-ANSWERED -j MARK --set-xmark @NONE
+-A ORVANE-OUTPUT -p tcp ! --tcp-flags SYN,ACK,RST,FIN SYN -m connmark --mark @ALLOWED -m mark --mark @NONE -j RETURN
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j RETURN
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
