@@ -183,6 +183,7 @@ SCRIPTS = {
     "LongText": ["long"],
     "LongTextInSmallSegments": ["long", "segments"],
     "ReusedPorts": ["reuse"],
+    "ReusedPortsAndOddFlags": ["pause", "flags", "reuse"],
     "SimultaneousOpen": ["SYN"],
     "SimultaneousOpenAndEarlyAnswer": ["early", "SYN"],
     "ResetAheadOfSynAck": ["RST"],

@@ -143,7 +143,7 @@ class ProviderChains {
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
 //     connection pending, payload of                   the queue; dropped while the name is incomplete    |
 //       the server                                       |                                                |
-//     packet of no known connection           STRAY    the provider's rules: INVALID, or nothing          |
+//     TCP without a known connection          STRAY    the provider's rules: INVALID, or nothing          |
 //                                             INVALID  packet's bits = "pending", then the queue          |
 //     packet's bits are "dropped"             SEEN     clear them: on INPUT they mean "no verdict"        |
 //                                                        |                                                |
@@ -163,7 +163,8 @@ class ProviderChains {
 //   connmark, so it passes.
 // - A server can send flags or windows that the TCP stack accepts and connection tracking does not. Connection tracking
 //   then calls packets of the connection INVALID and does not assign them to the connection. Each INVALID packet gets a
-//   verdict of its own, which is stored in the packet's mark only.
+//   verdict of its own, which is stored in the packet's mark only. An inbound INVALID packet without payload passes:
+//   it may be the acknowledgment that a browser waits for before it sends the rest of the server's name.
 // - A server can make connection tracking forget a connection that the sockets still have: with a reset that the
 //   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
 //   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound, it goes to the
@@ -219,7 +220,8 @@ COMMIT
 -A ORVANE-INPUT -m mark --mark @DROPPED -g ORVANE-SEEN
 -A ORVANE-INPUT -m mark --mark @ALLOWED -g ORVANE-ANSWERED
 -A ORVANE-INPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir REPLY -m bpf --bytecode "@HAS_PAYLOAD" @QUEUE
--A ORVANE-INPUT -p tcp ! --tcp-flags SYN,ACK,RST,FIN SYN -m conntrack --ctstate INVALID,NEW -g ORVANE-STRAY
+-A ORVANE-INPUT -p tcp ! --tcp-flags SYN,ACK,RST,FIN SYN -m conntrack --ctstate NEW -g ORVANE-STRAY
+-A ORVANE-INPUT -p tcp -m conntrack --ctstate INVALID -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-STRAY
 @STRAY-A ORVANE-INVALID -m limit --limit 2000/sec --limit-burst 2000 -j MARK --set-xmark @PENDING
 -A ORVANE-INVALID -m mark ! --mark @PENDING -j DROP
 -A ORVANE-INVALID @QUEUE
