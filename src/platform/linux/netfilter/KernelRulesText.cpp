@@ -119,9 +119,9 @@ class ProviderChains {
 
 // What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these chains
 // jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
-// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. The three chains begin with a rule
-// that returns for a packet without bits of an allowed connection. Most packets are of this kind, and no other rule
-// matches them. In mangle OUTPUT, this rule leaves out SYNs.
+// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. The three chains
+// begin with a rule that returns for a packet without bits of an allowed connection. Most packets are of this kind, and
+// no other rule matches them. In mangle OUTPUT, this rule leaves out SYNs.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
