@@ -117,11 +117,12 @@ class ProviderChains {
   std::string text_, stray_, error_;
 };
 
-// What happens to a packet in ORVANE-OUTPUT of both tables, in ORVANE-INPUT, and in the chains to which these chains
-// jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
-// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. The three chains
-// begin with a rule that returns for a packet without bits of an allowed connection. Most packets are of this kind, and
-// no other rule matches them. In mangle OUTPUT, this rule leaves out SYNs.
+// What happens to a packet in three chains (ORVANE-OUTPUT of both tables, and ORVANE-INPUT), and in the chains to which
+// they jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
+// "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. In each of the
+// three chains, the first rule returns if the connection is allowed and the packet has no bits. This is so for most
+// packets, and no later rule matches them. In mangle OUTPUT, the first rule does not match SYNs, because a SYN clears
+// the connection's bits.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |

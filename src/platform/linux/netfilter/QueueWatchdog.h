@@ -31,9 +31,10 @@ class QueueWatchdog {
   // The queue is also released when packets wait in the socket's buffer for longer than this. The limit leaves time for
   // a burst of new connections, and is below the 5 s after which resolvers ask again (resolv.conf(5)).
   static constexpr int kLongestWaitMilliseconds = 3000;
-  // These two times do not go on while the thread that serves the queue is ready to run, but gets no processor (other
-  // programs use all of them, or a hypervisor has paused this machine's processor). Such a thread does not hang. But
-  // after this time without a heartbeat, the two times go on, because the thread may be in an endless loop.
+  // Neither the time without a heartbeat nor the time that packets wait is counted while the thread that serves the
+  // queue is ready to run, but gets no processor (other programs use all processors, or a hypervisor has paused this
+  // machine's processor): such a thread does not hang. After this limit, both times are counted again, because the
+  // thread may be in an endless loop.
   static constexpr int kLongestStarvationMilliseconds = 10'000;
 
   // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error on failure.
@@ -54,8 +55,8 @@ class QueueWatchdog {
     std::atomic<uint32_t> probes{0};    // the number of the last probe that was sent; the first has number 1
     std::atomic<uint32_t> answered{0};  // the number of the last probe whose answer was read
     std::atomic<bool> released{false};
-    char status[40] =
-        {};  // /proc/PID/task/TID/stat of the thread that serves the queue; valid after the first heartbeat
+    // The path /proc/PID/task/TID/stat of the thread that serves the queue. Empty before the first heartbeat.
+    char status[40] = {};
   };
 
   std::optional<std::string> startProcess();
