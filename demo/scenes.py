@@ -157,7 +157,7 @@ def _note_flow_source(extension: Extension, table: Table) -> None:
 
 
 def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
-    name_server.serve({name: ["127.0.0.1"] for name in NAMES})
+    name_server.serve({name: ["127.0.0.1"] for name in NAMES}, {})
     servers = WebServers(directory, NAMES)
     path = pathlib.Path(programs.find("curl"))
     curl = programs.Curl("curl", path, "curl", directory, servers.authority)

@@ -72,25 +72,28 @@ class Extension:
         """Starts the extension, and returns when it filters. Also restarts an extension that was killed."""
         environment = {"RUNTIME_DIRECTORY": str(self._socket.parent), "NOTIFY_SOCKET": str(self._notifications)}
         self._notifications.unlink(missing_ok=True)
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notifications, open(self._log, "ab") as log:
-            notifications.bind(str(self._notifications))
-            notifications.settimeout(_TIMEOUT)
+        self._manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._manager.bind(str(self._notifications))
+        with open(self._log, "ab") as log:
             start = self.log_size()
             self.process = subprocess.Popen(self.command, env=environment, stdout=log, stderr=log)
-            self._wait_until_ready(notifications)
+        status = self.next_status()
+        if status != "Filtering":
+            raise Failure(f"the extension reports: {status}\n{self.log_end()}")
         # The notification says that the filter has started. The control channel starts later, so wait for it, too.
         self.wait_for(r"OrvaneSE started\.\.\.", start)
         if self._fixed_source is None:
             found = self.wait_for(r"flow source: (\w+)(?:, because netfilter is unavailable: (.*))?", start)
             self.flow_source, self.netfilter_error = found[1], found[2]
 
-    def _wait_until_ready(self, notifications: socket.socket) -> None:
+    def next_status(self) -> str | None:
+        """Waits for the extension's next message to the service manager. Returns the status line in this message."""
+        self._manager.settimeout(_TIMEOUT)
         try:
-            fields = dict(line.split("=", 1) for line in notifications.recv(4096).decode().splitlines())
+            fields = dict(line.split("=", 1) for line in self._manager.recv(4096).decode().splitlines())
         except TimeoutError:
-            raise Failure(f"the extension did not report its start\n{self.log_end()}") from None
-        if fields.get("STATUS") != "Filtering":
-            raise Failure(f"the extension reports: {fields.get('STATUS')}\n{self.log_end()}")
+            raise Failure(f"the extension did not report to the service manager\n{self.log_end()}") from None
+        return fields.get("STATUS")
 
     def __exit__(self, kind, *_):
         self.process.terminate()

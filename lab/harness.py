@@ -82,7 +82,9 @@ class World:
 
     def serve(self) -> None:
         """Starts the name server and the web servers. HELD and NEWS have the same addresses."""
-        name_server.serve({name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)})
+        self.addresses = {name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)}
+        self.hello_keys: dict[str, bytes] = {}
+        name_server.serve(self.addresses, self.hello_keys)
         folder = self.directory / f"servers-{os.getpid()}"
         folder.mkdir()
         self.servers = WebServers(folder, [HELD, NEWS])

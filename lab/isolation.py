@@ -118,13 +118,30 @@ def bring_loopback_up() -> None:
         fcntl.ioctl(control, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
 
 
+def _use_local_name_server(directory: pathlib.Path) -> None:
+    _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")
+    _replace(directory, "/etc/resolv.conf", "nameserver 127.0.0.1\n")
+    _replace(directory, "/etc/nsswitch.conf", "hosts: files dns\n")
+
+
+def make_etc_writable(directory: pathlib.Path) -> None:
+    """Runs inside the namespaces, after prepare(): lets the script change /etc. The changes are in `directory`."""
+    changes, work = directory / "etc", directory / "etc-work"
+    changes.mkdir()
+    work.mkdir()
+    options = f"lowerdir=/etc,upperdir={changes},workdir={work}"
+    try:
+        _mount("-t", "overlay", "-o", options, "overlay", "/etc")
+    except subprocess.CalledProcessError:
+        raise Unavailable("this kernel refuses an overlay file system") from None
+    _use_local_name_server(directory)
+
+
 def prepare(directory: pathlib.Path) -> None:
     """Runs inside the namespaces: mounts a tmpfs on `directory`, and sends name look-ups to the local name server."""
     _mount("-t", "tmpfs", "-o", "mode=0700", "tmpfs", str(directory))
     bring_loopback_up()
-    _replace(directory, "/etc/hosts", "127.0.0.1 localhost\n")
-    _replace(directory, "/etc/resolv.conf", "nameserver 127.0.0.1\n")
-    _replace(directory, "/etc/nsswitch.conf", "hosts: files dns\n")
+    _use_local_name_server(directory)
     # Hide the journal: without one, the extension logs to standard error, which the scripts read.
     if os.path.isdir("/run/systemd/journal"):
         _mount("-t", "tmpfs", "tmpfs", "/run/systemd/journal")

@@ -5,7 +5,7 @@ import socketserver
 import struct
 import threading
 
-_A, _AAAA = 1, 28
+_A, _AAAA, _HTTPS = 1, 28, 65
 _NO_SUCH_NAME = 3
 
 
@@ -15,7 +15,12 @@ def question(name: str, identifier: int = 1, kind: int = _A) -> bytes:
     return struct.pack("!6H", identifier, 0x0100, 1, 0, 0, 0) + labels + struct.pack("!BHH", 0, kind, 1)
 
 
-def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
+def _hello_record(keys: bytes) -> bytes:
+    """The data of a record of type HTTPS with keys for Encrypted Client Hello (RFC 9460, section 2.2; RFC 9848)."""
+    return struct.pack("!HBHH", 1, 0, 5, len(keys)) + keys
+
+
+def _answer(query: bytes, addresses: dict[str, list[str]], hello_keys: dict[str, bytes]) -> bytes:
     """The answer to a query that has one question. Ignores what follows the question, for example EDNS options."""
     labels, at = [], 12
     while length := query[at]:
@@ -23,10 +28,13 @@ def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
         at += 1 + length
     (kind,) = struct.unpack_from("!H", query, at + 1)
     name, end = ".".join(labels).lower(), at + 5
-    packed = [ipaddress.ip_address(address).packed for address in addresses.get(name, [])]
-    fitting = [address for address in packed if kind == {4: _A, 16: _AAAA}[len(address)]]
+    if kind == _HTTPS:
+        found = [_hello_record(hello_keys[name])] if name in hello_keys else []
+    else:
+        packed = [ipaddress.ip_address(address).packed for address in addresses.get(name, [])]
+        found = [address for address in packed if kind == {4: _A, 16: _AAAA}[len(address)]]
     # 0xC00C: each record's name is a pointer to the question's name, at byte 12.
-    records = [struct.pack("!HHHIH", 0xC00C, kind, 1, 0, len(address)) + address for address in fitting]
+    records = [struct.pack("!HHHIH", 0xC00C, kind, 1, 0, len(data)) + data for data in found]
     flags = 0x8580 | (0 if name in addresses else _NO_SUCH_NAME)
     return query[:2] + struct.pack("!5H", flags, 1, len(records), 0, 0) + query[12:end] + b"".join(records)
 
@@ -34,13 +42,13 @@ def _answer(query: bytes, addresses: dict[str, list[str]]) -> bytes:
 class _OverUDP(socketserver.BaseRequestHandler):
     def handle(self):
         query, sock = self.request
-        sock.sendto(_answer(query, self.server.addresses), self.client_address)
+        sock.sendto(_answer(query, *self.server.names), self.client_address)
 
 
 class _OverTCP(socketserver.StreamRequestHandler):
     def handle(self):
         while prefix := self.rfile.read(2):
-            answer = _answer(self.rfile.read(*struct.unpack("!H", prefix)), self.server.addresses)
+            answer = _answer(self.rfile.read(*struct.unpack("!H", prefix)), *self.server.names)
             self.wfile.write(struct.pack("!H", len(answer)) + answer)
 
 
@@ -52,8 +60,11 @@ class _TCP(socketserver.ThreadingTCPServer):
     allow_reuse_address = daemon_threads = True
 
 
-def serve(addresses: dict[str, list[str]]) -> None:
-    """Starts a name server for these names, which runs until the process ends."""
+def serve(addresses: dict[str, list[str]], hello_keys: dict[str, bytes]) -> None:
+    """Starts a name server for these names, which runs until the process ends.
+
+    `hello_keys` has the keys for Encrypted Client Hello, for the names that have such keys. Both may change later.
+    """
     for server in (_UDP(("127.0.0.1", 53), _OverUDP), _TCP(("127.0.0.1", 53), _OverTCP)):
-        server.addresses = addresses
+        server.names = (addresses, hello_keys)
         threading.Thread(target=server.serve_forever, daemon=True).start()

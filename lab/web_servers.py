@@ -23,7 +23,7 @@ subjectAltName = {alternative_names}
 """
 
 
-def _make_certificate(directory: pathlib.Path, section: str, names: list[str], *more: str) -> pathlib.Path:
+def make_certificate(directory: pathlib.Path, section: str, names: list[str], *more: str) -> pathlib.Path:
     """Writes SECTION.pem and its key SECTION.key. Returns the path of SECTION.pem."""
     request = directory / f"{section}.cnf"
     alternative_names = ",".join(f"DNS:{name}" for name in names)
@@ -80,9 +80,9 @@ class WebServers:
     TLS_PORT = 443
 
     def __init__(self, directory: pathlib.Path, names: list[str]):
-        authority = _make_certificate(directory, "authority", ["OrvaneSE demo"])
+        authority = make_certificate(directory, "authority", ["OrvaneSE demo"])
         signed = ["-CA", str(authority), "-CAkey", str(directory / "authority.key")]
-        self._certificate = _make_certificate(directory, "server", names, *signed)
+        self._certificate = make_certificate(directory, "server", names, *signed)
         self.authority = authority
         self._visits: set[str] = set()
         servers = [_Server("http", port, self._visits) for port in self.PLAIN_PORTS]

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/linux/base/ServiceStatus.h"
+
 namespace orvane {
 namespace {
 
@@ -82,6 +84,7 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
   // The status line of an inactive service is not read, because systemd keeps the line of the service's last run.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
+  state.hiddenNames = hidden_names_in(state.status);
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');
   return reader.isAnswered() ? std::optional(state) : std::nullopt;

@@ -51,6 +51,7 @@ std::string title_of(const Finding& finding) {
       {"browser", "identity"},
       {"http3", "HTTP/3"},
       {"policy", "policies"},
+      {"hidden-names", "hidden names"},
       {"encrypted-hello", "Encrypted Client Hello"},
       {"shared-connections", "shared connections"},
   };

@@ -42,6 +42,7 @@ nlohmann::json json_of(const std::optional<UnitState>& service) {
           {"active", service->active},
           {"sub", service->sub},
           {"status", service->status},
+          {"hiddenNames", service->hiddenNames},
           {"result", service->result},
           {"since", service->since ? nlohmann::json(time_text(*service->since)) : nlohmann::json()},
           {"restarts", service->restarts}};
@@ -91,7 +92,14 @@ std::vector<std::string> extension_lines(const Status& status, Moment now) {
   lines.push_back(extension.answers ? coloured("answers", Colour::Good) + ", " +
                                           counted(extension.changes, "change", "changes") + " since its start"
                                     : coloured("no answer", Colour::Bad) + ": " + extension.error);
-  if (status.extensionService) lines.push_back(service_text(kExtensionUnit, *status.extensionService, now));
+  if (const auto& service = status.extensionService) {
+    lines.push_back(service_text(kExtensionUnit, *service, now));
+    if (service->hiddenNames > 0)
+      lines.push_back(coloured(counted(service->hiddenNames, "connection", "connections") +
+                                   " hid the host's name, so it was not filtered",
+                               Colour::Warning) +
+                      ": see orvanectl doctor");
+  }
   if (const auto& fault = status.browsers)
     lines.push_back(coloured(fault->isInForce ? "no browser is recognised, so nothing is blocked"
                                               : "no browser will be recognised after its next start",

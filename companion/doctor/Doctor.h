@@ -36,7 +36,8 @@ struct UnitFacts {
   bool known = false;      // the service manager answered
   bool installed = false;  // the service manager has this unit
   bool running = false;
-  std::string state;  // as the service manager writes it: "active (running)"
+  std::string state;         // as the service manager writes it: "active (running)"
+  uint64_t hiddenNames = 0;  // connections of the extension that hid their names; since its start
 };
 
 // The result of connecting to the extension.

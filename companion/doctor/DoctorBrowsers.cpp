@@ -89,6 +89,18 @@ Finding examine_feature(const BrowserFacts& facts, const FeatureCheck& check) {
   return finding;
 }
 
+void examine_hidden_names(const UnitFacts& extension, std::vector<Finding>& findings) {
+  if (!extension.running) return;
+  Finding finding{"hidden-names", "", Result::Ok, "no connection to a known service that hides names", ""};
+  if (extension.hiddenNames > 0) {
+    finding.result = Result::Warning;
+    finding.found = counted(extension.hiddenNames, "connection", "connections") +
+                    " since the extension's start hid the host's name (Encrypted Client Hello)";
+    finding.advice = "switch it off in each browser: see the findings below; then restart the browsers";
+  }
+  findings.push_back(std::move(finding));
+}
+
 }  // namespace
 
 void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
@@ -105,6 +117,7 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
     findings.push_back({"browser", "", Result::Warning, "no installed browser has a desktop entry",
                         "a browser from an archive is recognised by its program's file name"});
   }
+  examine_hidden_names(facts.extension, findings);
   for (const BrowserFacts& browser : facts.browsers) {
     if (list.fault.empty() || browser.browser.identifier.empty()) {
       findings.push_back(examine_identity(browser.browser, list));

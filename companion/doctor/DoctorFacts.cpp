@@ -52,6 +52,7 @@ UnitFacts look_at_unit(const char* name) {
   facts.known = true;
   facts.installed = state->load != "not-found";
   facts.running = state->isRunning();
+  facts.hiddenNames = state->hiddenNames;
   facts.state = state->active + " (" + state->sub + ')';
   if (!state->status.empty()) facts.state += ": " + state->status;
   return facts;

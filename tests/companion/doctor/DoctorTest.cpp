@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "companion/doctor/Doctor.h"
+#include "platform/linux/base/ServiceStatus.h"
 
 namespace orvane {
 namespace {
@@ -61,6 +62,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"stopped", [](Facts& f) { f.extension.running = false; }, "service", Result::Problem, "systemctl start"},
       {"not installed", [](Facts& f) { f.keeper.installed = false; }, "keeper", Result::Problem, "install"},
       {"no systemd", [](Facts& f) { f.extension.known = false; }, "service", Result::Unknown, "does not answer"},
+      {"hidden names", [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); },
+       "hidden-names", Result::Warning, "12 connections"},
       {"stale socket", [](Facts& f) { f.connection.outcome = Outcome::Refused; }, "answer", Result::Problem,
        "has ended"},
       {"hung", [](Facts& f) { f.connection.outcome = Outcome::Silent; }, "answer", Result::Problem, "restart"},

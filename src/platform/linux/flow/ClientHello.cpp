@@ -5,13 +5,15 @@
 namespace orvane {
 namespace {
 
-constexpr uint8_t kHandshakeRecord = 22;    // RFC 8446, section 5.1
-constexpr uint8_t kMajorVersion = 3;        // of every TLS version
-constexpr uint8_t kClientHello = 1;         // RFC 8446, section 4
-constexpr size_t kServerNameExtension = 0;  // RFC 6066, section 1.1
-constexpr uint8_t kHostNameType = 0;        // RFC 6066, section 3
+constexpr uint8_t kHandshakeRecord = 22;             // RFC 8446, section 5.1
+constexpr uint8_t kMajorVersion = 3;                 // of every TLS version
+constexpr uint8_t kClientHello = 1;                  // RFC 8446, section 4
+constexpr size_t kServerNameExtension = 0;           // RFC 6066, section 1.1
+constexpr uint8_t kHostNameType = 0;                 // RFC 6066, section 3
+constexpr size_t kEncryptedHelloExtension = 0xfe0d;  // RFC 9849, section 5
+constexpr uint8_t kOuterHello = 0;                   // RFC 9849, section 5
 constexpr size_t kVersionAndRandomBytes = 34;
-constexpr size_t kServerNamesLimit = 1024;  // no host name needs a longer list
+constexpr size_t kExtensionLimit = 1024;  // no host name and no encrypted hello needs a longer extension
 
 size_t big_endian(std::string_view bytes) {
   size_t number = 0;
@@ -60,7 +62,7 @@ ClientHelloReader::State ClientHelloReader::readMessage(std::span<const uint8_t>
     // A field of length 0 is complete without a byte, so several fields may finish here.
     while (state == State::Open && fieldLeft_ == 0) state = finish(field_);
   }
-  return state;
+  return name_.empty() ? state : State::Known;
 }
 
 // Call this when all bytes of the field have arrived. Reads the field and starts the next one.
@@ -93,13 +95,19 @@ ClientHelloReader::State ClientHelloReader::finish(Field field) {
       const size_t length = big_endian(std::string_view(collected_).substr(2));
       if (length > extensionsLeft_) return State::Unknown;
       extensionsLeft_ -= length;
-      if (type != kServerNameExtension) return skip(Field::Extension, length);
-      return length > kServerNamesLimit ? State::Unknown : collect(Field::ServerNames, length);
+      if (type == kServerNameExtension && name_.empty()) {
+        return length > kExtensionLimit ? State::Unknown : collect(Field::ServerNames, length);
+      }
+      const bool isEncryptedHello = type == kEncryptedHelloExtension && length > 0 && length <= kExtensionLimit;
+      return isEncryptedHello ? collect(Field::EncryptedHello, length) : skip(Field::Extension, length);
     }
     case Field::Extension:
       return nextExtension();
     case Field::ServerNames:
       return readServerNames();
+    case Field::EncryptedHello:
+      hasEncryptedHello_ = static_cast<uint8_t>(collected_.front()) == kOuterHello;
+      return nextExtension();
   }
   return State::Unknown;
 }
@@ -124,7 +132,7 @@ ClientHelloReader::State ClientHelloReader::skip(Field field, size_t bytes) {
 
 ClientHelloReader::State ClientHelloReader::nextExtension() {
   constexpr size_t kHeader = 4;
-  if (extensionsLeft_ < kHeader) return State::Unknown;  // the list ended without a name
+  if (extensionsLeft_ < kHeader) return State::Unknown;  // the list has ended
   extensionsLeft_ -= kHeader;
   return collect(Field::ExtensionHeader, kHeader);
 }
@@ -141,7 +149,7 @@ ClientHelloReader::State ClientHelloReader::readServerNames() {
     if (static_cast<uint8_t>(list.front()) == kHostNameType) {
       if (name.empty() || name.find('\0') != std::string_view::npos) return State::Unknown;
       name_ = name;
-      return State::Known;
+      return nextExtension();
     }
     list.remove_prefix(3 + length);
   }

@@ -11,8 +11,9 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete; later extensions, such as session tickets, are not needed. Stores about
-// 2 KiB at most, whatever the length of the hello. Not thread-safe.
+// name is known when its extension is complete; later extensions, such as session tickets, are not needed. They are
+// read only if they are in the same record, and among the bytes that completed the name. Stores about 2 KiB at most,
+// whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.
@@ -33,6 +34,10 @@ class ClientHelloReader {
   // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 
+  // Whether an encrypted hello was read (RFC 9849, section 5). Many clients send random bytes in its place, if the
+  // server offers no key; the two cannot be told apart.
+  bool hasEncryptedHello() const { return hasEncryptedHello_; }
+
  private:
   // The fields of a hello, in order. The bytes of a field are either collected (stored) or skipped.
   enum class Field {
@@ -48,6 +53,7 @@ class ClientHelloReader {
     ExtensionHeader,
     Extension,
     ServerNames,
+    EncryptedHello,
   };
 
   State readMessage(std::span<const uint8_t> fragment);
@@ -71,6 +77,7 @@ class ClientHelloReader {
   size_t messageLeft_ = 0;     // bytes of the message after the current field
   size_t extensionsLeft_ = 0;  // bytes of the list of extensions after the current field
   std::string name_;
+  bool hasEncryptedHello_ = false;
 };
 
 }  // namespace orvane

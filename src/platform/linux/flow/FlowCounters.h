@@ -17,6 +17,7 @@ struct FlowCounters {
   Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
   Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
+  Count hiddenNames{0};              // flows that may have another name, in an encrypted hello
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
   Count queueOverruns{0};            // times that the queue was full and the kernel dropped packets
@@ -24,6 +25,12 @@ struct FlowCounters {
   Count queueReleases{0};            // times that the watchdog released the queue
   Count ruleRepairs{0};              // times that the kernel rules were repaired
   Count longestHoldMicroseconds{0};  // the longest time to judge one packet
+
+  // Wakes the threads that wait for a change of the counter.
+  void recordHiddenName() {
+    hiddenNames.fetch_add(1, std::memory_order_relaxed);
+    hiddenNames.notify_all();
+  }
 
   void recordHold(uint64_t microseconds) {
     uint64_t longest = longestHoldMicroseconds.load(std::memory_order_relaxed);

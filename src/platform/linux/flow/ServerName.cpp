@@ -1,11 +1,18 @@
 #include "platform/linux/flow/ServerName.h"
 
+#include <algorithm>
+#include <array>
 #include <string_view>
 
 namespace orvane {
 namespace {
 
 constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with it
+
+// The names that services with Encrypted Client Hello use in the part of the hello that is not encrypted. Sources: the
+// page "ECH Protocol" in Cloudflare's documentation; the DNS records (type HTTPS) of two sites for trying the protocol,
+// tls-ech.dev and defo.ie.
+constexpr std::array<std::string_view, 3> kPublicNames = {"cloudflare-ech.com", "public.tls-ech.dev", "cover.defo.ie"};
 
 // Sets `name` if a reader's new state is Known. Returns the state.
 NameState settle(NameState state, const std::string& written, std::string& name) {
@@ -41,6 +48,12 @@ ServerNameReader::State ServerNameReader::readHandshake(std::span<const uint8_t>
     state_ = settle(hello->readHandshake(bytes), hello->name(), name_);
   }
   return state_;
+}
+
+bool ServerNameReader::isNameHidden() const {
+  const auto* hello = std::get_if<ClientHelloReader>(&reader_);
+  return hello != nullptr && hello->hasEncryptedHello() &&
+         std::find(kPublicNames.begin(), kPublicNames.end(), name_) != kPublicNames.end();
 }
 
 }  // namespace orvane

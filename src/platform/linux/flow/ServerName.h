@@ -28,6 +28,9 @@ class ServerNameReader {
   // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.
   const std::string& name() const { return name_; }
 
+  // Whether the name belongs to a hosting service, and an encrypted hello may have another name.
+  bool isNameHidden() const;
+
  private:
   State state_ = State::Open;
   std::variant<std::monostate, ClientHelloReader, RequestHostReader> reader_;

@@ -14,6 +14,7 @@
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "platform/Value.h"
+#include "platform/linux/base/ServiceStatus.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/proxy/Proxy.h"
@@ -22,6 +23,7 @@ namespace orvane {
 namespace {
 
 constexpr auto kStopTimeout = std::chrono::seconds(1);
+constexpr auto kStatusInterval = std::chrono::minutes(1);
 constexpr std::string_view kProviderKind = "com.apple.networkextension.filter-data";
 
 // A value of the NetworkExtension dictionary in the bundle's Info.plist. Nil if it is missing.
@@ -34,6 +36,17 @@ Value extension_setting(std::string_view key) {
 // Tells the service manager that the start is complete. The start also counts as complete if the filter could not
 // start, because the extension still serves its companion, which can ask what is wrong.
 void report_ready(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
+
+// Writes the number of connections with hidden names into the status line: after each change, but once a minute at
+// most. Never returns.
+void report_hidden_names() {
+  const FlowCounters::Count& hidden = flow_counters().hiddenNames;
+  for (uint64_t reported = 0;; std::this_thread::sleep_for(kStatusInterval)) {
+    hidden.wait(reported);
+    reported = hidden;
+    sd_notify(0, ("STATUS=" + filtering_status(reported)).c_str());
+  }
+}
 
 }  // namespace
 
@@ -61,7 +74,10 @@ bool ProviderHost::start() {
     return false;
   }
   try {
-    std::thread([this, create, className] { run(create, className); }).detach();
+    std::thread([this, create, className] {
+      run(create, className);
+      report_hidden_names();
+    }).detach();
   } catch (const std::system_error& error) {
     reportFailure(std::string("cannot start a thread: ") + error.what());
     return false;
@@ -88,7 +104,7 @@ void ProviderHost::run(CreateProvider create, const std::string& className) {
     if (error != nullptr) {
       reportFailure(error->localizedDescription());
     } else {
-      report_ready("Filtering");
+      report_ready(filtering_status(0));
     }
   });
 }

@@ -169,6 +169,7 @@ bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLa
   const ServerNameReader::State state = flow.name.read(bytes);
   if (state == ServerNameReader::State::Known) {
     flow.flow->setRemoteHostname(flow.name.name());
+    if (flow.name.isNameHidden()) flow_counters().recordHiddenName();
     return true;
   }
   if (state == ServerNameReader::State::Open && !isLast) {

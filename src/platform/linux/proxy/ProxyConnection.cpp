@@ -10,6 +10,7 @@
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/flow/ServerName.h"
 #include "platform/linux/proxy/ProxyHead.h"
@@ -61,6 +62,7 @@ class Examination {
     const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
     if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
     if (state == ServerNameReader::State::Known) unnamedFlow_->setRemoteHostname(name_.name());
+    if (name_.isNameHidden()) flow_counters().recordHiddenName();
     unnamedFlow_ = nullptr;
     return true;
   }

@@ -113,5 +113,33 @@ TEST(ServerName, IsReadFromAHelloBeforeItsLaterExtensionsArrive) {
   for (const Case& c : kCases) expect(c);
 }
 
+TEST(ServerName, IsHiddenIfAServicesPublicNameComesWithAnEncryptedHello) {
+  const std::string encrypted = extension(0xfe0d, std::string(1, '\0') + std::string(300, 'e'));
+  const std::string inner = extension(0xfe0d, "\x01"), empty = extension(0xfe0d, "");
+  const std::string service = server_name("cloudflare-ech.com");
+  const struct {
+    const char* what;
+    std::string extensions;
+    bool isHidden;
+    const char* name = "cloudflare-ech.com";
+  } kCases[] = {
+      {"the encrypted hello behind the name", service + extension(5, "") + encrypted, true},
+      {"the encrypted hello ahead of the name", encrypted + service, true},
+      {"no encrypted hello", service, false},
+      {"an inner hello", service + inner, false},
+      {"an empty extension", empty + service, false},
+      {"another name, with random bytes as encrypted hello", server_name("a.example") + encrypted, false, "a.example"},
+      {"a second name", service + server_name("a.example") + encrypted, true},
+      {"a malformed extension behind the name", service + number(10, 2) + number(9, 2), false},
+  };
+  for (const auto& c : kCases) {
+    const std::string bytes = hello(c.extensions);
+    ServerNameReader reader;
+    EXPECT_EQ(reader.read({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}), Known) << c.what;
+    EXPECT_EQ(reader.name(), c.name) << c.what;
+    EXPECT_EQ(reader.isNameHidden(), c.isHidden) << c.what;
+  }
+}
+
 }  // namespace
 }  // namespace orvane

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace orvane {
+
+// The extension's status line for the service manager (sd_notify(3)) while it filters. Companions read in it how many
+// connections hid the names of their hosts.
+
+std::string filtering_status(uint64_t hiddenNames);
+
+// The number in a status line; 0 if the line has none.
+uint64_t hidden_names_in(std::string_view status);
+
+}  // namespace orvane
