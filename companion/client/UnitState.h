@@ -18,7 +18,7 @@ struct UnitState {
   std::string active;           // "active", "inactive", "failed", "activating" and so on
   std::string sub;              // "running", "dead", "auto-restart" and so on
   std::string status;           // the service's own status line (sd_notify(3)); empty if inactive
-  uint64_t hiddenNames = 0;     // the number in the extension's status line (ServiceStatus.h)
+  uint64_t hiddenNames = 0;     // how many connections hid the host's name, as `status` says (ServiceStatus.h)
   std::string result;           // how the service last ended: "success", "exit-code", "signal" and so on
   std::optional<Moment> since;  // when the unit's state last changed
   uint32_t restarts = 0;

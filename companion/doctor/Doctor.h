@@ -37,7 +37,7 @@ struct UnitFacts {
   bool installed = false;  // the service manager has this unit
   bool running = false;
   std::string state;         // as the service manager writes it: "active (running)"
-  uint64_t hiddenNames = 0;  // connections of the extension that hid their names; since its start
+  uint64_t hiddenNames = 0;  // for the extension: how many connections since its start hid the host's name
 };
 
 // The result of connecting to the extension.
