@@ -104,7 +104,7 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: lis
 
 
 def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
-    site = f"{HELD}, with www.{HELD} and m.{HELD}"
+    site = f"{HELD} and its subdomains"
     stage.control("block", f"www.{HELD}", prints=site)
     stage.fetch(curl, _HTTPS_HELD, DROP)
     stage.fetch(curl, _HTTPS_NEWS, ALLOW)

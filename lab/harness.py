@@ -18,6 +18,8 @@ from programs import ALLOW, DROP, Destination
 from web_servers import WebServers
 
 HELD, NEWS = "held.example", "news.example"
+BELOW = [f"www.{HELD}", f"a.b.{HELD}"]  # subdomains of HELD
+BESIDE = [f"not{HELD}", "held.test"]  # names that only look like HELD
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # for iptables: a user's PATH often lacks these folders
 PYTHON = os.path.basename(os.path.realpath(sys.executable))  # this process's bundle identifier
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
@@ -81,13 +83,14 @@ class World:
                 raise Unavailable(f"this kernel refuses a packet queue: {error.stderr.strip()}") from None
 
     def serve(self) -> None:
-        """Starts the name server and the web servers. HELD and NEWS have the same addresses."""
-        self.addresses = {name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in (HELD, NEWS)}
+        """Starts the name server and the web servers. All names have the same addresses."""
+        names = [HELD, NEWS, *BELOW, *BESIDE]
+        self.addresses = {name: ["127.0.0.1", "::1"][: len(FAMILIES)] for name in names}
         self.hello_keys: dict[str, bytes] = {}
         name_server.serve(self.addresses, self.hello_keys)
         folder = self.directory / f"servers-{os.getpid()}"
         folder.mkdir()
-        self.servers = WebServers(folder, [HELD, NEWS])
+        self.servers = WebServers(folder, names)
 
     def extension(self, *browsers: str, provider="FilterDataProvider", source: str | None = "netfilter") -> Extension:
         folder = self.directory / f"extension-{os.getpid()}-{len(self.extensions)}"
@@ -110,11 +113,11 @@ class World:
     def curl(self) -> programs.Curl:
         return self.program(programs.Curl, "curl", self.servers.authority)
 
-    def fetch(self, program: programs.Program, scheme: str, host: str, *more) -> str:
+    def fetch(self, program: programs.Program, scheme: str, host: str, *more, proxy: str | None = None) -> str:
         """Fetches a page. Returns the verdict that the program saw, and checks it against the web server's record."""
         self._fetched += 1
         path = f"/{self._fetched}"
-        seen = program.fetch(Destination(scheme, host), path, None, *more)
+        seen = program.fetch(Destination(scheme, host), path, proxy, *more)
         verdict = next(iter(seen.verdicts), seen.text)
         print(f"{program.name} {scheme}://{host} {' '.join(more)}: {seen.text}")
         reached = self.servers.have_served(path)

@@ -7,13 +7,12 @@
 
 namespace orvane {
 
-// A site for people: "example.com, with www.example.com and m.example.com", or the host alone for a site without usual
-// names.
-std::string site_text(const BlockedSite& site);
+// A site for people: "example.com and its subdomains", or the host alone for a site without subdomains.
+std::string site_text(const ListedSite& site);
 
-// A JSON object with the members "host", "names", "usualNames" and "suspended"; also with "until" if the site has a
-// suspension, even one that has ended.
-nlohmann::json site_json(const BlockedSite& site, Moment now);
+// A JSON object with the members "host", "scope" ("subdomains", "exact" or "exception") and "suspended"; also with
+// "until" if the site has a suspension, even one that has ended.
+nlohmann::json site_json(const ListedSite& site, Moment now);
 
 // Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.
 void print_table(const BlockList& list, Moment now);  // for people, with totals

@@ -22,8 +22,8 @@ namespace {
 
 struct Arguments {
   std::string file;
-  bool usualNames = false;
-  bool exactNamesOnly = false;
+  bool subdomains = false;
+  bool exactNames = false;
   bool replace = false;
 };
 
@@ -84,14 +84,13 @@ void print_outcome_json(const Outcome& outcome) {
               {"duplicates", read.duplicates},
               {"passedOver", read.skipped},
               {"rejected", read.rejected},
-              {"filterRules", read.filterRules},
               {"seconds", seconds},
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-std::optional<bool> with_usual_names(const Arguments& arguments) {
-  if (arguments.usualNames) return true;
-  if (arguments.exactNamesOnly) return false;
+std::optional<Scope> wanted_scope(const Arguments& arguments) {
+  if (arguments.subdomains) return Scope::Subdomains;
+  if (arguments.exactNames) return Scope::ExactName;
   return std::nullopt;
 }
 
@@ -103,7 +102,7 @@ ImportedSites read_file(const Arguments& arguments, const std::string& source, P
   };
   auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, counted(lines, "line", "lines")); };
   try {
-    return read_import(text, with_usual_names(arguments), rejected, progress);
+    return read_import(text, wanted_scope(arguments), rejected, progress);
   } catch (const InputError& error) {
     throw InputError("cannot import: " + source + ": " + error.what());
   }
@@ -128,9 +127,6 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   });
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   outcome.inForce = wait_for_keeper(options, version, sites);
-  if (outcome.read.filterRules > 0)
-    print_error(counted(outcome.read.filterRules, "filter rule", "filter rules") +
-                " imported without subdomains: " + source + ": names match exactly: block each subdomain by its name");
   options.json ? print_outcome_json(outcome) : print_outcome(outcome);
   return kDone;
 }
@@ -147,11 +143,11 @@ void declare_import_command(CommandSet& commands) {
                    "A file of names, hosts(5) lines or ||name^ rules; \"-\" for standard input")
       ->required()
       ->type_name("");
-  CLI::Option* www = command->add_flag("--www", arguments->usualNames,
-                                       "Also block www.HOST and m.HOST (the default except for hosts(5) lines)");
-  command
-      ->add_flag("--no-www", arguments->exactNamesOnly, "Block the exact names only (the default for hosts(5) lines)")
-      ->excludes(www);
+  CLI::Option* subdomains =
+      command->add_flag("--subdomains", arguments->subdomains,
+                        "Block all sites with their subdomains (the default except for hosts(5) lines)");
+  command->add_flag("--exact", arguments->exactNames, "Block the exact names only (the default for hosts(5) lines)")
+      ->excludes(subdomains);
   command->add_flag("--replace", arguments->replace, "Remove everything else from the list");
 }
 

@@ -28,8 +28,7 @@ namespace {
 
 struct Arguments {
   std::vector<std::string> hosts;
-  bool usualNames = true;
-  bool exactNamesOnly = false;
+  bool exactNames = false;
   bool all = false;
   bool hostsOnly = false;
   std::optional<std::string> duration;
@@ -38,72 +37,112 @@ struct Arguments {
 
 // What a command did to one site.
 struct Change {
-  BlockedSite site;
+  ListedSite site;
   bool changed = false;
-  std::string outcome;                    // in words; may be empty
-  bool unblocks = false;                  // the site's line on the list no longer blocks the site's names
-  std::vector<std::string> stillBlocked;  // the site's names that another site's line still blocks
+  std::string outcome;         // in words; may be empty
+  bool isMeantToBlock = true;  // or to let the host pass
+  std::string otherLine = "";  // the line that does the opposite for the site's host; empty if there is none
 };
 
 // The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
 // of them.
-using FindSites = std::function<std::vector<BlockedSite>(const BlockList& list, const std::vector<std::string>& hosts)>;
-using ChangeSite = std::function<Change(BlockList& list, BlockedSite site)>;
+using FindSites = std::function<std::vector<ListedSite>(const BlockList& list)>;
+using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
 
-// Returns the hosts in the form that browsers send. Reports each argument that is not a host name, and then throws
-// InputError.
-std::vector<std::string> checked_hosts(const std::vector<std::string>& given) {
-  std::vector<std::string> hosts;
-  std::string name, fault;
+// Returns the sites that the given words name, in the form that browsers send. Reports each word that names no site,
+// and then throws InputError.
+std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Scope scope) {
+  std::vector<ListedSite> sites;
+  ListedSite site;
+  std::string fault;
   for (const std::string& host : given) {
-    if (read_hostname(host, name, fault)) {
-      hosts.push_back(name);
-    } else {
+    if (!read_site(host, scope, site, fault)) {
       print_error("not a host name: " + in_quotes(host) + ": " + fault);
+    } else if (fault = scope_fault(site); !fault.empty()) {
+      print_error("not a site: " + in_quotes(host) + ": " + fault);
+    } else {
+      sites.push_back(site);
     }
   }
-  const size_t refused = given.size() - hosts.size();
+  const size_t refused = given.size() - sites.size();
   if (refused > 0)
     throw InputError("nothing was changed: " + std::to_string(refused) + " of " +
                      counted(given.size(), "name", "names") + " refused: correct the names above");
-  return hosts;
+  return sites;
 }
 
-// Returns the sites on the list that the hosts belong to. Reports each host that is not on the list, and then throws
-// InputError.
-std::vector<BlockedSite> listed_sites(const BlockList& list, const std::vector<std::string>& hosts) {
-  std::vector<BlockedSite> sites;
-  std::set<const BlockedSite*> seen;
+// Why no line blocks exactly this host, and what to do.
+std::string not_blocked_text(const BlockList& list, const std::string& host, Moment now) {
+  const Decision decision = decide(list, host, now);
+  if (decision.exception != nullptr)
+    return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
+           ": to end the exception: orvanectl disallow " + decision.exception->host;
+  const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
+  if (site == nullptr) return "see orvanectl list";
+  return "it is blocked by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
+         "; to change the whole line, give " + site->host;
+}
+
+// Returns the sites on the list that have the given hosts: the exceptions, or the other sites. Reports each host
+// without such a site, and then throws InputError.
+std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<ListedSite>& given, bool exceptions,
+                                     Moment now) {
+  std::vector<ListedSite> sites;
+  std::set<const ListedSite*> seen;
   size_t unknown = 0;
-  for (const std::string& host : hosts) {
-    const BlockedSite* site = list.find(host);
-    if (site == nullptr) {
+  for (const auto& [host, scope, until] : given) {
+    const ListedSite* site = list.find(host);
+    if (site != nullptr && (site->scope == Scope::Exception) == exceptions) {
+      if (seen.insert(site).second) sites.push_back(*site);
+    } else {
       ++unknown;
-      print_error("not on the list: " + in_quotes(host) + ": see orvanectl list");
-    } else if (seen.insert(site).second) {
-      sites.push_back(*site);
+      print_error(exceptions ? "no exception: " + in_quotes(host) + ": see orvanectl list"
+                             : "not on the list: " + in_quotes(host) + ": " + not_blocked_text(list, host, now));
     }
   }
   if (unknown > 0)
     throw InputError("nothing was changed: " + std::to_string(unknown) + " of " +
-                     counted(hosts.size(), "host", "hosts") + " not on the list: leave out the hosts above");
+                     counted(given.size(), "host", "hosts") + " not on the list: leave out the hosts above");
   return sites;
 }
 
-std::vector<BlockedSite> all_sites(const BlockList& list, const std::vector<std::string>&) { return list.sites(); }
+// Finds the sites with the hosts that the command line gives.
+FindSites given_sites(const Arguments& arguments, Moment now, bool exceptions = false) {
+  return [=, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list) {
+    return listed_sites(list, hosts, exceptions, now);
+  };
+}
 
-// The sites of the given hosts, or all sites with --all.
-FindSites wanted_sites(const Arguments& arguments, const char* command) {
+// Finds the sites with the given hosts; with --all, all sites that are not exceptions.
+FindSites given_or_all_sites(const Arguments& arguments, const char* command, Moment now) {
   if (arguments.all != arguments.hosts.empty())
     throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all");
-  return arguments.all ? all_sites : listed_sites;
+  if (!arguments.all) return given_sites(arguments, now);
+  return [](const BlockList& list) {
+    std::vector<ListedSite> sites = list.sites();
+    std::erase_if(sites, [](const ListedSite& site) { return site.scope == Scope::Exception; });
+    return sites;
+  };
+}
+
+// The sites of the command line, with this scope, whether or not they are on the list.
+FindSites new_sites(const Arguments& arguments, Scope scope) {
+  return [sites = checked_sites(arguments.hosts, scope)](const BlockList&) {
+    std::vector<ListedSite> unique;
+    std::set<std::string_view> seen;
+    for (const ListedSite& site : sites) {
+      if (seen.insert(site.host).second) unique.push_back(site);
+    }
+    return unique;
+  };
 }
 
 void print_change(const Change& change) {
   std::string line = site_text(change.site);
   if (!change.outcome.empty()) line += ": " + change.outcome;
-  for (size_t i = 0; i < change.stillBlocked.size(); ++i)
-    line += (i == 0 ? "; still blocked by another line: " : ", ") + change.stillBlocked[i];
+  if (!change.otherLine.empty())
+    line += (change.isMeantToBlock ? "; but allowed by the exception " : "; still blocked by the line ") +
+            in_quotes(change.otherLine);
   std::puts(line.c_str());
 }
 
@@ -113,7 +152,7 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
   for (const Change& change : changes) {
     nlohmann::json site = site_json(change.site, now);
     site["changed"] = change.changed;
-    if (!change.stillBlocked.empty()) site["stillBlocked"] = change.stillBlocked;
+    if (!change.otherLine.empty()) site["otherLine"] = change.otherLine;
     sites.push_back(std::move(site));
     changed += change.changed ? 1 : 0;
   }
@@ -122,33 +161,26 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-// The names of `site` that a line of another site still blocks.
-std::vector<std::string> names_still_blocked(const BlockList& list, const BlockedSite& site, Moment now) {
-  auto blocks = [&](const BlockedSite* other) { return other != nullptr && !other->isSuspended(now); };
-  std::vector<std::string> names;
-  for (std::string& name : names_of(site)) {
-    if (blocks(list.find(name)) || blocks(list.findByUsualName(name))) names.push_back(std::move(name));
-  }
-  return names;
+// The line that blocks a host that a command let pass, or that excepts a host that a command blocked.
+std::string opposite_line(const BlockList& list, const Change& change, Moment now) {
+  const Decision decision = decide(list, change.site.host, now);
+  if (!change.isMeantToBlock) return decision.isBlocked() ? line_of(*decision.blocking) : "";
+  return decision.blocking != nullptr && decision.exception != nullptr ? line_of(*decision.exception) : "";
 }
 
-int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
-                const ChangeSite& change) {
-  const std::vector<std::string> hosts = checked_hosts(arguments.hosts);
+int change_list(const CommonOptions& options, Moment now, const FindSites& find, const ChangeSite& change) {
   std::vector<Change> changes;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     changes.clear();
     bool changed = false;
-    for (BlockedSite& site : find(list, hosts)) {
+    for (ListedSite& site : find(list)) {
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Check only after all changes: a later change may remove or suspend a site that still blocks a name of an earlier
-    // one.
-    for (Change& each : changes) {
-      if (each.unblocks) each.stillBlocked = names_still_blocked(list, each.site, now);
-    }
+    // Check only after all changes, because each change may remove or suspend a line that decided about a site that was
+    // changed earlier.
+    for (Change& each : changes) each.otherLine = opposite_line(list, each, now);
     sites = list.size();
     return changed;
   });
@@ -161,65 +193,83 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
   return kDone;
 }
 
-// Describes the entry that the site had on the list before "block" changed it.
-std::string previous_state(const BlockedSite& before, const BlockedSite& site, Moment now) {
-  if (before.isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before.until, now);
-  if (before.usualNames == site.usualNames) return "already on the list";
-  return site.usualNames ? "was on the list without its usual names" : "was on the list with its usual names";
+// Describes the line that the site had on the list before a command put it there.
+std::string previous_state(const ListedSite* before, const ListedSite& site, Moment now) {
+  if (before == nullptr) return "";
+  if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);
+  if (before->scope == site.scope) return "already on the list";
+  switch (before->scope) {
+    case Scope::ExactName:
+      return "was on the list without its subdomains";
+    case Scope::Subdomains:
+      return "was on the list with its subdomains";
+    case Scope::Exception:
+      break;
+  }
+  return "was an exception";
 }
 
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const bool usualNames = arguments.usualNames && !arguments.exactNamesOnly;
-  auto asked = [&](const BlockList&, const std::vector<std::string>& hosts) {
-    std::vector<BlockedSite> sites;
-    std::set<std::string> seen;
-    for (const std::string& host : hosts) {
-      if (host.find('.') == std::string::npos)
-        print_error("only this exact name is blocked: " + in_quotes(host) + ": block each site below it by its name");
-      BlockedSite site{usualNames ? std::string(site_of(host)) : host, usualNames, std::nullopt};
-      if (seen.insert(site.host).second) sites.push_back(std::move(site));
-    }
-    return sites;
-  };
-  return change_list(options, arguments, now, asked, [&](BlockList& list, BlockedSite site) {
-    const BlockedSite* found = list.find(site.host);
-    std::string outcome = found != nullptr && found->host == site.host ? previous_state(*found, site, now) : "";
+  const Scope scope = arguments.exactNames ? Scope::ExactName : Scope::Subdomains;
+  return change_list(options, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
+    if (site.host.find('.') == std::string::npos)
+      print_error("only this exact name is blocked: " + in_quotes(site.host) +
+                  ": block each site below it by its name");
+    std::string outcome = previous_state(list.find(site.host), site, now);
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, std::move(outcome), false, {}};
+    return Change{std::move(site), changed, std::move(outcome)};
+  });
+}
+
+int allow(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  return change_list(options, now, new_sites(arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
+    const ListedSite* found = list.find(site.host);
+    std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
+    const bool changed = list.put(site);
+    if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it";
+    return Change{std::move(site), changed, std::move(outcome), false};
   });
 }
 
 int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, arguments, now, listed_sites, [&](BlockList& list, BlockedSite site) {
+  return change_list(options, now, given_sites(arguments, now), [](BlockList& list, ListedSite site) {
     list.remove(site.host);
-    return Change{std::move(site), true, "removed from the list", true, {}};
+    return Change{std::move(site), true, "removed from the list", false};
+  });
+}
+
+int disallow(const CommonOptions& options, const Arguments& arguments) {
+  const Moment now = now_in_seconds();
+  return change_list(options, now, given_sites(arguments, now, true), [](BlockList& list, ListedSite site) {
+    list.remove(site.host);
+    return Change{std::move(site), true, "no longer an exception"};
   });
 }
 
 int suspend(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const FindSites find = wanted_sites(arguments, "suspend");
+  const FindSites find = given_or_all_sites(arguments, "suspend", now);
   if (!arguments.duration && !arguments.until)
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   const Moment until =
       arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
-  return change_list(options, arguments, now, find, [&](BlockList& list, BlockedSite site) {
+  return change_list(options, now, find, [&](BlockList& list, ListedSite site) {
     site.until = until;
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), true, {}};
+    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), false};
   });
 }
 
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const FindSites find = wanted_sites(arguments, "resume");
-  return change_list(options, arguments, now, find, [&](BlockList& list, BlockedSite site) {
+  return change_list(options, now, given_or_all_sites(arguments, "resume", now), [&](BlockList& list, ListedSite site) {
     const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
     site.until.reset();
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, outcome, false, {}};
+    return Change{std::move(site), changed, outcome};
   });
 }
 
@@ -268,13 +318,13 @@ void declare_list_commands(CommandSet& commands) {
     if (orAll) command->add_flag("--all", arguments->all, "All sites on the list");
     return command;
   };
-  CLI::App* blockCommand = takeHosts(declare("block", "Block sites, from now on and after every start", block),
-                                     "Host names, in any spelling that browsers accept");
-  CLI::Option* www =
-      blockCommand->add_flag("--www", arguments->usualNames, "Also block www.HOST and m.HOST (the default)");
-  blockCommand->add_flag("--no-www", arguments->exactNamesOnly, "Block the exact names only")->excludes(www);
-
+  takeHosts(declare("block", "Block sites, from now on and after every start", block),
+            "Host names, in any spelling that browsers accept")
+      ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
   takeHosts(declare("unblock", "Remove sites from the list", unblock), "Hosts of sites on the list");
+  takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow),
+            "Host names, in any spelling that browsers accept");
+  takeHosts(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list");
   declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
 
   CLI::App* suspendCommand =

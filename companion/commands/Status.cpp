@@ -127,8 +127,8 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
 
 std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
-  lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "site", "sites") + ", " +
-                  counted(keeper.names, "name", "names") + " to block now");
+  lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "line", "lines") + ", " +
+                  std::to_string(keeper.names) + " in force now");
   if (keeper.listError)
     lines.push_back(coloured("still uses the previous list", Colour::Bad) + ": " + *keeper.listError);
   if (keeper.badLines > 0)
@@ -151,22 +151,18 @@ std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   return lines;
 }
 
-// One line for each suspended site. The site's usual names get no lines of their own.
+// One line for each suspended site.
 std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
-  size_t more = 0;
-  for (const auto& entry : keeper.suspended) {
-    const auto& [name, until] = entry;
-    std::pair<std::string, Moment> site{site_of(name), until};
-    if (site != entry && std::binary_search(keeper.suspended.begin(), keeper.suspended.end(), site)) continue;
+  for (const auto& [name, until] : keeper.suspended) {
     if (lines.size() == kSuspensionsShown) {
-      ++more;
-    } else {
-      lines.push_back(name + " until " + local_text(until, now) + ", " +
-                      duration_text(std::max(until - now, std::chrono::seconds(0))) + " left");
+      const std::string more = std::to_string(keeper.suspended.size() - kSuspensionsShown);
+      lines.push_back(coloured("and " + more + " more: orvanectl list", Colour::Faint));
+      break;
     }
+    lines.push_back(name.substr(name.starts_with('.') ? 1 : 0) + " until " + local_text(until, now) + ", " +
+                    duration_text(std::max(until - now, std::chrono::seconds(0))) + " left");
   }
-  if (more > 0) lines.push_back(coloured("and " + std::to_string(more) + " more: orvanectl list", Colour::Faint));
   return lines;
 }
 

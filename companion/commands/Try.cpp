@@ -11,6 +11,7 @@
 #include "companion/client/ExtensionProbe.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
@@ -40,51 +41,40 @@ VerdictName name_of(Verdict verdict) {
   return {"unknown", kUnknown, Colour::Warning};
 }
 
-// What the list contains about a name.
-struct Listing {
-  std::optional<BlockedSite> site;  // the site that the name belongs to; nothing if the name is not on the list
-  std::optional<Moment> until;      // the end of the site's suspension
-  bool isHeld = false;              // on the list and not suspended
-};
-
-// Up to two sites cover a name: the site of that exact name, and the site that has it as a usual name. The name is held
-// if at least one of them is not suspended.
-Listing look_up(const BlockList& list, const std::string& name, Moment now) {
-  Listing listing;
-  for (const BlockedSite* site : {list.find(name), list.findByUsualName(name)}) {
-    if (site == nullptr || listing.isHeld) continue;
-    listing.isHeld = !site->isSuspended(now);
-    if (listing.isHeld) listing.until.reset();
-    if (!listing.isHeld) listing.until = std::min(listing.until.value_or(*site->until), *site->until);
-    listing.site = *site;
+// For a host that no line covers: a text about a similar line that the user may expect to cover the host. Empty if
+// there is no such line.
+std::string nearest_miss(const BlockList& list, const std::string& host) {
+  for (size_t dot = host.find('.'); dot != std::string::npos; dot = host.find('.', dot + 1)) {
+    const ListedSite* site = list.find(std::string_view(host).substr(dot + 1));
+    if (site == nullptr || site->scope == Scope::Exception) continue;
+    return in_quotes(line_of(*site)) + " covers only this exact name" +
+           (has_subdomains({site->host, Scope::Subdomains, {}}) ? ": block it without --exact to cover this host"
+                                                                : ": block this host by its name");
   }
-  return listing;
-}
-
-// For a name that is not on the list: a text about a similar site on the list that the user may expect to cover the
-// name. Empty if there is no such site.
-std::string nearest_miss(const BlockList& list, const std::string& name) {
-  std::string other(site_of(name));
-  if (other != name && list.find(other) != nullptr)
-    return other + " is on the list under its exact name only: block it without --no-www to cover this name";
-  for (size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
-    other = name.substr(dot + 1);
-    if (other.find('.') != std::string::npos && list.find(other) != nullptr)
-      return other.append(" is on the list, but does not cover ").append(name).append(": block that name, too");
-  }
-  if (list.find("www." + name) != nullptr) return "www." + name + " is on the list, but does not cover " + name;
+  if (list.find("www." + host) != nullptr) return "www." + host + " is on the list, but does not cover " + host;
   return "";
 }
 
-std::string listing_text(const BlockList& list, const std::string& name, const Listing& listing, Moment now) {
-  if (!listing.site) {
-    std::string miss = nearest_miss(list, name);
-    return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
-  }
-  std::string text =
-      listing.site->host == name ? "it is on the list" : "it is on the list, as a usual name of " + listing.site->host;
-  if (listing.until) text += ", but suspended " + suspension_text(*listing.until, now);
-  return text;
+// Which line decides about the host.
+std::string decision_text(const BlockList& list, const std::string& host, const Decision& decision, Verdict verdict,
+                          Moment now) {
+  if (decision.isBlocked())
+    return (verdict == Verdict::Blocked ? "blocked by the line " : "covered by the line ") +
+           in_quotes(line_of(*decision.blocking));
+  if (decision.blocking != nullptr)
+    return "allowed by the exception " + in_quotes(line_of(*decision.exception)) + ", although the line " +
+           in_quotes(line_of(*decision.blocking)) + " covers it";
+  if (decision.suspended != nullptr)
+    return "covered by the line " + in_quotes(line_of(*decision.suspended)) + ", but suspended " +
+           suspension_text(*decision.suspended->until, now);
+  const std::string miss = nearest_miss(list, host);
+  return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
+}
+
+// The line that decides about the host; null if there is none.
+const ListedSite* deciding_site(const Decision& decision) {
+  if (decision.blocking == nullptr) return decision.suspended;
+  return decision.exception != nullptr ? decision.exception : decision.blocking;
 }
 
 // Whether the extension has the list.
@@ -108,11 +98,11 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
                              keeper->listError.value_or(keeper->extensionError.value_or("try again in a moment"))};
 }
 
-Verdict verdict_of(const Listing& listing, Delivery::State delivery) {
+Verdict verdict_of(const Decision& decision, Delivery::State delivery) {
   using State = Delivery::State;
   if (delivery == State::NothingBlocked) return Verdict::NotBlocked;
   if (delivery != State::InForce) return Verdict::Unknown;
-  return listing.isHeld ? Verdict::Blocked : Verdict::NotBlocked;
+  return decision.isBlocked() ? Verdict::Blocked : Verdict::NotBlocked;
 }
 
 }  // namespace
@@ -123,25 +113,28 @@ int try_host(const CommonOptions& options, const std::string& given) {
 
   const StoredList stored = read_list(options.listPath);
   const Moment now = now_in_seconds();
-  const Listing listing = look_up(stored.list, name, now);
+  const Decision decision = decide(stored.list, name, now);
   const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
   Delivery delivery = delivery_of(stored.version, keeper, probe_extension(options.client));
   const auto unrecognised = recognition_fault(options.client);
   if (unrecognised && unrecognised->isInForce)
     delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
-  const Verdict verdict = verdict_of(listing, delivery.state);
+  const Verdict verdict = verdict_of(decision, delivery.state);
 
-  std::vector<std::string> reasons{listing_text(stored.list, name, listing, now), delivery.text};
+  std::vector<std::string> reasons{decision_text(stored.list, name, decision, verdict, now), delivery.text};
   if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
     reasons.push_back(
         "but other clients have edited what the extension holds, and the extension cannot list its names");
 
   const VerdictName shown = name_of(verdict);
   if (options.json) {
+    const ListedSite* site = deciding_site(decision);
+    const bool isSuspended = site != nullptr && site->isSuspended(now);
     print_json({{"host", name},
                 {"verdict", shown.text},
-                {"site", listing.site ? nlohmann::json(listing.site->host) : nlohmann::json()},
-                {"suspendedUntil", listing.until ? nlohmann::json(time_text(*listing.until)) : nlohmann::json()},
+                {"site", site != nullptr ? nlohmann::json(site->host) : nlohmann::json()},
+                {"line", site != nullptr ? nlohmann::json(line_of(*site)) : nlohmann::json()},
+                {"suspendedUntil", isSuspended ? nlohmann::json(time_text(*site->until)) : nlohmann::json()},
                 {"reasons", reasons}});
   } else {
     std::printf("%s: %s\n", name.c_str(), coloured(shown.text, shown.colour).c_str());

@@ -41,8 +41,8 @@ _orvanectl() {
     local options='--help --json --list --service --socket --state'
     case $command in
       '') options+=' --version' ;;
-      block) options+=' --www --no-www' ;;
-      import) options+=' --www --no-www --replace' ;;
+      block) options+=' --exact' ;;
+      import) options+=' --subdomains --exact --replace' ;;
       export) options+=' --hosts' ;;
       suspend) options+=' --all --for --until' ;;
       resume) options+=' --all' ;;
@@ -55,12 +55,12 @@ _orvanectl() {
 
   case $command in
     '')
-      _orvanectl_words 'block unblock list suspend resume import export status try keep doctor browsers ping state
-        changes start stop add remove set properties watch call'
+      _orvanectl_words 'block unblock allow disallow list suspend resume import export status try keep doctor browsers
+        ping state changes start stop add remove set properties watch call'
       ;;
     browsers) _orvanectl_words 'policy' ;;
     'browsers policy') _orvanectl_words 'install remove show' ;;
-    unblock | suspend | resume | try) _orvanectl_hosts ;;
+    unblock | disallow | suspend | resume | try) _orvanectl_hosts ;;
     import | set) _filedir ;;
     call)
       [[ $prev == call ]] && _orvanectl_words 'pingWithReply getAppFilterStateWithReply start stop

@@ -47,6 +47,8 @@ complete -c orvanectl -n __orvanectl_command -l version -d 'Print the version'
 
 complete -c orvanectl -n __orvanectl_command -a block -d 'Block sites, from now on and after every start'
 complete -c orvanectl -n __orvanectl_command -a unblock -d 'Remove sites from the list'
+complete -c orvanectl -n __orvanectl_command -a allow -d 'Except hosts from the sites that are blocked'
+complete -c orvanectl -n __orvanectl_command -a disallow -d 'Remove exceptions from the list'
 complete -c orvanectl -n __orvanectl_command -a list -d 'Print the list'
 complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a while'
 complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
@@ -69,15 +71,15 @@ complete -c orvanectl -n __orvanectl_command -a properties -d "Replace a host's 
 complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the number of edits after each change'
 complete -c orvanectl -n __orvanectl_command -a call -d 'Send one message of the protocol'
 
-complete -c orvanectl -n '__orvanectl_command block import' -l www -d 'Also block www.HOST and m.HOST'
-complete -c orvanectl -n '__orvanectl_command block import' -l no-www -d 'Block the exact names only'
+complete -c orvanectl -n '__orvanectl_command block import' -l exact -d 'Block the exact names only'
+complete -c orvanectl -n '__orvanectl_command import' -l subdomains -d 'Block all sites with their subdomains'
 complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove everything else from the list'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
 complete -c orvanectl -n '__orvanectl_command suspend resume' -l all -d 'All sites on the list'
 complete -c orvanectl -n '__orvanectl_command suspend' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend' -l until -x -a tomorrow -d 'Until when'
-complete -c orvanectl -n '__orvanectl_command unblock suspend resume try' -a '(__orvanectl_hosts)'
+complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'
 complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
 complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two requests'
 complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilterStateWithReply start stop

@@ -14,6 +14,8 @@ _orvanectl_commands() {
   list=(
     'block:block sites, from now on and after every start'
     'unblock:remove sites from the list'
+    'allow:except hosts from the sites that are blocked'
+    'disallow:remove exceptions from the list'
     'list:print the list'
     'suspend:unblock sites for a while'
     'resume:block suspended sites again at once'
@@ -72,7 +74,7 @@ _orvanectl_browsers() {
 _orvanectl() {
   local context state state_descr line curcontext=$curcontext
   local -A opt_args
-  local -a common www
+  local -a common
   common=(
     '(- *)'{-h,--help}'[print help]'
     '--json[print results as JSON]'
@@ -81,22 +83,26 @@ _orvanectl() {
     "--socket=[the extension's socket]:socket:_files"
     "--state=[the keeper's state file]:file:_files"
   )
-  www=('(--no-www)--www[also block www.HOST and m.HOST]' '(--www)--no-www[block the exact names only]')
 
   _arguments -C $common '(- *)--version[print the version]' '(-): :_orvanectl_commands' \
     '(-)*:: :->arguments' && return
   [[ $state == arguments ]] || return
   local -A before=("${(@kv)opt_args}") # options before the command
   case $words[1] in
-    block) _arguments $common $www '*:host:' ;;
-    unblock) _arguments $common '*:host:_orvanectl_hosts' ;;
+    block) _arguments $common '--exact[block the exact names only]' '*:host:' ;;
+    allow) _arguments $common '*:host:' ;;
+    unblock | disallow) _arguments $common '*:host:_orvanectl_hosts' ;;
     resume) _arguments $common '--all[all sites on the list]' '*:host:_orvanectl_hosts' ;;
     try) _arguments $common ':host:_orvanectl_hosts' ;;
     suspend)
       _arguments $common '--all[all sites on the list]' '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(tomorrow)' '*:host:_orvanectl_hosts'
       ;;
-    import) _arguments $common $www '--replace[remove everything else from the list]' ':file:_files' ;;
+    import)
+      _arguments $common '(--exact)--subdomains[block all sites with their subdomains]' \
+        '(--subdomains)--exact[block the exact names only]' '--replace[remove everything else from the list]' \
+        ':file:_files'
+      ;;
     export) _arguments $common '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;
     add | remove) _arguments $common '*:host:' ;;

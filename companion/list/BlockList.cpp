@@ -1,25 +1,24 @@
 #include "companion/list/BlockList.h"
 
 #include <algorithm>
-#include <tuple>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
 #include "platform/KeyedHash.h"
+#include "platform/linux/base/Subdomains.h"
 
 namespace orvane {
 namespace {
 
 constexpr std::string_view kUsualPrefixes[] = {"www.", "m."};
-constexpr size_t kLongestName = 253;
 constexpr size_t kBadLineKept = 200;
 
-// The name without its usual prefix, if it has one and the rest has a dot; otherwise the whole name.
+// The name without its usual prefix, if it has one and the rest can be the name of a site; otherwise the whole name.
 std::string_view without_prefix(std::string_view host) {
   for (std::string_view prefix : kUsualPrefixes) {
     if (host.substr(0, prefix.size()) != prefix) continue;
     std::string_view rest = host.substr(prefix.size());
-    if (rest.find('.') != std::string_view::npos) return rest;
+    if (rest.find('.') != std::string_view::npos && !is_public_suffix(rest)) return rest;
   }
   return host;
 }
@@ -37,13 +36,21 @@ std::string_view site_of(std::string_view host) {
   return without_prefix(site) == site ? site : host;
 }
 
-std::vector<std::string> names_of(const BlockedSite& site) {
-  std::vector<std::string> names{site.host};
-  if (!site.usualNames || site.host.find('.') == std::string::npos) return names;
-  for (std::string_view prefix : kUsualPrefixes) {
-    if (prefix.size() + site.host.size() <= kLongestName) names.push_back(std::string(prefix) + site.host);
+bool has_subdomains(const ListedSite& site) {
+  const bool isSuffix = site.host.find('.') == std::string::npos || is_public_suffix(site.host);
+  return site.scope != Scope::ExactName && !isSuffix;
+}
+
+std::string name_of(const ListedSite& site) {
+  switch (site.scope) {
+    case Scope::Subdomains:
+      return std::string(kSubdomainsMark) + site.host;
+    case Scope::Exception:
+      return std::string(kExceptionMark) + site.host;
+    case Scope::ExactName:
+      break;
   }
-  return names;
+  return site.host;
 }
 
 BlockList BlockList::parse(std::string_view text) {
@@ -60,11 +67,11 @@ BlockList BlockList::parse(std::string_view text) {
     if (first && words.substr(0, kByteOrderMark.size()) == kByteOrderMark) words.remove_prefix(kByteOrderMark.size());
     first = false;
     words = trimmed(without_comment(words));
-    BlockedSite site;
+    ListedSite site;
     std::string fault;
     if (words.empty()) {
       list.append({std::string(given), std::nullopt});
-    } else if (read_line(words, true, site, fault)) {
+    } else if (read_line(words, Scope::Subdomains, site, fault)) {
       const bool isCanonical = given == line_of(site);
       list.append({isCanonical ? std::string() : std::string(given), std::move(site)});
     } else {
@@ -87,30 +94,22 @@ std::string BlockList::text() const {
   return text;
 }
 
-std::vector<BlockedSite> BlockList::sites() const {
-  std::vector<BlockedSite> sites;
+std::vector<ListedSite> BlockList::sites() const {
+  std::vector<ListedSite> sites;
   sites.reserve(lineByHost_.size());
-  forEachSite([&](const BlockedSite& site) { sites.push_back(site); });
+  forEachSite([&](const ListedSite& site) { sites.push_back(site); });
   return sites;
 }
 
-void BlockList::forEachSite(const std::function<void(const BlockedSite&)>& visit) const {
+void BlockList::forEachSite(const std::function<void(const ListedSite&)>& visit) const {
   for (const Line& line : lines_) {
     if (line.site && !line.isSuperseded) visit(*line.site);
   }
 }
 
-const BlockedSite* BlockList::find(std::string_view host) const {
-  if (auto found = locate(host); found != lineByHost_.end()) return &*lines_[found->second].site;
-  return findByUsualName(host);
-}
-
-const BlockedSite* BlockList::findByUsualName(std::string_view host) const {
-  const std::string_view name = without_prefix(host);
-  auto found = name == host ? lineByHost_.end() : locate(name);
-  if (found == lineByHost_.end()) return nullptr;
-  const BlockedSite& site = *lines_[found->second].site;
-  return site.usualNames ? &site : nullptr;
+const ListedSite* BlockList::find(std::string_view host) const {
+  auto found = locate(host);
+  return found == lineByHost_.end() ? nullptr : &*lines_[found->second].site;
 }
 
 BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host) const {
@@ -119,8 +118,7 @@ BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host) c
   return found == end ? lineByHost_.end() : found;
 }
 
-bool BlockList::put(BlockedSite site) {
-  if (site.usualNames) site.host = site_of(site.host);
+bool BlockList::put(ListedSite site) {
   auto found = locate(site.host);
   if (found == lineByHost_.end()) {
     append({"", std::move(site)});
@@ -160,27 +158,34 @@ void BlockList::append(Line line) {
   lines_.push_back(std::move(line));
 }
 
+Decision decide(const BlockList& list, std::string_view host, Moment now) {
+  Decision decision;
+  for (std::string_view covering : covering_hosts(host)) {
+    const ListedSite* site = list.find(covering);
+    if (site == nullptr || (site->scope == Scope::ExactName && covering != host)) continue;
+    if (site->scope == Scope::Exception) {
+      if (decision.exception == nullptr) decision.exception = site;
+    } else if (!site->isSuspended(now)) {
+      if (decision.blocking == nullptr) decision.blocking = site;
+    } else if (decision.suspended == nullptr || *site->until < *decision.suspended->until) {
+      decision.suspended = site;
+    }
+  }
+  return decision;
+}
+
 HeldNames held_names(const BlockList& list, Moment now) {
   HeldNames held;
-  list.forEachSite([&](const BlockedSite& site) {
-    for (std::string& name : names_of(site)) {
-      if (site.isSuspended(now)) {
-        held.suspended.emplace_back(std::move(name), *site.until);
-      } else {
-        held.names.push_back(std::move(name));
-      }
+  held.names.reserve(list.size());
+  list.forEachSite([&](const ListedSite& site) {
+    if (site.isSuspended(now)) {
+      held.suspended.emplace_back(name_of(site), *site.until);
+    } else {
+      held.names.push_back(name_of(site));
     }
   });
   std::sort(held.names.begin(), held.names.end());
-  held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
-  // If two suspended sites share a name, the suspension that ends first counts; sorting puts it first.
   std::sort(held.suspended.begin(), held.suspended.end());
-  auto sameName = [](const auto& left, const auto& right) { return left.first == right.first; };
-  held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), sameName), held.suspended.end());
-  auto isHeld = [&](const auto& entry) {
-    return std::binary_search(held.names.begin(), held.names.end(), entry.first);
-  };
-  held.suspended.erase(std::remove_if(held.suspended.begin(), held.suspended.end(), isHeld), held.suspended.end());
   for (const auto& [name, until] : held.suspended) held.nextChange = std::min(held.nextChange.value_or(until), until);
   return held;
 }

@@ -14,22 +14,32 @@
 
 namespace orvane {
 
+// What a line of the list says about its host. If one import names a host several times, the later value here counts.
+enum class Scope {
+  ExactName,   // this host is blocked
+  Subdomains,  // this host and all its subdomains are blocked
+  Exception,   // this host and all its subdomains are allowed, even if other lines block them
+};
+
 // A site on the machine's list.
-struct BlockedSite {
-  std::string host;             // in the form of normalize_hostname()
-  bool usualNames = true;       // also block www.HOST and m.HOST
-  std::optional<Moment> until;  // suspended (not blocked) before this moment
+struct ListedSite {
+  std::string host;  // in the form of normalize_hostname()
+  Scope scope = Scope::Subdomains;
+  std::optional<Moment> until;  // suspended (not blocked) before this moment; never set for an exception
   bool isSuspended(Moment now) const { return until && now < *until; }
-  bool operator==(const BlockedSite&) const = default;
+  bool operator==(const ListedSite&) const = default;
 };
 
 // The name under which a host is put on the list: without a leading "www." or "m.". The name stays whole if the rest
-// has no dot ("www.com") or itself starts with one of these prefixes ("www.m.example.com"). A view into `host`.
+// has no dot ("www.com"), is a public suffix ("www.gov.uk"), or itself starts with one of these prefixes
+// ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// All names to block for a site, its own first. A host without a dot has no usual names. A usual name that would be too
-// long for a host name is left out.
-std::vector<std::string> names_of(const BlockedSite& site);
+// Whether the line covers more names than its host. Nothing covers the names below a public suffix (Subdomains.h).
+bool has_subdomains(const ListedSite& site);
+
+// The name that the extension must hold for a site: the host, with the mark of its scope (Subdomains.h).
+std::string name_of(const ListedSite& site);
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
 // Not thread-safe.
@@ -45,21 +55,18 @@ class BlockList {
   std::string text() const;
 
   // The sites, in the order of their lines. If a site has several lines, the last one counts.
-  std::vector<BlockedSite> sites() const;
-  void forEachSite(const std::function<void(const BlockedSite&)>& visit) const;  // the same sites, not copied
-  size_t size() const { return lineByHost_.size(); }                             // the number of sites
+  std::vector<ListedSite> sites() const;
+  void forEachSite(const std::function<void(const ListedSite&)>& visit) const;  // the same sites, not copied
+  size_t size() const { return lineByHost_.size(); }                            // the number of sites
   const std::vector<BadLine>& badLines() const { return badLines_; }
 
-  // The site with exactly this name, otherwise the site that has it as a usual name, otherwise null. Valid until the
-  // next change of the list.
-  const BlockedSite* find(std::string_view host) const;
-  // Only the site that has this name as a usual name; null if there is none.
-  const BlockedSite* findByUsualName(std::string_view host) const;
+  // The site with exactly this host; null if there is none. Valid until the next change of the list.
+  const ListedSite* find(std::string_view host) const;
 
-  // Adds a site at the end, or replaces the site with the same name and keeps the comment on that site's line. A site
-  // with usual names is stored under site_of(host). Returns whether anything changed.
-  bool put(BlockedSite site);
-  // Removes the site with exactly this name, all its lines included. Returns whether there was one.
+  // Adds a site at the end, or replaces the site with the same host and keeps the comment on that site's line. Returns
+  // whether anything changed.
+  bool put(ListedSite site);
+  // Removes the site with exactly this host, all its lines included. Returns whether there was one.
   bool remove(std::string_view host);
 
  private:
@@ -67,13 +74,13 @@ class BlockList {
   struct Line {
     // As in the file, without the line end. Empty, to save memory, if the line equals line_of(site).
     std::string text;
-    std::optional<BlockedSite> site;  // none for a comment, a blank line or a bad line
-    uint32_t earlier = kNone;         // the previous line with the same site
-    bool isSuperseded = false;        // a later line has the same site
+    std::optional<ListedSite> site;  // none for a comment, a blank line or a bad line
+    uint32_t earlier = kNone;        // the previous line with the same site
+    bool isSuperseded = false;       // a later line has the same site
     bool isRemoved = false;
   };
-  // Maps the keyed hash of a site's name to the site's line. The key is not the name itself, because second copies of
-  // the names would take most of the memory.
+  // Maps the keyed hash of a site's host to the site's line. The key is not the host itself, because second copies of
+  // the hosts would take most of the memory.
   using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
   void append(Line line);
@@ -84,14 +91,22 @@ class BlockList {
   LineByHost lineByHost_;
 };
 
+// The sites on the list that decide about a host, found in the order of the extension's questions to the provider. A
+// null pointer means that there is no such site. Valid until the next change of the list.
+struct Decision {
+  const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
+  const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first
+  const ListedSite* exception = nullptr;  // the exception that counts if a site blocks the host
+  bool isBlocked() const { return blocking != nullptr && exception == nullptr; }
+};
+Decision decide(const BlockList& list, std::string_view host, Moment now);
+
 // The names that the extension must hold at a given moment.
 struct HeldNames {
-  std::vector<std::string> names;                         // sorted, each once
+  std::vector<std::string> names;                         // sorted
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
   std::optional<Moment> nextChange;                       // when the first of these suspensions ends
 };
-// A name may belong to two sites: to one as its own name, and to another as a usual name. It is held unless both sites
-// are suspended.
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

@@ -6,16 +6,18 @@
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/TimeText.h"
+#include "platform/linux/base/Subdomains.h"
 
 namespace orvane {
 namespace {
 
 constexpr std::string_view kOnly = "only";
+constexpr std::string_view kAllowed = "allowed";
 constexpr std::string_view kUntil = "until=";
 
-bool read_until_word(std::string_view word, BlockedSite& site, std::string& fault) {
+bool read_until_word(std::string_view word, std::optional<Moment>& until, std::string& fault) {
   try {
-    site.until = read_moment(word.substr(kUntil.size()));
+    until = read_moment(word.substr(kUntil.size()));
     return true;
   } catch (const InputError&) {
     fault = in_quotes(word) + " has no valid time: write it as in until=2030-01-31T18:00:00Z";
@@ -25,29 +27,54 @@ bool read_until_word(std::string_view word, BlockedSite& site, std::string& faul
 
 }  // namespace
 
-std::string line_of(const BlockedSite& site) {
-  std::string line = site.host;
-  if (!site.usualNames) line += " only";
-  if (site.until) line += " until=" + time_text(*site.until);
+std::string line_of(const ListedSite& site) {
+  std::string line;
+  if (site.scope == Scope::Subdomains && site_of(site.host) != site.host) line = '.';
+  line += site.host;
+  if (site.scope == Scope::ExactName) line.append(" ").append(kOnly);
+  if (site.scope == Scope::Exception) line.append(" ").append(kAllowed);
+  if (site.until) line.append(" ").append(kUntil).append(time_text(*site.until));
   return line;
 }
 
-bool read_line(std::string_view line, bool usualNames, BlockedSite& site, std::string& fault) {
-  site = {};
-  site.usualNames = usualNames;
-  if (!read_hostname(take_word(line), site.host, fault)) return false;
+bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string& fault) {
+  site = {"", scope, {}};
+  const bool keepsPrefix = scope != Scope::Subdomains || host.starts_with('.');
+  if (host.size() > 1 && host.starts_with('.')) host.remove_prefix(1);
+  if (!read_hostname(host, site.host, fault)) return false;
+  if (!keepsPrefix) site.host = site_of(site.host);
+  return true;
+}
+
+std::string scope_fault(const ListedSite& site) {
+  if (site.scope == Scope::ExactName || !is_public_suffix(site.host)) return "";
+  return "it is a public suffix, and the sites below it are unrelated: name one of these sites; or, for this exact "
+         "name "
+         "alone, use --exact, or \"only\" in a list";
+}
+
+bool read_line(std::string_view line, Scope scope, ListedSite& site, std::string& fault) {
+  const std::string_view host = take_word(line);
+  std::optional<Moment> until;
   while (!line.empty()) {
     std::string_view word = take_word(line);
     if (word == kOnly) {
-      site.usualNames = false;
-    } else if (word.substr(0, kUntil.size()) == kUntil) {
-      if (!read_until_word(word, site, fault)) return false;
+      scope = Scope::ExactName;
+    } else if (word == kAllowed) {
+      scope = Scope::Exception;
+    } else if (word.starts_with(kUntil)) {
+      if (!read_until_word(word, until, fault)) return false;
     } else {
-      fault = in_quotes(word) + " is neither \"only\" nor \"until=TIME\": give one host name per line";
+      fault = in_quotes(word) + " is neither \"only\" nor \"allowed\" nor \"until=TIME\": give one host name per line";
       return false;
     }
   }
-  if (site.usualNames) site.host = site_of(site.host);
+  if (!read_site(host, scope, site, fault)) return false;
+  if (until && scope == Scope::Exception) {
+    fault = "an exception has no time: remove \"until=\" or \"allowed\"";
+    return false;
+  }
+  site.until = until;
   return true;
 }
 

@@ -96,8 +96,7 @@ std::string_view format_fault(std::string_view text) {
 
 class ImportReader {
  public:
-  ImportReader(std::optional<bool> usualNames, const ImportRejection& rejected)
-      : usualNames_(usualNames), rejected_(rejected) {}
+  ImportReader(std::optional<Scope> scope, const ImportRejection& rejected) : scope_(scope), rejected_(rejected) {}
 
   void readLine(std::string_view line) {
     ++result_.lines;
@@ -110,8 +109,11 @@ class ImportReader {
     if (kind != Address::None) return readHostsLine(address, kind, names);
     if (hides_elements(line)) return reject(line, "it hides parts of pages: only whole sites can be blocked");
     line = trimmed(without_comment(line));
-    if (line.starts_with("@@")) return reject(line, "it is an exception: remove the names that should not be blocked");
-    if (line.starts_with("||")) return readRule(line);
+    constexpr std::string_view kException = "@@||", kRule = "||";
+    if (line.starts_with(kException)) return readRule(line, line.substr(kException.size()), Scope::Exception);
+    if (line.starts_with("@@"))
+      return reject(line, "it is an exception for parts of sites: only exceptions for whole sites are taken");
+    if (line.starts_with(kRule)) return readRule(line, line.substr(kRule.size()), scope_.value_or(Scope::Subdomains));
     readPlainLine(line);
   }
 
@@ -121,7 +123,7 @@ class ImportReader {
   bool isComment(std::string_view line) {
     if (line.empty()) return true;
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
-    isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||");
+    isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||") || line.starts_with("@@");
     if (line.front() == '!' || title) return true;
     // A line such as "##.banner" is a rule only in a filter list; in other lists, "##Title" is a comment.
     return line.front() == '#' && !(isFilterList_ && hides_elements(line));
@@ -129,7 +131,7 @@ class ImportReader {
 
   void readHostsLine(std::string_view address, Address kind, std::string_view names) {
     while (!names.empty()) {
-      BlockedSite site{"", usualNames_.value_or(false), {}};
+      ListedSite site{"", scope_.value_or(Scope::ExactName), {}};
       const std::string_view name = take_word(names);
       std::string fault;
       const bool isName = read_hostname(name, site.host, fault);
@@ -146,9 +148,8 @@ class ImportReader {
     }
   }
 
-  void readRule(std::string_view line) {
-    constexpr size_t kSigns = 2;
-    std::string_view pattern = line.substr(kSigns);
+  // `pattern` is the part of the line after its first signs.
+  void readRule(std::string_view line, std::string_view pattern, Scope scope) {
     if (const size_t dollar = pattern.find('$'); dollar != std::string_view::npos) {
       const std::string_view option = limiting_option(pattern.substr(dollar + 1));
       if (!option.empty())
@@ -157,27 +158,28 @@ class ImportReader {
     }
     if (!pattern.empty() && pattern.back() == '|') pattern.remove_suffix(1);
     if (!pattern.empty() && pattern.back() == '^') pattern.remove_suffix(1);
-    BlockedSite site{"", usualNames_.value_or(true), {}};
+    ListedSite site{"", scope, {}};
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
-    if (is_local_name(site.host)) {
-      ++result_.skipped;
-      return;
-    }
-    ++result_.filterRules;
-    add(std::move(site));
+    addUnlessLocal(line, std::move(site));
   }
 
   void readPlainLine(std::string_view line) {
-    BlockedSite site;
+    ListedSite site;
     std::string fault;
-    const bool isLine = read_line(line, usualNames_.value_or(true), site, fault);
-    if (is_local_name(isLine ? site.host : line)) {
+    const bool isLine = read_line(line, scope_.value_or(Scope::Subdomains), site, fault);
+    if (isLine) return addUnlessLocal(line, std::move(site));
+    if (!is_local_name(line)) return reject(line, fault);
+    ++result_.skipped;
+  }
+
+  void addUnlessLocal(std::string_view line, ListedSite site) {
+    if (is_local_name(site.host)) {
       ++result_.skipped;
-    } else if (isLine) {
-      add(std::move(site));
-    } else {
+    } else if (std::string fault = scope_fault(site); !fault.empty()) {
       reject(line, fault);
+    } else {
+      add(std::move(site));
     }
   }
 
@@ -186,35 +188,34 @@ class ImportReader {
     rejected_(result_.lines, text, fault);
   }
 
-  void add(BlockedSite site) {
-    if (site.usualNames) site.host = site_of(site.host);
+  void add(ListedSite site) {
     if (auto known = siteByHost_.find(site.host); known != siteByHost_.end()) {
       ++result_.duplicates;
-      known->second->usualNames = known->second->usualNames || site.usualNames;
-      known->second->until = site.until;
+      known->second->scope = std::max(known->second->scope, site.scope);
+      known->second->until = known->second->scope == Scope::Exception ? std::nullopt : site.until;
       return;
     }
-    BlockedSite& added = result_.sites.emplace_back(std::move(site));
+    ListedSite& added = result_.sites.emplace_back(std::move(site));
     siteByHost_.emplace(added.host, &added);
   }
 
-  std::optional<bool> usualNames_;
+  std::optional<Scope> scope_;
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   ImportedSites result_;
-  std::unordered_map<std::string_view, BlockedSite*, KeyedHash> siteByHost_;  // points into result_.sites
+  std::unordered_map<std::string_view, ListedSite*, KeyedHash> siteByHost_;  // points into result_.sites
 };
 
 }  // namespace
 
-ImportedSites read_import(std::string_view text, std::optional<bool> usualNames, const ImportRejection& rejected,
+ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
                           const ImportProgress& progress) {
   constexpr size_t kLinesBetweenReports = 4096;
   if (const std::string_view fault = format_fault(text); !fault.empty())
     throw InputError("not a list: " + std::string(fault));
   const size_t size = text.size();
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
-  ImportReader reader(usualNames, rejected);
+  ImportReader reader(scope, rejected);
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
     reader.readLine(text.substr(0, end));
@@ -228,11 +229,11 @@ ImportedSites read_import(std::string_view text, std::optional<bool> usualNames,
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
   const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
-  for (BlockedSite site : imported.sites) {
-    const BlockedSite* old = (replace ? before : list).find(site.host);
-    if (old != nullptr && old->host != site.host) old = nullptr;  // the host is only a usual name of another site
-    if (old != nullptr && !replace) site.usualNames = site.usualNames || old->usualNames;
+  for (ListedSite site : imported.sites) {
+    const ListedSite* old = (replace ? before : list).find(site.host);
+    if (old != nullptr && !replace) site.scope = std::max(site.scope, old->scope);
     if (old != nullptr && !site.until) site.until = old->until;
+    if (site.scope == Scope::Exception) site.until.reset();
     ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
     list.put(std::move(site));
   }

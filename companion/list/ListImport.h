@@ -11,24 +11,25 @@
 
 namespace orvane {
 
-// The sites that read_import() finds in a block list from another source. Each line of the list has one of three forms:
+// The sites that read_import() finds in a block list from another source. Each line of the list has one of these forms:
 //
-//   form                            meaning                                              usual names by default
-//   example.com                     one name, or any line of orvane-list(5)              yes
-//   0.0.0.0 a.example b.example     hosts(5), with an unspecified or loopback address    no: these lists name each host
-//   ||example.com^                  a filter list's rule for a whole site                yes
+//   form                            meaning                                              scope by default
+//   example.com                     one name, or any line of orvane-list(5)              Subdomains
+//   0.0.0.0 a.example b.example     hosts(5), with an unspecified or loopback address    ExactName: these lists name
+//                                                                                        each host
+//   ||example.com^                  a filter list's rule for a whole site                Subdomains
+//   @@||example.com^                a filter list's exception for a whole site           Exception
 //
 // A comment starts with "#", or with "!" at the start of a line. A line in brackets is a filter list's title and counts
 // as a comment.
 struct ImportedSites {
-  // Each site once, in the order in which the sites first occur. A site has usual names if one of its lines gives it
-  // usual names; its last line decides whether it is suspended.
-  std::deque<BlockedSite> sites;
+  // Each site once, in the order in which the sites first occur. Of the scopes of its lines, the greatest counts; its
+  // last line decides whether it is suspended.
+  std::deque<ListedSite> sites;
   size_t lines = 0;
-  size_t duplicates = 0;   // names that occurred earlier in this text
-  size_t skipped = 0;      // names like localhost, which every hosts file has
-  size_t rejected = 0;     // invalid lines; in a line of hosts(5), each invalid name
-  size_t filterRules = 0;  // lines of the third form; their authors mean the subdomains, too
+  size_t duplicates = 0;  // names that occurred earlier in this text
+  size_t skipped = 0;     // names like localhost, which every hosts file has
+  size_t rejected = 0;    // invalid lines; in a line of hosts(5), each invalid name
 };
 
 // Called for each rejected line or name: the line's number from 1, the text, and what is wrong and what to do.
@@ -36,9 +37,9 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the bytes and lines read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
-// Reads a block list. `usualNames`, if given, replaces the default of each form (see ImportedSites). Throws InputError
-// for compressed data and for UTF-16.
-ImportedSites read_import(std::string_view text, std::optional<bool> usualNames, const ImportRejection& rejected,
+// Reads a block list. `scope`, if given, replaces the default of each form except the exception (see ImportedSites).
+// Throws InputError for compressed data and for UTF-16.
+ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
 struct ImportCounts {
@@ -49,7 +50,7 @@ struct ImportCounts {
 };
 
 // Adds the sites to the list, or replaces the whole list with them. A site already on the list keeps its suspension
-// unless the import gives another; it keeps its usual names unless the list is replaced.
+// unless the import gives another; it keeps its scope, if that is the greater one, unless the list is replaced.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
 }  // namespace orvane

@@ -51,7 +51,7 @@ std::string forbidden_character_fault(std::string_view given, char c) {
     case '@':
       return "it has a user name: give the host name alone";
     case '*':
-      return "it is a wildcard: names match exactly, so give each name";
+      return "it is a wildcard: give the name without it";
     case ' ':
     case '\t':
       return "it has a space: give one name at a time";

@@ -205,7 +205,7 @@ TEST_F(StateFile, IsRejectedWhenInvalid) {
 
 TEST_F(Keeper, TryGivesVerdictWithReason) {
   std::ofstream(path("list"))
-      << "a.example\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n";
+      << "a.example\nx.a.example allowed\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n";
   KeeperState state;
   state.connected = true;
   state.sentVersion = list_version(path("list"));
@@ -222,11 +222,11 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
     EXPECT_NE(output.find(": " + verdict + "\n"), std::string::npos) << output;
     EXPECT_NE(output.find(reason), std::string::npos) << output;
   };
-  check("A.example.", "blocked", "it is on the list\n");
-  check("m.a.example", "blocked", "as a usual name of a.example");
-  check("x.y.a.example", "not blocked", "a.example is on the list, but does not cover x.y.a.example");
-  check("www.b.example", "not blocked", "b.example is on the list under its exact name only");
-  check("www.c.example", "blocked", "it is on the list\n");
+  check("A.example.", "blocked", "blocked by the line \"a.example\"\n");
+  check("y.m.a.example", "blocked", "blocked by the line \"a.example\"\n");
+  check("y.x.a.example", "not blocked", "allowed by the exception \"x.a.example allowed\"");
+  check("www.b.example", "not blocked", "\"b.example only\" covers only this exact name: block it without --exact");
+  check("www.c.example", "blocked", "blocked by the line \"www.c.example only\"\n");
   check("m.c.example", "not blocked", "suspended until 2999");
   check("d.example", "not blocked", "it is not on the list\n");
   state.sentVersion = "another";

@@ -36,7 +36,7 @@ class ListFile : public testing::Test {
     return static_cast<size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()));
   }
   ListVersion put(const std::string& host) const {
-    return edit_list(path_, [&](BlockList& list) { return list.put({host, true, {}}); });
+    return edit_list(path_, [&](BlockList& list) { return list.put({host, Scope::Subdomains, {}}); });
   }
 
   const TemporaryFolder temporary_;
@@ -131,7 +131,7 @@ TEST_F(ListFile, EditsTheVersionSavedMeanwhile) {
   int calls = 0;
   edit_list(path_, [&](BlockList& list) {
     if (++calls == 1) write("by.hand.example\n");
-    return list.put({"new.example", true, {}});
+    return list.put({"new.example", Scope::Subdomains, {}});
   });
   EXPECT_EQ(text(), "by.hand.example\nnew.example\n");
   EXPECT_EQ(calls, 2);

@@ -13,13 +13,13 @@ namespace {
 
 // Imports the text. Returns the imported sites as lines of the list, each followed by ";", and then the numbers of the
 // rejected lines, each after "!".
-std::string imported(std::string_view text, std::optional<bool> usualNames = {}) {
+std::string imported(std::string_view text, std::optional<Scope> scope = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {
     rejected += " !" + std::to_string(line);
     EXPECT_NE(fault.find(": "), std::string::npos) << fault;
   };
-  for (const BlockedSite& site : read_import(text, usualNames, reject, nullptr).sites) result += line_of(site) + ";";
+  for (const ListedSite& site : read_import(text, scope, reject, nullptr).sites) result += line_of(site) + ";";
   return result + rejected;
 }
 
@@ -35,10 +35,15 @@ TEST(ListImport, ReadsEachFormOfLine) {
       {"hosts(5), other addresses", "192.0.2.7 nas.example\n127.0.1.1 me.example\n0.0.0.0 ok.example b*d",
        "ok.example only; !1 !2 !3"},
       {"filter list",
-       "[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||c.example|\n##.x\n#@#.x",
-       "a.example;b.example;c.example; !6 !7"},
+       "[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||www.c.example|\n##.x\n#@#.x",
+       "a.example;b.example;.www.c.example; !6 !7"},
+      {"filter list, exceptions",
+       "@@||a.example^\n||a.example^\n||b.example^\n@@||b.example^$document\n@@||c.example^$script\n@@/g/",
+       "a.example allowed;b.example allowed; !5 !6"},
+      {"public suffixes", "co.uk\n||github.io^\n@@||github.io^\ncom only\n0.0.0.0 co.uk\nuser.github.io",
+       "com only;co.uk only;user.github.io; !1 !2 !3"},
       {"filter list, other rules",
-       "||a.example^$third-party\n@@||b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
+       "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
        " !1 !2 !3 !4 !5 !6 !7"},
       {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
       {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
@@ -51,8 +56,9 @@ TEST(ListImport, ReadsEachFormOfLine) {
   };
   for (const auto& [description, text, expected] : kCases) EXPECT_EQ(imported(text), expected) << description;
   EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
-  EXPECT_EQ(imported("0.0.0.0 www.a.example\na.example", true), "a.example;");
-  EXPECT_EQ(imported("www.a.example\n||b.example^", false), "www.a.example only;b.example only;");
+  EXPECT_EQ(imported("0.0.0.0 b.example a.example\nwww.a.example", Scope::Subdomains), "b.example;a.example;");
+  EXPECT_EQ(imported("www.a.example\n||b.example^\n@@||c.example^", Scope::ExactName),
+            "www.a.example only;b.example only;c.example allowed;");
 }
 
 TEST(ListImport, RejectsOtherFileFormats) {
@@ -66,21 +72,24 @@ TEST(ListImport, RejectsOtherFileFormats) {
 }
 
 TEST(ListImport, KeepsSuspensions) {
-  BlockList list = BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\n");
+  BlockList list =
+      BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\nd.example allowed\n");
   auto ignore = [](size_t, std::string_view, const std::string&) {};
   const ImportedSites sites =
-      read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example\n", std::nullopt, ignore, nullptr);
+      read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example d.example\n", std::nullopt, ignore, nullptr);
   ImportCounts counts = put_imported(list, sites, false);
-  EXPECT_EQ(list.text(), "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example\nwww.c.example only\n");
-  EXPECT_EQ(counts.unchanged, 2U);
+  EXPECT_EQ(list.text(),
+            "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example\nd.example allowed\nwww.c.example only\n");
+  EXPECT_EQ(counts.unchanged, 3U);
   EXPECT_EQ(counts.changed, 1U);
   EXPECT_EQ(counts.added, 1U);
 
-  list = BlockList::parse("# gone\na.example until=2030-01-01T00:00:00Z\nc.example only\nd.example\ne.example\n");
+  list = BlockList::parse("# gone\na.example until=2030-01-01T00:00:00Z\nc.example only\nf.example\ne.example\n");
   counts = put_imported(list, sites, true);
-  EXPECT_EQ(list.text(), "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example only\nwww.c.example only\n");
+  EXPECT_EQ(list.text(),
+            "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example only\nwww.c.example only\nd.example only\n");
   EXPECT_EQ(counts.unchanged, 2U);
-  EXPECT_EQ(counts.added, 2U);
+  EXPECT_EQ(counts.added, 3U);
   EXPECT_EQ(counts.removed, 2U);
 }
 
