@@ -13,7 +13,7 @@ import threading
 from isolation import Unavailable
 from web_servers import make_certificate, page_of
 
-_ENCRYPTED_HELLO = 0xFE0D  # RFC 9849, section 5: the extension, and the version of keys
+_ENCRYPTED_HELLO = 0xFE0D  # RFC 9849, section 5: the number of the extension, and of the keys' version
 _X25519 = 0x0020  # RFC 9180, section 7.1
 _HKDF_SHA256_AES_128_GCM = struct.pack("!2H", 1, 1)  # RFC 9180, sections 7.2 and 7.3
 _SERVER = ("127.0.0.1", 8443)
@@ -53,7 +53,7 @@ def _make_key(public_name: str) -> tuple[bytes, bytes]:
     pair = openssl("genpkey", "-algorithm", "X25519")
     private = openssl("pkey", "-outform", "DER", data=pair)[-32:]
     public = openssl("pkey", "-pubout", "-outform", "DER", data=pair)[-32:]
-    # NSS has no form of its own for X25519. In PKCS #8 it is one more elliptic curve, 1.3.6.1.4.1.11591.15.1.
+    # NSS reads an X25519 key in PKCS #8 only as the key of a named elliptic curve, 1.3.6.1.4.1.11591.15.1.
     start = bytes.fromhex("3067020100301406072a8648ce3d020106092b06010401da470f01044c304a0201010420")
     key = start + private + bytes.fromhex("a123032100") + public
     suite = struct.pack("!BH", 1, _X25519) + _with_length(public) + _with_length(_HKDF_SHA256_AES_128_GCM)
@@ -64,8 +64,8 @@ def _make_key(public_name: str) -> tuple[bytes, bytes]:
 class EncryptedHelloServer:
     """Serves a page for each of `names` at port 443 of `address`, until the process ends.
 
-    The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` is what the
-    network saw.
+    The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` has what the
+    network saw of each browser's hello.
     """
 
     def __init__(self, directory: pathlib.Path, address: str, names: list[str], public_name: str):
@@ -90,8 +90,8 @@ class EncryptedHelloServer:
         command = ["selfserv", "-d", database, "-n", "server", "-p", str(_SERVER[1]), "-V", "tls1.3:", "-X", encryption]
         quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         subprocess.Popen(command, **quiet)
-        # selfserv listens at all addresses, and port 443 of the other addresses belongs to other servers. So its
-        # connections go through here.
+        # selfserv listens at all addresses, and port 443 of the other addresses belongs to other servers. So selfserv
+        # listens at another port, and this process relays the connections from port 443 of `address` to it.
         listener = socket.create_server((address, 443), reuse_port=True)
         threading.Thread(target=self._serve, args=(listener,), daemon=True).start()
 
@@ -108,7 +108,8 @@ class EncryptedHelloServer:
                 return
             hello += data
         self.hellos.append(_read_hello(hello))
-        # Only now: a connection that the filter drops never ends here, and selfserv serves at most eight at once.
+        # Connect to selfserv only after a whole hello: a connection that the filter drops never ends here, and selfserv
+        # serves at most eight connections at once.
         with client, socket.create_connection(_SERVER) as server:
             server.sendall(hello)
             threading.Thread(target=self._copy, args=(client, server), daemon=True).start()

@@ -9,7 +9,7 @@ from harness import ALLOW, DROP, HELD, NEWS, World, check
 from isolation import Unavailable
 from programs import Browser, Chromium, Destination, Firefox
 
-# Two sites with Encrypted Client Hello, and the name that the network sees instead of theirs.
+# Two sites with Encrypted Client Hello, and the name that the network sees instead of the sites' names.
 SECRET, OPEN, PUBLIC = "secret.example", "open.example", "cloudflare-ech.com"
 
 
@@ -37,7 +37,10 @@ def ResetsConnectionsOfFirefox(world: World):
 
 
 def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, decoy: bool) -> None:
-    """`decoy`: the browser sends random bytes in place of an encrypted hello, even with the policy."""
+    """Checks that the policy stops encrypted hellos.
+
+    With `decoy`, the browser sends random bytes in place of an encrypted hello, even with the policy.
+    """
     browser = _find(world, kind, name)
     server = EncryptedHelloServer(world.directory / "encrypted", "127.0.0.2", [SECRET, OPEN], PUBLIC)
     for host in (SECRET, OPEN):
@@ -56,7 +59,7 @@ def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, 
     with world.extension(name) as extension:
         extension.hold(SECRET)
         check(doctor(extension), "warning", "doctor without the policy")
-        # A browser that gets the key too late sends the name unencrypted.
+        # A browser that gets the key too late sends the name unencrypted, and its connection is dropped. So try again.
         verdicts = [fetch(SECRET)]
         while verdicts[-1] == DROP and len(verdicts) < 3:
             verdicts.append(fetch(SECRET))
