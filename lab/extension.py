@@ -18,7 +18,13 @@ class Failure(Exception):
 
 
 def _make_bundle(
-    built: pathlib.Path, bundle: pathlib.Path, provider: str, browsers: list[str], flow_source: str | None, level: str
+    built: pathlib.Path,
+    bundle: pathlib.Path,
+    provider: str,
+    browsers: list[str],
+    flow_source: str | None,
+    level: str,
+    settings: dict[str, str],
 ) -> None:
     shutil.copytree(built, bundle)
     description = bundle / "Contents/Info.plist"
@@ -26,6 +32,7 @@ def _make_bundle(
     information["NetworkExtension"] = {
         "NEProviderClasses": {"com.apple.networkextension.filter-data": provider},
         "OrvaneProxyPort": _PROXY_PORT,
+        **settings,
     }
     if flow_source is not None:
         information["NetworkExtension"]["OrvaneFlowSource"] = flow_source
@@ -38,9 +45,10 @@ def _make_bundle(
 class Extension:
     """An extension that runs for a with block. At the end of the block, an exit code other than 0 raises Failure.
 
-    `directory` must not exist yet. Without a `flow_source`, the extension chooses: netfilter if possible, else the
-    proxy. After the start, the member `flow_source` names the chosen source. If this is the proxy, the member
-    `netfilter_error` says why netfilter is unavailable.
+    `directory` must not exist yet. `settings` are more keys of the bundle's NetworkExtension dictionary. Without a
+    `flow_source`, the extension chooses: netfilter if possible, else the proxy. After the start, the member
+    `flow_source` names the chosen source. If this is the proxy, the member `netfilter_error` says why netfilter is
+    unavailable.
     """
 
     def __init__(
@@ -51,10 +59,11 @@ class Extension:
         browsers: list[str],
         flow_source: str | None = None,
         log_level: str = "Debug",
+        settings: dict[str, str] | None = None,
     ):
         directory.mkdir()
         bundle = directory / "OrvaneSE.systemextension"
-        _make_bundle(build / bundle.name, bundle, provider, browsers, flow_source, log_level)
+        _make_bundle(build / bundle.name, bundle, provider, browsers, flow_source, log_level, settings or {})
         information = plistlib.loads((bundle / "Contents/Info.plist").read_bytes())
         self.command = [bundle / "Contents/Linux/OrvaneSE"]
         self._orvanectl = build / "orvanectl"

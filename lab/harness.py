@@ -92,9 +92,11 @@ class World:
         folder.mkdir()
         self.servers = WebServers(folder, names)
 
-    def extension(self, *browsers: str, provider="FilterDataProvider", source: str | None = "netfilter") -> Extension:
+    def extension(
+        self, *browsers: str, provider="FilterDataProvider", source: str | None = "netfilter", **more
+    ) -> Extension:
         folder = self.directory / f"extension-{os.getpid()}-{len(self.extensions)}"
-        self.extensions.append(Extension(self.build, folder, provider, list(browsers), source))
+        self.extensions.append(Extension(self.build, folder, provider, list(browsers), source, **more))
         return self.extensions[-1]
 
     @contextlib.contextmanager

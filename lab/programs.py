@@ -1,7 +1,9 @@
 """Client programs that fetch a page, through a proxy if there is one, and report what they saw."""
 
+import contextlib
 import dataclasses
 import json
+import os
 import pathlib
 import re
 import shutil
@@ -150,6 +152,92 @@ class Chromium(Browser):
             return Seen([], f"exit code {done.returncode}, {len(done.stdout)} characters")
         verdicts = {"ERR_TUNNEL_CONNECTION_FAILED": [DROP], "ERR_CONNECTION_RESET": _after_reset(proxy)}
         return Seen(verdicts.get(error[1], []), f"error page, {error[1]}")
+
+    @contextlib.contextmanager
+    def tabs(self):
+        """A running Chromium whose tabs download."""
+        commands, their_commands = os.pipe()[::-1]
+        their_answers, answers = os.pipe()[::-1]
+        with tempfile.TemporaryDirectory(dir=self._directory, ignore_cleanup_errors=True) as profile:
+            command = [self._path, *self._OPTIONS, f"--user-data-dir={profile}", "--remote-debugging-pipe"]
+            # Chromium reads commands from descriptor 3 and writes answers to descriptor 4.
+            script = f'exec "$@" 3<&{their_commands} 4>&{their_answers}'
+            chromium = subprocess.Popen(
+                ["bash", "-c", script, "bash", *command, "about:blank"],
+                env=self._environment(),
+                cwd=self._directory,
+                pass_fds=[their_commands, their_answers],
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+            )
+            os.close(their_commands)
+            os.close(their_answers)
+            try:
+                with open(commands, "wb") as to, open(answers, "rb") as back:
+                    yield Tabs(to, back)
+            finally:
+                chromium.kill()
+                chromium.wait()
+
+
+class Tabs:
+    """Tabs of a Chromium, controlled over the DevTools protocol, whose messages are JSON that ends in a zero byte."""
+
+    # Counts the bytes of a download, and keeps the error with which it ends.
+    _DOWNLOAD = """
+        window.received = 0;
+        window.error = null;
+        (async () => {
+            const reader = (await fetch("%s")).body.getReader();
+            for (;;) {
+                const {done, value} = await reader.read();
+                if (done) throw new Error("the download is complete");
+                window.received += value.length;
+            }
+        })().catch(error => { window.error = error.message; });
+    """
+
+    def __init__(self, commands, answers):
+        self._commands, self._answers, self._count = commands, answers, 0
+
+    def _call(self, method: str, session: str | None = None, **parameters):
+        self._count += 1
+        message = {"id": self._count, "method": method, "params": parameters}
+        if session is not None:
+            message["sessionId"] = session
+        self._commands.write(json.dumps(message).encode() + b"\0")
+        self._commands.flush()
+        while True:
+            answer = bytearray()
+            while (byte := self._answers.read(1)) != b"\0":
+                if not byte:
+                    raise EOFError("Chromium has ended")
+                answer += byte
+            answer = json.loads(answer)
+            if answer.get("id") == self._count:
+                return answer["result"]
+
+    def _evaluate(self, tab: str, expression: str):
+        return self._call("Runtime.evaluate", tab, expression=expression)["result"].get("value")
+
+    def start_download(self, origin: str, path: str) -> str:
+        """Opens a page of the origin in a new tab, which then downloads the path. Returns the tab."""
+        target = self._call("Target.createTarget", url=f"{origin}/")["targetId"]
+        tab = self._call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
+        end = time.monotonic() + _TIMEOUT
+        while self._evaluate(tab, "document.readyState + location.origin") != f"complete{origin}":
+            if time.monotonic() > end:
+                raise TimeoutError(f"no page of {origin}")
+            time.sleep(0.05)
+        self._evaluate(tab, self._DOWNLOAD % path)
+        return tab
+
+    def received(self, tab: str) -> int:
+        return self._evaluate(tab, "window.received")
+
+    def error(self, tab: str) -> str | None:
+        return self._evaluate(tab, "window.error")
 
 
 class Firefox(Browser):

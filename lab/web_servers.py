@@ -7,6 +7,7 @@ import socketserver
 import ssl
 import subprocess
 import threading
+import time
 
 _REQUEST = """\
 [req]
@@ -36,20 +37,36 @@ def make_certificate(directory: pathlib.Path, section: str, names: list[str], *m
     return certificate
 
 
+ENDLESS = "/endless"  # a path that begins so has a body that never ends, at some 40 kB a second
+
+
 def page_of(scheme: str, host: str) -> str:
     return f"This is {host} over {scheme}."
 
 
 class _Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"  # a connection can carry several requests
+
     def do_GET(self):
         host = self.headers.get("Host", "").partition(":")[0]
         self.server.visits.add(self.path)
+        if self.path.startswith(ENDLESS):
+            return self._send_endless_body()
         body = (page_of(self.server.scheme, host) + "\n").encode()
         self.send_response(200)
         self.send_header("Content-Type", "text/plain; charset=utf-8")
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
+
+    def _send_endless_body(self):
+        self.send_response(200)
+        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Connection", "close")
+        self.end_headers()
+        while True:
+            self.wfile.write(bytes(2000))
+            time.sleep(0.05)
 
     def log_message(self, *_):
         pass  # no log: the callers report what they requested

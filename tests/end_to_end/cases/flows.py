@@ -4,7 +4,6 @@ import collections
 import pathlib
 import shutil
 import socket
-import ssl
 import struct
 import subprocess
 import time
@@ -12,7 +11,7 @@ import time
 import name_server
 import programs
 from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, outcome
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, outcome
 
 
 def DropsOnlyHeldHosts(world: World):
@@ -22,18 +21,6 @@ def DropsOnlyHeldHosts(world: World):
             for scheme in ("http", "https"):
                 check(world.fetch(curl, scheme, HELD, family), DROP, f"{scheme} {family}")
                 check(world.fetch(curl, scheme, NEWS, family), ALLOW, f"{scheme} {family}")
-
-
-def AppliesListChangesToNewConnectionsOnly(world: World):
-    context = ssl.create_default_context(cafile=world.servers.authority)
-    with world.extension(PYTHON) as extension:
-        raw = socket.create_connection(("127.0.0.1", 443), 20)
-        with context.wrap_socket(raw, server_hostname=NEWS) as connection:
-            for step, names, expected in (("added", [NEWS], DROP), ("removed", [], ALLOW)):
-                extension.hold(*names)
-                connection.sendall(request(NEWS))
-                check(outcome(connection), ALLOW, f"the open connection after its name was {step}")
-                check(connect(NEWS), expected, f"the next connection after its name was {step}")
 
 
 class _BrowsersCurl(programs.Curl):

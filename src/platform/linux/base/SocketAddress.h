@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,7 +26,7 @@ struct SocketAddress {
   // The address as text, without brackets or scope.
   std::string host() const;
 
-  friend bool operator==(const SocketAddress&, const SocketAddress&) = default;
+  friend auto operator<=>(const SocketAddress&, const SocketAddress&) = default;
 };
 
 // The local and the remote endpoint of a connection or a datagram.
@@ -33,7 +34,7 @@ struct SocketPair {
   uint8_t protocol = 0;  // IPPROTO_TCP or IPPROTO_UDP
   SocketAddress local, remote;
 
-  friend bool operator==(const SocketPair&, const SocketPair&) = default;
+  friend auto operator<=>(const SocketPair&, const SocketPair&) = default;
 };
 
 struct SocketPairHash {

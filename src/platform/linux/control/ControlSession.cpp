@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/Log.h"
+#include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/ValueMessage.h"
 
@@ -216,7 +217,13 @@ class GuardedStream final : public capnp::MessageStream {
   unsigned unfinishedCalls_ = 0;
 };
 
-// Passes the client's calls to the exported object, and its replies to the client.
+void report_edit_of(const Value& name) {
+  if (name.isString()) ListEdits::shared().add(std::string(name.asString()));
+}
+
+void report_edit_of_all(const Value&) { ListEdits::shared().addAll(); }
+
+// Passes the client's calls to the exported object, and its replies to the client. Reports edits to ListEdits.
 class ControlServer final : public control::OrvaneSECommunication::Server {
  public:
   ControlServer(OrvaneSECommunication* exported, GuardedStream& stream) : exported_(exported), stream_(stream) {}
@@ -239,28 +246,32 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   }
   kj::Promise<void> addApplicationIdentifier(AddApplicationIdentifierContext context) override {
     return deliver(
-        context, [](auto call) { return call.getIdentifier(); }, &OrvaneSECommunication::addApplicationIdentifier);
+        context, [](auto call) { return call.getIdentifier(); }, &OrvaneSECommunication::addApplicationIdentifier,
+        report_edit_of_all);
   }
   kj::Promise<void> removeApplicationIdentifier(RemoveApplicationIdentifierContext context) override {
     return deliver(
-        context, [](auto call) { return call.getIdentifier(); }, &OrvaneSECommunication::removeApplicationIdentifier);
+        context, [](auto call) { return call.getIdentifier(); }, &OrvaneSECommunication::removeApplicationIdentifier,
+        report_edit_of_all);
   }
   kj::Promise<void> setApplicationIdentifiers(SetApplicationIdentifiersContext context) override {
     return deliver(
-        context, [](auto call) { return call.getIdentifiers(); }, &OrvaneSECommunication::setApplicationIdentifiers);
+        context, [](auto call) { return call.getIdentifiers(); }, &OrvaneSECommunication::setApplicationIdentifiers,
+        report_edit_of_all);
   }
   kj::Promise<void> addHostname(AddHostnameContext context) override {
     return deliver(
-        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::addHostname,
+        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::addHostname, report_edit_of,
         Value::bytesInUse());
   }
   kj::Promise<void> removeHostname(RemoveHostnameContext context) override {
     return deliver(
-        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::removeHostname);
+        context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::removeHostname, report_edit_of);
   }
   kj::Promise<void> setHostnames(SetHostnamesContext context) override {
     return deliver(
-        context, [](auto call) { return call.getHostnames(); }, &OrvaneSECommunication::setHostnames);
+        context, [](auto call) { return call.getHostnames(); }, &OrvaneSECommunication::setHostnames,
+        report_edit_of_all);
   }
   kj::Promise<void> setProperties(SetPropertiesContext context) override {
     ValueReservation memory(stream_.messageWords(), Value::bytesInUse());
@@ -268,6 +279,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     Value forHostname = argument(context, [](auto call) { return call.getForHostname(); });
     context.releaseParams();
     exported().setProperties(properties, forHostname);
+    report_edit_of(forHostname);
     return kj::READY_NOW;
   }
   kj::Promise<void> getChangesCount(GetChangesCountContext context) override {
@@ -298,16 +310,17 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // Passes a call with one argument to the exported object. `stored` is the argument of ValueReservation. The
-  // callers pass 0 for a message that removes a value, replaces all values or stores nothing, so that this message
-  // works even when the stored values use up the budget.
+  // Passes a call with one argument to the exported object, then passes the argument to `report`. `stored` is the
+  // argument of ValueReservation. The callers pass 0 for a message that removes a value, replaces all values or stores
+  // nothing, so that this message works even when the stored values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
-                            uint64_t stored = 0) {
+                            void (*report)(const Value&), uint64_t stored = 0) {
     ValueReservation memory(stream_.messageWords(), stored);
     Value value = argument(context, get);
     context.releaseParams();
     (exported().*message)(value);
+    report(value);
     return kj::READY_NOW;
   }
 

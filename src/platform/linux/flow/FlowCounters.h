@@ -9,7 +9,7 @@ namespace orvane {
 struct FlowCounters {
   using Count = std::atomic<uint64_t>;
 
-  Count flows{0};                    // flows that were shown to the provider
+  Count flows{0};                    // flows that were shown to the provider; an open flow counts each time
   Count allowed{0};                  // shown flows that were allowed at once
   Count dropped{0};                  // shown flows that were dropped at once
   Count examined{0};                 // shown flows whose data the provider wanted to see first
@@ -18,6 +18,7 @@ struct FlowCounters {
   Count unknownOwners{0};            // flows without an audit token
   Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
   Count hiddenNames{0};              // flows that may have another name, in an encrypted hello
+  Count ended{0};                    // open flows that were ended after an edit of the list
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
   Count queueOverruns{0};            // times that the queue was full and the kernel dropped packets

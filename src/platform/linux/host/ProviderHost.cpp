@@ -130,7 +130,11 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
   if (!name.isNil() && name != Value::borrowed("netfilter")) {
     return "OrvaneFlowSource is " + name.description() + ", neither netfilter nor proxy";
   }
-  auto netfilter = std::make_unique<Netfilter>();
+  const Value open = extension_setting("OrvaneOpenConnections");
+  if (!open.isNil() && open != Value::borrowed("end") && open != Value::borrowed("keep")) {
+    return "OrvaneOpenConnections is " + open.description() + ", neither end nor keep";
+  }
+  auto netfilter = std::make_unique<Netfilter>(open != Value::borrowed("keep"));
   auto error = netfilter->start(provider, settings);
   if (!error) {
     ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");

@@ -11,9 +11,12 @@
 #include <system_error>
 
 #include "platform/Log.h"
+#include "platform/linux/base/ListEdits.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FlowCounters.h"
+#include "platform/linux/netfilter/ConnectionTracking.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
+#include "platform/linux/netfilter/OpenConnections.h"
 #include "platform/linux/netfilter/PacketBacklog.h"
 #include "platform/linux/netfilter/PacketQueue.h"
 #include "platform/linux/netfilter/QueueWatchdog.h"
@@ -27,6 +30,7 @@ using namespace std::chrono_literals;
 
 constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
+constexpr auto kReviewTime = 1ms;       // how long packets may wait while connections are reviewed
 constexpr auto kRulesDebounce = 200ms;  // from a change to the check: a firewall that reloads makes many changes
 constexpr auto kRulesPoll = 500ms;      // between checks, if the kernel sends no messages or the last repair failed
 
@@ -60,23 +64,31 @@ bool sees_other_users_programs() {
 
 // Once the queue thread runs, only that thread uses this object.
 struct Netfilter::Queue {
-  explicit Queue(Ref<NEFilterDataProvider> provider) : flows(std::move(provider), owners) {}
+  explicit Queue(const Ref<NEFilterDataProvider>& provider)
+      : connections(provider, owners, [this](const OpenConnection& connection) { end(connection); }),
+        flows(provider, owners) {}
 
+  std::optional<std::string> followEdits();
   void serve(int stop);
   PacketQueue::Read readBatch(int most);
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start);
   void rebind();
+  void reviewConnections();
+  void end(const OpenConnection& connection);
 
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
   QueueWatchdog watchdog;
   SystemOwners owners;
+  ConnectionTracking tracking;
+  ListEdits* edits = nullptr;  // null if edits do not end open connections
+  OpenConnections connections;
   QueuedFlows flows;
 };
 
-Netfilter::Netfilter() = default;
+Netfilter::Netfilter(bool endOpenConnections) : endOpenConnections_(endOpenConnections) {}
 
 Netfilter::~Netfilter() { stop(); }
 
@@ -92,6 +104,11 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
   if (!error) error = queue->owners.check();
   if (error) return error;
+  if (endOpenConnections_) {
+    if (auto reason = queue->followEdits()) {
+      ORVANE_LOG_ERROR(default_log(), "netfilter: an edit of the list does not end open connections: %@", *reason);
+    }
+  }
   auto noRecords = queue->owners.recordOpeners();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.
@@ -161,11 +178,21 @@ void Netfilter::watchRules() {
   }
 }
 
+// From now on, edits of the list end open connections. Returns the reason if the kernel does not support this.
+std::optional<std::string> Netfilter::Queue::followEdits() {
+  if (auto error = tracking.open()) return error;
+  edits = &ListEdits::shared();
+  flows.addAllowedTo(connections);
+  return std::nullopt;
+}
+
 void Netfilter::Queue::serve(int stop) {
   if (watchdog.beat()) rebind();  // the first heartbeat starts the watch
   for (;;) {
-    pollfd packet{packets.descriptor(), POLLIN, 0};
-    bool stopped = wait_for({&packet, 1}, stop, deadline_after(kHeartbeat)) == Wait::Stopped;
+    // poll(2) ignores the descriptor -1.
+    pollfd events[] = {{packets.descriptor(), POLLIN, 0}, {edits == nullptr ? -1 : edits->descriptor(), POLLIN, 0}};
+    const auto longestWait = connections.hasPlans() ? 0ms : kHeartbeat;
+    bool stopped = wait_for(events, stop, deadline_after(longestWait)) == Wait::Stopped;
     PacketQueue::Read read;
     int rounds = 0;
     do {
@@ -176,6 +203,7 @@ void Netfilter::Queue::serve(int stop) {
       read = readBatch(rounds == 1 ? 1 : kReadsOfBatch);
       watchdog.setAnswered(packets.acknowledged());
       handleNext();
+      reviewConnections();
     } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
     flows.queueDrained();
     if (stopped) return;
@@ -269,6 +297,24 @@ void Netfilter::Queue::rebind() {
   packets.rebind();
   flow_counters().queueReleases.fetch_add(1, std::memory_order_relaxed);
   ORVANE_LOG_ERROR(default_log(), "netfilter: the filter hung or fell behind, and traffic passed unfiltered meanwhile");
+}
+
+// Asks about open connections that edits of the list concern. Packets wait for this, so it takes only a short time, and
+// continues after the next packet.
+void Netfilter::Queue::reviewConnections() {
+  if (edits == nullptr) return;
+  connections.plan(edits->take());
+  connections.review(kReviewTime);
+}
+
+// The kernel rules reset a connection with this mark at its next outbound packet.
+void Netfilter::Queue::end(const OpenConnection& connection) {
+  flows.drop(connection);
+  flow_counters().ended.fetch_add(1, std::memory_order_relaxed);
+  const int error = tracking.setMark(connection.pair, kMarkDropped, kMarkMask);
+  // If connection tracking has forgotten the connection, flows.drop() has done what is needed.
+  if (error == 0 || error == ENOENT) return;
+  ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
 }
 
 }  // namespace orvane

@@ -20,7 +20,9 @@ namespace orvane {
 //   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
 class Netfilter final : public FlowSource {
  public:
-  Netfilter();
+  // If `endOpenConnections` is true, connections that are open end when the provider drops their names after an edit of
+  // the list.
+  explicit Netfilter(bool endOpenConnections);
   ~Netfilter() override;
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
@@ -34,6 +36,7 @@ class Netfilter final : public FlowSource {
 
   void watchRules();
 
+  const bool endOpenConnections_;
   KernelRules rules_;
   std::unique_ptr<Queue> queue_;
   Descriptor stopRules_, stopQueue_;

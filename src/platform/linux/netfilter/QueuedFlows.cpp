@@ -23,11 +23,6 @@ bool is_settled(const FilterSession& session) {
   return session.state() == FilterSession::State::Allowed || session.state() == FilterSession::State::Dropped;
 }
 
-PacketVerdict verdict_of(const FilterSession& session) {
-  if (!is_settled(session)) return PacketVerdict::Open;
-  return session.state() == FilterSession::State::Dropped ? PacketVerdict::Dropped : PacketVerdict::Allowed;
-}
-
 }  // namespace
 
 PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
@@ -45,10 +40,10 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   isLooping_ = flow->repeats > kRepeatsLimit;
   if (wasSettled) {
     if (flow->generation != generation_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
-    return verdict_of(flow->session);
+    return verdictOf(*flow);
   }
   keep(flow, now);
-  return verdict_of(flow->session);
+  return verdictOf(*flow);
 }
 
 PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now) {
@@ -66,15 +61,28 @@ PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection
     if (openOfUser_[flow->user] > kOpenLimit) flow->session.refuse();
     keep(flow, now);
   }
-  return verdict_of(flow->session);
+  return verdictOf(*flow);
 }
 
-void QueuedFlows::allowSocket(uint64_t cookie) {
-  if (!allowedSockets_.insert(cookie).second) return;
-  allowedByAge_.push_back(cookie);
-  if (allowedByAge_.size() <= kSocketsLimit) return;
-  allowedSockets_.erase(allowedByAge_.front());
-  allowedByAge_.pop_front();
+PacketVerdict QueuedFlows::verdictOf(const Flow& flow) {
+  if (!is_settled(flow.session)) return PacketVerdict::Open;
+  const bool drops = flow.isEnded || flow.session.state() == FilterSession::State::Dropped;
+  return drops ? PacketVerdict::Dropped : PacketVerdict::Allowed;
+}
+
+void QueuedFlows::settleSocket(uint64_t cookie, PacketVerdict verdict) {
+  if (!settledSockets_.insert_or_assign(cookie, verdict).second) return;
+  settledByAge_.push_back(cookie);
+  if (settledByAge_.size() <= kSocketsLimit) return;
+  settledSockets_.erase(settledByAge_.front());
+  settledByAge_.pop_front();
+}
+
+void QueuedFlows::drop(const OpenConnection& connection) {
+  // A datagram socket may have other conversations, which are not dropped.
+  if (connection.pair.protocol == IPPROTO_TCP) settleSocket(connection.cookie, PacketVerdict::Dropped);
+  const auto flow = flows_.find(connection.pair);
+  if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isEnded = true;
 }
 
 // Call this after each packet of a flow that was open. Moves the flow to the end of settled_ if the packet led to a
@@ -85,13 +93,18 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
     open_.splice(open_.end(), open_, flow);
     return;
   }
+  if (flow->session.state() == FilterSession::State::Allowed) recordAllowed(*flow);
   flow->flight = FirstFlight();
   flow->name = ServerNameReader();
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
-  const bool stream = flow->pair.protocol == IPPROTO_TCP;
-  if (stream && flow->session.state() == FilterSession::State::Allowed) allowSocket(flow->cookie);
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
+}
+
+void QueuedFlows::recordAllowed(const Flow& flow) {
+  if (flow.pair.protocol == IPPROTO_TCP) allowSocket(flow.cookie);
+  if (connections_ == nullptr || flow.cookie == 0 || !flow.flow->hostName()) return;
+  connections_->add({flow.pair, flow.cookie, flow.user, flow.flow->sourceAppAuditToken(), *flow.flow->hostName()});
 }
 
 // The flow with these endpoints. Makes a new flow if no flow with these endpoints is known, or if another socket uses
@@ -105,14 +118,16 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, c
     if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
     erase(found->second);
   }
-  const bool isAllowed = socket && allowedSockets_.contains(socket->cookie);
-  Value owner = socket && !isAllowed ? owners_.ownerOf(*socket) : Value();
+  const auto settled = socket ? settledSockets_.find(socket->cookie) : settledSockets_.end();
+  const bool isSettled = settled != settledSockets_.end();
+  Value owner = socket && !isSettled ? owners_.ownerOf(*socket) : Value();
   int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
   auto flow = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
-  Flows& flows = isAllowed ? settled_ : open_;
+  Flows& flows = isSettled ? settled_ : open_;
   Flow& made = flows.emplace_back(ends, socket, std::move(flow), provider_);
-  if (isAllowed) {
+  if (isSettled) {
     made.session.allow();
+    made.isEnded = settled->second == PacketVerdict::Dropped;
     made.lastSeen = now;
     made.generation = generation_;
   } else {

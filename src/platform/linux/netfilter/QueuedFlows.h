@@ -6,25 +6,16 @@
 #include <functional>
 #include <list>
 #include <unordered_map>
-#include <unordered_set>
 
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/flow/ServerName.h"
+#include "platform/linux/netfilter/FlowOwners.h"
+#include "platform/linux/netfilter/OpenConnections.h"
 #include "platform/linux/netfilter/Packet.h"
-#include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {
-
-// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners
-// (SocketOwner.h).
-class FlowOwners {
- public:
-  virtual ~FlowOwners() = default;
-  virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
-  virtual Value ownerOf(const SocketFacts& socket) = 0;
-};
 
 enum class PacketVerdict {
   Ignored,  // the packet says nothing about a flow
@@ -51,6 +42,9 @@ class QueuedFlows {
   QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
       : provider_(std::move(provider)), owners_(owners) {}
 
+  // From now on, adds each flow that is allowed and has a name to `connections`.
+  void addAllowedTo(OpenConnections& connections) { connections_ = &connections; }
+
   // Decides about an outbound packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
@@ -68,7 +62,11 @@ class QueuedFlows {
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
   // connection continues when connection tracking starts, or when it forgets the connection. QueuedFlows itself calls
   // this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets are remembered.
-  void allowSocket(uint64_t cookie);
+  void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
+
+  // Drops an allowed flow from now on: its packets that are in the queue already, and, if it is a TCP connection that
+  // connection tracking forgets, its later packets.
+  void drop(const OpenConnection& connection);
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. Then another program
   // overwrites the marks of this flow's packets, so the packets are queued again and again.
@@ -99,6 +97,7 @@ class QueuedFlows {
     uid_t user;
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
+    bool isEnded = false;  // whether the flow was allowed and is dropped now
     FirstFlight flight;
     ServerNameReader name;
     Clock::time_point lastSeen{};
@@ -109,8 +108,11 @@ class QueuedFlows {
 
   static constexpr auto kNoUser = static_cast<uid_t>(-1);
 
+  static PacketVerdict verdictOf(const Flow& flow);
+  void settleSocket(uint64_t cookie, PacketVerdict verdict);
   Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);
   void keep(Flows::iterator flow, Clock::time_point now);
+  void recordAllowed(const Flow& flow);
   void erase(Flows::iterator flow);
   bool judgeOpen(Flow& flow, const Packet& packet);
   bool readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast);
@@ -118,12 +120,13 @@ class QueuedFlows {
 
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
+  OpenConnections* connections_ = nullptr;
   uint64_t generation_ = 0;
   bool isLooping_ = false;
   Flows open_, settled_;
   std::unordered_map<uid_t, size_t> openOfUser_;
-  std::unordered_set<uint64_t> allowedSockets_;  // cookies
-  std::deque<uint64_t> allowedByAge_;            // the same cookies, the oldest first
+  std::unordered_map<uint64_t, PacketVerdict> settledSockets_;  // TCP sockets, by cookie
+  std::deque<uint64_t> settledByAge_;                           // the same cookies, the oldest first
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -18,6 +19,7 @@
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ListenerSocket.h"
 #include "support/NotedController.h"
 #include "support/TemporaryFolder.h"
@@ -51,7 +53,11 @@ class Record {
 
 struct Exported final : NotedController {
   Record<std::pair<std::string, Value>> received;
-  void note(const std::string& message, const Value& value) override { received.add({message, value}); }
+  std::function<void()> onMessage = [] {};
+  void note(const std::string& message, const Value& value) override {
+    onMessage();
+    received.add({message, value});
+  }
 };
 
 struct Delegate final : NSXPCListenerDelegate {
@@ -159,6 +165,31 @@ TEST_F(XPC, DeliversEveryMessageWithItsArguments) {
       {"remove", number},           {"set", set},
       {"set", Value::set(million)}, {"properties", Value::array({properties, text})}};
   EXPECT_EQ(exported_.received.all(), expected);
+}
+
+TEST_F(XPC, ReportsEditsAfterTheyWereMade) {
+  auto listener = listen();
+  auto peer = client();
+  const Value name = Value::string("a.example");
+  const struct {
+    const char* edit;
+    std::function<void()> make;
+    bool all;
+  } kCases[] = {
+      {"add", [&] { peer->addHostname(name); }, false},
+      {"remove", [&] { peer->removeHostname(name); }, false},
+      {"properties", [&] { peer->setProperties(nullptr, name); }, false},
+      {"set", [&] { peer->setHostnames(Value::set({name})); }, true},
+      {"set applications", [&] { peer->setApplicationIdentifiers(nullptr); }, true},
+  };
+  ListEdits::shared().take();
+  for (const auto& c : kCases) {
+    exported_.onMessage = [&] { EXPECT_TRUE(ListEdits::shared().take() == ListEdits::Edits()) << c.edit; };
+    c.make();
+    peer->ping();  // its reply comes after the edit
+    const std::vector<std::string> names(c.all ? 0 : 1, "a.example");
+    EXPECT_TRUE(ListEdits::shared().take() == (ListEdits::Edits{c.all, names})) << c.edit;
+  }
 }
 
 TEST_F(XPC, RejectsDeeplyNestedArgumentsInTheClient) {

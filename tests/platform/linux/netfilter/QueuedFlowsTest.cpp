@@ -2,6 +2,7 @@
 #include <netinet/in.h>
 
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/ScriptedProvider.h"
@@ -72,6 +73,29 @@ TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
     }
     EXPECT_EQ(calls(), c.calls) << c.name;
   }
+}
+
+TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
+  std::vector<OpenConnection> ended;
+  OpenConnections connections(provider, owners, [&](const OpenConnection& each) { ended.push_back(each); });
+  flows.addAllowedTo(connections);
+  EXPECT_EQ(flows.judge(packet("\x01\x02", 0, 80)), Allowed);
+  ++owners.socket->cookie;
+  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
+  EXPECT_EQ(connections.size(), 1U) << "the flow with a name";
+  EXPECT_EQ(calls(), "new -; new a.example; ");
+
+  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  connections.plan({.all = false, .names = {"a.example"}});
+  connections.review(1s);
+  ASSERT_EQ(ended.size(), 1U);
+  EXPECT_EQ(ended.front().owner, Value::string("owner"));
+  EXPECT_EQ(calls(), "new a.example; ");
+  flows.drop(ended.front());
+  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the edit";
+  const auto later = QueuedFlows::Clock::now() + 1h;
+  EXPECT_EQ(flows.judge(packet("more", 40), later), Dropped) << "connection tracking forgot the connection";
+  EXPECT_EQ(calls(), "");
 }
 
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {

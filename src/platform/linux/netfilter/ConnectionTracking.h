@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "platform/linux/base/SocketAddress.h"
+
+struct mnl_socket;
+
+namespace orvane {
+
+// Changes the marks of connections in the kernel's connection tracking (nf_conntrack), in the network namespace of the
+// thread that opens it. Not thread-safe.
+class ConnectionTracking {
+ public:
+  // Needs CAP_NET_ADMIN. Returns an error if the kernel cannot change marks.
+  std::optional<std::string> open();
+
+  // Replaces the bits in `mask` of the mark of the connection that was opened from `pair.local` to `pair.remote`.
+  // Returns 0, ENOENT if the kernel does not track this connection, or another errno.
+  int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask);
+
+ private:
+  std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_{nullptr, nullptr};
+  uint32_t sequence_ = 0;
+};
+
+}  // namespace orvane

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+
+#include "platform/Value.h"
+#include "platform/linux/base/SocketAddress.h"
+#include "platform/linux/sockets/SocketOwner.h"
+
+namespace orvane {
+
+// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners
+// (SocketOwner.h).
+class FlowOwners {
+ public:
+  virtual ~FlowOwners() = default;
+  virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
+  virtual Value ownerOf(const SocketFacts& socket) = 0;
+};
+
+}  // namespace orvane

@@ -1,0 +1,126 @@
+#include "platform/linux/netfilter/OpenConnections.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/linux/flow/FilterSession.h"
+#include "platform/linux/flow/LinuxFlow.h"
+
+namespace orvane {
+namespace {
+
+std::string reversed(std::string_view text) { return {text.rbegin(), text.rend()}; }
+
+}  // namespace
+
+void OpenConnections::add(OpenConnection connection) {
+  Key key{reversed(connection.name), connection.cookie, connection.pair};
+  const auto [made, isNew] = connections_.try_emplace(std::move(key));
+  made->second.owner = std::move(connection.owner);
+  if (!isNew) return;
+  made->second.user = connection.user;
+  made->second.age = ages_.insert(ages_.end(), made);
+  ++ofUser_[connection.user];
+  for (int i = 0; i < 2 && size() > kUnchecked; ++i) checkOldest();
+  if (ofUser_[connection.user] > kLimitOfUser) {
+    // This takes long if other users have thousands of older connections. But the time counts as this user's time
+    // (PacketBacklog), so others do not wait for it.
+    erase(*std::find_if(ages_.begin(), ages_.end(), [&](auto each) { return each->second.user == connection.user; }));
+  }
+  if (size() > kLimit) erase(ages_.front());
+}
+
+void OpenConnections::plan(ListEdits::Edits edits) {
+  if (connections_.empty()) return;
+  if (edits.all) return planAll();
+  for (const std::string& name : edits.names) planName(name);
+  if (plans_.size() > kPlansLimit) planAll();
+}
+
+void OpenConnections::planName(std::string_view name) {
+  // An edit of an exception concerns the same names as an edit of the name that it is an exception from.
+  if (name.starts_with("!.")) name.remove_prefix(1);
+  const bool withSubdomains = name.starts_with('.');
+  std::string begin = reversed(withSubdomains ? name.substr(1) : name);
+  if (withSubdomains) {
+    // Names below end in a dot and the name. '/' is the next character after '.'.
+    plans_.push_front({{begin + '.', 0, {}}, begin + '/'});
+  }
+  std::string end = begin + '\0';  // the next string in the order of bytes
+  plans_.push_front({{std::move(begin), 0, {}}, std::move(end)});
+}
+
+// If a review of all connections is under way, goes on from there, and begins at the front afterwards. If it began at
+// the front at once, frequent edits would keep the last connections from being asked about.
+void OpenConnections::planAll() {
+  plans_.clear();
+  Key next = all_.empty() ? Key() : std::move(all_.front().next);
+  std::string end = next.reversedName + '\0';
+  all_ = {{std::move(next), std::nullopt}, {Key(), std::move(end)}};
+}
+
+void OpenConnections::review(Clock::duration time) {
+  const Clock::time_point stop = Clock::now() + time;
+  while (hasPlans()) {
+    std::deque<Range>& ranges = plans_.empty() ? all_ : plans_;
+    Range& range = ranges.front();
+    auto next = connections_.lower_bound(range.next);
+    while (next != connections_.end() && (!range.end || next->first.reversedName < *range.end)) {
+      const auto connection = next++;
+      if (!ask(connection)) erase(connection);
+      if (Clock::now() < stop) continue;
+      if (next == connections_.end()) {
+        ranges.pop_front();
+      } else {
+        range.next = next->first;
+      }
+      return;
+    }
+    ranges.pop_front();
+  }
+}
+
+// Returns false if the connection has ended, or if the provider drops it now.
+bool OpenConnections::ask(Connections::iterator connection) {
+  const Key& key = connection->first;
+  const int32_t type = key.pair.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
+  auto flow = LinuxSocketFlow::create(connection->second.owner, key.pair.remote.host(), key.pair.remote.port, type);
+  flow->setRemoteHostname(reversed(key.reversedName));
+  FilterSession session(provider_, flow);
+  session.newFlow();
+  // The connection's first bytes are gone. A provider that knows a flow's name needs no bytes to decide, but some
+  // decide only when they get some. No host name contains '?'.
+  const uint8_t anyByte = '?';
+  if (session.holdsData()) session.outboundData({&anyByte, 1});
+  if (session.state() != FilterSession::State::Dropped) return true;
+  // Another socket may have the same addresses and ports by now.
+  if (isOpen(key)) {
+    end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});
+  }
+  return false;
+}
+
+bool OpenConnections::isOpen(const Key& key) {
+  const auto socket = owners_.find(key.pair);
+  return socket && socket->cookie == key.cookie;
+}
+
+void OpenConnections::checkOldest() {
+  const auto oldest = ages_.front();
+  if (isOpen(oldest->first)) {
+    ages_.splice(ages_.end(), ages_, ages_.begin());
+  } else {
+    erase(oldest);
+  }
+}
+
+void OpenConnections::erase(Connections::iterator connection) {
+  if (const auto user = ofUser_.find(connection->second.user); --user->second == 0) ofUser_.erase(user);
+  ages_.erase(connection->second.age);
+  connections_.erase(connection);
+}
+
+}  // namespace orvane

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/NetworkExtension.h"
+#include "platform/Value.h"
+#include "platform/linux/base/ListEdits.h"
+#include "platform/linux/base/SocketAddress.h"
+#include "platform/linux/netfilter/FlowOwners.h"
+
+namespace orvane {
+
+// An allowed TCP connection or UDP conversation of one socket.
+struct OpenConnection {
+  SocketPair pair;
+  uint64_t cookie;   // the socket's cookie
+  uid_t user;        // the socket's creator
+  Value owner;       // the audit token of the process
+  std::string name;  // the server's name
+};
+
+// The allowed connections that are still open. After an edit of the list, the connections whose names the edit concerns
+// are shown to the provider again, each as a new flow. If the provider drops a connection now, it is ended.
+//
+// The connections are sorted by their names from the last byte to the first. So the connections of one name are
+// neighbours, and so are those of all names below one name. An edit of one name looks at no other connections.
+//
+// Nobody reports the end of a connection. (Connection tracking can, but only two minutes later by default, and its
+// messages may be lost.) Instead, each add() checks whether the sockets of two other connections still exist, so at
+// most about half of the stored connections have ended.
+//
+// Not thread-safe: belongs to the queue's thread.
+class OpenConnections {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using End = std::function<void(const OpenConnection&)>;
+
+  // `end` must make the kernel drop the connection's later packets.
+  OpenConnections(Ref<NEFilterDataProvider> provider, FlowOwners& owners, End end)
+      : provider_(std::move(provider)), owners_(owners), end_(std::move(end)) {}
+
+  // Adds a connection. If a limit is exceeded then, forgets one connection of the user, or of all users: the one that
+  // was added or checked longest ago. A forgotten connection stays open, whatever is edited.
+  void add(OpenConnection connection);
+
+  // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
+  // the dot and for all names below it; the same name after a "!" is an exception from such a name.
+  void plan(ListEdits::Edits edits);
+
+  // Asks about planned connections for about `time`, but at least about one. Edits of one name come before edits of all
+  // names.
+  void review(Clock::duration time);
+
+  // Whether review() has more to do.
+  bool hasPlans() const { return !plans_.empty() || !all_.empty(); }
+
+  size_t size() const { return connections_.size(); }
+
+  static constexpr size_t kLimit = 65536, kLimitOfUser = 16384;
+  // Up to this number of connections, add() does not check whether the others have ended.
+  static constexpr size_t kUnchecked = 1024;
+  // Limit on the edits of one name that wait. Beyond it, all connections are asked about.
+  static constexpr size_t kPlansLimit = 4096;
+
+ private:
+  struct Key {
+    std::string reversedName;
+    uint64_t cookie = 0;
+    SocketPair pair;
+
+    friend auto operator<=>(const Key&, const Key&) = default;
+  };
+  struct Entry;
+  using Connections = std::map<Key, Entry>;
+  using Ages = std::list<Connections::iterator>;  // the connection that was added or checked longest ago comes first
+  struct Entry {
+    uid_t user;
+    Value owner;
+    Ages::iterator age;
+  };
+  // The connections from `next` on whose reversed names are less than `end`; without an `end`, all from `next` on.
+  struct Range {
+    Key next;
+    std::optional<std::string> end;
+  };
+
+  void planName(std::string_view name);
+  void planAll();
+  bool ask(Connections::iterator connection);
+  bool isOpen(const Key& key);
+  void checkOldest();
+  void erase(Connections::iterator connection);
+
+  Ref<NEFilterDataProvider> provider_;
+  FlowOwners& owners_;
+  End end_;
+  Connections connections_;
+  Ages ages_;
+  std::unordered_map<uid_t, size_t> ofUser_;  // the number of each user's connections
+  std::deque<Range> plans_;                   // for edits of one name
+  std::deque<Range> all_;                     // for edits of all names
+};
+
+}  // namespace orvane

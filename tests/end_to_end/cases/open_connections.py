@@ -1,0 +1,167 @@
+"""Connections that are open when their name is blocked."""
+
+import contextlib
+import pathlib
+import shutil
+import socket
+import subprocess
+import time
+
+import programs
+from extension import Extension
+from first_bytes import request
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from isolation import Unavailable
+from web_servers import ENDLESS, page_of
+
+
+class _Download:
+    """A download that never ends by itself. `command` ends with the option that names the output file."""
+
+    def __init__(self, world: World, scheme: str, host: str, command: list):
+        self.name = f"{pathlib.Path(command[0]).name} {command[1]} {scheme}://{host}"
+        self._output = world.directory / f"download-{id(self)}"
+        quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        self.process = subprocess.Popen([*command, self._output, f"{scheme}://{host}{ENDLESS}"], **quiet)
+
+    def __enter__(self):
+        wait_until(lambda: self._size() > 0, f"{self.name} has begun", 10)
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+
+    def _size(self) -> int:
+        return self._output.stat().st_size if self._output.exists() else 0
+
+    def runs(self) -> bool:
+        return self.process.poll() is None
+
+    def check_goes_on(self) -> None:
+        before = self._size()
+        wait_until(lambda: self._size() > before, f"{self.name} goes on", 2)
+
+    def check_was_reset(self) -> None:
+        """Checks the exit code of curl."""
+        check(self.process.poll(), 56, f"{self.name}: exit code")
+
+
+def _curl(world: World, path: str, family: str) -> list:
+    return [path, family, "--disable", "--silent", "--no-buffer", "--cacert", world.servers.authority, "--output"]
+
+
+def _wget(world: World, family: str) -> list:
+    return [programs.find("wget"), family, "--no-config", f"--ca-certificate={world.servers.authority}", "-O"]
+
+
+def EndsOpenDownloadsOfABlockedName(world: World):
+    curl = programs.find("curl")
+    with world.extension("curl") as extension, contextlib.ExitStack() as stack:
+        held, others = [], []
+        for family in FAMILIES:
+            for scheme in ("http", "https"):
+                held.append(stack.enter_context(_Download(world, scheme, HELD, _curl(world, curl, family))))
+                others.append(stack.enter_context(_Download(world, scheme, NEWS, _curl(world, curl, family))))
+                others.append(stack.enter_context(_Download(world, scheme, HELD, _wget(world, family))))
+        extension.control("add", HELD).check_returncode()
+        wait_until(lambda: not any(download.runs() for download in held), "all end after the edit", 1)
+        for download in held:
+            download.check_was_reset()
+        time.sleep(1)
+        for download in others:
+            download.check_goes_on()
+        check(extension.counters()["ended"], len(held), "ended flows")
+
+
+def EndsOpenDownloadsWhenASuspensionEnds(world: World):
+    folder = world.directory / "safari"
+    folder.mkdir()
+    safari = _curl(world, shutil.copy(programs.find("curl"), folder / "com.apple.Safari"), "-4")
+    with world.filtering(provider="PLSafariFilterDataProvider") as extension:
+        extension.control("properties", HELD, "--dont-block-until", "2099-01-01T00:00:00Z").check_returncode()
+        with _Download(world, "https", HELD, safari) as held, _Download(world, "https", NEWS, safari) as other:
+            extension.control("properties", HELD, "--dont-block-until", "2020-01-01T00:00:00Z").check_returncode()
+            wait_until(lambda: not held.runs(), "the download ends after the edit", 1)
+            held.check_was_reset()
+            other.check_goes_on()
+
+
+def _open_connection() -> socket.socket:
+    connection = socket.create_connection(("127.0.0.1", 80), 20)
+    check(_fetch(connection), ALLOW, "the first request")
+    return connection
+
+
+def _fetch(connection: socket.socket) -> str:
+    """Fetches a page over the open connection. Returns the verdict."""
+    page = f"{page_of('http', NEWS)}\n".encode()
+    answer = b""
+    try:
+        connection.sendall(request(NEWS))
+        while not answer.endswith(page):
+            answer += (received := connection.recv(4096))
+            if not received:
+                return "closed"
+    except ConnectionResetError:
+        return DROP
+    return ALLOW
+
+
+def _wait_until_ended(extension: Extension, count: int) -> None:
+    wait_until(lambda: extension.counters()["ended"] == count, f"{count} flows have ended", 5)
+
+
+def EndsIdleConnectionsAtTheirNextPacket(world: World):
+    with world.extension(PYTHON) as extension:
+        edits = {
+            "its name was added": lambda: extension.control("add", NEWS).check_returncode(),
+            "it was in a new list": lambda: extension.hold(HELD, NEWS),
+        }
+        for count, (what, edit) in enumerate(edits.items(), 1):
+            extension.hold(HELD)
+            with _open_connection() as connection:
+                edit()
+                _wait_until_ended(extension, count)
+                check(_fetch(connection), DROP, f"the open connection after {what}")
+                check(connect(NEWS), DROP, f"the next connection after {what}")
+
+
+def EndsConnectionsThatConnectionTrackingForgot(world: World):
+    limit = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_tcp_timeout_established")
+    with world.extension(PYTHON) as extension:
+        limit.write_text("1")  # in seconds
+        with _open_connection() as connection, _open_connection() as other:
+            limit.write_text("1000")
+            time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
+            check(_fetch(other), ALLOW, "a connection before the edit")
+            extension.control("add", NEWS).check_returncode()
+            _wait_until_ended(extension, 2)
+            check(_fetch(connection), DROP, "the connection after the edit")
+
+
+def KeepsOpenConnectionsIfTheBundleSaysSo(world: World):
+    with world.extension(PYTHON, settings={"OrvaneOpenConnections": "keep"}) as extension:
+        with _open_connection() as connection:
+            for step, names, expected in (("added", [NEWS], DROP), ("removed", [], ALLOW)):
+                extension.hold(*names)
+                time.sleep(1)
+                check(_fetch(connection), ALLOW, f"the open connection after its name was {step}")
+                check(connect(NEWS), expected, f"the next connection after its name was {step}")
+
+
+def EndsTheDownloadOfAnOpenTab(world: World):
+    chromium = world.program(programs.Chromium, "chromium")
+    if not chromium.runs():
+        raise Unavailable("chromium does not run here")
+    with world.extension("chromium") as extension, chromium.tabs() as tabs:
+        held, other = (tabs.start_download(f"https://{host}", ENDLESS) for host in (HELD, NEWS))
+        for download in (held, other):
+            wait_until(lambda download=download: tabs.received(download) > 0, "the download of a tab has begun", 20)
+        start = time.monotonic()
+        extension.control("add", HELD).check_returncode()
+        wait_until(lambda: tabs.error(held) is not None, "the download ends after the edit", 1)
+        print(f"the tab's error after {time.monotonic() - start:.2f} s: {tabs.error(held)}")
+        before = tabs.received(other)
+        wait_until(lambda: tabs.received(other) > before, "the other tab's download goes on", 2)
+        check(tabs.error(other), None, "the other tab's error")

@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+
+#include <set>
+
+#include "platform/linux/flow/ScriptedProvider.h"
+#include "platform/linux/netfilter/OpenConnections.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+// The local port of each connection is its socket's cookie.
+struct Sockets final : FlowOwners {
+  std::set<uint64_t> closed;
+  std::optional<SocketFacts> find(const SocketPair& pair) override {
+    return closed.contains(pair.local.port) ? std::nullopt : std::optional(SocketFacts{pair.local.port, 2, 3});
+  }
+  Value ownerOf(const SocketFacts&) override { return {}; }
+};
+
+class OpenConnectionsTest : public ::testing::Test {
+ protected:
+  void add(std::string name, uint16_t cookie, uid_t user = 1) {
+    const uint8_t here[4] = {127, 0, 0, 1};
+    connections.add({{IPPROTO_TCP, SocketAddress::v4(here, cookie), SocketAddress::v4(here, 443)},
+                     cookie,
+                     user,
+                     Value::string("owner"),
+                     std::move(name)});
+  }
+  // The calls of the provider after this edit.
+  std::string callsAfter(ListEdits::Edits edits) {
+    connections.plan(std::move(edits));
+    connections.review(1min);
+    EXPECT_FALSE(connections.hasPlans());
+    return provider->take().calls;
+  }
+  // The name of the next connection that the provider is asked about.
+  std::string next() {
+    connections.review(0s);
+    return provider->take().calls;
+  }
+
+  Ref<ScriptedProvider> provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
+  Sockets sockets;
+  std::vector<uint64_t> ended;  // cookies
+  OpenConnections connections{provider, sockets, [this](const OpenConnection& each) { ended.push_back(each.cookie); }};
+};
+
+const ListEdits::Edits kAll{.all = true, .names = {}};
+
+TEST_F(OpenConnectionsTest, AsksOnlyAboutNamesThatAnEditConcerns) {
+  uint16_t cookie = 0;
+  for (const char* name :
+       {"a.example", "a.example", "x.a.example", "y.x.a.example", "xa.example", "a.example.x", "b"}) {
+    add(name, ++cookie);
+  }
+  const struct {
+    const char* name;
+    std::vector<std::string> edited;
+    std::string_view calls;
+  } kCases[] = {
+      {"one name", {"a.example"}, "new a.example; new a.example; "},
+      {"a name and those below", {".a.example"}, "new a.example; new a.example; new x.a.example; new y.x.a.example; "},
+      {"an exception", {"!.x.a.example"}, "new x.a.example; new y.x.a.example; "},
+      {"two names", {"xa.example", "b"}, "new b; new xa.example; "},
+      {"names of no connection", {"example", "c", "", ".", "!", "!."}, ""},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(callsAfter({false, c.edited}), c.calls) << c.name;
+  const std::string calls = callsAfter(kAll);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), ';'), 7) << calls;
+}
+
+TEST_F(OpenConnectionsTest, EndsConnectionsThatTheProviderDropsNow) {
+  const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  const struct {
+    const char* name;
+    NEFilterNewFlowVerdict newFlow;
+    NEFilterDataVerdict data;
+    bool isClosed, ends;
+    size_t left;
+  } kCases[] = {
+      {"allowed", NEFilterNewFlowVerdict::allowVerdict(), NEFilterDataVerdict::allowVerdict(), false, false, 1},
+      {"allowed by its data", examine, NEFilterDataVerdict::allowVerdict(), false, false, 1},
+      {"dropped by its data", examine, NEFilterDataVerdict::dropVerdict(), false, true, 0},
+      {"dropped", NEFilterNewFlowVerdict::dropVerdict(), NEFilterDataVerdict::allowVerdict(), false, true, 0},
+      {"closed", NEFilterNewFlowVerdict::dropVerdict(), NEFilterDataVerdict::allowVerdict(), true, false, 0},
+  };
+  for (const auto& c : kCases) {
+    add("a.example", 7);
+    provider->newFlow = c.newFlow;
+    provider->data = c.data;
+    if (c.isClosed) sockets.closed = {7};
+    ended.clear();
+    connections.plan(kAll);
+    connections.review(1min);
+    EXPECT_EQ(provider->take().owner, Value::string("owner")) << c.name;
+    EXPECT_EQ(ended, std::vector<uint64_t>(c.ends ? 1 : 0, 7)) << c.name;
+    EXPECT_EQ(connections.size(), c.left) << c.name;
+  }
+}
+
+TEST_F(OpenConnectionsTest, ReachesEveryConnectionUnderSteadyEdits) {
+  for (const char* name : {"a", "b", "c"}) add(name, static_cast<uint16_t>(*name));
+  std::string calls;
+  for (int i = 0; i < 3; ++i) {
+    connections.plan(kAll);
+    calls += next();
+  }
+  connections.plan({false, {"a"}});
+  calls += next() + next();
+  EXPECT_EQ(calls, "new a; new b; new c; new a; new a; ") << "an edit of one name comes first";
+  EXPECT_EQ(callsAfter({}), "new b; new c; ") << "after the last edit";
+}
+
+TEST_F(OpenConnectionsTest, AsksAboutAllAfterTooManyEdits) {
+  add("a", 1);
+  EXPECT_EQ(callsAfter({false, std::vector<std::string>(OpenConnections::kPlansLimit + 1, "b")}), "new a; ");
+
+  ListEdits edits;
+  const auto isReadable = [&] {
+    pollfd entry{edits.descriptor(), POLLIN, 0};
+    return poll(&entry, 1, 0) == 1;
+  };
+  edits.add("b");
+  EXPECT_TRUE(isReadable());
+  EXPECT_TRUE(edits.take() == (ListEdits::Edits{false, {"b"}}));
+  EXPECT_FALSE(isReadable());
+  edits.add("b");
+  edits.add(std::string(ListEdits::kBytesLimit, 'c'));
+  edits.add("b");
+  EXPECT_TRUE(edits.take() == kAll);
+}
+
+TEST_F(OpenConnectionsTest, BoundsTheConnectionsOfEachUser) {
+  add("other", 1, 2);
+  for (size_t i = 0; i < OpenConnections::kLimitOfUser + 9; ++i) add(std::to_string(i), static_cast<uint16_t>(i + 2));
+  EXPECT_EQ(connections.size(), OpenConnections::kLimitOfUser + 1);
+  EXPECT_EQ(callsAfter({false, {"other"}}), "new other; ");
+}
+
+TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
+  add("kept", 1);
+  for (uint16_t cookie = 2; cookie < 10'000; ++cookie) {
+    add("a", cookie);
+    sockets.closed.insert(cookie - 1U);
+    sockets.closed.erase(1);
+  }
+  EXPECT_LE(connections.size(), OpenConnections::kUnchecked + 1);
+  EXPECT_EQ(callsAfter({false, {"kept"}}), "new kept; ");
+}
+
+}  // namespace
+}  // namespace orvane
