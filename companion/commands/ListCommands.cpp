@@ -40,8 +40,8 @@ struct Change {
   ListedSite site;
   bool changed = false;
   std::string outcome;         // in words; may be empty
-  bool isMeantToBlock = true;  // or to let the host pass
-  std::string otherLine = "";  // the line that does the opposite for the site's host; empty if there is none
+  bool isMeantToBlock = true;  // false if the command lets the host pass
+  std::string otherLine = "";  // a line that decides the opposite about the site's host; empty if there is none
 };
 
 // The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
@@ -71,7 +71,7 @@ std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Sco
   return sites;
 }
 
-// Why no line blocks exactly this host, and what to do.
+// For a host without a blocking line of its own: which line decides about the host, and what to do.
 std::string not_blocked_text(const BlockList& list, const std::string& host, Moment now) {
   const Decision decision = decide(list, host, now);
   if (decision.exception != nullptr)
@@ -83,8 +83,8 @@ std::string not_blocked_text(const BlockList& list, const std::string& host, Mom
          "; to change the whole line, give " + site->host;
 }
 
-// Returns the sites on the list that have the given hosts: the exceptions, or the other sites. Reports each host
-// without such a site, and then throws InputError.
+// Returns the sites on the list that have the given hosts: with `exceptions`, only exceptions, otherwise only sites
+// that are not exceptions. Reports each host that has no such site, and then throws InputError.
 std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<ListedSite>& given, bool exceptions,
                                      Moment now) {
   std::vector<ListedSite> sites;
@@ -125,7 +125,7 @@ FindSites given_or_all_sites(const Arguments& arguments, const char* command, Mo
   };
 }
 
-// The sites of the command line, with this scope, whether or not they are on the list.
+// Finds the sites that the command line names, each once, with the given scope. They need not be on the list.
 FindSites new_sites(const Arguments& arguments, Scope scope) {
   return [sites = checked_sites(arguments.hosts, scope)](const BlockList&) {
     std::vector<ListedSite> unique;
@@ -161,7 +161,8 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
 
-// The line that blocks a host that a command let pass, or that excepts a host that a command blocked.
+// If the command lets a host pass: the line that blocks the host all the same. If the command blocks a host: the line
+// of the exception that lets the host pass all the same. Empty if there is no such line.
 std::string opposite_line(const BlockList& list, const Change& change, Moment now) {
   const Decision decision = decide(list, change.site.host, now);
   if (!change.isMeantToBlock) return decision.isBlocked() ? line_of(*decision.blocking) : "";
@@ -178,8 +179,8 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
     }
-    // Check only after all changes, because each change may remove or suspend a line that decided about a site that was
-    // changed earlier.
+    // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides
+    // about a site that was changed earlier.
     for (Change& each : changes) each.otherLine = opposite_line(list, each, now);
     sites = list.size();
     return changed;
@@ -193,7 +194,7 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
   return kDone;
 }
 
-// Describes the line that the site had on the list before a command put it there.
+// Describes the line that the site's host had before the command. Empty if the host had no line.
 std::string previous_state(const ListedSite* before, const ListedSite& site, Moment now) {
   if (before == nullptr) return "";
   if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);

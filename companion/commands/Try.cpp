@@ -55,7 +55,7 @@ std::string nearest_miss(const BlockList& list, const std::string& host) {
   return "";
 }
 
-// Which line decides about the host.
+// Says which line decides about the host.
 std::string decision_text(const BlockList& list, const std::string& host, const Decision& decision, Verdict verdict,
                           Moment now) {
   if (decision.isBlocked())

@@ -25,7 +25,7 @@ struct KeeperState {
   std::string listPath;
   ListVersion listVersion;
   uint64_t sites = 0;
-  uint64_t names = 0;  // that the extension must hold now, so without suspended names
+  uint64_t names = 0;  // how many names the extension must hold now; suspended names are not counted
   uint64_t badLines = 0;
   std::vector<std::pair<std::string, Moment>> suspended;  // names, and when their suspension ends
   std::optional<std::string> listError;                   // why reading failed; the previous list stays in force

@@ -13,7 +13,8 @@ namespace {
 constexpr std::string_view kUsualPrefixes[] = {"www.", "m."};
 constexpr size_t kBadLineKept = 200;
 
-// The name without its usual prefix, if it has one and the rest can be the name of a site; otherwise the whole name.
+// The name without its prefix "www." or "m.", if it has one and the rest can be the name of a site; otherwise the whole
+// name.
 std::string_view without_prefix(std::string_view host) {
   for (std::string_view prefix : kUsualPrefixes) {
     if (host.substr(0, prefix.size()) != prefix) continue;

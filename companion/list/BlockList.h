@@ -14,7 +14,8 @@
 
 namespace orvane {
 
-// What a line of the list says about its host. If one import names a host several times, the later value here counts.
+// What a line of the list says about its host. The values are ordered: if an import names a host several times, the
+// greatest value counts.
 enum class Scope {
   ExactName,   // this host is blocked
   Subdomains,  // this host and all its subdomains are blocked
@@ -35,7 +36,8 @@ struct ListedSite {
 // ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// Whether the line covers more names than its host. Nothing covers the names below a public suffix (Subdomains.h).
+// Whether the site's line covers more names than its host. The line of a public suffix covers only its host, because
+// nothing covers all names below a public suffix (Subdomains.h).
 bool has_subdomains(const ListedSite& site);
 
 // The name that the extension must hold for a site: the host, with the mark of its scope (Subdomains.h).
@@ -66,7 +68,7 @@ class BlockList {
   // Adds a site at the end, or replaces the site with the same host and keeps the comment on that site's line. Returns
   // whether anything changed.
   bool put(ListedSite site);
-  // Removes the site with exactly this host, all its lines included. Returns whether there was one.
+  // Removes the site with exactly this host, all its lines included. Returns whether the list had the site.
   bool remove(std::string_view host);
 
  private:
@@ -91,8 +93,9 @@ class BlockList {
   LineByHost lineByHost_;
 };
 
-// The sites on the list that decide about a host, found in the order of the extension's questions to the provider. A
-// null pointer means that there is no such site. Valid until the next change of the list.
+// The sites on the list that decide about a host. They are searched in the order of covering_hosts(), the host itself
+// first, because the extension asks its provider in this order. A null pointer means that there is no such site. Valid
+// until the next change of the list.
 struct Decision {
   const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
   const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first

@@ -10,17 +10,19 @@ namespace orvane {
 // The line of a site, as orvane-list(5) describes it: HOST [only | allowed] [until=TIME].
 std::string line_of(const ListedSite& site);
 
-// Reads a line that is not blank and has no comment. `scope`: of a line without "only" and "allowed"; Subdomains for
-// the machine's list. Returns false for an invalid line and sets `fault` to what is wrong and what to do.
+// Reads a line that is not blank and has no comment. `scope`: the scope of a line that has neither "only" nor
+// "allowed"; Subdomains for the machine's list. Returns false for an invalid line and sets `fault` to what is wrong and
+// what to do.
 bool read_line(std::string_view line, Scope scope, ListedSite& site, std::string& fault);
 
-// Reads the host of a line. With the scope Subdomains, the site's host is site_of() the given host, unless the given
-// host begins with a dot: ".www.example.com" is the site www.example.com.
+// Reads the host of a line. With the scope Subdomains, the site's host is site_of(host). But if `host` begins with a
+// dot, the rest is kept whole: ".www.example.com" gives the site www.example.com.
 bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string& fault);
 
-// What is wrong and what to do if the scope does not suit the host; empty if it does. Of a public suffix, only the
-// exact name can be meant, because the names below it belong to unrelated people. A line of the machine's list may name
-// one nevertheless, for the sake of old lists; its host alone is then blocked.
+// What is wrong and what to do if the host cannot have the site's scope; empty if it can. A public suffix can have only
+// the scope ExactName, because the names below it belong to unrelated people. The machine's list may nevertheless have
+// a line that names a public suffix without "only", because old lists have such lines. Such a line blocks its host
+// alone.
 std::string scope_fault(const ListedSite& site);
 
 // Calls normalize_hostname(), but refuses a text that is too long: the time to convert an international name grows with

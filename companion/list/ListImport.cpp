@@ -148,7 +148,7 @@ class ImportReader {
     }
   }
 
-  // `pattern` is the part of the line after its first signs.
+  // `pattern` is the part of the line after "||" or "@@||".
   void readRule(std::string_view line, std::string_view pattern, Scope scope) {
     if (const size_t dollar = pattern.find('$'); dollar != std::string_view::npos) {
       const std::string_view option = limiting_option(pattern.substr(dollar + 1));

@@ -23,8 +23,8 @@ namespace orvane {
 // A comment starts with "#", or with "!" at the start of a line. A line in brackets is a filter list's title and counts
 // as a comment.
 struct ImportedSites {
-  // Each site once, in the order in which the sites first occur. Of the scopes of its lines, the greatest counts; its
-  // last line decides whether it is suspended.
+  // Each site once, in the order in which the sites first occur. If several lines name a site, the greatest of their
+  // scopes counts, and the last of these lines decides whether the site is suspended.
   std::deque<ListedSite> sites;
   size_t lines = 0;
   size_t duplicates = 0;  // names that occurred earlier in this text
@@ -37,8 +37,8 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the bytes and lines read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
-// Reads a block list. `scope`, if given, replaces the default of each form except the exception (see ImportedSites).
-// Throws InputError for compressed data and for UTF-16.
+// Reads a block list. `scope`, if given, replaces the default scope of each form except that of exceptions (see
+// ImportedSites). Throws InputError for compressed data and for UTF-16.
 ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
@@ -50,7 +50,8 @@ struct ImportCounts {
 };
 
 // Adds the sites to the list, or replaces the whole list with them. A site already on the list keeps its suspension
-// unless the import gives another; it keeps its scope, if that is the greater one, unless the list is replaced.
+// unless the import gives another. It keeps its scope if that is greater than the import's, unless the list is
+// replaced.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
 }  // namespace orvane
