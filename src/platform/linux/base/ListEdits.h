@@ -9,7 +9,7 @@
 
 namespace orvane {
 
-// The edits of the list, on their way from the control channel to the flow source. The flow source then asks the
+// Passes the edits of the list from the control channel to the flow source. After an edit, the flow source asks the
 // provider again about open flows.
 //
 // Thread-safe.
@@ -32,13 +32,13 @@ class ListEdits {
 
     friend bool operator==(const Edits&, const Edits&) = default;
   };
-  // Returns the edits since the last call. They are `all` if there were too many names to store.
+  // Returns the edits since the last call. If there were too many names to store, `all` is true.
   Edits take();
 
   // An eventfd(2) that is readable while there are edits to take.
   int descriptor() const { return event_.get(); }
 
-  // Limit on the stored names.
+  // Limit on the memory for the stored names, in bytes.
   static constexpr size_t kBytesLimit = size_t{64} << 10;
 
  private:

@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// The extension's status line for the service manager (sd_notify(3)) while it filters. Companions read in it how many
-// connections hid the names of their hosts.
+// The extension's status line for the service manager (sd_notify(3)) while the extension filters. From this line,
+// companions read how many connections hid the names of their hosts.
 
 std::string filtering_status(uint64_t hiddenNames);
 

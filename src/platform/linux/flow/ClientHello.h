@@ -11,9 +11,9 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete; later extensions, such as session tickets, are not needed. They are
-// read only if they are in the same record, and among the bytes that completed the name. Stores about 2 KiB at most,
-// whatever the length of the hello. Not thread-safe.
+// name is known when its extension is complete. Later extensions, such as session tickets, are not needed: the reader
+// reads them only as far as they come with the last bytes of the name, in the same call and the same record. Stores
+// about 2 KiB at most, whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.
@@ -27,15 +27,15 @@ class ClientHelloReader {
   // hello anywhere.
   State read(std::span<const uint8_t> bytes);
 
-  // The same for a hello that is not in TLS records: QUIC has records of its own (RFC 9001, section 4.1.3). The caller
-  // limits the bytes.
+  // The same for a hello that is not in TLS records: QUIC has CRYPTO frames instead (RFC 9001, section 4.1.3). kLimit
+  // does not apply; the caller limits the bytes.
   State readHandshake(std::span<const uint8_t> bytes);
 
   // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 
-  // Whether an encrypted hello was read (RFC 9849, section 5). Many clients send random bytes in its place, if the
-  // server offers no key; the two cannot be told apart.
+  // Whether an encrypted hello was read (RFC 9849, section 5). If a server offers no key, many clients send random
+  // bytes instead. The reader cannot tell these bytes from an encrypted hello.
   bool hasEncryptedHello() const { return hasEncryptedHello_; }
 
  private:

@@ -9,7 +9,7 @@ namespace orvane {
 struct FlowCounters {
   using Count = std::atomic<uint64_t>;
 
-  Count flows{0};                    // flows that were shown to the provider; an open flow counts each time
+  Count flows{0};                    // flows that were shown to the provider; a flow that is shown again counts again
   Count allowed{0};                  // shown flows that were allowed at once
   Count dropped{0};                  // shown flows that were dropped at once
   Count examined{0};                 // shown flows whose data the provider wanted to see first
@@ -17,7 +17,7 @@ struct FlowCounters {
   Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
   Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
-  Count hiddenNames{0};              // flows that may have another name, in an encrypted hello
+  Count hiddenNames{0};              // flows whose real name may be in an encrypted hello
   Count ended{0};                    // open flows that were ended after an edit of the list
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
@@ -27,7 +27,7 @@ struct FlowCounters {
   Count ruleRepairs{0};              // times that the kernel rules were repaired
   Count longestHoldMicroseconds{0};  // the longest time to judge one packet
 
-  // Wakes the threads that wait for a change of the counter.
+  // Counts a flow in hiddenNames, and wakes the threads that wait for a change of this counter.
   void recordHiddenName() {
     hiddenNames.fetch_add(1, std::memory_order_relaxed);
     hiddenNames.notify_all();

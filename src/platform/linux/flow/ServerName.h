@@ -28,7 +28,7 @@ class ServerNameReader {
   // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.
   const std::string& name() const { return name_; }
 
-  // Whether the name belongs to a hosting service, and an encrypted hello may have another name.
+  // Whether name() is only the name of a hosting service, and the site's name may be in an encrypted hello.
   bool isNameHidden() const;
 
  private:

@@ -37,8 +37,9 @@ std::optional<std::string> ConnectionTracking::open() {
   if (!socket_ || mnl_socket_bind(socket_.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
     return "no netlink socket: " + std::generic_category().message(errno);
   }
-  // Changes a connection that cannot exist. The kernel checks first whether it has the module nf_conntrack_netlink and
-  // whether this process has the capability.
+  // Tries to change a connection that cannot exist. Before the kernel looks for the connection, it checks whether it
+  // has the module nf_conntrack_netlink and whether this process has the capability. So ENOENT means that marks can be
+  // changed.
   const uint8_t none[4]{};
   const int error = setMark({IPPROTO_TCP, SocketAddress::v4(none, 0), SocketAddress::v4(none, 0)}, 0, 0);
   if (error == ENOENT) return std::nullopt;

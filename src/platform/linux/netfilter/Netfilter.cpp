@@ -178,7 +178,7 @@ void Netfilter::watchRules() {
   }
 }
 
-// From now on, edits of the list end open connections. Returns the reason if the kernel does not support this.
+// From now on, edits of the list can end open connections. Returns the reason if the kernel does not support this.
 std::optional<std::string> Netfilter::Queue::followEdits() {
   if (auto error = tracking.open()) return error;
   edits = &ListEdits::shared();
@@ -299,15 +299,15 @@ void Netfilter::Queue::rebind() {
   ORVANE_LOG_ERROR(default_log(), "netfilter: the filter hung or fell behind, and traffic passed unfiltered meanwhile");
 }
 
-// Asks about open connections that edits of the list concern. Packets wait for this, so it takes only a short time, and
-// continues after the next packet.
+// Asks the provider about open connections that edits of the list concern. Packets wait during this call, so it ends
+// after kReviewTime; the next call, after the next packet, goes on.
 void Netfilter::Queue::reviewConnections() {
   if (edits == nullptr) return;
   connections.plan(edits->take());
   connections.review(kReviewTime);
 }
 
-// The kernel rules reset a connection with this mark at its next outbound packet.
+// Marks a connection as dropped. The kernel rules reset the connection at its next outbound packet.
 void Netfilter::Queue::end(const OpenConnection& connection) {
   flows.drop(connection);
   flow_counters().ended.fetch_add(1, std::memory_order_relaxed);

@@ -20,8 +20,8 @@ namespace orvane {
 //   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
 class Netfilter final : public FlowSource {
  public:
-  // If `endOpenConnections` is true, connections that are open end when the provider drops their names after an edit of
-  // the list.
+  // If `endOpenConnections` is true, the provider is asked about open connections again after each edit of the list,
+  // and the connections that it then drops are ended.
   explicit Netfilter(bool endOpenConnections);
   ~Netfilter() override;
 

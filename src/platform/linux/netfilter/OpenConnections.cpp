@@ -27,7 +27,7 @@ void OpenConnections::add(OpenConnection connection) {
   for (int i = 0; i < 2 && size() > kUnchecked; ++i) checkOldest();
   if (ofUser_[connection.user] > kLimitOfUser) {
     // This takes long if other users have thousands of older connections. But the time counts as this user's time
-    // (PacketBacklog), so others do not wait for it.
+    // (PacketBacklog), so other users do not wait for it.
     erase(*std::find_if(ages_.begin(), ages_.end(), [&](auto each) { return each->second.user == connection.user; }));
   }
   if (size() > kLimit) erase(ages_.front());
@@ -41,20 +41,21 @@ void OpenConnections::plan(ListEdits::Edits edits) {
 }
 
 void OpenConnections::planName(std::string_view name) {
-  // An edit of an exception concerns the same names as an edit of the name that it is an exception from.
+  // An edit of the exception "!.NAME" concerns the same hosts as an edit of ".NAME".
   if (name.starts_with("!.")) name.remove_prefix(1);
   const bool withSubdomains = name.starts_with('.');
   std::string begin = reversed(withSubdomains ? name.substr(1) : name);
   if (withSubdomains) {
-    // Names below end in a dot and the name. '/' is the next character after '.'.
+    // Each name below this name ends in a dot and this name. '/' is the character after '.'.
     plans_.push_front({{begin + '.', 0, {}}, begin + '/'});
   }
   std::string end = begin + '\0';  // the next string in the order of bytes
   plans_.push_front({{std::move(begin), 0, {}}, std::move(end)});
 }
 
-// If a review of all connections is under way, goes on from there, and begins at the front afterwards. If it began at
-// the front at once, frequent edits would keep the last connections from being asked about.
+// If a review of all connections is under way, it goes on to the last connection, and then from the first connection to
+// its present position. If it began again at the first connection at once, frequent edits would keep the last
+// connections from being asked about.
 void OpenConnections::planAll() {
   plans_.clear();
   Key next = all_.empty() ? Key() : std::move(all_.front().next);
@@ -83,7 +84,7 @@ void OpenConnections::review(Clock::duration time) {
   }
 }
 
-// Returns false if the connection has ended, or if the provider drops it now.
+// Shows the connection to the provider again. If the provider drops the connection now, ends it and returns false.
 bool OpenConnections::ask(Connections::iterator connection) {
   const Key& key = connection->first;
   const int32_t type = key.pair.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
@@ -91,12 +92,12 @@ bool OpenConnections::ask(Connections::iterator connection) {
   flow->setRemoteHostname(reversed(key.reversedName));
   FilterSession session(provider_, flow);
   session.newFlow();
-  // The connection's first bytes are gone. A provider that knows a flow's name needs no bytes to decide, but some
-  // decide only when they get some. No host name contains '?'.
+  // The connection's first bytes are gone. A provider that knows the flow's name needs no bytes to decide, but some
+  // providers decide only when they get bytes. So they get one byte, which no host name contains.
   const uint8_t anyByte = '?';
   if (session.holdsData()) session.outboundData({&anyByte, 1});
   if (session.state() != FilterSession::State::Dropped) return true;
-  // Another socket may have the same addresses and ports by now.
+  // Another socket may have the connection's addresses and ports by now, and must not be ended.
   if (isOpen(key)) {
     end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});
   }

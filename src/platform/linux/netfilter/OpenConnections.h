@@ -33,10 +33,11 @@ struct OpenConnection {
 };
 
 // The allowed connections that are still open. After an edit of the list, the connections whose names the edit concerns
-// are shown to the provider again, each as a new flow. If the provider drops a connection now, it is ended.
+// are shown to the provider again, each as a new flow. If the provider now drops a connection, the connection is ended.
 //
-// The connections are sorted by their names from the last byte to the first. So the connections of one name are
-// neighbours, and so are those of all names below one name. An edit of one name looks at no other connections.
+// The connections are sorted by their names, read from the last byte to the first. So the connections of one name are
+// neighbours, and so are the connections of all names below one name. An edit of one name looks at no other
+// connections.
 //
 // Nobody reports the end of a connection. (Connection tracking can, but only two minutes later by default, and its
 // messages may be lost.) Instead, each add() checks whether the sockets of two other connections still exist, so at
@@ -52,16 +53,17 @@ class OpenConnections {
   OpenConnections(Ref<NEFilterDataProvider> provider, FlowOwners& owners, End end)
       : provider_(std::move(provider)), owners_(owners), end_(std::move(end)) {}
 
-  // Adds a connection. If a limit is exceeded then, forgets one connection of the user, or of all users: the one that
-  // was added or checked longest ago. A forgotten connection stays open, whatever is edited.
+  // Adds a connection. If the limit of its user is then exceeded, forgets a connection of this user; if the limit of
+  // all users is exceeded, forgets a connection of any user. The forgotten connection is the one that was added or
+  // checked longest ago. It stays open, whatever is edited.
   void add(OpenConnection connection);
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
   // the dot and for all names below it; the same name after a "!" is an exception from such a name.
   void plan(ListEdits::Edits edits);
 
-  // Asks about planned connections for about `time`, but at least about one. Edits of one name come before edits of all
-  // names.
+  // Asks about planned connections until `time` has passed, but about one connection at least. Edits of one name come
+  // before edits of all names.
   void review(Clock::duration time);
 
   // Whether review() has more to do.
@@ -70,9 +72,9 @@ class OpenConnections {
   size_t size() const { return connections_.size(); }
 
   static constexpr size_t kLimit = 65536, kLimitOfUser = 16384;
-  // Up to this number of connections, add() does not check whether the others have ended.
+  // Up to this number of connections, add() does not check whether other connections have ended.
   static constexpr size_t kUnchecked = 1024;
-  // Limit on the edits of one name that wait. Beyond it, all connections are asked about.
+  // Limit on the ranges in plans_. If edits need more ranges, review() asks about all connections instead.
   static constexpr size_t kPlansLimit = 4096;
 
  private:

@@ -64,8 +64,8 @@ class QueuedFlows {
   // this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets are remembered.
   void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
 
-  // Drops an allowed flow from now on: its packets that are in the queue already, and, if it is a TCP connection that
-  // connection tracking forgets, its later packets.
+  // From now on, drops the packets of an allowed flow that come from the queue. These are the flow's packets that are
+  // in the queue already, and, if connection tracking forgets a TCP connection, the connection's later packets.
   void drop(const OpenConnection& connection);
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. Then another program
