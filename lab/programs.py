@@ -155,7 +155,7 @@ class Chromium(Browser):
 
     @contextlib.contextmanager
     def tabs(self):
-        """A running Chromium whose tabs download."""
+        """A running Chromium, whose tabs the script controls."""
         commands, their_commands = os.pipe()[::-1]
         their_answers, answers = os.pipe()[::-1]
         with tempfile.TemporaryDirectory(dir=self._directory, ignore_cleanup_errors=True) as profile:

@@ -37,7 +37,7 @@ def make_certificate(directory: pathlib.Path, section: str, names: list[str], *m
     return certificate
 
 
-ENDLESS = "/endless"  # a path that begins so has a body that never ends, at some 40 kB a second
+ENDLESS = "/endless"  # begins the paths of pages that never end; such a page sends 40 kB a second
 
 
 def page_of(scheme: str, host: str) -> str:

@@ -9,7 +9,7 @@ from isolation import Unavailable
 from keeper import Keeper
 
 WWW, DEEP = BELOW
-# Commands, one after the other, and which hosts are open after each.
+# Commands, one after the other, and the verdicts on hosts after each command.
 STEPS = [
     (("block", HELD), {HELD: DROP, WWW: DROP, DEEP: DROP} | dict.fromkeys(BESIDE, ALLOW)),
     (("allow", WWW), {HELD: DROP, WWW: ALLOW, DEEP: DROP}),

@@ -31,7 +31,7 @@ class OpenConnectionsTest : public ::testing::Test {
                      Value::string("owner"),
                      std::move(name)});
   }
-  // The calls of the provider after this edit.
+  // The calls to the provider after these edits.
   std::string callsAfter(ListEdits::Edits edits) {
     connections.plan(std::move(edits));
     connections.review(1min);
