@@ -29,6 +29,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (before != State::Open && state != before) std::abort();
   }
-  if ((state == State::Known) == reader.name().empty()) std::abort();
+  if ((state == State::Known) == reader.hello().name().empty()) std::abort();
   return 0;
 }

@@ -34,7 +34,7 @@ def _search_far(number: int) -> None:
         time.sleep(0.5)
 
 
-def _flood_with_questions(number: int) -> None:
+def _flood(number: int, port: int) -> None:
     """Sends datagrams, each to another address, so that each is a new flow.
 
     Closes each socket after 256 datagrams, for two reasons: the extension then searches for the owners of closed
@@ -44,7 +44,7 @@ def _flood_with_questions(number: int) -> None:
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
             for last in range(256):
                 with contextlib.suppress(OSError):
-                    sender.sendto(b"question", (f"127.{10 + number}.{turn % 256}.{last}", 53))
+                    sender.sendto(b"question", (f"127.{10 + number}.{turn % 256}.{last}", port))
 
 
 def _send_slow_heads(server: socket.socket) -> None:
@@ -119,9 +119,9 @@ def slow_attack():
     return _attackers(start, lambda: time.sleep(10))
 
 
-def flood():
-    """Sends more packets than the queue can hold. Needs root, to become the user ATTACKER."""
-    return _attackers(lambda: _start(_FLOODERS, _flood_with_questions), lambda: time.sleep(3))
+def flood(port: int = 53):
+    """Sends more datagrams to this port than the queue can hold. Needs root, to become the user ATTACKER."""
+    return _attackers(lambda: _start(_FLOODERS, _flood, port), lambda: time.sleep(3))
 
 
 def half_open_flows(address: str, count: int, lines: int, single: int):

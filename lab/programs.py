@@ -117,6 +117,8 @@ class Wget(Program):
 
 
 class Browser(Program):
+    seconds = 0.0  # from the last request for a page until the browser showed the page or an error, if measured
+
     def runs(self) -> bool:
         try:
             return self._run("--version").returncode == 0
@@ -289,7 +291,9 @@ class Firefox(Browser):
                 address = proxy.partition("//")[2]
                 capabilities["proxy"] = {"proxyType": "manual", "httpProxy": address, "sslProxy": address}
             send("WebDriver:NewSession", **capabilities)
+            start = time.monotonic()
             error, _ = send("WebDriver:Navigate", url=destination.url(path))
+            self.seconds = time.monotonic() - start
             source = send("WebDriver:GetPageSource")[1]["value"]
         if page_of(destination.scheme, destination.host) in source:
             return Seen([ALLOW], "the page")

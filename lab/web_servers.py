@@ -99,7 +99,7 @@ class WebServers:
     def __init__(self, directory: pathlib.Path, names: list[str]):
         authority = make_certificate(directory, "authority", ["OrvaneSE demo"])
         signed = ["-CA", str(authority), "-CAkey", str(directory / "authority.key")]
-        self._certificate = make_certificate(directory, "server", names, *signed)
+        self.certificate = make_certificate(directory, "server", names, *signed)
         self.authority = authority
         self._visits: set[str] = set()
         servers = [_Server("http", port, self._visits) for port in self.PLAIN_PORTS]
@@ -111,7 +111,7 @@ class WebServers:
 
     def _tls(self) -> ssl.SSLContext:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(self._certificate, self._certificate.with_suffix(".key"))
+        context.load_cert_chain(self.certificate, self.certificate.with_suffix(".key"))
         return context
 
     def have_served(self, path: str) -> bool:

@@ -22,6 +22,16 @@ inline std::string crypto(size_t offset, const std::string& bytes) {
   return '\x06' + variable(offset) + variable(bytes.size()) + bytes;
 }
 
+// A TLS ClientHello with an extension of `more` bytes before the server name.
+inline std::string hello(const std::string& name, size_t more = 0) {
+  const std::string names = number(name.size() + 3, 2) + '\0' + number(name.size(), 2) + name;
+  const std::string extensions = number(99, 2) + number(more, 2) + std::string(more, 'm') + number(0, 2) +
+                                 number(names.size(), 2) + names + number(98, 2) + number(0, 2);
+  const std::string body =
+      std::string(34, 'v') + '\0' + number(2, 2) + "cs" + '\x01' + '\0' + number(extensions.size(), 2) + extensions;
+  return '\x01' + number(body.size(), 3) + body;
+}
+
 inline gnutls_datum_t datum(const std::string& text) {
   return {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())), static_cast<unsigned>(text.size())};
 }

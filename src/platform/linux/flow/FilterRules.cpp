@@ -77,6 +77,23 @@ std::optional<uint16_t> port_number(const std::string& port, NENetworkRuleProtoc
   return ntohs(static_cast<uint16_t>(found->s_port));
 }
 
+NEFilterSettings with_http3(const NEFilterSettings& settings) {
+  constexpr uint16_t kHTTPSPort = 443;
+  NEFilterSettings more{{}, settings.defaultAction};
+  for (const NEFilterRule& rule : settings.rules) {
+    more.rules.push_back(rule);
+    const NENetworkRule& match = rule.networkRule;
+    if (rule.action != NEFilterAction::FilterData || match.protocol != NENetworkRuleProtocol::TCP ||
+        match.direction == NETrafficDirection::Inbound || match.remoteNetwork == nullptr ||
+        port_number(match.remoteNetwork->port(), match.protocol) != kHTTPSPort) {
+      continue;
+    }
+    more.rules.push_back(rule);
+    more.rules.back().networkRule.protocol = NENetworkRuleProtocol::UDP;
+  }
+  return more;
+}
+
 NEFilterAction action_for_outbound_flow(const NEFilterSettings& settings, const RemoteEnd& remote) {
   for (const NEFilterRule& rule : settings.rules) {
     if (rule_matches(rule.networkRule, remote)) return rule.action;

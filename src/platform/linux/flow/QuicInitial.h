@@ -32,6 +32,8 @@ class QuicInitialReader {
   // Reads the next datagram from the client.
   State read(std::span<const uint8_t> datagram);
 
+  State state() const { return state_; }
+
   // Whether the last datagram consisted of Initial packets that were read, and so contains no part of a request. It is
   // false for a datagram with 0-RTT packets (requests that a client may send together with its hello), with an unknown
   // version of QUIC, or with packets that follow a finished handshake although the hello was not complete.
@@ -40,8 +42,8 @@ class QuicInitialReader {
   // The number of the hello's bytes in order so far.
   uint64_t length() const { return handshake_.length(); }
 
-  // The server name in the form of the list's names (HostName.h). Empty unless the state is Known.
-  const std::string& name() const { return hello_.name(); }
+  // The reader of the hello, with the server name.
+  const ServerNameReader& hello() const { return hello_; }
 
  private:
   struct Header;

@@ -15,6 +15,7 @@
 #include "platform/Log.h"
 #include "platform/Value.h"
 #include "platform/linux/base/ServiceStatus.h"
+#include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/Netfilter.h"
 #include "platform/linux/proxy/Proxy.h"
@@ -134,8 +135,13 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
   if (!open.isNil() && open != Value::borrowed("end") && open != Value::borrowed("keep")) {
     return "OrvaneOpenConnections is " + open.description() + ", neither end nor keep";
   }
+  const Value http3 = extension_setting("OrvaneHTTP3");
+  const bool passesHTTP3 = http3 == Value::borrowed("pass");
+  if (!http3.isNil() && !passesHTTP3 && http3 != Value::borrowed("judge")) {
+    return "OrvaneHTTP3 is " + http3.description() + ", neither judge nor pass";
+  }
   auto netfilter = std::make_unique<Netfilter>(open != Value::borrowed("keep"));
-  auto error = netfilter->start(provider, settings);
+  auto error = netfilter->start(provider, passesHTTP3 ? settings : with_http3(settings));
   if (!error) {
     ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");
     source_ = std::move(netfilter);

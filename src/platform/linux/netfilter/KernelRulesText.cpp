@@ -20,9 +20,9 @@ constexpr const char* kHasPayload4 =
 constexpr const char* kHasPayload6 =
     "11,48 0 0 6,21 0 7 6,48 0 0 52,116 0 0 2,84 0 0 60,4 0 0 40,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 
-std::string mark_and_mask(uint32_t value) {
+std::string mark_and_mask(uint32_t value, uint32_t mask = kMarkMask) {
   char text[24];
-  snprintf(text, sizeof text, "0x%x/0x%x", value, kMarkMask);
+  snprintf(text, sizeof text, "0x%x/0x%x", value, mask);
   return text;
 }
 
@@ -131,6 +131,8 @@ class ProviderChains {
 //     first packet of a UDP conversation      NEW      "pending" (chain PENDING), "dropped" or no bits    |
 //     other TCP that begins a connection      NEW      as for a SYN                                       |
 //     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
+//     UDP to a server that sent first,        NEW      goes to QUEUE from chain PENDING                   |
+//       unless the connection is decided                                                                  |
 //     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
 //       original direction                    ASK      packet's bits = "allowed", then the queue          |
 //                                                        |                                                |
@@ -138,7 +140,7 @@ class ProviderChains {
 //   filter OUTPUT
 //     packet and connection have bits         VERDICT  save as above, then clear the packet's bits
 //     SYN without bits, connection dropped             clear the connection's bits
-//     connection or packet dropped            DROP     TCP reset, or port unreachable
+//     connection or packet dropped            DROP     TCP reset, or port unreachable; UDP in both directions
 //
 //   mangle INPUT <----------------------------------------------------------------------------------------+
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
@@ -183,8 +185,13 @@ class ProviderChains {
 //   mangle. It does so only for a SYN without bits: if one of the provider's rules has dropped the SYN, the SYN has
 //   bits.
 // - QUEUE ignores a RST without ACK, because such a RST answers a stray segment and ends no connection of the sender.
-// - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Datagrams beyond
-//   the limit pass. TCP needs no limit: a connection sends little before its first data are answered.
+// - If a server sends the first datagram, the conversation begins in its direction for connection tracking, and the
+//   client's datagrams are replies. So these go to NEW as long as the connection has no verdict. A verdict "dropped"
+//   rejects datagrams of both directions.
+// - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Beyond the limit,
+//   DNS questions pass, because they are always allowed. Other datagrams are dropped: one that passed could complete
+//   the hello of another user's browser. TCP needs no limit: a connection sends little before its first data are
+//   answered.
 // - Table filter also saves the bits, for packets that did not enter mangle again: packets that passed because no
 //   process served the queue, and packets that the extension sent on with NF_ACCEPT.
 // - DROP lets resets pass, because the reset that REJECT sends to end a connection is a packet of the same connection.
@@ -197,6 +204,7 @@ constexpr const char* kTables = R"(*filter
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m mark --mark @NONE -m connmark --mark @DROPPED -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -j ORVANE-VERDICT
 -A ORVANE-OUTPUT -m connmark --mark @DROPPED -m conntrack --ctdir ORIGINAL -j ORVANE-DROP
+-A ORVANE-OUTPUT -p udp -m connmark --mark @DROPPED -j ORVANE-DROP
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark --mark @DROPPED -j ORVANE-DROP
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j MARK --set-xmark @NONE
 -A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
@@ -236,14 +244,19 @@ COMMIT
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
+-A ORVANE-OUTPUT -p udp -m conntrack --ctdir REPLY -m connmark --mark @UNDECIDED -j ORVANE-NEW
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -j ORVANE-NEW
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
 -A ORVANE-PENDING -p tcp -m conntrack --ctstate INVALID -j ORVANE-QUEUE
+-A ORVANE-PENDING -p udp -m conntrack --ctdir REPLY -j ORVANE-QUEUE
 -A ORVANE-QUEUE -p tcp -m bpf --bytecode "@HAS_PAYLOAD" -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags FIN FIN -g ORVANE-ASK
 -A ORVANE-QUEUE -p tcp --tcp-flags RST,ACK RST,ACK -g ORVANE-ASK
+-A ORVANE-QUEUE -p udp --dport 53 -m limit --limit 2000/sec --limit-burst 2000 -g ORVANE-ASK
+-A ORVANE-QUEUE -p udp --dport 53 -j RETURN
 -A ORVANE-QUEUE -p udp -m limit --limit 2000/sec --limit-burst 2000 -g ORVANE-ASK
+-A ORVANE-QUEUE -p udp -j DROP
 -A ORVANE-ASK -j MARK --set-xmark @ALLOWED
 -A ORVANE-ASK @QUEUE
 -A ORVANE-VERDICT -m mark ! --mark @PENDING -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
@@ -255,6 +268,7 @@ std::string tables(AddressFamily family, const ProviderChains& chains) {
   const std::pair<std::string_view, std::string> values[] = {
       {"@NONE", mark_and_mask(0)},
       {"@PENDING", mark_and_mask(kMarkPending)},
+      {"@UNDECIDED", mark_and_mask(0, kMarkMask & ~kMarkPending)},  // none or pending
       {"@DROPPED", mark_and_mask(kMarkDropped)},
       {"@MASK", std::to_string(kMarkMask)},
       {"@UNREACHABLE", v4 ? "icmp-port-unreachable" : "icmp6-port-unreachable"},

@@ -267,6 +267,8 @@ void Netfilter::Queue::handle(const QueuedPacket& queued, PacketBacklog::Clock::
       return packets.accept(queued.id, answer_mark(queued.mark, kMarkPending));
     case PacketVerdict::Open:
       break;
+    case PacketVerdict::Held:
+      return packets.drop(queued.id);
     case PacketVerdict::Allowed:
       answer = kMarkAllowed;
       break;

@@ -65,7 +65,7 @@ PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection
 }
 
 PacketVerdict QueuedFlows::verdictOf(const Flow& flow) {
-  if (!is_settled(flow.session)) return PacketVerdict::Open;
+  if (!is_settled(flow.session)) return flow.isHeld ? PacketVerdict::Held : PacketVerdict::Open;
   const bool drops = flow.isEnded || flow.session.state() == FilterSession::State::Dropped;
   return drops ? PacketVerdict::Dropped : PacketVerdict::Allowed;
 }
@@ -96,6 +96,7 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   if (flow->session.state() == FilterSession::State::Allowed) recordAllowed(*flow);
   flow->flight = FirstFlight();
   flow->name = ServerNameReader();
+  flow->quic.reset();
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
@@ -160,16 +161,16 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     filled.resize(bytes.size() + packet.missing, '?');
     bytes = filled;
   }
-  bool isLast = ends || !stream;
+  bool isLast = ends;
   if (stream && !bytes.empty()) {
     isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
     bytes = flow.flight.next();
   }
-  // A DNS flow contains no server name; the provider itself reads the DNS question. In all other TCP flows, the name is
-  // read to its end, even if judgeInbound() has already shown the flow to the provider.
-  const bool hasName = stream && packet.ends.remote.port != kDNSPort;
-  if (hasName && flow.name.state() == ServerNameReader::State::Open && !readName(flow, bytes, isLast)) {
-    return !bytes.empty();
+  // A DNS flow contains no server name; the provider itself reads the DNS question. In all other flows, the name is
+  // read to its end, even if the provider has seen the flow already.
+  if (packet.ends.remote.port != kDNSPort) {
+    const uint64_t known = flow.quic == nullptr ? 0 : flow.quic->length();
+    if (!readName(flow, bytes, isLast)) return stream ? !bytes.empty() : flow.quic->length() > known;
   }
   if (flow.session.state() == FilterSession::State::New) {
     flow.session.newFlow(stream ? flow.flight.length() - bytes.size() : 0);
@@ -179,21 +180,28 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   return true;
 }
 
-// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown to the provider now.
+// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown to the provider now, with
+// or without a name.
 bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
-  const ServerNameReader::State state = flow.name.read(bytes);
-  if (state == ServerNameReader::State::Known) {
-    flow.flow->setRemoteHostname(flow.name.name());
-    if (flow.name.isNameHidden()) flow_counters().recordHiddenName();
-    return true;
-  }
-  if (state == ServerNameReader::State::Open && !isLast) {
-    if (openOfUser_[flow.user] <= kOpenLimit) return false;
-    flow.session.newFlow();
-    flow.session.refuse();
+  const bool stream = flow.pair.protocol == IPPROTO_TCP;
+  if (!stream && flow.quic == nullptr) flow.quic = std::make_unique<QuicInitialReader>();
+  const NameState before = stream ? flow.name.state() : flow.quic->state();
+  const NameState state = stream ? flow.name.read(bytes) : flow.quic->read(bytes);
+  flow.isHeld = state == NameState::Open && !stream && !flow.quic->isReadable();
+  if (state == NameState::Open && !isLast) {
+    const bool isBeyondLimit = openOfUser_[flow.user] > kOpenLimit;
+    if ((isBeyondLimit || flow.isHeld) && flow.session.state() == FilterSession::State::New) flow.session.newFlow();
+    if (isBeyondLimit) flow.session.refuse();
     return false;
   }
-  flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);
+  if (before != NameState::Open) return true;  // the name is settled already
+  const ServerNameReader& name = stream ? flow.name : flow.quic->hello();
+  if (state == NameState::Known) {
+    flow.flow->setRemoteHostname(name.name());
+    if (name.isNameHidden()) flow_counters().recordHiddenName();
+  } else {
+    flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);
+  }
   return true;
 }
 

@@ -5,11 +5,13 @@
 #include <deque>
 #include <functional>
 #include <list>
+#include <memory>
 #include <unordered_map>
 
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
+#include "platform/linux/flow/QuicInitial.h"
 #include "platform/linux/flow/ServerName.h"
 #include "platform/linux/netfilter/FlowOwners.h"
 #include "platform/linux/netfilter/OpenConnections.h"
@@ -20,6 +22,7 @@ namespace orvane {
 enum class PacketVerdict {
   Ignored,  // the packet says nothing about a flow
   Open,     // there is no verdict yet; later packets are needed
+  Held,     // there is no verdict yet, and this packet must not pass without one; its sender sends its content again
   Allowed,  // the flow is allowed
   Dropped,  // the flow is dropped
 };
@@ -28,6 +31,10 @@ enum class PacketVerdict {
 // known or cannot become known, or when the flow ends. An open flow (without a verdict) is kept as long as its socket
 // exists. A settled flow (with a verdict) is remembered for some seconds, for packets that were queued before its
 // verdict.
+//
+// The name of a UDP flow is read from the datagrams of QUIC, except for DNS. While it is open, only datagrams with
+// parts of the hello may pass; all others are held, because they could contain a request. Before the first datagram is
+// held, the flow is shown to the provider without a name, so that programs that are no browsers are allowed at once.
 //
 // The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
 // beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
@@ -99,7 +106,9 @@ class QueuedFlows {
     FilterSession session;
     bool isEnded = false;  // whether the flow was allowed and is dropped now
     FirstFlight flight;
-    ServerNameReader name;
+    ServerNameReader name;                    // TCP only
+    std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram, and when the flow is settled
+    bool isHeld = false;                      // whether the last datagram may not pass while the flow is open
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes

@@ -38,5 +38,36 @@ TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
   }
 }
 
+TEST(FilterRules, CoverHTTP3WhereTheyFilterHTTPS) {
+  using Protocol = NENetworkRuleProtocol;
+  using Action = NEFilterAction;
+  const struct {
+    const char* name;
+    const char* port;
+    Protocol protocol;
+    NETrafficDirection direction;
+    Action action;
+    bool isCovered;
+  } kCases[] = {
+      {"HTTPS", "443", Protocol::TCP, NETrafficDirection::Outbound, Action::FilterData, true},
+      {"HTTPS by its service, in any direction", "https", Protocol::TCP, NETrafficDirection::Any, Action::FilterData,
+       true},
+      {"HTTP", "80", Protocol::TCP, NETrafficDirection::Outbound, Action::FilterData, false},
+      {"any protocol", "443", Protocol::Any, NETrafficDirection::Outbound, Action::FilterData, false},
+      {"inbound", "443", Protocol::TCP, NETrafficDirection::Inbound, Action::FilterData, false},
+      {"allowed", "443", Protocol::TCP, NETrafficDirection::Outbound, Action::Allow, false},
+  };
+  for (const auto& c : kCases) {
+    auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname("192.0.2.0", c.port), 24,
+                                                     nullptr, 0, c.protocol, c.direction);
+    const auto settings = with_http3({{NEFilterRule::initWithNetworkRule(rule, c.action)}, Action::Drop});
+    ASSERT_EQ(settings.rules.size(), c.isCovered ? 2U : 1U) << c.name;
+    EXPECT_EQ(settings.rules.front().networkRule.protocol, c.protocol) << c.name;
+    EXPECT_EQ(settings.defaultAction, Action::Drop) << c.name;
+    if (!c.isCovered) continue;
+    EXPECT_EQ(action_for_outbound_flow(settings, {"192.0.2.7", 443, Protocol::UDP}), Action::FilterData) << c.name;
+  }
+}
+
 }  // namespace
 }  // namespace orvane

@@ -13,21 +13,13 @@ namespace {
 
 using enum QuicInitialReader::State;
 using quic::crypto;
+using quic::hello;
 using quic::number;
 using quic::variable;
 using Client = quic::QuicClient;
 
 std::span<const uint8_t> bytes_of(const std::string& text) {
   return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
-std::string hello(const std::string& name, size_t more = 0) {
-  const std::string names = number(name.size() + 3, 2) + '\0' + number(name.size(), 2) + name;
-  const std::string extensions = number(99, 2) + number(more, 2) + std::string(more, 'm') + number(0, 2) +
-                                 number(names.size(), 2) + names + number(98, 2) + number(0, 2);
-  const std::string body =
-      std::string(34, 'v') + '\0' + number(2, 2) + "cs" + '\x01' + '\0' + number(extensions.size(), 2) + extensions;
-  return '\x01' + number(body.size(), 3) + body;
 }
 
 // The datagrams of a file in the fuzz target's corpus. In the file, each datagram comes after its length (2 bytes).
@@ -56,7 +48,7 @@ Outcome read_all(const std::vector<std::string>& datagrams) {
     const char* open = reader.isReadable() ? "pass " : "hold ";
     outcome.steps += state == Open ? open : state == Known ? "known " : "unknown ";
   }
-  outcome.name = reader.name();
+  outcome.name = reader.hello().name();
   return outcome;
 }
 

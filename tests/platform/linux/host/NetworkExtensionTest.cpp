@@ -44,12 +44,13 @@ class Provider final : public ScriptedProvider {
 // Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
 // manager received, and the exit code. Among them are messages of Provider: "start" when the extension starts the
 // provider, and "stop" when it stops the provider.
-std::string run_extension(const Value& source, const Value& port) {
+std::string run_extension(const Value& source, const Value& port, const Value& http3 = nullptr) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
   networkExtension = Value::dictionary({{Value::string("NEProviderClasses"), classes},
                                         {Value::string("OrvaneFlowSource"), source},
-                                        {Value::string("OrvaneProxyPort"), port}});
+                                        {Value::string("OrvaneProxyPort"), port},
+                                        {Value::string("OrvaneHTTP3"), http3}});
   Peer manager(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
   // The manager's address is a file, because another network namespace cannot reach an abstract address.
   TemporaryFolder folder;
@@ -100,11 +101,17 @@ TEST(ProviderHost, ReportsItsStartToTheServiceManager) {
   }
 }
 
-TEST(ProviderHost, RejectsAnUnknownFlowSource) {
-  const std::string messages = run_extension(Value::string("netfliter"), nullptr);
-  EXPECT_TRUE(messages.starts_with("start; STATUS=Filter not started: ")) << messages;
-  EXPECT_NE(messages.find("netfliter"), std::string::npos) << messages;
-  EXPECT_TRUE(messages.ends_with("; stop; exit 1")) << messages;
+TEST(ProviderHost, RejectsUnknownSettings) {
+  const std::tuple<const char*, Value, Value> kCases[] = {
+      {"OrvaneFlowSource is netfliter", Value::string("netfliter"), nullptr},
+      {"OrvaneHTTP3 is jugde", Value::string("netfilter"), Value::string("jugde")},
+  };
+  for (const auto& [reason, source, http3] : kCases) {
+    const std::string messages = run_extension(source, nullptr, http3);
+    EXPECT_TRUE(messages.starts_with("start; STATUS=Filter not started: ")) << messages;
+    EXPECT_NE(messages.find(reason), std::string::npos) << messages;
+    EXPECT_TRUE(messages.ends_with("; stop; exit 1")) << messages;
+  }
 }
 
 TEST(ProviderHost, EndsWhileItsProviderHangs) {

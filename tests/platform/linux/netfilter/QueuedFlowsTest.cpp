@@ -7,6 +7,7 @@
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
+#include "support/QuicClient.h"
 
 namespace orvane {
 namespace {
@@ -203,6 +204,58 @@ TEST_F(QueuedFlowsTest, LetsServersOfAllowedSocketsGoOn) {
       << "forgotten, as there are too many";
   owners.socket.reset();
   EXPECT_EQ(flows.judgeInbound(answer, true), Ignored) << "no socket";
+}
+
+TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
+  const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  const auto drop = NEFilterNewFlowVerdict::dropVerdict(), allow = NEFilterNewFlowVerdict::allowVerdict();
+  quic::QuicClient client;
+  const std::string hello = quic::hello("A.Example");
+  const std::string first = client.initial(quic::crypto(0, hello.substr(0, 50)));
+  const std::string second = client.initial(quic::crypto(50, hello.substr(50)));
+  const std::string request = client.packet(1, std::string(50, 'r'), client.keyID);
+  std::string unknownVersion = first;
+  unknownVersion[1] = '\x0a';
+  const struct {
+    const char* name;
+    NEFilterNewFlowVerdict newFlow;
+    bool dropsData;
+    std::vector<std::string> datagrams;
+    std::vector<PacketVerdict> verdicts;
+    std::string_view calls;
+  } kCases[] = {
+      {"a held name", drop, false, {first, second, second}, {Open, Dropped, Dropped}, "new a.example; "},
+      {"another name", allow, false, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
+      {"a name that is decided at the data",
+       examine,
+       true,
+       {first, second},
+       {Open, Dropped},
+       "new a.example; data 0 a.example; "},
+      {"a browser's 0-RTT",
+       examine,
+       true,
+       {request, first, request, second},
+       {Held, Open, Held, Dropped},
+       "new -; data 0 a.example; "},
+      {"another program's 0-RTT", allow, false, {first, request, second}, {Open, Allowed, Allowed}, "new -; "},
+      {"a browser's unknown version", examine, false, {unknownVersion}, {Held}, "new -; "},
+      {"another program's unknown version", allow, false, {unknownVersion}, {Allowed}, "new -; "},
+      {"another protocol", examine, false, {"other"}, {Allowed}, "new -; data 0 -; "},
+  };
+  for (const auto& c : kCases) {
+    ++owners.socket->cookie;
+    provider->newFlow = c.newFlow;
+    provider->data = c.dropsData ? NEFilterDataVerdict::dropVerdict() : NEFilterDataVerdict::allowVerdict();
+    std::vector<PacketVerdict> verdicts;
+    for (const std::string& datagram : c.datagrams)
+      verdicts.push_back(flows.judge(packet(datagram, 0, 443, IPPROTO_UDP)));
+    EXPECT_EQ(verdicts, c.verdicts) << c.name;
+    EXPECT_EQ(calls(), c.calls) << c.name;
+  }
+  ++owners.socket->cookie;
+  for (int time = 0; time < 200 && !flows.isLooping(); ++time) flows.judge(packet(first, 0, 443, IPPROTO_UDP));
+  EXPECT_TRUE(flows.isLooping()) << "the same datagram again and again";
 }
 
 TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
