@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "platform/linux/base/Subdomains.h"
 #include "platform/linux/flow/ServerName.h"
 
 namespace orvane {
 
 // Reads the first bytes of a connection in one piece, and again in up to 61 pieces. Both readers must have the same
-// result. Returns the reader that read them in one piece.
+// result, and each host that covers the server name must be an end of this name. Returns the reader that read them in
+// one piece.
 inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   ServerNameReader whole, pieces;
   whole.read(bytes);
@@ -17,6 +19,9 @@ inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   if (whole.state() != pieces.state() || whole.name() != pieces.name()) std::abort();
   if ((whole.state() == ServerNameReader::State::Known) == whole.name().empty()) std::abort();
   if (whole.name().find_first_of(std::string_view("\0\r\n", 3)) != std::string::npos && bytes[0] != 22) std::abort();
+  for (std::string_view host : covering_hosts(whole.name())) {
+    if (!whole.name().ends_with(host)) std::abort();
+  }
   return whole;
 }
 

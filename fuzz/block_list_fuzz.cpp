@@ -19,7 +19,11 @@ void check(const BlockList& list) {
   const BlockList again = BlockList::parse(text);
   require(again.text() == text);
   require(again.sites() == list.sites());
-  for (const ListedSite& site : list.sites()) require(*list.find(site.host) == site);
+  for (const ListedSite& site : list.sites()) {
+    require(*list.find(site.host) == site);
+    const Decision decision = decide(list, site.host, Moment());
+    require(decision.blocking != nullptr || decision.suspended != nullptr || decision.exception != nullptr);
+  }
 }
 
 }  // namespace
