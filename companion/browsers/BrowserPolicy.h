@@ -12,10 +12,9 @@ namespace orvane {
 // Managed policies are files with which the machine's administrator configures browsers for all users. The policies
 // that orvanectl installs switch off the browser features that hide host names from the filter.
 
-// A browser feature with which a connection's first bytes do not show the name of every host that the connection
-// serves.
+// A browser feature with which the filter may not see the name of every host that a connection serves.
 enum class HidingFeature {
-  Http3,              // connections over UDP
+  Http3,              // connections over UDP; not read if the extension's setting OrvaneHTTP3 is "pass"
   EncryptedHello,     // Encrypted Client Hello (RFC 9849): the hello shows only the name of the hosting service
   SharedConnections,  // one HTTP/2 connection for several names (RFC 9113, section 9.1.1). Only Firefox can switch it
                       // off
