@@ -9,7 +9,7 @@ import socket
 import subprocess
 
 from attackers import flood
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
 from http3_browsers import ChromiumOverHTTP3, FirefoxOverHTTP3, over_http3
 from http3_server import HTTP3Server
 from isolation import Unavailable
@@ -100,6 +100,22 @@ def JudgesAConversationThatTheServerBegan(world: World):
                     with contextlib.suppress(OSError):
                         connection.send(datagram)
                 check(server.received(), [first], f"what left {family}")
+
+
+def EndsAConversationWhenItsNameIsBlocked(world: World):
+    with world.extension(PYTHON) as extension, _Server() as server, server.client() as connection:
+        for datagram in _recorded():
+            connection.send(datagram)
+        check(server.received(), _recorded(), "what left before the name was blocked")
+
+        def arrives() -> bool:
+            with contextlib.suppress(OSError):
+                connection.send(b"\x41 a later packet")
+            return bool(server.received())
+
+        check(arrives(), True, "a later packet arrives")
+        extension.hold(HELD)
+        wait_until(lambda: not arrives(), "the conversation's end", 2)
 
 
 def ExaminesOneDatagramOfAnotherProtocol(world: World):
