@@ -89,6 +89,27 @@ def HoldsBackTheDatagramThatCompletesAHeldName(world: World):
                 extension.hold(HELD)
 
 
+def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
+    first, second = _recorded()
+    with world.extension(PYTHON) as extension:
+        for count, family in enumerate(FAMILIES, 1):
+            extension.hold(NEWS)
+            with _Server(family) as server, server.client() as connection:
+                for datagram in (first, second, b"@later"):
+                    connection.send(datagram)
+                check(server.received(), [first, second, b"@later"], f"before the edit {family}")
+                extension.control("add", HELD).check_returncode()
+                wait_until(lambda count=count: extension.counters()["ended"] == count, "the conversation has ended", 1)
+                failures = []
+                for _ in range(2):
+                    try:
+                        connection.send(b"@after")
+                    except OSError as error:
+                        failures.append(type(error).__name__)
+                print(f"sent after the edit {family}: {failures}")
+                check((bool(failures), server.received()), (True, []), f"after the edit {family}")
+
+
 def JudgesAConversationThatTheServerBegan(world: World):
     first, second = _recorded()
     with world.filtering(PYTHON):
