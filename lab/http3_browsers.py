@@ -43,10 +43,10 @@ class ChromiumOverHTTP3(Chromium):
 
     def __init__(self, name, path, identifier, directory, hosts: list[str], key_hash: str):
         super().__init__(name, path, identifier, directory)
-        self._options = [option for option in self._OPTIONS if option != "--disable-quic"]
-        self._options += [f"--origin-to-force-quic-on={','.join(f'{host}:443' for host in hosts)}"]
+        self._OPTIONS = [option for option in self._OPTIONS if option != "--disable-quic"]
+        self._OPTIONS += [f"--origin-to-force-quic-on={','.join(f'{host}:443' for host in hosts)}"]
         # QUIC ignores --ignore-certificate-errors, but not this.
-        self._options += [f"--ignore-certificate-errors-spki-list={key_hash}", "--remote-debugging-pipe"]
+        self._OPTIONS += [f"--ignore-certificate-errors-spki-list={key_hash}", "--remote-debugging-pipe"]
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
         with tempfile.TemporaryDirectory(dir=self._directory, ignore_cleanup_errors=True) as profile:
@@ -54,7 +54,7 @@ class ChromiumOverHTTP3(Chromium):
             # Chromium reads commands from descriptor 3 and writes answers to descriptor 4.
             shell = f'exec "$0" "$@" 3<&{commands[0]} 4>&{answers[1]}'
             chromium = subprocess.Popen(
-                ["/bin/bash", "-c", shell, self._path, *self._options, f"--user-data-dir={profile}"],
+                ["/bin/bash", "-c", shell, self._path, *self._OPTIONS, f"--user-data-dir={profile}"],
                 env=self._environment(),
                 cwd=self._directory,
                 pass_fds=(commands[0], answers[1]),

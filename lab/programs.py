@@ -200,6 +200,19 @@ class Tabs:
         })().catch(error => { window.error = error.message; });
     """
 
+    # Counts the answers, and keeps the first error.
+    _REQUESTS = """
+        window.received = 0;
+        window.error = null;
+        (async () => {
+            for (;;) {
+                await (await fetch("/", {cache: "no-store"})).text();
+                window.received += 1;
+                await new Promise(resolve => setTimeout(resolve, 50));
+            }
+        })().catch(error => { window.error = error.message; });
+    """
+
     def __init__(self, commands, answers):
         self._commands, self._answers, self._count = commands, answers, 0
 
@@ -225,6 +238,13 @@ class Tabs:
 
     def start_download(self, origin: str, path: str) -> str:
         """Opens a page of the origin in a new tab, which then downloads the path. Returns the tab."""
+        return self._start(origin, self._DOWNLOAD % path)
+
+    def start_requests(self, origin: str) -> str:
+        """Opens a page of the origin in a new tab, which then requests it again and again. Returns the tab."""
+        return self._start(origin, self._REQUESTS)
+
+    def _start(self, origin: str, script: str) -> str:
         target = self._call("Target.createTarget", url=f"{origin}/")["targetId"]
         tab = self._call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
         end = time.monotonic() + _TIMEOUT
@@ -232,7 +252,7 @@ class Tabs:
             if time.monotonic() > end:
                 raise TimeoutError(f"no page of {origin}")
             time.sleep(0.05)
-        self._evaluate(tab, self._DOWNLOAD % path)
+        self._evaluate(tab, script)
         return tab
 
     def received(self, tab: str) -> int:

@@ -209,3 +209,24 @@ def JudgesHTTP3OfChromium(world: World):
 
 def JudgesHTTP3OfFirefox(world: World):
     _browse_over_http3(world, FirefoxOverHTTP3, "firefox-esr")
+
+
+def EndsTheOpenHTTP3ConnectionOfATab(world: World):
+    hosts = [HELD, NEWS]
+    chromium = world.program(ChromiumOverHTTP3, "chromium", hosts, _key_hash(world.servers.certificate))
+    if not chromium.runs():
+        raise Unavailable("chromium does not run here")
+    server = HTTP3Server(world.directory, hosts, world.servers.certificate)
+    with world.extension("chromium") as extension, chromium.tabs() as tabs:
+        held, other = (tabs.start_requests(f"https://{host}") for host in hosts)
+        for tab in (held, other):
+            wait_until(lambda tab=tab: tabs.received(tab) > 2, "the requests of a tab have begun", 20)
+        check(set(server.hosts()), set(hosts), "the hosts in the server's log")
+        extension.control("add", HELD).check_returncode()
+        answers = tabs.received(held)
+        wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 3)
+        check(tabs.received(held) - answers < 2, True, "no answers come after the edit")
+        before = tabs.received(other)
+        wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 2)
+        check(tabs.error(other), None, "the other tab's error")
+        check(extension.counters()["ended"] > 0, True, "ended flows")
