@@ -19,8 +19,8 @@ struct RemoteEnd {
 // for a service that is unknown for `protocol`, which is TCP or UDP. Thread-safe.
 std::optional<uint16_t> port_number(const std::string& port, NENetworkRuleProtocol protocol);
 
-// The settings with HTTP/3: after each rule that filters the data of outbound TCP flows to port 443, a rule that does
-// the same for UDP. Thread-safe.
+// Returns the settings with more rules, for HTTP/3: after each rule that filters the data of outbound TCP flows to port
+// 443, the result has a rule that does the same for UDP. Thread-safe.
 NEFilterSettings with_http3(const NEFilterSettings& settings);
 
 // The action of the first rule that matches an outbound flow, or else the default action.

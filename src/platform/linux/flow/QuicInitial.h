@@ -42,7 +42,7 @@ class QuicInitialReader {
   // The number of the hello's bytes in order so far.
   uint64_t length() const { return handshake_.length(); }
 
-  // The reader of the hello, with the server name.
+  // The reader of the hello. Its name() is the server name.
   const ServerNameReader& hello() const { return hello_; }
 
  private:

@@ -132,7 +132,7 @@ class ProviderChains {
 //     other TCP that begins a connection      NEW      as for a SYN                                       |
 //     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
 //     UDP to a server that sent first,        NEW      goes to QUEUE from chain PENDING                   |
-//       unless the connection is decided                                                                  |
+//       unless the connection has a verdict                                                               |
 //     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
 //       original direction                    ASK      packet's bits = "allowed", then the queue          |
 //                                                        |                                                |
@@ -185,13 +185,13 @@ class ProviderChains {
 //   mangle. It does so only for a SYN without bits: if one of the provider's rules has dropped the SYN, the SYN has
 //   bits.
 // - QUEUE ignores a RST without ACK, because such a RST answers a stray segment and ends no connection of the sender.
-// - If a server sends the first datagram, the conversation begins in its direction for connection tracking, and the
-//   client's datagrams are replies. So these go to NEW as long as the connection has no verdict. A verdict "dropped"
-//   rejects datagrams of both directions.
+// - If a server sends the first datagram, then for connection tracking the server begins the connection, and the
+//   client's datagrams are replies. So the replies go to NEW as long as the connection has no verdict. If the verdict
+//   is "dropped", the datagrams of both directions are rejected.
 // - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Beyond the limit,
-//   DNS questions pass, because they are always allowed. Other datagrams are dropped: one that passed could complete
-//   the hello of another user's browser. TCP needs no limit: a connection sends little before its first data are
-//   answered.
+//   DNS questions pass, because they are always allowed. Other datagrams are dropped: if they passed, one user's flood
+//   would let another user's browser send its whole hello without a verdict. TCP needs no limit: a connection sends
+//   little before its first data are answered.
 // - Table filter also saves the bits, for packets that did not enter mangle again: packets that passed because no
 //   process served the queue, and packets that the extension sent on with NF_ACCEPT.
 // - DROP lets resets pass, because the reset that REJECT sends to end a connection is a packet of the same connection.
@@ -268,7 +268,7 @@ std::string tables(AddressFamily family, const ProviderChains& chains) {
   const std::pair<std::string_view, std::string> values[] = {
       {"@NONE", mark_and_mask(0)},
       {"@PENDING", mark_and_mask(kMarkPending)},
-      {"@UNDECIDED", mark_and_mask(0, kMarkMask & ~kMarkPending)},  // none or pending
+      {"@UNDECIDED", mark_and_mask(0, kMarkMask & ~kMarkPending)},  // no bits, or "pending"
       {"@DROPPED", mark_and_mask(kMarkDropped)},
       {"@MASK", std::to_string(kMarkMask)},
       {"@UNREACHABLE", v4 ? "icmp-port-unreachable" : "icmp6-port-unreachable"},

@@ -22,7 +22,7 @@ namespace orvane {
 enum class PacketVerdict {
   Ignored,  // the packet says nothing about a flow
   Open,     // there is no verdict yet; later packets are needed
-  Held,     // there is no verdict yet, and this packet must not pass without one; its sender sends its content again
+  Held,     // there is no verdict yet, and the packet must not pass before; the sender sends the content again
   Allowed,  // the flow is allowed
   Dropped,  // the flow is dropped
 };
@@ -32,9 +32,10 @@ enum class PacketVerdict {
 // exists. A settled flow (with a verdict) is remembered for some seconds, for packets that were queued before its
 // verdict.
 //
-// The name of a UDP flow is read from the datagrams of QUIC, except for DNS. While it is open, only datagrams with
-// parts of the hello may pass; all others are held, because they could contain a request. Before the first datagram is
-// held, the flow is shown to the provider without a name, so that programs that are no browsers are allowed at once.
+// The name of a UDP flow, except a DNS flow, is read from the hello in QUIC's first datagrams. While the flow is open,
+// only datagrams with parts of the hello may pass; all other datagrams are held, because they could contain a request.
+// Before the first datagram is held, the flow is shown to the provider without a name, so that flows of programs that
+// are no browsers are allowed at once.
 //
 // The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
 // beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
