@@ -187,7 +187,7 @@ class ProviderChains {
 // - QUEUE ignores a RST without ACK, because such a RST answers a stray segment and ends no connection of the sender.
 // - If a server sends the first datagram, then for connection tracking the server begins the connection, and the
 //   client's datagrams are replies. So the replies go to NEW as long as the connection has no verdict. If the verdict
-//   is "dropped", the datagrams of both directions are rejected.
+//   is "dropped", table filter rejects all outbound datagrams of the connection, replies or not.
 // - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Beyond the limit,
 //   DNS questions pass, because they are always allowed. Other datagrams are dropped: if they passed, one user's flood
 //   would let another user's browser send its whole hello without a verdict. TCP needs no limit: a connection sends
