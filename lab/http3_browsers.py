@@ -45,7 +45,7 @@ class ChromiumOverHTTP3(Chromium):
         super().__init__(name, path, identifier, directory)
         self._OPTIONS = [option for option in self._OPTIONS if option != "--disable-quic"]
         self._OPTIONS += [f"--origin-to-force-quic-on={','.join(f'{host}:443' for host in hosts)}"]
-        # QUIC ignores --ignore-certificate-errors, but not this.
+        # QUIC ignores --ignore-certificate-errors, but not this option.
         self._OPTIONS += [f"--ignore-certificate-errors-spki-list={key_hash}", "--remote-debugging-pipe"]
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:

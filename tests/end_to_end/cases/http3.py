@@ -22,7 +22,7 @@ _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1"
 
 
 def _recorded() -> list[bytes]:
-    """The datagrams of a recording, in which each follows its length. The second one completes the name HELD."""
+    """The datagrams of a recording, in which each comes after its length. The second one completes the name HELD."""
     text, datagrams = _RECORD.read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
