@@ -206,6 +206,7 @@ void Netfilter::Queue::serve(int stop) {
       reviewConnections();
     } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
     flows.queueDrained();
+    connections.removeEnded(std::chrono::steady_clock::now());
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));

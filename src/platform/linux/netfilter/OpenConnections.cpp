@@ -24,7 +24,7 @@ void OpenConnections::add(OpenConnection connection) {
   made->second.user = connection.user;
   made->second.age = ages_.insert(ages_.end(), made);
   ++ofUser_[connection.user];
-  for (int i = 0; i < 2 && size() > kUnchecked; ++i) checkOldest();
+  if (size() > kUnchecked) checks_ += 2;
   if (ofUser_[connection.user] > kLimitOfUser) {
     // This takes long if other users have thousands of older connections. But the time counts as this user's time
     // (PacketBacklog), so other users do not wait for it.
@@ -107,6 +107,15 @@ bool OpenConnections::ask(Connections::iterator connection) {
 bool OpenConnections::isOpen(const Key& key) {
   const auto socket = owners_.find(key.pair);
   return socket && socket->cookie == key.cookie;
+}
+
+void OpenConnections::removeEnded(Clock::time_point now) {
+  if (checks_ == 0 || now - lastRemoval_ < kCheckInterval) return;
+  lastRemoval_ = now;
+  for (size_t i = 0; i < kChecksAtOnce && checks_ > 0; ++i) {
+    checkOldest();
+    checks_ = size() > kUnchecked ? checks_ - 1 : 0;
+  }
 }
 
 void OpenConnections::checkOldest() {

@@ -40,8 +40,9 @@ struct OpenConnection {
 // connections.
 //
 // Nobody reports the end of a connection. (Connection tracking can, but only two minutes later by default, and its
-// messages may be lost.) Instead, each add() checks whether the sockets of two other connections still exist, so at
-// most about half of the stored connections have ended.
+// messages may be lost.) Instead, removeEnded() makes two checks for each connection that was added: it checks whether
+// the socket of the connection that was checked longest ago still exists. So at most about half of the stored
+// connections have ended, unless more connections are added in a second than removeEnded() checks.
 //
 // Not thread-safe: belongs to the queue's thread.
 class OpenConnections {
@@ -58,6 +59,10 @@ class OpenConnections {
   // checked longest ago. It stays open, whatever is edited.
   void add(OpenConnection connection);
 
+  // Removes some connections whose sockets were closed. Call it when no packet waits, because each check takes some
+  // microseconds. It makes at most kChecksAtOnce checks, and none within kCheckInterval of the last ones.
+  void removeEnded(Clock::time_point now);
+
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
   // the dot and for all names below it; the same name after a "!" is an exception from such a name.
   void plan(ListEdits::Edits edits);
@@ -72,8 +77,10 @@ class OpenConnections {
   size_t size() const { return connections_.size(); }
 
   static constexpr size_t kLimit = 65536, kLimitOfUser = 16384;
-  // Up to this number of connections, add() does not check whether other connections have ended.
+  // With at most this number of connections, removeEnded() checks none.
   static constexpr size_t kUnchecked = 1024;
+  static constexpr size_t kChecksAtOnce = 32;
+  static constexpr std::chrono::milliseconds kCheckInterval{10};
   // Limit on the ranges in plans_. If edits need more ranges, review() asks about all connections instead.
   static constexpr size_t kPlansLimit = 4096;
 
@@ -112,6 +119,8 @@ class OpenConnections {
   Connections connections_;
   Ages ages_;
   std::unordered_map<uid_t, size_t> ofUser_;  // the number of each user's connections
+  size_t checks_ = 0;                         // how many checks removeEnded() has to make
+  Clock::time_point lastRemoval_{};           // when removeEnded() made its last checks
   std::deque<Range> plans_;                   // for edits of one name
   std::deque<Range> all_;                     // for edits of all names
 };

@@ -148,6 +148,7 @@ TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
     add("a", cookie);
     sockets.closed.insert(cookie - 1U);
     sockets.closed.erase(1);
+    connections.removeEnded(OpenConnections::Clock::time_point(cookie * OpenConnections::kCheckInterval));
   }
   EXPECT_LE(connections.size(), OpenConnections::kUnchecked + 1);
   EXPECT_EQ(callsAfter({false, {"kept"}}), "new kept; ");
