@@ -41,7 +41,7 @@ struct Change {
   bool changed = false;
   std::string outcome;         // in words; may be empty
   bool isMeantToBlock = true;  // false if the command lets the host pass
-  std::string otherLine = "";  // a line that decides the opposite about the site's host; empty if there is none
+  std::string otherLine{};     // a line that decides the opposite about the site's host; empty if there is none
 };
 
 // The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
