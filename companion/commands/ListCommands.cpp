@@ -16,6 +16,8 @@
 #include "companion/commands/BlockListOutput.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
+#include "companion/doctor/DoctorBrowsers.h"
+#include "companion/doctor/DoctorFacts.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
@@ -213,7 +215,7 @@ std::string previous_state(const ListedSite* before, const ListedSite& site, Mom
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const Scope scope = arguments.exactNames ? Scope::ExactName : Scope::Subdomains;
-  return change_list(options, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
+  const int code = change_list(options, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
     if (site.host.find('.') == std::string::npos)
       print_error("only this exact name is blocked: " + in_quotes(site.host) +
                   ": block each site below it by its name");
@@ -221,6 +223,8 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome)};
   });
+  if (const std::string warning = hiding_warning(look_at_browsers()); !warning.empty()) print_error(warning);
+  return code;
 }
 
 int allow(const CommonOptions& options, const Arguments& arguments) {

@@ -10,6 +10,8 @@
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionProbe.h"
 #include "companion/commands/KeeperCommands.h"
+#include "companion/doctor/DoctorBrowsers.h"
+#include "companion/doctor/DoctorFacts.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
@@ -125,6 +127,10 @@ int try_host(const CommonOptions& options, const std::string& given) {
   if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
     reasons.push_back(
         "but other clients have edited what the extension holds, and the extension cannot list its names");
+
+  if (verdict == Verdict::Blocked) {
+    if (std::string warning = hiding_warning(look_at_browsers()); !warning.empty()) reasons.push_back("but " + warning);
+  }
 
   const VerdictName shown = name_of(verdict);
   if (options.json) {

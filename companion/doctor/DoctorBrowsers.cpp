@@ -21,7 +21,8 @@ struct FeatureCheck {
   const char* inChromium;
 };
 constexpr std::array kFeatureChecks = {
-    FeatureCheck{HidingFeature::Http3, "http3", "a site visited before may be reached unfiltered",
+    FeatureCheck{HidingFeature::Http3, "http3",
+                 "it passes unfiltered if the extension's setting OrvaneHTTP3 is \"pass\"",
                  "set network.http.http3.enable to false in about:config",
                  "disable \"Experimental QUIC protocol\" in chrome://flags"},
     FeatureCheck{HidingFeature::EncryptedHello, "encrypted-hello",
@@ -137,6 +138,16 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
                           "correct or remove it: the browser may ignore it"});
     }
   }
+}
+
+std::string hiding_warning(const std::vector<BrowserFacts>& browsers) {
+  std::string names;
+  for (const BrowserFacts& facts : browsers) {
+    const bool hides = has_policy(facts.browser.family, HidingFeature::EncryptedHello) &&
+                       setting_of(facts, HidingFeature::EncryptedHello).value != "off";
+    if (hides && !facts.browser.identifier.empty()) names += (names.empty() ? "" : ", ") + facts.browser.name;
+  }
+  return names.empty() ? "" : "these browsers can hide the names of some sites: " + names + ": see orvanectl doctor";
 }
 
 }  // namespace orvane

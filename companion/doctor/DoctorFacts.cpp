@@ -208,6 +208,8 @@ std::string home_directory() {
   return user != nullptr ? user->pw_dir : "";
 }
 
+}  // namespace
+
 std::vector<BrowserFacts> look_at_browsers() {
   const std::string home = home_directory();
   std::vector<BrowserFacts> facts;
@@ -220,8 +222,6 @@ std::vector<BrowserFacts> look_at_browsers() {
   }
   return facts;
 }
-
-}  // namespace
 
 Facts gather_facts(const Examination& examination) {
   Facts facts;

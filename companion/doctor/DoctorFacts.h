@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "companion/doctor/Doctor.h"
 
@@ -12,6 +13,9 @@ struct Examination {
   std::string service;          // the extension's service name
   std::string keeperStatePath;  // the keeper's state file
 };
+
+// The installed browsers, with the policies and the user's profiles.
+std::vector<BrowserFacts> look_at_browsers();
 
 // Collects the facts of this machine.
 Facts gather_facts(const Examination& examination);

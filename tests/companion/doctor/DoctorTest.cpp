@@ -4,6 +4,7 @@
 #include <functional>
 
 #include "companion/doctor/Doctor.h"
+#include "companion/doctor/DoctorBrowsers.h"
 #include "platform/linux/base/ServiceStatus.h"
 
 namespace orvane {
@@ -142,6 +143,17 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
              (finding.found + " -> " + finding.advice).find(c.text) != std::string::npos;
     })) << c.fault;
   }
+}
+
+TEST(Doctor, WarnsOfBrowsersThatHideNames) {
+  BrowserFacts safe = sound_machine().browsers.front(), shares = safe, hides = safe, missing = safe;
+  shares.policy.features[HidingFeature::SharedConnections] = shares.policy.features[HidingFeature::Http3] = {};
+  hides.policy.features[HidingFeature::EncryptedHello] = {};
+  hides.browser.name = "Hiding";
+  missing.policy = {};
+  missing.browser.identifier = "";
+  EXPECT_EQ(hiding_warning({safe, shares, missing}), "");
+  EXPECT_NE(hiding_warning({safe, hides}).find(": Hiding: "), std::string::npos);
 }
 
 }  // namespace
