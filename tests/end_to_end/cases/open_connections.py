@@ -74,6 +74,25 @@ def EndsOpenDownloadsOfABlockedName(world: World):
         check(extension.counters()["ended"], len(held), "ended flows")
 
 
+def EndsOpenDownloadsThroughTheProxy(world: World):
+    curl = _curl(world, programs.find("curl"), "-4")
+    wget = _wget(world, "-4")
+    with world.extension("curl", source="proxy") as extension, contextlib.ExitStack() as stack:
+        curl[1:1] = ["--proxy", extension.proxy]
+        wget[1:1] = [f"--execute={scheme}_proxy={extension.proxy}" for scheme in ("http", "https")]
+        programs_and_hosts = [(curl, HELD), (curl, NEWS), (wget, HELD)]
+        held, others = [], []
+        for scheme in ("http", "https"):
+            for command, host in programs_and_hosts:
+                download = stack.enter_context(_Download(world, scheme, host, command))
+                (held if (command, host) == (curl, HELD) else others).append(download)
+        extension.control("add", HELD).check_returncode()
+        wait_until(lambda: not any(download.runs() for download in held), "all end after the edit", 1)
+        time.sleep(1)
+        for download in others:
+            download.check_goes_on()
+
+
 def EndsOpenDownloadsWhenASuspensionEnds(world: World):
     folder = world.directory / "safari"
     folder.mkdir()

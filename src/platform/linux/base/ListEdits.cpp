@@ -16,7 +16,7 @@ ListEdits::ListEdits() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 void ListEdits::add(std::string name) {
   std::lock_guard lock(mutex_);
   if (edits_.all) return;
-  bytes_ += sizeof name + name.size();
+  bytes_ += sizeof(std::string) + name.size();
   if (bytes_ > kBytesLimit) {
     edits_ = {.all = true, .names = {}};
   } else {

@@ -26,7 +26,7 @@ struct SocketAddress {
   // The address as text, without brackets or scope.
   std::string host() const;
 
-  friend auto operator<=>(const SocketAddress&, const SocketAddress&) = default;
+  friend auto operator<=>(const SocketAddress&, const SocketAddress&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 // The local and the remote endpoint of a connection or a datagram.
@@ -34,7 +34,7 @@ struct SocketPair {
   uint8_t protocol = 0;  // IPPROTO_TCP or IPPROTO_UDP
   SocketAddress local, remote;
 
-  friend auto operator<=>(const SocketPair&, const SocketPair&) = default;
+  friend auto operator<=>(const SocketPair&, const SocketPair&) = default;  // NOLINT(modernize-use-nullptr)
 };
 
 struct SocketPairHash {

@@ -72,6 +72,13 @@ FilterSession::State FilterSession::outboundComplete() {
   return settle(judge([this] { return provider_->handleOutboundDataCompleteForFlow(*flow_); }));
 }
 
+FilterSession::State FilterSession::openFlow() {
+  newFlow();
+  const uint8_t anyByte = '?';
+  if (holdsData()) outboundData({&anyByte, 1});
+  return state_ = state_ == State::Dropped ? State::Dropped : State::Allowed;
+}
+
 FilterSession::State FilterSession::refuse() {
   if (state_ != State::Examining) return state_;
   count(flow_counters().droppedByData);

@@ -50,6 +50,10 @@ class FilterSession {
   // Tells the provider that the outbound side has ended. The provider's verdict settles the flow.
   State outboundComplete();
 
+  // Shows a flow to the provider that is open already, and settles it. Call it in place of the functions above. The
+  // flow's first bytes are gone: a provider that asks for them gets one byte, '?', which no host name contains.
+  State openFlow();
+
   // Allows a new flow without asking the provider.
   void allow() { state_ = State::Allowed; }
 

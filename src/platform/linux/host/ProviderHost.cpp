@@ -34,6 +34,8 @@ Value extension_setting(std::string_view key) {
   return value == nullptr ? Value() : *value;
 }
 
+bool ends_open_connections() { return extension_setting("OrvaneOpenConnections") != Value::borrowed("keep"); }
+
 // Tells the service manager that the start is complete. The start also counts as complete if the filter could not
 // start, because the extension still serves its companion, which can ask what is wrong.
 void report_ready(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
@@ -126,21 +128,21 @@ std::optional<std::string> ProviderHost::applySettings(const Ref<NEFilterDataPro
 // Starts the flow source that the bundle names. If the bundle names none, tries netfilter first, then the proxy.
 std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataProvider>& provider,
                                                          const NEFilterSettings& settings) {
+  const Value open = extension_setting("OrvaneOpenConnections");
+  if (!open.isNil() && open != Value::borrowed("end") && open != Value::borrowed("keep")) {
+    return "OrvaneOpenConnections is " + open.description() + ", neither end nor keep";
+  }
   Value name = extension_setting("OrvaneFlowSource");
   if (name == Value::borrowed("proxy")) return startProxy(provider, settings);
   if (!name.isNil() && name != Value::borrowed("netfilter")) {
     return "OrvaneFlowSource is " + name.description() + ", neither netfilter nor proxy";
-  }
-  const Value open = extension_setting("OrvaneOpenConnections");
-  if (!open.isNil() && open != Value::borrowed("end") && open != Value::borrowed("keep")) {
-    return "OrvaneOpenConnections is " + open.description() + ", neither end nor keep";
   }
   const Value http3 = extension_setting("OrvaneHTTP3");
   const bool passesHTTP3 = http3 == Value::borrowed("pass");
   if (!http3.isNil() && !passesHTTP3 && http3 != Value::borrowed("judge")) {
     return "OrvaneHTTP3 is " + http3.description() + ", neither judge nor pass";
   }
-  auto netfilter = std::make_unique<Netfilter>(open != Value::borrowed("keep"));
+  auto netfilter = std::make_unique<Netfilter>(ends_open_connections());
   auto error = netfilter->start(provider, passesHTTP3 ? settings : with_http3(settings));
   if (!error) {
     ORVANE_LOG_DEFAULT(default_log(), "flow source: netfilter");
@@ -160,7 +162,8 @@ std::optional<std::string> ProviderHost::startProxy(const Ref<NEFilterDataProvid
   bool valid = port.kind() == Value::Kind::Number && port.numberForm() == Value::NumberForm::Signed &&
                port.asSigned() >= 0 && port.asSigned() <= UINT16_MAX;
   if (!valid && !port.isNil()) return "OrvaneProxyPort is not a port number: " + port.description();
-  auto proxy = std::make_unique<Proxy>(valid ? static_cast<uint16_t>(port.asSigned()) : kProxyDefaultPort);
+  auto proxy = std::make_unique<Proxy>(valid ? static_cast<uint16_t>(port.asSigned()) : kProxyDefaultPort,
+                                       ProxyLimits(), ends_open_connections());
   auto error = proxy->start(provider, settings);
   if (!error) source_ = std::move(proxy);
   return error;

@@ -33,7 +33,7 @@ void OpenConnections::add(OpenConnection connection) {
   if (size() > kLimit) erase(ages_.front());
 }
 
-void OpenConnections::plan(ListEdits::Edits edits) {
+void OpenConnections::plan(const ListEdits::Edits& edits) {
   if (connections_.empty()) return;
   if (edits.all) return planAll();
   for (const std::string& name : edits.names) planName(name);
@@ -90,13 +90,7 @@ bool OpenConnections::ask(Connections::iterator connection) {
   const int32_t type = key.pair.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
   auto flow = LinuxSocketFlow::create(connection->second.owner, key.pair.remote.host(), key.pair.remote.port, type);
   flow->setRemoteHostname(reversed(key.reversedName));
-  FilterSession session(provider_, flow);
-  session.newFlow();
-  // The connection's first bytes are gone. A provider that knows the flow's name needs no bytes to decide, but some
-  // providers decide only when they get bytes. So they get one byte, which no host name contains.
-  const uint8_t anyByte = '?';
-  if (session.holdsData()) session.outboundData({&anyByte, 1});
-  if (session.state() != FilterSession::State::Dropped) return true;
+  if (FilterSession(provider_, flow).openFlow() != FilterSession::State::Dropped) return true;
   // Another socket may have the connection's addresses and ports by now, and must not be ended.
   if (isOpen(key)) {
     end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});

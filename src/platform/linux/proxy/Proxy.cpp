@@ -9,9 +9,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <system_error>
 
 #include "platform/Log.h"
+#include "platform/linux/base/ListEdits.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/proxy/ProxyConnection.h"
 #include "platform/linux/proxy/ProxyPlaces.h"
@@ -131,12 +133,20 @@ std::optional<std::string> Proxy::listenOnLoopback() {
 void Proxy::accept() {
   std::vector<pollfd> entries;
   for (const Descriptor& listener : listeners_) entries.push_back({listener.get(), POLLIN, 0});
+  ListEdits& edits = ListEdits::shared();
+  // poll(2) ignores the descriptor -1.
+  entries.push_back({endOpenConnections_ ? edits.descriptor() : -1, POLLIN, 0});
   for (;;) {
     const Wait waited = wait_for(entries, stop_.get(), deadline_after(limits_.idle / 8));
     if (waited == Wait::Stopped) return;
     shared_->places.endIdle(limits_.idle);
-    for (const pollfd& entry : entries) {
-      if (waited != Wait::Ready || entry.revents == 0) continue;
+    if (waited != Wait::Ready) continue;
+    if (entries.back().revents != 0) {
+      edits.take();
+      shared_->places.review();
+    }
+    for (const pollfd& entry : std::span(entries).first(listeners_.size())) {
+      if (entry.revents == 0) continue;
       Descriptor client(accept4(entry.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (client) {
         serve(std::move(client));

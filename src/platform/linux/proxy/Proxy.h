@@ -34,7 +34,9 @@ struct ProxyLimits {
 class Proxy final : public FlowSource {
  public:
   // With port 0, start() chooses a free port.
-  explicit Proxy(uint16_t port, ProxyLimits limits = {}) : port_(port), limits_(limits) {}
+  // If `endOpenConnections` is true, each edit of the list ends open connections that the provider drops then.
+  explicit Proxy(uint16_t port, ProxyLimits limits = {}, bool endOpenConnections = true)
+      : port_(port), limits_(limits), endOpenConnections_(endOpenConnections) {}
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
@@ -54,6 +56,7 @@ class Proxy final : public FlowSource {
 
   uint16_t port_;
   const ProxyLimits limits_;
+  const bool endOpenConnections_;
   Descriptor stop_;  // an eventfd(2) that ends the thread acceptor_
   std::vector<Descriptor> listeners_;
   std::shared_ptr<Shared> shared_;

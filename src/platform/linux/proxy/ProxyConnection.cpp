@@ -4,7 +4,9 @@
 #include <netinet/tcp.h>
 
 #include <cerrno>
+#include <functional>
 #include <memory>
+#include <optional>
 
 #include "platform/linux/base/HostName.h"
 #include "platform/linux/base/SocketIO.h"
@@ -38,8 +40,12 @@ class Examination {
     return session_->newFlow() == FilterSession::State::Dropped ? Answer::Drop : Answer::Pass;
   }
 
-  // Lets ask() read the flow's name from its first bytes.
-  void readNameFor(Ref<LinuxSocketFlow> flow) { unnamedFlow_ = std::move(flow); }
+  // Lets ask() read the flow's name from its first bytes. ask() then calls `onName`, before it shows the flow's data to
+  // the provider.
+  void readNameFor(Ref<LinuxSocketFlow> flow, std::function<void(const std::string&)> onName) {
+    unnamedFlow_ = std::move(flow);
+    onName_ = std::move(onName);
+  }
 
   // Answers the relay's GateQuestion: may the outbound bytes in `held` leave?
   Gate ask(std::span<const uint8_t> held, bool ended, bool silent) {
@@ -61,7 +67,10 @@ class Examination {
     // no more bytes can come.
     const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
     if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
-    if (state == ServerNameReader::State::Known) unnamedFlow_->setRemoteHostname(name_.name());
+    if (state == ServerNameReader::State::Known) {
+      unnamedFlow_->setRemoteHostname(name_.name());
+      onName_(name_.name());
+    }
     if (name_.isNameHidden()) flow_counters().recordHiddenName();
     unnamedFlow_ = nullptr;
     return true;
@@ -69,6 +78,7 @@ class Examination {
 
   std::unique_ptr<FilterSession> session_;
   Ref<LinuxSocketFlow> unnamedFlow_;
+  std::function<void(const std::string&)> onName_;
   ServerNameReader name_;
   size_t read_ = 0;  // how many of the held bytes name_ has read
 };
@@ -107,6 +117,8 @@ class ProxyConnection {
  private:
   bool readHead();
   bool examine();
+  template <class MakeFlow>
+  void endAfterEdits(MakeFlow makeFlow);
   bool gatherFirstBytes();
   bool connectUpstream();
   void carry();
@@ -161,14 +173,26 @@ bool ProxyConnection::examine() {
     Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
                                               reinterpret_cast<const sockaddr*>(&ends->local));
     if (request_.form == ProxyRequest::Form::Forward) {
-      auto flow = LinuxURLFlow::create(std::move(token), request_.url, listed_form(request_.host));
-      answer = examination_.begin(context_.provider, flow);
+      auto makeFlow = [token, url = request_.url, host = listed_form(request_.host)] {
+        return LinuxURLFlow::create(token, url, host);
+      };
+      endAfterEdits(makeFlow);
+      answer = examination_.begin(context_.provider, makeFlow());
     } else {
-      auto flow = LinuxSocketFlow::create(std::move(token), request_.host, request_.port, SOCK_STREAM);
+      auto makeFlow = [token, host = request_.host, port = request_.port](const std::optional<std::string>& name) {
+        auto flow = LinuxSocketFlow::create(token, host, port, SOCK_STREAM);
+        if (name) flow->setRemoteHostname(*name);
+        return flow;
+      };
+      auto onName = [this, makeFlow](const std::string& name) {
+        endAfterEdits([makeFlow, name] { return makeFlow(name); });
+      };
+      auto flow = makeFlow(std::nullopt);
       if (request_.hostIsAddress) {
-        examination_.readNameFor(flow);
+        examination_.readNameFor(flow, onName);
       } else {
         flow->setRemoteHostname(listed_form(request_.host));
+        onName(listed_form(request_.host));
       }
       answer = examination_.begin(context_.provider, flow);
     }
@@ -176,6 +200,15 @@ bool ProxyConnection::examine() {
   if (answer == Examination::Answer::Pass) return true;
   refuse(403, "The filter of this computer blocks " + destination() + ".");
   return false;
+}
+
+// From now on, this connection ends if the provider drops its flow after an edit. `makeFlow` returns a new flow,
+// because another thread shows it to the provider.
+template <class MakeFlow>
+void ProxyConnection::endAfterEdits(MakeFlow makeFlow) {
+  place_.setReview([provider = context_.provider, makeFlow] {
+    return FilterSession(provider, makeFlow()).openFlow() != FilterSession::State::Dropped;
+  });
 }
 
 // Puts the rewritten head before the body's first bytes, and shows both to the provider. Returns false when the flow

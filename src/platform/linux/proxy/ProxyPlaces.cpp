@@ -10,6 +10,11 @@
 
 namespace orvane {
 
+void ProxyPlace::setReview(std::function<bool()> isAllowed) {
+  std::lock_guard lock(reviewMutex_);
+  isAllowed_ = std::move(isAllowed);
+}
+
 ProxyPlace* ProxyPlaces::take(uid_t user, Clock::time_point now) {
   Descriptor stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   std::lock_guard lock(mutex_);
@@ -32,6 +37,18 @@ void ProxyPlaces::endIdle(Clock::duration time, Clock::time_point now) {
   for (auto place = open_.begin(); place != open_.end();) {
     const auto next = std::next(place);
     if (now - place->lastBytes_.load(std::memory_order_relaxed) >= time) end(place);
+    place = next;
+  }
+}
+
+void ProxyPlaces::review() {
+  std::lock_guard lock(mutex_);
+  for (auto place = open_.begin(); place != open_.end();) {
+    const auto next = std::next(place);
+    std::unique_lock reviewLock(place->reviewMutex_);
+    const bool isAllowed = place->isAllowed_();
+    reviewLock.unlock();
+    if (!isAllowed) end(place);
     place = next;
   }
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <utility>
@@ -28,12 +29,18 @@ class ProxyPlace {
   // Call this when the connection has passed bytes on. Thread-safe.
   void recordBytes(Clock::time_point now = Clock::now()) { lastBytes_.store(now, std::memory_order_relaxed); }
 
+  // From now on, ProxyPlaces::review() calls `isAllowed`, on its own thread, and ends the connection if the result is
+  // false. Thread-safe.
+  void setReview(std::function<bool()> isAllowed);
+
  private:
   friend class ProxyPlaces;
 
   const uid_t user_;
   const Descriptor stop_;
   std::atomic<Clock::time_point> lastBytes_;
+  std::mutex reviewMutex_;  // guards isAllowed_
+  std::function<bool()> isAllowed_ = [] { return true; };
 };
 
 // The places for a proxy's connections; the number of places is limited. If all places are taken, a new connection
@@ -58,6 +65,9 @@ class ProxyPlaces {
 
   // Ends the connections that have passed no bytes for this time.
   void endIdle(Clock::duration time, Clock::time_point now = Clock::now());
+
+  // Ends the connections that are not allowed any more. Meanwhile, take() and leave() wait.
+  void review();
 
   // Ends all connections, and refuses new ones from now on. Waits for the threads of the ended connections, for at most
   // `time`.

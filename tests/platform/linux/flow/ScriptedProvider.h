@@ -45,7 +45,7 @@ class ScriptedProvider : public NEFilterDataProvider {
     std::lock_guard lock(mutex_);
     auto* socket = dynamic_cast<const NEFilterSocketFlow*>(&flow);
     std::string name = socket != nullptr ? socket->remoteHostname().value_or("-") : flow.URL()->absoluteString();
-    if (name.find_first_of(".!") == 0 || name.starts_with("http://.")) {
+    if (name.find_first_of(".!") == 0 || name.starts_with("http://.") || name.starts_with("http://!")) {
       seen_.marked += name + " ";
       return Verdict::allowVerdict();
     }

@@ -32,8 +32,8 @@ class OpenConnectionsTest : public ::testing::Test {
                      std::move(name)});
   }
   // The calls to the provider after these edits.
-  std::string callsAfter(ListEdits::Edits edits) {
-    connections.plan(std::move(edits));
+  std::string callsAfter(const ListEdits::Edits& edits) {
+    connections.plan(edits);
     connections.review(1min);
     EXPECT_FALSE(connections.hasPlans());
     return provider->take().calls;
