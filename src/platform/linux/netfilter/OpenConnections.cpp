@@ -104,6 +104,7 @@ bool OpenConnections::isOpen(const Key& key) {
 }
 
 void OpenConnections::removeEnded(Clock::time_point now) {
+  if (size() <= kUnchecked) checks_ = 0;  // a review may have removed connections
   if (checks_ == 0 || now - lastRemoval_ < kCheckInterval) return;
   lastRemoval_ = now;
   for (size_t i = 0; i < kChecksAtOnce && checks_ > 0; ++i) {

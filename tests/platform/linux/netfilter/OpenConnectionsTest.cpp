@@ -142,6 +142,14 @@ TEST_F(OpenConnectionsTest, BoundsTheConnectionsOfEachUser) {
   EXPECT_EQ(callsAfter({false, {"other"}}), "new other; ");
 }
 
+TEST_F(OpenConnectionsTest, ChecksNoSocketsAfterAllConnectionsEnded) {
+  for (uint16_t cookie = 1; cookie <= OpenConnections::kUnchecked + 1; ++cookie) add("a", cookie);
+  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  callsAfter(kAll);
+  connections.removeEnded(OpenConnections::Clock::now());
+  EXPECT_EQ(connections.size(), 0U);
+}
+
 TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
   add("kept", 1);
   for (uint16_t cookie = 2; cookie < 10'000; ++cookie) {
