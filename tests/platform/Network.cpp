@@ -43,10 +43,7 @@ void dns_free_question(dns_question_t* question) {
   delete static_cast<Question*>(question);
 }
 
-void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler) {
-  filter.applied = settings;
-  filter.pendingApply = [handler = std::move(completionHandler)] { handler(filter.applyError); };
-}
+void NEFilterDataProvider::applySettings(const NEFilterSettings&, ErrorHandler) {}
 
 void NEFilterProvider::registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)()) {
   filter.classes[std::string(name)] = create;

@@ -92,9 +92,6 @@ inline struct DNSState {
 inline struct FilterState {
   std::map<std::string, Ref<NEFilterDataProvider> (*)()> classes;
   int32_t startStatus = 0;
-  std::optional<NEFilterSettings> applied;
-  Ref<NSError> applyError;
-  std::function<void()> pendingApply;  // completes applySettings
 } filter;
 Ref<NSError> error_named(const std::string& description);  // the localised description is "localised DESCRIPTION"
 Ref<NSURL> url_of(const std::string& absoluteString);

@@ -1,5 +1,12 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/client/Client.h"
 #include "service/OrvaneSECommunication.h"
 
 namespace orvane {
@@ -23,5 +30,36 @@ struct NotedController : OrvaneSECommunication {
   }
   void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
 };
+
+// Sends every message. Returns what a NotedController that receives the messages passes to note().
+inline std::vector<std::pair<std::string, Value>> send_every_message(Client& client) {
+  const Value text = Value::string("a"), set = Value::set({text}), array = Value::array({text, Value::string("b")});
+  const Value properties = Value::dictionary({{text, Value::array({Value::date(5), Value::boolean(true)})}});
+  EXPECT_TRUE(client.ping() && !client.appFilterState());
+  EXPECT_EQ(client.changesCount(), UINT64_MAX);
+  client.start();
+  client.stop();
+  client.addApplicationIdentifier(text);
+  client.removeApplicationIdentifier(nullptr);
+  client.setApplicationIdentifiers(array);
+  client.addHostname(text);
+  client.addHostnames(std::vector<std::string>{"a", "b"});
+  client.removeHostname(text);
+  client.removeHostnames(std::vector<std::string>{"b"});
+  client.setHostnames(set);
+  client.setProperties(properties, text);
+  return {{"start", nullptr},
+          {"stop", nullptr},
+          {"add application", text},
+          {"remove application", nullptr},
+          {"set applications", array},
+          {"add", text},
+          {"add", text},
+          {"add", Value::string("b")},
+          {"remove", text},
+          {"remove", Value::string("b")},
+          {"set", set},
+          {"properties", Value::array({properties, text})}};
+}
 
 }  // namespace orvane

@@ -51,88 +51,73 @@ TEST(Doctor, ReportsOkForASoundMachine) {
   }
 }
 
+// What the policy of the first browser prescribes for a feature.
+FeaturePolicy& policy(Facts& facts, HidingFeature feature) { return facts.browsers[0].policy.features[feature]; }
+
 TEST(Doctor, ReportsEachFaultWithItsCure) {
   using Outcome = ConnectionFacts::Outcome;
-  struct {
-    const char* fault;
-    std::function<void(Facts&)> make;
-    const char* check;
+  using enum Finding::Result;
+  using enum HidingFeature;
+  const struct {
+    const char *fault, *check;
     Result result;
     const char* text;  // a part of the finding or of the advice
+    std::function<void(Facts&)> make;
   } cases[] = {
-      {"stopped", [](Facts& f) { f.extension.running = false; }, "service", Result::Problem, "systemctl start"},
-      {"not installed", [](Facts& f) { f.keeper.installed = false; }, "keeper", Result::Problem, "install"},
-      {"no systemd", [](Facts& f) { f.extension.known = false; }, "service", Result::Unknown, "does not answer"},
-      {"hidden names", [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); },
-       "hidden-names", Result::Warning, "12 connections"},
-      {"stale socket", [](Facts& f) { f.connection.outcome = Outcome::Refused; }, "answer", Result::Problem,
-       "has ended"},
-      {"hung", [](Facts& f) { f.connection.outcome = Outcome::Silent; }, "answer", Result::Problem, "restart"},
-      {"stranger", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; },
-       "answer", Result::Problem, "adduser anna orvane"},
-      {"member since this login", [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; },
-       "answer", Result::Problem, "newgrp orvane"},
-      {"connections used up",
+      {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
+      {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
+      {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
+      {"hidden names", "hidden-names", Warning, "12 connections",
+       [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
+      {"stale socket", "answer", Problem, "has ended", [](Facts& f) { f.connection.outcome = Outcome::Refused; }},
+      {"hung", "answer", Problem, "restart", [](Facts& f) { f.connection.outcome = Outcome::Silent; }},
+      {"stranger", "answer", Problem, "adduser anna orvane",
+       [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; }},
+      {"member since this login", "answer", Problem, "newgrp orvane",
+       [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; }},
+      {"connections used up", "clients", Problem, R"("p\x1b" (process 9) has 63, "orvanectl" (process 8) has 1)",
        [](Facts& f) {
-         f.clients = {{9, "p\x1b", 63}, {8, "orvanectl", 1}};
-       },
-       "clients", Result::Problem, R"("p\x1b" (process 9) has 63, "orvanectl" (process 8) has 1)"},
-      {"two extensions",
+         f.clients->insert(f.clients->begin(), {9, "p\x1b", 63});
+       }},
+      {"two extensions", "processes", Problem, "7, 9", [](Facts& f) { f.processes.push_back(9); }},
+      {"no CAP_BPF", "capabilities", Warning, "CAP_BPF missing", [](Facts& f) { f.capabilities = 0x81004; }},
+      {"no capability", "capabilities", Problem, "CAP_NET_ADMIN", [](Facts& f) { f.capabilities = 0; }},
+      {"no iptables", "iptables", Problem, "apt", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }},
+      {"no NFQUEUE", "kernel", Problem, "xt_NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }},
+      {"rules flushed", "rules", Problem, "missing", [](Facts& f) { f.rules[1].rules = "*mangle\nCOMMIT\n"; }},
+      {"rules in one table only", "rules", Problem, "some or all",
+       [](Facts& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; }},
+      {"a firewall ahead of ours", "rules", Warning, "another program",
+       [](Facts& f) { f.rules[0].rules->insert(f.rules[0].rules->rfind("-A OUTPUT"), "-A OUTPUT -j ACCEPT\n"); }},
+      {"rules left by a crash", "rules", Warning, "everything pass",
+       [](Facts& f) { f.extension.running = false, f.processes.clear(), f.process = 0; }},
+      {"not root", "queue", Unknown, "root", [](Facts& f) { f.rules.clear(), f.asRoot = false, f.queues.reset(); }},
+      {"queue unserved", "queue", Problem, "all packets pass",
+       [](Facts& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }},
+      {"bad lines", "list", Warning, "2 bad lines", [](Facts& f) { f.list->badLines = 2; }},
+      {"list not read", "list", Problem, "previous list", [](Facts& f) { f.list->listError = "no"; }},
+      {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},
+      {"keeper not connected", "list", Problem, "no connection", [](Facts& f) { f.list->connected = false; }},
+      {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},
+      {"bad browser list", "browser-list", Problem, "nothing is filtered",
+       [](Facts& f) { f.browserList.fault = "is bad"; }},
+      {"unknown browser", "browser", Problem, "add it there",
+       [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }},
+      {"browser that is a script", "browser", Problem, "another browser",
+       [](Facts& f) { f.browsers[0].browser.identifier = "python3.11"; }},
+      {"HTTP/3", "http3", Warning, "policy install", [](Facts& f) { policy(f, Http3) = {}; }},
+      {"encrypted hellos allowed by a policy", "encrypted-hello", Warning, "allowed by /p",
+       [](Facts& f) { policy(f, EncryptedHello) = FeaturePolicy{.isOn = true, .file = "/p"}; }},
+      {"encrypted hellos in one of two profiles", "encrypted-hello", Warning, "unfiltered",
        [](Facts& f) {
-         f.processes = {7, 9};
-       },
-       "processes", Result::Problem, "7, 9"},
-      {"no CAP_BPF", [](Facts& f) { f.capabilities = 0x81004; }, "capabilities", Result::Warning, "CAP_BPF missing"},
-      {"no capability", [](Facts& f) { f.capabilities = 0; }, "capabilities", Result::Problem, "CAP_NET_ADMIN"},
-      {"no iptables", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }, "iptables", Result::Problem, "apt"},
-      {"no NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }, "kernel", Result::Problem, "xt_NFQUEUE"},
-      {"rules flushed", [](Facts& f) { f.rules[1].rules = "*mangle\nCOMMIT\n*filter\nCOMMIT\n"; }, "rules",
-       Result::Problem, "missing"},
-      {"rules in one table only", [](Facts& f) { f.rules[0].rules = "*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n"; },
-       "rules", Result::Problem, "some or all"},
-      {"a firewall ahead of ours",
-       [](Facts& f) { f.rules[0].rules->insert(f.rules[0].rules->rfind("-A OUTPUT"), "-A OUTPUT -j ACCEPT\n"); },
-       "rules", Result::Warning, "another program"},
-      {"rules left by a crash", [](Facts& f) { f.extension.running = false, f.processes.clear(), f.process = 0; },
-       "rules", Result::Warning, "everything pass"},
-      {"not root", [](Facts& f) { f.rules.clear(), f.asRoot = false, f.queues.reset(); }, "queue", Result::Unknown,
-       "root"},
-      {"queue unserved", [](Facts& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }, "queue",
-       Result::Problem, "all packets pass"},
-      {"bad lines", [](Facts& f) { f.list->badLines = 2; }, "list", Result::Warning, "2 bad lines"},
-      {"list not read", [](Facts& f) { f.list->listError = "no"; }, "list", Result::Problem, "previous list"},
-      {"list not sent", [](Facts& f) { f.list->sentVersion.reset(); }, "list", Result::Warning, "newest"},
-      {"keeper not connected", [](Facts& f) { f.list->connected = false; }, "list", Result::Problem, "no connection"},
-      {"edits by others", [](Facts& f) { f.list->changesOfOthers = 1; }, "list", Result::Warning, "1 edit by"},
-      {"bad browser list", [](Facts& f) { f.browserList.fault = "is bad"; }, "browser-list", Result::Problem,
-       "nothing is filtered"},
-      {"unknown browser", [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }, "browser", Result::Problem,
-       "add it there"},
-      {"browser that is a script", [](Facts& f) { f.browsers[0].browser.identifier = "python3.11"; }, "browser",
-       Result::Problem, "another browser"},
-      {"HTTP/3", [](Facts& f) { f.browsers[0].policy.features[HidingFeature::Http3] = {}; }, "http3", Result::Warning,
-       "policy install"},
-      {"encrypted hellos allowed by a policy",
-       [](Facts& f) {
-         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {true, "/p"};
-       },
-       "encrypted-hello", Result::Warning, "allowed by /p"},
-      {"encrypted hellos in one of two profiles",
-       [](Facts& f) {
-         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {};
+         policy(f, EncryptedHello) = {};
          f.browsers[0].profiles.resize(2);
-         f.browsers[0].profiles[0].features[HidingFeature::EncryptedHello] = false;
-       },
-       "encrypted-hello", Result::Warning, "unfiltered"},
-      {"connections for several names",
-       [](Facts& f) { f.browsers[0].policy.features[HidingFeature::SharedConnections] = {}; }, "shared-connections",
-       Result::Warning, "policy install"},
-      {"a browser without policies",
-       [](Facts& f) {
-         f.browsers[0].policy.features[HidingFeature::EncryptedHello] = {};
-         f.browsers[0].browser.place = nullptr;
-       },
-       "encrypted-hello", Result::Warning, "about:config"},
+         f.browsers[0].profiles[0].features[EncryptedHello] = false;
+       }},
+      {"connections for several names", "shared-connections", Warning, "policy install",
+       [](Facts& f) { policy(f, SharedConnections) = {}; }},
+      {"a browser without policies", "encrypted-hello", Warning, "about:config",
+       [](Facts& f) { policy(f, EncryptedHello) = {}, f.browsers[0].browser.place = nullptr; }},
   };
   for (const auto& c : cases) {
     Facts facts = sound_machine();

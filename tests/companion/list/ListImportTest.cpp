@@ -11,6 +11,8 @@
 namespace orvane {
 namespace {
 
+void ignore(size_t, std::string_view, const std::string&) {}
+
 // Imports the text. Returns the imported sites as lines of the list, each followed by ";", and then the numbers of the
 // rejected lines, each after "!".
 std::string imported(std::string_view text, std::optional<Scope> scope = {}) {
@@ -74,7 +76,6 @@ TEST(ListImport, RejectsOtherFileFormats) {
 TEST(ListImport, KeepsSuspensions) {
   BlockList list =
       BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\nd.example allowed\n");
-  auto ignore = [](size_t, std::string_view, const std::string&) {};
   const ImportedSites sites =
       read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example d.example\n", std::nullopt, ignore, nullptr);
   ImportCounts counts = put_imported(list, sites, false);
@@ -99,10 +100,7 @@ std::clock_t import_time(const std::vector<std::string>& names) {
   for (const std::string& name : names) text += name + '\n';
   const std::clock_t start = std::clock();
   BlockList list;
-  put_imported(list,
-               read_import(
-                   text, std::nullopt, [](auto...) {}, nullptr),
-               false);
+  put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
   for (const std::string& name : names) EXPECT_NE(list.find(name), nullptr);
   return std::clock() - start;
 }

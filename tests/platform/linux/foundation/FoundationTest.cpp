@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
 #include <utility>
 
-#include "platform/Clock.h"
 #include "platform/Foundation.h"
 
 namespace orvane {
@@ -40,12 +38,6 @@ TEST(IntegerValue, ReadsLeadingDigitsInDecimal) {
   const std::pair<const char*, int64_t> rows[] = {
       {" \t\n+443", 443}, {"-1", -1}, {"80x", 80}, {"", 0}, {"0x10", 0}, {"99999999999999999999", INT64_MAX}};
   for (const auto& [text, value] : rows) EXPECT_EQ(integerValue(text), value) << text;
-}
-
-TEST(Clock, CountsSecondsSince2001) {
-  using namespace std::chrono;
-  double expected = duration<double>(system_clock::now() - sys_days{2001y / January / 1}).count();
-  EXPECT_NEAR(absolute_time_get_current(), expected, 5);
 }
 
 }  // namespace

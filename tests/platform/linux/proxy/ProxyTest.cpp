@@ -104,24 +104,15 @@ TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
   });
   start(NEFilterAction::FilterData);
   provider->newFlow = kExamine;
-  const std::tuple<const char*, std::string, std::string> kCases[] = {
-      {"HTTP", "GET / HTTP/1.1\r\nhost: Held.Example.:80\r\n\r\n", "held.example"},
-      {"SMTP", "EHLO me\r\n", "-"},
-      {"the begin of a method", "Q", "-"},
-  };
-  for (const auto& [name, bytes, serverName] : kCases) {
-    SCOPED_TRACE(name);
-    Peer peer = tunnel("127.0.0.1", server.port());
-    peer.read("\r\n\r\n");
-    for (size_t at = 0; at < bytes.size(); at += 20) {
-      ASSERT_TRUE(peer.send(bytes.substr(at, 20)));
-      std::this_thread::sleep_for(2ms);
-    }
-    EXPECT_EQ(peer.read(bytes), bytes);
-    auto seen = provider->take();
-    EXPECT_EQ(seen.calls, "new -; data 0 " + serverName + "; ");
-    EXPECT_EQ(seen.bytes, bytes.substr(0, seen.bytes.size())) << "up to the bytes that complete the name, at least";
+  Peer peer = tunnel("127.0.0.1", server.port());
+  peer.read("\r\n\r\n");
+  const std::string bytes = "GET / HTTP/1.1\r\nhost: Held.Example.:80\r\n\r\n";
+  for (size_t at = 0; at < bytes.size(); at += 20) {
+    ASSERT_TRUE(peer.send(bytes.substr(at, 20)));
+    std::this_thread::sleep_for(2ms);
   }
+  EXPECT_EQ(peer.read(bytes), bytes);
+  EXPECT_EQ(provider->take().calls, "new -; data 0 held.example; ");
 }
 
 TEST_F(ProxyTest, EndsConnectionsThatTheProviderDropsAfterAnEdit) {

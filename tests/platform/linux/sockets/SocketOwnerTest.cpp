@@ -27,6 +27,7 @@ namespace {
 // Holds an IPv6 address or an IPv4 address. Both have the port at the same offset.
 using Address = sockaddr_in6;
 sockaddr* generic(Address& address) { return reinterpret_cast<sockaddr*>(&address); }
+const sockaddr* generic(const Address& address) { return reinterpret_cast<const sockaddr*>(&address); }
 
 Address address_of(const Descriptor& socket, decltype(::getsockname)* which = ::getsockname) {
   Address address{};
@@ -49,33 +50,45 @@ audit_token_t token_of(const Value& data) {
   return token;
 }
 
-pid_t owner(Address local, Address remote) {
+pid_t owner(const Address& local, const Address& remote) {
   return audit_token_to_pid(token_of(audit_token_of_socket_owner(generic(local), generic(remote))));
 }
+
+// A connection between two sockets of this process. It is not established if this machine lacks the address.
+struct Connection {
+  explicit Connection(const char* host) {
+    Address target = literal(host);
+    listener = Descriptor(::socket(target.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    client = Descriptor(::socket(target.sin6_family, SOCK_STREAM, 0));  // not SOCK_CLOEXEC: children inherit it
+    if (::bind(listener.get(), generic(target), sizeof target) != 0 || ::listen(listener.get(), 1) != 0) return;
+    target = address_of(listener);
+    isEstablished = ::connect(client.get(), generic(target), sizeof target) == 0;
+    near = address_of(client);
+    far = address_of(client, ::getpeername);
+  }
+  Descriptor listener, client;
+  Address near{}, far{};  // as the client sees them
+  bool isEstablished = false;
+};
 
 TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
   for (const char* host : {"127.0.0.1", "::ffff:127.0.0.1", "::1"}) {
     SCOPED_TRACE(host);
-    Address any = literal(host);
-    Descriptor listener(::socket(any.sin6_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    Descriptor client(::socket(any.sin6_family, SOCK_STREAM, 0));  // not SOCK_CLOEXEC: the child inherits it
-    bool bound = ::bind(listener.get(), generic(any), sizeof any) == 0;
-    if (!bound && any.sin6_family == AF_INET6) continue;  // this machine has no IPv6
-    ASSERT_EQ(0, ::listen(listener.get(), 1));
-    Address target = address_of(listener);
-    ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof(target)));
-    Descriptor server(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    Address near = address_of(server), far = address_of(server, ::getpeername), stranger = far;
+    Connection connection(host);
+    const Address &near = connection.near, &far = connection.far;
+    if (!connection.isEstablished && std::string_view(host) != "127.0.0.1") continue;
+    Descriptor server(::accept4(connection.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     RunningProgram child("/bin/sleep");
-    EXPECT_EQ(::getpid(), owner(far, near)) << "the child has inherited the socket";
-    EXPECT_EQ(::geteuid(), user_of_socket(generic(far), generic(near)));
-    client.reset();
-    EXPECT_EQ(child.pid, owner(far, near));
-    EXPECT_EQ(::getpid(), owner(near, far));
+    EXPECT_EQ(::getpid(), owner(near, far)) << "the child has inherited the socket";
+    EXPECT_EQ(::geteuid(), user_of_socket(generic(near), generic(far)));
+    connection.client.reset();
+    EXPECT_EQ(child.pid, owner(near, far));
+    EXPECT_EQ(::getpid(), owner(far, near));
+    Address stranger = near;
     stranger.sin6_port = htons(1);
-    EXPECT_EQ(0, owner(near, stranger)) << "no such connection";
+    EXPECT_EQ(0, owner(far, stranger)) << "no such connection";
     child.end();
-    EXPECT_EQ(0, owner(far, near)) << "nobody holds the socket";
+    EXPECT_EQ(0, owner(near, far)) << "nobody holds the socket";
   }
 }
 
@@ -151,7 +164,6 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       {"TCP, bound to an interface", AF_INET, SOCK_STREAM, "127.0.0.1", Mode::ConnectBoundToInterface},
       {"TCP, IPv4 from an IPv6 socket", AF_INET6, SOCK_STREAM, "::ffff:127.0.0.1", Mode::Connect},
       {"TCP, IPv6", AF_INET6, SOCK_STREAM, "::1", Mode::Connect},
-      {"UDP, connected", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::Connect},
       {"UDP", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::Send},
       {"UDP, connected to another peer", AF_INET, SOCK_DGRAM, "127.0.0.1", Mode::SendPastPeer},
       {"UDP, IPv4 from an IPv6 socket", AF_INET6, SOCK_DGRAM, "::ffff:127.0.0.1", Mode::Send},
@@ -160,10 +172,6 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   for (const SendCase& how : kCases) {
     for (bool waits : {true, false}) {
       SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended"));
-      // The kernel's record contains the ports of a datagram only if the datagram was sent with an explicit
-      // destination. So once a connected datagram socket is closed, find() cannot tell which socket sent a datagram.
-      bool isLostWhenClosed = how.type == SOCK_DGRAM && how.mode == Mode::Connect;
-      if (!waits && isLostWhenClosed) continue;
       bool mapped = std::string_view(how.target).starts_with("::ffff:");
       Address target = literal(mapped ? how.target + 7 : how.target);
       Descriptor receiver(::socket(target.sin6_family, how.type | SOCK_CLOEXEC, 0)), connection;
@@ -187,7 +195,6 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
       ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs another one
-      if (isLostWhenClosed) continue;
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
       auto socket = recorded.find(pair), later = recorded.find(receive(receiver, how, connection));
@@ -207,19 +214,15 @@ TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
   SocketOpeners openers;
   auto unrecorded = openers.start();
   if (unrecorded) GTEST_SKIP() << *unrecorded;
-  Descriptor server(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  ASSERT_EQ(0, ::listen(server.get(), 1));
-  Descriptor client(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  Address target = address_of(server);
-  target.sin6_addr = in6addr_loopback;
-  ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof target));
+  const Connection connection("127.0.0.1");
+  ASSERT_TRUE(connection.isEstablished);
   for (int i = 0; i < 40'000; ++i) {
-    Descriptor flooding(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    ::sendto(flooding.get(), "", 0, 0, generic(target), sizeof target);
+    Descriptor flooding(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ::sendto(flooding.get(), "", 0, 0, generic(connection.far), sizeof connection.far);
   }
   uint64_t cookie = 0;
   socklen_t size = sizeof cookie;
-  ASSERT_EQ(0, ::getsockopt(client.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size));
+  ASSERT_EQ(0, ::getsockopt(connection.client.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size));
   auto opener = openers.opener(cookie);
   ASSERT_TRUE(opener.has_value());
   EXPECT_EQ(static_cast<uint32_t>(::getpid()), opener->process);
@@ -271,13 +274,9 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
     }
     EXPECT_GT(10, longest / 1.0ms) << "milliseconds for one packet";
     EXPECT_GT(row.all / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
-    Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), client(::socket(AF_INET, SOCK_STREAM, 0));
-    ASSERT_EQ(0, ::listen(listener.get(), 1));
-    Address target = address_of(listener);
-    ASSERT_EQ(0, ::connect(client.get(), generic(target), sizeof target));
-    Address near = address_of(client), far = address_of(client, ::getpeername);
-    auto socket = owners.find({IPPROTO_TCP, *SocketAddress::from(generic(near), sizeof near),
-                               *SocketAddress::from(generic(far), sizeof far)});
+    const Connection other("127.0.0.1");
+    auto socket = owners.find({IPPROTO_TCP, *SocketAddress::from(generic(other.near), sizeof other.near),
+                               *SocketAddress::from(generic(other.far), sizeof other.far)});
     ASSERT_TRUE(socket);
     EXPECT_EQ(static_cast<uint32_t>(::getpid()), token_of(owners.ownerOf(*socket)).val[5]) << "another user's socket";
   }
