@@ -6,16 +6,12 @@
 #include <cstdint>
 #include <string>
 
+#include "support/ClientHello.h"
+
 namespace orvane::quic {
 
-inline std::string number(uint64_t value, int bytes) {
-  std::string text;
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) text += static_cast<char>(value >> shift);
-  return text;
-}
-
 // A variable-length integer (RFC 9000, section 16), always encoded in 4 bytes.
-inline std::string variable(uint64_t value) { return number(value | 0x80000000, 4); }
+inline std::string variable(uint64_t value) { return tls::number(value | 0x80000000, 4); }
 
 // A CRYPTO frame.
 inline std::string crypto(size_t offset, const std::string& bytes) {
@@ -24,12 +20,7 @@ inline std::string crypto(size_t offset, const std::string& bytes) {
 
 // A TLS ClientHello with an extension of `more` bytes before the server name.
 inline std::string hello(const std::string& name, size_t more = 0) {
-  const std::string names = number(name.size() + 3, 2) + '\0' + number(name.size(), 2) + name;
-  const std::string extensions = number(99, 2) + number(more, 2) + std::string(more, 'm') + number(0, 2) +
-                                 number(names.size(), 2) + names + number(98, 2) + number(0, 2);
-  const std::string body =
-      std::string(34, 'v') + '\0' + number(2, 2) + "cs" + '\x01' + '\0' + number(extensions.size(), 2) + extensions;
-  return '\x01' + number(body.size(), 3) + body;
+  return tls::client_hello(tls::extension(99, std::string(more, 'm')) + tls::server_name(name));
 }
 
 inline gnutls_datum_t datum(const std::string& text) {
@@ -38,30 +29,26 @@ inline gnutls_datum_t datum(const std::string& text) {
 
 // HKDF-Expand-Label (RFC 8446, section 7.1).
 inline std::string expand(const std::string& secret, const std::string& label, size_t length) {
-  const std::string text = number(length, 2) + number(label.size() + 6, 1) + "tls13 " + label + '\0';
+  const std::string text = tls::number(length, 2) + tls::with_length("tls13 " + label, 1) + '\0';
   std::string output(length, '\0');
   const gnutls_datum_t key = datum(secret), info = datum(text);
   gnutls_hkdf_expand(GNUTLS_MAC_SHA256, &key, &info, output.data(), length);
   return output;
 }
 
-// Makes the long-header packets of a QUIC client (RFC 9000, RFC 9369). Derives the keys without QuicKeys, which the
+// Makes the long-header packets of a QUIC client (RFC 9000). Derives the keys without QuicKeys, which the
 // tests check.
 struct QuicClient {
-  bool isSecondVersion = false;
   std::string keyID = "firstdst";  // the connection ID from which the keys come
   uint64_t number = 0;             // of the next packet
   int numberLength = 1;            // how many bytes of it are sent
 
-  // A packet with a long header. `type` is the number that the packet's type has in version 1 of QUIC.
   std::string packet(unsigned type, const std::string& frames, const std::string& destination,
                      const std::string& token = "") {
-    const unsigned bits = isSecondVersion ? (type + 1) & 3U : type;
-    std::string header(1, static_cast<char>(0xc0U | bits << 4U | static_cast<unsigned>(numberLength - 1)));
-    header += isSecondVersion ? quic::number(0x6b3343cf, 4) : quic::number(1, 4);
-    header += static_cast<char>(destination.size()) + destination + '\x03' + "src";
+    std::string header(1, static_cast<char>(0xc0U | type << 4U | static_cast<unsigned>(numberLength - 1)));
+    header += tls::number(1, 4) + tls::with_length(destination, 1) + tls::with_length("src", 1);
     if (type == 0) header += variable(token.size()) + token;
-    header += variable(static_cast<size_t>(numberLength) + frames.size() + 16) + quic::number(number, numberLength);
+    header += variable(static_cast<size_t>(numberLength) + frames.size() + 16) + tls::number(number, numberLength);
     return seal(header, frames);
   }
   std::string initial(const std::string& frames, const std::string& token = "") {
@@ -70,15 +57,14 @@ struct QuicClient {
 
   // Protects a packet whose header ends with the packet number.
   std::string seal(std::string header, const std::string& frames) {
-    const std::string v1("\x38\x76\x2c\xf7\xf5\x59\x34\xb3\x4d\x17\x9a\xe6\xa4\xc8\x0c\xad\xcc\xbb\x7f\x0a"),
-        v2("\x0d\xed\xe3\xde\xf7\x00\xa6\xdb\x81\x93\x81\xbe\x6e\x26\x9d\xcb\xf9\xbd\x2e\xd9", 20);
-    const gnutls_datum_t salt = datum(isSecondVersion ? v2 : v1), input = datum(keyID);
+    const std::string publicSalt("\x38\x76\x2c\xf7\xf5\x59\x34\xb3\x4d\x17\x9a\xe6\xa4\xc8\x0c\xad\xcc\xbb\x7f\x0a");
+    const gnutls_datum_t salt = datum(publicSalt), input = datum(keyID);
     std::string initial(32, '\0');
     gnutls_hkdf_extract(GNUTLS_MAC_SHA256, &input, &salt, initial.data());
-    const std::string secret = expand(initial, "client in", 32), label = isSecondVersion ? "quicv2 " : "quic ";
-    const std::string key = expand(secret, label + "key", 16), headerKey = expand(secret, label + "hp", 16);
-    std::string nonce = expand(secret, label + "iv", 12);
-    const std::string whole = std::string(4, '\0') + quic::number(number++, 8);
+    const std::string secret = expand(initial, "client in", 32);
+    const std::string key = expand(secret, "quic key", 16), headerKey = expand(secret, "quic hp", 16);
+    std::string nonce = expand(secret, "quic iv", 12);
+    const std::string whole = std::string(4, '\0') + tls::number(number++, 8);
     for (size_t i = 0; i < nonce.size(); ++i) nonce[i] = static_cast<char>(nonce[i] ^ whole[i]);
 
     std::string sealed(frames.size() + 16, '\0');

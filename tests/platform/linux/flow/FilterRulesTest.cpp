@@ -5,10 +5,11 @@
 namespace orvane {
 namespace {
 
+using Protocol = NENetworkRuleProtocol;
+using Action = NEFilterAction;
+using enum NETrafficDirection;
+
 TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
-  using Protocol = NENetworkRuleProtocol;
-  using Action = NEFilterAction;
-  constexpr auto kIn = NETrafficDirection::Inbound, kOut = NETrafficDirection::Outbound;
   const struct {
     const char* name;
     NETrafficDirection direction;
@@ -19,13 +20,13 @@ TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
     uint16_t port;
     bool matches;
   } kCases[] = {
-      {"any protocol", kOut, Protocol::Any, "", "53", 0, "a.example", 53, true},
-      {"inbound", kIn, Protocol::Any, "", "53", 0, "a.example", 53, false},
-      {"another protocol", kOut, Protocol::UDP, "", "53", 0, "a.example", 53, false},
-      {"a name in another case, any port", kOut, Protocol::TCP, "Only.Example", "0", 0, "only.example", 80, true},
-      {"inside of a network", kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:7fff::1", 80, true},
-      {"outside of a network", kOut, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:8000::1", 80, false},
-      {"another address", kOut, Protocol::TCP, "192.0.2.128", "0", 0, "192.0.2.129", 80, false},
+      {"any protocol", Outbound, Protocol::Any, "", "53", 0, "a.example", 53, true},
+      {"inbound", Inbound, Protocol::Any, "", "53", 0, "a.example", 53, false},
+      {"another protocol", Outbound, Protocol::UDP, "", "53", 0, "a.example", 53, false},
+      {"a name in another case, any port", Outbound, Protocol::TCP, "Only.Example", "0", 0, "only.example", 80, true},
+      {"inside of a network", Outbound, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:7fff::1", 80, true},
+      {"outside of a network", Outbound, Protocol::TCP, "2001:db8::", "0", 33, "2001:db8:8000::1", 80, false},
+      {"another address", Outbound, Protocol::TCP, "192.0.2.128", "0", 0, "192.0.2.129", 80, false},
   };
   for (const auto& c : kCases) {
     auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname(c.network, c.networkPort),
@@ -39,8 +40,6 @@ TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
 }
 
 TEST(FilterRules, CoverHTTP3WhereTheyFilterHTTPS) {
-  using Protocol = NENetworkRuleProtocol;
-  using Action = NEFilterAction;
   const struct {
     const char* name;
     const char* port;
@@ -49,13 +48,12 @@ TEST(FilterRules, CoverHTTP3WhereTheyFilterHTTPS) {
     Action action;
     bool isCovered;
   } kCases[] = {
-      {"HTTPS", "443", Protocol::TCP, NETrafficDirection::Outbound, Action::FilterData, true},
-      {"HTTPS by its service, in any direction", "https", Protocol::TCP, NETrafficDirection::Any, Action::FilterData,
-       true},
-      {"HTTP", "80", Protocol::TCP, NETrafficDirection::Outbound, Action::FilterData, false},
-      {"any protocol", "443", Protocol::Any, NETrafficDirection::Outbound, Action::FilterData, false},
-      {"inbound", "443", Protocol::TCP, NETrafficDirection::Inbound, Action::FilterData, false},
-      {"allowed", "443", Protocol::TCP, NETrafficDirection::Outbound, Action::Allow, false},
+      {"HTTPS", "443", Protocol::TCP, Outbound, Action::FilterData, true},
+      {"HTTPS by its service, in any direction", "https", Protocol::TCP, Any, Action::FilterData, true},
+      {"HTTP", "80", Protocol::TCP, Outbound, Action::FilterData, false},
+      {"any protocol", "443", Protocol::Any, Outbound, Action::FilterData, false},
+      {"inbound", "443", Protocol::TCP, Inbound, Action::FilterData, false},
+      {"allowed", "443", Protocol::TCP, Outbound, Action::Allow, false},
   };
   for (const auto& c : kCases) {
     auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname("192.0.2.0", c.port), 24,

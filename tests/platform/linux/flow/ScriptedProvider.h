@@ -8,6 +8,11 @@
 
 namespace orvane {
 
+inline const auto kAllow = NEFilterNewFlowVerdict::allowVerdict(), kDrop = NEFilterNewFlowVerdict::dropVerdict();
+inline const auto kExamine =
+    NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+inline const auto kAllowData = NEFilterDataVerdict::allowVerdict(), kDropData = NEFilterDataVerdict::dropVerdict();
+
 // A provider that returns the verdicts that a test sets, and records the calls. Under a marked name (Subdomains.h), it
 // allows every flow.
 class ScriptedProvider : public NEFilterDataProvider {
@@ -19,9 +24,8 @@ class ScriptedProvider : public NEFilterDataProvider {
     Value owner;  // the owner of the last call's flow
   };
 
-  NEFilterNewFlowVerdict newFlow = NEFilterNewFlowVerdict::allowVerdict();
-  NEFilterDataVerdict data = NEFilterDataVerdict::allowVerdict();
-  NEFilterDataVerdict complete = NEFilterDataVerdict::allowVerdict();
+  NEFilterNewFlowVerdict newFlow = kAllow;
+  NEFilterDataVerdict data = kAllowData, complete = kAllowData;
 
   Seen take() {
     std::lock_guard lock(mutex_);

@@ -3,31 +3,20 @@
 #include <string_view>
 
 #include "platform/linux/flow/ServerName.h"
+#include "support/ClientHello.h"
 
 namespace orvane {
 namespace {
 
 using enum ServerNameReader::State;
 
-std::string number(size_t value, int bytes) {
-  std::string text;
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) text += static_cast<char>(value >> shift);
-  return text;
-}
-
-std::string with_length(const std::string& text, int bytes) { return number(text.size(), bytes) + text; }
-
-std::string extension(size_t type, const std::string& body) { return number(type, 2) + with_length(body, 2); }
-
-std::string server_name(const std::string& name) {
-  return extension(0, with_length(std::string(1, '\0') + with_length(name, 2), 2));
-}
+using tls::extension;
+using tls::server_name;
+using tls::with_length;
 
 // A ClientHello in records of at most `record` bytes.
 std::string hello(const std::string& extensions, size_t record = 16384) {
-  const std::string body = std::string(34, 'v') + with_length("session", 1) + with_length("suites", 2) +
-                           with_length(std::string(1, '\0'), 1) + with_length(extensions, 2);
-  const std::string message = '\x01' + with_length(body, 3);
+  const std::string message = tls::client_hello(extensions);
   std::string records;
   for (size_t at = 0; at < message.size(); at += record) {
     records += std::string("\x16\x03\x01") + with_length(message.substr(at, record), 2);
@@ -44,6 +33,7 @@ struct Case {
   std::string bytes;
   ServerNameReader::State state;
   std::string name{};
+  bool isHidden = false;
 };
 
 void expect(const Case& c) {
@@ -55,24 +45,21 @@ void expect(const Case& c) {
     }
     EXPECT_EQ(reader.state(), c.state) << c.what << ", " << step << " bytes at a time";
     EXPECT_EQ(reader.name(), c.name) << c.what;
+    // Byte by byte, the name may be known before the encrypted hello behind it arrives.
+    if (step > bytes.size()) {
+      EXPECT_EQ(reader.isNameHidden(), c.isHidden) << c.what;
+    }
   }
 }
 
 TEST(ServerName, IsReadFromARequestAtTheEndOfTheHostLine) {
   const std::string kilobytes(256 << 10, 'x');
   const Case kCases[] = {
-      {"a plain head", request("Host: a.example\r\n"), Known, "a.example"},
       {"the end of the line is enough", "GET / HTTP/1.1\r\nHost: a.example\r\n", Known, "a.example"},
       {"the line has not ended", "GET / HTTP/1.1\r\nHost: a.example", Open},
       {"capitals, spaces, a port and the final dot", request("hOsT:\t A.Example.:80 \r\n"), Known, "a.example"},
       {"a long URL", request("Host: a.example\r\n", "/?" + kilobytes), Known, "a.example"},
       {"long cookies ahead", request("Cookie: " + kilobytes + "\r\nHost: a.example\r\n"), Known, "a.example"},
-      {"many fields ahead", request([] {
-         std::string fields;
-         for (int i = 0; i < 5000; ++i) fields += "a:\r\n";
-         return fields + "Host: a.example\r\n";
-       }()),
-       Known, "a.example"},
       {"lines that end in LF alone", "GET / HTTP/1.1\nHost: a.example\n", Known, "a.example"},
       {"an IPv6 address", request("Host: [2001:DB8::1]:80\r\n"), Known, "2001:db8::1"},
       {"a field that only begins like Host", request("Hosts: a.example\r\n"), Unknown},
@@ -90,24 +77,20 @@ TEST(ServerName, IsReadFromAHelloBeforeItsLaterExtensionsArrive) {
   const std::string name = server_name("A.Example.");
   const std::string ticket = extension(41, std::string(17000, 't'));
   const std::string whole = hello(name + ticket);
-  std::string list = with_length(std::string(1, '\x01') + with_length("other", 2), 2);
-  list[1] = static_cast<char>(list.size() - 2);
   const Case kCases[] = {
-      {"a short hello", hello(name), Known, "a.example"},
       {"a session ticket behind the name", whole.substr(0, 200), Known, "a.example"},
       {"a session ticket ahead of the name", hello(ticket + name), Known, "a.example"},
       {"records of ten bytes", hello(extension(10, "groups") + name, 10), Known, "a.example"},
       {"half a name", hello(name).substr(0, hello(name).size() - 3), Open},
       {"empty extensions", hello(extension(23, "") + extension(5, "") + name), Known, "a.example"},
       {"no name", hello(extension(10, "groups")), Unknown},
-      {"no extensions", hello(""), Unknown},
       {"an empty name", hello(server_name("")), Unknown},
       {"a name with a NUL", hello(server_name(std::string("a\0b", 3))), Unknown},
-      {"a name of another type", hello(extension(0, list)), Unknown},
+      {"a name of another type", hello(extension(0, with_length('\x01' + with_length("other", 2), 2))), Unknown},
       {"a server hello", '\x16' + std::string("\x03\x01\x00\x05\x02\x00\x00\x01", 8), Unknown},
       {"a record of another type in between", hello(name, 50).substr(0, 55) + "\x17\x03\x01", Unknown},
       {"an empty record", std::string("\x16\x03\x01\x00\x00", 5), Unknown},
-      {"an extension longer than the list", hello(number(10, 2) + number(9, 2)), Unknown},
+      {"an extension longer than the list", hello(std::string("\0\x0a\0\x09", 4)), Unknown},
       {"more than the limit ahead of the name", hello(ticket + name, 1), Unknown},
   };
   for (const Case& c : kCases) expect(c);
@@ -115,30 +98,20 @@ TEST(ServerName, IsReadFromAHelloBeforeItsLaterExtensionsArrive) {
 
 TEST(ServerName, IsHiddenIfAServicesPublicNameComesWithAnEncryptedHello) {
   const std::string encrypted = extension(0xfe0d, std::string(1, '\0') + std::string(300, 'e'));
-  const std::string inner = extension(0xfe0d, "\x01"), empty = extension(0xfe0d, "");
-  const std::string service = server_name("cloudflare-ech.com");
-  const struct {
-    const char* what;
-    std::string extensions;
-    bool isHidden;
-    const char* name = "cloudflare-ech.com";
-  } kCases[] = {
-      {"the encrypted hello behind the name", service + extension(5, "") + encrypted, true},
-      {"the encrypted hello ahead of the name", encrypted + service, true},
-      {"no encrypted hello", service, false},
-      {"an inner hello", service + inner, false},
-      {"an empty extension", empty + service, false},
-      {"another name, with random bytes as encrypted hello", server_name("a.example") + encrypted, false, "a.example"},
-      {"a second name", service + server_name("a.example") + encrypted, true},
-      {"a malformed extension behind the name", service + number(10, 2) + number(9, 2), false},
+  const std::string inner = extension(0xfe0d, "\x01");
+  const std::string service = "cloudflare-ech.com", name = server_name(service);
+  const Case kCases[] = {
+      {"the encrypted hello behind the name", hello(name + extension(5, "") + encrypted), Known, service, true},
+      {"the encrypted hello ahead of the name", hello(encrypted + name), Known, service, true},
+      {"no encrypted hello", hello(name), Known, service},
+      {"an inner hello", hello(name + inner), Known, service},
+      {"an empty extension", hello(extension(0xfe0d, "") + name), Known, service},
+      {"another name, with random bytes as encrypted hello", hello(server_name("a.example") + encrypted), Known,
+       "a.example"},
+      {"a second name", hello(name + server_name("a.example") + encrypted), Known, service, true},
+      {"a malformed extension behind the name", hello(name + std::string("\0\x0a\0\x09", 4)), Known, service},
   };
-  for (const auto& c : kCases) {
-    const std::string bytes = hello(c.extensions);
-    ServerNameReader reader;
-    EXPECT_EQ(reader.read({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}), Known) << c.what;
-    EXPECT_EQ(reader.name(), c.name) << c.what;
-    EXPECT_EQ(reader.isNameHidden(), c.isHidden) << c.what;
-  }
+  for (const Case& c : kCases) expect(c);
 }
 
 }  // namespace

@@ -52,23 +52,20 @@ TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocket) {
 
 TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
   auto later = QueuedFlows::Clock::now() + 1h;
-  flows.allowSocket(9);
   const struct {
     const char* name;
-    uint64_t cookie;
     uint8_t protocol;
     bool drops;
     std::string_view calls;
   } kCases[] = {
-      {"an allowed stream", 1, IPPROTO_TCP, false, "new -; "},
-      {"a dropped stream", 2, IPPROTO_TCP, true, "new -; new -; "},
-      {"a datagram socket", 3, IPPROTO_UDP, false, "new -; new -; "},
-      {"a stream from before the filter", 9, IPPROTO_TCP, true, ""},
+      {"an allowed stream", IPPROTO_TCP, false, "new -; "},
+      {"a dropped stream", IPPROTO_TCP, true, "new -; new -; "},
+      {"a datagram socket", IPPROTO_UDP, false, "new -; new -; "},
   };
   for (const auto& c : kCases) {
-    owners.socket->cookie = c.cookie;
-    provider->newFlow = c.drops ? NEFilterNewFlowVerdict::dropVerdict() : NEFilterNewFlowVerdict::allowVerdict();
-    const PacketVerdict expected = c.drops && c.cookie != 9 ? Dropped : Allowed;
+    ++owners.socket->cookie;
+    provider->newFlow = c.drops ? kDrop : kAllow;
+    const PacketVerdict expected = c.drops ? Dropped : Allowed;
     for (int time = 0; time < 2; ++time, later += 10s) {
       EXPECT_EQ(flows.judge(packet("any", 0, 53, c.protocol), later), expected) << c.name;
     }
@@ -86,7 +83,7 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   EXPECT_EQ(connections.size(), 1U) << "the flow with a name";
   EXPECT_EQ(calls(), "new -; new a.example; ");
 
-  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  provider->newFlow = kDrop;
   connections.plan({.all = false, .names = {"a.example"}});
   connections.review(1s);
   ASSERT_EQ(ended.size(), 1U);
@@ -100,38 +97,31 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
 }
 
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
-  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
-  auto ended = [&](std::string_view payload, uint32_t sequence) {
-    Packet last = packet(payload, sequence);
-    last.fin = true;
-    return flows.judge(last);
-  };
-  const std::string endless(RequestHostReader::kLimit / 2, 'x');
+  provider->newFlow = kExamine;
+  const std::string endless(RequestHostReader::kLimit, 'x');
   const struct {
     const char* name;
-    std::function<PacketVerdict()> judge;
+    std::string_view begin, payload;
+    bool ends;
     std::string_view calls;
   } kCases[] = {
-      {"another protocol", [&] { return flows.judge(packet("\x01\x02", 0)); }, "new -; data 0 -; "},
-      {"an end in the middle of the head", [&] { return ended("GET / HT", 0); }, "new -; data 0 -; "},
-      {"an end without data", [&] { return ended("", 0); }, "new -; complete -; "},
-      {"a head beyond the limit",
-       [&] {
-         EXPECT_EQ(flows.judge(packet("GET /", 0)), Open);
-         EXPECT_EQ(flows.judge(packet(endless, 5)), Open);
-         return flows.judge(packet(endless, 5 + static_cast<uint32_t>(endless.size())));
-       },
-       "new -; data 2097157 -; "},
+      {"another protocol", "", "\x01\x02", false, "new -; data 0 -; "},
+      {"an end in the middle of the head", "GET /", " HT", true, "new -; data 5 -; "},
+      {"an end without data", "", "", true, "new -; complete -; "},
+      {"a head beyond the limit", "GET /", endless, false, "new -; data 5 -; "},
   };
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
-    EXPECT_EQ(c.judge(), Allowed) << c.name;
+    flows.judge(packet(c.begin, 0));
+    Packet last = packet(c.payload, static_cast<uint32_t>(c.begin.size()));
+    last.fin = c.ends;
+    EXPECT_EQ(flows.judge(last), Allowed) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
   }
 }
 
 TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
-  provider->newFlow = NEFilterNewFlowVerdict::dropVerdict();
+  provider->newFlow = kDrop;
   auto now = QueuedFlows::Clock::now();
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20), now + 24h), Dropped) << "a server that stalled for a day";
@@ -156,11 +146,11 @@ TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
     begin.ends.remote.port = user == 1 ? 443 : 80;
     return flows.judge(begin);
   };
-  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  provider->newFlow = kExamine;
   for (size_t number = 0; number < QueuedFlows::kOpenLimit; ++number) EXPECT_EQ(open(number, 1), Open);
   EXPECT_EQ(open(QueuedFlows::kOpenLimit, 1), Dropped) << "one more, of a browser";
   EXPECT_EQ(open(0, 2), Open) << "another user's";
-  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  provider->newFlow = kAllow;
   EXPECT_EQ(open(QueuedFlows::kOpenLimit + 1, 1), Allowed) << "one more, of another program";
 }
 
@@ -170,9 +160,8 @@ TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   Packet acknowledgment = answer, synAck = answer;
   acknowledgment.payload = {};
   synAck.syn = synAck.ack = true;
-  const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
 
-  provider->newFlow = examine;
+  provider->newFlow = kExamine;
   EXPECT_EQ(flows.judgeInbound(acknowledgment, true), Ignored);
   EXPECT_EQ(flows.judgeInbound(synAck, false), Ignored) << "the client's TCP discards its payload";
   EXPECT_EQ(calls(), "");
@@ -180,25 +169,27 @@ TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   EXPECT_EQ(flows.judgeInbound(acknowledgment, false), Open) << "would begin a connection from the server's side";
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
   EXPECT_EQ(flows.judgeInbound(answer, true), Open);
-  provider->data = NEFilterDataVerdict::dropVerdict();
+  provider->data = kDropData;
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
   EXPECT_EQ(flows.judgeInbound(answer, true), Dropped);
   EXPECT_EQ(calls(), "new -; data 0 a.example; ");
 
   // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
-  provider->newFlow = NEFilterNewFlowVerdict::allowVerdict();
+  provider->newFlow = kAllow;
   EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
   EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
   EXPECT_EQ(calls(), "new -; ");
 }
 
-TEST_F(QueuedFlowsTest, LetsServersOfAllowedSocketsGoOn) {
+TEST_F(QueuedFlowsTest, LetsAllowedSocketsGoOn) {
   Packet answer = packet("the rest of an answer", 1);
   std::swap(answer.ends.local, answer.ends.remote);
-  provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
+  provider->newFlow = kExamine;
   flows.allowSocket(owners.socket->cookie);
   EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
+  EXPECT_EQ(flows.judge(packet("the next request", 0)), Allowed);
+  EXPECT_EQ(calls(), "");
   for (uint64_t cookie = 0; cookie < QueuedFlows::kSocketsLimit; ++cookie) flows.allowSocket(cookie + 2);
   EXPECT_EQ(flows.judgeInbound(answer, true, QueuedFlows::Clock::now() + 10s), Open)
       << "forgotten, as there are too many";
@@ -207,8 +198,7 @@ TEST_F(QueuedFlowsTest, LetsServersOfAllowedSocketsGoOn) {
 }
 
 TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
-  const auto examine = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
-  const auto drop = NEFilterNewFlowVerdict::dropVerdict(), allow = NEFilterNewFlowVerdict::allowVerdict();
+  provider->data = kDropData;
   quic::QuicClient client;
   const std::string hello = quic::hello("A.Example");
   const std::string first = client.initial(quic::crypto(0, hello.substr(0, 50)));
@@ -219,34 +209,30 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
   const struct {
     const char* name;
     NEFilterNewFlowVerdict newFlow;
-    bool dropsData;
     std::vector<std::string> datagrams;
     std::vector<PacketVerdict> verdicts;
     std::string_view calls;
   } kCases[] = {
-      {"a held name", drop, false, {first, second, second}, {Open, Dropped, Dropped}, "new a.example; "},
-      {"another name", allow, false, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
+      {"a held name", kDrop, {first, second, second}, {Open, Dropped, Dropped}, "new a.example; "},
+      {"another name", kAllow, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
       {"a name that is decided at the data",
-       examine,
-       true,
+       kExamine,
        {first, second},
        {Open, Dropped},
        "new a.example; data 0 a.example; "},
       {"a browser's 0-RTT",
-       examine,
-       true,
+       kExamine,
        {request, first, request, second},
        {Held, Open, Held, Dropped},
        "new -; data 0 a.example; "},
-      {"another program's 0-RTT", allow, false, {first, request, second}, {Open, Allowed, Allowed}, "new -; "},
-      {"a browser's unknown version", examine, false, {unknownVersion}, {Held}, "new -; "},
-      {"another program's unknown version", allow, false, {unknownVersion}, {Allowed}, "new -; "},
-      {"another protocol", examine, false, {"other"}, {Allowed}, "new -; data 0 -; "},
+      {"another program's 0-RTT", kAllow, {first, request, second}, {Open, Allowed, Allowed}, "new -; "},
+      {"a browser's unknown version", kExamine, {unknownVersion}, {Held}, "new -; "},
+      {"another program's unknown version", kAllow, {unknownVersion}, {Allowed}, "new -; "},
+      {"another protocol", kExamine, {"other"}, {Dropped}, "new -; data 0 -; "},
   };
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
     provider->newFlow = c.newFlow;
-    provider->data = c.dropsData ? NEFilterDataVerdict::dropVerdict() : NEFilterDataVerdict::allowVerdict();
     std::vector<PacketVerdict> verdicts;
     for (const std::string& datagram : c.datagrams)
       verdicts.push_back(flows.judge(packet(datagram, 0, 443, IPPROTO_UDP)));
@@ -265,7 +251,7 @@ TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
   EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; ques");
   EXPECT_EQ(seen.owner, Value::string("owner"));
   owners.socket.reset();
-  EXPECT_EQ(flows.judge(packet("GET / HTTP/1.1\r\nHost: held\r\n\r\n", 7, 53)), Allowed);
+  EXPECT_EQ(flows.judge(packet(kRequest, 7, 53)), Allowed);
   seen = provider->take();
   EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; GET ");
   EXPECT_TRUE(seen.owner.isNil());

@@ -30,8 +30,6 @@ using namespace std::literals;
 using NewFlow = NEFilterNewFlowVerdict;
 using Data = NEFilterDataVerdict;
 
-const NewFlow kExamine = NewFlow::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
-
 class ProxyTest : public testing::Test {
  protected:
   void start(NEFilterAction action) {
