@@ -110,7 +110,10 @@ class World:
         path = shutil.which(name)
         if path is None:
             raise Unavailable(f"{name} is not installed")
-        return kind(name, path, name, self.directory, *more)
+        program = kind(name, path, name, self.directory, *more)
+        if isinstance(program, programs.Browser) and not program.runs():
+            raise Unavailable(f"{name} does not run here")
+        return program
 
     def curl(self) -> programs.Curl:
         return self.program(programs.Curl, "curl", self.servers.authority)

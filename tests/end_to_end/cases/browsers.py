@@ -6,22 +6,14 @@ import re
 import isolation
 from encrypted_hello import EncryptedHelloServer, Hello
 from harness import ALLOW, DROP, HELD, NEWS, World, check
-from isolation import Unavailable
 from programs import Browser, Chromium, Destination, Firefox
 
 # Two sites with Encrypted Client Hello, and the name that the network sees instead of the sites' names.
 SECRET, OPEN, PUBLIC = "secret.example", "open.example", "cloudflare-ech.com"
 
 
-def _find(world: World, kind: type[Browser], name: str) -> Browser:
-    browser = world.program(kind, name)
-    if not browser.runs():
-        raise Unavailable(f"{name} does not run here")
-    return browser
-
-
 def _browse(world: World, kind: type[Browser], name: str) -> None:
-    browser = _find(world, kind, name)
+    browser = world.program(kind, name)
     with world.filtering(name):
         for host, expected in ((HELD, DROP), (NEWS, ALLOW)):
             for scheme in ("http", "https"):
@@ -41,7 +33,7 @@ def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, 
 
     With `decoy`, the browser sends random bytes in place of an encrypted hello, even with the policy.
     """
-    browser = _find(world, kind, name)
+    browser = world.program(kind, name)
     server = EncryptedHelloServer(world.directory / "encrypted", "127.0.0.2", [SECRET, OPEN], PUBLIC)
     for host in (SECRET, OPEN):
         world.addresses[host], world.hello_keys[host] = ["127.0.0.2"], server.keys

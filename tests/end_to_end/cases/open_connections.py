@@ -1,6 +1,7 @@
 """Connections that are open when their name is blocked."""
 
 import contextlib
+import itertools
 import pathlib
 import shutil
 import socket
@@ -11,7 +12,6 @@ import programs
 from extension import Extension
 from first_bytes import request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
-from isolation import Unavailable
 from web_servers import ENDLESS, page_of
 
 
@@ -56,41 +56,25 @@ def _wget(world: World, family: str) -> list:
 
 
 def EndsOpenDownloadsOfABlockedName(world: World):
-    curl = programs.find("curl")
-    with world.extension("curl") as extension, contextlib.ExitStack() as stack:
-        held, others = [], []
-        for family in FAMILIES:
-            for scheme in ("http", "https"):
-                held.append(stack.enter_context(_Download(world, scheme, HELD, _curl(world, curl, family))))
-                others.append(stack.enter_context(_Download(world, scheme, NEWS, _curl(world, curl, family))))
-                others.append(stack.enter_context(_Download(world, scheme, HELD, _wget(world, family))))
-        extension.control("add", HELD).check_returncode()
-        wait_until(lambda: not any(download.runs() for download in held), "all end after the edit", 1)
-        for download in held:
-            download.check_was_reset()
-        time.sleep(1)
-        for download in others:
-            download.check_goes_on()
-        check(extension.counters()["ended"], len(held), "ended flows")
-
-
-def EndsOpenDownloadsThroughTheProxy(world: World):
-    curl = _curl(world, programs.find("curl"), "-4")
-    wget = _wget(world, "-4")
-    with world.extension("curl", source="proxy") as extension, contextlib.ExitStack() as stack:
-        curl[1:1] = ["--proxy", extension.proxy]
-        wget[1:1] = [f"--execute={scheme}_proxy={extension.proxy}" for scheme in ("http", "https")]
-        programs_and_hosts = [(curl, HELD), (curl, NEWS), (wget, HELD)]
-        held, others = [], []
-        for scheme in ("http", "https"):
-            for command, host in programs_and_hosts:
-                download = stack.enter_context(_Download(world, scheme, host, command))
-                (held if (command, host) == (curl, HELD) else others).append(download)
-        extension.control("add", HELD).check_returncode()
-        wait_until(lambda: not any(download.runs() for download in held), "all end after the edit", 1)
-        time.sleep(1)
-        for download in others:
-            download.check_goes_on()
+    for source, families in (("netfilter", FAMILIES), ("proxy", ["-4"])):
+        with world.extension("curl", source=source) as extension, contextlib.ExitStack() as stack:
+            held, others = [], []
+            for family, scheme in itertools.product(families, ("http", "https")):
+                curl, wget = _curl(world, programs.find("curl"), family), _wget(world, family)
+                if source == "proxy":
+                    curl[1:1] = ["--proxy", extension.proxy]
+                    wget[1:1] = [f"--execute={scheme}_proxy={extension.proxy}"]
+                for command, host, downloads in ((curl, HELD, held), (curl, NEWS, others), (wget, HELD, others)):
+                    downloads.append(stack.enter_context(_Download(world, scheme, host, command)))
+            extension.control("add", HELD).check_returncode()
+            wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit", 1)
+            time.sleep(1)
+            for download in others:
+                download.check_goes_on()
+            if source == "netfilter":
+                for download in held:
+                    download.check_was_reset()
+                check(extension.counters()["ended"], len(held), "ended flows")
 
 
 def EndsOpenDownloadsWhenASuspensionEnds(world: World):
@@ -171,8 +155,6 @@ def KeepsOpenConnectionsIfTheBundleSaysSo(world: World):
 
 def EndsTheDownloadOfAnOpenTab(world: World):
     chromium = world.program(programs.Chromium, "chromium")
-    if not chromium.runs():
-        raise Unavailable("chromium does not run here")
     with world.extension("chromium") as extension, chromium.tabs() as tabs:
         held, other = (tabs.start_download(f"https://{host}", ENDLESS) for host in (HELD, NEWS))
         for download in (held, other):
