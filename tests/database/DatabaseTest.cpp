@@ -216,15 +216,11 @@ TEST_F(BrowsersTest, ReportsEachFailureOfTheLoad) {
   EXPECT_EQ(load(), "Database! cannot read stream");
 }
 
-TEST_F(BrowsersTest, ReadsAtMostAKilobyteOnce) {
+TEST_F(BrowsersTest, ReadsAtMostAKilobyteOnceUnlessTheStreamOffersItsBuffer) {
   files.content.assign(5000, 'x');
   load();
   EXPECT_EQ(files.parsedLength, 1024U);
   EXPECT_EQ(stand_in::take_trace(), "read 1024 | release Data | close | release ReadStream | log empty plist file");
-}
-
-TEST_F(BrowsersTest, ReadsTheWholeBufferOfAStream) {
-  files.content.assign(5000, 'x');
   files.offersBuffer = true;
   load();
   EXPECT_EQ(files.parsedLength, 5000U);

@@ -85,7 +85,7 @@ void check(const Case& c) {
 
 TEST(Commands, SendTheMessageOfEachCommand) {
   const TemporaryFolder folder;
-  const std::string list = folder.write("list", "B.example\n# none\nb.example\n");
+  const std::string list = folder.write("list", "\xef\xbb\xbf# none\r\nB.example\r\n\r\n \tb.example # why\n");
   const std::string date = "DontBlockUntil = 2001-01-01 00:00:00 +0000";
   const Case kCases[] = {
       {{"ping"}, "pong\n", "ping ", ""},
@@ -110,13 +110,13 @@ TEST(Commands, SendTheMessageOfEachCommand) {
 
 TEST(Commands, SendNothingWhenOneInputIsRefused) {
   const TemporaryFolder folder;
-  const std::string list = folder.write("list", "good.example\nbad name\nhttp://x\n");
+  const std::string list = folder.write("list", "good.example\r\n\r\nbad name\nhttp://x\n");
   const Case kCases[] = {
       {{"add", "good.example", "http://x"}, "", "", "\"http://x\": it is a URL: give the host name alone: x\n", kUsage},
       {{"add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"pong"}, "", "", "unknown command: \"pong\": did you mean ping?", kUsage},
-      {{"set", list.c_str()}, "", "", list + ":2: \"bad name\": it has a space", kUsage},
+      {{"set", list.c_str()}, "", "", list + ":3: \"bad name\": it has a space", kUsage},
       {{"set", "/nonexistent/list"}, "", "", "cannot read: \"/nonexistent/list\"", kFailed},
   };
   for (const Case& c : kCases) {

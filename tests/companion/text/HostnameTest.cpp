@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "companion/text/Hostname.h"
-#include "companion/text/HostnameList.h"
 
 namespace orvane {
 namespace {
@@ -58,13 +57,6 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       EXPECT_EQ(fault.substr(0, std::string(c.fault).size()), c.fault) << given;
     }
   }
-}
-
-TEST(HostnameList, ReportsTheLineOfAnInvalidName) {
-  HostnameList list = parse_hostname_list("\xef\xbb\xbf# x\r\nA.example\r\n\r\n \tb.example # why\nhttp://c\n#d\ne.f");
-  EXPECT_EQ(list.names, (std::vector<std::string>{"a.example", "b.example", "e.f"}));
-  ASSERT_EQ(list.refused.size(), 1u);
-  EXPECT_EQ(list.refused[0].line, 5u);
 }
 
 }  // namespace
