@@ -186,20 +186,6 @@ class Chromium(Browser):
 class Tabs:
     """Tabs of a Chromium, controlled over the DevTools protocol, whose messages are JSON that ends in a zero byte."""
 
-    # Counts the bytes of a download, and keeps the error with which it ends.
-    _DOWNLOAD = """
-        window.received = 0;
-        window.error = null;
-        (async () => {
-            const reader = (await fetch("%s")).body.getReader();
-            for (;;) {
-                const {done, value} = await reader.read();
-                if (done) throw new Error("the download is complete");
-                window.received += value.length;
-            }
-        })().catch(error => { window.error = error.message; });
-    """
-
     # Counts the answers, and keeps the first error.
     _REQUESTS = """
         window.received = 0;
@@ -235,10 +221,6 @@ class Tabs:
 
     def _evaluate(self, tab: str, expression: str):
         return self._call("Runtime.evaluate", tab, expression=expression)["result"].get("value")
-
-    def start_download(self, origin: str, path: str) -> str:
-        """Opens a page of the origin in a new tab, which then downloads the path. Returns the tab."""
-        return self._start(origin, self._DOWNLOAD % path)
 
     def start_requests(self, origin: str) -> str:
         """Opens a page of the origin in a new tab, which then requests it again and again. Returns the tab."""

@@ -49,14 +49,7 @@ struct QuicClient {
     header += tls::number(1, 4) + tls::with_length(destination, 1) + tls::with_length("src", 1);
     if (type == 0) header += variable(token.size()) + token;
     header += variable(static_cast<size_t>(numberLength) + frames.size() + 16) + tls::number(number, numberLength);
-    return seal(header, frames);
-  }
-  std::string initial(const std::string& frames, const std::string& token = "") {
-    return packet(0, frames + std::string(20, '\0'), keyID, token);
-  }
 
-  // Protects a packet whose header ends with the packet number.
-  std::string seal(std::string header, const std::string& frames) {
     const std::string publicSalt("\x38\x76\x2c\xf7\xf5\x59\x34\xb3\x4d\x17\x9a\xe6\xa4\xc8\x0c\xad\xcc\xbb\x7f\x0a");
     const gnutls_datum_t salt = datum(publicSalt), input = datum(keyID);
     std::string initial(32, '\0');
@@ -88,6 +81,10 @@ struct QuicClient {
       header[first + i] = static_cast<char>(header[first + i] ^ mask[1 + i]);
     }
     return header + sealed;
+  }
+
+  std::string initial(const std::string& frames, const std::string& token = "") {
+    return packet(0, frames + std::string(20, '\0'), keyID, token);
   }
 };
 

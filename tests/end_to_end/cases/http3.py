@@ -5,7 +5,6 @@ import collections
 import contextlib
 import hashlib
 import pathlib
-import shutil
 import socket
 import subprocess
 
@@ -110,19 +109,6 @@ def JudgesAConversationThatTheServerBegan(world: World):
                 check(connection.recv(10), b"early", f"the server's datagram {family}")
                 _send(connection, first, second, second)
                 check(server.received(), [first], f"what left {family}")
-
-
-def SafariProviderJudgesHTTP3ByTheDate(world: World):
-    first, second = _recorded()
-    safari = shutil.copy("/proc/self/exe", world.directory / "com.apple.Safari")
-    # The program keeps its socket for a while: a socket that is closed early has no owner.
-    code = "import socket, sys, time\ns = socket.socket(type=socket.SOCK_DGRAM)\ns.connect(('127.0.0.9', 443))\n"
-    code += "for text in sys.argv[1:]: s.send(bytes.fromhex(text))\ntime.sleep(0.5)"
-    with world.filtering(PYTHON, provider="PLSafariFilterDataProvider") as extension, _Server() as server:
-        for until, expected in (("2020", [first]), ("2099", [first, second])):
-            extension.control("properties", HELD, "--dont-block-until", f"{until}-01-01T00:00:00Z").check_returncode()
-            subprocess.run([safari, "-I", "-c", code, first.hex(), second.hex()], check=False)
-            check(server.received(), expected, f"what left while suspended until {until}")
 
 
 def ExaminesNoMoreDatagramsThanItNeeds(world: World):

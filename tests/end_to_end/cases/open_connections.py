@@ -151,18 +151,3 @@ def KeepsOpenConnectionsIfTheBundleSaysSo(world: World):
                 time.sleep(1)
                 check(_fetch(connection), ALLOW, f"the open connection after its name was {step}")
                 check(connect(NEWS), expected, f"the next connection after its name was {step}")
-
-
-def EndsTheDownloadOfAnOpenTab(world: World):
-    chromium = world.program(programs.Chromium, "chromium")
-    with world.extension("chromium") as extension, chromium.tabs() as tabs:
-        held, other = (tabs.start_download(f"https://{host}", ENDLESS) for host in (HELD, NEWS))
-        for download in (held, other):
-            wait_until(lambda download=download: tabs.received(download) > 0, "the download of a tab has begun", 20)
-        start = time.monotonic()
-        extension.control("add", HELD).check_returncode()
-        wait_until(lambda: tabs.error(held) is not None, "the download ends after the edit", 1)
-        print(f"the tab's error after {time.monotonic() - start:.2f} s: {tabs.error(held)}")
-        before = tabs.received(other)
-        wait_until(lambda: tabs.received(other) > before, "the other tab's download goes on", 2)
-        check(tabs.error(other), None, "the other tab's error")

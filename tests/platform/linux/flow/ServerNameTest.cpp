@@ -103,7 +103,6 @@ TEST(ServerName, IsHiddenIfAServicesPublicNameComesWithAnEncryptedHello) {
   const Case kCases[] = {
       {"the encrypted hello behind the name", hello(name + extension(5, "") + encrypted), Known, service, true},
       {"the encrypted hello ahead of the name", hello(encrypted + name), Known, service, true},
-      {"no encrypted hello", hello(name), Known, service},
       {"an inner hello", hello(name + inner), Known, service},
       {"an empty extension", hello(extension(0xfe0d, "") + name), Known, service},
       {"another name, with random bytes as encrypted hello", hello(server_name("a.example") + encrypted), Known,

@@ -116,14 +116,11 @@ TEST_F(OpenConnectionsTest, AsksAboutAllAfterTooManyEdits) {
   EXPECT_EQ(callsAfter({false, std::vector<std::string>(OpenConnections::kPlansLimit + 1, "b")}), "new a; ");
 
   ListEdits edits;
-  const auto isReadable = [&] {
-    pollfd entry{edits.descriptor(), POLLIN, 0};
-    return poll(&entry, 1, 0) == 1;
-  };
+  pollfd descriptor{edits.descriptor(), POLLIN, 0};
   edits.add("b");
-  EXPECT_TRUE(isReadable());
+  EXPECT_EQ(poll(&descriptor, 1, 0), 1);
   EXPECT_TRUE(edits.take() == (ListEdits::Edits{false, {"b"}}));
-  EXPECT_FALSE(isReadable());
+  EXPECT_EQ(poll(&descriptor, 1, 0), 0);
   edits.add("b");
   edits.add(std::string(ListEdits::kBytesLimit, 'c'));
   edits.add("b");
