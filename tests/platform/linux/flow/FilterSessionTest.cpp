@@ -102,7 +102,7 @@ TEST_F(FilterSessionTest, AsksUnderTheHostAndItsParentsUpToTheRegistrableDomain)
       {std::string(252, 'a') + ".b", ""},
   };
   auto provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
-  const uint64_t before = flow_counters().flows;
+  const uint64_t before = flow_counters().flows, allowed = flow_counters().allowed;
   for (const auto& [host, marked] : kCases) {
     const auto flow = flow_to(host);
     EXPECT_FALSE(drops(provider, flow));
@@ -110,6 +110,7 @@ TEST_F(FilterSessionTest, AsksUnderTheHostAndItsParentsUpToTheRegistrableDomain)
     EXPECT_EQ(flow->remoteHostname(), host);
   }
   EXPECT_EQ(flow_counters().flows - before, std::size(kCases)) << "each flow counts once";
+  EXPECT_EQ(flow_counters().allowed - allowed, std::size(kCases)) << "as allowed, too";
 }
 
 TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreExcepted) {
