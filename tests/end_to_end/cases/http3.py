@@ -15,7 +15,9 @@ from http3_server import HTTP3Server
 from programs import Browser
 
 _RECORD = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial/firefox_1"
-_LONGEST_WAIT = 0.5  # seconds until a page or an error
+# Seconds until a page or an error: a third of a second on an idle machine. If the filter did not answer the datagrams
+# that it drops, Firefox would wait for 45 s.
+_LONGEST_WAIT = 15
 _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1")}
 
 
@@ -95,7 +97,7 @@ def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
                 _send(connection, first, second, b"@later")
                 check(server.received(), [first, second, b"@later"], f"before the edit {family}")
                 extension.control("add", HELD).check_returncode()
-                wait_until(lambda count=count: extension.counters()["ended"] == count, "the conversation has ended", 1)
+                wait_until(lambda count=count: extension.counters()["ended"] == count, "the conversation has ended", 10)
                 failed = _send(connection, b"@after", b"@after")
                 check((failed, server.received()), (True, []), f"after the edit {family}")
 
@@ -146,11 +148,8 @@ def _browse_over_http3(world: World, kind: type[Browser], name: str, *more) -> N
         with world.filtering(name, settings={"OrvaneHTTP3": setting}):
             for host, verdict in ((NEWS, ALLOW), (HELD, expected)):
                 before = server.hosts()
-                for _ in range(3):  # on a busy machine, one attempt may take longer
-                    seen = browser.fetch(over_http3(host), "/", None)
-                    print(f"{name} with {setting}: {host}: {seen.text}, {browser.seconds * 1000:.0f} ms")
-                    if browser.seconds < _LONGEST_WAIT:
-                        break
+                seen = browser.fetch(over_http3(host), "/", None)
+                print(f"{name} with {setting}: {host}: {seen.text}, {browser.seconds * 1000:.0f} ms")
                 check(seen.verdicts[:1], [verdict], f"{host} with {setting}: {seen.text}")
                 check(host in server.hosts()[len(before) :], verdict == ALLOW, f"the server's log names {host}")
                 check(browser.seconds < _LONGEST_WAIT, True, f"a page or an error within {_LONGEST_WAIT} s")
@@ -183,9 +182,9 @@ def EndsTheOpenHTTP3ConnectionOfATab(world: World):
         check(set(server.hosts()), set(hosts), "the hosts in the server's log")
         extension.control("add", HELD).check_returncode()
         answers = tabs.received(held)
-        wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 3)
+        wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 10)
         check(tabs.received(held) - answers < 2, True, "no answers come after the edit")
         before = tabs.received(other)
-        wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 2)
+        wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 10)
         check(tabs.error(other), None, "the other tab's error")
         check(extension.counters()["ended"] > 0, True, "ended flows")

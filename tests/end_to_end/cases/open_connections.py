@@ -40,7 +40,7 @@ class _Download:
 
     def check_goes_on(self) -> None:
         before = self._size()
-        wait_until(lambda: self._size() > before, f"{self.name} goes on", 2)
+        wait_until(lambda: self._size() > before, f"{self.name} goes on", 10)
 
     def check_was_reset(self) -> None:
         """Checks the exit code of curl."""
@@ -67,7 +67,7 @@ def EndsOpenDownloadsOfABlockedName(world: World):
                 for command, host, downloads in ((curl, HELD, held), (curl, NEWS, others), (wget, HELD, others)):
                     downloads.append(stack.enter_context(_Download(world, scheme, host, command)))
             extension.control("add", HELD).check_returncode()
-            wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit", 1)
+            wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit", 10)
             time.sleep(1)
             for download in others:
                 download.check_goes_on()
@@ -85,7 +85,7 @@ def EndsOpenDownloadsWhenASuspensionEnds(world: World):
         extension.control("properties", HELD, "--dont-block-until", "2099-01-01T00:00:00Z").check_returncode()
         with _Download(world, "https", HELD, safari) as held, _Download(world, "https", NEWS, safari) as other:
             extension.control("properties", HELD, "--dont-block-until", "2020-01-01T00:00:00Z").check_returncode()
-            wait_until(lambda: not held.runs(), "the download ends after the edit", 1)
+            wait_until(lambda: not held.runs(), "the download ends after the edit", 10)
             held.check_was_reset()
             other.check_goes_on()
 
@@ -112,7 +112,7 @@ def _fetch(connection: socket.socket) -> str:
 
 
 def _wait_until_ended(extension: Extension, count: int) -> None:
-    wait_until(lambda: extension.counters()["ended"] == count, f"{count} flows have ended", 5)
+    wait_until(lambda: extension.counters()["ended"] == count, f"{count} flows have ended", 10)
 
 
 def EndsIdleConnectionsAtTheirNextPacket(world: World):
