@@ -169,7 +169,7 @@ class Machine:
         return done
 
     def outside_program(self, name: str, user: int = 0) -> pathlib.Path | None:
-        """The path of a script that runs a program of the test's machine in the container.
+        """The path of a script that runs a program in the container, although only the test's machine has it installed.
 
         None if the test's machine lacks the program.
         """

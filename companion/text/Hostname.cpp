@@ -141,7 +141,8 @@ bool ends_in_number(std::string_view name) {
   return std::all_of(last.begin(), last.end(), is_digit);
 }
 
-// Checks the converted name as a whole. `isAscii`: the given name was ASCII, so its A-labels have not been checked yet.
+// Checks the converted name as a whole. `isAscii`: the given name was ASCII. Then its A-labels must
+// be checked here; append_label() has checked those of other names.
 bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   if (name.empty()) {
     fault = "it is empty: give a host name";

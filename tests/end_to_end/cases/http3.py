@@ -1,4 +1,4 @@
-"""The filter's verdicts on HTTP/3. Without a browser, the first datagrams are a recording: Firefox's first to HELD."""
+"""The filter's verdicts on HTTP/3. Cases that run no browser send a recording: Firefox's first datagrams to HELD."""
 
 import base64
 import collections

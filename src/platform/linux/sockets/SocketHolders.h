@@ -18,7 +18,8 @@ class SocketHolders {
  public:
   // The limits are processor time. A search may exceed them by a fraction of a millisecond.
   struct Limits {
-    // Limit on listing the new processes. A second limit, of the same size, is on listing the known processes again.
+    // Limit on listing the processes that were started since the last search. Reading the whole process table again,
+    // part by part, has a second limit of the same size (UserProcesses.h).
     std::chrono::nanoseconds processes = std::chrono::milliseconds(2);
     // Limit on reading the descriptors of processes.
     std::chrono::nanoseconds descriptors = std::chrono::milliseconds(4);
