@@ -9,7 +9,7 @@
 // only.
 //
 // Every function except db_init and db_term may be called on any thread. The caller keeps ownership of the arguments.
-// No function fails: if an argument has the wrong type, a function does what its comment says.
+// No function fails: if an argument has the wrong type, the function does what its comment says about this case.
 //
 // Host names match byte for byte. The database changes neither case nor a final dot, so callers pass the form in which
 // browsers ask for a name.
@@ -26,7 +26,7 @@ void db_hostname_set(const Value& hostnames);
 // Adds a string with empty properties; a name that is already held keeps its properties. Ignores a value that is not a
 // string.
 void db_hostname_add(const Value& hostname);
-// Removes a name and its properties, if it is held.
+// Removes a name and its properties. Does nothing if the name is not held.
 void db_hostname_remove(const Value& hostname);
 bool db_has_hostname(std::string_view hostname);
 

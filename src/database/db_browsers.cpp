@@ -32,8 +32,8 @@ void add_to_browsers_identifiers(const Value& value) {
 
 // Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // A single call reads the list, and reads at most 1024 bytes (docs/compatibility.md gives the reason). A longer list
-  // is cut off there, so the parser rejects it. The limit does not apply to a stream that gives access to its own
+  // A single call reads at most 1024 bytes of the list (docs/compatibility.md gives the reason). A longer list is cut
+  // off after these bytes, so the parser rejects it. The limit does not apply to a stream that gives access to its own
   // buffer.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;
@@ -99,8 +99,8 @@ void load_browsers_id() {
 }
 
 void db_browser_set_from_plist(const Value& plist) {
-  // This message does not end the function: a value that is not an array has no elements, so "empty plist file"
-  // follows.
+  // The function does not return after this message. asArray() then returns an empty array, so the message "empty plist
+  // file" follows.
   if (!plist.isArray()) ORVANE_LOG_ERROR(db_log, "bad plist format");
   if (plist.asArray().empty()) {
     ORVANE_LOG_DEBUG(db_log, "empty plist file");

@@ -12,8 +12,8 @@ namespace orvane {
 
 // Loads the browsers list of the extension's own bundle.
 void load_browsers_id();
-// Reads the resource Browsers.plist of the bundle at the file URL, or of the main bundle if there is no URL. Returns
-// the property list in it; nil after an error, which is logged.
+// Reads the resource Browsers.plist of the bundle at `bundleURL`, a file URL, or of the main bundle if there is no URL.
+// Returns the file's property list, or nil after an error, which is logged.
 Value load_browsers_id_file(const std::optional<std::string>& bundleURL);
 // Replaces the identifiers by the strings in an array. An empty array, or a value that is not an array, changes
 // nothing.
@@ -21,7 +21,7 @@ void db_browser_set_from_plist(const Value& plist);
 
 // Replaces the identifiers by the strings in a set. A value that is not a set removes all identifiers.
 void db_browsers_set(const Value& identifiers);
-// Adds a string. Ignores a value that is not a string.
+// Adds a string to the identifiers. Ignores a value that is not a string.
 void db_browser_add(const Value& identifier);
 void db_browser_remove(const Value& identifier);
 

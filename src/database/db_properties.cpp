@@ -16,7 +16,7 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
   Value stored = properties.isDictionary() ? properties : Value::dictionary({});
   DatabaseLock lock;
   if (Value* const current = db_hostnames->find(hostname)) {
-    std::swap(*current, stored);  // `stored` frees the old properties after unlocking
+    std::swap(*current, stored);  // `stored` now has the old properties and frees them after unlocking
   } else {
     // The name in this message is not the function's name, but the text is frozen (docs/compatibility.md).
     ORVANE_LOG_DEBUG(db_log, "db_hostname_set_properties_dictionary: hostname %@ not found", hostname);
@@ -44,7 +44,7 @@ const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
 }  // namespace
 
 bool db_hostname_is_blockable(std::string_view hostname) {
-  // The lock is held to the end, messages included, so that no edit comes between the steps of one decision.
+  // The lock is held until the function returns, so that no edit comes between the steps of one decision.
   DatabaseLock lock;
   if (!db_has_hostname(hostname)) {
     ORVANE_LOG_DEBUG(db_log, "_db_hostname_is_blockable: %@ not found", hostname);

@@ -17,8 +17,8 @@ extern std::string_view kPLDontBlockUntilKey;  // the key under which the databa
 // that is not held is not added. Returns the status of unlocking the database's mutex.
 int db_hostname_set_properties(const Value& hostname, const Value& properties);
 
-// Whether the name is held and not suspended. The date under kPLDontBlockUntilKey suspends the name until the current
-// time is later than this date.
+// Whether the name is held and not suspended. The date under kPLDontBlockUntilKey suspends the name until this date has
+// passed.
 bool db_hostname_is_blockable(std::string_view hostname);
 
 }  // namespace orvane

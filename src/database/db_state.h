@@ -36,8 +36,8 @@ class DatabaseLock {
   bool held_ = true;
 };
 
-// A copy of a table for the log. Takes the lock while it copies. The copy shares the names' characters and the
-// properties with the table.
+// Copies a table, for the log, and holds the lock meanwhile. The copy shares the keys' characters and the values with
+// the table.
 Value db_table_copy(const std::unique_ptr<Table>& table);
 
 }  // namespace orvane

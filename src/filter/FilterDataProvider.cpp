@@ -75,8 +75,9 @@ NEFilterNewFlowVerdict FilterDataProvider::handleNewFlow(const NEFilterFlow& flo
 
 void FilterDataProvider::logQuestion(std::span<const uint8_t> readBytes) const {
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: DNS flow");
-  // The chunk is parsed as a question from its first byte on, although a DNS header, and over TCP a length, come before
-  // the question. This start is frozen (docs/compatibility.md). No verdict depends on the result.
+  // The first byte of the data is parsed as the start of a question, although a DNS header comes before the question,
+  // and over TCP a length comes before the header. That is frozen (docs/compatibility.md), and harmless: no verdict
+  // depends on the result.
   dns_question_t* question =
       dns_parse_question(reinterpret_cast<const char*>(readBytes.data()), static_cast<uint32_t>(readBytes.size()));
   if (question == nullptr) {
@@ -101,7 +102,7 @@ NEFilterDataVerdict FilterDataProvider::handleOutboundDataFromFlow(const NEFilte
   ORVANE_LOG_DEBUG(_log, "handleOutboundDataFromFlow: socket type:%d, port:%lu", socket->socketType(),
                    static_cast<unsigned long>(port(flow)));
   if (port(flow) == kDNSPort) {
-    // Even a question for a held name is allowed, because the connection that follows it is dropped.
+    // Even a question for a held name is allowed, because the connection that follows the question is dropped.
     logQuestion(readBytes);
     return NEFilterDataVerdict::allowVerdict();
   }

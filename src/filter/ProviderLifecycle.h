@@ -14,7 +14,7 @@ namespace orvane {
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler);
 
-// Calls the handler, and then returns: a provider has nothing to release when it stops.
+// Logs the stop and calls the handler. A provider has nothing to release when it stops.
 void stop_filter(const os_log_t& log, const std::function<void()>& completionHandler);
 
 // A rule for all outbound flows to this port, on any host: the platform asks the provider about these flows.

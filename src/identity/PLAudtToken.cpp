@@ -18,8 +18,8 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());
   if (status != 0 || !code) {
-    // The status is logged even if it is 0, because the code object may be missing nevertheless. The second message
-    // then says so.
+    // Status 0 without a code object is a failure, too: the first message then shows status 0, and the second message
+    // says that the object is missing.
     ORVANE_LOG_DEBUG(log, "SecCodeCopyGuestWithAttributes = %d", status);
     if (!code) ORVANE_LOG_DEBUG(log, "codeRef == NULL");
     return std::nullopt;
@@ -83,7 +83,7 @@ std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) con
     return std::nullopt;
   }
   std::optional<std::string> identifier = copy_bundle_identifier(_log, dictionary_create(GuestAttribute::Pid, number));
-  // The number is never released (docs/compatibility.md). It is a tagged pointer, so nothing leaks.
+  // The number is never released (docs/compatibility.md). It is a tagged pointer, so no memory leaks.
   (void)number.detach();
   return identifier;
 }

@@ -11,9 +11,9 @@
 
 namespace orvane {
 
-// Finds the program that owns an audit token. A provider makes one object for each flow, asks it once or twice and
-// releases it; nothing is cached. A look-up that fails returns nothing, and logs the failing step at debug level.
-// Thread-safe.
+// Finds the program that owns an audit token. A provider makes one object for each flow, asks it for one or two bundle
+// identifiers, and releases it. The object caches nothing. A look-up that fails returns nothing, and logs the failing
+// step at debug level. Thread-safe.
 //
 // The spelling of the class's name is frozen, because the name is also the log category (docs/compatibility.md).
 class PLAudtToken : public NSObject {

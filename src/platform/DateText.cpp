@@ -49,7 +49,7 @@ std::optional<double> absolute_time_of_text(std::string_view text) {
     if (weight == 1) return std::nullopt;  // no digits
   }
 
-  minutes offset(0);  // east of Greenwich
+  minutes offset(0);  // the text's offset from UTC, positive east of Greenwich
   if (rest != "Z" && rest != "z") {
     if (!has_form(rest, "+00:00") && !has_form(rest, "-00:00")) return std::nullopt;
     const int offsetHours = number_at(rest, 1, 2), offsetMinutes = number_at(rest, 4, 2);

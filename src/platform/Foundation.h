@@ -33,8 +33,8 @@ class NSURLComponents : public NSObject {
   virtual std::optional<std::string> host() const = 0;
 };
 
-// The number at the start of a string: optional white space, an optional sign, decimal digits. 0 without digits; the
-// nearest int64_t when the number is out of range.
+// The number at the start of a string: optional white space, an optional sign, decimal digits. Returns 0 if there are
+// no digits, and the nearest int64_t if the number is out of range.
 int64_t integerValue(const std::string& string);
 
 }  // namespace orvane

@@ -52,7 +52,7 @@ class NEFilterSocketFlow : public NEFilterFlow {
   virtual int32_t socketType() const = 0;
 };
 
-// A peek count that covers all bytes of a flow.
+// The peek count (see NEFilterNewFlowVerdict) that asks for all bytes of a flow.
 inline constexpr uint64_t kFilterFlowBytesMax = UINT64_MAX;
 
 // The verdict on a new flow. After FilterData, the platform passes data to the provider: for each filtered direction,
@@ -95,8 +95,8 @@ enum class NETrafficDirection : int64_t { Any = 0, Inbound = 1, Outbound = 2 };
 enum class NEFilterAction : int64_t { Invalid = 0, Allow = 1, Drop = 2, Remap = 3, FilterData = 4 };
 enum class NEProviderStopReason : int64_t { None = 0, UserInitiated = 1, ProviderFailed = 2 };
 
-// The flows that a rule matches. An empty host name or a null endpoint means any host. A prefix of 0 with an address
-// means that one address.
+// The flows that a rule matches. An empty host name or a null endpoint means any host. An endpoint with an address and
+// the prefix 0 means this address alone.
 struct NENetworkRule {
   static NENetworkRule initWithRemoteNetwork(Ref<NWHostEndpoint> remoteNetwork, uint64_t remotePrefix,
                                              Ref<NWHostEndpoint> localNetwork, uint64_t localPrefix,
@@ -131,7 +131,7 @@ struct NEFilterSettings {
 };
 
 // A provider of verdicts. The platform creates one object of the class that the bundle names, starts it, asks it for
-// verdicts, and stops it, on threads of its choice.
+// verdicts, and stops it. Each of these calls may come on any thread.
 class NEFilterDataProvider : public NSObject {
  public:
   // The error is null on success.

@@ -14,7 +14,8 @@ class NSObject {
   NSObject(const NSObject&) = delete;
   NSObject& operator=(const NSObject&) = delete;
 
-  // The base initialiser. Run it once, right after construction. When it returns false, release the object unused.
+  // The base initialiser. Run it once, right after construction. If it returns false, release the object without using
+  // it.
   bool initialise();
 
   friend void retain(const NSObject* object);

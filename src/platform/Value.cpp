@@ -53,7 +53,7 @@ void discount_content(size_t bytes) { content_bytes.fetch_sub(kContentBytes + by
 
 uint32_t hash_of(std::string_view text) { return static_cast<uint32_t>(keyed_hash(text)); }
 
-// Converts a real number to an integer. False when that would change its value.
+// Converts a real number to an integer. Returns false if the conversion would change the number's value.
 bool exact_signed(double real, int64_t* integer) {
   if (!(real >= -9223372036854775808.0 && real < 9223372036854775808.0) || std::trunc(real) != real) return false;
   *integer = static_cast<int64_t>(real);
@@ -66,7 +66,8 @@ bool exact_unsigned(double real, uint64_t* natural) {
   return true;
 }
 
-// All NaNs count as equal, whatever their bits, and so do 0 and -0. All of these get the same hash.
+// All NaNs are equal to each other, whatever their bits, and 0 is equal to -0. Equal numbers need equal hashes, so the
+// hash of all these numbers is 0.
 size_t hash_of(double real) {
   return std::isnan(real) || real == 0 ? 0 : keyed_hash({reinterpret_cast<const char*>(&real), sizeof real});
 }
@@ -113,7 +114,7 @@ void append_date(std::string& text, double absoluteTime) {
   double unixTime = std::floor(absoluteTime + static_cast<double>(kReferenceInUnixTime.count()));
   std::tm parts{};
   char buffer[64];
-  // gmtime_r() fails when the year exceeds an int. Then the absolute time is printed as a number.
+  // gmtime_r() fails if the year does not fit into an int. For such a date, the absolute time is printed as a number.
   if (!(std::fabs(unixTime) < 67767976233532799.0)) {
     std::snprintf(buffer, sizeof buffer, "%.17g", absoluteTime);
   } else {
@@ -377,8 +378,8 @@ size_t Value::hashOfNonString() const noexcept {
       auto bytes = asData();
       return hash_of({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
     }
-    // The hash of a container is its size alone: containers are rarely members of sets or keys, and hashing their
-    // elements could recurse deeply.
+    // The hash of a container depends on its size alone. Containers are rarely keys or members of sets, and hashing
+    // their elements could recurse deeply.
     case Kind::Array:
       return asArray().size();
     case Kind::Set:

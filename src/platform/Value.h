@@ -13,7 +13,7 @@
 
 namespace orvane {
 
-// A value that a companion may send or a property list may contain. Immutable, 16 bytes. Copies share the content; they
+// A value that a companion may send or a property list may contain. Immutable, 16 bytes. Copies share the content, and
 // may be made and destroyed on any thread. Equality and hashes depend on the value: strings compare byte for byte;
 // numbers compare by their numeric value, whatever type they were made from; a boolean equals no number.
 class Value {
@@ -144,7 +144,8 @@ class Value {
 };
 static_assert(sizeof(Value) == 16);
 
-// -1, 0 or 1 when the left date is earlier than, equal to or later than the right one. NaN compares as equal.
+// -1, 0 or 1 when the left date is earlier than, equal to or later than the right one. NaN compares as equal to every
+// date.
 int date_compare(const Value& left, const Value& right);
 
 }  // namespace orvane

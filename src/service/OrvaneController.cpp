@@ -31,8 +31,8 @@ void OrvaneController::addApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::removeApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::setApplicationIdentifiers(const Value& /*identifiers*/) {}
 
-// Every edit counts, even one that changes nothing: the count tells a companion that its edit has arrived. Lock order:
-// the object's monitor, then the database's mutex.
+// Every edit increases the count, even an edit that changes nothing, because the count tells a companion that its edit
+// has arrived. Lock order: the object's monitor, then the database's mutex.
 
 void OrvaneController::addHostname(const Value& hostname) {
   ObjectMonitor monitor(this);
@@ -68,7 +68,7 @@ void OrvaneController::getChangesCount(const CountReply& reply) {
 }
 
 void OrvaneController::incrementChangesCount() {
-  // The count wraps to 1, because 0 means that there was no edit since the start.
+  // The count wraps to 1, because 0 means that there has been no edit since the start.
   mChangesCount = mChangesCount == UINT64_MAX ? 1 : mChangesCount + 1;
 }
 

@@ -11,8 +11,8 @@ namespace orvane {
 
 // The protocol between companions and the extension: twelve messages, whose order and types are frozen
 // (docs/compatibility.md). Arguments arrive as they were sent, so they may be nil, or of another type than the comments
-// below say. Messages arrive on several threads at once. A message with a reply calls the reply exactly once, before it
-// returns.
+// below say. Messages arrive on several threads at once. A function with a parameter `reply` calls `reply` exactly
+// once, and then returns.
 class OrvaneSECommunication : public NSObject {
  public:
   using BooleanReply = std::function<void(bool)>;
