@@ -6,14 +6,14 @@ namespace orvane {
 namespace {
 
 constexpr uint8_t kHandshakeRecord = 22;             // RFC 8446, section 5.1
-constexpr uint8_t kMajorVersion = 3;                 // of every TLS version
+constexpr uint8_t kMajorVersion = 3;                 // in the records of every TLS version
 constexpr uint8_t kClientHello = 1;                  // RFC 8446, section 4
 constexpr size_t kServerNameExtension = 0;           // RFC 6066, section 1.1
 constexpr uint8_t kHostNameType = 0;                 // RFC 6066, section 3
 constexpr size_t kEncryptedHelloExtension = 0xfe0d;  // RFC 9849, section 5
 constexpr uint8_t kOuterHello = 0;                   // RFC 9849, section 5
 constexpr size_t kVersionAndRandomBytes = 34;
-constexpr size_t kExtensionLimit = 1024;  // no host name and no encrypted hello needs a longer extension
+constexpr size_t kExtensionLimit = 1024;  // in bytes; enough for every host name and every encrypted hello
 
 size_t big_endian(std::string_view bytes) {
   size_t number = 0;
@@ -137,7 +137,7 @@ ClientHelloReader::State ClientHelloReader::nextExtension() {
   return collect(Field::ExtensionHeader, kHeader);
 }
 
-// Reads the first host name in a list of (type, length, name).
+// Reads the first host name in a list of entries (type, length, name).
 ClientHelloReader::State ClientHelloReader::readServerNames() {
   std::string_view list = collected_;
   if (list.size() < 2 || big_endian(list.substr(0, 2)) != list.size() - 2) return State::Unknown;

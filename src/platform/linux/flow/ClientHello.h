@@ -11,9 +11,9 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete. Later extensions, such as session tickets, are not needed: the reader
-// reads them only as far as they come with the last bytes of the name, in the same call and the same record. Stores
-// about 2 KiB at most, whatever the length of the hello. Not thread-safe.
+// name is known when its extension is complete. After this extension, the reader reads only the bytes that come with
+// its end in the same call and the same record. It stores about 2 KiB at most, whatever the length of the hello. Not
+// thread-safe.
 class ClientHelloReader {
  public:
   // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.
@@ -27,8 +27,8 @@ class ClientHelloReader {
   // hello anywhere.
   State read(std::span<const uint8_t> bytes);
 
-  // The same for a hello that is not in TLS records: QUIC has CRYPTO frames instead (RFC 9001, section 4.1.3). kLimit
-  // does not apply; the caller limits the bytes.
+  // Does the same as read() for a hello that is not in TLS records: QUIC sends the hello in CRYPTO frames (RFC 9001,
+  // section 4.1.3). kLimit does not apply here; the caller limits the number of bytes.
   State readHandshake(std::span<const uint8_t> bytes);
 
   // The server name as the client wrote it.

@@ -15,8 +15,8 @@ struct RemoteEnd {
   NENetworkRuleProtocol protocol;  // TCP or UDP
 };
 
-// The number of a rule's port. `port` is a number, or the name of a service (services(5)); 0 means any port. Nothing
-// for a service that is unknown for `protocol`, which is TCP or UDP. Thread-safe.
+// Returns the number of a rule's port; 0 means any port. `port` is a number or the name of a service (services(5)), and
+// `protocol` is TCP or UDP. Returns nothing if `protocol` has no service with this name. Thread-safe.
 std::optional<uint16_t> port_number(const std::string& port, NENetworkRuleProtocol protocol);
 
 // Returns the settings with more rules, for HTTP/3: after each rule that filters the data of outbound TCP flows to port
@@ -25,9 +25,10 @@ NEFilterSettings with_http3(const NEFilterSettings& settings);
 
 // The action of the first rule that matches an outbound flow, or else the default action.
 //
-// A rule with a remote address matches the literal addresses in the network of this address and its prefix; a prefix of
-// 0 means the address alone. A rule with a host name matches that name in upper or lower case. A rule with a local
-// address never matches, because the flow's local address is not known yet. Thread-safe.
+// If a rule's remote host is an address, the rule matches the literal addresses that have the same first bits;
+// remotePrefix is the number of these bits, and 0 means all bits. If the remote host is a name, the rule matches this
+// name in upper or lower case. A rule with a local address never matches, because the flow's local address is not known
+// yet. Thread-safe.
 NEFilterAction action_for_outbound_flow(const NEFilterSettings& settings, const RemoteEnd& remote);
 
 }  // namespace orvane

@@ -14,7 +14,8 @@ void count(FlowCounters::Count& counter) { counter.fetch_add(1, std::memory_orde
 
 }  // namespace
 
-// Calls `ask`, a question to the provider, under each name of the series. Returns the verdict on the flow.
+// Asks the provider the series of questions that FilterSession.h describes; a call of `ask` asks one question. Returns
+// the verdict on the flow.
 template <class Ask>
 auto FilterSession::judge(Ask ask) {
   const IdentityAnswers sameProcess;
@@ -22,7 +23,8 @@ auto FilterSession::judge(Ask ask) {
   using Kind = decltype(verdict.kind);
   const std::vector<std::string_view> hosts =
       names_.hostName() ? covering_hosts(*names_.hostName()) : std::vector<std::string_view>();
-  // Asks under the names with this mark until a verdict is not to allow. Returns the last verdict.
+  // Asks under the names with this mark, one after the other, and stops at the first verdict that is not Allow. Returns
+  // the last verdict.
   auto askUnder = [&](std::string_view mark) {
     auto answer = decltype(verdict)::allowVerdict();
     for (size_t i = 0; i < hosts.size() && answer.kind == Kind::Allow; ++i) {

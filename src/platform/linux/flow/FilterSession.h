@@ -15,11 +15,11 @@ namespace orvane {
 // (Subdomains.h). The provider sees the flow
 //
 //   1. under the flow's own name;
-//   2. if that answer is to allow: under the names with the mark of subdomains, until an answer is not to allow;
-//   3. if the last answer is to drop: under the names with the mark of exceptions. If one of these answers is to drop,
-//      too, the list has an exception for the flow's host, so the flow is allowed.
+//   2. if the verdict is Allow: under the names with the subdomains mark, up to the first verdict that is not Allow;
+//   3. if the last verdict is Drop: under the names with the exception mark. If a verdict is Drop again, the list has
+//      an exception for the flow's host, so the session allows the flow.
 //
-// During a series, the thread looks up the identity of a process only once (IdentityAnswers).
+// During a series, the thread looks up the identity of each process only once (IdentityAnswers).
 //
 // The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
@@ -50,8 +50,9 @@ class FilterSession {
   // Tells the provider that the outbound side has ended. The provider's verdict settles the flow.
   State outboundComplete();
 
-  // Shows a flow to the provider that is open already, and settles it. Call it in place of the functions above. The
-  // flow's first bytes are gone: a provider that asks for them gets one byte, '?', which no host name contains.
+  // Shows the provider a flow that is already open, and settles the flow. Call it in place of the functions above. The
+  // flow's first bytes have already passed: a provider that asks for data gets one byte, '?', which no host name
+  // contains.
   State openFlow();
 
   // Allows a new flow without asking the provider.

@@ -9,7 +9,7 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   if (broken_ || payload.empty()) return !broken_;
   if (!begun_) begin_ = sequence;
   begun_ = true;
-  // The distance is measured from the next byte in order, not from the first byte of the flight. So it fits into 32
+  // The distance is measured from the next expected byte, not from the first byte of the flight. So it fits into 32
   // bits even if the flight has more than 2^32 bytes.
   const auto expected = static_cast<uint32_t>(begin_ + length_);
   const auto distance = static_cast<int32_t>(sequence - expected);
@@ -38,8 +38,8 @@ bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   return !broken_;
 }
 
-// Stores those bytes of a segment that are neither in order already nor in a stored piece. `offset` is the distance
-// from the start of the flight to the start of the payload.
+// Stores the new bytes of a segment: those that are neither in the flight nor in a stored piece. `offset` is the
+// distance from the start of the flight to the start of the payload.
 void FirstFlight::keep(uint64_t offset, std::span<const uint8_t> payload) {
   const uint64_t end = offset + payload.size();
   uint64_t at = std::max(offset, length_);

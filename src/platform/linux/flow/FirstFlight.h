@@ -28,7 +28,7 @@ class FirstFlight {
 
   // Adds a segment at its sequence number (numbers wrap at 2^32). Returns false when the flight cannot continue: more
   // bytes or pieces would be stored than the limits allow, or the segment begins before the flight. After that every
-  // call returns false. A segment without payload is ignored, even as the first one.
+  // call returns false. A segment without payload is ignored, even if it is added first.
   bool add(uint32_t sequence, std::span<const uint8_t> payload);
 
   // The bytes that the last add() put in order; they follow the bytes of the earlier calls. Valid until the next add(),

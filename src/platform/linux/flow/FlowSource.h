@@ -15,8 +15,7 @@ class FlowSource {
   // Starts showing flows, on the source's own threads. Call it once. Returns an error on failure.
   virtual std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) = 0;
 
-  // Stops showing flows. A proxy also ends the flows whose data it carries. If the flow source is netfilter, open flows
-  // go on.
+  // Stops showing flows. The proxy also ends the flows whose data it carries; netfilter lets open flows go on.
   virtual void stop() = 0;
 };
 

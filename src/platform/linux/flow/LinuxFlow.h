@@ -52,7 +52,8 @@ class LinuxSocketFlow final : public NEFilterSocketFlow, public NamedFlow {
 // to the server. While an alias is set, URL() is a URL with the alias as its host, and without the path.
 class LinuxURLFlow final : public NEFilterFlow, public NamedFlow {
  public:
-  // `url` as the application wrote it. `host` is the host in it, in the form of the list's names (HostName.h).
+  // `url` is the URL as the application wrote it. `host` is the host in this URL, in the form of the list's names
+  // (HostName.h).
   static Ref<LinuxURLFlow> create(Value auditToken, std::string url, std::string host);
 
   Value sourceAppAuditToken() const override { return auditToken_; }

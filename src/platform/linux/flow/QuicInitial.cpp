@@ -44,7 +44,7 @@ struct Fields {
 };
 
 void skip_acknowledgment(Fields& fields, bool hasCounts) {
-  fields.skipVariable(2);  // the largest number, the delay
+  fields.skipVariable(2);  // the largest packet number, the delay
   const uint64_t ranges = fields.variable();
   fields.skipVariable(1);
   for (uint64_t i = 0; i < ranges && fields.isComplete; ++i) fields.skipVariable(2);
@@ -53,7 +53,7 @@ void skip_acknowledgment(Fields& fields, bool hasCounts) {
 
 }  // namespace
 
-// The header of a packet that begins a connection, or that may arrive before that packet.
+// A long header (RFC 9000, section 17.2). A client's packets have long headers until the handshake ends.
 struct QuicInitialReader::Header {
   enum class Type { Initial, ZeroRTT, Handshake, UnknownVersion };
 
@@ -142,8 +142,8 @@ std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header
   return frames;
 }
 
-// Reads the frames of an Initial packet, and in them the next bytes of the hello. Returns false for a frame that such a
-// packet must not have (RFC 9000, section 12.4) and for a malformed one.
+// Reads the frames of an Initial packet, and in them the next bytes of the hello. Returns false if a frame is
+// malformed, or if an Initial packet must not have frames of its type (RFC 9000, section 12.4).
 bool QuicInitialReader::readFrames(Bytes frames) {
   Fields fields{frames};
   while (fields.isComplete && !fields.rest.empty() && state_ == State::Open) {

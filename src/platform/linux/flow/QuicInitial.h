@@ -15,8 +15,8 @@ namespace orvane {
 
 // Reads the server name from the first datagrams that a QUIC client sends to one server (RFC 9000, RFC 9369). The
 // client's TLS hello is in the CRYPTO frames of Initial packets. Browsers split the hello, shuffle the pieces, and send
-// them in two datagrams or more. Bytes in order are read at once; only pieces after a gap are stored, as FirstFlight
-// limits them. Not thread-safe.
+// them in two datagrams or more. Bytes in order are read at once; only pieces after a gap are stored, up to the limits
+// in FirstFlight. Not thread-safe.
 //
 // After a Retry or a Version Negotiation packet of the server, the client begins again with a new connection ID, and so
 // with new keys; the reader then begins again, too.
@@ -34,12 +34,12 @@ class QuicInitialReader {
 
   State state() const { return state_; }
 
-  // Whether the last datagram consisted of Initial packets that were read, and so contains no part of a request. It is
-  // false for a datagram with 0-RTT packets (requests that a client may send together with its hello), with an unknown
-  // version of QUIC, or with packets that follow a finished handshake although the hello was not complete.
+  // Whether the last datagram consisted only of Initial packets that were read. Such a datagram contains no part of a
+  // request. False if the datagram has other packets, such as 0-RTT packets (requests that a client may send together
+  // with its hello), packets of an unknown version of QUIC, or packets that a client sends after its hello.
   bool isReadable() const { return isReadable_; }
 
-  // The number of the hello's bytes in order so far.
+  // The number of bytes of the hello that have arrived so far, up to the first gap.
   uint64_t length() const { return handshake_.length(); }
 
   // The reader of the hello. Its name() is the server name.

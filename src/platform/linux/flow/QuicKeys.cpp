@@ -46,8 +46,9 @@ bool expand_label(Bytes secret, std::string_view label, std::span<uint8_t> outpu
   return gnutls_hkdf_expand(GNUTLS_MAC_SHA256, &key, &info, output.data(), output.size()) == 0;
 }
 
-// The bytes that hide the first byte and the packet number: the sample, encrypted with AES in ECB mode. GnuTLS has no
-// ECB mode; for one block, CBC with an initialization vector of zeros gives the same.
+// Returns the mask that hides a packet's first byte and its packet number (RFC 9001, section 5.4.3): the sample,
+// encrypted with AES in ECB mode. GnuTLS has no ECB mode; for one block, CBC mode with an initialization vector of
+// zeros gives the same result.
 std::optional<std::array<uint8_t, kSampleLength>> header_mask(Bytes headerKey, Bytes sample) {
   const std::array<uint8_t, kSampleLength> zeros{};
   std::array<uint8_t, kSampleLength> mask;

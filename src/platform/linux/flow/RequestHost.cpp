@@ -126,9 +126,9 @@ RequestHostReader::State RequestHostReader::finishLine() {
     case Part::Method:
       return State::Unknown;
     case Part::Target:
-      // A first line without a version belongs to another protocol, for example SMTP. Such a client sends no more bytes
-      // until the server answers, and the server's answer comes only after the verdict. So the state must become
-      // Unknown now, because more bytes may never come.
+      // A first line without a version belongs to another protocol, for example SMTP. A client of such a protocol may
+      // wait for the server's answer to this line, and the server gets the line only after the verdict. So the state
+      // must become Unknown now: no more bytes would come before the verdict.
       if (kept_.size() < kVersionLength || !kept_.substr(kept_.size() - kVersionLength).starts_with(kVersion)) {
         return State::Unknown;
       }

@@ -38,8 +38,8 @@ struct Authority {
 std::optional<Authority> parse_authority(std::string_view text);
 
 // Reads the host name, without a port, from the Host field of a request head to an origin server (RFC 9112, section
-// 3.2), as its bytes arrive. The name is known at the end of the field's line. Stores about a kilobyte, whatever the
-// length of the head. Not thread-safe.
+// 3.2), as the head's bytes arrive. The name is known at the end of the field's line. Stores about a kilobyte, whatever
+// the length of the head. Not thread-safe.
 class RequestHostReader {
  public:
   // Unknown: the bytes are no HTTP/1 request, or the head has no host or is too long.

@@ -20,7 +20,7 @@ class ServerNameReader {
   // Reads the next bytes of the connection; the first call gets the connection's first bytes.
   State read(std::span<const uint8_t> bytes);
 
-  // The same for a TLS ClientHello that is not in TLS records (ClientHelloReader::readHandshake).
+  // Does the same as read() for a TLS ClientHello that is not in TLS records (ClientHelloReader::readHandshake).
   State readHandshake(std::span<const uint8_t> bytes);
 
   State state() const { return state_; }
