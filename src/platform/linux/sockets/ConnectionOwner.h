@@ -16,7 +16,8 @@ namespace orvane {
 // The test of the proxy links other definitions of these functions.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr* remote);
 
-// The user who created this TCP socket. Nothing if the socket is not found, or if it is closed. Thread-safe.
+// The user who created the TCP socket with these two addresses. Nothing if the socket is not found, or if it is closed.
+// Thread-safe.
 std::optional<uid_t> user_of_socket(const sockaddr* local, const sockaddr* remote);
 
 }  // namespace orvane

@@ -27,18 +27,18 @@ bool is_any(const SocketAddress& end) {
   return std::all_of(end.address.begin(), end.address.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// Ignores the scope: the kernel reports an interface only for a socket that is bound to one, whereas every link-local
-// address of a pair has a scope.
+// Ignores the scope, which is an interface index: every link-local address in a SocketPair has a scope, but the kernel
+// reports an interface only for a socket that is bound to an interface.
 bool same_address(const SocketAddress& a, const SocketAddress& b) {
   return a.family == b.family && a.address == b.address;
 }
 
-// Match score of a socket; 0 means no match. A TCP socket matches if both endpoints do. A datagram socket gets points,
-// and the socket with the most points is chosen:
+// Returns how well a socket matches the pair; 0 means no match. A TCP socket matches if both endpoints match. A
+// datagram socket gets points, and the socket with the most points is chosen:
 //
 //   1  its local port matches, and its local address matches or is unset (an IPv6 socket can send IPv4 too)
 //  +1  its local address matches
-//  +2  it has no peer (a socket with another peer gets no points here, but may still send to this destination)
+//  +2  it has no peer (a socket with another peer gets no points for it, but may still send to this destination)
 //  +4  its peer matches
 constexpr int kPeerMatches = 5;  // the lowest score with a matching peer
 
@@ -62,8 +62,8 @@ void write_endpoint(const SocketAddress& end, __be32* words, __be16& port) {
   port = htons(end.port);
 }
 
-// Requests the socket with exactly these endpoints. For datagrams, the kernel looks the socket up as for an incoming
-// packet, so the source in the request is the remote endpoint.
+// Requests the socket with exactly these endpoints. For datagrams, the kernel looks for the socket that would receive a
+// packet with the source and destination of the request. So the source is the remote endpoint.
 inet_diag_req_v2 exact_request(const SocketPair& pair) {
   inet_diag_req_v2 request{};
   request.sdiag_family = static_cast<uint8_t>(pair.local.family);

@@ -61,7 +61,7 @@ class SocketCache {
   }
 
   // Whether `process` was completely scanned after its child `child` had started. If so, a socket that the scan did not
-  // see was opened later, so the child did not inherit it.
+  // see was opened after the scan, so the child did not inherit it.
   bool wasScannedSince(const ProcessInformation& process, const ProcessInformation& child) const {
     auto it = scans_.find(process.pid());
     return it != scans_.end() && it->second.version == process.version() && it->second.isComplete &&
@@ -180,8 +180,9 @@ class Search {
   }
 
   // Searches first the processes that were not scanned yet, beginning with the process that started last: most
-  // processes that started early are services. Then searches the other processes, beginning with the oldest scan. So if
-  // a search runs out of time, the next search begins with the processes that were not reached.
+  // processes that started early are services. Then searches the other processes, beginning with the process whose last
+  // scan is the oldest. So if a search runs out of time, the next search begins with the processes that were not
+  // reached.
   std::optional<ProcessInformation> holderAmong(const std::vector<pid_t>& candidates) {
     std::vector<std::pair<uint64_t, pid_t>> scanned;
     for (auto pid = candidates.rbegin(); pid != candidates.rend() && !budget_.isSpent(); ++pid) {
@@ -226,7 +227,7 @@ class Search {
     Descriptor descriptors(::openat(process.directory(), "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!descriptors) return false;
     std::array<char, 64> target;
-    alignas(dirent64) std::array<char, 1024> entries;  // for about 40 entries, so that the time is checked often
+    alignas(dirent64) std::array<char, 1024> entries;  // room for about 40 entries, so that the time is checked often
     uint64_t begin = ticks_since_boot(), generation = cache_.generation();
     bool holds = false;
     ssize_t size = -1;
@@ -282,7 +283,7 @@ std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& 
   processes.update(std::min(limits.processes, search.budget().left() / 2));
   const auto& byUser = processes.byUser();
   // Root's processes come second: if a user's process may not be dumped (prctl(2), PR_SET_DUMPABLE), its files in /proc
-  // belong to root, so it is listed under root.
+  // belong to root, so this process is listed under root.
   for (uid_t first : {user, uid_t{0}}) {
     auto own = byUser.find(first);
     if (own == byUser.end()) continue;

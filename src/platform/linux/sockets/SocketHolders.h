@@ -13,7 +13,7 @@ namespace orvane {
 //
 // A user can have a million descriptors, which take seconds to read. While a search runs, all users' packets wait. So
 // two times are limited: that of each search, and that of all searches for one user's sockets. The processes of the
-// socket's user are searched first, so that other users' processes cannot use up the time of a search for a browser.
+// socket's user are searched first, so that other users' processes cannot use up the time of the search.
 class SocketHolders {
  public:
   // The limits are processor time. A search may exceed them by a fraction of a millisecond.
@@ -30,9 +30,9 @@ class SocketHolders {
   explicit SocketHolders(const Limits& limits);
   ~SocketHolders();
 
-  // If several processes hold the socket, chooses one of them by the rule of SocketOwners (SocketOwner.h). Nothing if
-  // no process holds the socket, if the calling process may not read the holder's descriptors, or if a limit was
-  // reached. After a search without a result, calls for the same socket return nothing for two seconds.
+  // Returns the process that holds the socket; if several processes hold it, SocketOwner.h says which one. Returns
+  // nothing if no process holds the socket, if the calling process may not read the holder's descriptors, or if a limit
+  // was reached. After a search without a result, calls for the same socket return nothing for two seconds.
   std::optional<ProcessInformation> find(const SocketFacts& socket);
 
  private:

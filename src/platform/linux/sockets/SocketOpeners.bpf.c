@@ -14,14 +14,14 @@ const char license_text[] SEC("license") = "Proprietary";
 
 // Constants that the extension sets before it loads the programs.
 const volatile __u64 network_namespace = 0;  // cookie of the namespace whose sockets are recorded
-// The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. In any other
-// namespace, the programs call a helper that kernels before 6.10 do not allow in programs of this type. So those
-// kernels then refuse to load the programs.
+// The extension's PID namespace: device and inode of /proc/self/ns/pid, or 0 for the initial namespace. If the
+// extension is in any other namespace, the programs call a helper that kernels before 6.10 do not allow in programs of
+// this type, so these kernels refuse to load the programs.
 const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
 // A full map drops the least recently used records. The extension looks a record up right after the socket's first
-// packet, so this does harm only in a flood. Streams have a map of their own, because sockets can send datagrams much
-// faster than they can connect.
+// packet, so it misses a record only if thousands of sockets are recorded in this short time. Streams have a map of
+// their own, because sockets can send datagrams much faster than they can connect.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 65536);
@@ -43,8 +43,8 @@ struct {
   __type(value, __u64);
 } datagrams SEC(".maps");
 
-// The current process's identifier in the extension's PID namespace. 0 if the process belongs to another namespace. In
-// the initial namespace every process has an identifier.
+// The current process's identifier in the extension's PID namespace. 0 if the process belongs to another namespace. If
+// the extension is in the initial namespace, every process has an identifier there.
 static __u32 process_identifier(void) {
   if (!pid_namespace_inode) return bpf_get_current_pid_tgid() >> 32;
   struct bpf_pidns_info process = {};

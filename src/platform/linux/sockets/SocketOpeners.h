@@ -29,8 +29,8 @@ class SocketOpeners {
   std::optional<SocketOpener> opener(uint64_t cookie) const;
 
   // The socket that sent a datagram with an explicit destination (sendto(2)) from the pair's local port to the pair's
-  // remote endpoint within the last five seconds. The socket may be closed already, so the inode in the result is
-  // always 0.
+  // remote endpoint within the last five seconds. The inode in the result is always 0, because the records contain no
+  // inodes.
   std::optional<SocketFacts> sender(const SocketPair& pair) const;
 
  private:

@@ -32,8 +32,9 @@ audit_token_t token_of_ended(const SocketOpener& opener) {
   return {{kUnset, opener.user, opener.group, opener.user, opener.group, opener.process, kUnset, 0}};
 }
 
-// Keeps the processes that opened sockets recently, the latest first: a browser opens many sockets in a row, and
-// opening a process's files takes most of the time of reading its token.
+// Keeps the processes that opened sockets recently, the latest first, because a browser opens many sockets in a row.
+// Each entry keeps open the files from which the process's token is read, because opening these files takes longer than
+// reading them.
 class RecentOpeners {
  public:
   // The opener's token. Nothing if the process has ended.
@@ -46,7 +47,7 @@ class RecentOpeners {
     std::chrono::steady_clock::time_point read;
   };
 
-  static constexpr size_t kLimit = 16;  // each keeps four descriptors open
+  static constexpr size_t kLimit = 16;  // each entry keeps four descriptors open
   // A process may change its user and groups, so its token is read again after this time.
   static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
   std::vector<Recent> recent_;

@@ -51,7 +51,7 @@ class SocketOwners {
 
   // The TCP socket with the pair's endpoints, or the socket that most likely sent a datagram from `local` to `remote`.
   // The kernel's record finds a datagram socket even if it was closed within the last seconds. Nothing if no socket
-  // fits (errno is 0) or if the kernel could not be asked (errno is set).
+  // matches (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
   // The cookies of all TCP sockets in the network namespace.
@@ -59,8 +59,8 @@ class SocketOwners {
 
   // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
   //
-  // If the opener has ended and no process holds the socket, the token is the opener's with version 0, which no running
-  // process has.
+  // If the opener has ended and no process holds the socket, the token has the opener's pid and user, and the version
+  // 0, which no running process has.
   Value ownerOf(const SocketFacts& socket);
 
  private:
