@@ -18,8 +18,8 @@
 namespace orvane {
 namespace {
 
-// A new file in memory that holds the text. The program's standard streams are files of this kind instead of pipes, so
-// that neither the program nor this process waits until the other reads or writes.
+// A new file in memory that contains the text. A program that run_command() starts gets such files as its standard
+// streams. With pipes, the program and this process could wait for each other forever.
 Descriptor file_with(std::string_view text) {
   Descriptor file(memfd_create("orvane-command", MFD_CLOEXEC));
   if (!file || !write_all(file.get(), text)) return {};
@@ -65,7 +65,7 @@ int spawn(const std::string& path, const std::vector<std::string>& words, const 
   return error;
 }
 
-// Waits for the process, and kills it at the limit. Returns the status from waitpid(2).
+// Waits until the process ends, and kills it if the limit is reached first. Returns the status from waitpid(2).
 int wait_for_end(pid_t process, const CommandLimit& limit, bool& killed) {
   Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, process, 0)));
   pollfd entry{end.get(), POLLIN, 0};

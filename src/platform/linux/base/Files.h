@@ -43,8 +43,8 @@ class FileReplacement {
   FileReplacement(const FileReplacement&) = delete;
   FileReplacement& operator=(const FileReplacement&) = delete;
 
-  // Creates the temporary file and returns when the text is on the disk. The file has this mode, whatever the umask. A
-  // killed process may have left a file with the temporary name; write() removes that file first.
+  // Creates the temporary file and returns when the text is on the disk. The file gets exactly this mode; the umask
+  // does not change it. A killed process may have left a file with the temporary name; write() removes that file first.
   std::error_code write(std::string_view text, mode_t mode);
   std::error_code renameTo(const std::string& name);
   // Returns when the rename is on the disk. After an error, processes see the new version, but a power failure may

@@ -7,7 +7,8 @@
 
 namespace orvane {
 
-std::string_view file_name(std::string_view path) { return path.substr(path.rfind('/') + 1); }  // npos + 1 is 0
+// If the path has no slash, rfind() returns npos, and npos + 1 is 0.
+std::string_view file_name(std::string_view path) { return path.substr(path.rfind('/') + 1); }
 
 std::string resolve_links(const std::string& path) {
   std::error_code error;

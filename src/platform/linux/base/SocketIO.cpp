@@ -75,7 +75,8 @@ class Attempts {
     }
   }
 
-  // Looks at the attempts that have ended: takes the first socket that is connected, and closes those that failed.
+  // Looks at the attempts that have ended: takes the first socket that is connected, and closes the sockets that
+  // failed.
   void collect() {
     for (size_t i = 0; i < open_.size() && !winner_;) {
       if (open_[i].revents == 0) {

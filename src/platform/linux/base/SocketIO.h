@@ -33,8 +33,8 @@ bool send_all(int socket, std::string_view bytes, int stop, Deadline deadline);
 void reset_connection(Descriptor socket);
 
 // Closes a connection so that the peer can read everything that was sent. Closing a socket with unread input would send
-// a reset, and a reset may discard bytes that the peer has not read yet. So this ends the output, then reads and
-// discards input until the peer closes, but for two seconds and 16 MiB at most.
+// a reset, and a reset may discard bytes that the peer has not read yet. So this function ends the output, and then
+// reads and discards input until the peer closes the connection, but for two seconds and 16 MiB at most.
 void close_gently(Descriptor socket, int stop);
 
 // The addresses of both endpoints of a connected socket. Nothing when the socket is not connected.

@@ -18,8 +18,8 @@ inline constexpr std::string_view kExceptionMark = "!.";
 // The hosts whose marked names cover `host`: the host itself, then its parents up to its registrable domain, the name
 // that somebody can register. For a.b.example.co.uk these are a.b.example.co.uk, b.example.co.uk and example.co.uk; not
 // co.uk, because the names below a public suffix belong to unrelated people. A host without a registrable domain, such
-// as a public suffix or a name without a dot, is covered only by itself. A literal address, or a name that is too long
-// for DNS, is covered by nothing. `host` must have the form that listed_form() gives; the results are views into it.
+// as a public suffix or a name without a dot, is covered only by itself. No name covers a literal address or a name
+// that is too long for DNS. `host` must have the form that listed_form() gives; the results are views into it.
 std::vector<std::string_view> covering_hosts(std::string_view host);
 
 // Whether the Public Suffix List contains the name: in the list's section of registries (co.uk), or in that of private

@@ -8,7 +8,7 @@
 namespace orvane {
 
 // An amount of processor time that the calling thread may use. The time during which the thread waits for a processor
-// does not count: otherwise another user could make a search fail by keeping the machine busy.
+// does not count: otherwise another user could use up the budget by keeping the machine busy.
 class ThreadBudget {
  public:
   explicit ThreadBudget(std::chrono::nanoseconds time) : begin_(now()), time_(time) {}

@@ -24,8 +24,8 @@ class BinaryReader {
 
  private:
   static constexpr size_t kTrailerSize = 32;
-  // Limit on the approximate memory in bytes that the list would take if no object was shared: each use of an object
-  // counts 64 bytes and its content.
+  // Limit on the memory, in bytes, that the list would take if no object was shared. This memory is estimated: 64 bytes
+  // and the object's content for each use of an object.
   static constexpr uint64_t kMaxCost = uint64_t{64} << 20;
   static constexpr uint64_t kCostOfUse = 64;
 
@@ -70,8 +70,9 @@ class BinaryReader {
   // Whether `count` items of `size` bytes fit between `at` and the offset table.
   bool fits(size_t at, uint64_t count, size_t size) const { return at <= table_ && count <= (table_ - at) / size; }
 
-  // Reads an object and everything that it refers to; a later visit returns the result of the first. `depth` is the
-  // number of objects on the path from the root to this one, both included. Null after a fault.
+  // Reads an object and everything that it refers to. A later visit to the object returns the result of the first
+  // visit. `depth` is the number of objects on the path from the root object to this object, both included. Null after
+  // a fault.
   const Object* visit(uint64_t index, size_t depth) {
     if (index >= objects_.size()) return fail("an object is missing"), nullptr;
     Object& object = objects_[index];

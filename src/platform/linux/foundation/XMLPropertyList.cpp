@@ -54,7 +54,7 @@ Value date_value(std::string_view text) {
   return absoluteTime ? Value::date(*absoluteTime) : Value();
 }
 
-// The text is Base64, with white space anywhere.
+// The text is Base64, and may contain white space anywhere.
 Value data_value(std::string_view text) {
   std::vector<uint8_t> bytes(text.size() / 4 * 3 + 3);
   const int length = b64_pton(std::string(text).c_str(), bytes.data(), bytes.size());

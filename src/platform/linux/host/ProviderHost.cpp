@@ -103,7 +103,7 @@ void ProviderHost::run(CreateProvider create, const std::string& className) {
     provider_ = provider;
   }
   provider->startFilterWithCompletionHandler([this](const Ref<NSError>& error) {
-    if (isStopped()) return;  // then the service manager has learned of the stop already
+    if (isStopped()) return;  // the service manager already knows that the extension stops
     if (error != nullptr) {
       reportFailure(error->localizedDescription());
     } else {

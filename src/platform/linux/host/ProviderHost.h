@@ -32,9 +32,9 @@ class ProviderHost {
 
   void registerClass(std::string_view name, CreateProvider create);
 
-  // Makes the provider and starts it on another thread. If the bundle names no known class, or if the thread cannot be
-  // started, reports the reason and returns false. A failure on the other thread is reported, but does not change the
-  // result.
+  // Makes the provider and starts it on another thread. If the bundle names no registered class, or if the thread
+  // cannot be started, reports the reason and returns false. A failure on the other thread is reported, but does not
+  // change the result.
   bool start();
 
   // Starts a flow source for the provider in place of the previous one. Returns the reason on failure.
