@@ -31,8 +31,8 @@ constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
 constexpr auto kReservationRetryInterval = 10 * kj::MILLISECONDS;
 
 // The limits for one message. The traversal limit is larger than the largest message, because the library counts some
-// words twice as it reads. A container uses three levels of the nesting limit, and the call around the value a few
-// more.
+// words twice as it reads. Each container in a value uses three levels of the nesting limit, and the call that contains
+// the value uses a few more.
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords + (1 << 20), 3 * kMaximumNesting + 16};
 
 // Counts the memory of the large messages of all sessions against kLargeMessageBudget. Thread-safe.
@@ -52,8 +52,8 @@ class LargeMessageBudget {
 };
 LargeMessageBudget large_message_budget;
 
-// Limit on the memory of all values: those that the extension stores, and those in calls that are being carried out. A
-// value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
+// Limit on the memory of all values: the values that the extension stores, and the arguments of the calls that are
+// being carried out. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
 constexpr uint64_t kValueBudget = uint64_t{512} << 20;
 constexpr uint64_t kValueBytesPerByte = 4;
 
@@ -133,8 +133,8 @@ class GuardedStream final : public capnp::MessageStream {
   kj::Promise<void> end() override { return stream_.end(); }
 
  private:
-  // The promise is fulfilled when the previous call has been carried out and the replies that wait to be sent are at
-  // most kMaximumUnsentBytes.
+  // The promise is fulfilled when the previous call has been carried out and at most kMaximumUnsentBytes of replies
+  // wait to be sent.
   kj::Promise<void> whenReadyForNextMessage() {
     // evalLast runs when the event loop has nothing else to do, so the previous call is complete by then.
     return kj::evalLast([this]() -> kj::Promise<void> {
@@ -223,7 +223,7 @@ void report_edit_of(const Value& name) {
 
 void report_edit_of_all(const Value&) { ListEdits::shared().addAll(); }
 
-// Passes the client's calls to the exported object, and its replies to the client. Reports edits to ListEdits.
+// Passes the client's calls to the exported object, and the object's replies to the client. Reports edits to ListEdits.
 class ControlServer final : public control::OrvaneSECommunication::Server {
  public:
   ControlServer(OrvaneSECommunication* exported, GuardedStream& stream) : exported_(exported), stream_(stream) {}
@@ -312,7 +312,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
 
   // Passes a call with one argument to the exported object, then passes the argument to `report`. `stored` is the
   // argument of ValueReservation. The callers pass 0 for a message that removes a value, replaces all values or stores
-  // nothing, so that this message works even when the stored values use up the budget.
+  // nothing, so that the message works even if the stored values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
                             void (*report)(const Value&), uint64_t stored = 0) {

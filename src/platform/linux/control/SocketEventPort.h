@@ -13,9 +13,9 @@ class SocketEventPort final : public kj::EventPort {
   explicit SocketEventPort(int socket);
 
   // The promise is fulfilled when a read would not block, because bytes, the end of the stream or an error have
-  // arrived. One caller at a time.
+  // arrived. Only one caller may wait at a time.
   kj::Promise<void> whenReadable() { return await(&reading_); }
-  // The promise is fulfilled when a write would not block. One caller at a time.
+  // The promise is fulfilled when a write would not block. Only one caller may wait at a time.
   kj::Promise<void> whenWritable() { return await(&writing_); }
   kj::Timer& timer() { return timer_; }
 
