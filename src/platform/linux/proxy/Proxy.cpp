@@ -119,7 +119,7 @@ std::optional<std::string> Proxy::listenOnLoopback() {
     uint16_t port = bound_port(v4.get());
     Descriptor v6 = listen_on(AF_INET6, port);
     int error = v6 ? 0 : errno;
-    // The free port that the kernel chose for IPv4 may be taken for IPv6. Then try another.
+    // If port_ is 0, the kernel chooses a port that is free for IPv4. If this port is in use for IPv6, try again.
     if (error == EADDRINUSE && port_ == 0 && attempt < 16) continue;
     if (error == EADDRINUSE) return failure(("cannot listen on [::1]:" + std::to_string(port)).c_str(), error);
     if (error != 0) ORVANE_LOG_DEFAULT(default_log(), "proxy: no IPv6: %s", std::strerror(error));

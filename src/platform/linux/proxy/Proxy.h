@@ -20,8 +20,8 @@ inline constexpr size_t kProxyConnectionLimit = 1024;
 struct ProxyLimits {
   size_t connections = kProxyConnectionLimit;
   // A connection that passes no bytes for this time ends. Network address translation may forget a connection after the
-  // same time (RFC 5382, section 5), so programs that want to keep an idle connection already send something more
-  // often.
+  // same time (RFC 5382, section 5), so programs that want to keep an idle connection already send something at shorter
+  // intervals.
   std::chrono::milliseconds idle = std::chrono::minutes(124);
 };
 
@@ -34,14 +34,15 @@ struct ProxyLimits {
 class Proxy final : public FlowSource {
  public:
   // With port 0, start() chooses a free port.
-  // If `endOpenConnections` is true, each edit of the list ends open connections that the provider drops then.
+  // If `endOpenConnections` is true, the proxy asks the provider again about all open connections after each edit of
+  // the list, and ends the connections that the provider now drops.
   explicit Proxy(uint16_t port, ProxyLimits limits = {}, bool endOpenConnections = true)
       : port_(port), limits_(limits), endOpenConnections_(endOpenConnections) {}
   ~Proxy() override { stop(); }
 
   std::optional<std::string> start(Ref<NEFilterDataProvider> provider, const NEFilterSettings& settings) override;
-  // Ends all connections, and waits up to 1 s for their threads. A thread that is looking up a name may outlive the
-  // call, and even the Proxy object, because the thread shares the ownership of what it uses.
+  // Ends all connections, and waits up to 1 s for their threads. A thread that is looking up a name may outlive this
+  // call and even the Proxy object. That is safe, because the thread shares the ownership of everything that it uses.
   void stop() override;
 
   // The port that the started proxy listens on.

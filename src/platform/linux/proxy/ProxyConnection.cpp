@@ -40,8 +40,8 @@ class Examination {
     return session_->newFlow() == FilterSession::State::Dropped ? Answer::Drop : Answer::Pass;
   }
 
-  // Lets ask() read the flow's name from its first bytes. ask() then calls `onName`, before it shows the flow's data to
-  // the provider.
+  // Lets ask() read the flow's name from the flow's first bytes. When ask() has found the name, it calls `onName`, and
+  // then shows the flow's data to the provider.
   void readNameFor(Ref<LinuxSocketFlow> flow, std::function<void(const std::string&)> onName) {
     unnamedFlow_ = std::move(flow);
     onName_ = std::move(onName);
@@ -60,11 +60,11 @@ class Examination {
   }
 
  private:
-  // Sets the flow's name if the bytes have it. Returns false while more bytes are needed.
+  // Sets the flow's name if the bytes contain it. Returns false if more bytes are needed to find the name.
   bool readName(std::span<const uint8_t> held, bool last) {
     if (unnamedFlow_ == nullptr) return true;
-    // `held` begins with the bytes of the last call; only those after them are new. If `held` fills the relay's buffer,
-    // no more bytes can come.
+    // `held` begins with the bytes that the last call got, so only the bytes after them are new. If `held` fills the
+    // relay's buffer, no more bytes can come.
     const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
     if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
     if (state == ServerNameReader::State::Known) {
@@ -202,8 +202,8 @@ bool ProxyConnection::examine() {
   return false;
 }
 
-// From now on, this connection ends if the provider drops its flow after an edit. `makeFlow` returns a new flow,
-// because another thread shows it to the provider.
+// From now on, this connection ends if the provider drops its flow after an edit. Another thread asks the provider
+// about a new flow, which `makeFlow` returns, so the two threads share no flow.
 template <class MakeFlow>
 void ProxyConnection::endAfterEdits(MakeFlow makeFlow) {
   place_.setReview([provider = context_.provider, makeFlow] {
@@ -227,7 +227,7 @@ bool ProxyConnection::gatherFirstBytes() {
   return false;
 }
 
-// Whether the connection's peer is the proxy itself, in any spelling of its address.
+// Whether the connection's peer is the proxy itself: the proxy's port on 127.0.0.1, ::1 or ::ffff:127.0.0.1.
 bool leads_to_proxy(int upstream, uint16_t port) {
   auto ends = socket_ends(upstream);
   if (!ends) return false;

@@ -29,8 +29,8 @@ class ProxyPlace {
   // Call this when the connection has passed bytes on. Thread-safe.
   void recordBytes(Clock::time_point now = Clock::now()) { lastBytes_.store(now, std::memory_order_relaxed); }
 
-  // From now on, ProxyPlaces::review() calls `isAllowed`, on its own thread, and ends the connection if the result is
-  // false. Thread-safe.
+  // From now on, ProxyPlaces::review() calls `isAllowed`, on the thread that calls review(), and ends the connection if
+  // the result is false. Thread-safe.
   void setReview(std::function<bool()> isAllowed);
 
  private:
@@ -44,9 +44,9 @@ class ProxyPlace {
 };
 
 // The places for a proxy's connections; the number of places is limited. If all places are taken, a new connection
-// still gets a place, so that no user can keep the other users out. To free a place, take() ends a connection of the
-// user with the most connections (the new connection is counted): the one that has passed no bytes for the longest
-// time. So a user never loses a place to another user who already has as many connections, or more.
+// still gets a place, so that no user can keep the other users out. To free a place, take() chooses the user with the
+// most connections (the new connection is counted), and ends the connection of this user that has passed no bytes for
+// the longest time. So a user never loses a place to another user who already has as many connections, or more.
 //
 // When a connection is ended, its place is free at once, but its thread may go on for some time, for example while it
 // looks up a name. While a user has kEndedLimit such threads, further connections of this user are refused.
@@ -66,7 +66,8 @@ class ProxyPlaces {
   // Ends the connections that have passed no bytes for this time.
   void endIdle(Clock::duration time, Clock::time_point now = Clock::now());
 
-  // Ends the connections that are not allowed any more. Meanwhile, take() and leave() wait.
+  // Ends the connections whose `isAllowed` (see ProxyPlace::setReview) now returns false. Meanwhile, take() and leave()
+  // wait.
   void review();
 
   // Ends all connections, and refuses new ones from now on. Waits for the threads of the ended connections, for at most

@@ -77,7 +77,8 @@ Relay::Outcome Relay::run() {
   }
 }
 
-// Asks whether the held bytes may leave, until the gate is open. Asks once more when no more outbound bytes will come.
+// Asks whether the held bytes may leave, unless the gate is already open. When no more outbound bytes will come, asks a
+// last time, even if the gate is open.
 void Relay::ask(bool silent) {
   if (endAsked_ || (gate_ == Gate::Open && !outbound_.sourceEnded)) return;
   endAsked_ = outbound_.sourceEnded;
@@ -101,9 +102,9 @@ Wait Relay::wait() {
     short events = 0;
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
-    // If a socket is shut down in both directions, poll() reports it again and again, even if no events are requested.
-    // So a socket is left out when no events are requested and nothing more will be written to it. A socket that may
-    // still be written to stays in: if no events are requested, poll() reports this socket only after a reset.
+    // If a socket is shut down in both directions, each poll() of this socket returns at once, even if no events are
+    // requested. So a socket is left out when no events are requested and nothing more will be written to it. A socket
+    // that may still be written to stays in: if no events are requested, poll() reports this socket only after a reset.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };

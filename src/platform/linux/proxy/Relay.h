@@ -12,7 +12,7 @@
 
 namespace orvane {
 
-// The bytes that one direction of a connection buffers, in addition to the kernel's own buffers.
+// The size, in bytes, of the relay's buffer for one direction of a connection. The kernel has buffers of its own.
 inline constexpr size_t kRelayBufferSize = 65536;
 
 // Whether outbound bytes may leave: yes, not yet, or never.
@@ -22,9 +22,9 @@ enum class Gate { Open, Held, Dropped };
 // sent nothing for 3 s. After the answer Open, the question is asked only once more, when the outbound bytes end.
 using GateQuestion = std::function<Gate(std::span<const uint8_t> held, bool ended, bool silent)>;
 
-// Copies bytes between a client and its upstream, each way through a bounded buffer: while one side does not read, the
-// other side is not read either. Inbound bytes pass while outbound bytes are held, because some servers speak first.
-// Not thread-safe.
+// Copies bytes between a client and its upstream, each way through a buffer of limited size. While the buffer is full
+// because one side does not read, the relay does not read from the other side either. Inbound bytes pass while outbound
+// bytes are held, because some servers speak first. Not thread-safe.
 class Relay {
  public:
   enum class Outcome {
