@@ -21,7 +21,7 @@ class Owned {
 
   T get() const { return object_; }
   explicit operator bool() const { return object_ != nullptr; }
-  // For functions with an output parameter. Call it only while this is empty.
+  // For functions with an output parameter. Call it only while this object is empty.
   T* out() { return &object_; }
 
  private:

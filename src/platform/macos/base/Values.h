@@ -13,7 +13,7 @@
 // autoreleased.
 namespace orvane {
 
-// Nil for nil. Inside containers, which cannot hold nil, NSNull stands for it.
+// Nil for nil. Foundation's containers cannot contain nil, so they contain NSNull instead.
 id foundation_object(const Value& value);
 
 // Nil for an object that no kind of value represents, and for a container inside kMaxDepth other containers.

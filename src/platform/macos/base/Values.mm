@@ -92,8 +92,8 @@ Value value_at_depth(id object, int depth) {
   if (is_kind(object, [::NSData class])) {
     return Value::data({static_cast<const uint8_t*>([object bytes]), [object length]});
   }
-  // The depth is limited because peers choose how deep their messages nest, and the threads that serve them have half a
-  // megabyte of stack.
+  // The depth is limited because peers choose how deep their messages nest, and the threads that serve the peers have
+  // only half a megabyte of stack.
   if (depth == kMaxDepth) return nullptr;
   if (is_kind(object, [::NSArray class])) return array_value(object, depth + 1);
   if (is_kind(object, [::NSSet class])) return set_value(object, depth + 1);

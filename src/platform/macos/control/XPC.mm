@@ -46,7 +46,7 @@ class Listener final : public NSXPCListener {
   }
 
   // The framework may raise an exception for a value that is not a valid name. Its documentation does not say whether
-  // creating or resuming the listener raises the exception, so both calls run here.
+  // creating or resuming the listener raises the exception, so both calls go through attempt().
   static void attempt(void (^work)()) {
     @autoreleasepool {
       @try {

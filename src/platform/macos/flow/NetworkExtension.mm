@@ -70,7 +70,7 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 ::NSArray* rule_objects(const std::vector<NEFilterRule>& rules) {
   ::NSMutableArray* objects = [::NSMutableArray arrayWithCapacity:rules.size()];
   for (const NEFilterRule& rule : rules) {
-    // Skip a rule that the framework refuses: adding nil would end the process.
+    // The framework may refuse a rule and return nil. Skip this rule, because adding nil would end the process.
     if (::NEFilterRule* object = rule_object(rule)) [objects addObject:object];
   }
   return objects;
