@@ -55,8 +55,8 @@ std::string join(std::string folder, const std::string& name) {
   return folder += name;
 }
 
-// Two desktop entries name `program`. Returns whether the program belongs to the entry with the ID `left`, and not to
-// the entry with the ID `right`.
+// Chooses between two desktop entries that name `program`. Returns whether the program belongs to the entry with the ID
+// `left`, and not to the entry with the ID `right`.
 bool is_preferred(const std::string& program, const std::string& left, const std::string& right) {
   const std::string_view name = file_name(program);
   if ((left == name) != (right == name)) return left == name;
@@ -70,7 +70,8 @@ bool is_preferred(const std::string& program, const std::string& left, const std
 struct ApplicationEntries {
   std::map<std::string, FolderState> folders;  // all folders that were read, by path
   // Whether a folder changed just before it was read. File times are coarse, so a change after the reading could leave
-  // the folder's time as it is and go unnoticed. So the next check reads the entries again in any case.
+  // the folder's time as it is and go unnoticed. So if hasRecentChange is true, the next check reads the entries again
+  // in any case.
   bool hasRecentChange = false;
 
   std::unordered_map<FileKey, std::string, FileKey::Hash> byFile;
@@ -187,7 +188,7 @@ class EntryReader {
         }
       }
     }
-    byProgram.merge(byName);  // if a folder is in both maps, byProgram counts
+    byProgram.merge(byName);  // if a folder is in both maps, only its entry in byProgram counts
     for (const auto& [folder, applications] : byProgram) {
       if (applications.size() == 1 && shared_.count(folder) == 0) result_->byFolder[folder] = *applications.begin();
     }

@@ -47,7 +47,7 @@ struct ApplicationFolders {
 // is rewritten in place. inotify(7) would save the stat(2) calls, but it cannot watch folders that do not exist yet,
 // and containers run into its limit on instances.
 //
-// Thread-safe. While one thread reads the entries again, the other threads use the previous ones.
+// Thread-safe. While one thread reads the entries again, the other threads use the previous entries.
 class ApplicationIndex {
  public:
   explicit ApplicationIndex(ApplicationFolders folders,

@@ -32,7 +32,7 @@ std::string unescape(std::string_view value) {
 }
 
 // Splits the value of the key Exec into words. Blanks separate words except inside double quotes, where a backslash
-// quotes the next character. Field codes such as %U stay.
+// quotes the next character. Field codes such as %U are not replaced.
 std::vector<std::string> split_command_line(std::string_view line) {
   std::vector<std::string> words;
   bool inWord = false;

@@ -9,12 +9,12 @@
 
 namespace orvane {
 
-// While an object of this class exists, its thread looks up the identity of each process only once: Security.h and
-// Process.h give the first answer again. The platform asks the provider about one flow under several names, and each
-// time the provider asks whose flow it is. Keep the object only while the platform asks about one flow, because a
-// process can start another program later.
+// While an object of this class exists, its thread looks up the identity of each process only once: the functions of
+// Security.h and Process.h return the first answer again. The platform asks the provider about one flow under several
+// names, and each time the provider asks whose flow it is. Keep the object only while the platform asks about one flow,
+// because a process can start another program later.
 //
-// A thread has one such object at a time.
+// A thread has at most one such object at a time.
 class IdentityAnswers {
  public:
   IdentityAnswers() { ofThisThread() = this; }
@@ -31,7 +31,8 @@ class IdentityAnswers {
     Ref<SecCode> code;
   };
 
-  // Each returns the answer to an earlier call with the same argument on this thread, and otherwise calls `find`.
+  // Each function returns the stored answer to an earlier call with the same arguments. If no answer is stored, it
+  // calls `find`.
   template <class Find>
   static Guest guest(const Value& auditToken, const Ref<Number>& pid, Find find) {
     return answer(&IdentityAnswers::guests_, std::pair(auditToken, pid), find);

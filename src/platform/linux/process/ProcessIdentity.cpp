@@ -79,7 +79,8 @@ std::string unescape_unit(std::string_view text) {
   return result;
 }
 
-// The ID in app[-LAUNCHER]-ID-RANDOM.scope and app[-LAUNCHER]-ID[@RANDOM].service. Empty for other names.
+// The application's ID in a unit's name of the form app[-LAUNCHER]-ID-RANDOM.scope or
+// app[-LAUNCHER]-ID[@RANDOM].service. Empty for other names.
 std::string application_of_unit(std::string_view unit) {
   constexpr std::string_view kScope = ".scope", kService = ".service";
   std::vector<std::string_view> parts;
@@ -121,8 +122,8 @@ bool follows_name(std::string_view part) {
   return part == "x86" || part == "amd64" || part == "aarch64" || part == "arm64" || part == "appimage";
 }
 
-// The application's name in an AppImage's file name, which must be in lower case: everything before the first part that
-// follows_name().
+// The application's name in an AppImage's file name, which must be in lower case: everything before the first part for
+// which follows_name() is true.
 std::string_view name_of_app_image(std::string_view file) {
   for (size_t end = file.find_first_of("-_. "); end != std::string_view::npos;
        end = file.find_first_of("-_. ", end + 1)) {
@@ -179,8 +180,8 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 
 std::optional<ApplicationUnit> unit_of_control_groups(std::string_view controlGroups) {
   for (std::string_view path : control_group_paths(controlGroups)) {
-    // The unit need not be the last component, because an application may make control groups inside its unit. So this
-    // tries every prefix of the path, the longest first.
+    // The unit need not be the last component, because an application may make control groups inside its unit. So the
+    // loop tries every prefix of the path, the longest first.
     for (size_t end = path.size(); end != std::string_view::npos && end > 0; end = path.rfind('/', end - 1)) {
       std::string_view unit = path.substr(0, end);
       std::string application = application_of_unit(file_name(unit));
@@ -207,9 +208,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
     }
   }
   // The control group names the snap from which the process was started. The process may still run a program of the
-  // system: for example, a browser that was started in the terminal of an editor from a snap. The calling process sees
-  // the files of the system, but not those in the snap's own /usr. So the control group counts only if the executable
-  // is not visible here.
+  // system: for example, a browser that was started in the terminal window of an editor, when the editor is a snap. The
+  // calling process sees the files of the system, but not those in the snap's own /usr. So the control group counts
+  // only if the executable is not visible here.
   if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
     program.package = snap_of_control_groups(process.controlGroups());
   }
@@ -235,7 +236,7 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid)
   if (!information) return nullptr;
   Program program = programOf(*information);
   auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program)});
-  // Without the executable a cached entry could not be checked later, so it is not cached.
+  // If the executable is unknown, findCached() could not check the process, so the process is not cached.
   if (!process->program.executable) return process;
   std::lock_guard lock(mutex_);
   auto now = std::chrono::steady_clock::now();
@@ -289,7 +290,7 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
 }
 
 std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
-  // Most units are not named after an application. For such a unit, the process table is not searched.
+  // Most units are not named after an application, and for these the process table need not be searched.
   if (!index_.hasApplication(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {

@@ -27,8 +27,8 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 
 // The name of the application in an AppImage. `path` is an executable inside the AppImage, and `mounts` the text of
 // /proc/pid/mounts. An AppImage mounts itself at FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the AppImage's
-// file name. The result is that file name in lower case, without the version, the processor and what follows: "firefox"
-// for Firefox-120.0-x86_64.AppImage. Nothing if `path` is in no AppImage.
+// file name. The result is the part of this file name before the version or the processor, in lower case: "firefox" for
+// Firefox-120.0-x86_64.AppImage. Nothing if `path` is in no AppImage.
 std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts);
 
 // The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
@@ -45,7 +45,7 @@ class ProcessIdentity {
   struct Program {
     std::optional<Executable> executable;
     std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
-    std::optional<std::string> image;    // application_of_app_image(), if the executable runs_other_programs()
+    std::optional<std::string> image;    // from application_of_app_image(), if the executable runs other programs
   };
 
   explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
@@ -60,7 +60,7 @@ class ProcessIdentity {
   };
 
   // Null when the process does not exist. A browser opens many connections at once, so a result is cached for half a
-  // second. During this time it is used only if the process still exists and runs the same executable.
+  // second. During this time, the cached result is used only if the process still exists and runs the same executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
   // The application ID of the program's package or desktop entry. Nothing for a program that has neither.
@@ -70,7 +70,7 @@ class ProcessIdentity {
   // that was unpacked from an archive has an identifier. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
-  // The process that is responsible for this one, the first that exists of:
+  // The process that is responsible for the process `pid`. It is the first in this list that exists:
   //   1. the process itself, if it is an application;
   //   2. its nearest ancestor that is an application. If the process is in an application's systemd unit, only the
   //      ancestors in this unit count: a desktop that starts a program in a new unit is not responsible for it;

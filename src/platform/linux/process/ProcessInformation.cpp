@@ -85,8 +85,8 @@ struct FileNumbers {
   ino_t inode;
 };
 
-// Asks only for what the kernel has cached, because a file system that a user serves (FUSE) could otherwise make this
-// process wait.
+// Asks only for what the kernel has cached, because a file system that a user's program serves (FUSE) could otherwise
+// make the calling process wait.
 std::optional<FileNumbers> examine_executable(int directory) {
   struct statx status;
   if (::statx(directory, "exe", AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) return std::nullopt;
@@ -127,7 +127,7 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
     auditUser_ = open_file(directory(), "loginuid");
     auditSession_ = open_file(directory(), "sessionid");
   }
-  std::array<char, 4096> buffer;  // the fields are in the first lines
+  std::array<char, 4096> buffer;  // the lines that are parsed below are at the start of the file
   std::string_view status = read_again(status_, buffer);
   auto user = parse_status_line(status, "\nUid:");
   auto group = parse_status_line(status, "\nGid:");

@@ -86,7 +86,8 @@ class ProcessInformation {
 };
 
 // The audit token of a running process. The audit user and the session are those of the kernel's audit system; both are
-// 4294967295 for a process outside a login. For the version, see version(). Nothing when the process does not exist.
+// 4294967295 for a process that belongs to no login. For the version, see version(). Nothing when the process does not
+// exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
 
 // The pids in a process table, in any order.

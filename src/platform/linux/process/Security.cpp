@@ -68,8 +68,8 @@ void release(const CodeURL* url) { release_counted(url); }
 void retain(const Dictionary* dictionary) { dictionary->references.fetch_add(1, std::memory_order_relaxed); }
 void release(const Dictionary* dictionary) { release_counted(dictionary); }
 
-// No Number object exists. The pointer itself holds the value, shifted left by one bit. Its lowest bit is 1, which no
-// object's address has.
+// No Number object exists. The pointer itself holds the value, shifted left by one bit. The pointer's lowest bit is 1;
+// the address of an object would have a 0 there.
 void retain(const Number*) {}
 void release(const Number*) {}
 
