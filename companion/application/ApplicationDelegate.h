@@ -4,7 +4,7 @@
 
 #import "companion/application/Switch.h"
 
-// Shows the application's window, which has a state and two buttons for the system extension, and the same for the
-// content filter.
+// Shows the application's window. The window has one row for the system extension and one row for the content filter.
+// Each row shows a state and has two buttons.
 @interface ApplicationDelegate : NSObject <NSApplicationDelegate, SwitchObserver>
 @end

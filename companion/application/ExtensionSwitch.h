@@ -7,8 +7,8 @@
 
 // Activates and deactivates the system extension in this application's bundle. Use it on the main thread.
 //
-// macOS 11 cannot tell whether an extension is active, so the state is the outcome of the last request. If the
-// extension is active already, a request to activate it succeeds at once.
+// macOS 11 cannot tell whether an extension is active, so this class shows the outcome of its last request as the
+// state. If the extension is active already, a request to activate it succeeds at once.
 @interface ExtensionSwitch : Switch <OSSystemExtensionRequestDelegate> {
  @private
   OSSystemExtensionRequest* _request;  // the last request; nil once it is answered

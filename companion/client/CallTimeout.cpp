@@ -40,7 +40,7 @@ void tick_every(suseconds_t period) {
 CallTimeout::CallTimeout(std::chrono::milliseconds timeout) {
   call_deadline = steady_now() + std::chrono::nanoseconds(timeout).count();
   // SA_RESTART is not set: connect(2) waits while the extension's queue of connections is full, and a signal must make
-  // it return with EINTR.
+  // connect(2) return with EINTR.
   struct sigaction action {};
   action.sa_handler = on_tick;
   sigaction(SIGALRM, &action, nullptr);

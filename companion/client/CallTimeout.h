@@ -10,8 +10,8 @@ namespace orvane {
 // For single-threaded programs. Uses SIGALRM and ITIMER_REAL, so only one CallTimeout may exist at a time.
 class CallTimeout {
  public:
-  // The time starts here. connect_client() has a shorter limit: the first signal, after 200 ms, ends its wait for an
-  // extension that accepts no connection.
+  // The time starts when the constructor runs. If the extension accepts no connection, connect_client() waits only
+  // until the first signal, which comes after 200 ms.
   explicit CallTimeout(std::chrono::milliseconds timeout);
   ~CallTimeout();
   CallTimeout(const CallTimeout&) = delete;

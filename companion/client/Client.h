@@ -34,8 +34,8 @@ class UnresponsiveExtension : public ClientError {
 
 struct ClientOptions {
   std::string service = kDefaultServiceName;
-  // The path of the socket; must be empty over XPC. If empty, the client tries the usual paths of the service's socket,
-  // the user's before the system's, and uses the first where an extension listens.
+  // The path of the socket; must be empty over XPC. If it is empty, the client tries the usual paths of the service's
+  // socket, the user's paths before the system's, and uses the first path at which an extension listens.
   std::string socket;
 };
 
@@ -48,7 +48,7 @@ struct ClientOptions {
 // was too large for the socket or of a type that XPC cannot carry.
 class Client {
  public:
-  // Called with the number of bytes that the system has accepted so far, and the total.
+  // Called with the number of bytes that the system has accepted so far, and with the number of all bytes to send.
   using Progress = std::function<void(uint64_t sent, uint64_t total)>;
 
   virtual ~Client() = default;

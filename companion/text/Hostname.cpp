@@ -83,8 +83,9 @@ size_t dot_length(std::string_view text) {
   return 0;
 }
 
-// A label with the prefix of A-labels must decode, and encoding the result must give the same label. A label that IDNA
-// forbids but UTS #46 allows is accepted, because browsers accept it (xn--i-7iq, a heart).
+// Refuses a label that has the prefix of A-labels but cannot be decoded, or that becomes another label when the decoded
+// text is encoded again. A label that IDNA forbids but UTS #46 allows is accepted, because browsers accept it
+// (xn--i-7iq, a heart).
 bool accept_a_label(std::string_view label, std::string& fault) {
   if (label.substr(0, kALabelPrefix.size()) != kALabelPrefix) return true;
   ALabel found = look_up_label(std::string(label));
@@ -141,8 +142,8 @@ bool ends_in_number(std::string_view name) {
   return std::all_of(last.begin(), last.end(), is_digit);
 }
 
-// Checks the converted name as a whole. `isAscii`: the given name was ASCII. Then its A-labels must
-// be checked here; append_label() has checked those of other names.
+// Checks the converted name as a whole. `isAscii`: whether the given name was ASCII. If it was, this function also
+// checks the A-labels; otherwise append_label() has checked them.
 bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   if (name.empty()) {
     fault = "it is empty: give a host name";

@@ -28,7 +28,7 @@ struct HostnameList {
 // name, blank lines, and comments. A comment starts at a "#" that is first on its line or follows white space.
 HostnameList parse_hostname_list(std::string_view text);
 
-// The parts of this syntax, for readers of other lists. White space is a space, a tab or CR.
+// Parts of this syntax, for functions that read other lists. White space is a space, a tab or CR.
 inline constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 inline constexpr std::string_view kLineSpace = " \t\r";
 std::string_view without_comment(std::string_view line);

@@ -37,7 +37,8 @@ LocalTime local_time(Moment moment) {
   return LocalTime(moment.time_since_epoch() + seconds(local_fields(moment).tm_gmtoff));
 }
 
-// If a change of the clocks skips or repeats `local`, uses the offset from before the change (RFC 5545, section 3.3.5).
+// If a change of the clocks skips or repeats `local`, uses the UTC offset from before the change (RFC 5545, section
+// 3.3.5).
 Moment moment_of(LocalTime local) {
   const Moment near(local.time_since_epoch());
   const Moment before = near - seconds(local_fields(near - days(1)).tm_gmtoff);
@@ -45,8 +46,8 @@ Moment moment_of(LocalTime local) {
   return local_time(before) != local && local_time(after) == local ? after : before;
 }
 
-// Reads a text part by part from its start. Once a part does not match, isValid() stays false and the values returned
-// are meaningless.
+// Reads a text part by part from its start. If a part does not match, isValid() is false from then on, and the values
+// that the other functions return are meaningless.
 class Reader {
  public:
   explicit Reader(std::string_view text) : rest_(text) { skipSpace(); }

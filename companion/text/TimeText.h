@@ -29,9 +29,9 @@ std::chrono::seconds read_duration(std::string_view text);
 //   2026-12-24, tomorrow          the start of that day
 //   tomorrow 9:00, today 18:00
 //
-// When the clocks change, a time that occurs twice means the first one, and a time that is skipped is read with the
-// offset from before the change (RFC 5545, section 3.3.5). Throws InputError for any other text, for a moment that has
-// passed, and for one more than ten years away.
+// When the clocks change, a time that occurs twice means its first occurrence, and a time that is skipped is read with
+// the UTC offset from before the change (RFC 5545, section 3.3.5). Throws InputError for any other text, and for a
+// moment that has passed or that is more than ten years away.
 Moment read_until(std::string_view text, Moment now);
 
 // For people, in the local time zone: "18:00", "tomorrow 09:00" or "2026-12-24 18:00"; with seconds unless they are 0.

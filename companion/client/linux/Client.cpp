@@ -22,8 +22,8 @@ namespace {
 
 using Remote = control::OrvaneSECommunication::Client;
 
-// How many messages are sent before the client waits for the reply to the first one. The extension's own limit on calls
-// without a reply is higher.
+// For edits of many names: how many messages may wait for their replies at the same time. The extension has a limit of
+// its own on such messages, which is higher.
 constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};

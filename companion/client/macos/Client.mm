@@ -16,7 +16,7 @@ namespace {
 
 using Remote = id<OrvaneSECommunication>;
 
-// How many host names of a long list are sent before the client waits for an answer.
+// For edits of many names: how many host names are sent before the client waits for an answer.
 constexpr size_t kWindow = 256;
 
 const char* const kEnded = "it ended during the call: its log may say why; run the command again";
@@ -48,8 +48,8 @@ std::string describe(::NSError* error) {
   return text_of([error localizedDescription]) + ": its log may say more";
 }
 
-// Whether a container may have this element. Nil and sets are not allowed, neither as the element itself nor anywhere
-// inside it. If a container has any other element, the extension's side drops the whole message without an error. So
+// Whether a container may have this element. The element must not be nil or a set, and must not contain nil or a set.
+// If a container has an element that is not allowed, the extension's side drops the whole message without an error. So
 // the client checks before it sends.
 bool is_property_list(const Value& element) {
   if (element.isNil() || element.isSet()) return false;
@@ -93,8 +93,8 @@ class XPCClient final : public Client {
       connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
                                                                options:NSXPCConnectionPrivileged];
       [connection_ setRemoteObjectInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
-      // After an interruption, the next message would reach a restarted extension, but the messages before it are lost.
-      // So an interruption ends the client.
+      // After an interruption, the next message would reach a restarted extension, but the messages before the
+      // interruption are lost. So an interruption ends the client.
       const std::shared_ptr<FirstError> firstError = error_;
       [connection_ setInterruptionHandler:^{
         firstError->set(kEnded);

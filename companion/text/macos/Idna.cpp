@@ -4,8 +4,8 @@
 #include <memory>
 #include <string_view>
 
-// Functions of ICU, which is part of macOS as libicucore. The SDK has no header for them, so they are declared here
-// after ICU's documentation of uidna.h and ustring.h. They have been the same since ICU 4.6.
+// Functions of ICU, which is part of macOS as libicucore. The SDK has no header for these functions, so this file
+// declares them as ICU's documentation of uidna.h and ustring.h does. They have not changed since ICU 4.6.
 extern "C" {
 struct UIDNA;
 struct UIDNAInfo {
@@ -69,8 +69,8 @@ const UIDNA* uts46() {
   return kIdna.get();
 }
 
-// uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not allowed, so check for it first. u_strFromUTF8
-// gets no output buffer, so for valid text it reports an overflow, which is no fault here.
+// look_up_label() calls this before uidna_labelToASCII_UTF8, which reports broken UTF-8 as a character that is not
+// allowed. u_strFromUTF8 gets no output buffer, so for valid text it reports an overflow, which is no fault here.
 bool is_utf8(const std::string& text) {
   int error = 0;
   int32_t length = 0;
@@ -90,7 +90,7 @@ ALabel failure(ALabel::Status status, const char* reason = "") { return {status,
 }  // namespace
 
 ALabel look_up_label(const std::string& label) {
-  // In bytes. A longer label becomes longer than 63 characters, unless most of its characters map to nothing.
+  // In bytes. The A-label of a longer label has more than 63 characters, unless most of the characters map to nothing.
   constexpr size_t kLongest = 4096;
   if (label.size() > kLongest) return failure(ALabel::Status::TooLong);
   if (!is_utf8(label)) return failure(ALabel::Status::NotUTF8);
