@@ -23,13 +23,14 @@ constexpr size_t kPolicyLimit = size_t{1} << 20;
 constexpr const char* kOurFile = "orvane-se.json";
 constexpr const char* kFirefoxFile = "policies.json";
 
-// The policies that switch features off. `path` leads to the policy in the JSON file, as a JSON pointer (RFC 6901).
+// The policies that switch a HidingFeature off. `path` leads to the policy in the JSON file, as a JSON pointer (RFC
+// 6901).
 struct Policy {
   BrowserFamily family;
   HidingFeature feature;
   Json::json_pointer path;
   bool off;                   // the value that switches the feature off
-  bool isPreference = false;  // one of Firefox's preferences; only a locked value is binding
+  bool isPreference = false;  // the policy sets a preference of Firefox; users can change a value that is not locked
 };
 const std::vector<Policy>& policies() {
   static const std::vector<Policy> kPolicies = [] {
@@ -47,7 +48,7 @@ const std::vector<Policy>& policies() {
   return kPolicies;
 }
 
-// The name of the running machine's architecture in Flatpak's paths.
+// The architecture of this machine, as Flatpak's paths name it.
 std::string flatpak_architecture() {
   utsname system{};
   return ::uname(&system) == 0 ? system.machine : "x86_64";
@@ -68,8 +69,8 @@ std::vector<PolicyPlace> make_places() {
       {"Microsoft Edge", Chromium, "/etc/opt/edge/policies/managed", kOurFile, "/etc/opt", "com.microsoft.Edge"},
       {"Brave", Chromium, "/etc/brave/policies/managed", kOurFile, "/etc", "com.brave.Browser"},
       {"Firefox", Firefox, "/etc/firefox/policies", kFirefoxFile, "/etc", ""},
-      // The "1" in this path is the version of Flatpak's extension point. Without a name after "Extension.", Chromium
-      // would not start.
+      // The "1" in this path is the version of Flatpak's extension point. If the path had no name after "Extension.",
+      // Chromium would not start.
       {"Chromium (Flatpak)", Chromium,
        extensions + "org.chromium.Chromium.Extension.orvane-se/" + architecture + "/1/policies/managed", kOurFile,
        parent, "org.chromium.Chromium"},
@@ -99,8 +100,8 @@ Found find_file(const PolicyPlace& place, const std::string& path) {
   return *content == policy_text(place.family) ? Found::Ours : Found::Foreign;
 }
 
-// Creates the folders of a place. Returns the reason of a failure, or an empty text. chmod() undoes the umask, because
-// the browsers of all users must be able to read the folders.
+// Creates the folders of a place. Returns the reason of a failure, or an empty text. chmod() restores the permissions
+// that the umask took away, because the browsers of all users must be able to read the folders.
 std::string make_folders(const PolicyPlace& place, const std::string& root) {
   std::vector<std::string> folders = folders_of(place, root);
   for (auto folder = folders.rbegin(); folder != folders.rend(); ++folder) {
@@ -151,8 +152,9 @@ PolicyChange remove(const PolicyPlace& place, const std::string& root) {
   return {&place, PolicyChange::Outcome::Done, {}};
 }
 
-// Whether the file `json` switches the policy's feature on or off; no value if it does neither. For a preference,
-// Firefox accepts a bare value, which counts as locked, or an object with a value and a status.
+// Whether the policy file with the content `json` switches the policy's feature on (true) or off (false); no value if
+// the file does neither. For a preference, Firefox accepts a bare value, which it treats as locked, or an object with a
+// value and a status.
 std::optional<bool> read_policy(const Policy& policy, const Json& json) {
   if (!json.contains(policy.path)) return std::nullopt;
   const Json* value = &json[policy.path];
@@ -171,7 +173,7 @@ std::vector<std::string> policy_files(const PolicyPlace& place, const std::strin
     std::error_code ignored;
     if (it->is_regular_file(ignored)) files.push_back(it->path().string());
   }
-  // If several files have a setting, Chromium 156 uses the file whose name sorts last.
+  // If several files contain the same policy, Chromium 156 uses the file whose name sorts last.
   std::sort(files.begin(), files.end());
   return files;
 }

@@ -12,12 +12,12 @@ namespace orvane {
 // Managed policies are files with which the machine's administrator configures browsers for all users. The policies
 // that orvanectl installs switch off the browser features that hide host names from the filter.
 
-// A browser feature with which the filter may not see the name of every host that a connection serves.
+// A browser feature that can hide the names of some hosts from the filter.
 enum class HidingFeature {
-  Http3,              // connections over UDP; not read if the extension's setting OrvaneHTTP3 is "pass"
+  Http3,              // connections over UDP; they pass unread if the extension's setting OrvaneHTTP3 is "pass"
   EncryptedHello,     // Encrypted Client Hello (RFC 9849): the hello shows only the name of the hosting service
-  SharedConnections,  // one HTTP/2 connection for several names (RFC 9113, section 9.1.1). Only Firefox can switch it
-                      // off
+  SharedConnections,  // one HTTP/2 connection for several names (RFC 9113, section 9.1.1). Only Firefox has a policy
+                      // against it
 };
 inline constexpr std::array kHidingFeatures = {HidingFeature::Http3, HidingFeature::EncryptedHello,
                                                HidingFeature::SharedConnections};
@@ -46,7 +46,7 @@ struct PolicyPlace {
   BrowserFamily family;
   std::string folder;   // without a trailing slash
   std::string file;     // the file in this folder that install_policies() writes
-  std::string parent;   // we create and remove only folders below it; if it is missing, install_policies() does nothing
+  std::string parent;   // we create and remove only folders below `parent`; if `parent` is missing, we install nothing
   std::string flatpak;  // the application ID of the Flatpak that reads this folder; empty if no Flatpak does
 
   std::string path() const;

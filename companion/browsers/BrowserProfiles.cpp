@@ -13,8 +13,8 @@ namespace fs = std::filesystem;
 
 constexpr size_t kSettingsLimit = size_t{32} << 20;
 
-// The text VALUE in the last line `user_pref("NAME", VALUE);` of a preference. Firefox writes each preference on its
-// own line.
+// Returns VALUE from the last line of the form `user_pref("NAME", VALUE);`, where NAME is `name`. Firefox writes each
+// preference on its own line.
 std::string_view preference(std::string_view text, std::string_view name) {
   const std::string start = "user_pref(\"" + std::string(name) + "\", ";
   size_t found = text.rfind(start);

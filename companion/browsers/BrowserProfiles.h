@@ -15,7 +15,7 @@ struct BrowserProfile {
   PerFeature<std::optional<bool>> features;  // on or off; no value if the browser's default applies
 };
 
-// Reads Firefox's prefs.js. Of several lines for one preference, the last one counts.
+// Reads Firefox's prefs.js. If several lines set the same preference, the last of them decides.
 BrowserProfile parse_firefox_preferences(std::string_view text);
 // Reads Chromium's "Local State", a JSON object. Any other text gives an empty profile.
 BrowserProfile parse_chromium_state(std::string_view text);

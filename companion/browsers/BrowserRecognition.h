@@ -14,7 +14,7 @@ struct RecognitionFault {
 };
 
 // Checks the browser list in the package's bundle. Returns nothing if the list is valid, if the package is not
-// installed, or if `client` names a socket, which may be another extension's.
+// installed, or if `client` names a socket, because an extension with another list may listen on that socket.
 std::optional<RecognitionFault> recognition_fault(const ClientOptions& client);
 
 }  // namespace orvane

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 constexpr size_t kEntryLimit = size_t{1} << 20;
 constexpr std::string_view kGroup = "Desktop Entry";
 
-// Browsers whose family is known. A browser belongs to the first entry whose `part` occurs in its identifier.
+// The browsers whose family we know. A browser belongs to the first entry whose `part` occurs in its identifier.
 struct KnownBrowser {
   std::string_view part;  // of the identifier, in lower case
   BrowserFamily family;
@@ -135,8 +135,8 @@ class Search {
   }
 
   // The extension identifies a running script by its interpreter. Returns the interpreter's path, with links resolved.
-  // Empty if the program is not a script, if its interpreter is not a known one, and for a shell script, because a
-  // browser's shell script only starts the real browser.
+  // Empty in three cases: the program is not a script; runs_other_programs() does not know the interpreter; the program
+  // is a shell script, because a browser's shell script only starts the real browser.
   std::string interpreter_of(const std::string& path) const {
     auto start = read_file_start(path, 256, Links::Follow);
     if (!start || !start->starts_with("#!")) return {};

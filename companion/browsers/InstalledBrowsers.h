@@ -37,8 +37,8 @@ struct InstalledBrowser {
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
   const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented
-  // For Chromium's family only: the folder of the browser's profiles, relative to ~/.config or to the package's own
-  // folder for configuration. Empty if unknown.
+  // For Chromium's family only: the folder of the browser's profiles, relative to ~/.config. For a Flatpak or a snap,
+  // it is relative to the package's own folder in the user's home. Empty if we do not know it.
   std::string_view profileFolder = {};
 };
 

@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// A site for people: "example.com and its subdomains", or the host alone for a site without subdomains.
+// Describes a site to people: "example.com and its subdomains", or the host alone for a site without subdomains.
 std::string site_text(const ListedSite& site);
 
 // A JSON object with the members "host", "scope" ("subdomains", "exact" or "exception") and "suspended"; also with

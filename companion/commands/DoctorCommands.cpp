@@ -99,8 +99,8 @@ int doctor(const CommonOptions& options) {
   return sound ? kDone : kFailed;
 }
 
-// Only root may write below /etc. This is checked first, so that the user gets one clear error instead of one for each
-// file.
+// Whether the user may write below /etc; only root may. The commands call this first, so that another user gets one
+// clear error instead of one error for each file.
 bool may_write(const char* command) {
   if (::geteuid() == 0) return true;
   print_error(std::string("cannot change browser policies: only root may write to /etc: run sudo orvanectl browsers "
@@ -172,8 +172,8 @@ int remove(bool json) {
   bool whole = report_failures(changes, "remove");
   for (const PolicyChange& change : changes) {
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
-    // Firefox has one policy file, which other programs write, too. If it switches nothing off, nothing in it is ours,
-    // and no message is needed.
+    // Firefox has one policy file, which other programs write, too. If this file switches none of the features off, it
+    // contains nothing of ours, and no message is needed.
     const bool shared = change.place->family == BrowserFamily::Firefox;
     const PolicyInForce policy = policy_in_force(*change.place, kThisMachine);
     const bool isOff = std::any_of(kHidingFeatures.begin(), kHidingFeatures.end(),

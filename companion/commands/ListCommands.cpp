@@ -43,7 +43,7 @@ struct Change {
   bool changed = false;
   std::string outcome;         // in words; may be empty
   bool isMeantToBlock = true;  // false if the command lets the host pass
-  std::string otherLine{};     // a line that decides the opposite about the site's host; empty if there is none
+  std::string otherLine{};     // the result of opposite_line()
 };
 
 // The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
@@ -51,8 +51,8 @@ struct Change {
 using FindSites = std::function<std::vector<ListedSite>(const BlockList& list)>;
 using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
 
-// Returns the sites that the given words name, in the form that browsers send. Reports each word that names no site,
-// and then throws InputError.
+// Returns the sites that the given words name, with their hosts in the form that browsers send. Reports each word that
+// names no site, and then throws InputError.
 std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Scope scope) {
   std::vector<ListedSite> sites;
   ListedSite site;
@@ -196,7 +196,8 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
   return kDone;
 }
 
-// Describes the line that the site's host had before the command. Empty if the host had no line.
+// Describes `before`, the line that the list had for the site's host before the command. Returns an empty
+// text if there was no line.
 std::string previous_state(const ListedSite* before, const ListedSite& site, Moment now) {
   if (before == nullptr) return "";
   if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);

@@ -114,8 +114,7 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
     lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
                     std::to_string(keeper->process));
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
-    // If orvanectl itself cannot reach the extension, the output's part about the extension contains the reason
-    // already.
+    // If orvanectl itself cannot reach the extension, extension_lines() already says why.
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
   } else {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +

@@ -48,8 +48,8 @@ bool wait(const CommonOptions& options, const ListVersion& version, size_t sites
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
-    // If a keeper runs, wait only if the list is in the file that this keeper sends, because no program sends another
-    // file. If no keeper runs, call wait() only for the default file; wait() then reports that no keeper runs.
+    // If a keeper runs, wait only if the list is in the file that this keeper sends, because nobody sends a list in any
+    // other file. If no keeper runs, call wait() only for the default file; wait() then reports that no keeper runs.
     if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
       return std::nullopt;
     return wait(options, version, sites);

@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// Waits until the keeper has sent this version of the list's file, with `sites` sites, to the extension. The limit is
-// five seconds, and more for a large list. Returns true when the list was sent. If the list was not sent, prints why,
-// and what to do, and returns false. Returns nothing, without waiting, if the keeper serves another file.
+// Waits until the keeper has sent this version of the list's file, which has `sites` sites, to the extension. Waits at
+// most five seconds, or longer for a large list. Returns true when the list was sent. If the list was not sent, prints
+// why, and what to do, and returns false. Returns nothing, without waiting, if the keeper sends another file.
 std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
 
 }  // namespace orvane
