@@ -10,7 +10,7 @@
 namespace orvane {
 namespace {
 
-using enum QuicInitialReader::State;
+using enum NameState;
 using quic::crypto;
 using quic::hello;
 using quic::variable;

@@ -8,7 +8,7 @@
 namespace orvane {
 namespace {
 
-using enum ServerNameReader::State;
+using enum NameState;
 
 using tls::extension;
 using tls::server_name;
