@@ -9,7 +9,7 @@
 // only.
 //
 // Every function except db_init and db_term may be called on any thread. The caller keeps ownership of the arguments.
-// No function fails: if an argument has the wrong type, the function does what its comment says about this case.
+// No function fails. The comment of a function says what happens if an argument has the wrong type.
 //
 // Host names match byte for byte. The database changes neither case nor a final dot, so callers pass the form in which
 // browsers ask for a name.

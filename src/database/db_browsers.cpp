@@ -19,7 +19,7 @@ struct BrowserMatch {
 
 void match_browser_identifier(const Value& key, const Value& /*value*/, BrowserMatch* context) {
   if (context == nullptr || !key.isString() || context->found) return;
-  // An empty entry matches nothing, as on macOS, where an anchored search for an empty string fails.
+  // An empty entry matches nothing, as on macOS, where a search for an empty string fails.
   const std::string_view ending = key.asString();
   context->found = !ending.empty() && context->identifier.ends_with(ending);
 }
@@ -99,8 +99,8 @@ void load_browsers_id() {
 }
 
 void db_browser_set_from_plist(const Value& plist) {
-  // The function does not return after this message. asArray() then returns an empty array, so the message "empty plist
-  // file" follows.
+  // The function does not return after this message. For a value that is not an array, asArray() returns an empty
+  // array, so the message "empty plist file" follows.
   if (!plist.isArray()) ORVANE_LOG_ERROR(db_log, "bad plist format");
   if (plist.asArray().empty()) {
     ORVANE_LOG_DEBUG(db_log, "empty plist file");

@@ -71,9 +71,9 @@ void append_characters(Line& line, const unsigned char* bytes, int32_t count, in
 
 void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t bytesPerLine, int32_t groupSize,
                  bool showASCII) {
-  // The group size of a line decides in which column its ASCII characters begin. If the length of the last line is no
-  // multiple of the group size, the line is printed in single bytes, and its characters begin further right than those
-  // of the lines above. This layout is frozen (docs/compatibility.md).
+  // The group size of a line decides in which column its ASCII characters begin. If the length of the last line is not
+  // a multiple of the group size, the line is printed in single bytes, and its characters begin further right than
+  // those of the lines above. This layout is frozen (docs/compatibility.md).
   if (count % groupSize != 0) groupSize = 1;
   bool whole = true;
   if (groupSize == 1) {
@@ -86,7 +86,7 @@ void format_line(Line& line, const unsigned char* bytes, int32_t count, int32_t 
 
 }  // namespace
 
-// `log` is passed by value: the dump keeps the handle alive until its last line.
+// `log` is passed by value, so that the handle lives until the last line of the dump is logged.
 void os_log_dump(os_log_t log,  // NOLINT(performance-unnecessary-value-param)
                  const char* prefix, int32_t offsetStyle, int32_t bytesPerLine, int32_t groupSize, const void* data,
                  uint64_t length, bool showASCII) {

@@ -15,7 +15,7 @@ namespace orvane {
 // state between calls.
 class FilterDataProvider : public NEFilterDataProvider {
  public:
-  // Null when the base initialiser fails.
+  // Null if initialise() of the base class fails.
   static Ref<FilterDataProvider> init();
 
   void startFilterWithCompletionHandler(ErrorHandler completionHandler) override;

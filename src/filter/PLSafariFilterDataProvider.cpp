@@ -46,8 +46,8 @@ NEFilterNewFlowVerdict PLSafariFilterDataProvider::handleNewFlow(const NEFilterF
   const Ref<NSURL> url = flow.URL();
   if (url) ORVANE_LOG_DEBUG(_log, "URL: %@", url->absoluteString());
   const std::optional<std::string> hostname = hostname_of(flow, url);
-  // Every flow to a held host is examined further, because only handleOutboundDataFromFlow() reads the host's date
-  // DontBlockUntil.
+  // For every flow to a held host, the provider asks for the flow's data, because only handleOutboundDataFromFlow()
+  // reads the host's date DontBlockUntil.
   if (hostname && db_has_hostname(*hostname)) {
     ORVANE_LOG_DEBUG(_log, "found hostname (%@) in database : examining data flow.", *hostname);
     return NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);

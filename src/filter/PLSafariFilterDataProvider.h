@@ -14,7 +14,7 @@ namespace orvane {
 // first data unless the host is suspended (db_properties.h). It ignores DNS. Keeps no state between calls.
 class PLSafariFilterDataProvider : public NEFilterDataProvider {
  public:
-  // Null when the base initialiser fails.
+  // Null if initialise() of the base class fails.
   static Ref<PLSafariFilterDataProvider> init();
 
   void startFilterWithCompletionHandler(ErrorHandler completionHandler) override;

@@ -4,7 +4,7 @@
 
 #include "platform/NetworkExtension.h"
 
-// Properties that the providers read from any flow.
+// Properties that the providers read from flows of any kind.
 namespace orvane {
 
 // The flow as a socket flow. Null when it is not a socket flow.

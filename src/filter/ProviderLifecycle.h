@@ -9,8 +9,8 @@
 // Functions that both provider classes share: to start, to stop, and to make rules.
 namespace orvane {
 
-// Asks the platform to apply the rules, and to allow flows that match no rule. Reports the outcome to the handler. Logs
-// a failure.
+// Asks the platform to apply the rules, and to allow flows that match no rule. Passes the outcome to the handler, and
+// logs a failure.
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler);
 

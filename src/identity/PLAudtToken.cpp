@@ -12,8 +12,8 @@ namespace {
 
 bool is_audit_token(const Value& data) { return data.isData() && data.asData().size() == sizeof(audit_token_t); }
 
-// Looks up the bundle identifier of the running program that the attributes describe. On every return, the objects are
-// released in the reverse order of their creation, and the caller releases the attributes last.
+// Looks up the bundle identifier of the running program that the attributes describe. On every return, the objects that
+// the function creates are released in the reverse order of their creation. The caller then releases the attributes.
 std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref<Dictionary>& attributes) {
   Ref<SecCode> code;
   OSStatus status = SecCodeCopyGuestWithAttributes(nullptr, attributes.get(), kDefaultFlags, code.out());

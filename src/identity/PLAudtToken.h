@@ -19,7 +19,7 @@ namespace orvane {
 class PLAudtToken : public NSObject {
  public:
   static Ref<PLAudtToken> auditTokenWithData(const Value& data) { return initWithData(data); }
-  // Accepts any value, nil included: the look-ups check the token. Null when the base initialiser fails.
+  // Accepts any value, nil included: the look-ups check the token. Null if initialise() of the base class fails.
   static Ref<PLAudtToken> initWithData(const Value& data);
 
   // The token as it was given. Reading and setting are atomic.

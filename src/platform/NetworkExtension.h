@@ -32,8 +32,8 @@ class NWHostEndpoint : public NWEndpoint {
   std::string hostname_, port_;
 };
 
-// One flow of network data of one process. The platform owns it and lends it to the provider for one call. Its
-// properties may change between two reads.
+// A flow of network data that belongs to one process. The platform owns the flow and lends it to the provider for one
+// call. The flow's properties may change between two reads.
 class NEFilterFlow : public NSObject {
  public:
   // The audit token of the process that opened the flow: data of 32 bytes, or nil when the process is unknown.
@@ -44,9 +44,9 @@ class NEFilterFlow : public NSObject {
 
 class NEFilterSocketFlow : public NEFilterFlow {
  public:
-  // Null while unknown.
+  // Null while the endpoint is unknown.
   virtual Ref<NWEndpoint> remoteEndpoint() const = 0;
-  // The host name that the application asked for, in the application's spelling. Nothing when unknown.
+  // The host name that the application asked for, in the application's spelling. Nothing if the name is unknown.
   virtual std::optional<std::string> remoteHostname() const = 0;
   // SOCK_STREAM or SOCK_DGRAM, as socket(2) numbers them.
   virtual int32_t socketType() const = 0;

@@ -3,7 +3,7 @@
 namespace orvane {
 namespace {
 
-constexpr size_t kMaxName = 255;  // RFC 1035, section 2.3.4: octets of a name with its length octets
+constexpr size_t kMaxName = 255;  // RFC 1035, section 2.3.4: octets of a name, including its length octets
 constexpr uint8_t kMaxLabel = 63;
 
 }  // namespace

@@ -23,7 +23,8 @@ bool read_stream_open(ReadStream* stream);
 // Returns null if the stream has no internal buffer; that is not an error.
 const uint8_t* read_stream_get_buffer(ReadStream* stream, int64_t maxBytesToRead, int64_t* numBytesRead);
 
-// Reads at most bufferLength bytes, once. Returns their number, 0 at the end, or a negative number on an error.
+// Calls the system's read function once, for at most bufferLength bytes. Returns the number of bytes read, 0 at the end
+// of the stream, or a negative number on an error.
 int64_t read_stream_read(ReadStream* stream, uint8_t* buffer, int64_t bufferLength);
 
 void read_stream_close(ReadStream* stream);

@@ -23,8 +23,8 @@ bool XPCServiceDelegate::shouldAcceptNewConnection(NSXPCListener& /*listener*/, 
   newConnection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
   newConnection.setExportedObject(OrvaneController::shared());
   newConnection.activate();
-  // The handlers are set after activate(): that order is frozen (docs/compatibility.md). If the connection ends in
-  // between, the handlers' log messages may be missing.
+  // The handlers are set after activate(): that order is frozen (docs/compatibility.md). If the connection ends before
+  // the handlers are set, their log messages may be missing.
   newConnection.setInvalidationHandler([] {
     ORVANE_LOG_DEFAULT(default_log(), "connection invalidated");
     OrvaneController::shared()->stop();
