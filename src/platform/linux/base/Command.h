@@ -9,12 +9,12 @@
 
 namespace orvane {
 
-// The outcome of a program that was run.
+// The outcome of run_command().
 struct CommandResult {
   bool success = false;
   bool missing = false;  // the program is not installed
   std::string output;    // the standard output of a program that succeeded
-  std::string error;     // why the run failed, as one line: the program's standard error, if it wrote any
+  std::string error;     // why the run failed, as one line; for example, what the program wrote to standard error
 };
 
 // When a running program is killed: at the deadline `end`, or as soon as `stop`, an eventfd(2), is readable. Without

@@ -6,9 +6,9 @@ namespace orvane {
 
 // Whether the bytes that were read so far contain a name.
 enum class NameState {
-  Open,     // more bytes can give the name
+  Open,     // later bytes may contain the name or its end
   Known,    // the name is complete
-  Unknown,  // there is no name, and later bytes cannot give one
+  Unknown,  // there is no name, and later bytes cannot contain one
 };
 
 // The form in which host names are listed, and in which the provider compares them byte for byte: ASCII letters in

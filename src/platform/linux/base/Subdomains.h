@@ -5,7 +5,7 @@
 
 namespace orvane {
 
-// Names on the list that begin with a mark stand for a host and everything below it:
+// A name on the list that begins with a mark stands for a host and all its subdomains:
 //
 //   .example.com      example.com and all its subdomains are blocked
 //   !.x.example.com   x.example.com and all its subdomains are allowed, even if other names on the list cover them

@@ -197,9 +197,9 @@ class GuardedStream final : public capnp::MessageStream {
     }
   }
 
-  // True for a call that has no capabilities, at most one step in the transform of its target, and the caller as
-  // receiver of its results. Other calls are refused, because capabilities and transforms are lists, and the library
-  // allocates as many entries as the message claims.
+  // True for a call that passes no capabilities, whose target has a transform of at most one step, and whose results go
+  // to the caller. Other calls are refused, because capabilities and transforms are lists, and the library allocates as
+  // many entries as the message claims.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
     bool direct = !target.isPromisedAnswer() || target.getPromisedAnswer().getTransform().size() <= 1;

@@ -33,9 +33,9 @@ enum class SessionEnd {
 // `activity` whether it is idle.
 //
 // Clients are not trusted:
-// - All sessions share two memory budgets: one for large messages, and one for values, which includes the stored
-//   values. A large message waits until its budget has room. A call that would exceed the budget for values is answered
-//   with an error, and the session goes on.
+// - All sessions share two memory budgets: one for large messages, and one for values, including the values that the
+//   extension stores. A large message waits until the first budget has room. A call that would exceed the second budget
+//   is answered with an error, and the session goes on.
 // - While too many bytes of replies wait because the client does not read them, the session reads no further message.
 // - The session ends if the client has too many unfinished calls, or sends a message that this protocol does not need.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported, SessionActivity& activity);

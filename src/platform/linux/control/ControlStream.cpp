@@ -19,7 +19,7 @@ namespace {
 // Limit on the segments of one message. Cap'n Proto's own stream readers have the same limit.
 constexpr uint32_t kMaximumSegments = 512;
 
-// The capacity of the outbox. A message that does not fit into it is sent directly from its own memory.
+// The capacity of the outbox. A message that does not fit into the outbox is sent directly from the message's memory.
 constexpr size_t kOutboxBytes = 32768;
 
 // A message starts with a segment table of 32-bit little-endian numbers (capnproto.org/encoding.html, "Serialization

@@ -99,7 +99,8 @@ class XMLReader {
     context_ = context.get();
     *context_->sax = handlers();
     context_->userData = this;
-    // libxml2 makes a document for declarations even with these handlers, so the result must be freed.
+    // Even with these handlers, libxml2 makes a document when it parses certain declarations, so the result must be
+    // freed.
     xmlFreeDoc(xmlCtxtReadMemory(context_, reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()),
                                  nullptr, nullptr, XML_PARSE_NONET));
     if (context_->wellFormed == 0) fail("it is not well-formed XML");

@@ -19,7 +19,7 @@ namespace orvane::log_detail {
 
 enum class Kind : uint8_t { Object, Int, Long, UnsignedLong, Characters, Address, UnsignedInt };
 
-// One argument of a message. Refers to the caller's value; valid during the statement that logs it.
+// One argument of a message. Refers to the caller's value; valid only during the logging statement.
 struct Argument {
   Kind kind;
   const void* object = nullptr;
@@ -48,7 +48,7 @@ inline Argument argument(const void* v) { return {Kind::Address, v}; }
 template <class T, class... Choices>
 inline constexpr bool is_one_of = (std::is_same_v<T, Choices> || ...);
 
-// The kind of an argument of type T. A call with a type that no conversion takes does not compile.
+// The kind of an argument of type T. A logging statement with an argument that no conversion takes does not compile.
 template <class T>
 constexpr Kind kind_of() {
   using Bare = std::decay_t<T>;

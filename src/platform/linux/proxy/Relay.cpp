@@ -38,8 +38,8 @@ size_t Relay::Direction::read() {
   return 0;
 }
 
-// Writes what the target takes, and returns whether it took bytes. If the target reads no more, only this direction is
-// finished, because the target may still send.
+// Writes as many bytes as the target accepts, and returns whether it accepted any. If the target reads no more, only
+// this direction is finished, because the target may still send.
 bool Relay::Direction::write() {
   ssize_t count = send(to, buffer.get() + begin, end - begin, MSG_NOSIGNAL);
   if (count < 0 && !try_again()) {
@@ -103,8 +103,9 @@ Wait Relay::wait() {
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
     // If a socket is shut down in both directions, each poll() of this socket returns at once, even if no events are
-    // requested. So a socket is left out when no events are requested and nothing more will be written to it. A socket
-    // that may still be written to stays in: if no events are requested, poll() reports this socket only after a reset.
+    // requested. So a socket is not polled if no events are requested and nothing more will be written to it. A socket
+    // to which bytes may still be written is always polled: if no events are requested, poll() reports this socket only
+    // after a reset.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
