@@ -19,7 +19,7 @@ class Block<Result(Arguments...)> {
   ~Block() { Block_release(block_); }
   Block& operator=(const Block&) = delete;
 
-  // Null if made from null.
+  // Null if this object was made from null.
   Type get() const { return block_; }
   Result operator()(Arguments... arguments) const { return block_(arguments...); }
 

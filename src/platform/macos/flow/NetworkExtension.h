@@ -8,7 +8,7 @@
 @class NEFilterNewFlowVerdict;
 @class NSArray;
 
-// Converts the core's verdicts and rules to objects of the framework, autoreleased.
+// Converts the core's verdicts and rules to autoreleased objects of the framework.
 namespace orvane {
 
 ::NEFilterNewFlowVerdict* verdict_object(const NEFilterNewFlowVerdict& verdict);

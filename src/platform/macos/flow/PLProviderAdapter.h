@@ -11,7 +11,7 @@
   orvane::Ref<orvane::NEFilterDataProvider> _provider;
 }
 
-// Each derived class returns a new provider of its C++ class. If it returns null, init returns nil.
+// Each derived class returns a new provider of its C++ class. If the provider is null, init returns nil.
 - (orvane::Ref<orvane::NEFilterDataProvider>)makeProvider;
 
 @end

@@ -5,8 +5,8 @@
 namespace orvane {
 
 // Sets the Objective-C object that the system sees in place of a C++ object. Both objects share one monitor, so code
-// that holds the monitor in one language also excludes code in the other. Retains the Objective-C object and borrows
-// the C++ object until the process ends. Call it once, before another thread uses the C++ object's monitor.
+// that holds the monitor in one language also excludes code in the other language. Retains the Objective-C object and
+// borrows the C++ object until the process ends. Call it once, before another thread uses the C++ object's monitor.
 // Thread-safe.
 void set_counterpart(const NSObject* object, void* objectiveC);
 

@@ -6,7 +6,8 @@
 @class NSError;
 @class NSURL;
 
-// Wraps Foundation's errors and URLs in the platform's classes. All NSError and NSURL objects on macOS are made here.
+// Wraps Foundation's errors and URLs in the platform's classes. On macOS, only error_of() and url_of() make NSError and
+// NSURL objects.
 namespace orvane {
 
 // error_of() and url_of() return null for nil.

@@ -30,7 +30,7 @@ enum class LogLevel : uint8_t {
 
 namespace log_detail {
 
-// The system's object behind a handle; for a null handle, that of the default log. Never null.
+// The system's object behind a handle. For a null handle, the object of the default log. Never null.
 void* native(const os_log_t& log);
 
 // An argument in the form that the system's macro takes. Lives until the end of the logging statement.
