@@ -12,7 +12,7 @@ struct mnl_socket;
 namespace orvane {
 
 // Changes the marks of connections in the kernel's connection tracking (nf_conntrack), in the network namespace of the
-// thread that opens it. Not thread-safe.
+// thread that calls open(). Not thread-safe.
 class ConnectionTracking {
  public:
   // Needs CAP_NET_ADMIN. Returns an error if the kernel cannot change marks.

@@ -243,8 +243,8 @@ int KernelRules::changeDescriptor() const { return implementation_->changes.get(
 
 KernelRules::State KernelRules::check(std::string& error, int stop) {
   Implementation& own = *implementation_;
-  // Discard the messages before the check, so that a change during the check wakes the thread again. Our own repair is
-  // a change, so it wakes the thread, too; the next check then finds the rules intact.
+  // Discard the messages before the check, so that a change during the check wakes the calling thread again. Our own
+  // repair is a change, so it wakes the thread, too; the next check then finds the rules intact.
   if (own.changes) drain(own.changes.get());
   if (!own.installed) return State::Intact;
   State state = State::Intact;

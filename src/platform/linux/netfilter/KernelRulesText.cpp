@@ -12,9 +12,9 @@ namespace orvane {
 namespace {
 
 // Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet with payload. Simpler matches
-// (the PSH flag, a length, u32) would miss data on the SYN, tiny payloads or the first segment of a narrow window, or
-// would match a SYN without data. The IPv6 program cannot look behind extension headers, so it matches every packet
-// that has them; parse_packet() then finds the TCP header.
+// (the PSH flag, a length, u32) would miss data on the SYN, tiny payloads or a first segment that the receiver's narrow
+// window cuts short, or would match a SYN without data. The IPv6 program cannot look behind extension headers, so it
+// matches every packet that has them; parse_packet() then finds the TCP header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =
@@ -79,9 +79,9 @@ class ProviderChains {
     const char *outbound, *inbound;
   };
 
-  // Appends the match of an endpoint's address to `match`, and the match for inbound packets to `inbound`. If the
-  // address is of the other address family, no packet of family_ can match the rule, so this sets `canMatch` to false.
-  // Returns false and sets error_ if the endpoint has a host name instead of an address.
+  // Appends the match of an endpoint's address to `match` for outbound packets, and to `inbound` for inbound packets.
+  // If the address is of the other address family, no packet of family_ can match the rule, so the function sets
+  // `canMatch` to false. Returns false and sets error_ if the endpoint has a host name instead of an address.
   bool network(const Ref<NWHostEndpoint>& end, uint64_t prefix, Options options, std::string& match,
                std::string& inbound, bool& canMatch) {
     if (end == nullptr || end->hostname().empty()) return true;
@@ -120,9 +120,9 @@ class ProviderChains {
 // What happens to a packet in three chains (ORVANE-OUTPUT of both tables, and ORVANE-INPUT), and in the chains to which
 // they jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
 // "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. In each of the
-// three chains, the first rule returns if the connection is allowed and the packet has no bits. This is so for most
-// packets, and no later rule matches them. In mangle OUTPUT, the first rule does not match SYNs, because a SYN clears
-// the connection's bits.
+// three chains, the first rule returns if the connection is allowed and the packet has no bits. Most packets are of
+// this kind, and no later rule would match them. In mangle OUTPUT, the first rule does not match SYNs, because a SYN
+// clears the connection's bits.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -171,10 +171,10 @@ class ProviderChains {
 // - A server can make connection tracking forget a connection that the sockets still have: with a reset that the
 //   client's TCP ignores, or with silence. For connection tracking, the next segment then begins a connection (NEW),
 //   although it is not a SYN. If that segment is outbound, it is treated like a SYN. If it is inbound, it goes to the
-//   queue, also without payload: connection tracking keeps the new connection if the segment passes, and no rule would
+//   queue, even without payload: connection tracking keeps the new connection if the segment passes, and no rule would
 //   ask about the browser's request on a connection that the server began. An inbound SYN does not go to the queue,
 //   because it begins a new connection for the sockets, too.
-// - Any remote host can send packets of no known connection. So INVALID drops the packets beyond a rate limit. The
+// - Any remote host can send packets of no known connection. So INVALID drops such packets beyond a rate limit. The
 //   packets below the limit leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
@@ -288,8 +288,8 @@ std::string tables(AddressFamily family, const ProviderChains& chains) {
 }
 
 // Adds a line of iptables-save to `table` if it is a chain of ours, a rule of ours, or a jump to our chains.
-// `lastChain` is the built-in chain of the previous rule. A rule of another built-in chain than `lastChain` is the
-// first rule of its chain.
+// `lastChain` is the built-in chain of the previous rule. If the built-in chain of a rule is not `lastChain`, the rule
+// is the first of its chain.
 void read_line(std::string_view line, SavedTable& table, std::string_view& lastChain) {
   if (line.starts_with(":ORVANE-")) table.chains.emplace_back(line.substr(1, line.find(' ') - 1));
   if (line.starts_with(":ORVANE-") || line.starts_with("-A ORVANE-")) table.lines.append(line) += '\n';

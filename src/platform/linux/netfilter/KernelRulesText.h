@@ -45,9 +45,9 @@ std::optional<std::string> kernel_rules_text(const NEFilterSettings& settings, A
 
 // Our part of one table in the output of iptables-save(8).
 struct SavedTable {
-  std::string lines;                // our chains and their rules, as printed
-  std::vector<std::string> chains;  // the names of our chains
-  std::vector<std::string> jumps;   // all rules of the built-in chains that jump to ours: jump_from() and others
+  std::string lines;                        // our chains and their rules, as printed
+  std::vector<std::string> chains;          // the names of our chains
+  std::vector<std::string> jumps;           // all rules that jump from built-in chains to our chains
   std::vector<std::string> chainsWithJump;  // the built-in chains whose first rule is jump_from()
 
   // Whether jump_from() is the first rule of each chain in `chainsOfKernel`, and no other rule jumps to our chains.

@@ -31,8 +31,8 @@ using namespace std::chrono_literals;
 constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
 constexpr auto kReviewTime = 1ms;       // how long packets may wait while connections are reviewed
-constexpr auto kRulesDebounce = 200ms;  // from a change to the check: a firewall that reloads makes many changes
-constexpr auto kRulesPoll = 500ms;      // between checks, if the kernel sends no messages or the last repair failed
+constexpr auto kRulesDebounce = 200ms;  // delay from a change to the check: a firewall reload makes many changes
+constexpr auto kRulesPoll = 500ms;      // time between checks if the kernel sends no messages or the last repair failed
 
 class SystemOwners final : public FlowOwners {
  public:
@@ -303,7 +303,7 @@ void Netfilter::Queue::rebind() {
 }
 
 // Asks the provider about open connections that edits of the list concern. Packets wait during this call, so it ends
-// after kReviewTime; the next call, after the next packet, goes on.
+// after kReviewTime, and the next call continues with the remaining connections.
 void Netfilter::Queue::reviewConnections() {
   if (edits == nullptr) return;
   connections.plan(edits->take());

@@ -15,13 +15,14 @@ namespace orvane {
 // rules (KernelRules.h) send the first outbound bytes of new connections to a packet queue and carry out the verdicts.
 // Needs CAP_NET_ADMIN.
 //
-//   queue thread          reads packets, asks the provider, answers; only this thread uses flows, so they need no lock
+//   queue thread          reads packets, asks the provider, answers the kernel; only this thread uses flows, so flows
+//                         need no lock
 //   rules thread          repairs the kernel rules
 //   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
 class Netfilter final : public FlowSource {
  public:
   // If `endOpenConnections` is true, the provider is asked about open connections again after each edit of the list,
-  // and the connections that it then drops are ended.
+  // and the connections that the provider then drops are ended.
   explicit Netfilter(bool endOpenConnections);
   ~Netfilter() override;
 

@@ -46,7 +46,7 @@ void OpenConnections::planName(std::string_view name) {
   const bool withSubdomains = name.starts_with('.');
   std::string begin = reversed(withSubdomains ? name.substr(1) : name);
   if (withSubdomains) {
-    // Each name below this name ends in a dot and this name. '/' is the character after '.'.
+    // Reversed, each name below this name begins with `begin` and a dot. '/' is the character after '.'.
     plans_.push_front({{begin + '.', 0, {}}, begin + '/'});
   }
   std::string end = begin + '\0';  // the next string in the order of bytes

@@ -36,13 +36,14 @@ struct OpenConnection {
 // are shown to the provider again, each as a new flow. If the provider now drops a connection, the connection is ended.
 //
 // The connections are sorted by their names, read from the last byte to the first. So the connections of one name are
-// neighbours, and so are the connections of all names below one name. An edit of one name looks at no other
-// connections.
+// neighbours, and so are the connections of all names below one name. After an edit of one name, no other connections
+// are read.
 //
 // Nobody reports the end of a connection. (Connection tracking can, but only two minutes later by default, and its
-// messages may be lost.) Instead, removeEnded() makes two checks for each connection that was added: it checks whether
-// the socket of the connection that was checked longest ago still exists. So at most about half of the stored
-// connections have ended, unless more connections are added in a second than removeEnded() checks.
+// messages may be lost.) So removeEnded() makes two checks for each connection that was added. A check takes the
+// connection that was added or checked longest ago, and removes it if its socket no longer exists. As a result, at most
+// about half of the stored connections have ended, unless more connections are added in a second than removeEnded() can
+// check.
 //
 // Not thread-safe: belongs to the queue's thread.
 class OpenConnections {
@@ -56,15 +57,16 @@ class OpenConnections {
 
   // Adds a connection. If the limit of its user is then exceeded, forgets a connection of this user; if the limit of
   // all users is exceeded, forgets a connection of any user. The forgotten connection is the one that was added or
-  // checked longest ago. It stays open, whatever is edited.
+  // checked longest ago. No later edit ends the forgotten connection.
   void add(OpenConnection connection);
 
   // Removes some connections whose sockets were closed. Call it when no packet waits, because each check takes some
-  // microseconds. It makes at most kChecksAtOnce checks, and none within kCheckInterval of the last ones.
+  // microseconds. One call makes at most kChecksAtOnce checks, and none within kCheckInterval after the previous
+  // checks.
   void removeEnded(Clock::time_point now);
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
-  // the dot and for all names below it; the same name after a "!" is an exception from such a name.
+  // the dot and for all names below it; with a "!" before the dot, the name is an exception for the same names.
   void plan(const ListEdits::Edits& edits);
 
   // Asks about planned connections until `time` has passed, but about one connection at least. Edits of one name come
@@ -90,7 +92,7 @@ class OpenConnections {
     uint64_t cookie = 0;
     SocketPair pair;
 
-    // clang-tidy 14 takes the 0 in the code that the compiler generates for a null pointer.
+    // In the code that the compiler generates here, clang-tidy 14 mistakes a 0 for a null pointer.
     friend auto operator<=>(const Key&, const Key&) = default;  // NOLINT(modernize-use-nullptr)
   };
   struct Entry;

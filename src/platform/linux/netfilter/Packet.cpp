@@ -89,7 +89,7 @@ bool read_tcp(Bytes segment, Packet& packet) {
   packet.ack = (segment[13] & kAck) != 0;
   packet.fin = (segment[13] & kFin) != 0;
   packet.rst = (segment[13] & kRst) != 0;
-  packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // a SYN takes one number (RFC 9293, section 3.4)
+  packet.sequence = read_u32(segment, 4) + (packet.syn ? 1 : 0);  // a SYN has its own number (RFC 9293, section 3.4)
   packet.payload = segment.subspan(header);
   return true;
 }

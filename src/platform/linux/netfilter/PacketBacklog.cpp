@@ -7,7 +7,7 @@ namespace orvane {
 void PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now,
                         const std::function<void(const QueuedPacket&)>& drop) {
   User& user = users_[packet.user];
-  // Time that a user did not need is not saved up for later.
+  // A user without packets cannot save up time for later.
   if (user.packets.empty()) user.used = std::max(user.used, level_);
   Packet& added = user.packets.emplace_back(Packet{packet, {packet.bytes.begin(), packet.bytes.end()}, now});
   added.queued.bytes = added.bytes;

@@ -29,8 +29,8 @@ constexpr uint32_t kFlags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID;
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
-// A command of older kernels that does nothing now. It still needs the same capability as the other commands, so it
-// shows whether this process has the capability.
+// This command had an effect in older kernels and does nothing now. It still needs the same capability as the other
+// commands, so it shows whether this process has the capability.
 void put_no_operation(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
 
 void put_settings(nlmsghdr* message) {
@@ -59,8 +59,8 @@ std::optional<std::string> PacketQueue::open() {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
   int error = configure(put_bind);
-  // The kernel returns EPERM for a missing capability and for a queue that another socket has. If this process has the
-  // capability, another socket has the queue.
+  // The kernel returns EPERM for a missing capability and for a queue that another socket has. So if this process has
+  // the capability, another socket has the queue.
   taken_ = error == EPERM && configure(put_no_operation) == 0;
   if (error == 0) error = configure(put_settings);
   const std::string queue = "packet queue " + std::to_string(number_);

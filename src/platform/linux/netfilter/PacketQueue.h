@@ -23,7 +23,7 @@ struct QueuedPacket {
   bool isInbound;                  // whether the packet comes from chain INPUT; else it comes from OUTPUT
   uint32_t interface;              // index of the interface by which the packet came or will leave; 0 if unknown
   uint32_t user;                   // the owner of the packet's socket; kNoUser if the kernel reports none
-  std::span<const uint8_t> bytes;  // from the IP header on, 65531 at most; valid during the handler's call
+  std::span<const uint8_t> bytes;  // at most 65531 bytes from the IP header on; valid during the handler's call
   size_t length;                   // of the whole packet, which may be longer than `bytes`
 };
 

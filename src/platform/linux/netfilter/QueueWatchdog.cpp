@@ -34,8 +34,8 @@ std::string failure(const char* what) {
   return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
 }
 
-// Whether a thread runs or is ready to run, from its file /proc/PID/task/TID/stat (proc(5)). The state is the word
-// after the program's name, which is in parentheses and may contain any character.
+// Whether a thread runs or is ready to run. `status` is the path of its file /proc/PID/task/TID/stat (proc(5)). The
+// state is the word after the program's name, which is in parentheses and may contain any character.
 bool is_runnable(const char* status) {
   char text[128] = {};
   Descriptor file(open(status, O_RDONLY | O_CLOEXEC));
@@ -113,7 +113,7 @@ void QueueWatchdog::watch() {
   nlmsghdr* probe = nfq_nlmsg_put(messages[1].data(), NFQNL_MSG_CONFIG, queueNumber_);
   nfq_nlmsg_cfg_put_cmd(probe, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND);  // does nothing
   probe->nlmsg_flags |= NLM_F_ACK;
-  uint32_t settled = shared_->probes.load();  // the last probe that was answered, or no longer needs an answer
+  uint32_t settled = shared_->probes.load();  // the last probe that was answered, or that needs no answer any more
   uint64_t last = 0;
   for (int silent = 0, starved = 0;;) {
     pollfd end{pipeReadEnd_.get(), 0, 0};

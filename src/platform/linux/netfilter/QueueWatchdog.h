@@ -21,7 +21,8 @@ namespace orvane {
 // (a probe) four times a second. The kernel puts its answer into this buffer, behind the packets that were queued
 // before, so the thread reads the answer after those packets. If the buffer is full, the kernel sends no answer.
 //
-// The child ends when this process ends. Otherwise the child's copy would keep the socket open. Not thread-safe.
+// The child ends when this process ends. Otherwise the child's copy of the descriptor would keep the netlink socket
+// open. Not thread-safe.
 class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
@@ -31,10 +32,9 @@ class QueueWatchdog {
   // The queue is also released when packets wait in the socket's buffer for longer than this. The limit leaves time for
   // a burst of new connections, and is below the 5 s after which resolvers ask again (resolv.conf(5)).
   static constexpr int kLongestWaitMilliseconds = 3000;
-  // Neither the time without a heartbeat nor the time that packets wait is counted while the thread that serves the
-  // queue is ready to run, but gets no processor (other programs use all processors, or a hypervisor has paused this
-  // machine's processor): such a thread does not hang. After this limit, both times are counted again, because the
-  // thread may be in an endless loop.
+  // While the thread that serves the queue is ready to run but gets no processor (other programs use all processors, or
+  // a hypervisor has paused this machine's processor), the time does not count for the two limits above, because the
+  // thread does not hang. After this third limit, the time counts again, because the thread may be in an endless loop.
   static constexpr int kLongestStarvationMilliseconds = 10'000;
 
   // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error on failure.
@@ -43,7 +43,7 @@ class QueueWatchdog {
 
   // The thread that serves the queue calls this at least twice a second: each call is a heartbeat. The first heartbeat
   // starts the watch. Returns true if the queue was released since the last call; the caller must then bind the queue
-  // again. If the child has died, starts another.
+  // again. If the child has died, starts another child.
   bool beat();
 
   // Reports the number of the last probe whose answer the thread has read (PacketQueue::acknowledged()).

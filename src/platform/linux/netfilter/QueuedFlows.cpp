@@ -180,7 +180,7 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   return true;
 }
 
-// Reads the flow's server name as far as the bytes go. Returns whether the flow can be shown to the provider now, with
+// Searches the flow's next bytes for its server name. Returns whether the flow can be shown to the provider now, with
 // or without a name.
 bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
   const bool stream = flow.pair.protocol == IPPROTO_TCP;

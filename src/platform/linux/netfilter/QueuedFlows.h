@@ -22,7 +22,7 @@ namespace orvane {
 enum class PacketVerdict {
   Ignored,  // the packet says nothing about a flow
   Open,     // there is no verdict yet; later packets are needed
-  Held,     // there is no verdict yet, and the packet must not pass before; the sender sends the content again
+  Held,     // there is no verdict yet, and the packet may not pass without one; its sender sends the content again
   Allowed,  // the flow is allowed
   Dropped,  // the flow is dropped
 };
@@ -59,8 +59,8 @@ class QueuedFlows {
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its
   // socket. Payload of a server may pass only when the flow is allowed: otherwise the server could answer before the
   // request names the host. If the provider does not know the flow yet, this function shows the flow to the provider,
-  // without a name. If the program is no browser, the provider allows the flow at once, so servers of such programs may
-  // speak first.
+  // without a name. If the program is no browser, the provider allows the flow at once, so a server may send first to
+  // such a program.
   //
   // `hasConnection`: whether connection tracking knows the connection. If it does not, a packet without payload may not
   // pass either: the packet would begin a new connection from the server's side, and the kernel rules would not ask
@@ -68,8 +68,9 @@ class QueuedFlows {
   PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
-  // connection continues when connection tracking starts, or when it forgets the connection. QueuedFlows itself calls
-  // this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets are remembered.
+  // connection continues when connection tracking starts, or when connection tracking forgets the connection.
+  // QueuedFlows itself calls this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets
+  // are remembered.
   void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
 
   // From now on, drops the packets of an allowed flow that come from the queue. These are the flow's packets that are
@@ -80,8 +81,8 @@ class QueuedFlows {
   // overwrites the marks of this flow's packets, so the packets are queued again and again.
   bool isLooping() const { return isLooping_; }
 
-  // Call this when the queue is empty. Packets that are judged later were then queued after all verdicts so far. If
-  // such a packet belongs to a flow that has a verdict already, it is counted (FlowCounters::lateQueued).
+  // Call this when the queue is empty. Each packet that is judged after this call was queued after all verdicts so far.
+  // If such a packet belongs to a flow that has a verdict already, it is counted (FlowCounters::lateQueued).
   void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }
