@@ -30,8 +30,8 @@ std::optional<pid_t> peer_of(const Descriptor& connection) {
   return peer.pid;
 }
 
-// Handles for other processes, and copies of their descriptors. These are direct system calls, because glibc 2.36
-// declares its functions for them (sys/pidfd.h) without C linkage, which C++ needs.
+// Handles for other processes, and copies of their descriptors. The code makes the system calls directly, because glibc
+// 2.36 declares its wrappers of these calls (sys/pidfd.h) without C linkage, which C++ needs.
 Descriptor open_process(pid_t process) { return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0))); }
 Descriptor copy_descriptor(const Descriptor& process, int number) {
   return Descriptor(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), number, 0)));

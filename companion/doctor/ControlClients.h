@@ -12,13 +12,13 @@ namespace orvane {
 // A process that has connected to the extension.
 struct ControlClient {
   pid_t process = 0;    // 0 if it is in another PID namespace
-  std::string program;  // the process's name, which the process itself chooses; empty if it has ended
+  std::string program;  // the process's name, which the process itself chooses; empty if the process has ended
   size_t connections = 0;
 };
 
-// The processes whose connections the extension at a socket has accepted, those with the most connections first; this
-// process is left out. Nothing if no process listens there, or if this process may not copy the extension's descriptors
-// (root may).
+// The processes whose connections the extension has accepted on its socket `socket`. This process itself is left out.
+// The process with the most connections comes first. Nothing if no process listens on the socket, or if this process
+// may not copy the extension's descriptors (root may).
 std::optional<std::vector<ControlClient>> control_clients(const std::string& socket);
 
 }  // namespace orvane

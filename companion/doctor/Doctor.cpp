@@ -175,10 +175,11 @@ Finding examine_kernel(const Facts& facts) {
           "use the distribution's kernel; after a kernel upgrade, restart the machine"};
 }
 
-// In the chain OUTPUT of each of its tables, the extension has a rule that jumps to the extension's own chain.
+// The extension adds a rule to the chain OUTPUT of two tables, filter and mangle. The rule jumps to the extension's own
+// chain in the same table.
 struct Jumps {
-  int present = 0;  // tables in which OUTPUT has this rule
-  int first = 0;    // tables in which this rule is the first of OUTPUT
+  int present = 0;  // the number of tables in which OUTPUT has this rule
+  int first = 0;    // the number of tables in which this rule is the first rule of OUTPUT
 };
 constexpr int kOurTables = 2;
 Jumps find_jumps(std::string_view rules) {
@@ -220,7 +221,8 @@ void examine_rules(const Facts& facts, std::vector<Finding>& findings) {
   }
 }
 
-// Whether nfnetlink_queue lists the extension's queue. Each line starts with a queue number, padded with spaces.
+// Whether `queues`, the text of nfnetlink_queue, lists the extension's queue. Each line starts with spaces and the
+// number of a queue.
 bool has_queue(std::string_view queues) {
   while (!queues.empty()) {
     size_t end = queues.find('\n');
@@ -261,7 +263,7 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     findings.push_back({"list", "", result, std::move(found), std::move(advice)});
   };
   if (!facts.list) {
-    // If the keeper does not run, the finding about its service says so already.
+    // If the keeper does not run, the finding about the keeper's service says so already.
     if (facts.keeper.running || !facts.listError.empty()) {
       add(Result::Unknown, facts.listError.empty() ? "the keeper has not written its state" : facts.listError, "");
     }

@@ -53,7 +53,8 @@ Finding examine_identity(const InstalledBrowser& browser, const BrowserList& lis
   return finding;
 }
 
-// A setting as the browser applies it. A policy overrides profiles; of several profiles, the least safe one counts.
+// A setting as the browser applies it. A policy overrides the profiles. Without a policy, the feature is off only if
+// all profiles switch it off.
 struct Setting {
   std::string value;   // "on" or "off"; empty if no policy fixes it and the profiles do not switch it off
   std::string source;  // the file that contains the setting

@@ -127,7 +127,8 @@ std::optional<uint64_t> effective_capabilities(std::string_view status) {
 }
 
 // Finds the extensions in this network namespace, and those whose namespace cannot be read. Any user can give a process
-// the extension's name, so outside the service's cgroup only processes with CAP_NET_ADMIN count.
+// the extension's name. So a process outside the service's cgroup must also have CAP_NET_ADMIN to be taken for an
+// extension.
 void look_at_processes(Facts& facts) {
   const std::string table = "/proc";
   const std::string ownNamespace = read_link(table + "/self/ns/net");
@@ -160,8 +161,8 @@ std::vector<std::string> missing_programs() {
   return missing;
 }
 
-// Whether the NFQUEUE target is in the kernel, or in a module that can be loaded. Nothing when the running kernel's
-// folder of modules cannot be read.
+// Whether the NFQUEUE target is in the kernel, or in a module that can be loaded. Nothing if the target is not loaded
+// and the lists of the kernel's modules cannot be read.
 std::optional<bool> has_queue_target() {
   auto has = [](const std::optional<std::string>& text, const char* word) {
     return text && text->find(word) != std::string::npos;

@@ -30,8 +30,8 @@ constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;
 
-// The longest time that a normal restart takes. Failures to connect are logged only if the connection has been lost for
-// longer.
+// The longest time that a normal restart of the extension takes. Failures to connect are logged only if the connection
+// has been lost for longer than this.
 constexpr std::chrono::milliseconds kRestart = 2s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";
@@ -168,7 +168,7 @@ void ExtensionLink::disconnect(const std::string& reason) {
   lastLoggedReason_ = reason;
   isUnresponsive_ = reason == kUnresponsive;
   scheduleRetry(reason);
-  // The usual reason is a restart, so try at once.
+  // Usually the connection is lost because the extension restarts, so try to connect again at once.
   pause_ = kShortestPause;
   due_ = Clock::now();
 }

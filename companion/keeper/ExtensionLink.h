@@ -35,7 +35,7 @@ class ExtensionLink {
 
   // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`; if connected, reads
   // the extension's count of edits, which also shows whether the extension still answers. `list`: the names that the
-  // extension must hold; null if they are not known yet, and then nothing is sent.
+  // extension must hold; null if the keeper has not read the list yet. Then nothing is sent.
   void attend(const HeldNames* list);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
@@ -45,8 +45,8 @@ class ExtensionLink {
     if (client_) disconnect("it ended the connection");
   }
 
-  // Call when the list has changed from `before` (null if it was not known) to `after`. The KeeperState must have the
-  // version of `after` already.
+  // Call when the list has changed from `before` (null for the first list that was read) to `after`. The KeeperState
+  // must have the version of `after` already.
   void update(const HeldNames* before, const HeldNames& after);
 
  private:

@@ -46,8 +46,9 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// How far ahead the timer is set at most: the kernel's clocks end in the year 2262, but a suspension may end later. If
-// a suspension ends later than this, the timer fires before the end of the suspension and is set again.
+// The timer is set at most this far ahead, because the kernel's clocks end in the year 2262, but a suspension may end
+// later. If the next suspension ends after this time, the timer fires before the end of the suspension and is set
+// again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -293,8 +294,8 @@ int run_keeper(const KeeperOptions& options) {
       return kFailed;
     }
   } catch (const FileError& error) {
-    // If the folder exists but this keeper may not write to it, the folder belongs to another keeper, and this keeper
-    // must not run beside it.
+    // If the folder exists but this keeper may not write to it, the folder belongs to another keeper. This keeper
+    // must not run beside the other one, so it ends.
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
       print_error(std::string(error.what()));

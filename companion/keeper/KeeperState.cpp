@@ -58,8 +58,8 @@ Json json_or_null(const std::optional<T>& value) {
 
 Json json_of(const std::optional<Moment>& moment) { return moment ? Json(time_text(*moment)) : Json(); }
 
-// Reads members of a JSON object. A member that is null or missing leaves its target unchanged; a member of another
-// type throws Json::exception or InputError.
+// Reads members of a JSON object. If a member is null or missing, read() leaves the target unchanged; if a member has
+// the wrong type, read() throws Json::exception or InputError.
 class Members {
  public:
   explicit Members(const Json& object) : object_(object) { object_.get_ref<const Json::object_t&>(); }

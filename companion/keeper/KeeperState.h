@@ -43,9 +43,9 @@ struct KeeperState {
 // The state file of the keeper that runs as a service.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
 
-// Takes the lock that lets one keeper at a time write the state. It is a lock on the file `path`.lock. Returns the
-// descriptor that holds the lock while it is open, or an empty one if another keeper has the lock. Throws FileError if
-// the lock's file cannot be made.
+// Takes the lock on the file `path`.lock, so that only one keeper at a time writes the state. Returns a descriptor that
+// holds the lock while the descriptor is open, or an empty descriptor if another keeper has the lock. Throws FileError
+// if the lock's file cannot be made.
 Descriptor lock_keeper_state(const std::string& path);
 
 // Replaces the state file atomically. The caller has the lock. Throws FileError.

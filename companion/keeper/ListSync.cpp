@@ -55,7 +55,7 @@ bool needs_whole_list(const HeldNames& before, const HeldNames& after) {
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after) {
   std::vector<std::string> removed = difference(before.names, after.names);
   std::vector<std::string> added = difference(after.names, before.names);
-  // The dates are sent first, because the extension keeps a date only for a name that it holds.
+  // Send the dates before removeHostnames(), because the extension keeps a date only for a name that it holds.
   uint64_t edits = send_dates(client, difference(after.suspended, before.suspended));
   if (!removed.empty()) client.removeHostnames(removed);
   if (!added.empty()) client.addHostnames(added);

@@ -7,7 +7,7 @@
 
 // Sends the list to the extension. FilterDataProvider ignores the date at which a suspension ends, so the keeper
 // removes a suspended name and adds it again at that date. PLSafariFilterDataProvider honours the date, so the keeper
-// also sends the date. If it sends only a difference, it sends the date before it removes the name, because the
+// also sends the date. If the keeper sends only a difference, it sends the date before it removes the name, because the
 // extension stores properties only for names that it holds.
 namespace orvane {
 

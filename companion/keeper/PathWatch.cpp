@@ -51,8 +51,8 @@ void PathWatch::armOne(const std::string& path) {
     }
     if (watch < 0) return;
     watched_[watch].push_back(child.filename());
-    // If the next folder of the path appeared before its parent was watched, no event reports that. So try again, to
-    // watch this folder.
+    // If the next folder of the path appeared before the watch on its parent began, no event reports this folder. So
+    // try again, to watch this folder.
     std::error_code ignored;
     if (child == path || !std::filesystem::exists(child, ignored)) return;
   }

@@ -10,10 +10,10 @@
 
 namespace orvane {
 
-// Reports changes of files that may be missing, or be replaced by a rename. It watches the folder of each file with
-// inotify(7), or the nearest existing folder above. Two changes are not reported: a rename of a higher folder, and a
-// change of the file behind a symbolic link. To notice these changes, call arm() and look at the files from time to
-// time.
+// Reports changes of files that may be missing, or be replaced by a rename. Uses inotify(7) to watch the folder of each
+// file or, if this folder does not exist, the nearest existing folder above it. Two changes are not reported: a rename
+// of a folder above the watched folder, and a change of the file that a symbolic link leads to. To notice these
+// changes, call arm() and look at the files from time to time.
 class PathWatch {
  public:
   // `paths`: absolute.

@@ -136,7 +136,7 @@ bool BlockList::put(ListedSite site) {
 bool BlockList::remove(std::string_view host) {
   auto found = locate(host);
   if (found == lineByHost_.end()) return false;
-  // This removes all lines of the site: if it removed only the last line, an earlier line would take effect.
+  // Remove all lines of the site, because without the last line, an earlier line of the site would take effect.
   for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
     lines_[i].isRemoved = true;
     lines_[i].site.reset();

@@ -15,7 +15,7 @@
 namespace orvane {
 
 // What a line of the list says about its host. The values are ordered: if an import names a host several times, the
-// greatest value counts.
+// host gets the greatest of the values.
 enum class Scope {
   ExactName,   // this host is blocked
   Subdomains,  // this host and all its subdomains are blocked
@@ -31,8 +31,8 @@ struct ListedSite {
   bool operator==(const ListedSite&) const = default;
 };
 
-// The name under which a host is put on the list: without a leading "www." or "m.". The name stays whole if the rest
-// has no dot ("www.com"), is a public suffix ("www.gov.uk"), or itself starts with one of these prefixes
+// The name under which a host is put on the list: without a leading "www." or "m.". The name keeps this prefix if the
+// rest has no dot ("www.com"), is a public suffix ("www.gov.uk"), or itself starts with one of the two prefixes
 // ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
@@ -81,8 +81,8 @@ class BlockList {
     bool isSuperseded = false;       // a later line has the same site
     bool isRemoved = false;
   };
-  // Maps the keyed hash of a site's host to the site's line. The key is not the host itself, because second copies of
-  // the hosts would take most of the memory.
+  // Maps the keyed hash of a site's host to the index of the site's line. The map does not contain the hosts
+  // themselves, because second copies of the hosts would take most of the memory.
   using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
   void append(Line line);
@@ -99,7 +99,7 @@ class BlockList {
 struct Decision {
   const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
   const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first
-  const ListedSite* exception = nullptr;  // the exception that counts if a site blocks the host
+  const ListedSite* exception = nullptr;  // lets the host pass, even if there is a `blocking` site
   bool isBlocked() const { return blocking != nullptr && exception == nullptr; }
 };
 Decision decide(const BlockList& list, std::string_view host, Moment now);

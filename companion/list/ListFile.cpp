@@ -26,13 +26,13 @@ namespace orvane {
 namespace {
 
 constexpr mode_t kModeOfNew = 0660;
-// The permissions that a new version of the file takes from the old one. Execute and set-ID bits are not among them:
-// otherwise a member of the group could set these bits on the list, and when root next edits it, the new file would be
-// a set-ID program that belongs to root.
+// The permissions that a new version of the file takes from the old one. Execute and set-ID bits are not among them.
+// Otherwise a member of the group could set these bits on the list, and the next edit by root would make a set-ID
+// program that belongs to root.
 constexpr mode_t kPermissions = 0666;
 
-// The path of the list. Each operation opens the folder once and works relative to it, so that a rename of the folder
-// in between cannot mix two folders.
+// The path of the list. Each operation opens the folder once and finds the files in this open folder, so that a
+// rename of the folder during the operation cannot mix two folders.
 struct Place {
   std::string path;
   std::string folder;
@@ -80,8 +80,8 @@ Descriptor open_folder(const Place& place) {
   return folder;
 }
 
-// Takes the lock, and waits for it at most a minute. Another orvanectl holds it for some milliseconds, or for a second
-// with a very large list.
+// Takes the lock, and waits for it at most a minute. Another orvanectl holds the lock for some milliseconds, or for a
+// second if the list is very large.
 void lock(const Descriptor& folder, const Place& place) {
   using namespace std::chrono;
   constexpr seconds kTimeout(60);
@@ -209,7 +209,7 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     FileReplacement file(folder.get(), "." + place.name + ".new");  // a fixed name: the lock allows one writer
     if (auto error = file.write(text, mode_for(folder, place, content.mode)))
       throw file_error("cannot change", place, error.value());
-    // Editors take no lock. If an editor has saved the file since it was read, start again with the new version.
+    // Editors take no lock. If an editor has saved the file since read_file() above, start again with the new version.
     if (current_version(folder, place) == content.version) return make_current(file, place);
   }
   throw FileError("cannot change the list: " + in_quotes(path) +

@@ -29,8 +29,8 @@ ListVersion list_version(const std::string& path);
 // - The function holds a lock on the folder, so other calls of edit_list() wait.
 // - The file is always either the old version or the new one. The new one is on the disk when the function returns.
 // - If another program replaces the file meanwhile, `edit` is called again with the list in that new file.
-// - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged, with one exception: after
-//   a failed fsync of the folder it is changed, and the message says so.
+// - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged, unless only the fsync of
+//   the folder failed; then the file has changed, and the error's text says so.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
 
 }  // namespace orvane

@@ -67,7 +67,7 @@ bool hides_elements(std::string_view line) {
   return false;
 }
 
-// The first option that limits a rule to less than the whole site. Empty if there is none.
+// The first option that limits a rule to a part of the site or to certain requests. Empty if there is none.
 std::string_view limiting_option(std::string_view options) {
   constexpr std::string_view kWholeSite[] = {"all", "doc", "document", "important"};
   while (!options.empty()) {
