@@ -13,7 +13,7 @@ namespace orvane {
 //   offsetStyle   2: the line's offset and ": " follow the prefix; 1: the line's address and ": "; other values: none
 //   bytesPerLine  16 or 32; other values mean 16
 //   groupSize     bytes that are printed as one number, in the machine's byte order: 1, 2, 4 or 8; other values mean 1
-//   showASCII     adds the bytes as characters, with "." for those that are not printable ASCII
+//   showASCII     adds the bytes as characters, with "." for each byte that is not printable ASCII
 //
 // A line whose length is not a multiple of the group size is printed in single bytes.
 void os_log_dump(os_log_t log, const char* prefix, int32_t offsetStyle, int32_t bytesPerLine, int32_t groupSize,

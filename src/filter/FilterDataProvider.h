@@ -24,7 +24,7 @@ class FilterDataProvider : public NEFilterDataProvider {
   NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
                                                  std::span<const uint8_t> readBytes) override;
   NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) override;
-  // Whether the process that opened the flow, or the application responsible for it, is a browser.
+  // Whether the process that opened the flow, or the application that is responsible for this process, is a browser.
   bool isFlowFromBrowser(const NEFilterFlow& flow) const;
   std::vector<NEFilterRule> createFilterRules() const;
 

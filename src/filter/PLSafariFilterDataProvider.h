@@ -23,7 +23,7 @@ class PLSafariFilterDataProvider : public NEFilterDataProvider {
   NEFilterDataVerdict handleOutboundDataFromFlow(const NEFilterFlow& flow, uint64_t readBytesStartOffset,
                                                  std::span<const uint8_t> readBytes) override;
   NEFilterDataVerdict handleOutboundDataCompleteForFlow(const NEFilterFlow& flow) override;
-  // Whether the process that opened the flow, or the application responsible for it, is Safari.
+  // Whether the process that opened the flow, or the application that is responsible for this process, is Safari.
   bool isSafariBrowser(const NEFilterFlow& flow) const;
   std::vector<NEFilterRule> createFilterRules() const;
 

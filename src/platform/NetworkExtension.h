@@ -163,7 +163,7 @@ class NEFilterProvider {
   // class, and this function does nothing. Call it before startSystemExtensionMode.
   static void registerProviderClass(std::string_view name, Ref<NEFilterDataProvider> (*create)());
 
-  // From now on the platform may create the provider that the bundle names and call it. Returns 0, or the platform's
+  // From now on the platform may create and call the provider that the bundle names. Returns 0, or the platform's
   // status when no provider can run.
   static int32_t startSystemExtensionMode();
 };

@@ -56,7 +56,8 @@ class Ref {
   // Returns the object without releasing the reference, and leaves this Ref empty.
   T* detach() noexcept { return std::exchange(object_, nullptr); }
 
-  // Clears the reference and returns its address, for a function that stores an owned object there.
+  // Releases the object, and returns the address of the empty pointer, for a function that stores an owned object
+  // there.
   T** out() {
     *this = Ref();
     return &object_;

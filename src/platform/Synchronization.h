@@ -7,7 +7,7 @@
 namespace orvane {
 
 // A recursive mutex for a static variable; it is never destroyed. Before initialise(), lock() and unlock() do nothing
-// and return 0, because during the start-up the process has one thread.
+// and return 0: the process starts with one thread, so it needs no lock yet.
 class RecursiveMutex {
  public:
   constexpr RecursiveMutex() = default;

@@ -96,7 +96,7 @@ class Value {
 
   size_t hash() const noexcept { return kind_ == Kind::String ? stringHash_ : hashOfNonString(); }
   friend bool operator==(const Value& left, const Value& right) {
-    // The hashes tell most different strings apart without reading their characters.
+    // Strings with different hashes are different, so most comparisons need not read the strings' characters.
     if (left.kind_ != right.kind_ || left.stringHash_ != right.stringHash_) return false;
     return left.equals(right);
   }
