@@ -12,8 +12,8 @@ enum class NameState {
 };
 
 // The form in which host names are listed, and in which the provider compares them byte for byte: ASCII letters in
-// lower case, without the dot of the DNS root at the end. A link to "Held.Example." leads to the same server as one to
-// "held.example", so names from flows need this form, too.
+// lower case, without the dot of the DNS root at the end. A link to "Held.Example." leads to the same server as a link
+// to "held.example", so names from flows must get this form, too.
 std::string listed_form(std::string name);
 
 }  // namespace orvane

@@ -20,7 +20,8 @@ class ListEdits {
 
   ListEdits();
 
-  // Reports an edit of one name. Call this after the edit, so that the provider's next answer takes it into account.
+  // Reports an edit of one name. Call this after the edit, so that the provider's next answer takes the edit into
+  // account.
   void add(std::string name);
 
   // Reports an edit that may concern every name. Call this after the edit.

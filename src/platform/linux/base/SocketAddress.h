@@ -11,12 +11,12 @@
 namespace orvane {
 
 // An endpoint of a connection: an IPv4 or IPv6 address and a port. An IPv4-mapped IPv6 address (RFC 4291, section
-// 2.5.5.2) is stored as IPv4: so the same endpoint compares equal, whether an IPv4 or an IPv6 socket uses it.
+// 2.5.5.2) is stored as IPv4, so that the same endpoint compares equal whether an IPv4 or an IPv6 socket uses it.
 struct SocketAddress {
   sa_family_t family = AF_UNSPEC;     // AF_INET or AF_INET6
   uint16_t port = 0;                  // host byte order
   uint32_t scope = 0;                 // interface index of a link-local address, else 0
-  std::array<uint8_t, 16> address{};  // network byte order; IPv4 uses the first four, the others are 0
+  std::array<uint8_t, 16> address{};  // network byte order; IPv4 uses the first four bytes, and the other bytes are 0
 
   // Nothing for a family other than AF_INET and AF_INET6, and when `length` is too short for the family.
   static std::optional<SocketAddress> from(const sockaddr* address, socklen_t length);

@@ -22,9 +22,9 @@ inline constexpr std::string_view kExceptionMark = "!.";
 // that is too long for DNS. `host` must have the form that listed_form() gives; the results are views into it.
 std::vector<std::string_view> covering_hosts(std::string_view host);
 
-// Whether the Public Suffix List contains the name: in the list's section of registries (co.uk), or in that of private
-// owners (github.io). A top-level name that the list does not contain is no public suffix here, because a local network
-// may use it for a host.
+// Whether the Public Suffix List contains the name: in the list's section of registries (co.uk), or in its section of
+// private owners (github.io). A top-level name that the list does not contain is no public suffix here, because a local
+// network may use it for a host.
 bool is_public_suffix(std::string_view host);
 
 }  // namespace orvane

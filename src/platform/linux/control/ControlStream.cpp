@@ -232,7 +232,7 @@ kj::Promise<void> ControlStream::whenFlushed() {
   return kj::mv(flushed.promise);
 }
 
-// Sends the outbox without waiting. True when it is empty.
+// Sends as much of the outbox as the socket accepts without waiting. True when the outbox is empty.
 bool ControlStream::flush() {
   if (flushed_ < outbox_.size()) {
     Outgoing outgoing;
@@ -247,7 +247,7 @@ bool ControlStream::flush() {
   return true;
 }
 
-// Sends as much as the socket accepts without waiting. True when nothing is left.
+// Sends as many bytes of `outgoing` as the socket accepts without waiting. True when nothing is left to send.
 bool ControlStream::sendSome(Outgoing& outgoing) {
   while (outgoing.first < outgoing.pieces.size()) {
     msghdr header{};

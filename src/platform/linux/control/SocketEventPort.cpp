@@ -23,7 +23,7 @@ bool SocketEventPort::wait() {
   uint64_t forever = UINT64_MAX;
   uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);
   pollFor(timeout == forever ? -1 : static_cast<int>(timeout));
-  return false;  // true would mean that another thread has woken this port, and none does
+  return false;  // true would mean that another thread has woken this port, but no other thread uses it
 }
 
 bool SocketEventPort::poll() {

@@ -19,8 +19,8 @@ class Components final : public NSURLComponents {
 };
 
 // The scheme, host and port of a URL; the whole URL if it has no host. User names, paths and queries are cut off before
-// the URL is parsed. In these parts, browsers leave characters that RFC 3986 forbids, for example '|'; the parser would
-// then reject the URL, and the filter would not see the host.
+// the URL is parsed, because they may contain characters that browsers accept but RFC 3986 forbids, for example '|'.
+// The parser would reject such a URL, and the filter would not see its host.
 std::string without_surroundings(std::string_view url) {
   const size_t colon = url.find_first_of(":/?#");
   if (colon == std::string_view::npos || url.substr(colon, 3) != "://") return std::string(url);

@@ -26,8 +26,8 @@ struct ProxyLimits {
 };
 
 // The flow source that needs no privilege: an HTTP/1.1 proxy on 127.0.0.1 and ::1. Programs must be configured to use
-// the proxy. The provider sees a CONNECT as a socket flow, and a request for an absolute URL as a flow with this URL.
-// The source of the flow is the process that owns the client's socket.
+// the proxy. The provider sees a CONNECT request as a socket flow, and a request for an absolute URL as a flow with
+// this URL. The flow belongs to the process that owns the client's socket.
 //
 // Each connection has a thread of its own, so a slow provider, name server or peer delays only that connection. If
 // there are too many connections, one of them is ended (ProxyPlaces.h).
