@@ -8,9 +8,9 @@
 @class NSString;
 
 // Converts between values and Foundation's objects. A value converted to Foundation and back stays the same, with two
-// exceptions. In Foundation, a boolean and the number 0 or 1 are equal, so a set cannot have both as members, and a
-// dictionary cannot have both as keys. And containers that are nested deeper than kMaxDepth are lost. New objects are
-// autoreleased.
+// exceptions. First, a boolean is equal to the number 0 or 1 in Foundation, so a set cannot have both as members, and a
+// dictionary cannot have both as keys. Second, containers that are nested deeper than kMaxDepth are lost. New objects
+// are autoreleased.
 namespace orvane {
 
 // Nil for nil. Foundation's containers cannot contain nil, so they contain NSNull instead.
