@@ -59,7 +59,7 @@ struct QuicInitialReader::Header {
 
   Type type;
   QuicVersion version{};
-  Bytes destination;        // the connection ID
+  Bytes destination;        // the destination connection ID
   size_t numberOffset = 0;  // where the packet number begins
   size_t length = 0;        // of the whole packet; a datagram may have several packets
 };

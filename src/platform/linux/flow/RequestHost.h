@@ -23,8 +23,8 @@ using RequestParser = boost::beast::http::request_parser<boost::beast::http::emp
 bool may_be_request(std::string_view bytes);
 
 // Parses a request head. `parser` must be new, and `bytes` must begin with the head's first byte. Returns the length of
-// the head, including the empty line at its end. On failure returns 0 and sets `error`, to need_more if the head is
-// incomplete.
+// the head, including the empty line at its end. On failure returns 0 and sets `error`; if the head is incomplete,
+// `error` is need_more.
 size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error);
 
 // "host[:port]" (RFC 3986, section 3.2).

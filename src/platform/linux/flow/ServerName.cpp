@@ -7,7 +7,7 @@
 namespace orvane {
 namespace {
 
-constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with it
+constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP method begins with this byte
 
 // The names that services with Encrypted Client Hello use in the part of the hello that is not encrypted. Sources: the
 // page "ECH Protocol" in Cloudflare's documentation; the DNS records (type HTTPS) of two sites for trying the protocol,

@@ -19,9 +19,9 @@ namespace orvane {
 namespace {
 
 constexpr int kAttempts = 3;
-// Limit on the time to remove the rules of one address family. The removal takes about 40 ms, unless a firewall program
-// hangs; the service must be able to end without waiting for that program. Rules that remain block no new connection,
-// because the kernel passes packets when no process has the queue.
+// Limit on the time to remove the rules of one address family. The removal takes about 40 ms, but the iptables programs
+// may hang, and the service must be able to end even then. Rules that are not removed block no new connection, because
+// the kernel passes packets when no process has the queue.
 constexpr auto kRemovalTime = std::chrono::milliseconds(700);
 
 // Counts our rules in `text`: the input of iptables-restore, or the output of iptables-save.

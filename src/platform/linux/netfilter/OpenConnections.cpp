@@ -46,7 +46,8 @@ void OpenConnections::planName(std::string_view name) {
   const bool withSubdomains = name.starts_with('.');
   std::string begin = reversed(withSubdomains ? name.substr(1) : name);
   if (withSubdomains) {
-    // Reversed, each name below this name begins with `begin` and a dot. '/' is the character after '.'.
+    // Reversed, each name below this name begins with `begin + '.'`. '/' is the next character after '.', so the range
+    // ends at `begin + '/'`.
     plans_.push_front({{begin + '.', 0, {}}, begin + '/'});
   }
   std::string end = begin + '\0';  // the next string in the order of bytes

@@ -27,8 +27,8 @@ struct QueuedPacket {
   size_t length;                   // of the whole packet, which may be longer than `bytes`
 };
 
-// A packet queue (nfnetlink_queue) in the network namespace of the thread that opens it. When the queue is full, the
-// kernel drops packets. If the kernel passed these packets instead, any user could fill the queue to get past the
+// A packet queue (nfnetlink_queue) in the network namespace of the thread that calls open(). When the queue is full,
+// the kernel drops packets. If the kernel passed these packets instead, any user could fill the queue to get past the
 // filter. When the socket closes, the kernel drops the packets in the queue and passes later ones. A large segment that
 // the network card will split (GSO) counts as one packet. Not thread-safe.
 class PacketQueue {
@@ -57,9 +57,9 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // The number of the watchdog's last message whose answer read() has received. The watchdog sends numbered messages
-  // with NLM_F_ACK on the netlink socket. A message's answer comes after all packets that were queued before the
-  // message was sent.
+  // The number of the last message from the watchdog whose answer read() has received. The watchdog sends numbered
+  // messages with NLM_F_ACK on the netlink socket. A message's answer comes after all packets that were queued before
+  // the message was sent.
   uint32_t acknowledged() const { return acknowledged_; }
 
   // Replaces a packet's whole mark with `mark`, and sends the packet through its chain again, from the first rule on,

@@ -98,10 +98,11 @@ void QueueWatchdog::stop() {
 void QueueWatchdog::watch() {
   setsid();  // so that signals from the terminal do not reach the child
   prctl(PR_SET_NAME, "queue-watchdog");
-  // A service manager sends SIGTERM to all processes of a service. The child ignores it and ends when the pipe breaks.
+  // A service manager sends SIGTERM to all processes of a service. The child ignores this signal and ends when the pipe
+  // breaks.
   signal(SIGTERM, SIG_IGN);
-  // The child needs only the queue's socket and the pipe's read end. Close every other inherited descriptor: it would
-  // stay open after the parent closes its own copy.
+  // The child needs only the queue's socket and the pipe's read end. Close every other inherited descriptor: otherwise
+  // a file would stay open in the child after the parent has closed it.
   int low = std::min(queueSocket_, pipeReadEnd_.get()), high = std::max(queueSocket_, pipeReadEnd_.get());
   if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
   if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);

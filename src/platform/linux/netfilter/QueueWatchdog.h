@@ -37,7 +37,8 @@ class QueueWatchdog {
   // thread does not hang. After this third limit, the time counts again, because the thread may be in an endless loop.
   static constexpr int kLongestStarvationMilliseconds = 10'000;
 
-  // Starts the child. `queueSocket` stays the caller's, and must be open until stop(). Returns an error on failure.
+  // Starts the child. `queueSocket` still belongs to the caller, and must be open until stop(). Returns an error on
+  // failure.
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 

@@ -50,7 +50,7 @@ class QueuedFlows {
   QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
       : provider_(std::move(provider)), owners_(owners) {}
 
-  // From now on, adds each flow that is allowed and has a name to `connections`.
+  // From now on, adds to `connections` each flow that is allowed and has a name.
   void addAllowedTo(OpenConnections& connections) { connections_ = &connections; }
 
   // Decides about an outbound packet.
@@ -77,7 +77,7 @@ class QueuedFlows {
   // in the queue already, and, if connection tracking forgets a TCP connection, the connection's later packets.
   void drop(const OpenConnection& connection);
 
-  // Whether the flow of the last packet has had many packets in a row without new bytes. Then another program
+  // Whether the flow of the last packet has had many packets in a row without new bytes. If so, another program
   // overwrites the marks of this flow's packets, so the packets are queued again and again.
   bool isLooping() const { return isLooping_; }
 

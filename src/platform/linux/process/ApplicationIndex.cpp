@@ -116,7 +116,8 @@ class EntryReader {
       result_->applications.insert(program.application);
     }
     assignFolders();
-    // Two seconds, because the coarsest file systems store times in steps of two seconds.
+    // A change is recent if it is at most two seconds old, because the coarsest file systems store times in steps of
+    // two seconds.
     for (const auto& [path, state] : result_->folders) {
       if (std::abs(state.modified.tv_sec - start.tv_sec) <= 2) result_->hasRecentChange = true;
     }
