@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kSafariIdentifier = "com.apple.Safari";
 
-// The host of the flow's URL; without a URL, the host name that the application asked for.
+// The host of the flow's URL. If the flow has no URL, the host name that the application asked for.
 std::optional<std::string> hostname_of(const NEFilterFlow& flow, const Ref<NSURL>& url) {
   if (url) return url_host(*url);
   const NEFilterSocketFlow* socket = socketFlow(flow);

@@ -46,7 +46,7 @@ std::optional<double> absolute_time_of_text(std::string_view text) {
     for (rest.remove_prefix(1); !rest.empty() && is_digit(rest.front()); rest.remove_prefix(1)) {
       fraction += (weight /= 10) * (rest.front() - '0');
     }
-    if (weight == 1) return std::nullopt;  // no digits
+    if (weight == 1) return std::nullopt;  // no digits after the dot
   }
 
   minutes offset(0);  // the text's offset from UTC, positive east of Greenwich

@@ -9,7 +9,7 @@
 // include path selects the system's Log.h.
 namespace orvane {
 
-// Default, Info, Debug or Error.
+// The levels Default, Info, Debug and Error. Log.h defines them.
 enum class LogLevel : uint8_t;
 
 // A handle: one category of one subsystem. Reference-counted.

@@ -16,5 +16,5 @@ int main() {
   xpc_run();
   // At error level, so that a log that keeps only errors shows that the start succeeded.
   ORVANE_LOG_ERROR(default_log(), "OrvaneSE started...");
-  orvane::dispatch_main();  // qualified: macOS has a ::dispatch_main
+  orvane::dispatch_main();  // qualified, because macOS has a function ::dispatch_main, too
 }
