@@ -15,7 +15,7 @@
 
 namespace orvane {
 
-using Deadline = std::optional<std::chrono::steady_clock::time_point>;  // nothing: wait forever
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;  // no value: wait forever
 
 Deadline deadline_after(std::chrono::milliseconds time);
 

@@ -13,7 +13,7 @@ namespace orvane {
 // Limits of one message. For comparison: a host name takes about seven words.
 inline constexpr uint64_t kMaximumMessageWords = 32 << 20;
 inline constexpr uint64_t kMaximumElements = 4 << 20;  // values of any kind, in one message
-inline constexpr unsigned kMaximumNesting = 32;        // containers within containers
+inline constexpr unsigned kMaximumNesting = 32;        // depth of containers within containers
 
 // The size of a value in a message.
 struct ValueSize {

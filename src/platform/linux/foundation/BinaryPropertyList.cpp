@@ -33,7 +33,7 @@ class BinaryReader {
   struct Object {
     State state = State::New;
     size_t height = 0;  // 0 for a simple value; for a container, 1 plus the greatest height of its elements
-    uint64_t cost = 0;  // of one use of the object, with everything that the object contains
+    uint64_t cost = 0;  // bytes that one use of the object costs, with everything that the object contains
     Value value;
   };
 
@@ -61,7 +61,7 @@ class BinaryReader {
     return number;
   }
 
-  // Records the fault, unless an earlier one is recorded, and returns nil.
+  // Records the fault, unless an earlier fault is recorded, and returns nil.
   Value fail(const char* fault) {
     if (fault_ == nullptr) fault_ = fault;
     return nullptr;

@@ -147,7 +147,7 @@ class XMLReader {
     return handler;
   }
 
-  // Records the fault, unless an earlier one is recorded, and stops the parser.
+  // Records the fault, unless an earlier fault is recorded, and stops the parser.
   void fail(std::string fault) {
     if (fault_.empty()) fault_ = std::move(fault);
     xmlStopParser(context_);

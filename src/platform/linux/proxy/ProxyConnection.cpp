@@ -24,8 +24,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kHeadTime = 30s;   // to receive a request's head
-constexpr auto kReplyTime = 10s;  // to send a short reply
+constexpr auto kHeadTime = 30s;   // limit on the time to receive a request's head
+constexpr auto kReplyTime = 10s;  // limit on the time to send a short reply
 
 // Asks the provider about the flow of one connection. If no rule selects the flow, begin() is not called, and
 // everything passes.
@@ -169,7 +169,7 @@ bool ProxyConnection::examine() {
   if (action == NEFilterAction::FilterData) {
     auto ends = socket_ends(client_.get());
     if (!ends) return false;
-    // Looks up the owner of the client's socket. The local address of that socket is the peer address of ours.
+    // Looks up the owner of the client's socket. The local address of that socket is the peer address of our socket.
     Value token = audit_token_of_socket_owner(reinterpret_cast<const sockaddr*>(&ends->peer),
                                               reinterpret_cast<const sockaddr*>(&ends->local));
     if (request_.form == ProxyRequest::Form::Forward) {

@@ -42,7 +42,7 @@ class RequestBody {
   State afterSizeDigit(char byte);
 
   State state_;
-  uint64_t remaining_ = 0;  // bytes left of the body or chunk; while a chunk's size is read, the size so far
+  uint64_t remaining_ = 0;  // bytes left of the body or chunk; while the digits of a chunk's size are read, their value
   bool hasSizeDigit_ = false;
 };
 
@@ -55,9 +55,9 @@ struct ProxyRequest {
   std::string host;  // as the client wrote it; an IPv6 address without its brackets
   bool hostIsAddress;
   uint16_t port;
-  size_t length;  // of the head in bytes, including the empty line
+  size_t length;  // length of the head in bytes, including the empty line
 
-  // Forward only:
+  // Set only for the form Forward:
   std::string url;   // as the client wrote it
   std::string head;  // for the origin server: origin form, without hop-by-hop fields, with Connection: close
   RequestBody body = RequestBody::ofLength(0);

@@ -29,9 +29,9 @@ class Relay {
  public:
   enum class Outcome {
     Ended,    // both sides got everything
-    Dropped,  // the gate became Dropped
+    Dropped,  // the answer to the GateQuestion was Dropped
     Broken,   // one side reset its connection, or the body is malformed; the other side must get a reset, too
-    Stopped,  // `stop` was raised
+    Stopped,  // `stop` became readable
   };
 
   // Borrows the sockets, which are non-blocking, and `stop`, an eventfd(2). `first` has outbound bytes that were read
