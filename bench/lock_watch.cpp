@@ -1,5 +1,5 @@
 // million_names preloads this library into the extension. The library measures the longest time for which a thread
-// holds the database's lock, and prints this time on SIGUSR2. It recognises the lock by its kind and its address: no
+// holds the database's lock, and prints this time on SIGUSR2. The library recognises the database's lock, because no
 // other recursive mutex is in the program's static memory.
 #include <dlfcn.h>
 #include <link.h>

@@ -101,8 +101,9 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Binds the calling thread, and the threads that it starts later, to the processor at index `which` among those that
-// this program may use. If there is no such processor, lets these threads run on all of them.
+// Binds the calling thread, and the threads that it starts later, to one of the processors that this program may use:
+// the one at index `which`. If there is no such processor, the threads may run on all processors that the program may
+// use.
 void stay_on(size_t which) {
   static const cpu_set_t kAllowed = [] {
     cpu_set_t set;
@@ -118,9 +119,9 @@ void stay_on(size_t which) {
 }
 
 // Alternates between pings and echoes, so that other load on the machine slows pings and echoes alike, and takes the
-// medians. Binds client and server to the same processor, or each to its own. The scheduler must not choose the
-// processors, because waking a second processor costs more than a ping or an echo, and the ping might run on one
-// processor and the echo on two.
+// medians. Binds the client and the server to the same processor, or to a processor each. The scheduler must not choose
+// the processors, because it might run the pings on one processor and the echoes on two. Waking a second processor
+// costs more than a ping or an echo.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;

@@ -8,9 +8,9 @@
 
 namespace orvane {
 
-// Reads the first bytes of a connection in one piece, and again in up to 61 pieces. Both readers must have the same
-// result, and each host that covers the server name must be an end of this name. Returns the reader that read them in
-// one piece.
+// Reads the first bytes of a connection twice: with one reader in one piece, and with another reader in up to 61
+// pieces. The two readers must find the same result, and each host that covers the server name must be the end of this
+// name. Returns the reader that read the bytes in one piece.
 inline ServerNameReader read_first_bytes(std::span<const uint8_t> bytes) {
   ServerNameReader whole, pieces;
   whole.read(bytes);

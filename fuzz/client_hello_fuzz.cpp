@@ -10,8 +10,8 @@ using namespace orvane;
 
 namespace {
 
-// GnuTLS calls this for each extension of the hello. From the server name extension (0), this stores the first host
-// name together with the rest of the extension.
+// GnuTLS calls this function for each extension of the hello. If the extension is the server name extension (0), the
+// function stores the first host name together with the rest of the extension.
 int take_extension(void* context, unsigned id, const unsigned char* data, unsigned size) {
   auto& found = *static_cast<std::string*>(context);
   if (id == 0 && found.empty() && size > 5 && data[2] == 0) found.assign(data + 5, data + size);

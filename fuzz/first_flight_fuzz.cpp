@@ -10,7 +10,7 @@ using namespace orvane;
 
 namespace {
 
-constexpr size_t kCells = size_t{1} << 20;  // no segment below reaches this offset
+constexpr size_t kCells = size_t{1} << 20;  // every segment of an input ends before this offset
 
 // The expected flight: one cell for each byte. A cell keeps the first value that it gets.
 struct Model {
@@ -35,7 +35,7 @@ struct Model {
   }
 };
 
-// The bytes from which segments are taken. The pattern repeats after 256 bytes.
+// Every segment is a part of these bytes. The content repeats every 256 bytes.
 const auto kContents = [] {
   std::array<uint8_t, 6000 + 256> contents{};
   for (size_t i = 0; i < contents.size(); ++i) contents[i] = static_cast<uint8_t>(i * 7);
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool modelGoesOn = model.add(sequence, payload);
     const bool goesOn = flight.add(sequence, payload);
     if (goesOn && !modelGoesOn) std::abort();
-    if (!goesOn) return 0;  // a segment before the flight, or too much after a gap
+    if (!goesOn) return 0;  // the segment begins before the flight, or too many bytes follow a gap
     seen.insert(seen.end(), flight.next().begin(), flight.next().end());
     if (seen.size() != model.ordered || seen.size() != flight.length()) std::abort();
   }

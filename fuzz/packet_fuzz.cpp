@@ -7,8 +7,8 @@
 
 using namespace orvane;
 
-// A packet with an incomplete payload must parse like the whole packet, and a packet with incomplete headers must not
-// parse.
+// Cuts off the end of a packet. If the cut is in the payload, the parser must find the same headers as in the whole
+// packet. If the cut is in the headers, the parser must refuse the packet.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::span<const uint8_t> bytes(data, size);
   auto whole = parse_packet(bytes, 7);

@@ -6,8 +6,8 @@
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //
 // A connection's time includes connect, request and response. `load` and `stream` print one line of JSON. `load` keeps
-// as many other files open as a browser does, because the extension may have to read all descriptors of the process to
-// find the owner of a socket.
+// as many other files open as a browser does, because the extension may have to read all descriptors of a process to
+// find out whether the process owns a socket.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
