@@ -29,7 +29,7 @@ std::optional<std::string> name_by_gnutls(std::span<const uint8_t> body) {
 }  // namespace
 
 // An input that begins like a TLS record is read as it is. Any other input is the body of a ClientHello, and is split
-// into records of equal length. If both GnuTLS and the reader find a name in that body, it must be the same name.
+// into records of equal length. If both GnuTLS and the reader find a name in that body, the two names must be equal.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   constexpr uint8_t kHandshakeRecord = 22, kClientHello = 1;
   std::span<const uint8_t> bytes(data, size);

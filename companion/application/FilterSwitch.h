@@ -11,7 +11,7 @@
 // `identifier`: the bundle identifier of the extension that contains the provider. Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;
 
-// Reads the current state.
+// Reads the current state from the system's preferences and shows it.
 - (void)refresh;
 
 - (void)switchOn;

@@ -78,13 +78,13 @@ PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root)
 struct PolicyChange {
   enum class Outcome {
     Done,     // written or removed
-    Nothing,  // already as wanted
+    Nothing,  // nothing had to be done
     Foreign,  // left alone: the file differs from everything that we write
     Failed,
   };
   const PolicyPlace* place;
   Outcome outcome;
-  std::string reason;  // why it failed; otherwise empty
+  std::string reason;  // why the change failed; otherwise empty
 };
 
 // Writes our file at each place, and creates missing folders.

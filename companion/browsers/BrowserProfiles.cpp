@@ -23,7 +23,7 @@ std::string_view preference(std::string_view text, std::string_view name) {
   return rest.substr(0, rest.find(");"));
 }
 
-// The folders that contain Firefox's profile folders. Where they are depends on the kind of package.
+// The folders that contain Firefox's profile folders. They differ by the kind of package.
 std::vector<std::string> firefox_folders(const InstalledBrowser& browser, const std::string& home) {
   switch (browser.package) {
     case BrowserPackage::Flatpak: {

@@ -70,10 +70,10 @@ class Client {
   virtual void setProperties(const Value& properties, const Value& forHostname) = 0;  // a dictionary, a string
   virtual uint64_t changesCount() = 0;
 
-  // The same edits for many names. addHostnames and removeHostnames send one message per name without waiting for each
-  // reply. They return when the extension has carried out all these messages, which it does in order. setHostnames
-  // sends one message; duplicate names are merged. `progress`, if given, is called from time to time while the message
-  // is sent.
+  // The same edits for many names. addHostnames and removeHostnames send one message for each name without waiting for
+  // each reply. The extension carries out these messages in order, and the functions return when it has carried out the
+  // last one. setHostnames sends one message; duplicate names are merged. `progress`, if given, is called from time to
+  // time while the message is sent.
   virtual void addHostnames(std::span<const std::string> hostnames) = 0;
   virtual void removeHostnames(std::span<const std::string> hostnames) = 0;
   virtual void setHostnames(std::span<const std::string> hostnames, const Progress& progress) = 0;

@@ -308,7 +308,7 @@ void refuse_unknown_command(const CLI::App& app, int argc, const char* const* ar
     const std::string word = argv[i];
     if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip the value
     if (word.rfind('-', 0) == 0) continue;
-    size_t nearest = 3;  // suggest no command at this distance or further
+    size_t nearest = 3;  // only a command at a smaller distance is suggested
     std::string advice = "see orvanectl --help";
     for (const CLI::App* command : app.get_subcommands(nullptr)) {
       const size_t distance = edit_distance(word, command->get_name());

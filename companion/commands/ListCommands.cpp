@@ -196,8 +196,8 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
   return kDone;
 }
 
-// Describes `before`, the line that the list had for the site's host before the command. Returns an empty
-// text if there was no line.
+// Describes `before`, the line that the list had for the site's host before the command. Returns an empty text if there
+// was no line.
 std::string previous_state(const ListedSite* before, const ListedSite& site, Moment now) {
   if (before == nullptr) return "";
   if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);

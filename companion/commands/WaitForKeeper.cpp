@@ -12,7 +12,7 @@
 namespace orvane {
 namespace {
 
-// The longest time that the keeper needs to read this number of sites, and the extension to load their names.
+// The longest time in which the keeper reads this number of sites and the extension loads their names.
 std::chrono::milliseconds patience_for(size_t sites) {
   constexpr std::chrono::milliseconds kMinimum(5000);
   constexpr size_t kSitesPerMillisecond = 20;

@@ -56,7 +56,7 @@ Finding examine_identity(const InstalledBrowser& browser, const BrowserList& lis
 // A setting as the browser applies it. A policy overrides the profiles. Without a policy, the feature is off only if
 // all profiles switch it off.
 struct Setting {
-  std::string value;   // "on" or "off"; empty if no policy fixes it and the profiles do not switch it off
+  std::string value;   // "on" or "off"; empty if neither a policy nor the profiles decide
   std::string source;  // the file that contains the setting
 };
 

@@ -19,10 +19,10 @@ bool read_line(std::string_view line, Scope scope, ListedSite& site, std::string
 // dot, the rest is kept whole: ".www.example.com" gives the site www.example.com.
 bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string& fault);
 
-// What is wrong and what to do if the host cannot have the site's scope; empty if it can. A public suffix can have only
-// the scope ExactName, because the names below it belong to unrelated people. The machine's list may nevertheless have
-// a line that names a public suffix without "only", for example a line that was written by hand. Such a line blocks
-// only its host.
+// If the host cannot have the site's scope: what is wrong and what to do. Otherwise empty. A public suffix can have
+// only the scope ExactName, because the names below it belong to unrelated people. The machine's list may nevertheless
+// have a line that names a public suffix without "only", for example a line that was written by hand. Such a line
+// blocks only its host.
 std::string scope_fault(const ListedSite& site);
 
 // Calls normalize_hostname(), but refuses a text that is too long: the time to convert an international name grows with

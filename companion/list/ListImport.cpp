@@ -45,7 +45,7 @@ bool is_local_name(std::string_view name) {
 enum class Address { None, Blocking, Other };
 
 Address address_in(std::string_view word) {
-  const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" ends in an interface
+  const std::string text(word.substr(0, word.find('%')));  // "fe80::1%lo0" ends in the name of an interface
   in_addr ipv4{};
   in6_addr ipv6{};
   if (inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {

@@ -32,9 +32,10 @@ struct ImportedSites {
   size_t rejected = 0;    // invalid lines; in a line of hosts(5), each invalid name
 };
 
-// Called for each rejected line or name: the line's number from 1, the text, and what is wrong and what to do.
+// Called for each rejected line or name, with the line's number (counted from 1), the text, and a message that says
+// what is wrong and what to do.
 using ImportRejection = std::function<void(size_t line, std::string_view text, const std::string& fault)>;
-// Called from time to time with the bytes and lines read so far.
+// Called from time to time with the number of bytes and the number of lines that were read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
 // Reads a block list. `scope`, if given, replaces the default scope of each form except that of exceptions (see

@@ -7,7 +7,7 @@ namespace orvane {
 // The group whose members may edit the machine's list and connect to the machine's extension.
 inline constexpr const char* kAccessGroup = "orvane";
 
-// What to do when the system refuses a user this access (EACCES, EPERM).
+// Advice for a user who gets EACCES or EPERM because the user is not in this group.
 inline std::string access_advice(const std::string& user = "USER") {
   return std::string("join the group ") + kAccessGroup + ": sudo adduser " + user + " " + kAccessGroup +
          ", then log out and in again";

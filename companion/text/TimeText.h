@@ -24,7 +24,7 @@ std::chrono::seconds read_duration(std::string_view text);
 
 // Reads a moment after `now` as people type it, in the local time zone or in RFC 3339:
 //
-//   18:00                         the next time that the clock shows it
+//   18:00                         the next moment at which the clock shows this time
 //   2026-12-24 18:00
 //   2026-12-24, tomorrow          the start of that day
 //   tomorrow 9:00, today 18:00
