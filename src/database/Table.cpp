@@ -50,9 +50,9 @@ void Table::erase(const Value& key) {
   size_t hole = slotOf(key);
   slots_[hole] = {};
   --size_;
-  // A search begins at the key's home slot and stops at the first empty slot. If an entry's home slot is at or before
-  // the hole, and its slot is after the hole, a search for the entry would stop at the hole. So the loop moves the
-  // entry into the hole, and the entry's old slot becomes the hole.
+  // A search begins at the key's home slot and stops at the first empty slot. If an entry lies after the hole, but its
+  // home slot is at or before the hole, a search for the entry would stop at the hole. So the loop moves the entry into
+  // the hole, and the slot that the entry leaves becomes the hole.
   for (size_t index = (hole + 1) & mask; !slots_[index].key.isNil(); index = (index + 1) & mask) {
     const size_t home = slots_[index].key.hash() & mask;
     if (((index - home) & mask) < ((index - hole) & mask)) continue;

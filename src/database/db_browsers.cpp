@@ -32,9 +32,9 @@ void add_to_browsers_identifiers(const Value& value) {
 
 // Reads an open stream as a property list. Nil after an error, which is logged.
 Value read_property_list(ReadStream* stream) {
-  // A single call reads at most 1024 bytes of the list (docs/compatibility.md gives the reason). A longer list is cut
-  // off after these bytes, so the parser rejects it. The limit does not apply to a stream that gives access to its own
-  // buffer.
+  // The file is read with one call, which returns at most 1024 bytes (docs/compatibility.md gives the reason). A longer
+  // list is cut off after these bytes, so the parser rejects it. The limit does not apply to a stream that gives access
+  // to its own buffer.
   constexpr int64_t kListLimit = 1024;
   std::unique_ptr<uint8_t[]> buffer;
   int64_t count = 0;

@@ -6,7 +6,7 @@
 #include "platform/Log.h"
 #include "platform/NetworkExtension.h"
 
-// Functions that both provider classes share: to start, to stop, and to make rules.
+// What both provider classes share: starting the filter, stopping it, and making its rules.
 namespace orvane {
 
 // Asks the platform to apply the rules, and to allow flows that match no rule. Passes the outcome to the handler, and

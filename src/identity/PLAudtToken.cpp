@@ -90,8 +90,8 @@ std::optional<std::string> PLAudtToken::bundleIdentifierFromPid(int32_t pid) con
 
 std::optional<std::string> PLAudtToken::responsibleBundleIdentifier() const {
   const Value data = auditTokenData();
-  // A wrong size is not logged here, because callers call bundleIdentifier() first, and that function logs it. If the
-  // data are longer than a token, their first bytes are used as the token.
+  // Data of a wrong size are not reported here, because callers call bundleIdentifier() first, and that function logs
+  // the wrong size. If the data are longer than a token, their first bytes are used as the token.
   audit_token_t token;
   if (data.asData().size() < sizeof token) return std::nullopt;
   std::memcpy(&token, data.asData().data(), sizeof token);

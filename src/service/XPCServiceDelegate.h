@@ -5,7 +5,7 @@
 
 namespace orvane {
 
-// Accepts every connection and connects it to the shared control object. It does not check the peer, because the system
+// Accepts every connection, and exports the shared OrvaneController on it. Does not check the peer, because the system
 // decides who may connect.
 class XPCServiceDelegate : public NSXPCListenerDelegate {
  public:
