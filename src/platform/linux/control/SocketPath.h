@@ -17,7 +17,8 @@ struct ServerSocket {
   mode_t mode;  // the socket file's mode, which decides who may connect
 };
 
-// The socket on which an extension that runs as this process's user listens. Nothing, with *error set, on failure.
+// The socket on which the extension listens if it runs as the user of this process. Nothing, with *error set, on
+// failure.
 //
 //   if                          directory                                               mode of the socket file
 //   $RUNTIME_DIRECTORY is set   its first entry, which the service manager made         0660: the unit's Group=

@@ -19,7 +19,7 @@ namespace orvane {
 //   main thread           provider's thread
 //   start() ------------> the provider is made and started
 //                         applySettings(): the flow source starts
-//                         the service manager learns the outcome, and later how many connections hid their names
+//                         the service manager learns the outcome, and later how many connections hid their host names
 //
 // At the end the main thread runs stop() on another thread and waits for it for at most two seconds. The flow source
 // stops, then the provider.

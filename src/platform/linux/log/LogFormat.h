@@ -48,7 +48,7 @@ inline Argument argument(const void* v) { return {Kind::Address, v}; }
 template <class T, class... Choices>
 inline constexpr bool is_one_of = (std::is_same_v<T, Choices> || ...);
 
-// The kind of an argument of type T. A logging statement with an argument that no conversion takes does not compile.
+// The kind of an argument of type T. If no conversion takes this type, the logging statement does not compile.
 template <class T>
 constexpr Kind kind_of() {
   using Bare = std::decay_t<T>;
