@@ -37,7 +37,7 @@ std::string failure(const char* what, int error) {
   return std::string("proxy: ") + what + ": " + std::generic_category().message(error);
 }
 
-// Listens on the loopback address of a family. Returns no descriptor and sets errno on failure.
+// Listens on the loopback address of an address family. Returns no descriptor and sets errno on failure.
 Descriptor listen_on(int family, uint16_t port) {
   Descriptor listener(socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!listener) return {};
@@ -69,8 +69,8 @@ uint16_t bound_port(int listener) {
   return ntohs(address.sin_port);
 }
 
-// Each connection needs three descriptors, so the usual soft limit (1024) is too low for kProxyConnectionLimit
-// connections.
+// Each connection needs three descriptors, so the usual soft limit on descriptors (1024) is too low for
+// kProxyConnectionLimit connections.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

@@ -20,8 +20,8 @@ inline constexpr size_t kProxyConnectionLimit = 1024;
 struct ProxyLimits {
   size_t connections = kProxyConnectionLimit;
   // A connection that passes no bytes for this time ends. Network address translation may forget a connection after the
-  // same time (RFC 5382, section 5), so programs that want to keep an idle connection already send something at shorter
-  // intervals.
+  // same time (RFC 5382, section 5), so a program that wants to keep an idle connection must send something more often
+  // anyway.
   std::chrono::milliseconds idle = std::chrono::minutes(124);
 };
 

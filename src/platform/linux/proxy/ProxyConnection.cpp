@@ -63,8 +63,8 @@ class Examination {
   // Sets the flow's name if the bytes contain it. Returns false if more bytes are needed to find the name.
   bool readName(std::span<const uint8_t> held, bool last) {
     if (unnamedFlow_ == nullptr) return true;
-    // `held` begins with the bytes that the last call got, so only the bytes after them are new. If `held` fills the
-    // relay's buffer, no more bytes can come.
+    // `held` begins with the bytes that the previous call got, so only the bytes after them are new. If `held` fills
+    // the relay's buffer, no more bytes can come.
     const ServerNameReader::State state = name_.read(held.subspan(std::exchange(read_, held.size())));
     if (state == ServerNameReader::State::Open && !last && held.size() < kRelayBufferSize) return false;
     if (state == ServerNameReader::State::Known) {
@@ -80,7 +80,7 @@ class Examination {
   Ref<LinuxSocketFlow> unnamedFlow_;
   std::function<void(const std::string&)> onName_;
   ServerNameReader name_;
-  size_t read_ = 0;  // how many of the held bytes name_ has read
+  size_t read_ = 0;  // how many of the held bytes were passed to name_
 };
 
 const char* phrase(unsigned status) {
@@ -108,8 +108,8 @@ class ProxyConnection {
   void serve() {
     if (!readHead() || !examine()) return;
     // The first bytes of a forwarded request are here already, so the provider sees them before the proxy connects to
-    // the server. A tunnel's first bytes usually come later, after the proxy's answer to CONNECT, so the relay asks
-    // about them.
+    // the server. A tunnel's first bytes usually come later, after the proxy's answer to CONNECT, so the provider sees
+    // them while the relay runs.
     if (request_.form == ProxyRequest::Form::Forward && !gatherFirstBytes()) return;
     if (connectUpstream()) carry();
   }

@@ -170,8 +170,9 @@ size_t RequestBody::take(std::span<const uint8_t> bytes) {
   return taken;
 }
 
-// Reads one byte of the framing of chunks (RFC 9112, section 7.1). Lines must end in CR LF: if the proxy and the server
-// disagreed about where a body ends, a client could smuggle a second request past the filter.
+// Reads one byte of the framing of chunks (RFC 9112, section 7.1). Lines must end in CR LF, because a server may read
+// other line ends differently. If the proxy and the server disagreed about where a body ends, a client could smuggle a
+// second request past the filter.
 RequestBody::State RequestBody::afterFraming(char byte) {
   auto expect = [byte](char wanted, State next) { return byte == wanted ? next : State::Malformed; };
   switch (state_) {

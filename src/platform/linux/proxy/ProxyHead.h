@@ -42,7 +42,7 @@ class RequestBody {
   State afterSizeDigit(char byte);
 
   State state_;
-  uint64_t remaining_ = 0;  // bytes left of the body or chunk; while the digits of a chunk's size are read, their value
+  uint64_t remaining_ = 0;  // bytes left of the body or chunk; while a chunk's size is read, the size so far
   bool hasSizeDigit_ = false;
 };
 
