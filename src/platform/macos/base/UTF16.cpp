@@ -17,7 +17,7 @@ bool is_low(char32_t unit) { return unit >= 0xdc00 && unit < 0xe000; }
 
 // The first character of a non-empty text.
 Character first_character(std::string_view text) {
-  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // smallest code point of each length in bytes
+  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};  // [n]: the smallest code point that takes n bytes
   const auto lead = static_cast<uint8_t>(text[0]);
   if (lead < 0x80) return {lead, 1};
   const size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;

@@ -3,8 +3,8 @@
 #import "platform/macos/control/OrvaneSECommunication.h"
 #include "service/OrvaneSECommunication.h"
 
-// Adapts a control object to the Objective-C protocol: connections export the adapter instead of the control object.
-// The adapter passes each message on unchanged.
+// Adapts a control object (the core's object that receives a companion's messages) to the Objective-C protocol:
+// connections export the adapter instead of the control object. The adapter passes each message on unchanged.
 @interface OrvaneController : NSObject <OrvaneSECommunication> {
  @private
   orvane::Ref<orvane::OrvaneSECommunication> _controller;

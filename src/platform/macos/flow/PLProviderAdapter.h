@@ -5,7 +5,7 @@
 #include "platform/NetworkExtension.h"
 
 // Adapts a C++ provider to the framework: makes the provider and passes each call on to it. The framework calls the
-// adapter on its own queues.
+// adapter on the framework's own queues.
 @interface PLProviderAdapter : NEFilterDataProvider {
  @protected
   orvane::Ref<orvane::NEFilterDataProvider> _provider;
