@@ -11,10 +11,11 @@
 namespace orvane {
 namespace {
 
-// Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet with payload. Simpler matches
-// (the PSH flag, a length, u32) would miss data on the SYN, tiny payloads or a first segment that the receiver's narrow
-// window cuts short, or would match a SYN without data. The IPv6 program cannot look behind extension headers, so it
-// matches every packet that has them; parse_packet() then finds the TCP header.
+// Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet with payload. Each simpler match
+// (the PSH flag, a length, u32) is wrong for some packets. Some of these matches miss data on the SYN, tiny payloads,
+// or a first segment that the receiver's narrow window cuts short; others match a SYN without data. The IPv6 program
+// cannot look behind extension headers, so it matches every packet that has them; parse_packet() then finds the TCP
+// header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =
@@ -121,8 +122,8 @@ class ProviderChains {
 // they jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
 // "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. In each of the
 // three chains, the first rule returns if the connection is allowed and the packet has no bits. Most packets are of
-// this kind, and no later rule would match them. In mangle OUTPUT, the first rule does not match SYNs, because a SYN
-// clears the connection's bits.
+// this kind, and no later rule would match them. In mangle OUTPUT, the first rule does not match SYNs, because a later
+// rule clears the connection's bits at each SYN.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
@@ -151,16 +152,16 @@ class ProviderChains {
 //     packet's bits are "dropped"             SEEN     clear them: on INPUT they mean "no verdict"        |
 //                                                        |                                                |
 //                                                        +-- NF_REPEAT, packet's bits = "allowed" or -----+
-//                                                            "dropped", unless the packet is dropped
+//                                                            "dropped"; or, instead, NF_DROP
 //
-// The answer is "allowed", "dropped", or "pending" while the server's name is incomplete.
+// The answer is "allowed" or "dropped"; while the server's name is incomplete, the answer is "pending".
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
 //   user's id. So ASK sets the packet's bits to "allowed", the most frequent answer, before the packet is queued: the
 //   answer "allowed" then changes no bit. If no process serves the queue, the packet passes with these bits, and its
 //   connection counts as allowed.
-// - The packet's bits "pending" only keep the packet from being queued twice. They are not saved to the connection,
-//   because the connection may have a verdict by then.
+// - On OUTPUT, the packet's bits "pending" only keep the packet from being queued twice. They are not saved to the
+//   connection, because the connection may have a verdict by then.
 // - A packet goes to VERDICT only if its connection has bits, too, because other programs may set the same bits in
 //   packets of other connections. A packet without a connection (NOTRACK) matches neither `--mark` nor `! --mark` of
 //   connmark, so it passes.

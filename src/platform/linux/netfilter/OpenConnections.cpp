@@ -92,7 +92,7 @@ bool OpenConnections::ask(Connections::iterator connection) {
   auto flow = LinuxSocketFlow::create(connection->second.owner, key.pair.remote.host(), key.pair.remote.port, type);
   flow->setRemoteHostname(reversed(key.reversedName));
   if (FilterSession(provider_, flow).openFlow() != FilterSession::State::Dropped) return true;
-  // Another socket may have the connection's addresses and ports by now, and must not be ended.
+  // Another socket may have these addresses and ports by now; the connection of that socket must not be ended.
   if (isOpen(key)) {
     end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});
   }

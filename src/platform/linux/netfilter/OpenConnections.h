@@ -39,11 +39,11 @@ struct OpenConnection {
 // neighbours, and so are the connections of all names below one name. After an edit of one name, no other connections
 // are read.
 //
-// Nobody reports the end of a connection. (Connection tracking can, but only two minutes later by default, and its
-// messages may be lost.) So removeEnded() makes two checks for each connection that was added. A check takes the
-// connection that was added or checked longest ago, and removes it if its socket no longer exists. As a result, at most
-// about half of the stored connections have ended, unless more connections are added in a second than removeEnded() can
-// check.
+// The end of a connection is not reported in time: connection tracking can report it, but only two minutes later by
+// default, and its messages may be lost. So removeEnded() makes two checks for each connection that was added. A check
+// takes the connection that was added or checked longest ago, and removes it if its socket no longer exists. As a
+// result, at most about half of the stored connections have ended, unless more connections are added in a second than
+// removeEnded() can check.
 //
 // Not thread-safe: belongs to the queue's thread.
 class OpenConnections {

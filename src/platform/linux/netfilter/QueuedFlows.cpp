@@ -167,7 +167,7 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
     bytes = flow.flight.next();
   }
   // A DNS flow contains no server name; the provider itself reads the DNS question. In all other flows, the name is
-  // read to its end, even if the provider has seen the flow already.
+  // read until it is complete, even if the provider has seen the flow already.
   if (packet.ends.remote.port != kDNSPort) {
     const uint64_t known = flow.quic == nullptr ? 0 : flow.quic->length();
     if (!readName(flow, bytes, isLast)) return stream ? !bytes.empty() : flow.quic->length() > known;
@@ -194,7 +194,7 @@ bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLa
     if (isBeyondLimit) flow.session.refuse();
     return false;
   }
-  if (before != NameState::Open) return true;  // the name is settled already
+  if (before != NameState::Open) return true;  // an earlier packet made the state Known or Unknown
   const ServerNameReader& name = stream ? flow.name : flow.quic->hello();
   if (state == NameState::Known) {
     flow.flow->setRemoteHostname(name.name());

@@ -73,8 +73,8 @@ class QueuedFlows {
   // are remembered.
   void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
 
-  // From now on, drops the packets of an allowed flow that come from the queue. These are the flow's packets that are
-  // in the queue already, and, if connection tracking forgets a TCP connection, the connection's later packets.
+  // From now on, packets of this allowed flow get the verdict Dropped: the packets that are in the queue already, and,
+  // if connection tracking forgets a TCP connection, the connection's later packets.
   void drop(const OpenConnection& connection);
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. If so, another program
