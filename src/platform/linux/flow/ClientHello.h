@@ -11,9 +11,9 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete. After this extension, the reader reads only the bytes that come with
-// its end in the same call and the same record. It stores about 2 KiB at most, whatever the length of the hello. Not
-// thread-safe.
+// name is known when its extension is complete. The call in which this extension ends reads on to the end of `bytes` or
+// of the TLS record, whichever comes first; later calls read nothing. The reader stores about 2 KiB at most, whatever
+// the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.

@@ -143,7 +143,7 @@ std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header
 }
 
 // Reads the frames of an Initial packet, and in them the next bytes of the hello. Returns false if a frame is
-// malformed, or if an Initial packet must not have frames of its type (RFC 9000, section 12.4).
+// malformed, or if its type is not allowed in Initial packets (RFC 9000, section 12.4).
 bool QuicInitialReader::readFrames(Bytes frames) {
   Fields fields{frames};
   while (fields.isComplete && !fields.rest.empty() && state_ == State::Open) {

@@ -37,9 +37,9 @@ struct Authority {
 // Returns nothing for an authority with user information, port 0, or no host.
 std::optional<Authority> parse_authority(std::string_view text);
 
-// Reads the host name, without a port, from the Host field of a request head to an origin server (RFC 9112, section
-// 3.2), as the head's bytes arrive. The name is known at the end of the field's line. Stores about a kilobyte, whatever
-// the length of the head. Not thread-safe.
+// Reads the host name, without a port, from the Host field (RFC 9112, section 3.2) of a request to an origin server, as
+// the bytes of the request's head arrive. The name is known at the end of the field's line. Stores about a kilobyte,
+// whatever the length of the head. Not thread-safe.
 class RequestHostReader {
  public:
   // Unknown: the bytes are no HTTP/1 request, or the head has no host or is too long.

@@ -14,8 +14,8 @@ constexpr uint8_t kHandshakeRecord = 22;  // RFC 8446, section 5.1; no HTTP meth
 // tls-ech.dev and defo.ie.
 constexpr std::array<std::string_view, 3> kPublicNames = {"cloudflare-ech.com", "public.tls-ech.dev", "cover.defo.ie"};
 
-// If a reader's new state is Known, sets `name` to the listed form of the name that was `written`. Returns the state,
-// or Unknown if the listed form is empty.
+// `state` is a reader's new state. If it is Known, `written` is the name as the client wrote it, and the function sets
+// `name` to the listed form of `written`. Returns `state`, or Unknown if the listed form is empty.
 NameState settle(NameState state, const std::string& written, std::string& name) {
   if (state != NameState::Known) return state;
   name = listed_form(written);
