@@ -38,8 +38,10 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
 //
 //   1  its local port matches, and its local address matches or is unset (an IPv6 socket can send IPv4 too)
 //  +1  its local address matches
-//  +2  it has no peer (a socket with another peer gets no points for it, but may still send to this destination)
+//  +2  it has no peer
 //  +4  its peer matches
+//
+// A datagram socket with another peer can match, too, because it may still send to this destination.
 constexpr int kPeerMatches = 5;  // the lowest score with a matching peer
 
 int match_score(const SocketPair& pair, const inet_diag_msg& message) {

@@ -21,7 +21,8 @@ const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 
 // A full map drops the least recently used records. The extension looks a record up right after the socket's first
 // packet, so it misses a record only if thousands of sockets are recorded in this short time. Streams have a map of
-// their own, because sockets can send datagrams much faster than they can connect.
+// their own: sockets can send datagrams much faster than they can connect, so in a common map a flood of datagrams
+// would push out the records of streams.
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
   __uint(max_entries, 65536);
