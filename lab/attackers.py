@@ -21,7 +21,7 @@ _FORKING = multiprocessing.get_context("fork")
 def _search_far(number: int) -> None:
     """Sends DNS questions from a socket whose opener has ended, so that the search for the socket's owner takes long.
 
-    The search goes through the descriptors of this user's processes, and each process has 19,000 of them.
+    The search goes through the descriptors of this user's processes, and each of these processes has 19,000.
     """
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     if os.fork() != 0:
@@ -106,7 +106,7 @@ def _attackers(start, wait):
 
 
 def slow_attack():
-    """Sends packets on which the extension works long.
+    """Sends packets that take the extension long to examine.
 
     Needs root, to become the user ATTACKER, and the limit of open files that allow_many_descriptors() sets.
     """
@@ -127,8 +127,8 @@ def flood(port: int = 53):
 def half_open_flows(address: str, count: int, lines: int, single: int):
     """Opens HTTP connections that stay open. The with block begins when all connections are open.
 
-    On each connection, sends the beginning of a request head with `lines` lines, and then `single` single bytes. Needs
-    root and the limit of open files, as slow_attack() does.
+    On each connection, sends the beginning of a request head with `lines` lines, and then `single` bytes, one at a
+    time. Needs root and the limit of open files, as slow_attack() does.
     """
     opened = _FORKING.Semaphore(0)
 

@@ -13,7 +13,7 @@ import threading
 from isolation import Unavailable
 from web_servers import make_certificate, page_of
 
-_ENCRYPTED_HELLO = 0xFE0D  # RFC 9849, section 5: the number of the extension, and of the keys' version
+_ENCRYPTED_HELLO = 0xFE0D  # RFC 9849, section 5: the TLS extension's number, which is also the version of the keys
 _X25519 = 0x0020  # RFC 9180, section 7.1
 _HKDF_SHA256_AES_128_GCM = struct.pack("!2H", 1, 1)  # RFC 9180, sections 7.2 and 7.3
 _SERVER = ("127.0.0.1", 8443)
@@ -108,8 +108,8 @@ class EncryptedHelloServer:
                 return
             hello += data
         self.hellos.append(_read_hello(hello))
-        # Connect to selfserv only after a whole hello: a connection that the filter drops never ends here, and selfserv
-        # serves at most eight connections at once.
+        # Connect to selfserv only after a whole hello. If the filter drops a connection, its hello never arrives here,
+        # and neither does its end. Such connections must not use up the eight that selfserv serves at once.
         with client, socket.create_connection(_SERVER) as server:
             server.sendall(hello)
             threading.Thread(target=self._copy, args=(client, server), daemon=True).start()

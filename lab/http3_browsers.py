@@ -16,7 +16,7 @@ _REFUSALS = ("net::ERR_QUIC_PROTOCOL_ERROR", "net::ERR_CONNECTION_RESET", "net::
 
 @dataclasses.dataclass(frozen=True)
 class OverHTTP3(Destination):
-    """A page that only the HTTP/3 server has: it names the scheme h3."""
+    """A page that only the HTTP/3 server has: the page's text names the scheme h3."""
 
     def url(self, path: str = "/") -> str:
         return f"https://{self.host}{path}"
@@ -33,7 +33,8 @@ class FirefoxOverHTTP3(Firefox):
         super().__init__(name, path, identifier, directory)
         mapping = ",".join(f"{host};h3=:443" for host in hosts)
         self._SETTINGS += f'user_pref("network.http.http3.alt-svc-mapping-for-testing", "{mapping}");\n'
-        # Without these, Firefox refuses HTTP/3 to the loopback device and with the test's authority.
+        # By default, Firefox uses no HTTP/3 here: the server is on the loopback device, and the test's authority was
+        # added to the built-in ones.
         self._SETTINGS += 'user_pref("network.http.http3.force-quic-on-loopback", true);\n'
         self._SETTINGS += 'user_pref("network.http.http3.disable_when_third_party_roots_found", false);\n'
 

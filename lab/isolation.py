@@ -2,7 +2,7 @@
 
 The filter's rules cover ports 53, 80 and 443, and host names must lead to local servers. Inside the namespaces the
 script may listen on every port, replace the name server and change firewall rules without touching the machine. When
-the first process inside ends, the kernel ends all others.
+the first process in the namespaces ends, the kernel ends their other processes.
 """
 
 import fcntl
@@ -95,7 +95,7 @@ def run_isolated(script: str, *arguments: str) -> int:
     if interrupted:
         signal.signal(interrupted, signal.SIG_DFL)
         os.kill(os.getpid(), interrupted)
-    # An interrupted process has ended above, so it does not print unshare's message that its child was killed.
+    # After an interrupt this line is not reached, so unshare's message that its child was killed is not printed.
     sys.stderr.write(errors)
     return unshare.returncode
 

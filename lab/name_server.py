@@ -61,10 +61,10 @@ class _TCP(socketserver.ThreadingTCPServer):
 
 
 def serve(addresses: dict[str, list[str]], hello_keys: dict[str, bytes]) -> None:
-    """Starts a name server for these names, which runs until the process ends.
+    """Starts a name server that runs until the process ends.
 
-    `hello_keys` has the keys for Encrypted Client Hello, for the names that have such keys. The caller may change both
-    dictionaries later.
+    `addresses` maps each name to its addresses. `hello_keys` maps a name to its keys for Encrypted Client Hello, if it
+    has any. The caller may change both dictionaries later.
     """
     for server in (_UDP(("127.0.0.1", 53), _OverUDP), _TCP(("127.0.0.1", 53), _OverTCP)):
         server.names = (addresses, hello_keys)

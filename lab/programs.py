@@ -157,7 +157,7 @@ class Chromium(Browser):
 
     @contextlib.contextmanager
     def tabs(self):
-        """A running Chromium, whose tabs the script controls."""
+        """A running Chromium, whose tabs the caller controls."""
         commands, their_commands = os.pipe()[::-1]
         their_answers, answers = os.pipe()[::-1]
         with tempfile.TemporaryDirectory(dir=self._directory, ignore_cleanup_errors=True) as profile:
@@ -223,7 +223,7 @@ class Tabs:
         return self._call("Runtime.evaluate", tab, expression=expression)["result"].get("value")
 
     def start_requests(self, origin: str) -> str:
-        """Opens a page of the origin in a new tab, which then requests it again and again. Returns the tab."""
+        """Opens the origin's page in a new tab, where a script fetches the page again and again. Returns the tab."""
         return self._start(origin, self._REQUESTS)
 
     def _start(self, origin: str, script: str) -> str:

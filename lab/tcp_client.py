@@ -15,7 +15,7 @@ from multiprocessing.managers import BaseManager
 from tcp_peer import Script
 
 _TIMEOUT = 120  # seconds; a long text in small segments takes a minute if some of them are lost
-_GATE_TIMEOUT = 300  # longer, because a whole attack can take place before the gate's file exists
+_GATE_TIMEOUT = 300  # seconds, with a gate: a whole attack can take place before the gate's file exists
 _SKIP_8_BYTES = struct.pack("!BBBBI", 0, 0, 1, 4, 0)  # an extension header of one PadN option, RFC 8200, section 4.2
 _RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() sends a reset, so no TIME-WAIT state keeps the port
 
@@ -41,11 +41,11 @@ def _may_pass(gate: str) -> bool:
 
 
 def _exchange(connection: socket.socket, text: bytes, pauses: dict, answer: float, gate: str | None) -> tuple:
-    """Sends the text, in one write for each piece between two of the `pauses`, and reads until the exchange ends.
+    """Sends the text and reads until the exchange ends. The `pauses` cut the text into pieces; each piece is one write.
 
     The exchange ends when the server has acknowledged all text and sent `answer` bytes, when the connection was reset,
-    or after a timeout. With a gate, the writes after the first wait until the gate's file exists. Returns the received
-    bytes, and how the exchange ended.
+    or after a timeout. If there is a gate, the second and all later writes wait until the gate's file exists.
+    Returns the received bytes, and how the exchange ended.
     """
     received, sent, has_ended = b"", 0, False
     resume, end = time.monotonic() + pauses.get(0, 0), time.monotonic() + (_GATE_TIMEOUT if gate else _TIMEOUT)
@@ -87,7 +87,7 @@ class _Client:
     def play(self, script: Script, address: str, gate: str | None) -> tuple[bytes, str]:
         """Plays script.earlier, if it exists, and then the script. Returns what _exchange() returns for the script.
 
-        If script.earlier exists, the gate is between the two connections.
+        If script.earlier exists, the client waits at the gate between the two connections.
         """
         try:
             if script.earlier:

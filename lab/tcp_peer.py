@@ -1,7 +1,7 @@
 """TCP servers (RFC 9293) behind a TUN device. They do what scripts say, even if TCP forbids it.
 
-The clients are sockets of this machine's kernel. Each flow has a server address of its own, by which the peer finds the
-flow's script.
+The clients are sockets of this machine's kernel. Each flow has its own server address, by which the class Peer finds
+the flow's script.
 """
 
 import dataclasses
@@ -23,9 +23,9 @@ FIN, SYN, RST, PSH, ACK, URG, ECE, CWR = (1 << bit for bit in range(8))
 _DEVICE = "peer0"
 # The addresses of the clients. All other addresses of these two networks are the servers'.
 _LOCAL = {4: "10.77.255.254/16", 6: "fd77::ffff:1/64"}
-# The peer's pauses, in seconds, before it sends the same segments again. If the window is narrow, the client's kernel
-# sends when a timer expires, and each segment from the peer restarts this timer. So the later pauses are long: the
-# timer can expire during a pause.
+# How many seconds a server waits before each retransmission. While the window is narrow, the client's kernel sends only
+# when a timer expires, and each segment from the server restarts this timer. So the later waits are long enough for the
+# timer to expire.
 _RESENDS = [0.15, 0.15, 0.3, 0.6, *[1] * 12]
 
 
@@ -39,18 +39,18 @@ class Script:
     port: int  # of the server
     is_held: bool = False  # the filter drops this flow, so the client waits for a reset
     text: bytes = b""  # what the client sends
-    named: tuple[int, int] = (0, 0)  # the host's name in the text: its first position, and the first one after it
-    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}: the client pauses there
+    named: tuple[int, int] = (0, 0)  # where the host's name begins in the text, and the position after its end
+    pauses: dict[int, float] = dataclasses.field(default_factory=dict)  # {position: seconds}: the client's pauses
     has_syn_payload: bool = False
     extension_headers: list[int] = dataclasses.field(default_factory=list)  # socket options like IPV6_DSTOPTS
     client_port: int = 0  # 0: the kernel chooses
     earlier: "Script | None" = None  # the script of a connection with the same ports, just before this one
     # The server.
     mss: int = 1460
-    first_window: int = 0  # the client may first send up to this position
-    window: int = 65535  # the window from first_window on
+    first_window: int = 0  # if not 0, the first window ends at this position
+    window: int = 65535  # the window, in bytes, from first_window to window_until
     window_until: int = 0  # from this position on, the window is 65535
-    pause: float = 0  # if not 0: from pause_at on, the window is zero for this many seconds
+    pause: float = 0  # if not 0, the window is zero for this many seconds, from pause_at on
     pause_at: int = 0
     lost: list[int] = dataclasses.field(default_factory=list)  # which segments with payload are lost; the first is 1
     sack: bool = False
@@ -63,13 +63,13 @@ class Script:
     flags: int = 0  # more flags of ACK segments
     syn_payload: bytes = b""  # the payload of the SYN-ACK
     takes_syn_payload: bool = True
-    opening: str = "SYN-ACK"  # or "SYN" instead of it, or "RST" or "wrong acknowledgment" ahead of it
-    primed: int = 0  # if not 0, the flags of a segment to the client's port before the client connects
-    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, what is sent there)
+    opening: str = "SYN-ACK"  # "SYN" replaces the SYN-ACK; "RST" or "wrong acknowledgment" precedes it
+    primed: int = 0  # if not 0, the server sends a segment with these flags before the client's SYN
+    answers: list[tuple[int, bytes]] = dataclasses.field(default_factory=list)  # (position, the server's answer there)
     answer_delay: float = 0
     sends_once: bool = False  # no retransmissions
     end: tuple[int, int] | None = None  # (position, how the server ends the connection there: FIN or RST)
-    end_distance: int = 0  # how far the end's sequence number is ahead of what the server has sent
+    end_distance: int = 0  # how many bytes `end`'s sequence number is ahead of the server's last byte
 
     def answer(self) -> bytes:
         return b"".join(data for _, data in self.answers)
@@ -118,7 +118,7 @@ class Connection:
         self.initial = initial  # the client's initial sequence number
         self._initial = 0x10000000 + initial % 0x1000  # the server's initial sequence number
         self._acknowledged = self._initial + 1
-        self._out = b""  # the server's bytes from _acknowledged on: those sent, and those to send
+        self._out = b""  # the server's bytes from _acknowledged on, sent or not
         self._due = list(script.answers)
         self._segments = 0
         self._has_ended = self._client_ended = self._is_reset = self._is_established = False
@@ -136,7 +136,7 @@ class Connection:
 
     def take(self, flags: int, sequence: int, acknowledgment: int, payload: bytes, packet: bytes) -> None:
         offset = (sequence + bool(flags & SYN) - self.initial - 1 + (1 << 31)) % (1 << 32) - (1 << 31)
-        # These bytes count as seen by the server, even if the script says that they are lost.
+        # The filter let these bytes pass, so record them even if the script then loses them.
         self._named_missing.difference_update(range(max(offset, 0), offset + len(payload)))
         if flags & RST:
             # Until the connection is established, a reset only rejects what the script sent ahead of the SYN-ACK.
@@ -152,7 +152,7 @@ class Connection:
                 self._acknowledge()
                 self._end(FIN)
             elif flags & SYN:
-                self._acknowledge()  # the SYN-ACK of a simultaneous open
+                self._acknowledge()  # the client's SYN-ACK, in a simultaneous open
 
     def _take_acknowledgment(self, acknowledgment: int) -> None:
         fresh = (acknowledgment - self._acknowledged) % (1 << 32)
@@ -247,7 +247,7 @@ class Connection:
             self._peer.later(0.02 if first else 0, self._accept, options)
 
     def _accept(self, options: bytes, turn: int = 0) -> None:
-        """Sends the SYN-ACK again until the client has acknowledged it, because the acknowledgment can be lost."""
+        """Sends the SYN-ACK repeatedly until the client has acknowledged it: the acknowledgment can be lost."""
         if self._is_established:
             return
         self._send(SYN | ACK, self._script.syn_payload, options=options)
@@ -255,7 +255,7 @@ class Connection:
             self._peer.later(_RESENDS[turn], self._accept, options, turn + 1)
 
     def _answer(self) -> None:
-        """Sends the answers and the end that the script has for the text received so far."""
+        """Sends the answers, and then the FIN or RST, whose positions the received text has reached."""
         while self._due and len(self.received) >= self._due[0][0]:
             self._peer.later(self._script.answer_delay, self._transmit, self._due.pop(0)[1])
         if self._script.end and len(self.received) >= self._script.end[0]:
@@ -296,7 +296,8 @@ class Peer:
         for family in self.families:
             more = ["nodad"] if family == 6 else []
             self._ip(f"-{family}", "address", "add", _LOCAL[family], "dev", _DEVICE, *more)
-        # In the floods, hundreds of segments wait for the peer's thread. The device loses segments beyond txqueuelen.
+        # In an attack with many connections, hundreds of segments wait for the peer's thread. The device drops those
+        # beyond txqueuelen.
         self._ip("link", "set", _DEVICE, "txqueuelen", "10000", "up")
         self._servers: dict[bytes, tuple[list[Script], list[Connection]]] = {}  # by address
         self._by_endpoints: dict[tuple, Connection] = {}
@@ -333,7 +334,7 @@ class Peer:
         os.write(self._device, packet)
 
     def send_too_big(self, endpoints: tuple, mtu: int, packet: bytes) -> None:
-        """Sends the ICMP error of RFC 792 and RFC 1191, or of RFC 4443, about a packet of the client."""
+        """Tells the client that its packet is too big: by ICMP (RFC 792, RFC 1191) or ICMPv6 (RFC 4443)."""
         source, destination = endpoints[:2]
         if len(source) == 4:
             body = struct.pack("!BBHHH", 3, 4, 0, 0, mtu) + packet[:548]
