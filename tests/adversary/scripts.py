@@ -1,4 +1,4 @@
-"""What the clients and the servers do, as tables. The arguments of make() determine the whole script."""
+"""Tables of what the clients and the servers do. With the same arguments, make() returns the same script."""
 
 import dataclasses
 import random
@@ -9,7 +9,7 @@ from harness import HELD, NEWS
 from tcp_peer import ACK, CWR, ECE, FIN, PSH, RST, SYN, URG, Script
 
 ANSWER = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nan answer"
-FORGOTTEN = 2  # seconds after which connection tracking has forgotten a connection in the scripts of FORGETFUL
+FORGOTTEN = 2  # seconds. In a script of FORGETFUL, connection tracking forgets a silent connection sooner
 
 
 def request(number: random.Random, host: str, length: int) -> tuple[bytes, tuple[int, int]]:
@@ -62,7 +62,7 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """Keeps the window narrow for six windows of text only: the kernel fills a narrow window only every 200 ms."""
+    """Narrows the window for only six windows of text, because the kernel fills a narrow window only every 200 ms."""
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}
@@ -95,12 +95,13 @@ def _reuse(script: Script, number: random.Random, *hosts: str) -> dict:
 
 
 def _answer(script: Script, at: int, pause: float) -> dict:
-    """An answer after `at` bytes. The client sends the rest after a pause, or when the window allows it."""
+    """The server answers as soon as it has `at` bytes of the text. After these bytes, the client pauses."""
     return {"answers": [(at, ANSWER), *script.answers], "pauses": {at: pause}}
 
 
-# Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table:
-# first those that make the text, on which the others depend, and "end" after those that change the answers.
+# Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table.
+# The steps that make the text come first, because the other steps depend on the text. "end" comes after the steps that
+# add answers, because it removes some of the answers.
 STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "plain": lambda _, n: {},
     "spelling": _spelling,
@@ -136,8 +137,8 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "wrong": lambda s, n: {"opening": "wrong acknowledgment"},
     "primed SYN": lambda s, n: {"primed": SYN, "client_port": n.randrange(20000, 30000)},
     "primed ACK": lambda s, n: {"primed": ACK, "client_port": n.randrange(20000, 30000)},
-    # These resets end the connection for connection tracking. The client's socket ignores them, because it has not
-    # received the bytes before them.
+    # Connection tracking takes these resets for the end of the connection. The client's socket ignores the resets,
+    # because it has not received the bytes before them.
     "reset behind answer": lambda s, n: {
         **_answer(s, s.named[0] - 10, FORGOTTEN),
         "end": (s.named[0] - 10, RST),
@@ -153,8 +154,8 @@ STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
         "pauses": {n.choice([0, 1, s.named[0] + 1]): FORGOTTEN},
         "answer_delay": n.choice([0, FORGOTTEN]),
     },
-    # When connection tracking has forgotten the connection, the server sends first. So for connection tracking, the
-    # server begins a new connection.
+    # After connection tracking has forgotten the connection, the server sends before the client does. So connection
+    # tracking takes the server for the side that opened the connection.
     "keepalive": lambda s, n: {"pauses": {n.choice([0, 1]): FORGOTTEN + 1}, "keepalive": FORGOTTEN + 0.5},
     # When the extension starts, the client has sent half of the text, and the server's answer is on its way.
     "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},

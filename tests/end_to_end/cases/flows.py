@@ -24,7 +24,7 @@ def DropsOnlyHeldHosts(world: World):
 
 
 class _BrowsersCurl(programs.Curl):
-    """Runs curl as a child process of a browser, for which a copy of Python stands in."""
+    """Runs curl as a child process of a copy of Python, which stands in for a browser."""
 
     def _run(self, *arguments):
         code = "import subprocess, sys; sys.exit(subprocess.call(sys.argv[1:]))"

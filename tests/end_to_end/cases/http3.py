@@ -15,14 +15,14 @@ from http3_server import HTTP3Server
 from programs import Browser
 
 _RECORD = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial/firefox_1"
-# Seconds until a page or an error: a third of a second on an idle machine. If the filter did not answer the datagrams
-# that it drops, Firefox would wait for 45 s.
+# A browser must show a page or an error within this many seconds. On an idle machine it takes a third of a second. If
+# the filter did not answer the datagrams that it drops, Firefox would wait for 45 s.
 _LONGEST_WAIT = 15
 _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1")}
 
 
 def _recorded() -> list[bytes]:
-    """The datagrams of a recording, in which each comes after its length. The second one completes the name HELD."""
+    """The datagrams of a recording, where each follows its length. The second datagram completes the name HELD."""
     text, datagrams = _RECORD.read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
@@ -135,7 +135,8 @@ def PassesNoHeldNameDuringAFlood(world: World):
                 _send(connection, first, second)
         received = server.received_by_client()
         print(f"datagrams of {len(received)} clients arrived; {extension.counters()}")
-        # A datagram that is dropped beyond the limit completes nothing, so either one may arrive without the other.
+        # The flood makes the filter drop datagrams unread. So one of a client's two datagrams may arrive without the
+        # other, but the two together would reveal the name.
         check([client for client, datagrams in received.items() if len(set(datagrams)) > 1], [], "whole hellos")
         for connection in clients:
             connection.close()

@@ -43,7 +43,7 @@ class _Download:
         wait_until(lambda: self._size() > before, f"{self.name} goes on", 10)
 
     def check_was_reset(self) -> None:
-        """Checks the exit code of curl."""
+        """Checks that curl ended with its exit code for a reset."""
         check(self.process.poll(), 56, f"{self.name}: exit code")
 
 

@@ -27,7 +27,7 @@ def _safari(world: World) -> programs.Program:
 def BlocksSubdomainsWithBothProvidersFromBothSources(world: World):
     kinds = ((world.curl(), "FilterDataProvider"), (_safari(world), "PLSafariFilterDataProvider"))
     for (program, provider), source in itertools.product(kinds, ("netfilter", "proxy")):
-        pages = 0  # of which the program saw none
+        pages = 0  # the number of fetched pages that must not arrive
         extension = world.extension(program.identifier, provider=provider, source=source)
         with extension, Keeper(extension, world.directory / f"keeper-{provider}-{source}") as keeper:
             for command, expected in STEPS:
