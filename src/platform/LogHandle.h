@@ -5,8 +5,8 @@
 #include "platform/Ref.h"
 
 // The log's handles, levels and macros, common to all systems. Do not include this header: include Log.h, which
-// includes it. Each system has a Log.h of its own, because macOS's log needs the format as a literal at the call. The
-// include path selects the system's Log.h.
+// includes it. Each system has a Log.h of its own, because on macOS the format must be passed as a literal directly to
+// the system's log macro. The include path selects the system's Log.h.
 namespace orvane {
 
 // The levels Default, Info, Debug and Error. Log.h defines them.

@@ -170,8 +170,8 @@ std::optional<std::string> ProviderHost::startProxy(const Ref<NEFilterDataProvid
 }
 
 // Logs the reason and tells it to the service manager. If the bundle names a flow source other than the proxy, the
-// extension is a system service, and nobody would notice that nothing is filtered. In this case the process ends with
-// an error.
+// extension runs as a system service, and nobody would notice that it filters nothing. So the process then ends with an
+// error, which the service manager shows.
 void ProviderHost::reportFailure(const std::string& reason) {
   ORVANE_LOG_ERROR(default_log(), "filter not started: %@", reason);
   const std::string status = "Filter not started: " + reason;
