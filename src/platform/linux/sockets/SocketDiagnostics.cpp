@@ -36,7 +36,7 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
 // Returns how well a socket matches the pair; 0 means no match. A TCP socket matches if both endpoints match. A
 // datagram socket gets points, and the socket with the most points is chosen:
 //
-//   1  its local port matches, and its local address matches or is unset (an IPv6 socket can send IPv4 too)
+//   1  its local port matches, and its local address matches or is unset (an unset IPv6 address also fits IPv4)
 //  +1  its local address matches
 //  +2  it has no peer
 //  +4  its peer matches
