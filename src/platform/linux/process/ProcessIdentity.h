@@ -45,7 +45,7 @@ class ProcessIdentity {
   struct Program {
     std::optional<Executable> executable;
     std::optional<std::string> package;  // the Flatpak application ID, or the Snap name
-    std::optional<std::string> image;    // from application_of_app_image(), if the executable is a shell or launcher
+    std::optional<std::string> image;    // from application_of_app_image(), if runs_other_programs(executable)
   };
 
   explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
