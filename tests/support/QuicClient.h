@@ -41,7 +41,7 @@ inline std::string expand(const std::string& secret, const std::string& label, s
 struct QuicClient {
   std::string keyID = "firstdst";  // the connection ID from which the keys come
   uint64_t number = 0;             // of the next packet
-  int numberLength = 1;            // how many bytes of it are sent
+  int numberLength = 1;            // how many bytes of the number are sent
 
   std::string packet(unsigned type, const std::string& frames, const std::string& destination,
                      const std::string& token = "") {

@@ -16,7 +16,7 @@ constexpr const char* kRules =
     "*mangle\n:OUTPUT ACCEPT [0:0]\n:ORVANE-OUTPUT - [0:0]\n-A OUTPUT -j ORVANE-OUTPUT\n-A OUTPUT -j OTHER\nCOMMIT\n"
     "*nat\n-A OUTPUT -j OTHER\nCOMMIT\n*filter\n-A OUTPUT -j ORVANE-OUTPUT\nCOMMIT\n";
 
-// What the doctor learns about a machine without faults when root runs the doctor.
+// What the doctor learns if root runs it on a machine without faults.
 Facts sound_machine() {
   Facts facts;
   facts.asRoot = true;

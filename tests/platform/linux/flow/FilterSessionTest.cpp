@@ -24,7 +24,7 @@ int lookUps;             // how often something about a process was looked up
 
 }  // namespace
 
-// These functions replace those of the platform, so that a test sees how often the core's questions reach them.
+// These functions replace those of the platform, so that a test can count the core's look-ups.
 ProcessIdentity& ProcessIdentity::system() {
   static auto* identity = new ProcessIdentity(ApplicationFolders::system());
   return *identity;

@@ -34,7 +34,7 @@ std::vector<std::string> recorded(const std::string& file) {
 }
 
 struct Outcome {
-  std::string steps;  // for each datagram: "known", "unknown", or while the name is open "pass" (readable) or "hold"
+  std::string steps;  // for each datagram: "known" or "unknown"; if the name is incomplete, "pass" (readable) or "hold"
   std::string name;
 };
 

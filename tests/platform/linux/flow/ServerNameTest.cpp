@@ -45,7 +45,7 @@ void expect(const Case& c) {
     }
     EXPECT_EQ(reader.state(), c.state) << c.what << ", " << step << " bytes at a time";
     EXPECT_EQ(reader.name(), c.name) << c.what;
-    // Byte by byte, the name may be known before the encrypted hello behind it arrives.
+    // If the bytes arrive one by one, the reader may know the name before it reads the encrypted hello after the name.
     if (step > bytes.size()) {
       EXPECT_EQ(reader.isNameHidden(), c.isHidden) << c.what;
     }

@@ -127,7 +127,7 @@ TEST(PropertyList, RejectsDamagedBinaryLists) {
     std::string bytes = binary({"\xa1\x01", "\x51X"});
     return bytes.replace(bytes.size() - fromEnd, 1, 1, byte);
   };
-  // In each of the two lists of objects, each array contains the next one: in `doubling`, twice.
+  // Nested arrays: in `chain`, each array contains the next array once; in `doubling`, it does so twice.
   std::vector<std::string> chain(100, "\xa0"), doubling(40, "\xa0");
   for (char i = 1; i < 100; ++i) chain[i - 1] = "\xa1"s + i;
   for (char i = 1; i < 40; ++i) doubling[i - 1] = "\xa2"s + i + i;

@@ -41,8 +41,8 @@ class Provider final : public ScriptedProvider {
 };
 
 // Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
-// manager received, and the exit code. Among them are messages of Provider: "start" when the extension starts the
-// provider, and "stop" when it stops the provider.
+// manager received, and the exit code. Provider, too, sends messages: "start" when the extension starts the provider,
+// and "stop" when the extension stops it.
 std::string run_extension(const Value& source, const Value& port, const Value& http3 = nullptr) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});

@@ -71,8 +71,9 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {27, 1, 90, "bin/shell", kSession, "org.example.Sandboxed", "org.example.Sandboxed", 27},
       {28, 27, 91, "", kSession, "", "none", 27},
       {29, 1, 92, "", "snap.packaged.app-1.scope", "", "packaged", 29},
-      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper", 30},  // not a file of the snap; its own parent
-      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},              // started from a terminal
+      // This process is its own parent, and its program is not a file of the snap.
+      {30, 30, 93, "helper", "snap.editor.code-1.scope", "", "helper", 30},
+      {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31},
       // The files of these programs cannot be examined, like files in the FUSE mount of an AppImage.
@@ -120,7 +121,7 @@ TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
   EXPECT_NE("next", before);
   ::close(gate[0]);
   ::close(gate[1]);
-  // The loop takes less time than a process stays in the cache.
+  // The loop ends before the cache would forget the process, so the cache itself must notice the new program.
   for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);
   EXPECT_EQ("next", name());
   ::kill(pid, SIGKILL);

@@ -194,7 +194,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs another one
+      ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs a later one
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
       auto socket = recorded.find(pair), later = recorded.find(receive(receiver, how, connection));
