@@ -40,7 +40,7 @@ inline std::atomic<int> aliveObjects{0};   // live NSObjects of all classes
 // Synchronization.h.
 inline thread_local std::string heldLocks;    // the locks that this thread holds now: "@" a monitor, "+" a mutex
 inline thread_local int mutexLocks = 0;       // how often this thread locked a mutex
-inline std::atomic<int> nextUnlockStatus{0};  // the status that the next unlock returns, after unlocking
+inline std::atomic<int> nextUnlockStatus{0};  // the next unlock unlocks the mutex and returns this status
 
 // Log.h. Handles are counted as "LogHandle". The default log's category is "default".
 struct LogEntry {

@@ -204,7 +204,8 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   EXPECT_TRUE(active->ping());
   std::vector<Descriptor> idle;
   idle.push_back(connected());
-  // After this pause the first connection is idle for longer than the others, in whatever order those are accepted.
+  // After this pause, idle[0] has been idle for longer than the other idle connections, in whatever order the extension
+  // accepts those.
   std::this_thread::sleep_for(1s);
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(connected());
   EXPECT_TRUE(active->ping());

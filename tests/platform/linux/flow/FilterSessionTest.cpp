@@ -167,7 +167,7 @@ TEST_F(FilterSessionTest, LooksUpTheIdentityOncePerFlow) {
   list({".held.example", "!.example"});
   const std::tuple<const char*, const char*, int> kCases[] = {
       {"a browser", "browser", 2},         // the process; its identifier
-      {"another program", "program", 5}};  // these two; the responsible pid; that process; its identifier
+      {"another program", "program", 5}};  // the same two; the responsible pid; that process; its identifier
   for (const auto& [description, program, expected] : kCases) {
     identifier = program;
     for (const char* host : {"", "free.example", "a.b.c.free.example", "a.b.c.held.example"}) {
