@@ -36,8 +36,8 @@ struct ListedSite {
 // ("www.m.example.com"). A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// Whether the site's line covers more names than its host. The line of a public suffix covers only its host, because
-// nothing covers all names below a public suffix (Subdomains.h).
+// Whether the site's line covers subdomains, too. The line of a public suffix covers only its host, because the names
+// below a public suffix belong to unrelated people (Subdomains.h).
 bool has_subdomains(const ListedSite& site);
 
 // The name that the extension must hold for a site: the host, with the mark of its scope (Subdomains.h).
@@ -56,7 +56,7 @@ class BlockList {
   static BlockList parse(std::string_view text);
   std::string text() const;
 
-  // The sites, in the order of their lines. If a site has several lines, the last one counts.
+  // The sites, in the order of their lines. If a host has several lines, only the last of them has an effect.
   std::vector<ListedSite> sites() const;
   void forEachSite(const std::function<void(const ListedSite&)>& visit) const;  // the same sites, not copied
   size_t size() const { return lineByHost_.size(); }                            // the number of sites
@@ -107,7 +107,7 @@ Decision decide(const BlockList& list, std::string_view host, Moment now);
 // The names that the extension must hold at a given moment.
 struct HeldNames {
   std::vector<std::string> names;                         // sorted
-  std::vector<std::pair<std::string, Moment>> suspended;  // sorted; names left out of `names` until that moment
+  std::vector<std::pair<std::string, Moment>> suspended;  // sorted; each name is left out of `names` until its moment
   std::optional<Moment> nextChange;                       // when the first of these suspensions ends
 };
 HeldNames held_names(const BlockList& list, Moment now);

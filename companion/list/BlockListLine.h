@@ -16,7 +16,7 @@ std::string line_of(const ListedSite& site);
 bool read_line(std::string_view line, Scope scope, ListedSite& site, std::string& fault);
 
 // Reads the host of a line. With the scope Subdomains, the site's host is site_of(host). But if `host` begins with a
-// dot, the rest is kept whole: ".www.example.com" gives the site www.example.com.
+// dot, only this dot is removed: ".www.example.com" gives the site www.example.com.
 bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string& fault);
 
 // If the host cannot have the site's scope: what is wrong and what to do. Otherwise empty. A public suffix can have

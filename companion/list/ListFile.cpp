@@ -31,8 +31,8 @@ constexpr mode_t kModeOfNew = 0660;
 // program that belongs to root.
 constexpr mode_t kPermissions = 0666;
 
-// The path of the list. Each operation opens the folder once and finds the files in this open folder, so that a
-// rename of the folder during the operation cannot mix two folders.
+// The path of the list. Each operation opens the folder once and finds all files in this open folder. So the operation
+// uses only one folder, even if another folder gets the same path meanwhile.
 struct Place {
   std::string path;
   std::string folder;

@@ -23,8 +23,8 @@ namespace orvane {
 // A comment starts with "#", or with "!" at the start of a line. A line in brackets is a filter list's title and counts
 // as a comment.
 struct ImportedSites {
-  // Each site once, in the order in which the sites first occur. If several lines name a site, the greatest of their
-  // scopes counts, and the last of these lines decides whether the site is suspended.
+  // Each site once, in the order in which the sites first occur. If several lines name a site, the site gets the
+  // greatest of their scopes, and the last of these lines decides whether the site is suspended.
   std::deque<ListedSite> sites;
   size_t lines = 0;
   size_t duplicates = 0;  // names that occurred earlier in this text

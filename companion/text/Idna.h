@@ -9,7 +9,7 @@ namespace orvane {
 struct ALabel {
   enum class Status : uint8_t {
     Found,
-    Forbidden,  // by IDNA's list of letters or its hyphen rules, but not by UTS #46: browsers send the A-label
+    Forbidden,  // IDNA forbids a letter or a hyphen of the label, but UTS #46 allows it: browsers send the A-label
     Invalid,
     NotUTF8,
     TooLong,  // more than 63 characters

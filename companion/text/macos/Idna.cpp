@@ -69,7 +69,7 @@ const UIDNA* uts46() {
   return kIdna.get();
 }
 
-// look_up_label() calls this before uidna_labelToASCII_UTF8, which reports broken UTF-8 as a character that is not
+// look_up_label() calls this first, because uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not
 // allowed. u_strFromUTF8 gets no output buffer, so for valid text it reports an overflow, which is no fault here.
 bool is_utf8(const std::string& text) {
   int error = 0;
@@ -78,8 +78,8 @@ bool is_utf8(const std::string& text) {
   return error != kInvalidCharacterFound;
 }
 
-// An A-label that is only the prefix, or ends in the delimiter, encodes ASCII letters alone, so it is invalid. Some
-// versions of ICU accept it.
+// An A-label that is only the prefix "xn--", or that ends in "-", contains no international letter, so it is invalid.
+// Some versions of ICU accept such a label.
 bool has_no_international_letter(std::string_view label) {
   constexpr std::string_view kPrefix = "xn--";
   return label.substr(0, kPrefix.size()) == kPrefix && label.back() == '-';
@@ -90,7 +90,8 @@ ALabel failure(ALabel::Status status, const char* reason = "") { return {status,
 }  // namespace
 
 ALabel look_up_label(const std::string& label) {
-  // In bytes. The A-label of a longer label has more than 63 characters, unless most of the characters map to nothing.
+  // In bytes. A longer label has an A-label of more than 63 characters, unless UTS #46 maps most of its letters to
+  // nothing.
   constexpr size_t kLongest = 4096;
   if (label.size() > kLongest) return failure(ALabel::Status::TooLong);
   if (!is_utf8(label)) return failure(ALabel::Status::NotUTF8);
