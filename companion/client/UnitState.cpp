@@ -36,8 +36,8 @@ Bus connect_to_manager() {
   return direct;
 }
 
-// Reads a unit's properties. After one failure it sends no further request, so that a manager that hangs costs only one
-// timeout.
+// Reads a unit's properties. After a failure, the reader sends no further request, so that a manager that hangs costs
+// only one timeout.
 class PropertyReader {
  public:
   PropertyReader(sd_bus* bus, const char* path) : bus_(bus), path_(path) {}

@@ -35,7 +35,7 @@ class ExtensionLink {
 
   // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`; if connected, reads
   // the extension's count of edits, which also shows whether the extension still answers. `list`: the names that the
-  // extension must hold; null if the keeper has not read the list yet. Then nothing is sent.
+  // extension must hold; null if the keeper has not read the list yet, in which case nothing is sent.
   void attend(const HeldNames* list);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.

@@ -58,8 +58,8 @@ std::optional<KeeperState> read_keeper_state(const std::string& path);
 // The JSON object in the file.
 nlohmann::json to_json(const KeeperState& state);
 
-// Waits until the keeper has sent this version of the list, or a later one, to the extension. Returns at once if no
-// keeper runs, or if the keeper has read the list but has no connection to the extension. Throws FileError.
+// Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once
+// if no keeper runs, or if the keeper has read the list but has no connection to the extension. Throws FileError.
 enum class InForce { Yes, NoKeeper, NoExtension, TimedOut };
 InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
                             std::chrono::milliseconds timeout);

@@ -11,8 +11,8 @@
 // extension stores properties only for names that it holds.
 namespace orvane {
 
-// Replaces everything that the extension holds. Returns how many edits the extension counts for these messages. Throws
-// ClientError.
+// Replaces all host names that the extension holds. Returns how many edits the extension counts for the messages that
+// this function sends. Throws ClientError.
 uint64_t send_all(Client& client, const HeldNames& list);
 
 // Sends only the difference to an extension that holds `before`, so that other clients' edits stay. Returns and throws
@@ -24,7 +24,7 @@ uint64_t send_difference(Client& client, const HeldNames& before, const HeldName
 inline constexpr size_t kLargestDifference = 4096;
 bool needs_whole_list(const HeldNames& before, const HeldNames& after);
 
-// Moves the names whose suspension has ended by `now` to the held names, and updates nextChange.
+// Moves the names whose suspension has ended by `now` from `suspended` to `names`, and updates nextChange.
 void end_suspensions(HeldNames& list, Moment now);
 
 }  // namespace orvane

@@ -36,7 +36,7 @@ class PathWatch {
 
   std::vector<std::string> paths_;
   Descriptor inotify_;
-  std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> the relevant names in the folder
+  std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> names to watch in its folder
 };
 
 }  // namespace orvane

@@ -22,8 +22,8 @@ namespace {
 
 using Remote = control::OrvaneSECommunication::Client;
 
-// For edits of many names: how many messages may wait for their replies at the same time. The extension has a limit of
-// its own on such messages, which is higher.
+// For edits of many names: how many messages may wait for their replies at the same time. The extension's own limit on
+// such messages is higher.
 constexpr size_t kWindow = 256;
 
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords, 64};

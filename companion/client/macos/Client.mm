@@ -60,8 +60,8 @@ bool is_property_list(const Value& element) {
                      [](const auto& entry) { return is_property_list(entry.first) && is_property_list(entry.second); });
 }
 
-// Throws unless the argument can be sent: it is nil, or has the class that the protocol declares for it and only
-// elements that a container may have.
+// Throws if the argument cannot be sent. An argument can be sent if it is nil, or if it has the class that the protocol
+// declares for it and contains only elements that is_property_list() allows.
 void check_argument(const Value& argument, Value::Kind kind, const char* name) {
   if (argument.isNil()) return;
   if (argument.kind() != kind) throw ClientError(std::string("an argument cannot be sent: give ") + name);
