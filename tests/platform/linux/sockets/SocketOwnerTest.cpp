@@ -54,6 +54,14 @@ pid_t owner(const Address& local, const Address& remote) {
   return audit_token_to_pid(token_of(audit_token_of_socket_owner(generic(local), generic(remote))));
 }
 
+// Repeats a search that finds nobody for up to ten seconds: on a busy machine, a search may use up its processor time.
+pid_t found_owner(const Address& local, const Address& remote) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  pid_t found = 0;
+  while (found == 0 && std::chrono::steady_clock::now() < end) found = owner(local, remote);
+  return found;
+}
+
 // A connection between two sockets of this process. It is not established if this machine lacks the address.
 struct Connection {
   explicit Connection(const char* host) {
@@ -79,11 +87,11 @@ TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
     if (!connection.isEstablished && std::string_view(host) != "127.0.0.1") continue;
     Descriptor server(::accept4(connection.listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     RunningProgram child("/bin/sleep");
-    EXPECT_EQ(::getpid(), owner(near, far)) << "the child has inherited the socket";
+    EXPECT_EQ(::getpid(), found_owner(near, far)) << "the child has inherited the socket";
     EXPECT_EQ(::geteuid(), user_of_socket(generic(near), generic(far)));
     connection.client.reset();
-    EXPECT_EQ(child.pid, owner(near, far));
-    EXPECT_EQ(::getpid(), owner(far, near));
+    EXPECT_EQ(child.pid, found_owner(near, far));
+    EXPECT_EQ(::getpid(), found_owner(far, near));
     Address stranger = near;
     stranger.sin6_port = htons(1);
     EXPECT_EQ(0, owner(far, stranger)) << "no such connection";
@@ -259,12 +267,13 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   const struct {
     const char* what;
     uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // the limit for a hundred packets
+    std::chrono::nanoseconds all;  // the limit for a hundred packets, beside the time that is given back meanwhile
   } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.what);
     SocketOwners owners;
     std::chrono::nanoseconds longest{}, all{};
+    const auto start = std::chrono::steady_clock::now();
     for (uint64_t i = 0; i < 100; ++i) {
       auto begin = thread_time();
       EXPECT_TRUE(owners.ownerOf({1 + i * row.cookieStep, 1, kAttacker}).isNil());
@@ -273,7 +282,8 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
       all += time;
     }
     EXPECT_GT(10, longest / 1.0ms) << "milliseconds for one packet";
-    EXPECT_GT(row.all / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
+    const auto givenBack = (std::chrono::steady_clock::now() - start) / 5;  // 200 ms per second
+    EXPECT_GT((row.all + givenBack) / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
     const Connection other("127.0.0.1");
     auto socket = owners.find({IPPROTO_TCP, *SocketAddress::from(generic(other.near), sizeof other.near),
                                *SocketAddress::from(generic(other.far), sizeof other.far)});
