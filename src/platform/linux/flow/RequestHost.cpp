@@ -41,7 +41,7 @@ size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::
 }
 
 std::optional<Authority> parse_authority(std::string_view text) {
-  auto parsed = boost::urls::parse_authority(boost::urls::string_view(text.data(), text.size()));
+  auto parsed = boost::urls::parse_authority(text);
   if (!parsed || parsed->has_userinfo()) return std::nullopt;
   Authority authority;
   switch (parsed->host_type()) {
@@ -50,14 +50,12 @@ std::optional<Authority> parse_authority(std::string_view text) {
       authority.host = parsed->host_address();
       authority.isAddress = true;
       break;
-    case boost::urls::host_type::name: {
+    case boost::urls::host_type::name:
       // The name stays percent-encoded. A decoded name could contain a NUL: the resolver would stop reading there, but
       // the filter would not, so the two would read different names.
-      boost::urls::string_view name = parsed->encoded_host();
-      authority.host.assign(name.data(), name.size());
+      authority.host = std::string_view(parsed->encoded_host());
       authority.isAddress = false;
       break;
-    }
     default:
       return std::nullopt;
   }
