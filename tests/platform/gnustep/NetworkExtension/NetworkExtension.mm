@@ -10,13 +10,14 @@
 
 @implementation StandInObject
 
-static id read_property(StandInObject* object, SEL property) {
-  networkExtension.reads.append(sel_getName(property)).append(" ");
-  return [object->_content objectForKey:NSStringFromSelector(property)];
+// Every property has this method, under the property's own name.
+- (id)readProperty {
+  networkExtension.reads.append(sel_getName(_cmd)).append(" ");
+  return [_content objectForKey:NSStringFromSelector(_cmd)];
 }
 
 + (BOOL)resolveInstanceMethod:(SEL)property {
-  return class_addMethod(self, property, reinterpret_cast<IMP>(read_property), "@@:");
+  return class_addMethod(self, property, [self instanceMethodForSelector:@selector(readProperty)], "@@:");
 }
 
 + (instancetype)withContent:(id)content {
