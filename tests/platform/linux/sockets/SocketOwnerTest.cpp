@@ -281,7 +281,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
       longest = std::max(longest, time);
       all += time;
     }
-    EXPECT_GT(10, longest / 1.0ms) << "milliseconds for one packet";
+    EXPECT_GT(20, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";
     const auto givenBack = (std::chrono::steady_clock::now() - start) / 5;  // 200 ms per second
     EXPECT_GT((row.all + givenBack) / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
     const Connection other("127.0.0.1");
