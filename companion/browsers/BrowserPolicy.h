@@ -52,7 +52,7 @@ struct PolicyPlace {
   std::string path() const;
 };
 
-// The folders that browsers, or their packages, document. Vivaldi and Opera document none.
+// The policy folders that browsers, or their packages, document. Vivaldi and Opera document no policy folder.
 std::span<const PolicyPlace> policy_places();
 
 // Whether browsers of the family have a policy for the feature.

@@ -52,7 +52,7 @@ std::string lower(std::string text) {
 // Sets the browser's family and folders, which follow from its identifier.
 void classify(InstalledBrowser& browser) {
   std::string identifier = lower(browser.identifier);
-  // Ubuntu's snap replaced the package chromium-browser and reads that package's policy folder.
+  // Ubuntu's snap of Chromium replaced the package chromium-browser and reads that package's policy folder.
   if (browser.package == BrowserPackage::Snap && identifier == "chromium") identifier = "chromium-browser";
   auto known = std::find_if(kKnownBrowsers.begin(), kKnownBrowsers.end(), [&](const KnownBrowser& candidate) {
     return identifier.find(candidate.part) != std::string::npos;
