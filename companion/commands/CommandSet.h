@@ -34,8 +34,8 @@ struct CommandSet {
   const CommonOptions& options;
   Command& chosen;
 
-  // Declares the command `name` below `parent`, which is the whole program or a group of commands. The help text lists
-  // it under the heading `group`.
+  // Declares the command `name` below `parent`, which is the program itself or a command that has commands of its own.
+  // The help text lists the new command under the heading `group`.
   CLI::App* declare(CLI::App& parent, const char* group, const char* name, const char* description, Command command) {
     CLI::App* declared = parent.add_subcommand(name, description)->fallthrough()->group(group);
     declared->callback([&target = chosen, command = std::move(command)] { target = command; });
