@@ -72,8 +72,8 @@ void NewFlowVerdict(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(provider->handleNewFlow(*flow));
 }
 
-// The verdict on a flow to a host with several labels. FilterSession asks the provider about each name that covers the
-// host.
+// The verdict on a flow to a host with several labels. FilterSession asks the provider about each name that would cover
+// the host.
 void SubdomainsVerdict(benchmark::State& state, const char* host) {
   own_identifier();
   Value::Set sites{Value::string("held.example")};
