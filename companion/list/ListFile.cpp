@@ -80,8 +80,8 @@ Descriptor open_folder(const Place& place) {
   return folder;
 }
 
-// Takes the lock, and waits for it at most a minute. Another orvanectl holds the lock for some milliseconds, or for a
-// second if the list is very large.
+// Takes the lock. Waits for the lock at most a minute, which is enough: an orvanectl process holds the lock for some
+// milliseconds, or for a second if the list is very large.
 void lock(const Descriptor& folder, const Place& place) {
   using namespace std::chrono;
   constexpr seconds kTimeout(60);
