@@ -12,9 +12,10 @@ struct KeeperOptions {
   std::string statePath;
 };
 
-// Keeps the extension's list equal to the file until SIGTERM, SIGINT or SIGHUP: sends the list after each start of the
-// extension, after each change of the file, and when a suspension ends. Waits for a missing file or extension. Returns
-// the exit code, which is kFailed if another keeper uses the same state file. For single-threaded programs.
+// Keeps the extension's list equal to the file `listPath` until SIGTERM, SIGINT or SIGHUP: sends the list after each
+// start of the extension, after each change of the file, and when a suspension ends. Waits for a missing file or
+// extension. Returns the exit code, which is kFailed if another keeper uses the same state file. For single-threaded
+// programs.
 int run_keeper(const KeeperOptions& options);
 
 }  // namespace orvane
