@@ -39,8 +39,8 @@ inline constexpr const char* kThisMachine = "";
 
 enum class BrowserFamily { Chromium, Firefox, Other };
 
-// A folder from which a browser reads policies. A browser of Chromium's family reads every file in it. Firefox reads
-// one file, which other programs may have written.
+// A folder from which a browser reads policies. A browser of Chromium's family reads every file in the folder. Firefox
+// reads one file, which other programs may have written.
 struct PolicyPlace {
   std::string browser;
   BrowserFamily family;

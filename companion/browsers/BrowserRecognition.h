@@ -10,7 +10,7 @@ namespace orvane {
 // Why the package's extension recognises no browser and so lets everything pass.
 struct RecognitionFault {
   std::string text;
-  bool isInForce;  // false if the list changed after the running extension read it
+  bool isInForce;  // false if the browser list changed after the running extension read it
 };
 
 // Checks the browser list in the package's bundle. Returns nothing if the list is valid, if the package is not
