@@ -5,7 +5,7 @@
 
 #import "companion/application/Switch.h"
 
-// Activates and deactivates the system extension in this application's bundle. Use it on the main thread.
+// Activates and deactivates the system extension in this application's bundle. Use this class on the main thread.
 //
 // macOS 11 cannot tell whether an extension is active, so this class shows the outcome of its last request as the
 // state. If the extension is active already, a request to activate it succeeds at once.

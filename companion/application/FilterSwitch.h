@@ -5,7 +5,7 @@
 #import "companion/application/Switch.h"
 
 // Switches the content filter on and off: saves this application's filter configuration in the system's preferences.
-// The first time, the system asks the user for permission. Use it on the main thread.
+// The first time, the system asks the user for permission. Use this class on the main thread.
 @interface FilterSwitch : Switch
 
 // `identifier`: the bundle identifier of the extension that contains the provider. Does not retain the observer.

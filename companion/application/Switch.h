@@ -7,8 +7,8 @@
 - (void)switchChanged;
 @end
 
-// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state as a text. Use it
-// on the main thread.
+// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state as a text. Use
+// this class on the main thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // the extension's identifier
