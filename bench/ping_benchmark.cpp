@@ -118,10 +118,10 @@ void stay_on(size_t which) {
   sched_setaffinity(0, sizeof one, CPU_COUNT(&one) == 1 ? &one : &kAllowed);
 }
 
-// Alternates between pings and echoes, so that other load on the machine slows pings and echoes alike, and takes the
-// medians. Binds the client and the server to the same processor, or to a processor each. The scheduler must not choose
-// the processors, because it might run the pings on one processor and the echoes on two. Waking a second processor
-// costs more than a ping or an echo.
+// Alternates between pings and echoes, so that other load on the machine slows pings and echoes alike. Takes the
+// medians. Binds the client and the server to the same processor, or to two different processors. The scheduler must
+// not choose the processors, because it might run the pings on one processor and the echoes on two. Waking a second
+// processor costs more than a ping or an echo.
 void PingAgainstBareEcho(benchmark::State& state) {
   stay_on(0);
   Extension extension;

@@ -1,8 +1,9 @@
 // The client and the server of the network benchmark, on loopback addresses of a network namespace.
 //
 //   net_client serve PORT                         serves the clients of the other two commands
-//   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, each with PAUSE
-//                                                 milliseconds between its connections, and prints their times
+//   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, and prints the times of
+//                                                 the connections; a thread waits PAUSE milliseconds before each
+//                                                 connection
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //
 // A connection's time includes connect, request and response. `load` and `stream` print one line of JSON. `load` keeps
