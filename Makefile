@@ -1,35 +1,57 @@
-# Short commands for the usual tasks. CMake does the builds, with the presets in CMakePresets.json.
+# Short commands for the usual tasks. Each first installs the missing packages that it needs, with
+# tools/install-packages. CMake does the builds, with the presets in CMakePresets.json.
 PRESET ?= release
 BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
+INSTALL = tools/install-packages build $(if $(filter asan tsan fuzz,$(PRESET)),sanitizers)
+CONFIGURE = cmake --preset $(PRESET)
+PROGRAMS = cmake --build $(BUILD) --target OrvaneSE orvanectl
 
-.PHONY: all configure test soak demo bench bench-net fuzz deb clean
-all: configure
+.PHONY: all test lint soak demo bench bench-net fuzz deb clean
+all:
+	$(INSTALL)
+	$(CONFIGURE)
+	$(PROGRAMS)
+
+test:
+	$(INSTALL) test
+	$(CONFIGURE)
 	cmake --build $(BUILD)
+	ctest --test-dir $(BUILD) --output-on-failure --timeout 300 --no-tests=error
 
-configure:
-	tools/install-packages
-	cmake --preset $(PRESET)
+# The linter checks each file as the build compiles it, so it needs the generated headers, and the files of the tests.
+lint:
+	$(INSTALL) test lint
+	$(CONFIGURE)
+	cmake --build $(BUILD)
+	tools/lint $(BUILD)
 
-test: all
-	ctest --test-dir $(BUILD) --output-on-failure --timeout 300
-
-soak: all
+soak:
+	$(INSTALL) test
+	$(CONFIGURE)
+	$(PROGRAMS)
 	tests/adversary/run $(BUILD) --seconds 1800
 
-demo: all
+demo:
+	$(INSTALL) demo
+	$(CONFIGURE)
+	$(PROGRAMS)
 	demo/run $(BUILD)
 
-bench: all
-	cmake --build $(BUILD) --target run-benchmarks
+bench bench-net:
+	$(INSTALL) bench
+	$(CONFIGURE)
+	cmake --build $(BUILD) --target run-$(if $(filter bench-net,$@),net-)benchmarks
 
-bench-net: all
-	cmake --build $(BUILD) --target run-net-benchmarks
-
+fuzz: PRESET = fuzz
 fuzz:
-	$(MAKE) PRESET=fuzz all
+	$(INSTALL)
+	$(CONFIGURE)
+	cmake --build $(BUILD)
 
-deb: configure
-	cmake --build $(BUILD) --target OrvaneSE orvanectl
+deb:
+	$(INSTALL) package
+	$(CONFIGURE)
+	$(PROGRAMS)
 	packaging/make-deb $(BUILD)
 
 clean:
