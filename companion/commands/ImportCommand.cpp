@@ -27,7 +27,7 @@ struct Arguments {
   bool replace = false;
 };
 
-// A progress bar on standard error, if that is a terminal. Erase it before any other output to standard error.
+// A progress bar on standard error, if that is a terminal. Erase the bar before any other output to standard error.
 class ProgressBar {
  public:
   ProgressBar(size_t total, bool wanted) : total_(total), wanted_(wanted && isatty(STDERR_FILENO) == 1) {}
