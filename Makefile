@@ -18,7 +18,8 @@ test:
 	cmake --build $(BUILD)
 	ctest --test-dir $(BUILD) --output-on-failure --timeout 300 --no-tests=error
 
-# The linter checks each file as the build compiles it, so it needs the generated headers, and the files of the tests.
+# The linter needs the headers that the build generates, and the command line that compiles each file. The tests compile
+# some files of the macOS platform, so the linter needs the packages of the tests, too.
 lint:
 	$(INSTALL) test lint
 	$(CONFIGURE)

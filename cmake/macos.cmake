@@ -28,8 +28,8 @@ orvane_find_tool(ORVANE_LLD ld64.lld)
 orvane_find_tool(ORVANE_LIPO llvm-lipo)
 orvane_find_tool(ORVANE_LIBTOOL llvm-libtool-darwin)
 
-# The compiler joins the objects for both processors with a program that must be named "lipo". -B below names the folder
-# in which the compiler finds this program.
+# Each file is compiled for two processors, arm64 and x86_64. The compiler joins the two objects with a program that
+# must be named "lipo". -B below names the folder in which the compiler finds this program.
 set(tools ${CMAKE_BINARY_DIR}/tools)
 file(MAKE_DIRECTORY ${tools})
 file(CREATE_LINK ${ORVANE_LIPO} ${tools}/lipo SYMBOLIC)

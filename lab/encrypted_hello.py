@@ -62,7 +62,7 @@ def _make_key(public_name: str) -> tuple[bytes, bytes]:
 
 
 class EncryptedHelloServer:
-    """Serves a page for each of `names` at port 443 of `address`, until the process ends.
+    """Serves one page under each of `names` at port 443 of `address`, until the process ends.
 
     The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` has what the
     network saw of each browser's hello.
@@ -108,8 +108,8 @@ class EncryptedHelloServer:
                 return
             hello += data
         self.hellos.append(_read_hello(hello))
-        # Connect to selfserv only after a whole hello. If the filter drops a connection, its hello never arrives here,
-        # and neither does its end. Such connections must not use up the eight that selfserv serves at once.
+        # Connect to selfserv only after a whole hello. If the filter drops a connection, neither its hello nor its FIN
+        # arrives here. Such connections must not use up the eight connections that selfserv serves at once.
         with client, socket.create_connection(_SERVER) as server:
             server.sendall(hello)
             threading.Thread(target=self._copy, args=(client, server), daemon=True).start()

@@ -1,8 +1,9 @@
 """Runs a script in network, mount and process namespaces that exist for that run only.
 
-The filter's rules cover ports 53, 80 and 443, and host names must lead to local servers. Inside the namespaces the
-script may listen on every port, replace the name server and change firewall rules without touching the machine. When
-the first process in the namespaces ends, the kernel ends their other processes.
+The extension filters the ports 53, 80 and 443, so the script needs its own servers on these ports, and host names that
+lead to these servers. Inside the namespaces the script may listen on every port, replace the name server and change
+firewall rules without touching the machine. When the first process in the namespaces ends, the kernel ends all other
+processes there.
 """
 
 import fcntl

@@ -148,7 +148,7 @@ class Chromium(Browser):
             return Seen([ALLOW], "the page")
         if "The filter of this computer blocks" in done.stdout:
             return Seen([DROP], "the filter's line")
-        # Older versions print their error page, newer ones only a message to standard error.
+        # Some versions of Chromium print the error page; later versions print only a message to standard error.
         error = re.search(r"(ERR_[A-Z_]+)", done.stdout) or re.search(r"Page load failed: net::(\w+)", done.stderr)
         if error is None:
             return Seen([], f"exit code {done.returncode}, {len(done.stdout)} characters")

@@ -15,7 +15,7 @@ from multiprocessing.managers import BaseManager
 from tcp_peer import Script
 
 _TIMEOUT = 120  # seconds; a long text in small segments takes a minute if some of them are lost
-_GATE_TIMEOUT = 300  # seconds, with a gate: a whole attack can take place before the gate's file exists
+_GATE_TIMEOUT = 300  # seconds, if there is a gate (see _exchange()): the client may wait there for a whole attack
 _SKIP_8_BYTES = struct.pack("!BBBBI", 0, 0, 1, 4, 0)  # an extension header of one PadN option, RFC 8200, section 4.2
 _RESET_AT_CLOSE = struct.pack("ii", 1, 0)  # for SO_LINGER: close() sends a reset, so no TIME-WAIT state keeps the port
 
@@ -102,7 +102,7 @@ class _Client:
 
 
 class _Program(BaseManager):
-    """A process that runs the clients. For each thread here that calls play(), the process has a thread, too."""
+    """A process that runs the clients. It has one thread for each thread of this process that calls play()."""
 
 
 _Program.register("client", _Client)

@@ -69,7 +69,7 @@ class Script:
     answer_delay: float = 0
     sends_once: bool = False  # no retransmissions
     end: tuple[int, int] | None = None  # (position, how the server ends the connection there: FIN or RST)
-    end_distance: int = 0  # how many bytes `end`'s sequence number is ahead of the server's last byte
+    end_distance: int = 0  # how many bytes the sequence number of this FIN or RST is ahead of the server's last byte
 
     def answer(self) -> bytes:
         return b"".join(data for _, data in self.answers)

@@ -9,7 +9,8 @@ from harness import HELD, NEWS
 from tcp_peer import ACK, CWR, ECE, FIN, PSH, RST, SYN, URG, Script
 
 ANSWER = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nan answer"
-FORGOTTEN = 2  # seconds. In a script of FORGETFUL, connection tracking forgets a silent connection sooner
+# Seconds. While the scripts of FORGETFUL run, connection tracking has forgotten a connection after this long a silence.
+FORGOTTEN = 2
 
 
 def request(number: random.Random, host: str, length: int) -> tuple[bytes, tuple[int, int]]:
@@ -62,7 +63,10 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """Narrows the window for only six windows of text, because the kernel fills a narrow window only every 200 ms."""
+    """Narrows the window until the client has filled it six times.
+
+    More times would take too long, because the client's kernel fills a narrow window only every 200 ms.
+    """
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}

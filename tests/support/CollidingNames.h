@@ -7,9 +7,9 @@
 
 namespace orvane {
 
-// Up to 5832 host names for which std::hash of libstdc++, an unkeyed MurmurHash2, gives the same number. Each row
-// below consists of blocks of 16 characters, all of which change the state of the hash in the same way. A name has one
-// block from each of the three rows.
+// Up to 5832 host names for which std::hash of libstdc++, an unkeyed MurmurHash2, gives the same number. Each of the
+// three strings below consists of 18 blocks of 16 characters. All blocks of a string change the state of the hash in
+// the same way. A name has one block from each string.
 inline std::vector<std::string> colliding_names(size_t count) {
   constexpr std::string_view kBlocks[] = {
       "4hgyus1jva4o1al35vhy7btq7v778ahxt3xmkb7pf2rsaevjpnegql49y9uphge9rih36xyte1hs3f7pgi61t2nf72zvkfan"

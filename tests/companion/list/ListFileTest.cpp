@@ -173,7 +173,7 @@ TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
 }
 
 // A member of the group can put a link to any file in place of the list. If orvanectl followed the link when root edits
-// the list, it would copy a file that only root may read into a file that the group may read.
+// the list, the new list would contain the text of a file that only root may read, and the group may read the list.
 TEST_F(ListFile, RejectsAnythingButAPlainFile) {
   const std::string secret = folder_ + "/secret";
   const std::pair<const char*, std::function<void()>> kCases[] = {

@@ -29,7 +29,7 @@ def ResetsConnectionsOfFirefox(world: World):
 
 
 def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, decoy: bool) -> None:
-    """Checks that the policy stops encrypted hellos.
+    """Checks that the policy that orvanectl installs stops encrypted hellos of this browser.
 
     With `decoy`, the browser sends random bytes in place of an encrypted hello, even with the policy.
     """

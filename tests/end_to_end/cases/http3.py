@@ -22,7 +22,7 @@ _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1"
 
 
 def _recorded() -> list[bytes]:
-    """The datagrams of a recording, where each follows its length. The second datagram completes the name HELD."""
+    """The two datagrams of _RECORD. In this file, each datagram comes after its length. The second completes HELD."""
     text, datagrams = _RECORD.read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
@@ -32,7 +32,7 @@ def _recorded() -> list[bytes]:
 
 
 class _Server:
-    """A socket on port 443 that only receives."""
+    """A server on UDP port 443. It records the datagrams that arrive, and does not answer them."""
 
     def __init__(self, family: str = "-4"):
         self.family, address = _ADDRESSES[family]

@@ -187,8 +187,8 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   auto peer = client();
   const Value name = Value::string("example.org"), other = Value::string("example.net");
   const std::vector<uint8_t> bytes(size_t{120} << 20);
-  // The test keeps this value in the process in which the extension's side runs, so the extension counts it as a stored
-  // value.
+  // The extension's side runs in the test's process and counts all values of the process. So it counts this value as
+  // one that it stores.
   const Value large = Value::dictionary({{name, Value::data(bytes)}});
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
   peer->setHostnames(Value::set({large.asDictionary().at(name)}));

@@ -76,7 +76,8 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31},
-      // The files of these programs cannot be examined, like files in the FUSE mount of an AppImage.
+      // The test does not make the files of these programs, because the extension cannot examine the files in an
+      // AppImage's FUSE mount.
       {34, 1, 97, "tmp/.mount_browseAb12/browser", kSession, "", "browser", 34},
       {35, 10, 98, "tmp/.mount_BrowseCd34/python3.11", "snap.editor.code-1.scope", "", "image-browser", 10}};
   std::string mountPoint = folder.path("tmp/.mount_BrowseCd34");

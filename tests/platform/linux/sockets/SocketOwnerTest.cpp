@@ -54,7 +54,8 @@ pid_t owner(const Address& local, const Address& remote) {
   return audit_token_to_pid(token_of(audit_token_of_socket_owner(generic(local), generic(remote))));
 }
 
-// Repeats a search that finds nobody for up to ten seconds: on a busy machine, a search may use up its processor time.
+// If a search finds nobody, searches again, for ten seconds at most: on a busy machine, a search may use up its limit
+// of processor time.
 pid_t found_owner(const Address& local, const Address& remote) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   pid_t found = 0;
@@ -267,7 +268,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   const struct {
     const char* what;
     uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // the limit for a hundred packets, beside the time that is given back meanwhile
+    std::chrono::nanoseconds all;  // the limit for a hundred packets; givenBack below is added to it
   } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.what);
@@ -282,7 +283,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
       all += time;
     }
     EXPECT_GT(20, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";
-    const auto givenBack = (std::chrono::steady_clock::now() - start) / 5;  // 200 ms per second
+    const auto givenBack = (std::chrono::steady_clock::now() - start) / 5;  // SocketHolders gives back 200 ms a second
     EXPECT_GT((row.all + givenBack) / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
     const Connection other("127.0.0.1");
     auto socket = owners.find({IPPROTO_TCP, *SocketAddress::from(generic(other.near), sizeof other.near),
