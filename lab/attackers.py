@@ -10,7 +10,7 @@ import time
 
 from harness import wait_until
 
-ATTACKER = 65534  # a user without privileges, who opens none of the measured connections
+ATTACKER = 65534  # a user without privileges; only the attacks run as this user
 _SEARCHED, _DESCRIPTORS = 40, 19_000
 _FLOODERS = 8
 _CONNECTIONS, _HEAD = 300, b"GET / HTTP/1.1\r\n" + b"a:\r\n" * 3500
@@ -108,7 +108,7 @@ def _attackers(start, wait):
 def slow_attack():
     """Sends packets that take the extension long to examine.
 
-    Needs root, to become the user ATTACKER, and the limit of open files that allow_many_descriptors() sets.
+    Needs root, because the attack runs as another user (ATTACKER). Call allow_many_descriptors() first.
     """
     server = socket.create_server(("127.3.0.1", 80), backlog=_CONNECTIONS, reuse_port=True)
 
@@ -120,7 +120,7 @@ def slow_attack():
 
 
 def flood(port: int = 53):
-    """Sends more datagrams to this port than the queue can hold. Needs root, to become the user ATTACKER."""
+    """Sends more datagrams to this port than the queue can hold. Needs root, as slow_attack() does."""
     return _attackers(lambda: _start(_FLOODERS, _flood, port), lambda: time.sleep(3))
 
 
@@ -128,7 +128,7 @@ def half_open_flows(address: str, count: int, lines: int, single: int):
     """Opens HTTP connections that stay open. The with block begins when all connections are open.
 
     On each connection, sends the beginning of a request head with `lines` lines, and then `single` bytes, one at a
-    time. Needs root and the limit of open files, as slow_attack() does.
+    time. Needs root and allow_many_descriptors(), as slow_attack() does.
     """
     opened = _FORKING.Semaphore(0)
 

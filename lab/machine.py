@@ -48,7 +48,7 @@ class Machine:
     """A Debian system in a container, which runs for a with block. Its hosts file resolves `hosts` to 127.0.0.1.
 
     outside_program() runs a program that is installed on the test's machine but not in the container. For this, the
-    container's folder /outside contains /usr, /etc and the folder `work` of the test's machine.
+    container has a folder /outside with three folders of the test's machine: /usr, /etc and `work`.
     """
 
     def __init__(self, folder: pathlib.Path, packages: list[str], hosts: list[str]):

@@ -1,4 +1,4 @@
-"""Programs whose sockets play the client's part of a script for the TCP peer (tcp_peer.py)."""
+"""Client programs for the TCP peer (tcp_peer.py). Their sockets play the client's part of a script."""
 
 import fcntl
 import multiprocessing

@@ -27,7 +27,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A stand-in for the extension. FakeClient carries out each edit here, and adds it to `log`.
+// A stand-in for the extension. FakeClient applies each edit to this struct, and adds the edit to `log`.
 struct Extension {
   std::set<std::string> held;
   std::string log;

@@ -34,7 +34,9 @@ std::vector<std::string> recorded(const std::string& file) {
 }
 
 struct Outcome {
-  std::string steps;  // for each datagram: "known" or "unknown"; if the name is incomplete, "pass" (readable) or "hold"
+  // One word for each datagram. "known": the name is complete. "unknown": no name can come. "pass" and "hold": the name
+  // is incomplete, and the datagram is readable ("pass") or not ("hold").
+  std::string steps;
   std::string name;
 };
 

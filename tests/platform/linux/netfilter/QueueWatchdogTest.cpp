@@ -72,8 +72,8 @@ TEST_F(QueueWatchdogTest, ReplacesAChildThatDied) {
 
 TEST_F(QueueWatchdogTest, ReleasesAQueueWhosePacketsWaitTooLong) {
   watchdog.beat();
-  // The watchdog sends four probes a second. isLate() reports each answer as read two seconds (8 probes) late, which is
-  // allowed. fallsBehind() reports the answers later and later.
+  // The watchdog sends four probes a second. isLate() imitates a thread that reads each answer two seconds (8 probes)
+  // late, which is allowed. fallsBehind() imitates a thread that reads the answers later and later.
   const auto isLate = [this](uint32_t probe) {
     watchdog.beat();
     if (probe > 8) watchdog.setAnswered(probe - 8);
