@@ -1,4 +1,4 @@
-"""The filter's verdicts on HTTP/3. Cases that run no browser send a recording: Firefox's first datagrams to HELD."""
+"""The filter's verdicts on HTTP/3. Cases that run no browser send a recording: a browser's first datagrams to HELD."""
 
 import base64
 import collections
@@ -14,16 +14,16 @@ from http3_browsers import ChromiumOverHTTP3, FirefoxOverHTTP3, over_http3
 from http3_server import HTTP3Server
 from programs import Browser
 
-_RECORD = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial/firefox_1"
+_RECORDS = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial"
 # A browser must show a page or an error within this many seconds. On an idle machine it takes a third of a second. If
 # the filter did not answer the datagrams that it drops, Firefox would wait for 45 s.
 _LONGEST_WAIT = 15
 _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1")}
 
 
-def _recorded() -> list[bytes]:
-    """The two datagrams of _RECORD. In this file, each datagram comes after its length. The second completes HELD."""
-    text, datagrams = _RECORD.read_bytes(), []
+def _recorded(browser: str = "firefox") -> list[bytes]:
+    """The two datagrams of a record. In the file, each datagram comes after its length. The second completes HELD."""
+    text, datagrams = (_RECORDS / f"{browser}_1").read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
         datagrams.append(text[2:end])
@@ -47,8 +47,9 @@ class _Server:
     def __exit__(self, *_):
         self.socket.close()
 
-    def client(self) -> socket.socket:
+    def client(self, port: int = 0) -> socket.socket:
         connection = socket.socket(self.family, socket.SOCK_DGRAM)
+        connection.bind(("", port))
         connection.connect(self.address)
         return connection
 
@@ -100,6 +101,32 @@ def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
                 wait_until(lambda count=count: extension.counters()["ended"] == count, "the conversation has ended", 10)
                 failed = _send(connection, b"@after", b"@after")
                 check((failed, server.received()), (True, []), f"after the edit {family}")
+
+
+def JudgesANewConnectionOnThePortsOfAnAllowedOne(world: World):
+    first, second = _recorded()
+    with world.extension(PYTHON, settings={"OrvaneOpenConnections": "keep"}) as extension:
+        for name, datagrams, is_new_socket in (
+            ("the same hello on another socket", [first, second], True),
+            ("another connection of the socket", _recorded("chromium"), False),
+        ):
+            for family in FAMILIES:
+                extension.hold(NEWS)
+                with _Server(family) as server, contextlib.ExitStack() as stack:
+                    connection = stack.enter_context(server.client())
+                    _send(connection, first, second)
+                    check(server.received(), [first, second], f"an unlisted name, before {name} {family}")
+                    extension.hold(HELD)
+                    _send(connection, first, second)
+                    check(server.received(), [first, second], f"the same connection again, before {name} {family}")
+                    if is_new_socket:
+                        port = connection.getsockname()[1]
+                        connection.close()
+                        connection = stack.enter_context(server.client(port))
+                    _send(connection, *datagrams)
+                    check(server.received(), datagrams[:1], f"what left of {name} {family}")
+                    failed = _send(connection, b"@later", b"@later")
+                    check((failed, server.received()), (True, []), f"after {name} {family}")
 
 
 def JudgesAConversationThatTheServerBegan(world: World):

@@ -126,6 +126,12 @@ QuicInitialReader::State QuicInitialReader::read(Bytes datagram) {
   return state_;
 }
 
+bool QuicInitialReader::beginsOtherConnection(Bytes datagram, Bytes known) {
+  const auto header = parseHeader(datagram);
+  if (!header || header->type != Header::Type::Initial || std::ranges::equal(header->destination, known)) return false;
+  return QuicInitialReader().open(*header, datagram.first(header->length)).has_value();
+}
+
 // Decrypts an Initial packet. In later packets of a connection, the connection ID is the server's choice, and the keys
 // do not come from this ID. So the function first tries the keys that opened an earlier packet.
 std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header, Bytes packet) {
@@ -136,6 +142,7 @@ std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header
   auto frames = keys ? keys->open(packet, header.numberOffset) : std::nullopt;
   if (frames) {
     keys_ = keys;
+    connectionID_.assign(header.destination.begin(), header.destination.end());
     handshake_ = FirstFlight(0);
     hello_ = ServerNameReader();
   }

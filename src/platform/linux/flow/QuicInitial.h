@@ -34,6 +34,15 @@ class QuicInitialReader {
 
   State state() const { return state_; }
 
+  // The connection ID from which the keys come: the client chose it in its first packet, or the server in a Retry.
+  // Empty if no Initial packet was read.
+  const std::vector<uint8_t>& connectionID() const { return connectionID_; }
+
+  // Whether the datagram begins with an Initial packet that begins a connection with another connection ID than
+  // `known`. This is not so for the client's later Initial packets: their keys do not come from the connection ID in
+  // them.
+  static bool beginsOtherConnection(std::span<const uint8_t> datagram, std::span<const uint8_t> known);
+
   // Whether the last datagram consisted only of Initial packets that were read. Such a datagram contains no part of a
   // request. False if the datagram has other packets, such as 0-RTT packets (requests that a client may send together
   // with its hello), packets of an unknown version of QUIC, or packets that a client sends after its hello.
@@ -56,6 +65,7 @@ class QuicInitialReader {
   bool hasBegun_ = false;  // an Initial packet was read
   bool isReadable_ = false;
   std::optional<QuicKeys> keys_;
+  std::vector<uint8_t> connectionID_;
   FirstFlight handshake_{0};
   ServerNameReader hello_;
 };

@@ -21,6 +21,17 @@ constexpr const char* kHasPayload4 =
 constexpr const char* kHasPayload6 =
     "11,48 0 0 6,21 0 7 6,48 0 0 52,116 0 0 2,84 0 0 60,4 0 0 40,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 
+// The same for a UDP datagram that begins with an Initial packet of QUIC, version 1 or 2 (RFC 9000, section 17.2.2;
+// RFC 9369, section 3). Without the bits 0x4f of the first byte, which may have any value (RFC 9287), the first word of
+// the datagram is 0x80000000 or 0x906b3343; the fifth byte is 0x01 or 0xcf. The IPv6 program does not match datagrams
+// behind extension headers, which browsers do not send.
+constexpr const char* kIsInitial4 =
+    "11,177 0 0 0,64 0 0 8,84 0 0 2969567231,21 0 2 2147483648,80 0 0 12,21 3 4 1,21 0 3 2422944579,80 0 0 12,"
+    "21 0 1 207,6 0 0 4294967295,6 0 0 0";
+constexpr const char* kIsInitial6 =
+    "12,48 0 0 6,21 0 9 17,32 0 0 48,84 0 0 2969567231,21 0 2 2147483648,48 0 0 52,21 3 4 1,21 0 3 2422944579,"
+    "48 0 0 52,21 0 1 207,6 0 0 4294967295,6 0 0 0";
+
 std::string mark_and_mask(uint32_t value, uint32_t mask = kMarkMask) {
   char text[24];
   snprintf(text, sizeof text, "0x%x/0x%x", value, mask);
@@ -134,6 +145,8 @@ class ProviderChains {
 //     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
 //     UDP to a server that sent first,        NEW      goes to QUEUE from chain PENDING                   |
 //       unless the connection has a verdict                                                               |
+//     QUIC Initial to port 443, connection    QUEUE    goes to ASK                                        |
+//       allowed                                                                                           |
 //     connection pending, packet in its       QUEUE    payload, FIN, RST with ACK, or UDP: go to ASK      |
 //       original direction                    ASK      packet's bits = "allowed", then the queue          |
 //                                                        |                                                |
@@ -189,6 +202,11 @@ class ProviderChains {
 // - If a server sends the first datagram, then for connection tracking the server begins the connection, and the
 //   client's datagrams are replies. So the replies go to NEW as long as the connection has no verdict. If the verdict
 //   is "dropped", table filter rejects all outbound datagrams of the connection, replies or not.
+// - A new QUIC connection may have the addresses and ports of an earlier one that connection tracking still knows. So
+//   an Initial packet, which may begin a connection, is queued even if the conversation is allowed. The conversation
+//   stays allowed unless the answer is "dropped". Other packets need not wait: without the whole hello, which is in
+//   Initial packets, the server can read none of them. Initial packets of a dropped conversation are not queued,
+//   because Firefox notices a rejection only if the kernel rejects a packet at once.
 // - QUEUE limits UDP, because any user can send datagrams faster than the extension can judge them. Beyond the limit,
 //   DNS questions pass, because they are always allowed. Other datagrams are dropped: if they passed, one user's flood
 //   would let another user's browser send its whole hello without a verdict. TCP needs no limit: a connection sends
@@ -247,6 +265,7 @@ COMMIT
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctdir REPLY -m connmark --mark @UNDECIDED -j ORVANE-NEW
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -j ORVANE-NEW
+-A ORVANE-OUTPUT -p udp --dport 443 -m connmark --mark @ALLOWED -m bpf --bytecode "@IS_INITIAL" -j ORVANE-QUEUE
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
 -A ORVANE-PENDING -p tcp -m conntrack --ctstate INVALID -j ORVANE-QUEUE
@@ -276,6 +295,7 @@ std::string tables(AddressFamily family, const ProviderChains& chains) {
       {"@NEW_CONNECTIONS", chains.text()},
       {"@STRAY", chains.stray()},
       {"@HAS_PAYLOAD", v4 ? kHasPayload4 : kHasPayload6},
+      {"@IS_INITIAL", v4 ? kIsInitial4 : kIsInitial6},
       {"@ALLOWED", mark_and_mask(kMarkAllowed)},
       {"@QUEUE", "-j NFQUEUE --queue-num " + std::to_string(kQueueNumber) + " --queue-bypass"},
   };

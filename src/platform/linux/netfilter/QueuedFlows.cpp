@@ -33,13 +33,20 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   // acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  auto flow = findOrCreate(packet.ends, owners_.find(packet.ends), now);
+  const auto socket = owners_.find(packet.ends);
+  auto flow = findOrCreate(packet.ends, socket, now);
+  if (beginsOtherConnection(*flow, packet)) {
+    erase(flow);
+    flow = findOrCreate(packet.ends, socket, now);
+  }
   const bool wasSettled = is_settled(flow->session);
   const bool isNews = !wasSettled && judgeOpen(*flow, packet);
   flow->repeats = isNews ? 0 : flow->repeats + 1;
   isLooping_ = flow->repeats > kRepeatsLimit;
   if (wasSettled) {
-    if (flow->generation != generation_) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
+    // The Initial packets of an allowed QUIC connection go on to be queued.
+    const bool isLate = flow->generation != generation_ && flow->connectionID.empty();
+    if (isLate) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdictOf(*flow);
   }
   keep(flow, now);
@@ -85,6 +92,13 @@ void QueuedFlows::drop(const OpenConnection& connection) {
   if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isEnded = true;
 }
 
+// Whether the flow is settled, and the packet begins another QUIC connection between the same addresses and ports.
+// While a flow is open, its QuicInitialReader itself begins again.
+bool QueuedFlows::beginsOtherConnection(const Flow& flow, const Packet& packet) {
+  return packet.ends.protocol == IPPROTO_UDP && is_settled(flow.session) &&
+         QuicInitialReader::beginsOtherConnection(packet.payload, flow.connectionID);
+}
+
 // Call this after each packet of a flow that was open. Moves the flow to the end of settled_ if the packet led to a
 // verdict, else to the end of open_.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
@@ -96,6 +110,7 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   if (flow->session.state() == FilterSession::State::Allowed) recordAllowed(*flow);
   flow->flight = FirstFlight();
   flow->name = ServerNameReader();
+  if (flow->quic != nullptr) flow->connectionID = flow->quic->connectionID();
   flow->quic.reset();
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);

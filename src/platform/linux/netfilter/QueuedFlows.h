@@ -35,7 +35,8 @@ enum class PacketVerdict {
 // The name of a UDP flow, except a DNS flow, is read from the hello in QUIC's first datagrams. While the flow is open,
 // only datagrams with parts of the hello may pass; all other datagrams are held, because they could contain a request.
 // Before the first datagram is held, the flow is shown to the provider without a name, so that flows of programs that
-// are no browsers are allowed at once.
+// are no browsers are allowed at once. A datagram that begins another QUIC connection begins a new flow: a program may
+// use the addresses and ports of an earlier connection again.
 //
 // The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
 // beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
@@ -82,7 +83,8 @@ class QueuedFlows {
   bool isLooping() const { return isLooping_; }
 
   // Call this when the queue is empty. Each packet that is judged after this call was queued after all verdicts so far.
-  // If such a packet belongs to a flow that has a verdict already, it is counted (FlowCounters::lateQueued).
+  // If such a packet belongs to a flow that has a verdict already, and is no QUIC packet, it is counted
+  // (FlowCounters::lateQueued).
   void queueDrained() { ++generation_; }
 
   size_t size() const { return flows_.size(); }
@@ -110,6 +112,7 @@ class QueuedFlows {
     FirstFlight flight;
     ServerNameReader name;                    // TCP only
     std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram, and when the flow is settled
+    std::vector<uint8_t> connectionID;        // of a settled QUIC flow (QuicInitialReader::connectionID)
     bool isHeld = false;                      // whether the last datagram may not pass while the flow is open
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
@@ -122,6 +125,7 @@ class QueuedFlows {
   static PacketVerdict verdictOf(const Flow& flow);
   void settleSocket(uint64_t cookie, PacketVerdict verdict);
   Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);
+  static bool beginsOtherConnection(const Flow& flow, const Packet& packet);
   void keep(Flows::iterator flow, Clock::time_point now);
   void recordAllowed(const Flow& flow);
   void erase(Flows::iterator flow);

@@ -204,6 +204,14 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
   const std::string first = client.initial(quic::crypto(0, hello.substr(0, 50)));
   const std::string second = client.initial(quic::crypto(50, hello.substr(50)));
   const std::string request = client.packet(1, std::string(50, 'r'), client.keyID);
+  // Other connections of the same socket: to another host, and after a Retry.
+  quic::QuicClient other{.keyID = "otherdst"}, retried{.keyID = "retrydst"};
+  const std::string whole = client.initial(quic::crypto(0, hello)),
+                    whole2 = retried.initial(quic::crypto(0, hello), "t");
+  const std::string otherHello = quic::hello("b.example");
+  const std::string other1 = other.initial(quic::crypto(0, otherHello.substr(0, 50)));
+  const std::string other2 = other.initial(quic::crypto(50, otherHello.substr(50)));
+  const std::string acknowledgment = client.packet(0, std::string(50, '\1'), "serverid");
   std::string unknownVersion = first;
   unknownVersion[1] = '\x0a';
   const struct {
@@ -215,6 +223,12 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
   } kCases[] = {
       {"a held name", kDrop, {first, second, second}, {Open, Dropped, Dropped}, "new a.example; "},
       {"another name", kAllow, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
+      {"a second connection",
+       kAllow,
+       {whole, acknowledgment, other1, other2, other1, other2},
+       {Allowed, Allowed, Open, Allowed, Allowed, Allowed},
+       "new a.example; new b.example; "},
+      {"a connection after a Retry", kAllow, {whole, whole2}, {Allowed, Allowed}, "new a.example; new a.example; "},
       {"a name that is decided at the data",
        kExamine,
        {first, second},
