@@ -1,4 +1,4 @@
-"""A web server that speaks HTTP/3 alone: Debian's caddy, on UDP port 443 of every address."""
+"""A web server that speaks HTTP/3: Debian's caddy, on port 443."""
 
 import json
 import pathlib
@@ -13,10 +13,11 @@ _CONFIGURATION = """\
     admin off
     auto_https off
     servers {{
-        protocols h3
+        protocols {protocols}
     }}
 }}
 {sites} {{
+    {bind}
     tls {certificate} {key}
     header Content-Type "text/plain; charset=utf-8"
     respond "{page}\n"
@@ -29,9 +30,15 @@ _CONFIGURATION = """\
 
 
 class HTTP3Server:
-    """Serves a page for these names until the process ends, and records the requests."""
+    """Serves a page for these names until the process ends, and records the requests.
 
-    def __init__(self, directory: pathlib.Path, names: list[str], certificate: pathlib.Path):
+    Speaks HTTP/3 alone, at every address. With an `address`, serves only there, over TCP too, and offers HTTP/3 in its
+    answers over TCP (Alt-Svc, RFC 7838).
+    """
+
+    def __init__(
+        self, directory: pathlib.Path, names: list[str], certificate: pathlib.Path, address: str | None = None
+    ):
         caddy = shutil.which("caddy")
         if caddy is None:
             raise Unavailable("caddy, the HTTP/3 server, is not installed")
@@ -40,14 +47,23 @@ class HTTP3Server:
         sites = ", ".join(f"https://{name}" for name in names)
         page = page_of("h3", "{host}")
         key = certificate.with_suffix(".key")
-        text = _CONFIGURATION.format(sites=sites, certificate=certificate, key=key, page=page, log=self._log)
+        text = _CONFIGURATION.format(
+            protocols="h3" if address is None else "h1 h2 h3",
+            bind="" if address is None else f"bind {address}",
+            sites=sites,
+            certificate=certificate,
+            key=key,
+            page=page,
+            log=self._log,
+        )
         configuration.write_text(text)
         environment = {"PATH": "/usr/bin:/bin", "HOME": str(directory)}
         command = [caddy, "run", "--adapter", "caddyfile", "--config", configuration]
         with open(directory / "caddy", "wb") as output:
             self._process = subprocess.Popen(command, env=environment, stdout=output, stderr=output)
 
-    def hosts(self) -> list[str]:
-        """The hosts of the requests so far, in order."""
+    def hosts(self, version: str = "HTTP/3.0") -> list[str]:
+        """The hosts of the requests so far that came with this version of HTTP, in order."""
         lines = self._log.read_text().splitlines() if self._log.exists() else []
-        return [json.loads(line)["request"]["host"] for line in lines]
+        requests = [json.loads(line)["request"] for line in lines]
+        return [request["host"] for request in requests if request["proto"] == version]

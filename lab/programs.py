@@ -222,13 +222,27 @@ class Tabs:
     def _evaluate(self, tab: str, expression: str):
         return self._call("Runtime.evaluate", tab, expression=expression)["result"].get("value")
 
+    def visit(self, url: str) -> tuple[str | None, str]:
+        """Opens the URL in a new tab. Returns the error, if there is one, and the text of the page."""
+        tab = self._open_tab("about:blank")
+        error = self._call("Page.navigate", tab, url=url).get("errorText")
+        end = time.monotonic() + _TIMEOUT
+        while error is None and not (text := self._evaluate(tab, "document.body?.innerText")):
+            if time.monotonic() > end:
+                raise TimeoutError(f"no page of {url}")
+            time.sleep(0.05)
+        return error, "" if error is not None else text
+
+    def _open_tab(self, url: str) -> str:
+        target = self._call("Target.createTarget", url=url)["targetId"]
+        return self._call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
+
     def start_requests(self, origin: str) -> str:
         """Opens the origin's page in a new tab, where a script fetches the page again and again. Returns the tab."""
         return self._start(origin, self._REQUESTS)
 
     def _start(self, origin: str, script: str) -> str:
-        target = self._call("Target.createTarget", url=f"{origin}/")["targetId"]
-        tab = self._call("Target.attachToTarget", targetId=target, flatten=True)["sessionId"]
+        tab = self._open_tab(f"{origin}/")
         end = time.monotonic() + _TIMEOUT
         while self._evaluate(tab, "document.readyState + location.origin") != f"complete{origin}":
             if time.monotonic() > end:

@@ -10,7 +10,7 @@ import subprocess
 
 from attackers import flood
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
-from http3_browsers import ChromiumOverHTTP3, FirefoxOverHTTP3, over_http3
+from http3_browsers import REFUSALS, ChromiumWithHTTP3, FirefoxOverHTTP3, over_http3
 from http3_server import HTTP3Server
 from programs import Browser
 
@@ -21,9 +21,9 @@ _LONGEST_WAIT = 15
 _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1")}
 
 
-def _recorded(browser: str = "firefox") -> list[bytes]:
-    """The two datagrams of a record. In the file, each datagram comes after its length. The second completes HELD."""
-    text, datagrams = (_RECORDS / f"{browser}_1").read_bytes(), []
+def _recorded(file: str = "firefox_1") -> list[bytes]:
+    """The datagrams of a record, where each comes after its length. Of a browser's two, the second completes HELD."""
+    text, datagrams = (_RECORDS / file).read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
         datagrams.append(text[2:end])
@@ -89,6 +89,16 @@ def HoldsBackTheDatagramThatCompletesAHeldName(world: World):
                 check((failed, server.received()), (True, []), f"sent again {family}")
 
 
+def JudgesVersion2(world: World):
+    recorded = _recorded("rfc9369")  # the whole hello to example.com
+    with world.extension(PYTHON) as extension:
+        for held, expected in ((HELD, recorded), ("example.com", [])):
+            extension.hold(held)
+            with _Server() as server, server.client() as connection:
+                _send(connection, *recorded)
+                check(server.received(), expected, f"what left when {held} was held")
+
+
 def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
     first, second = _recorded()
     with world.extension(PYTHON) as extension:
@@ -108,7 +118,7 @@ def JudgesANewConnectionOnThePortsOfAnAllowedOne(world: World):
     with world.extension(PYTHON, settings={"OrvaneOpenConnections": "keep"}) as extension:
         for name, datagrams, is_new_socket in (
             ("the same hello on another socket", [first, second], True),
-            ("another connection of the socket", _recorded("chromium"), False),
+            ("another connection of the socket", _recorded("chromium_1"), False),
         ):
             for family in FAMILIES:
                 extension.hold(NEWS)
@@ -192,26 +202,34 @@ def _key_hash(certificate) -> str:
 
 
 def JudgesHTTP3OfChromium(world: World):
-    _browse_over_http3(world, ChromiumOverHTTP3, "chromium", _key_hash(world.servers.certificate))
+    _browse_over_http3(world, ChromiumWithHTTP3, "chromium", _key_hash(world.servers.certificate), True)
 
 
 def JudgesHTTP3OfFirefox(world: World):
     _browse_over_http3(world, FirefoxOverHTTP3, "firefox-esr")
 
 
-def EndsTheOpenHTTP3ConnectionOfATab(world: World):
+def LeavesATabNoRoadToASiteThatOffersHTTP3(world: World):
     hosts = [HELD, NEWS]
-    chromium = world.program(ChromiumOverHTTP3, "chromium", hosts, _key_hash(world.servers.certificate))
-    server = HTTP3Server(world.directory, hosts, world.servers.certificate)
+    chromium = world.program(ChromiumWithHTTP3, "chromium", hosts, _key_hash(world.servers.certificate), False)
+    address = "127.0.0.9"
+    server = HTTP3Server(world.directory, hosts, world.servers.certificate, address)
+    world.addresses.update({host: [address] for host in hosts})
     with world.extension("chromium") as extension, chromium.tabs() as tabs:
         held, other = (tabs.start_requests(f"https://{host}") for host in hosts)
         for tab in (held, other):
             wait_until(lambda tab=tab: tabs.received(tab) > 2, "the requests of a tab have begun", 20)
-        check(set(server.hosts()), set(hosts), "the hosts in the server's log")
+        check(set(server.hosts("HTTP/2.0")), set(hosts), "the hosts of requests over TCP")
+        wait_until(lambda: set(server.hosts()) == set(hosts), "later requests are over HTTP/3", 20)
         extension.control("add", HELD).check_returncode()
         answers = tabs.received(held)
         wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 10)
         check(tabs.received(held) - answers < 2, True, "no answers come after the edit")
+        before = [server.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
+        error, _ = tabs.visit(f"https://{HELD}/again")
+        check(error in REFUSALS, True, f"the next visit fails with {error}")
+        after = [server.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
+        check(after, before, "requests to the site after the edit, over TCP and HTTP/3")
         before = tabs.received(other)
         wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 10)
         check(tabs.error(other), None, "the other tab's error")
