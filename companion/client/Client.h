@@ -34,8 +34,9 @@ class UnresponsiveExtension : public ClientError {
 
 struct ClientOptions {
   std::string service = kDefaultServiceName;
-  // The path of the socket; must be empty over XPC. If it is empty, the client tries the usual paths of the service's
-  // socket, the user's paths before the system's, and uses the first path at which an extension listens.
+  // The path of the socket. If it is empty, the client tries the usual paths of the service's socket (the user's paths
+  // first, then the system's) and uses the first path at which an extension listens. Over XPC there is no socket, and
+  // the path must be empty.
   std::string socket;
 };
 

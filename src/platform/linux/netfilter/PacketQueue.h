@@ -29,8 +29,8 @@ struct QueuedPacket {
 
 // A packet queue (nfnetlink_queue) in the network namespace of the thread that calls open(). When the queue is full,
 // the kernel drops packets. If the kernel passed these packets instead, any user could fill the queue to get past the
-// filter. When the socket closes, the kernel drops the packets in the queue and passes later ones. A large segment that
-// the network card will split (GSO) counts as one packet. Not thread-safe.
+// filter. When the queue's netlink socket closes, the kernel drops the packets in the queue and passes later ones. A
+// large segment that the network card will split (GSO) counts as one packet. Not thread-safe.
 class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
