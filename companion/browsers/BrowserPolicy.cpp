@@ -38,9 +38,7 @@ const std::vector<Policy>& policies() {
     using enum HidingFeature;
     auto path = [](const char* text) { return Json::json_pointer(text); };
     return std::vector<Policy>{
-        {Chromium, Http3, path("/QuicAllowed"), false},
         {Chromium, EncryptedHello, path("/EncryptedClientHelloEnabled"), false},
-        {Firefox, Http3, path("/policies/Preferences/network.http.http3.enable"), false, true},
         {Firefox, EncryptedHello, path("/policies/DisableEncryptedClientHello"), true},
         {Firefox, SharedConnections, path("/policies/Preferences/network.http.http2.coalesce-hostnames"), false, true},
     };

@@ -14,13 +14,11 @@ namespace orvane {
 
 // A browser feature that can hide the names of some hosts from the filter.
 enum class HidingFeature {
-  Http3,              // connections over UDP; they pass unread if the extension's setting OrvaneHTTP3 is "pass"
   EncryptedHello,     // Encrypted Client Hello (RFC 9849): the hello shows only the name of the hosting service
   SharedConnections,  // one HTTP/2 connection for several names (RFC 9113, section 9.1.1). Only Firefox has a policy
                       // against it
 };
-inline constexpr std::array kHidingFeatures = {HidingFeature::Http3, HidingFeature::EncryptedHello,
-                                               HidingFeature::SharedConnections};
+inline constexpr std::array kHidingFeatures = {HidingFeature::EncryptedHello, HidingFeature::SharedConnections};
 
 // A value for each feature.
 template <class Value>

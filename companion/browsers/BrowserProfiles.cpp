@@ -1,7 +1,6 @@
 #include "companion/browsers/BrowserProfiles.h"
 
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/linux/base/Files.h"
@@ -38,20 +37,11 @@ std::vector<std::string> firefox_folders(const InstalledBrowser& browser, const 
   return {home + "/.mozilla/firefox", home + "/.config/mozilla/firefox"};
 }
 
-std::string chromium_folder(const InstalledBrowser& browser, const std::string& home) {
-  const std::string folder(browser.profileFolder);
-  if (folder.empty()) return {};
-  if (browser.package == BrowserPackage::Flatpak) return home + "/.var/app/" + browser.identifier + "/config/" + folder;
-  if (browser.package == BrowserPackage::Snap) return home + "/snap/" + browser.identifier + "/common/" + folder;
-  return home + "/.config/" + folder;
-}
-
 }  // namespace
 
 BrowserProfile parse_firefox_preferences(std::string_view text) {
   BrowserProfile profile;
   constexpr std::pair<HidingFeature, const char*> kPreferences[] = {
-      {HidingFeature::Http3, "network.http.http3.enable"},
       {HidingFeature::EncryptedHello, "network.dns.echconfig.enabled"},
       {HidingFeature::SharedConnections, "network.http.http2.coalesce-hostnames"},
   };
@@ -62,38 +52,17 @@ BrowserProfile parse_firefox_preferences(std::string_view text) {
   return profile;
 }
 
-BrowserProfile parse_chromium_state(std::string_view text) {
-  BrowserProfile profile;
-  const nlohmann::json state = nlohmann::json::parse(text, nullptr, false);
-  if (!state.is_object()) return profile;
-  const nlohmann::json::json_pointer experiments("/browser/enabled_labs_experiments");
-  if (state.contains(experiments) && state[experiments].is_array()) {
-    // The number after "@" is the choice in chrome://flags: 1 is "Enabled", 2 is "Disabled".
-    for (const auto& experiment : state[experiments]) {
-      if (experiment == "enable-quic@1") profile.features[HidingFeature::Http3] = true;
-      if (experiment == "enable-quic@2") profile.features[HidingFeature::Http3] = false;
-    }
-  }
-  return profile;
-}
-
 std::vector<BrowserProfile> browser_profiles(const InstalledBrowser& browser, const std::string& home) {
   std::vector<BrowserProfile> profiles;
-  auto read = [&profiles](const std::string& path, BrowserProfile (*parse)(std::string_view)) {
-    auto text = read_file_start(path, kSettingsLimit, Links::Refuse);
-    if (!text) return;
-    profiles.push_back(parse(*text));
-    profiles.back().path = path;
-  };
-  if (browser.family == BrowserFamily::Chromium) {
-    const std::string folder = chromium_folder(browser, home);
-    if (!folder.empty()) read(folder + "/Local State", parse_chromium_state);
-  } else if (browser.identifier.find("irefox") != std::string::npos) {
-    for (const std::string& folder : firefox_folders(browser, home)) {
-      std::error_code error;
-      for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-        read(it->path().string() + "/prefs.js", parse_firefox_preferences);
-      }
+  if (browser.identifier.find("irefox") == std::string::npos) return profiles;
+  for (const std::string& folder : firefox_folders(browser, home)) {
+    std::error_code error;
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      const std::string path = it->path().string() + "/prefs.js";
+      const auto text = read_file_start(path, kSettingsLimit, Links::Refuse);
+      if (!text) continue;
+      profiles.push_back(parse_firefox_preferences(*text));
+      profiles.back().path = path;
     }
   }
   return profiles;

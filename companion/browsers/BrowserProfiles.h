@@ -17,10 +17,9 @@ struct BrowserProfile {
 
 // Reads Firefox's prefs.js. If several lines set the same preference, the last of them decides.
 BrowserProfile parse_firefox_preferences(std::string_view text);
-// Reads Chromium's "Local State", a JSON object. Any other text gives an empty profile.
-BrowserProfile parse_chromium_state(std::string_view text);
 
-// The profiles of a browser in a home directory.
+// The profiles of a browser in a home directory. Empty unless the browser is Firefox: other browsers have no setting
+// that concerns a HidingFeature, or keep it elsewhere.
 std::vector<BrowserProfile> browser_profiles(const InstalledBrowser& browser, const std::string& home);
 
 }  // namespace orvane

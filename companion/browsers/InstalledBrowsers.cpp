@@ -25,23 +25,22 @@ constexpr std::string_view kGroup = "Desktop Entry";
 struct KnownBrowser {
   std::string_view part;  // of the identifier, in lower case
   BrowserFamily family;
-  std::string_view policyFolder;   // empty when none is documented
-  std::string_view profileFolder;  // as in InstalledBrowser
+  std::string_view policyFolder;  // empty when none is documented
 };
 constexpr std::array kKnownBrowsers = {
-    KnownBrowser{"firefox", BrowserFamily::Firefox, "/etc/firefox/policies", ""},
-    KnownBrowser{"chromium-browser", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed", "chromium"},
-    KnownBrowser{"chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed", "chromium"},
-    KnownBrowser{"chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed", "google-chrome"},
-    KnownBrowser{"edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed", "microsoft-edge"},
-    KnownBrowser{"brave", BrowserFamily::Chromium, "/etc/brave/policies/managed", "BraveSoftware/Brave-Browser"},
-    KnownBrowser{"vivaldi", BrowserFamily::Chromium, "", "vivaldi"},
-    KnownBrowser{"opera", BrowserFamily::Chromium, "", "opera"},
-    KnownBrowser{"librewolf", BrowserFamily::Firefox, "", ""},
-    KnownBrowser{"waterfox", BrowserFamily::Firefox, "", ""},
-    KnownBrowser{"floorp", BrowserFamily::Firefox, "", ""},
-    KnownBrowser{"zen_browser", BrowserFamily::Firefox, "", ""},
-    KnownBrowser{"torbrowser", BrowserFamily::Firefox, "", ""},
+    KnownBrowser{"firefox", BrowserFamily::Firefox, "/etc/firefox/policies"},
+    KnownBrowser{"chromium-browser", BrowserFamily::Chromium, "/etc/chromium-browser/policies/managed"},
+    KnownBrowser{"chromium", BrowserFamily::Chromium, "/etc/chromium/policies/managed"},
+    KnownBrowser{"chrome", BrowserFamily::Chromium, "/etc/opt/chrome/policies/managed"},
+    KnownBrowser{"edge", BrowserFamily::Chromium, "/etc/opt/edge/policies/managed"},
+    KnownBrowser{"brave", BrowserFamily::Chromium, "/etc/brave/policies/managed"},
+    KnownBrowser{"vivaldi", BrowserFamily::Chromium, ""},
+    KnownBrowser{"opera", BrowserFamily::Chromium, ""},
+    KnownBrowser{"librewolf", BrowserFamily::Firefox, ""},
+    KnownBrowser{"waterfox", BrowserFamily::Firefox, ""},
+    KnownBrowser{"floorp", BrowserFamily::Firefox, ""},
+    KnownBrowser{"zen_browser", BrowserFamily::Firefox, ""},
+    KnownBrowser{"torbrowser", BrowserFamily::Firefox, ""},
 };
 
 std::string lower(std::string text) {
@@ -59,7 +58,6 @@ void classify(InstalledBrowser& browser) {
   });
   if (known == kKnownBrowsers.end()) return;
   browser.family = known->family;
-  browser.profileFolder = known->profileFolder;
   const bool isFlatpak = browser.package == BrowserPackage::Flatpak;
   for (const PolicyPlace& place : policy_places()) {
     if (isFlatpak ? place.flatpak == browser.identifier : place.folder == known->policyFolder) browser.place = &place;
@@ -192,6 +190,14 @@ BrowserList read_browser_list(const std::string& bundle) {
   }
   if (list.endings.empty()) list.fault = "contains no browser";
   return list;
+}
+
+bool passes_http3(const std::string& bundle) {
+  const auto text = read_file_start(bundle + "/Contents/Info.plist", kEntryLimit, Links::Follow);
+  const Value information = text ? parse_property_list(*text) : Value();
+  const Value* settings = information.find("NetworkExtension");
+  const Value* setting = settings == nullptr ? nullptr : settings->find("OrvaneHTTP3");
+  return setting != nullptr && *setting == Value::borrowed("pass");
 }
 
 std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,

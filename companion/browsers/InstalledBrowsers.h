@@ -27,6 +27,9 @@ inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.syste
 // reads only the first 1024 bytes.
 BrowserList read_browser_list(const std::string& bundle);
 
+// Whether the setting OrvaneHTTP3 in BUNDLE/Contents/Info.plist lets HTTP/3 pass unfiltered.
+bool passes_http3(const std::string& bundle);
+
 enum class BrowserPackage { Program, Flatpak, Snap };
 
 // An installed application with the category WebBrowser.
@@ -37,9 +40,6 @@ struct InstalledBrowser {
   BrowserPackage package = BrowserPackage::Program;
   BrowserFamily family = BrowserFamily::Other;
   const PolicyPlace* place = nullptr;  // where the browser reads policies; null if not documented
-  // For Chromium's family only: the folder of the browser's profiles, relative to ~/.config. For a Flatpak or a snap,
-  // it is relative to the package's own folder in the user's home. Empty if we do not know it.
-  std::string_view profileFolder = {};
 };
 
 // All browsers with a desktop entry in `folders` or `ownFolders`, each identifier once, sorted by name. `ownFolders`

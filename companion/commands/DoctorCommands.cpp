@@ -194,7 +194,6 @@ struct FeatureName {
   const char* key;  // in JSON
 };
 constexpr std::array kFeatureNames = {
-    FeatureName{HidingFeature::Http3, "HTTP/3", "http3"},
     FeatureName{HidingFeature::EncryptedHello, "Encrypted Client Hello", "encryptedHello"},
     FeatureName{HidingFeature::SharedConnections, "shared connections", "sharedConnections"},
 };
@@ -239,10 +238,10 @@ void declare_doctor_commands(CommandSet& commands) {
   CLI::App* policy = browsers->add_subcommand("policy", "Policies that switch off what hides host names")
                          ->fallthrough()
                          ->require_subcommand(1);
-  CLI::App* installing = commands.declare(
-      *policy, "Commands", "install",
-      "Switch off HTTP/3 and Encrypted Client Hello in Chromium, Chrome, Edge, Brave and Firefox, for all users",
-      [&options] { return install(options.json); });
+  CLI::App* installing =
+      commands.declare(*policy, "Commands", "install",
+                       "Switch off Encrypted Client Hello in Chromium, Chrome, Edge, Brave and Firefox, for all users",
+                       [&options] { return install(options.json); });
   installing->footer(
       "Needs root. A file of another program or person is left alone; a message says what to add to it.");
   commands.declare(*policy, "Commands", "remove", "Remove the policies that install wrote",

@@ -87,6 +87,6 @@ complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilt
     setHostnames setProperties getChangesCount'
 complete -c orvanectl -n '__orvanectl_command browsers; and not __fish_seen_subcommand_from policy' -a policy \
     -d 'Policies that switch off what hides host names'
-complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off HTTP/3 and Encrypted Client Hello'
+complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off Encrypted Client Hello'
 complete -c orvanectl -n __orvanectl_policy -a remove -d 'Remove the policies that install wrote'
 complete -c orvanectl -n __orvanectl_policy -a show -d 'Print the policies'

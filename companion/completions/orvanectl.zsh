@@ -57,7 +57,7 @@ _orvanectl_browsers() {
       ;;
     3)
       commands=(
-        'install:switch off HTTP/3 and Encrypted Client Hello'
+        'install:switch off Encrypted Client Hello'
         'remove:remove the policies that install wrote'
         'show:print the policies'
       )

@@ -85,6 +85,7 @@ struct Facts {
   std::optional<KeeperState> list;
   std::string listError;  // why the keeper's state could not be read
   BrowserList browserList;
+  bool passesHTTP3 = false;  // passes_http3() of the extension's bundle
   std::vector<BrowserFacts> browsers;
 };
 

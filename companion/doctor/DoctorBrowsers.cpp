@@ -21,10 +21,6 @@ struct FeatureCheck {
   const char* inChromium;
 };
 constexpr std::array kFeatureChecks = {
-    FeatureCheck{HidingFeature::Http3, "http3",
-                 "it passes unfiltered if the extension's setting OrvaneHTTP3 is \"pass\"",
-                 "set network.http.http3.enable to false in about:config",
-                 "disable \"Experimental QUIC protocol\" in chrome://flags"},
     FeatureCheck{HidingFeature::EncryptedHello, "encrypted-hello",
                  "sites that offer Encrypted Client Hello are reached unfiltered",
                  "set network.dns.echconfig.enabled to false in about:config",
@@ -91,6 +87,14 @@ Finding examine_feature(const BrowserFacts& facts, const FeatureCheck& check) {
   return finding;
 }
 
+Finding examine_http3(bool passes) {
+  if (!passes) return {"http3", "", Result::Ok, "judged by the names in its first packets", ""};
+  return {"http3", "", Result::Warning, "passes unfiltered, because the extension's setting OrvaneHTTP3 is \"pass\"",
+          "remove this setting from the bundle's Info.plist, then sudo systemctl restart orvane-se.service; or switch "
+          "HTTP/3 off in each browser: network.http.http3.enable in about:config, \"Experimental QUIC protocol\" in "
+          "chrome://flags"};
+}
+
 void examine_hidden_names(const UnitFacts& extension, std::vector<Finding>& findings) {
   if (!extension.running) return;
   Finding finding{"hidden-names", "", Result::Ok, "no connection to a known service that hides names", ""};
@@ -119,6 +123,7 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
     findings.push_back({"browser", "", Result::Warning, "no installed browser has a desktop entry",
                         "a browser from an archive is recognised by its program's file name"});
   }
+  findings.push_back(examine_http3(facts.passesHTTP3));
   examine_hidden_names(facts.extension, findings);
   for (const BrowserFacts& browser : facts.browsers) {
     if (list.fault.empty() || browser.browser.identifier.empty()) {
@@ -126,9 +131,8 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
     }
     if (browser.browser.identifier.empty()) continue;
     if (browser.browser.family == BrowserFamily::Other) {
-      findings.push_back({"http3", browser.browser.name, Result::Unknown,
-                          "HTTP/3 and Encrypted Client Hello cannot be checked in this browser",
-                          "switch both off in its settings, if it has them"});
+      findings.push_back({"encrypted-hello", browser.browser.name, Result::Unknown, "cannot be checked in this browser",
+                          "switch it off in the browser's settings, if it can"});
       continue;
     }
     for (const FeatureCheck& check : kFeatureChecks) {

@@ -242,7 +242,9 @@ Facts gather_facts(const Examination& examination) {
   } catch (const FileError& error) {
     facts.listError = error.what();
   }
-  facts.browserList = read_browser_list(find_bundle(facts.process));
+  const std::string bundle = find_bundle(facts.process);
+  facts.browserList = read_browser_list(bundle);
+  facts.passesHTTP3 = passes_http3(bundle);
   facts.browsers = look_at_browsers();
   return facts;
 }

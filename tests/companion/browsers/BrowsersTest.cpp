@@ -106,24 +106,24 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
 // change a preference that is not locked.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root);
-  write("/etc/chromium/policies/managed/zz", R"({"QuicAllowed": true})");
+  write("/etc/chromium/policies/managed/zz", R"({"EncryptedClientHelloEnabled": true})");
   write("/etc/chromium/policies/managed/aa.json", "{ half");
   const PolicyInForce chromium = policy_in_force(placeOf("Chromium"), root);
-  EXPECT_EQ(chromium.features[HidingFeature::Http3].isOn, true);
-  EXPECT_EQ(chromium.features[HidingFeature::Http3].file, root + "/etc/chromium/policies/managed/zz");
-  EXPECT_EQ(chromium.features[HidingFeature::EncryptedHello].isOn, false);
+  EXPECT_EQ(chromium.features[HidingFeature::EncryptedHello].isOn, true);
+  EXPECT_EQ(chromium.features[HidingFeature::EncryptedHello].file, root + "/etc/chromium/policies/managed/zz");
   EXPECT_EQ(chromium.unreadable.size(), 1U);
   const std::pair<const char*, std::optional<bool>> cases[] = {{R"({"Value": false, "Status": "default"})", {}},
                                                                {R"({"Value": false, "Status": "locked"})", false},
                                                                {"false", false},
                                                                {"7", {}},
                                                                {"[]", {}}};
-  for (const auto& [preference, http3] : cases) {
-    write("/etc/firefox/policies/policies.json",
-          R"({"policies": {"DisableEncryptedClientHello": true, "Preferences": {"network.http.http3.enable": )" +
-              std::string(preference) + "}}}");
+  for (const auto& [preference, isOn] : cases) {
+    write(
+        "/etc/firefox/policies/policies.json",
+        R"({"policies": {"DisableEncryptedClientHello": true, "Preferences": {"network.http.http2.coalesce-hostnames": )" +
+            std::string(preference) + "}}}");
     const PolicyInForce firefox = policy_in_force(placeOf("Firefox"), root);
-    EXPECT_EQ(firefox.features[HidingFeature::Http3].isOn, http3) << preference;
+    EXPECT_EQ(firefox.features[HidingFeature::SharedConnections].isOn, isOn) << preference;
     EXPECT_EQ(firefox.features[HidingFeature::EncryptedHello].isOn, false);
   }
 }
@@ -154,15 +154,14 @@ TEST_F(Browsers, IdentifiesInstalledBrowsersAsTheExtensionDoes) {
   folders.programs = {root + "/bin"};
   std::string found;
   for (const InstalledBrowser& browser : installed_browsers(folders, {root + "/own"})) {
-    found += browser.name + "=" + browser.identifier + (browser.place ? " " + browser.place->browser : "") +
-             (browser.profileFolder.empty() ? "" : " ~" + std::string(browser.profileFolder)) + "\n";
+    found += browser.name + "=" + browser.identifier + (browser.place ? " " + browser.place->browser : "") + "\n";
   }
   EXPECT_EQ(found,
-            "Chromium=chromium Chromium ~chromium\n"
+            "Chromium=chromium Chromium\n"
             "Flat=org.mozilla.firefox Firefox (Flatpak)\n"
             "Gone=\n"
             "Script=python3.11\n"
-            "Ungoogled=io.github.ungoogled_software.ungoogled_chromium ~chromium\n"
+            "Ungoogled=io.github.ungoogled_software.ungoogled_chromium\n"
             "Unpacked=firefox-bin Firefox\n");
 }
 
@@ -185,6 +184,18 @@ TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
   EXPECT_NE(read_browser_list(root + "/none").fault, "");
 }
 
+TEST_F(Browsers, KnowWhetherTheExtensionPassesHTTP3) {
+  const std::pair<const char*, bool> cases[] = {{"<key>OrvaneHTTP3</key><string>pass</string>", true},
+                                                {"<key>OrvaneHTTP3</key><string>judge</string>", false},
+                                                {"", false}};
+  for (const auto& [setting, passes] : cases) {
+    write("/b/Contents/Info.plist", "<plist version=\"1.0\"><dict><key>NetworkExtension</key><dict>" +
+                                        std::string(setting) + "</dict></dict></plist>");
+    EXPECT_EQ(passes_http3(root + "/b"), passes) << setting;
+  }
+  EXPECT_FALSE(passes_http3(root + "/none"));
+}
+
 TEST(BrowserProfiles, ReadSettingsAsBrowsersWriteThem) {
   auto text = [](const BrowserProfile& profile) {
     std::string states;
@@ -195,18 +206,12 @@ TEST(BrowserProfiles, ReadSettingsAsBrowsersWriteThem) {
     return states;
   };
   EXPECT_EQ(text(parse_firefox_preferences("// Mozilla\nuser_pref(\"network.dns.echconfig.enabled\", true);\n"
-                                           "user_pref(\"network.http.http2.coalesce-hostnames\", false);\n"
-                                           "user_pref(\"network.http.http3.enable\", true);\n"
-                                           "user_pref(\"network.http.http3.enable\", false);\n")),
-            "off on off ");
-  EXPECT_EQ(text(parse_firefox_preferences("//user_pref(\"network.http.http3.enable\", false);\n"
+                                           "user_pref(\"network.http.http2.coalesce-hostnames\", true);\n"
+                                           "user_pref(\"network.http.http2.coalesce-hostnames\", false);\n")),
+            "on off ");
+  EXPECT_EQ(text(parse_firefox_preferences("//user_pref(\"network.http.http2.coalesce-hostnames\", false);\n"
                                            "user_pref(\"network.dns.echconfig.enabled\"")),
-            "? ? ? ");
-  EXPECT_EQ(text(parse_chromium_state(R"({"browser": {"enabled_labs_experiments": [1, "enable-quic@2"]}})")),
-            "off ? ? ");
-  for (const char* junk : {"", "[]", "{\"browser\": 7}", "{\"browser\": []}"}) {
-    EXPECT_EQ(text(parse_chromium_state(junk)), "? ? ? ") << junk;
-  }
+            "? ? ");
 }
 
 }  // namespace

@@ -105,7 +105,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }},
       {"browser that is a script", "browser", Problem, "another browser",
        [](Facts& f) { f.browsers[0].browser.identifier = "python3.11"; }},
-      {"HTTP/3", "http3", Warning, "policy install", [](Facts& f) { policy(f, Http3) = {}; }},
+      {"HTTP/3 passes", "http3", Warning, "OrvaneHTTP3", [](Facts& f) { f.passesHTTP3 = true; }},
       {"encrypted hellos allowed by a policy", "encrypted-hello", Warning, "allowed by /p",
        [](Facts& f) { policy(f, EncryptedHello) = FeaturePolicy{.isOn = true, .file = "/p"}; }},
       {"encrypted hellos in one of two profiles", "encrypted-hello", Warning, "unfiltered",
@@ -132,7 +132,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
 
 TEST(Doctor, WarnsOfBrowsersThatHideNames) {
   BrowserFacts safe = sound_machine().browsers.front(), shares = safe, hides = safe, missing = safe;
-  shares.policy.features[HidingFeature::SharedConnections] = shares.policy.features[HidingFeature::Http3] = {};
+  shares.policy.features[HidingFeature::SharedConnections] = {};
   hides.policy.features[HidingFeature::EncryptedHello] = {};
   hides.browser.name = "Hiding";
   missing.policy = {};
