@@ -3,10 +3,10 @@
 import dataclasses
 import time
 
-from programs import ALLOW, DROP, Chromium, Destination, Firefox, Seen
+from programs import ALLOW, DROP, Chromium, Destination, Firefox, Seen, Tabs
 from web_servers import page_of
 
-REFUSALS = ("net::ERR_QUIC_PROTOCOL_ERROR", "net::ERR_CONNECTION_RESET", "net::ERR_CONNECTION_REFUSED")
+_REFUSALS = ("net::ERR_QUIC_PROTOCOL_ERROR", "net::ERR_CONNECTION_RESET", "net::ERR_CONNECTION_REFUSED")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -21,8 +21,8 @@ def over_http3(host: str) -> OverHTTP3:
     return OverHTTP3("h3", host)
 
 
-class FirefoxOverHTTP3(Firefox):
-    """Knows that the sites offer HTTP/3, as if it had visited them before."""
+class FirefoxWithHTTP3(Firefox):
+    """Uses HTTP/3 for sites that have offered it over TCP. Knows of `hosts` that they offer it, as after a visit."""
 
     def __init__(self, name, path, identifier, directory, hosts: list[str]):
         super().__init__(name, path, identifier, directory)
@@ -51,9 +51,13 @@ class ChromiumWithHTTP3(Chromium):
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
         with self.tabs() as tabs:
-            start = time.monotonic()
-            error, text = tabs.visit(destination.url(path))
-            self.seconds = time.monotonic() - start
+            return self.visit(tabs, destination, path)
+
+    def visit(self, tabs: Tabs, destination: Destination, path: str) -> Seen:
+        """Visits the page in a new tab."""
+        start = time.monotonic()
+        error, text = tabs.visit(destination.url(path))
+        self.seconds = time.monotonic() - start
         if error is not None:
-            return Seen([DROP] if error in REFUSALS else [], f"error page, {error}")
+            return Seen([DROP] if error in _REFUSALS else [], f"error page, {error}")
         return Seen([ALLOW], "the page") if page_of("h3", destination.host) in text else Seen([], text)

@@ -266,13 +266,21 @@ class Firefox(Browser):
     _SETTINGS = 'user_pref("dom.security.https_first", false);\n'
 
     def fetch(self, destination: Destination, path: str, proxy: str | None) -> Seen:
+        with self.session(proxy) as visit:
+            return visit(destination, path)
+
+    @contextlib.contextmanager
+    def session(self, proxy: str | None = None):
+        """A running Firefox, as a function that visits a page."""
         with tempfile.TemporaryDirectory(dir=self._directory, ignore_cleanup_errors=True) as profile:
             pathlib.Path(profile, "user.js").write_text(self._SETTINGS)
             command = [self._path, "--headless", "--no-remote", "--marionette", "--profile", profile]
             quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
             firefox = subprocess.Popen(command, env=self._environment(), cwd=self._directory, **quiet)
             try:
-                return self._drive(firefox, destination, path, proxy)
+                with self._connect(firefox) as connection, connection.makefile("rwb") as stream:
+                    send = self._sender(stream, proxy)
+                    yield lambda destination, path: self._visit(send, destination, path, proxy)
             finally:
                 firefox.kill()
                 firefox.wait()
@@ -286,31 +294,36 @@ class Firefox(Browser):
                 time.sleep(0.05)
         raise subprocess.TimeoutExpired(firefox.args, _TIMEOUT)
 
-    def _drive(self, firefox: subprocess.Popen, destination: Destination, path: str, proxy: str | None) -> Seen:
-        with self._connect(firefox) as connection, connection.makefile("rwb") as stream:
-            def receive():
-                length = b""
-                while (character := stream.read(1)) != b":":
-                    length += character
-                return json.loads(stream.read(int(length)))
+    @staticmethod
+    def _sender(stream, proxy: str | None):
+        """Begins a session. Returns a function that sends a command and returns the error and the result."""
 
-            def send(command: str, **parameters):
-                message = json.dumps([0, 1, command, parameters]).encode()
-                stream.write(b"%d:%s" % (len(message), message))
-                stream.flush()
-                _, _, error, result = receive()
-                return error, result
+        def receive():
+            length = b""
+            while (character := stream.read(1)) != b":":
+                length += character
+            return json.loads(stream.read(int(length)))
 
-            receive()  # the greeting
-            capabilities = {"acceptInsecureCerts": True}  # Firefox's list of authorities lacks the test's authority
-            if proxy is not None:
-                address = proxy.partition("//")[2]
-                capabilities["proxy"] = {"proxyType": "manual", "httpProxy": address, "sslProxy": address}
-            send("WebDriver:NewSession", **capabilities)
-            start = time.monotonic()
-            error, _ = send("WebDriver:Navigate", url=destination.url(path))
-            self.seconds = time.monotonic() - start
-            source = send("WebDriver:GetPageSource")[1]["value"]
+        def send(command: str, **parameters):
+            message = json.dumps([0, 1, command, parameters]).encode()
+            stream.write(b"%d:%s" % (len(message), message))
+            stream.flush()
+            _, _, error, result = receive()
+            return error, result
+
+        receive()  # the greeting
+        capabilities = {"acceptInsecureCerts": True}  # Firefox's list of authorities lacks the test's authority
+        if proxy is not None:
+            address = proxy.partition("//")[2]
+            capabilities["proxy"] = {"proxyType": "manual", "httpProxy": address, "sslProxy": address}
+        send("WebDriver:NewSession", **capabilities)
+        return send
+
+    def _visit(self, send, destination: Destination, path: str, proxy: str | None) -> Seen:
+        start = time.monotonic()
+        error, _ = send("WebDriver:Navigate", url=destination.url(path))
+        self.seconds = time.monotonic() - start
+        source = send("WebDriver:GetPageSource")[1]["value"]
         if page_of(destination.scheme, destination.host) in source:
             return Seen([ALLOW], "the page")
         if "The filter of this computer blocks" in source:

@@ -10,7 +10,7 @@ import subprocess
 
 from attackers import flood
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
-from http3_browsers import REFUSALS, ChromiumWithHTTP3, FirefoxOverHTTP3, over_http3
+from http3_browsers import ChromiumWithHTTP3, FirefoxWithHTTP3, over_http3
 from http3_server import HTTP3Server
 from programs import Browser
 
@@ -206,15 +206,29 @@ def JudgesHTTP3OfChromium(world: World):
 
 
 def JudgesHTTP3OfFirefox(world: World):
-    _browse_over_http3(world, FirefoxOverHTTP3, "firefox-esr")
+    _browse_over_http3(world, FirefoxWithHTTP3, "firefox-esr")
 
 
-def LeavesATabNoRoadToASiteThatOffersHTTP3(world: World):
+class _OfferingServer(HTTP3Server):
+    """Serves HELD and NEWS over TCP, and offers HTTP/3."""
+
+    def __init__(self, world: World):
+        address = "127.0.0.9"
+        super().__init__(world.directory, [HELD, NEWS], world.servers.certificate, address)
+        world.addresses.update({HELD: [address], NEWS: [address]})
+
+    def check_unreached_by(self, visit) -> None:
+        """Checks that a visit to HELD fails and sends no request, over TCP or over HTTP/3."""
+        before = [self.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
+        check(visit(over_http3(HELD), "/again").verdicts[:1], [DROP], "the next visit")
+        after = [self.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
+        check(after, before, "requests to the site, over TCP and over HTTP/3")
+
+
+def LeavesChromiumNoRoadToASiteThatOffersHTTP3(world: World):
     hosts = [HELD, NEWS]
     chromium = world.program(ChromiumWithHTTP3, "chromium", hosts, _key_hash(world.servers.certificate), False)
-    address = "127.0.0.9"
-    server = HTTP3Server(world.directory, hosts, world.servers.certificate, address)
-    world.addresses.update({host: [address] for host in hosts})
+    server = _OfferingServer(world)
     with world.extension("chromium") as extension, chromium.tabs() as tabs:
         held, other = (tabs.start_requests(f"https://{host}") for host in hosts)
         for tab in (held, other):
@@ -225,12 +239,24 @@ def LeavesATabNoRoadToASiteThatOffersHTTP3(world: World):
         answers = tabs.received(held)
         wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 10)
         check(tabs.received(held) - answers < 2, True, "no answers come after the edit")
-        before = [server.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
-        error, _ = tabs.visit(f"https://{HELD}/again")
-        check(error in REFUSALS, True, f"the next visit fails with {error}")
-        after = [server.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
-        check(after, before, "requests to the site after the edit, over TCP and HTTP/3")
+        server.check_unreached_by(lambda destination, path: chromium.visit(tabs, destination, path))
         before = tabs.received(other)
         wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 10)
         check(tabs.error(other), None, "the other tab's error")
         check(extension.counters()["ended"] > 0, True, "ended flows")
+
+
+def LeavesFirefoxNoRoadToASiteThatOffersHTTP3(world: World):
+    firefox = world.program(FirefoxWithHTTP3, "firefox-esr", [])
+    server = _OfferingServer(world)
+    with world.extension("firefox-esr") as extension, firefox.session() as visit:
+        visit(over_http3(HELD), "/")
+        check(server.hosts("HTTP/2.0")[:1], [HELD], "the first request over TCP")
+
+        def uses_http3() -> bool:
+            visit(over_http3(HELD), "/")
+            return HELD in server.hosts()
+
+        wait_until(uses_http3, "a later request is over HTTP/3", 30)
+        extension.control("add", HELD).check_returncode()
+        server.check_unreached_by(visit)
