@@ -23,6 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const State before = state;
     if (datagram.empty() || datagram.front() >= kLongHeader) {
       state = reader.read(datagram);
+      QuicInitialReader::beginsOtherConnection(datagram, reader.connectionID());
     } else {
       const std::string sealed = client.initial({datagram.begin(), datagram.end()});
       state = reader.read({reinterpret_cast<const uint8_t*>(sealed.data()), sealed.size()});
