@@ -10,7 +10,7 @@
 namespace orvane {
 
 std::optional<RecognitionFault> recognition_fault(const ClientOptions& client) {
-  struct stat status {};
+  struct stat status = {};
   if (!client.socket.empty() || stat(kPackageBundle, &status) != 0) return std::nullopt;
   const BrowserList list = read_browser_list(kPackageBundle);
   if (list.fault.empty()) return std::nullopt;

@@ -41,7 +41,7 @@ CallTimeout::CallTimeout(std::chrono::milliseconds timeout) {
   call_deadline = steady_now() + std::chrono::nanoseconds(timeout).count();
   // SA_RESTART is not set: connect(2) waits while the extension's queue of connections is full, and a signal must make
   // connect(2) return with EINTR.
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = on_tick;
   sigaction(SIGALRM, &action, nullptr);
   tick_every(kTick);

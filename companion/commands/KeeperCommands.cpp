@@ -41,11 +41,10 @@ void declare_keeper_commands(CommandSet& commands) {
   tryCommand->footer(
       "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown.");
 
+  const auto keep = [&options] { return run_keeper({options.client, options.listPath, state_path(options)}); };
   commands
       .declare(commands.app, kServiceGroup, "keep", "Run the keeper, the service that sends the list to the extension",
-               [&options] {
-                 return run_keeper({options.client, options.listPath, state_path(options)});
-               })
+               keep)
       ->footer(
           "It sends the list after each start of the extension and each change of the file, and starts and ends\n"
           "suspensions on time. SIGTERM or SIGINT ends it. If a service manager sets $RUNTIME_DIRECTORY, the state\n"

@@ -15,7 +15,7 @@ namespace {
 // a terminal, programs in the terminal inherit the variable.
 bool is_stderr_journal() {
   const char* stream = std::getenv("JOURNAL_STREAM");
-  struct stat status {};
+  struct stat status = {};
   return stream != nullptr && fstat(STDERR_FILENO, &status) == 0 &&
          std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }

@@ -39,7 +39,7 @@ std::string lock_path(const std::string& path) { return path + ".lock"; }
 // A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks). F_OFD_GETLK tests for a lock
 // without taking it, even if the holder is in another PID namespace.
 struct flock whole_file(short type) {
-  struct flock lock {};
+  struct flock lock = {};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   return lock;

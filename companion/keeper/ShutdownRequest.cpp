@@ -33,7 +33,7 @@ void on_signal(int) {
 ShutdownRequest::ShutdownRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   is_made = exits_at_once = false;
   wake_descriptor = wake_.get();
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = on_signal;
   for (int number : kSignals) sigaction(number, &action, nullptr);
 }

@@ -105,7 +105,7 @@ ListVersion version_of(const struct stat& status) {
 }
 
 struct stat status_of(const Descriptor& file, const Place& place) {
-  struct stat status {};
+  struct stat status = {};
   if (::fstat(file.get(), &status) != 0) throw file_error("cannot read", place, errno);
   return status;
 }
@@ -159,7 +159,7 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
 
 // The version that the file has now. Empty if there is no file.
 ListVersion current_version(const Descriptor& folder, const Place& place) {
-  struct stat status {};
+  struct stat status = {};
   if (::fstatat(folder.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return version_of(status);
   if (errno != ENOENT) throw file_error("cannot read", place, errno);
   return {};
@@ -177,7 +177,7 @@ ListVersion make_current(FileReplacement& file, const Place& place) {
   if (auto error = file.syncFolder())
     throw FileError("cannot be sure of the list: " + in_quotes(place.path) + ": " + error.message() +
                     ": it is changed, but may be the old one after a loss of power: check the disk");
-  struct stat status {};
+  struct stat status = {};
   if (::fstat(file.descriptor(), &status) != 0) throw file_error("cannot read", place, errno);
   return version_of(status);
 }

@@ -58,6 +58,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
   using Outcome = ConnectionFacts::Outcome;
   using enum Finding::Result;
   using enum HidingFeature;
+  const ControlClient crowd = {9, "p\x1b", 63};
   const struct {
     const char *fault, *check;
     Result result;
@@ -76,9 +77,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"member since this login", "answer", Problem, "newgrp orvane",
        [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; }},
       {"connections used up", "clients", Problem, R"("p\x1b" (process 9) has 63, "orvanectl" (process 8) has 1)",
-       [](Facts& f) {
-         f.clients->insert(f.clients->begin(), {9, "p\x1b", 63});
-       }},
+       [&](Facts& f) { f.clients->insert(f.clients->begin(), crowd); }},
       {"two extensions", "processes", Problem, "7, 9", [](Facts& f) { f.processes.push_back(9); }},
       {"no CAP_BPF", "capabilities", Warning, "CAP_BPF missing", [](Facts& f) { f.capabilities = 0x81004; }},
       {"no capability", "capabilities", Problem, "CAP_NET_ADMIN", [](Facts& f) { f.capabilities = 0; }},

@@ -88,13 +88,13 @@ TEST_F(ListFile, IsWholeWhereverAWriteIsKilled) {
   const std::string old = "# mine\nold.example\n", changed = old + "new.example\n";
   size_t outcomes[2] = {0, 0};
   std::vector<uint64_t> calls;
+  const auto act = [&] { put("new.example"); };
   bool killed = true;
   for (size_t n = 1; killed; ++n) {
     write(old);
     calls.clear();
     try {
-      killed = kill_at_stop(
-          n, [&] { put("new.example"); }, calls);
+      killed = kill_at_stop(n, act, calls);
     } catch (const std::runtime_error& error) {
       GTEST_SKIP() << error.what();
     }
@@ -166,7 +166,7 @@ TEST_F(ListFile, KeepsItsModeWithinWhatTheGroupMayDo) {
     chmod(folder_.c_str(), folder);
     if (before != 0) chmod(path_.c_str(), before);
     put(std::string("a") + std::to_string(before) + ".example");
-    struct stat status {};
+    struct stat status = {};
     ASSERT_EQ(stat(path_.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, after) << description;
   }

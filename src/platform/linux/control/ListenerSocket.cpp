@@ -38,7 +38,7 @@ bool has_listener(const std::string& path) {
 
 // Removes the socket file of a process that has ended.
 bool remove_stale_socket(const std::string& path, std::string* error) {
-  struct stat status {};
+  struct stat status = {};
   if (lstat(path.c_str(), &status) != 0) {
     if (errno == ENOENT) return true;
     *error = failure("look at", path);

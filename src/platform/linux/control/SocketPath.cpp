@@ -14,7 +14,7 @@ namespace orvane {
 namespace {
 
 bool is_directory(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   return !path.empty() && path[0] == '/' && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -32,7 +32,7 @@ std::optional<std::string> private_directory(Missing missing, std::string* error
     *error = "cannot make " + path + ": " + std::strerror(errno);
     return std::nullopt;
   }
-  struct stat status {};
+  struct stat status = {};
   if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != geteuid() ||
       (status.st_mode & 077) != 0) {
     *error = path + " is not a directory of this user alone; remove it";

@@ -48,8 +48,11 @@ class IdentityAnswers {
   template <class Key, class Answer>
   using Answers = std::vector<std::pair<Key, Answer>>;
 
+  template <class Key, class Answer>
+  using AnswersMember = Answers<Key, Answer> IdentityAnswers::*;
+
   template <class Key, class Answer, class Find>
-  static Answer answer(Answers<Key, Answer> IdentityAnswers::*list, const Key& key, Find find) {
+  static Answer answer(AnswersMember<Key, Answer> list, const Key& key, Find find) {
     IdentityAnswers* const known = ofThisThread();
     if (known == nullptr) return find();
     for (const auto& [knownKey, result] : known->*list) {

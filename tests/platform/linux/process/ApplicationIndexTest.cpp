@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 Executable executable_at(const std::string& path) {
-  struct stat status {};
+  struct stat status = {};
   ::stat(path.c_str(), &status);
   return {path, status.st_dev, status.st_ino};
 }
