@@ -5,8 +5,9 @@ BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 INSTALL = tools/install-packages build $(if $(filter asan tsan fuzz,$(PRESET)),sanitizers)
 CONFIGURE = cmake --preset $(PRESET)
 PROGRAMS = cmake --build $(BUILD) --target OrvaneSE orvanectl
+OTHER_RELEASE = $(if $(filter 12,$(shell . /etc/os-release; echo $$VERSION_ID)),13,12)
 
-.PHONY: all test lint soak demo bench bench-net fuzz deb clean
+.PHONY: all test lint soak demo bench bench-net fuzz deb apt-repository clean
 all:
 	$(INSTALL)
 	$(CONFIGURE)
@@ -54,6 +55,17 @@ deb:
 	$(CONFIGURE)
 	$(PROGRAMS)
 	packaging/make-deb $(BUILD)
+
+# make apt-repository KEY=FINGERPRINT URL=ADDRESS: the folder build/apt-repository/public, for a web server at ADDRESS.
+# The packages of the other release are built in a temporary system, which needs root.
+apt-repository:
+	$(if $(and $(KEY),$(URL)),,$(error usage: make apt-repository KEY=FINGERPRINT URL=ADDRESS))
+	$(INSTALL) repository
+	$(MAKE) deb
+	mkdir -p $(BUILD)/other-release
+	tools/in-debian --output $(BUILD)/other-release $(OTHER_RELEASE) sh -c 'make deb && cp build/orvane-se[_-]* /output'
+	packaging/make-apt-repository "$(KEY)" "$(URL)" $(BUILD)/apt-repository $(BUILD)/orvane-se_*.changes \
+	  $(BUILD)/other-release/orvane-se_*.changes
 
 clean:
 	rm -rf build build-*
