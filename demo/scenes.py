@@ -9,9 +9,10 @@ import time
 
 import name_server
 import programs
+from browsers import Browser, Chromium, Firefox
 from extension import Extension, Failure
 from keeper import Keeper
-from programs import ALLOW, DROP, DROP_AT_DATA, Browser, Destination, Program
+from programs import ALLOW, DROP, DROP_AT_DATA, Destination, Program
 from table import Table
 from web_servers import WebServers
 
@@ -162,8 +163,11 @@ def _play(build: pathlib.Path, directory: pathlib.Path, table: Table) -> None:
     path = pathlib.Path(programs.find("curl"))
     curl = programs.Curl("curl", path, "curl", directory, servers.authority)
     wget = programs.Wget("wget", programs.find("wget"), "wget", directory, servers.authority)
-    chromium = programs.Chromium("chromium", shutil.which("chromium") or "chromium", "chromium", directory)
-    firefox = programs.Firefox("firefox", shutil.which("firefox-esr") or "firefox-esr", "firefox-esr", directory)
+    authority = servers.authority
+    chromium, firefox = (
+        kind(kind.__name__.lower(), shutil.which(kind.PROGRAM) or kind.PROGRAM, kind.PROGRAM, directory, authority)
+        for kind in (Chromium, Firefox)
+    )
 
     table.scene("FilterDataProvider, with the browsers curl, chromium and firefox-esr")
     browsers = ["curl", "chromium", "firefox-esr"]

@@ -65,14 +65,16 @@ class EncryptedHelloServer:
     """Serves one page under each of `names` at port 443 of `address`, until the process ends.
 
     The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` has what the
-    network saw of each browser's hello.
+    network saw of each browser's hello. `signed` are options with which make_certificate() signs.
     """
 
-    def __init__(self, directory: pathlib.Path, address: str, names: list[str], public_name: str):
+    def __init__(
+        self, directory: pathlib.Path, address: str, names: list[str], public_name: str, signed: list[str]
+    ):
         if shutil.which("selfserv") is None:
             raise Unavailable("selfserv of the package libnss3-tools is not installed")
         directory.mkdir()
-        certificate = make_certificate(directory, "server", [*names, public_name])
+        certificate = make_certificate(directory, "server", [*names, public_name], *signed)
         page = directory / "page"
         page.write_text("\n".join(page_of("https", name) for name in names))
         self.path = str(page)  # selfserv serves every file of the machine under its path

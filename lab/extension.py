@@ -62,6 +62,7 @@ class Extension:
         settings: dict[str, str] | None = None,
     ):
         directory.mkdir()
+        self.directory = directory
         bundle = directory / "OrvaneSE.systemextension"
         _make_bundle(build / bundle.name, bundle, provider, browsers, flow_source, log_level, settings or {})
         information = plistlib.loads((bundle / "Contents/Info.plist").read_bytes())

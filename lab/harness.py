@@ -11,6 +11,8 @@ import time
 
 import name_server
 import programs
+from browsers import Browser
+from caddy import Caddy
 from extension import Extension, Failure
 from first_bytes import hello, request
 from isolation import Unavailable
@@ -92,6 +94,12 @@ class World:
         folder.mkdir()
         self.servers = WebServers(folder, names)
 
+    def serve_with_caddy(self, *names: str) -> Caddy:
+        """Moves the names to a server that speaks HTTP/2 and HTTP/3."""
+        for name in names:
+            self.addresses[name] = [Caddy.ADDRESS]
+        return Caddy(self.directory, list(names), self.servers.certificate)
+
     def extension(
         self, *browsers: str, provider="FilterDataProvider", source: str | None = "netfilter", **more
     ) -> Extension:
@@ -106,17 +114,17 @@ class World:
             extension.hold(HELD)
             yield extension
 
-    def program(self, kind: type, name: str, *more) -> programs.Program:
-        path = shutil.which(name)
+    def browser(self, kind: type[Browser], *more) -> Browser:
+        path = shutil.which(kind.PROGRAM)
         if path is None:
-            raise Unavailable(f"{name} is not installed")
-        program = kind(name, path, name, self.directory, *more)
-        if isinstance(program, programs.Browser) and not program.runs():
-            raise Unavailable(f"{name} does not run here")
-        return program
+            raise Unavailable(f"{kind.PROGRAM} is not installed")
+        browser = kind(kind.PROGRAM, path, kind.PROGRAM, self.directory, self.servers.authority, *more)
+        if not browser.runs():
+            raise Unavailable(f"{kind.PROGRAM} does not run here")
+        return browser
 
     def curl(self) -> programs.Curl:
-        return self.program(programs.Curl, "curl", self.servers.authority)
+        return programs.Curl("curl", programs.find("curl"), "curl", self.directory, self.servers.authority)
 
     def fetch(self, program: programs.Program, scheme: str, host: str, *more, proxy: str | None = None) -> str:
         """Fetches a page. Returns the verdict that the program saw, and checks it against the web server's record."""

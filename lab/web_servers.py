@@ -98,8 +98,8 @@ class WebServers:
 
     def __init__(self, directory: pathlib.Path, names: list[str]):
         authority = make_certificate(directory, "authority", ["OrvaneSE demo"])
-        signed = ["-CA", str(authority), "-CAkey", str(directory / "authority.key")]
-        self.certificate = make_certificate(directory, "server", names, *signed)
+        self.signed = ["-CA", str(authority), "-CAkey", str(directory / "authority.key")]
+        self.certificate = make_certificate(directory, "server", names, *self.signed)
         self.authority = authority
         self._visits: set[str] = set()
         servers = [_Server("http", port, self._visits) for port in self.PLAIN_PORTS]

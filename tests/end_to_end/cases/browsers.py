@@ -1,54 +1,41 @@
-"""The filter's verdicts on real browsers that run with their default settings."""
+"""The filter's verdicts on real browsers that hide names from it, without and with our policies."""
 
 import json
 import re
 
 import isolation
+from browsers import Browser, Chromium, Firefox
 from encrypted_hello import EncryptedHelloServer, Hello
-from harness import ALLOW, DROP, HELD, NEWS, World, check
-from programs import Browser, Chromium, Destination, Firefox
+from harness import ALLOW, BELOW, BESIDE, DROP, HELD, NEWS, World, check
+from programs import Destination
 
 # Two sites with Encrypted Client Hello, and the name that the network sees instead of the sites' names.
 SECRET, OPEN, PUBLIC = "secret.example", "open.example", "cloudflare-ech.com"
 
 
-def _browse(world: World, kind: type[Browser], name: str) -> None:
-    browser = world.program(kind, name)
-    with world.filtering(name):
-        for host, expected in ((HELD, DROP), (NEWS, ALLOW)):
-            for scheme in ("http", "https"):
-                check(world.fetch(browser, scheme, host), expected, f"{name} {scheme}://{host}")
-
-
-def ResetsConnectionsOfChromium(world: World):
-    _browse(world, Chromium, "chromium")
-
-
-def ResetsConnectionsOfFirefox(world: World):
-    _browse(world, Firefox, "firefox-esr")
-
-
-def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, decoy: bool) -> None:
+def _browse_encrypted(world: World, kind: type[Browser], title: str, decoy: bool) -> None:
     """Checks that the policy that orvanectl installs stops encrypted hellos of this browser.
 
     With `decoy`, the browser sends random bytes in place of an encrypted hello, even with the policy.
     """
-    browser = world.program(kind, name)
-    server = EncryptedHelloServer(world.directory / "encrypted", "127.0.0.2", [SECRET, OPEN], PUBLIC)
+    browser = world.browser(kind)
+    server = EncryptedHelloServer(
+        world.directory / "encrypted", "127.0.0.2", [SECRET, OPEN], PUBLIC, world.servers.signed
+    )
     for host in (SECRET, OPEN):
         world.addresses[host], world.hello_keys[host] = ["127.0.0.2"], server.keys
     isolation.make_etc_writable(world.directory)
 
     def fetch(host: str) -> str:
         seen = browser.fetch(Destination("https", host), server.path, None)
-        print(f"{name} https://{host}: {seen.text}; hellos: {server.hellos}")
+        print(f"{browser.name} https://{host}: {seen.text}; hellos: {server.hellos}")
         return next(iter(seen.verdicts), seen.text)
 
     def doctor(extension) -> str:
         findings = json.loads(extension.control("--json", "doctor").stdout)
         return next(f["result"] for f in findings if (f["check"], f["subject"]) == ("encrypted-hello", title))
 
-    with world.extension(name) as extension:
+    with world.extension(browser.identifier) as extension:
         extension.hold(SECRET)
         check(doctor(extension), "warning", "doctor without the policy")
         # A browser that gets the key too late sends the name unencrypted, and its connection is dropped. So try again.
@@ -68,8 +55,47 @@ def _browse_encrypted(world: World, kind: type[Browser], name: str, title: str, 
 
 
 def PolicyStopsEncryptedHellosOfChromium(world: World):
-    _browse_encrypted(world, Chromium, "chromium", "Chromium Web Browser", decoy=False)
+    _browse_encrypted(world, Chromium, "Chromium Web Browser", decoy=False)
 
 
 def PolicyStopsEncryptedHellosOfFirefox(world: World):
-    _browse_encrypted(world, Firefox, "firefox-esr", "Firefox ESR", decoy=True)
+    _browse_encrypted(world, Firefox, "Firefox ESR", decoy=True)
+
+
+def _check_shared_connections(world: World, browser: Browser, *expected: str) -> None:
+    """Checks whether the browser reaches HELD over its open connections to names that are not held.
+
+    `expected`: the verdicts on a page and on a part of a page, after a page of another site; on a part of a page, after
+    a part from another site; on a page, after another page of the same site. All names have the same address.
+    """
+    with world.filtering(browser.identifier), browser.tabs() as tabs:
+        tab = tabs.open()
+        tabs.navigate(tab, Destination("h2", NEWS).url())
+
+        def fetch_page(host: str) -> str:
+            return browser.fetch(Destination("h2", host), "/", None).verdicts[0]
+
+        def fetch_part(host: str) -> str:
+            options = "{mode: 'no-cors', credentials: 'include'}"
+            return tabs.evaluate(tab, f"fetch('https://{host}/', {options}).then(() => '{ALLOW}', () => '{DROP}')")
+
+        verdicts = [fetch_page(HELD), fetch_part(HELD)]
+        check(fetch_part(BESIDE[1]), ALLOW, BESIDE[1])
+        verdicts.append(fetch_part(HELD))
+        check(fetch_page(BELOW[0]), ALLOW, BELOW[0])
+        verdicts.append(fetch_page(HELD))
+        check(verdicts, list(expected), f"{browser.name}: verdicts on {HELD}")
+
+
+def ChromiumSharesConnectionsOfASiteAndOfThePartsOfAPage(world: World):
+    world.serve_with_caddy(HELD, NEWS, *BELOW, *BESIDE)
+    _check_shared_connections(world, world.browser(Chromium), DROP, DROP, ALLOW, ALLOW)
+
+
+def PolicyStopsSharedConnectionsOfFirefox(world: World):
+    world.serve_with_caddy(HELD, NEWS, *BELOW, *BESIDE)
+    firefox = world.browser(Firefox)
+    _check_shared_connections(world, firefox, DROP, ALLOW, ALLOW, ALLOW)
+    isolation.make_etc_writable(world.directory)
+    world.extension().control("browsers", "policy", "install")
+    _check_shared_connections(world, firefox, DROP, DROP, DROP, DROP)

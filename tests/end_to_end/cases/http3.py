@@ -1,18 +1,14 @@
 """The filter's verdicts on HTTP/3. Cases that run no browser send a recording: a browser's first datagrams to HELD."""
 
-import base64
 import collections
 import contextlib
-import hashlib
 import pathlib
 import socket
-import subprocess
 
 from attackers import flood
+from browsers import Browser, ChromiumWithHTTP3, FirefoxWithHTTP3
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
-from http3_browsers import ChromiumWithHTTP3, FirefoxWithHTTP3, over_http3
-from http3_server import HTTP3Server
-from programs import Browser
+from programs import Destination
 
 _RECORDS = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial"
 # A browser must show a page or an error within this many seconds. On an idle machine it takes a third of a second. If
@@ -179,84 +175,23 @@ def PassesNoHeldNameDuringAFlood(world: World):
             connection.close()
 
 
-def _browse_over_http3(world: World, kind: type[Browser], name: str, *more) -> None:
-    browser = world.program(kind, name, [HELD, NEWS], *more)
-    server = HTTP3Server(world.directory, [HELD, NEWS], world.servers.certificate)
+def _browse_over_http3(world: World, kind: type[Browser]) -> None:
+    browser = world.browser(kind, [HELD, NEWS])
+    server = world.serve_with_caddy(HELD, NEWS)
     for setting, expected in (("judge", DROP), ("pass", ALLOW)):
-        with world.filtering(name, settings={"OrvaneHTTP3": setting}):
+        with world.filtering(browser.identifier, settings={"OrvaneHTTP3": setting}), browser.tabs():
             for host, verdict in ((NEWS, ALLOW), (HELD, expected)):
-                before = server.hosts()
-                seen = browser.fetch(over_http3(host), "/", None)
-                print(f"{name} with {setting}: {host}: {seen.text}, {browser.seconds * 1000:.0f} ms")
+                path = f"/{setting}"
+                seen = browser.fetch(Destination("h3", host), path, None)
+                print(f"{browser.name} with {setting}: {host}: {seen.text}, {browser.seconds * 1000:.0f} ms")
                 check(seen.verdicts[:1], [verdict], f"{host} with {setting}: {seen.text}")
-                check(host in server.hosts()[len(before) :], verdict == ALLOW, f"the server's log names {host}")
+                check(server.has_served(host, path), verdict == ALLOW, f"the server has served {host}")
                 check(browser.seconds < _LONGEST_WAIT, True, f"a page or an error within {_LONGEST_WAIT} s")
 
 
-def _key_hash(certificate) -> str:
-    """The hash of a certificate's public key, as Chromium expects it."""
-    command = ["openssl", "x509", "-in", certificate, "-noout", "-pubkey"]
-    key = subprocess.run(command, check=True, capture_output=True, text=True).stdout
-    binary = base64.b64decode("".join(key.splitlines()[1:-1]))
-    return base64.b64encode(hashlib.sha256(binary).digest()).decode()
-
-
 def JudgesHTTP3OfChromium(world: World):
-    _browse_over_http3(world, ChromiumWithHTTP3, "chromium", _key_hash(world.servers.certificate), True)
+    _browse_over_http3(world, ChromiumWithHTTP3)
 
 
 def JudgesHTTP3OfFirefox(world: World):
-    _browse_over_http3(world, FirefoxWithHTTP3, "firefox-esr")
-
-
-class _OfferingServer(HTTP3Server):
-    """Serves HELD and NEWS over TCP, and offers HTTP/3."""
-
-    def __init__(self, world: World):
-        address = "127.0.0.9"
-        super().__init__(world.directory, [HELD, NEWS], world.servers.certificate, address)
-        world.addresses.update({HELD: [address], NEWS: [address]})
-
-    def check_unreached_by(self, visit) -> None:
-        """Checks that a visit to HELD fails and sends no request, over TCP or over HTTP/3."""
-        before = [self.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
-        check(visit(over_http3(HELD), "/again").verdicts[:1], [DROP], "the next visit")
-        after = [self.hosts(version).count(HELD) for version in ("HTTP/2.0", "HTTP/3.0")]
-        check(after, before, "requests to the site, over TCP and over HTTP/3")
-
-
-def LeavesChromiumNoRoadToASiteThatOffersHTTP3(world: World):
-    hosts = [HELD, NEWS]
-    chromium = world.program(ChromiumWithHTTP3, "chromium", hosts, _key_hash(world.servers.certificate), False)
-    server = _OfferingServer(world)
-    with world.extension("chromium") as extension, chromium.tabs() as tabs:
-        held, other = (tabs.start_requests(f"https://{host}") for host in hosts)
-        for tab in (held, other):
-            wait_until(lambda tab=tab: tabs.received(tab) > 2, "the requests of a tab have begun", 20)
-        check(set(server.hosts("HTTP/2.0")), set(hosts), "the hosts of requests over TCP")
-        wait_until(lambda: set(server.hosts()) == set(hosts), "later requests are over HTTP/3", 20)
-        extension.control("add", HELD).check_returncode()
-        answers = tabs.received(held)
-        wait_until(lambda: tabs.error(held) is not None, "the requests fail after the edit", 10)
-        check(tabs.received(held) - answers < 2, True, "no answers come after the edit")
-        server.check_unreached_by(lambda destination, path: chromium.visit(tabs, destination, path))
-        before = tabs.received(other)
-        wait_until(lambda: tabs.received(other) > before + 2, "the other tab's requests go on", 10)
-        check(tabs.error(other), None, "the other tab's error")
-        check(extension.counters()["ended"] > 0, True, "ended flows")
-
-
-def LeavesFirefoxNoRoadToASiteThatOffersHTTP3(world: World):
-    firefox = world.program(FirefoxWithHTTP3, "firefox-esr", [])
-    server = _OfferingServer(world)
-    with world.extension("firefox-esr") as extension, firefox.session() as visit:
-        visit(over_http3(HELD), "/")
-        check(server.hosts("HTTP/2.0")[:1], [HELD], "the first request over TCP")
-
-        def uses_http3() -> bool:
-            visit(over_http3(HELD), "/")
-            return HELD in server.hosts()
-
-        wait_until(uses_http3, "a later request is over HTTP/3", 30)
-        extension.control("add", HELD).check_returncode()
-        server.check_unreached_by(visit)
+    _browse_over_http3(world, FirefoxWithHTTP3)

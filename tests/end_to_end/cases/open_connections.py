@@ -9,9 +9,12 @@ import subprocess
 import time
 
 import programs
+from browsers import Browser, Chromium, ChromiumWithHTTP3, Firefox, FirefoxWithHTTP3, Tabs
+from caddy import OFFER
 from extension import Extension
 from first_bytes import request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from programs import Destination
 from web_servers import ENDLESS, page_of
 
 
@@ -88,6 +91,42 @@ def EndsOpenDownloadsWhenASuspensionEnds(world: World):
             wait_until(lambda: not held.runs(), "the download ends after the edit", 10)
             held.check_was_reset()
             other.check_goes_on()
+
+
+def _open_tab(tabs: Tabs, url: str, protocol: str) -> str:
+    """Opens a tab with a stream over this protocol."""
+    tab = tabs.open()
+    wait_until(lambda: (tabs.navigate(tab, url), tabs.protocol(tab)) == (None, protocol), f"{url} over {protocol}", 60)
+    tabs.start_stream(tab)
+    wait_until(lambda: tabs.received(tab) > 0, f"the stream of {url} has begun", 20)
+    return tab
+
+
+def _end_streams_in_tabs(world: World, over_http2: Browser, over_http3: Browser) -> None:
+    server = world.serve_with_caddy(HELD, NEWS)
+    paths = {"h2": "/", "h3": OFFER}
+    for protocol, browser in (("h2", over_http2), ("h3", over_http3)):
+        with world.extension(browser.identifier) as extension, browser.tabs() as tabs:
+            held, other = (_open_tab(tabs, f"https://{host}{paths[protocol]}", protocol) for host in (HELD, NEWS))
+            curl = _curl(world, programs.find("curl"), "-4")
+            with _Download(world, "https", HELD, curl) as download:
+                start = time.monotonic()
+                extension.control("add", HELD).check_returncode()
+                wait_until(lambda: tabs.error(held) is not None, f"{protocol}: the stream of {HELD} ends", 20)
+                print(f"{time.monotonic() - start:.2f} s after orvanectl began")
+                check(browser.fetch(Destination(protocol, HELD), "/again", None).verdicts[:1], [DROP], "the next page")
+                check(server.has_served(HELD, "/again"), False, "the server has served the next page")
+                download.check_goes_on()
+                before = tabs.received(other)
+                wait_until(lambda: tabs.received(other) > before, "the other tab's stream goes on", 20)
+
+
+def EndsStreamsInTabsOfChromium(world: World):
+    _end_streams_in_tabs(world, world.browser(Chromium), world.browser(ChromiumWithHTTP3, [HELD, NEWS], True))
+
+
+def EndsStreamsInTabsOfFirefox(world: World):
+    _end_streams_in_tabs(world, world.browser(Firefox), world.browser(FirefoxWithHTTP3, []))
 
 
 def _open_connection() -> socket.socket:

@@ -5,7 +5,7 @@ import dataclasses
 import re
 
 from harness import ALLOW, DROP, HELD, NEWS, World, check, iptables
-from http3_browsers import over_http3
+from programs import Destination
 from quic_programs import QuicClient, QuicServer, find
 
 _PLAIN, _RETRYING = "127.0.0.9", "127.0.0.10"  # the addresses of the servers
@@ -49,13 +49,13 @@ def _losing_first_datagram(is_wanted: bool):
 
 
 def JudgesEachKindOfQUICConnection(world: World):
-    find("ngtcp2-client", "gtlsclient")
+    path = find("ngtcp2-client", "gtlsclient")
     certificate = world.servers.certificate
     servers = {
         _PLAIN: QuicServer(world.directory, _PLAIN, certificate),
         _RETRYING: QuicServer(world.directory, _RETRYING, certificate, "--validate-addr"),
     }
-    client = world.program(QuicClient, "gtlsclient")
+    client = QuicClient("gtlsclient", path, "gtlsclient", world.directory)
 
     def check_fetch(host: str, kind: _Kind, expected: str) -> None:
         world.addresses[host] = [kind.server]
@@ -63,7 +63,7 @@ def JudgesEachKindOfQUICConnection(world: World):
         if expected == DROP:
             options.append("--handshake-timeout=5s")
         with _losing_first_datagram(kind.loses_first):
-            seen = client.fetch(over_http3(host), "/", None, *options)
+            seen = client.fetch(Destination("h3", host), "/", None, *options)
         print(f"{host}, {kind.name}: {seen.text}")
         check(seen.verdicts, [expected], f"{host}, {kind.name}")
 

@@ -4,6 +4,8 @@ import itertools
 import shutil
 
 import programs
+from browsers import Chromium, Firefox
+from extension import Extension
 from harness import ALLOW, BELOW, BESIDE, DROP, HELD, World, check
 from keeper import Keeper
 
@@ -17,6 +19,21 @@ STEPS = [
 ]
 
 
+def _follow_steps(world: World, program: programs.Program, extension: Extension) -> int:
+    """Returns how many pages must not arrive."""
+    pages = 0
+    with Keeper(extension, extension.directory / "keeper") as keeper:
+        for command, expected in STEPS:
+            keeper.control(*command).check_returncode()
+            for scheme, (host, verdict) in itertools.product(("http", "https"), expected.items()):
+                seen = world.fetch(program, scheme, host, proxy=extension.proxy)
+                # The proxy resets a tunnel if the provider drops the flow because of its data.
+                seen = DROP if seen == programs.DROP_AT_DATA else seen
+                check(seen, verdict, f"after {command}: {scheme}://{host}")
+                pages += verdict == DROP
+    return pages
+
+
 def _safari(world: World) -> programs.Program:
     folder = world.directory / "safari"
     folder.mkdir()
@@ -27,16 +44,21 @@ def _safari(world: World) -> programs.Program:
 def BlocksSubdomainsWithBothProvidersFromBothSources(world: World):
     kinds = ((world.curl(), "FilterDataProvider"), (_safari(world), "PLSafariFilterDataProvider"))
     for (program, provider), source in itertools.product(kinds, ("netfilter", "proxy")):
-        pages = 0  # the number of fetched pages that must not arrive
-        extension = world.extension(program.identifier, provider=provider, source=source)
-        with extension, Keeper(extension, world.directory / f"keeper-{provider}-{source}") as keeper:
-            for command, expected in STEPS:
-                keeper.control(*command).check_returncode()
-                for scheme, (host, verdict) in itertools.product(("http", "https"), expected.items()):
-                    seen = world.fetch(program, scheme, host, proxy=extension.proxy)
-                    # The proxy resets a tunnel if the provider drops the flow because of its data.
-                    seen = DROP if seen == programs.DROP_AT_DATA else seen
-                    check(seen, verdict, f"{provider}, {source}, after {command}: {scheme}://{host}")
-                    pages += verdict == DROP
+        print(provider, source)
+        with world.extension(program.identifier, provider=provider, source=source) as extension:
+            pages = _follow_steps(world, program, extension)
             expected = pages if provider == "FilterDataProvider" else 0
             check(extension.counters()["dropped"], expected, "flows dropped before their data")
+
+
+def _block_in(browser, world: World) -> None:
+    with world.extension(browser.identifier) as extension, browser.tabs():
+        _follow_steps(world, browser, extension)
+
+
+def BlocksSubdomainsInChromium(world: World):
+    _block_in(world.browser(Chromium), world)
+
+
+def BlocksSubdomainsInFirefox(world: World):
+    _block_in(world.browser(Firefox), world)

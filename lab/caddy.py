@@ -1,0 +1,99 @@
+"""Debian's caddy, a web server that speaks HTTP/2 and HTTP/3."""
+
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import time
+
+from isolation import Unavailable
+from web_servers import ENDLESS, page_of
+
+OFFER = "/offer"  # the path of the page that offers HTTP/3 (Alt-Svc, RFC 7838)
+# Public addresses, because Firefox tries TCP beside HTTP/3 only for these.
+_ADDRESS, _CALLER = "192.0.2.2", "192.0.2.1"
+# Makes the server's network namespace, and connects it with the caller's. Without "addrgenmode none", the caller's
+# interface would get another address some seconds later. Then browsers close their connections.
+_NAMESPACE = f"""\
+set -e
+caller="nsenter --net --target $1"
+ip link add eth0 type veth peer name caddy netns $1
+ip address add {_ADDRESS}/24 dev eth0
+ip link set eth0 up
+$caller ip address add {_CALLER}/24 dev caddy
+$caller ip link set caddy addrgenmode none up
+shift
+exec "$@"
+"""
+_CONFIGURATION = """\
+{{
+    admin off
+    auto_https off
+    servers {{
+        protocols h1 h2 h3
+    }}
+}}
+{sites} {{
+    tls {certificate} {key}
+    @silent not path {offer}
+    header @silent -Alt-Svc
+    header Content-Type "text/plain; charset=utf-8"
+    map {{http.request.proto}} {{protocol}} {{
+        HTTP/2.0 h2
+        HTTP/3.0 h3
+    }}
+    handle {endless}* {{
+        reverse_proxy {caller}:8080
+    }}
+    handle {{
+        respond "{page}\n"
+    }}
+    log {{
+        output file {log}
+        format json
+    }}
+}}
+"""
+
+
+class Caddy:
+    """Serves a page for each of `names`, over TCP and UDP port 443 of ADDRESS, until the process ends.
+
+    Runs in a network namespace of its own, because the kernel rules would also reject the packets of a server in the
+    extension's namespace. The pages that never end come from WebServers.
+    """
+
+    ADDRESS = _ADDRESS
+
+    def __init__(self, directory: pathlib.Path, names: list[str], certificate: pathlib.Path):
+        caddy = shutil.which("caddy")
+        if caddy is None:
+            raise Unavailable("caddy, the server for HTTP/2 and HTTP/3, is not installed")
+        self._log = directory / "requests"
+        configuration, output = directory / "Caddyfile", directory / "caddy"
+        text = _CONFIGURATION.format(
+            sites=", ".join(f"https://{name}" for name in names),
+            certificate=certificate,
+            key=certificate.with_suffix(".key"),
+            offer=OFFER,
+            endless=ENDLESS,
+            caller=_CALLER,
+            page=page_of("{protocol}", "{host}"),
+            log=self._log,
+        )
+        configuration.write_text(text)
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(directory)}
+        command = ["unshare", "--net", "sh", "-c", _NAMESPACE, "sh", str(os.getpid())]
+        command += [caddy, "run", "--adapter", "caddyfile", "--config", configuration]
+        with open(output, "wb") as file:
+            server = subprocess.Popen(command, env=environment, stdout=file, stderr=file)
+        while b"serving initial configuration" not in output.read_bytes():
+            if server.poll() is not None:
+                raise Unavailable(f"caddy does not run here: {output.read_text()}")
+            time.sleep(0.01)
+
+    def has_served(self, host: str, path: str) -> bool:
+        lines = self._log.read_text().splitlines() if self._log.exists() else []
+        requests = [json.loads(line)["request"] for line in lines]
+        return (host, path) in [(request["host"], request["uri"]) for request in requests]
