@@ -2,6 +2,7 @@
 
 import json
 import re
+import subprocess
 
 import isolation
 from browsers import Browser, Chromium, Firefox
@@ -97,5 +98,5 @@ def PolicyStopsSharedConnectionsOfFirefox(world: World):
     firefox = world.browser(Firefox)
     _check_shared_connections(world, firefox, DROP, ALLOW, ALLOW, ALLOW)
     isolation.make_etc_writable(world.directory)
-    world.extension().control("browsers", "policy", "install")
+    subprocess.run([world.build / "orvanectl", "browsers", "policy", "install"], check=True)
     _check_shared_connections(world, firefox, DROP, DROP, DROP, DROP)
