@@ -11,8 +11,9 @@ from isolation import Unavailable
 from web_servers import ENDLESS, page_of
 
 OFFER = "/offer"  # the path of the page that offers HTTP/3 (Alt-Svc, RFC 7838)
-# Public addresses, because Firefox tries TCP beside HTTP/3 only for these.
-_ADDRESS, _CALLER = "192.0.2.2", "192.0.2.1"
+# Private addresses. For public ones, Firefox tries TCP beside HTTP/3; for these, it tries TCP only if the kernel
+# rejects its datagrams.
+_ADDRESS, _CALLER = "10.0.2.2", "10.0.2.1"
 # Makes the server's network namespace, and connects it with the caller's. Without "addrgenmode none", the caller's
 # interface would get another address some seconds later. Then browsers close their connections.
 _NAMESPACE = f"""\

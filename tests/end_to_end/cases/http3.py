@@ -93,6 +93,11 @@ def JudgesVersion2(world: World):
             with _Server() as server, server.client() as connection:
                 _send(connection, *recorded)
                 check(server.received(), expected, f"what left when {held} was held")
+                if not expected:
+                    # The kernel itself rejects the next datagram, although no packet of this conversation has left.
+                    examined = extension.counters()["packets"]
+                    failed = _send(connection, *recorded, *recorded)
+                    check((failed, extension.counters()["packets"] - examined), (True, 0), "packets that were examined")
 
 
 def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):

@@ -14,18 +14,20 @@
 namespace orvane {
 namespace {
 
-void put_tuple(nlmsghdr* message, const SocketPair& pair) {
-  const bool v4 = pair.local.family == AF_INET;
+// `type` is CTA_TUPLE_ORIG for the packets from `source`, or CTA_TUPLE_REPLY.
+void put_tuple(nlmsghdr* message, uint16_t type, uint8_t protocol, const SocketAddress& source,
+               const SocketAddress& destination) {
+  const bool v4 = source.family == AF_INET;
   const size_t length = v4 ? 4 : 16;
-  nlattr* tuple = mnl_attr_nest_start(message, CTA_TUPLE_ORIG);
+  nlattr* tuple = mnl_attr_nest_start(message, type);
   nlattr* addresses = mnl_attr_nest_start(message, CTA_TUPLE_IP);
-  mnl_attr_put(message, v4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, length, pair.local.address.data());
-  mnl_attr_put(message, v4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, length, pair.remote.address.data());
+  mnl_attr_put(message, v4 ? CTA_IP_V4_SRC : CTA_IP_V6_SRC, length, source.address.data());
+  mnl_attr_put(message, v4 ? CTA_IP_V4_DST : CTA_IP_V6_DST, length, destination.address.data());
   mnl_attr_nest_end(message, addresses);
   nlattr* ports = mnl_attr_nest_start(message, CTA_TUPLE_PROTO);
-  mnl_attr_put_u8(message, CTA_PROTO_NUM, pair.protocol);
-  mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(pair.local.port));
-  mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(pair.remote.port));
+  mnl_attr_put_u8(message, CTA_PROTO_NUM, protocol);
+  mnl_attr_put_u16(message, CTA_PROTO_SRC_PORT, htons(source.port));
+  mnl_attr_put_u16(message, CTA_PROTO_DST_PORT, htons(destination.port));
   mnl_attr_nest_end(message, ports);
   mnl_attr_nest_end(message, tuple);
 }
@@ -47,15 +49,31 @@ std::optional<std::string> ConnectionTracking::open() {
 }
 
 int ConnectionTracking::setMark(const SocketPair& pair, uint32_t mark, uint32_t mask) {
+  return change(pair, mark, mask, std::nullopt);
+}
+
+int ConnectionTracking::addWithMark(const SocketPair& pair, uint32_t mark, uint32_t mask,
+                                    std::chrono::seconds lifetime) {
+  return change(pair, mark, mask, lifetime);
+}
+
+// Without a lifetime, only changes a connection that exists.
+int ConnectionTracking::change(const SocketPair& pair, uint32_t mark, uint32_t mask,
+                               std::optional<std::chrono::seconds> lifetime) {
   std::array<char, 512> message{};
   nlmsghdr* header = mnl_nlmsg_put_header(message.data());
   header->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;
-  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;  // without NLM_F_CREATE, only an existing connection is changed
+  header->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
   header->nlmsg_seq = ++sequence_;
   auto* family = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(header, sizeof(nfgenmsg)));
   family->nfgen_family = static_cast<uint8_t>(pair.local.family);
   family->version = NFNETLINK_V0;
-  put_tuple(header, pair);
+  put_tuple(header, CTA_TUPLE_ORIG, pair.protocol, pair.local, pair.remote);
+  if (lifetime) {
+    header->nlmsg_flags |= NLM_F_CREATE;
+    put_tuple(header, CTA_TUPLE_REPLY, pair.protocol, pair.remote, pair.local);
+    mnl_attr_put_u32(header, CTA_TIMEOUT, htonl(static_cast<uint32_t>(lifetime->count())));
+  }
   mnl_attr_put_u32(header, CTA_MARK, htonl(mark));
   mnl_attr_put_u32(header, CTA_MARK_MASK, htonl(mask));
 

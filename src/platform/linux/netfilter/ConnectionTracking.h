@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -11,7 +12,7 @@ struct mnl_socket;
 
 namespace orvane {
 
-// Changes the marks of connections in the kernel's connection tracking (nf_conntrack), in the network namespace of the
+// Changes and adds connections in the kernel's connection tracking (nf_conntrack), in the network namespace of the
 // thread that calls open(). Not thread-safe.
 class ConnectionTracking {
  public:
@@ -22,7 +23,13 @@ class ConnectionTracking {
   // values from `mark`. Returns 0, ENOENT if the kernel does not track this connection, or another errno.
   int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask);
 
+  // The same, but if the kernel does not track the connection, adds it with the mark `mark`. The kernel removes the
+  // added connection when it has seen no packet of it for `lifetime`.
+  int addWithMark(const SocketPair& pair, uint32_t mark, uint32_t mask, std::chrono::seconds lifetime);
+
  private:
+  int change(const SocketPair& pair, uint32_t mark, uint32_t mask, std::optional<std::chrono::seconds> lifetime);
+
   std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_{nullptr, nullptr};
   uint32_t sequence_ = 0;
 };

@@ -1,5 +1,6 @@
 #include "platform/linux/netfilter/Netfilter.h"
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -30,7 +31,9 @@ using namespace std::chrono_literals;
 
 constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
-constexpr auto kReviewTime = 1ms;       // how long packets may wait while connections are reviewed
+constexpr auto kReviewTime = 1ms;  // how long packets may wait while connections are reviewed
+// For how long connection tracking remembers a dropped UDP conversation; its own default for UDP.
+constexpr auto kDroppedLifetime = 30s;
 constexpr auto kRulesDebounce = 200ms;  // delay from a change to the check: a firewall reload makes many changes
 constexpr auto kRulesPoll = 500ms;      // time between checks if the kernel sends no messages or the last repair failed
 
@@ -68,7 +71,6 @@ struct Netfilter::Queue {
       : connections(provider, owners, [this](const OpenConnection& connection) { end(connection); }),
         flows(provider, owners) {}
 
-  std::optional<std::string> followEdits();
   void serve(int stop);
   PacketQueue::Read readBatch(int most);
   void handleNext();
@@ -77,13 +79,14 @@ struct Netfilter::Queue {
   void rebind();
   void reviewConnections();
   void end(const OpenConnection& connection);
+  void keepDropped(const SocketPair& conversation);
 
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
   QueueWatchdog watchdog;
   SystemOwners owners;
-  ConnectionTracking tracking;
-  ListEdits* edits = nullptr;  // null if edits do not end open connections
+  std::optional<ConnectionTracking> tracking;  // nothing if the kernel does not let us change connections
+  ListEdits* edits = nullptr;                  // null if edits do not end open connections
   OpenConnections connections;
   QueuedFlows flows;
 };
@@ -104,10 +107,12 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
   if (!error) error = queue->owners.check();
   if (error) return error;
-  if (endOpenConnections_) {
-    if (auto reason = queue->followEdits()) {
-      ORVANE_LOG_ERROR(default_log(), "netfilter: an edit of the list does not end open connections: %@", *reason);
-    }
+  if (auto reason = queue->tracking.emplace().open()) {
+    queue->tracking.reset();
+    ORVANE_LOG_ERROR(default_log(), "netfilter: an edit of the list does not end open connections: %@", *reason);
+  } else if (endOpenConnections_) {
+    queue->edits = &ListEdits::shared();
+    queue->flows.addAllowedTo(queue->connections);
   }
   auto noRecords = queue->owners.recordOpeners();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
@@ -176,14 +181,6 @@ void Netfilter::watchRules() {
     }
     broken = state == KernelRules::State::Broken;
   }
-}
-
-// From now on, edits of the list can end open connections. Returns the reason if the kernel does not support this.
-std::optional<std::string> Netfilter::Queue::followEdits() {
-  if (auto error = tracking.open()) return error;
-  edits = &ListEdits::shared();
-  flows.addAllowedTo(connections);
-  return std::nullopt;
 }
 
 void Netfilter::Queue::serve(int stop) {
@@ -275,6 +272,7 @@ void Netfilter::Queue::handle(const QueuedPacket& queued, PacketBacklog::Clock::
       break;
     case PacketVerdict::Dropped:
       answer = kMarkDropped;
+      if (packet->ends.protocol == IPPROTO_UDP) keepDropped(packet->ends);
       break;
   }
   if (flows.isLooping()) {
@@ -314,10 +312,21 @@ void Netfilter::Queue::reviewConnections() {
 void Netfilter::Queue::end(const OpenConnection& connection) {
   flows.drop(connection);
   flow_counters().ended.fetch_add(1, std::memory_order_relaxed);
-  const int error = tracking.setMark(connection.pair, kMarkDropped, kMarkMask);
+  const int error = tracking->setMark(connection.pair, kMarkDropped, kMarkMask);
   // If connection tracking has forgotten the connection, flows.drop() has done what is needed.
   if (error == 0 || error == ENOENT) return;
   ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
+}
+
+// Makes connection tracking remember a dropped conversation. On its own, connection tracking remembers a conversation
+// only after a packet of it has left, and here the first packet may be the dropped one. The kernel rules reject the
+// next datagram of a known dropped conversation while the browser sends it. Firefox ignores a rejection that comes
+// later, as for a packet in the queue.
+void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
+  if (!tracking) return;
+  const int error = tracking->addWithMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);
+  if (error == 0) return;
+  ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
 }
 
 }  // namespace orvane
