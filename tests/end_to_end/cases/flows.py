@@ -74,16 +74,3 @@ def AllowsDNSQuestionsAndLogsThem(world: World):
                 connection.sendall(query if over == "UDP" else struct.pack("!H", len(query)) + query)
                 check(socket.inet_aton("127.0.0.1") in connection.recv(512), True, f"an answer over {over}")
             extension.wait_for(r"handleOutboundDataFromFlow: DNS flow", since)
-
-
-def SafariProviderHonoursSuspensionDates(world: World):
-    folder = world.directory / "safari"
-    folder.mkdir()
-    path = shutil.copy(shutil.which("curl"), folder / "com.apple.Safari")
-    safari = programs.Curl("a copy of curl", path, "com.apple.Safari", world.directory, world.servers.authority)
-    with world.filtering("curl", provider="PLSafariFilterDataProvider") as extension:
-        for until, expected in (("2020", DROP), ("2099", ALLOW), ("2021", DROP)):
-            extension.control("properties", HELD, "--dont-block-until", f"{until}-01-01T00:00:00Z").check_returncode()
-            for scheme in ("http", "https"):
-                check(world.fetch(safari, scheme, HELD), expected, f"suspended until {until}")
-        check(world.fetch(world.curl(), "https", HELD), ALLOW, "another browser")

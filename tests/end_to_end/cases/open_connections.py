@@ -11,9 +11,8 @@ import time
 import programs
 from browsers import Browser, Chromium, ChromiumWithHTTP3, Firefox, FirefoxWithHTTP3, Tabs
 from caddy import OFFER
-from extension import Extension
 from first_bytes import request
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
 from programs import Destination
 from web_servers import ENDLESS, page_of
 
@@ -69,6 +68,9 @@ def EndsOpenDownloadsOfABlockedName(world: World):
                     wget[1:1] = [f"--execute={scheme}_proxy={extension.proxy}"]
                 for command, host, downloads in ((curl, HELD, held), (curl, NEWS, others), (wget, HELD, others)):
                     downloads.append(stack.enter_context(_Download(world, scheme, host, command)))
+                if (source, scheme) == ("proxy", "https"):  # the proxy knows the name only from the hello in the tunnel
+                    by_address = [curl[0], "--connect-to", "::127.0.0.1:443", *curl[1:]]
+                    held.append(stack.enter_context(_Download(world, scheme, HELD, by_address)))
             extension.control("add", HELD).check_returncode()
             wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit", 10)
             time.sleep(1)
@@ -150,25 +152,6 @@ def _fetch(connection: socket.socket) -> str:
     return ALLOW
 
 
-def _wait_until_ended(extension: Extension, count: int) -> None:
-    wait_until(lambda: extension.counters()["ended"] == count, f"{count} flows have ended", 10)
-
-
-def EndsIdleConnectionsAtTheirNextPacket(world: World):
-    with world.extension(PYTHON) as extension:
-        edits = {
-            "its name was added": lambda: extension.control("add", NEWS).check_returncode(),
-            "it was in a new list": lambda: extension.hold(HELD, NEWS),
-        }
-        for count, (what, edit) in enumerate(edits.items(), 1):
-            extension.hold(HELD)
-            with _open_connection() as connection:
-                edit()
-                _wait_until_ended(extension, count)
-                check(_fetch(connection), DROP, f"the open connection after {what}")
-                check(connect(NEWS), DROP, f"the next connection after {what}")
-
-
 def EndsConnectionsThatConnectionTrackingForgot(world: World):
     limit = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_tcp_timeout_established")
     with world.extension(PYTHON) as extension:
@@ -178,15 +161,5 @@ def EndsConnectionsThatConnectionTrackingForgot(world: World):
             time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
             check(_fetch(other), ALLOW, "a connection before the edit")
             extension.control("add", NEWS).check_returncode()
-            _wait_until_ended(extension, 2)
+            wait_until(lambda: extension.counters()["ended"] == 2, "both flows have ended", 10)
             check(_fetch(connection), DROP, "the connection after the edit")
-
-
-def KeepsOpenConnectionsIfTheBundleSaysSo(world: World):
-    with world.extension(PYTHON, settings={"OrvaneOpenConnections": "keep"}) as extension:
-        with _open_connection() as connection:
-            for step, names, expected in (("added", [NEWS], DROP), ("removed", [], ALLOW)):
-                extension.hold(*names)
-                time.sleep(1)
-                check(_fetch(connection), ALLOW, f"the open connection after its name was {step}")
-                check(connect(NEWS), expected, f"the next connection after its name was {step}")
