@@ -132,15 +132,19 @@ class ProviderChains {
 // What happens to a packet in three chains (ORVANE-OUTPUT of both tables, and ORVANE-INPUT), and in the chains to which
 // they jump. The columns are: the condition, the chain (if any) to which the packet then goes, and what happens there.
 // "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. In each of the
-// three chains, the first rule returns if the connection is allowed and the packet has no bits. Most packets are of
-// this kind, and no later rule would match them. In mangle OUTPUT, the first rule does not match SYNs, because a later
-// rule clears the connection's bits at each SYN.
+// three chains, the first rule returns if the connection is allowed (in table filter: if it is not dropped) and the
+// packet has no bits. Most packets are of this kind, and no later rule would match them. In mangle OUTPUT, the first
+// rule does not match SYNs, because a later rule clears the connection's bits at each SYN. The packets of a connection
+// without a verdict pass more rules, so the order of the rules is chosen to keep their number small.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
 //                                                      unless they are "pending"                          |
-//     TCP SYN: clear the connection's bits    NEW      the provider's rules: the connection gets          |
-//     first packet of a UDP conversation      NEW      "pending" (chain PENDING), "dropped" or no bits    |
+//     TCP SYN: clear the connection's bits    SYN      NEW, then QUEUE if the connection is pending       |
+//     TCP, connection pending, packet in its  QUEUE    as below                                           |
+//       original direction                                                                                |
+//     first packet of a UDP conversation      NEW      the provider's rules: the connection gets          |
+//                                                      "pending" (chain PENDING), "dropped" or no bits    |
 //     other TCP that begins a connection      NEW      as for a SYN                                       |
 //     TCP without a valid connection          NEW      goes to QUEUE from chain PENDING                   |
 //     UDP to a server that sent first,        NEW      goes to QUEUE from chain PENDING                   |
@@ -219,7 +223,7 @@ constexpr const char* kTables = R"(*filter
 :ORVANE-OUTPUT - [0:0]
 :ORVANE-VERDICT - [0:0]
 :ORVANE-DROP - [0:0]
--A ORVANE-OUTPUT -m connmark --mark @ALLOWED -m mark --mark @NONE -j RETURN
+-A ORVANE-OUTPUT -m mark --mark @NONE -m connmark ! --mark @DROPPED -j RETURN
 -A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m mark --mark @NONE -m connmark --mark @DROPPED -j CONNMARK --set-xmark @NONE
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -j ORVANE-VERDICT
 -A ORVANE-OUTPUT -m connmark --mark @DROPPED -m conntrack --ctdir ORIGINAL -j ORVANE-DROP
@@ -239,6 +243,7 @@ COMMIT
 :ORVANE-SEEN - [0:0]
 :ORVANE-ANSWERED - [0:0]
 :ORVANE-OUTPUT - [0:0]
+:ORVANE-SYN - [0:0]
 :ORVANE-NEW - [0:0]
 :ORVANE-PENDING - [0:0]
 :ORVANE-QUEUE - [0:0]
@@ -257,16 +262,19 @@ COMMIT
 -A ORVANE-ANSWERED -m connmark ! --mark @NONE -j CONNMARK --save-mark --nfmask @MASK --ctmask @MASK
 -A ORVANE-ANSWERED -j MARK --set-xmark @NONE
 -A ORVANE-OUTPUT -p tcp ! --tcp-flags SYN,ACK,RST,FIN SYN -m connmark --mark @ALLOWED -m mark --mark @NONE -j RETURN
--A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -m mark ! --mark @NONE -j RETURN
+-A ORVANE-OUTPUT -p tcp -m mark ! --mark @NONE -m conntrack --ctstate INVALID -j RETURN
 -A ORVANE-OUTPUT -m connmark ! --mark @NONE -m mark ! --mark @NONE -g ORVANE-VERDICT
--A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
--A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -j ORVANE-NEW
+-A ORVANE-OUTPUT -p tcp --tcp-flags SYN,ACK,RST,FIN SYN -g ORVANE-SYN
+-A ORVANE-OUTPUT -p tcp -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -g ORVANE-QUEUE
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctstate NEW -m connmark --mark @NONE -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp -m conntrack --ctdir REPLY -m connmark --mark @UNDECIDED -j ORVANE-NEW
 -A ORVANE-OUTPUT -p tcp -m conntrack --ctstate INVALID -j ORVANE-NEW
 -A ORVANE-OUTPUT -p udp --dport 443 -m connmark --mark @ALLOWED -m bpf --bytecode "@IS_INITIAL" -j ORVANE-QUEUE
 -A ORVANE-OUTPUT -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
+-A ORVANE-SYN -m connmark ! --mark @NONE -j CONNMARK --set-xmark @NONE
+-A ORVANE-SYN -j ORVANE-NEW
+-A ORVANE-SYN -m connmark --mark @PENDING -m conntrack --ctdir ORIGINAL -j ORVANE-QUEUE
 @NEW_CONNECTIONS-A ORVANE-PENDING -j CONNMARK --set-xmark @PENDING
 -A ORVANE-PENDING -p tcp -m conntrack --ctstate INVALID -j ORVANE-QUEUE
 -A ORVANE-PENDING -p udp -m conntrack --ctdir REPLY -j ORVANE-QUEUE
