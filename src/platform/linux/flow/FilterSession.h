@@ -55,9 +55,6 @@ class FilterSession {
   // contains.
   State openFlow();
 
-  // Allows a new flow without asking the provider.
-  void allow() { state_ = State::Allowed; }
-
   // Drops an examined flow without asking the provider, because the caller cannot show the flow's data to the provider.
   State refuse();
 

@@ -236,6 +236,7 @@ void Netfilter::Queue::handleNext() {
     dropUnjudged(packet->queued);
   } else {
     handle(packet->queued, start);
+    flows.recordAllowed();
   }
   backlog.charge(PacketBacklog::Clock::now() - start);
 }

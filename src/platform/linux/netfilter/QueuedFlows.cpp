@@ -19,10 +19,6 @@ constexpr auto kSettledLifetime = 5s;
 constexpr size_t kSettledLimit = 8192;
 constexpr size_t kRepeatsLimit = 100;
 
-bool is_settled(const FilterSession& session) {
-  return session.state() == FilterSession::State::Allowed || session.state() == FilterSession::State::Dropped;
-}
-
 }  // namespace
 
 PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
@@ -39,8 +35,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
     erase(flow);
     flow = findOrCreate(packet.ends, socket, now);
   }
-  const bool wasSettled = is_settled(flow->session);
-  const bool isNews = !wasSettled && judgeOpen(*flow, packet);
+  const bool wasSettled = flow->open == nullptr;
+  const bool isNews = !wasSettled && examine(*flow, *flow->open, packet);
   flow->repeats = isNews ? 0 : flow->repeats + 1;
   isLooping_ = flow->repeats > kRepeatsLimit;
   if (wasSettled) {
@@ -63,18 +59,18 @@ PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection
   const auto socket = owners_.find(ends);
   if (!socket) return PacketVerdict::Ignored;
   auto flow = findOrCreate(ends, socket, now);
-  if (!is_settled(flow->session)) {
-    if (flow->session.state() == FilterSession::State::New) flow->session.newFlow(flow->flight.length());
-    if (openOfUser_[flow->user] > kOpenLimit) flow->session.refuse();
+  if (flow->open != nullptr) {
+    FilterSession& session = flow->open->session;
+    if (session.state() == FilterSession::State::New) session.newFlow(flow->open->flight.length());
+    if (openOfUser_[flow->user] > kOpenLimit) session.refuse();
     keep(flow, now);
   }
   return verdictOf(*flow);
 }
 
 PacketVerdict QueuedFlows::verdictOf(const Flow& flow) {
-  if (!is_settled(flow.session)) return flow.isHeld ? PacketVerdict::Held : PacketVerdict::Open;
-  const bool drops = flow.isEnded || flow.session.state() == FilterSession::State::Dropped;
-  return drops ? PacketVerdict::Dropped : PacketVerdict::Allowed;
+  if (flow.open != nullptr) return flow.open->isHeld ? PacketVerdict::Held : PacketVerdict::Open;
+  return flow.isDropped ? PacketVerdict::Dropped : PacketVerdict::Allowed;
 }
 
 void QueuedFlows::settleSocket(uint64_t cookie, PacketVerdict verdict) {
@@ -89,13 +85,13 @@ void QueuedFlows::drop(const OpenConnection& connection) {
   // A datagram socket may have other conversations, which are not dropped.
   if (connection.pair.protocol == IPPROTO_TCP) settleSocket(connection.cookie, PacketVerdict::Dropped);
   const auto flow = flows_.find(connection.pair);
-  if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isEnded = true;
+  if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isDropped = true;
 }
 
 // Whether the flow is settled, and the packet begins another QUIC connection between the same addresses and ports.
 // While a flow is open, its QuicInitialReader itself begins again.
 bool QueuedFlows::beginsOtherConnection(const Flow& flow, const Packet& packet) {
-  return packet.ends.protocol == IPPROTO_UDP && is_settled(flow.session) &&
+  return packet.ends.protocol == IPPROTO_UDP && flow.open == nullptr &&
          QuicInitialReader::beginsOtherConnection(packet.payload, flow.connectionID);
 }
 
@@ -103,24 +99,30 @@ bool QueuedFlows::beginsOtherConnection(const Flow& flow, const Packet& packet) 
 // verdict, else to the end of open_.
 void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   flow->lastSeen = now;
-  if (!is_settled(flow->session)) {
+  const FilterSession::State state = flow->open->session.state();
+  if (state == FilterSession::State::New || state == FilterSession::State::Examining) {
     open_.splice(open_.end(), open_, flow);
     return;
   }
-  if (flow->session.state() == FilterSession::State::Allowed) recordAllowed(*flow);
-  flow->flight = FirstFlight();
-  flow->name = ServerNameReader();
-  if (flow->quic != nullptr) flow->connectionID = flow->quic->connectionID();
-  flow->quic.reset();
+  if (state == FilterSession::State::Allowed) noteAllowed(*flow, *flow->open->flow);
+  if (state == FilterSession::State::Dropped) flow->isDropped = true;
+  if (flow->open->quic != nullptr) flow->connectionID = flow->open->quic->connectionID();
+  flow->open.reset();
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
   if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
 }
 
-void QueuedFlows::recordAllowed(const Flow& flow) {
+void QueuedFlows::noteAllowed(const Flow& flow, const LinuxSocketFlow& shown) {
   if (flow.pair.protocol == IPPROTO_TCP) allowSocket(flow.cookie);
-  if (connections_ == nullptr || flow.cookie == 0 || !flow.flow->hostName()) return;
-  connections_->add({flow.pair, flow.cookie, flow.user, flow.flow->sourceAppAuditToken(), *flow.flow->hostName()});
+  if (connections_ == nullptr || flow.cookie == 0 || !shown.hostName()) return;
+  recordAllowed();
+  newlyAllowed_ = {flow.pair, flow.cookie, flow.user, shown.sourceAppAuditToken(), *shown.hostName()};
+}
+
+void QueuedFlows::recordAllowed() {
+  if (newlyAllowed_) connections_->add(std::move(*newlyAllowed_));
+  newlyAllowed_.reset();
 }
 
 // The flow with these endpoints. Makes a new flow if no flow with these endpoints is known, or if another socket uses
@@ -130,23 +132,22 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, c
   auto found = flows_.find(ends);
   if (found != flows_.end()) {
     uint64_t known = found->second->cookie;
-    bool settled = is_settled(found->second->session);
-    if (!socket || socket->cookie == known || (known == 0 && !settled)) return found->second;
+    if (!socket || socket->cookie == known || (known == 0 && found->second->open != nullptr)) return found->second;
     erase(found->second);
   }
   const auto settled = socket ? settledSockets_.find(socket->cookie) : settledSockets_.end();
   const bool isSettled = settled != settledSockets_.end();
-  Value owner = socket && !isSettled ? owners_.ownerOf(*socket) : Value();
-  int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
-  auto flow = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
   Flows& flows = isSettled ? settled_ : open_;
-  Flow& made = flows.emplace_back(ends, socket, std::move(flow), provider_);
+  Flow& made = flows.emplace_back(ends, socket);
   if (isSettled) {
-    made.session.allow();
-    made.isEnded = settled->second == PacketVerdict::Dropped;
+    made.isDropped = settled->second == PacketVerdict::Dropped;
     made.lastSeen = now;
     made.generation = generation_;
   } else {
+    Value owner = socket ? owners_.ownerOf(*socket) : Value();
+    int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
+    auto shown = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
+    made.open = std::make_unique<Examination>(shown, provider_);
     ++openOfUser_[made.user];
   }
   return flows_.emplace(ends, std::prev(flows.end())).first->second;
@@ -154,7 +155,7 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, c
 
 void QueuedFlows::erase(Flows::iterator flow) {
   flows_.erase(flow->pair);
-  if (is_settled(flow->session)) {
+  if (flow->open == nullptr) {
     settled_.erase(flow);
     return;
   }
@@ -164,7 +165,7 @@ void QueuedFlows::erase(Flows::iterator flow) {
 
 // Adds the packet to an open flow. Shows the flow to the provider as soon as its server's name is known or cannot
 // become known. Returns whether the packet had new bytes or ended the flow.
-bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
+bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
   const bool ends = packet.fin || packet.rst;
   std::span<const uint8_t> bytes = packet.payload;
@@ -178,41 +179,41 @@ bool QueuedFlows::judgeOpen(Flow& flow, const Packet& packet) {
   }
   bool isLast = ends;
   if (stream && !bytes.empty()) {
-    isLast = !flow.flight.add(packet.sequence, bytes) || isLast;
-    bytes = flow.flight.next();
+    isLast = !open.flight.add(packet.sequence, bytes) || isLast;
+    bytes = open.flight.next();
   }
   // A DNS flow contains no server name; the provider itself reads the DNS question. In all other flows, the name is
   // read until it is complete, even if the provider has seen the flow already.
   if (packet.ends.remote.port != kDNSPort) {
-    const uint64_t known = flow.quic == nullptr ? 0 : flow.quic->length();
-    if (!readName(flow, bytes, isLast)) return stream ? !bytes.empty() : flow.quic->length() > known;
+    const uint64_t known = open.quic == nullptr ? 0 : open.quic->length();
+    if (!readName(flow, open, bytes, isLast)) return stream ? !bytes.empty() : open.quic->length() > known;
   }
-  if (flow.session.state() == FilterSession::State::New) {
-    flow.session.newFlow(stream ? flow.flight.length() - bytes.size() : 0);
+  if (open.session.state() == FilterSession::State::New) {
+    open.session.newFlow(stream ? open.flight.length() - bytes.size() : 0);
   }
-  if (flow.session.holdsData()) flow.session.outboundData(bytes);
-  if (ends) flow.session.outboundComplete();
+  if (open.session.holdsData()) open.session.outboundData(bytes);
+  if (ends) open.session.outboundComplete();
   return true;
 }
 
 // Searches the flow's next bytes for its server name. Returns whether the flow can be shown to the provider now, with
 // or without a name.
-bool QueuedFlows::readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast) {
+bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast) {
   const bool stream = flow.pair.protocol == IPPROTO_TCP;
-  if (!stream && flow.quic == nullptr) flow.quic = std::make_unique<QuicInitialReader>();
-  const NameState before = stream ? flow.name.state() : flow.quic->state();
-  const NameState state = stream ? flow.name.read(bytes) : flow.quic->read(bytes);
-  flow.isHeld = state == NameState::Open && !stream && !flow.quic->isReadable();
+  if (!stream && open.quic == nullptr) open.quic = std::make_unique<QuicInitialReader>();
+  const NameState before = stream ? open.name.state() : open.quic->state();
+  const NameState state = stream ? open.name.read(bytes) : open.quic->read(bytes);
+  open.isHeld = state == NameState::Open && !stream && !open.quic->isReadable();
   if (state == NameState::Open && !isLast) {
     const bool isBeyondLimit = openOfUser_[flow.user] > kOpenLimit;
-    if ((isBeyondLimit || flow.isHeld) && flow.session.state() == FilterSession::State::New) flow.session.newFlow();
-    if (isBeyondLimit) flow.session.refuse();
+    if ((isBeyondLimit || open.isHeld) && open.session.state() == FilterSession::State::New) open.session.newFlow();
+    if (isBeyondLimit) open.session.refuse();
     return false;
   }
   if (before != NameState::Open) return true;  // an earlier packet made the state Known or Unknown
-  const ServerNameReader& name = stream ? flow.name : flow.quic->hello();
+  const ServerNameReader& name = stream ? open.name : open.quic->hello();
   if (state == NameState::Known) {
-    flow.flow->setRemoteHostname(name.name());
+    open.flow->setRemoteHostname(name.name());
     if (name.isNameHidden()) flow_counters().recordHiddenName();
   } else {
     flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);

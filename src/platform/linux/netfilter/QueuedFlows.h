@@ -6,6 +6,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 
 #include "platform/linux/flow/FilterSession.h"
@@ -51,8 +52,12 @@ class QueuedFlows {
   QueuedFlows(Ref<NEFilterDataProvider> provider, FlowOwners& owners)
       : provider_(std::move(provider)), owners_(owners) {}
 
-  // From now on, adds to `connections` each flow that is allowed and has a name.
+  // From now on, recordAllowed() adds each flow that is allowed and has a name to `connections`.
   void addAllowedTo(OpenConnections& connections) { connections_ = &connections; }
+
+  // Call this after judge() and judgeInbound(), when the packet has its answer: the packet need not wait until its flow
+  // is added.
+  void recordAllowed();
 
   // Decides about an outbound packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
@@ -94,26 +99,30 @@ class QueuedFlows {
   static constexpr size_t kSocketsLimit = 16384;
 
  private:
+  // What is known about an open flow.
+  struct Examination {
+    Examination(const Ref<LinuxSocketFlow>& shown, Ref<NEFilterDataProvider> provider)
+        : flow(shown), session(std::move(provider), shown) {}
+
+    Ref<LinuxSocketFlow> flow;
+    FilterSession session;
+    FirstFlight flight;
+    ServerNameReader name;                    // TCP only
+    std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram
+    bool isHeld = false;                      // whether the last datagram may not pass while the flow is open
+  };
+
   struct Flow {
-    Flow(const SocketPair& ends, const std::optional<SocketFacts>& socket, const Ref<LinuxSocketFlow>& shown,
-         Ref<NEFilterDataProvider> provider)
-        : pair(ends),
-          cookie(socket ? socket->cookie : 0),
-          user(socket ? socket->user : kNoUser),
-          flow(shown),
-          session(std::move(provider), shown) {}
+    Flow(const SocketPair& ends, const std::optional<SocketFacts>& socket)
+        : pair(ends), cookie(socket ? socket->cookie : 0), user(socket ? socket->user : kNoUser) {}
 
     SocketPair pair;
     uint64_t cookie;  // the socket's cookie; 0 when no socket was found
     uid_t user;
-    Ref<LinuxSocketFlow> flow;
-    FilterSession session;
-    bool isEnded = false;  // whether the flow was allowed and is dropped now
-    FirstFlight flight;
-    ServerNameReader name;                    // TCP only
-    std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram, and when the flow is settled
-    std::vector<uint8_t> connectionID;        // of a settled QUIC flow (QuicInitialReader::connectionID)
-    bool isHeld = false;                      // whether the last datagram may not pass while the flow is open
+    // Null when the flow is settled, because thousands of settled flows are remembered.
+    std::unique_ptr<Examination> open;
+    bool isDropped = false;             // whether the flow was dropped, or was allowed and is dropped now
+    std::vector<uint8_t> connectionID;  // of a settled QUIC flow (QuicInitialReader::connectionID)
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes
@@ -127,15 +136,16 @@ class QueuedFlows {
   Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);
   static bool beginsOtherConnection(const Flow& flow, const Packet& packet);
   void keep(Flows::iterator flow, Clock::time_point now);
-  void recordAllowed(const Flow& flow);
+  void noteAllowed(const Flow& flow, const LinuxSocketFlow& shown);
   void erase(Flows::iterator flow);
-  bool judgeOpen(Flow& flow, const Packet& packet);
-  bool readName(Flow& flow, std::span<const uint8_t> bytes, bool isLast);
+  bool examine(const Flow& flow, Examination& open, const Packet& packet);
+  bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
   void evictExpired(Clock::time_point now);
 
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
   OpenConnections* connections_ = nullptr;
+  std::optional<OpenConnection> newlyAllowed_;  // the flow that recordAllowed() will add
   uint64_t generation_ = 0;
   bool isLooping_ = false;
   Flows open_, settled_;

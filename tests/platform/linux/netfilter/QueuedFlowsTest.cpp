@@ -80,6 +80,7 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   EXPECT_EQ(flows.judge(packet("\x01\x02", 0, 80)), Allowed);
   ++owners.socket->cookie;
   EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
+  flows.recordAllowed();
   EXPECT_EQ(connections.size(), 1U) << "the flow with a name";
   EXPECT_EQ(calls(), "new -; new a.example; ");
 
