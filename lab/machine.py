@@ -96,7 +96,8 @@ class Machine:
 
     def boot(self) -> None:
         command = ["systemd-nspawn", "--quiet", "--boot", f"--directory={self.root}", "--register=no", "--keep-unit"]
-        command += ["--private-network", "--console=pipe", "--capability=CAP_BPF", "--system-call-filter=bpf"]
+        command += ["--private-network", "--console=pipe"]
+        command += ["--capability=CAP_BPF,CAP_PERFMON", "--system-call-filter=bpf"]
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
         with open(self._folder / "console", "ab") as console:

@@ -46,6 +46,31 @@ def AttributesChildProcessesToTheirBrowser(world: World):
                 check(world.fetch(program, scheme, HELD), expected, program.name)
 
 
+# Makes two connections, prints their outcomes, and executes the first of the given programs, which does the same.
+_CONNECT_AND_EXECUTE = """
+import os, socket, sys
+code, request, *programs = sys.argv[1:]
+for _ in range(2):
+    with socket.create_connection(("127.0.0.1", 80), 20) as connection:
+        connection.sendall(request.encode())
+        try:
+            print("allow" if connection.recv(1) else "closed", flush=True)
+        except ConnectionResetError:
+            print("drop", flush=True)
+if programs:
+    os.execv(programs[0], [programs[0], "-I", "-c", code, code, request, *programs[1:]])
+"""
+
+
+def JudgesAProcessByTheProgramThatItRunsNow(world: World):
+    tool, browser = (shutil.copy("/proc/self/exe", world.directory / name) for name in ("tool", "testbrowser"))
+    programs_of_process = [tool, browser] * 4
+    with world.filtering("testbrowser"):
+        command = [tool, "-I", "-c", _CONNECT_AND_EXECUTE, _CONNECT_AND_EXECUTE, request(HELD).decode()]
+        done = subprocess.run([*command, *programs_of_process[1:]], check=True, capture_output=True, text=True)
+    check(done.stdout.split(), [ALLOW, ALLOW, DROP, DROP] * 4, "a process that executes a browser and another program")
+
+
 def JudgesTwoThousandConnectionsAtOnce(world: World):
     allow_many_descriptors()
     address = "127.0.0.9"

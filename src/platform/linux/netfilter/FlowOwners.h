@@ -14,6 +14,7 @@ class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
   virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
+  virtual std::optional<SocketFacts> sender(const SocketPair& pair) { return find(pair); }
   virtual Value ownerOf(const SocketFacts& socket) = 0;
 };
 

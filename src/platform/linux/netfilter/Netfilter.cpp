@@ -22,6 +22,7 @@
 #include "platform/linux/netfilter/PacketQueue.h"
 #include "platform/linux/netfilter/QueueWatchdog.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
+#include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
@@ -42,6 +43,7 @@ class SystemOwners final : public FlowOwners {
   std::optional<std::string> check() { return owners_.check(); }
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
+  std::optional<SocketFacts> sender(const SocketPair& pair) override { return owners_.sender(pair); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
   std::vector<uint64_t> streams() { return owners_.streams(); }
 
@@ -115,6 +117,8 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     queue->flows.addAllowedTo(queue->connections);
   }
   auto noRecords = queue->owners.recordOpeners();
+  // Without the record, finding the owner of a flow takes far longer than finding out what the owner runs.
+  auto noChanges = noRecords ? std::nullopt : ProcessChanges::system().start();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.
   for (uint64_t cookie : queue->owners.streams()) queue->flows.allowSocket(cookie);
@@ -136,6 +140,10 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are read from the process table: %@", *noRecords);
   } else {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: flows' owners are recorded by the kernel");
+  }
+  if (noChanges) {
+    ORVANE_LOG_DEFAULT(default_log(), "netfilter: programs are read from the process table for each flow: %@",
+                       *noChanges);
   }
   if (!sees_other_users_programs()) {
     ORVANE_LOG_DEFAULT(default_log(), "netfilter: programs of other users are not recognised, without CAP_SYS_PTRACE");

@@ -29,7 +29,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   // acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  const auto socket = owners_.find(packet.ends);
+  const auto socket = owners_.sender(packet.ends);
   auto flow = findOrCreate(packet.ends, socket, now);
   if (beginsOtherConnection(*flow, packet)) {
     erase(flow);

@@ -61,9 +61,10 @@ class ApplicationIndex {
   // Whether applicationOf() returns this ID for any program.
   bool hasApplication(std::string_view application);
 
- private:
+  // The entries that the functions above use. As long as this is the same object, they return the same results.
   std::shared_ptr<const ApplicationEntries> entries();
 
+ private:
   const ApplicationFolders folders_;
   const std::chrono::milliseconds interval_;
 

@@ -23,7 +23,10 @@ class IdentityAnswers {
   IdentityAnswers& operator=(const IdentityAnswers&) = delete;
 
   // The object of the calling thread; null if it has none.
-  static IdentityAnswers*& ofThisThread();
+  static IdentityAnswers*& ofThisThread() {
+    thread_local IdentityAnswers* answers = nullptr;
+    return answers;
+  }
 
   // A result of SecCodeCopyGuestWithAttributes.
   struct Guest {

@@ -18,7 +18,18 @@ namespace {
 constexpr size_t kIdentifierLimit = 255;  // the longest D-Bus name; a Flatpak application's ID is a D-Bus name
 constexpr int kAncestorLimit = 64;        // no ordinary process tree is deeper
 constexpr auto kCacheTime = std::chrono::milliseconds(500);
-constexpr size_t kCacheLimit = 64;  // each entry holds a file descriptor
+constexpr size_t kCacheLimit = 64;  // each process holds a file descriptor
+
+using Clock = std::chrono::steady_clock;
+
+// Makes room for one more entry in a full cache: removes the expired entries, or all entries if none has expired.
+// `found` returns the time when an entry was found.
+template <class Cache, class Found>
+void make_room(Cache& cache, Clock::time_point now, Found found) {
+  if (cache.size() < kCacheLimit) return;
+  std::erase_if(cache, [&](const auto& each) { return now - found(each.second) > kCacheTime; });
+  if (cache.size() >= kCacheLimit) cache.clear();
+}
 
 bool is_identifier(std::string_view text) {
   return !text.empty() && text.size() <= kIdentifierLimit && std::all_of(text.begin(), text.end(), [](char c) {
@@ -232,20 +243,17 @@ std::optional<std::string> ProcessIdentity::identifierOf(const Program& program)
 
 std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid) {
   if (auto cached = findCached(pid)) return cached;
+  const auto now = Clock::now();
+  const auto version = changes_.version(pid);
   auto information = ProcessInformation::open(pid, processTable_);
   if (!information) return nullptr;
   Program program = programOf(*information);
-  auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program)});
-  // If the executable is unknown, findCached() could not check the process, so the process is not cached.
-  if (!process->program.executable) return process;
+  auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program), version, now});
+  // If events are not counted, a cached process can be checked only if its executable is known.
+  if (version ? process->information.isEnding() : !process->program.executable) return process;
   std::lock_guard lock(mutex_);
-  auto now = std::chrono::steady_clock::now();
-  if (cache_.size() >= kCacheLimit) {
-    for (auto it = cache_.begin(); it != cache_.end();)
-      it = now - it->second.found > kCacheTime ? cache_.erase(it) : ++it;
-    if (cache_.size() >= kCacheLimit) cache_.clear();
-  }
-  cache_.insert_or_assign(pid, CachedProcess{process, now});
+  make_room(processes_, now, [](const auto& each) { return each->found; });
+  processes_.insert_or_assign(pid, process);
   return process;
 }
 
@@ -253,29 +261,73 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findCached(pid_
   std::shared_ptr<const Process> process;
   {
     std::lock_guard lock(mutex_);
-    auto it = cache_.find(pid);
-    if (it == cache_.end() || std::chrono::steady_clock::now() - it->second.found > kCacheTime) return nullptr;
-    process = it->second.process;
+    auto it = processes_.find(pid);
+    if (it == processes_.end() || Clock::now() - it->second->found > kCacheTime) return nullptr;
+    process = it->second;
   }
-  return process->information.runs(&*process->program.executable) ? process : nullptr;
+  const bool isCurrent = process->version ? changes_.version(pid) == process->version
+                                          : process->information.runs(&*process->program.executable);
+  return isCurrent ? process : nullptr;
 }
 
 pid_t ProcessIdentity::responsibleFor(pid_t pid) {
-  auto process = find(pid);
-  if (process == nullptr) return -1;
-  if (isApplication(*process)) return pid;
-  auto unit = unit_of_control_groups(process->information.controlGroups());
-  if (auto ancestor = applicationAbove(*process, unit)) return *ancestor;
-  if (auto named = unit ? applicationOfUnit(*unit) : std::nullopt) return *named;
-  return pid;
+  if (auto known = findAnswer(pid)) return *known;
+  Answer answer = makeAnswer(pid);
+  const pid_t responsible = answer.responsible;
+  if (answer.canBeCached) {
+    std::lock_guard lock(mutex_);
+    make_room(answers_, Clock::now(), [](const Answer& each) { return each.found; });
+    answers_.insert_or_assign(pid, std::move(answer));
+  }
+  return responsible;
 }
 
-std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
+std::optional<pid_t> ProcessIdentity::findAnswer(pid_t pid) {
+  const auto applications = index_.entries();
+  std::lock_guard lock(mutex_);
+  auto it = answers_.find(pid);
+  if (it == answers_.end()) return std::nullopt;
+  const Answer& answer = it->second;
+  const bool isCurrent = answer.applications == applications && Clock::now() - answer.found <= kCacheTime &&
+                         std::all_of(answer.versions.begin(), answer.versions.end(),
+                                     [this](const auto& each) { return changes_.version(each.first) == each.second; });
+  return isCurrent ? std::optional(answer.responsible) : std::nullopt;
+}
+
+ProcessIdentity::Answer ProcessIdentity::makeAnswer(pid_t pid) {
+  Answer answer;
+  answer.applications = index_.entries();
+  auto process = findFor(answer, pid);
+  if (process == nullptr) return answer;
+  answer.responsible = pid;
+  if (isApplication(*process)) return answer;
+  auto unit = unit_of_control_groups(process->information.controlGroups());
+  if (auto ancestor = applicationAbove(answer, *process, unit)) {
+    answer.responsible = *ancestor;
+    return answer;
+  }
+  // Most units are not named after an application. For such a unit, the process table is not searched.
+  if (!unit || !index_.hasApplication(unit->application)) return answer;
+  answer.canBeCached = false;
+  answer.responsible = applicationOfUnit(*unit).value_or(pid);
+  return answer;
+}
+
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findFor(Answer& answer, pid_t pid) {
+  auto process = find(pid);
+  answer.canBeCached = answer.canBeCached && process != nullptr && process->version && !process->information.isEnding();
+  if (!answer.canBeCached) return process;
+  answer.versions.emplace_back(pid, *process->version);
+  answer.found = std::min(answer.found, process->found);
+  return process;
+}
+
+std::optional<pid_t> ProcessIdentity::applicationAbove(Answer& answer, const Process& process,
                                                        const std::optional<ApplicationUnit>& unit) {
   pid_t parent = process.information.parent();
   uint64_t childStart = process.information.startTime();
-  for (int depth = 0; depth < kAncestorLimit; ++depth) {
-    auto ancestor = find(parent);
+  for (int depth = 0; depth < kAncestorLimit && parent != 0; ++depth) {
+    auto ancestor = findFor(answer, parent);
     // If the parent is younger than its child, the real parent has ended and its pid was used again.
     if (ancestor == nullptr || ancestor->information.startTime() > childStart) return std::nullopt;
     if (unit) {
@@ -290,8 +342,6 @@ std::optional<pid_t> ProcessIdentity::applicationAbove(const Process& process,
 }
 
 std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
-  // Most units are not named after an application, and for these the process table need not be searched.
-  if (!index_.hasApplication(unit.application)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
   for (pid_t pid : process_identifiers(processTable_)) {
     auto process = ProcessInformation::open(pid, processTable_);

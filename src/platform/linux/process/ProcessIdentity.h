@@ -9,8 +9,11 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "platform/linux/process/ApplicationIndex.h"
+#include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/process/ProcessInformation.h"
 
 namespace orvane {
@@ -48,8 +51,9 @@ class ProcessIdentity {
     std::optional<std::string> image;    // from application_of_app_image(), if runs_other_programs(executable)
   };
 
-  explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc")
-      : index_(std::move(folders)), processTable_(std::move(processTable)) {}
+  explicit ProcessIdentity(ApplicationFolders folders, std::string processTable = "/proc",
+                           const ProcessChanges& changes = ProcessChanges::system())
+      : index_(std::move(folders)), processTable_(std::move(processTable)), changes_(changes) {}
 
   // The shared object for this system. Never destroyed.
   static ProcessIdentity& system();
@@ -57,10 +61,14 @@ class ProcessIdentity {
   struct Process {
     ProcessInformation information;
     Program program;
+    std::optional<ProcessChanges::Version> version = {};  // from before the reading
+    std::chrono::steady_clock::time_point found = {};
   };
 
   // Null when the process does not exist. A browser opens many connections at once, so a result is cached for half a
-  // second. During this time, the cached result is used only if the process still exists and runs the same executable.
+  // second. (Without an exec, a process can change its root folder, and thereby its package.) During this time the
+  // result is used only if the process has the same version; if events are not counted (ProcessChanges), only if it
+  // still exists and runs the same executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
   // The application ID of the program's package or desktop entry. Nothing for a program that has neither.
@@ -70,31 +78,46 @@ class ProcessIdentity {
   // that was unpacked from an archive has an identifier. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
+  // As long as this is the same object, applicationOf() and identifierOf() return the same results for a program.
+  std::shared_ptr<const ApplicationEntries> applications() { return index_.entries(); }
+
   // The process that is responsible for the process `pid`. It is the first in this list that exists:
   //   1. the process itself, if it is an application;
   //   2. its nearest ancestor that is an application. If the process is in an application's systemd unit, only the
   //      ancestors in this unit count: a desktop that starts a program in a new unit is not responsible for it;
   //   3. the oldest process of the unit, among those that run the application after which the unit is named;
   //   4. the process itself.
-  // -1 when the process does not exist.
+  // -1 when the process does not exist. The answer is cached like the result of find(), but only if events are counted
+  // and the process table was not searched for 3. It is used as long as no process on which it depends has changed.
   pid_t responsibleFor(pid_t pid);
 
  private:
-  struct CachedProcess {
-    std::shared_ptr<const Process> process;
-    std::chrono::steady_clock::time_point found;
+  // The process that is responsible for another, and what this answer depends on.
+  struct Answer {
+    pid_t responsible = -1;
+    bool canBeCached = true;
+    std::vector<std::pair<pid_t, ProcessChanges::Version>> versions;
+    std::chrono::steady_clock::time_point found =
+        std::chrono::steady_clock::time_point::max();  // of the oldest Process
+    std::shared_ptr<const ApplicationEntries> applications;
   };
 
   std::shared_ptr<const Process> findCached(pid_t pid);
+  std::optional<pid_t> findAnswer(pid_t pid);
+  std::shared_ptr<const Process> findFor(Answer& answer, pid_t pid);
+  Answer makeAnswer(pid_t pid);
   Program programOf(const ProcessInformation& process) const;
   bool isApplication(const Process& process) { return applicationOf(process.program).has_value(); }
-  std::optional<pid_t> applicationAbove(const Process& process, const std::optional<ApplicationUnit>& unit);
+  std::optional<pid_t> applicationAbove(Answer& answer, const Process& process,
+                                        const std::optional<ApplicationUnit>& unit);
   std::optional<pid_t> applicationOfUnit(const ApplicationUnit& unit);
 
   ApplicationIndex index_;
   const std::string processTable_;
-  std::mutex mutex_;
-  std::unordered_map<pid_t, CachedProcess> cache_;  // guarded by mutex_
+  const ProcessChanges& changes_;
+  std::mutex mutex_;  // guards the members below
+  std::unordered_map<pid_t, std::shared_ptr<const Process>> processes_;
+  std::unordered_map<pid_t, Answer> answers_;
 };
 
 }  // namespace orvane

@@ -23,6 +23,7 @@ constexpr size_t kFileLimit = size_t{64} * 1024;
 // The limit for `mounts` is larger, because a host with many containers has a thousand mounts.
 constexpr size_t kMountsLimit = size_t{256} * 1024;
 constexpr uint32_t kNobodyLoggedIn = UINT32_MAX;
+constexpr uint32_t kExiting = 0x4;  // PF_EXITING in the kernel: a flag in field 9 of /proc/pid/stat
 constexpr std::string_view kDeleted = " (deleted)";
 
 // Removes the first word from the text and returns it. Empty at the end of the text.
@@ -50,20 +51,16 @@ std::optional<RealAndEffective> parse_status_line(std::string_view status, std::
   return RealAndEffective{*real, *effective};
 }
 
-Descriptor open_file(int directory, const char* name) {
-  return Descriptor(::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW));
-}
-
-// Reads an open file from its beginning, up to the size of the buffer. The kernel makes the text of a file in /proc
-// anew at each read, so the result is current. Empty when the file cannot be read.
-std::string_view read_again(const Descriptor& file, std::array<char, 4096>& buffer) {
-  ssize_t count = ::pread(file.get(), buffer.data(), buffer.size(), 0);
+// The beginning of a short file. Empty when the file cannot be read.
+std::string_view read_start(int directory, const char* name, std::array<char, 4096>& buffer) {
+  Descriptor file(::openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW));
+  ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
   return {buffer.data(), count > 0 ? static_cast<size_t>(count) : 0};
 }
 
-uint32_t read_audit_number(const Descriptor& file) {
+uint32_t read_audit_number(int directory, const char* name) {
   std::array<char, 4096> buffer;
-  std::string_view rest = read_again(file, buffer);
+  std::string_view rest = read_start(directory, name, buffer);
   return parse_number<uint32_t>(take_word(rest)).value_or(kNobodyLoggedIn);
 }
 
@@ -104,10 +101,12 @@ std::optional<ProcessStat> parse_process_stat(std::string_view text) {
   std::string_view rest = text.substr(bracket + 1);
   std::string_view state = take_word(rest);  // field 3
   auto parent = parse_number<pid_t>(take_word(rest));
-  for (int field = 5; field < 22; ++field) take_word(rest);
+  for (int field = 5; field < 9; ++field) take_word(rest);
+  auto flags = parse_number<uint32_t>(take_word(rest));
+  for (int field = 10; field < 22; ++field) take_word(rest);
   auto startTime = parse_number<uint64_t>(take_word(rest));
-  if (state.size() != 1 || !parent || !startTime) return std::nullopt;
-  return ProcessStat{state[0], *parent, *startTime};
+  if (state.size() != 1 || !parent || !flags || !startTime) return std::nullopt;
+  return ProcessStat{state[0], *parent, *startTime, (*flags & kExiting) != 0};
 }
 
 std::optional<ProcessInformation> ProcessInformation::open(pid_t pid, const std::string& processTable) {
@@ -122,13 +121,8 @@ std::optional<ProcessInformation> ProcessInformation::open(pid_t pid, const std:
 }
 
 std::optional<audit_token_t> ProcessInformation::auditToken() const {
-  if (!status_) {
-    status_ = open_file(directory(), "status");
-    auditUser_ = open_file(directory(), "loginuid");
-    auditSession_ = open_file(directory(), "sessionid");
-  }
   std::array<char, 4096> buffer;  // the lines that are parsed below are at the start of the file
-  std::string_view status = read_again(status_, buffer);
+  std::string_view status = read_start(directory(), "status", buffer);
   auto user = parse_status_line(status, "\nUid:");
   auto group = parse_status_line(status, "\nGid:");
   constexpr std::string_view kState = "\nState:\t";
@@ -136,8 +130,9 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
   if (!user || !group || (state < status.size() - kState.size() && has_ended(status[state + kState.size()]))) {
     return std::nullopt;
   }
-  return audit_token_t{{read_audit_number(auditUser_), user->effective, group->effective, user->real, group->real,
-                        static_cast<uint32_t>(pid_), read_audit_number(auditSession_), version()}};
+  return audit_token_t{{read_audit_number(directory(), "loginuid"), user->effective, group->effective, user->real,
+                        group->real, static_cast<uint32_t>(pid_), read_audit_number(directory(), "sessionid"),
+                        version()}};
 }
 
 // After the process has ended, its open directory is empty, even if the pid is used again. So statx(2) and readlink(2)

@@ -28,6 +28,7 @@ struct ProcessStat {
   char state;
   pid_t parent;
   uint64_t startTime;  // clock ticks since boot
+  bool isEnding;       // whether the process has begun to end
 };
 
 // Parses the text of /proc/pid/stat. Nothing when the text is cut off. The second field is the program's name in
@@ -46,13 +47,15 @@ class ProcessInformation {
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
+  // Whether the process had begun to end when open() was called. It then still has a parent, and maybe a program.
+  bool isEnding() const { return stat_.isEnding; }
+
   // The version in the audit token, computed from the start time. Processes that have the same pid one after the other
   // have different versions: the kernel gives out pids in turn, so it does not use a pid twice within one clock tick
   // (10 ms), the unit of the start time.
   uint32_t version() const { return static_cast<uint32_t>(stat_.startTime ^ (stat_.startTime >> 32)); }
 
-  // The current audit token; nothing when the process has ended. The function leaves open the files that it has read,
-  // which halves the time of its next call.
+  // The current audit token; nothing when the process has ended.
   std::optional<audit_token_t> auditToken() const;
 
   // Whether the process runs `file`, or any file if `file` is null. This is the cheapest way to find out whether the
@@ -81,7 +84,6 @@ class ProcessInformation {
 
   pid_t pid_;
   Descriptor directory_;
-  mutable Descriptor status_, auditUser_, auditSession_;
   ProcessStat stat_;
 };
 

@@ -1,5 +1,6 @@
 #include "platform/Security.h"
 
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <map>
@@ -33,8 +34,8 @@ void release_counted(const T* object) {
 
 // SecCode and SecStaticCode hold a copy of what was known about the program when the object was made. So later calls do
 // not need the process, and an object that is never released does not keep a file open. Each of the two also keeps the
-// object that was made from it (staticCode, information), so that a repeated question about the same code
-// (IdentityAnswers) is answered at once. No lock guards these members, so only one thread at a time may use an object.
+// object that was made from it (staticCode, information), so that a repeated question about the same code is answered
+// at once. No lock guards these members, so only one thread at a time may use an object.
 struct SecCode : Counted {
   ProcessIdentity::Program program;
   Ref<SecStaticCode> staticCode;
@@ -130,14 +131,33 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
   return {errSecSuccess, std::move(process)};
 }
 
+// Returns the process's code object. As long as ProcessIdentity finds the same process, this is the same object, so the
+// objects that were made from it need not be made again.
+static Ref<SecCode> code_of(const std::shared_ptr<const ProcessIdentity::Process>& process) {
+  struct Known {
+    std::weak_ptr<const ProcessIdentity::Process> process;
+    std::shared_ptr<const ApplicationEntries> applications;
+    Ref<SecCode> code;
+  };
+  thread_local std::array<Known, 8> known;  // of each thread, because no lock guards a code object
+  thread_local size_t next = 0;
+  auto applications = ProcessIdentity::system().applications();
+  for (const Known& each : known) {
+    const bool isSame = !each.process.owner_before(process) && !process.owner_before(each.process);
+    if (isSame && each.applications == applications) return each.code;
+  }
+  auto code = Ref<SecCode>::adopt(new SecCode);
+  code->program = process->program;
+  known[next++ % known.size()] = {process, std::move(applications), code};
+  return code;
+}
+
 OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, uint32_t, SecCode** guest) {
   if (attributes == nullptr) return errSecCSUnsupportedGuestAttributes;
   auto find = [attributes]() -> IdentityAnswers::Guest {
     auto [status, process] = find_guest(*attributes);
     if (!process) return {status, nullptr};
-    auto code = Ref<SecCode>::adopt(new SecCode);
-    code->program = process->program;
-    return {errSecSuccess, std::move(code)};
+    return {errSecSuccess, code_of(process)};
   };
   auto found = IdentityAnswers::guest(attributes->auditToken, attributes->pid, find);
   if (found.code) *guest = found.code.detach();

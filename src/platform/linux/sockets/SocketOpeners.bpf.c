@@ -1,5 +1,5 @@
 // Runs in the kernel when a process connects a socket or sends a datagram with an explicit destination. Records the
-// process (SocketRecords.h) and always allows the call.
+// process and the connection (SocketRecords.h) and always allows the call.
 #include <linux/bpf.h>
 // The headers below need the types of linux/bpf.h.
 #include <bpf/bpf_endian.h>
@@ -8,6 +8,7 @@
 #include "platform/linux/sockets/SocketRecords.h"
 
 #define SOCK_STREAM 1  // <sys/socket.h> does not compile for BPF
+#define AF_INET 2
 
 // The kernel requires a license text. None of the helpers used here is reserved for GPL programs.
 const char license_text[] SEC("license") = "Proprietary";
@@ -29,6 +30,13 @@ struct {
   __type(key, __u64);
   __type(value, struct SocketOpener);
 } stream_openers SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 65536);
+  __type(key, struct StreamRoute);
+  __type(value, struct StreamSocket);
+} streams SEC(".maps");
 
 struct {
   __uint(type, BPF_MAP_TYPE_LRU_HASH);
@@ -113,5 +121,40 @@ int send_v6(struct bpf_sock_addr* context) {
   struct DatagramRoute route = {
       .remote = {context->user_ip6[0], context->user_ip6[1], context->user_ip6[2], context->user_ip6[3]}};
   record_datagram(context, &route, record_opener(context, &datagram_openers));
+  return 1;
+}
+
+// Records the endpoints of a connection. When a process connects a TCP socket, the kernel calls record_connect() before
+// it chooses the socket's local port, and this program just before it sends the SYN. If the socket has no record of its
+// opener, this program removes the record of an earlier socket with the same endpoints. That is the case for a socket
+// of another network namespace, and for the server's socket of a connection, for which the kernel calls this program
+// when the client's handshake is complete.
+SEC("sockops")
+int record_stream(struct bpf_sock_ops* context) {
+  if (context->op != BPF_SOCK_OPS_TCP_CONNECT_CB && context->op != BPF_SOCK_OPS_PASSIVE_ESTABLISHED_CB) return 1;
+  struct StreamRoute route = {.localPort = context->local_port, .remotePort = bpf_ntohl(context->remote_port)};
+  if (context->family == AF_INET) {
+    route.local[2] = route.remote[2] = bpf_htonl(0xffff);
+    route.local[3] = context->local_ip4;
+    route.remote[3] = context->remote_ip4;
+    barrier();  // or the compiler reads the context at a variable offset, which the kernel does not allow
+  } else {
+    route.local[0] = context->local_ip6[0];
+    route.local[1] = context->local_ip6[1];
+    route.local[2] = context->local_ip6[2];
+    route.local[3] = context->local_ip6[3];
+    route.remote[0] = context->remote_ip6[0];
+    route.remote[1] = context->remote_ip6[1];
+    route.remote[2] = context->remote_ip6[2];
+    route.remote[3] = context->remote_ip6[3];
+  }
+  struct StreamSocket socket = {.cookie = bpf_get_socket_cookie(context)};
+  struct SocketOpener* opener = bpf_map_lookup_elem(&stream_openers, &socket.cookie);
+  if (opener) {
+    socket.opener = *opener;
+    bpf_map_update_elem(&streams, &route, &socket, BPF_ANY);
+  } else {
+    bpf_map_delete_elem(&streams, &route);
+  }
   return 1;
 }

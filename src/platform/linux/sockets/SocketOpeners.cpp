@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@
 
 #include "SocketOpeners.skel.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/process/ProcessChanges.h"
 
 namespace orvane {
 namespace {
@@ -26,9 +26,6 @@ namespace {
 // How long a record of a datagram is valid. A datagram is examined right after it is sent. Later, the same local port
 // may belong to another process.
 constexpr uint64_t kRecordLifetime = 5'000'000'000;  // nanoseconds
-
-// The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).
-constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 
 std::string failure(const char* what, int error) { return std::string("cannot ") + what + ": " + std::strerror(error); }
 
@@ -59,6 +56,13 @@ Descriptor open_topmost_control_group() {
   if (!fileSystem || ::fsconfig(fileSystem.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) return Descriptor();
   Descriptor root(::fsmount(fileSystem.get(), FSMOUNT_CLOEXEC, 0));
   return root ? Descriptor(::openat(root.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) : Descriptor();
+}
+
+// Writes the address in the form of the records' keys.
+void write_address(const SocketAddress& from, __u32 (&to)[4]) {
+  const bool v4 = from.family == AF_INET;
+  if (v4) to[2] = htonl(0xffff);
+  std::memcpy(v4 ? &to[3] : to, from.address.data(), v4 ? 4 : 16);
 }
 
 template <class Found, class Key>
@@ -93,12 +97,10 @@ std::optional<std::string> SocketOpeners::Programs::load() {
   kernel = socket_openers::open();
   if (kernel == nullptr) return failure("read the BPF programs", errno);
   kernel->rodata->network_namespace = networkNamespace;
-  struct stat pidNamespace;
-  if (::stat("/proc/self/ns/pid", &pidNamespace) != 0) return failure("identify the PID namespace", errno);
-  if (pidNamespace.st_ino != kInitialPidNamespace) {
-    kernel->rodata->pid_namespace_device = pidNamespace.st_dev;
-    kernel->rodata->pid_namespace_inode = pidNamespace.st_ino;
-  }
+  const auto own = own_pid_namespace();
+  if (!own) return failure("identify the PID namespace", errno);
+  kernel->rodata->pid_namespace_device = own->device;
+  kernel->rodata->pid_namespace_inode = own->inode;
   if (int error = socket_openers::load(kernel); error != 0) return failure("load BPF programs", -error);
   return std::nullopt;
 }
@@ -111,6 +113,7 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
       {kernel->progs.connect_v6, &kernel->links.connect_v6},
       {kernel->progs.send_v4, &kernel->links.send_v4},
       {kernel->progs.send_v6, &kernel->links.send_v6},
+      {kernel->progs.record_stream, &kernel->links.record_stream},
   };
   for (auto [program, link] : kPrograms) {
     *link = ::bpf_program__attach_cgroup(program, group.get());
@@ -162,14 +165,24 @@ std::optional<SocketOpener> SocketOpeners::opener(uint64_t cookie) const {
   return programs_ ? programs_->opener(cookie) : std::nullopt;
 }
 
+std::optional<StreamSocket> SocketOpeners::stream(const SocketPair& pair) const {
+  if (!programs_ || pair.protocol != IPPROTO_TCP || pair.local.scope != 0 || pair.remote.scope != 0) {
+    return std::nullopt;
+  }
+  StreamRoute route{};
+  route.localPort = pair.local.port;
+  route.remotePort = pair.remote.port;
+  write_address(pair.local, route.local);
+  write_address(pair.remote, route.remote);
+  return look_up<StreamSocket>(programs_->kernel->maps.streams, route);
+}
+
 std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
   if (!programs_ || pair.protocol != IPPROTO_UDP) return std::nullopt;
   DatagramRoute route{};
   route.localPort = pair.local.port;
   route.remotePort = pair.remote.port;
-  bool v4 = pair.remote.family == AF_INET;
-  if (v4) route.remote[2] = htonl(0xffff);
-  std::memcpy(v4 ? &route.remote[3] : route.remote, pair.remote.address.data(), v4 ? 4 : 16);
+  write_address(pair.remote, route.remote);
   auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, route);
   auto last = cookie ? opener(*cookie) : std::nullopt;
   if (!last || last->time + kRecordLifetime <= time_since_boot()) return std::nullopt;

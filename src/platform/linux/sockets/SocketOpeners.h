@@ -28,6 +28,10 @@ class SocketOpeners {
   // or if newer records have replaced the record.
   std::optional<SocketOpener> opener(uint64_t cookie) const;
 
+  // The TCP socket that was last connected from the pair's local endpoint to its remote endpoint, and its opener. The
+  // socket may be closed already. Nothing for link-local addresses, because a record has no interface.
+  std::optional<StreamSocket> stream(const SocketPair& pair) const;
+
   // The socket that sent a datagram with an explicit destination (sendto(2)) from the pair's local port to the pair's
   // remote endpoint within the last five seconds. The inode in the result is always 0, because the records contain no
   // inodes.

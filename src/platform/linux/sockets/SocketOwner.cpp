@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/sockets/SocketDiagnostics.h"
 #include "platform/linux/sockets/SocketHolders.h"
 #include "platform/linux/sockets/SocketOpeners.h"
@@ -42,13 +43,18 @@ class RecentOpeners {
 
  private:
   struct Recent {
+    bool isSameProcess() const {
+      return version ? ProcessChanges::system().version(process.pid()) == version : process.runs();
+    }
+
     ProcessInformation process;
     audit_token_t token;
+    std::optional<ProcessChanges::Version> version;  // from before the reading; nothing if it cannot be relied on
     std::chrono::steady_clock::time_point read;
   };
 
-  static constexpr size_t kLimit = 16;  // each entry keeps four descriptors open
-  // A process may change its user and groups, so its token is read again after this time.
+  static constexpr size_t kLimit = 16;  // each keeps a descriptor open
+  // Without an exec, a process may change its user and groups, so its token is read again after this time.
   static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
   std::vector<Recent> recent_;
 };
@@ -60,20 +66,19 @@ std::optional<audit_token_t> RecentOpeners::token(const SocketOpener& opener) {
       std::find_if(recent_.begin(), recent_.end(), [pid](const auto& each) { return each.process.pid() == pid; });
   if (known != recent_.end()) {
     std::rotate(recent_.begin(), known, known + 1);
-    Recent& recent = recent_.front();
-    bool fresh = now - recent.read < kTokenLifetime && recent.process.runs();
-    if (auto token = fresh ? std::optional(recent.token) : recent.process.auditToken()) {
-      recent.token = *token;
-      if (!fresh) recent.read = now;
-      return is_opener(recent.process, opener) ? token : std::nullopt;
+    const Recent& recent = recent_.front();
+    if (now - recent.read < kTokenLifetime && recent.isSameProcess()) {
+      return is_opener(recent.process, opener) ? std::optional(recent.token) : std::nullopt;
     }
     recent_.erase(recent_.begin());
   }
+  auto version = ProcessChanges::system().version(pid);
   auto process = ProcessInformation::open(pid);
   auto token = process && is_opener(*process, opener) ? process->auditToken() : std::nullopt;
   if (!token) return std::nullopt;
+  if (process->isEnding()) version.reset();
   if (recent_.size() == kLimit) recent_.pop_back();
-  recent_.insert(recent_.begin(), Recent{std::move(*process), *token, now});
+  recent_.insert(recent_.begin(), Recent{std::move(*process), *token, version, now});
   return token;
 }
 
@@ -84,6 +89,9 @@ struct SocketOwners::Implementation {
   SocketHolders holders;
   RecentOpeners recent;
   SocketOpeners openers;
+  // The last result of sender() that was found in the kernel's record.
+  SocketPair lastPair;
+  StreamSocket lastStream{};
 };
 
 SocketOwners::SocketOwners() : implementation_(std::make_unique<Implementation>()) {}
@@ -121,13 +129,25 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
   return sender ? sender : found;
 }
 
+std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair) {
+  const auto stream = implementation_->openers.stream(pair);
+  if (!stream) return find(pair);
+  implementation_->lastPair = pair;
+  implementation_->lastStream = *stream;
+  return SocketFacts{stream->cookie, 0, stream->opener.user};
+}
+
 std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }
 
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
-  if (auto opener = implementation_->openers.opener(socket.cookie)) {
+  const bool isLast = socket.cookie == implementation_->lastStream.cookie;
+  const auto opener =
+      isLast ? std::optional(implementation_->lastStream.opener) : implementation_->openers.opener(socket.cookie);
+  if (opener) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
-    // The opener has ended, but a child of it may have inherited the socket.
-    auto holder = implementation_->holders.find(socket);
+    // The opener has ended, but a child of it may have inherited the socket. The record has no inode.
+    const auto facts = isLast ? implementation_->diagnostics.find(implementation_->lastPair) : socket;
+    auto holder = facts && facts->cookie == socket.cookie ? implementation_->holders.find(*facts) : std::nullopt;
     auto token = holder ? holder->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));
   }

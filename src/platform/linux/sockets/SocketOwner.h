@@ -54,6 +54,10 @@ class SocketOwners {
   // matches (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
+  // The socket that has sent a packet with these endpoints. Like find(), but if the kernel's record has the socket's
+  // connection, no system call but the look-up of the record is made. So the socket may be closed already.
+  std::optional<SocketFacts> sender(const SocketPair& pair);
+
   // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();
 

@@ -20,3 +20,13 @@ struct DatagramRoute {
   __u32 remote[4];  // in network byte order; an IPv4 address is mapped into IPv6
   __u16 remotePort, localPort;
 };
+
+// The key of a record of a connection, and the record.
+struct StreamRoute {
+  __u32 local[4], remote[4];  // in network byte order; an IPv4 address is mapped into IPv6
+  __u16 localPort, remotePort;
+};
+struct StreamSocket {
+  struct SocketOpener opener;
+  __u64 cookie;
+};

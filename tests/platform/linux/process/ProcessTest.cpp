@@ -1,6 +1,13 @@
 #include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
 
 #include "platform/Process.h"
+#include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/process/ProcessIdentity.h"
 #include "support/Programs.h"
 
@@ -15,6 +22,7 @@ TEST(ProcessTest, ParsesStatWithParenthesesInTheName) {
   EXPECT_EQ('S', stat->state);
   EXPECT_EQ(41, stat->parent);
   EXPECT_EQ(123456789012u, stat->startTime);
+  EXPECT_TRUE(stat->isEnding);
   for (const char* text : {"", "40 (cat", "40 (cat) S 41 1 7"}) EXPECT_FALSE(parse_process_stat(text)) << text;
 }
 
@@ -101,33 +109,134 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   }
 }
 
-TEST(ProcessTest, ReadsACachedProcessAgainAfterItsExecOrEnd) {
-  ProgramFolder folder;
-  std::string next = folder.program("bin/next");
-  int gate[2];
-  ASSERT_EQ(0, ::pipe2(gate, O_CLOEXEC));
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    ::close(gate[1]);
-    char byte;
-    if (::read(gate[0], &byte, 1) == 0) ::execl(next.c_str(), "next", "100", nullptr);
-    ::_exit(1);
+// A wrapper that executes a browser, which starts a tool and then executes another tool. All are copies of the shell.
+class Wrapper {
+ public:
+  static void install(const ProgramFolder& folder) {
+    for (const char* name : {"bin/wrapper", "bin/browser", "bin/tool"}) {
+      fs::copy_file("/bin/sh", folder.program(name), fs::copy_options::overwrite_existing);
+    }
+    folder.entry("browser", "browser");
+    folder.write("script", "echo $$; cd \"" + folder.path("bin") + R"("
+      case $1 in
+        wrapper) read go; exec ./browser "$0" browser;;
+        browser) read go; ./tool "$0" child & read go; exec ./tool "$0" end;;
+        child) kill -STOP $$;;
+        end) read go;;
+      esac)");
   }
-  ProcessIdentity identity(folder.folders());
-  auto name = [&] {
-    auto process = identity.find(pid);
-    return process ? identity.identifierOf(process->program).value_or("none") : "ended";
-  };
-  std::string before = name();
-  EXPECT_NE("next", before);
-  ::close(gate[0]);
-  ::close(gate[1]);
-  // The loop ends before the cache would forget the process, so the cache itself must notice the new program.
-  for (int i = 0; i < 1000 && name() == before; ++i) ::usleep(200);
-  EXPECT_EQ("next", name());
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-  EXPECT_EQ("ended", name());
+
+  explicit Wrapper(const ProgramFolder& folder) {
+    const std::string script = folder.path("script");
+    int input[2], output[2];
+    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    pid = ::fork();
+    if (pid == 0) {
+      ::dup2(input[0], 0);
+      ::dup2(output[1], 1);
+      ::execl(folder.path("bin/wrapper").c_str(), "wrapper", script.c_str(), "wrapper", nullptr);
+      ::_exit(1);
+    }
+    ::close(input[0]);
+    ::close(output[1]);
+    input_ = ::fdopen(input[1], "w");
+    output_ = ::fdopen(output[0], "r");
+    begun();
+  }
+  ~Wrapper() {
+    end();
+    ::waitpid(pid, nullptr, 0);
+    ::fclose(input_);
+    ::fclose(output_);
+  }
+  Wrapper(const Wrapper&) = delete;
+  Wrapper& operator=(const Wrapper&) = delete;
+
+  // Lets the process execute or start its next program. Returns the pid of that program when it runs.
+  pid_t next() {
+    std::fputs("\n", input_);
+    std::fflush(input_);
+    return begun();
+  }
+  void end() const {
+    ::kill(pid, SIGKILL);
+    siginfo_t information;
+    ::waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOWAIT);
+  }
+
+  pid_t pid;
+
+ private:
+  pid_t begun() {
+    pid_t running = 0;
+    EXPECT_EQ(1, std::fscanf(output_, "%d", &running));
+    return running;
+  }
+  FILE *input_, *output_;
+};
+
+// A new control group, below that of the test itself. Its name is that of a desktop environment's unit.
+struct ControlGroup {
+  ControlGroup() {
+    std::ifstream mounts("/proc/self/mounts"), own("/proc/self/cgroup");
+    std::string device, point, type, rest, line;
+    while (mounts >> device >> point >> type && std::getline(mounts, rest) && type != "cgroup2") continue;
+    while (std::getline(own, line) && !line.starts_with("0::")) continue;
+    path = point + line.substr(std::min(line.size(), std::strlen("0::"))) + "/app-other-1.scope";
+    isAvailable = type == "cgroup2" && ::mkdir(path.c_str(), 0755) == 0;
+  }
+  ~ControlGroup() { ::rmdir(path.c_str()); }
+  ControlGroup(const ControlGroup&) = delete;
+  ControlGroup& operator=(const ControlGroup&) = delete;
+
+  void add(pid_t pid) const { std::ofstream(path + "/cgroup.procs") << pid; }
+  std::string path;
+  bool isAvailable = false;
+};
+
+// After each change the test asks at once, and each question twice: the second answer may come from a cache.
+TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
+  ProgramFolder folder;
+  Wrapper::install(folder);
+  ControlGroup group;
+  const auto uncounted = std::make_unique<ProcessChanges>();  // it counts no events
+  const auto reason = ProcessChanges::system().start();
+  const struct {
+    const char* what;
+    std::function<void(Wrapper&, pid_t tool)> change;
+  } kChanges[] = {
+      {"the browser executes a tool", [](Wrapper& wrapper, pid_t) { EXPECT_EQ(wrapper.pid, wrapper.next()); }},
+      {"the browser ends", [](Wrapper& wrapper, pid_t) { wrapper.end(); }},
+      {"its tool moves to a unit", [&](Wrapper&, pid_t tool) { group.add(tool); }}};
+  for (const ProcessChanges* changes : {uncounted.get(), &ProcessChanges::system()}) {
+    for (const auto& row : kChanges) {
+      const bool isCounted = changes != uncounted.get();
+      SCOPED_TRACE(std::string(row.what) + (isCounted ? ", events are counted" : ", events are not counted"));
+      if ((isCounted && reason) || (row.what == kChanges[2].what && !group.isAvailable)) continue;
+      ProcessIdentity identity(folder.folders(), "/proc", *changes);
+      auto name = [&](pid_t pid) {
+        auto process = identity.find(pid);
+        return process ? identity.identifierOf(process->program).value_or("none") : "ended";
+      };
+      auto whose = [&](pid_t pid) {
+        std::string answers[2];
+        for (std::string& answer : answers) answer = name(pid) + " of " + name(identity.responsibleFor(pid));
+        EXPECT_EQ(answers[0], answers[1]);
+        return answers[0];
+      };
+      Wrapper wrapper(folder);
+      EXPECT_EQ("wrapper of wrapper", whose(wrapper.pid));
+      EXPECT_EQ(wrapper.pid, wrapper.next());
+      EXPECT_EQ("browser of browser", whose(wrapper.pid));
+      const pid_t tool = wrapper.next();
+      ASSERT_LT(0, tool);
+      EXPECT_EQ("tool of browser", whose(tool));
+      row.change(wrapper, tool);
+      EXPECT_EQ("tool of tool", whose(tool));
+      ::kill(tool, SIGKILL);
+    }
+  }
+  if (reason) GTEST_SKIP() << *reason;
 }
 
 }  // namespace

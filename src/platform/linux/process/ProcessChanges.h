@@ -1,0 +1,64 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// Notices when a process executes a program, ends, or moves to another control group. BPF programs count these events
+// in memory that the kernel shares with this process, so reading a version is not a system call.
+//
+// A version is exact. It is not computed from messages, which may arrive late: the kernel counts an exec before the
+// first instruction of the new program, the end of a process before its pid is free, and a move before the write(2)
+// that asked for it returns.
+//
+// Thread-safe.
+class ProcessChanges {
+ public:
+  // The shared object for this system. Never destroyed.
+  static ProcessChanges& system() {
+    static auto* changes = new ProcessChanges;
+    return *changes;
+  }
+
+  // Starts counting; the kernel stops when this process ends. Returns the reason on failure. Needs CAP_BPF and
+  // CAP_PERFMON. Does nothing if it was successful before.
+  std::optional<std::string> start();
+
+  // If the version of a process is the same before something is read about the process and later, then what was read
+  // is still true: the process runs the same program, in the same control group. This does not hold for a process that
+  // had begun to end before the reading (ProcessInformation::isEnding()). A version may also change without a reason.
+  struct Version {
+    uint64_t ofProcess = 0, ofAny = 0;
+    friend bool operator==(const Version& left, const Version& right) {
+      return left.ofProcess == right.ofProcess && left.ofAny == right.ofAny;
+    }
+  };
+
+  // Nothing if the events are not counted.
+  std::optional<Version> version(pid_t pid) const {
+    const uint64_t* events = events_.load(std::memory_order_acquire);
+    if (events == nullptr) return std::nullopt;
+    return Version{__atomic_load_n(&events[static_cast<uint32_t>(pid) % kSlots], __ATOMIC_ACQUIRE),
+                   __atomic_load_n(&events[kSlots], __ATOMIC_ACQUIRE)};
+  }
+
+ private:
+  static constexpr size_t kSlots = 65536;  // the same number as in ProcessChanges.bpf.c
+
+  std::atomic<const uint64_t*> events_{nullptr};
+};
+
+// The PID namespace of this process, in the form that the BPF programs need: both 0 for the initial namespace. Nothing,
+// with errno set, on failure.
+struct PidNamespace {
+  uint64_t device = 0, inode = 0;
+};
+std::optional<PidNamespace> own_pid_namespace();
+
+}  // namespace orvane
