@@ -20,8 +20,8 @@ int db_init();
 // Releases the tables. Only db_init may be called afterwards.
 void db_term();
 
-// Replaces the whole list by the strings in a set, each with empty properties. A value that is not a set empties the
-// list.
+// Replaces all held names by the strings in a set, each with empty properties. A value that is not a set removes all
+// held names.
 void db_hostname_set(const Value& hostnames);
 // Adds a string with empty properties; a name that is already held keeps its properties. Ignores a value that is not a
 // string.

@@ -24,7 +24,7 @@ void match_browser_identifier(const Value& key, const Value& /*value*/, BrowserM
   context->found = !ending.empty() && context->identifier.ends_with(ending);
 }
 
-// The caller holds the lock.
+// The caller holds db_mutex.
 void add_to_browsers_identifiers(const Value& value) {
   if (!value.isString()) return;
   db_browsers->addIfAbsent(value, Value::dictionary({}));

@@ -12,8 +12,8 @@ namespace orvane {
 
 // Loads the browsers list of the extension's own bundle.
 void load_browsers_id();
-// Reads the resource Browsers.plist of the bundle at `bundleURL`, a file URL, or of the main bundle if there is no URL.
-// Returns the file's property list, or nil after an error, which is logged.
+// Reads the resource Browsers.plist of the bundle at the file URL `bundleURL`. If there is no URL, reads this resource
+// of the main bundle. Returns the file's property list, or nil after an error, which is logged.
 Value load_browsers_id_file(const std::optional<std::string>& bundleURL);
 // Replaces the identifiers by the strings in an array. An empty array, or a value that is not an array, changes
 // nothing.

@@ -27,7 +27,7 @@ int db_hostname_set_properties(const Value& hostname, const Value& properties) {
 namespace {
 
 // The properties of a host. If the host has no properties, or if they are not a dictionary, the function logs a message
-// and returns null. The caller holds the lock.
+// and returns null. The caller holds db_mutex.
 const Value* db_hostname_get_properties_dictionary(std::string_view hostname) {
   const Value* properties = db_hostnames->find(Value::borrowed(hostname));
   if (properties == nullptr || properties->isNil()) {

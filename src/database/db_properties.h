@@ -13,8 +13,8 @@ extern std::string_view HostnameKey;           // "Hostname": for companions; th
 extern std::string_view DontBlockUntilKey;     // "DontBlockUntil": the date until which the host is not blocked
 extern std::string_view kPLDontBlockUntilKey;  // the key under which the database looks for this date
 
-// Replaces all properties of a held name; if `properties` is not a dictionary, removes them. A name that is not held is
-// not added. Returns the status of unlocking the database's mutex.
+// Replaces all properties of a held name. If `properties` is not a dictionary, the name has no properties afterwards. A
+// name that is not held is not added. Returns the status of unlocking the database's mutex.
 int db_hostname_set_properties(const Value& hostname, const Value& properties);
 
 // Whether the name is held and not suspended. The date under kPLDontBlockUntilKey suspends the name until this date has

@@ -36,7 +36,7 @@ class DatabaseLock {
   bool held_ = true;
 };
 
-// Copies a table, for the log, and holds the lock meanwhile. The copy shares the keys' characters and the values with
+// Copies a table, for the log, and holds db_mutex meanwhile. The copy shares the keys' characters and the values with
 // the table.
 Value db_table_copy(const std::unique_ptr<Table>& table);
 

@@ -10,9 +10,11 @@ namespace orvane {
 // no memory. The length must be below 2^31.
 //
 //   prefix        begins every line
-//   offsetStyle   2: the line's offset and ": " follow the prefix; 1: the line's address and ": "; other values: none
+//   offsetStyle   what follows the prefix: for 2, the line's offset in the data and ": "; for 1, the line's address in
+//                 memory and ": "; for other values, nothing
 //   bytesPerLine  16 or 32; other values mean 16
-//   groupSize     bytes that are printed as one number, in the machine's byte order: 1, 2, 4 or 8; other values mean 1
+//   groupSize     how many bytes are printed as one number, in the machine's byte order: 1, 2, 4 or 8; other values
+//                 mean 1
 //   showASCII     adds the bytes as characters, with "." for each byte that is not printable ASCII
 //
 // A line whose length is not a multiple of the group size is printed in single bytes.

@@ -5,7 +5,7 @@ namespace orvane {
 void start_filter(NEFilterDataProvider& provider, const os_log_t& log, std::vector<NEFilterRule> rules,
                   NEFilterDataProvider::ErrorHandler completionHandler) {
   const NEFilterSettings settings = NEFilterSettings::initWithRules(std::move(rules), NEFilterAction::Allow);
-  // The closure keeps the provider and the handler alive until the platform answers.
+  // The closure keeps the provider and the handler alive until the platform has called the closure.
   provider.applySettings(settings, [held = Ref<NEFilterDataProvider>::retained(&provider), log,
                                     completionHandler = std::move(completionHandler)](const Ref<NSError>& error) {
     if (error) ORVANE_LOG_ERROR(log, "Failed to apply filter settings: %@", error->localizedDescription());

@@ -33,7 +33,7 @@ std::optional<std::string> copy_bundle_identifier(const os_log_t& log, const Ref
     return std::nullopt;
   }
 
-  // With default flags, the information includes the property list.
+  // With default flags, the information includes the program's property list.
   Ref<Dictionary> information;
   status = SecCodeCopySigningInformation(staticCode.get(), kDefaultFlags, information.out());
   if (status != 0 || !information) {

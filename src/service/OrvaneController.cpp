@@ -25,8 +25,8 @@ void OrvaneController::start() { ORVANE_LOG_INFO(default_log(), "receive start c
 
 void OrvaneController::stop() { ORVANE_LOG_INFO(default_log(), "receive stop command"); }
 
-// Browsers come from the bundle's list alone. These three messages do nothing; they stay because both sides of the
-// protocol must have the same twelve messages (docs/compatibility.md).
+// These three messages do nothing, because the list of browsers comes from the bundle alone. The messages stay, because
+// both sides of the protocol must have the same twelve messages (docs/compatibility.md).
 void OrvaneController::addApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::removeApplicationIdentifier(const Value& /*identifier*/) {}
 void OrvaneController::setApplicationIdentifiers(const Value& /*identifiers*/) {}
