@@ -23,8 +23,8 @@ Bundle* bundle_get_main();
 // The bundle at a file URL ("file:///..."), or null.
 Ref<Bundle> bundle_create(const std::string& url);
 
-// The value of a key of the information dictionary. Nil when the key or the dictionary is missing, or the bundle is
-// null.
+// The value of a key of the bundle's information dictionary, which is read from Contents/Info.plist. Nil when the key
+// or the dictionary is missing, or the bundle is null.
 Value bundle_get_information(const Bundle* bundle, std::string_view key);
 
 // The file URL of Resources/NAME.TYPE. Nothing when the file does not exist or the bundle is null.

@@ -6,8 +6,8 @@
 
 namespace orvane {
 
-// A recursive mutex for a static variable; it is never destroyed. Before initialise(), lock() and unlock() do nothing
-// and return 0: the process starts with one thread, so it needs no lock yet.
+// A recursive mutex, for use as a static variable: the mutex is never destroyed. Before initialise(), lock() and
+// unlock() do nothing and return 0: the process starts with one thread, so it needs no lock yet.
 class RecursiveMutex {
  public:
   constexpr RecursiveMutex() = default;
