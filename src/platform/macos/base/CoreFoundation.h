@@ -32,7 +32,8 @@ class Owned {
 Owned<CFURLRef> url_create(const std::string& text);
 
 // The platform's headers declare some types without defining them, such as Bundle. On macOS the objects of these types
-// are the system's own. to_native converts a pointer to the system's type, from_native converts it back.
+// are the system's own. to_native() turns our pointer into the system's, and from_native() turns the system's pointer
+// into ours.
 template <class T, class Opaque>
 T to_native(const Opaque* object) {
   return reinterpret_cast<T>(const_cast<Opaque*>(object));

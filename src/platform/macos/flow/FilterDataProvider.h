@@ -2,7 +2,7 @@
 
 #import "platform/macos/flow/PLProviderAdapter.h"
 
-// Adapts the C++ class of the same name. The system creates an object of this class if the bundle names the class.
+// Adapts the C++ class of the same name. If the bundle names that class, the system creates an object of the adapter.
 @interface FilterDataProvider : PLProviderAdapter
 
 - (BOOL)isFlowFromBrowser:(NEFilterFlow*)flow;

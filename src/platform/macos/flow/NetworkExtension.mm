@@ -77,7 +77,7 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 }
 
 void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler) {
-  // The block retains the framework's provider until the framework has answered.
+  // The block retains the framework's provider until the framework has called and released the block.
   const Retained<::NEFilterDataProvider> provider(static_cast<::NEFilterDataProvider*>(platformObject()));
   [provider.get() applySettings:settings_object(settings)
               completionHandler:^(::NSError* error) {

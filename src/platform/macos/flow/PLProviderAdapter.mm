@@ -7,8 +7,8 @@
 
 namespace {
 
-// Runs `body` in an autorelease pool and returns its object, autoreleased. The queue's own pool may be drained much
-// later, and the temporary objects of many flows would collect in it.
+// Runs `body` in an autorelease pool and returns the object that `body` returned, autoreleased. Without this pool, the
+// temporary objects of many flows would collect in the pool of the framework's queue, which may be drained much later.
 template <class Body>
 auto pooled(Body body) {
   decltype(body()) result = nil;

@@ -16,8 +16,8 @@ static_assert(offsetof(dns_question_t, dnstype) == offsetof(::dns_question_t, dn
 static_assert(offsetof(dns_question_t, dnsclass) == offsetof(::dns_question_t, dnsclass));
 
 dns_question_t* dns_parse_question(const char* buffer, uint32_t length) {
-  // The library follows compression pointers, and its documentation does not exclude endless loops. The sender chooses
-  // the bytes, so reject pointers first.
+  // The resolver library follows compression pointers, and its documentation does not exclude endless loops. The sender
+  // of the question chooses the bytes, so reject pointers first.
   if (question_name_length({reinterpret_cast<const uint8_t*>(buffer), length}) == 0) return nullptr;
   return reinterpret_cast<dns_question_t*>(::dns_parse_question(buffer, length));
 }

@@ -22,8 +22,8 @@ CFStringRef information_key(std::string_view key) {
   return key == kCFBundleIdentifierKey ? ::kCFBundleIdentifierKey : nullptr;
 }
 
-// The value under a key, borrowed. Null if it has another type than expected: the property list comes from the signed
-// program and may hold anything.
+// The value under a key, borrowed. Null if the value is not of the given type: the property list of a signed program
+// may contain anything.
 CFTypeRef entry(const Dictionary* dictionary, std::string_view key, CFTypeID type) {
   CFStringRef name = information_key(key);
   if (dictionary == nullptr || name == nullptr) return nullptr;
