@@ -17,8 +17,8 @@ struct CommandResult {
   std::string error;     // why the run failed, as one line; for example, what the program wrote to standard error
 };
 
-// When a running program is killed: at the deadline `end`, or as soon as `stop`, an eventfd(2), is readable. Without
-// `stop` (-1), only at the deadline.
+// When a running program is killed: at the deadline `end`, or as soon as the eventfd(2) `stop` is readable. If `stop`
+// is -1, the program is killed only at the deadline.
 struct CommandLimit {
   Deadline end = deadline_after(std::chrono::seconds(10));
   int stop = -1;

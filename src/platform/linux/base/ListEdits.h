@@ -9,8 +9,8 @@
 
 namespace orvane {
 
-// Passes the edits of the list from the control channel to the flow source. After an edit, the flow source asks the
-// provider again about open flows.
+// Companions edit the list of held names over the control channel. This class passes the edits on to the flow source,
+// which then asks the provider again about open flows.
 //
 // Thread-safe.
 class ListEdits {

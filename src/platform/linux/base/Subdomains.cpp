@@ -12,7 +12,7 @@ namespace {
 constexpr size_t kLongestName = 253;  // RFC 1035, section 2.3.4, without the dot of the root
 
 // The newer of two versions of the Public Suffix List: the file of Debian's package publicsuffix, and the version that
-// is compiled into the library.
+// is compiled into libpsl.
 const psl_ctx_t* public_suffixes() {
   static const psl_ctx_t* const list = psl_latest(nullptr);
   return list;

@@ -1,6 +1,7 @@
 @0xf0aaf2aaedec4257;
 # The messages of the control channel; docs/protocol.md describes the socket, the limits and the effect of each method.
-# Clients depend on the order and the types, so add new methods and kinds of value at the end.
+# Clients depend on the order and the types of the methods and of the kinds of value. Add new methods and kinds at the
+# end.
 
 using Cxx = import "/capnp/c++.capnp";
 $Cxx.namespace("orvane::control");

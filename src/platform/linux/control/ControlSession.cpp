@@ -30,7 +30,7 @@ constexpr uint64_t kLargeMessageBudget = 2 * kMaximumMessageWords;  // in words
 constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
 constexpr auto kReservationRetryInterval = 10 * kj::MILLISECONDS;
 
-// The limits for one message. The traversal limit is larger than the largest message, because the library counts some
+// The limits for one message. The traversal limit is larger than the largest message, because Cap'n Proto counts some
 // words twice as it reads. Each container in a value uses three levels of the nesting limit, and the call that contains
 // the value uses a few more.
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords + (1 << 20), 3 * kMaximumNesting + 16};
@@ -76,7 +76,7 @@ class ValueReservation {
   const uint64_t bytes_;
 };
 
-// A ControlStream that enforces the limits of a session. The library's read loop asks for one message at a time and
+// A ControlStream that enforces the limits of a session. Cap'n Proto's read loop asks for one message at a time and
 // gets the next one only after the previous call has been carried out.
 class GuardedStream final : public capnp::MessageStream {
  public:
@@ -170,7 +170,7 @@ class GuardedStream final : public capnp::MessageStream {
     KJ_IF_MAYBE (message, received) {
       activity_.beginCall();
       auto content = message->reader->getRoot<rpc::Message>();
-      if (content.isAbort()) {  // the library sends "abort" at every orderly close
+      if (content.isAbort()) {  // Cap'n Proto sends "abort" at every orderly close
         ended_.fulfiller->fulfill(SessionEnd::Closed);
         return nullptr;
       }
@@ -198,7 +198,7 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   // True for a call that passes no capabilities, whose target has a transform of at most one step, and whose results go
-  // to the caller. Other calls are refused, because capabilities and transforms are lists, and the library allocates as
+  // to the caller. Other calls are refused, because capabilities and transforms are lists, and Cap'n Proto allocates as
   // many entries as the message claims.
   static bool isPlain(rpc::Call::Reader call) {
     auto target = call.getTarget();
@@ -288,7 +288,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   }
 
  private:
-  // A hint for the size of a reply: without it, the library allocates several kilobytes for each reply.
+  // A hint for the size of a reply: without it, Cap'n Proto allocates several kilobytes for each reply.
   static constexpr capnp::MessageSize kReplySize{4, 0};
   static constexpr const char* kBadArgument = "an argument is malformed or too large";
 
@@ -336,7 +336,7 @@ SessionEnd serve(int socket, OrvaneSECommunication* exported, SessionActivity& a
   capnp::TwoPartyVatNetwork network(stream, rpc::twoparty::Side::SERVER, kReaderOptions);
   stream.setNetwork(network);
   auto system = capnp::makeRpcServer(network, kj::heap<ControlServer>(exported, stream));
-  // The library disconnects when a message violates the RPC protocol.
+  // Cap'n Proto disconnects when a message violates the RPC protocol.
   auto disconnected = network.onDisconnect().then([&stream] {
     stream.giveUp("a message violated the RPC protocol");
     return SessionEnd::Broken;

@@ -34,7 +34,7 @@ void append_little_endian(std::vector<kj::byte>& bytes, uint32_t number) {
   for (int shift = 0; shift < 32; shift += 8) bytes.push_back(static_cast<kj::byte>(number >> shift));
 }
 
-// Throws an exception of type DISCONNECTED, by which the library recognises a lost connection.
+// Throws an exception of type DISCONNECTED, by which Cap'n Proto recognises a lost connection.
 [[noreturn]] void fail_read(int error) {
   kj::throwFatalException(kj::Exception(kj::Exception::Type::DISCONNECTED, __FILE__, __LINE__,
                                         kj::str("the connection failed: ", std::strerror(error))));

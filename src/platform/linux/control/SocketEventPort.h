@@ -6,7 +6,7 @@
 namespace orvane {
 
 // The event port of a thread that serves one socket: it waits for that socket and for timers. It uses poll(2), which is
-// enough for one descriptor and has advantages over the library's own port: it needs no further descriptors, leaves
+// enough for one descriptor. This port has advantages over KJ's own port: it needs no further descriptors, leaves
 // SIGPIPE alone, wakes only for awaited events, and lets the scheduler run client and server on one processor.
 class SocketEventPort final : public kj::EventPort {
  public:

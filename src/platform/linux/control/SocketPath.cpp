@@ -41,7 +41,8 @@ std::optional<std::string> private_directory(Missing missing, std::string* error
   return path;
 }
 
-// The first of these that is a directory: $XDG_RUNTIME_DIR, /run/user/UID, a private one in /tmp. For root always /run.
+// For root, /run. For any other user, the first of these that is a directory: $XDG_RUNTIME_DIR, /run/user/UID, a
+// private directory in /tmp.
 std::optional<std::string> user_directory(Missing missing, std::string* error) {
   if (geteuid() == 0) return "/run";
   for (const std::string& path : {environment("XDG_RUNTIME_DIR"), "/run/user/" + std::to_string(geteuid())}) {
@@ -69,7 +70,7 @@ std::optional<std::string> socket_path(const std::string& directory, const std::
 
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error) {
   if (!is_file_name(service, error)) return std::nullopt;
-  // If the unit has several runtime directories, systemd separates them by colons. The first is used.
+  // If the service has several runtime directories, systemd separates them by colons. The first is used.
   std::string managed = environment("RUNTIME_DIRECTORY");
   managed.resize(std::min(managed.size(), managed.find(':')));
   std::optional<std::string> directory = managed.empty() ? user_directory(Missing::Make, error) : managed;

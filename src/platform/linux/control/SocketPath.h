@@ -21,8 +21,8 @@ struct ServerSocket {
 // failure.
 //
 //   if                          directory                                               mode of the socket file
-//   $RUNTIME_DIRECTORY is set   its first entry, which the service manager made         0660: the unit's Group=
-//                                                                                       may connect
+//   $RUNTIME_DIRECTORY is set   its first entry, which the service manager made         0660: the service's
+//                                                                                       group may connect
 //   otherwise                   the user's runtime directory: /run for root, else       0600
 //                               $XDG_RUNTIME_DIR, /run/user/UID or /tmp/orvane-UID,
 //                               the first that is a directory

@@ -149,8 +149,8 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
     source_ = std::move(netfilter);
     return std::nullopt;
   }
-  // If another extension has the queue, companions send their host names to that extension. A proxy in this process
-  // would then filter with an empty list.
+  // If another running extension has the packet queue, companions send their host names to that extension. A proxy in
+  // this process would then filter with an empty list.
   if (!name.isNil() || netfilter->isTaken()) return "netfilter: " + *error;
   ORVANE_LOG_DEFAULT(default_log(), "flow source: proxy, because netfilter is unavailable: %@", *error);
   return startProxy(provider, settings);

@@ -80,8 +80,8 @@ struct NamesHash {
   }
 };
 
-// The keys are views of the strings in the handles. The table is never destroyed, because threads may log while the
-// process exits.
+// The handles that os_log_create() returns, by subsystem and category. The keys are views of the strings in the
+// handles. The table is never destroyed, because threads may log while the process exits.
 struct HandleTable {
   std::shared_mutex mutex;
   std::unordered_map<Names, std::unique_ptr<LogHandle>, NamesHash> handles;
@@ -111,8 +111,8 @@ bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view 
 }
 
 // Appends a message so that text from outside (a host name, a process name) cannot control a terminal or look like
-// another message: lines after the first are indented, and control characters except the tab, including those of C1
-// (U+0080 to U+009F), are written as \xNN.
+// another message. Lines after the first are indented. Control characters except tabs and line ends are written as
+// \xNN; the characters U+0080 to U+009F (C1) count as control characters, too.
 void append_printable(std::string& text, std::string_view message) {
   for (size_t i = 0; i < message.size(); ++i) {
     auto byte = static_cast<unsigned char>(message[i]);
@@ -140,7 +140,7 @@ std::string timestamp() {
   return text;
 }
 
-// Writes the line with one write(2), so that lines of several threads do not mix.
+// Writes the message with one write(2), so that messages of several threads do not mix.
 void write_to_standard_error(const LogHandle& handle, LogLevel level, std::string_view message) {
   std::string line = timestamp() + " " + kLevelNames.at(static_cast<size_t>(level)) + " [";
   append_printable(line, handle.category().empty() ? "default" : handle.category());

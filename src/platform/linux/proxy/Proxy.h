@@ -35,7 +35,7 @@ class Proxy final : public FlowSource {
  public:
   // With port 0, start() chooses a free port.
   // If `endOpenConnections` is true, the proxy asks the provider again about all open connections after each edit of
-  // the list, and ends the connections that the provider now drops.
+  // the list of held names, and ends the connections that the provider now drops.
   explicit Proxy(uint16_t port, ProxyLimits limits = {}, bool endOpenConnections = true)
       : port_(port), limits_(limits), endOpenConnections_(endOpenConnections) {}
   ~Proxy() override { stop(); }

@@ -211,8 +211,8 @@ void ProxyConnection::endAfterEdits(MakeFlow makeFlow) {
   });
 }
 
-// Puts the rewritten head before the body's first bytes, and shows both to the provider. Returns false when the flow
-// was dropped or the body is malformed.
+// Inserts request_.head before the body's first bytes, and shows both to the provider. Returns false when the flow was
+// dropped or the body is malformed.
 bool ProxyConnection::gatherFirstBytes() {
   std::span<const uint8_t> rest(reinterpret_cast<const uint8_t*>(first_.data()), first_.size());
   first_.resize(request_.body.take(rest));
