@@ -1,6 +1,6 @@
 // million_names preloads this library into the extension. The library measures the longest time for which a thread
-// holds the database's lock, and prints this time on SIGUSR2. The library recognises the database's lock, because no
-// other recursive mutex is in the program's static memory.
+// holds the database's lock, and prints this time on SIGUSR2. The library watches the recursive mutexes in the
+// program's static memory. The database's lock is the only one there.
 #include <dlfcn.h>
 #include <link.h>
 #include <pthread.h>
