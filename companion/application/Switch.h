@@ -2,13 +2,14 @@
 
 #import <Foundation/Foundation.h>
 
-// Shows the states of the switches. A switch calls switchChanged on the main thread after its state has changed.
+// Shows the states of switches (see Switch below). A switch calls switchChanged on the main thread after its state has
+// changed.
 @protocol SwitchObserver
 - (void)switchChanged;
 @end
 
-// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state as a text. Use
-// this class on the main thread.
+// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state of the extension
+// or of the content filter as a text. Use this class on the main thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // the extension's identifier

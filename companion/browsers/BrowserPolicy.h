@@ -62,7 +62,7 @@ std::string policy_text(BrowserFamily family);
 // What a policy prescribes for a feature.
 struct FeaturePolicy {
   std::optional<bool> isOn;  // no value if no policy fixes the setting; the user may then change it
-  std::string file;          // the file that fixes it
+  std::string file;          // the file that fixes the setting
 };
 
 // What the policy files of one browser prescribe, whether we or others wrote the files.

@@ -48,7 +48,7 @@ std::string lower(std::string text) {
   return text;
 }
 
-// Sets the browser's family and folders, which follow from its identifier.
+// Sets the members `family` and `place`, which follow from the browser's identifier.
 void classify(InstalledBrowser& browser) {
   std::string identifier = lower(browser.identifier);
   // Ubuntu's snap of Chromium replaced the package chromium-browser and reads that package's policy folder.

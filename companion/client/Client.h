@@ -34,19 +34,19 @@ class UnresponsiveExtension : public ClientError {
 
 struct ClientOptions {
   std::string service = kDefaultServiceName;
-  // The path of the socket. If it is empty, the client tries the usual paths of the service's socket (the user's paths
-  // first, then the system's) and uses the first path at which an extension listens. Over XPC there is no socket, and
-  // the path must be empty.
+  // The path of the extension's Unix socket. If it is empty, the client tries the usual paths (the user's paths first,
+  // then the system's), and uses the first path at which an extension listens. On macOS there is no socket, and the
+  // path must be empty.
   std::string socket;
 };
 
 // A connection to a running extension. A call returns when the extension has carried it out, so its effect is visible
 // to every later call of any client. The comments beside the methods name the types that the arguments should have, but
-// the extension accepts any value. Over the socket, the client sends any value; over XPC, it sends nil or the expected
-// type and throws for everything else. Not thread-safe.
+// the extension accepts any value. Over a Unix socket, the client sends any value; over XPC, it sends nil or the
+// expected type and throws for everything else. Not thread-safe.
 //
-// Every call may throw ClientError. The connection is then unusable, unless the client sent nothing because an argument
-// was too large for the socket or of a type that XPC cannot carry.
+// Every call may throw ClientError. After that, the connection is unusable, with one exception: if an argument is too
+// large for one message, or has a type that XPC cannot carry, the client sends nothing and the connection stays usable.
 class Client {
  public:
   // Called with the number of bytes that the system has accepted so far, and with the number of all bytes to send.

@@ -256,9 +256,9 @@ std::string advice(int error, const std::string& path) {
   }
 }
 
-// Connects to the first path that works: a socket file that a dead extension left must not hide the socket of a live
-// extension later in the list. Sets `reached` to that path. If no path works, the error that is thrown describes the
-// first failure other than a missing file.
+// Connects to the first path that works, and sets `reached` to this path. A failure does not end the search, because a
+// socket file that a dead extension left must not hide the socket of a live extension later in the list. If no path
+// works, the error that is thrown describes the first failure other than a missing file.
 Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
   std::string tried, failure;
   bool isAbsent = true;

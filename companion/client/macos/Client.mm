@@ -258,7 +258,7 @@ class XPCClient final : public Client {
   const std::string service_;
   const std::shared_ptr<FirstError> error_ = std::make_shared<FirstError>();
   ::NSXPCConnection* connection_ = nil;
-  pid_t process_ = 0;  // of the extension that gave the first answer; 0 until then
+  pid_t process_ = 0;  // the process ID of the extension that gave the first answer; 0 until then
 };
 
 }  // namespace
