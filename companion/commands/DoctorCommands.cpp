@@ -99,8 +99,8 @@ int doctor(const CommonOptions& options) {
   return sound ? kDone : kFailed;
 }
 
-// Whether the user may write below /etc; only root may. The commands call this first, so that another user gets one
-// clear error instead of one error for each file.
+// Whether the user is root. Only root may write below /etc. install() and remove() call this function first, so that a
+// user who is not root gets one clear error instead of one error for each file.
 bool may_write(const char* command) {
   if (::geteuid() == 0) return true;
   print_error(std::string("cannot change browser policies: only root may write to /etc: run sudo orvanectl browsers "

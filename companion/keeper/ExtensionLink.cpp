@@ -24,9 +24,9 @@ constexpr std::chrono::milliseconds kLongestPause = 5s;
 // extension still answers.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 
-// How long to wait for the extension's answer. If the extension did not answer the previous attempt to connect, the
-// next attempt waits only for kShortCallTimeout. When a list was sent, the wait is a second longer for each
-// kNamesPerSecond names.
+// How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous
+// attempt to connect, the next attempt waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
+// second for each kNamesPerSecond names.
 constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;
 constexpr size_t kNamesPerSecond = 20000;

@@ -63,7 +63,7 @@ class ExtensionLink {
   ClientOptions options_;
   KeeperState& state_;
   std::unique_ptr<Client> client_;
-  std::optional<PathWatch> sockets_;  // while disconnected
+  std::optional<PathWatch> sockets_;  // has a value only while disconnected
   Clock::time_point due_ = Clock::now();
 
   // Used while disconnected.

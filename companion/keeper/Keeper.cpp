@@ -33,22 +33,22 @@ namespace {
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 
-// The file is read when it has not changed for kDebounce, but at the latest kMaxDebounce after the first change.
+// The list's file is read when it has not changed for kDebounce, but at the latest kMaxDebounce after the first change.
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two checks of the file for changes that PathWatch does not report. If the system has no inotify
-// instance left, PathWatch reports nothing, and kUnwatchedCheckInterval applies. kUnwatchedCheckInterval is also the
-// longest time until the next attempt to write the state file after an error.
+// The time between two checks of the list's file for changes that PathWatch does not report. If the system has no
+// inotify instance left, PathWatch reports nothing, and kUnwatchedCheckInterval applies. kUnwatchedCheckInterval is
+// also the longest time until the next attempt to write the state file after an error.
 constexpr std::chrono::milliseconds kCheckInterval = 60s;
 constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
 
-// The timer is set at most this far ahead, because the kernel's clocks end in the year 2262, but a suspension may end
-// later. If the next suspension ends after this time, the timer fires before the end of the suspension and is set
-// again.
+// The keeper sets a timer for the moment at which the first suspension ends, but at most this far ahead. The reason is
+// that a suspension may end after the year 2262, in which the kernel's clocks end. If the timer fires before the
+// suspension ends, the keeper sets it again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -133,7 +133,7 @@ class Keeper {
 
   PathWatch listWatch_;
   WallClock clock_;
-  std::optional<Steady::time_point> changedAt_;  // the file's first change since the last read
+  std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
   std::optional<Steady::time_point> emptySince_;
   std::optional<Steady::time_point> readAt_ = Steady::now();
   Steady::time_point checkAt_ = Steady::now() + kUnwatchedCheckInterval;
@@ -249,7 +249,8 @@ void Keeper::setTimer(const HeldNames& list) {
 }
 
 void Keeper::onClockChange() {
-  // If the clock was set back, a suspension that had ended may be in force again, and only the file still has its date.
+  // If the clock was set back, a suspension that had ended may be in force again. Only the list's file still has
+  // the date of this suspension.
   if (clock_.wasSet()) {
     keeper_log(LogLevel::Notice, "the clock was set");
     readList();
@@ -294,8 +295,8 @@ int run_keeper(const KeeperOptions& options) {
       return kFailed;
     }
   } catch (const FileError& error) {
-    // If the folder exists but this keeper may not write to it, the folder belongs to another keeper. This keeper
-    // must not run beside the other one, so it ends.
+    // If the state file's folder exists but this keeper may not write to it, the folder belongs to another keeper.
+    // This keeper must not run beside the other one, so it ends.
     std::error_code ignored;
     if (std::filesystem::exists(std::filesystem::path(absolute(options.statePath)).parent_path(), ignored)) {
       print_error(std::string(error.what()));

@@ -24,7 +24,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-// The group may read the list, so it may read the state as well.
+// The members of the group orvane may read the list, so they may read the state as well.
 constexpr mode_t kReadableByGroup = 0640;
 
 FileError file_error(const char* what, const std::string& path, int error) {

@@ -55,7 +55,7 @@ void write_keeper_state(const std::string& path, const KeeperState& state);
 // has the lock. Throws FileError if the file cannot be read or is invalid.
 std::optional<KeeperState> read_keeper_state(const std::string& path);
 
-// The JSON object in the file.
+// The JSON object that write_keeper_state() writes.
 nlohmann::json to_json(const KeeperState& state);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once

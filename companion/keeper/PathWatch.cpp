@@ -13,8 +13,9 @@
 namespace orvane {
 namespace {
 
-// The events to watch for in a folder. kEventsOfFolder is for the file's own folder. If that folder does not exist,
-// kEventsAbove is for the nearest existing folder above, in which the next folder of the path may appear.
+// The events to watch for in a folder. kEventsOfFolder is for the folder of a watched file. If this folder does not
+// exist, kEventsAbove is for the nearest existing folder above it, in which the next folder of the file's path may
+// appear.
 constexpr uint32_t kEventsAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
 

@@ -19,7 +19,7 @@ class ShutdownRequest {
   bool isMade() const;
 
   // From exitAtOnce(true) to exitAtOnce(false), a signal ends the process at once with code 0. If a signal arrived
-  // before, exitAtOnce(true) itself ends the process. Use it for work that may be cut off anywhere.
+  // before, exitAtOnce(true) itself ends the process. Call exitAtOnce() around work that may be cut off anywhere.
   void exitAtOnce(bool enabled);
 
  private:
