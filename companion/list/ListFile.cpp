@@ -27,12 +27,12 @@ namespace {
 
 constexpr mode_t kModeOfNew = 0660;
 // The permissions that a new version of the file takes from the old one. Execute and set-ID bits are not among them.
-// Otherwise a member of the group could set these bits on the list, and the next edit by root would make a set-ID
-// program that belongs to root.
+// Otherwise a member of the list's group could set these bits on the list, and the next edit by root would make a
+// set-ID program that belongs to root.
 constexpr mode_t kPermissions = 0666;
 
-// The path of the list. Each operation opens the folder once and finds all files in this open folder. So the operation
-// uses only one folder, even if another folder gets the same path meanwhile.
+// The path of the list. Each operation opens the list's folder once and finds all files in this open folder. So the
+// operation uses only one folder, even if another folder gets the same path meanwhile.
 struct Place {
   std::string path;
   std::string folder;
@@ -80,7 +80,7 @@ Descriptor open_folder(const Place& place) {
   return folder;
 }
 
-// Takes the lock. Waits for the lock at most a minute, which is enough: an orvanectl process holds the lock for some
+// Takes the folder's lock. Waits for it at most a minute, which is enough: an orvanectl process holds the lock for some
 // milliseconds, or for a second if the list is very large.
 void lock(const Descriptor& folder, const Place& place) {
   using namespace std::chrono;
@@ -133,9 +133,9 @@ std::string read_text(const Descriptor& file, const Place& place) {
 }
 
 FileContent read_file(const Descriptor& folder, const Place& place) {
-  // O_NOFOLLOW: a member of the group can put a symbolic link in place of the list. If root then edited the list,
-  // orvanectl would copy a file that only root may read into a file that the group may read. O_NONBLOCK: opening a pipe
-  // must not wait.
+  // O_NOFOLLOW: a member of the list's group can put a symbolic link in place of the list. If orvanectl followed the
+  // link when root edits the list, it would copy a file that only root may read into a file that the group may read.
+  // O_NONBLOCK: opening a pipe must not wait.
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   // Read again if the file changed during the read, because an editor may be writing into it.
   constexpr int kAttempts = 5;
@@ -171,7 +171,7 @@ mode_t mode_for(const Descriptor& folder, const Place& place, mode_t oldMode) {
   return (status_of(folder, place).st_mode & S_ISGID) != 0 ? oldMode | kModeOfNew : oldMode;
 }
 
-// Renames the new file to the list's name. Returns its version.
+// Gives the new file the list's name. Returns the version of this file.
 ListVersion make_current(FileReplacement& file, const Place& place) {
   if (auto error = file.renameTo(place.name)) throw file_error("cannot change", place, error.value());
   if (auto error = file.syncFolder())
