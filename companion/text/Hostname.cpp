@@ -108,7 +108,7 @@ bool append_label(const std::string& label, std::string& name, std::string& faul
     fault = international_fault(found);
     return false;
   }
-  // The mapping may have produced a forbidden character, a dot, or an empty label.
+  // The mapping of UTS #46 may have produced a forbidden character, a dot, or an empty label.
   for (char c : found.text) {
     if (form_of(c) == 0 || c == '.') {
       fault = forbidden_character_fault(found.text, c);

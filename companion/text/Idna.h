@@ -17,7 +17,7 @@ struct ALabel {
   };
 
   Status status = Status::Invalid;
-  std::string text;    // if Found; empty if UTS #46 maps every letter of the label to nothing
+  std::string text;    // if Found: the A-label; empty if UTS #46 maps every letter of the label to nothing
   std::string reason;  // if Forbidden or Invalid: the library's message
 };
 

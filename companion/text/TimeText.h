@@ -22,7 +22,7 @@ Moment read_moment(std::string_view text);
 // or "1 h 30 min". Throws InputError for any other text, for zero and for more than ten years.
 std::chrono::seconds read_duration(std::string_view text);
 
-// Reads a moment after `now` as people type it, in the local time zone or in RFC 3339:
+// Reads a moment as people type it, in the local time zone or in RFC 3339:
 //
 //   18:00                         the next moment at which the clock shows this time
 //   2026-12-24 18:00
@@ -31,7 +31,7 @@ std::chrono::seconds read_duration(std::string_view text);
 //
 // When the clocks change, a time that occurs twice means its first occurrence, and a time that is skipped is read with
 // the UTC offset from before the change (RFC 5545, section 3.3.5). Throws InputError for any other text, and for a
-// moment that has passed or that is more than ten years away.
+// moment that is not after `now` or that is more than ten years after it.
 Moment read_until(std::string_view text, Moment now);
 
 // For people, in the local time zone: "18:00", "tomorrow 09:00" or "2026-12-24 18:00"; with seconds unless they are 0.
