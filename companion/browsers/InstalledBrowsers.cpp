@@ -23,7 +23,7 @@ constexpr std::string_view kGroup = "Desktop Entry";
 
 // The browsers whose family we know. A browser belongs to the first entry whose `part` occurs in its identifier.
 struct KnownBrowser {
-  std::string_view part;  // of the identifier, in lower case
+  std::string_view part;  // a part of the identifier, in lower case
   BrowserFamily family;
   std::string_view policyFolder;  // empty when none is documented
 };

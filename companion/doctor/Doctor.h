@@ -75,7 +75,7 @@ struct Facts {
   ConnectionFacts connection;
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
-  std::vector<pid_t> processes;          // of the extensions in this network namespace
+  std::vector<pid_t> processes;          // the process IDs of the extensions in this network namespace
   pid_t process = 0;                     // the extension that has the capabilities below; 0 for none
   std::optional<uint64_t> capabilities;  // the effective capabilities of `process`, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;

@@ -67,7 +67,7 @@ class ExtensionLink {
   Clock::time_point due_ = Clock::now();
 
   // Used while disconnected.
-  std::chrono::milliseconds pause_;  // before the next attempt to connect
+  std::chrono::milliseconds pause_;  // how long to wait before the next attempt to connect
   Clock::time_point lostAt_ = Clock::now();
   std::string lastLoggedReason_;
   bool isUnresponsive_ = false;  // in the last attempt, an extension ran but did not answer

@@ -32,7 +32,7 @@ struct KeeperState {
 
   // What the keeper knows about the extension.
   bool connected = false;
-  std::optional<ListVersion> sentVersion;  // of the list that the extension has from this keeper
+  std::optional<ListVersion> sentVersion;  // the version of the list that the extension has from this keeper
   uint64_t sentNames = 0;
   std::optional<Moment> sentAt;
   uint64_t changes = 0;                       // the extension's count of edits when last read
