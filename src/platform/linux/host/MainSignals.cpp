@@ -1,6 +1,7 @@
 #include "platform/linux/host/MainSignals.h"
 
 #include <csignal>
+#include <initializer_list>
 
 #include "platform/linux/flow/FlowCounters.h"
 
