@@ -1,4 +1,4 @@
-"""Browsers without a window, whose tabs the script controls."""
+"""Runs browsers without a window, and controls their tabs."""
 
 import contextlib
 import json
@@ -14,7 +14,7 @@ import time
 from programs import ALLOW, DROP, TIMEOUT, Destination, Program, Seen, after_reset
 from web_servers import ENDLESS, page_of
 
-# Reads a page that never ends. Counts the bytes, and keeps the error with which the page ended.
+# Requests data that never end. Counts the bytes that arrive, and keeps the error that ends the request.
 _STREAM = f"""void (async () => {{
     window.received = 0;
     window.error = null;
@@ -28,18 +28,18 @@ _STREAM = f"""void (async () => {{
 
 
 class Tabs:
-    """The tabs of a running browser. A tab is a text that the browser chose."""
+    """The tabs of a running browser. The methods name a tab by an identifier that the browser chose."""
 
     def open(self) -> str:
         """Opens an empty tab."""
         raise NotImplementedError
 
     def navigate(self, tab: str, url: str) -> str | None:
-        """Returns when the tab shows the page or an error. Returns the error."""
+        """Opens the URL in the tab, and waits until the tab shows the page or an error. Returns the error, or None."""
         raise NotImplementedError
 
     def evaluate(self, tab: str, expression: str):
-        """The value of a JavaScript expression in the tab's page. Waits for it if it is a promise."""
+        """The value of a JavaScript expression in the tab's page. If the value is a promise, waits for its result."""
         raise NotImplementedError
 
     def text(self, tab: str) -> str:
@@ -50,15 +50,15 @@ class Tabs:
         return self.evaluate(tab, "performance.getEntriesByType('navigation')[0].nextHopProtocol")
 
     def start_stream(self, tab: str) -> None:
-        """Makes the tab's page read data from its host without end."""
+        """Makes the tab's page read an endless stream of data from the page's host."""
         self.evaluate(tab, _STREAM)
 
     def received(self, tab: str) -> int:
-        """The number of bytes that the stream has read."""
+        """The number of bytes that the page has read from the stream."""
         return self.evaluate(tab, "window.received")
 
     def error(self, tab: str) -> str | None:
-        """The error with which the stream ended."""
+        """The error that ended the stream. None while the stream goes on."""
         return self.evaluate(tab, "window.error")
 
 
@@ -196,11 +196,12 @@ class Chromium(Browser):
 
 
 class ChromiumWithHTTP3(Chromium):
-    """Uses HTTP/3 for the hosts without trying TCP. With `waits`, only after they have offered it over TCP."""
+    """Uses HTTP/3 for `hosts` without trying TCP. With `waits`, uses it for a host only after an offer over TCP."""
 
     def __init__(self, name, path, identifier, directory, authority: pathlib.Path, hosts: list[str], waits=False):
         super().__init__(name, path, identifier, directory, authority)
-        # Over HTTP/3, this option makes Chromium trust the test's authority, whatever the port is.
+        # The option makes Chromium use HTTP/3 at once for this port of a host, and trust the test's authority over
+        # HTTP/3 on all ports of the host. So with port 1 it has the second effect only.
         port = 1 if waits else 443
         self._TRANSPORT = [f"--origin-to-force-quic-on={','.join(f'{host}:{port}' for host in hosts)}"]
 
@@ -289,11 +290,11 @@ class Firefox(Browser):
 
 
 class FirefoxWithHTTP3(Firefox):
-    """Uses HTTP/3 for sites that have offered it over TCP. Knows of `hosts` that they offer it, as after a visit."""
+    """Uses HTTP/3 for sites that have offered it over TCP. Treats `hosts` as if they had offered it already."""
 
     def __init__(self, name, path, identifier, directory, authority: pathlib.Path, hosts: list[str]):
         super().__init__(name, path, identifier, directory, authority)
         mapping = ",".join(f"{host};h3=:443" for host in hosts)
         self._SETTINGS += f'user_pref("network.http.http3.alt-svc-mapping-for-testing", "{mapping}");\n'
-        # By default, Firefox uses no HTTP/3 with an authority that was added to the built-in ones.
+        # By default, Firefox uses no HTTP/3 for a site whose certificate authority was added to the built-in ones.
         self._SETTINGS += 'user_pref("network.http.http3.disable_when_third_party_roots_found", false);\n'

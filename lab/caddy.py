@@ -11,11 +11,12 @@ from isolation import Unavailable
 from web_servers import ENDLESS, page_of
 
 OFFER = "/offer"  # the path of the page that offers HTTP/3 (Alt-Svc, RFC 7838)
-# Private addresses. For public ones, Firefox tries TCP beside HTTP/3; for these, it tries TCP only if the kernel
-# rejects its datagrams.
+# Private addresses. For a server with a public address, Firefox tries TCP beside HTTP/3. For a server with a private
+# address, Firefox tries TCP only if the kernel rejects the datagrams of HTTP/3.
 _ADDRESS, _CALLER = "10.0.2.2", "10.0.2.1"
-# Makes the server's network namespace, and connects it with the caller's. Without "addrgenmode none", the caller's
-# interface would get another address some seconds later. Then browsers close their connections.
+# Runs in a new network namespace: connects it with the caller's namespace, then starts the server. $1 is the caller's
+# process id. Without "addrgenmode none", the caller's interface would get another address some seconds later, and
+# browsers close their connections when the machine gets an address.
 _NAMESPACE = f"""\
 set -e
 caller="nsenter --net --target $1"

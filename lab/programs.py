@@ -19,7 +19,7 @@ _SCHEMES = {"h2": "https", "h3": "https"}  # HTTP/2 and HTTP/3 have no schemes o
 
 @dataclasses.dataclass(frozen=True)
 class Destination:
-    scheme: str  # http or https; h2 or h3 for a page of a server that speaks only this protocol
+    scheme: str  # http or https; h2 or h3: https, and the page must come over HTTP/2 or HTTP/3
     host: str
     port: int | None = None
     by_address: bool = False  # the client connects to an address; only the TLS hello has the name

@@ -1,4 +1,7 @@
-"""A server and a client that make the odd kinds of QUIC connections: gtlsserver and gtlsclient of Debian's ngtcp2."""
+"""A server and a client for kinds of QUIC connections that a test cannot make a browser use.
+
+The programs are gtlsserver and gtlsclient of Debian's ngtcp2.
+"""
 
 import pathlib
 import shutil
@@ -7,7 +10,7 @@ import subprocess
 from isolation import Unavailable
 from programs import ALLOW, DROP, Destination, Program, Seen
 
-# With the key share of this group, the hello needs two datagrams.
+# With a key share of the group FFDHE8192, the hello needs two datagrams.
 _LONG_HELLO = "--groups=-GROUP-ALL:+GROUP-FFDHE8192:+GROUP-X25519"
 
 
@@ -25,7 +28,7 @@ class QuicServer:
         self._log = directory / f"quic-server-{address}"
         pages = directory / "quic-pages"
         pages.mkdir(exist_ok=True)
-        (pages / "index.html").write_text("a page")  # of an empty file, the server says that it does not exist
+        (pages / "index.html").write_text("a page")  # an empty file does not exist for the server
         command = [find("ngtcp2-server", "gtlsserver"), "--no-quic-dump", "--no-http-dump", "-d", pages, *options]
         command += [address, "443", certificate.with_suffix(".key"), certificate]
         with open(self._log, "wb") as output:
