@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "QuicClient.h"
 #include "platform/linux/flow/QuicInitial.h"
-#include "support/QuicClient.h"
 
 using namespace orvane;
 

@@ -7,7 +7,7 @@
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
-#include "support/QuicClient.h"
+#include "support/QuicRecords.h"
 
 namespace orvane {
 namespace {
@@ -200,21 +200,13 @@ TEST_F(QueuedFlowsTest, LetsAllowedSocketsGoOn) {
 
 TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
   provider->data = kDropData;
-  quic::QuicClient client;
-  const std::string hello = quic::hello("A.Example");
-  const std::string first = client.initial(quic::crypto(0, hello.substr(0, 50)));
-  const std::string second = client.initial(quic::crypto(50, hello.substr(50)));
-  const std::string request = client.packet(1, std::string(50, 'r'), client.keyID);
-  // Other connections of the same socket: to another host, and after a Retry.
-  quic::QuicClient other{.keyID = "otherdst"}, retried{.keyID = "retrydst"};
-  const std::string whole = client.initial(quic::crypto(0, hello)),
-                    whole2 = retried.initial(quic::crypto(0, hello), "t");
-  const std::string otherHello = quic::hello("b.example");
-  const std::string other1 = other.initial(quic::crypto(0, otherHello.substr(0, 50)));
-  const std::string other2 = other.initial(quic::crypto(50, otherHello.substr(50)));
-  const std::string acknowledgment = client.packet(0, std::string(50, '\1'), "serverid");
-  std::string unknownVersion = first;
-  unknownVersion[1] = '\x0a';
+  const std::vector<std::string> records = quic_records("two_connections");
+  ASSERT_EQ(records.size(), 9U);
+  // The hello to a.example in two parts; a 0-RTT packet; the whole hello, as first sent and after a Retry; the parts of
+  // a hello to b.example in another connection of the socket.
+  const std::string &first = records[0], &second = records[1], &request = records[2], &whole = records[3],
+                    &retried = records[4], &other1 = records[5], &other2 = records[6], &acknowledgment = records[7],
+                    &unknownVersion = records[8];
   const struct {
     const char* name;
     NEFilterNewFlowVerdict newFlow;
@@ -229,12 +221,8 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
        {whole, acknowledgment, other1, other2, other1, other2},
        {Allowed, Allowed, Open, Allowed, Allowed, Allowed},
        "new a.example; new b.example; "},
-      {"a connection after a Retry", kAllow, {whole, whole2}, {Allowed, Allowed}, "new a.example; new a.example; "},
-      {"a name that is decided at the data",
-       kExamine,
-       {first, second},
-       {Open, Dropped},
-       "new a.example; data 0 a.example; "},
+      {"a connection after a Retry", kAllow, {whole, retried}, {Allowed, Allowed}, "new a.example; new a.example; "},
+      {"a name at the data", kExamine, {first, second}, {Open, Dropped}, "new a.example; data 0 a.example; "},
       {"a browser's 0-RTT",
        kExamine,
        {request, first, request, second},
