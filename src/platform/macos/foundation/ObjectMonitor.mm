@@ -13,11 +13,11 @@ namespace orvane {
 
 namespace {
 
-// The Objective-C object whose monitor is used: the C++ object's counterpart, or an object that exists only while the
-// monitor is in use.
+// The Objective-C object whose monitor serves as the monitor of a C++ object: the counterpart of the C++ object, or an
+// object that exists only while the monitor is in use.
 struct Monitor {
   id object = nil;
-  size_t users = 0;  // ObjectMonitors that hold or await the monitor, plus one for a counterpart
+  size_t users = 0;  // ObjectMonitors that hold or await the monitor, plus one if `object` is a counterpart
   bool isCounterpart = false;
 };
 
