@@ -21,7 +21,7 @@ namespace {
 constexpr auto kStopTime = std::chrono::seconds(2);
 
 // Stops the filter, or gives up after kStopTime. A filter that has not stopped blocks nothing after the process has
-// ended: the kernel closes the sockets of the process, and passes packets when no process has the queue.
+// ended: the kernel closes the sockets of the process, and passes packets when no process has the packet queue.
 void stop_filter() {
   std::promise<void> stopped;
   auto isStopped = stopped.get_future();

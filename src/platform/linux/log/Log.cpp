@@ -22,8 +22,8 @@
 namespace orvane {
 
 // One object for each pair of subsystem and category. The objects are never freed, because the pairs are few. The core
-// calls os_log_create() for each flow, but only the first call for a pair makes an object; each later call finds it in
-// the table.
+// calls os_log_create() for each flow, but only the first call for a pair makes an object; each later call finds this
+// object in the table.
 class LogHandle {
  public:
   LogHandle(std::string_view subsystem, std::string_view category);

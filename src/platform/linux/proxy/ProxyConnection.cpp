@@ -202,8 +202,8 @@ bool ProxyConnection::examine() {
   return false;
 }
 
-// From now on, this connection ends if the provider drops its flow after an edit. Another thread asks the provider
-// about a new flow, which `makeFlow` returns, so the two threads share no flow.
+// From now on, this connection ends if the provider drops its flow after an edit of the list of held names. Another
+// thread then asks the provider about a new flow, which `makeFlow` returns, so that the two threads share no flow.
 template <class MakeFlow>
 void ProxyConnection::endAfterEdits(MakeFlow makeFlow) {
   place_.setReview([provider = context_.provider, makeFlow] {

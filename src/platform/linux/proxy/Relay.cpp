@@ -103,8 +103,8 @@ Wait Relay::wait() {
     if (in.mayRead()) events |= POLLIN;
     if (mayWrite && !out.finished && !out.pending().empty()) events |= POLLOUT;
     // If a socket is shut down in both directions, each poll() of this socket returns at once, even if no events are
-    // requested. So a socket is polled only if events are requested, or if bytes may still be written to it. In the
-    // second case, if no events are requested, poll() reports the socket only after a reset.
+    // requested. So a socket is polled only if events are requested, or if bytes may still be written to it. While
+    // bytes may still be written, poll() without requested events reports the socket only after a reset.
     bool ignored = events == 0 && out.finished;
     return pollfd{ignored ? -1 : in.from, events, 0};
   };
