@@ -40,8 +40,8 @@ bool ends_open_connections() { return extension_setting("OrvaneOpenConnections")
 // start, because the extension still serves its companion, which can ask what is wrong.
 void report_ready(const std::string& status) { sd_notify(0, ("READY=1\nSTATUS=" + status).c_str()); }
 
-// Writes the number of connections with hidden names into the status line: after each change, but once a minute at
-// most. Never returns.
+// Tells the service manager the number of connections with hidden names: after each change, but once a minute at most.
+// Never returns.
 void report_hidden_names() {
   const FlowCounters::Count& hidden = flow_counters().hiddenNames;
   for (uint64_t reported = 0;; std::this_thread::sleep_for(kStatusInterval)) {
