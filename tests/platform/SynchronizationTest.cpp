@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <vector>
@@ -10,7 +11,18 @@
 namespace orvane {
 namespace {
 
-class Thing : public NSObject {};
+struct Thing : NSObject {
+  ~Thing() override { onDestruction(); }
+  std::function<void()> onDestruction = [] {};
+};
+
+TEST(Ref, StoresTheNewObjectBeforeReleasingTheOldOne) {
+  Ref<Thing> holder = Ref<Thing>::adopt(new Thing);
+  const Thing* seen = nullptr;
+  holder->onDestruction = [&] { seen = holder.get(); };
+  holder = Ref<Thing>::adopt(new Thing);
+  EXPECT_EQ(seen, holder.get());
+}
 
 TEST(RecursiveMutex, LocksOnceInitialised) {
   static RecursiveMutex mutex;

@@ -64,17 +64,9 @@ TEST(ValueMessage, RejectsValuesThatExceedTheirMessage) {
 TEST(ValueMessage, RejectsStringsThatAreNotUTF8) {
   capnp::MallocMessageBuilder message;
   auto value = message.initRoot<control::Value>();
-  const std::pair<const char*, const char*> kCases[] = {
-      {"continuation byte alone", "\x80"},
-      {"truncated sequence", "\xe2\x82"},
-      {"overlong form of two bytes", "\xc0\xaf"},
-      {"overlong form of three bytes", "\xe0\x80\x80"},
-      {"surrogate", "\xed\xa0\x80"},
-      {"beyond U+10FFFF", "\xf4\x90\x80\x80"},
-  };
-  for (const auto& [what, bytes] : kCases) {
+  for (const char* bytes : {"\x80", "\xe2\x82", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80"}) {
     value.setString(bytes);
-    EXPECT_FALSE(read_value(value.asReader(), 64)) << what;
+    EXPECT_FALSE(read_value(value.asReader(), 64)) << testing::PrintToString(std::string(bytes));
   }
 }
 

@@ -6,7 +6,6 @@
 #include <memory>
 #include <tuple>
 
-#include "platform/linux/base/ListEdits.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/proxy/Proxy.h"
@@ -111,36 +110,6 @@ TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
   }
   EXPECT_EQ(peer.read(bytes), bytes);
   EXPECT_EQ(provider->take().calls, "new -; data 0 held.example; ");
-}
-
-TEST_F(ProxyTest, EndsConnectionsThatTheProviderDropsAfterAnEdit) {
-  Server server([](Peer& peer) {
-    for (char byte = 0; recv(peer.socket.get(), &byte, 1, 0) > 0;) peer.send({byte});
-  });
-  start(NEFilterAction::FilterData);
-  const std::string port = std::to_string(server.port()), head = "GET / HTTP/1.1\r\nHost: Held.Example\r\n\r\n";
-  const std::tuple<const char*, std::string, std::string> kCases[] = {
-      {"a tunnel to a name", "CONNECT LocalHost:" + port + " HTTP/1.1\r\n\r\n" + head, "new localhost; "},
-      {"a tunnel to an address", "CONNECT 127.0.0.1:" + port + " HTTP/1.1\r\n\r\n" + head, "new held.example; "},
-      {"a request", "GET http://LocalHost:" + port + "/ HTTP/1.1\r\n\r\n", "new http://LocalHost:" + port + "/; "},
-  };
-  for (const auto& [name, request, calls] : kCases) {
-    SCOPED_TRACE(name);
-    provider->newFlow = kExamine;
-    Peer peer = client(request);
-    const timeval limit{10, 0};
-    setsockopt(peer.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    peer.read("GET / HTTP/1.1\r\n");  // the server sends the request back
-    provider->take();
-    ListEdits::shared().add("any.example");
-    std::string shown;
-    for (int i = 0; i < 10'000 && (shown = provider->take().calls).empty(); ++i) std::this_thread::sleep_for(1ms);
-    EXPECT_TRUE(shown.starts_with(calls)) << shown;
-    provider->newFlow = NewFlow::dropVerdict();
-    ListEdits::shared().add("any.example");
-    peer.read();
-    EXPECT_NE(peer.error, EAGAIN) << "the connection is still open";
-  }
 }
 
 class ProxyPlacesTest : public testing::Test {
