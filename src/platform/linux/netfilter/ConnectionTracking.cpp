@@ -14,7 +14,8 @@
 namespace orvane {
 namespace {
 
-// `type` is CTA_TUPLE_ORIG for the packets from `source`, or CTA_TUPLE_REPLY.
+// Appends the endpoints of one direction of a connection. `type` is CTA_TUPLE_ORIG for the direction of the
+// connection's first packet, and CTA_TUPLE_REPLY for the other direction.
 void put_tuple(nlmsghdr* message, uint16_t type, uint8_t protocol, const SocketAddress& source,
                const SocketAddress& destination) {
   const bool v4 = source.family == AF_INET;

@@ -25,9 +25,10 @@ class KernelRules {
   int changeDescriptor() const;
 
   enum class State { Intact, Repaired, Broken };
-  // Repairs missing or changed chains and jumps, and jumps that are not the first rules of their built-in chains.
-  // Discards the messages of changeDescriptor(). If the result is Broken, `error` has the reason. Ends early when
-  // `stop`, an eventfd(2), becomes readable; the result then says nothing about the rules.
+  // Checks whether our chains, and the jumps to them from the built-in chains, are in the kernel as installed, and
+  // whether each jump is the first rule of its built-in chain. If not, installs the chains and jumps again. Discards
+  // the messages of changeDescriptor(). If the result is Broken, `error` has the reason. Ends early when `stop`, an
+  // eventfd(2), becomes readable; the result then says nothing about the rules.
   State check(std::string& error, int stop = -1);
 
   // Removes the rules, if there are any. Takes 1.4 s at most. Returns an error on failure.

@@ -21,10 +21,10 @@ constexpr const char* kHasPayload4 =
 constexpr const char* kHasPayload6 =
     "11,48 0 0 6,21 0 7 6,48 0 0 52,116 0 0 2,84 0 0 60,4 0 0 40,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 
-// The same for a UDP datagram that begins with an Initial packet of QUIC, version 1 or 2 (RFC 9000, section 17.2.2;
-// RFC 9369, section 3). Without the bits 0x4f of the first byte, which may have any value (RFC 9287), the first word of
-// the datagram is 0x80000000 or 0x906b3343; the fifth byte is 0x01 or 0xcf. The IPv6 program does not match datagrams
-// behind extension headers, which browsers do not send.
+// Programs that match a UDP datagram that begins with an Initial packet of QUIC, version 1 or 2 (RFC 9000, section
+// 17.2.2; RFC 9369, section 3). They ignore the bits 0x4f of the first byte, which may have any value (RFC 9287). With
+// these bits cleared, the datagram's first word and fifth byte are 0x80000000 and 0x01 in version 1, and 0x906b3343 and
+// 0xcf in version 2. The IPv6 program matches no packet with extension headers; browsers do not send such packets.
 constexpr const char* kIsInitial4 =
     "11,177 0 0 0,64 0 0 8,84 0 0 2969567231,21 0 2 2147483648,80 0 0 12,21 3 4 1,21 0 3 2422944579,80 0 0 12,"
     "21 0 1 207,6 0 0 4294967295,6 0 0 0";
@@ -192,8 +192,8 @@ class ProviderChains {
 //   queue, even without payload: connection tracking keeps the new connection if the segment passes, and no rule would
 //   ask about the browser's request on a connection that the server began. An inbound SYN does not go to the queue,
 //   because it begins a new connection for the sockets, too.
-// - Any remote host can send packets of no known connection. So INVALID drops such packets beyond a rate limit. The
-//   packets below the limit leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
+// - Any remote host can send packets that belong to no known connection. So INVALID drops such packets beyond a rate
+//   limit. The packets below the limit leave the queue with NF_REPEAT, so that the other rules of chain INPUT see them.
 // - A server may answer before the request is complete, and a browser would show the answer. So the server's data is
 //   dropped until there is a verdict. The server sends the data again.
 // - If this machine connects to itself, the packets of both directions go through OUTPUT. So the rules test the

@@ -33,7 +33,8 @@ using namespace std::chrono_literals;
 constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
 constexpr auto kReviewTime = 1ms;  // how long packets may wait while connections are reviewed
-// For how long connection tracking remembers a dropped UDP conversation; its own default for UDP.
+// For how long connection tracking remembers a dropped UDP conversation: the kernel's default for UDP
+// (nf_conntrack_udp_timeout).
 constexpr auto kDroppedLifetime = 30s;
 constexpr auto kRulesDebounce = 200ms;  // delay from a change to the check: a firewall reload makes many changes
 constexpr auto kRulesPoll = 500ms;      // time between checks if the kernel sends no messages or the last repair failed
@@ -117,7 +118,8 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     queue->flows.addAllowedTo(queue->connections);
   }
   auto noRecords = queue->owners.recordOpeners();
-  // Without the record, finding the owner of a flow takes far longer than finding out what the owner runs.
+  // Without the kernel's record of openers, finding the owner of a flow takes far longer than finding out which program
+  // the owner runs. Remembering the program would then save little, so the kernel need not count its changes.
   auto noChanges = noRecords ? std::nullopt : ProcessChanges::system().start();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.
@@ -328,9 +330,10 @@ void Netfilter::Queue::end(const OpenConnection& connection) {
 }
 
 // Makes connection tracking remember a dropped conversation. On its own, connection tracking remembers a conversation
-// only after a packet of it has left, and here the first packet may be the dropped one. The kernel rules reject the
-// next datagram of a known dropped conversation while the browser sends it. Firefox ignores a rejection that comes
-// later, as for a packet in the queue.
+// only after a packet of it has left, and here the first packet may be the dropped one. If connection tracking
+// remembers the conversation, the kernel rules reject its next datagram at once, during the browser's call that sends
+// the datagram. Otherwise the datagram waits in the queue and is rejected after that call, and Firefox ignores such a
+// rejection.
 void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   if (!tracking) return;
   const int error = tracking->addWithMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);

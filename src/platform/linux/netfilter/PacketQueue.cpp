@@ -113,7 +113,8 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
   int left = static_cast<int>(size);
   for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); mnl_nlmsg_ok(header, left);
        header = mnl_nlmsg_next(header, &left)) {
-    // The sequence number is 0 if the error is about a verdict, because decide() sets no number.
+    // An NLMSG_ERROR message answers a message of the watchdog and has that message's number; or it reports an error
+    // for a verdict and has the number 0, because decide() sets no number.
     if (header->nlmsg_type == NLMSG_ERROR && header->nlmsg_seq != 0) acknowledged_ = header->nlmsg_seq;
     if (header->nlmsg_type != (NFNL_SUBSYS_QUEUE << 8 | NFQNL_MSG_PACKET)) continue;
     std::array<nlattr*, NFQA_MAX + 1> attributes{};

@@ -25,8 +25,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   evictExpired(now);
   isLooping_ = false;
   bool ends = packet.fin || packet.rst;
-  // An acknowledgment without data. The kernel rule cannot look behind IPv6 extension headers, so it also queues
-  // acknowledgments that have such headers.
+  // An acknowledgment without data. The kernel rules cannot look behind IPv6 extension headers for the payload, so they
+  // also queue acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   const auto socket = owners_.sender(packet.ends);
@@ -40,7 +40,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   flow->repeats = isNews ? 0 : flow->repeats + 1;
   isLooping_ = flow->repeats > kRepeatsLimit;
   if (wasSettled) {
-    // The Initial packets of an allowed QUIC connection go on to be queued.
+    // The kernel rules queue the Initial packets of an allowed QUIC connection, too, so these packets are not late.
     const bool isLate = flow->generation != generation_ && flow->connectionID.empty();
     if (isLate) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdictOf(*flow);
@@ -89,7 +89,7 @@ void QueuedFlows::drop(const OpenConnection& connection) {
 }
 
 // Whether the flow is settled, and the packet begins another QUIC connection between the same addresses and ports.
-// While a flow is open, its QuicInitialReader itself begins again.
+// While a flow is open, its QuicInitialReader notices another connection itself.
 bool QueuedFlows::beginsOtherConnection(const Flow& flow, const Packet& packet) {
   return packet.ends.protocol == IPPROTO_UDP && flow.open == nullptr &&
          QuicInitialReader::beginsOtherConnection(packet.payload, flow.connectionID);

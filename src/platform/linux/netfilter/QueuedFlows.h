@@ -109,7 +109,7 @@ class QueuedFlows {
     FirstFlight flight;
     ServerNameReader name;                    // TCP only
     std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram
-    bool isHeld = false;                      // whether the last datagram may not pass while the flow is open
+    bool isHeld = false;                      // whether the last datagram must not pass before the verdict
   };
 
   struct Flow {
@@ -119,9 +119,9 @@ class QueuedFlows {
     SocketPair pair;
     uint64_t cookie;  // the socket's cookie; 0 when no socket was found
     uid_t user;
-    // Null when the flow is settled, because thousands of settled flows are remembered.
+    // Null when the flow is settled, to save memory: thousands of settled flows are remembered.
     std::unique_ptr<Examination> open;
-    bool isDropped = false;             // whether the flow was dropped, or was allowed and is dropped now
+    bool isDropped = false;             // whether the provider dropped the flow, or drop() did so later
     std::vector<uint8_t> connectionID;  // of a settled QUIC flow (QuicInitialReader::connectionID)
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
