@@ -51,11 +51,11 @@ class FilterSession {
   State outboundComplete();
 
   // Shows the provider a flow that is already open, and settles the flow. Call it in place of the functions above. The
-  // flow's first bytes have already passed: a provider that asks for data gets one byte, '?', which no host name
-  // contains.
+  // flow's first bytes have passed and are no longer available, so a provider that asks for data gets one byte, '?',
+  // which no host name contains.
   State openFlow();
 
-  // Drops an examined flow without asking the provider, because the caller cannot show the flow's data to the provider.
+  // Drops an examined flow without asking the provider. For a caller that cannot show the flow's data to the provider.
   State refuse();
 
   State state() const { return state_; }

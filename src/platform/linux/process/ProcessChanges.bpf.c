@@ -17,7 +17,8 @@ const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 __u64 events[SLOTS + 1];
 
 // An atomic operation whose result is used orders memory: whoever reads the new count also sees what the process has
-// changed before the event. The kernel ignores the result of a program at a tracepoint.
+// changed before the event. So the result is used: the programs return it. The kernel ignores what a program at a
+// tracepoint returns.
 static __always_inline int count(__u64* counter) { return __sync_fetch_and_add(counter, 1) != 0; }
 
 static __always_inline int count_of_process(void) {
@@ -34,7 +35,7 @@ static __always_inline int count_of_process(void) {
   return count(&events[process % SLOTS]);
 }
 
-// Called after the process has changed its file, and before the first instruction of the new program.
+// Called when the process has its new executable, before the first instruction of the new program.
 SEC("raw_tp/sched_process_exec")
 int on_exec(void* context) {
   (void)context;

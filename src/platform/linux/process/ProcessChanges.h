@@ -30,9 +30,10 @@ class ProcessChanges {
   // CAP_PERFMON. Does nothing if it was successful before.
   std::optional<std::string> start();
 
-  // If the version of a process is the same before something is read about the process and later, then what was read
-  // is still true: the process runs the same program, in the same control group. This does not hold for a process that
-  // had begun to end before the reading (ProcessInformation::isEnding()). A version may also change without a reason.
+  // To find out later whether facts about a process are still true, take its version before you read the facts. As long
+  // as version() returns the same version, the process runs the same program, in the same control group. This does not
+  // hold for a process that had begun to end before you read the facts (ProcessInformation::isEnding()). A version may
+  // also change when the process has not changed.
   struct Version {
     uint64_t ofProcess = 0, ofAny = 0;
     friend bool operator==(const Version& left, const Version& right) {
@@ -54,11 +55,11 @@ class ProcessChanges {
   std::atomic<const uint64_t*> events_{nullptr};
 };
 
-// The PID namespace of this process, in the form that the BPF programs need: both 0 for the initial namespace. Nothing,
-// with errno set, on failure.
+// A PID namespace, in the form that the BPF programs need.
 struct PidNamespace {
-  uint64_t device = 0, inode = 0;
+  uint64_t device = 0, inode = 0;  // both 0 for the initial namespace
 };
+// The PID namespace of this process. Nothing, with errno set, on failure.
 std::optional<PidNamespace> own_pid_namespace();
 
 }  // namespace orvane

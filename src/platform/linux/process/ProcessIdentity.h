@@ -61,14 +61,14 @@ class ProcessIdentity {
   struct Process {
     ProcessInformation information;
     Program program;
-    std::optional<ProcessChanges::Version> version = {};  // from before the reading
+    std::optional<ProcessChanges::Version> version = {};  // read before `information` and `program`
     std::chrono::steady_clock::time_point found = {};
   };
 
-  // Null when the process does not exist. A browser opens many connections at once, so a result is cached for half a
-  // second. (Without an exec, a process can change its root folder, and thereby its package.) During this time the
-  // result is used only if the process has the same version; if events are not counted (ProcessChanges), only if it
-  // still exists and runs the same executable.
+  // Null when the process does not exist. A browser opens many connections at once, so a result is cached, as long as
+  // the process has the same version. If events are not counted (ProcessChanges), the result is cached as long as the
+  // process exists and runs the same executable. A result is cached for half a second at most, because a process can
+  // change its root folder, and thereby its package, without a new version or executable.
   std::shared_ptr<const Process> find(pid_t pid);
 
   // The application ID of the program's package or desktop entry. Nothing for a program that has neither.
@@ -87,8 +87,9 @@ class ProcessIdentity {
   //      ancestors in this unit count: a desktop that starts a program in a new unit is not responsible for it;
   //   3. the oldest process of the unit, among those that run the application after which the unit is named;
   //   4. the process itself.
-  // -1 when the process does not exist. The answer is cached like the result of find(), but only if events are counted
-  // and the process table was not searched for 3. It is used as long as no process on which it depends has changed.
+  // -1 when the process does not exist. The answer is cached for half a second at most, as long as the versions of all
+  // processes on which it depends stay the same. It is not cached if events are not counted, or if the process table
+  // was searched for the oldest process of a unit.
   pid_t responsibleFor(pid_t pid);
 
  private:
@@ -98,7 +99,7 @@ class ProcessIdentity {
     bool canBeCached = true;
     std::vector<std::pair<pid_t, ProcessChanges::Version>> versions;
     std::chrono::steady_clock::time_point found =
-        std::chrono::steady_clock::time_point::max();  // of the oldest Process
+        std::chrono::steady_clock::time_point::max();  // the earliest `found` of these processes
     std::shared_ptr<const ApplicationEntries> applications;
   };
 

@@ -49,12 +49,12 @@ class RecentOpeners {
 
     ProcessInformation process;
     audit_token_t token;
-    std::optional<ProcessChanges::Version> version;  // from before the reading; nothing if it cannot be relied on
+    std::optional<ProcessChanges::Version> version;  // read before the token; nothing if it cannot be relied on
     std::chrono::steady_clock::time_point read;
   };
 
-  static constexpr size_t kLimit = 16;  // each keeps a descriptor open
-  // Without an exec, a process may change its user and groups, so its token is read again after this time.
+  static constexpr size_t kLimit = 16;  // each entry keeps a descriptor open
+  // A change of the process's user or groups does not change its version, so the token is read again after this time.
   static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
   std::vector<Recent> recent_;
 };
@@ -145,7 +145,8 @@ Value SocketOwners::ownerOf(const SocketFacts& socket) {
       isLast ? std::optional(implementation_->lastStream.opener) : implementation_->openers.opener(socket.cookie);
   if (opener) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
-    // The opener has ended, but a child of it may have inherited the socket. The record has no inode.
+    // The opener has ended, but a child of it may have inherited the socket. The search for a holder needs the socket's
+    // inode, which the kernel's record lacks.
     const auto facts = isLast ? implementation_->diagnostics.find(implementation_->lastPair) : socket;
     auto holder = facts && facts->cookie == socket.cookie ? implementation_->holders.find(*facts) : std::nullopt;
     auto token = holder ? holder->auditToken() : std::nullopt;

@@ -54,8 +54,9 @@ class SocketOwners {
   // matches (errno is 0) or if the kernel could not be asked (errno is set).
   std::optional<SocketFacts> find(const SocketPair& pair);
 
-  // The socket that has sent a packet with these endpoints. Like find(), but if the kernel's record has the socket's
-  // connection, no system call but the look-up of the record is made. So the socket may be closed already.
+  // The socket that has sent a packet with these endpoints. If the kernel's record has this TCP connection, the result
+  // comes from the record alone, with one system call, and the socket may be closed already. Otherwise the same as
+  // find().
   std::optional<SocketFacts> sender(const SocketPair& pair);
 
   // The cookies of all TCP sockets in the network namespace.
