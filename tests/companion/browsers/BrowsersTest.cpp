@@ -101,9 +101,9 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
 }
 
-// Chromium reads every file of the policy folder. If several files set the same policy, Chromium uses the file whose
-// name sorts last. A preference in Firefox's policy file counts only if the file locks it, because users can
-// change a preference that is not locked.
+// Chromium reads every file in its policy folder. If several files set the same policy, Chromium uses the file whose
+// name sorts last. A preference in Firefox's policy file counts only if the file locks it, because users can change a
+// preference that is not locked.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root);
   write("/etc/chromium/policies/managed/zz", R"({"EncryptedClientHelloEnabled": true})");

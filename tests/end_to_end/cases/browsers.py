@@ -39,7 +39,8 @@ def _browse_encrypted(world: World, kind: type[Browser], title: str, decoy: bool
     with world.extension(browser.identifier) as extension:
         extension.hold(SECRET)
         check(doctor(extension), "warning", "doctor without the policy")
-        # A browser that gets the key too late sends the name unencrypted, and its connection is dropped. So try again.
+        # A browser that gets the server's key too late sends the name unencrypted, and its connection is dropped. So
+        # try again.
         verdicts = [fetch(SECRET)]
         while verdicts[-1] == DROP and len(verdicts) < 3:
             verdicts.append(fetch(SECRET))
@@ -66,8 +67,10 @@ def PolicyStopsEncryptedHellosOfFirefox(world: World):
 def _check_shared_connections(world: World, browser: Browser, *expected: str) -> None:
     """Checks whether the browser reaches HELD over its open connections to names that are not held.
 
-    `expected`: the verdicts on a page and on a part of a page, after a page of another site; on a part of a page, after
-    a part from another site; on a page, after another page of the same site. All names have the same address.
+    All names have the same address. `expected` has the verdicts on HELD, which the browser requests four times:
+      - as a page, and as a part of a page, after it has opened a page of another site;
+      - as a part of a page, after it has fetched a part from another site;
+      - as a page, after it has opened a page of a subdomain of HELD.
     """
     with world.filtering(browser.identifier), browser.tabs() as tabs:
         tab = tabs.open()

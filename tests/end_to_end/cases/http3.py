@@ -13,7 +13,10 @@ _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1"
 
 
 def _recorded(file: str = "firefox_1") -> list[bytes]:
-    """The datagrams of a record, where each comes after its length. Of a browser's two, the second completes HELD."""
+    """The datagrams of a record. In the file, each datagram comes after its length.
+
+    The record of a browser has two datagrams. The name HELD is complete only with the second.
+    """
     text, datagrams = (_RECORDS / file).read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")

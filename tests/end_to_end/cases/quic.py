@@ -15,7 +15,7 @@ _PLAIN, _RETRYING = "127.0.0.9", "127.0.0.10"  # the addresses of the servers
 class _Kind:
     name: str
     evidence: str  # a pattern in the client's log
-    follows_handshake: bool = False  # whether the evidence cannot be in the log of a connection that was dropped
+    follows_handshake: bool = False  # whether only an allowed connection can have the evidence in its log
     options: tuple[str, ...] = ()
     server: str = _PLAIN
     loses_first: bool = False  # whether the client's first datagram is lost
@@ -33,7 +33,7 @@ _KINDS = [
         ("--change-local-addr=100ms", "--delay-stream=500ms"),
     ),
     _Kind("a first datagram that is lost and sent again", "tx 2 Initial CRYPTO.* offset=0 ", loses_first=True),
-    # A draft of version 2, which the extension cannot read. A browser would use TCP.
+    # A draft of version 2, which the extension cannot read. So it drops the connection; a browser then uses TCP.
     _Kind("an unknown version", "version=0x709a50c4 type=Initial", False, ("--version=v2draft",), expected=DROP),
 ]
 
@@ -69,7 +69,8 @@ def JudgesEachKindOfQUICConnection(world: World):
 
     with world.extension("gtlsclient") as extension:
         for kind in _KINDS:
-            # While no host is listed, the client stores a session for each, which 0-RTT needs.
+            # While neither host is listed, the client fetches from both and stores a session for each. 0-RTT needs the
+            # sessions.
             if kind.expected == ALLOW:
                 extension.hold("other.example")
                 check_fetch(HELD, kind, ALLOW)

@@ -165,6 +165,7 @@ TEST_F(FilterSessionTest, GoesOnAfterANameThatIsSuspended) {
 
 TEST_F(FilterSessionTest, LooksUpTheIdentityOncePerFlow) {
   list({".held.example", "!.example"});
+  // The last value in a row is the number of look-ups. The comment beside the row lists them.
   const std::tuple<const char*, const char*, int> kCases[] = {
       {"a browser", "browser", 2},         // the process; its identifier
       {"another program", "program", 5}};  // the same two; the responsible pid; that process; its identifier

@@ -37,13 +37,13 @@ TEST(QuicInitial, AssemblesTheHello) {
       {"chromium_1", "pass known "},
       {"firefox_1", "pass known "},
       {"coalesced", "known "},                     // two packets and zeros in a datagram
-      {"cut_numbers", "pass known "},              // a large first number, then numbers cut to a byte
-      {"acknowledgments", "pass known "},          // ahead of the hello
+      {"cut_numbers", "pass known "},              // a large packet number, then numbers cut to a byte
+      {"acknowledgments", "pass known "},          // ACK frames ahead of the hello
       {"retry", "pass pass known "},               // another connection of the same socket, with the token of a Retry
-      {"server_id", "pass known "},                // a connection ID that the server chose later
-      {"zero_rtt", "hold pass hold hold known "},  // 0-RTT after a part of the hello, alone and in its datagram
-      {"finished_handshake", "pass hold hold hold known "},  // packets after a handshake, after a part of the hello
-      {"unknown_version", "hold pass known "},               // then a known one
+      {"server_id", "pass known "},                // the second datagram has a connection ID that the server chose
+      {"zero_rtt", "hold pass hold hold known "},  // 0-RTT packets, alone and after an Initial packet
+      {"finished_handshake", "pass hold hold hold known "},  // packets from after a handshake, among parts of a hello
+      {"unknown_version", "hold pass known "},  // a packet of an unknown version, then packets of version 1
   };
   for (const auto& c : kCases) {
     const Outcome outcome = read_all(quic_records(c.file));

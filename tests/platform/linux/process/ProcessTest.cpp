@@ -109,7 +109,8 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   }
 }
 
-// A wrapper that executes a browser, which starts a tool and then executes another tool. All are copies of the shell.
+// A wrapper that executes a browser, which starts a tool and then executes another tool. All these programs are copies
+// of the shell.
 class Wrapper {
  public:
   static void install(const ProgramFolder& folder) {

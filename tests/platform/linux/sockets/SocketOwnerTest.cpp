@@ -25,7 +25,7 @@
 namespace orvane {
 namespace {
 
-// Holds an IPv6 address or an IPv4 address. Both have the port at the same offset.
+// Holds an IPv6 address or an IPv4 address. sockaddr_in6 and sockaddr_in have the port at the same offset.
 using Address = sockaddr_in6;
 sockaddr* generic(Address& address) { return reinterpret_cast<sockaddr*>(&address); }
 const sockaddr* generic(const Address& address) { return reinterpret_cast<const sockaddr*>(&address); }
@@ -182,7 +182,8 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   const size_t rows = std::size(kCases);
   for (size_t i = 0; i < 2 * rows; ++i) {
     const SendCase& how = kCases[i % rows];
-    // In the second half, owners are remembered until an event of the process.
+    // In the second half of the loop, the kernel counts events of processes, so an owner is remembered until an event
+    // of its process.
     if (auto uncounted = i == rows ? ProcessChanges::system().start() : std::nullopt) GTEST_SKIP() << *uncounted;
     for (bool waits : {true, false}) {
       SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended") +
@@ -209,10 +210,10 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       }
       if (!waits) ::waitpid(std::exchange(child.pid, 0), nullptr, 0);
       child.end();
-      ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs a later one
+      ::usleep(20'000);  // start times are rounded to 10 ms, and the next process needs a later time
       Child next([&] { send(how, target); }, true, pid);
       ASSERT_EQ(pid, next.pid);
-      // An opener of a connection is found without the kernel's socket diagnostics, which still find its socket.
+      // The first child has ended, but the kernel's record still names it as the opener of its socket.
       auto socket = recorded.sender(pair), later = recorded.sender(receive(receiver, how, connection));
       ASSERT_TRUE(socket && later) << std::strerror(errno);
       EXPECT_NE(0u, token_of(recorded.ownerOf(*later)).val[7]);
@@ -230,7 +231,7 @@ TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
   SocketOwners owners;
   auto unrecorded = owners.recordOpeners();
   if (unrecorded) GTEST_SKIP() << *unrecorded;
-  // Two endpoints of which each can be the client's.
+  // The two endpoints of each connection below. Either of them can be the client's.
   Address ends[] = {literal("127.0.0.1"), literal("127.0.0.1")};
   ends[0].sin6_port = htons(4001);
   ends[1].sin6_port = htons(4002);
