@@ -5,8 +5,11 @@
 //                                                 the connections; a thread waits PAUSE milliseconds before each
 //                                                 connection
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
+//   net_client datagrams PORT COUNT               sends two datagrams from each of COUNT sockets to a socket of its
+//   own,
+//                                                 and prints how long the first and the second took to arrive
 //
-// A connection's time includes connect, request and response. `load` and `stream` print one line of JSON. `load` keeps
+// A connection's time includes connect, request and response. Except `serve`, all print one line of JSON. `load` keeps
 // as many other files open as a browser does, because the extension may have to read all descriptors of a process to
 // find out whether the process owns a socket.
 
@@ -147,6 +150,32 @@ int stream(uint16_t port, size_t mebibytes) {
   return 0;
 }
 
+int datagrams(uint16_t port, size_t count) {
+  const int receiver = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = loopback(port, 1);
+  const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+  const timeval second{1, 0};
+  setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+  if (bind(receiver, generic, sizeof address) != 0) return std::perror("bind"), 1;
+  std::vector<double> times[2];  // microseconds of the first and of the second datagram
+  size_t lost = 0;
+  for (size_t i = 0; i < count; ++i) {
+    const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    connect(sender, generic, sizeof address);
+    for (auto& each : times) {
+      char text[] = "a datagram of a program that is no browser";
+      const auto start = Clock::now();
+      const bool arrived = send(sender, text, sizeof text, 0) > 0 && recv(receiver, text, sizeof text, 0) > 0;
+      if (!arrived) ++lost;
+      each.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    close(sender);
+  }
+  for (auto& each : times) std::nth_element(each.begin(), each.begin() + static_cast<ptrdiff_t>(count / 2), each.end());
+  std::printf("{\"first\": %.2f, \"later\": %.2f, \"lost\": %zu}\n", times[0][count / 2], times[1][count / 2], lost);
+  return 0;
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -158,6 +187,10 @@ int main(int count, char** arguments) {
     return load(port, number(3), number(4), std::chrono::milliseconds(number(5)));
   }
   if (what == "stream" && number(3) != 0) return stream(port, number(3));
-  std::fputs("usage: net_client serve PORT | load PORT COUNT CLIENTS PAUSE | stream PORT MEBIBYTES\n", stderr);
+  if (what == "datagrams" && number(3) != 0) return datagrams(port, number(3));
+  std::fputs(
+      "usage: net_client serve PORT | load PORT COUNT CLIENTS PAUSE | stream PORT MEBIBYTES | "
+      "datagrams PORT COUNT\n",
+      stderr);
   return 2;
 }
