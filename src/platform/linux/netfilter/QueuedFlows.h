@@ -23,7 +23,7 @@ namespace orvane {
 enum class PacketVerdict {
   Ignored,  // the packet says nothing about a flow
   Open,     // there is no verdict yet; later packets are needed
-  Held,     // there is no verdict yet, and the packet may not pass without one; its sender sends the content again
+  Held,     // there is no verdict yet, and the packet must not pass without one; its sender sends the content again
   Allowed,  // the flow is allowed
   Dropped,  // the flow is dropped
 };
@@ -68,8 +68,8 @@ class QueuedFlows {
   // without a name. If the program is no browser, the provider allows the flow at once, so a server may send first to
   // such a program.
   //
-  // `hasConnection`: whether connection tracking knows the connection. If it does not, a packet without payload may not
-  // pass either: the packet would begin a new connection from the server's side, and the kernel rules would not ask
+  // `hasConnection`: whether connection tracking knows the connection. If it does not, even a packet without payload
+  // must not pass: the packet would begin a new connection from the server's side, and the kernel rules would not ask
   // about the client's later packets.
   PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 

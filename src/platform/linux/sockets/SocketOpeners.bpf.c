@@ -125,10 +125,10 @@ int send_v6(struct bpf_sock_addr* context) {
 }
 
 // Records the endpoints of a connection. When a process connects a TCP socket, the kernel calls record_connect() before
-// it chooses the socket's local port, and this program just before it sends the SYN. If the socket has no record of its
-// opener, this program removes the record of an earlier socket with the same endpoints. That is the case for a socket
-// of another network namespace, and for the server's socket of a connection, for which the kernel calls this program
-// when the client's handshake is complete.
+// it chooses the socket's local port, and this program just before it sends the SYN. The kernel also calls this program
+// for the server's socket of a connection, when the handshake is complete. A server's socket, or a socket of another
+// network namespace, has no record of its opener. For such a socket, this program removes the record of an earlier
+// socket with the same endpoints.
 SEC("sockops")
 int record_stream(struct bpf_sock_ops* context) {
   if (context->op != BPF_SOCK_OPS_TCP_CONNECT_CB && context->op != BPF_SOCK_OPS_PASSIVE_ESTABLISHED_CB) return 1;
@@ -137,7 +137,7 @@ int record_stream(struct bpf_sock_ops* context) {
     route.local[2] = route.remote[2] = bpf_htonl(0xffff);
     route.local[3] = context->local_ip4;
     route.remote[3] = context->remote_ip4;
-    barrier();  // or the compiler reads the context at a variable offset, which the kernel does not allow
+    barrier();  // without it, the compiler reads the context at a variable offset, which the kernel forbids
   } else {
     route.local[0] = context->local_ip6[0];
     route.local[1] = context->local_ip6[1];

@@ -3,8 +3,8 @@
 
 #include_next <Foundation/Foundation.h>
 
-// Declarations that GNUstep's headers lack. Some versions of GNUstep declare the two constants. So they are macros
-// here, because a macro does not conflict with an earlier declaration of the same name.
+// Declarations that GNUstep's headers lack. Only some versions of GNUstep have the two constants. Here the constants
+// are macros, because a macro does not conflict with an earlier declaration of the same name.
 #define NSXPCConnectionInterrupted 4097
 #define NSXPCConnectionInvalid 4099
 
