@@ -91,6 +91,11 @@ def _check_shared_connections(world: World, browser: Browser, *expected: str) ->
         check(verdicts, list(expected), f"{browser.name}: verdicts on {HELD}")
 
 
+def ChromiumSharesConnectionsOfASiteAndOfThePartsOfAPage(world: World):
+    world.serve_with_caddy(HELD, NEWS, *BELOW, *BESIDE)
+    _check_shared_connections(world, world.browser(Chromium), DROP, DROP, ALLOW, ALLOW)
+
+
 def PolicyStopsSharedConnectionsOfFirefox(world: World):
     world.serve_with_caddy(HELD, NEWS, *BELOW, *BESIDE)
     firefox = world.browser(Firefox)

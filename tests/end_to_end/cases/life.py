@@ -1,6 +1,8 @@
 """How the extension starts and ends, and how it copes with kills, hangs and programs that change the firewall."""
 
 import contextlib
+import ctypes
+import multiprocessing
 import os
 import shutil
 import signal
@@ -8,6 +10,7 @@ import subprocess
 import threading
 import time
 
+import isolation
 from attackers import flood
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World
 from harness import check, connect, iptables, wait_until
@@ -170,6 +173,33 @@ def KeepsTheUsersOwnRulesInForce(world: World):
         check(connect(NEWS, "127.0.0.6"), "refused", "an address that the user rejects")
         check(connect(NEWS, "127.0.0.7"), DROP, "an allowed connection whose data the user rejects")
         check(connect(NEWS, "127.0.0.8"), ALLOW, "another address")
+
+
+def _filter_one_of_two(world: World, held: str, barrier, verdicts) -> None:
+    with world.extension(PYTHON) as extension:
+        extension.hold(held)
+        barrier.wait(30)  # until both extensions filter
+        verdicts.put((held, connect(HELD), connect(NEWS)))
+        barrier.wait(30)  # until both have connected
+
+
+def _in_another_network(world: World, *arguments) -> None:
+    CLONE_NEWNET = 0x40000000
+    check(ctypes.CDLL(None).unshare(CLONE_NEWNET), 0, "unshare")
+    isolation.bring_loopback_up()
+    world.serve()
+    _filter_one_of_two(world, NEWS, *arguments)
+
+
+def FiltersNetworkNamespacesIndependently(world: World):
+    forking = multiprocessing.get_context("fork")
+    barrier, verdicts = forking.Barrier(2), forking.SimpleQueue()
+    other = forking.Process(target=_in_another_network, args=(world, barrier, verdicts))
+    other.start()
+    _filter_one_of_two(world, HELD, barrier, verdicts)
+    other.join(30)
+    check(other.exitcode, 0, "the other network's exit code")
+    check({verdicts.get(), verdicts.get()}, {(HELD, DROP, ALLOW), (NEWS, ALLOW, DROP)}, "verdicts")
 
 
 def ReportsWhyItCannotFilter(world: World):
