@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include <array>
 #include <compare>
@@ -36,6 +37,9 @@ struct SocketPair {
 
   friend auto operator<=>(const SocketPair&, const SocketPair&) = default;  // NOLINT(modernize-use-nullptr)
 };
+
+// The user of a socket whose user is not known. No user can have this id.
+constexpr auto kNoUser = static_cast<uid_t>(-1);
 
 struct SocketPairHash {
   size_t operator()(const SocketPair& pair) const;

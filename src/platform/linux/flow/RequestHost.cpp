@@ -19,17 +19,18 @@ constexpr std::string_view kHostField = "host:";
 constexpr std::string_view kVersion = " HTTP/1.";  // a request line ends with this and one digit
 constexpr size_t kVersionLength = kVersion.size() + 1;
 
-bool is_method_character(unsigned char c) { return std::isalnum(c) || c == '-'; }
+bool may_be_method(std::string_view text) {
+  return text.size() <= kMethodLimit &&
+         std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isalnum(c) || c == '-'; });
+}
 
 char lower_case(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 }  // namespace
 
 bool may_be_request(std::string_view bytes) {
-  std::string_view method = bytes.substr(0, std::min<size_t>(bytes.find(' '), 32));
-  if (method.empty()) return bytes.empty();
-  return std::all_of(method.begin(), method.end(), [](unsigned char c) { return std::isalnum(c) || c == '-'; }) &&
-         (method.size() < 32);
+  const std::string_view method = bytes.substr(0, bytes.find(' '));
+  return method.empty() ? bytes.empty() : may_be_method(method);
 }
 
 size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error) {
@@ -87,9 +88,7 @@ RequestHostReader::State RequestHostReader::readPiece(std::string_view piece) {
   if (part_ == Part::Method) {
     const size_t space = piece.find(' ');
     kept_ += piece.substr(0, std::min(space, kMethodLimit + 1));
-    if (kept_.size() > kMethodLimit || !std::all_of(kept_.begin(), kept_.end(), is_method_character)) {
-      return State::Unknown;
-    }
+    if (!may_be_method(kept_)) return State::Unknown;
     if (space == std::string_view::npos) return State::Open;
     if (kept_.empty()) return State::Unknown;
     kept_.clear();

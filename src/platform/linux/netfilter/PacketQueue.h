@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/base/SocketAddress.h"
+
 struct mnl_socket;
 struct nlmsghdr;
 
 namespace orvane {
-
-constexpr uint32_t kNoUser = UINT32_MAX;  // no user can have this id
 
 // A packet that the kernel holds until repeat(), accept() or drop() is called with its id.
 struct QueuedPacket {
@@ -22,7 +22,7 @@ struct QueuedPacket {
   uint32_t mark;                   // the packet's whole mark, with the bits of other programs
   bool isInbound;                  // whether the packet comes from chain INPUT; else it comes from OUTPUT
   uint32_t interface;              // index of the interface by which the packet came or will leave; 0 if unknown
-  uint32_t user;                   // the owner of the packet's socket; kNoUser if the kernel reports none
+  uid_t user;                      // the owner of the packet's socket; kNoUser if the kernel reports none
   std::span<const uint8_t> bytes;  // at most 65531 bytes from the IP header on; valid during the handler's call
   size_t length;                   // of the whole packet, which may be longer than `bytes`
 };

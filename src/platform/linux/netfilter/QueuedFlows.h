@@ -129,8 +129,6 @@ class QueuedFlows {
   };
   using Flows = std::list<Flow>;  // sorted by the time of the last packet, the latest at the end
 
-  static constexpr auto kNoUser = static_cast<uid_t>(-1);
-
   static PacketVerdict verdictOf(const Flow& flow);
   void settleSocket(uint64_t cookie, PacketVerdict verdict);
   Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);

@@ -14,6 +14,7 @@
 
 #include "platform/Log.h"
 #include "platform/linux/base/ListEdits.h"
+#include "platform/linux/base/SocketAddress.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/proxy/ProxyConnection.h"
 #include "platform/linux/proxy/ProxyPlaces.h"
@@ -77,8 +78,6 @@ void raise_descriptor_limit() {
   limit.rlim_cur = std::max(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 6 * kProxyConnectionLimit));
   setrlimit(RLIMIT_NOFILE, &limit);
 }
-
-constexpr auto kNoUser = static_cast<uid_t>(-1);
 
 uid_t user_of_client(const Descriptor& client) {
   const auto ends = socket_ends(client.get());
