@@ -224,7 +224,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome)};
   });
-  if (const std::string warning = hiding_warning(look_at_browsers()); !warning.empty()) print_error(warning);
+  if (const std::string warning = browser_warning(gather_browser_facts()); !warning.empty()) print_error(warning);
   return code;
 }
 

@@ -61,7 +61,7 @@ std::string nearest_miss(const BlockList& list, const std::string& host) {
 std::string decision_text(const BlockList& list, const std::string& host, const Decision& decision, Verdict verdict,
                           Moment now) {
   if (decision.isBlocked())
-    return (verdict == Verdict::Blocked ? "blocked by the line " : "covered by the line ") +
+    return (verdict == Verdict::Blocked ? "blocked on ports 80 and 443 by the line " : "covered by the line ") +
            in_quotes(line_of(*decision.blocking));
   if (decision.blocking != nullptr)
     return "allowed by the exception " + in_quotes(line_of(*decision.exception)) + ", although the line " +
@@ -129,7 +129,8 @@ int try_host(const CommonOptions& options, const std::string& given) {
         "but other clients have edited what the extension holds, and the extension cannot list its names");
 
   if (verdict == Verdict::Blocked) {
-    if (std::string warning = hiding_warning(look_at_browsers()); !warning.empty()) reasons.push_back("but " + warning);
+    const std::string warning = browser_warning(gather_browser_facts());
+    if (!warning.empty()) reasons.push_back("but " + warning);
   }
 
   const VerdictName shown = name_of(verdict);

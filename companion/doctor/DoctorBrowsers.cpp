@@ -107,6 +107,24 @@ void examine_hidden_names(const UnitFacts& extension, std::vector<Finding>& find
   findings.push_back(std::move(finding));
 }
 
+void examine_browser(const BrowserFacts& facts, const BrowserList& list, std::vector<Finding>& findings) {
+  const InstalledBrowser& browser = facts.browser;
+  if (list.fault.empty() || browser.identifier.empty()) findings.push_back(examine_identity(browser, list));
+  if (browser.identifier.empty()) return;
+  if (browser.family == BrowserFamily::Other) {
+    findings.push_back({"encrypted-hello", browser.name, Result::Unknown, "cannot be checked in this browser",
+                        "switch it off in the browser's settings, if it can"});
+    return;
+  }
+  for (const FeatureCheck& check : kFeatureChecks) {
+    if (has_policy(browser.family, check.feature)) findings.push_back(examine_feature(facts, check));
+  }
+  for (const std::string& file : facts.policy.unreadable) {
+    findings.push_back({"policy", browser.name, Result::Warning, file + " is not a valid policy file",
+                        "correct or remove it: the browser may ignore it"});
+  }
+}
+
 }  // namespace
 
 void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
@@ -125,34 +143,20 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
   }
   findings.push_back(examine_http3(facts.passesHTTP3));
   examine_hidden_names(facts.extension, findings);
-  for (const BrowserFacts& browser : facts.browsers) {
-    if (list.fault.empty() || browser.browser.identifier.empty()) {
-      findings.push_back(examine_identity(browser.browser, list));
-    }
-    if (browser.browser.identifier.empty()) continue;
-    if (browser.browser.family == BrowserFamily::Other) {
-      findings.push_back({"encrypted-hello", browser.browser.name, Result::Unknown, "cannot be checked in this browser",
-                          "switch it off in the browser's settings, if it can"});
-      continue;
-    }
-    for (const FeatureCheck& check : kFeatureChecks) {
-      if (has_policy(browser.browser.family, check.feature)) findings.push_back(examine_feature(browser, check));
-    }
-    for (const std::string& file : browser.policy.unreadable) {
-      findings.push_back({"policy", browser.browser.name, Result::Warning, file + " is not a valid policy file",
-                          "correct or remove it: the browser may ignore it"});
-    }
-  }
+  for (const BrowserFacts& browser : facts.browsers) examine_browser(browser, list, findings);
 }
 
-std::string hiding_warning(const std::vector<BrowserFacts>& browsers) {
-  std::string names;
-  for (const BrowserFacts& facts : browsers) {
-    const bool hides = has_policy(facts.browser.family, HidingFeature::EncryptedHello) &&
-                       setting_of(facts, HidingFeature::EncryptedHello).value != "off";
-    if (hides && !facts.browser.identifier.empty()) names += (names.empty() ? "" : ", ") + facts.browser.name;
+std::string browser_warning(const Facts& facts) {
+  std::string places = facts.passesHTTP3 ? "every browser over HTTP/3" : "";
+  for (const BrowserFacts& browser : facts.browsers) {
+    if (browser.browser.identifier.empty()) continue;
+    std::vector<Finding> findings;
+    examine_browser(browser, facts.browserList, findings);
+    const bool isSound = std::all_of(findings.begin(), findings.end(),
+                                     [](const Finding& finding) { return finding.result == Result::Ok; });
+    if (!isSound) places += (places.empty() ? "" : ", ") + browser.browser.name;
   }
-  return names.empty() ? "" : "these browsers can hide the names of some sites: " + names + ": see orvanectl doctor";
+  return places.empty() ? "" : "blocked sites may still open in " + places + ": see orvanectl doctor";
 }
 
 }  // namespace orvane

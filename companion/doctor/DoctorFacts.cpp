@@ -209,8 +209,7 @@ std::string home_directory() {
   return user != nullptr ? user->pw_dir : "";
 }
 
-}  // namespace
-
+// The installed browsers, with the policies and the user's profiles.
 std::vector<BrowserFacts> look_at_browsers() {
   const std::string home = home_directory();
   std::vector<BrowserFacts> facts;
@@ -224,15 +223,26 @@ std::vector<BrowserFacts> look_at_browsers() {
   return facts;
 }
 
-Facts gather_facts(const Examination& examination) {
+}  // namespace
+
+Facts gather_browser_facts() {
   Facts facts;
+  look_at_processes(facts);
+  const std::string bundle = find_bundle(facts.process);
+  facts.browserList = read_browser_list(bundle);
+  facts.passesHTTP3 = passes_http3(bundle);
+  facts.browsers = look_at_browsers();
+  return facts;
+}
+
+Facts gather_facts(const Examination& examination) {
+  Facts facts = gather_browser_facts();
   facts.asRoot = ::geteuid() == 0;
   facts.extension = look_at_unit(kExtensionUnit);
   facts.keeper = look_at_unit(kKeeperUnit);
   facts.connection = look_at_connection(examination);
   facts.clients = control_clients(facts.connection.socket);
   facts.group = look_at_group();
-  look_at_processes(facts);
   facts.missingPrograms = missing_programs();
   facts.hasQueueTarget = has_queue_target();
   if (facts.asRoot && facts.missingPrograms.empty()) facts.rules = look_at_rules();
@@ -242,10 +252,6 @@ Facts gather_facts(const Examination& examination) {
   } catch (const FileError& error) {
     facts.listError = error.what();
   }
-  const std::string bundle = find_bundle(facts.process);
-  facts.browserList = read_browser_list(bundle);
-  facts.passesHTTP3 = passes_http3(bundle);
-  facts.browsers = look_at_browsers();
   return facts;
 }
 

@@ -129,15 +129,35 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
   }
 }
 
-TEST(Doctor, WarnsOfBrowsersThatHideNames) {
-  BrowserFacts safe = sound_machine().browsers.front(), shares = safe, hides = safe, missing = safe;
-  shares.policy.features[HidingFeature::SharedConnections] = {};
-  hides.policy.features[HidingFeature::EncryptedHello] = {};
-  hides.browser.name = "Hiding";
-  missing.policy = {};
-  missing.browser.identifier = "";
-  EXPECT_EQ(hiding_warning({safe, shares, missing}), "");
-  EXPECT_NE(hiding_warning({safe, hides}).find(": Hiding: "), std::string::npos);
+TEST(Doctor, WarnsOfBrowsersThatMayReachBlockedSites) {
+  using enum HidingFeature;
+  const struct {
+    const char *name, *places;
+    std::function<void(Facts&)> make;
+  } cases[] = {
+      {"a sound machine", "", [](Facts&) {}},
+      {"a browser without a program", "",
+       [](Facts& f) { f.browsers[0].browser.identifier = "", f.browsers[0].policy = {}; }},
+      {"an unreadable browser list", "",
+       [](Facts& f) {
+         f.browserList = {"/b", {}, "cannot be read"};
+       }},
+      {"encrypted hellos", "Firefox", [](Facts& f) { policy(f, EncryptedHello) = {}; }},
+      {"connections for several names", "Firefox", [](Facts& f) { policy(f, SharedConnections) = {}; }},
+      {"an unknown browser", "Firefox", [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }},
+      {"a browser of another family", "Firefox", [](Facts& f) { f.browsers[0].browser.family = BrowserFamily::Other; }},
+      {"HTTP/3 passes", "every browser over HTTP/3", [](Facts& f) { f.passesHTTP3 = true; }},
+      {"HTTP/3 passes and a browser is unknown", "every browser over HTTP/3, Firefox",
+       [](Facts& f) { f.passesHTTP3 = true, f.browserList.endings = {"lynx"}; }},
+  };
+  for (const auto& c : cases) {
+    Facts facts = sound_machine();
+    c.make(facts);
+    const std::string places = c.places;
+    EXPECT_EQ(browser_warning(facts),
+              places.empty() ? "" : "blocked sites may still open in " + places + ": see orvanectl doctor")
+        << c.name;
+  }
 }
 
 }  // namespace

@@ -215,11 +215,11 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
     EXPECT_NE(output.find(": " + verdict + "\n"), std::string::npos) << output;
     EXPECT_NE(output.find(reason), std::string::npos) << output;
   };
-  check("A.example.", "blocked", "blocked by the line \"a.example\"\n");
-  check("y.m.a.example", "blocked", "blocked by the line \"a.example\"\n");
+  check("A.example.", "blocked", "blocked on ports 80 and 443 by the line \"a.example\"\n");
+  check("y.m.a.example", "blocked", "by the line \"a.example\"\n");
   check("y.x.a.example", "not blocked", "allowed by the exception \"x.a.example allowed\"");
   check("www.b.example", "not blocked", "\"b.example only\" covers only this exact name: block it without --exact");
-  check("www.c.example", "blocked", "blocked by the line \"www.c.example only\"\n");
+  check("www.c.example", "blocked", "by the line \"www.c.example only\"\n");
   check("m.c.example", "not blocked", "suspended until 2999");
   check("d.example", "not blocked", "it is not on the list\n");
   state.sentVersion = "another";
