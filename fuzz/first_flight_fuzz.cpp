@@ -61,9 +61,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto payload = std::span(kContents).subspan(segment * 31 % 256, length);
     const uint32_t sequence = first + (at == 4 ? 0 : number(at) % 4096 - 512);
     const bool modelGoesOn = model.add(sequence, payload);
-    const bool goesOn = flight.add(sequence, payload);
-    if (goesOn && !modelGoesOn) std::abort();
-    if (!goesOn) return 0;  // the segment begins before the flight, or too many bytes follow a gap
+    const FirstFlight::Added added = flight.add(sequence, payload);
+    if (modelGoesOn == (added == FirstFlight::Added::Broken)) std::abort();
+    if (added != FirstFlight::Added::Yes) return 0;  // the segment begins before the flight, or finds no room
     seen.insert(seen.end(), flight.next().begin(), flight.next().end());
     if (seen.size() != model.ordered || seen.size() != flight.length()) std::abort();
   }

@@ -4,61 +4,69 @@
 
 namespace orvane {
 
-bool FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
+FirstFlight::Added FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   next_ = {};
-  if (broken_ || payload.empty()) return !broken_;
+  if (broken_) return Added::Broken;
+  if (payload.empty()) return Added::Yes;
   if (!begun_) begin_ = sequence;
   begun_ = true;
   // The distance is measured from the next expected byte, not from the first byte of the flight. So it fits into 32
   // bits even if the flight has more than 2^32 bytes.
   const auto expected = static_cast<uint32_t>(begin_ + length_);
-  const auto distance = static_cast<int32_t>(sequence - expected);
-  if (distance < 0 && static_cast<uint64_t>(-static_cast<int64_t>(distance)) > length_) {
-    broken_ = true;  // the segment begins before the flight
-    return false;
-  }
-  if (distance <= 0 && waiting_.empty()) {
-    const auto known = static_cast<size_t>(-static_cast<int64_t>(distance));
-    next_ = payload.subspan(std::min(known, payload.size()));
-    length_ += next_.size();
-    return true;
-  }
-  keep(length_ + static_cast<uint64_t>(static_cast<int64_t>(distance)), payload);
-  joined_.clear();
-  while (!waiting_.empty() && waiting_.begin()->first == length_) {
-    const std::vector<uint8_t>& piece = waiting_.begin()->second;
-    joined_.insert(joined_.end(), piece.begin(), piece.end());
-    length_ += piece.size();
-    waitingBytes_ -= piece.size();
-    waiting_.erase(waiting_.begin());
-  }
-  next_ = joined_;
-  broken_ = waitingBytes_ > kBytesLimit || waiting_.size() > kPiecesLimit;
-  if (broken_) waiting_.clear();
-  return !broken_;
+  const int64_t distance = static_cast<int32_t>(sequence - expected);
+  const auto known = static_cast<uint64_t>(std::max<int64_t>(-distance, 0));
+  broken_ = known > length_;
+  if (broken_) return Added::Broken;
+  if (known > 0) payload = payload.subspan(std::min<uint64_t>(known, payload.size()));
+  if (distance > 0 || !pieces_.empty()) return addPiece(length_ + static_cast<uint64_t>(distance) + known, payload);
+  stored_ = {};
+  next_ = payload;
+  length_ += payload.size();
+  return Added::Yes;
 }
 
-// Stores the new bytes of a segment: those that are neither in the flight nor in a stored piece. `offset` is the
-// distance from the start of the flight to the start of the payload.
-void FirstFlight::keep(uint64_t offset, std::span<const uint8_t> payload) {
-  const uint64_t end = offset + payload.size();
-  uint64_t at = std::max(offset, length_);
-  auto piece = waiting_.upper_bound(at);
-  if (piece != waiting_.begin()) {
-    const auto& [start, before] = *std::prev(piece);
-    at = std::max(at, start + before.size());
+// Adds a segment that has a gap before it, or before which pieces are stored. `offset` is the segment's begin in the
+// flight. Stores only bytes that are not stored yet, and merges all pieces that overlap or touch the segment.
+FirstFlight::Added FirstFlight::addPiece(uint64_t offset, std::span<const uint8_t> payload) {
+  Piece merged{offset, offset + payload.size()};
+  if (merged.end - length_ > kBytesLimit) return Added::Full;
+  const auto first = std::ranges::lower_bound(pieces_, merged.begin, {}, &Piece::end);
+  const auto last = std::ranges::upper_bound(first, pieces_.end(), merged.end, {}, &Piece::begin);
+  if (first == last && offset > length_ && pieces_.size() == kPiecesLimit) return Added::Full;
+
+  // Bytes that next() has returned are removed only when they are the greater part: each removal moves the rest.
+  const auto returned = static_cast<size_t>(length_ - storedFrom_);
+  if (pieces_.empty() || returned > stored_.size() / 2) {
+    stored_.erase(stored_.begin(), stored_.begin() + static_cast<ptrdiff_t>(std::min(returned, stored_.size())));
+    storedFrom_ = length_;
   }
-  while (at < end) {
-    const uint64_t stop = piece == waiting_.end() ? end : std::min(end, piece->first);
-    if (stop > at) {
-      auto part = payload.subspan(at - offset, stop - at);
-      waiting_.emplace_hint(piece, at, std::vector<uint8_t>(part.begin(), part.end()));
-      waitingBytes_ += part.size();
-    }
-    if (piece == waiting_.end()) break;
-    at = piece->first + piece->second.size();
-    ++piece;
+  const auto needed = static_cast<size_t>(merged.end - storedFrom_);
+  if (stored_.size() < needed) stored_.resize(needed);
+  auto store = [&](uint64_t from, uint64_t to) {
+    if (from >= to) return;
+    const auto bytes = payload.subspan(from - offset, to - from);
+    std::ranges::copy(bytes, stored_.begin() + static_cast<ptrdiff_t>(from - storedFrom_));
+  };
+  uint64_t at = offset;
+  for (auto piece = first; piece != last; ++piece) {
+    store(at, piece->begin);
+    at = piece->end;
   }
+  store(at, merged.end);
+  if (first != last) merged = {std::min(merged.begin, first->begin), std::max(merged.end, at)};
+  pieces_.insert(pieces_.erase(first, last), merged);
+
+  if (merged.begin > length_) return Added::Yes;
+  next_ = std::span(stored_).subspan(length_ - storedFrom_, merged.end - length_);
+  length_ = merged.end;
+  pieces_.erase(pieces_.begin());
+  return Added::Yes;
+}
+
+void FirstFlight::forgetStored() {
+  next_ = {};
+  pieces_.clear();
+  stored_ = {};
 }
 
 }  // namespace orvane

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <span>
 #include <vector>
 
@@ -16,8 +15,8 @@ namespace orvane {
 // Not thread-safe: a connection belongs to one queue thread.
 class FirstFlight {
  public:
-  // Limits on the stored bytes, and on the stored pieces (runs of bytes without a gap). Real connections stay below the
-  // limits, because few of their first segments are lost.
+  // Limits on the distance from the first gap to the end of the stored bytes, and on the stored pieces (runs of bytes
+  // without a gap). Real connections stay below the limits, because few of their first segments are lost.
   static constexpr size_t kBytesLimit = size_t{256} << 10;
   static constexpr size_t kPiecesLimit = 64;
 
@@ -26,27 +25,42 @@ class FirstFlight {
   // The flight starts at this sequence number.
   explicit FirstFlight(uint32_t begin) : begun_(true), begin_(begin) {}
 
-  // Adds a segment at its sequence number (numbers wrap at 2^32). Returns false when the flight cannot continue: more
-  // bytes or pieces would be stored than the limits allow, or the segment begins before the flight. After that every
-  // call returns false. A segment without payload is ignored, even if it is added first.
-  bool add(uint32_t sequence, std::span<const uint8_t> payload);
+  enum class Added {
+    Yes,
+    Full,    // a limit left no room, and no byte of the segment was added; its sender must send it again
+    Broken,  // this segment, or an earlier one, begins before the flight, so the flight cannot continue
+  };
 
-  // The bytes that the last add() put in order; they follow the bytes of the earlier calls. Valid until the next add(),
-  // and only while the payload of the last add() is valid.
+  // Adds a segment at its sequence number (numbers wrap at 2^32). A segment without payload is ignored, even if it is
+  // added first.
+  Added add(uint32_t sequence, std::span<const uint8_t> payload);
+
+  // The bytes that the last add() put in order; they follow the bytes of the earlier calls. Valid until the next add()
+  // or forgetStored(), and only while the payload of the last add() is valid.
   std::span<const uint8_t> next() const { return next_; }
 
   // The number of bytes in order so far, with those of next().
   uint64_t length() const { return length_; }
 
+  // The memory for the bytes after gaps.
+  size_t storedBytes() const { return stored_.capacity(); }
+
+  // Frees this memory. The forgotten bytes must be added again.
+  void forgetStored();
+
  private:
-  void keep(uint64_t offset, std::span<const uint8_t> payload);
+  struct Piece {
+    uint64_t begin, end;  // offsets in the flight
+  };
+
+  Added addPiece(uint64_t offset, std::span<const uint8_t> payload);
 
   bool begun_ = false, broken_ = false;
   uint32_t begin_ = 0;  // the sequence number of the first byte
   uint64_t length_ = 0;
-  size_t waitingBytes_ = 0;
-  std::map<uint64_t, std::vector<uint8_t>> waiting_;  // the stored pieces, by offset; they do not overlap
-  std::vector<uint8_t> joined_;                       // storage for next_, if its bytes are not all in the payload
+  std::vector<Piece> pieces_;    // sorted; there is a gap before each
+  std::vector<uint8_t> stored_;  // the bytes of the pieces, and room for the bytes of the gaps
+  uint64_t storedFrom_ = 0;      // the offset in the flight of the first byte in stored_
   std::span<const uint8_t> next_;
 };
 

@@ -101,7 +101,8 @@ std::optional<QuicInitialReader::Header> QuicInitialReader::parseHeader(Bytes by
 QuicInitialReader::State QuicInitialReader::read(Bytes datagram) {
   isReadable_ = false;
   if (state_ != State::Open) return state_;
-  bool hasInitial = false, hasOther = false, mayPrecedeHello = false;
+  bool hasOther = false, mayPrecedeHello = false;
+  NewKeys newKeys;
   while (!datagram.empty() && state_ == State::Open) {
     if (datagram.front() == 0) {  // a client may fill a datagram up with zeros, which are no packet
       datagram = datagram.subspan(1);
@@ -110,38 +111,38 @@ QuicInitialReader::State QuicInitialReader::read(Bytes datagram) {
     const auto header = parseHeader(datagram);
     const Bytes packet = datagram.first(header ? header->length : datagram.size());
     datagram = datagram.subspan(packet.size());
-    const auto frames = header && header->type == Header::Type::Initial ? open(*header, packet) : std::nullopt;
-    if (frames && readFrames(*frames)) {
-      hasInitial = true;
-    } else {
-      hasOther = true;
-      mayPrecedeHello =
-          mayPrecedeHello ||
-          (header && (header->type == Header::Type::ZeroRTT || header->type == Header::Type::UnknownVersion));
-    }
+    const auto frames = header && header->type == Header::Type::Initial ? open(*header, packet, newKeys) : std::nullopt;
+    if (frames && readFrames(*frames)) continue;
+    hasOther = true;
+    mayPrecedeHello =
+        mayPrecedeHello ||
+        (header && (header->type == Header::Type::ZeroRTT || header->type == Header::Type::UnknownVersion));
   }
-  hasBegun_ = hasBegun_ || hasInitial;
   isReadable_ = !hasOther;
-  if (state_ == State::Open && !hasBegun_ && !mayPrecedeHello) state_ = State::Unknown;
+  if (state_ == State::Open && !keys_ && !mayPrecedeHello) state_ = State::Unknown;
   return state_;
 }
 
 bool QuicInitialReader::beginsOtherConnection(Bytes datagram, Bytes known) {
   const auto header = parseHeader(datagram);
   if (!header || header->type != Header::Type::Initial || std::ranges::equal(header->destination, known)) return false;
-  return QuicInitialReader().open(*header, datagram.first(header->length)).has_value();
+  NewKeys newKeys;
+  return QuicInitialReader().open(*header, datagram.first(header->length), newKeys).has_value();
 }
 
 // Decrypts an Initial packet. In later packets of a connection, the connection ID is the server's choice, and the keys
-// do not come from this ID. So the function first tries the keys that opened an earlier packet.
-std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header, Bytes packet) {
+// do not come from this ID. So the function first tries the keys that opened an earlier packet. New keys are derived
+// only once for each datagram, because that takes long: all packets of a datagram must have the same connection ID (RFC
+// 9000, section 12.2).
+std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header, Bytes packet, NewKeys& newKeys) {
   if (keys_) {
     if (auto frames = keys_->open(packet, header.numberOffset)) return frames;
   }
-  auto keys = QuicKeys::derive(header.version, header.destination);
-  auto frames = keys ? keys->open(packet, header.numberOffset) : std::nullopt;
+  if (!newKeys.destination) newKeys = {header.destination, QuicKeys::derive(header.version, header.destination)};
+  if (!newKeys.keys || !std::ranges::equal(*newKeys.destination, header.destination)) return std::nullopt;
+  auto frames = newKeys.keys->open(packet, header.numberOffset);
   if (frames) {
-    keys_ = keys;
+    keys_ = newKeys.keys;
     connectionID_.assign(header.destination.begin(), header.destination.end());
     handshake_ = FirstFlight(0);
     hello_ = ServerNameReader();
@@ -150,9 +151,11 @@ std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header
 }
 
 // Reads the frames of an Initial packet, and in them the next bytes of the hello. Returns false if a frame is
-// malformed, or if its type is not allowed in Initial packets (RFC 9000, section 12.4).
+// malformed, if its type is not allowed in Initial packets (RFC 9000, section 12.4), or if its bytes are beyond a
+// limit.
 bool QuicInitialReader::readFrames(Bytes frames) {
   Fields fields{frames};
+  bool isWhole = true;
   while (fields.isComplete && !fields.rest.empty() && state_ == State::Open) {
     const auto type = static_cast<uint8_t>(fields.number(1));
     switch (type) {
@@ -167,11 +170,10 @@ bool QuicInitialReader::readFrames(Bytes frames) {
         const uint64_t offset = fields.variable();
         const Bytes bytes = fields.bytes(fields.variable());
         if (!fields.isComplete) break;
-        if (offset + bytes.size() > kLimit || !handshake_.add(static_cast<uint32_t>(offset), bytes)) {
-          state_ = State::Unknown;
-        } else {
-          state_ = hello_.readHandshake(handshake_.next());
-        }
+        const bool isAdded = offset + bytes.size() <= kLimit &&
+                             handshake_.add(static_cast<uint32_t>(offset), bytes) == FirstFlight::Added::Yes;
+        if (isAdded) state_ = hello_.readHandshake(handshake_.next());
+        isWhole = isWhole && isAdded;
         break;
       }
       case ConnectionClose:
@@ -182,7 +184,7 @@ bool QuicInitialReader::readFrames(Bytes frames) {
         return false;
     }
   }
-  return fields.isComplete;
+  return fields.isComplete && isWhole;
 }
 
 }  // namespace orvane

@@ -23,10 +23,10 @@ namespace orvane {
 class QuicInitialReader {
  public:
   // Unknown: the datagram belongs to another protocol, or to a QUIC connection whose first packets were not read; or
-  // the hello is malformed, has no name or is too long.
+  // the hello is malformed or has no name.
   using State = NameState;
 
-  // Limit on the bytes of the hello that are read.
+  // Limit on the bytes of the hello that are read. A datagram with bytes beyond it is not readable.
   static constexpr size_t kLimit = ClientHelloReader::kLimit;
 
   // Reads the next datagram from the client.
@@ -45,11 +45,16 @@ class QuicInitialReader {
 
   // Whether the last datagram consisted only of Initial packets that were read. Such a datagram contains no part of a
   // request. False if the datagram has other packets, such as 0-RTT packets (requests that a client may send together
-  // with its hello), packets of an unknown version of QUIC, or packets that a client sends after its hello.
+  // with its hello), packets of an unknown version of QUIC, or packets that a client sends after its hello. Also false
+  // if a piece of the hello was not stored, because it is beyond a limit.
   bool isReadable() const { return isReadable_; }
 
   // The number of bytes of the hello that have arrived so far, up to the first gap.
   uint64_t length() const { return handshake_.length(); }
+
+  // As in FirstFlight, for the pieces of the hello.
+  size_t storedBytes() const { return handshake_.storedBytes(); }
+  void forgetStored() { handshake_.forgetStored(); }
 
   // The reader of the hello. Its name() is the server name.
   const ServerNameReader& hello() const { return hello_; }
@@ -58,13 +63,18 @@ class QuicInitialReader {
   struct Header;
   static std::optional<Header> parseHeader(std::span<const uint8_t> bytes);
 
-  std::optional<std::vector<uint8_t>> open(const Header& header, std::span<const uint8_t> packet);
+  // The keys that come from the connection ID of a datagram's first Initial packet.
+  struct NewKeys {
+    std::optional<std::span<const uint8_t>> destination;  // nothing before the keys are derived
+    std::optional<QuicKeys> keys;                         // nothing if they cannot be derived
+  };
+
+  std::optional<std::vector<uint8_t>> open(const Header& header, std::span<const uint8_t> packet, NewKeys& newKeys);
   bool readFrames(std::span<const uint8_t> frames);
 
   State state_ = State::Open;
-  bool hasBegun_ = false;  // an Initial packet was read
   bool isReadable_ = false;
-  std::optional<QuicKeys> keys_;
+  std::optional<QuicKeys> keys_;  // nothing before an Initial packet was opened
   std::vector<uint8_t> connectionID_;
   FirstFlight handshake_{0};
   ServerNameReader hello_;

@@ -3,6 +3,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <utility>
+
 #include "platform/linux/flow/FlowCounters.h"
 
 namespace orvane {
@@ -62,7 +65,7 @@ PacketVerdict QueuedFlows::judgeInbound(const Packet& packet, bool hasConnection
   if (flow->open != nullptr) {
     FilterSession& session = flow->open->session;
     if (session.state() == FilterSession::State::New) session.newFlow(flow->open->flight.length());
-    if (openOfUser_[flow->user] > kOpenLimit) session.refuse();
+    if (isBeyondLimit(*flow)) session.refuse();
     keep(flow, now);
   }
   return verdictOf(*flow);
@@ -102,15 +105,55 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
   const FilterSession::State state = flow->open->session.state();
   if (state == FilterSession::State::New || state == FilterSession::State::Examining) {
     open_.splice(open_.end(), open_, flow);
+    limitStored(*flow);
     return;
   }
   if (state == FilterSession::State::Allowed) noteAllowed(*flow, *flow->open->flow);
   if (state == FilterSession::State::Dropped) flow->isDropped = true;
   if (flow->open->quic != nullptr) flow->connectionID = flow->open->quic->connectionID();
-  flow->open.reset();
+  close(*flow);
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
-  if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
+}
+
+// Forgets what is known about an open flow.
+void QueuedFlows::close(Flow& flow) {
+  setStored(flow, 0);
+  flow.open.reset();
+  if (--users_[flow.user].flows == 0) users_.erase(flow.user);
+}
+
+void QueuedFlows::setStored(Flow& flow, size_t bytes) {
+  const size_t before = std::exchange(flow.open->stored, bytes);
+  stored_ += bytes - before;
+  users_[flow.user].stored += bytes - before;
+}
+
+// Counts the bytes that the flow stores. If a limit is then exceeded, forgets half of what a user has stored: so the
+// search for flows with stored bytes is rare.
+void QueuedFlows::limitStored(Flow& flow) {
+  const Examination& open = *flow.open;
+  setStored(flow, open.flight.storedBytes() + (open.quic == nullptr ? 0 : open.quic->storedBytes()));
+  auto user = users_.find(flow.user);
+  if (user->second.stored <= kStoredLimitOfUser && stored_ <= kStoredLimit) return;
+  if (stored_ > kStoredLimit) {
+    user = std::ranges::max_element(users_, {}, [](const auto& each) { return each.second.stored; });
+  }
+  const size_t enough = user->second.stored / 2;
+  for (auto oldest = open_.begin(); user->second.stored > enough; ++oldest) {
+    if (oldest->user != user->first || oldest->open->stored == 0) continue;
+    oldest->open->flight.forgetStored();
+    if (oldest->open->quic != nullptr) oldest->open->quic->forgetStored();
+    oldest->open->hasLostBytes = true;
+    setStored(*oldest, 0);
+  }
+}
+
+// Whether an open flow may not go on without a name.
+bool QueuedFlows::isBeyondLimit(const Flow& flow) const {
+  const size_t ofUser = users_.at(flow.user).flows;
+  return flow.open->hasLostBytes || ofUser > kOpenLimitOfUser ||
+         (open_.size() > kOpenLimit && ofUser > kOpenLimit / users_.size());
 }
 
 void QueuedFlows::noteAllowed(const Flow& flow, const LinuxSocketFlow& shown) {
@@ -148,7 +191,7 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, c
     int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
     auto shown = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
     made.open = std::make_unique<Examination>(shown, provider_);
-    ++openOfUser_[made.user];
+    ++users_[made.user].flows;
   }
   return flows_.emplace(ends, std::prev(flows.end())).first->second;
 }
@@ -159,7 +202,7 @@ void QueuedFlows::erase(Flows::iterator flow) {
     settled_.erase(flow);
     return;
   }
-  if (--openOfUser_[flow->user] == 0) openOfUser_.erase(flow->user);
+  close(*flow);
   open_.erase(flow);
 }
 
@@ -179,7 +222,9 @@ bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& pac
   }
   bool isLast = ends;
   if (stream && !bytes.empty()) {
-    isLast = !open.flight.add(packet.sequence, bytes) || isLast;
+    const FirstFlight::Added added = open.flight.add(packet.sequence, bytes);
+    open.isHeld = added == FirstFlight::Added::Full;
+    isLast = added == FirstFlight::Added::Broken || isLast;
     bytes = open.flight.next();
   }
   // A DNS flow contains no server name; the provider itself reads the DNS question. In all other flows, the name is
@@ -203,11 +248,13 @@ bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const 
   if (!stream && open.quic == nullptr) open.quic = std::make_unique<QuicInitialReader>();
   const NameState before = stream ? open.name.state() : open.quic->state();
   const NameState state = stream ? open.name.read(bytes) : open.quic->read(bytes);
-  open.isHeld = state == NameState::Open && !stream && !open.quic->isReadable();
+  if (!stream) open.isHeld = state == NameState::Open && !open.quic->isReadable();
   if (state == NameState::Open && !isLast) {
-    const bool isBeyondLimit = openOfUser_[flow.user] > kOpenLimit;
-    if ((isBeyondLimit || open.isHeld) && open.session.state() == FilterSession::State::New) open.session.newFlow();
-    if (isBeyondLimit) open.session.refuse();
+    const bool isRefused = isBeyondLimit(flow);
+    if ((isRefused || open.isHeld) && open.session.state() == FilterSession::State::New) {
+      open.session.newFlow(open.flight.length());
+    }
+    if (isRefused) open.session.refuse();
     return false;
   }
   if (before != NameState::Open) return true;  // an earlier packet made the state Known or Unknown

@@ -39,10 +39,13 @@ enum class PacketVerdict {
 // are no browsers are allowed at once. A datagram that begins another QUIC connection begins a new flow: a program may
 // use the addresses and ports of an earlier connection again.
 //
-// The number of open flows is limited for each user separately, so no user can use up the limit of another. A flow
-// beyond the limit is shown to the provider at once, without a name. If the provider then asks for data, the program is
-// a browser, and the flow is dropped: if the flow were forgotten instead, it would pass. A real browser has too few
-// connections to reach the limit.
+// The open flows of a user are limited in their number, and in the bytes that they store because bytes before them have
+// not arrived. All users together have such limits, too, so that somebody with many user ids cannot fill the memory;
+// beyond those, only the users with the most are limited. A flow beyond the limit on the number is shown to the
+// provider at once, without a name. If the provider then asks for data, the program is a browser, and the flow is
+// dropped: if the flow were forgotten instead, it would pass. At the limit on the bytes, the user's flows that have had
+// no packet for the longest time lose their stored bytes, and are treated in the same way at their next packets. A real
+// browser reaches neither limit.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -94,8 +97,10 @@ class QueuedFlows {
 
   size_t size() const { return flows_.size(); }
 
-  // The limit on the open flows of one user.
-  static constexpr size_t kOpenLimit = 4096;
+  // Limits on the open flows. When all users together exceed theirs, no user may have more than an equal share.
+  static constexpr size_t kOpenLimit = 65536, kOpenLimitOfUser = 4096;
+  // Limits on the bytes that open flows store.
+  static constexpr size_t kStoredLimit = size_t{64} << 20, kStoredLimitOfUser = size_t{16} << 20;
   static constexpr size_t kSocketsLimit = 16384;
 
  private:
@@ -109,7 +114,9 @@ class QueuedFlows {
     FirstFlight flight;
     ServerNameReader name;                    // TCP only
     std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram
-    bool isHeld = false;                      // whether the last datagram must not pass before the verdict
+    bool isHeld = false;                      // whether the last packet must not pass before the verdict
+    size_t stored = 0;                        // the bytes that the flow stores; counted in User::stored
+    bool hasLostBytes = false;                // whether stored bytes were forgotten
   };
 
   struct Flow {
@@ -127,6 +134,9 @@ class QueuedFlows {
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes
   };
+  struct User {
+    size_t flows = 0, stored = 0;  // the open flows, and the bytes that they store
+  };
   using Flows = std::list<Flow>;  // sorted by the time of the last packet, the latest at the end
 
   static PacketVerdict verdictOf(const Flow& flow);
@@ -134,6 +144,10 @@ class QueuedFlows {
   Flows::iterator findOrCreate(const SocketPair& ends, const std::optional<SocketFacts>& socket, Clock::time_point now);
   static bool beginsOtherConnection(const Flow& flow, const Packet& packet);
   void keep(Flows::iterator flow, Clock::time_point now);
+  void close(Flow& flow);
+  void setStored(Flow& flow, size_t bytes);
+  void limitStored(Flow& flow);
+  bool isBeyondLimit(const Flow& flow) const;
   void noteAllowed(const Flow& flow, const LinuxSocketFlow& shown);
   void erase(Flows::iterator flow);
   bool examine(const Flow& flow, Examination& open, const Packet& packet);
@@ -147,7 +161,8 @@ class QueuedFlows {
   uint64_t generation_ = 0;
   bool isLooping_ = false;
   Flows open_, settled_;
-  std::unordered_map<uid_t, size_t> openOfUser_;
+  std::unordered_map<uid_t, User> users_;                       // those who have open flows
+  size_t stored_ = 0;                                           // the bytes that all open flows store
   std::unordered_map<uint64_t, PacketVerdict> settledSockets_;  // TCP sockets, by cookie
   std::deque<uint64_t> settledByAge_;                           // the same cookies, the oldest first
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;

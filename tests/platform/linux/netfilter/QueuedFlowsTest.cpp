@@ -144,15 +144,61 @@ TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
     owners.socket = SocketFacts{number + 1, 2, user};
     Packet begin = packet("GET", 0);
     begin.ends.local.port = static_cast<uint16_t>(number);
-    begin.ends.remote.port = user == 1 ? 443 : 80;
+    begin.ends.remote.port = static_cast<uint16_t>(80 + user);
     return flows.judge(begin);
   };
   provider->newFlow = kExamine;
-  for (size_t number = 0; number < QueuedFlows::kOpenLimit; ++number) EXPECT_EQ(open(number, 1), Open);
-  EXPECT_EQ(open(QueuedFlows::kOpenLimit, 1), Dropped) << "one more, of a browser";
+  for (size_t number = 0; number < QueuedFlows::kOpenLimitOfUser; ++number) EXPECT_EQ(open(number, 1), Open);
+  EXPECT_EQ(open(QueuedFlows::kOpenLimitOfUser, 1), Dropped) << "one more, of a browser";
   EXPECT_EQ(open(0, 2), Open) << "another user's";
+  for (size_t number = QueuedFlows::kOpenLimitOfUser + 1; number < QueuedFlows::kOpenLimit; ++number) {
+    EXPECT_EQ(open(number, 3 + static_cast<uid_t>(number % 16)), Open);
+  }
+  EXPECT_EQ(open(QueuedFlows::kOpenLimit - 1, 2), Open) << "one more than all may have, of a user with few";
+  EXPECT_EQ(open(1, 1), Dropped) << "of a user with more than an equal share";
   provider->newFlow = kAllow;
-  EXPECT_EQ(open(QueuedFlows::kOpenLimit + 1, 1), Allowed) << "one more, of another program";
+  EXPECT_EQ(open(QueuedFlows::kOpenLimitOfUser + 1, 1), Allowed) << "one more, of another program";
+}
+
+TEST_F(QueuedFlowsTest, BoundsTheBytesThatOpenFlowsStore) {
+  const std::string large(FirstFlight::kBytesLimit - kRequest.size(), 'x');
+  auto send = [&](size_t number, uid_t user, std::string_view payload, uint32_t sequence) {
+    owners.socket = SocketFacts{number + 1000 * user, 2, user};
+    Packet part = packet(payload, sequence);
+    part.ends.local.port = static_cast<uint16_t>(number);
+    part.ends.remote.port = static_cast<uint16_t>(80 + user);
+    return flows.judge(part);
+  };
+  auto store = [&](size_t number, uid_t user) {
+    EXPECT_EQ(send(number, user, kRequest.substr(0, 5), 0), Open);
+    EXPECT_EQ(send(number, user, large, static_cast<uint32_t>(kRequest.size())), Open);
+  };
+  auto goOn = [&](size_t number, uid_t user) { return send(number, user, kRequest.substr(5, 5), 5); };
+  const size_t count = QueuedFlows::kStoredLimitOfUser / large.size() + 1;
+  provider->newFlow = kExamine;
+  store(0, 2);
+  for (size_t number = 0; number < count; ++number) store(number, 1);
+  EXPECT_EQ(goOn(0, 1), Dropped) << "the user's oldest flow";
+  EXPECT_EQ(goOn(count - 1, 1), Open) << "the user's latest flow";
+  provider->newFlow = kAllow;
+  EXPECT_EQ(goOn(1, 1), Allowed) << "another program's";
+  provider->newFlow = kExamine;
+  size_t dropped = 0;
+  for (uid_t user = 3; user < 8; ++user) {
+    for (size_t number = 0; number < count - 2; ++number) store(number, user);
+  }
+  for (uid_t user = 3; user < 8; ++user) dropped += goOn(0, user) == Dropped ? 1 : 0;
+  EXPECT_GT(dropped, 0U) << "all users exceed their limit";
+  EXPECT_EQ(goOn(0, 2), Open) << "a user who stores little";
+}
+
+TEST_F(QueuedFlowsTest, HoldsASegmentThatFindsNoRoom) {
+  provider->newFlow = kExamine;
+  const std::string_view rest = kRequest.substr(5);
+  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 5), 0)), Open);
+  EXPECT_EQ(flows.judge(packet("far", FirstFlight::kBytesLimit + 5)), Held);
+  EXPECT_EQ(flows.judge(packet(rest, 5)), Allowed);
+  EXPECT_EQ(calls(), "new -; data 5 a.example; ");
 }
 
 TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
