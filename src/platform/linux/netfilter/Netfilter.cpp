@@ -246,7 +246,7 @@ void Netfilter::Queue::handleNext() {
     dropUnjudged(packet->queued);
   } else {
     handle(packet->queued, start);
-    flows.recordAllowed();
+    flows.recordAllowed(start);
   }
   backlog.charge(PacketBacklog::Clock::now() - start);
 }

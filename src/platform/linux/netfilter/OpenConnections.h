@@ -60,9 +60,8 @@ class OpenConnections {
   // checked longest ago. No later edit ends the forgotten connection.
   void add(OpenConnection connection);
 
-  // Removes some connections whose sockets were closed. Call it when no packet waits, because each check takes some
-  // microseconds. One call makes at most kChecksAtOnce checks, and none within kCheckInterval after the previous
-  // checks.
+  // Removes some connections whose sockets were closed. Call it often: each check takes some microseconds, so one call
+  // makes at most kChecksAtOnce checks, and none within kCheckInterval after the previous checks.
   void removeEnded(Clock::time_point now);
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
