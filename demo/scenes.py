@@ -50,8 +50,8 @@ class _Stage:
         except subprocess.TimeoutExpired as expired:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # If the URL has a port, the provider's rules do not cover the connection to that port. So the proxy gives the
-        # provider no flow. The kernel gives the provider one flow: the DNS question for the host.
+        # If the URL has a port, the provider's rules do not cover the connection to that port. So the provider gets no
+        # flow if the flows come from the proxy. If they come from the kernel, it gets the DNS question for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None

@@ -36,8 +36,8 @@ inline std::string expand(const std::string& secret, const std::string& label, s
   return output;
 }
 
-// Makes the long-header packets of a QUIC client (RFC 9000), also those in corpus/quic_initial that have no browser's
-// name. Derives the keys without QuicKeys, so that an error of QuicKeys shows.
+// Makes the long-header packets of a QUIC client (RFC 9000). Most files in corpus/quic_initial whose names do not begin
+// with chromium_ or firefox_ were made with it. Derives the keys without QuicKeys, so that an error of QuicKeys shows.
 struct QuicClient {
   std::string keyID = "firstdst";  // the connection ID from which the keys come
   uint64_t number = 0;             // of the next packet

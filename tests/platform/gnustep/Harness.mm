@@ -22,7 +22,8 @@ Ref<NSError> stand_in::error_named(const std::string& name) {
 
 namespace {
 
-// The number of live objects, by class. Of Objective-C's classes, counts only objects made since counting began.
+// The number of live objects of each class. An object of an Objective-C class counts only if it was made after counting
+// began.
 using Counts = std::map<std::string, int>;
 
 Counts live_objects() {
