@@ -4,6 +4,7 @@ import collections
 import contextlib
 import pathlib
 import socket
+import time
 
 from attackers import flood
 from browsers import Browser, ChromiumWithHTTP3, FirefoxWithHTTP3
@@ -105,16 +106,34 @@ def JudgesVersion2(world: World):
 
 def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
     first, second = _recorded()
-    with world.extension(PYTHON) as extension:
-        for count, family in enumerate(FAMILIES, 1):
-            extension.hold(NEWS)
-            with _Server(family) as server, server.client() as connection:
-                _send(connection, first, second, b"@later")
-                check(server.received(), [first, second, b"@later"], f"before the edit {family}")
-                extension.control("add", HELD).check_returncode()
-                wait_until(lambda count=count: extension.counters()["ended"] == count, "the conversation has ended", 10)
-                failed = _send(connection, b"@after", b"@after")
-                check((failed, server.received()), (True, []), f"after the edit {family}")
+    timeout = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_udp_timeout")
+    for name, server_begins, is_forgotten in (
+        ("a conversation that the browser began", False, False),
+        ("a conversation that the server began", True, False),
+        ("a conversation that connection tracking forgot", False, True),
+    ):
+        with world.extension(PYTHON) as extension:
+            for count, family in enumerate(FAMILIES, 1):
+                extension.hold(NEWS)
+                timeout.write_text("1" if is_forgotten else "30")  # in seconds
+                with _Server(family) as server, server.client() as connection, server.client() as moved:
+                    if server_begins:
+                        server.socket.sendto(b"early", connection.getsockname())
+                        check(connection.recv(10), b"early", f"the server's datagram, {name} {family}")
+                    _send(connection, first, second, b"@later")
+                    check(server.received(), [first, second, b"@later"], f"before the edit, {name} {family}")
+                    if is_forgotten:
+                        time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
+                    timeout.write_text("30")
+                    extension.control("add", HELD).check_returncode()
+                    wait_until(lambda count=count: extension.counters()["ended"] == count, f"{name} has ended", 10)
+                    examined = extension.counters()["packets"]
+                    failed = _send(connection, b"@after", b"@after")
+                    check((failed, server.received()), (True, []), f"after the edit, {name} {family}")
+                    check(extension.counters()["packets"] - examined, 0, f"datagrams that were examined, {name}")
+                    _send(moved, b"@moved")
+                    check(server.received(), [], f"from another port, {name} {family}")
+                    check(_send(moved, b"@moved", b"@moved"), True, f"the kernel rejects it, {name} {family}")
 
 
 def JudgesANewConnectionOnThePortsOfAnAllowedOne(world: World):

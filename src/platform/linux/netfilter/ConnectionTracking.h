@@ -19,8 +19,9 @@ class ConnectionTracking {
   // Needs CAP_NET_ADMIN. Returns an error if the kernel cannot change marks.
   std::optional<std::string> open();
 
-  // Changes the mark of the connection that was opened from `pair.local` to `pair.remote`: the bits of `mask` get their
-  // values from `mark`. Returns 0, ENOENT if the kernel does not track this connection, or another errno.
+  // Changes the mark of the connection between `pair.local` and `pair.remote`, whichever side opened it: the bits of
+  // `mask` get their values from `mark`. Returns 0, ENOENT if the kernel does not track this connection, or another
+  // errno.
   int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask);
 
   // The same, but if the kernel does not track the connection, adds it with the mark `mark`. The kernel removes the

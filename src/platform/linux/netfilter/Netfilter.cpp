@@ -323,9 +323,11 @@ void Netfilter::Queue::reviewConnections() {
 void Netfilter::Queue::end(const OpenConnection& connection) {
   flows.drop(connection);
   flow_counters().ended.fetch_add(1, std::memory_order_relaxed);
-  const int error = tracking->setMark(connection.pair, kMarkDropped, kMarkMask);
-  // If connection tracking has forgotten the connection, flows.drop() has done what is needed.
-  if (error == 0 || error == ENOENT) return;
+  const bool isUDP = connection.pair.protocol == IPPROTO_UDP;
+  const int error = isUDP ? tracking->addWithMark(connection.pair, kMarkDropped, kMarkMask, kDroppedLifetime)
+                          : tracking->setMark(connection.pair, kMarkDropped, kMarkMask);
+  // If connection tracking has forgotten a TCP connection, flows.drop() has done what is needed.
+  if (error == 0 || (error == ENOENT && !isUDP)) return;
   ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
 }
 

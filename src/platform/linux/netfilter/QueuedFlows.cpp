@@ -84,9 +84,13 @@ void QueuedFlows::settleSocket(uint64_t cookie, PacketVerdict verdict) {
   settledByAge_.pop_front();
 }
 
-void QueuedFlows::drop(const OpenConnection& connection) {
-  // A datagram socket may have other conversations, which are not dropped.
-  if (connection.pair.protocol == IPPROTO_TCP) settleSocket(connection.cookie, PacketVerdict::Dropped);
+void QueuedFlows::drop(const OpenConnection& connection, Clock::time_point now) {
+  if (connection.pair.protocol == IPPROTO_TCP) {
+    settleSocket(connection.cookie, PacketVerdict::Dropped);
+  } else {  // a datagram socket may have other conversations, which are not dropped
+    ended_.push_back({connection, now});
+    if (ended_.size() > kEndedLimit) ended_.pop_front();
+  }
   const auto flow = flows_.find(connection.pair);
   if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isDropped = true;
 }
@@ -260,7 +264,10 @@ bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const 
   }
   if (before != NameState::Open) return true;  // an earlier packet made the state Known or Unknown
   const ServerNameReader& name = stream ? open.name : open.quic->hello();
-  if (state == NameState::Known) {
+  const OpenConnection* ended = endedBefore(flow, open);
+  if (ended != nullptr) {
+    open.flow->setRemoteHostname(ended->name);
+  } else if (state == NameState::Known) {
     open.flow->setRemoteHostname(name.name());
     if (name.isNameHidden()) flow_counters().recordHiddenName();
   } else {
@@ -269,7 +276,18 @@ bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const 
   return true;
 }
 
+// If the flow may continue a UDP flow that was dropped, returns the flow that was dropped last, else null.
+const OpenConnection* QueuedFlows::endedBefore(const Flow& flow, const Examination& open) const {
+  if (open.quic == nullptr || !open.quic->connectionID().empty()) return nullptr;
+  const auto found = std::ranges::find_if(ended_.rbegin(), ended_.rend(), [&](const Ended& ended) {
+    return ended.conversation.pair.remote == flow.pair.remote &&
+           ended.conversation.owner == open.flow->sourceAppAuditToken();
+  });
+  return found == ended_.rend() ? nullptr : &found->conversation;
+}
+
 void QueuedFlows::evictExpired(Clock::time_point now) {
+  while (!ended_.empty() && now - ended_.front().since > kEndedLifetime) ended_.pop_front();
   while (!open_.empty() && now - open_.front().lastSeen > kOpenLifetime) {
     auto flow = open_.begin();
     auto socket = owners_.find(flow->pair);

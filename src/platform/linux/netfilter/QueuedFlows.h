@@ -84,7 +84,11 @@ class QueuedFlows {
 
   // From now on, packets of this allowed flow get the verdict Dropped: the packets that are in the queue already, and,
   // if connection tracking forgets a TCP connection, the connection's later packets.
-  void drop(const OpenConnection& connection);
+  //
+  // A QUIC client may go on with the connection from another address or port (RFC 9000, section 9). So for
+  // kEndedLifetime, a UDP flow of the same owner to the same address and port, whose first datagram begins no QUIC
+  // connection, has the name of the dropped flow.
+  void drop(const OpenConnection& connection, Clock::time_point now = Clock::now());
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. If so, another program
   // overwrites the marks of this flow's packets, so the packets are queued again and again.
@@ -102,6 +106,11 @@ class QueuedFlows {
   // Limits on the bytes that open flows store.
   static constexpr size_t kStoredLimit = size_t{64} << 20, kStoredLimitOfUser = size_t{16} << 20;
   static constexpr size_t kSocketsLimit = 16384;
+  // For how long dropped UDP flows are remembered: longer than most servers keep an idle QUIC connection.
+  static constexpr std::chrono::minutes kEndedLifetime{10};
+  // Limit on the dropped UDP flows that are remembered. Only edits of the list drop them, so no user can use up the
+  // limit.
+  static constexpr size_t kEndedLimit = 1024;
 
  private:
   // What is known about an open flow.
@@ -137,6 +146,10 @@ class QueuedFlows {
   struct User {
     size_t flows = 0, stored = 0;  // the open flows, and the bytes that they store
   };
+  struct Ended {
+    OpenConnection conversation;
+    Clock::time_point since;
+  };
   using Flows = std::list<Flow>;  // sorted by the time of the last packet, the latest at the end
 
   static PacketVerdict verdictOf(const Flow& flow);
@@ -152,6 +165,7 @@ class QueuedFlows {
   void erase(Flows::iterator flow);
   bool examine(const Flow& flow, Examination& open, const Packet& packet);
   bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
+  const OpenConnection* endedBefore(const Flow& flow, const Examination& open) const;
   void evictExpired(Clock::time_point now);
 
   Ref<NEFilterDataProvider> provider_;
@@ -165,6 +179,7 @@ class QueuedFlows {
   size_t stored_ = 0;                                           // the bytes that all open flows store
   std::unordered_map<uint64_t, PacketVerdict> settledSockets_;  // TCP sockets, by cookie
   std::deque<uint64_t> settledByAge_;                           // the same cookies, the oldest first
+  std::deque<Ended> ended_;                                     // UDP flows that drop() got, the oldest first
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

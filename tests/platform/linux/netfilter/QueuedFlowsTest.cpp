@@ -17,7 +17,8 @@ using namespace std::chrono_literals;
 struct Owners final : FlowOwners {
   std::optional<SocketFacts> socket = SocketFacts{1, 2, 3};
   std::optional<SocketFacts> find(const SocketPair&) override { return socket; }
-  Value ownerOf(const SocketFacts&) override { return Value::string("owner"); }
+  Value owner = Value::string("owner");
+  Value ownerOf(const SocketFacts&) override { return owner; }
 };
 
 class QueuedFlowsTest : public ::testing::Test {
@@ -95,6 +96,37 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   const auto later = QueuedFlows::Clock::now() + 1h;
   EXPECT_EQ(flows.judge(packet("more", 40), later), Dropped) << "connection tracking forgot the connection";
   EXPECT_EQ(calls(), "");
+}
+
+TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) {
+  const std::vector<std::string> records = quic_records("two_connections");
+  ASSERT_EQ(records.size(), 9U);
+  const std::string& hello = records[3];  // to a.example
+  const std::string later = "\x40 a short header";
+  const auto now = QueuedFlows::Clock::now();
+  const OpenConnection ended{packet("", 0, 443, IPPROTO_UDP).ends, 1, 3, owners.owner, "ended.example"};
+  flows.drop(ended, now);
+  const struct {
+    const char* name;
+    Value owner;
+    uint16_t port;
+    std::string datagram;
+    QueuedFlows::Clock::duration after;
+    std::string_view calls;
+  } kCases[] = {
+      {"from another socket", owners.owner, 443, later, 1min, "new ended.example; "},
+      {"in a new connection", owners.owner, 443, hello, 1min, "new a.example; "},
+      {"to another port", owners.owner, 8443, later, 1min, "new -; "},
+      {"of another program", Value::string("other"), 443, later, 1min, "new -; "},
+      {"long after the end", owners.owner, 443, later, 11min, "new -; "},
+  };
+  provider->newFlow = kDrop;
+  for (const auto& c : kCases) {
+    ++owners.socket->cookie;
+    owners.owner = c.owner;
+    EXPECT_EQ(flows.judge(packet(c.datagram, 0, c.port, IPPROTO_UDP), now + c.after), Dropped) << c.name;
+    EXPECT_EQ(calls(), c.calls) << c.name;
+  }
 }
 
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
