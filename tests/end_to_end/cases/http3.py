@@ -2,8 +2,12 @@
 
 import collections
 import contextlib
+import os
 import pathlib
+import shutil
 import socket
+import subprocess
+import sys
 import time
 
 from attackers import flood
@@ -87,6 +91,25 @@ def HoldsBackTheDatagramThatCompletesAHeldName(world: World):
                 check(server.received(), [first], f"what left {family}")
                 failed = _send(connection, first, second, first)
                 check((failed, server.received()), (True, []), f"sent again {family}")
+
+
+def HoldsBack0RTTInTheMiddleOfAHello(world: World):
+    first, second = _recorded()
+    request = b"\xd0\0\0\0\1\x08destined\0\x40\x40" + bytes(64)  # a 0-RTT packet (RFC 9000, section 17.2.3)
+    safari = world.directory / "com.apple.Safari"
+    shutil.copy(os.path.realpath(sys.executable), safari)
+    send = (
+        "import socket, sys; s = socket.socket(type=socket.SOCK_DGRAM); s.connect((sys.argv[1], 443));"
+        "[s.send(bytes.fromhex(each)) for each in sys.argv[2:]]; sys.stdin.read()"
+    )
+    for provider in ("FilterDataProvider", "PLSafariFilterDataProvider"):
+        with world.filtering(safari.name, provider=provider), _Server() as server:
+            datagrams = [each.hex() for each in (first, request, second)]
+            command = [safari, "-c", send, server.address[0], *datagrams]
+            environment = {"PYTHONHOME": sys.base_prefix}
+            with subprocess.Popen(command, env=environment, stdin=subprocess.PIPE) as browser:
+                time.sleep(1)
+                check((browser.poll(), server.received()), (None, [first]), f"what left, {provider}")
 
 
 def JudgesVersion2(world: World):

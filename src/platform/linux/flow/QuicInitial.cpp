@@ -114,9 +114,9 @@ QuicInitialReader::State QuicInitialReader::read(Bytes datagram) {
     const auto frames = header && header->type == Header::Type::Initial ? open(*header, packet, newKeys) : std::nullopt;
     if (frames && readFrames(*frames)) continue;
     hasOther = true;
-    mayPrecedeHello =
-        mayPrecedeHello ||
-        (header && (header->type == Header::Type::ZeroRTT || header->type == Header::Type::UnknownVersion));
+    const bool isUnknownVersion = header && header->type == Header::Type::UnknownVersion;
+    isHelloUnreadable_ = isHelloUnreadable_ || (isUnknownVersion && !keys_);
+    mayPrecedeHello = mayPrecedeHello || isUnknownVersion || (header && header->type == Header::Type::ZeroRTT);
   }
   isReadable_ = !hasOther;
   if (state_ == State::Open && !keys_ && !mayPrecedeHello) state_ = State::Unknown;
@@ -174,6 +174,7 @@ bool QuicInitialReader::readFrames(Bytes frames) {
                              handshake_.add(static_cast<uint32_t>(offset), bytes) == FirstFlight::Added::Yes;
         if (isAdded) state_ = hello_.readHandshake(handshake_.next());
         isWhole = isWhole && isAdded;
+        isHelloUnreadable_ = isHelloUnreadable_ || !isAdded;
         break;
       }
       case ConnectionClose:

@@ -49,6 +49,10 @@ class QuicInitialReader {
   // if a piece of the hello was not stored, because it is beyond a limit.
   bool isReadable() const { return isReadable_; }
 
+  // Whether the hello may never be read: the client began in a version of QUIC that the reader does not know, or a
+  // piece of the hello was beyond a limit.
+  bool isHelloUnreadable() const { return isHelloUnreadable_; }
+
   // The number of bytes of the hello that have arrived so far, up to the first gap.
   uint64_t length() const { return handshake_.length(); }
 
@@ -73,7 +77,7 @@ class QuicInitialReader {
   bool readFrames(std::span<const uint8_t> frames);
 
   State state_ = State::Open;
-  bool isReadable_ = false;
+  bool isReadable_ = false, isHelloUnreadable_ = false;
   std::optional<QuicKeys> keys_;  // nothing before an Initial packet was opened
   std::vector<uint8_t> connectionID_;
   FirstFlight handshake_{0};

@@ -256,7 +256,8 @@ bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const 
   if (!stream) open.isHeld = state == NameState::Open && !open.quic->isReadable();
   if (state == NameState::Open && !isLast) {
     const bool isRefused = isBeyondLimit(flow);
-    if ((isRefused || open.isHeld) && open.session.state() == FilterSession::State::New) {
+    const bool isUnreadable = open.isHeld && (stream || open.quic->isHelloUnreadable());
+    if ((isRefused || isUnreadable) && open.session.state() == FilterSession::State::New) {
       open.session.newFlow(open.flight.length());
     }
     if (isRefused) open.session.refuse();

@@ -35,9 +35,9 @@ enum class PacketVerdict {
 //
 // The name of a UDP flow, except a DNS flow, is read from the hello in QUIC's first datagrams. While the flow is open,
 // only datagrams with parts of the hello may pass; all other datagrams are held, because they could contain a request.
-// Before the first datagram is held, the flow is shown to the provider without a name, so that flows of programs that
-// are no browsers are allowed at once. A datagram that begins another QUIC connection begins a new flow: a program may
-// use the addresses and ports of an earlier connection again.
+// If the hello cannot be read, the flow is shown to the provider without a name at the first held datagram, so that
+// flows of programs that are no browsers are allowed at once. A datagram that begins another QUIC connection begins a
+// new flow: a program may use the addresses and ports of an earlier connection again.
 //
 // The open flows of a user are limited in their number, and in the bytes that they store because bytes before them have
 // not arrived. All users together have such limits, too, so that somebody with many user ids cannot fill the memory;
