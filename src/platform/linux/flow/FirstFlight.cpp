@@ -19,7 +19,7 @@ FirstFlight::Added FirstFlight::add(uint32_t sequence, std::span<const uint8_t> 
   if (broken_) return Added::Broken;
   if (known > 0) payload = payload.subspan(std::min<uint64_t>(known, payload.size()));
   if (distance > 0 || !pieces_.empty()) return addPiece(length_ + static_cast<uint64_t>(distance) + known, payload);
-  stored_ = {};
+  stored_ = std::vector<uint8_t>();  // an assignment of {} would keep the memory
   next_ = payload;
   length_ += payload.size();
   return Added::Yes;
@@ -66,7 +66,7 @@ FirstFlight::Added FirstFlight::addPiece(uint64_t offset, std::span<const uint8_
 void FirstFlight::forgetStored() {
   next_ = {};
   pieces_.clear();
-  stored_ = {};
+  stored_ = std::vector<uint8_t>();
 }
 
 }  // namespace orvane

@@ -54,5 +54,14 @@ TEST(FirstFlight, ReassemblesSegments) {
   for (const auto& [name, segments, bytes] : kCases) EXPECT_EQ(reassemble(segments), bytes) << name;
 }
 
+TEST(FirstFlight, FreesTheBytesThatItForgets) {
+  const std::vector<uint8_t> bytes(1000, 'x');
+  FirstFlight flight(0);
+  flight.add(1, bytes);
+  EXPECT_GE(flight.storedBytes(), bytes.size());
+  flight.forgetStored();
+  EXPECT_EQ(flight.storedBytes(), 0U);
+}
+
 }  // namespace
 }  // namespace orvane
