@@ -9,7 +9,7 @@ inline constexpr const char* kAccessGroup = "orvane";
 
 // Advice for a user who gets EACCES or EPERM because the user is not in this group.
 inline std::string access_advice(const std::string& user = "USER") {
-  return std::string("join the group ") + kAccessGroup + ": sudo adduser " + user + " " + kAccessGroup +
+  return std::string("join the group ") + kAccessGroup + ": sudo usermod -aG " + kAccessGroup + " " + user +
          ", then log out and in again";
 }
 

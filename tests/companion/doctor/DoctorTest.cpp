@@ -72,7 +72,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
       {"stale socket", "answer", Problem, "has ended", [](Facts& f) { f.connection.outcome = Outcome::Refused; }},
       {"hung", "answer", Problem, "restart", [](Facts& f) { f.connection.outcome = Outcome::Silent; }},
-      {"stranger", "answer", Problem, "adduser anna orvane",
+      {"stranger", "answer", Problem, "usermod -aG orvane anna",
        [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; }},
       {"member since this login", "answer", Problem, "newgrp orvane",
        [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.inForce = false; }},
