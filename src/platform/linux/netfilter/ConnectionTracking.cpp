@@ -49,18 +49,8 @@ std::optional<std::string> ConnectionTracking::open() {
   return "the kernel does not change the marks of connections: " + std::generic_category().message(error);
 }
 
-int ConnectionTracking::setMark(const SocketPair& pair, uint32_t mark, uint32_t mask) {
-  return change(pair, mark, mask, std::nullopt);
-}
-
-int ConnectionTracking::addWithMark(const SocketPair& pair, uint32_t mark, uint32_t mask,
-                                    std::chrono::seconds lifetime) {
-  return change(pair, mark, mask, lifetime);
-}
-
-// Without a lifetime, only changes a connection that exists.
-int ConnectionTracking::change(const SocketPair& pair, uint32_t mark, uint32_t mask,
-                               std::optional<std::chrono::seconds> lifetime) {
+int ConnectionTracking::setMark(const SocketPair& pair, uint32_t mark, uint32_t mask,
+                                std::optional<std::chrono::seconds> lifetime) {
   std::array<char, 512> message{};
   nlmsghdr* header = mnl_nlmsg_put_header(message.data());
   header->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;

@@ -20,17 +20,13 @@ class ConnectionTracking {
   std::optional<std::string> open();
 
   // Changes the mark of the connection between `pair.local` and `pair.remote`, whichever side opened it: the bits of
-  // `mask` get their values from `mark`. Returns 0, ENOENT if the kernel does not track this connection, or another
-  // errno.
-  int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask);
-
-  // The same, but if the kernel does not track the connection, adds it with the mark `mark`. The kernel removes the
-  // added connection when it has seen no packet of it for `lifetime`.
-  int addWithMark(const SocketPair& pair, uint32_t mark, uint32_t mask, std::chrono::seconds lifetime);
+  // `mask` get their values from `mark`. If the kernel does not track this connection and `lifetime` is given, adds the
+  // connection with the mark `mark`; the kernel removes it when it has seen no packet of it for this time. Returns 0,
+  // ENOENT if the kernel does not track the connection and no lifetime is given, or another errno.
+  int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask,
+              std::optional<std::chrono::seconds> lifetime = std::nullopt);
 
  private:
-  int change(const SocketPair& pair, uint32_t mark, uint32_t mask, std::optional<std::chrono::seconds> lifetime);
-
   std::unique_ptr<mnl_socket, int (*)(mnl_socket*)> socket_{nullptr, nullptr};
   uint32_t sequence_ = 0;
 };

@@ -324,8 +324,8 @@ void Netfilter::Queue::end(const OpenConnection& connection) {
   flows.drop(connection);
   flow_counters().ended.fetch_add(1, std::memory_order_relaxed);
   const bool isUDP = connection.pair.protocol == IPPROTO_UDP;
-  const int error = isUDP ? tracking->addWithMark(connection.pair, kMarkDropped, kMarkMask, kDroppedLifetime)
-                          : tracking->setMark(connection.pair, kMarkDropped, kMarkMask);
+  const int error = tracking->setMark(connection.pair, kMarkDropped, kMarkMask,
+                                      isUDP ? std::optional(kDroppedLifetime) : std::nullopt);
   // If connection tracking has forgotten a TCP connection, flows.drop() has done what is needed.
   if (error == 0 || (error == ENOENT && !isUDP)) return;
   ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
@@ -338,7 +338,7 @@ void Netfilter::Queue::end(const OpenConnection& connection) {
 // rejection.
 void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   if (!tracking) return;
-  const int error = tracking->addWithMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);
+  const int error = tracking->setMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);
   if (error == 0) return;
   ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
 }

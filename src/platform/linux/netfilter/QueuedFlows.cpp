@@ -137,7 +137,9 @@ void QueuedFlows::setStored(Flow& flow, size_t bytes) {
 // search for flows with stored bytes is rare.
 void QueuedFlows::limitStored(Flow& flow) {
   const Examination& open = *flow.open;
-  setStored(flow, open.flight.storedBytes() + (open.quic == nullptr ? 0 : open.quic->storedBytes()));
+  const size_t stored = open.flight.storedBytes() + (open.quic == nullptr ? 0 : open.quic->storedBytes());
+  if (stored == open.stored) return;  // as for almost every packet
+  setStored(flow, stored);
   auto user = users_.find(flow.user);
   if (user->second.stored <= kStoredLimitOfUser && stored_ <= kStoredLimit) return;
   if (stored_ > kStoredLimit) {

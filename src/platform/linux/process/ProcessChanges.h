@@ -55,11 +55,4 @@ class ProcessChanges {
   std::atomic<const uint64_t*> events_{nullptr};
 };
 
-// A PID namespace, in the form that the BPF programs need.
-struct PidNamespace {
-  uint64_t device = 0, inode = 0;  // both 0 for the initial namespace
-};
-// The PID namespace of this process. Nothing, with errno set, on failure.
-std::optional<PidNamespace> own_pid_namespace();
-
 }  // namespace orvane

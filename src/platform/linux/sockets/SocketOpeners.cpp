@@ -18,7 +18,7 @@
 
 #include "SocketOpeners.skel.h"
 #include "platform/linux/base/Descriptor.h"
-#include "platform/linux/process/ProcessChanges.h"
+#include "platform/linux/process/BPFPrograms.h"
 
 namespace orvane {
 namespace {
@@ -26,8 +26,6 @@ namespace {
 // How long a record of a datagram is valid. A datagram is examined right after it is sent. Later, the same local port
 // may belong to another process.
 constexpr uint64_t kRecordLifetime = 5'000'000'000;  // nanoseconds
-
-std::string failure(const char* what, int error) { return std::string("cannot ") + what + ": " + std::strerror(error); }
 
 uint64_t time_since_boot() {
   timespec time{};
@@ -91,23 +89,15 @@ std::optional<std::string> SocketOpeners::Programs::load() {
   socklen_t size = sizeof networkNamespace;
   Descriptor any(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (::getsockopt(any.get(), SOL_SOCKET, SO_NETNS_COOKIE, &networkNamespace, &size) != 0) {
-    return failure("identify the network namespace", errno);
+    return bpf_failure("identify the network namespace", errno);
   }
-  ::libbpf_set_print(nullptr);  // errors are returned, not written to standard error
-  kernel = socket_openers::open();
-  if (kernel == nullptr) return failure("read the BPF programs", errno);
-  kernel->rodata->network_namespace = networkNamespace;
-  const auto own = own_pid_namespace();
-  if (!own) return failure("identify the PID namespace", errno);
-  kernel->rodata->pid_namespace_device = own->device;
-  kernel->rodata->pid_namespace_inode = own->inode;
-  if (int error = socket_openers::load(kernel); error != 0) return failure("load BPF programs", -error);
-  return std::nullopt;
+  return load_bpf_programs(kernel,
+                           [&](socket_openers& opened) { opened.rodata->network_namespace = networkNamespace; });
 }
 
 std::optional<std::string> SocketOpeners::Programs::attach() {
   Descriptor group = open_topmost_control_group();
-  if (!group) return failure("open the topmost control group", errno);
+  if (!group) return bpf_failure("open the topmost control group", errno);
   const std::pair<const bpf_program*, bpf_link**> kPrograms[] = {
       {kernel->progs.connect_v4, &kernel->links.connect_v4},
       {kernel->progs.connect_v6, &kernel->links.connect_v6},
@@ -117,7 +107,7 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
   };
   for (auto [program, link] : kPrograms) {
     *link = ::bpf_program__attach_cgroup(program, group.get());
-    if (*link == nullptr) return failure("attach BPF programs to the topmost control group", errno);
+    if (*link == nullptr) return bpf_failure("attach BPF programs to the topmost control group", errno);
   }
   return std::nullopt;
 }
