@@ -10,7 +10,7 @@ import subprocess
 import time
 
 _PROXY_PORT = 8118
-_TIMEOUT = 15  # seconds, for steps that take milliseconds on an idle machine
+_TIMEOUT = 30  # seconds, for steps that take milliseconds on an idle machine
 
 
 class Failure(Exception):

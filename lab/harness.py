@@ -54,7 +54,8 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443) -> str:
         return DROP
 
 
-def wait_until(condition, what: str, seconds: float) -> None:
+def wait_until(condition, what: str, seconds: float = 30) -> None:
+    """Waits, and prints for how long. The limit is far above what an idle machine needs: a busy one must not fail."""
     start = time.monotonic()
     while not condition():
         if time.monotonic() - start > seconds:

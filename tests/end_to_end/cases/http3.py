@@ -149,7 +149,7 @@ def EndsAnOpenConversationWhenItsNameIsBlocked(world: World):
                         time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
                     timeout.write_text("30")
                     extension.control("add", HELD).check_returncode()
-                    wait_until(lambda count=count: extension.counters()["ended"] == count, f"{name} has ended", 10)
+                    wait_until(lambda count=count: extension.counters()["ended"] == count, f"{name} has ended")
                     examined = extension.counters()["packets"]
                     failed = _send(connection, b"@after", b"@after")
                     check((failed, server.received()), (True, []), f"after the edit, {name} {family}")

@@ -27,7 +27,7 @@ class _Download:
         self.process = subprocess.Popen([*command, self._output, f"{scheme}://{host}{ENDLESS}"], **quiet)
 
     def __enter__(self):
-        wait_until(lambda: self._size() > 0, f"{self.name} has begun", 10)
+        wait_until(lambda: self._size() > 0, f"{self.name} has begun")
         return self
 
     def __exit__(self, *_):
@@ -42,7 +42,7 @@ class _Download:
 
     def check_goes_on(self) -> None:
         before = self._size()
-        wait_until(lambda: self._size() > before, f"{self.name} goes on", 10)
+        wait_until(lambda: self._size() > before, f"{self.name} goes on")
 
     def check_was_reset(self) -> None:
         """Checks that curl ended with its exit code for a reset."""
@@ -72,7 +72,7 @@ def EndsOpenDownloadsOfABlockedName(world: World):
                     by_address = [curl[0], "--connect-to", "::127.0.0.1:443", *curl[1:]]
                     held.append(stack.enter_context(_Download(world, scheme, HELD, by_address)))
             extension.control("add", HELD).check_returncode()
-            wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit", 10)
+            wait_until(lambda held=held: not any(download.runs() for download in held), "all end after the edit")
             time.sleep(1)
             for download in others:
                 download.check_goes_on()
@@ -90,7 +90,7 @@ def EndsOpenDownloadsWhenASuspensionEnds(world: World):
         extension.control("properties", HELD, "--dont-block-until", "2099-01-01T00:00:00Z").check_returncode()
         with _Download(world, "https", HELD, safari) as held, _Download(world, "https", NEWS, safari) as other:
             extension.control("properties", HELD, "--dont-block-until", "2020-01-01T00:00:00Z").check_returncode()
-            wait_until(lambda: not held.runs(), "the download ends after the edit", 10)
+            wait_until(lambda: not held.runs(), "the download ends after the edit")
             held.check_was_reset()
             other.check_goes_on()
 
@@ -100,7 +100,7 @@ def _open_tab(tabs: Tabs, url: str, protocol: str) -> str:
     tab = tabs.open()
     wait_until(lambda: (tabs.navigate(tab, url), tabs.protocol(tab)) == (None, protocol), f"{url} over {protocol}", 60)
     tabs.start_stream(tab)
-    wait_until(lambda: tabs.received(tab) > 0, f"the stream of {url} has begun", 20)
+    wait_until(lambda: tabs.received(tab) > 0, f"the stream of {url} has begun")
     return tab
 
 
@@ -114,13 +114,13 @@ def _end_streams_in_tabs(world: World, over_http2: Browser, over_http3: Browser)
             with _Download(world, "https", HELD, curl) as download:
                 start = time.monotonic()
                 extension.control("add", HELD).check_returncode()
-                wait_until(lambda: tabs.error(held) is not None, f"{protocol}: the stream of {HELD} ends", 20)
+                wait_until(lambda: tabs.error(held) is not None, f"{protocol}: the stream of {HELD} ends")
                 print(f"{time.monotonic() - start:.2f} s after orvanectl began")
                 check(browser.fetch(Destination(protocol, HELD), "/again", None).verdicts[:1], [DROP], "the next page")
                 check(server.has_served(HELD, "/again"), False, "the server has served the next page")
                 download.check_goes_on()
                 before = tabs.received(other)
-                wait_until(lambda: tabs.received(other) > before, "the other tab's stream goes on", 20)
+                wait_until(lambda: tabs.received(other) > before, "the other tab's stream goes on")
 
 
 def EndsStreamsInTabsOfChromium(world: World):
@@ -161,5 +161,5 @@ def EndsConnectionsThatConnectionTrackingForgot(world: World):
             time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
             check(_fetch(other), ALLOW, "a connection before the edit")
             extension.control("add", NEWS).check_returncode()
-            wait_until(lambda: extension.counters()["ended"] == 2, "both flows have ended", 10)
+            wait_until(lambda: extension.counters()["ended"] == 2, "both flows have ended")
             check(_fetch(connection), DROP, "the connection after the edit")
