@@ -57,7 +57,9 @@ void print_lines(const BlockList& list) {
 }
 
 void print_hosts(const BlockList& list) {
-  list.forEachSite([](const ListedSite& site) { put(site.host + '\n'); });
+  list.forEachSite([](const ListedSite& site) {
+    if (site.scope != Scope::Exception) put(site.host + '\n');
+  });
 }
 
 void print_sites_json(const BlockList& list, Moment now) {

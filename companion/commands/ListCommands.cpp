@@ -346,7 +346,7 @@ void declare_list_commands(CommandSet& commands) {
 
   declare_import_command(commands);
   declare("export", "Print the list in a form that import reads", export_list)
-      ->add_flag("--hosts", arguments->hostsOnly, "Print only the hosts, one a line");
+      ->add_flag("--hosts", arguments->hostsOnly, "Print only the hosts, one a line, without exceptions");
 }
 
 }  // namespace orvane

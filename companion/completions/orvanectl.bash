@@ -2,8 +2,8 @@
 
 # Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
-  mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export --hosts 2>/dev/null |
-    typed=$cur awk 'index($0, ENVIRON["typed"]) == 1')
+  mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export 2>/dev/null |
+    typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 { print $1 }')
 }
 
 _orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }

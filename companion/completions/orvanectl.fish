@@ -12,7 +12,7 @@ function __orvanectl_hosts
                 set list $words[$i]
         end
     end
-    command -q orvanectl; and command orvanectl $list export --hosts 2>/dev/null
+    command -q orvanectl; and command orvanectl $list export 2>/dev/null | string replace -r ' .*' ''
 end
 
 function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'

@@ -5,8 +5,8 @@
 _orvanectl_hosts() {
   local -a hosts
   local list=${opt_args[--list]:-$before[--list]}
-  hosts=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} export --hosts 2>/dev/null)"})
-  _wanted hosts expl 'host of the list' compadd -a hosts
+  hosts=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} export 2>/dev/null)"})
+  _wanted hosts expl 'host of the list' compadd - ${hosts%% *}
 }
 
 _orvanectl_commands() {

@@ -48,6 +48,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "0 duplicates, 0 skipped (localhost and the like), 0 rejected\n"},
       {"import --replace - </dev/null", 2, ""},
       {"export | cmp - '%.2'", 0, ""},
+      {"export --hosts | grep -c free.example", 1, "0\n"},
       {"disallow x.example.com free.example", 0,
        "x.example.com and its subdomains: no longer an exception\n"
        "free.example and its subdomains: no longer an exception\n"},
