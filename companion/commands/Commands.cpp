@@ -301,16 +301,19 @@ size_t edit_distance(std::string_view one, std::string_view other) {
   return row.back();
 }
 
-// Call this if the command line has no known command. Throws an error that contains the first word of the command line
-// (apart from options) and suggests the command with the nearest name. Returns if the command line has no word.
-void refuse_unknown_command(const CLI::App& app, int argc, const char* const* argv) {
+// Call this if the command line needs a command below `parent`, but has no known one. `depth` words of the command line
+// (apart from options) lead to `parent`; `path` consists of the program's name and these words. Throws an error that
+// contains the next word and suggests the command with the nearest name. Returns if there is no further word.
+void refuse_unknown_command(const CLI::App& parent, size_t depth, const std::string& path, int argc,
+                            const char* const* argv) {
+  size_t words = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
     if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip the value
-    if (word.rfind('-', 0) == 0) continue;
+    if (word.rfind('-', 0) == 0 || words++ < depth) continue;
     size_t nearest = 3;  // only a command at a smaller distance is suggested
-    std::string advice = "see orvanectl --help";
-    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+    std::string advice = "see " + path + " --help";
+    for (const CLI::App* command : parent.get_subcommands(nullptr)) {
       const size_t distance = edit_distance(word, command->get_name());
       if (distance < nearest) advice = "did you mean " + command->get_name() + "?";
       nearest = std::min(nearest, distance);
@@ -338,9 +341,15 @@ int run(int argc, const char* const* argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
-    if (app.get_subcommands().empty()) refuse_unknown_command(app, argc, argv);
-    const std::string name = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name() + " ";
-    throw InputError("bad command line: " + std::string(error.what()) + ": see orvanectl " + name + "--help");
+    const CLI::App* last = &app;  // the last known command on the command line
+    std::string path = app.get_name();
+    size_t depth = 0;
+    for (; !last->get_subcommands().empty(); ++depth) {
+      last = last->get_subcommands().front();
+      path += ' ' + last->get_name();
+    }
+    if (!last->get_subcommands(nullptr).empty()) refuse_unknown_command(*last, depth, path, argc, argv);
+    throw InputError("bad command line: " + std::string(error.what()) + ": see " + path + " --help");
   }
   return command();
 }

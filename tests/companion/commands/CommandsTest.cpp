@@ -116,6 +116,7 @@ TEST(Commands, SendNothingWhenOneInputIsRefused) {
       {{"add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"pong"}, "", "", "unknown command: \"pong\": did you mean ping?", kUsage},
+      {{"browsers", "policy", "instal"}, "", "", "unknown command: \"instal\": did you mean install?", kUsage},
       {{"set", list.c_str()}, "", "", list + ":3: \"bad name\": it has a space", kUsage},
       {{"set", "/nonexistent/list"}, "", "", "cannot read: \"/nonexistent/list\"", kFailed},
   };
