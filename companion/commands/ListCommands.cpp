@@ -81,7 +81,7 @@ std::string not_blocked_text(const BlockList& list, const std::string& host, Mom
            ": to end the exception: orvanectl disallow " + decision.exception->host;
   const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
   if (site == nullptr) return "see orvanectl list";
-  return "it is blocked by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
+  return "it is covered by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
          "; to change the whole line, give " + site->host;
 }
 
