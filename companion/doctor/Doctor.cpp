@@ -31,7 +31,9 @@ Finding examine_unit(const UnitFacts& unit, const char* check) {
     finding.advice = "install the package orvane-se";
   } else if (!unit.running) {
     finding.result = Result::Problem;
-    finding.advice = "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
+    // After several failed starts, systemd starts a unit only after its count of starts has been reset.
+    if (unit.state.starts_with("failed")) finding.advice = "sudo systemctl reset-failed " + unit.name + "; then ";
+    finding.advice += "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
   }
   return finding;
 }
@@ -130,6 +132,7 @@ constexpr std::array kCapabilities = {
     Capability{19, "CAP_SYS_PTRACE", "browsers of other users are not recognised"},
     Capability{2, "CAP_DAC_READ_SEARCH", "other users' Flatpaks are not recognised"},
     Capability{39, "CAP_BPF", "connections of programs that end at once are not recognised"},
+    Capability{38, "CAP_PERFMON", "new connections wait longer"},
 };
 
 void examine_capabilities(const Facts& facts, std::vector<Finding>& findings) {
@@ -147,7 +150,7 @@ void examine_capabilities(const Facts& facts, std::vector<Finding>& findings) {
     consequences += (consequences.empty() ? "" : "; ") + std::string(capability.consequence);
   }
   if (missing.empty()) {
-    findings.push_back({"capabilities", "", Result::Ok, "the extension has all four", ""});
+    findings.push_back({"capabilities", "", Result::Ok, "the extension has all that it uses", ""});
     return;
   }
   const bool filters = (*facts.capabilities >> kCapabilities.front().number & 1) != 0;

@@ -27,7 +27,7 @@ Facts sound_machine() {
   facts.group = {"anna", true, true, true};
   facts.processes = {7};
   facts.process = 7;
-  facts.capabilities = 0x8000081004;
+  facts.capabilities = 0xc000081004;
   facts.hasQueueTarget = true;
   facts.rules = {{"iptables-save", kRules, ""}, {"ip6tables-save", kRules, ""}};
   facts.queues = "    5     77     0 2 65531     0     0        1  1\n20743   1234     0 2 65531     0     0    8  1\n";
@@ -66,6 +66,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
     std::function<void(Facts&)> make;
   } cases[] = {
       {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
+      {"failed too often", "service", Problem, "reset-failed orvane-se.service",
+       [](Facts& f) { f.extension.running = false, f.extension.state = "failed (failed)"; }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
       {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
       {"hidden names", "hidden-names", Warning, "12 connections",
@@ -79,7 +81,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"connections used up", "clients", Problem, R"("p\x1b" (process 9) has 63, "orvanectl" (process 8) has 1)",
        [&](Facts& f) { f.clients->insert(f.clients->begin(), crowd); }},
       {"two extensions", "processes", Problem, "7, 9", [](Facts& f) { f.processes.push_back(9); }},
-      {"no CAP_BPF", "capabilities", Warning, "CAP_BPF missing", [](Facts& f) { f.capabilities = 0x81004; }},
+      {"no CAP_BPF", "capabilities", Warning, "CAP_BPF missing", [](Facts& f) { f.capabilities = 0x4000081004; }},
       {"no capability", "capabilities", Problem, "CAP_NET_ADMIN", [](Facts& f) { f.capabilities = 0; }},
       {"no iptables", "iptables", Problem, "apt", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }},
       {"no NFQUEUE", "kernel", Problem, "xt_NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }},
