@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "companion/browsers/BrowserRecognition.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/Input.h"
@@ -28,8 +29,12 @@ void warn(const std::string& text) { print_error("saved, but not in force: " + t
 
 bool wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
   switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites))) {
-    case InForce::Yes:
-      return true;
+    case InForce::Yes: {
+      const auto unrecognised = recognition_fault(options.client);
+      if (!unrecognised || !unrecognised->isInForce) return true;
+      warn("no browser is recognised: " + unrecognised->text + ": see orvanectl doctor");
+      return false;
+    }
     case InForce::NoKeeper:
       warn("no keeper runs: sudo systemctl start orvane-keeper");
       return false;
