@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <system_error>
+#include <thread>
 
 namespace orvane {
 namespace {
@@ -26,6 +28,9 @@ constexpr uint32_t kQueueLength = 1 << 18;
 // kernel allocates the memory only when packets arrive.
 constexpr int kSocketBuffer = 64 << 20;
 constexpr uint32_t kFlags = NFQA_CFG_F_GSO | NFQA_CFG_F_UID_GID;
+
+// For how long open() tries to get a queue that another socket has.
+constexpr auto kTakenTime = std::chrono::seconds(3);
 
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
@@ -58,10 +63,16 @@ std::optional<std::string> PacketQueue::open() {
   if (setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kSocketBuffer, sizeof kSocketBuffer) != 0) {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
-  int error = configure(put_bind);
   // The kernel returns EPERM for a missing capability and for a queue that another socket has. So if this process has
-  // the capability, another socket has the queue.
-  taken_ = error == EPERM && configure(put_no_operation) == 0;
+  // the capability, another socket has the queue. The watchdog of an extension that ended a moment ago may have it, but
+  // not for long.
+  int error = 0;
+  const auto end = std::chrono::steady_clock::now() + kTakenTime;
+  do {
+    error = configure(put_bind);
+    taken_ = error == EPERM && configure(put_no_operation) == 0;
+    if (taken_) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  } while (taken_ && std::chrono::steady_clock::now() < end);
   if (error == 0) error = configure(put_settings);
   const std::string queue = "packet queue " + std::to_string(number_);
   if (taken_) return queue + " belongs to another program, most likely to an extension that runs already";

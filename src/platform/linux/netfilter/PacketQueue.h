@@ -35,8 +35,8 @@ class PacketQueue {
  public:
   explicit PacketQueue(uint16_t number) : number_(number) {}
 
-  // Opens the queue. Needs CAP_NET_ADMIN in the namespace. Fails while another socket has the queue. Returns an error
-  // on failure.
+  // Opens the queue. Needs CAP_NET_ADMIN in the namespace. Fails if another socket has the queue for three seconds.
+  // Returns an error on failure.
   std::optional<std::string> open();
 
   // Whether open() failed because another process has the queue.

@@ -2,6 +2,10 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <optional>
+#include <thread>
+
 #include "platform/linux/netfilter/PacketQueue.h"
 
 namespace orvane {
@@ -9,16 +13,23 @@ namespace {
 
 // The kernel answers EPERM both if another program has the queue and if the privilege is missing. The extension may use
 // the proxy instead only if the privilege is missing.
-TEST(PacketQueue, NoticesThatAnotherProgramHasTheQueue) {
+TEST(PacketQueue, WaitsForTheQueueAndReportsThatAnotherProgramHasIt) {
   const uid_t user = geteuid();
   if ((user != 0 && unshare(CLONE_NEWUSER) != 0) || unshare(CLONE_NEWNET) != 0) {
     GTEST_SKIP() << "cannot make a network namespace";
   }
-  PacketQueue first(7), second(7), other(8);
-  ASSERT_EQ(first.open(), std::nullopt);
+  std::optional<PacketQueue> first(7);
+  PacketQueue second(7), other(8);
+  ASSERT_EQ(first->open(), std::nullopt);
   EXPECT_EQ(other.open(), std::nullopt);
   EXPECT_TRUE(second.open().has_value());
   EXPECT_TRUE(second.isTaken());
+  std::thread end([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    first.reset();
+  });
+  EXPECT_EQ(second.open(), std::nullopt) << "the owner ends soon";
+  end.join();
 }
 
 }  // namespace
