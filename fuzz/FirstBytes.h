@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "platform/linux/base/Subdomains.h"
-#include "platform/linux/flow/ServerName.h"
+#include "platform/names/ServerName.h"
 
 namespace orvane {
 

@@ -9,7 +9,7 @@
 
 #include "platform/linux/flow/FirstFlight.h"
 #include "platform/linux/flow/QuicKeys.h"
-#include "platform/linux/flow/ServerName.h"
+#include "platform/names/ServerName.h"
 
 namespace orvane {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <utility>
 
-#include "platform/linux/base/HostName.h"
+#include "platform/names/HostName.h"
 
 namespace orvane {
 namespace {

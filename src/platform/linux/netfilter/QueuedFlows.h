@@ -13,10 +13,10 @@
 #include "platform/linux/flow/FirstFlight.h"
 #include "platform/linux/flow/LinuxFlow.h"
 #include "platform/linux/flow/QuicInitial.h"
-#include "platform/linux/flow/ServerName.h"
 #include "platform/linux/netfilter/FlowOwners.h"
 #include "platform/linux/netfilter/OpenConnections.h"
 #include "platform/linux/netfilter/Packet.h"
+#include "platform/names/ServerName.h"
 
 namespace orvane {
 

@@ -8,16 +8,16 @@
 #include <memory>
 #include <optional>
 
-#include "platform/linux/base/HostName.h"
 #include "platform/linux/base/SocketIO.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/LinuxFlow.h"
-#include "platform/linux/flow/ServerName.h"
 #include "platform/linux/proxy/ProxyHead.h"
 #include "platform/linux/proxy/Relay.h"
 #include "platform/linux/sockets/ConnectionOwner.h"
+#include "platform/names/HostName.h"
+#include "platform/names/ServerName.h"
 
 namespace orvane {
 namespace {

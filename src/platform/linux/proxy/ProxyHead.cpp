@@ -3,15 +3,21 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <boost/beast/core/error.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/rfc7230.hpp>
 #include <set>
 
-#include "platform/linux/flow/RequestHost.h"
+#include "platform/names/Authority.h"
+#include "platform/names/RequestHost.h"
 
 namespace orvane {
 namespace {
 
 namespace http = boost::beast::http;
+
+using RequestParser = http::request_parser<http::empty_body>;
 
 std::string_view view(boost::beast::string_view text) { return {text.data(), text.size()}; }
 
@@ -127,6 +133,17 @@ ProxyHead read_request(const RequestParser& parser) {
   if (has_scheme(target, "https://")) return refused(400, "An https URL is fetched through a CONNECT to its host.");
   if (target.find("://") != std::string_view::npos) return refused(501, "Only http URLs are fetched here.");
   return refused(400, "This is a proxy: a request's target must be an absolute URL.");
+}
+
+// Parses a request head. `parser` must be new, and `bytes` must begin with the head's first byte. Returns the length of
+// the head, including the empty line at its end. On failure returns 0 and sets `error`; if the head is incomplete,
+// `error` is need_more.
+size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error) {
+  parser.header_limit(static_cast<uint32_t>(kRequestHeadLimit));
+  parser.body_limit(boost::none);
+  size_t length = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
+  if (!error && !parser.is_header_done()) error = http::error::need_more;
+  return error ? 0 : length;
 }
 
 }  // namespace

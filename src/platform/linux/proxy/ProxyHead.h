@@ -72,6 +72,9 @@ struct ProxyHead {
   const char* reason = nullptr;  // when Refused: one line for the client's user
 };
 
+// The longest head that parse_proxy_head() accepts, in bytes.
+inline constexpr size_t kRequestHeadLimit = 65536;
+
 // Reads the head of a request to the proxy from the first bytes of a connection (RFC 9112, sections 3.2.2 and 3.2.3).
 // Refuses as soon as the bytes cannot become a head that the proxy serves.
 ProxyHead parse_proxy_head(std::string_view bytes);

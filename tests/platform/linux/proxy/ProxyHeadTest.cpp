@@ -2,7 +2,6 @@
 
 #include <tuple>
 
-#include "platform/linux/flow/RequestHost.h"
 #include "platform/linux/proxy/ProxyHead.h"
 
 namespace orvane {
@@ -17,6 +16,7 @@ TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
       {"incomplete", "CONNECT a.example:443 HTTP/1.1\r\nHost: a.exa", 0},
       {"TLS", std::string("\x16\x03\x01\x02\x00", 5), 400},
       {"no port", "CONNECT a.example HTTP/1.1\r\n\r\n", 400},
+      {"a port that is too large", "CONNECT a.example:65537 HTTP/1.1\r\n\r\n", 400},
       {"no URL", "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n", 400},
       {"two framings", "POST http://a.example/ HTTP/1.1\r\nTransfer-Encoding: chunked\r\nContent-Length: 3\r\n\r\n",
        400},

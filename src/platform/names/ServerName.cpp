@@ -1,4 +1,4 @@
-#include "platform/linux/flow/ServerName.h"
+#include "platform/names/ServerName.h"
 
 #include <algorithm>
 #include <array>

@@ -5,9 +5,9 @@
 #include <string>
 #include <variant>
 
-#include "platform/linux/base/HostName.h"
-#include "platform/linux/flow/ClientHello.h"
-#include "platform/linux/flow/RequestHost.h"
+#include "platform/names/ClientHello.h"
+#include "platform/names/HostName.h"
+#include "platform/names/RequestHost.h"
 
 namespace orvane {
 

@@ -1,41 +1,16 @@
 #pragma once
 
-#include <boost/beast/core/error.hpp>
-#include <boost/beast/http/empty_body.hpp>
-#include <boost/beast/http/parser.hpp>
 #include <cstddef>
-#include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
-#include "platform/linux/base/HostName.h"
+#include "platform/names/HostName.h"
 
 namespace orvane {
-
-// The longest head that parse_request_head() accepts, in bytes.
-inline constexpr size_t kRequestHeadLimit = 65536;
-
-using RequestParser = boost::beast::http::request_parser<boost::beast::http::empty_body>;
 
 // Whether the bytes can begin a request line: a method of at most 31 letters, digits and hyphens, then a space. Check
 // this before parsing: the parser waits for the end of the head before it rejects TLS or another protocol.
 bool may_be_request(std::string_view bytes);
-
-// Parses a request head. `parser` must be new, and `bytes` must begin with the head's first byte. Returns the length of
-// the head, including the empty line at its end. On failure returns 0 and sets `error`; if the head is incomplete,
-// `error` is need_more.
-size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error);
-
-// "host[:port]" (RFC 3986, section 3.2).
-struct Authority {
-  std::string host;  // as written, percent-encoding included; an IPv6 address without its brackets
-  bool isAddress;
-  std::optional<uint16_t> port;  // never 0
-};
-
-// Returns nothing for an authority with user information, port 0, or no host.
-std::optional<Authority> parse_authority(std::string_view text);
 
 // Reads the host name, without a port, from the Host field (RFC 9112, section 3.2) of a request to an origin server, as
 // the bytes of the request's head arrive. The name is known at the end of the field's line. Stores about a kilobyte,

@@ -1,4 +1,4 @@
-#include "platform/linux/flow/ClientHello.h"
+#include "platform/names/ClientHello.h"
 
 #include <algorithm>
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <string>
 
-#include "platform/linux/base/HostName.h"
+#include "platform/names/HostName.h"
 
 namespace orvane {
 

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "platform/linux/flow/ServerName.h"
+#include "platform/names/ServerName.h"
 #include "support/ClientHello.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "platform/linux/base/HostName.h"
+#include "platform/names/HostName.h"
 
 namespace orvane {
 

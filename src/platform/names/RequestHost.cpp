@@ -1,16 +1,13 @@
-#include "platform/linux/flow/RequestHost.h"
+#include "platform/names/RequestHost.h"
 
 #include <algorithm>
-#include <boost/url/authority_view.hpp>
-#include <boost/url/parse.hpp>
 #include <cctype>
 #include <iterator>
 #include <utility>
 
+#include "platform/names/Authority.h"
+
 namespace orvane {
-
-namespace http = boost::beast::http;
-
 namespace {
 
 constexpr size_t kMethodLimit = 31;
@@ -31,41 +28,6 @@ char lower_case(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A
 bool may_be_request(std::string_view bytes) {
   const std::string_view method = bytes.substr(0, bytes.find(' '));
   return method.empty() ? bytes.empty() : may_be_method(method);
-}
-
-size_t parse_request_head(RequestParser& parser, std::string_view bytes, boost::beast::error_code& error) {
-  parser.header_limit(static_cast<uint32_t>(kRequestHeadLimit));
-  parser.body_limit(boost::none);
-  size_t length = parser.put(boost::asio::buffer(bytes.data(), bytes.size()), error);
-  if (!error && !parser.is_header_done()) error = http::error::need_more;
-  return error ? 0 : length;
-}
-
-std::optional<Authority> parse_authority(std::string_view text) {
-  auto parsed = boost::urls::parse_authority(text);
-  if (!parsed || parsed->has_userinfo()) return std::nullopt;
-  Authority authority;
-  switch (parsed->host_type()) {
-    case boost::urls::host_type::ipv4:
-    case boost::urls::host_type::ipv6:
-      authority.host = parsed->host_address();
-      authority.isAddress = true;
-      break;
-    case boost::urls::host_type::name:
-      // The name stays percent-encoded. A decoded name could contain a NUL: the resolver would stop reading there, but
-      // the filter would not, so the two would read different names.
-      authority.host = std::string_view(parsed->encoded_host());
-      authority.isAddress = false;
-      break;
-    default:
-      return std::nullopt;
-  }
-  if (authority.host.empty()) return std::nullopt;
-  if (parsed->has_port() && !parsed->port().empty()) {
-    if (parsed->port_number() == 0) return std::nullopt;
-    authority.port = parsed->port_number();
-  }
-  return authority;
 }
 
 RequestHostReader::State RequestHostReader::read(std::string_view bytes) {
