@@ -2,6 +2,8 @@
 
 #import <NetworkExtension/NetworkExtension.h>
 
+#include <utility>
+
 #include "platform/macos/base/Retained.h"
 #include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
@@ -38,21 +40,25 @@ using PlainFlow = SystemFlow<NEFilterFlow, ::NEFilterFlow>;
 
 class SocketFlow final : public SystemFlow<NEFilterSocketFlow, ::NEFilterSocketFlow> {
  public:
-  using SystemFlow::SystemFlow;
+  SocketFlow(::NEFilterSocketFlow* flow, std::optional<std::string> name)
+      : SystemFlow(flow), nameFromBytes_(std::move(name)) {}
   Ref<NWEndpoint> remoteEndpoint() const override { return endpoint_of([object() remoteEndpoint]); }
   std::optional<std::string> remoteHostname() const override {
     ::NSString* name = [object() remoteHostname];
-    if (name == nil) return std::nullopt;
+    if (name == nil) return nameFromBytes_;
     return text_of(name);
   }
   int32_t socketType() const override { return [object() socketType]; }
+
+ private:
+  std::optional<std::string> nameFromBytes_;
 };
 
 }  // namespace
 
-Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow) {
+Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow, std::optional<std::string> name) {
   if ([flow isKindOfClass:[::NEFilterSocketFlow class]]) {
-    return Ref<SocketFlow>::adopt(new SocketFlow(static_cast<::NEFilterSocketFlow*>(flow)));
+    return Ref<SocketFlow>::adopt(new SocketFlow(static_cast<::NEFilterSocketFlow*>(flow), std::move(name)));
   }
   return Ref<PlainFlow>::adopt(new PlainFlow(flow));
 }

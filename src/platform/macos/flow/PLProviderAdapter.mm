@@ -1,6 +1,9 @@
 #import "platform/macos/flow/PLProviderAdapter.h"
 
+#include <utility>
+
 #include "platform/macos/base/Block.h"
+#include "platform/macos/base/Values.h"
 #include "platform/macos/flow/Flow.h"
 #include "platform/macos/flow/NetworkExtension.h"
 #include "platform/macos/foundation/Foundation.h"
@@ -16,6 +19,19 @@ auto pooled(Body body) {
     result = [body() retain];
   }
   return [result autorelease];
+}
+
+// Until the name is complete, the system holds back this many bytes of a flow. That is enough for every TLS hello. The
+// head of a request may be longer. Its further bytes pass while they are read, because the system must store the bytes
+// that it holds back, and its documentation does not say how many it can store.
+constexpr size_t kHeldLimit = orvane::ClientHelloReader::kLimit;
+
+std::string identifier_of(NEFilterFlow* flow) { return orvane::text_of([[flow identifier] UUIDString]); }
+
+// Whether the framework knows no host name of the flow.
+bool is_nameless(NEFilterFlow* flow) {
+  return [flow isKindOfClass:[NEFilterSocketFlow class]] && [flow URL] == nil &&
+         [static_cast<NEFilterSocketFlow*>(flow) remoteHostname] == nil;
 }
 
 }  // namespace
@@ -62,13 +78,25 @@ auto pooled(Body body) {
                                          readBytes:(NSData*)readBytes {
   return pooled([&] {
     const std::span<const uint8_t> bytes(static_cast<const uint8_t*>([readBytes bytes]), [readBytes length]);
-    return orvane::verdict_object(_provider->handleOutboundDataFromFlow(*orvane::flow_of(flow), offset, bytes));
+    std::optional<std::string> name;
+    if (is_nameless(flow)) {
+      orvane::FlowNames::Result found = _names.read(identifier_of(flow), offset, bytes);
+      if (found.state == orvane::NameState::Open) {
+        const size_t passed = offset + bytes.size() > kHeldLimit ? bytes.size() : 0;
+        return [NEFilterDataVerdict dataVerdictWithPassBytes:passed peekBytes:NEFilterFlowBytesMax];
+      }
+      if (found.state == orvane::NameState::Known) name = std::move(found.name);
+    }
+    const auto named = orvane::flow_of(flow, std::move(name));
+    return orvane::verdict_object(_provider->handleOutboundDataFromFlow(*named, offset, bytes));
   });
 }
 
 - (NEFilterDataVerdict*)handleOutboundDataCompleteForFlow:(NEFilterFlow*)flow {
-  return pooled(
-      [&] { return orvane::verdict_object(_provider->handleOutboundDataCompleteForFlow(*orvane::flow_of(flow))); });
+  return pooled([&] {
+    _names.forget(identifier_of(flow));
+    return orvane::verdict_object(_provider->handleOutboundDataCompleteForFlow(*orvane::flow_of(flow)));
+  });
 }
 
 @end

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 // A stand-in for the part of the framework that a filter uses. Tests make its objects, and inspect what the filter read
 // and called.
@@ -36,6 +37,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @interface NEFilterFlow : StandInObject
 - (NSURL*)URL;
+- (NSUUID*)identifier;
 - (NSData*)sourceAppAuditToken;
 @end
 
@@ -58,6 +60,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 @end
 
 @interface NEFilterDataVerdict : NEFilterVerdict
++ (NEFilterDataVerdict*)dataVerdictWithPassBytes:(NSUInteger)passBytes peekBytes:(NSUInteger)peekBytes;
 @end
 
 @interface NENetworkRule : StandInObject
@@ -97,3 +100,11 @@ inline struct NetworkExtensionState {
   std::string appliedSettings;
   std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
 } networkExtension;
+
+// Plays the framework for one flow whose outbound bytes arrive in these pieces. Asks for the verdict on the new flow.
+// Then shows, at each piece, the bytes after the passed ones, at most as many as the last verdict's peek count, until a
+// verdict is final (documentation of dataVerdictWithPassBytes:peekBytes:). Asks about the end of the data at last. The
+// documentation does not say whether bytes that were shown and not passed are shown again, so a test tries both.
+// Returns the final verdict, and how many bytes had passed before it: "drop after 0".
+std::string play_flow(NEFilterDataProvider* provider, NEFilterFlow* flow, const std::vector<std::string>& pieces,
+                      bool showsAgain);

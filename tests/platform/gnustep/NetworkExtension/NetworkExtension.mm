@@ -2,6 +2,9 @@
 
 #include <objc/runtime.h>
 
+#include <algorithm>
+#include <cstdio>
+
 #include "platform/macos/base/Block.h"
 
 // The header declares methods that this file does not implement. resolveInstanceMethod: adds them at run time, or
@@ -88,6 +91,11 @@
 @end
 
 @implementation NEFilterDataVerdict
+
++ (NEFilterDataVerdict*)dataVerdictWithPassBytes:(NSUInteger)passBytes peekBytes:(NSUInteger)peekBytes {
+  return [self withContent:[NSString stringWithFormat:@"pass %lu peek %lu", passBytes, peekBytes]];
+}
+
 @end
 
 @implementation NENetworkRule
@@ -133,3 +141,27 @@
 }
 
 @end
+
+std::string play_flow(NEFilterDataProvider* provider, NEFilterFlow* flow, const std::vector<std::string>& pieces,
+                      bool showsAgain) {
+  size_t passed = 0, shown = 0, pass = 0, peek = 0;
+  const auto final = [&](id verdict) {
+    return [[verdict description] UTF8String] + (" after " + std::to_string(passed));
+  };
+  NEFilterVerdict* verdict = [provider handleNewFlow:flow];
+  if (sscanf([[verdict description] UTF8String], "in 0 0 out 1 %lu", &peek) < 1) return final(verdict);
+  std::string bytes;
+  for (const std::string& piece : pieces) {
+    bytes += piece;
+    const size_t begin = showsAgain ? passed : std::max(passed, shown),
+                 end = std::min(bytes.size() - passed, peek) + passed;
+    if (end <= std::max(passed, shown)) continue;
+    verdict = [provider handleOutboundDataFromFlow:flow
+                              readBytesStartOffset:begin
+                                         readBytes:[NSData dataWithBytes:&bytes[begin] length:end - begin]];
+    shown = end;
+    if (sscanf([[verdict description] UTF8String], "pass %lu peek %lu", &pass, &peek) < 2) return final(verdict);
+    passed = std::min(passed + pass, bytes.size());
+  }
+  return final([provider handleOutboundDataCompleteForFlow:flow]);
+}
