@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/linux/base/ThreadBudget.h"
 #include "platform/linux/flow/FlowCounters.h"
 
 namespace orvane {
@@ -17,6 +18,8 @@ constexpr uint16_t kDNSPort = 53;
 // After this time without a packet, an open flow is kept only if its socket still exists. A browser may wait for
 // minutes in the middle of a request; the rest of the request must not count as the start of a new flow.
 constexpr auto kOpenLifetime = 10min;
+// For how long a packet may wait while expired open flows are checked or removed: one user can have thousands of them.
+constexpr auto kEvictionTime = 1ms;
 // How long a settled flow is remembered, for packets that the kernel queued before it had the verdict.
 constexpr auto kSettledLifetime = 5s;
 constexpr size_t kSettledLimit = 8192;
@@ -291,18 +294,27 @@ const OpenConnection* QueuedFlows::endedBefore(const Flow& flow, const Examinati
 
 void QueuedFlows::evictExpired(Clock::time_point now) {
   while (!ended_.empty() && now - ended_.front().since > kEndedLifetime) ended_.pop_front();
-  while (!open_.empty() && now - open_.front().lastSeen > kOpenLifetime) {
-    auto flow = open_.begin();
-    auto socket = owners_.find(flow->pair);
+  evictOpen(now);
+  while (!settled_.empty() && (settled_.size() > kSettledLimit || now - settled_.front().lastSeen > kSettledLifetime)) {
+    erase(settled_.begin());
+  }
+}
+
+// Checks or removes expired open flows until kEvictionTime is over, but one flow at least.
+void QueuedFlows::evictOpen(Clock::time_point now) {
+  std::optional<ThreadBudget> budget;  // made only if a flow has expired, because it takes a system call
+  while (!open_.empty() && now - open_.front().lastSeen > kOpenLifetime && !(budget && budget->isSpent())) {
+    if (!budget) budget.emplace(kEvictionTime);
+    const auto flow = open_.begin();
+    // The sockets of UDP flows are not looked up, because that takes long, and because a client gives up an incomplete
+    // QUIC hello far earlier.
+    const auto socket = flow->pair.protocol == IPPROTO_TCP ? owners_.find(flow->pair) : std::nullopt;
     if (!socket || socket->cookie != flow->cookie) {
       erase(flow);
       continue;
     }
     flow->lastSeen = now;
     open_.splice(open_.end(), open_, flow);
-  }
-  while (!settled_.empty() && (settled_.size() > kSettledLimit || now - settled_.front().lastSeen > kSettledLifetime)) {
-    erase(settled_.begin());
   }
 }
 

@@ -29,9 +29,9 @@ enum class PacketVerdict {
 };
 
 // The flows whose first outbound packets are in the queue. A flow is shown to the provider when its server's name is
-// known or cannot become known, or when the flow ends. An open flow (without a verdict) is kept as long as its socket
-// exists. A settled flow (with a verdict) is remembered for some seconds, for packets that were queued before its
-// verdict.
+// known or cannot become known, or when the flow ends. An open TCP flow (without a verdict) is kept as long as its
+// socket exists, an open UDP flow until ten minutes after its last packet. A settled flow (with a verdict) is
+// remembered for some seconds, for packets that were queued before its verdict.
 //
 // The name of a UDP flow, except a DNS flow, is read from the hello in QUIC's first datagrams. While the flow is open,
 // only datagrams with parts of the hello may pass; all other datagrams are held, because they could contain a request.
@@ -167,6 +167,7 @@ class QueuedFlows {
   bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
   const OpenConnection* endedBefore(const Flow& flow, const Examination& open) const;
   void evictExpired(Clock::time_point now);
+  void evictOpen(Clock::time_point now);
 
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;

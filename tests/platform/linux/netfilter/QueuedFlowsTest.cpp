@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/base/ThreadBudget.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "platform/linux/netfilter/QueuedFlows.h"
@@ -16,7 +17,14 @@ using namespace std::chrono_literals;
 
 struct Owners final : FlowOwners {
   std::optional<SocketFacts> socket = SocketFacts{1, 2, 3};
-  std::optional<SocketFacts> find(const SocketPair&) override { return socket; }
+  std::chrono::nanoseconds searchTime{0};
+  size_t searches = 0;
+  std::optional<SocketFacts> find(const SocketPair&) override {
+    const ThreadBudget budget(searchTime);
+    while (!budget.isSpent()) continue;
+    ++searches;
+    return socket;
+  }
   Value owner = Value::string("owner");
   Value ownerOf(const SocketFacts&) override { return owner; }
 };
@@ -169,6 +177,20 @@ TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
   owners.socket.reset();
   flows.judge(packet("x", 0, 80), now + 24h);
   EXPECT_EQ(flows.size(), 1U) << "the socket was closed";
+}
+
+TEST_F(QueuedFlowsTest, DividesTheWorkOnExpiredFlowsAmongPackets) {
+  const std::vector<std::string> records = quic_records("two_connections");
+  const auto now = QueuedFlows::Clock::now();
+  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(flows.judge(packet("GET", 0, port), now), Open);
+  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(flows.judge(packet(records[0], 0, port, IPPROTO_UDP), now), Open);
+  owners.searchTime = 1ms;
+  owners.searches = 0;
+  for (size_t number = 1; number <= 6; ++number) {
+    EXPECT_EQ(flows.judge(packet(kRequest, 0), now + 1h), Allowed);
+    EXPECT_EQ(owners.searches, number + std::min<size_t>(number, 3)) << "for the packets, and for the open streams";
+  }
+  EXPECT_EQ(flows.size(), 4U) << "the open streams are left";
 }
 
 TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
