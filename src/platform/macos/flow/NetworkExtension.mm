@@ -2,8 +2,13 @@
 
 #import <NetworkExtension/NetworkExtension.h>
 
-#include <utility>
+#include <algorithm>
+#include <span>
+#include <string_view>
+#include <vector>
 
+#include "platform/Bundle.h"
+#include "platform/Log.h"
 #include "platform/macos/base/Retained.h"
 #include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
@@ -18,31 +23,89 @@ static_assert(static_cast<int64_t>(NEFilterAction::Allow) == NEFilterActionAllow
 static_assert(static_cast<int64_t>(NEFilterAction::FilterData) == NEFilterActionFilterData);
 static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) == sizeof(uint64_t));
 
-::NWHostEndpoint* endpoint_object(const Ref<NWHostEndpoint>& endpoint) {
+// The hosts of a rule that matches every host.
+using AnyHost = std::span<const std::string_view>;
+// The core's rules have an empty host. The framework's header does not say what an empty host means.
+constexpr std::string_view kEmptyHost[] = {""};
+// NENetworkRule.h: a rule with one of these addresses matches every host except loopback.
+constexpr std::string_view kWildcards[] = {"0.0.0.0", "::"};
+
+bool matches_any_host(const NEFilterRule& rule) {
+  return rule.networkRule.remoteNetwork && rule.networkRule.remoteNetwork->hostname().empty();
+}
+
+::NWHostEndpoint* endpoint_object(const Ref<NWHostEndpoint>& endpoint, std::string_view anyHost) {
   if (!endpoint) return nil;
-  return [::NWHostEndpoint endpointWithHostname:foundation_string(endpoint->hostname())
-                                           port:foundation_string(endpoint->port())];
+  const std::string_view host = endpoint->hostname().empty() ? anyHost : endpoint->hostname();
+  return [::NWHostEndpoint endpointWithHostname:foundation_string(host) port:foundation_string(endpoint->port())];
 }
 
-::NENetworkRule* network_rule_object(const NENetworkRule& rule) {
-  return
-      [[[::NENetworkRule alloc] initWithRemoteNetwork:endpoint_object(rule.remoteNetwork)
-                                         remotePrefix:rule.remotePrefix
-                                         localNetwork:endpoint_object(rule.localNetwork)
-                                          localPrefix:rule.localPrefix
-                                             protocol:static_cast<::NENetworkRuleProtocol>(rule.protocol)
-                                            direction:static_cast<::NETrafficDirection>(rule.direction)] autorelease];
-}
-
-::NEFilterRule* rule_object(const NEFilterRule& rule) {
-  return [[[::NEFilterRule alloc] initWithNetworkRule:network_rule_object(rule.networkRule)
+// Nil if the framework refuses the rule.
+::NEFilterRule* rule_object(const NEFilterRule& rule, std::string_view anyHost) {
+  const NENetworkRule& network = rule.networkRule;
+  ::NENetworkRule* object = [[[::NENetworkRule alloc]
+      initWithRemoteNetwork:endpoint_object(network.remoteNetwork, anyHost)
+               remotePrefix:network.remotePrefix
+               localNetwork:endpoint_object(network.localNetwork, anyHost)
+                localPrefix:network.localPrefix
+                   protocol:static_cast<::NENetworkRuleProtocol>(network.protocol)
+                  direction:static_cast<::NETrafficDirection>(network.direction)] autorelease];
+  // A rule that has lost its endpoint would match the flows of every port.
+  if (object == nil || (network.remoteNetwork && [object matchRemoteEndpoint] == nil)) return nil;
+  return [[[::NEFilterRule alloc] initWithNetworkRule:object
                                                action:static_cast<::NEFilterAction>(rule.action)] autorelease];
 }
 
-::NEFilterSettings* settings_object(const NEFilterSettings& settings) {
-  auto defaultAction = static_cast<::NEFilterAction>(settings.defaultAction);
-  return [[[::NEFilterSettings alloc] initWithRules:rule_objects(settings.rules)
-                                      defaultAction:defaultAction] autorelease];
+// Adds objects for the rules to `objects`, and leaves out those that the framework refuses. Returns whether it added
+// all.
+bool add_rules(::NSMutableArray* objects, const std::vector<NEFilterRule>& rules, AnyHost anyHost) {
+  bool isComplete = true;
+  for (const NEFilterRule& rule : rules) {
+    for (std::string_view host : matches_any_host(rule) ? anyHost : AnyHost(kEmptyHost)) {
+      if (::NEFilterRule* object = rule_object(rule, host)) {
+        [objects addObject:object];
+      } else {
+        isComplete = false;
+      }
+    }
+  }
+  return isComplete;
+}
+
+const os_log_t& rules_log() {
+  static const auto* log = new os_log_t(os_log_create(kBundleIdentifier, "NetworkExtension"));
+  return *log;
+}
+
+using Provider = Retained<::NEFilterDataProvider>;
+using ErrorHandler = NEFilterDataProvider::ErrorHandler;
+
+void apply(const Provider& provider, ::NSArray* rules, NEFilterAction defaultAction, const ErrorHandler& handler) {
+  ::NEFilterSettings* settings =
+      [[[::NEFilterSettings alloc] initWithRules:rules
+                                   defaultAction:static_cast<::NEFilterAction>(defaultAction)] autorelease];
+  // Until the framework has called and released the block, the block keeps the provider retained.
+  const Provider held = provider;
+  const ErrorHandler called = handler;
+  [provider.get() applySettings:settings
+              completionHandler:^(::NSError* error) {
+                (void)held;
+                @autoreleasepool {
+                  called(error_of(error));
+                }
+              }];
+}
+
+// Applies the settings with wildcard addresses in place of empty hosts.
+void apply_wildcards(const Provider& provider, const NEFilterSettings& settings, const ErrorHandler& handler) {
+  ::NSMutableArray* rules = [::NSMutableArray array];
+  if (!add_rules(rules, settings.rules, kWildcards)) {
+    ORVANE_LOG_ERROR(rules_log(),
+                     "the system refused a rule of the filter; flows that the rule selects pass unfiltered");
+  }
+  if ([rules count] > 0) return apply(provider, rules, settings.defaultAction, handler);
+  id words = @{NSLocalizedDescriptionKey : @"The system refused every rule of the filter."};
+  handler(error_of([::NSError errorWithDomain:foundation_string(kBundleIdentifier) code:1 userInfo:words]));
 }
 
 }  // namespace
@@ -69,23 +132,29 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 
 ::NSArray* rule_objects(const std::vector<NEFilterRule>& rules) {
   ::NSMutableArray* objects = [::NSMutableArray arrayWithCapacity:rules.size()];
-  for (const NEFilterRule& rule : rules) {
-    // The framework may refuse a rule and return nil. Skip this rule, because adding nil would end the process.
-    if (::NEFilterRule* object = rule_object(rule)) [objects addObject:object];
-  }
+  add_rules(objects, rules, kEmptyHost);
   return objects;
 }
 
+// If the framework refuses rules with an empty host, tries wildcard addresses. Then the handler gets the outcome of
+// this second attempt.
 void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, ErrorHandler completionHandler) {
-  // The block retains the framework's provider until the framework has called and released the block.
-  const Retained<::NEFilterDataProvider> provider(static_cast<::NEFilterDataProvider*>(platformObject()));
-  [provider.get() applySettings:settings_object(settings)
-              completionHandler:^(::NSError* error) {
-                (void)provider;
-                @autoreleasepool {
-                  completionHandler(error_of(error));
-                }
-              }];
+  const Provider provider(static_cast<::NEFilterDataProvider*>(platformObject()));
+  ::NSMutableArray* rules = [::NSMutableArray array];
+  if (!add_rules(rules, settings.rules, kEmptyHost)) {
+    ORVANE_LOG_ERROR(rules_log(), "the system refused a rule without a host; trying the addresses 0.0.0.0 and ::");
+    return apply_wildcards(provider, settings, completionHandler);
+  }
+  // apply() keeps the provider retained until it has called this closure.
+  ::NEFilterDataProvider* borrowed = provider.get();
+  apply(provider, rules, settings.defaultAction, [borrowed, settings, completionHandler](const Ref<NSError>& error) {
+    const auto& all = settings.rules;
+    if (!error || std::none_of(all.begin(), all.end(), matches_any_host)) return completionHandler(error);
+    ORVANE_LOG_ERROR(rules_log(),
+                     "the system refused the rules without a host (%@); trying the addresses 0.0.0.0 and ::",
+                     error->localizedDescription());
+    apply_wildcards(Provider(borrowed), settings, completionHandler);
+  });
 }
 
 // The framework itself finds the class that the bundle names.

@@ -63,7 +63,10 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 + (NEFilterDataVerdict*)dataVerdictWithPassBytes:(NSUInteger)passBytes peekBytes:(NSUInteger)peekBytes;
 @end
 
-@interface NENetworkRule : StandInObject
+@interface NENetworkRule : StandInObject {
+  NWHostEndpoint* _matchRemoteEndpoint;
+}
+- (NWHostEndpoint*)matchRemoteEndpoint;
 - (instancetype)initWithRemoteNetwork:(NWHostEndpoint*)remoteNetwork
                          remotePrefix:(NSUInteger)remotePrefix
                          localNetwork:(NWHostEndpoint*)localNetwork
@@ -94,10 +97,15 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @compatibility_alias NEFilterProvider NEFilterDataProvider;
 
+// How the framework refuses a rule that does not contain an address.
+enum class Refusal { None, NoObject, NoEndpoint };
+
 // What the filter read and applied, and the handler with which a test completes applySettings.
 inline struct NetworkExtensionState {
   std::string reads;  // the properties that were read, each followed by a space
   std::string appliedSettings;
+  Refusal refusal = Refusal::None;
+  bool refusesAll = false;                      // also rules with an address
   std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
 } networkExtension;
 

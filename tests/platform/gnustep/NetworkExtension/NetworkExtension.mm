@@ -106,9 +106,24 @@
                           localPrefix:(NSUInteger)localPrefix
                              protocol:(NENetworkRuleProtocol)protocol
                             direction:(NETrafficDirection)direction {
+  const bool isRefused = networkExtension.refusesAll || [[remoteNetwork hostname] length] == 0;
+  if (isRefused && networkExtension.refusal == Refusal::NoObject) {
+    [self release];
+    return nil;
+  }
+  if (!isRefused || networkExtension.refusal != Refusal::NoEndpoint) _matchRemoteEndpoint = [remoteNetwork retain];
   return
       [self initWithContent:[NSString stringWithFormat:@"%@/%lu from %@/%lu protocol %ld direction %ld", remoteNetwork,
                                                        remotePrefix, localNetwork, localPrefix, protocol, direction]];
+}
+
+- (NWHostEndpoint*)matchRemoteEndpoint {
+  return _matchRemoteEndpoint;
+}
+
+- (void)dealloc {
+  [_matchRemoteEndpoint release];
+  [super dealloc];
 }
 
 @end

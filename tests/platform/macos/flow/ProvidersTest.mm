@@ -188,10 +188,45 @@ TEST_F(ProvidersTest, ReportsTheOutcomeOfApplyingTheRules) {
       EXPECT_EQ(calls, 0);
       EXPECT_EQ([provider retainCount], 2U) << "held by the test and by the framework";
       std::exchange(networkExtension.completeApply, nullptr)(error);
+      if (error != nil) std::exchange(networkExtension.completeApply, nullptr)(error);  // of a second attempt
       EXPECT_EQ(calls, 1);
     }
     EXPECT_NE(stand_in::take_log(text_of(NSStringFromClass([provider class]))).find(failed), std::string::npos);
   }
+}
+
+TEST_F(ProvidersTest, TriesWildcardAddressesWhenTheFrameworkRefusesEmptyHosts) {
+  const struct {
+    const char* name;
+    Refusal refusal;
+    bool failsFirst;
+  } rows[] = {{"no rule object", Refusal::NoObject, false},
+              {"a rule without its endpoint", Refusal::NoEndpoint, false},
+              {"an error when the rules are applied", Refusal::None, true}};
+  for (const auto& [name, refusal, failsFirst] : rows) {
+    networkExtension = {};
+    networkExtension.refusal = refusal;
+    __block std::string outcomes;
+    [safari startFilterWithCompletionHandler:^(::NSError* error) {
+      outcomes += error == nil ? "success " : "error ";
+    }];
+    if (failsFirst) std::exchange(networkExtension.completeApply, nullptr)(failure);
+    EXPECT_EQ(outcomes, "") << name;
+    for (const char* host : {"\"0.0.0.0\"; port = 80", "\"0.0.0.0\"; port = 443", "\"::\"; port = 80"}) {
+      EXPECT_NE(networkExtension.appliedSettings.find(host), std::string::npos) << name << host;
+    }
+    std::exchange(networkExtension.completeApply, nullptr)(nil);
+    EXPECT_EQ(outcomes, "success ") << name;
+    EXPECT_NE(stand_in::take_log("NetworkExtension").find("trying the addresses"), std::string::npos) << name;
+  }
+  networkExtension.refusal = Refusal::NoObject;
+  networkExtension.refusesAll = true;
+  __block bool isRefused = false;
+  [safari startFilterWithCompletionHandler:^(::NSError* error) {
+    isRefused = error != nil;
+  }];
+  EXPECT_TRUE(isRefused);
+  EXPECT_NE(stand_in::take_log("PLSafariFilterDataProvider").find("refused every rule"), std::string::npos);
 }
 
 TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
@@ -207,7 +242,7 @@ TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
       [provider startFilterWithCompletionHandler:^(::NSError* error) {
         [handled addObject:error];
       }];
-      std::exchange(networkExtension.completeApply, nullptr)(failure);
+      for (int attempt = 0; attempt < 2; ++attempt) std::exchange(networkExtension.completeApply, nullptr)(failure);
       for (::NEFilterFlow* flow in flows) verdicts(provider, flow, bytes);
       [provider stopFilterWithReason:NEProviderStopReasonUserInitiated
                    completionHandler:^{
