@@ -1,4 +1,4 @@
-"""The demo's scenes, in the order of the table."""
+"""The demo's scenes, in the order in which the demo runs them."""
 
 import datetime
 import pathlib

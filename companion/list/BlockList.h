@@ -93,9 +93,9 @@ class BlockList {
   LineByHost lineByHost_;
 };
 
-// The sites on the list that decide about a host. They are searched in the order of covering_hosts(), the host itself
-// first, because the extension asks its provider in this order. A null pointer means that there is no such site. Valid
-// until the next change of the list.
+// The sites on the list that decide about a host. decide() looks on the list for the host itself, and then for the
+// domains above it, because the extension asks its provider in this order. A null pointer means that there is no such
+// site. Valid until the next change of the list.
 struct Decision {
   const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
   const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first
