@@ -11,7 +11,7 @@ import time
 import name_server
 import programs
 from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, outcome
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, iptables, outcome
 
 
 def DropsOnlyHeldHosts(world: World):
@@ -86,6 +86,21 @@ def JudgesTwoThousandConnectionsAtOnce(world: World):
         wrong = collections.Counter(pair for pair in zip(verdicts, [DROP, ALLOW] * 1000) if pair[0] != pair[1])
         check((dict(wrong), server.seen), ({}, 0), "wrong verdicts, and held connections at the server")
         check(extension.counters()["after a verdict"], 0, "packets after a verdict")
+
+
+def WaitsForALostFirstPacket(world: World):
+    address, text = "127.0.0.9", request(HELD, "/" + "x" * 1000)
+    FirstBytesServer(address, [80], HELD)
+    for browser, expected in ((PYTHON, DROP), ("another", ALLOW)):
+        with world.filtering(browser), socket.create_connection((address, 80), 60) as connection:
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            # A queue that no program reads loses the packet, as the extension's queue does when it is full.
+            iptables("iptables -t raw -A OUTPUT -p tcp --dport 80 -m length --length 900:9000 -j NFQUEUE")
+            connection.sendall(text[:1000])
+            connection.sendall(text[1000:])
+            time.sleep(0.1)  # the second packet passes
+            iptables("iptables -t raw -F OUTPUT")
+            check(outcome(connection), expected, f"{browser} is the browser")
 
 
 def AllowsDNSQuestionsAndLogsThem(world: World):

@@ -4,16 +4,19 @@
 
 namespace orvane {
 
+void FirstFlight::expect(uint32_t first) {
+  if (begun_) return;
+  begin_ = first;
+  isExpected_ = true;
+}
+
 FirstFlight::Added FirstFlight::add(uint32_t sequence, std::span<const uint8_t> payload) {
   next_ = {};
   if (broken_) return Added::Broken;
   if (payload.empty()) return Added::Yes;
-  if (!begun_) begin_ = sequence;
+  if (startsWith(sequence)) begin_ = sequence;
   begun_ = true;
-  // The distance is measured from the next expected byte, not from the first byte of the flight. So it fits into 32
-  // bits even if the flight has more than 2^32 bytes.
-  const auto expected = static_cast<uint32_t>(begin_ + length_);
-  const int64_t distance = static_cast<int32_t>(sequence - expected);
+  const int64_t distance = distanceTo(sequence);
   const auto known = static_cast<uint64_t>(std::max<int64_t>(-distance, 0));
   broken_ = known > length_;
   if (broken_) return Added::Broken;

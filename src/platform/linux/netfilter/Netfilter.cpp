@@ -253,6 +253,8 @@ void Netfilter::Queue::handleNext() {
 
 void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {
   flow_counters().unjudgedPackets.fetch_add(1, std::memory_order_relaxed);
+  const auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
+  if (packet && !queued.isInbound) flows.noteUnjudged(*packet);
   packets.drop(queued.id);
 }
 

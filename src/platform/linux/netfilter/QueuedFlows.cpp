@@ -42,6 +42,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
     flow = findOrCreate(packet.ends, socket, now);
   }
   const bool wasSettled = flow->open == nullptr;
+  if (!wasSettled) expectFirstByte(*flow->open, packet, socket);
   const bool isNews = !wasSettled && examine(*flow, *flow->open, packet);
   flow->repeats = isNews ? 0 : flow->repeats + 1;
   isLooping_ = flow->repeats > kRepeatsLimit;
@@ -216,11 +217,26 @@ void QueuedFlows::erase(Flows::iterator flow) {
   open_.erase(flow);
 }
 
+void QueuedFlows::noteUnjudged(const Packet& packet) {
+  if (packet.ends.protocol != IPPROTO_TCP || packet.payload.empty()) return;
+  if (unjudged_.size() == kUnjudgedLimit) unjudged_.clear();
+  unjudged_.try_emplace(packet.ends, packet.sequence);
+}
+
+// The queue may have lost the connection's first packets.
+void QueuedFlows::expectFirstByte(Examination& open, const Packet& packet, const std::optional<SocketFacts>& socket) {
+  if (socket && socket->firstByte) open.flight.expect(*socket->firstByte);
+  if (unjudged_.empty()) return;
+  const auto unjudged = unjudged_.find(packet.ends);
+  if (unjudged == unjudged_.end()) return;
+  if (!socket || !socket->firstByte) open.flight.expect(unjudged->second);
+  unjudged_.erase(unjudged);
+}
+
 // Adds the packet to an open flow. Shows the flow to the provider as soon as its server's name is known or cannot
 // become known. Returns whether the packet had new bytes or ended the flow.
 bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
-  const bool ends = packet.fin || packet.rst;
   std::span<const uint8_t> bytes = packet.payload;
   std::vector<uint8_t> filled;
   if (packet.missing > 0) {
@@ -230,18 +246,20 @@ bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& pac
     filled.resize(bytes.size() + packet.missing, '?');
     bytes = filled;
   }
-  bool isLast = ends;
+  if (packet.fin) open.end = packet.sequence + static_cast<uint32_t>(bytes.size());
   if (stream && !bytes.empty()) {
     const FirstFlight::Added added = open.flight.add(packet.sequence, bytes);
     open.isHeld = added == FirstFlight::Added::Full;
-    isLast = added == FirstFlight::Added::Broken || isLast;
+    open.hasLostBytes = open.hasLostBytes || added == FirstFlight::Added::Broken;
     bytes = open.flight.next();
   }
+  // A FIN after a gap ends nothing, because the bytes of the gap are still to come.
+  const bool ends = packet.rst || (open.end && open.flight.reaches(*open.end));
   // A DNS flow contains no server name; the provider itself reads the DNS question. In all other flows, the name is
   // read until it is complete, even if the provider has seen the flow already.
   if (packet.ends.remote.port != kDNSPort) {
     const uint64_t known = open.quic == nullptr ? 0 : open.quic->length();
-    if (!readName(flow, open, bytes, isLast)) return stream ? !bytes.empty() : open.quic->length() > known;
+    if (!readName(flow, open, bytes, ends)) return stream ? !bytes.empty() : open.quic->length() > known;
   }
   if (open.session.state() == FilterSession::State::New) {
     open.session.newFlow(stream ? open.flight.length() - bytes.size() : 0);

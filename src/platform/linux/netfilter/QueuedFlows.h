@@ -76,6 +76,11 @@ class QueuedFlows {
   // about the client's later packets.
   PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
+  // Call this for an outbound packet that is dropped without judge(). If the packet has the first bytes of a TCP
+  // connection, and the kernel's record lacks their sequence number, the flow starts with this packet's bytes, even if
+  // later bytes of the connection are judged first.
+  void noteUnjudged(const Packet& packet);
+
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
   // connection continues when connection tracking starts, or when connection tracking forgets the connection.
   // QueuedFlows itself calls this for the socket of each TCP flow that it allows. Only the last kSocketsLimit sockets
@@ -111,6 +116,8 @@ class QueuedFlows {
   // Limit on the dropped UDP flows that are remembered. Only edits of the list drop them, so no user can use up the
   // limit.
   static constexpr size_t kEndedLimit = 1024;
+  // Limit on the TCP connections for which noteUnjudged() was called.
+  static constexpr size_t kUnjudgedLimit = 8192;
 
  private:
   // What is known about an open flow.
@@ -121,11 +128,12 @@ class QueuedFlows {
     Ref<LinuxSocketFlow> flow;
     FilterSession session;
     FirstFlight flight;
+    std::optional<uint32_t> end;              // TCP only: the sequence number of the FIN, once it has arrived
     ServerNameReader name;                    // TCP only
     std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram
     bool isHeld = false;                      // whether the last packet must not pass before the verdict
     size_t stored = 0;                        // the bytes that the flow stores; counted in User::stored
-    bool hasLostBytes = false;                // whether stored bytes were forgotten
+    bool hasLostBytes = false;                // whether bytes of the flow can no longer be read
   };
 
   struct Flow {
@@ -163,6 +171,7 @@ class QueuedFlows {
   bool isBeyondLimit(const Flow& flow) const;
   void noteAllowed(const Flow& flow, const LinuxSocketFlow& shown);
   void erase(Flows::iterator flow);
+  void expectFirstByte(Examination& open, const Packet& packet, const std::optional<SocketFacts>& socket);
   bool examine(const Flow& flow, Examination& open, const Packet& packet);
   bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
   const OpenConnection* endedBefore(const Flow& flow, const Examination& open) const;
@@ -176,11 +185,12 @@ class QueuedFlows {
   uint64_t generation_ = 0;
   bool isLooping_ = false;
   Flows open_, settled_;
-  std::unordered_map<uid_t, User> users_;                       // those who have open flows
-  size_t stored_ = 0;                                           // the bytes that all open flows store
-  std::unordered_map<uint64_t, PacketVerdict> settledSockets_;  // TCP sockets, by cookie
-  std::deque<uint64_t> settledByAge_;                           // the same cookies, the oldest first
-  std::deque<Ended> ended_;                                     // UDP flows that drop() got, the oldest first
+  std::unordered_map<uid_t, User> users_;                              // those who have open flows
+  size_t stored_ = 0;                                                  // the bytes that all open flows store
+  std::unordered_map<uint64_t, PacketVerdict> settledSockets_;         // TCP sockets, by cookie
+  std::deque<uint64_t> settledByAge_;                                  // the same cookies, the oldest first
+  std::unordered_map<SocketPair, uint32_t, SocketPairHash> unjudged_;  // the first sequence number that was dropped
+  std::deque<Ended> ended_;                                            // UDP flows that drop() got, the oldest first
   std::unordered_map<SocketPair, Flows::iterator, SocketPairHash> flows_;
 };
 

@@ -125,13 +125,19 @@ int send_v6(struct bpf_sock_addr* context) {
 }
 
 // Records the endpoints of a connection. When a process connects a TCP socket, the kernel calls record_connect() before
-// it chooses the socket's local port, and this program just before it sends the SYN. The kernel also calls this program
-// for the server's socket of a connection, when the handshake is complete. A server's socket, or a socket of another
-// network namespace, has no record of its opener. For such a socket, this program removes the record of an earlier
-// socket with the same endpoints.
+// it chooses the socket's local port, and this program just before it sends the SYN. When the handshake is complete,
+// the kernel calls this program again, for the client's socket and for the server's. If both sides sent a SYN at the
+// same time, it calls the program for both sockets as for a server's. At this time, snd_una is the sequence number of
+// the first byte that the other side has not acknowledged: the connection's first byte, unless TCP Fast Open has sent
+// bytes with the SYN.
+//
+// A server's socket, or a socket of another network namespace, has no record of its opener. For such a socket, this
+// program removes the record of an earlier socket with the same endpoints.
 SEC("sockops")
 int record_stream(struct bpf_sock_ops* context) {
-  if (context->op != BPF_SOCK_OPS_TCP_CONNECT_CB && context->op != BPF_SOCK_OPS_PASSIVE_ESTABLISHED_CB) return 1;
+  const int isEstablished =
+      context->op == BPF_SOCK_OPS_ACTIVE_ESTABLISHED_CB || context->op == BPF_SOCK_OPS_PASSIVE_ESTABLISHED_CB;
+  if (context->op != BPF_SOCK_OPS_TCP_CONNECT_CB && !isEstablished) return 1;
   struct StreamRoute route = {.localPort = context->local_port, .remotePort = bpf_ntohl(context->remote_port)};
   if (context->family == AF_INET) {
     route.local[2] = route.remote[2] = bpf_htonl(0xffff);
@@ -149,6 +155,16 @@ int record_stream(struct bpf_sock_ops* context) {
     route.remote[3] = context->remote_ip6[3];
   }
   struct StreamSocket socket = {.cookie = bpf_get_socket_cookie(context)};
+  if (isEstablished) {
+    socket.firstByte = context->snd_una;
+    socket.hasFirstByte = 1;
+    struct StreamSocket* known = bpf_map_lookup_elem(&streams, &route);
+    if (known && known->cookie == socket.cookie) {
+      known->firstByte = socket.firstByte;
+      known->hasFirstByte = 1;
+      return 1;
+    }
+  }
   struct SocketOpener* opener = bpf_map_lookup_elem(&stream_openers, &socket.cookie);
   if (opener) {
     socket.opener = *opener;

@@ -134,7 +134,8 @@ std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair) {
   if (!stream) return find(pair);
   implementation_->lastPair = pair;
   implementation_->lastStream = *stream;
-  return SocketFacts{stream->cookie, 0, stream->opener.user};
+  const auto firstByte = stream->hasFirstByte != 0 ? std::optional(stream->firstByte) : std::nullopt;
+  return SocketFacts{stream->cookie, 0, stream->opener.user, true, firstByte};
 }
 
 std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }

@@ -19,6 +19,9 @@ struct SocketFacts {
   uint32_t inode;          // 0 if the socket is closed or was found in the kernel's record
   uid_t user;              // the socket's creator
   bool connected = false;  // true for a datagram socket whose peer is `remote` of the pair that was looked up
+  // The sequence number of the first byte that a TCP socket sends after the handshake. Nothing if the kernel's record
+  // lacks it.
+  std::optional<uint32_t> firstByte = {};
 };
 
 // Finds the process that owns a socket. There are two sources:

@@ -29,4 +29,6 @@ struct StreamRoute {
 struct StreamSocket {
   struct SocketOpener opener;
   __u64 cookie;
+  __u32 firstByte;     // the sequence number of the first byte after the handshake
+  __u32 hasFirstByte;  // 0 while the connection is not established; firstByte is then not known
 };

@@ -161,6 +161,95 @@ TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
   }
 }
 
+TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
+  const std::string long_ = "GET /" + std::string(FirstFlight::kBytesLimit, 'x');
+  enum class Known { Record, Drop, No };
+  const struct {
+    const char* name;
+    Known known;
+    std::string_view begin, end;
+    bool hasFIN, answersFirst;
+    std::vector<PacketVerdict> browser;  // of the end, then of the begin
+    std::string_view calls;
+    std::vector<PacketVerdict> other;
+  } kCases[] = {
+      {"the record has its number",
+       Known::Record,
+       kRequest.substr(0, 20),
+       kRequest.substr(20),
+       false,
+       false,
+       {Open, Dropped},
+       "new a.example; data 0 a.example; ",
+       {Open, Allowed}},
+      {"the end has a FIN",
+       Known::Record,
+       kRequest.substr(0, 20),
+       kRequest.substr(20),
+       true,
+       false,
+       {Open, Dropped},
+       "new a.example; data 0 a.example; ",
+       {Open, Allowed}},
+      {"the server answers first",
+       Known::Record,
+       kRequest.substr(0, 20),
+       kRequest.substr(20),
+       false,
+       true,
+       {Open, Dropped},
+       "new -; data 0 a.example; ",
+       {Allowed, Allowed}},
+      {"it was dropped unjudged",
+       Known::Drop,
+       kRequest.substr(0, 20),
+       kRequest.substr(20),
+       false,
+       false,
+       {Open, Dropped},
+       "new a.example; data 0 a.example; ",
+       {Open, Allowed}},
+      {"nothing has its number",
+       Known::No,
+       kRequest,
+       "GET /",
+       false,
+       false,
+       {Open, Dropped},
+       "new -; ",
+       {Open, Allowed}},
+      {"too far ahead to wait for",
+       Known::Record,
+       long_,
+       kRequest,
+       false,
+       false,
+       {Dropped, Dropped},
+       "new a.example; data 0 a.example; ",
+       {Allowed, Allowed}},
+  };
+  provider->data = kDropData;
+  for (const auto& c : kCases) {
+    for (const bool isBrowser : {true, false}) {
+      ++owners.socket->cookie;
+      provider->newFlow = isBrowser ? kExamine : kAllow;
+      const uint32_t first = 0xfffffffa;
+      const Packet begin = packet(c.begin, first);
+      Packet end = packet(c.end, first + static_cast<uint32_t>(c.begin.size())), answer = begin;
+      std::swap(answer.ends.local, answer.ends.remote);
+      end.fin = c.hasFIN;
+      if (c.answersFirst) flows.judgeInbound(answer, true);
+      if (c.known == Known::Record) owners.socket->firstByte = first;
+      if (c.known == Known::Drop) flows.noteUnjudged(begin);
+      const PacketVerdict ofEnd = flows.judge(end);
+      EXPECT_EQ((std::vector{ofEnd, flows.judge(begin)}), isBrowser ? c.browser : c.other) << c.name;
+      const std::string seen = calls();
+      EXPECT_EQ(isBrowser ? seen : c.calls, c.calls) << c.name;
+      owners.socket->firstByte.reset();
+    }
+  }
+}
+
 TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
   provider->newFlow = kDrop;
   auto now = QueuedFlows::Clock::now();

@@ -3,6 +3,7 @@
 #include <linux/sched.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -233,6 +234,18 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   }
 }
 
+// The sequence number of the next byte that the TCP socket sends.
+uint32_t next_sequence(const Descriptor& socket) {
+  const int on = 1, off = -1, queue = TCP_SEND_QUEUE;  // -1 sends no window probe when the mode ends
+  uint32_t sequence = 0;
+  socklen_t size = sizeof sequence;
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_REPAIR, &on, sizeof on);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_REPAIR_QUEUE, &queue, sizeof queue);
+  EXPECT_EQ(0, ::getsockopt(socket.get(), IPPROTO_TCP, TCP_QUEUE_SEQ, &sequence, &size)) << std::strerror(errno);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_REPAIR, &off, sizeof off);
+  return sequence;
+}
+
 TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
   if (!enter_own_network()) GTEST_SKIP() << "needs a network namespace (root)";
   SocketOwners owners;
@@ -267,6 +280,7 @@ TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
     auto sender = owners.sender(pair);
     ASSERT_TRUE(sender);
     EXPECT_EQ(cookie, sender->cookie);
+    EXPECT_EQ(client == 0 ? std::optional(next_sequence(connecting)) : std::nullopt, sender->firstByte);
   }
 }
 
