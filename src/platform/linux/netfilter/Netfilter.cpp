@@ -79,6 +79,7 @@ struct Netfilter::Queue {
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start);
+  void removeEnded(PacketBacklog::Clock::time_point now);
   void rebind();
   void reviewConnections();
   void end(const OpenConnection& connection);
@@ -213,7 +214,7 @@ void Netfilter::Queue::serve(int stop) {
       reviewConnections();
     } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
     flows.queueDrained();
-    connections.removeEnded(std::chrono::steady_clock::now());
+    removeEnded(PacketBacklog::Clock::now());
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));
@@ -246,9 +247,15 @@ void Netfilter::Queue::handleNext() {
     dropUnjudged(packet->queued);
   } else {
     handle(packet->queued, start);
-    flows.recordAllowed(start);
+    flows.recordAllowed();
   }
-  backlog.charge(PacketBacklog::Clock::now() - start);
+  const auto end = PacketBacklog::Clock::now();
+  backlog.charge(end - start);
+  removeEnded(end);  // not only when the queue is empty: in a flood it never is
+}
+
+void Netfilter::Queue::removeEnded(PacketBacklog::Clock::time_point now) {
+  connections.removeEnded(now, [this](uid_t user, PacketBacklog::Clock::duration time) { backlog.charge(user, time); });
 }
 
 void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {

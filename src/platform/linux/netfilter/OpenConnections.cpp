@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/linux/base/ThreadBudget.h"
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/LinuxFlow.h"
 
@@ -104,23 +105,30 @@ bool OpenConnections::isOpen(const Key& key) {
   return socket && socket->cookie == key.cookie;
 }
 
-void OpenConnections::removeEnded(Clock::time_point now) {
+void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
   if (size() <= kUnchecked) checks_ = 0;  // a review may have removed connections
-  if (checks_ == 0 || now - lastRemoval_ < kCheckInterval) return;
-  lastRemoval_ = now;
-  for (size_t i = 0; i < kChecksAtOnce && checks_ > 0; ++i) {
-    checkOldest();
+  if (checks_ == 0 || now < nextRemoval_) return;
+  const ThreadBudget budget(kCheckTime);
+  std::chrono::nanoseconds used{0};
+  for (size_t i = 0; i < kChecksAtOnce && checks_ > 0 && used < kCheckTime; ++i) {
+    const uid_t user = checkOldest();
     checks_ = size() > kUnchecked ? checks_ - 1 : 0;
+    const auto before = std::exchange(used, budget.used());
+    charge(user, used - before);
   }
+  nextRemoval_ = now + std::max<Clock::duration>(kCheckInterval, 10 * used);
 }
 
-void OpenConnections::checkOldest() {
+// Returns the connection's user.
+uid_t OpenConnections::checkOldest() {
   const auto oldest = ages_.front();
+  const uid_t user = oldest->second.user;
   if (isOpen(oldest->first)) {
     ages_.splice(ages_.end(), ages_, ages_.begin());
   } else {
     erase(oldest);
   }
+  return user;
 }
 
 void OpenConnections::erase(Connections::iterator connection) {

@@ -50,6 +50,7 @@ class OpenConnections {
  public:
   using Clock = std::chrono::steady_clock;
   using End = std::function<void(const OpenConnection&)>;
+  using Charge = std::function<void(uid_t user, Clock::duration time)>;
 
   // `end` must make the kernel drop the connection's later packets.
   OpenConnections(Ref<NEFilterDataProvider> provider, FlowOwners& owners, End end)
@@ -60,9 +61,11 @@ class OpenConnections {
   // checked longest ago. No later edit ends the forgotten connection.
   void add(OpenConnection connection);
 
-  // Removes some connections whose sockets were closed. Call it often: each check takes some microseconds, so one call
-  // makes at most kChecksAtOnce checks, and none within kCheckInterval after the previous checks.
-  void removeEnded(Clock::time_point now);
+  // Removes some connections whose sockets were closed. Call it often. One call makes at most kChecksAtOnce checks, and
+  // no further check after kCheckTime. Later calls make no checks until kCheckInterval is over, or longer, so that the
+  // checks take at most a tenth of the thread's time. Calls `charge` with the time of each check: a check takes some
+  // microseconds, but milliseconds if the connection's user has thousands of UDP sockets.
+  void removeEnded(Clock::time_point now, const Charge& charge);
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
   // the dot and for all names below it; with a "!" before the dot, the name is an exception for the same names.
@@ -81,7 +84,7 @@ class OpenConnections {
   // With at most this number of connections, removeEnded() checks none.
   static constexpr size_t kUnchecked = 1024;
   static constexpr size_t kChecksAtOnce = 32;
-  static constexpr std::chrono::milliseconds kCheckInterval{10};
+  static constexpr std::chrono::milliseconds kCheckTime{1}, kCheckInterval{10};
   // Limit on the ranges in plans_. If edits need more ranges, review() asks about all connections instead.
   static constexpr size_t kPlansLimit = 4096;
 
@@ -112,7 +115,7 @@ class OpenConnections {
   void planAll();
   bool ask(Connections::iterator connection);
   bool isOpen(const Key& key);
-  void checkOldest();
+  uid_t checkOldest();
   void erase(Connections::iterator connection);
 
   Ref<NEFilterDataProvider> provider_;
@@ -122,7 +125,7 @@ class OpenConnections {
   Ages ages_;
   std::unordered_map<uid_t, size_t> ofUser_;  // the number of each user's connections
   size_t checks_ = 0;                         // how many checks removeEnded() has to make
-  Clock::time_point lastRemoval_{};           // when removeEnded() made its last checks
+  Clock::time_point nextRemoval_{};           // when removeEnded() may make its next checks
   std::deque<Range> plans_;                   // for edits of one name
   std::deque<Range> all_;                     // for edits of all names
 };

@@ -6,9 +6,7 @@ namespace orvane {
 
 void PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now,
                         const std::function<void(const QueuedPacket&)>& drop) {
-  User& user = users_[packet.user];
-  // A user without packets cannot save up time for later.
-  if (user.packets.empty()) user.used = std::max(user.used, level_);
+  User& user = find(packet.user);
   Packet& added = user.packets.emplace_back(Packet{packet, {packet.bytes.begin(), packet.bytes.end()}, now});
   added.queued.bytes = added.bytes;
   user.bytes += added.bytes.size();
@@ -20,6 +18,13 @@ void PacketBacklog::add(const QueuedPacket& packet, Clock::time_point now,
                                     [](const auto& a, const auto& b) { return a.second.bytes < b.second.bytes; });
     drop(takeOldest(largest->second).queued);
   }
+}
+
+PacketBacklog::User& PacketBacklog::find(uid_t user) {
+  User& found = users_[user];
+  // A user without packets cannot save up time for later.
+  if (found.packets.empty()) found.used = std::max(found.used, level_);
+  return found;
 }
 
 PacketBacklog::Packet PacketBacklog::takeOldest(User& user) {
@@ -49,6 +54,8 @@ std::optional<PacketBacklog::Packet> PacketBacklog::next() {
 void PacketBacklog::charge(Clock::duration time) {
   if (last_ != nullptr) last_->used += time;
 }
+
+void PacketBacklog::charge(uid_t user, Clock::duration time) { find(user).used += time; }
 
 void PacketBacklog::clear() {
   users_.clear();

@@ -48,6 +48,9 @@ class PacketBacklog {
   // Adds `time` to the time that the user of the last packet from next() has used.
   void charge(Clock::duration time);
 
+  // Adds `time` to the time that this user has used.
+  void charge(uid_t user, Clock::duration time);
+
   bool empty() const { return waiting_ == 0; }
   void clear();
 
@@ -58,6 +61,7 @@ class PacketBacklog {
     Clock::duration used{};  // the time that judging the user's packets took; begins at `level_`, not at 0
   };
 
+  User& find(uid_t user);
   Packet takeOldest(User& user);
 
   std::map<uint32_t, User> users_;  // those who have packets, or whose `used` is above `level_`

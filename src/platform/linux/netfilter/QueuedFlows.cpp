@@ -169,14 +169,12 @@ bool QueuedFlows::isBeyondLimit(const Flow& flow) const {
 void QueuedFlows::noteAllowed(const Flow& flow, const LinuxSocketFlow& shown) {
   if (flow.pair.protocol == IPPROTO_TCP) allowSocket(flow.cookie);
   if (connections_ == nullptr || flow.cookie == 0 || !shown.hostName()) return;
-  recordAllowed(flow.lastSeen);
   newlyAllowed_ = {flow.pair, flow.cookie, flow.user, shown.sourceAppAuditToken(), *shown.hostName()};
 }
 
-void QueuedFlows::recordAllowed(Clock::time_point now) {
+void QueuedFlows::recordAllowed() {
   if (newlyAllowed_) connections_->add(std::move(*newlyAllowed_));
   newlyAllowed_.reset();
-  if (connections_ != nullptr) connections_->removeEnded(now);
 }
 
 // The flow with these endpoints. Makes a new flow if no flow with these endpoints is known, or if another socket uses

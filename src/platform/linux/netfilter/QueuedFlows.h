@@ -59,8 +59,8 @@ class QueuedFlows {
   void addAllowedTo(OpenConnections& connections) { connections_ = &connections; }
 
   // Call this after judge() and judgeInbound(), when the packet has its answer: the packet need not wait until its flow
-  // is added. Also removes some connections that have ended, because in a flood there is always a packet that waits.
-  void recordAllowed(Clock::time_point now = Clock::now());
+  // is added.
+  void recordAllowed();
 
   // Decides about an outbound packet.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());

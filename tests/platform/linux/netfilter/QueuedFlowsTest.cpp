@@ -344,18 +344,6 @@ TEST_F(QueuedFlowsTest, HoldsASegmentThatFindsNoRoom) {
   EXPECT_EQ(calls(), "new -; data 5 a.example; ");
 }
 
-TEST_F(QueuedFlowsTest, RemovesEndedConnectionsWhilePacketsKeepComing) {
-  OpenConnections connections(provider, owners, [](const OpenConnection&) {});
-  flows.addAllowedTo(connections);
-  auto now = QueuedFlows::Clock::now();
-  for (size_t number = 0; number < 4 * OpenConnections::kUnchecked; ++number, now += 1ms) {
-    ++owners.socket->cookie;
-    EXPECT_EQ(flows.judge(packet(kRequest, 0), now), Allowed);
-    flows.recordAllowed(now);
-  }
-  EXPECT_LT(connections.size(), 2 * OpenConnections::kUnchecked);
-}
-
 TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   Packet answer = packet("HTTP/1.1 200 OK", 1);
   std::swap(answer.ends.local, answer.ends.remote);
