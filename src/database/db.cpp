@@ -6,10 +6,10 @@
 
 namespace orvane {
 
-os_log_t db_log;
-std::unique_ptr<Table> db_spare;
-std::unique_ptr<Table> db_hostnames;
-std::unique_ptr<Table> db_browsers;
+os_log_t& db_log = *new os_log_t;
+std::unique_ptr<Table>& db_spare = *new std::unique_ptr<Table>;
+std::unique_ptr<Table>& db_hostnames = *new std::unique_ptr<Table>;
+std::unique_ptr<Table>& db_browsers = *new std::unique_ptr<Table>;
 RecursiveMutex db_mutex;
 
 int db_init() {

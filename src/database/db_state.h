@@ -10,11 +10,12 @@
 // The state that the files of the block database share. Only these files, and tests, include this header.
 namespace orvane {
 
-extern os_log_t db_log;
-extern std::unique_ptr<Table> db_spare;      // unused: see docs/compatibility.md
-extern std::unique_ptr<Table> db_hostnames;  // host name -> its properties, a dictionary
-extern std::unique_ptr<Table> db_browsers;   // browser identifier -> an empty dictionary
-extern RecursiveMutex db_mutex;              // guards db_hostnames and db_browsers
+// The state is never destroyed, because other threads may use it while the process ends.
+extern os_log_t& db_log;
+extern std::unique_ptr<Table>& db_spare;      // unused: see docs/compatibility.md
+extern std::unique_ptr<Table>& db_hostnames;  // host name -> its properties, a dictionary
+extern std::unique_ptr<Table>& db_browsers;   // browser identifier -> an empty dictionary
+extern RecursiveMutex db_mutex;               // guards db_hostnames and db_browsers
 
 // Holds db_mutex for a scope.
 class DatabaseLock {

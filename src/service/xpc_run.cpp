@@ -7,8 +7,9 @@ namespace orvane {
 
 namespace {
 
-Ref<XPCServiceDelegate> service_delegate;
-Ref<NSXPCListener> service_listener;
+// These references are never destroyed, because the system may call the objects until the process has ended.
+Ref<XPCServiceDelegate>& service_delegate = *new Ref<XPCServiceDelegate>;
+Ref<NSXPCListener>& service_listener = *new Ref<NSXPCListener>;
 
 }  // namespace
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "platform/macos/base/Values.h"
+#import "platform/macos/control/ControlInterface.h"
 #import "platform/macos/control/OrvaneSECommunication.h"
 
 namespace orvane {
@@ -92,7 +93,7 @@ class XPCClient final : public Client {
       // can take.
       connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
                                                                options:NSXPCConnectionPrivileged];
-      [connection_ setRemoteObjectInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
+      [connection_ setRemoteObjectInterface:control_interface()];
       // After an interruption, the next message would reach a restarted extension, but the messages before the
       // interruption are lost. So an interruption ends the client.
       const std::shared_ptr<FirstError> firstError = error_;
@@ -108,8 +109,8 @@ class XPCClient final : public Client {
   bool ping() override { return reply<bool>("ping", &XPCClient::sendPing); }
   bool appFilterState() override {
     return reply<bool>("ask for the state of", [](Remote remote, std::optional<bool>* answer) {
-      [remote getAppFilterStateWithReply:^(BOOL active) {
-        *answer = active != NO;
+      [remote getAppFilterStateWithReply:^(bool active) {
+        *answer = active;
       }];
     });
   }
@@ -193,8 +194,8 @@ class XPCClient final : public Client {
   }
 
   static void sendPing(Remote remote, std::optional<bool>* answer) {
-    [remote pingWithReply:^(BOOL alive) {
-      *answer = alive != NO;
+    [remote pingWithReply:^(bool alive) {
+      *answer = alive;
     }];
   }
 

@@ -15,6 +15,8 @@
 //
 //   %@    an object (Value, string or error)    %d    int            %ld   long    %lu   unsigned long
 //   %s    characters                            %p    an address     %.8x  unsigned
+//
+// %{public}@ is the same as %@ here. On macOS, the log shows this argument to everybody.
 namespace orvane::log_detail {
 
 enum class Kind : uint8_t { Object, Int, Long, UnsignedLong, Characters, Address, UnsignedInt };
@@ -87,9 +89,9 @@ constexpr Conversion conversion_at(std::string_view text) {
   constexpr struct {
     std::string_view text;
     Kind kind;
-  } kKnown[] = {{"%@", Kind::Object},        {"%d", Kind::Int},        {"%ld", Kind::Long},
-                {"%lu", Kind::UnsignedLong}, {"%s", Kind::Characters}, {"%p", Kind::Address},
-                {"%.8x", Kind::UnsignedInt}};
+  } kKnown[] = {{"%@", Kind::Object},  {"%{public}@", Kind::Object}, {"%d", Kind::Int},
+                {"%ld", Kind::Long},   {"%lu", Kind::UnsignedLong},  {"%s", Kind::Characters},
+                {"%p", Kind::Address}, {"%.8x", Kind::UnsignedInt}};
   for (const auto& known : kKnown) {
     if (text.substr(0, known.text.size()) == known.text) return {known.text.size(), known.kind};
   }

@@ -28,12 +28,12 @@ using orvane::value_of;
   return self;
 }
 
-- (void)pingWithReply:(void (^)(BOOL alive))reply {
-  _controller->pingWithReply([reply](bool alive) { reply(alive ? YES : NO); });
+- (void)pingWithReply:(void (^)(bool alive))reply {
+  _controller->pingWithReply([reply](bool alive) { reply(alive); });
 }
 
-- (void)getAppFilterStateWithReply:(void (^)(BOOL active))reply {
-  _controller->getAppFilterStateWithReply([reply](bool active) { reply(active ? YES : NO); });
+- (void)getAppFilterStateWithReply:(void (^)(bool active))reply {
+  _controller->getAppFilterStateWithReply([reply](bool active) { reply(active); });
 }
 
 - (void)start {

@@ -52,7 +52,7 @@ class Listener final : public NSXPCListener {
       @try {
         work();
       } @catch (::NSException* exception) {
-        ORVANE_LOG_ERROR(default_log(), "the control channel is closed: %@", value_of([exception reason]));
+        ORVANE_LOG_ERROR(default_log(), "the control channel is closed: %{public}@", value_of([exception reason]));
       }
     }
   }

@@ -1,6 +1,7 @@
 #import "platform/macos/control/XPCConnection.h"
 
 #include "platform/macos/base/Block.h"
+#import "platform/macos/control/ControlInterface.h"
 #import "platform/macos/control/OrvaneController.h"
 
 // macOS has this method since version 11, but only later SDKs declare it.
@@ -17,7 +18,7 @@ class Connection final : public NSXPCConnection {
 
   void setExportedInterface(const NSXPCInterface& exportedInterface) override {
     if (exportedInterface.protocol() != &OrvaneSECommunication::kProtocol) return;  // the channel has no other protocol
-    [connection_ setExportedInterface:[::NSXPCInterface interfaceWithProtocol:@protocol(OrvaneSECommunication)]];
+    [connection_ setExportedInterface:control_interface()];
   }
 
   void setExportedObject(OrvaneSECommunication* exportedObject) override {

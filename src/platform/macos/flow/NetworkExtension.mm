@@ -151,7 +151,7 @@ void NEFilterDataProvider::applySettings(const NEFilterSettings& settings, Error
     const auto& all = settings.rules;
     if (!error || std::none_of(all.begin(), all.end(), matches_any_host)) return completionHandler(error);
     ORVANE_LOG_ERROR(rules_log(),
-                     "the system refused the rules without a host (%@); trying the addresses 0.0.0.0 and ::",
+                     "the system refused the rules without a host (%{public}@); trying the addresses 0.0.0.0 and ::",
                      error->localizedDescription());
     apply_wildcards(Provider(borrowed), settings, completionHandler);
   });

@@ -4,8 +4,9 @@
 
 #include <cstring>
 
-// This function is in the system library, but no header declares it.
-extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid);
+// This function is in the system library, but no header declares it. The import is weak, so that the extension still
+// starts on a system that lacks the function.
+extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) __attribute__((weak_import));
 
 namespace orvane {
 
@@ -17,7 +18,8 @@ pid_t audit_token_to_pid(audit_token_t token) {
 }
 
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
-  return ::responsibility_get_pid_responsible_for_pid(pid);
+  auto* const find = ::responsibility_get_pid_responsible_for_pid;
+  return find == nullptr ? pid : find(pid);  // without the function, each process is responsible for itself
 }
 
 }  // namespace orvane

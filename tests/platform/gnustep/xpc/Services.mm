@@ -14,14 +14,41 @@
 using orvane::Retained;
 using orvane::stand_in::trace;
 
+// An interface: the name of its protocol, and the classes that each message's first argument may contain.
+@interface StandInInterface : NSObject {
+ @public
+  std::string _name;
+  std::map<std::string, Retained<NSSet>> _classes;
+}
+- (bool)allows:(id)object in:(SEL)message;
+@end
+
+@implementation StandInInterface
+- (void)setClasses:(NSSet*)classes forSelector:(SEL)message argumentIndex:(NSUInteger)index ofReply:(BOOL)isReply {
+  _classes.emplace(sel_getName(message), classes);
+}
+// As the documentation of setClasses:forSelector:argumentIndex:ofReply: says, the classes hold for the containers,
+// their elements, and the elements of these.
+- (bool)allows:(id)object in:(SEL)message {
+  const auto classes = _classes.find(sel_getName(message));
+  if (classes == _classes.end() || object == nil) return true;
+  bool isAllowed = false;
+  for (Class each in classes->second.get()) isAllowed = isAllowed || [object isKindOfClass:each];
+  if (![object respondsToSelector:@selector(objectEnumerator)]) return isAllowed;
+  if ([object isKindOfClass:[NSDictionary class]]) isAllowed = isAllowed && [self allows:[object allValues] in:message];
+  for (id element in object) isAllowed = isAllowed && [self allows:element in:message];
+  return isAllowed;
+}
+@end
+
 // One side of a connection: the client's or the service's. The client's side is also the proxy object, whose methods
 // the client calls to send messages.
 @interface StandInConnection : NSXPCConnection {
  @public
-  NSString* _name;           // the service's name; only on the client's side
-  StandInConnection* _peer;  // the service's side; only on the client's side
-  id _interface;             // the name of the exported or remote object's protocol
-  id _object;                // the exported object
+  NSString* _name;               // the service's name; only on the client's side
+  StandInConnection* _peer;      // the service's side; only on the client's side
+  StandInInterface* _interface;  // of the exported or remote object
+  id _object;                    // the exported object
   GSXPCInvalidationHandler _invalidationHandler;
   GSXPCInterruptionHandler _interruptionHandler;
   GSXPCProxyErrorHandler _errorHandler;
@@ -61,22 +88,22 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   return self;
 }
 - (void)dealloc {
-  for (id each : {static_cast<id>(_name), static_cast<id>(_peer), _interface, _object}) [each release];
+  for (id each : {static_cast<id>(_name), static_cast<id>(_peer), static_cast<id>(_interface), _object}) [each release];
   Block_release(_invalidationHandler);
   Block_release(_interruptionHandler);
   Block_release(_errorHandler);
   [super dealloc];
 }
 - (void)setExportedInterface:(NSXPCInterface*)exportedInterface {
-  _interface = [exportedInterface retain];
-  trace(std::string("interface ") + [_interface UTF8String]);
+  _interface = [static_cast<id>(exportedInterface) retain];
+  trace("interface " + _interface->_name);
 }
 - (void)setExportedObject:(id)object {
   trace(std::string("object ") + class_getName([object class]));
   _object = [object retain];
 }
 - (void)setRemoteObjectInterface:(NSXPCInterface*)remoteObjectInterface {
-  _interface = [remoteObjectInterface retain];
+  _interface = [static_cast<id>(remoteObjectInterface) retain];
 }
 - (void)activate {
   trace("activate");
@@ -106,10 +133,10 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   return self;
 }
 // Each message with a reply has its own method here, because forwardInvocation: cannot pass on the reply's block.
-- (void)pingWithReply:(void (^)(BOOL))reply {
+- (void)pingWithReply:(void (^)(bool))reply {
   [[self receiverForReply] pingWithReply:reply];
 }
-- (void)getAppFilterStateWithReply:(void (^)(BOOL))reply {
+- (void)getAppFilterStateWithReply:(void (^)(bool))reply {
   [[self receiverForReply] getAppFilterStateWithReply:reply];
 }
 - (void)getChangesCount:(void (^)(uint64_t))reply {
@@ -123,6 +150,9 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 - (void)forwardInvocation:(NSInvocation*)message {
   if (![self connect]) return _errorHandler(error_of(NSXPCConnectionInvalid));
+  id argument = nil;
+  if ([[message methodSignature] numberOfArguments] > 2) [message getArgument:&argument atIndex:2];
+  if (![_peer->_interface allows:argument in:[message selector]]) return;  // the receiving side drops the message
   [message retainArguments];
   services().messages.emplace_back(
       [peer = Retained(_peer), kept = Retained(message)] { [kept.get() invokeWithTarget:[peer.get() receiver]]; });
@@ -142,7 +172,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   return NO;
 }
 - (id)receiver {
-  return !_isBroken && _isActive && [_interface isEqual:@"OrvaneSECommunication"] ? _object : nil;
+  return !_isBroken && _isActive && _interface != nil && _interface->_name == "OrvaneSECommunication" ? _object : nil;
 }
 @end
 
@@ -175,7 +205,9 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 + (NSXPCInterface*)interfaceWithProtocol:(Protocol*)protocol {
   // GNUstep's runtime cannot return the name of a protocol that no class adopts. In the structure that the compiler
   // makes for a protocol, the second word points to the name.
-  return static_cast<id>([NSString stringWithUTF8String:reinterpret_cast<const char* const*>(protocol)[1]]);
+  StandInInterface* interface = [[[StandInInterface alloc] init] autorelease];
+  interface->_name = reinterpret_cast<const char* const*>(protocol)[1];
+  return static_cast<id>(interface);
 }
 @end
 #pragma clang diagnostic pop

@@ -17,8 +17,8 @@
 //   %@   an object             %d   an int         %ld  a long
 //   %lu  an unsigned long      %s   characters     %p   an address     %.8x  an unsigned int
 //
-// The compiler checks the arguments against the format. The arguments are evaluated only if the level is enabled for
-// the handle.
+// The log hides the text of %@ and %s unless the conversion is %{public}@ or %{public}s. The compiler checks the
+// arguments against the format. The arguments are evaluated only if the level is enabled for the handle.
 namespace orvane {
 
 enum class LogLevel : uint8_t {
