@@ -92,8 +92,7 @@ void QueuedFlows::drop(const OpenConnection& connection, Clock::time_point now) 
   if (connection.pair.protocol == IPPROTO_TCP) {
     settleSocket(connection.cookie, PacketVerdict::Dropped);
   } else {  // a datagram socket may have other conversations, which are not dropped
-    ended_.push_back({connection, now});
-    if (ended_.size() > kEndedLimit) ended_.pop_front();
+    rememberEnded(connection, now);
   }
   const auto flow = flows_.find(connection.pair);
   if (flow != flows_.end() && flow->second->cookie == connection.cookie) flow->second->isDropped = true;
@@ -296,6 +295,19 @@ bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const 
     flow_counters().unknownNames.fetch_add(1, std::memory_order_relaxed);
   }
   return true;
+}
+
+void QueuedFlows::rememberEnded(const OpenConnection& conversation, Clock::time_point now) {
+  std::erase_if(ended_, [&](const Ended& ended) {
+    return ended.conversation.pair.remote == conversation.pair.remote && ended.conversation.owner == conversation.owner;
+  });
+  ended_.push_back({conversation, now});
+  if (ended_.size() <= kEndedLimit) return;
+  auto user = [](const Ended& ended) { return ended.conversation.user; };
+  std::unordered_map<uid_t, size_t> ofUser;
+  for (const Ended& ended : ended_) ++ofUser[user(ended)];
+  const uid_t most = std::ranges::max_element(ofUser, {}, [](const auto& each) { return each.second; })->first;
+  ended_.erase(std::ranges::find(ended_, most, user));
 }
 
 // If the flow may continue a UDP flow that was dropped, returns the flow that was dropped last, else null.

@@ -113,8 +113,8 @@ class QueuedFlows {
   static constexpr size_t kSocketsLimit = 16384;
   // For how long dropped UDP flows are remembered: longer than most servers keep an idle QUIC connection.
   static constexpr std::chrono::minutes kEndedLifetime{10};
-  // Limit on the dropped UDP flows that are remembered. Only edits of the list drop them, so no user can use up the
-  // limit.
+  // Limit on the dropped UDP flows that are remembered. Of flows of one owner to the same address and port, only the
+  // last is remembered. Beyond the limit, the user with the most loses the oldest.
   static constexpr size_t kEndedLimit = 1024;
   // Limit on the TCP connections for which noteUnjudged() was called.
   static constexpr size_t kUnjudgedLimit = 8192;
@@ -174,6 +174,7 @@ class QueuedFlows {
   void expectFirstByte(Examination& open, const Packet& packet, const std::optional<SocketFacts>& socket);
   bool examine(const Flow& flow, Examination& open, const Packet& packet);
   bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
+  void rememberEnded(const OpenConnection& conversation, Clock::time_point now);
   const OpenConnection* endedBefore(const Flow& flow, const Examination& open) const;
   void evictExpired(Clock::time_point now);
   void evictOpen(Clock::time_point now);

@@ -137,6 +137,25 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   }
 }
 
+TEST_F(QueuedFlowsTest, RemembersEndedConversationsOfAUserWithFew) {
+  const auto end = [&](uid_t user, uint16_t port) {
+    flows.drop({packet("", 0, port, IPPROTO_UDP).ends, 1, user, owners.owner, "ended.example"});
+  };
+  // The calls for a conversation that may go on with an ended one.
+  const auto next = [&](uint16_t port) {
+    ++owners.socket->cookie;
+    flows.judge(packet("\x40 a short header", 0, port, IPPROTO_UDP));
+    return calls();
+  };
+  end(1, 443);
+  end(2, 444);
+  for (size_t count = 0; count < QueuedFlows::kEndedLimit; ++count) end(2, 445);
+  EXPECT_EQ(next(444), "new ended.example; ") << "many more ended to one port";
+  for (uint16_t port = 1000; port < 1000 + QueuedFlows::kEndedLimit; ++port) end(2, port);
+  EXPECT_EQ(next(443), "new ended.example; ") << "another user's many more";
+  EXPECT_EQ(next(444), "new -; ") << "the user's own oldest";
+}
+
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
   provider->newFlow = kExamine;
   const std::string endless(RequestHostReader::kLimit, 'x');
