@@ -3,8 +3,11 @@
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
 
+#include <algorithm>
+
 #include "platform/macos/base/CoreFoundation.h"
 #include "platform/macos/base/Values.h"
+#include "platform/macos/process/SigningCache.h"
 
 namespace orvane {
 namespace {
@@ -29,6 +32,25 @@ CFTypeRef entry(const Dictionary* dictionary, std::string_view key, CFTypeID typ
   if (dictionary == nullptr || name == nullptr) return nullptr;
   CFTypeRef value = CFDictionaryGetValue(to_native<CFDictionaryRef>(dictionary), name);
   return value != nullptr && CFGetTypeID(value) == type ? value : nullptr;
+}
+
+// Never destroyed, because other threads may use it while the process ends.
+SigningCache& cache() {
+  static auto* shared = new SigningCache;
+  return *shared;
+}
+
+// The audit token in attributes with which a program is looked up. Nothing if the attributes contain a process
+// identifier, or data that are no audit token.
+std::optional<SigningCache::Token> token_in(const Dictionary* attributes) {
+  if (attributes == nullptr) return std::nullopt;
+  CFTypeRef value = CFDictionaryGetValue(to_native<CFDictionaryRef>(attributes), kSecGuestAttributeAudit);
+  if (value == nullptr || CFGetTypeID(value) != CFDataGetTypeID()) return std::nullopt;
+  const auto data = static_cast<CFDataRef>(value);
+  SigningCache::Token token;
+  if (CFDataGetLength(data) != static_cast<CFIndex>(token.size())) return std::nullopt;
+  std::copy_n(CFDataGetBytePtr(data), token.size(), token.begin());
+  return token;
 }
 
 std::string text_of_string(CFTypeRef string) { return text_of(static_cast<::NSString*>(string)); }
@@ -70,27 +92,36 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
 }
 
 // The functions below pass on the framework's status and output unchanged, because their callers handle every
-// combination of the two.
+// combination of the two. The cache keeps only objects that the framework returned with success.
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
+  const std::optional<SigningCache::Token> token = token_in(attributes);
+  if (token) {
+    if (Ref<SecCode> kept = cache().find(*token)) return *guest = kept.detach(), errSecSuccess;
+  }
   SecCodeRef found = nullptr;
   const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
                                                            to_native<CFDictionaryRef>(attributes), flags, &found);
   *guest = from_native<SecCode>(found);
+  if (token && status == errSecSuccess && found != nullptr) cache().keep(*token, *guest);
   return status;
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode) {
+  if (Ref<SecStaticCode> kept = cache().find(code)) return *staticCode = kept.detach(), errSecSuccess;
   SecStaticCodeRef found = nullptr;
   const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &found);
   *staticCode = from_native<SecStaticCode>(found);
+  if (status == errSecSuccess && found != nullptr) cache().keep(code, *staticCode);
   return status;
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information) {
+  if (Ref<Dictionary> kept = cache().find(code)) return *information = kept.detach(), errSecSuccess;
   CFDictionaryRef found = nullptr;
   const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &found);
   *information = from_native<Dictionary>(found);
+  if (status == errSecSuccess && found != nullptr) cache().keep(code, *information);
   return status;
 }
 
