@@ -210,8 +210,9 @@ class ChromiumWithHTTP3(Chromium):
 
     @staticmethod
     def _verdicts(error: str, proxy: str | None) -> list[str]:
-        refusals = ("ERR_QUIC_PROTOCOL_ERROR", "ERR_CONNECTION_RESET", "ERR_CONNECTION_REFUSED")
-        return [DROP] if error in refusals else []
+        # With HTTP/3 alone, the error depends on which of Chromium's calls fails first.
+        refusals = ("QUIC_PROTOCOL_ERROR", "QUIC_HANDSHAKE_FAILED", "CONNECTION_RESET", "CONNECTION_REFUSED")
+        return [DROP] if error.removeprefix("ERR_") in refusals else []
 
 
 class _FirefoxTabs(Tabs):

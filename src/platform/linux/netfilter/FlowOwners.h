@@ -8,14 +8,15 @@
 
 namespace orvane {
 
-// Finds the socket of a flow, and the socket's owner. The functions have the same contracts as in SocketOwners
-// (SocketOwner.h).
+// Finds the socket of a flow, and the socket's owner; ends the use of a socket. The functions have the same contracts
+// as in SocketOwners (SocketOwner.h).
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
   virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
   virtual std::optional<SocketFacts> sender(const SocketPair& pair) { return find(pair); }
   virtual Value ownerOf(const SocketFacts& socket) = 0;
+  virtual void abort(const SocketPair&, uint64_t /*cookie*/) {}
 };
 
 }  // namespace orvane

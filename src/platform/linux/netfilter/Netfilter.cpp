@@ -46,6 +46,10 @@ class SystemOwners final : public FlowOwners {
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   std::optional<SocketFacts> sender(const SocketPair& pair) override { return owners_.sender(pair); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
+  void abort(const SocketPair& pair, uint64_t cookie) override {
+    const int error = owners_.abort(pair, cookie);
+    if (error != 0) ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(error));
+  }
   std::vector<uint64_t> streams() { return owners_.streams(); }
 
  private:
@@ -340,11 +344,11 @@ void Netfilter::Queue::end(const OpenConnection& connection) {
   ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
 }
 
-// Makes connection tracking remember a dropped conversation. On its own, connection tracking remembers a conversation
-// only after a packet of it has left, and here the first packet may be the dropped one. If connection tracking
-// remembers the conversation, the kernel rules reject its next datagram at once, during the browser's call that sends
-// the datagram. Otherwise the datagram waits in the queue and is rejected after that call, and Firefox ignores such a
-// rejection.
+// Makes connection tracking remember a dropped conversation, in case the kernel cannot abort sockets. On its own,
+// connection tracking remembers a conversation only after a packet of it has left, and here the first packet may be the
+// dropped one. If connection tracking remembers the conversation, the kernel rules reject its next datagram at once,
+// during the browser's call that sends the datagram. Otherwise the datagram waits in the queue and is rejected after
+// that call, and Firefox ignores such a rejection.
 void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   if (!tracking) return;
   const int error = tracking->setMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);

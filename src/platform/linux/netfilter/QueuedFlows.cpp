@@ -91,7 +91,8 @@ void QueuedFlows::settleSocket(uint64_t cookie, PacketVerdict verdict) {
 void QueuedFlows::drop(const OpenConnection& connection, Clock::time_point now) {
   if (connection.pair.protocol == IPPROTO_TCP) {
     settleSocket(connection.cookie, PacketVerdict::Dropped);
-  } else {  // a datagram socket may have other conversations, which are not dropped
+  } else {  // not settleSocket(), because a datagram socket may have later conversations
+    owners_.abort(connection.pair, connection.cookie);
     rememberEnded(connection, now);
   }
   const auto flow = flows_.find(connection.pair);
@@ -116,7 +117,10 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
     return;
   }
   if (state == FilterSession::State::Allowed) noteAllowed(*flow, *flow->open->flow);
-  if (state == FilterSession::State::Dropped) flow->isDropped = true;
+  if (state == FilterSession::State::Dropped) {
+    flow->isDropped = true;
+    if (flow->pair.protocol == IPPROTO_UDP) owners_.abort(flow->pair, flow->cookie);
+  }
   if (flow->open->quic != nullptr) flow->connectionID = flow->open->quic->connectionID();
   close(*flow);
   flow->generation = generation_;

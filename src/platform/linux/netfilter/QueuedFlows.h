@@ -62,7 +62,9 @@ class QueuedFlows {
   // is added.
   void recordAllowed();
 
-  // Decides about an outbound packet.
+  // Decides about an outbound packet. If the verdict on a UDP flow is Dropped, aborts the flow's socket, because
+  // Firefox does not notice that a datagram was rejected after the call that sent it. Another conversation of the
+  // socket would end, too, but browsers open a socket for each QUIC connection.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its
@@ -88,7 +90,8 @@ class QueuedFlows {
   void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
 
   // From now on, packets of this allowed flow get the verdict Dropped: the packets that are in the queue already, and,
-  // if connection tracking forgets a TCP connection, the connection's later packets.
+  // if connection tracking forgets a TCP connection, the connection's later packets. The socket of a UDP flow is
+  // aborted.
   //
   // A QUIC client may go on with the connection from another address or port (RFC 9000, section 9). So for
   // kEndedLifetime, a UDP flow of the same owner to the same address and port, whose first datagram begins no QUIC

@@ -2,7 +2,6 @@
 
 #include <libmnl/libmnl.h>
 #include <linux/netlink.h>
-#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -137,15 +136,29 @@ std::vector<uint64_t> SocketDiagnostics::streams() {
   return cookies;
 }
 
+int SocketDiagnostics::abort(const SocketPair& pair, uint64_t cookie) {
+  inet_diag_req_v2 request{};
+  request.sdiag_family = static_cast<uint8_t>(pair.local.family);
+  request.sdiag_protocol = pair.protocol;
+  write_endpoint(pair.local, request.id.idiag_src, request.id.idiag_sport);
+  write_endpoint(pair.remote, request.id.idiag_dst, request.id.idiag_dport);
+  request.id.idiag_if = std::max(pair.local.scope, pair.remote.scope);
+  request.id.idiag_cookie[0] = static_cast<uint32_t>(cookie);
+  request.id.idiag_cookie[1] = static_cast<uint32_t>(cookie >> 32U);
+  auto ignore = [](const inet_diag_msg&) {};
+  return query(request, NLM_F_ACK, ignore, SOCK_DESTROY) ? 0 : errno;
+}
+
 // Sends a request and reads the reply. Returns false and sets errno on failure; "no such socket" is a valid reply.
-bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket) {
+bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket,
+                              uint16_t type) {
   if (!netlink_) {
     errno = openError_;
     return false;
   }
   alignas(nlmsghdr) std::array<char, NLMSG_SPACE(sizeof(inet_diag_req_v2))> buffer{};
   nlmsghdr* header = mnl_nlmsg_put_header(buffer.data());
-  header->nlmsg_type = SOCK_DIAG_BY_FAMILY;
+  header->nlmsg_type = type;
   header->nlmsg_flags = NLM_F_REQUEST | flags;
   header->nlmsg_seq = ++sequence_;
   std::memcpy(mnl_nlmsg_put_extra_header(header, sizeof request), &request, sizeof request);

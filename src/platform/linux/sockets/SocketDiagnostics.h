@@ -1,6 +1,7 @@
 #pragma once
 
 #include <linux/inet_diag.h>
+#include <linux/sock_diag.h>
 
 #include <cstdint>
 #include <functional>
@@ -24,11 +25,15 @@ class SocketDiagnostics {
   // The same as SocketOwners::streams().
   std::vector<uint64_t> streams();
 
+  // The same as SocketOwners::abort().
+  int abort(const SocketPair& pair, uint64_t cookie);
+
  private:
   // Called for each socket of a reply.
   using SocketCallback = std::function<void(const inet_diag_msg&)>;
 
-  bool query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket);
+  bool query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket,
+             uint16_t type = SOCK_DIAG_BY_FAMILY);
   enum class Reply { Unfinished, Finished, Failed };
   Reply receive(const SocketCallback& onSocket);
 

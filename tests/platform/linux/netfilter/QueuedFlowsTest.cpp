@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/base/ThreadBudget.h"
@@ -27,6 +29,8 @@ struct Owners final : FlowOwners {
   }
   Value owner = Value::string("owner");
   Value ownerOf(const SocketFacts&) override { return owner; }
+  std::vector<uint64_t> aborted;  // the cookies of the sockets
+  void abort(const SocketPair&, uint64_t cookie) override { aborted.push_back(cookie); }
 };
 
 class QueuedFlowsTest : public ::testing::Test {
@@ -114,6 +118,7 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   const auto now = QueuedFlows::Clock::now();
   const OpenConnection ended{packet("", 0, 443, IPPROTO_UDP).ends, 1, 3, owners.owner, "ended.example"};
   flows.drop(ended, now);
+  EXPECT_EQ(owners.aborted, std::vector{ended.cookie});
   const struct {
     const char* name;
     Value owner;
@@ -449,6 +454,8 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
       verdicts.push_back(flows.judge(packet(datagram, 0, 443, IPPROTO_UDP)));
     EXPECT_EQ(verdicts, c.verdicts) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
+    const bool isDropped = std::ranges::count(c.verdicts, Dropped) > 0;
+    EXPECT_EQ(std::exchange(owners.aborted, {}), std::vector(isDropped ? 1 : 0, owners.socket->cookie)) << c.name;
   }
   ++owners.socket->cookie;
   for (int time = 0; time < 200 && !flows.isLooping(); ++time) flows.judge(packet(first, 0, 443, IPPROTO_UDP));
