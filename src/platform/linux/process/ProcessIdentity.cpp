@@ -1,7 +1,6 @@
 #include "platform/linux/process/ProcessIdentity.h"
 
 #include <mntent.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -104,14 +103,6 @@ std::string application_of_unit(std::string_view unit) {
   }
   if (parts.size() < 2 || parts.size() > 3 || parts.front() != "app") return {};
   return unescape_unit(parts.back());
-}
-
-// Whether the calling process, too, finds this file at the executable's path. For an executable in a container or a
-// snap, it finds another file or none, because a container or a snap has a /usr of its own.
-bool is_visible_here(const Executable& executable) {
-  struct stat status;
-  return executable.inode != 0 && ::stat(executable.path.c_str(), &status) == 0 && status.st_dev == executable.device &&
-         status.st_ino == executable.inode;
 }
 
 // The mount point of the AppImage that contains the path. Empty if the path is in no AppImage.
@@ -222,9 +213,9 @@ ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& pr
   // system: for example, a browser that was started in the terminal window of an editor, when the editor is a snap. The
   // calling process sees the files of the system, but not those in the snap's own /usr. So the control group counts
   // only if the executable is not visible here.
-  if (!program.package && !(program.executable && is_visible_here(*program.executable))) {
-    program.package = snap_of_control_groups(process.controlGroups());
-  }
+  if (program.package) return program;
+  auto snap = snap_of_control_groups(process.controlGroups());
+  if (snap && !(program.executable && is_visible_here(*program.executable))) program.package = std::move(snap);
   return program;
 }
 

@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -84,9 +86,9 @@ struct FileNumbers {
 
 // Asks only for what the kernel has cached, because a file system that a user's program serves (FUSE) could otherwise
 // make the calling process wait.
-std::optional<FileNumbers> examine_executable(int directory) {
+std::optional<FileNumbers> examine(int directory, const char* name, int flags = 0) {
   struct statx status;
-  if (::statx(directory, "exe", AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) return std::nullopt;
+  if (::statx(directory, name, AT_STATX_DONT_SYNC | flags, STATX_INO, &status) != 0) return std::nullopt;
   return FileNumbers{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
@@ -139,7 +141,7 @@ std::optional<audit_token_t> ProcessInformation::auditToken() const {
 // both fail for `exe`.
 bool ProcessInformation::runs(const Executable* file) const {
   if (file != nullptr && file->inode != 0) {
-    auto now = examine_executable(directory());
+    auto now = examine(directory(), "exe");
     return now && now->device == file->device && now->inode == file->inode;
   }
   std::string path = read_link(directory(), "exe");
@@ -150,14 +152,13 @@ std::optional<Executable> ProcessInformation::executable() const {
   std::string path = read_link(directory(), "exe");
   if (path.empty()) return std::nullopt;
   std::string without(without_suffix(path));
-  auto status = examine_executable(directory());
+  auto status = examine(directory(), "exe");
   if (!status) return Executable{std::move(without), 0, 0};
   // The kernel adds " (deleted)" to the path of a removed file. But if a file with the whole path exists and is the
   // executable, the suffix is a part of its name.
-  struct stat named;
-  bool isName = path.size() != without.size() && ::stat(path.c_str(), &named) == 0 && named.st_dev == status->device &&
-                named.st_ino == status->inode;
-  return Executable{isName ? std::move(path) : std::move(without), status->device, status->inode};
+  Executable named{std::move(path), status->device, status->inode};
+  if (named.path != without && !is_visible_here(named)) named.path = std::move(without);
+  return named;
 }
 
 std::string ProcessInformation::controlGroups() const {
@@ -170,6 +171,15 @@ std::string ProcessInformation::mounts() const {
 
 std::string ProcessInformation::flatpakInformation() const {
   return read_file_start_at(directory(), "root/.flatpak-info", kFileLimit, Links::Refuse).value_or("");
+}
+
+bool is_visible_here(const Executable& executable) {
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_CACHED;
+  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, executable.path.c_str(), &how, sizeof how)));
+  const auto found = file ? examine(file.get(), "", AT_EMPTY_PATH) : std::nullopt;
+  return found && found->device == executable.device && found->inode == executable.inode;
 }
 
 std::optional<audit_token_t> audit_token_of_process(pid_t pid) {

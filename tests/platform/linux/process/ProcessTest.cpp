@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -107,6 +109,31 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
     EXPECT_EQ(row.identifier, identity.identifierOf(process->program).value_or("none")) << row.pid;
     EXPECT_EQ(row.responsible, identity.responsibleFor(row.pid)) << row.pid;
   }
+}
+
+// A user's file system or a network file system may never answer. Here such a file system covers the folder of the
+// programs after they have started.
+TEST(ProcessTest, WaitsForNoFileSystem) {
+  ProgramFolder folder;
+  const RunningProgram browser(folder.program("home/browser")), removed(folder.program("home/removed (deleted)"));
+  auto identify = [&] {
+    ::alarm(60);  // the signal ends a process that waits
+    const std::string options =
+        "rootmode=40000,user_id=0,group_id=0,allow_other,fd=" + std::to_string(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("silent", folder.path("home").c_str(), "fuse", 0, options.c_str()) != 0) {
+      ::_exit(77);
+    }
+    ProcessIdentity identity(folder.folders());
+    for (pid_t pid : {browser.pid, removed.pid}) {
+      std::fputs(identity.identifierOf(identity.find(pid)->program)->c_str(), stderr);
+    }
+    ::_exit(0);
+  };
+  const auto isDone = [](int status) {
+    return WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 77);
+  };
+  EXPECT_EXIT(identify(), isDone, "^(browserremoved)?$");
 }
 
 // A wrapper that executes a browser, which starts a tool and then executes another tool. All these programs are copies
