@@ -1,6 +1,7 @@
 """Runs `orvanectl keep`, the program that sends the list to the extension."""
 
 import json
+import os
 import pathlib
 import signal
 import subprocess
@@ -12,8 +13,9 @@ from extension import Extension, Failure
 class Keeper:
     """A keeper that runs for a with block and sends the file `list` to one extension."""
 
-    def __init__(self, extension: Extension, directory: pathlib.Path):
-        self._extension = extension
+    def __init__(self, extension: Extension, directory: pathlib.Path, environment: dict[str, str] | None = None):
+        """`environment`: variables of the keeper's process, in addition to those of this process."""
+        self._extension, self._environment = extension, {**os.environ, **(environment or {})}
         self.list = directory / "lists" / "list"
         self.list.parent.mkdir(parents=True)
         self._state, self._log = directory / "state", directory / "keeper-log"
@@ -28,7 +30,10 @@ class Keeper:
     def __enter__(self):
         with open(self._log, "ab") as log:
             self.process = subprocess.Popen(
-                self._extension.control_command(*self._arguments("keep")), stdout=log, stderr=log
+                self._extension.control_command(*self._arguments("keep")),
+                env=self._environment,
+                stdout=log,
+                stderr=log,
             )
         # `orvanectl block` waits for the keeper only if the keeper's state file exists. So wait until it does.
         end = time.monotonic() + 20

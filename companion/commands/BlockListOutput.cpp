@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/Input.h"
@@ -43,6 +44,7 @@ void print_table(const BlockList& list, Moment now) {
       ++suspended;
       line += "  " + coloured("suspended " + suspension_text(*site.until, now), Colour::Warning);
     }
+    if (site.group != kDefaultGroup) line += "  " + coloured("in " + list.groupOf(site).name, Colour::Faint);
     put(line + '\n');
   });
   if (blocked + exceptions == 0) return put("The list is empty. To add a site: orvanectl block HOST\n");
@@ -56,6 +58,19 @@ void print_lines(const BlockList& list) {
   list.forEachSite([](const ListedSite& site) { put(line_of(site) + '\n'); });
 }
 
+void print_file(const BlockList& list) {
+  BlockList plain;
+  for (const Group& group : list.groups()) {
+    if (!group.name.empty()) copy_settings(group, plain);
+  }
+  list.forEachSite([&](const ListedSite& site) {
+    ListedSite copy = site;
+    copy.group = *plain.findGroup(list.groupOf(site).name);
+    plain.put(std::move(copy));
+  });
+  put(plain.text());
+}
+
 void print_hosts(const BlockList& list) {
   list.forEachSite([](const ListedSite& site) {
     if (site.scope != Scope::Exception) put(site.host + '\n');
@@ -65,7 +80,9 @@ void print_hosts(const BlockList& list) {
 void print_sites_json(const BlockList& list, Moment now) {
   const char* between = "[";
   list.forEachSite([&](const ListedSite& site) {
-    put(between + site_json(site, now).dump());
+    nlohmann::json json = site_json(site, now);
+    json["group"] = list.groupOf(site).name;
+    put(between + json.dump());
     between = ",\n ";
   });
   put(*between == '[' ? "[]\n" : "]\n");

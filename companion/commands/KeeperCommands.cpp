@@ -13,14 +13,26 @@
 namespace orvane {
 namespace {
 
+// The first of the folders in a variable that a service manager sets. Empty if it is not set.
+std::string first_folder(const char* variable) {
+  const char* given = std::getenv(variable);
+  std::string directory = given == nullptr ? "" : given;
+  directory.resize(std::min(directory.size(), directory.find(':')));
+  return directory;
+}
+
 // The path of the keeper's state file: the path that --state gives; without --state, the file `state` in the folder
 // $RUNTIME_DIRECTORY; if no service manager has set this variable, the default path.
 std::string state_path(const CommonOptions& options) {
-  const char* given = std::getenv("RUNTIME_DIRECTORY");
-  std::string directory = given == nullptr ? "" : given;
-  directory.resize(std::min(directory.size(), directory.find(':')));
+  const std::string directory = first_folder("RUNTIME_DIRECTORY");
   return directory.empty() || options.keeperStatePath != kKeeperStatePath ? options.keeperStatePath
                                                                           : directory + "/state";
+}
+
+// The path of the guard's file: in the folder $STATE_DIRECTORY, or beside the state file.
+std::string guard_path(const CommonOptions& options) {
+  const std::string directory = first_folder("STATE_DIRECTORY");
+  return directory.empty() ? state_path(options) + ".guard" : directory + "/guard";
 }
 
 }  // namespace
@@ -41,7 +53,9 @@ void declare_keeper_commands(CommandSet& commands) {
   tryCommand->footer(
       "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown.");
 
-  const auto keep = [&options] { return run_keeper({options.client, options.listPath, state_path(options)}); };
+  const auto keep = [&options] {
+    return run_keeper({options.client, options.listPath, state_path(options), guard_path(options)});
+  };
   commands
       .declare(commands.app, kServiceGroup, "keep", "Run the keeper, the service that sends the list to the extension",
                keep)

@@ -92,7 +92,7 @@ std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<Li
   std::vector<ListedSite> sites;
   std::set<const ListedSite*> seen;
   size_t unknown = 0;
-  for (const auto& [host, scope, until] : given) {
+  for (const auto& [host, scope, until, group] : given) {
     const ListedSite* site = list.find(host);
     if (site != nullptr && (site->scope == Scope::Exception) == exceptions) {
       if (seen.insert(site).second) sites.push_back(*site);
@@ -292,7 +292,7 @@ int list(const CommonOptions& options, const Arguments&) {
   } else if (isatty(STDOUT_FILENO) == 1) {
     print_table(list, now_in_seconds());
   } else {
-    print_lines(list);
+    print_file(list);
   }
   return kDone;
 }

@@ -136,6 +136,22 @@ std::vector<std::string> list_lines(const KeeperState& keeper) {
   return lines;
 }
 
+// One line for each group, unless all that there is to say is that the default group is in force.
+std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
+  std::vector<std::string> lines;
+  for (const auto& group : keeper.groups) {
+    std::string text = group.name + (group.isInForce ? ": in force" : ": not in force");
+    if (group.nextChange) text += " until " + local_text(*group.nextChange, now);
+    if (group.lockedUntil)
+      text += ", " + coloured("locked", Colour::Good) + " " + suspension_text(*group.lockedUntil, now);
+    if (group.pendingChanges > 0)
+      text += ", " + counted(group.pendingChanges, "change", "changes") + " of the file without effect yet";
+    lines.push_back(std::move(text));
+  }
+  const bool isPlain = lines.size() == 1 && lines.front() == std::string(kDefaultGroupName) + ": in force";
+  return isPlain ? std::vector<std::string>() : lines;
+}
+
 std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   if (!keeper.sentVersion) return {coloured("nothing", Colour::Bad)};
   std::string text = counted(keeper.sentNames, "name", "names");
@@ -174,6 +190,7 @@ void print_status(const Status& status) {
   print_part("Keeper", keeper_lines(status, now));
   if (!status.keeper) return;
   print_part("List", list_lines(*status.keeper));
+  print_part("Groups", group_lines(*status.keeper, now));
   print_part("Sent", sent_lines(*status.keeper, now));
   print_part("Suspended", suspended_lines(*status.keeper, now));
 }
@@ -181,8 +198,9 @@ void print_status(const Status& status) {
 }  // namespace
 
 int show_status(const CommonOptions& options) {
-  const Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath),
-                      unit_state(kExtensionUnit), unit_state(kKeeperUnit), recognition_fault(options.client)};
+  Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath), unit_state(kExtensionUnit),
+                unit_state(kKeeperUnit), recognition_fault(options.client)};
+  if (status.keeper && status.extension.answers) add_later_changes(*status.keeper, status.extension.changes);
   if (options.json) {
     print_json(json_of(status));
   } else {

@@ -9,6 +9,7 @@
 
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionProbe.h"
+#include "companion/commands/GroupState.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/doctor/DoctorFacts.h"
@@ -57,25 +58,34 @@ std::string nearest_miss(const BlockList& list, const std::string& host) {
   return "";
 }
 
+// "the line "example.com" of the group work"
+std::string line_text(const BlockList& list, const ListedSite& site) {
+  const std::string line = "the line " + in_quotes(line_of(site));
+  return site.group == kDefaultGroup ? line : line + " of the group " + list.groupOf(site).name;
+}
+
 // Says which line decides about the host.
 std::string decision_text(const BlockList& list, const std::string& host, const Decision& decision, Verdict verdict,
-                          Moment now) {
+                          const std::vector<KeeperState::GroupState>& groups, Moment now) {
   if (decision.isBlocked())
-    return (verdict == Verdict::Blocked ? "blocked on ports 80 and 443 by the line " : "covered by the line ") +
-           in_quotes(line_of(*decision.blocking));
+    return (verdict == Verdict::Blocked ? "blocked on ports 80 and 443 by " : "covered by ") +
+           line_text(list, *decision.blocking);
   if (decision.blocking != nullptr)
-    return "allowed by the exception " + in_quotes(line_of(*decision.exception)) + ", although the line " +
-           in_quotes(line_of(*decision.blocking)) + " covers it";
+    return "allowed by the exception " + in_quotes(line_of(*decision.exception)) + ", although " +
+           line_text(list, *decision.blocking) + " covers it";
   if (decision.suspended != nullptr)
-    return "covered by the line " + in_quotes(line_of(*decision.suspended)) + ", but suspended " +
+    return "covered by " + line_text(list, *decision.suspended) + ", but suspended " +
            suspension_text(*decision.suspended->until, now);
+  if (decision.inactive != nullptr)
+    return "covered by " + line_text(list, *decision.inactive) + ", which is " +
+           state_text(list.groupOf(*decision.inactive), groups[decision.inactive->group], now);
   const std::string miss = nearest_miss(list, host);
   return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
 }
 
 // The line that decides about the host; null if there is none.
 const ListedSite* deciding_site(const Decision& decision) {
-  if (decision.blocking == nullptr) return decision.suspended;
+  if (decision.blocking == nullptr) return decision.suspended != nullptr ? decision.suspended : decision.inactive;
   return decision.exception != nullptr ? decision.exception : decision.blocking;
 }
 
@@ -115,15 +125,21 @@ int try_host(const CommonOptions& options, const std::string& given) {
 
   const StoredList stored = read_list(options.listPath);
   const Moment now = now_in_seconds();
-  const Decision decision = decide(stored.list, name, now);
-  const std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
-  Delivery delivery = delivery_of(stored.version, keeper, probe_extension(options.client));
+  const ExtensionProbe extension = probe_extension(options.client);
+  std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
+  if (keeper && extension.answers) add_later_changes(*keeper, extension.changes);
+  const auto ofList = keeper_of_list(options);
+  const bool isGuarded = ofList && ofList->isGuarded;
+  const BlockList list = isGuarded ? read_list(list_in_force_path(options.keeperStatePath)).list : stored.list;
+  const auto groups = states_of_groups(list, ofList, now);
+  const Decision decision = decide(list, name, now, in_force(groups));
+  Delivery delivery = delivery_of(stored.version, keeper, extension);
   const auto unrecognised = recognition_fault(options.client);
   if (unrecognised && unrecognised->isInForce)
     delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
   const Verdict verdict = verdict_of(decision, delivery.state);
 
-  std::vector<std::string> reasons{decision_text(stored.list, name, decision, verdict, now), delivery.text};
+  std::vector<std::string> reasons{decision_text(list, name, decision, verdict, groups, now), delivery.text};
   if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
     reasons.push_back(
         "but other clients have edited what the extension holds, and the extension cannot list its names");
@@ -140,6 +156,7 @@ int try_host(const CommonOptions& options, const std::string& given) {
     print_json({{"host", name},
                 {"verdict", shown.text},
                 {"site", site != nullptr ? nlohmann::json(site->host) : nlohmann::json()},
+                {"group", site != nullptr ? nlohmann::json(list.groupOf(*site).name) : nlohmann::json()},
                 {"line", site != nullptr ? nlohmann::json(line_of(*site)) : nlohmann::json()},
                 {"suspendedUntil", isSuspended ? nlohmann::json(time_text(*site->until)) : nlohmann::json()},
                 {"reasons", reasons}});

@@ -6,6 +6,11 @@ _orvanectl_hosts() {
     typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 { print $1 }')
 }
 
+_orvanectl_groups() {
+  _orvanectl_words "$(orvanectl ${list:+--list "$list"} --json group list 2>/dev/null | grep -o '"name": *"[^"]*"' |
+    cut -d '"' -f 4)"
+}
+
 _orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
 
 _orvanectl() {
@@ -18,12 +23,12 @@ _orvanectl() {
     case ${words[i]} in
       --list) list=${words[++i]} ;;
       --list=*) list=${words[i]#*=} ;;
-      --service | --socket | --state | --for | --until | --dont-block-until | --interval) ((i++)) ;;
+      --service | --socket | --state | --for | --until | --dont-block-until | --interval | --group) ((i++)) ;;
       -*) ;;
       *)
         case $command in
           '') command=${words[i]} ;;
-          browsers | 'browsers policy') command+=" ${words[i]}" ;;
+          browsers | 'browsers policy' | group) command+=" ${words[i]}" ;;
         esac
         ;;
     esac
@@ -31,6 +36,7 @@ _orvanectl() {
 
   case $prev in
     --list | --socket | --state) _filedir; return ;;
+    --group) _orvanectl_groups; return ;;
     --for) _orvanectl_words '15m 30m 1h 2h 1d'; return ;;
     --until) _orvanectl_words 'tomorrow'; return ;;
     --service | --dont-block-until | --interval) return ;;
@@ -46,6 +52,7 @@ _orvanectl() {
       export) options+=' --hosts' ;;
       suspend) options+=' --all --for --until' ;;
       resume) options+=' --all' ;;
+      lock) options+=' --group --for --until' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
     esac
@@ -55,8 +62,12 @@ _orvanectl() {
 
   case $command in
     '')
-      _orvanectl_words 'block unblock allow disallow list suspend resume import export status try keep doctor browsers
-        ping state changes start stop add remove set properties watch call'
+      _orvanectl_words 'block unblock allow disallow list suspend resume import export group lock status try keep doctor
+        browsers ping state changes start stop add remove set properties watch call'
+      ;;
+    group) _orvanectl_words 'add remove list show enable disable schedule delay' ;;
+    'group remove' | 'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
+      [[ $prev == "${command#group }" ]] && _orvanectl_groups
       ;;
     browsers) _orvanectl_words 'policy' ;;
     'browsers policy') _orvanectl_words 'install remove show' ;;

@@ -15,8 +15,12 @@ function __orvanectl_hosts
     command -q orvanectl; and command orvanectl $list export 2>/dev/null | string replace -r ' .*' ''
 end
 
+function __orvanectl_groups
+    command -q orvanectl; and command orvanectl --json group list 2>/dev/null | string match -rag '"name": *"([^"]*)"'
+end
+
 function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'
-    set -l options --list --service --socket --state --for --until --dont-block-until --interval
+    set -l options --list --service --socket --state --for --until --dont-block-until --interval --group
     set -l words (commandline -opc)
     set -l skip
     for word in $words[2..]
@@ -34,6 +38,10 @@ end
 
 function __orvanectl_policy -d 'Test whether "browsers policy" still lacks its command'
     __fish_seen_subcommand_from policy; and not __fish_seen_subcommand_from install remove show
+end
+
+function __orvanectl_group -d 'Test whether "group" still lacks its command'
+    __orvanectl_command group; and not __fish_seen_subcommand_from add remove list show enable disable schedule delay
 end
 
 complete -c orvanectl -f
@@ -56,6 +64,8 @@ complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a fi
 complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list in a form that import reads'
 complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
 complete -c orvanectl -n __orvanectl_command -a try -d 'Show whether a host is blocked now, and why'
+complete -c orvanectl -n __orvanectl_command -a group -d 'Groups of sites'
+complete -c orvanectl -n __orvanectl_command -a lock -d 'Let nothing be removed from a group for a while'
 complete -c orvanectl -n __orvanectl_command -a keep -d 'Run the keeper, which sends the list to the extension'
 complete -c orvanectl -n __orvanectl_command -a doctor -d 'Check everything that blocking needs'
 complete -c orvanectl -n __orvanectl_command -a browsers -d 'Browser settings'
@@ -77,8 +87,19 @@ complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove ever
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
 complete -c orvanectl -n '__orvanectl_command suspend resume' -l all -d 'All sites on the list'
-complete -c orvanectl -n '__orvanectl_command suspend' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
-complete -c orvanectl -n '__orvanectl_command suspend' -l until -x -a tomorrow -d 'Until when'
+complete -c orvanectl -n __orvanectl_group -a add -d 'Add a group'
+complete -c orvanectl -n __orvanectl_group -a remove -d 'Remove a group with its sites'
+complete -c orvanectl -n __orvanectl_group -a list -d 'Print the groups'
+complete -c orvanectl -n __orvanectl_group -a show -d 'Print one group'
+complete -c orvanectl -n __orvanectl_group -a enable -d 'Put a group in force'
+complete -c orvanectl -n __orvanectl_group -a disable -d 'Put a group out of force'
+complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is in force'
+complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
+complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
+    -a '(__orvanectl_groups)'
+complete -c orvanectl -n '__orvanectl_command lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
+complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
+complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a tomorrow -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'
 complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
 complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two requests'

@@ -9,6 +9,14 @@ _orvanectl_hosts() {
   _wanted hosts expl 'host of the list' compadd - ${hosts%% *}
 }
 
+_orvanectl_group_names() {
+  local -a groups
+  local list=${opt_args[--list]:-$before[--list]}
+  groups=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} --json group list 2>/dev/null |
+    grep -o '"name": *"[^"]*"' | cut -d '"' -f 4)"})
+  _wanted groups expl 'group of the list' compadd -a groups
+}
+
 _orvanectl_commands() {
   local -a list service browsers extension
   list=(
@@ -21,6 +29,8 @@ _orvanectl_commands() {
     'resume:block suspended sites again at once'
     'import:add the names of a file to the list'
     'export:print the list in a form that import reads'
+    'group:groups of sites'
+    'lock:let nothing be removed from a group for a while'
   )
   service=(
     'status:show whether the list is in force'
@@ -71,6 +81,33 @@ _orvanectl_browsers() {
   esac
 }
 
+_orvanectl_group() {
+  local -a commands
+  if (( CURRENT == 2 )); then
+    commands=(
+      'add:add a group'
+      'remove:remove a group with its sites'
+      'list:print the groups'
+      'show:print one group'
+      'enable:put a group in force'
+      'disable:put a group out of force'
+      'schedule:set when a group is in force'
+      'delay:set when a removal has an effect'
+    )
+    _describe -t commands 'command' commands
+    return
+  fi
+  shift words
+  (( CURRENT -= 1 ))
+  case $words[1] in
+    add) _arguments $common ':group:' ;;
+    remove | show | enable | disable) _arguments $common ':group:_orvanectl_group_names' ;;
+    schedule) _arguments $common ':group:_orvanectl_group_names' '*:span:(always)' ;;
+    delay) _arguments $common ':group:_orvanectl_group_names' ':delay:(15m off)' ;;
+    *) _arguments $common ;;
+  esac
+}
+
 _orvanectl() {
   local context state state_descr line curcontext=$curcontext
   local -A opt_args
@@ -102,6 +139,11 @@ _orvanectl() {
       _arguments $common '(--exact)--subdomains[block all sites with their subdomains]' \
         '(--subdomains)--exact[block the exact names only]' '--replace[remove everything else from the list]' \
         ':file:_files'
+      ;;
+    group) _orvanectl_group ;;
+    lock)
+      _arguments $common '--group=[the group]:group:_orvanectl_group_names' \
+        '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(tomorrow)'
       ;;
     export) _arguments $common '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;

@@ -20,9 +20,8 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
-// The time between two reads of the extension's count of edits. A read shows other clients' edits, and whether the
-// extension still answers.
-constexpr std::chrono::milliseconds kCheckInterval = 60s;
+// The time between two reads of the extension's count of edits while other clients' edits must be undone.
+constexpr std::chrono::milliseconds kCheckInterval = 500ms;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous
 // attempt to connect, the next attempt waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
@@ -61,12 +60,26 @@ ExtensionLink::ExtensionLink(ClientOptions options, KeeperState& state)
 
 void ExtensionLink::attend(const HeldNames* list) {
   if (Clock::now() < due_) return;
-  if (client_) {
-    due_ = Clock::now() + kCheckInterval;
-    if (std::string failure = checkConnection(); !failure.empty()) disconnect(failure);
-  } else if (connect() && list != nullptr) {
-    send(nullptr, *list);
+  if (!client_) {
+    if (connect() && list != nullptr) send(nullptr, *list);
+    return;
   }
+  due_ = nextCheck();
+  if (std::string failure = checkConnection(); !failure.empty()) return disconnect(failure);
+  if (state_.changesOfOthers == 0 || list == nullptr) return;
+  keeper_log(LogLevel::Notice,
+             "a group is locked: undoing " + counted(state_.changesOfOthers, "edit", "edits") + " by other clients");
+  send(nullptr, *list);
+}
+
+void ExtensionLink::undoEdits(bool enabled) {
+  if (enabled == undoesEdits_) return;
+  undoesEdits_ = enabled;
+  if (client_) due_ = enabled ? Clock::now() : nextCheck();
+}
+
+ExtensionLink::Clock::time_point ExtensionLink::nextCheck() const {
+  return undoesEdits_ ? Clock::now() + kCheckInterval : Clock::time_point::max();
 }
 
 void ExtensionLink::onSocketEvent() {
@@ -118,7 +131,7 @@ bool ExtensionLink::connect() {
   state_.extensionError.reset();
   sockets_.reset();
   pause_ = kShortestPause;
-  due_ = Clock::now() + kCheckInterval;
+  due_ = nextCheck();
   return true;
 }
 

@@ -33,10 +33,13 @@ class ExtensionLink {
   // When attend() must be called again, at the latest.
   Clock::time_point due() const { return due_; }
 
-  // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`; if connected, reads
-  // the extension's count of edits, which also shows whether the extension still answers. `list`: the names that the
-  // extension must hold; null if the keeper has not read the list yet, in which case nothing is sent.
+  // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`: the names that the
+  // extension must hold; null if the keeper has not read the list yet, in which case nothing is sent. If connected,
+  // sends `list` again if other clients have made edits.
   void attend(const HeldNames* list);
+  // From undoEdits(true) to undoEdits(false), the edits of other clients last less than a second. The protocol has no
+  // message that tells of edits, so attend() must then ask for their number twice a second.
+  void undoEdits(bool enabled);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
   void onSocketEvent();
@@ -55,6 +58,7 @@ class ExtensionLink {
   bool connect();
   void send(const HeldNames* before, const HeldNames& after);
   std::string checkConnection();
+  Clock::time_point nextCheck() const;
   void readChangesCount();
   void recordSent(const HeldNames& list);
   void disconnect(const std::string& reason);
@@ -74,6 +78,7 @@ class ExtensionLink {
 
   // Used while connected.
   bool hasConnectedBefore_ = false;
+  bool undoesEdits_ = false;
   bool isInSync_ = false;         // the extension has taken the list that was sent last
   uint64_t expectedChanges_ = 0;  // what the extension's count of edits is if no other client has made edits
 };

@@ -10,7 +10,9 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -22,10 +24,12 @@
 #include "companion/keeper/PathWatch.h"
 #include "companion/keeper/ShutdownRequest.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/ListGuard.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "platform/linux/base/Descriptor.h"
+#include "platform/linux/base/Files.h"
 
 namespace orvane {
 namespace {
@@ -40,32 +44,45 @@ constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two checks of the list's file for changes that PathWatch does not report. If the system has no
-// inotify instance left, PathWatch reports nothing, and kUnwatchedCheckInterval applies. kUnwatchedCheckInterval is
-// also the longest time until the next attempt to write the state file after an error.
-constexpr std::chrono::milliseconds kCheckInterval = 60s;
-constexpr std::chrono::milliseconds kUnwatchedCheckInterval = 2s;
+// The time between two attempts to do what failed, and between two checks of the list's file if the system has no
+// inotify instance left, so that PathWatch reports nothing.
+constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
-// The keeper sets a timer for the moment at which the first suspension ends, but at most this far ahead. The reason is
-// that a suspension may end after the year 2262, in which the kernel's clocks end. If the timer fires before the
-// suspension ends, the keeper sets it again.
+// The time between two attempts to read a list that cannot be read, although its file has not changed.
+constexpr std::chrono::milliseconds kRereadInterval = 60s;
+
+// The keeper sets a timer for the moment at which the first suspension ends or the first group changes, but at most
+// this far ahead. The reason is that a suspension may end after the year 2262, in which the kernel's clocks end. If the
+// timer fires before that moment, the keeper sets it again.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
 
+// After a loss of power, a lock lasts at most this much longer.
+constexpr std::chrono::milliseconds kGuardSaveInterval = 5min;
+constexpr mode_t kGuardMode = 0600;
+constexpr mode_t kListInForceMode = 0640;  // the group may read the list, too
+
+constexpr const char* kZonePath = "/etc/localtime";
+
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
 
-// A timer on the wall clock. If the machine sleeps past the timer's moment, the timer fires after the sleep. It also
-// fires when the clock is set.
-class WallClock {
+// A timer. If the machine sleeps past the timer's moment, the timer fires after the sleep. A timer of CLOCK_REALTIME
+// also fires when the clock is set.
+class Timer {
  public:
-  WallClock() : timer_(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}
+  explicit Timer(clockid_t clock) : timer_(timerfd_create(clock, TFD_CLOEXEC | TFD_NONBLOCK)) {}
   int descriptor() const { return timer_.get(); }
 
-  void setTimer(Moment moment) {
+  // `moment`: on the timer's clock.
+  void set(std::chrono::seconds moment) {
     itimerspec when{};
-    when.it_value.tv_sec = std::max<time_t>(moment.time_since_epoch().count(), 1);
+    when.it_value.tv_sec = std::max<time_t>(moment.count(), 1);
     timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
+  }
+  void stop() {
+    const itimerspec never{};
+    timerfd_settime(timer_.get(), 0, &never, nullptr);
   }
   // Call when the descriptor is readable. Returns whether the clock was set.
   bool wasSet() {
@@ -77,12 +94,20 @@ class WallClock {
   Descriptor timer_;
 };
 
+ListGuard::Now current_time() {
+  timespec running{};
+  clock_gettime(CLOCK_BOOTTIME, &running);
+  return {now_in_seconds(), std::chrono::seconds(running.tv_sec)};
+}
+
 class Keeper {
  public:
   Keeper(const KeeperOptions& options, Descriptor lock)
       : statePath_(options.statePath),
+        guardPath_(options.guardPath),
         lock_(std::move(lock)),
         listWatch_({absolute(options.listPath)}),
+        zoneWatch_({kZonePath}),
         link_(options.client, state_) {
     state_.process = getpid();
     state_.started = now_in_seconds();
@@ -90,6 +115,7 @@ class Keeper {
   }
 
   void run() {
+    loadGuard();
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
@@ -100,8 +126,10 @@ class Keeper {
       if (shutdown_.isMade()) break;
       attend(events);
     }
+    if (guard_.due()) saveGuard();
     sd_notify(0, "STOPPING=1\nSTATUS=Ending");
     if (lock_) unlink(statePath_.c_str());
+    if (!listInForce_.empty()) unlink(list_in_force_path(statePath_).c_str());
   }
 
  private:
@@ -109,21 +137,31 @@ class Keeper {
 
   // The entries for poll(2), each named after what it waits for.
   struct Events {
-    pollfd shutdown{-1, POLLIN, 0}, list = shutdown, clock = shutdown, sockets = shutdown, connection = shutdown;
+    pollfd shutdown{-1, POLLIN, 0}, list = shutdown, zone = shutdown, clock = shutdown, guard = shutdown,
+                                    sockets = shutdown, connection = shutdown;
   };
 
   Events wait();
   void attend(const Events& events);
-  void checkList();
+  bool isListChanged() const;
   void onListChange();
   void readList();
+  void onListError(const std::string& error);
+  void enforce(const BlockList& list, HeldNames others);
   void take(HeldNames list);
-  void setTimer(const HeldNames& list);
+  static Moment timerMoment(const HeldNames& list);
   void describe(const BlockList& list);
+  void describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now);
+  void updateGuard(const BlockList& list);
+  void loadGuard();
+  void saveGuard();
+  void publishListInForce(const BlockList& list);
+  void onZoneChange();
   void onClockChange();
+  void onGuardDue();
   void publish();
 
-  const std::string statePath_;
+  const std::string statePath_, guardPath_;
   const Descriptor lock_;  // empty if the state file's folder does not exist
   ShutdownRequest shutdown_;
   KeeperState state_;
@@ -132,11 +170,15 @@ class Keeper {
   bool isUnwritable_ = false;
 
   PathWatch listWatch_;
-  WallClock clock_;
+  PathWatch zoneWatch_;
+  Timer clock_{CLOCK_REALTIME};
+  ListGuard guard_;
+  Timer guardTimer_{CLOCK_BOOTTIME};
+  Steady::time_point saveGuardAt_ = Steady::time_point::max();
+  std::string listInForce_;                      // as last written
   std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
   std::optional<Steady::time_point> emptySince_;
   std::optional<Steady::time_point> readAt_ = Steady::now();
-  Steady::time_point checkAt_ = Steady::now() + kUnwatchedCheckInterval;
 
   bool isKnown_ = false;  // a list has been read
   // The list as last read. While link_ is in sync, the extension holds the same names. So the keeper needs no copy of
@@ -147,17 +189,22 @@ class Keeper {
 };
 
 Keeper::Events Keeper::wait() {
-  Steady::time_point due = std::min(link_.due(), checkAt_);
+  const auto now = Steady::now();
+  Steady::time_point due = std::min(link_.due(), saveGuardAt_);
   if (readAt_) due = std::min(due, *readAt_);
-  if (isUnwritable_) due = std::min(due, Steady::now() + kUnwatchedCheckInterval);
-  auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Steady::now());
-  std::array<pollfd, 5> events{{{shutdown_.descriptor(), POLLIN, 0},
+  if (isUnwritable_ || listWatch_.descriptor() < 0) due = std::min(due, now + kRetryInterval);
+  int timeout = -1;  // no end: nothing is to be done at a certain time
+  if (due != Steady::time_point::max())
+    timeout = static_cast<int>(std::max(std::chrono::ceil<std::chrono::milliseconds>(due - now), 0ms).count());
+  std::array<pollfd, 7> events{{{shutdown_.descriptor(), POLLIN, 0},
                                 {listWatch_.descriptor(), POLLIN, 0},
+                                {zoneWatch_.descriptor(), POLLIN, 0},
                                 {clock_.descriptor(), POLLIN, 0},
+                                {guardTimer_.descriptor(), POLLIN, 0},
                                 {link_.socketWatch(), POLLIN, 0},
                                 {link_.connection(), POLLRDHUP, 0}}};
-  if (poll(events.data(), events.size(), static_cast<int>(std::max(left, 0ms).count())) <= 0) return {};
-  return {events[0], events[1], events[2], events[3], events[4]};
+  if (poll(events.data(), events.size(), timeout) <= 0) return {};
+  return {events[0], events[1], events[2], events[3], events[4], events[5], events[6]};
 }
 
 // Reading a large list or calling an extension that hangs takes long. So during this function, a shutdown request ends
@@ -165,23 +212,24 @@ Keeper::Events Keeper::wait() {
 void Keeper::attend(const Events& events) {
   shutdown_.exitAtOnce(true);
   if (events.list.revents != 0) onListChange();
+  if (events.zone.revents != 0) onZoneChange();
   if (events.clock.revents != 0) onClockChange();
+  if (events.guard.revents != 0) onGuardDue();
   if (events.sockets.revents != 0) link_.onSocketEvent();
   if (events.connection.revents != 0) link_.onHangUp();
   if (readAt_ && Steady::now() >= *readAt_) readList();
-  if (Steady::now() >= checkAt_) checkList();
+  if (listWatch_.descriptor() < 0 && isListChanged()) readList();
+  if (Steady::now() >= saveGuardAt_) saveGuard();
   link_.attend(known());
   shutdown_.exitAtOnce(false);
 }
 
-void Keeper::checkList() {
-  checkAt_ = Steady::now() + (listWatch_.descriptor() < 0 ? kUnwatchedCheckInterval : kCheckInterval);
-  listWatch_.arm();
+bool Keeper::isListChanged() const {
   try {
-    if (isKnown_ && list_version(state_.listPath) == state_.listVersion) return;
-  } catch (const FileError&) {  // readList() logs it
+    return list_version(state_.listPath) != state_.listVersion;
+  } catch (const FileError&) {
+    return true;  // readList() logs it
   }
-  if (!readAt_) readList();
 }
 
 void Keeper::onListChange() {
@@ -196,8 +244,7 @@ void Keeper::readList() {
   readAt_.reset();
   try {
     StoredList stored = read_list(state_.listPath);
-    HeldNames list = held_names(stored.list, now_in_seconds());
-    if (list.names.empty() && list.suspended.empty()) {
+    if (stored.list.size() == 0) {
       const auto now = Steady::now();
       if (!emptySince_) emptySince_ = now;
       if (now < *emptySince_ + kEmptyDelay) {
@@ -210,17 +257,102 @@ void Keeper::readList() {
     describe(stored.list);
     state_.listVersion = stored.version;
     state_.listError.reset();
-    stored = {};
-    take(std::move(list));
+    updateGuard(stored.list);
+    if (guard_.isActive()) stored.list = guard_.listInForce(stored.list);
+    enforce(stored.list, {});
   } catch (const std::exception& error) {
-    if (state_.listError != error.what()) keeper_log(LogLevel::Error, error.what());
-    state_.listError = error.what();
+    onListError(error.what());
   }
   // Parsing a large list leaves fragmented free memory, which the allocator would keep.
   malloc_trim(0);
 }
 
-// Updates the counts in the state and logs the first bad lines.
+// The previous list stays in force. The schedules of guarded groups begin all the same.
+void Keeper::onListError(const std::string& error) {
+  if (state_.listError != error) keeper_log(LogLevel::Error, error);
+  state_.listError = error;
+  readAt_ = Steady::now() + kRereadInterval;
+  if (guard_.isActive()) enforce(guard_.listInForce(BlockList()), list_);
+}
+
+// Sends the names of the list that are to be held now, and those of `others`.
+void Keeper::enforce(const BlockList& list, HeldNames others) {
+  const ListGuard::Now now = current_time();
+  const GroupStates states = guard_.statesOf(list, now);
+  describeGroups(list, states, now);
+  publishListInForce(list);
+  HeldNames held = held_names(list, now.wall, states);
+  if (!others.names.empty()) {
+    std::vector<std::string> names;
+    std::set_union(held.names.begin(), held.names.end(), others.names.begin(), others.names.end(),
+                   std::back_inserter(names));
+    held.names = std::move(names);
+  }
+  take(std::move(held));
+  link_.undoEdits(guard_.isLocked());
+}
+
+void Keeper::describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now) {
+  const auto before = std::exchange(state_.groups, {});
+  for (size_t i = 0; i < list.groups().size(); ++i) {
+    const Group& group = list.groups()[i];
+    KeeperState::GroupState state{group.name, states.isInForce[i], group.nextChange(now.wall), {}, 0};
+    if (const auto end = guard_.lockEnd(group.name)) state.lockedUntil = now.wall + (*end - now.running);
+    state.pendingChanges = guard_.pendingChanges(group.name);
+    const auto old =
+        std::find_if(before.begin(), before.end(), [&](const auto& each) { return each.name == group.name; });
+    const bool wasLocked = old != before.end() && old->lockedUntil;
+    if (state.lockedUntil && !wasLocked)
+      keeper_log(LogLevel::Notice, "the group " + group.name + " is locked until " + time_text(*state.lockedUntil));
+    if (!state.lockedUntil && wasLocked)
+      keeper_log(LogLevel::Notice, "the lock of the group " + group.name + " has ended");
+    state_.groups.push_back(std::move(state));
+  }
+}
+
+void Keeper::updateGuard(const BlockList& list) {
+  const bool isChanged = guard_.update(list, current_time());
+  const auto due = guard_.due();
+  due ? guardTimer_.set(*due) : guardTimer_.stop();
+  if (isChanged || (due && saveGuardAt_ == Steady::time_point::max())) saveGuard();
+}
+
+void Keeper::loadGuard() {
+  const auto text = read_file_start(guardPath_, kLargestInput, Links::Refuse);
+  if (!text) return;
+  try {
+    guard_.load(*text, current_time());
+  } catch (const InputError& error) {
+    keeper_log(LogLevel::Error, "locks and delays are lost: " + in_quotes(guardPath_) + ": " + error.what());
+  }
+}
+
+// The time that has passed since the last save is not known after a loss of power, so the guard is saved from time to
+// time while it measures time.
+void Keeper::saveGuard() {
+  const std::string name = std::filesystem::path(guardPath_).filename().string() + ".new";
+  if (const auto error = replace_file(guardPath_, name, guard_.save(current_time()), kGuardMode))
+    keeper_log(LogLevel::Error, "cannot save locks and delays: " + in_quotes(guardPath_) + ": " + error.message() +
+                                    ": they end with this process: check the folder");
+  saveGuardAt_ = guard_.due() ? Steady::now() + kGuardSaveInterval : Steady::time_point::max();
+}
+
+// Writes the list that is in force for `orvanectl try`, which may not read the guard's file.
+void Keeper::publishListInForce(const BlockList& list) {
+  state_.isGuarded = lock_ && guard_.isActive();
+  std::string text = state_.isGuarded ? list.text() : "";
+  if (text == listInForce_) return;
+  listInForce_ = std::move(text);
+  const std::string path = list_in_force_path(statePath_);
+  if (!state_.isGuarded) {
+    unlink(path.c_str());
+  } else if (const auto error = replace_file(path, std::filesystem::path(path).filename().string() + ".new",
+                                             listInForce_, kListInForceMode)) {
+    keeper_log(LogLevel::Warning, "cannot write: " + in_quotes(path) + ": " + error.message());
+  }
+}
+
+// Updates the counts in the state, and logs the first bad lines.
 void Keeper::describe(const BlockList& list) {
   state_.sites = list.size();
   state_.badLines = list.badLines().size();
@@ -235,7 +367,7 @@ void Keeper::describe(const BlockList& list) {
 }
 
 void Keeper::take(HeldNames list) {
-  setTimer(list);
+  clock_.set(timerMoment(list).time_since_epoch());
   link_.update(known(), list);
   list_ = std::move(list);
   isKnown_ = true;
@@ -243,23 +375,32 @@ void Keeper::take(HeldNames list) {
   state_.suspended = list_.suspended;
 }
 
-void Keeper::setTimer(const HeldNames& list) {
+Moment Keeper::timerMoment(const HeldNames& list) {
   const Moment latest = now_in_seconds() + kLongestTimer;
-  clock_.setTimer(std::min(list.nextChange.value_or(latest), latest));
+  return std::min(list.nextChange.value_or(latest), latest);
+}
+
+// The system's time zone has changed. Without tzset(), the process would go on with the old one.
+void Keeper::onZoneChange() {
+  if (!zoneWatch_.readEvents()) return;
+  tzset();
+  readList();
 }
 
 void Keeper::onClockChange() {
-  // If the clock was set back, a suspension that had ended may be in force again. Only the list's file still has
-  // the date of this suspension.
-  if (clock_.wasSet()) {
-    keeper_log(LogLevel::Notice, "the clock was set");
-    readList();
-  }
+  const bool wasSet = clock_.wasSet();
+  if (wasSet) keeper_log(LogLevel::Notice, "the clock was set");
   const Moment now = now_in_seconds();
-  if (!list_.nextChange || *list_.nextChange > now) return setTimer(list_);
-  HeldNames list = list_;
-  end_suspensions(list, now);
-  take(std::move(list));
+  const bool isDue = list_.nextChange && *list_.nextChange <= now;
+  clock_.set((isDue ? now + kLongestTimer : timerMoment(list_)).time_since_epoch());
+  // Only the list's file has the sites of groups that were not in force, and the suspensions that had ended before the
+  // clock was set back.
+  if (wasSet || isDue) readList();
+}
+
+void Keeper::onGuardDue() {
+  guardTimer_.wasSet();
+  readList();
 }
 
 void Keeper::publish() {

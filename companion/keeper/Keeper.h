@@ -10,12 +10,13 @@ struct KeeperOptions {
   ClientOptions client;
   std::string listPath;
   std::string statePath;
+  std::string guardPath;  // the file in which a ListGuard outlives the keeper
 };
 
 // Keeps the extension's list equal to the file `listPath` until SIGTERM, SIGINT or SIGHUP: sends the list after each
-// start of the extension, after each change of the file, and when a suspension ends. Waits for a missing file or
-// extension. Returns the exit code, which is kFailed if another keeper uses the same state file. For single-threaded
-// programs.
+// start of the extension, after each change of the file, when a suspension ends, and when a schedule begins or ends.
+// Enforces locks and delays (ListGuard.h). Waits for a missing file or extension. Returns the exit code, which is
+// kFailed if another keeper uses the same state file. For single-threaded programs.
 int run_keeper(const KeeperOptions& options);
 
 }  // namespace orvane

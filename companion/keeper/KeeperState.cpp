@@ -99,8 +99,18 @@ KeeperState state_of(const Json& json) {
   list.read("names", state.names);
   list.read("badLines", state.badLines);
   list.read("error", state.listError);
+  list.read("guarded", state.isGuarded);
   for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
     state.suspended.emplace_back(entry.at("name"), read_moment(entry.at("until").get_ref<const std::string&>()));
+  }
+  for (const Json& entry : json.at("list").value("groups", Json::array())) {
+    Members members(entry);
+    KeeperState::GroupState& group = state.groups.emplace_back();
+    members.read("name", group.name);
+    members.read("inForce", group.isInForce);
+    members.read("nextChange", group.nextChange);
+    members.read("lockedUntil", group.lockedUntil);
+    members.read("pendingChanges", group.pendingChanges);
   }
   extension.read("connected", state.connected);
   extension.read("sentVersion", state.sentVersion);
@@ -117,6 +127,14 @@ KeeperState state_of(const Json& json) {
 Json to_json(const KeeperState& state) {
   Json suspended = Json::array();
   for (const auto& [name, until] : state.suspended) suspended.push_back({{"name", name}, {"until", time_text(until)}});
+  Json groups = Json::array();
+  for (const auto& group : state.groups) {
+    groups.push_back({{"name", group.name},
+                      {"inForce", group.isInForce},
+                      {"nextChange", json_of(group.nextChange)},
+                      {"lockedUntil", json_of(group.lockedUntil)},
+                      {"pendingChanges", group.pendingChanges}});
+  }
   return {{"process", state.process},
           {"started", time_text(state.started)},
           {"list",
@@ -126,6 +144,8 @@ Json to_json(const KeeperState& state) {
             {"names", state.names},
             {"badLines", state.badLines},
             {"suspended", std::move(suspended)},
+            {"groups", std::move(groups)},
+            {"guarded", state.isGuarded},
             {"error", json_or_null(state.listError)}}},
           {"extension",
            {{"connected", state.connected},
@@ -136,6 +156,8 @@ Json to_json(const KeeperState& state) {
             {"changesOfOthers", state.changesOfOthers},
             {"error", json_or_null(state.extensionError)}}}};
 }
+
+std::string list_in_force_path(const std::string& statePath) { return statePath + ".list"; }
 
 Descriptor lock_keeper_state(const std::string& path) {
   const std::string lockPath = lock_path(path);
@@ -165,6 +187,12 @@ std::optional<KeeperState> read_keeper_state(const std::string& path) {
   } catch (const std::exception&) {  // Json::exception or InputError
     throw FileError("not a keeper's state: " + in_quotes(path) + ": name the right file with --state");
   }
+}
+
+void add_later_changes(KeeperState& state, uint64_t changes) {
+  if (!state.connected || changes <= state.changes) return;
+  state.changesOfOthers += changes - state.changes;
+  state.changes = changes;
 }
 
 InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,

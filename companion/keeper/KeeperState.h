@@ -28,7 +28,16 @@ struct KeeperState {
   uint64_t names = 0;  // how many names the extension must hold now; suspended names are not counted
   uint64_t badLines = 0;
   std::vector<std::pair<std::string, Moment>> suspended;  // names, and when their suspension ends
-  std::optional<std::string> listError;                   // why reading failed; the previous list stays in force
+  struct GroupState {
+    std::string name;
+    bool isInForce = false;
+    std::optional<Moment> nextChange;  // of isInForce
+    std::optional<Moment> lockedUntil;
+    uint64_t pendingChanges = 0;  // in the file, but without effect yet
+  };
+  std::vector<GroupState> groups;
+  bool isGuarded = false;  // the list that is in force may differ from the file; it is at list_in_force_path()
+  std::optional<std::string> listError;  // why reading failed; the previous list stays in force
 
   // What the keeper knows about the extension.
   bool connected = false;
@@ -36,12 +45,15 @@ struct KeeperState {
   uint64_t sentNames = 0;
   std::optional<Moment> sentAt;
   uint64_t changes = 0;                       // the extension's count of edits when last read
-  uint64_t changesOfOthers = 0;               // edits by other clients since the keeper last sent the whole list
+  uint64_t changesOfOthers = 0;               // of these, edits by other clients since the keeper sent the whole list
   std::optional<std::string> extensionError;  // why there is no connection, or why the list was not accepted
 };
 
 // The state file of the keeper that runs as a service.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
+
+// The list that is in force, in the form of the list's file, if KeeperState::isGuarded is set.
+std::string list_in_force_path(const std::string& statePath);
 
 // Takes the lock on the file `path`.lock, so that only one keeper at a time writes the state. Returns a descriptor that
 // holds the lock while the descriptor is open, or an empty descriptor if another keeper has the lock. Throws FileError
@@ -57,6 +69,10 @@ std::optional<KeeperState> read_keeper_state(const std::string& path);
 
 // The JSON object that write_keeper_state() writes.
 nlohmann::json to_json(const KeeperState& state);
+
+// Counts the edits that the extension has received since the keeper last read its count. `changes`: its count when it
+// was read before the `state`.
+void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once
 // if no keeper runs, or if the keeper has read the list but has no connection to the extension. Throws FileError.

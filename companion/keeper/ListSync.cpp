@@ -62,20 +62,4 @@ uint64_t send_difference(Client& client, const HeldNames& before, const HeldName
   return edits + removed.size() + added.size();
 }
 
-void end_suspensions(HeldNames& list, Moment now) {
-  size_t held = list.names.size();
-  list.nextChange.reset();
-  for (auto& [name, until] : list.suspended) {
-    if (until <= now) {
-      list.names.push_back(std::move(name));
-    } else {
-      list.nextChange = std::min(list.nextChange.value_or(until), until);
-    }
-  }
-  std::erase_if(list.suspended, [now](const auto& entry) { return entry.second <= now; });
-  auto middle = list.names.begin() + static_cast<ptrdiff_t>(held);
-  std::sort(middle, list.names.end());
-  std::inplace_merge(list.names.begin(), middle, list.names.end());
-}
-
 }  // namespace orvane

@@ -24,7 +24,4 @@ uint64_t send_difference(Client& client, const HeldNames& before, const HeldName
 inline constexpr size_t kLargestDifference = 4096;
 bool needs_whole_list(const HeldNames& before, const HeldNames& after);
 
-// Moves the names whose suspension has ended by `now` from `suspended` to `names`, and updates nextChange.
-void end_suspensions(HeldNames& list, Moment now);
-
 }  // namespace orvane

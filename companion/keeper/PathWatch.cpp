@@ -15,8 +15,9 @@ namespace {
 
 // The events to watch for in a folder. kEventsOfFolder is for the folder of a watched file. If this folder does not
 // exist, kEventsAbove is for the nearest existing folder above it, in which the next folder of the file's path may
-// appear.
-constexpr uint32_t kEventsAbove = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+// appear. kOwnEvents is for all folders above a watched folder.
+constexpr uint32_t kOwnEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr uint32_t kEventsAbove = kOwnEvents | IN_CREATE | IN_MOVED_TO;
 constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
 
 // Events that concern the watched folder itself and have no name.
@@ -52,6 +53,9 @@ void PathWatch::armOne(const std::string& path) {
     }
     if (watch < 0) return;
     watched_[watch].push_back(child.filename());
+    for (auto above = child.parent_path(); above.has_relative_path(); above = above.parent_path()) {
+      if (const int own = watchFolder(above, kOwnEvents); own >= 0) watched_[own];
+    }
     // If the next folder of the path appeared before the watch on its parent began, no event reports this folder. So
     // try again, to watch this folder.
     std::error_code ignored;

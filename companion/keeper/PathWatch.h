@@ -11,9 +11,9 @@
 namespace orvane {
 
 // Reports changes of files that may be missing, or be replaced by a rename. Uses inotify(7) to watch the folder of each
-// file or, if this folder does not exist, the nearest existing folder above it. Two changes are not reported: a rename
-// of a folder above the watched folder, and a change of the file that a symbolic link leads to. To notice these
-// changes, call arm() and look at the files from time to time.
+// file or, if this folder does not exist, the nearest existing folder above it. Also watches the folders above, but
+// only for their own removal and rename. Two changes are not reported: a file system that is mounted over one of these
+// folders, and a change of what a symbolic link in the path leads to.
 class PathWatch {
  public:
   // `paths`: absolute.

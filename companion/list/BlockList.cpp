@@ -1,6 +1,7 @@
 #include "companion/list/BlockList.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
@@ -59,40 +60,141 @@ BlockList BlockList::parse(std::string_view text) {
   const auto lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
   list.lines_.reserve(lines);
   list.lineByHost_.reserve(lines);
-  bool first = true;
+  GroupIndex group = kDefaultGroup;
+  bool isStart = true;  // only comments so far
   while (!text.empty()) {
     size_t end = std::min(text.find('\n'), text.size());
     std::string_view given = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
     std::string_view words = given;
-    if (first && words.substr(0, kByteOrderMark.size()) == kByteOrderMark) words.remove_prefix(kByteOrderMark.size());
-    first = false;
+    if (list.lines_.empty() && words.starts_with(kByteOrderMark)) words.remove_prefix(kByteOrderMark.size());
     words = trimmed(without_comment(words));
-    ListedSite site;
-    std::string fault;
-    if (words.empty()) {
-      list.append({std::string(given), std::nullopt});
-    } else if (read_line(words, Scope::Subdomains, site, fault)) {
-      const bool isCanonical = given == line_of(site);
-      list.append({isCanonical ? std::string() : std::string(given), std::move(site)});
-    } else {
-      list.append({std::string(given), std::nullopt});
-      list.badLines_.push_back({list.lines_.size(), std::string(words.substr(0, kBadLineKept)), std::move(fault)});
-    }
+    list.parseLine(given, words, group);
+    Section& section = list.sections_[list.lines_.back().group];
+    isStart = isStart && words.empty() && !trimmed(given).empty();
+    if (isStart) section.settings = list.lines_.size();
+    // A comment at the end of a section may be about the next one.
+    if (isStart || !words.empty()) section.end = list.lines_.size();
   }
+  list.parsedLines_ = list.lines_.size();
   return list;
+}
+
+// Appends the line `given`, whose content without its comment is `words`. A header changes `group`.
+void BlockList::parseLine(std::string_view given, std::string_view words, GroupIndex& group) {
+  Line line;
+  line.text = given;
+  std::string fault;
+  if (words.empty()) {
+  } else if (const auto name = group_in_header(words)) {
+    fault = groups_.size() < kMostGroups ? group_name_fault(*name) : "the list has too many groups: remove some";
+    if (const auto known = findGroup(*name)) {
+      group = *known;
+    } else if (fault.empty()) {
+      group = static_cast<GroupIndex>(groups_.size());
+      groups_.push_back({std::string(*name), true, {}, {}, {}});
+      sections_.push_back({lines_.size() + 1, 0});
+    }
+    if (fault.empty()) line.kind = Kind::Header;
+  } else if (!key_of_setting(words).empty()) {
+    if (read_setting(words, groups_[group], fault)) line.kind = Kind::Setting;
+  } else if (ListedSite site; read_line(words, Scope::Subdomains, site, fault)) {
+    if (given == line_of(site)) line.text.clear();
+    site.group = group;
+    line.site = std::move(site);
+  }
+  if (!fault.empty())
+    badLines_.push_back({lines_.size() + 1, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
+  line.group = group;
+  append(std::move(line));
+}
+
+std::string BlockList::textOf(const Line& line) const {
+  return (line.site && line.text.empty() ? line_of(*line.site) : line.text) + '\n';
+}
+
+size_t BlockList::placeOf(const Line& line) const {
+  const Section& section = sections_[line.group];
+  return line.kind == Kind::Other ? section.end : section.settings;
+}
+
+// The indexes of the lines that were added after parse(), in the order of their places.
+std::vector<uint32_t> BlockList::addedLines() const {
+  std::vector<uint32_t> added;
+  for (size_t i = parsedLines_; i < lines_.size(); ++i) added.push_back(static_cast<uint32_t>(i));
+  const auto key = [this](uint32_t i) { return std::tuple(placeOf(lines_[i]), lines_[i].group, lines_[i].kind); };
+  std::stable_sort(added.begin(), added.end(), [&](uint32_t one, uint32_t other) { return key(one) < key(other); });
+  return added;
 }
 
 std::string BlockList::text() const {
   std::string text;
   constexpr size_t kUsualLine = 32;
   text.reserve(lines_.size() * kUsualLine);
-  for (const Line& line : lines_) {
-    if (line.isRemoved) continue;
-    text += line.site && line.text.empty() ? line_of(*line.site) : line.text;
-    text += '\n';
+  const std::vector<uint32_t> added = addedLines();
+  auto next = added.begin();
+  for (size_t i = 0; i <= parsedLines_; ++i) {
+    for (; next != added.end() && placeOf(lines_[*next]) <= i; ++next) {
+      const Line& line = lines_[*next];
+      if (line.isRemoved) continue;
+      if (line.kind == Kind::Header && !text.empty()) text += '\n';
+      text += textOf(line);
+    }
+    if (i < parsedLines_ && !lines_[i].isRemoved) text += textOf(lines_[i]);
   }
   return text;
+}
+
+std::optional<GroupIndex> BlockList::findGroup(std::string_view name) const {
+  for (size_t i = 0; i < groups_.size(); ++i) {
+    if (!name.empty() && groups_[i].name == name) return static_cast<GroupIndex>(i);
+  }
+  return std::nullopt;
+}
+
+GroupIndex BlockList::addGroup(std::string_view name) {
+  const auto group = static_cast<GroupIndex>(groups_.size());
+  groups_.push_back({std::string(name), true, {}, {}, {}});
+  sections_.push_back({parsedLines_, parsedLines_});
+  Line header;
+  header.text = header_of(name);
+  header.group = group;
+  header.kind = Kind::Header;
+  append(std::move(header));
+  return group;
+}
+
+void BlockList::removeGroup(GroupIndex group) {
+  for (Line& line : lines_) {
+    if (line.group != group) continue;
+    if (line.site && !line.isSuperseded) lineByHost_.erase(locate(line.site->host, group));
+    line.isRemoved = true;
+  }
+  for (Line& line : lines_) {
+    if (line.isRemoved) line.site.reset();
+  }
+  groups_[group] = {"", false, {}, {}, {}};
+}
+
+void BlockList::setSetting(GroupIndex group, std::string_view key, const std::vector<std::string>& values) {
+  for (Line& line : lines_) {
+    if (line.group == group && line.kind == Kind::Setting && key_of_setting(trimmed(line.text)) == key)
+      line.isRemoved = true;
+  }
+  Group& changed = groups_[group];
+  if (key == kScheduleKey) changed.schedule = {};
+  if (key == kEnabledKey) changed.isEnabled = true;
+  if (key == kDelayKey) changed.delay = {};
+  if (key == kLockUntilKey) changed.lockUntil.reset();
+  for (const std::string& value : values) {
+    Line line;
+    line.text = setting_line(key, value);
+    line.group = group;
+    line.kind = Kind::Setting;
+    std::string fault;
+    read_setting(line.text, changed, fault);
+    append(std::move(line));
+  }
 }
 
 std::vector<ListedSite> BlockList::sites() const {
@@ -108,21 +210,25 @@ void BlockList::forEachSite(const std::function<void(const ListedSite&)>& visit)
   }
 }
 
-const ListedSite* BlockList::find(std::string_view host) const {
-  auto found = locate(host);
+const ListedSite* BlockList::find(std::string_view host, GroupIndex group) const {
+  auto found = locate(host, group);
   return found == lineByHost_.end() ? nullptr : &*lines_[found->second].site;
 }
 
-BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host) const {
+BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host, GroupIndex group) const {
+  const auto isSame = [&](const ListedSite& site) { return site.group == group && site.host == host; };
   auto [found, end] = lineByHost_.equal_range(keyed_hash(host));
-  while (found != end && lines_[found->second].site->host != host) ++found;
+  while (found != end && !isSame(*lines_[found->second].site)) ++found;
   return found == end ? lineByHost_.end() : found;
 }
 
 bool BlockList::put(ListedSite site) {
-  auto found = locate(site.host);
+  auto found = locate(site.host, site.group);
   if (found == lineByHost_.end()) {
-    append({"", std::move(site)});
+    Line line;
+    line.group = site.group;
+    line.site = std::move(site);
+    append(std::move(line));
     return true;
   }
   Line& line = lines_[found->second];
@@ -133,8 +239,8 @@ bool BlockList::put(ListedSite site) {
   return true;
 }
 
-bool BlockList::remove(std::string_view host) {
-  auto found = locate(host);
+bool BlockList::remove(std::string_view host, GroupIndex group) {
+  auto found = locate(host, group);
   if (found == lineByHost_.end()) return false;
   // Remove all lines of the site, because without the last line, an earlier line of the site would take effect.
   for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
@@ -149,7 +255,7 @@ void BlockList::append(Line line) {
   if (line.site) {
     const auto here = static_cast<uint32_t>(lines_.size());
     const std::string& host = line.site->host;
-    if (auto found = locate(host); found != lineByHost_.end()) {
+    if (auto found = locate(host, line.group); found != lineByHost_.end()) {
       line.earlier = found->second;
       lines_[line.earlier].isSuperseded = true;
       lineByHost_.erase(found);
@@ -159,26 +265,58 @@ void BlockList::append(Line line) {
   lines_.push_back(std::move(line));
 }
 
-Decision decide(const BlockList& list, std::string_view host, Moment now) {
+GroupIndex copy_settings(const Group& group, BlockList& list) {
+  const auto known = list.findGroup(group.name);
+  const GroupIndex index = known ? *known : list.addGroup(group.name);
+  using Values = std::vector<std::string>;
+  list.setSetting(index, kScheduleKey, group.schedule.texts());
+  list.setSetting(index, kEnabledKey, group.isEnabled ? Values{} : Values{"no"});
+  list.setSetting(index, kDelayKey, group.delay.count() == 0 ? Values{} : Values{delay_text(group.delay)});
+  return index;
+}
+
+GroupStates group_states(const BlockList& list, Moment now) {
+  GroupStates states;
+  for (const Group& group : list.groups()) {
+    states.isInForce.push_back(group.isInForce(now));
+    if (const auto next = group.nextChange(now)) states.nextChange = std::min(states.nextChange.value_or(*next), *next);
+  }
+  return states;
+}
+
+Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states) {
   Decision decision;
+  const auto consider = [&](const ListedSite& site) {
+    const bool isInForce = states.isInForce[site.group];
+    if (site.scope == Scope::Exception) {
+      if (isInForce && decision.exception == nullptr) decision.exception = &site;
+    } else if (!isInForce) {
+      if (decision.inactive == nullptr) decision.inactive = &site;
+    } else if (!site.isSuspended(now)) {
+      if (decision.blocking == nullptr) decision.blocking = &site;
+    } else if (decision.suspended == nullptr || *site.until < *decision.suspended->until) {
+      decision.suspended = &site;
+    }
+  };
   for (std::string_view covering : covering_hosts(host)) {
-    const ListedSite* site = list.find(covering);
-    if (site == nullptr || (site->scope == Scope::ExactName && covering != host)) continue;
-    if (site->scope == Scope::Exception) {
-      if (decision.exception == nullptr) decision.exception = site;
-    } else if (!site->isSuspended(now)) {
-      if (decision.blocking == nullptr) decision.blocking = site;
-    } else if (decision.suspended == nullptr || *site->until < *decision.suspended->until) {
-      decision.suspended = site;
+    for (size_t group = 0; group < list.groups().size(); ++group) {
+      const ListedSite* site = list.find(covering, static_cast<GroupIndex>(group));
+      if (site != nullptr && (site->scope != Scope::ExactName || covering == host)) consider(*site);
     }
   }
   return decision;
 }
 
-HeldNames held_names(const BlockList& list, Moment now) {
+Decision decide(const BlockList& list, std::string_view host, Moment now) {
+  return decide(list, host, now, group_states(list, now));
+}
+
+HeldNames held_names(const BlockList& list, Moment now, const GroupStates& states) {
   HeldNames held;
   held.names.reserve(list.size());
+  held.nextChange = states.nextChange;
   list.forEachSite([&](const ListedSite& site) {
+    if (!states.isInForce[site.group]) return;
     if (site.isSuspended(now)) {
       held.suspended.emplace_back(name_of(site), *site.until);
     } else {
@@ -186,9 +324,19 @@ HeldNames held_names(const BlockList& list, Moment now) {
     }
   });
   std::sort(held.names.begin(), held.names.end());
+  held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
+  // If groups suspend a name until different moments, the first of these moments ends its suspension. A group that does
+  // not suspend the name blocks it.
   std::sort(held.suspended.begin(), held.suspended.end());
+  const auto hasSameName = [](const auto& one, const auto& other) { return one.first == other.first; };
+  held.suspended.erase(std::unique(held.suspended.begin(), held.suspended.end(), hasSameName), held.suspended.end());
+  std::erase_if(held.suspended, [&](const auto& entry) {
+    return std::binary_search(held.names.begin(), held.names.end(), entry.first);
+  });
   for (const auto& [name, until] : held.suspended) held.nextChange = std::min(held.nextChange.value_or(until), until);
   return held;
 }
+
+HeldNames held_names(const BlockList& list, Moment now) { return held_names(list, now, group_states(list, now)); }
 
 }  // namespace orvane

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "companion/list/Group.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {
@@ -22,11 +23,12 @@ enum class Scope {
   Exception,   // this host and all its subdomains are allowed, even if other lines block them
 };
 
-// A site on the machine's list.
+// A site in a group of the machine's list.
 struct ListedSite {
   std::string host;  // in the form of normalize_hostname()
   Scope scope = Scope::Subdomains;
   std::optional<Moment> until;  // suspended (not blocked) before this moment; never set for an exception
+  GroupIndex group = kDefaultGroup;
   bool isSuspended(Moment now) const { return until && now < *until; }
   bool operator==(const ListedSite&) const = default;
 };
@@ -56,42 +58,81 @@ class BlockList {
   static BlockList parse(std::string_view text);
   std::string text() const;
 
-  // The sites, in the order of their lines. If a host has several lines, only the last of them has an effect.
+  // The groups. An index stays valid when other groups are added or removed; a removed group has an empty name. The
+  // first group is the default group.
+  const std::vector<Group>& groups() const { return groups_; }
+  const Group& groupOf(const ListedSite& site) const { return groups_[site.group]; }
+  std::optional<GroupIndex> findGroup(std::string_view name) const;
+  // Adds a group at the end of the list. The list must have no group of this name, and less than kMostGroups.
+  static constexpr size_t kMostGroups = 1000;
+  GroupIndex addGroup(std::string_view name);
+  // Removes a group with its sites and settings, and with all comments after its header. Not for the default group.
+  void removeGroup(GroupIndex group);
+  // Gives a group one line for each of the values, which must be valid, in place of all lines with this key.
+  void setSetting(GroupIndex group, std::string_view key, const std::vector<std::string>& values);
+
+  // The sites, in the order of their lines. If a host has several lines in a group, only the last of them has an
+  // effect.
   std::vector<ListedSite> sites() const;
   void forEachSite(const std::function<void(const ListedSite&)>& visit) const;  // the same sites, not copied
   size_t size() const { return lineByHost_.size(); }                            // the number of sites
   const std::vector<BadLine>& badLines() const { return badLines_; }
 
-  // The site with exactly this host; null if there is none. Valid until the next change of the list.
-  const ListedSite* find(std::string_view host) const;
+  // The site with exactly this host in this group; null if there is none. Valid until the next change of the list.
+  const ListedSite* find(std::string_view host, GroupIndex group = kDefaultGroup) const;
 
-  // Adds a site at the end, or replaces the site with the same host and keeps the comment on that site's line. Returns
-  // whether anything changed.
+  // Adds a site at the end of its group, or replaces the site with the same host in that group and keeps the comment on
+  // that site's line. Returns whether anything changed.
   bool put(ListedSite site);
-  // Removes the site with exactly this host, all its lines included. Returns whether the list had the site.
-  bool remove(std::string_view host);
+  // Removes the site with exactly this host from the group, all its lines included. Returns whether the group had the
+  // site.
+  bool remove(std::string_view host, GroupIndex group = kDefaultGroup);
 
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
+  enum class Kind : uint8_t { Header, Setting, Other };
   struct Line {
     // As in the file, without the line end. Empty, to save memory, if the line equals line_of(site).
     std::string text;
-    std::optional<ListedSite> site;  // none for a comment, a blank line or a bad line
+    std::optional<ListedSite> site;  // none for a header, a setting, a comment, a blank line or a bad line
     uint32_t earlier = kNone;        // the previous line with the same site
-    bool isSuperseded = false;       // a later line has the same site
+    GroupIndex group = kDefaultGroup;
+    Kind kind = Kind::Other;
+    bool isSuperseded = false;  // a later line has the same site
     bool isRemoved = false;
+  };
+  // Where text() writes the lines that a group gets after parse(): in front of these lines.
+  struct Section {
+    size_t settings = 0, end = 0;
   };
   // Maps the keyed hash of a site's host to the index of the site's line. The map does not contain the hosts
   // themselves, because second copies of the hosts would take most of the memory.
   using LineByHost = std::unordered_multimap<size_t, uint32_t>;
 
+  void parseLine(std::string_view given, std::string_view words, GroupIndex& group);
   void append(Line line);
-  LineByHost::const_iterator locate(std::string_view host) const;  // end() if the host is not on the list
+  LineByHost::const_iterator locate(std::string_view host, GroupIndex group) const;  // end() if there is no such site
+  std::string textOf(const Line& line) const;
+  std::vector<uint32_t> addedLines() const;
+  size_t placeOf(const Line& line) const;
 
   std::vector<Line> lines_;
+  size_t parsedLines_ = 0;  // the lines after these were added later
+  std::vector<Group> groups_{{std::string(kDefaultGroupName), true, {}, {}, {}}};
+  std::vector<Section> sections_{1};  // one for each group
   std::vector<BadLine> badLines_;
   LineByHost lineByHost_;
 };
+
+// Gives `list` a group with the name and the settings of `group`, except for a request for a lock. Returns its index.
+GroupIndex copy_settings(const Group& group, BlockList& list);
+
+// Which groups are in force at a moment.
+struct GroupStates {
+  std::vector<bool> isInForce;       // one for each group of the list
+  std::optional<Moment> nextChange;  // the first moment at which one of them changes
+};
+GroupStates group_states(const BlockList& list, Moment now);
 
 // The sites on the list that decide about a host. decide() looks on the list for the host itself, and then for the
 // domains above it, because the extension asks its provider in this order. A null pointer means that there is no such
@@ -100,16 +141,20 @@ struct Decision {
   const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
   const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first
   const ListedSite* exception = nullptr;  // lets the host pass, even if there is a `blocking` site
+  const ListedSite* inactive = nullptr;   // would block the host if its group were in force
   bool isBlocked() const { return blocking != nullptr && exception == nullptr; }
 };
+Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states);
 Decision decide(const BlockList& list, std::string_view host, Moment now);
 
-// The names that the extension must hold at a given moment.
+// The names that the extension must hold at a given moment: those of the sites that are not suspended in one of the
+// groups that are in force.
 struct HeldNames {
   std::vector<std::string> names;                         // sorted
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; each name is left out of `names` until its moment
-  std::optional<Moment> nextChange;                       // when the first of these suspensions ends
+  std::optional<Moment> nextChange;  // the first moment at which a suspension ends or a group changes
 };
+HeldNames held_names(const BlockList& list, Moment now, const GroupStates& states);
 HeldNames held_names(const BlockList& list, Moment now);
 
 }  // namespace orvane

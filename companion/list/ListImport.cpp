@@ -226,9 +226,29 @@ ImportedSites read_import(std::string_view text, std::optional<Scope> scope, con
   return std::move(reader.result());
 }
 
+namespace {
+
+// Copies all groups with their settings, and the sites of all groups but the default group. Returns their number.
+size_t copy_other_groups(const BlockList& from, BlockList& list) {
+  size_t sites = 0;
+  for (const Group& group : from.groups()) {
+    if (!group.name.empty()) copy_settings(group, list);
+  }
+  from.forEachSite([&](ListedSite site) {
+    if (site.group == kDefaultGroup) return;
+    site.group = *list.findGroup(from.groupOf(site).name);
+    list.put(std::move(site));
+    ++sites;
+  });
+  return sites;
+}
+
+}  // namespace
+
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
   const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
+  const size_t kept = copy_other_groups(before, list);
   for (ListedSite site : imported.sites) {
     const ListedSite* old = (replace ? before : list).find(site.host);
     if (old != nullptr && !replace) site.scope = std::max(site.scope, old->scope);
@@ -237,7 +257,7 @@ ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool r
     ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
     list.put(std::move(site));
   }
-  if (replace) counts.removed = before.size() - counts.changed - counts.unchanged;
+  if (replace) counts.removed = before.size() - kept - counts.changed - counts.unchanged;
   return counts;
 }
 

@@ -50,7 +50,7 @@ struct ImportCounts {
   size_t removed = 0;    // only when the list is replaced
 };
 
-// Adds the sites to the list, or replaces the whole list with them. A site that is already on the list keeps its
+// Adds the sites to the default group, or replaces this group's sites. A site that is already on the list keeps its
 // suspension unless the import gives another suspension. If the list is not replaced, such a site also keeps its scope
 // if this scope is greater than the imported one.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);

@@ -1,5 +1,6 @@
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/DoctorCommands.h"
+#include "companion/commands/GroupCommands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/commands/ListCommands.h"
 #include "companion/keeper/KeeperState.h"
@@ -18,6 +19,7 @@ void declare_system_commands(CommandSet& commands, CommonOptions& options) {
       ->type_name("PATH")
       ->capture_default_str();
   declare_list_commands(commands);
+  declare_group_commands(commands);
   declare_keeper_commands(commands);
   declare_doctor_commands(commands);
 }

@@ -66,6 +66,24 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"resume --all", 0, ""},
       {"export --json", 0, "[]\n"},
       {"import '%.none'", 1, ""},
+      {"group add work", 0, "work: added, without sites\n"},
+      {"group add 'no name'", 2, ""},
+      {"group schedule work 'Mon..Fri 9:00-17:00' Sat", 0, "work: has a new schedule\n"},
+      {"group schedule work Mon-Fri", 2, ""},
+      {"group delay work 15m", 0, "work: a removal or suspension has an effect after 15 min\n"},
+      {"group delay work 8d", 2, ""},
+      {"group disable work", 0, "work: disabled; has an effect in 15 min\n"},
+      {"group enable play", 2, ""},
+      {"list", 0,
+       "[group work]\nschedule = Mon..Fri 09:00-17:00\nschedule = Sat 00:00-24:00\nenabled = no\ndelay = 15m\n"},
+      {"group show work", 0,
+       "work: 0 sites, disabled\n  schedule  Mon..Fri 09:00-17:00\n  schedule  Sat 00:00-24:00\n"
+       "  delay     15 min\n"},
+      {"lock --group work --for 1h", 1, ""},
+      {"lock --for 2y", 2, ""},
+      {"lock", 1, ""},
+      {"group remove work", 0, "work: removed, with its sites; has an effect in 15 min\n"},
+      {"group list", 0, "default: 0 sites, in force\n"},
   };
   for (const Case& each : kCases) {
     std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;

@@ -115,18 +115,6 @@ TEST_F(Keeper, SendsOnlyTheDifference) {
   }
 }
 
-TEST_F(Keeper, HoldsNamesWhoseSuspensionHasEnded) {
-  HeldNames list{{"b", "d"}, {{"a", at(5)}, {"c", at(5)}, {"e", at(6)}, {"f", at(9)}}, at(5)};
-  end_suspensions(list, at(4));
-  EXPECT_EQ(list.suspended.size(), 4U);
-  end_suspensions(list, at(5));
-  EXPECT_EQ(list.names, (std::vector<std::string>{"a", "b", "c", "d"}));
-  EXPECT_EQ(list.nextChange, at(6));
-  end_suspensions(list, at(100));
-  EXPECT_EQ(list.names.size(), 6U);
-  EXPECT_EQ(list.nextChange, std::nullopt);
-}
-
 TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   const HeldNames one{{"a"}, {}, {}}, two{{"a", "b"}, {}, {}}, many = many_names();
   KeeperState state;
@@ -146,6 +134,23 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   EXPECT_EQ(state.extensionError, std::nullopt);
 }
 
+TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
+  const HeldNames list{{"a"}, {}, {}};
+  KeeperState state;
+  ExtensionLink link({}, state);
+  link.attend(&list);
+  extension.held.clear();
+  ++extension.changes;
+  EXPECT_EQ(link.due(), ExtensionLink::Clock::time_point::max()) << "an idle keeper sleeps";
+  link.attend(&list);
+  EXPECT_TRUE(extension.held.empty());
+  link.undoEdits(true);
+  link.attend(&list);
+  EXPECT_EQ(extension.held, std::set<std::string>{"a"});
+  EXPECT_LT(link.due(), ExtensionLink::Clock::time_point::max());
+  EXPECT_EQ(state.changesOfOthers, 0U);
+}
+
 // Stands in for a running keeper: has locked the state file, and publish() writes the state to it.
 class StateFile : public Keeper {
  protected:
@@ -153,6 +158,7 @@ class StateFile : public Keeper {
     state_.listPath = path("list");
     state_.listVersion = state_.sentVersion.emplace("v");
     state_.suspended = {{"a.example", at(3)}};
+    state_.groups = {{"work", true, at(4), at(5), 6}};
     state_.connected = true;
     state_.changesOfOthers = 3;
   }
@@ -198,7 +204,8 @@ TEST_F(StateFile, IsRejectedWhenInvalid) {
 
 TEST_F(Keeper, TryGivesVerdictWithReason) {
   std::ofstream(path("list"))
-      << "a.example\nx.a.example allowed\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n";
+      << "a.example\nx.a.example allowed\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n"
+      << "[group work]\nenabled = no\nw.example\n";
   KeeperState state;
   state.connected = true;
   state.sentVersion = list_version(path("list"));
@@ -222,6 +229,7 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("www.c.example", "blocked", "by the line \"www.c.example only\"\n");
   check("m.c.example", "not blocked", "suspended until 2999");
   check("d.example", "not blocked", "it is not on the list\n");
+  check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");
   state.connected = false;

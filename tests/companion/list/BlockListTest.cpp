@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
 #include <map>
 
 #include "companion/list/BlockList.h"
@@ -102,6 +104,62 @@ TEST(BlockList, HoldsNoSuspendedNames) {
   held = held_names(list, at(100));
   EXPECT_EQ(held.names.size(), 5U);
   EXPECT_FALSE(held.nextChange);
+}
+
+TEST(BlockList, KeepsTheSitesOfEachGroupTogether) {
+  BlockList list = BlockList::parse(
+      "# Mine\n\na.example\n\n# For work\n[group work]  # daily\nschedule = Mon..Fri 09:00-17:00\nb.example\n"
+      "[group play]\na.example only\n\n[group work]\nc.example\nschedule=Sat 10:00-12:00\ndelay = 8d\n[other]\n");
+  EXPECT_EQ(list.badLines().size(), 2U);
+  const GroupIndex work = list.findGroup("work").value(), play = list.findGroup("play").value();
+  EXPECT_EQ(list.groups()[work].schedule.texts(),
+            (std::vector<std::string>{"Mon..Fri 09:00-17:00", "Sat 10:00-12:00"}));
+  EXPECT_EQ(list.find("a.example", play)->scope, Scope::ExactName);
+  EXPECT_EQ(list.find("a.example", work), nullptr);
+  list.put({"new.example", Scope::Subdomains, {}});
+  list.put({"new.example", Scope::ExactName, {}, work});
+  list.setSetting(work, kScheduleKey, {"10:00-11:00"});
+  list.setSetting(kDefaultGroup, kEnabledKey, {"no"});
+  list.removeGroup(play);
+  const GroupIndex late = list.addGroup("late");
+  list.put({"l.example", Scope::Subdomains, {}, late});
+  list.setSetting(late, kDelayKey, {"15m"});
+  const std::string text =
+      "# Mine\nenabled = no\n\na.example\nnew.example\n\n# For work\n[group work]  # daily\nschedule = 10:00-11:00\n"
+      "b.example\n[group work]\nc.example\ndelay = 8d\n[other]\nnew.example only\n\n[group late]\ndelay = "
+      "15m\nl.example\n";
+  EXPECT_EQ(list.text(), text);
+  EXPECT_EQ(BlockList::parse(text).text(), text);
+  EXPECT_FALSE(BlockList::parse(text).groups()[kDefaultGroup].isEnabled);
+  // A version without groups wrote these lines as hosts.
+  EXPECT_EQ(BlockList::parse("enabled\ndisabled\ngroup\nschedule\n").size(), 4U);
+}
+
+TEST(BlockList, HoldsWhatOneOfItsGroupsBlocks) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const BlockList list = BlockList::parse(
+      "a.example until=1970-01-01T00:05:00Z\nx.example\n[group night]\nschedule = 22:00-06:00\na.example\nn.example\n"
+      "y.example until=1970-01-01T00:10:00Z\nx.example allowed\n[group off]\nenabled = no\no.example\na.example\n");
+  const struct {
+    const char* moment;
+    std::vector<std::string> names;
+    const char* nextChange;
+  } kCases[] = {
+      {"1970-01-01T00:01:00Z", {"!.x.example", ".a.example", ".n.example", ".x.example"}, "1970-01-01T00:10:00Z"},
+      {"1970-01-01T00:10:00Z",
+       {"!.x.example", ".a.example", ".n.example", ".x.example", ".y.example"},
+       "1970-01-01T06:00:00Z"},
+      {"1970-01-01T06:00:00Z", {".a.example", ".x.example"}, "1970-01-01T22:00:00Z"},
+  };
+  for (const auto& c : kCases) {
+    const HeldNames held = held_names(list, read_moment(c.moment));
+    EXPECT_EQ(held.names, c.names) << c.moment;
+    EXPECT_TRUE(held.nextChange == read_moment(c.nextChange)) << c.moment;
+  }
+  const Decision decision = decide(list, "n.example", read_moment("1970-01-01T12:00:00Z"));
+  EXPECT_EQ(decision.blocking, nullptr);
+  EXPECT_EQ(decision.inactive->host, "n.example");
 }
 
 }  // namespace

@@ -85,7 +85,10 @@ bool kill_at_stop(size_t n, const std::function<void()>& act, std::vector<uint64
 }
 
 TEST_F(ListFile, IsWholeWhereverAWriteIsKilled) {
-  const std::string old = "# mine\nold.example\n", changed = old + "new.example\n";
+  const std::string old =
+      "# mine\n[group work]\nschedule = Mon..Fri 09:00-17:00\nlock-until = 2030-01-31T17:00:00Z\nold.example\n"
+      "[group default]\nold.example\n";
+  const std::string changed = old + "new.example\n";
   size_t outcomes[2] = {0, 0};
   std::vector<uint64_t> calls;
   const auto act = [&] { put("new.example"); };

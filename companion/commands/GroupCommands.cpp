@@ -1,0 +1,271 @@
+#include "companion/commands/GroupCommands.h"
+
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companion/commands/GroupState.h"
+#include "companion/commands/WaitForKeeper.h"
+#include "companion/list/ListFile.h"
+#include "companion/list/ListGuard.h"
+#include "companion/text/ExitCodes.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
+#include "companion/text/TimeText.h"
+
+namespace orvane {
+namespace {
+
+constexpr std::string_view kAlways = "always";  // in place of a schedule
+constexpr std::string_view kOff = "off";        // in place of a delay
+
+struct Arguments {
+  std::string group{kDefaultGroupName};
+  std::vector<std::string> spans;
+  std::string delay;
+  std::optional<std::string> duration, until;
+};
+
+using GroupCommand = int (*)(const CommonOptions&, const Arguments&);
+
+// Changes one group. Returns what has changed, in words; empty if nothing has.
+using Edit = std::function<std::string(BlockList& list, GroupIndex group)>;
+
+std::string delay_note(const Group& group) {
+  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
+}
+
+int change_group(const CommonOptions& options, const Arguments& arguments, const Edit& edit) {
+  std::string outcome;
+  size_t sites = 0;
+  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    outcome = edit(list, find_group(list, arguments.group));
+    sites = list.size();
+    return !outcome.empty();
+  });
+  if (!options.json) std::printf("%s: %s\n", arguments.group.c_str(), outcome.empty() ? "unchanged" : outcome.c_str());
+  std::fflush(stdout);
+  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
+  if (options.json)
+    print_json({{"group", arguments.group},
+                {"changed", !outcome.empty()},
+                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+  return kDone;
+}
+
+int add(const CommonOptions& options, const Arguments& arguments) {
+  if (const std::string fault = group_name_fault(arguments.group); !fault.empty())
+    throw InputError("not a group's name: " + in_quotes(arguments.group) + ": " + fault);
+  bool isNew = false;
+  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    isNew = !list.findGroup(arguments.group);
+    if (isNew && list.groups().size() >= BlockList::kMostGroups)
+      throw InputError("too many groups: remove some: orvanectl group remove");
+    if (isNew) list.addGroup(arguments.group);
+    return isNew;
+  });
+  if (!options.json) std::printf("%s: %s\n", arguments.group.c_str(), isNew ? "added, without sites" : "unchanged");
+  const std::optional<bool> inForce = wait_for_keeper(options, version, 0);
+  if (options.json)
+    print_json({{"group", arguments.group},
+                {"changed", isNew},
+                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+  return kDone;
+}
+
+int remove(const CommonOptions& options, const Arguments& arguments) {
+  if (arguments.group == kDefaultGroupName)
+    throw InputError("cannot remove the default group: remove its sites: orvanectl unblock");
+  refuse_if_locked(options, arguments.group, "remove the group");
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
+    std::string outcome = "removed, with its sites" + delay_note(list.groups()[group]);
+    list.removeGroup(group);
+    return outcome;
+  });
+}
+
+int enable(const CommonOptions& options, const Arguments& arguments) {
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
+    if (list.groups()[group].isEnabled) return "";
+    list.setSetting(group, kEnabledKey, {});
+    return "enabled";
+  });
+}
+
+int disable(const CommonOptions& options, const Arguments& arguments) {
+  refuse_if_locked(options, arguments.group, "disable the group");
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
+    if (!list.groups()[group].isEnabled) return std::string();
+    list.setSetting(group, kEnabledKey, {"no"});
+    return "disabled" + delay_note(list.groups()[group]);
+  });
+}
+
+int schedule(const CommonOptions& options, const Arguments& arguments) {
+  Schedule wanted;
+  if (arguments.spans != std::vector<std::string>{std::string(kAlways)}) {
+    for (const std::string& span : arguments.spans) {
+      std::string fault;
+      if (!wanted.add(span, fault)) throw InputError("not a schedule: " + in_quotes(span) + ": " + fault);
+    }
+  }
+  refuse_if_locked(options, arguments.group, "change the schedule");
+  return change_group(options, arguments, [&](BlockList& list, GroupIndex group) {
+    if (list.groups()[group].schedule == wanted) return std::string();
+    list.setSetting(group, kScheduleKey, wanted.texts());
+    const bool isAlways = wanted.isEmpty();
+    return (isAlways ? "always in force" : "has a new schedule" + delay_note(list.groups()[group]));
+  });
+}
+
+int delay(const CommonOptions& options, const Arguments& arguments) {
+  const auto wanted = arguments.delay == kOff ? std::chrono::seconds(0) : read_delay(arguments.delay);
+  return change_group(options, arguments, [&](BlockList& list, GroupIndex group) {
+    const Group before = list.groups()[group];
+    if (before.delay == wanted) return std::string();
+    if (wanted < before.delay) refuse_if_locked(options, arguments.group, "shorten the delay");
+    list.setSetting(group, kDelayKey,
+                    wanted.count() == 0 ? std::vector<std::string>{} : std::vector{delay_text(wanted)});
+    std::string outcome =
+        wanted.count() == 0 ? "no delay" : "a removal or suspension has an effect after " + duration_text(wanted);
+    return wanted < before.delay ? outcome + delay_note(before) : outcome;
+  });
+}
+
+std::string details(const KeeperState::GroupState& state, Moment now) {
+  std::string text;
+  if (state.lockedUntil) text += ", locked " + suspension_text(*state.lockedUntil, now);
+  if (state.pendingChanges > 0)
+    text += ", " + counted(state.pendingChanges, "change", "changes") + " without effect yet";
+  return text;
+}
+
+void print_group(const nlohmann::json& json, const Group& group, const KeeperState::GroupState& state, Moment now) {
+  std::printf("%s: %s, %s%s\n", group.name.c_str(), counted(json.at("sites"), "site", "sites").c_str(),
+              coloured(state_text(group, state, now), state.isInForce ? Colour::Good : Colour::Warning).c_str(),
+              details(state, now).c_str());
+  for (const std::string& span : group.schedule.texts()) std::printf("  schedule  %s\n", span.c_str());
+  if (group.delay.count() > 0) std::printf("  delay     %s\n", duration_text(group.delay).c_str());
+}
+
+// Prints all groups, or those that `isWanted` selects.
+int print_groups(const CommonOptions& options, const std::function<bool(const KeeperState::GroupState&)>& isWanted) {
+  const BlockList list = read_list(options.listPath).list;
+  const Moment now = now_in_seconds();
+  const auto states = states_of_groups(list, keeper_of_list(options), now);
+  nlohmann::json groups = nlohmann::json::array();
+  for (size_t i = 0; i < states.size(); ++i) {
+    if (!isWanted(states[i])) continue;
+    groups.push_back(group_json(list, static_cast<GroupIndex>(i), states[i]));
+    if (!options.json) print_group(groups.back(), list.groups()[i], states[i], now);
+  }
+  if (options.json) print_json(groups);
+  return kDone;
+}
+
+int list(const CommonOptions& options, const Arguments&) {
+  return print_groups(options, [](const auto&) { return true; });
+}
+
+int show(const CommonOptions& options, const Arguments& arguments) {
+  find_group(read_list(options.listPath).list, arguments.group);
+  return print_groups(options, [&](const auto& state) { return state.name == arguments.group; });
+}
+
+Moment lock_end(const Arguments& arguments, Moment now) {
+  const Moment end = arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
+  if (end - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
+  return end;
+}
+
+// Prints the locked groups, even those that the list's file no longer has.
+int show_locks(const CommonOptions& options) {
+  const auto keeper = keeper_of_list(options);
+  if (!keeper) throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
+  nlohmann::json locks = nlohmann::json::array();
+  for (const auto& state : keeper->groups) {
+    if (!state.lockedUntil) continue;
+    locks.push_back({{"group", state.name},
+                     {"lockedUntil", time_text(*state.lockedUntil)},
+                     {"pendingChanges", state.pendingChanges}});
+    if (!options.json) std::printf("%s%s\n", state.name.c_str(), details(state, now_in_seconds()).c_str());
+  }
+  if (options.json) print_json(locks);
+  if (!options.json && locks.empty()) std::puts("no group is locked");
+  return kDone;
+}
+
+int lock(const CommonOptions& options, const Arguments& arguments) {
+  if (!arguments.duration && !arguments.until) return show_locks(options);
+  const Moment now = now_in_seconds();
+  const Moment until = lock_end(arguments, now);
+  size_t sites = 0;
+  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    list.setSetting(find_group(list, arguments.group), kLockUntilKey, {time_text(until)});
+    sites = list.size();
+    return true;
+  });
+  wait_for_keeper(options, version, sites);
+  if (const auto keeper = keeper_of_list(options)) {
+    for (const auto& state : keeper->groups) {
+      if (state.name != arguments.group || !state.lockedUntil) continue;
+      if (options.json) {
+        print_json({{"group", state.name}, {"lockedUntil", time_text(*state.lockedUntil)}});
+      } else {
+        std::printf("%s: locked %s\n", state.name.c_str(), suspension_text(*state.lockedUntil, now).c_str());
+      }
+      return kDone;
+    }
+  }
+  print_error("saved, but not locked: the keeper locks the group when it reads the list: see orvanectl status");
+  return kFailed;
+}
+
+}  // namespace
+
+void declare_group_commands(CommandSet& commands) {
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* groups = commands.app.add_subcommand("group", "Groups of sites, with schedules and delays")
+                         ->fallthrough()
+                         ->group(kListGroup)
+                         ->require_subcommand(1);
+  const auto run = [&options = commands.options, arguments](GroupCommand command) {
+    return [&options, arguments, command] { return command(options, *arguments); };
+  };
+  const auto declare = [&](const char* name, const char* description, GroupCommand command) {
+    CLI::App* declared = commands.declare(*groups, "Commands", name, description, run(command));
+    if (command != list) declared->add_option("GROUP", arguments->group, "A group's name")->required()->type_name("");
+    return declared;
+  };
+  declare("add", "Add a group", add);
+  declare("remove", "Remove a group with its sites", remove);
+  declare("list", "Print the groups and whether they are in force", list);
+  declare("show", "Print one group", show);
+  declare("enable", "Put a group in force, if it has a schedule, at its times", enable);
+  declare("disable", "Put a group out of force", disable);
+  declare("schedule", "Set the times at which a group is in force", schedule)
+      ->add_option("SPAN", arguments->spans, "As in 'Mon..Fri 09:00-17:00' or 'Sat,Sun 22:00-02:00'; or \"always\"")
+      ->required()
+      ->type_name("");
+  declare("delay", "Set how long it takes until a removal or suspension has an effect", delay)
+      ->add_option("TIME", arguments->delay, "As in 15m or 2h; or \"off\"")
+      ->required()
+      ->type_name("");
+
+  CLI::App* lockCommand =
+      commands.declare(commands.app, kListGroup, "lock",
+                       "Let nothing be removed from a group for a while; without options, show locks", run(lock));
+  lockCommand->add_option("--group", arguments->group, "The group, instead of the default group")->type_name("GROUP");
+  CLI::Option* duration =
+      lockCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
+  lockCommand->add_option("--until", arguments->until, "Until when, as in 18:00 or \"tomorrow 9:00\"")
+      ->type_name("TIME")
+      ->excludes(duration);
+  lockCommand->footer("Nobody can end a lock, except root, who can stop the keeper: see orvanectl(1).");
+}
+
+}  // namespace orvane

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "companion/commands/CommandSet.h"
+
+namespace orvane {
+
+// Declares "group" with its commands, and "lock".
+void declare_group_commands(CommandSet& commands);
+
+}  // namespace orvane

@@ -1,0 +1,99 @@
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "companion/list/BlockList.h"
+
+namespace orvane {
+
+// Guards groups of the list against removals: a locked group until its lock ends, a group with a delay for the time of
+// the delay. The guard keeps a copy of the blocked sites and the settings of each guarded group:
+//
+//   the list's file               effect in a locked group     effect in a group with a delay
+//   a site is added               at once                      at once
+//   a site is removed, suspended
+//   or blocks less                when the lock has ended      after the delay
+//   the group is enabled, its
+//   schedule is removed           at once                      at once
+//   any other new setting         when the lock has ended      after the delay
+//   an exception (in any group)
+//   for a site of the group       when the lock has ended      after the delay
+//
+// Locks and delays are measured in time for which the machine runs or sleeps, so setting the clock does not change
+// them. Not thread-safe.
+class ListGuard {
+ public:
+  struct Now {
+    Moment wall;
+    std::chrono::seconds running;  // since the start of the machine, sleep included
+  };
+
+  // A lock lasts at most this long, whatever the request says.
+  static constexpr std::chrono::seconds kLongestLock = std::chrono::hours(24 * 366);
+
+  // The guard as a text, from which load() restores it. The time between save() and load() counts if the machine ran;
+  // of the time of which this is not known, nothing counts. load() throws InputError for an invalid text.
+  std::string save(const Now& now) const;
+  void load(std::string_view text, const Now& now);
+
+  // Takes over what the list's file says now: new requests for locks, and the changes that may have an effect now.
+  // Returns whether save() must be called.
+  bool update(const BlockList& file, const Now& now);
+
+  // When update() must be called again, although the file is the same. Nothing if there is no such moment.
+  std::optional<std::chrono::seconds> due() const { return due_; }
+  bool isActive() const;  // a group is guarded
+  bool isLocked() const;  // a group is locked
+
+  // The list that is in force: the guarded groups as the guard has them, the others as in the file.
+  BlockList listInForce(const BlockList& file) const;
+  // A locked group is in force if its schedule says so for the clock as it is, or for the clock as it would be if
+  // nobody had set it since the lock began. `list` is what listInForce() has returned.
+  GroupStates statesOf(const BlockList& list, const Now& now) const;
+
+  // When the group's lock ends; nothing if the group is not locked.
+  std::optional<std::chrono::seconds> lockEnd(std::string_view group) const;
+  // The removals and other changes of this group that have no effect yet. Exceptions are not counted.
+  size_t pendingChanges(std::string_view group) const;
+
+ private:
+  using Seconds = std::chrono::seconds;  // on the clock Now::running
+  struct Guarded {
+    bool hasCopy = false;  // held_ has the group
+    std::optional<Seconds> lockEnd;
+    Seconds lockBegan{0};
+    Seconds clock{0};                                     // Now::wall minus Now::running when the lock began
+    std::optional<Moment> request;                        // the request that was taken over last
+    std::map<std::string, Seconds, std::less<>> leaving;  // when a change may have an effect, by host; "" for settings
+  };
+
+  bool isGuarded(const std::string& name, const Guarded& guarded, const BlockList& file) const;
+  void takeRequests(const BlockList& file, const Now& now);
+  void updateGroup(const std::string& name, Guarded& guarded, const BlockList& file, const Now& now);
+  void updateSettings(GroupIndex held, Guarded& guarded, const Group* wanted, const Now& now);
+  bool mayLeave(Guarded& guarded, const std::string& key, Seconds delay, const Now& now);
+  void stays(Guarded& guarded, const std::string& key);
+  void release(const std::string& name, Guarded& guarded);
+  BlockList withHeldGroups(const BlockList& file) const;
+  void updateExceptions(const BlockList& file, const Now& now, bool wasActive);
+  bool concerns(const ListedSite& exception, GroupIndex held) const;
+  bool isHeldBack(const ListedSite& exception, Seconds since, const Now& now);
+  void noteDue(Seconds moment) { due_ = std::min(due_.value_or(moment), moment); }
+
+  std::map<std::string, Guarded, std::less<>> guarded_;
+  BlockList held_;  // the blocked sites and the settings of the guarded groups
+  // Since when the list has had each exception, in a group with the same settings.
+  std::map<std::string, Seconds> exceptions_;
+  std::set<std::pair<std::string, std::string>> heldBack_;  // group and host of the exceptions without effect
+  std::optional<Seconds> due_;
+  bool isChanged_ = false;
+};
+
+}  // namespace orvane

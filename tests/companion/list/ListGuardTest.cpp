@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <numeric>
+
+#include "companion/list/ListGuard.h"
+
+namespace orvane {
+namespace {
+
+using std::chrono::seconds;
+
+// A keeper with a guard, and the clocks of its machine. The wall clock starts on a Monday at 12:00 UTC.
+class Machine {
+ public:
+  Machine() {
+    setenv("TZ", "UTC", 1);
+    tzset();
+  }
+  // The names that are in force when the keeper reads this file.
+  std::string read(const std::string& file) {
+    const BlockList parsed = BlockList::parse(file);
+    guard.update(parsed, now());
+    const BlockList list = guard.isActive() ? guard.listInForce(parsed) : parsed;
+    const HeldNames held = held_names(list, now().wall, guard.statesOf(list, now()));
+    return std::accumulate(held.names.begin(), held.names.end(), std::string(),
+                           [](auto all, const auto& name) { return all.empty() ? name : all + " " + name; });
+  }
+  void restartKeeper() {
+    const std::string saved = guard.save(now());
+    guard = {};
+    guard.load(saved, now());
+  }
+  void restartMachine(int off) {
+    const std::string saved = guard.save(now());
+    guard = {};
+    clock += running + off;
+    running = 5;
+    guard.load(saved, now());
+  }
+  ListGuard::Now now() const {
+    return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running)};
+  }
+
+  ListGuard guard;
+  int running = 1000, clock = -1000;
+};
+
+constexpr const char* kLock = "lock-until = 2026-06-01T13:00:00Z\n";  // after 3600 s
+
+TEST(ListGuard, KeepsALockedGroupAgainstEveryChangeOfTheFile) {
+  const std::string group = std::string("[group work]\n") + kLock;
+  const std::string file =
+      group + "schedule = Mon 09:00-17:00\na.example\nx.a.example allowed\nb.example\n[group more]\nm.example\n";
+  const std::string held = "!.x.a.example .a.example .b.example .m.example";
+  const struct {
+    const char* change;
+    std::string file;
+    std::string held;
+  } kCases[] = {
+      {"nothing", file, held},
+      {"all removed", "", ".a.example .b.example"},
+      {"the group removed", "[group more]\nm.example\n", ".a.example .b.example .m.example"},
+      {"the group renamed", "[group play]\nenabled = no\na.example\n", ".a.example .b.example"},
+      {"suspended", group + "a.example until=2026-06-02T00:00:00Z\nb.example until=2026-06-02T00:00:00Z\n",
+       ".a.example .b.example"},
+      {"narrowed", group + "a.example only\nb.example allowed\n", ".a.example .b.example"},
+      {"disabled", group + "enabled = no\n", ".a.example .b.example"},
+      {"rescheduled", group + "schedule = Tue 09:00-17:00\n", ".a.example .b.example"},
+      {"exceptions", group + "[group new]\nb.example allowed\ny.a.example allowed\nexample allowed\n",
+       ".a.example .b.example"},
+      {"an exception for another site", "[group new]\nm.example allowed\n", "!.m.example .a.example .b.example"},
+      {"additions", file + "n.example\n[group work]\nc.example\n",
+       ".a.example .b.example .c.example .m.example .n.example"},
+      {"additions removed again, and an exception that was removed is back", file,
+       ".a.example .b.example .c.example .m.example"},
+      {"unlocked", "[group work]\n", ".a.example .b.example .c.example"},
+      {"locked for less time", "[group work]\nlock-until = 2026-06-01T12:00:30Z\n", ".a.example .b.example .c.example"},
+  };
+  Machine machine;
+  for (const auto& c : kCases) {
+    machine.running += 5;
+    EXPECT_EQ(machine.read(c.file), c.held) << c.change;
+  }
+  machine.running = 1000 + 3600 - 1;
+  EXPECT_EQ(machine.read(""), ".a.example .b.example .c.example");
+  machine.running += 1;
+  EXPECT_EQ(machine.read(""), "") << "the lock has ended";
+  EXPECT_FALSE(machine.guard.isActive());
+}
+
+TEST(ListGuard, EndsALockAfterTimeThatTheMachineHasRun) {
+  const std::string file = std::string("schedule = Mon 09:00-17:00\na.example until=2026-06-01T12:30:00Z\n") + kLock;
+  Machine machine;
+  EXPECT_EQ(machine.read(file), ".a.example") << "a lock ends suspensions";
+  for (int clock : {86400, -86400, 6 * 3600}) {
+    machine.clock = -1000 + clock;
+    EXPECT_EQ(machine.read(""), ".a.example") << "with the clock set by " << clock;
+    machine.restartKeeper();
+    EXPECT_EQ(machine.read(""), ".a.example") << "after a restart of the keeper with the clock set by " << clock;
+  }
+  EXPECT_EQ(machine.guard.due(), seconds(4600));
+  machine.clock = -1000;
+  machine.running += 600;
+  machine.restartMachine(7200);
+  EXPECT_EQ(machine.read(""), ".a.example");
+  EXPECT_EQ(machine.guard.due(), seconds(3000)) << "the time for which the machine was off does not count";
+  machine.running += 3000;
+  EXPECT_EQ(machine.read(file), ".a.example");
+  EXPECT_FALSE(machine.guard.isActive());
+  machine.clock -= 86400;
+  machine.read(file);
+  EXPECT_FALSE(machine.guard.isActive()) << "the same request locks again after the clock was set back";
+  EXPECT_THROW(machine.guard.load("# {}", machine.now()), std::exception);
+}
+
+TEST(ListGuard, DelaysWhatBlocksLess) {
+  const std::string group = "[group work]\ndelay = 10m\n", file = group + "a.example\nb.example\n";
+  const struct {
+    const char* what;
+    int at;  // seconds since the first step
+    std::string file, held;
+  } kCases[] = {
+      {"at first", 0, file, ".a.example .b.example"},
+      {"removed", 100, group + "b.example\n", ".a.example .b.example"},
+      {"another removed", 300, group, ".a.example .b.example"},
+      {"put back", 400, group + "b.example\n", ".a.example .b.example"},
+      {"after the delay of the first", 700, group, ".b.example"},
+      {"without a delay", 800, "[group work]\n", ".b.example"},
+      {"suspended instead", 1299, "[group work]\nb.example until=2026-06-02T00:00:00Z\n", ".b.example"},
+      {"after the delay of the second", 1300, "[group work]\nb.example until=2026-06-02T00:00:00Z\n", ""},
+      {"blocked again", 1350, "[group work]\nb.example\n", ".b.example"},
+      {"with the old delay for the last time", 1399, "[group work]\n", ".b.example"},
+      {"removed at once", 1400, "[group work]\n", ""},
+  };
+  Machine machine;
+  for (const auto& c : kCases) {
+    machine.running = 1000 + c.at;
+    EXPECT_EQ(machine.read(c.file), c.held) << c.what;
+    machine.restartKeeper();
+  }
+}
+
+}  // namespace
+}  // namespace orvane

@@ -1,0 +1,130 @@
+"""Groups of the list: schedules, locks and delays."""
+
+import datetime
+import glob
+import json
+import signal
+import time
+
+from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from isolation import Unavailable
+from keeper import Keeper
+
+
+def _becomes(verdict: str, what: str, name: str = HELD) -> None:
+    wait_until(lambda: connect(name) == verdict, what, 100)
+
+
+def _wait_until_sent(keeper: Keeper) -> None:
+    wait_until(lambda: keeper.status()[1] == 0, "the list is in force")
+
+
+def _moment(text: str) -> datetime.datetime:
+    return datetime.datetime.fromisoformat(f"{text}+00:00")
+
+
+def _now() -> datetime.datetime:
+    return datetime.datetime.now(datetime.timezone.utc)
+
+
+def ScheduleBeginsAndEndsWhenTheClockSaysSo(world: World):
+    """Both changes of the clocks of a year in two zones. The clocks are those of the keeper's process alone."""
+    libraries = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
+    if not libraries:
+        raise Unavailable("libfaketime is not installed")
+    with world.extension(PYTHON) as extension:
+        for zone, change, span, before, after in (
+            # The clock goes from 01:59:59 to 03:00:00, and the span begins then. The moments are in UTC.
+            ("Europe/Berlin", "2026-03-29 01:00:00", "Sun 02:30-04:00", ALLOW, DROP),
+            # The clock goes from 02:59:59 to 02:00:00.
+            ("Europe/Berlin", "2026-10-25 01:00:00", "Sun 02:30-03:00", DROP, ALLOW),
+            ("America/New_York", "2026-03-08 07:00:00", "Sun 01:00-02:30", DROP, ALLOW),
+            ("America/New_York", "2026-11-01 06:00:00", "Sun 01:00-01:30", ALLOW, DROP),
+            ("America/New_York", "2026-06-15 13:00:00", "Mon..Fri 09:00-17:00", ALLOW, DROP),
+            ("Europe/Berlin", "2026-06-14 00:00:00", "Sat 22:00-02:00", DROP, ALLOW),
+        ):
+            case = f"{zone}, {change} UTC, {span}"
+            ahead = _moment(change) - datetime.timedelta(seconds=6) - _now()
+            clock = {"FAKETIME": f"{ahead.total_seconds():+.0f}s", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+            environment = {"LD_PRELOAD": libraries[0], "TZ": zone, **clock}
+            directory = world.directory / change.replace(" ", "T")
+            with Keeper(extension, directory, environment) as keeper:
+                keeper.list.write_text(f"[group hours]\nschedule = {span}\n{HELD}\n")
+                _wait_until_sent(keeper)
+                verdict = connect(HELD)
+                if _now() + ahead < _moment(change) - datetime.timedelta(seconds=1):
+                    check(verdict, before, f"before the change: {case}")
+                _becomes(after, f"after the change: {case}")
+
+
+def ScheduleBeginsAtARealTime(world: World):
+    with world.extension(PYTHON) as extension, Keeper(extension, world.directory, {"TZ": "UTC"}) as keeper:
+        begin = (_now() + datetime.timedelta(seconds=65)).replace(second=0, microsecond=0)
+        end = begin + datetime.timedelta(minutes=1)
+        keeper.control("group", "add", "hours").check_returncode()
+        keeper.control("group", "schedule", "hours", f"{begin:%H:%M}-{end:%H:%M}").check_returncode()
+        keeper.list.write_text(keeper.list.read_text() + f"{HELD}\n")
+        _wait_until_sent(keeper)
+        verdict = connect(HELD)
+        if _now() < begin:
+            check(verdict, ALLOW, "before the span")
+        _becomes(DROP, "the span begins")
+        check(_now() >= begin, True, "the span begins in its minute")
+        keeper.list.write_text(keeper.list.read_text().replace(HELD, f"{HELD} until={end:%Y-%m-%dT%H:%M:00Z}"))
+        _becomes(ALLOW, "a suspension inside the span")
+        wait_until(lambda: _now() > end + datetime.timedelta(seconds=2), "the end of the span", 100)
+        check(connect(HELD), ALLOW, "after the suspension and the span")
+
+
+def LockHoldsAgainstEveryoneButRoot(world: World):
+    with world.extension(PYTHON) as extension:
+        keeper = Keeper(extension, world.directory)
+        with keeper:
+            keeper.list.write_text(f"free.example\n[group work]\n{HELD}\n{NEWS}\n")
+            _becomes(DROP, "the list is in force")
+            keeper.control("lock", "--group", "work", "--for", "1h").check_returncode()
+            text = keeper.list.read_text()
+            for refused in (("disable", "work"), ("remove", "work"), ("schedule", "work", "Sun 1:00-2:00")):
+                check(keeper.control("group", *refused).returncode, 1, f"the exit code of group {refused}")
+            check(keeper.list.read_text(), text, "the list after refused commands")
+
+            def replaced():
+                beside = keeper.list.with_name("list~")
+                beside.write_text("other.example\n")
+                beside.rename(keeper.list)
+
+            def gone():
+                keeper.list.unlink()
+                keeper.list.mkdir()  # now the list cannot be read
+
+            for change in (
+                lambda: keeper.list.write_text(text.replace(HELD, f"{HELD} until=2999-01-01T00:00:00Z")),
+                lambda: keeper.list.write_text(text.replace(HELD, "") + f"[group free]\n{HELD} allowed\n"),
+                lambda: keeper.list.write_text(""),
+                replaced,
+                gone,
+            ):
+                change()
+                time.sleep(2)  # the keeper waits a second for an editor to write into an empty file
+                check([connect(HELD), connect(NEWS)], [DROP, DROP], "the names of the locked group after a change")
+            keeper.end(signal.SIGKILL)
+        with keeper:  # the keeper was killed, and the list cannot be read
+            keeper.list.rmdir()
+            keeper.list.write_text(f"{NEWS}\nmore.example\n")
+            _wait_until_sent(keeper)
+            for command in (
+                ("call", "removeHostname", f".{HELD}"),
+                ("call", "addHostname", f"!.{HELD}"),
+                ("set", "-"),
+            ):
+                keeper.process.send_signal(signal.SIGSTOP)  # so that it does not undo the edit before the next check
+                try:
+                    extension.control(*command, text="other.example\n").check_returncode()
+                    check(connect(HELD), ALLOW, f"right after {command}")
+                finally:
+                    keeper.process.send_signal(signal.SIGCONT)
+                _becomes(DROP, f"the keeper has undone {command}")
+            verdict = json.loads(keeper.control("--json", "try", HELD).stdout)["verdict"]
+            check(verdict, "blocked", "what try says of a name that the file no longer has")
+            groups = json.loads(keeper.control("--json", "lock").stdout)
+            check([group["group"] for group in groups], ["work"], "locked groups")
