@@ -77,7 +77,8 @@ std::string first_host_name(const std::string& list) {
 }
 
 // Aborts unless GnuTLS and the reader find the same name, byte for byte, in a hello that GnuTLS accepts. The reader may
-// find a name in a hello that GnuTLS rejects, because the reader reads nothing after the name.
+// find a name in a hello that GnuTLS rejects, because the reader stops at the name, and checks neither the hello's
+// version nor whether an extension occurs twice.
 void compare_with_gnutls(Bytes body, const ClientHelloReader& reader) {
   Found found;
   gnutls_datum_t hello{const_cast<unsigned char*>(body.data()), static_cast<unsigned>(body.size())};
