@@ -82,8 +82,9 @@ std::optional<std::string> PacketQueue::open() {
   return std::nullopt;
 }
 
-// Sends one configuration message and waits for the kernel's answer. Ignores packets that arrive before the answer, so
-// call it only before the kernel rules are installed.
+// Sends one configuration message and waits for the kernel's answer. If an earlier process left its rules, packets may
+// arrive before the answer. They are dropped, and their senders send them again. Without any verdict they would stay in
+// the kernel's queue, and TCP sends no packet again while an earlier copy of it is in a queue of this machine.
 int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   std::array<char, 512> message{};
   nlmsghdr* header = nfq_nlmsg_put(message.data(), NFQNL_MSG_CONFIG, number_);
@@ -94,9 +95,9 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   unsigned port = mnl_socket_get_portid(socket_.get());
   while (size >= 0) {
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
-    // If an earlier process left its rules, packets may arrive already. They are ignored; their senders send them
-    // again.
-    if (size < 0 || reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
+    if (size < 0) break;
+    handle(static_cast<int>(size), [this](const QueuedPacket& packet) { drop(packet.id); });
+    if (reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
     if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
   }
@@ -120,8 +121,12 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
     if (errno == EAGAIN || errno == EINTR) return Read::Nothing;
     return errno == ENOBUFS ? Read::Overrun : Read::Failed;
   }
+  return handle(static_cast<int>(size), handler) ? Read::Packet : Read::Other;
+}
+
+// Handles the messages in the buffer. Returns whether they had a packet for the handler.
+bool PacketQueue::handle(int left, const std::function<void(const QueuedPacket&)>& handler) {
   bool packets = false;
-  int left = static_cast<int>(size);
   for (auto* header = reinterpret_cast<nlmsghdr*>(buffer_.data()); mnl_nlmsg_ok(header, left);
        header = mnl_nlmsg_next(header, &left)) {
     // An NLMSG_ERROR message answers a message of the watchdog and has that message's number; or it reports an error
@@ -148,7 +153,7 @@ PacketQueue::Read PacketQueue::read(const std::function<void(const QueuedPacket&
     handler(queued);
     packets = true;
   }
-  return packets ? Read::Packet : Read::Other;
+  return packets;
 }
 
 void PacketQueue::repeat(uint32_t id, uint32_t mark) { decide(id, NF_REPEAT, mark); }

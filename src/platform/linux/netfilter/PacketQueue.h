@@ -76,6 +76,7 @@ class PacketQueue {
  private:
   // Returns 0 or an errno.
   int configure(const std::function<void(nlmsghdr*)>& put);
+  bool handle(int left, const std::function<void(const QueuedPacket&)>& handler);
   void decide(uint32_t id, uint32_t verdict, uint32_t mark);
 
   const uint16_t number_;
