@@ -96,8 +96,10 @@ int PacketQueue::configure(const std::function<void(nlmsghdr*)>& put) {
   while (size >= 0) {
     size = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
     if (size < 0) break;
-    handle(static_cast<int>(size), [this](const QueuedPacket& packet) { drop(packet.id); });
-    if (reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) continue;
+    if (reinterpret_cast<const nlmsghdr*>(buffer_.data())->nlmsg_type != NLMSG_ERROR) {
+      handle(static_cast<int>(size), [this](const QueuedPacket& packet) { drop(packet.id); });
+      continue;
+    }
     if (mnl_cb_run(buffer_.data(), static_cast<size_t>(size), 1, port, nullptr, nullptr) >= 0) return 0;
     break;
   }
