@@ -84,6 +84,12 @@ def AllowsTrafficWhileItHangs(world: World):
         load.__exit__()
         load.check({ALLOW}, stopped + 2, resumed, "from 2 s after the stop")
         check(extension.counters()["releases"], 1, "releases of the queue")
+        # Without connections the watchdog sleeps. The first packet must wake it.
+        time.sleep(3)
+        extension.process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: connect(HELD) == ALLOW, "traffic passes an extension that hung while it was idle", 20)
+        extension.process.send_signal(signal.SIGCONT)
+        wait_until(lambda: connect(HELD) == DROP, "the extension filters again", 20)
 
 
 def RestoresRulesThatOthersFlush(world: World):

@@ -30,7 +30,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kHeartbeat = 400ms;  // the watchdog needs two heartbeats in a second
+constexpr auto kRemovalInterval = 400ms;    // time between checks for ended connections while no packets come
+constexpr auto kPauseAfterFailure = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
 constexpr auto kReviewTime = 1ms;  // how long packets may wait while connections are reviewed
 // For how long connection tracking remembers a dropped UDP conversation: the kernel's default for UDP
@@ -202,14 +203,24 @@ void Netfilter::Queue::serve(int stop) {
   if (watchdog.beat()) rebind();  // the first heartbeat starts the watch
   for (;;) {
     // poll(2) ignores the descriptor -1.
-    pollfd events[] = {{packets.descriptor(), POLLIN, 0}, {edits == nullptr ? -1 : edits->descriptor(), POLLIN, 0}};
-    const auto longestWait = connections.hasPlans() ? 0ms : kHeartbeat;
-    bool stopped = wait_for(events, stop, deadline_after(longestWait)) == Wait::Stopped;
+    pollfd events[] = {{packets.descriptor(), POLLIN, 0},
+                       {edits == nullptr ? -1 : edits->descriptor(), POLLIN, 0},
+                       {watchdog.childDescriptor(), POLLIN, 0}};
+    Deadline end;
+    if (connections.hasChecks()) end = deadline_after(kRemovalInterval);
+    if (connections.hasPlans()) end = deadline_after(0ms);
+    watchdog.rest();
+    const bool stopped = wait_for(events, stop, end) == Wait::Stopped;
+    if (events[2].revents != 0) watchdog.revive();
     PacketQueue::Read read;
     int rounds = 0;
     do {
-      // In a flood, the queue is never empty, so without this test the thread would not notice `stop`.
-      if (++rounds % 64 == 0 && wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
+      // In a flood, the queue is never empty, so without these tests the thread would not notice `stop`, nor that the
+      // watchdog died.
+      if (++rounds % 64 == 0) {
+        if (wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
+        watchdog.revive();
+      }
       if (watchdog.beat()) rebind();
       // The first round reads one packet, so that a packet that arrives alone gets its verdict at once.
       read = readBatch(rounds == 1 ? 1 : kReadsOfBatch);
@@ -222,7 +233,7 @@ void Netfilter::Queue::serve(int stop) {
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));
-      wait_for({}, stop, deadline_after(kHeartbeat));
+      wait_for({}, stop, deadline_after(kPauseAfterFailure));
     }
   }
 }

@@ -66,6 +66,8 @@ class OpenConnections {
   // checks take at most a tenth of the thread's time. Calls `charge` with the time of each check: a check takes some
   // microseconds, but milliseconds if the connection's user has thousands of UDP sockets.
   void removeEnded(Clock::time_point now, const Charge& charge);
+  // Whether removeEnded() has more checks to make.
+  bool hasChecks() const { return checks_ > 0 && size() > kUnchecked; }
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
   // the dot and for all names below it; with a "!" before the dot, the name is an exception for the same names.

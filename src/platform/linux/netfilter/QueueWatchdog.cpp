@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,9 @@ constexpr int kCheckMilliseconds = 250;
 constexpr int kSilentChecks = QueueWatchdog::kTimeoutMilliseconds / kCheckMilliseconds;
 constexpr int kStarvedChecks = QueueWatchdog::kLongestStarvationMilliseconds / kCheckMilliseconds;
 constexpr uint32_t kLongestWaitChecks = QueueWatchdog::kLongestWaitMilliseconds / kCheckMilliseconds;
+// The child sleeps after this number of checks that found no packets. More checks than one, because falling asleep and
+// waking up cost more than a check.
+constexpr int kQuietChecks = 4;
 
 std::string failure(const char* what) {
   return std::string("watchdog: ") + what + ": " + std::generic_category().message(errno);
@@ -42,6 +46,18 @@ bool is_runnable(const char* status) {
   if (!file || read(file.get(), text, sizeof text - 1) <= 0) return false;
   const char* name = strrchr(text, ')');
   return name != nullptr && strncmp(name, ") R", 3) == 0;
+}
+
+bool is_readable(int socket) {
+  pollfd entry{socket, POLLIN, 0};
+  return poll(&entry, 1, 0) > 0;
+}
+
+// Sets whether the kernel sends SIGIO to the socket's owner (F_SETOWN) when something arrives in the socket's buffer.
+// Returns whether the kernel accepted the setting.
+bool set_signals(int socket, bool enabled) {
+  const int flags = fcntl(socket, F_GETFL);
+  return flags >= 0 && fcntl(socket, F_SETFL, enabled ? flags | O_ASYNC : flags & ~O_ASYNC) == 0;
 }
 
 }  // namespace
@@ -60,9 +76,11 @@ std::optional<std::string> QueueWatchdog::start(int queueSocket, uint16_t queueN
 }
 
 std::optional<std::string> QueueWatchdog::startProcess() {
+  childDescriptor_.reset();
   process_ = fork();
   if (process_ < 0) return failure("no process");
   if (process_ == 0) watch();
+  childDescriptor_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process_, 0)));
   return std::nullopt;
 }
 
@@ -70,13 +88,13 @@ bool QueueWatchdog::beat() {
   if (shared_->status[0] == '\0') {
     snprintf(shared_->status, sizeof shared_->status, "/proc/%d/task/%d/stat", getpid(), gettid());
   }
-  // Only one heartbeat in 16 checks whether the child has died, because the check is a system call, and under load
-  // there is a heartbeat for every packet.
-  if (shared_->beats.fetch_add(1, std::memory_order_release) % 16 == 0 && process_ > 0 &&
-      waitpid(process_, nullptr, WNOHANG) == process_) {
-    startProcess();
-  }
+  shared_->isResting.store(false, std::memory_order_relaxed);
+  shared_->beats.fetch_add(1, std::memory_order_release);
   return shared_->released.load(std::memory_order_relaxed) && shared_->released.exchange(false);
+}
+
+void QueueWatchdog::revive() {
+  if (process_ > 0 && waitpid(process_, nullptr, WNOHANG) == process_) startProcess();
 }
 
 void QueueWatchdog::stop() {
@@ -114,27 +132,65 @@ void QueueWatchdog::watch() {
   nlmsghdr* probe = nfq_nlmsg_put(messages[1].data(), NFQNL_MSG_CONFIG, queueNumber_);
   nfq_nlmsg_cfg_put_cmd(probe, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND);  // does nothing
   probe->nlmsg_flags |= NLM_F_ACK;
+  const auto send_probe = [this, probe] {
+    probe->nlmsg_seq = ++shared_->probes;
+    send(queueSocket_, probe, probe->nlmsg_len, 0);
+  };
+
+  // SIGIO is blocked except during awaitCheck(), so that none is lost between a check and the wait for the next check.
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGIO, &action, nullptr);
+  sigset_t blocked, mask;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGIO);
+  sigprocmask(SIG_BLOCK, &blocked, &mask);
+  sigdelset(&mask, SIGIO);
+  fcntl(queueSocket_, F_SETOWN, getpid());
+
   uint32_t settled = shared_->probes.load();  // the last probe that was answered, or that needs no answer any more
   uint64_t last = 0;
-  for (int silent = 0, starved = 0;;) {
-    pollfd end{pipeReadEnd_.get(), 0, 0};
-    if (poll(&end, 1, kCheckMilliseconds) > 0) _exit(0);
+  for (int silent = 0, starved = 0, quiet = 0;;) {
+    awaitCheck(quiet >= kQuietChecks, mask);
+    const bool hasPackets = hasWork();
     const uint64_t beats = shared_->beats.load(std::memory_order_acquire);
     const bool isSilent = beats == std::exchange(last, beats);
-    starved = isSilent && is_runnable(shared_->status) ? starved + 1 : 0;
+    quiet = isSilent && !hasPackets ? quiet + 1 : 0;
+    starved = isSilent && hasPackets && is_runnable(shared_->status) ? starved + 1 : 0;
     if (starved > 0 && starved <= kStarvedChecks) continue;
-    silent = isSilent ? silent + 1 : 0;
-    if (beats == 0 || shared_->released.load()) continue;  // the queue is not served yet, or was released
-    settled = std::max(settled, shared_->answered.load());
+    silent = isSilent && hasPackets ? silent + 1 : 0;
+    settled = is_readable(queueSocket_) ? std::max(settled, shared_->answered.load()) : shared_->probes.load();
+    if (beats == 0 || !hasPackets) continue;  // the queue is not served yet, or nothing waits
     if (silent < kSilentChecks && shared_->probes.load() - settled < kLongestWaitChecks) {
-      probe->nlmsg_seq = ++shared_->probes;
-      send(queueSocket_, probe, probe->nlmsg_len, 0);
+      send_probe();
       continue;
     }
     send(queueSocket_, release, release->nlmsg_len, 0);
-    settled = shared_->probes.load();
     shared_->released.store(true);
+    // The thread may be about to wait for packets, which will not come. The answer to this probe wakes the thread, and
+    // its next heartbeat binds the queue again.
+    send_probe();
+    settled = shared_->probes.load();
   }
+}
+
+// Whether packets may wait: in the socket's buffer, or in the thread's hands.
+bool QueueWatchdog::hasWork() const {
+  // The thread ends its rest before it reads. So if the buffer is empty because the thread has read the packet, the
+  // thread does not rest, and this order of the two questions finds out.
+  return !shared_->released.load() && (is_readable(queueSocket_) || !shared_->isResting.load());
+}
+
+// Waits until the next check is due. If `isQuiet` is true, that is when a packet arrives. Ends the process when its
+// parent has ended.
+void QueueWatchdog::awaitCheck(bool isQuiet, const sigset_t& mask) const {
+  // After the signals are on, look again, because a packet that arrived before sends no signal.
+  const bool sleeps = isQuiet && set_signals(queueSocket_, true) && !hasWork();
+  if (isQuiet && !sleeps) set_signals(queueSocket_, false);
+  const timespec interval{0, kCheckMilliseconds * 1'000'000L};
+  pollfd end{pipeReadEnd_.get(), 0, 0};
+  if (ppoll(&end, 1, sleeps ? nullptr : &interval, &mask) > 0) _exit(0);
+  if (sleeps) set_signals(queueSocket_, false);
 }
 
 }  // namespace orvane

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -17,8 +18,18 @@ namespace orvane {
 // packets in it and passes later ones.
 //
 // The child shares the queue's netlink socket, because the kernel accepts the message that releases the queue only from
-// this socket. To measure how long packets wait in the socket's buffer, the child also sends a message without effect
-// (a probe) four times a second. The kernel puts its answer into this buffer, behind the packets that were queued
+// this socket. While no packet waits, the child sleeps, and a hung thread does no harm. The next packet makes the
+// kernel send the child a signal (SIGIO, see O_ASYNC in fcntl(2)). A signal is not lost even if the thread reads the
+// packet before the child runs; if the child waited for the socket with poll(2), it would then sleep on. After the
+// signal, the child makes a check four times a second, until no packet has come for a second.
+//
+//   asleep --- SIGIO: a packet is there ---> checks four times a second --- hung, or too slow ---> queue released
+//     ^                                             |                                                    |
+//     +-------------- no packet for 1 s ------------+                     the next beat() binds it again |
+//     +--------------------------------------------------------------------------------------------------+
+//
+// To measure how long packets wait in the socket's buffer, each check that finds something in this buffer sends a
+// message without effect (a probe). The kernel puts its answer into the buffer, behind the packets that were queued
 // before, so the thread reads the answer after those packets. If the buffer is full, the kernel sends no answer.
 //
 // The child ends when this process ends. Otherwise the child's copy of the descriptor would keep the netlink socket
@@ -27,7 +38,8 @@ class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
 
-  // The queue is released when there was no heartbeat for this time. The release may come up to half a second later.
+  // The queue is released when packets wait and there was no heartbeat for this time. The release may come up to half a
+  // second later.
   static constexpr int kTimeoutMilliseconds = 1000;
   // The queue is also released when packets wait in the socket's buffer for longer than this. The limit leaves time for
   // a burst of new connections, and is below the 5 s after which resolvers ask again (resolv.conf(5)).
@@ -42,10 +54,19 @@ class QueueWatchdog {
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // The thread that serves the queue calls this at least twice a second: each call is a heartbeat. The first heartbeat
-  // starts the watch. Returns true if the queue was released since the last call; the caller must then bind the queue
-  // again. If the child has died, starts another child.
+  // The thread that serves the queue calls this before it reads packets, and while it handles them at least twice a
+  // second: each call is a heartbeat. The first heartbeat starts the watch. Returns true if the queue was released
+  // since the last call; the caller must then bind the queue again.
   bool beat();
+
+  // The thread calls this when it has handled all packets, before it waits for more. While no packet is there, it need
+  // not call beat(). After the child has released the queue, it makes the socket readable, so that the thread wakes up.
+  void rest() { shared_->isResting.store(true, std::memory_order_release); }
+
+  // A descriptor for poll(2), readable when the child has died. Then call revive().
+  int childDescriptor() const { return childDescriptor_.get(); }
+  // If the child has died, starts another child.
+  void revive();
 
   // Reports the number of the last probe whose answer the thread has read (PacketQueue::acknowledged()).
   void setAnswered(uint32_t probe) { shared_->answered.store(probe, std::memory_order_relaxed); }
@@ -53,6 +74,7 @@ class QueueWatchdog {
  private:
   struct Shared {
     std::atomic<uint64_t> beats{0};
+    std::atomic<bool> isResting{true};
     std::atomic<uint32_t> probes{0};    // the number of the last probe that was sent; the first has number 1
     std::atomic<uint32_t> answered{0};  // the number of the last probe whose answer was read
     std::atomic<bool> released{false};
@@ -62,12 +84,15 @@ class QueueWatchdog {
 
   std::optional<std::string> startProcess();
   [[noreturn]] void watch();
+  bool hasWork() const;
+  void awaitCheck(bool isQuiet, const sigset_t& mask) const;
 
   Shared* shared_ = nullptr;
   Descriptor pipeWriteEnd_, pipeReadEnd_;  // the pipe breaks when this process ends; the child polls its read end
   int queueSocket_ = -1;
   uint16_t queueNumber_ = 0;
   pid_t process_ = -1;
+  Descriptor childDescriptor_;
 };
 
 }  // namespace orvane
