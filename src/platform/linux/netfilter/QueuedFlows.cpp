@@ -38,8 +38,10 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   const auto socket = owners_.sender(packet.ends);
   auto flow = findOrCreate(packet.ends, socket, now);
   if (beginsOtherConnection(*flow, packet)) {
+    auto connectionIDs = std::move(flow->connectionIDs);
     erase(flow);
     flow = findOrCreate(packet.ends, socket, now);
+    flow->connectionIDs = std::move(connectionIDs);
   }
   const bool wasSettled = flow->open == nullptr;
   if (!wasSettled) expectFirstByte(*flow->open, packet, socket);
@@ -48,7 +50,7 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   isLooping_ = flow->repeats > kRepeatsLimit;
   if (wasSettled) {
     // The kernel rules queue the Initial packets of an allowed QUIC connection, too, so these packets are not late.
-    const bool isLate = flow->generation != generation_ && flow->connectionID.empty();
+    const bool isLate = flow->generation != generation_ && flow->connectionIDs.empty();
     if (isLate) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
     return verdictOf(*flow);
   }
@@ -103,7 +105,8 @@ void QueuedFlows::drop(const OpenConnection& connection, Clock::time_point now) 
 // While a flow is open, its QuicInitialReader notices another connection itself.
 bool QueuedFlows::beginsOtherConnection(const Flow& flow, const Packet& packet) {
   return packet.ends.protocol == IPPROTO_UDP && flow.open == nullptr &&
-         QuicInitialReader::beginsOtherConnection(packet.payload, flow.connectionID);
+         QuicInitialReader::beginsOtherConnection(
+             packet.payload, flow.connectionIDs.empty() ? std::vector<uint8_t>() : flow.connectionIDs.back());
 }
 
 // Call this after each packet of a flow that was open. Moves the flow to the end of settled_ if the packet led to a
@@ -121,7 +124,6 @@ void QueuedFlows::keep(Flows::iterator flow, Clock::time_point now) {
     flow->isDropped = true;
     if (flow->pair.protocol == IPPROTO_UDP) owners_.abort(flow->pair, flow->cookie);
   }
-  if (flow->open->quic != nullptr) flow->connectionID = flow->open->quic->connectionID();
   close(*flow);
   flow->generation = generation_;
   settled_.splice(settled_.end(), open_, flow);
@@ -236,7 +238,7 @@ void QueuedFlows::expectFirstByte(Examination& open, const Packet& packet, const
 
 // Adds the packet to an open flow. Shows the flow to the provider as soon as its server's name is known or cannot
 // become known. Returns whether the packet had new bytes or ended the flow.
-bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& packet) {
+bool QueuedFlows::examine(Flow& flow, Examination& open, const Packet& packet) {
   const bool stream = packet.ends.protocol == IPPROTO_TCP;
   std::span<const uint8_t> bytes = packet.payload;
   std::vector<uint8_t> filled;
@@ -270,17 +272,31 @@ bool QueuedFlows::examine(const Flow& flow, Examination& open, const Packet& pac
   return true;
 }
 
+// Notices when the client goes back to a QUIC connection whose first datagrams the flow's reader no longer knows.
+void QueuedFlows::noteConnection(Flow& flow, Examination& open) {
+  auto& known = flow.connectionIDs;
+  const std::vector<uint8_t>& current = open.quic->connectionID();
+  if (current.empty() || (!known.empty() && known.back() == current)) return;
+  const bool isKnown = std::erase(known, current) > 0;
+  if (isKnown || known.size() == kConnectionsLimit) open.hasReturned = true;
+  if (known.size() == kConnectionsLimit) known.erase(known.begin());
+  known.push_back(current);
+}
+
 // Searches the flow's next bytes for its server name. Returns whether the flow can be shown to the provider now, with
 // or without a name.
-bool QueuedFlows::readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast) {
+bool QueuedFlows::readName(Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast) {
   const bool stream = flow.pair.protocol == IPPROTO_TCP;
   if (!stream && open.quic == nullptr) open.quic = std::make_unique<QuicInitialReader>();
   const NameState before = stream ? open.name.state() : open.quic->state();
   const NameState state = stream ? open.name.read(bytes) : open.quic->read(bytes);
-  if (!stream) open.isHeld = state == NameState::Open && !open.quic->isReadable();
+  if (!stream) {
+    noteConnection(flow, open);
+    open.isHeld = state == NameState::Open && (open.hasReturned || !open.quic->isReadable());
+  }
   if (state == NameState::Open && !isLast) {
     const bool isRefused = isBeyondLimit(flow);
-    const bool isUnreadable = open.isHeld && (stream || open.quic->isHelloUnreadable());
+    const bool isUnreadable = open.isHeld && (stream || open.hasReturned || open.quic->isHelloUnreadable());
     if ((isRefused || isUnreadable) && open.session.state() == FilterSession::State::New) {
       open.session.newFlow(open.flight.length());
     }

@@ -37,7 +37,8 @@ enum class PacketVerdict {
 // only datagrams with parts of the hello may pass; all other datagrams are held, because they could contain a request.
 // If the hello cannot be read, the flow is shown to the provider without a name at the first held datagram, so that
 // flows of programs that are no browsers are allowed at once. A datagram that begins another QUIC connection begins a
-// new flow: a program may use the addresses and ports of an earlier connection again.
+// new flow: a program may use the addresses and ports of an earlier connection again. If the program then goes back to
+// the earlier connection, the flow is held until its name is known, because a part of its hello may have passed before.
 //
 // The open flows of a user are limited in their number, and in the bytes that they store because bytes before them have
 // not arrived. All users together have such limits, too, so that somebody with many user ids cannot fill the memory;
@@ -119,6 +120,7 @@ class QueuedFlows {
   // Limit on the dropped UDP flows that are remembered. Of flows of one owner to the same address and port, only the
   // last is remembered. Beyond the limit, the user with the most loses the oldest.
   static constexpr size_t kEndedLimit = 1024;
+  static constexpr size_t kConnectionsLimit = 8;
   // Limit on the TCP connections for which noteUnjudged() was called.
   static constexpr size_t kUnjudgedLimit = 8192;
 
@@ -136,6 +138,7 @@ class QueuedFlows {
     std::unique_ptr<QuicInitialReader> quic;  // UDP only; null before the first datagram
     bool isHeld = false;                      // whether the last packet must not pass before the verdict
     size_t stored = 0;                        // the bytes that the flow stores; counted in User::stored
+    bool hasReturned = false;                 // UDP only: whether the client went back to an earlier QUIC connection
     bool hasLostBytes = false;                // whether bytes of the flow can no longer be read
   };
 
@@ -148,8 +151,10 @@ class QueuedFlows {
     uid_t user;
     // Null when the flow is settled, to save memory: thousands of settled flows are remembered.
     std::unique_ptr<Examination> open;
-    bool isDropped = false;             // whether the provider dropped the flow, or drop() did so later
-    std::vector<uint8_t> connectionID;  // of a settled QUIC flow (QuicInitialReader::connectionID)
+    bool isDropped = false;  // whether the provider dropped the flow, or drop() did so later
+    // The connections of a QUIC flow (QuicInitialReader::connectionID), at most kConnectionsLimit, the latest at the
+    // end.
+    std::vector<std::vector<uint8_t>> connectionIDs;
     Clock::time_point lastSeen{};
     uint64_t generation = 0;  // the value of generation_ when the flow was settled
     size_t repeats = 0;       // packets in a row without new bytes
@@ -175,8 +180,9 @@ class QueuedFlows {
   void noteAllowed(const Flow& flow, const LinuxSocketFlow& shown);
   void erase(Flows::iterator flow);
   void expectFirstByte(Examination& open, const Packet& packet, const std::optional<SocketFacts>& socket);
-  bool examine(const Flow& flow, Examination& open, const Packet& packet);
-  bool readName(const Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
+  bool examine(Flow& flow, Examination& open, const Packet& packet);
+  void noteConnection(Flow& flow, Examination& open);
+  bool readName(Flow& flow, Examination& open, std::span<const uint8_t> bytes, bool isLast);
   void rememberEnded(const OpenConnection& conversation, Clock::time_point now);
   const OpenConnection* endedBefore(const Flow& flow, const Examination& open) const;
   void evictExpired(Clock::time_point now);
