@@ -116,9 +116,10 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
   if (!error) error = queue->owners.check();
   if (error) return error;
-  if (auto reason = queue->tracking.emplace().open()) {
-    queue->tracking.reset();
-    ORVANE_LOG_ERROR(default_log(), "netfilter: an edit of the list does not end open connections: %@", *reason);
+  const auto noTracking = queue->tracking.emplace().open();
+  if (noTracking) queue->tracking.reset();
+  if (noTracking && endOpenConnections_) {
+    ORVANE_LOG_ERROR(default_log(), "netfilter: an edit of the list does not end open connections: %@", *noTracking);
   } else if (endOpenConnections_) {
     queue->edits = &ListEdits::shared();
     queue->flows.addAllowedTo(queue->connections);
@@ -126,7 +127,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   auto noRecords = queue->owners.recordOpeners();
   // Without the kernel's record of openers, finding the owner of a flow takes far longer than finding out which program
   // the owner runs. Remembering the program would then save little, so the kernel need not count its changes.
-  auto noChanges = noRecords ? std::nullopt : ProcessChanges::system().start();
+  auto noChanges = noRecords ? noRecords : ProcessChanges::system().start();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.
   for (uint64_t cookie : queue->owners.streams()) queue->flows.allowSocket(cookie);
