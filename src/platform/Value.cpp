@@ -1,5 +1,7 @@
 #include "platform/Value.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -12,6 +14,7 @@
 
 #include "platform/Clock.h"
 #include "platform/KeyedHash.h"
+#include "platform/StringBlocks.h"
 
 namespace orvane {
 
@@ -21,7 +24,8 @@ struct Value::Counted {
 
 // The header of a string's content. The characters follow the header in the same block of memory.
 struct Value::StringContent : Counted {
-  uint32_t length = 0;
+  uint32_t isInBlock : 1 = 0;
+  uint32_t length : 31 = 0;
   char* characters() { return reinterpret_cast<char*>(this + 1); }
 };
 
@@ -35,6 +39,52 @@ struct Value::ContainerContent : Counted {
 };
 
 namespace {
+
+// A block of StringBlocks. Its address is a multiple of kBytes, so that a string's address tells its block.
+struct Block {
+  static constexpr size_t kBytes = 256 << 10;
+  static constexpr size_t kLargestString = kBytes / 16;
+
+  std::atomic<uint32_t> users{1};  // the strings in the block, and the StringBlocks object that fills the block
+  uint32_t used = sizeof(uint64_t);
+
+  // Null if the system has no memory.
+  static Block* make() {
+    // Twice the size contains an aligned block. The rest is unmapped again.
+    void* mapped = mmap(nullptr, 2 * kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANON, -1, 0);
+    if (mapped == MAP_FAILED) return nullptr;
+    const size_t before = (kBytes - reinterpret_cast<uintptr_t>(mapped) % kBytes) % kBytes;
+    char* block = static_cast<char*>(mapped) + before;
+    if (before > 0) munmap(mapped, before);
+    munmap(block + kBytes, kBytes - before);
+    return new (block) Block;
+  }
+  static Block* of(void* string) {
+    return reinterpret_cast<Block*>(static_cast<char*>(string) - reinterpret_cast<uintptr_t>(string) % kBytes);
+  }
+  void release() {
+    if (users.fetch_sub(1, std::memory_order_acq_rel) == 1) munmap(this, kBytes);
+  }
+};
+
+// This thread's StringBlocks object, if it has one, and the block that is being filled.
+thread_local bool uses_blocks = false;
+thread_local Block* filling = nullptr;
+
+// Memory for a string in a block. Null if the string must have memory of its own.
+void* allocate_in_block(size_t bytes) {
+  if (!uses_blocks || bytes > Block::kLargestString) return nullptr;
+  if (filling == nullptr || filling->used + bytes > Block::kBytes) {
+    if (filling != nullptr) filling->release();
+    filling = Block::make();
+    if (filling == nullptr) return nullptr;
+  }
+  void* string = reinterpret_cast<char*>(filling) + filling->used;
+  constexpr size_t kAlignment = alignof(uint32_t);
+  filling->used += static_cast<uint32_t>((bytes + kAlignment - 1) / kAlignment * kAlignment);
+  filling->users.fetch_add(1, std::memory_order_relaxed);
+  return string;
+}
 
 std::atomic<size_t> content_bytes{0};
 
@@ -182,6 +232,13 @@ void append_description(std::string& text, const Value& value, size_t depth) {
 
 }  // namespace
 
+StringBlocks::StringBlocks() { uses_blocks = true; }
+
+StringBlocks::~StringBlocks() {
+  uses_blocks = false;
+  if (filling != nullptr) std::exchange(filling, nullptr)->release();
+}
+
 Value::Value(const Value& other)
     : kind_(other.kind_),
       form_(other.form_),
@@ -205,8 +262,11 @@ void Value::releaseContent() noexcept {
     case Kind::String: {
       auto* text = static_cast<StringContent*>(content);
       discount_content(text->length);
-      text->~StringContent();
-      ::operator delete(text);
+      if (text->isInBlock != 0) {
+        Block::of(text)->release();
+      } else {
+        ::operator delete(text);
+      }
       break;
     }
     case Kind::Data:
@@ -259,9 +319,13 @@ Value Value::real(double value) {
 }
 
 Value Value::string(std::string_view text) {
-  if (text.size() > UINT32_MAX) throw std::bad_alloc();
-  auto* content = new (::operator new(sizeof(StringContent) + text.size())) StringContent;
-  content->length = static_cast<uint32_t>(text.size());
+  constexpr size_t kLongest = INT32_MAX;
+  if (text.size() > kLongest) throw std::bad_alloc();
+  const size_t bytes = sizeof(StringContent) + text.size();
+  void* inBlock = allocate_in_block(bytes);
+  auto* content = new (inBlock != nullptr ? inBlock : ::operator new(bytes)) StringContent;
+  content->isInBlock = inBlock != nullptr;
+  content->length = static_cast<uint32_t>(text.size()) & kLongest;
   count_content(text.size());
   if (!text.empty()) std::memcpy(content->characters(), text.data(), text.size());
   Value result(Kind::String);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
 #include <numeric>
 #include <set>
 #include <string>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "platform/KeyedHash.h"
+#include "platform/StringBlocks.h"
 #include "platform/Value.h"
 #include "support/CollidingNames.h"
 
@@ -81,6 +83,28 @@ TEST(Value, SpreadsNamesThatCollideWithoutAKey) {
   std::set<size_t> hashes;
   for (const std::string& name : names) hashes.insert(Value::string(name).hash());
   EXPECT_GE(hashes.size(), names.size() - 1) << "two of a thousand may have the same 32 bits";
+}
+
+size_t mapped_pages() {
+  size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  return pages;
+}
+
+TEST(StringBlocks, AreFreedWithTheirLastString) {
+  constexpr size_t kCount = 200'000;
+  const std::string text(200, 'a');
+  std::vector<Value> strings(kCount);
+  const size_t before = mapped_pages();
+  {
+    StringBlocks blocks;
+    for (size_t i = 0; i < kCount; ++i) strings[i] = Value::string(text + std::to_string(i));
+  }
+  const Value copy = strings[kCount / 2];
+  const size_t full = mapped_pages();
+  for (Value& string : strings) string = nullptr;
+  EXPECT_EQ(copy.asString(), text + std::to_string(kCount / 2));
+  EXPECT_LT(mapped_pages() - before, (full - before) / 10) << "one string keeps one block";
 }
 
 }  // namespace

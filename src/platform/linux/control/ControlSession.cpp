@@ -3,11 +3,13 @@
 #include <capnp/rpc-twoparty.h>
 #include <capnp/rpc.capnp.h>
 #include <kj/exception.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <string_view>
 
 #include "platform/Log.h"
+#include "platform/StringBlocks.h"
 #include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/ValueMessage.h"
@@ -103,6 +105,8 @@ class GuardedStream final : public capnp::MessageStream {
     ended_.fulfiller->fulfill(SessionEnd::Broken);
   }
 
+  // Whether the message that was read last is large.
+  bool isMessageLarge() const { return messageWords_ > kLargeMessageWords; }
   // The size of the message that was read last.
   uint64_t messageWords() const { return messageWords_; }
 
@@ -161,8 +165,11 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   void releaseReservation() {
+    if (reserved_ == 0) return;
     large_message_budget.release(reserved_);
     reserved_ = 0;
+    // A large message, and the values that it replaced, leave free memory, which the allocator would keep.
+    malloc_trim(0);
   }
 
   kj::Maybe<capnp::MessageReaderAndFds> admit(kj::Maybe<capnp::MessageReaderAndFds>&& received) {
@@ -301,6 +308,8 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   template <class Context, class Get>
   Value argument(Context& context, Get get) {
     std::optional<Value> value;
+    std::optional<StringBlocks> blocks;
+    if (stream_.isMessageLarge()) blocks.emplace();
     auto malformed =
         kj::runCatchingExceptions([&] { value = read_value(get(context.getParams()), stream_.messageWords()); });
     if (malformed != nullptr || !value) {
