@@ -1,9 +1,11 @@
 // The client and the server of the network benchmark, on loopback addresses of a network namespace.
 //
 //   net_client serve PORT                         serves the clients of the other two commands
-//   net_client load PORT COUNT CLIENTS PAUSE      makes COUNT connections from CLIENTS threads, and prints the times of
+//   net_client load PORT COUNT CLIENTS PAUSE [NAME_SERVER_PORT]
+//                                                 makes COUNT connections from CLIENTS threads, and prints the times of
 //                                                 the connections; a thread waits PAUSE milliseconds before each
-//                                                 connection
+//                                                 connection. If NAME_SERVER_PORT is given, a time includes a DNS
+//                                                 question to this port of 127.0.0.1
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
 //   net_client datagrams PORT COUNT               sends two datagrams from each of COUNT sockets to a socket of its
 //   own,
@@ -108,7 +110,25 @@ bool fetch(uint16_t port, uint32_t host) {
   return std::string_view(buffer, size) == kResponse;
 }
 
-int load(uint16_t port, size_t count, size_t clients, std::chrono::milliseconds pause) {
+// Asks a name server for the address of news.example, as the C library does: from a new socket. Returns false unless an
+// answer arrives.
+bool look_up(uint16_t nameServerPort) {
+  // RFC 1035, section 4.1: a header with one question, the name, type A, class IN.
+  constexpr char kQuestion[] = "\0\1\1\0\0\1\0\0\0\0\0\0\4news\7example\0\0\1\0\1";
+  constexpr size_t kSize = sizeof kQuestion - 1;
+  const int client = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const sockaddr_in address = loopback(nameServerPort, 1);
+  const timeval second{1, 0};
+  setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &second, sizeof second);
+  char answer[512];
+  const bool found = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                     send(client, kQuestion, kSize, 0) == static_cast<ssize_t>(kSize) &&
+                     recv(client, answer, sizeof answer, 0) > static_cast<ssize_t>(kSize);
+  close(client);
+  return found;
+}
+
+int load(uint16_t port, size_t count, size_t clients, std::chrono::milliseconds pause, uint16_t nameServerPort) {
   for (int i = 0; i < kOpenFiles; ++i) {
     if (open("/dev/null", O_RDONLY | O_CLOEXEC) < 0) return 1;
   }
@@ -121,6 +141,7 @@ int load(uint16_t port, size_t count, size_t clients, std::chrono::milliseconds 
       for (size_t n = i; n < count; n += clients) {
         if (pause.count() > 0) std::this_thread::sleep_for(pause);
         auto begin = Clock::now();
+        if (nameServerPort != 0 && !look_up(nameServerPort)) ++lost;
         if (!fetch(port, static_cast<uint32_t>(1 + n % 8))) ++lost;
         times[i].push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
       }
@@ -184,12 +205,12 @@ int main(int count, char** arguments) {
   auto port = static_cast<uint16_t>(number(2));
   if (what == "serve" && port != 0) return serve(port);
   if (what == "load" && number(3) != 0 && number(4) != 0) {
-    return load(port, number(3), number(4), std::chrono::milliseconds(number(5)));
+    return load(port, number(3), number(4), std::chrono::milliseconds(number(5)), static_cast<uint16_t>(number(6)));
   }
   if (what == "stream" && number(3) != 0) return stream(port, number(3));
   if (what == "datagrams" && number(3) != 0) return datagrams(port, number(3));
   std::fputs(
-      "usage: net_client serve PORT | load PORT COUNT CLIENTS PAUSE | stream PORT MEBIBYTES | "
+      "usage: net_client serve PORT | load PORT COUNT CLIENTS PAUSE [NAME_SERVER_PORT] | stream PORT MEBIBYTES | "
       "datagrams PORT COUNT\n",
       stderr);
   return 2;
