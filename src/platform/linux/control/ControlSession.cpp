@@ -126,17 +126,20 @@ class GuardedStream final : public capnp::MessageStream {
 
   kj::Promise<void> writeMessage(kj::ArrayPtr<const int> fds,
                                  kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>> segments) override {
-    return stream_.writeMessage(fds, segments).then([this] {
-      KJ_IF_MAYBE (resume, resumeReading_) (*resume)->fulfill();
-    });
+    return stream_.writeMessage(fds, segments).then([this] { resumeReading(); });
   }
+  // Cap'n Proto 0.9 writes one message at a time, and later versions write all that wait.
   kj::Promise<void> writeMessages(kj::ArrayPtr<kj::ArrayPtr<const kj::ArrayPtr<const capnp::word>>> messages) override {
-    return stream_.writeMessages(messages);
+    return stream_.writeMessages(messages).then([this] { resumeReading(); });
   }
   kj::Maybe<int> getSendBufferSize() override { return nullptr; }
   kj::Promise<void> end() override { return stream_.end(); }
 
  private:
+  void resumeReading() {
+    KJ_IF_MAYBE (resume, resumeReading_) (*resume)->fulfill();
+  }
+
   // The promise is fulfilled when the previous call has been carried out and at most kMaximumUnsentBytes of replies
   // wait to be sent.
   kj::Promise<void> whenReadyForNextMessage() {
