@@ -24,7 +24,7 @@ test:
 lint:
 	$(INSTALL) test lint
 	$(CONFIGURE)
-	cmake --build $(BUILD)
+	ninja -C $(BUILD) $$(ninja -C $(BUILD) -t targets all | sed -n 's/\.h: CUSTOM_COMMAND$$/.h/p')
 	tools/lint $(BUILD)
 
 soak:
