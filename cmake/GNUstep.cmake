@@ -2,6 +2,10 @@
 # programs, headers and libraries for this are found, sets ORVANE_GNUSTEP to ON, enables the language OBJCXX, and adds
 # the target `gnustep` with the options and libraries that Objective-C++ code needs.
 set(ORVANE_GNUSTEP OFF)
+if(CMAKE_CROSSCOMPILING)
+  message(STATUS "No tests of the macOS platform: they run only if the build is for this machine's processor")
+  return()
+endif()
 find_program(ORVANE_OBJCXX_COMPILER NAMES clang++ clang++-14)
 find_path(ORVANE_GNUSTEP_INCLUDE Foundation/NSDebug.h PATH_SUFFIXES GNUstep)
 find_path(ORVANE_BLOCKS_INCLUDE Block.h)
