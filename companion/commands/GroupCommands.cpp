@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "companion/commands/EndTime.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
@@ -27,7 +28,7 @@ struct Arguments {
   std::string group{kDefaultGroupName};
   std::vector<std::string> spans;
   std::string delay;
-  std::optional<std::string> duration, until;
+  EndTime end;
 };
 
 using GroupCommand = int (*)(const CommonOptions&, const Arguments&);
@@ -176,8 +177,8 @@ int show(const CommonOptions& options, const Arguments& arguments) {
   return print_groups(options, [&](const auto& state) { return state.name == arguments.group; });
 }
 
-Moment lock_end(const Arguments& arguments, Moment now) {
-  const Moment end = arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
+Moment lock_end(const CommonOptions& options, const Arguments& arguments, Moment now) {
+  const Moment end = read_end_time(arguments.end, options, now);
   if (end - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
   return end;
 }
@@ -200,9 +201,9 @@ int show_locks(const CommonOptions& options) {
 }
 
 int lock(const CommonOptions& options, const Arguments& arguments) {
-  if (!arguments.duration && !arguments.until) return show_locks(options);
+  if (!arguments.end.isGiven()) return show_locks(options);
   const Moment now = now_in_seconds();
-  const Moment until = lock_end(arguments, now);
+  const Moment until = lock_end(options, arguments, now);
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     list.setSetting(find_group(list, arguments.group), kLockUntilKey, {time_text(until)});
@@ -260,11 +261,7 @@ void declare_group_commands(CommandSet& commands) {
       commands.declare(commands.app, kListGroup, "lock",
                        "Let nothing be removed from a group for a while; without options, show locks", run(lock));
   lockCommand->add_option("--group", arguments->group, "The group, instead of the default group")->type_name("GROUP");
-  CLI::Option* duration =
-      lockCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
-  lockCommand->add_option("--until", arguments->until, "Until when, as in 18:00 or \"tomorrow 9:00\"")
-      ->type_name("TIME")
-      ->excludes(duration);
+  arguments->end.declare(*lockCommand);
   lockCommand->footer("Nobody can end a lock, except root, who can stop the keeper: see orvanectl(1).");
 }
 

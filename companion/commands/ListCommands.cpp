@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "companion/commands/BlockListOutput.h"
+#include "companion/commands/EndTime.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/doctor/DoctorBrowsers.h"
@@ -33,8 +34,7 @@ struct Arguments {
   bool exactNames = false;
   bool all = false;
   bool hostsOnly = false;
-  std::optional<std::string> duration;
-  std::optional<std::string> until;
+  EndTime end;
 };
 
 // What a command did to one site.
@@ -258,10 +258,9 @@ int disallow(const CommonOptions& options, const Arguments& arguments) {
 int suspend(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const FindSites find = given_or_all_sites(arguments, "suspend", now);
-  if (!arguments.duration && !arguments.until)
+  if (!arguments.end.isGiven())
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
-  const Moment until =
-      arguments.duration ? now + read_duration(*arguments.duration) : read_until(*arguments.until, now);
+  const Moment until = read_end_time(arguments.end, options, now);
   return change_list(options, now, find, [&](BlockList& list, ListedSite site) {
     site.until = until;
     const bool changed = list.put(site);
@@ -333,15 +332,8 @@ void declare_list_commands(CommandSet& commands) {
   takeHosts(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list");
   declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
 
-  CLI::App* suspendCommand =
-      takeHosts(declare("suspend", "Unblock sites for a while", suspend), "Hosts of sites on the list", true);
-  CLI::Option* duration =
-      suspendCommand->add_option("--for", arguments->duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
-  suspendCommand
-      ->add_option("--until", arguments->until,
-                   "Until when: 18:00, \"tomorrow 9:00\", \"2026-12-24 18:00\", 2030-01-31T18:00:00+01:00")
-      ->type_name("TIME")
-      ->excludes(duration);
+  arguments->end.declare(
+      *takeHosts(declare("suspend", "Unblock sites for a while", suspend), "Hosts of sites on the list", true));
   takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list", true);
 
   declare_import_command(commands);

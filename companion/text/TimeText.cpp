@@ -10,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Properties.h"
 #include "platform/Clock.h"
@@ -85,6 +86,12 @@ class Reader {
   bool isValid_ = true;
 };
 
+std::string lower_case(std::string_view text) {
+  std::string lowered(text);
+  for (char& c : lowered) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  return lowered;
+}
+
 std::optional<seconds> unit_of(std::string_view word) {
   constexpr std::pair<std::string_view, int64_t> kUnits[] = {
       {"s", 1},     {"sec", 1},     {"second", 1},   {"seconds", 1},   {"m", 60},        {"min", 60},
@@ -96,12 +103,56 @@ std::optional<seconds> unit_of(std::string_view word) {
   return seconds(found->second);
 }
 
-// "18:00" or "18:00:30"
+// "18:00", "18:00:30", "6pm" or "6:30 pm"
 seconds read_clock(Reader& reader) {
-  const hours hour(reader.number(2, 23));
-  reader.expect(reader.accept(":"));
-  const minutes minute(reader.number(2, 59));
-  return hour + minute + seconds(reader.accept(":") ? reader.number(2, 59) : 0);
+  hours hour(reader.number(2, 23));
+  seconds rest(0);
+  const bool hasMinutes = reader.accept(":");
+  if (hasMinutes) {
+    rest = minutes(reader.number(2, 59));
+    if (reader.accept(":")) rest += seconds(reader.number(2, 59));
+  }
+  Reader ahead = reader;
+  ahead.skipSpace();
+  const std::string_view half = ahead.word();
+  if (half != "am" && half != "pm") {
+    reader.expect(hasMinutes);
+    return hour + rest;
+  }
+  reader = ahead;
+  reader.expect(hour >= 1h && hour <= 12h);
+  return hour % 12 + (half == "pm" ? 12h : 0h) + rest;
+}
+
+// A day that a text names, or several days that it may mean.
+struct Day {
+  local_days day;
+  std::optional<local_days> nextSuch{};   // the day that the text means if the moment on `day` has passed
+  std::optional<local_days> other{};      // another day that the text may mean
+  std::optional<local_days> sameClock{};  // a day that the text may mean with the current time of day
+};
+
+// The position of the word in a list of names, of which three letters suffice. Nothing if there is no such name.
+template <size_t N>
+std::optional<unsigned> position_of(std::string_view word, const std::string_view (&names)[N]) {
+  constexpr size_t kShortest = 3;
+  for (unsigned i = 0; i < N && word.size() >= kShortest; ++i) {
+    if (names[i].starts_with(word)) return i;
+  }
+  return std::nullopt;
+}
+
+std::optional<weekday> weekday_of(std::string_view word) {
+  constexpr std::string_view kNames[] = {"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
+  const auto position = position_of(word, kNames);
+  return position ? std::optional(weekday(*position)) : std::nullopt;
+}
+
+std::optional<month> month_of(std::string_view word) {
+  constexpr std::string_view kNames[] = {"january", "february", "march",     "april",   "may",      "june",
+                                         "july",    "august",   "september", "october", "november", "december"};
+  const auto position = position_of(word, kNames);
+  return position ? std::optional(month(*position + 1)) : std::nullopt;
 }
 
 // "2026-12-24"
@@ -116,28 +167,184 @@ local_days read_date(Reader& reader) {
   return local_days(date);
 }
 
-// The day that the text starts with: "today", "tomorrow" or a date. If it starts with none of them, returns nothing and
-// reads nothing.
-std::optional<local_days> read_day(Reader& reader, local_days today) {
-  if (reader.accept("today")) return today;
-  if (reader.accept("tomorrow")) return today + days(1);
+// The year that may follow a month and a day: " 2026" or ", 2026".
+std::optional<year> read_year(Reader& reader) {
+  constexpr int kFirstYear = 1000;
   Reader ahead = reader;
-  const local_days day = read_date(ahead);
-  if (!ahead.isValid()) return std::nullopt;
+  ahead.accept(",");
+  ahead.skipSpace();
+  const int number = ahead.number(4);
+  if (!ahead.isValid() || number < kFirstYear || ahead.accept(":")) return std::nullopt;
   reader = ahead;
-  return day;
+  return year(number);
 }
 
-std::optional<Moment> read_local(std::string_view text, Moment now) {
-  Reader reader(text);
-  const auto today = floor<days>(local_time(now));
-  const std::optional<local_days> day = read_day(reader, today);
-  if (day && !reader.accept("T")) reader.skipSpace();
-  const seconds clock = day && reader.isAtEnd() ? seconds(0) : read_clock(reader);
+Day read_month_day(Reader& reader, month month, unsigned dayNumber, local_days today) {
+  const auto given = read_year(reader);
+  const auto first = given.value_or(year_month_day(today).year());
+  const year_month_day date = first / month / day(dayNumber), next = (first + years(1)) / month / day(dayNumber);
+  reader.expect(date.ok());
+  if (given || !next.ok()) return {local_days(date)};
+  return {local_days(date), local_days(next)};
+}
+
+// The day that "next" and the given word mean. The word is a weekday, "week" or "month".
+std::optional<Day> next_day(std::string_view word, local_days today) {
+  const local_days nextMonday = today + (Monday - weekday(today)) + (weekday(today) == Monday ? days(7) : days(0));
+  if (word == "week") return Day{nextMonday, {}, {}, today + days(7)};
+  if (word == "month") {
+    const year_month_day date(today);
+    const auto month = year_month(date.year(), date.month()) + months(1);
+    const year_month_day last(local_days(month / std::chrono::last));
+    return Day{local_days(month / 1), {}, {}, local_days(month / std::min(date.day(), last.day()))};
+  }
+  const std::optional<weekday> day = weekday_of(word);
+  if (!day) return std::nullopt;
+  const days ahead = *day - weekday(today);
+  return Day{today + (ahead == days(0) ? days(7) : ahead), {}, nextMonday + (*day - Monday)};
+}
+
+// A day that begins with a word: "tomorrow", "mon", "next week", "dec 24", "Thu 2026-12-24".
+std::optional<Day> read_day_word(Reader& reader, local_days today) {
+  std::string_view word = reader.word();
+  if (word == "today") return Day{today};
+  if (word == "tomorrow") return Day{today + days(1), {}, {}, today + days(1)};
+  if (word == "next" || word == "this") {
+    reader.skipSpace();
+    const std::string_view following = reader.word();
+    if (word == "next") return next_day(following, today);
+    word = following;
+  }
+  if (const auto month = month_of(word)) {
+    reader.skipSpace();
+    const int day = reader.number(2);
+    return read_month_day(reader, *month, static_cast<unsigned>(day), today);
+  }
+  const std::optional<weekday> day = weekday_of(word);
+  if (!day) return std::nullopt;
+  Reader ahead = reader;
+  ahead.accept(",");
+  ahead.skipSpace();
+  if (const local_days date = read_date(ahead); ahead.isValid()) {
+    reader = ahead;
+    reader.expect(weekday(date) == *day);
+    return Day{date};
+  }
+  const local_days first = today + (*day - weekday(today));
+  return Day{first, first + days(7)};
+}
+
+// A day that begins with a number: "2026-12-24" or "24 dec".
+std::optional<Day> read_day_number(Reader& reader, local_days today) {
+  Reader ahead = reader;
+  if (const local_days date = read_date(ahead); ahead.isValid()) {
+    ahead.accept("t");
+    reader = ahead;
+    return Day{date};
+  }
+  const int day = reader.number(2);
   reader.skipSpace();
-  if (!reader.isValid() || !reader.isAtEnd()) return std::nullopt;
-  const Moment moment = moment_of(day.value_or(today) + clock);
-  return day || moment > now ? moment : moment_of(today + days(1) + clock);
+  const std::optional<month> month = month_of(reader.word());
+  if (!month || !reader.isValid()) return std::nullopt;
+  return read_month_day(reader, *month, static_cast<unsigned>(day), today);
+}
+
+// A day and a time of day, as a text gives them.
+struct DayAndClock {
+  std::optional<Day> day;
+  std::optional<seconds> clock;
+  bool isMidnight = false;
+};
+
+// Reads a day, or if the text does not continue with a day, a time of day.
+void read_item(Reader& reader, DayAndClock& items, local_days today) {
+  for (auto* read : {read_day_word, read_day_number}) {
+    Reader ahead = reader;
+    auto day = read(ahead, today);
+    if (!day || !ahead.isValid()) continue;
+    ahead.expect(!items.day);
+    items.day = day;
+    reader = ahead;
+    return;
+  }
+  reader.expect(!items.clock);
+  items.isMidnight = reader.accept("midnight");
+  items.clock = items.isMidnight ? 0h : reader.accept("noon") ? 12h : read_clock(reader);
+}
+
+std::optional<DayAndClock> read_day_and_clock(std::string_view text, local_days today) {
+  Reader reader(text);
+  DayAndClock items;
+  do {
+    for (std::string_view filler : {"at ", "on "}) reader.accept(filler);
+    reader.skipSpace();
+    read_item(reader, items, today);
+    reader.accept(",");
+    reader.skipSpace();
+  } while (reader.isValid() && !reader.isAtEnd());
+  return reader.isValid() ? std::optional(items) : std::nullopt;
+}
+
+// The moments that a day and a time of day may mean, in no order.
+std::vector<Moment> moments_of(const DayAndClock& items, LocalTime now) {
+  const auto today = floor<days>(now);
+  const seconds clock = items.clock.value_or(seconds(0));
+  if (!items.day) return {moment_of(today + clock), moment_of(today + days(1) + clock)};
+  std::vector<Moment> moments;
+  for (const auto& day : {std::optional(items.day->day), items.day->other}) {
+    if (!day) continue;
+    moments.push_back(moment_of(*day + clock));
+    if (items.isMidnight) moments.push_back(moment_of(*day + days(1)));
+  }
+  if (const auto& day = items.day->sameClock) moments.push_back(moment_of(*day + items.clock.value_or(now - today)));
+  return moments;
+}
+
+// Removes the moments that have passed, and sorts the others. Of moments at most an hour apart, the first stays.
+std::vector<Moment> distinct(std::vector<Moment> moments, Moment now) {
+  std::erase_if(moments, [now](Moment moment) { return moment <= now; });
+  std::sort(moments.begin(), moments.end());
+  const auto isNear = [](Moment earlier, Moment later) { return later - earlier <= 1h; };
+  moments.erase(std::unique(moments.begin(), moments.end(), isNear), moments.end());
+  return moments;
+}
+
+// Nothing if the text names no day and no time of day.
+std::optional<std::vector<Moment>> read_local(std::string_view text, Moment now) {
+  const LocalTime local = local_time(now);
+  std::optional<DayAndClock> items = read_day_and_clock(text, floor<days>(local));
+  if (!items) return std::nullopt;
+  std::vector<Moment> moments = distinct(moments_of(*items, local), now);
+  if (!items->day && moments.size() > 1) moments.resize(1);
+  if (moments.empty() && items->day && items->day->nextSuch) {
+    items->day->day = *items->day->nextSuch;
+    moments = distinct(moments_of(*items, local), now);
+  }
+  return moments;
+}
+
+// Nothing if the text is not a duration. If the text says that it is one, by "in" or "+", throws for a bad duration.
+std::optional<Moment> read_from_now(std::string_view text, Moment now) {
+  for (std::string_view prefix : {"in ", "+"}) {
+    if (text.starts_with(prefix)) return now + read_duration(text.substr(prefix.size()));
+  }
+  try {
+    return now + read_duration(text);
+  } catch (const InputError&) {
+    return std::nullopt;
+  }
+}
+
+std::vector<Moment> read_readings(std::string_view text, Moment now) {
+  try {
+    return distinct({read_moment(text)}, now);
+  } catch (const InputError&) {  // not RFC 3339
+  }
+  const std::string lowered = lower_case(trimmed(text));
+  if (const auto moment = read_from_now(lowered, now)) return {*moment};
+  if (auto moments = read_local(lowered, now)) return *std::move(moments);
+  throw InputError("not a time: " + in_quotes(text) +
+                   ": write it as in 18:00, 6pm, tomorrow 9:00, friday 17:00, 2026-12-24 18:00 or 2h");
 }
 
 std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {
@@ -172,10 +379,12 @@ Moment read_moment(std::string_view text) {
 
 seconds read_duration(std::string_view text) {
   constexpr size_t kMostDigits = 9;
-  Reader reader(text);
+  const std::string lowered = lower_case(text);
+  Reader reader(lowered);
   seconds total(0);
   do {
-    const int64_t count = reader.number(kMostDigits);
+    const bool isOne = reader.accept("an ") || reader.accept("a ");
+    const int64_t count = isOne ? 1 : reader.number(kMostDigits);
     reader.skipSpace();
     const std::optional<seconds> unit = unit_of(reader.word());
     if (!reader.isValid() || !unit)
@@ -188,19 +397,12 @@ seconds read_duration(std::string_view text) {
   return total;
 }
 
-Moment read_until(std::string_view text, Moment now) {
-  std::optional<Moment> moment;
-  try {
-    moment = read_moment(text);
-  } catch (const InputError&) {
-    moment = read_local(text, now);
-  }
-  if (!moment)
-    throw InputError("not a time: " + in_quotes(text) +
-                     ": write it as in 18:00, \"tomorrow 9:00\" or \"2026-12-24 18:00\"");
-  if (*moment <= now) throw InputError("the time has passed: " + in_quotes(text) + ": give one to come");
-  if (*moment > now + kLongest) throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
-  return *moment;
+std::vector<Moment> read_until(std::string_view text, Moment now) {
+  std::vector<Moment> moments = read_readings(text, now);
+  if (moments.empty()) throw InputError("the time has passed: " + in_quotes(text) + ": give one to come");
+  if (moments.back() > now + kLongest)
+    throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
+  return moments;
 }
 
 std::string local_text(Moment moment, Moment now) {
@@ -208,7 +410,7 @@ std::string local_text(Moment moment, Moment now) {
   const days ahead = floor<days>(local_time(moment)) - floor<days>(local_time(now));
   const bool near = ahead == days(0) || ahead == days(1);
   char text[64];
-  std::strftime(text, sizeof text, near ? "%H:%M" : "%Y-%m-%d %H:%M", &fields);
+  std::strftime(text, sizeof text, near ? "%H:%M" : "%a %Y-%m-%d %H:%M", &fields);
   std::string result = (ahead == days(1) ? "tomorrow " : "") + std::string(text);
   if (fields.tm_sec == 0) return result;
   std::strftime(text, sizeof text, ":%S", &fields);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace orvane {
 
@@ -18,23 +19,32 @@ std::string time_text(Moment moment);
 // the years that time_text() can write.
 Moment read_moment(std::string_view text);
 
-// Reads a duration as people type it: numbers with s, m, h, d or w (or words: min, hours, week), as in "90s", "1h30m"
-// or "1 h 30 min". Throws InputError for any other text, for zero and for more than ten years.
+// Reads a duration as people type it: numbers with s, m, h, d or w (or words: min, hours, week), as in "90s", "1h30m",
+// "1 h 30 min" or "an hour". Throws InputError for any other text, for zero and for more than ten years.
 std::chrono::seconds read_duration(std::string_view text);
 
-// Reads a moment as people type it, in the local time zone or in RFC 3339:
+// Reads the end of a time span as people type it, in the local time zone or in RFC 3339. Upper and lower case are
+// equal.
 //
-//   18:00                         the next moment at which the clock shows this time
-//   2026-12-24 18:00
-//   2026-12-24, tomorrow          the start of that day
-//   tomorrow 9:00, today 18:00
+//   18:00, 6pm, noon, midnight           the next moment at which the clock shows this time
+//   2026-12-24, 24 Dec, monday           the start of that day; without a year or a date, of the next such day
+//   2026-12-24 18:00, friday 5pm         a day and a time, in any order; "at" and "on" may precede them
+//   2h, 1h30m, in 2 hours, +2 hours      a duration (read_duration()) from `now`
 //
-// When the clocks change, a time that occurs twice means its first occurrence, and a time that is skipped is read with
-// the UTC offset from before the change (RFC 5545, section 3.3.5). Throws InputError for any other text, and for a
-// moment that is not after `now` or that is more than ten years after it.
-Moment read_until(std::string_view text, Moment now);
+// Some texts can be read in several ways:
+//
+//   tomorrow, next week, next month      the start of that day, week or month; or this time of day, one later
+//   next friday                          the first Friday after today; or the Friday of the next week (from Monday)
+//   friday midnight                      the start of that day; or its end
+//
+// Returns all readings after `now`, in order; readings at most an hour apart count as one, the first. When the clocks
+// change, a time that occurs twice means its first occurrence, and a time that is skipped is read with the UTC offset
+// from before the change (RFC 5545, section 3.3.5). Throws InputError for any other text, and if no reading is after
+// `now` or a reading is more than ten years after it.
+std::vector<Moment> read_until(std::string_view text, Moment now);
 
-// For people, in the local time zone: "18:00", "tomorrow 09:00" or "2026-12-24 18:00"; with seconds unless they are 0.
+// For people, in the local time zone: "18:00", "tomorrow 09:00" or "Thu 2026-12-24 18:00"; with seconds unless they are
+// 0. read_until() can read the text back.
 std::string local_text(Moment moment, Moment now);
 
 // For people: "29 min", "1 h 30 min", "2 days 3 h", "45 s".

@@ -2,7 +2,10 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "companion/text/Input.h"
 #include "companion/text/TimeText.h"
@@ -10,33 +13,74 @@
 namespace orvane {
 namespace {
 
-// In Berlin the clocks went from 2:00 to 3:00 on 2026-03-29, and from 3:00 back to 2:00 on 2026-10-25.
+// In Berlin the clocks went from 2:00 to 3:00 on 2026-03-29, and from 3:00 back to 2:00 on 2026-10-25. 2026-11-18 is a
+// Wednesday. Each row has a text and the moments that it may mean at `now`, in local time.
 TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
   setenv("TZ", "Europe/Berlin", 1);
-  const char* const kCases[][3] = {
-      {"2026-03-28T12:00:00Z", "18:00", "2026-03-28T17:00:00Z"},
-      {"2026-03-28T12:00:00Z", "13:00", "2026-03-29T11:00:00Z"},
-      {"2026-03-28T12:00:00Z", "tomorrow 2:30", "2026-03-29T01:30:00Z"},
-      {"2026-10-24T12:00:00Z", "tomorrow 2:30:15", "2026-10-25T00:30:15Z"},
-      {"2026-10-24T12:00:00Z", " tomorrow ", "2026-10-24T22:00:00Z"},
-      {"2026-03-28T12:00:00Z", "today 18:00", "2026-03-28T17:00:00Z"},
-      {"2026-03-28T12:00:00Z", "2026-12-24 18:00", "2026-12-24T17:00:00Z"},
-      {"2026-03-28T12:00:00Z", "2026-12-24T18:00", "2026-12-24T17:00:00Z"},
-      {"2026-03-28T12:00:00Z", "2026-12-24", "2026-12-23T23:00:00Z"},
-      {"2026-03-28T12:00:00Z", "2026-12-24 18:00:00.5+01:00", "2026-12-24T17:00:01Z"},
+  tzset();
+  struct Case {
+    const char *now, *text, *readings;
   };
-  for (const auto& [now, text, moment] : kCases)
-    EXPECT_EQ(time_text(read_until(text, read_moment(now))), moment) << now << " " << text;
-  const Moment now = read_moment("2026-03-28T12:00:00Z");
+  constexpr const char *kSpring = "2026-03-28T12:00:00Z", *kAutumn = "2026-10-24T12:00:00Z",
+                       *kEvening = "2026-11-18T20:31:00Z", *kPastMidnight = "2026-11-17T23:20:00Z";
+  const Case kCases[] = {
+      {kSpring, "18:00", "18:00"},
+      {kSpring, "13:00", "tomorrow 13:00"},
+      {kSpring, "tomorrow 2:30", "tomorrow 03:30"},
+      {kAutumn, "tomorrow 2:30:15", "tomorrow 02:30:15"},
+      {kAutumn, " tomorrow ", "tomorrow 00:00, tomorrow 14:00"},
+      {kSpring, "today 18:00", "18:00"},
+      {kEvening, "2026-12-24 18:00", "Thu 2026-12-24 18:00"},
+      {kEvening, "2026-12-24T18:00", "Thu 2026-12-24 18:00"},
+      {kEvening, "2026-12-24", "Thu 2026-12-24 00:00"},
+      {kEvening, "2026-12-24 18:00:00.5+01:00", "Thu 2026-12-24 18:00:01"},
+      {kEvening, "Thu 2026-12-24 18:00", "Thu 2026-12-24 18:00"},
+      {kEvening, "24 Dec at 6 PM", "Thu 2026-12-24 18:00"},
+      {kEvening, "dec 24, 2027, 6:30pm", "Fri 2027-12-24 18:30"},
+      {kEvening, "1 november", "Mon 2027-11-01 00:00"},
+      {kEvening, "10pm", "22:00"},
+      {kEvening, "12am", "tomorrow 00:00"},
+      {kEvening, "noon", "tomorrow 12:00"},
+      {kEvening, "midnight", "tomorrow 00:00"},
+      {kEvening, "tomorrow", "tomorrow 00:00, tomorrow 21:31"},
+      {kPastMidnight, "tomorrow", "tomorrow 00:00"},
+      {kEvening, "9am tomorrow", "tomorrow 09:00"},
+      {kEvening, "tomorrow midnight", "tomorrow 00:00, Fri 2026-11-20 00:00"},
+      {kEvening, "today midnight", "tomorrow 00:00"},
+      {kEvening, "monday", "Mon 2026-11-23 00:00"},
+      {kEvening, "this Wed", "Wed 2026-11-25 00:00"},
+      {kEvening, "wednesday 22:00", "22:00"},
+      {kEvening, "on friday at 17:00", "Fri 2026-11-20 17:00"},
+      {kEvening, "next monday", "Mon 2026-11-23 00:00"},
+      {kEvening, "next wednesday", "Wed 2026-11-25 00:00"},
+      {kEvening, "next fri 5pm", "Fri 2026-11-20 17:00, Fri 2026-11-27 17:00"},
+      {kEvening, "next week", "Mon 2026-11-23 00:00, Wed 2026-11-25 21:31"},
+      {"2026-01-31T12:00:00Z", "next month", "tomorrow 00:00, Sat 2026-02-28 13:00"},
+      {kEvening, "in 2 hours", "23:31"},
+      {kEvening, "2h", "23:31"},
+      {kEvening, "+90 min", "23:01"},
+      {kEvening, "in an Hour", "22:31"},
+  };
+  for (const auto& [given, text, readings] : kCases) {
+    const Moment now = read_moment(given);
+    std::string found;
+    for (const Moment reading : read_until(text, now)) {
+      found += (found.empty() ? "" : ", ") + local_text(reading, now);
+      EXPECT_EQ(read_until(local_text(reading, now), now), std::vector{reading}) << text;
+    }
+    EXPECT_EQ(found, readings) << given << " " << text;
+  }
+  const Moment now = read_moment(kSpring);
   for (const char* text :
-       {"", "18", "24:00", "6:60", "today 9:00", "2026-02-30", "2026-03-28 13:00", "2037-01-01", "18:00x", "never"})
+       {"", "18", "24:00", "6:60", "13pm", "0am", "today 9:00", "2026-02-30", "2026-03-28 13:00", "2037-01-01",
+        "18:00x", "never", "fri 2026-03-30", "30 feb", "monday tuesday", "9am 10am", "next", "in 5", "at"})
     EXPECT_THROW(read_until(text, now), InputError) << text;
-  EXPECT_EQ(local_text(read_moment("2026-03-29T01:30:00Z"), now), "tomorrow 03:30");
+  EXPECT_EQ(time_text(read_until("tomorrow 2:30", read_moment(kAutumn)).front()), "2026-10-25T00:30:00Z");
 }
 
 TEST(TimeText, ReadsDurationsAsPeopleTypeThem) {
   const std::pair<const char*, int64_t> kDurations[] = {
-      {"90s", 90}, {"30m", 1800}, {"1h30m", 5400}, {" 1 h 30 min ", 5400}, {"2d", 172800}, {"1w", 604800}};
+      {"90s", 90}, {"30m", 1800}, {"1h30m", 5400}, {" 1 h 30 min ", 5400}, {"2D", 172800}, {"1w", 604800}};
   for (const auto& [text, seconds] : kDurations) EXPECT_EQ(read_duration(text).count(), seconds) << text;
   for (const char* text : {"", "30", "0m", "-5m", "1.5h", "3m x", "99999999999s", "999999999w", "3653d"})
     EXPECT_THROW(read_duration(text), InputError) << text;
