@@ -171,7 +171,7 @@ std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) 
   std::vector<std::string> lines;
   for (const auto& [name, until] : keeper.suspended) {
     if (lines.size() == kSuspensionsShown) {
-      const std::string more = std::to_string(keeper.suspended.size() - kSuspensionsShown);
+      const std::string more = std::to_string(keeper.suspendedNames - kSuspensionsShown);
       lines.push_back(coloured("and " + more + " more: orvanectl list", Colour::Faint));
       break;
     }

@@ -290,7 +290,7 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
   } else {
     std::string found =
         counted(state.sites, "site", "sites") + ", " + counted(state.sentNames, "name", "names") + " sent";
-    if (!state.suspended.empty()) found += ", " + counted(state.suspended.size(), "name", "names") + " suspended";
+    if (state.suspendedNames > 0) found += ", " + counted(state.suspendedNames, "name", "names") + " suspended";
     add(Result::Ok, found, "");
   }
   if (state.changesOfOthers > 0) {

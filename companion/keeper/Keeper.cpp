@@ -372,7 +372,10 @@ void Keeper::take(HeldNames list) {
   list_ = std::move(list);
   isKnown_ = true;
   state_.names = list_.names.size();
-  state_.suspended = list_.suspended;
+  state_.suspendedNames = list_.suspended.size();
+  state_.suspended.clear();
+  std::copy_n(list_.suspended.begin(), std::min(list_.suspended.size(), KeeperState::kMostSuspensions),
+              std::back_inserter(state_.suspended));
 }
 
 Moment Keeper::timerMoment(const HeldNames& list) {
@@ -407,7 +410,7 @@ void Keeper::publish() {
   std::string status = !state_.connected    ? "Waiting for the extension"
                        : state_.sentVersion ? counted(state_.sentNames, "name", "names") + " sent"
                                             : "Connected, without a list";
-  if (!state_.suspended.empty()) status += ", " + std::to_string(state_.suspended.size()) + " suspended";
+  if (state_.suspendedNames > 0) status += ", " + std::to_string(state_.suspendedNames) + " suspended";
   if (status != status_) sd_notify(0, ("STATUS=" + status).c_str());
   status_ = std::move(status);
   if (!lock_) return;

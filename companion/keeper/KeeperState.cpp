@@ -98,6 +98,7 @@ KeeperState state_of(const Json& json) {
   list.read("sites", state.sites);
   list.read("names", state.names);
   list.read("badLines", state.badLines);
+  list.read("suspendedNames", state.suspendedNames);
   list.read("error", state.listError);
   list.read("guarded", state.isGuarded);
   for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
@@ -143,6 +144,7 @@ Json to_json(const KeeperState& state) {
             {"sites", state.sites},
             {"names", state.names},
             {"badLines", state.badLines},
+            {"suspendedNames", state.suspendedNames},
             {"suspended", std::move(suspended)},
             {"groups", std::move(groups)},
             {"guarded", state.isGuarded},

@@ -27,7 +27,11 @@ struct KeeperState {
   uint64_t sites = 0;
   uint64_t names = 0;  // how many names the extension must hold now; suspended names are not counted
   uint64_t badLines = 0;
-  std::vector<std::pair<std::string, Moment>> suspended;  // names, and when their suspension ends
+  uint64_t suspendedNames = 0;
+  // The first kMostSuspensions of the suspended names, and when their suspension ends. The state must stay small,
+  // because the keeper writes it after each change, and each command that waits for the keeper reads it.
+  std::vector<std::pair<std::string, Moment>> suspended;
+  static constexpr size_t kMostSuspensions = 100;
   struct GroupState {
     std::string name;
     bool isInForce = false;

@@ -16,12 +16,15 @@ using Suspensions = std::vector<std::pair<std::string, Moment>>;
 
 Value date_of(Moment moment) { return Value::date(static_cast<double>((moment - kAbsoluteTimeReference).count())); }
 
-// The extension counts each message as an edit, even if the extension does not hold the name and so ignores the date.
-uint64_t send_dates(Client& client, const Suspensions& suspended) {
+// Sends the dates of those names that are among the sorted `names`. Returns how many dates were sent.
+uint64_t send_dates(Client& client, const Suspensions& suspended, const std::vector<std::string>& names) {
+  uint64_t count = 0;
   for (const auto& [name, until] : suspended) {
+    if (!std::binary_search(names.begin(), names.end(), name)) continue;
     client.setProperties(Value::dictionary({{Value::string(kDontBlockUntil), date_of(until)}}), Value::string(name));
+    ++count;
   }
-  return suspended.size();
+  return count;
 }
 
 // The elements of `from` that are not in `without`; both are sorted.
@@ -36,7 +39,7 @@ Sorted difference(const Sorted& from, const Sorted& without) {
 
 uint64_t send_all(Client& client, const HeldNames& list) {
   client.setHostnames(list.names, nullptr);
-  return 1 + send_dates(client, list.suspended);
+  return 1;
 }
 
 bool needs_whole_list(const HeldNames& before, const HeldNames& after) {
@@ -56,7 +59,7 @@ uint64_t send_difference(Client& client, const HeldNames& before, const HeldName
   std::vector<std::string> removed = difference(before.names, after.names);
   std::vector<std::string> added = difference(after.names, before.names);
   // Send the dates before removeHostnames(), because the extension keeps a date only for a name that it holds.
-  uint64_t edits = send_dates(client, difference(after.suspended, before.suspended));
+  uint64_t edits = send_dates(client, after.suspended, before.names);
   if (!removed.empty()) client.removeHostnames(removed);
   if (!added.empty()) client.addHostnames(added);
   return edits + removed.size() + added.size();

@@ -7,8 +7,8 @@
 
 // Sends the list to the extension. FilterDataProvider ignores the date at which a suspension ends, so the keeper
 // removes a suspended name and adds it again at that date. PLSafariFilterDataProvider honours the date, so the keeper
-// also sends the date. If the keeper sends only a difference, it sends the date before it removes the name, because the
-// extension stores properties only for names that it holds.
+// also sends the date, before it removes the name. It sends no date for a name that the extension does not hold,
+// because the extension would ignore the date.
 namespace orvane {
 
 // Replaces all host names that the extension holds. Returns how many edits the extension counts for the messages that
