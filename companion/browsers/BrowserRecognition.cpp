@@ -12,7 +12,7 @@ namespace orvane {
 std::optional<RecognitionFault> recognition_fault(const ClientOptions& client) {
   struct stat status = {};
   if (!client.socket.empty() || stat(kPackageBundle, &status) != 0) return std::nullopt;
-  const BrowserList list = read_browser_list(kPackageBundle);
+  const BrowserList list = read_browser_list(std::string(kPackageBundle) + kBrowserListInBundle);
   if (list.fault.empty()) return std::nullopt;
   const auto service = unit_state(kExtensionUnit);
   const bool isNewer = service && service->since && stat(list.path.c_str(), &status) == 0 &&

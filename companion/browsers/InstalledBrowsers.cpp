@@ -64,12 +64,6 @@ void classify(InstalledBrowser& browser) {
   }
 }
 
-Value parse_property_list(const std::string& text) {
-  Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
-  Ref<NSError> error;
-  return data ? property_list_create_with_data(data.get(), &error) : Value();
-}
-
 // Finds browsers in folders of desktop entries.
 class Search {
  public:
@@ -160,41 +154,11 @@ class Search {
 
 }  // namespace
 
-bool BrowserList::recognises(std::string_view identifier) const {
-  return std::any_of(endings.begin(), endings.end(),
-                     [&](const std::string& ending) { return identifier.ends_with(ending); });
-}
-
-BrowserList read_browser_list(const std::string& bundle) {
-  constexpr size_t kListLimit = 1024;
-  BrowserList list;
-  list.path = bundle + "/Contents/Resources/Browsers.plist";
-  // Messages name the file that a user has to edit, not a link to it.
-  if (std::string file = resolve_links(list.path); !file.empty()) list.path = std::move(file);
-  auto text = read_file_start(list.path, kListLimit + 1, Links::Follow);
-  if (!text) {
-    list.fault = "cannot be read";
-    return list;
-  }
-  if (text->size() > kListLimit) {
-    list.fault = "has more than " + std::to_string(kListLimit) + " bytes; the extension reads no more";
-    return list;
-  }
-  const Value value = parse_property_list(*text);
-  if (!value.isArray()) {
-    list.fault = "is not a property list with an array";
-    return list;
-  }
-  for (const Value& element : value.asArray()) {
-    if (element.isString() && !element.asString().empty()) list.endings.emplace_back(element.asString());
-  }
-  if (list.endings.empty()) list.fault = "contains no browser";
-  return list;
-}
-
 bool passes_http3(const std::string& bundle) {
-  const auto text = read_file_start(bundle + "/Contents/Info.plist", kEntryLimit, Links::Follow);
-  const Value information = text ? parse_property_list(*text) : Value();
+  const auto text = read_file_start(bundle + "/Contents/Info.plist", kEntryLimit, Links::Follow).value_or("");
+  const Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
+  Ref<NSError> error;
+  const Value information = data ? property_list_create_with_data(data.get(), &error) : Value();
   const Value* settings = information.find("NetworkExtension");
   const Value* setting = settings == nullptr ? nullptr : settings->find("OrvaneHTTP3");
   return setting != nullptr && *setting == Value::borrowed("pass");

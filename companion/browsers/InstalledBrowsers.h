@@ -7,25 +7,12 @@
 
 #include "companion/browsers/BrowserPolicy.h"
 #include "platform/linux/process/ApplicationIndex.h"
+#include "platform/linux/process/BrowserList.h"
 
 namespace orvane {
 
-// The list of browser identifiers by which the extension recognises browsers: a property list in the extension's
-// bundle.
-struct BrowserList {
-  std::string path;
-  std::vector<std::string> endings;  // an application whose identifier ends with one of these is a browser
-  std::string fault;                 // why the extension cannot use the list; empty when it can
-
-  bool recognises(std::string_view identifier) const;
-};
-
 // The bundle of the package's extension.
 inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
-
-// Reads BUNDLE/Contents/Resources/Browsers.plist. A list of more than 1024 bytes is a fault, because the extension
-// reads only the first 1024 bytes.
-BrowserList read_browser_list(const std::string& bundle);
 
 // Whether the setting OrvaneHTTP3 in BUNDLE/Contents/Info.plist lets HTTP/3 pass unfiltered.
 bool passes_http3(const std::string& bundle);

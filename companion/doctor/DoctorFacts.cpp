@@ -229,7 +229,7 @@ Facts gather_browser_facts() {
   Facts facts;
   look_at_processes(facts);
   const std::string bundle = find_bundle(facts.process);
-  facts.browserList = read_browser_list(bundle);
+  facts.browserList = read_browser_list(bundle + kBrowserListInBundle);
   facts.passesHTTP3 = passes_http3(bundle);
   facts.browsers = look_at_browsers();
   return facts;

@@ -165,7 +165,7 @@ TEST_F(Browsers, IdentifiesInstalledBrowsersAsTheExtensionDoes) {
 TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
   auto list = [&](const std::string& text) {
     write("/b/Contents/Resources/Browsers.plist", text);
-    return read_browser_list(root + "/b");
+    return read_browser_list(root + "/b" + kBrowserListInBundle);
   };
   auto array = [](const std::string& elements) {
     return "<plist version=\"1.0\"><array>" + elements + "</array></plist>";

@@ -14,6 +14,12 @@ std::string filtering_status(uint64_t hiddenNames) {
   return hiddenNames == 0 ? std::string(kFiltering) : std::string(kHiddenNames) + std::to_string(hiddenNames);
 }
 
+std::string no_browser_status(const std::string& reason) {
+  return std::string(kFiltering) + " nothing: no browser is recognised: " + reason;
+}
+
+bool says_filtering(std::string_view status) { return status.starts_with(kFiltering); }
+
 uint64_t hidden_names_in(std::string_view status) {
   if (!status.starts_with(kHiddenNames)) return 0;
   return parse_number<uint64_t>(status.substr(kHiddenNames.size())).value_or(0);

@@ -11,6 +11,12 @@ namespace orvane {
 
 std::string filtering_status(uint64_t hiddenNames);
 
+// The status line of an extension that recognises no browser, for this reason, and so blocks nothing.
+std::string no_browser_status(const std::string& reason);
+
+// Whether the line is one of these.
+bool says_filtering(std::string_view status);
+
 // The number in a status line; 0 if the line has none.
 uint64_t hidden_names_in(std::string_view status);
 

@@ -14,10 +14,12 @@
 #include "platform/Bundle.h"
 #include "platform/Log.h"
 #include "platform/Value.h"
+#include "platform/linux/base/FileURL.h"
 #include "platform/linux/base/ServiceStatus.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/Netfilter.h"
+#include "platform/linux/process/BrowserList.h"
 #include "platform/linux/proxy/Proxy.h"
 
 namespace orvane {
@@ -35,6 +37,16 @@ Value extension_setting(std::string_view key) {
 }
 
 bool ends_open_connections() { return extension_setting("OrvaneOpenConnections") != Value::borrowed("keep"); }
+
+// Why the extension recognises no browser, or an empty text. The core, which reads the list of browsers, logs only what
+// went wrong, and not in which file.
+std::string browser_list_fault() {
+  const auto url = bundle_copy_resource_url(bundle_get_main(), "Browsers", "plist");
+  const auto path = url ? path_of_file_url(*url) : std::nullopt;
+  if (!path) return "the bundle has no Browsers.plist";
+  const BrowserList list = read_browser_list(*path);
+  return list.fault.empty() ? "" : list.path + " " + list.fault;
+}
 
 // Tells the service manager that the start is complete. The start also counts as complete if the filter could not
 // start, because the extension still serves its companion, which can ask what is wrong.
@@ -106,6 +118,9 @@ void ProviderHost::run(CreateProvider create, const std::string& className) {
     if (isStopped()) return;  // the service manager already knows that the extension stops
     if (error != nullptr) {
       reportFailure(error->localizedDescription());
+    } else if (const std::string fault = browser_list_fault(); !fault.empty()) {
+      ORVANE_LOG_ERROR(default_log(), "no browser is recognised, so nothing is blocked: %@", fault);
+      report_ready(no_browser_status(fault));
     } else {
       report_ready(filtering_status(0));
     }

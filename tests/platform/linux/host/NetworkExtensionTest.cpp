@@ -5,10 +5,14 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <optional>
+#include <string>
 #include <tuple>
+#include <utility>
 
 #include "platform/Bundle.h"
 #include "platform/Dispatch.h"
+#include "platform/linux/base/FileURL.h"
 #include "platform/linux/flow/ScriptedProvider.h"
 #include "support/Sockets.h"
 #include "support/TemporaryFolder.h"
@@ -16,11 +20,16 @@
 namespace orvane {
 
 Value networkExtension;  // the value of the key NetworkExtension in the bundle's Info.plist
+std::optional<std::string> browserList = "file:///nonexistent";  // its URL
 bool hangsAtStop = false;
 
 Bundle* bundle_get_main() { return nullptr; }
 Value bundle_get_information(const Bundle*, std::string_view key) {
   return key == "NetworkExtension" ? networkExtension : Value();
+}
+
+std::optional<std::string> bundle_copy_resource_url(const Bundle*, std::string_view, std::string_view) {
+  return browserList;
 }
 
 namespace {
@@ -90,6 +99,22 @@ TEST(ProviderHost, ReportsItsStartToTheServiceManager) {
     EXPECT_TRUE(messages.starts_with("start; READY=1\nSTATUS=")) << messages;
     EXPECT_NE(messages.find(status), std::string::npos) << messages;
     EXPECT_TRUE(messages.ends_with("; STOPPING=1; stop; exit 0")) << messages;
+  }
+}
+
+TEST(ProviderHost, ReportsAFaultyBrowserListToTheServiceManager) {
+  TemporaryFolder folder;
+  const std::pair<std::optional<std::string>, std::string> kCases[] = {
+      {std::nullopt, "Filtering nothing: no browser is recognised: the bundle has no Browsers.plist;"},
+      {file_url_of_path(folder.write("bad", "firefox").string()), "bad is not a property list with an array;"},
+      {file_url_of_path(
+           folder.write("good", "<plist version=\"1.0\"><array><string>a</string></array></plist>").string()),
+       "STATUS=Filtering;"},
+  };
+  for (const auto& [list, status] : kCases) {
+    browserList = list;
+    const std::string messages = run_extension(Value::string("proxy"), Value::number(0));
+    EXPECT_NE(messages.find(status), std::string::npos) << messages;
   }
 }
 
