@@ -82,8 +82,10 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  // The status line of an inactive service is not read, because systemd keeps the line of the service's last run.
+  // systemd keeps the status line of a service's last run. The line of a failed service may be the reason of the
+  // failure; but if the service was killed, the line still says that it filters.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
+  if (state.active == "failed" && says_filtering(state.status)) state.status.clear();
   state.hiddenNames = hidden_names_in(state.status);
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');

@@ -17,12 +17,14 @@ struct UnitState {
   std::string load;             // "loaded", "not-found" and so on
   std::string active;           // "active", "inactive", "failed", "activating" and so on
   std::string sub;              // "running", "dead", "auto-restart" and so on
-  std::string status;           // the service's own status line (sd_notify(3)); empty if inactive
+  std::string status;           // the service's own status line (sd_notify(3)); empty if it is out of date
   uint64_t hiddenNames = 0;     // how many connections hid the host's name, as `status` says (ServiceStatus.h)
   std::string result;           // how the service last ended: "success", "exit-code", "signal" and so on
   std::optional<Moment> since;  // when the unit's state last changed
   uint32_t restarts = 0;
   bool isRunning() const { return active == "active"; }
+  // "active (running)"; for a failed unit, with the result: "failed (start-limit-hit)".
+  std::string text() const { return active + " (" + (active == "failed" ? result : sub) + ')'; }
 };
 
 // Nothing if no service manager answers, as in most containers. Waits at most 3 seconds for an answer.

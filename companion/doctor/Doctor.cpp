@@ -46,10 +46,10 @@ Finding examine_denial(const Facts& facts) {
     finding.advice = "reinstall the package orvane-se";
   } else if (!group.listed) {
     finding.found += "; " + group.user + " is not a member of the group orvane";
-    finding.advice = access_advice(group.user);
+    finding.advice = access_advice(group);
   } else if (!group.inForce) {
-    finding.found += "; " + group.user + " joined the group orvane after this login";
-    finding.advice = "log out and in again, or for this shell only: newgrp orvane";
+    finding.found += "; the groups of this login are out of date";
+    finding.advice = access_advice(group);
   } else {
     finding.found += ", although " + group.user + " is a member of the group orvane";
     finding.advice = "check the permissions of the socket and its folder: ls -la " +
@@ -75,7 +75,7 @@ Finding examine_connection(const Facts& facts) {
     case Outcome::NoSocket:
       break;
   }
-  return {"answer", "", Result::Problem, "the extension has no socket: tried " + socket,
+  return {"answer", "", Result::Problem, "the extension has no socket: " + socket + " is missing",
           is_running(facts) ? "to see why it does not listen: journalctl -u orvane-se.service"
                             : "sudo systemctl start orvane-se.service"};
 }

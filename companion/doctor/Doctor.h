@@ -12,6 +12,7 @@
 #include "companion/browsers/InstalledBrowsers.h"
 #include "companion/doctor/ControlClients.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/text/AccessGroup.h"
 
 namespace orvane {
 
@@ -44,15 +45,7 @@ struct UnitFacts {
 struct ConnectionFacts {
   enum class Outcome { Answered, NoSocket, Refused, Denied, Silent };
   Outcome outcome = Outcome::NoSocket;
-  std::string socket;  // the socket's path; for NoSocket, all paths that were tried
-};
-
-// Whether the user belongs to the group whose members may connect to the extension.
-struct GroupFacts {
-  std::string user;
-  bool exists = false;
-  bool listed = false;   // the group database lists the user as a member
-  bool inForce = false;  // this process has the group; a user's processes get a new group only at the next login
+  std::string socket;  // the socket's path; for NoSocket, the path of the package's service
 };
 
 // The kernel's rules of one address family, as text.

@@ -1,6 +1,5 @@
 #include "companion/doctor/DoctorFacts.h"
 
-#include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>
 #include <sys/socket.h>
@@ -53,7 +52,7 @@ UnitFacts look_at_unit(const char* name) {
   facts.installed = state->load != "not-found";
   facts.running = state->isRunning();
   facts.hiddenNames = state->hiddenNames;
-  facts.state = state->active + " (" + state->sub + ')';
+  facts.state = state->text();
   if (!state->status.empty()) facts.state += ": " + state->status;
   return facts;
 }
@@ -80,36 +79,19 @@ ConnectionFacts look_at_connection(const Examination& examination) {
   std::vector<std::string> paths = examination.socket.empty() ? client_socket_paths(examination.service, &error)
                                                               : std::vector<std::string>{examination.socket};
   ConnectionFacts facts;
-  std::string tried;
   for (const std::string& path : paths) {
     const int failure = try_socket(path);
     if (failure == 0) {
       return {is_answered(path) ? ConnectionFacts::Outcome::Answered : ConnectionFacts::Outcome::Silent, path};
     }
-    tried += (tried.empty() ? "" : ", ") + path;
     if (facts.outcome != ConnectionFacts::Outcome::NoSocket) continue;
     if (failure == EACCES || failure == EPERM) facts = {ConnectionFacts::Outcome::Denied, path};
     if (failure == ECONNREFUSED) facts = {ConnectionFacts::Outcome::Refused, path};
   }
-  if (facts.socket.empty()) facts.socket = error.empty() ? tried : error;
-  return facts;
-}
-
-GroupFacts look_at_group() {
-  GroupFacts facts;
-  const passwd* user = ::getpwuid(::geteuid());
-  facts.user = user != nullptr ? user->pw_name : std::to_string(::geteuid());
-  const gid_t primary = user != nullptr ? user->pw_gid : ::getegid();
-  const group* members = ::getgrnam(kAccessGroup);
-  if (members == nullptr) return facts;
-  facts.exists = true;
-  facts.listed = members->gr_gid == primary;
-  for (char** member = members->gr_mem; *member != nullptr; ++member) facts.listed |= facts.user == *member;
-  std::vector<gid_t> groups(static_cast<size_t>(std::max(::getgroups(0, nullptr), 0)));
-  const int count = ::getgroups(static_cast<int>(groups.size()), groups.data());
-  groups.resize(static_cast<size_t>(std::max(count, 0)));
-  facts.inForce =
-      ::getegid() == members->gr_gid || std::find(groups.begin(), groups.end(), members->gr_gid) != groups.end();
+  if (facts.socket.empty())
+    facts.socket = paths.empty()                ? error
+                   : examination.socket.empty() ? std::string(kServiceSocketFolder) + '/' + examination.service
+                                                : examination.socket;
   return facts;
 }
 

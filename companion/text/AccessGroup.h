@@ -7,10 +7,16 @@ namespace orvane {
 // The group whose members may edit the machine's list and connect to the machine's extension.
 inline constexpr const char* kAccessGroup = "orvane";
 
-// Advice for a user who gets EACCES or EPERM because the user is not in this group.
-inline std::string access_advice(const std::string& user = "USER") {
-  return std::string("join the group ") + kAccessGroup + ": sudo usermod -aG " + kAccessGroup + " " + user +
-         ", then log out and in again";
-}
+// Whether the user of this process belongs to the group.
+struct GroupFacts {
+  std::string user;
+  bool exists = false;
+  bool listed = false;   // the group database lists the user as a member
+  bool inForce = false;  // this process has the group; a user's processes get a new group only at the next login
+};
+GroupFacts look_at_group();
+
+// Advice for a user who gets EACCES or EPERM.
+std::string access_advice(const GroupFacts& group = look_at_group());
 
 }  // namespace orvane

@@ -241,15 +241,13 @@ std::vector<std::string> paths_to_try(const ClientOptions& options) {
 
 std::string advice(int error, const std::string& path) {
   switch (error) {
-    case ENOENT:
-      return "start the extension, or name another socket";
     case ECONNREFUSED:
       return "the extension that made it is gone: start it again";
     case ENAMETOOLONG:
       return "use a shorter path: this one is too long for a socket";
     case EACCES:
-      // systemd makes /run/orvane-se for the package's service, and only members of the service's group may enter it.
-      if (path.rfind("/run/orvane-se/", 0) == 0) return access_advice();
+      // Only members of the service's group may enter this folder.
+      if (path.starts_with(kServiceSocketFolder)) return access_advice();
       return "it belongs to another user: run as that user or as root";
     default:
       return "name another socket";
@@ -259,8 +257,9 @@ std::string advice(int error, const std::string& path) {
 // Connects to the first path that works, and sets `reached` to this path. A failure does not end the search, because a
 // socket file that a dead extension left must not hide the socket of a live extension later in the list. If no path
 // works, the error that is thrown describes the first failure other than a missing file.
-Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* reached) {
-  std::string tried, failure;
+Descriptor connect_to_first(const ClientOptions& options, std::string* reached) {
+  const std::vector<std::string> paths = paths_to_try(options);
+  std::string failure;
   bool isAbsent = true;
   for (const std::string& path : paths) {
     Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -272,21 +271,22 @@ Descriptor connect_to_first(const std::vector<std::string>& paths, std::string* 
     if (error == EINTR)
       throw UnresponsiveExtension("cannot reach the extension at " + path +
                                   ": it takes no connection: it hangs, or serves too many clients; restart it");
-    tried += (tried.empty() ? "" : ", ") + path;
     isAbsent = isAbsent && (error == ENOENT || error == ECONNREFUSED);
     if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error, path);
   }
   if (!failure.empty() && !isAbsent) throw ClientError("cannot reach the extension at " + failure);
   if (!failure.empty()) throw NoExtension("cannot reach the extension at " + failure);
-  throw NoExtension("cannot reach the extension: there is no socket at " + tried +
-                    "; start the extension, or name its socket or service");
+  throw NoExtension(
+      "cannot reach the extension: there is no socket at " +
+      (options.socket.empty() ? std::string(kServiceSocketFolder) + '/' + options.service : options.socket) +
+      "; start the extension (sudo systemctl start orvane-se), or name its socket or service");
 }
 
 }  // namespace
 
 std::unique_ptr<Client> connect_client(const ClientOptions& options) {
   std::string path;
-  Descriptor connection = connect_to_first(paths_to_try(options), &path);
+  Descriptor connection = connect_to_first(options, &path);
   std::unique_ptr<Client> client;
   auto failure = kj::runCatchingExceptions(
       [&] { client = std::make_unique<LinuxClient>(std::move(connection), std::move(path)); });

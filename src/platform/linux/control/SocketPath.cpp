@@ -84,9 +84,9 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   if (!is_file_name(service, error)) return paths;
   std::string reason;  // ignored: if the user has no directory, the paths in the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // The packaged service listens in the folder orvane-se, because its unit has RuntimeDirectory=orvane-se.
+  // A user's service manager, too, makes the folder orvane-se for the packaged unit.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
-                                       std::string("/run/orvane-se"), std::string("/run")}) {
+                                       std::string(kServiceSocketFolder), std::string("/run")}) {
     auto path = socket_path(directory, service, error);
     if (path && std::find(paths.begin(), paths.end(), *path) == paths.end()) paths.push_back(*path);
   }

@@ -28,6 +28,9 @@ struct ServerSocket {
 //                               the first that is a directory
 std::optional<ServerSocket> server_socket(const std::string& service, std::string* error);
 
+// The folder of the packaged service's socket: its unit has RuntimeDirectory=orvane-se.
+inline constexpr const char* kServiceSocketFolder = "/run/orvane-se";
+
 // The paths that a client of this user tries, in order: in the user's runtime directory (see above), in the folder
 // orvane-se of that directory, in /run/orvane-se, in /run. If `service` cannot be a socket's name, returns no paths and
 // sets *error.
