@@ -71,14 +71,14 @@ class _Stage:
         if (printed if prints is not None else None, done.returncode) != (prints, code):
             fault = f"expected the output \"{prints}\" and the exit code {code}, not {done.returncode}\n"
             fault += done.stderr + self.extension.log_end()
-        result = printed or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
+        result = printed.replace("\n", ", ") or ("done" if done.returncode == 0 else f"exit code {done.returncode}")
         self._table.command(f"orvanectl {shlex.join(arguments)}", result, fault)
 
 
 def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: list[Browser], table: Table) -> None:
     stage.control("ping", prints="pong")
     stage.control("set", "-", text=f"# a comment\n{HELD.capitalize()}.\n")
-    stage.control("add", "https://refused.example/", code=2)
+    stage.control("add", "203.0.113.1", code=2)
     stage.control("changes", prints="1")
     for program in (curl, wget):
         for destination in _WEB:
@@ -96,17 +96,17 @@ def _general_provider(stage: _Stage, curl: Program, wget: Program, browsers: lis
             continue
         for destination in _WEB:
             stage.fetch(browser, destination, DROP if destination.host == HELD else ALLOW)
-    stage.control("remove", HELD)
+    stage.control("remove", HELD, prints=f"{HELD}: removed")
     stage.control("changes", prints="2")
     stage.fetch(curl, _HTTPS_HELD, ALLOW)
-    stage.control("add", HELD, "other.example")
+    stage.control("add", HELD, "other.example", prints=f"{HELD}: added\nother.example: added")
     stage.control("changes", prints="4")
     stage.fetch(curl, _HTTPS_HELD, DROP)
 
 
 def _kept_list(stage: _Stage, curl: Program, table: Table) -> None:
     site = f"{HELD} and its subdomains"
-    stage.control("block", f"www.{HELD}", prints=site)
+    stage.control("block", f"www.{HELD}", prints=f"{site}: blocked")
     stage.fetch(curl, _HTTPS_HELD, DROP)
     stage.fetch(curl, _HTTPS_NEWS, ALLOW)
     stage.extension.process.kill()
@@ -130,7 +130,8 @@ def _in(seconds: float) -> datetime.datetime:
 
 
 def _suspend(stage: _Stage, until: datetime.datetime) -> None:
-    stage.control("properties", HELD, '{"DontBlockUntil": "%s"}' % until.isoformat(timespec="milliseconds"))
+    properties = '{"DontBlockUntil": "%s"}' % until.isoformat(timespec="milliseconds")
+    stage.control("properties", HELD, properties, prints=f"{HELD}: properties set")
 
 
 def _safari_provider(stage: _Stage, safari: Program, curl: Program, table: Table) -> None:

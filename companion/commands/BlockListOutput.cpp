@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "companion/list/BlockListLine.h"
+#include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 
@@ -17,7 +18,7 @@ void put(const std::string& text) { std::fwrite(text.data(), 1, text.size(), std
 }  // namespace
 
 std::string site_text(const ListedSite& site) {
-  return has_subdomains(site) ? site.host + " and its subdomains" : site.host;
+  return shown_hostname(site.host) + (has_subdomains(site) ? " and its subdomains" : "");
 }
 
 nlohmann::json site_json(const ListedSite& site, Moment now) {
@@ -25,6 +26,7 @@ nlohmann::json site_json(const ListedSite& site, Moment now) {
                       : site.scope == Scope::ExactName ? "exact"
                                                        : "exception";
   nlohmann::json json{{"host", site.host}, {"scope", scope}, {"suspended", site.isSuspended(now)}};
+  if (std::string unicode = unicode_hostname(site.host); !unicode.empty()) json["unicode"] = std::move(unicode);
   if (site.until) json["until"] = time_text(*site.until);
   return json;
 }
@@ -44,6 +46,8 @@ void print_table(const BlockList& list, Moment now) {
       ++suspended;
       line += "  " + coloured("suspended " + suspension_text(*site.until, now), Colour::Warning);
     }
+    if (const std::string unicode = unicode_hostname(site.host); !unicode.empty())
+      line += "  " + coloured(unicode, Colour::Faint);
     if (site.group != kDefaultGroup) line += "  " + coloured("in " + list.groupOf(site).name, Colour::Faint);
     put(line + '\n');
   });

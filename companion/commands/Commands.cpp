@@ -25,6 +25,7 @@
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/ProtocolCall.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Hostname.h"
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
@@ -43,6 +44,7 @@ struct Arguments : CommonOptions {
   double interval = 1;  // seconds
   std::string method;
   std::vector<std::string> methodArguments;
+  std::vector<std::string> commandWords;
 };
 
 using ExtensionCommand = int (*)(const Arguments&);
@@ -57,24 +59,32 @@ void print_result(const Arguments& arguments, const char* member, const nlohmann
   }
 }
 
-// Reports the names in the list that are not host names. `source` is the file that the names come from, or null if they
-// are arguments of the command line. Returns whether all names are host names.
-bool report_refusals(const HostnameList& list, const char* source) {
+// Reports the names in the list that are not host names, and then throws InputError. `source` is the file that the
+// names come from, or null if they are arguments of the command line.
+void report_refusals(const HostnameList& list, const char* source) {
   for (const auto& refused : list.refused) {
     std::string where = source == nullptr ? "" : std::string(source) + ":" + std::to_string(refused.line) + ": ";
     print_error("not a host name: " + where + in_quotes(refused.text) + ": " + refused.fault);
   }
-  if (list.refusedCount == 0) return true;
+  if (list.refusedCount == 0) return;
   size_t total = list.refusedCount + list.names.size();
-  print_error("nothing was sent: " + std::to_string(list.refusedCount) + " of " + counted(total, "name", "names") +
-              " refused: correct the names above");
-  return false;
+  throw InputError("nothing was sent: " + std::to_string(list.refusedCount) + " of " + counted(total, "name", "names") +
+                   " refused: correct the names above");
 }
 
-HostnameList check_arguments(const std::vector<std::string>& hosts) {
+// The names that the extension holds for the given hosts or URLs.
+std::vector<std::string> checked_names(const std::vector<std::string>& hosts) {
   HostnameList list;
-  for (const std::string& host : hosts) list.add(list.names.size() + 1, host);
-  return list;
+  for (const std::string& host : hosts) list.add(list.names.size() + 1, host_in(host));
+  report_refusals(list, nullptr);
+  return std::move(list.names);
+}
+
+// Prints the names that a command has sent, each with what the command did.
+void print_names(const Arguments& arguments, const char* member, const std::vector<std::string>& names,
+                 const char* outcome) {
+  if (arguments.json) return print_json({{member, names}});
+  for (const std::string& name : names) std::printf("%s: %s\n", shown_hostname(name).c_str(), outcome);
 }
 
 // The time limit of a call is kAnswerTime, plus a second for each kNamesPerSecond names that the call sends, because
@@ -141,16 +151,16 @@ int stop(const Arguments& arguments) {
 }
 
 int add(const Arguments& arguments) {
-  HostnameList list = check_arguments(arguments.hosts);
-  if (!report_refusals(list, nullptr)) return kUsage;
-  Connection(arguments.client).call([&](Client& client) { client.addHostnames(list.names); }, list.names.size());
+  const std::vector<std::string> names = checked_names(arguments.hosts);
+  Connection(arguments.client).call([&](Client& client) { client.addHostnames(names); }, names.size());
+  print_names(arguments, "added", names, "added");
   return kDone;
 }
 
 int remove(const Arguments& arguments) {
-  HostnameList list = check_arguments(arguments.hosts);
-  if (!report_refusals(list, nullptr)) return kUsage;
-  Connection(arguments.client).call([&](Client& client) { client.removeHostnames(list.names); }, list.names.size());
+  const std::vector<std::string> names = checked_names(arguments.hosts);
+  Connection(arguments.client).call([&](Client& client) { client.removeHostnames(names); }, names.size());
+  print_names(arguments, "removed", names, "removed");
   return kDone;
 }
 
@@ -166,7 +176,7 @@ void print_progress(uint64_t sent, uint64_t total) {
 int set(const Arguments& arguments) {
   HostnameList list = parse_hostname_list(read_input(arguments.file));
   const char* source = arguments.file == "-" ? "standard input" : arguments.file.c_str();
-  if (!report_refusals(list, source)) return kUsage;
+  report_refusals(list, source);
   // A list with fewer names is sent too quickly for anybody to read the progress.
   constexpr size_t kLarge = 10000;
   bool showProgress = list.names.size() >= kLarge && isatty(STDERR_FILENO) == 1;
@@ -193,12 +203,11 @@ Value given_properties(const Arguments& arguments) {
 }
 
 int properties(const Arguments& arguments) {
-  HostnameList list = check_arguments({arguments.host});
-  if (!report_refusals(list, nullptr)) return kUsage;
+  const std::vector<std::string> names = checked_names({arguments.host});
   Value given = given_properties(arguments);
-  Connection(arguments.client).call([&](Client& client) {
-    client.setProperties(given, Value::string(list.names.front()));
-  });
+  Connection(arguments.client).call([&](Client& client) { client.setProperties(given, Value::string(names.front())); });
+  print_names(arguments, given.isNil() ? "cleared" : "set", names,
+              given.isNil() ? "properties cleared" : "properties set");
   return kDone;
 }
 
@@ -227,6 +236,22 @@ int call(const Arguments& arguments) {
   return kDone;
 }
 
+int run(int argc, const char* const* argv);
+
+// Prints the help of a command, or without a command, the program's.
+int help(const CLI::App& program, const std::vector<std::string>& words) {
+  const CLI::App* command = &program;
+  std::vector<const char*> line{"orvanectl"};
+  for (const std::string& word : words) {
+    const auto known = command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+    if (known.empty()) throw InputError("unknown command: " + in_quotes(word) + ": see orvanectl help");
+    command = known.front();
+    line.push_back(word.c_str());
+  }
+  line.push_back("--help");
+  return run(static_cast<int>(line.size()), line.data());
+}
+
 // Declares the commands for the running extension. Parsing the command line fills `arguments`.
 void declare_commands(CommandSet& commands, Arguments& arguments) {
   auto declare = [&](const char* name, const char* description, ExtensionCommand command) {
@@ -239,7 +264,7 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
   declare("start", "Send the start command", start);
   declare("stop", "Send the stop command", stop);
 
-  const char* hosts = "Host names, in any spelling that browsers accept";
+  const char* hosts = "Host names or URLs, in any spelling that browsers accept";
   declare("add", "Block hosts until the extension ends", add)
       ->add_option("HOST", arguments.hosts, hosts)
       ->required()
@@ -274,6 +299,12 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
   callCommand->add_option("METHOD", arguments.method, "The method's name")->required()->type_name("");
   callCommand->add_option("ARGUMENT", arguments.methodArguments, "The method's arguments")->type_name("");
   callCommand->footer(describe_methods());
+
+  commands
+      .declare(commands.app, "Help", "help", "Print the help of a command, as its --help does",
+               [&program = commands.app, &arguments] { return help(program, arguments.commandWords); })
+      ->add_option("COMMAND", arguments.commandWords, "A command's name; without it, all commands are listed")
+      ->type_name("");
 }
 
 // Throws for an argument in square brackets, which CLI11 would parse as a list and split.
@@ -349,14 +380,26 @@ int run(int argc, const char* const* argv) {
       path += ' ' + last->get_name();
     }
     if (!last->get_subcommands(nullptr).empty()) refuse_unknown_command(*last, depth, path, argc, argv);
-    throw InputError("bad command line: " + std::string(error.what()) + ": see " + path + " --help");
+    constexpr size_t kShown = 200;
+    std::string fault = error.what();  // may contain all words of a long command line
+    if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError))
+      fault += ": if a name begins with a hyphen, write -- before the first name";
+    throw InputError("bad command line: " + fault + ": see " + path + " --help");
   }
   return command();
+}
+
+// Looks at the words themselves, because an invalid command line is not parsed to its end.
+bool asks_for_json(int argc, const char* const* argv) {
+  return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
 }
 
 }  // namespace
 
 int run_orvanectl(int argc, const char* const* argv) {
+  const bool isJson = asks_for_json(argc, argv);
+  if (isJson) collect_errors();
   int code = kFailed;
   try {
     code = run(argc, argv);
@@ -368,6 +411,7 @@ int run_orvanectl(int argc, const char* const* argv) {
   } catch (const std::exception& error) {
     print_error(error.what());
   }
+  if (code != kDone && isJson) print_errors_as_json();
   if (flush_output()) return code;
   print_error(std::string("cannot write to standard output: ") + std::strerror(errno) + ": check where it leads");
   return kFailed;

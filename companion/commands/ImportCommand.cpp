@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
@@ -25,7 +26,11 @@ struct Arguments {
   bool subdomains = false;
   bool exactNames = false;
   bool replace = false;
+  bool undo = false;
 };
+
+// The file that records the last import into the list, for --undo.
+std::string record_path(const CommonOptions& options) { return options.listPath + ".import"; }
 
 // A progress bar on standard error, if that is a terminal. Erase the bar before any other output to standard error.
 class ProgressBar {
@@ -56,25 +61,35 @@ class ProgressBar {
   bool shown_ = false;
 };
 
+struct Rejection {
+  size_t line;
+  std::string text, fault;
+};
+
 struct Outcome {
   ImportedSites read;
+  std::vector<Rejection> rejections;  // the first kMostRejections
   ImportCounts counts;
   double seconds = 0;  // from the start until the list is written
   std::optional<bool> inForce;
 };
 
 void print_outcome(const Outcome& outcome) {
-  const auto& [read, counts, seconds, inForce] = outcome;
+  const auto& [read, rejections, counts, seconds, inForce] = outcome;
   std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
               counted(read.sites.size(), "site", "sites").c_str(), seconds);
   std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
               counts.unchanged, counts.removed);
   std::printf("%s, %zu skipped (localhost and the like), %zu rejected\n",
               counted(read.duplicates, "duplicate", "duplicates").c_str(), read.skipped, read.rejected);
+  if (!counts.edits.empty()) std::puts("To take this back: orvanectl import --undo");
 }
 
 void print_outcome_json(const Outcome& outcome) {
-  const auto& [read, counts, seconds, inForce] = outcome;
+  const auto& [read, rejections, counts, seconds, inForce] = outcome;
+  nlohmann::json rejectedLines = nlohmann::json::array();
+  for (const auto& [line, text, fault] : rejections)
+    rejectedLines.push_back({{"line", line}, {"text", text}, {"fault", fault}});
   print_json({{"lines", read.lines},
               {"sites", read.sites.size()},
               {"new", counts.added},
@@ -84,6 +99,7 @@ void print_outcome_json(const Outcome& outcome) {
               {"duplicates", read.duplicates},
               {"passedOver", read.skipped},
               {"rejected", read.rejected},
+              {"rejectedLines", std::move(rejectedLines)},
               {"seconds", seconds},
               {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
 }
@@ -94,10 +110,12 @@ std::optional<Scope> wanted_scope(const Arguments& arguments) {
   return std::nullopt;
 }
 
-ImportedSites read_file(const Arguments& arguments, const std::string& source, ProgressBar& bar,
-                        std::string_view text) {
+ImportedSites read_file(const Arguments& arguments, const std::string& source, ProgressBar& bar, std::string_view text,
+                        std::vector<Rejection>& rejections) {
+  constexpr size_t kMostRejections = 1000;
   auto rejected = [&](size_t line, std::string_view what, const std::string& fault) {
     bar.erase();
+    if (rejections.size() < kMostRejections) rejections.push_back({line, std::string(what), fault});
     print_error("not imported: " + source + ":" + std::to_string(line) + ": " + in_quotes(what) + ": " + fault);
   };
   auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, counted(lines, "line", "lines")); };
@@ -115,15 +133,20 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   {
     const std::string text = read_input(arguments.file);
     ProgressBar bar(text.size(), !options.json);
-    outcome.read = read_file(arguments, source, bar, text);
-    if (outcome.read.sites.empty())
+    outcome.read = read_file(arguments, source, bar, text, outcome.rejections);
+    // With --replace, an empty file or one with only comments empties the list. A file of which every line was rejected
+    // is probably not a list.
+    if (outcome.read.sites.empty() && (!arguments.replace || outcome.read.rejected > 0))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
     sites = list.size();
-    return arguments.replace || outcome.counts.added + outcome.counts.changed > 0;
+    // The record is written before the list. If the process is killed in between, the record describes an import that
+    // is not on the list, and take_back() then finds nothing to do.
+    if (!outcome.counts.edits.empty()) replace_list_text(record_path(options), import_record(outcome.counts.edits));
+    return arguments.replace || !outcome.counts.edits.empty();
   });
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   outcome.inForce = wait_for_keeper(options, version, sites);
@@ -131,17 +154,46 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   return kDone;
 }
 
+int undo(const CommonOptions& options) {
+  UndoCounts counts;
+  size_t sites = 0;
+  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    const std::vector<SiteEdit> edits = import_record_edits(read_list_text(record_path(options)));
+    if (edits.empty())
+      throw InputError("nothing to undo: no import is recorded since the last undo: to remove the names of a file: " +
+                       std::string("orvanectl unblock --from FILE"));
+    counts = take_back(list, edits);
+    sites = list.size();
+    replace_list_text(record_path(options), "");
+    return counts.removed + counts.restored > 0;
+  });
+  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
+  if (options.json) {
+    print_json({{"removed", counts.removed},
+                {"restored", counts.restored},
+                {"changedSince", counts.changedSince},
+                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+  } else {
+    std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
+                counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
+  }
+  return kDone;
+}
+
+int run(const CommonOptions& options, const Arguments& arguments) {
+  if (arguments.undo != arguments.file.empty()) throw InputError("bad command line: import: give a file, or --undo");
+  return arguments.undo ? undo(options) : import(options, arguments);
+}
+
 }  // namespace
 
 void declare_import_command(CommandSet& commands) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command =
-      commands.declare(commands.app, kListGroup, "import", "Add the names of a file to the list",
-                       [&options = commands.options, arguments] { return import(options, *arguments); });
+  CLI::App* command = commands.declare(commands.app, kListGroup, "import", "Add the names of a file to the list",
+                                       [&options = commands.options, arguments] { return run(options, *arguments); });
   command
       ->add_option("FILE", arguments->file,
                    "A file of names, hosts(5) lines or ||name^ rules; \"-\" for standard input")
-      ->required()
       ->type_name("");
   CLI::Option* subdomains =
       command->add_flag("--subdomains", arguments->subdomains,
@@ -149,6 +201,7 @@ void declare_import_command(CommandSet& commands) {
   command->add_flag("--exact", arguments->exactNames, "Block the exact names only (the default for hosts(5) lines)")
       ->excludes(subdomains);
   command->add_flag("--replace", arguments->replace, "Remove everything else from the list");
+  command->add_flag("--undo", arguments->undo, "Take the last import back");
 }
 
 }  // namespace orvane

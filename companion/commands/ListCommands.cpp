@@ -5,11 +5,14 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,8 +24,9 @@
 #include "companion/doctor/DoctorFacts.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/ListImport.h"
 #include "companion/text/ExitCodes.h"
-#include "companion/text/HostnameList.h"
+#include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 
@@ -33,6 +37,7 @@ struct Arguments {
   std::vector<std::string> hosts;
   bool exactNames = false;
   bool all = false;
+  std::string from;
   bool hostsOnly = false;
   EndTime end;
 };
@@ -58,7 +63,7 @@ std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Sco
   ListedSite site;
   std::string fault;
   for (const std::string& host : given) {
-    if (!read_site(host, scope, site, fault)) {
+    if (!read_site(host_in(host), scope, site, fault)) {
       print_error("not a host name: " + in_quotes(host) + ": " + fault);
     } else if (fault = scope_fault(site); !fault.empty()) {
       print_error("not a site: " + in_quotes(host) + ": " + fault);
@@ -109,20 +114,51 @@ std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<Li
 }
 
 // Finds the sites with the hosts that the command line gives.
-FindSites given_sites(const Arguments& arguments, Moment now, bool exceptions = false) {
+FindSites given_sites(const Arguments& arguments, Moment now, bool exceptions) {
   return [=, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list) {
     return listed_sites(list, hosts, exceptions, now);
   };
 }
 
-// Finds the sites with the given hosts; with --all, all sites that are not exceptions.
-FindSites given_or_all_sites(const Arguments& arguments, const char* command, Moment now) {
-  if (arguments.all != arguments.hosts.empty())
-    throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all");
-  if (!arguments.all) return given_sites(arguments, now);
-  return [](const BlockList& list) {
-    std::vector<ListedSite> sites = list.sites();
-    std::erase_if(sites, [](const ListedSite& site) { return site.scope == Scope::Exception; });
+// Reads the hosts of a file in one of the forms that import reads.
+std::vector<ListedSite> sites_of_file(const std::string& file) {
+  const std::string source = file == "-" ? "standard input" : file;
+  const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
+    print_error("passed over: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
+  };
+  ImportedSites read = read_import(read_input(file), std::nullopt, rejected, nullptr);
+  if (read.sites.empty())
+    throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
+  return {std::make_move_iterator(read.sites.begin()), std::make_move_iterator(read.sites.end())};
+}
+
+// Finds the sites that the command line selects: those with the given hosts, those with the hosts of a file, or all.
+// With `exceptions`, selects only exceptions, otherwise only sites that are not exceptions. Hosts of a file that are
+// not on the list are only counted.
+FindSites selected_sites(const Arguments& arguments, const char* command, Moment now, bool exceptions = false) {
+  if ((arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) != 1)
+    throw InputError(std::string("bad command line: ") + command +
+                     ": give hosts of sites on the list, or --all, or --from FILE");
+  if (!arguments.hosts.empty()) return given_sites(arguments, now, exceptions);
+  const auto isSelected = [=](const ListedSite& site) {
+    return site.group == kDefaultGroup && (site.scope == Scope::Exception) == exceptions;
+  };
+  if (arguments.all) {
+    return [=](const BlockList& list) {
+      std::vector<ListedSite> sites = list.sites();
+      std::erase_if(sites, [&](const ListedSite& site) { return !isSelected(site); });
+      return sites;
+    };
+  }
+  return [=, given = sites_of_file(arguments.from)](const BlockList& list) {
+    std::vector<ListedSite> sites;
+    for (const ListedSite& each : given) {
+      const ListedSite* site = list.find(each.host);
+      if (site != nullptr && isSelected(*site)) sites.push_back(*site);
+    }
+    if (sites.size() < given.size())
+      print_error("passed over: " + counted(given.size() - sites.size(), "name", "names") + " of " +
+                  in_quotes(arguments.from) + " that the list does not have");
     return sites;
   };
 }
@@ -146,6 +182,27 @@ void print_change(const Change& change) {
     line += (change.isMeantToBlock ? "; but allowed by the exception " : "; still blocked by the line ") +
             in_quotes(change.otherLine);
   std::puts(line.c_str());
+}
+
+// Prints how many sites each outcome has.
+void print_summary(const std::vector<Change>& changes) {
+  std::map<std::string_view, size_t> sitesByOutcome;
+  size_t others = 0;
+  for (const Change& change : changes) {
+    ++sitesByOutcome[change.outcome];
+    others += change.otherLine.empty() ? 0 : 1;
+  }
+  for (const auto& [outcome, sites] : sitesByOutcome)
+    std::printf("%s: %s\n", counted(sites, "site", "sites").c_str(), std::string(outcome).c_str());
+  if (others > 0)
+    std::printf("%s of them: %s\n", std::to_string(others).c_str(),
+                changes.front().isMeantToBlock ? "allowed by exceptions" : "still blocked by other lines");
+}
+
+void print_changes(const std::vector<Change>& changes) {
+  constexpr size_t kMostShown = 20;
+  if (changes.size() > kMostShown) return print_summary(changes);
+  for (const Change& change : changes) print_change(change);
 }
 
 void print_changes_json(const std::vector<Change>& changes, std::optional<bool> inForce, Moment now) {
@@ -188,7 +245,7 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
     return changed;
   });
   if (!options.json) {
-    for (const Change& each : changes) print_change(each);
+    print_changes(changes);
     std::fflush(stdout);
   }
   const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
@@ -196,21 +253,20 @@ int change_list(const CommonOptions& options, Moment now, const FindSites& find,
   return kDone;
 }
 
-// Describes `before`, the line that the list had for the site's host before the command. Returns an empty text if there
-// was no line.
-std::string previous_state(const ListedSite* before, const ListedSite& site, Moment now) {
-  if (before == nullptr) return "";
+// What blocking a site does. `before`: the site that the list had for this host before the command; null if none.
+std::string blocking_outcome(const ListedSite* before, const ListedSite& site, Moment now) {
+  if (before == nullptr) return "blocked";
   if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);
   if (before->scope == site.scope) return "already on the list";
   switch (before->scope) {
     case Scope::ExactName:
-      return "was on the list without its subdomains";
+      return "blocked, was on the list without its subdomains";
     case Scope::Subdomains:
-      return "was on the list with its subdomains";
+      return "blocked, was on the list with its subdomains";
     case Scope::Exception:
       break;
   }
-  return "was an exception";
+  return "blocked, was an exception";
 }
 
 int block(const CommonOptions& options, const Arguments& arguments) {
@@ -220,7 +276,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     if (site.host.find('.') == std::string::npos)
       print_error("only this exact name is blocked: " + in_quotes(site.host) +
                   ": block each site below it by its name");
-    std::string outcome = previous_state(list.find(site.host), site, now);
+    std::string outcome = blocking_outcome(list.find(site.host), site, now);
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome)};
   });
@@ -241,7 +297,7 @@ int allow(const CommonOptions& options, const Arguments& arguments) {
 
 int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, given_sites(arguments, now), [](BlockList& list, ListedSite site) {
+  return change_list(options, now, selected_sites(arguments, "unblock", now), [](BlockList& list, ListedSite site) {
     list.remove(site.host);
     return Change{std::move(site), true, "removed from the list", false};
   });
@@ -249,28 +305,30 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
 
 int disallow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, given_sites(arguments, now, true), [](BlockList& list, ListedSite site) {
-    list.remove(site.host);
-    return Change{std::move(site), true, "no longer an exception"};
-  });
+  return change_list(options, now, selected_sites(arguments, "disallow", now, true),
+                     [](BlockList& list, ListedSite site) {
+                       list.remove(site.host);
+                       return Change{std::move(site), true, "no longer an exception"};
+                     });
 }
 
 int suspend(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const FindSites find = given_or_all_sites(arguments, "suspend", now);
+  const FindSites find = selected_sites(arguments, "suspend", now);
   if (!arguments.end.isGiven())
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   const Moment until = read_end_time(arguments.end, options, now);
+  const std::string outcome = "not blocked " + suspension_text(until, now);
   return change_list(options, now, find, [&](BlockList& list, ListedSite site) {
     site.until = until;
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), false};
+    return Change{std::move(site), changed, outcome, false};
   });
 }
 
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, given_or_all_sites(arguments, "resume", now), [&](BlockList& list, ListedSite site) {
+  return change_list(options, now, selected_sites(arguments, "resume", now), [&](BlockList& list, ListedSite site) {
     const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
     site.until.reset();
     const bool changed = list.put(site);
@@ -318,23 +376,32 @@ void declare_list_commands(CommandSet& commands) {
     return commands.declare(commands.app, kListGroup, name, description,
                             [&options = commands.options, arguments, command] { return command(options, *arguments); });
   };
-  auto takeHosts = [&](CLI::App* command, const char* hosts, bool orAll = false) {
-    command->add_option("HOST", arguments->hosts, hosts)->required(!orAll)->type_name("");
-    if (orAll) command->add_flag("--all", arguments->all, "All sites on the list");
+  auto takeHosts = [&](CLI::App* command) {
+    command->add_option("HOST", arguments->hosts, "Host names or URLs, in any spelling that browsers accept")
+        ->required()
+        ->type_name("");
     return command;
   };
-  takeHosts(declare("block", "Block sites, from now on and after every start", block),
-            "Host names, in any spelling that browsers accept")
+  auto takeListed = [&](CLI::App* command, const char* hosts, const char* all) {
+    command->add_option("HOST", arguments->hosts, hosts)->type_name("");
+    command->add_flag("--all", arguments->all, all);
+    command
+        ->add_option("--from", arguments->from,
+                     "The hosts of a file, in a form that import reads; \"-\" for standard input")
+        ->type_name("FILE");
+    return command;
+  };
+  constexpr const char *kSites = "Hosts of sites on the list", *kAllSites = "All sites of the default group";
+  takeHosts(declare("block", "Block sites, from now on and after every start", block))
       ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
-  takeHosts(declare("unblock", "Remove sites from the list", unblock), "Hosts of sites on the list");
-  takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow),
-            "Host names, in any spelling that browsers accept");
-  takeHosts(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list");
+  takeListed(declare("unblock", "Remove sites from the list", unblock), kSites, kAllSites);
+  takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
+  takeListed(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list",
+             "All exceptions on the list");
   declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
 
-  arguments->end.declare(
-      *takeHosts(declare("suspend", "Unblock sites for a while", suspend), "Hosts of sites on the list", true));
-  takeHosts(declare("resume", "Block suspended sites again at once", resume), "Hosts of sites on the list", true);
+  arguments->end.declare(*takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites));
+  takeListed(declare("resume", "Block suspended sites again at once", resume), kSites, kAllSites);
 
   declare_import_command(commands);
   declare("export", "Print the list in a form that import reads", export_list)

@@ -121,7 +121,8 @@ Verdict verdict_of(const Decision& decision, Delivery::State delivery) {
 
 int try_host(const CommonOptions& options, const std::string& given) {
   std::string name, fault;
-  if (!normalize_hostname(given, name, fault)) throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
+  if (!normalize_hostname(host_in(given), name, fault))
+    throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
 
   const StoredList stored = read_list(options.listPath);
   const Moment now = now_in_seconds();
@@ -161,7 +162,7 @@ int try_host(const CommonOptions& options, const std::string& given) {
                 {"suspendedUntil", isSuspended ? nlohmann::json(time_text(*site->until)) : nlohmann::json()},
                 {"reasons", reasons}});
   } else {
-    std::printf("%s: %s\n", name.c_str(), coloured(shown.text, shown.colour).c_str());
+    std::printf("%s: %s\n", shown_hostname(name).c_str(), coloured(shown.text, shown.colour).c_str());
     for (const std::string& reason : reasons) std::printf("  %s\n", reason.c_str());
   }
   return shown.exitCode;

@@ -23,7 +23,7 @@ _orvanectl() {
     case ${words[i]} in
       --list) list=${words[++i]} ;;
       --list=*) list=${words[i]#*=} ;;
-      --service | --socket | --state | --for | --until | --dont-block-until | --interval | --group) ((i++)) ;;
+      --service | --socket | --state | --from | --for | --until | --dont-block-until | --interval | --group) ((i++)) ;;
       -*) ;;
       *)
         case $command in
@@ -35,10 +35,10 @@ _orvanectl() {
   done
 
   case $prev in
-    --list | --socket | --state) _filedir; return ;;
+    --list | --socket | --state | --from) _filedir; return ;;
     --group) _orvanectl_groups; return ;;
     --for) _orvanectl_words '15m 30m 1h 2h 1d'; return ;;
-    --until) _orvanectl_words 'tomorrow'; return ;;
+    --until) _orvanectl_words '18:00 monday'; return ;;
     --service | --dont-block-until | --interval) return ;;
   esac
   $split && return
@@ -48,10 +48,10 @@ _orvanectl() {
     case $command in
       '') options+=' --version' ;;
       block) options+=' --exact' ;;
-      import) options+=' --subdomains --exact --replace' ;;
+      import) options+=' --subdomains --exact --replace --undo' ;;
       export) options+=' --hosts' ;;
-      suspend) options+=' --all --for --until' ;;
-      resume) options+=' --all' ;;
+      suspend) options+=' --all --from --for --until' ;;
+      unblock | disallow | resume) options+=' --all --from' ;;
       lock) options+=' --group --for --until' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
@@ -60,11 +60,10 @@ _orvanectl() {
     return
   fi
 
+  local commands='block unblock allow disallow list suspend resume import export group lock status try keep doctor
+    browsers ping state changes start stop add remove set properties watch call help'
   case $command in
-    '')
-      _orvanectl_words 'block unblock allow disallow list suspend resume import export group lock status try keep doctor
-        browsers ping state changes start stop add remove set properties watch call'
-      ;;
+    '' | help) _orvanectl_words "$commands" ;;
     group) _orvanectl_words 'add remove list show enable disable schedule delay' ;;
     'group remove' | 'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
       [[ $prev == "${command#group }" ]] && _orvanectl_groups

@@ -20,7 +20,7 @@ function __orvanectl_groups
 end
 
 function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'
-    set -l options --list --service --socket --state --for --until --dont-block-until --interval --group
+    set -l options --list --service --socket --state --from --for --until --dont-block-until --interval --group
     set -l words (commandline -opc)
     set -l skip
     for word in $words[2..]
@@ -80,13 +80,16 @@ complete -c orvanectl -n __orvanectl_command -a set -d 'Block the hosts of a fil
 complete -c orvanectl -n __orvanectl_command -a properties -d "Replace a host's properties"
 complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the number of edits after each change'
 complete -c orvanectl -n __orvanectl_command -a call -d 'Send one message of the protocol'
+complete -c orvanectl -n __orvanectl_command -a help -d 'Print the help of a command'
 
 complete -c orvanectl -n '__orvanectl_command block import' -l exact -d 'Block the exact names only'
 complete -c orvanectl -n '__orvanectl_command import' -l subdomains -d 'Block all sites with their subdomains'
 complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove everything else from the list'
+complete -c orvanectl -n '__orvanectl_command import' -l undo -d 'Take the last import back'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
-complete -c orvanectl -n '__orvanectl_command suspend resume' -l all -d 'All sites on the list'
+complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l all -d 'All sites on the list'
+complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l from -rF -d 'The hosts of a file'
 complete -c orvanectl -n __orvanectl_group -a add -d 'Add a group'
 complete -c orvanectl -n __orvanectl_group -a remove -d 'Remove a group with its sites'
 complete -c orvanectl -n __orvanectl_group -a list -d 'Print the groups'
@@ -99,7 +102,7 @@ complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_
     -a '(__orvanectl_groups)'
 complete -c orvanectl -n '__orvanectl_command lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
-complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a tomorrow -d 'Until when'
+complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'
 complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
 complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two requests'

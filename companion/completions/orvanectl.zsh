@@ -18,7 +18,7 @@ _orvanectl_group_names() {
 }
 
 _orvanectl_commands() {
-  local -a list service browsers extension
+  local -a list service browsers extension help
   list=(
     'block:block sites, from now on and after every start'
     'unblock:remove sites from the list'
@@ -52,10 +52,12 @@ _orvanectl_commands() {
     'watch:print the number of edits after each change'
     'call:send one message of the protocol'
   )
+  help=('help:print the help of a command')
   _describe -t list-commands 'list' list
   _describe -t service-commands 'service' service
   _describe -t browser-commands 'browsers' browsers
   _describe -t extension-commands 'running extension' extension
+  _describe -t help-commands 'help' help
 }
 
 _orvanectl_browsers() {
@@ -124,29 +126,32 @@ _orvanectl() {
   _arguments -C $common '(- *)--version[print the version]' '(-): :_orvanectl_commands' \
     '(-)*:: :->arguments' && return
   [[ $state == arguments ]] || return
+  local -a listed=(
+    '--all[all sites on the list]' '--from=[the hosts of a file]:file:_files' '*:host:_orvanectl_hosts'
+  )
   local -A before=("${(@kv)opt_args}") # options before the command
   case $words[1] in
     block) _arguments $common '--exact[block the exact names only]' '*:host:' ;;
     allow) _arguments $common '*:host:' ;;
-    unblock | disallow) _arguments $common '*:host:_orvanectl_hosts' ;;
-    resume) _arguments $common '--all[all sites on the list]' '*:host:_orvanectl_hosts' ;;
+    unblock | disallow | resume) _arguments $common $listed ;;
     try) _arguments $common ':host:_orvanectl_hosts' ;;
     suspend)
-      _arguments $common '--all[all sites on the list]' '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
-        '(--for)--until=[until when]:time:(tomorrow)' '*:host:_orvanectl_hosts'
+      _arguments $common $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
+        '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     import)
       _arguments $common '(--exact)--subdomains[block all sites with their subdomains]' \
         '(--subdomains)--exact[block the exact names only]' '--replace[remove everything else from the list]' \
-        ':file:_files'
+        '--undo[take the last import back]' ':file:_files'
       ;;
     group) _orvanectl_group ;;
     lock)
       _arguments $common '--group=[the group]:group:_orvanectl_group_names' \
-        '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(tomorrow)'
+        '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     export) _arguments $common '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;
+    help) _arguments $common ':command:_orvanectl_commands' ;;
     add | remove) _arguments $common '*:host:' ;;
     set) _arguments $common ':file:_files' ;;
     properties) _arguments $common '--dont-block-until=[suspend until a time]:time:' ':host:' ':JSON:' ;;

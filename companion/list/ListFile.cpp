@@ -182,6 +182,17 @@ ListVersion make_current(FileReplacement& file, const Place& place) {
   return version_of(status);
 }
 
+// The name of the new file is fixed, because the lock allows one writer.
+FileReplacement new_file(const Descriptor& folder, const Place& place) {
+  return FileReplacement(folder.get(), "." + place.name + ".new");
+}
+
+void write(FileReplacement& file, std::string_view text, const Descriptor& folder, const Place& place, mode_t oldMode) {
+  check_size(text, place);
+  if (auto error = file.write(text, mode_for(folder, place, oldMode)))
+    throw file_error("cannot change", place, error.value());
+}
+
 }  // namespace
 
 StoredList read_list(const std::string& path) {
@@ -195,6 +206,19 @@ ListVersion list_version(const std::string& path) {
   return current_version(open_folder(place), place);
 }
 
+std::string read_list_text(const std::string& path) {
+  const Place place = place_of(path);
+  return read_file(open_folder(place), place).text;
+}
+
+void replace_list_text(const std::string& path, std::string_view text) {
+  const Place place = place_of(path);
+  const Descriptor folder = open_folder(place);
+  FileReplacement file = new_file(folder, place);
+  write(file, text, folder, place, kModeOfNew);
+  make_current(file, place);
+}
+
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit) {
   const Place place = place_of(path);
   const Descriptor folder = open_folder(place);
@@ -204,11 +228,8 @@ ListVersion edit_list(const std::string& path, const std::function<bool(BlockLis
     FileContent content = read_file(folder, place);
     BlockList list = BlockList::parse(std::exchange(content.text, {}));
     if (!edit(list)) return content.version;
-    const std::string text = list.text();
-    check_size(text, place);
-    FileReplacement file(folder.get(), "." + place.name + ".new");  // a fixed name: the lock allows one writer
-    if (auto error = file.write(text, mode_for(folder, place, content.mode)))
-      throw file_error("cannot change", place, error.value());
+    FileReplacement file = new_file(folder, place);
+    write(file, list.text(), folder, place, content.mode);
     // Editors take no lock. If an editor has saved the file since read_file() above, start again with the new version.
     if (current_version(folder, place) == content.version) return make_current(file, place);
   }

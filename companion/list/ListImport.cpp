@@ -228,9 +228,8 @@ ImportedSites read_import(std::string_view text, std::optional<Scope> scope, con
 
 namespace {
 
-// Copies all groups with their settings, and the sites of all groups but the default group. Returns their number.
-size_t copy_other_groups(const BlockList& from, BlockList& list) {
-  size_t sites = 0;
+// Copies all groups with their settings, and the sites of all groups but the default group.
+void copy_other_groups(const BlockList& from, BlockList& list) {
   for (const Group& group : from.groups()) {
     if (!group.name.empty()) copy_settings(group, list);
   }
@@ -238,9 +237,7 @@ size_t copy_other_groups(const BlockList& from, BlockList& list) {
     if (site.group == kDefaultGroup) return;
     site.group = *list.findGroup(from.groupOf(site).name);
     list.put(std::move(site));
-    ++sites;
   });
-  return sites;
 }
 
 }  // namespace
@@ -248,16 +245,72 @@ size_t copy_other_groups(const BlockList& from, BlockList& list) {
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
   const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
-  const size_t kept = copy_other_groups(before, list);
+  copy_other_groups(before, list);
   for (ListedSite site : imported.sites) {
     const ListedSite* old = (replace ? before : list).find(site.host);
     if (old != nullptr && !replace) site.scope = std::max(site.scope, old->scope);
     if (old != nullptr && !site.until) site.until = old->until;
     if (site.scope == Scope::Exception) site.until.reset();
     ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
+    if (old == nullptr || site != *old)
+      counts.edits.push_back({old == nullptr ? std::nullopt : std::optional(*old), site});
     list.put(std::move(site));
   }
-  if (replace) counts.removed = before.size() - kept - counts.changed - counts.unchanged;
+  before.forEachSite([&](const ListedSite& site) {
+    if (site.group != kDefaultGroup || list.find(site.host) != nullptr) return;
+    counts.edits.push_back({site, std::nullopt});
+    ++counts.removed;
+  });
+  return counts;
+}
+
+std::string import_record(const std::vector<SiteEdit>& edits) {
+  std::string text = "# The last import, for orvanectl import --undo: the lines before (-) and after (+) it.\n";
+  for (const auto& [before, after] : edits) {
+    if (before) text.append("- ").append(line_of(*before)).append("\n");
+    if (after) text.append("+ ").append(line_of(*after)).append("\n");
+  }
+  return text;
+}
+
+std::vector<SiteEdit> import_record_edits(std::string_view text) {
+  std::vector<SiteEdit> edits;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    std::string_view line = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    if (!line.starts_with("- ") && !line.starts_with("+ ")) continue;
+    const bool isAfter = take_word(line) == "+";
+    ListedSite site;
+    std::string fault;
+    if (line.empty() || !read_line(line, Scope::Subdomains, site, fault)) continue;
+    if (!isAfter) {
+      edits.push_back({std::move(site), std::nullopt});
+    } else if (!edits.empty() && edits.back().before && !edits.back().after && edits.back().before->host == site.host) {
+      edits.back().after = std::move(site);
+    } else {
+      edits.push_back({std::nullopt, std::move(site)});
+    }
+  }
+  return edits;
+}
+
+UndoCounts take_back(BlockList& list, const std::vector<SiteEdit>& edits) {
+  UndoCounts counts;
+  for (const auto& [before, after] : edits) {
+    const std::string& host = (after ? after : before)->host;
+    const ListedSite* now = list.find(host);
+    const bool isUnchanged = now == nullptr ? !after : after && now->scope == after->scope;
+    if (!isUnchanged) {
+      ++counts.changedSince;
+    } else if (before) {
+      list.put(*before);
+      ++counts.restored;
+    } else {
+      list.remove(host);
+      ++counts.removed;
+    }
+  }
   return counts;
 }
 

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "companion/list/BlockList.h"
 
@@ -43,16 +44,39 @@ using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
+// What an import did to one host: the host's site before and after the import, of which at most one is missing.
+struct SiteEdit {
+  std::optional<ListedSite> before, after;
+};
+
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;
   size_t unchanged = 0;  // already on the list in the same form
   size_t removed = 0;    // only when the list is replaced
+  std::vector<SiteEdit> edits;
 };
 
 // Adds the sites to the default group, or replaces this group's sites. A site that is already on the list keeps its
 // suspension unless the import gives another suspension. If the list is not replaced, such a site also keeps its scope
 // if this scope is greater than the imported one.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
+
+// The text that records an import for import_record_edits(): for each edit, the line before it, after "- ", and the
+// line after it, after "+ ".
+std::string import_record(const std::vector<SiteEdit>& edits);
+
+// Reads the text of import_record(). Ignores invalid lines.
+std::vector<SiteEdit> import_record_edits(std::string_view text);
+
+struct UndoCounts {
+  size_t removed = 0;
+  size_t restored = 0;
+  size_t changedSince = 0;  // left alone, because the user has changed the site since the import
+};
+
+// Takes the edits of an import back. A site counts as changed since the import if it has been removed or added, or has
+// another scope, but not if it has only been suspended or resumed.
+UndoCounts take_back(BlockList& list, const std::vector<SiteEdit>& edits);
 
 }  // namespace orvane

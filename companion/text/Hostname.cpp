@@ -27,17 +27,9 @@ bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 
-// The host of a URL, without user name and port.
-std::string_view host_of_url(std::string_view url) {
-  url.remove_prefix(url.find("://") + 3);
-  url = url.substr(0, url.find_first_of("/?#\\"));
-  url.remove_prefix(url.rfind('@') + 1);  // npos + 1 is 0: no user name
-  return url.substr(0, url.rfind(':'));
-}
-
 std::string forbidden_character_fault(std::string_view given, char c) {
   if (given.find("://") != std::string_view::npos)
-    return "it is a URL: give the host name alone: " + std::string(host_of_url(given));
+    return "it is a URL: give the host name alone: " + std::string(host_in(given));
   if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
     return "it is an IP address: only host names can be blocked";
   switch (c) {
@@ -172,6 +164,36 @@ bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
 }
 
 }  // namespace
+
+std::string_view host_in(std::string_view given) {
+  const size_t scheme = given.find("://");
+  std::string_view host = given;
+  if (scheme < given.find_first_of("/?#\\")) host.remove_prefix(scheme + 3);
+  const size_t end = host.find_first_of("/?#\\");
+  if (host.size() == given.size() && end == std::string_view::npos) return given;
+  host = host.substr(0, end);
+  host.remove_prefix(host.rfind('@') + 1);  // npos + 1 is 0: no user name
+  return host.starts_with('[') ? host : host.substr(0, host.rfind(':'));
+}
+
+std::string unicode_hostname(std::string_view name) {
+  std::string result;
+  bool isInternational = false;
+  for (size_t at = 0; at <= name.size();) {
+    const size_t end = std::min(name.find('.', at), name.size());
+    const std::string label(name.substr(at, end - at));
+    const std::string unicode = label.starts_with(kALabelPrefix) ? unicode_label(label) : "";
+    isInternational = isInternational || !unicode.empty();
+    result += (at == 0 ? "" : ".") + (unicode.empty() ? label : unicode);
+    at = end + 1;
+  }
+  return isInternational ? result : "";
+}
+
+std::string shown_hostname(const std::string& name) {
+  const std::string unicode = unicode_hostname(name);
+  return unicode.empty() ? name : unicode + " (" + name + ')';
+}
 
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault) {
   name.clear();

@@ -16,4 +16,14 @@ namespace orvane {
 // The function writes into the memory that `name` already has, so `given` must not be a view of `name`.
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);
 
+// The host of a text that people paste as a host: a URL, or a host with a path, as in "https://example.com/a" or
+// "example.com/a". For any other text, the text itself. A view into `given`.
+std::string_view host_in(std::string_view given);
+
+// A name in the form of normalize_hostname(), with its international labels in Unicode. Empty if it has no such label.
+std::string unicode_hostname(std::string_view name);
+
+// For people: the name, or for an international name both forms, as in "b\u00fccher.example (xn--bcher-kva.example)".
+std::string shown_hostname(const std::string& name);
+
 }  // namespace orvane

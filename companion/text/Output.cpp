@@ -5,10 +5,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace orvane {
 namespace {
+
+// What has been printed since collect_errors().
+struct Printed {
+  std::vector<std::string> errors;  // the first ones and the last one
+  bool hasJson = false;
+};
+std::optional<Printed> printed;  // nothing before collect_errors()
+constexpr size_t kMostErrors = 1000;
 
 bool is_set(const char* variable) {
   const char* value = std::getenv(variable);
@@ -37,9 +48,26 @@ const char* sequence_of(Colour colour) {
 
 }  // namespace
 
-void print_error(const std::string& text) { std::fprintf(stderr, "orvanectl: %s\n", text.c_str()); }
+void print_error(const std::string& text) {
+  std::fprintf(stderr, "orvanectl: %s\n", text.c_str());
+  if (!printed) return;
+  if (printed->errors.size() < kMostErrors) printed->errors.emplace_back();
+  printed->errors.back() = text;
+}
+
+void collect_errors() { printed.emplace(); }
+
+void print_errors_as_json() {
+  auto [errors, hasJson] = std::exchange(printed, std::nullopt).value_or(Printed());
+  if (hasJson || errors.empty()) return;
+  nlohmann::json object{{"error", errors.back()}};
+  errors.pop_back();
+  if (!errors.empty()) object["details"] = errors;
+  print_json(object);
+}
 
 void print_json(const nlohmann::json& value) {
+  if (printed) printed->hasJson = true;
   const int indent = isatty(STDOUT_FILENO) == 1 ? 2 : -1;
   std::puts(value.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }

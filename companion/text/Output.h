@@ -9,6 +9,12 @@ namespace orvane {
 // Prints "orvanectl: TEXT" on standard error. The text says what failed, on what, and what to do.
 void print_error(const std::string& text);
 
+// For a command whose output is JSON: call collect_errors() before the command and, if the command has failed,
+// print_errors_as_json() after it. This prints {"error": TEXT} with the last text that print_error() has printed since;
+// "details" has the texts before it, if there are any. Prints nothing if the command itself has printed JSON.
+void collect_errors();
+void print_errors_as_json();
+
 // Prints JSON on standard output: indented on a terminal, otherwise on one line. Invalid UTF-8 in strings is replaced.
 void print_json(const nlohmann::json& value);
 

@@ -8,7 +8,7 @@ namespace orvane {
 namespace {
 
 struct FreeLabel {
-  void operator()(uint8_t* label) const { idn2_free(label); }
+  void operator()(void* label) const { idn2_free(label); }
 };
 
 ALabel::Status status_of(int result) {
@@ -45,6 +45,14 @@ ALabel look_up_label(const std::string& label) {
     found.reason = idn2_strerror(result);
   }
   return found;
+}
+
+std::string unicode_label(const std::string& label) {
+  char* output = nullptr;
+  if (idn2_to_unicode_8z8z(label.c_str(), &output, 0) != IDN2_OK) return "";
+  std::unique_ptr<char, FreeLabel> owner(output);
+  const ALabel found = look_up_label(output);
+  return found.status == ALabel::Status::Found && found.text == label ? output : "";
 }
 
 }  // namespace orvane

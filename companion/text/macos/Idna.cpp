@@ -20,6 +20,8 @@ UIDNA* uidna_openUTS46(uint32_t options, int* errorCode);
 void uidna_close(UIDNA* idna);
 int32_t uidna_labelToASCII_UTF8(const UIDNA* idna, const char* label, int32_t length, char* destination,
                                 int32_t capacity, UIDNAInfo* info, int* errorCode);
+int32_t uidna_labelToUnicodeUTF8(const UIDNA* idna, const char* label, int32_t length, char* destination,
+                                 int32_t capacity, UIDNAInfo* info, int* errorCode);
 char16_t* u_strFromUTF8(char16_t* destination, int32_t capacity, int32_t* destinationLength, const char* source,
                         int32_t length, int* errorCode);
 }
@@ -114,6 +116,20 @@ ALabel look_up_label(const std::string& label) {
   std::string text(output.data(), static_cast<size_t>(length));
   if (has_no_international_letter(text)) return failure(ALabel::Status::Invalid, "its letters have another A-label");
   return {ALabel::Status::Found, std::move(text), ""};
+}
+
+std::string unicode_label(const std::string& label) {
+  if (uts46() == nullptr) return "";
+  std::array<char, 256> output;
+  UIDNAInfo info{};
+  info.size = sizeof info;
+  int error = 0;
+  const int32_t length = uidna_labelToUnicodeUTF8(uts46(), label.data(), static_cast<int32_t>(label.size()),
+                                                  output.data(), output.size(), &info, &error);
+  if (error > 0) return "";
+  std::string unicode(output.data(), static_cast<size_t>(length));
+  const ALabel found = look_up_label(unicode);
+  return found.status == ALabel::Status::Found && found.text == label ? unicode : "";
 }
 
 }  // namespace orvane

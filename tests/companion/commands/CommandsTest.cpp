@@ -90,12 +90,16 @@ TEST(Commands, SendTheMessageOfEachCommand) {
   const Case kCases[] = {
       {{"ping"}, "pong\n", "ping ", ""},
       {{"start"}, "", "start ", ""},
-      {{"add", "A.example.", "ping"}, "", "adds a.example ping ", ""},
-      {{"remove", "b\u00fccher.example"}, "", "removes xn--bcher-kva.example ", ""},
+      {{"add", "A.example.", "ping"}, "a.example: added\nping: added\n", "adds a.example ping ", ""},
+      {{"remove", "b\u00fccher.example"},
+       "b\u00fccher.example (xn--bcher-kva.example): removed\n",
+       "removes xn--bcher-kva.example ",
+       ""},
       {{"set", list.c_str()}, "", "sets b.example b.example ", ""},
-      {{"properties", "A.example"}, "", "properties (null) a.example ", ""},
+      {{"--json", "add", "https://A/b"}, "{\"added\":[\"a\"]}\n", "adds a ", ""},
+      {{"properties", "A.example"}, "a.example: properties cleared\n", "properties (null) a.example ", ""},
       {{"properties", "a", "--dont-block-until", "2001-01-01T01:00:00+01:00"},
-       "",
+       "a: properties set\n",
        "properties { " + date + "; } a ",
        ""},
       {{"call", "getChangesCount"}, "3\n", "", ""},
@@ -112,7 +116,14 @@ TEST(Commands, SendNothingWhenOneInputIsRefused) {
   const TemporaryFolder folder;
   const std::string list = folder.write("list", "good.example\r\n\r\nbad name\nhttp://x\n");
   const Case kCases[] = {
-      {{"add", "good.example", "http://x"}, "", "", "\"http://x\": it is a URL: give the host name alone: x\n", kUsage},
+      {{"add", "good.example", "a..b"}, "", "", "\"a..b\": it has an empty label", kUsage},
+      {{"add", "a:1", "--json"},
+       "{\"details\":[\"not a host name: \\\"a:1\\\": it has a port or a scheme: give the host name alone\"],"
+       "\"error\":\"nothing was sent: 1 of 1 name refused: correct the names above\"}\n",
+       "",
+       "it has a port",
+       kUsage},
+      {{"help", "pong"}, "", "", "unknown command: \"pong\"", kUsage},
       {{"add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"pong"}, "", "", "unknown command: \"pong\": did you mean ping?", kUsage},

@@ -112,5 +112,23 @@ TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
   EXPECT_LT(import_time(colliding), 5 * import_time(ordinary));
 }
 
+TEST(ListImport, TakesAnImportBackExceptWhatWasChangedSince) {
+  BlockList list = BlockList::parse("kept.example\nold.example only\n");
+  const char* text = "kept.example\nold.example\nsuspended.example\nexcepted.example\nremoved.example\n";
+  const ImportCounts counts = put_imported(list,
+                                           read_import(
+                                               text, std::nullopt, [](auto&&...) {}, nullptr),
+                                           false);
+  const std::vector<SiteEdit> edits = import_record_edits(import_record(counts.edits));
+  list.put({"suspended.example", Scope::Subdomains, Moment(std::chrono::seconds(1))});
+  list.put({"excepted.example", Scope::Exception, {}});
+  list.remove("removed.example");
+  const UndoCounts undone = take_back(list, edits);
+  EXPECT_EQ(list.text(), "kept.example\nold.example only\nexcepted.example allowed\n");
+  EXPECT_EQ(undone.removed, 1U);
+  EXPECT_EQ(undone.restored, 1U);
+  EXPECT_EQ(undone.changedSince, 2U);
+}
+
 }  // namespace
 }  // namespace orvane

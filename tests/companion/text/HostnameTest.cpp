@@ -2,6 +2,7 @@
 
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "companion/text/Hostname.h"
@@ -11,6 +12,18 @@ namespace {
 
 const std::string kLongLabel(63, 'a');
 const std::string kLongName = kLongLabel + "." + kLongLabel + "." + kLongLabel + "." + std::string(61, 'b');
+
+TEST(Hostname, TakesTheHostOfPastedText) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"https://me:pw@a.example:8443/b?c=d@e#f", "a.example"},
+      {"a.example/b?c=https://d.example", "a.example"},
+      {"HTTP://[::1]:80/", "[::1]:80"},  // refused as an IP address later
+      {"a.example:443", "a.example:443"},
+      {"https://", ""},
+      {"*.a.example", "*.a.example"},
+  };
+  for (const auto& [text, host] : kCases) EXPECT_EQ(host_in(text), host) << text;
+}
 
 TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {
   const std::tuple<const char*, std::string, std::string> kCases[] = {
