@@ -36,10 +36,6 @@ using GroupCommand = int (*)(const CommonOptions&, const Arguments&);
 // Changes one group. Returns what has changed, in words; empty if nothing has.
 using Edit = std::function<std::string(BlockList& list, GroupIndex group)>;
 
-std::string delay_note(const Group& group) {
-  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
-}
-
 int change_group(const CommonOptions& options, const Arguments& arguments, const Edit& edit) {
   std::string outcome;
   size_t sites = 0;

@@ -71,6 +71,10 @@ std::string state_text(const Group& group, const KeeperState::GroupState& state,
   return state.nextChange ? text + " until " + local_text(*state.nextChange, now) : text;
 }
 
+std::string delay_note(const Group& group) {
+  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
+}
+
 nlohmann::json group_json(const BlockList& list, GroupIndex index, const KeeperState::GroupState& state) {
   const Group& group = list.groups()[index];
   size_t sites = 0;

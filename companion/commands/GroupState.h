@@ -29,6 +29,9 @@ void refuse_if_locked(const CommonOptions& options, const std::string& group, co
 // "in force until 17:00", "not in force until Mon 09:00" or "disabled".
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now);
 
+// Says when a change that makes the group block less has an effect: "; has an effect in 15 min". Empty without a delay.
+std::string delay_note(const Group& group);
+
 nlohmann::json group_json(const BlockList& list, GroupIndex group, const KeeperState::GroupState& state);
 
 }  // namespace orvane

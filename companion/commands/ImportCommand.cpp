@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "companion/commands/GroupState.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"
@@ -139,6 +140,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     if (outcome.read.sites.empty() && (!arguments.replace || outcome.read.rejected > 0))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
+  if (arguments.replace) refuse_if_locked(options, std::string(kDefaultGroupName), "replace sites");
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
@@ -155,6 +157,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
 }
 
 int undo(const CommonOptions& options) {
+  refuse_if_locked(options, std::string(kDefaultGroupName), "undo the import");
   UndoCounts counts;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {

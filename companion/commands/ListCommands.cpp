@@ -18,6 +18,7 @@
 
 #include "companion/commands/BlockListOutput.h"
 #include "companion/commands/EndTime.h"
+#include "companion/commands/GroupState.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/doctor/DoctorBrowsers.h"
@@ -38,6 +39,7 @@ struct Arguments {
   bool exactNames = false;
   bool all = false;
   std::string from;
+  std::string group{kDefaultGroupName};
   bool hostsOnly = false;
   EndTime end;
 };
@@ -51,9 +53,9 @@ struct Change {
   std::string otherLine{};     // the result of opposite_line()
 };
 
-// The two steps of a command: FindSites returns the sites that the command is about, each once; ChangeSite changes one
-// of them.
-using FindSites = std::function<std::vector<ListedSite>(const BlockList& list)>;
+// The two steps of a command: FindSites returns the sites of the group that the command is about, each once; ChangeSite
+// changes one of them.
+using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group)>;
 using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
 
 // Returns the sites that the given words name, with their hosts in the form that browsers send. Reports each word that
@@ -85,20 +87,25 @@ std::string not_blocked_text(const BlockList& list, const std::string& host, Mom
     return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
            ": to end the exception: orvanectl disallow " + decision.exception->host;
   const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
+  if (site == nullptr) site = decision.inactive;
   if (site == nullptr) return "see orvanectl list";
+  if (site->group != kDefaultGroup)
+    return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + list.groupOf(*site).name +
+           ": give " + site->host + " --group " + list.groupOf(*site).name;
   return "it is covered by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
          "; to change the whole line, give " + site->host;
 }
 
 // Returns the sites on the list that have the given hosts: with `exceptions`, only exceptions, otherwise only sites
 // that are not exceptions. Reports each host that has no such site, and then throws InputError.
-std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<ListedSite>& given, bool exceptions,
-                                     Moment now) {
+std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, const std::vector<ListedSite>& given,
+                                     bool exceptions, Moment now) {
   std::vector<ListedSite> sites;
   std::set<const ListedSite*> seen;
   size_t unknown = 0;
-  for (const auto& [host, scope, until, group] : given) {
-    const ListedSite* site = list.find(host);
+  for (const ListedSite& each : given) {
+    const std::string& host = each.host;
+    const ListedSite* site = list.find(host, group);
     if (site != nullptr && (site->scope == Scope::Exception) == exceptions) {
       if (seen.insert(site).second) sites.push_back(*site);
     } else {
@@ -115,8 +122,8 @@ std::vector<ListedSite> listed_sites(const BlockList& list, const std::vector<Li
 
 // Finds the sites with the hosts that the command line gives.
 FindSites given_sites(const Arguments& arguments, Moment now, bool exceptions) {
-  return [=, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list) {
-    return listed_sites(list, hosts, exceptions, now);
+  return [=, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list, GroupIndex group) {
+    return listed_sites(list, group, hosts, exceptions, now);
   };
 }
 
@@ -140,20 +147,18 @@ FindSites selected_sites(const Arguments& arguments, const char* command, Moment
     throw InputError(std::string("bad command line: ") + command +
                      ": give hosts of sites on the list, or --all, or --from FILE");
   if (!arguments.hosts.empty()) return given_sites(arguments, now, exceptions);
-  const auto isSelected = [=](const ListedSite& site) {
-    return site.group == kDefaultGroup && (site.scope == Scope::Exception) == exceptions;
-  };
+  const auto isSelected = [=](const ListedSite& site) { return (site.scope == Scope::Exception) == exceptions; };
   if (arguments.all) {
-    return [=](const BlockList& list) {
+    return [=](const BlockList& list, GroupIndex group) {
       std::vector<ListedSite> sites = list.sites();
-      std::erase_if(sites, [&](const ListedSite& site) { return !isSelected(site); });
+      std::erase_if(sites, [&](const ListedSite& site) { return site.group != group || !isSelected(site); });
       return sites;
     };
   }
-  return [=, given = sites_of_file(arguments.from)](const BlockList& list) {
+  return [=, given = sites_of_file(arguments.from)](const BlockList& list, GroupIndex group) {
     std::vector<ListedSite> sites;
     for (const ListedSite& each : given) {
-      const ListedSite* site = list.find(each.host);
+      const ListedSite* site = list.find(each.host, group);
       if (site != nullptr && isSelected(*site)) sites.push_back(*site);
     }
     if (sites.size() < given.size())
@@ -165,11 +170,13 @@ FindSites selected_sites(const Arguments& arguments, const char* command, Moment
 
 // Finds the sites that the command line names, each once, with the given scope. They need not be on the list.
 FindSites new_sites(const Arguments& arguments, Scope scope) {
-  return [sites = checked_sites(arguments.hosts, scope)](const BlockList&) {
+  return [sites = checked_sites(arguments.hosts, scope)](const BlockList&, GroupIndex group) {
     std::vector<ListedSite> unique;
     std::set<std::string_view> seen;
     for (const ListedSite& site : sites) {
-      if (seen.insert(site.host).second) unique.push_back(site);
+      if (!seen.insert(site.host).second) continue;
+      unique.push_back(site);
+      unique.back().group = group;
     }
     return unique;
   };
@@ -228,15 +235,19 @@ std::string opposite_line(const BlockList& list, const Change& change, Moment no
   return decision.blocking != nullptr && decision.exception != nullptr ? line_of(*decision.exception) : "";
 }
 
-int change_list(const CommonOptions& options, Moment now, const FindSites& find, const ChangeSite& change) {
+int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
+                const ChangeSite& change) {
   std::vector<Change> changes;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     changes.clear();
     bool changed = false;
-    for (ListedSite& site : find(list)) {
+    const GroupIndex group = find_group(list, arguments.group);
+    const std::string note = delay_note(list.groups()[group]);
+    for (ListedSite& site : find(list, group)) {
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
+      if (!changes.back().isMeantToBlock) changes.back().outcome += note;
     }
     // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides
     // about a site that was changed earlier.
@@ -272,42 +283,47 @@ std::string blocking_outcome(const ListedSite* before, const ListedSite& site, M
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const Scope scope = arguments.exactNames ? Scope::ExactName : Scope::Subdomains;
-  const int code = change_list(options, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
-    if (site.host.find('.') == std::string::npos)
-      print_error("only this exact name is blocked: " + in_quotes(site.host) +
-                  ": block each site below it by its name");
-    std::string outcome = blocking_outcome(list.find(site.host), site, now);
-    const bool changed = list.put(site);
-    return Change{std::move(site), changed, std::move(outcome)};
-  });
+  const int code =
+      change_list(options, arguments, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
+        if (site.host.find('.') == std::string::npos)
+          print_error("only this exact name is blocked: " + in_quotes(site.host) +
+                      ": block each site below it by its name");
+        std::string outcome = blocking_outcome(list.find(site.host, site.group), site, now);
+        const bool changed = list.put(site);
+        return Change{std::move(site), changed, std::move(outcome)};
+      });
   if (const std::string warning = browser_warning(gather_browser_facts()); !warning.empty()) print_error(warning);
   return code;
 }
 
 int allow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, new_sites(arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
-    const ListedSite* found = list.find(site.host);
-    std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
-    const bool changed = list.put(site);
-    if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it";
-    return Change{std::move(site), changed, std::move(outcome), false};
-  });
+  refuse_if_locked(options, arguments.group, "add exceptions");
+  return change_list(
+      options, arguments, now, new_sites(arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
+        const ListedSite* found = list.find(site.host, site.group);
+        std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
+        const bool changed = list.put(site);
+        if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it";
+        return Change{std::move(site), changed, std::move(outcome), false};
+      });
 }
 
 int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, selected_sites(arguments, "unblock", now), [](BlockList& list, ListedSite site) {
-    list.remove(site.host);
+  const FindSites find = selected_sites(arguments, "unblock", now);
+  refuse_if_locked(options, arguments.group, "remove sites");
+  return change_list(options, arguments, now, find, [](BlockList& list, ListedSite site) {
+    list.remove(site.host, site.group);
     return Change{std::move(site), true, "removed from the list", false};
   });
 }
 
 int disallow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, selected_sites(arguments, "disallow", now, true),
+  return change_list(options, arguments, now, selected_sites(arguments, "disallow", now, true),
                      [](BlockList& list, ListedSite site) {
-                       list.remove(site.host);
+                       list.remove(site.host, site.group);
                        return Change{std::move(site), true, "no longer an exception"};
                      });
 }
@@ -317,9 +333,10 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   const FindSites find = selected_sites(arguments, "suspend", now);
   if (!arguments.end.isGiven())
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
+  refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment until = read_end_time(arguments.end, options, now);
   const std::string outcome = "not blocked " + suspension_text(until, now);
-  return change_list(options, now, find, [&](BlockList& list, ListedSite site) {
+  return change_list(options, arguments, now, find, [&](BlockList& list, ListedSite site) {
     site.until = until;
     const bool changed = list.put(site);
     return Change{std::move(site), changed, outcome, false};
@@ -328,12 +345,13 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
 
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, now, selected_sites(arguments, "resume", now), [&](BlockList& list, ListedSite site) {
-    const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
-    site.until.reset();
-    const bool changed = list.put(site);
-    return Change{std::move(site), changed, outcome};
-  });
+  return change_list(options, arguments, now, selected_sites(arguments, "resume", now),
+                     [&](BlockList& list, ListedSite site) {
+                       const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
+                       site.until.reset();
+                       const bool changed = list.put(site);
+                       return Change{std::move(site), changed, outcome};
+                     });
 }
 
 BlockList read_and_report(const CommonOptions& options) {
@@ -376,11 +394,15 @@ void declare_list_commands(CommandSet& commands) {
     return commands.declare(commands.app, kListGroup, name, description,
                             [&options = commands.options, arguments, command] { return command(options, *arguments); });
   };
+  auto takeGroup = [&](CLI::App* command) {
+    command->add_option("--group", arguments->group, "The group, instead of the default group")->type_name("GROUP");
+    return command;
+  };
   auto takeHosts = [&](CLI::App* command) {
     command->add_option("HOST", arguments->hosts, "Host names or URLs, in any spelling that browsers accept")
         ->required()
         ->type_name("");
-    return command;
+    return takeGroup(command);
   };
   auto takeListed = [&](CLI::App* command, const char* hosts, const char* all) {
     command->add_option("HOST", arguments->hosts, hosts)->type_name("");
@@ -389,15 +411,15 @@ void declare_list_commands(CommandSet& commands) {
         ->add_option("--from", arguments->from,
                      "The hosts of a file, in a form that import reads; \"-\" for standard input")
         ->type_name("FILE");
-    return command;
+    return takeGroup(command);
   };
-  constexpr const char *kSites = "Hosts of sites on the list", *kAllSites = "All sites of the default group";
+  constexpr const char *kSites = "Hosts of sites on the list", *kAllSites = "All sites of the group";
   takeHosts(declare("block", "Block sites, from now on and after every start", block))
       ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
   takeListed(declare("unblock", "Remove sites from the list", unblock), kSites, kAllSites);
   takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
   takeListed(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list",
-             "All exceptions on the list");
+             "All exceptions of the group");
   declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
 
   arguments->end.declare(*takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites));

@@ -47,11 +47,12 @@ _orvanectl() {
     local options='--help --json --list --service --socket --state'
     case $command in
       '') options+=' --version' ;;
-      block) options+=' --exact' ;;
+      block) options+=' --exact --group' ;;
+      allow) options+=' --group' ;;
       import) options+=' --subdomains --exact --replace --undo' ;;
       export) options+=' --hosts' ;;
-      suspend) options+=' --all --from --for --until' ;;
-      unblock | disallow | resume) options+=' --all --from' ;;
+      suspend) options+=' --all --from --group --for --until' ;;
+      unblock | disallow | resume) options+=' --all --from --group' ;;
       lock) options+=' --group --for --until' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;

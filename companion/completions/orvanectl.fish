@@ -88,7 +88,7 @@ complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove ever
 complete -c orvanectl -n '__orvanectl_command import' -l undo -d 'Take the last import back'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
-complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l all -d 'All sites on the list'
+complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l all -d 'All sites of the group'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l from -rF -d 'The hosts of a file'
 complete -c orvanectl -n __orvanectl_group -a add -d 'Add a group'
 complete -c orvanectl -n __orvanectl_group -a remove -d 'Remove a group with its sites'
@@ -100,7 +100,7 @@ complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is i
 complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
 complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
     -a '(__orvanectl_groups)'
-complete -c orvanectl -n '__orvanectl_command lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
+complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'

@@ -126,17 +126,18 @@ _orvanectl() {
   _arguments -C $common '(- *)--version[print the version]' '(-): :_orvanectl_commands' \
     '(-)*:: :->arguments' && return
   [[ $state == arguments ]] || return
+  local -a group=('--group=[the group]:group:_orvanectl_group_names')
   local -a listed=(
-    '--all[all sites on the list]' '--from=[the hosts of a file]:file:_files' '*:host:_orvanectl_hosts'
+    '--all[all sites of the group]' '--from=[the hosts of a file]:file:_files' '*:host:_orvanectl_hosts'
   )
   local -A before=("${(@kv)opt_args}") # options before the command
   case $words[1] in
-    block) _arguments $common '--exact[block the exact names only]' '*:host:' ;;
-    allow) _arguments $common '*:host:' ;;
-    unblock | disallow | resume) _arguments $common $listed ;;
+    block) _arguments $common $group '--exact[block the exact names only]' '*:host:' ;;
+    allow) _arguments $common $group '*:host:' ;;
+    unblock | disallow | resume) _arguments $common $group $listed ;;
     try) _arguments $common ':host:_orvanectl_hosts' ;;
     suspend)
-      _arguments $common $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
+      _arguments $common $group $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     import)
@@ -146,8 +147,7 @@ _orvanectl() {
       ;;
     group) _orvanectl_group ;;
     lock)
-      _arguments $common '--group=[the group]:group:_orvanectl_group_names' \
-        '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'
+      _arguments $common $group '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     export) _arguments $common '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;

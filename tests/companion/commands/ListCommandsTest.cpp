@@ -97,6 +97,18 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"group enable play", 2, ""},
       {"list", 0,
        "[group work]\nschedule = Mon..Fri 09:00-17:00\nschedule = Sat 00:00-24:00\nenabled = no\ndelay = 15m\n"},
+      {"block W.example a.example --group work", 0,
+       "w.example and its subdomains: blocked\na.example and its subdomains: blocked\n"},
+      {"block w.example --group play", 2, ""},
+      {"unblock w.example 2>&1 | head -n 1", 0,
+       "orvanectl: not on the list: \"w.example\": it is covered by the line \"w.example\" of the group work: give "
+       "w.example --group work\n"},
+      {"suspend --all --for 1h --group work | grep -c 'has an effect in 15 min'", 0, "2\n"},
+      {"resume --all --group work >'%.out' && grep -c again '%.out'", 0, "2\n"},
+      {"unblock --all", 0, ""},
+      {"unblock w.example a.example --group work", 0,
+       "w.example and its subdomains: removed from the list; has an effect in 15 min\n"
+       "a.example and its subdomains: removed from the list; has an effect in 15 min\n"},
       {"group show work", 0,
        "work: 0 sites, disabled\n  schedule  Mon..Fri 09:00-17:00\n  schedule  Sat 00:00-24:00\n"
        "  delay     15 min\n"},
