@@ -159,6 +159,10 @@ bool Schedule::read(std::string_view text, Span& span) {
 }
 
 bool Schedule::add(std::string_view text, std::string& fault) {
+  if (spans_.size() >= kMostSpans) {
+    fault = "a group has at most 100 spans: remove some";
+    return false;
+  }
   Span span;
   if (!read(text, span)) {
     fault = "it is no span of time: write it as in \"Mon..Fri 09:00-17:00\" or \"Sat,Sun 22:00-02:00\"";
@@ -190,24 +194,38 @@ bool Schedule::isActive(Moment moment) const {
          });
 }
 
+// The minutes of the week at which the schedule is active.
+Schedule::Week Schedule::week() const {
+  std::vector<int> begun(kMinutesOfWeek);  // how many spans begin at this minute, minus how many end
+  int running = 0;
+  for (const Span& span : spans_) {
+    for (int day = 0; day < kDays; ++day) {
+      if ((span.days >> day & 1) == 0) continue;
+      const int end = day * kMinutesOfDay + span.end;
+      ++begun[day * kMinutesOfDay + span.begin];
+      --begun[end % kMinutesOfWeek];
+      if (end >= kMinutesOfWeek) ++running;
+    }
+  }
+  Week week;
+  for (int minute = 0; minute < kMinutesOfWeek; ++minute) week[minute] = (running += begun[minute]) > 0;
+  return week;
+}
+
 std::optional<Moment> Schedule::nextChange(Moment now) const {
+  if (spans_.empty()) return std::nullopt;
   // A span of one day in the week may fall into a skipped hour, so that it first begins after two weeks.
   constexpr seconds kLongestWait = 5 * kDays * kDay;
-  const bool before = isActive(now);
+  const Week week = this->week();
+  const bool before = week[minute_of_week(local_fields(now))];
+  if (week.all() || week.none()) return std::nullopt;
   for (Moment at = now; at < now + kLongestWait;) {
     const std::tm local = local_fields(at);
-    int wait = kMinutesOfWeek;  // until the next minute of the week at which a span begins or ends
-    for (const Span& span : spans_) {
-      for (int day = 0; day < kDays; ++day) {
-        if ((span.days >> day & 1) == 0) continue;
-        for (int edge : {span.begin, span.end}) {
-          const int ahead = (day * kMinutesOfDay + edge - minute_of_week(local) + kMinutesOfWeek) % kMinutesOfWeek;
-          if (ahead > 0) wait = std::min(wait, ahead);
-        }
-      }
-    }
+    const int minute = minute_of_week(local);
+    if (week[minute] != before) return at;
+    int wait = 1;
+    while (week[(minute + wait) % kMinutesOfWeek] == before) ++wait;
     at = end_of_offset(at, at + seconds(60) * wait - seconds(local.tm_sec));
-    if (isActive(at) != before) return at;
   }
   return std::nullopt;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <bitset>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,7 +23,8 @@ class Schedule {
   // Adds a span, as in systemd.time(7) as far as it goes: "[DAYS] HH:MM-HH:MM". DAYS are names of days or ranges of
   // days: "Mon..Fri", "Sat,Sun". Without DAYS, the span is that of every day; without times, it is the whole day. If
   // the second time is not later than the first, the span ends on the next day. Returns false and sets `fault` to what
-  // is wrong and what to do if the text is no span.
+  // is wrong and what to do if the text is no span, or if there are kMostSpans already.
+  static constexpr size_t kMostSpans = 100;
   bool add(std::string_view text, std::string& fault);
 
   // One text for each span. add() reads these texts.
@@ -40,7 +43,10 @@ class Schedule {
     uint16_t end = 0;    // greater than `begin`; beyond 24 hours if the span ends on the next day
     bool operator==(const Span&) const = default;
   };
+  using Week = std::bitset<size_t{7} * 24 * 60>;  // a bit for each minute, from the start of Monday
+
   static bool read(std::string_view text, Span& span);
+  Week week() const;
 
   std::vector<Span> spans_;
 };

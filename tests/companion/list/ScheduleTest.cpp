@@ -33,6 +33,8 @@ TEST(Schedule, ReadsSpansAndWritesThemInOneForm) {
   for (const char* text : {"", "Mo 9:00-10:00", "Mon..", "Mon 9-17", "9:00", "9:00-9:00", "24:00-1:00", "0:00-24:01",
                            "Mon,,Tue 1:00-2:00", "1:00-2:00 x", "1:60-3:00"})
     EXPECT_FALSE(schedule.add(text, fault)) << text;
+  for (size_t i = 0; i < Schedule::kMostSpans; ++i) EXPECT_TRUE(schedule.add("Mon", fault));
+  EXPECT_FALSE(schedule.add("Tue", fault)) << "more spans than the keeper looks through in a moment";
 }
 
 // The days and times that the schedules of the next test have, as texts that compare like the times.
