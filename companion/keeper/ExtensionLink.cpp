@@ -20,8 +20,14 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
-// The time between two reads of the extension's count of edits while other clients' edits must be undone.
+// The time between two reads of the extension's count of edits while other clients' edits must be undone. Who edits
+// once may do so again, so after an undo the keeper reads the count more often for kVigilance.
 constexpr std::chrono::milliseconds kCheckInterval = 500ms;
+constexpr std::chrono::milliseconds kVigilantInterval = 50ms;
+constexpr std::chrono::milliseconds kVigilance = 5s;
+
+// The time between two attempts to send a whole list that the extension has refused, while it holds the guarded names.
+constexpr std::chrono::milliseconds kRefusalInterval = 60s;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous
 // attempt to connect, the next attempt waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
@@ -66,20 +72,38 @@ void ExtensionLink::attend(const HeldNames* list) {
   }
   due_ = nextCheck();
   if (std::string failure = checkConnection(); !failure.empty()) return disconnect(failure);
-  if (state_.changesOfOthers == 0 || list == nullptr) return;
-  keeper_log(LogLevel::Notice,
-             "a group is locked: undoing " + counted(state_.changesOfOthers, "edit", "edits") + " by other clients");
-  send(nullptr, *list);
+  const bool isEdited = state_.changesOfOthers > 0;
+  const bool isRefused = holdsGuarded_ && Clock::now() < sendWholeAt_;
+  if (list == nullptr || ((isInSync_ || isRefused) && !isEdited)) return;
+  if (isEdited) {
+    if (Clock::now() >= vigilantUntil_)
+      keeper_log(LogLevel::Notice, "a group is locked: undoing " + counted(state_.changesOfOthers, "edit", "edits") +
+                                       " by other clients");
+    vigilantUntil_ = Clock::now() + kVigilance;
+    addGuarded();
+  }
+  isRefused ? sendGuarded() : send(nullptr, *list);
+  if (isEdited && (isInSync_ || holdsGuarded_)) due_ = Clock::now();
 }
 
-void ExtensionLink::undoEdits(bool enabled) {
+// Adds the guarded names before the whole list is sent, which takes longer. Each name is a message, so this is not
+// quicker for many names.
+void ExtensionLink::addGuarded() {
+  if (guarded_.empty() || guarded_.size() > kLargestDifference) return;
+  attempt(kCallTimeout, [this](CallTimeout&) { client_->addHostnames(guarded_); });
+}
+
+void ExtensionLink::undoEdits(bool enabled, std::vector<std::string> guarded) {
+  guarded_ = std::move(guarded);
   if (enabled == undoesEdits_) return;
   undoesEdits_ = enabled;
   if (client_) due_ = enabled ? Clock::now() : nextCheck();
 }
 
 ExtensionLink::Clock::time_point ExtensionLink::nextCheck() const {
-  return undoesEdits_ ? Clock::now() + kCheckInterval : Clock::time_point::max();
+  if (!undoesEdits_) return Clock::time_point::max();
+  const auto now = Clock::now();
+  return now + ((isInSync_ || holdsGuarded_) && now < vigilantUntil_ ? kVigilantInterval : kCheckInterval);
 }
 
 void ExtensionLink::onSocketEvent() {
@@ -136,7 +160,7 @@ bool ExtensionLink::connect() {
 }
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
-  isInSync_ = false;
+  isInSync_ = holdsGuarded_ = false;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
     const bool isWhole = before == nullptr || needs_whole_list(*before, after);
     // Sending the whole list discards other clients' edits, so counting them starts again here.
@@ -155,8 +179,29 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
     return;
   }
   expectedChanges_ = state_.changes - state_.changesOfOthers;
+  if (state_.extensionError != failure)
+    keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
   state_.extensionError = failure;
-  keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
+  sendWholeAt_ = Clock::now() + kRefusalInterval;
+  if (!guarded_.empty()) sendGuarded();
+}
+
+// Replaces the extension's names by the guarded ones, because the extension has not taken the whole list.
+void ExtensionLink::sendGuarded() {
+  holdsGuarded_ = false;
+  const std::string failure =
+      attempt(kCallTimeout + std::chrono::seconds(guarded_.size() / kNamesPerSecond), [&](auto&) {
+        expectedChanges_ = client_->changesCount() + 1;
+        client_->setHostnames(guarded_, nullptr);
+        readChangesCount();
+        holdsGuarded_ = true;
+      });
+  if (failure == kUnresponsive) return disconnect(failure);
+  if (!holdsGuarded_) return;
+  state_.sentVersion.reset();
+  state_.sentNames = guarded_.size();
+  keeper_log(LogLevel::Notice, "the extension has only the names of groups with a lock or a delay: " +
+                                   counted(guarded_.size(), "name", "names"));
 }
 
 std::string ExtensionLink::checkConnection() {

@@ -35,11 +35,13 @@ class ExtensionLink {
 
   // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`: the names that the
   // extension must hold; null if the keeper has not read the list yet, in which case nothing is sent. If connected,
-  // sends `list` again if other clients have made edits.
+  // sends `list` again if other clients have made edits, or if the extension has not taken it.
   void attend(const HeldNames* list);
-  // From undoEdits(true) to undoEdits(false), the edits of other clients last less than a second. The protocol has no
-  // message that tells of edits, so attend() must then ask for their number twice a second.
-  void undoEdits(bool enabled);
+  // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
+  // that tells of edits, so attend() must then ask for their number twice a second, and more often after an undo.
+  // `guarded`: the names that must not be missing. An undo adds them first, and if the extension does not take the
+  // whole list, it gets only these names.
+  void undoEdits(bool enabled, std::vector<std::string> guarded);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
   void onSocketEvent();
@@ -57,6 +59,8 @@ class ExtensionLink {
   std::string attempt(std::chrono::milliseconds timeout, Work work);
   bool connect();
   void send(const HeldNames* before, const HeldNames& after);
+  void addGuarded();
+  void sendGuarded();
   std::string checkConnection();
   Clock::time_point nextCheck() const;
   void readChangesCount();
@@ -79,6 +83,10 @@ class ExtensionLink {
   // Used while connected.
   bool hasConnectedBefore_ = false;
   bool undoesEdits_ = false;
+  std::vector<std::string> guarded_;  // sorted
+  bool holdsGuarded_ = false;         // the extension has not taken the list, and holds guarded_ instead
+  Clock::time_point sendWholeAt_ = Clock::time_point::min();
+  Clock::time_point vigilantUntil_ = Clock::time_point::min();
   bool isInSync_ = false;         // the extension has taken the list that was sent last
   uint64_t expectedChanges_ = 0;  // what the extension's count of edits is if no other client has made edits
 };

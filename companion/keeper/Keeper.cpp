@@ -30,6 +30,7 @@
 #include "companion/text/Output.h"
 #include "platform/linux/base/Descriptor.h"
 #include "platform/linux/base/Files.h"
+#include "platform/linux/base/Subdomains.h"
 
 namespace orvane {
 namespace {
@@ -95,9 +96,13 @@ class Timer {
 };
 
 ListGuard::Now current_time() {
+  constexpr size_t kLargestStart = 64;
   timespec running{};
   clock_gettime(CLOCK_BOOTTIME, &running);
-  return {now_in_seconds(), std::chrono::seconds(running.tv_sec)};
+  // A random text that the kernel makes when it starts.
+  static const std::string start =
+      read_file_start("/proc/sys/kernel/random/boot_id", kLargestStart, Links::Refuse).value_or("");
+  return {now_in_seconds(), std::chrono::seconds(running.tv_sec), start};
 }
 
 class Keeper {
@@ -119,6 +124,11 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
+    // Reading a large list takes long.
+    if (guard_.isActive()) {
+      enforce(guard_.listInForce(BlockList()), {});
+      link_.attend(known());
+    }
     attend({});
     for (;;) {
       publish();
@@ -272,7 +282,11 @@ void Keeper::onListError(const std::string& error) {
   if (state_.listError != error) keeper_log(LogLevel::Error, error);
   state_.listError = error;
   readAt_ = Steady::now() + kRereadInterval;
-  if (guard_.isActive()) enforce(guard_.listInForce(BlockList()), list_);
+  if (!guard_.isActive()) return;
+  // An exception must not outlast the schedule of its group.
+  HeldNames others = list_;
+  std::erase_if(others.names, [](const std::string& name) { return name.starts_with(kExceptionMark); });
+  enforce(guard_.listInForce(BlockList()), std::move(others));
 }
 
 // Sends the names of the list that are to be held now, and those of `others`.
@@ -288,8 +302,13 @@ void Keeper::enforce(const BlockList& list, HeldNames others) {
                    std::back_inserter(names));
     held.names = std::move(names);
   }
+  std::vector<std::string> guarded;
+  if (guard_.isActive()) {
+    const BlockList copy = guard_.listInForce(BlockList());
+    guarded = held_names(copy, now.wall, guard_.statesOf(copy, now)).names;
+  }
+  link_.undoEdits(guard_.isLocked(), std::move(guarded));
   take(std::move(held));
-  link_.undoEdits(guard_.isLocked());
 }
 
 void Keeper::describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now) {
@@ -311,16 +330,25 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
 }
 
 void Keeper::updateGuard(const BlockList& list) {
+  const std::vector<std::string> refused = guard_.refusedGroups();
   const bool isChanged = guard_.update(list, current_time());
+  if (!guard_.refusedGroups().empty() && guard_.refusedGroups() != refused)
+    keeper_log(LogLevel::Warning, "too many groups have a lock or a delay: at most " +
+                                      std::to_string(ListGuard::kMostGroups) +
+                                      " can; ignored: " + guard_.refusedGroups().front() + " and " +
+                                      std::to_string(guard_.refusedGroups().size() - 1) + " more");
   const auto due = guard_.due();
   due ? guardTimer_.set(*due) : guardTimer_.stop();
   if (isChanged || (due && saveGuardAt_ == Steady::time_point::max())) saveGuard();
 }
 
 void Keeper::loadGuard() {
-  const auto text = read_file_start(guardPath_, kLargestInput, Links::Refuse);
-  if (!text) return;
+  std::error_code ignored;
+  if (std::filesystem::symlink_status(guardPath_, ignored).type() == std::filesystem::file_type::not_found) return;
+  const auto text = read_file_start(guardPath_, kLargestInput + 1, Links::Refuse);
   try {
+    if (!text) throw InputError("cannot read the file");
+    if (text->size() > kLargestInput) throw InputError("the file is too large");
     guard_.load(*text, current_time());
   } catch (const InputError& error) {
     keeper_log(LogLevel::Error, "locks and delays are lost: " + in_quotes(guardPath_) + ": " + error.what());

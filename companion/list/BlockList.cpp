@@ -215,6 +215,13 @@ const ListedSite* BlockList::find(std::string_view host, GroupIndex group) const
   return found == lineByHost_.end() ? nullptr : &*lines_[found->second].site;
 }
 
+void BlockList::forEachSiteOf(std::string_view host, const std::function<void(const ListedSite&)>& visit) const {
+  const auto [begin, end] = lineByHost_.equal_range(keyed_hash(host));
+  std::for_each(begin, end, [&, host = host](const auto& entry) {
+    if (lines_[entry.second].site->host == host) visit(*lines_[entry.second].site);
+  });
+}
+
 BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host, GroupIndex group) const {
   const auto isSame = [&](const ListedSite& site) { return site.group == group && site.host == host; };
   auto [found, end] = lineByHost_.equal_range(keyed_hash(host));
@@ -269,9 +276,13 @@ GroupIndex copy_settings(const Group& group, BlockList& list) {
   const auto known = list.findGroup(group.name);
   const GroupIndex index = known ? *known : list.addGroup(group.name);
   using Values = std::vector<std::string>;
-  list.setSetting(index, kScheduleKey, group.schedule.texts());
-  list.setSetting(index, kEnabledKey, group.isEnabled ? Values{} : Values{"no"});
-  list.setSetting(index, kDelayKey, group.delay.count() == 0 ? Values{} : Values{delay_text(group.delay)});
+  const Group before = list.groups()[index];
+  // Each change of a setting looks through all lines.
+  if (group.schedule != before.schedule) list.setSetting(index, kScheduleKey, group.schedule.texts());
+  if (group.isEnabled != before.isEnabled)
+    list.setSetting(index, kEnabledKey, group.isEnabled ? Values{} : Values{"no"});
+  if (group.delay != before.delay)
+    list.setSetting(index, kDelayKey, group.delay.count() == 0 ? Values{} : Values{delay_text(group.delay)});
   return index;
 }
 

@@ -81,6 +81,9 @@ class BlockList {
   // The site with exactly this host in this group; null if there is none. Valid until the next change of the list.
   const ListedSite* find(std::string_view host, GroupIndex group = kDefaultGroup) const;
 
+  // The sites with exactly this host, in all groups.
+  void forEachSiteOf(std::string_view host, const std::function<void(const ListedSite&)>& visit) const;
+
   // Adds a site at the end of its group, or replaces the site with the same host in that group and keeps the comment on
   // that site's line. Returns whether anything changed.
   bool put(ListedSite site);

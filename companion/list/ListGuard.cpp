@@ -1,11 +1,14 @@
 #include "companion/list/ListGuard.h"
 
 #include <algorithm>
+#include <bitset>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 #include <utility>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/Input.h"
+#include "platform/KeyedHash.h"
 #include "platform/linux/base/Subdomains.h"
 
 namespace orvane {
@@ -15,6 +18,9 @@ using Json = nlohmann::json;
 using std::chrono::seconds;
 
 constexpr int kWeakestSite = 2;
+
+// Guarded groups, by their order.
+using GroupSet = std::bitset<ListGuard::kMostGroups>;
 
 // How much a line blocks, at least kWeakestSite if it blocks anything. No line blocks more than an exception.
 int strength(const ListedSite* site) {
@@ -46,14 +52,25 @@ GroupIndex group_named(BlockList& list, std::string_view name) {
   return known ? *known : list.addGroup(name);
 }
 
-std::string key_of(const BlockList& list, const ListedSite& exception) {
-  const Group& group = list.groupOf(exception);
-  std::string key = exception.host + " " + group.name + (group.isEnabled ? "" : " disabled");
-  for (const std::string& span : group.schedule.texts()) key += "; " + span;
-  return key;
+// At least what the site takes in the saved text. A change of the site that has no effect yet takes as much again.
+size_t bytes_of(const ListedSite& site) {
+  constexpr size_t kLongestRest = 40;
+  return site.host.size() + kLongestRest;
+}
+
+std::string settings_text(const Group& group) {
+  std::string text = group.isEnabled ? "" : "disabled";
+  for (const std::string& span : group.schedule.texts()) text += "; " + span;
+  return text;
 }
 
 }  // namespace
+
+struct ListGuard::Update {
+  Guarded* guarded = nullptr;
+  std::optional<GroupIndex> wanted;  // the group in the file
+  bool isLockNew = false;
+};
 
 std::string ListGuard::save(const Now& now) const {
   Json groups = Json::object(), exceptions = Json::object();
@@ -69,19 +86,24 @@ std::string ListGuard::save(const Now& now) const {
     for (const auto& [host, moment] : guarded.leaving) leaving[host] = left(moment);
   }
   for (const auto& [key, since] : exceptions_) exceptions[key] = left(since);
-  const Json header{{"running", now.running.count()}, {"groups", groups}, {"exceptions", exceptions}};
+  const Json header{{"running", now.running.count()},
+                    {"wall", now.wall.time_since_epoch().count()},
+                    {"start", now.start},
+                    {"groups", groups},
+                    {"exceptions", exceptions},
+                    {"settings", exceptionSettings_}};
   return "# " + header.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n" + held_.text();
 }
 
 void ListGuard::load(std::string_view text, const Now& now) {
   const size_t end = std::min(text.find('\n'), text.size());
-  ListGuard loaded;
+  ListGuard loaded(mostBytes_);
   try {
     const Json header = Json::parse(text.substr(std::min<size_t>(2, end), end - std::min<size_t>(2, end)));
     // If the machine was restarted meanwhile, this is the time since its start: it is not known how long the machine
-    // still ran before. If its clock is beyond the old value again, the difference is less than that time.
+    // still ran before.
     const Seconds saved(header.at("running").get<int64_t>());
-    const bool isRestarted = now.running < saved;
+    const bool isRestarted = now.running < saved || header.value("start", now.start) != now.start;
     const Seconds start = isRestarted ? Seconds(0) : saved;
     const auto moment = [&](const Json& left) { return start + Seconds(left.get<int64_t>()); };
     for (const auto& [name, group] : header.at("groups").items()) {
@@ -90,16 +112,19 @@ void ListGuard::load(std::string_view text, const Now& now) {
       if (group.contains("lockLeft")) {
         guarded.lockEnd = moment(group.at("lockLeft"));
         guarded.lockBegan = moment(group.at("lockBegan"));
-        guarded.clock =
-            isRestarted ? now.wall.time_since_epoch() - now.running : Seconds(group.at("clock").get<int64_t>());
+        // A machine whose clock has no battery starts with an old time.
+        const Seconds wall = std::max(now.wall.time_since_epoch(), Seconds(header.value("wall", int64_t{0})));
+        guarded.clock = isRestarted ? wall - now.running : Seconds(group.at("clock").get<int64_t>());
       }
       if (group.contains("request")) guarded.request = read_moment(group.at("request").get<std::string>());
       for (const auto& [host, left] : group.at("leaving").items()) guarded.leaving[host] = moment(left);
     }
     for (const auto& [key, since] : header.at("exceptions").items()) loaded.exceptions_[key] = moment(since);
+    loaded.exceptionSettings_ = header.value("settings", loaded.exceptionSettings_);
   } catch (const Json::exception& error) {
     throw InputError(std::string("not a saved guard: ") + error.what());
   }
+  if (loaded.guarded_.size() > kMostGroups) throw InputError("too many groups");
   loaded.held_ = BlockList::parse(text.substr(end));
   *this = std::move(loaded);
 }
@@ -109,15 +134,7 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
   due_.reset();
   const bool wasActive = isActive();
   takeRequests(file, now);
-  for (auto& [name, guarded] : guarded_) {
-    if (guarded.lockEnd && *guarded.lockEnd <= now.running) {
-      guarded.lockEnd.reset();
-      isChanged_ = true;
-    }
-    if (guarded.lockEnd) noteDue(*guarded.lockEnd);
-    if (isGuarded(name, guarded, file)) updateGroup(name, guarded, file, now);
-    if (guarded.hasCopy && !isGuarded(name, guarded, file)) release(name, guarded);
-  }
+  updateGroups(file, now);
   // The request of an ended lock is remembered as long as the file has it. Otherwise it would lock the group again
   // after the clock was set back.
   std::erase_if(guarded_, [&](const auto& entry) {
@@ -128,6 +145,7 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
     updateExceptions(file, now, wasActive);
   } else {
     exceptions_.clear();
+    exceptionSettings_.clear();
     heldBack_.clear();
   }
   // Lines that were removed would stay in memory.
@@ -135,17 +153,92 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
   return isChanged_;
 }
 
-// Forgets the guard's copy of a group.
-void ListGuard::release(const std::string& name, Guarded& guarded) {
-  isChanged_ = true;
-  guarded.hasCopy = false;
-  guarded.leaving.clear();
-  const GroupIndex held = group_named(held_, name);
-  for (const ListedSite& site : held_.sites()) {
-    if (site.group == held) held_.remove(site.host, held);
+// Brings the guard's copies of the groups up to date. Walks over each list once, because both may be large.
+void ListGuard::updateGroups(const BlockList& file, const Now& now) {
+  Updates updates;
+  for (auto& [name, guarded] : guarded_) {
+    if (guarded.lockEnd && *guarded.lockEnd <= now.running) {
+      guarded.lockEnd.reset();
+      isChanged_ = true;
+    }
+    if (guarded.lockEnd) noteDue(*guarded.lockEnd);
+    if (!isGuarded(name, guarded, file)) continue;
+    const std::optional<GroupIndex> wanted = file.findGroup(name);
+    const GroupIndex held = group_named(held_, name);
+    if (!guarded.hasCopy && wanted) copy_settings(file.groups()[*wanted], held_);
+    isChanged_ = isChanged_ || !guarded.hasCopy;
+    guarded.hasCopy = true;
+    updateSettings(held, guarded, wanted ? &file.groups()[*wanted] : nullptr, now);
+    updates.resize(held_.groups().size());
+    updates[held] = {&guarded, wanted, guarded.lockEnd && guarded.lockBegan == now.running};
   }
-  copy_settings({name, true, {}, {}, {}}, held_);
-  if (held != kDefaultGroup) held_.removeGroup(held);
+  updates.resize(held_.groups().size());
+  updateSites(updates, file, now);
+  std::vector<std::string> released;
+  for (const auto& [name, guarded] : guarded_) {
+    if (guarded.hasCopy && !isGuarded(name, guarded, file)) released.push_back(name);
+  }
+  if (!released.empty()) release(released);
+}
+
+void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& now) {
+  size_t bytes = 0;
+  for (ListedSite& site : held_.sites()) {
+    bytes += bytes_of(site);
+    auto& [guarded, wanted, isLockNew] = updates[site.group];
+    if (guarded == nullptr) continue;
+    // A lock ends the suspensions of its group.
+    if (isLockNew && site.until) {
+      site.until.reset();
+      held_.put(site);
+    }
+    const ListedSite* other = wanted ? file.find(site.host, *wanted) : nullptr;
+    if (!blocks_less(other, site)) {
+      stays(*guarded, site.host);
+    } else if (mayLeave(*guarded, site.host, held_.groups()[site.group].delay, now) && strength(other) < kWeakestSite) {
+      isChanged_ = held_.remove(site.host, site.group) || isChanged_;
+    }
+  }
+  std::vector<std::optional<GroupIndex>> heldOf(file.groups().size());
+  for (size_t i = 0; i < updates.size(); ++i) {
+    if (updates[i].wanted) heldOf[*updates[i].wanted] = static_cast<GroupIndex>(i);
+  }
+  file.forEachSite([&](const ListedSite& site) {
+    const auto held = heldOf[site.group];
+    if (!held || site.scope == Scope::Exception || updates[*held].guarded->leaving.contains(site.host)) return;
+    if (held_.find(site.host, *held) == nullptr) {
+      if (bytes + bytes_of(site) > mostBytes_) return;
+      bytes += bytes_of(site);
+    }
+    ListedSite copy = site;
+    copy.group = *held;
+    if (updates[*held].isLockNew) copy.until.reset();
+    isChanged_ = held_.put(std::move(copy)) || isChanged_;
+  });
+}
+
+// Forgets the guard's copies of these groups.
+void ListGuard::release(const std::vector<std::string>& names) {
+  isChanged_ = true;
+  std::vector<bool> isReleased(held_.groups().size());
+  for (const std::string& name : names) {
+    Guarded& guarded = guarded_[name];
+    guarded.hasCopy = false;
+    guarded.leaving.clear();
+    if (const auto held = held_.findGroup(name)) isReleased[*held] = true;
+  }
+  BlockList kept;
+  std::vector<GroupIndex> indexes(held_.groups().size(), kDefaultGroup);
+  for (size_t i = 0; i < isReleased.size(); ++i) {
+    const Group& group = held_.groups()[i];
+    if (!isReleased[i] && !group.name.empty()) indexes[i] = copy_settings(group, kept);
+  }
+  held_.forEachSite([&](ListedSite site) {
+    if (isReleased[site.group]) return;
+    site.group = indexes[site.group];
+    kept.put(std::move(site));
+  });
+  held_ = std::move(kept);
 }
 
 bool ListGuard::isGuarded(const std::string& name, const Guarded& guarded, const BlockList& file) const {
@@ -155,8 +248,13 @@ bool ListGuard::isGuarded(const std::string& name, const Guarded& guarded, const
 }
 
 void ListGuard::takeRequests(const BlockList& file, const Now& now) {
+  refusedGroups_.clear();
   for (const Group& group : file.groups()) {
-    if (group.name.empty()) continue;
+    if (group.name.empty() || (group.delay.count() == 0 && !group.lockUntil)) continue;
+    if (guarded_.size() >= kMostGroups && !guarded_.contains(group.name)) {
+      refusedGroups_.push_back(group.name);
+      continue;
+    }
     if (group.delay.count() > 0) guarded_[group.name];
     if (!group.lockUntil) continue;
     Guarded& guarded = guarded_[group.name];
@@ -171,40 +269,6 @@ void ListGuard::takeRequests(const BlockList& file, const Now& now) {
     }
     guarded.lockEnd = end;
   }
-}
-
-// Brings the guard's copy of a group up to date.
-void ListGuard::updateGroup(const std::string& name, Guarded& guarded, const BlockList& file, const Now& now) {
-  const std::optional<GroupIndex> wanted = file.findGroup(name);
-  const GroupIndex held = group_named(held_, name);
-  if (!guarded.hasCopy && wanted) copy_settings(file.groups()[*wanted], held_);
-  isChanged_ = isChanged_ || !guarded.hasCopy;
-  guarded.hasCopy = true;
-  updateSettings(held, guarded, wanted ? &file.groups()[*wanted] : nullptr, now);
-  // A lock ends the suspensions of its group.
-  const bool isLockNew = guarded.lockEnd && guarded.lockBegan == now.running;
-  const Seconds delay = held_.groups()[held].delay;
-  for (ListedSite& site : held_.sites()) {
-    if (site.group != held) continue;
-    if (isLockNew && site.until) {
-      site.until.reset();
-      held_.put(site);
-    }
-    const ListedSite* other = wanted ? file.find(site.host, *wanted) : nullptr;
-    if (!blocks_less(other, site)) {
-      stays(guarded, site.host);
-    } else if (mayLeave(guarded, site.host, delay, now) && strength(other) < kWeakestSite) {
-      isChanged_ = held_.remove(site.host, held) || isChanged_;
-    }
-  }
-  if (!wanted) return;
-  file.forEachSite([&](const ListedSite& site) {
-    if (site.group != *wanted || site.scope == Scope::Exception || guarded.leaving.contains(site.host)) return;
-    ListedSite copy = site;
-    copy.group = held;
-    if (isLockNew) copy.until.reset();
-    isChanged_ = held_.put(std::move(copy)) || isChanged_;
-  });
 }
 
 // `wanted`: the settings in the file; null if the file has no such group.
@@ -248,51 +312,85 @@ void ListGuard::stays(Guarded& guarded, const std::string& key) {
   isChanged_ = guarded.leaving.erase(key) > 0 || isChanged_;
 }
 
-// Finds the exceptions that have no effect yet.
+// The guard's copy of a group; nothing if it has none.
+std::optional<GroupIndex> ListGuard::heldGroup(const std::string& name) const {
+  const auto found = guarded_.find(name);
+  return found != guarded_.end() && found->second.hasCopy ? held_.findGroup(name) : std::nullopt;
+}
+
+// Finds the exceptions that have no effect now.
 void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool wasActive) {
-  const BlockList list = withHeldGroups(file);
-  std::map<std::string, Seconds> seen;
   heldBack_.clear();
-  list.forEachSite([&](const ListedSite& site) {
+  std::unordered_map<std::string_view, GroupSet, KeyedHash> concerns;
+  file.forEachSite([&](const ListedSite& site) {
+    if (site.scope == Scope::Exception) concerns.try_emplace(site.host);
+  });
+  std::vector<const Guarded*> guarded;
+  std::vector<Seconds> delays;
+  std::vector<size_t> position(held_.groups().size(), kMostGroups);  // in `guarded`
+  for (const auto& [name, each] : guarded_) {
+    const auto held = heldGroup(name);
+    if (!held) continue;
+    position[*held] = guarded.size();
+    guarded.push_back(&each);
+    delays.push_back(held_.groups()[*held].delay);
+  }
+  // The sites at or below the host of an exception.
+  if (!concerns.empty()) {
+    held_.forEachSite([&](const ListedSite& site) {
+      for (std::string_view host = site.host;; host.remove_prefix(host.find('.') + 1)) {
+        if (const auto found = concerns.find(host); found != concerns.end()) found->second.set(position[site.group]);
+        if (host.find('.') == std::string_view::npos) return;
+      }
+    });
+  }
+  std::map<std::string, Seconds> seen;
+  std::map<std::string, std::string> settings;
+  std::map<std::pair<GroupIndex, Seconds>, bool> isInForce;  // by the group in the file, and Guarded::clock
+  const auto isInForceOnBothClocks = [&](const ListedSite& exception, const Group& group, Seconds clock) {
+    const auto [entry, isNew] = isInForce.try_emplace({exception.group, clock});
+    if (!isNew) return entry->second;
+    const Moment unset(now.running + clock);
+    if (const auto next = group.nextChange(unset)) noteDue(now.running + (*next - unset));
+    return entry->second = group.isInForce(unset) && group.isInForce(now.wall);
+  };
+  file.forEachSite([&](const ListedSite& site) {
     if (site.scope != Scope::Exception) return;
-    const std::string key = key_of(list, site);
-    const auto known = exceptions_.find(key);
+    const auto held = heldGroup(file.groupOf(site).name);
+    if (held && held_.find(site.host, *held) != nullptr) return;
+    const Group& group = held ? held_.groups()[*held] : file.groupOf(site);
+    auto concerned = concerns.at(site.host);
+    // The sites whose subdomains include the host.
+    for (std::string_view covering : covering_hosts(site.host)) {
+      held_.forEachSiteOf(covering, [&](const ListedSite& above) {
+        if (above.scope == Scope::Subdomains) concerned.set(position[above.group]);
+      });
+    }
+    const auto [text, isNewGroup] = settings.try_emplace(group.name);
+    if (isNewGroup) text->second = settings_text(group);
+    const auto before = exceptionSettings_.find(group.name);
+    const std::string key = site.host + " " + group.name;
+    const auto known = before != exceptionSettings_.end() && before->second == text->second ? exceptions_.find(key)
+                                                                                            : exceptions_.end();
     // An exception that is older than the guard has an effect.
     const Seconds since = known != exceptions_.end() ? known->second
                           : wasActive                ? now.running
                                                      : now.running - kLongestDelay;
-    seen.emplace(key, since);
-    if (isHeldBack(site, since, now)) heldBack_.emplace(list.groupOf(site).name, site.host);
+    if (seen.size() < kMostExceptions) seen.emplace(key, since);
+    bool isHeldBack = false;
+    for (size_t i = 0; i < guarded.size(); ++i) {
+      if (!concerned[i]) continue;
+      const bool isLocked = guarded[i]->lockEnd && since >= guarded[i]->lockBegan;
+      const Seconds end = since + delays[i];
+      if (!isLocked && end > now.running) noteDue(end);
+      isHeldBack = isHeldBack || isLocked || end > now.running ||
+                   (guarded[i]->lockEnd && !isInForceOnBothClocks(site, group, guarded[i]->clock));
+    }
+    if (isHeldBack) heldBack_.emplace(group.name, site.host);
   });
-  isChanged_ = isChanged_ || seen != exceptions_;
+  isChanged_ = isChanged_ || seen != exceptions_ || settings != exceptionSettings_;
   exceptions_ = std::move(seen);
-}
-
-bool ListGuard::isHeldBack(const ListedSite& exception, Seconds since, const Now& now) {
-  bool isHeldBack = false;
-  for (const auto& [name, guarded] : guarded_) {
-    const auto held = held_.findGroup(name);
-    if (!guarded.hasCopy || !held) continue;
-    const bool isLocked = guarded.lockEnd && since >= guarded.lockBegan;
-    const Seconds end = since + held_.groups()[*held].delay;
-    if ((!isLocked && end <= now.running) || !concerns(exception, *held)) continue;
-    if (!isLocked) noteDue(end);
-    isHeldBack = true;
-  }
-  return isHeldBack;
-}
-
-// Whether an exception would let pass what a site of the guarded group blocks.
-bool ListGuard::concerns(const ListedSite& exception, GroupIndex held) const {
-  for (std::string_view covering : covering_hosts(exception.host)) {
-    const ListedSite* site = held_.find(covering, held);
-    if (site != nullptr && (site->scope == Scope::Subdomains || covering == exception.host)) return true;
-  }
-  bool isAbove = false;
-  const std::string below = "." + exception.host;
-  held_.forEachSite(
-      [&](const ListedSite& site) { isAbove = isAbove || (site.group == held && site.host.ends_with(below)); });
-  return isAbove;
+  exceptionSettings_ = std::move(settings);
 }
 
 bool ListGuard::isActive() const {
@@ -306,26 +404,22 @@ bool ListGuard::isLocked() const {
 // The list of the file, with the guard's copy in place of each guarded group, except for the group's exceptions.
 BlockList ListGuard::withHeldGroups(const BlockList& file) const {
   BlockList list;
-  const auto copyGroups = [&](const BlockList& from, const auto& isWanted) {
+  const auto copy = [&](const BlockList& from, bool isHeld) {
+    std::vector<GroupIndex> indexes;
     for (const Group& group : from.groups()) {
-      if (!group.name.empty() && isWanted(group.name)) copy_settings(group, list);
+      const bool hasSettings = !group.name.empty() && heldGroup(group.name).has_value() == isHeld;
+      const bool isNamed = !group.name.empty();
+      indexes.push_back(hasSettings ? copy_settings(group, list)
+                        : isNamed   ? group_named(list, group.name)
+                                    : kDefaultGroup);
     }
+    from.forEachSite([&](ListedSite site) {
+      site.group = indexes[site.group];
+      if (list.find(site.host, site.group) == nullptr) list.put(std::move(site));
+    });
   };
-  const auto isHeld = [&](std::string_view name) {
-    const auto found = guarded_.find(name);
-    return found != guarded_.end() && found->second.hasCopy;
-  };
-  copyGroups(file, [&](std::string_view name) { return !isHeld(name); });
-  copyGroups(held_, isHeld);
-  const auto copySite = [&](const BlockList& from, const ListedSite& site) {
-    ListedSite copy = site;
-    copy.group = group_named(list, from.groupOf(site).name);
-    if (list.find(copy.host, copy.group) == nullptr) list.put(std::move(copy));
-  };
-  held_.forEachSite([&](const ListedSite& site) { copySite(held_, site); });
-  file.forEachSite([&](const ListedSite& site) {
-    if (site.scope == Scope::Exception || !isHeld(file.groupOf(site).name)) copySite(file, site);
-  });
+  copy(held_, true);
+  copy(file, false);
   return list;
 }
 

@@ -33,10 +33,21 @@ class ListGuard {
   struct Now {
     Moment wall;
     std::chrono::seconds running;  // since the start of the machine, sleep included
+    std::string start = {};        // differs after each start of the machine; empty if unknown
   };
 
   // A lock lasts at most this long, whatever the request says.
   static constexpr std::chrono::seconds kLongestLock = std::chrono::hours(24 * 366);
+
+  // At most so many groups are guarded at the same time. A request for a lock of another group waits.
+  static constexpr size_t kMostGroups = 100;
+  // At most so many bytes of sites are guarded: about a million sites. Further sites of guarded groups are in force as
+  // in the list's file. This keeps the saved text below kLargestInput.
+  static constexpr size_t kMostBytes = size_t{64} << 20;
+  // The guard remembers since when the list has had so many exceptions. Each further one counts as new.
+  static constexpr size_t kMostExceptions = 100000;
+
+  ListGuard(size_t mostBytes = kMostBytes) : mostBytes_(mostBytes) {}
 
   // The guard as a text, from which load() restores it. The time between save() and load() counts if the machine ran;
   // of the time of which this is not known, nothing counts. load() throws InputError for an invalid text.
@@ -60,6 +71,8 @@ class ListGuard {
 
   // When the group's lock ends; nothing if the group is not locked.
   std::optional<std::chrono::seconds> lockEnd(std::string_view group) const;
+  // Groups that are not guarded because there are too many.
+  const std::vector<std::string>& refusedGroups() const { return refusedGroups_; }
   // The removals and other changes of this group that have no effect yet. Exceptions are not counted.
   size_t pendingChanges(std::string_view group) const;
 
@@ -74,23 +87,29 @@ class ListGuard {
     std::map<std::string, Seconds, std::less<>> leaving;  // when a change may have an effect, by host; "" for settings
   };
 
+  struct Update;  // a guarded group while update() runs
+  using Updates = std::vector<Update>;
+
   bool isGuarded(const std::string& name, const Guarded& guarded, const BlockList& file) const;
   void takeRequests(const BlockList& file, const Now& now);
-  void updateGroup(const std::string& name, Guarded& guarded, const BlockList& file, const Now& now);
+  void updateGroups(const BlockList& file, const Now& now);
+  void updateSites(Updates& updates, const BlockList& file, const Now& now);
   void updateSettings(GroupIndex held, Guarded& guarded, const Group* wanted, const Now& now);
   bool mayLeave(Guarded& guarded, const std::string& key, Seconds delay, const Now& now);
   void stays(Guarded& guarded, const std::string& key);
-  void release(const std::string& name, Guarded& guarded);
+  void release(const std::vector<std::string>& names);
+  std::optional<GroupIndex> heldGroup(const std::string& name) const;
   BlockList withHeldGroups(const BlockList& file) const;
   void updateExceptions(const BlockList& file, const Now& now, bool wasActive);
-  bool concerns(const ListedSite& exception, GroupIndex held) const;
-  bool isHeldBack(const ListedSite& exception, Seconds since, const Now& now);
   void noteDue(Seconds moment) { due_ = std::min(due_.value_or(moment), moment); }
 
+  size_t mostBytes_;
   std::map<std::string, Guarded, std::less<>> guarded_;
   BlockList held_;  // the blocked sites and the settings of the guarded groups
-  // Since when the list has had each exception, in a group with the same settings.
+  std::vector<std::string> refusedGroups_;
+  // Since when the list has had each exception, in a group with the same settings; by host and group.
   std::map<std::string, Seconds> exceptions_;
+  std::map<std::string, std::string> exceptionSettings_;    // the settings of each group with exceptions
   std::set<std::pair<std::string, std::string>> heldBack_;  // group and host of the exceptions without effect
   std::optional<Seconds> due_;
   bool isChanged_ = false;

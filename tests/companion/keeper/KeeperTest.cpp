@@ -84,6 +84,11 @@ HeldNames many_names() {
   return many;
 }
 
+void wait_and_attend(ExtensionLink& link, const HeldNames& list) {
+  std::this_thread::sleep_until(link.due());
+  link.attend(&list);
+}
+
 class Keeper : public testing::Test {
  protected:
   Keeper() { extension = {}; }
@@ -144,11 +149,34 @@ TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
   EXPECT_EQ(link.due(), ExtensionLink::Clock::time_point::max()) << "an idle keeper sleeps";
   link.attend(&list);
   EXPECT_TRUE(extension.held.empty());
-  link.undoEdits(true);
+  link.undoEdits(true, {"a"});
+  extension.log.clear();
   link.attend(&list);
   EXPECT_EQ(extension.held, std::set<std::string>{"a"});
-  EXPECT_LT(link.due(), ExtensionLink::Clock::time_point::max());
+  EXPECT_EQ(extension.log, "add a, set 1") << "the guarded names first";
+  EXPECT_LE(link.due(), ExtensionLink::Clock::now()) << "asks again at once";
   EXPECT_EQ(state.changesOfOthers, 0U);
+  const HeldNames many = many_names();
+  extension.mostNames = 0;
+  link.update(&list, many);
+  extension.mostNames = SIZE_MAX;
+  for (int i = 0; i < 2; ++i) wait_and_attend(link, many);
+  EXPECT_EQ(extension.held.size(), many.names.size()) << "sends again what the extension did not take";
+}
+
+TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
+  const HeldNames many = many_names();
+  extension.mostNames = 2;
+  KeeperState state;
+  ExtensionLink link({}, state);
+  link.undoEdits(true, {"a", "b"});
+  link.attend(&many);
+  EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
+  EXPECT_EQ(state.extensionError, "too large");
+  extension.held.clear();
+  ++extension.changes;
+  wait_and_attend(link, many);
+  EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"})) << "after an edit by another client";
 }
 
 // Stands in for a running keeper: has locked the state file, and publish() writes the state to it.

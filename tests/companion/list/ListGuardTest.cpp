@@ -32,19 +32,20 @@ class Machine {
     guard = {};
     guard.load(saved, now());
   }
-  void restartMachine(int off) {
+  void restartMachine(int off, int since = 5) {
     const std::string saved = guard.save(now());
     guard = {};
     clock += running + off;
-    running = 5;
+    running = since;
+    ++start;
     guard.load(saved, now());
   }
   ListGuard::Now now() const {
-    return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running)};
+    return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running), std::to_string(start)};
   }
 
   ListGuard guard;
-  int running = 1000, clock = -1000;
+  int running = 1000, clock = -1000, start = 0;
 };
 
 constexpr const char* kLock = "lock-until = 2026-06-01T13:00:00Z\n";  // after 3600 s
@@ -115,6 +116,54 @@ TEST(ListGuard, EndsALockAfterTimeThatTheMachineHasRun) {
   machine.read(file);
   EXPECT_FALSE(machine.guard.isLocked()) << "the same request locks again after the clock was set back";
   EXPECT_THROW(machine.guard.load("# {}", machine.now()), std::exception);
+}
+
+TEST(ListGuard, OpensALockedSiteByScheduleOnlyOnBothClocks) {
+  const std::string open = "[group work]\na.example\n[group pause]\nschedule = Mon 12:30-12:40\na.example allowed\n";
+  const std::string locked = open + "[group work]\n" + kLock;
+  const struct {
+    const char* what;
+    int running, clockSet;
+    std::string held;
+  } kCases[] = {
+      {"before the span", 1010, 0, ".a.example"},
+      {"with the clock set into the span", 1020, 1800, ".a.example"},
+      {"in the span", 2860, 0, "!.a.example .a.example"},
+      {"with the clock set out of the span", 2870, 3600, ".a.example"},
+  };
+  Machine machine;
+  machine.read(open);
+  for (const auto& c : kCases) {
+    machine.running = c.running;
+    machine.clock = c.clockSet - 1000;
+    EXPECT_EQ(machine.read(locked), c.held) << c.what;
+    machine.restartKeeper();
+  }
+  machine.clock = -1000;
+  machine.running = 1000 + 1799;
+  machine.read(locked);
+  EXPECT_EQ(machine.guard.due(), seconds(2800)) << "when the span begins";
+  machine.restartMachine(600, 4000);
+  machine.clock = -4000 + 1800 + 300;
+  EXPECT_EQ(machine.read(locked), "!.a.example .a.example") << "the schedule after a restart goes by the new clock";
+}
+
+TEST(ListGuard, GuardsNoMoreThanItCanSave) {
+  std::string file;
+  for (size_t i = 0; i <= ListGuard::kMostGroups; ++i)
+    file += "[group g" + std::to_string(i) + "]\ndelay = 1h\na" + std::to_string(i) + ".example\n";
+  Machine machine;
+  machine.read(file);
+  EXPECT_EQ(machine.guard.refusedGroups(), std::vector<std::string>{"g100"});
+  const std::string held = machine.read("");
+  EXPECT_NE(held.find(".a99.example"), std::string::npos);
+  EXPECT_EQ(held.find(".a100.example"), std::string::npos);
+  machine.guard = ListGuard(100);  // bytes: two sites
+  EXPECT_EQ(machine.read(std::string("[group work]\na.example\nb.example\nc.example\n") + kLock),
+            ".a.example .b.example .c.example")
+      << "all are in force";
+  EXPECT_EQ(machine.read("[group work]\nd.example\n"), ".a.example .b.example .d.example");
+  EXPECT_EQ(machine.read(""), ".a.example .b.example");
 }
 
 TEST(ListGuard, DelaysWhatBlocksLess) {
