@@ -229,8 +229,8 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
 
 // If the command lets a host pass: the line that blocks the host all the same. If the command blocks a host: the line
 // of the exception that lets the host pass all the same. Empty if there is no such line.
-std::string opposite_line(const BlockList& list, const Change& change, Moment now) {
-  const Decision decision = decide(list, change.site.host, now);
+std::string opposite_line(const BlockList& list, const Change& change, Moment now, const GroupStates& states) {
+  const Decision decision = decide(list, change.site.host, now, states);
   if (!change.isMeantToBlock) return decision.isBlocked() ? line_of(*decision.blocking) : "";
   return decision.blocking != nullptr && decision.exception != nullptr ? line_of(*decision.exception) : "";
 }
@@ -251,7 +251,8 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     }
     // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides
     // about a site that was changed earlier.
-    for (Change& each : changes) each.otherLine = opposite_line(list, each, now);
+    const GroupStates states = group_states(list, now);
+    for (Change& each : changes) each.otherLine = opposite_line(list, each, now, states);
     sites = list.size();
     return changed;
   });
