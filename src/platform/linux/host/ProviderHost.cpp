@@ -28,6 +28,8 @@ namespace {
 constexpr auto kStopTimeout = std::chrono::seconds(1);
 constexpr auto kStatusInterval = std::chrono::minutes(1);
 constexpr std::string_view kProviderKind = "com.apple.networkextension.filter-data";
+// This provider recognises its browser without the list of browsers.
+constexpr std::string_view kProviderWithoutList = "PLSafariFilterDataProvider";
 
 // A value of the NetworkExtension dictionary in the bundle's Info.plist. Nil if it is missing.
 Value extension_setting(std::string_view key) {
@@ -114,11 +116,12 @@ void ProviderHost::run(CreateProvider create, const std::string& className) {
     if (stopped_) return;
     provider_ = provider;
   }
-  provider->startFilterWithCompletionHandler([this](const Ref<NSError>& error) {
+  const bool usesBrowserList = className != kProviderWithoutList;
+  provider->startFilterWithCompletionHandler([this, usesBrowserList](const Ref<NSError>& error) {
     if (isStopped()) return;  // the service manager already knows that the extension stops
     if (error != nullptr) {
       reportFailure(error->localizedDescription());
-    } else if (const std::string fault = browser_list_fault(); !fault.empty()) {
+    } else if (const std::string fault = usesBrowserList ? browser_list_fault() : ""; !fault.empty()) {
       ORVANE_LOG_ERROR(default_log(), "no browser is recognised, so nothing is blocked: %@", fault);
       report_ready(no_browser_status(fault));
     } else {
