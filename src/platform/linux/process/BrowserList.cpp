@@ -22,17 +22,17 @@ BrowserList read_browser_list(const std::string& path) {
   list.path = path;
   // Messages name the file that a user has to edit, not a link to it.
   if (std::string file = resolve_links(list.path); !file.empty()) list.path = std::move(file);
-  auto text = read_file_start(list.path, kListLimit + 1, Links::Follow);
-  if (!text) {
+  const auto read = read_file_start(list.path, kListLimit + 1, Links::Follow);
+  if (!read) {
     list.fault = "cannot be read";
     return list;
   }
-  if (text->size() > kListLimit) {
+  const std::string& text = *read;
+  if (text.size() > kListLimit) {
     list.fault = "has more than " + std::to_string(kListLimit) + " bytes; the extension reads no more";
     return list;
   }
-  const Ref<Data> data =
-      data_create(reinterpret_cast<const uint8_t*>(text->data()), static_cast<int64_t>(text->size()));
+  const Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
   Ref<NSError> error;
   const Value value = data ? property_list_create_with_data(data.get(), &error) : Value();
   if (!value.isArray()) {
