@@ -199,7 +199,9 @@ TEST_F(ProvidersTest, TriesWildcardAddressesWhenTheFrameworkRefusesEmptyHosts) {
       {"an error when the rules are applied", Refusal::None, false, "success"},
       {"no rule object, not even for an address", Refusal::NoObject, true, "error"}};
   for (const auto& [name, refusal, refusesAll, expected] : rows) {
-    networkExtension = {.refusal = refusal, .refusesAll = refusesAll};
+    networkExtension = {};
+    networkExtension.refusal = refusal;
+    networkExtension.refusesAll = refusesAll;
     outcome = "";
     [safari startFilterWithCompletionHandler:^(::NSError* error) {
       outcome += error == nil ? "success" : "error";
