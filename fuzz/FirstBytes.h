@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "platform/linux/base/Subdomains.h"
 #include "platform/names/ServerName.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "platform/Log.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/control/ControlSession.h"
 #include "platform/linux/control/ValueMessage.h"
 

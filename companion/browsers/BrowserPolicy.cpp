@@ -11,7 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 
 namespace orvane {
 namespace {

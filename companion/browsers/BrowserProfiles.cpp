@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 
 namespace orvane {
 namespace {

@@ -8,7 +8,7 @@
 #include <map>
 
 #include "platform/PropertyList.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
 #include "platform/linux/process/ProcessIdentity.h"

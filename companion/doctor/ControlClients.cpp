@@ -12,8 +12,8 @@
 #include <map>
 #include <string_view>
 
-#include "platform/linux/base/Descriptor.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Descriptor.h"
+#include "platform/files/Files.h"
 #include "platform/linux/control/SocketPath.h"
 
 namespace orvane {

@@ -28,9 +28,9 @@
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
-#include "platform/linux/base/Descriptor.h"
-#include "platform/linux/base/Files.h"
-#include "platform/linux/base/Subdomains.h"
+#include "platform/files/Descriptor.h"
+#include "platform/files/Files.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {

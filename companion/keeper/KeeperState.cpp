@@ -17,7 +17,7 @@
 #include "companion/keeper/PathWatch.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 
 namespace orvane {
 namespace {

@@ -12,7 +12,7 @@
 
 #include "companion/list/BlockList.h"
 #include "companion/list/ListFile.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

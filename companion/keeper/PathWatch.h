@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

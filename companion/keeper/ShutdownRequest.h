@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

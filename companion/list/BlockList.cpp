@@ -6,7 +6,7 @@
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
 #include "platform/KeyedHash.h"
-#include "platform/linux/base/Subdomains.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {

@@ -6,7 +6,7 @@
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
 #include "companion/text/TimeText.h"
-#include "platform/linux/base/Subdomains.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {

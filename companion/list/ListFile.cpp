@@ -19,8 +19,8 @@
 
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
-#include "platform/linux/base/Descriptor.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Descriptor.h"
+#include "platform/files/Files.h"
 
 namespace orvane {
 namespace {
@@ -96,11 +96,22 @@ void lock(const Descriptor& folder, const Place& place) {
   }
 }
 
+// The time of the last change. The member has another name on macOS.
+template <class Status>
+timespec time_of_change(const Status& status) {
+  if constexpr (requires { status.st_ctimespec; }) {
+    return status.st_ctimespec;
+  } else {
+    return status.st_ctim;
+  }
+}
+
 ListVersion version_of(const struct stat& status) {
+  const timespec changed = time_of_change(status);
   char text[128];
   std::snprintf(text, sizeof text, "%jx-%jx-%jx-%jx.%lx", static_cast<uintmax_t>(status.st_dev),
                 static_cast<uintmax_t>(status.st_ino), static_cast<uintmax_t>(status.st_size),
-                static_cast<uintmax_t>(status.st_ctim.tv_sec), static_cast<unsigned long>(status.st_ctim.tv_nsec));
+                static_cast<uintmax_t>(changed.tv_sec), static_cast<unsigned long>(changed.tv_nsec));
   return text;
 }
 

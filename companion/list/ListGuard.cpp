@@ -9,7 +9,7 @@
 #include "companion/list/BlockListLine.h"
 #include "companion/text/Input.h"
 #include "platform/KeyedHash.h"
-#include "platform/linux/base/Subdomains.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {

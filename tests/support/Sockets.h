@@ -9,7 +9,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

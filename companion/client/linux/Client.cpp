@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "companion/text/AccessGroup.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/control/ControlStream.h"
 #include "platform/linux/control/SocketEventPort.h"
 #include "platform/linux/control/SocketPath.h"

@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <system_error>
 
-#include "platform/linux/base/Descriptor.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Descriptor.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/Paths.h"
 
 namespace orvane {

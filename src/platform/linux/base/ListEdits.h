@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

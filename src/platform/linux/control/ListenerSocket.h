@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 // Finds the control channel's socket, which is a file with the service's name.
 namespace orvane {

@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "platform/Log.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/control/ControlSession.h"
 #include "platform/linux/control/ListenerSocket.h"
 #include "platform/linux/control/SocketPath.h"

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "platform/linux/base/Subdomains.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/process/IdentityAnswers.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {

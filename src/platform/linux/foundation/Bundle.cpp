@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "platform/PropertyList.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/FileURL.h"
-#include "platform/linux/base/Files.h"
 
 namespace orvane {
 namespace {

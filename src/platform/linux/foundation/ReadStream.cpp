@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/base/FileURL.h"
 
 namespace orvane {

@@ -17,7 +17,7 @@
 #include <systemd/sd-journal.h>
 
 #include "platform/Bundle.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 
 namespace orvane {
 

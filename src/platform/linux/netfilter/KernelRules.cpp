@@ -11,8 +11,8 @@
 #include <chrono>
 #include <string_view>
 
+#include "platform/files/Descriptor.h"
 #include "platform/linux/base/Command.h"
-#include "platform/linux/base/Descriptor.h"
 #include "platform/linux/netfilter/KernelRulesText.h"
 
 namespace orvane {

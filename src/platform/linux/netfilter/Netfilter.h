@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/flow/FlowSource.h"
 #include "platform/linux/netfilter/KernelRules.h"
 

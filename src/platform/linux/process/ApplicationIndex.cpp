@@ -10,7 +10,7 @@
 #include <set>
 #include <unordered_map>
 
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/PropertyList.h"
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/Paths.h"
 
 namespace orvane {

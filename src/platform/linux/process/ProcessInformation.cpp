@@ -13,7 +13,7 @@
 #include <climits>
 #include <memory>
 
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 #include "platform/linux/base/Text.h"
 
 namespace orvane {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/Process.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/flow/FlowSource.h"
 
 namespace orvane {

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "platform/NetworkExtension.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/proxy/ProxyPlaces.h"
 
 namespace orvane {

@@ -11,7 +11,7 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/sockets/SocketOwner.h"
 
 namespace orvane {

@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "SocketOpeners.skel.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/process/BPFPrograms.h"
 
 namespace orvane {

@@ -17,7 +17,7 @@
 #include "companion/client/CallTimeout.h"
 #include "platform/StandIn.h"
 #include "platform/XPC.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ListenerSocket.h"
 #include "support/NotedController.h"

@@ -11,7 +11,7 @@
 #include <tuple>
 
 #include "platform/Log.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 namespace {

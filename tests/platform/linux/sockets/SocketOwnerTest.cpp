@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "platform/Process.h"
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 #include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/sockets/ConnectionOwner.h"
 #include "platform/linux/sockets/SocketOpeners.h"

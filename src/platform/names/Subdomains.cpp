@@ -1,4 +1,4 @@
-#include "platform/linux/base/Subdomains.h"
+#include "platform/names/Subdomains.h"
 
 #include <arpa/inet.h>
 #include <libpsl.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/base/Files.h"
+#include "platform/files/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

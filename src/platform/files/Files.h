@@ -9,7 +9,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/linux/base/Descriptor.h"
+#include "platform/files/Descriptor.h"
 
 namespace orvane {
 
