@@ -50,7 +50,7 @@ class Keeper:
         if self.process.poll() is not None:
             return
         self.process.send_signal(number)
-        code = self.process.wait(5)
+        code = self.process.wait(15)
         if code != (-number if number == signal.SIGKILL else 0):
             raise Failure(f"the keeper ended with {code}\n{self._log.read_text()}")
 

@@ -90,11 +90,17 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
 def KeeperEndsASuspensionOnItsDate(world: World):
     with world.extension(PYTHON) as extension:
         keeper = _Keeper(extension, world.directory)
-        date = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0) + datetime.timedelta(seconds=8)
+
+        def suspend(seconds: int) -> datetime.datetime:
+            date = datetime.datetime.now(datetime.timezone.utc).replace(microsecond=0)
+            date += datetime.timedelta(seconds=seconds)
+            keeper.list.write_text(f"{HELD} until={date:%Y-%m-%dT%H:%M:%SZ}\n")
+            return date
+
         with keeper:
             keeper.list.write_text(f"{HELD}\n")
             _becomes(DROP, "the list is in force")
-            keeper.list.write_text(f"{HELD} until={date:%Y-%m-%dT%H:%M:%SZ}\n")
+            suspend(3600)
             _becomes(ALLOW, "the host is suspended")
             wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try reports that")
             keeper.end(signal.SIGKILL)
@@ -103,6 +109,7 @@ def KeeperEndsASuspensionOnItsDate(world: World):
             suspended = keeper.status(in_force=True)["keeper"]["list"]["suspended"]
             check([entry["name"] for entry in suspended], [f".{HELD}"], "suspended names")
             check(connect(HELD), ALLOW, "the suspended host, after the keeper was killed")
+            date = suspend(3)
             _becomes(DROP, "the suspension ends")
             late = time.time() - date.timestamp()
             print(f"{late:.2f} s after the date")

@@ -55,7 +55,7 @@ class _Load:
 def AllowsTrafficBetweenAKillAndTheRestart(world: World):
     with world.filtering(PYTHON) as extension, _Load() as load:
         filtered = time.monotonic()
-        time.sleep(1)
+        load.wait_for_both(filtered, "connections before the kill")
         extension.process.kill()
         killed = time.monotonic()
         extension.process.wait()
