@@ -15,6 +15,7 @@
 #include "companion/list/ListGuard.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 
@@ -33,14 +34,15 @@ struct Arguments {
 
 using GroupCommand = int (*)(const CommonOptions&, const Arguments&);
 
-// Changes one group. Returns what has changed, in words; empty if nothing has.
-using Edit = std::function<std::string(BlockList& list, GroupIndex group)>;
+// Changes the list. Returns what has changed, in words; empty if nothing has.
+using Edit = std::function<std::string(BlockList& list)>;
+using GroupEdit = std::function<std::string(BlockList& list, GroupIndex group)>;
 
-int change_group(const CommonOptions& options, const Arguments& arguments, const Edit& edit) {
+int change_list(const CommonOptions& options, const Arguments& arguments, const Edit& edit) {
   std::string outcome;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    outcome = edit(list, find_group(list, arguments.group));
+    outcome = edit(list);
     sites = list.size();
     return !outcome.empty();
   });
@@ -48,30 +50,25 @@ int change_group(const CommonOptions& options, const Arguments& arguments, const
   std::fflush(stdout);
   const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
   if (options.json)
-    print_json({{"group", arguments.group},
-                {"changed", !outcome.empty()},
-                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+    print_json({{"group", arguments.group}, {"changed", !outcome.empty()}, {"inForce", json_or_null(inForce)}});
   return kDone;
+}
+
+int change_group(const CommonOptions& options, const Arguments& arguments, const GroupEdit& edit) {
+  return change_list(options, arguments,
+                     [&](BlockList& list) { return edit(list, find_group(list, arguments.group)); });
 }
 
 int add(const CommonOptions& options, const Arguments& arguments) {
   if (const std::string fault = group_name_fault(arguments.group); !fault.empty())
     throw InputError("not a group's name: " + in_quotes(arguments.group) + ": " + fault);
-  bool isNew = false;
-  const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    isNew = !list.findGroup(arguments.group);
-    if (isNew && list.groups().size() >= BlockList::kMostGroups)
+  return change_list(options, arguments, [&](BlockList& list) {
+    if (list.findGroup(arguments.group)) return "";
+    if (list.groups().size() >= BlockList::kMostGroups)
       throw InputError("too many groups: remove some: orvanectl group remove");
-    if (isNew) list.addGroup(arguments.group);
-    return isNew;
+    list.addGroup(arguments.group);
+    return "added, without sites";
   });
-  if (!options.json) std::printf("%s: %s\n", arguments.group.c_str(), isNew ? "added, without sites" : "unchanged");
-  const std::optional<bool> inForce = wait_for_keeper(options, version, 0);
-  if (options.json)
-    print_json({{"group", arguments.group},
-                {"changed", isNew},
-                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
-  return kDone;
 }
 
 int remove(const CommonOptions& options, const Arguments& arguments) {
@@ -133,18 +130,22 @@ int delay(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
-std::string details(const KeeperState::GroupState& state, Moment now) {
-  std::string text;
-  if (state.lockedUntil) text += ", locked " + suspension_text(*state.lockedUntil, now);
-  if (state.pendingChanges > 0)
-    text += ", " + counted(state.pendingChanges, "change", "changes") + " without effect yet";
-  return text;
+nlohmann::json group_json(const Group& group, const KeeperState::GroupState& state, size_t sites) {
+  return {{"name", group.name},
+          {"enabled", group.isEnabled},
+          {"inForce", state.isInForce},
+          {"nextChange", json_or_null(state.nextChange)},
+          {"schedule", group.schedule.texts()},
+          {"delay", group.delay.count()},
+          {"lockedUntil", json_or_null(state.lockedUntil)},
+          {"pendingChanges", state.pendingChanges},
+          {"sites", sites}};
 }
 
-void print_group(const nlohmann::json& json, const Group& group, const KeeperState::GroupState& state, Moment now) {
-  std::printf("%s: %s, %s%s\n", group.name.c_str(), counted(json.at("sites"), "site", "sites").c_str(),
+void print_group(const Group& group, const KeeperState::GroupState& state, size_t sites, Moment now) {
+  std::printf("%s: %s, %s%s\n", group.name.c_str(), counted(sites, "site", "sites").c_str(),
               coloured(state_text(group, state, now), state.isInForce ? Colour::Good : Colour::Warning).c_str(),
-              details(state, now).c_str());
+              guard_text(state, now).c_str());
   for (const std::string& span : group.schedule.texts()) std::printf("  schedule  %s\n", span.c_str());
   if (group.delay.count() > 0) std::printf("  delay     %s\n", duration_text(group.delay).c_str());
 }
@@ -154,11 +155,14 @@ int print_groups(const CommonOptions& options, const std::function<bool(const Ke
   const BlockList list = read_list(options.listPath).list;
   const Moment now = now_in_seconds();
   const auto states = states_of_groups(list, keeper_of_list(options), now);
+  std::vector<size_t> sites(states.size());  // of each group
+  list.forEachSite([&](const ListedSite& site) { ++sites[site.group]; });
   nlohmann::json groups = nlohmann::json::array();
   for (size_t i = 0; i < states.size(); ++i) {
     if (!isWanted(states[i])) continue;
-    groups.push_back(group_json(list, static_cast<GroupIndex>(i), states[i]));
-    if (!options.json) print_group(groups.back(), list.groups()[i], states[i], now);
+    const Group& group = list.groups()[i];
+    options.json ? groups.push_back(group_json(group, states[i], sites[i]))
+                 : print_group(group, states[i], sites[i], now);
   }
   if (options.json) print_json(groups);
   return kDone;
@@ -173,12 +177,6 @@ int show(const CommonOptions& options, const Arguments& arguments) {
   return print_groups(options, [&](const auto& state) { return state.name == arguments.group; });
 }
 
-Moment lock_end(const CommonOptions& options, const Arguments& arguments, Moment now) {
-  const Moment end = read_end_time(arguments.end, options, now);
-  if (end - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
-  return end;
-}
-
 // Prints the locked groups, even those that the list's file no longer has.
 int show_locks(const CommonOptions& options) {
   const auto keeper = keeper_of_list(options);
@@ -189,7 +187,7 @@ int show_locks(const CommonOptions& options) {
     locks.push_back({{"group", state.name},
                      {"lockedUntil", time_text(*state.lockedUntil)},
                      {"pendingChanges", state.pendingChanges}});
-    if (!options.json) std::printf("%s%s\n", state.name.c_str(), details(state, now_in_seconds()).c_str());
+    if (!options.json) std::printf("%s%s\n", state.name.c_str(), guard_text(state, now_in_seconds()).c_str());
   }
   if (options.json) print_json(locks);
   if (!options.json && locks.empty()) std::puts("no group is locked");
@@ -199,7 +197,8 @@ int show_locks(const CommonOptions& options) {
 int lock(const CommonOptions& options, const Arguments& arguments) {
   if (!arguments.end.isGiven()) return show_locks(options);
   const Moment now = now_in_seconds();
-  const Moment until = lock_end(options, arguments, now);
+  const Moment until = read_end_time(arguments.end, options, now);
+  if (until - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     list.setSetting(find_group(list, arguments.group), kLockUntilKey, {time_text(until)});
@@ -207,19 +206,17 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     return true;
   });
   wait_for_keeper(options, version, sites);
-  if (const auto keeper = keeper_of_list(options)) {
-    for (const auto& state : keeper->groups) {
-      if (state.name != arguments.group || !state.lockedUntil) continue;
-      if (options.json) {
-        print_json({{"group", state.name}, {"lockedUntil", time_text(*state.lockedUntil)}});
-      } else {
-        std::printf("%s: locked %s\n", state.name.c_str(), suspension_text(*state.lockedUntil, now).c_str());
-      }
-      return kDone;
-    }
+  const auto end = lock_end(keeper_of_list(options), arguments.group);
+  if (!end) {
+    print_error("saved, but not locked: the keeper locks the group when it reads the list: see orvanectl status");
+    return kFailed;
   }
-  print_error("saved, but not locked: the keeper locks the group when it reads the list: see orvanectl status");
-  return kFailed;
+  if (options.json) {
+    print_json({{"group", arguments.group}, {"lockedUntil", time_text(*end)}});
+  } else {
+    std::printf("%s: locked %s\n", arguments.group.c_str(), suspension_text(*end, now).c_str());
+  }
+  return kDone;
 }
 
 }  // namespace

@@ -2,19 +2,19 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
 
 #include "companion/list/ListFile.h"
 #include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {
 
-nlohmann::json json_of(const std::optional<Moment>& moment) {
-  return moment ? nlohmann::json(time_text(*moment)) : nlohmann::json();
+auto state_named(const std::vector<KeeperState::GroupState>& states, const std::string& group) {
+  return std::find_if(states.begin(), states.end(), [&](const auto& each) { return each.name == group; });
 }
 
 }  // namespace
@@ -27,13 +27,15 @@ GroupIndex find_group(const BlockList& list, const std::string& name) {
 std::optional<KeeperState> keeper_of_list(const CommonOptions& options) {
   try {
     auto keeper = read_keeper_state(options.keeperStatePath);
-    std::error_code ignored;
-    const bool isSame = keeper && (keeper->listPath == options.listPath ||
-                                   std::filesystem::equivalent(keeper->listPath, options.listPath, ignored));
-    return isSame ? keeper : std::nullopt;
+    return keeper && keeps_list(*keeper, options) ? keeper : std::nullopt;
   } catch (const FileError&) {
     return std::nullopt;
   }
+}
+
+bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {
+  std::error_code ignored;
+  return keeper.listPath == options.listPath || std::filesystem::equivalent(keeper.listPath, options.listPath, ignored);
 }
 
 std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, const std::optional<KeeperState>& keeper,
@@ -42,8 +44,7 @@ std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, con
   for (const Group& group : list.groups()) {
     states.push_back({group.name, group.isInForce(now), group.nextChange(now), {}, 0});
     if (!keeper) continue;
-    const auto known = std::find_if(keeper->groups.begin(), keeper->groups.end(),
-                                    [&](const auto& each) { return each.name == group.name; });
+    const auto known = state_named(keeper->groups, group.name);
     if (known != keeper->groups.end()) states.back() = *known;
   }
   return states;
@@ -55,39 +56,38 @@ GroupStates in_force(const std::vector<KeeperState::GroupState>& states) {
   return result;
 }
 
-void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what) {
-  const auto keeper = keeper_of_list(options);
-  if (!keeper) return;
-  for (const auto& state : keeper->groups) {
-    if (state.name != group || !state.lockedUntil) continue;
-    throw std::runtime_error("cannot " + what + ": the group " + in_quotes(group) + " is locked " +
-                             suspension_text(*state.lockedUntil, now_in_seconds()) + ": wait, or ask root");
-  }
+std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group) {
+  if (!keeper) return std::nullopt;
+  const auto state = state_named(keeper->groups, group);
+  return state == keeper->groups.end() ? std::nullopt : state->lockedUntil;
 }
 
-std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {
-  if (!group.isEnabled && !state.isInForce) return "disabled";
+void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what) {
+  if (const auto end = lock_end(keeper_of_list(options), group))
+    throw std::runtime_error("cannot " + what + ": the group " + in_quotes(group) + " is locked " +
+                             suspension_text(*end, now_in_seconds()) + ": wait, or ask root");
+}
+
+std::string state_text(const KeeperState::GroupState& state, Moment now) {
   const std::string text = state.isInForce ? "in force" : "not in force";
   return state.nextChange ? text + " until " + local_text(*state.nextChange, now) : text;
 }
 
-std::string delay_note(const Group& group) {
-  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
+std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {
+  return !group.isEnabled && !state.isInForce ? "disabled" : state_text(state, now);
 }
 
-nlohmann::json group_json(const BlockList& list, GroupIndex index, const KeeperState::GroupState& state) {
-  const Group& group = list.groups()[index];
-  size_t sites = 0;
-  list.forEachSite([&](const ListedSite& site) { sites += site.group == index ? 1 : 0; });
-  return {{"name", group.name},
-          {"enabled", group.isEnabled},
-          {"inForce", state.isInForce},
-          {"nextChange", json_of(state.nextChange)},
-          {"schedule", group.schedule.texts()},
-          {"delay", group.delay.count()},
-          {"lockedUntil", json_of(state.lockedUntil)},
-          {"pendingChanges", state.pendingChanges},
-          {"sites", sites}};
+std::string guard_text(const KeeperState::GroupState& state, Moment now) {
+  std::string text;
+  if (state.lockedUntil)
+    text += ", " + coloured("locked", Colour::Good) + " " + suspension_text(*state.lockedUntil, now);
+  if (state.pendingChanges > 0)
+    text += ", " + counted(state.pendingChanges, "change", "changes") + " without effect yet";
+  return text;
+}
+
+std::string delay_note(const Group& group) {
+  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
 }
 
 }  // namespace orvane

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,15 +22,23 @@ std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, con
                                                       Moment now);
 GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
 
+// Whether the keeper keeps this list.
+bool keeps_list(const KeeperState& keeper, const CommonOptions& options);
+
+// When the lock of the group ends; nothing if the keeper has not locked it.
+std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group);
+
 // Throws an error if the keeper has locked the group. `what` is what cannot be done, as in "remove sites".
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what);
 
-// "in force until 17:00", "not in force until Mon 09:00" or "disabled".
+// "in force until 17:00", "not in force until Mon 09:00" or, if the group is given, "disabled".
+std::string state_text(const KeeperState::GroupState& state, Moment now);
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now);
+
+// What the keeper holds against changes of the file: ", locked until 17:00 (1 h left), 2 changes without effect yet".
+std::string guard_text(const KeeperState::GroupState& state, Moment now);
 
 // Says when a change that makes the group block less has an effect: "; has an effect in 15 min". Empty without a delay.
 std::string delay_note(const Group& group);
-
-nlohmann::json group_json(const BlockList& list, GroupIndex group, const KeeperState::GroupState& state);
 
 }  // namespace orvane

@@ -17,6 +17,7 @@
 #include "companion/list/ListImport.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 
 namespace orvane {
@@ -102,7 +103,7 @@ void print_outcome_json(const Outcome& outcome) {
               {"rejected", read.rejected},
               {"rejectedLines", std::move(rejectedLines)},
               {"seconds", seconds},
-              {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+              {"inForce", json_or_null(inForce)}});
 }
 
 std::optional<Scope> wanted_scope(const Arguments& arguments) {
@@ -175,7 +176,7 @@ int undo(const CommonOptions& options) {
     print_json({{"removed", counts.removed},
                 {"restored", counts.restored},
                 {"changedSince", counts.changedSince},
-                {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+                {"inForce", json_or_null(inForce)}});
   } else {
     std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
                 counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);

@@ -29,6 +29,7 @@
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 
 namespace orvane {
@@ -222,9 +223,7 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
     sites.push_back(std::move(site));
     changed += change.changed ? 1 : 0;
   }
-  print_json({{"sites", std::move(sites)},
-              {"changed", changed},
-              {"inForce", inForce ? nlohmann::json(*inForce) : nlohmann::json()}});
+  print_json({{"sites", std::move(sites)}, {"changed", changed}, {"inForce", json_or_null(inForce)}});
 }
 
 // If the command lets a host pass: the line that blocks the host all the same. If the command blocks a host: the line

@@ -10,9 +10,11 @@
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionProbe.h"
 #include "companion/client/UnitState.h"
+#include "companion/commands/GroupState.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 
@@ -44,7 +46,7 @@ nlohmann::json json_of(const std::optional<UnitState>& service) {
           {"status", service->status},
           {"hiddenNames", service->hiddenNames},
           {"result", service->result},
-          {"since", service->since ? nlohmann::json(time_text(*service->since)) : nlohmann::json()},
+          {"since", json_or_null(service->since)},
           {"restarts", service->restarts}};
 }
 
@@ -139,13 +141,7 @@ std::vector<std::string> list_lines(const KeeperState& keeper) {
 std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   for (const auto& group : keeper.groups) {
-    std::string text = group.name + (group.isInForce ? ": in force" : ": not in force");
-    if (group.nextChange) text += " until " + local_text(*group.nextChange, now);
-    if (group.lockedUntil)
-      text += ", " + coloured("locked", Colour::Good) + " " + suspension_text(*group.lockedUntil, now);
-    if (group.pendingChanges > 0)
-      text += ", " + counted(group.pendingChanges, "change", "changes") + " of the file without effect yet";
-    lines.push_back(std::move(text));
+    lines.push_back(group.name + ": " + state_text(group, now) + guard_text(group, now));
   }
   const bool isPlain = lines.size() == 1 && lines.front() == std::string(kDefaultGroupName) + ": in force";
   return isPlain ? std::vector<std::string>() : lines;

@@ -152,15 +152,15 @@ int try_host(const CommonOptions& options, const std::string& given) {
 
   const VerdictName shown = name_of(verdict);
   if (options.json) {
-    const ListedSite* site = deciding_site(decision);
-    const bool isSuspended = site != nullptr && site->isSuspended(now);
-    print_json({{"host", name},
-                {"verdict", shown.text},
-                {"site", site != nullptr ? nlohmann::json(site->host) : nlohmann::json()},
-                {"group", site != nullptr ? nlohmann::json(list.groupOf(*site).name) : nlohmann::json()},
-                {"line", site != nullptr ? nlohmann::json(line_of(*site)) : nlohmann::json()},
-                {"suspendedUntil", isSuspended ? nlohmann::json(time_text(*site->until)) : nlohmann::json()},
-                {"reasons", reasons}});
+    nlohmann::json json{{"host", name}, {"verdict", shown.text}, {"reasons", reasons}};
+    for (const char* member : {"site", "group", "line", "suspendedUntil"}) json[member] = nullptr;
+    if (const ListedSite* site = deciding_site(decision)) {
+      json["site"] = site->host;
+      json["group"] = list.groupOf(*site).name;
+      json["line"] = line_of(*site);
+      if (site->isSuspended(now)) json["suspendedUntil"] = time_text(*site->until);
+    }
+    print_json(json);
   } else {
     std::printf("%s: %s\n", shown_hostname(name).c_str(), coloured(shown.text, shown.colour).c_str());
     for (const std::string& reason : reasons) std::printf("  %s\n", reason.c_str());

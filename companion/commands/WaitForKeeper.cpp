@@ -1,10 +1,9 @@
 #include "companion/commands/WaitForKeeper.h"
 
 #include <chrono>
-#include <filesystem>
-#include <system_error>
 
 #include "companion/browsers/BrowserRecognition.h"
+#include "companion/commands/GroupState.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/Input.h"
@@ -18,11 +17,6 @@ std::chrono::milliseconds patience_for(size_t sites) {
   constexpr std::chrono::milliseconds kMinimum(5000);
   constexpr size_t kSitesPerMillisecond = 20;
   return kMinimum + std::chrono::milliseconds(sites / kSitesPerMillisecond);
-}
-
-bool is_same_file(const std::string& one, const std::string& other) {
-  std::error_code ignored;
-  return one == other || std::filesystem::equivalent(one, other, ignored);
 }
 
 void warn(const std::string& text) { print_error("saved, but not in force: " + text); }
@@ -55,8 +49,7 @@ std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVers
     const auto keeper = read_keeper_state(options.keeperStatePath);
     // If a keeper runs, wait only if the list is in the file that this keeper sends, because nobody sends a list in any
     // other file. If no keeper runs, call wait() only for the default file; wait() then reports that no keeper runs.
-    if (!(keeper ? is_same_file(keeper->listPath, options.listPath) : options.listPath == kListPath))
-      return std::nullopt;
+    if (!(keeper ? keeps_list(*keeper, options) : options.listPath == kListPath)) return std::nullopt;
     return wait(options, version, sites);
   } catch (const FileError& error) {
     print_error("saved, but perhaps not in force: " + std::string(error.what()));

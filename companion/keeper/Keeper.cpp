@@ -126,7 +126,7 @@ class Keeper {
     sd_notify(0, "READY=1");
     // Reading a large list takes long.
     if (guard_.isActive()) {
-      enforce(guard_.listInForce(BlockList()), {});
+      enforce(guard_.guardedList(), {});
       link_.attend(known());
     }
     attend({});
@@ -286,7 +286,7 @@ void Keeper::onListError(const std::string& error) {
   // An exception must not outlast the schedule of its group.
   HeldNames others = list_;
   std::erase_if(others.names, [](const std::string& name) { return name.starts_with(kExceptionMark); });
-  enforce(guard_.listInForce(BlockList()), std::move(others));
+  enforce(guard_.guardedList(), std::move(others));
 }
 
 // Sends the names of the list that are to be held now, and those of `others`.
@@ -303,10 +303,8 @@ void Keeper::enforce(const BlockList& list, HeldNames others) {
     held.names = std::move(names);
   }
   std::vector<std::string> guarded;
-  if (guard_.isActive()) {
-    const BlockList copy = guard_.listInForce(BlockList());
-    guarded = held_names(copy, now.wall, guard_.statesOf(copy, now)).names;
-  }
+  if (guard_.isActive())
+    guarded = held_names(guard_.guardedList(), now.wall, guard_.statesOf(guard_.guardedList(), now)).names;
   link_.undoEdits(guard_.isLocked(), std::move(guarded));
   take(std::move(held));
 }

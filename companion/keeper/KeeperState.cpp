@@ -17,6 +17,7 @@
 #include "companion/keeper/PathWatch.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "platform/files/Files.h"
 
 namespace orvane {
@@ -50,13 +51,6 @@ bool is_locked(const std::string& path) {
   struct flock lock = whole_file(F_WRLCK);
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
-
-template <class T>
-Json json_or_null(const std::optional<T>& value) {
-  return value ? Json(*value) : Json();
-}
-
-Json json_of(const std::optional<Moment>& moment) { return moment ? Json(time_text(*moment)) : Json(); }
 
 // Reads members of a JSON object. If a member is null or missing, read() leaves the target unchanged; if a member has
 // the wrong type, read() throws Json::exception or InputError.
@@ -132,8 +126,8 @@ Json to_json(const KeeperState& state) {
   for (const auto& group : state.groups) {
     groups.push_back({{"name", group.name},
                       {"inForce", group.isInForce},
-                      {"nextChange", json_of(group.nextChange)},
-                      {"lockedUntil", json_of(group.lockedUntil)},
+                      {"nextChange", json_or_null(group.nextChange)},
+                      {"lockedUntil", json_or_null(group.lockedUntil)},
                       {"pendingChanges", group.pendingChanges}});
   }
   return {{"process", state.process},
@@ -153,7 +147,7 @@ Json to_json(const KeeperState& state) {
            {{"connected", state.connected},
             {"sentVersion", json_or_null(state.sentVersion)},
             {"sentNames", state.sentNames},
-            {"sentAt", json_of(state.sentAt)},
+            {"sentAt", json_or_null(state.sentAt)},
             {"changes", state.changes},
             {"changesOfOthers", state.changesOfOthers},
             {"error", json_or_null(state.extensionError)}}}};

@@ -216,17 +216,24 @@ const ListedSite* BlockList::find(std::string_view host, GroupIndex group) const
 }
 
 void BlockList::forEachSiteOf(std::string_view host, const std::function<void(const ListedSite&)>& visit) const {
-  const auto [begin, end] = lineByHost_.equal_range(keyed_hash(host));
-  std::for_each(begin, end, [&, host = host](const auto& entry) {
-    if (lines_[entry.second].site->host == host) visit(*lines_[entry.second].site);
+  locateIf(host, [&](const ListedSite& site) {
+    visit(site);
+    return false;
   });
 }
 
-BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host, GroupIndex group) const {
-  const auto isSame = [&](const ListedSite& site) { return site.group == group && site.host == host; };
-  auto [found, end] = lineByHost_.equal_range(keyed_hash(host));
-  while (found != end && !isSame(*lines_[found->second].site)) ++found;
+template <class Predicate>
+BlockList::LineByHost::const_iterator BlockList::locateIf(std::string_view host, Predicate isWanted) const {
+  const auto [begin, end] = lineByHost_.equal_range(keyed_hash(host));
+  const auto found = std::find_if(begin, end, [&](const auto& entry) {
+    const ListedSite& site = *lines_[entry.second].site;
+    return site.host == host && isWanted(site);
+  });
   return found == end ? lineByHost_.end() : found;
+}
+
+BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host, GroupIndex group) const {
+  return locateIf(host, [&](const ListedSite& site) { return site.group == group; });
 }
 
 bool BlockList::put(ListedSite site) {
@@ -310,10 +317,12 @@ Decision decide(const BlockList& list, std::string_view host, Moment now, const 
     }
   };
   for (std::string_view covering : covering_hosts(host)) {
-    for (size_t group = 0; group < list.groups().size(); ++group) {
-      const ListedSite* site = list.find(covering, static_cast<GroupIndex>(group));
-      if (site != nullptr && (site->scope != Scope::ExactName || covering == host)) consider(*site);
-    }
+    std::vector<const ListedSite*> sites;
+    list.forEachSiteOf(covering, [&](const ListedSite& site) {
+      if (site.scope != Scope::ExactName || covering == host) sites.push_back(&site);
+    });
+    std::sort(sites.begin(), sites.end(), [](const auto* one, const auto* other) { return one->group < other->group; });
+    for (const ListedSite* site : sites) consider(*site);
   }
   return decision;
 }

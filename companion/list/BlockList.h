@@ -114,7 +114,10 @@ class BlockList {
 
   void parseLine(std::string_view given, std::string_view words, GroupIndex& group);
   void append(Line line);
-  LineByHost::const_iterator locate(std::string_view host, GroupIndex group) const;  // end() if there is no such site
+  // The first site with exactly this host for which isWanted(site) returns true; end() if there is none.
+  template <class Predicate>
+  LineByHost::const_iterator locateIf(std::string_view host, Predicate isWanted) const;
+  LineByHost::const_iterator locate(std::string_view host, GroupIndex group) const;
   std::string textOf(const Line& line) const;
   std::vector<uint32_t> addedLines() const;
   size_t placeOf(const Line& line) const;

@@ -65,8 +65,10 @@ class ListGuard {
 
   // The list that is in force: the guarded groups as the guard has them, the others as in the file.
   BlockList listInForce(const BlockList& file) const;
+  // The guarded groups alone, without exceptions. Valid until update() or load().
+  const BlockList& guardedList() const { return held_; }
   // A locked group is in force if its schedule says so for the clock as it is, or for the clock as it would be if
-  // nobody had set it since the lock began. `list` is what listInForce() has returned.
+  // nobody had set it since the lock began. `list` is a list that one of the two functions above has returned.
   GroupStates statesOf(const BlockList& list, const Now& now) const;
 
   // When the group's lock ends; nothing if the group is not locked.
