@@ -307,6 +307,30 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
       ->type_name("");
 }
 
+// The words of the command line, with "--" before all names: CLI11 would refuse a "--" after the first of several
+// names.
+std::vector<std::string> words_in_order(const CLI::App& app, int argc, const char* const* argv) {
+  std::vector<std::string> words(argv + 1, argv + argc), names;
+  const auto mark = std::find(words.begin(), words.end(), "--");
+  if (mark == words.end()) return words;
+  const CLI::App* command = &app;
+  std::vector<std::string> ordered;  // without the names
+  for (auto word = words.begin(); word != mark; ++word) {
+    const auto known = command->get_subcommands([&](const CLI::App* each) { return each->get_name() == *word; });
+    const bool isOption = word->size() > 1 && word->front() == '-';
+    (known.empty() && !isOption ? names : ordered).push_back(*word);
+    if (!known.empty()) command = known.front();
+    const CLI::Option* option = nullptr;
+    for (const CLI::App* each = command; isOption && each != nullptr && option == nullptr; each = each->get_parent())
+      option = each->get_option_no_throw(*word);
+    if (option != nullptr && option->get_items_expected_max() > 0 && word + 1 != mark) ordered.push_back(*++word);
+  }
+  ordered.insert(ordered.end(), {"--"});
+  ordered.insert(ordered.end(), names.begin(), names.end());
+  ordered.insert(ordered.end(), mark + 1, words.end());
+  return ordered;
+}
+
 // Throws for an argument in square brackets, which CLI11 would parse as a list and split.
 void refuse_brackets(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
@@ -369,7 +393,9 @@ int run(int argc, const char* const* argv) {
   declare_commands(commands, arguments);
   refuse_brackets(argc, argv);
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> words = words_in_order(app, argc, argv);
+    std::reverse(words.begin(), words.end());  // parse() takes them from the end
+    app.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) return app.exit(error);
     const CLI::App* last = &app;  // the last known command on the command line
@@ -384,7 +410,7 @@ int run(int argc, const char* const* argv) {
     std::string fault = error.what();  // may contain all words of a long command line
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError))
-      fault += ": if a name begins with a hyphen, write -- before the first name";
+      fault += ": if a name begins with a hyphen, write -- before it";
     throw InputError("bad command line: " + fault + ": see " + path + " --help");
   }
   return command();

@@ -334,12 +334,17 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   if (!arguments.end.isGiven())
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   refuse_if_locked(options, arguments.group, "suspend sites");
-  const Moment until = read_end_time(arguments.end, options, now);
-  const std::string outcome = "not blocked " + suspension_text(until, now);
+  const Moment end = read_end_time(arguments.end, options, now);
   return change_list(options, arguments, now, find, [&](BlockList& list, ListedSite site) {
+    // In a group with a delay, a suspension begins after the delay. With --for, it lasts all the same as long as asked.
+    const Group& group = list.groupOf(site);
+    const Moment until = arguments.end.duration ? end + group.delay : end;
+    if (until <= now + group.delay)
+      throw InputError("nothing was changed: the suspension would end before it begins: the group " +
+                       in_quotes(group.name) + " has a delay of " + duration_text(group.delay) + ": give a later time");
     site.until = until;
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, outcome, false};
+    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), false};
   });
 }
 

@@ -45,7 +45,8 @@ struct UnitFacts {
 struct ConnectionFacts {
   enum class Outcome { Answered, NoSocket, Refused, Denied, Silent };
   Outcome outcome = Outcome::NoSocket;
-  std::string socket;  // the socket's path; for NoSocket, the path of the package's service
+  std::string socket;    // the socket's path; for NoSocket, the path of the package's service
+  uint64_t changes = 0;  // for Answered: the extension's count of edits
 };
 
 // The kernel's rules of one address family, as text.

@@ -66,10 +66,12 @@ int try_socket(const std::string& path) {
   return failure == EAGAIN ? 0 : failure;
 }
 
-bool is_answered(const std::string& socket) {
+ConnectionFacts ask_extension(const std::string& socket) {
+  using Outcome = ConnectionFacts::Outcome;
   ClientOptions options;
   options.socket = socket;
-  return probe_extension(options, kAnswerTimeout).answers;
+  const ExtensionProbe probe = probe_extension(options, kAnswerTimeout);
+  return {probe.answers ? Outcome::Answered : Outcome::Silent, socket, probe.changes};
 }
 
 // Tries the same paths as a client, in the same order. Reports the first path that accepts a connection; if none does,
@@ -81,9 +83,7 @@ ConnectionFacts look_at_connection(const Examination& examination) {
   ConnectionFacts facts;
   for (const std::string& path : paths) {
     const int failure = try_socket(path);
-    if (failure == 0) {
-      return {is_answered(path) ? ConnectionFacts::Outcome::Answered : ConnectionFacts::Outcome::Silent, path};
-    }
+    if (failure == 0) return ask_extension(path);
     if (facts.outcome != ConnectionFacts::Outcome::NoSocket) continue;
     if (failure == EACCES || failure == EPERM) facts = {ConnectionFacts::Outcome::Denied, path};
     if (failure == ECONNREFUSED) facts = {ConnectionFacts::Outcome::Refused, path};
@@ -231,6 +231,7 @@ Facts gather_facts(const Examination& examination) {
   facts.queues = read_text("/proc/net/netfilter/nfnetlink_queue");
   try {
     facts.list = read_keeper_state(examination.keeperStatePath);
+    if (facts.list) add_later_changes(*facts.list, facts.connection.changes);
   } catch (const FileError& error) {
     facts.listError = error.what();
   }

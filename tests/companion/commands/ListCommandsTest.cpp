@@ -71,8 +71,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block https://me@pasted.example:8443/page b\u00fccher.example/page", 0,
        "pasted.example and its subdomains: blocked\nb\u00fccher.example (xn--bcher-kva.example) and its subdomains: "
        "blocked\n"},
-      {"block -- -a.example", 0, "-a.example and its subdomains: blocked\n"},
-      {"unblock -a.example 2>&1 | grep -o 'write -- before'", 0, "write -- before\n"},
+      {"block --group default pasted.example -- -a.example", 0,
+       "pasted.example and its subdomains: already on the list\n-a.example and its subdomains: blocked\n"},
+      {"unblock -a.example 2>&1 | grep -o 'write -- before it'", 0, "write -- before it\n"},
       {"export --hosts >'%.3' && seq 30 | sed 's/$/.n.example/' | '" ORVANECTL "' --list '%' import - | tail -n 1", 0,
        "To take this back: orvanectl import --undo\n"},
       {"suspend --all --until 'tomorrow midnight' 2>&1 </dev/null | grep -o 'several.*: w'", 0,
@@ -103,7 +104,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"unblock w.example 2>&1 | head -n 1", 0,
        "orvanectl: not on the list: \"w.example\": it is covered by the line \"w.example\" of the group work: give "
        "w.example --group work\n"},
-      {"suspend --all --for 1h --group work | grep -c 'has an effect in 15 min'", 0, "2\n"},
+      {"suspend --all --for 1h --group work | grep -c '(1 h 15 min left); has an effect in 15 min'", 0, "2\n"},
+      {"suspend --all --until 'in 10 min' --group work", 2, ""},
       {"resume --all --group work >'%.out' && grep -c again '%.out'", 0, "2\n"},
       {"unblock --all", 0, ""},
       {"unblock w.example a.example --group work", 0,

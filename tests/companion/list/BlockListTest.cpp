@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <map>
 
 #include "companion/list/BlockList.h"
+#include "support/TimeZone.h"
 
 namespace orvane {
 namespace {
@@ -136,8 +135,7 @@ TEST(BlockList, KeepsTheSitesOfEachGroupTogether) {
 }
 
 TEST(BlockList, HoldsWhatOneOfItsGroupsBlocks) {
-  setenv("TZ", "UTC", 1);
-  tzset();
+  const TimeZone zone("UTC");
   const BlockList list = BlockList::parse(
       "a.example until=1970-01-01T00:05:00Z\nx.example\n[group night]\nschedule = 22:00-06:00\na.example\nn.example\n"
       "y.example until=1970-01-01T00:10:00Z\nx.example allowed\n[group off]\nenabled = no\no.example\na.example\n");

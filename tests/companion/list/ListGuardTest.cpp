@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <ctime>
 #include <numeric>
 
 #include "companion/list/ListGuard.h"
+#include "support/TimeZone.h"
 
 namespace orvane {
 namespace {
@@ -14,10 +13,6 @@ using std::chrono::seconds;
 // A keeper with a guard, and the clocks of its machine. The wall clock starts on a Monday at 12:00 UTC.
 class Machine {
  public:
-  Machine() {
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
   // The names that are in force when the keeper reads this file.
   std::string read(const std::string& file) {
     const BlockList parsed = BlockList::parse(file);
@@ -44,6 +39,7 @@ class Machine {
     return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running), std::to_string(start)};
   }
 
+  const TimeZone zone{"UTC"};
   ListGuard guard;
   int running = 1000, clock = -1000, start = 0;
 };

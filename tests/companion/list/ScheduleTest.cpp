@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <ctime>
 #include <iterator>
 
 #include "companion/list/Schedule.h"
+#include "support/TimeZone.h"
 
 namespace orvane {
 namespace {
@@ -64,20 +64,19 @@ TEST(Schedule, ChangesAtEachMinuteAtWhichTheClockEntersOrLeavesASpan) {
       {"Sun 02:15-02:45", "7", "02:15", "02:45"},          {"Sun 01:30-03:00", "7", "01:30", "03:00"},
       {"Sat 23:00-01:15", "6", "23:00", "01:15"},          {"Sun 00:00-24:00", "7", "00:00", "24:00"}};
   const struct {
-    const char *zone, *start;
+    const char *name, *start;
   } kChanges[] = {{"Europe/Berlin", "2026-03-27T11:07:00Z"},
                   {"Europe/Berlin", "2026-10-23T11:07:00Z"},
                   {"America/New_York", "2026-03-06T11:07:00Z"},
                   {"America/New_York", "2026-10-30T11:07:00Z"},
                   {"Australia/Lord_Howe", "2026-04-03T11:07:00Z"}};
   constexpr std::chrono::minutes kLength = std::chrono::hours(24 * 10);
-  for (const auto& [zone, start] : kChanges) {
-    setenv("TZ", zone, 1);
-    tzset();
+  for (const auto& [name, start] : kChanges) {
+    const TimeZone zone(name);
     for (size_t i = 0; i < std::size(kSpans); ++i) {
       const Span &one = kSpans[i], &other = kSpans[(i + 1) % std::size(kSpans)];
       const Schedule schedule = schedule_of({one.text, other.text});
-      const std::string where = std::string(zone) + ", " + one.text + ", " + other.text + ", ";
+      const std::string where = std::string(name) + ", " + one.text + ", " + other.text + ", ";
       Moment change = read_moment(start);
       bool isActive = schedule.isActive(change);
       for (Moment at = change; at < read_moment(start) + kLength; at += std::chrono::minutes(1)) {

@@ -1,14 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "companion/text/Input.h"
 #include "companion/text/TimeText.h"
+#include "support/TimeZone.h"
 
 namespace orvane {
 namespace {
@@ -16,8 +15,7 @@ namespace {
 // In Berlin the clocks went from 2:00 to 3:00 on 2026-03-29, and from 3:00 back to 2:00 on 2026-10-25. 2026-11-18 is a
 // Wednesday. Each row has a text and the moments that it may mean at `now`, in local time.
 TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
-  setenv("TZ", "Europe/Berlin", 1);
-  tzset();
+  const TimeZone zone("Europe/Berlin");
   struct Case {
     const char *now, *text, *readings;
   };
