@@ -14,10 +14,10 @@ std::string filtering_status(uint64_t hiddenNames);
 // The status line of an extension that recognises no browser, for this reason, and so blocks nothing.
 std::string no_browser_status(const std::string& reason);
 
-// Whether the line is one of these.
+// Whether the line is from filtering_status() or no_browser_status().
 bool says_filtering(std::string_view status);
 
-// The number in a status line; 0 if the line has none.
+// The number of hidden names in a status line; 0 if the line has none.
 uint64_t hidden_names_in(std::string_view status);
 
 }  // namespace orvane

@@ -38,9 +38,9 @@ class QuicInitialReader {
   // Empty if no Initial packet was read.
   const std::vector<uint8_t>& connectionID() const { return connectionID_; }
 
-  // Whether the datagram begins with an Initial packet from the start of another connection than the known one, whose
-  // connectionID() is `known`. Such a packet contains another connection ID, and its keys come from this ID. In a
-  // client's later Initial packets, the ID is the server's choice, and the keys do not come from it.
+  // Whether the datagram begins with a first Initial packet of a connection other than the one whose connectionID() is
+  // `known`. Such a packet contains another connection ID, and its keys come from that ID. Later Initial packets of the
+  // known connection may contain another ID, too, which the server has chosen; but their keys do not come from that ID.
   static bool beginsOtherConnection(std::span<const uint8_t> datagram, std::span<const uint8_t> known);
 
   // Whether the last datagram consisted only of Initial packets that were read. Such a datagram contains no part of a

@@ -21,8 +21,9 @@ class ConnectionTracking {
 
   // Changes the mark of the connection between `pair.local` and `pair.remote`, whichever side opened it: the bits of
   // `mask` get their values from `mark`. If the kernel does not track this connection and `lifetime` is given, adds the
-  // connection with the mark `mark`; the kernel removes it when it has seen no packet of it for this time. Returns 0,
-  // ENOENT if the kernel does not track the connection and no lifetime is given, or another errno.
+  // connection with the mark `mark`. The kernel then removes the connection when it has seen none of the connection's
+  // packets for `lifetime`. Returns 0; ENOENT if the kernel does not track the connection and no lifetime is given; or
+  // another errno.
   int setMark(const SocketPair& pair, uint32_t mark, uint32_t mask,
               std::optional<std::chrono::seconds> lifetime = std::nullopt);
 

@@ -8,8 +8,8 @@
 
 namespace orvane {
 
-// Finds the socket of a flow, and the socket's owner; ends the use of a socket. The functions have the same contracts
-// as in SocketOwners (SocketOwner.h).
+// Finds the socket of a flow and the socket's owner, and aborts sockets. The functions have the same contracts as in
+// SocketOwners (SocketOwner.h).
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;

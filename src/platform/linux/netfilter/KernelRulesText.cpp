@@ -13,9 +13,9 @@ namespace {
 
 // Programs for the match xt_bpf, as nfbpf_compile prints them. They match a TCP packet with payload. Each simpler match
 // (the PSH flag, a length, u32) is wrong for some packets. Some of these matches miss data on the SYN, tiny payloads,
-// or a first segment that the receiver's narrow window cuts short; others match a SYN without data. The IPv6 program
-// cannot look behind extension headers, so it matches every packet that has them; parse_packet() then finds the TCP
-// header.
+// or a first segment that is short because the receiver's window is small; others match a SYN without data. The IPv6
+// program cannot look behind extension headers, so it matches every packet that has them; parse_packet() then finds the
+// TCP header.
 constexpr const char* kHasPayload4 =
     "10,177 0 0 0,80 0 0 12,116 0 0 2,84 0 0 60,12 0 0 0,7 0 0 0,128 0 0 0,45 0 1 0,6 0 0 4294967295,6 0 0 0";
 constexpr const char* kHasPayload6 =

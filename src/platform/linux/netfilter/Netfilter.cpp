@@ -126,7 +126,8 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   }
   auto noRecords = queue->owners.recordOpeners();
   // Without the kernel's record of openers, finding the owner of a flow takes far longer than finding out which program
-  // the owner runs. Remembering the program would then save little, so the kernel need not count its changes.
+  // the owner runs. Remembering the owner's program would then save little, so the kernel need not count the changes of
+  // processes.
   auto noChanges = noRecords ? noRecords : ProcessChanges::system().start();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.

@@ -64,8 +64,8 @@ std::optional<std::string> PacketQueue::open() {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
   // The kernel returns EPERM for a missing capability and for a queue that another socket has. So if this process has
-  // the capability, another socket has the queue. The watchdog of an extension that ended a moment ago may have it, but
-  // not for long.
+  // the capability, another socket has the queue. It may be the socket of an extension that ended a moment ago: the
+  // extension's watchdog keeps it open, but not for long.
   int error = 0;
   const auto end = std::chrono::steady_clock::now() + kTakenTime;
   do {

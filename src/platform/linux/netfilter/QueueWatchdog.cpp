@@ -176,13 +176,13 @@ void QueueWatchdog::watch() {
 
 // Whether packets may wait: in the socket's buffer, or in the thread's hands.
 bool QueueWatchdog::hasWork() const {
-  // The thread ends its rest before it reads. So if the buffer is empty because the thread has read the packet, the
-  // thread does not rest, and this order of the two questions finds out.
+  // The order of the two questions matters: first the buffer, then the thread. The thread ends its rest before it
+  // reads. So if the buffer is empty because the thread has just read the packet, the thread no longer rests.
   return !shared_->released.load() && (is_readable(queueSocket_) || !shared_->isResting.load());
 }
 
-// Waits until the next check is due. If `isQuiet` is true, that is when a packet arrives. Ends the process when its
-// parent has ended.
+// Waits until the next check is due. If `isQuiet` is true, the next check is due when a packet arrives. Ends the
+// process when its parent has ended.
 void QueueWatchdog::awaitCheck(bool isQuiet, const sigset_t& mask) const {
   // After the signals are on, look again, because a packet that arrived before sends no signal.
   const bool sleeps = isQuiet && set_signals(queueSocket_, true) && !hasWork();

@@ -19,9 +19,9 @@ namespace orvane {
 //
 // The child shares the queue's netlink socket, because the kernel accepts the message that releases the queue only from
 // this socket. While no packet waits, the child sleeps, and a hung thread does no harm. The next packet makes the
-// kernel send the child a signal (SIGIO, see O_ASYNC in fcntl(2)). A signal is not lost even if the thread reads the
-// packet before the child runs; if the child waited for the socket with poll(2), it would then sleep on. After the
-// signal, the child makes a check four times a second, until no packet has come for a second.
+// kernel send the child a signal (SIGIO, see O_ASYNC in fcntl(2)). The child does not wait for the socket with poll(2):
+// if the thread read the packet before the child ran, poll(2) would sleep on, but the signal still wakes the child.
+// After the signal, the child makes a check four times a second, until no packet has come for a second.
 //
 //   asleep --- SIGIO: a packet is there ---> checks four times a second --- hung, or too slow ---> queue released
 //     ^                                             |                                                    |

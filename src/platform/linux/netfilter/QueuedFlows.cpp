@@ -142,8 +142,8 @@ void QueuedFlows::setStored(Flow& flow, size_t bytes) {
   users_[flow.user].stored += bytes - before;
 }
 
-// Counts the bytes that the flow stores. If a limit is then exceeded, forgets half of what a user has stored: so the
-// search for flows with stored bytes is rare.
+// Counts the bytes that the flow stores. If a limit is then exceeded, forgets at least half of what a user has stored,
+// so that the search for flows with stored bytes is rarely needed.
 void QueuedFlows::limitStored(Flow& flow) {
   const Examination& open = *flow.open;
   const size_t stored = open.flight.storedBytes() + (open.quic == nullptr ? 0 : open.quic->storedBytes());
@@ -330,7 +330,8 @@ void QueuedFlows::rememberEnded(const OpenConnection& conversation, Clock::time_
   ended_.erase(std::ranges::find(ended_, most, user));
 }
 
-// If the flow may continue a UDP flow that was dropped, returns the flow that was dropped last, else null.
+// Returns the UDP flow that the flow may continue, from those that drop() got; the latest if there are several. Null if
+// there is none.
 const OpenConnection* QueuedFlows::endedBefore(const Flow& flow, const Examination& open) const {
   if (open.quic == nullptr || !open.quic->connectionID().empty()) return nullptr;
   const auto found = std::ranges::find_if(ended_.rbegin(), ended_.rend(), [&](const Ended& ended) {

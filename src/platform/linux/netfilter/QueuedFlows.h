@@ -40,13 +40,13 @@ enum class PacketVerdict {
 // new flow: a program may use the addresses and ports of an earlier connection again. If the program then goes back to
 // the earlier connection, the flow is held until its name is known, because a part of its hello may have passed before.
 //
-// The open flows of a user are limited in their number, and in the bytes that they store because bytes before them have
-// not arrived. All users together have such limits, too, so that somebody with many user ids cannot fill the memory;
-// beyond those, only the users with the most are limited. A flow beyond the limit on the number is shown to the
-// provider at once, without a name. If the provider then asks for data, the program is a browser, and the flow is
-// dropped: if the flow were forgotten instead, it would pass. At the limit on the bytes, the user's flows that have had
-// no packet for the longest time lose their stored bytes, and are treated in the same way at their next packets. A real
-// browser reaches neither limit.
+// Each user has two limits: on the number of open flows, and on the bytes that these flows store because earlier bytes
+// have not arrived. All users together have two such limits, too, so that somebody with many user ids cannot fill the
+// memory; when these are exceeded, only the users with the most flows or bytes are limited. A flow beyond the limit on
+// the number is shown to the provider at once, without a name. If the provider then asks for data, the program is a
+// browser, and the flow is dropped: if the flow were forgotten instead, it would pass. At the limit on the bytes, the
+// user's flows that have had no packet for the longest time lose their stored bytes. At its next packet, a flow that
+// lost bytes is treated like a flow beyond the limit on the number. A real browser reaches neither limit.
 //
 // Not thread-safe: one thread serves the queue.
 class QueuedFlows {
@@ -118,7 +118,8 @@ class QueuedFlows {
   // For how long dropped UDP flows are remembered: longer than most servers keep an idle QUIC connection.
   static constexpr std::chrono::minutes kEndedLifetime{10};
   // Limit on the dropped UDP flows that are remembered. Of flows of one owner to the same address and port, only the
-  // last is remembered. Beyond the limit, the user with the most loses the oldest.
+  // last is remembered. Beyond the limit, the user with the most remembered flows is chosen, and this user's oldest
+  // flow is forgotten.
   static constexpr size_t kEndedLimit = 1024;
   static constexpr size_t kConnectionsLimit = 8;
   // Limit on the TCP connections for which noteUnjudged() was called.

@@ -61,7 +61,8 @@ class ApplicationIndex {
   // Whether applicationOf() returns this ID for any program.
   bool hasApplication(std::string_view application);
 
-  // The entries that the functions above use. As long as this is the same object, they return the same results.
+  // The entries that the two functions above use. As long as this function returns the same object, the two functions
+  // return the same results.
   std::shared_ptr<const ApplicationEntries> entries();
 
  private:

@@ -15,8 +15,8 @@ inline std::string bpf_failure(const char* what, int error) {
 }
 
 // Opens and loads the programs of a skeleton that `bpftool gen skeleton` has made. Tells the programs the extension's
-// PID namespace; `prepare(*kernel)` may set more constants of the programs. Returns the reason if something fails. In
-// each case, the caller passes `kernel` to Skeleton::destroy() at the end; it may be null.
+// PID namespace; `prepare(*kernel)` may set more constants of the programs. Returns the reason if something fails. Even
+// after a failure, the caller passes `kernel`, which may then be null, to Skeleton::destroy() at the end.
 template <class Skeleton, class Prepare>
 std::optional<std::string> load_bpf_programs(Skeleton*& kernel, Prepare prepare) {
   // The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).

@@ -78,7 +78,8 @@ class ProcessIdentity {
   // that was unpacked from an archive has an identifier. Nothing when the executable is unknown.
   std::optional<std::string> identifierOf(const Program& program);
 
-  // As long as this is the same object, applicationOf() and identifierOf() return the same results for a program.
+  // As long as this function returns the same object, applicationOf() and identifierOf() return the same results for a
+  // program.
   std::shared_ptr<const ApplicationEntries> applications() { return index_.entries(); }
 
   // The process that is responsible for the process `pid`. It is the first in this list that exists:
