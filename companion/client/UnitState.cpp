@@ -83,7 +83,7 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
   // systemd keeps the status line of a service's last run. The line of a failed service may be the reason of the
-  // failure; but if the service was killed, the line still says that it filters.
+  // failure. But if the service was killed, the line still says that the service filters.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
   if (state.active == "failed" && says_filtering(state.status)) state.status.clear();
   state.hiddenNames = hidden_names_in(state.status);

@@ -16,8 +16,8 @@ GroupIndex find_group(const BlockList& list, const std::string& name);
 // The state of the keeper that keeps this list; nothing if there is none, or its state cannot be read.
 std::optional<KeeperState> keeper_of_list(const CommonOptions& options);
 
-// The states of the list's groups: those that the keeper has published, because the user may have another time zone and
-// may not see locks. For other groups, and without a keeper, what the list says.
+// The states of the list's groups. The states that the keeper has published come first, because this process may have
+// another time zone and cannot see locks. For other groups, and without a keeper, the states come from the list.
 std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, const std::optional<KeeperState>& keeper,
                                                       Moment now);
 GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
@@ -35,7 +35,8 @@ void refuse_if_locked(const CommonOptions& options, const std::string& group, co
 std::string state_text(const KeeperState::GroupState& state, Moment now);
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now);
 
-// What the keeper holds against changes of the file: ", locked until 17:00 (1 h left), 2 changes without effect yet".
+// The group's lock, and the number of changes of the file that have no effect yet: ", locked until 17:00 (1 h left), 2
+// changes without effect yet".
 std::string guard_text(const KeeperState::GroupState& state, Moment now);
 
 // Says when a change that makes the group block less has an effect: "; has an effect in 15 min". Empty without a delay.

@@ -336,7 +336,8 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment end = read_end_time(arguments.end, options, now);
   return change_list(options, arguments, now, find, [&](BlockList& list, ListedSite site) {
-    // In a group with a delay, a suspension begins after the delay. With --for, it lasts all the same as long as asked.
+    // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
+    // that it lasts as long as the user asked.
     const Group& group = list.groupOf(site);
     const Moment until = arguments.end.duration ? end + group.delay : end;
     if (until <= now + group.delay)

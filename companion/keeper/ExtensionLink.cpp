@@ -20,8 +20,8 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds kShortestPause = 50ms;
 constexpr std::chrono::milliseconds kLongestPause = 5s;
 
-// The time between two reads of the extension's count of edits while other clients' edits must be undone. Who edits
-// once may do so again, so after an undo the keeper reads the count more often for kVigilance.
+// The time between two reads of the extension's count of edits while other clients' edits must be undone. A client that
+// has edited once may edit again. So after an undo, the keeper reads the count more often for kVigilance.
 constexpr std::chrono::milliseconds kCheckInterval = 500ms;
 constexpr std::chrono::milliseconds kVigilantInterval = 50ms;
 constexpr std::chrono::milliseconds kVigilance = 5s;
@@ -86,8 +86,8 @@ void ExtensionLink::attend(const HeldNames* list) {
   if (isEdited && (isInSync_ || holdsGuarded_)) due_ = Clock::now();
 }
 
-// Adds the guarded names before the whole list is sent, which takes longer. Each name is a message, so this is not
-// quicker for many names.
+// Adds the guarded names. Call this before the whole list is sent, because sending the whole list takes longer. Each
+// name is a message of its own, so for many names this would not be quicker; then the function does nothing.
 void ExtensionLink::addGuarded() {
   if (guarded_.empty() || guarded_.size() > kLargestDifference) return;
   attempt(kCallTimeout, [this](CallTimeout&) { client_->addHostnames(guarded_); });

@@ -33,12 +33,12 @@ class ExtensionLink {
   // When attend() must be called again, at the latest.
   Clock::time_point due() const { return due_; }
 
-  // Does nothing before due(). After that, if disconnected, tries to connect and then sends `list`: the names that the
-  // extension must hold; null if the keeper has not read the list yet, in which case nothing is sent. If connected,
-  // sends `list` again if other clients have made edits, or if the extension has not taken it.
+  // Does nothing before due(). `list`: the names that the extension must hold. It is null if the keeper has not read
+  // the list yet; then no list is sent. If disconnected, tries to connect, and then sends the list. If connected, sends
+  // the list again if other clients have made edits, or if the extension has not taken the list.
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
-  // that tells of edits, so attend() must then ask for their number twice a second, and more often after an undo.
+  // that tells of edits, so attend() asks for the number of edits twice a second, and more often after an undo.
   // `guarded`: the names that must not be missing. An undo adds them first, and if the extension does not take the
   // whole list, it gets only these names.
   void undoEdits(bool enabled, std::vector<std::string> guarded);
@@ -84,7 +84,7 @@ class ExtensionLink {
   bool hasConnectedBefore_ = false;
   bool undoesEdits_ = false;
   std::vector<std::string> guarded_;  // sorted
-  bool holdsGuarded_ = false;         // the extension has not taken the list, and holds guarded_ instead
+  bool holdsGuarded_ = false;         // the extension has not taken the list, and has only guarded_
   Clock::time_point sendWholeAt_ = Clock::time_point::min();
   Clock::time_point vigilantUntil_ = Clock::time_point::min();
   bool isInSync_ = false;         // the extension has taken the list that was sent last

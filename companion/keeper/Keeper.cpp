@@ -124,7 +124,7 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
-    // Reading a large list takes long.
+    // Reading a large list takes long, so send the names of the guarded groups before.
     if (guard_.isActive()) {
       enforce(guard_.guardedList(), {});
       link_.attend(known());
@@ -277,7 +277,7 @@ void Keeper::readList() {
   malloc_trim(0);
 }
 
-// The previous list stays in force. The schedules of guarded groups begin all the same.
+// The previous list stays in force. If groups are guarded, their schedules still count, but exceptions have no effect.
 void Keeper::onListError(const std::string& error) {
   if (state_.listError != error) keeper_log(LogLevel::Error, error);
   state_.listError = error;
@@ -289,7 +289,7 @@ void Keeper::onListError(const std::string& error) {
   enforce(guard_.guardedList(), std::move(others));
 }
 
-// Sends the names of the list that are to be held now, and those of `others`.
+// Sends those names of the list that the extension must hold now, and the names of `others`.
 void Keeper::enforce(const BlockList& list, HeldNames others) {
   const ListGuard::Now now = current_time();
   const GroupStates states = guard_.statesOf(list, now);

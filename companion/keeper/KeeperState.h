@@ -74,8 +74,8 @@ std::optional<KeeperState> read_keeper_state(const std::string& path);
 // The JSON object that write_keeper_state() writes.
 nlohmann::json to_json(const KeeperState& state);
 
-// Counts the edits that the extension has received since the keeper last read its count. `changes`: its count when it
-// was read before the `state`.
+// Adds to `state` the edits that the extension has received since the keeper last read the extension's count of edits.
+// `changes`: this count, which the caller must have read before it read the state.
 void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once

@@ -73,7 +73,7 @@ BlockList BlockList::parse(std::string_view text) {
     Section& section = list.sections_[list.lines_.back().group];
     isStart = isStart && words.empty() && !trimmed(given).empty();
     if (isStart) section.settings = list.lines_.size();
-    // A comment at the end of a section may be about the next one.
+    // Comments at the end of a section may be about the next section, so `end` is before them.
     if (isStart || !words.empty()) section.end = list.lines_.size();
   }
   list.parsedLines_ = list.lines_.size();
@@ -284,7 +284,7 @@ GroupIndex copy_settings(const Group& group, BlockList& list) {
   const GroupIndex index = known ? *known : list.addGroup(group.name);
   using Values = std::vector<std::string>;
   const Group before = list.groups()[index];
-  // Each change of a setting looks through all lines.
+  // Set only what differs, because each call of setSetting() looks through all lines.
   if (group.schedule != before.schedule) list.setSetting(index, kScheduleKey, group.schedule.texts());
   if (group.isEnabled != before.isEnabled)
     list.setSetting(index, kEnabledKey, group.isEnabled ? Values{} : Values{"no"});

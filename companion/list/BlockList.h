@@ -104,7 +104,8 @@ class BlockList {
     bool isSuperseded = false;  // a later line has the same site
     bool isRemoved = false;
   };
-  // Where text() writes the lines that a group gets after parse(): in front of these lines.
+  // Where text() inserts the lines that a group gets after parse(): its header and settings before the line `settings`,
+  // its sites before the line `end`.
   struct Section {
     size_t settings = 0, end = 0;
   };
@@ -153,8 +154,8 @@ struct Decision {
 Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states);
 Decision decide(const BlockList& list, std::string_view host, Moment now);
 
-// The names that the extension must hold at a given moment: those of the sites that are not suspended in one of the
-// groups that are in force.
+// The names that the extension must hold at a given moment. It must hold a site's name if the site is in a group that
+// is in force, and is not suspended there.
 struct HeldNames {
   std::vector<std::string> names;                         // sorted
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; each name is left out of `names` until its moment

@@ -34,9 +34,9 @@ ListVersion list_version(const std::string& path);
 //   the folder failed; then the file has changed, and the error's text says so.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
 
-// Reads or replaces the text of a file beside the list. The functions check, protect and replace this file as the list.
-// A missing file is an empty text. They take no lock, so call replace_list_text() only while edit_list() calls `edit`.
-// They throw FileError.
+// Reads or replaces the text of a file beside the list. The functions check, protect and replace this file as they do
+// the list. A missing file is an empty text. They take no lock, so call replace_list_text() only while edit_list()
+// calls `edit`. They throw FileError.
 std::string read_list_text(const std::string& path);
 void replace_list_text(const std::string& path, std::string_view text);
 

@@ -19,10 +19,11 @@ using std::chrono::seconds;
 
 constexpr int kWeakestSite = 2;
 
-// Guarded groups, by their order.
+// A set of guarded groups: one bit for each guarded group.
 using GroupSet = std::bitset<ListGuard::kMostGroups>;
 
-// How much a line blocks, at least kWeakestSite if it blocks anything. No line blocks more than an exception.
+// How much a line blocks; at least kWeakestSite if it blocks anything. An exception counts least, even less than a
+// missing line (null), because it lets the host pass.
 int strength(const ListedSite* site) {
   if (site == nullptr) return 1;
   switch (site->scope) {
@@ -100,8 +101,8 @@ void ListGuard::load(std::string_view text, const Now& now) {
   ListGuard loaded(mostBytes_);
   try {
     const Json header = Json::parse(text.substr(std::min<size_t>(2, end), end - std::min<size_t>(2, end)));
-    // If the machine was restarted meanwhile, this is the time since its start: it is not known how long the machine
-    // still ran before.
+    // The times that are left count from `start` on. If the machine was restarted meanwhile, `start` is the machine's
+    // start, because it is not known how long the machine ran between save() and the restart.
     const Seconds saved(header.at("running").get<int64_t>());
     const bool isRestarted = now.running < saved || header.value("start", now.start) != now.start;
     const Seconds start = isRestarted ? Seconds(0) : saved;
@@ -148,7 +149,7 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
     exceptionSettings_.clear();
     heldBack_.clear();
   }
-  // Lines that were removed would stay in memory.
+  // Parse the copies again: removed lines would stay in the BlockList's memory.
   if (isChanged_) held_ = BlockList::parse(held_.text());
   return isChanged_;
 }
@@ -372,7 +373,8 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
     const std::string key = site.host + " " + group.name;
     const auto known = before != exceptionSettings_.end() && before->second == text->second ? exceptions_.find(key)
                                                                                             : exceptions_.end();
-    // An exception that is older than the guard has an effect.
+    // If the guard was not active before, the exception is older than the guard, and has an effect: it counts as old
+    // enough for every delay.
     const Seconds since = known != exceptions_.end() ? known->second
                           : wasActive                ? now.running
                                                      : now.running - kLongestDelay;

@@ -39,18 +39,18 @@ class ListGuard {
   // A lock lasts at most this long, whatever the request says.
   static constexpr std::chrono::seconds kLongestLock = std::chrono::hours(24 * 366);
 
-  // At most so many groups are guarded at the same time. A request for a lock of another group waits.
+  // At most this many groups are guarded at the same time. A request for a lock of another group waits.
   static constexpr size_t kMostGroups = 100;
-  // At most so many bytes of sites are guarded: about a million sites. Further sites of guarded groups are in force as
-  // in the list's file. This keeps the saved text below kLargestInput.
+  // At most this many bytes of sites are guarded: about a million sites. Further sites of guarded groups are in force
+  // as in the list's file. This keeps the saved text below kLargestInput.
   static constexpr size_t kMostBytes = size_t{64} << 20;
-  // The guard remembers since when the list has had so many exceptions. Each further one counts as new.
+  // The guard remembers the ages of at most this many exceptions. Each further exception always counts as new.
   static constexpr size_t kMostExceptions = 100000;
 
   ListGuard(size_t mostBytes = kMostBytes) : mostBytes_(mostBytes) {}
 
-  // The guard as a text, from which load() restores it. The time between save() and load() counts if the machine ran;
-  // of the time of which this is not known, nothing counts. load() throws InputError for an invalid text.
+  // The guard as a text, from which load() restores it. The time between save() and load() counts as far as it is known
+  // that the machine ran. load() throws InputError for an invalid text.
   std::string save(const Now& now) const;
   void load(std::string_view text, const Now& now);
 
@@ -109,7 +109,8 @@ class ListGuard {
   std::map<std::string, Guarded, std::less<>> guarded_;
   BlockList held_;  // the blocked sites and the settings of the guarded groups
   std::vector<std::string> refusedGroups_;
-  // Since when the list has had each exception, in a group with the same settings; by host and group.
+  // For each exception, by host and group: since when the list has had it and the settings of its group have been the
+  // same.
   std::map<std::string, Seconds> exceptions_;
   std::map<std::string, std::string> exceptionSettings_;    // the settings of each group with exceptions
   std::set<std::pair<std::string, std::string>> heldBack_;  // group and host of the exceptions without effect

@@ -186,7 +186,7 @@ bool Schedule::isActive(Moment moment) const {
   const int minute = minute_of_week(local_fields(moment));
   return spans_.empty() || std::any_of(spans_.begin(), spans_.end(), [&](const Span& span) {
            for (int day = 0; day < kDays; ++day) {
-             // How long ago the span of this day began. On a Monday, that of Sunday may still last.
+             // How long ago the span of this day began. On a Monday, the span of Sunday may still last.
              const int passed = (minute - day * kMinutesOfDay - span.begin + kMinutesOfWeek) % kMinutesOfWeek;
              if ((span.days >> day & 1) != 0 && passed < span.end - span.begin) return true;
            }
