@@ -10,8 +10,8 @@ namespace orvane {
 // Describes a site to people: "example.com and its subdomains", or the host alone for a site without subdomains.
 std::string site_text(const ListedSite& site);
 
-// A JSON object with the members "host", "scope" ("subdomains", "exact" or "exception") and "suspended"; also with
-// "until" if the site has a suspension, even one that has ended.
+// A JSON object with the members "host", "scope" ("subdomains", "exact" or "exception") and "suspended". It also has
+// "unicode" for an international name, and "until" if the site has a suspension, even one that has ended.
 nlohmann::json site_json(const ListedSite& site, Moment now);
 
 // Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.

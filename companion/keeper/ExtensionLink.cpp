@@ -26,7 +26,8 @@ constexpr std::chrono::milliseconds kCheckInterval = 500ms;
 constexpr std::chrono::milliseconds kVigilantInterval = 50ms;
 constexpr std::chrono::milliseconds kVigilance = 5s;
 
-// The time between two attempts to send a whole list that the extension has refused, while it holds the guarded names.
+// The time between two attempts to send a whole list that the extension has refused. Meanwhile the extension has only
+// the guarded names.
 constexpr std::chrono::milliseconds kRefusalInterval = 60s;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous

@@ -403,7 +403,8 @@ bool ListGuard::isLocked() const {
   return std::any_of(guarded_.begin(), guarded_.end(), [](const auto& entry) { return entry.second.lockEnd; });
 }
 
-// The list of the file, with the guard's copy in place of each guarded group, except for the group's exceptions.
+// The list of the file, but with the settings and sites that the guard's copy has of each guarded group. Exceptions,
+// and sites that the copy lacks, come from the file.
 BlockList ListGuard::withHeldGroups(const BlockList& file) const {
   BlockList list;
   const auto copy = [&](const BlockList& from, bool isHeld) {

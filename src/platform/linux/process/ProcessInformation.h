@@ -54,7 +54,8 @@ class ProcessInformation {
   pid_t parent() const { return stat_.parent; }
   uint64_t startTime() const { return stat_.startTime; }
 
-  // Whether the process had begun to end when open() was called. It then still has a parent, and maybe a program.
+  // Whether the process had begun to end when open() was called. Such a process still has a parent, and maybe a
+  // program.
   bool isEnding() const { return stat_.isEnding; }
 
   // The version in the audit token, computed from the start time. Processes that have the same pid one after the other

@@ -131,8 +131,8 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
   return {errSecSuccess, std::move(process)};
 }
 
-// Returns the process's code object. As long as ProcessIdentity finds the same process, this is the same object, so the
-// objects that were made from it need not be made again.
+// Returns the process's code object. As long as ProcessIdentity finds the same process, the function returns the same
+// object, so the objects that were made from it need not be made again.
 static Ref<SecCode> code_of(const std::shared_ptr<const ProcessIdentity::Process>& process) {
   struct Known {
     std::weak_ptr<const ProcessIdentity::Process> process;

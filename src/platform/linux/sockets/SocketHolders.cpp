@@ -41,9 +41,9 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // A complete scan of a process records the location of every socket that it sees. So if a socket has no location
-      // in the process, the process did not hold it during the scan. That conclusion needs the locations, which are
-      // deleted here. So earlier scans do not count as complete any more.
+      // After a complete scan of a process, a socket that has no location in the process was not held by it during the
+      // scan. This conclusion needs the locations that the scan has recorded. They are deleted here, so earlier scans
+      // no longer count as complete.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
