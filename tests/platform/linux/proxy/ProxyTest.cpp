@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <atomic>
 #include <chrono>
@@ -156,7 +157,7 @@ TEST_F(ProxyPlacesTest, RefusesAUserWhoseEndedConnectionsStay) {
 
 TEST_F(ProxyTest, EndsIdleTunnels) {
   const Descriptor server = listen_on_loopback();
-  Proxy limited(0, {8, 1s});
+  Proxy limited(0, {8, 3s});  // far above the pauses between what the used tunnel sends
   ASSERT_EQ(limited.start(provider, NEFilterSettings::initWithRules({}, NEFilterAction::Allow)), std::nullopt);
   Peer idle(limited.port()), used(limited.port());
   const timeval patience{20, 0};
@@ -165,10 +166,8 @@ TEST_F(ProxyTest, EndsIdleTunnels) {
     peer->send("CONNECT 127.0.0.1:" + std::to_string(port_of(server)) + " HTTP/1.1\r\n\r\n");
     EXPECT_TRUE(peer->read("\r\n\r\n").starts_with("HTTP/1.1 200"));
   }
-  for (int i = 0; i < 40; ++i) {
-    std::this_thread::sleep_for(50ms);
-    used.send("x");
-  }
+  pollfd end{idle.socket.get(), POLLIN, 0};
+  for (int i = 0; i < 400 && poll(&end, 1, 50) == 0; ++i) used.send("x");
   idle.read();
   EXPECT_EQ(idle.error, 0) << "the idle tunnel ends";
   char byte = 0;
