@@ -164,6 +164,7 @@ class Keeper {
   void describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now);
   void updateGuard(const BlockList& list);
   void loadGuard();
+  std::string keepUnreadableGuard();
   void saveGuard();
   void publishListInForce(const BlockList& list);
   void onZoneChange();
@@ -329,12 +330,17 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
 
 void Keeper::updateGuard(const BlockList& list) {
   const std::vector<std::string> refused = guard_.refusedGroups();
+  const bool ignoredExceptions = guard_.ignoresExceptions();
   const bool isChanged = guard_.update(list, current_time());
   if (!guard_.refusedGroups().empty() && guard_.refusedGroups() != refused)
     keeper_log(LogLevel::Warning, "too many groups have a lock or a delay: at most " +
                                       std::to_string(ListGuard::kMostGroups) +
                                       " can; ignored: " + guard_.refusedGroups().front() + " and " +
                                       std::to_string(guard_.refusedGroups().size() - 1) + " more");
+  if (guard_.ignoresExceptions() && !ignoredExceptions)
+    keeper_log(LogLevel::Warning, "too many exceptions: those after the first " +
+                                      std::to_string(ListGuard::kMostExceptions) +
+                                      " have no effect on sites of groups with a lock or a delay");
   const auto due = guard_.due();
   due ? guardTimer_.set(*due) : guardTimer_.stop();
   if (isChanged || (due && saveGuardAt_ == Steady::time_point::max())) saveGuard();
@@ -349,8 +355,17 @@ void Keeper::loadGuard() {
     if (text->size() > kLargestInput) throw InputError("the file is too large");
     guard_.load(*text, current_time());
   } catch (const InputError& error) {
-    keeper_log(LogLevel::Error, "locks and delays are lost: " + in_quotes(guardPath_) + ": " + error.what());
+    keeper_log(LogLevel::Error, "locks and delays are lost, and those that the list still has begin again: " +
+                                    in_quotes(guardPath_) + ": " + error.what() + ": " + keepUnreadableGuard());
   }
+}
+
+// Gives the guard's file another name, because saveGuard() would replace it. Returns what has become of the file.
+std::string Keeper::keepUnreadableGuard() {
+  const std::string name = guardPath_ + ".unreadable-" + time_text(now_in_seconds());
+  std::error_code error;
+  std::filesystem::rename(guardPath_, name, error);
+  return error ? "the next save replaces it: " + error.message() : "it is now " + in_quotes(name);
 }
 
 // The time that has passed since the last save is not known after a loss of power, so the guard is saved from time to

@@ -98,7 +98,7 @@ std::string ListGuard::save(const Now& now) const {
 
 void ListGuard::load(std::string_view text, const Now& now) {
   const size_t end = std::min(text.find('\n'), text.size());
-  ListGuard loaded(mostBytes_);
+  ListGuard loaded(mostBytes_, mostExceptions_);
   try {
     const Json header = Json::parse(text.substr(std::min<size_t>(2, end), end - std::min<size_t>(2, end)));
     // The times that are left count from `start` on. If the machine was restarted meanwhile, `start` is the machine's
@@ -148,6 +148,7 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
     exceptions_.clear();
     exceptionSettings_.clear();
     heldBack_.clear();
+    ignoresExceptions_ = false;
   }
   // Parse the copies again: removed lines would stay in the BlockList's memory.
   if (isChanged_) held_ = BlockList::parse(held_.text());
@@ -322,6 +323,7 @@ std::optional<GroupIndex> ListGuard::heldGroup(const std::string& name) const {
 // Finds the exceptions that have no effect now.
 void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool wasActive) {
   heldBack_.clear();
+  ignoresExceptions_ = false;
   std::unordered_map<std::string_view, GroupSet, KeyedHash> concerns;
   file.forEachSite([&](const ListedSite& site) {
     if (site.scope == Scope::Exception) concerns.try_emplace(site.host);
@@ -378,14 +380,16 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
     const Seconds since = known != exceptions_.end() ? known->second
                           : wasActive                ? now.running
                                                      : now.running - kLongestDelay;
-    if (seen.size() < kMostExceptions) seen.emplace(key, since);
-    bool isHeldBack = false;
-    for (size_t i = 0; i < guarded.size(); ++i) {
+    const bool isRemembered = seen.size() < mostExceptions_;
+    if (isRemembered) seen.emplace(key, since);
+    bool isHeldBack = !isRemembered && concerned.any();
+    ignoresExceptions_ = ignoresExceptions_ || isHeldBack;
+    for (size_t i = 0; i < guarded.size() && !isHeldBack; ++i) {
       if (!concerned[i]) continue;
       const bool isLocked = guarded[i]->lockEnd && since >= guarded[i]->lockBegan;
       const Seconds end = since + delays[i];
       if (!isLocked && end > now.running) noteDue(end);
-      isHeldBack = isHeldBack || isLocked || end > now.running ||
+      isHeldBack = isLocked || end > now.running ||
                    (guarded[i]->lockEnd && !isInForceOnBothClocks(site, group, guarded[i]->clock));
     }
     if (isHeldBack) heldBack_.emplace(group.name, site.host);

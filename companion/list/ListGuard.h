@@ -44,10 +44,11 @@ class ListGuard {
   // At most this many bytes of sites are guarded: about a million sites. Further sites of guarded groups are in force
   // as in the list's file. This keeps the saved text below kLargestInput.
   static constexpr size_t kMostBytes = size_t{64} << 20;
-  // The guard remembers the ages of at most this many exceptions. Each further exception always counts as new.
+  // The guard remembers the ages of at most this many exceptions. Further exceptions have no effect on guarded sites.
   static constexpr size_t kMostExceptions = 100000;
 
-  ListGuard(size_t mostBytes = kMostBytes) : mostBytes_(mostBytes) {}
+  ListGuard(size_t mostBytes = kMostBytes, size_t mostExceptions = kMostExceptions)
+      : mostBytes_(mostBytes), mostExceptions_(mostExceptions) {}
 
   // The guard as a text, from which load() restores it. The time between save() and load() counts as far as it is known
   // that the machine ran. load() throws InputError for an invalid text.
@@ -75,6 +76,8 @@ class ListGuard {
   std::optional<std::chrono::seconds> lockEnd(std::string_view group) const;
   // Groups that are not guarded because there are too many.
   const std::vector<std::string>& refusedGroups() const { return refusedGroups_; }
+  // Whether exceptions have no effect because there are too many.
+  bool ignoresExceptions() const { return ignoresExceptions_; }
   // The removals and other changes of this group that have no effect yet. Exceptions are not counted.
   size_t pendingChanges(std::string_view group) const;
 
@@ -105,7 +108,7 @@ class ListGuard {
   void updateExceptions(const BlockList& file, const Now& now, bool wasActive);
   void noteDue(Seconds moment) { due_ = std::min(due_.value_or(moment), moment); }
 
-  size_t mostBytes_;
+  size_t mostBytes_, mostExceptions_;
   std::map<std::string, Guarded, std::less<>> guarded_;
   BlockList held_;  // the blocked sites and the settings of the guarded groups
   std::vector<std::string> refusedGroups_;
@@ -114,6 +117,7 @@ class ListGuard {
   std::map<std::string, Seconds> exceptions_;
   std::map<std::string, std::string> exceptionSettings_;    // the settings of each group with exceptions
   std::set<std::pair<std::string, std::string>> heldBack_;  // group and host of the exceptions without effect
+  bool ignoresExceptions_ = false;
   std::optional<Seconds> due_;
   bool isChanged_ = false;
 };

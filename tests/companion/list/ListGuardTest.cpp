@@ -154,6 +154,14 @@ TEST(ListGuard, GuardsNoMoreThanItCanSave) {
   const std::string held = machine.read("");
   EXPECT_NE(held.find(".a99.example"), std::string::npos);
   EXPECT_EQ(held.find(".a100.example"), std::string::npos);
+  machine.guard = ListGuard(ListGuard::kMostBytes, 1);  // one exception
+  const std::string many =
+      "[group work]\ndelay = 1h\na.example\nb.example\n[group free]\n"
+      "x.a.example allowed\nx.b.example allowed\ny.example allowed\n";
+  for (const char* when : {"at first", "later"}) {
+    EXPECT_EQ(machine.read(many), "!.x.a.example !.y.example .a.example .b.example") << when;
+    EXPECT_EQ(machine.guard.due(), std::nullopt) << when;
+  }
   machine.guard = ListGuard(100);  // bytes: two sites
   EXPECT_EQ(machine.read(std::string("[group work]\na.example\nb.example\nc.example\n") + kLock),
             ".a.example .b.example .c.example")

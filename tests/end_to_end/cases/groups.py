@@ -128,3 +128,10 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             check(verdict, "blocked", "what try says of a name that the file no longer has")
             groups = json.loads(keeper.control("--json", "lock").stdout)
             check([group["group"] for group in groups], ["work"], "locked groups")
+        guard = next(world.directory.glob("*.guard"))
+        guard.write_text("damaged")
+        with keeper:
+            keeper.list.write_text(f"[group work]\ndelay = 1h\n{HELD}\n")  # the keeper saves the guard
+            wait_until(guard.exists, "a new guard's file")
+            kept = [path.read_text() for path in world.directory.glob("*.guard.unreadable-*")]
+            check(kept, ["damaged"], "the copy of a guard's file that cannot be read")
