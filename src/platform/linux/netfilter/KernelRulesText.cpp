@@ -171,7 +171,8 @@ class ProviderChains {
 //                                                        +-- NF_REPEAT, packet's bits = "allowed" or -----+
 //                                                            "dropped"; or, instead, NF_DROP
 //
-// The answer is "allowed" or "dropped"; while the server's name is incomplete, the answer is "pending".
+// On OUTPUT, the queue answers "allowed" or "dropped", or "pending" while the server's name is incomplete. On INPUT, it
+// answers "allowed", or "dropped" if it has no verdict on the packet; it drops all other packets itself (NF_DROP).
 //
 // - If the mangle chain or the queue changes a packet's mark, the kernel routes the packet again and loses the sending
 //   user's id. So ASK sets the packet's bits to "allowed", the most frequent answer, before the packet is queued: the

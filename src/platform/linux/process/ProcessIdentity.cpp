@@ -17,7 +17,7 @@ namespace {
 constexpr size_t kIdentifierLimit = 255;  // the longest D-Bus name; a Flatpak application's ID is a D-Bus name
 constexpr int kAncestorLimit = 64;        // no ordinary process tree is deeper
 constexpr auto kCacheTime = std::chrono::milliseconds(500);
-constexpr size_t kCacheLimit = 64;  // each process holds a file descriptor
+constexpr size_t kCacheLimit = 64;  // each cached process keeps a file descriptor open
 
 using Clock = std::chrono::steady_clock;
 
