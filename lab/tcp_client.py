@@ -102,7 +102,7 @@ class _Client:
 
 
 class _Program(BaseManager):
-    """A process that runs the clients. It has one thread for each thread of this process that calls play()."""
+    """A child process that runs the clients. It has one thread for each thread of its parent that calls play()."""
 
 
 _Program.register("client", _Client)

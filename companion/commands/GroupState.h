@@ -13,7 +13,8 @@ namespace orvane {
 // The group with this name. Throws InputError if the list has none.
 GroupIndex find_group(const BlockList& list, const std::string& name);
 
-// The state of the keeper that keeps this list; nothing if there is none, or its state cannot be read.
+// The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list, or if the
+// keeper's state cannot be read.
 std::optional<KeeperState> keeper_of_list(const CommonOptions& options);
 
 // The states of the list's groups. The states that the keeper has published come first, because this process may have
@@ -22,7 +23,7 @@ std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, con
                                                       Moment now);
 GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
 
-// Whether the keeper keeps this list.
+// Whether the keeper keeps the list at options.listPath.
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options);
 
 // When the lock of the group ends; nothing if the keeper has not locked it.

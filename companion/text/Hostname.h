@@ -20,7 +20,8 @@ bool normalize_hostname(std::string_view given, std::string& name, std::string& 
 // "example.com/a". For any other text, the text itself. A view into `given`.
 std::string_view host_in(std::string_view given);
 
-// A name in the form of normalize_hostname(), with its international labels in Unicode. Empty if it has no such label.
+// Converts the international labels of a name to Unicode. The name must have the form of normalize_hostname(). Empty if
+// it has no international label.
 std::string unicode_hostname(std::string_view name);
 
 // For people: the name, or for an international name both forms, as in "b\u00fccher.example (xn--bcher-kva.example)".

@@ -126,10 +126,10 @@ int send_v6(struct bpf_sock_addr* context) {
 
 // Records the endpoints of a connection. When a process connects a TCP socket, the kernel calls record_connect() before
 // it chooses the socket's local port, and this program just before it sends the SYN. When the handshake is complete,
-// the kernel calls this program again, for the client's socket and for the server's. If both sides sent a SYN at the
-// same time, it calls the program for both sockets as for a server's. At this time, snd_una is the sequence number of
-// the first byte that the other side has not acknowledged: the connection's first byte, unless TCP Fast Open has sent
-// bytes with the SYN.
+// the kernel calls this program again, for the client's socket and for the server's. In these calls, snd_una is the
+// sequence number of the first byte that the other side has not acknowledged: the connection's first byte, unless TCP
+// Fast Open has sent bytes with the SYN. If both sides sent a SYN at the same time, the kernel calls the program for
+// both sockets as for a server's.
 //
 // A server's socket, or a socket of another network namespace, has no record of its opener. For such a socket, this
 // program removes the record of an earlier socket with the same endpoints.
