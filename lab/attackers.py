@@ -1,14 +1,22 @@
 """What an unprivileged user can do to slow the filter down, or to fill its queue."""
 
 import contextlib
+import ctypes
+import fcntl
 import itertools
+import mmap
 import multiprocessing
 import os
+import platform
+import select
 import signal
 import socket
+import struct
+import threading
 import time
 
 from harness import wait_until
+from isolation import Unavailable
 
 ATTACKER = 65534  # a user without privileges; only the attacks run as this user
 _SEARCHED, _DESCRIPTORS = 40, 19_000
@@ -139,3 +147,33 @@ def half_open_flows(address: str, count: int, lines: int, single: int):
         wait_until(lambda: opened.get_value() == _FLOODERS, f"{count} half-open flows", 300)
 
     return _attackers(start, wait)
+
+
+@contextlib.contextmanager
+def locked(connection: socket.socket):
+    """Keeps the kernel's lock of the socket during a with block.
+
+    The kernel takes the lock, and then copies a socket filter from a page that is missing. The process fills the page
+    itself (userfaultfd(2)), and does so only at the end of the block. If the process ends, the kernel fills the page.
+    """
+    SYS_USERFAULTFD = {"x86_64": 323, "aarch64": 282}
+    UFFDIO_API, UFFDIO_REGISTER, UFFD_API, MODE_MISSING = 0xC018AA3F, 0xC020AA00, 0xAA, 1
+    SO_ATTACH_FILTER = 26
+    libc = ctypes.CDLL(None, use_errno=True)
+    faults = libc.syscall(SYS_USERFAULTFD.get(platform.machine(), -1), os.O_CLOEXEC)
+    if faults < 0:
+        raise Unavailable(f"no userfaultfd: {os.strerror(ctypes.get_errno())}")
+    try:
+        page = mmap.mmap(-1, mmap.PAGESIZE)
+        address = ctypes.addressof(ctypes.c_char.from_buffer(page))
+        fcntl.ioctl(faults, UFFDIO_API, struct.pack("=3Q", UFFD_API, 0, 0))
+        fcntl.ioctl(faults, UFFDIO_REGISTER, struct.pack("=4Q", address, len(page), MODE_MISSING, 0))
+        program = struct.pack("H0QQ", 1, address)  # struct sock_fprog
+        arguments = (connection.fileno(), socket.SOL_SOCKET, SO_ATTACH_FILTER, program, len(program))
+        caller = threading.Thread(target=libc.setsockopt, args=arguments)
+        caller.start()
+        wait_until(lambda: select.select([faults], [], [], 0)[0], "the socket is locked")
+        yield
+    finally:
+        os.close(faults)
+    caller.join()

@@ -12,9 +12,9 @@ import subprocess
 import sys
 import time
 
-from attackers import flood
+from attackers import flood, locked
 from browsers import Browser, ChromiumWithHTTP3, FirefoxWithHTTP3
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
+from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
 from programs import Destination
 
 _RECORDS = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial"
@@ -239,6 +239,27 @@ def PassesNoHeldNameDuringAFlood(world: World):
         check([client for client, datagrams in received.items() if len(set(datagrams)) > 1], [], "whole hellos")
         for connection in clients:
             connection.close()
+
+
+def FiltersWhileAUserKeepsADroppedSocketLocked(world: World):
+    first, second = _recorded()
+    with world.filtering(PYTHON) as extension, _Server() as server, contextlib.ExitStack() as stack:
+        clients = [stack.enter_context(server.client()) for _ in range(3)]
+        with locked(clients[0]):
+            for client in clients[:2]:
+                _send(client, first, second)
+                check(server.received(), [first], "what left a socket")
+            check([connect(name) for name in (HELD, NEWS)], [DROP, ALLOW], "other connections")
+        for client in clients[:2]:
+            _wait_for_abort(client)
+        with locked(clients[2]):
+            _send(clients[2], first, second)
+            check(server.received(), [first], "what left the last socket")
+            extension.process.terminate()
+            check(extension.process.wait(60), 0, "the exit code")
+            extension.start()
+            extension.hold(HELD)
+            check([connect(name) for name in (HELD, NEWS)], [DROP, ALLOW], "connections after a restart")
 
 
 def _browse_over_http3(world: World, kind: type[Browser]) -> None:

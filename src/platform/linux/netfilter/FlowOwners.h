@@ -9,7 +9,7 @@
 namespace orvane {
 
 // Finds the socket of a flow and the socket's owner, and aborts sockets. The functions have the same contracts as in
-// SocketOwners (SocketOwner.h).
+// SocketOwners (SocketOwner.h) and SocketAborter.
 class FlowOwners {
  public:
   virtual ~FlowOwners() = default;

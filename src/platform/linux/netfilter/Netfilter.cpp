@@ -24,6 +24,7 @@
 #include "platform/linux/netfilter/QueuedFlows.h"
 #include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/process/ProcessInformation.h"
+#include "platform/linux/sockets/SocketAborter.h"
 
 namespace orvane {
 namespace {
@@ -42,19 +43,21 @@ constexpr auto kRulesPoll = 500ms;      // time between checks if the kernel sen
 
 class SystemOwners final : public FlowOwners {
  public:
+  explicit SystemOwners(SocketAborter& aborter) : aborter_(aborter) {}
   std::optional<std::string> check() { return owners_.check(); }
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   std::optional<SocketFacts> sender(const SocketPair& pair) override { return owners_.sender(pair); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
   void abort(const SocketPair& pair, uint64_t cookie) override {
-    const int error = owners_.abort(pair, cookie);
-    if (error != 0) ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(error));
+    if (aborter_.abort(pair, cookie)) return;
+    ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(errno));
   }
   std::vector<uint64_t> streams() { return owners_.streams(); }
 
  private:
   SocketOwners owners_;
+  SocketAborter& aborter_;
 };
 
 // Whether the executables of other users' processes can be read. True if other users have no processes.
@@ -89,11 +92,13 @@ struct Netfilter::Queue {
   void reviewConnections();
   void end(const OpenConnection& connection);
   void keepDropped(const SocketPair& conversation);
+  void noteAborts();
 
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
   QueueWatchdog watchdog;
-  SystemOwners owners;
+  SocketAborter aborter;
+  SystemOwners owners{aborter};
   std::optional<ConnectionTracking> tracking;  // nothing if the kernel does not let us change connections
   ListEdits* edits = nullptr;                  // null if edits do not end open connections
   OpenConnections connections;
@@ -114,6 +119,7 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
   auto error = queue->packets.open();
   taken_ = queue->packets.isTaken();
   if (!error) error = queue->watchdog.start(queue->packets.descriptor(), kQueueNumber);
+  if (!error) error = queue->aborter.start();
   if (!error) error = queue->owners.check();
   if (error) return error;
   const auto noTracking = queue->tracking.emplace().open();
@@ -207,21 +213,24 @@ void Netfilter::Queue::serve(int stop) {
     // poll(2) ignores the descriptor -1.
     pollfd events[] = {{packets.descriptor(), POLLIN, 0},
                        {edits == nullptr ? -1 : edits->descriptor(), POLLIN, 0},
-                       {watchdog.childDescriptor(), POLLIN, 0}};
+                       {watchdog.childDescriptor(), POLLIN, 0},
+                       {aborter.descriptor(), POLLIN, 0}};
     Deadline end;
     if (connections.hasChecks()) end = deadline_after(kRemovalInterval);
     if (connections.hasPlans()) end = deadline_after(0ms);
     watchdog.rest();
     const bool stopped = wait_for(events, stop, end) == Wait::Stopped;
     if (events[2].revents != 0) watchdog.revive();
+    if (events[3].revents != 0) noteAborts();
     PacketQueue::Read read;
     int rounds = 0;
     do {
-      // In a flood, the queue is never empty, so without these tests the thread would not notice `stop`, nor that the
-      // watchdog died.
+      // In a flood, the queue is never empty, so without these tests the thread would not notice `stop`, nor what the
+      // child processes did.
       if (++rounds % 64 == 0) {
         if (wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
         watchdog.revive();
+        noteAborts();
       }
       if (watchdog.beat()) rebind();
       // The first round reads one packet, so that a packet that arrives alone gets its verdict at once.
@@ -357,7 +366,7 @@ void Netfilter::Queue::end(const OpenConnection& connection) {
   ORVANE_LOG_ERROR(default_log(), "netfilter: an open connection cannot be ended: %s", std::strerror(error));
 }
 
-// Makes connection tracking remember a dropped conversation, in case the kernel cannot abort sockets. On its own,
+// Makes connection tracking remember a dropped conversation, in case its socket cannot be aborted. On its own,
 // connection tracking remembers a conversation only after a packet of it has left, and here the first packet may be the
 // dropped one. If connection tracking remembers the conversation, the kernel rules reject its next datagram at once,
 // during the browser's call that sends the datagram. Otherwise the datagram waits in the queue and is rejected after
@@ -367,6 +376,14 @@ void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   const int error = tracking->setMark(conversation, kMarkDropped, kMarkMask, kDroppedLifetime);
   if (error == 0) return;
   ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
+}
+
+// Reads which sockets the child process has tried to abort.
+void Netfilter::Queue::noteAborts() {
+  while (const auto abort = aborter.next()) {
+    if (abort->error == 0) continue;
+    ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
+  }
 }
 
 }  // namespace orvane

@@ -19,6 +19,7 @@ namespace orvane {
 //                         need no lock
 //   rules thread          repairs the kernel rules
 //   queue-watchdog        a process that releases the queue when the queue thread hangs (QueueWatchdog.h)
+//   socket-aborter        a process that aborts the sockets of dropped HTTP/3 conversations (SocketAborter.h)
 class Netfilter final : public FlowSource {
  public:
   // If `endOpenConnections` is true, the provider is asked about open connections again after each edit of the list,

@@ -3,14 +3,10 @@
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <libnetfilter_queue/libnetfilter_queue.h>
-#include <linux/close_range.h>
 #include <linux/netfilter/nfnetlink_queue.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,12 +72,8 @@ std::optional<std::string> QueueWatchdog::start(int queueSocket, uint16_t queueN
 }
 
 std::optional<std::string> QueueWatchdog::startProcess() {
-  childDescriptor_.reset();
-  process_ = fork();
-  if (process_ < 0) return failure("no process");
-  if (process_ == 0) watch();
-  childDescriptor_ = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process_, 0)));
-  return std::nullopt;
+  if (child_.start("queue-watchdog", {queueSocket_, pipeReadEnd_.get()}, [this] { watch(); })) return std::nullopt;
+  return failure("no process");
 }
 
 bool QueueWatchdog::beat() {
@@ -94,38 +86,20 @@ bool QueueWatchdog::beat() {
 }
 
 void QueueWatchdog::revive() {
-  if (process_ > 0 && waitpid(process_, nullptr, WNOHANG) == process_) startProcess();
+  if (child_.hasEnded()) startProcess();
 }
 
 void QueueWatchdog::stop() {
   pipeWriteEnd_.reset();
-  if (process_ > 0) {
-    // Kill the child, because closing the pipe is not enough: a stopped child (SIGSTOP) would not notice the closed
-    // pipe.
-    kill(process_, SIGKILL);
-    while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-  }
-  process_ = -1;
+  // Closing the pipe is not enough: a stopped child (SIGSTOP) would not notice the closed pipe.
+  child_.kill();
+  child_.wait();
   if (shared_ != nullptr) munmap(shared_, sizeof(Shared));
   shared_ = nullptr;
 }
 
-// Everything that the child process runs. The child was forked from a program with threads, so it calls nothing that
-// takes a lock or allocates memory.
+// Everything that the child process runs. It ends when the pipe breaks.
 void QueueWatchdog::watch() {
-  setsid();  // so that signals from the terminal do not reach the child
-  prctl(PR_SET_NAME, "queue-watchdog");
-  // A service manager sends SIGTERM to all processes of a service. The child ignores this signal and ends when the pipe
-  // breaks.
-  signal(SIGTERM, SIG_IGN);
-  // The child needs only the queue's socket and the pipe's read end. Close every other inherited descriptor: otherwise
-  // a file would stay open in the child after the parent has closed it.
-  int low = std::min(queueSocket_, pipeReadEnd_.get()), high = std::max(queueSocket_, pipeReadEnd_.get());
-  if (low > 0) close_range(0, static_cast<unsigned>(low - 1), 0);
-  if (high - low > 1) close_range(static_cast<unsigned>(low + 1), static_cast<unsigned>(high - 1), 0);
-  close_range(static_cast<unsigned>(high + 1), ~0U, 0);
-
   alignas(nlmsghdr) std::array<char, 512> messages[2]{};
   nlmsghdr* release = nfq_nlmsg_put(messages[0].data(), NFQNL_MSG_CONFIG, queueNumber_);
   nfq_nlmsg_cfg_put_cmd(release, AF_UNSPEC, NFQNL_CFG_CMD_UNBIND);

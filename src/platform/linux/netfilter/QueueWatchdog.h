@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <csignal>
 #include <cstdint>
@@ -9,6 +7,7 @@
 #include <string>
 
 #include "platform/files/Descriptor.h"
+#include "platform/linux/base/ChildProcess.h"
 
 namespace orvane {
 
@@ -64,7 +63,7 @@ class QueueWatchdog {
   void rest() { shared_->isResting.store(true, std::memory_order_release); }
 
   // A descriptor for poll(2), readable when the child has died. Then call revive().
-  int childDescriptor() const { return childDescriptor_.get(); }
+  int childDescriptor() const { return child_.descriptor(); }
   // If the child has died, starts another child.
   void revive();
 
@@ -83,7 +82,7 @@ class QueueWatchdog {
   };
 
   std::optional<std::string> startProcess();
-  [[noreturn]] void watch();
+  void watch();
   bool hasWork() const;
   void awaitCheck(bool isQuiet, const sigset_t& mask) const;
 
@@ -91,8 +90,7 @@ class QueueWatchdog {
   Descriptor pipeWriteEnd_, pipeReadEnd_;  // the pipe breaks when this process ends; the child polls its read end
   int queueSocket_ = -1;
   uint16_t queueNumber_ = 0;
-  pid_t process_ = -1;
-  Descriptor childDescriptor_;
+  ChildProcess child_;
 };
 
 }  // namespace orvane

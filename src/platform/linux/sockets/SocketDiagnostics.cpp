@@ -149,7 +149,8 @@ int SocketDiagnostics::abort(const SocketPair& pair, uint64_t cookie) {
   return query(request, NLM_F_ACK, ignore, SOCK_DESTROY) ? 0 : errno;
 }
 
-// Sends a request and reads the reply. Returns false and sets errno on failure; "no such socket" is a valid reply.
+// Sends a request and reads the reply. Returns false and sets errno on failure. "No such socket" is a valid reply to a
+// query for sockets.
 bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, const SocketCallback& onSocket,
                               uint16_t type) {
   if (!netlink_) {
@@ -170,6 +171,10 @@ bool SocketDiagnostics::query(const inet_diag_req_v2& request, uint16_t flags, c
   }
   Reply reply = Reply::Unfinished;
   while (reply == Reply::Unfinished) reply = receive(onSocket);
+  if (reply == Reply::Failed && type == SOCK_DIAG_BY_FAMILY && errno == ENOENT) {
+    errno = 0;
+    return true;
+  }
   return reply == Reply::Finished;
 }
 
@@ -186,7 +191,7 @@ SocketDiagnostics::Reply SocketDiagnostics::receive(const SocketCallback& onSock
     if (header->nlmsg_type == NLMSG_ERROR) {
       nlmsgerr error{};
       std::memcpy(&error, mnl_nlmsg_get_payload(header), std::min(mnl_nlmsg_get_payload_len(header), sizeof error));
-      errno = error.error == -ENOENT ? 0 : -error.error;
+      errno = -error.error;
       return errno == 0 ? Reply::Finished : Reply::Failed;
     }
     if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY || mnl_nlmsg_get_payload_len(header) < sizeof(inet_diag_msg)) {

@@ -25,7 +25,8 @@ class SocketDiagnostics {
   // The same as SocketOwners::streams().
   std::vector<uint64_t> streams();
 
-  // The same as SocketOwners::abort().
+  // Aborts the datagram socket that sends with these endpoints and has this cookie (SocketAborter.h). May wait for
+  // ever. Returns 0 or an errno.
   int abort(const SocketPair& pair, uint64_t cookie);
 
  private:

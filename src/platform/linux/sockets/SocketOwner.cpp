@@ -140,10 +140,6 @@ std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair) {
 
 std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }
 
-int SocketOwners::abort(const SocketPair& pair, uint64_t cookie) {
-  return implementation_->diagnostics.abort(pair, cookie);
-}
-
 Value SocketOwners::ownerOf(const SocketFacts& socket) {
   const bool isLast = socket.cookie == implementation_->lastStream.cookie;
   const auto opener =

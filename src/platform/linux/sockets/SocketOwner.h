@@ -65,12 +65,6 @@ class SocketOwners {
   // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();
 
-  // Aborts the datagram socket that has sent a packet with these endpoints and has this cookie. The program's waiting
-  // or next call then fails with ECONNABORTED. The socket loses its peer, and also its port unless the program has
-  // chosen the port. Needs CAP_NET_ADMIN. Returns 0, even if no socket has the endpoints, or an errno: ESTALE if
-  // another socket has them, EOPNOTSUPP if the kernel was built without CONFIG_INET_DIAG_DESTROY.
-  int abort(const SocketPair& pair, uint64_t cookie);
-
   // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
   //
   // If the opener has ended and no process holds the socket, the token has the opener's pid and user, and the version

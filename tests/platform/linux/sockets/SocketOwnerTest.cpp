@@ -4,6 +4,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <utility>
 
@@ -20,6 +22,7 @@
 #include "platform/files/Descriptor.h"
 #include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/sockets/ConnectionOwner.h"
+#include "platform/linux/sockets/SocketAborter.h"
 #include "platform/linux/sockets/SocketOpeners.h"
 #include "platform/linux/sockets/SocketOwner.h"
 #include "support/Programs.h"
@@ -301,6 +304,45 @@ TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
   auto opener = openers.opener(cookie);
   ASSERT_TRUE(opener.has_value());
   EXPECT_EQ(static_cast<uint32_t>(::getpid()), opener->process);
+}
+
+TEST(SocketAborterTest, WaitsForNoChild) {
+  if (!enter_own_network()) GTEST_SKIP() << "needs a network namespace (root)";
+  SocketAborter aborter;
+  ASSERT_EQ(aborter.start(), std::nullopt);
+  const auto wait = [&] {
+    pollfd answer{aborter.descriptor(), POLLIN, 0};
+    EXPECT_EQ(1, ::poll(&answer, 1, 60'000));
+    return aborter.next();
+  };
+  Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  Address target = literal("127.0.0.1");
+  target.sin6_port = htons(9);
+  ASSERT_EQ(0, ::connect(socket.get(), generic(target), sizeof target));
+  const Address near = address_of(socket);
+  const SocketPair pair{IPPROTO_UDP, *SocketAddress::from(generic(near), sizeof near),
+                        *SocketAddress::from(generic(target), sizeof target)};
+  uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
+  pid_t child = 0;
+  std::ifstream("/proc/thread-self/children") >> child;
+  ASSERT_EQ(0, ::kill(child, SIGSTOP));
+  int count = 0;
+  while (count < 100'000 && aborter.abort(pair, cookie + 1)) ++count;
+  EXPECT_GT(100'000, count) << "the channel has no bound";
+  ::kill(child, SIGKILL);
+  while (wait()) continue;  // until the aborter notices that the child has died
+  for (const auto& [named, expected] : {std::pair(cookie + 1, ENOENT), std::pair(cookie, 0)}) {
+    EXPECT_TRUE(aborter.abort(pair, named));
+    const auto tried = wait();
+    ASSERT_TRUE(tried);
+    EXPECT_EQ(expected, tried->error);
+  }
+  int error = 0;
+  size = sizeof error;
+  ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+  EXPECT_EQ(ECONNABORTED, error);
 }
 
 std::chrono::nanoseconds thread_time() {
