@@ -248,13 +248,13 @@ def FiltersWhileAUserKeepsADroppedSocketLocked(world: World):
         with locked(clients[0]):
             for client in clients[:2]:
                 _send(client, first, second)
-                check(server.received(), [first], "what left a socket")
+                server.check_received([first], "what left a socket")
             check([connect(name) for name in (HELD, NEWS)], [DROP, ALLOW], "other connections")
         for client in clients[:2]:
             _wait_for_abort(client)
         with locked(clients[2]):
             _send(clients[2], first, second)
-            check(server.received(), [first], "what left the last socket")
+            server.check_received([first], "what left the last socket")
             extension.process.terminate()
             check(extension.process.wait(60), 0, "the exit code")
             extension.start()
