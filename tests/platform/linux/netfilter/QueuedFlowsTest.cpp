@@ -44,6 +44,19 @@ class QueuedFlowsTest : public ::testing::Test {
     made.payload = {reinterpret_cast<const uint8_t*>(payload.data()), payload.size()};
     return made;
   }
+  // A packet from the server.
+  Packet answer(std::string_view payload) {
+    Packet made = packet(payload, 1);
+    std::swap(made.ends.local, made.ends.remote);
+    return made;
+  }
+  // Judges a packet of the socket with this number. Each user's sockets are connected to another port.
+  PacketVerdict judgeOf(uid_t user, size_t number, std::string_view payload, uint32_t sequence = 0) {
+    owners.socket = SocketFacts{number + 10'000 * user + 1, 2, user};
+    Packet made = packet(payload, sequence, static_cast<uint16_t>(80 + user));
+    made.ends.local.port = static_cast<uint16_t>(number);
+    return flows.judge(made);
+  }
   std::string calls() { return provider->take().calls; }
 
   Ref<ScriptedProvider> provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
@@ -186,83 +199,41 @@ TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
 }
 
 TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
-  const std::string long_ = "GET /" + std::string(FirstFlight::kBytesLimit, 'x');
+  const std::string tooLong = "GET /" + std::string(FirstFlight::kBytesLimit, 'x');
   enum class Known { Record, Drop, No };
-  const struct {
+  struct Case {
     const char* name;
-    Known known;
-    std::string_view begin, end;
-    bool hasFIN, answersFirst;
-    std::vector<PacketVerdict> browser;  // of the end, then of the begin
-    std::string_view calls;
-    std::vector<PacketVerdict> other;
-  } kCases[] = {
-      {"the record has its number",
-       Known::Record,
-       kRequest.substr(0, 20),
-       kRequest.substr(20),
-       false,
-       false,
-       {Open, Dropped},
-       "new a.example; data 0 a.example; ",
-       {Open, Allowed}},
-      {"the end has a FIN",
-       Known::Record,
-       kRequest.substr(0, 20),
-       kRequest.substr(20),
-       true,
-       false,
-       {Open, Dropped},
-       "new a.example; data 0 a.example; ",
-       {Open, Allowed}},
-      {"the server answers first",
-       Known::Record,
-       kRequest.substr(0, 20),
-       kRequest.substr(20),
-       false,
-       true,
-       {Open, Dropped},
-       "new -; data 0 a.example; ",
-       {Allowed, Allowed}},
-      {"it was dropped unjudged",
-       Known::Drop,
-       kRequest.substr(0, 20),
-       kRequest.substr(20),
-       false,
-       false,
-       {Open, Dropped},
-       "new a.example; data 0 a.example; ",
-       {Open, Allowed}},
-      {"nothing has its number",
-       Known::No,
-       kRequest,
-       "GET /",
-       false,
-       false,
-       {Open, Dropped},
-       "new -; ",
-       {Open, Allowed}},
-      {"too far ahead to wait for",
-       Known::Record,
-       long_,
-       kRequest,
-       false,
-       false,
-       {Dropped, Dropped},
-       "new a.example; data 0 a.example; ",
-       {Allowed, Allowed}},
+    Known known = Known::Record;  // what tells the number of the first byte
+    std::string_view begin = kRequest.substr(0, 20), end = kRequest.substr(20);
+    bool hasFIN = false, answersFirst = false;
+    std::vector<PacketVerdict> browser = {Open, Dropped}, other = {Open, Allowed};  // of the end, then of the begin
+    std::string_view calls = "new a.example; data 0 a.example; ";
+  };
+  const Case kCases[] = {
+      {"the record has its number"},
+      {.name = "the end has a FIN", .hasFIN = true},
+      {.name = "the server answers first",
+       .answersFirst = true,
+       .other = {Allowed, Allowed},
+       .calls = "new -; data 0 a.example; "},
+      {"it was dropped unjudged", Known::Drop},
+      {.name = "nothing has its number", .known = Known::No, .begin = kRequest, .end = "GET /", .calls = "new -; "},
+      {.name = "too far ahead to wait for",
+       .begin = tooLong,
+       .end = kRequest,
+       .browser = {Dropped, Dropped},
+       .other = {Allowed, Allowed}},
   };
   provider->data = kDropData;
-  for (const auto& c : kCases) {
+  for (const Case& c : kCases) {
     for (const bool isBrowser : {true, false}) {
       ++owners.socket->cookie;
       provider->newFlow = isBrowser ? kExamine : kAllow;
       const uint32_t first = 0xfffffffa;
       const Packet begin = packet(c.begin, first);
-      Packet end = packet(c.end, first + static_cast<uint32_t>(c.begin.size())), answer = begin;
-      std::swap(answer.ends.local, answer.ends.remote);
+      Packet end = packet(c.end, first + static_cast<uint32_t>(c.begin.size()));
       end.fin = c.hasFIN;
-      if (c.answersFirst) flows.judgeInbound(answer, true);
+      if (c.answersFirst) flows.judgeInbound(answer("banner"), true);
       if (c.known == Known::Record) owners.socket->firstByte = first;
       if (c.known == Known::Drop) flows.noteUnjudged(begin);
       const PacketVerdict ofEnd = flows.judge(end);
@@ -307,13 +278,7 @@ TEST_F(QueuedFlowsTest, DividesTheWorkOnExpiredFlowsAmongPackets) {
 }
 
 TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
-  auto open = [&](size_t number, uid_t user) {
-    owners.socket = SocketFacts{number + 1, 2, user};
-    Packet begin = packet("GET", 0);
-    begin.ends.local.port = static_cast<uint16_t>(number);
-    begin.ends.remote.port = static_cast<uint16_t>(80 + user);
-    return flows.judge(begin);
-  };
+  auto open = [&](size_t number, uid_t user) { return judgeOf(user, number, "GET"); };
   provider->newFlow = kExamine;
   for (size_t number = 0; number < QueuedFlows::kOpenLimitOfUser; ++number) EXPECT_EQ(open(number, 1), Open);
   EXPECT_EQ(open(QueuedFlows::kOpenLimitOfUser, 1), Dropped) << "one more, of a browser";
@@ -329,18 +294,11 @@ TEST_F(QueuedFlowsTest, BoundsTheOpenFlowsOfEachUser) {
 
 TEST_F(QueuedFlowsTest, BoundsTheBytesThatOpenFlowsStore) {
   const std::string large(FirstFlight::kBytesLimit - kRequest.size(), 'x');
-  auto send = [&](size_t number, uid_t user, std::string_view payload, uint32_t sequence) {
-    owners.socket = SocketFacts{number + 1000 * user, 2, user};
-    Packet part = packet(payload, sequence);
-    part.ends.local.port = static_cast<uint16_t>(number);
-    part.ends.remote.port = static_cast<uint16_t>(80 + user);
-    return flows.judge(part);
-  };
   auto store = [&](size_t number, uid_t user) {
-    EXPECT_EQ(send(number, user, kRequest.substr(0, 5), 0), Open);
-    EXPECT_EQ(send(number, user, large, static_cast<uint32_t>(kRequest.size())), Open);
+    EXPECT_EQ(judgeOf(user, number, kRequest.substr(0, 5)), Open);
+    EXPECT_EQ(judgeOf(user, number, large, static_cast<uint32_t>(kRequest.size())), Open);
   };
-  auto goOn = [&](size_t number, uid_t user) { return send(number, user, kRequest.substr(5, 5), 5); };
+  auto goOn = [&](size_t number, uid_t user) { return judgeOf(user, number, kRequest.substr(5, 5), 5); };
   const size_t count = QueuedFlows::kStoredLimitOfUser / large.size() + 1;
   provider->newFlow = kExamine;
   store(0, 2);
@@ -369,46 +327,43 @@ TEST_F(QueuedFlowsTest, HoldsASegmentThatFindsNoRoom) {
 }
 
 TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
-  Packet answer = packet("HTTP/1.1 200 OK", 1);
-  std::swap(answer.ends.local, answer.ends.remote);
-  Packet acknowledgment = answer, synAck = answer;
-  acknowledgment.payload = {};
+  const Packet served = answer("HTTP/1.1 200 OK"), acknowledgment = answer("");
+  Packet synAck = served;
   synAck.syn = synAck.ack = true;
 
   provider->newFlow = kExamine;
   EXPECT_EQ(flows.judgeInbound(acknowledgment, true), Ignored);
   EXPECT_EQ(flows.judgeInbound(synAck, false), Ignored) << "the client's TCP discards its payload";
   EXPECT_EQ(calls(), "");
-  EXPECT_EQ(flows.judgeInbound(answer, true), Open) << "ahead of the request";
+  EXPECT_EQ(flows.judgeInbound(served, true), Open) << "ahead of the request";
   EXPECT_EQ(flows.judgeInbound(acknowledgment, false), Open) << "would begin a connection from the server's side";
   EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
-  EXPECT_EQ(flows.judgeInbound(answer, true), Open);
+  EXPECT_EQ(flows.judgeInbound(served, true), Open);
   provider->data = kDropData;
   EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
-  EXPECT_EQ(flows.judgeInbound(answer, true), Dropped);
+  EXPECT_EQ(flows.judgeInbound(served, true), Dropped);
   EXPECT_EQ(calls(), "new -; data 0 a.example; ");
 
   // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
   provider->newFlow = kAllow;
-  EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
+  EXPECT_EQ(flows.judgeInbound(served, true), Allowed);
   EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
   EXPECT_EQ(calls(), "new -; ");
 }
 
 TEST_F(QueuedFlowsTest, LetsAllowedSocketsGoOn) {
-  Packet answer = packet("the rest of an answer", 1);
-  std::swap(answer.ends.local, answer.ends.remote);
+  const Packet rest = answer("the rest of an answer");
   provider->newFlow = kExamine;
   flows.allowSocket(owners.socket->cookie);
-  EXPECT_EQ(flows.judgeInbound(answer, true), Allowed);
+  EXPECT_EQ(flows.judgeInbound(rest, true), Allowed);
   EXPECT_EQ(flows.judge(packet("the next request", 0)), Allowed);
   EXPECT_EQ(calls(), "");
   for (uint64_t cookie = 0; cookie < QueuedFlows::kSocketsLimit; ++cookie) flows.allowSocket(cookie + 2);
-  EXPECT_EQ(flows.judgeInbound(answer, true, QueuedFlows::Clock::now() + 10s), Open)
+  EXPECT_EQ(flows.judgeInbound(rest, true, QueuedFlows::Clock::now() + 10s), Open)
       << "forgotten, as there are too many";
   owners.socket.reset();
-  EXPECT_EQ(flows.judgeInbound(answer, true), Ignored) << "no socket";
+  EXPECT_EQ(flows.judgeInbound(rest, true), Ignored) << "no socket";
 }
 
 TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
