@@ -56,9 +56,10 @@ def AllowsTrafficBetweenAKillAndTheRestart(world: World):
     with world.filtering(PYTHON) as extension, _Load() as load:
         filtered = time.monotonic()
         load.wait_for_both(filtered, "connections before the kill")
+        before_kill = time.monotonic()
         extension.process.kill()
-        killed = time.monotonic()
         extension.process.wait()
+        killed = time.monotonic()
         load.wait_for_both(killed, "traffic passes after the kill")
         time.sleep(2)
         restarted = time.monotonic()
@@ -67,7 +68,7 @@ def AllowsTrafficBetweenAKillAndTheRestart(world: World):
         again = time.monotonic()
         load.wait_for_both(again, "traffic passes after the restart")
         load.__exit__()
-        load.check({DROP}, filtered, killed, "before the kill")
+        load.check({DROP}, filtered, before_kill, "before the kill")
         load.check({ALLOW}, killed, restarted, "without the filter")
         load.check({DROP}, again, again + 60, "after the restart")
 
@@ -132,19 +133,15 @@ def _hanging_iptables(world: World):
         subprocess.run(["umount", program], check=True)
 
 
-def EndsQuicklyUnderLoad(world: World):
+def EndsUnderLoad(world: World):
     loads = {"a flood of packets": flood, "firewall programs that hang": lambda: _hanging_iptables(world)}
     for what, load in loads.items():
         extension = world.extension(PYTHON)
         extension.start()
         with load():
-            begin = time.monotonic()
             extension.process.terminate()
-            code = extension.process.wait(60)
-            seconds = time.monotonic() - begin
-        print(f"the end with {what}: {seconds:.2f} s")
-        # It takes less than 2 s on an idle machine. The load may delay the extension and this process.
-        check((code, seconds < 10), (0, True), f"the exit code and a quick end, with {what}")
+            # It takes less than 2 s on an idle machine. The program that hangs would take 1000 s.
+            check(extension.process.wait(100), 0, f"the exit code, with {what}")
 
 
 def RemovesItsRulesAtTheEnd(world: World):
@@ -176,9 +173,9 @@ def KeepsTheUsersOwnRulesInForce(world: World):
 def _filter_one_of_two(world: World, held: str, barrier, verdicts) -> None:
     with world.extension(PYTHON) as extension:
         extension.hold(held)
-        barrier.wait(30)  # until both extensions filter
+        barrier.wait(100)  # until both extensions filter
         verdicts.put((held, connect(HELD), connect(NEWS)))
-        barrier.wait(30)  # until both have connected
+        barrier.wait(100)  # until both have connected
 
 
 def _in_another_network(world: World, *arguments) -> None:
@@ -195,7 +192,7 @@ def FiltersNetworkNamespacesIndependently(world: World):
     other = forking.Process(target=_in_another_network, args=(world, barrier, verdicts))
     other.start()
     _filter_one_of_two(world, HELD, barrier, verdicts)
-    other.join(30)
+    other.join(100)
     check(other.exitcode, 0, "the other network's exit code")
     check({verdicts.get(), verdicts.get()}, {(HELD, DROP, ALLOW), (NEWS, ALLOW, DROP)}, "verdicts")
 

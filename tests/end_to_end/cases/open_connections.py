@@ -3,7 +3,6 @@
 import contextlib
 import itertools
 import pathlib
-import shutil
 import socket
 import subprocess
 import time
@@ -80,19 +79,6 @@ def EndsOpenDownloadsOfABlockedName(world: World):
                 for download in held:
                     download.check_was_reset()
                 check(extension.counters()["ended"], len(held), "ended flows")
-
-
-def EndsOpenDownloadsWhenASuspensionEnds(world: World):
-    folder = world.directory / "safari"
-    folder.mkdir()
-    safari = _curl(world, shutil.copy(programs.find("curl"), folder / "com.apple.Safari"), "-4")
-    with world.filtering(provider="PLSafariFilterDataProvider") as extension:
-        extension.control("properties", HELD, "--dont-block-until", "2099-01-01T00:00:00Z").check_returncode()
-        with _Download(world, "https", HELD, safari) as held, _Download(world, "https", NEWS, safari) as other:
-            extension.control("properties", HELD, "--dont-block-until", "2020-01-01T00:00:00Z").check_returncode()
-            wait_until(lambda: not held.runs(), "the download ends after the edit")
-            held.check_was_reset()
-            other.check_goes_on()
 
 
 def _open_tab(tabs: Tabs, url: str, protocol: str) -> str:

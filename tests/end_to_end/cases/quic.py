@@ -31,7 +31,7 @@ _KINDS = [
         "a connection that moves to another port",
         r"Path validation .* succeeded(.|\n)* frm rx .* 1RTT STREAM",
         False,
-        ("--change-local-addr=100ms", "--delay-stream=500ms"),
+        ("--change-local-addr=100ms", "--delay-stream=3s"),
     ),
     _Kind("a first datagram that is lost and sent again", "tx 2 Initial CRYPTO.* offset=0 ", loses_first=True),
     # A draft of version 2, which the extension cannot read. So it drops the connection; a browser then uses TCP.

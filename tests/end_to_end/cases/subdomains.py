@@ -4,7 +4,6 @@ import itertools
 import shutil
 
 import programs
-from browsers import Chromium, Firefox
 from extension import Extension
 from harness import ALLOW, BELOW, BESIDE, DROP, HELD, World, check
 from keeper import Keeper
@@ -35,9 +34,7 @@ def _follow_steps(world: World, program: programs.Program, extension: Extension)
 
 
 def _safari(world: World) -> programs.Program:
-    folder = world.directory / "safari"
-    folder.mkdir()
-    path = shutil.copy(shutil.which("curl"), folder / "com.apple.Safari")
+    path = shutil.copy(shutil.which("curl"), world.directory / "com.apple.Safari")
     return programs.Curl("a copy of curl", path, "com.apple.Safari", world.directory, world.servers.authority)
 
 
@@ -49,16 +46,3 @@ def BlocksSubdomainsWithBothProvidersFromBothSources(world: World):
             pages = _follow_steps(world, program, extension)
             expected = pages if provider == "FilterDataProvider" else 0
             check(extension.counters()["dropped"], expected, "flows dropped before their data")
-
-
-def _block_in(browser, world: World) -> None:
-    with world.extension(browser.identifier) as extension, browser.tabs():
-        _follow_steps(world, browser, extension)
-
-
-def BlocksSubdomainsInChromium(world: World):
-    _block_in(world.browser(Chromium), world)
-
-
-def BlocksSubdomainsInFirefox(world: World):
-    _block_in(world.browser(Firefox), world)
