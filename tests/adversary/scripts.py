@@ -104,121 +104,97 @@ def _answer(script: Script, at: int, pause: float) -> dict:
 
 
 # Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table.
-# The steps that make the text come first, because the other steps depend on the text. "end" comes after the steps that
-# add answers, because it removes some of the answers.
+# The steps that make the text come first, because the other steps depend on the text. "EndOfServer" comes after the
+# steps that add answers, because it removes some of the answers.
 STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
-    "plain": lambda _, n: {},
-    "spelling": _spelling,
-    "long": _long,
-    "half": lambda s, n: {"pauses": {40: 0}},
-    "narrow": _narrow,
-    "segments": lambda s, n: {"mss": n.choice([88, 100, 300, 536, 1000, 1460])},
-    "writes": _writes,
-    "pause": _pause,
-    "loss": lambda s, n: {
+    "Plain": lambda _, n: {},
+    "Spelling": _spelling,
+    "LongText": _long,
+    "HalfAndRest": lambda s, n: {"pauses": {40: 0}},
+    "NarrowWindow": _narrow,
+    "SmallSegments": lambda s, n: {"mss": n.choice([88, 100, 300, 536, 1000, 1460])},
+    "SmallWrites": _writes,
+    "ZeroWindow": _pause,
+    "LostSegments": lambda s, n: {
         "mss": n.choice([300, 536, 1460]),
         "lost": n.sample(range(1, 6), n.randrange(1, 3)),
         "sack": n.random() < 0.7,
         "reneges": n.random() < 0.4,
         "repeated_acks": n.choice([0, 3]),
     },
-    "fragmentation": lambda s, n: {"mtu": n.choice([576, 600, 1000, 1300])},
-    "stray": lambda s, n: {"stray_acks": True, "repeated_acks": n.randrange(4)},
-    "flags": lambda s, n: {
+    "SmallMTU": lambda s, n: {"mtu": n.choice([576, 600, 1000, 1300])},
+    "StrayAcknowledgments": lambda s, n: {"stray_acks": True, "repeated_acks": n.randrange(4)},
+    "OddFlags": lambda s, n: {
         "syn_flags": n.choice([URG, URG | PSH, ECE | CWR | URG, ECE, CWR, PSH, FIN]),
         "flags": n.choice([0, PSH, ECE, CWR, URG, URG | PSH]),
     },
-    "early": lambda s, n: _answer(s, n.choice([0, 1, 30, s.named[0], s.named[1] - 2]), 0.1),
-    "syn answer": lambda s, n: {"syn_payload": ANSWER},
-    "fast open": lambda s, n: {"has_syn_payload": True, "takes_syn_payload": n.random() < 0.5},
-    "end": _end,
-    "reuse": lambda s, n: _reuse(s, n, HELD, NEWS),
-    "reuse dropped": lambda s, n: _reuse(s, n, HELD),
+    "EarlyAnswer": lambda s, n: _answer(s, n.choice([0, 1, 30, s.named[0], s.named[1] - 2]), 0.1),
+    "AnswerWithSynAck": lambda s, n: {"syn_payload": ANSWER},
+    "FastOpen": lambda s, n: {"has_syn_payload": True, "takes_syn_payload": n.random() < 0.5},
+    "EndOfServer": _end,
+    "ReusedPorts": lambda s, n: _reuse(s, n, HELD, NEWS),
+    "DroppedBefore": lambda s, n: _reuse(s, n, HELD),
     # IPV6_HOPOPTS and IPV6_DSTOPTS of linux/in6.h
-    "headers": lambda s, n: {"extension_headers": n.choice([[54], [59], [54, 59]])},
-    "SYN": lambda s, n: {"opening": "SYN"},
-    "RST": lambda s, n: {"opening": "RST"},
-    "wrong": lambda s, n: {"opening": "wrong acknowledgment"},
-    "primed SYN": lambda s, n: {"primed": SYN, "client_port": n.randrange(20000, 30000)},
-    "primed ACK": lambda s, n: {"primed": ACK, "client_port": n.randrange(20000, 30000)},
+    "ExtensionHeaders": lambda s, n: {"extension_headers": n.choice([[54], [59], [54, 59]])},
+    "SimultaneousOpen": lambda s, n: {"opening": "SYN"},
+    "ResetAheadOfSynAck": lambda s, n: {"opening": "RST"},
+    "WrongSynAckFirst": lambda s, n: {"opening": "wrong acknowledgment"},
+    "SynToClientFirst": lambda s, n: {"primed": SYN, "client_port": n.randrange(20000, 30000)},
+    "AckToClientFirst": lambda s, n: {"primed": ACK, "client_port": n.randrange(20000, 30000)},
     # Connection tracking takes these resets for the end of the connection. The client's socket ignores the resets,
     # because it has not received the bytes before them.
-    "reset behind answer": lambda s, n: {
+    "ResetBehindAnswer": lambda s, n: {
         **_answer(s, s.named[0] - 10, FORGOTTEN),
         "end": (s.named[0] - 10, RST),
         "sends_once": True,
     },
-    "reset behind stray": lambda s, n: {
+    "ResetBehindStrayAcknowledgment": lambda s, n: {
         **_answer(s, 0, FORGOTTEN + 0.3),
         "answer_delay": FORGOTTEN,
         "end": (0, RST),
         "end_distance": 1000,
     },
-    "silence": lambda s, n: {
+    "Silence": lambda s, n: {
         "pauses": {n.choice([0, 1, s.named[0] + 1]): FORGOTTEN},
         "answer_delay": n.choice([0, FORGOTTEN]),
     },
     # After connection tracking has forgotten the connection, the server sends before the client does. So connection
     # tracking takes the server for the side that opened the connection.
-    "keepalive": lambda s, n: {"pauses": {n.choice([0, 1]): FORGOTTEN + 1}, "keepalive": FORGOTTEN + 0.5},
+    "Keepalive": lambda s, n: {"pauses": {n.choice([0, 1]): FORGOTTEN + 1}, "keepalive": FORGOTTEN + 0.5},
     # When the extension starts, the client has sent half of the text, and the server's answer is on its way.
-    "older": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},
+    "BegunBefore": lambda s, n: {**_answer(s, len(s.text) // 2, 0), "answer_delay": 1.5},
 }
-_MIXED = ["narrow", "segments", "writes", "pause", "loss", "fragmentation", "stray", "flags", "early", "fast open"]
-_MIXED += ["end", "reuse"]
+_MIXED = ["NarrowWindow", "SmallSegments", "SmallWrites", "ZeroWindow", "LostSegments", "SmallMTU"]
+_MIXED += ["StrayAcknowledgments", "OddFlags", "EarlyAnswer", "FastOpen", "EndOfServer", "ReusedPorts"]
 
-SCRIPTS = {
-    "Plain": ["plain"],
-    "Spelling": ["spelling"],
-    "NarrowWindow": ["narrow"],
-    "SmallSegments": ["segments"],
-    "SmallWrites": ["writes"],
-    "ZeroWindow": ["pause"],
-    "LostSegments": ["loss"],
-    "LostSegmentsOfLongText": ["long", "loss"],
-    "FragmentationNeeded": ["long", "fragmentation"],
-    "StrayAcknowledgments": ["stray"],
-    "OddFlags": ["flags"],
-    "OddFlagsAndEarlyAnswer": ["flags", "early"],
-    "EarlyAnswer": ["early"],
-    "EarlyAnswerAndNarrowWindow": ["narrow", "early"],
-    "AnswerWithSynAck": ["syn answer"],
-    "FastOpen": ["fast open"],
-    "EndOfServer": ["end"],
-    "LongText": ["long"],
-    "LongTextInSmallSegments": ["long", "segments"],
-    "ReusedPorts": ["reuse"],
-    "ReusedPortsAndOddFlags": ["pause", "flags", "reuse"],
-    "SimultaneousOpen": ["SYN"],
-    "SimultaneousOpenAndEarlyAnswer": ["early", "SYN"],
-    "ResetAheadOfSynAck": ["RST"],
-    "ResetAheadOfSynAckAndEarlyAnswer": ["early", "RST"],
-    "WrongSynAckFirst": ["wrong"],
-    "SynToClientFirst": ["primed SYN"],
-    "AckToClientFirst": ["primed ACK"],
-    "ExtensionHeaders": ["headers"],
-    "ExtensionHeadersAndEarlyAnswer": ["early", "headers"],
-    **{f"Mixed{number}": [] for number in range(1, 5)},  # make() draws the steps
-}
 # The run plays these scripts while connection tracking forgets connections after a second.
-FORGETFUL = {
-    "ResetBehindAnswer": ["reset behind answer"],
-    "ResetBehindStrayAcknowledgment": ["reset behind stray"],
-    "Silence": ["silence"],
-    "Keepalive": ["keepalive"],
-}
+FORGETFUL = ["ResetBehindAnswer", "ResetBehindStrayAcknowledgment", "Silence", "Keepalive"]
 # The run begins and continues these scripts at set moments. For example, "BegunBefore" begins before the extension
 # starts.
-TIMED = {"BegunBefore": ["older"], "HalfAndRest": ["half"], "DroppedBefore": ["reuse dropped"]}
+_TIMED = ["BegunBefore", "HalfAndRest", "DroppedBefore"]
+# Scripts of several steps. Each other script has the name of its only step.
+_COMBINED = {
+    "LostSegmentsOfLongText": ["LongText", "LostSegments"],
+    "FragmentationNeeded": ["LongText", "SmallMTU"],
+    "OddFlagsAndEarlyAnswer": ["OddFlags", "EarlyAnswer"],
+    "EarlyAnswerAndNarrowWindow": ["NarrowWindow", "EarlyAnswer"],
+    "LongTextInSmallSegments": ["LongText", "SmallSegments"],
+    "ReusedPortsAndOddFlags": ["ZeroWindow", "OddFlags", "ReusedPorts"],
+    "SimultaneousOpenAndEarlyAnswer": ["EarlyAnswer", "SimultaneousOpen"],
+    "ResetAheadOfSynAckAndEarlyAnswer": ["EarlyAnswer", "ResetAheadOfSynAck"],
+    "ExtensionHeadersAndEarlyAnswer": ["EarlyAnswer", "ExtensionHeaders"],
+    **{f"Mixed{number}": [] for number in range(1, 5)},  # make() draws the steps
+}
+SCRIPTS = [name for name in (*STEPS, *_COMBINED) if name not in FORGETFUL + _TIMED]
 
 
 def make(name: str, seed: int, family: int, host: str, is_browser: bool) -> Script:
     number = random.Random(f"{name} {seed} {family} {host} {is_browser}")
     script = Script(family, host, number.choice([80, 443]))
-    steps = (SCRIPTS | FORGETFUL | TIMED)[name]
+    steps = _COMBINED.get(name, [name])
     if not steps:
-        steps = [number.choice(["spelling", "half", "long"])]
-        steps += number.sample(_MIXED + ["headers"] * (family == 6), number.randrange(2, 5))
+        steps = [number.choice(["Spelling", "HalfAndRest", "LongText"])]
+        steps += number.sample(_MIXED + ["ExtensionHeaders"] * (family == 6), number.randrange(2, 5))
     script = dataclasses.replace(script, **_text(script, number, number.randrange(100, 700), host))
     for step in sorted(steps, key=list(STEPS).index):
         script = dataclasses.replace(script, **STEPS[step](script, number))
