@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "companion/client/Client.h"
 #include "companion/commands/KeeperCommands.h"
@@ -211,14 +210,14 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
     state_.listVersion = state_.sentVersion.emplace(list_version(path("list")));
     publish();
   });
-  EXPECT_EQ(wait("w", 10s), InForce::Yes);
+  EXPECT_EQ(wait("w", 2min), InForce::Yes);
   keeper.join();
   state_.sentVersion.reset();
   state_.connected = false;
   publish();
-  EXPECT_EQ(wait(state_.listVersion, 10s), InForce::NoExtension);
+  EXPECT_EQ(wait(state_.listVersion, 2min), InForce::NoExtension);
   lock_ = Descriptor();
-  EXPECT_EQ(wait(state_.listVersion, 10s), InForce::NoKeeper);
+  EXPECT_EQ(wait(state_.listVersion, 2min), InForce::NoKeeper);
 }
 
 TEST_F(StateFile, IsRejectedWhenInvalid) {

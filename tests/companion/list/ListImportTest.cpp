@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <ctime>
+#include <limits>
 #include <tuple>
 
 #include "companion/list/BlockListLine.h"
@@ -94,15 +96,20 @@ TEST(ListImport, KeepsSuspensions) {
   EXPECT_EQ(counts.removed, 2U);
 }
 
-// The processor time for importing these names and then finding each of them in the list.
+// The processor time for importing these names and then finding each of them in the list. The least of five times,
+// because the time that a hypervisor takes away counts, too.
 std::clock_t import_time(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += name + '\n';
-  const std::clock_t start = std::clock();
-  BlockList list;
-  put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
-  for (const std::string& name : names) EXPECT_NE(list.find(name), nullptr);
-  return std::clock() - start;
+  std::clock_t least = std::numeric_limits<std::clock_t>::max();
+  for (int run = 0; run < 5; ++run) {
+    const std::clock_t start = std::clock();
+    BlockList list;
+    put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
+    for (const std::string& name : names) EXPECT_NE(list.find(name), nullptr);
+    least = std::min(least, std::clock() - start);
+  }
+  return least;
 }
 
 TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
@@ -115,10 +122,7 @@ TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
 TEST(ListImport, TakesAnImportBackExceptWhatWasChangedSince) {
   BlockList list = BlockList::parse("kept.example\nold.example only\n");
   const char* text = "kept.example\nold.example\nsuspended.example\nexcepted.example\nremoved.example\n";
-  const ImportCounts counts = put_imported(list,
-                                           read_import(
-                                               text, std::nullopt, [](auto&&...) {}, nullptr),
-                                           false);
+  const ImportCounts counts = put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
   const std::vector<SiteEdit> edits = import_record_edits(import_record(counts.edits));
   list.put({"suspended.example", Scope::Subdomains, Moment(std::chrono::seconds(1))});
   list.put({"excepted.example", Scope::Exception, {}});

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string_view>
-
 #include "platform/names/ServerName.h"
 #include "support/ClientHello.h"
 

@@ -29,13 +29,15 @@ class RelayTest : public testing::Test {
  protected:
   void start(const GateQuestion& question) {
     outcome = std::async(std::launch::async, [this, question] {
-      return Relay(client.inner.get(), upstream.inner.get(), stop.get(), {}, nullptr, question).run();
+      const auto note = [this] { ++writes; };
+      return Relay(client.inner.get(), upstream.inner.get(), stop.get(), {}, nullptr, question, note).run();
     });
   }
   ~RelayTest() override { eventfd_write(stop.get(), 1); }
 
   Pair client, upstream;
   Descriptor stop{eventfd(0, EFD_CLOEXEC)};
+  std::atomic<size_t> writes{0};  // how often the relay has passed bytes on
   std::future<Relay::Outcome> outcome;
 };
 
@@ -57,7 +59,9 @@ TEST_F(RelayTest, StopsReadingWhileTheOtherSideDoesNot) {
     size_t sent = send_until_full(*from);
     EXPECT_LT(sent, 4U << 20);
     from->endSending();
+    const size_t before = writes;
     EXPECT_EQ(to->read().size(), sent);
+    EXPECT_GT(writes, before) << "the proxy would end the connection as idle";
   }
   EXPECT_EQ(outcome.get(), Relay::Outcome::Ended);
 }
@@ -69,6 +73,7 @@ TEST_F(RelayTest, HoldsNoMoreThanItsBufferForTheGate) {
     return Gate::Held;
   });
   send_until_full(client.outer);
+  while (most < kRelayBufferSize) std::this_thread::yield();  // a slow machine
   EXPECT_EQ(most, kRelayBufferSize);
   upstream.outer.send("banner\n");
   EXPECT_EQ(client.outer.read("\n"), "banner\n");
