@@ -51,7 +51,8 @@ class _Stage:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
         # If the URL has a port, the provider's rules do not cover the connection to that port. So the provider gets no
-        # flow if the flows come from the proxy. If they come from the kernel, it gets the DNS question for the host.
+        # flow if the flows come from the proxy. If the flows come from the kernel, the provider gets the DNS question
+        # for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None

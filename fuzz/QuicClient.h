@@ -39,8 +39,8 @@ inline std::string expand(const std::string& secret, const std::string& label, s
 // Makes the long-header packets of a QUIC client (RFC 9000). Most files in corpus/quic_initial whose names do not begin
 // with chromium_ or firefox_ were made with it. Derives the keys without QuicKeys, so that an error of QuicKeys shows.
 struct QuicClient {
-  std::string keyID = "firstdst";  // the connection ID from which the keys come
-  uint64_t number = 0;             // of the next packet
+  std::string keyID = "firstdst";  // the connection ID from which the keys are derived
+  uint64_t number = 0;             // the packet number of the next packet
   int numberLength = 1;            // how many bytes of the number are sent
 
   std::string packet(unsigned type, const std::string& frames, const std::string& destination,

@@ -22,14 +22,14 @@ ATTACKER = 65534  # a user without privileges; only the attacks run as this user
 _SEARCHED, _DESCRIPTORS = 40, 19_000
 _FLOODERS = 8
 _CONNECTIONS, _HEAD = 300, b"GET / HTTP/1.1\r\n" + b"a:\r\n" * 3500
-_PAUSE = 0.05  # seconds between a connection's bytes
+_PAUSE = 0.05  # seconds between two bytes of a connection
 _FORKING = multiprocessing.get_context("fork")
 
 
 def _search_far(number: int) -> None:
     """Sends DNS questions from a socket whose opener has ended, so that the search for the socket's owner takes long.
 
-    The search goes through the descriptors of this user's processes, and each of these processes has 19,000.
+    The search goes through the descriptors of all processes of the socket's user. Each process here has 19,000 of them.
     """
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     if os.fork() != 0:
@@ -128,7 +128,7 @@ def slow_attack():
 
 
 def flood(port: int = 53):
-    """Sends more datagrams to this port than the queue can hold. Needs root, as slow_attack() does."""
+    """Sends more datagrams to `port` than the queue can hold. Needs root, as slow_attack() does."""
     return _attackers(lambda: _start(_FLOODERS, _flood, port), lambda: time.sleep(3))
 
 

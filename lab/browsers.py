@@ -199,12 +199,12 @@ class Chromium(Browser):
 
 
 class ChromiumWithHTTP3(Chromium):
-    """Uses HTTP/3 for `hosts` without trying TCP. With `waits`, uses it for a host only after an offer over TCP."""
+    """Uses HTTP/3 for `hosts` without trying TCP. With `waits`, uses HTTP/3 only for hosts that offered it over TCP."""
 
     def __init__(self, name, path, identifier, directory, authority: pathlib.Path, hosts: list[str], waits=False):
         super().__init__(name, path, identifier, directory, authority)
         # The option makes Chromium use HTTP/3 at once for this port of a host, and trust the test's authority over
-        # HTTP/3 on all ports of the host. So with port 1 it has the second effect only.
+        # HTTP/3 on all ports of the host. With port 1, only the trust matters, because the pages are at port 443.
         port = 1 if waits else 443
         self._TRANSPORT = [f"--origin-to-force-quic-on={','.join(f'{host}:{port}' for host in hosts)}"]
 
@@ -245,7 +245,7 @@ class _FirefoxTabs(Tabs):
         self._call("SwitchToWindow", handle=tab)
         error = self._open(url)
         # On a busy machine, Firefox once failed to look up a name that it had looked up before. The filter lets all
-        # lookups pass, so this says nothing about the filter.
+        # lookups pass, so such an error says nothing about the filter.
         return self._open(url) if error == "dnsNotFound" else error
 
     def _open(self, url: str) -> str | None:

@@ -1,4 +1,4 @@
-"""A web server with Encrypted Client Hello (RFC 9849), and what the network sees of its connections."""
+"""A web server with Encrypted Client Hello (RFC 9849), and what an observer in the network can read of its hellos."""
 
 import base64
 import contextlib
@@ -21,7 +21,7 @@ _SERVER = ("127.0.0.1", 8443)
 
 @dataclasses.dataclass(frozen=True)
 class Hello:
-    """The part of a TLS hello that the network can read."""
+    """The part of a TLS hello that an observer in the network can read."""
 
     name: str
     may_be_encrypted: bool  # browsers may send random bytes in place of an encrypted hello
@@ -64,8 +64,8 @@ def _make_key(public_name: str) -> tuple[bytes, bytes]:
 class EncryptedHelloServer:
     """Serves one page under each of `names` at port 443 of `address`, until the process ends.
 
-    The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` has what the
-    network saw of each browser's hello. `signed` are options with which make_certificate() signs.
+    The member `path` is the page's path; `keys` is what a browser needs to encrypt its hello; `hellos` has the readable
+    part of each browser's hello. `signed` are options with which make_certificate() signs.
     """
 
     def __init__(
@@ -93,7 +93,7 @@ class EncryptedHelloServer:
         quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         subprocess.Popen(command, **quiet)
         # selfserv listens at all addresses, and port 443 of the other addresses belongs to other servers. So selfserv
-        # listens at another port, and this process relays the connections from port 443 of `address` to it.
+        # listens at another port, and _serve() relays the connections from port 443 of `address` to that port.
         listener = socket.create_server((address, 443), reuse_port=True)
         threading.Thread(target=self._serve, args=(listener,), daemon=True).start()
 

@@ -79,7 +79,7 @@ class Extension:
         return self
 
     def start(self) -> None:
-        """Starts the extension, and returns when it filters. Also restarts an extension that was killed."""
+        """Starts the extension, and returns when the extension filters. Also restarts an extension that was killed."""
         environment = {"RUNTIME_DIRECTORY": str(self._socket.parent), "NOTIFY_SOCKET": str(self._notifications)}
         self._notifications.unlink(missing_ok=True)
         self._manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)

@@ -47,8 +47,8 @@ class FirstBytesServer:
         forking = multiprocessing.get_context("fork")
         self._watched, self._idle_limit = watched.encode(), idle_limit
         self._seen = forking.Value("i", 0)
-        # Another server may listen on the same ports at all addresses. For connections to this address the kernel
-        # prefers the listener that is bound to it.
+        # Another server may listen on the same ports at all addresses. For connections to `address`, the kernel
+        # prefers the listener that is bound to `address` alone.
         listeners = [socket.create_server((address, port), backlog=4096, reuse_port=True) for port in ports]
         forking.Process(target=self._serve, args=(listeners,), daemon=True).start()
         for listener in listeners:

@@ -23,7 +23,7 @@ HELD, NEWS = "held.example", "news.example"
 BELOW = [f"www.{HELD}", f"a.b.{HELD}"]  # subdomains of HELD
 BESIDE = [f"not{HELD}", "held.test"]  # names that only look like HELD
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # for iptables: a user's PATH often lacks these folders
-PYTHON = os.path.basename(os.path.realpath(sys.executable))  # this process's bundle identifier
+PYTHON = os.path.basename(os.path.realpath(sys.executable))  # the bundle identifier of this Python process
 FAMILIES = ["-4", "-6"] if socket.has_dualstack_ipv6() else ["-4"]
 
 
@@ -55,7 +55,10 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443) -> str:
 
 
 def wait_until(condition, what: str, seconds: float = 30) -> None:
-    """Waits, and prints for how long. The limit is far above what an idle machine needs: a busy one must not fail."""
+    """Waits until condition() is true, and prints how long that took.
+
+    The limit is far above what an idle machine needs, so that a busy machine does not exceed it.
+    """
     start = time.monotonic()
     while not condition():
         if time.monotonic() - start > seconds:

@@ -35,7 +35,7 @@ class Keeper:
                 stdout=log,
                 stderr=log,
             )
-        # `orvanectl block` waits for the keeper only if the keeper's state file exists. So wait until it does.
+        # `orvanectl block` waits for the keeper only if the keeper's state file exists. So wait for this file.
         end = time.monotonic() + 20
         while not self._state.exists():
             if self.process.poll() is not None or time.monotonic() > end:

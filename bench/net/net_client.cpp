@@ -1,19 +1,18 @@
 // The client and the server of the network benchmark, on loopback addresses of a network namespace.
 //
-//   net_client serve PORT                         serves the clients of the other two commands
+//   net_client serve PORT                         serves the clients of `load` and `stream`
 //   net_client load PORT COUNT CLIENTS PAUSE [NAME_SERVER_PORT]
 //                                                 makes COUNT connections from CLIENTS threads, and prints the times of
 //                                                 the connections; a thread waits PAUSE milliseconds before each
 //                                                 connection. If NAME_SERVER_PORT is given, a time includes a DNS
 //                                                 question to this port of 127.0.0.1
 //   net_client stream PORT MEBIBYTES              prints the MiB/s of one long connection
-//   net_client datagrams PORT COUNT               sends two datagrams from each of COUNT sockets to a socket of its
-//   own,
-//                                                 and prints how long the first and the second took to arrive
+//   net_client datagrams PORT COUNT               sends two datagrams from each of COUNT sockets to one more socket at
+//                                                 PORT, and prints how long the first and the second took to arrive
 //
-// A connection's time includes connect, request and response. Except `serve`, all print one line of JSON. `load` keeps
-// as many other files open as a browser does, because the extension may have to read all descriptors of a process to
-// find out whether the process owns a socket.
+// A connection's time includes connect, request and response. All commands but `serve` print one line of JSON. `load`
+// keeps as many other files open as a browser does, because the extension may have to read all descriptors of a process
+// to find out whether the process owns a socket.
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -9,7 +9,7 @@ from harness import HELD, NEWS
 from tcp_peer import ACK, CWR, ECE, FIN, PSH, RST, SYN, URG, Script
 
 ANSWER = b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nan answer"
-# Seconds. While the scripts of FORGETFUL run, connection tracking has forgotten a connection after this long a silence.
+# Seconds of silence after which connection tracking has forgotten a connection, while the scripts of FORGETFUL run.
 FORGOTTEN = 2
 
 

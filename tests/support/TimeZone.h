@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-// The time zone of this process until the end of the scope.
+// Sets the time zone of this process until the end of the scope.
 class TimeZone {
  public:
   explicit TimeZone(const char* zone) {

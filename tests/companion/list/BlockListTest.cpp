@@ -130,7 +130,7 @@ TEST(BlockList, KeepsTheSitesOfEachGroupTogether) {
   EXPECT_EQ(list.text(), text);
   EXPECT_EQ(BlockList::parse(text).text(), text);
   EXPECT_FALSE(BlockList::parse(text).groups()[kDefaultGroup].isEnabled);
-  // A version without groups wrote these lines as hosts.
+  // Before lists had groups, these lines were hosts. They still are.
   EXPECT_EQ(BlockList::parse("enabled\ndisabled\ngroup\nschedule\n").size(), 4U);
 }
 

@@ -13,7 +13,7 @@ using std::chrono::seconds;
 // A keeper with a guard, and the clocks of its machine. The wall clock starts on a Monday at 12:00 UTC.
 class Machine {
  public:
-  // The names that are in force when the keeper reads this file.
+  // The names that are in force after the keeper has read a list with the text `file`.
   std::string read(const std::string& file) {
     const BlockList parsed = BlockList::parse(file);
     guard.update(parsed, now());
@@ -154,7 +154,7 @@ TEST(ListGuard, GuardsNoMoreThanItCanSave) {
   const std::string held = machine.read("");
   EXPECT_NE(held.find(".a99.example"), std::string::npos);
   EXPECT_EQ(held.find(".a100.example"), std::string::npos);
-  machine.guard = ListGuard(ListGuard::kMostBytes, 1);  // one exception
+  machine.guard = ListGuard(ListGuard::kMostBytes, 1);  // room for one exception
   const std::string many =
       "[group work]\ndelay = 1h\na.example\nb.example\n[group free]\n"
       "x.a.example allowed\nx.b.example allowed\ny.example allowed\n";
@@ -162,7 +162,7 @@ TEST(ListGuard, GuardsNoMoreThanItCanSave) {
     EXPECT_EQ(machine.read(many), "!.x.a.example !.y.example .a.example .b.example") << when;
     EXPECT_EQ(machine.guard.due(), std::nullopt) << when;
   }
-  machine.guard = ListGuard(100);  // bytes: two sites
+  machine.guard = ListGuard(100);  // 100 bytes: room for two sites
   EXPECT_EQ(machine.read(std::string("[group work]\na.example\nb.example\nc.example\n") + kLock),
             ".a.example .b.example .c.example")
       << "all are in force";

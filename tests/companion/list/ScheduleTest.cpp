@@ -37,10 +37,11 @@ TEST(Schedule, ReadsSpansAndWritesThemInOneForm) {
   EXPECT_FALSE(schedule.add("Tue", fault)) << "more spans than the keeper looks through in a moment";
 }
 
-// The days and times that the schedules of the next test have, as texts that compare like the times.
+// A span in the syntax of Schedule, and the same span in a form that is_in() can compare with a clock: the begin and
+// the end as "HH:MM". Such texts compare in the same order as the times.
 struct Span {
   const char* text;
-  const char *days, *begin, *end;  // `days`: the digits of the days, 1 for Monday
+  const char *days, *begin, *end;  // `days`: one digit for each day, 1 for Monday
 };
 
 bool is_in(const Span& span, Moment moment) {
@@ -57,7 +58,7 @@ bool is_in(const Span& span, Moment moment) {
          (days.find(yesterday) != days.npos && shown < span.end);
 }
 
-// Goes through both changes of the clocks of 2026 minute by minute.
+// Compares the schedules with is_in() at each minute of ten days. In these days, the zone's clocks change.
 TEST(Schedule, ChangesAtEachMinuteAtWhichTheClockEntersOrLeavesASpan) {
   const Span kSpans[] = {
       {"Mon..Fri 09:00-17:00", "12345", "09:00", "17:00"}, {"Sat,Sun 22:00-02:30", "67", "22:00", "02:30"},

@@ -81,7 +81,7 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
                 ("call", "addHostname", f"!.{HELD}"),
                 ("set", "-"),
             ):
-                keeper.process.send_signal(signal.SIGSTOP)  # so that it does not undo the edit before the next check
+                keeper.process.send_signal(signal.SIGSTOP)  # or the keeper would undo the edit before the next check
                 try:
                     extension.control(*command, text="other.example\n").check_returncode()
                     check(connect(HELD), ALLOW, f"right after {command}")

@@ -18,8 +18,8 @@ from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, con
 from programs import Destination
 
 _RECORDS = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial"
-# A socket that the extension aborts loses its peer, and its port unless the program has chosen it. So a test that goes
-# on with the socket chooses a port, and connects the socket again.
+# A socket that the extension aborts loses its peer. It also loses its port, unless the program has chosen the port. So
+# a test that goes on with the socket chooses a port, and connects the socket again.
 _PORTS = itertools.count(4433)
 _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1")}
 
@@ -65,7 +65,7 @@ class _Server:
         check(list(itertools.chain(*received)), expected, what)
 
     def received_by_client(self, count: int = 0) -> dict[tuple, list[bytes]]:
-        """The datagrams that have arrived. Waits for this many, and then until no more arrive."""
+        """The datagrams that have arrived. Waits for `count` datagrams, and then until no more arrive."""
         datagrams = collections.defaultdict(list)
         with contextlib.suppress(TimeoutError):
             for number in itertools.count():
@@ -216,8 +216,8 @@ def PassesNoHeldNameDuringAFlood(world: World):
                 _send(connection, first, second)
         received = server.received_by_client()
         print(f"datagrams of {len(received)} clients arrived; {extension.counters()}")
-        # The flood makes the filter drop datagrams unread. So one of a client's two datagrams may arrive without the
-        # other, but the two together would reveal the name.
+        # In the flood, the filter drops some datagrams without reading them, and then may let the client's other
+        # datagram pass. But both must never arrive, because the two together contain the whole name.
         check([client for client, datagrams in received.items() if len(set(datagrams)) > 1], [], "whole hellos")
         for connection in clients:
             connection.close()

@@ -140,7 +140,7 @@ def EndsUnderLoad(world: World):
         extension.start()
         with load():
             extension.process.terminate()
-            # It takes less than 2 s on an idle machine. The program that hangs would take 1000 s.
+            # The end takes less than 2 s on an idle machine. The program that hangs would take 1000 s.
             check(extension.process.wait(100), 0, f"the exit code, with {what}")
 
 

@@ -24,7 +24,7 @@ class _Kind:
 
 _KINDS = [
     _Kind("a hello in two datagrams", r"tx 1 Initial CRYPTO.* offset=1\d{3} "),
-    # The client may see that its second datagram was dropped before it reads the Retry that answers the first one.
+    # Before the client reads the Retry that answers its first datagram, it may see that its second one was dropped.
     _Kind("a Retry with a token", "pkt rx .*type=Retry", None, server=_RETRYING),
     _Kind("0-RTT", "frm tx .* 0RTT STREAM", True, ("--session-file=HOST.session", "--tp-file=HOST.parameters")),
     _Kind(
@@ -34,7 +34,7 @@ _KINDS = [
         ("--change-local-addr=100ms", "--delay-stream=3s"),
     ),
     _Kind("a first datagram that is lost and sent again", "tx 2 Initial CRYPTO.* offset=0 ", loses_first=True),
-    # A draft of version 2, which the extension cannot read. So it drops the connection; a browser then uses TCP.
+    # A draft of version 2. The extension cannot read it, so it drops the connection. A browser would then use TCP.
     _Kind("an unknown version", "version=0x709a50c4 type=Initial", True, ("--version=v2draft",), expected=DROP),
 ]
 

@@ -109,10 +109,11 @@ inline struct NetworkExtensionState {
   std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
 } networkExtension;
 
-// Plays the framework for one flow whose outbound bytes arrive in these pieces. Asks for the verdict on the new flow.
-// Then shows, at each piece, the bytes after the passed ones, at most as many as the last verdict's peek count, until a
-// verdict is final (documentation of dataVerdictWithPassBytes:peekBytes:). Asks about the end of the data at last. The
-// documentation does not say whether bytes that were shown and not passed are shown again, so a test tries both.
-// Returns the final verdict, and how many bytes had passed before it: "drop after 0".
+// Plays the framework for one flow whose outbound bytes arrive in these pieces. Asks the provider for the verdict on
+// the new flow. Then, after each piece, shows the provider the bytes that it has not passed yet, but at most as many as
+// the last verdict's peek count (documentation of dataVerdictWithPassBytes:peekBytes:). Stops at a final verdict. If
+// there is none, asks about the end of the data. The documentation does not say whether the framework shows bytes again
+// that it has shown and the provider has not passed, so `showsAgain` selects one of the two. Returns the final verdict,
+// and how many bytes had passed before it: "drop after 0".
 std::string play_flow(NEFilterDataProvider* provider, NEFilterFlow* flow, const std::vector<std::string>& pieces,
                       bool showsAgain);

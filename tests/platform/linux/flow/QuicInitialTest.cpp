@@ -42,11 +42,11 @@ TEST(QuicInitial, AssemblesTheHello) {
       {"retry", "pass pass known "},               // another connection of the same socket, with the token of a Retry
       {"server_id", "pass known "},                // the second datagram has a connection ID that the server chose
       {"zero_rtt", "hold pass hold hold known "},  // 0-RTT packets, alone and after an Initial packet
-      {"finished_handshake", "pass hold hold hold known "},  // packets from after a handshake, among parts of a hello
+      {"finished_handshake", "pass hold hold hold known "},  // packets after a handshake, between parts of a hello
       {"unknown_version", "hold pass known "},  // a packet of an unknown version, then packets of version 1
       {"two_ids", "hold known "},  // the second packet of a datagram has another connection ID than the first
-      {"touching_pieces", "pass pass pass pass pass pass pass known "},   // 70 pieces behind a gap, which touch
-      {"scattered_pieces", "pass pass pass pass pass pass hold known "},  // 70 that do not touch
+      {"touching_pieces", "pass pass pass pass pass pass pass known "},   // 70 touching pieces behind a gap
+      {"scattered_pieces", "pass pass pass pass pass pass hold known "},  // 70 pieces that do not touch
       {"beyond_limit", "pass hold known "},                               // bytes that lie too far behind
   };
   for (const auto& c : kCases) {

@@ -19,7 +19,7 @@ class ScriptedProvider : public NEFilterDataProvider {
  public:
   struct Seen {
     std::string calls;   // the calls without a marked name, each with the flow's host name at that call
-    std::string marked;  // the names of the calls with a marked name
+    std::string marked;  // the marked names, in the order of the calls with them
     std::string bytes;
     Value owner;  // the owner of the last call's flow
   };

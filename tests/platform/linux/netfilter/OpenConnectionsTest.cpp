@@ -47,7 +47,7 @@ class OpenConnectionsTest : public ::testing::Test {
     connections.review(0s);
     return provider->take().calls;
   }
-  // The users whose connections are checked, and for how long.
+  // Removes ended connections. Returns the user of each connection that was checked, and how long the check took.
   std::vector<std::pair<uid_t, OpenConnections::Clock::duration>> removeEnded(OpenConnections::Clock::time_point now) {
     std::vector<std::pair<uid_t, OpenConnections::Clock::duration>> charged;
     connections.removeEnded(now, [&](uid_t user, auto time) { charged.emplace_back(user, time); });
@@ -156,7 +156,8 @@ TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
     sockets.closed.erase(1);
     removeEnded(OpenConnections::Clock::time_point(cookie * 1min));
   }
-  // Processor time that a hypervisor takes away counts, too, so a check may come late.
+  // removeEnded() limits its checks by processor time. Time that a hypervisor takes away counts, too, so checks may be
+  // late.
   EXPECT_LE(connections.size(), OpenConnections::kUnchecked + OpenConnections::kChecksAtOnce);
   EXPECT_EQ(callsAfter({false, {"kept"}}), "new kept; ");
 }

@@ -159,7 +159,7 @@ TEST_F(QueuedFlowsTest, RemembersEndedConversationsOfAUserWithFew) {
   const auto end = [&](uid_t user, uint16_t port) {
     flows.drop({packet("", 0, port, IPPROTO_UDP).ends, 1, user, owners.owner, "ended.example"});
   };
-  // The calls for a conversation that may go on with an ended one.
+  // The calls for the next datagram to the port, which may belong to an ended conversation.
   const auto next = [&](uint16_t port) {
     ++owners.socket->cookie;
     flows.judge(packet("\x40 a short header", 0, port, IPPROTO_UDP));
@@ -206,7 +206,7 @@ TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
     Known known = Known::Record;  // what tells the number of the first byte
     std::string_view begin = kRequest.substr(0, 20), end = kRequest.substr(20);
     bool hasFIN = false, answersFirst = false;
-    std::vector<PacketVerdict> browser = {Open, Dropped}, other = {Open, Allowed};  // of the end, then of the begin
+    std::vector<PacketVerdict> browser = {Open, Dropped}, other = {Open, Allowed};  // first on `end`, then on `begin`
     std::string_view calls = "new a.example; data 0 a.example; ";
   };
   const Case kCases[] = {

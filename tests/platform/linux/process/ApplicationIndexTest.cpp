@@ -102,8 +102,8 @@ TEST(ApplicationIndexTest, NoticesInstallationsAndRemovals) {
     change();
     EXPECT_EQ(expected, application(program));
   }
-  // If two changes follow each other within the resolution of the folder's modification time, the second does not
-  // change this time. Setting the time back imitates that.
+  // If two changes follow each other within the resolution of the folder's modification time, the second change leaves
+  // the modification time as it is. Setting the time back imitates that.
   auto time = fs::last_write_time(folder.path("entries"));
   folder.entry("again", "@opt/maker/early");
   fs::last_write_time(folder.path("entries"), time);

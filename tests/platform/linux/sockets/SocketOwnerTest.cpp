@@ -239,7 +239,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
 
 // The sequence number of the next byte that the TCP socket sends.
 uint32_t next_sequence(const Descriptor& socket) {
-  const int on = 1, off = -1, queue = TCP_SEND_QUEUE;  // -1 sends no window probe when the mode ends
+  const int on = 1, off = -1, queue = TCP_SEND_QUEUE;  // -1 ends the mode without a window probe
   uint32_t sequence = 0;
   socklen_t size = sizeof sequence;
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_REPAIR, &on, sizeof on);
@@ -377,7 +377,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   const struct {
     const char* what;
     uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // the limit for a hundred packets; what is given back is added to it
+    std::chrono::nanoseconds all;  // the limit for a hundred packets; the test adds what SocketHolders gives back
   } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.what);
@@ -397,7 +397,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
         longest = std::max(longest, time);
         all += time;
       }
-      // SocketHolders gives back 200 ms a second.
+      // Each second, SocketHolders gives a user 200 ms of search time back.
       limitOfAll = row.all + (std::chrono::steady_clock::now() - start) / 5;
     } while ((longest >= kLongest || all >= limitOfAll) && ++runs < 20);
     EXPECT_GT(kLongest / 1.0ms, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";

@@ -184,7 +184,7 @@ TEST_F(ProvidersTest, ReportsTheOutcomeOfApplyingTheRules) {
       EXPECT_EQ(calls, 0);
       EXPECT_EQ([provider retainCount], 2U) << "held by the test and by the framework";
       std::exchange(networkExtension.completeApply, nullptr)(error);
-      if (error != nil) std::exchange(networkExtension.completeApply, nullptr)(error);  // of a second attempt
+      if (error != nil) std::exchange(networkExtension.completeApply, nullptr)(error);  // completes a second attempt
       EXPECT_EQ(calls, 1);
     }
     EXPECT_NE(stand_in::take_log(text_of(NSStringFromClass([provider class]))).find(failed), std::string::npos);
