@@ -19,7 +19,7 @@ struct EndTime {
 
 // The moment that the options give; one of them must be given. If --until has several readings, asks which one is
 // meant. If nobody can be asked (there is no terminal, or the output is JSON), throws InputError with all readings: a
-// script must not depend on a guess, and without the command the sites stay blocked. Throws InputError for invalid
+// script must not depend on a guess, and a command that fails leaves the sites blocked. Throws InputError for invalid
 // texts, too.
 Moment read_end_time(const EndTime& end, const CommonOptions& options, Moment now);
 

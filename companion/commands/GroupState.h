@@ -29,7 +29,7 @@ bool keeps_list(const KeeperState& keeper, const CommonOptions& options);
 // When the lock of the group ends; nothing if the keeper has not locked it.
 std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group);
 
-// Throws an error if the keeper has locked the group. `what` is what cannot be done, as in "remove sites".
+// Throws an error if the keeper has locked the group. `what`: the words for the refused change, as in "remove sites".
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what);
 
 // "in force until 17:00", "not in force until Mon 09:00" or, if the group is given, "disabled".

@@ -87,8 +87,8 @@ void ExtensionLink::attend(const HeldNames* list) {
   if (isEdited && (isInSync_ || holdsGuarded_)) due_ = Clock::now();
 }
 
-// Adds the guarded names. Call this before the whole list is sent, because sending the whole list takes longer. Each
-// name is a message of its own, so for many names this would not be quicker; then the function does nothing.
+// Adds the guarded names, with one message for each name. Call this before the whole list is sent, because sending the
+// whole list takes longer. For many guarded names this is not true, so the function then does nothing.
 void ExtensionLink::addGuarded() {
   if (guarded_.empty() || guarded_.size() > kLargestDifference) return;
   attempt(kCallTimeout, [this](CallTimeout&) { client_->addHostnames(guarded_); });

@@ -49,7 +49,7 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 // inotify instance left, so that PathWatch reports nothing.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
-// The time between two attempts to read a list that cannot be read, although its file has not changed.
+// If the list cannot be read, the keeper tries to read it again after this time, even if the file has not changed.
 constexpr std::chrono::milliseconds kRereadInterval = 60s;
 
 // The keeper sets a timer for the moment at which the first suspension ends or the first group changes, but at most
@@ -124,7 +124,7 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
-    // Reading a large list takes long, so send the names of the guarded groups before.
+    // Reading a large list takes long, so send the names of the guarded groups first.
     if (guard_.isActive()) {
       enforce(guard_.guardedList(), {});
       link_.attend(known());
@@ -368,8 +368,8 @@ std::string Keeper::keepUnreadableGuard() {
   return error ? "the next save replaces it: " + error.message() : "it is now " + in_quotes(name);
 }
 
-// The time that has passed since the last save is not known after a loss of power, so the guard is saved from time to
-// time while it measures time.
+// After a loss of power, nobody knows how much time had passed since the last save. So the guard is saved from time to
+// time while it measures a lock or a delay.
 void Keeper::saveGuard() {
   const std::string name = std::filesystem::path(guardPath_).filename().string() + ".new";
   if (const auto error = replace_file(guardPath_, name, guard_.save(current_time()), kGuardMode))

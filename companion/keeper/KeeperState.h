@@ -35,12 +35,12 @@ struct KeeperState {
   struct GroupState {
     std::string name;
     bool isInForce = false;
-    std::optional<Moment> nextChange;  // of isInForce
+    std::optional<Moment> nextChange;  // when isInForce changes next
     std::optional<Moment> lockedUntil;
-    uint64_t pendingChanges = 0;  // in the file, but without effect yet
+    uint64_t pendingChanges = 0;  // how many changes in the file have no effect yet
   };
   std::vector<GroupState> groups;
-  bool isGuarded = false;  // the list that is in force may differ from the file; it is at list_in_force_path()
+  bool isGuarded = false;  // the list that is in force, at list_in_force_path(), may differ from the list's file
   std::optional<std::string> listError;  // why reading failed; the previous list stays in force
 
   // What the keeper knows about the extension.
@@ -75,7 +75,7 @@ std::optional<KeeperState> read_keeper_state(const std::string& path);
 nlohmann::json to_json(const KeeperState& state);
 
 // Adds to `state` the edits that the extension has received since the keeper last read the extension's count of edits.
-// `changes`: this count, which the caller must have read before it read the state.
+// `changes`: the count as the caller has read it from the extension, which it must do before it reads the state.
 void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once

@@ -63,7 +63,7 @@ class BlockList {
   const std::vector<Group>& groups() const { return groups_; }
   const Group& groupOf(const ListedSite& site) const { return groups_[site.group]; }
   std::optional<GroupIndex> findGroup(std::string_view name) const;
-  // Adds a group at the end of the list. The list must have no group of this name, and less than kMostGroups.
+  // Adds a group at the end of the list. The list must have no group of this name, and fewer than kMostGroups groups.
   static constexpr size_t kMostGroups = 1000;
   GroupIndex addGroup(std::string_view name);
   // Removes a group with its sites and settings, and with all comments after its header. Not for the default group.
@@ -146,7 +146,8 @@ GroupStates group_states(const BlockList& list, Moment now);
 // site. Valid until the next change of the list.
 struct Decision {
   const ListedSite* blocking = nullptr;   // blocks the host, unless there is an exception
-  const ListedSite* suspended = nullptr;  // would block the host; of several, the one whose suspension ends first
+  const ListedSite* suspended = nullptr;  // would block the host if it were not suspended; of several such sites, the
+                                          // one whose suspension ends first
   const ListedSite* exception = nullptr;  // lets the host pass, even if there is a `blocking` site
   const ListedSite* inactive = nullptr;   // would block the host if its group were in force
   bool isBlocked() const { return blocking != nullptr && exception == nullptr; }

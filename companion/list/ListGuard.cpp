@@ -113,7 +113,7 @@ void ListGuard::load(std::string_view text, const Now& now) {
       if (group.contains("lockLeft")) {
         guarded.lockEnd = moment(group.at("lockLeft"));
         guarded.lockBegan = moment(group.at("lockBegan"));
-        // A machine whose clock has no battery starts with an old time.
+        // A machine whose clock has no battery starts with an old time. Use the time of the last save if it is later.
         const Seconds wall = std::max(now.wall.time_since_epoch(), Seconds(header.value("wall", int64_t{0})));
         guarded.clock = isRestarted ? wall - now.running : Seconds(group.at("clock").get<int64_t>());
       }
@@ -338,7 +338,7 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
     guarded.push_back(&each);
     delays.push_back(held_.groups()[*held].delay);
   }
-  // The sites at or below the host of an exception.
+  // For each exception, find the groups with sites at or below its host.
   if (!concerns.empty()) {
     held_.forEachSite([&](const ListedSite& site) {
       for (std::string_view host = site.host;; host.remove_prefix(host.find('.') + 1)) {
@@ -363,7 +363,7 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
     if (held && held_.find(site.host, *held) != nullptr) return;
     const Group& group = held ? held_.groups()[*held] : file.groupOf(site);
     auto concerned = concerns.at(site.host);
-    // The sites whose subdomains include the host.
+    // Add the groups with a site whose subdomains include the host.
     for (std::string_view covering : covering_hosts(site.host)) {
       held_.forEachSiteOf(covering, [&](const ListedSite& above) {
         if (above.scope == Scope::Subdomains) concerned.set(position[above.group]);

@@ -68,8 +68,9 @@ class ListGuard {
   BlockList listInForce(const BlockList& file) const;
   // The guarded groups alone, without exceptions. Valid until update() or load().
   const BlockList& guardedList() const { return held_; }
-  // A locked group is in force if its schedule says so for the clock as it is, or for the clock as it would be if
-  // nobody had set it since the lock began. `list` is a list that one of the two functions above has returned.
+  // Which groups of `list` are in force. `list` is a list that one of the two functions above has returned. A locked
+  // group is in force if its schedule says so for the clock as it is, or for the clock as it would be if nobody had set
+  // it since the lock began.
   GroupStates statesOf(const BlockList& list, const Now& now) const;
 
   // When the group's lock ends; nothing if the group is not locked.
@@ -112,8 +113,8 @@ class ListGuard {
   std::map<std::string, Guarded, std::less<>> guarded_;
   BlockList held_;  // the blocked sites and the settings of the guarded groups
   std::vector<std::string> refusedGroups_;
-  // For each exception, by host and group: since when the list has had it and the settings of its group have been the
-  // same.
+  // For each exception, by host and group: since when the list has had this exception and its group has had the same
+  // settings.
   std::map<std::string, Seconds> exceptions_;
   std::map<std::string, std::string> exceptionSettings_;    // the settings of each group with exceptions
   std::set<std::pair<std::string, std::string>> heldBack_;  // group and host of the exceptions without effect

@@ -62,8 +62,8 @@ struct ImportCounts {
 // if this scope is greater than the imported one.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
-// The text that records an import for import_record_edits(): for each edit, the line before it, after "- ", and the
-// line after it, after "+ ".
+// The text that records an import, for import_record_edits(). Each edit has up to two lines: "- " and the line of the
+// site before the import, and "+ " and the line of the site after it.
 std::string import_record(const std::vector<SiteEdit>& edits);
 
 // Reads the text of import_record(). Ignores invalid lines.

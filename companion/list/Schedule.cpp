@@ -36,8 +36,8 @@ int minute_of_week(const std::tm& local) {
   return day * kMinutesOfDay + local.tm_hour * kMinutesOfHour + local.tm_min;
 }
 
-// The first moment in (from, to] at which the UTC offset is not the one of `from`; `to` if there is none. Two changes
-// of the offset are always more than a day apart.
+// The first moment in (from, to] at which the UTC offset differs from the offset at `from`; `to` if there is none. Two
+// changes of the offset are always more than a day apart.
 Moment end_of_offset(Moment from, Moment to) {
   const seconds offset = utc_offset(from);
   while (utc_offset(std::min(from + kDay, to)) == offset) {

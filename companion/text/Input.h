@@ -12,7 +12,7 @@ class InputError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A file could not be read or written. what() is like InputError's.
+// A file could not be read or written. what() says what failed, on what, and what to do.
 class FileError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

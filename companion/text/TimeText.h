@@ -33,7 +33,7 @@ std::chrono::seconds read_duration(std::string_view text);
 //
 // Some texts can be read in several ways:
 //
-//   tomorrow, next week, next month      the start of that day, week or month; or this time of day, one later
+//   tomorrow, next week, next month      its start; or the present time of day, one day, week or month later
 //   next friday                          the first Friday after today; or the Friday of the next week (from Monday)
 //   friday midnight                      the start of that day; or its end
 //
