@@ -177,3 +177,19 @@ def locked(connection: socket.socket):
     finally:
         os.close(faults)
     caller.join()
+
+
+def _send_from(source: tuple[str, int], target: tuple[str, int], datagrams: list[bytes]) -> None:
+    address, port = source
+    IP_PKTINFO = 8
+    information = struct.pack("=I4s4x", 0, socket.inet_aton(address))  # struct in_pktinfo, in ip(7)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        sender.bind(("127.0.0.2", port))
+        for datagram in datagrams:
+            sender.sendmsg([datagram], [(socket.IPPROTO_IP, IP_PKTINFO, information)], 0, target)
+    signal.pause()
+
+
+def sender_from(*arguments):
+    """Sends datagrams with the address and port of a socket that belongs to another user. Needs root."""
+    return _attackers(lambda: _run(_send_from, *arguments), lambda: None)

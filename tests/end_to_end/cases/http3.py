@@ -12,7 +12,7 @@ import subprocess
 import sys
 import time
 
-from attackers import flood, locked
+from attackers import flood, locked, sender_from
 from browsers import Browser, ChromiumWithHTTP3, FirefoxWithHTTP3
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
 from programs import Destination
@@ -242,6 +242,27 @@ def FiltersWhileAUserKeepsADroppedSocketLocked(world: World):
             extension.start()
             extension.hold(HELD)
             check([connect(name) for name in (HELD, NEWS)], [DROP, ALLOW], "connections after a restart")
+
+
+def LetsNoUserEndAnothersConversation(world: World):
+    begin, attack = _recorded(), _recorded("chromium_1")  # two connections to HELD
+    keep = {"OrvaneOpenConnections": "keep"}
+    with world.extension(PYTHON, settings=keep) as extension, _Server() as server:
+        for name, connects in (("connected", True), ("not connected", False)):
+            extension.hold(NEWS)
+            with socket.socket(server.family, socket.SOCK_DGRAM) as client:
+                client.bind(("127.0.0.1", 0))
+                if connects:
+                    client.connect(server.address)
+                for datagram in begin:
+                    client.sendto(datagram, server.address)
+                server.check_received(begin, f"before the attack, {name}")
+                extension.hold(HELD)
+                with sender_from(client.getsockname(), server.address, attack):
+                    server.check_received(attack, f"the other user's datagrams, {name}")
+                check(client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR), 0, f"the socket's error, {name}")
+                client.sendto(b"@later", server.address)
+                server.check_received([b"@later"], f"after the attack, {name}")
 
 
 def _browse_over_http3(world: World, kind: type[Browser]) -> None:

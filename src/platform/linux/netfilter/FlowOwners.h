@@ -14,7 +14,7 @@ class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
   virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
-  virtual std::optional<SocketFacts> sender(const SocketPair& pair) { return find(pair); }
+  virtual std::optional<SocketFacts> sender(const SocketPair& pair, uid_t /*user*/) { return find(pair); }
   virtual Value ownerOf(const SocketFacts& socket) = 0;
   virtual void abort(const SocketPair&, uint64_t /*cookie*/) {}
 };

@@ -47,7 +47,7 @@ class SystemOwners final : public FlowOwners {
   std::optional<std::string> check() { return owners_.check(); }
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
-  std::optional<SocketFacts> sender(const SocketPair& pair) override { return owners_.sender(pair); }
+  std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user) override { return owners_.sender(pair, user); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
   void abort(const SocketPair& pair, uint64_t cookie) override {
     if (aborter_.abort(pair, cookie)) return;
@@ -294,6 +294,7 @@ void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {
 void Netfilter::Queue::handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start) {
   flow_counters().queuedPackets.fetch_add(1, std::memory_order_relaxed);
   auto packet = parse_packet(queued.bytes, queued.interface, queued.length);
+  if (packet) packet->user = queued.user;
   if (queued.isInbound) {
     const bool hasConnection = (queued.mark & kMarkMask) != kMarkPending;
     switch (packet ? flows.judgeInbound(*packet, hasConnection, start) : PacketVerdict::Ignored) {

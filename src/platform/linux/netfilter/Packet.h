@@ -14,7 +14,8 @@ struct Packet {
   bool syn = false, ack = false, fin = false, rst = false;  // TCP only
   uint32_t sequence = 0;                                    // TCP only: the number of the payload's first byte
   std::span<const uint8_t> payload;                         // a part of the bytes given to parse_packet()
-  size_t missing = 0;  // how many bytes of the packet's payload are missing at the end of `payload`
+  size_t missing = 0;    // how many bytes of the packet's payload are missing at the end of `payload`
+  uid_t user = kNoUser;  // the owner of the packet's socket; parse_packet() does not set it
 };
 
 // Parses a packet; `bytes` begins with the IP header. Returns nothing for other protocols, for fragments after the

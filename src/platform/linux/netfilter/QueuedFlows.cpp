@@ -35,7 +35,10 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   // also queue acknowledgments that have such headers.
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
-  const auto socket = owners_.sender(packet.ends);
+  const auto socket = owners_.sender(packet.ends, packet.user);
+  // The answers to such a datagram go to the other user's socket, so a browser cannot use it to reach a host. Nobody
+  // but that socket's program may change its flow.
+  if (socket && socket->isOthers) return PacketVerdict::Ignored;
   auto flow = findOrCreate(packet.ends, socket, now);
   if (beginsOtherConnection(*flow, packet)) {
     auto connectionIDs = std::move(flow->connectionIDs);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <utility>
 #include <vector>
 
@@ -27,6 +28,14 @@ constexpr uint32_t kUnset = UINT32_MAX;  // the kernel's value of an unset audit
 bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   static const uint64_t kTick = 1'000'000'000 / static_cast<uint64_t>(::sysconf(_SC_CLK_TCK));  // nanoseconds
   return process.startTime() * kTick <= opener.time;
+}
+
+// Whether this process has the initial user namespace's user ids. The packet queue reports these ids, and the socket
+// diagnostics the ids of the own namespace.
+bool has_initial_users() {
+  std::ifstream map("/proc/self/uid_map");
+  uint32_t first = 1, initial = 1, count = 0;
+  return map >> first >> initial >> count && first == 0 && initial == 0 && count == kUnset;
 }
 
 audit_token_t token_of_ended(const SocketOpener& opener) {
@@ -89,6 +98,7 @@ struct SocketOwners::Implementation {
   SocketHolders holders;
   RecentOpeners recent;
   SocketOpeners openers;
+  const bool hasInitialUsers = has_initial_users();
   // The last result of sender() that was found in the kernel's record.
   SocketPair lastPair;
   StreamSocket lastStream{};
@@ -118,20 +128,24 @@ std::optional<std::string> SocketOwners::check() {
 
 std::optional<std::string> SocketOwners::recordOpeners() { return implementation_->openers.start(); }
 
-std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair) {
+std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair, uid_t user) {
   auto found = implementation_->diagnostics.find(pair);
-  if (pair.protocol != IPPROTO_UDP || (found && found->connected)) return found;
+  if (pair.protocol != IPPROTO_UDP) return found;
+  const bool isUserKnown = user != kNoUser && implementation_->hasInitialUsers;
+  if (found) found->isOthers = isUserKnown && found->user != user;
+  if (found && (found->connected || found->isOthers)) return found;
   // For a datagram, socket diagnostics may find a wrong socket (several sockets may use the port) or no socket (the
   // sender may have closed it already). The kernel's record names the socket that sent the datagram.
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;
-  return sender ? sender : found;
+  // Another user may have sent a datagram from the same port of another address since, and have replaced the record.
+  return sender && (!found || !isUserKnown || sender->user == user) ? sender : found;
 }
 
-std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair) {
+std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair, uid_t user) {
   const auto stream = implementation_->openers.stream(pair);
-  if (!stream) return find(pair);
+  if (!stream) return find(pair, user);
   implementation_->lastPair = pair;
   implementation_->lastStream = *stream;
   const auto firstByte = stream->hasFirstByte != 0 ? std::optional(stream->firstByte) : std::nullopt;

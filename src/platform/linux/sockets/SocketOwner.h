@@ -22,6 +22,7 @@ struct SocketFacts {
   // The sequence number of the first byte that a TCP socket sends after the handshake. Nothing if the kernel's record
   // lacks it.
   std::optional<uint32_t> firstByte = {};
+  bool isOthers = false;  // whether another user sent the datagram, with the endpoints of this socket
 };
 
 // Finds the process that owns a socket. There are two sources:
@@ -55,12 +56,16 @@ class SocketOwners {
   // The TCP socket with the pair's endpoints, or the socket that most likely sent a datagram from `local` to `remote`.
   // The kernel's record finds a datagram socket even if it was closed within the last seconds. Nothing if no socket
   // matches (errno is 0) or if the kernel could not be asked (errno is set).
-  std::optional<SocketFacts> find(const SocketPair& pair);
+  //
+  // `user` is the creator of the socket that sent the datagram, as the packet queue reports it; kNoUser if it is not
+  // known. Any user can send datagrams with the endpoints of another user's socket (IP_PKTINFO in ip(7)), so without
+  // the user, that socket counts as the sender.
+  std::optional<SocketFacts> find(const SocketPair& pair, uid_t user = kNoUser);
 
   // The socket that has sent a packet with these endpoints. If the kernel's record has this TCP connection, the result
   // comes from the record alone, with one system call, and the socket may be closed already. Otherwise the same as
   // find().
-  std::optional<SocketFacts> sender(const SocketPair& pair);
+  std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user = kNoUser);
 
   // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();
