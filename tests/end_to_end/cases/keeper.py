@@ -7,7 +7,7 @@ import signal
 import time
 
 import keeper
-from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from harness import ALLOW, BELOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
 
 
 class _Keeper(keeper.Keeper):
@@ -32,7 +32,7 @@ def _becomes(verdict: str, what: str, name: str = HELD) -> None:
 def KeeperResendsTheListAfterARestart(world: World):
     extension = world.extension(PYTHON)
     with _Keeper(extension, world.directory) as keeper:
-        keeper.list.write_text(f"{HELD}\n")
+        keeper.list.write_text(f"{HELD}\n{BELOW[0]} allowed\n")
         for end in (signal.SIGTERM, signal.SIGKILL):
             time.sleep(1)  # meanwhile, the keeper's pauses between its attempts to connect grow
             wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try reports that nothing is blocked")
@@ -44,6 +44,7 @@ def KeeperResendsTheListAfterARestart(world: World):
             extension.process.wait()
         with extension:
             _becomes(DROP, "the list is in force after another start")
+            check([connect(name) for name in BELOW], [ALLOW, DROP], "an exception, and another subdomain")
             check(keeper.control("keep").returncode, 1, "the exit code of a second keeper")
             # When its list changes, the keeper sends only the changed names, so edits by other clients stay.
             extension.control("add", NEWS).check_returncode()

@@ -3,17 +3,15 @@
 import contextlib
 import itertools
 import pathlib
-import socket
 import subprocess
 import time
 
 import programs
 from browsers import Browser, Chromium, ChromiumWithHTTP3, Firefox, FirefoxWithHTTP3, Tabs
 from caddy import OFFER
-from first_bytes import request
-from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, wait_until
+from harness import DROP, FAMILIES, HELD, NEWS, World, check, wait_until
 from programs import Destination
-from web_servers import ENDLESS, page_of
+from web_servers import ENDLESS
 
 
 class _Download:
@@ -115,37 +113,3 @@ def EndsStreamsInTabsOfChromium(world: World):
 
 def EndsStreamsInTabsOfFirefox(world: World):
     _end_streams_in_tabs(world, world.browser(Firefox), world.browser(FirefoxWithHTTP3, []))
-
-
-def _open_connection() -> socket.socket:
-    connection = socket.create_connection(("127.0.0.1", 80), 20)
-    check(_fetch(connection), ALLOW, "the first request")
-    return connection
-
-
-def _fetch(connection: socket.socket) -> str:
-    """Fetches a page over the open connection. Returns the verdict."""
-    page = f"{page_of('http', NEWS)}\n".encode()
-    answer = b""
-    try:
-        connection.sendall(request(NEWS))
-        while not answer.endswith(page):
-            answer += (received := connection.recv(4096))
-            if not received:
-                return "closed"
-    except ConnectionResetError:
-        return DROP
-    return ALLOW
-
-
-def EndsConnectionsThatConnectionTrackingForgot(world: World):
-    limit = pathlib.Path("/proc/sys/net/netfilter/nf_conntrack_tcp_timeout_established")
-    with world.extension(PYTHON) as extension:
-        limit.write_text("1")  # in seconds
-        with _open_connection() as connection, _open_connection() as other:
-            limit.write_text("1000")
-            time.sleep(6)  # the extension remembers the verdict on a flow for 5 s
-            check(_fetch(other), ALLOW, "a connection before the edit")
-            extension.control("add", NEWS).check_returncode()
-            wait_until(lambda: extension.counters()["ended"] == 2, "both flows have ended")
-            check(_fetch(connection), DROP, "the connection after the edit")
