@@ -26,4 +26,14 @@ inline std::string client_hello(const std::string& extensions) {
   return '\x01' + with_length(body, 3);
 }
 
+// The same in TLS records of at most `record` bytes.
+inline std::string hello(const std::string& extensions, size_t record = 16384) {
+  const std::string message = client_hello(extensions);
+  std::string records;
+  for (size_t at = 0; at < message.size(); at += record) {
+    records += "\x16\x03\x01" + with_length(message.substr(at, record), 2);
+  }
+  return records;
+}
+
 }  // namespace orvane::tls

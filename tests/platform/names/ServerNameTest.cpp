@@ -9,18 +9,9 @@ namespace {
 using enum NameState;
 
 using tls::extension;
+using tls::hello;
 using tls::server_name;
 using tls::with_length;
-
-// A ClientHello in records of at most `record` bytes.
-std::string hello(const std::string& extensions, size_t record = 16384) {
-  const std::string message = tls::client_hello(extensions);
-  std::string records;
-  for (size_t at = 0; at < message.size(); at += record) {
-    records += std::string("\x16\x03\x01") + with_length(message.substr(at, record), 2);
-  }
-  return records;
-}
 
 std::string request(const std::string& fields, const std::string& target = "/") {
   return "GET " + target + " HTTP/1.1\r\n" + fields + "\r\n";
