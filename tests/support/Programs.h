@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "platform/linux/process/ApplicationIndex.h"
 #include "support/TemporaryFolder.h"
@@ -37,10 +38,19 @@ class ProgramFolder : public TemporaryFolder {
 
 // A running program. It is killed at the end of the scope.
 struct RunningProgram {
-  explicit RunningProgram(std::string program) {
-    char seconds[] = "100";
-    char* words[] = {program.data(), seconds, nullptr};
-    if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, words, environ) != 0) throw std::runtime_error(program);
+  // `terminal`: a descriptor that becomes the program's standard input and output.
+  explicit RunningProgram(std::string program, std::vector<std::string> arguments = {"100"}, int terminal = -1) {
+    std::vector<char*> words = {program.data()};
+    for (std::string& argument : arguments) words.push_back(argument.data());
+    words.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    for (int own : {0, 1}) {
+      if (terminal >= 0) posix_spawn_file_actions_adddup2(&actions, terminal, own);
+    }
+    const int error = posix_spawn(&pid, program.c_str(), &actions, nullptr, words.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (error != 0) throw std::runtime_error(program);
   }
   ~RunningProgram() {
     end();

@@ -12,6 +12,7 @@
 #include "platform/linux/process/ProcessChanges.h"
 #include "platform/linux/process/ProcessIdentity.h"
 #include "support/Programs.h"
+#include "support/Sockets.h"
 
 namespace orvane {
 namespace {
@@ -138,7 +139,7 @@ TEST(ProcessTest, WaitsForNoFileSystem) {
 
 // A wrapper that executes a browser, which starts a tool and then executes another tool. All these programs are copies
 // of the shell.
-class Wrapper {
+class Wrapper : public RunningProgram {
  public:
   static void install(const ProgramFolder& folder) {
     for (const char* name : {"bin/wrapper", "bin/browser", "bin/tool"}) {
@@ -154,53 +155,23 @@ class Wrapper {
       esac)");
   }
 
-  explicit Wrapper(const ProgramFolder& folder) {
-    const std::string script = folder.path("script");
-    int input[2], output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    pid = ::fork();
-    if (pid == 0) {
-      ::dup2(input[0], 0);
-      ::dup2(output[1], 1);
-      ::execl(folder.path("bin/wrapper").c_str(), "wrapper", script.c_str(), "wrapper", nullptr);
-      ::_exit(1);
-    }
-    ::close(input[0]);
-    ::close(output[1]);
-    input_ = ::fdopen(input[1], "w");
-    output_ = ::fdopen(output[0], "r");
-    begun();
-  }
-  ~Wrapper() {
-    end();
-    ::waitpid(pid, nullptr, 0);
-    ::fclose(input_);
-    ::fclose(output_);
-  }
-  Wrapper(const Wrapper&) = delete;
-  Wrapper& operator=(const Wrapper&) = delete;
+  explicit Wrapper(const ProgramFolder& folder) : Wrapper(folder, socket_pair()) {}
 
   // Lets the process execute or start its next program. Returns the pid of that program when it runs.
   pid_t next() {
-    std::fputs("\n", input_);
-    std::fflush(input_);
+    terminal_.send("\n");
     return begun();
   }
-  void end() const {
-    ::kill(pid, SIGKILL);
-    siginfo_t information;
-    ::waitid(P_PID, static_cast<id_t>(pid), &information, WEXITED | WNOWAIT);
-  }
-
-  pid_t pid;
 
  private:
-  pid_t begun() {
-    pid_t running = 0;
-    EXPECT_EQ(1, std::fscanf(output_, "%d", &running));
-    return running;
+  Wrapper(const ProgramFolder& folder, std::pair<Descriptor, Descriptor> ends)
+      : RunningProgram(folder.path("bin/wrapper"), {folder.path("script"), "wrapper"}, ends.second.get()),
+        terminal_(std::move(ends.first)) {
+    begun();
   }
-  FILE *input_, *output_;
+  pid_t begun() { return std::stoi(terminal_.read("\n")); }
+
+  Peer terminal_;
 };
 
 // A new control group, below that of the test itself. Its name is that of a desktop environment's unit.
