@@ -50,6 +50,18 @@ Address literal(const char* host) {
   return result;
 }
 
+SocketPair pair_of(uint8_t protocol, const Address& local, const Address& remote) {
+  return {protocol, *SocketAddress::from(generic(local), sizeof local),
+          *SocketAddress::from(generic(remote), sizeof remote)};
+}
+
+uint64_t cookie_of(const Descriptor& socket) {
+  uint64_t cookie = 0;
+  socklen_t size = sizeof cookie;
+  EXPECT_EQ(0, ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size));
+  return cookie;
+}
+
 audit_token_t token_of(const Value& data) {
   audit_token_t token{};
   if (!data.isNil()) std::memcpy(&token, data.asData().data(), sizeof token);
@@ -169,8 +181,7 @@ SocketPair receive(const Descriptor& receiver, const SendCase& how, Descriptor& 
   if (how.type == SOCK_STREAM) connection = Descriptor(::accept(receiver.get(), generic(source), &size));
   EXPECT_EQ(1, how.type == SOCK_STREAM ? ::read(connection.get(), &byte, 1)
                                        : ::recvfrom(receiver.get(), &byte, 1, 0, generic(source), &size));
-  uint8_t protocol = how.type == SOCK_STREAM ? IPPROTO_TCP : IPPROTO_UDP;
-  return {protocol, *SocketAddress::from(generic(source), size), *SocketAddress::from(generic(own), sizeof own)};
+  return pair_of(how.type == SOCK_STREAM ? IPPROTO_TCP : IPPROTO_UDP, source, own);
 }
 
 TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
@@ -267,8 +278,7 @@ TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
     EXPECT_EQ(0, ::bind(socket.get(), generic(ends[end]), sizeof ends[end])) << std::strerror(errno);
     return socket;
   };
-  const SocketPair pair{IPPROTO_TCP, *SocketAddress::from(generic(ends[0]), sizeof ends[0]),
-                        *SocketAddress::from(generic(ends[1]), sizeof ends[1])};
+  const SocketPair pair = pair_of(IPPROTO_TCP, ends[0], ends[1]);
   const std::pair<const char*, int> kSockets[] = {
       {"a client", 0}, {"a later client", 0}, {"a server's socket", 1}, {"a client again", 0}};
   for (const auto& [what, client] : kSockets) {
@@ -277,12 +287,9 @@ TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
     ASSERT_EQ(0, ::listen(listener.get(), 1));
     ASSERT_EQ(0, ::connect(connecting.get(), generic(ends[1 - client]), sizeof ends[0])) << std::strerror(errno);
     Descriptor accepted(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    uint64_t cookie = 0;
-    socklen_t size = sizeof cookie;
-    ::getsockopt((client == 0 ? connecting : accepted).get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
     auto sender = owners.sender(pair);
     ASSERT_TRUE(sender);
-    EXPECT_EQ(cookie, sender->cookie);
+    EXPECT_EQ(cookie_of(client == 0 ? connecting : accepted), sender->cookie);
     EXPECT_EQ(client == 0 ? std::optional(next_sequence(connecting)) : std::nullopt, sender->firstByte);
   }
 }
@@ -298,10 +305,7 @@ TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
     Descriptor flooding(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ::sendto(flooding.get(), "", 0, 0, generic(connection.far), sizeof connection.far);
   }
-  uint64_t cookie = 0;
-  socklen_t size = sizeof cookie;
-  ASSERT_EQ(0, ::getsockopt(connection.client.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size));
-  auto opener = openers.opener(cookie);
+  auto opener = openers.opener(cookie_of(connection.client));
   ASSERT_TRUE(opener.has_value());
   EXPECT_EQ(static_cast<uint32_t>(::getpid()), opener->process);
 }
@@ -319,12 +323,8 @@ TEST(SocketAborterTest, WaitsForNoChild) {
   Address target = literal("127.0.0.1");
   target.sin6_port = htons(9);
   ASSERT_EQ(0, ::connect(socket.get(), generic(target), sizeof target));
-  const Address near = address_of(socket);
-  const SocketPair pair{IPPROTO_UDP, *SocketAddress::from(generic(near), sizeof near),
-                        *SocketAddress::from(generic(target), sizeof target)};
-  uint64_t cookie = 0;
-  socklen_t size = sizeof cookie;
-  ::getsockopt(socket.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
+  const SocketPair pair = pair_of(IPPROTO_UDP, address_of(socket), target);
+  const uint64_t cookie = cookie_of(socket);
   pid_t child = 0;
   std::ifstream("/proc/thread-self/children") >> child;
   ASSERT_EQ(0, ::kill(child, SIGSTOP));
@@ -340,7 +340,7 @@ TEST(SocketAborterTest, WaitsForNoChild) {
     EXPECT_EQ(expected, tried->error);
   }
   int error = 0;
-  size = sizeof error;
+  socklen_t size = sizeof error;
   ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
   EXPECT_EQ(ECONNABORTED, error);
 }
@@ -403,8 +403,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
     EXPECT_GT(kLongest / 1.0ms, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";
     EXPECT_GT(limitOfAll / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
     const Connection other("127.0.0.1");
-    auto socket = owners->find({IPPROTO_TCP, *SocketAddress::from(generic(other.near), sizeof other.near),
-                                *SocketAddress::from(generic(other.far), sizeof other.far)});
+    auto socket = owners->find(pair_of(IPPROTO_TCP, other.near, other.far));
     ASSERT_TRUE(socket);
     EXPECT_EQ(::getpid(), audit_token_to_pid(found_token([&] { return owners->ownerOf(*socket); })))
         << "another user's socket";
