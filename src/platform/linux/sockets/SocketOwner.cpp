@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -108,22 +109,27 @@ SocketOwners::SocketOwners() : implementation_(std::make_unique<Implementation>(
 SocketOwners::~SocketOwners() = default;
 
 std::optional<std::string> SocketOwners::check() {
-  Descriptor trial(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (!trial || ::bind(trial.get(), generic, size) != 0 || ::listen(trial.get(), 1) != 0 ||
-      ::getsockname(trial.get(), generic, &size) != 0) {
-    return std::string("cannot make a socket to check with: ") + std::strerror(errno);
+  const std::tuple<int, uint8_t, const char*> kKinds[] = {{SOCK_STREAM, IPPROTO_TCP, "tcp_diag"},
+                                                          {SOCK_DGRAM, IPPROTO_UDP, "udp_diag"}};
+  for (const auto& [type, protocol, module] : kKinds) {
+    Descriptor trial(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    if (!trial || ::bind(trial.get(), generic, size) != 0 || (type == SOCK_STREAM && ::listen(trial.get(), 1) != 0) ||
+        ::getsockname(trial.get(), generic, &size) != 0) {
+      return std::string("cannot make a socket to check with: ") + std::strerror(errno);
+    }
+    const uint8_t any[4]{};
+    auto local = SocketAddress::from(generic, size);
+    errno = 0;
+    if (local && find({protocol, *local, SocketAddress::v4(any, 0)})) continue;
+    return std::string("the kernel's socket diagnostics do not find the extension's own socket: ") +
+           (errno != 0 ? std::strerror(errno) : std::string("load the kernel module ") + module);
   }
-  const uint8_t any[4]{};
-  auto local = SocketAddress::from(generic, size);
-  errno = 0;
-  if (local && find({IPPROTO_TCP, *local, SocketAddress::v4(any, 0)})) return std::nullopt;
-  return std::string("the kernel's socket diagnostics do not find the extension's own socket: ") +
-         (errno != 0 ? std::strerror(errno) : "load the kernel module tcp_diag");
+  return std::nullopt;
 }
 
 std::optional<std::string> SocketOwners::recordOpeners() { return implementation_->openers.start(); }

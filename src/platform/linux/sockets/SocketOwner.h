@@ -45,8 +45,8 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
-  // Checks, with a socket of this process, that find() works. Returns the reason if it does not; then no flow would
-  // have an owner.
+  // Checks, with sockets of this process, that find() works. Returns the reason if it does not: then no TCP connection,
+  // or no connected datagram socket, would have an owner.
   std::optional<std::string> check();
 
   // Makes the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if
