@@ -379,11 +379,16 @@ void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
 }
 
-// Reads which sockets the child process has tried to abort.
+// Reads which sockets the child process has tried to abort. If a socket no longer has its endpoints, another program
+// may get its port, so the next datagram with these endpoints must get a verdict of its own.
 void Netfilter::Queue::noteAborts() {
   while (const auto abort = aborter.next()) {
-    if (abort->error == 0) continue;
-    ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
+    const auto socket = abort->error == 0 ? std::nullopt : owners.find(abort->pair);
+    if (socket && socket->cookie == abort->cookie) {
+      ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
+    } else if (tracking) {
+      tracking->setMark(abort->pair, kMarkPending, kMarkMask);
+    }
   }
 }
 

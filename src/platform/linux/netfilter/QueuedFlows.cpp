@@ -55,7 +55,9 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
     // The kernel rules queue the Initial packets of an allowed QUIC connection, too, so these packets are not late.
     const bool isLate = flow->generation != generation_ && flow->connectionIDs.empty();
     if (isLate) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
-    return verdictOf(*flow);
+    // The flow's socket may have been aborted since, and then Dropped would mark the next conversation on its ports.
+    const bool isAborted = flow->isDropped && packet.ends.protocol == IPPROTO_UDP;
+    return isAborted ? PacketVerdict::Held : verdictOf(*flow);
   }
   keep(flow, now);
   return verdictOf(*flow);

@@ -65,7 +65,8 @@ class QueuedFlows {
 
   // Decides about an outbound packet. If the verdict on a UDP flow is Dropped, aborts the flow's socket, because
   // Firefox does not notice that a datagram was rejected after the call that sent it. Another conversation of the
-  // socket would end, too, but browsers open a socket for each QUIC connection.
+  // socket would end, too, but browsers open a socket for each QUIC connection. Later packets of the flow are held,
+  // because after the abort, other flows may use the ports.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its

@@ -382,7 +382,7 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
     std::vector<PacketVerdict> verdicts;
     std::string_view calls;
   } kCases[] = {
-      {"a held name", kDrop, {first, second, second}, {Open, Dropped, Dropped}, "new a.example; "},
+      {"a held name", kDrop, {first, second, second}, {Open, Dropped, Held}, "new a.example; "},
       {"another name", kAllow, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
       {"a second connection",
        kAllow,
