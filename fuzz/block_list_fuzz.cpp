@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   require(held.suspended.empty() || held.nextChange.has_value());
   try {
     auto ignore = [](size_t, std::string_view, const std::string&) {};
-    const ImportedSites imported = read_import(text, std::nullopt, ignore, nullptr);
+    const ImportedSites imported = read_import(text, {}, ignore, nullptr);
     const ImportCounts counts = put_imported(list, imported, false);
     require(counts.added + counts.changed + counts.unchanged == imported.sites.size());
     check(list);

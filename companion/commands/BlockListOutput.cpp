@@ -58,10 +58,6 @@ void print_table(const BlockList& list, Moment now) {
   put(coloured(counts, Colour::Faint) + '\n');
 }
 
-void print_lines(const BlockList& list) {
-  list.forEachSite([](const ListedSite& site) { put(line_of(site) + '\n'); });
-}
-
 void print_file(const BlockList& list) {
   BlockList plain;
   for (const Group& group : list.groups()) {

@@ -16,7 +16,6 @@ nlohmann::json site_json(const ListedSite& site, Moment now);
 
 // Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.
 void print_table(const BlockList& list, Moment now);  // for people, with totals
-void print_lines(const BlockList& list);              // as lines of the list's file, without groups
 void print_file(const BlockList& list);               // as the list's file, without comments
 void print_hosts(const BlockList& list);              // one host per line, without the exceptions
 void print_sites_json(const BlockList& list, Moment now);

@@ -155,8 +155,7 @@ int print_groups(const CommonOptions& options, const std::function<bool(const Ke
   const BlockList list = read_list(options.listPath).list;
   const Moment now = now_in_seconds();
   const auto states = states_of_groups(list, keeper_of_list(options), now);
-  std::vector<size_t> sites(states.size());  // of each group
-  list.forEachSite([&](const ListedSite& site) { ++sites[site.group]; });
+  const std::vector<size_t> sites = list.sitesOfGroups();
   nlohmann::json groups = nlohmann::json::array();
   for (size_t i = 0; i < states.size(); ++i) {
     if (!isWanted(states[i])) continue;

@@ -19,6 +19,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
+#include "companion/text/TimeText.h"
 
 namespace orvane {
 namespace {
@@ -29,6 +30,7 @@ struct Arguments {
   bool exactNames = false;
   bool replace = false;
   bool undo = false;
+  std::optional<std::string> group;
 };
 
 // The file that records the last import into the list, for --undo.
@@ -72,23 +74,42 @@ struct Outcome {
   ImportedSites read;
   std::vector<Rejection> rejections;  // the first kMostRejections
   ImportCounts counts;
-  double seconds = 0;  // from the start until the list is written
+  std::vector<Group> delayed;  // groups with a delay that lose sites
+  double seconds = 0;          // from the start until the list is written
   std::optional<bool> inForce;
 };
 
+// The groups with a delay among those that lose some of the sites of `lost`.
+std::vector<Group> delayed_groups(const BlockList& list, const BlockList& lost) {
+  std::vector<Group> delayed;
+  const std::vector<size_t> sites = lost.sitesOfGroups();
+  for (size_t i = 0; i < sites.size(); ++i) {
+    const auto group = list.findGroup(lost.groups()[i].name);
+    if (sites[i] > 0 && group && list.groups()[*group].delay.count() > 0) delayed.push_back(list.groups()[*group]);
+  }
+  return delayed;
+}
+
+void print_delays(const std::vector<Group>& delayed) {
+  for (const Group& group : delayed)
+    std::printf("%s: its removed sites stay blocked for %s\n", group.name.c_str(), duration_text(group.delay).c_str());
+}
+
 void print_outcome(const Outcome& outcome) {
-  const auto& [read, rejections, counts, seconds, inForce] = outcome;
+  const auto& [read, rejections, counts, delayed, seconds, inForce] = outcome;
   std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
               counted(read.sites.size(), "site", "sites").c_str(), seconds);
   std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
               counts.unchanged, counts.removed);
   std::printf("%s, %zu skipped (localhost and the like), %zu rejected\n",
               counted(read.duplicates, "duplicate", "duplicates").c_str(), read.skipped, read.rejected);
-  if (!counts.edits.empty()) std::puts("To take this back: orvanectl import --undo");
+  if (counts.groups > 0) std::printf("%s added or changed\n", counted(counts.groups, "group", "groups").c_str());
+  print_delays(delayed);
+  if (counts.hasChanges()) std::puts("To take this back: orvanectl import --undo");
 }
 
 void print_outcome_json(const Outcome& outcome) {
-  const auto& [read, rejections, counts, seconds, inForce] = outcome;
+  const auto& [read, rejections, counts, delayed, seconds, inForce] = outcome;
   nlohmann::json rejectedLines = nlohmann::json::array();
   for (const auto& [line, text, fault] : rejections)
     rejectedLines.push_back({{"line", line}, {"text", text}, {"fault", fault}});
@@ -98,6 +119,7 @@ void print_outcome_json(const Outcome& outcome) {
               {"changed", counts.changed},
               {"alreadyThere", counts.unchanged},
               {"takenOff", counts.removed},
+              {"groups", counts.groups},
               {"duplicates", read.duplicates},
               {"passedOver", read.skipped},
               {"rejected", read.rejected},
@@ -122,7 +144,7 @@ ImportedSites read_file(const Arguments& arguments, const std::string& source, P
   };
   auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, counted(lines, "line", "lines")); };
   try {
-    return read_import(text, wanted_scope(arguments), rejected, progress);
+    return read_import(text, {wanted_scope(arguments), arguments.group}, rejected, progress);
   } catch (const InputError& error) {
     throw InputError("cannot import: " + source + ": " + error.what());
   }
@@ -141,16 +163,23 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     if (outcome.read.sites.empty() && (!arguments.replace || outcome.read.rejected > 0))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
-  if (arguments.replace) refuse_if_locked(options, std::string(kDefaultGroupName), "replace sites");
+  for (const Group& group : outcome.read.groups) {
+    if (arguments.replace) refuse_if_locked(options, group.name, "replace sites");
+  }
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
+    if (arguments.group) find_group(list, *arguments.group);
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
+    if (arguments.replace) outcome.delayed = delayed_groups(list, outcome.counts.record.before);
     sites = list.size();
     // The record is written before the list. If the process is killed in between, the record describes an import that
     // is not on the list, and take_back() then finds nothing to do.
-    if (!outcome.counts.edits.empty()) replace_list_text(record_path(options), import_record(outcome.counts.edits));
-    return arguments.replace || !outcome.counts.edits.empty();
+    if (outcome.counts.hasChanges()) replace_list_text(record_path(options), text_of(outcome.counts.record));
+    return outcome.counts.hasChanges();
   });
+  for (const std::string& group : outcome.counts.unchangedGroups)
+    print_error("settings not imported: " + in_quotes(group) +
+                ": the group has sites already, so it keeps its settings: to change them: orvanectl group");
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   outcome.inForce = wait_for_keeper(options, version, sites);
   options.json ? print_outcome_json(outcome) : print_outcome(outcome);
@@ -158,28 +187,34 @@ int import(const CommonOptions& options, const Arguments& arguments) {
 }
 
 int undo(const CommonOptions& options) {
-  refuse_if_locked(options, std::string(kDefaultGroupName), "undo the import");
   UndoCounts counts;
+  std::vector<Group> delayed;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    const std::vector<SiteEdit> edits = import_record_edits(read_list_text(record_path(options)));
-    if (edits.empty())
+    const std::string text = read_list_text(record_path(options));
+    if (text.empty())
       throw InputError("nothing to undo: no import is recorded since the last undo: to remove the names of a file: " +
                        std::string("orvanectl unblock --from FILE"));
-    counts = take_back(list, edits);
+    const ImportRecord record = read_import_record(text);
+    for (const Group& group : record.after.groups()) refuse_if_locked(options, group.name, "undo the import");
+    counts = take_back(list, record);
+    delayed = delayed_groups(list, record.after);
     sites = list.size();
     replace_list_text(record_path(options), "");
-    return counts.removed + counts.restored > 0;
+    return counts.removed + counts.restored + counts.groups > 0;
   });
   const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
   if (options.json) {
     print_json({{"removed", counts.removed},
                 {"restored", counts.restored},
+                {"groups", counts.groups},
                 {"changedSince", counts.changedSince},
                 {"inForce", json_or_null(inForce)}});
   } else {
     std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
                 counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
+    if (counts.groups > 0) std::printf("%s removed or as before\n", counted(counts.groups, "group", "groups").c_str());
+    print_delays(delayed);
   }
   return kDone;
 }
@@ -204,7 +239,9 @@ void declare_import_command(CommandSet& commands) {
                         "Block all sites with their subdomains (the default except for hosts(5) lines)");
   command->add_flag("--exact", arguments->exactNames, "Block the exact names only (the default for hosts(5) lines)")
       ->excludes(subdomains);
-  command->add_flag("--replace", arguments->replace, "Remove everything else from the list");
+  command->add_flag("--replace", arguments->replace, "Remove all other sites of the groups that the file has");
+  command->add_option("--group", arguments->group, "The group of all names, instead of the groups that the file has")
+      ->type_name("GROUP");
   command->add_flag("--undo", arguments->undo, "Take the last import back");
 }
 

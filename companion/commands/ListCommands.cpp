@@ -134,7 +134,7 @@ std::vector<ListedSite> sites_of_file(const std::string& file) {
   const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
     print_error("passed over: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
   };
-  ImportedSites read = read_import(read_input(file), std::nullopt, rejected, nullptr);
+  ImportedSites read = read_import(read_input(file), {{}, std::string(kDefaultGroupName)}, rejected, nullptr);
   if (read.sites.empty())
     throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
   return {std::make_move_iterator(read.sites.begin()), std::make_move_iterator(read.sites.end())};
@@ -385,7 +385,7 @@ int export_list(const CommonOptions& options, const Arguments& arguments) {
   } else if (arguments.hostsOnly) {
     print_hosts(list);
   } else {
-    print_lines(list);
+    print_file(list);
   }
   return kDone;
 }

@@ -3,7 +3,7 @@
 # Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
   mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export 2>/dev/null |
-    typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 { print $1 }')
+    typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
 }
 
 _orvanectl_groups() {
@@ -49,7 +49,7 @@ _orvanectl() {
       '') options+=' --version' ;;
       block) options+=' --exact --group' ;;
       allow) options+=' --group' ;;
-      import) options+=' --subdomains --exact --replace --undo' ;;
+      import) options+=' --subdomains --exact --group --replace --undo' ;;
       export) options+=' --hosts' ;;
       suspend) options+=' --all --from --group --for --until' ;;
       unblock | disallow | resume) options+=' --all --from --group' ;;

@@ -12,7 +12,7 @@ function __orvanectl_hosts
                 set list $words[$i]
         end
     end
-    command -q orvanectl; and command orvanectl $list export 2>/dev/null | string replace -r ' .*' ''
+    command -q orvanectl; and command orvanectl $list export 2>/dev/null | string match -rv '^\[| = |^$' | string replace -r ' .*' ''
 end
 
 function __orvanectl_groups
@@ -84,7 +84,7 @@ complete -c orvanectl -n __orvanectl_command -a help -d 'Print the help of a com
 
 complete -c orvanectl -n '__orvanectl_command block import' -l exact -d 'Block the exact names only'
 complete -c orvanectl -n '__orvanectl_command import' -l subdomains -d 'Block all sites with their subdomains'
-complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove everything else from the list'
+complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove all other sites of the groups'
 complete -c orvanectl -n '__orvanectl_command import' -l undo -d 'Take the last import back'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
@@ -100,7 +100,7 @@ complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is i
 complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
 complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
     -a '(__orvanectl_groups)'
-complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
+complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume import lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'

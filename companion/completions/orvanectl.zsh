@@ -6,7 +6,7 @@ _orvanectl_hosts() {
   local -a hosts
   local list=${opt_args[--list]:-$before[--list]}
   hosts=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} export 2>/dev/null)"})
-  _wanted hosts expl 'host of the list' compadd - ${hosts%% *}
+  _wanted hosts expl 'host of the list' compadd - ${${hosts:#(\[*|* = *)}%% *}
 }
 
 _orvanectl_group_names() {
@@ -141,8 +141,8 @@ _orvanectl() {
         '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     import)
-      _arguments $common '(--exact)--subdomains[block all sites with their subdomains]' \
-        '(--subdomains)--exact[block the exact names only]' '--replace[remove everything else from the list]' \
+      _arguments $common $group '(--exact)--subdomains[block all sites with their subdomains]' \
+        '(--subdomains)--exact[block the exact names only]' '--replace[remove all other sites of the groups]' \
         '--undo[take the last import back]' ':file:_files'
       ;;
     group) _orvanectl_group ;;

@@ -210,6 +210,12 @@ void BlockList::forEachSite(const std::function<void(const ListedSite&)>& visit)
   }
 }
 
+std::vector<size_t> BlockList::sitesOfGroups() const {
+  std::vector<size_t> counts(groups_.size());
+  forEachSite([&](const ListedSite& site) { ++counts[site.group]; });
+  return counts;
+}
+
 const ListedSite* BlockList::find(std::string_view host, GroupIndex group) const {
   auto found = locate(host, group);
   return found == lineByHost_.end() ? nullptr : &*lines_[found->second].site;
@@ -291,6 +297,10 @@ GroupIndex copy_settings(const Group& group, BlockList& list) {
   if (group.delay != before.delay)
     list.setSetting(index, kDelayKey, group.delay.count() == 0 ? Values{} : Values{delay_text(group.delay)});
   return index;
+}
+
+bool has_same_settings(const Group& one, const Group& other) {
+  return one.isEnabled == other.isEnabled && one.schedule == other.schedule && one.delay == other.delay;
 }
 
 GroupStates group_states(const BlockList& list, Moment now) {

@@ -76,6 +76,7 @@ class BlockList {
   std::vector<ListedSite> sites() const;
   void forEachSite(const std::function<void(const ListedSite&)>& visit) const;  // the same sites, not copied
   size_t size() const { return lineByHost_.size(); }                            // the number of sites
+  std::vector<size_t> sitesOfGroups() const;                                    // how many sites each group has
   const std::vector<BadLine>& badLines() const { return badLines_; }
 
   // The site with exactly this host in this group; null if there is none. Valid until the next change of the list.
@@ -133,6 +134,8 @@ class BlockList {
 
 // Gives `list` a group with the name and the settings of `group`, except for a request for a lock. Returns its index.
 GroupIndex copy_settings(const Group& group, BlockList& list);
+// Whether the groups have the same settings. A request for a lock is none.
+bool has_same_settings(const Group& one, const Group& other);
 
 // Which groups are in force at a moment.
 struct GroupStates {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iterator>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "companion/list/BlockListLine.h"
@@ -96,11 +97,18 @@ std::string_view format_fault(std::string_view text) {
 
 class ImportReader {
  public:
-  ImportReader(std::optional<Scope> scope, const ImportRejection& rejected) : scope_(scope), rejected_(rejected) {}
+  ImportReader(const ImportOptions& options, const ImportRejection& rejected)
+      : scope_(options.scope),
+        hasGroups_(!options.group),
+        firstGroup_(options.group.value_or(std::string(kDefaultGroupName))),
+        rejected_(rejected) {}
 
   void readLine(std::string_view line) {
     ++result_.lines;
     line = trimmed(line);
+    if (line.starts_with('[')) {
+      if (const auto name = group_in_header(trimmed(without_comment(line)))) return readHeader(line, *name);
+    }
     if (isComment(line)) return;
     // In hosts(5), "#" starts a comment even without a space before it.
     std::string_view names = line.substr(0, line.find('#'));
@@ -117,9 +125,39 @@ class ImportReader {
     readPlainLine(line);
   }
 
-  ImportedSites& result() { return result_; }
+  size_t lines() const { return result_.lines; }
+  ImportedSites result() {
+    if (result_.groups.empty()) group();
+    return std::move(result_);
+  }
 
  private:
+  void readHeader(std::string_view line, std::string_view name) {
+    if (!hasGroups_) return;
+    const auto known = std::find_if(result_.groups.begin(), result_.groups.end(),
+                                    [&](const Group& group) { return group.name == name; });
+    if (known != result_.groups.end()) {
+      group_ = static_cast<GroupIndex>(known - result_.groups.begin());
+    } else if (const std::string fault = group_name_fault(name); !fault.empty()) {
+      reject(line, fault);
+    } else if (result_.groups.size() >= BlockList::kMostGroups) {
+      reject(line, "the list has too many groups: remove some");
+    } else {
+      startGroup(std::string(name));
+    }
+  }
+
+  void startGroup(const std::string& name) {
+    group_ = static_cast<GroupIndex>(result_.groups.size());
+    result_.groups.push_back({name, true, {}, {}, {}});
+    siteByHost_.emplace_back();
+  }
+
+  GroupIndex group() {
+    if (!group_) startGroup(firstGroup_);
+    return *group_;
+  }
+
   bool isComment(std::string_view line) {
     if (line.empty()) return true;
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
@@ -167,6 +205,11 @@ class ImportReader {
   void readPlainLine(std::string_view line) {
     ListedSite site;
     std::string fault;
+    if (!key_of_setting(line).empty()) {
+      Group ignored;
+      if (!read_setting(line, hasGroups_ ? result_.groups[group()] : ignored, fault)) reject(line, fault);
+      return;
+    }
     const bool isLine = read_line(line, scope_.value_or(Scope::Subdomains), site, fault);
     if (isLine) return addUnlessLocal(line, std::move(site));
     if (!is_local_name(line)) return reject(line, fault);
@@ -189,127 +232,193 @@ class ImportReader {
   }
 
   void add(ListedSite site) {
-    if (auto known = siteByHost_.find(site.host); known != siteByHost_.end()) {
+    auto& siteByHost = siteByHost_[group()];
+    if (auto known = siteByHost.find(site.host); known != siteByHost.end()) {
       ++result_.duplicates;
       known->second->scope = std::max(known->second->scope, site.scope);
       known->second->until = known->second->scope == Scope::Exception ? std::nullopt : site.until;
       return;
     }
+    site.group = group();
     ListedSite& added = result_.sites.emplace_back(std::move(site));
-    siteByHost_.emplace(added.host, &added);
+    siteByHost.emplace(added.host, &added);
   }
 
   std::optional<Scope> scope_;
+  const bool hasGroups_;
+  const std::string firstGroup_;  // of the lines before the first header
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
+  std::optional<GroupIndex> group_;
   ImportedSites result_;
-  std::unordered_map<std::string_view, ListedSite*, KeyedHash> siteByHost_;  // points into result_.sites
+  // For each group. The maps point into result_.sites.
+  std::deque<std::unordered_map<std::string_view, ListedSite*, KeyedHash>> siteByHost_;
 };
 
 }  // namespace
 
-ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
+ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress) {
   constexpr size_t kLinesBetweenReports = 4096;
   if (const std::string_view fault = format_fault(text); !fault.empty())
     throw InputError("not a list: " + std::string(fault));
   const size_t size = text.size();
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
-  ImportReader reader(scope, rejected);
+  ImportReader reader(options, rejected);
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
     reader.readLine(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
-    if (progress && reader.result().lines % kLinesBetweenReports == 0)
-      progress(size - text.size(), reader.result().lines);
+    if (progress && reader.lines() % kLinesBetweenReports == 0) progress(size - text.size(), reader.lines());
   }
-  return std::move(reader.result());
+  return reader.result();
 }
 
 namespace {
 
-// Copies all groups with their settings, and the sites of all groups but the default group.
-void copy_other_groups(const BlockList& from, BlockList& list) {
-  for (const Group& group : from.groups()) {
-    if (!group.name.empty()) copy_settings(group, list);
+// Where a group of an import is in the list, and in the record of the import.
+struct Place {
+  GroupIndex list, before, after;
+};
+
+// Finds or adds the groups of the import. Returns the place of each.
+std::vector<Place> place_groups(BlockList& list, const ImportedSites& imported, ImportCounts& counts) {
+  std::vector<Place> places;
+  std::vector<size_t> sites = list.sitesOfGroups();
+  for (const Group& group : imported.groups) {
+    const auto known = list.findGroup(group.name);
+    if (!known && list.groups().size() >= BlockList::kMostGroups)
+      throw InputError("too many groups: remove some: orvanectl group remove");
+    const GroupIndex index = known ? *known : list.addGroup(group.name);
+    const Group old = list.groups()[index];
+    const bool isNew = !known || sites[index] == 0;
+    const bool hasSettings = !has_same_settings(group, Group());
+    if (isNew && hasSettings) copy_settings(group, list);
+    if (!isNew && hasSettings && !has_same_settings(group, old)) counts.unchangedGroups.push_back(group.name);
+    const Group& now = list.groups()[index];
+    if (!known || !has_same_settings(old, now)) ++counts.groups;
+    places.push_back({index, known ? copy_settings(old, counts.record.before) : kDefaultGroup,
+                      copy_settings(now, counts.record.after)});
   }
-  from.forEachSite([&](ListedSite site) {
-    if (site.group == kDefaultGroup) return;
-    site.group = *list.findGroup(from.groupOf(site).name);
-    list.put(std::move(site));
-  });
+  return places;
+}
+
+void put_in(BlockList& list, GroupIndex group, ListedSite site) {
+  site.group = group;
+  list.put(std::move(site));
+}
+
+// Removes the sites that the import does not have from the groups that it has.
+void remove_others(BlockList& list, const ImportedSites& imported, const std::vector<Place>& places,
+                   ImportCounts& counts) {
+  using Hosts = std::unordered_set<std::string_view, KeyedHash>;
+  std::vector<std::optional<Hosts>> hosts(list.groups().size());
+  std::vector<GroupIndex> before(list.groups().size());
+  for (const Place& place : places) {
+    hosts[place.list].emplace();
+    before[place.list] = place.before;
+  }
+  for (const ListedSite& site : imported.sites) hosts[places[site.group].list]->insert(site.host);
+  for (const ListedSite& site : list.sites()) {
+    if (!hosts[site.group] || hosts[site.group]->contains(site.host)) continue;
+    put_in(counts.record.before, before[site.group], site);
+    list.remove(site.host, site.group);
+    ++counts.removed;
+  }
 }
 
 }  // namespace
 
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
-  const BlockList before = replace ? std::exchange(list, BlockList()) : BlockList();
-  copy_other_groups(before, list);
+  const std::vector<Place> places = place_groups(list, imported, counts);
   for (ListedSite site : imported.sites) {
-    const ListedSite* old = (replace ? before : list).find(site.host);
+    const Place& place = places[site.group];
+    site.group = place.list;
+    const ListedSite* old = list.find(site.host, site.group);
     if (old != nullptr && !replace) site.scope = std::max(site.scope, old->scope);
     if (old != nullptr && !site.until) site.until = old->until;
     if (site.scope == Scope::Exception) site.until.reset();
     ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
-    if (old == nullptr || site != *old)
-      counts.edits.push_back({old == nullptr ? std::nullopt : std::optional(*old), site});
+    if (old != nullptr && site == *old) continue;
+    if (old != nullptr) put_in(counts.record.before, place.before, *old);
+    put_in(counts.record.after, place.after, site);
     list.put(std::move(site));
   }
-  before.forEachSite([&](const ListedSite& site) {
-    if (site.group != kDefaultGroup || list.find(site.host) != nullptr) return;
-    counts.edits.push_back({site, std::nullopt});
-    ++counts.removed;
-  });
+  if (replace) remove_others(list, imported, places, counts);
   return counts;
 }
 
-std::string import_record(const std::vector<SiteEdit>& edits) {
+std::string text_of(const ImportRecord& record) {
   std::string text = "# The last import, for orvanectl import --undo: the lines before (-) and after (+) it.\n";
-  for (const auto& [before, after] : edits) {
-    if (before) text.append("- ").append(line_of(*before)).append("\n");
-    if (after) text.append("+ ").append(line_of(*after)).append("\n");
-  }
+  const auto append = [&](std::string_view mark, const std::string& lines) {
+    for (size_t start = 0, end; start < lines.size(); start = end) {
+      end = lines.find('\n', start) + 1;
+      text.append(mark).append(lines, start, end - start);
+    }
+  };
+  append("- ", record.before.text());
+  append("+ ", record.after.text());
   return text;
 }
 
-std::vector<SiteEdit> import_record_edits(std::string_view text) {
-  std::vector<SiteEdit> edits;
+ImportRecord read_import_record(std::string_view text) {
+  std::string before, after;
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
-    std::string_view line = text.substr(0, end);
+    const std::string_view line = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
-    if (!line.starts_with("- ") && !line.starts_with("+ ")) continue;
-    const bool isAfter = take_word(line) == "+";
-    ListedSite site;
-    std::string fault;
-    if (line.empty() || !read_line(line, Scope::Subdomains, site, fault)) continue;
-    if (!isAfter) {
-      edits.push_back({std::move(site), std::nullopt});
-    } else if (!edits.empty() && edits.back().before && !edits.back().after && edits.back().before->host == site.host) {
-      edits.back().after = std::move(site);
-    } else {
-      edits.push_back({std::nullopt, std::move(site)});
-    }
+    if (line.starts_with("- ")) before.append(line.substr(2)).append("\n");
+    if (line.starts_with("+ ")) after.append(line.substr(2)).append("\n");
   }
-  return edits;
+  return {BlockList::parse(before), BlockList::parse(after)};
 }
 
-UndoCounts take_back(BlockList& list, const std::vector<SiteEdit>& edits) {
+namespace {
+
+// Takes the edit of one site back. `before`, `after`: the site before and after the import, of which one may be null.
+void take_back_site(BlockList& list, const std::string& group, const ListedSite* before, const ListedSite* after,
+                    UndoCounts& counts) {
+  const std::string& host = (before != nullptr ? before : after)->host;
+  const auto index = list.findGroup(group);
+  const ListedSite* now = index ? list.find(host, *index) : nullptr;
+  const bool isUnchanged = now == nullptr ? after == nullptr : after != nullptr && now->scope == after->scope;
+  if (!index || !isUnchanged) {
+    ++counts.changedSince;
+  } else if (before != nullptr) {
+    put_in(list, *index, *before);
+    ++counts.restored;
+  } else {
+    list.remove(host, *index);
+    ++counts.removed;
+  }
+}
+
+}  // namespace
+
+UndoCounts take_back(BlockList& list, const ImportRecord& record) {
   UndoCounts counts;
-  for (const auto& [before, after] : edits) {
-    const std::string& host = (after ? after : before)->host;
-    const ListedSite* now = list.find(host);
-    const bool isUnchanged = now == nullptr ? !after : after && now->scope == after->scope;
-    if (!isUnchanged) {
+  const auto& [before, after] = record;
+  const auto sameIn = [](const BlockList& other, const BlockList& of, const ListedSite& site) {
+    const auto group = other.findGroup(of.groupOf(site).name);
+    return group ? other.find(site.host, *group) : nullptr;
+  };
+  before.forEachSite([&](const ListedSite& site) {
+    take_back_site(list, before.groupOf(site).name, &site, sameIn(after, before, site), counts);
+  });
+  after.forEachSite([&](const ListedSite& site) {
+    if (sameIn(before, after, site) == nullptr) take_back_site(list, after.groupOf(site).name, nullptr, &site, counts);
+  });
+  const std::vector<size_t> sites = list.sitesOfGroups();
+  for (const Group& group : after.groups()) {
+    const auto old = before.findGroup(group.name), now = list.findGroup(group.name);
+    if (!now || (old && has_same_settings(before.groups()[*old], group))) continue;
+    if (!has_same_settings(list.groups()[*now], group) || (!old && sites[*now] > 0)) {
       ++counts.changedSince;
-    } else if (before) {
-      list.put(*before);
-      ++counts.restored;
-    } else {
-      list.remove(host);
-      ++counts.removed;
+      continue;
     }
+    old ? static_cast<void>(copy_settings(before.groups()[*old], list)) : list.removeGroup(*now);
+    ++counts.groups;
   }
   return counts;
 }

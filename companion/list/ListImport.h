@@ -21,12 +21,15 @@ namespace orvane {
 //   ||example.com^                  a filter list's rule for a whole site                Subdomains
 //   @@||example.com^                a filter list's exception for a whole site           Exception
 //
-// A comment starts with "#", or with "!" at the start of a line. A line in brackets is a filter list's title and counts
-// as a comment.
+// A comment starts with "#", or with "!" at the start of a line. A line in brackets is the header of a group, as in
+// orvane-list(5), or a filter list's title, which counts as a comment.
 struct ImportedSites {
-  // Each site once, in the order in which the sites first occur. If several lines name a site, the site gets the
-  // greatest of their scopes, and the last of these lines decides whether the site is suspended.
+  // Each site of a group once, in the order in which the sites first occur. If several lines name a site, the site gets
+  // the greatest of their scopes, and the last of these lines decides whether the site is suspended.
   std::deque<ListedSite> sites;
+  // The groups that the text has, with the settings that it gives them. ListedSite::group is a position in this vector.
+  // A text without a header and without sites has the default group.
+  std::vector<Group> groups;
   size_t lines = 0;
   size_t duplicates = 0;  // names that occurred earlier in this text
   size_t skipped = 0;     // names like localhost, which every hosts file has
@@ -39,14 +42,20 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the number of bytes and the number of lines that were read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
-// Reads a block list. `scope`, if given, replaces the default scope of each form except that of exceptions (see
-// ImportedSites). Throws InputError for compressed data and for UTF-16.
-ImportedSites read_import(std::string_view text, std::optional<Scope> scope, const ImportRejection& rejected,
+struct ImportOptions {
+  // Replaces the default scope of each form except that of exceptions (see ImportedSites).
+  std::optional<Scope> scope;
+  // The group of all sites. The headers and settings of the text then have no effect.
+  std::optional<std::string> group;
+};
+
+// Reads a block list. Throws InputError for compressed data and for UTF-16.
+ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
-// What an import did to one host: the host's site before and after the import, of which at most one is missing.
-struct SiteEdit {
-  std::optional<ListedSite> before, after;
+// The sites that an import changed, and the groups of the imported text, before and after the import.
+struct ImportRecord {
+  BlockList before, after;
 };
 
 struct ImportCounts {
@@ -54,29 +63,34 @@ struct ImportCounts {
   size_t changed = 0;
   size_t unchanged = 0;  // already on the list in the same form
   size_t removed = 0;    // only when the list is replaced
-  std::vector<SiteEdit> edits;
+  size_t groups = 0;     // groups that were added, or got settings
+  // The groups whose settings the import did not take over, because they have sites already.
+  std::vector<std::string> unchangedGroups;
+  ImportRecord record;
+  bool hasChanges() const { return added + changed + removed + groups > 0; }
 };
 
-// Adds the sites to the default group, or replaces this group's sites. A site that is already on the list keeps its
-// suspension unless the import gives another suspension. If the list is not replaced, such a site also keeps its scope
-// if this scope is greater than the imported one.
+// Adds the sites to their groups, or replaces the sites of these groups. Other groups stay as they are. A site that is
+// already in the group keeps its suspension unless the import gives another suspension. If the sites are not replaced,
+// such a site also keeps its scope if this scope is greater than the imported one. Only groups that have no sites yet
+// get the settings of the import: a list from elsewhere must not put a group out of force. Throws InputError if the
+// list would have too many groups.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
-// The text that records an import, for import_record_edits(). Each edit has up to two lines: "- " and the line of the
-// site before the import, and "+ " and the line of the site after it.
-std::string import_record(const std::vector<SiteEdit>& edits);
-
-// Reads the text of import_record(). Ignores invalid lines.
-std::vector<SiteEdit> import_record_edits(std::string_view text);
+// The record as a text: the lines of the two lists, after "- " and "+ ".
+std::string text_of(const ImportRecord& record);
+ImportRecord read_import_record(std::string_view text);
 
 struct UndoCounts {
   size_t removed = 0;
   size_t restored = 0;
-  size_t changedSince = 0;  // left alone, because the user has changed the site since the import
+  size_t groups = 0;        // groups that were removed, or got their old settings
+  size_t changedSince = 0;  // left alone, because the user has changed the site or group since the import
 };
 
-// Takes the edits of an import back. A site counts as changed since the import if it has been removed or added, or has
-// another scope, but not if it has only been suspended or resumed.
-UndoCounts take_back(BlockList& list, const std::vector<SiteEdit>& edits);
+// Takes an import back. A site counts as changed since the import if it has been removed or added, or has another
+// scope, but not if it has only been suspended or resumed. A group that the import added is removed if it has no sites
+// any more.
+UndoCounts take_back(BlockList& list, const ImportRecord& record);
 
 }  // namespace orvane

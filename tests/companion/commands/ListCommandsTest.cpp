@@ -101,6 +101,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block W.example a.example --group work", 0,
        "w.example and its subdomains: blocked\na.example and its subdomains: blocked\n"},
       {"block w.example --group play", 2, ""},
+      {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
+       "work: its removed sites stay blocked for 15 min\n"},
+      {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
       {"unblock w.example 2>&1 | head -n 1", 0,
        "orvanectl: not on the list: \"w.example\": it is covered by the line \"w.example\" of the group work: give "
        "w.example --group work\n"},

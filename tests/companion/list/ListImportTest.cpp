@@ -23,7 +23,7 @@ std::string imported(std::string_view text, std::optional<Scope> scope = {}) {
     rejected += " !" + std::to_string(line);
     EXPECT_NE(fault.find(": "), std::string::npos) << fault;
   };
-  for (const ListedSite& site : read_import(text, scope, reject, nullptr).sites) result += line_of(site) + ";";
+  for (const ListedSite& site : read_import(text, {scope, {}}, reject, nullptr).sites) result += line_of(site) + ";";
   return result + rejected;
 }
 
@@ -79,7 +79,7 @@ TEST(ListImport, KeepsSuspensions) {
   BlockList list =
       BlockList::parse("a.example until=2030-01-01T00:00:00Z\nb.example only\nc.example\nd.example allowed\n");
   const ImportedSites sites =
-      read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example d.example\n", std::nullopt, ignore, nullptr);
+      read_import("a.example\nb.example\n0.0.0.0 c.example www.c.example d.example\n", {}, ignore, nullptr);
   ImportCounts counts = put_imported(list, sites, false);
   EXPECT_EQ(list.text(),
             "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example\nd.example allowed\nwww.c.example only\n");
@@ -87,10 +87,11 @@ TEST(ListImport, KeepsSuspensions) {
   EXPECT_EQ(counts.changed, 1U);
   EXPECT_EQ(counts.added, 1U);
 
-  list = BlockList::parse("# gone\na.example until=2030-01-01T00:00:00Z\nc.example only\nf.example\ne.example\n");
+  list = BlockList::parse("# stays\na.example until=2030-01-01T00:00:00Z\nc.example only\nf.example\ne.example\n");
   counts = put_imported(list, sites, true);
   EXPECT_EQ(list.text(),
-            "a.example until=2030-01-01T00:00:00Z\nb.example\nc.example only\nwww.c.example only\nd.example only\n");
+            "# stays\na.example until=2030-01-01T00:00:00Z\nc.example only\nb.example\nwww.c.example only\n"
+            "d.example only\n");
   EXPECT_EQ(counts.unchanged, 2U);
   EXPECT_EQ(counts.added, 3U);
   EXPECT_EQ(counts.removed, 2U);
@@ -105,7 +106,7 @@ std::clock_t import_time(const std::vector<std::string>& names) {
   for (int run = 0; run < 5; ++run) {
     const std::clock_t start = std::clock();
     BlockList list;
-    put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
+    put_imported(list, read_import(text, {}, ignore, nullptr), false);
     for (const std::string& name : names) EXPECT_NE(list.find(name), nullptr);
     least = std::min(least, std::clock() - start);
   }
@@ -119,15 +120,49 @@ TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
   EXPECT_LT(import_time(colliding), 5 * import_time(ordinary));
 }
 
+// The lists before and after an import, and after the import is taken back.
+TEST(ListImport, KeepsTheGroupsOfAnExport) {
+  const std::string groups =
+      "delay = 5m\na.example\n\n[group work]\nschedule = Mon..Fri 09:00-17:00\nenabled = no\na.example only\n"
+      "\n[group play]\n";
+  const struct {
+    const char* what;
+    std::string before, imported;
+    bool replace;
+    std::string after, undone;
+    size_t unchangedGroups;
+  } kCases[] = {
+      {"into an empty list", "", groups, false, groups, "", 0},
+      {"into itself", groups, groups, true, groups, groups, 0},
+      {"into groups with sites", "b.example\n[group work]\n# mine\nc.example\n", groups, false,
+       "b.example\na.example\n[group work]\n# mine\nc.example\na.example only\n\n[group play]\n",
+       "b.example\n[group work]\n# mine\nc.example\n", 2},
+      {"in place of their sites", "b.example\n[group work]\n# mine\nc.example\n[group own]\nd.example\n",
+       "[group work]\ndelay = 1h\na.example\n", true,
+       "b.example\n[group work]\n# mine\na.example\n[group own]\nd.example\n",
+       "b.example\n[group work]\n# mine\nc.example\n[group own]\nd.example\n", 1},
+  };
+  for (const auto& c : kCases) {
+    BlockList list = BlockList::parse(c.before);
+    const ImportCounts counts = put_imported(list, read_import(c.imported, {}, ignore, nullptr), c.replace);
+    EXPECT_EQ(list.text(), c.after) << c.what;
+    EXPECT_EQ(counts.unchangedGroups.size(), c.unchangedGroups) << c.what;
+    take_back(list, read_import_record(text_of(counts.record)));
+    EXPECT_EQ(list.text(), c.undone) << c.what;
+  }
+  BlockList list = BlockList::parse("[group play]\n");
+  put_imported(list, read_import(groups, {{}, "play"}, ignore, nullptr), false);
+  EXPECT_EQ(list.text(), "[group play]\na.example\n") << "all sites in one group";
+}
+
 TEST(ListImport, TakesAnImportBackExceptWhatWasChangedSince) {
   BlockList list = BlockList::parse("kept.example\nold.example only\n");
   const char* text = "kept.example\nold.example\nsuspended.example\nexcepted.example\nremoved.example\n";
-  const ImportCounts counts = put_imported(list, read_import(text, std::nullopt, ignore, nullptr), false);
-  const std::vector<SiteEdit> edits = import_record_edits(import_record(counts.edits));
+  const ImportCounts counts = put_imported(list, read_import(text, {}, ignore, nullptr), false);
   list.put({"suspended.example", Scope::Subdomains, Moment(std::chrono::seconds(1))});
   list.put({"excepted.example", Scope::Exception, {}});
   list.remove("removed.example");
-  const UndoCounts undone = take_back(list, edits);
+  const UndoCounts undone = take_back(list, read_import_record(text_of(counts.record)));
   EXPECT_EQ(list.text(), "kept.example\nold.example only\nexcepted.example allowed\n");
   EXPECT_EQ(undone.removed, 1U);
   EXPECT_EQ(undone.restored, 1U);
