@@ -62,6 +62,7 @@ ClientHelloReader::State ClientHelloReader::readMessage(std::span<const uint8_t>
     // A field of length 0 is complete without a byte, so several fields may finish here.
     while (state == State::Open && fieldLeft_ == 0) state = finish(field_);
   }
+  isRead_ = state != State::Open;
   return name_.empty() ? state : State::Known;
 }
 

@@ -34,9 +34,10 @@ class ClientHelloReader {
   // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 
-  // Whether an encrypted hello was read (RFC 9849, section 5). If a server offers no key, many clients send random
-  // bytes instead. The reader cannot tell these bytes from an encrypted hello.
-  bool hasEncryptedHello() const { return hasEncryptedHello_; }
+  // Whether an encrypted hello was read (RFC 9849, section 5), or may be in the rest of the hello, which had not
+  // arrived when the name was known. If a server offers no key, many clients send random bytes instead. The reader
+  // cannot tell these bytes from an encrypted hello.
+  bool mayHaveEncryptedHello() const { return hasEncryptedHello_ || !isRead_; }
 
  private:
   // The fields of a hello, in order. The bytes of a field are either collected (stored) or skipped.
@@ -78,6 +79,7 @@ class ClientHelloReader {
   size_t extensionsLeft_ = 0;  // bytes of the list of extensions after the current field
   std::string name_;
   bool hasEncryptedHello_ = false;
+  bool isRead_ = false;  // whether all bytes of the hello that can be read were read
 };
 
 }  // namespace orvane

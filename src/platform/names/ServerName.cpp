@@ -53,7 +53,7 @@ ServerNameReader::State ServerNameReader::readHandshake(std::span<const uint8_t>
 
 bool ServerNameReader::isNameHidden() const {
   const auto* hello = std::get_if<ClientHelloReader>(&reader_);
-  return hello != nullptr && hello->hasEncryptedHello() &&
+  return hello != nullptr && hello->mayHaveEncryptedHello() &&
          std::find(kPublicNames.begin(), kPublicNames.end(), name_) != kPublicNames.end();
 }
 
