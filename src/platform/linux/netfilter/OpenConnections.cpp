@@ -100,6 +100,18 @@ bool OpenConnections::ask(Connections::iterator connection) {
   return false;
 }
 
+bool OpenConnections::hasOther(const OpenConnection& connection) {
+  const ThreadBudget budget(kCheckTime);
+  bool isLate = false;
+  const std::string name = reversed(connection.name);
+  return std::ranges::any_of(connections_, [&](const auto& each) {
+    const auto& [key, entry] = each;
+    return key.pair.remote == connection.pair.remote && key.pair.protocol == connection.pair.protocol &&
+           entry.owner == connection.owner && key.reversedName != name && !std::exchange(isLate, budget.isSpent()) &&
+           isOpen(key);
+  });
+}
+
 bool OpenConnections::isOpen(const Key& key) {
   const auto socket = owners_.find(key.pair);
   return socket && socket->cookie == key.cookie;

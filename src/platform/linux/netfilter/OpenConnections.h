@@ -80,6 +80,10 @@ class OpenConnections {
   // Whether review() has more to do.
   bool hasPlans() const { return !plans_.empty() || !all_.empty(); }
 
+  // Whether the connection's owner has an open connection to the same address and port under another name. Looks up
+  // sockets until kCheckTime is over, but one socket at least, and then returns false.
+  bool hasOther(const OpenConnection& connection);
+
   size_t size() const { return connections_.size(); }
 
   static constexpr size_t kLimit = 65536, kLimitOfUser = 16384;

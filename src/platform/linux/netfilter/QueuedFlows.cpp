@@ -343,7 +343,8 @@ const OpenConnection* QueuedFlows::endedBefore(const Flow& flow, const Examinati
     return ended.conversation.pair.remote == flow.pair.remote &&
            ended.conversation.owner == open.flow->sourceAppAuditToken();
   });
-  return found == ended_.rend() ? nullptr : &found->conversation;
+  const bool isOther = found != ended_.rend() && connections_ != nullptr && connections_->hasOther(found->conversation);
+  return found == ended_.rend() || isOther ? nullptr : &found->conversation;
 }
 
 void QueuedFlows::evictExpired(Clock::time_point now) {

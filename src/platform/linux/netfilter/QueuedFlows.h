@@ -97,7 +97,8 @@ class QueuedFlows {
   //
   // A QUIC client may go on with the connection from another address or port (RFC 9000, section 9). So for
   // kEndedLifetime, a UDP flow of the same owner to the same address and port, whose first datagram begins no QUIC
-  // connection, has the name of the dropped flow.
+  // connection, has the name of the dropped flow, unless the owner has an open connection to this address and port
+  // under another name.
   void drop(const OpenConnection& connection, Clock::time_point now = Clock::now());
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. If so, another program

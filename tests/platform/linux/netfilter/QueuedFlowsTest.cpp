@@ -144,14 +144,20 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
       {"in a new connection", owners.owner, 443, hello, 1min, "new a.example; "},
       {"to another port", owners.owner, 8443, later, 1min, "new -; "},
       {"of another program", Value::string("other"), 443, later, 1min, "new -; "},
+      {"after another open conversation was closed", owners.owner, 443, later, 1min, "new ended.example; "},
+      {"while another conversation is open", owners.owner, 443, later, 1min, "new -; "},
       {"long after the end", owners.owner, 443, later, 11min, "new -; "},
   };
   provider->newFlow = kDrop;
+  OpenConnections connections(provider, owners, nullptr);
+  flows.addAllowedTo(connections);
+  const OpenConnection open{ended.pair, owners.socket->cookie + 6, 3, ended.owner, "open.example"};
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
     owners.owner = c.owner;
     EXPECT_EQ(flows.judge(packet(c.datagram, 0, c.port, IPPROTO_UDP), now + c.after), Dropped) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
+    connections.add(open);
   }
 }
 
