@@ -2,18 +2,28 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "companion/client/Client.h"
+#include "platform/XPC.h"
 #include "service/OrvaneSECommunication.h"
 
 namespace orvane {
 
-// A control object that passes each message to note(), and replies with fixed values.
-struct NotedController : OrvaneSECommunication {
-  virtual void note(const std::string& message, const Value& value) = 0;
+// A control object that records each message, and replies with fixed values. Thread-safe.
+class NotedController final : public OrvaneSECommunication {
+ public:
+  using Messages = std::vector<std::pair<std::string, Value>>;
+
+  std::function<void()> onMessage = [] {};  // called before each message is recorded
+  Messages received() {
+    std::lock_guard lock(mutex_);
+    return received_;
+  }
 
   void pingWithReply(const BooleanReply& reply) override { reply(true); }
   void getAppFilterStateWithReply(const BooleanReply& reply) override { reply(false); }
@@ -29,10 +39,32 @@ struct NotedController : OrvaneSECommunication {
     note("properties", Value::array({properties, forHostname}));
   }
   void getChangesCount(const CountReply& reply) override { reply(UINT64_MAX); }
+
+ private:
+  void note(const std::string& message, const Value& value) {
+    onMessage();
+    std::lock_guard lock(mutex_);
+    received_.emplace_back(message, value);
+  }
+
+  std::mutex mutex_;
+  Messages received_;
 };
 
-// Sends every message. Returns what a NotedController that receives the messages passes to note().
-inline std::vector<std::pair<std::string, Value>> send_every_message(Client& client) {
+// Gives each connection the controller.
+struct NotedDelegate : NSXPCListenerDelegate {
+  Ref<NotedController> controller = Ref<NotedController>::adopt(new NotedController);
+
+  bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
+    connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
+    connection.setExportedObject(controller.get());
+    connection.activate();
+    return true;
+  }
+};
+
+// Sends every message. Returns what a NotedController that receives the messages records.
+inline NotedController::Messages send_every_message(Client& client) {
   const Value text = Value::string("a"), set = Value::set({text}), array = Value::array({text, Value::string("b")});
   const Value properties = Value::dictionary({{text, Value::array({Value::date(5), Value::boolean(true)})}});
   EXPECT_TRUE(client.ping() && !client.appFilterState());

@@ -4,12 +4,8 @@ import collections
 import contextlib
 import errno
 import itertools
-import os
 import pathlib
-import shutil
 import socket
-import subprocess
-import sys
 import time
 
 from attackers import flood, locked, sender_from
@@ -106,20 +102,9 @@ def HoldsBackTheDatagramThatCompletesAHeldName(world: World):
 def HoldsBack0RTTInTheMiddleOfAHello(world: World):
     first, second = _recorded()
     request = b"\xd0\0\0\0\1\x08destined\0\x40\x40" + bytes(64)  # a 0-RTT packet (RFC 9000, section 17.2.3)
-    safari = world.directory / "com.apple.Safari"
-    shutil.copy(os.path.realpath(sys.executable), safari)
-    send = (
-        "import socket, sys; s = socket.socket(type=socket.SOCK_DGRAM); s.connect((sys.argv[1], 443));"
-        "[s.send(bytes.fromhex(each)) for each in sys.argv[2:]]; sys.stdin.read()"
-    )
-    for provider in ("FilterDataProvider", "PLSafariFilterDataProvider"):
-        with world.filtering(safari.name, provider=provider), _Server() as server:
-            datagrams = [each.hex() for each in (first, request, second)]
-            command = [safari, "-c", send, server.address[0], *datagrams]
-            environment = {"PYTHONHOME": sys.base_prefix}
-            with subprocess.Popen(command, env=environment, stdin=subprocess.PIPE) as browser:
-                server.check_received([first], f"what left, {provider}")
-                check(browser.poll(), None, f"the browser's exit code, {provider}")
+    with world.filtering(PYTHON), _Server() as server, server.client() as browser:
+        check(_send(browser, first, request, second), False, "whether sending failed")
+        server.check_received([first], "what left")
 
 
 def FreesThePortsOfADroppedConversation(world: World):

@@ -1,13 +1,11 @@
 #include <capnp/rpc.capnp.h>
 #include <capnp/serialize.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -15,11 +13,10 @@
 #include "ControlProtocol.capnp.h"
 #include "companion/client/CallTimeout.h"
 #include "platform/StandIn.h"
-#include "platform/XPC.h"
-#include "platform/files/Descriptor.h"
 #include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ListenerSocket.h"
 #include "support/NotedController.h"
+#include "support/Sockets.h"
 #include "support/TemporaryFolder.h"
 
 namespace orvane {
@@ -27,46 +24,33 @@ namespace {
 
 using namespace std::literals;
 
-// A list to which other threads append. A test waits until the list has the expected entries.
-template <class T>
-class Record {
+// The ends of connections, in order. A test waits until they are as expected. Thread-safe.
+class Ends {
  public:
-  void add(T entry) {
+  void add(const std::string& end) {
     std::lock_guard lock(mutex_);
-    all_.push_back(std::move(entry));
+    all_.push_back(end);
   }
-  std::vector<T> all() {
+  std::vector<std::string> all() {
     std::lock_guard lock(mutex_);
     return all_;
   }
-  bool await(const std::vector<T>& expected) {
-    for (int i = 0; i < 10'000 && all() != expected; ++i) std::this_thread::sleep_for(1ms);
+  bool await(const std::vector<std::string>& expected) {
+    for (int i = 0; i < 100'000 && all() != expected; ++i) std::this_thread::sleep_for(1ms);
     return all() == expected;
   }
 
  private:
   std::mutex mutex_;
-  std::vector<T> all_;
+  std::vector<std::string> all_;
 };
 
-struct Exported final : NotedController {
-  Record<std::pair<std::string, Value>> received;
-  std::function<void()> onMessage = [] {};
-  void note(const std::string& message, const Value& value) override {
-    onMessage();
-    received.add({message, value});
-  }
-};
-
-struct Delegate final : NSXPCListenerDelegate {
-  Ref<Exported> exported = Ref<Exported>::adopt(new Exported);
-  Record<std::string> ends;
+struct Delegate final : NotedDelegate {
+  Ends ends;
   std::atomic<bool> handlersAreLate{false};
 
-  bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
-    connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
-    connection.setExportedObject(exported.get());
-    connection.activate();
+  bool shouldAcceptNewConnection(NSXPCListener& listener, NSXPCConnection& connection) override {
+    NotedDelegate::shouldAcceptNewConnection(listener, connection);
     if (handlersAreLate) std::this_thread::sleep_for(20ms);
     connection.setInvalidationHandler([this] { ends.add("invalidated"); });
     connection.setInterruptionHandler([this] { ends.add("interrupted"); });
@@ -90,22 +74,19 @@ class XPC : public testing::Test {
   std::unique_ptr<Client> client() const { return connect_client({.service = "", .socket = path_}); }
 
   // A plain socket that is connected to the service.
-  Descriptor connected() const {
-    Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  Peer connected() const {
+    Peer peer(Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
     sockaddr_un address{AF_UNIX, {}};
     path_.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(connect(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(connect(peer.socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     return peer;
-  }
-  static bool send(const Descriptor& peer, const std::string& bytes) {
-    return ::send(peer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
   static auto errors() { return std::ranges::count(stand_in::take_log(), '!'); }
 
   TemporaryFolder folder_;
   std::string path_ = folder_.path() / "service";
   Ref<Delegate> delegate_ = Ref<Delegate>::adopt(new Delegate);
-  Exported& exported_ = *delegate_->exported;
+  NotedController& exported_ = *delegate_->controller;
 };
 
 std::string message_bytes(const std::function<void(capnp::rpc::Message::Builder)>& fill) {
@@ -144,7 +125,7 @@ TEST_F(XPC, DeliversEveryMessageWithItsArguments) {
   for (size_t i = 0; i < names.size(); ++i) million.insert(Value::string(names[i] = std::to_string(i) + ".example"));
   peer->setHostnames(names, nullptr);
   expected.emplace_back("set", Value::set(million));
-  EXPECT_EQ(exported_.received.all(), expected);
+  EXPECT_EQ(exported_.received(), expected);
 }
 
 TEST_F(XPC, ReportsEditsAfterTheyWereMade) {
@@ -193,27 +174,27 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   peer->setHostnames(Value::set({large.asDictionary().at(name)}));
   EXPECT_THROW(peer->setProperties(large, name), ClientError);
   peer->addHostname(name);
-  decltype(exported_.received.all()) expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
-  EXPECT_EQ(exported_.received.all(), expected);
+  NotedController::Messages expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
+  EXPECT_EQ(exported_.received(), expected);
 }
 
 TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   auto listener = listen();
   auto active = client();
   EXPECT_TRUE(active->ping());
-  std::vector<Descriptor> idle;
+  std::vector<Peer> idle;
   idle.push_back(connected());
   // After this pause, idle[0] has been idle for longer than the other idle connections, in whatever order the extension
   // accepts those.
   std::this_thread::sleep_for(1s);
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(connected());
   EXPECT_TRUE(active->ping());
-  CallTimeout limit(30s);
+  CallTimeout limit(200s);
   auto waiting = client();
   limit.watch(waiting->descriptor());
   EXPECT_NO_THROW(waiting->ping());
   char byte;
-  EXPECT_EQ(recv(idle.front().get(), &byte, 1, MSG_DONTWAIT), 0) << "the longest idle client is still connected";
+  EXPECT_EQ(recv(idle.front().socket.get(), &byte, 1, MSG_DONTWAIT), 0) << "the longest idle client is still connected";
   EXPECT_EQ(delegate_->ends.all().size(), 1u);
   EXPECT_TRUE(active->ping());
 }
@@ -254,32 +235,32 @@ TEST_F(XPC, ReportsHowEachConnectionEnded) {
   for (bool late : {false, true}) {
     delegate_->handlersAreLate = late;
     for (const auto& row : cases) {
-      Descriptor peer = connected();
-      EXPECT_TRUE(send(peer, row.sent));
-      shutdown(peer.get(), SHUT_WR);
+      Peer peer = connected();
+      EXPECT_TRUE(peer.send(row.sent));
+      peer.endSending();
       expected.emplace_back(row.end);
       ASSERT_TRUE(delegate_->ends.await(expected)) << row.what << ": not " << row.end;
     }
   }
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(delegate_->ends.all(), expected) << "an end was reported twice";
-  EXPECT_TRUE(exported_.received.all().empty());
+  EXPECT_TRUE(exported_.received().empty());
   EXPECT_TRUE(bystander->ping());
 }
 
 TEST_F(XPC, StopsReadingWhileRepliesAreUnread) {
   auto listener = listen();
-  Descriptor peer = connected();
+  Peer peer = connected();
   timeval patience{1, 0};
-  setsockopt(peer.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  setsockopt(peer.socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   std::string call = call_bytes(11, [](auto) {}), burst;
   call += message_bytes([](auto message) { message.initFinish().setQuestionId(1); });
   for (int i = 0; i < 100; ++i) burst += call;
   size_t calls = 0;
-  EXPECT_TRUE(send(peer, kOpen));
-  while (calls < 2'000'000 && send(peer, burst)) calls += 100;
+  EXPECT_TRUE(peer.send(kOpen));
+  while (calls < 2'000'000 && peer.send(burst)) calls += 100;
   EXPECT_LT(calls, 50'000u);
-  peer.reset();  // the kernel resets a connection with unread replies
+  peer.socket.reset();  // the kernel resets a connection with unread replies
   EXPECT_TRUE(delegate_->ends.await({"interrupted"}));
 }
 

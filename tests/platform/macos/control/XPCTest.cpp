@@ -1,5 +1,4 @@
 #include "database/Database.h"
-#include "platform/XPC.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/gnustep/xpc/Services.h"
 #include "service/XPCServiceDelegate.h"
@@ -10,26 +9,6 @@ namespace {
 
 using stand_in::take_log;
 using stand_in::take_trace;
-
-struct Exported final : NotedController {
-  std::vector<std::pair<std::string, Value>> received;
-  std::function<void()> beforeEdit = [] {};
-  void note(const std::string& message, const Value& value) override {
-    beforeEdit();
-    received.emplace_back(message, value);
-  }
-};
-
-struct Service final : NSXPCListenerDelegate {
-  Ref<Exported> controller = Ref<Exported>::adopt(new Exported);
-
-  bool shouldAcceptNewConnection(NSXPCListener&, NSXPCConnection& connection) override {
-    connection.setExportedInterface(NSXPCInterface::interfaceWithProtocol(OrvaneSECommunication::kProtocol));
-    connection.setExportedObject(controller.get());
-    connection.activate();
-    return true;
-  }
-};
 
 class XPC : public DatabaseTest {
  protected:
@@ -49,7 +28,7 @@ class XPC : public DatabaseTest {
   }
 
   Ref<NSXPCListener> listener_;
-  Ref<Service> service_ = Ref<Service>::adopt(new Service);
+  Ref<NotedDelegate> service_ = Ref<NotedDelegate>::adopt(new NotedDelegate);
 };
 
 TEST_F(XPC, ConnectsEveryClientToTheControlObject) {
@@ -99,7 +78,7 @@ TEST_F(XPC, LogsAnInvalidServiceName) {
 TEST_F(XPC, CarriesOutEachMessageBeforeItsCallReturns) {
   listen(service_);
   const auto expected = send_every_message(*connect());
-  EXPECT_EQ(service_->controller->received, expected);
+  EXPECT_EQ(service_->controller->received(), expected);
 }
 
 // If an argument, or an element of a container, has a class that the method does not take, the extension's side drops
@@ -126,7 +105,7 @@ TEST_F(XPC, ReportsAnEndDuringACall) {
   for (bool restarted : {false, true}) {
     for (const Client::Progress& progress : {Client::Progress(), Client::Progress(deliver)}) {
       auto client = connect();
-      service_->controller->beforeEdit = [restarted] { stand_in::break_connections(restarted); };
+      service_->controller->onMessage = [restarted] { stand_in::break_connections(restarted); };
       EXPECT_NE(failure([&] { client->setHostnames(std::vector<std::string>{"x"}, progress); }), "")
           << "restarted: " << restarted;
       EXPECT_NE(failure([&] { client->ping(); }), "") << "restarted: " << restarted << ", later call";
