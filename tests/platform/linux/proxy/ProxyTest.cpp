@@ -95,6 +95,23 @@ TEST_F(ProxyTest, CarriesOutVerdicts) {
   EXPECT_EQ(arrived, "onebreakthree");
 }
 
+TEST_F(ProxyTest, ReadsTheServerNameOfATunnelToAnAddress) {
+  Server server([](Peer& peer) {
+    for (char byte = 0; recv(peer.socket.get(), &byte, 1, 0) > 0;) peer.send({byte});
+  });
+  start(NEFilterAction::FilterData);
+  provider->newFlow = kExamine;
+  Peer peer = tunnel("127.0.0.1", server.port());
+  peer.read("\r\n\r\n");
+  const std::string bytes = "GET / HTTP/1.1\r\nhost: Held.Example.:80\r\n\r\n";
+  for (size_t at = 0; at < bytes.size(); at += 20) {
+    ASSERT_TRUE(peer.send(bytes.substr(at, 20)));
+    std::this_thread::sleep_for(2ms);
+  }
+  EXPECT_EQ(peer.read(bytes), bytes);
+  EXPECT_EQ(provider->take().calls, "new -; data 0 held.example; ");
+}
+
 class ProxyPlacesTest : public testing::Test {
  protected:
   using Clock = ProxyPlaces::Clock;
