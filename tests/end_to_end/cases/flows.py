@@ -4,9 +4,11 @@ import collections
 import pathlib
 import shutil
 import socket
+import struct
 import subprocess
 import time
 
+import name_server
 import programs
 from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, iptables, outcome
@@ -102,3 +104,16 @@ def WaitsForALostFirstPacket(world: World):
             time.sleep(0.1)  # the second packet passes
             iptables("iptables -t raw -F OUTPUT")
             check(outcome(connection), expected, f"{browser} is the browser")
+
+
+def AllowsDNSQuestionsAndLogsThem(world: World):
+    with world.filtering(PYTHON) as extension:
+        query = name_server.question(HELD)
+        for kind, over in ((socket.SOCK_DGRAM, "UDP"), (socket.SOCK_STREAM, "TCP")):
+            since = extension.log_size()
+            with socket.socket(socket.AF_INET, kind) as connection:
+                connection.settimeout(20)
+                connection.connect(("127.0.0.1", 53))
+                connection.sendall(query if over == "UDP" else struct.pack("!H", len(query)) + query)
+                check(socket.inet_aton("127.0.0.1") in connection.recv(512), True, f"an answer over {over}")
+            extension.wait_for(r"handleOutboundDataFromFlow: DNS flow", since)
