@@ -25,6 +25,9 @@ namespace {
 constexpr std::string_view kAlways = "always";  // in place of a schedule
 constexpr std::string_view kOff = "off";        // in place of a delay
 
+// The keeper computes the end of a lock from two clocks in whole seconds.
+constexpr std::chrono::seconds kClockTolerance(2);
+
 struct Arguments {
   std::string group{kDefaultGroupName};
   std::vector<std::string> spans;
@@ -82,11 +85,17 @@ int remove(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
+// ": in force until 17:00"
+std::string force_note(const Group& group) {
+  const Moment now = now_in_seconds();
+  return ": " + state_text(group, {group.name, group.isInForce(now), group.nextChange(now), {}, 0}, now);
+}
+
 int enable(const CommonOptions& options, const Arguments& arguments) {
   return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
-    if (list.groups()[group].isEnabled) return "";
+    if (list.groups()[group].isEnabled) return std::string();
     list.setSetting(group, kEnabledKey, {});
-    return "enabled";
+    return "enabled" + force_note(list.groups()[group]);
   });
 }
 
@@ -111,8 +120,9 @@ int schedule(const CommonOptions& options, const Arguments& arguments) {
   return change_group(options, arguments, [&](BlockList& list, GroupIndex group) {
     if (list.groups()[group].schedule == wanted) return std::string();
     list.setSetting(group, kScheduleKey, wanted.texts());
-    const bool isAlways = wanted.isEmpty();
-    return (isAlways ? "always in force" : "has a new schedule" + delay_note(list.groups()[group]));
+    const Group& changed = list.groups()[group];
+    if (wanted.isEmpty()) return "without a schedule" + force_note(changed);
+    return "has a new schedule" + (changed.delay.count() > 0 ? delay_note(changed) : force_note(changed));
   });
 }
 
@@ -186,7 +196,8 @@ int show_locks(const CommonOptions& options) {
     locks.push_back({{"group", state.name},
                      {"lockedUntil", time_text(*state.lockedUntil)},
                      {"pendingChanges", state.pendingChanges}});
-    if (!options.json) std::printf("%s%s\n", state.name.c_str(), guard_text(state, now_in_seconds()).c_str());
+    if (!options.json)
+      std::printf("%s: %s\n", state.name.c_str(), guard_text(state, now_in_seconds()).substr(2).c_str());
   }
   if (options.json) print_json(locks);
   if (!options.json && locks.empty()) std::puts("no group is locked");
@@ -213,7 +224,8 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   if (options.json) {
     print_json({{"group", arguments.group}, {"lockedUntil", time_text(*end)}});
   } else {
-    std::printf("%s: locked %s\n", arguments.group.c_str(), suspension_text(*end, now).c_str());
+    const char* already = *end > until + kClockTolerance ? "already " : "";
+    std::printf("%s: %slocked %s\n", arguments.group.c_str(), already, suspension_text(*end, now).c_str());
   }
   return kDone;
 }

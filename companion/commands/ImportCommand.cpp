@@ -213,7 +213,7 @@ int undo(const CommonOptions& options) {
   } else {
     std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
                 counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
-    if (counts.groups > 0) std::printf("%s removed or as before\n", counted(counts.groups, "group", "groups").c_str());
+    if (counts.groups > 0) std::printf("%s removed or restored\n", counted(counts.groups, "group", "groups").c_str());
     print_delays(delayed);
   }
   return kDone;

@@ -51,7 +51,8 @@ struct Change {
   bool changed = false;
   std::string outcome;         // in words; may be empty
   bool isMeantToBlock = true;  // false if the command lets the host pass
-  std::string otherLine{};     // the result of opposite_line()
+  // The line that has the opposite effect on the host, and its group; empty if there is none.
+  std::string otherLine{}, otherGroup{};
 };
 
 // The two steps of a command: FindSites returns the sites of the group that the command is about, each once; ChangeSite
@@ -188,7 +189,8 @@ void print_change(const Change& change) {
   if (!change.outcome.empty()) line += ": " + change.outcome;
   if (!change.otherLine.empty())
     line += (change.isMeantToBlock ? "; but allowed by the exception " : "; still blocked by the line ") +
-            in_quotes(change.otherLine);
+            in_quotes(change.otherLine) +
+            (change.otherGroup == kDefaultGroupName ? "" : " of the group " + change.otherGroup);
   std::puts(line.c_str());
 }
 
@@ -226,32 +228,40 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
   print_json({{"sites", std::move(sites)}, {"changed", changed}, {"inForce", json_or_null(inForce)}});
 }
 
-// If the command lets a host pass: the line that blocks the host all the same. If the command blocks a host: the line
-// of the exception that lets the host pass all the same. Empty if there is no such line.
-std::string opposite_line(const BlockList& list, const Change& change, Moment now, const GroupStates& states) {
+// If the command lets a host pass: finds the line that blocks the host all the same. If the command blocks a host:
+// finds the exception that lets the host pass all the same.
+void find_opposite_line(const BlockList& list, Change& change, Moment now, const GroupStates& states) {
   const Decision decision = decide(list, change.site.host, now, states);
-  if (!change.isMeantToBlock) return decision.isBlocked() ? line_of(*decision.blocking) : "";
-  return decision.blocking != nullptr && decision.exception != nullptr ? line_of(*decision.exception) : "";
+  const bool isOpposed =
+      change.isMeantToBlock ? decision.blocking != nullptr && decision.exception != nullptr : decision.isBlocked();
+  if (!isOpposed) return;
+  const ListedSite& other = change.isMeantToBlock ? *decision.exception : *decision.blocking;
+  change.otherLine = line_of(other);
+  change.otherGroup = list.groupOf(other).name;
 }
 
 int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
                 const ChangeSite& change) {
   std::vector<Change> changes;
   size_t sites = 0;
+  const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     changes.clear();
     bool changed = false;
     const GroupIndex group = find_group(list, arguments.group);
-    const std::string note = delay_note(list.groups()[group]);
+    const std::string delay = delay_note(list.groups()[group]);
+    const auto state = states_of_groups(list, keeper, now)[group];
+    const std::string outOfForce =
+        state.isInForce ? "" : "; but the group " + state.name + " is " + state_text(list.groups()[group], state, now);
     for (ListedSite& site : find(list, group)) {
       changes.push_back(change(list, std::move(site)));
       changed = changed || changes.back().changed;
-      if (!changes.back().isMeantToBlock) changes.back().outcome += note;
+      changes.back().outcome += changes.back().isMeantToBlock ? outOfForce : delay;
     }
     // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides
     // about a site that was changed earlier.
     const GroupStates states = group_states(list, now);
-    for (Change& each : changes) each.otherLine = opposite_line(list, each, now, states);
+    for (Change& each : changes) find_opposite_line(list, each, now, states);
     sites = list.size();
     return changed;
   });
@@ -296,15 +306,34 @@ int block(const CommonOptions& options, const Arguments& arguments) {
   return code;
 }
 
+// For a new exception: says when it has an effect, if a group other than its own blocks the host and has a lock or a
+// delay. Otherwise empty.
+std::string guard_note(const BlockList& list, const ListedSite& site, const std::optional<KeeperState>& keeper,
+                       Moment now) {
+  for (size_t i = 0; i < list.groups().size(); ++i) {
+    const Group& group = list.groups()[i];
+    const bool isLocked = lock_end(keeper, group.name).has_value();
+    if (i == site.group || (!isLocked && group.delay.count() == 0)) continue;
+    GroupStates onlyThis{std::vector<bool>(list.groups().size()), {}};
+    onlyThis.isInForce[i] = true;
+    const Decision decision = decide(list, site.host, now, onlyThis);
+    if (decision.blocking == nullptr && decision.suspended == nullptr) continue;
+    return isLocked ? "; has no effect until the lock of the group " + group.name + " ends" : delay_note(group);
+  }
+  return "";
+}
+
 int allow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
+  const auto keeper = keeper_of_list(options);
   refuse_if_locked(options, arguments.group, "add exceptions");
   return change_list(
       options, arguments, now, new_sites(arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
         const ListedSite* found = list.find(site.host, site.group);
         std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
         const bool changed = list.put(site);
-        if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it";
+        if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it now";
+        outcome += guard_note(list, site, keeper, now);
         return Change{std::move(site), changed, std::move(outcome), false};
       });
 }

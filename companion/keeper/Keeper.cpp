@@ -320,6 +320,9 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
     const auto old =
         std::find_if(before.begin(), before.end(), [&](const auto& each) { return each.name == group.name; });
     const bool wasLocked = old != before.end() && old->lockedUntil;
+    // The two clocks do not tick at the same moment, so the result varies by a second.
+    if (state.lockedUntil && wasLocked && std::chrono::abs(*state.lockedUntil - *old->lockedUntil) <= 1s)
+      state.lockedUntil = old->lockedUntil;
     if (state.lockedUntil && !wasLocked)
       keeper_log(LogLevel::Notice, "the group " + group.name + " is locked until " + time_text(*state.lockedUntil));
     if (!state.lockedUntil && wasLocked)

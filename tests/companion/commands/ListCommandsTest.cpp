@@ -39,7 +39,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"list --json | grep -c until", 0, "1\n"},
       {"resume example.com", 0, "example.com and its subdomains: blocked again\n"},
       {"allow x.example.com free.example", 0,
-       "x.example.com and its subdomains: allowed\nfree.example and its subdomains: allowed; no line blocks it\n"},
+       "x.example.com and its subdomains: allowed\nfree.example and its subdomains: allowed; no line blocks it now\n"},
       {"block a.x.example.com", 0,
        "a.x.example.com and its subdomains: blocked; but allowed by the exception \"x.example.com allowed\"\n"},
       {"suspend x.example.com --for 1h", 2, ""},
@@ -90,7 +90,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"import '%.none'", 1, ""},
       {"group add work", 0, "work: added, without sites\n"},
       {"group add 'no name'", 2, ""},
-      {"group schedule work 'Mon..Fri 9:00-17:00' Sat", 0, "work: has a new schedule\n"},
+      {"group schedule work always", 0, "work: unchanged\n"},
+      {"group schedule work 'Mon..Fri 9:00-17:00' Sat | sed -E 's/: (not )?in force until.*//'", 0,
+       "work: has a new schedule\n"},
       {"group schedule work Mon-Fri", 2, ""},
       {"group delay work 15m", 0, "work: a removal or suspension has an effect after 15 min\n"},
       {"group delay work 8d", 2, ""},
@@ -99,7 +101,11 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"list", 0,
        "[group work]\nschedule = Mon..Fri 09:00-17:00\nschedule = Sat 00:00-24:00\nenabled = no\ndelay = 15m\n"},
       {"block W.example a.example --group work", 0,
-       "w.example and its subdomains: blocked\na.example and its subdomains: blocked\n"},
+       "w.example and its subdomains: blocked; but the group work is disabled\n"
+       "a.example and its subdomains: blocked; but the group work is disabled\n"},
+      {"allow x.w.example && '" ORVANECTL "' --list '%' disallow --all", 0,
+       "x.w.example and its subdomains: allowed; no line blocks it now; has an effect in 15 min\n"
+       "x.w.example and its subdomains: no longer an exception\n"},
       {"block w.example --group play", 2, ""},
       {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
        "work: its removed sites stay blocked for 15 min\n"},
@@ -110,6 +116,14 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"suspend --all --for 1h --group work | grep -c '(1 h 15 min left); has an effect in 15 min'", 0, "2\n"},
       {"suspend --all --until 'in 10 min' --group work", 2, ""},
       {"resume --all --group work >'%.out' && grep -c again '%.out'", 0, "2\n"},
+      {"group enable work >/dev/null; '" ORVANECTL "' --list '%' group schedule work always >'%.out' && '" ORVANECTL
+       "' --list '%' block w.example 2>'%.out' && '" ORVANECTL "' --list '%' unblock w.example",
+       0,
+       "w.example and its subdomains: blocked\n"
+       "w.example and its subdomains: removed from the list; still blocked by the line \"w.example\" of the group "
+       "work\n"},
+      {"group schedule work 'Mon..Fri 9:00-17:00' Sat >'%.out' && '" ORVANECTL "' --list '%' group disable work", 0,
+       "work: disabled; has an effect in 15 min\n"},
       {"unblock --all", 0, ""},
       {"unblock w.example a.example --group work", 0,
        "w.example and its subdomains: removed from the list; has an effect in 15 min\n"
