@@ -4,13 +4,15 @@
 #include <linux/netlink.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <memory>
+#include <fstream>
+#include <string>
 
 namespace orvane {
 namespace {
@@ -88,6 +90,22 @@ inet_diag_req_v2 dump_request(const SocketPair& pair, uint8_t family) {
   return request;
 }
 
+// The indexes of all interfaces. if_nameindex(3) waits for the kernel's RTNL lock, and any user can keep this lock for
+// ever: the kernel holds it while it copies a request (SIOCETHTOOL) from the user's memory. Nothing here takes the
+// lock.
+std::vector<uint32_t> interface_indexes(int socket) {
+  std::vector<uint32_t> indexes;
+  std::ifstream devices("/proc/thread-self/net/dev");  // a line for each interface: spaces, the name, ':', counters
+  for (std::string line; std::getline(devices, line);) {
+    const size_t begin = line.find_first_not_of(' '), end = line.find(':');
+    ifreq request{};
+    if (end == std::string::npos || end - begin >= sizeof request.ifr_name) continue;
+    line.copy(request.ifr_name, end - begin, begin);
+    if (::ioctl(socket, SIOCGIFINDEX, &request) == 0) indexes.push_back(static_cast<uint32_t>(request.ifr_ifindex));
+  }
+  return indexes;
+}
+
 }  // namespace
 
 SocketDiagnostics::SocketDiagnostics() : netlink_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {
@@ -117,9 +135,8 @@ std::optional<SocketFacts> SocketDiagnostics::find(const SocketPair& pair) {
   // The exact look-up finds a socket that is bound to an interface only if the request names the interface, so each
   // interface is tried. A dump of all TCP sockets would take a hundred times as long, because the kernel walks its
   // whole hash table, whose size depends on the machine's memory.
-  std::unique_ptr<struct if_nameindex, void (*)(struct if_nameindex*)> interfaces(::if_nameindex(), ::if_freenameindex);
-  for (const auto* each = interfaces.get(); each != nullptr && each->if_index != 0; ++each) {
-    exact.id.idiag_if = each->if_index;
+  for (uint32_t interface : interface_indexes(netlink_.get())) {
+    exact.id.idiag_if = interface;
     if (!query(exact, 0, keepBest) || found) break;
   }
   return found;
