@@ -21,7 +21,7 @@ bool normalize_hostname(std::string_view given, std::string& name, std::string& 
 std::string_view host_in(std::string_view given);
 
 // Converts the international labels of a name to Unicode. The name must have the form of normalize_hostname(). Empty if
-// it has no international label.
+// unicode_label() (Idna.h) converts none of its labels.
 std::string unicode_hostname(std::string_view name);
 
 // For people: the name, or for an international name both forms, as in "b\u00fccher.example (xn--bcher-kva.example)".

@@ -50,7 +50,7 @@ struct Block {
 
   // Null if the system has no memory.
   static Block* make() {
-    // Twice the size contains an aligned block. The rest is unmapped again.
+    // Memory of twice the size contains an aligned block, wherever the system maps it. The rest is unmapped again.
     void* mapped = mmap(nullptr, 2 * kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANON, -1, 0);
     if (mapped == MAP_FAILED) return nullptr;
     const size_t before = (kBytes - reinterpret_cast<uintptr_t>(mapped) % kBytes) % kBytes;

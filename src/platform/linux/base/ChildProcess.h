@@ -14,8 +14,8 @@ class ChildProcess {
  public:
   // Forks. The child has its own session, so that signals from the terminal do not reach it, and ignores SIGTERM, which
   // a service manager sends to all processes of a service. It closes all descriptors except `kept`: otherwise a file
-  // would stay open in the child after this process has closed it. Then it calls `run`, and ends. This process has
-  // threads, so `run` must call nothing that takes a lock or allocates memory. Returns false and sets errno on failure.
+  // would stay open in the child after the parent has closed it. Then it calls `run`, and ends. The parent has threads,
+  // so `run` must call nothing that takes a lock or allocates memory. Returns false and sets errno on failure.
   bool start(const char* name, std::vector<int> kept, const std::function<void()>& run);
 
   // A descriptor for poll(2), readable when the child has ended.

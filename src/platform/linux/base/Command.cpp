@@ -19,7 +19,7 @@ namespace orvane {
 namespace {
 
 // A new file in memory that contains the text. A program that run_command() starts gets such files as its standard
-// streams. With pipes, the program and this process could wait for each other forever.
+// streams. With pipes, the program and run_command() could wait for each other forever.
 Descriptor file_with(std::string_view text) {
   Descriptor file(memfd_create("orvane-command", MFD_CLOEXEC));
   if (!file || !write_all(file.get(), text)) return {};

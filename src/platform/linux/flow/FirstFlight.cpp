@@ -37,7 +37,8 @@ FirstFlight::Added FirstFlight::addPiece(uint64_t offset, std::span<const uint8_
   const auto last = std::ranges::upper_bound(first, pieces_.end(), merged.end, {}, &Piece::begin);
   if (first == last && offset > length_ && pieces_.size() == kPiecesLimit) return Added::Full;
 
-  // Bytes that next() has returned are removed only when they are the greater part: each removal moves the rest.
+  // Bytes that next() has returned are removed only when stored_ has no other bytes, or when they are more than half of
+  // stored_, because a removal moves the other bytes.
   const auto returned = static_cast<size_t>(length_ - storedFrom_);
   if (pieces_.empty() || returned > stored_.size() / 2) {
     stored_.erase(stored_.begin(), stored_.begin() + static_cast<ptrdiff_t>(std::min(returned, stored_.size())));

@@ -89,7 +89,7 @@ class XMLReader {
   Value read(std::span<const uint8_t> bytes, std::string* fault) {
     static std::once_flag initialised;
     std::call_once(initialised, xmlInitParser);
-    // By default libxml2 prints encoding errors to standard error. This function, which does nothing, prevents that.
+    // By default libxml2 prints encoding errors to standard error. A function that does nothing prevents that.
     xmlSetStructuredErrorFunc(nullptr, [](void*, auto*) {});
     std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> context(xmlNewParserCtxt(), xmlFreeParserCtxt);
     if (!context) {

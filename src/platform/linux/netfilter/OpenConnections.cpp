@@ -27,8 +27,8 @@ void OpenConnections::add(OpenConnection connection) {
   ++ofUser_[connection.user];
   if (size() > kUnchecked) checks_ += 2;
   if (ofUser_[connection.user] > kLimitOfUser) {
-    // This takes long if other users have thousands of older connections. But the time counts as this user's time
-    // (PacketBacklog), so other users do not wait for it.
+    // The search takes long if other users have thousands of older connections. But its time counts as the time of this
+    // connection's user (PacketBacklog), so other users do not wait for it.
     erase(*std::find_if(ages_.begin(), ages_.end(), [&](auto each) { return each->second.user == connection.user; }));
   }
   if (size() > kLimit) erase(ages_.front());
@@ -131,7 +131,7 @@ void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
   nextRemoval_ = now + std::max<Clock::duration>(kCheckInterval, 10 * used);
 }
 
-// Returns the connection's user.
+// Checks the connection that was added or checked longest ago, and removes it if it has ended. Returns its user.
 uid_t OpenConnections::checkOldest() {
   const auto oldest = ages_.front();
   const uid_t user = oldest->second.user;

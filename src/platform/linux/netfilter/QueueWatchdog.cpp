@@ -26,8 +26,8 @@ constexpr int kCheckMilliseconds = 250;
 constexpr int kSilentChecks = QueueWatchdog::kTimeoutMilliseconds / kCheckMilliseconds;
 constexpr int kStarvedChecks = QueueWatchdog::kLongestStarvationMilliseconds / kCheckMilliseconds;
 constexpr uint32_t kLongestWaitChecks = QueueWatchdog::kLongestWaitMilliseconds / kCheckMilliseconds;
-// The child sleeps after this number of checks that found no packets. More checks than one, because falling asleep and
-// waking up cost more than a check.
+// The child sleeps after this number of checks in a row that found neither packets nor a heartbeat. One such check is
+// not enough, because falling asleep and waking up cost more than a check.
 constexpr int kQuietChecks = 4;
 
 std::string failure(const char* what) {

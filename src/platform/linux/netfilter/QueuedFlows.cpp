@@ -169,7 +169,7 @@ void QueuedFlows::limitStored(Flow& flow) {
   }
 }
 
-// Whether an open flow may not go on without a name.
+// Whether the flow has lost bytes, or its user has too many open flows. Such an open flow does not wait for its name.
 bool QueuedFlows::isBeyondLimit(const Flow& flow) const {
   const size_t ofUser = users_.at(flow.user).flows;
   return flow.open->hasLostBytes || ofUser > kOpenLimitOfUser ||
@@ -231,7 +231,8 @@ void QueuedFlows::noteUnjudged(const Packet& packet) {
   unjudged_.try_emplace(packet.ends, packet.sequence);
 }
 
-// The queue may have lost the connection's first packets.
+// Tells the flight the sequence number of the connection's first byte, if it is known, because the queue may have lost
+// the connection's first packets.
 void QueuedFlows::expectFirstByte(Examination& open, const Packet& packet, const std::optional<SocketFacts>& socket) {
   if (socket && socket->firstByte) open.flight.expect(*socket->firstByte);
   if (unjudged_.empty()) return;

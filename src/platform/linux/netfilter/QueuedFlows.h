@@ -64,9 +64,9 @@ class QueuedFlows {
   void recordAllowed();
 
   // Decides about an outbound packet. If the verdict on a UDP flow is Dropped, aborts the flow's socket, because
-  // Firefox does not notice that a datagram was rejected after the call that sent it. Another conversation of the
-  // socket would end, too, but browsers open a socket for each QUIC connection. Later packets of the flow are held,
-  // because after the abort, other flows may use the ports.
+  // Firefox notices the rejection of a datagram only during the call that sends the datagram, and the verdict comes
+  // later. Another conversation of the socket would end, too, but browsers open a socket for each QUIC connection.
+  // Later packets of the flow are held, because after the abort, other flows may use the ports.
   PacketVerdict judge(const Packet& packet, Clock::time_point now = Clock::now());
 
   // Decides about an inbound packet; the server is `packet.ends.local`. Only an ignored or allowed packet may reach its

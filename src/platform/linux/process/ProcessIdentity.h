@@ -100,7 +100,7 @@ class ProcessIdentity {
     bool canBeCached = true;
     std::vector<std::pair<pid_t, ProcessChanges::Version>> versions;
     std::chrono::steady_clock::time_point found =
-        std::chrono::steady_clock::time_point::max();  // the earliest `found` of these processes
+        std::chrono::steady_clock::time_point::max();  // the earliest `found` of the processes in `versions`
     std::shared_ptr<const ApplicationEntries> applications;
   };
 

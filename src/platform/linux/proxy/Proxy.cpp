@@ -24,7 +24,7 @@ namespace orvane {
 
 using namespace std::chrono_literals;
 
-// The proxy and the threads of its connections own this together, because the threads may outlive the proxy.
+// The proxy and the threads of its connections own this object together, because the threads may outlive the proxy.
 struct Proxy::Shared {
   explicit Shared(size_t connectionLimit) : places(connectionLimit) {}
 

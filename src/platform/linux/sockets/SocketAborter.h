@@ -10,14 +10,14 @@
 
 namespace orvane {
 
-// Aborts datagram sockets: the program's waiting or next call fails with ECONNABORTED, and the socket loses its peer
-// and, unless the program has chosen it, its port. Needs CAP_NET_ADMIN.
+// Aborts datagram sockets: the program's waiting or next call fails with ECONNABORTED, and the socket loses its peer.
+// It also loses its port, unless the program has chosen the port. Needs CAP_NET_ADMIN.
 //
 // A child process makes the kernel's calls, because such a call first waits for the socket's lock, and a user can keep
-// the lock of his socket for ever: the kernel holds it while it copies the arguments of some system calls, and the user
-// can let the copy wait, for example with memory that is mapped from a file in FUSE (setsockopt(2), SO_ATTACH_FILTER).
-// The caller never waits for the child. A child that waits for a lock cannot even be killed, and then no socket is
-// aborted until the lock is free.
+// the lock of his socket for ever: the kernel holds the lock while it copies the arguments of some system calls, and
+// the user can let the copy wait, for example with memory that is mapped from a file in FUSE (setsockopt(2),
+// SO_ATTACH_FILTER). The caller never waits for the child. A child that waits for a lock cannot even be killed, and
+// then no socket is aborted until the lock is free.
 //
 // Not thread-safe.
 class SocketAborter {

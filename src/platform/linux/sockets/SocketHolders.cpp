@@ -283,7 +283,7 @@ std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& 
   processes.update(std::min(limits.processes, search.budget().left() / 2));
   const auto& byUser = processes.byUser();
   // Root's processes come second: if a user's process may not be dumped (prctl(2), PR_SET_DUMPABLE), its files in /proc
-  // belong to root, so this process is listed under root.
+  // belong to root, so the user's process is listed under root.
   for (uid_t first : {user, uid_t{0}}) {
     auto own = byUser.find(first);
     if (own == byUser.end()) continue;

@@ -112,8 +112,8 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
   return std::nullopt;
 }
 
-// Checks that the programs see this process, and that they record it under the identifier that /proc uses. In a
-// container neither is certain. The check connects a datagram socket, which sends no packet.
+// Checks that the programs see the extension's own process, and that they record it under the identifier that /proc
+// uses. In a container neither is certain. The check connects a datagram socket, which sends no packet.
 std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   Descriptor trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in target{};

@@ -14,7 +14,7 @@ bool is_same(const Ref<T>& object, const T* other) {
 
 }  // namespace
 
-// The process whose member is this key.
+// The kept process whose member `member` equals `key`; processes_.end() if there is none.
 template <class Member, class Key>
 std::list<SigningCache::Process>::iterator SigningCache::position(Member member, const Key& key) {
   return std::find_if(processes_.begin(), processes_.end(),
