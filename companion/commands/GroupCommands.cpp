@@ -25,7 +25,8 @@ namespace {
 constexpr std::string_view kAlways = "always";  // in place of a schedule
 constexpr std::string_view kOff = "off";        // in place of a delay
 
-// The keeper computes the end of a lock from two clocks in whole seconds.
+// How far the end of a lock, as the keeper publishes it, may be from the requested end: the keeper computes the end
+// from two clocks, in whole seconds.
 constexpr std::chrono::seconds kClockTolerance(2);
 
 struct Arguments {

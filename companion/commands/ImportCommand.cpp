@@ -79,7 +79,7 @@ struct Outcome {
   std::optional<bool> inForce;
 };
 
-// The groups with a delay among those that lose some of the sites of `lost`.
+// The groups of `list` that have a delay and lose sites. `lost`: a list of the sites that the groups lose.
 std::vector<Group> delayed_groups(const BlockList& list, const BlockList& lost) {
   std::vector<Group> delayed;
   const std::vector<size_t> sites = lost.sitesOfGroups();

@@ -320,7 +320,8 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
     const auto old =
         std::find_if(before.begin(), before.end(), [&](const auto& each) { return each.name == group.name; });
     const bool wasLocked = old != before.end() && old->lockedUntil;
-    // The two clocks do not tick at the same moment, so the result varies by a second.
+    // The clocks `now.wall` and `now.running` do not tick at the same moment, so the end may differ by a second from
+    // the last result for the same lock. Keep that result then.
     if (state.lockedUntil && wasLocked && std::chrono::abs(*state.lockedUntil - *old->lockedUntil) <= 1s)
       state.lockedUntil = old->lockedUntil;
     if (state.lockedUntil && !wasLocked)

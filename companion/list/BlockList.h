@@ -134,7 +134,7 @@ class BlockList {
 
 // Gives `list` a group with the name and the settings of `group`, except for a request for a lock. Returns its index.
 GroupIndex copy_settings(const Group& group, BlockList& list);
-// Whether the groups have the same settings. A request for a lock is none.
+// Whether the two groups have the same settings. A request for a lock does not count as a setting.
 bool has_same_settings(const Group& one, const Group& other);
 
 // Which groups are in force at a moment.

@@ -246,12 +246,12 @@ class ImportReader {
 
   std::optional<Scope> scope_;
   const bool hasGroups_;
-  const std::string firstGroup_;  // of the lines before the first header
+  const std::string firstGroup_;  // the group of the lines before the first header
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   std::optional<GroupIndex> group_;
   ImportedSites result_;
-  // For each group. The maps point into result_.sites.
+  // For each group, its sites by host. The pointers lead into result_.sites.
   std::deque<std::unordered_map<std::string_view, ListedSite*, KeyedHash>> siteByHost_;
 };
 
@@ -276,7 +276,7 @@ ImportedSites read_import(std::string_view text, const ImportOptions& options, c
 
 namespace {
 
-// Where a group of an import is in the list, and in the record of the import.
+// The index of an imported group in the list, and its indexes in the two lists of the import's record.
 struct Place {
   GroupIndex list, before, after;
 };
@@ -308,7 +308,7 @@ void put_in(BlockList& list, GroupIndex group, ListedSite site) {
   list.put(std::move(site));
 }
 
-// Removes the sites that the import does not have from the groups that it has.
+// In each group of the import, removes the sites that the import does not have.
 void remove_others(BlockList& list, const ImportedSites& imported, const std::vector<Place>& places,
                    ImportCounts& counts) {
   using Hosts = std::unordered_set<std::string_view, KeyedHash>;

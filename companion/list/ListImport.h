@@ -64,7 +64,7 @@ struct ImportCounts {
   size_t unchanged = 0;  // already on the list in the same form
   size_t removed = 0;    // only when the list is replaced
   size_t groups = 0;     // groups that were added, or got settings
-  // The groups whose settings the import did not take over, because they have sites already.
+  // The groups that kept their own settings instead of the imported ones, because they had sites already.
   std::vector<std::string> unchangedGroups;
   ImportRecord record;
   bool hasChanges() const { return added + changed + removed + groups > 0; }

@@ -79,7 +79,7 @@ class ClientHelloReader {
   size_t extensionsLeft_ = 0;  // bytes of the list of extensions after the current field
   std::string name_;
   bool hasEncryptedHello_ = false;
-  bool isRead_ = false;  // whether all bytes of the hello that can be read were read
+  bool isRead_ = false;  // whether the hello was read to its end, or as far as it is well formed
 };
 
 }  // namespace orvane

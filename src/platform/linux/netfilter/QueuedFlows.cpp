@@ -36,8 +36,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
   if (packet.ends.protocol == IPPROTO_TCP && packet.payload.empty() && !ends) return PacketVerdict::Ignored;
 
   const auto socket = owners_.sender(packet.ends, packet.user);
-  // The answers to such a datagram go to the other user's socket, so a browser cannot use it to reach a host. Nobody
-  // but that socket's program may change its flow.
+  // Another user has sent this datagram with the endpoints of the socket. The answers go to the socket, so no browser
+  // can reach a host with such datagrams. Only the socket's own program may change the state of the flow.
   if (socket && socket->isOthers) return PacketVerdict::Ignored;
   auto flow = findOrCreate(packet.ends, socket, now);
   if (beginsOtherConnection(*flow, packet)) {
@@ -55,7 +55,8 @@ PacketVerdict QueuedFlows::judge(const Packet& packet, Clock::time_point now) {
     // The kernel rules queue the Initial packets of an allowed QUIC connection, too, so these packets are not late.
     const bool isLate = flow->generation != generation_ && flow->connectionIDs.empty();
     if (isLate) flow_counters().lateQueued.fetch_add(1, std::memory_order_relaxed);
-    // The flow's socket may have been aborted since, and then Dropped would mark the next conversation on its ports.
+    // The flow's socket may have been aborted after the verdict. Another conversation may now use its ports, and the
+    // verdict Dropped would mark that conversation.
     const bool isAborted = flow->isDropped && packet.ends.protocol == IPPROTO_UDP;
     return isAborted ? PacketVerdict::Held : verdictOf(*flow);
   }

@@ -91,8 +91,8 @@ class QueuedFlows {
   // are remembered.
   void allowSocket(uint64_t cookie) { settleSocket(cookie, PacketVerdict::Allowed); }
 
-  // From now on, packets of this allowed flow get the verdict Dropped: the packets that are in the queue already, and,
-  // if connection tracking forgets a TCP connection, the connection's later packets. The socket of a UDP flow is
+  // From now on, judge() lets no packet of this allowed flow pass: neither the packets that are in the queue already,
+  // nor, if connection tracking forgets a TCP connection, the connection's later packets. The socket of a UDP flow is
   // aborted.
   //
   // A QUIC client may go on with the connection from another address or port (RFC 9000, section 9). So for

@@ -91,8 +91,8 @@ inet_diag_req_v2 dump_request(const SocketPair& pair, uint8_t family) {
 }
 
 // The indexes of all interfaces. if_nameindex(3) waits for the kernel's RTNL lock, and any user can keep this lock for
-// ever: the kernel holds it while it copies a request (SIOCETHTOOL) from the user's memory. Nothing here takes the
-// lock.
+// ever: the kernel holds the lock while it copies a request (SIOCETHTOOL) from the user's memory. This function makes
+// no call that takes the lock.
 std::vector<uint32_t> interface_indexes(int socket) {
   std::vector<uint32_t> indexes;
   std::ifstream devices("/proc/thread-self/net/dev");  // a line for each interface: spaces, the name, ':', counters

@@ -31,8 +31,8 @@ bool is_opener(const ProcessInformation& process, const SocketOpener& opener) {
   return process.startTime() * kTick <= opener.time;
 }
 
-// Whether this process has the initial user namespace's user ids. The packet queue reports these ids, and the socket
-// diagnostics the ids of the own namespace.
+// Whether the extension's user namespace has the same user ids as the initial user namespace. The packet queue reports
+// a user by the id in the initial namespace, but the socket diagnostics by the id in the extension's namespace.
 bool has_initial_users() {
   std::ifstream map("/proc/self/uid_map");
   uint32_t first = 1, initial = 1, count = 0;
@@ -145,7 +145,8 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair, uid_t user
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;
-  // Another user may have sent a datagram from the same port of another address since, and have replaced the record.
+  // After the sender, another user may have sent a datagram from the same port, but another address, and so may have
+  // replaced the record.
   return sender && (!found || !isUserKnown || sender->user == user) ? sender : found;
 }
 
