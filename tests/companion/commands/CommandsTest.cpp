@@ -61,7 +61,7 @@ class RecordingClient : public Client {
 struct Case {
   std::vector<const char*> arguments;  // without the program's name
   std::string output, sent;
-  std::string errors;  // a part of the text on standard error
+  std::string errors{};  // a part of the text on standard error
   int code = kDone;
 };
 
@@ -88,26 +88,24 @@ TEST(Commands, SendTheMessageOfEachCommand) {
   const std::string list = folder.write("list", "\xef\xbb\xbf# none\r\nB.example\r\n\r\n \tb.example # why\n");
   const std::string date = "DontBlockUntil = 2001-01-01 00:00:00 +0000";
   const Case kCases[] = {
-      {{"ping"}, "pong\n", "ping ", ""},
-      {{"start"}, "", "start ", ""},
-      {{"add", "A.example.", "ping"}, "a.example: added\nping: added\n", "adds a.example ping ", ""},
+      {{"ping"}, "pong\n", "ping "},
+      {{"start"}, "", "start "},
+      {{"add", "A.example.", "ping"}, "a.example: added\nping: added\n", "adds a.example ping "},
       {{"remove", "b\u00fccher.example"},
        "b\u00fccher.example (xn--bcher-kva.example): removed\n",
-       "removes xn--bcher-kva.example ",
-       ""},
-      {{"set", list.c_str()}, "", "sets b.example b.example ", ""},
-      {{"--json", "add", "https://A/b"}, "{\"added\":[\"a\"]}\n", "adds a ", ""},
-      {{"properties", "A.example"}, "a.example: properties cleared\n", "properties (null) a.example ", ""},
+       "removes xn--bcher-kva.example "},
+      {{"set", list.c_str()}, "", "sets b.example b.example "},
+      {{"--json", "add", "https://A/b"}, "{\"added\":[\"a\"]}\n", "adds a "},
+      {{"properties", "A.example"}, "a.example: properties cleared\n", "properties (null) a.example "},
       {{"properties", "a", "--dont-block-until", "2001-01-01T01:00:00+01:00"},
        "a: properties set\n",
-       "properties { " + date + "; } a ",
-       ""},
-      {{"call", "getChangesCount"}, "3\n", "", ""},
-      {{"call", "addHostname", "A/"}, "", "add A/ ", ""},
-      {{"call", "setHostnames", "A.", "A."}, "", "set {( A. )} ", ""},
-      {{"call", "setProperties", R"({"a": 1})", "A."}, "", "properties { a = 1; } A. ", ""},
+       "properties { " + date + "; } a "},
+      {{"call", "getChangesCount"}, "3\n", ""},
+      {{"call", "addHostname", "A/"}, "", "add A/ "},
+      {{"call", "setHostnames", "A.", "A."}, "", "set {( A. )} "},
+      {{"call", "setProperties", R"({"a": 1})", "A."}, "", "properties { a = 1; } A. "},
       {{"watch", "--interval", "0.01"}, "3\n4\n9\n", "", "orvanectl: gone\n", kFailed},
-      {{"--service", "org.other", "ping", "--socket", "/s"}, "pong\n", "org.other/s ping ", ""},
+      {{"--service", "org.other", "ping", "--socket", "/s"}, "pong\n", "org.other/s ping "},
   };
   for (const Case& c : kCases) check(c);
 }

@@ -62,8 +62,6 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
                 keeper.list.mkdir()  # now the list cannot be read
 
             for change in (
-                lambda: keeper.list.write_text(text.replace(HELD, f"{HELD} until=2999-01-01T00:00:00Z")),
-                lambda: keeper.list.write_text(text.replace(HELD, "") + f"[group free]\n{HELD} allowed\n"),
                 lambda: keeper.list.write_text(""),
                 replaced,
                 gone,

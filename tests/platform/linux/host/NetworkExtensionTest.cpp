@@ -73,7 +73,7 @@ std::string run_extension(const Value& source, const Value& port, const Value& h
     dispatch_main();
   }
   std::string messages;
-  timeval patience{20, 0};
+  timeval patience{200, 0};
   setsockopt(manager.socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   char text[512];
   for (ssize_t count = 0;

@@ -35,6 +35,8 @@ struct Owners final : FlowOwners {
 
 class QueuedFlowsTest : public ::testing::Test {
  protected:
+  using Clock = QueuedFlows::Clock;
+
   // A packet with its payload at `sequence`. By default all packets belong to the same connection.
   Packet packet(std::string_view payload, uint32_t sequence, uint16_t port = 443, uint8_t protocol = IPPROTO_TCP) {
     const uint8_t here[4] = {127, 0, 0, 1};
@@ -50,15 +52,21 @@ class QueuedFlowsTest : public ::testing::Test {
     std::swap(made.ends.local, made.ends.remote);
     return made;
   }
+  // Each test begins at the same moment of its own clock, so a pause of the machine changes nothing.
+  PacketVerdict judge(const Packet& made, Clock::duration after = 0s) { return flows.judge(made, start + after); }
+  PacketVerdict judgeInbound(const Packet& made, bool hasConnection, Clock::duration after = 0s) {
+    return flows.judgeInbound(made, hasConnection, start + after);
+  }
   // Judges a packet of the socket with this number. Each user's sockets are connected to another port.
   PacketVerdict judgeOf(uid_t user, size_t number, std::string_view payload, uint32_t sequence = 0) {
     owners.socket = SocketFacts{number + 10'000 * user + 1, 2, user};
     Packet made = packet(payload, sequence, static_cast<uint16_t>(80 + user));
     made.ends.local.port = static_cast<uint16_t>(number);
-    return flows.judge(made);
+    return judge(made);
   }
   std::string calls() { return provider->take().calls; }
 
+  const Clock::time_point start = Clock::now();
   Ref<ScriptedProvider> provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
   Owners owners;
   QueuedFlows flows{provider, owners};
@@ -69,15 +77,15 @@ using enum PacketVerdict;
 constexpr std::string_view kRequest = "GET / HTTP/1.1\r\nHost: a.example\r\n\r\n";
 
 TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocket) {
-  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
+  EXPECT_EQ(judge(packet(kRequest, 0)), Allowed);
   owners.socket->cookie = 2;
-  EXPECT_EQ(flows.judge(packet(kRequest, 9000)), Allowed);
+  EXPECT_EQ(judge(packet(kRequest, 9000)), Allowed);
   EXPECT_EQ(calls(), "new a.example; new a.example; ");
   EXPECT_EQ(flows.size(), 1U);
 }
 
 TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
-  auto later = QueuedFlows::Clock::now() + 1h;
+  Clock::duration later = 1h;
   const struct {
     const char* name;
     uint8_t protocol;
@@ -93,7 +101,7 @@ TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
     provider->newFlow = c.drops ? kDrop : kAllow;
     const PacketVerdict expected = c.drops ? Dropped : Allowed;
     for (int time = 0; time < 2; ++time, later += 10s) {
-      EXPECT_EQ(flows.judge(packet("any", 0, 53, c.protocol), later), expected) << c.name;
+      EXPECT_EQ(judge(packet("any", 0, 53, c.protocol), later), expected) << c.name;
     }
     EXPECT_EQ(calls(), c.calls) << c.name;
   }
@@ -103,9 +111,9 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   std::vector<OpenConnection> ended;
   OpenConnections connections(provider, owners, [&](const OpenConnection& each) { ended.push_back(each); });
   flows.addAllowedTo(connections);
-  EXPECT_EQ(flows.judge(packet("\x01\x02", 0, 80)), Allowed);
+  EXPECT_EQ(judge(packet("\x01\x02", 0, 80)), Allowed);
   ++owners.socket->cookie;
-  EXPECT_EQ(flows.judge(packet(kRequest, 0)), Allowed);
+  EXPECT_EQ(judge(packet(kRequest, 0)), Allowed);
   flows.recordAllowed();
   EXPECT_EQ(connections.size(), 1U) << "the flow with a name";
   EXPECT_EQ(calls(), "new -; new a.example; ");
@@ -116,10 +124,9 @@ TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   ASSERT_EQ(ended.size(), 1U);
   EXPECT_EQ(ended.front().owner, Value::string("owner"));
   EXPECT_EQ(calls(), "new a.example; ");
-  flows.drop(ended.front());
-  EXPECT_EQ(flows.judge(packet("more", 40)), Dropped) << "queued before the edit";
-  const auto later = QueuedFlows::Clock::now() + 1h;
-  EXPECT_EQ(flows.judge(packet("more", 40), later), Dropped) << "connection tracking forgot the connection";
+  flows.drop(ended.front(), start);
+  EXPECT_EQ(judge(packet("more", 40)), Dropped) << "queued before the edit";
+  EXPECT_EQ(judge(packet("more", 40), 1h), Dropped) << "connection tracking forgot the connection";
   EXPECT_EQ(calls(), "");
 }
 
@@ -128,16 +135,15 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   ASSERT_EQ(records.size(), 9U);
   const std::string& hello = records[3];  // to a.example
   const std::string later = "\x40 a short header";
-  const auto now = QueuedFlows::Clock::now();
   const OpenConnection ended{packet("", 0, 443, IPPROTO_UDP).ends, 1, 3, owners.owner, "ended.example"};
-  flows.drop(ended, now);
+  flows.drop(ended, start);
   EXPECT_EQ(owners.aborted, std::vector{ended.cookie});
   const struct {
     const char* name;
     Value owner;
     uint16_t port;
     std::string datagram;
-    QueuedFlows::Clock::duration after;
+    Clock::duration after;
     std::string_view calls;
   } kCases[] = {
       {"from another socket", owners.owner, 443, later, 1min, "new ended.example; "},
@@ -155,7 +161,7 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
     owners.owner = c.owner;
-    EXPECT_EQ(flows.judge(packet(c.datagram, 0, c.port, IPPROTO_UDP), now + c.after), Dropped) << c.name;
+    EXPECT_EQ(judge(packet(c.datagram, 0, c.port, IPPROTO_UDP), c.after), Dropped) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
     connections.add(open);
   }
@@ -163,12 +169,12 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
 
 TEST_F(QueuedFlowsTest, RemembersEndedConversationsOfAUserWithFew) {
   const auto end = [&](uid_t user, uint16_t port) {
-    flows.drop({packet("", 0, port, IPPROTO_UDP).ends, 1, user, owners.owner, "ended.example"});
+    flows.drop({packet("", 0, port, IPPROTO_UDP).ends, 1, user, owners.owner, "ended.example"}, start);
   };
   // The calls for the next datagram to the port, which may belong to an ended conversation.
   const auto next = [&](uint16_t port) {
     ++owners.socket->cookie;
-    flows.judge(packet("\x40 a short header", 0, port, IPPROTO_UDP));
+    judge(packet("\x40 a short header", 0, port, IPPROTO_UDP));
     return calls();
   };
   end(1, 443);
@@ -196,10 +202,10 @@ TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
   };
   for (const auto& c : kCases) {
     ++owners.socket->cookie;
-    flows.judge(packet(c.begin, 0));
+    judge(packet(c.begin, 0));
     Packet last = packet(c.payload, static_cast<uint32_t>(c.begin.size()));
     last.fin = c.ends;
-    EXPECT_EQ(flows.judge(last), Allowed) << c.name;
+    EXPECT_EQ(judge(last), Allowed) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
   }
 }
@@ -239,11 +245,11 @@ TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
       const Packet begin = packet(c.begin, first);
       Packet end = packet(c.end, first + static_cast<uint32_t>(c.begin.size()));
       end.fin = c.hasFIN;
-      if (c.answersFirst) flows.judgeInbound(answer("banner"), true);
+      if (c.answersFirst) judgeInbound(answer("banner"), true);
       if (c.known == Known::Record) owners.socket->firstByte = first;
       if (c.known == Known::Drop) flows.noteUnjudged(begin);
-      const PacketVerdict ofEnd = flows.judge(end);
-      EXPECT_EQ((std::vector{ofEnd, flows.judge(begin)}), isBrowser ? c.browser : c.other) << c.name;
+      const PacketVerdict ofEnd = judge(end);
+      EXPECT_EQ((std::vector{ofEnd, judge(begin)}), isBrowser ? c.browser : c.other) << c.name;
       const std::string seen = calls();
       EXPECT_EQ(isBrowser ? seen : c.calls, c.calls) << c.name;
       owners.socket->firstByte.reset();
@@ -253,31 +259,29 @@ TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
 
 TEST_F(QueuedFlowsTest, KeepsAnOpenFlowAsLongAsItsSocket) {
   provider->newFlow = kDrop;
-  auto now = QueuedFlows::Clock::now();
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20), now + 24h), Dropped) << "a server that stalled for a day";
+  EXPECT_EQ(judge(packet(kRequest.substr(0, 20), 0)), Open);
+  EXPECT_EQ(judge(packet(kRequest.substr(20), 20), 24h), Dropped) << "a server that stalled for a day";
   const uint64_t late = flow_counters().lateQueued;
   flows.queueDrained();
-  EXPECT_EQ(flows.judge(packet("more", 40), now + 24h), Dropped) << "queued after the verdict";
+  EXPECT_EQ(judge(packet("more", 40), 24h), Dropped) << "queued after the verdict";
   EXPECT_EQ(flow_counters().lateQueued - late, 1U);
   EXPECT_EQ(calls(), "new a.example; ");
 
   ++owners.socket->cookie;
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0), now), Open);
+  EXPECT_EQ(judge(packet(kRequest.substr(0, 20), 0)), Open);
   owners.socket.reset();
-  flows.judge(packet("x", 0, 80), now + 24h);
+  judge(packet("x", 0, 80), 24h);
   EXPECT_EQ(flows.size(), 1U) << "the socket was closed";
 }
 
 TEST_F(QueuedFlowsTest, DividesTheWorkOnExpiredFlowsAmongPackets) {
   const std::vector<std::string> records = quic_records("two_connections");
-  const auto now = QueuedFlows::Clock::now();
-  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(flows.judge(packet("GET", 0, port), now), Open);
-  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(flows.judge(packet(records[0], 0, port, IPPROTO_UDP), now), Open);
+  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(judge(packet("GET", 0, port)), Open);
+  for (uint16_t port : {8001, 8002, 8003}) EXPECT_EQ(judge(packet(records[0], 0, port, IPPROTO_UDP)), Open);
   owners.searchTime = 1ms;
   owners.searches = 0;
   for (size_t number = 1; number <= 6; ++number) {
-    EXPECT_EQ(flows.judge(packet(kRequest, 0), now + 1h), Allowed);
+    EXPECT_EQ(judge(packet(kRequest, 0), 1h), Allowed);
     EXPECT_EQ(owners.searches, number + std::min<size_t>(number, 3)) << "for the packets, and for the open streams";
   }
   EXPECT_EQ(flows.size(), 4U) << "the open streams are left";
@@ -326,9 +330,9 @@ TEST_F(QueuedFlowsTest, BoundsTheBytesThatOpenFlowsStore) {
 TEST_F(QueuedFlowsTest, HoldsASegmentThatFindsNoRoom) {
   provider->newFlow = kExamine;
   const std::string_view rest = kRequest.substr(5);
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 5), 0)), Open);
-  EXPECT_EQ(flows.judge(packet("far", FirstFlight::kBytesLimit + 5)), Held);
-  EXPECT_EQ(flows.judge(packet(rest, 5)), Allowed);
+  EXPECT_EQ(judge(packet(kRequest.substr(0, 5), 0)), Open);
+  EXPECT_EQ(judge(packet("far", FirstFlight::kBytesLimit + 5)), Held);
+  EXPECT_EQ(judge(packet(rest, 5)), Allowed);
   EXPECT_EQ(calls(), "new -; data 5 a.example; ");
 }
 
@@ -338,23 +342,23 @@ TEST_F(QueuedFlowsTest, HoldsTheServersPayloadBackWhileTheNameIsOpen) {
   synAck.syn = synAck.ack = true;
 
   provider->newFlow = kExamine;
-  EXPECT_EQ(flows.judgeInbound(acknowledgment, true), Ignored);
-  EXPECT_EQ(flows.judgeInbound(synAck, false), Ignored) << "the client's TCP discards its payload";
+  EXPECT_EQ(judgeInbound(acknowledgment, true), Ignored);
+  EXPECT_EQ(judgeInbound(synAck, false), Ignored) << "the client's TCP discards its payload";
   EXPECT_EQ(calls(), "");
-  EXPECT_EQ(flows.judgeInbound(served, true), Open) << "ahead of the request";
-  EXPECT_EQ(flows.judgeInbound(acknowledgment, false), Open) << "would begin a connection from the server's side";
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(0, 20), 0)), Open);
-  EXPECT_EQ(flows.judgeInbound(served, true), Open);
+  EXPECT_EQ(judgeInbound(served, true), Open) << "ahead of the request";
+  EXPECT_EQ(judgeInbound(acknowledgment, false), Open) << "would begin a connection from the server's side";
+  EXPECT_EQ(judge(packet(kRequest.substr(0, 20), 0)), Open);
+  EXPECT_EQ(judgeInbound(served, true), Open);
   provider->data = kDropData;
-  EXPECT_EQ(flows.judge(packet(kRequest.substr(20), 20)), Dropped);
-  EXPECT_EQ(flows.judgeInbound(served, true), Dropped);
+  EXPECT_EQ(judge(packet(kRequest.substr(20), 20)), Dropped);
+  EXPECT_EQ(judgeInbound(served, true), Dropped);
   EXPECT_EQ(calls(), "new -; data 0 a.example; ");
 
   // If the program is no browser, its server may speak first.
   ++owners.socket->cookie;
   provider->newFlow = kAllow;
-  EXPECT_EQ(flows.judgeInbound(served, true), Allowed);
-  EXPECT_EQ(flows.judge(packet("any bytes", 0)), Allowed);
+  EXPECT_EQ(judgeInbound(served, true), Allowed);
+  EXPECT_EQ(judge(packet("any bytes", 0)), Allowed);
   EXPECT_EQ(calls(), "new -; ");
 }
 
@@ -362,14 +366,13 @@ TEST_F(QueuedFlowsTest, LetsAllowedSocketsGoOn) {
   const Packet rest = answer("the rest of an answer");
   provider->newFlow = kExamine;
   flows.allowSocket(owners.socket->cookie);
-  EXPECT_EQ(flows.judgeInbound(rest, true), Allowed);
-  EXPECT_EQ(flows.judge(packet("the next request", 0)), Allowed);
+  EXPECT_EQ(judgeInbound(rest, true), Allowed);
+  EXPECT_EQ(judge(packet("the next request", 0)), Allowed);
   EXPECT_EQ(calls(), "");
   for (uint64_t cookie = 0; cookie < QueuedFlows::kSocketsLimit; ++cookie) flows.allowSocket(cookie + 2);
-  EXPECT_EQ(flows.judgeInbound(rest, true, QueuedFlows::Clock::now() + 10s), Open)
-      << "forgotten, as there are too many";
+  EXPECT_EQ(judgeInbound(rest, true, 10s), Open) << "forgotten, as there are too many";
   owners.socket.reset();
-  EXPECT_EQ(flows.judgeInbound(rest, true), Ignored) << "no socket";
+  EXPECT_EQ(judgeInbound(rest, true), Ignored) << "no socket";
 }
 
 TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
@@ -421,26 +424,25 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
     ++owners.socket->cookie;
     provider->newFlow = c.newFlow;
     std::vector<PacketVerdict> verdicts;
-    for (const std::string& datagram : c.datagrams)
-      verdicts.push_back(flows.judge(packet(datagram, 0, 443, IPPROTO_UDP)));
+    for (const std::string& datagram : c.datagrams) verdicts.push_back(judge(packet(datagram, 0, 443, IPPROTO_UDP)));
     EXPECT_EQ(verdicts, c.verdicts) << c.name;
     EXPECT_EQ(calls(), c.calls) << c.name;
     const bool isDropped = std::ranges::count(c.verdicts, Dropped) > 0;
     EXPECT_EQ(std::exchange(owners.aborted, {}), std::vector(isDropped ? 1 : 0, owners.socket->cookie)) << c.name;
   }
   ++owners.socket->cookie;
-  for (int time = 0; time < 200 && !flows.isLooping(); ++time) flows.judge(packet(first, 0, 443, IPPROTO_UDP));
+  for (int time = 0; time < 200 && !flows.isLooping(); ++time) judge(packet(first, 0, 443, IPPROTO_UDP));
   EXPECT_TRUE(flows.isLooping()) << "the same datagram again and again";
 }
 
 TEST_F(QueuedFlowsTest, ShowsDNSQuestionsWithoutAName) {
   provider->newFlow = NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, 4);
-  EXPECT_EQ(flows.judge(packet("question", 0, 53, IPPROTO_UDP)), Allowed);
+  EXPECT_EQ(judge(packet("question", 0, 53, IPPROTO_UDP)), Allowed);
   auto seen = provider->take();
   EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; ques");
   EXPECT_EQ(seen.owner, Value::string("owner"));
   owners.socket.reset();
-  EXPECT_EQ(flows.judge(packet(kRequest, 7, 53)), Allowed);
+  EXPECT_EQ(judge(packet(kRequest, 7, 53)), Allowed);
   seen = provider->take();
   EXPECT_EQ(seen.calls + seen.bytes, "new -; data 0 -; GET ");
   EXPECT_TRUE(seen.owner.isNil());
