@@ -63,6 +63,8 @@ class XPC : public testing::Test {
   XPC() {
     setenv("RUNTIME_DIRECTORY", folder_.path().c_str(), 1);
     stand_in::take_log();
+    listener_ = listen();
+    peer_ = client();
   }
 
   Ref<NSXPCListener> listen(const Value& name = Value::string("service")) {
@@ -87,6 +89,8 @@ class XPC : public testing::Test {
   std::string path_ = folder_.path() / "service";
   Ref<Delegate> delegate_ = Ref<Delegate>::adopt(new Delegate);
   NotedController& exported_ = *delegate_->controller;
+  Ref<NSXPCListener> listener_;
+  std::unique_ptr<Client> peer_;
 };
 
 std::string message_bytes(const std::function<void(capnp::rpc::Message::Builder)>& fill) {
@@ -117,78 +121,68 @@ void make_bomb(control::Value::Builder value, uint32_t elements) {
 }
 
 TEST_F(XPC, DeliversEveryMessageWithItsArguments) {
-  auto listener = listen();
-  auto peer = client();
-  auto expected = send_every_message(*peer);
+  auto expected = send_every_message(*peer_);
   std::vector<std::string> names(1'000'000);
   Value::Set million(names.size());
   for (size_t i = 0; i < names.size(); ++i) million.insert(Value::string(names[i] = std::to_string(i) + ".example"));
-  peer->setHostnames(names, nullptr);
+  peer_->setHostnames(names, nullptr);
   expected.emplace_back("set", Value::set(million));
   EXPECT_EQ(exported_.received(), expected);
 }
 
 TEST_F(XPC, ReportsEditsAfterTheyWereMade) {
-  auto listener = listen();
-  auto peer = client();
   const Value name = Value::string("a.example");
   const struct {
     const char* edit;
     std::function<void()> make;
     bool all;
   } kCases[] = {
-      {"add", [&] { peer->addHostname(name); }, false},
-      {"remove", [&] { peer->removeHostname(name); }, false},
-      {"properties", [&] { peer->setProperties(nullptr, name); }, false},
-      {"set", [&] { peer->setHostnames(Value::set({name})); }, true},
-      {"set applications", [&] { peer->setApplicationIdentifiers(nullptr); }, true},
+      {"add", [&] { peer_->addHostname(name); }, false},
+      {"remove", [&] { peer_->removeHostname(name); }, false},
+      {"properties", [&] { peer_->setProperties(nullptr, name); }, false},
+      {"set", [&] { peer_->setHostnames(Value::set({name})); }, true},
+      {"set applications", [&] { peer_->setApplicationIdentifiers(nullptr); }, true},
   };
   ListEdits::shared().take();
   for (const auto& c : kCases) {
     exported_.onMessage = [&] { EXPECT_TRUE(ListEdits::shared().take() == ListEdits::Edits()) << c.edit; };
     c.make();
-    peer->ping();  // its reply comes after the edit
+    peer_->ping();  // its reply comes after the edit
     const std::vector<std::string> names(c.all ? 0 : 1, "a.example");
     EXPECT_TRUE(ListEdits::shared().take() == (ListEdits::Edits{c.all, names})) << c.edit;
   }
 }
 
 TEST_F(XPC, RejectsDeeplyNestedArgumentsInTheClient) {
-  auto listener = listen();
-  auto peer = client();
   Value deep;
   for (int i = 0; i < 40; ++i) deep = Value::array({deep});
-  EXPECT_THROW(peer->addHostname(deep), ClientError);
-  EXPECT_TRUE(peer->ping()) << "the extension has ended the connection";
+  EXPECT_THROW(peer_->addHostname(deep), ClientError);
+  EXPECT_TRUE(peer_->ping()) << "the extension has ended the connection";
 }
 
 TEST_F(XPC, RefusesValuesBeyondItsMemory) {
-  auto listener = listen();
-  auto peer = client();
-  const Value name = Value::string("example.org"), other = Value::string("example.net");
+  const Value name = Value::string("example.org");
   const std::vector<uint8_t> bytes(size_t{120} << 20);
   // The extension's side runs in the test's process and counts all values of the process. So it counts this value as
   // one that it stores.
   const Value large = Value::dictionary({{name, Value::data(bytes)}});
-  EXPECT_THROW(peer->setProperties(large, name), ClientError);
-  peer->setHostnames(Value::set({large.asDictionary().at(name)}));
-  EXPECT_THROW(peer->setProperties(large, name), ClientError);
-  peer->addHostname(name);
+  EXPECT_THROW(peer_->setProperties(large, name), ClientError);
+  peer_->setHostnames(Value::set({large.asDictionary().at(name)}));
+  EXPECT_THROW(peer_->setProperties(large, name), ClientError);
+  peer_->addHostname(name);
   NotedController::Messages expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
   EXPECT_EQ(exported_.received(), expected);
 }
 
 TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
-  auto listener = listen();
-  auto active = client();
-  EXPECT_TRUE(active->ping());
+  EXPECT_TRUE(peer_->ping());
   std::vector<Peer> idle;
   idle.push_back(connected());
   // After this pause, idle[0] has been idle for longer than the other idle connections, in whatever order the extension
   // accepts those.
   std::this_thread::sleep_for(1s);
   while (idle.size() + 1 < kMaximumConnections) idle.push_back(connected());
-  EXPECT_TRUE(active->ping());
+  EXPECT_TRUE(peer_->ping());
   CallTimeout limit(200s);
   auto waiting = client();
   limit.watch(waiting->descriptor());
@@ -196,21 +190,17 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   char byte;
   EXPECT_EQ(recv(idle.front().socket.get(), &byte, 1, MSG_DONTWAIT), 0) << "the longest idle client is still connected";
   EXPECT_EQ(delegate_->ends.all().size(), 1u);
-  EXPECT_TRUE(active->ping());
+  EXPECT_TRUE(peer_->ping());
 }
 
 TEST_F(XPC, EndsItsConnectionsWithTheListener) {
-  auto listener = listen();
-  auto peer = client();
-  EXPECT_TRUE(peer->ping());
-  listener = nullptr;
-  EXPECT_THROW(peer->ping(), ClientError);
+  EXPECT_TRUE(peer_->ping());
+  listener_ = nullptr;
+  EXPECT_THROW(peer_->ping(), ClientError);
 }
 
 // Also checks that no part of a broken message is delivered, and that other connections stay open.
 TEST_F(XPC, ReportsHowEachConnectionEnded) {
-  auto listener = listen();
-  auto bystander = client();
   std::string wild = call_bytes(7, [](auto value) { value.setString("x"); });
   // The last word is the string, and the word before it is a pointer to the string. Let the pointer lead outside the
   // message.
@@ -245,11 +235,10 @@ TEST_F(XPC, ReportsHowEachConnectionEnded) {
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(delegate_->ends.all(), expected) << "an end was reported twice";
   EXPECT_TRUE(exported_.received().empty());
-  EXPECT_TRUE(bystander->ping());
+  EXPECT_TRUE(peer_->ping());
 }
 
 TEST_F(XPC, StopsReadingWhileRepliesAreUnread) {
-  auto listener = listen();
   Peer peer = connected();
   timeval patience{1, 0};
   setsockopt(peer.socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
@@ -265,7 +254,6 @@ TEST_F(XPC, StopsReadingWhileRepliesAreUnread) {
 }
 
 TEST_F(XPC, RejectsASecondListener) {
-  auto listener = listen();
   listen();
   EXPECT_EQ(errors(), 1);
   EXPECT_TRUE(client()->ping());
