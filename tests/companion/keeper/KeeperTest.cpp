@@ -93,6 +93,8 @@ class Keeper : public testing::Test {
   Keeper() { extension = {}; }
   std::string path(const char* name) const { return folder_.path() / name; }
   const TemporaryFolder folder_;
+  KeeperState state;
+  ExtensionLink link{{}, state};
 };
 
 TEST_F(Keeper, SendsOnlyTheDifference) {
@@ -121,8 +123,6 @@ TEST_F(Keeper, SendsOnlyTheDifference) {
 
 TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   const HeldNames one{{"a"}, {}, {}}, two{{"a", "b"}, {}, {}}, many = many_names();
-  KeeperState state;
-  ExtensionLink link({}, state);
   state.listVersion = "1";
   link.attend(&one);
   extension.mostNames = 2;
@@ -140,8 +140,6 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
 
 TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
   const HeldNames list{{"a"}, {}, {}};
-  KeeperState state;
-  ExtensionLink link({}, state);
   link.attend(&list);
   extension.held.clear();
   ++extension.changes;
@@ -166,8 +164,6 @@ TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
 TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
   const HeldNames many = many_names();
   extension.mostNames = 2;
-  KeeperState state;
-  ExtensionLink link({}, state);
   link.undoEdits(true, {"a", "b"});
   link.attend(&many);
   EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
@@ -182,24 +178,23 @@ TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
 class StateFile : public Keeper {
  protected:
   StateFile() {
-    state_.listPath = path("list");
-    state_.listVersion = state_.sentVersion.emplace("v");
-    state_.suspended = {{"a.example", at(3)}};
-    state_.groups = {{"work", true, at(4), at(5), 6}};
-    state_.connected = true;
-    state_.changesOfOthers = 3;
+    state.listPath = path("list");
+    state.listVersion = state.sentVersion.emplace("v");
+    state.suspended = {{"a.example", at(3)}};
+    state.groups = {{"work", true, at(4), at(5), 6}};
+    state.connected = true;
+    state.changesOfOthers = 3;
   }
-  void publish() { write_keeper_state(path("state"), state_); }
+  void publish() { write_keeper_state(path("state"), state); }
   InForce wait(const std::string& version, std::chrono::milliseconds timeout) {
     return wait_until_in_force(path("state"), version, timeout);
   }
   Descriptor lock_ = lock_keeper_state(path("state"));
-  KeeperState state_;
 };
 
 TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   publish();
-  EXPECT_EQ(to_json(read_keeper_state(path("state")).value()), to_json(state_));
+  EXPECT_EQ(to_json(read_keeper_state(path("state")).value()), to_json(state));
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
   // The test waits for the version "w", but the keeper sends a later version of the list. The later version, too, ends
@@ -207,17 +202,17 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);
-    state_.listVersion = state_.sentVersion.emplace(list_version(path("list")));
+    state.listVersion = state.sentVersion.emplace(list_version(path("list")));
     publish();
   });
   EXPECT_EQ(wait("w", 2min), InForce::Yes);
   keeper.join();
-  state_.sentVersion.reset();
-  state_.connected = false;
+  state.sentVersion.reset();
+  state.connected = false;
   publish();
-  EXPECT_EQ(wait(state_.listVersion, 2min), InForce::NoExtension);
+  EXPECT_EQ(wait(state.listVersion, 2min), InForce::NoExtension);
   lock_ = Descriptor();
-  EXPECT_EQ(wait(state_.listVersion, 2min), InForce::NoKeeper);
+  EXPECT_EQ(wait(state.listVersion, 2min), InForce::NoKeeper);
 }
 
 TEST_F(StateFile, IsRejectedWhenInvalid) {
@@ -233,7 +228,6 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   std::ofstream(path("list"))
       << "a.example\nx.a.example allowed\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n"
       << "[group work]\nenabled = no\nw.example\n";
-  KeeperState state;
   state.connected = true;
   state.sentVersion = list_version(path("list"));
   Descriptor lock = lock_keeper_state(path("state"));

@@ -38,7 +38,7 @@ class QueueWatchdogTest : public testing::Test {
 
   // Waits until the child reports that it released the queue.
   bool wasReleased() {
-    for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(10ms)) {
+    for (int i = 0; i < 10'000; ++i, std::this_thread::sleep_for(10ms)) {
       if (watchdog.beat()) return true;
     }
     return false;
