@@ -101,8 +101,8 @@ class Machine:
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
         with open(self._folder / "console", "ab") as console:
-            # With --pdeathsig, the container ends together with this process, even if this process is killed. The
-            # container gets its own session, so Ctrl-C does not reach it.
+            # With --pdeathsig, the container ends together with the test, even if the test is killed. The container
+            # gets its own session, so Ctrl-C does not reach it.
             self._container = subprocess.Popen(
                 ["setpriv", "--pdeathsig=KILL", *command],
                 stdin=subprocess.DEVNULL,

@@ -17,8 +17,9 @@ GroupIndex find_group(const BlockList& list, const std::string& name);
 // keeper's state cannot be read.
 std::optional<KeeperState> keeper_of_list(const CommonOptions& options);
 
-// The states of the list's groups. The states that the keeper has published come first, because this process may have
-// another time zone and cannot see locks. For other groups, and without a keeper, the states come from the list.
+// The states of the list's groups. The states that the keeper has published come first, because orvanectl may run in
+// another time zone than the keeper, and cannot see locks. For other groups, and without a keeper, the states come from
+// the list.
 std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, const std::optional<KeeperState>& keeper,
                                                       Moment now);
 GroupStates in_force(const std::vector<KeeperState::GroupState>& states);

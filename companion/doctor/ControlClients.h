@@ -16,8 +16,8 @@ struct ControlClient {
   size_t connections = 0;
 };
 
-// The processes whose connections the extension has accepted on its socket `socket`. This process itself is left out.
-// The process with the most connections comes first. Nothing if no process listens on the socket, or if this process
+// The processes whose connections the extension has accepted on its socket `socket`, without the calling process. The
+// process with the most connections comes first. Nothing if no process listens on the socket, or if the calling process
 // may not copy the extension's descriptors (root may).
 std::optional<std::vector<ControlClient>> control_clients(const std::string& socket);
 

@@ -7,12 +7,12 @@ namespace orvane {
 // The group whose members may edit the machine's list and connect to the machine's extension.
 inline constexpr const char* kAccessGroup = "orvane";
 
-// Whether the user of this process belongs to the group.
+// Whether the calling process's user belongs to the group.
 struct GroupFacts {
   std::string user;
   bool exists = false;
   bool listed = false;   // the group database lists the user as a member
-  bool inForce = false;  // this process has the group; a user's processes get a new group only at the next login
+  bool inForce = false;  // the calling process has the group: processes get a user's new group only at the next login
 };
 GroupFacts look_at_group();
 

@@ -41,8 +41,8 @@ std::optional<std::string> ConnectionTracking::open() {
     return "no netlink socket: " + std::generic_category().message(errno);
   }
   // Tries to change a connection that cannot exist. Before the kernel looks for the connection, it checks whether it
-  // has the module nf_conntrack_netlink and whether this process has CAP_NET_ADMIN. So ENOENT (no such connection)
-  // means that both checks succeeded, and marks can be changed.
+  // has the module nf_conntrack_netlink and whether the calling process has CAP_NET_ADMIN. So ENOENT (no such
+  // connection) means that both checks succeeded, and marks can be changed.
   const uint8_t none[4]{};
   const int error = setMark({IPPROTO_TCP, SocketAddress::v4(none, 0), SocketAddress::v4(none, 0)}, 0, 0);
   if (error == ENOENT) return std::nullopt;

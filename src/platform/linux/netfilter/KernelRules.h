@@ -19,7 +19,7 @@ class KernelRules {
   // returns an error.
   std::optional<std::string> install(const NEFilterSettings& settings);
 
-  // A descriptor that becomes readable when a program, this one included, has changed the kernel's rules. With the
+  // A descriptor that becomes readable when a program, or this object, has changed the kernel's rules. With the
   // legacy back end of iptables, the descriptor is -1, because the kernel then sends no messages; call check() every
   // half second instead.
   int changeDescriptor() const;

@@ -35,7 +35,7 @@ constexpr auto kTakenTime = std::chrono::seconds(3);
 void put_bind(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_BIND); }
 
 // This command had an effect in older kernels and does nothing now. It still needs the same capability as the other
-// commands, so it shows whether this process has the capability.
+// commands, so it shows whether the calling process has the capability.
 void put_no_operation(nlmsghdr* message) { nfq_nlmsg_cfg_put_cmd(message, AF_UNSPEC, NFQNL_CFG_CMD_PF_UNBIND); }
 
 void put_settings(nlmsghdr* message) {
@@ -63,9 +63,9 @@ std::optional<std::string> PacketQueue::open() {
   if (setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUFFORCE, &kSocketBuffer, sizeof kSocketBuffer) != 0) {
     setsockopt(descriptor(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof kSocketBuffer);
   }
-  // The kernel returns EPERM for a missing capability and for a queue that another socket has. So if this process has
-  // the capability, another socket has the queue. It may be the socket of an extension that ended a moment ago: the
-  // extension's watchdog keeps it open, but not for long.
+  // The kernel returns EPERM for a missing capability and for a queue that another socket has. So if the calling
+  // process has the capability, another socket has the queue. That may be the socket of an extension that ended a
+  // moment ago: the extension's watchdog keeps the socket open, but not for long.
   int error = 0;
   const auto end = std::chrono::steady_clock::now() + kTakenTime;
   do {

@@ -31,8 +31,8 @@ namespace orvane {
 // message without effect (a probe). The kernel puts its answer into the buffer, behind the packets that were queued
 // before, so the thread reads the answer after those packets. If the buffer is full, the kernel sends no answer.
 //
-// The child ends when this process ends. Otherwise the child's copy of the descriptor would keep the netlink socket
-// open. Not thread-safe.
+// The child ends when its parent ends. Otherwise the child's copy of the descriptor would keep the netlink socket open.
+// Not thread-safe.
 class QueueWatchdog {
  public:
   ~QueueWatchdog() { stop(); }
@@ -87,7 +87,7 @@ class QueueWatchdog {
   void awaitCheck(bool isQuiet, const sigset_t& mask) const;
 
   Shared* shared_ = nullptr;
-  Descriptor pipeWriteEnd_, pipeReadEnd_;  // the pipe breaks when this process ends; the child polls its read end
+  Descriptor pipeWriteEnd_, pipeReadEnd_;  // the pipe breaks when the parent ends; the child polls its read end
   int queueSocket_ = -1;
   uint16_t queueNumber_ = 0;
   ChildProcess child_;

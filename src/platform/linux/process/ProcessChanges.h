@@ -11,7 +11,7 @@
 namespace orvane {
 
 // Notices when a process executes a program, ends, or moves to another control group. BPF programs count these events
-// in memory that the kernel shares with this process, so reading a version is not a system call.
+// in memory that the kernel shares with the extension, so reading a version is not a system call.
 //
 // A version is exact. It is not computed from messages, which may arrive late: the kernel counts an exec before the
 // first instruction of the new program, the end of a process before its pid is free, and a move before the write(2)
@@ -26,8 +26,8 @@ class ProcessChanges {
     return *changes;
   }
 
-  // Starts counting; the kernel stops when this process ends. Returns the reason on failure. Needs CAP_BPF and
-  // CAP_PERFMON. Does nothing if it was successful before.
+  // Starts counting; the kernel stops counting when the extension ends. Returns the reason on failure. Needs CAP_BPF
+  // and CAP_PERFMON. Does nothing if an earlier call was successful.
   std::optional<std::string> start();
 
   // To find out later whether facts about a process are still true, take its version before you read the facts. As long

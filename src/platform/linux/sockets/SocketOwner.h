@@ -45,7 +45,7 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
-  // Checks, with sockets of this process, that find() works. Returns the reason if it does not: then no TCP connection,
+  // Checks, with sockets that it makes, that find() works. Returns the reason if it does not: then no TCP connection,
   // or no connected datagram socket, would have an owner.
   std::optional<std::string> check();
 
