@@ -92,6 +92,14 @@ std::optional<FileNumbers> examine(int directory, const char* name, int flags = 
   return FileNumbers{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
+// Opens a file, without its content, if the kernel has its path cached (openat2(2), RESOLVE_CACHED).
+Descriptor open_cached(int folder, const char* path) {
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_CACHED;
+  return Descriptor(static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how)));
+}
+
 // Zombie or dead.
 bool has_ended(char state) { return state == 'Z' || state == 'X' || state == 'x'; }
 
@@ -170,14 +178,27 @@ std::string ProcessInformation::mounts() const {
 }
 
 std::string ProcessInformation::flatpakInformation() const {
-  return read_file_start_at(directory(), "root/.flatpak-info", kFileLimit, Links::Refuse).value_or("");
+  const Descriptor root(::openat(directory(), "root", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor file = root ? open_cached(root.get(), ".flatpak-info") : Descriptor();
+  if (!file || !isOnTmpfs(file.get())) return {};
+  const std::string path = "/proc/self/fd/" + std::to_string(file.get());
+  return read_file_start_at(AT_FDCWD, path.c_str(), kFileLimit, Links::Follow).value_or("");
+}
+
+// Whether a file that the process sees is on a tmpfs. fstatfs(2) would ask the file system.
+bool ProcessInformation::isOnTmpfs(int file) const {
+  struct statx status;
+  if (::statx(file, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0) return false;
+  const auto text = read_file_start_at(directory(), "mountinfo", kMountsLimit, Links::Refuse).value_or("");
+  // A line begins with the mount's number. The file system's type comes after the first " - " (proc(5)).
+  const std::string begin = "\n" + std::to_string(status.stx_mnt_id) + " ";
+  const size_t line = ("\n" + text).find(begin);
+  const size_t separator = line == std::string::npos ? line : text.find(" - ", line);
+  return separator != std::string::npos && text.compare(separator, 9, " - tmpfs ") == 0;
 }
 
 bool is_visible_here(const Executable& executable) {
-  open_how how{};
-  how.flags = O_PATH | O_CLOEXEC;
-  how.resolve = RESOLVE_CACHED;
-  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, executable.path.c_str(), &how, sizeof how)));
+  const Descriptor file = open_cached(AT_FDCWD, executable.path.c_str());
   const auto found = file ? examine(file.get(), "", AT_EMPTY_PATH) : std::nullopt;
   return found && found->device == executable.device && found->inode == executable.inode;
 }

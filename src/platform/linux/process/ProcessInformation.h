@@ -81,12 +81,18 @@ class ProcessInformation {
   std::string mounts() const;
 
   // The text of /.flatpak-info, which Flatpak puts into each sandbox. Empty outside a sandbox.
+  //
+  // Flatpak puts the file on a tmpfs, where the kernel has it cached. A file anywhere else is not read: a user may give
+  // a process a root whose file system never answers (FUSE, or overlayfs above it), even if FUSE itself would refuse
+  // another user.
   std::string flatpakInformation() const;
 
   // The open directory of the process.
   int directory() const { return directory_.get(); }
 
  private:
+  bool isOnTmpfs(int file) const;
+
   ProcessInformation(pid_t pid, Descriptor directory, ProcessStat stat)
       : pid_(pid), directory_(std::move(directory)), stat_(stat) {}
 

@@ -101,6 +101,10 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
     folder.write(name + "/mounts",
                  "proc /proc proc rw 0 0\nImage-Browser-v1.2-x86_64.AppImage " + mountPoint + " fuse.Image ro 0 0\n");
     folder.write(name + "/root/.flatpak-info", std::string("[Application]\nname=") + row.sandbox);
+    struct statx mount;
+    ASSERT_EQ(0, ::statx(AT_FDCWD, folder.path(name).c_str(), 0, STATX_MNT_ID, &mount));
+    folder.write(name + "/mountinfo",
+                 "1 0 0:1 / / rw - ext4 x rw\n" + std::to_string(mount.stx_mnt_id) + " 1 0:2 / /t rw - tmpfs x rw\n");
     if (*row.program != 0) fs::create_symlink(folder.path(row.program), folder.path(name + "/exe"));
   }
   ProcessIdentity identity(folder.folders(), folder.path("proc"));
@@ -113,10 +117,13 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
 }
 
 // A user's file system or a network file system may never answer. Here such a file system covers the folder of the
-// programs after they have started.
+// programs after they have started, and is the root of a third process.
 TEST(ProcessTest, WaitsForNoFileSystem) {
   ProgramFolder folder;
   const RunningProgram browser(folder.program("home/browser")), removed(folder.program("home/removed (deleted)"));
+  folder.write("proc/77/stat", "77 (x) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 5 0\n");
+  fs::create_symlink(folder.program("helper"), folder.path("proc/77/exe"));
+  fs::create_symlink(folder.path("home"), folder.path("proc/77/root"));
   auto identify = [&] {
     ::alarm(60);  // the signal ends a process that waits
     const std::string options =
@@ -129,12 +136,14 @@ TEST(ProcessTest, WaitsForNoFileSystem) {
     for (pid_t pid : {browser.pid, removed.pid}) {
       std::fputs(identity.identifierOf(identity.find(pid)->program)->c_str(), stderr);
     }
+    ProcessIdentity table(folder.folders(), folder.path("proc"));
+    std::fputs(table.identifierOf(table.find(77)->program)->c_str(), stderr);
     ::_exit(0);
   };
   const auto isDone = [](int status) {
     return WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 77);
   };
-  EXPECT_EXIT(identify(), isDone, "^(browserremoved)?$");
+  EXPECT_EXIT(identify(), isDone, "^(browserremovedhelper)?$");
 }
 
 // A wrapper that executes a browser, which starts a tool and then executes another tool. All these programs are copies
