@@ -398,7 +398,7 @@ void take_back_site(BlockList& list, const std::string& group, const ListedSite*
 
 UndoCounts take_back(BlockList& list, const ImportRecord& record) {
   UndoCounts counts;
-  const auto& [before, after] = record;
+  const BlockList &before = record.before, &after = record.after;
   const auto sameIn = [](const BlockList& other, const BlockList& of, const ListedSite& site) {
     const auto group = other.findGroup(of.groupOf(site).name);
     return group ? other.find(site.host, *group) : nullptr;
