@@ -408,6 +408,7 @@ int run(int argc, const char* const* argv) {
     if (!last->get_subcommands(nullptr).empty()) refuse_unknown_command(*last, depth, path, argc, argv);
     constexpr size_t kShown = 200;
     std::string fault = error.what();  // may contain all words of a long command line
+    if (fault == "A subcommand is required") fault = "a command is missing";
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
     if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError))
       fault += ": if a name begins with a hyphen, write -- before it";

@@ -41,6 +41,7 @@ struct Arguments {
   bool all = false;
   std::string from;
   std::string group{kDefaultGroupName};
+  std::optional<std::string> shownGroup;  // by list and export; nothing for all groups
   bool hostsOnly = false;
   EndTime end;
 };
@@ -389,14 +390,22 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
                      });
 }
 
-BlockList read_and_report(const CommonOptions& options) {
+// Reads the part of the list that the command line asks for. Reports the bad lines of the whole list.
+BlockList read_and_report(const CommonOptions& options, const Arguments& arguments) {
   StoredList stored = read_list(options.listPath);
   report_bad_lines(stored.list, options.listPath);
-  return std::move(stored.list);
+  if (!arguments.shownGroup) return std::move(stored.list);
+  const GroupIndex group = find_group(stored.list, *arguments.shownGroup);
+  BlockList shown;
+  const GroupIndex copy = copy_settings(stored.list.groups()[group], shown);
+  stored.list.forEachSite([&](ListedSite site) {
+    if (std::exchange(site.group, copy) == group) shown.put(std::move(site));
+  });
+  return shown;
 }
 
-int list(const CommonOptions& options, const Arguments&) {
-  const BlockList list = read_and_report(options);
+int list(const CommonOptions& options, const Arguments& arguments) {
+  const BlockList list = read_and_report(options, arguments);
   if (options.json) {
     print_sites_json(list, now_in_seconds());
   } else if (isatty(STDOUT_FILENO) == 1) {
@@ -408,7 +417,7 @@ int list(const CommonOptions& options, const Arguments&) {
 }
 
 int export_list(const CommonOptions& options, const Arguments& arguments) {
-  const BlockList list = read_and_report(options);
+  const BlockList list = read_and_report(options, arguments);
   if (options.json) {
     print_sites_json(list, now_in_seconds());
   } else if (arguments.hostsOnly) {
@@ -455,13 +464,17 @@ void declare_list_commands(CommandSet& commands) {
   takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
   takeListed(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list",
              "All exceptions of the group");
-  declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list);
+  auto showGroup = [&](CLI::App* command) {
+    command->add_option("--group", arguments->shownGroup, "Only this group")->type_name("GROUP");
+    return command;
+  };
+  showGroup(declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list));
 
   arguments->end.declare(*takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites));
   takeListed(declare("resume", "Block suspended sites again at once", resume), kSites, kAllSites);
 
   declare_import_command(commands);
-  declare("export", "Print the list in a form that import reads", export_list)
+  showGroup(declare("export", "Print the list in a form that import reads", export_list))
       ->add_flag("--hosts", arguments->hostsOnly, "Print only the hosts, one a line, without exceptions");
 }
 

@@ -50,7 +50,8 @@ _orvanectl() {
       block) options+=' --exact --group' ;;
       allow) options+=' --group' ;;
       import) options+=' --subdomains --exact --group --replace --undo' ;;
-      export) options+=' --hosts' ;;
+      list) options+=' --group' ;;
+      export) options+=' --group --hosts' ;;
       suspend) options+=' --all --from --group --for --until' ;;
       unblock | disallow | resume) options+=' --all --from --group' ;;
       lock) options+=' --group --for --until' ;;

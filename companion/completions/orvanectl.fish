@@ -100,7 +100,7 @@ complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is i
 complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
 complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
     -a '(__orvanectl_groups)'
-complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume import lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
+complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume list import export lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'

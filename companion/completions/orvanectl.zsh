@@ -149,7 +149,8 @@ _orvanectl() {
     lock)
       _arguments $common $group '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
-    export) _arguments $common '--hosts[print only the hosts]' ;;
+    list) _arguments $common $group ;;
+    export) _arguments $common $group '--hosts[print only the hosts]' ;;
     browsers) _orvanectl_browsers ;;
     help) _arguments $common ':command:_orvanectl_commands' ;;
     add | remove) _arguments $common '*:host:' ;;

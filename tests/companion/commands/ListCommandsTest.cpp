@@ -107,6 +107,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "x.w.example and its subdomains: allowed; no line blocks it now; has an effect in 15 min\n"
        "x.w.example and its subdomains: no longer an exception\n"},
       {"block w.example --group play", 2, ""},
+      {"list --group default; '" ORVANECTL "' --list '%' export --group work --hosts", 0, "w.example\na.example\n"},
       {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
