@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <string>
 #include <string_view>
 #include <system_error>
 
@@ -28,6 +30,10 @@ class TemporaryFolder {
     create_directories((path_ / name).parent_path());
     std::ofstream(path_ / name, std::ios::binary) << content;
     return path_ / name;
+  }
+  std::string read(const std::filesystem::path& name) const {
+    std::ifstream file(path_ / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
   }
 
  private:

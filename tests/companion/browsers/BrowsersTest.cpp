@@ -3,8 +3,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 
@@ -26,10 +24,7 @@ class Browsers : public ::testing::Test {
   std::string write(const std::string& path, const std::string& text) {
     return folder_.write(path.substr(1), text).string();
   }
-  std::string read(const std::string& path) {
-    std::ifstream file(root + path);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string read(const std::string& path) { return folder_.read(path.substr(1)); }
   std::set<fs::path> tree() {
     std::set<fs::path> paths;
     for (const auto& entry : fs::recursive_directory_iterator(root)) paths.insert(entry.path());

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 
@@ -16,10 +16,7 @@ struct Sockets {
   // Waits for a byte from the peer, as a call waits for its reply.
   ssize_t receive() const {
     char byte;
-    ssize_t got = -1;
-    do got = recv(connection.get(), &byte, 1, 0);
-    while (got < 0 && errno == EINTR);
-    return got;
+    return TEMP_FAILURE_RETRY(recv(connection.get(), &byte, 1, 0));
   }
   std::pair<Descriptor, Descriptor> ends = socket_pair();
   const Descriptor &connection = ends.first, &peer = ends.second;

@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <tuple>
 
 #include "companion/list/ListFile.h"
@@ -26,11 +25,7 @@ namespace fs = std::filesystem;
 class ListFile : public testing::Test {
  protected:
   void write(const std::string& text) const { std::ofstream(path_) << text; }
-  std::string text() const {
-    std::ostringstream content;
-    content << std::ifstream(path_).rdbuf();
-    return content.str();
-  }
+  std::string text() const { return temporary_.read("list"); }
   size_t files() const {
     return static_cast<size_t>(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()));
   }
