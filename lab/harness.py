@@ -67,6 +67,11 @@ def wait_until(condition, what: str, seconds: float = 30) -> None:
     print(f"{what}: {time.monotonic() - start:.2f} s")
 
 
+def becomes(verdict: str, what: str, name: str = HELD, address: str = "127.0.0.1") -> None:
+    """Waits until connections to the name get this verdict."""
+    wait_until(lambda: connect(name, address) == verdict, what, 100)
+
+
 def iptables(arguments: str, family: str = "-4", text: str | None = None) -> str:
     command, *rest = arguments.split()
     program = {"-4": command, "-6": command.replace("iptables", "ip6tables", 1)}[family]

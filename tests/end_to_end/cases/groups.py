@@ -5,12 +5,8 @@ import json
 import signal
 import time
 
-from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, becomes, check, connect, wait_until
 from keeper import Keeper
-
-
-def _becomes(verdict: str, what: str, name: str = HELD) -> None:
-    wait_until(lambda: connect(name) == verdict, what, 100)
 
 
 def _wait_until_sent(keeper: Keeper) -> None:
@@ -32,10 +28,10 @@ def ScheduleBeginsAtARealTime(world: World):
         verdict = connect(HELD)
         if _now() < begin:
             check(verdict, ALLOW, "before the span")
-        _becomes(DROP, "the span begins")
+        becomes(DROP, "the span begins")
         check(_now() >= begin, True, "the span begins in its minute")
         keeper.list.write_text(keeper.list.read_text().replace(HELD, f"{HELD} until={end:%Y-%m-%dT%H:%M:00Z}"))
-        _becomes(ALLOW, "a suspension inside the span")
+        becomes(ALLOW, "a suspension inside the span")
         wait_until(lambda: _now() > end + datetime.timedelta(seconds=2), "the end of the span", 100)
         check(connect(HELD), ALLOW, "after the suspension and the span")
 
@@ -45,7 +41,7 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
         keeper = Keeper(extension, world.directory)
         with keeper:
             keeper.list.write_text(f"free.example\n[group work]\n{HELD}\n{NEWS}\n")
-            _becomes(DROP, "the list is in force")
+            becomes(DROP, "the list is in force")
             keeper.control("lock", "--group", "work", "--for", "1h").check_returncode()
             text = keeper.list.read_text()
             for refused in (("disable", "work"), ("remove", "work"), ("schedule", "work", "Sun 1:00-2:00")):
@@ -85,7 +81,7 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
                     check(connect(HELD), ALLOW, f"right after {command}")
                 finally:
                     keeper.process.send_signal(signal.SIGCONT)
-                _becomes(DROP, f"the keeper has undone {command}")
+                becomes(DROP, f"the keeper has undone {command}")
             verdict = json.loads(keeper.control("--json", "try", HELD).stdout)["verdict"]
             check(verdict, "blocked", "what try says of a name that the file no longer has")
             groups = json.loads(keeper.control("--json", "lock").stdout)

@@ -7,7 +7,7 @@ import signal
 import time
 
 import keeper
-from harness import ALLOW, BELOW, DROP, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from harness import ALLOW, BELOW, DROP, HELD, NEWS, PYTHON, World, becomes, check, connect, wait_until
 
 
 class _Keeper(keeper.Keeper):
@@ -25,10 +25,6 @@ class _Keeper(keeper.Keeper):
         return json.loads(result.stdout)["verdict"], result.returncode
 
 
-def _becomes(verdict: str, what: str, name: str = HELD) -> None:
-    wait_until(lambda: connect(name) == verdict, what)
-
-
 def KeeperResendsTheListAfterARestart(world: World):
     extension = world.extension(PYTHON)
     with _Keeper(extension, world.directory) as keeper:
@@ -37,13 +33,13 @@ def KeeperResendsTheListAfterARestart(world: World):
             time.sleep(1)  # meanwhile, the keeper's pauses between its attempts to connect grow
             wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try reports that nothing is blocked")
             extension.start()
-            _becomes(DROP, "the list is in force after a start")
+            becomes(DROP, "the list is in force after a start")
             wait_until(lambda: keeper.verdict(HELD) == ("blocked", 0), "try reports that")
             check(keeper.edits_of_others(), 0, "edits by others")
             extension.process.send_signal(end)
             extension.process.wait()
         with extension:
-            _becomes(DROP, "the list is in force after another start")
+            becomes(DROP, "the list is in force after another start")
             check([connect(name) for name in BELOW], [ALLOW, DROP], "an exception, and another subdomain")
             check(keeper.control("keep").returncode, 1, "the exit code of a second keeper")
             # When its list changes, the keeper sends only the changed names, so edits by other clients stay.
@@ -79,14 +75,14 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
             replace_folder,
         ):
             write()
-            _becomes(DROP, "the list is in force after the write")
+            becomes(DROP, "the list is in force after the write")
             keeper.list.unlink()
-            _becomes(ALLOW, "nothing is held after the file is removed")
+            becomes(ALLOW, "nothing is held after the file is removed")
         keeper.list.write_text(f"{listed}no host\n")
-        _becomes(DROP, "the list is in force despite a bad line")
+        becomes(DROP, "the list is in force despite a bad line")
         check(keeper.status(in_force=True)["keeper"]["list"]["badLines"], 1, "bad lines")
         rename_away()
-        _becomes(DROP, "the editor's version is in force", NEWS)
+        becomes(DROP, "the editor's version is in force", NEWS)
 
 
 def KeeperEndsASuspensionOnItsDate(world: World):
@@ -101,9 +97,9 @@ def KeeperEndsASuspensionOnItsDate(world: World):
 
         with keeper:
             keeper.list.write_text(f"{HELD}\n")
-            _becomes(DROP, "the list is in force")
+            becomes(DROP, "the list is in force")
             suspend(3600)
-            _becomes(ALLOW, "the host is suspended")
+            becomes(ALLOW, "the host is suspended")
             wait_until(lambda: keeper.verdict(HELD) == ("not blocked", 3), "try reports that")
             keeper.end(signal.SIGKILL)
         with keeper:
@@ -112,7 +108,7 @@ def KeeperEndsASuspensionOnItsDate(world: World):
             check([entry["name"] for entry in suspended], [f".{HELD}"], "suspended names")
             check(connect(HELD), ALLOW, "the suspended host, after the keeper was killed")
             date = suspend(3)
-            _becomes(DROP, "the suspension ends")
+            becomes(DROP, "the suspension ends")
             late = time.time() - date.timestamp()
             print(f"{late:.2f} s after the date")
             check(late >= 0, True, "the suspension has ended after its date")

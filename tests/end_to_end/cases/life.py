@@ -13,7 +13,7 @@ import time
 import isolation
 from attackers import flood
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, Failure, World
-from harness import check, connect, iptables, wait_until
+from harness import becomes, check, connect, iptables, wait_until
 
 
 class _Load:
@@ -81,9 +81,9 @@ def AllowsTrafficWhileItHangs(world: World):
             with load:
                 time.sleep(seconds)
                 extension.process.send_signal(signal.SIGSTOP)
-                wait_until(lambda: connect(HELD) == ALLOW, f"traffic passes an extension that hung {when}")
+                becomes(ALLOW, f"traffic passes an extension that hung {when}")
                 extension.process.send_signal(signal.SIGCONT)
-                wait_until(lambda: connect(HELD) == DROP, "the extension filters again")
+                becomes(DROP, "the extension filters again")
             check(extension.counters()["releases"] > releases, True, f"it has counted the release {when}")
 
 
@@ -91,7 +91,7 @@ def RestoresRulesThatOthersFlush(world: World):
     with world.filtering(PYTHON):
         for family, address in zip(FAMILIES, ("127.0.0.1", "::1")):
             iptables("iptables -t mangle -F", family)
-            wait_until(lambda: connect(HELD, address) == DROP, f"filters again after a flush {family}")
+            becomes(DROP, f"filters again after a flush {family}", HELD, address)
             # A packet from the queue carries its verdict in its mark. This rule overwrites the mark, until the
             # extension has moved its own rule to the first place again.
             iptables("iptables -t mangle -I OUTPUT 1 -p tcp -j MARK --set-mark 1", family)

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <memory>
 
 #include "platform/Process.h"
 #include "platform/linux/process/ProcessChanges.h"
@@ -207,7 +206,7 @@ TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
   ProgramFolder folder;
   Wrapper::install(folder);
   ControlGroup group;
-  const auto uncounted = std::make_unique<ProcessChanges>();  // it counts no events
+  ProcessChanges uncounted;  // it counts no events
   const auto reason = ProcessChanges::system().start();
   const struct {
     const char* what;
@@ -216,9 +215,9 @@ TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
       {"the browser executes a tool", [](Wrapper& wrapper, pid_t) { EXPECT_EQ(wrapper.pid, wrapper.next()); }},
       {"the browser ends", [](Wrapper& wrapper, pid_t) { wrapper.end(); }},
       {"its tool moves to a unit", [&](Wrapper&, pid_t tool) { group.add(tool); }}};
-  for (const ProcessChanges* changes : {uncounted.get(), &ProcessChanges::system()}) {
+  for (const ProcessChanges* changes : {&uncounted, &ProcessChanges::system()}) {
     for (const auto& row : kChanges) {
-      const bool isCounted = changes != uncounted.get();
+      const bool isCounted = changes != &uncounted;
       SCOPED_TRACE(std::string(row.what) + (isCounted ? ", events are counted" : ", events are not counted"));
       if ((isCounted && reason) || (row.what == kChanges[2].what && !group.isAvailable)) continue;
       ProcessIdentity identity(folder.folders(), "/proc", *changes);

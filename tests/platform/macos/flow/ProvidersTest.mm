@@ -1,3 +1,5 @@
+#include <tuple>
+
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/macos/base/Values.h"
@@ -235,4 +237,3 @@ TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
 
 }  // namespace
 }  // namespace orvane
-#include <tuple>
