@@ -8,6 +8,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -79,13 +80,11 @@ struct Outcome {
   std::optional<bool> inForce;
 };
 
-// The groups of `list` that have a delay and lose sites. `lost`: a list of the sites that the groups lose.
-std::vector<Group> delayed_groups(const BlockList& list, const BlockList& lost) {
+// Those of the groups that have a delay.
+std::vector<Group> delayed_groups(const BlockList& list, const std::set<std::string>& groups) {
   std::vector<Group> delayed;
-  const std::vector<size_t> sites = lost.sitesOfGroups();
-  for (size_t i = 0; i < sites.size(); ++i) {
-    const auto group = list.findGroup(lost.groups()[i].name);
-    if (sites[i] > 0 && group && list.groups()[*group].delay.count() > 0) delayed.push_back(list.groups()[*group]);
+  for (const Group& group : list.groups()) {
+    if (groups.contains(group.name) && group.delay.count() > 0) delayed.push_back(group);
   }
   return delayed;
 }
@@ -170,11 +169,11 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     if (arguments.group) find_group(list, *arguments.group);
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
-    if (arguments.replace) outcome.delayed = delayed_groups(list, outcome.counts.record.before);
+    if (arguments.replace) outcome.delayed = delayed_groups(list, outcome.counts.weakenedGroups);
     sites = list.size();
     // The record is written before the list. If the process is killed in between, the record describes an import that
     // is not on the list, and take_back() then finds nothing to do.
-    if (outcome.counts.hasChanges()) replace_list_text(record_path(options), text_of(outcome.counts.record));
+    if (outcome.counts.hasChanges()) replace_list_text(record_path(options), outcome.counts.record);
     return outcome.counts.hasChanges();
   });
   for (const std::string& group : outcome.counts.unchangedGroups)
@@ -198,7 +197,7 @@ int undo(const CommonOptions& options) {
     const ImportRecord record = read_import_record(text);
     for (const Group& group : record.after.groups()) refuse_if_locked(options, group.name, "undo the import");
     counts = take_back(list, record);
-    delayed = delayed_groups(list, record.after);
+    delayed = delayed_groups(list, counts.weakenedGroups);
     sites = list.size();
     replace_list_text(record_path(options), "");
     return counts.removed + counts.restored + counts.groups > 0;

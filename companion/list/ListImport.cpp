@@ -276,15 +276,48 @@ ImportedSites read_import(std::string_view text, const ImportOptions& options, c
 
 namespace {
 
-// The index of an imported group in the list, and its indexes in the two lists of the import's record.
-struct Place {
-  GroupIndex list, before, after;
+// Writes ImportCounts::record. The lines before the import and those after it are two lists (read_import_record()),
+// whose lines may alternate.
+class RecordWriter {
+ public:
+  explicit RecordWriter(std::string& text) : text_(text) {
+    text_ = "# The last import, for orvanectl import --undo: the lines before (-) and after (+) it.\n";
+  }
+  void addGroups(const BlockList& before, const BlockList& after) {
+    for (const auto& [part, list] : {std::pair(&before_, &before), std::pair(&after_, &after)}) {
+      std::string lines = list->text();
+      for (std::string_view rest = lines; !rest.empty();) {
+        const size_t end = rest.find('\n');
+        addLine(*part, rest.substr(0, end));
+        rest.remove_prefix(end + 1);
+      }
+    }
+  }
+  void addBefore(const BlockList& list, const ListedSite& site) { addSite(before_, list, site); }
+  void addAfter(const BlockList& list, const ListedSite& site) { addSite(after_, list, site); }
+
+ private:
+  struct Part {
+    const char* mark;
+    std::optional<GroupIndex> group{};  // of the lines that follow; nothing before the first site
+  };
+  void addLine(const Part& part, std::string_view line) { text_.append(part.mark).append(line).append("\n"); }
+  void addSite(Part& part, const BlockList& list, const ListedSite& site) {
+    if (part.group != site.group) addLine(part, header_of(list.groupOf(site).name));
+    part.group = site.group;
+    addLine(part, line_of(site));
+  }
+
+  std::string& text_;
+  Part before_{"- "}, after_{"+ "};
 };
 
-// Finds or adds the groups of the import. Returns the place of each.
-std::vector<Place> place_groups(BlockList& list, const ImportedSites& imported, ImportCounts& counts) {
-  std::vector<Place> places;
-  std::vector<size_t> sites = list.sitesOfGroups();
+// Finds or adds the groups of the import. Returns the index of each in the list.
+std::vector<GroupIndex> place_groups(BlockList& list, const ImportedSites& imported, ImportCounts& counts,
+                                     RecordWriter& record) {
+  std::vector<GroupIndex> places;
+  const std::vector<size_t> sites = list.sitesOfGroups();
+  BlockList before, after;
   for (const Group& group : imported.groups) {
     const auto known = list.findGroup(group.name);
     if (!known && list.groups().size() >= BlockList::kMostGroups)
@@ -297,31 +330,25 @@ std::vector<Place> place_groups(BlockList& list, const ImportedSites& imported, 
     if (!isNew && hasSettings && !has_same_settings(group, old)) counts.unchangedGroups.push_back(group.name);
     const Group& now = list.groups()[index];
     if (!known || !has_same_settings(old, now)) ++counts.groups;
-    places.push_back({index, known ? copy_settings(old, counts.record.before) : kDefaultGroup,
-                      copy_settings(now, counts.record.after)});
+    if (known) copy_settings(old, before);
+    copy_settings(now, after);
+    places.push_back(index);
   }
+  record.addGroups(before, after);
   return places;
 }
 
-void put_in(BlockList& list, GroupIndex group, ListedSite site) {
-  site.group = group;
-  list.put(std::move(site));
-}
-
 // In each group of the import, removes the sites that the import does not have.
-void remove_others(BlockList& list, const ImportedSites& imported, const std::vector<Place>& places,
-                   ImportCounts& counts) {
+void remove_others(BlockList& list, const ImportedSites& imported, const std::vector<GroupIndex>& places,
+                   ImportCounts& counts, RecordWriter& record) {
   using Hosts = std::unordered_set<std::string_view, KeyedHash>;
   std::vector<std::optional<Hosts>> hosts(list.groups().size());
-  std::vector<GroupIndex> before(list.groups().size());
-  for (const Place& place : places) {
-    hosts[place.list].emplace();
-    before[place.list] = place.before;
-  }
-  for (const ListedSite& site : imported.sites) hosts[places[site.group].list]->insert(site.host);
+  for (const GroupIndex place : places) hosts[place].emplace();
+  for (const ListedSite& site : imported.sites) hosts[places[site.group]]->insert(site.host);
   for (const ListedSite& site : list.sites()) {
     if (!hosts[site.group] || hosts[site.group]->contains(site.host)) continue;
-    put_in(counts.record.before, before[site.group], site);
+    record.addBefore(list, site);
+    counts.weakenedGroups.insert(list.groupOf(site).name);
     list.remove(site.host, site.group);
     ++counts.removed;
   }
@@ -331,35 +358,25 @@ void remove_others(BlockList& list, const ImportedSites& imported, const std::ve
 
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace) {
   ImportCounts counts;
-  const std::vector<Place> places = place_groups(list, imported, counts);
+  RecordWriter record(counts.record);
+  const std::vector<GroupIndex> places = place_groups(list, imported, counts, record);
   for (ListedSite site : imported.sites) {
-    const Place& place = places[site.group];
-    site.group = place.list;
+    site.group = places[site.group];
     const ListedSite* old = list.find(site.host, site.group);
     if (old != nullptr && !replace) site.scope = std::max(site.scope, old->scope);
     if (old != nullptr && !site.until) site.until = old->until;
     if (site.scope == Scope::Exception) site.until.reset();
     ++(old == nullptr ? counts.added : site != *old ? counts.changed : counts.unchanged);
     if (old != nullptr && site == *old) continue;
-    if (old != nullptr) put_in(counts.record.before, place.before, *old);
-    put_in(counts.record.after, place.after, site);
+    if (old != nullptr) {
+      record.addBefore(list, *old);
+      counts.weakenedGroups.insert(list.groupOf(site).name);
+    }
+    record.addAfter(list, site);
     list.put(std::move(site));
   }
-  if (replace) remove_others(list, imported, places, counts);
+  if (replace) remove_others(list, imported, places, counts, record);
   return counts;
-}
-
-std::string text_of(const ImportRecord& record) {
-  std::string text = "# The last import, for orvanectl import --undo: the lines before (-) and after (+) it.\n";
-  const auto append = [&](std::string_view mark, const std::string& lines) {
-    for (size_t start = 0, end; start < lines.size(); start = end) {
-      end = lines.find('\n', start) + 1;
-      text.append(mark).append(lines, start, end - start);
-    }
-  };
-  append("- ", record.before.text());
-  append("+ ", record.after.text());
-  return text;
 }
 
 ImportRecord read_import_record(std::string_view text) {
@@ -386,10 +403,14 @@ void take_back_site(BlockList& list, const std::string& group, const ListedSite*
   if (!index || !isUnchanged) {
     ++counts.changedSince;
   } else if (before != nullptr) {
-    put_in(list, *index, *before);
+    ListedSite site = *before;
+    site.group = *index;
+    list.put(std::move(site));
+    if (after != nullptr) counts.weakenedGroups.insert(group);
     ++counts.restored;
   } else {
     list.remove(host, *index);
+    counts.weakenedGroups.insert(group);
     ++counts.removed;
   }
 }

@@ -4,6 +4,7 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,11 +54,6 @@ struct ImportOptions {
 ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
-// The sites that an import changed, and the groups of the imported text, before and after the import.
-struct ImportRecord {
-  BlockList before, after;
-};
-
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;
@@ -66,7 +62,8 @@ struct ImportCounts {
   size_t groups = 0;     // groups that were added, or got settings
   // The groups that kept their own settings instead of the imported ones, because they had sites already.
   std::vector<std::string> unchangedGroups;
-  ImportRecord record;
+  std::set<std::string> weakenedGroups;  // in which sites were changed or removed
+  std::string record;                    // for read_import_record()
   bool hasChanges() const { return added + changed + removed + groups > 0; }
 };
 
@@ -77,15 +74,19 @@ struct ImportCounts {
 // list would have too many groups.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
-// The record as a text: the lines of the two lists, after "- " and "+ ".
-std::string text_of(const ImportRecord& record);
+// The sites that an import changed, and the groups of the imported text, before and after the import. The text has the
+// lines of the two lists after "- " and "+ ".
+struct ImportRecord {
+  BlockList before, after;
+};
 ImportRecord read_import_record(std::string_view text);
 
 struct UndoCounts {
   size_t removed = 0;
   size_t restored = 0;
-  size_t groups = 0;        // groups that were removed, or got their old settings
-  size_t changedSince = 0;  // left alone, because the user has changed the site or group since the import
+  size_t groups = 0;                     // groups that were removed, or got their old settings
+  std::set<std::string> weakenedGroups;  // in which sites were changed or removed
+  size_t changedSince = 0;               // left alone, because the user has changed the site or group since the import
 };
 
 // Takes an import back. A site counts as changed since the import if it has been removed or added, or has another

@@ -144,7 +144,7 @@ TEST(ListImport, KeepsTheGroupsOfAnExport) {
     const ImportCounts counts = put_imported(list, read_import(c.imported, {}, ignore, nullptr), c.replace);
     EXPECT_EQ(list.text(), c.after) << c.what;
     EXPECT_EQ(counts.unchangedGroups.size(), c.unchangedGroups) << c.what;
-    take_back(list, read_import_record(text_of(counts.record)));
+    take_back(list, read_import_record(counts.record));
     EXPECT_EQ(list.text(), c.undone) << c.what;
   }
   BlockList list = BlockList::parse("[group play]\n");
@@ -159,7 +159,7 @@ TEST(ListImport, TakesAnImportBackExceptWhatWasChangedSince) {
   list.put({"suspended.example", Scope::Subdomains, Moment(std::chrono::seconds(1))});
   list.put({"excepted.example", Scope::Exception, {}});
   list.remove("removed.example");
-  const UndoCounts undone = take_back(list, read_import_record(text_of(counts.record)));
+  const UndoCounts undone = take_back(list, read_import_record(counts.record));
   EXPECT_EQ(list.text(), "kept.example\nold.example only\nexcepted.example allowed\n");
   EXPECT_EQ(undone.removed, 1U);
   EXPECT_EQ(undone.restored, 1U);
