@@ -149,6 +149,13 @@ ImportedSites read_file(const Arguments& arguments, const std::string& source, P
   }
 }
 
+// Whether the file has neither sites nor groups.
+bool is_empty(const ImportedSites& read, const Arguments& arguments) {
+  const Group& first = read.groups.front();
+  const bool isPlain = first.name == kDefaultGroupName && has_same_settings(first, Group());
+  return read.sites.empty() && read.groups.size() == 1 && (isPlain || arguments.group);
+}
+
 int import(const CommonOptions& options, const Arguments& arguments) {
   const auto started = std::chrono::steady_clock::now();
   const std::string source = arguments.file == "-" ? "standard input" : arguments.file;
@@ -159,7 +166,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     outcome.read = read_file(arguments, source, bar, text, outcome.rejections);
     // With --replace, an empty file or one with only comments empties the list. A file of which every line was rejected
     // is probably not a list.
-    if (outcome.read.sites.empty() && (!arguments.replace || outcome.read.rejected > 0))
+    if (is_empty(outcome.read, arguments) && (!arguments.replace || outcome.read.rejected > 0))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
   for (const Group& group : outcome.read.groups) {

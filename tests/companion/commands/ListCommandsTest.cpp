@@ -132,6 +132,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"group show work", 0,
        "work: 0 sites, disabled\n  schedule  Mon..Fri 09:00-17:00\n  schedule  Sat 00:00-24:00\n"
        "  delay     15 min\n"},
+      {"export | '" ORVANECTL "' --list '%.4' import - | sed -n 4p", 0, "1 group added or changed\n"},
       {"lock --group work --for 1h", 1, ""},
       {"lock --for 2y", 2, ""},
       {"lock", 1, ""},
