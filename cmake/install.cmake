@@ -29,9 +29,10 @@ install(FILES ${packaging}/legacy-iptables.conf DESTINATION ${CMAKE_INSTALL_DATA
 
 set(companion ${PROJECT_SOURCE_DIR}/companion)
 install(FILES ${companion}/man/orvanectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES ${companion}/man/orvane-list.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+install(FILES ${companion}/man/orvane-list.5 ${companion}/man/orvane-site.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
 install(FILES ${companion}/man/orvane-se.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 set(share ${CMAKE_INSTALL_DATADIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/resources/sites DESTINATION ${share}/orvane-se FILES_MATCHING PATTERN *.site)
 install(FILES ${companion}/completions/orvanectl.bash DESTINATION ${share}/bash-completion/completions RENAME orvanectl)
 install(FILES ${companion}/completions/orvanectl.zsh DESTINATION ${share}/zsh/vendor-completions RENAME _orvanectl)
 install(FILES ${companion}/completions/orvanectl.fish DESTINATION ${share}/fish/vendor_completions.d)
