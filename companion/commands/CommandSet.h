@@ -22,9 +22,10 @@ using Command = std::function<int()>;
 struct CommonOptions {
   ClientOptions client;
   bool json = false;  // print results as JSON
-  // The paths of the machine's list and of the keeper's state file. Used only on systems with a keeper.
+  // The paths of the machine's list and of the keeper's state file, for example. Used only on systems with a keeper.
   std::string listPath;
   std::string keeperStatePath;
+  std::string cataloguePath;  // the folder with the sites of the package
 };
 
 // The command line, for the functions that declare its commands. Parsing the command line sets `chosen` to the command

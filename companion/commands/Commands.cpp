@@ -24,6 +24,7 @@
 #include "companion/client/Client.h"
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/ProtocolCall.h"
+#include "companion/text/EditDistance.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
 #include "companion/text/HostnameList.h"
@@ -339,21 +340,6 @@ void refuse_brackets(int argc, const char* const* argv) {
       throw InputError("bad command line: " + in_quotes(text) +
                        ": an argument in square brackets is not supported: give a file as ./[FILE]");
   }
-}
-
-// The Levenshtein distance of two words: the smallest number of insertions, removals and replacements of a character
-// that turn one into the other.
-size_t edit_distance(std::string_view one, std::string_view other) {
-  std::vector<size_t> row(other.size() + 1);
-  for (size_t j = 0; j <= other.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= one.size(); ++i) {
-    size_t diagonal = std::exchange(row[0], i);
-    for (size_t j = 1; j <= other.size(); ++j) {
-      const size_t replaced = diagonal + (one[i - 1] == other[j - 1] ? 0 : 1);
-      diagonal = std::exchange(row[j], std::min({replaced, row[j] + 1, row[j - 1] + 1}));
-    }
-  }
-  return row.back();
 }
 
 // Call this if the command line needs a command below `parent`, but has no known one. `depth` words of the command line

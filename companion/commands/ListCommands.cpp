@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,6 +22,7 @@
 #include "companion/commands/EndTime.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/ImportCommand.h"
+#include "companion/commands/SiteCommands.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/doctor/DoctorFacts.h"
@@ -40,6 +43,7 @@ struct Arguments {
   bool exactNames = false;
   bool all = false;
   std::string from;
+  SiteOptions catalogued;
   std::string group{kDefaultGroupName};
   std::optional<std::string> shownGroup;  // by list and export; nothing for all groups
   bool hostsOnly = false;
@@ -54,12 +58,34 @@ struct Change {
   bool isMeantToBlock = true;  // false if the command lets the host pass
   // The line that has the opposite effect on the host, and its group; empty if there is none.
   std::string otherLine{}, otherGroup{};
+  const CatalogueSite* origin = nullptr;  // the chosen site of the catalogue that has this host
 };
 
 // The two steps of a command: FindSites returns the sites of the group that the command is about, each once; ChangeSite
 // changes one of them.
 using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group)>;
 using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
+
+// What the command line selects.
+struct Selection {
+  FindSites find;
+  std::vector<CatalogueSite> chosen{};  // the sites of the catalogue that --site and --category name
+
+  // The first chosen site that has the host; null if none has.
+  const CatalogueSite* originOf(const std::string& host) const {
+    const auto isHost = [&](const ListedSite& each) { return each.host == host; };
+    const auto found = std::find_if(chosen.begin(), chosen.end(), [&](const CatalogueSite& site) {
+      return std::any_of(site.hosts.begin(), site.hosts.end(), isHost);
+    });
+    return found == chosen.end() ? nullptr : &*found;
+  }
+};
+
+std::vector<ListedSite> hosts_of(const std::vector<CatalogueSite>& chosen) {
+  std::vector<ListedSite> hosts;
+  for (const CatalogueSite& site : chosen) hosts.insert(hosts.end(), site.hosts.begin(), site.hosts.end());
+  return hosts;
+}
 
 // Returns the sites that the given words name, with their hosts in the form that browsers send. Reports each word that
 // names no site, and then throws InputError.
@@ -142,47 +168,69 @@ std::vector<ListedSite> sites_of_file(const std::string& file) {
   return {std::make_move_iterator(read.sites.begin()), std::make_move_iterator(read.sites.end())};
 }
 
-// Finds the sites that the command line selects: those with the given hosts, those with the hosts of a file, or all.
-// With `exceptions`, selects only exceptions, otherwise only sites that are not exceptions. Hosts of a file that are
-// not on the list are only counted.
-FindSites selected_sites(const Arguments& arguments, const char* command, Moment now, bool exceptions = false) {
-  if ((arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) != 1)
-    throw InputError(std::string("bad command line: ") + command +
-                     ": give hosts of sites on the list, or --all, or --from FILE");
-  if (!arguments.hosts.empty()) return given_sites(arguments, now, exceptions);
-  const auto isSelected = [=](const ListedSite& site) { return (site.scope == Scope::Exception) == exceptions; };
-  if (arguments.all) {
-    return [=](const BlockList& list, GroupIndex group) {
-      std::vector<ListedSite> sites = list.sites();
-      std::erase_if(sites, [&](const ListedSite& site) { return site.group != group || !isSelected(site); });
-      return sites;
-    };
-  }
-  return [=, given = sites_of_file(arguments.from)](const BlockList& list, GroupIndex group) {
+// Finds the sites that are on the list: all sites, or those with the given hosts. `source` says where the given hosts
+// come from; those that are not on the list are only counted. With `exceptions`, selects only exceptions, otherwise
+// only sites that are not exceptions.
+FindSites all_sites(bool exceptions) {
+  return [=](const BlockList& list, GroupIndex group) {
+    std::vector<ListedSite> sites = list.sites();
+    std::erase_if(sites, [&](const ListedSite& site) {
+      return site.group != group || (site.scope == Scope::Exception) != exceptions;
+    });
+    return sites;
+  };
+}
+FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string& source, bool exceptions) {
+  return [=](const BlockList& list, GroupIndex group) {
     std::vector<ListedSite> sites;
     for (const ListedSite& each : given) {
       const ListedSite* site = list.find(each.host, group);
-      if (site != nullptr && isSelected(*site)) sites.push_back(*site);
+      if (site != nullptr && (site->scope == Scope::Exception) == exceptions) sites.push_back(*site);
     }
     if (sites.size() < given.size())
-      print_error("passed over: " + counted(given.size() - sites.size(), "name", "names") + " of " +
-                  in_quotes(arguments.from) + " that the list does not have");
+      print_error("passed over: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
+                  " that the list does not have");
     return sites;
   };
 }
 
-// Finds the sites that the command line names, each once, with the given scope. They need not be on the list.
-FindSites new_sites(const Arguments& arguments, Scope scope) {
-  return [sites = checked_sites(arguments.hosts, scope)](const BlockList&, GroupIndex group) {
-    std::vector<ListedSite> unique;
-    std::set<std::string_view> seen;
-    for (const ListedSite& site : sites) {
-      if (!seen.insert(site.host).second) continue;
-      unique.push_back(site);
-      unique.back().group = group;
-    }
-    return unique;
-  };
+// Finds the sites that the command line selects: those with the given hosts, those with the hosts of a file or of sites
+// of the catalogue, or all.
+Selection selected_sites(const CommonOptions& options, const Arguments& arguments, const char* command, Moment now,
+                         bool exceptions = false) {
+  const bool isCatalogued = arguments.catalogued.isGiven();
+  if ((arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) +
+          (isCatalogued ? 1 : 0) !=
+      1)
+    throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all, or " +
+                     (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
+  if (arguments.all) return {all_sites(exceptions)};
+  if (!arguments.hosts.empty()) return {given_sites(arguments, now, exceptions)};
+  if (!isCatalogued) return {sites_on_list(sites_of_file(arguments.from), in_quotes(arguments.from), exceptions)};
+  std::vector<CatalogueSite> chosen = chosen_sites(options, arguments.catalogued);
+  const std::string source = chosen.size() == 1 ? chosen.front().name : counted(chosen.size(), "site", "sites");
+  FindSites find = sites_on_list(hosts_of(chosen), source, exceptions);
+  return {std::move(find), std::move(chosen)};
+}
+
+// Finds the sites that the command line names, each once, with the given scope, and the hosts of the chosen sites of
+// the catalogue, with their own scopes. They need not be on the list.
+Selection new_sites(const CommonOptions& options, const Arguments& arguments, Scope scope) {
+  std::vector<ListedSite> sites = checked_sites(arguments.hosts, scope);
+  std::vector<CatalogueSite> chosen;
+  if (arguments.catalogued.isGiven()) chosen = chosen_sites(options, arguments.catalogued);
+  for (ListedSite& host : hosts_of(chosen)) sites.push_back(std::move(host));
+  return {[sites = std::move(sites)](const BlockList&, GroupIndex group) {
+            std::vector<ListedSite> unique;
+            std::set<std::string_view> seen;
+            for (const ListedSite& site : sites) {
+              if (!seen.insert(site.host).second) continue;
+              unique.push_back(site);
+              unique.back().group = group;
+            }
+            return unique;
+          },
+          std::move(chosen)};
 }
 
 void print_change(const Change& change) {
@@ -195,8 +243,8 @@ void print_change(const Change& change) {
   std::puts(line.c_str());
 }
 
-// Prints how many sites each outcome has.
-void print_summary(const std::vector<Change>& changes) {
+// Prints how many of the sites each outcome has. `one` and `many` name the sites.
+void print_summary(std::span<const Change> changes, const std::string& prefix, const char* one, const char* many) {
   std::map<std::string_view, size_t> sitesByOutcome;
   size_t others = 0;
   for (const Change& change : changes) {
@@ -204,16 +252,37 @@ void print_summary(const std::vector<Change>& changes) {
     others += change.otherLine.empty() ? 0 : 1;
   }
   for (const auto& [outcome, sites] : sitesByOutcome)
-    std::printf("%s: %s\n", counted(sites, "site", "sites").c_str(), std::string(outcome).c_str());
+    std::printf("%s%s: %s\n", prefix.c_str(), counted(sites, one, many).c_str(), std::string(outcome).c_str());
   if (others > 0)
-    std::printf("%s of them: %s\n", std::to_string(others).c_str(),
+    std::printf("%s%s of them: %s\n", prefix.c_str(), std::to_string(others).c_str(),
                 changes.front().isMeantToBlock ? "allowed by exceptions" : "still blocked by other lines");
 }
 
-void print_changes(const std::vector<Change>& changes) {
+// The hosts of one site of the catalogue have one summary. If there are too many summaries and other sites, they all
+// have one.
+void print_changes(std::span<const Change> changes) {
   constexpr size_t kMostShown = 20;
-  if (changes.size() > kMostShown) return print_summary(changes);
-  for (const Change& change : changes) print_change(change);
+  std::vector<std::span<const Change>> parts;
+  std::set<const CatalogueSite*> origins;
+  for (size_t i = 0; i < changes.size(); i += parts.back().size()) {
+    const CatalogueSite* origin = changes[i].origin;
+    size_t end = i + 1;
+    while (origin != nullptr && end < changes.size() && changes[end].origin == origin) ++end;
+    parts.push_back(changes.subspan(i, end - i));
+    origins.insert(origin);
+  }
+  if (parts.size() > kMostShown) {
+    origins.erase(nullptr);
+    if (origins.empty()) return print_summary(changes, "", "site", "sites");
+    return print_summary(changes, counted(origins.size(), "site", "sites") + ", ", "host", "hosts");
+  }
+  for (const std::span<const Change> part : parts) {
+    if (part.front().origin == nullptr) {
+      print_change(part.front());
+    } else {
+      print_summary(part, part.front().origin->name + ", ", "host", "hosts");
+    }
+  }
 }
 
 void print_changes_json(const std::vector<Change>& changes, std::optional<bool> inForce, Moment now) {
@@ -223,6 +292,7 @@ void print_changes_json(const std::vector<Change>& changes, std::optional<bool> 
     nlohmann::json site = site_json(change.site, now);
     site["changed"] = change.changed;
     if (!change.otherLine.empty()) site["otherLine"] = change.otherLine;
+    if (change.origin != nullptr) site["site"] = change.origin->id;
     sites.push_back(std::move(site));
     changed += change.changed ? 1 : 0;
   }
@@ -241,7 +311,7 @@ void find_opposite_line(const BlockList& list, Change& change, Moment now, const
   change.otherGroup = list.groupOf(other).name;
 }
 
-int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const FindSites& find,
+int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const Selection& selection,
                 const ChangeSite& change) {
   std::vector<Change> changes;
   size_t sites = 0;
@@ -254,8 +324,9 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     const auto state = states_of_groups(list, keeper, now)[group];
     const std::string outOfForce =
         state.isInForce ? "" : "; but the group " + state.name + " is " + state_text(list.groups()[group], state, now);
-    for (ListedSite& site : find(list, group)) {
+    for (ListedSite& site : selection.find(list, group)) {
       changes.push_back(change(list, std::move(site)));
+      changes.back().origin = selection.originOf(changes.back().site.host);
       changed = changed || changes.back().changed;
       changes.back().outcome += changes.back().isMeantToBlock ? outOfForce : delay;
     }
@@ -294,15 +365,21 @@ std::string blocking_outcome(const ListedSite* before, const ListedSite& site, M
 int block(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const Scope scope = arguments.exactNames ? Scope::ExactName : Scope::Subdomains;
-  const int code =
-      change_list(options, arguments, now, new_sites(arguments, scope), [&](BlockList& list, ListedSite site) {
-        if (site.host.find('.') == std::string::npos)
-          print_error("only this exact name is blocked: " + in_quotes(site.host) +
-                      ": block each site below it by its name");
-        std::string outcome = blocking_outcome(list.find(site.host, site.group), site, now);
-        const bool changed = list.put(site);
-        return Change{std::move(site), changed, std::move(outcome)};
-      });
+  if (arguments.hosts.empty() && !arguments.catalogued.isGiven())
+    throw InputError("bad command line: block: give hosts, or --site SITE, or --category CATEGORY");
+  const Selection selection = new_sites(options, arguments, scope);
+  const int code = change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
+    if (site.host.find('.') == std::string::npos)
+      print_error("only this exact name is blocked: " + in_quotes(site.host) +
+                  ": block each site below it by its name");
+    const ListedSite* before = list.find(site.host, site.group);
+    // Blocking a site of the catalogue does not take the subdomains from a line that has them.
+    if (before != nullptr && before->scope == Scope::Subdomains && selection.originOf(site.host) != nullptr)
+      site.scope = before->scope;
+    std::string outcome = blocking_outcome(before, site, now);
+    const bool changed = list.put(site);
+    return Change{std::move(site), changed, std::move(outcome)};
+  });
   if (const std::string warning = browser_warning(gather_browser_facts()); !warning.empty()) print_error(warning);
   return code;
 }
@@ -329,7 +406,7 @@ int allow(const CommonOptions& options, const Arguments& arguments) {
   const auto keeper = keeper_of_list(options);
   refuse_if_locked(options, arguments.group, "add exceptions");
   return change_list(
-      options, arguments, now, new_sites(arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
+      options, arguments, now, new_sites(options, arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
         const ListedSite* found = list.find(site.host, site.group);
         std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
         const bool changed = list.put(site);
@@ -341,9 +418,9 @@ int allow(const CommonOptions& options, const Arguments& arguments) {
 
 int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const FindSites find = selected_sites(arguments, "unblock", now);
+  const Selection selection = selected_sites(options, arguments, "unblock", now);
   refuse_if_locked(options, arguments.group, "remove sites");
-  return change_list(options, arguments, now, find, [](BlockList& list, ListedSite site) {
+  return change_list(options, arguments, now, selection, [](BlockList& list, ListedSite site) {
     list.remove(site.host, site.group);
     return Change{std::move(site), true, "removed from the list", false};
   });
@@ -351,7 +428,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
 
 int disallow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, arguments, now, selected_sites(arguments, "disallow", now, true),
+  return change_list(options, arguments, now, selected_sites(options, arguments, "disallow", now, true),
                      [](BlockList& list, ListedSite site) {
                        list.remove(site.host, site.group);
                        return Change{std::move(site), true, "no longer an exception"};
@@ -360,12 +437,12 @@ int disallow(const CommonOptions& options, const Arguments& arguments) {
 
 int suspend(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const FindSites find = selected_sites(arguments, "suspend", now);
+  const Selection selection = selected_sites(options, arguments, "suspend", now);
   if (!arguments.end.isGiven())
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment end = read_end_time(arguments.end, options, now);
-  return change_list(options, arguments, now, find, [&](BlockList& list, ListedSite site) {
+  return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
     // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
     // that it lasts as long as the user asked.
     const Group& group = list.groupOf(site);
@@ -381,7 +458,7 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
 
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, arguments, now, selected_sites(arguments, "resume", now),
+  return change_list(options, arguments, now, selected_sites(options, arguments, "resume", now),
                      [&](BlockList& list, ListedSite site) {
                        const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
                        site.until.reset();
@@ -443,10 +520,12 @@ void declare_list_commands(CommandSet& commands) {
     return command;
   };
   auto takeHosts = [&](CLI::App* command) {
-    command->add_option("HOST", arguments->hosts, "Host names or URLs, in any spelling that browsers accept")
-        ->required()
+    return command->add_option("HOST", arguments->hosts, "Host names or URLs, in any spelling that browsers accept")
         ->type_name("");
-    return takeGroup(command);
+  };
+  auto takeSites = [&](CLI::App* command) {
+    arguments->catalogued.declare(*command);
+    return command;
   };
   auto takeListed = [&](CLI::App* command, const char* hosts, const char* all) {
     command->add_option("HOST", arguments->hosts, hosts)->type_name("");
@@ -458,10 +537,16 @@ void declare_list_commands(CommandSet& commands) {
     return takeGroup(command);
   };
   constexpr const char *kSites = "Hosts of sites on the list", *kAllSites = "All sites of the group";
-  takeHosts(declare("block", "Block sites, from now on and after every start", block))
-      ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
-  takeListed(declare("unblock", "Remove sites from the list", unblock), kSites, kAllSites);
-  takeHosts(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
+  CLI::App* blockCommand = takeSites(declare("block", "Block sites, from now on and after every start", block));
+  takeHosts(blockCommand);
+  CLI::Option* exact =
+      takeGroup(blockCommand)
+          ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
+  for (const char* option : {"--site", "--category"}) exact->excludes(blockCommand->get_option(option));
+  takeSites(takeListed(declare("unblock", "Remove sites from the list", unblock), kSites, kAllSites));
+  CLI::App* allowCommand =
+      takeGroup(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
+  takeHosts(allowCommand)->required();
   takeListed(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list",
              "All exceptions of the group");
   auto showGroup = [&](CLI::App* command) {
@@ -470,8 +555,9 @@ void declare_list_commands(CommandSet& commands) {
   };
   showGroup(declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list));
 
-  arguments->end.declare(*takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites));
-  takeListed(declare("resume", "Block suspended sites again at once", resume), kSites, kAllSites);
+  arguments->end.declare(
+      *takeSites(takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites)));
+  takeSites(takeListed(declare("resume", "Block suspended sites again at once", resume), kSites, kAllSites));
 
   declare_import_command(commands);
   showGroup(declare("export", "Print the list in a form that import reads", export_list))

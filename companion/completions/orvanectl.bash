@@ -11,24 +11,34 @@ _orvanectl_groups() {
     cut -d '"' -f 4)"
 }
 
+# Completes the ids of sites, or with the argument 2, their categories.
+_orvanectl_sites() {
+  _orvanectl_words "$(orvanectl ${catalogue:+--catalogue "$catalogue"} sites list 2>/dev/null |
+    awk -v column="${1:-1}" '{ print $column }' | sort -u)"
+}
+
 _orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
 
 _orvanectl() {
   local cur prev words cword split
   _init_completion -s || return
 
-  # Find the command (the words that are neither options nor values of options), and the list that --list names.
-  local command='' list='' i
+  # Find the command (the words that are neither options nor values of options), the list and the catalogue.
+  local command='' list='' catalogue='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
       --list) list=${words[++i]} ;;
       --list=*) list=${words[i]#*=} ;;
-      --service | --socket | --state | --from | --for | --until | --dont-block-until | --interval | --group) ((i++)) ;;
+      --catalogue) catalogue=${words[++i]} ;;
+      --catalogue=*) catalogue=${words[i]#*=} ;;
+      --service | --socket | --state | --from | --for | --until | --dont-block-until | --interval | --group | --site | --category)
+        ((i++))
+        ;;
       -*) ;;
       *)
         case $command in
           '') command=${words[i]} ;;
-          browsers | 'browsers policy' | group) command+=" ${words[i]}" ;;
+          browsers | 'browsers policy' | group | sites) command+=" ${words[i]}" ;;
         esac
         ;;
     esac
@@ -36,6 +46,9 @@ _orvanectl() {
 
   case $prev in
     --list | --socket | --state | --from) _filedir; return ;;
+    --catalogue) _filedir -d; return ;;
+    --site) _orvanectl_sites; return ;;
+    --category) _orvanectl_sites 2; return ;;
     --group) _orvanectl_groups; return ;;
     --for) _orvanectl_words '15m 30m 1h 2h 1d'; return ;;
     --until) _orvanectl_words '18:00 monday'; return ;;
@@ -44,16 +57,18 @@ _orvanectl() {
   $split && return
 
   if [[ $cur == -* ]]; then
-    local options='--help --json --list --service --socket --state'
+    local options='--help --json --catalogue --list --service --socket --state'
     case $command in
       '') options+=' --version' ;;
-      block) options+=' --exact --group' ;;
+      block) options+=' --exact --group --site --category' ;;
       allow) options+=' --group' ;;
       import) options+=' --subdomains --exact --group --replace --undo' ;;
       list) options+=' --group' ;;
       export) options+=' --group --hosts' ;;
-      suspend) options+=' --all --from --group --for --until' ;;
-      unblock | disallow | resume) options+=' --all --from --group' ;;
+      suspend) options+=' --all --from --group --site --category --for --until' ;;
+      unblock | resume) options+=' --all --from --group --site --category' ;;
+      disallow) options+=' --all --from --group' ;;
+      'sites list') options+=' --category' ;;
       lock) options+=' --group --for --until' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
@@ -62,10 +77,12 @@ _orvanectl() {
     return
   fi
 
-  local commands='block unblock allow disallow list suspend resume import export group lock status try keep doctor
+  local commands='block unblock allow disallow list suspend resume import export sites group lock status try keep doctor
     browsers ping state changes start stop add remove set properties watch call help'
   case $command in
     '' | help) _orvanectl_words "$commands" ;;
+    sites) _orvanectl_words 'list show search' ;;
+    'sites show') _orvanectl_sites ;;
     group) _orvanectl_words 'add remove list show enable disable schedule delay' ;;
     'group remove' | 'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
       [[ $prev == "${command#group }" ]] && _orvanectl_groups

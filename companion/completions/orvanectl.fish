@@ -19,8 +19,14 @@ function __orvanectl_groups
     command -q orvanectl; and command orvanectl --json group list 2>/dev/null | string match -rag '"name": *"([^"]*)"'
 end
 
+# Prints the ids of the sites of the catalogue, or with the argument 2, their categories.
+function __orvanectl_sites
+    set -q argv[1]; or set argv 1
+    command -q orvanectl; and command orvanectl sites list 2>/dev/null | awk -v column=$argv[1] '{ print $column }' | sort -u
+end
+
 function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'
-    set -l options --list --service --socket --state --from --for --until --dont-block-until --interval --group
+    set -l options --list --service --socket --state --from --for --until --dont-block-until --interval --group --catalogue --site --category
     set -l words (commandline -opc)
     set -l skip
     for word in $words[2..]
@@ -44,9 +50,14 @@ function __orvanectl_group -d 'Test whether "group" still lacks its command'
     __orvanectl_command group; and not __fish_seen_subcommand_from add remove list show enable disable schedule delay
 end
 
+function __orvanectl_catalogue -d 'Test whether "sites" still lacks its command'
+    __orvanectl_command sites; and not __fish_seen_subcommand_from list show search
+end
+
 complete -c orvanectl -f
 complete -c orvanectl -s h -l help -d 'Print help'
 complete -c orvanectl -l json -d 'Print results as JSON'
+complete -c orvanectl -l catalogue -rF -d 'The folder of the catalogue of sites'
 complete -c orvanectl -l list -rF -d "The list's file"
 complete -c orvanectl -l service -x -d "The extension's service name"
 complete -c orvanectl -l socket -rF -d "The extension's socket"
@@ -62,6 +73,7 @@ complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a 
 complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
 complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a file to the list'
 complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list in a form that import reads'
+complete -c orvanectl -n __orvanectl_command -a sites -d 'The catalogue of sites'
 complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
 complete -c orvanectl -n __orvanectl_command -a try -d 'Show whether a host is blocked now, and why'
 complete -c orvanectl -n __orvanectl_command -a group -d 'Groups of sites'
@@ -90,6 +102,13 @@ complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l all -d 'All sites of the group'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l from -rF -d 'The hosts of a file'
+complete -c orvanectl -n '__orvanectl_command block unblock suspend resume' -l site -x -a '(__orvanectl_sites)' -d 'All hosts of a site'
+complete -c orvanectl -n '__orvanectl_command block unblock suspend resume' -l category -x -a '(__orvanectl_sites 2)' -d 'All sites of a category'
+complete -c orvanectl -n __orvanectl_catalogue -a list -d 'Print all sites'
+complete -c orvanectl -n __orvanectl_catalogue -a show -d 'Print the hosts of sites'
+complete -c orvanectl -n __orvanectl_catalogue -a search -d 'Print the sites with a word'
+complete -c orvanectl -n '__orvanectl_command sites; and __fish_seen_subcommand_from show' -a '(__orvanectl_sites)'
+complete -c orvanectl -n '__orvanectl_command sites; and __fish_seen_subcommand_from list' -l category -x -a '(__orvanectl_sites 2)' -d 'Only a category'
 complete -c orvanectl -n __orvanectl_group -a add -d 'Add a group'
 complete -c orvanectl -n __orvanectl_group -a remove -d 'Remove a group with its sites'
 complete -c orvanectl -n __orvanectl_group -a list -d 'Print the groups'

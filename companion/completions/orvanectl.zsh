@@ -17,6 +17,17 @@ _orvanectl_group_names() {
   _wanted groups expl 'group of the list' compadd -a groups
 }
 
+# Completes the words in a column of the catalogue: 1 has the ids of sites, 2 their categories.
+_orvanectl_catalogue_column() {
+  local -a entries
+  local catalogue=${opt_args[--catalogue]:-$before[--catalogue]}
+  entries=(${(f)"$(orvanectl ${catalogue:+--catalogue} ${catalogue:+"$catalogue"} sites list 2>/dev/null |
+    awk -v column=$1 '{ print $column }' | sort -u)"})
+  _wanted names expl "$2" compadd -a entries
+}
+_orvanectl_site_names() { _orvanectl_catalogue_column 1 'site of the catalogue' }
+_orvanectl_categories() { _orvanectl_catalogue_column 2 'category of sites' }
+
 _orvanectl_commands() {
   local -a list service browsers extension help
   list=(
@@ -29,6 +40,7 @@ _orvanectl_commands() {
     'resume:block suspended sites again at once'
     'import:add the names of a file to the list'
     'export:print the list in a form that import reads'
+    'sites:the catalogue of sites'
     'group:groups of sites'
     'lock:let nothing be removed from a group for a while'
   )
@@ -110,6 +122,22 @@ _orvanectl_group() {
   esac
 }
 
+_orvanectl_sites() {
+  local -a commands
+  if (( CURRENT == 2 )); then
+    commands=('list:print all sites' 'show:print the hosts of sites' 'search:print the sites with a word')
+    _describe -t commands 'command' commands
+    return
+  fi
+  shift words
+  (( CURRENT -= 1 ))
+  case $words[1] in
+    list) _arguments $common '--category=[only a category]:category:_orvanectl_categories' ;;
+    show) _arguments $common '*:site:_orvanectl_site_names' ;;
+    *) _arguments $common ':word:' ;;
+  esac
+}
+
 _orvanectl() {
   local context state state_descr line curcontext=$curcontext
   local -A opt_args
@@ -117,6 +145,7 @@ _orvanectl() {
   common=(
     '(- *)'{-h,--help}'[print help]'
     '--json[print results as JSON]'
+    '--catalogue=[the folder of the catalogue of sites]:folder:_files -/'
     "--list=[the list's file]:file:_files"
     "--service=[the extension's service name]:name:"
     "--socket=[the extension's socket]:socket:_files"
@@ -127,17 +156,22 @@ _orvanectl() {
     '(-)*:: :->arguments' && return
   [[ $state == arguments ]] || return
   local -a group=('--group=[the group]:group:_orvanectl_group_names')
+  local -a catalogued=(
+    '*--site=[all hosts of a site]:site:_orvanectl_site_names'
+    '*--category=[all sites of a category]:category:_orvanectl_categories'
+  )
   local -a listed=(
     '--all[all sites of the group]' '--from=[the hosts of a file]:file:_files' '*:host:_orvanectl_hosts'
   )
   local -A before=("${(@kv)opt_args}") # options before the command
   case $words[1] in
-    block) _arguments $common $group '--exact[block the exact names only]' '*:host:' ;;
+    block) _arguments $common $group $catalogued '--exact[block the exact names only]' '*:host:' ;;
     allow) _arguments $common $group '*:host:' ;;
-    unblock | disallow | resume) _arguments $common $group $listed ;;
+    unblock | resume) _arguments $common $group $catalogued $listed ;;
+    disallow) _arguments $common $group $listed ;;
     try) _arguments $common ':host:_orvanectl_hosts' ;;
     suspend)
-      _arguments $common $group $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
+      _arguments $common $group $catalogued $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
     import)
@@ -145,6 +179,7 @@ _orvanectl() {
         '(--subdomains)--exact[block the exact names only]' '--replace[remove all other sites of the groups]' \
         '--undo[take the last import back]' ':file:_files'
       ;;
+    sites) _orvanectl_sites ;;
     group) _orvanectl_group ;;
     lock)
       _arguments $common $group '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'

@@ -3,6 +3,7 @@
 #include "companion/commands/GroupCommands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/commands/ListCommands.h"
+#include "companion/commands/SiteCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 
@@ -11,6 +12,7 @@ namespace orvane {
 void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   options.listPath = kListPath;
   options.keeperStatePath = kKeeperStatePath;
+  options.cataloguePath = kCataloguePath;
   commands.app
       .add_option("--socket", options.client.socket, "The extension's socket, instead of the default for --service")
       ->type_name("PATH");
@@ -18,7 +20,11 @@ void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   commands.app.add_option("--state", options.keeperStatePath, "The keeper's state file")
       ->type_name("PATH")
       ->capture_default_str();
+  commands.app.add_option("--catalogue", options.cataloguePath, "The folder of the catalogue of sites")
+      ->type_name("PATH")
+      ->capture_default_str();
   declare_list_commands(commands);
+  declare_site_commands(commands);
   declare_group_commands(commands);
   declare_keeper_commands(commands);
   declare_doctor_commands(commands);

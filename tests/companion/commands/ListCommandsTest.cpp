@@ -138,6 +138,15 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"lock", 1, ""},
       {"group remove work", 0, "work: removed, with its sites; has an effect in 15 min\n"},
       {"group list", 0, "default: 0 sites, in force\n"},
+      {"block a.example; mkdir '%.d'; printf 'name: A\ncategory: x\na.example only\nb.example' >'%.d/a.site'", 0,
+       "a.example and its subdomains: blocked\n"},
+      {"--catalogue '%.d' block --site A c.example", 0,
+       "c.example and its subdomains: blocked\nA, 1 host: already on the list\nA, 1 host: blocked\n"},
+      {"--catalogue '%.d' block --site b", 2, ""},
+      {"--catalogue '%.d' suspend --category x --for 1h | cut -d ' ' -f 1-5", 0, "A, 2 hosts: not blocked\n"},
+      {"--catalogue '%.d' unblock --site a; '" ORVANECTL "' --list '%' list", 0,
+       "A, 2 hosts: removed from the list\nc.example\n"},
+      {"--catalogue '%.d' sites show a | sed 1d", 0, "  a.example only\n  b.example\n"},
   };
   for (const Case& each : kCases) {
     std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;
