@@ -64,6 +64,7 @@ class Tabs:
 
 class Browser(Program):
     PROGRAM = ""  # the usual name of the executable
+    seconds = 0.0  # from the last request for a page until the browser showed the page or an error
 
     def __init__(self, name, path, identifier, directory, authority: pathlib.Path):
         super().__init__(name, path, identifier, directory)
@@ -108,7 +109,9 @@ class Browser(Program):
             with self.tabs(proxy):
                 return self.fetch(destination, path, proxy)
         tabs, tab = self._running, self._running.open()
+        start = time.monotonic()
         error = tabs.navigate(tab, destination.url(path))
+        self.seconds = time.monotonic() - start
         if error is not None:
             return Seen(self._verdicts(error, proxy), f"error page, {error}")
         text = tabs.text(tab)

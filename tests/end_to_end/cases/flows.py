@@ -9,6 +9,7 @@ import subprocess
 import time
 
 import name_server
+import isolation
 import programs
 from first_bytes import FirstBytesServer, allow_many_descriptors, hello, request
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, iptables, outcome
@@ -70,6 +71,30 @@ def JudgesAProcessByTheProgramThatItRunsNow(world: World):
         command = [tool, "-I", "-c", _CONNECT_AND_EXECUTE, _CONNECT_AND_EXECUTE, request(HELD).decode()]
         done = subprocess.run([*command, *programs_of_process[1:]], check=True, capture_output=True, text=True)
     check(done.stdout.split(), [ALLOW, ALLOW, DROP, DROP] * 4, "a process that executes a browser and another program")
+
+
+def _start_with_pid(pid: int | None, command: list) -> subprocess.Popen:
+    """Starts a process with this pid, which no process has. The pid may be None: then any."""
+    for _ in range(1000):
+        if pid is not None:
+            pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(pid - 1))
+        process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+        if pid in (None, process.pid):
+            return process
+        process.kill()
+        process.wait()
+    raise isolation.Unavailable("other programs took the pid each time")
+
+
+def JudgesAProcessThatGotThePidOfAnEndedOne(world: World):
+    tool, browser = (shutil.copy("/proc/self/exe", world.directory / name) for name in ("tool", "testbrowser"))
+    pid = None
+    with world.filtering("testbrowser"):
+        for program, expected in [(browser, DROP), (tool, ALLOW)] * 4:
+            command = [program, "-I", "-c", _CONNECT_AND_EXECUTE, _CONNECT_AND_EXECUTE, request(HELD).decode()]
+            process = _start_with_pid(pid, command)
+            pid = process.pid
+            check(process.communicate()[0].split(), [expected] * 2, f"{program.name} with the pid {pid}")
 
 
 def JudgesTwoThousandConnectionsAtOnce(world: World):

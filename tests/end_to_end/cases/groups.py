@@ -1,11 +1,13 @@
 """Groups of the list: schedules, locks and delays."""
 
 import datetime
+import glob
 import json
 import signal
 import time
 
 from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, becomes, check, connect, wait_until
+from isolation import Unavailable
 from keeper import Keeper
 
 
@@ -13,8 +15,42 @@ def _wait_until_sent(keeper: Keeper) -> None:
     wait_until(lambda: keeper.status()[1] == 0, "the list is in force")
 
 
+def _moment(text: str) -> datetime.datetime:
+    return datetime.datetime.fromisoformat(f"{text}+00:00")
+
+
 def _now() -> datetime.datetime:
     return datetime.datetime.now(datetime.timezone.utc)
+
+
+def ScheduleBeginsAndEndsWhenTheClockSaysSo(world: World):
+    """Both changes of the clocks of a year in two zones. The clocks are those of the keeper's process alone."""
+    libraries = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
+    if not libraries:
+        raise Unavailable("libfaketime is not installed")
+    with world.extension(PYTHON) as extension:
+        for zone, change, span, before, after in (
+            # The clock goes from 01:59:59 to 03:00:00, and the span begins then. The moments are in UTC.
+            ("Europe/Berlin", "2026-03-29 01:00:00", "Sun 02:30-04:00", ALLOW, DROP),
+            # The clock goes from 02:59:59 to 02:00:00.
+            ("Europe/Berlin", "2026-10-25 01:00:00", "Sun 02:30-03:00", DROP, ALLOW),
+            ("America/New_York", "2026-03-08 07:00:00", "Sun 01:00-02:30", DROP, ALLOW),
+            ("America/New_York", "2026-11-01 06:00:00", "Sun 01:00-01:30", ALLOW, DROP),
+            ("America/New_York", "2026-06-15 13:00:00", "Mon..Fri 09:00-17:00", ALLOW, DROP),
+            ("Europe/Berlin", "2026-06-14 00:00:00", "Sat 22:00-02:00", DROP, ALLOW),
+        ):
+            case = f"{zone}, {change} UTC, {span}"
+            ahead = _moment(change) - datetime.timedelta(seconds=6) - _now()
+            clock = {"FAKETIME": f"{ahead.total_seconds():+.0f}s", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+            environment = {"LD_PRELOAD": libraries[0], "TZ": zone, **clock}
+            directory = world.directory / change.replace(" ", "T")
+            with Keeper(extension, directory, environment) as keeper:
+                keeper.list.write_text(f"[group hours]\nschedule = {span}\n{HELD}\n")
+                _wait_until_sent(keeper)
+                verdict = connect(HELD)
+                if _now() + ahead < _moment(change) - datetime.timedelta(seconds=1):
+                    check(verdict, before, f"before the change: {case}")
+                becomes(after, f"after the change: {case}")
 
 
 def ScheduleBeginsAtARealTime(world: World):

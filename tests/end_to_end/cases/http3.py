@@ -1,4 +1,4 @@
-"""The filter's verdicts on HTTP/3. Most cases send a recording: a browser's first datagrams to HELD."""
+"""The filter's verdicts on HTTP/3. Cases that run no browser send a recording: a browser's first datagrams to HELD."""
 
 import collections
 import contextlib
@@ -9,7 +9,9 @@ import socket
 import time
 
 from attackers import flood, locked, sender_from
+from browsers import Browser, ChromiumWithHTTP3, FirefoxWithHTTP3
 from harness import ALLOW, DROP, FAMILIES, HELD, NEWS, PYTHON, World, check, connect, wait_until
+from programs import Destination
 
 _RECORDS = pathlib.Path(__file__).resolve().parents[3] / "fuzz/corpus/quic_initial"
 # A socket that the extension aborts loses its peer. It also loses its port, unless the program has chosen the port. So
@@ -243,3 +245,24 @@ def LetsNoUserEndAnothersConversation(world: World):
                 check(client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR), 0, f"the socket's error, {name}")
                 client.sendto(b"@later", server.address)
                 server.check_received([b"@later"], f"after the attack, {name}")
+
+
+def _browse_over_http3(world: World, kind: type[Browser]) -> None:
+    browser = world.browser(kind, [HELD, NEWS])
+    server = world.serve_with_caddy(HELD, NEWS)
+    for setting, expected in (("judge", DROP), ("pass", ALLOW)):
+        with world.filtering(browser.identifier, settings={"OrvaneHTTP3": setting}), browser.tabs():
+            for host, verdict in ((NEWS, ALLOW), (HELD, expected)):
+                path = f"/{setting}"
+                seen = browser.fetch(Destination("h3", host), path, None)
+                print(f"{browser.name} with {setting}: {host}: {seen.text}, {browser.seconds * 1000:.0f} ms")
+                check(seen.verdicts[:1], [verdict], f"{host} with {setting}: {seen.text}")
+                check(server.has_served(host, path), verdict == ALLOW, f"the server has served {host}")
+
+
+def JudgesHTTP3OfChromium(world: World):
+    _browse_over_http3(world, ChromiumWithHTTP3)
+
+
+def JudgesHTTP3OfFirefox(world: World):
+    _browse_over_http3(world, FirefoxWithHTTP3)

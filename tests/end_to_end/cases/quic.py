@@ -1,9 +1,10 @@
 """The filter's verdicts on the kinds of QUIC connections that browsers make seldom."""
 
+import contextlib
 import dataclasses
 import re
 
-from harness import ALLOW, DROP, HELD, NEWS, World, check
+from harness import ALLOW, DROP, HELD, NEWS, World, check, iptables
 from programs import Destination
 from quic_programs import QuicClient, QuicServer, find
 
@@ -17,6 +18,7 @@ class _Kind:
     evidence_if_dropped: bool | None = True  # whether the log of a dropped connection has it; None: it may
     options: tuple[str, ...] = ()
     server: str = _PLAIN
+    loses_first: bool = False  # whether the client's first datagram is lost
     expected: str = ALLOW  # the verdict on NEWS
 
 
@@ -31,9 +33,20 @@ _KINDS = [
         False,
         ("--change-local-addr=100ms", "--delay-stream=3s"),
     ),
+    _Kind("a first datagram that is lost and sent again", "tx 2 Initial CRYPTO.* offset=0 ", loses_first=True),
     # A draft of version 2. The extension cannot read it, so it drops the connection. A browser would then use TCP.
     _Kind("an unknown version", "version=0x709a50c4 type=Initial", True, ("--version=v2draft",), expected=DROP),
 ]
+
+
+@contextlib.contextmanager
+def _losing_first_datagram(is_wanted: bool):
+    """Loses the first datagram that arrives at port 443: a rule matches packets until it has matched 1300 bytes."""
+    if is_wanted:
+        iptables("iptables -A INPUT -p udp --dport 443 -m quota --quota 1300 -j DROP")
+    yield
+    if is_wanted:
+        iptables("iptables -D INPUT -p udp --dport 443 -m quota --quota 1300 -j DROP")
 
 
 def JudgesEachKindOfQUICConnection(world: World):
@@ -50,7 +63,8 @@ def JudgesEachKindOfQUICConnection(world: World):
         options = [option.replace("HOST", str(world.directory / host)) for option in kind.options]
         if expected == DROP:
             options.append("--handshake-timeout=5s")
-        seen = client.fetch(Destination("h3", host), "/", None, *options)
+        with _losing_first_datagram(kind.loses_first):
+            seen = client.fetch(Destination("h3", host), "/", None, *options)
         print(f"{host}, {kind.name}: {seen.text}")
         check(seen.verdicts, [expected], f"{host}, {kind.name}")
 
