@@ -38,9 +38,9 @@ void EndTime::declare(CLI::App& command) {
   CLI::Option* durationOption =
       command.add_option("--for", duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
   command
-      .add_option(
-          "--until", until,
-          "Until when: 18:00, 6pm, tomorrow 9:00, friday 17:00, \"2026-12-24 18:00\", 2030-01-31T18:00:00+01:00")
+      .add_option("--until", until,
+                  "Until when: 18:00, 6pm, \"tomorrow 9:00\", \"friday 17:00\", \"2026-12-24 18:00\", "
+                  "2030-01-31T18:00:00+01:00")
       ->type_name("TIME")
       ->excludes(durationOption);
 }

@@ -189,8 +189,9 @@ int show(const CommonOptions& options, const Arguments& arguments) {
 
 // Prints the locked groups, even those that the list's file no longer has.
 int show_locks(const CommonOptions& options) {
-  const auto keeper = keeper_of_list(options);
-  if (!keeper) throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
+  const auto keeper = read_keeper_state(options.keeperStatePath);
+  if (!keeper || !keeps_list(*keeper, options))
+    throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
   nlohmann::json locks = nlohmann::json::array();
   for (const auto& state : keeper->groups) {
     if (!state.lockedUntil) continue;

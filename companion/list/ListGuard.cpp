@@ -104,7 +104,10 @@ void ListGuard::load(std::string_view text, const Now& now) {
     // The times that are left count from `start` on. If the machine was restarted meanwhile, `start` is the machine's
     // start, because it is not known how long the machine ran between save() and the restart.
     const Seconds saved(header.at("running").get<int64_t>());
-    const bool isRestarted = now.running < saved || header.value("start", now.start) != now.start;
+    // A keeper that may not read the machine's start, as in the service's sandbox, saves an empty text.
+    const std::string savedStart = header.value("start", std::string());
+    const bool isOtherStart = !savedStart.empty() && !now.start.empty() && savedStart != now.start;
+    const bool isRestarted = now.running < saved || isOtherStart;
     const Seconds start = isRestarted ? Seconds(0) : saved;
     const auto moment = [&](const Json& left) { return start + Seconds(left.get<int64_t>()); };
     for (const auto& [name, group] : header.at("groups").items()) {

@@ -31,6 +31,7 @@ std::string access_advice(const GroupFacts& group) {
   if (group.listed && !group.inForce)
     return std::string("you joined the group ") + kAccessGroup +
            " after this login: log out and in again, or for this shell only: newgrp " + kAccessGroup;
+  if (group.inForce) return "check the rights of the file and its folder";
   return std::string("join the group ") + kAccessGroup + ": sudo usermod -aG " + kAccessGroup + " " + group.user +
          ", then log out and in again";
 }

@@ -36,12 +36,14 @@ class Machine {
     guard.load(saved, now());
   }
   ListGuard::Now now() const {
-    return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running), std::to_string(start)};
+    return {read_moment("2026-06-01T12:00:00Z") + seconds(clock + running), seconds(running),
+            isStartKnown ? std::to_string(start) : ""};
   }
 
   const TimeZone zone{"UTC"};
   ListGuard guard;
   int running = 1000, clock = -1000, start = 0;
+  bool isStartKnown = true;
 };
 
 constexpr const char* kLock = "lock-until = 2026-06-01T13:00:00Z\n";  // after 3600 s
@@ -100,6 +102,12 @@ TEST(ListGuard, EndsALockAfterTimeThatTheMachineHasRun) {
     EXPECT_EQ(machine.read(emptied), ".a.example") << "after a restart of the keeper with the clock set by " << clock;
   }
   EXPECT_EQ(machine.guard.due(), seconds(4600));
+  machine.isStartKnown = false;
+  const std::string saved = machine.guard.save(machine.now());
+  machine.isStartKnown = true;
+  machine.guard.load(saved, machine.now());
+  machine.read(emptied);
+  EXPECT_EQ(machine.guard.due(), seconds(4600)) << "the keeper that saved could not read the machine's start";
   machine.clock = -1000;
   machine.running += 600;
   machine.restartMachine(7200);
