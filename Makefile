@@ -19,7 +19,7 @@ all:
 	$(PROGRAMS)
 
 test:
-	$(INSTALL) test
+	$(INSTALL) $(if $(filter arm64,$(PRESET)),,test)
 	$(CONFIGURE)
 	cmake --build $(BUILD)
 	$(CTEST) $(if $(filter arm64,$(PRESET)),--exclude-regex '$(NOT_IN_QEMU)')
