@@ -203,8 +203,9 @@ class ChromiumWithHTTP3(Chromium):
 
     def __init__(self, name, path, identifier, directory, authority: pathlib.Path, hosts: list[str], waits=False):
         super().__init__(name, path, identifier, directory, authority)
-        # The option makes Chromium use HTTP/3 at once for this port of a host, and trust the test's authority over
-        # HTTP/3 on all ports of the host. With port 1, only the trust matters, because the pages are at port 443.
+        # The option --origin-to-force-quic-on has two effects. For the named port of a host, Chromium uses HTTP/3 at
+        # once. For HTTP/3 connections to any port of the host, Chromium accepts certificates of the test's authority.
+        # With port 1, only the second effect matters, because the pages are at port 443.
         port = 1 if waits else 443
         self._TRANSPORT = [f"--origin-to-force-quic-on={','.join(f'{host}:{port}' for host in hosts)}"]
 

@@ -163,7 +163,8 @@ Decision decide(const BlockList& list, std::string_view host, Moment now);
 struct HeldNames {
   std::vector<std::string> names;                         // sorted
   std::vector<std::pair<std::string, Moment>> suspended;  // sorted; each name is left out of `names` until its moment
-  std::optional<Moment> nextChange;  // the first moment at which a suspension ends or a group changes
+  // The first moment at which a suspension ends, or a group comes into force or goes out of force.
+  std::optional<Moment> nextChange;
 };
 HeldNames held_names(const BlockList& list, Moment now, const GroupStates& states);
 HeldNames held_names(const BlockList& list, Moment now);

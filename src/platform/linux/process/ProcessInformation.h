@@ -66,8 +66,9 @@ class ProcessInformation {
   // The current audit token; nothing when the process has ended.
   std::optional<audit_token_t> auditToken() const;
 
-  // Whether the process runs `file`, or any file if `file` is null. This is the cheapest way to find out whether the
-  // process still exists. False when the process has ended or executable() returns nothing.
+  // Whether the process runs `file`, or any file if `file` is null. False when the process has ended, or when
+  // executable() returns nothing. If the program of the process can be read, runs() without a file is the cheapest way
+  // to find out whether the process still exists.
   bool runs(const Executable* file = nullptr) const;
 
   // The file that the process runs. Nothing for a kernel thread, or if the calling process lacks the permission
