@@ -92,7 +92,7 @@ struct Netfilter::Queue {
   void reviewConnections();
   void end(const OpenConnection& connection);
   void keepDropped(const SocketPair& conversation);
-  void noteAborts();
+  void noteAbort();
 
   PacketQueue packets{kQueueNumber};
   PacketBacklog backlog;
@@ -221,7 +221,7 @@ void Netfilter::Queue::serve(int stop) {
     watchdog.rest();
     const bool stopped = wait_for(events, stop, end) == Wait::Stopped;
     if (events[2].revents != 0) watchdog.revive();
-    if (events[3].revents != 0) noteAborts();
+    if (events[3].revents != 0) noteAbort();
     PacketQueue::Read read;
     int rounds = 0;
     do {
@@ -230,7 +230,7 @@ void Netfilter::Queue::serve(int stop) {
       if (++rounds % 64 == 0) {
         if (wait_for({}, stop, deadline_after(0ms)) == Wait::Stopped) return;
         watchdog.revive();
-        noteAborts();
+        noteAbort();
       }
       if (watchdog.beat()) rebind();
       // The first round reads one packet, so that a packet that arrives alone gets its verdict at once.
@@ -379,16 +379,18 @@ void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
 }
 
-// Reads which sockets the child process has tried to abort. If a socket no longer has its endpoints, another program
-// may get its port, so the next datagram with these endpoints must get a verdict of its own.
-void Netfilter::Queue::noteAborts() {
-  while (const auto abort = aborter.next()) {
-    const auto socket = abort->error == 0 ? std::nullopt : owners.find(abort->pair);
-    if (socket && socket->cookie == abort->cookie) {
-      ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
-    } else if (tracking) {
-      tracking->setMark(abort->pair, kMarkPending, kMarkMask);
-    }
+// Reads whether the child process has aborted a socket. If a socket no longer has its endpoints, another program may
+// get its port, so the next datagram with these endpoints must get a verdict of its own. Takes one answer at a time,
+// because the search for a socket takes long if a user has very many sockets, and the thread must call beat() in
+// between.
+void Netfilter::Queue::noteAbort() {
+  const auto abort = aborter.next();
+  if (!abort) return;
+  const auto socket = abort->error == 0 ? std::nullopt : owners.find(abort->pair);
+  if (socket && socket->cookie == abort->cookie) {
+    ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
+  } else if (tracking) {
+    tracking->setMark(abort->pair, kMarkPending, kMarkMask);
   }
 }
 
