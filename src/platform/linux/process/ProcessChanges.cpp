@@ -11,7 +11,7 @@ std::optional<std::string> ProcessChanges::start() {
   static std::mutex mutex;
   std::lock_guard lock(mutex);
   if (events_.load() != nullptr) return std::nullopt;
-  process_changes* kernel = nullptr;
+  static process_changes* kernel;  // never destroyed: the programs count until this process ends
   auto error = load_bpf_programs(kernel, [](process_changes&) {});
   if (!error) {
     const int failed = process_changes::attach(kernel);
@@ -19,6 +19,7 @@ std::optional<std::string> ProcessChanges::start() {
   }
   if (error) {
     process_changes::destroy(kernel);
+    kernel = nullptr;
     return error;
   }
   static_assert(sizeof(kernel->bss->events) == (kSlots + 1) * sizeof(uint64_t));
