@@ -28,4 +28,23 @@ class ThreadBudget {
   std::chrono::nanoseconds begin_, time_;
 };
 
+// Processor time that may be used for one user: at most `most` at once, and a fifth of the time on average.
+class ThreadCredit {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  ThreadCredit(std::chrono::nanoseconds most, Clock::time_point now) : most_(most), left_(most), since_(now) {}
+
+  bool isSpent(Clock::time_point now) {
+    left_ = std::min(most_, left_ + (now - since_) / 5);
+    since_ = now;
+    return left_ <= std::chrono::nanoseconds(0);
+  }
+  void use(std::chrono::nanoseconds time) { left_ -= time; }
+
+ private:
+  std::chrono::nanoseconds most_, left_;  // left_ is negative after more than was left has been used
+  Clock::time_point since_;
+};
+
 }  // namespace orvane

@@ -15,6 +15,10 @@ class FlowOwners {
   virtual ~FlowOwners() = default;
   virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
   virtual std::optional<SocketFacts> sender(const SocketPair& pair, uid_t /*user*/) { return find(pair); }
+  virtual bool isOpen(const SocketPair& pair, uint64_t cookie) {
+    const auto socket = find(pair);
+    return socket && socket->cookie == cookie;
+  }
   virtual Value ownerOf(const SocketFacts& socket) = 0;
   virtual void abort(const SocketPair&, uint64_t /*cookie*/) {}
 };

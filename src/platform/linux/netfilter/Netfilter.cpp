@@ -31,7 +31,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kRemovalInterval = 400ms;    // time between checks for ended connections while no packets come
 constexpr auto kPauseAfterFailure = 400ms;  // the watchdog needs two heartbeats in a second
 constexpr int kReadsOfBatch = 32;
 constexpr auto kReviewTime = 1ms;  // how long packets may wait while connections are reviewed
@@ -48,6 +47,7 @@ class SystemOwners final : public FlowOwners {
   std::optional<std::string> recordOpeners() { return owners_.recordOpeners(); }
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user) override { return owners_.sender(pair, user); }
+  bool isOpen(const SocketPair& pair, uint64_t cookie) override { return owners_.isOpen(pair, cookie); }
   Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
   void abort(const SocketPair& pair, uint64_t cookie) override {
     if (aborter_.abort(pair, cookie)) return;
@@ -131,9 +131,9 @@ std::optional<std::string> Netfilter::start(Ref<NEFilterDataProvider> provider, 
     queue->flows.addAllowedTo(queue->connections);
   }
   auto noRecords = queue->owners.recordOpeners();
-  // Without the kernel's record of openers, finding the owner of a flow takes far longer than finding out which program
-  // the owner runs. Remembering the owner's program would then save little, so the kernel need not count the changes of
-  // processes.
+  // ProcessChanges lets the extension remember which program a process runs. Without the kernel's record of openers,
+  // this would save little, because finding the owner of a flow takes far longer than finding the owner's program. So
+  // the kernel then need not count the changes of processes.
   auto noChanges = noRecords ? noRecords : ProcessChanges::system().start();
   // Connections that are older than the kernel rules stay as they are: flows of all TCP sockets that exist now are
   // allowed.
@@ -216,7 +216,7 @@ void Netfilter::Queue::serve(int stop) {
                        {watchdog.childDescriptor(), POLLIN, 0},
                        {aborter.descriptor(), POLLIN, 0}};
     Deadline end;
-    if (connections.hasChecks()) end = deadline_after(kRemovalInterval);
+    if (connections.hasChecks()) end = deadline_after(OpenConnections::kCheckInterval);
     if (connections.hasPlans()) end = deadline_after(0ms);
     watchdog.rest();
     const bool stopped = wait_for(events, stop, end) == Wait::Stopped;
@@ -379,15 +379,14 @@ void Netfilter::Queue::keepDropped(const SocketPair& conversation) {
   ORVANE_LOG_DEBUG(default_log(), "netfilter: a dropped conversation is not remembered: %s", std::strerror(error));
 }
 
-// Reads whether the child process has aborted a socket. If a socket no longer has its endpoints, another program may
-// get its port, so the next datagram with these endpoints must get a verdict of its own. Takes one answer at a time,
+// Reads whether the child process has aborted a socket. If the socket was aborted or closed, another program may get
+// its port. So the next datagram with the same endpoints must get a verdict of its own. Takes one answer at a time,
 // because the search for a socket takes long if a user has very many sockets, and the thread must call beat() in
 // between.
 void Netfilter::Queue::noteAbort() {
   const auto abort = aborter.next();
   if (!abort) return;
-  const auto socket = abort->error == 0 ? std::nullopt : owners.find(abort->pair);
-  if (socket && socket->cookie == abort->cookie) {
+  if (abort->error != 0 && owners.isOpen(abort->pair, abort->cookie)) {
     ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(abort->error));
   } else if (tracking) {
     tracking->setMark(abort->pair, kMarkPending, kMarkMask);

@@ -25,7 +25,7 @@ void OpenConnections::add(OpenConnection connection) {
   made->second.user = connection.user;
   made->second.age = ages_.insert(ages_.end(), made);
   ++ofUser_[connection.user];
-  if (size() > kUnchecked) checks_ += 2;
+  if (size() > kUnchecked) checks_ = std::min(checks_ + 2, 2 * size());
   if (ofUser_[connection.user] > kLimitOfUser) {
     // The search takes long if other users have thousands of older connections. But its time counts as the time of this
     // connection's user (PacketBacklog), so other users do not wait for it.
@@ -94,7 +94,7 @@ bool OpenConnections::ask(Connections::iterator connection) {
   flow->setRemoteHostname(reversed(key.reversedName));
   if (FilterSession(provider_, flow).openFlow() != FilterSession::State::Dropped) return true;
   // Another socket may have these addresses and ports by now; the connection of that socket must not be ended.
-  if (isOpen(key)) {
+  if (const auto socket = owners_.find(key.pair); socket && socket->cookie == key.cookie) {
     end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});
   }
   return false;
@@ -108,13 +108,8 @@ bool OpenConnections::hasOther(const OpenConnection& connection) {
     const auto& [key, entry] = each;
     return key.pair.remote == connection.pair.remote && key.pair.protocol == connection.pair.protocol &&
            entry.owner == connection.owner && key.reversedName != name && !std::exchange(isLate, budget.isSpent()) &&
-           isOpen(key);
+           owners_.isOpen(key.pair, key.cookie);
   });
-}
-
-bool OpenConnections::isOpen(const Key& key) {
-  const auto socket = owners_.find(key.pair);
-  return socket && socket->cookie == key.cookie;
 }
 
 void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
@@ -135,7 +130,7 @@ void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
 uid_t OpenConnections::checkOldest() {
   const auto oldest = ages_.front();
   const uid_t user = oldest->second.user;
-  if (isOpen(oldest->first)) {
+  if (owners_.isOpen(oldest->first.pair, oldest->first.cookie)) {
     ages_.splice(ages_.end(), ages_, ages_.begin());
   } else {
     erase(oldest);

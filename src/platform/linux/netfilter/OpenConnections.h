@@ -80,8 +80,8 @@ class OpenConnections {
   // Whether review() has more to do.
   bool hasPlans() const { return !plans_.empty() || !all_.empty(); }
 
-  // Whether the connection's owner has an open connection to the same address and port under another name. Looks up
-  // sockets until kCheckTime is over, but one socket at least, and then returns false.
+  // Whether the connection's owner has an open connection to the same address and port under another name. The search
+  // looks up one socket at least. If it has found nothing when kCheckTime is over, the result is false.
   bool hasOther(const OpenConnection& connection);
 
   size_t size() const { return connections_.size(); }
@@ -120,7 +120,6 @@ class OpenConnections {
   void planName(std::string_view name);
   void planAll();
   bool ask(Connections::iterator connection);
-  bool isOpen(const Key& key);
   uid_t checkOldest();
   void erase(Connections::iterator connection);
 

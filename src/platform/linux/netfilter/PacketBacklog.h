@@ -66,7 +66,7 @@ class PacketBacklog {
 
   std::map<uint32_t, User> users_;  // those who have packets, or whose `used` is above `level_`
   User* last_ = nullptr;            // the user of the last packet from next()
-  Clock::duration level_{};         // the highest `used` that a user had when next() chose this user
+  Clock::duration level_{};         // rises to a user's `used` when next() chooses this user
   size_t waiting_ = 0, bytes_ = 0;
 };
 

@@ -57,9 +57,9 @@ class PacketQueue {
   };
   Read read(const std::function<void(const QueuedPacket&)>& handler);
 
-  // The number of the last message from the watchdog whose answer read() has received. The watchdog sends numbered
-  // messages with NLM_F_ACK on the netlink socket. A message's answer comes after all packets that were queued before
-  // the message was sent.
+  // The watchdog sends numbered messages on the netlink socket, with NLM_F_ACK, so the kernel answers each of them. An
+  // answer comes after all packets that were queued before its message was sent. Returns the number of the last message
+  // whose answer read() has received.
   uint32_t acknowledged() const { return acknowledged_; }
 
   // Replaces a packet's whole mark with `mark`, and sends the packet through its chain again, from the first rule on,

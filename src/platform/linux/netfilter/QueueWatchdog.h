@@ -53,9 +53,9 @@ class QueueWatchdog {
   std::optional<std::string> start(int queueSocket, uint16_t queueNumber);
   void stop();
 
-  // The thread that serves the queue calls this before it reads packets, and while it handles them at least twice a
-  // second: each call is a heartbeat. The first heartbeat starts the watch. Returns true if the queue was released
-  // since the last call; the caller must then bind the queue again.
+  // Each call is a heartbeat of the thread that serves the queue. The thread calls this before it reads packets. While
+  // it handles packets, it calls this at least twice a second. The first heartbeat starts the watch. Returns true if
+  // the queue was released since the last call; the caller must then bind the queue again.
   bool beat();
 
   // The thread calls this when it has handled all packets, before it waits for more. While no packet is there, it need

@@ -337,8 +337,8 @@ void QueuedFlows::rememberEnded(const OpenConnection& conversation, Clock::time_
   ended_.erase(std::ranges::find(ended_, most, user));
 }
 
-// Returns the UDP flow that the flow may continue, from those that drop() got; the latest if there are several. Null if
-// there is none.
+// Returns the dropped conversation of which `flow` may be a continuation (see drop()); the latest if there are several.
+// Null if there is none.
 const OpenConnection* QueuedFlows::endedBefore(const Flow& flow, const Examination& open) const {
   if (open.quic == nullptr || !open.quic->connectionID().empty()) return nullptr;
   const auto found = std::ranges::find_if(ended_.rbegin(), ended_.rend(), [&](const Ended& ended) {

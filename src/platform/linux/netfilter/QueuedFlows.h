@@ -38,7 +38,8 @@ enum class PacketVerdict {
 // If the hello cannot be read, the flow is shown to the provider without a name at the first held datagram, so that
 // flows of programs that are no browsers are allowed at once. A datagram that begins another QUIC connection begins a
 // new flow: a program may use the addresses and ports of an earlier connection again. If the program then goes back to
-// the earlier connection, the flow is held until its name is known, because a part of its hello may have passed before.
+// the earlier connection, the flow is held until its name is known, because a part of the earlier connection's hello
+// may have passed before.
 //
 // Each user has two limits: on the number of open flows, and on the bytes that these flows store because earlier bytes
 // have not arrived. All users together have two such limits, too, so that somebody with many user ids cannot fill the
@@ -80,9 +81,10 @@ class QueuedFlows {
   // about the client's later packets.
   PacketVerdict judgeInbound(const Packet& packet, bool hasConnection, Clock::time_point now = Clock::now());
 
-  // Call this for an outbound packet that is dropped without judge(). If the packet has the first bytes of a TCP
-  // connection, and the kernel's record lacks their sequence number, the flow starts with this packet's bytes, even if
-  // later bytes of the connection are judged first.
+  // Call this for an outbound packet that is dropped without judge(). The packet may have had the first bytes of a TCP
+  // connection, so its sequence number is remembered. If the kernel's record lacks the number of the connection's first
+  // byte (SocketFacts::firstByte), the flow starts with the bytes of the dropped packet, even if later bytes are judged
+  // first.
   void noteUnjudged(const Packet& packet);
 
   // From now on, flows of the TCP socket with this cookie are allowed without asking the provider. So an open
@@ -95,10 +97,10 @@ class QueuedFlows {
   // nor, if connection tracking forgets a TCP connection, the connection's later packets. The socket of a UDP flow is
   // aborted.
   //
-  // A QUIC client may go on with the connection from another address or port (RFC 9000, section 9). So for
-  // kEndedLifetime, a UDP flow of the same owner to the same address and port, whose first datagram begins no QUIC
-  // connection, has the name of the dropped flow, unless the owner has an open connection to this address and port
-  // under another name.
+  // A QUIC client may go on with the connection from another local address or port (RFC 9000, section 9). Such a flow
+  // begins without a hello, so its name cannot be read. So for kEndedLifetime, a new UDP flow gets the name of the
+  // dropped flow if it has the same owner and the same server, and if its first datagram begins no QUIC connection. It
+  // does not get this name if the owner has an open connection to the same server under another name.
   void drop(const OpenConnection& connection, Clock::time_point now = Clock::now());
 
   // Whether the flow of the last packet has had many packets in a row without new bytes. If so, another program
@@ -112,7 +114,8 @@ class QueuedFlows {
 
   size_t size() const { return flows_.size(); }
 
-  // Limits on the open flows. When all users together exceed theirs, no user may have more than an equal share.
+  // Limits on the open flows of all users together, and of one user. While kOpenLimit is exceeded, the limit of each
+  // user is an equal share of kOpenLimit.
   static constexpr size_t kOpenLimit = 65536, kOpenLimitOfUser = 4096;
   // Limits on the bytes that open flows store.
   static constexpr size_t kStoredLimit = size_t{64} << 20, kStoredLimitOfUser = size_t{16} << 20;

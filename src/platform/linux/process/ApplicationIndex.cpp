@@ -173,8 +173,8 @@ class EntryReader {
   }
 
   void assignFolders() {
-    // For each folder, byProgram has the applications with programs in the folder. byName has the applications for
-    // which the folder is LIBRARY/NAME.
+    // The keys are folders. byProgram: the applications that have a program in the folder. byName: if the folder is
+    // LIBRARY/NAME, the applications that have a program called NAME in a shared folder.
     std::map<std::string, std::set<std::string>> byProgram, byName;
     for (const auto& [path, program] : programs_) {
       std::string folder = parent_folder(path);

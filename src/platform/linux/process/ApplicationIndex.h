@@ -61,11 +61,9 @@ class ApplicationIndex {
   // Whether applicationOf() returns this ID for any program.
   bool hasApplication(std::string_view application);
 
-  // The entries that the two functions above use. As long as this function returns the same object, the two functions
-  // return the same results.
+ private:
   std::shared_ptr<const ApplicationEntries> entries();
 
- private:
   const ApplicationFolders folders_;
   const std::chrono::milliseconds interval_;
 

@@ -2,6 +2,8 @@
 
 #include <sys/types.h>
 
+#include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -45,6 +47,18 @@ class IdentityAnswers {
     return answer(&IdentityAnswers::responsible_, pid, find);
   }
 
+  // The bundle identifier in the signing information that the thread asked for last. A provider looks at one program
+  // after the other until it finds a browser, so when the provider drops a flow, this is the browser's identifier.
+  // Nothing if the thread has not asked, or if that program has no identifier.
+  std::optional<std::string> lastIdentifier() const {
+    const Dictionary* list =
+        information_ == nullptr ? nullptr : dictionary_get_dictionary(information_.get(), kSecCodeInfoPList);
+    return dictionary_copy_string(list, kCFBundleIdentifierKey);
+  }
+  static void noteInformation(const Ref<Dictionary>& information) {
+    if (IdentityAnswers* const known = ofThisThread()) known->information_ = information;
+  }
+
  private:
   // Only two processes matter for a flow: the one that opened it, and the one that is responsible for it. So each list
   // has at most two entries.
@@ -66,6 +80,7 @@ class IdentityAnswers {
 
   Answers<std::pair<Value, Ref<Number>>, Guest> guests_;
   Answers<pid_t, pid_t> responsible_;
+  Ref<Dictionary> information_;
 };
 
 }  // namespace orvane

@@ -1,6 +1,7 @@
 #include "platform/linux/process/ProcessIdentity.h"
 
 #include <mntent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -16,17 +17,24 @@ namespace {
 
 constexpr size_t kIdentifierLimit = 255;  // the longest D-Bus name; a Flatpak application's ID is a D-Bus name
 constexpr int kAncestorLimit = 64;        // no ordinary process tree is deeper
-constexpr auto kCacheTime = std::chrono::milliseconds(500);
-constexpr size_t kCacheLimit = 64;  // each cached process keeps a file descriptor open
+constexpr size_t kCacheLimit = 64;        // each cached process keeps a file descriptor open
 
 using Clock = std::chrono::steady_clock;
 
-// Makes room for one more entry in a full cache: removes the expired entries, or all entries if none has expired.
-// `found` returns the time when an entry was found.
-template <class Cache, class Found>
-void make_room(Cache& cache, Clock::time_point now, Found found) {
+// How long facts are cached. Without the counts of events, or after an incomplete search, a change may stay unnoticed
+// for the shorter time.
+constexpr std::chrono::milliseconds kCacheTime = std::chrono::seconds(10), kShortCacheTime{500};
+
+// The limits of the search for the oldest process of a unit, in processor time.
+constexpr std::chrono::milliseconds kSearchTime{8}, kSearchTimeOfUser{50};
+constexpr size_t kCreditsLimit = 1024;
+
+// Makes room for one more entry in a full cache: removes the expired entries, or all entries if none has expired. `end`
+// returns the time when an entry expires.
+template <class Cache, class End>
+void make_room(Cache& cache, Clock::time_point now, End end) {
   if (cache.size() < kCacheLimit) return;
-  std::erase_if(cache, [&](const auto& each) { return now - found(each.second) > kCacheTime; });
+  std::erase_if(cache, [&](const auto& each) { return end(each.second) < now; });
   if (cache.size() >= kCacheLimit) cache.clear();
 }
 
@@ -198,34 +206,32 @@ ProcessIdentity& ProcessIdentity::system() {
   return *identity;
 }
 
-ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& process) const {
-  Program program{process.executable(), flatpak_application(process.flatpakInformation()), std::nullopt};
-  if (program.package) return program;
-  if (program.executable) {
+ProcessIdentity::Program ProcessIdentity::programOf(const ProcessInformation& process) {
+  const auto flatpak = process.flatpakInformation();
+  Program program{process.executable(), flatpak_application(flatpak.value_or("")), {}, {}, flatpak.has_value()};
+  const bool isInAppImage = program.executable && !app_image_mount(program.executable->path).empty();
+  if (!program.package && program.executable) {
     const std::string& path = program.executable->path;
     program.package = snap_of_path(path);
-    if (!app_image_mount(path).empty()) {
-      if (runs_other_programs(file_name(path))) program.image = application_of_app_image(path, process.mounts());
-      return program;
+    if (isInAppImage && runs_other_programs(file_name(path))) {
+      program.image = application_of_app_image(path, process.mounts());
     }
   }
   // The control group names the snap from which the process was started. The process may still run a program of the
   // system: for example, a browser that was started in the terminal window of an editor, when the editor is a snap. The
   // calling process sees the files of the system, but not those in the snap's own /usr. So the control group counts
   // only if the executable is not visible here.
-  if (program.package) return program;
-  auto snap = snap_of_control_groups(process.controlGroups());
-  if (snap && !(program.executable && is_visible_here(*program.executable))) program.package = std::move(snap);
+  if (!program.package && !isInAppImage) {
+    auto snap = snap_of_control_groups(process.controlGroups());
+    if (snap && !(program.executable && is_visible_here(*program.executable))) program.package = std::move(snap);
+  }
+  program.application = program.package;
+  if (!program.application && program.executable) program.application = index_.applicationOf(*program.executable);
   return program;
 }
 
-std::optional<std::string> ProcessIdentity::applicationOf(const Program& program) {
-  if (program.package) return program.package;
-  return program.executable ? index_.applicationOf(*program.executable) : std::nullopt;
-}
-
 std::optional<std::string> ProcessIdentity::identifierOf(const Program& program) {
-  if (auto application = applicationOf(program)) return application;
+  if (program.application) return program.application;
   if (program.image) return program.image;
   if (!program.executable) return std::nullopt;
   const std::string_view name = file_name(program.executable->path);
@@ -239,11 +245,12 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid)
   auto information = ProcessInformation::open(pid, processTable_);
   if (!information) return nullptr;
   Program program = programOf(*information);
-  auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program), version, now});
+  const auto end = now + (version && program.isCertain ? kCacheTime : kShortCacheTime);
+  auto process = std::make_shared<const Process>(Process{std::move(*information), std::move(program), version, end});
   // If events are not counted, a cached process can be checked only if its executable is known.
   if (version ? process->information.isEnding() : !process->program.executable) return process;
   std::lock_guard lock(mutex_);
-  make_room(processes_, now, [](const auto& each) { return each->found; });
+  make_room(processes_, now, [](const auto& each) { return each->end; });
   processes_.insert_or_assign(pid, process);
   return process;
 }
@@ -253,8 +260,9 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findCached(pid_
   {
     std::lock_guard lock(mutex_);
     auto it = processes_.find(pid);
-    if (it == processes_.end() || Clock::now() - it->second->found > kCacheTime) return nullptr;
+    if (it == processes_.end()) return nullptr;
     process = it->second;
+    if (process->end < Clock::now()) return nullptr;
   }
   const bool isCurrent = process->version ? changes_.version(pid) == process->version
                                           : process->information.runs(&*process->program.executable);
@@ -267,19 +275,18 @@ pid_t ProcessIdentity::responsibleFor(pid_t pid) {
   const pid_t responsible = answer.responsible;
   if (answer.canBeCached) {
     std::lock_guard lock(mutex_);
-    make_room(answers_, Clock::now(), [](const Answer& each) { return each.found; });
+    make_room(answers_, Clock::now(), [](const Answer& each) { return each.end; });
     answers_.insert_or_assign(pid, std::move(answer));
   }
   return responsible;
 }
 
 std::optional<pid_t> ProcessIdentity::findAnswer(pid_t pid) {
-  const auto applications = index_.entries();
   std::lock_guard lock(mutex_);
   auto it = answers_.find(pid);
   if (it == answers_.end()) return std::nullopt;
   const Answer& answer = it->second;
-  const bool isCurrent = answer.applications == applications && Clock::now() - answer.found <= kCacheTime &&
+  const bool isCurrent = Clock::now() <= answer.end &&
                          std::all_of(answer.versions.begin(), answer.versions.end(),
                                      [this](const auto& each) { return changes_.version(each.first) == each.second; });
   return isCurrent ? std::optional(answer.responsible) : std::nullopt;
@@ -287,20 +294,23 @@ std::optional<pid_t> ProcessIdentity::findAnswer(pid_t pid) {
 
 ProcessIdentity::Answer ProcessIdentity::makeAnswer(pid_t pid) {
   Answer answer;
-  answer.applications = index_.entries();
   auto process = findFor(answer, pid);
   if (process == nullptr) return answer;
   answer.responsible = pid;
-  if (isApplication(*process)) return answer;
+  if (process->program.application) return answer;
   auto unit = unit_of_control_groups(process->information.controlGroups());
-  if (auto ancestor = applicationAbove(answer, *process, unit)) {
+  if (auto ancestor = applicationAbove(answer, process, unit)) {
     answer.responsible = *ancestor;
     return answer;
   }
   // Most units are not named after an application. For such a unit, the process table is not searched.
   if (!unit || !index_.hasApplication(unit->application)) return answer;
-  answer.canBeCached = false;
-  answer.responsible = applicationOfUnit(*unit).value_or(pid);
+  const auto oldest = applicationOfUnit(*unit, process->information);
+  if (oldest && findFor(answer, *oldest)) {
+    answer.responsible = *oldest;
+  } else {
+    answer.end = std::min(answer.end, Clock::now() + kShortCacheTime);
+  }
   return answer;
 }
 
@@ -309,38 +319,66 @@ std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::findFor(Answer&
   answer.canBeCached = answer.canBeCached && process != nullptr && process->version && !process->information.isEnding();
   if (!answer.canBeCached) return process;
   answer.versions.emplace_back(pid, *process->version);
-  answer.found = std::min(answer.found, process->found);
+  answer.end = std::min(answer.end, process->end);
   return process;
 }
 
-std::optional<pid_t> ProcessIdentity::applicationAbove(Answer& answer, const Process& process,
-                                                       const std::optional<ApplicationUnit>& unit) {
-  pid_t parent = process.information.parent();
-  uint64_t childStart = process.information.startTime();
-  for (int depth = 0; depth < kAncestorLimit && parent != 0; ++depth) {
-    auto ancestor = findFor(answer, parent);
+std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::parentOf(Answer& answer, const Process& process) {
+  const auto find = [&](const ProcessInformation& child) {
+    auto parent = child.parent() != 0 ? findFor(answer, child.parent()) : nullptr;
     // If the parent is younger than its child, the real parent has ended and its pid was used again.
-    if (ancestor == nullptr || ancestor->information.startTime() > childStart) return std::nullopt;
+    return parent && parent->information.startTime() <= child.startTime() ? parent : nullptr;
+  };
+  if (auto parent = find(process.information)) return parent;
+  // The parent may have ended since the process was cached. The kernel has then given the process another parent.
+  auto current = ProcessInformation::open(process.information.pid(), processTable_);
+  if (!current || current->startTime() != process.information.startTime() ||
+      current->parent() == process.information.parent()) {
+    return nullptr;
+  }
+  answer.canBeCached = false;
+  {
+    std::lock_guard lock(mutex_);
+    processes_.erase(current->pid());
+  }
+  return find(*current);
+}
+
+std::optional<pid_t> ProcessIdentity::applicationAbove(Answer& answer, std::shared_ptr<const Process> process,
+                                                       const std::optional<ApplicationUnit>& unit) {
+  for (int depth = 0; depth < kAncestorLimit; ++depth) {
+    auto parent = parentOf(answer, *process);
+    if (!parent) return std::nullopt;
     if (unit) {
-      auto above = unit_of_control_groups(ancestor->information.controlGroups());
+      auto above = unit_of_control_groups(parent->information.controlGroups());
       if (!above || above->path != unit->path) return std::nullopt;
     }
-    if (isApplication(*ancestor)) return parent;
-    parent = ancestor->information.parent();
-    childStart = ancestor->information.startTime();
+    if (parent->program.application) return parent->information.pid();
+    process = std::move(parent);
   }
   return std::nullopt;
 }
 
-std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit) {
+std::optional<pid_t> ProcessIdentity::applicationOfUnit(const ApplicationUnit& unit, const ProcessInformation& member) {
+  struct stat status;
+  const uid_t user = ::fstat(member.directory(), &status) == 0 ? status.st_uid : 0;
+  const ThreadBudget budget(kSearchTime);
+  std::lock_guard lock(searchMutex_);
+  if (credits_.size() >= kCreditsLimit && credits_.count(user) == 0) credits_.clear();
+  const auto now = Clock::now();
+  ThreadCredit& credit = credits_.try_emplace(user, ThreadCredit(kSearchTimeOfUser, now)).first->second;
+  if (credit.isSpent(now)) return std::nullopt;
   std::optional<ProcessInformation> oldest;
-  for (pid_t pid : process_identifiers(processTable_)) {
+  each_process(processTable_, [&](pid_t pid) {
+    if (budget.isSpent()) return false;
     auto process = ProcessInformation::open(pid, processTable_);
-    if (!process || (oldest && oldest->startTime() <= process->startTime())) continue;
+    if (!process || (oldest && oldest->startTime() <= process->startTime())) return true;
     auto unitOfProcess = unit_of_control_groups(process->controlGroups());
-    if (!unitOfProcess || unitOfProcess->path != unit.path) continue;
-    if (applicationOf(programOf(*process)) == unit.application) oldest = std::move(process);
-  }
+    if (!unitOfProcess || unitOfProcess->path != unit.path) return true;
+    if (programOf(*process).application == unit.application) oldest = std::move(process);
+    return true;
+  });
+  credit.use(budget.used());
   return oldest ? std::optional(oldest->pid()) : std::nullopt;
 }
 

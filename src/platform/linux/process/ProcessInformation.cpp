@@ -19,10 +19,10 @@
 namespace orvane {
 namespace {
 
-// Limit for each file in /proc/pid except `mounts`. Of these files, only `cgroup` can be longer, because a process may
-// choose long names for its control groups. The text of `cgroup` is then cut off.
+// Limit for each file in /proc/pid except `mounts` and `mountinfo`. Of these files, only `cgroup` can be longer,
+// because a process may choose long names for its control groups. The text of `cgroup` is then cut off.
 constexpr size_t kFileLimit = size_t{64} * 1024;
-// The limit for `mounts` is larger, because a host with many containers has a thousand mounts.
+// The limit for `mounts` and `mountinfo` is larger, because a host with many containers has a thousand mounts.
 constexpr size_t kMountsLimit = size_t{256} * 1024;
 constexpr uint32_t kNobodyLoggedIn = UINT32_MAX;
 constexpr uint32_t kExiting = 0x4;  // PF_EXITING in the kernel: a flag in field 9 of /proc/pid/stat
@@ -92,12 +92,19 @@ std::optional<FileNumbers> examine(int directory, const char* name, int flags = 
   return FileNumbers{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
-// Opens a file, without its content, if the kernel has its path cached (openat2(2), RESOLVE_CACHED).
+// Opens a file, without its content, if the kernel has its path cached (openat2(2), RESOLVE_CACHED). EAGAIN means that
+// the path is not cached, or that somebody mounted or renamed a file at the same moment, so the call is repeated.
 Descriptor open_cached(int folder, const char* path) {
+  constexpr int kTries = 64;
   open_how how{};
   how.flags = O_PATH | O_CLOEXEC;
   how.resolve = RESOLVE_CACHED;
-  return Descriptor(static_cast<int>(::syscall(SYS_openat2, folder, path, &how, sizeof how)));
+  long file = -1;
+  for (int i = 0; i < kTries && file < 0; ++i) {
+    file = ::syscall(SYS_openat2, folder, path, &how, sizeof how);
+    if (file < 0 && errno != EAGAIN) break;
+  }
+  return Descriptor(static_cast<int>(file));
 }
 
 // Zombie or dead.
@@ -177,15 +184,17 @@ std::string ProcessInformation::mounts() const {
   return read_file_start_at(directory(), "mounts", kMountsLimit, Links::Refuse).value_or("");
 }
 
-std::string ProcessInformation::flatpakInformation() const {
+std::optional<std::string> ProcessInformation::flatpakInformation() const {
   const Descriptor root(::openat(directory(), "root", O_PATH | O_DIRECTORY | O_CLOEXEC));
   const Descriptor file = root ? open_cached(root.get(), ".flatpak-info") : Descriptor();
-  if (!file || !isOnTmpfs(file.get())) return {};
+  if (root && !file && errno == EAGAIN) return std::nullopt;
+  if (!file || !isOnTmpfs(file.get())) return "";
   const std::string path = "/proc/self/fd/" + std::to_string(file.get());
   return read_file_start_at(AT_FDCWD, path.c_str(), kFileLimit, Links::Follow).value_or("");
 }
 
-// Whether a file that the process sees is on a tmpfs. fstatfs(2) would ask the file system.
+// Whether a file that the process sees is on a tmpfs. fstatfs(2) is not used, because it asks the file system, which
+// may never answer.
 bool ProcessInformation::isOnTmpfs(int file) const {
   struct statx status;
   if (::statx(file, "", AT_STATX_DONT_SYNC | AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0) return false;
@@ -208,13 +217,19 @@ std::optional<audit_token_t> audit_token_of_process(pid_t pid) {
   return process ? process->auditToken() : std::nullopt;
 }
 
+void each_process(const std::string& processTable, const std::function<bool(pid_t)>& use) {
+  std::unique_ptr<DIR, int (*)(DIR*)> table(::opendir(processTable.c_str()), ::closedir);
+  while (const dirent* entry = table ? ::readdir(table.get()) : nullptr) {
+    if (auto pid = parse_number<pid_t>(entry->d_name); pid && !use(*pid)) return;
+  }
+}
+
 std::vector<pid_t> process_identifiers(const std::string& processTable) {
   std::vector<pid_t> identifiers;
-  std::unique_ptr<DIR, int (*)(DIR*)> table(::opendir(processTable.c_str()), ::closedir);
-  if (!table) return identifiers;
-  while (const dirent* entry = ::readdir(table.get())) {
-    if (auto pid = parse_number<pid_t>(entry->d_name)) identifiers.push_back(*pid);
-  }
+  each_process(processTable, [&](pid_t pid) {
+    identifiers.push_back(pid);
+    return true;
+  });
   return identifiers;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -81,12 +82,13 @@ class ProcessInformation {
   // The text of /proc/pid/mounts: the mounts that the process sees. Empty when the process has ended.
   std::string mounts() const;
 
-  // The text of /.flatpak-info, which Flatpak puts into each sandbox. Empty outside a sandbox.
+  // The text of /.flatpak-info, which Flatpak puts into each sandbox. Empty outside a sandbox. Nothing if it is unknown
+  // whether the file exists.
   //
-  // Flatpak puts the file on a tmpfs, where the kernel has it cached. A file anywhere else is not read: a user may give
-  // a process a root whose file system never answers (FUSE, or overlayfs above it), even if FUSE itself would refuse
-  // another user.
-  std::string flatpakInformation() const;
+  // Flatpak puts the file on a tmpfs, where the kernel has it cached. A file anywhere else is not read, because a user
+  // may give a process a root whose file system never answers: FUSE, or overlayfs above FUSE. FUSE can refuse other
+  // users at once, but overlayfs asks FUSE with the rights of the user who mounted the overlay.
+  std::optional<std::string> flatpakInformation() const;
 
   // The open directory of the process.
   int directory() const { return directory_.get(); }
@@ -106,6 +108,9 @@ class ProcessInformation {
 // 4294967295 for a process that belongs to no login. For the version, see version(). Nothing when the process does not
 // exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
+
+// Calls `use` with each pid in a process table, in any order, until `use` returns false.
+void each_process(const std::string& processTable, const std::function<bool(pid_t)>& use);
 
 // The pids in a process table, in any order.
 std::vector<pid_t> process_identifiers(const std::string& processTable = "/proc");

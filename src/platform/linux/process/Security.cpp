@@ -136,19 +136,16 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
 static Ref<SecCode> code_of(const std::shared_ptr<const ProcessIdentity::Process>& process) {
   struct Known {
     std::weak_ptr<const ProcessIdentity::Process> process;
-    std::shared_ptr<const ApplicationEntries> applications;
     Ref<SecCode> code;
   };
   thread_local std::array<Known, 8> known;  // of each thread, because no lock guards a code object
   thread_local size_t next = 0;
-  auto applications = ProcessIdentity::system().applications();
   for (const Known& each : known) {
-    const bool isSame = !each.process.owner_before(process) && !process.owner_before(each.process);
-    if (isSame && each.applications == applications) return each.code;
+    if (!each.process.owner_before(process) && !process.owner_before(each.process)) return each.code;
   }
   auto code = Ref<SecCode>::adopt(new SecCode);
   code->program = process->program;
-  known[next++ % known.size()] = {process, std::move(applications), code};
+  known[next++ % known.size()] = {process, code};
   return code;
 }
 
@@ -185,6 +182,7 @@ OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary
       code->information->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
     }
   }
+  IdentityAnswers::noteInformation(code->information);
   *information = Ref(code->information).detach();
   return errSecSuccess;
 }

@@ -34,12 +34,16 @@ std::optional<std::string> SocketAborter::start() {
     isStarted = child_.start("socket-aborter", {ends[1]}, [&] { serve(ends[1]); });
   }
   if (isStarted) return std::nullopt;
+  const int error = errno;
   channel_.reset();
-  return "no process that aborts sockets: " + std::generic_category().message(errno);
+  std::string text = "no process that aborts sockets: " + std::generic_category().message(error);
+  errno = error;
+  return text;
 }
 
 bool SocketAborter::abort(const SocketPair& pair, uint64_t cookie) {
   const Abort abort{pair, cookie, 0};
+  if (!channel_ && start()) return false;  // next() could not start another child, and neither can this call
   return ::send(channel_.get(), &abort, sizeof abort, MSG_DONTWAIT | MSG_NOSIGNAL) == sizeof abort;
 }
 

@@ -42,7 +42,7 @@ bool same_address(const SocketAddress& a, const SocketAddress& b) {
 //  +2  it has no peer
 //  +4  its peer matches
 //
-// A datagram socket with another peer can match, too, because it may still send to this destination.
+// A datagram socket with another peer can match, too, because it may still send to the pair's remote endpoint.
 constexpr int kPeerMatches = 5;  // the lowest score with a matching peer
 
 int match_score(const SocketPair& pair, const inet_diag_msg& message) {
@@ -91,8 +91,8 @@ inet_diag_req_v2 dump_request(const SocketPair& pair, uint8_t family) {
 }
 
 // The indexes of all interfaces. if_nameindex(3) waits for the kernel's RTNL lock, and any user can keep this lock for
-// ever: the kernel holds the lock while it copies a request (SIOCETHTOOL) from the user's memory. This function makes
-// no call that takes the lock.
+// ever: the kernel holds the lock while it copies a request (SIOCETHTOOL) from the user's memory, and the user can make
+// the copy wait (SocketAborter.h). This function makes no call that takes the lock.
 std::vector<uint32_t> interface_indexes(int socket) {
   std::vector<uint32_t> indexes;
   std::ifstream devices("/proc/thread-self/net/dev");  // a line for each interface: spaces, the name, ':', counters

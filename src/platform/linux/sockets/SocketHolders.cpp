@@ -41,9 +41,9 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // After a complete scan of a process, a socket that has no location in the process was not held by it during the
-      // scan. This conclusion needs the locations that the scan has recorded. They are deleted here, so earlier scans
-      // no longer count as complete.
+      // A complete scan of a process records the location of every socket that the process holds, so the process did
+      // not hold a socket without a recorded location. After the locations are cleared, this conclusion would be wrong,
+      // so no earlier scan counts as complete any more.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
@@ -60,8 +60,8 @@ class SocketCache {
     scans_.insert_or_assign(process.pid(), Scan{process.version(), begin, ++scanCount_, isComplete});
   }
 
-  // Whether `process` was completely scanned after its child `child` had started. If so, a socket that the scan did not
-  // see was opened after the scan, so the child did not inherit it.
+  // Whether `process` was completely scanned after its child `child` had started. If `process` holds a socket that this
+  // scan did not see, `process` got the socket after the child had started, so the child did not inherit the socket.
   bool wasScannedSince(const ProcessInformation& process, const ProcessInformation& child) const {
     auto it = scans_.find(process.pid());
     return it != scans_.end() && it->second.version == process.version() && it->second.isComplete &&
@@ -113,9 +113,7 @@ struct User {
   // browser opens many connections in a row, so its process is often in this list. A scan of the listed processes takes
   // a fraction of the time of a scan of all processes.
   std::vector<SocketCache::Location> recent;
-  // The processor time that searches may still take. Negative after a search that took more than was left.
-  std::chrono::nanoseconds credit;
-  Clock::time_point credited;
+  ThreadCredit credit;  // for the searches
 
   void put(const SocketCache::Location& holder) {
     std::erase_if(recent, [&](const auto& each) { return each.process == holder.process; });
@@ -267,15 +265,10 @@ struct SocketHolders::Implementation {
   std::unordered_map<uid_t, User> users;
 };
 
-// Returns the state of a user, after adding the credit for the time since the last search for this user's sockets.
 User& SocketHolders::Implementation::account(uid_t user, Clock::time_point now) {
-  constexpr int kShare = 5;
   constexpr size_t kUserLimit = 1024;
   if (users.size() >= kUserLimit && users.count(user) == 0) users.clear();
-  User& account = users.try_emplace(user, User{{}, limits.burst, now}).first->second;
-  account.credit = std::min(limits.burst, account.credit + (now - account.credited) / kShare);
-  account.credited = now;
-  return account;
+  return users.try_emplace(user, User{{}, ThreadCredit(limits.burst, now)}).first->second;
 }
 
 std::optional<ProcessInformation> SocketHolders::Implementation::holder(Search& search, uid_t user) {
@@ -307,14 +300,14 @@ std::optional<ProcessInformation> SocketHolders::find(const SocketFacts& socket)
   if (socket.inode == 0 || failed.contains(socket.cookie, now)) return std::nullopt;
   User& user = implementation_->account(socket.user, now);
   Search search(cache, user, socket, limits.descriptors + 2 * limits.processes);
-  bool hasCredit = user.credit > std::chrono::nanoseconds(0);
+  const bool hasCredit = !user.credit.isSpent(now);
   auto holder = search.quickHolder();
   if (!holder && hasCredit) {
     holder = implementation_->holder(search, socket.user);
     if (!holder) failed.put(socket.cookie, now);
   }
   if (holder && hasCredit) holder = search.topmost(std::move(*holder));
-  user.credit -= search.budget().used();
+  user.credit.use(search.budget().used());
   return holder;
 }
 

@@ -1,5 +1,5 @@
-// Runs in the kernel when a process connects a socket or sends a datagram with an explicit destination. Records the
-// process and the connection (SocketRecords.h) and always allows the call.
+// Runs in the kernel when a process connects a socket, sends a datagram with an explicit destination, or closes a
+// socket. Records the process, the connection and its end (SocketRecords.h) and always allows the call.
 #include <linux/bpf.h>
 // The headers below need the types of linux/bpf.h.
 #include <bpf/bpf_endian.h>
@@ -121,6 +121,16 @@ int send_v6(struct bpf_sock_addr* context) {
   struct DatagramRoute route = {
       .remote = {context->user_ip6[0], context->user_ip6[1], context->user_ip6[2], context->user_ip6[3]}};
   record_datagram(context, &route, record_opener(context, &datagram_openers));
+  return 1;
+}
+
+// Called when the last descriptor of a socket is closed.
+SEC("cgroup/sock_release")
+int record_close(struct bpf_sock* context) {
+  __u64 cookie = bpf_get_socket_cookie(context);
+  struct SocketOpener* opener = bpf_map_lookup_elem(&stream_openers, &cookie);
+  if (!opener) opener = bpf_map_lookup_elem(&datagram_openers, &cookie);
+  if (opener) opener->isClosed = 1;
   return 1;
 }
 

@@ -104,6 +104,7 @@ std::optional<std::string> SocketOpeners::Programs::attach() {
       {kernel->progs.send_v4, &kernel->links.send_v4},
       {kernel->progs.send_v6, &kernel->links.send_v6},
       {kernel->progs.record_stream, &kernel->links.record_stream},
+      {kernel->progs.record_close, &kernel->links.record_close},
   };
   for (auto [program, link] : kPrograms) {
     *link = ::bpf_program__attach_cgroup(program, group.get());

@@ -43,9 +43,8 @@ audit_token_t token_of_ended(const SocketOpener& opener) {
   return {{kUnset, opener.user, opener.group, opener.user, opener.group, opener.process, kUnset, 0}};
 }
 
-// Keeps the processes that opened sockets recently, the latest first, because a browser opens many sockets in a row.
-// Each entry keeps open the files from which the process's token is read, because opening these files takes longer than
-// reading them.
+// Keeps the processes that opened sockets recently, and their tokens, the latest first. A browser opens many sockets in
+// a row, and its token need not be read again for each of them.
 class RecentOpeners {
  public:
   // The opener's token. Nothing if the process has ended.
@@ -65,7 +64,7 @@ class RecentOpeners {
 
   static constexpr size_t kLimit = 16;  // each entry keeps a descriptor open
   // A change of the process's user or groups does not change its version, so the token is read again after this time.
-  static constexpr auto kTokenLifetime = std::chrono::milliseconds(500);
+  static constexpr auto kTokenLifetime = std::chrono::seconds(10);
   std::vector<Recent> recent_;
 };
 
@@ -145,8 +144,8 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair, uid_t user
   int error = errno;
   auto sender = implementation_->openers.sender(pair);
   errno = error;
-  // After the sender, another user may have sent a datagram from the same port, but another address, and so may have
-  // replaced the record.
+  // The record has no local address, so it may be of a later datagram, which another user sent from the same port of
+  // another address. If the user is known, a record of another user does not replace the socket that was found.
   return sender && (!found || !isUserKnown || sender->user == user) ? sender : found;
 }
 
@@ -157,6 +156,14 @@ std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair, uid_t us
   implementation_->lastStream = *stream;
   const auto firstByte = stream->hasFirstByte != 0 ? std::optional(stream->firstByte) : std::nullopt;
   return SocketFacts{stream->cookie, 0, stream->opener.user, true, firstByte};
+}
+
+bool SocketOwners::isOpen(const SocketPair& pair, uint64_t cookie) {
+  const auto opener = implementation_->openers.opener(cookie);
+  if (opener && opener->isClosed != 0) return false;
+  // A socket that is not closed may have other endpoints by now, or none.
+  const auto socket = find(pair);
+  return socket && socket->cookie == cookie;
 }
 
 std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }

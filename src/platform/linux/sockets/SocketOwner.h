@@ -18,11 +18,13 @@ struct SocketFacts {
   uint64_t cookie;         // unique since boot
   uint32_t inode;          // 0 if the socket is closed or was found in the kernel's record
   uid_t user;              // the socket's creator
-  bool connected = false;  // true for a datagram socket whose peer is `remote` of the pair that was looked up
+  bool connected = false;  // for a datagram socket: whether it is connected to `remote` of find()'s argument
   // The sequence number of the first byte that a TCP socket sends after the handshake. Nothing if the kernel's record
   // lacks it.
   std::optional<uint32_t> firstByte = {};
-  bool isOthers = false;  // whether another user sent the datagram, with the endpoints of this socket
+  // Whether a user other than the socket's creator has sent the datagram for which find() was called. Any user can send
+  // with this socket's address and port (IP_PKTINFO).
+  bool isOthers = false;
 };
 
 // Finds the process that owns a socket. There are two sources:
@@ -66,6 +68,10 @@ class SocketOwners {
   // comes from the record alone, with one system call, and the socket may be closed already. Otherwise the same as
   // find().
   std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user = kNoUser);
+
+  // Whether the socket with this cookie exists and still has these endpoints. If the kernel's record has the socket, a
+  // look-up there is enough to see that it was closed.
+  bool isOpen(const SocketPair& pair, uint64_t cookie);
 
   // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();

@@ -10,8 +10,8 @@
 struct SocketOpener {
   __u32 process;      // in the PID namespace of the extension
   __u32 user, group;  // real ids, in the initial user namespace
-  __u32 unused;
-  __u64 time;  // CLOCK_BOOTTIME, in nanoseconds
+  __u32 isClosed;     // 1 when the last descriptor of the socket has been closed; always 0 in StreamSocket
+  __u64 time;         // CLOCK_BOOTTIME, in nanoseconds
 };
 
 // The key of a record of a datagram that was sent with an explicit destination; the record's value is the socket's

@@ -1,7 +1,9 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstring>
 #include <fstream>
@@ -115,8 +117,28 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   }
 }
 
-// A user's file system or a network file system may never answer. Here such a file system covers the folder of the
-// programs after they have started, and is the root of a third process.
+// A user can start any number of processes in an application's unit. A search among them must not keep other users
+// waiting.
+TEST(ProcessTest, SearchesAUnitForABoundedTime) {
+  ProgramFolder folder;
+  folder.entry("browser", "browser");
+  const std::string program = folder.program("bin/browser");
+  constexpr int kProcesses = 3000;
+  for (int pid = 2; pid <= kProcesses; ++pid) {
+    const std::string name = "proc/" + std::to_string(pid);
+    folder.write(name + "/stat", "1 (x) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(pid) + " 0\n");
+    folder.write(name + "/cgroup", "0::/app-browser-1.scope");
+    if (pid < kProcesses) fs::create_symlink(program, folder.path(name + "/exe"));
+  }
+  ProcessIdentity identity(folder.folders(), folder.path("proc"));
+  int calls = 1000;
+  while (calls > 0 && identity.responsibleFor(kProcesses) != kProcesses) --calls;
+  EXPECT_LT(0, calls) << "each call searched all processes";
+}
+
+// A user's file system or a network file system may never answer. The test starts two programs, and then mounts such a
+// file system over their folder. The same folder is the root of a third process, 77, which exists only in the test's
+// process table.
 TEST(ProcessTest, WaitsForNoFileSystem) {
   ProgramFolder folder;
   const RunningProgram browser(folder.program("home/browser")), removed(folder.program("home/removed (deleted)"));
@@ -201,20 +223,24 @@ struct ControlGroup {
   bool isAvailable = false;
 };
 
-// After each change the test asks at once, and each question twice: the second answer may come from a cache.
+// After each change the test asks at once, and each question twice: the second answer may come from a cache. The test
+// is an application, too, and becomes the parent of processes whose parent ends (PR_SET_CHILD_SUBREAPER).
 TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
   ProgramFolder folder;
   Wrapper::install(folder);
+  folder.entry("test", ProcessInformation::open(::getpid())->executable()->path);  // the emulator's, if one runs it
+  ASSERT_EQ(0, ::prctl(PR_SET_CHILD_SUBREAPER, 1));
   ControlGroup group;
   ProcessChanges uncounted;  // it counts no events
   const auto reason = ProcessChanges::system().start();
   const struct {
     const char* what;
     std::function<void(Wrapper&, pid_t tool)> change;
-  } kChanges[] = {
-      {"the browser executes a tool", [](Wrapper& wrapper, pid_t) { EXPECT_EQ(wrapper.pid, wrapper.next()); }},
-      {"the browser ends", [](Wrapper& wrapper, pid_t) { wrapper.end(); }},
-      {"its tool moves to a unit", [&](Wrapper&, pid_t tool) { group.add(tool); }}};
+    const char* after;
+  } kChanges[] = {{"the browser executes a tool",
+                   [](Wrapper& wrapper, pid_t) { EXPECT_EQ(wrapper.pid, wrapper.next()); }, "tool of test"},
+                  {"the browser ends", [](Wrapper& wrapper, pid_t) { wrapper.end(); }, "tool of test"},
+                  {"its tool moves to a unit", [&](Wrapper&, pid_t tool) { group.add(tool); }, "tool of tool"}};
   for (const ProcessChanges* changes : {&uncounted, &ProcessChanges::system()}) {
     for (const auto& row : kChanges) {
       const bool isCounted = changes != &uncounted;
@@ -232,17 +258,19 @@ TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
         return answers[0];
       };
       Wrapper wrapper(folder);
-      EXPECT_EQ("wrapper of wrapper", whose(wrapper.pid));
+      EXPECT_EQ("wrapper of test", whose(wrapper.pid));
       EXPECT_EQ(wrapper.pid, wrapper.next());
       EXPECT_EQ("browser of browser", whose(wrapper.pid));
       const pid_t tool = wrapper.next();
       ASSERT_LT(0, tool);
       EXPECT_EQ("tool of browser", whose(tool));
       row.change(wrapper, tool);
-      EXPECT_EQ("tool of tool", whose(tool));
+      EXPECT_EQ(row.after, whose(tool));
       ::kill(tool, SIGKILL);
+      ::waitpid(tool, nullptr, 0);
     }
   }
+  ::prctl(PR_SET_CHILD_SUBREAPER, 0);
   if (reason) GTEST_SKIP() << *reason;
 }
 

@@ -260,7 +260,7 @@ uint32_t next_sequence(const Descriptor& socket) {
   return sequence;
 }
 
-TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
+TEST(SocketOwnerTest, TellsASocketFromAnEarlierOneWithTheSameEndpoints) {
   if (!enter_own_network()) GTEST_SKIP() << "needs a network namespace (root)";
   SocketOwners owners;
   auto unrecorded = owners.recordOpeners();
@@ -291,7 +291,22 @@ TEST(SocketOwnerTest, TakesNoSocketForAnEarlierOneWithTheSameEndpoints) {
     ASSERT_TRUE(sender);
     EXPECT_EQ(cookie_of(client == 0 ? connecting : accepted), sender->cookie);
     EXPECT_EQ(client == 0 ? std::optional(next_sequence(connecting)) : std::nullopt, sender->firstByte);
+
+    Descriptor& own = client == 0 ? connecting : accepted;
+    Descriptor copy(::dup(own.get()));
+    own.reset();
+    EXPECT_TRUE(owners.isOpen(pair, sender->cookie));
+    copy.reset();
+    EXPECT_FALSE(owners.isOpen(pair, sender->cookie));
   }
+  Descriptor sending(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(0, ::bind(sending.get(), generic(ends[0]), sizeof ends[0])) << std::strerror(errno);
+  ::sendto(sending.get(), "", 0, 0, generic(ends[1]), sizeof ends[1]);
+  const SocketPair datagram = pair_of(IPPROTO_UDP, ends[0], ends[1]);
+  const uint64_t cookie = cookie_of(sending);
+  EXPECT_TRUE(owners.isOpen(datagram, cookie));
+  sending.reset();
+  EXPECT_FALSE(owners.isOpen(datagram, cookie));
 }
 
 TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
@@ -377,7 +392,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   const struct {
     const char* what;
     uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // the limit for a hundred packets; the test adds what SocketHolders gives back
+    std::chrono::nanoseconds all;  // the limit for a hundred packets; limitOfAll adds to it
   } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
   for (const auto& row : kCases) {
     SCOPED_TRACE(row.what);
