@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/linux/flow/DropRecords.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/process/IdentityAnswers.h"
 #include "platform/names/Subdomains.h"
@@ -38,6 +39,8 @@ auto FilterSession::judge(Ask ask) {
   if (verdict.kind == Kind::Drop && askUnder(kExceptionMark).kind == Kind::Drop) {
     return decltype(verdict)::allowVerdict();
   }
+  // The provider need not ask again whose flow it is when it gets the flow's data.
+  if (verdict.kind != Kind::Allow && drop_records().isOn()) browser_ = sameProcess.lastIdentifier().value_or(browser_);
   return verdict;
 }
 
@@ -48,6 +51,7 @@ FilterSession::State FilterSession::newFlow(uint64_t passed) {
   const NEFilterNewFlowVerdict verdict = judge([this] { return provider_->handleNewFlow(*flow_); });
   if (verdict.kind == NEFilterNewFlowVerdict::Kind::Drop) {
     count(flow_counters().dropped);
+    record();
     return state_ = State::Dropped;
   }
   if (verdict.kind == NEFilterNewFlowVerdict::Kind::Allow || !verdict.filterOutbound) {
@@ -75,6 +79,7 @@ FilterSession::State FilterSession::outboundComplete() {
 }
 
 FilterSession::State FilterSession::openFlow() {
+  isRecorded_ = false;
   newFlow();
   const uint8_t anyByte = '?';
   if (holdsData()) outboundData({&anyByte, 1});
@@ -90,7 +95,12 @@ FilterSession::State FilterSession::refuse() {
 FilterSession::State FilterSession::settle(const NEFilterDataVerdict& verdict) {
   bool drops = verdict.kind == NEFilterDataVerdict::Kind::Drop;
   count(drops ? flow_counters().droppedByData : flow_counters().allowedByData);
+  if (drops) record();
   return state_ = drops ? State::Dropped : State::Allowed;
+}
+
+void FilterSession::record() const {
+  if (isRecorded_ && drop_records().isOn() && names_.hostName()) drop_records().record(*names_.hostName(), browser_);
 }
 
 }  // namespace orvane

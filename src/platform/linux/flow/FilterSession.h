@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "platform/NetworkExtension.h"
 #include "platform/linux/flow/LinuxFlow.h"
@@ -20,6 +21,9 @@ namespace orvane {
 //      an exception for the flow's host, so the session allows the flow.
 //
 // During a series, the thread looks up the identity of each process only once (IdentityAnswers).
+//
+// If the process records dropped flows (DropRecords.h), the session records its flow when the provider drops it. A flow
+// without a host name is not recorded.
 //
 // The session stores no data. While holdsData() is true, outbound bytes must wait, and the caller keeps them. What a
 // verdict says about inbound data is ignored, because no callback of the provider takes inbound data.
@@ -52,7 +56,8 @@ class FilterSession {
 
   // Shows the provider a flow that is already open, and settles the flow. Call it in place of the functions above. The
   // flow's first bytes have passed and are no longer available, so a provider that asks for data gets one byte, '?',
-  // which no host name contains.
+  // which no host name contains. The drop of such a flow is not recorded: the caller may not know yet that the flow has
+  // ended by itself, and if it has not, the browser opens a new one.
   State openFlow();
 
   // Drops an examined flow without asking the provider. For a caller that cannot show the flow's data to the provider.
@@ -68,6 +73,7 @@ class FilterSession {
   template <class Ask>
   auto judge(Ask ask);
   State settle(const NEFilterDataVerdict& verdict);
+  void record() const;
 
   Ref<NEFilterDataProvider> provider_;
   Ref<NEFilterFlow> flow_;
@@ -75,6 +81,8 @@ class FilterSession {
   State state_ = State::New;
   uint64_t peekBytes_ = 0;  // how many more outbound bytes the provider may see
   uint64_t offset_ = 0;     // the number of outbound bytes so far
+  bool isRecorded_ = true;  // if the flow is dropped
+  std::string browser_;     // the browser's bundle identifier, if dropped flows are recorded
 };
 
 }  // namespace orvane

@@ -16,6 +16,7 @@
 #include "platform/Value.h"
 #include "platform/linux/base/FileURL.h"
 #include "platform/linux/base/ServiceStatus.h"
+#include "platform/linux/flow/DropRecords.h"
 #include "platform/linux/flow/FilterRules.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/netfilter/Netfilter.h"
@@ -36,6 +37,14 @@ Value extension_setting(std::string_view key) {
   const Value description = bundle_get_information(bundle_get_main(), "NetworkExtension");
   const Value* value = description.find(key);
   return value == nullptr ? Value() : *value;
+}
+
+// Why a setting that may be missing, or have one of two values, is wrong. Nothing if it is right.
+std::optional<std::string> fault_of_choice(std::string_view key, std::string_view one, std::string_view other) {
+  const Value value = extension_setting(key);
+  if (value.isNil() || value == Value::borrowed(one) || value == Value::borrowed(other)) return std::nullopt;
+  return std::string(key) + " is " + value.description() + ", neither " + std::string(one) + " nor " +
+         std::string(other);
 }
 
 bool ends_open_connections() { return extension_setting("OrvaneOpenConnections") != Value::borrowed("keep"); }
@@ -146,20 +155,17 @@ std::optional<std::string> ProviderHost::applySettings(const Ref<NEFilterDataPro
 // Starts the flow source that the bundle names. If the bundle names none, tries netfilter first, then the proxy.
 std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataProvider>& provider,
                                                          const NEFilterSettings& settings) {
-  const Value open = extension_setting("OrvaneOpenConnections");
-  if (!open.isNil() && open != Value::borrowed("end") && open != Value::borrowed("keep")) {
-    return "OrvaneOpenConnections is " + open.description() + ", neither end nor keep";
+  if (auto fault = fault_of_choice("OrvaneOpenConnections", "end", "keep")) return fault;
+  if (auto fault = fault_of_choice("OrvaneRecordDrops", "yes", "no")) return fault;
+  if (extension_setting("OrvaneRecordDrops") == Value::borrowed("yes")) {
+    ORVANE_LOG_DEFAULT(default_log(), "dropped connections are recorded in the journal");
+    drop_records().switchOn();
   }
   Value name = extension_setting("OrvaneFlowSource");
   if (name == Value::borrowed("proxy")) return startProxy(provider, settings);
-  if (!name.isNil() && name != Value::borrowed("netfilter")) {
-    return "OrvaneFlowSource is " + name.description() + ", neither netfilter nor proxy";
-  }
-  const Value http3 = extension_setting("OrvaneHTTP3");
-  const bool passesHTTP3 = http3 == Value::borrowed("pass");
-  if (!http3.isNil() && !passesHTTP3 && http3 != Value::borrowed("judge")) {
-    return "OrvaneHTTP3 is " + http3.description() + ", neither judge nor pass";
-  }
+  if (auto fault = fault_of_choice("OrvaneFlowSource", "netfilter", "proxy")) return fault;
+  if (auto fault = fault_of_choice("OrvaneHTTP3", "judge", "pass")) return fault;
+  const bool passesHTTP3 = extension_setting("OrvaneHTTP3") == Value::borrowed("pass");
   auto netfilter = std::make_unique<Netfilter>(ends_open_connections());
   auto error = netfilter->start(provider, passesHTTP3 ? settings : with_http3(settings));
   if (!error) {
@@ -211,6 +217,7 @@ void ProviderHost::stop() {
   }
   if (source != nullptr) {
     source->stop();
+    drop_records().finish();
     log_flow_counters();
   }
   if (provider == nullptr) return;

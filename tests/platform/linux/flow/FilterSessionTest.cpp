@@ -5,12 +5,14 @@
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
+#include <vector>
 
 #include "database/db.h"
 #include "database/db_browsers.h"
 #include "database/db_properties.h"
 #include "filter/FilterDataProvider.h"
 #include "filter/PLSafariFilterDataProvider.h"
+#include "platform/linux/flow/DropRecords.h"
 #include "platform/linux/flow/FilterSession.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/flow/ScriptedProvider.h"
@@ -19,8 +21,9 @@
 namespace orvane {
 namespace {
 
-std::string identifier;  // the identifier of every process
-int lookUps;             // how often something about a process was looked up
+std::string identifier;                  // the identifier of every process
+std::optional<std::string> responsible;  // the identifier of the responsible process, if it has another
+int lookUps;                             // how often something about a process was looked up
 
 }  // namespace
 
@@ -31,11 +34,12 @@ ProcessIdentity& ProcessIdentity::system() {
 }
 std::shared_ptr<const ProcessIdentity::Process> ProcessIdentity::find(pid_t pid) {
   ++lookUps;
-  return std::make_shared<const Process>(Process{ProcessInformation::open(pid).value(), {}});
+  return std::make_shared<const Process>(
+      Process{ProcessInformation::open(pid).value(), {{}, pid == getppid() ? responsible : std::nullopt, {}}});
 }
-std::optional<std::string> ProcessIdentity::identifierOf(const Program&) {
+std::optional<std::string> ProcessIdentity::identifierOf(const Program& program) {
   ++lookUps;
-  return identifier;
+  return program.package.value_or(identifier);
 }
 pid_t ProcessIdentity::responsibleFor(pid_t) {
   ++lookUps;
@@ -84,6 +88,7 @@ class FilterSessionTest : public testing::Test {
   }
   void SetUp() override {
     identifier = "browser";
+    responsible = std::nullopt;
     lookUps = 0;
   }
 
@@ -177,6 +182,32 @@ TEST_F(FilterSessionTest, LooksUpTheIdentityOncePerFlow) {
       EXPECT_EQ(lookUps, expected) << description << " " << host;
     }
   }
+}
+
+TEST_F(FilterSessionTest, RecordsDroppedFlowsOnceThisIsSwitchedOn) {
+  list({".held.example", "!.x.held.example"});
+  std::string recorded;  // the last fields of each entry
+  const auto openFlow = [](const auto& provider, const auto& flow) { FilterSession(provider, flow).openFlow(); };
+  const auto dropEach = [&] {
+    drops(general, flow_to("a.held.example"));
+    drops(general, flow_to("x.held.example"));
+    drops(general, flow_to("free.example"));
+    openFlow(general, flow_to("open.held.example"));
+    std::tie(identifier, responsible) = std::pair("helper", "browser");
+    drops(general, LinuxURLFlow::create(own_token(), "http://b.held.example/secret", "b.held.example"));
+    std::tie(identifier, responsible) = std::pair("com.apple.Safari", std::nullopt);  // drops flows by their data
+    drops(safari, flow_to("c.held.example"));
+  };
+  dropEach();
+  drop_records().switchOn([&](const std::string& entry) {
+    recorded += entry.substr(entry.find("ORVANE_"));
+    return true;
+  });
+  identifier = "browser";
+  dropEach();
+  EXPECT_EQ(recorded,
+            "ORVANE_HOST=a.held.example\nORVANE_BROWSER=browser\nORVANE_HOST=b.held.example\nORVANE_BROWSER=browser\n"
+            "ORVANE_HOST=c.held.example\nORVANE_BROWSER=com.apple.Safari\n");
 }
 
 }  // namespace

@@ -47,7 +47,7 @@ TEST(QuicInitial, AssemblesTheHello) {
       {"two_ids", "hold known "},  // the second packet of a datagram has another connection ID than the first
       {"touching_pieces", "pass pass pass pass pass pass pass known "},   // 70 touching pieces behind a gap
       {"scattered_pieces", "pass pass pass pass pass pass hold known "},  // 70 pieces that do not touch
-      {"beyond_limit", "pass hold known "},                               // bytes that lie too far behind
+      {"beyond_limit", "pass hold known "},                               // bytes of the hello beyond kLimit
   };
   for (const auto& c : kCases) {
     const Outcome outcome = read_all(quic_records(c.file));

@@ -52,13 +52,14 @@ class Provider final : public ScriptedProvider {
 // Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
 // manager received, and the exit code. Provider, too, sends messages: "start" when the extension starts the provider,
 // and "stop" when the extension stops it.
-std::string run_extension(const Value& source, const Value& port, const Value& http3 = nullptr) {
+std::string run_extension(const Value& source, const Value& port, const char* key = "OrvaneHTTP3",
+                          const Value& value = nullptr) {
   Value classes =
       Value::dictionary({{Value::string("com.apple.networkextension.filter-data"), Value::string("Filter")}});
   networkExtension = Value::dictionary({{Value::string("NEProviderClasses"), classes},
                                         {Value::string("OrvaneFlowSource"), source},
                                         {Value::string("OrvaneProxyPort"), port},
-                                        {Value::string("OrvaneHTTP3"), http3}});
+                                        {Value::string(key), value}});
   Peer manager(Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
   TemporaryFolder folder;
   sockaddr_un address{AF_UNIX, {}};
@@ -119,14 +120,12 @@ TEST(ProviderHost, ReportsAFaultyBrowserListToTheServiceManager) {
 }
 
 TEST(ProviderHost, RejectsUnknownSettings) {
-  const std::tuple<const char*, Value, Value> kCases[] = {
-      {"OrvaneFlowSource is netfliter", Value::string("netfliter"), nullptr},
-      {"OrvaneHTTP3 is jugde", Value::string("netfilter"), Value::string("jugde")},
-  };
-  for (const auto& [reason, source, http3] : kCases) {
-    const std::string messages = run_extension(source, nullptr, http3);
+  for (const char* key : {"OrvaneFlowSource", "OrvaneHTTP3", "OrvaneOpenConnections", "OrvaneRecordDrops"}) {
+    const bool isSource = std::string_view(key) == "OrvaneFlowSource";
+    const std::string messages =
+        run_extension(Value::string(isSource ? "typo" : "netfilter"), nullptr, key, Value::string("typo"));
     EXPECT_TRUE(messages.starts_with("start; STATUS=Filter not started: ")) << messages;
-    EXPECT_NE(messages.find(reason), std::string::npos) << messages;
+    EXPECT_NE(messages.find(key + std::string(" is typo, neither ")), std::string::npos) << messages;
     EXPECT_TRUE(messages.ends_with("; stop; exit 1")) << messages;
   }
 }
