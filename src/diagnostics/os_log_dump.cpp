@@ -64,7 +64,7 @@ bool append_groups(Line& line, const unsigned char* bytes, int32_t count, int32_
 
 void append_characters(Line& line, const unsigned char* bytes, int32_t count, int32_t column) {
   while (line.length <= column && line.length < Line::kCapacity - 1) line.append(' ');
-  // This does not use isprint(), because its result depends on the process's locale.
+  // isprint() is not used, because the result of isprint() depends on the process's locale.
   for (int32_t i = 0; i < count; ++i)
     line.append(bytes[i] >= 0x20 && bytes[i] <= 0x7e ? static_cast<char>(bytes[i]) : '.');
 }

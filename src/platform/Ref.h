@@ -56,8 +56,8 @@ class Ref {
   // Returns the object without releasing the reference, and leaves this Ref empty.
   T* detach() noexcept { return std::exchange(object_, nullptr); }
 
-  // Releases the object, and returns the address of the empty pointer, for a function that stores an owned object
-  // there.
+  // For a function that stores an owned object at an address. Releases the present object, and returns the address of
+  // this Ref's pointer, which is then null.
   T** out() {
     *this = Ref();
     return &object_;

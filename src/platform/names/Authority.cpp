@@ -20,8 +20,9 @@ bool is_address(int family, const std::string& host, std::string_view characters
   return consists_of(host, characters) && inet_pton(family, host.c_str(), &address) == 1;
 }
 
-// A registered name (RFC 3986, section 3.2.2). Its percent-encoding stays. A decoded name could contain a NUL: the
-// resolver would stop reading there, but the filter would not, so the two would read different names.
+// A registered name (RFC 3986, section 3.2.2). The name may contain percent-encoding, which nothing decodes: a decoded
+// name could contain a NUL, and the resolver would stop reading there, but the filter would not, so the two would read
+// different names.
 bool is_name(std::string_view host) {
   constexpr std::string_view kCharacters =
       "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-._~!$&'()*+,;=%";

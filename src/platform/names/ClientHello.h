@@ -11,9 +11,9 @@
 namespace orvane {
 
 // Reads the server name (RFC 6066, section 3) from a TLS ClientHello (RFC 8446, section 4.1.2) as its bytes arrive. The
-// name is known when its extension is complete. The call in which this extension ends reads on to the end of `bytes` or
-// of the TLS record, whichever comes first; later calls read nothing. The reader stores about 2 KiB at most, whatever
-// the length of the hello. Not thread-safe.
+// name is known when its extension is complete. The call that completes this extension still looks for an encrypted
+// hello in the rest of its bytes, up to the end of the TLS record. Later calls read nothing. The reader stores about
+// 2 KiB at most, whatever the length of the hello. Not thread-safe.
 class ClientHelloReader {
  public:
   // Unknown: the bytes are no hello, or the hello is malformed, has no name or is too long.
@@ -34,9 +34,9 @@ class ClientHelloReader {
   // The server name as the client wrote it.
   const std::string& name() const { return name_; }
 
-  // Whether an encrypted hello was read (RFC 9849, section 5), or may be in the rest of the hello, which had not
-  // arrived when the name was known. If a server offers no key, many clients send random bytes instead. The reader
-  // cannot tell these bytes from an encrypted hello.
+  // True if the reader has found an encrypted hello (RFC 9849, section 5). Also true if the end of the hello had not
+  // arrived when the name was known, because an encrypted hello may follow. If a server offers no key for encryption,
+  // many clients send random bytes in place of an encrypted hello; the reader cannot tell the two apart.
   bool mayHaveEncryptedHello() const { return hasEncryptedHello_ || !isRead_; }
 
  private:

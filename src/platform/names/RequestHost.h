@@ -8,8 +8,9 @@
 
 namespace orvane {
 
-// Whether the bytes can begin a request line: a method of at most 31 letters, digits and hyphens, then a space. Check
-// this before parsing: the parser waits for the end of the head before it rejects TLS or another protocol.
+// Whether the bytes can begin a request line: a method of at most 31 letters, digits and hyphens, then a space. The
+// proxy checks this before it parses a head, because its parser rejects TLS and other protocols only at the end of the
+// head.
 bool may_be_request(std::string_view bytes);
 
 // Reads the host name, without a port, from the Host field (RFC 9112, section 3.2) of a request to an origin server, as

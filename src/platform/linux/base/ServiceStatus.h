@@ -11,7 +11,7 @@ namespace orvane {
 
 std::string filtering_status(uint64_t hiddenNames);
 
-// The status line of an extension that recognises no browser, for this reason, and so blocks nothing.
+// The status line of an extension that blocks nothing, because it recognises no browser. `reason` says why.
 std::string no_browser_status(const std::string& reason);
 
 // Whether the line is from filtering_status() or no_browser_status().

@@ -322,9 +322,10 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // Passes a call with one argument to the exported object, then passes the argument to `report`. `stored` is the
-  // argument of ValueReservation. The callers pass 0 for a message that removes a value, replaces all values or stores
-  // nothing, so that the message works even if the stored values use up the budget.
+  // Passes a call with one argument to the exported object, then passes the argument to `report`. `stored` is how many
+  // bytes of values the extension stores already; ValueReservation counts them against the budget. The callers pass 0
+  // for a message that removes a value, replaces all values or stores nothing, so that the message works even if the
+  // stored values use up the budget.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
                             void (*report)(const Value&), uint64_t stored = 0) {

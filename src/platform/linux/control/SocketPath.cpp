@@ -84,7 +84,7 @@ std::vector<std::string> client_socket_paths(const std::string& service, std::st
   if (!is_file_name(service, error)) return paths;
   std::string reason;  // ignored: if the user has no directory, the paths in the system's directories remain
   std::optional<std::string> own = user_directory(Missing::Refuse, &reason);
-  // A user's service manager, too, makes the folder orvane-se for the packaged unit.
+  // A user's service manager that runs the packaged unit makes the folder orvane-se in the user's runtime directory.
   for (const std::string& directory : {own.value_or("/run"), own.value_or("/run") + "/orvane-se",
                                        std::string(kServiceSocketFolder), std::string("/run")}) {
     auto path = socket_path(directory, service, error);

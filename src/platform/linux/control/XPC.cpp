@@ -272,8 +272,8 @@ class Listener final : public NSXPCListener {
     while (!clients_->isClosing()) {
       Descriptor socket(accept4(socket_->descriptor(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
-        // accept4() has accepted the connection even if there is no room for it: an idle session is ended only if
-        // another client waits, and only accept4() shows that a client waits.
+        // If there is no room for this client, an idle session is ended. A session is ended only when a client waits,
+        // and only accept4() shows that a client waits. So the connection is accepted first.
         if (!clients_->awaitRoom()) return;
         admit(Ref<Connection>::adopt(new Connection(std::move(socket), clients_)));
       } else if (!clients_->isClosing() && errno != EINTR && errno != ECONNABORTED) {

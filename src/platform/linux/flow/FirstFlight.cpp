@@ -28,8 +28,8 @@ FirstFlight::Added FirstFlight::add(uint32_t sequence, std::span<const uint8_t> 
   return Added::Yes;
 }
 
-// Adds a segment that has a gap before it, or before which pieces are stored. `offset` is the segment's begin in the
-// flight. Stores only bytes that are not stored yet, and merges all pieces that overlap or touch the segment.
+// Adds a segment when there is a gap before it, or when pieces are stored already. `offset` is the segment's begin in
+// the flight. Stores only bytes that are not stored yet, and merges all pieces that overlap or touch the segment.
 FirstFlight::Added FirstFlight::addPiece(uint64_t offset, std::span<const uint8_t> payload) {
   Piece merged{offset, offset + payload.size()};
   if (merged.end - length_ > kBytesLimit) return Added::Full;

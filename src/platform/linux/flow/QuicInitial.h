@@ -38,9 +38,10 @@ class QuicInitialReader {
   // Empty if no Initial packet was read.
   const std::vector<uint8_t>& connectionID() const { return connectionID_; }
 
-  // Whether the datagram begins with a first Initial packet of a connection other than the one whose connectionID() is
-  // `known`. Such a packet contains another connection ID, and its keys come from that ID. Later Initial packets of the
-  // known connection may contain another ID, too, which the server has chosen; but their keys do not come from that ID.
+  // Whether the datagram begins with the first Initial packet of another connection. `known` is the connectionID() of
+  // the present connection. A packet that begins another connection has a connection ID other than `known`, and its
+  // keys come from its ID. A later Initial packet of the present connection may have another ID, too, which the server
+  // chose; but its keys come from `known`.
   static bool beginsOtherConnection(std::span<const uint8_t> datagram, std::span<const uint8_t> known);
 
   // Whether the last datagram consisted only of Initial packets that were read. Such a datagram contains no part of a
@@ -49,8 +50,8 @@ class QuicInitialReader {
   // if a piece of the hello was not stored, because it is beyond a limit.
   bool isReadable() const { return isReadable_; }
 
-  // Whether the hello may never be read: the client began in a version of QUIC that the reader does not know, or a
-  // piece of the hello was beyond a limit.
+  // Whether it is possible that the hello will never be readable: the client began in a version of QUIC that the reader
+  // does not know, or a piece of the hello was beyond a limit.
   bool isHelloUnreadable() const { return isHelloUnreadable_; }
 
   // The number of bytes of the hello that have arrived so far, up to the first gap.

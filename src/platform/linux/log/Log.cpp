@@ -34,7 +34,7 @@ class LogHandle {
 
  private:
   std::string subsystem_, category_;
-  unsigned kept_;  // one bit for each level, which is 1 if the log keeps the level
+  unsigned kept_;  // one bit for each level: 1 if the log keeps the level
 };
 
 void retain(const LogHandle*) {}

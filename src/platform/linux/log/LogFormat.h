@@ -16,7 +16,7 @@
 //   %@    an object (Value, string or error)    %d    int            %ld   long    %lu   unsigned long
 //   %s    characters                            %p    an address     %.8x  unsigned
 //
-// %{public}@ is the same as %@ here. On macOS, the log shows this argument to everybody.
+// On Linux, %{public}@ is the same as %@. On macOS, the log hides the text of %@, and shows the text of %{public}@.
 namespace orvane::log_detail {
 
 enum class Kind : uint8_t { Object, Int, Long, UnsignedLong, Characters, Address, UnsignedInt };

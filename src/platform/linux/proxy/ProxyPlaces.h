@@ -46,8 +46,8 @@ class ProxyPlace {
 // The places for a proxy's connections; the number of places is limited. If all places are taken, a new connection
 // still gets a place, so that no user can keep the other users out. To free a place, take() chooses the user with the
 // most connections (the new connection is counted), and ends the connection of this user that has passed no bytes for
-// the longest time. So a user never loses a place to another user who already has at least as many connections as the
-// first user.
+// the longest time. So a user loses a place only to a user with fewer connections, or to a new connection of the same
+// user.
 //
 // When a connection is ended, its place is free at once, but its thread may go on for some time, for example while it
 // looks up a name. While a user has kEndedLimit such threads, further connections of this user are refused.

@@ -16,8 +16,9 @@ namespace orvane {
 // complete yet. Thread-safe.
 class FlowNames {
  public:
-  // Limit on the readers that are kept. The system does not report every flow that ends early, so the oldest reader
-  // makes room for a new one, and its flow then has no name. A reader takes about 2 KiB at most.
+  // Limit on the readers that are kept. The system does not report every flow that ends early, so readers of ended
+  // flows accumulate. At the limit, a new reader replaces the oldest one. If the oldest reader's flow is still open, no
+  // name is found for this flow. A reader takes about 2 KiB at most.
   static constexpr size_t kFlowsLimit = 1024;
 
   struct Result {
@@ -25,9 +26,9 @@ class FlowNames {
     std::string name{};  // in the form of the list's names (HostName.h); empty unless the state is Known
   };
 
-  // Reads outbound bytes of the flow with this identifier. `offset` is their offset in the flow. Skips bytes that an
-  // earlier call has read. If bytes before `offset` are missing, the state is Unknown. After a call whose state is not
-  // Open, the flow is forgotten.
+  // Reads outbound bytes of a flow. `flow` is the flow's identifier, and `offset` is the position of the first of these
+  // bytes in the flow. Skips bytes that an earlier call has read. If bytes before `offset` are missing, the state is
+  // Unknown. After a call whose state is not Open, the flow is forgotten.
   Result read(const std::string& flow, uint64_t offset, std::span<const uint8_t> bytes);
 
   void forget(const std::string& flow);

@@ -56,8 +56,8 @@ bool matches_any_host(const NEFilterRule& rule) {
                                                action:static_cast<::NEFilterAction>(rule.action)] autorelease];
 }
 
-// Adds objects for the rules to `objects`, and leaves out those that the framework refuses. Returns whether it added
-// all.
+// Adds the framework's objects for the rules to `objects`. If the framework refuses a rule, leaves the rule out and
+// returns false.
 bool add_rules(::NSMutableArray* objects, const std::vector<NEFilterRule>& rules, AnyHost anyHost) {
   bool isComplete = true;
   for (const NEFilterRule& rule : rules) {

@@ -10,7 +10,7 @@
 //
 // The framework has a host name only for flows of WebKit, URLSession and the Network framework. If a flow has no name,
 // the adapter reads the name from the flow's first outbound bytes. It asks the framework for more bytes until the name
-// is complete or the bytes cannot contain a name. Only then it passes the bytes on to the provider.
+// is complete or the bytes cannot contain a name. Only then does it pass the bytes on to the provider.
 @interface PLProviderAdapter : NEFilterDataProvider {
  @protected
   orvane::Ref<orvane::NEFilterDataProvider> _provider;

@@ -21,9 +21,10 @@ auto pooled(Body body) {
   return [result autorelease];
 }
 
-// Until the name is complete, the system holds back this many bytes of a flow. That is enough for every TLS hello. The
-// head of a request may be longer. Its further bytes pass while they are read, because the system must store the bytes
-// that it holds back, and its documentation does not say how many it can store.
+// Limit on the bytes of a flow that the system holds back until the name is complete. The limit is enough for every TLS
+// hello that the reader accepts. The head of a request may be longer: then its later bytes pass while they are read.
+// Without the limit, the system would have to store the whole head, and its documentation does not say how many bytes
+// it can store.
 constexpr size_t kHeldLimit = orvane::ClientHelloReader::kLimit;
 
 std::string identifier_of(NEFilterFlow* flow) { return orvane::text_of([[flow identifier] UUIDString]); }

@@ -109,11 +109,12 @@ inline struct NetworkExtensionState {
   std::function<void(NSError*)> completeApply;  // the completion handler of applySettings
 } networkExtension;
 
-// Plays the framework for one flow whose outbound bytes arrive in these pieces. Asks the provider for the verdict on
-// the new flow. Then, after each piece, shows the provider the bytes that it has not passed yet, but at most as many as
-// the last verdict's peek count (documentation of dataVerdictWithPassBytes:peekBytes:). Stops at a final verdict. If
-// there is none, asks about the end of the data. The documentation does not say whether the framework shows bytes again
-// that it has shown and the provider has not passed, so `showsAgain` selects one of the two. Returns the final verdict,
-// and how many bytes had passed before it: "drop after 0".
+// Plays the framework for one flow whose outbound bytes arrive in these pieces. First asks the provider for its verdict
+// on the new flow. After each piece, shows the provider the bytes that the provider has not passed yet, at most as many
+// as the last verdict's peek count (documentation of dataVerdictWithPassBytes:peekBytes:). Stops at a final verdict. If
+// there is none, asks about the end of the data. Returns the final verdict, and how many bytes had passed before it:
+// "drop after 0".
+// `showsAgain`: whether bytes that the provider has seen but not passed are shown again. The documentation does not say
+// what the framework does.
 std::string play_flow(NEFilterDataProvider* provider, NEFilterFlow* flow, const std::vector<std::string>& pieces,
                       bool showsAgain);
