@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 #include "companion/text/Idna.h"
 
@@ -163,17 +164,35 @@ bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   return true;
 }
 
+// The host and port of a URL, or of a host with a path. Nothing for any other text.
+std::optional<std::string_view> authority_in(std::string_view given) {
+  const size_t scheme = given.find("://");
+  std::string_view authority = given;
+  if (scheme < given.find_first_of("/?#\\")) authority.remove_prefix(scheme + 3);
+  const size_t end = authority.find_first_of("/?#\\");
+  if (authority.size() == given.size() && end == std::string_view::npos) return std::nullopt;
+  authority = authority.substr(0, end);
+  authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0: no user name
+  return authority;
+}
+
+// The length of the port with its colon; 0 if there is none.
+size_t port_length(std::string_view authority) {
+  const size_t colon = authority.rfind(':');
+  return colon == std::string_view::npos || authority.starts_with('[') ? 0 : authority.size() - colon;
+}
+
 }  // namespace
 
 std::string_view host_in(std::string_view given) {
-  const size_t scheme = given.find("://");
-  std::string_view host = given;
-  if (scheme < given.find_first_of("/?#\\")) host.remove_prefix(scheme + 3);
-  const size_t end = host.find_first_of("/?#\\");
-  if (host.size() == given.size() && end == std::string_view::npos) return given;
-  host = host.substr(0, end);
-  host.remove_prefix(host.rfind('@') + 1);  // npos + 1 is 0: no user name
-  return host.starts_with('[') ? host : host.substr(0, host.rfind(':'));
+  const auto authority = authority_in(given);
+  return authority ? authority->substr(0, authority->size() - port_length(*authority)) : given;
+}
+
+std::string_view port_in(std::string_view given) {
+  const std::string_view authority = authority_in(given).value_or("");
+  const size_t length = port_length(authority);
+  return length == 0 ? std::string_view() : authority.substr(authority.size() - length + 1);
 }
 
 std::string unicode_hostname(std::string_view name) {
@@ -197,6 +216,7 @@ std::string shown_hostname(const std::string& name) {
 
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault) {
   name.clear();
+  name.reserve(given.size());
   bool isAscii = true;
   for (char c : given) {
     char form = form_of(c);

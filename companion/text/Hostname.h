@@ -20,6 +20,10 @@ bool normalize_hostname(std::string_view given, std::string& name, std::string& 
 // "example.com/a". For any other text, the text itself. A view into `given`.
 std::string_view host_in(std::string_view given);
 
+// The port in such a text, which host_in() leaves out: "8443" in "https://example.com:8443/a". Empty if it has none. A
+// view into `given`.
+std::string_view port_in(std::string_view given);
+
 // Converts the international labels of a name to Unicode. The name must have the form of normalize_hostname(). Empty if
 // unicode_label() (Idna.h) converts none of its labels.
 std::string unicode_hostname(std::string_view name);

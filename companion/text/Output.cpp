@@ -6,9 +6,11 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <string_view>
 #include <utility>
 #include <vector>
+
+#include "companion/text/Hostname.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {
@@ -53,6 +55,12 @@ void print_error(const std::string& text) {
   if (!printed) return;
   if (printed->errors.size() < kMostErrors) printed->errors.emplace_back();
   printed->errors.back() = text;
+}
+
+void note_ignored_port(std::string_view given) {
+  if (const std::string_view port = port_in(given); !port.empty())
+    print_error("the port " + in_quotes(port) + " is ignored: " + in_quotes(given) +
+                ": a host is blocked on the ports 80 and 443, and on no others");
 }
 
 void collect_errors() { printed.emplace(); }

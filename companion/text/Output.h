@@ -3,11 +3,15 @@
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 
 namespace orvane {
 
 // Prints "orvanectl: TEXT" on standard error. The text says what failed, on what, and what to do.
 void print_error(const std::string& text);
+
+// If the given text is a URL with a port, prints that the port is ignored, because the filter judges hosts.
+void note_ignored_port(std::string_view given);
 
 // For a command whose output is JSON: call collect_errors() before the command and, if the command has failed,
 // print_errors_as_json() after it. This prints {"error": TEXT} with the last text that print_error() has printed since;

@@ -208,6 +208,7 @@ std::optional<Day> next_day(std::string_view word, local_days today) {
 std::optional<Day> read_day_word(Reader& reader, local_days today) {
   std::string_view word = reader.word();
   if (word == "today") return Day{today};
+  if (word == "yesterday") return Day{today - days(1)};
   if (word == "tomorrow") return Day{today + days(1), {}, {}, today + days(1)};
   if (word == "next" || word == "this") {
     reader.skipSpace();
@@ -347,6 +348,20 @@ std::vector<Moment> read_readings(std::string_view text, Moment now) {
                    ": write it as in 18:00, 6pm, tomorrow 9:00, friday 17:00, 2026-12-24 18:00 or 2h");
 }
 
+// The last moment up to `now` that a day and a time of day may mean; if there is none, a later one.
+Moment last_moment_of(const DayAndClock& items, Moment now) {
+  const local_days today = floor<days>(local_time(now));
+  const seconds clock = items.clock.value_or(seconds(0));
+  const local_days day = items.day ? items.day->day : today;
+  const Moment moment = moment_of(day + clock);
+  if (moment <= now || (items.day && !items.day->nextSuch)) return moment;
+  if (!items.day) return moment_of(day - days(1) + clock);
+  // The text names a weekday, or a day of the year.
+  if (*items.day->nextSuch - day == days(7)) return moment_of(day - days(7) + clock);
+  const year_month_day lastYear = year_month_day(day) - years(1);
+  return lastYear.ok() ? moment_of(local_days(lastYear) + clock) : moment;
+}
+
 std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {
   std::string text = std::to_string(large) + " " + largeUnit;
   return small == 0 ? text : text + " " + std::to_string(small) + " " + smallUnit;
@@ -405,6 +420,29 @@ std::vector<Moment> read_until(std::string_view text, Moment now) {
   return moments;
 }
 
+Moment read_past(std::string_view text, Moment now) {
+  constexpr std::string_view kAgo = " ago";
+  const std::string lowered = lower_case(trimmed(text));
+  const bool isDuration = lowered.ends_with(kAgo);
+  std::optional<Moment> moment;
+  try {
+    moment = read_moment(text);
+  } catch (const InputError&) {  // not RFC 3339
+    try {
+      moment = now - read_duration(lowered.substr(0, lowered.size() - (isDuration ? kAgo.size() : 0)));
+    } catch (const InputError&) {
+      if (isDuration) throw;
+      const auto items = read_day_and_clock(lowered, floor<days>(local_time(now)));
+      if (items) moment = last_moment_of(*items, now);
+    }
+  }
+  if (!moment)
+    throw InputError("not a time: " + in_quotes(text) +
+                     ": write it as in today, yesterday, monday 9:00, 18:00, 2026-11-20, 2h or 3 days ago");
+  if (*moment > now) throw InputError("the time is to come: " + in_quotes(text) + ": give one that has passed");
+  return *moment;
+}
+
 std::string local_text(Moment moment, Moment now) {
   const std::tm fields = local_fields(moment);
   const days ahead = floor<days>(local_time(moment)) - floor<days>(local_time(now));
@@ -419,6 +457,7 @@ std::string local_text(Moment moment, Moment now) {
 
 std::string duration_text(seconds duration) {
   constexpr int64_t kMinute = 60, kHour = 3600, kDay = 86400, kHours = 24;
+  duration = std::max(duration, seconds(0));
   if (duration.count() < kMinute) return std::to_string(duration.count()) + " s";
   if (const int64_t left = rounded_up(duration, kMinute); left < kMinute) return std::to_string(left) + " min";
   if (const int64_t left = rounded_up(duration, kMinute); left < kDay / kMinute)

@@ -43,11 +43,21 @@ std::chrono::seconds read_duration(std::string_view text);
 // `now` or a reading is more than ten years after it.
 std::vector<Moment> read_until(std::string_view text, Moment now);
 
+// Reads a moment that has passed, as people type it:
+//
+//   today, yesterday, monday, 24 Dec     the start of that day: of the last such day, today included
+//   18:00, yesterday 6pm                 a day and a time, as for read_until(); or the last time the clock showed this
+//   2h, 30 min ago, 2 weeks ago          a duration before `now`
+//
+// and RFC 3339. Throws InputError for any other text, and for a moment after `now`.
+Moment read_past(std::string_view text, Moment now);
+
 // For people, in the local time zone: "18:00", "tomorrow 09:00" or "Thu 2026-12-24 18:00"; with seconds unless they are
 // 0. read_until() can read the text back.
 std::string local_text(Moment moment, Moment now);
 
-// For people: "29 min", "1 h 30 min", "2 days 3 h", "45 s".
+// For people: "29 min", "1 h 30 min", "2 days 3 h", "45 s". "0 s" for a negative duration, because the moment that it
+// leads to has just passed.
 std::string duration_text(std::chrono::seconds duration);
 
 // For people, the end of a suspension: "until 18:00 (30 min left)".

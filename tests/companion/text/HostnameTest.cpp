@@ -14,15 +14,18 @@ const std::string kLongLabel(63, 'a');
 const std::string kLongName = kLongLabel + "." + kLongLabel + "." + kLongLabel + "." + std::string(61, 'b');
 
 TEST(Hostname, TakesTheHostOfPastedText) {
-  const std::pair<const char*, const char*> kCases[] = {
-      {"https://me:pw@a.example:8443/b?c=d@e#f", "a.example"},
-      {"a.example/b?c=https://d.example", "a.example"},
-      {"HTTP://[::1]:80/", "[::1]:80"},  // refused as an IP address later
-      {"a.example:443", "a.example:443"},
-      {"https://", ""},
-      {"*.a.example", "*.a.example"},
+  const std::tuple<const char*, const char*, const char*> kCases[] = {
+      {"https://me:pw@a.example:8443/b?c=d@e#f", "a.example", "8443"},
+      {"a.example/b?c=https://d.example:1", "a.example", ""},
+      {"HTTP://[::1]:80/", "[::1]:80", ""},  // refused as an IP address later
+      {"a.example:443", "a.example:443", ""},
+      {"https://", "", ""},
+      {"*.a.example", "*.a.example", ""},
   };
-  for (const auto& [text, host] : kCases) EXPECT_EQ(host_in(text), host) << text;
+  for (const auto& [text, host, port] : kCases) {
+    EXPECT_EQ(host_in(text), host) << text;
+    EXPECT_EQ(port_in(text), port) << text;
+  }
 }
 
 TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {

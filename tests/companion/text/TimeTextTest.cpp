@@ -76,6 +76,25 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
   EXPECT_EQ(time_text(read_until("tomorrow 2:30", read_moment(kAutumn)).front()), "2026-10-25T00:30:00Z");
 }
 
+TEST(TimeText, ReadsTimesThatHavePassed) {
+  const TimeZone zone("Europe/Berlin");
+  const Moment now = read_moment("2026-11-18T20:31:00Z");
+  const std::pair<const char*, const char*> kCases[] = {{"today", "2026-11-17T23:00:00Z"},
+                                                        {"Yesterday 6pm", "2026-11-17T17:00:00Z"},
+                                                        {"18:00", "2026-11-18T17:00:00Z"},
+                                                        {"22:00", "2026-11-17T21:00:00Z"},
+                                                        {"wed", "2026-11-17T23:00:00Z"},
+                                                        {"friday 9:00", "2026-11-13T08:00:00Z"},
+                                                        {"24 dec", "2025-12-23T23:00:00Z"},
+                                                        {"2026-07-01", "2026-06-30T22:00:00Z"},
+                                                        {"90 min ago", "2026-11-18T19:01:00Z"},
+                                                        {"2d", "2026-11-16T20:31:00Z"},
+                                                        {"2026-11-18 21:31", "2026-11-18T20:31:00Z"}};
+  for (const auto& [text, moment] : kCases) EXPECT_EQ(time_text(read_past(text, now)), moment) << text;
+  for (const char* text : {"", "tomorrow", "2026-11-18 21:32", "next friday", "ago", "never"})
+    EXPECT_THROW(read_past(text, now), InputError) << text;
+}
+
 TEST(TimeText, ReadsDurationsAsPeopleTypeThem) {
   const std::pair<const char*, int64_t> kDurations[] = {
       {"90s", 90}, {"30m", 1800}, {"1h30m", 5400}, {" 1 h 30 min ", 5400}, {"2D", 172800}, {"1w", 604800}};
