@@ -1,0 +1,403 @@
+#include "companion/subscriptions/Fetcher.h"
+
+#include <curl/curl.h>
+#include <malloc.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "companion/list/ListFile.h"
+#include "companion/subscriptions/FetchPlan.h"
+#include "companion/subscriptions/FetcherState.h"
+#include "companion/subscriptions/Signature.h"
+#include "companion/subscriptions/Subscription.h"
+#include "companion/subscriptions/SubscriptionList.h"
+#include "companion/text/ExitCodes.h"
+#include "companion/text/Input.h"
+#include "companion/text/ServiceLog.h"
+#include "companion/watch/PathWatch.h"
+#include "companion/watch/Timer.h"
+#include "platform/files/Descriptor.h"
+
+namespace orvane {
+namespace {
+
+using namespace std::chrono_literals;
+using Steady = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+// Each fetch takes memory: up to the largest body.
+constexpr size_t kMostFetches = 4;
+
+// The files are read when they have not changed for kDebounce. If the subscriptions' file has become empty, it is read
+// after kEmptyDelay, because some editors empty or remove a file before they write it.
+constexpr std::chrono::milliseconds kDebounce = 50ms;
+constexpr std::chrono::milliseconds kEmptyDelay = 1s;
+
+// While a fetch goes on, the state with its progress is written at most this often.
+constexpr std::chrono::milliseconds kProgressInterval = 500ms;
+
+constexpr size_t kLargestSignature = 4096;
+
+void log(LogLevel level, const std::string& text) { service_log("orvane-fetcher", level, text); }
+
+std::string source_of(const Subscription& subscription) {
+  return sha256_of(subscription.url + " " + subscription.group + " " + subscription.key).substr(0, 16);
+}
+
+struct FreeHandles {
+  void operator()(CURLM* handles) const { curl_multi_cleanup(handles); }
+};
+
+// The fetch of one subscription: of its list, and then of the list's signature.
+struct Fetch {
+  Subscription subscription;  // as it was when the fetch began
+  uint64_t request = 0;
+  std::unique_ptr<Transfer> transfer;
+  std::optional<Transfer::Result> list;  // has a value while the signature is fetched
+};
+
+class Fetcher {
+ public:
+  explicit Fetcher(const FetcherOptions& options, Descriptor lock)
+      : options_(options),
+        lock_(std::move(lock)),
+        subscriptionsPath_(options.listFolder + "/" + kSubscriptionsName),
+        requestsPath_(options.listFolder + "/" + kRequestsName),
+        watch_({subscriptionsPath_, requestsPath_}),
+        timer_(CLOCK_REALTIME),
+        handles_(curl_multi_init()) {
+    if (!handles_) throw std::bad_alloc();
+    try {
+      state_ = read_fetcher_state(options_.folder);
+    } catch (const FileError& error) {
+      // Without the state, each subscription is fetched again, and the copies stay in force meanwhile.
+      log(LogLevel::Error, error.what());
+    }
+    state_.process = getpid();
+    state_.started = now_in_seconds();
+    state_.error.reset();
+    for (SubscriptionState& each : state_.subscriptions) each.progress.reset();
+  }
+
+  void run(int signals) {
+    readFiles();
+    isStart_ = false;
+    for (;;) {
+      startDueFetches();
+      writeStateIfChanged();
+      std::vector<curl_waitfd> waited;
+      for (int descriptor : {signals, watch_.descriptor(), timer_.descriptor()})
+        waited.push_back({descriptor, CURL_WAIT_POLLIN, 0});
+      curl_multi_poll(handles_.get(), waited.data(), static_cast<unsigned>(waited.size()), timeout(), nullptr);
+      if (waited[0].revents != 0) return;
+      if (watch_.readEvents()) readAt_ = Steady::now() + kDebounce;
+      timer_.wasSet();
+      if (readAt_ && Steady::now() >= *readAt_) readFiles();
+      advanceFetches();
+    }
+  }
+
+ private:
+  // How long to wait for an event, in milliseconds.
+  int timeout() const {
+    std::chrono::milliseconds time(INT_MAX);
+    if (!fetches_.empty()) time = kProgressInterval;
+    if (readAt_) time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(*readAt_ - Steady::now()));
+    return static_cast<int>(std::max(time, 0ms).count());
+  }
+
+  SubscriptionState& stateOf(const std::string& name) {
+    if (SubscriptionState* known = state_.find(name)) return *known;
+    state_.subscriptions.emplace_back().name = name;
+    return state_.subscriptions.back();
+  }
+
+  double random() { return std::uniform_real_distribution<>(0, 1)(random_); }
+
+  bool hasList(const std::string& name) const {
+    std::error_code ignored;
+    return fs::exists(subscription_list_path(options_.folder, name), ignored);
+  }
+
+  static void forgetCopy(SubscriptionState& state) {
+    SubscriptionState forgotten;
+    forgotten.name = state.name;
+    forgotten.request = state.request;
+    state = std::move(forgotten);
+  }
+
+  void readFiles() {
+    readAt_.reset();
+    try {
+      const std::string text = read_list_text(subscriptionsPath_);
+      SubscriptionFile file = read_subscriptions(text);
+      requests_ = read_requests(read_list_text(requestsPath_));
+      const bool isEmptied = file.subscriptions.empty() && !state_.subscriptions.empty();
+      if (!isEmptied) emptySince_.reset();
+      if (isEmptied && !emptySince_) emptySince_ = Steady::now();
+      if (isEmptied && Steady::now() < *emptySince_ + kEmptyDelay) {
+        readAt_ = *emptySince_ + kEmptyDelay;
+        return;
+      }
+      useFile(std::move(file));
+      state_.error.reset();
+    } catch (const FileError& error) {
+      if (state_.error != error.what()) log(LogLevel::Error, error.what());
+      state_.error = error.what();
+    }
+    isChanged_ = true;
+  }
+
+  void useFile(SubscriptionFile file) {
+    state_.badLines.clear();
+    std::set<std::string, std::less<>> names;
+    for (const Subscription& each : file.subscriptions) names.insert(each.name);
+    for (const auto& [line, name, fault] : file.badLines) {
+      state_.badLines.push_back("line " + std::to_string(line) + ": " + fault);
+      log(LogLevel::Warning, "bad line in the subscriptions: " + state_.badLines.back());
+      names.insert(name);  // a line that has become bad does not end its subscription
+    }
+    std::erase_if(state_.subscriptions, [&](const SubscriptionState& each) { return !names.contains(each.name); });
+    removeOtherLists(names);
+    std::erase_if(fetches_, [&](const auto& fetch) {
+      const auto now = std::find(file.subscriptions.begin(), file.subscriptions.end(), fetch.second.subscription);
+      return now == file.subscriptions.end();
+    });
+    file_ = std::move(file);
+    for (const Subscription& each : file_.subscriptions) {
+      SubscriptionState& state = stateOf(each.name);
+      if (!fetches_.contains(each.name)) state.progress.reset();
+      if (state.names > 0 && !hasList(each.name)) forgetCopy(state);
+      // A new URL, group or key has an effect at once.
+      const auto known = known_.try_emplace(each.name, state.source).first;
+      const std::string source = source_of(each);
+      if (std::exchange(known->second, source) != source) state.next.reset();
+      if (isStart_ || !state.next) state.next = after_start(state.next, now_in_seconds(), each.every, random());
+      // A shorter interval counts from now on.
+      state.next = std::min(*state.next, std::max(now_in_seconds() + each.every + each.every / 10, Moment()));
+    }
+  }
+
+  void removeOtherLists(const std::set<std::string, std::less<>>& names) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(options_.folder + "/lists", ignored)) {
+      if (!names.contains(entry.path().stem().string())) fs::remove(entry.path(), ignored);
+    }
+  }
+
+  bool isDue(const Subscription& subscription, const SubscriptionState& state, Moment now) const {
+    const auto request = requests_.find(subscription.name);
+    return (request != requests_.end() && request->second.number > state.request) ||
+           is_due(state.next.value_or(now), now, subscription.every);
+  }
+
+  void startDueFetches() {
+    const Moment now = now_in_seconds();
+    std::optional<Moment> next;
+    for (const Subscription& each : file_.subscriptions) {
+      if (fetches_.contains(each.name)) continue;
+      SubscriptionState& state = stateOf(each.name);
+      if (isDue(each, state, now)) {
+        if (fetches_.size() < kMostFetches) start(each, state);
+      } else {
+        next = std::min(next.value_or(*state.next), *state.next);
+      }
+    }
+    next ? timer_.set(next->time_since_epoch()) : timer_.stop();
+  }
+
+  void start(const Subscription& subscription, SubscriptionState& state) {
+    Fetch& fetch = fetches_[subscription.name];
+    fetch.subscription = subscription;
+    if (const auto request = requests_.find(subscription.name); request != requests_.end())
+      fetch.request = request->second.number;
+    Transfer::Request request{subscription.url, subscription.isInsecure, "", ""};
+    if (state.source == source_of(subscription) && state.names > 0) {
+      request.etag = state.etag;
+      request.lastModified = state.lastModified;
+    }
+    fetch.transfer = std::make_unique<Transfer>(handles_.get(), request, options_.transfer);
+    state.progress.emplace();
+    isChanged_ = true;
+  }
+
+  void advanceFetches() {
+    int ignored = 0;
+    curl_multi_perform(handles_.get(), &ignored);
+    while (const CURLMsg* message = curl_multi_info_read(handles_.get(), &ignored)) {
+      if (message->msg != CURLMSG_DONE) continue;
+      const auto fetch = std::find_if(fetches_.begin(), fetches_.end(), [&](const auto& each) {
+        return each.second.transfer->handle() == message->easy_handle;
+      });
+      if (fetch == fetches_.end()) continue;
+      onEnd(fetch->second, fetch->second.transfer->result(message->data.result));
+      if (!fetch->second.transfer) fetches_.erase(fetch);
+      malloc_trim(0);
+    }
+    for (const auto& [name, fetch] : fetches_) {
+      SubscriptionState& state = stateOf(name);
+      if (fetch.list || !state.progress || state.progress->received == fetch.transfer->received()) continue;
+      state.progress = FetchProgress{fetch.transfer->received(), fetch.transfer->announced()};
+      hasProgress_ = true;
+    }
+  }
+
+  // At the end of a transfer. Starts the transfer of the signature, or resets fetch.transfer if the fetch is over.
+  void onEnd(Fetch& fetch, Transfer::Result result) {
+    const bool isSignature = fetch.list.has_value();
+    const Subscription& subscription = fetch.subscription;
+    if (!isSignature && result.outcome == Transfer::Outcome::Fetched && !subscription.key.empty()) {
+      TransferOptions options = options_.transfer;
+      options.largest = kLargestSignature;
+      fetch.transfer.reset();
+      fetch.list = std::move(result);
+      fetch.transfer = std::make_unique<Transfer>(
+          handles_.get(), Transfer::Request{signature_url(subscription.url), subscription.isInsecure, "", ""}, options);
+      return;
+    }
+    SubscriptionState& state = stateOf(subscription.name);
+    fetch.transfer.reset();
+    state.request = std::max(state.request, fetch.request);
+    state.progress.reset();
+    isChanged_ = true;
+    try {
+      if (isSignature && result.outcome == Transfer::Outcome::NotFound)
+        throw InputError(
+            "it is not signed, but the subscription has a key: its signature must be at its URL with "
+            ".minisig at the end");
+      if (isSignature && result.outcome != Transfer::Outcome::Fetched)
+        throw InputError("its signature cannot be fetched: " + result.error);
+      const bool isUnchanged = result.outcome == Transfer::Outcome::NotModified && state.names > 0;
+      if (!isUnchanged && !isSignature && result.outcome != Transfer::Outcome::Fetched)
+        throw InputError(result.error.empty() ? "the server answers 304 without being asked: check the URL"
+                                              : result.error);
+      if (isUnchanged) {
+        state.waiting.reset();
+        state.error.reset();
+      } else {
+        use(subscription, isSignature ? *fetch.list : result, result.body, state);
+      }
+      const Moment now = now_in_seconds();
+      if (!state.waiting) state.checked = now;
+      state.failures = 0;
+      state.next = after_success(now, subscription.every, random());
+    } catch (const std::runtime_error& error) {  // InputError or FileError
+      ++state.failures;
+      state.error = error.what();
+      state.next = after_failure(now_in_seconds(), subscription.every, state.failures, result.retryAfter, random());
+      log(LogLevel::Warning, subscription.name + ": " + *state.error);
+    }
+  }
+
+  // Puts a fetched copy into force. Throws InputError if it is not acceptable, and FileError.
+  void use(const Subscription& subscription, const Transfer::Result& fetched, std::string_view signature,
+           SubscriptionState& state) {
+    std::optional<Moment> signedAt;
+    const bool isSameSource = state.source == source_of(subscription) && state.names > 0;
+    if (!subscription.key.empty()) signedAt = verify_signature(fetched.body, signature, subscription.key).timestamp;
+    if (isSameSource && signedAt && state.signedAt && *signedAt < *state.signedAt)
+      throw InputError("it was signed before the copy that is in force: if the old list is wanted, sign it again");
+    const std::string hash = sha256_of(fetched.body);
+    const bool isChanged = !isSameSource || hash != state.sha256;
+    if (isChanged) {
+      // No time in the file: machines with the same list have the same bytes, so their digests can be compared.
+      const SubscriptionList list =
+          convert_list(fetched.body, subscription.group, "From " + std::string(authority_of(subscription.url)));
+      const auto request = requests_.find(subscription.name);
+      const bool isAccepted = request != requests_.end() && request->second.accepted == hash;
+      if (isSameSource && list.names * 2 < state.names && !isAccepted) {
+        state.waiting = WaitingCopy{hash, list.names};
+        state.error = "the list has shrunk from " + std::to_string(state.names) + " to " + std::to_string(list.names) +
+                      " names: the old copy stays in force: to use the new one: orvanectl refresh " +
+                      subscription.name + " --accept";
+        log(LogLevel::Warning, subscription.name + ": " + *state.error);
+        return;
+      }
+      write_fetcher_file(subscription_list_path(options_.folder, subscription.name), list.text);
+      log(LogLevel::Info,
+          subscription.name + ": " + std::to_string(list.names) + " names in place of " + std::to_string(state.names));
+      state.names = list.names;
+      state.exceptions = list.exceptions;
+      state.duplicates = list.duplicates;
+      state.skipped = list.skipped;
+      state.rejected = list.rejected;
+      state.firstRejected = list.firstRejected;
+      state.changed = now_in_seconds();
+    }
+    state.source = source_of(subscription);
+    state.sha256 = hash;
+    state.etag = fetched.etag;
+    state.lastModified = fetched.lastModified;
+    state.signedAt = signedAt;
+    state.waiting.reset();
+    state.error.reset();
+  }
+
+  void writeStateIfChanged() {
+    const bool showsProgress = hasProgress_ && Steady::now() - written_ >= kProgressInterval;
+    if (!isChanged_ && !showsProgress) return;
+    try {
+      write_fetcher_state(options_.folder, state_);
+    } catch (const FileError& error) {
+      log(LogLevel::Error, error.what());
+    }
+    isChanged_ = hasProgress_ = false;
+    written_ = Steady::now();
+  }
+
+  const FetcherOptions& options_;
+  const Descriptor lock_;
+  const std::string subscriptionsPath_, requestsPath_;
+  PathWatch watch_;
+  Timer timer_;
+  std::unique_ptr<CURLM, FreeHandles> handles_;
+  std::mt19937_64 random_{std::random_device{}()};
+
+  FetcherState state_;
+  SubscriptionFile file_;
+  RefreshRequests requests_;
+  std::map<std::string, Fetch> fetches_;          // by the subscriptions' names
+  std::map<std::string, std::string> known_;      // the source of each subscription when the file was last read
+  std::optional<Steady::time_point> readAt_;      // when to read the files
+  std::optional<Steady::time_point> emptySince_;  // since when the subscriptions' file has been empty
+  bool isStart_ = true;
+  bool isChanged_ = true, hasProgress_ = false;
+  Steady::time_point written_;
+};
+
+}  // namespace
+
+int run_fetcher(const FetcherOptions& options) {
+  // Before libcurl starts threads, which inherit the mask.
+  sigset_t ends;
+  sigemptyset(&ends);
+  for (int number : {SIGTERM, SIGINT}) sigaddset(&ends, number);
+  sigprocmask(SIG_BLOCK, &ends, nullptr);
+  const Descriptor signals(signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  std::error_code error;
+  const std::string lists = options.folder + "/lists";
+  fs::create_directory(lists, error);
+  // The keeper reads the lists as another user.
+  if (error || chmod(lists.c_str(), 0755) != 0)
+    throw FileError("cannot make the folder: " + in_quotes(lists) + ": check its parent folder and its rights");
+  Descriptor lock = lock_fetcher(options.folder);
+  if (!lock) throw FileError("another orvane-fetcher uses the folder: " + in_quotes(options.folder) + ": end it first");
+  Fetcher(options, std::move(lock)).run(signals.get());
+  return kDone;
+}
+
+}  // namespace orvane

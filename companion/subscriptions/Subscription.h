@@ -1,0 +1,79 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "companion/list/Group.h"
+
+namespace orvane {
+
+// A list on a web server that orvane-fetcher keeps fresh.
+struct Subscription {
+  std::string name;  // has the form that subscription_name_fault() checks, so it can be a part of a file's name
+  std::string url;   // has the form that url_fault() checks
+  std::string group{kDefaultGroupName};
+  std::chrono::seconds every = std::chrono::hours(24);  // the time between two fetches; at least kShortestInterval
+  std::string key;          // a public key of minisign(1), with which each copy must be signed; empty if none need be
+  bool isInsecure = false;  // http is allowed
+  bool operator==(const Subscription&) const = default;
+};
+
+inline constexpr std::chrono::seconds kShortestInterval = std::chrono::hours(1);
+inline constexpr size_t kMostSubscriptions = 100;
+
+// The file with the subscriptions, which is beside the machine's list. Its name follows the folder of the list.
+inline constexpr const char* kSubscriptionsName = "subscriptions";
+// The file with the requests to fetch a subscription now, beside the file with the subscriptions.
+inline constexpr const char* kRequestsName = "subscriptions.refresh";
+
+// What is wrong with a name or a URL, and what to do; empty if nothing is.
+std::string subscription_name_fault(std::string_view name);
+std::string url_fault(std::string_view url, bool isInsecure);
+std::string key_fault(std::string_view key);
+
+// Reads the time between two fetches. Throws InputError.
+std::chrono::seconds read_interval(std::string_view text);
+
+// A name for a subscription, made from the host of its URL. Differs from all names that are `taken`.
+std::string name_for_url(std::string_view url, const std::vector<Subscription>& taken);
+
+// The host and port of a URL, which contain nothing secret.
+std::string_view authority_of(std::string_view url);
+
+// The line of a subscription: NAME URL [group=GROUP] [every=DURATION] [key=KEY] [insecure]. A comment starts as in
+// orvane-list(5).
+std::string line_of(const Subscription& subscription);
+
+struct SubscriptionFile {
+  struct BadLine {
+    size_t line;        // counted from 1
+    std::string name;   // the first word
+    std::string fault;  // what is wrong and what to do
+  };
+  std::vector<Subscription> subscriptions;
+  std::vector<BadLine> badLines;
+
+  const Subscription* find(std::string_view nameOrUrl) const;
+};
+SubscriptionFile read_subscriptions(std::string_view text);
+
+// The text without the lines of this subscription. All other lines stay as they are.
+std::string without_subscription(std::string_view text, std::string_view name);
+
+// The latest request to fetch a subscription. Each request has a greater number than the one before, so that the
+// fetcher knows which requests it has carried out.
+struct RefreshRequest {
+  uint64_t number = 0;
+  std::string accepted;  // the SHA-256 of a copy that may be in force although it is much smaller; empty if none
+};
+using RefreshRequests = std::map<std::string, RefreshRequest, std::less<>>;  // by the subscriptions' names
+
+// The file of the requests has a line for each: NAME NUMBER [accept=SHA256]. Other lines are ignored.
+RefreshRequests read_requests(std::string_view text);
+std::string text_of(const RefreshRequests& requests);
+
+}  // namespace orvane

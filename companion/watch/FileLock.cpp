@@ -1,0 +1,40 @@
+#include "companion/watch/FileLock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace orvane {
+namespace {
+
+// A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks). F_OFD_GETLK tests for a lock
+// without taking it, even if the holder is in another PID namespace.
+struct flock whole_file(short type) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+}  // namespace
+
+Descriptor take_file_lock(const std::string& path, mode_t mode, std::error_code& error) {
+  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  struct flock lock = whole_file(F_WRLCK);
+  if (file && fchmod(file.get(), mode) == 0) {
+    if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) return file;
+    if (errno == EAGAIN || errno == EACCES) return Descriptor();
+  }
+  error = std::error_code(errno, std::generic_category());
+  return Descriptor();
+}
+
+bool is_file_locked(const std::string& path) {
+  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct flock lock = whole_file(F_WRLCK);
+  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+}  // namespace orvane

@@ -1,0 +1,30 @@
+#include "companion/watch/Timer.h"
+
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+namespace orvane {
+
+Timer::Timer(clockid_t clock) : timer_(timerfd_create(clock, TFD_CLOEXEC | TFD_NONBLOCK)) {}
+
+void Timer::set(std::chrono::seconds moment) {
+  itimerspec when{};
+  when.it_value.tv_sec = std::max<time_t>(moment.count(), 1);
+  timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
+}
+
+void Timer::stop() {
+  const itimerspec never{};
+  timerfd_settime(timer_.get(), 0, &never, nullptr);
+}
+
+bool Timer::wasSet() {
+  uint64_t expirations = 0;
+  return read(timer_.get(), &expirations, sizeof expirations) < 0 && errno == ECANCELED;
+}
+
+}  // namespace orvane
