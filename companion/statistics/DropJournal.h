@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "companion/text/TimeText.h"
+
+namespace orvane {
+
+// An entry of the extension in the journal: either a dropped connection, or a number of dropped connections that have
+// no entry of their own.
+struct DropEntry {
+  Moment when;
+  std::string host;      // printable ASCII (DropEntry.h of the platform)
+  std::string browser;   // printable ASCII; empty if it is unknown
+  uint64_t leftOut = 0;  // if this is not 0, the entry has no host and no browser
+};
+
+// The entries of the package's extension in a journal. Anybody can write entries with the same fields to the journal,
+// so an entry counts only if the journal itself says that it comes from the extension's unit.
+class DropJournal {
+ public:
+  // `folder` has the files of a journal; the empty text means the machine's own journal.
+  explicit DropJournal(std::string folder = "") : folder_(std::move(folder)) {}
+
+  // Calls `take` for each entry from `since` until before `until`. Throws FileError if the machine has no journal, or
+  // if the journal cannot be read, with advice for a user who may not read it.
+  void read(Moment since, Moment until, const std::function<void(DropEntry)>& take) const;
+
+  // When the last entry before `moment` was written. Throws as read().
+  std::optional<Moment> lastBefore(Moment moment) const;
+
+ private:
+  std::string folder_;
+};
+
+}  // namespace orvane
