@@ -5,7 +5,7 @@ BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 INSTALL = tools/install-packages $(if $(filter arm64,$(PRESET)),--for arm64 arm64) build \
   $(if $(filter asan tsan fuzz,$(PRESET)),sanitizers)
 CONFIGURE = cmake --preset $(PRESET)
-PROGRAMS = cmake --build $(BUILD) --target OrvaneSE orvanectl
+PROGRAMS = cmake --build $(BUILD) --target OrvaneSE orvanectl orvane-fetcher
 # These tests start other programs of the build, or need BPF, netfilter, a socket's cookie, openat2(2) or /proc/PID/exe.
 # qemu's user mode offers none of this.
 NOT_IN_QEMU = SocketOwnerTest|SocketAborter|SecurityTest.Identifies|ProcessTest.MakesTheApplication|XPC.StopsReading|$\
@@ -62,8 +62,8 @@ deb:
 	$(PROGRAMS)
 	packaging/make-deb $(BUILD)
 
-# make apt-repository KEY=FINGERPRINT URL=ADDRESS: the folder build/apt-repository/public, for a web server at ADDRESS.
-# The packages of the other release are built in a temporary system, which needs root.
+# make apt-repository KEY=FINGERPRINT URL=ADDRESS: makes the folder build/apt-repository/public, which a web server
+# serves at ADDRESS. Builds the packages of the other release in a temporary system, which needs root.
 apt-repository:
 	$(if $(and $(KEY),$(URL)),,$(error usage: make apt-repository KEY=FINGERPRINT URL=ADDRESS))
 	$(INSTALL) repository

@@ -19,13 +19,18 @@ install(FILES ${PROJECT_BINARY_DIR}/install/Browsers.plist DESTINATION ${bundle}
 install(FILES ${PROJECT_SOURCE_DIR}/resources/linux/Browsers.plist DESTINATION /etc/orvane-se)
 install(PROGRAMS ${packaging}/remove-rules DESTINATION ${library})
 install(TARGETS orvanectl)
+install(TARGETS orvane-fetcher DESTINATION ${library})
 
 # In Debian 12, systemd units of packages are in /lib, not in /usr/lib.
 install(FILES ${packaging}/systemd/orvane-se.service ${packaging}/systemd/orvane-keeper.service
+              ${packaging}/systemd/orvane-fetcher.service
         DESTINATION /lib/systemd/system)
 install(FILES ${packaging}/systemd/orvane-se.sysusers DESTINATION lib/sysusers.d RENAME orvane-se.conf)
 install(FILES ${packaging}/systemd/orvane-se.tmpfiles DESTINATION lib/tmpfiles.d RENAME orvane-se.conf)
-install(FILES ${packaging}/legacy-iptables.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvane-se/examples)
+install(FILES ${packaging}/legacy-iptables.conf ${PROJECT_SOURCE_DIR}/resources/monitoring/orvane-se.rules.yml
+              ${PROJECT_SOURCE_DIR}/resources/monitoring/orvane-se-dashboard.json
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvane-se/examples)
+install(FILES ${packaging}/lists.d/README DESTINATION /etc/orvane-se/lists.d)
 
 set(companion ${PROJECT_SOURCE_DIR}/companion)
 install(FILES ${companion}/man/orvanectl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -50,9 +50,8 @@ class _Stage:
         except subprocess.TimeoutExpired as expired:
             seen = programs.Seen([], f"no answer within {expired.timeout} s")
         judged = self.extension.identifiers_judged(since=log_size)
-        # If the URL has a port, the provider's rules do not cover the connection to that port. So the provider gets no
-        # flow if the flows come from the proxy. If the flows come from the kernel, the provider gets the DNS question
-        # for the host.
+        # The URL names a port only if the provider's rules do not cover this port. Then the provider gets no flow from
+        # the proxy. From the kernel it still gets one flow: the DNS question for the host.
         has_flow = destination.port is None or self.extension.proxy is None
         expected_judged = program.identifier if self._looks_up_browsers and has_flow else None
         fault = None

@@ -7,6 +7,8 @@
 
 #include "companion/list/BlockList.h"
 #include "companion/list/ListImport.h"
+#include "companion/list/ReadOnlyList.h"
+#include "companion/list/UnitedNames.h"
 #include "companion/text/Input.h"
 
 using namespace orvane;
@@ -39,15 +41,45 @@ void check(const BlockList& list) {
   }
 }
 
+// Of the machine's list and a read-only list of each rank with the same text.
+void check_united(std::string_view text, const HeldNames& held) {
+  const PackedNames own(std::vector<std::string_view>(held.names.begin(), held.names.end()));
+  std::vector<RankedNames> lists{{Rank::Own, &own}};
+  const ReadOnlyList dropIn = ReadOnlyList::parse(text, ListKind::DropIn);
+  const ReadOnlyList subscription = ReadOnlyList::parse(text, ListKind::Subscription);
+  require(dropIn.badLineCount >= dropIn.badLines.size() && subscription.rank() == Rank::Open);
+  for (const ReadOnlyList* list : {&dropIn, &subscription}) {
+    for (const auto& section : list->sections) {
+      size_t count = 0;
+      for (std::string_view name : section.names) {
+        require(section.names.contains(name) && !host_of(name).empty());
+        ++count;
+      }
+      require(count == section.names.size());
+      lists.push_back({list->rank(), &section.names});
+    }
+  }
+  const std::vector<std::string> names = unite(lists, held.suspended);
+  require(std::is_sorted(names.begin(), names.end()));
+  require(std::adjacent_find(names.begin(), names.end()) == names.end());
+  // The extension must hold whatever a drop-in blocks.
+  for (const RankedNames& list : lists) {
+    if (list.rank != Rank::Fixed) continue;
+    for (std::string_view name : *list.names)
+      require(std::binary_search(names.begin(), names.end(), std::string(name)));
+  }
+}
+
 }  // namespace
 
-// Reads the bytes as the list's file, and then as a list to import.
+// Reads the bytes as the list's file, as read-only lists, and then as a list to import.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
   BlockList list = BlockList::parse(text);
   check(list);
   const HeldNames held = held_names(list, Moment());
   require(held.suspended.empty() || held.nextChange.has_value());
+  check_united(text, held);
   try {
     auto ignore = [](size_t, std::string_view, const std::string&) {};
     const ImportedSites imported = read_import(text, {}, ignore, nullptr);

@@ -153,8 +153,9 @@ def half_open_flows(address: str, count: int, lines: int, single: int):
 def locked(connection: socket.socket):
     """Keeps the kernel's lock of the socket during a with block.
 
-    The kernel takes the lock, and then copies a socket filter from a page that is missing. The process fills the page
-    itself (userfaultfd(2)), and does so only at the end of the block. If the process ends, the kernel fills the page.
+    The kernel takes the lock, and then copies a socket filter from a page that is missing. Because of userfaultfd(2),
+    the kernel waits for a program to fill the page, and keeps the lock meanwhile. No program does. At the end of the
+    block, or of the process, the descriptor of userfaultfd(2) is closed, and the kernel itself fills the page.
     """
     SYS_USERFAULTFD = {"x86_64": 323, "aarch64": 282}
     UFFDIO_API, UFFDIO_REGISTER, UFFD_API, MODE_MISSING = 0xC018AA3F, 0xC020AA00, 0xAA, 1

@@ -32,7 +32,7 @@ class Unavailable(Exception):
 def _find_unshare() -> list[str]:
     """The unshare(1) command that works on this machine.
 
-    For root, the command makes a user namespace only if it fails without one. For other users it always makes one.
+    Root's command makes a user namespace only if unshare fails without one. For other users, it always makes one.
     """
     errors = []
     for more in [[], _USER] if os.geteuid() == 0 else [_USER]:

@@ -15,13 +15,15 @@ class Keeper:
 
     def __init__(self, extension: Extension, directory: pathlib.Path, environment: dict[str, str] | None = None):
         """`environment`: variables of the keeper's process, in addition to those of this process."""
-        self._extension, self._environment = extension, {**os.environ, **(environment or {})}
+        self._extension, self.environment = extension, {**os.environ, **(environment or {})}
         self.list = directory / "lists" / "list"
         self.list.parent.mkdir(parents=True)
+        self.drop_ins, self.fetched = directory / "drop-ins", directory / "fetched"
         self._state, self._log = directory / "state", directory / "keeper-log"
 
     def _arguments(self, *arguments: str) -> list[str]:
-        return ["--list", str(self.list), "--state", str(self._state), *arguments]
+        folders = ["--drop-ins", str(self.drop_ins), "--fetched", str(self.fetched)]
+        return ["--list", str(self.list), "--state", str(self._state), *folders, *arguments]
 
     def control(self, *arguments: str, text: str | None = None) -> subprocess.CompletedProcess:
         """Runs orvanectl with the extension's socket, this keeper's files, and `text` as its standard input."""
@@ -31,7 +33,7 @@ class Keeper:
         with open(self._log, "ab") as log:
             self.process = subprocess.Popen(
                 self._extension.control_command(*self._arguments("keep")),
-                env=self._environment,
+                env=self.environment,
                 stdout=log,
                 stderr=log,
             )

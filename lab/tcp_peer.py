@@ -255,7 +255,7 @@ class Connection:
             self._peer.later(_RESENDS[turn], self._accept, options, turn + 1)
 
     def _answer(self) -> None:
-        """Sends each answer whose position the received text has reached; then, at its own position, the FIN or RST."""
+        """Sends each answer, and the FIN or RST of script.end, when the received text has reached its position."""
         while self._due and len(self.received) >= self._due[0][0]:
             self._peer.later(self._script.answer_delay, self._transmit, self._due.pop(0)[1])
         if self._script.end and len(self.received) >= self._script.end[0]:

@@ -4,8 +4,9 @@
 
 #include <chrono>
 
-#include "companion/browsers/InstalledBrowsers.h"
+#include "companion/client/ExtensionBundle.h"
 #include "companion/client/UnitState.h"
+#include "platform/linux/process/BrowserList.h"
 
 namespace orvane {
 

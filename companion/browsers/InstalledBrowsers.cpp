@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <map>
 
-#include "platform/PropertyList.h"
 #include "platform/files/Files.h"
 #include "platform/linux/base/Paths.h"
 #include "platform/linux/process/DesktopEntry.h"
@@ -153,16 +152,6 @@ class Search {
 };
 
 }  // namespace
-
-bool passes_http3(const std::string& bundle) {
-  const auto text = read_file_start(bundle + "/Contents/Info.plist", kEntryLimit, Links::Follow).value_or("");
-  const Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
-  Ref<NSError> error;
-  const Value information = data ? property_list_create_with_data(data.get(), &error) : Value();
-  const Value* settings = information.find("NetworkExtension");
-  const Value* setting = settings == nullptr ? nullptr : settings->find("OrvaneHTTP3");
-  return setting != nullptr && *setting == Value::borrowed("pass");
-}
 
 std::vector<InstalledBrowser> installed_browsers(const ApplicationFolders& folders,
                                                  const std::vector<std::string>& ownFolders) {

@@ -11,12 +11,6 @@
 
 namespace orvane {
 
-// The bundle of the package's extension.
-inline constexpr const char* kPackageBundle = "/usr/lib/orvane-se/OrvaneSE.systemextension";
-
-// Whether the setting OrvaneHTTP3 in BUNDLE/Contents/Info.plist lets HTTP/3 pass unfiltered.
-bool passes_http3(const std::string& bundle);
-
 enum class BrowserPackage { Program, Flatpak, Snap };
 
 // An installed application with the category WebBrowser.

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "companion/keeper/KeeperState.h"
 #include "companion/list/BlockList.h"
 
 namespace orvane {
@@ -14,11 +17,27 @@ std::string site_text(const ListedSite& site);
 // "unicode" for an international name, and "until" if the site has a suspension, even one that has ended.
 nlohmann::json site_json(const ListedSite& site, Moment now);
 
-// Print all sites on standard output, one at a time, so that a large list needs no second copy in memory.
-void print_table(const BlockList& list, Moment now);  // for people, with totals
-void print_file(const BlockList& list);               // as the list's file, without comments
-void print_hosts(const BlockList& list);              // one host per line, without the exceptions
-void print_sites_json(const BlockList& list, Moment now);
+// What the list's file does not say about what is in force.
+struct ListInForce {
+  std::vector<KeeperState::GroupState> groups;  // one for each group of the list
+  // The sites that a lock or a delay still blocks, although the file no longer blocks them, or blocks less of them.
+  struct StillBlocked {
+    ListedSite site;  // ListedSite::group is not used
+    std::string group;
+    std::optional<Moment> until;  // nothing if the keeper's state has too many such sites to say it
+  };
+  std::vector<StillBlocked> stillBlocked;
+};
+// `keeper`: the keeper of this list. `inForce`: the result of list_in_force().
+ListInForce find_in_force(const BlockList& list, const std::optional<KeeperState>& keeper,
+                          const std::optional<BlockList>& inForce, Moment now);
+
+// Print all sites on standard output, one at a time, so that a large list needs no second copy in memory. `inForce`:
+// null to leave it out. print_file() prints it as comments.
+void print_table(const BlockList& list, const ListInForce& inForce, Moment now);  // for people, with totals
+void print_file(const BlockList& list, const ListInForce* inForce, Moment now);   // as the list's file
+void print_hosts(const BlockList& list);                                          // without the exceptions
+void print_sites_json(const BlockList& list, const ListInForce* inForce, Moment now);
 
 // Prints one error for each malformed line of the list's file.
 void report_bad_lines(const BlockList& list, const std::string& path);

@@ -25,7 +25,8 @@ struct CommonOptions {
   // The paths of the machine's list and of the keeper's state file, for example. Used only on systems with a keeper.
   std::string listPath;
   std::string keeperStatePath;
-  std::string cataloguePath;  // the folder with the sites of the package
+  std::string dropInsPath, subscriptionsPath;  // the folders of read-only lists
+  std::string cataloguePath;                   // the folder with the sites of the package
 };
 
 // The command line, for the functions that declare its commands. Parsing the command line sets `chosen` to the command

@@ -31,6 +31,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/text/Properties.h"
+#include "companion/text/Version.h"
 
 namespace orvane {
 namespace {
@@ -76,7 +77,10 @@ void report_refusals(const HostnameList& list, const char* source) {
 // The names that the extension holds for the given hosts or URLs.
 std::vector<std::string> checked_names(const std::vector<std::string>& hosts) {
   HostnameList list;
-  for (const std::string& host : hosts) list.add(list.names.size() + 1, host_in(host));
+  for (const std::string& host : hosts) {
+    note_ignored_port(host);
+    list.add(list.names.size() + 1, host_in(host));
+  }
   report_refusals(list, nullptr);
   return std::move(list.names);
 }
@@ -363,11 +367,22 @@ void refuse_unknown_command(const CLI::App& parent, size_t depth, const std::str
   }
 }
 
+// Prints help as CLI11 does, and says in the help of a command where the options of all commands are.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_footer(const CLI::App* app) const override {
+    const std::string footer = CLI::Formatter::make_footer(app);
+    if (app->get_parent() == nullptr) return footer;
+    return footer + "\nOptions of all commands, such as --json and --list: see orvanectl --help\n";
+  }
+};
+
 int run(int argc, const char* const* argv) {
   Arguments arguments;
   Command command;
   CLI::App app("Chooses the hosts that OrvaneSE blocks in browsers.", "orvanectl");
-  app.set_version_flag("--version", "orvanectl " ORVANE_VERSION);
+  app.formatter(std::make_shared<HelpFormatter>());  // before the commands, which take it over
+  app.set_version_flag("--version", std::string("orvanectl ") + program_version());
   app.add_option("--service", arguments.client.service, "The extension's service name")
       ->type_name("NAME")
       ->capture_default_str();

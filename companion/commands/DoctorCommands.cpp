@@ -47,6 +47,7 @@ std::string title_of(const Finding& finding) {
       {"clients", "extension"},
       {"processes", "extension"},
       {"queue", "packets"},
+      {"read-only-list", ""},
       {"browser-list", "list of browsers"},
       {"browser", "identity"},
       {"http3", "HTTP/3"},

@@ -1,5 +1,6 @@
 #include "companion/commands/GroupCommands.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -38,40 +39,75 @@ struct Arguments {
 
 using GroupCommand = int (*)(const CommonOptions&, const Arguments&);
 
-// Changes the list. Returns what has changed, in words; empty if nothing has.
-using Edit = std::function<std::string(BlockList& list)>;
-using GroupEdit = std::function<std::string(BlockList& list, GroupIndex group)>;
+struct Outcome {
+  std::string text;  // what has changed; empty if nothing has
+  MaybeHeldBack heldBack{};
+  std::string note{};  // if nothing has changed
+};
+
+// Changes the list.
+using Edit = std::function<Outcome(BlockList& list)>;
+// Changes the settings of a group. `state`: the group's state before.
+using GroupEdit = std::function<Outcome(BlockList& list, GroupIndex group, const KeeperState::GroupState& state)>;
 
 int change_list(const CommonOptions& options, const Arguments& arguments, const Edit& edit) {
-  std::string outcome;
+  Outcome outcome;
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     outcome = edit(list);
     sites = list.size();
-    return !outcome.empty();
+    return !outcome.text.empty();
   });
-  if (!options.json) std::printf("%s: %s\n", arguments.group.c_str(), outcome.empty() ? "unchanged" : outcome.c_str());
+  if (!options.json)
+    std::printf("%s: %s\n", arguments.group.c_str(),
+                outcome.text.empty() ? ("unchanged" + outcome.note).c_str() : outcome.text.c_str());
   std::fflush(stdout);
-  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
-  if (options.json)
-    print_json({{"group", arguments.group}, {"changed", !outcome.empty()}, {"inForce", json_or_null(inForce)}});
+  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
+  if (options.json) {
+    nlohmann::json result{{"group", arguments.group}, {"changed", !outcome.text.empty()}};
+    std::vector<HeldBack> heldBack;
+    add_unique(heldBack, outcome.heldBack);
+    add_effect(result, isSent, heldBack);
+    print_json(result);
+  }
   return kDone;
 }
 
+// What holds back the settings `wanted`, if they make the group block less than the settings `before` in the file.
+MaybeHeldBack settings_held_back(const Group& wanted, Group before, const KeeperState::GroupState& state, Moment now) {
+  before.delay = std::max(before.delay, state.delay);
+  if (!blocks_less(wanted, before)) return std::nullopt;
+  auto heldBack = removal_held_back(before, state, now);
+  // The delay counts from the first of several changes.
+  if (heldBack && state.settingsUntil) heldBack->until = state.settingsUntil;
+  return heldBack;
+}
+
 int change_group(const CommonOptions& options, const Arguments& arguments, const GroupEdit& edit) {
-  return change_list(options, arguments,
-                     [&](BlockList& list) { return edit(list, find_group(list, arguments.group)); });
+  const Moment now = now_in_seconds();
+  const auto keeper = keeper_of_list(options);
+  return change_list(options, arguments, [&](BlockList& list) {
+    const GroupIndex group = find_group(list, arguments.group);
+    const auto state = states_of_groups(list, keeper, now)[group];
+    Outcome outcome = edit(list, group, state);
+    if (outcome.text.empty() && state.settingsUntil) {
+      outcome.heldBack =
+          HeldBack{state.lockedUntil ? HeldBack::By::Lock : HeldBack::By::Delay, state.name, state.settingsUntil};
+      outcome.note = "; but an earlier change of its settings" + held_back_text(outcome.heldBack, now).substr(1);
+    }
+    return outcome;
+  });
 }
 
 int add(const CommonOptions& options, const Arguments& arguments) {
   if (const std::string fault = group_name_fault(arguments.group); !fault.empty())
     throw InputError("not a group's name: " + in_quotes(arguments.group) + ": " + fault);
   return change_list(options, arguments, [&](BlockList& list) {
-    if (list.findGroup(arguments.group)) return "";
+    if (list.findGroup(arguments.group)) return Outcome();
     if (list.groups().size() >= BlockList::kMostGroups)
       throw InputError("too many groups: remove some: orvanectl group remove");
     list.addGroup(arguments.group);
-    return "added, without sites";
+    return Outcome{"added, without sites"};
   });
 }
 
@@ -79,33 +115,46 @@ int remove(const CommonOptions& options, const Arguments& arguments) {
   if (arguments.group == kDefaultGroupName)
     throw InputError("cannot remove the default group: remove its sites: orvanectl unblock");
   refuse_if_locked(options, arguments.group, "remove the group");
-  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
-    std::string outcome = "removed, with its sites" + delay_note(list.groups()[group]);
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group, const auto& state) {
+    const Moment now = now_in_seconds();
+    const auto heldBack = removal_held_back(list.groups()[group], state, now);
     list.removeGroup(group);
-    return outcome;
+    return Outcome{"removed, with its sites" + held_back_text(heldBack, now), heldBack};
   });
 }
 
-// ": in force until 17:00"
-std::string force_note(const Group& group) {
+// Changes one setting. `done`: what the command has done, in words.
+Outcome change_setting(BlockList& list, GroupIndex group, const KeeperState::GroupState& state, std::string_view key,
+                       const std::vector<std::string>& values, std::string done) {
   const Moment now = now_in_seconds();
-  return ": " + state_text(group, {group.name, group.isInForce(now), group.nextChange(now), {}, 0}, now);
+  const Group before = list.groups()[group];
+  list.setSetting(group, key, values);
+  const Group& wanted = list.groups()[group];
+  if (wanted == before) return {};
+  const auto removal = settings_held_back(wanted, before, state, now);
+  if (key == kDelayKey && removal) {
+    done += "; the delay of " + duration_text(std::max(before.delay, state.delay)) + " counts " +
+            suspension_text(*removal->until, now);
+    return {std::move(done), removal};
+  }
+  if (removal || key == kDelayKey) return {done + held_back_text(removal, now), removal};
+  KeeperState::GroupState next{wanted.name, wanted.isInForce(now), wanted.nextChange(now), {}, 0};
+  const bool isDisabling = key == kEnabledKey && !wanted.isEnabled;
+  const MaybeHeldBack blocking = isDisabling ? std::nullopt : blocking_held_back(wanted, next);
+  done += wanted.isEnabled ? ": " + state_text(wanted, next, now) : held_back_text(blocking, now);
+  return {std::move(done), blocking};
 }
 
 int enable(const CommonOptions& options, const Arguments& arguments) {
-  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
-    if (list.groups()[group].isEnabled) return std::string();
-    list.setSetting(group, kEnabledKey, {});
-    return "enabled" + force_note(list.groups()[group]);
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group, const auto& state) {
+    return change_setting(list, group, state, kEnabledKey, {}, "enabled");
   });
 }
 
 int disable(const CommonOptions& options, const Arguments& arguments) {
   refuse_if_locked(options, arguments.group, "disable the group");
-  return change_group(options, arguments, [](BlockList& list, GroupIndex group) {
-    if (!list.groups()[group].isEnabled) return std::string();
-    list.setSetting(group, kEnabledKey, {"no"});
-    return "disabled" + delay_note(list.groups()[group]);
+  return change_group(options, arguments, [](BlockList& list, GroupIndex group, const auto& state) {
+    return change_setting(list, group, state, kEnabledKey, {"no"}, "disabled");
   });
 }
 
@@ -118,80 +167,102 @@ int schedule(const CommonOptions& options, const Arguments& arguments) {
     }
   }
   refuse_if_locked(options, arguments.group, "change the schedule");
-  return change_group(options, arguments, [&](BlockList& list, GroupIndex group) {
-    if (list.groups()[group].schedule == wanted) return std::string();
-    list.setSetting(group, kScheduleKey, wanted.texts());
-    const Group& changed = list.groups()[group];
-    if (wanted.isEmpty()) return "without a schedule" + force_note(changed);
-    return "has a new schedule" + (changed.delay.count() > 0 ? delay_note(changed) : force_note(changed));
+  return change_group(options, arguments, [&](BlockList& list, GroupIndex group, const auto& state) {
+    return change_setting(list, group, state, kScheduleKey, wanted.texts(),
+                          wanted.isEmpty() ? "without a schedule" : "has a new schedule");
   });
 }
 
 int delay(const CommonOptions& options, const Arguments& arguments) {
   const auto wanted = arguments.delay == kOff ? std::chrono::seconds(0) : read_delay(arguments.delay);
-  return change_group(options, arguments, [&](BlockList& list, GroupIndex group) {
-    const Group before = list.groups()[group];
-    if (before.delay == wanted) return std::string();
-    if (wanted < before.delay) refuse_if_locked(options, arguments.group, "shorten the delay");
-    list.setSetting(group, kDelayKey,
-                    wanted.count() == 0 ? std::vector<std::string>{} : std::vector{delay_text(wanted)});
-    std::string outcome =
-        wanted.count() == 0 ? "no delay" : "a removal or suspension has an effect after " + duration_text(wanted);
-    return wanted < before.delay ? outcome + delay_note(before) : outcome;
+  return change_group(options, arguments, [&](BlockList& list, GroupIndex group, const auto& state) {
+    if (wanted < std::max(list.groups()[group].delay, state.delay))
+      refuse_if_locked(options, arguments.group, "shorten the delay");
+    using Values = std::vector<std::string>;
+    return wanted.count() == 0 ? change_setting(list, group, state, kDelayKey, {}, "no delay")
+                               : change_setting(list, group, state, kDelayKey, Values{delay_text(wanted)},
+                                                "a removal or suspension has an effect after " + duration_text(wanted));
   });
 }
 
-nlohmann::json group_json(const Group& group, const KeeperState::GroupState& state, size_t sites) {
+// A group as the commands print it.
+struct ShownGroup {
+  Group group;  // as in the list's file or, if the file no longer has it, as it is in force
+  KeeperState::GroupState state;
+  size_t sites = 0;
+  bool isInFile = true;
+};
+
+// The groups of the list's file, and those that the keeper still guards although the file no longer has them.
+std::vector<ShownGroup> shown_groups(const CommonOptions& options, const BlockList& list, Moment now) {
+  const auto keeper = keeper_of_list(options);
+  std::vector<ShownGroup> shown;
+  const auto add = [&](const BlockList& from, bool isInFile) {
+    const auto states = states_of_groups(from, keeper, now);
+    const std::vector<size_t> sites = from.sitesOfGroups();
+    for (size_t i = 0; i < states.size(); ++i) {
+      if (isInFile || !list.findGroup(states[i].name))
+        shown.push_back({from.groups()[i], states[i], sites[i], isInFile});
+    }
+  };
+  add(list, true);
+  if (const auto inForce = list_in_force(options, keeper)) add(*inForce, false);
+  return shown;
+}
+
+nlohmann::json group_json(const ShownGroup& shown) {
+  const auto& [group, state, sites, isInFile] = shown;
   return {{"name", group.name},
+          {"inFile", isInFile},
           {"enabled", group.isEnabled},
           {"inForce", state.isInForce},
           {"nextChange", json_or_null(state.nextChange)},
           {"schedule", group.schedule.texts()},
           {"delay", group.delay.count()},
+          {"delayInForce", state.delay.count()},
           {"lockedUntil", json_or_null(state.lockedUntil)},
           {"pendingChanges", state.pendingChanges},
+          {"settingsUntil", json_or_null(state.settingsUntil)},
           {"sites", sites}};
 }
 
-void print_group(const Group& group, const KeeperState::GroupState& state, size_t sites, Moment now) {
-  std::printf("%s: %s, %s%s\n", group.name.c_str(), counted(sites, "site", "sites").c_str(),
+void print_group(const ShownGroup& shown, Moment now) {
+  const auto& [group, state, sites, isInFile] = shown;
+  std::printf("%s: %s, %s%s%s\n", group.name.c_str(), counted(sites, "site", "sites").c_str(),
               coloured(state_text(group, state, now), state.isInForce ? Colour::Good : Colour::Warning).c_str(),
-              guard_text(state, now).c_str());
+              guard_text(state, now).c_str(), isInFile ? "" : ", no longer in the list's file");
   for (const std::string& span : group.schedule.texts()) std::printf("  schedule  %s\n", span.c_str());
   if (group.delay.count() > 0) std::printf("  delay     %s\n", duration_text(group.delay).c_str());
+  if (state.settingsUntil)
+    std::printf("  The settings in force%s stay %s.\n",
+                state.delay.count() == 0 ? "" : (", with a delay of " + duration_text(state.delay) + ",").c_str(),
+                suspension_text(*state.settingsUntil, now).c_str());
 }
 
-// Prints all groups, or those that `isWanted` selects.
-int print_groups(const CommonOptions& options, const std::function<bool(const KeeperState::GroupState&)>& isWanted) {
+// Prints the group, or without a name, all groups.
+int print_groups(const CommonOptions& options, const std::optional<std::string>& name) {
   const BlockList list = read_list(options.listPath).list;
   const Moment now = now_in_seconds();
-  const auto states = states_of_groups(list, keeper_of_list(options), now);
-  const std::vector<size_t> sites = list.sitesOfGroups();
   nlohmann::json groups = nlohmann::json::array();
-  for (size_t i = 0; i < states.size(); ++i) {
-    if (!isWanted(states[i])) continue;
-    const Group& group = list.groups()[i];
-    options.json ? groups.push_back(group_json(group, states[i], sites[i]))
-                 : print_group(group, states[i], sites[i], now);
+  bool isFound = false;
+  for (const ShownGroup& shown : shown_groups(options, list, now)) {
+    if (name && shown.group.name != *name) continue;
+    isFound = true;
+    options.json ? groups.push_back(group_json(shown)) : print_group(shown, now);
   }
+  if (!isFound) find_group(list, *name);  // throws
   if (options.json) print_json(groups);
   return kDone;
 }
 
-int list(const CommonOptions& options, const Arguments&) {
-  return print_groups(options, [](const auto&) { return true; });
-}
+int list(const CommonOptions& options, const Arguments&) { return print_groups(options, std::nullopt); }
 
-int show(const CommonOptions& options, const Arguments& arguments) {
-  find_group(read_list(options.listPath).list, arguments.group);
-  return print_groups(options, [&](const auto& state) { return state.name == arguments.group; });
-}
+int show(const CommonOptions& options, const Arguments& arguments) { return print_groups(options, arguments.group); }
 
 // Prints the locked groups, even those that the list's file no longer has.
 int show_locks(const CommonOptions& options) {
-  const auto keeper = read_keeper_state(options.keeperStatePath);
-  if (!keeper || !keeps_list(*keeper, options))
-    throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
+  const auto keeper = keeper_of_list(options, Unreadable::Report);
+  if (!keeper) throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
   nlohmann::json locks = nlohmann::json::array();
   for (const auto& state : keeper->groups) {
     if (!state.lockedUntil) continue;

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
 
 #include "companion/list/ListFile.h"
+#include "companion/text/EditDistance.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 
@@ -21,14 +24,22 @@ auto state_named(const std::vector<KeeperState::GroupState>& states, const std::
 
 GroupIndex find_group(const BlockList& list, const std::string& name) {
   if (const auto found = list.findGroup(name)) return *found;
-  throw InputError("no such group: " + in_quotes(name) + ": see orvanectl group list, or add it: orvanectl group add");
+  size_t nearest = std::max<size_t>(name.size() / 2, 2);  // only a group at a smaller distance is suggested
+  std::string advice = "see orvanectl group list, or add it: orvanectl group add";
+  for (const Group& group : list.groups()) {
+    const size_t distance = edit_distance(name, group.name);
+    if (distance < nearest) advice = "did you mean " + group.name + "? See orvanectl group list";
+    nearest = std::min(nearest, distance);
+  }
+  throw InputError("no such group: " + in_quotes(name) + ": " + advice);
 }
 
-std::optional<KeeperState> keeper_of_list(const CommonOptions& options) {
+std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadable unreadable) {
   try {
     auto keeper = read_keeper_state(options.keeperStatePath);
     return keeper && keeps_list(*keeper, options) ? keeper : std::nullopt;
   } catch (const FileError&) {
+    if (unreadable == Unreadable::Report) throw;
     return std::nullopt;
   }
 }
@@ -38,11 +49,16 @@ bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {
   return keeper.listPath == options.listPath || std::filesystem::equivalent(keeper.listPath, options.listPath, ignored);
 }
 
+std::optional<BlockList> list_in_force(const CommonOptions& options, const std::optional<KeeperState>& keeper) {
+  if (!keeper || !keeper->isGuarded) return std::nullopt;
+  return read_list(list_in_force_path(options.keeperStatePath)).list;
+}
+
 std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, const std::optional<KeeperState>& keeper,
                                                       Moment now) {
   std::vector<KeeperState::GroupState> states;
   for (const Group& group : list.groups()) {
-    states.push_back({group.name, group.isInForce(now), group.nextChange(now), {}, 0});
+    states.push_back({group.name, group.isInForce(now), group.nextChange(now), {}, 0, group.delay});
     if (!keeper) continue;
     const auto known = state_named(keeper->groups, group.name);
     if (known != keeper->groups.end()) states.back() = *known;
@@ -86,8 +102,74 @@ std::string guard_text(const KeeperState::GroupState& state, Moment now) {
   return text;
 }
 
-std::string delay_note(const Group& group) {
-  return group.delay.count() == 0 ? "" : "; has an effect in " + duration_text(group.delay);
+MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupState& state) {
+  if (state.isInForce) return std::nullopt;
+  if (!group.isEnabled) return HeldBack{HeldBack::By::Disabled, group.name};
+  return HeldBack{HeldBack::By::Schedule, group.name, state.nextChange};
+}
+
+MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now) {
+  if (state.lockedUntil) return HeldBack{HeldBack::By::Lock, group.name, state.lockedUntil};
+  // A delay that the file has and the keeper has not read yet counts, too.
+  const std::chrono::seconds delay = std::max(group.delay, state.delay);
+  if (delay.count() == 0) return std::nullopt;
+  HeldBack heldBack{HeldBack::By::Delay, group.name, now + delay};
+  // If the file has no delay any more, the keeper releases the group when the old delay is over.
+  if (group.delay.count() == 0 && state.settingsUntil) heldBack.until = std::min(now + delay, *state.settingsUntil);
+  return heldBack;
+}
+
+std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
+                                                const std::optional<KeeperState>& keeper, Moment now) {
+  std::vector<MaybeHeldBack> results(exceptions.size());
+  const auto states = states_of_groups(list, keeper, now);
+  std::vector<MaybeHeldBack> byGroup;
+  for (size_t i = 0; i < states.size(); ++i) byGroup.push_back(removal_held_back(list.groups()[i], states[i], now));
+  if (std::none_of(byGroup.begin(), byGroup.end(), [](const auto& each) { return each.has_value(); })) return results;
+  std::vector<std::string_view> hosts;
+  for (const ListedSite& exception : exceptions) hosts.push_back(exception.host);
+  const auto opened = groups_opened_by(list, hosts);
+  for (size_t i = 0; i < exceptions.size(); ++i) {
+    for (const GroupIndex group : opened.at(exceptions[i].host)) {
+      // Of several groups, the one that holds the exception back longest counts.
+      if (byGroup[group] && (!results[i] || results[i]->until < byGroup[group]->until)) results[i] = byGroup[group];
+    }
+  }
+  return results;
+}
+
+std::string held_back_text(const MaybeHeldBack& heldBack, Moment now) {
+  if (!heldBack) return "";
+  const std::string until = heldBack->until ? local_text(*heldBack->until, now) : "";
+  switch (heldBack->by) {
+    case HeldBack::By::Lock:
+      return "; has no effect until the lock of the group " + heldBack->group + " ends (" + until + ")";
+    case HeldBack::By::Delay:
+      return "; has an effect in " + duration_text(*heldBack->until - now);
+    case HeldBack::By::Disabled:
+      return "; but the group " + heldBack->group + " is disabled";
+    case HeldBack::By::Schedule:
+      break;
+  }
+  return "; but the group " + heldBack->group + " is not in force" + (until.empty() ? "" : " until " + until);
+}
+
+nlohmann::json to_json(const HeldBack& heldBack) {
+  const char* by = heldBack.by == HeldBack::By::Lock       ? "lock"
+                   : heldBack.by == HeldBack::By::Delay    ? "delay"
+                   : heldBack.by == HeldBack::By::Schedule ? "schedule"
+                                                           : "disabled";
+  return {{"by", by}, {"group", heldBack.group}, {"until", json_or_null(heldBack.until)}};
+}
+
+void add_effect(nlohmann::json& result, std::optional<bool> isSent, const std::vector<HeldBack>& heldBack) {
+  result["inForce"] = isSent ? nlohmann::json(*isSent && heldBack.empty()) : nlohmann::json();
+  result["heldBack"] = nlohmann::json::array();
+  for (const HeldBack& each : heldBack) result["heldBack"].push_back(to_json(each));
+}
+
+void add_unique(std::vector<HeldBack>& all, const MaybeHeldBack& heldBack) {
+  if (heldBack && std::find(all.begin(), all.end(), *heldBack) == all.end()) all.push_back(*heldBack);
 }
 
 }  // namespace orvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,12 +11,16 @@
 
 namespace orvane {
 
-// The group with this name. Throws InputError if the list has none.
+// The group with this name. Throws InputError if the list has none, and names a group with a similar name.
 GroupIndex find_group(const BlockList& list, const std::string& name);
 
-// The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list, or if the
-// keeper's state cannot be read.
-std::optional<KeeperState> keeper_of_list(const CommonOptions& options);
+// The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list. If the state
+// cannot be read: nothing, or with Unreadable::Report, throws FileError.
+enum class Unreadable { Ignore, Report };
+std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadable unreadable = Unreadable::Ignore);
+
+// The list that is in force, if the keeper holds back changes of the list's file; otherwise nothing.
+std::optional<BlockList> list_in_force(const CommonOptions& options, const std::optional<KeeperState>& keeper);
 
 // The states of the list's groups. The states that the keeper has published come first, because orvanectl may run in
 // another time zone than the keeper, and cannot see locks. For other groups, and without a keeper, the states come from
@@ -41,7 +46,33 @@ std::string state_text(const Group& group, const KeeperState::GroupState& state,
 // changes without effect yet".
 std::string guard_text(const KeeperState::GroupState& state, Moment now);
 
-// Says when a change that makes the group block less has an effect: "; has an effect in 15 min". Empty without a delay.
-std::string delay_note(const Group& group);
+// Why a change of the list's file has no effect, or has none yet.
+struct HeldBack {
+  enum class By { Lock, Delay, Schedule, Disabled } by = By::Lock;
+  std::string group;
+  std::optional<Moment> until{};  // nothing if nobody knows: for a disabled group, for example
+  bool operator==(const HeldBack&) const = default;
+};
+using MaybeHeldBack = std::optional<HeldBack>;
+
+// What holds back a change of the group that makes it block more, and one that makes it block less. `group`: as in the
+// list's file, after the change for `blocking`, and before it for `removal`.
+MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupState& state);
+MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now);
+
+// For each of these new exceptions: what holds it back, which is the lock or delay of a group that has sites at, above
+// or below its host. `list`: the list that is in force, or without the keeper's, the list's file before the change.
+std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
+                                                const std::optional<KeeperState>& keeper, Moment now);
+
+// "; has an effect in 15 min", "; but the group work is disabled". Empty if nothing holds the change back.
+std::string held_back_text(const MaybeHeldBack& heldBack, Moment now);
+
+// Gives the JSON object of a result the members "inForce" and "heldBack". The first is true only if the keeper has sent
+// the change, and nothing holds a part of it back; null if it is not known what the keeper has sent.
+void add_effect(nlohmann::json& result, std::optional<bool> isSent, const std::vector<HeldBack>& heldBack);
+nlohmann::json to_json(const HeldBack& heldBack);
+// Adds what holds a change back, unless it is there already.
+void add_unique(std::vector<HeldBack>& all, const MaybeHeldBack& heldBack);
 
 }  // namespace orvane

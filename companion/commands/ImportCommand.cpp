@@ -1,7 +1,5 @@
 #include "companion/commands/ImportCommand.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -10,6 +8,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "companion/commands/GroupState.h"
@@ -20,6 +19,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
+#include "companion/text/ProgressBar.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {
@@ -37,35 +37,6 @@ struct Arguments {
 // The file that records the last import into the list, for --undo.
 std::string record_path(const CommonOptions& options) { return options.listPath + ".import"; }
 
-// A progress bar on standard error, if that is a terminal. Erase the bar before any other output to standard error.
-class ProgressBar {
- public:
-  ProgressBar(size_t total, bool wanted) : total_(total), wanted_(wanted && isatty(STDERR_FILENO) == 1) {}
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
-  ~ProgressBar() { erase(); }
-
-  void show(size_t bytes, const std::string& text) {
-    constexpr size_t kWidth = 30;
-    if (!wanted_) return;
-    const size_t filled = total_ == 0 ? kWidth : std::min(bytes, total_) * kWidth / total_;
-    const size_t percent = total_ == 0 ? 100 : std::min(bytes, total_) * 100 / total_;
-    const std::string bar = std::string(filled, '#') + std::string(kWidth - filled, ' ');
-    std::fprintf(stderr, "\r\x1b[K[%s] %3zu %%  %s", bar.c_str(), percent, text.c_str());
-    std::fflush(stderr);
-    shown_ = true;
-  }
-  void erase() {
-    if (shown_) std::fputs("\r\x1b[K", stderr);
-    shown_ = false;
-  }
-
- private:
-  size_t total_;
-  bool wanted_;
-  bool shown_ = false;
-};
-
 struct Rejection {
   size_t line;
   std::string text, fault;
@@ -75,56 +46,118 @@ struct Outcome {
   ImportedSites read;
   std::vector<Rejection> rejections;  // the first kMostRejections
   ImportCounts counts;
-  std::vector<Group> delayed;  // groups with a delay that lose sites
-  double seconds = 0;          // from the start until the list is written
-  std::optional<bool> inForce;
+  std::vector<HeldBack> removals;                       // what holds back the removal of sites
+  std::vector<std::pair<HeldBack, size_t>> openings{};  // and of how many exceptions and suspensions
+  std::vector<HeldBack> blockings{};                    // and the sites of groups that are not in force
+  double seconds = 0;                                   // from the start until the list is written
+  std::optional<bool> isSent;
+
+  std::vector<HeldBack> heldBack() const {
+    std::vector<HeldBack> all = removals;
+    for (const auto& [each, sites] : openings) add_unique(all, each);
+    for (const HeldBack& each : blockings) add_unique(all, each);
+    return all;
+  }
 };
 
-// Those of the groups that have a delay.
-std::vector<Group> delayed_groups(const BlockList& list, const std::set<std::string>& groups) {
-  std::vector<Group> delayed;
-  for (const Group& group : list.groups()) {
-    if (groups.contains(group.name) && group.delay.count() > 0) delayed.push_back(group);
+// What holds back the removal of sites of the groups.
+std::vector<HeldBack> find_removals(const BlockList& list, const std::set<std::string>& groups,
+                                    const std::optional<KeeperState>& keeper, Moment now) {
+  std::vector<HeldBack> removals;
+  for (const auto& state : states_of_groups(list, keeper, now)) {
+    const auto group = list.findGroup(state.name);
+    if (group && groups.contains(state.name))
+      add_unique(removals, removal_held_back(list.groups()[*group], state, now));
   }
-  return delayed;
+  return removals;
 }
 
-void print_delays(const std::vector<Group>& delayed) {
-  for (const Group& group : delayed)
-    std::printf("%s: its removed sites stay blocked for %s\n", group.name.c_str(), duration_text(group.delay).c_str());
+// What holds back the sites that the import adds to groups that are not in force.
+std::vector<HeldBack> find_blockings(const BlockList& list, const ImportedSites& read,
+                                     const std::optional<KeeperState>& keeper, Moment now) {
+  std::vector<HeldBack> blockings;
+  const auto states = states_of_groups(list, keeper, now);
+  for (const Group& imported : read.groups) {
+    if (const auto group = list.findGroup(imported.name))
+      add_unique(blockings, blocking_held_back(list.groups()[*group], states[*group]));
+  }
+  return blockings;
 }
 
-void print_outcome(const Outcome& outcome) {
-  const auto& [read, rejections, counts, delayed, seconds, inForce] = outcome;
+// What holds back the imported exceptions and suspensions, and how many of them. `list`: before the import.
+std::vector<std::pair<HeldBack, size_t>> find_openings(const CommonOptions& options, const BlockList& list,
+                                                       const ImportedSites& read,
+                                                       const std::optional<KeeperState>& keeper, Moment now) {
+  std::vector<std::pair<HeldBack, size_t>> openings;
+  const auto add = [&](const MaybeHeldBack& heldBack) {
+    if (!heldBack) return;
+    auto known = std::find_if(openings.begin(), openings.end(), [&](auto& each) { return each.first == *heldBack; });
+    if (known == openings.end()) known = openings.emplace(known, *heldBack, 0);
+    ++known->second;
+  };
+  const auto states = states_of_groups(list, keeper, now);
+  std::vector<std::optional<GroupIndex>> places;
+  for (const Group& group : read.groups) places.push_back(list.findGroup(group.name));
+  std::vector<ListedSite> exceptions;
+  for (const ListedSite& site : read.sites) {
+    const auto group = places[site.group];
+    const ListedSite* old = group ? list.find(site.host, *group) : nullptr;
+    if (site.scope == Scope::Exception && (old == nullptr || old->scope != site.scope)) exceptions.push_back(site);
+    if (old != nullptr && site.isSuspended(now) && !old->isSuspended(now))
+      add(removal_held_back(list.groups()[*group], states[*group], now));
+  }
+  if (exceptions.empty()) return openings;
+  const auto inForce = list_in_force(options, keeper);
+  for (const MaybeHeldBack& each : exceptions_held_back(inForce ? *inForce : list, exceptions, keeper, now)) add(each);
+  return openings;
+}
+
+void print_removals(const std::vector<HeldBack>& removals, Moment now) {
+  for (const HeldBack& each : removals)
+    std::printf("%s: its removed sites stay blocked for %s\n", each.group.c_str(),
+                duration_text(*each.until - now).c_str());
+}
+
+void print_outcome(const Outcome& outcome, Moment now) {
+  const auto& [read, rejections, counts, removals, openings, blockings, seconds, isSent] = outcome;
   std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
               counted(read.sites.size(), "site", "sites").c_str(), seconds);
   std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
               counts.unchanged, counts.removed);
   std::printf("%s, %zu skipped (localhost and the like), %zu rejected\n",
               counted(read.duplicates, "duplicate", "duplicates").c_str(), read.skipped, read.rejected);
+  if (read.partialRules > 0)
+    std::printf("%s skipped, because only whole sites can be blocked\n",
+                counted(read.partialRules, "rule for parts of sites", "rules for parts of sites").c_str());
   if (counts.groups > 0) std::printf("%s added or changed\n", counted(counts.groups, "group", "groups").c_str());
-  print_delays(delayed);
+  print_removals(removals, now);
+  for (const auto& [heldBack, sites] : openings)
+    std::printf("%s: %s\n", held_back_text(heldBack, now).substr(2).c_str(),
+                counted(sites, "exception or suspension", "exceptions or suspensions").c_str());
+  for (const HeldBack& each : blockings)
+    std::printf("%s: saved%s\n", each.group.c_str(), held_back_text(each, now).c_str());
   if (counts.hasChanges()) std::puts("To take this back: orvanectl import --undo");
 }
 
 void print_outcome_json(const Outcome& outcome) {
-  const auto& [read, rejections, counts, delayed, seconds, inForce] = outcome;
+  const auto& [read, rejections, counts, removals, openings, blockings, seconds, isSent] = outcome;
   nlohmann::json rejectedLines = nlohmann::json::array();
   for (const auto& [line, text, fault] : rejections)
     rejectedLines.push_back({{"line", line}, {"text", text}, {"fault", fault}});
-  print_json({{"lines", read.lines},
-              {"sites", read.sites.size()},
-              {"new", counts.added},
-              {"changed", counts.changed},
-              {"alreadyThere", counts.unchanged},
-              {"takenOff", counts.removed},
-              {"groups", counts.groups},
-              {"duplicates", read.duplicates},
-              {"passedOver", read.skipped},
-              {"rejected", read.rejected},
-              {"rejectedLines", std::move(rejectedLines)},
-              {"seconds", seconds},
-              {"inForce", json_or_null(inForce)}});
+  nlohmann::json result{{"lines", read.lines},
+                        {"sites", read.sites.size()},
+                        {"new", counts.added},
+                        {"changed", counts.changed},
+                        {"alreadyThere", counts.unchanged},
+                        {"takenOff", counts.removed},
+                        {"groups", counts.groups},
+                        {"duplicates", read.duplicates},
+                        {"passedOver", read.skipped},
+                        {"rejected", read.rejected},
+                        {"rejectedLines", std::move(rejectedLines)},
+                        {"seconds", seconds}};
+  add_effect(result, isSent, outcome.heldBack());
+  print_json(result);
 }
 
 std::optional<Scope> wanted_scope(const Arguments& arguments) {
@@ -141,7 +174,7 @@ ImportedSites read_file(const Arguments& arguments, const std::string& source, P
     if (rejections.size() < kMostRejections) rejections.push_back({line, std::string(what), fault});
     print_error("not imported: " + source + ":" + std::to_string(line) + ": " + in_quotes(what) + ": " + fault);
   };
-  auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, counted(lines, "line", "lines")); };
+  auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, text.size(), counted(lines, "line", "lines")); };
   try {
     return read_import(text, {wanted_scope(arguments), arguments.group}, rejected, progress);
   } catch (const InputError& error) {
@@ -162,21 +195,27 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   Outcome outcome;
   {
     const std::string text = read_input(arguments.file);
-    ProgressBar bar(text.size(), !options.json);
+    ProgressBar bar(!options.json);
     outcome.read = read_file(arguments, source, bar, text, outcome.rejections);
     // With --replace, an empty file or one with only comments empties the list. A file of which every line was rejected
     // is probably not a list.
-    if (is_empty(outcome.read, arguments) && (!arguments.replace || outcome.read.rejected > 0))
+    const bool hasOtherLines = outcome.read.rejected + outcome.read.partialRules > 0;
+    if (is_empty(outcome.read, arguments) && (!arguments.replace || hasOtherLines))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");
   }
   for (const Group& group : outcome.read.groups) {
     if (arguments.replace) refuse_if_locked(options, group.name, "replace sites");
   }
   size_t sites = 0;
+  const Moment now = now_in_seconds();
+  const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     if (arguments.group) find_group(list, *arguments.group);
+    outcome.openings = find_openings(options, list, outcome.read, keeper, now);
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
-    if (arguments.replace) outcome.delayed = delayed_groups(list, outcome.counts.weakenedGroups);
+    if (arguments.replace) outcome.removals = find_removals(list, outcome.counts.weakenedGroups, keeper, now);
+    if (outcome.counts.added + outcome.counts.changed > 0)
+      outcome.blockings = find_blockings(list, outcome.read, keeper, now);
     sites = list.size();
     // The record is written before the list. If the process is killed in between, the record describes an import that
     // is not on the list, and take_back() then finds nothing to do.
@@ -187,15 +226,17 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     print_error("settings not imported: " + in_quotes(group) +
                 ": the group has sites already, so it keeps its settings: to change them: orvanectl group");
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  outcome.inForce = wait_for_keeper(options, version, sites);
-  options.json ? print_outcome_json(outcome) : print_outcome(outcome);
+  outcome.isSent = wait_for_keeper(options, version, sites);
+  options.json ? print_outcome_json(outcome) : print_outcome(outcome, now);
   return kDone;
 }
 
 int undo(const CommonOptions& options) {
   UndoCounts counts;
-  std::vector<Group> delayed;
+  std::vector<HeldBack> removals;
   size_t sites = 0;
+  const Moment now = now_in_seconds();
+  const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     const std::string text = read_list_text(record_path(options));
     if (text.empty())
@@ -204,23 +245,24 @@ int undo(const CommonOptions& options) {
     const ImportRecord record = read_import_record(text);
     for (const Group& group : record.after.groups()) refuse_if_locked(options, group.name, "undo the import");
     counts = take_back(list, record);
-    delayed = delayed_groups(list, counts.weakenedGroups);
+    removals = find_removals(list, counts.weakenedGroups, keeper, now);
     sites = list.size();
     replace_list_text(record_path(options), "");
     return counts.removed + counts.restored + counts.groups > 0;
   });
-  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
+  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
   if (options.json) {
-    print_json({{"removed", counts.removed},
-                {"restored", counts.restored},
-                {"groups", counts.groups},
-                {"changedSince", counts.changedSince},
-                {"inForce", json_or_null(inForce)}});
+    nlohmann::json result{{"removed", counts.removed},
+                          {"restored", counts.restored},
+                          {"groups", counts.groups},
+                          {"changedSince", counts.changedSince}};
+    add_effect(result, isSent, removals);
+    print_json(result);
   } else {
     std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
                 counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
     if (counts.groups > 0) std::printf("%s removed or restored\n", counted(counts.groups, "group", "groups").c_str());
-    print_delays(delayed);
+    print_removals(removals, now);
   }
   return kDone;
 }

@@ -54,7 +54,8 @@ void declare_keeper_commands(CommandSet& commands) {
       "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown.");
 
   const auto keep = [&options] {
-    return run_keeper({options.client, options.listPath, state_path(options), guard_path(options)});
+    return run_keeper({options.client, options.listPath, state_path(options), guard_path(options), options.dropInsPath,
+                       options.subscriptionsPath});
   };
   commands
       .declare(commands.app, kServiceGroup, "keep", "Run the keeper, the service that sends the list to the extension",

@@ -2,11 +2,8 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -22,15 +19,14 @@
 #include "companion/commands/EndTime.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/ImportCommand.h"
-#include "companion/commands/SiteCommands.h"
+#include "companion/commands/SiteSelection.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/doctor/DoctorFacts.h"
+#include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
-#include "companion/list/ListImport.h"
 #include "companion/text/ExitCodes.h"
-#include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
@@ -38,14 +34,11 @@
 namespace orvane {
 namespace {
 
-struct Arguments {
-  std::vector<std::string> hosts;
+struct Arguments : SiteArguments {
   bool exactNames = false;
-  bool all = false;
-  std::string from;
-  SiteOptions catalogued;
   std::string group{kDefaultGroupName};
   std::optional<std::string> shownGroup;  // by list and export; nothing for all groups
+  std::string shownList;                  // a read-only list; empty for the machine's list
   bool hostsOnly = false;
   EndTime end;
 };
@@ -59,179 +52,11 @@ struct Change {
   // The line that has the opposite effect on the host, and its group; empty if there is none.
   std::string otherLine{}, otherGroup{};
   const CatalogueSite* origin = nullptr;  // the chosen site of the catalogue that has this host
+  MaybeHeldBack heldBack{};
 };
 
-// The two steps of a command: FindSites returns the sites of the group that the command is about, each once; ChangeSite
-// changes one of them.
-using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group)>;
+// Changes one of the sites that a command is about.
 using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
-
-// What the command line selects.
-struct Selection {
-  FindSites find;
-  std::vector<CatalogueSite> chosen{};  // the sites of the catalogue that --site and --category name
-
-  // The first chosen site that has the host; null if none has.
-  const CatalogueSite* originOf(const std::string& host) const {
-    const auto isHost = [&](const ListedSite& each) { return each.host == host; };
-    const auto found = std::find_if(chosen.begin(), chosen.end(), [&](const CatalogueSite& site) {
-      return std::any_of(site.hosts.begin(), site.hosts.end(), isHost);
-    });
-    return found == chosen.end() ? nullptr : &*found;
-  }
-};
-
-std::vector<ListedSite> hosts_of(const std::vector<CatalogueSite>& chosen) {
-  std::vector<ListedSite> hosts;
-  for (const CatalogueSite& site : chosen) hosts.insert(hosts.end(), site.hosts.begin(), site.hosts.end());
-  return hosts;
-}
-
-// Returns the sites that the given words name, with their hosts in the form that browsers send. Reports each word that
-// names no site, and then throws InputError.
-std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Scope scope) {
-  std::vector<ListedSite> sites;
-  ListedSite site;
-  std::string fault;
-  for (const std::string& host : given) {
-    if (!read_site(host_in(host), scope, site, fault)) {
-      print_error("not a host name: " + in_quotes(host) + ": " + fault);
-    } else if (fault = scope_fault(site); !fault.empty()) {
-      print_error("not a site: " + in_quotes(host) + ": " + fault);
-    } else {
-      sites.push_back(site);
-    }
-  }
-  const size_t refused = given.size() - sites.size();
-  if (refused > 0)
-    throw InputError("nothing was changed: " + std::to_string(refused) + " of " +
-                     counted(given.size(), "name", "names") + " refused: correct the names above");
-  return sites;
-}
-
-// For a host without a blocking line of its own: which line decides about the host, and what to do.
-std::string not_blocked_text(const BlockList& list, const std::string& host, Moment now) {
-  const Decision decision = decide(list, host, now);
-  if (decision.exception != nullptr)
-    return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
-           ": to end the exception: orvanectl disallow " + decision.exception->host;
-  const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
-  if (site == nullptr) site = decision.inactive;
-  if (site == nullptr) return "see orvanectl list";
-  if (site->group != kDefaultGroup)
-    return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + list.groupOf(*site).name +
-           ": give " + site->host + " --group " + list.groupOf(*site).name;
-  return "it is covered by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
-         "; to change the whole line, give " + site->host;
-}
-
-// Returns the sites on the list that have the given hosts: with `exceptions`, only exceptions, otherwise only sites
-// that are not exceptions. Reports each host that has no such site, and then throws InputError.
-std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, const std::vector<ListedSite>& given,
-                                     bool exceptions, Moment now) {
-  std::vector<ListedSite> sites;
-  std::set<const ListedSite*> seen;
-  size_t unknown = 0;
-  for (const ListedSite& each : given) {
-    const std::string& host = each.host;
-    const ListedSite* site = list.find(host, group);
-    if (site != nullptr && (site->scope == Scope::Exception) == exceptions) {
-      if (seen.insert(site).second) sites.push_back(*site);
-    } else {
-      ++unknown;
-      print_error(exceptions ? "no exception: " + in_quotes(host) + ": see orvanectl list"
-                             : "not on the list: " + in_quotes(host) + ": " + not_blocked_text(list, host, now));
-    }
-  }
-  if (unknown > 0)
-    throw InputError("nothing was changed: " + std::to_string(unknown) + " of " +
-                     counted(given.size(), "host", "hosts") + " not on the list: leave out the hosts above");
-  return sites;
-}
-
-// Finds the sites with the hosts that the command line gives.
-FindSites given_sites(const Arguments& arguments, Moment now, bool exceptions) {
-  return [=, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list, GroupIndex group) {
-    return listed_sites(list, group, hosts, exceptions, now);
-  };
-}
-
-// Reads the hosts of a file in one of the forms that import reads.
-std::vector<ListedSite> sites_of_file(const std::string& file) {
-  const std::string source = file == "-" ? "standard input" : file;
-  const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
-    print_error("passed over: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
-  };
-  ImportedSites read = read_import(read_input(file), {{}, std::string(kDefaultGroupName)}, rejected, nullptr);
-  if (read.sites.empty())
-    throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
-  return {std::make_move_iterator(read.sites.begin()), std::make_move_iterator(read.sites.end())};
-}
-
-// Finds the sites that are on the list: all sites, or those with the given hosts. `source` says where the given hosts
-// come from; those that are not on the list are only counted. With `exceptions`, selects only exceptions, otherwise
-// only sites that are not exceptions.
-FindSites all_sites(bool exceptions) {
-  return [=](const BlockList& list, GroupIndex group) {
-    std::vector<ListedSite> sites = list.sites();
-    std::erase_if(sites, [&](const ListedSite& site) {
-      return site.group != group || (site.scope == Scope::Exception) != exceptions;
-    });
-    return sites;
-  };
-}
-FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string& source, bool exceptions) {
-  return [=](const BlockList& list, GroupIndex group) {
-    std::vector<ListedSite> sites;
-    for (const ListedSite& each : given) {
-      const ListedSite* site = list.find(each.host, group);
-      if (site != nullptr && (site->scope == Scope::Exception) == exceptions) sites.push_back(*site);
-    }
-    if (sites.size() < given.size())
-      print_error("passed over: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
-                  " that the list does not have");
-    return sites;
-  };
-}
-
-// Finds the sites that the command line selects: those with the given hosts, those with the hosts of a file or of sites
-// of the catalogue, or all.
-Selection selected_sites(const CommonOptions& options, const Arguments& arguments, const char* command, Moment now,
-                         bool exceptions = false) {
-  const bool isCatalogued = arguments.catalogued.isGiven();
-  if ((arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) +
-          (isCatalogued ? 1 : 0) !=
-      1)
-    throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all, or " +
-                     (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
-  if (arguments.all) return {all_sites(exceptions)};
-  if (!arguments.hosts.empty()) return {given_sites(arguments, now, exceptions)};
-  if (!isCatalogued) return {sites_on_list(sites_of_file(arguments.from), in_quotes(arguments.from), exceptions)};
-  std::vector<CatalogueSite> chosen = chosen_sites(options, arguments.catalogued);
-  const std::string source = chosen.size() == 1 ? chosen.front().name : counted(chosen.size(), "site", "sites");
-  FindSites find = sites_on_list(hosts_of(chosen), source, exceptions);
-  return {std::move(find), std::move(chosen)};
-}
-
-// Finds the sites that the command line names, each once, with the given scope, and the hosts of the chosen sites of
-// the catalogue, with their own scopes. They need not be on the list.
-Selection new_sites(const CommonOptions& options, const Arguments& arguments, Scope scope) {
-  std::vector<ListedSite> sites = checked_sites(arguments.hosts, scope);
-  std::vector<CatalogueSite> chosen;
-  if (arguments.catalogued.isGiven()) chosen = chosen_sites(options, arguments.catalogued);
-  for (ListedSite& host : hosts_of(chosen)) sites.push_back(std::move(host));
-  return {[sites = std::move(sites)](const BlockList&, GroupIndex group) {
-            std::vector<ListedSite> unique;
-            std::set<std::string_view> seen;
-            for (const ListedSite& site : sites) {
-              if (!seen.insert(site.host).second) continue;
-              unique.push_back(site);
-              unique.back().group = group;
-            }
-            return unique;
-          },
-          std::move(chosen)};
-}
 
 void print_change(const Change& change) {
   std::string line = site_text(change.site);
@@ -285,30 +110,92 @@ void print_changes(std::span<const Change> changes) {
   }
 }
 
-void print_changes_json(const std::vector<Change>& changes, std::optional<bool> inForce, Moment now) {
+void print_changes_json(const std::vector<Change>& changes, std::optional<bool> isSent, Moment now) {
   nlohmann::json sites = nlohmann::json::array();
+  std::vector<HeldBack> heldBack;
   size_t changed = 0;
   for (const Change& change : changes) {
     nlohmann::json site = site_json(change.site, now);
     site["changed"] = change.changed;
     if (!change.otherLine.empty()) site["otherLine"] = change.otherLine;
     if (change.origin != nullptr) site["site"] = change.origin->id;
+    if (change.heldBack) site["heldBack"] = to_json(*change.heldBack);
+    add_unique(heldBack, change.heldBack);
     sites.push_back(std::move(site));
     changed += change.changed ? 1 : 0;
   }
-  print_json({{"sites", std::move(sites)}, {"changed", changed}, {"inForce", json_or_null(inForce)}});
+  nlohmann::json result{{"sites", std::move(sites)}, {"changed", changed}};
+  add_effect(result, isSent, heldBack);
+  print_json(result);
 }
 
-// If the command lets a host pass: finds the line that blocks the host all the same. If the command blocks a host:
-// finds the exception that lets the host pass all the same.
-void find_opposite_line(const BlockList& list, Change& change, Moment now, const GroupStates& states) {
-  const Decision decision = decide(list, change.site.host, now, states);
-  const bool isOpposed =
-      change.isMeantToBlock ? decision.blocking != nullptr && decision.exception != nullptr : decision.isBlocked();
-  if (!isOpposed) return;
-  const ListedSite& other = change.isMeantToBlock ? *decision.exception : *decision.blocking;
-  change.otherLine = line_of(other);
-  change.otherGroup = list.groupOf(other).name;
+// For each host that the command lets pass: finds the line that blocks the host all the same. For each host that it
+// blocks: finds the exception that lets the host pass all the same.
+void find_opposite_lines(const BlockList& list, Moment now, std::vector<Change>& changes) {
+  const GroupStates states = group_states(list, now);
+  // Most lists have no exceptions, and after `suspend --all` nothing is blocked. Then there is nothing to find, and
+  // looking for it would take most of the time of a command that changes a large list.
+  bool hasExceptions = false, hasBlocked = false;
+  list.forEachSite([&](const ListedSite& site) {
+    if (!states.isInForce[site.group]) return;
+    hasExceptions = hasExceptions || site.scope == Scope::Exception;
+    hasBlocked = hasBlocked || (site.scope != Scope::Exception && !site.isSuspended(now));
+  });
+  for (Change& change : changes) {
+    if (change.isMeantToBlock ? !hasExceptions : !hasBlocked) continue;
+    const Decision decision = decide(list, change.site.host, now, states);
+    const bool isOpposed =
+        change.isMeantToBlock ? decision.blocking != nullptr && decision.exception != nullptr : decision.isBlocked();
+    if (!isOpposed) continue;
+    const ListedSite& other = change.isMeantToBlock ? *decision.exception : *decision.blocking;
+    change.otherLine = line_of(other);
+    change.otherGroup = list.groupOf(other).name;
+  }
+}
+
+// For each of the sites that a command is about to change: what holds the change back if it makes the site blocked, and
+// if it lets the host pass.
+struct SiteHeldBack {
+  MaybeHeldBack blocking, removal;
+};
+std::vector<SiteHeldBack> find_what_holds_back(const CommonOptions& options, const BlockList& list, GroupIndex group,
+                                               const std::optional<KeeperState>& keeper, Moment now,
+                                               const std::vector<ListedSite>& sites) {
+  const auto state = states_of_groups(list, keeper, now)[group];
+  std::vector<SiteHeldBack> results(sites.size(), {blocking_held_back(list.groups()[group], state),
+                                                   removal_held_back(list.groups()[group], state, now)});
+  std::vector<ListedSite> exceptions;
+  for (const ListedSite& site : sites) {
+    if (site.scope == Scope::Exception) exceptions.push_back(site);
+  }
+  if (exceptions.empty()) return results;
+  const auto inForce = list_in_force(options, keeper);
+  const auto found = exceptions_held_back(inForce ? *inForce : list, exceptions, keeper, now);
+  for (size_t i = 0, next = 0; i < sites.size(); ++i) {
+    if (sites[i].scope != Scope::Exception) continue;
+    if (found[next]) results[i].removal = found[next];
+    ++next;
+  }
+  return results;
+}
+
+// If the command lets a host pass: says which read-only list blocks it all the same. Only for a few changes, because
+// large lists must be read.
+void note_lists_beside(std::vector<Change>& changes, const std::optional<KeeperState>& keeper) {
+  constexpr size_t kMostNoted = 20;
+  if (changes.size() > kMostNoted) return;
+  ListsBeside lists(keeper);
+  for (Change& change : changes) {
+    if (change.isMeantToBlock || !change.otherLine.empty()) continue;
+    const std::string& host = change.site.host;
+    const auto line = lists.blockingLine(host);
+    if (!line) continue;
+    if (line->rank == Rank::Fixed) {
+      change.outcome += "; but " + line_text(*line) + " still blocks it, on which this command has no effect";
+    } else if (change.site.scope != Scope::Exception && !(change.site.until && line->site.host == host)) {
+      change.outcome += "; but " + line_text(*line) + " still blocks it: orvanectl allow " + host;
+    }
+  }
 }
 
 int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const Selection& selection,
@@ -320,29 +207,30 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     changes.clear();
     bool changed = false;
     const GroupIndex group = find_group(list, arguments.group);
-    const std::string delay = delay_note(list.groups()[group]);
-    const auto state = states_of_groups(list, keeper, now)[group];
-    const std::string outOfForce =
-        state.isInForce ? "" : "; but the group " + state.name + " is " + state_text(list.groups()[group], state, now);
-    for (ListedSite& site : selection.find(list, group)) {
-      changes.push_back(change(list, std::move(site)));
-      changes.back().origin = selection.originOf(changes.back().site.host);
-      changed = changed || changes.back().changed;
-      changes.back().outcome += changes.back().isMeantToBlock ? outOfForce : delay;
+    std::vector<ListedSite> found = selection.find(list, group);
+    const auto heldBack = find_what_holds_back(options, list, group, keeper, now, found);
+    for (size_t i = 0; i < found.size(); ++i) {
+      Change& made = changes.emplace_back(change(list, std::move(found[i])));
+      made.origin = selection.originOf(made.site.host);
+      made.heldBack = made.isMeantToBlock ? heldBack[i].blocking : heldBack[i].removal;
+      made.outcome += held_back_text(made.heldBack, now);
+      changed = changed || made.changed;
     }
     // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides
     // about a site that was changed earlier.
-    const GroupStates states = group_states(list, now);
-    for (Change& each : changes) find_opposite_line(list, each, now, states);
+    find_opposite_lines(list, now, changes);
     sites = list.size();
     return changed;
   });
+  note_lists_beside(changes, keeper);
   if (!options.json) {
+    if (changes.empty())
+      std::printf("nothing to change: the group %s has %s\n", arguments.group.c_str(), selection.none);
     print_changes(changes);
     std::fflush(stdout);
   }
-  const std::optional<bool> inForce = wait_for_keeper(options, version, sites);
-  if (options.json) print_changes_json(changes, inForce, now);
+  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
+  if (options.json) print_changes_json(changes, isSent, now);
   return kDone;
 }
 
@@ -384,34 +272,17 @@ int block(const CommonOptions& options, const Arguments& arguments) {
   return code;
 }
 
-// For a new exception: says when it has an effect, if a group other than its own blocks the host and has a lock or a
-// delay. Otherwise empty.
-std::string guard_note(const BlockList& list, const ListedSite& site, const std::optional<KeeperState>& keeper,
-                       Moment now) {
-  for (size_t i = 0; i < list.groups().size(); ++i) {
-    const Group& group = list.groups()[i];
-    const bool isLocked = lock_end(keeper, group.name).has_value();
-    if (i == site.group || (!isLocked && group.delay.count() == 0)) continue;
-    GroupStates onlyThis{std::vector<bool>(list.groups().size()), {}};
-    onlyThis.isInForce[i] = true;
-    const Decision decision = decide(list, site.host, now, onlyThis);
-    if (decision.blocking == nullptr && decision.suspended == nullptr) continue;
-    return isLocked ? "; has no effect until the lock of the group " + group.name + " ends" : delay_note(group);
-  }
-  return "";
-}
-
 int allow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  const auto keeper = keeper_of_list(options);
   refuse_if_locked(options, arguments.group, "add exceptions");
+  ListsBeside beside(keeper_of_list(options));
   return change_list(
       options, arguments, now, new_sites(options, arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
         const ListedSite* found = list.find(site.host, site.group);
         std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
         const bool changed = list.put(site);
-        if (decide(list, site.host, now).blocking == nullptr) outcome += "; no line blocks it now";
-        outcome += guard_note(list, site, keeper, now);
+        if (decide(list, site.host, now).blocking == nullptr && !beside.blockingLine(site.host))
+          outcome += "; no line blocks it now";
         return Change{std::move(site), changed, std::move(outcome), false};
       });
 }
@@ -442,6 +313,7 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment end = read_end_time(arguments.end, options, now);
+  std::map<Moment, std::string> texts;  // for all sites of a large list, mostly the same one
   return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
     // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
     // that it lasts as long as the user asked.
@@ -452,7 +324,9 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
                        in_quotes(group.name) + " has a delay of " + duration_text(group.delay) + ": give a later time");
     site.until = until;
     const bool changed = list.put(site);
-    return Change{std::move(site), changed, "not blocked " + suspension_text(until, now), false};
+    std::string& text = texts[until];
+    if (text.empty()) text = "not blocked " + suspension_text(until, now);
+    return Change{std::move(site), changed, text, false};
   });
 }
 
@@ -467,28 +341,70 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
                      });
 }
 
-// Reads the part of the list that the command line asks for. Reports the bad lines of the whole list.
-BlockList read_and_report(const CommonOptions& options, const Arguments& arguments) {
-  StoredList stored = read_list(options.listPath);
-  report_bad_lines(stored.list, options.listPath);
-  if (!arguments.shownGroup) return std::move(stored.list);
-  const GroupIndex group = find_group(stored.list, *arguments.shownGroup);
-  BlockList shown;
-  const GroupIndex copy = copy_settings(stored.list.groups()[group], shown);
-  stored.list.forEachSite([&](ListedSite site) {
-    if (std::exchange(site.group, copy) == group) shown.put(std::move(site));
+// The path of the read-only list with this name, which may be its path, or its file's name without the ending.
+std::string read_only_path(const CommonOptions& options, const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  for (const std::string& folder : {options.dropInsPath, options.subscriptionsPath}) {
+    for (const char* ending : {"", ".list"}) {
+      std::string path = folder + "/" + name + ending;
+      if (path.ends_with(".list") && !list_version(path).empty()) return path;
+    }
+  }
+  throw InputError("no such list: " + in_quotes(name) + ": see orvanectl status");
+}
+
+StoredList read_shown_list(const CommonOptions& options, const Arguments& arguments) {
+  const std::string path =
+      arguments.shownList.empty() ? options.listPath : read_only_path(options, arguments.shownList);
+  StoredList stored = read_list(path);
+  report_bad_lines(stored.list, path);
+  return stored;
+}
+
+// The sites and settings of one group.
+BlockList part_of(const BlockList& list, GroupIndex group) {
+  BlockList part;
+  const GroupIndex copy = copy_settings(list.groups()[group], part);
+  list.forEachSite([&](ListedSite site) {
+    if (std::exchange(site.group, copy) == group) part.put(std::move(site));
   });
-  return shown;
+  return part;
+}
+
+// Reads the part of the list that the command line asks for. Reports the bad lines of the whole list.
+// `mayBeGone`: the list need not have the group.
+BlockList read_and_report(const CommonOptions& options, const Arguments& arguments, bool mayBeGone = false) {
+  StoredList stored = read_shown_list(options, arguments);
+  if (!arguments.shownGroup) return std::move(stored.list);
+  if (mayBeGone && !stored.list.findGroup(*arguments.shownGroup)) return {};
+  return part_of(stored.list, find_group(stored.list, *arguments.shownGroup));
+}
+
+void print_lists_beside(const std::optional<KeeperState>& keeper) {
+  if (!keeper) return;
+  for (const auto& list : keeper->readOnlyLists) {
+    const std::string text = in_quotes(list.path) + ": " + counted(list.names, "name", "names") +
+                             (list.isInForce ? ", in force, too" : ", not in force");
+    std::printf("%s\n", coloured(text, Colour::Faint).c_str());
+  }
 }
 
 int list(const CommonOptions& options, const Arguments& arguments) {
-  const BlockList list = read_and_report(options, arguments);
+  const Moment now = now_in_seconds();
+  const bool isOwn = arguments.shownList.empty();  // not a read-only list
+  const auto keeper = isOwn ? keeper_of_list(options) : std::nullopt;
+  auto heldList = list_in_force(options, keeper);
+  const auto heldGroup = heldList && arguments.shownGroup ? heldList->findGroup(*arguments.shownGroup) : std::nullopt;
+  if (heldList && arguments.shownGroup) heldList = heldGroup ? part_of(*heldList, *heldGroup) : BlockList();
+  const BlockList list = read_and_report(options, arguments, heldGroup.has_value());
+  const ListInForce inForce = isOwn ? find_in_force(list, keeper, heldList, now) : ListInForce();
   if (options.json) {
-    print_sites_json(list, now_in_seconds());
+    print_sites_json(list, isOwn ? &inForce : nullptr, now);
   } else if (isatty(STDOUT_FILENO) == 1) {
-    print_table(list, now_in_seconds());
+    print_table(list, inForce, now);
+    print_lists_beside(keeper);
   } else {
-    print_file(list);
+    print_file(list, &inForce, now);
   }
   return kDone;
 }
@@ -496,11 +412,11 @@ int list(const CommonOptions& options, const Arguments& arguments) {
 int export_list(const CommonOptions& options, const Arguments& arguments) {
   const BlockList list = read_and_report(options, arguments);
   if (options.json) {
-    print_sites_json(list, now_in_seconds());
+    print_sites_json(list, nullptr, now_in_seconds());
   } else if (arguments.hostsOnly) {
     print_hosts(list);
   } else {
-    print_file(list);
+    print_file(list, nullptr, now_in_seconds());
   }
   return kDone;
 }
@@ -553,7 +469,9 @@ void declare_list_commands(CommandSet& commands) {
     command->add_option("--group", arguments->shownGroup, "Only this group")->type_name("GROUP");
     return command;
   };
-  showGroup(declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list));
+  showGroup(declare("list", "Print the list: a table on a terminal, otherwise the lines of its file", list))
+      ->add_option("--from", arguments->shownList, "A read-only list, in place of the machine's list")
+      ->type_name("NAME");
 
   arguments->end.declare(
       *takeSites(takeListed(declare("suspend", "Unblock sites for a while", suspend), kSites, kAllSites)));

@@ -1,6 +1,5 @@
 #include "companion/commands/Status.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -12,11 +11,15 @@
 #include "companion/client/UnitState.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/KeeperCommands.h"
+#include "companion/commands/SubscriptionCommands.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/subscriptions/FetcherState.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
+#include "companion/text/Version.h"
 
 namespace orvane {
 namespace {
@@ -29,13 +32,15 @@ struct Status {
   std::optional<KeeperState> keeper;
   std::optional<UnitState> extensionService, keeperService;
   std::optional<RecognitionFault> browsers;
+  std::vector<SubscriptionState> subscriptions;
 
-  bool isInForce() const {
+  // Whether the extension has the names of the lists, and recognises browsers.
+  bool hasExtension() const {
     // `extension.answers` is not required: an extension that refuses this user may still answer the keeper.
-    return keeper && keeper->connected && !keeper->listError && !keeper->extensionError &&
-           keeper->sentVersion == keeper->listVersion && !extension.isUnresponsive &&
+    return keeper && keeper->connected && !keeper->extensionError && !extension.isUnresponsive &&
            !(browsers && browsers->isInForce);
   }
+  bool isInForce() const { return hasExtension() && !keeper->listError && keeper->sentVersion == keeper->listVersion; }
 };
 
 nlohmann::json json_of(const std::optional<UnitState>& service) {
@@ -50,6 +55,47 @@ nlohmann::json json_of(const std::optional<UnitState>& service) {
           {"restarts", service->restarts}};
 }
 
+// All lists of the keeper, each with the same members.
+nlohmann::json lists_json(const Status& status, Moment now) {
+  nlohmann::json lists = nlohmann::json::array();
+  if (!status.keeper) return lists;
+  const KeeperState& keeper = *status.keeper;
+  const auto add = [&](const char* kind, const KeeperState::ListState& list) {
+    nlohmann::json age;
+    if (list.modified) age = (now - *list.modified).count();
+    lists.push_back({{"path", list.path},
+                     {"kind", kind},
+                     {"names", list.names},
+                     {"badLines", list.badLines},
+                     {"sha256", list.sha256.empty() ? nlohmann::json() : nlohmann::json(list.sha256)},
+                     {"modified", json_or_null(list.modified)},
+                     {"age", age},
+                     {"inForce", status.hasExtension() && list.isInForce},
+                     {"error", json_or_null(list.error)}});
+  };
+  KeeperState::ListState own;
+  own.path = keeper.listPath;
+  own.names = keeper.sites;
+  own.badLines = keeper.badLines;
+  own.sha256 = keeper.listSha256;
+  own.modified = keeper.listModified;
+  own.isInForce = keeper.sentVersion == keeper.listVersion;
+  own.error = keeper.listError;
+  add("machine", own);
+  for (const auto& list : keeper.readOnlyLists) add(list.isDropIn ? "drop-in" : "subscription", list);
+  return lists;
+}
+
+nlohmann::json subscriptions_json(const Status& status) {
+  nlohmann::json subscriptions = nlohmann::json::array();
+  for (const SubscriptionState& each : status.subscriptions)
+    subscriptions.push_back({{"name", each.name},
+                             {"names", each.names},
+                             {"checked", json_or_null(each.checked)},
+                             {"error", json_or_null(each.error)}});
+  return subscriptions;
+}
+
 nlohmann::json json_of(const Status& status) {
   const ExtensionProbe& extension = status.extension;
   nlohmann::json answer = {{"answers", extension.answers}};
@@ -59,10 +105,13 @@ nlohmann::json json_of(const Status& status) {
     answer["error"] = extension.error;
   }
   return {
+      {"version", program_version()},
       {"inForce", status.isInForce()},
+      {"lists", lists_json(status, now_in_seconds())},
       {"extension", std::move(answer)},
       {"noBrowserRecognised", status.browsers ? nlohmann::json(status.browsers->text) : nlohmann::json()},
       {"keeper", status.keeper ? to_json(*status.keeper) : nlohmann::json()},
+      {"subscriptions", subscriptions_json(status)},
       {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
 }
 
@@ -137,6 +186,23 @@ std::vector<std::string> list_lines(const KeeperState& keeper) {
   return lines;
 }
 
+// One line for each read-only list, with its errors.
+std::vector<std::string> read_only_lines(const KeeperState& keeper, Moment now) {
+  std::vector<std::string> lines;
+  for (const auto& list : keeper.readOnlyLists) {
+    std::string line = in_quotes(list.path) + ": " + counted(list.names, "name", "names");
+    if (list.modified) line += ", changed " + duration_text(now - *list.modified) + " ago";
+    if (list.isSuspendable) line += ", suspendable";
+    if (list.badLines > 0)
+      line += ", " + coloured(counted(list.badLines, "bad line", "bad lines"), Colour::Warning) + " ignored";
+    lines.push_back(std::move(line));
+    if (list.error)
+      lines.push_back(coloured(list.isInForce ? "still uses its previous version" : "not in force", Colour::Bad) +
+                      ": " + *list.error);
+  }
+  return lines;
+}
+
 // One line for each group, unless all that there is to say is that the default group is in force.
 std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
@@ -150,7 +216,7 @@ std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
 std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   if (!keeper.sentVersion) return {coloured("nothing", Colour::Bad)};
   std::string text = counted(keeper.sentNames, "name", "names");
-  if (keeper.sentAt) text += ", " + duration_text(std::max(now - *keeper.sentAt, std::chrono::seconds(0))) + " ago";
+  if (keeper.sentAt) text += ", " + duration_text(now - *keeper.sentAt) + " ago";
   std::vector<std::string> lines{text};
   if (keeper.sentVersion != keeper.listVersion)
     lines.push_back(coloured("an older version of the list", Colour::Warning));
@@ -171,7 +237,19 @@ std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) 
       break;
     }
     lines.push_back(name.substr(name.starts_with('.') ? 1 : 0) + " until " + local_text(until, now) + ", " +
-                    duration_text(std::max(until - now, std::chrono::seconds(0))) + " left");
+                    duration_text(until - now) + " left");
+  }
+  return lines;
+}
+
+// One line for each subscription, with its last error.
+std::vector<std::string> subscription_lines(const std::vector<SubscriptionState>& subscriptions, Moment now) {
+  std::vector<std::string> lines;
+  for (const SubscriptionState& each : subscriptions) {
+    std::string line = each.name + ": " + counted(each.names, "name", "names");
+    if (each.checked) line += ", confirmed " + duration_text(now - *each.checked) + " ago";
+    lines.push_back(std::move(line));
+    if (each.error) lines.push_back(coloured("last fetch", Colour::Bad) + ": " + *each.error);
   }
   return lines;
 }
@@ -183,8 +261,10 @@ void print_status(const Status& status) {
               inForce ? "The list is in force." : "The list is not in force.");
   print_part("Extension", extension_lines(status, now));
   print_part("Keeper", keeper_lines(status, now));
+  print_part("Fetched", subscription_lines(status.subscriptions, now));
   if (!status.keeper) return;
   print_part("List", list_lines(*status.keeper));
+  print_part("Read-only", read_only_lines(*status.keeper, now));
   print_part("Groups", group_lines(*status.keeper, now));
   print_part("Sent", sent_lines(*status.keeper, now));
   print_part("Suspended", suspended_lines(*status.keeper, now));
@@ -194,7 +274,12 @@ void print_status(const Status& status) {
 
 int show_status(const CommonOptions& options) {
   Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath), unit_state(kExtensionUnit),
-                unit_state(kKeeperUnit), recognition_fault(options.client)};
+                unit_state(kKeeperUnit),         recognition_fault(options.client),          {}};
+  try {
+    status.subscriptions = read_fetcher_state(fetcher_folder(options)).subscriptions;
+  } catch (const FileError& error) {
+    print_error(error.what());
+  }
   if (status.keeper && status.extension.answers) add_later_changes(*status.keeper, status.extension.changes);
   if (options.json) {
     print_json(json_of(status));

@@ -14,6 +14,7 @@
 #include "companion/doctor/DoctorBrowsers.h"
 #include "companion/doctor/DoctorFacts.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
@@ -83,6 +84,39 @@ std::string decision_text(const BlockList& list, const std::string& host, const 
   return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
 }
 
+// What the read-only lists decide about the host; no text if they decide nothing.
+struct BesideDecision {
+  std::string text;
+  std::optional<LineBeside> line;  // the line that decides, if it is on a read-only list
+};
+BesideDecision decide_beside(const BlockList& list, const std::vector<ListPart>& parts, const std::string& host,
+                             const Decision& own, bool isBlocked, Verdict verdict) {
+  const auto find = [&](Rank rank, bool isException) { return find_line(parts, rank, isException, host); };
+  const auto fixed = find(Rank::Fixed, false), open = find(Rank::Open, false);
+  const char* const kBlocks = verdict == Verdict::Blocked ? "blocked on ports 80 and 443 by " : "covered by ";
+  if (isBlocked && fixed) return {kBlocks + line_text(*fixed), fixed};
+  const std::string inVain = own.exception == nullptr ? ""
+                                                      : "; the exception " + in_quotes(line_of(*own.exception)) +
+                                                            " has no effect, because it concerns a name of an "
+                                                            "administrator's list";
+  if (isBlocked && own.blocking != nullptr) return {kBlocks + line_text(list, *own.blocking) + inVain, {}};
+  if (isBlocked && open) return {kBlocks + line_text(*open) + inVain, open};
+  if (!fixed && !open && own.blocking == nullptr) return {};
+  const std::string covering = fixed                     ? line_text(*fixed)
+                               : own.blocking != nullptr ? line_text(list, *own.blocking)
+                                                         : line_text(*open);
+  const std::string although = ", although " + covering + " covers it";
+  if (const auto exception = find(Rank::Fixed, true))
+    return {"allowed by " + line_text(*exception) + although, exception};
+  if (own.exception != nullptr)
+    return {"allowed by the exception " + in_quotes(line_of(*own.exception)) + although, {}};
+  if (const auto exception = find(Rank::Open, true))
+    return {"allowed by " + line_text(*exception) + although, exception};
+  if (own.suspended != nullptr)
+    return {"covered by " + covering + ", but suspended with " + line_text(list, *own.suspended), {}};
+  return {};
+}
+
 // The line that decides about the host; null if there is none.
 const ListedSite* deciding_site(const Decision& decision) {
   if (decision.blocking == nullptr) return decision.suspended != nullptr ? decision.suspended : decision.inactive;
@@ -110,17 +144,18 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
                              keeper->listError.value_or(keeper->extensionError.value_or("try again in a moment"))};
 }
 
-Verdict verdict_of(const Decision& decision, Delivery::State delivery) {
+Verdict verdict_of(bool isBlocked, Delivery::State delivery) {
   using State = Delivery::State;
   if (delivery == State::NothingBlocked) return Verdict::NotBlocked;
   if (delivery != State::InForce) return Verdict::Unknown;
-  return decision.isBlocked() ? Verdict::Blocked : Verdict::NotBlocked;
+  return isBlocked ? Verdict::Blocked : Verdict::NotBlocked;
 }
 
 }  // namespace
 
 int try_host(const CommonOptions& options, const std::string& given) {
   std::string name, fault;
+  note_ignored_port(given);
   if (!normalize_hostname(host_in(given), name, fault))
     throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
 
@@ -129,18 +164,24 @@ int try_host(const CommonOptions& options, const std::string& given) {
   const ExtensionProbe extension = probe_extension(options.client);
   std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
   if (keeper && extension.answers) add_later_changes(*keeper, extension.changes);
-  const auto ofList = keeper_of_list(options);
-  const bool isGuarded = ofList && ofList->isGuarded;
-  const BlockList list = isGuarded ? read_list(list_in_force_path(options.keeperStatePath)).list : stored.list;
+  const auto ofList = keeper && keeps_list(*keeper, options) ? keeper : std::nullopt;
+  auto inForce = list_in_force(options, ofList);
+  const BlockList list = inForce ? *std::move(inForce) : stored.list;
   const auto groups = states_of_groups(list, ofList, now);
-  const Decision decision = decide(list, name, now, in_force(groups));
+  const GroupStates states = in_force(groups);
+  const Decision decision = decide(list, name, now, states);
+  const std::vector<ListPart> parts = ListsBeside(ofList).partsAbout(name);
+  const bool isBlocked = parts.empty() ? decision.isBlocked() : is_blocked(list, parts, name, now, states);
   Delivery delivery = delivery_of(stored.version, keeper, extension);
   const auto unrecognised = recognition_fault(options.client);
   if (unrecognised && unrecognised->isInForce)
     delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
-  const Verdict verdict = verdict_of(decision, delivery.state);
+  const Verdict verdict = verdict_of(isBlocked, delivery.state);
+  BesideDecision beside;
+  if (!parts.empty()) beside = decide_beside(list, parts, name, decision, isBlocked, verdict);
+  if (beside.text.empty()) beside.text = decision_text(list, name, decision, verdict, groups, now);
 
-  std::vector<std::string> reasons{decision_text(list, name, decision, verdict, groups, now), delivery.text};
+  std::vector<std::string> reasons{beside.text, delivery.text};
   if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
     reasons.push_back(
         "but other clients have edited what the extension holds, and the extension cannot list its names");
@@ -153,8 +194,12 @@ int try_host(const CommonOptions& options, const std::string& given) {
   const VerdictName shown = name_of(verdict);
   if (options.json) {
     nlohmann::json json{{"host", name}, {"verdict", shown.text}, {"reasons", reasons}};
-    for (const char* member : {"site", "group", "line", "suspendedUntil"}) json[member] = nullptr;
-    if (const ListedSite* site = deciding_site(decision)) {
+    for (const char* member : {"site", "group", "line", "list", "suspendedUntil"}) json[member] = nullptr;
+    if (beside.line) {
+      json["site"] = beside.line->site.host;
+      json["line"] = line_of(beside.line->site);
+      json["list"] = beside.line->path;
+    } else if (const ListedSite* site = deciding_site(decision)) {
       json["site"] = site->host;
       json["group"] = list.groupOf(*site).name;
       json["line"] = line_of(*site);

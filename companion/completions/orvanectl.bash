@@ -1,8 +1,9 @@
 # Completes orvanectl in bash. Uses the functions of bash-completion.
 
-# Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
+# Completes hosts of the list: of the group $1 or, without it, of all groups. If the user may not read the list, offers
+# no hosts and prints no error.
 _orvanectl_hosts() {
-  mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export 2>/dev/null |
+  mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export ${1:+--group "$1"} 2>/dev/null |
     typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
 }
 
@@ -17,21 +18,28 @@ _orvanectl_sites() {
     awk -v column="${1:-1}" '{ print $column }' | sort -u)"
 }
 
+_orvanectl_subscriptions() {
+  _orvanectl_words "$(orvanectl ${list:+--list "$list"} subscriptions 2>/dev/null |
+    awk 'NR > 1 { print $1 }')"
+}
+
 _orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
 
 _orvanectl() {
   local cur prev words cword split
   _init_completion -s || return
 
-  # Find the command (the words that are neither options nor values of options), the list and the catalogue.
-  local command='' list='' catalogue='' i
+  # Find the command (the words that are neither options nor values of options), the list, the group and the catalogue.
+  local command='' list='' group=default catalogue='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
       --list) list=${words[++i]} ;;
       --list=*) list=${words[i]#*=} ;;
+      --group) group=${words[++i]} ;;
+      --group=*) group=${words[i]#*=} ;;
       --catalogue) catalogue=${words[++i]} ;;
       --catalogue=*) catalogue=${words[i]#*=} ;;
-      --service | --socket | --state | --from | --for | --until | --dont-block-until | --interval | --group | --site | --category)
+      --service | --socket | --state | --drop-ins | --fetched | --from | --for | --since | --until | --dont-block-until | --interval | --site | --category | --name | --every | --key)
         ((i++))
         ;;
       -*) ;;
@@ -45,31 +53,36 @@ _orvanectl() {
   done
 
   case $prev in
-    --list | --socket | --state | --from) _filedir; return ;;
-    --catalogue) _filedir -d; return ;;
+    --list | --socket | --state | --from | --key) _filedir; return ;;
+    --catalogue | --drop-ins | --fetched) _filedir -d; return ;;
     --site) _orvanectl_sites; return ;;
     --category) _orvanectl_sites 2; return ;;
     --group) _orvanectl_groups; return ;;
     --for) _orvanectl_words '15m 30m 1h 2h 1d'; return ;;
+    --since) _orvanectl_words 'today yesterday monday'; return ;;
     --until) _orvanectl_words '18:00 monday'; return ;;
-    --service | --dont-block-until | --interval) return ;;
+    --every) _orvanectl_words '1h 6h 12h 24h 7d'; return ;;
+    --service | --dont-block-until | --interval | --name) return ;;
   esac
   $split && return
 
   if [[ $cur == -* ]]; then
-    local options='--help --json --catalogue --list --service --socket --state'
+    local options='--help --json --catalogue --drop-ins --fetched --list --service --socket --state'
     case $command in
       '') options+=' --version' ;;
       block) options+=' --exact --group --site --category' ;;
       allow) options+=' --group' ;;
       import) options+=' --subdomains --exact --group --replace --undo' ;;
-      list) options+=' --group' ;;
+      list) options+=' --from --group' ;;
       export) options+=' --group --hosts' ;;
       suspend) options+=' --all --from --group --site --category --for --until' ;;
       unblock | resume) options+=' --all --from --group --site --category' ;;
       disallow) options+=' --all --from --group' ;;
+      subscribe) options+=' --name --group --every --key --insecure' ;;
+      refresh) options+=' --accept' ;;
       'sites list') options+=' --category' ;;
       lock) options+=' --group --for --until' ;;
+      statistics) options+=' --since --until --all --plot' ;;
       properties) options+=' --dont-block-until' ;;
       watch) options+=' --interval' ;;
     esac
@@ -77,8 +90,9 @@ _orvanectl() {
     return
   fi
 
-  local commands='block unblock allow disallow list suspend resume import export sites group lock status try keep doctor
-    browsers ping state changes start stop add remove set properties watch call help'
+  local commands='block unblock allow disallow list suspend resume import export subscribe unsubscribe
+    subscriptions refresh sites group lock status try keep doctor
+    statistics browsers ping state changes start stop add remove set properties watch call help'
   case $command in
     '' | help) _orvanectl_words "$commands" ;;
     sites) _orvanectl_words 'list show search' ;;
@@ -89,7 +103,9 @@ _orvanectl() {
       ;;
     browsers) _orvanectl_words 'policy' ;;
     'browsers policy') _orvanectl_words 'install remove show' ;;
-    unblock | disallow | suspend | resume | try) _orvanectl_hosts ;;
+    unblock | disallow | suspend | resume) _orvanectl_hosts "$group" ;;
+    try) _orvanectl_hosts ;;
+    unsubscribe | refresh) _orvanectl_subscriptions ;;
     import | set) _filedir ;;
     call)
       [[ $prev == call ]] && _orvanectl_words 'pingWithReply getAppFilterStateWithReply start stop

@@ -1,18 +1,25 @@
 # Completes orvanectl in fish.
 
-# Prints the hosts of the list. If the user may not read the list, prints no hosts and no error.
+# Prints the hosts of the list: with an argument, those of the group that the command acts on, otherwise all. If the
+# user may not read the list, prints no hosts and no error.
 function __orvanectl_hosts
     set -l words (commandline -opc)
     set -l list
+    set -l group
+    set -q argv[1]; and set group --group default
     for i in (seq (count $words))
         switch $words[$i]
             case --list
                 set list --list $words[(math $i + 1)]
             case '--list=*'
                 set list $words[$i]
+            case --group
+                set group --group $words[(math $i + 1)]
+            case '--group=*'
+                set group $words[$i]
         end
     end
-    command -q orvanectl; and command orvanectl $list export 2>/dev/null | string match -rv '^\[| = |^$' | string replace -r ' .*' ''
+    command -q orvanectl; and command orvanectl $list export $group 2>/dev/null | string match -rv '^\[| = |^$' | string replace -r ' .*' ''
 end
 
 function __orvanectl_groups
@@ -25,8 +32,12 @@ function __orvanectl_sites
     command -q orvanectl; and command orvanectl sites list 2>/dev/null | awk -v column=$argv[1] '{ print $column }' | sort -u
 end
 
+function __orvanectl_subscriptions
+    command -q orvanectl; and command orvanectl subscriptions 2>/dev/null | awk 'NR > 1 { print $1 }'
+end
+
 function __orvanectl_command -d 'Test whether the command is one of the arguments; without arguments, whether no command is typed yet'
-    set -l options --list --service --socket --state --from --for --until --dont-block-until --interval --group --catalogue --site --category
+    set -l options --drop-ins --fetched --list --service --socket --state --from --for --since --until --dont-block-until --interval --group --catalogue --site --category --name --every --key
     set -l words (commandline -opc)
     set -l skip
     for word in $words[2..]
@@ -58,6 +69,8 @@ complete -c orvanectl -f
 complete -c orvanectl -s h -l help -d 'Print help'
 complete -c orvanectl -l json -d 'Print results as JSON'
 complete -c orvanectl -l catalogue -rF -d 'The folder of the catalogue of sites'
+complete -c orvanectl -l drop-ins -rF -d "The folder of the administrator's lists"
+complete -c orvanectl -l fetched -rF -d 'The folder of the fetched lists'
 complete -c orvanectl -l list -rF -d "The list's file"
 complete -c orvanectl -l service -x -d "The extension's service name"
 complete -c orvanectl -l socket -rF -d "The extension's socket"
@@ -73,6 +86,10 @@ complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a 
 complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
 complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a file to the list'
 complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list in a form that import reads'
+complete -c orvanectl -n __orvanectl_command -a subscribe -d 'Add the list at a URL, and keep it fresh'
+complete -c orvanectl -n __orvanectl_command -a unsubscribe -d 'Remove a subscription and its names'
+complete -c orvanectl -n __orvanectl_command -a subscriptions -d 'Print the subscriptions'
+complete -c orvanectl -n __orvanectl_command -a refresh -d 'Fetch subscriptions now'
 complete -c orvanectl -n __orvanectl_command -a sites -d 'The catalogue of sites'
 complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
 complete -c orvanectl -n __orvanectl_command -a try -d 'Show whether a host is blocked now, and why'
@@ -80,6 +97,7 @@ complete -c orvanectl -n __orvanectl_command -a group -d 'Groups of sites'
 complete -c orvanectl -n __orvanectl_command -a lock -d 'Let nothing be removed from a group for a while'
 complete -c orvanectl -n __orvanectl_command -a keep -d 'Run the keeper, which sends the list to the extension'
 complete -c orvanectl -n __orvanectl_command -a doctor -d 'Check everything that blocking needs'
+complete -c orvanectl -n __orvanectl_command -a statistics -d 'Print how often which hosts were blocked'
 complete -c orvanectl -n __orvanectl_command -a browsers -d 'Browser settings'
 complete -c orvanectl -n __orvanectl_command -a ping -d 'Check that the extension answers'
 complete -c orvanectl -n __orvanectl_command -a state -d "Print the application filter's state"
@@ -100,8 +118,15 @@ complete -c orvanectl -n '__orvanectl_command import' -l replace -d 'Remove all 
 complete -c orvanectl -n '__orvanectl_command import' -l undo -d 'Take the last import back'
 complete -c orvanectl -n '__orvanectl_command import set' -F
 complete -c orvanectl -n '__orvanectl_command export' -l hosts -d 'Print only the hosts'
+complete -c orvanectl -n '__orvanectl_command subscribe' -l name -x -d "The subscription's name"
+complete -c orvanectl -n '__orvanectl_command subscribe' -l every -x -a '1h 6h 12h 24h 7d' -d 'The time between two fetches'
+complete -c orvanectl -n '__orvanectl_command subscribe' -l key -rF -d 'The key that signs the copies, or its file'
+complete -c orvanectl -n '__orvanectl_command subscribe' -l insecure -d 'Allow http'
+complete -c orvanectl -n '__orvanectl_command refresh' -l accept -d 'Accept a copy that has shrunk'
+complete -c orvanectl -n '__orvanectl_command unsubscribe refresh' -a '(__orvanectl_subscriptions)'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l all -d 'All sites of the group'
 complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -l from -rF -d 'The hosts of a file'
+complete -c orvanectl -n '__orvanectl_command list' -l from -rF -d 'A read-only list'
 complete -c orvanectl -n '__orvanectl_command block unblock suspend resume' -l site -x -a '(__orvanectl_sites)' -d 'All hosts of a site'
 complete -c orvanectl -n '__orvanectl_command block unblock suspend resume' -l category -x -a '(__orvanectl_sites 2)' -d 'All sites of a category'
 complete -c orvanectl -n __orvanectl_catalogue -a list -d 'Print all sites'
@@ -119,10 +144,15 @@ complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is i
 complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
 complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
     -a '(__orvanectl_groups)'
-complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume list import export lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
+complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume list import export subscribe lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
-complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume try' -a '(__orvanectl_hosts)'
+complete -c orvanectl -n '__orvanectl_command unblock disallow suspend resume' -a '(__orvanectl_hosts group)'
+complete -c orvanectl -n '__orvanectl_command try' -a '(__orvanectl_hosts)'
+complete -c orvanectl -n '__orvanectl_command statistics' -l since -x -a 'today yesterday monday' -d 'From when'
+complete -c orvanectl -n '__orvanectl_command statistics' -l until -x -a 'today yesterday 18:00' -d 'Until when'
+complete -c orvanectl -n '__orvanectl_command statistics' -l all -d 'Print all hosts'
+complete -c orvanectl -n '__orvanectl_command statistics' -l plot -d 'Print a bar for each hour or day, too'
 complete -c orvanectl -n '__orvanectl_command properties' -l dont-block-until -x -d 'Suspend until a time'
 complete -c orvanectl -n '__orvanectl_command watch' -l interval -x -d 'Seconds between two requests'
 complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilterStateWithReply start stop

@@ -1,11 +1,13 @@
 #compdef orvanectl
 # Completes orvanectl in zsh.
 
-# Completes hosts of the list. If the user may not read the list, offers no hosts and prints no error.
+# Completes hosts of the list: of the group that the command acts on, or with the argument "all", of all groups. If the
+# user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
-  local -a hosts
+  local -a hosts group=(--group "${opt_args[--group]:-default}")
   local list=${opt_args[--list]:-$before[--list]}
-  hosts=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} export 2>/dev/null)"})
+  [[ $argv[-1] == all ]] && group=()
+  hosts=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} export $group 2>/dev/null)"})
   _wanted hosts expl 'host of the list' compadd - ${${hosts:#(\[*|* = *)}%% *}
 }
 
@@ -15,6 +17,13 @@ _orvanectl_group_names() {
   groups=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} --json group list 2>/dev/null |
     grep -o '"name": *"[^"]*"' | cut -d '"' -f 4)"})
   _wanted groups expl 'group of the list' compadd -a groups
+}
+
+_orvanectl_subscription_names() {
+  local -a names
+  local list=${opt_args[--list]:-$before[--list]}
+  names=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} subscriptions 2>/dev/null | awk 'NR > 1 { print $1 }')"})
+  _wanted subscriptions expl subscription compadd -a names
 }
 
 # Completes the words in a column of the catalogue: 1 has the ids of sites, 2 their categories.
@@ -40,6 +49,10 @@ _orvanectl_commands() {
     'resume:block suspended sites again at once'
     'import:add the names of a file to the list'
     'export:print the list in a form that import reads'
+    'subscribe:add the list at a URL, and keep it fresh'
+    'unsubscribe:remove a subscription and its names'
+    'subscriptions:print the subscriptions'
+    'refresh:fetch subscriptions now'
     'sites:the catalogue of sites'
     'group:groups of sites'
     'lock:let nothing be removed from a group for a while'
@@ -49,6 +62,7 @@ _orvanectl_commands() {
     'try:show whether a host is blocked now, and why'
     'keep:run the keeper, which sends the list to the extension'
     'doctor:check everything that blocking needs'
+    'statistics:print how often which hosts were blocked'
   )
   browsers=('browsers:browser settings')
   extension=(
@@ -146,6 +160,8 @@ _orvanectl() {
     '(- *)'{-h,--help}'[print help]'
     '--json[print results as JSON]'
     '--catalogue=[the folder of the catalogue of sites]:folder:_files -/'
+    "--drop-ins=[the folder of the administrator's lists]:folder:_files -/"
+    '--fetched=[the folder of the fetched lists]:folder:_files -/'
     "--list=[the list's file]:file:_files"
     "--service=[the extension's service name]:name:"
     "--socket=[the extension's socket]:socket:_files"
@@ -169,7 +185,7 @@ _orvanectl() {
     allow) _arguments $common $group '*:host:' ;;
     unblock | resume) _arguments $common $group $catalogued $listed ;;
     disallow) _arguments $common $group $listed ;;
-    try) _arguments $common ':host:_orvanectl_hosts' ;;
+    try) _arguments $common ':host:{_orvanectl_hosts all}' ;;
     suspend)
       _arguments $common $group $catalogued $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(18\:00 monday)'
@@ -179,13 +195,24 @@ _orvanectl() {
         '(--subdomains)--exact[block the exact names only]' '--replace[remove all other sites of the groups]' \
         '--undo[take the last import back]' ':file:_files'
       ;;
+    subscribe)
+      _arguments $common $group "--name=[the subscription's name]:name:" \
+        '--every=[the time between two fetches]:time:(1h 6h 12h 24h 7d)' \
+        '--key=[the key that signs the copies, or its file]:key:_files' '--insecure[allow http]' ':URL:_urls'
+      ;;
+    unsubscribe) _arguments $common ':subscription:_orvanectl_subscription_names' ;;
+    refresh) _arguments $common '--accept[accept a copy that has shrunk]' ':subscription:_orvanectl_subscription_names' ;;
     sites) _orvanectl_sites ;;
     group) _orvanectl_group ;;
     lock)
       _arguments $common $group '(--until)--for=[how long]:duration:(30m 1h 2h 1d)' '(--for)--until=[until when]:time:(18\:00 monday)'
       ;;
-    list) _arguments $common $group ;;
+    list) _arguments $common $group '--from=[a read-only list]:name or file:_files' ;;
     export) _arguments $common $group '--hosts[print only the hosts]' ;;
+    statistics)
+      _arguments $common '--since=[from when]:time:(today yesterday monday)' '--until=[until when]:time:(today 18\:00)' \
+        '--all[print all hosts]' '--plot[print a bar for each hour or day, too]'
+      ;;
     browsers) _orvanectl_browsers ;;
     help) _arguments $common ':command:_orvanectl_commands' ;;
     add | remove) _arguments $common '*:host:' ;;

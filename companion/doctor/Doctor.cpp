@@ -43,7 +43,7 @@ Finding examine_denial(const Facts& facts) {
   Finding finding{"answer", "", Result::Problem, facts.connection.socket + ": permission denied", ""};
   if (!group.exists) {
     finding.found += "; the group orvane, whose members may connect, does not exist";
-    finding.advice = "reinstall the package orvane-se";
+    finding.advice = "make it again: sudo dpkg-reconfigure orvane-se; then sudo systemctl restart orvane-se.service";
   } else if (!group.listed) {
     finding.found += "; " + group.user + " is not a member of the group orvane";
     finding.advice = access_advice(group);
@@ -301,6 +301,23 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
   }
 }
 
+void examine_read_only_lists(const Facts& facts, std::vector<Finding>& findings) {
+  if (!facts.list) return;
+  for (const auto& list : facts.list->readOnlyLists) {
+    Finding finding{"read-only-list", in_quotes(list.path), Result::Ok, counted(list.names, "name", "names"), ""};
+    if (list.error) {
+      finding.result = Result::Problem;
+      finding.found = (list.isInForce ? "its previous version is in force: " : "not in force: ") + *list.error;
+      finding.advice = "the keeper must be able to read the file as its own user: chmod 0644, and not a link";
+    } else if (list.badLines > 0) {
+      finding.result = Result::Warning;
+      finding.found += ", " + counted(list.badLines, "bad line", "bad lines") + " ignored";
+      finding.advice = "to see them: orvanectl list --from PATH";
+    }
+    findings.push_back(std::move(finding));
+  }
+}
+
 }  // namespace
 
 std::vector<Finding> examine(const Facts& facts) {
@@ -316,6 +333,7 @@ std::vector<Finding> examine(const Facts& facts) {
   examine_rules(facts, findings);
   examine_queue(facts, findings);
   examine_list(facts, findings);
+  examine_read_only_lists(facts, findings);
   examine_browsers(facts, findings);
   return findings;
 }

@@ -79,7 +79,7 @@ struct Facts {
   std::optional<KeeperState> list;
   std::string listError;  // why the keeper's state could not be read
   BrowserList browserList;
-  bool passesHTTP3 = false;  // passes_http3() of the extension's bundle
+  bool passesHTTP3 = false;  // the setting OrvaneHTTP3 of the extension
   std::vector<BrowserFacts> browsers;
 };
 

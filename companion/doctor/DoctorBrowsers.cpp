@@ -134,8 +134,9 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
         {"browser-list", "", Result::Ok, counted(list.endings.size(), "browser", "browsers") + " known", ""});
   } else {
     findings.push_back({"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
-                        "correct it (at most 1024 bytes), or restore a missing file: sudo apt install --reinstall -o "
-                        "Dpkg::Options::=--force-confmiss orvane-se; then sudo systemctl restart orvane-se.service"});
+                        "correct it (at most 1024 bytes), or restore a missing file from the package's file: sudo dpkg "
+                        "--force-confmiss --install orvane-se_*.deb (from a repository: apt-get download orvane-se "
+                        "gets it); then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
     findings.push_back({"browser", "", Result::Warning, "no installed browser has a desktop entry",

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "companion/client/ExtensionBundle.h"
 #include "companion/client/ExtensionProbe.h"
 #include "companion/client/UnitState.h"
 #include "companion/doctor/ControlClients.h"
@@ -212,7 +213,7 @@ Facts gather_browser_facts() {
   look_at_processes(facts);
   const std::string bundle = find_bundle(facts.process);
   facts.browserList = read_browser_list(bundle + kBrowserListInBundle);
-  facts.passesHTTP3 = passes_http3(bundle);
+  facts.passesHTTP3 = extension_setting(bundle, "OrvaneHTTP3") == Value::borrowed("pass");
   facts.browsers = look_at_browsers();
   return facts;
 }

@@ -26,6 +26,9 @@ constexpr std::chrono::milliseconds kCheckInterval = 500ms;
 constexpr std::chrono::milliseconds kVigilantInterval = 50ms;
 constexpr std::chrono::milliseconds kVigilance = 5s;
 
+// A client may edit in a loop. So the undone edits are logged at most once in this time, with their number.
+constexpr std::chrono::milliseconds kLogInterval = 60s;
+
 // The time between two attempts to send a whole list that the extension has refused. Meanwhile the extension has only
 // the guarded names.
 constexpr std::chrono::milliseconds kRefusalInterval = 60s;
@@ -74,12 +77,11 @@ void ExtensionLink::attend(const HeldNames* list) {
   due_ = nextCheck();
   if (std::string failure = checkConnection(); !failure.empty()) return disconnect(failure);
   const bool isEdited = state_.changesOfOthers > 0;
+  if (list != nullptr) undone_ += state_.changesOfOthers;
+  logUndone();
   const bool isRefused = holdsGuarded_ && Clock::now() < sendWholeAt_;
   if (list == nullptr || ((isInSync_ || isRefused) && !isEdited)) return;
   if (isEdited) {
-    if (Clock::now() >= vigilantUntil_)
-      keeper_log(LogLevel::Notice, "a group is locked: undoing " + counted(state_.changesOfOthers, "edit", "edits") +
-                                       " by other clients");
     vigilantUntil_ = Clock::now() + kVigilance;
     addGuarded();
   }
@@ -94,10 +96,21 @@ void ExtensionLink::addGuarded() {
   attempt(kCallTimeout, [this](CallTimeout&) { client_->addHostnames(guarded_); });
 }
 
+void ExtensionLink::logUndone() {
+  if (undone_ == 0 || Clock::now() < logUndoneAt_) return;
+  keeper_log(LogLevel::Notice, "a group is locked: undoing " + counted(undone_, "edit", "edits") + " by other clients");
+  undone_ = 0;
+  logUndoneAt_ = Clock::now() + kLogInterval;
+}
+
 void ExtensionLink::undoEdits(bool enabled, std::vector<std::string> guarded) {
   guarded_ = std::move(guarded);
   if (enabled == undoesEdits_) return;
   undoesEdits_ = enabled;
+  if (!enabled) {
+    logUndoneAt_ = Clock::time_point::min();
+    logUndone();
+  }
   if (client_) due_ = enabled ? Clock::now() : nextCheck();
 }
 
@@ -152,6 +165,7 @@ bool ExtensionLink::connect() {
                                                   : "connected to the extension again");
   hasConnectedBefore_ = true;
   isInSync_ = false;
+  loggedSent_.clear();
   state_.connected = true;
   state_.extensionError.reset();
   sockets_.reset();
@@ -162,16 +176,18 @@ bool ExtensionLink::connect() {
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   isInSync_ = holdsGuarded_ = false;
+  uint64_t edits = 0;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
     const bool isWhole = before == nullptr || needs_whole_list(*before, after);
     // Sending the whole list discards other clients' edits, so counting them starts again here.
     if (isWhole) expectedChanges_ = client_->changesCount();
-    expectedChanges_ += isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
+    edits = isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
+    expectedChanges_ += edits;
     readChangesCount();
     isInSync_ = true;
   });
   if (isInSync_) {
-    recordSent(after);
+    recordSent(after, edits > 0);
     return;
   }
   // If the call failed because the list was too large to be sent, the connection still works and is kept.
@@ -201,8 +217,10 @@ void ExtensionLink::sendGuarded() {
   if (!holdsGuarded_) return;
   state_.sentVersion.reset();
   state_.sentNames = guarded_.size();
-  keeper_log(LogLevel::Notice, "the extension has only the names of groups with a lock or a delay: " +
-                                   counted(guarded_.size(), "name", "names"));
+  const std::string count = counted(guarded_.size(), "name", "names");
+  const std::string text = "the extension has only the names of groups with a lock or a delay: " + count;
+  if (text != loggedSent_) keeper_log(LogLevel::Notice, text);  // after an undo, it has the same names as before
+  loggedSent_ = text;
 }
 
 std::string ExtensionLink::checkConnection() {
@@ -214,12 +232,19 @@ void ExtensionLink::readChangesCount() {
   state_.changesOfOthers = state_.changes - std::min(state_.changes, expectedChanges_);
 }
 
-void ExtensionLink::recordSent(const HeldNames& list) {
+// `isChanged`: whether a name or a date was sent.
+void ExtensionLink::recordSent(const HeldNames& list, bool isChanged) {
   state_.extensionError.reset();
   state_.sentVersion = state_.listVersion;
   state_.sentNames = list.names.size();
   state_.sentAt = now_in_seconds();
-  keeper_log(LogLevel::Info, "the extension has the list: " + count_of(list));
+  // After an undo, the extension has the same list as before. After a start, it first has the names of the guarded
+  // groups, before the keeper has read a version of the list. These may be all names.
+  const std::string count = count_of(list);
+  const bool isNew = isChanged && state_.listVersion != recordedVersion_ && !recordedVersion_.empty();
+  if (isNew || count != loggedSent_) keeper_log(LogLevel::Info, "the extension has the list: " + count);
+  loggedSent_ = count;
+  recordedVersion_ = state_.listVersion;
 }
 
 void ExtensionLink::disconnect(const std::string& reason) {

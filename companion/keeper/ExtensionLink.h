@@ -9,7 +9,7 @@
 
 #include "companion/client/Client.h"
 #include "companion/keeper/KeeperState.h"
-#include "companion/keeper/PathWatch.h"
+#include "companion/watch/PathWatch.h"
 
 namespace orvane {
 
@@ -64,7 +64,8 @@ class ExtensionLink {
   std::string checkConnection();
   Clock::time_point nextCheck() const;
   void readChangesCount();
-  void recordSent(const HeldNames& list);
+  void recordSent(const HeldNames& list, bool isChanged);
+  void logUndone();
   void disconnect(const std::string& reason);
   void scheduleRetry(const std::string& reason);
 
@@ -87,6 +88,10 @@ class ExtensionLink {
   bool holdsGuarded_ = false;         // the extension has not taken the list, and has only guarded_
   Clock::time_point sendWholeAt_ = Clock::time_point::min();
   Clock::time_point vigilantUntil_ = Clock::time_point::min();
+  uint64_t undone_ = 0;  // edits by other clients that were undone, and are not logged yet
+  Clock::time_point logUndoneAt_ = Clock::time_point::min();
+  std::string loggedSent_;        // what was logged last about a list that the extension has taken
+  ListVersion recordedVersion_;   // of the list that the extension has taken last
   bool isInSync_ = false;         // the extension has taken the list that was sent last
   uint64_t expectedChanges_ = 0;  // what the extension's count of edits is if no other client has made edits
 };

@@ -2,7 +2,6 @@
 
 #include <malloc.h>
 #include <poll.h>
-#include <sys/timerfd.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -21,13 +21,19 @@
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/ListSync.h"
-#include "companion/keeper/PathWatch.h"
+#include "companion/keeper/Metrics.h"
+#include "companion/keeper/ReadOnlyLists.h"
+#include "companion/keeper/Sha256.h"
 #include "companion/keeper/ShutdownRequest.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListGuard.h"
+#include "companion/list/UnitedNames.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
+#include "companion/text/Version.h"
+#include "companion/watch/PathWatch.h"
+#include "companion/watch/Timer.h"
 #include "platform/files/Descriptor.h"
 #include "platform/files/Files.h"
 #include "platform/names/Subdomains.h"
@@ -63,37 +69,11 @@ constexpr size_t kBadLinesLogged = 3;
 constexpr std::chrono::milliseconds kGuardSaveInterval = 5min;
 constexpr mode_t kGuardMode = 0600;
 constexpr mode_t kListInForceMode = 0640;  // the group may read the list, too
+constexpr mode_t kMetricsMode = 0644;      // the user of Prometheus' node exporter may read them, too
 
 constexpr const char* kZonePath = "/etc/localtime";
 
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
-
-// A timer. If the machine sleeps past the timer's moment, the timer fires after the sleep. A timer of CLOCK_REALTIME
-// also fires when the clock is set.
-class Timer {
- public:
-  explicit Timer(clockid_t clock) : timer_(timerfd_create(clock, TFD_CLOEXEC | TFD_NONBLOCK)) {}
-  int descriptor() const { return timer_.get(); }
-
-  // `moment`: on the timer's clock.
-  void set(std::chrono::seconds moment) {
-    itimerspec when{};
-    when.it_value.tv_sec = std::max<time_t>(moment.count(), 1);
-    timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
-  }
-  void stop() {
-    const itimerspec never{};
-    timerfd_settime(timer_.get(), 0, &never, nullptr);
-  }
-  // Call when the descriptor is readable. Returns whether the clock was set.
-  bool wasSet() {
-    uint64_t expirations = 0;
-    return read(timer_.get(), &expirations, sizeof expirations) < 0 && errno == ECANCELED;
-  }
-
- private:
-  Descriptor timer_;
-};
 
 ListGuard::Now current_time() {
   constexpr size_t kLargestStart = 64;
@@ -111,10 +91,12 @@ class Keeper {
       : statePath_(options.statePath),
         guardPath_(options.guardPath),
         lock_(std::move(lock)),
-        listWatch_({absolute(options.listPath)}),
+        readOnlyLists_(options.dropInsPath, options.subscriptionsPath),
+        listWatch_(pathsToWatch(options.listPath)),
         zoneWatch_({kZonePath}),
         link_(options.client, state_) {
     state_.process = getpid();
+    state_.version = program_version();
     state_.started = now_in_seconds();
     state_.listPath = absolute(options.listPath);
   }
@@ -139,10 +121,16 @@ class Keeper {
     if (guard_.due()) saveGuard();
     sd_notify(0, "STOPPING=1\nSTATUS=Ending");
     if (lock_) unlink(statePath_.c_str());
+    if (!writtenMetrics_.empty()) unlink(metrics_path(statePath_).c_str());
     if (!listInForce_.empty()) unlink(list_in_force_path(statePath_).c_str());
   }
 
  private:
+  std::vector<std::string> pathsToWatch(const std::string& listPath) const {
+    std::vector<std::string> paths = readOnlyLists_.paths();
+    paths.push_back(absolute(listPath));
+    return paths;
+  }
   const HeldNames* known() const { return isKnown_ ? &list_ : nullptr; }
 
   // The entries for poll(2), each named after what it waits for.
@@ -153,15 +141,19 @@ class Keeper {
 
   Events wait();
   void attend(const Events& events);
-  bool isListChanged() const;
+  bool isListChanged();
+  bool refreshReadOnlyLists();
   void onListChange();
   void readList();
   void onListError(const std::string& error);
   void enforce(const BlockList& list, HeldNames others);
+  void enforceOwn(HeldNames own);
+  HeldNames own() const;
   void take(HeldNames list);
   static Moment timerMoment(const HeldNames& list);
   void describe(const BlockList& list);
   void describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now);
+  void describePending(KeeperState::GroupState& group, const ListGuard::Now& now);
   void updateGuard(const BlockList& list);
   void loadGuard();
   std::string keepUnreadableGuard();
@@ -171,16 +163,21 @@ class Keeper {
   void onClockChange();
   void onGuardDue();
   void publish();
+  void publishMetrics();
 
   const std::string statePath_, guardPath_;
   const Descriptor lock_;  // empty if the state file's folder does not exist
   ShutdownRequest shutdown_;
   KeeperState state_;
   nlohmann::json writtenState_;  // as last written
+  std::string writtenMetrics_;
   std::string status_;
   bool isUnwritable_ = false;
+  bool isMetricsFaultLogged_ = false;
 
-  PathWatch listWatch_;
+  ReadOnlyLists readOnlyLists_;
+  bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
+  PathWatch listWatch_;           // watches the read-only lists, too
   PathWatch zoneWatch_;
   Timer clock_{CLOCK_REALTIME};
   ListGuard guard_;
@@ -192,9 +189,16 @@ class Keeper {
   std::optional<Steady::time_point> readAt_ = Steady::now();
 
   bool isKnown_ = false;  // a list has been read
-  // The list as last read. While link_ is in sync, the extension holds the same names. So the keeper needs no copy of
-  // what it has sent, which would double the memory.
+  // The names that all lists have. While link_ is in sync, the extension holds the same names. So the keeper needs no
+  // copy of what it has sent, which would double the memory.
   HeldNames list_;
+  // The names of the machine's list alone, if there are read-only lists; without them, list_ has only these names.
+  struct OwnNames {
+    PackedNames names;
+    HeldNames rest;  // without names
+  };
+  std::optional<OwnNames> own_;
+  std::map<std::string, bool, std::less<>> isGroupInForce_;  // the groups of the machine's list
   std::string lastLoggedFaults_;
   ExtensionLink link_;
 };
@@ -235,9 +239,14 @@ void Keeper::attend(const Events& events) {
   shutdown_.exitAtOnce(false);
 }
 
-bool Keeper::isListChanged() const {
+bool Keeper::refreshReadOnlyLists() {
+  areListsChanged_ = readOnlyLists_.refresh() || areListsChanged_;
+  return areListsChanged_;
+}
+
+bool Keeper::isListChanged() {
   try {
-    return list_version(state_.listPath) != state_.listVersion;
+    return list_version(state_.listPath) != state_.listVersion || refreshReadOnlyLists();
   } catch (const FileError&) {
     return true;  // readList() logs it
   }
@@ -253,8 +262,12 @@ void Keeper::onListChange() {
 void Keeper::readList() {
   changedAt_.reset();
   readAt_.reset();
+  refreshReadOnlyLists();
+  if (readOnlyLists_.hasErrors()) readAt_ = Steady::now() + kRereadInterval;
   try {
-    StoredList stored = read_list(state_.listPath);
+    ListFileContent content = read_list_file(state_.listPath);
+    const std::string hash = content.version.empty() ? "" : sha256_text(content.text);
+    StoredList stored{BlockList::parse(std::exchange(content.text, {})), content.version};
     if (stored.list.size() == 0) {
       const auto now = Steady::now();
       if (!emptySince_) emptySince_ = now;
@@ -267,6 +280,8 @@ void Keeper::readList() {
     }
     describe(stored.list);
     state_.listVersion = stored.version;
+    state_.listSha256 = hash;
+    state_.listModified = content.version.empty() ? std::nullopt : std::optional(content.modified);
     state_.listError.reset();
     updateGuard(stored.list);
     if (guard_.isActive()) stored.list = guard_.listInForce(stored.list);
@@ -283,14 +298,18 @@ void Keeper::onListError(const std::string& error) {
   if (state_.listError != error) keeper_log(LogLevel::Error, error);
   state_.listError = error;
   readAt_ = Steady::now() + kRereadInterval;
-  if (!guard_.isActive()) return;
+  if (!guard_.isActive()) {
+    if (areListsChanged_) enforceOwn(own());
+    return;
+  }
   // An exception must not outlast the schedule of its group.
-  HeldNames others = list_;
+  HeldNames others = own();
   std::erase_if(others.names, [](const std::string& name) { return name.starts_with(kExceptionMark); });
   enforce(guard_.guardedList(), std::move(others));
 }
 
-// Sends those names of the list that the extension must hold now, and the names of `others`.
+// Sends those names of the machine's list that the extension must hold now, the names of `others`, and the names of the
+// read-only lists.
 void Keeper::enforce(const BlockList& list, HeldNames others) {
   const ListGuard::Now now = current_time();
   const GroupStates states = guard_.statesOf(list, now);
@@ -307,16 +326,51 @@ void Keeper::enforce(const BlockList& list, HeldNames others) {
   if (guard_.isActive())
     guarded = held_names(guard_.guardedList(), now.wall, guard_.statesOf(guard_.guardedList(), now)).names;
   link_.undoEdits(guard_.isLocked(), std::move(guarded));
-  take(std::move(held));
+  isGroupInForce_.clear();
+  for (size_t i = 0; i < list.groups().size(); ++i) isGroupInForce_[list.groups()[i].name] = states.isInForce[i];
+  enforceOwn(std::move(held));
+}
+
+// Sends the names of the machine's list and of the read-only lists.
+void Keeper::enforceOwn(HeldNames own) {
+  uint64_t room = 0;
+  for (const std::string& name : own.names) room += room_of(name);
+  const std::vector<const ReadOnlyList*> lists = readOnlyLists_.inForce(room);
+  state_.readOnlyLists = readOnlyLists_.states();
+  own_.reset();
+  areListsChanged_ = false;
+  if (lists.empty()) return take(std::move(own));
+  own_.emplace();
+  own_->names = PackedNames(std::vector<std::string_view>(own.names.begin(), own.names.end()));
+  own.names = {};
+  own_->rest = own;
+  std::vector<RankedNames> parts{{Rank::Own, &own_->names}};
+  for (const ReadOnlyList* list : lists) {
+    for (const auto& section : list->sections) {
+      const auto group = isGroupInForce_.find(section.group);
+      if (group == isGroupInForce_.end() || group->second) parts.push_back({list->rank(), &section.names});
+    }
+  }
+  own.names = unite(parts, own.suspended);
+  std::erase_if(own.suspended,
+                [&](const auto& entry) { return std::binary_search(own.names.begin(), own.names.end(), entry.first); });
+  take(std::move(own));
+}
+
+HeldNames Keeper::own() const {
+  if (!own_) return list_;
+  HeldNames own = own_->rest;
+  for (std::string_view name : own_->names) own.names.emplace_back(name);
+  return own;
 }
 
 void Keeper::describeGroups(const BlockList& list, const GroupStates& states, const ListGuard::Now& now) {
   const auto before = std::exchange(state_.groups, {});
+  state_.pending.clear();
   for (size_t i = 0; i < list.groups().size(); ++i) {
     const Group& group = list.groups()[i];
-    KeeperState::GroupState state{group.name, states.isInForce[i], group.nextChange(now.wall), {}, 0};
+    KeeperState::GroupState state{group.name, states.isInForce[i], group.nextChange(now.wall), {}, 0, group.delay};
     if (const auto end = guard_.lockEnd(group.name)) state.lockedUntil = now.wall + (*end - now.running);
-    state.pendingChanges = guard_.pendingChanges(group.name);
     const auto old =
         std::find_if(before.begin(), before.end(), [&](const auto& each) { return each.name == group.name; });
     const bool wasLocked = old != before.end() && old->lockedUntil;
@@ -328,7 +382,24 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
       keeper_log(LogLevel::Notice, "the group " + group.name + " is locked until " + time_text(*state.lockedUntil));
     if (!state.lockedUntil && wasLocked)
       keeper_log(LogLevel::Notice, "the lock of the group " + group.name + " has ended");
+    describePending(state, now);
     state_.groups.push_back(std::move(state));
+  }
+}
+
+// Adds the changes of the group that have no effect yet.
+void Keeper::describePending(KeeperState::GroupState& group, const ListGuard::Now& now) {
+  const auto& changes = guard_.pendingChanges(group.name);
+  group.pendingChanges = changes.size();
+  for (const auto& [host, moment] : changes) {
+    const Moment until = std::max(now.wall + (moment - now.running), group.lockedUntil.value_or(now.wall));
+    if (host.empty()) {
+      group.settingsUntil = until;
+    } else if (state_.pending.size() < KeeperState::kMostPending) {
+      state_.pending.push_back({group.name, host, until});
+    } else {
+      break;
+    }
   }
 }
 
@@ -459,6 +530,7 @@ void Keeper::publish() {
   if (status != status_) sd_notify(0, ("STATUS=" + status).c_str());
   status_ = std::move(status);
   if (!lock_) return;
+  publishMetrics();
   nlohmann::json state = to_json(state_);
   if (state == writtenState_) return;
   writtenState_ = std::move(state);
@@ -470,6 +542,17 @@ void Keeper::publish() {
     isUnwritable_ = true;
     writtenState_ = nullptr;  // so that the next call tries again
   }
+}
+
+void Keeper::publishMetrics() {
+  std::string text = metrics_text(state_);
+  if (text == writtenMetrics_) return;
+  const std::string path = metrics_path(statePath_);
+  const auto error = replace_file(path, std::filesystem::path(path).filename().string() + ".new", text, kMetricsMode);
+  if (error && !isMetricsFaultLogged_)
+    keeper_log(LogLevel::Warning, "cannot write: " + in_quotes(path) + ": " + error.message());
+  isMetricsFaultLogged_ = static_cast<bool>(error);
+  if (!error) writtenMetrics_ = std::move(text);
 }
 
 }  // namespace

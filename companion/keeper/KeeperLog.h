@@ -2,12 +2,10 @@
 
 #include <string>
 
+#include "companion/text/ServiceLog.h"
+
 namespace orvane {
 
-// The levels, with the numbers of syslog(3).
-enum class LogLevel { Error = 3, Warning = 4, Notice = 5, Info = 6 };
-
-// Prints one line on standard error, with the level in front if standard error is the journal (sd-daemon(3)).
-void keeper_log(LogLevel level, const std::string& text);
+inline void keeper_log(LogLevel level, const std::string& text) { service_log("orvanectl", level, text); }
 
 }  // namespace orvane

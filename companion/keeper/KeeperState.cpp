@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,10 +13,11 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "companion/keeper/PathWatch.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
+#include "companion/watch/FileLock.h"
+#include "companion/watch/PathWatch.h"
 #include "platform/files/Files.h"
 
 namespace orvane {
@@ -37,58 +37,47 @@ FileError file_error(const char* what, const std::string& path, int error) {
 
 std::string lock_path(const std::string& path) { return path + ".lock"; }
 
-// A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks). F_OFD_GETLK tests for a lock
-// without taking it, even if the holder is in another PID namespace.
-struct flock whole_file(short type) {
-  struct flock lock = {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  return lock;
+constexpr const char *kDropIn = "drop-in", *kSubscription = "subscription";
+
+KeeperState::ListState list_state_of(const Json& json) {
+  KeeperState::ListState list;
+  Members members(json);
+  std::string kind;
+  members.read("path", list.path);
+  members.read("kind", kind);
+  list.isDropIn = kind == kDropIn;
+  members.read("suspendable", list.isSuspendable);
+  members.read("inForce", list.isInForce);
+  members.read("names", list.names);
+  members.read("badLines", list.badLines);
+  members.read("modified", list.modified);
+  members.read("sha256", list.sha256);
+  members.read("error", list.error);
+  return list;
 }
 
-bool is_locked(const std::string& path) {
-  Descriptor file(open(lock_path(path).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct flock lock = whole_file(F_WRLCK);
-  return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+Json json_of(const KeeperState::ListState& list) {
+  return {{"path", list.path},
+          {"kind", list.isDropIn ? kDropIn : kSubscription},
+          {"suspendable", list.isSuspendable},
+          {"inForce", list.isInForce},
+          {"names", list.names},
+          {"badLines", list.badLines},
+          {"modified", json_or_null(list.modified)},
+          {"sha256", list.sha256},
+          {"error", json_or_null(list.error)}};
 }
-
-// Reads members of a JSON object. If a member is null or missing, read() leaves the target unchanged; if a member has
-// the wrong type, read() throws Json::exception or InputError.
-class Members {
- public:
-  explicit Members(const Json& object) : object_(object) { object_.get_ref<const Json::object_t&>(); }
-  Members(const Json& object, const char* name) : Members(object.at(name)) {}
-
-  template <class T>
-  void read(const char* name, T& target) const {
-    if (const Json* value = find(name)) value->get_to(target);
-  }
-  void read(const char* name, Moment& target) const {
-    if (const Json* value = find(name)) target = read_moment(value->get_ref<const std::string&>());
-  }
-  template <class T>
-  void read(const char* name, std::optional<T>& target) const {
-    if (find(name) == nullptr) return;
-    T value{};
-    read(name, value);
-    target = std::move(value);
-  }
-
- private:
-  const Json* find(const char* name) const {
-    auto found = object_.find(name);
-    return found == object_.end() || found->is_null() ? nullptr : &*found;
-  }
-  const Json& object_;
-};
 
 KeeperState state_of(const Json& json) {
   KeeperState state;
   Members keeper(json), list(json, "list"), extension(json, "extension");
   keeper.read("process", state.process);
+  keeper.read("version", state.version);
   keeper.read("started", state.started);
   list.read("path", state.listPath);
   list.read("version", state.listVersion);
+  list.read("modified", state.listModified);
+  list.read("sha256", state.listSha256);
   list.read("sites", state.sites);
   list.read("names", state.names);
   list.read("badLines", state.badLines);
@@ -106,6 +95,20 @@ KeeperState state_of(const Json& json) {
     members.read("nextChange", group.nextChange);
     members.read("lockedUntil", group.lockedUntil);
     members.read("pendingChanges", group.pendingChanges);
+    uint64_t delay = 0;
+    members.read("delay", delay);
+    group.delay = std::chrono::seconds(std::min<uint64_t>(delay, kLongestDelay.count()));
+    members.read("settingsUntil", group.settingsUntil);
+  }
+  for (const Json& entry : json.at("list").value("pending", Json::array())) {
+    Members members(entry);
+    KeeperState::PendingSite& site = state.pending.emplace_back();
+    members.read("group", site.group);
+    members.read("host", site.host);
+    members.read("until", site.until);
+  }
+  for (const Json& entry : json.value("readOnlyLists", Json::array())) {
+    state.readOnlyLists.push_back(list_state_of(entry));
   }
   extension.read("connected", state.connected);
   extension.read("sentVersion", state.sentVersion);
@@ -128,21 +131,33 @@ Json to_json(const KeeperState& state) {
                       {"inForce", group.isInForce},
                       {"nextChange", json_or_null(group.nextChange)},
                       {"lockedUntil", json_or_null(group.lockedUntil)},
-                      {"pendingChanges", group.pendingChanges}});
+                      {"pendingChanges", group.pendingChanges},
+                      {"delay", group.delay.count()},
+                      {"settingsUntil", json_or_null(group.settingsUntil)}});
   }
+  Json readOnlyLists = Json::array();
+  for (const auto& list : state.readOnlyLists) readOnlyLists.push_back(json_of(list));
+  Json pending = Json::array();
+  for (const auto& site : state.pending)
+    pending.push_back({{"group", site.group}, {"host", site.host}, {"until", time_text(site.until)}});
   return {{"process", state.process},
+          {"version", state.version},
           {"started", time_text(state.started)},
           {"list",
            {{"path", state.listPath},
             {"version", state.listVersion},
+            {"modified", json_or_null(state.listModified)},
+            {"sha256", state.listSha256},
             {"sites", state.sites},
             {"names", state.names},
             {"badLines", state.badLines},
             {"suspendedNames", state.suspendedNames},
             {"suspended", std::move(suspended)},
             {"groups", std::move(groups)},
+            {"pending", std::move(pending)},
             {"guarded", state.isGuarded},
             {"error", json_or_null(state.listError)}}},
+          {"readOnlyLists", std::move(readOnlyLists)},
           {"extension",
            {{"connected", state.connected},
             {"sentVersion", json_or_null(state.sentVersion)},
@@ -157,12 +172,10 @@ std::string list_in_force_path(const std::string& statePath) { return statePath 
 
 Descriptor lock_keeper_state(const std::string& path) {
   const std::string lockPath = lock_path(path);
-  Descriptor file(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file || fchmod(file.get(), kReadableByGroup) != 0) throw file_error("keep the state", lockPath, errno);
-  struct flock lock = whole_file(F_WRLCK);
-  if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) return file;
-  if (errno != EAGAIN && errno != EACCES) throw file_error("lock", lockPath, errno);
-  return Descriptor();
+  std::error_code error;
+  Descriptor lock = take_file_lock(lockPath, kReadableByGroup, error);
+  if (error) throw file_error("lock the state", lockPath, error.value());
+  return lock;
 }
 
 void write_keeper_state(const std::string& path, const KeeperState& state) {
@@ -175,7 +188,7 @@ void write_keeper_state(const std::string& path, const KeeperState& state) {
 std::optional<KeeperState> read_keeper_state(const std::string& path) {
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!file && errno != ENOENT && errno != ENOTDIR) throw file_error("read the keeper's state", path, errno);
-  if (!file || !is_locked(path)) return std::nullopt;
+  if (!file || !is_file_locked(lock_path(path))) return std::nullopt;
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(fdopen(file.detach(), "r"), std::fclose);
   if (!stream) throw file_error("read the keeper's state", path, errno);
   try {

@@ -19,11 +19,14 @@ namespace orvane {
 // The keeper's state, which it writes to a file as a JSON object whenever something changes.
 struct KeeperState {
   pid_t process = 0;
+  std::string version;  // of the keeper's program
   Moment started;
 
   // The list as last read.
   std::string listPath;
   ListVersion listVersion;
+  std::optional<Moment> listModified;  // the time of the file's last change; nothing if there is no file
+  std::string listSha256;              // of the file's text, in hexadecimal
   uint64_t sites = 0;
   uint64_t names = 0;  // how many names the extension must hold now; suspended names are not counted
   uint64_t badLines = 0;
@@ -37,11 +40,35 @@ struct KeeperState {
     bool isInForce = false;
     std::optional<Moment> nextChange;  // when isInForce changes next
     std::optional<Moment> lockedUntil;
-    uint64_t pendingChanges = 0;  // how many changes in the file have no effect yet
+    uint64_t pendingChanges = 0;            // how many changes in the file have no effect yet
+    std::chrono::seconds delay{0};          // the delay in force
+    std::optional<Moment> settingsUntil{};  // until when the settings in force stay, although the file has others
   };
   std::vector<GroupState> groups;
+  // The first kMostPending of the sites that a group still blocks, although the file no longer blocks them there.
+  struct PendingSite {
+    std::string group, host;
+    Moment until;
+  };
+  std::vector<PendingSite> pending;
+  static constexpr size_t kMostPending = 100;
   bool isGuarded = false;  // the list that is in force, at list_in_force_path(), may differ from the list's file
   std::optional<std::string> listError;  // why reading failed; the previous list stays in force
+
+  // The read-only lists: drop-ins first, each kind in the order of the files' names.
+  struct ListState {
+    std::string path;
+    bool isDropIn = true;
+    bool isSuspendable = false;
+    bool isInForce = false;  // its names are among those that the extension must hold
+    uint64_t names = 0;
+    uint64_t badLines = 0;
+    std::optional<Moment> modified;    // the time of the file's last change
+    std::string sha256;                // of the file's text, in hexadecimal
+    std::optional<std::string> error;  // why reading failed, or why the list is not in force
+    bool operator==(const ListState&) const = default;
+  };
+  std::vector<ListState> readOnlyLists;
 
   // What the keeper knows about the extension.
   bool connected = false;

@@ -1,11 +1,11 @@
 #include "companion/list/BlockList.h"
 
 #include <algorithm>
+#include <span>
 #include <tuple>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/HostnameList.h"
-#include "platform/KeyedHash.h"
 #include "platform/names/Subdomains.h"
 
 namespace orvane {
@@ -25,10 +25,49 @@ std::string_view without_prefix(std::string_view host) {
   return host;
 }
 
+uint32_t hash_of(std::string_view host) { return static_cast<uint32_t>(keyed_hash(host)); }
+
 // The comment of a line, with the white space before it.
 std::string_view comment_of(std::string_view line) {
   std::string_view words = without_comment(line);
   return words.size() == line.size() ? std::string_view() : line.substr(trimmed(words).end() - line.begin());
+}
+
+// A name that sort_names() sorts: its position, and eight of its bytes as a number in the order of the names.
+struct SortedName {
+  uint64_t bytes;
+  uint32_t position;
+};
+
+uint64_t bytes_at(const std::string& name, size_t offset) {
+  uint64_t bytes = 0;
+  for (size_t i = offset; i < offset + sizeof bytes; ++i)
+    bytes = bytes << 8 | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0);
+  return bytes;
+}
+
+// Sorts names that are equal up to `offset`.
+void sort_from(size_t offset, std::span<SortedName> sorted, const std::vector<std::string>& names) {
+  for (SortedName& each : sorted) each.bytes = bytes_at(names[each.position], offset);
+  std::sort(sorted.begin(), sorted.end(), [](const auto& one, const auto& other) { return one.bytes < other.bytes; });
+  for (size_t begin = 0, end = 0; begin < sorted.size(); begin = end) {
+    while (end < sorted.size() && sorted[end].bytes == sorted[begin].bytes) ++end;
+    const bool isAtEnd = (sorted[begin].bytes & 0xff) == 0;  // of the names: no name has a zero byte
+    if (end - begin > 1 && !isAtEnd) sort_from(offset + sizeof(uint64_t), sorted.subspan(begin, end - begin), names);
+  }
+}
+
+// Does what std::sort() does, but compares eight bytes at a time, which are together in memory. Comparing a million
+// names one by one takes most of the time for waiting for memory.
+void sort_names(std::vector<std::string>& names) {
+  if (std::is_sorted(names.begin(), names.end())) return;
+  std::vector<SortedName> order(names.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i].position = static_cast<uint32_t>(i);
+  sort_from(0, order, names);
+  std::vector<std::string> sorted;
+  sorted.reserve(names.size());
+  for (const SortedName& each : order) sorted.push_back(std::move(names[each.position]));
+  names = std::move(sorted);
 }
 
 }  // namespace
@@ -53,6 +92,13 @@ std::string name_of(const ListedSite& site) {
       break;
   }
   return site.host;
+}
+
+std::string_view host_of(std::string_view name) {
+  for (std::string_view mark : {kExceptionMark, kSubdomainsMark}) {
+    if (name.starts_with(mark)) return name.substr(mark.size());
+  }
+  return name;
 }
 
 BlockList BlockList::parse(std::string_view text) {
@@ -83,7 +129,6 @@ BlockList BlockList::parse(std::string_view text) {
 // Appends the line `given`, whose content without its comment is `words`. A header changes `group`.
 void BlockList::parseLine(std::string_view given, std::string_view words, GroupIndex& group) {
   Line line;
-  line.text = given;
   std::string fault;
   if (words.empty()) {
   } else if (const auto name = group_in_header(words)) {
@@ -99,10 +144,10 @@ void BlockList::parseLine(std::string_view given, std::string_view words, GroupI
   } else if (!key_of_setting(words).empty()) {
     if (read_setting(words, groups_[group], fault)) line.kind = Kind::Setting;
   } else if (ListedSite site; read_line(words, Scope::Subdomains, site, fault)) {
-    if (given == line_of(site)) line.text.clear();
     site.group = group;
     line.site = std::move(site);
   }
+  if (!line.site || given != line_of(*line.site)) line.text = given;
   if (!fault.empty())
     badLines_.push_back({lines_.size() + 1, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
   line.group = group;
@@ -167,7 +212,7 @@ GroupIndex BlockList::addGroup(std::string_view name) {
 void BlockList::removeGroup(GroupIndex group) {
   for (Line& line : lines_) {
     if (line.group != group) continue;
-    if (line.site && !line.isSuperseded) lineByHost_.erase(locate(line.site->host, group));
+    if (line.site && !line.isSuperseded) lineByHost_.remove(locate(line.site->host, hash_of(line.site->host), group));
     line.isRemoved = true;
   }
   for (Line& line : lines_) {
@@ -217,41 +262,39 @@ std::vector<size_t> BlockList::sitesOfGroups() const {
 }
 
 const ListedSite* BlockList::find(std::string_view host, GroupIndex group) const {
-  auto found = locate(host, group);
-  return found == lineByHost_.end() ? nullptr : &*lines_[found->second].site;
+  const auto found = locate(host, hash_of(host), group);
+  return found == LineTable::kNotFound ? nullptr : &*lines_[lineByHost_.line(found)].site;
 }
 
 void BlockList::forEachSiteOf(std::string_view host, const std::function<void(const ListedSite&)>& visit) const {
-  locateIf(host, [&](const ListedSite& site) {
+  locateIf(host, hash_of(host), [&](const ListedSite& site) {
     visit(site);
     return false;
   });
 }
 
 template <class Predicate>
-BlockList::LineByHost::const_iterator BlockList::locateIf(std::string_view host, Predicate isWanted) const {
-  const auto [begin, end] = lineByHost_.equal_range(keyed_hash(host));
-  const auto found = std::find_if(begin, end, [&](const auto& entry) {
-    const ListedSite& site = *lines_[entry.second].site;
+LineTable::Position BlockList::locateIf(std::string_view host, uint32_t hash, Predicate isWanted) const {
+  return lineByHost_.findIf(hash, [&](uint32_t line) {
+    const ListedSite& site = *lines_[line].site;
     return site.host == host && isWanted(site);
   });
-  return found == end ? lineByHost_.end() : found;
 }
 
-BlockList::LineByHost::const_iterator BlockList::locate(std::string_view host, GroupIndex group) const {
-  return locateIf(host, [&](const ListedSite& site) { return site.group == group; });
+LineTable::Position BlockList::locate(std::string_view host, uint32_t hash, GroupIndex group) const {
+  return locateIf(host, hash, [&](const ListedSite& site) { return site.group == group; });
 }
 
 bool BlockList::put(ListedSite site) {
-  auto found = locate(site.host, site.group);
-  if (found == lineByHost_.end()) {
+  const auto found = locate(site.host, hash_of(site.host), site.group);
+  if (found == LineTable::kNotFound) {
     Line line;
     line.group = site.group;
     line.site = std::move(site);
     append(std::move(line));
     return true;
   }
-  Line& line = lines_[found->second];
+  Line& line = lines_[lineByHost_.line(found)];
   if (*line.site == site) return false;
   std::string comment(comment_of(line.text));
   line.text = comment.empty() ? "" : line_of(site) + comment;
@@ -260,27 +303,28 @@ bool BlockList::put(ListedSite site) {
 }
 
 bool BlockList::remove(std::string_view host, GroupIndex group) {
-  auto found = locate(host, group);
-  if (found == lineByHost_.end()) return false;
+  const auto found = locate(host, hash_of(host), group);
+  if (found == LineTable::kNotFound) return false;
   // Remove all lines of the site, because without the last line, an earlier line of the site would take effect.
-  for (uint32_t i = found->second; i != kNone; i = lines_[i].earlier) {
+  for (uint32_t i = lineByHost_.line(found); i != kNone; i = lines_[i].earlier) {
     lines_[i].isRemoved = true;
     lines_[i].site.reset();
   }
-  lineByHost_.erase(found);
+  lineByHost_.remove(found);
   return true;
 }
 
 void BlockList::append(Line line) {
   if (line.site) {
     const auto here = static_cast<uint32_t>(lines_.size());
-    const std::string& host = line.site->host;
-    if (auto found = locate(host, line.group); found != lineByHost_.end()) {
-      line.earlier = found->second;
+    const uint32_t hash = hash_of(line.site->host);
+    if (const auto found = locate(line.site->host, hash, line.group); found != LineTable::kNotFound) {
+      line.earlier = lineByHost_.line(found);
       lines_[line.earlier].isSuperseded = true;
-      lineByHost_.erase(found);
+      lineByHost_.setLine(found, here);
+    } else {
+      lineByHost_.add(hash, here);
     }
-    lineByHost_.emplace(keyed_hash(host), here);
   }
   lines_.push_back(std::move(line));
 }
@@ -341,6 +385,31 @@ Decision decide(const BlockList& list, std::string_view host, Moment now) {
   return decide(list, host, now, group_states(list, now));
 }
 
+std::unordered_map<std::string_view, std::vector<GroupIndex>, KeyedHash> groups_opened_by(
+    const BlockList& list, const std::vector<std::string_view>& hosts) {
+  std::unordered_map<std::string_view, std::vector<GroupIndex>, KeyedHash> opened;
+  for (const std::string_view host : hosts) opened.try_emplace(host);
+  if (opened.empty()) return opened;
+  const auto add = [](std::vector<GroupIndex>& groups, const ListedSite& site) {
+    if (std::find(groups.begin(), groups.end(), site.group) == groups.end()) groups.push_back(site.group);
+  };
+  list.forEachSite([&](const ListedSite& site) {
+    if (site.scope == Scope::Exception) return;
+    for (std::string_view host = site.host;; host.remove_prefix(host.find('.') + 1)) {
+      if (const auto found = opened.find(host); found != opened.end()) add(found->second, site);
+      if (host.find('.') == std::string_view::npos) return;
+    }
+  });
+  for (auto& [host, groups] : opened) {
+    for (const std::string_view covering : covering_hosts(host)) {
+      list.forEachSiteOf(covering, [&, &groups = groups](const ListedSite& site) {
+        if (site.scope == Scope::Subdomains) add(groups, site);
+      });
+    }
+  }
+  return opened;
+}
+
 HeldNames held_names(const BlockList& list, Moment now, const GroupStates& states) {
   HeldNames held;
   held.names.reserve(list.size());
@@ -353,7 +422,7 @@ HeldNames held_names(const BlockList& list, Moment now, const GroupStates& state
       held.names.push_back(name_of(site));
     }
   });
-  std::sort(held.names.begin(), held.names.end());
+  sort_names(held.names);
   held.names.erase(std::unique(held.names.begin(), held.names.end()), held.names.end());
   // If groups suspend a name until different moments, the first of these moments ends its suspension. A group that does
   // not suspend the name blocks it.

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "companion/list/Group.h"
+#include "companion/list/LineTable.h"
 #include "companion/text/TimeText.h"
+#include "platform/KeyedHash.h"
 
 namespace orvane {
 
@@ -44,6 +46,8 @@ bool has_subdomains(const ListedSite& site);
 
 // The name that the extension must hold for a site: the host, with the mark of its scope (Subdomains.h).
 std::string name_of(const ListedSite& site);
+// The host of such a name: a view into `name`.
+std::string_view host_of(std::string_view name);
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
 // Not thread-safe.
@@ -110,16 +114,12 @@ class BlockList {
   struct Section {
     size_t settings = 0, end = 0;
   };
-  // Maps the keyed hash of a site's host to the index of the site's line. The map does not contain the hosts
-  // themselves, because second copies of the hosts would take most of the memory.
-  using LineByHost = std::unordered_multimap<size_t, uint32_t>;
-
   void parseLine(std::string_view given, std::string_view words, GroupIndex& group);
   void append(Line line);
-  // The first site with exactly this host for which isWanted(site) returns true; end() if there is none.
+  // The first site with exactly this host for which isWanted(site) returns true; kNotFound if there is none.
   template <class Predicate>
-  LineByHost::const_iterator locateIf(std::string_view host, Predicate isWanted) const;
-  LineByHost::const_iterator locate(std::string_view host, GroupIndex group) const;
+  LineTable::Position locateIf(std::string_view host, uint32_t hash, Predicate isWanted) const;
+  LineTable::Position locate(std::string_view host, uint32_t hash, GroupIndex group) const;
   std::string textOf(const Line& line) const;
   std::vector<uint32_t> addedLines() const;
   size_t placeOf(const Line& line) const;
@@ -129,7 +129,8 @@ class BlockList {
   std::vector<Group> groups_{{std::string(kDefaultGroupName), true, {}, {}, {}}};
   std::vector<Section> sections_{1};  // one for each group
   std::vector<BadLine> badLines_;
-  LineByHost lineByHost_;
+  // The line of each site, by the keyed hash of its host. A second copy of the hosts would take most of the memory.
+  LineTable lineByHost_;
 };
 
 // Gives `list` a group with the name and the settings of `group`, except for a request for a lock. Returns its index.
@@ -157,6 +158,11 @@ struct Decision {
 };
 Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states);
 Decision decide(const BlockList& list, std::string_view host, Moment now);
+
+// For each of these hosts: the groups with blocked sites that an exception for the host would open, in whole or in
+// part, which are sites at or below the host, and sites whose subdomains include it. Each group once.
+std::unordered_map<std::string_view, std::vector<GroupIndex>, KeyedHash> groups_opened_by(
+    const BlockList& list, const std::vector<std::string_view>& hosts);
 
 // The names that the extension must hold at a given moment. It must hold a site's name if the site is in a group that
 // is in force, and is not suspended there.

@@ -42,7 +42,7 @@ bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string
   const bool keepsPrefix = scope != Scope::Subdomains || host.starts_with('.');
   if (host.size() > 1 && host.starts_with('.')) host.remove_prefix(1);
   if (!read_hostname(host, site.host, fault)) return false;
-  if (!keepsPrefix) site.host = site_of(site.host);
+  if (!keepsPrefix) site.host.erase(0, site.host.size() - site_of(site.host).size());
   return true;
 }
 

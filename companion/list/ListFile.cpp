@@ -31,12 +31,15 @@ constexpr mode_t kModeOfNew = 0660;
 // set-ID program that belongs to root.
 constexpr mode_t kPermissions = 0666;
 
-// The path of the list. Each operation opens the list's folder once and finds all files in this open folder. So the
-// operation uses only one folder, even if another folder gets the same path meanwhile.
+// The path of the list, or of a file beside it. Each operation opens the folder once and finds all files in this open
+// folder. So the operation uses only one folder, even if another folder gets the same path meanwhile.
 struct Place {
   std::string path;
   std::string folder;
   std::string name;  // in the folder
+  bool isMachines() const {
+    return folder == std::string_view(kListPath).substr(0, std::string_view(kListPath).rfind('/') + 1);
+  }
 };
 
 Place place_of(const std::string& path) {
@@ -53,24 +56,24 @@ std::string advice_on(int error, const Place& place) {
   switch (error) {
     case EACCES:
     case EPERM:
-      if (place.path == kListPath) return access_advice();
+      if (place.isMachines()) return access_advice();
       return "check the rights of the file and its folder";
     case ENOENT:
     case ENOTDIR:
-      if (place.path == kListPath) return "is orvane-se installed? Or name another file with --list";
+      if (place.isMachines()) return "is orvane-se installed? Or name another file with --list";
       return "check the path";
     case ENOSPC:
     case EDQUOT:
-      return "the list is as it was: make room on the disk, and run the command again";
+      return "the file is as it was: make room on the disk, and run the command again";
     case ELOOP:
       return "it is a symbolic link: name the file itself";
     default:
-      return "the list is as it was: check its file system";
+      return "the file is as it was: check its file system";
   }
 }
 
 FileError file_error(const char* what, const Place& place, int error) {
-  return FileError(std::string(what) + " the list: " + in_quotes(place.path) + ": " + std::strerror(error) + ": " +
+  return FileError(std::string(what) + " the file: " + in_quotes(place.path) + ": " + std::strerror(error) + ": " +
                    advice_on(error, place));
 }
 
@@ -90,7 +93,7 @@ void lock(const Descriptor& folder, const Place& place) {
   while (::flock(folder.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) throw file_error("cannot lock", place, errno);
     if (steady_clock::now() > end)
-      throw FileError("cannot lock the list: " + in_quotes(place.path) +
+      throw FileError("cannot lock the file: " + in_quotes(place.path) +
                       ": another program has held the lock for a minute: find it with lslocks, and try again");
     std::this_thread::sleep_for(kPause);
   }
@@ -125,14 +128,12 @@ struct stat status_of(const Descriptor& file, const Place& place) {
 void check_size(std::string_view text, const Place& place) {
   constexpr std::ptrdiff_t kMostLines = std::ptrdiff_t{1} << 22;
   if (text.size() > kLargestInput || std::count(text.begin(), text.end(), '\n') > kMostLines)
-    throw FileError("too large a list: " + in_quotes(place.path) +
+    throw FileError("too large a file: " + in_quotes(place.path) +
                     ": at most 256 MiB and four million lines: remove some");
 }
 
 // What was read from the file. The default values describe a missing file.
-struct FileContent {
-  std::string text;
-  ListVersion version;
+struct FileContent : ListFileContent {
   mode_t mode = kModeOfNew;
 };
 
@@ -157,13 +158,14 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
     if (!file) throw file_error("cannot read", place, errno);
     const struct stat status = status_of(file, place);
     if (!S_ISREG(status.st_mode))
-      throw FileError("cannot read the list: " + in_quotes(place.path) +
-                      ": it is not a regular file: name another with --list");
+      throw FileError("cannot read the file: " + in_quotes(place.path) +
+                      ": it is not a regular file: put a file in its place");
     // A hard link could also give the list's name to a file that only root may read.
     if (status.st_nlink > 1)
-      throw FileError("cannot read the list: " + in_quotes(place.path) +
+      throw FileError("cannot read the file: " + in_quotes(place.path) +
                       ": the file has other names (hard links): replace it by a copy");
-    content = {read_text(file, place), version_of(status), status.st_mode & kPermissions};
+    content = {{read_text(file, place), version_of(status), Moment(std::chrono::seconds(status.st_mtime))},
+               status.st_mode & kPermissions};
     if (attempt == kAttempts || version_of(status_of(file, place)) == content.version) return content;
   }
 }
@@ -186,7 +188,7 @@ mode_t mode_for(const Descriptor& folder, const Place& place, mode_t oldMode) {
 ListVersion make_current(FileReplacement& file, const Place& place) {
   if (auto error = file.renameTo(place.name)) throw file_error("cannot change", place, error.value());
   if (auto error = file.syncFolder())
-    throw FileError("cannot be sure of the list: " + in_quotes(place.path) + ": " + error.message() +
+    throw FileError("cannot be sure of the file: " + in_quotes(place.path) + ": " + error.message() +
                     ": it is changed, but may be the old one after a loss of power: check the disk");
   struct stat status = {};
   if (::fstat(file.descriptor(), &status) != 0) throw file_error("cannot read", place, errno);
@@ -207,9 +209,13 @@ void write(FileReplacement& file, std::string_view text, const Descriptor& folde
 }  // namespace
 
 StoredList read_list(const std::string& path) {
-  const Place place = place_of(path);
-  const FileContent content = read_file(open_folder(place), place);
+  const ListFileContent content = read_list_file(path);
   return {BlockList::parse(content.text), content.version};
+}
+
+ListFileContent read_list_file(const std::string& path) {
+  const Place place = place_of(path);
+  return read_file(open_folder(place), place);
 }
 
 ListVersion list_version(const std::string& path) {
@@ -230,22 +236,30 @@ void replace_list_text(const std::string& path, std::string_view text) {
   make_current(file, place);
 }
 
-ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit) {
+ListVersion edit_list_text(const std::string& path,
+                           const std::function<std::optional<std::string>(std::string)>& edit) {
   const Place place = place_of(path);
   const Descriptor folder = open_folder(place);
   lock(folder, place);
   constexpr int kAttempts = 10;
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     FileContent content = read_file(folder, place);
-    BlockList list = BlockList::parse(std::exchange(content.text, {}));
-    if (!edit(list)) return content.version;
+    const std::optional<std::string> text = edit(std::exchange(content.text, {}));
+    if (!text) return content.version;
     FileReplacement file = new_file(folder, place);
-    write(file, list.text(), folder, place, content.mode);
+    write(file, *text, folder, place, content.mode);
     // Editors take no lock. If an editor has saved the file since read_file() above, start again with the new version.
     if (current_version(folder, place) == content.version) return make_current(file, place);
   }
-  throw FileError("cannot change the list: " + in_quotes(path) +
+  throw FileError("cannot change the file: " + in_quotes(path) +
                   ": another program keeps changing it: stop that first");
+}
+
+ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit) {
+  return edit_list_text(path, [&](std::string text) {
+    BlockList list = BlockList::parse(std::exchange(text, {}));
+    return edit(list) ? std::optional(list.text()) : std::nullopt;
+  });
 }
 
 }  // namespace orvane

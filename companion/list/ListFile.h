@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,15 @@ struct StoredList {
 // Reads the list. A missing file is an empty list. Throws FileError if the file or its folder cannot be read.
 StoredList read_list(const std::string& path);
 
+// The text of a list's file and what is known about the file, so that the caller can parse the text itself. Checks the
+// file as read_list() does. A missing file has an empty version.
+struct ListFileContent {
+  std::string text;
+  ListVersion version;
+  Moment modified;
+};
+ListFileContent read_list_file(const std::string& path);
+
 // The file's current version. Throws FileError if the folder cannot be read.
 ListVersion list_version(const std::string& path);
 
@@ -33,6 +43,10 @@ ListVersion list_version(const std::string& path);
 // - Throws FileError on failure and passes on what `edit` throws. The file is then unchanged, unless only the fsync of
 //   the folder failed; then the file has changed, and the error's text says so.
 ListVersion edit_list(const std::string& path, const std::function<bool(BlockList&)>& edit);
+
+// Does the same for the text of the list, or of a file beside the list. `edit` returns the new text; nothing if the
+// file stays as it is.
+ListVersion edit_list_text(const std::string& path, const std::function<std::optional<std::string>(std::string)>& edit);
 
 // Reads or replaces the text of a file beside the list. The functions check, protect and replace this file as they do
 // the list. A missing file is an empty text. They take no lock, so call replace_list_text() only while edit_list()

@@ -1,15 +1,11 @@
 #include "companion/list/ListGuard.h"
 
 #include <algorithm>
-#include <bitset>
 #include <nlohmann/json.hpp>
-#include <unordered_map>
 #include <utility>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/text/Input.h"
-#include "platform/KeyedHash.h"
-#include "platform/names/Subdomains.h"
 
 namespace orvane {
 namespace {
@@ -18,9 +14,6 @@ using Json = nlohmann::json;
 using std::chrono::seconds;
 
 constexpr int kWeakestSite = 2;
-
-// A set of guarded groups: one bit for each guarded group.
-using GroupSet = std::bitset<ListGuard::kMostGroups>;
 
 // How much a line blocks; at least kWeakestSite if it blocks anything. An exception counts least, even less than a
 // missing line (null), because it lets the host pass.
@@ -35,17 +28,6 @@ int strength(const ListedSite* site) {
       break;
   }
   return 3;
-}
-
-bool blocks_less(const ListedSite* wanted, const ListedSite& held) {
-  if (strength(wanted) < strength(&held)) return true;
-  return wanted->until && (!held.until || *wanted->until > *held.until);
-}
-
-bool blocks_less(const Group& wanted, const Group& held) {
-  if (wanted.delay < held.delay) return true;
-  if (!held.isEnabled) return false;
-  return !wanted.isEnabled || (!wanted.schedule.isEmpty() && wanted.schedule != held.schedule);
 }
 
 GroupIndex group_named(BlockList& list, std::string_view name) {
@@ -66,6 +48,17 @@ std::string settings_text(const Group& group) {
 }
 
 }  // namespace
+
+bool blocks_less(const ListedSite* wanted, const ListedSite& held) {
+  if (strength(wanted) < strength(&held)) return true;
+  return wanted->until && (!held.until || *wanted->until > *held.until);
+}
+
+bool blocks_less(const Group& wanted, const Group& held) {
+  if (wanted.delay < held.delay) return true;
+  if (!held.isEnabled) return false;
+  return !wanted.isEnabled || (!wanted.schedule.isEmpty() && wanted.schedule != held.schedule);
+}
 
 struct ListGuard::Update {
   Guarded* guarded = nullptr;
@@ -327,28 +320,14 @@ std::optional<GroupIndex> ListGuard::heldGroup(const std::string& name) const {
 void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool wasActive) {
   heldBack_.clear();
   ignoresExceptions_ = false;
-  std::unordered_map<std::string_view, GroupSet, KeyedHash> concerns;
+  std::vector<std::string_view> hosts;
   file.forEachSite([&](const ListedSite& site) {
-    if (site.scope == Scope::Exception) concerns.try_emplace(site.host);
+    if (site.scope == Scope::Exception) hosts.push_back(site.host);
   });
-  std::vector<const Guarded*> guarded;
-  std::vector<Seconds> delays;
-  std::vector<size_t> position(held_.groups().size(), kMostGroups);  // in `guarded`
+  const auto concerned = groups_opened_by(held_, hosts);
+  std::vector<const Guarded*> guarded(held_.groups().size());  // by the group in held_
   for (const auto& [name, each] : guarded_) {
-    const auto held = heldGroup(name);
-    if (!held) continue;
-    position[*held] = guarded.size();
-    guarded.push_back(&each);
-    delays.push_back(held_.groups()[*held].delay);
-  }
-  // For each exception, find the groups with sites at or below its host.
-  if (!concerns.empty()) {
-    held_.forEachSite([&](const ListedSite& site) {
-      for (std::string_view host = site.host;; host.remove_prefix(host.find('.') + 1)) {
-        if (const auto found = concerns.find(host); found != concerns.end()) found->second.set(position[site.group]);
-        if (host.find('.') == std::string_view::npos) return;
-      }
-    });
+    if (const auto held = heldGroup(name)) guarded[*held] = &each;
   }
   std::map<std::string, Seconds> seen;
   std::map<std::string, std::string> settings;
@@ -365,13 +344,7 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
     const auto held = heldGroup(file.groupOf(site).name);
     if (held && held_.find(site.host, *held) != nullptr) return;
     const Group& group = held ? held_.groups()[*held] : file.groupOf(site);
-    auto concerned = concerns.at(site.host);
-    // Add the groups with a site whose subdomains include the host.
-    for (std::string_view covering : covering_hosts(site.host)) {
-      held_.forEachSiteOf(covering, [&](const ListedSite& above) {
-        if (above.scope == Scope::Subdomains) concerned.set(position[above.group]);
-      });
-    }
+    const std::vector<GroupIndex>& groups = concerned.at(site.host);
     const auto [text, isNewGroup] = settings.try_emplace(group.name);
     if (isNewGroup) text->second = settings_text(group);
     const auto before = exceptionSettings_.find(group.name);
@@ -385,15 +358,15 @@ void ListGuard::updateExceptions(const BlockList& file, const Now& now, bool was
                                                      : now.running - kLongestDelay;
     const bool isRemembered = seen.size() < mostExceptions_;
     if (isRemembered) seen.emplace(key, since);
-    bool isHeldBack = !isRemembered && concerned.any();
+    bool isHeldBack = !isRemembered && !groups.empty();
     ignoresExceptions_ = ignoresExceptions_ || isHeldBack;
-    for (size_t i = 0; i < guarded.size() && !isHeldBack; ++i) {
-      if (!concerned[i]) continue;
-      const bool isLocked = guarded[i]->lockEnd && since >= guarded[i]->lockBegan;
-      const Seconds end = since + delays[i];
+    for (const GroupIndex each : groups) {
+      if (isHeldBack) break;
+      const Guarded& guard = *guarded[each];
+      const bool isLocked = guard.lockEnd && since >= guard.lockBegan;
+      const Seconds end = since + held_.groups()[each].delay;
       if (!isLocked && end > now.running) noteDue(end);
-      isHeldBack = isLocked || end > now.running ||
-                   (guarded[i]->lockEnd && !isInForceOnBothClocks(site, group, guarded[i]->clock));
+      isHeldBack = isLocked || end > now.running || (guard.lockEnd && !isInForceOnBothClocks(site, group, guard.clock));
     }
     if (isHeldBack) heldBack_.emplace(group.name, site.host);
   });
@@ -462,9 +435,10 @@ std::optional<seconds> ListGuard::lockEnd(std::string_view group) const {
   return found == guarded_.end() ? std::nullopt : found->second.lockEnd;
 }
 
-size_t ListGuard::pendingChanges(std::string_view group) const {
+const ListGuard::Changes& ListGuard::pendingChanges(std::string_view group) const {
+  static const Changes kNone;
   const auto found = guarded_.find(group);
-  return found == guarded_.end() ? 0 : found->second.leaving.size();
+  return found == guarded_.end() ? kNone : found->second.leaving;
 }
 
 }  // namespace orvane

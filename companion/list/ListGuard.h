@@ -13,6 +13,11 @@
 
 namespace orvane {
 
+// Whether the change of a site or of a group's settings from `held` to `wanted` makes the group block less. `wanted` is
+// null for a site that is removed.
+bool blocks_less(const ListedSite* wanted, const ListedSite& held);
+bool blocks_less(const Group& wanted, const Group& held);
+
 // Guards groups of the list against removals: a locked group until its lock ends, a group with a delay for the time of
 // the delay. The guard keeps a copy of the blocked sites and the settings of each guarded group:
 //
@@ -79,18 +84,22 @@ class ListGuard {
   const std::vector<std::string>& refusedGroups() const { return refusedGroups_; }
   // Whether exceptions have no effect because there are too many.
   bool ignoresExceptions() const { return ignoresExceptions_; }
-  // The removals and other changes of this group that have no effect yet. Exceptions are not counted.
-  size_t pendingChanges(std::string_view group) const;
+
+  using Seconds = std::chrono::seconds;  // on the clock Now::running
+  using Changes =
+      std::map<std::string, Seconds, std::less<>>;  // when each may have an effect, by host; "" for settings
+  // The removals and other changes of this group that have no effect yet, without exceptions. While the group is
+  // locked, they have no effect even at their moment. Valid until update() or load().
+  const Changes& pendingChanges(std::string_view group) const;
 
  private:
-  using Seconds = std::chrono::seconds;  // on the clock Now::running
   struct Guarded {
     bool hasCopy = false;  // held_ has the group
     std::optional<Seconds> lockEnd;
     Seconds lockBegan{0};
-    Seconds clock{0};                                     // Now::wall minus Now::running when the lock began
-    std::optional<Moment> request;                        // the request that was taken over last
-    std::map<std::string, Seconds, std::less<>> leaving;  // when a change may have an effect, by host; "" for settings
+    Seconds clock{0};               // Now::wall minus Now::running when the lock began
+    std::optional<Moment> request;  // the request that was taken over last
+    Changes leaving;
   };
 
   struct Update;  // a guarded group while update() runs

@@ -68,16 +68,20 @@ bool hides_elements(std::string_view line) {
   return false;
 }
 
-// The first option that limits a rule to a part of the site or to certain requests. Empty if there is none.
-std::string_view limiting_option(std::string_view options) {
+// Whether one of the options limits a rule to a part of the site or to certain requests.
+bool has_limiting_option(std::string_view options) {
   constexpr std::string_view kWholeSite[] = {"all", "doc", "document", "important"};
   while (!options.empty()) {
     const size_t end = std::min(options.find(','), options.size());
-    if (!is_one_of(options.substr(0, end), kWholeSite)) return options.substr(0, end);
+    if (!is_one_of(options.substr(0, end), kWholeSite)) return true;
     options.remove_prefix(std::min(end + 1, options.size()));
   }
-  return {};
+  return false;
 }
+
+// Whether a rule of a filter list has a path, a wildcard, a regular expression or an option. Such a rule is not about a
+// whole host.
+bool has_pattern(std::string_view rule) { return rule.find_first_of("/*^|$?&~#%") != std::string_view::npos; }
 
 // Why a text cannot be a list; empty if it can.
 std::string_view format_fault(std::string_view text) {
@@ -93,6 +97,14 @@ std::string_view format_fault(std::string_view text) {
   if (isUTF16 || text.starts_with("\xff\xfe") || text.starts_with("\xfe\xff"))
     return "it is UTF-16: save the text as UTF-8";
   return {};
+}
+
+// Whether a line of a filter list is a fragment of addresses, such as "-banner-" or "adserver", and no whole host.
+bool is_fragment(std::string_view line) {
+  constexpr std::string_view kEdges = "-_.";
+  if (line.find_first_of(kLineSpace) != std::string_view::npos) return false;
+  return line.find('.') == std::string_view::npos || kEdges.find(line.front()) != std::string_view::npos ||
+         kEdges.find(line.back()) != std::string_view::npos;
 }
 
 class ImportReader {
@@ -115,13 +127,13 @@ class ImportReader {
     const std::string_view address = take_word(names);
     const Address kind = names.empty() ? Address::None : address_in(address);
     if (kind != Address::None) return readHostsLine(address, kind, names);
-    if (hides_elements(line)) return reject(line, "it hides parts of pages: only whole sites can be blocked");
+    if (hides_elements(line)) return skipRule();
     line = trimmed(without_comment(line));
     constexpr std::string_view kException = "@@||", kRule = "||";
     if (line.starts_with(kException)) return readRule(line, line.substr(kException.size()), Scope::Exception);
-    if (line.starts_with("@@"))
-      return reject(line, "it is an exception for parts of sites: only exceptions for whole sites are taken");
+    if (line.starts_with("@@")) return skipRule();
     if (line.starts_with(kRule)) return readRule(line, line.substr(kRule.size()), scope_.value_or(Scope::Subdomains));
+    if (isFilterList_ && (has_pattern(line) || is_fragment(line))) return skipRule();
     readPlainLine(line);
   }
 
@@ -189,13 +201,12 @@ class ImportReader {
   // `pattern` is the part of the line after "||" or "@@||".
   void readRule(std::string_view line, std::string_view pattern, Scope scope) {
     if (const size_t dollar = pattern.find('$'); dollar != std::string_view::npos) {
-      const std::string_view option = limiting_option(pattern.substr(dollar + 1));
-      if (!option.empty())
-        return reject(line, "its option " + in_quotes(option) + " limits it: only rules for a whole site are taken");
+      if (has_limiting_option(pattern.substr(dollar + 1))) return skipRule();
       pattern = pattern.substr(0, dollar);
     }
     if (!pattern.empty() && pattern.back() == '|') pattern.remove_suffix(1);
     if (!pattern.empty() && pattern.back() == '^') pattern.remove_suffix(1);
+    if (has_pattern(pattern)) return skipRule();
     ListedSite site{"", scope, {}};
     std::string fault;
     if (!read_hostname(pattern, site.host, fault)) return reject(line, fault);
@@ -225,6 +236,8 @@ class ImportReader {
       add(std::move(site));
     }
   }
+
+  void skipRule() { ++result_.partialRules; }
 
   void reject(std::string_view text, const std::string& fault) {
     ++result_.rejected;

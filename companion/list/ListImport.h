@@ -23,7 +23,9 @@ namespace orvane {
 //   @@||example.com^                a filter list's exception for a whole site           Exception
 //
 // A comment starts with "#", or with "!" at the start of a line. A line in brackets is the header of a group, as in
-// orvane-list(5), or a filter list's title, which counts as a comment.
+// orvane-list(5), or a filter list's title, which counts as a comment. Most rules of a filter list are not about a
+// whole host: they have a path, a wildcard, a regular expression or an option, or hide parts of pages. These rules are
+// only counted.
 struct ImportedSites {
   // Each site of a group once, in the order in which the sites first occur. If several lines name a site, the site gets
   // the greatest of their scopes, and the last of these lines decides whether the site is suspended.
@@ -32,9 +34,10 @@ struct ImportedSites {
   // A text without a header and without sites has the default group.
   std::vector<Group> groups;
   size_t lines = 0;
-  size_t duplicates = 0;  // names that occurred earlier in this text
-  size_t skipped = 0;     // names like localhost, which every hosts file has
-  size_t rejected = 0;    // invalid lines; in a line of hosts(5), each invalid name
+  size_t duplicates = 0;    // names that occurred earlier in this text
+  size_t skipped = 0;       // names like localhost, which every hosts file has
+  size_t partialRules = 0;  // a filter list's rules that are not about a whole host
+  size_t rejected = 0;      // invalid lines; in a line of hosts(5), each invalid name
 };
 
 // Called for each rejected line or name, with the line's number (counted from 1), the text, and a message that says

@@ -1,18 +1,48 @@
+#include <memory>
+
+#include "companion/client/ExtensionBundle.h"
 #include "companion/commands/CommandSet.h"
 #include "companion/commands/DoctorCommands.h"
 #include "companion/commands/GroupCommands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/commands/ListCommands.h"
 #include "companion/commands/SiteCommands.h"
+#include "companion/commands/SubscriptionCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/ReadOnlyList.h"
+#include "companion/statistics/Statistics.h"
 
 namespace orvane {
+namespace {
+
+void declare_statistics_command(CommandSet& commands) {
+  auto given = std::make_shared<StatisticsOptions>();
+  CLI::App* command =
+      commands.declare(commands.app, kServiceGroup, "statistics", "Print how often which hosts were blocked",
+                       [given, &options = commands.options] {
+                         given->json = options.json;
+                         return show_statistics(*given, DropJournal(), kPackageBundle, now_in_seconds());
+                       });
+  command->add_option("--since", given->since, "From when: today, yesterday, monday, 18:00, 2026-11-20, \"3 days ago\"")
+      ->type_name("TIME")
+      ->capture_default_str();
+  command->add_option("--until", given->until, "Until when; without it, until now")->type_name("TIME");
+  command->add_flag("--all", given->all, "Print all hosts, not only the 20 that were blocked most often");
+  command->add_flag("--plot", given->plot, "Print a bar for each hour or day, too");
+  command->footer(
+      "The journal has these data only if the setting OrvaneRecordDrops is yes, as orvane-se(8) describes. Only root\n"
+      "and the members of the group systemd-journal may read them.");
+}
+
+}  // namespace
 
 void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   options.listPath = kListPath;
   options.keeperStatePath = kKeeperStatePath;
   options.cataloguePath = kCataloguePath;
+  options.dropInsPath = kDropInsPath;
+  options.subscriptionsPath = kSubscriptionsPath;
   commands.app
       .add_option("--socket", options.client.socket, "The extension's socket, instead of the default for --service")
       ->type_name("PATH");
@@ -23,11 +53,19 @@ void declare_system_commands(CommandSet& commands, CommonOptions& options) {
   commands.app.add_option("--catalogue", options.cataloguePath, "The folder of the catalogue of sites")
       ->type_name("PATH")
       ->capture_default_str();
+  commands.app.add_option("--drop-ins", options.dropInsPath, "The folder of the administrator's lists")
+      ->type_name("PATH")
+      ->capture_default_str();
+  commands.app.add_option("--fetched", options.subscriptionsPath, "The folder of the fetched lists")
+      ->type_name("PATH")
+      ->capture_default_str();
   declare_list_commands(commands);
+  declare_subscription_commands(commands);
   declare_site_commands(commands);
   declare_group_commands(commands);
   declare_keeper_commands(commands);
   declare_doctor_commands(commands);
+  declare_statistics_command(commands);
 }
 
 }  // namespace orvane

@@ -9,6 +9,7 @@
 #include "companion/browsers/BrowserPolicy.h"
 #include "companion/browsers/BrowserProfiles.h"
 #include "companion/browsers/InstalledBrowsers.h"
+#include "companion/client/ExtensionBundle.h"
 #include "support/TemporaryFolder.h"
 
 namespace orvane {
@@ -176,15 +177,15 @@ TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
   EXPECT_NE(read_browser_list(root + "/none").fault, "");
 }
 
-TEST_F(Browsers, KnowWhetherTheExtensionPassesHTTP3) {
+TEST_F(Browsers, KnowTheSettingsOfTheExtension) {
   for (const std::string setting : {"pass", "judge"}) {
     write("/b/Contents/Info.plist",
           "<plist version=\"1.0\"><dict><key>NetworkExtension</key><dict><key>OrvaneHTTP3</key>"
           "<string>" +
               setting + "</string></dict></dict></plist>");
-    EXPECT_EQ(passes_http3(root + "/b"), setting == "pass");
+    EXPECT_EQ(extension_setting(root + "/b", "OrvaneHTTP3"), Value::string(setting));
   }
-  EXPECT_FALSE(passes_http3(root + "/none"));
+  EXPECT_TRUE(extension_setting(root + "/none", "OrvaneHTTP3").isNil());
 }
 
 TEST(BrowserProfiles, ReadSettingsAsBrowsersWriteThem) {

@@ -67,7 +67,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"unblock example.com co.uk", 0,
        "example.com and its subdomains: removed from the list\nco.uk: removed from the list\n"},
       {"unblock example.com", 2, ""},
-      {"resume --all", 0, ""},
+      {"resume --all; '" ORVANECTL "' --list '%' disallow --all", 0,
+       "nothing to change: the group default has no sites\nnothing to change: the group default has no exceptions\n"},
       {"block https://me@pasted.example:8443/page b\u00fccher.example/page", 0,
        "pasted.example and its subdomains: blocked\nb\u00fccher.example (xn--bcher-kva.example) and its subdomains: "
        "blocked\n"},
@@ -97,9 +98,11 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"group delay work 15m", 0, "work: a removal or suspension has an effect after 15 min\n"},
       {"group delay work 8d", 2, ""},
       {"group disable work", 0, "work: disabled; has an effect in 15 min\n"},
-      {"group enable play", 2, ""},
+      {"lock --group worj --for 1h 2>&1 | head -n 1", 0,
+       "orvanectl: no such group: \"worj\": did you mean work? See orvanectl group list\n"},
       {"list", 0,
-       "[group work]\nschedule = Mon..Fri 09:00-17:00\nschedule = Sat 00:00-24:00\nenabled = no\ndelay = 15m\n"},
+       "[group work]\nschedule = Mon..Fri 09:00-17:00\nschedule = Sat 00:00-24:00\nenabled = no\ndelay = 15m\n"
+       "# The group work: disabled\n"},
       {"block W.example a.example --group work", 0,
        "w.example and its subdomains: blocked; but the group work is disabled\n"
        "a.example and its subdomains: blocked; but the group work is disabled\n"},
@@ -117,6 +120,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"suspend --all --for 1h --group work | grep -c '(1 h 15 min left); has an effect in 15 min'", 0, "2\n"},
       {"suspend --all --until 'in 10 min' --group work", 2, ""},
       {"resume --all --group work >'%.out' && grep -c again '%.out'", 0, "2\n"},
+      {"--json resume --all --group work | grep -o '\"heldBack\":\\[[^]]*\\],\"inForce\":null'", 0,
+       "\"heldBack\":[{\"by\":\"disabled\",\"group\":\"work\",\"until\":null}],\"inForce\":null\n"},
       {"group enable work >/dev/null; '" ORVANECTL "' --list '%' group schedule work always >'%.out' && '" ORVANECTL
        "' --list '%' block w.example 2>'%.out' && '" ORVANECTL "' --list '%' unblock w.example",
        0,
@@ -125,7 +130,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "work\n"},
       {"group schedule work 'Mon..Fri 9:00-17:00' Sat >'%.out' && '" ORVANECTL "' --list '%' group disable work", 0,
        "work: disabled; has an effect in 15 min\n"},
-      {"unblock --all", 0, ""},
+      {"unblock --all", 0, "nothing to change: the group default has no sites\n"},
       {"unblock w.example a.example --group work", 0,
        "w.example and its subdomains: removed from the list; has an effect in 15 min\n"
        "a.example and its subdomains: removed from the list; has an effect in 15 min\n"},

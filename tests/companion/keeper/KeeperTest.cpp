@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -15,6 +18,7 @@
 #include "companion/keeper/ExtensionLink.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/ListSync.h"
+#include "companion/keeper/ReadOnlyLists.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
@@ -153,6 +157,13 @@ TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
   EXPECT_EQ(extension.log, "add a, set 1") << "the guarded names first";
   EXPECT_LE(link.due(), ExtensionLink::Clock::now()) << "asks again at once";
   EXPECT_EQ(state.changesOfOthers, 0U);
+  testing::internal::CaptureStderr();
+  for (int i = 0; i < 3; ++i) {
+    ++extension.changes;
+    wait_and_attend(link, list);
+  }
+  EXPECT_EQ(extension.log, "add a, set 1, add a, set 1, add a, set 1, add a, set 1");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "logs at most once a minute";
   const HeldNames many = many_names();
   extension.mostNames = 0;
   link.update(&list, many);
@@ -174,6 +185,53 @@ TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
   EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"})) << "after an edit by another client";
 }
 
+// The names of the lists that are in force, and for each list, whether an error is known.
+std::string described(ReadOnlyLists& lists, uint64_t ownRoom) {
+  std::string text;
+  for (const ReadOnlyList* list : lists.inForce(ownRoom)) {
+    for (const auto& section : list->sections) {
+      for (std::string_view name : section.names) text.append(name).append(" ");
+    }
+  }
+  for (const auto& list : lists.states()) text += list.error ? "!" : "-";
+  return text;
+}
+
+TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
+  const uint64_t one = room_of(".a.example");
+  ReadOnlyLists lists(path("d"), path("s"), 4 * one);
+  const auto write = [&](const char* name, const char* text) {
+    std::filesystem::create_directories(std::filesystem::path(path(name)).parent_path());
+    std::ofstream(path(name)) << text;
+  };
+  const struct {
+    const char* description;
+    std::function<void()> change;
+    uint64_t ownNames;
+    const char* outcome;
+  } kSteps[] = {
+      {"no folders", [] {}, 0, ""},
+      {"files that are no lists", [&] { write("d/README", "a"), write("d/.x.list", "a"), write("s/A.list", "a"); }, 0,
+       ""},
+      {"drop-ins first", [&] { write("s/a.list", "s.example"), write("d/Z.list", "d.example\ne.example"); }, 0,
+       ".d.example .e.example .s.example --"},
+      {"no room beside the machine's list", [] {}, 2, ".d.example .e.example -!"},
+      {"an unreadable file", [&] { unlink(path("d/Z.list").c_str()), write("d/Z.list/x", ""); }, 0,
+       ".d.example .e.example .s.example !-"},
+      {"a list without room", [&] { write("s/b.list", "b.example\nc.example"); }, 0,
+       ".d.example .e.example .s.example !-!"},
+      {"room again", [&] { std::filesystem::remove_all(path("d")); }, 0, ".s.example .b.example .c.example --"},
+  };
+  for (const auto& step : kSteps) {
+    step.change();
+    lists.refresh();
+    EXPECT_EQ(described(lists, step.ownNames * one), step.outcome) << step.description;
+  }
+  for (size_t i = 0; i < ReadOnlyLists::kMostLists; ++i) write(("s/0" + std::to_string(i) + ".list").c_str(), "");
+  lists.refresh();
+  EXPECT_EQ(described(lists, 0), std::string(ReadOnlyLists::kMostLists, '-')) << "the files after the limit";
+}
+
 // Stands in for a running keeper: has locked the state file, and publish() writes the state to it.
 class StateFile : public Keeper {
  protected:
@@ -181,7 +239,8 @@ class StateFile : public Keeper {
     state.listPath = path("list");
     state.listVersion = state.sentVersion.emplace("v");
     state.suspended = {{"a.example", at(3)}};
-    state.groups = {{"work", true, at(4), at(5), 6}};
+    state.groups = {{"work", true, at(4), at(5), 6, 7s, at(8)}};
+    state.pending = {{"work", "b.example", at(9)}};
     state.connected = true;
     state.changesOfOthers = 3;
   }
@@ -251,6 +310,21 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("m.c.example", "not blocked", "suspended until Tue 2999");
   check("d.example", "not blocked", "it is not on the list\n");
   check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
+  // With read-only lists.
+  std::ofstream(path("d.list")) << "d.example\nx.a.example only\n[group work]\nw.example\n";
+  std::ofstream(path("s.list")) << "s.example\na.example allowed\nnew.c.example\nx.a.example\n";
+  state.listPath = path("list");
+  state.groups = {{"default", true, {}, {}, 0}, {"work", false, {}, {}, 0}};
+  state.readOnlyLists = {{path("d.list"), true, false, true, 3, 0, {}, "", {}},
+                         {path("s.list"), false, false, true, 4, 0, {}, "", {}}};
+  check("sub.d.example", "blocked", "by the line \"d.example\" of the administrator's list \"");
+  check("x.a.example", "blocked", "by the line \"x.a.example only\" of the administrator's list \"");
+  check("y.x.a.example", "blocked", "by the line \"a.example\"; the exception \"x.a.example allowed\" has no effect");
+  check("b.a.example", "blocked", "by the line \"a.example\"\n");
+  check("s.example", "blocked", "by the line \"s.example\" of the fetched list \"");
+  check("new.c.example", "not blocked", "but suspended with the line \"c.example until=2999-01-01T00:00:00Z\"");
+  check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
+  check("www.e.example", "not blocked", "it is not on the list\n");
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");
   state.connected = false;

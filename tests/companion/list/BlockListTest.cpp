@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
+#include <random>
 
 #include "companion/list/BlockList.h"
 #include "support/TimeZone.h"
@@ -9,6 +11,30 @@ namespace orvane {
 namespace {
 
 constexpr Moment at(int64_t second) { return Moment(std::chrono::seconds(second)); }
+
+TEST(BlockList, FindsTheSitesThatManyChangesLeave) {
+  std::mt19937 random(1);  // NOLINT(cert-msc51-cpp): the same numbers in each run
+  BlockList list;
+  std::map<std::string, Scope> expected;
+  for (int i = 0; i < 20000; ++i) {
+    const std::string host = "same-begin-" + std::to_string(random() % 3000) + ".example";
+    const Scope scope = random() % 2 == 0 ? Scope::ExactName : Scope::Subdomains;
+    if (random() % 2 == 0) {
+      EXPECT_EQ(list.remove(host), expected.erase(host) > 0) << host;
+    } else {
+      list.put({host, scope, {}});
+      expected[host] = scope;
+    }
+  }
+  ASSERT_EQ(list.size(), expected.size());
+  std::vector<std::string> names;
+  for (const auto& [host, scope] : expected) {
+    ASSERT_NE(list.find(host), nullptr) << host;
+    names.push_back(name_of({host, scope, {}}));
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(held_names(list, at(0)).names, names);
+}
 
 TEST(BlockList, HoldsOneNameForEachLine) {
   const std::pair<const char*, const char*> kCases[] = {

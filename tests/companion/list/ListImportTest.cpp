@@ -15,16 +15,17 @@ namespace {
 
 void ignore(size_t, std::string_view, const std::string&) {}
 
-// Imports the text. Returns the imported sites as lines of the list, each followed by ";", and then the numbers of the
-// rejected lines, each after "!".
+// Imports the text. Returns the imported sites as lines of the list, each followed by ";", then the numbers of the
+// rejected lines, each after "!", and then, after "?", how many rules for parts of sites were skipped.
 std::string imported(std::string_view text, std::optional<Scope> scope = {}) {
   std::string result, rejected;
   auto reject = [&](size_t line, std::string_view, const std::string& fault) {
     rejected += " !" + std::to_string(line);
     EXPECT_NE(fault.find(": "), std::string::npos) << fault;
   };
-  for (const ListedSite& site : read_import(text, {scope, {}}, reject, nullptr).sites) result += line_of(site) + ";";
-  return result + rejected;
+  const ImportedSites read = read_import(text, {scope, {}}, reject, nullptr);
+  for (const ListedSite& site : read.sites) result += line_of(site) + ";";
+  return result + rejected + (read.partialRules > 0 ? " ?" + std::to_string(read.partialRules) : "");
 }
 
 TEST(ListImport, ReadsEachFormOfLine) {
@@ -40,15 +41,17 @@ TEST(ListImport, ReadsEachFormOfLine) {
        "ok.example only; !1 !2 !3"},
       {"filter list",
        "[Adblock Plus 2.0]\n! title\n||a.example^\n||b.example^$doc,important\n||www.c.example|\n##.x\n#@#.x",
-       "a.example;b.example;.www.c.example; !6 !7"},
+       "a.example;b.example;.www.c.example; ?2"},
       {"filter list, exceptions",
        "@@||a.example^\n||a.example^\n||b.example^\n@@||b.example^$document\n@@||c.example^$script\n@@/g/",
-       "a.example allowed;b.example allowed; !5 !6"},
+       "a.example allowed;b.example allowed; ?2"},
       {"public suffixes", "co.uk\n||github.io^\n@@||github.io^\ncom only\n0.0.0.0 co.uk\nuser.github.io",
        "com only;co.uk only;user.github.io; !1 !2 !3"},
       {"filter list, other rules",
-       "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^",
-       " !1 !2 !3 !4 !5 !6 !7"},
+       "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^\nh i\n"
+       "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example",
+       "o.example; !7 !8 ?10"},
+      {"wildcards and paths elsewhere", "*.a.example\nb.example/c\nd.example", "d.example; !1 !2"},
       {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
       {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
        "a.example;b.example until=2030-01-01T00:00:00Z;"},
@@ -117,7 +120,7 @@ TEST(ListImport, TakesNoLongerForNamesThatCollideWithoutAKey) {
   EXPECT_LT(import_time(colliding), 5 * import_time(ordinary));
 }
 
-// The lists before and after an import, and after the import is taken back.
+// Each row has the text of a list before an import, after the import, and after the import is taken back.
 TEST(ListImport, KeepsTheGroupsOfAnExport) {
   const std::string groups =
       "delay = 5m\na.example\n\n[group work]\nschedule = Mon..Fri 09:00-17:00\nenabled = no\na.example only\n"

@@ -67,10 +67,11 @@ def PolicyStopsEncryptedHellosOfFirefox(world: World):
 def _check_shared_connections(world: World, browser: Browser, *expected: str) -> None:
     """Checks whether the browser reaches HELD over its open connections to names that are not held.
 
-    All names have the same address. `expected` has the verdicts on HELD, which the browser requests four times:
-      - as a page, and as a part of a page, after it has opened a page of another site;
-      - as a part of a page, after it has fetched a part from another site;
-      - as a page, after it has opened a page of a subdomain of HELD.
+    All names have the same address. `expected` has the verdicts on four requests for HELD:
+      1. for a page, after the browser has opened a page of another site;
+      2. for a part of that other page;
+      3. for a part of that other page, after that page has fetched a part from a third site;
+      4. for a page, after the browser has opened a page of a subdomain of HELD.
     """
     with world.filtering(browser.identifier), browser.tabs() as tabs:
         tab = tabs.open()

@@ -24,7 +24,7 @@ def _now() -> datetime.datetime:
 
 
 def ScheduleBeginsAndEndsWhenTheClockSaysSo(world: World):
-    """Both changes of the clocks of a year in two zones. The clocks are those of the keeper's process alone."""
+    """The clock enters and leaves summer time, in two time zones. Only the keeper's process has this clock."""
     libraries = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
     if not libraries:
         raise Unavailable("libfaketime is not installed")
@@ -72,6 +72,30 @@ def ScheduleBeginsAtARealTime(world: World):
         check(connect(HELD), ALLOW, "after the suspension and the span")
 
 
+def _json(keeper: Keeper, *command: str, text: str | None = None):
+    return json.loads(keeper.control("--json", *command, text=text).stdout)
+
+
+def _held_back(keeper: Keeper, *command: str, text: str | None = None) -> list[tuple[str, int]]:
+    """What holds the change of a command back, each with the hours that are left."""
+    result = _json(keeper, *command, text=text)
+    check(bool(result["inForce"] and result["heldBack"]), False, f"a change that is held back is in force: {command}")
+    left = [datetime.datetime.fromisoformat(each["until"][:-1] + "+00:00") - _now() for each in result["heldBack"]]
+    return [(each["by"], round(hours / datetime.timedelta(hours=1))) for each, hours in zip(result["heldBack"], left)]
+
+
+def _check_what_is_still_blocked(keeper: Keeper) -> None:
+    def still_blocked() -> list[tuple[str, bool]]:
+        return [(site["host"], site["inFile"]) for site in _json(keeper, "list") if site.get("stillBlocked")]
+
+    wait_until(lambda: still_blocked() == [(HELD, False), (NEWS, False)], "list shows the sites that are still blocked")
+    group = [group for group in _json(keeper, "group", "show", "work") if group["lockedUntil"]]
+    check([(each["inFile"], each["sites"]) for each in group], [(False, 2)], "the locked group in group show")
+    shown = keeper.control("list").stdout + keeper.control("group", "list").stdout
+    for words in (f"# Still blocked: {HELD} in the group work, until", "work: 2 sites, in force, locked until"):
+        check(words in shown, True, f"list and group list say: {words}: {shown}")
+
+
 def LockHoldsAgainstEveryoneButRoot(world: World):
     with world.extension(PYTHON) as extension:
         keeper = Keeper(extension, world.directory)
@@ -79,9 +103,18 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             keeper.list.write_text(f"free.example\n[group work]\n{HELD}\n{NEWS}\n")
             becomes(DROP, "the list is in force")
             keeper.control("lock", "--group", "work", "--for", "1h").check_returncode()
+            imported = _held_back(keeper, "import", "-", text=f"x.{HELD} allowed\n")
+            check(imported, [("lock", 1)], "what holds an imported exception back")
             text = keeper.list.read_text()
-            for refused in (("disable", "work"), ("remove", "work"), ("schedule", "work", "Sun 1:00-2:00")):
-                check(keeper.control("group", *refused).returncode, 1, f"the exit code of group {refused}")
+            for refused in (
+                "group disable work",
+                "group remove work",
+                "group schedule work always",
+                f"unblock --group work {HELD}",
+                f"suspend --group work {HELD} --for 1h",
+                f"allow --group work {HELD}",
+            ):
+                check(keeper.control(*refused.split()).returncode, 1, f"the exit code of {refused}")
             check(keeper.list.read_text(), text, "the list after refused commands")
 
             def replaced():
@@ -97,7 +130,18 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
                 change()
                 time.sleep(2)  # the keeper waits a second for an editor to write into an empty file
                 check([connect(HELD), connect(NEWS)], [DROP, DROP], "the names of the locked group after a change")
+                if change is not gone:
+                    _check_what_is_still_blocked(keeper)
             keeper.end(signal.SIGKILL)
+        libraries = glob.glob("/usr/lib/*/faketime/libfaketime.so.1")
+        for offset in ("+2d", "-2d") if libraries else ():
+            keeper.environment["FAKETIME"] = offset
+            keeper.environment.update({"LD_PRELOAD": libraries[0], "FAKETIME_DONT_FAKE_MONOTONIC": "1"})
+            with keeper:
+                wait_until(lambda: "work: locked" in keeper.control("lock").stdout, "the keeper has the lock")
+                wait_until(lambda: keeper.status()[0]["keeper"]["extension"]["sentNames"] == 2, "the keeper sends it")
+                check(connect(HELD), DROP, f"the locked group with a clock set by {offset}")
+        keeper.environment.pop("LD_PRELOAD", None)
         with keeper:  # the keeper was killed, and the list cannot be read
             keeper.list.rmdir()
             keeper.list.write_text(f"{NEWS}\nmore.example\n")
@@ -129,3 +173,11 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             wait_until(guard.exists, "a new guard's file")
             kept = [path.read_text() for path in world.directory.glob("*.guard.unreadable-*")]
             check(kept, ["damaged"], "the copy of a guard's file that cannot be read")
+            check(_held_back(keeper, "unblock", "--group", "work", HELD), [("delay", 1)], "what holds back an unblock")
+            for _ in range(2):  # the second time, the file has no delay any more
+                off = ("group", "delay", "work", "off")
+                wait_until(lambda: _held_back(keeper, *off) == [("delay", 1)], "the old delay holds the new one back")
+            span = f"{(_now() + datetime.timedelta(days=2)):%a} 10:00-11:00"
+            keeper.list.write_text(f"[group night]\nschedule = {span}\n")
+            late = _held_back(keeper, "block", NEWS, "--group", "night")
+            check(late[0][0], "schedule", "what holds back a block")

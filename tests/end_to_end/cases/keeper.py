@@ -1,7 +1,9 @@
 """What the keeper sends, and when: after restarts of the extension or the keeper, and after changes of the list."""
 
 import datetime
+import hashlib
 import json
+import pathlib
 import shutil
 import signal
 import time
@@ -65,7 +67,8 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
                 change()
                 time.sleep(0.3)
                 verdicts.append(connect(HELD))
-            if time.monotonic() - begin < 1:  # the keeper waits so long, but this test may be slower
+            # An empty list takes effect after a second. On a slow machine, the steps above may take longer.
+            if time.monotonic() - begin < 1:
                 check(verdicts, [DROP, DROP], "while the file is away, and while it is empty")
             keeper.list.write_text(listed + f"{NEWS}\n")
 
@@ -126,3 +129,65 @@ def KeeperExitsAtOnceWhileTheExtensionHangs(world: World):
             keeper.end(signal.SIGTERM)
         finally:
             extension.process.send_signal(signal.SIGCONT)
+
+
+def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
+    with world.extension(PYTHON) as extension, _Keeper(extension, world.directory) as keeper:
+
+        def lists() -> dict[str, dict]:
+            shown = keeper.status(in_force=True)["keeper"]["readOnlyLists"]
+            return {pathlib.Path(each["path"]).name: each for each in shown}
+
+        # The folders appear after the keeper's start.
+        keeper.drop_ins.mkdir()
+        drop_in, fetched = keeper.drop_ins / "school.list", keeper.fetched / "ads.list"
+        drop_in.write_text(f"{HELD}\n")
+        becomes(DROP, "the drop-in is in force")
+        keeper.fetched.mkdir()
+        fetched.with_name(".new").write_text(f"{NEWS}\nfetched.example\n")
+        fetched.with_name(".new").rename(fetched)
+        becomes(DROP, "the subscription is in force", NEWS)
+
+        # What members do to their own list has no effect on the drop-in.
+        mine = f"{HELD} until=2999-01-01T00:00:00Z\n[group mine]\n{HELD} allowed\n{NEWS} allowed\n"
+        keeper.list.write_text(mine)
+        becomes(ALLOW, "the exception for the subscription's name", NEWS)
+        check(connect(HELD), DROP, "the drop-in's name after a suspension and an exception")
+        check(keeper.verdict(HELD), ("blocked", 0), "the verdict of try")
+        for command, code, words in (
+            (["suspend", HELD, "--for", "2h"], 0, "school.list"),
+            (["unblock", BELOW[0]], 2, "school.list"),
+            (["unblock", "b.fetched.example"], 2, "orvanectl allow b.fetched.example"),
+            (["allow", HELD], 0, "no effect"),
+            (["list", "--from", "ads"], 0, NEWS),
+            (["list", "--from", "none"], 2, "no such list"),
+        ):
+            result = keeper.control(*command)
+            check((result.returncode, words in result.stdout + result.stderr), (code, True), f"{command}: {result}")
+        shown = {each["kind"]: each for each in keeper.status(in_force=True)["lists"]}
+        digest = hashlib.sha256(drop_in.read_bytes()).hexdigest()
+        check((shown["drop-in"]["sha256"], shown["subscription"]["names"]), (digest, 2), "lists of status")
+        keeper.list.write_text(mine)
+
+        # A bad list, and one that cannot be read, change nothing else.
+        (keeper.drop_ins / "bad.list").write_text("no host\n\x1b[1m\n")
+        (keeper.drop_ins / "away.list").symlink_to("nowhere")
+        wait_until(lambda: len(lists()) == 4, "the keeper has seen the bad lists")
+        check(lists()["bad.list"]["badLines"], 2, "bad lines")
+        check(lists()["away.list"]["error"] is not None, True, "the error of a list that cannot be read")
+        check([connect(HELD), connect(NEWS)], [DROP, ALLOW], "the other lists")
+        drop_in.unlink()
+        becomes(ALLOW, "the drop-in is removed")
+        drop_in.write_text(f"suspendable=yes\n{HELD}\n")
+        wait_until(lambda: lists().get("school.list", {}).get("suspendable"), "the keeper has read the drop-in")
+        check(connect(HELD), ALLOW, "the suspension of a suspendable drop-in's name")
+        keeper.list.write_text("")
+        becomes(DROP, "the suspension is removed")
+
+        # The last good copy stays in force while the file cannot be read.
+        drop_in.unlink()
+        drop_in.mkdir()
+        wait_until(lambda: lists().get("school.list", {}).get("error"), "the keeper cannot read the drop-in")
+        check(connect(HELD), DROP, "the last good copy")
+        drop_in.rmdir()
+        becomes(ALLOW, "the drop-in is removed again")

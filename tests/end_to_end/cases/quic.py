@@ -15,7 +15,7 @@ _PLAIN, _RETRYING = "127.0.0.9", "127.0.0.10"  # the addresses of the servers
 class _Kind:
     name: str
     evidence: str  # a pattern in the client's log
-    evidence_if_dropped: bool | None = True  # whether the log of a dropped connection has it; None: it may
+    evidence_if_dropped: bool | None = True  # whether the log has it if the connection is dropped; None: not checked
     options: tuple[str, ...] = ()
     server: str = _PLAIN
     loses_first: bool = False  # whether the client's first datagram is lost

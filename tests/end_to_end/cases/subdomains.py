@@ -20,7 +20,7 @@ STEPS = [
 
 
 def _follow_steps(world: World, program: programs.Program, extension: Extension) -> int:
-    """Returns how many pages must not arrive."""
+    """Runs each command, and checks the verdicts after it. Returns how many of these verdicts are DROP."""
     pages = 0
     with Keeper(extension, extension.directory / "keeper") as keeper:
         for command, expected in STEPS:

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "companion/commands/SiteCommands.h"
+#include "companion/list/BlockList.h"
+
+namespace orvane {
+
+// How a command line names the sites of a command.
+struct SiteArguments {
+  std::vector<std::string> hosts;
+  bool all = false;
+  std::string from;  // a file of hosts
+  SiteOptions catalogued;
+};
+
+// Returns the sites of the group that a command is about, each once.
+using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group)>;
+
+// What a command line selects.
+struct Selection {
+  FindSites find;
+  std::vector<CatalogueSite> chosen{};       // the sites of the catalogue that --site and --category name
+  const char* none = "none of these sites";  // what a group has in which find() finds nothing
+
+  // The first chosen site that has the host; null if none has.
+  const CatalogueSite* originOf(const std::string& host) const;
+};
+
+// Selects sites on the list: those with the given hosts, those with the hosts of a file or of sites of the catalogue,
+// or all. With `exceptions`, only exceptions, otherwise only sites that are not exceptions. `command`: its name, for
+// errors. Throws InputError, after a report of each fault, if the command line is not good; Selection::find() throws it
+// if a given host is not on the list.
+Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
+                         bool exceptions = false);
+
+// Selects the sites that the command line names, with the given scope, and the hosts of the chosen sites of the
+// catalogue, with their own scopes. They need not be on the list. Throws InputError, after a report of each fault.
+Selection new_sites(const CommonOptions& options, const SiteArguments& arguments, Scope scope);
+
+}  // namespace orvane

@@ -1,0 +1,337 @@
+#include "companion/commands/SubscriptionCommands.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "companion/list/ListFile.h"
+#include "companion/subscriptions/FetcherState.h"
+#include "companion/subscriptions/Subscription.h"
+#include "companion/text/ExitCodes.h"
+#include "companion/text/HostnameList.h"
+#include "companion/text/Input.h"
+#include "companion/text/Json.h"
+#include "companion/text/Output.h"
+#include "companion/text/ProgressBar.h"
+#include "companion/text/TimeText.h"
+#include "companion/watch/PathWatch.h"
+
+namespace orvane {
+namespace {
+
+constexpr const char* kNotRunning = "no orvane-fetcher runs: sudo systemctl start orvane-fetcher";
+
+struct Arguments {
+  std::string url;
+  std::optional<std::string> name, group, every, key;
+  bool insecure = false;
+  bool accept = false;
+};
+
+// The path of a file beside the machine's list.
+std::string path_beside_list(const CommonOptions& options, const char* name) {
+  return std::filesystem::path(options.listPath).replace_filename(name);
+}
+std::string subscriptions_path(const CommonOptions& options) { return path_beside_list(options, kSubscriptionsName); }
+
+SubscriptionFile read_file(const CommonOptions& options) {
+  return read_subscriptions(read_list_text(subscriptions_path(options)));
+}
+
+const Subscription& subscription_named(const SubscriptionFile& file, const std::string& given) {
+  if (const Subscription* found = file.find(given)) return *found;
+  throw InputError("no such subscription: " + in_quotes(given) + ": see orvanectl subscriptions");
+}
+
+// A key, or the key in a file that minisign has written: a comment, and then a line with the key.
+std::string read_key(const std::string& given) {
+  if (key_fault(given).empty()) return given;
+  std::error_code ignored;
+  if (!std::filesystem::exists(given, ignored))
+    throw InputError("neither a key nor a file: " + in_quotes(given) + ": " + key_fault(given));
+  std::string text = read_input(given);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  std::string key(trimmed(std::string_view(text).substr(text.rfind('\n') + 1)));
+  if (std::string fault = key_fault(key); !fault.empty())
+    throw InputError("bad key: " + in_quotes(given) + ": " + fault);
+  return key;
+}
+
+Subscription given_subscription(const Arguments& arguments) {
+  Subscription subscription;
+  subscription.url = arguments.url;
+  subscription.isInsecure = arguments.insecure;
+  if (std::string fault = url_fault(arguments.url, arguments.insecure); !fault.empty())
+    throw InputError("bad URL: " + in_quotes(arguments.url) + ": " + fault);
+  if (arguments.name) subscription.name = *arguments.name;
+  if (arguments.name && !subscription_name_fault(*arguments.name).empty())
+    throw InputError("bad name: " + in_quotes(*arguments.name) + ": " + subscription_name_fault(*arguments.name));
+  if (arguments.group) subscription.group = *arguments.group;
+  if (std::string fault = group_name_fault(subscription.group); !fault.empty())
+    throw InputError("bad group: " + in_quotes(subscription.group) + ": " + fault);
+  if (arguments.every) subscription.every = read_interval(*arguments.every);
+  if (arguments.key) subscription.key = read_key(*arguments.key);
+  return subscription;
+}
+
+// Asks the fetcher to fetch these subscriptions now. If `accepts`, a copy that waits for consent is accepted. Returns
+// the number of the requests.
+uint64_t request(const CommonOptions& options, const std::vector<std::string>& names, bool accepts) {
+  FetcherState state = read_fetcher_state(fetcher_folder(options));
+  uint64_t number = 0;
+  for (const SubscriptionState& each : state.subscriptions) number = std::max(number, each.request);
+  edit_list_text(path_beside_list(options, kRequestsName), [&](const std::string& text) {
+    RefreshRequests requests = read_requests(text);
+    for (const auto& [name, known] : requests) number = std::max(number, known.number);
+    ++number;
+    for (const std::string& name : names) {
+      requests[name].number = number;
+      const SubscriptionState* known = state.find(name);
+      if (accepts && known != nullptr && known->waiting) requests[name].accepted = known->waiting->sha256;
+    }
+    return std::optional(text_of(requests));
+  });
+  return number;
+}
+
+void show_progress(ProgressBar& bar, const SubscriptionState& state) {
+  constexpr double kMegabyte = 1e6;
+  constexpr uint64_t kBig = 1'000'000;
+  const auto& [received, total] = *state.progress;
+  if (std::max(received, total) < kBig) return;
+  char text[100];
+  std::snprintf(text, sizeof text, "%s: %.1f MB", state.name.c_str(), static_cast<double>(received) / kMegabyte);
+  bar.show(received, total == 0 ? received : total, text);
+}
+
+// Waits until isDone(state) returns true for the fetcher's state. Returns false if no fetcher runs.
+bool wait_for_fetcher(const CommonOptions& options, FetcherState& state,
+                      const std::function<bool(FetcherState&)>& isDone) {
+  // If the fetcher is killed, no file changes. So the loop also checks at intervals whether it still runs.
+  constexpr int kCheckInterval = 500;  // milliseconds
+  ProgressBar bar(!options.json);
+  PathWatch watch({std::filesystem::absolute(fetcher_state_path(fetcher_folder(options))).lexically_normal()});
+  for (;;) {
+    if (!is_fetcher_running(fetcher_folder(options))) return false;
+    state = read_fetcher_state(fetcher_folder(options));
+    if (state.error) throw FileError("the fetcher cannot read the subscriptions: " + *state.error);
+    if (isDone(state)) return true;
+    for (const SubscriptionState& each : state.subscriptions) {
+      if (each.progress) show_progress(bar, each);
+    }
+    pollfd waited{watch.descriptor(), POLLIN, 0};
+    poll(&waited, 1, kCheckInterval);
+    watch.readEvents();
+  }
+}
+
+std::string names_text(const SubscriptionState& state) {
+  std::string text = counted(state.names, "name", "names");
+  if (state.skipped > 0) text += ", " + std::to_string(state.skipped) + " skipped";
+  if (state.rejected > 0) text += ", " + std::to_string(state.rejected) + " rejected (" + state.firstRejected + ")";
+  return text;
+}
+
+nlohmann::json to_json(const Subscription& subscription, const SubscriptionState& state) {
+  nlohmann::json json = {{"name", subscription.name},
+                         {"url", subscription.url},
+                         {"group", subscription.group},
+                         {"every", subscription.every.count()},
+                         {"key", subscription.key},
+                         {"insecure", subscription.isInsecure},
+                         {"names", state.names},
+                         {"exceptions", state.exceptions},
+                         {"duplicates", state.duplicates},
+                         {"skipped", state.skipped},
+                         {"rejected", state.rejected},
+                         {"firstRejected", state.firstRejected},
+                         {"sha256", state.sha256},
+                         {"checked", json_or_null(state.checked)},
+                         {"changed", json_or_null(state.changed)},
+                         {"next", json_or_null(state.next)},
+                         {"waitingNames", nullptr},
+                         {"error", json_or_null(state.error)}};
+  if (state.waiting) json["waitingNames"] = state.waiting->names;
+  return json;
+}
+
+SubscriptionState state_of(FetcherState& state, const std::string& name) {
+  const SubscriptionState* known = state.find(name);
+  if (known != nullptr) return *known;
+  SubscriptionState none;
+  none.name = name;
+  return none;
+}
+
+// Fetches the subscriptions now, and prints what has changed. Returns the exit code.
+int fetch(const CommonOptions& options, const std::vector<Subscription>& subscriptions, bool accepts) {
+  std::vector<std::string> names;
+  names.reserve(subscriptions.size());
+  for (const Subscription& each : subscriptions) names.push_back(each.name);
+  FetcherState before = read_fetcher_state(fetcher_folder(options)), after;
+  const uint64_t number = request(options, names, accepts);
+  const auto isFetched = [&](const std::string& name) {
+    const SubscriptionState* state = after.find(name);
+    return state != nullptr && state->request >= number;
+  };
+  if (!wait_for_fetcher(options, after,
+                        [&](const FetcherState&) { return std::all_of(names.begin(), names.end(), isFetched); }))
+    throw FileError(kNotRunning);
+  int code = kDone;
+  nlohmann::json json = nlohmann::json::array();
+  for (const Subscription& each : subscriptions) {
+    const SubscriptionState then = state_of(before, each.name), now = state_of(after, each.name);
+    json.push_back(to_json(each, now));
+    if (now.error) {
+      print_error(each.name + ": " + *now.error);
+      code = kFailed;
+    } else if (!options.json) {
+      const bool isSame = now.sha256 == then.sha256 && now.source == then.source;
+      std::string text = each.name + ": " + names_text(now);
+      if (isSame) text += ", unchanged";
+      if (!isSame && then.names > 0) text += "; before: " + std::to_string(then.names);
+      std::puts(text.c_str());
+    }
+  }
+  if (options.json) print_json(json);
+  return code;
+}
+
+int subscribe(const CommonOptions& options, const Arguments& arguments) {
+  Subscription subscription = given_subscription(arguments);
+  edit_list_text(subscriptions_path(options), [&](std::string text) {
+    const SubscriptionFile file = read_subscriptions(text);
+    if (const Subscription* same = file.find(subscription.url))
+      throw InputError("already subscribed: " + in_quotes(subscription.url) + ": its name is " + same->name +
+                       ": to change it: orvanectl unsubscribe " + same->name);
+    if (subscription.name.empty()) subscription.name = name_for_url(subscription.url, file.subscriptions);
+    if (file.find(subscription.name) != nullptr)
+      throw InputError("the name is taken: " + in_quotes(subscription.name) + ": give another one with --name");
+    if (file.subscriptions.size() >= kMostSubscriptions)
+      throw InputError("too many subscriptions: at most 100: remove one with orvanectl unsubscribe");
+    if (!text.empty() && !text.ends_with('\n')) text += '\n';
+    return std::optional(text + line_of(subscription) + "\n");
+  });
+  if (!options.json) std::printf("%s: subscribed\n", subscription.name.c_str());
+  std::fflush(stdout);
+  if (is_fetcher_running(fetcher_folder(options))) return fetch(options, {subscription}, false);
+  print_error(std::string("saved, but not fetched: ") + kNotRunning);
+  if (options.json) print_json({to_json(subscription, {})});
+  return kDone;
+}
+
+int unsubscribe(const CommonOptions& options, const Arguments& arguments) {
+  std::string name;
+  edit_list_text(subscriptions_path(options), [&](const std::string& text) {
+    name = subscription_named(read_subscriptions(text), arguments.url).name;
+    return std::optional(without_subscription(text, name));
+  });
+  edit_list_text(path_beside_list(options, kRequestsName), [&](const std::string& text) {
+    RefreshRequests requests = read_requests(text);
+    return requests.erase(name) > 0 ? std::optional(text_of(requests)) : std::nullopt;
+  });
+  options.json ? print_json({{"unsubscribed", name}})
+               : static_cast<void>(std::printf("%s: unsubscribed\n", name.c_str()));
+  FetcherState state;
+  if (!wait_for_fetcher(options, state, [&](FetcherState& now) { return now.find(name) == nullptr; }))
+    print_error(std::string("saved, but its names stay on the list until the fetcher runs: ") + kNotRunning);
+  return kDone;
+}
+
+void print_table(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> widths(rows.front().size());
+  for (const auto& row : rows) {
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i)
+      line += (i == 0 ? "" : "  ") + row[i] + std::string(i + 1 < row.size() ? widths[i] - row[i].size() : 0, ' ');
+    std::puts(line.c_str());
+  }
+}
+
+int list(const CommonOptions& options) {
+  const SubscriptionFile file = read_file(options);
+  FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
+  const Moment now = now_in_seconds();
+  nlohmann::json json = nlohmann::json::array();
+  std::vector<std::vector<std::string>> rows{{"NAME", "NAMES", "SKIPPED", "REJECTED", "AGE", "GROUP", "URL"}};
+  for (const Subscription& each : file.subscriptions) {
+    const SubscriptionState state = state_of(fetcher, each.name);
+    json.push_back(to_json(each, state));
+    const std::string age =
+        state.checked ? duration_text(std::max(now - *state.checked, std::chrono::seconds(0))) : "never";
+    rows.push_back({each.name, std::to_string(state.names), std::to_string(state.skipped),
+                    std::to_string(state.rejected), age, each.group, each.url});
+  }
+  if (options.json) {
+    print_json(json);
+  } else if (!file.subscriptions.empty()) {
+    print_table(rows);
+  }
+  for (const auto& [line, name, fault] : file.badLines)
+    print_error("bad line: " + in_quotes(subscriptions_path(options)) + ":" + std::to_string(line) + ": " + fault);
+  for (const Subscription& each : file.subscriptions) {
+    const SubscriptionState state = state_of(fetcher, each.name);
+    if (state.error) print_error(each.name + ": " + *state.error);
+  }
+  if (!is_fetcher_running(fetcher_folder(options)) && !file.subscriptions.empty())
+    print_error(std::string("no subscription is fetched: ") + kNotRunning);
+  return kDone;
+}
+
+int refresh(const CommonOptions& options, const Arguments& arguments) {
+  const SubscriptionFile file = read_file(options);
+  if (arguments.accept && arguments.url.empty())
+    throw InputError("bad command line: refresh --accept: give the name of the subscription");
+  const std::vector<Subscription> chosen =
+      arguments.url.empty() ? file.subscriptions : std::vector{subscription_named(file, arguments.url)};
+  if (chosen.empty()) throw InputError("no subscription: see orvanectl subscribe --help");
+  if (!is_fetcher_running(fetcher_folder(options))) throw FileError(std::string("cannot fetch: ") + kNotRunning);
+  return fetch(options, chosen, arguments.accept);
+}
+
+}  // namespace
+
+void declare_subscription_commands(CommandSet& commands) {
+  auto arguments = std::make_shared<Arguments>();
+  const auto declare = [&](const char* name, const char* description,
+                           int (*command)(const CommonOptions&, const Arguments&)) {
+    return commands.declare(commands.app, kListGroup, name, description,
+                            [&options = commands.options, arguments, command] { return command(options, *arguments); });
+  };
+  CLI::App* add = declare("subscribe", "Add the list at a URL, and keep it fresh", subscribe);
+  add->add_option("URL", arguments->url, "The address of a list: names, hosts(5) lines or ||name^ rules")
+      ->required()
+      ->type_name("");
+  add->add_option("--name", arguments->name, "The subscription's name (default: made from the URL's host)")
+      ->type_name("NAME");
+  add->add_option("--group", arguments->group, "The group of all names (default: default)")->type_name("GROUP");
+  add->add_option("--every", arguments->every, "The time between two fetches (default: 24h)")->type_name("TIME");
+  add->add_option("--key", arguments->key, "Accept only copies that minisign has signed with this key")
+      ->type_name("KEY|FILE");
+  add->add_flag("--insecure", arguments->insecure, "Allow http, with which anybody on the way can change the list");
+  declare("unsubscribe", "Remove a subscription and its names", unsubscribe)
+      ->add_option("SUBSCRIPTION", arguments->url, "The name or URL of a subscription")
+      ->required()
+      ->type_name("");
+  commands.declare(commands.app, kListGroup, "subscriptions", "Print the subscriptions",
+                   [&options = commands.options] { return list(options); });
+  CLI::App* again = declare("refresh", "Fetch subscriptions now", refresh);
+  again->add_option("SUBSCRIPTION", arguments->url, "The name or URL of a subscription (default: all)")->type_name("");
+  again->add_flag("--accept", arguments->accept, "Accept a copy that has shrunk by more than half");
+}
+
+}  // namespace orvane

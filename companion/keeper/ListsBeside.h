@@ -1,0 +1,60 @@
+#pragma once
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companion/keeper/KeeperState.h"
+#include "companion/list/ReadOnlyList.h"
+
+namespace orvane {
+
+// A line of a read-only list.
+struct LineBeside {
+  std::string path;
+  ListKind kind = ListKind::DropIn;
+  Rank rank = Rank::Fixed;
+  ListedSite site;
+};
+
+// Those lines of a read-only list that concern a host: at least the lines about its registrable domain.
+struct ListPart {
+  std::string path;
+  ReadOnlyList list;  // only the sections of groups that are in force
+};
+
+// The line of the lists of this rank that decides about the host: one that blocks it, or an exception for it.
+std::optional<LineBeside> find_line(const std::vector<ListPart>& parts, Rank rank, bool isException,
+                                    const std::string& host);
+
+// Whether the keeper sends names that block the host, if `list` is the machine's list and `parts` are the others.
+bool is_blocked(const BlockList& list, const std::vector<ListPart>& parts, const std::string& host, Moment now,
+                const GroupStates& states);
+
+// "the line "example.com" of the administrator's list "/etc/orvane-se/lists.d/school.list""
+std::string line_text(const LineBeside& line);
+
+// The read-only lists that are in force beside the machine's list, for commands. Reads a file when it is needed for the
+// first time, and prints an error if the file cannot be read.
+class ListsBeside {
+ public:
+  // `keeper`: the keeper of the machine's list. Without a keeper, no list is in force.
+  explicit ListsBeside(const std::optional<KeeperState>& keeper);
+
+  std::vector<ListPart> partsAbout(const std::string& host);
+  // The line that blocks the host, of the list with the highest rank.
+  std::optional<LineBeside> blockingLine(const std::string& host);
+
+ private:
+  struct File {
+    std::string path;
+    ListKind kind;
+    std::optional<std::string> text;
+  };
+  std::deque<File> files_;
+  std::map<std::string, bool> isGroupInForce_;
+};
+
+}  // namespace orvane

@@ -1,0 +1,186 @@
+#include "companion/keeper/ReadOnlyLists.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <utility>
+
+#include "companion/keeper/KeeperLog.h"
+#include "companion/keeper/Sha256.h"
+#include "companion/list/ListFile.h"
+#include "companion/text/Input.h"
+#include "companion/text/Output.h"
+#include "platform/linux/control/ValueMessage.h"
+
+namespace orvane {
+namespace {
+
+constexpr size_t kBadLinesLogged = 3;
+constexpr const char* kNoRoom = "left out: the lists have too many names for one message to the extension: remove some";
+
+uint64_t room_of_list(const ReadOnlyList& list) {
+  uint64_t room = 0;
+  for (const auto& section : list.sections) {
+    for (std::string_view name : section.names) room += room_of(name);
+  }
+  return room;
+}
+
+void log_bad_lines(const std::string& path, const ReadOnlyList& list) {
+  if (list.badLineCount == 0) return;
+  std::string text = counted(list.badLineCount, "bad line", "bad lines") + " of " + in_quotes(path) + " ignored";
+  for (size_t i = 0; i < std::min(list.badLines.size(), kBadLinesLogged); ++i) {
+    const auto& bad = list.badLines[i];
+    text += "; line " + std::to_string(bad.line) + ": " + in_quotes(bad.text) + ": " + bad.fault;
+  }
+  keeper_log(LogLevel::Warning, text);
+}
+
+}  // namespace
+
+uint64_t room_of(std::string_view name) {
+  constexpr uint64_t kLeast = kMaximumMessageWords / kMaximumElements;
+  return std::max(measure_string(name.size()).words, kLeast);
+}
+
+ReadOnlyLists::ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room)
+    : room_(room) {
+  for (const auto& [kind, path] :
+       {std::pair(ListKind::DropIn, dropInsPath), std::pair(ListKind::Subscription, subscriptionsPath)}) {
+    const std::filesystem::path folder = std::filesystem::absolute(path).lexically_normal() / "";
+    folders_.push_back({kind, folder.string(), ""});
+  }
+}
+
+std::vector<std::string> ReadOnlyLists::paths() const {
+  std::vector<std::string> paths;
+  for (const Folder& folder : folders_) paths.push_back(folder.path + "*.list");
+  return paths;
+}
+
+// Adds the entries of the folder's files to `found`. If the folder cannot be read, these are the entries as they were.
+void ReadOnlyLists::findFiles(Folder& folder, std::vector<Entry>& found) {
+  const std::string errorBefore = std::exchange(folder.error, "");
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(folder.path.c_str()), closedir);
+  if (!stream && errno != ENOENT && errno != ENOTDIR) {
+    folder.error = "cannot read the folder of lists: " + in_quotes(folder.path) + ": " + std::strerror(errno) +
+                   ": check its rights";
+    if (folder.error != errorBefore) keeper_log(LogLevel::Error, folder.error);
+    for (Entry& entry : lists_) {
+      if (entry.list.kind == folder.kind) found.push_back(std::move(entry));
+    }
+    return;
+  }
+  while (const dirent* file = stream ? readdir(stream.get()) : nullptr) {
+    if (is_list_name(file->d_name, folder.kind)) names.emplace_back(file->d_name);
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    const std::string path = folder.path + name;
+    const auto known =
+        std::find_if(lists_.begin(), lists_.end(), [&](const Entry& entry) { return entry.state.path == path; });
+    if (known != lists_.end()) {
+      found.push_back(std::move(*known));
+    } else {
+      found.emplace_back();
+      found.back().list.kind = folder.kind;
+      found.back().state.path = path;
+    }
+  }
+}
+
+// Reads the file if it has changed, or if `again` is set and its names were not kept. Returns whether the list has
+// changed. If the file cannot be read, the list stays as it is.
+bool ReadOnlyLists::read(Entry& entry, bool again) {
+  const std::string& path = entry.state.path;
+  const std::string errorBefore = std::exchange(entry.readError, "");
+  try {
+    if (entry.hasCopy && !(entry.isTooLarge && again) && list_version(path) == entry.version) return false;
+    const ListFileContent content = read_list_file(path);
+    std::string hash = sha256_text(content.text);
+    entry.version = content.version;
+    entry.state.modified = content.modified;
+    if (entry.hasCopy && !entry.isTooLarge && hash == entry.state.sha256) return false;
+    const bool isNew = !entry.hasCopy || hash != entry.state.sha256;
+    entry.list = ReadOnlyList::parse(content.text, entry.list.kind);
+    entry.hasCopy = true;
+    entry.isTooLarge = false;
+    entry.room = room_of_list(entry.list);
+    entry.state.sha256 = std::move(hash);
+    entry.state.isDropIn = entry.list.kind == ListKind::DropIn;
+    entry.state.isSuspendable = entry.list.isSuspendable;
+    entry.state.names = entry.list.size();
+    entry.state.badLines = entry.list.badLineCount;
+    if (isNew) log_bad_lines(path, entry.list);
+    return true;
+  } catch (const FileError& error) {
+    entry.readError = error.what();
+    if (entry.readError != errorBefore) keeper_log(LogLevel::Error, entry.readError);
+    return false;
+  }
+}
+
+bool ReadOnlyLists::refresh() {
+  std::vector<Entry> found;
+  for (Folder& folder : folders_) findFiles(folder, found);
+  const std::string surplus = found.size() > kMostLists ? found[kMostLists].state.path : "";
+  if (!surplus.empty() && surplus != firstSurplus_)
+    keeper_log(LogLevel::Error, "left out: " + in_quotes(surplus) + " and the lists after it: at most " +
+                                    std::to_string(kMostLists) + " lists can be in force: remove some");
+  firstSurplus_ = surplus;
+  if (!surplus.empty()) found.resize(kMostLists);
+  const size_t countBefore = std::exchange(lists_, std::move(found)).size();
+  bool isChanged = lists_.size() != countBefore;
+  for (Entry& entry : lists_) {
+    if (!entry.isTooLarge) isChanged = read(entry, false) || isChanged;
+  }
+  // There may be room now for lists that had none.
+  uint64_t room = 0;
+  for (Entry& entry : lists_) {
+    if (entry.isTooLarge) read(entry, isChanged);
+    entry.isTooLarge = entry.isTooLarge || room + entry.room > room_;
+    if (entry.isTooLarge) {
+      entry.list.sections = {};
+    } else {
+      room += entry.room;
+    }
+  }
+  return isChanged;
+}
+
+bool ReadOnlyLists::hasErrors() const {
+  return std::any_of(folders_.begin(), folders_.end(), [](const Folder& folder) { return !folder.error.empty(); }) ||
+         std::any_of(lists_.begin(), lists_.end(), [](const Entry& entry) { return !entry.readError.empty(); });
+}
+
+std::vector<const ReadOnlyList*> ReadOnlyLists::inForce(uint64_t ownRoom) {
+  std::vector<const ReadOnlyList*> result;
+  uint64_t room = ownRoom;
+  for (Entry& entry : lists_) {
+    const bool hasRoom = !entry.isTooLarge && room + entry.room <= room_;
+    entry.state.isInForce = entry.hasCopy && hasRoom;
+    if (entry.state.isInForce) {
+      room += entry.room;
+      result.push_back(&entry.list);
+    }
+    const auto errorBefore = std::exchange(entry.state.error, std::nullopt);
+    if (!entry.readError.empty()) entry.state.error = entry.readError;
+    if (!hasRoom) entry.state.error = kNoRoom;
+    if (!hasRoom && errorBefore != entry.state.error)
+      keeper_log(LogLevel::Error, in_quotes(entry.state.path) + ": " + *entry.state.error);
+  }
+  return result;
+}
+
+std::vector<KeeperState::ListState> ReadOnlyLists::states() const {
+  std::vector<KeeperState::ListState> states;
+  for (const Entry& entry : lists_) states.push_back(entry.state);
+  return states;
+}
+
+}  // namespace orvane

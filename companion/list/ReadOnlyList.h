@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "companion/list/BlockList.h"
+#include "companion/list/PackedNames.h"
+
+namespace orvane {
+
+// The folders of read-only lists. Each file NAME.list in them is one list.
+inline constexpr const char* kDropInsPath = "/etc/orvane-se/lists.d";
+inline constexpr const char* kSubscriptionsPath = "/var/lib/orvane-fetcher/lists";
+
+// A drop-in is a list of the administrator; a subscription is a list that orvane-fetcher has fetched for the members of
+// the group orvane.
+enum class ListKind { DropIn, Subscription };
+
+// Whose line wins if two lists disagree about a host. An exception or a suspension has an effect on the names of lists
+// of its own rank and of lower ranks.
+enum class Rank {
+  Open,   // a subscription, or a drop-in that says "suspendable"
+  Own,    // the machine's own list
+  Fixed,  // any other drop-in
+};
+
+// A list that is in force beside the machine's list, and that commands cannot change. orvane-list(5) describes its
+// text: that of the machine's list, without suspensions and without settings of groups. The machine's list says when a
+// group is in force; a group that it does not have is always in force.
+struct ReadOnlyList {
+  struct Section {
+    std::string group;
+    PackedNames names;  // in the form of name_of()
+  };
+
+  ListKind kind = ListKind::DropIn;
+  bool isSuspendable = false;  // a drop-in's setting
+  std::vector<Section> sections;
+  size_t badLineCount = 0;
+  std::vector<BlockList::BadLine> badLines;  // only the first kBadLinesKept
+  static constexpr size_t kBadLinesKept = 20;
+
+  static ReadOnlyList parse(std::string_view text, ListKind kind);
+  Rank rank() const { return kind == ListKind::DropIn && !isSuspendable ? Rank::Fixed : Rank::Open; }
+  size_t size() const;  // the number of names
+};
+
+// The setting with which a drop-in allows that its names are suspended and excepted: "suspendable=yes".
+inline constexpr std::string_view kSuspendableKey = "suspendable";
+
+// Whether a file of this name in the folder for this kind of list is a list.
+bool is_list_name(std::string_view name, ListKind kind);
+
+}  // namespace orvane

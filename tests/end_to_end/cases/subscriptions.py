@@ -1,0 +1,155 @@
+"""Subscriptions: what is in force, and what the person is told, after each kind of answer of a real web server."""
+
+import gzip
+import os
+import pathlib
+import shutil
+import subprocess
+
+from extension import Failure
+from fetcher import LARGEST, Fetcher, ListServer, sign
+from harness import ALLOW, DROP, PYTHON, World, becomes, check, connect
+from keeper import Keeper
+from web_servers import make_certificate
+
+HOST, ADDRESS, IMPOSTOR = "lists.example", "127.0.0.7", "127.0.0.8"
+URL = f"https://{HOST}/big"
+NAMES = 200_000
+BIG = "".join(f"||n{i}.example^\n" for i in range(NAMES)).encode()
+EVIL = [
+    b"good.example",
+    b"\x1b]0;title\x07.example",
+    b"a\x00b.example",
+    b"x" * 300 + b".example",
+    b"-rf.example",
+    "p\u0430ypal.example".encode(),  # with a Cyrillic letter
+    b"../../etc/passwd",
+    b"$(reboot).example",
+]
+
+
+class _Lists:
+    def __init__(self, world: World, fetcher: Fetcher, server: ListServer):
+        self.world, self.fetcher, self.server = world, fetcher, server
+
+    def expect(self, what: str, command: list, told: str, name: str, lines: list[str] | None) -> None:
+        """Checks what a command tells the person, and what is in force after it."""
+        text = self.fetcher.control(*command)
+        in_force = self.fetcher.in_force(name)
+        print(f"{what}: {'no list' if in_force is None else f'{len(in_force)} names'} in force\n    told: {text}")
+        if told not in text:
+            raise Failure(f"{what}: not told: {told}")
+        if in_force != lines:
+            raise Failure(f"{what}: in force: {(in_force or [])[:10]}")
+
+
+def _server(world: World, address: str, *more: str) -> ListServer:
+    folder = world.directory / address
+    folder.mkdir()
+    return ListServer(address, make_certificate(folder, "server", [HOST], *more))
+
+
+def SubscriptionsKeepTheLastGoodCopy(world: World):
+    world.addresses[HOST] = [ADDRESS]
+    server, _ = _server(world, ADDRESS, *world.servers.signed), _server(world, IMPOSTOR)
+    big = [f"n{i}.example" for i in range(NAMES)]
+    with Fetcher(world.build, world.directory / "subscriptions", world.servers.authority) as fetcher:
+        lists = _Lists(world, fetcher, server)
+        validators = {"ETag": '"1"', "Last_Modified": "Sun, 06 Nov 1994 08:49:37 GMT"}
+        server.answers["/big"] = lambda handler: handler.answer(BIG, **validators)
+        lists.expect("200 with 200,000 names", ["subscribe", URL, "--name", "big"], f"big: {NAMES} names", "big", big)
+        bomb = gzip.compress(bytes((LARGEST + 1) << 20))
+        for what, told, answer in (
+            ("304", "unchanged", lambda handler: handler.answer(b"", 304)),
+            ("500", "the server has an error (500)", lambda handler: handler.answer(b"oops.example", 500)),
+            ("a body that is cut off", "was cut off", lambda handler: handler.answer(BIG[:9000], length=len(BIG))),
+            ("compressed data that are cut off", "damaged compressed data",
+             lambda handler: handler.answer(gzip.compress(BIG)[:-2000], Content_Encoding="gzip")),
+            ("a redirect to http", "redirects from https to http",
+             lambda handler: handler.answer(b"", 302, Location=f"http://{HOST}:8080/big")),
+            ("a redirect to a file", "redirects to an address that is not https",
+             lambda handler: handler.answer(b"", 302, Location="file:///etc/hosts")),
+            ("redirects without an end", "redirects more than 5 times",
+             lambda handler: handler.answer(b"", 302, Location=URL)),
+            ("one byte a second", "sends too slowly", lambda handler: handler.trickle()),
+            ("a gzip bomb", f"more than {LARGEST} MiB", lambda handler: handler.answer(bomb, Content_Encoding="gzip")),
+            ("a web page", "sent a web page", lambda handler: handler.answer(b"<html>\na.example\n</html>")),
+            ("a text without names", "sent no list", lambda handler: handler.answer(b"maintenance\n")),
+        ):
+            server.answers["/big"] = answer
+            lists.expect(what, ["refresh", "big"], told, "big", big)
+        sent = [headers for path, headers in server.requests if path == "/big"][1]
+        check(sent["If-None-Match"] + sent["If-Modified-Since"], "".join(validators.values()), "the conditions sent")
+        world.addresses[HOST] = [IMPOSTOR]
+        lists.expect("another certificate", ["refresh"], "certificate is not valid", "big", big)
+        world.addresses[HOST] = [ADDRESS]
+        server.answers["/big"] = lambda handler: handler.answer(b"", 302, Location=f"https://{HOST}/moved")
+        server.answers["/moved"] = lambda handler: handler.answer(gzip.compress(BIG), Content_Encoding="gzip")
+        lists.expect("a redirect, and gzip", ["refresh", URL], f"{NAMES} names, unchanged", "big", big)
+        server.answers["/big"] = lambda handler: handler.answer(b"one.example\n")
+        lists.expect("a list that has shrunk", ["refresh", "big"], f"from {NAMES} to 1 names", "big", big)
+        lists.expect("after a yes", ["refresh", "big", "--accept"], "big: 1 name;", "big", ["one.example"])
+        server.answers["/evil"] = lambda handler: handler.answer(b"\r\n".join(EVIL))
+        lookalike = "xn--pypal-4ve.example"
+        lists.expect("evil names", ["subscribe", f"https://{HOST}/evil", "--group", "ads"], "5 rejected",
+                     "lists-example", ["[group ads]", "good.example", "-rf.example", lookalike])
+        _check_signatures(lists)
+        # The extension judges only browsers, so the fetcher gets its lists even from a blocked host.
+        extension = world.extension(PYTHON)
+        keeper = Keeper(extension, world.directory / "keeper")
+        keeper.fetched = fetcher.fetched
+        with extension, keeper:
+            keeper.list.write_text(f"{HOST}\n")
+            becomes(DROP, "the server is blocked for browsers", HOST, ADDRESS)
+            server.answers["/big"] = lambda handler: handler.answer(b"two.example\n")
+            lists.expect("a blocked server", ["refresh", "big"], "big: 1 name;", "big", ["two.example"])
+            becomes(DROP, "the fetched name is blocked", "two.example", ADDRESS)
+            check(connect("one.example", ADDRESS), ALLOW, "a name that the list no longer has")
+        lists.expect("unsubscribe", ["unsubscribe", "lists-example"], "unsubscribed", "big", ["two.example"])
+        lists.expect("the lists", ["subscriptions"], "big", "big", ["two.example"])
+    check(fetcher.in_force("lists-example"), None, "the list of a removed subscription")
+
+
+def _check_signatures(lists: _Lists) -> None:
+    if shutil.which("minisign") is None:
+        print("signatures: not checked, because minisign is not installed")
+        return
+    folder = pathlib.Path(lists.world.directory) / "keys"
+    folder.mkdir()
+    for key in ("own", "other"):
+        command = ["minisign", "-G", "-W", "-p", folder / f"{key}.pub", "-s", folder / f"{key}.sec"]
+        subprocess.run(command, check=True, capture_output=True, env=os.environ)
+    path = f"{HOST}/signed"
+    files = {}
+    for name in ("first", "second"):
+        files[name] = folder / name
+        files[name].write_text(f"{name}.example\n")
+
+    def serve(name: str, signature: bytes | None) -> None:
+        body = files[name].read_bytes()
+        lists.server.answers["/signed?v=1"] = lambda handler: handler.answer(body)
+        lists.server.answers.pop("/signed.minisig?v=1", None)
+        if signature is not None:
+            lists.server.answers["/signed.minisig?v=1"] = lambda handler: handler.answer(signature)
+
+    def signature(name: str, time: int, key: str = "own", *options: str) -> bytes:
+        return sign(files[name], folder / f"{key}.sec", "-t", f"timestamp:{time}", *options)
+
+    serve("first", None)
+    add = ["subscribe", f"https://{path}?v=1", "--name", "signed", "--key", folder / "own.pub"]
+    lists.expect("no signature", add, "it is not signed", "signed", None)
+    first = ["first.example"]
+    for what, name, text, told, lines in (
+        ("a signature", "first", signature("first", 2000), "signed: 1 name", first),
+        ("another key", "second", signature("second", 3000, "other"), "signed with another key", first),
+        ("the signature of another list", "second", signature("first", 3000), "its signature is wrong", first),
+        ("a changed trusted comment", "second", signature("second", 1000).replace(b":1000", b":3000"),
+         "trusted comment is wrong", first),
+        ("an older signature", "second", signature("second", 1000), "was signed before", first),
+        ("no signature any more", "second", None, "it is not signed", first),
+        ("a signature in the older form", "second", signature("second", 3000, "own", "-l"), "signed: 1 name",
+         ["second.example"]),
+        ("the old list, signed again", "first", signature("first", 4000), "signed: 1 name", first),
+    ):
+        serve(name, text)
+        lists.expect(what, ["refresh", "signed"], told, "signed", lines)
