@@ -33,7 +33,7 @@ std::string_view comment_of(std::string_view line) {
   return words.size() == line.size() ? std::string_view() : line.substr(trimmed(words).end() - line.begin());
 }
 
-// A name that sort_names() sorts: its position, and eight of its bytes as a number in the order of the names.
+// A name that sort_names() sorts: its position, and eight of its bytes as a big-endian number.
 struct SortedName {
   uint64_t bytes;
   uint32_t position;
@@ -52,13 +52,13 @@ void sort_from(size_t offset, std::span<SortedName> sorted, const std::vector<st
   std::sort(sorted.begin(), sorted.end(), [](const auto& one, const auto& other) { return one.bytes < other.bytes; });
   for (size_t begin = 0, end = 0; begin < sorted.size(); begin = end) {
     while (end < sorted.size() && sorted[end].bytes == sorted[begin].bytes) ++end;
-    const bool isAtEnd = (sorted[begin].bytes & 0xff) == 0;  // of the names: no name has a zero byte
+    const bool isAtEnd = (sorted[begin].bytes & 0xff) == 0;  // the names end here: no name contains a zero byte
     if (end - begin > 1 && !isAtEnd) sort_from(offset + sizeof(uint64_t), sorted.subspan(begin, end - begin), names);
   }
 }
 
-// Does what std::sort() does, but compares eight bytes at a time, which are together in memory. Comparing a million
-// names one by one takes most of the time for waiting for memory.
+// std::sort() on a million names would mostly wait for memory. So this function compares eight bytes at a time, and
+// keeps these bytes in one array.
 void sort_names(std::vector<std::string>& names) {
   if (std::is_sorted(names.begin(), names.end())) return;
   std::vector<SortedName> order(names.size());

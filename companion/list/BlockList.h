@@ -36,8 +36,8 @@ struct ListedSite {
 };
 
 // The name under which a host is put on the list: without a leading "www." or "m.". The name keeps this prefix if the
-// rest has no dot ("www.com"), is a public suffix ("www.gov.uk"), or itself starts with one of the two prefixes
-// ("www.m.example.com"). A view into `host`.
+// rest has no dot ("www.com"), is a public suffix ("www.gov.uk"), or could itself lose a prefix ("www.m.example.com").
+// A view into `host`.
 std::string_view site_of(std::string_view host);
 
 // Whether the site's line covers subdomains, too. The line of a public suffix covers only its host, because the names
@@ -72,7 +72,7 @@ class BlockList {
   GroupIndex addGroup(std::string_view name);
   // Removes a group with its sites and settings, and with all comments after its header. Not for the default group.
   void removeGroup(GroupIndex group);
-  // Gives a group one line for each of the values, which must be valid, in place of all lines with this key.
+  // Replaces all of the group's lines with this key by one line for each value. The values must be valid.
   void setSetting(GroupIndex group, std::string_view key, const std::vector<std::string>& values);
 
   // The sites, in the order of their lines. If a host has several lines in a group, only the last of them has an
@@ -129,7 +129,8 @@ class BlockList {
   std::vector<Group> groups_{{std::string(kDefaultGroupName), true, {}, {}, {}}};
   std::vector<Section> sections_{1};  // one for each group
   std::vector<BadLine> badLines_;
-  // The line of each site, by the keyed hash of its host. A second copy of the hosts would take most of the memory.
+  // The line of each site, by the keyed hash of its host. The hosts themselves are only in lines_: a second copy would
+  // take most of the memory.
   LineTable lineByHost_;
 };
 
@@ -159,8 +160,8 @@ struct Decision {
 Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states);
 Decision decide(const BlockList& list, std::string_view host, Moment now);
 
-// For each of these hosts: the groups with blocked sites that an exception for the host would open, in whole or in
-// part, which are sites at or below the host, and sites whose subdomains include it. Each group once.
+// An exception for a host allows blocked sites in whole or in part: sites that are the host or below it, and sites
+// whose subdomains include the host. Returns the groups of these sites for each of the hosts, each group once.
 std::unordered_map<std::string_view, std::vector<GroupIndex>, KeyedHash> groups_opened_by(
     const BlockList& list, const std::vector<std::string_view>& hosts);
 

@@ -41,7 +41,7 @@ class LineTable {
   Position home(uint32_t hash) const { return hash & (entries_.size() - 1); }
   Position next(Position position) const { return (position + 1) & (entries_.size() - 1); }
 
-  std::vector<Entry> entries_;  // a power of two, at most half of them in use
+  std::vector<Entry> entries_;  // the size is a power of two; at most half of the entries are in use
   size_t size_ = 0;
 };
 

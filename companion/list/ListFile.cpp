@@ -64,11 +64,11 @@ std::string advice_on(int error, const Place& place) {
       return "check the path";
     case ENOSPC:
     case EDQUOT:
-      return "the file is as it was: make room on the disk, and run the command again";
+      return "the file is unchanged: make room on the disk, and run the command again";
     case ELOOP:
       return "it is a symbolic link: name the file itself";
     default:
-      return "the file is as it was: check its file system";
+      return "the file is unchanged: check its file system";
   }
 }
 
@@ -188,8 +188,9 @@ mode_t mode_for(const Descriptor& folder, const Place& place, mode_t oldMode) {
 ListVersion make_current(FileReplacement& file, const Place& place) {
   if (auto error = file.renameTo(place.name)) throw file_error("cannot change", place, error.value());
   if (auto error = file.syncFolder())
-    throw FileError("cannot be sure of the file: " + in_quotes(place.path) + ": " + error.message() +
-                    ": it is changed, but may be the old one after a loss of power: check the disk");
+    throw FileError("cannot write the folder of the file to the disk: " + in_quotes(place.path) + ": " +
+                    error.message() +
+                    ": the file has changed, but a loss of power may bring the old one back: check the disk");
   struct stat status = {};
   if (::fstat(file.descriptor(), &status) != 0) throw file_error("cannot read", place, errno);
   return version_of(status);

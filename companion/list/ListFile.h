@@ -23,7 +23,7 @@ struct StoredList {
 // Reads the list. A missing file is an empty list. Throws FileError if the file or its folder cannot be read.
 StoredList read_list(const std::string& path);
 
-// The text of a list's file and what is known about the file, so that the caller can parse the text itself. Checks the
+// The text, version and modification time of a list's file, for a caller that parses the text itself. Checks the
 // file as read_list() does. A missing file has an empty version.
 struct ListFileContent {
   std::string text;

@@ -35,7 +35,7 @@ GroupIndex group_named(BlockList& list, std::string_view name) {
   return known ? *known : list.addGroup(name);
 }
 
-// At least what the site takes in the saved text. A change of the site that has no effect yet takes as much again.
+// How many bytes the site takes in the saved text, at least. A pending change of the site takes as many again.
 size_t bytes_of(const ListedSite& site) {
   constexpr size_t kLongestRest = 40;
   return site.host.size() + kLongestRest;
@@ -94,10 +94,10 @@ void ListGuard::load(std::string_view text, const Now& now) {
   ListGuard loaded(mostBytes_, mostExceptions_);
   try {
     const Json header = Json::parse(text.substr(std::min<size_t>(2, end), end - std::min<size_t>(2, end)));
-    // The times that are left count from `start` on. If the machine was restarted meanwhile, `start` is the machine's
+    // The saved durations count from `start` on. If the machine was restarted meanwhile, `start` is the machine's
     // start, because it is not known how long the machine ran between save() and the restart.
     const Seconds saved(header.at("running").get<int64_t>());
-    // A keeper that may not read the machine's start, as in the service's sandbox, saves an empty text.
+    // "start" is empty if the keeper may not read it, as in the service's sandbox.
     const std::string savedStart = header.value("start", std::string());
     const bool isOtherStart = !savedStart.empty() && !now.start.empty() && savedStart != now.start;
     const bool isRestarted = now.running < saved || isOtherStart;

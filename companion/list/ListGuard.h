@@ -49,14 +49,16 @@ class ListGuard {
   // At most this many bytes of sites are guarded: about a million sites. Further sites of guarded groups are in force
   // as in the list's file. This keeps the saved text below kLargestInput.
   static constexpr size_t kMostBytes = size_t{64} << 20;
-  // The guard remembers the ages of at most this many exceptions. Further exceptions have no effect on guarded sites.
+  // The guard remembers the ages of at most this many exceptions. A further exception that would allow a guarded site
+  // has no effect.
   static constexpr size_t kMostExceptions = 100000;
 
   ListGuard(size_t mostBytes = kMostBytes, size_t mostExceptions = kMostExceptions)
       : mostBytes_(mostBytes), mostExceptions_(mostExceptions) {}
 
-  // The guard as a text, from which load() restores it. The time between save() and load() counts as far as it is known
-  // that the machine ran. load() throws InputError for an invalid text.
+  // The guard as a text, from which load() restores it. Locks and delays also run between save() and load(). But if the
+  // machine was restarted in between, only the time since its start counts. load() throws InputError for an invalid
+  // text.
   std::string save(const Now& now) const;
   void load(std::string_view text, const Now& now);
 
@@ -64,7 +66,8 @@ class ListGuard {
   // Returns whether save() must be called.
   bool update(const BlockList& file, const Now& now);
 
-  // When update() must be called again, although the file is the same. Nothing if there is no such moment.
+  // When update() must be called again, although the file is the same: on the clock Now::running. Nothing if there is
+  // no such moment.
   std::optional<std::chrono::seconds> due() const { return due_; }
   bool isActive() const;  // a group is guarded
   bool isLocked() const;  // a group is locked
@@ -78,18 +81,18 @@ class ListGuard {
   // it since the lock began.
   GroupStates statesOf(const BlockList& list, const Now& now) const;
 
-  // When the group's lock ends; nothing if the group is not locked.
+  // When the group's lock ends, on the clock Now::running; nothing if the group is not locked.
   std::optional<std::chrono::seconds> lockEnd(std::string_view group) const;
   // Groups that are not guarded because there are too many.
   const std::vector<std::string>& refusedGroups() const { return refusedGroups_; }
-  // Whether exceptions have no effect because there are too many.
+  // Whether some exceptions have no effect because there are too many (kMostExceptions).
   bool ignoresExceptions() const { return ignoresExceptions_; }
 
   using Seconds = std::chrono::seconds;  // on the clock Now::running
   using Changes =
       std::map<std::string, Seconds, std::less<>>;  // when each may have an effect, by host; "" for settings
   // The removals and other changes of this group that have no effect yet, without exceptions. While the group is
-  // locked, they have no effect even at their moment. Valid until update() or load().
+  // locked, they have no effect even after their moment. Valid until update() or load().
   const Changes& pendingChanges(std::string_view group) const;
 
  private:

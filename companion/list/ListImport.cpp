@@ -99,7 +99,7 @@ std::string_view format_fault(std::string_view text) {
   return {};
 }
 
-// Whether a line of a filter list is a fragment of addresses, such as "-banner-" or "adserver", and no whole host.
+// Whether a line of a filter list is a part of an address, such as "-banner-" or "adserver", and not a whole host.
 bool is_fragment(std::string_view line) {
   constexpr std::string_view kEdges = "-_.";
   if (line.find_first_of(kLineSpace) != std::string_view::npos) return false;
@@ -289,8 +289,7 @@ ImportedSites read_import(std::string_view text, const ImportOptions& options, c
 
 namespace {
 
-// Writes ImportCounts::record. The lines before the import and those after it are two lists (read_import_record()),
-// whose lines may alternate.
+// Writes ImportCounts::record. The lines of the two lists (ImportRecord) may alternate.
 class RecordWriter {
  public:
   explicit RecordWriter(std::string& text) : text_(text) {

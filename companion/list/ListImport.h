@@ -77,8 +77,8 @@ struct ImportCounts {
 // list would have too many groups.
 ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool replace);
 
-// The sites that an import changed, and the groups of the imported text, before and after the import. The text has the
-// lines of the two lists after "- " and "+ ".
+// The sites that an import changed, and the groups of the imported text, before and after the import. In the text, each
+// line of `before` follows "- ", and each line of `after` follows "+ ".
 struct ImportRecord {
   BlockList before, after;
 };

@@ -9,11 +9,11 @@
 namespace orvane {
 
 // A sorted set of names. The names are in one text, which takes a third of the memory that a vector of strings takes.
-// A name has no line end.
+// A name must not contain a line end.
 class PackedNames {
  public:
   PackedNames() = default;
-  // The names may be in any order, and may repeat. They may not be views into this object.
+  // The names may be in any order, and may repeat.
   explicit PackedNames(std::vector<std::string_view> names);
 
   // Iterates over the names in their order. Valid until the object is changed or moved.

@@ -28,7 +28,7 @@ enum class Rank {
 
 // A list that is in force beside the machine's list, and that commands cannot change. orvane-list(5) describes its
 // text: that of the machine's list, without suspensions and without settings of groups. The machine's list says when a
-// group is in force; a group that it does not have is always in force.
+// group is in force; a group that the machine's list does not have is always in force.
 struct ReadOnlyList {
   struct Section {
     std::string group;
@@ -47,7 +47,8 @@ struct ReadOnlyList {
   size_t size() const;  // the number of names
 };
 
-// The setting with which a drop-in allows that its names are suspended and excepted: "suspendable=yes".
+// The key of a drop-in's setting. With "suspendable=yes", users may suspend the drop-in's names and make exceptions for
+// them.
 inline constexpr std::string_view kSuspendableKey = "suspendable";
 
 // Whether a file of this name in the folder for this kind of list is a list.

@@ -52,7 +52,8 @@ Moment end_of_offset(Moment from, Moment to) {
   return to;
 }
 
-// Removes the name of a day (at least three letters of it) from the start of the text. Returns its number, or -1.
+// Removes the name of a day, in full or its first three letters, from the start of the text. Returns the day's number,
+// or -1 if there is no such name.
 int take_day(std::string_view& text) {
   constexpr size_t kShort = 3;
   const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
@@ -89,7 +90,8 @@ uint8_t take_days(std::string_view& text) {
   return days;
 }
 
-// Removes a number of one or two digits, at most `largest`, from the start of the text. Returns it, or -1.
+// Removes a number of one or two digits, at most `largest`, from the start of the text. Returns the number, or -1 if
+// there is none.
 int take_number(std::string_view& text, int largest) {
   int number = 0;
   size_t digits = 0;
@@ -214,7 +216,7 @@ Schedule::Week Schedule::week() const {
 
 std::optional<Moment> Schedule::nextChange(Moment now) const {
   if (spans_.empty()) return std::nullopt;
-  // A span of one day in the week may fall into a skipped hour, so that it first begins after two weeks.
+  // Longer than a week, because a span of one day in the week does not occur if it falls into a skipped hour.
   constexpr seconds kLongestWait = 5 * kDays * kDay;
   const Week week = this->week();
   const bool before = week[minute_of_week(local_fields(now))];

@@ -12,9 +12,9 @@
 
 namespace orvane {
 
-// The times of the week at which a group of sites is in force, in the local time zone. A schedule goes by what the
-// clock on the wall shows. When the clocks change, an hour that occurs twice counts twice, and a skipped hour never
-// occurs: a span that would begin in a skipped hour begins when this hour is skipped.
+// The times of the week at which a group of sites is in force, in local time. When the clocks change, an hour that
+// occurs twice counts twice, and a skipped hour never occurs: a span that would begin in a skipped hour begins when
+// this hour is skipped.
 class Schedule {
  public:
   // A schedule without spans is always active.

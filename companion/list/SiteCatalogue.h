@@ -39,13 +39,13 @@ class SiteCatalogue {
   const std::vector<CatalogueSite>& sites() const { return sites_; }          // sorted by their ids
   const std::vector<std::string>& faults() const { return faults_; }          // messages for people
   std::vector<std::string> categories() const;                                // sorted
-  std::vector<const CatalogueSite*> ofCategory(std::string_view name) const;  // in any case
+  std::vector<const CatalogueSite*> ofCategory(std::string_view name) const;  // case does not matter
 
   // The site with this id or name; null if there is none. Case, spaces and punctuation do not count.
   const CatalogueSite* find(std::string_view name) const;
-  // The sites that have the word in their id, their name, their category or one of their hosts.
+  // The sites that have the word in their id, their name or one of their hosts, or that have it as their category.
   std::vector<const CatalogueSite*> search(std::string_view word) const;
-  // For a word that names no site: the sites that it may be meant to name, at most three, the best first.
+  // For a word that names no site: the sites that the user may have meant, at most three, the most similar first.
   std::vector<const CatalogueSite*> similar(std::string_view word) const;
 
  private:

@@ -34,7 +34,7 @@ bool concerns(std::string_view covering, std::string_view host) {
   return covering == host || (covering.find('.') != std::string_view::npos && !is_public_suffix(covering));
 }
 
-// What the exceptions and suspensions of the lists do.
+// Finds the names that exceptions and suspensions keep from the extension (unite()).
 class Exemptions {
  public:
   Exemptions(std::span<const RankedNames> lists, const std::vector<std::pair<std::string, Moment>>& suspended)
@@ -67,7 +67,7 @@ class Exemptions {
   // The ranks above `rank`.
   static unsigned above(Rank rank) { return ~(2 * bit(rank) - 1); }
 
-  // Whether an exception of this rank or of a higher one, which is left out, has an effect on the host.
+  // Whether one of the exceptions that are left out is of this rank or a higher one, and concerns the host.
   bool isExempt(std::string_view host, Rank rank) const {
     return std::any_of(kRanks.begin(), kRanks.end(), [&](Rank other) {
       const Hosts& hosts = leftOut(other);

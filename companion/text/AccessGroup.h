@@ -11,7 +11,7 @@ inline constexpr const char* kAccessGroup = "orvane";
 struct GroupFacts {
   std::string user;
   bool exists = false;
-  bool listed = false;   // the group database lists the user as a member
+  bool listed = false;   // the group is the user's primary group, or the group database lists the user as a member
   bool inForce = false;  // the calling process has the group: processes get a user's new group only at the next login
 };
 GroupFacts look_at_group();

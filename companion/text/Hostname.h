@@ -11,7 +11,7 @@ namespace orvane {
 // characters (RFC 1035, section 2.3.4).
 //
 // Returns true and sets `name`, or returns false and sets `fault` to what is wrong and what to do, as in "it has a
-// port: give the host name alone". IP addresses are refused: a browser that connects to an address sends no host name.
+// path: give the host name alone". IP addresses are refused: a browser that connects to an address sends no host name.
 //
 // The function writes into the memory that `name` already has, so `given` must not be a view of `name`.
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);

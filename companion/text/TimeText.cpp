@@ -132,7 +132,8 @@ struct Day {
   std::optional<local_days> sameClock{};  // a day that the text may mean with the current time of day
 };
 
-// The position of the word in a list of names, of which three letters suffice. Nothing if there is no such name.
+// The position of the first name that begins with the word. Nothing if there is no such name, or if the word has fewer
+// than three letters.
 template <size_t N>
 std::optional<unsigned> position_of(std::string_view word, const std::string_view (&names)[N]) {
   constexpr size_t kShortest = 3;
@@ -414,7 +415,7 @@ seconds read_duration(std::string_view text) {
 
 std::vector<Moment> read_until(std::string_view text, Moment now) {
   std::vector<Moment> moments = read_readings(text, now);
-  if (moments.empty()) throw InputError("the time has passed: " + in_quotes(text) + ": give one to come");
+  if (moments.empty()) throw InputError("the time has passed: " + in_quotes(text) + ": give a future time");
   if (moments.back() > now + kLongest)
     throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
   return moments;
@@ -439,7 +440,7 @@ Moment read_past(std::string_view text, Moment now) {
   if (!moment)
     throw InputError("not a time: " + in_quotes(text) +
                      ": write it as in today, yesterday, monday 9:00, 18:00, 2026-11-20, 2h or 3 days ago");
-  if (*moment > now) throw InputError("the time is to come: " + in_quotes(text) + ": give one that has passed");
+  if (*moment > now) throw InputError("the time is in the future: " + in_quotes(text) + ": give a past time");
   return *moment;
 }
 

@@ -270,7 +270,7 @@ Descriptor connect_to_first(const ClientOptions& options, std::string* reached) 
     }
     if (error == EINTR)
       throw UnresponsiveExtension("cannot reach the extension at " + path +
-                                  ": it takes no connection: it hangs, or serves too many clients; restart it");
+                                  ": it accepts no connection: it hangs, or serves too many clients; restart it");
     isAbsent = isAbsent && (error == ENOENT || error == ECONNREFUSED);
     if (error != ENOENT && failure.empty()) failure = path + ": " + std::strerror(error) + "; " + advice(error, path);
   }

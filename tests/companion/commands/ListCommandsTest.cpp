@@ -32,7 +32,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"suspend example.com --for 1h --until 18:00", 2, ""},
       {"suspend example.com", 2, ""},
       {"--json suspend example.com --until 2020-01-01", 2,
-       "{\"error\":\"the time has passed: \\\"2020-01-01\\\": give one to come\"}\n"},
+       "{\"error\":\"the time has passed: \\\"2020-01-01\\\": give a future time\"}\n"},
       {"resume example.com none.example", 2, ""},
       {"suspend example.com --all --for 1h", 2, ""},
       {"resume", 2, ""},
