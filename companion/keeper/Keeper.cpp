@@ -51,16 +51,15 @@ constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two attempts to do what failed, and between two checks of the list's file if the system has no
-// inotify instance left, so that PathWatch reports nothing.
+// The time between two attempts to write the state file. Also the time between two checks of the lists' files if
+// PathWatch reports nothing because the system has no inotify instance left.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
 // If the list cannot be read, the keeper tries to read it again after this time, even if the file has not changed.
 constexpr std::chrono::milliseconds kRereadInterval = 60s;
 
-// The keeper sets a timer for the moment at which the first suspension ends or the first group changes, but at most
-// this far ahead. The reason is that a suspension may end after the year 2262, in which the kernel's clocks end. If the
-// timer fires before that moment, the keeper sets it again.
+// The kernel's clocks end in the year 2262, but a suspension may end later. So the keeper's timer for the next end of a
+// suspension or change of a group is set at most this far ahead, and set again when it fires too early.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
 
 constexpr size_t kBadLinesLogged = 3;
@@ -189,7 +188,7 @@ class Keeper {
   std::optional<Steady::time_point> readAt_ = Steady::now();
 
   bool isKnown_ = false;  // a list has been read
-  // The names that all lists have. While link_ is in sync, the extension holds the same names. So the keeper needs no
+  // The names of all lists together. While link_ is in sync, the extension holds the same names. So the keeper needs no
   // copy of what it has sent, which would double the memory.
   HeldNames list_;
   // The names of the machine's list alone, if there are read-only lists; without them, list_ has only these names.
@@ -208,7 +207,7 @@ Keeper::Events Keeper::wait() {
   Steady::time_point due = std::min(link_.due(), saveGuardAt_);
   if (readAt_) due = std::min(due, *readAt_);
   if (isUnwritable_ || listWatch_.descriptor() < 0) due = std::min(due, now + kRetryInterval);
-  int timeout = -1;  // no end: nothing is to be done at a certain time
+  int timeout = -1;  // wait for an event without a time limit
   if (due != Steady::time_point::max())
     timeout = static_cast<int>(std::max(std::chrono::ceil<std::chrono::milliseconds>(due - now), 0ms).count());
   std::array<pollfd, 7> events{{{shutdown_.descriptor(), POLLIN, 0},

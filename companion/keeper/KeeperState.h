@@ -88,7 +88,7 @@ std::string list_in_force_path(const std::string& statePath);
 
 // Takes the lock on the file `path`.lock, so that only one keeper at a time writes the state. Returns a descriptor that
 // holds the lock while the descriptor is open, or an empty descriptor if another keeper has the lock. Throws FileError
-// if the lock's file cannot be made.
+// if the lock's file cannot be created.
 Descriptor lock_keeper_state(const std::string& path);
 
 // Replaces the state file atomically. The caller has the lock. Throws FileError.
@@ -102,7 +102,7 @@ std::optional<KeeperState> read_keeper_state(const std::string& path);
 nlohmann::json to_json(const KeeperState& state);
 
 // Adds to `state` the edits that the extension has received since the keeper last read the extension's count of edits.
-// `changes`: the count as the caller has read it from the extension, which it must do before it reads the state.
+// `changes`: the count from the extension, which the caller must read before it reads the state.
 void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once

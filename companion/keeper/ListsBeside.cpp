@@ -14,8 +14,8 @@
 namespace orvane {
 namespace {
 
-// The lines of a fetched list that contain `part`, and the headers of groups. Reading all lines of large lists would
-// take seconds. orvane-fetcher writes host names as browsers send them, so no other spelling need be looked for.
+// The lines of a fetched list that contain `part`, and the headers of groups. Parsing all lines of large lists would
+// take seconds. orvane-fetcher writes host names as browsers send them, so a name has only one spelling.
 std::string lines_with(std::string_view text, std::string_view part) {
   std::string lines;
   while (!text.empty()) {

@@ -19,7 +19,7 @@ struct LineBeside {
   ListedSite site;
 };
 
-// Those lines of a read-only list that concern a host: at least the lines about its registrable domain.
+// The lines of a read-only list that may concern a host: at least those whose host ends in its registrable domain.
 struct ListPart {
   std::string path;
   ReadOnlyList list;  // only the sections of groups that are in force
@@ -44,7 +44,8 @@ class ListsBeside {
   explicit ListsBeside(const std::optional<KeeperState>& keeper);
 
   std::vector<ListPart> partsAbout(const std::string& host);
-  // The line that blocks the host, of the list with the highest rank.
+  // The line that blocks the host: of a list with the rank Fixed, or if there is none, Open. Nothing if an exception of
+  // the same or a higher rank allows the host.
   std::optional<LineBeside> blockingLine(const std::string& host);
 
  private:

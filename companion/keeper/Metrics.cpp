@@ -10,8 +10,8 @@ namespace {
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
-// The format needs escapes for these three characters. It is UTF-8, which a file's name need not be, so all bytes but
-// ASCII, and control characters, become question marks.
+// Escapes backslashes, quotes and line ends, as the format requires. The format is UTF-8, but a file's name may not be.
+// So bytes that are not ASCII become question marks, and other control characters, too.
 std::string escaped(const std::string& value) {
   std::string text;
   for (const char c : value) {
@@ -46,7 +46,7 @@ class Metric {
   const std::string name_;
 };
 
-// A list, and the labels that tell it from others.
+// A list, and the labels that identify it.
 struct List {
   Labels labels;
   KeeperState::ListState state;

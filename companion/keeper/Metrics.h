@@ -8,7 +8,7 @@ namespace orvane {
 
 // The state in the text format of Prometheus (version 0.0.4), which the textfile collector of its node exporter reads.
 // docs/fleet.md describes the metrics. Every user of the machine may read them, so they have no digest of the machine's
-// own list, from which somebody could find out whether a host is on it.
+// own list: with a digest, a user could test guesses of what is on the list.
 std::string metrics_text(const KeeperState& state);
 
 // The file with the metrics, in the folder of the state file.

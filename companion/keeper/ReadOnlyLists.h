@@ -11,8 +11,8 @@
 
 namespace orvane {
 
-// What one name takes of the room that a message to the extension has, in words. A message is limited in its words and
-// in its number of names; this function counts so that names which have room together keep both limits.
+// The room that a name takes in a message to the extension, in words. A message has a limit of words and a limit of
+// names. The result is at least the quotient of the two limits. So names that fit by their words are not too many.
 uint64_t room_of(std::string_view name);
 inline constexpr uint64_t kMessageRoom = (uint64_t{32} << 20) - 1024;
 
@@ -20,11 +20,12 @@ inline constexpr uint64_t kMessageRoom = (uint64_t{32} << 20) - 1024;
 // thread-safe.
 class ReadOnlyLists {
  public:
-  // At most this many files are read. Drop-ins come before subscriptions; otherwise the order of the names counts.
+  // At most this many files are read: first the drop-ins, then the subscriptions, each in the order of the files'
+  // names.
   static constexpr size_t kMostLists = 256;
 
-  // `room`: how much room all names have, those of the machine's list included. A name that several lists have counts
-  // several times.
+  // `room`: the room for the names of all lists, the machine's list included. A name that several lists have counts
+  // once for each of them.
   ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room = kMessageRoom);
 
   // The paths to watch, in the form of PathWatch.
@@ -53,7 +54,7 @@ class ReadOnlyLists {
     KeeperState::ListState state;
     uint64_t room = 0;
     bool hasCopy = false;     // `list` has what the file had when it was last read
-    bool isTooLarge = false;  // the names are not kept, because the lists before have taken the room
+    bool isTooLarge = false;  // the names are not kept, because the lists before leave too little room
     std::string readError;
   };
 
