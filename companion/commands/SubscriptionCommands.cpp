@@ -312,7 +312,7 @@ void declare_subscription_commands(CommandSet& commands) {
     return commands.declare(commands.app, kListGroup, name, description,
                             [&options = commands.options, arguments, command] { return command(options, *arguments); });
   };
-  CLI::App* add = declare("subscribe", "Add the list at a URL, and keep it fresh", subscribe);
+  CLI::App* add = declare("subscribe", "Add the list at a URL, and keep it up to date", subscribe);
   add->add_option("URL", arguments->url, "The address of a list: names, hosts(5) lines or ||name^ rules")
       ->required()
       ->type_name("");
@@ -322,7 +322,8 @@ void declare_subscription_commands(CommandSet& commands) {
   add->add_option("--every", arguments->every, "The time between two fetches (default: 24h)")->type_name("TIME");
   add->add_option("--key", arguments->key, "Accept only copies that minisign has signed with this key")
       ->type_name("KEY|FILE");
-  add->add_flag("--insecure", arguments->insecure, "Allow http, with which anybody on the way can change the list");
+  add->add_flag("--insecure", arguments->insecure,
+                "Allow http, with which anybody on the network path can change the list");
   declare("unsubscribe", "Remove a subscription and its names", unsubscribe)
       ->add_option("SUBSCRIPTION", arguments->url, "The name or URL of a subscription")
       ->required()

@@ -86,7 +86,7 @@ complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a 
 complete -c orvanectl -n __orvanectl_command -a resume -d 'Block suspended sites again at once'
 complete -c orvanectl -n __orvanectl_command -a import -d 'Add the names of a file to the list'
 complete -c orvanectl -n __orvanectl_command -a export -d 'Print the list in a form that import reads'
-complete -c orvanectl -n __orvanectl_command -a subscribe -d 'Add the list at a URL, and keep it fresh'
+complete -c orvanectl -n __orvanectl_command -a subscribe -d 'Add the list at a URL, and keep it up to date'
 complete -c orvanectl -n __orvanectl_command -a unsubscribe -d 'Remove a subscription and its names'
 complete -c orvanectl -n __orvanectl_command -a subscriptions -d 'Print the subscriptions'
 complete -c orvanectl -n __orvanectl_command -a refresh -d 'Fetch subscriptions now'

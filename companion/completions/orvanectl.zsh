@@ -49,7 +49,7 @@ _orvanectl_commands() {
     'resume:block suspended sites again at once'
     'import:add the names of a file to the list'
     'export:print the list in a form that import reads'
-    'subscribe:add the list at a URL, and keep it fresh'
+    'subscribe:add the list at a URL, and keep it up to date'
     'unsubscribe:remove a subscription and its names'
     'subscriptions:print the subscriptions'
     'refresh:fetch subscriptions now'

@@ -308,7 +308,7 @@ void examine_read_only_lists(const Facts& facts, std::vector<Finding>& findings)
     if (list.error) {
       finding.result = Result::Problem;
       finding.found = (list.isInForce ? "its previous version is in force: " : "not in force: ") + *list.error;
-      finding.advice = "the keeper must be able to read the file as its own user: chmod 0644, and not a link";
+      finding.advice = "make it a regular file that every user may read: chmod 0644";
     } else if (list.badLines > 0) {
       finding.result = Result::Warning;
       finding.found += ", " + counted(list.badLines, "bad line", "bad lines") + " ignored";

@@ -74,7 +74,7 @@ struct Facts {
   std::optional<uint64_t> capabilities;  // the effective capabilities of `process`, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;
   std::optional<bool> hasQueueTarget;  // whether the kernel can hand packets to a queue; nothing if not known
-  std::vector<RulesFacts> rules;       // empty if orvanectl does not run as root
+  std::vector<RulesFacts> rules;       // empty if orvanectl does not run as root, or if programs are missing
   std::optional<std::string> queues;   // /proc/net/netfilter/nfnetlink_queue; only root can read it
   std::optional<KeeperState> list;
   std::string listError;  // why the keeper's state could not be read

@@ -32,9 +32,8 @@ class DropSums {
   std::vector<Sum> hosts() const { return sorted(hosts_); }
   std::vector<Sum> browsers() const { return sorted(browsers_); }
 
-  // The number of connections in each hour of the local time zone, or in each day if `until` is more than two days
-  // after the first connection; from the first connection until `until`, in order. The hour or the day at `until` is
-  // the last one.
+  // The number of connections in each hour of the local time zone, from the first connection until `until`, in order.
+  // If this is more than two days, the number in each day instead.
   std::vector<Bar> bars(Moment until) const;
   bool barsAreDays(Moment until) const;
 

@@ -19,7 +19,8 @@ PlotStyle plot_style_of_locale();
 int terminal_width();
 
 // A horizontal bar for each label and value, on a line of its own: the label, the bar, the value. The longest line has
-// `width` columns, but a bar has at least 10. Labels are ASCII. A value other than 0 has a bar, however small it is.
+// `width` columns, or more if its bar would have less than 10. Labels are ASCII. A value other than 0 has a bar,
+// however small it is.
 std::vector<std::string> plot(const std::vector<std::pair<std::string, uint64_t>>& bars, int width, PlotStyle style);
 
 }  // namespace orvane

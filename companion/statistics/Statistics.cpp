@@ -32,7 +32,7 @@ Span span_of(const StatisticsOptions& options, Moment now) {
   const Span span{read_past(options.since, now),
                   options.until ? read_past(*options.until, now) : now + std::chrono::seconds(1)};
   if (span.since < span.until) return span;
-  throw InputError("nothing is between " + in_quotes(options.since) + " and " +
+  throw InputError("no time is between " + in_quotes(options.since) + " and " +
                    (options.until ? in_quotes(*options.until) : "now") + ": give an earlier time with --since");
 }
 

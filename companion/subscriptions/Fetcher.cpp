@@ -313,7 +313,7 @@ class Fetcher {
     const std::string hash = sha256_of(fetched.body);
     const bool isChanged = !isSameSource || hash != state.sha256;
     if (isChanged) {
-      // No time in the file: machines with the same list have the same bytes, so their digests can be compared.
+      // Write no time into the file, so that machines with the same list have files with the same digest.
       const SubscriptionList list =
           convert_list(fetched.body, subscription.group, "From " + std::string(authority_of(subscription.url)));
       const auto request = requests_.find(subscription.name);
@@ -381,7 +381,7 @@ class Fetcher {
 }  // namespace
 
 int run_fetcher(const FetcherOptions& options) {
-  // Before libcurl starts threads, which inherit the mask.
+  // Block the signals before libcurl starts threads, because threads inherit the mask.
   sigset_t ends;
   sigemptyset(&ends);
   for (int number : {SIGTERM, SIGINT}) sigaddset(&ends, number);

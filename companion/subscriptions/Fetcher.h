@@ -12,8 +12,8 @@ struct FetcherOptions {
   TransferOptions transfer;
 };
 
-// Runs the service that keeps the subscriptions fresh, until SIGTERM or SIGINT. Returns the exit code. Throws FileError
-// if its folder cannot be used.
+// Runs the service that keeps the subscriptions up to date, until SIGTERM or SIGINT. Returns the exit code. Throws
+// FileError if its folder cannot be used.
 int run_fetcher(const FetcherOptions& options);
 
 }  // namespace orvane

@@ -104,7 +104,7 @@ Descriptor lock_fetcher(const std::string& folder) {
 bool is_fetcher_running(const std::string& folder) { return is_file_locked(lock_path(folder)); }
 
 void write_fetcher_file(const std::string& path, std::string_view text) {
-  // The watchers of the folder pass over names that begin with a dot.
+  // The keeper ignores names that begin with a dot.
   const std::string temporaryName = "." + std::filesystem::path(path).filename().string() + ".new";
   if (auto error = replace_file(path, temporaryName, text, kReadableByAll))
     throw file_error("write", path, error.value());

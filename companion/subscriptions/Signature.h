@@ -15,8 +15,8 @@ struct SignedFile {
 };
 
 // Verifies a signature in the form of minisign(1): Ed25519 of the content ("Ed"), or of its BLAKE2b-512 hash ("ED").
-// `signature` is the text of the .minisig file, `key` the public key in Base64. Throws InputError if the signature is
-// wrong.
+// `signature` is the text of the .minisig file, `key` the public key in Base64. Throws InputError if the signature or
+// the key is invalid.
 SignedFile verify_signature(std::string_view content, std::string_view signature, std::string_view key);
 
 // The SHA-256 of the content, in hexadecimal.

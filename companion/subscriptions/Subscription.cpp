@@ -86,7 +86,8 @@ std::string url_fault(std::string_view url, bool isInsecure) {
   constexpr size_t kLongest = 2000;
   const bool isPlain = url.starts_with(kPlain);
   if (isPlain && !isInsecure)
-    return "http lets anybody on the way change the list: use https, or say --insecure (in the file: insecure)";
+    return "http lets anybody on the network path change the list: use https, or give --insecure (in the file: "
+           "insecure)";
   if (!isPlain && !url.starts_with(kSecure)) return "it is no address of a web server: write https://...";
   if (url.size() > kLongest) return "it has more than 2000 characters: use a shorter URL";
   if (std::any_of(url.begin(), url.end(), [](char c) { return c <= ' ' || c > '~'; }))

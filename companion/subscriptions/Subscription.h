@@ -11,13 +11,13 @@
 
 namespace orvane {
 
-// A list on a web server that orvane-fetcher keeps fresh.
+// A list on a web server, of which orvane-fetcher keeps a copy up to date.
 struct Subscription {
   std::string name;  // has the form that subscription_name_fault() checks, so it can be a part of a file's name
   std::string url;   // has the form that url_fault() checks
   std::string group{kDefaultGroupName};
   std::chrono::seconds every = std::chrono::hours(24);  // the time between two fetches; at least kShortestInterval
-  std::string key;          // a public key of minisign(1), with which each copy must be signed; empty if none need be
+  std::string key;          // a public key of minisign(1) that verifies each copy; empty if copies need no signature
   bool isInsecure = false;  // http is allowed
   bool operator==(const Subscription&) const = default;
 };
@@ -25,9 +25,9 @@ struct Subscription {
 inline constexpr std::chrono::seconds kShortestInterval = std::chrono::hours(1);
 inline constexpr size_t kMostSubscriptions = 100;
 
-// The file with the subscriptions, which is beside the machine's list. Its name follows the folder of the list.
+// The file with the subscriptions, in the folder of the machine's list.
 inline constexpr const char* kSubscriptionsName = "subscriptions";
-// The file with the requests to fetch a subscription now, beside the file with the subscriptions.
+// The file with the requests to fetch a subscription now, in the same folder.
 inline constexpr const char* kRequestsName = "subscriptions.refresh";
 
 // What is wrong with a name or a URL, and what to do; empty if nothing is.

@@ -14,8 +14,8 @@ namespace {
 
 constexpr long kMostRedirects = 5;
 constexpr std::string_view kRedirectsToHttp =
-    "the server redirects from https to http, which anybody on the way can change: ask its owner for an address with "
-    "https";
+    "the server redirects from https to http, which anybody on the network path can change: ask its owner for an "
+    "address with https";
 
 constexpr std::string_view kDamaged = "the server sends damaged compressed data: it is asked again later";
 
@@ -39,7 +39,7 @@ std::string status_error(long status) {
   return "the server answers " + number + ": check the URL";
 }
 
-// Unpacks gzip (RFC 1952). libcurl can unpack, too, but it takes data that are cut off for whole data.
+// Unpacks gzip (RFC 1952). libcurl could unpack it, too, but would not notice that the data are cut off.
 class Unpacker {
  public:
   Unpacker() { isUsable_ = inflateInit2(&stream_, kGzip) == Z_OK; }

@@ -11,8 +11,8 @@ struct TransferOptions {
   std::string authorities;                // a file with the certificate authorities; empty: those of the system
   size_t largest = size_t{64} << 20;      // bytes of a body, after it is unpacked
   std::chrono::seconds longest{600};      // for the whole transfer
-  std::chrono::seconds longestStall{60};  // for which less than kSlowest bytes come in each second
-  static constexpr long kSlowest = 100;
+  std::chrono::seconds longestStall{60};  // the transfer ends if it is slower than kSlowest for this long
+  static constexpr long kSlowest = 100;   // bytes per second
 };
 
 // A request for a file of a web server over HTTP, with libcurl. Uses the proxy of the environment
@@ -39,7 +39,7 @@ class Transfer {
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 
-  // The easy handle of libcurl, which its messages name.
+  // libcurl's easy handle, by which libcurl's messages name the transfer.
   void* handle() const;
   // Call this when libcurl has reported the end of the transfer, with this code.
   Result result(int code);

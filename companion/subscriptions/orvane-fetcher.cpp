@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
   orvane::FetcherOptions options{"/var/lib/orvane-se", folder == nullptr ? orvane::kFetcherPath : folder, {}};
   double mebibytes = 64;
   int stall = 60;
-  CLI::App app("Keeps the lists fresh to which orvanectl subscribes.", "orvane-fetcher");
+  CLI::App app("Fetches the lists to which orvanectl subscribes, and keeps them up to date.", "orvane-fetcher");
   app.add_option("--lists", options.listFolder, "The folder with the file \"subscriptions\"")->capture_default_str();
   app.add_option("--folder", options.folder, "The folder for the fetched lists")->capture_default_str();
   app.add_option("--authorities", options.transfer.authorities,
