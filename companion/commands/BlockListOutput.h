@@ -24,7 +24,7 @@ struct ListInForce {
   struct StillBlocked {
     ListedSite site;  // ListedSite::group is not used
     std::string group;
-    std::optional<Moment> until;  // nothing if the keeper's state has too many such sites to say it
+    std::optional<Moment> until;  // nothing if unknown, because the keeper's state has only the first such sites
   };
   std::vector<StillBlocked> stillBlocked;
 };

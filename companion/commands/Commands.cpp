@@ -381,7 +381,7 @@ int run(int argc, const char* const* argv) {
   Arguments arguments;
   Command command;
   CLI::App app("Chooses the hosts that OrvaneSE blocks in browsers.", "orvanectl");
-  app.formatter(std::make_shared<HelpFormatter>());  // before the commands, which take it over
+  app.formatter(std::make_shared<HelpFormatter>());  // the commands that are declared below inherit it
   app.set_version_flag("--version", std::string("orvanectl ") + program_version());
   app.add_option("--service", arguments.client.service, "The extension's service name")
       ->type_name("NAME")

@@ -26,8 +26,8 @@ namespace {
 constexpr std::string_view kAlways = "always";  // in place of a schedule
 constexpr std::string_view kOff = "off";        // in place of a delay
 
-// How far the end of a lock, as the keeper publishes it, may be from the requested end: the keeper computes the end
-// from two clocks, in whole seconds.
+// The keeper computes the end of a lock from two clocks, in whole seconds. So the end that it publishes may differ from
+// the requested end by this much.
 constexpr std::chrono::seconds kClockTolerance(2);
 
 struct Arguments {
@@ -323,7 +323,7 @@ void declare_group_commands(CommandSet& commands) {
   declare("remove", "Remove a group with its sites", remove);
   declare("list", "Print the groups and whether they are in force", list);
   declare("show", "Print one group", show);
-  declare("enable", "Put a group in force, if it has a schedule, at its times", enable);
+  declare("enable", "Put a group in force: always, or at the times of its schedule", enable);
   declare("disable", "Put a group out of force", disable);
   declare("schedule", "Set the times at which a group is in force", schedule)
       ->add_option("SPAN", arguments->spans, "As in 'Mon..Fri 09:00-17:00' or 'Sat,Sun 22:00-02:00'; or \"always\"")
@@ -336,7 +336,7 @@ void declare_group_commands(CommandSet& commands) {
 
   CLI::App* lockCommand =
       commands.declare(commands.app, kListGroup, "lock",
-                       "Let nothing be removed from a group for a while; without options, show locks", run(lock));
+                       "Forbid removals from a group for a while; without options, show locks", run(lock));
   lockCommand->add_option("--group", arguments->group, "The group, instead of the default group")->type_name("GROUP");
   arguments->end.declare(*lockCommand);
   lockCommand->footer("Nobody can end a lock, except root, who can stop the keeper: see orvanectl(1).");

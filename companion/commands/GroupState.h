@@ -22,9 +22,8 @@ std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadab
 // The list that is in force, if the keeper holds back changes of the list's file; otherwise nothing.
 std::optional<BlockList> list_in_force(const CommonOptions& options, const std::optional<KeeperState>& keeper);
 
-// The states of the list's groups. The states that the keeper has published come first, because orvanectl may run in
-// another time zone than the keeper, and cannot see locks. For other groups, and without a keeper, the states come from
-// the list.
+// The states of the list's groups. If the keeper has published a group's state, that state counts, because orvanectl
+// may run in another time zone than the keeper, and cannot see locks. Otherwise the state comes from the list.
 std::vector<KeeperState::GroupState> states_of_groups(const BlockList& list, const std::optional<KeeperState>& keeper,
                                                       Moment now);
 GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
@@ -50,18 +49,18 @@ std::string guard_text(const KeeperState::GroupState& state, Moment now);
 struct HeldBack {
   enum class By { Lock, Delay, Schedule, Disabled } by = By::Lock;
   std::string group;
-  std::optional<Moment> until{};  // nothing if nobody knows: for a disabled group, for example
+  std::optional<Moment> until{};  // nothing if unknown, for example for a disabled group
   bool operator==(const HeldBack&) const = default;
 };
 using MaybeHeldBack = std::optional<HeldBack>;
 
-// What holds back a change of the group that makes it block more, and one that makes it block less. `group`: as in the
-// list's file, after the change for `blocking`, and before it for `removal`.
+// What holds back a change that makes the group block more. `group`: as in the list's file after the change.
 MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupState& state);
+// What holds back a change that makes the group block less. `group`: as in the list's file before the change.
 MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now);
 
-// For each of these new exceptions: what holds it back, which is the lock or delay of a group that has sites at, above
-// or below its host. `list`: the list that is in force, or without the keeper's, the list's file before the change.
+// For each of these new exceptions: the lock or delay that holds it back, of a group that has sites at, above or below
+// its host. `list`: the list that is in force (list_in_force()); if there is none, the list's file before the change.
 std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
                                                 const std::optional<KeeperState>& keeper, Moment now);
 

@@ -47,8 +47,8 @@ struct Outcome {
   std::vector<Rejection> rejections;  // the first kMostRejections
   ImportCounts counts;
   std::vector<HeldBack> removals;                       // what holds back the removal of sites
-  std::vector<std::pair<HeldBack, size_t>> openings{};  // and of how many exceptions and suspensions
-  std::vector<HeldBack> blockings{};                    // and the sites of groups that are not in force
+  std::vector<std::pair<HeldBack, size_t>> openings{};  // what holds back exceptions and suspensions, and how many
+  std::vector<HeldBack> blockings{};                    // what holds back new and changed sites
   double seconds = 0;                                   // from the start until the list is written
   std::optional<bool> isSent;
 

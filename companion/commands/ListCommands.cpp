@@ -83,8 +83,8 @@ void print_summary(std::span<const Change> changes, const std::string& prefix, c
                 changes.front().isMeantToBlock ? "allowed by exceptions" : "still blocked by other lines");
 }
 
-// The hosts of one site of the catalogue have one summary. If there are too many summaries and other sites, they all
-// have one.
+// Prints one summary for the hosts of each site of the catalogue, and a line for each other site. If these are too many
+// lines, prints one summary of all sites.
 void print_changes(std::span<const Change> changes) {
   constexpr size_t kMostShown = 20;
   std::vector<std::span<const Change>> parts;
@@ -153,8 +153,7 @@ void find_opposite_lines(const BlockList& list, Moment now, std::vector<Change>&
   }
 }
 
-// For each of the sites that a command is about to change: what holds the change back if it makes the site blocked, and
-// if it lets the host pass.
+// What holds back the change of a site: `blocking` if the change blocks the site, `removal` if it lets the host pass.
 struct SiteHeldBack {
   MaybeHeldBack blocking, removal;
 };
@@ -179,8 +178,8 @@ std::vector<SiteHeldBack> find_what_holds_back(const CommonOptions& options, con
   return results;
 }
 
-// If the command lets a host pass: says which read-only list blocks it all the same. Only for a few changes, because
-// large lists must be read.
+// If the command lets a host pass: says which read-only list blocks it all the same. Does this only for a few changes,
+// because it searches all lists for each of them.
 void note_lists_beside(std::vector<Change>& changes, const std::optional<KeeperState>& keeper) {
   constexpr size_t kMostNoted = 20;
   if (changes.size() > kMostNoted) return;
@@ -191,7 +190,7 @@ void note_lists_beside(std::vector<Change>& changes, const std::optional<KeeperS
     const auto line = lists.blockingLine(host);
     if (!line) continue;
     if (line->rank == Rank::Fixed) {
-      change.outcome += "; but " + line_text(*line) + " still blocks it, on which this command has no effect";
+      change.outcome += "; but " + line_text(*line) + ", which this command does not change, still blocks it";
     } else if (change.site.scope != Scope::Exception && !(change.site.until && line->site.host == host)) {
       change.outcome += "; but " + line_text(*line) + " still blocks it: orvanectl allow " + host;
     }

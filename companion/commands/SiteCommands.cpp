@@ -140,7 +140,7 @@ int search(const CommonOptions& options, const SiteOptions& given) {
 }  // namespace
 
 void SiteOptions::declare(CLI::App& command) {
-  // One value for each option: a word after it is a host.
+  // Each option takes one value, because a word after the value is a host.
   command.add_option("--site", names, "All hosts of a site of the catalogue: see orvanectl sites list")
       ->allow_extra_args(false)
       ->type_name("SITE");
@@ -181,8 +181,8 @@ void declare_site_commands(CommandSet& commands) {
       ->add_option("SITE", given->names, "The id or name of a site")
       ->required()
       ->type_name("");
-  declare("search", "Print the sites whose names, hosts or categories contain a word", search)
-      ->add_option("WORD", given->names, "A part of a name, as in \"tube\"")
+  declare("search", "Print the sites whose names or hosts contain a word, and the sites of a category", search)
+      ->add_option("WORD", given->names, "A part of a name or host, as in \"tube\", or a category")
       ->expected(1)
       ->required()
       ->type_name("");

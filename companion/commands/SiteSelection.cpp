@@ -51,7 +51,7 @@ std::string not_blocked_text(const BlockList& list, ListsBeside& beside, const s
   const Decision decision = decide(list, host, now);
   const auto line = beside.blockingLine(host);
   if (line && line->rank == Rank::Fixed)
-    return "it is covered by " + line_text(*line) + ", on which this command has no effect";
+    return "it is covered by " + line_text(*line) + ", which this command does not change";
   if (decision.exception != nullptr)
     return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
            ": to end the exception: orvanectl disallow " + decision.exception->host;
@@ -105,7 +105,7 @@ FindSites given_sites(const CommonOptions& options, const SiteArguments& argumen
 std::vector<ListedSite> sites_of_file(const std::string& file) {
   const std::string source = file == "-" ? "standard input" : file;
   const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
-    print_error("passed over: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
+    print_error("skipped: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
   };
   ImportedSites read = read_import(read_input(file), {{}, std::string(kDefaultGroupName)}, rejected, nullptr);
   if (read.sites.empty())
@@ -133,7 +133,7 @@ FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string&
       if (site != nullptr && (site->scope == Scope::Exception) == exceptions) sites.push_back(*site);
     }
     if (sites.size() < given.size())
-      print_error("passed over: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
+      print_error("skipped: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
                   " that the list does not have");
     return sites;
   };

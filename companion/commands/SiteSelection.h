@@ -24,7 +24,7 @@ using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, G
 struct Selection {
   FindSites find;
   std::vector<CatalogueSite> chosen{};       // the sites of the catalogue that --site and --category name
-  const char* none = "none of these sites";  // what a group has in which find() finds nothing
+  const char* none = "none of these sites";  // for the message "the group NAME has ...", if find() finds nothing
 
   // The first chosen site that has the host; null if none has.
   const CatalogueSite* originOf(const std::string& host) const;
@@ -32,7 +32,7 @@ struct Selection {
 
 // Selects sites on the list: those with the given hosts, those with the hosts of a file or of sites of the catalogue,
 // or all. With `exceptions`, only exceptions, otherwise only sites that are not exceptions. `command`: its name, for
-// errors. Throws InputError, after a report of each fault, if the command line is not good; Selection::find() throws it
+// errors. Throws InputError, after a report of each fault, if the command line is invalid; Selection::find() throws it
 // if a given host is not on the list.
 Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
                          bool exceptions = false);

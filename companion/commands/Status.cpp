@@ -177,7 +177,8 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
 std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
   lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "line", "lines") + ", " +
-                  std::to_string(keeper.names) + " in force now");
+                  std::to_string(keeper.names) +
+                  (keeper.readOnlyLists.empty() ? " in force now" : " names of all lists in force now"));
   if (keeper.listError)
     lines.push_back(coloured("still uses the previous list", Colour::Bad) + ": " + *keeper.listError);
   if (keeper.badLines > 0)
@@ -203,7 +204,8 @@ std::vector<std::string> read_only_lines(const KeeperState& keeper, Moment now) 
   return lines;
 }
 
-// One line for each group, unless all that there is to say is that the default group is in force.
+// One line for each group. None if the only group is the default group, and it is in force without an end, a lock or a
+// pending change.
 std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   for (const auto& group : keeper.groups) {

@@ -94,7 +94,7 @@ complete -c orvanectl -n __orvanectl_command -a sites -d 'The catalogue of sites
 complete -c orvanectl -n __orvanectl_command -a status -d 'Show whether the list is in force'
 complete -c orvanectl -n __orvanectl_command -a try -d 'Show whether a host is blocked now, and why'
 complete -c orvanectl -n __orvanectl_command -a group -d 'Groups of sites'
-complete -c orvanectl -n __orvanectl_command -a lock -d 'Let nothing be removed from a group for a while'
+complete -c orvanectl -n __orvanectl_command -a lock -d 'Forbid removals from a group for a while'
 complete -c orvanectl -n __orvanectl_command -a keep -d 'Run the keeper, which sends the list to the extension'
 complete -c orvanectl -n __orvanectl_command -a doctor -d 'Check everything that blocking needs'
 complete -c orvanectl -n __orvanectl_command -a statistics -d 'Print how often which hosts were blocked'

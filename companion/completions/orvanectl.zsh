@@ -55,7 +55,7 @@ _orvanectl_commands() {
     'refresh:fetch subscriptions now'
     'sites:the catalogue of sites'
     'group:groups of sites'
-    'lock:let nothing be removed from a group for a while'
+    'lock:forbid removals from a group for a while'
   )
   service=(
     'status:show whether the list is in force'

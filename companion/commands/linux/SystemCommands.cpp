@@ -32,7 +32,7 @@ void declare_statistics_command(CommandSet& commands) {
   command->add_flag("--plot", given->plot, "Print a bar for each hour or day, too");
   command->footer(
       "The journal has these data only if the setting OrvaneRecordDrops is yes, as orvane-se(8) describes. Only root\n"
-      "and the members of the group systemd-journal may read them.");
+      "and the members of the groups systemd-journal and adm may read them.");
 }
 
 }  // namespace
