@@ -41,7 +41,7 @@ void check(const BlockList& list) {
   }
 }
 
-// Of the machine's list and a read-only list of each rank with the same text.
+// Checks unite() for three lists with the same text: the machine's list, a drop-in and a subscription.
 void check_united(std::string_view text, const HeldNames& held) {
   const PackedNames own(std::vector<std::string_view>(held.names.begin(), held.names.end()));
   std::vector<RankedNames> lists{{Rank::Own, &own}};
@@ -62,7 +62,7 @@ void check_united(std::string_view text, const HeldNames& held) {
   const std::vector<std::string> names = unite(lists, held.suspended);
   require(std::is_sorted(names.begin(), names.end()));
   require(std::adjacent_find(names.begin(), names.end()) == names.end());
-  // The extension must hold whatever a drop-in blocks.
+  // The extension must hold all names of a drop-in that is not suspendable.
   for (const RankedNames& list : lists) {
     if (list.rank != Rank::Fixed) continue;
     for (std::string_view name : *list.names)

@@ -23,7 +23,7 @@ bool is_printable(std::string_view text) {
 
 }  // namespace
 
-// Reads the bytes as a list from a server, as its signature, and as the two files of the fetcher.
+// Reads the bytes as a list from a server, as its signature, and as the two files that the fetcher reads.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(bytes), size);
   try {

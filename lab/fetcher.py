@@ -12,7 +12,8 @@ import time
 
 from extension import Failure
 
-# Seconds after which the fetcher ends a transfer that is too slow. The machine may stand still for some seconds.
+# Seconds after which the fetcher ends a transfer that is too slow. Long, because a busy machine may pause a process for
+# some seconds.
 STALL = 10
 LARGEST = 8  # MiB
 
@@ -46,7 +47,7 @@ class Fetcher:
             raise Failure(f"the fetcher ended with {code}\n{self._log.read_text()}")
 
     def control(self, *arguments: str | pathlib.Path) -> str:
-        """Runs orvanectl with this fetcher's files. Returns what the person is told."""
+        """Runs orvanectl with this fetcher's files. Returns what it prints."""
         command = [self._build / "orvanectl", "--list", self._lists / "list", "--fetched", self.fetched]
         done = subprocess.run([*command, *arguments], check=False, capture_output=True, text=True, timeout=120)
         return (done.stdout + done.stderr).strip()
@@ -69,7 +70,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.answer(b"", status=404)
 
     def answer(self, body: bytes, status: int = 200, length: int | None = None, **headers: str):
-        """Sends an answer. The names of headers have "_" in place of "-". `length`: what Content-Length claims."""
+        """Sends an answer. The names of headers have "_" in place of "-". `length`: a false value of Content-Length."""
         self.send_response(status)
         for name, value in headers.items():
             self.send_header(name.replace("_", "-"), value)
@@ -109,7 +110,7 @@ class ListServer(http.server.ThreadingHTTPServer):
         threading.Thread(target=self.serve_forever, daemon=True).start()
 
     def handle_error(self, *_):
-        pass  # the fetcher breaks connections off on purpose
+        pass  # report no error: the fetcher ends some connections early on purpose
 
 
 def sign(file: pathlib.Path, key: pathlib.Path, *options: str) -> bytes:
