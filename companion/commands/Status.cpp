@@ -229,7 +229,7 @@ std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
   return lines;
 }
 
-// One line for each suspended site.
+// One line for each suspended name; at most kSuspensionsShown, and then a line that counts the others.
 std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   for (const auto& [name, until] : keeper.suspended) {

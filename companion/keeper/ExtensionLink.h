@@ -38,7 +38,7 @@ class ExtensionLink {
   // the list again if other clients have made edits, or if the extension has not taken the list.
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
-  // that tells of edits, so attend() asks for the number of edits twice a second, and more often after an undo.
+  // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
   // `guarded`: the names that must not be missing. An undo adds them first. If the extension does not take the whole
   // list, the extension gets only these names.
   void undoEdits(bool enabled, std::vector<std::string> guarded);

@@ -62,7 +62,7 @@ class ListGuard {
   std::string save(const Now& now) const;
   void load(std::string_view text, const Now& now);
 
-  // Takes over what the list's file says now: new requests for locks, and the changes that may have an effect now.
+  // Applies the list's file as it is now: new requests for locks, and the changes that may have an effect now.
   // Returns whether save() must be called.
   bool update(const BlockList& file, const Now& now);
 
@@ -101,7 +101,7 @@ class ListGuard {
     std::optional<Seconds> lockEnd;
     Seconds lockBegan{0};
     Seconds clock{0};               // Now::wall minus Now::running when the lock began
-    std::optional<Moment> request;  // the request that was taken over last
+    std::optional<Moment> request;  // the last request that update() has applied
     Changes leaving;
   };
 

@@ -29,7 +29,6 @@ using SiteFault = std::function<void(size_t line, std::string_view text, const s
 // Returns false, and reports this, too, if the text lacks one of the three.
 bool read_site_file(std::string_view text, CatalogueSite& site, const SiteFault& report);
 
-// The catalogue of sites.
 class SiteCatalogue {
  public:
   // Reads the files of the folders. If several folders have a file of the same name, the site comes from the last of

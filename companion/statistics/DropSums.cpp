@@ -21,7 +21,7 @@ Moment start_of_hour(Moment moment) {
   return moment - std::chrono::minutes(fields.tm_min) - std::chrono::seconds(fields.tm_sec);
 }
 
-// The start of the day of `moment`, or of a day so many days later.
+// The start of the day that is `later` days after the day of `moment`.
 Moment start_of_day(Moment moment, int later = 0) {
   std::tm fields = local_fields(moment);
   fields.tm_mday += later;

@@ -2,7 +2,6 @@
 
 namespace orvane {
 
-// The version of this program.
 const char* program_version();
 
 }  // namespace orvane

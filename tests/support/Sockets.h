@@ -28,7 +28,6 @@ inline uint16_t port_of(const Descriptor& socket) {
   return ntohs(address.sin_port);
 }
 
-// Two connected sockets.
 inline std::pair<Descriptor, Descriptor> socket_pair(int type = SOCK_STREAM) {
   int ends[2] = {-1, -1};
   socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends);

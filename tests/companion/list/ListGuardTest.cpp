@@ -149,7 +149,7 @@ TEST(ListGuard, OpensALockedSiteByScheduleOnlyOnBothClocks) {
   EXPECT_EQ(machine.guard.due(), seconds(2800)) << "when the span begins";
   machine.restartMachine(600, 4000);
   machine.clock = -4000 + 1800 + 300;
-  EXPECT_EQ(machine.read(locked), "!.a.example .a.example") << "the schedule after a restart goes by the new clock";
+  EXPECT_EQ(machine.read(locked), "!.a.example .a.example") << "the schedule after a restart follows the new clock";
 }
 
 TEST(ListGuard, GuardsNoMoreThanItCanSave) {

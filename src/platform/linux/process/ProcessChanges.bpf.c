@@ -16,7 +16,7 @@ const volatile __u64 pid_namespace_device = 0, pid_namespace_inode = 0;
 #define SLOTS 65536
 __u64 events[SLOTS + 1];
 
-// An atomic operation whose result is used orders memory: whoever reads the new count also sees what the process has
+// An atomic operation whose result is used orders memory: a reader of the new count also sees what the process has
 // changed before the event. So the result is used: the programs return it. The kernel ignores what a program at a
 // tracepoint returns.
 static __always_inline int count(__u64* counter) { return __sync_fetch_and_add(counter, 1) != 0; }

@@ -12,8 +12,8 @@ namespace orvane {
 
 // Makes the kernel record which process connects a socket or sends a datagram, for the sockets of one network
 // namespace. The records come from BPF programs that are attached to the topmost visible control group (cgroup version
-// 2). The kernel removes the programs when their last descriptor is closed, so nothing stays behind, however the
-// process ends. Not thread-safe.
+// 2). The kernel removes the programs when their last descriptor is closed, so it removes them even if the process is
+// killed. Not thread-safe.
 class SocketOpeners {
  public:
   SocketOpeners();

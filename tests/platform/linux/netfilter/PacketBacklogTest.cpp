@@ -80,7 +80,7 @@ TEST(PacketBacklog, ServesAUserWithSlowPacketsLessOften) {
   EXPECT_LE(std::count(served.begin(), served.end(), 1u), 3);
 }
 
-TEST(PacketBacklog, DropsTheOldestPacketsOfWhoeverTakesTooMuchRoom) {
+TEST(PacketBacklog, DropsTheOldestPacketsOfTheUserWhoTakesTooMuchRoom) {
   PacketBacklog backlog;
   std::vector<std::pair<uint32_t, uint32_t>> dropped;  // user, id
   auto add = [&](uint32_t user, uint32_t id, std::span<const uint8_t> bytes = {}) {
