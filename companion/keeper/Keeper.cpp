@@ -434,7 +434,8 @@ void Keeper::loadGuard() {
   }
 }
 
-// Gives the guard's file another name, because saveGuard() would replace it. Returns what has become of the file.
+// Gives the guard's file another name, because saveGuard() would replace it. Returns a text for the log: the new name,
+// or why the file could not be renamed.
 std::string Keeper::keepUnreadableGuard() {
   const std::string name = guardPath_ + ".unreadable-" + time_text(now_in_seconds());
   std::error_code error;

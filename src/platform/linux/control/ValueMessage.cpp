@@ -16,7 +16,7 @@ constexpr uint64_t kValueWords = 3;      // two words of data and one pointer
 constexpr uint64_t kEntryWords = 2;      // pointers to the key and the value
 constexpr uint64_t kContainerWords = 2;  // at most: a list's tag word, and the pointer of a Set or Dictionary
 
-// Limit on the elements that are compared when containers are members of sets or keys of dictionaries. To compare so
+// Limit on the elements that are compared when containers are members of sets or keys of dictionaries. Comparing this
 // many elements takes a few milliseconds at most.
 constexpr uint64_t kMaximumComparisons = 1 << 20;
 

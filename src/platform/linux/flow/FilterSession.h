@@ -81,7 +81,7 @@ class FilterSession {
   State state_ = State::New;
   uint64_t peekBytes_ = 0;  // how many more outbound bytes the provider may see
   uint64_t offset_ = 0;     // the number of outbound bytes so far
-  bool isRecorded_ = true;  // if the flow is dropped
+  bool isRecorded_ = true;  // whether a drop is recorded: not for openFlow()
   std::string browser_;     // the browser's bundle identifier, if dropped flows are recorded
 };
 
