@@ -60,7 +60,7 @@ struct FetcherState {
 
 // The folder of the service.
 inline constexpr const char* kFetcherPath = "/var/lib/orvane-fetcher";
-// In this folder: the state, and the folder with the lists, which have the names NAME.list.
+// The paths of the state file, and of the list of a subscription, in the folder of the service.
 std::string fetcher_state_path(const std::string& folder);
 std::string subscription_list_path(const std::string& folder, const std::string& name);
 

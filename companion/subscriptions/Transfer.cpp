@@ -47,8 +47,8 @@ class Unpacker {
   Unpacker& operator=(const Unpacker&) = delete;
   ~Unpacker() { inflateEnd(&stream_); }
 
-  // Unpacks a piece of the data. Calls `use` for each piece of the result, until it returns false. Returns false then,
-  // and if the data are damaged.
+  // Unpacks a piece of the data, and calls `use` for each piece of the result. Returns false if `use` has returned
+  // false, which ends the work, or if the data are damaged.
   template <class Use>
   bool add(std::string_view packed, Use use) {
     std::array<char, size_t{1} << 16> buffer;
