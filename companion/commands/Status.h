@@ -4,7 +4,7 @@
 
 namespace orvane {
 
-// Carries out "status": prints whether the list is in force, and the state of both services. Returns kDone if the list
+// Carries out "status": prints whether the list is in force, and the state of the services. Returns kDone if the list
 // is in force, otherwise kNotInForce.
 int show_status(const CommonOptions& options);
 
