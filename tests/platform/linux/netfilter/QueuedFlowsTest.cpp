@@ -215,7 +215,7 @@ TEST_F(QueuedFlowsTest, WaitsForALostFirstPacket) {
   enum class Known { Record, Drop, No };
   struct Case {
     const char* name;
-    Known known = Known::Record;  // where the first byte's sequence number is known from
+    Known known = Known::Record;  // the source of the first byte's sequence number
     std::string_view begin = kRequest.substr(0, 20), end = kRequest.substr(20);
     bool hasFIN = false, answersFirst = false;
     std::vector<PacketVerdict> browser = {Open, Dropped}, other = {Open, Allowed};  // first on `end`, then on `begin`
