@@ -5,7 +5,7 @@ BUILD = $(if $(filter release,$(PRESET)),build,build-$(PRESET))
 INSTALL = tools/install-packages $(if $(filter arm64,$(PRESET)),--for arm64 arm64) build \
   $(if $(filter asan tsan fuzz,$(PRESET)),sanitizers)
 CONFIGURE = cmake --preset $(PRESET)
-PROGRAMS = cmake --build $(BUILD) --target OrvaneSE orvanectl orvane-fetcher
+PROGRAMS = cmake --build $(BUILD) --target programs
 # These tests start other programs of the build, or need BPF, netfilter, a socket's cookie, openat2(2) or /proc/PID/exe.
 # qemu's user mode offers none of this.
 NOT_IN_QEMU = SocketOwnerTest|SocketAborter|SecurityTest.Identifies|ProcessTest.MakesTheApplication|XPC.StopsReading|$\

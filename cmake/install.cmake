@@ -13,6 +13,8 @@ configure_file(${PROJECT_SOURCE_DIR}/resources/linux/Info.plist.in ${PROJECT_BIN
 unset(ORVANE_FLOW_SOURCE)
 file(CREATE_LINK /etc/orvane-se/Browsers.plist ${PROJECT_BINARY_DIR}/install/Browsers.plist SYMBOLIC)
 
+# The target "programs" builds everything that is installed.
+add_custom_target(programs DEPENDS OrvaneSE orvanectl orvane-fetcher)
 install(TARGETS OrvaneSE DESTINATION ${bundle}/Linux)
 install(FILES ${PROJECT_BINARY_DIR}/install/Info.plist DESTINATION ${bundle})
 install(FILES ${PROJECT_BINARY_DIR}/install/Browsers.plist DESTINATION ${bundle}/Resources)
