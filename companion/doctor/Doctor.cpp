@@ -196,7 +196,10 @@ Jumps find_jumps(std::string_view rules) {
 }
 
 void examine_rules(const Facts& facts, std::vector<Finding>& findings) {
-  if (facts.rules.empty()) {
+  if (facts.rules.empty() && facts.asRoot) {
+    findings.push_back({"rules", "", Result::Unknown, "the iptables programs, which print the rules, are missing",
+                        "sudo apt install iptables"});
+  } else if (facts.rules.empty()) {
     findings.push_back({"rules", "", Result::Unknown, "the kernel shows its rules only to root", "run this as root"});
   }
   for (const RulesFacts& family : facts.rules) {

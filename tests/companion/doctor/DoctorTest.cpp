@@ -86,6 +86,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"no CAP_BPF", "capabilities", Warning, "CAP_BPF missing", [](Facts& f) { f.capabilities = 0x4000081004; }},
       {"no capability", "capabilities", Problem, "CAP_NET_ADMIN", [](Facts& f) { f.capabilities = 0; }},
       {"no iptables", "iptables", Problem, "apt", [](Facts& f) { f.missingPrograms = {"iptables-save"}; }},
+      {"no program that prints the rules", "rules", Unknown, "apt",
+       [](Facts& f) { f.missingPrograms = {"iptables-save"}, f.rules.clear(); }},
       {"no NFQUEUE", "kernel", Problem, "xt_NFQUEUE", [](Facts& f) { f.hasQueueTarget = false; }},
       {"rules flushed", "rules", Problem, "missing", [](Facts& f) { f.rules[1].rules = "*mangle\nCOMMIT\n"; }},
       {"rules in one table only", "rules", Problem, "some or all",

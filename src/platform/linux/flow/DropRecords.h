@@ -53,7 +53,7 @@ class DropRecords {
   Send send_;
   // The names in the entries of the last kRepeatTime. The limit on entries also limits this list.
   std::deque<std::pair<Clock::time_point, std::string>> recent_;
-  // So many entries can be written at `now`: (now - spent_) / kInterval, but at most kBurst.
+  // The number of entries that can be written at `now` is (now - spent_) / kInterval, but at most kBurst.
   Clock::time_point spent_ = Clock::time_point::min();
   uint64_t leftOut_ = 0;                     // flows without an entry
   Clock::time_point leftOutSince_ = spent_;  // when the first of them was dropped, or the count was last written
