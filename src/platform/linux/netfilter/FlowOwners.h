@@ -14,13 +14,10 @@ class FlowOwners {
  public:
   virtual ~FlowOwners() = default;
   virtual std::optional<SocketFacts> find(const SocketPair& pair) = 0;
-  virtual std::optional<SocketFacts> sender(const SocketPair& pair, uid_t /*user*/) { return find(pair); }
-  virtual bool isOpen(const SocketPair& pair, uint64_t cookie) {
-    const auto socket = find(pair);
-    return socket && socket->cookie == cookie;
-  }
-  virtual Value ownerOf(const SocketFacts& socket) = 0;
-  virtual void abort(const SocketPair&, uint64_t /*cookie*/) {}
+  virtual std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user) = 0;
+  virtual bool isOpen(const SocketPair& pair, uint64_t cookie) = 0;
+  virtual Value ownerOf(const SocketPair& pair, const SocketFacts& socket) = 0;
+  virtual void abort(const SocketPair& pair, uint64_t cookie) = 0;
 };
 
 }  // namespace orvane

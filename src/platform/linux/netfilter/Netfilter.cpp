@@ -48,7 +48,7 @@ class SystemOwners final : public FlowOwners {
   std::optional<SocketFacts> find(const SocketPair& pair) override { return owners_.find(pair); }
   std::optional<SocketFacts> sender(const SocketPair& pair, uid_t user) override { return owners_.sender(pair, user); }
   bool isOpen(const SocketPair& pair, uint64_t cookie) override { return owners_.isOpen(pair, cookie); }
-  Value ownerOf(const SocketFacts& socket) override { return owners_.ownerOf(socket); }
+  Value ownerOf(const SocketPair& pair, const SocketFacts& socket) override { return owners_.ownerOf(pair, socket); }
   void abort(const SocketPair& pair, uint64_t cookie) override {
     if (aborter_.abort(pair, cookie)) return;
     ORVANE_LOG_DEBUG(default_log(), "netfilter: a socket is not aborted: %s", std::strerror(errno));

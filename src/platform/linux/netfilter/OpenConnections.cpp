@@ -94,7 +94,7 @@ bool OpenConnections::ask(Connections::iterator connection) {
   flow->setRemoteHostname(reversed(key.reversedName));
   if (FilterSession(provider_, flow).openFlow() != FilterSession::State::Dropped) return true;
   // Another socket may have these addresses and ports by now; the connection of that socket must not be ended.
-  if (const auto socket = owners_.find(key.pair); socket && socket->cookie == key.cookie) {
+  if (owners_.isOpen(key.pair, key.cookie)) {
     end_({key.pair, key.cookie, connection->second.user, connection->second.owner, reversed(key.reversedName)});
   }
   return false;

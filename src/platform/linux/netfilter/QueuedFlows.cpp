@@ -207,7 +207,7 @@ QueuedFlows::Flows::iterator QueuedFlows::findOrCreate(const SocketPair& ends, c
     made.lastSeen = now;
     made.generation = generation_;
   } else {
-    Value owner = socket ? owners_.ownerOf(*socket) : Value();
+    Value owner = socket ? owners_.ownerOf(ends, *socket) : Value();
     int32_t type = ends.protocol == IPPROTO_TCP ? SOCK_STREAM : SOCK_DGRAM;
     auto shown = LinuxSocketFlow::create(std::move(owner), ends.remote.host(), ends.remote.port, type);
     made.open = std::make_unique<Examination>(shown, provider_);

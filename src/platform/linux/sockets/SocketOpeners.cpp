@@ -79,7 +79,7 @@ struct SocketOpeners::Programs {
   std::optional<std::string> load();
   std::optional<std::string> attach();
   std::optional<std::string> checkOwnProcess();
-  std::optional<SocketOpener> opener(uint64_t cookie) const;
+  std::optional<SocketOpener> opener(uint8_t protocol, uint64_t cookie) const;
 
   socket_openers* kernel = nullptr;
 };
@@ -125,7 +125,7 @@ std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   uint64_t cookie = 0;
   socklen_t size = sizeof cookie;
   ::getsockopt(trial.get(), SOL_SOCKET, SO_COOKIE, &cookie, &size);
-  auto own = opener(cookie);
+  auto own = opener(IPPROTO_UDP, cookie);
   if (!own) return "BPF programs do not see the processes of this control group";
   // The link /proc/self is read instead of calling getpid(2), because the mounted /proc may belong to another PID
   // namespace.
@@ -135,9 +135,9 @@ std::optional<std::string> SocketOpeners::Programs::checkOwnProcess() {
   return std::nullopt;
 }
 
-std::optional<SocketOpener> SocketOpeners::Programs::opener(uint64_t cookie) const {
-  auto found = look_up<SocketOpener>(kernel->maps.stream_openers, cookie);
-  return found ? found : look_up<SocketOpener>(kernel->maps.datagram_openers, cookie);
+std::optional<SocketOpener> SocketOpeners::Programs::opener(uint8_t protocol, uint64_t cookie) const {
+  const auto& maps = kernel->maps;
+  return look_up<SocketOpener>(protocol == IPPROTO_TCP ? maps.stream_openers : maps.datagram_openers, cookie);
 }
 
 SocketOpeners::SocketOpeners() = default;
@@ -152,8 +152,8 @@ std::optional<std::string> SocketOpeners::start() {
   return error;
 }
 
-std::optional<SocketOpener> SocketOpeners::opener(uint64_t cookie) const {
-  return programs_ ? programs_->opener(cookie) : std::nullopt;
+std::optional<SocketOpener> SocketOpeners::opener(uint8_t protocol, uint64_t cookie) const {
+  return programs_ ? programs_->opener(protocol, cookie) : std::nullopt;
 }
 
 std::optional<StreamSocket> SocketOpeners::stream(const SocketPair& pair) const {
@@ -175,7 +175,7 @@ std::optional<SocketFacts> SocketOpeners::sender(const SocketPair& pair) const {
   route.remotePort = pair.remote.port;
   write_address(pair.remote, route.remote);
   auto cookie = look_up<uint64_t>(programs_->kernel->maps.datagrams, route);
-  auto last = cookie ? opener(*cookie) : std::nullopt;
+  auto last = cookie ? opener(pair.protocol, *cookie) : std::nullopt;
   if (!last || last->time + kRecordLifetime <= time_since_boot()) return std::nullopt;
   return SocketFacts{*cookie, 0, last->user};
 }

@@ -10,10 +10,10 @@
 
 namespace orvane {
 
-// Makes the kernel record which process connects a socket or sends a datagram, for the sockets of one network
-// namespace. The records come from BPF programs that are attached to the topmost visible control group (cgroup version
-// 2). The kernel removes the programs when their last descriptor is closed, so it removes them even if the process is
-// killed. Not thread-safe.
+// Makes the kernel record which process connects a socket or sends a datagram, and when such a socket is closed, for
+// the sockets of one network namespace. The records come from BPF programs that are attached to the topmost visible
+// control group (cgroup version 2). The kernel removes the programs when their last descriptor is closed, so it removes
+// them even if the process is killed. Not thread-safe.
 class SocketOpeners {
  public:
   SocketOpeners();
@@ -25,8 +25,8 @@ class SocketOpeners {
   std::optional<std::string> start();
 
   // The process that last connected the socket or sent a datagram with it. Nothing if no process did so after start(),
-  // or if newer records have replaced the record.
-  std::optional<SocketOpener> opener(uint64_t cookie) const;
+  // or if newer records have replaced the record. `protocol` is that of the socket.
+  std::optional<SocketOpener> opener(uint8_t protocol, uint64_t cookie) const;
 
   // The TCP socket that was last connected from the pair's local endpoint to its remote endpoint, and its opener. The
   // socket may be closed already. Nothing for link-local addresses, because a record has no interface.

@@ -99,9 +99,7 @@ struct SocketOwners::Implementation {
   RecentOpeners recent;
   SocketOpeners openers;
   const bool hasInitialUsers = has_initial_users();
-  // The last result of sender() that was found in the kernel's record.
-  SocketPair lastPair;
-  StreamSocket lastStream{};
+  StreamSocket lastStream{};  // the last result of sender() that was found in the kernel's record
 };
 
 SocketOwners::SocketOwners() : implementation_(std::make_unique<Implementation>()) {}
@@ -152,14 +150,13 @@ std::optional<SocketFacts> SocketOwners::find(const SocketPair& pair, uid_t user
 std::optional<SocketFacts> SocketOwners::sender(const SocketPair& pair, uid_t user) {
   const auto stream = implementation_->openers.stream(pair);
   if (!stream) return find(pair, user);
-  implementation_->lastPair = pair;
   implementation_->lastStream = *stream;
   const auto firstByte = stream->hasFirstByte != 0 ? std::optional(stream->firstByte) : std::nullopt;
   return SocketFacts{stream->cookie, 0, stream->opener.user, true, firstByte};
 }
 
 bool SocketOwners::isOpen(const SocketPair& pair, uint64_t cookie) {
-  const auto opener = implementation_->openers.opener(cookie);
+  const auto opener = implementation_->openers.opener(pair.protocol, cookie);
   if (opener && opener->isClosed != 0) return false;
   // A socket that is not closed may have other endpoints by now, or none.
   const auto socket = find(pair);
@@ -168,15 +165,15 @@ bool SocketOwners::isOpen(const SocketPair& pair, uint64_t cookie) {
 
 std::vector<uint64_t> SocketOwners::streams() { return implementation_->diagnostics.streams(); }
 
-Value SocketOwners::ownerOf(const SocketFacts& socket) {
+Value SocketOwners::ownerOf(const SocketPair& pair, const SocketFacts& socket) {
   const bool isLast = socket.cookie == implementation_->lastStream.cookie;
-  const auto opener =
-      isLast ? std::optional(implementation_->lastStream.opener) : implementation_->openers.opener(socket.cookie);
+  const auto opener = isLast ? std::optional(implementation_->lastStream.opener)
+                             : implementation_->openers.opener(pair.protocol, socket.cookie);
   if (opener) {
     if (auto token = implementation_->recent.token(*opener)) return token_value(token);
     // The opener has ended, but a child of it may have inherited the socket. The search for a holder needs the socket's
     // inode, which the kernel's record lacks.
-    const auto facts = isLast ? implementation_->diagnostics.find(implementation_->lastPair) : socket;
+    const auto facts = isLast ? implementation_->diagnostics.find(pair) : socket;
     auto holder = facts && facts->cookie == socket.cookie ? implementation_->holders.find(*facts) : std::nullopt;
     auto token = holder ? holder->auditToken() : std::nullopt;
     return token_value(token ? token : token_of_ended(*opener));

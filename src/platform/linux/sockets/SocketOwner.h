@@ -76,11 +76,12 @@ class SocketOwners {
   // The cookies of all TCP sockets in the network namespace.
   std::vector<uint64_t> streams();
 
-  // The audit token (data of 32 bytes) of the process that owns the socket. Nil if neither source finds an owner.
+  // The audit token (data of 32 bytes) of the process that owns the socket, which find() or sender() has found for
+  // `pair`. Nil if neither source finds an owner.
   //
   // If the opener has ended and no process holds the socket, the token has the opener's pid and user, and the version
   // 0, which no running process has.
-  Value ownerOf(const SocketFacts& socket);
+  Value ownerOf(const SocketPair& pair, const SocketFacts& socket);
 
  private:
   struct Implementation;

@@ -13,16 +13,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The local port of each connection is its socket's cookie.
 struct Sockets final : FlowOwners {
   std::set<uint64_t> closed;
   std::chrono::nanoseconds searchTime{0};
-  std::optional<SocketFacts> find(const SocketPair& pair) override {
+  bool isOpen(const SocketPair&, uint64_t cookie) override {
     const ThreadBudget budget(searchTime);
     while (!budget.isSpent()) continue;
-    return closed.contains(pair.local.port) ? std::nullopt : std::optional(SocketFacts{pair.local.port, 2, 3});
+    return !closed.contains(cookie);
   }
-  Value ownerOf(const SocketFacts&) override { return {}; }
+  std::optional<SocketFacts> find(const SocketPair&) override { return std::nullopt; }
+  std::optional<SocketFacts> sender(const SocketPair&, uid_t) override { return std::nullopt; }
+  Value ownerOf(const SocketPair&, const SocketFacts&) override { return {}; }
+  void abort(const SocketPair&, uint64_t) override {}
 };
 
 class OpenConnectionsTest : public ::testing::Test {

@@ -27,8 +27,10 @@ struct Owners final : FlowOwners {
     ++searches;
     return socket;
   }
+  std::optional<SocketFacts> sender(const SocketPair& pair, uid_t) override { return find(pair); }
+  bool isOpen(const SocketPair&, uint64_t cookie) override { return socket && socket->cookie == cookie; }
   Value owner = Value::string("owner");
-  Value ownerOf(const SocketFacts&) override { return owner; }
+  Value ownerOf(const SocketPair&, const SocketFacts&) override { return owner; }
   std::vector<uint64_t> aborted;  // the cookies of the sockets
   void abort(const SocketPair&, uint64_t cookie) override { aborted.push_back(cookie); }
 };

@@ -224,7 +224,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
         for (SocketOwners* owners : {&recorded, &table}) {
           auto socket = owners->sender(pair);
           ASSERT_TRUE(socket && running) << std::strerror(errno);
-          audit_token_t token = found_token([&] { return owners->ownerOf(*socket); });
+          audit_token_t token = found_token([&] { return owners->ownerOf(pair, *socket); });
           EXPECT_TRUE(std::equal(token.val, token.val + 8, running->val)) << token.val[5] << " from the table";
         }
       }
@@ -237,13 +237,13 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
       const SocketPair nextPair = receive(receiver, how, connection);
       auto socket = recorded.sender(pair), later = recorded.sender(nextPair);
       ASSERT_TRUE(socket && later) << std::strerror(errno);
-      EXPECT_NE(0u, token_of(recorded.ownerOf(*later)).val[7]);
-      audit_token_t token = token_of(recorded.ownerOf(*socket));
+      EXPECT_NE(0u, token_of(recorded.ownerOf(nextPair, *later)).val[7]);
+      audit_token_t token = token_of(recorded.ownerOf(pair, *socket));
       EXPECT_EQ(static_cast<uint32_t>(pid), token.val[5]);
       EXPECT_EQ(0u, token.val[7]) << "a version that the next process could have";
       if (nextPair.local.port == pair.local.port) continue;  // the kernel chose the free port again
       auto closed = table.find(pair);
-      EXPECT_TRUE(!closed || table.ownerOf(*closed).isNil());
+      EXPECT_TRUE(!closed || table.ownerOf(pair, *closed).isNil());
     }
   }
 }
@@ -320,7 +320,7 @@ TEST(SocketOwnerTest, KeepsTheRecordOfAConnectionInAFloodOfDatagrams) {
     Descriptor flooding(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ::sendto(flooding.get(), "", 0, 0, generic(connection.far), sizeof connection.far);
   }
-  auto opener = openers.opener(cookie_of(connection.client));
+  auto opener = openers.opener(IPPROTO_TCP, cookie_of(connection.client));
   ASSERT_TRUE(opener.has_value());
   EXPECT_EQ(static_cast<uint32_t>(::getpid()), opener->process);
 }
@@ -372,6 +372,7 @@ std::chrono::nanoseconds thread_time() {
 TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   using namespace std::chrono_literals;
   constexpr uid_t kAttacker = 65534;
+  const SocketPair kStream{IPPROTO_TCP, {}, {}};
   rlimit limit{};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 20'000);
@@ -407,7 +408,7 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
       const auto start = std::chrono::steady_clock::now();
       for (uint64_t i = 0; i < 100; ++i) {
         auto begin = thread_time();
-        EXPECT_TRUE(owners->ownerOf({1 + i * row.cookieStep, 1, kAttacker}).isNil());
+        EXPECT_TRUE(owners->ownerOf(kStream, {1 + i * row.cookieStep, 1, kAttacker}).isNil());
         auto time = thread_time() - begin;
         longest = std::max(longest, time);
         all += time;
@@ -418,9 +419,10 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
     EXPECT_GT(kLongest / 1.0ms, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";
     EXPECT_GT(limitOfAll / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
     const Connection other("127.0.0.1");
-    auto socket = owners->find(pair_of(IPPROTO_TCP, other.near, other.far));
+    const SocketPair pair = pair_of(IPPROTO_TCP, other.near, other.far);
+    auto socket = owners->find(pair);
     ASSERT_TRUE(socket);
-    EXPECT_EQ(::getpid(), audit_token_to_pid(found_token([&] { return owners->ownerOf(*socket); })))
+    EXPECT_EQ(::getpid(), audit_token_to_pid(found_token([&] { return owners->ownerOf(pair, *socket); })))
         << "another user's socket";
   }
 }
