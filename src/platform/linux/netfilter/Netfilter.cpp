@@ -79,7 +79,9 @@ bool sees_other_users_programs() {
 // Once the queue thread runs, only that thread uses this object.
 struct Netfilter::Queue {
   explicit Queue(const Ref<NEFilterDataProvider>& provider)
-      : connections(provider, owners, [this](const OpenConnection& connection) { end(connection); }),
+      : connections(
+            provider, owners, [this](const OpenConnection& connection) { end(connection); },
+            [this](uid_t user, OpenConnections::Clock::duration time) { backlog.charge(user, time); }),
         flows(provider, owners) {}
 
   void serve(int stop);
@@ -87,7 +89,6 @@ struct Netfilter::Queue {
   void handleNext();
   void dropUnjudged(const QueuedPacket& queued);
   void handle(const QueuedPacket& queued, PacketBacklog::Clock::time_point start);
-  void removeEnded(PacketBacklog::Clock::time_point now);
   void rebind();
   void reviewConnections();
   void end(const OpenConnection& connection);
@@ -215,8 +216,7 @@ void Netfilter::Queue::serve(int stop) {
                        {edits == nullptr ? -1 : edits->descriptor(), POLLIN, 0},
                        {watchdog.childDescriptor(), POLLIN, 0},
                        {aborter.descriptor(), POLLIN, 0}};
-    Deadline end;
-    if (connections.hasChecks()) end = deadline_after(OpenConnections::kCheckInterval);
+    Deadline end = connections.nextChecks();
     if (connections.hasPlans()) end = deadline_after(0ms);
     watchdog.rest();
     const bool stopped = wait_for(events, stop, end) == Wait::Stopped;
@@ -240,7 +240,7 @@ void Netfilter::Queue::serve(int stop) {
       reviewConnections();
     } while (!backlog.empty() || (read != PacketQueue::Read::Nothing && read != PacketQueue::Read::Failed));
     flows.queueDrained();
-    removeEnded(PacketBacklog::Clock::now());
+    connections.removeEnded(PacketBacklog::Clock::now());
     if (stopped) return;
     if (read == PacketQueue::Read::Failed) {
       ORVANE_LOG_ERROR(default_log(), "netfilter: the packet queue cannot be read: %s", std::strerror(errno));
@@ -277,11 +277,7 @@ void Netfilter::Queue::handleNext() {
   }
   const auto end = PacketBacklog::Clock::now();
   backlog.charge(end - start);
-  removeEnded(end);  // not only when the queue is empty: in a flood it never is
-}
-
-void Netfilter::Queue::removeEnded(PacketBacklog::Clock::time_point now) {
-  connections.removeEnded(now, [this](uid_t user, PacketBacklog::Clock::duration time) { backlog.charge(user, time); });
+  connections.removeEnded(end);  // not only when the queue is empty: in a flood it never is
 }
 
 void Netfilter::Queue::dropUnjudged(const QueuedPacket& queued) {

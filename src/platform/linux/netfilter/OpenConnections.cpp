@@ -66,15 +66,19 @@ void OpenConnections::planAll() {
 }
 
 void OpenConnections::review(Clock::duration time) {
-  const Clock::time_point stop = Clock::now() + time;
+  Clock::time_point begin = Clock::now();
+  const Clock::time_point stop = begin + time;
   while (hasPlans()) {
     std::deque<Range>& ranges = plans_.empty() ? all_ : plans_;
     Range& range = ranges.front();
     auto next = connections_.lower_bound(range.next);
     while (next != connections_.end() && (!range.end || next->first.reversedName < *range.end)) {
       const auto connection = next++;
+      const uid_t user = connection->second.user;
       if (!ask(connection)) erase(connection);
-      if (Clock::now() < stop) continue;
+      const Clock::time_point end = Clock::now();
+      charge_(user, end - std::exchange(begin, end));
+      if (end < stop) continue;
       if (next == connections_.end()) {
         ranges.pop_front();
       } else {
@@ -112,7 +116,7 @@ bool OpenConnections::hasOther(const OpenConnection& connection) {
   });
 }
 
-void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
+void OpenConnections::removeEnded(Clock::time_point now) {
   if (size() <= kUnchecked) checks_ = 0;  // a review may have removed connections
   if (checks_ == 0 || now < nextRemoval_) return;
   const ThreadBudget budget(kCheckTime);
@@ -121,7 +125,7 @@ void OpenConnections::removeEnded(Clock::time_point now, const Charge& charge) {
     const uid_t user = checkOldest();
     checks_ = size() > kUnchecked ? checks_ - 1 : 0;
     const auto before = std::exchange(used, budget.used());
-    charge(user, used - before);
+    charge_(user, used - before);
   }
   nextRemoval_ = now + std::max<Clock::duration>(kCheckInterval, 10 * used);
 }

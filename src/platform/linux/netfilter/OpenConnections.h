@@ -52,9 +52,10 @@ class OpenConnections {
   using End = std::function<void(const OpenConnection&)>;
   using Charge = std::function<void(uid_t user, Clock::duration time)>;
 
-  // `end` must make the kernel drop the connection's later packets.
-  OpenConnections(Ref<NEFilterDataProvider> provider, FlowOwners& owners, End end)
-      : provider_(std::move(provider)), owners_(owners), end_(std::move(end)) {}
+  // `end` must make the kernel drop the connection's later packets. `charge` gets the time that removeEnded() and
+  // review() spend on each connection, and the connection's user.
+  OpenConnections(Ref<NEFilterDataProvider> provider, FlowOwners& owners, End end, Charge charge)
+      : provider_(std::move(provider)), owners_(owners), end_(std::move(end)), charge_(std::move(charge)) {}
 
   // Adds a connection. If the limit of its user is then exceeded, forgets a connection of this user; if the limit of
   // all users is exceeded, forgets a connection of any user. The forgotten connection is the one that was added or
@@ -63,11 +64,13 @@ class OpenConnections {
 
   // Removes some connections whose sockets were closed. Call it often. One call makes at most kChecksAtOnce checks, and
   // no further check after kCheckTime. Later calls make no checks until kCheckInterval is over, or longer, so that the
-  // checks take at most a tenth of the thread's time. Calls `charge` with the time of each check: a check takes some
-  // microseconds, but milliseconds if the connection's user has thousands of UDP sockets.
-  void removeEnded(Clock::time_point now, const Charge& charge);
-  // Whether removeEnded() has more checks to make.
-  bool hasChecks() const { return checks_ > 0 && size() > kUnchecked; }
+  // checks take at most a tenth of the thread's time. A check takes some microseconds, but that of a UDP conversation
+  // can take milliseconds if the users together have thousands of UDP sockets.
+  void removeEnded(Clock::time_point now);
+  // When removeEnded() may make its next checks. Nothing if it has none to make.
+  std::optional<Clock::time_point> nextChecks() const {
+    return checks_ > 0 && size() > kUnchecked ? std::optional(nextRemoval_) : std::nullopt;
+  }
 
   // Plans to ask about the connections that the edits concern. A name that begins with a dot stands for the name after
   // the dot and for all names below it; with a "!" before the dot, the name is an exception for the same names.
@@ -126,6 +129,7 @@ class OpenConnections {
   Ref<NEFilterDataProvider> provider_;
   FlowOwners& owners_;
   End end_;
+  Charge charge_;
   Connections connections_;
   Ages ages_;
   std::unordered_map<uid_t, size_t> ofUser_;  // the number of each user's connections

@@ -29,6 +29,9 @@ struct Sockets final : FlowOwners {
 
 class OpenConnectionsTest : public ::testing::Test {
  protected:
+  using Clock = OpenConnections::Clock;
+  using Charges = std::vector<std::pair<uid_t, Clock::duration>>;
+
   void add(std::string name, uint16_t cookie, uid_t user = 1) {
     const uint8_t here[4] = {127, 0, 0, 1};
     connections.add({{IPPROTO_TCP, SocketAddress::v4(here, cookie), SocketAddress::v4(here, 443)},
@@ -49,17 +52,15 @@ class OpenConnectionsTest : public ::testing::Test {
     connections.review(0s);
     return provider->take().calls;
   }
-  // Removes ended connections. Returns the user of each connection that was checked, and how long the check took.
-  std::vector<std::pair<uid_t, OpenConnections::Clock::duration>> removeEnded(OpenConnections::Clock::time_point now) {
-    std::vector<std::pair<uid_t, OpenConnections::Clock::duration>> charged;
-    connections.removeEnded(now, [&](uid_t user, auto time) { charged.emplace_back(user, time); });
-    return charged;
-  }
+  // The user of each connection that was checked or reviewed since the last call, and the time that this took.
+  Charges takeCharges() { return std::exchange(charges, {}); }
 
   Ref<ScriptedProvider> provider = Ref<ScriptedProvider>::adopt(new ScriptedProvider);
   Sockets sockets;
   std::vector<uint64_t> ended;  // cookies
-  OpenConnections connections{provider, sockets, [this](const OpenConnection& each) { ended.push_back(each.cookie); }};
+  Charges charges;
+  OpenConnections connections{provider, sockets, [this](const OpenConnection& each) { ended.push_back(each.cookie); },
+                              [this](uid_t user, auto time) { charges.emplace_back(user, time); }};
 };
 
 const ListEdits::Edits kAll{.all = true, .names = {}};
@@ -146,7 +147,7 @@ TEST_F(OpenConnectionsTest, BoundsTheConnectionsOfEachUser) {
   EXPECT_EQ(callsAfter({false, {"other"}}), "new other; ");
   provider->newFlow = kDrop;
   callsAfter(kAll);
-  removeEnded(OpenConnections::Clock::now());
+  connections.removeEnded(Clock::now());
   EXPECT_EQ(connections.size(), 0U) << "after all ended";
 }
 
@@ -156,7 +157,7 @@ TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
     add("a", cookie);
     sockets.closed.insert(cookie - 1U);
     sockets.closed.erase(1);
-    removeEnded(OpenConnections::Clock::time_point(cookie * 1min));
+    connections.removeEnded(Clock::time_point(cookie * 1min));
   }
   // removeEnded() limits its checks by processor time. Time that a hypervisor takes away counts, too, so checks may be
   // late.
@@ -164,16 +165,28 @@ TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
   EXPECT_EQ(callsAfter({false, {"kept"}}), "new kept; ");
 }
 
-TEST_F(OpenConnectionsTest, BoundsAndChargesTheTimeOfChecks) {
+TEST_F(OpenConnectionsTest, BoundsAndChargesTheTimeOfChecksAndReviews) {
   for (uint16_t cookie = 0; cookie < 2 * OpenConnections::kUnchecked; ++cookie) add("a", cookie, 7);
   sockets.searchTime = 3ms;
-  const auto now = OpenConnections::Clock::now();
-  const auto charged = removeEnded(now);
+  const auto now = Clock::now();
+  connections.removeEnded(now);
+  Charges charged = takeCharges();
   ASSERT_EQ(charged.size(), 1U) << "a check takes longer than one call may take";
   EXPECT_EQ(charged[0].first, 7U);
   EXPECT_GE(charged[0].second, sockets.searchTime);
-  EXPECT_EQ(removeEnded(now + 9 * sockets.searchTime).size(), 0U) << "a tenth of the time is used up";
-  EXPECT_EQ(removeEnded(now + 1h).size(), 1U);
+  EXPECT_GE(connections.nextChecks().value(), now + 10 * sockets.searchTime) << "a tenth of the time is used up";
+  connections.removeEnded(now + 9 * sockets.searchTime);
+  EXPECT_EQ(takeCharges().size(), 0U);
+  connections.removeEnded(now + 1h);
+  EXPECT_EQ(takeCharges().size(), 1U);
+
+  provider->newFlow = kDrop;
+  connections.plan(kAll);
+  connections.review(1ms);
+  charged = takeCharges();
+  ASSERT_EQ(charged.size(), 1U) << "a review takes longer than one call may take";
+  EXPECT_EQ(charged[0].first, 7U);
+  EXPECT_GE(charged[0].second, sockets.searchTime);
 }
 
 }  // namespace

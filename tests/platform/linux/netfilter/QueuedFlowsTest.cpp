@@ -111,7 +111,8 @@ TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
 
 TEST_F(QueuedFlowsTest, DropsLaterPacketsOfAnEndedConnection) {
   std::vector<OpenConnection> ended;
-  OpenConnections connections(provider, owners, [&](const OpenConnection& each) { ended.push_back(each); });
+  OpenConnections connections(
+      provider, owners, [&](const OpenConnection& each) { ended.push_back(each); }, [](uid_t, Clock::duration) {});
   flows.addAllowedTo(connections);
   EXPECT_EQ(judge(packet("\x01\x02", 0, 80)), Allowed);
   ++owners.socket->cookie;
@@ -157,7 +158,7 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
       {"long after the end", owners.owner, 443, later, 11min, "new -; "},
   };
   provider->newFlow = kDrop;
-  OpenConnections connections(provider, owners, nullptr);
+  OpenConnections connections(provider, owners, nullptr, nullptr);
   flows.addAllowedTo(connections);
   const OpenConnection open{ended.pair, owners.socket->cookie + 6, 3, ended.owner, "open.example"};
   for (const auto& c : kCases) {
