@@ -106,9 +106,8 @@ void DropJournal::read(Moment since, Moment until, const std::function<void(Drop
     DropEntry entry{moment_of(journal), value_of(journal, kDropHostField), value_of(journal, kDropBrowserField)};
     // An entry may be out of order, because the clock may have been set.
     if (entry.when < since || entry.when >= until) continue;
-    const std::string count = value_of(journal, kDropLeftOutField);
-    std::from_chars(count.data(), count.data() + count.size(), entry.leftOut);
-    if (entry.leftOut > 0 || !entry.host.empty()) take(std::move(entry));
+    const std::string count = value_of(journal, kDropCountField);
+    if (std::from_chars(count.data(), count.data() + count.size(), entry.count).ec == std::errc()) take(entry);
   }
 }
 

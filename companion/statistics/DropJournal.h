@@ -9,13 +9,12 @@
 
 namespace orvane {
 
-// An entry of the extension in the journal: either a dropped connection, or a number of dropped connections that have
-// no entry of their own.
+// An entry of the extension in the journal, for some dropped connections.
 struct DropEntry {
   Moment when;
-  std::string host;      // printable ASCII (DropEntry.h of the platform)
-  std::string browser;   // printable ASCII; empty if it is unknown
-  uint64_t leftOut = 0;  // if this is not 0, the entry has no host and no browser
+  std::string host;     // printable ASCII (DropEntry.h of the platform); empty for connections beyond the limits
+  std::string browser;  // printable ASCII; empty if it is unknown
+  uint64_t count = 1;   // of connections
 };
 
 // The entries of the package's extension in a journal. Anybody can write entries with the same fields to the journal,

@@ -32,20 +32,19 @@ Moment start_of_day(Moment moment, int later = 0) {
 
 }  // namespace
 
-void DropSums::count(Sums& sums, const std::string& name, Moment when) {
+void DropSums::count(Sums& sums, const std::string& name, const DropEntry& entry) {
   Sum& sum = sums[name];
   sum.name = name;
-  ++sum.count;
-  sum.last = std::max(sum.last, when);
+  sum.count += entry.count;
+  sum.last = std::max(sum.last, entry.when);
 }
 
 void DropSums::add(const DropEntry& entry) {
-  leftOut_ += entry.leftOut;
-  if (entry.leftOut > 0) return;
-  ++count_;
-  count(hosts_, entry.host, entry.when);
-  count(browsers_, entry.browser, entry.when);
-  ++hours_[start_of_hour(entry.when)];
+  (entry.host.empty() ? leftOut_ : count_) += entry.count;
+  if (entry.host.empty()) return;
+  count(hosts_, entry.host, entry);
+  count(browsers_, entry.browser, entry);
+  hours_[start_of_hour(entry.when)] += entry.count;
 }
 
 std::vector<DropSums::Sum> DropSums::sorted(const Sums& sums) {

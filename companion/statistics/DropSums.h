@@ -39,7 +39,7 @@ class DropSums {
 
  private:
   using Sums = std::map<std::string, Sum, std::less<>>;
-  static void count(Sums& sums, const std::string& name, Moment when);
+  static void count(Sums& sums, const std::string& name, const DropEntry& entry);
   static std::vector<Sum> sorted(const Sums& sums);
 
   uint64_t count_ = 0, leftOut_ = 0;

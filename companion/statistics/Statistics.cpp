@@ -87,8 +87,8 @@ void print_plot(const DropSums& sums, Moment until) {
 // How to switch the recording on.
 std::string advice(const std::string& bundle) {
   return "To switch it on, set the key OrvaneRecordDrops in " + settings_file(bundle) +
-         " to yes, as orvane-se(8) describes, and run sudo systemctl restart orvane-se. Then every dropped connection "
-         "gets an entry in the journal, without address and user.";
+         " to yes, as orvane-se(8) describes, and run sudo systemctl restart orvane-se. Then the journal gets the "
+         "host and the browser of dropped connections, without address and user.";
 }
 
 // Why there are no entries in the span.

@@ -33,8 +33,8 @@ class Statistics : public testing::Test {
                 "\n_BOOT_ID=6b3a0ce1b0b84f4c9dd5d3b9bd5d3b9b\n_SYSTEMD_UNIT=" + unit +
                 "\nMESSAGE_ID=" + kDropMessageID + '\n' + fields + "\n\n";
   }
-  void addDrop(const std::string& host, const char* when, const std::string& unit = "orvane-se.service") {
-    add("ORVANE_HOST=" + host + "\nORVANE_BROWSER=firefox", when, unit);
+  void addDrops(const std::string& host, int count, const char* when, const std::string& unit = "orvane-se.service") {
+    add("ORVANE_HOST=" + host + "\nORVANE_BROWSER=firefox\nORVANE_COUNT=" + std::to_string(count), when, unit);
   }
   void setKey(const std::string& value) const {
     folder_.write("bundle/Contents/Info.plist",
@@ -67,32 +67,32 @@ class Statistics : public testing::Test {
 TEST_F(Statistics, SumUpEntriesOfTheExtensionAlone) {
   if (!std::filesystem::exists(kRemote)) GTEST_SKIP() << "needs systemd-journal-remote";
   setKey("yes");
-  addDrop("early.example", "2026-11-21T22:59:59Z");
-  addDrop("xn--bcher-kva.example", "2026-11-21T23:00:00Z");
-  addDrop("held.example", "2026-11-22T18:00:00Z");
-  addDrop("held.example", "2026-11-22T19:10:31Z");
-  addDrop("a\x1b[2J", "2026-11-22T19:20:00Z");
-  add("ORVANE_LEFT_OUT=12", "2026-11-22T19:30:00Z");
-  addDrop("forged.example", "2026-11-22T19:40:00Z", "user@1000.service\n_SYSTEMD_USER_UNIT=orvane-se.service");
+  addDrops("early.example", 1, "2026-11-21T22:59:59Z");
+  addDrops("xn--bcher-kva.example", 1, "2026-11-21T23:00:00Z");
+  addDrops("held.example", 1, "2026-11-22T18:00:00Z");
+  addDrops("held.example", 5, "2026-11-22T19:10:31Z");
+  addDrops("a\x1b[2J", 1, "2026-11-22T19:20:00Z");
+  add("ORVANE_COUNT=12", "2026-11-22T19:30:00Z");
+  addDrops("forged.example", 1, "2026-11-22T19:40:00Z", "user@1000.service\n_SYSTEMD_USER_UNIT=orvane-se.service");
   add("MESSAGE=another", "2026-11-22T19:45:00Z");
-  addDrop("late.example", "2026-11-22T20:00:01Z");
-  EXPECT_EQ(print({.until = "21:00"}), R"(Blocked from 00:00 to 21:00: 4 connections to 3 hosts
+  addDrops("late.example", 1, "2026-11-22T20:00:01Z");
+  EXPECT_EQ(print({.until = "21:00"}), R"(Blocked from 00:00 to 21:00: 8 connections to 3 hosts
 
   blocked  last   host
-        2  20:10  held.example
+        6  20:10  held.example
         1  20:20  "a\x1b[2J"
         1  00:00  bücher.example (xn--bcher-kva.example)
 
   blocked  last   browser
-        4  20:20  firefox
+        8  20:20  firefox
 
 12 more connections are left out above, because too many were blocked at once.
 )");
   EXPECT_EQ(print({.since = "20:00", .until = "21:00", .json = true}),
-            R"({"browsers":[{"browser":"firefox","count":2,"last":"2026-11-22T19:20:00Z"}],"count":2,)"
-            R"("hosts":[{"count":1,"host":"a\u001b[2J","last":"2026-11-22T19:20:00Z"},)"
-            R"({"count":1,"host":"held.example","last":"2026-11-22T19:10:31Z"}],)"
-            R"("hours":[{"count":2,"start":"2026-11-22T19:00:00Z"}],"leftOut":12,"recording":true,)"
+            R"({"browsers":[{"browser":"firefox","count":6,"last":"2026-11-22T19:20:00Z"}],"count":6,)"
+            R"("hosts":[{"count":5,"host":"held.example","last":"2026-11-22T19:10:31Z"},)"
+            R"({"count":1,"host":"a\u001b[2J","last":"2026-11-22T19:20:00Z"}],)"
+            R"("hours":[{"count":6,"start":"2026-11-22T19:00:00Z"}],"leftOut":12,"recording":true,)"
             R"("since":"2026-11-22T19:00:00Z","until":"2026-11-22T20:00:00Z"})"
             "\n");
 }
@@ -114,7 +114,7 @@ TEST_F(Statistics, SayWhyThereAreNone) {
   };
   for (const auto& c : kCases) {
     setKey(c.value);
-    if (c.hasEntry) addDrop("held.example", "2026-11-16T11:00:00Z");
+    if (c.hasEntry) addDrops("held.example", 1, "2026-11-16T11:00:00Z");
     EXPECT_NE(print({.since = c.since}).find(c.text), std::string::npos) << c.text;
   }
 }

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <thread>
 
+#include "platform/files/Descriptor.h"
 #include "platform/linux/flow/DropEntry.h"
 
 namespace orvane {
@@ -29,21 +31,25 @@ std::string field_text(std::string_view text) {
   return result;
 }
 
-// An entry with this message. `fields` has further fields, each with a line break at the end.
-std::string entry_with(const std::string& message, const std::string& fields) {
+std::string field(const char* name, const std::string& value) { return name + ('=' + value) + '\n'; }
+
+// An entry for this number of flows. `message` says which flows; `fields` has the fields that say the same.
+std::string entry_of(uint64_t count, const std::string& message, const std::string& fields) {
+  const std::string flows = count == 1 ? "a connection" : std::to_string(count) + " connections";
   constexpr const char* kInformational = "6";
-  return "MESSAGE=" + message + "\nPRIORITY=" + kInformational +
-         "\nSYSLOG_IDENTIFIER=OrvaneSE\nMESSAGE_ID=" + kDropMessageID + '\n' + fields;
+  return field("MESSAGE", "dropped " + flows + message) + field("PRIORITY", kInformational) + kJournalIdentifier +
+         '\n' + field("MESSAGE_ID", kDropMessageID) + fields + field(kDropCountField, std::to_string(count));
 }
 
 }  // namespace
 
 // sd_journal_sendv(3) would wait while the journal's socket is full.
-bool send_to_journal(const std::string& entry) {
-  constexpr sockaddr_un kJournal{AF_UNIX, "/run/systemd/journal/socket"};
-  static const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  return ::sendto(socket, entry.data(), entry.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&kJournal),
-                  sizeof kJournal) >= 0;
+bool send_to_journal(const std::string& entry, const char* journal) {
+  sockaddr_un address{AF_UNIX, {}};
+  std::string_view(journal).copy(address.sun_path, sizeof address.sun_path - 1);
+  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  return ::sendto(socket.get(), entry.data(), entry.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
+                  sizeof address) >= 0;
 }
 
 void DropRecords::switchOn(Send send) {
@@ -52,39 +58,55 @@ void DropRecords::switchOn(Send send) {
   isOn_.store(true, std::memory_order_release);
 }
 
-void DropRecords::record(std::string_view host, std::string_view browser, Clock::time_point now) {
-  std::string name = field_text(host);
-  std::lock_guard lock(mutex_);
-  while (!recent_.empty() && now - recent_.front().first >= kRepeatTime) recent_.pop_front();
-  if (std::any_of(recent_.begin(), recent_.end(), [&](const auto& each) { return each.second == name; })) return;
-  if (leftOut_ > 0 && now - leftOutSince_ >= kLeftOutInterval) {
-    leftOutSince_ = now;
-    writeLeftOut();
+void DropRecords::serve(std::chrono::milliseconds interval) {
+  for (;;) {
+    {
+      std::unique_lock lock(mutex_);
+      hasUsers_.wait(lock, [this] { return !users_.empty(); });
+    }
+    std::this_thread::sleep_for(interval);
+    writeCounts();
   }
-  const auto spent = std::max(spent_, now - kBurst * kInterval);
-  const std::string identifier = field_text(browser);
-  const auto entry = [&] {
-    return entry_with("dropped a connection to " + name + " from " + identifier,
-                      std::string(kDropHostField) + '=' + name + '\n' + kDropBrowserField + '=' + identifier + '\n');
-  };
-  if (now - spent < kInterval || !send_(entry())) {
-    if (leftOut_++ == 0) leftOutSince_ = now;
-    return;
-  }
-  spent_ = spent + kInterval;
-  recent_.emplace_back(now, std::move(name));
 }
 
-void DropRecords::writeLeftOut() {
-  const std::string count = std::to_string(leftOut_);
-  if (send_(entry_with("dropped connections without an entry: " + count,
-                       std::string(kDropLeftOutField) + '=' + count + '\n')))
-    leftOut_ = 0;
+void DropRecords::record(std::string_view host, std::string_view browser, uid_t user) {
+  constexpr uid_t kFurtherUsers = UINT32_MAX;  // no user has this id
+  std::lock_guard lock(mutex_);
+  User& account = users_[users_.size() < kUsers || users_.contains(user) ? user : kFurtherUsers];
+  const auto [repeats, isFirst] = account.repeats.try_emplace({field_text(host), field_text(browser)});
+  if (!isFirst) {
+    ++repeats->second;
+  } else if (!write(account, repeats->first, 1)) {
+    account.repeats.erase(repeats);
+  }
+  hasUsers_.notify_one();
 }
 
-void DropRecords::finish() {
+void DropRecords::writeCounts() {
   std::lock_guard lock(mutex_);
-  if (leftOut_ > 0) writeLeftOut();
+  for (auto& [id, user] : users_) {
+    user.entries = std::min(kEntriesAtOnce, user.entries + kEntriesOfInterval);
+    for (auto repeats = user.repeats.begin(); repeats != user.repeats.end();) {
+      const uint64_t count = std::exchange(repeats->second, 0);
+      const bool stays = count > 0 && write(user, repeats->first, count);
+      repeats = stays ? std::next(repeats) : user.repeats.erase(repeats);
+    }
+  }
+  std::erase_if(users_,
+                [](const auto& each) { return each.second.repeats.empty() && each.second.entries == kEntriesAtOnce; });
+  if (leftOut_ > 0 && send_(entry_of(leftOut_, " without an entry", ""))) leftOut_ = 0;
+}
+
+// Writes an entry for this number of flows of the pair, or counts them as left out and returns false.
+bool DropRecords::write(User& user, const Pair& pair, uint64_t count) {
+  const auto& [host, browser] = pair;
+  if (user.entries == 0 || !send_(entry_of(count, " to " + host + " from " + browser,
+                                           field(kDropHostField, host) + field(kDropBrowserField, browser)))) {
+    leftOut_ += count;
+    return false;
+  }
+  --user.entries;
+  return true;
 }
 
 DropRecords& drop_records() {

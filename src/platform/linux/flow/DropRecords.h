@@ -1,62 +1,78 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "platform/linux/log/Journal.h"
+
 namespace orvane {
 
 // Sends an entry, in the journal's native protocol, to the journal. Never waits: false if the journal does not take the
 // entry at once.
-bool send_to_journal(const std::string& entry);
+bool send_to_journal(const std::string& entry, const char* journal = kJournalSocket);
 
-// Writes an entry to the journal (DropEntry.h) for each dropped flow, if the bundle asks for these entries. An entry
-// has the host's name and the browser's bundle identifier, but no address, user or process.
+// Writes entries to the journal (DropEntry.h) for dropped flows, if the bundle asks for them. An entry has the host's
+// name, the browser's bundle identifier and a number of flows, but no address, user or process.
 //
-// A page can open any number of connections, so the entries are limited. The flows of one name within kRepeatTime count
-// as one flow and get one entry. In all, kBurst entries can be written at once, and then one more in each kInterval.
-// Flows beyond that, and those whose entry the journal does not take, are only counted. An entry with this count
-// follows with the next dropped flow, but at most once in kLeftOutInterval, and at the end.
+// The first flow of a browser to a host gets an entry at once. Further flows of this browser to this host are counted,
+// and one entry with their number follows within kInterval.
+//
+// A page can open any number of connections, so each user has a limit: kEntriesAtOnce entries, and later
+// kEntriesOfInterval more in each kInterval. The flows beyond the limit, and those whose entry the journal does not
+// take, are only counted, and an entry with their number follows. So no user can use up the entries of another user.
+// At most kUsers users have limits of their own; if more users have dropped flows, the further users share one limit.
+// By default, journald discards messages of a service after 10,000 in 30 s (RateLimitBurst= in journald.conf(5)); all
+// these limits together allow fewer.
 //
 // Thread-safe. No call waits for the journal.
 class DropRecords {
  public:
-  using Clock = std::chrono::steady_clock;
   using Send = std::function<bool(const std::string& entry)>;
 
-  static constexpr auto kRepeatTime = std::chrono::seconds(1);
-  static constexpr int kBurst = 300;
-  static constexpr auto kInterval = std::chrono::seconds(1);
-  static constexpr auto kLeftOutInterval = std::chrono::minutes(1);
+  static constexpr int kEntriesAtOnce = 300, kEntriesOfInterval = 10;
+  static constexpr auto kInterval = std::chrono::seconds(10);
+  static constexpr size_t kUsers = 16;
 
   // Until this call, nothing is written and nothing is remembered.
-  void switchOn(Send send = send_to_journal);
+  void switchOn(Send send = [](const std::string& entry) { return send_to_journal(entry); });
   bool isOn() const { return isOn_.load(std::memory_order_acquire); }
 
-  // Records a dropped flow. Call it only if isOn().
-  void record(std::string_view host, std::string_view browser, Clock::time_point now = Clock::now());
+  // Calls writeCounts() whenever the interval has passed, as long as there is something to write. Never returns.
+  [[noreturn]] void serve(std::chrono::milliseconds interval = kInterval);
 
-  // Writes how many flows were left out since the last entry that says so. Call it when no more flows are judged.
-  void finish();
+  // Records a dropped flow of this user. Call it only if isOn().
+  void record(std::string_view host, std::string_view browser, uid_t user);
+
+  // Writes the numbers of the flows that have no entry yet. Call it also when no more flows are judged.
+  void writeCounts();
 
  private:
-  void writeLeftOut();
+  using Pair = std::pair<std::string, std::string>;  // the host's name and the browser's identifier
+  struct User {
+    int entries = kEntriesAtOnce;  // how many entries may be written now
+    // How many flows of each pair came after the last entry of the pair. Has only pairs with an entry, so the limit on
+    // entries also limits this map.
+    std::map<Pair, uint64_t> repeats;
+  };
+
+  bool write(User& user, const Pair& pair, uint64_t count);
 
   std::atomic<bool> isOn_{false};
   std::mutex mutex_;  // guards the members below
+  std::condition_variable hasUsers_;
   Send send_;
-  // The names in the entries of the last kRepeatTime. The limit on entries also limits this list.
-  std::deque<std::pair<Clock::time_point, std::string>> recent_;
-  // The number of entries that can be written at `now` is (now - spent_) / kInterval, but at most kBurst.
-  Clock::time_point spent_ = Clock::time_point::min();
-  uint64_t leftOut_ = 0;                     // flows without an entry
-  Clock::time_point leftOutSince_ = spent_;  // when the first of them was dropped, or the count was last written
+  std::map<uid_t, User> users_;  // those with fewer entries than kEntriesAtOnce, or with repeats
+  uint64_t leftOut_ = 0;         // flows that get no entry of their own
 };
 
 // The process's records. Never destroyed, so that detached threads may use them at exit.

@@ -6,6 +6,7 @@
 #include "platform/linux/flow/DropRecords.h"
 #include "platform/linux/flow/FlowCounters.h"
 #include "platform/linux/process/IdentityAnswers.h"
+#include "platform/linux/process/ProcessInformation.h"
 #include "platform/names/Subdomains.h"
 
 namespace orvane {
@@ -100,7 +101,10 @@ FilterSession::State FilterSession::settle(const NEFilterDataVerdict& verdict) {
 }
 
 void FilterSession::record() const {
-  if (isRecorded_ && drop_records().isOn() && names_.hostName()) drop_records().record(*names_.hostName(), browser_);
+  if (!isRecorded_ || !drop_records().isOn() || !names_.hostName()) return;
+  constexpr size_t kRealUser = 3;
+  const auto token = read_audit_token(flow_->sourceAppAuditToken());
+  drop_records().record(*names_.hostName(), browser_, token.value_or(audit_token_t{}).val[kRealUser]);
 }
 
 }  // namespace orvane

@@ -100,6 +100,11 @@ bool ProviderHost::start() {
     return false;
   }
   try {
+    if (extension_setting("OrvaneRecordDrops") == Value::borrowed("yes")) {
+      ORVANE_LOG_DEFAULT(default_log(), "dropped connections are recorded in the journal");
+      drop_records().switchOn();
+      std::thread([] { drop_records().serve(); }).detach();
+    }
     std::thread([this, create, className] {
       run(create, className);
       report_hidden_names();
@@ -157,10 +162,6 @@ std::optional<std::string> ProviderHost::startFlowSource(const Ref<NEFilterDataP
                                                          const NEFilterSettings& settings) {
   if (auto fault = fault_of_choice("OrvaneOpenConnections", "end", "keep")) return fault;
   if (auto fault = fault_of_choice("OrvaneRecordDrops", "yes", "no")) return fault;
-  if (extension_setting("OrvaneRecordDrops") == Value::borrowed("yes")) {
-    ORVANE_LOG_DEFAULT(default_log(), "dropped connections are recorded in the journal");
-    drop_records().switchOn();
-  }
   Value name = extension_setting("OrvaneFlowSource");
   if (name == Value::borrowed("proxy")) return startProxy(provider, settings);
   if (auto fault = fault_of_choice("OrvaneFlowSource", "netfilter", "proxy")) return fault;
@@ -217,7 +218,7 @@ void ProviderHost::stop() {
   }
   if (source != nullptr) {
     source->stop();
-    drop_records().finish();
+    drop_records().writeCounts();
     log_flow_counters();
   }
   if (provider == nullptr) return;

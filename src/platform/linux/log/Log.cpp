@@ -18,6 +18,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/files/Files.h"
+#include "platform/linux/log/Journal.h"
 
 namespace orvane {
 
@@ -92,17 +93,15 @@ HandleTable& table() {
   return *shared;
 }
 
-constexpr std::string_view kJournalSocket = "/run/systemd/journal/socket";
-
 constexpr std::array<const char*, 4> kLevelNames = {"default", "info", "debug", "error"};
 constexpr std::array<const char*, 4> kPriorities = {"PRIORITY=5", "PRIORITY=6", "PRIORITY=7", "PRIORITY=3"};
 
 // False if there is no journal, or if the journal does not accept the message.
 bool write_to_journal(const LogHandle& handle, LogLevel level, std::string_view message) {
   // sd_journal_sendv(3) reports success even if no journal is running.
-  if (::access(kJournalSocket.data(), F_OK) != 0) return false;
+  if (::access(kJournalSocket, F_OK) != 0) return false;
   std::array<std::string, 5> fields = {"MESSAGE=" + std::string(message), kPriorities.at(static_cast<size_t>(level)),
-                                       "SYSLOG_IDENTIFIER=OrvaneSE", "SUBSYSTEM=" + handle.subsystem(),
+                                       kJournalIdentifier, "SUBSYSTEM=" + handle.subsystem(),
                                        "CATEGORY=" + handle.category()};
   std::array<iovec, fields.size()> vectors{};
   for (size_t i = 0; i < fields.size(); ++i) vectors.at(i) = {fields.at(i).data(), fields.at(i).size()};

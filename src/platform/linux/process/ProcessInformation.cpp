@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <memory>
 
 #include "platform/files/Files.h"
@@ -215,6 +216,14 @@ bool is_visible_here(const Executable& executable) {
 std::optional<audit_token_t> audit_token_of_process(pid_t pid) {
   auto process = ProcessInformation::open(pid);
   return process ? process->auditToken() : std::nullopt;
+}
+
+std::optional<audit_token_t> read_audit_token(const Value& value) {
+  audit_token_t token;
+  const auto bytes = value.asData();
+  if (bytes.size() != sizeof token) return std::nullopt;
+  std::memcpy(&token, bytes.data(), sizeof token);
+  return token;
 }
 
 void each_process(const std::string& processTable, const std::function<bool(pid_t)>& use) {

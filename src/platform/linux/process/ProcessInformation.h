@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/Process.h"
+#include "platform/Value.h"
 #include "platform/files/Descriptor.h"
 
 namespace orvane {
@@ -108,6 +109,9 @@ class ProcessInformation {
 // 4294967295 for a process that belongs to no login. For the version, see version(). Nothing when the process does not
 // exist.
 std::optional<audit_token_t> audit_token_of_process(pid_t pid);
+
+// The audit token in a value, such as that of a flow. Nothing if the value does not have the size of a token.
+std::optional<audit_token_t> read_audit_token(const Value& value);
 
 // Calls `use` with each pid in a process table, in any order, until `use` returns false.
 void each_process(const std::string& processTable, const std::function<bool(pid_t)>& use);

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <utility>
@@ -120,14 +119,12 @@ static std::pair<OSStatus, std::shared_ptr<const ProcessIdentity::Process>> find
     OSStatus status = process ? errSecSuccess : errSecCSNoSuchCode;
     return {status, std::move(process)};
   }
-  audit_token_t token;
-  auto data = attributes.auditToken.asData();
-  if (data.size() != sizeof(token)) return {errSecCSInvalidAttributeValues, nullptr};
-  std::memcpy(&token, data.data(), sizeof(token));
-  auto process = identity.find(audit_token_to_pid(token));
+  const auto token = read_audit_token(attributes.auditToken);
+  if (!token) return {errSecCSInvalidAttributeValues, nullptr};
+  auto process = identity.find(audit_token_to_pid(*token));
   // A process may change its user and groups, so only pid and version are compared. If another process has the pid now,
   // its version differs.
-  if (!process || process->information.version() != token.val[7]) return {errSecCSNoSuchCode, nullptr};
+  if (!process || process->information.version() != token->val[7]) return {errSecCSNoSuchCode, nullptr};
   return {errSecSuccess, std::move(process)};
 }
 

@@ -50,8 +50,9 @@ namespace {
 
 using State = FilterSession::State;
 
-Value own_token() {
-  const audit_token_t token = audit_token_of_process(getpid()).value();
+Value own_token(uid_t realUser = getuid()) {
+  audit_token_t token = audit_token_of_process(getpid()).value();
+  token.val[3] = realUser;
   uint8_t bytes[sizeof token];
   std::memcpy(bytes, &token, sizeof token);
   return Value::data(bytes);
@@ -194,7 +195,9 @@ TEST_F(FilterSessionTest, RecordsDroppedFlowsOnceThisIsSwitchedOn) {
     drops(general, flow_to("free.example"));
     openFlow(general, flow_to("open.held.example"));
     std::tie(identifier, responsible) = std::pair("helper", "browser");
-    drops(general, LinuxURLFlow::create(own_token(), "http://b.held.example/secret", "b.held.example"));
+    for (uid_t user : {1, 1, 2}) {
+      drops(general, LinuxURLFlow::create(own_token(user), "http://b.held.example/secret", "b.held.example"));
+    }
     std::tie(identifier, responsible) = std::pair("com.apple.Safari", std::nullopt);  // drops flows by their data
     drops(safari, flow_to("c.held.example"));
   };
@@ -206,8 +209,10 @@ TEST_F(FilterSessionTest, RecordsDroppedFlowsOnceThisIsSwitchedOn) {
   identifier = "browser";
   dropEach();
   EXPECT_EQ(recorded,
-            "ORVANE_HOST=a.held.example\nORVANE_BROWSER=browser\nORVANE_HOST=b.held.example\nORVANE_BROWSER=browser\n"
-            "ORVANE_HOST=c.held.example\nORVANE_BROWSER=com.apple.Safari\n");
+            "ORVANE_HOST=a.held.example\nORVANE_BROWSER=browser\nORVANE_COUNT=1\n"
+            "ORVANE_HOST=b.held.example\nORVANE_BROWSER=browser\nORVANE_COUNT=1\n"
+            "ORVANE_HOST=b.held.example\nORVANE_BROWSER=browser\nORVANE_COUNT=1\n"
+            "ORVANE_HOST=c.held.example\nORVANE_BROWSER=com.apple.Safari\nORVANE_COUNT=1\n");
 }
 
 }  // namespace
