@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "companion/text/Idna.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {
@@ -30,7 +31,7 @@ bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 
 std::string forbidden_character_fault(std::string_view given, char c) {
   if (given.find("://") != std::string_view::npos)
-    return "it is a URL: give the host name alone: " + std::string(host_in(given));
+    return "it is a URL: give the host name alone: " + in_quotes(host_in(given));
   if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
     return "it is an IP address: only host names can be blocked";
   switch (c) {

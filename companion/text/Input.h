@@ -25,8 +25,11 @@ inline constexpr size_t kLargestInput = size_t{256} << 20;
 // than kLargestInput.
 std::string read_input(const std::string& path);
 
-// A text in quotes, safe for a terminal: control characters are written as \xNN, and only the first 100 bytes are
-// shown.
+// The text, safe for a terminal and for a log: the bytes of control characters, of the characters that change the
+// direction of a text or end a line, and of whatever is not UTF-8, are written as \xNN.
+std::string printable(std::string_view text, bool keepsLineEnds);
+
+// A text in quotes, made printable. Only the first 100 bytes are shown.
 std::string in_quotes(std::string_view text);
 
 }  // namespace orvane

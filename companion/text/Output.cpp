@@ -51,7 +51,7 @@ const char* sequence_of(Colour colour) {
 }  // namespace
 
 void print_error(const std::string& text) {
-  std::fprintf(stderr, "orvanectl: %s\n", text.c_str());
+  std::fprintf(stderr, "orvanectl: %s\n", printable(text, true).c_str());
   if (!printed) return;
   if (printed->errors.size() < kMostErrors) printed->errors.emplace_back();
   printed->errors.back() = text;

@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// Prints "orvanectl: TEXT" on standard error. The text says what failed, on what, and what to do.
+// Prints "orvanectl: TEXT" on standard error, made printable. The text says what failed, on what, and what to do.
 void print_error(const std::string& text);
 
 // If the given text is a URL with a port, prints that the port is ignored: a list contains hosts, not ports.

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "companion/text/Input.h"
+
 namespace orvane {
 namespace {
 
@@ -22,10 +24,11 @@ bool is_stderr_journal() {
 
 void service_log(const char* program, LogLevel level, const std::string& text) {
   static const bool isJournal = is_stderr_journal();
+  const std::string line = printable(text, false);
   if (isJournal) {
-    std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), text.c_str());
+    std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), line.c_str());
   } else {
-    std::fprintf(stderr, "%s: %s\n", program, text.c_str());
+    std::fprintf(stderr, "%s: %s\n", program, line.c_str());
   }
 }
 

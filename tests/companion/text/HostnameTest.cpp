@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "companion/text/Hostname.h"
+#include "companion/text/Input.h"
 
 namespace orvane {
 namespace {
@@ -53,7 +54,7 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
   } kCases[] = {
       {"it is empty", {"", "."}},
       {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 removes the soft hyphen
-      {"it is a URL", {"https://example.com/", "https://b\u00fccher.example"}},
+      {"it is a URL", {"https://example.com/", "https://b\u00fccher.example", "https://\x1b[2J\u202e/"}},
       {"it has a port or a scheme", {"mailto:me", "example.com:443"}},
       {"it has a path", {"example.com/path", "example.com#top", "a?b", "a\\b"}},
       {"it is a wildcard", {"*.example.com"}},
@@ -71,8 +72,21 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       std::string name, fault;
       EXPECT_FALSE(normalize_hostname(given, name, fault)) << given << " became " << name;
       EXPECT_EQ(fault.substr(0, std::string(c.fault).size()), c.fault) << given;
+      EXPECT_EQ(printable(fault, false), fault) << given;
     }
   }
+}
+
+TEST(Printable, EscapesWhatControlsATerminalOrTheOrderOfText) {
+  const std::tuple<const char*, std::string, const char*> kCases[] = {
+      {"letters", "b\u00fccher \u65e5 \U0001f600", "b\u00fccher \u65e5 \U0001f600"},
+      {"C0 and DEL", std::string("\0\x1b\n\x7f", 4), R"(\x00\x1b\x0a\x7f)"},
+      {"C1", "\u009b1m", R"(\xc2\x9b1m)"},
+      {"direction and line ends", "\u202e\u2066\u2028", R"(\xe2\x80\xae\xe2\x81\xa6\xe2\x80\xa8)"},
+      {"not UTF-8", "a\xfc\xe6\x97", R"(a\xfc\xe6\x97)"},
+      {"overlong forms and surrogates", "\xc0\x9b\xed\xa0\x80", R"(\xc0\x9b\xed\xa0\x80)"},
+  };
+  for (const auto& [what, text, expected] : kCases) EXPECT_EQ(printable(text, false), expected) << what;
 }
 
 }  // namespace
