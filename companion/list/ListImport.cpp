@@ -68,12 +68,14 @@ bool hides_elements(std::string_view line) {
   return false;
 }
 
-// Whether one of the options limits a rule to a part of the site or to certain requests.
-bool has_limiting_option(std::string_view options) {
-  constexpr std::string_view kWholeSite[] = {"all", "doc", "document", "important"};
+// Whether one of the options limits a rule to a part of the site or to certain requests. An exception with "document"
+// says that pages of the site are shown as they are; it does not unblock the site in other pages.
+bool has_limiting_option(std::string_view options, Scope scope) {
+  constexpr std::string_view kWholeSite[] = {"important", "all", "doc", "document"};
   while (!options.empty()) {
     const size_t end = std::min(options.find(','), options.size());
-    if (!is_one_of(options.substr(0, end), kWholeSite)) return true;
+    const std::string_view option = options.substr(0, end);
+    if (!is_one_of(option, kWholeSite) || (scope == Scope::Exception && option != kWholeSite[0])) return true;
     options.remove_prefix(std::min(end + 1, options.size()));
   }
   return false;
@@ -111,12 +113,14 @@ class ImportReader {
  public:
   ImportReader(const ImportOptions& options, const ImportRejection& rejected)
       : scope_(options.scope),
+        mostNames_(options.mostNames),
         hasGroups_(!options.group),
         firstGroup_(options.group.value_or(std::string(kDefaultGroupName))),
         rejected_(rejected) {}
 
   void readLine(std::string_view line) {
     ++result_.lines;
+    countLine();
     line = trimmed(line);
     if (line.starts_with('[')) {
       if (const auto name = group_in_header(trimmed(without_comment(line)))) return readHeader(line, *name);
@@ -144,6 +148,11 @@ class ImportReader {
   }
 
  private:
+  void countLine() {
+    if (++counted_ > kMostImportedLines)
+      throw InputError("the list has more than four million lines and names: use a smaller one");
+  }
+
   void readHeader(std::string_view line, std::string_view name) {
     if (!hasGroups_) return;
     const auto known = std::find_if(result_.groups.begin(), result_.groups.end(),
@@ -181,6 +190,7 @@ class ImportReader {
 
   void readHostsLine(std::string_view address, Address kind, std::string_view names) {
     while (!names.empty()) {
+      countLine();
       ListedSite site{"", scope_.value_or(Scope::ExactName), {}};
       const std::string_view name = take_word(names);
       std::string fault;
@@ -201,11 +211,15 @@ class ImportReader {
   // `pattern` is the part of the line after "||" or "@@||".
   void readRule(std::string_view line, std::string_view pattern, Scope scope) {
     if (const size_t dollar = pattern.find('$'); dollar != std::string_view::npos) {
-      if (has_limiting_option(pattern.substr(dollar + 1))) return skipRule();
+      if (has_limiting_option(pattern.substr(dollar + 1), scope)) return skipRule();
       pattern = pattern.substr(0, dollar);
     }
     if (!pattern.empty() && pattern.back() == '|') pattern.remove_suffix(1);
-    if (!pattern.empty() && pattern.back() == '^') pattern.remove_suffix(1);
+    if (pattern.ends_with('^')) {
+      pattern.remove_suffix(1);
+    } else if (is_fragment(pattern)) {
+      return skipRule();
+    }
     if (has_pattern(pattern)) return skipRule();
     ListedSite site{"", scope, {}};
     std::string fault;
@@ -255,9 +269,13 @@ class ImportReader {
     site.group = group();
     ListedSite& added = result_.sites.emplace_back(std::move(site));
     siteByHost.emplace(added.host, &added);
+    if (result_.sites.size() > mostNames_)
+      throw InputError("the list has more than " + std::to_string(mostNames_) + " names: use a smaller one");
   }
 
   std::optional<Scope> scope_;
+  const size_t mostNames_;
+  size_t counted_ = 0;
   const bool hasGroups_;
   const std::string firstGroup_;  // the group of the lines before the first header
   const ImportRejection& rejected_;

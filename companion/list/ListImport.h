@@ -46,14 +46,19 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the number of bytes and the number of lines that were read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
+// A text may have this many lines. In a line of hosts(5), each name counts as a line.
+inline constexpr size_t kMostImportedLines = size_t{1} << 22;
+
 struct ImportOptions {
   // Replaces the default scope of each form except that of exceptions (see ImportedSites).
   std::optional<Scope> scope;
   // The group of all sites. The headers and settings of the text then have no effect.
   std::optional<std::string> group;
+  // How many different names the text may have.
+  size_t mostNames = kMostImportedLines;
 };
 
-// Reads a block list. Throws InputError for compressed data and for UTF-16.
+// Reads a block list. Throws InputError for compressed data and for UTF-16, and as soon as a limit is exceeded.
 ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress);
 

@@ -44,13 +44,13 @@ TEST(ListImport, ReadsEachFormOfLine) {
        "a.example;b.example;.www.c.example; ?2"},
       {"filter list, exceptions",
        "@@||a.example^\n||a.example^\n||b.example^\n@@||b.example^$document\n@@||c.example^$script\n@@/g/",
-       "a.example allowed;b.example allowed; ?2"},
+       "a.example allowed;b.example; ?3"},
       {"public suffixes", "co.uk\n||github.io^\n@@||github.io^\ncom only\n0.0.0.0 co.uk\nuser.github.io",
        "com only;co.uk only;user.github.io; !1 !2 !3"},
       {"filter list, other rules",
        "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^\nh i\n"
-       "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example",
-       "o.example; !7 !8 ?10"},
+       "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example\n||ads-\n||p",
+       "o.example; !7 !8 ?12"},
       {"wildcards and paths elsewhere", "*.a.example\nb.example/c\nd.example", "d.example; !1 !2"},
       {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
       {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
@@ -73,6 +73,16 @@ TEST(ListImport, RejectsOtherFileFormats) {
   for (std::string_view text : {"\x1f\x8b\x08"sv, "\xff\xfe.\0"sv, "a\0.\0"sv, "BZh91AY&SY"sv})
     EXPECT_THROW(imported(text), InputError) << text;
   EXPECT_NO_THROW(imported("BZh")) << "a name, and the first bytes of bzip2";
+}
+
+TEST(ListImport, StopsAtALimit) {
+  size_t rejections = 0;
+  const auto count = [&](size_t, std::string_view, const std::string&) { ++rejections; };
+  EXPECT_THROW(read_import("0.0.0.0 a.b a.b c.d e.f * *", {{}, {}, 2}, count, nullptr), InputError) << "names";
+  EXPECT_EQ(rejections, 0U);
+  std::string text = "0.0.0.0";
+  for (size_t i = 0; i < kMostImportedLines; ++i) text += " *";
+  EXPECT_THROW(read_import(text, {}, count, nullptr), InputError) << "all that a line names";
 }
 
 TEST(ListImport, KeepsSuspensions) {
