@@ -9,8 +9,7 @@
 namespace orvane {
 namespace {
 
-// A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks). F_OFD_GETLK tests for a lock
-// without taking it, even if the holder is in another PID namespace.
+// A lock on the whole file, for F_OFD_SETLK and F_OFD_GETLK (open file description locks).
 struct flock whole_file(short type) {
   struct flock lock = {};
   lock.l_type = type;
@@ -33,7 +32,9 @@ Descriptor take_file_lock(const std::string& path, mode_t mode, std::error_code&
 
 bool is_file_locked(const std::string& path) {
   Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct flock lock = whole_file(F_WRLCK);
+  // F_OFD_GETLK tests for a lock without taking it, even if the holder is in another PID namespace. Only a write lock
+  // stands in the way of a read lock, and only a process that may write the file can have a write lock.
+  struct flock lock = whole_file(F_RDLCK);
   return file && fcntl(file.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
