@@ -1,11 +1,14 @@
 #include "companion/subscriptions/Transfer.h"
 
 #include <curl/curl.h>
+#include <netinet/in.h>
 #include <strings.h>
+#include <sys/socket.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -75,7 +78,25 @@ class Unpacker {
   bool isUsable_ = false, isAtEnd_ = false;
 };
 
+// At the link-local addresses of IPv4, the servers of clouds serve data about the machine, such as credentials. Neither
+// the URL of a subscription nor a redirect may lead there.
+bool is_link_local(const sockaddr& address) {
+  constexpr uint32_t kLinkLocal = 0xa9fe;  // 169.254.0.0/16
+  uint32_t host = 0;
+  if (address.sa_family == AF_INET) {
+    host = reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr;
+  } else if (address.sa_family == AF_INET6) {
+    const in6_addr& ipv6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+    if (IN6_IS_ADDR_V4MAPPED(&ipv6)) std::memcpy(&host, &ipv6.s6_addr[12], sizeof host);
+  }
+  return ntohl(host) >> 16 == kLinkLocal;
+}
+
 std::string count_of(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
+std::string size_text(uint64_t bytes) {
+  constexpr uint64_t kMebibyte = 1 << 20;
+  return bytes < kMebibyte ? count_of(bytes) : std::to_string(bytes / kMebibyte) + " MiB";
+}
 
 }  // namespace
 
@@ -102,6 +123,9 @@ struct Transfer::State {
   }
 
   void startBody() {
+    curl_off_t announced = 0;
+    curl_easy_getinfo(handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    isTooLarge = announced > static_cast<curl_off_t>(options.largest);
     const std::string encoding = header_of(handle, "Content-Encoding");
     if (strcasecmp(encoding.c_str(), "gzip") == 0 || strcasecmp(encoding.c_str(), "x-gzip") == 0)
       packed = std::make_unique<Unpacker>();
@@ -113,12 +137,14 @@ struct Transfer::State {
     const std::string_view piece(bytes, size * count);
     if (state.received == 0) state.startBody();
     state.received += piece.size();
+    state.isTooLarge = state.isTooLarge || state.received > state.options.largest;
     const auto append = [&](std::string_view part) {
-      state.isTooLarge = state.body.size() + part.size() > state.options.largest;
+      state.isTooLarge = state.isTooLarge || state.body.size() + part.size() > state.options.largest;
       if (!state.isTooLarge) state.body.append(part);
       return !state.isTooLarge;
     };
-    const bool isGood = !state.isDamaged && (state.packed ? state.packed->add(piece, append) : append(piece));
+    const bool isGood =
+        !state.isTooLarge && !state.isDamaged && (state.packed ? state.packed->add(piece, append) : append(piece));
     state.isDamaged = !isGood && !state.isTooLarge;
     return isGood ? piece.size() : 0;  // after 0, libcurl ends the transfer
   }
@@ -140,12 +166,15 @@ struct Transfer::State {
     return state.redirectsToHttp ? 0 : line.size();
   }
 
+  static curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) {
+    if (is_link_local(address->addr)) return CURL_SOCKET_BAD;
+    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  }
+
   std::string errorText(int code) const {
     const std::string_view details = fault.data();
     if (redirectsToHttp) return std::string(kRedirectsToHttp);
-    if (isTooLarge || code == CURLE_FILESIZE_EXCEEDED)
-      return "the file has more than " + std::to_string(options.largest >> 20) +
-             " MiB when it is unpacked: subscribe to a smaller one";
+    if (isTooLarge) return "the file has more than " + size_text(options.largest) + ": subscribe to a smaller one";
     if (isDamaged) return std::string(kDamaged);
     switch (code) {
       case CURLE_COULDNT_RESOLVE_HOST:
@@ -203,7 +232,9 @@ Transfer::Transfer(void* handles, const Request& request, const TransferOptions&
   state_->set(CURLOPT_NOSIGNAL, 1L);
   state_->set(CURLOPT_DNS_CACHE_TIMEOUT, 0L);  // the server may have moved since the last fetch
   state_->set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  state_->set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(options.largest));
+  state_->set(CURLOPT_FAILONERROR, 1L);   // the body of an error's answer is not wanted
+  state_->set(CURLOPT_FORBID_REUSE, 1L);  // the next fetch is hours away
+  state_->set(CURLOPT_QUICK_EXIT, 1L);    // a name server that does not answer must not delay the end of a transfer
   state_->set(CURLOPT_TIMEOUT, static_cast<long>(options.longest.count()));
   state_->set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(options.longestStall.count()));
   state_->set(CURLOPT_LOW_SPEED_LIMIT, TransferOptions::kSlowest);
@@ -218,6 +249,7 @@ Transfer::Transfer(void* handles, const Request& request, const TransferOptions&
   state_->set(CURLOPT_WRITEDATA, static_cast<void*>(state_.get()));
   state_->set(CURLOPT_HEADERFUNCTION, &State::onHeader);
   state_->set(CURLOPT_HEADERDATA, static_cast<void*>(state_.get()));
+  state_->set(CURLOPT_OPENSOCKETFUNCTION, &State::openSocket);
   curl_multi_add_handle(handles, state_->handle);
 }
 
@@ -235,12 +267,12 @@ Transfer::Result Transfer::result(int code) {
   curl_off_t retryAfter = 0;
   curl_easy_getinfo(state_->handle, CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(state_->handle, CURLINFO_RETRY_AFTER, &retryAfter);
+  result.retryAfter = std::chrono::seconds(retryAfter);
   if (code == CURLE_OK && state_->packed && !state_->packed->isAtEnd()) state_->isDamaged = true;
-  if (code != CURLE_OK || state_->isDamaged) {
+  if ((code != CURLE_OK && code != CURLE_HTTP_RETURNED_ERROR) || state_->isDamaged) {
     result.error = state_->errorText(code);
     return result;
   }
-  result.retryAfter = std::chrono::seconds(retryAfter);
   if (status == 200) {
     result.outcome = Outcome::Fetched;
     result.body = std::move(state_->body);

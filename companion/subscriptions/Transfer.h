@@ -9,7 +9,7 @@ namespace orvane {
 
 struct TransferOptions {
   std::string authorities;                // a file with the certificate authorities; empty: those of the system
-  size_t largest = size_t{64} << 20;      // bytes of a body, after it is unpacked
+  size_t largest = size_t{64} << 20;      // bytes of a body, before and after it is unpacked
   std::chrono::seconds longest{600};      // for the whole transfer
   std::chrono::seconds longestStall{60};  // the transfer ends if it is slower than kSlowest for this long
   static constexpr long kSlowest = 100;   // bytes per second
