@@ -29,7 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   try {
     const SubscriptionList list = convert_list(text, "ads", "source");
     const BlockList read = BlockList::parse(list.text);
-    require(is_printable(list.text) && read.badLines().empty() && read.size() == list.names &&
+    require(printable(list.counts.firstRejected, false) == list.counts.firstRejected);
+    require(is_printable(list.text) && read.badLines().empty() && read.size() == list.counts.names &&
             read.groups().size() == 2);
     read.forEachSite([](const ListedSite& site) { require(!site.until && site.group == 1); });
   } catch (const InputError&) {  // the bytes are not a list

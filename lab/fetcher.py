@@ -23,7 +23,8 @@ class Fetcher:
 
     def __init__(self, build: pathlib.Path, folder: pathlib.Path, authority: pathlib.Path):
         self._build, self._lists, self._own = build, folder / "machine", folder / "fetcher"
-        self.fetched = self._own / "lists"
+        self.fetched, self.state = self._own / "lists", self._own / "state.json"
+        self.subscriptions, self.requests = self._lists / "subscriptions", self._lists / "subscriptions.refresh"
         for each in (self._lists, self._own):
             each.mkdir(parents=True)
         self._log = folder / "fetcher-log"
@@ -31,14 +32,21 @@ class Fetcher:
         self._command += ["--authorities", authority, "--stall", str(STALL), "--largest", str(LARGEST)]
 
     def __enter__(self):
+        self.start()
+        return self
+
+    def start(self):
         with open(self._log, "ab") as log:
             self.process = subprocess.Popen(self._command, stdout=log, stderr=log)
-        state, end = self._own / "state.json", time.monotonic() + 20
-        while not state.exists() or json.loads(state.read_text())["process"] != self.process.pid:
+        end = time.monotonic() + 20
+        while not self.state.exists() or json.loads(self.state.read_text()).get("process") != self.process.pid:
             if self.process.poll() is not None or time.monotonic() > end:
                 raise Failure(f"the fetcher did not start\n{self._log.read_text()}")
             time.sleep(0.01)
-        return self
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
 
     def __exit__(self, *_):
         self.process.send_signal(signal.SIGTERM)
@@ -46,11 +54,15 @@ class Fetcher:
         if code != 0:
             raise Failure(f"the fetcher ended with {code}\n{self._log.read_text()}")
 
+    def start_control(self, *arguments: str | pathlib.Path) -> subprocess.Popen:
+        """Starts orvanectl with this fetcher's files."""
+        command = [self._build / "orvanectl", "--list", self._lists / "list", "--fetched", self.fetched, *arguments]
+        return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
     def control(self, *arguments: str | pathlib.Path) -> str:
         """Runs orvanectl with this fetcher's files. Returns what it prints."""
-        command = [self._build / "orvanectl", "--list", self._lists / "list", "--fetched", self.fetched]
-        done = subprocess.run([*command, *arguments], check=False, capture_output=True, text=True, timeout=120)
-        return (done.stdout + done.stderr).strip()
+        with self.start_control(*arguments) as process:
+            return process.communicate(timeout=120)[0].strip()
 
     def in_force(self, name: str) -> list[str] | None:
         """The lines of a list, without the comments at its top; None if there is no list."""
@@ -67,7 +79,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
     def refuse(self):
-        self.answer(b"", status=404)
+        self.answer(b"No such file. " * 1000, status=404)
 
     def answer(self, body: bytes, status: int = 200, length: int | None = None, **headers: str):
         """Sends an answer. The names of headers have "_" in place of "-". `length`: a false value of Content-Length."""

@@ -90,7 +90,7 @@ nlohmann::json subscriptions_json(const Status& status) {
   nlohmann::json subscriptions = nlohmann::json::array();
   for (const SubscriptionState& each : status.subscriptions)
     subscriptions.push_back({{"name", each.name},
-                             {"names", each.names},
+                             {"names", each.counts.names},
                              {"checked", json_or_null(each.checked)},
                              {"error", json_or_null(each.error)}});
   return subscriptions;
@@ -248,7 +248,7 @@ std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) 
 std::vector<std::string> subscription_lines(const std::vector<SubscriptionState>& subscriptions, Moment now) {
   std::vector<std::string> lines;
   for (const SubscriptionState& each : subscriptions) {
-    std::string line = each.name + ": " + counted(each.names, "name", "names");
+    std::string line = each.name + ": " + counted(each.counts.names, "name", "names");
     if (each.checked) line += ", confirmed " + duration_text(now - *each.checked) + " ago";
     lines.push_back(std::move(line));
     if (each.error) lines.push_back(coloured("last fetch", Colour::Bad) + ": " + *each.error);

@@ -85,24 +85,37 @@ Subscription given_subscription(const Arguments& arguments) {
   return subscription;
 }
 
+// Whether the number of a request is `first` or one of the next numbers. The numbers wrap around.
+bool is_from(uint64_t number, uint64_t first) {
+  constexpr uint64_t kMostRequests = 1 << 16;  // more requests do not wait for the fetcher at a time
+  return number - first < kMostRequests;
+}
+
 // Asks the fetcher to fetch these subscriptions now. If `accepts`, a copy that waits for consent is accepted. Returns
-// the number of the requests.
-uint64_t request(const CommonOptions& options, const std::vector<std::string>& names, bool accepts) {
+// all requests.
+RefreshRequests request(const CommonOptions& options, const std::vector<Subscription>& subscriptions, bool accepts) {
   FetcherState state = read_fetcher_state(fetcher_folder(options));
-  uint64_t number = 0;
-  for (const SubscriptionState& each : state.subscriptions) number = std::max(number, each.request);
+  RefreshRequests requests;
   edit_list_text(path_beside_list(options, kRequestsName), [&](const std::string& text) {
-    RefreshRequests requests = read_requests(text);
-    for (const auto& [name, known] : requests) number = std::max(number, known.number);
-    ++number;
-    for (const std::string& name : names) {
-      requests[name].number = number;
-      const SubscriptionState* known = state.find(name);
-      if (accepts && known != nullptr && known->waiting) requests[name].accepted = known->waiting->sha256;
+    requests = read_requests(text);
+    // Requests for subscriptions that somebody has removed by hand would take the place of others.
+    const SubscriptionFile file = read_file(options);
+    std::erase_if(requests, [&](const auto& each) { return file.find(each.first) == nullptr; });
+    for (const Subscription& each : subscriptions) {
+      const SubscriptionState* known = state.find(each.name);
+      RefreshRequest& request = requests[each.name];
+      const uint64_t last = known == nullptr ? 0 : known->request;
+      request.number = (is_from(request.number, last) ? request.number : last) + 1;
+      if (accepts && known != nullptr && known->waiting) request.accepted = known->waiting->sha256;
     }
     return std::optional(text_of(requests));
   });
-  return number;
+  return requests;
+}
+
+// Whether the fetcher has carried out this request, or a later one.
+bool is_carried_out(const SubscriptionState& state, const RefreshRequest& request) {
+  return !state.progress && is_from(state.request, request.number);
 }
 
 void show_progress(ProgressBar& bar, const SubscriptionState& state) {
@@ -112,7 +125,7 @@ void show_progress(ProgressBar& bar, const SubscriptionState& state) {
   if (std::max(received, total) < kBig) return;
   char text[100];
   std::snprintf(text, sizeof text, "%s: %.1f MB", state.name.c_str(), static_cast<double>(received) / kMegabyte);
-  bar.show(received, total == 0 ? received : total, text);
+  bar.show(received, total, text);
 }
 
 // Waits until isDone(state) returns true for the fetcher's state. Returns false if no fetcher runs.
@@ -137,9 +150,10 @@ bool wait_for_fetcher(const CommonOptions& options, FetcherState& state,
 }
 
 std::string names_text(const SubscriptionState& state) {
-  std::string text = counted(state.names, "name", "names");
-  if (state.skipped > 0) text += ", " + std::to_string(state.skipped) + " skipped";
-  if (state.rejected > 0) text += ", " + std::to_string(state.rejected) + " rejected (" + state.firstRejected + ")";
+  const ListCounts& counts = state.counts;
+  std::string text = counted(counts.names, "name", "names");
+  if (counts.skipped > 0) text += ", " + std::to_string(counts.skipped) + " skipped";
+  if (counts.rejected > 0) text += ", " + std::to_string(counts.rejected) + " rejected (" + counts.firstRejected + ")";
   return text;
 }
 
@@ -150,18 +164,14 @@ nlohmann::json to_json(const Subscription& subscription, const SubscriptionState
                          {"every", subscription.every.count()},
                          {"key", subscription.key},
                          {"insecure", subscription.isInsecure},
-                         {"names", state.names},
-                         {"exceptions", state.exceptions},
-                         {"duplicates", state.duplicates},
-                         {"skipped", state.skipped},
-                         {"rejected", state.rejected},
-                         {"firstRejected", state.firstRejected},
                          {"sha256", state.sha256},
                          {"checked", json_or_null(state.checked)},
                          {"changed", json_or_null(state.changed)},
+                         {"signedAt", json_or_null(state.signedAt)},
                          {"next", json_or_null(state.next)},
                          {"waitingNames", nullptr},
                          {"error", json_or_null(state.error)}};
+  json.update(to_json(state.counts));
   if (state.waiting) json["waitingNames"] = state.waiting->names;
   return json;
 }
@@ -176,31 +186,32 @@ SubscriptionState state_of(FetcherState& state, const std::string& name) {
 
 // Fetches the subscriptions now, and prints what has changed. Returns the exit code.
 int fetch(const CommonOptions& options, const std::vector<Subscription>& subscriptions, bool accepts) {
-  std::vector<std::string> names;
-  names.reserve(subscriptions.size());
-  for (const Subscription& each : subscriptions) names.push_back(each.name);
   FetcherState before = read_fetcher_state(fetcher_folder(options)), after;
-  const uint64_t number = request(options, names, accepts);
-  const auto isFetched = [&](const std::string& name) {
-    const SubscriptionState* state = after.find(name);
-    return state != nullptr && state->request >= number;
+  const RefreshRequests requests = request(options, subscriptions, accepts);
+  SubscriptionFile file;
+  const auto isDone = [&](const Subscription& each) {
+    const SubscriptionState* state = after.find(each.name);
+    return file.find(each.name) == nullptr || (state != nullptr && is_carried_out(*state, requests.at(each.name)));
   };
-  if (!wait_for_fetcher(options, after,
-                        [&](const FetcherState&) { return std::all_of(names.begin(), names.end(), isFetched); }))
+  if (!wait_for_fetcher(options, after, [&](const FetcherState&) {
+        file = read_file(options);  // somebody may remove a subscription meanwhile
+        return std::all_of(subscriptions.begin(), subscriptions.end(), isDone);
+      }))
     throw FileError(kNotRunning);
   int code = kDone;
   nlohmann::json json = nlohmann::json::array();
   for (const Subscription& each : subscriptions) {
     const SubscriptionState then = state_of(before, each.name), now = state_of(after, each.name);
     json.push_back(to_json(each, now));
-    if (now.error) {
-      print_error(each.name + ": " + *now.error);
+    const bool isRemoved = file.find(each.name) == nullptr;
+    if (isRemoved || now.error) {
+      print_error(each.name + ": " + (isRemoved ? "removed before it was fetched" : *now.error));
       code = kFailed;
     } else if (!options.json) {
       const bool isSame = now.sha256 == then.sha256 && now.source == then.source;
       std::string text = each.name + ": " + names_text(now);
       if (isSame) text += ", unchanged";
-      if (!isSame && then.names > 0) text += "; before: " + std::to_string(then.names);
+      if (!isSame && then.counts.names > 0) text += "; before: " + std::to_string(then.counts.names);
       std::puts(text.c_str());
     }
   }
@@ -244,7 +255,11 @@ int unsubscribe(const CommonOptions& options, const Arguments& arguments) {
   options.json ? print_json({{"unsubscribed", name}})
                : static_cast<void>(std::printf("%s: unsubscribed\n", name.c_str()));
   FetcherState state;
-  if (!wait_for_fetcher(options, state, [&](FetcherState& now) { return now.find(name) == nullptr; }))
+  // Somebody may add a subscription of this name meanwhile.
+  const auto isGone = [&](FetcherState& now) {
+    return now.find(name) == nullptr || read_file(options).find(name) != nullptr;
+  };
+  if (!wait_for_fetcher(options, state, isGone))
     print_error(std::string("saved, but its names stay on the list until the fetcher runs: ") + kNotRunning);
   return kDone;
 }
@@ -273,8 +288,8 @@ int list(const CommonOptions& options) {
     json.push_back(to_json(each, state));
     const std::string age =
         state.checked ? duration_text(std::max(now - *state.checked, std::chrono::seconds(0))) : "never";
-    rows.push_back({each.name, std::to_string(state.names), std::to_string(state.skipped),
-                    std::to_string(state.rejected), age, each.group, each.url});
+    rows.push_back({each.name, std::to_string(state.counts.names), std::to_string(state.counts.skipped),
+                    std::to_string(state.counts.rejected), age, each.group, each.url});
   }
   if (options.json) {
     print_json(json);
@@ -283,6 +298,8 @@ int list(const CommonOptions& options) {
   }
   for (const auto& [line, name, fault] : file.badLines)
     print_error("bad line: " + in_quotes(subscriptions_path(options)) + ":" + std::to_string(line) + ": " + fault);
+  if (file.badLineCount > file.badLines.size())
+    print_error("and " + std::to_string(file.badLineCount - file.badLines.size()) + " more bad lines");
   for (const Subscription& each : file.subscriptions) {
     const SubscriptionState state = state_of(fetcher, each.name);
     if (state.error) print_error(each.name + ": " + *state.error);

@@ -26,6 +26,7 @@
 #include "companion/subscriptions/SubscriptionList.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
+#include "companion/text/Output.h"
 #include "companion/text/ServiceLog.h"
 #include "companion/watch/PathWatch.h"
 #include "companion/watch/Timer.h"
@@ -49,12 +50,20 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 // While a fetch goes on, the state with its progress is written at most this often.
 constexpr std::chrono::milliseconds kProgressInterval = 500ms;
 
+// After this time, a state that could not be written is written again.
+constexpr std::chrono::milliseconds kRetryInterval = 10s;
+
 constexpr size_t kLargestSignature = 4096;
+constexpr size_t kBadLinesLogged = 20;
+
+constexpr const char* kUnfinished =
+    "the service ended while it read the fetched list: the old copy stays in force: see journalctl -u orvane-fetcher";
 
 void log(LogLevel level, const std::string& text) { service_log("orvane-fetcher", level, text); }
 
+// Identifies where a copy comes from: only copies from the same source are compared with each other.
 std::string source_of(const Subscription& subscription) {
-  return sha256_of(subscription.url + " " + subscription.group + " " + subscription.key).substr(0, 16);
+  return sha256_of(subscription.url + " " + subscription.key).substr(0, 16);
 }
 
 struct FreeHandles {
@@ -80,12 +89,9 @@ class Fetcher {
         timer_(CLOCK_REALTIME),
         handles_(curl_multi_init()) {
     if (!handles_) throw std::bad_alloc();
-    try {
-      state_ = read_fetcher_state(options_.folder);
-    } catch (const FileError& error) {
-      // Without the state, each subscription is fetched again, and the copies stay in force meanwhile.
-      log(LogLevel::Error, error.what());
-    }
+    // If the state cannot be read, the service does not run: without the time of each copy's signature, a server could
+    // bring an old list back. The copies stay in force meanwhile.
+    state_ = read_fetcher_state(options_.folder);
     state_.process = getpid();
     state_.started = now_in_seconds();
     state_.error.reset();
@@ -115,7 +121,11 @@ class Fetcher {
   int timeout() const {
     std::chrono::milliseconds time(INT_MAX);
     if (!fetches_.empty()) time = kProgressInterval;
-    if (readAt_) time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(*readAt_ - Steady::now()));
+    const auto wakeAt = [&](Steady::time_point moment) {
+      time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(moment - Steady::now()));
+    };
+    if (readAt_) wakeAt(*readAt_);
+    if (isChanged_) wakeAt(writeAt_);
     return static_cast<int>(std::max(time, 0ms).count());
   }
 
@@ -132,12 +142,18 @@ class Fetcher {
     return fs::exists(subscription_list_path(options_.folder, name), ignored);
   }
 
+  // When the file of the copy is gone. What protects from an older copy stays.
   static void forgetCopy(SubscriptionState& state) {
-    SubscriptionState forgotten;
-    forgotten.name = state.name;
-    forgotten.request = state.request;
-    state = std::move(forgotten);
+    state.counts = {};
+    forgetVersion(state);
+    state.changed.reset();
+    state.checked.reset();
+    state.next.reset();
+    state.waiting.reset();
   }
+
+  // Afterwards, the whole list is fetched, and replaces the copy even if it is the same.
+  static void forgetVersion(SubscriptionState& state) { state.sha256 = state.etag = state.lastModified = ""; }
 
   void readFiles() {
     readAt_.reset();
@@ -162,14 +178,10 @@ class Fetcher {
   }
 
   void useFile(SubscriptionFile file) {
-    state_.badLines.clear();
+    logBadLines(file);
     std::set<std::string, std::less<>> names;
     for (const Subscription& each : file.subscriptions) names.insert(each.name);
-    for (const auto& [line, name, fault] : file.badLines) {
-      state_.badLines.push_back("line " + std::to_string(line) + ": " + fault);
-      log(LogLevel::Warning, "bad line in the subscriptions: " + state_.badLines.back());
-      names.insert(name);  // a line that has become bad does not end its subscription
-    }
+    for (const auto& bad : file.badLines) names.insert(bad.name);  // a line that has become bad ends no subscription
     std::erase_if(state_.subscriptions, [&](const SubscriptionState& each) { return !names.contains(each.name); });
     removeOtherLists(names);
     std::erase_if(fetches_, [&](const auto& fetch) {
@@ -180,15 +192,23 @@ class Fetcher {
     for (const Subscription& each : file_.subscriptions) {
       SubscriptionState& state = stateOf(each.name);
       if (!fetches_.contains(each.name)) state.progress.reset();
-      if (state.names > 0 && !hasList(each.name)) forgetCopy(state);
+      if (state.counts.names > 0 && !hasList(each.name)) forgetCopy(state);
       // A new URL, group or key has an effect at once.
-      const auto known = known_.try_emplace(each.name, state.source).first;
-      const std::string source = source_of(each);
-      if (std::exchange(known->second, source) != source) state.next.reset();
+      const std::string plannedFor = source_of(each) + " " + each.group;
+      if (std::exchange(state.plannedFor, plannedFor) != plannedFor) state.next.reset();
       if (isStart_ || !state.next) state.next = after_start(state.next, now_in_seconds(), each.every, random());
       // A shorter interval counts from now on.
       state.next = std::min(*state.next, std::max(now_in_seconds() + each.every + each.every / 10, Moment()));
     }
+  }
+
+  void logBadLines(const SubscriptionFile& file) {
+    std::string text;
+    if (file.badLineCount > 0) text = counted(file.badLineCount, "bad line", "bad lines") + " in the subscriptions";
+    for (size_t i = 0; i < std::min(file.badLines.size(), kBadLinesLogged); ++i)
+      text += "; line " + std::to_string(file.badLines[i].line) + ": " + file.badLines[i].fault;
+    if (!text.empty() && text != badLinesLogged_) log(LogLevel::Warning, text);
+    badLinesLogged_ = std::move(text);
   }
 
   void removeOtherLists(const std::set<std::string, std::less<>>& names) {
@@ -200,7 +220,7 @@ class Fetcher {
 
   bool isDue(const Subscription& subscription, const SubscriptionState& state, Moment now) const {
     const auto request = requests_.find(subscription.name);
-    return (request != requests_.end() && request->second.number > state.request) ||
+    return (request != requests_.end() && request->second.number != state.request) ||
            is_due(state.next.value_or(now), now, subscription.every);
   }
 
@@ -222,10 +242,11 @@ class Fetcher {
   void start(const Subscription& subscription, SubscriptionState& state) {
     Fetch& fetch = fetches_[subscription.name];
     fetch.subscription = subscription;
+    fetch.request = state.request;
     if (const auto request = requests_.find(subscription.name); request != requests_.end())
       fetch.request = request->second.number;
     Transfer::Request request{subscription.url, subscription.isInsecure, "", ""};
-    if (state.source == source_of(subscription) && state.names > 0) {
+    if (state.source == source_of(subscription) && state.group == subscription.group && state.counts.names > 0) {
       request.etag = state.etag;
       request.lastModified = state.lastModified;
     }
@@ -270,9 +291,9 @@ class Fetcher {
     }
     SubscriptionState& state = stateOf(subscription.name);
     fetch.transfer.reset();
-    state.request = std::max(state.request, fetch.request);
-    state.progress.reset();
-    isChanged_ = true;
+    // The state is as after a failure until the copy is in force: see writeUnfinished().
+    state.request = fetch.request;
+    state.next = after_failure(now_in_seconds(), subscription.every, ++state.failures, result.retryAfter, random());
     try {
       if (isSignature && result.outcome == Transfer::Outcome::NotFound)
         throw InputError(
@@ -280,7 +301,7 @@ class Fetcher {
             ".minisig at the end");
       if (isSignature && result.outcome != Transfer::Outcome::Fetched)
         throw InputError("its signature cannot be fetched: " + result.error);
-      const bool isUnchanged = result.outcome == Transfer::Outcome::NotModified && state.names > 0;
+      const bool isUnchanged = result.outcome == Transfer::Outcome::NotModified && state.counts.names > 0;
       if (!isUnchanged && !isSignature && result.outcome != Transfer::Outcome::Fetched)
         throw InputError(result.error.empty() ? "the server answers 304 without being asked: check the URL"
                                               : result.error);
@@ -295,49 +316,59 @@ class Fetcher {
       state.failures = 0;
       state.next = after_success(now, subscription.every, random());
     } catch (const std::runtime_error& error) {  // InputError or FileError
-      ++state.failures;
       state.error = error.what();
-      state.next = after_failure(now_in_seconds(), subscription.every, state.failures, result.retryAfter, random());
       log(LogLevel::Warning, subscription.name + ": " + *state.error);
     }
+    state.progress.reset();
+    isChanged_ = true;
+  }
+
+  // Writes the state that counts if the process dies while it reads the fetched copy, or before the state of this copy
+  // is written: the fetch has failed, so it is not repeated at once; and because the version of the copy in force is
+  // unknown, the next fetch gets the whole list. Throws FileError.
+  void writeUnfinished(const std::string& name) const {
+    FetcherState unfinished = state_;
+    SubscriptionState& state = *unfinished.find(name);
+    forgetVersion(state);
+    state.error = kUnfinished;
+    write_fetcher_state(options_.folder, unfinished);
   }
 
   // Puts a fetched copy into force. Throws InputError if it is not acceptable, and FileError.
   void use(const Subscription& subscription, const Transfer::Result& fetched, std::string_view signature,
            SubscriptionState& state) {
     std::optional<Moment> signedAt;
-    const bool isSameSource = state.source == source_of(subscription) && state.names > 0;
+    const bool isSameSource = state.source == source_of(subscription);
     if (!subscription.key.empty()) signedAt = verify_signature(fetched.body, signature, subscription.key).timestamp;
-    if (isSameSource && signedAt && state.signedAt && *signedAt < *state.signedAt)
-      throw InputError("it was signed before the copy that is in force: if the old list is wanted, sign it again");
+    if (isSameSource && signedAt < state.signedAt)  // no time is before any time
+      throw InputError(
+          "it was signed before the copy that is in force, or without a time: if this list is wanted, sign it again");
     const std::string hash = sha256_of(fetched.body);
-    const bool isChanged = !isSameSource || hash != state.sha256;
-    if (isChanged) {
+    if (!isSameSource || state.group != subscription.group || state.sha256 != hash) {
+      writeUnfinished(subscription.name);
       // Write no time into the file, so that machines with the same list have files with the same digest.
       const SubscriptionList list =
           convert_list(fetched.body, subscription.group, "From " + std::string(authority_of(subscription.url)));
       const auto request = requests_.find(subscription.name);
       const bool isAccepted = request != requests_.end() && request->second.accepted == hash;
-      if (isSameSource && list.names * 2 < state.names && !isAccepted) {
-        state.waiting = WaitingCopy{hash, list.names};
-        state.error = "the list has shrunk from " + std::to_string(state.names) + " to " + std::to_string(list.names) +
+      const uint64_t names = list.counts.blockingNames(), before = state.counts.blockingNames();
+      if (isSameSource && names * 2 < before && !isAccepted) {
+        state.waiting = WaitingCopy{hash, names};
+        state.error = "the list has shrunk from " + std::to_string(before) + " to " + std::to_string(names) +
                       " names: the old copy stays in force: to use the new one: orvanectl refresh " +
                       subscription.name + " --accept";
         log(LogLevel::Warning, subscription.name + ": " + *state.error);
         return;
       }
+      forgetVersion(state);  // if the write fails, the file may be the old or the new one
       write_fetcher_file(subscription_list_path(options_.folder, subscription.name), list.text);
-      log(LogLevel::Info,
-          subscription.name + ": " + std::to_string(list.names) + " names in place of " + std::to_string(state.names));
-      state.names = list.names;
-      state.exceptions = list.exceptions;
-      state.duplicates = list.duplicates;
-      state.skipped = list.skipped;
-      state.rejected = list.rejected;
-      state.firstRejected = list.firstRejected;
+      log(LogLevel::Info, subscription.name + ": " + std::to_string(list.counts.names) + " names in place of " +
+                              std::to_string(state.counts.names));
+      state.counts = list.counts;
       state.changed = now_in_seconds();
     }
     state.source = source_of(subscription);
+    state.group = subscription.group;
     state.sha256 = hash;
     state.etag = fetched.etag;
     state.lastModified = fetched.lastModified;
@@ -347,15 +378,18 @@ class Fetcher {
   }
 
   void writeStateIfChanged() {
-    const bool showsProgress = hasProgress_ && Steady::now() - written_ >= kProgressInterval;
-    if (!isChanged_ && !showsProgress) return;
+    const auto now = Steady::now();
+    if (!(isChanged_ && now >= writeAt_) && !(hasProgress_ && now >= written_ + kProgressInterval)) return;
+    written_ = now;
     try {
       write_fetcher_state(options_.folder, state_);
+      isChanged_ = hasProgress_ = false;
+      writeError_.clear();
     } catch (const FileError& error) {
-      log(LogLevel::Error, error.what());
+      if (std::exchange(writeError_, error.what()) != error.what()) log(LogLevel::Error, error.what());
+      isChanged_ = true;
+      writeAt_ = now + kRetryInterval;
     }
-    isChanged_ = hasProgress_ = false;
-    written_ = Steady::now();
   }
 
   const FetcherOptions& options_;
@@ -370,12 +404,13 @@ class Fetcher {
   SubscriptionFile file_;
   RefreshRequests requests_;
   std::map<std::string, Fetch> fetches_;          // by the subscriptions' names
-  std::map<std::string, std::string> known_;      // the source of each subscription when the file was last read
   std::optional<Steady::time_point> readAt_;      // when to read the files
   std::optional<Steady::time_point> emptySince_;  // since when the subscriptions' file has been empty
   bool isStart_ = true;
+  std::string badLinesLogged_;
   bool isChanged_ = true, hasProgress_ = false;
-  Steady::time_point written_;
+  Steady::time_point written_, writeAt_;  // when the state was last written, and may next be written
+  std::string writeError_;
 };
 
 }  // namespace

@@ -17,6 +17,7 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr mode_t kReadableByAll = 0644;
+constexpr mode_t kLockMode = 0640;  // only members of the group may see whether the fetcher runs
 constexpr size_t kLargestState = size_t{4} << 20;
 
 FileError file_error(const char* what, const std::string& path, int error) {
@@ -29,24 +30,21 @@ std::string lock_path(const std::string& folder) { return fetcher_state_path(fol
 Json to_json(const SubscriptionState& state) {
   Json json = {{"name", state.name},
                {"source", state.source},
+               {"group", state.group},
                {"sha256", state.sha256},
                {"etag", state.etag},
                {"lastModified", state.lastModified},
                {"changed", json_or_null(state.changed)},
                {"signedAt", json_or_null(state.signedAt)},
-               {"names", state.names},
-               {"exceptions", state.exceptions},
-               {"duplicates", state.duplicates},
-               {"skipped", state.skipped},
-               {"rejected", state.rejected},
-               {"firstRejected", state.firstRejected},
                {"checked", json_or_null(state.checked)},
                {"next", json_or_null(state.next)},
+               {"plannedFor", state.plannedFor},
                {"failures", state.failures},
                {"error", json_or_null(state.error)},
                {"request", state.request},
                {"waiting", nullptr},
                {"progress", nullptr}};
+  json.update(to_json(state.counts));
   if (state.waiting) json["waiting"] = {{"sha256", state.waiting->sha256}, {"names", state.waiting->names}};
   if (state.progress) json["progress"] = {{"received", state.progress->received}, {"total", state.progress->total}};
   return json;
@@ -57,19 +55,21 @@ SubscriptionState subscription_of(const Json& json) {
   const Members members(json);
   members.read("name", state.name);
   members.read("source", state.source);
+  members.read("group", state.group);
   members.read("sha256", state.sha256);
   members.read("etag", state.etag);
   members.read("lastModified", state.lastModified);
   members.read("changed", state.changed);
   members.read("signedAt", state.signedAt);
-  members.read("names", state.names);
-  members.read("exceptions", state.exceptions);
-  members.read("duplicates", state.duplicates);
-  members.read("skipped", state.skipped);
-  members.read("rejected", state.rejected);
-  members.read("firstRejected", state.firstRejected);
+  members.read("names", state.counts.names);
+  members.read("exceptions", state.counts.exceptions);
+  members.read("duplicates", state.counts.duplicates);
+  members.read("skipped", state.counts.skipped);
+  members.read("rejected", state.counts.rejected);
+  members.read("firstRejected", state.counts.firstRejected);
   members.read("checked", state.checked);
   members.read("next", state.next);
+  members.read("plannedFor", state.plannedFor);
   members.read("failures", state.failures);
   members.read("error", state.error);
   members.read("request", state.request);
@@ -96,7 +96,7 @@ std::string subscription_list_path(const std::string& folder, const std::string&
 
 Descriptor lock_fetcher(const std::string& folder) {
   std::error_code error;
-  Descriptor lock = take_file_lock(lock_path(folder), kReadableByAll, error);
+  Descriptor lock = take_file_lock(lock_path(folder), kLockMode, error);
   if (error) throw file_error("lock the state", lock_path(folder), error.value());
   return lock;
 }
@@ -110,13 +110,17 @@ void write_fetcher_file(const std::string& path, std::string_view text) {
     throw file_error("write", path, error.value());
 }
 
+Json to_json(const ListCounts& counts) {
+  return {{"names", counts.names},     {"exceptions", counts.exceptions}, {"duplicates", counts.duplicates},
+          {"skipped", counts.skipped}, {"rejected", counts.rejected},     {"firstRejected", counts.firstRejected}};
+}
+
 void write_fetcher_state(const std::string& folder, const FetcherState& state) {
   Json subscriptions = Json::array();
   for (const SubscriptionState& each : state.subscriptions) subscriptions.push_back(to_json(each));
   const Json json = {{"process", state.process},
                      {"started", time_text(state.started)},
                      {"error", json_or_null(state.error)},
-                     {"badLines", state.badLines},
                      {"subscriptions", std::move(subscriptions)}};
   write_fetcher_file(fetcher_state_path(folder), json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
@@ -134,7 +138,6 @@ FetcherState read_fetcher_state(const std::string& folder) {
     members.read("process", state.process);
     members.read("started", state.started);
     members.read("error", state.error);
-    members.read("badLines", state.badLines);
     for (const Json& each : json.at("subscriptions")) state.subscriptions.push_back(subscription_of(each));
     return state;
   } catch (const std::exception&) {  // Json::exception or InputError

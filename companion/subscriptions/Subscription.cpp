@@ -166,8 +166,9 @@ SubscriptionFile read_subscriptions(std::string_view text) {
       fault = "there are more than 100 subscriptions: remove some";
     if (fault.empty()) {
       file.subscriptions.push_back(std::move(subscription));
-    } else {
-      file.badLines.push_back({number, subscription.name, std::move(fault)});
+    } else if (file.badLineCount++ < SubscriptionFile::kBadLinesKept) {
+      const bool isNamed = subscription_name_fault(subscription.name).empty();
+      file.badLines.push_back({number, isNamed ? subscription.name : "", std::move(fault)});
     }
   });
   return file;

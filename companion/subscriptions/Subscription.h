@@ -51,11 +51,13 @@ std::string line_of(const Subscription& subscription);
 struct SubscriptionFile {
   struct BadLine {
     size_t line;        // counted from 1
-    std::string name;   // the first word
+    std::string name;   // the first word, if it has the form of a name
     std::string fault;  // what is wrong and what to do
   };
   std::vector<Subscription> subscriptions;
-  std::vector<BadLine> badLines;
+  size_t badLineCount = 0;
+  std::vector<BadLine> badLines;  // only the first kBadLinesKept
+  static constexpr size_t kBadLinesKept = 100;
 
   const Subscription* find(std::string_view nameOrUrl) const;
 };
@@ -64,9 +66,10 @@ SubscriptionFile read_subscriptions(std::string_view text);
 // The text without the lines of this subscription. All other lines stay as they are.
 std::string without_subscription(std::string_view text, std::string_view name);
 
-// The latest request to fetch a subscription. Each request has a greater number than the one before, so that the
-// fetcher knows which requests it has carried out.
+// The latest request to fetch a subscription.
 struct RefreshRequest {
+  // The number of the request before, plus 1; 0 follows the greatest number. The fetcher carries out the request if its
+  // own last number is another one. Members of the group may write any number, so no number may count as the last one.
   uint64_t number = 0;
   std::string accepted;  // the SHA-256 of a copy that may be in force although it is much smaller; empty if none
 };

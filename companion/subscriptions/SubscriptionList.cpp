@@ -20,30 +20,26 @@ bool starts_as_web_page(std::string_view body) {
 }  // namespace
 
 SubscriptionList convert_list(std::string_view body, const std::string& group, const std::string& source) {
-  constexpr std::ptrdiff_t kMostLines = std::ptrdiff_t{1} << 22;
   if (starts_as_web_page(body)) throw InputError("the server sent a web page in place of a list: check the URL");
-  if (std::count(body.begin(), body.end(), '\n') > kMostLines)
-    throw InputError("the list has more than four million lines: subscribe to a smaller one");
   SubscriptionList list;
+  ListCounts& counts = list.counts;
   const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
-    if (list.firstRejected.empty())
-      list.firstRejected = "line " + std::to_string(line) + ": " + in_quotes(text) + ": " + fault;
+    if (counts.firstRejected.empty())
+      counts.firstRejected = "line " + std::to_string(line) + ": " + in_quotes(text) + ": " + fault;
   };
-  ImportedSites imported = read_import(body, {{}, group}, rejected, nullptr);
-  list.names = imported.sites.size();
-  list.duplicates = imported.duplicates;
-  list.skipped = imported.skipped + imported.partialRules;
-  list.rejected = imported.rejected;
+  ImportedSites imported = read_import(body, {{}, group, kMostSubscribedNames}, rejected, nullptr);
+  counts.names = imported.sites.size();
+  counts.duplicates = imported.duplicates;
+  counts.skipped = imported.skipped + imported.partialRules;
+  counts.rejected = imported.rejected;
   const auto hasDot = [](const ListedSite& site) { return site.host.find('.') != std::string::npos; };
   if (std::none_of(imported.sites.begin(), imported.sites.end(), hasDot))
     throw InputError("the server sent no list: no line has the name of a host: check the URL");
-  if (list.names > kMostSubscribedNames)
-    throw InputError("the list has more than a million names: subscribe to a smaller one");
   list.text = "# " + source + "\n";
   if (group != kDefaultGroupName) list.text += header_of(group) + "\n";
   for (ListedSite& site : imported.sites) {
     site.until.reset();
-    list.exceptions += site.scope == Scope::Exception ? 1 : 0;
+    counts.exceptions += site.scope == Scope::Exception ? 1 : 0;
     list.text.append(line_of(site)).append("\n");
   }
   return list;

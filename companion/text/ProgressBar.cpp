@@ -12,10 +12,13 @@ ProgressBar::ProgressBar(bool wanted) : isWanted_(wanted && isatty(STDERR_FILENO
 void ProgressBar::show(size_t bytes, size_t total, const std::string& text) {
   constexpr size_t kWidth = 30;
   if (!isWanted_) return;
-  const size_t filled = total == 0 ? kWidth : std::min(bytes, total) * kWidth / total;
-  const size_t percent = total == 0 ? 100 : std::min(bytes, total) * 100 / total;
-  const std::string bar = std::string(filled, '#') + std::string(kWidth - filled, ' ');
-  std::fprintf(stderr, "\r\x1b[K[%s] %3zu %%  %s", bar.c_str(), percent, text.c_str());
+  std::fputs("\r\x1b[K", stderr);
+  if (total > 0) {
+    const size_t done = std::min(bytes, total);
+    const std::string bar(done * kWidth / total, '#');
+    std::fprintf(stderr, "[%-*s] %3zu %%  ", static_cast<int>(kWidth), bar.c_str(), done * 100 / total);
+  }
+  std::fputs(text.c_str(), stderr);
   std::fflush(stderr);
   isShown_ = true;
 }

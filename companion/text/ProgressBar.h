@@ -13,7 +13,7 @@ class ProgressBar {
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { erase(); }
 
-  // `text`: what is shown beside the bar.
+  // `text`: what is shown beside the bar. If `total` is 0, because it is unknown, there is only the text.
   void show(size_t bytes, size_t total, const std::string& text);
   void erase();
 

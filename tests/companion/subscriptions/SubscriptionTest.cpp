@@ -1,5 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sodium.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <string_view>
@@ -7,10 +9,12 @@
 
 #include "companion/list/BlockList.h"
 #include "companion/subscriptions/FetchPlan.h"
+#include "companion/subscriptions/FetcherState.h"
 #include "companion/subscriptions/Signature.h"
 #include "companion/subscriptions/Subscription.h"
 #include "companion/subscriptions/SubscriptionList.h"
 #include "companion/text/Input.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
@@ -24,10 +28,12 @@ std::string converted(std::string_view body, const std::string& group = "default
     const SubscriptionList list = convert_list(body, group, "source");
     const BlockList read = BlockList::parse(list.text);
     EXPECT_TRUE(read.badLines().empty()) << list.text;
-    EXPECT_EQ(read.size(), list.names);
+    EXPECT_EQ(read.size(), list.counts.names);
     std::string lines = list.text.substr(list.text.find('\n') + 1);
     for (char& c : lines) c = c == '\n' ? ';' : c;
-    return lines + " " + std::to_string(list.skipped) + " skipped, " + std::to_string(list.rejected) + " rejected";
+    EXPECT_EQ(printable(list.counts.firstRejected, false), list.counts.firstRejected);
+    return lines + " " + std::to_string(list.counts.skipped) + " skipped, " + std::to_string(list.counts.rejected) +
+           " rejected";
   } catch (const InputError& error) {
     return error.what();
   }
@@ -45,6 +51,7 @@ TEST(SubscriptionList, KeepsTheMeaningOfEachLine) {
       {"invalid names",
        "good.example\na\0b.example\n\x1b[2J.example\n../x\n$(x)\n"s + std::string(300, 'x') + ".example",
        "good.example; 0 skipped, 5 rejected"},
+      {"a URL with an escape sequence", "good.example\nhttps://\x1b]0;x\u202e/", "good.example; 0 skipped, 1 rejected"},
       {"web page", " \n<!doctype html>\na.example", "the server sent a web page in place of a list: check the URL"},
       {"no host", "maintenance\n", "the server sent no list: no line has the name of a host: check the URL"},
   };
@@ -68,6 +75,31 @@ TEST(Subscriptions, ReadsAndWritesTheFile) {
     EXPECT_TRUE(bad.subscriptions.empty() && bad.badLines.size() == 1) << line;
   }
   EXPECT_EQ(read_subscriptions("a https://a\na https://b").badLines.front().line, 2U);
+  std::string text;
+  for (size_t i = 0; i < 1000; ++i) text += std::string(1000, 'a') + "\n";
+  const SubscriptionFile bad = read_subscriptions(text);
+  EXPECT_EQ(bad.badLineCount, 1000U);
+  EXPECT_EQ(bad.badLines.size(), SubscriptionFile::kBadLinesKept);
+  EXPECT_EQ(bad.badLines.front().name, "") << "bytes of the file";
+}
+
+TEST(FetcherState, ShowsOnlyTheHolderOfTheLockAsTheFetcher) {
+  const TemporaryFolder folder;
+  const std::string path = fetcher_state_path(folder.path()) + ".lock";
+  {
+    const Descriptor lock = lock_fetcher(folder.path());
+    EXPECT_TRUE(is_fetcher_running(folder.path()));
+    EXPECT_FALSE(lock_fetcher(folder.path())) << "a second fetcher";
+  }
+  struct stat status = {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0640U);
+  // A user who may only read the file takes the only lock that this user can take.
+  const Descriptor reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  ASSERT_EQ(fcntl(reader.get(), F_OFD_SETLK, &lock), 0);
+  EXPECT_FALSE(is_fetcher_running(folder.path()));
 }
 
 TEST(Subscriptions, MakesNamesFromUrls) {
