@@ -30,7 +30,7 @@ install(FILES ${packaging}/systemd/orvane-se.service ${packaging}/systemd/orvane
 install(FILES ${packaging}/systemd/orvane-se.sysusers DESTINATION lib/sysusers.d RENAME orvane-se.conf)
 install(FILES ${packaging}/systemd/orvane-se.tmpfiles DESTINATION lib/tmpfiles.d RENAME orvane-se.conf)
 install(FILES ${packaging}/legacy-iptables.conf ${PROJECT_SOURCE_DIR}/resources/monitoring/orvane-se.rules.yml
-              ${PROJECT_SOURCE_DIR}/resources/monitoring/orvane-se-dashboard.json
+              ${PROJECT_SOURCE_DIR}/resources/monitoring/orvane-se-dashboard.json ${packaging}/ansible/orvane-se.yml
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/orvane-se/examples)
 install(FILES ${packaging}/lists.d/README DESTINATION /etc/orvane-se/lists.d)
 

@@ -57,6 +57,64 @@ _CONFIGURATION = """\
     }}
 }}
 """
+# Idle connections end after 5 s, so that a later fetch opens a new one, as it would after hours.
+_FILES = """\
+{{
+    admin off
+    auto_https off
+    servers {{
+        timeouts {{
+            idle 5s
+        }}
+    }}
+}}
+{sites} {{
+    tls {certificate} {key}
+    root * {folder}
+    encode gzip
+    file_server
+    log {{
+        output file {log}
+        format json
+    }}
+}}
+"""
+
+
+def _start(directory: pathlib.Path, configuration: str, *before: str) -> subprocess.Popen:
+    """Starts caddy with this configuration, as the end of the command `before`. Returns when it serves."""
+    caddy = shutil.which("caddy")
+    if caddy is None:
+        raise Unavailable("the web server caddy is not installed")
+    file, output = directory / "Caddyfile", directory / "caddy"
+    file.write_text(configuration)
+    environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(directory)}
+    with open(output, "wb") as log:
+        command = [*before, caddy, "run", "--adapter", "caddyfile", "--config", file]
+        server = subprocess.Popen(command, env=environment, stdout=log, stderr=log)
+    while b"serving initial configuration" not in output.read_bytes():
+        if server.poll() is not None:
+            raise Unavailable(f"caddy does not run here: {output.read_text()}")
+        time.sleep(0.01)
+    return server
+
+
+def _sites(names: list[str]) -> str:
+    return ", ".join(f"https://{name}" for name in names)
+
+
+class FileServer:
+    """Serves the files of `folder` for each of `names`, in the caller's network namespace, until the process ends."""
+
+    def __init__(self, directory: pathlib.Path, names: list[str], certificate: pathlib.Path, folder: pathlib.Path):
+        self._log = directory / "requests"
+        key = certificate.with_suffix(".key")
+        text = _FILES.format(sites=_sites(names), certificate=certificate, key=key, folder=folder, log=self._log)
+        self.process = _start(directory, text)
+
+    def requests(self) -> list[dict]:
+        """The lines of the server's log, from the first request on."""
+        return [json.loads(line) for line in self._log.read_text().splitlines()] if self._log.exists() else []
 
 
 class Caddy:
@@ -69,13 +127,9 @@ class Caddy:
     ADDRESS = _ADDRESS
 
     def __init__(self, directory: pathlib.Path, names: list[str], certificate: pathlib.Path):
-        caddy = shutil.which("caddy")
-        if caddy is None:
-            raise Unavailable("caddy, the server for HTTP/2 and HTTP/3, is not installed")
         self._log = directory / "requests"
-        configuration, output = directory / "Caddyfile", directory / "caddy"
         text = _CONFIGURATION.format(
-            sites=", ".join(f"https://{name}" for name in names),
+            sites=_sites(names),
             certificate=certificate,
             key=certificate.with_suffix(".key"),
             offer=OFFER,
@@ -84,16 +138,7 @@ class Caddy:
             page=page_of("{protocol}", "{host}"),
             log=self._log,
         )
-        configuration.write_text(text)
-        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": str(directory)}
-        command = ["unshare", "--net", "sh", "-c", _NAMESPACE, "sh", str(os.getpid())]
-        command += [caddy, "run", "--adapter", "caddyfile", "--config", configuration]
-        with open(output, "wb") as file:
-            server = subprocess.Popen(command, env=environment, stdout=file, stderr=file)
-        while b"serving initial configuration" not in output.read_bytes():
-            if server.poll() is not None:
-                raise Unavailable(f"caddy does not run here: {output.read_text()}")
-            time.sleep(0.01)
+        _start(directory, text, "unshare", "--net", "sh", "-c", _NAMESPACE, "sh", str(os.getpid()))
 
     def has_served(self, host: str, path: str) -> bool:
         lines = self._log.read_text().splitlines() if self._log.exists() else []
