@@ -1,6 +1,7 @@
 #include "companion/commands/GroupCommands.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -158,12 +159,23 @@ int disable(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
+// A shell splits a span that is not in quotes into a span of whole days and one of the same times on every day.
+bool has_times(const std::string& span) { return span.find(':') != std::string::npos; }
+bool has_days(const std::string& span) {
+  return std::any_of(span.begin(), span.end(), [](unsigned char c) { return std::isalpha(c) != 0; });
+}
+
 int schedule(const CommonOptions& options, const Arguments& arguments) {
   Schedule wanted;
-  if (arguments.spans != std::vector<std::string>{std::string(kAlways)}) {
-    for (const std::string& span : arguments.spans) {
+  const std::vector<std::string>& spans = arguments.spans;
+  if (spans != std::vector<std::string>{std::string(kAlways)}) {
+    for (size_t i = 0; i < spans.size(); ++i) {
       std::string fault;
-      if (!wanted.add(span, fault)) throw InputError("not a schedule: " + in_quotes(span) + ": " + fault);
+      if (!wanted.add(spans[i], fault)) throw InputError("not a schedule: " + in_quotes(spans[i]) + ": " + fault);
+      if (i > 0 && !has_times(spans[i - 1]) && !has_days(spans[i]))
+        throw InputError("several meanings: " + in_quotes(spans[i - 1]) + " " + in_quotes(spans[i]) +
+                         ": for these times on these days, write '" + spans[i - 1] + " " + spans[i] +
+                         "'; otherwise give the times first");
     }
   }
   refuse_if_locked(options, arguments.group, "change the schedule");

@@ -114,6 +114,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
+      {"unblock --from - 2>&1 <<'E'\nw.example\nE", 0,
+       "orvanectl: skipped: 1 name of \"-\" that the group default does not have\n"
+       "nothing to change: the group default has none of these sites\n"},
       {"unblock w.example 2>&1 | head -n 1", 0,
        "orvanectl: not on the list: \"w.example\": it is covered by the line \"w.example\" of the group work: give "
        "w.example --group work\n"},
