@@ -153,6 +153,7 @@ void print_outcome_json(const Outcome& outcome) {
                         {"groups", counts.groups},
                         {"duplicates", read.duplicates},
                         {"passedOver", read.skipped},
+                        {"skippedRules", read.partialRules},
                         {"rejected", read.rejected},
                         {"rejectedLines", std::move(rejectedLines)},
                         {"seconds", seconds}};
