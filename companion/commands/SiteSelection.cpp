@@ -134,7 +134,7 @@ FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string&
     }
     if (sites.size() < given.size())
       print_error("skipped: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
-                  " that the list does not have");
+                  " that the group " + list.groups()[group].name + " does not have");
     return sites;
   };
 }
