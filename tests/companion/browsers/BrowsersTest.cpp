@@ -175,6 +175,8 @@ TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
     EXPECT_NE(list(bad).fault, "") << bad.substr(0, 80);
   }
   EXPECT_NE(read_browser_list(root + "/none").fault, "");
+  std::filesystem::create_symlink("/etc/none.plist", root + "/broken");
+  EXPECT_EQ(read_browser_list(root + "/broken").path, "/etc/none.plist") << "the file that is missing";
 }
 
 TEST_F(Browsers, KnowTheSettingsOfTheExtension) {

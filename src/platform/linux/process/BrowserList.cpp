@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <utility>
 
@@ -20,8 +21,11 @@ BrowserList read_browser_list(const std::string& path) {
   constexpr size_t kListLimit = 1024;
   BrowserList list;
   list.path = path;
-  // Messages name the file that a user has to edit, not a link to it.
-  if (std::string file = resolve_links(list.path); !file.empty()) list.path = std::move(file);
+  // Messages name the file that a user has to edit, not a link to it. The file may be missing.
+  std::error_code error;
+  std::string file = resolve_links(path);
+  if (file.empty()) file = std::filesystem::read_symlink(path, error).string();
+  if (file.starts_with('/')) list.path = std::move(file);
   const auto read = read_file_start(list.path, kListLimit + 1, Links::Follow);
   if (!read) {
     list.fault = "cannot be read";
@@ -33,8 +37,8 @@ BrowserList read_browser_list(const std::string& path) {
     return list;
   }
   const Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
-  Ref<NSError> error;
-  const Value value = data ? property_list_create_with_data(data.get(), &error) : Value();
+  Ref<NSError> fault;
+  const Value value = data ? property_list_create_with_data(data.get(), &fault) : Value();
   if (!value.isArray()) {
     list.fault = "is not a property list with an array";
     return list;
