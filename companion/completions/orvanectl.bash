@@ -4,7 +4,7 @@
 # no hosts and prints no error.
 _orvanectl_hosts() {
   mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export ${1:+--group "$1"} 2>/dev/null |
-    typed=$cur awk 'index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
+    typed=$cur awk 'NF > 0 && index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
 }
 
 _orvanectl_groups() {
