@@ -370,6 +370,7 @@ void refuse_unknown_command(const CLI::App& parent, size_t depth, const std::str
 // Prints help as CLI11 does, and says in the help of a command where the options of all commands are.
 class HelpFormatter : public CLI::Formatter {
  public:
+  HelpFormatter() { label("SUBCOMMAND", "COMMAND"); }
   std::string make_footer(const CLI::App* app) const override {
     const std::string footer = CLI::Formatter::make_footer(app);
     if (app->get_parent() == nullptr) return footer;

@@ -148,6 +148,13 @@ bool report_failures(const std::vector<PolicyChange>& changes, const char* what)
   return none;
 }
 
+// The text of a policy file, without the last line feed, which print_error() adds.
+std::string shown_policy(BrowserFamily family) {
+  std::string text = policy_text(family);
+  text.pop_back();
+  return text;
+}
+
 int install(bool json) {
   if (!may_write("install")) return kFailed;
   const std::vector<PolicyChange> changes = install_policies(kThisMachine);
@@ -158,10 +165,10 @@ int install(bool json) {
     written |= change.outcome == PolicyChange::Outcome::Done;
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
     print_error("left alone: " + change.place->path() + ": another program or person wrote it: add this by hand:\n" +
-                policy_text(change.place->family));
+                shown_policy(change.place->family));
     whole = false;
   }
-  if (!json && written) std::puts("Running browsers apply it at their next start.");
+  if (!json && written) std::puts("Running browsers apply the policies at their next start.");
   if (!json && !written && whole) std::puts("All policies are already in place.");
   return whole ? kDone : kFailed;
 }
@@ -182,7 +189,7 @@ int remove(bool json) {
     if (shared && !isOff) continue;
     print_error(
         "left alone: " + change.place->path() + ": another program or person wrote it: " +
-        (shared ? "if you added the following for OrvaneSE, remove it by hand:\n" + policy_text(change.place->family)
+        (shared ? "if you added the following for OrvaneSE, remove it by hand:\n" + shown_policy(change.place->family)
                 : "remove it by hand"));
     whole = whole && shared;
   }

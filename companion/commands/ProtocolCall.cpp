@@ -117,9 +117,8 @@ ProtocolCall prepare_call(const std::string& method, const std::vector<std::stri
 }
 
 std::string describe_methods() {
-  std::string text = "Methods:\n";
-  for (const Method& method : kMethods)
-    text.append("  ").append(method.name).append(argument_text(method.takes)).append("\n");
+  std::string text = "Methods:";
+  for (const Method& method : kMethods) text.append("\n  ").append(method.name).append(argument_text(method.takes));
   return text;
 }
 

@@ -238,8 +238,7 @@ std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) 
       lines.push_back(coloured("and " + more + " more: orvanectl list", Colour::Faint));
       break;
     }
-    lines.push_back(name.substr(name.starts_with('.') ? 1 : 0) + " until " + local_text(until, now) + ", " +
-                    duration_text(until - now) + " left");
+    lines.push_back(name.substr(name.starts_with('.') ? 1 : 0) + " " + suspension_text(until, now));
   }
   return lines;
 }

@@ -293,7 +293,9 @@ int list(const CommonOptions& options) {
   }
   if (options.json) {
     print_json(json);
-  } else if (!file.subscriptions.empty()) {
+  } else if (file.subscriptions.empty()) {
+    std::puts("There are no subscriptions. To add one: orvanectl subscribe URL");
+  } else {
     print_table(rows);
   }
   for (const auto& [line, name, fault] : file.badLines)
