@@ -55,9 +55,6 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 // PathWatch reports nothing because the system has no inotify instance left.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
-// If the list cannot be read, the keeper tries to read it again after this time, even if the file has not changed.
-constexpr std::chrono::milliseconds kRereadInterval = 60s;
-
 // The kernel's clocks end in the year 2262, but a suspension may end later. So the keeper's timer for the next end of a
 // suspension or change of a group is set at most this far ahead, and set again when it fires too early.
 constexpr std::chrono::hours kLongestTimer = 24h * 30;
@@ -260,9 +257,8 @@ void Keeper::onListChange() {
 
 void Keeper::readList() {
   changedAt_.reset();
-  readAt_.reset();
   refreshReadOnlyLists();
-  if (readOnlyLists_.hasErrors()) readAt_ = Steady::now() + kRereadInterval;
+  readAt_ = readOnlyLists_.due();
   try {
     ListFileContent content = read_list_file(state_.listPath);
     const std::string hash = content.version.empty() ? "" : sha256_text(content.text);
@@ -296,7 +292,8 @@ void Keeper::readList() {
 void Keeper::onListError(const std::string& error) {
   if (state_.listError != error) keeper_log(LogLevel::Error, error);
   state_.listError = error;
-  readAt_ = Steady::now() + kRereadInterval;
+  const auto rereadAt = Steady::now() + kRereadInterval;
+  readAt_ = std::min(readAt_.value_or(rereadAt), rereadAt);
   if (!guard_.isActive()) {
     if (areListsChanged_) enforceOwn(own());
     return;

@@ -19,6 +19,8 @@
 namespace orvane {
 namespace {
 
+using Steady = std::chrono::steady_clock;
+
 constexpr size_t kBadLinesLogged = 3;
 constexpr const char* kNoRoom = "left out: the lists have too many names for one message to the extension: remove some";
 
@@ -47,8 +49,9 @@ uint64_t room_of(std::string_view name) {
   return std::max(measure_string(name.size()).words, kLeast);
 }
 
-ReadOnlyLists::ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room)
-    : room_(room) {
+ReadOnlyLists::ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room,
+                             std::chrono::milliseconds removalDelay)
+    : room_(room), removalDelay_(removalDelay) {
   for (const auto& [kind, path] :
        {std::pair(ListKind::DropIn, dropInsPath), std::pair(ListKind::Subscription, subscriptionsPath)}) {
     const std::filesystem::path folder = std::filesystem::absolute(path).lexically_normal() / "";
@@ -79,6 +82,12 @@ void ReadOnlyLists::findFiles(Folder& folder, std::vector<Entry>& found) {
   while (const dirent* file = stream ? readdir(stream.get()) : nullptr) {
     if (is_list_name(file->d_name, folder.kind)) names.emplace_back(file->d_name);
   }
+  for (Entry& entry : lists_) {
+    if (entry.list.kind != folder.kind || !entry.hasCopy) continue;
+    std::string name = entry.state.path.substr(folder.path.size());
+    entry.isMissing = std::find(names.begin(), names.end(), name) == names.end();
+    if (entry.isMissing && keepsNames(entry)) names.push_back(std::move(name));
+  }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     const std::string path = folder.path + name;
@@ -94,20 +103,34 @@ void ReadOnlyLists::findFiles(Folder& folder, std::vector<Entry>& found) {
   }
 }
 
+// Whether the names of a copy still count, although the file has fewer names or is missing.
+bool ReadOnlyLists::keepsNames(Entry& entry) const {
+  const auto now = Steady::now();
+  if (!entry.fewerSince) entry.fewerSince = now;
+  return now < *entry.fewerSince + removalDelay_;
+}
+
 // Reads the file if it has changed, or if `again` is set and its names were not kept. Returns whether the list has
 // changed. If the file cannot be read, the list stays as it is.
 bool ReadOnlyLists::read(Entry& entry, bool again) {
+  if (entry.isMissing) return false;
   const std::string& path = entry.state.path;
   const std::string errorBefore = std::exchange(entry.readError, "");
   try {
-    if (entry.hasCopy && !(entry.isTooLarge && again) && list_version(path) == entry.version) return false;
+    if (entry.hasCopy && !(entry.isTooLarge && again) && list_version(path) == entry.version) {
+      entry.fewerSince.reset();
+      return false;
+    }
     const ListFileContent content = read_list_file(path);
     std::string hash = sha256_text(content.text);
+    ReadOnlyList list = ReadOnlyList::parse(content.text, entry.list.kind);
+    if (entry.hasCopy && list.size() < entry.state.names && keepsNames(entry)) return false;
+    entry.fewerSince.reset();
     entry.version = content.version;
     entry.state.modified = content.modified;
     if (entry.hasCopy && !entry.isTooLarge && hash == entry.state.sha256) return false;
     const bool isNew = !entry.hasCopy || hash != entry.state.sha256;
-    entry.list = ReadOnlyList::parse(content.text, entry.list.kind);
+    entry.list = std::move(list);
     entry.hasCopy = true;
     entry.isTooLarge = false;
     entry.room = room_of_list(entry.list);
@@ -153,9 +176,16 @@ bool ReadOnlyLists::refresh() {
   return isChanged;
 }
 
-bool ReadOnlyLists::hasErrors() const {
-  return std::any_of(folders_.begin(), folders_.end(), [](const Folder& folder) { return !folder.error.empty(); }) ||
-         std::any_of(lists_.begin(), lists_.end(), [](const Entry& entry) { return !entry.readError.empty(); });
+std::optional<Steady::time_point> ReadOnlyLists::due() const {
+  bool hasErrors =
+      std::any_of(folders_.begin(), folders_.end(), [](const Folder& each) { return !each.error.empty(); });
+  auto due = Steady::time_point::max();
+  for (const Entry& entry : lists_) {
+    hasErrors = hasErrors || !entry.readError.empty();
+    if (entry.fewerSince) due = std::min(due, *entry.fewerSince + removalDelay_);
+  }
+  if (hasErrors) due = std::min(due, Steady::now() + kRereadInterval);
+  return due == Steady::time_point::max() ? std::nullopt : std::optional(due);
 }
 
 std::vector<const ReadOnlyList*> ReadOnlyLists::inForce(uint64_t ownRoom) {

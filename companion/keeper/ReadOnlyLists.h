@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -16,6 +17,9 @@ namespace orvane {
 uint64_t room_of(std::string_view name);
 inline constexpr uint64_t kMessageRoom = (uint64_t{32} << 20) - 1024;
 
+// If a list cannot be read, it is read again after this time, even if nothing has changed.
+inline constexpr std::chrono::seconds kRereadInterval(60);
+
 // The lists in the folders of read-only lists. While a file cannot be read, its last good copy stays in force. Not
 // thread-safe.
 class ReadOnlyLists {
@@ -26,7 +30,10 @@ class ReadOnlyLists {
 
   // `room`: the room for the names of all lists, the machine's list included. A name that several lists have counts
   // once for each of them.
-  ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room = kMessageRoom);
+  // `removalDelay`: for this time, a list keeps its names if its file is missing or has fewer names. Editors and
+  // programs that copy files remove or empty a file for a moment.
+  ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room = kMessageRoom,
+                std::chrono::milliseconds removalDelay = std::chrono::seconds(1));
 
   // The paths to watch, in the form of PathWatch.
   std::vector<std::string> paths() const;
@@ -34,8 +41,8 @@ class ReadOnlyLists {
   // Reads the files that have changed since the last call. Logs errors and bad lines. Returns whether a list has
   // changed.
   bool refresh();
-  // Whether something could not be read, so that refresh() should be called again after a while.
-  bool hasErrors() const;
+  // When to call refresh() again, even if no file changes.
+  std::optional<std::chrono::steady_clock::time_point> due() const;
 
   // Decides which lists are in force: those that have room beside `ownRoom`, the room of the machine's list, in their
   // order. Logs the others. The pointers are valid until the next call of refresh().
@@ -56,13 +63,18 @@ class ReadOnlyLists {
     bool hasCopy = false;     // `list` has what the file had when it was last read
     bool isTooLarge = false;  // the names are not kept, because the lists before leave too little room
     std::string readError;
+    bool isMissing = false;  // there is no file
+    // Since when the file has been missing, or has had fewer names than `list`.
+    std::optional<std::chrono::steady_clock::time_point> fewerSince;
   };
 
   void findFiles(Folder& folder, std::vector<Entry>& found);
+  bool keepsNames(Entry& entry) const;
   bool read(Entry& entry, bool again);
 
   std::vector<Folder> folders_;
   const uint64_t room_;
+  const std::chrono::milliseconds removalDelay_;
   std::vector<Entry> lists_;
   std::string firstSurplus_;  // the first file after the first kMostLists
 };

@@ -199,7 +199,7 @@ std::string described(ReadOnlyLists& lists, uint64_t ownRoom) {
 
 TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
   const uint64_t one = room_of(".a.example");
-  ReadOnlyLists lists(path("d"), path("s"), 4 * one);
+  ReadOnlyLists lists(path("d"), path("s"), 4 * one, 0ms);
   const auto write = [&](const char* name, const char* text) {
     std::filesystem::create_directories(std::filesystem::path(path(name)).parent_path());
     std::ofstream(path(name)) << text;
@@ -221,6 +221,7 @@ TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
       {"a list without room", [&] { write("s/b.list", "b.example\nc.example"); }, 0,
        ".d.example .e.example .s.example !-!"},
       {"room again", [&] { std::filesystem::remove_all(path("d")); }, 0, ".s.example .b.example .c.example --"},
+      {"fewer names", [&] { write("s/b.list", "b.example"); }, 0, ".s.example .b.example --"},
   };
   for (const auto& step : kSteps) {
     step.change();
@@ -230,6 +231,29 @@ TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
   for (size_t i = 0; i < ReadOnlyLists::kMostLists; ++i) write(("s/0" + std::to_string(i) + ".list").c_str(), "");
   lists.refresh();
   EXPECT_EQ(described(lists, 0), std::string(ReadOnlyLists::kMostLists, '-')) << "the files after the limit";
+}
+
+TEST_F(Keeper, KeepsTheNamesOfAReadOnlyListThatIsBrieflyGone) {
+  const auto write = [&](const char* text) { std::ofstream(path("d.list")) << text; };
+  const struct {
+    const char* description;
+    std::function<void()> change;
+    bool isWaiting;
+    const char* outcome;
+  } kSteps[] = {
+      {"a list", [&] { write("a.example\nb.example"); }, false, ".a.example .b.example -"},
+      {"half written", [&] { write("a.example"); }, true, ".a.example .b.example -"},
+      {"removed", [&] { unlink(path("d.list").c_str()); }, true, ".a.example .b.example -"},
+      {"back", [&] { write("c.example\nd.example"); }, false, ".c.example .d.example -"},
+      {"empty", [&] { write(""); }, true, ".c.example .d.example -"},
+  };
+  ReadOnlyLists lists(path(""), path("s"), kMessageRoom, 24h);
+  for (const auto& step : kSteps) {
+    step.change();
+    lists.refresh();
+    EXPECT_EQ(lists.due().has_value(), step.isWaiting) << step.description;
+    EXPECT_EQ(described(lists, 0), step.outcome) << step.description;
+  }
 }
 
 // Stands in for a running keeper: has locked the state file, and publish() writes the state to it.
