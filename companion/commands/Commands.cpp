@@ -372,9 +372,11 @@ class HelpFormatter : public CLI::Formatter {
  public:
   HelpFormatter() { label("SUBCOMMAND", "COMMAND"); }
   std::string make_footer(const CLI::App* app) const override {
-    const std::string footer = CLI::Formatter::make_footer(app);
-    if (app->get_parent() == nullptr) return footer;
-    return footer + "\nOptions of all commands, such as --json and --list: see orvanectl --help\n";
+    std::string footer = CLI::Formatter::make_footer(app);
+    if (app->get_parent() != nullptr) {
+      footer += "\nOptions of all commands, such as --json and --list: see orvanectl --help\n";
+    }
+    return footer;
   }
 };
 
