@@ -414,7 +414,7 @@ int run(int argc, const char* const* argv) {
     std::string fault = error.what();  // may contain all words of a long command line
     if (fault == "A subcommand is required") fault = "a command is missing";
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError))
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) && fault.find(" -") != std::string::npos)
       fault += ": if a name begins with a hyphen, write -- before it";
     throw InputError("bad command line: " + fault + ": see " + path + " --help");
   }

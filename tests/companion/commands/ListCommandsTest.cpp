@@ -89,6 +89,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "gone.example and its subdomains: blocked\ngone.example and its subdomains: removed from the list\n"},
       {"export --json", 0, "[]\n"},
       {"import '%.none'", 1, ""},
+      {"import a b 2>&1 | sed -n '1s/.*expected: //p'", 0, "b: see orvanectl import --help\n"},
       {"--json import - <<'E' | grep -o '\"skippedRules\":.'\n||a.example^\n||a.example/x^\nE", 0,
        "\"skippedRules\":1\n"},
       {"import --undo >'%.out'; '" ORVANECTL "' --list '%' group add work", 0, "work: added, without sites\n"},
