@@ -10,10 +10,10 @@
 #include <utility>
 
 #include "companion/keeper/KeeperLog.h"
-#include "companion/keeper/Sha256.h"
 #include "companion/list/ListFile.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
+#include "companion/text/Sha256.h"
 #include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {

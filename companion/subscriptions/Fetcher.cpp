@@ -28,6 +28,7 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/text/ServiceLog.h"
+#include "companion/text/Sha256.h"
 #include "companion/watch/PathWatch.h"
 #include "companion/watch/Timer.h"
 #include "platform/files/Descriptor.h"
@@ -63,7 +64,7 @@ void log(LogLevel level, const std::string& text) { service_log("orvane-fetcher"
 
 // Identifies where a copy comes from: only copies from the same source are compared with each other.
 std::string source_of(const Subscription& subscription) {
-  return sha256_of(subscription.url + " " + subscription.key).substr(0, 16);
+  return sha256_text(subscription.url + " " + subscription.key).substr(0, 16);
 }
 
 struct FreeHandles {
@@ -343,7 +344,7 @@ class Fetcher {
     if (isSameSource && signedAt < state.signedAt)  // no time is before any time
       throw InputError(
           "it was signed before the copy that is in force, or without a time: if this list is wanted, sign it again");
-    const std::string hash = sha256_of(fetched.body);
+    const std::string hash = sha256_text(fetched.body);
     if (!isSameSource || state.group != subscription.group || state.sha256 != hash) {
       writeUnfinished(subscription.name);
       // Write no time into the file, so that machines with the same list have files with the same digest.

@@ -66,15 +66,11 @@ std::optional<Moment> timestamp_in(std::string_view comment) {
   return Moment(std::chrono::seconds(std::clamp<int64_t>(seconds, 0, kLatest)));
 }
 
-void require_sodium() {
-  if (sodium_init() < 0) throw std::runtime_error("libsodium does not start");
-}
-
 }  // namespace
 
 SignedFile verify_signature(std::string_view content, std::string_view signature, std::string_view key) {
   constexpr std::string_view kTrusted = "trusted comment: ";
-  require_sodium();
+  if (sodium_init() < 0) throw std::runtime_error("libsodium does not start");
   std::array<char, kKeySize> publicKey{};
   if (!decode(key, publicKey) || part(publicKey, 0, kAlgorithmSize) != "Ed")
     throw InputError("the subscription's key is no public key of minisign: give another one with --key");
@@ -100,16 +96,6 @@ SignedFile verify_signature(std::string_view content, std::string_view signature
   if (!is_signed(part(ofComment, 0, crypto_sign_BYTES), std::string(bytes).append(comment), signer))
     throw InputError("the signature of its trusted comment is wrong: the comment was changed after it was signed");
   return {std::string(comment), timestamp_in(comment)};
-}
-
-std::string sha256_of(std::string_view content) {
-  require_sodium();
-  std::array<unsigned char, crypto_hash_sha256_BYTES> hash{};
-  crypto_hash_sha256(hash.data(), bytes_of(content), content.size());
-  std::string text(2 * hash.size() + 1, '\0');
-  sodium_bin2hex(text.data(), text.size(), hash.data(), hash.size());
-  text.pop_back();
-  return text;
 }
 
 }  // namespace orvane

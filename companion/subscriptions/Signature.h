@@ -19,7 +19,4 @@ struct SignedFile {
 // the key is invalid.
 SignedFile verify_signature(std::string_view content, std::string_view signature, std::string_view key);
 
-// The SHA-256 of the content, in hexadecimal.
-std::string sha256_of(std::string_view content);
-
 }  // namespace orvane

@@ -1,4 +1,4 @@
-#include "companion/keeper/Sha256.h"
+#include "companion/text/Sha256.h"
 
 #include <nettle/base16.h>
 #include <nettle/sha2.h>
