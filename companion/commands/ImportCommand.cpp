@@ -84,7 +84,8 @@ std::vector<HeldBack> find_blockings(const BlockList& list, const ImportedSites&
   return blockings;
 }
 
-// What holds back the imported exceptions and suspensions, and how many of them. `list`: before the import.
+// The locks, delays and other reasons that hold back imported exceptions and suspensions; with each reason, how many it
+// holds back. `list`: the list before the import.
 std::vector<std::pair<HeldBack, size_t>> find_openings(const CommonOptions& options, const BlockList& list,
                                                        const ImportedSites& read,
                                                        const std::optional<KeeperState>& keeper, Moment now) {

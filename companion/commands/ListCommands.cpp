@@ -340,7 +340,7 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
                      });
 }
 
-// The path of the read-only list with this name, which may be its path, or its file's name without the ending.
+// The path of a read-only list. `name` is the path of its file, or the file's name with or without `.list`.
 std::string read_only_path(const CommonOptions& options, const std::string& name) {
   if (name.find('/') != std::string::npos) return name;
   for (const std::string& folder : {options.dropInsPath, options.subscriptionsPath}) {

@@ -83,7 +83,8 @@ struct KeeperState {
 // The state file of the keeper that runs as a service.
 inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
 
-// The list that is in force, in the form of the list's file, if KeeperState::isGuarded is set.
+// The path of a file beside the state file, to which the keeper writes the list that is in force, in the format of the
+// machine's list. The file exists only while KeeperState::isGuarded is set.
 std::string list_in_force_path(const std::string& statePath);
 
 // Takes the lock on the file `path`.lock, so that only one keeper at a time writes the state. Returns a descriptor that

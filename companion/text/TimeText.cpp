@@ -325,7 +325,8 @@ std::optional<std::vector<Moment>> read_local(std::string_view text, Moment now)
   return moments;
 }
 
-// Nothing if the text is not a duration. If the text says that it is one, by "in" or "+", throws for a bad duration.
+// The moment that is the given duration after `now`, or nothing if the text is not a duration. If the text says that it
+// is one, by "in" or "+", throws for a bad duration.
 std::optional<Moment> read_from_now(std::string_view text, Moment now) {
   for (std::string_view prefix : {"in ", "+"}) {
     if (text.starts_with(prefix)) return now + read_duration(text.substr(prefix.size()));

@@ -91,7 +91,7 @@ class ProcessInformation {
   // users at once, but overlayfs asks FUSE with the rights of the user who mounted the overlay.
   std::optional<std::string> flatpakInformation() const;
 
-  // The open directory of the process.
+  // The descriptor of the process's directory in /proc.
   int directory() const { return directory_.get(); }
 
  private:
