@@ -5,14 +5,15 @@ import os
 import pathlib
 import shutil
 import subprocess
+import time
 
 from extension import Failure
 from fetcher import LARGEST, Fetcher, ListServer, sign
-from harness import ALLOW, DROP, PYTHON, World, becomes, check, connect
+from harness import ALLOW, DROP, PYTHON, World, becomes, check, connect, wait_until
 from keeper import Keeper
 from web_servers import make_certificate
 
-HOST, ADDRESS, IMPOSTOR = "lists.example", "127.0.0.7", "127.0.0.8"
+HOST, ADDRESS, IMPOSTOR, LINK_LOCAL = "lists.example", "127.0.0.7", "127.0.0.8", "169.254.1.1"
 URL = f"https://{HOST}/big"
 NAMES = 200_000
 BIG = "".join(f"||n{i}.example^\n" for i in range(NAMES)).encode()
@@ -82,18 +83,33 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
         check(sent["If-None-Match"] + sent["If-Modified-Since"], "".join(validators.values()), "the conditions sent")
         world.addresses[HOST] = [IMPOSTOR]
         lists.expect("another certificate", ["refresh"], "certificate is not valid", "big", big)
+        subprocess.run(["ip", "address", "add", LINK_LOCAL, "dev", "lo"], check=True)
+        _server(world, LINK_LOCAL)
+        for address in LINK_LOCAL, f"::ffff:{LINK_LOCAL}":
+            world.addresses[HOST] = [address]
+            lists.expect("a link-local address", ["refresh"], "no server answers", "big", big)
         world.addresses[HOST] = [ADDRESS]
         server.answers["/big"] = lambda handler: handler.answer(b"", 302, Location=f"https://{HOST}/moved")
         server.answers["/moved"] = lambda handler: handler.answer(gzip.compress(BIG), Content_Encoding="gzip")
         lists.expect("a redirect, and gzip", ["refresh", URL], f"{NAMES} names, unchanged", "big", big)
         server.answers["/big"] = lambda handler: handler.answer(b"one.example\n")
         lists.expect("a list that has shrunk", ["refresh", "big"], f"from {NAMES} to 1 names", "big", big)
+        fetcher.subscriptions.write_text(fetcher.subscriptions.read_text().replace("/big", "/big group=ads"))
+        lists.expect("in another group", ["refresh", "big"], f"from {NAMES} to 1 names", "big", big)
+        fetcher.subscriptions.write_text(fetcher.subscriptions.read_text().replace(" group=ads", ""))
+        exceptions = b"@@" + BIG.replace(b"\n", b"\n@@") + b"||one.example^\none.example\n"
+        server.answers["/big"] = lambda handler: handler.answer(exceptions)
+        lists.expect("exceptions in place of names", ["refresh", "big"], f"from {NAMES} to 0 names", "big", big)
+        server.answers["/big"] = lambda handler: handler.answer(b"one.example\n")
+        lists.expect("the list that has shrunk again", ["refresh", "big"], f"from {NAMES} to 1 names", "big", big)
         lists.expect("after a yes", ["refresh", "big", "--accept"], "big: 1 name;", "big", ["one.example"])
         server.answers["/evil"] = lambda handler: handler.answer(b"\r\n".join(EVIL))
         lookalike = "xn--pypal-4ve.example"
         lists.expect("evil names", ["subscribe", f"https://{HOST}/evil", "--group", "ads"], "5 rejected",
                      "lists-example", ["[group ads]", "good.example", "-rf.example", lookalike])
         _check_signatures(lists)
+        _check_requests(lists)
+        _check_kill(lists)
         # The extension judges only browsers, so the fetcher gets its lists even from a blocked host.
         extension = world.extension(PYTHON)
         keeper = Keeper(extension, world.directory / "keeper")
@@ -108,6 +124,47 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
         lists.expect("unsubscribe", ["unsubscribe", "lists-example"], "unsubscribed", "big", ["two.example"])
         lists.expect("the lists", ["subscriptions"], "big", "big", ["two.example"])
     check(fetcher.in_force("lists-example"), None, "the list of a removed subscription")
+    # Without its state, the fetcher would accept a list that was signed before the copy in force.
+    fetcher.state.write_text("{}")
+    try:
+        with fetcher:
+            raise Failure("the fetcher runs without its state")
+    except Failure as failure:
+        if "not a fetcher's state" not in str(failure):
+            raise
+    check(fetcher.in_force("big"), ["two.example"], "the copy that stays in force")
+
+
+def _check_requests(lists: _Lists) -> None:
+    """Members of the group write the file of the requests, and may remove what others wait for."""
+    requests, one = lists.fetcher.requests, ["one.example"]
+    requests.write_text(f"big {2 ** 64 - 1}\n" + "".join(f"a{i} 7\n" for i in range(150)))
+    for what in "after the greatest number, and requests for others", "again":
+        count = len(lists.server.requests)
+        lists.expect(what, ["refresh", "big"], "unchanged", "big", one)
+        check(len(lists.server.requests) > count, True, "the list was asked for")
+    check(len(requests.read_text().splitlines()) < 10, True, "the requests for others are gone")
+    lists.server.answers["/slow"] = lambda handler: handler.trickle()
+    process = lists.fetcher.start_control("subscribe", f"https://{HOST}/slow", "--name", "slow")
+    wait_until(lambda: "/slow" in [path for path, _ in lists.server.requests], "the request for the list")
+    lists.fetcher.control("unsubscribe", "slow")
+    with process:
+        check("removed before it was fetched" in process.communicate(timeout=60)[0], True, "the wait ends")
+
+
+def _check_kill(lists: _Lists) -> None:
+    """A list that ends the fetcher while it is read must not end it again at once."""
+    fetcher, server = lists.fetcher, lists.server
+    server.answers["/big"] = lambda handler: handler.answer(BIG)
+    count = len(server.requests)
+    with fetcher.start_control("refresh", "big"):
+        wait_until(lambda: "the service ended while" in fetcher.state.read_text(), "the fetcher reads the list")
+        fetcher.kill()
+    fetcher.start()
+    time.sleep(1)
+    check(len(server.requests), count + 1, "requests for the list")
+    server.answers["/big"] = lambda handler: handler.answer(b"one.example\n")
+    lists.expect("after a kill", ["refresh", "big"], "big: 1 name", "big", ["one.example"])
 
 
 def _check_signatures(lists: _Lists) -> None:
@@ -146,6 +203,8 @@ def _check_signatures(lists: _Lists) -> None:
         ("a changed trusted comment", "second", signature("second", 1000).replace(b":1000", b":3000"),
          "trusted comment is wrong", first),
         ("an older signature", "second", signature("second", 1000), "was signed before", first),
+        ("a signature without a time", "second", signature("second", 3000, "own", "-t", "later"),
+         "without a time", first),
         ("no signature any more", "second", None, "it is not signed", first),
         ("a signature in the older form", "second", signature("second", 3000, "own", "-l"), "signed: 1 name",
          ["second.example"]),
