@@ -54,7 +54,7 @@ bool ends_open_connections() { return extension_setting("OrvaneOpenConnections")
 std::string browser_list_fault() {
   const auto url = bundle_copy_resource_url(bundle_get_main(), "Browsers", "plist");
   const auto path = url ? path_of_file_url(*url) : std::nullopt;
-  if (!path) return "the bundle has no Browsers.plist";
+  if (!path) return "the bundle has no Browsers.plist: see orvanectl doctor";
   const BrowserList list = read_browser_list(*path);
   return list.fault.empty() ? "" : list.path + " " + list.fault;
 }

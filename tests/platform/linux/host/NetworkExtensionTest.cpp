@@ -106,7 +106,8 @@ TEST(ProviderHost, ReportsItsStartToTheServiceManager) {
 TEST(ProviderHost, ReportsAFaultyBrowserListToTheServiceManager) {
   TemporaryFolder folder;
   const std::pair<std::optional<std::string>, std::string> kCases[] = {
-      {std::nullopt, "Filtering nothing: no browser is recognised: the bundle has no Browsers.plist;"},
+      {std::nullopt,
+       "Filtering nothing: no browser is recognised: the bundle has no Browsers.plist: see orvanectl doctor;"},
       {file_url_of_path(folder.write("bad", "firefox").string()), "bad is not a property list with an array;"},
       {file_url_of_path(
            folder.write("good", "<plist version=\"1.0\"><array><string>a</string></array></plist>").string()),
