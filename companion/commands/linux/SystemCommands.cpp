@@ -6,11 +6,11 @@
 #include "companion/commands/GroupCommands.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/commands/ListCommands.h"
-#include "companion/commands/SiteCommands.h"
 #include "companion/commands/SubscriptionCommands.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ReadOnlyList.h"
+#include "companion/sites/SiteCommands.h"
 #include "companion/statistics/Statistics.h"
 
 namespace orvane {

@@ -1,4 +1,4 @@
-#include "companion/commands/SiteSelection.h"
+#include "companion/sites/SiteSelection.h"
 
 #include <algorithm>
 #include <iterator>

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "companion/commands/SiteCommands.h"
 #include "companion/list/BlockList.h"
+#include "companion/sites/SiteCommands.h"
 
 namespace orvane {
 

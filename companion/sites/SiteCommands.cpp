@@ -1,4 +1,4 @@
-#include "companion/commands/SiteCommands.h"
+#include "companion/sites/SiteCommands.h"
 
 #include <unistd.h>
 
