@@ -150,7 +150,7 @@ class LinuxClient final : public Client {
   static void check(const ValueSize& size) {
     if (!size.fits()) {
       throw ClientError("an argument is too large for one message (at most " + std::to_string(kMaximumElements) +
-                        " elements, " + std::to_string(kMaximumMessageWords * sizeof(capnp::word) >> 20) + " MiB, " +
+                        " elements, " + std::to_string(kMaximumCallWords * sizeof(capnp::word) >> 20) + " MiB, " +
                         std::to_string(kMaximumNesting) + " containers deep): send less");
     }
   }

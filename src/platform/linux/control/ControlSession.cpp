@@ -55,9 +55,10 @@ class LargeMessageBudget {
 LargeMessageBudget large_message_budget;
 
 // Limit on the memory of all values: the values that the extension stores, and the arguments of the calls that are
-// being carried out. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
-constexpr uint64_t kValueBudget = uint64_t{512} << 20;
+// being carried out: 512 MiB. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its
+// message.
 constexpr uint64_t kValueBytesPerByte = 4;
+constexpr uint64_t kValueBudget = kMaximumCallWords * sizeof(capnp::word) * kValueBytesPerByte;
 
 // Counts the memory for the arguments of one call against kValueBudget, while the call is carried out. Thread-safe.
 class ValueReservation {

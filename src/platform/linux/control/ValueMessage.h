@@ -12,6 +12,8 @@ namespace orvane {
 
 // Limits of one message. For comparison: a host name takes about seven words.
 inline constexpr uint64_t kMaximumMessageWords = 32 << 20;
+// The receiver refuses a call in a larger message, because its values could take more memory than the limit.
+inline constexpr uint64_t kMaximumCallWords = 16 << 20;
 inline constexpr uint64_t kMaximumElements = 4 << 20;  // values of any kind, in one message
 inline constexpr unsigned kMaximumNesting = 32;        // depth of containers within containers
 
@@ -21,10 +23,10 @@ struct ValueSize {
   uint64_t elements = 0;
   unsigned nesting = 0;  // depth of containers; measuring stops at kMaximumNesting + 1
 
-  // Whether the receiver accepts a message with this value as the only argument.
+  // Whether the receiver accepts a call with this value as the only argument.
+  static constexpr uint64_t kEnvelopeWords = 1024;
   bool fits() const {
-    constexpr uint64_t kEnvelopeWords = 1024;
-    return words + kEnvelopeWords <= kMaximumMessageWords && elements <= kMaximumElements && nesting <= kMaximumNesting;
+    return words + kEnvelopeWords <= kMaximumCallWords && elements <= kMaximumElements && nesting <= kMaximumNesting;
   }
 };
 ValueSize measure(const Value& value);
