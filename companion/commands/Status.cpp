@@ -34,11 +34,14 @@ struct Status {
   std::optional<RecognitionFault> browsers;
   std::vector<SubscriptionState> subscriptions;
 
-  // Whether the extension has the names of the lists, and recognises browsers.
-  bool hasExtension() const {
+  // Whether the extension has names from the keeper, and recognises browsers.
+  bool isFiltering() const {
     // `extension.answers` is not required: an extension that refuses this user may still answer the keeper.
-    return keeper && keeper->connected && !keeper->extensionError && !extension.isUnresponsive &&
-           !(browsers && browsers->isInForce);
+    return keeper && keeper->connected && !extension.isUnresponsive && !(browsers && browsers->isInForce);
+  }
+  bool hasExtension() const { return isFiltering() && !keeper->extensionError; }  // it has the names of all lists
+  bool isInForce(const KeeperState::ListState& list) const {
+    return (hasExtension() || (isFiltering() && keeper->hasOnlyGuarded)) && keeper->sends(list);
   }
   bool isInForce() const { return hasExtension() && !keeper->listError && keeper->sentVersion == keeper->listVersion; }
 };
@@ -70,7 +73,7 @@ nlohmann::json lists_json(const Status& status, Moment now) {
                      {"sha256", list.sha256.empty() ? nlohmann::json() : nlohmann::json(list.sha256)},
                      {"modified", json_or_null(list.modified)},
                      {"age", age},
-                     {"inForce", status.hasExtension() && list.isInForce},
+                     {"inForce", status.isInForce(list)},
                      {"error", json_or_null(list.error)}});
   };
   KeeperState::ListState own;
@@ -79,7 +82,9 @@ nlohmann::json lists_json(const Status& status, Moment now) {
   own.badLines = keeper.badLines;
   own.sha256 = keeper.listSha256;
   own.modified = keeper.listModified;
-  own.isInForce = keeper.sentVersion == keeper.listVersion;
+  const bool isRead = !keeper.listError || !keeper.listVersion.empty();
+  own.isInForce = isRead && keeper.sentVersion == keeper.listVersion;
+  own.isSuspendable = true;
   own.error = keeper.listError;
   add("machine", own);
   for (const auto& list : keeper.readOnlyLists) add(list.isDropIn ? "drop-in" : "subscription", list);

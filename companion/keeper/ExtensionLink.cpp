@@ -79,31 +79,33 @@ void ExtensionLink::attend(const HeldNames* list) {
   const bool isEdited = state_.changesOfOthers > 0;
   if (list != nullptr) undone_ += state_.changesOfOthers;
   logUndone();
-  const bool isRefused = holdsGuarded_ && Clock::now() < sendWholeAt_;
+  const bool isRefused = state_.hasOnlyGuarded && Clock::now() < sendWholeAt_;
   if (list == nullptr || ((isInSync_ || isRefused) && !isEdited)) return;
   if (isEdited) {
     vigilantUntil_ = Clock::now() + kVigilance;
     addGuarded();
   }
   isRefused ? sendGuarded() : send(nullptr, *list);
-  if (isEdited && (isInSync_ || holdsGuarded_)) due_ = Clock::now();
+  if (isEdited && (isInSync_ || state_.hasOnlyGuarded)) due_ = Clock::now();
 }
 
 // Adds the guarded names, with one message for each name. Call this before the whole list is sent, because sending the
 // whole list takes longer. For many guarded names this is not true, so the function then does nothing.
 void ExtensionLink::addGuarded() {
-  if (guarded_.empty() || guarded_.size() > kLargestDifference) return;
-  attempt(kCallTimeout, [this](CallTimeout&) { client_->addHostnames(guarded_); });
+  if (guarded_.size() == 0 || guarded_.size() > kLargestDifference) return;
+  const std::vector<std::string> names(guarded_.begin(), guarded_.end());
+  attempt(kCallTimeout, [&](CallTimeout&) { client_->addHostnames(names); });
 }
 
 void ExtensionLink::logUndone() {
   if (undone_ == 0 || Clock::now() < logUndoneAt_) return;
-  keeper_log(LogLevel::Notice, "a group is locked: undoing " + counted(undone_, "edit", "edits") + " by other clients");
+  keeper_log(LogLevel::Notice, "a group is locked, or a list of the administrator is in force: undoing " +
+                                   counted(undone_, "edit", "edits") + " by other clients");
   undone_ = 0;
   logUndoneAt_ = Clock::now() + kLogInterval;
 }
 
-void ExtensionLink::undoEdits(bool enabled, std::vector<std::string> guarded) {
+void ExtensionLink::undoEdits(bool enabled, PackedNames guarded) {
   guarded_ = std::move(guarded);
   if (enabled == undoesEdits_) return;
   undoesEdits_ = enabled;
@@ -117,7 +119,7 @@ void ExtensionLink::undoEdits(bool enabled, std::vector<std::string> guarded) {
 ExtensionLink::Clock::time_point ExtensionLink::nextCheck() const {
   if (!undoesEdits_) return Clock::time_point::max();
   const auto now = Clock::now();
-  return now + ((isInSync_ || holdsGuarded_) && now < vigilantUntil_ ? kVigilantInterval : kCheckInterval);
+  return now + ((isInSync_ || state_.hasOnlyGuarded) && now < vigilantUntil_ ? kVigilantInterval : kCheckInterval);
 }
 
 void ExtensionLink::onSocketEvent() {
@@ -175,7 +177,7 @@ bool ExtensionLink::connect() {
 }
 
 void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
-  isInSync_ = holdsGuarded_ = false;
+  isInSync_ = state_.hasOnlyGuarded = false;
   uint64_t edits = 0;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
     const bool isWhole = before == nullptr || needs_whole_list(*before, after);
@@ -200,25 +202,26 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
     keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
   state_.extensionError = failure;
   sendWholeAt_ = Clock::now() + kRefusalInterval;
-  if (!guarded_.empty()) sendGuarded();
+  if (guarded_.size() > 0) sendGuarded();
 }
 
 // Replaces the extension's names by the guarded ones, because the extension has not taken the whole list.
 void ExtensionLink::sendGuarded() {
-  holdsGuarded_ = false;
+  state_.hasOnlyGuarded = false;
   const std::string failure =
       attempt(kCallTimeout + std::chrono::seconds(guarded_.size() / kNamesPerSecond), [&](auto&) {
         expectedChanges_ = client_->changesCount() + 1;
-        client_->setHostnames(guarded_, nullptr);
+        client_->setHostnames(std::vector<std::string>(guarded_.begin(), guarded_.end()), nullptr);
         readChangesCount();
-        holdsGuarded_ = true;
+        state_.hasOnlyGuarded = true;
       });
   if (failure == kUnresponsive) return disconnect(failure);
-  if (!holdsGuarded_) return;
+  if (!state_.hasOnlyGuarded) return;
   state_.sentVersion.reset();
   state_.sentNames = guarded_.size();
   const std::string count = counted(guarded_.size(), "name", "names");
-  const std::string text = "the extension has only the names of groups with a lock or a delay: " + count;
+  const std::string text =
+      "the extension has only the names of the administrator's lists and of groups with a lock or a delay: " + count;
   if (text != loggedSent_) keeper_log(LogLevel::Notice, text);  // after an undo, it has the same names as before
   loggedSent_ = text;
 }
@@ -265,6 +268,7 @@ void ExtensionLink::scheduleRetry(const std::string& reason) {
   state_.sentNames = 0;
   state_.sentAt.reset();
   state_.extensionError = reason;
+  state_.hasOnlyGuarded = false;
   if (sockets_) {
     sockets_->arm();
   } else {

@@ -9,6 +9,7 @@
 
 #include "companion/client/Client.h"
 #include "companion/keeper/KeeperState.h"
+#include "companion/list/PackedNames.h"
 #include "companion/watch/PathWatch.h"
 
 namespace orvane {
@@ -41,7 +42,7 @@ class ExtensionLink {
   // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
   // `guarded`: the names that must not be missing. An undo adds them first. If the extension does not take the whole
   // list, the extension gets only these names.
-  void undoEdits(bool enabled, std::vector<std::string> guarded);
+  void undoEdits(bool enabled, PackedNames guarded);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
   void onSocketEvent();
@@ -84,8 +85,7 @@ class ExtensionLink {
   // Used while connected.
   bool hasConnectedBefore_ = false;
   bool undoesEdits_ = false;
-  std::vector<std::string> guarded_;  // sorted
-  bool holdsGuarded_ = false;         // the extension has not taken the list, and has only guarded_
+  PackedNames guarded_;
   Clock::time_point sendWholeAt_ = Clock::time_point::min();
   Clock::time_point vigilantUntil_ = Clock::time_point::min();
   uint64_t undone_ = 0;  // edits by other clients that were undone, and are not logged yet

@@ -102,11 +102,10 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
-    // Reading a large list takes long, so send the names of the guarded groups first.
-    if (guard_.isActive()) {
-      enforce(guard_.guardedList(), {});
-      link_.attend(known());
-    }
+    // Reading a large list takes long, so send first the names that the members' lists must not delay.
+    if (guard_.isActive()) enforceGuarded();
+    refreshReadOnlyLists();
+    if (readOnlyLists_.hasFixed()) enforceGuarded();
     attend({});
     for (;;) {
       publish();
@@ -142,8 +141,10 @@ class Keeper {
   void onListChange();
   void readList();
   void onListError(const std::string& error);
+  void enforceGuarded();
   void enforce(const BlockList& list, HeldNames others);
   void enforceOwn(HeldNames own);
+  void undoEdits(std::vector<RankedNames> lists);
   HeldNames own() const;
   void take(HeldNames list);
   static Moment timerMoment(const HeldNames& list);
@@ -194,7 +195,8 @@ class Keeper {
     HeldNames rest;  // without names
   };
   std::optional<OwnNames> own_;
-  std::map<std::string, bool, std::less<>> isGroupInForce_;  // the groups of the machine's list
+  PackedNames guarded_;  // the names of guarded groups that are in force
+  ReadOnlyList::GroupsInForce groupsInForce_;
   std::string lastLoggedFaults_;
   ExtensionLink link_;
 };
@@ -304,6 +306,12 @@ void Keeper::onListError(const std::string& error) {
   enforce(guard_.guardedList(), std::move(others));
 }
 
+// For the start: sends the names of the guarded groups and of the read-only lists, without the machine's list.
+void Keeper::enforceGuarded() {
+  enforce(guard_.guardedList(), {});
+  link_.attend(known());
+}
+
 // Sends those names of the machine's list that the extension must hold now, the names of `others`, and the names of the
 // read-only lists.
 void Keeper::enforce(const BlockList& list, HeldNames others) {
@@ -318,39 +326,44 @@ void Keeper::enforce(const BlockList& list, HeldNames others) {
                    std::back_inserter(names));
     held.names = std::move(names);
   }
-  std::vector<std::string> guarded;
+  guarded_ = {};
   if (guard_.isActive())
-    guarded = held_names(guard_.guardedList(), now.wall, guard_.statesOf(guard_.guardedList(), now)).names;
-  link_.undoEdits(guard_.isLocked(), std::move(guarded));
-  isGroupInForce_.clear();
-  for (size_t i = 0; i < list.groups().size(); ++i) isGroupInForce_[list.groups()[i].name] = states.isInForce[i];
+    guarded_ =
+        PackedNames(held_names(guard_.guardedList(), now.wall, guard_.statesOf(guard_.guardedList(), now)).names);
+  groupsInForce_.clear();
+  for (size_t i = 0; i < list.groups().size(); ++i) groupsInForce_[list.groups()[i].name] = states.isInForce[i];
   enforceOwn(std::move(held));
 }
 
 // Sends the names of the machine's list and of the read-only lists.
 void Keeper::enforceOwn(HeldNames own) {
-  uint64_t room = 0;
-  for (const std::string& name : own.names) room += room_of(name);
-  const std::vector<const ReadOnlyList*> lists = readOnlyLists_.inForce(room);
+  std::vector<RankedNames> parts = readOnlyLists_.inForce(room_of_all(own.names), groupsInForce_);
   state_.readOnlyLists = readOnlyLists_.states();
   own_.reset();
   areListsChanged_ = false;
-  if (lists.empty()) return take(std::move(own));
+  undoEdits(parts);
+  if (parts.empty()) return take(std::move(own));
   own_.emplace();
-  own_->names = PackedNames(std::vector<std::string_view>(own.names.begin(), own.names.end()));
+  own_->names = PackedNames(own.names);
   own.names = {};
   own_->rest = own;
-  std::vector<RankedNames> parts{{Rank::Own, &own_->names}};
-  for (const ReadOnlyList* list : lists) {
-    for (const auto& section : list->sections) {
-      const auto group = isGroupInForce_.find(section.group);
-      if (group == isGroupInForce_.end() || group->second) parts.push_back({list->rank(), &section.names});
-    }
-  }
+  parts.push_back({Rank::Own, &own_->names});
   own.names = unite(parts, own.suspended);
   std::erase_if(own.suspended,
                 [&](const auto& entry) { return std::binary_search(own.names.begin(), own.names.end(), entry.first); });
   take(std::move(own));
+}
+
+// Lets the link undo edits of other clients while a group is locked, and while a list of the administrator has names
+// that the members may not take out of force.
+void Keeper::undoEdits(std::vector<RankedNames> lists) {
+  std::erase_if(lists, [](const RankedNames& list) { return list.rank != Rank::Fixed; });
+  const bool isEnabled = guard_.isLocked() || !lists.empty();
+  lists.push_back({Rank::Own, &guarded_});
+  std::vector<std::string> names = unite(lists, {});
+  // If there is no room for both, the names of the administrator come first.
+  if (room_of_all(names) > kMessageRoom) names = unite(std::span(lists).first(lists.size() - 1), {});
+  link_.undoEdits(isEnabled, PackedNames(names));
 }
 
 HeldNames Keeper::own() const {

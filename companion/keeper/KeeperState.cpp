@@ -117,6 +117,7 @@ KeeperState state_of(const Json& json) {
   extension.read("changes", state.changes);
   extension.read("changesOfOthers", state.changesOfOthers);
   extension.read("error", state.extensionError);
+  extension.read("onlyGuarded", state.hasOnlyGuarded);
   return state;
 }
 
@@ -165,7 +166,8 @@ Json to_json(const KeeperState& state) {
             {"sentAt", json_or_null(state.sentAt)},
             {"changes", state.changes},
             {"changesOfOthers", state.changesOfOthers},
-            {"error", json_or_null(state.extensionError)}}}};
+            {"error", json_or_null(state.extensionError)},
+            {"onlyGuarded", state.hasOnlyGuarded}}}};
 }
 
 std::string list_in_force_path(const std::string& statePath) { return statePath + ".list"; }

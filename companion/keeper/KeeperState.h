@@ -78,6 +78,14 @@ struct KeeperState {
   uint64_t changes = 0;                       // the extension's count of edits when last read
   uint64_t changesOfOthers = 0;               // of these, edits by other clients since the keeper sent the whole list
   std::optional<std::string> extensionError;  // why there is no connection, or why the list was not accepted
+  // The extension has not accepted the list, and has only the names that must not be missing: those of groups with a
+  // lock or a delay, and those of drop-ins that are not suspendable.
+  bool hasOnlyGuarded = false;
+
+  // Whether the keeper sends the names of this list.
+  bool sends(const ListState& list) const {
+    return list.isInForce && (!hasOnlyGuarded || (list.isDropIn && !list.isSuspendable));
+  }
 };
 
 // The state file of the keeper that runs as a service.

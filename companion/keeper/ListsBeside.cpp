@@ -63,7 +63,7 @@ bool is_blocked(const BlockList& list, const std::vector<ListPart>& parts, const
       names.push_back(name_of(site));
     }
   });
-  const PackedNames own(std::vector<std::string_view>(names.begin(), names.end()));
+  const PackedNames own(names);
   std::erase_if(suspended, [&](const auto& entry) { return own.contains(entry.first); });
   std::vector<RankedNames> lists{{Rank::Own, &own}};
   for (const ListPart& part : parts) {
@@ -86,7 +86,7 @@ std::string line_text(const LineBeside& line) {
 
 ListsBeside::ListsBeside(const std::optional<KeeperState>& keeper) {
   if (!keeper) return;
-  for (const auto& group : keeper->groups) isGroupInForce_[group.name] = group.isInForce;
+  for (const auto& group : keeper->groups) groups_[group.name] = group.isInForce;
   for (const auto& list : keeper->readOnlyLists) {
     if (list.isInForce)
       files_.push_back({list.path, list.isDropIn ? ListKind::DropIn : ListKind::Subscription, std::nullopt});
@@ -107,10 +107,8 @@ std::vector<ListPart> ListsBeside::partsAbout(const std::string& host) {
     const bool isFetched = file.kind == ListKind::Subscription;
     const std::string lines = isFetched ? lines_with(*file.text, covering.back()) : *file.text;
     parts.push_back({file.path, ReadOnlyList::parse(lines, file.kind)});
-    std::erase_if(parts.back().list.sections, [&](const auto& section) {
-      const auto group = isGroupInForce_.find(section.group);
-      return group != isGroupInForce_.end() && !group->second;
-    });
+    ReadOnlyList& list = parts.back().list;
+    std::erase_if(list.sections, [&](const auto& section) { return !list.isInForce(section, groups_); });
   }
   return parts;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <deque>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,7 +21,7 @@ struct LineBeside {
 // The lines of a read-only list that may concern a host: at least those whose host ends in its registrable domain.
 struct ListPart {
   std::string path;
-  ReadOnlyList list;  // only the sections of groups that are in force
+  ReadOnlyList list;  // only the sections that are in force
 };
 
 // The line of the lists of this rank that decides about the host: one that blocks it, or an exception for it.
@@ -55,7 +54,7 @@ class ListsBeside {
     std::optional<std::string> text;
   };
   std::deque<File> files_;
-  std::map<std::string, bool> isGroupInForce_;
+  ReadOnlyList::GroupsInForce groups_;
 };
 
 }  // namespace orvane

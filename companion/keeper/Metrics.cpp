@@ -55,7 +55,7 @@ struct List {
 std::vector<List> lists_of(const KeeperState& state) {
   KeeperState::ListState own;
   own.path = state.listPath;
-  own.isInForce = true;
+  own.isInForce = own.isSuspendable = true;
   own.names = state.sites;
   own.badLines = state.badLines;
   own.modified = state.listModified;
@@ -90,7 +90,7 @@ std::string metrics_text(const KeeperState& state) {
   addForLists("orvane_list_bad_lines", "How many lines of the list are ignored because they are bad.",
               [](const List& list) { return static_cast<int64_t>(list.state.badLines); });
   addForLists("orvane_list_ok", "Whether the list's file could be read, and the keeper sends the list.",
-              [](const List& list) { return list.state.isInForce && !list.state.error ? 1 : 0; });
+              [&](const List& list) { return state.sends(list.state) && !list.state.error ? 1 : 0; });
   {
     Metric changed(text, "orvane_list_changed_timestamp_seconds", "When the list's file was last changed.");
     for (const List& list : lists) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <utility>
 
@@ -26,10 +27,12 @@ constexpr const char* kNoRoom = "left out: the lists have too many names for one
 
 uint64_t room_of_list(const ReadOnlyList& list) {
   uint64_t room = 0;
-  for (const auto& section : list.sections) {
-    for (std::string_view name : section.names) room += room_of(name);
-  }
+  for (const auto& section : list.sections) room += room_of_all(section.names);
   return room;
+}
+
+auto count_copies(const auto& lists) {
+  return std::count_if(lists.begin(), lists.end(), [](const auto& entry) { return entry.hasCopy; });
 }
 
 void log_bad_lines(const std::string& path, const ReadOnlyList& list) {
@@ -44,8 +47,10 @@ void log_bad_lines(const std::string& path, const ReadOnlyList& list) {
 
 }  // namespace
 
+const uint64_t kMessageRoom = kMaximumCallWords - ValueSize::kEnvelopeWords;
+
 uint64_t room_of(std::string_view name) {
-  constexpr uint64_t kLeast = kMaximumMessageWords / kMaximumElements;
+  constexpr uint64_t kLeast = kMaximumCallWords / kMaximumElements;
   return std::max(measure_string(name.size()).words, kLeast);
 }
 
@@ -110,14 +115,14 @@ bool ReadOnlyLists::keepsNames(Entry& entry) const {
   return now < *entry.fewerSince + removalDelay_;
 }
 
-// Reads the file if it has changed, or if `again` is set and its names were not kept. Returns whether the list has
+// Reads the file if it has changed, or if its names were not kept and `hasRoom` is set. Returns whether the list has
 // changed. If the file cannot be read, the list stays as it is.
-bool ReadOnlyLists::read(Entry& entry, bool again) {
+bool ReadOnlyLists::read(Entry& entry, bool hasRoom) {
   if (entry.isMissing) return false;
   const std::string& path = entry.state.path;
   const std::string errorBefore = std::exchange(entry.readError, "");
   try {
-    if (entry.hasCopy && !(entry.isTooLarge && again) && list_version(path) == entry.version) {
+    if (entry.hasCopy && !(entry.isTooLarge && hasRoom) && list_version(path) == entry.version) {
       entry.fewerSince.reset();
       return false;
     }
@@ -149,6 +154,7 @@ bool ReadOnlyLists::read(Entry& entry, bool again) {
 }
 
 bool ReadOnlyLists::refresh() {
+  const auto copiesBefore = count_copies(lists_);
   std::vector<Entry> found;
   for (Folder& folder : folders_) findFiles(folder, found);
   const std::string surplus = found.size() > kMostLists ? found[kMostLists].state.path : "";
@@ -157,20 +163,18 @@ bool ReadOnlyLists::refresh() {
                                     std::to_string(kMostLists) + " lists can be in force: remove some");
   firstSurplus_ = surplus;
   if (!surplus.empty()) found.resize(kMostLists);
-  const size_t countBefore = std::exchange(lists_, std::move(found)).size();
-  bool isChanged = lists_.size() != countBefore;
+  lists_ = std::move(found);
+  bool isChanged = count_copies(lists_) != copiesBefore;  // a file was removed
+  std::map<Rank, uint64_t> kept;                          // the room of the names that are kept
+  const auto hasRoom = [&](const Entry& entry) { return kept[entry.list.rank()] + entry.room <= room_; };
   for (Entry& entry : lists_) {
-    if (!entry.isTooLarge) isChanged = read(entry, false) || isChanged;
-  }
-  // There may be room now for lists that had none.
-  uint64_t room = 0;
-  for (Entry& entry : lists_) {
-    if (entry.isTooLarge) read(entry, isChanged);
-    entry.isTooLarge = entry.isTooLarge || room + entry.room > room_;
+    isChanged = read(entry, hasRoom(entry)) || isChanged;
+    // Names without room are dropped before the next file is read. So they never take the memory of several lists.
+    entry.isTooLarge = entry.isTooLarge || !hasRoom(entry);
     if (entry.isTooLarge) {
       entry.list.sections = {};
     } else {
-      room += entry.room;
+      kept[entry.list.rank()] += entry.room;
     }
   }
   return isChanged;
@@ -188,23 +192,34 @@ std::optional<Steady::time_point> ReadOnlyLists::due() const {
   return due == Steady::time_point::max() ? std::nullopt : std::optional(due);
 }
 
-std::vector<const ReadOnlyList*> ReadOnlyLists::inForce(uint64_t ownRoom) {
-  std::vector<const ReadOnlyList*> result;
-  uint64_t room = ownRoom;
-  for (Entry& entry : lists_) {
-    const bool hasRoom = !entry.isTooLarge && room + entry.room <= room_;
-    entry.state.isInForce = entry.hasCopy && hasRoom;
-    if (entry.state.isInForce) {
-      room += entry.room;
-      result.push_back(&entry.list);
+std::vector<RankedNames> ReadOnlyLists::inForce(uint64_t ownRoom, const ReadOnlyList::GroupsInForce& groups) {
+  std::vector<RankedNames> result;
+  uint64_t room = 0;
+  for (const Rank rank : {Rank::Fixed, Rank::Open}) {
+    if (rank == Rank::Open) room += ownRoom;
+    for (Entry& entry : lists_) {
+      if (entry.list.rank() != rank) continue;
+      const bool hasRoom = !entry.isTooLarge && room + entry.room <= room_;
+      entry.state.isInForce = entry.hasCopy && hasRoom;
+      if (entry.state.isInForce) {
+        room += entry.room;
+        for (const auto& section : entry.list.sections) {
+          if (entry.list.isInForce(section, groups)) result.push_back({rank, &section.names});
+        }
+      }
+      const auto errorBefore = std::exchange(entry.state.error, std::nullopt);
+      if (!entry.readError.empty()) entry.state.error = entry.readError;
+      if (!hasRoom) entry.state.error = kNoRoom;
+      if (!hasRoom && errorBefore != entry.state.error)
+        keeper_log(LogLevel::Error, in_quotes(entry.state.path) + ": " + *entry.state.error);
     }
-    const auto errorBefore = std::exchange(entry.state.error, std::nullopt);
-    if (!entry.readError.empty()) entry.state.error = entry.readError;
-    if (!hasRoom) entry.state.error = kNoRoom;
-    if (!hasRoom && errorBefore != entry.state.error)
-      keeper_log(LogLevel::Error, in_quotes(entry.state.path) + ": " + *entry.state.error);
   }
   return result;
+}
+
+bool ReadOnlyLists::hasFixed() const {
+  return std::any_of(lists_.begin(), lists_.end(),
+                     [](const Entry& entry) { return entry.hasCopy && entry.list.rank() == Rank::Fixed; });
 }
 
 std::vector<KeeperState::ListState> ReadOnlyLists::states() const {

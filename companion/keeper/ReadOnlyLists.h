@@ -9,13 +9,20 @@
 
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ReadOnlyList.h"
+#include "companion/list/UnitedNames.h"
 
 namespace orvane {
 
 // The room that a name takes in a message to the extension, in words. A message has a limit of words and a limit of
 // names. The result is at least the quotient of the two limits. So names that fit by their words are not too many.
 uint64_t room_of(std::string_view name);
-inline constexpr uint64_t kMessageRoom = (uint64_t{32} << 20) - 1024;
+template <class Names>
+uint64_t room_of_all(const Names& names) {
+  uint64_t room = 0;
+  for (std::string_view name : names) room += room_of(name);
+  return room;
+}
+extern const uint64_t kMessageRoom;
 
 // If a list cannot be read, it is read again after this time, even if nothing has changed.
 inline constexpr std::chrono::seconds kRereadInterval(60);
@@ -44,9 +51,11 @@ class ReadOnlyLists {
   // When to call refresh() again, even if no file changes.
   std::optional<std::chrono::steady_clock::time_point> due() const;
 
-  // Decides which lists are in force: those that have room beside `ownRoom`, the room of the machine's list, in their
-  // order. Logs the others. The pointers are valid until the next call of refresh().
-  std::vector<const ReadOnlyList*> inForce(uint64_t ownRoom);
+  // Decides which lists are in force, and logs the others. Lists of the rank Fixed get room first, then the machine's
+  // list, which takes `ownRoom`, then the other lists, each in their order. Returns the names of those groups that are
+  // in force. The pointers are valid until the next call of refresh().
+  std::vector<RankedNames> inForce(uint64_t ownRoom, const ReadOnlyList::GroupsInForce& groups);
+  bool hasFixed() const;  // whether a list of the rank Fixed has been read
   std::vector<KeeperState::ListState> states() const;
 
  private:
@@ -61,7 +70,7 @@ class ReadOnlyLists {
     KeeperState::ListState state;
     uint64_t room = 0;
     bool hasCopy = false;     // `list` has what the file had when it was last read
-    bool isTooLarge = false;  // the names are not kept, because the lists before leave too little room
+    bool isTooLarge = false;  // the names are not kept, because other lists of its rank leave too little room
     std::string readError;
     bool isMissing = false;  // there is no file
     // Since when the file has been missing, or has had fewer names than `list`.
@@ -70,7 +79,7 @@ class ReadOnlyLists {
 
   void findFiles(Folder& folder, std::vector<Entry>& found);
   bool keepsNames(Entry& entry) const;
-  bool read(Entry& entry, bool again);
+  bool read(Entry& entry, bool hasRoom);
 
   std::vector<Folder> folders_;
   const uint64_t room_;

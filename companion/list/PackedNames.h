@@ -15,6 +15,8 @@ class PackedNames {
   PackedNames() = default;
   // The names may be in any order, and may repeat.
   explicit PackedNames(std::vector<std::string_view> names);
+  explicit PackedNames(const std::vector<std::string>& names)
+      : PackedNames(std::vector<std::string_view>(names.begin(), names.end())) {}
 
   // Iterates over the names in their order. Valid until the object is changed or moved.
   class Iterator {

@@ -113,6 +113,11 @@ size_t ReadOnlyList::size() const {
   return size;
 }
 
+bool ReadOnlyList::isInForce(const Section& section, const GroupsInForce& groups) const {
+  const auto group = groups.find(section.group);
+  return rank() == Rank::Fixed || group == groups.end() || group->second;
+}
+
 bool is_list_name(std::string_view name, ListKind kind) {
   if (!name.ends_with(kEnding) || name.starts_with('.')) return false;
   if (kind == ListKind::DropIn) return true;

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,8 +29,7 @@ enum class Rank {
 };
 
 // A list that is in force beside the machine's list, and that commands cannot change. orvane-list(5) describes its
-// text: that of the machine's list, without suspensions and without settings of groups. The machine's list says when a
-// group is in force; a group that the machine's list does not have is always in force.
+// text: that of the machine's list, without suspensions and without settings of groups.
 struct ReadOnlyList {
   struct Section {
     std::string group;
@@ -45,6 +46,12 @@ struct ReadOnlyList {
   static ReadOnlyList parse(std::string_view text, ListKind kind);
   Rank rank() const { return kind == ListKind::DropIn && !isSuspendable ? Rank::Fixed : Rank::Open; }
   size_t size() const;  // the number of names
+
+  // Whether the section's names are in force. `groups` says of each group of the machine's list whether it is in force.
+  // Sections of other groups are always in force, and so are those of a list of the rank Fixed, because the members of
+  // the group orvane may change the groups of the machine's list.
+  using GroupsInForce = std::map<std::string, bool, std::less<>>;
+  bool isInForce(const Section& section, const GroupsInForce& groups) const;
 };
 
 // The key of a drop-in's setting. With "suspendable=yes", users may suspend the drop-in's names and make exceptions for

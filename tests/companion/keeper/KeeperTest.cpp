@@ -150,7 +150,7 @@ TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
   EXPECT_EQ(link.due(), ExtensionLink::Clock::time_point::max()) << "an idle keeper sleeps";
   link.attend(&list);
   EXPECT_TRUE(extension.held.empty());
-  link.undoEdits(true, {"a"});
+  link.undoEdits(true, PackedNames(list.names));
   extension.log.clear();
   link.attend(&list);
   EXPECT_EQ(extension.held, std::set<std::string>{"a"});
@@ -175,10 +175,11 @@ TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
 TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
   const HeldNames many = many_names();
   extension.mostNames = 2;
-  link.undoEdits(true, {"a", "b"});
+  link.undoEdits(true, PackedNames(std::vector<std::string>{"a", "b"}));
   link.attend(&many);
   EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
   EXPECT_EQ(state.extensionError, "too large");
+  EXPECT_TRUE(state.hasOnlyGuarded);
   extension.held.clear();
   ++extension.changes;
   wait_and_attend(link, many);
@@ -188,10 +189,8 @@ TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
 // The names of the lists that are in force, and for each list, whether an error is known.
 std::string described(ReadOnlyLists& lists, uint64_t ownRoom) {
   std::string text;
-  for (const ReadOnlyList* list : lists.inForce(ownRoom)) {
-    for (const auto& section : list->sections) {
-      for (std::string_view name : section.names) text.append(name).append(" ");
-    }
+  for (const RankedNames& list : lists.inForce(ownRoom, {{"off", false}})) {
+    for (std::string_view name : *list.names) text.append(name).append(" ");
   }
   for (const auto& list : lists.states()) text += list.error ? "!" : "-";
   return text;
@@ -216,12 +215,23 @@ TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
       {"drop-ins first", [&] { write("s/a.list", "s.example"), write("d/Z.list", "d.example\ne.example"); }, 0,
        ".d.example .e.example .s.example --"},
       {"no room beside the machine's list", [] {}, 2, ".d.example .e.example -!"},
+      {"a machine's list that takes all room", [] {}, 9, ".d.example .e.example -!"},
       {"an unreadable file", [&] { unlink(path("d/Z.list").c_str()), write("d/Z.list/x", ""); }, 0,
        ".d.example .e.example .s.example !-"},
       {"a list without room", [&] { write("s/b.list", "b.example\nc.example"); }, 0,
        ".d.example .e.example .s.example !-!"},
-      {"room again", [&] { std::filesystem::remove_all(path("d")); }, 0, ".s.example .b.example .c.example --"},
-      {"fewer names", [&] { write("s/b.list", "b.example"); }, 0, ".s.example .b.example --"},
+      {"room again, and an unreadable file in place of another",
+       [&] { std::filesystem::remove_all(path("d")), write("d/Y.list/x", ""); }, 0,
+       ".s.example .b.example .c.example !--"},
+      {"no room beside a suspendable drop-in", [&] { write("d/A.list", "suspendable=yes\nf.example\ng.example"); }, 0,
+       ".f.example .g.example .s.example -!-!"},
+      {"the room of a suspendable drop-in", [&] { write("d/Z.list", "d.example\ne.example\nh.example"); }, 0,
+       ".d.example .e.example .h.example .s.example !!--!"},
+      {"groups of the machine's list",
+       [&] { write("d/Z.list", "[group off]\nd.example"), write("s/a.list", "[group off]\ns.example"); }, 0,
+       ".d.example .f.example .g.example -!--!"},
+      {"fewer names", [&] { std::filesystem::remove_all(path("d")), write("s/b.list", "b.example"); }, 0,
+       ".b.example --"},
   };
   for (const auto& step : kSteps) {
     step.change();
@@ -336,7 +346,8 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
   // With read-only lists.
   std::ofstream(path("d.list")) << "d.example\nx.a.example only\n[group work]\nw.example\n";
-  std::ofstream(path("s.list")) << "s.example\na.example allowed\nnew.c.example\nx.a.example\n";
+  std::ofstream(path("s.list")) << "s.example\na.example allowed\nnew.c.example\nx.a.example\n"
+                                << "[group work]\nv.example\n";
   state.listPath = path("list");
   state.groups = {{"default", true, {}, {}, 0}, {"work", false, {}, {}, 0}};
   state.readOnlyLists = {{path("d.list"), true, false, true, 3, 0, {}, "", {}},
@@ -347,7 +358,8 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("b.a.example", "blocked", "by the line \"a.example\"\n");
   check("s.example", "blocked", "by the line \"s.example\" of the fetched list \"");
   check("new.c.example", "not blocked", "but suspended with the line \"c.example until=2999-01-01T00:00:00Z\"");
-  check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
+  check("v.example", "not blocked", "it is not on the list\n");
+  check("w.example", "blocked", "by the line \"w.example\" of the administrator's list \"");
   check("www.e.example", "not blocked", "it is not on the list\n");
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");

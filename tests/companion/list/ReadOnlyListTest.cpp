@@ -117,7 +117,7 @@ TEST(UnitedNames, BlockWhatTheListsOfEachRankSay) {
       return lines;
     };
     const HeldNames own = held_names(BlockList::parse(text(c.own)), Moment());
-    const PackedNames ownNames(std::vector<std::string_view>(own.names.begin(), own.names.end()));
+    const PackedNames ownNames(own.names);
     std::vector<RankedNames> lists{{Rank::Own, &ownNames}};
     std::deque<ReadOnlyList> others{ReadOnlyList::parse(text(c.fixed), ListKind::DropIn),
                                     ReadOnlyList::parse(text(c.open), ListKind::Subscription),

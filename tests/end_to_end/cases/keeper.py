@@ -191,3 +191,40 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         check(connect(HELD), DROP, "the last good copy")
         drop_in.rmdir()
         becomes(ALLOW, "the drop-in is removed again")
+
+
+def AdministratorsListHoldsAgainstMembers(world: World):
+    """What members do to their own list, to fetched lists and to the extension does not unblock a drop-in's name."""
+
+    def many_names(letter: str, count: int) -> str:
+        """Names that are so long that half a million of them are too many for one message."""
+        rest = ".".join(letter * 57 for _ in range(4))
+        return "".join(f"n{number}.{rest}.example\n" for number in range(count))
+
+    with world.extension(PYTHON) as extension:
+        keeper = _Keeper(extension, world.directory)
+        for folder in (keeper.drop_ins, keeper.fetched):
+            folder.mkdir()
+        (keeper.drop_ins / "school.list").write_text(f"[group work]\n{HELD}\n")
+        (keeper.fetched / "ads.list").write_text(many_names("a", 250_000))
+        keeper.list.write_text(many_names("b", 500_000))
+
+        def in_force() -> list[bool]:
+            return [each["inForce"] for each in json.loads(keeper.control("--json", "status").stdout)["lists"]]
+
+        with keeper:
+            becomes(DROP, "the machine's list has too many names")
+            wait_until(lambda: in_force() == [False, True, False], "status says that only the drop-in is in force")
+            keeper.list.write_text(f"{NEWS}\n{many_names('b', 250_000)}")
+            becomes(DROP, "the machine's list has room beside the drop-in", NEWS)
+            wait_until(lambda: in_force() == [True, True, False], "status says that the fetched list has no room")
+            keeper.list.write_text(f"{NEWS}\n[group work]\nenabled=no\nother.example\n")
+            wait_until(lambda: in_force() == [True, True, True], "all lists are in force")
+            check(connect(HELD), DROP, "a group of the same name is disabled")
+            check(keeper.verdict(HELD), ("blocked", 0), "the verdict of try")
+            (keeper.fetched / "ads.list").unlink()
+            wait_until(lambda: len(in_force()) == 2, "the fetched list is removed")
+            for command in (("call", "removeHostname", f".{HELD}"), ("call", "addHostname", f"!.{HELD}"), ("set", "-")):
+                extension.control(*command, text="other.example\n").check_returncode()
+                wait_until(lambda: keeper.edits_of_others() == 0, f"the keeper has undone {command}")
+                becomes(DROP, f"after {command}")
