@@ -19,7 +19,8 @@ class Keeper:
         self.list = directory / "lists" / "list"
         self.list.parent.mkdir(parents=True)
         self.drop_ins, self.fetched = directory / "drop-ins", directory / "fetched"
-        self._state, self._log = directory / "state", directory / "keeper-log"
+        self._state, self.log = directory / "state", directory / "keeper-log"
+        self.prefix: list[str] = []  # runs the keeper's command
 
     def _arguments(self, *arguments: str) -> list[str]:
         folders = ["--drop-ins", str(self.drop_ins), "--fetched", str(self.fetched)]
@@ -30,9 +31,9 @@ class Keeper:
         return self._extension.control(*self._arguments(*arguments), text=text)
 
     def __enter__(self):
-        with open(self._log, "ab") as log:
+        with open(self.log, "ab") as log:
             self.process = subprocess.Popen(
-                self._extension.control_command(*self._arguments("keep")),
+                [*self.prefix, *self._extension.control_command(*self._arguments("keep"))],
                 env=self.environment,
                 stdout=log,
                 stderr=log,
@@ -41,7 +42,7 @@ class Keeper:
         end = time.monotonic() + 20
         while not self._state.exists():
             if self.process.poll() is not None or time.monotonic() > end:
-                raise Failure(f"the keeper did not start\n{self._log.read_text()}")
+                raise Failure(f"the keeper did not start\n{self.log.read_text()}")
             time.sleep(0.01)
         return self
 
@@ -54,7 +55,7 @@ class Keeper:
         self.process.send_signal(number)
         code = self.process.wait(15)
         if code != (-number if number == signal.SIGKILL else 0):
-            raise Failure(f"the keeper ended with {code}\n{self._log.read_text()}")
+            raise Failure(f"the keeper ended with {code}\n{self.log.read_text()}")
 
     def status(self) -> tuple[dict, int]:
         """The answer of `orvanectl status`, and its exit code."""

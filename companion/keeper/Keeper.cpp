@@ -102,6 +102,9 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
+    if (listWatch_.descriptor() < 0)
+      keeper_log(LogLevel::Warning, "cannot watch the lists, so looks at them every 2 s: no inotify instance is left");
+    shutdown_.exitAtOnce(true);
     // Reading a large list takes long, so send first the names that the members' lists must not delay.
     if (guard_.isActive()) enforceGuarded();
     refreshReadOnlyLists();
@@ -283,6 +286,7 @@ void Keeper::readList() {
     updateGuard(stored.list);
     if (guard_.isActive()) stored.list = guard_.listInForce(stored.list);
     enforce(stored.list, {});
+    publish();  // commands wait for the state, and freeing a large list takes long
   } catch (const std::exception& error) {
     onListError(error.what());
   }

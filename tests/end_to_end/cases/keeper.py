@@ -88,6 +88,17 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
         becomes(DROP, "the editor's version is in force", NEWS)
 
 
+def KeeperFollowsTheFileWithoutInotify(world: World):
+    with world.extension(PYTHON) as extension:
+        keeper = _Keeper(extension, world.directory)
+        limit = 'echo 0 > /proc/sys/user/max_inotify_instances && exec "$@"'
+        keeper.prefix = ["unshare", "--user", "--map-root-user", "sh", "-c", limit, "sh"]
+        with keeper:
+            check("cannot watch the lists" in keeper.log.read_text(), True, "the log says so")
+            keeper.list.write_text(f"{HELD}\n")
+            becomes(DROP, "the keeper has seen the change")
+
+
 def KeeperEndsASuspensionOnItsDate(world: World):
     with world.extension(PYTHON) as extension:
         keeper = _Keeper(extension, world.directory)
