@@ -169,7 +169,7 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
             (["suspend", HELD, "--for", "2h"], 0, "school.list"),
             (["unblock", BELOW[0]], 2, "school.list"),
             (["unblock", "b.fetched.example"], 2, "orvanectl allow b.fetched.example"),
-            (["allow", HELD], 0, "no effect"),
+            (["allow", HELD], 0, "still blocks it"),
             (["list", "--from", "ads"], 0, NEWS),
             (["list", "--from", "none"], 2, "no such list"),
         ):
