@@ -29,8 +29,8 @@ constexpr std::chrono::milliseconds kVigilance = 5s;
 // A client may edit in a loop. So the undone edits are logged at most once in this time, with their number.
 constexpr std::chrono::milliseconds kLogInterval = 60s;
 
-// The time between two attempts to send a whole list that the extension has refused. Meanwhile the extension has only
-// the guarded names.
+// While edits of other clients are undone, and there are guarded names: the time between two attempts to send a whole
+// list that the extension has refused. Meanwhile the extension has only the guarded names.
 constexpr std::chrono::milliseconds kRefusalInterval = 60s;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous

@@ -35,8 +35,9 @@ class ExtensionLink {
   Clock::time_point due() const { return due_; }
 
   // Does nothing before due(). `list`: the names that the extension must hold. It is null if the keeper has not read
-  // the list yet; then no list is sent. If disconnected, tries to connect, and then sends the list. If connected, sends
-  // the list again if other clients have made edits, or if the extension has not taken the list.
+  // the list yet; then no list is sent. If disconnected, tries to connect, and then sends the list. If connected, and
+  // if edits are undone (see undoEdits), sends the list again after edits of other clients, or if the extension has not
+  // taken the list.
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
   // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
