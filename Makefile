@@ -6,10 +6,10 @@ INSTALL = tools/install-packages $(if $(filter arm64,$(PRESET)),--for arm64 arm6
   $(if $(filter asan tsan fuzz,$(PRESET)),sanitizers)
 CONFIGURE = cmake --preset $(PRESET)
 PROGRAMS = cmake --build $(BUILD) --target programs
-# These tests start other programs of the build, or need BPF, netfilter, a socket's cookie, openat2(2) or /proc/PID/exe.
-# qemu's user mode offers none of this.
-NOT_IN_QEMU = SocketOwnerTest|SocketAborter|SecurityTest.Identifies|ProcessTest.MakesTheApplication|XPC.StopsReading|$\
-  PacketQueue.WaitsFor|ListCommands.Change|KnownWords
+# These tests start other programs of the build, or need BPF, netfilter, a socket's cookie, openat2(2), /proc/PID/exe or
+# PR_SET_CHILD_SUBREAPER. qemu's user mode offers none of this.
+NOT_IN_QEMU = SocketOwnerTest|SocketAborter|SecurityTest.Identifies|ProcessTest.MakesTheApplication|$\
+  ProcessTest.NoticesEachChange|XPC.StopsReading|PacketQueue.WaitsFor|ListCommands.Change|KnownWords
 CTEST = ctest --test-dir $(BUILD) --output-on-failure --timeout 300 --no-tests=error
 OTHER_RELEASE = $(if $(filter 12,$(shell . /etc/os-release; echo $$VERSION_ID)),13,12)
 
