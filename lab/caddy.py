@@ -57,16 +57,10 @@ _CONFIGURATION = """\
     }}
 }}
 """
-# Idle connections end after 5 s, so that a later fetch opens a new one, as it would after hours.
 _FILES = """\
 {{
     admin off
     auto_https off
-    servers {{
-        timeouts {{
-            idle 5s
-        }}
-    }}
 }}
 {sites} {{
     tls {certificate} {key}
