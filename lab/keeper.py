@@ -31,6 +31,7 @@ class Keeper:
         return self._extension.control(*self._arguments(*arguments), text=text)
 
     def __enter__(self):
+        self._state.unlink(missing_ok=True)  # a keeper that was killed leaves it
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(
                 [*self.prefix, *self._extension.control_command(*self._arguments("keep"))],

@@ -98,15 +98,17 @@ class Keeper {
   }
 
   void run() {
+    shutdown_.exitAtOnce(true);
     loadGuard();
+    // Commands refuse what a lock forbids, so the first state must have the locks.
+    if (guard_.isActive()) enforce(guard_.guardedList(), {});
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
     if (listWatch_.descriptor() < 0)
       keeper_log(LogLevel::Warning, "cannot watch the lists, so looks at them every 2 s: no inotify instance is left");
-    shutdown_.exitAtOnce(true);
     // Reading a large list takes long, so send first the names that the members' lists must not delay.
-    if (guard_.isActive()) enforceGuarded();
+    if (isKnown_) link_.attend(known());
     refreshReadOnlyLists();
     if (readOnlyLists_.hasFixed()) enforceGuarded();
     attend({});

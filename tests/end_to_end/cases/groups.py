@@ -166,6 +166,11 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             wait_until(lambda: tried() == "blocked", "try says that a name that the file no longer has is blocked")
             groups = json.loads(keeper.control("--json", "lock").stdout)
             check([group["group"] for group in groups], ["work"], "locked groups")
+        keeper.list.write_text("".join(f"n{number}.example\n" for number in range(300_000)))
+        with keeper:  # it has only begun to read the list
+            groups = keeper.status()[0]["keeper"]["list"]["groups"]
+            check([group["name"] for group in groups if group["lockedUntil"]], ["work"], "locks in the first state")
+            _wait_until_sent(keeper)
         guard = next(world.directory.glob("*.guard"))
         guard.write_text("damaged")
         with keeper:
