@@ -187,7 +187,7 @@ class Keeper {
   Steady::time_point saveGuardAt_ = Steady::time_point::max();
   std::string listInForce_;                      // as last written
   std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
-  std::optional<Steady::time_point> emptySince_;
+  std::optional<Steady::time_point> emptySince_ = Steady::time_point::min();  // an empty list at the start counts
   std::optional<Steady::time_point> readAt_ = Steady::now();
 
   bool isKnown_ = false;  // a list has been read

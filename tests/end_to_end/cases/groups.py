@@ -2,6 +2,7 @@
 
 import datetime
 import glob
+import hashlib
 import json
 import signal
 import time
@@ -12,7 +13,12 @@ from keeper import Keeper
 
 
 def _wait_until_sent(keeper: Keeper) -> None:
-    wait_until(lambda: keeper.status()[1] == 0, "the list is in force")
+    def is_sent() -> bool:
+        status, code = keeper.status()
+        file = hashlib.sha256(keeper.list.read_bytes()).hexdigest()
+        return code == 0 and status["keeper"]["list"]["sha256"] == file
+
+    wait_until(is_sent, "the list is in force")
 
 
 def _moment(text: str) -> datetime.datetime:

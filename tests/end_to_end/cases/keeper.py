@@ -72,6 +72,11 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
                 check(verdicts, [DROP, DROP], "while the file is away, and while it is empty")
             keeper.list.write_text(listed + f"{NEWS}\n")
 
+        def is_connected() -> bool:
+            return json.loads(keeper.control("--json", "status").stdout)["keeper"]["extension"]["connected"]
+
+        wait_until(is_connected, "the keeper is connected")
+        keeper.status(in_force=True)  # although there is no file yet
         for write in (
             lambda: keeper.list.write_text(listed),
             lambda: (beside.write_text(listed), beside.rename(keeper.list)),
