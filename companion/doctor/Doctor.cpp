@@ -34,6 +34,9 @@ Finding examine_unit(const UnitFacts& unit, const char* check) {
     // After several failed starts, systemd starts a unit only after its count of starts has been reset.
     if (unit.state.starts_with("failed")) finding.advice = "sudo systemctl reset-failed " + unit.name + "; then ";
     finding.advice += "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
+  } else if (unit.filtersNothing) {
+    finding.result = Result::Problem;
+    finding.advice = "when the browser list is correct: sudo systemctl restart " + unit.name;
   }
   return finding;
 }

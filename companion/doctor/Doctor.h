@@ -37,8 +37,9 @@ struct UnitFacts {
   bool known = false;      // the service manager answered
   bool installed = false;  // the service manager has this unit
   bool running = false;
-  std::string state;         // as the service manager writes it: "active (running)"
-  uint64_t hiddenNames = 0;  // for the extension: how many connections since its start hid the host's name
+  std::string state;            // as the service manager writes it: "active (running)"
+  uint64_t hiddenNames = 0;     // for the extension: how many connections since its start hid the host's name
+  bool filtersNothing = false;  // for the extension: it recognises no browser
 };
 
 // The result of connecting to the extension.

@@ -21,6 +21,7 @@
 #include "platform/files/Descriptor.h"
 #include "platform/files/Files.h"
 #include "platform/linux/base/Command.h"
+#include "platform/linux/base/ServiceStatus.h"
 #include "platform/linux/base/Text.h"
 #include "platform/linux/control/SocketPath.h"
 #include "platform/linux/process/ProcessInformation.h"
@@ -53,6 +54,7 @@ UnitFacts look_at_unit(const char* name) {
   facts.installed = state->load != "not-found";
   facts.running = state->isRunning();
   facts.hiddenNames = state->hiddenNames;
+  facts.filtersNothing = says_filtering_nothing(state->status);
   facts.state = state->text();
   if (!state->status.empty()) facts.state += ": " + state->status;
   return facts;

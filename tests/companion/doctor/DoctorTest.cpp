@@ -70,6 +70,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
       {"failed too often", "service", Problem, "reset-failed orvane-se.service",
        [](Facts& f) { f.extension.running = false, f.extension.state = "failed (failed)"; }},
+      {"no browser recognised", "service", Problem, "systemctl restart",
+       [](Facts& f) { f.extension.filtersNothing = says_filtering_nothing(no_browser_status("bad list")); }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
       {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
       {"hidden names", "hidden-names", Warning, "12 connections",

@@ -17,6 +17,9 @@ std::string no_browser_status(const std::string& reason);
 // Whether the line is from filtering_status() or no_browser_status().
 bool says_filtering(std::string_view status);
 
+// Whether the line is from no_browser_status().
+bool says_filtering_nothing(std::string_view status);
+
 // The number of hidden names in a status line; 0 if the line has none.
 uint64_t hidden_names_in(std::string_view status);
 
