@@ -11,6 +11,7 @@ namespace orvane {
 // The package's systemd units.
 inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
+inline constexpr const char* kFetcherUnit = "orvane-fetcher.service";
 
 // A unit's state as systemd reports it; the texts are properties of org.freedesktop.systemd1(5).
 struct UnitState {

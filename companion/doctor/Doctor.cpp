@@ -20,6 +20,11 @@ using Result = Finding::Result;
 
 bool is_running(const Facts& facts) { return facts.extension.running || !facts.processes.empty(); }
 
+bool has_fetched_lists(const Facts& facts) {
+  return facts.list && std::any_of(facts.list->readOnlyLists.begin(), facts.list->readOnlyLists.end(),
+                                   [](const auto& list) { return !list.isDropIn; });
+}
+
 Finding examine_unit(const UnitFacts& unit, const char* check) {
   Finding finding{check, unit.name, Result::Ok, unit.state, ""};
   if (!unit.known) {
@@ -330,6 +335,7 @@ std::vector<Finding> examine(const Facts& facts) {
   std::vector<Finding> findings;
   findings.push_back(examine_unit(facts.extension, "service"));
   findings.push_back(examine_unit(facts.keeper, "keeper"));
+  if (has_fetched_lists(facts)) findings.push_back(examine_unit(facts.fetcher, "fetcher"));
   findings.push_back(examine_connection(facts));
   examine_clients(facts, findings);
   examine_processes(facts, findings);

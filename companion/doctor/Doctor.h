@@ -66,7 +66,7 @@ struct BrowserFacts {
 // Everything that the checks need to know about the machine.
 struct Facts {
   bool asRoot = false;
-  UnitFacts extension, keeper;
+  UnitFacts extension, keeper, fetcher;
   ConnectionFacts connection;
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;

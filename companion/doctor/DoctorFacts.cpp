@@ -225,6 +225,7 @@ Facts gather_facts(const Examination& examination) {
   facts.asRoot = ::geteuid() == 0;
   facts.extension = look_at_unit(kExtensionUnit);
   facts.keeper = look_at_unit(kKeeperUnit);
+  facts.fetcher = look_at_unit(kFetcherUnit);
   facts.connection = look_at_connection(examination);
   facts.clients = control_clients(facts.connection.socket);
   facts.group = look_at_group();

@@ -73,6 +73,11 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"no browser recognised", "service", Problem, "systemctl restart",
        [](Facts& f) { f.extension.filtersNothing = says_filtering_nothing(no_browser_status("bad list")); }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
+      {"lists no longer fetched", "fetcher", Problem, "systemctl start orvane-fetcher.service",
+       [](Facts& f) {
+         f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
+         f.list->readOnlyLists.emplace_back().isDropIn = false;
+       }},
       {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
       {"hidden names", "hidden-names", Warning, "12 connections",
        [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
