@@ -104,7 +104,7 @@ int add(const CommonOptions& options, const Arguments& arguments) {
   if (const std::string fault = group_name_fault(arguments.group); !fault.empty())
     throw InputError("not a group's name: " + in_quotes(arguments.group) + ": " + fault);
   return change_list(options, arguments, [&](BlockList& list) {
-    if (list.findGroup(arguments.group)) return Outcome();
+    if (list.findGroup(arguments.group)) return Outcome{"", {}, ": the group exists already"};
     if (list.groups().size() >= BlockList::kMostGroups)
       throw InputError("too many groups: remove some: orvanectl group remove");
     list.addGroup(arguments.group);

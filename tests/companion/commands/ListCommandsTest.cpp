@@ -94,6 +94,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "\"skippedRules\":1\n"},
       {"import --undo >'%.out'; '" ORVANECTL "' --list '%' group add work", 0, "work: added, without sites\n"},
       {"group add 'no name'", 2, ""},
+      {"group add work", 0, "work: unchanged: the group exists already\n"},
       {"group schedule work always", 0, "work: unchanged\n"},
       {"group schedule work 'Mon..Fri 9:00-17:00' Sat | sed -E 's/: (not )?in force until.*//'", 0,
        "work: has a new schedule\n"},
