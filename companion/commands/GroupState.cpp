@@ -127,6 +127,7 @@ std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std
   for (size_t i = 0; i < states.size(); ++i) byGroup.push_back(removal_held_back(list.groups()[i], states[i], now));
   if (std::none_of(byGroup.begin(), byGroup.end(), [](const auto& each) { return each.has_value(); })) return results;
   std::vector<std::string_view> hosts;
+  hosts.reserve(exceptions.size());
   for (const ListedSite& exception : exceptions) hosts.push_back(exception.host);
   const auto opened = groups_opened_by(list, hosts);
   for (size_t i = 0; i < exceptions.size(); ++i) {
