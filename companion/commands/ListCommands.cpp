@@ -345,7 +345,8 @@ std::string read_only_path(const CommonOptions& options, const std::string& name
   if (name.find('/') != std::string::npos) return name;
   for (const std::string& folder : {options.dropInsPath, options.subscriptionsPath}) {
     for (const char* ending : {"", ".list"}) {
-      std::string path = folder + "/" + name + ending;
+      std::string path = folder;
+      path.append("/").append(name).append(ending);
       if (path.ends_with(".list") && !list_version(path).empty()) return path;
     }
   }
