@@ -96,7 +96,8 @@ class Machine:
 
     def boot(self) -> None:
         command = ["systemd-nspawn", "--quiet", "--boot", f"--directory={self.root}", "--register=no", "--keep-unit"]
-        command += ["--private-network", "--console=pipe"]
+        # Each machine needs a name of its own. systemd-nspawn would name it by the last part of its directory.
+        command += ["--private-network", "--console=pipe", f"--machine={self._folder.name.replace('_', '0')}"]
         command += ["--capability=CAP_BPF,CAP_PERFMON", "--system-call-filter=bpf"]
         command += [f"--bind-ro={path}:/outside{path}" for path in ("/usr", "/etc")]
         command += [f"--bind={self.work}:/outside{self.work}"]
@@ -122,8 +123,10 @@ class Machine:
     def _leader(self) -> int | None:
         """The process id that the container's first process has on the test's machine. None if no container runs."""
         task = pathlib.Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
-        children = task.read_text().split()
-        return int(children[0]) if children else None
+        with contextlib.suppress(FileNotFoundError):  # systemd-nspawn has ended
+            if children := task.read_text().split():
+                return int(children[0])
+        return None
 
     def _state(self) -> str:
         with contextlib.suppress(Exception):
