@@ -312,8 +312,8 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
       ->type_name("");
 }
 
-// The words of the command line, with "--" before all names: CLI11 would refuse a "--" after the first of several
-// names.
+// The words of the command line. If "--" is one of them, it is moved before all names: CLI11 would refuse a "--" after
+// the first of several names.
 std::vector<std::string> words_in_order(const CLI::App& app, int argc, const char* const* argv) {
   std::vector<std::string> words(argv + 1, argv + argc), names;
   const auto mark = std::find(words.begin(), words.end(), "--");

@@ -159,7 +159,8 @@ int disable(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
-// A shell splits a span that is not in quotes into a span of whole days and one of the same times on every day.
+// A shell splits "Mon..Fri 09:00-17:00" without quotes into two spans: Monday to Friday all day, and 09:00 to 17:00 on
+// every day. schedule() refuses these spans, because the user may mean the times on these days.
 bool has_times(const std::string& span) { return span.find(':') != std::string::npos; }
 bool has_days(const std::string& span) {
   return std::any_of(span.begin(), span.end(), [](unsigned char c) { return std::isalpha(c) != 0; });

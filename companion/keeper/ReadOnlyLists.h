@@ -14,7 +14,8 @@
 namespace orvane {
 
 // The room that a name takes in a message to the extension, in words. A message has a limit of words and a limit of
-// names. The result is at least the quotient of the two limits. So names that fit by their words are not too many.
+// names. The result is at least the limit of words divided by the limit of names. So if the rooms of all names together
+// are within the limit of words, the names are within the limit of names, too.
 uint64_t room_of(std::string_view name);
 template <class Names>
 uint64_t room_of_all(const Names& names) {

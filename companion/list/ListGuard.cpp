@@ -35,7 +35,7 @@ GroupIndex group_named(BlockList& list, std::string_view name) {
   return known ? *known : list.addGroup(name);
 }
 
-// How many bytes the site takes in the saved text, at least. A pending change of the site takes as many again.
+// The site takes at most this many bytes in the saved text. A pending change of the site takes at most as many again.
 size_t bytes_of(const ListedSite& site) {
   constexpr size_t kLongestRest = 40;
   return site.host.size() + kLongestRest;

@@ -38,7 +38,7 @@ std::string plain(std::string_view text) {
   return result;
 }
 
-// Whether the text is a category, or the name of a site's file without its suffix.
+// Whether the text can be a category, or the name of a site's file without the suffix.
 bool is_word(std::string_view text) {
   const auto isPart = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-'; };
   return !text.empty() && text.front() != '-' && std::all_of(text.begin(), text.end(), isPart);

@@ -12,7 +12,7 @@
 namespace orvane {
 namespace {
 
-// A bar with the length of this number of eighths of a column.
+// `eighths`: the length of the bar, in eighths of a column. A bar of ASCII characters is rounded up to whole columns.
 std::string bar_of(uint64_t eighths, PlotStyle style) {
   constexpr std::array kEighths = {"", "\u258f", "\u258e", "\u258d", "\u258c", "\u258b", "\u258a", "\u2589"};
   if (style == PlotStyle::ASCII) return std::string((eighths + 7) / 8, '#');

@@ -20,7 +20,7 @@ namespace orvane {
 // Thread-safe.
 class ProcessChanges {
  public:
-  // The shared object for this system. Never destroyed.
+  // The object for this machine, which the whole extension shares. Never destroyed.
   static ProcessChanges& system() {
     static auto* changes = new ProcessChanges;
     return *changes;

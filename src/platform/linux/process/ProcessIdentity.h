@@ -58,7 +58,7 @@ class ProcessIdentity {
                            const ProcessChanges& changes = ProcessChanges::system())
       : index_(std::move(folders)), processTable_(std::move(processTable)), changes_(changes) {}
 
-  // The shared object for this system. Never destroyed.
+  // The object for this machine, which the whole extension shares. Never destroyed.
   static ProcessIdentity& system();
 
   struct Process {
