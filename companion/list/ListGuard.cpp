@@ -292,7 +292,8 @@ void ListGuard::updateSettings(GroupIndex held, Guarded& guarded, const Group* w
   isChanged_ = true;
 }
 
-// Whether a change that makes the group block less may have an effect now. `key`: the host of the change.
+// Notes a change that makes the group block less, and returns whether it may have an effect now. `key`: the host of the
+// change; "" if the change is one of the group's settings.
 bool ListGuard::mayLeave(Guarded& guarded, const std::string& key, Seconds delay, const Now& now) {
   const auto [entry, isNew] = guarded.leaving.try_emplace(key, now.running + delay);
   isChanged_ = isChanged_ || isNew;

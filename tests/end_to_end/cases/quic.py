@@ -24,7 +24,8 @@ class _Kind:
 
 _KINDS = [
     _Kind("a hello in two datagrams", r"tx 1 Initial CRYPTO.* offset=1\d{3} "),
-    # Before the client reads the Retry that answers its first datagram, it may see that its second one was dropped.
+    # If the connection is dropped, the log may lack the Retry that answers the first datagram: the client may first
+    # notice that its second datagram was dropped.
     _Kind("a Retry with a token", "pkt rx .*type=Retry", None, server=_RETRYING),
     _Kind("0-RTT", "frm tx .* 0RTT STREAM", True, ("--session-file=HOST.session", "--tp-file=HOST.parameters")),
     _Kind(

@@ -58,8 +58,9 @@ class QueueWatchdog {
   // the queue was released since the last call; the caller must then bind the queue again.
   bool beat();
 
-  // The thread calls this when it has handled all packets, before it waits for more. While no packet is there, it need
-  // not call beat(). After the child has released the queue, it makes the socket readable, so that the thread wakes up.
+  // The thread calls this when it has handled all packets, before it waits for more. While no packet is there, the
+  // thread need not call beat(). When the child releases the queue, the child makes the socket readable, so that the
+  // thread wakes up.
   void rest() { shared_->isResting.store(true, std::memory_order_release); }
 
   // A descriptor for poll(2), readable when the child has died. Then call revive().
