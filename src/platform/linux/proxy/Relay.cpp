@@ -85,8 +85,8 @@ void Relay::ask(bool silent) {
   gate_ = question_(outbound_.pending(), outbound_.sourceEnded, silent);
 }
 
-// If the direction's source has ended and the direction's buffer is empty, marks the direction as finished. With
-// `passOn`, then also shuts the target's socket down for writing, so that the target sees the end, too.
+// If the direction's source has ended without an error and the direction's buffer is empty, marks the direction as
+// finished. With `passOn`, then also shuts the target's socket down for writing, so that the target sees the end, too.
 void Relay::finishEmpty(Direction& direction, bool passOn) {
   if (direction.finished || !direction.sourceEnded || direction.broken || !direction.pending().empty()) return;
   direction.finished = true;
