@@ -131,9 +131,9 @@ bool QuicInitialReader::beginsOtherConnection(Bytes datagram, Bytes known) {
 }
 
 // Decrypts an Initial packet. In later packets of a connection, the connection ID is the server's choice, and the keys
-// do not come from this ID. So the function first tries the keys that opened an earlier packet. New keys are derived
-// only once for each datagram, because that takes long: all packets of a datagram must have the same connection ID (RFC
-// 9000, section 12.2).
+// do not come from this ID. So the function first tries the keys that opened an earlier packet. Deriving keys takes
+// long, so new keys are derived only once for each datagram. Once is enough, because all packets of a datagram must
+// have the same connection ID (RFC 9000, section 12.2).
 std::optional<std::vector<uint8_t>> QuicInitialReader::open(const Header& header, Bytes packet, NewKeys& newKeys) {
   if (keys_) {
     if (auto frames = keys_->open(packet, header.numberOffset)) return frames;
