@@ -18,7 +18,8 @@ struct LineBeside {
   ListedSite site;
 };
 
-// The lines of a read-only list that may concern a host: at least those whose host ends in its registrable domain.
+// For one host: the lines of a read-only list that may concern this host. They are at least all lines about the host's
+// registrable domain and about hosts below this domain.
 struct ListPart {
   std::string path;
   ReadOnlyList list;  // only the sections that are in force

@@ -108,7 +108,7 @@ class Exemptions {
     }
   }
 
-  // `exception`: an exception that touches a name of the rank `of`.
+  // `exception`: an exception that would unblock a host that a name of the rank `of` covers.
   void leaveOut(const std::pair<const std::string_view, unsigned>& exception, Rank of) {
     for (Rank rank : kRanks) {
       if ((exception.second & bit(rank)) != 0 && (above(rank) & bit(of)) != 0)

@@ -19,15 +19,14 @@ struct RankedNames {
 // The names that the extension must hold so that all lists are in force: each once, sorted. The extension would apply
 // an exception to the names of all lists. So some names are left out:
 //
-//   case                                            left out
-//   an exception touches a name of a higher rank    the exception; and the names of its own rank and of lower ranks
-//   that
-//                                                   are its host or below it
-//   a site of the machine's list is suspended       the names of lower ranks that are the site's host or below it
+//   case                                        left out
+//   an exception would unblock the host of a    the exception, and the names of its own rank and of lower ranks that
+//   name of a higher rank, or another host      are the exception's host or below it
+//   that this name covers
+//   a site of the machine's list is suspended   the names of lower ranks that are the site's host or below it
 //
-// An exception touches a name if its host is the name's host, a host above that, or, if the name covers subdomains, a
-// host below that. In the first case of the table, a name above the exception's host stays, so it still blocks the
-// host. `suspended`: HeldNames::suspended of the machine's list.
+// In the first case of the table, a name above the exception's host stays, so it still blocks this host. `suspended`:
+// HeldNames::suspended of the machine's list.
 std::vector<std::string> unite(std::span<const RankedNames> lists,
                                const std::vector<std::pair<std::string, Moment>>& suspended);
 

@@ -26,7 +26,8 @@ inline constexpr size_t kLargestInput = size_t{256} << 20;
 std::string read_input(const std::string& path);
 
 // The text, safe for a terminal and for a log: the bytes of control characters, of the characters that change the
-// direction of a text or end a line, and of whatever is not UTF-8, are written as \xNN.
+// direction of a text or end a line, and of whatever is not UTF-8, are written as \xNN. With `keepsLineEnds`, line
+// feeds stay.
 std::string printable(std::string_view text, bool keepsLineEnds);
 
 // A text in quotes, made printable. Only the first 100 bytes are shown.

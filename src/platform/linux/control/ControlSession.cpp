@@ -54,9 +54,8 @@ class LargeMessageBudget {
 };
 LargeMessageBudget large_message_budget;
 
-// Limit on the memory of all values: the values that the extension stores, and the arguments of the calls that are
-// being carried out: 512 MiB. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its
-// message.
+// Values may take 512 MiB of memory in all: those that the extension stores, and the arguments of the calls that are
+// being carried out. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
 constexpr uint64_t kValueBytesPerByte = 4;
 constexpr uint64_t kValueBudget = kMaximumCallWords * sizeof(capnp::word) * kValueBytesPerByte;
 
