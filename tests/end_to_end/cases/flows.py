@@ -74,7 +74,7 @@ def JudgesAProcessByTheProgramThatItRunsNow(world: World):
 
 
 def _start_with_pid(pid: int | None, command: list) -> subprocess.Popen:
-    """Starts a process with this pid, which no process has. The pid may be None: then any."""
+    """Starts a process with this pid, which no process has. If the pid is None, the process may have any pid."""
     for _ in range(1000):
         if pid is not None:
             pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(pid - 1))
