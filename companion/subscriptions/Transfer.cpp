@@ -149,8 +149,8 @@ struct Transfer::State {
     return isGood ? piece.size() : 0;  // after 0, libcurl ends the transfer
   }
 
-  // libcurl refuses a redirect from an https URL by CURLOPT_REDIR_PROTOCOLS_STR. But this option cannot forbid only
-  // the second step of http -> https -> http.
+  // Ends the transfer at a redirect from https to http. CURLOPT_REDIR_PROTOCOLS_STR is not enough: if the
+  // subscription's URL is http, this option must allow http, also for a redirect that comes after one to https.
   static size_t onHeader(char* bytes, size_t size, size_t count, void* self) {
     constexpr std::string_view kLocation = "location:", kPlain = "http:";
     State& state = *static_cast<State*>(self);
