@@ -67,7 +67,7 @@ class QueueWatchdogTest : public testing::Test {
     return false;
   }
 
-  // Waits until the child has not run for more than two checks.
+  // Waits until the child has slept for 0.7 s, which is longer than two checks take. False if that never happens.
   bool fallsAsleep() {
     uint64_t before = 0, now = 0;
     for (int i = 0; i < 60; ++i, before = now, std::this_thread::sleep_for(700ms)) {
