@@ -24,8 +24,9 @@ struct ValueSize {
   uint64_t elements = 0;
   unsigned nesting = 0;  // depth of containers; measuring stops at kMaximumNesting + 1
 
-  // Whether the receiver accepts a call with this value as the only argument.
+  // More than a call takes apart from its argument.
   static constexpr uint64_t kEnvelopeWords = 1024;
+  // Whether the receiver accepts a call with this value as the only argument.
   bool fits() const {
     return words + kEnvelopeWords <= kMaximumCallWords && elements <= kMaximumElements && nesting <= kMaximumNesting;
   }

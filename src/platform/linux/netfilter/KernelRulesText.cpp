@@ -134,10 +134,13 @@ class ProviderChains {
 // "Bits" are our bits (kMarkMask) of a mark; a packet or connection "has bits" if they are not all 0. In each of the
 // three chains, the first rule returns if the connection is allowed (in table filter: if it is not dropped) and the
 // packet has no bits. Most packets are of this kind, and no later rule would match them. In mangle OUTPUT, the first
-// rule does not match SYNs, because a later rule clears the connection's bits at each SYN. The packets of a connection
-// without a verdict pass more rules, so the order of the rules is chosen to keep their number small.
+// rule matches only TCP packets that are not SYNs, because later rules clear the connection's bits at each SYN, and
+// queue the Initial packets of allowed UDP conversations. The packets of a connection without a verdict pass more
+// rules, so the order of the rules is chosen to keep their number small.
 //
 //   mangle OUTPUT <---------------------------------------------------------------------------------------+
+//     TCP without a valid connection,                  nothing: table filter carries out the answer       |
+//       packet has bits                                                                                   |
 //     packet and connection have bits         VERDICT  save the packet's bits to the connection,          |
 //                                                      unless they are "pending"                          |
 //     TCP SYN: clear the connection's bits    SYN      NEW, then QUEUE if the connection is pending       |
@@ -159,6 +162,7 @@ class ProviderChains {
 //     packet and connection have bits         VERDICT  save as above, then clear the packet's bits
 //     SYN without bits, connection dropped             clear the connection's bits
 //     connection or packet dropped            DROP     TCP reset, or port unreachable; UDP in both directions
+//     TCP without a valid connection                   clear the packet's bits
 //
 //   mangle INPUT <----------------------------------------------------------------------------------------+
 //     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
