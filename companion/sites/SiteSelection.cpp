@@ -56,14 +56,14 @@ std::string not_blocked_text(const BlockList& list, ListsBeside& beside, const s
     return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
            ": to end the exception: orvanectl disallow " + decision.exception->host;
   if (line && decision.blocking == nullptr)
-    return "it is covered by " + line_text(*line) + ": to except this host: orvanectl allow " + host;
+    return "it is covered by " + line_text(*line) + ": to allow this host: orvanectl allow " + host;
   const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
   if (site == nullptr) site = decision.inactive;
   if (site == nullptr) return "see orvanectl list";
   if (site->group != kDefaultGroup)
     return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + list.groupOf(*site).name +
            ": give " + site->host + " --group " + list.groupOf(*site).name;
-  return "it is covered by the line " + in_quotes(line_of(*site)) + ": to except this host: orvanectl allow " + host +
+  return "it is covered by the line " + in_quotes(line_of(*site)) + ": to allow this host: orvanectl allow " + host +
          "; to change the whole line, give " + site->host;
 }
 

@@ -177,7 +177,8 @@ std::optional<std::string_view> authority_in(std::string_view given) {
   return authority;
 }
 
-// The length of the port with its colon; 0 if there is none.
+// The length of the port with its colon. 0 if there is no port, or if the host is in brackets: it is an IPv6 address,
+// which is refused later, with or without a port.
 size_t port_length(std::string_view authority) {
   const size_t colon = authority.rfind(':');
   return colon == std::string_view::npos || authority.starts_with('[') ? 0 : authority.size() - colon;

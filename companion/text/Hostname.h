@@ -20,8 +20,8 @@ bool normalize_hostname(std::string_view given, std::string& name, std::string& 
 // "example.com/a". For any other text, the text itself. A view into `given`.
 std::string_view host_in(std::string_view given);
 
-// The port in such a text, which host_in() leaves out: "8443" in "https://example.com:8443/a". Empty if it has none. A
-// view into `given`.
+// The port in such a text, which host_in() leaves out: "8443" in "https://example.com:8443/a". Empty if there is none,
+// or if the host is in brackets (an IPv6 address), because host_in() leaves such a port in place. A view into `given`.
 std::string_view port_in(std::string_view given);
 
 // Converts the international labels of a name to Unicode. The name must have the form of normalize_hostname(). Empty if

@@ -60,7 +60,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"unblock a.x.example.com", 0,
        "a.x.example.com and its subdomains: removed from the list; still blocked by the line \"example.com\"\n"},
       {"unblock m.example.com 2>&1 | head -n 1", 0,
-       "orvanectl: not on the list: \"m.example.com\": it is covered by the line \"example.com\": to except this host: "
+       "orvanectl: not on the list: \"m.example.com\": it is covered by the line \"example.com\": to allow this host: "
        "orvanectl allow m.example.com; to change the whole line, give example.com\n"},
       {"unblock www.example.com", 0,
        "www.example.com: removed from the list; still blocked by the line \"example.com\"\n"},

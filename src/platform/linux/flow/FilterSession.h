@@ -56,8 +56,9 @@ class FilterSession {
 
   // Shows the provider a flow that is already open, and settles the flow. Call it in place of the functions above. The
   // flow's first bytes have passed and are no longer available, so a provider that asks for data gets one byte, '?',
-  // which no host name contains. The drop of such a flow is not recorded: the caller may not know yet that the flow has
-  // ended by itself, and if it has not, the browser opens a new one.
+  // which no host name contains. The drop of such a flow is not recorded, for two reasons: the caller may not know yet
+  // that the flow has ended by itself; and if the drop ends the flow, the browser opens a new flow, whose drop is
+  // recorded.
   State openFlow();
 
   // Drops an examined flow without asking the provider. For a caller that cannot show the flow's data to the provider.
