@@ -26,7 +26,7 @@ class PathWatch {
   int descriptor() const { return inotify_.get(); }
 
   // Reads all pending events. Returns true, and calls arm(), if an event concerned one of the files (each write is an
-  // event) or a watched folder itself.
+  // event) or a watched folder itself, or if the kernel has discarded events.
   bool readEvents();
 
   // Looks up the folders of the paths again. Watches the folders that exist now, and stops watching all other folders.

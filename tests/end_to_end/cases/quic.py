@@ -1,4 +1,4 @@
-"""The filter's verdicts on the kinds of QUIC connections that browsers make seldom."""
+"""The filter's verdicts on kinds of QUIC connections that browsers rarely make."""
 
 import contextlib
 import dataclasses
