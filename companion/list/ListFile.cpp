@@ -137,8 +137,8 @@ struct FileContent : ListFileContent {
   mode_t mode = kModeOfNew;
 };
 
-std::string read_text(const Descriptor& file, const Place& place) {
-  std::optional<std::string> text = read_up_to(file.get(), kLargestInput + 1);
+std::string read_text(const Descriptor& file, size_t probableSize, const Place& place) {
+  std::optional<std::string> text = read_up_to(file.get(), kLargestInput + 1, probableSize);
   if (!text) throw file_error("cannot read", place, errno);
   check_size(*text, place);
   return *std::move(text);
@@ -164,7 +164,8 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
     if (status.st_nlink > 1)
       throw FileError("cannot read the file: " + in_quotes(place.path) +
                       ": the file has other names (hard links): replace it by a copy");
-    content = {{read_text(file, place), version_of(status), Moment(std::chrono::seconds(status.st_mtime))},
+    content = {{read_text(file, static_cast<size_t>(status.st_size), place), version_of(status),
+                Moment(std::chrono::seconds(status.st_mtime))},
                status.st_mode & kPermissions};
     if (attempt == kAttempts || version_of(status_of(file, place)) == content.version) return content;
   }

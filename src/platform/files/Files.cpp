@@ -24,12 +24,13 @@ bool write_all(int file, std::string_view text) {
   return true;
 }
 
-std::optional<std::string> read_up_to(int file, size_t limit) {
-  constexpr size_t kFirstChunk = 4096;
+std::optional<std::string> read_up_to(int file, size_t limit, size_t probableSize) {
+  // With room for one byte more than the file has, the second read(2) finds the end, and no third is necessary.
+  const size_t firstChunk = std::max<size_t>(4096, probableSize + 1);
   std::string bytes;
   size_t length = 0;
   while (length < limit) {
-    if (length == bytes.size()) bytes.resize(std::min(limit, std::max(kFirstChunk, 2 * length)));
+    if (length == bytes.size()) bytes.resize(std::min(limit, std::max(firstChunk, 2 * length)));
     const ssize_t count = ::read(file, bytes.data() + length, bytes.size() - length);
     if (count < 0 && errno != EINTR) return std::nullopt;
     if (count == 0) break;

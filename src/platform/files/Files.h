@@ -17,8 +17,8 @@ namespace orvane {
 bool write_all(int file, std::string_view text);
 
 // Reads from the current position to the end of the file, at most `limit` bytes. Nothing, with errno set, when a read
-// fails.
-std::optional<std::string> read_up_to(int file, size_t limit);
+// fails. The size that the file probably has saves copies.
+std::optional<std::string> read_up_to(int file, size_t limit, size_t probableSize = 0);
 
 // Whether a symbolic link in the last part of a path is followed.
 enum class Links { Follow, Refuse };
