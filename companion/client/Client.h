@@ -26,7 +26,7 @@ class NoExtension : public ClientError {
   using ClientError::ClientError;
 };
 
-// An extension runs but accepts no connection: it hangs, or serves too many clients.
+// An extension runs but accepts no connection or does not answer: it hangs, or serves too many clients.
 class UnresponsiveExtension : public ClientError {
  public:
   using ClientError::ClientError;

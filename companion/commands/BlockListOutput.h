@@ -32,8 +32,7 @@ struct ListInForce {
 ListInForce find_in_force(const BlockList& list, const std::optional<KeeperState>& keeper,
                           const std::optional<BlockList>& inForce, Moment now);
 
-// Print all sites on standard output, one at a time, so that a large list needs no second copy in memory. `inForce`:
-// null to leave it out. print_file() prints it as comments.
+// Print all sites on standard output. `inForce`: null to leave it out. print_file() prints it as comments.
 void print_table(const BlockList& list, const ListInForce& inForce, Moment now);  // for people, with totals
 void print_file(const BlockList& list, const ListInForce* inForce, Moment now);   // as the list's file
 void print_hosts(const BlockList& list);                                          // without the exceptions

@@ -9,7 +9,7 @@
 
 namespace orvane {
 
-// The headings of the help text.
+// Headings of the help text.
 inline constexpr const char* kListGroup = "The list (changes are permanent)";
 inline constexpr const char* kServiceGroup = "The services";
 inline constexpr const char* kExtensionGroup = "The running extension (changes last until it ends)";

@@ -18,8 +18,8 @@ struct EndTime {
 };
 
 // The moment that the options give; one of them must be given. If --until has several readings, asks which one is
-// meant. If nobody can be asked (there is no terminal, or the output is JSON), throws InputError with all readings: a
-// script must not depend on a guess, and a command that fails leaves the sites blocked. Throws InputError for invalid
+// meant. If the answer chooses none of them, or if nobody can be asked (there is no terminal, or the output is JSON),
+// throws InputError with all readings, because a script must not depend on a guess. Throws InputError for invalid
 // texts, too.
 Moment read_end_time(const EndTime& end, const CommonOptions& options, Moment now);
 

@@ -312,7 +312,7 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
     throw InputError("bad command line: suspend: say how long: --for 30m, or --until 18:00");
   refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment end = read_end_time(arguments.end, options, now);
-  std::map<Moment, std::string> texts;  // for all sites of a large list, mostly the same one
+  std::map<Moment, std::string> texts;  // made once for each moment, because a large list has many sites
   return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
     // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
     // that it lasts as long as the user asked.

@@ -37,7 +37,7 @@ struct UnitFacts {
   bool known = false;      // the service manager answered
   bool installed = false;  // the service manager has this unit
   bool running = false;
-  std::string state;            // as the service manager writes it: "active (running)"
+  std::string state;            // "active (running)", with the service's own status line if it has one
   uint64_t hiddenNames = 0;     // for the extension: how many connections since its start hid the host's name
   bool filtersNothing = false;  // for the extension: it recognises no browser
 };
@@ -46,7 +46,7 @@ struct UnitFacts {
 struct ConnectionFacts {
   enum class Outcome { Answered, NoSocket, Refused, Denied, Silent };
   Outcome outcome = Outcome::NoSocket;
-  std::string socket;    // the socket's path; for NoSocket, the path of the package's service
+  std::string socket;    // the socket's path; for NoSocket, where the socket should be, or why it can have no path
   uint64_t changes = 0;  // for Answered: the extension's count of edits
 };
 
@@ -70,7 +70,7 @@ struct Facts {
   ConnectionFacts connection;
   std::optional<std::vector<ControlClient>> clients;  // of the extension; nothing when they could not be read
   GroupFacts group;
-  std::vector<pid_t> processes;          // the process IDs of the extensions in this network namespace
+  std::vector<pid_t> processes;          // the extensions in this network namespace, or in an unreadable one
   pid_t process = 0;                     // the extension that has the capabilities below; 0 for none
   std::optional<uint64_t> capabilities;  // the effective capabilities of `process`, one bit each (capabilities(7))
   std::vector<std::string> missingPrograms;

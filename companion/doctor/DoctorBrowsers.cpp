@@ -16,7 +16,7 @@ struct FeatureCheck {
   HidingFeature feature;
   const char* check;
   const char* risk;
-  // How the user switches the feature off in a browser that reads none of our policies; empty if there is no way.
+  // The advice for a browser that reads none of our policies; empty for a family in which the feature is not checked.
   const char* inFirefox;
   const char* inChromium;
 };

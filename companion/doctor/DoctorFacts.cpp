@@ -31,7 +31,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The cgroup of the package's extension. Only the service manager can put a process there.
+// The cgroup of the package's extension. Only root and the service manager can put a process there.
 constexpr const char* kExtensionCgroup = "/system.slice/orvane-se.service";
 constexpr size_t kTextLimit = size_t{8} << 20;
 constexpr auto kAnswerTimeout = std::chrono::seconds(2);

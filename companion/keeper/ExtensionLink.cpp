@@ -34,7 +34,7 @@ constexpr std::chrono::milliseconds kLogInterval = 60s;
 constexpr std::chrono::milliseconds kRefusalInterval = 60s;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous
-// attempt to connect, the next attempt waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
+// call, the next attempt to connect waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
 // second for each kNamesPerSecond names.
 constexpr std::chrono::milliseconds kCallTimeout = 5s;
 constexpr std::chrono::milliseconds kShortCallTimeout = 1s;

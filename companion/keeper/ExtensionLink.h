@@ -41,8 +41,8 @@ class ExtensionLink {
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
   // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
-  // `guarded`: the names that must not be missing. An undo adds them first. If the extension does not take the whole
-  // list, the extension gets only these names.
+  // `guarded`: the names that must not be missing. If they are few, an undo adds them first. If the extension does not
+  // take the whole list, the extension gets only these names.
   void undoEdits(bool enabled, PackedNames guarded);
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.

@@ -187,7 +187,7 @@ class Keeper {
   Steady::time_point saveGuardAt_ = Steady::time_point::max();
   std::string listInForce_;                      // as last written
   std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
-  std::optional<Steady::time_point> emptySince_ = Steady::time_point::min();  // an empty list at the start counts
+  std::optional<Steady::time_point> emptySince_ = Steady::time_point::min();  // no delay for an empty first list
   std::optional<Steady::time_point> readAt_ = Steady::now();
 
   bool isKnown_ = false;  // a list has been read
@@ -469,7 +469,7 @@ void Keeper::saveGuard() {
   saveGuardAt_ = guard_.due() ? Steady::now() + kGuardSaveInterval : Steady::time_point::max();
 }
 
-// Writes the list that is in force for `orvanectl try`, which may not read the guard's file.
+// Writes the list that is in force, for commands such as `orvanectl try`, which may not read the guard's file.
 void Keeper::publishListInForce(const BlockList& list) {
   state_.isGuarded = lock_ && guard_.isActive();
   std::string text = state_.isGuarded ? list.text() : "";

@@ -19,8 +19,7 @@ uint64_t send_all(Client& client, const HeldNames& list);
 // as send_all() does.
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after);
 
-// Whether so many names differ that one message with the whole list is better, although it discards other clients'
-// edits.
+// If more names than this differ, one message with the whole list is better, although it discards other clients' edits.
 inline constexpr size_t kLargestDifference = 4096;
 bool needs_whole_list(const HeldNames& before, const HeldNames& after);
 

@@ -11,7 +11,7 @@ namespace {
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
 // Escapes backslashes, quotes and line ends, as the format requires. The format is UTF-8, but a file's name may not be.
-// So bytes that are not ASCII become question marks, and other control characters, too.
+// So bytes that are not ASCII become question marks, as do control characters other than line ends.
 std::string escaped(const std::string& value) {
   std::string text;
   for (const char c : value) {

@@ -40,8 +40,8 @@ struct ListedSite {
 // A view into `host`.
 std::string_view site_of(std::string_view host);
 
-// Whether the site's line covers subdomains, too. The line of a public suffix covers only its host, because the names
-// below a public suffix belong to unrelated people (Subdomains.h).
+// Whether the site's line covers subdomains, too. The line of a public suffix or of a name without a dot covers only
+// its host, as for covering_hosts() (Subdomains.h).
 bool has_subdomains(const ListedSite& site);
 
 // The name that the extension must hold for a site: the host, with the mark of its scope (Subdomains.h).
@@ -154,7 +154,7 @@ struct Decision {
   const ListedSite* suspended = nullptr;  // would block the host if it were not suspended; of several such sites, the
                                           // one whose suspension ends first
   const ListedSite* exception = nullptr;  // lets the host pass, even if there is a `blocking` site
-  const ListedSite* inactive = nullptr;   // would block the host if its group were in force
+  const ListedSite* inactive = nullptr;   // covers the host, but its group is not in force
   bool isBlocked() const { return blocking != nullptr && exception == nullptr; }
 };
 Decision decide(const BlockList& list, std::string_view host, Moment now, const GroupStates& states);

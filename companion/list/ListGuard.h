@@ -26,7 +26,8 @@ bool blocks_less(const Group& wanted, const Group& held);
 //   a site is removed, suspended
 //   or blocks less                when the lock has ended      after the delay
 //   the group is enabled, its
-//   schedule is removed           at once                      at once
+//   schedule is removed, its
+//   delay gets longer             at once                      at once
 //   any other new setting         when the lock has ended      after the delay
 //   an exception (in any group)
 //   for a site of the group       when the lock has ended      after the delay

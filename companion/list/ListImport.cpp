@@ -42,7 +42,7 @@ bool is_local_name(std::string_view name) {
   return is_one_of(name, kNames);
 }
 
-// The kind of address that a line of a hosts file starts with. A blocking address is unspecified or loopback.
+// The kind of address that a line of a hosts file starts with. 0.0.0.0, 127.0.0.1, :: and ::1 are blocking addresses.
 enum class Address { None, Blocking, Other };
 
 Address address_in(std::string_view word) {

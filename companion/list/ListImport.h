@@ -17,7 +17,7 @@ namespace orvane {
 //
 //   form                            meaning                                              scope by default
 //   example.com                     one name, or any line of orvane-list(5)              Subdomains
-//   0.0.0.0 a.example b.example     hosts(5), with an unspecified or loopback address    ExactName: these lists name
+//   0.0.0.0 a.example b.example     hosts(5), with 0.0.0.0, 127.0.0.1, :: or ::1         ExactName: these lists name
 //                                                                                        each host
 //   ||example.com^                  a filter list's rule for a whole site                Subdomains
 //   @@||example.com^                a filter list's exception for a whole site           Exception
@@ -31,7 +31,7 @@ struct ImportedSites {
   // the greatest of their scopes, and the last of these lines decides whether the site is suspended.
   std::deque<ListedSite> sites;
   // The groups that the text has, with the settings that it gives them. ListedSite::group is a position in this vector.
-  // A text without a header and without sites has the default group.
+  // A text without a header and without sites has one group: ImportOptions::group, or the default group.
   std::vector<Group> groups;
   size_t lines = 0;
   size_t duplicates = 0;    // names that occurred earlier in this text
@@ -46,7 +46,7 @@ using ImportRejection = std::function<void(size_t line, std::string_view text, c
 // Called from time to time with the number of bytes and the number of lines that were read so far.
 using ImportProgress = std::function<void(size_t bytes, size_t lines)>;
 
-// A text may have this many lines. In a line of hosts(5), each name counts as a line.
+// A text may have this many lines. In a line of hosts(5), each name counts as one more line.
 inline constexpr size_t kMostImportedLines = size_t{1} << 22;
 
 struct ImportOptions {

@@ -20,10 +20,10 @@ class Schedule {
   // A schedule without spans is always active.
   bool isEmpty() const { return spans_.empty(); }
 
-  // Adds a span, written as "[DAYS] HH:MM-HH:MM", which is a part of the syntax of systemd.time(7). DAYS are names of
-  // days or ranges of days: "Mon..Fri", "Sat,Sun". Without DAYS, the span is in force on every day; without times, for
-  // the whole day. If the second time is not later than the first, the span ends on the next day. If the text is no
-  // span, or if there are kMostSpans already, returns false and sets `fault` to what is wrong and what to do.
+  // Adds a span, written as "[DAYS] HH:MM-HH:MM". DAYS are names of days or ranges of days, as in systemd.time(7):
+  // "Mon..Fri", "Sat,Sun". Without DAYS, the span is in force on every day; without times, for the whole day. If the
+  // second time is not later than the first, the span ends on the next day. If the text is no span, or if there are
+  // kMostSpans already, returns false and sets `fault` to what is wrong and what to do.
   static constexpr size_t kMostSpans = 100;
   bool add(std::string_view text, std::string& fault);
 

@@ -29,7 +29,7 @@ std::string in_lower_case(std::string_view text) {
   return result;
 }
 
-// The letters and digits of a text, in lower case. All bytes of letters that are not in ASCII count as letters.
+// The letters and digits of a text, in lower case. All bytes that are not ASCII count as letters.
 std::string plain(std::string_view text) {
   std::string result = in_lower_case(text);
   std::erase_if(result, [](char c) {

@@ -28,8 +28,8 @@ bool any_from(std::string_view host, Visit visit) {
   }
 }
 
-// Whether an exception or a suspension for `covering`, which is the host or a domain above it, concerns the host. One
-// for a public suffix concerns only the suffix (covering_hosts()).
+// Whether an exception or a suspension for `covering`, which is the host or a domain above it, concerns the host. If
+// `covering` is a public suffix or has no dot, it concerns only this name (covering_hosts()).
 bool concerns(std::string_view covering, std::string_view host) {
   return covering == host || (covering.find('.') != std::string_view::npos && !is_public_suffix(covering));
 }
@@ -43,7 +43,7 @@ class Exemptions {
     for (const RankedNames& list : lists) {
       if (list.rank == Rank::Fixed) continue;
       for (std::string_view name : *list.names) {
-        if (!is_exception(name)) break;  // exceptions come first, because '!' is less than '.' and all letters
+        if (!is_exception(name)) break;  // exceptions come first, because '!' is less than a name's other characters
         ranks_[host_of(name)] |= bit(list.rank);
       }
     }

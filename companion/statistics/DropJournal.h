@@ -24,8 +24,8 @@ class DropJournal {
   // `folder` has the files of a journal; the empty text means the machine's own journal.
   explicit DropJournal(std::string folder = "") : folder_(std::move(folder)) {}
 
-  // Calls `take` for each entry from `since` until before `until`. Throws FileError if the machine has no journal, or
-  // if the journal cannot be read, with advice for a user who may not read it.
+  // Calls `take` for each entry written at `since` or later, and before `until`. Throws FileError if the machine has no
+  // journal, or if the journal cannot be read, with advice for a user who may not read it.
   void read(Moment since, Moment until, const std::function<void(DropEntry)>& take) const;
 
   // When the last entry before `moment` was written. Throws as read().

@@ -33,7 +33,7 @@ class DropSums {
   std::vector<Sum> browsers() const { return sorted(browsers_); }
 
   // The number of connections in each hour of the local time zone, from the first connection until `until`, in order.
-  // If this is more than two days, the number in each day instead.
+  // If that is a span of more than two days, the number in each day instead.
   std::vector<Bar> bars(Moment until) const;
   bool barsAreDays(Moment until) const;
 

@@ -143,7 +143,7 @@ class Fetcher {
     return fs::exists(subscription_list_path(options_.folder, name), ignored);
   }
 
-  // When the file of the copy is gone. What protects from an older copy stays.
+  // Call this when the file of the copy is gone. Keeps `source` and `signedAt`, so that an older copy is still refused.
   static void forgetCopy(SubscriptionState& state) {
     state.counts = {};
     forgetVersion(state);

@@ -30,7 +30,7 @@ inline constexpr const char* kSubscriptionsName = "subscriptions";
 // The file with the requests to fetch a subscription now, in the same folder.
 inline constexpr const char* kRequestsName = "subscriptions.refresh";
 
-// What is wrong with a name or a URL, and what to do; empty if nothing is.
+// What is wrong with a name, a URL or a key, and what to do; empty if nothing is.
 std::string subscription_name_fault(std::string_view name);
 std::string url_fault(std::string_view url, bool isInsecure);
 std::string key_fault(std::string_view key);
@@ -68,8 +68,9 @@ std::string without_subscription(std::string_view text, std::string_view name);
 
 // The latest request to fetch a subscription.
 struct RefreshRequest {
-  // The number of the request before, plus 1; 0 follows the greatest number. The fetcher carries out the request if its
-  // own last number is another one. Members of the group may write any number, so no number may count as the last one.
+  // The number of the previous request, plus 1; 0 follows the greatest number. The fetcher carries out the request if
+  // this number differs from that of the last request that it carried out. Members of the group may write any number,
+  // so a comparison by size would let them block all later requests.
   uint64_t number = 0;
   std::string accepted;  // the SHA-256 of a copy that may be in force although it is much smaller; empty if none
 };

@@ -25,8 +25,8 @@ struct ALabel {
 // and encoded again.
 ALabel look_up_label(const std::string& label);
 
-// Converts an A-label to Unicode, in UTF-8. Empty if look_up_label() does not find the same A-label for the result, so
-// the result contains only letters that IDNA allows.
+// Converts an A-label to Unicode, in UTF-8. Empty if look_up_label() does not find the same A-label for the result. So
+// on Linux, the result contains only letters that IDNA allows.
 std::string unicode_label(const std::string& label);
 
 }  // namespace orvane

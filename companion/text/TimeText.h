@@ -60,7 +60,7 @@ std::string local_text(Moment moment, Moment now);
 // leads to has just passed.
 std::string duration_text(std::chrono::seconds duration);
 
-// For people, the end of a suspension: "until 18:00 (30 min left)".
+// For people, the end of a suspension or of a lock: "until 18:00 (30 min left)".
 std::string suspension_text(Moment until, Moment now);
 
 }  // namespace orvane
