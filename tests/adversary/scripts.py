@@ -104,8 +104,8 @@ def _answer(script: Script, at: int, pause: float) -> dict:
 
 
 # Each step returns the fields of the script that it changes. make() takes a script's steps in the order of this table.
-# The steps that make the text come first, because the other steps depend on the text. "EndOfServer" comes after the
-# steps that add answers, because it removes some of the answers.
+# The steps that make the text come first, because the other steps depend on the text. "EndOfServer" removes some of the
+# answers, so it comes after those steps that add answers and may be in the same script.
 STEPS: dict[str, Callable[[Script, random.Random], dict]] = {
     "Plain": lambda _, n: {},
     "Spelling": _spelling,

@@ -58,7 +58,8 @@ inline struct LogState {
 // the level if it is debug. The entries of other categories are then lost.
 std::string take_log(const std::string& category = "");
 
-// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. There is one bundle, with the resource "Browsers.plist".
+// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. All bundles have the same content; the URL of a resource is
+// file:///NAME.TYPE.
 inline struct FileState {
   Value information = nullptr;   // the bundle's Info.plist, a dictionary
   std::string fails;             // the failing step: "bundle", "resource", "stream", "open", "read", "data" or "parse"

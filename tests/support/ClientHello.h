@@ -26,7 +26,7 @@ inline std::string client_hello(const std::string& extensions) {
   return '\x01' + with_length(body, 3);
 }
 
-// The same in TLS records of at most `record` bytes.
+// A ClientHello in TLS records with at most `record` bytes of it each.
 inline std::string hello(const std::string& extensions, size_t record = 16384) {
   const std::string message = client_hello(extensions);
   std::string records;

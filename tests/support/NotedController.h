@@ -14,7 +14,7 @@
 
 namespace orvane {
 
-// A control object that records each message, and replies with fixed values. Thread-safe.
+// A control object that records each message without a reply, and answers all others with fixed values. Thread-safe.
 class NotedController final : public OrvaneSECommunication {
  public:
   using Messages = std::vector<std::pair<std::string, Value>>;

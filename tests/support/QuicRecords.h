@@ -8,8 +8,8 @@
 
 namespace orvane {
 
-// The datagrams of a file in the fuzz target's corpus: recorded from a browser, or made with fuzz/QuicClient.h. In the
-// file, each datagram comes after its length (2 bytes).
+// The datagrams of a file in the fuzz target's corpus: recorded from a browser, taken from an RFC, or made with
+// fuzz/QuicClient.h. In the file, each datagram comes after its length (2 bytes).
 inline std::vector<std::string> quic_records(const std::string& file) {
   std::ifstream input(std::string(ORVANE_QUIC_RECORDS) + file, std::ios::binary);
   std::string text{std::istreambuf_iterator<char>(input), {}};

@@ -1,4 +1,4 @@
-"""The filter's verdicts on HTTP/3. Cases that run no browser send a recording: a browser's first datagrams to HELD."""
+"""The filter's verdicts on HTTP/3. Most cases send a recording of a browser's first datagrams to HELD."""
 
 import collections
 import contextlib
@@ -198,7 +198,7 @@ def PassesNoHeldNameDuringAFlood(world: World):
         received = server.received_by_client()
         print(f"datagrams of {len(received)} clients arrived; {extension.counters()}")
         # In the flood, the filter drops some datagrams without reading them, and then may let the client's other
-        # datagram pass. But both must never arrive, because the two together contain the whole name.
+        # datagram pass. But the two must never both arrive, because together they contain the whole name.
         check([client for client, datagrams in received.items() if len(set(datagrams)) > 1], [], "whole hellos")
         for connection in clients:
             connection.close()

@@ -20,7 +20,7 @@
 namespace orvane {
 
 Value networkExtension;  // the value of the key NetworkExtension in the bundle's Info.plist
-std::optional<std::string> browserList = "file:///nonexistent";  // its URL
+std::optional<std::string> browserList = "file:///nonexistent";  // the URL of Browsers.plist
 bool hangsAtStop = false;
 
 Bundle* bundle_get_main() { return nullptr; }

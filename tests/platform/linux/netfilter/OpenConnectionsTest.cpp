@@ -47,7 +47,7 @@ class OpenConnectionsTest : public ::testing::Test {
     EXPECT_FALSE(connections.hasPlans());
     return provider->take().calls;
   }
-  // The name of the next connection that the provider is asked about.
+  // The call to the provider about the next connection.
   std::string next() {
     connections.review(0s);
     return provider->take().calls;

@@ -79,7 +79,7 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {23, 1, 70, "helper", kBrowser, "", "helper", 20},             // its parent has ended
       {24, 10, 80, "helper", "app-tool-1.scope", "", "helper", 24},  // started by the desktop, in a unit of its own
       {25, 10, 80, "helper", kSession, "", "helper", 10},
-      {26, 20, 30, "helper", kSession, "", "helper", 26},  // its parent is younger than it: the parent's pid was reused
+      {26, 20, 30, "helper", kSession, "", "helper", 26},  // began before its parent: the parent's pid was reused
       {27, 1, 90, "bin/shell", kSession, "org.example.Sandboxed", "org.example.Sandboxed", 27},
       {28, 27, 91, "", kSession, "", "none", 27},
       {29, 1, 92, "", "snap.packaged.app-1.scope", "", "packaged", 29},
@@ -167,8 +167,8 @@ TEST(ProcessTest, WaitsForNoFileSystem) {
   EXPECT_EXIT(identify(), isDone, "^(browserremovedhelper)?$");
 }
 
-// A wrapper that executes a browser, which starts a tool and then executes another tool. All these programs are copies
-// of the shell.
+// A wrapper that executes a browser. The browser starts a tool, and later its process executes the tool, too. All these
+// programs are copies of the shell.
 class Wrapper : public RunningProgram {
  public:
   static void install(const ProgramFolder& folder) {
@@ -228,7 +228,7 @@ struct ControlGroup {
 TEST(ProcessTest, NoticesEachChangeOfAProcessAtOnce) {
   ProgramFolder folder;
   Wrapper::install(folder);
-  folder.entry("test", ProcessInformation::open(::getpid())->executable()->path);  // the emulator's, if one runs it
+  folder.entry("test", ProcessInformation::open(::getpid())->executable()->path);  // or the emulator that runs the test
   ASSERT_EQ(0, ::prctl(PR_SET_CHILD_SUBREAPER, 1));
   ControlGroup group;
   ProcessChanges uncounted;  // it counts no events
