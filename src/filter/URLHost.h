@@ -7,7 +7,7 @@
 
 namespace orvane {
 
-// The host of a URL, in the URL's spelling. Nothing when the URL has no host.
+// The host of a URL, as NSURLComponents::host() gives it. Nothing when the URL has no host.
 std::optional<std::string> url_host(const NSURL& url);
 
 }  // namespace orvane

@@ -12,8 +12,8 @@
 namespace orvane {
 
 // Finds the program that owns an audit token. A provider makes one object for each flow, asks it for one or two bundle
-// identifiers, and releases it. The object caches nothing. A look-up that fails returns nothing, and logs the failing
-// step at debug level. Thread-safe.
+// identifiers, and releases it. The object caches nothing. A look-up that fails returns nothing; most failures are
+// logged at debug level. Thread-safe.
 //
 // The spelling of the class's name is frozen, because the name is also the log category (docs/compatibility.md).
 class PLAudtToken : public NSObject {

@@ -28,8 +28,9 @@ class NSURLComponents : public NSObject {
   // Null when the URL cannot be parsed.
   static Ref<NSURLComponents> initWithURL(const NSURL& url, bool resolvingAgainstBaseURL);
 
-  // The host in the URL's spelling, with percent-encoding decoded; an IPv6 address keeps its brackets. Nothing when the
-  // URL has no host. On Linux an empty host counts as no host; other systems may return the empty text.
+  // The host, with percent-encoding decoded; an IPv6 address keeps its brackets. Nothing when the URL has no host. On
+  // Linux the host has the form of the list's names (names/HostName.h), and an empty host counts as no host. On macOS
+  // the host has the URL's spelling, and may be the empty text.
   virtual std::optional<std::string> host() const = 0;
 };
 

@@ -46,7 +46,8 @@ class NEFilterSocketFlow : public NEFilterFlow {
  public:
   // Null while the endpoint is unknown.
   virtual Ref<NWEndpoint> remoteEndpoint() const = 0;
-  // The host name that the application asked for, in the application's spelling. Nothing if the name is unknown.
+  // The host name that the application asked for; nothing if it is unknown. The name has the form of the list's names
+  // (names/HostName.h); but if macOS itself reports the name, it has the application's spelling.
   virtual std::optional<std::string> remoteHostname() const = 0;
   // SOCK_STREAM or SOCK_DGRAM, as socket(2) numbers them.
   virtual int32_t socketType() const = 0;

@@ -16,7 +16,8 @@ static_assert(sizeof(audit_token_t) == 32);
 pid_t audit_token_to_pid(audit_token_t token);
 
 // The process that the system holds responsible for the process `pid`: the process of the application for which `pid`
-// works, or `pid` itself. If the responsible process is unknown, returns a number that no process has.
+// works, or `pid` itself. On failure, for example if no process has the number `pid`, returns a number that no process
+// has.
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid);
 
 }  // namespace orvane

@@ -67,7 +67,7 @@ struct Block {
   }
 };
 
-// This thread's StringBlocks object, if it has one, and the block that is being filled.
+// Whether this thread has a StringBlocks object, and the block that is being filled.
 thread_local bool uses_blocks = false;
 thread_local Block* filling = nullptr;
 

@@ -28,9 +28,9 @@ class NSXPCInterface {
 // object, on threads of the platform: messages of one connection one after the other, in order; messages of several
 // connections at the same time.
 //
-// Two handlers report the connection's end: "invalidated" when the peer closed the connection or exited, "interrupted"
-// when the connection broke. A system may report a broken connection to both handlers. Linux reports the end of a
-// connection once, even if the connection ends before the handler is set; other systems may lose that report.
+// Two handlers report the connection's end: "invalidated" when one side closed the connection or the peer exited,
+// "interrupted" when the connection broke. A system may report a broken connection to both handlers. Linux reports the
+// end of a connection once, even if the connection ends before the handler is set; other systems may lose that report.
 class NSXPCConnection : public NSObject {
  public:
   virtual void setExportedInterface(const NSXPCInterface& exportedInterface) = 0;
