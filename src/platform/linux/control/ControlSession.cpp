@@ -54,8 +54,9 @@ class LargeMessageBudget {
 };
 LargeMessageBudget large_message_budget;
 
-// Values may take 512 MiB of memory in all: those that the extension stores, and the arguments of the calls that are
-// being carried out. A value takes up to about kValueBytesPerByte bytes of memory for each byte of its message.
+// The limit on the memory for values is 512 MiB. The arguments of all calls that are being carried out count against
+// it; for some calls, the values that the extension stores count, too (see deliver()). A value takes up to about
+// kValueBytesPerByte bytes of memory for each byte of its message.
 constexpr uint64_t kValueBytesPerByte = 4;
 constexpr uint64_t kValueBudget = kMaximumCallWords * sizeof(capnp::word) * kValueBytesPerByte;
 

@@ -23,8 +23,8 @@ class SessionActivity {
 };
 
 enum class SessionEnd {
-  Closed,  // the client closed the connection or exited
-  Broken   // the connection was reset or cut off within a message, or the session rejected a message
+  Closed,  // the client closed the connection or exited, or another thread shut the socket down
+  Broken   // the connection was reset or cut off within a message, or the client broke a rule or a limit
 };
 
 // Serves one client on the calling thread: carries out its calls on `exported` in order, until the connection ends.

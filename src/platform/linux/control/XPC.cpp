@@ -97,9 +97,9 @@ class ClientSockets {
 
   // Ends one of the sessions that have been idle for kIdleLimit; does nothing if no session has been idle for so long.
   // Among these sessions, chooses one whose user has the most sessions; if there are several, the session that has been
-  // idle longest. The keeper of the list (companion/keeper) calls only when the list changes or while a group is
-  // locked, so its session is usually idle. But the keeper runs as a user of its own with one session, so it loses this
-  // session only if no user with more sessions has an idle session.
+  // idle longest. The keeper of the list (companion/keeper) calls only when the list changes or while it undoes
+  // the edits of other clients, so its session is usually idle. But the keeper runs as a user of its own with one
+  // session, so it loses this session only if no user with more sessions has an idle session.
   void endIdleSession() {
     std::map<uid_t, size_t> clientsOfUser;
     for (const auto& [descriptor, client] : sockets_) ++clientsOfUser[client.peer.uid];
