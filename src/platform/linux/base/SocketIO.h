@@ -34,7 +34,8 @@ void reset_connection(Descriptor socket);
 
 // Closes a connection so that the peer can read everything that was sent. Closing a socket with unread input would send
 // a reset, and a reset may discard bytes that the peer has not read yet. So this function ends the output, and then
-// reads and discards input. It stops when the peer closes the connection, after two seconds, or after 16 MiB.
+// reads and discards input. It stops when the peer closes the connection, when `stop` is readable, after two seconds,
+// or after 16 MiB.
 void close_gently(Descriptor socket, int stop);
 
 // The addresses of both endpoints of a connected socket. Nothing when the socket is not connected.

@@ -21,7 +21,7 @@ struct FlowCounters {
   Count ended{0};                    // open flows that were ended after an edit of the list
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
-  Count queueOverruns{0};            // times that the queue was full and the kernel dropped packets
+  Count queueOverruns{0};            // times that the queue's socket buffer was full, so packets were dropped
   Count unjudgedPackets{0};          // packets dropped without a verdict: too many were waiting, or one waited too long
   Count queueReleases{0};            // times that the watchdog released the queue
   Count ruleRepairs{0};              // times that the kernel rules were repaired

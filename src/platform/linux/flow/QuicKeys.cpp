@@ -16,7 +16,7 @@ constexpr size_t kSampleLength = 16;  // RFC 9001, section 5.4.2: one block of A
 constexpr size_t kSampleOffset = 4;   // from the first byte of the packet number
 constexpr size_t kTagLength = 16;
 
-// What differs between the versions: RFC 9001, section 5.2 and 5.1; RFC 9369, section 3.3.
+// What differs between the versions: RFC 9001, sections 5.1 and 5.2; RFC 9369, section 3.3.
 struct Constants {
   std::array<uint8_t, 20> salt;
   std::string_view key, iv, headerKey;

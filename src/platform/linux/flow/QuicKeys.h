@@ -12,12 +12,12 @@ namespace orvane {
 // A version of QUIC whose Initial packets can be read: version 1 (RFC 9000) or 2 (RFC 9369).
 enum class QuicVersion : uint32_t { V1 = 0x00000001, V2 = 0x6b3343cf };
 
-// The keys that protect the Initial packets of one client (RFC 9001, section 5.2). They are derived from the connection
-// ID that the client chose for the server in its first Initial packet. Everybody who sees that packet can compute the
-// keys: they protect against damage, not against readers.
+// The keys that protect the Initial packets of one client (RFC 9001, section 5.2). They are derived from the
+// destination connection ID of the client's first Initial packet, or, after a Retry, of its first packet after the
+// Retry. Everybody who sees that packet can compute the keys: they protect against damage, not against readers.
 class QuicKeys {
  public:
-  // The keys of a connection whose client chose the connection ID `destination`. Nothing when the crypto library fails.
+  // The keys that come from the connection ID `destination`. Nothing when the crypto library fails.
   static std::optional<QuicKeys> derive(QuicVersion version, std::span<const uint8_t> destination);
 
   // Removes the protection of one packet (RFC 9001, sections 5.4 and 5.3). `packet` is the whole packet, and its packet

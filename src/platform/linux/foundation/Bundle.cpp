@@ -15,7 +15,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // Nil when the file cannot be read or is not a property list. Neither fault is logged here: every look-up of a key then
-// finds nothing, and the look-up's caller reports the missing key.
+// finds nothing, and the callers that need a key report that it is missing.
 Value read_information(const fs::path& path) {
   constexpr size_t kMaxLength = 1 << 20;
   const auto text = read_file_start(path, kMaxLength + 1, Links::Follow);

@@ -165,7 +165,8 @@ class ProviderChains {
 //     TCP without a valid connection                   clear the packet's bits
 //
 //   mangle INPUT <----------------------------------------------------------------------------------------+
-//     packet's bits are "allowed"             ANSWERED save them to the connection, then clear them       |
+//     packet's bits are "allowed"             ANSWERED save them if the connection has bits, then         |
+//                                                      clear them                                         |
 //     connection pending, payload of                   the queue; dropped while the name is incomplete    |
 //       the server                                       |                                                |
 //     TCP without a known connection          STRAY    the provider's rules: INVALID, or nothing          |

@@ -19,8 +19,8 @@ inline constexpr uint32_t kMarkPending = 0x02000000;  // the connection's payloa
 inline constexpr uint32_t kMarkAllowed = 0x10000000;
 inline constexpr uint32_t kMarkDropped = 0x12000000;
 
-// The mark with which a packet leaves the queue: `packetMark`, with our bits replaced by `answer`, one of the three
-// values above.
+// The mark with which a packet leaves the queue: `packetMark`, with our bits replaced by `answer`, which is
+// kMarkPending, kMarkAllowed or kMarkDropped.
 constexpr uint32_t answer_mark(uint32_t packetMark, uint32_t answer) { return (packetMark & ~kMarkMask) | answer; }
 
 // The packet queue (nfnetlink_queue) that the rules name; each network namespace has its own queues.

@@ -27,7 +27,7 @@ namespace orvane {
 struct OpenConnection {
   SocketPair pair;
   uint64_t cookie;   // the socket's cookie
-  uid_t user;        // the socket's creator
+  uid_t user;        // the socket's user (SocketFacts)
   Value owner;       // the audit token of the process
   std::string name;  // the server's name
 };
@@ -42,8 +42,8 @@ struct OpenConnection {
 // The end of a connection is not reported in time: connection tracking can report it, but only two minutes later by
 // default, and its messages may be lost. So removeEnded() makes two checks for each connection that was added. A check
 // takes the connection that was added or checked longest ago, and removes it if its socket no longer exists. As a
-// result, at most about half of the stored connections have ended, unless more connections are added in a second than
-// removeEnded() can check.
+// result, if more than kUnchecked connections are stored, at most about half of them have ended, unless more
+// connections are added in a second than removeEnded() can check.
 //
 // Not thread-safe: belongs to the queue's thread.
 class OpenConnections {

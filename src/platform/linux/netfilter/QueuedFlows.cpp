@@ -15,8 +15,9 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint16_t kDNSPort = 53;
-// After this time without a packet, an open flow is kept only if its socket still exists. A browser may wait for
-// minutes in the middle of a request; the rest of the request must not count as the start of a new flow.
+// After this time without a packet, an open TCP flow is kept only if its socket still exists, and an open UDP flow is
+// forgotten. A browser may wait for minutes in the middle of a request; the rest of the request must not count as the
+// start of a new flow.
 constexpr auto kOpenLifetime = 10min;
 // For how long a packet may wait while expired open flows are checked or removed: one user can have thousands of them.
 constexpr auto kEvictionTime = 1ms;

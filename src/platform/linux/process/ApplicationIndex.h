@@ -43,9 +43,9 @@ struct ApplicationFolders {
 // installed.
 //
 // A look-up notices new installations: at most once in `interval`, it first compares the modification times of the
-// folders (a few stat(2) calls), and reads all entries again if a folder has changed. It does not notice an entry that
-// is rewritten in place. inotify(7) would save the stat(2) calls, but it cannot watch folders that do not exist yet,
-// and containers run into its limit on instances.
+// folders (some 25 stat(2) calls), and reads all entries again if a folder has changed. It does not notice an entry
+// that is rewritten in place. inotify(7) would save the stat(2) calls, but it cannot watch folders that do not exist
+// yet, and containers run into its limit on instances.
 //
 // Thread-safe. While one thread reads the entries again, the other threads use the previous entries.
 class ApplicationIndex {

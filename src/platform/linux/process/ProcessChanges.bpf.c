@@ -1,5 +1,5 @@
-// Runs in the kernel when a process executes a program or ends, and when processes move to another control group.
-// Counts these events, for ProcessChanges.cpp.
+// Runs in the kernel when a process executes a program or ends, when processes move to another control group, and when
+// a control group is renamed. Counts these events, for ProcessChanges.cpp.
 #include <linux/bpf.h>
 // The header below needs the types of linux/bpf.h.
 #include <bpf/bpf_helpers.h>

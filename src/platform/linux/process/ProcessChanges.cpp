@@ -11,7 +11,7 @@ std::optional<std::string> ProcessChanges::start() {
   static std::mutex mutex;
   std::lock_guard lock(mutex);
   if (events_.load() != nullptr) return std::nullopt;
-  static process_changes* kernel;  // never destroyed: the programs count until this process ends
+  static process_changes* kernel;  // after a success never destroyed: the programs count until this process ends
   auto error = load_bpf_programs(kernel, [](process_changes&) {});
   if (!error) {
     const int failed = process_changes::attach(kernel);

@@ -10,8 +10,9 @@
 
 namespace orvane {
 
-// Notices when a process executes a program, ends, or moves to another control group. BPF programs count these events
-// in memory that the kernel shares with the extension, so reading a version is not a system call.
+// Notices when a process executes a program, ends, or moves to another control group, and when a control group is
+// renamed. BPF programs count these events in memory that the kernel shares with the extension, so reading a version is
+// not a system call.
 //
 // A version is exact. It is not computed from messages, which may arrive late: the kernel counts an exec before the
 // first instruction of the new program, the end of a process before its pid is free, and a move before the write(2)

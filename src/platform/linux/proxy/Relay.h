@@ -30,7 +30,7 @@ class Relay {
   enum class Outcome {
     Ended,    // both sides got everything
     Dropped,  // the answer to the GateQuestion was Dropped
-    Broken,   // one side reset its connection, or the body is malformed; the other side must get a reset, too
+    Broken,   // one side reset its connection, or the body is malformed or cut off; both sides must get a reset
     Stopped,  // `stop` became readable
   };
 
@@ -54,7 +54,7 @@ class Relay {
     size_t begin = 0;
     size_t end = 0;
     bool sourceEnded = false;  // nothing more will be read
-    bool broken = false;       // the source was reset, or its body is malformed
+    bool broken = false;       // the source was reset, or its body is malformed or cut off
     bool finished = false;     // everything was written, or the target reads no more
 
     Direction(int from, int to, std::string_view first);

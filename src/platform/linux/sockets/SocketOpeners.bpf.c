@@ -1,5 +1,6 @@
 // Runs in the kernel when a process connects a socket, sends a datagram with an explicit destination, or closes a
-// socket. Records the process, the connection and its end (SocketRecords.h) and always allows the call.
+// socket, and when a TCP connection is established. Records the process, the connection and its end (SocketRecords.h)
+// and always allows the call.
 #include <linux/bpf.h>
 // The headers below need the types of linux/bpf.h.
 #include <bpf/bpf_endian.h>

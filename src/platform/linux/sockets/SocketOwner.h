@@ -13,11 +13,12 @@
 
 namespace orvane {
 
-// What the kernel's socket diagnostics (sock_diag(7)) report about a socket.
+// What is known about a socket, from the kernel's socket diagnostics (sock_diag(7)) or from the kernel's record of
+// openers (SocketOpeners.h).
 struct SocketFacts {
   uint64_t cookie;         // unique since boot
   uint32_t inode;          // 0 if the socket is closed or was found in the kernel's record
-  uid_t user;              // the socket's creator
+  uid_t user;              // the socket's creator; from the kernel's record, the opener's user
   bool connected = false;  // for a datagram socket: whether it is connected to `remote` of find()'s argument
   // The sequence number of the first byte that a TCP socket sends after the handshake. Nothing if the kernel's record
   // lacks it.
@@ -31,7 +32,7 @@ struct SocketFacts {
 //
 //   source           finds                                                   needs
 //   kernel's record  the opener: the process that last connected the socket  CAP_BPF, CAP_NET_ADMIN
-//                    or sent with it, since recordOpeners()
+//                    or sent with sendto(2), since recordOpeners()
 //   process table    a holder: a process with a descriptor of the socket     CAP_SYS_PTRACE for other users'
 //                                                                            processes (proc(5), /proc/pid/fd)
 //
@@ -47,8 +48,7 @@ class SocketOwners {
   SocketOwners(const SocketOwners&) = delete;
   SocketOwners& operator=(const SocketOwners&) = delete;
 
-  // Checks, with sockets that it makes, that find() works. Returns the reason if it does not: then no TCP connection,
-  // or no connected datagram socket, would have an owner.
+  // Checks, with sockets that it makes, that find() works. Returns the reason if it does not.
   std::optional<std::string> check();
 
   // Makes the kernel record openers, from now until the object is destroyed (SocketOpeners.h). Returns the reason if

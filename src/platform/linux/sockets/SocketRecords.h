@@ -6,7 +6,8 @@
 // are plain C, because a C compiler (for BPF) and a C++ compiler read them. They have no padding, because a map
 // compares its keys byte by byte.
 
-// The process that last connected a socket or sent a datagram with it. The record's key is the socket's cookie.
+// The process that last connected a socket or sent a datagram with an explicit destination. The record's key is the
+// socket's cookie.
 struct SocketOpener {
   __u32 process;      // in the PID namespace of the extension
   __u32 user, group;  // real ids, in the initial user namespace
