@@ -1,4 +1,4 @@
-"""What an unprivileged user can do to slow the filter down, or to fill its queue."""
+"""What an unprivileged user can do to slow the filter down, to fill its memory or its queue, or to get past it."""
 
 import contextlib
 import ctypes
