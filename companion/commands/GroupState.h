@@ -11,7 +11,8 @@
 
 namespace orvane {
 
-// The group with this name. Throws InputError if the list has none, and names a group with a similar name.
+// The group with this name. If the list has none, throws InputError, which suggests a group with a similar name, if
+// there is one.
 GroupIndex find_group(const BlockList& list, const std::string& name);
 
 // The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list. If the state

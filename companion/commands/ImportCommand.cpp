@@ -199,8 +199,8 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     const std::string text = read_input(arguments.file);
     ProgressBar bar(!options.json);
     outcome.read = read_file(arguments, source, bar, text, outcome.rejections);
-    // With --replace, an empty file or one with only comments empties the group. A file of which every line was
-    // rejected is probably not a list.
+    // With --replace, a file that is empty or has only comments empties the group. A file that has other lines, but
+    // none with a host, is probably not a list.
     const bool hasOtherLines = outcome.read.rejected + outcome.read.partialRules > 0;
     if (is_empty(outcome.read, arguments) && (!arguments.replace || hasOtherLines))
       throw InputError("nothing was imported: " + source + ": it has no line with a host name: give a list of names");

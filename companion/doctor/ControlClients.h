@@ -17,8 +17,8 @@ struct ControlClient {
 };
 
 // The processes whose connections the extension has accepted on its socket `socket`, without the calling process. The
-// process with the most connections comes first. Nothing if no process listens on the socket, or if the calling process
-// may not copy the extension's descriptors (root may).
+// process with the most connections comes first. Nothing if no process of this PID namespace listens on the socket, or
+// if the calling process may not copy the extension's descriptors (root may).
 std::optional<std::vector<ControlClient>> control_clients(const std::string& socket);
 
 }  // namespace orvane

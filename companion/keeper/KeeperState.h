@@ -78,8 +78,8 @@ struct KeeperState {
   uint64_t changes = 0;                       // the extension's count of edits when last read
   uint64_t changesOfOthers = 0;               // of these, edits by other clients since the keeper sent the whole list
   std::optional<std::string> extensionError;  // why there is no connection, or why the list was not accepted
-  // The extension has not accepted the list, and has only the names that must not be missing: those of groups with a
-  // lock or a delay, and those of drop-ins that are not suspendable.
+  // The extension has not accepted the list, and has only the names that must not be missing: those of drop-ins that
+  // are not suspendable and, if there is room for both, those of groups with a lock or a delay.
   bool hasOnlyGuarded = false;
 
   // Whether the keeper sends the names of this list.

@@ -12,7 +12,7 @@ namespace orvane {
 // An entry of the extension in the journal, for some dropped connections.
 struct DropEntry {
   Moment when;
-  std::string host;     // printable ASCII (DropEntry.h of the platform); empty for connections beyond the limits
+  std::string host;     // printable ASCII (DropEntry.h of the platform); empty if the entry has only a count
   std::string browser;  // printable ASCII; empty if it is unknown
   uint64_t count = 1;   // of connections
 };

@@ -68,7 +68,7 @@ std::string subscription_list_path(const std::string& folder, const std::string&
 
 // Takes the lock that shows that the fetcher runs. Returns an empty descriptor if another one runs. Throws FileError.
 Descriptor lock_fetcher(const std::string& folder);
-// False for users who may not read the lock's file.
+// False also for users who may not read the lock's file.
 bool is_fetcher_running(const std::string& folder);
 
 // Replaces a file of the folder; everybody may read it. Throws FileError.

@@ -53,7 +53,7 @@ std::vector<Moment> read_until(std::string_view text, Moment now);
 Moment read_past(std::string_view text, Moment now);
 
 // For people, in the local time zone: "18:00", "tomorrow 09:00" or "Thu 2026-12-24 18:00"; with seconds unless they are
-// 0. read_until() can read the text back.
+// 0. read_until() can read back the text of a moment after `now`.
 std::string local_text(Moment moment, Moment now);
 
 // For people: "29 min", "1 h 30 min", "2 days 3 h", "45 s". "0 s" for a negative duration, because the moment that it
