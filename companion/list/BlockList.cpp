@@ -147,7 +147,7 @@ void BlockList::parseLine(std::string_view given, std::string_view words, GroupI
     site.group = group;
     line.site = std::move(site);
   }
-  // Most lines are a host and nothing else. The comparison with the host saves the making of a text for these.
+  // Most lines are a host and nothing else. For these, the first comparison avoids the cost of line_of().
   if (!line.site || (given != line.site->host && given != line_of(*line.site))) line.text = given;
   if (!fault.empty())
     badLines_.push_back({lines_.size() + 1, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
