@@ -19,7 +19,7 @@ LARGEST = 8  # MiB
 
 
 class Fetcher:
-    """An orvane-fetcher that runs for a with block. Its subscriptions are beside the list in `folder`."""
+    """An orvane-fetcher that runs for a with block. Its files, subscriptions included, are in `folder`."""
 
     def __init__(self, build: pathlib.Path, folder: pathlib.Path, authority: pathlib.Path):
         self._build, self._lists, self._own = build, folder / "machine", folder / "fetcher"

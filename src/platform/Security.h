@@ -54,9 +54,9 @@ const Dictionary* dictionary_get_dictionary(const Dictionary* dictionary, std::s
 // A copy of the string under a key of `dictionary`; nothing if there is no string.
 std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, std::string_view key);
 
-// Each of the next four functions returns a status, 0 for success, and sets its output to an object that the caller
-// owns, or to null. Callers must handle every combination of status and output. `host` is always null, and `flags` is
-// always kDefaultFlags.
+// Each of the next four functions returns a status, 0 for success. Its output, which is null before the call, becomes
+// an object that the caller owns, or stays null. Callers must handle every combination of status and output. `host` is
+// always null, and `flags` is always kDefaultFlags.
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest);
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode);
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information);

@@ -4,7 +4,7 @@
 // that a companion reads there.
 //
 //   an entry for the flows to a host from a browser   kDropHostField, kDropBrowserField and kDropCountField
-//   an entry for flows without one of their own       kDropCountField alone
+//   an entry for flows without their own entry        kDropCountField alone
 //
 // The texts in the fields are printable ASCII: DropRecords escapes every other byte as \xNN.
 namespace orvane {

@@ -16,16 +16,16 @@ struct FlowCounters {
   Count allowedByData{0};            // examined flows that were allowed later
   Count droppedByData{0};            // examined flows that were dropped later
   Count unknownOwners{0};            // flows without an audit token
-  Count unknownNames{0};             // flows without a readable name; DNS flows are not counted
+  Count unknownNames{0};             // flows of the packet queue without a readable name; DNS flows are not counted
   Count hiddenNames{0};              // flows whose real name may be in an encrypted hello
   Count ended{0};                    // open flows that were ended after an edit of the list
   Count queuedPackets{0};            // packets from the kernel's queue
   Count lateQueued{0};               // packets that were queued after their connection's verdict; expected to be 0
   Count queueOverruns{0};            // times that the queue's socket buffer was full, so packets were dropped
-  Count unjudgedPackets{0};          // packets dropped without a verdict: too many were waiting, or one waited too long
+  Count unjudgedPackets{0};          // packets dropped without a verdict: too many waited, or a packet waited too long
   Count queueReleases{0};            // times that the watchdog released the queue
   Count ruleRepairs{0};              // times that the kernel rules were repaired
-  Count longestHoldMicroseconds{0};  // the longest time to judge one packet
+  Count longestHoldMicroseconds{0};  // the longest time to judge a packet that is not inbound, ignored or held
 
   // Counts a flow in hiddenNames, and wakes the threads that wait for a change of this counter.
   void recordHiddenName() {

@@ -31,8 +31,8 @@ std::optional<std::string> snap_of_control_groups(std::string_view controlGroups
 
 // The name of the application in an AppImage. `path` is an executable inside the AppImage, and `mounts` the text of
 // /proc/pid/mounts. An AppImage mounts itself at FOLDER/.mount_XXXXXXYYYYYY, and the mount's source is the AppImage's
-// file name. The result is the part of this file name before the version or the processor, in lower case: "firefox" for
-// Firefox-120.0-x86_64.AppImage. Nothing if `path` is in no AppImage.
+// file name. The result is the part of this file name before the version, the processor or "appimage", in lower case:
+// "firefox" for Firefox-120.0-x86_64.AppImage. Nothing if `path` is in no AppImage.
 std::optional<std::string> application_of_app_image(std::string_view path, std::string_view mounts);
 
 // The systemd unit that a desktop environment made for an application (systemd's "Desktop Environment Integration").
@@ -102,7 +102,7 @@ class ProcessIdentity {
     bool canBeCached = true;
     std::vector<std::pair<pid_t, ProcessChanges::Version>> versions;
     std::chrono::steady_clock::time_point end =
-        std::chrono::steady_clock::time_point::max();  // the earliest `end` of the processes in `versions`
+        std::chrono::steady_clock::time_point::max();  // at most the earliest `end` of the processes in `versions`
   };
 
   std::shared_ptr<const Process> findCached(pid_t pid);
