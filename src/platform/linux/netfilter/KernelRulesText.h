@@ -13,7 +13,7 @@
 namespace orvane {
 
 // The extension's bits in the marks of packets and connections. The tables filter and mangle use the same bits, for
-// IPv4 and for IPv6. VPNs and container engines use other bits; docs/linux.md lists them.
+// IPv4 and for IPv6. Most other programs use other bits; docs/linux.md names them and the exceptions.
 inline constexpr uint32_t kMarkMask = 0x12000000;
 inline constexpr uint32_t kMarkPending = 0x02000000;  // the connection's payload goes to the queue
 inline constexpr uint32_t kMarkAllowed = 0x10000000;
