@@ -6,7 +6,7 @@
 //   an entry for the flows to a host from a browser   kDropHostField, kDropBrowserField and kDropCountField
 //   an entry for flows without their own entry        kDropCountField alone
 //
-// The texts in the fields are printable ASCII: DropRecords escapes every other byte as \xNN.
+// The texts in the fields are printable ASCII: DropRecords writes spaces, backslashes and all other bytes as \xNN.
 namespace orvane {
 
 inline constexpr const char* kDropMessageID =
