@@ -37,7 +37,8 @@ enum class SessionEnd {
 //   extension stores. A large message waits until the first budget has room. A call that would exceed the second budget
 //   is answered with an error, and the session goes on.
 // - While too many bytes of replies wait because the client does not read them, the session reads no further message.
-// - The session ends if the client has too many unfinished calls, or sends a message that this protocol does not need.
+// - The session ends if the client has too many unfinished calls, sends a malformed message or one that this protocol
+//   does not need, or sends a large message too slowly.
 SessionEnd serve_session(int socket, OrvaneSECommunication* exported, SessionActivity& activity);
 
 }  // namespace orvane
