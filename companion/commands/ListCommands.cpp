@@ -460,8 +460,8 @@ void declare_list_commands(CommandSet& commands) {
           ->add_flag("--exact", arguments->exactNames, "Block the exact names only, without their subdomains");
   for (const char* option : {"--site", "--category"}) exact->excludes(blockCommand->get_option(option));
   takeSites(takeListed(declare("unblock", "Remove sites from the list", unblock), kSites, kAllSites));
-  CLI::App* allowCommand =
-      takeGroup(declare("allow", "Except hosts and their subdomains from the sites that are blocked", allow));
+  CLI::App* allowCommand = takeGroup(
+      declare("allow", "Do not block hosts and their subdomains, although a blocked site covers them", allow));
   takeHosts(allowCommand)->required();
   takeListed(declare("disallow", "Remove exceptions from the list", disallow), "Hosts of exceptions on the list",
              "All exceptions of the group");

@@ -79,7 +79,7 @@ complete -c orvanectl -n __orvanectl_command -l version -d 'Print the version'
 
 complete -c orvanectl -n __orvanectl_command -a block -d 'Block sites, from now on and after every start'
 complete -c orvanectl -n __orvanectl_command -a unblock -d 'Remove sites from the list'
-complete -c orvanectl -n __orvanectl_command -a allow -d 'Except hosts from the sites that are blocked'
+complete -c orvanectl -n __orvanectl_command -a allow -d 'Do not block hosts that a blocked site covers'
 complete -c orvanectl -n __orvanectl_command -a disallow -d 'Remove exceptions from the list'
 complete -c orvanectl -n __orvanectl_command -a list -d 'Print the list'
 complete -c orvanectl -n __orvanectl_command -a suspend -d 'Unblock sites for a while'

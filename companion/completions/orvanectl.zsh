@@ -42,7 +42,7 @@ _orvanectl_commands() {
   list=(
     'block:block sites, from now on and after every start'
     'unblock:remove sites from the list'
-    'allow:except hosts from the sites that are blocked'
+    'allow:do not block hosts that a blocked site covers'
     'disallow:remove exceptions from the list'
     'list:print the list'
     'suspend:unblock sites for a while'

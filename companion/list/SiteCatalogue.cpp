@@ -123,9 +123,9 @@ void SiteCatalogue::readFile(const std::string& path, const std::string& id) {
     faults_.push_back("site ignored: " + in_quotes(path) + where + ": " + fault);
   };
   if (!is_word(id)) return ignored("", "give the file a name of small letters, digits and hyphens");
-  const auto text = read_file_start(path, kLargestFile, Links::Follow);
+  const auto text = read_file_start(path, kLargestFile + 1, Links::Follow);
   if (!text) return ignored("", "it cannot be read: check its rights, and that it is a regular file");
-  if (text->size() == kLargestFile) return ignored("", "it is too large: give at most 64 KiB");
+  if (text->size() > kLargestFile) return ignored("", "it is too large: give at most 64 KiB");
   CatalogueSite site;
   site.id = id;
   site.file = path;

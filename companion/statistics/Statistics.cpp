@@ -151,7 +151,7 @@ int show_statistics(const StatisticsOptions& options, const DropJournal& journal
   print_table(sums.browsers(), "browser", sums.browsers().size(), now);
   if (options.plot) print_plot(sums, span.until);
   if (sums.leftOut() > 0)
-    std::printf("\n%s left out above, because too many were blocked at once.\n",
+    std::printf("\n%s left out above: too many were blocked at once, or the journal was full.\n",
                 counted(sums.leftOut(), "more connection is", "more connections are").c_str());
   if (recording == Recording::Off) std::printf("\nThe recording is off now. %s\n", advice(bundle).c_str());
   return kDone;

@@ -53,12 +53,12 @@ std::string read_input(const std::string& path) {
   std::string text;
   for (size_t got = kChunk; got == kChunk;) {
     size_t before = text.size();
-    if (before > kLargestInput) throw InputError("too large: " + in_quotes(path) + ": give at most 256 MiB");
     text.resize(before + kChunk);
     got = std::fread(text.data() + before, 1, kChunk, file.get());
     int error = errno;
     text.resize(before + got);
     if (std::ferror(file.get()) != 0) throw file_error(path, error);
+    if (text.size() > kLargestInput) throw InputError("too large: " + in_quotes(path) + ": give at most 256 MiB");
   }
   return text;
 }

@@ -86,7 +86,7 @@ TEST_F(Statistics, SumUpEntriesOfTheExtensionAlone) {
   blocked  last   browser
         8  20:20  firefox
 
-12 more connections are left out above, because too many were blocked at once.
+12 more connections are left out above: too many were blocked at once, or the journal was full.
 )");
   EXPECT_EQ(print({.since = "20:00", .until = "21:00", .json = true}),
             R"({"browsers":[{"browser":"firefox","count":6,"last":"2026-11-22T19:20:00Z"}],"count":6,)"

@@ -119,7 +119,7 @@ TEST_F(FilterSessionTest, AsksUnderTheHostAndItsParentsUpToTheRegistrableDomain)
   EXPECT_EQ(flow_counters().allowed - allowed, std::size(kCases)) << "as allowed, too";
 }
 
-TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreExcepted) {
+TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreAllowed) {
   const struct {
     const char* description;
     std::initializer_list<std::string_view> listed;
