@@ -170,8 +170,10 @@ TEST_F(Browsers, ReadsTheBrowserListAsTheExtensionDoes) {
   EXPECT_EQ(good.fault, "");
   EXPECT_TRUE(good.recognises("org.mozilla.firefox"));
   EXPECT_FALSE(good.recognises("firefox-esr"));
-  for (const std::string& bad : {array("<string>firefox</string>") + std::string(1024, ' '), array("<string/>"),
-                                 std::string("firefox\n"), std::string("<plist><dict/></plist>")}) {
+  EXPECT_EQ(list(array("<string>firefox</string>") + std::string(1024, ' ')).fault, "");
+  const std::string tooLong = array("<string>firefox</string>" + std::string(1024, ' '));
+  for (const std::string& bad :
+       {tooLong, array("<string/>"), std::string("firefox\n"), std::string("<plist><dict/></plist>")}) {
     EXPECT_NE(list(bad).fault, "") << bad.substr(0, 80);
   }
   EXPECT_NE(read_browser_list(root + "/none").fault, "");

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "platform/KeyedHash.h"
+
 namespace orvane {
 
 std::optional<SocketAddress> SocketAddress::from(const sockaddr* address, socklen_t length) {
@@ -49,12 +51,17 @@ std::string SocketAddress::host() const {
 }
 
 size_t SocketPairHash::operator()(const SocketPair& pair) const {
-  auto bytes = [](const SocketAddress& end) {
-    return std::string_view(reinterpret_cast<const char*>(end.address.data()), end.address.size());
+  char bytes[1 + 2 * (sizeof pair.local.address + sizeof pair.local.port)];
+  char* position = bytes;
+  const auto append = [&](const void* field, size_t size) {
+    position = std::copy_n(static_cast<const char*>(field), size, position);
   };
-  std::hash<std::string_view> hash;
-  size_t ports = size_t{pair.local.port} << 24 | size_t{pair.remote.port} << 8 | pair.protocol;
-  return hash(bytes(pair.remote)) * 31 + hash(bytes(pair.local)) + ports * 0x9e3779b97f4a7c15U;
+  append(&pair.protocol, sizeof pair.protocol);
+  for (const SocketAddress* end : {&pair.local, &pair.remote}) {
+    append(end->address.data(), end->address.size());
+    append(&end->port, sizeof end->port);
+  }
+  return keyed_hash({bytes, sizeof bytes});
 }
 
 }  // namespace orvane

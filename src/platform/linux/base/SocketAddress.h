@@ -41,6 +41,7 @@ struct SocketPair {
 // The user of a socket whose user is not known. No user can have this id.
 constexpr auto kNoUser = static_cast<uid_t>(-1);
 
+// A keyed hash (KeyedHash.h), because any user can choose the addresses and ports of many sockets.
 struct SocketPairHash {
   size_t operator()(const SocketPair& pair) const;
 };

@@ -26,21 +26,20 @@ BrowserList read_browser_list(const std::string& path) {
   std::string file = resolve_links(path);
   if (file.empty()) file = std::filesystem::read_symlink(path, error).string();
   if (file.starts_with('/')) list.path = std::move(file);
-  const auto read = read_file_start(list.path, kListLimit + 1, Links::Follow);
+  auto read = read_file_start(list.path, kListLimit + 1, Links::Follow);
   if (!read) {
     list.fault = "cannot be read";
     return list;
   }
-  const std::string& text = *read;
-  if (text.size() > kListLimit) {
-    list.fault = "has more than " + std::to_string(kListLimit) + " bytes; the extension reads no more";
-    return list;
-  }
+  std::string& text = *read;
+  const bool isCut = text.size() > kListLimit;
+  if (isCut) text.resize(kListLimit);  // as the extension does: it uses the list if only white space follows
   const Ref<Data> data = data_create(reinterpret_cast<const uint8_t*>(text.data()), static_cast<int64_t>(text.size()));
   Ref<NSError> fault;
   const Value value = data ? property_list_create_with_data(data.get(), &fault) : Value();
   if (!value.isArray()) {
-    list.fault = "is not a property list with an array";
+    list.fault = isCut ? "has more than " + std::to_string(kListLimit) + " bytes; the extension reads no more"
+                       : "is not a property list with an array";
     return list;
   }
   for (const Value& element : value.asArray()) {
