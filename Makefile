@@ -13,7 +13,7 @@ NOT_IN_QEMU = SocketOwnerTest|SocketAborter|SecurityTest.Identifies|ProcessTest.
 CTEST = ctest --test-dir $(BUILD) --output-on-failure --timeout 300 --no-tests=error
 OTHER_RELEASE = $(if $(filter 12,$(shell . /etc/os-release; echo $$VERSION_ID)),13,12)
 
-.PHONY: all test lint soak demo bench bench-net fuzz deb apt-repository clean
+.PHONY: all test lint check-macos soak demo bench bench-net fuzz deb apt-repository clean
 all:
 	$(INSTALL)
 	$(CONFIGURE)
@@ -32,6 +32,12 @@ lint:
 	$(CONFIGURE)
 	ninja -C $(BUILD) $$(ninja -C $(BUILD) -t targets all | sed -n 's/\.h: CUSTOM_COMMAND$$/.h/p')
 	tools/lint $(BUILD)
+
+# make check-macos SDK=FOLDER: builds for macOS with the SDK in FOLDER, and checks the result.
+check-macos:
+	$(if $(SDK),,$(error usage: make check-macos SDK=/path/to/MacOSX.sdk))
+	$(INSTALL) macos
+	tools/check-macos "$(SDK)" build-macos
 
 soak:
 	$(INSTALL) test

@@ -40,7 +40,7 @@ foreach(language CXX OBJCXX)
   # The archiver that CMake would use (ar) does not support objects for two processors.
   set(CMAKE_${language}_CREATE_STATIC_LIBRARY "${ORVANE_LIBTOOL} --static -o <TARGET> <OBJECTS>")
 endforeach()
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -Wl,-fatal_warnings")
 
 set(CMAKE_FIND_ROOT_PATH ${CMAKE_OSX_SYSROOT})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

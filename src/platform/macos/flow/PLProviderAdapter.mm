@@ -14,7 +14,7 @@ namespace {
 // temporary objects of many flows would collect in the pool of the framework's queue, which may be drained much later.
 template <class Body>
 auto pooled(Body body) {
-  decltype(body()) result = nil;
+  decltype(body()) result;  // not nil, because the type may forbid nil
   @autoreleasepool {
     result = [body() retain];
   }
