@@ -2,9 +2,10 @@
 
 #import <AppKit/AppKit.h>
 
+#import "companion/application/MainWindow.h"
 #import "companion/application/Switch.h"
 
-// Shows the application's window. The window has one row for the system extension and one row for the content filter.
-// Each row shows a state and has two buttons.
-@interface ApplicationDelegate : NSObject <NSApplicationDelegate, SwitchObserver>
+// Connects the window and the menu bar's item with the switches. Activates the extension when the application starts.
+@interface ApplicationDelegate
+    : NSObject <NSApplicationDelegate, NSWindowDelegate, NSMenuDelegate, ApplicationActions, SwitchObserver>
 @end

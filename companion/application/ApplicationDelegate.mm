@@ -1,19 +1,18 @@
 #import "companion/application/ApplicationDelegate.h"
 
+#import "companion/application/ControlCommand.h"
 #import "companion/application/ExtensionSwitch.h"
 #import "companion/application/FilterSwitch.h"
+#import "companion/application/MenuBarItem.h"
+#include "companion/application/Protection.h"
 
 namespace {
 
-constexpr CGFloat kStateWidth = 320;  // points
-constexpr CGFloat kMargin = 20;
-
-NSTextField* state_label() {
-  NSTextField* label = [NSTextField wrappingLabelWithString:@""];
-  label.preferredMaxLayoutWidth = kStateWidth;
-  [label.widthAnchor constraintEqualToConstant:kStateWidth].active = YES;
-  return label;
-}
+constexpr NSTimeInterval kTimeout = 5;  // for an answer of the extension
+// When the application asks the extension again: while the filter is on, and while something is missing, for example
+// because the extension has only begun to start. The window and the menu also ask when they open.
+constexpr NSTimeInterval kIntervalOn = 60;
+constexpr NSTimeInterval kIntervalMissing = 5;
 
 // The menu bar: Quit, and Copy, which copies selected text of the labels.
 NSMenu* main_menu() {
@@ -30,90 +29,96 @@ NSMenu* main_menu() {
 }  // namespace
 
 @implementation ApplicationDelegate {
-  NSWindow* _window;
-  NSTextField* _extensionState;
-  NSTextField* _filterState;
+  MainWindow* _window;
+  MenuBarItem* _menuBarItem;
   ExtensionSwitch* _extension;
   FilterSwitch* _filter;
+  orvane::Protection _protection;
+  BOOL _isAsking;
+  NSTimer* _next;  // asks again; the run loop retains it
 }
 
 - (void)dealloc {
   [_extension release];
   [_filter release];
-  [_extensionState release];
-  [_filterState release];
+  [_menuBarItem release];
   [_window release];
   [super dealloc];
 }
 
-- (NSArray<NSView*>*)rowNamed:(NSString*)name
-                        state:(NSTextField*)state
-                        first:(NSString*)first
-                       action:(SEL)firstAction
-                       second:(NSString*)second
-                       action:(SEL)secondAction {
-  return @[
-    [NSTextField labelWithString:name], state, [NSButton buttonWithTitle:first target:self action:firstAction],
-    [NSButton buttonWithTitle:second target:self action:secondAction]
-  ];
-}
-
-- (void)makeWindow {
-  _extensionState = [state_label() retain];
-  _filterState = [state_label() retain];
-  NSGridView* grid = [NSGridView gridViewWithViews:@[
-    [self rowNamed:@"System extension"
-             state:_extensionState
-             first:@"Activate"
-            action:@selector(activate:)
-            second:@"Deactivate"
-            action:@selector(deactivate:)],
-    [self rowNamed:@"Content filter"
-             state:_filterState
-             first:@"Switch On"
-            action:@selector(switchOn:)
-            second:@"Switch Off"
-            action:@selector(switchOff:)]
-  ]];
-  grid.rowAlignment = NSGridRowAlignmentFirstBaseline;
-  grid.translatesAutoresizingMaskIntoConstraints = NO;
-
-  _window = [[NSWindow alloc]
-      initWithContentRect:NSZeroRect
-                styleMask:NSWindowStyleMaskTitled | NSWindowStyleMaskClosable | NSWindowStyleMaskMiniaturizable
-                  backing:NSBackingStoreBuffered
-                    defer:NO];
-  _window.releasedWhenClosed = NO;
-  _window.title = @"OrvaneSE";
-  NSView* content = _window.contentView;
-  [content addSubview:grid];
-  [NSLayoutConstraint activateConstraints:@[
-    [grid.leadingAnchor constraintEqualToAnchor:content.leadingAnchor constant:kMargin],
-    [grid.trailingAnchor constraintEqualToAnchor:content.trailingAnchor constant:-kMargin],
-    [grid.topAnchor constraintEqualToAnchor:content.topAnchor constant:kMargin],
-    [grid.bottomAnchor constraintEqualToAnchor:content.bottomAnchor constant:-kMargin]
-  ]];
-}
-
 - (void)applicationDidFinishLaunching:(NSNotification*)notification {
   [NSApplication sharedApplication].mainMenu = main_menu();
-  [self makeWindow];
+  _window = [[MainWindow alloc] initWithTarget:self];
+  _menuBarItem = [[MenuBarItem alloc] initWithTarget:self];
   NSString* identifier = [[NSBundle mainBundle] objectForInfoDictionaryKey:@"OrvaneSystemExtension"];
   _extension = [[ExtensionSwitch alloc] initWithExtension:identifier observer:self];
   _filter = [[FilterSwitch alloc] initWithExtension:identifier observer:self];
-  [self switchChanged];
+  // The system expects a request at each start. If the extension is active already, the request succeeds at once; if
+  // the application has another version, the request replaces the extension.
+  [_extension activate];
   [_filter refresh];
-  [_window center];
-  [_window makeKeyAndOrderFront:nil];
+  [_window open];
 }
 
-- (BOOL)applicationShouldTerminateAfterLastWindowClosed:(NSApplication*)sender {
-  return YES;
+// The window stays open while a request waits, because the window says what the user must do.
+- (BOOL)windowShouldClose:(NSWindow*)window {
+  return !_extension.isPending;
 }
 
+- (BOOL)applicationShouldHandleReopen:(NSApplication*)application hasVisibleWindows:(BOOL)hasVisibleWindows {
+  [self showWindow:nil];
+  return NO;
+}
+
+- (void)windowDidBecomeKey:(NSNotification*)notification {
+  [self ask];
+}
+
+- (void)menuWillOpen:(NSMenu*)menu {
+  [self ask];
+}
+
+// Asks the extension how many edits of its list it has received. While the filter is switched off, there is no
+// extension to ask.
+- (void)ask {
+  if (_isAsking || !_protection.isSwitchedOn) return;
+  _isAsking = YES;
+  [_next invalidate];
+  _next = nil;
+  [ControlCommand run:[[NSBundle mainBundle] pathForAuxiliaryExecutable:@"orvanectl"]
+            arguments:@[ @"changes" ]
+              timeout:kTimeout
+                 then:^(int exitCode, NSString* output, NSString* error) {
+                   _isAsking = NO;
+                   _protection.exitCode = exitCode;
+                   _protection.output = output.UTF8String;
+                   _protection.error = error.UTF8String;
+                   [self show];
+                   [self askLater];
+                 }];
+}
+
+- (void)askLater {
+  const bool isOn = orvane::state_of(_protection) == orvane::ProtectionState::On;
+  const NSTimeInterval interval = isOn ? kIntervalOn : kIntervalMissing;
+  _next = [NSTimer scheduledTimerWithTimeInterval:interval target:self selector:@selector(ask) userInfo:nil repeats:NO];
+  _next.tolerance = interval / 2;
+}
+
+// A change of a switch also starts or ends the extension.
 - (void)switchChanged {
-  _extensionState.stringValue = _extension.state;
-  _filterState.stringValue = _filter.state;
+  _protection.isSetUp = _filter.isSetUp;
+  _protection.isSwitchedOn = _filter.isSwitchedOn;
+  if (!_protection.isSwitchedOn) _protection.exitCode = std::nullopt;
+  [self show];
+  [self ask];
+}
+
+- (void)show {
+  const orvane::ProtectionState state = orvane::state_of(_protection);
+  [_window showExtension:_extension.state
+                  filter:_filter.state != nil ? _filter.state : @(orvane::window_text(_protection).c_str())];
+  [_menuBarItem showTitle:@(orvane::menu_title(state).c_str()) isOn:state == orvane::ProtectionState::On];
 }
 
 - (void)activate:(id)sender {
@@ -131,6 +136,16 @@ NSMenu* main_menu() {
 
 - (void)switchOff:(id)sender {
   [_filter switchOff];
+}
+
+- (void)openProfile:(id)sender {
+  [[NSWorkspace sharedWorkspace] openURL:[[NSBundle mainBundle] URLForResource:@"browsers"
+                                                                 withExtension:@"mobileconfig"]];
+}
+
+- (void)showWindow:(id)sender {
+  [_window open];
+  [[NSApplication sharedApplication] activateIgnoringOtherApps:YES];
 }
 
 @end

@@ -23,4 +23,7 @@
 - (void)activate;
 - (void)deactivate;
 
+// Whether a request waits for its answer.
+@property(readonly) BOOL isPending;
+
 @end

@@ -1,35 +1,18 @@
 #import "companion/application/ExtensionSwitch.h"
 
+#include "companion/application/Advice.h"
+
 namespace {
 
-// What the user can do about a failed request. Nil if the system's message says enough.
-NSString* advice_for_code(NSInteger code) {
-  switch (code) {
-    case OSSystemExtensionErrorMissingEntitlement:
-      return @"Sign the application with the entitlement com.apple.developer.system-extension.install.";
-    case OSSystemExtensionErrorUnsupportedParentBundleLocation:
-      return @"Move the application into /Applications.";
-    case OSSystemExtensionErrorExtensionNotFound:
-      return @"The application contains no extension of this name. Build and install it again.";
-    case OSSystemExtensionErrorCodeSignatureInvalid:
-      return @"Sign the extension, then the application, with the same identity.";
-    case OSSystemExtensionErrorValidationFailed:
-      return @"The system refuses the extension's Info.plist or entitlements. Its log says why: "
-             @"log show --last 5m --predicate 'process == \"sysextd\"'";
-    case OSSystemExtensionErrorForbiddenBySystemPolicy:
-      return @"A rule of this Mac's administrator forbids the extension.";
-    case OSSystemExtensionErrorRequestCanceled:
-      return @"It was cancelled.";
-    case OSSystemExtensionErrorAuthorizationRequired:
-      return @"It needs an administrator's password.";
-    default:
-      return nil;
-  }
-}
-
-NSString* advice_for(NSError* error) {
-  return [error.domain isEqualToString:OSSystemExtensionErrorDomain] ? advice_for_code(error.code) : nil;
-}
+// Advice.cpp numbers the codes.
+static_assert(OSSystemExtensionErrorUnknown == 1 && OSSystemExtensionErrorMissingEntitlement == 2 &&
+              OSSystemExtensionErrorUnsupportedParentBundleLocation == 3 &&
+              OSSystemExtensionErrorExtensionNotFound == 4 && OSSystemExtensionErrorExtensionMissingIdentifier == 5 &&
+              OSSystemExtensionErrorDuplicateExtensionIdentifer == 6 &&
+              OSSystemExtensionErrorUnknownExtensionCategory == 7 && OSSystemExtensionErrorCodeSignatureInvalid == 8 &&
+              OSSystemExtensionErrorValidationFailed == 9 && OSSystemExtensionErrorForbiddenBySystemPolicy == 10 &&
+              OSSystemExtensionErrorRequestCanceled == 11 && OSSystemExtensionErrorRequestSuperseded == 12 &&
+              OSSystemExtensionErrorAuthorizationRequired == 13);
 
 }  // namespace
 
@@ -43,6 +26,10 @@ NSString* advice_for(NSError* error) {
   _request.delegate = nil;
   [_request release];
   [super dealloc];
+}
+
+- (BOOL)isPending {
+  return _request != nil;
 }
 
 - (void)submit:(OSSystemExtensionRequest*)request {
@@ -91,7 +78,7 @@ NSString* advice_for(NSError* error) {
 }
 
 - (void)request:(OSSystemExtensionRequest*)request didFailWithError:(NSError*)error {
-  [self finish:request withState:failure_text(error, advice_for(error))];
+  [self finish:request withState:failure_text(error, OSSystemExtensionErrorDomain, orvane::extension_advice)];
 }
 
 @end

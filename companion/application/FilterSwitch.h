@@ -6,7 +6,13 @@
 
 // Switches the content filter on and off: saves this application's filter configuration in the system's preferences.
 // The first time, the system asks the user for permission. Use this class on the main thread.
+//
+// `state` has text only until the system has answered the first question, and after a failure.
 @interface FilterSwitch : Switch
+
+// As the system's preferences last had it: whether there is a configuration, and whether it is switched on.
+@property(readonly) BOOL isSetUp;
+@property(readonly) BOOL isSwitchedOn;
 
 // `identifier`: the bundle identifier of the extension that contains the provider. Does not retain the observer.
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer;

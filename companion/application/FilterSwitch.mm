@@ -2,22 +2,22 @@
 
 #import <NetworkExtension/NetworkExtension.h>
 
+#include "companion/application/Advice.h"
+
 namespace {
 
-NSString* advice_for(NSError* error) {
-  if (![error.domain isEqualToString:NEFilterErrorDomain] ||
-      error.code != NEFilterManagerErrorConfigurationPermissionDenied)
-    return nil;
-  return @"Permission was denied: allow it when the system asks, and sign the application with the entitlement "
-         @"com.apple.developer.networking.networkextension.";
-}
+// Advice.cpp numbers the codes.
+static_assert(NEFilterManagerErrorConfigurationInvalid == 1 && NEFilterManagerErrorConfigurationDisabled == 2 &&
+              NEFilterManagerErrorConfigurationStale == 3 && NEFilterManagerErrorConfigurationCannotBeRemoved == 4 &&
+              NEFilterManagerErrorConfigurationPermissionDenied == 5 &&
+              NEFilterManagerErrorConfigurationInternalError == 6);
 
 }  // namespace
 
 @implementation FilterSwitch
 
 - (instancetype)initWithExtension:(NSString*)identifier observer:(id<SwitchObserver>)observer {
-  self = [super initWithExtension:identifier state:@"Unknown" observer:observer];
+  self = [super initWithExtension:identifier state:@"Asking the system..." observer:observer];
   if (self != nil) {
     [[NSNotificationCenter defaultCenter] addObserver:self
                                              selector:@selector(configurationChanged:)
@@ -101,12 +101,13 @@ NSString* advice_for(NSError* error) {
 
 - (void)showConfiguration {
   NEFilterManager* filter = [NEFilterManager sharedManager];
-  if (filter.providerConfiguration == nil) return [self show:@"Off, and not set up yet"];
-  [self show:filter.enabled ? @"On" : @"Off"];
+  _isSetUp = filter.providerConfiguration != nil;
+  _isSwitchedOn = _isSetUp && filter.enabled;
+  [self show:nil];
 }
 
 - (void)showFailure:(NSError*)error {
-  [self show:failure_text(error, advice_for(error))];
+  [self show:failure_text(error, NEFilterErrorDomain, orvane::filter_advice)];
 }
 
 @end

@@ -2,6 +2,9 @@
 
 #import <Foundation/Foundation.h>
 
+#include <cstdint>
+#include <string>
+
 // Shows the states of switches (see Switch below). A switch calls switchChanged on the main thread after its state has
 // changed.
 @protocol SwitchObserver
@@ -30,6 +33,6 @@
 
 @end
 
-// The text that tells the user about a failure: the advice, or the system's message if there is no advice, and then
-// the error's domain and code.
-NSString* failure_text(NSError* error, NSString* advice);
+// The text that tells the user about a failure: the system's message, the error's domain and code, and what to do. The
+// advice is for errors of `domain` only, because other domains number their errors differently.
+NSString* failure_text(NSError* error, NSString* domain, std::string (*advice)(int64_t code));

@@ -30,7 +30,8 @@
 
 @end
 
-NSString* failure_text(NSError* error, NSString* advice) {
-  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", advice != nil ? advice : error.localizedDescription,
-                                    error.domain, static_cast<long>(error.code)];
+NSString* failure_text(NSError* error, NSString* domain, std::string (*advice)(int64_t code)) {
+  NSString* words = [error.domain isEqualToString:domain] ? @(advice(error.code).c_str()) : @"";
+  return [NSString stringWithFormat:@"Failed: %@ (%@, %ld) %@", error.localizedDescription, error.domain,
+                                    static_cast<long>(error.code), words];
 }

@@ -1,0 +1,21 @@
+#pragma once
+
+#import <Foundation/Foundation.h>
+
+// Runs orvanectl once, as a process of its own, because a call over XPC may wait for as long as the extension hangs.
+// Use this class on the main thread.
+@interface ControlCommand : NSObject {
+ @private
+  NSTask* _task;
+  void (^_handler)(int exitCode, NSString* output, NSString* error);
+}
+
+// Starts the program at `path`. Calls the handler on the main thread when the program has ended, with what the program
+// has printed. Ends a program that still runs after `seconds`. If the program cannot be started, calls the handler with
+// the exit code -1 and the reason.
++ (void)run:(NSString*)path
+    arguments:(NSArray*)arguments
+      timeout:(NSTimeInterval)seconds
+         then:(void (^)(int exitCode, NSString* output, NSString* error))handler;
+
+@end

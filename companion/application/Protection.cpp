@@ -1,0 +1,58 @@
+#include "companion/application/Protection.h"
+
+namespace orvane {
+namespace {
+
+// Without the line break at the end, and without the name of the program that printed the line.
+std::string message(std::string line) {
+  while (!line.empty() && line.back() == '\n') line.pop_back();
+  const std::string program = "orvanectl: ";
+  return line.starts_with(program) ? line.substr(program.size()) : line;
+}
+
+}  // namespace
+
+ProtectionState state_of(const Protection& protection) {
+  // The order of these lines is that of the causes: while the filter is off, no extension runs that could answer.
+  if (!protection.isSwitchedOn) return ProtectionState::SwitchedOff;
+  if (!protection.exitCode) return ProtectionState::Unknown;
+  if (protection.exitCode != 0) return ProtectionState::NoAnswer;
+  return message(protection.output) == "0" ? ProtectionState::NoList : ProtectionState::On;
+}
+
+std::string window_text(const Protection& protection) {
+  switch (state_of(protection)) {
+    case ProtectionState::Unknown:
+      return "Switched on. Asking the extension...";
+    case ProtectionState::SwitchedOff:
+      return protection.isSetUp ? "Off: nothing is blocked. Press Switch On."
+                                : "Off, and not set up yet: nothing is blocked. Press Switch On.";
+    case ProtectionState::NoAnswer:
+      return "Not on: the filter is switched on, but the extension does not answer. Press Activate. If that does not "
+             "help, restart the Mac. (" +
+             message(protection.error) + ")";
+    case ProtectionState::NoList:
+      return "Not on: the extension runs, but has no list, so nothing is blocked. Send the list with orvanectl.";
+    case ProtectionState::On:
+      break;
+  }
+  return "On";
+}
+
+std::string menu_title(ProtectionState state) {
+  switch (state) {
+    case ProtectionState::Unknown:
+      return "OrvaneSE: asking the extension...";
+    case ProtectionState::SwitchedOff:
+      return "OrvaneSE is off";
+    case ProtectionState::NoAnswer:
+      return "OrvaneSE is not on: no answer";
+    case ProtectionState::NoList:
+      return "OrvaneSE is not on: no list";
+    case ProtectionState::On:
+      break;
+  }
+  return "OrvaneSE is on";
+}
+
+}  // namespace orvane

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// What the application has found out about the filter.
+struct Protection {
+  bool isSetUp = false;       // the system's preferences have a configuration of the filter
+  bool isSwitchedOn = false;  // in the system's preferences
+  // How `orvanectl changes` has ended. This command asks the extension how many edits of its list it has received since
+  // its start. It starts with an empty list.
+  std::optional<int> exitCode;  // nothing while the command runs for the first time
+  std::string output, error;
+};
+
+// The filter is on if three things hold: the preference is on, the extension answers, and it has a list.
+enum class ProtectionState { Unknown, SwitchedOff, NoAnswer, NoList, On };
+ProtectionState state_of(const Protection& protection);
+
+// For the window: the state, and if the filter is not on, which of the three is missing and what to do.
+std::string window_text(const Protection& protection);
+// For the menu bar: the state in a few words.
+std::string menu_title(ProtectionState state);
+
+}  // namespace orvane

@@ -1,0 +1,99 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <tuple>
+
+#include "companion/application/Advice.h"
+#import "companion/application/ControlCommand.h"
+#include "companion/application/Protection.h"
+
+namespace orvane {
+namespace {
+
+TEST(Application, SaysWhichConditionIsMissingAndWhatToDo) {
+  const std::string failure = "orvanectl: cannot reach the extension: switch it on\n";
+  using State = ProtectionState;
+  const std::tuple<const char*, Protection, State, const char*> rows[] = {
+      {"nothing", {}, State::SwitchedOff, "Off, and not set up yet: nothing is blocked. Press Switch On."},
+      {"switched off while the extension still runs",
+       {true, false, 0, "7\n", ""},
+       State::SwitchedOff,
+       "Off: nothing is blocked. Press Switch On."},
+      {"no answer yet", {true, true, std::nullopt, "", ""}, State::Unknown, "Switched on. Asking the extension..."},
+      {"no answer",
+       {true, true, 1, "", failure},
+       State::NoAnswer,
+       "Not on: the filter is switched on, but the extension does not answer. Press Activate. If that does not help, "
+       "restart the Mac. (cannot reach the extension: switch it on)"},
+      {"an answer of a command that failed", {true, true, 1, "7\n", failure}, State::NoAnswer, nullptr},
+      {"no list",
+       {true, true, 0, "0\n", ""},
+       State::NoList,
+       "Not on: the extension runs, but has no list, so nothing is blocked. Send the list with orvanectl."},
+      {"all three", {true, true, 0, "10\n", ""}, State::On, "On"},
+  };
+  std::set<std::string> titles;
+  for (const auto& [name, protection, state, text] : rows) {
+    EXPECT_EQ(state_of(protection), state) << name;
+    if (text != nullptr) EXPECT_EQ(window_text(protection), text) << name;
+    titles.insert(menu_title(state));
+  }
+  EXPECT_EQ(titles.size(), 5U) << "each state has its own title";
+}
+
+// The highest codes are those of the headers.
+TEST(Application, HasAdviceForEachErrorCode) {
+  const std::tuple<std::string (*)(int64_t), int64_t, int64_t> rows[] = {{extension_advice, 1, 13},
+                                                                         {filter_advice, 1, 5}};
+  for (const auto& [advice, first, last] : rows) {
+    std::set<std::string> texts;
+    for (int64_t code = first; code <= last; ++code) texts.insert(advice(code));
+    EXPECT_EQ(texts.size(), static_cast<size_t>(last - first + 1)) << "two codes have the same advice";
+    for (int64_t code : {INT64_MIN, int64_t{0}, last + 100, INT64_MAX}) {
+      EXPECT_NE(advice(code).find("log show"), std::string::npos) << code;
+    }
+  }
+}
+
+struct Ended {
+  bool isEnded = false;
+  int exitCode = 0;
+  std::string output, error;
+};
+
+Ended run(NSString* path, NSArray* arguments, double timeout = 20) {
+  __block Ended ended;
+  @autoreleasepool {
+    [ControlCommand run:path
+              arguments:arguments
+                timeout:timeout
+                   then:^(int exitCode, NSString* output, NSString* error) {
+                     ended = {true, exitCode, [output UTF8String], [error UTF8String]};
+                   }];
+    NSDate* limit = [NSDate dateWithTimeIntervalSinceNow:20];
+    while (!ended.isEnded && [limit timeIntervalSinceNow] > 0) {
+      [[NSRunLoop currentRunLoop] runMode:NSDefaultRunLoopMode beforeDate:[NSDate dateWithTimeIntervalSinceNow:0.01]];
+    }
+  }
+  return ended;
+}
+
+TEST(Application, ReportsHowACommandEnds) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const Ended done = run(@"/bin/sh", @[ @"-c", @"echo out; echo err >&2; exit 3" ]);
+  EXPECT_EQ(std::tie(done.exitCode, done.output, done.error), std::make_tuple(3, "out\n", "err\n"));
+  const Ended large = run(@"/bin/sh", @[ @"-c", @"seq 100000" ]);
+  EXPECT_EQ(large.output.size(), 588895U) << "more than a pipe holds";
+  const Ended missing = run(@"/nonexistent/orvanectl", @[]);
+  EXPECT_TRUE(missing.isEnded);
+  EXPECT_NE(missing.exitCode, 0);
+  EXPECT_NE(missing.error, "");
+  const Ended late = run(@"/bin/sleep", @[ @"60" ], 0.2);
+  EXPECT_TRUE(late.isEnded);
+  EXPECT_NE(late.exitCode, 0);
+  EXPECT_EQ(late.error, "no answer in time");
+  [pool drain];
+}
+
+}  // namespace
+}  // namespace orvane
