@@ -65,7 +65,6 @@ constexpr size_t kBadLinesLogged = 3;
 constexpr std::chrono::milliseconds kGuardSaveInterval = 5min;
 constexpr mode_t kGuardMode = 0600;
 constexpr mode_t kListInForceMode = 0640;  // the group may read the list, too
-constexpr mode_t kMetricsMode = 0644;      // the user of Prometheus' node exporter may read them, too
 
 constexpr const char* kZonePath = "/etc/localtime";
 
@@ -87,6 +86,7 @@ class Keeper {
       : statePath_(options.statePath),
         guardPath_(options.guardPath),
         lock_(std::move(lock)),
+        metrics_(options.statePath),
         readOnlyLists_(options.dropInsPath, options.subscriptionsPath),
         listWatch_(pathsToWatch(options.listPath)),
         zoneWatch_({kZonePath}),
@@ -121,7 +121,7 @@ class Keeper {
     if (guard_.due()) saveGuard();
     sd_notify(0, "STOPPING=1\nSTATUS=Ending");
     if (lock_) unlink(statePath_.c_str());
-    if (!writtenMetrics_.empty()) unlink(metrics_path(statePath_).c_str());
+    metrics_.remove();
     if (!listInForce_.empty()) unlink(list_in_force_path(statePath_).c_str());
   }
 
@@ -165,17 +165,15 @@ class Keeper {
   void onClockChange();
   void onGuardDue();
   void publish();
-  void publishMetrics();
 
   const std::string statePath_, guardPath_;
   const Descriptor lock_;  // empty if the state file's folder does not exist
   ShutdownRequest shutdown_;
   KeeperState state_;
   nlohmann::json writtenState_;  // as last written
-  std::string writtenMetrics_;
+  MetricsFile metrics_;
   std::string status_;
   bool isUnwritable_ = false;
-  bool isMetricsFaultLogged_ = false;
 
   ReadOnlyLists readOnlyLists_;
   bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
@@ -546,7 +544,7 @@ void Keeper::publish() {
   if (status != status_) sd_notify(0, ("STATUS=" + status).c_str());
   status_ = std::move(status);
   if (!lock_) return;
-  publishMetrics();
+  metrics_.write(state_);
   nlohmann::json state = to_json(state_);
   if (state == writtenState_) return;
   writtenState_ = std::move(state);
@@ -558,17 +556,6 @@ void Keeper::publish() {
     isUnwritable_ = true;
     writtenState_ = nullptr;  // so that the next call tries again
   }
-}
-
-void Keeper::publishMetrics() {
-  std::string text = metrics_text(state_);
-  if (text == writtenMetrics_) return;
-  const std::string path = metrics_path(statePath_);
-  const auto error = replace_file(path, std::filesystem::path(path).filename().string() + ".new", text, kMetricsMode);
-  if (error && !isMetricsFaultLogged_)
-    keeper_log(LogLevel::Warning, "cannot write: " + in_quotes(path) + ": " + error.message());
-  isMetricsFaultLogged_ = static_cast<bool>(error);
-  if (!error) writtenMetrics_ = std::move(text);
 }
 
 }  // namespace

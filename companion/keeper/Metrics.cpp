@@ -1,12 +1,20 @@
 #include "companion/keeper/Metrics.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <functional>
 #include <utility>
 #include <vector>
 
+#include "companion/keeper/KeeperLog.h"
+#include "companion/text/Input.h"
+#include "platform/files/Files.h"
+
 namespace orvane {
 namespace {
+
+constexpr mode_t kReadableByAll = 0644;  // the user of Prometheus' node exporter reads the file
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
@@ -67,9 +75,7 @@ std::vector<List> lists_of(const KeeperState& state) {
   return lists;
 }
 
-}  // namespace
-
-std::string metrics_text(const KeeperState& state) {
+std::string text_of(const KeeperState& state) {
   std::string text;
   const std::vector<List> lists = lists_of(state);
   const auto addForLists = [&](const char* name, const char* help, const std::function<int64_t(const List&)>& value) {
@@ -107,8 +113,23 @@ std::string metrics_text(const KeeperState& state) {
   return text;
 }
 
-std::string metrics_path(const std::string& statePath) {
-  return (std::filesystem::path(statePath).parent_path() / "metrics.prom").string();
+}  // namespace
+
+MetricsFile::MetricsFile(const std::string& statePath)
+    : path_((std::filesystem::path(statePath).parent_path() / "metrics.prom").string()) {}
+
+void MetricsFile::write(const KeeperState& state) {
+  std::string text = text_of(state);
+  if (text == text_) return;
+  const auto error = replace_file(path_, "metrics.prom.new", text, kReadableByAll);
+  if (error && !isFaultLogged_)
+    keeper_log(LogLevel::Warning, "cannot write: " + in_quotes(path_) + ": " + error.message());
+  isFaultLogged_ = static_cast<bool>(error);
+  if (!error) text_ = std::move(text);
+}
+
+void MetricsFile::remove() const {
+  if (!text_.empty()) unlink(path_.c_str());
 }
 
 }  // namespace orvane

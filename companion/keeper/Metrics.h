@@ -6,12 +6,22 @@
 
 namespace orvane {
 
-// The state in the text format of Prometheus (version 0.0.4), which the textfile collector of its node exporter reads.
-// docs/fleet.md describes the metrics. Every user of the machine may read them, so they have no digest of the machine's
-// own list: with a digest, a user could test guesses of what is on the list.
-std::string metrics_text(const KeeperState& state);
+// The file metrics.prom in the folder of the keeper's state file. It has the state in the text format of Prometheus
+// (version 0.0.4), which the textfile collector of its node exporter reads. docs/fleet.md describes the metrics. Every
+// user of the machine may read them, so they have no digest of the machine's own list: with a digest, a user could test
+// guesses of what is on the list.
+class MetricsFile {
+ public:
+  explicit MetricsFile(const std::string& statePath);
 
-// The file with the metrics, in the folder of the state file.
-std::string metrics_path(const std::string& statePath);
+  // Replaces the file if its text changes. Logs the first failure.
+  void write(const KeeperState& state);
+  void remove() const;
+
+ private:
+  const std::string path_;
+  std::string text_;  // as last written
+  bool isFaultLogged_ = false;
+};
 
 }  // namespace orvane
