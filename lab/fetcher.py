@@ -28,6 +28,7 @@ class Fetcher:
         for each in (self._lists, self._own):
             each.mkdir(parents=True)
         self._log = folder / "fetcher-log"
+        self.prefix: list[str] = []  # runs the fetcher's command
         self._command = [build / "orvane-fetcher", "--lists", self._lists, "--folder", self._own]
         self._command += ["--authorities", authority, "--stall", str(STALL), "--largest", str(LARGEST)]
 
@@ -37,7 +38,7 @@ class Fetcher:
 
     def start(self):
         with open(self._log, "ab") as log:
-            self.process = subprocess.Popen(self._command, stdout=log, stderr=log)
+            self.process = subprocess.Popen([*self.prefix, *self._command], stdout=log, stderr=log)
         end = time.monotonic() + 20
         while not self.state.exists() or json.loads(self.state.read_text()).get("process") != self.process.pid:
             if self.process.poll() is not None or time.monotonic() > end:

@@ -288,6 +288,10 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     add(Result::Problem, "the keeper cannot read it: " + *state.listError,
         "correct " + state.listPath + "; until then the previous list is in force");
   }
+  if (state.watchError) {
+    add(Result::Warning, "the keeper cannot watch all lists, and looks at them every 2 s: " + *state.watchError,
+        "raise this limit: sysctl(8)");
+  }
   if (state.badLines > 0) {
     add(Result::Warning, counted(state.badLines, "bad line", "bad lines") + " in " + state.listPath + " ignored",
         "to see them: orvanectl list");

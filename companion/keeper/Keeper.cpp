@@ -51,8 +51,8 @@ constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two attempts to write the state file. Also the time between two checks of the lists' files if
-// PathWatch reports nothing because the system has no inotify instance left.
+// The time between two attempts to write the state file. Also the time between two looks at the files while PathWatch
+// cannot watch them.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
 // The kernel's clocks end in the year 2262, but a suspension may end later. So the keeper's timer for the next end of a
@@ -88,8 +88,7 @@ class Keeper {
         lock_(std::move(lock)),
         metrics_(options.statePath),
         readOnlyLists_(options.dropInsPath, options.subscriptionsPath),
-        listWatch_(pathsToWatch(options.listPath)),
-        zoneWatch_({kZonePath}),
+        watch_(pathsToWatch(options.listPath)),
         link_(options.client, state_) {
     state_.process = getpid();
     state_.version = program_version();
@@ -105,8 +104,6 @@ class Keeper {
     publish();
     // Readiness does not depend on the list or the extension.
     sd_notify(0, "READY=1");
-    if (listWatch_.descriptor() < 0)
-      keeper_log(LogLevel::Warning, "cannot watch the lists, so looks at them every 2 s: no inotify instance is left");
     // Reading a large list takes long, so send first the names that the members' lists must not delay.
     if (isKnown_) link_.attend(known());
     refreshReadOnlyLists();
@@ -129,21 +126,23 @@ class Keeper {
   std::vector<std::string> pathsToWatch(const std::string& listPath) const {
     std::vector<std::string> paths = readOnlyLists_.paths();
     paths.push_back(absolute(listPath));
+    paths.emplace_back(kZonePath);
     return paths;
   }
   const HeldNames* known() const { return isKnown_ ? &list_ : nullptr; }
 
   // The entries for poll(2), each named after what it waits for.
   struct Events {
-    pollfd shutdown{-1, POLLIN, 0}, list = shutdown, zone = shutdown, clock = shutdown, guard = shutdown,
-                                    sockets = shutdown, connection = shutdown;
+    pollfd shutdown{-1, POLLIN, 0}, files = shutdown, clock = shutdown, guard = shutdown, sockets = shutdown,
+                                    connection = shutdown;
   };
 
   Events wait();
   void attend(const Events& events);
-  bool isListChanged();
+  void lookAtUnwatchedFiles();
+  bool isFileChanged();
   bool refreshReadOnlyLists();
-  void onListChange();
+  void onFileChange();
   void readList();
   void onListError(const std::string& error);
   void enforceGuarded();
@@ -161,7 +160,6 @@ class Keeper {
   std::string keepUnreadableGuard();
   void saveGuard();
   void publishListInForce(const BlockList& list);
-  void onZoneChange();
   void onClockChange();
   void onGuardDue();
   void publish();
@@ -177,8 +175,8 @@ class Keeper {
 
   ReadOnlyLists readOnlyLists_;
   bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
-  PathWatch listWatch_;           // watches the read-only lists, too
-  PathWatch zoneWatch_;
+  PathWatch watch_;               // of all lists and the time zone
+  ListVersion zoneVersion_;       // of the time zone's file, while it cannot be watched
   Timer clock_{CLOCK_REALTIME};
   ListGuard guard_;
   Timer guardTimer_{CLOCK_BOOTTIME};
@@ -208,33 +206,31 @@ Keeper::Events Keeper::wait() {
   const auto now = Steady::now();
   Steady::time_point due = std::min(link_.due(), saveGuardAt_);
   if (readAt_) due = std::min(due, *readAt_);
-  if (isUnwritable_ || listWatch_.descriptor() < 0) due = std::min(due, now + kRetryInterval);
+  if (isUnwritable_ || state_.watchError) due = std::min(due, now + kRetryInterval);
   int timeout = -1;  // wait for an event without a time limit
   if (due != Steady::time_point::max())
     timeout = static_cast<int>(std::max(std::chrono::ceil<std::chrono::milliseconds>(due - now), 0ms).count());
-  std::array<pollfd, 7> events{{{shutdown_.descriptor(), POLLIN, 0},
-                                {listWatch_.descriptor(), POLLIN, 0},
-                                {zoneWatch_.descriptor(), POLLIN, 0},
+  std::array<pollfd, 6> events{{{shutdown_.descriptor(), POLLIN, 0},
+                                {watch_.descriptor(), POLLIN, 0},
                                 {clock_.descriptor(), POLLIN, 0},
                                 {guardTimer_.descriptor(), POLLIN, 0},
                                 {link_.socketWatch(), POLLIN, 0},
                                 {link_.connection(), POLLRDHUP, 0}}};
   if (poll(events.data(), events.size(), timeout) <= 0) return {};
-  return {events[0], events[1], events[2], events[3], events[4], events[5], events[6]};
+  return {events[0], events[1], events[2], events[3], events[4], events[5]};
 }
 
 // Reading a large list or calling an extension that hangs takes long. So during this function, a shutdown request ends
 // the process at once. That is safe, because the next keeper sends everything again.
 void Keeper::attend(const Events& events) {
   shutdown_.exitAtOnce(true);
-  if (events.list.revents != 0) onListChange();
-  if (events.zone.revents != 0) onZoneChange();
+  if (events.files.revents != 0) onFileChange();
   if (events.clock.revents != 0) onClockChange();
   if (events.guard.revents != 0) onGuardDue();
   if (events.sockets.revents != 0) link_.onSocketEvent();
   if (events.connection.revents != 0) link_.onHangUp();
   if (readAt_ && Steady::now() >= *readAt_) readList();
-  if (listWatch_.descriptor() < 0 && isListChanged()) readList();
+  lookAtUnwatchedFiles();
   if (Steady::now() >= saveGuardAt_) saveGuard();
   link_.attend(known());
   shutdown_.exitAtOnce(false);
@@ -245,16 +241,33 @@ bool Keeper::refreshReadOnlyLists() {
   return areListsChanged_;
 }
 
-bool Keeper::isListChanged() {
+// While a limit of the system keeps PathWatch from watching all files, finds their changes without it.
+void Keeper::lookAtUnwatchedFiles() {
+  const bool wasUnwatched = state_.watchError.has_value();
+  if (wasUnwatched) watch_.arm();
+  const std::string fault = watch_.fault();
+  if (!fault.empty() && !wasUnwatched)
+    keeper_log(LogLevel::Warning, "cannot watch all lists, so looks at them every 2 s: " + fault);
+  if (fault.empty() && wasUnwatched) keeper_log(LogLevel::Notice, "watches all lists again");
+  state_.watchError = fault.empty() ? std::nullopt : std::optional(fault);
+  if (wasUnwatched && isFileChanged()) readList();
+}
+
+bool Keeper::isFileChanged() {
   try {
+    ListVersion zone = list_version(kZonePath);
+    if (zone != zoneVersion_) {
+      zoneVersion_ = std::move(zone);
+      return true;
+    }
     return list_version(state_.listPath) != state_.listVersion || refreshReadOnlyLists();
   } catch (const FileError&) {
     return true;  // readList() logs it
   }
 }
 
-void Keeper::onListChange() {
-  if (!listWatch_.readEvents()) return;
+void Keeper::onFileChange() {
+  if (!watch_.readEvents()) return;
   const auto now = Steady::now();
   if (!changedAt_) changedAt_ = now;
   readAt_ = std::min(now + kDebounce, *changedAt_ + kMaxDebounce);
@@ -262,6 +275,7 @@ void Keeper::onListChange() {
 
 void Keeper::readList() {
   changedAt_.reset();
+  tzset();  // without this call, the process would go on with the old time zone after a change
   refreshReadOnlyLists();
   readAt_ = readOnlyLists_.due();
   try {
@@ -511,13 +525,6 @@ void Keeper::take(HeldNames list) {
 Moment Keeper::timerMoment(const HeldNames& list) {
   const Moment latest = now_in_seconds() + kLongestTimer;
   return std::min(list.nextChange.value_or(latest), latest);
-}
-
-// The system's time zone has changed. Without tzset(), the process would go on with the old one.
-void Keeper::onZoneChange() {
-  if (!zoneWatch_.readEvents()) return;
-  tzset();
-  readList();
 }
 
 void Keeper::onClockChange() {

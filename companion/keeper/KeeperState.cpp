@@ -84,6 +84,7 @@ KeeperState state_of(const Json& json) {
   list.read("suspendedNames", state.suspendedNames);
   list.read("error", state.listError);
   list.read("guarded", state.isGuarded);
+  list.read("watchError", state.watchError);
   for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
     state.suspended.emplace_back(entry.at("name"), read_moment(entry.at("until").get_ref<const std::string&>()));
   }
@@ -157,7 +158,8 @@ Json to_json(const KeeperState& state) {
             {"groups", std::move(groups)},
             {"pending", std::move(pending)},
             {"guarded", state.isGuarded},
-            {"error", json_or_null(state.listError)}}},
+            {"error", json_or_null(state.listError)},
+            {"watchError", json_or_null(state.watchError)}}},
           {"readOnlyLists", std::move(readOnlyLists)},
           {"extension",
            {{"connected", state.connected},

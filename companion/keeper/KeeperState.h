@@ -54,6 +54,8 @@ struct KeeperState {
   static constexpr size_t kMostPending = 100;
   bool isGuarded = false;  // the list that is in force, at list_in_force_path(), may differ from the list's file
   std::optional<std::string> listError;  // why reading failed; the previous list stays in force
+  // Why the system reports no changes of some of the files, so that the keeper looks at them every 2 s.
+  std::optional<std::string> watchError;
 
   // The read-only lists: drop-ins first, each kind in the order of the files' names.
   struct ListState {

@@ -51,6 +51,9 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 // While a fetch goes on, the state with its progress is written at most this often.
 constexpr std::chrono::milliseconds kProgressInterval = 500ms;
 
+// The time between two looks at the files while PathWatch cannot watch them.
+constexpr std::chrono::milliseconds kLookInterval = 2s;
+
 // After this time, a state that could not be written is written again.
 constexpr std::chrono::milliseconds kRetryInterval = 10s;
 
@@ -103,6 +106,7 @@ class Fetcher {
     readFiles();
     isStart_ = false;
     for (;;) {
+      lookAtUnwatchedFiles();
       startDueFetches();
       writeStateIfChanged();
       std::vector<curl_waitfd> waited;
@@ -121,6 +125,7 @@ class Fetcher {
   // How long to wait for an event, in milliseconds.
   int timeout() const {
     std::chrono::milliseconds time(INT_MAX);
+    if (!watchError_.empty()) time = kLookInterval;
     if (!fetches_.empty()) time = kProgressInterval;
     const auto wakeAt = [&](Steady::time_point moment) {
       time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(moment - Steady::now()));
@@ -156,8 +161,29 @@ class Fetcher {
   // Afterwards, the whole list is fetched, and replaces the copy even if it is the same.
   static void forgetVersion(SubscriptionState& state) { state.sha256 = state.etag = state.lastModified = ""; }
 
+  // While a limit of the system keeps PathWatch from watching the files, finds their changes without it.
+  void lookAtUnwatchedFiles() {
+    const bool wasUnwatched = !watchError_.empty();
+    if (wasUnwatched) watch_.arm();
+    watchError_ = watch_.fault();
+    if (!wasUnwatched && !watchError_.empty())
+      log(LogLevel::Warning, "cannot watch the subscriptions, so looks at them every 2 s: " + watchError_);
+    if (wasUnwatched && watchError_.empty()) log(LogLevel::Notice, "watches the subscriptions again");
+    if (wasUnwatched && versions() != versions_) readFiles();
+  }
+
+  // The versions of the files that readFiles() reads; if they cannot be looked at, the error.
+  std::string versions() const {
+    try {
+      return list_version(subscriptionsPath_) + " " + list_version(requestsPath_);
+    } catch (const FileError& error) {
+      return error.what();
+    }
+  }
+
   void readFiles() {
     readAt_.reset();
+    versions_ = versions();
     try {
       const std::string text = read_list_text(subscriptionsPath_);
       SubscriptionFile file = read_subscriptions(text);
@@ -397,6 +423,7 @@ class Fetcher {
   const Descriptor lock_;
   const std::string subscriptionsPath_, requestsPath_;
   PathWatch watch_;
+  std::string watchError_, versions_;  // watch_.fault() as last logged; versions() when the files were last read
   Timer timer_;
   std::unique_ptr<CURLM, FreeHandles> handles_;
   std::mt19937_64 random_{std::random_device{}()};

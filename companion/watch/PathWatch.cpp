@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string_view>
@@ -36,13 +37,28 @@ bool is_watched(std::string_view name, std::string_view watched) {
 
 }  // namespace
 
-PathWatch::PathWatch(std::vector<std::string> paths)
-    : paths_(std::move(paths)), inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-  arm();
+PathWatch::PathWatch(std::vector<std::string> paths) : paths_(std::move(paths)) { arm(); }
+
+std::string PathWatch::fault() const {
+  switch (error_) {
+    case 0:
+      return "";
+    case EMFILE:
+      return "the limit fs.inotify.max_user_instances is reached";
+    case ENOSPC:
+      return "the limit fs.inotify.max_user_watches is reached";
+    default:
+      return std::strerror(error_);
+  }
 }
 
 void PathWatch::arm() {
-  if (!inotify_) return;
+  error_ = 0;
+  if (!inotify_) inotify_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (!inotify_) {
+    error_ = errno;
+    return;
+  }
   auto before = std::exchange(watched_, {});
   for (const std::string& path : paths_) armOne(path);
   for (const auto& [watch, names] : before) {
@@ -72,26 +88,28 @@ void PathWatch::armOne(const std::string& path) {
 
 int PathWatch::watchFolder(const std::filesystem::path& child, uint32_t events) {
   // Files in the same folder share a watch. IN_MASK_ADD adds these events to the events of an existing watch.
-  return inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
+  const int watch = inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
+  // Other errors concern the folder itself: it does not exist, or this process may not read it.
+  if (watch < 0 && (errno == ENOSPC || errno == ENOMEM)) error_ = errno;
+  return watch;
 }
 
 bool PathWatch::readEvents() {
   bool isRelevant = false;
   alignas(inotify_event) std::array<char, 4096> buffer;
-  for (ssize_t size; (size = read(inotify_.get(), buffer.data(), buffer.size())) > 0;) {
-    for (ssize_t at = 0; at < size;) {
-      inotify_event event{};
-      std::memcpy(&event, buffer.data() + at, sizeof event);
-      const char* name = buffer.data() + at + sizeof event;
-      at += static_cast<ssize_t>(sizeof event + event.len);
-      auto watched = watched_.find(event.wd);
-      if ((event.mask & IN_Q_OVERFLOW) != 0) isRelevant = true;
-      if (watched == watched_.end()) continue;  // the event is from a removed watch
-      const auto& names = watched->second;
-      isRelevant = isRelevant || (event.mask & kEventsWithoutName) != 0 ||
-                   (event.len > 0 &&
-                    std::any_of(names.begin(), names.end(), [&](const auto& each) { return is_watched(name, each); }));
-    }
+  const ssize_t size = read(inotify_.get(), buffer.data(), buffer.size());
+  for (ssize_t at = 0; at < size;) {
+    inotify_event event{};
+    std::memcpy(&event, buffer.data() + at, sizeof event);
+    const char* name = buffer.data() + at + sizeof event;
+    at += static_cast<ssize_t>(sizeof event + event.len);
+    auto watched = watched_.find(event.wd);
+    if ((event.mask & IN_Q_OVERFLOW) != 0) isRelevant = true;
+    if (watched == watched_.end()) continue;  // the event is from a removed watch
+    const auto& names = watched->second;
+    isRelevant = isRelevant || (event.mask & kEventsWithoutName) != 0 ||
+                 (event.len > 0 &&
+                  std::any_of(names.begin(), names.end(), [&](const auto& each) { return is_watched(name, each); }));
   }
   if (isRelevant) arm();
   return isRelevant;

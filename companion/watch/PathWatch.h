@@ -21,15 +21,19 @@ class PathWatch {
   // `paths`: absolute.
   explicit PathWatch(std::vector<std::string> paths);
 
-  // A descriptor for poll(2), readable when readEvents() should be called. -1 if the system's limit of inotify
-  // instances is reached.
+  // A descriptor for poll(2), readable when readEvents() should be called. May be -1 if there is a fault().
   int descriptor() const { return inotify_.get(); }
 
-  // Reads all pending events. Returns true, and calls arm(), if an event concerned one of the files (each write is an
-  // event) or a watched folder itself, or if the kernel has discarded events.
+  // Why changes of some files are not reported, for people: usually a limit of the system. Empty if nothing is wrong.
+  std::string fault() const;
+
+  // Reads the events that fit in a buffer, but not all pending events, because other processes may cause events without
+  // a pause. Returns true, and calls arm(), if an event concerned one of the files (each write is an event) or a
+  // watched folder itself, or if the kernel has discarded events.
   bool readEvents();
 
   // Looks up the folders of the paths again. Watches the folders that exist now, and stops watching all other folders.
+  // If there was a fault(), tries again.
   void arm();
 
  private:
@@ -38,6 +42,7 @@ class PathWatch {
 
   std::vector<std::string> paths_;
   Descriptor inotify_;
+  int error_ = 0;                                              // the errno of a system call that has reached a limit
   std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> names to watch in its folder
 };
 

@@ -65,7 +65,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
     Result result;
     const char* text;  // a part of the finding or of the advice
     std::function<void(Facts&)> make;
-    std::string places = "";  // where the warning about browsers says that blocked sites may open
+    std::string places{};  // where the warning about browsers says that blocked sites may open
   } cases[] = {
       {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
       {"failed too often", "service", Problem, "reset-failed orvane-se.service",
@@ -108,6 +108,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) { f.queues = "   20    743 2074 2 65531     0     0        1  1\n"; }},
       {"bad lines", "list", Warning, "2 bad lines", [](Facts& f) { f.list->badLines = 2; }},
       {"list not read", "list", Problem, "previous list", [](Facts& f) { f.list->listError = "no"; }},
+      {"list not watched", "list", Warning, "sysctl", [](Facts& f) { f.list->watchError = "a limit is reached"; }},
       {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},
       {"keeper not connected", "list", Problem, "no connection", [](Facts& f) { f.list->connected = false; }},
       {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},

@@ -6,6 +6,7 @@ import json
 import pathlib
 import shutil
 import signal
+import subprocess
 import time
 
 import keeper
@@ -95,13 +96,25 @@ def KeeperFollowsEveryWayOfWritingTheFile(world: World):
 
 def KeeperFollowsTheFileWithoutInotify(world: World):
     with world.extension(PYTHON) as extension:
-        keeper = _Keeper(extension, world.directory)
-        limit = 'echo 0 > /proc/sys/user/max_inotify_instances && exec "$@"'
-        keeper.prefix = ["unshare", "--user", "--map-root-user", "sh", "-c", limit, "sh"]
-        with keeper:
-            check("cannot watch the lists" in keeper.log.read_text(), True, "the log says so")
-            keeper.list.write_text(f"{HELD}\n")
-            becomes(DROP, "the keeper has seen the change")
+        for limit in ("max_inotify_instances", "max_inotify_watches"):
+            keeper = _Keeper(extension, world.directory / limit)
+            set_limit = f'echo "$0" > /proc/sys/user/{limit}'
+            keeper.prefix = ["unshare", "--user", "--map-root-user", "sh", "-c", f'{set_limit} && exec "$@"', "0"]
+
+            def log_says(words: str, log: pathlib.Path = keeper.log) -> bool:
+                return words in log.read_text()
+
+            with keeper:
+                wait_until(lambda: log_says("cannot watch all lists"), f"the log says so, with {limit}")
+                keeper.list.write_text(f"{HELD}\n")
+                becomes(DROP, f"the keeper has seen the change, with {limit}")
+                shown = keeper.status(in_force=True)["keeper"]["list"]
+                check(shown["watchError"] is None, False, "the error of status")
+                enter = ["nsenter", "--user", "--target", str(keeper.process.pid), "sh", "-c", set_limit, "100"]
+                subprocess.run(enter, check=True)
+                wait_until(lambda: log_says("watches all lists again"), f"the log says so, with a higher {limit}")
+                keeper.list.write_text("")
+                becomes(ALLOW, f"the keeper has seen the change, with a higher {limit}")
 
 
 def KeeperEndsASuspensionOnItsDate(world: World):

@@ -152,6 +152,18 @@ def _check_requests(lists: _Lists) -> None:
         check("removed before it was fetched" in process.communicate(timeout=60)[0], True, "the wait ends")
 
 
+def FetcherFollowsItsFilesWithoutInotify(world: World):
+    world.addresses[HOST] = [ADDRESS]
+    server = _server(world, ADDRESS, *world.servers.signed)
+    server.answers["/big"] = lambda handler: handler.answer(b"one.example\n")
+    fetcher = Fetcher(world.build, world.directory / "subscriptions", world.servers.authority)
+    limit = 'echo 0 > /proc/sys/user/max_inotify_watches && exec "$@"'
+    fetcher.prefix = ["unshare", "--user", "--map-root-user", "sh", "-c", limit, "sh"]
+    with fetcher:
+        lists = _Lists(world, fetcher, server)
+        lists.expect("no watch", ["subscribe", URL, "--name", "big"], "1 name", "big", ["one.example"])
+
+
 def _check_kill(lists: _Lists) -> None:
     """A list that ends the fetcher while it is read must not end it again at once."""
     fetcher, server = lists.fetcher, lists.server
