@@ -29,9 +29,10 @@ constexpr std::chrono::milliseconds kVigilance = 5s;
 // A client may edit in a loop. So the undone edits are logged at most once in this time, with their number.
 constexpr std::chrono::milliseconds kLogInterval = 60s;
 
-// While edits of other clients are undone, and there are guarded names: the time between two attempts to send a whole
-// list that the extension has refused. Meanwhile the extension has only the guarded names.
-constexpr std::chrono::milliseconds kRefusalInterval = 60s;
+// While edits of other clients are undone: the pauses between attempts to send a list that the extension has refused.
+// Each pause is twice as long as the one before, because a list that is too large stays too large until it changes.
+constexpr std::chrono::milliseconds kShortestRefusalPause = 500ms;
+constexpr std::chrono::milliseconds kLongestRefusalPause = 60s;
 
 // How long to wait for the extension's answer: usually kCallTimeout. If the extension did not answer the previous
 // call, the next attempt to connect waits only kShortCallTimeout. Sending a list may take kCallTimeout, plus a
@@ -64,7 +65,7 @@ std::string count_of(const HeldNames& list) {
 }  // namespace
 
 ExtensionLink::ExtensionLink(ClientOptions options, KeeperState& state)
-    : options_(std::move(options)), state_(state), pause_(kShortestPause) {
+    : options_(std::move(options)), state_(state), pause_(kShortestPause), refusalPause_(kShortestRefusalPause) {
   sockets_.emplace(socket_paths(options_));
 }
 
@@ -76,17 +77,20 @@ void ExtensionLink::attend(const HeldNames* list) {
   }
   due_ = nextCheck();
   if (std::string failure = checkConnection(); !failure.empty()) return disconnect(failure);
-  const bool isEdited = state_.changesOfOthers > 0;
-  if (list != nullptr) undone_ += state_.changesOfOthers;
   logUndone();
-  const bool isRefused = state_.hasOnlyGuarded && Clock::now() < sendWholeAt_;
-  if (list == nullptr || ((isInSync_ || isRefused) && !isEdited)) return;
-  if (isEdited) {
+  const uint64_t edits = state_.changesOfOthers;
+  const bool isRefused = !isInSync_ && Clock::now() < sendWholeAt_;
+  if (list == nullptr || ((isInSync_ || isRefused) && edits == 0)) return;
+  if (isRefused && guarded_.size() == 0) return;  // there is nothing to undo the edits with
+  if (edits > 0) {
     vigilantUntil_ = Clock::now() + kVigilance;
     addGuarded();
   }
   isRefused ? sendGuarded() : send(nullptr, *list);
-  if (isEdited && (isInSync_ || state_.hasOnlyGuarded)) due_ = Clock::now();
+  if (edits == 0 || !(isInSync_ || state_.hasOnlyGuarded)) return;
+  undone_ += edits;
+  logUndone();
+  due_ = Clock::now();
 }
 
 // Adds the guarded names, with one message for each name. Call this before the whole list is sent, because sending the
@@ -129,6 +133,7 @@ void ExtensionLink::onSocketEvent() {
 }
 
 void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
+  refusalPause_ = kShortestRefusalPause;
   if (client_) send(isInSync_ ? before : nullptr, after);
 }
 
@@ -167,6 +172,8 @@ bool ExtensionLink::connect() {
                                                   : "connected to the extension again");
   hasConnectedBefore_ = true;
   isInSync_ = false;
+  sendWholeAt_ = Clock::time_point::min();
+  refusalPause_ = kShortestRefusalPause;
   loggedSent_.clear();
   state_.connected = true;
   state_.extensionError.reset();
@@ -201,7 +208,8 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   if (state_.extensionError != failure)
     keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
   state_.extensionError = failure;
-  sendWholeAt_ = Clock::now() + kRefusalInterval;
+  sendWholeAt_ = Clock::now() + refusalPause_;
+  refusalPause_ = std::min(2 * refusalPause_, kLongestRefusalPause);
   if (guarded_.size() > 0) sendGuarded();
 }
 

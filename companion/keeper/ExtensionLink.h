@@ -36,8 +36,8 @@ class ExtensionLink {
 
   // Does nothing before due(). `list`: the names that the extension must hold. It is null if the keeper has not read
   // the list yet; then no list is sent. If disconnected, tries to connect, and then sends the list. If connected, and
-  // if edits are undone (see undoEdits), sends the list again after edits of other clients, or if the extension has not
-  // taken the list.
+  // if edits are undone (see undoEdits), sends the list again after edits of other clients. Also sends a list that the
+  // extension has refused again, after pauses that grow.
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
   // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
@@ -87,7 +87,8 @@ class ExtensionLink {
   bool hasConnectedBefore_ = false;
   bool undoesEdits_ = false;
   PackedNames guarded_;
-  Clock::time_point sendWholeAt_ = Clock::time_point::min();
+  Clock::time_point sendWholeAt_ = Clock::time_point::min();  // when to send a refused list again
+  std::chrono::milliseconds refusalPause_;                    // how long to wait after the next refusal
   Clock::time_point vigilantUntil_ = Clock::time_point::min();
   uint64_t undone_ = 0;  // edits by other clients that were undone, and are not logged yet
   Clock::time_point logUndoneAt_ = Clock::time_point::min();

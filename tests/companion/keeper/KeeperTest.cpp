@@ -37,6 +37,7 @@ struct Extension {
   uint64_t changes = 0;
   bool isRunning = true;
   size_t mostNames = SIZE_MAX;  // the limit on the names in one message
+  size_t wholeLists = 0;        // how many messages with a whole list have come
 };
 Extension extension;
 
@@ -55,6 +56,7 @@ class FakeClient : public Client {
     for (const auto& name : names) count(1, "remove " + name), extension.held.erase(name);
   }
   void setHostnames(std::span<const std::string> names, const Progress&) override {
+    ++extension.wholeLists;
     if (names.size() > extension.mostNames) throw ClientError("too large");
     count(1, "set " + std::to_string(names.size()));
     extension.held = {names.begin(), names.end()};
@@ -184,6 +186,21 @@ TEST_F(Keeper, SendsOnlyTheGuardedNamesIfTheWholeListIsTooLarge) {
   ++extension.changes;
   wait_and_attend(link, many);
   EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"})) << "after an edit by another client";
+}
+
+TEST_F(Keeper, WaitsLongerAfterEachRefusalOfAListWithoutGuardedNames) {
+  const HeldNames many = many_names();
+  extension.mostNames = 2;
+  link.undoEdits(true, {});
+  link.attend(&many);
+  for (int i = 0; i < 4; ++i) {
+    ++extension.changes;  // another client edits in a loop
+    wait_and_attend(link, many);
+  }
+  EXPECT_LE(extension.wholeLists, 3U) << "one attempt at once, and at most two in the next two seconds";
+  extension.mostNames = SIZE_MAX;
+  link.update(&many, many);
+  EXPECT_EQ(extension.held.size(), many.names.size()) << "a changed list is sent at once";
 }
 
 // The names of the lists that are in force, and for each list, whether an error is known.
