@@ -59,16 +59,16 @@ int change_list(const CommonOptions& options, const Arguments& arguments, const 
     sites = list.size();
     return !outcome.text.empty();
   });
-  if (!options.json)
-    std::printf("%s: %s\n", arguments.group.c_str(),
+  const Effect effect = wait_for_keeper(options, version, sites);
+  const std::string prefix = report_effect(effect);
+  if (!options.json) {
+    std::printf("%s%s: %s\n", prefix.c_str(), arguments.group.c_str(),
                 outcome.text.empty() ? ("unchanged" + outcome.note).c_str() : outcome.text.c_str());
-  std::fflush(stdout);
-  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
-  if (options.json) {
+  } else {
     nlohmann::json result{{"group", arguments.group}, {"changed", !outcome.text.empty()}};
     std::vector<HeldBack> heldBack;
     add_unique(heldBack, outcome.heldBack);
-    add_effect(result, isSent, heldBack);
+    add_effect(result, effect.isInForce, heldBack);
     print_json(result);
   }
   return kDone;
@@ -301,17 +301,22 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     sites = list.size();
     return true;
   });
-  wait_for_keeper(options, version, sites);
+  Effect effect = wait_for_keeper(options, version, sites);
   const auto end = lock_end(keeper_of_list(options), arguments.group);
   if (!end) {
-    print_error("saved, but not locked: the keeper locks the group when it reads the list: see orvanectl status");
+    if (effect.reason.empty())
+      effect.reason = effect.isInForce ? "too many groups have a lock or a delay: see journalctl -u orvane-keeper"
+                                       : "no keeper keeps this list: see orvanectl status";
+    print_error("saved, but not locked, because " + effect.reason);
     return kFailed;
   }
+  const bool isInForce = report_effect(effect).empty();
   if (options.json) {
     print_json({{"group", arguments.group}, {"lockedUntil", time_text(*end)}});
   } else {
     const char* already = *end > until + kClockTolerance ? "already " : "";
-    std::printf("%s: %slocked %s\n", arguments.group.c_str(), already, suspension_text(*end, now).c_str());
+    std::printf("%s: %slocked %s%s\n", arguments.group.c_str(), already, suspension_text(*end, now).c_str(),
+                isInForce ? "" : "; but its sites are not blocked yet");
   }
   return kDone;
 }

@@ -50,7 +50,7 @@ struct Outcome {
   std::vector<std::pair<HeldBack, size_t>> openings{};  // what holds back exceptions and suspensions, and how many
   std::vector<HeldBack> blockings{};                    // what holds back new and changed sites
   double seconds = 0;                                   // from the start until the list is written
-  std::optional<bool> isSent;
+  Effect effect{};
 
   std::vector<HeldBack> heldBack() const {
     std::vector<HeldBack> all = removals;
@@ -120,7 +120,7 @@ void print_removals(const std::vector<HeldBack>& removals, Moment now) {
 }
 
 void print_outcome(const Outcome& outcome, Moment now) {
-  const auto& [read, rejections, counts, removals, openings, blockings, seconds, isSent] = outcome;
+  const auto& [read, rejections, counts, removals, openings, blockings, seconds, effect] = outcome;
   std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
               counted(read.sites.size(), "site", "sites").c_str(), seconds);
   std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
@@ -141,7 +141,7 @@ void print_outcome(const Outcome& outcome, Moment now) {
 }
 
 void print_outcome_json(const Outcome& outcome) {
-  const auto& [read, rejections, counts, removals, openings, blockings, seconds, isSent] = outcome;
+  const auto& [read, rejections, counts, removals, openings, blockings, seconds, effect] = outcome;
   nlohmann::json rejectedLines = nlohmann::json::array();
   for (const auto& [line, text, fault] : rejections)
     rejectedLines.push_back({{"line", line}, {"text", text}, {"fault", fault}});
@@ -158,7 +158,7 @@ void print_outcome_json(const Outcome& outcome) {
                         {"rejected", read.rejected},
                         {"rejectedLines", std::move(rejectedLines)},
                         {"seconds", seconds}};
-  add_effect(result, isSent, outcome.heldBack());
+  add_effect(result, effect.isInForce, outcome.heldBack());
   print_json(result);
 }
 
@@ -228,7 +228,8 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     print_error("settings not imported: " + in_quotes(group) +
                 ": the group has sites already, so it keeps its settings: to change them: orvanectl group");
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  outcome.isSent = wait_for_keeper(options, version, sites);
+  outcome.effect = wait_for_keeper(options, version, sites);
+  report_effect(outcome.effect);
   options.json ? print_outcome_json(outcome) : print_outcome(outcome, now);
   return kDone;
 }
@@ -252,13 +253,14 @@ int undo(const CommonOptions& options) {
     replace_list_text(record_path(options), "");
     return counts.removed + counts.restored + counts.groups > 0;
   });
-  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
+  const Effect effect = wait_for_keeper(options, version, sites);
+  report_effect(effect);
   if (options.json) {
     nlohmann::json result{{"removed", counts.removed},
                           {"restored", counts.restored},
                           {"groups", counts.groups},
                           {"changedSince", counts.changedSince}};
-    add_effect(result, isSent, removals);
+    add_effect(result, effect.isInForce, removals);
     print_json(result);
   } else {
     std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",

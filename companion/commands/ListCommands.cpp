@@ -58,8 +58,8 @@ struct Change {
 // Changes one of the sites that a command is about.
 using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
 
-void print_change(const Change& change) {
-  std::string line = site_text(change.site);
+void print_change(const Change& change, const std::string& prefix) {
+  std::string line = prefix + site_text(change.site);
   if (!change.outcome.empty()) line += ": " + change.outcome;
   if (!change.otherLine.empty())
     line += (change.isMeantToBlock ? "; but allowed by the exception " : "; still blocked by the line ") +
@@ -84,8 +84,8 @@ void print_summary(std::span<const Change> changes, const std::string& prefix, c
 }
 
 // Prints one summary for the hosts of each site of the catalogue, and a line for each other site. If these are too many
-// lines, prints one summary of all sites.
-void print_changes(std::span<const Change> changes) {
+// lines, prints one summary of all sites. Each line begins with the prefix.
+void print_changes(std::span<const Change> changes, const std::string& prefix) {
   constexpr size_t kMostShown = 20;
   std::vector<std::span<const Change>> parts;
   std::set<const CatalogueSite*> origins;
@@ -98,14 +98,14 @@ void print_changes(std::span<const Change> changes) {
   }
   if (parts.size() > kMostShown) {
     origins.erase(nullptr);
-    if (origins.empty()) return print_summary(changes, "", "site", "sites");
-    return print_summary(changes, counted(origins.size(), "site", "sites") + ", ", "host", "hosts");
+    if (origins.empty()) return print_summary(changes, prefix, "site", "sites");
+    return print_summary(changes, prefix + counted(origins.size(), "site", "sites") + ", ", "host", "hosts");
   }
   for (const std::span<const Change> part : parts) {
     if (part.front().origin == nullptr) {
-      print_change(part.front());
+      print_change(part.front(), prefix);
     } else {
-      print_summary(part, part.front().origin->name + ", ", "host", "hosts");
+      print_summary(part, prefix + part.front().origin->name + ", ", "host", "hosts");
     }
   }
 }
@@ -222,14 +222,16 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     return changed;
   });
   note_lists_beside(changes, keeper);
-  if (!options.json) {
-    if (changes.empty())
-      std::printf("nothing to change: the group %s has %s\n", arguments.group.c_str(), selection.none);
-    print_changes(changes);
-    std::fflush(stdout);
+  const Effect effect = wait_for_keeper(options, version, sites);
+  const std::string prefix = report_effect(effect);
+  if (options.json) {
+    print_changes_json(changes, effect.isInForce, now);
+  } else if (changes.empty()) {
+    std::printf("nothing to change: the group %s has %s\n", arguments.group.c_str(), selection.none);
+  } else {
+    print_changes(changes, prefix);
   }
-  const std::optional<bool> isSent = wait_for_keeper(options, version, sites);
-  if (options.json) print_changes_json(changes, isSent, now);
+  std::fflush(stdout);  // a warning on standard error may follow
   return kDone;
 }
 

@@ -19,42 +19,43 @@ std::chrono::milliseconds patience_for(size_t sites) {
   return kMinimum + std::chrono::milliseconds(sites / kSitesPerMillisecond);
 }
 
-void warn(const std::string& text) { print_error("saved, but not in force: " + text); }
-
-bool wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
+Effect wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
   switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites))) {
     case InForce::Yes: {
       const auto unrecognised = recognition_fault(options.client);
-      if (!unrecognised || !unrecognised->isInForce) return true;
-      warn("no browser is recognised: " + unrecognised->text + ": see orvanectl doctor");
-      return false;
+      if (!unrecognised || !unrecognised->isInForce) return {true};
+      return {false, "no browser is recognised: " + unrecognised->text + ": see orvanectl doctor"};
     }
     case InForce::NoKeeper:
-      warn("no keeper runs: sudo systemctl start orvane-keeper");
-      return false;
+      return {false, "no keeper runs: sudo systemctl start orvane-keeper"};
     case InForce::NoExtension:
-      warn("the keeper has no connection to the extension: sudo systemctl start orvane-se; see orvanectl status");
-      return false;
+      return {false,
+              "the keeper has no connection to the extension: sudo systemctl start orvane-se; see orvanectl status"};
     case InForce::TimedOut:
       break;
   }
-  warn("the keeper has not sent the list yet: see orvanectl status");
-  return false;
+  return {false, "the keeper has not sent the list yet: see orvanectl status"};
 }
 
 }  // namespace
 
-std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
+Effect wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites) {
   try {
     const auto keeper = read_keeper_state(options.keeperStatePath);
     // If a keeper runs, wait only if the list is in the file that this keeper sends, because nobody sends a list in any
     // other file. If no keeper runs, call wait() only for the default file; wait() then reports that no keeper runs.
-    if (!(keeper ? keeps_list(*keeper, options) : options.listPath == kListPath)) return std::nullopt;
+    if (!(keeper ? keeps_list(*keeper, options) : options.listPath == kListPath)) return {};
     return wait(options, version, sites);
   } catch (const FileError& error) {
-    print_error("saved, but perhaps not in force: " + std::string(error.what()));
-    return false;
+    return {std::nullopt, error.what()};
   }
+}
+
+std::string report_effect(const Effect& effect) {
+  if (effect.reason.empty()) return "";
+  const bool isUnknown = !effect.isInForce;
+  print_error((isUnknown ? "saved, but perhaps not in force: " : "saved, but not in force, because ") + effect.reason);
+  return isUnknown ? "saved: " : "not in force yet: ";
 }
 
 }  // namespace orvane

@@ -2,15 +2,25 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
 
 #include "companion/commands/CommandSet.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {
 
+// Whether a change of the list is in force.
+struct Effect {
+  std::optional<bool> isInForce{};  // nothing if unknown, or if `options.listPath` is not the keeper's list
+  std::string reason{};             // why it is not in force, or why this is unknown, and what to do
+};
+
 // Waits until the keeper has sent the list in this `version`, which has `sites` sites, to the extension. Waits at most
-// five seconds, or longer for a large list. Returns true if the list is in force then. If not, prints why, and what to
-// do, and returns false. Returns nothing, without waiting, if `options.listPath` is not the keeper's list.
-std::optional<bool> wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
+// five seconds, or longer for a large list. Does not wait if `options.listPath` is not the keeper's list.
+Effect wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
+
+// If a change is not in force: prints that it is saved, and the reason. Returns the words with which each line about
+// the change begins; empty if it is in force.
+std::string report_effect(const Effect& effect);
 
 }  // namespace orvane

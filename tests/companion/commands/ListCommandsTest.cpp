@@ -162,6 +162,23 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"--catalogue '%.d' unblock --site a; '" ORVANECTL "' --list '%' list", 0,
        "A, 2 hosts: removed from the list\nc.example\n"},
       {"--catalogue '%.d' sites show a | sed 1d", 0, "  a.example only\n  b.example\n"},
+      // A keeper without an extension.
+      {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
+       "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' 'group add g' 'lock --for "
+       "1h'; "
+       "do '" ORVANECTL "' --state '%.state' --list '%' $command 2>&1; done | grep -v 'may still open' |\n"
+       "sed 's/until .*;/until;/; s/until [^;]*$/until/; s/connection.*/connection/'; kill $!",
+       0,
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: d.example and its subdomains: blocked\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: d.example and its subdomains: removed from the list\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: c.example and its subdomains: not blocked until\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: g: added, without sites\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "default: locked until; but its sites are not blocked yet\n"},
   };
   for (const Case& each : kCases) {
     std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;
