@@ -46,12 +46,15 @@ void declare_keeper_commands(CommandSet& commands) {
       ->footer("Additional exit code: 3 the list is not in force.");
 
   auto host = std::make_shared<std::string>();
+  auto catalogued = std::make_shared<SiteOptions>();
   CLI::App* tryCommand =
       commands.declare(commands.app, kServiceGroup, "try", "Show whether a host is blocked now, and why",
-                       [&options, host] { return try_host(options, *host); });
-  tryCommand->add_option("HOST", *host, "A host name, in any spelling that browsers accept")->required()->type_name("");
+                       [&options, host, catalogued] { return try_hosts(options, *host, *catalogued); });
+  tryCommand->add_option("HOST", *host, "A host name, in any spelling that browsers accept")->type_name("");
+  catalogued->declare(*tryCommand);
   tryCommand->footer(
-      "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown.");
+      "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown. For several\n"
+      "hosts: 0 all blocked, 3 some not blocked.");
 
   const auto keep = [&options] {
     return run_keeper({options.client, options.listPath, state_path(options), guard_path(options), options.dropInsPath,

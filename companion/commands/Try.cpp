@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "companion/browsers/BrowserRecognition.h"
@@ -151,66 +153,160 @@ Verdict verdict_of(bool isBlocked, Delivery::State delivery) {
   return isBlocked ? Verdict::Blocked : Verdict::NotBlocked;
 }
 
-}  // namespace
+// The answer about one host.
+struct Answer {
+  std::string host;
+  Verdict verdict = Verdict::Unknown;
+  std::string reason;           // which line decides
+  nlohmann::json line;          // the members that describe this line
+  std::string catalogueSite{};  // the id of the catalogue's site that has the host; may be empty
+};
 
-int try_host(const CommonOptions& options, const std::string& given) {
-  std::string name, fault;
-  note_ignored_port(given);
-  if (!normalize_hostname(host_in(given), name, fault))
-    throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
+// Gathers what decides about every host, and then answers for each host.
+class Trial {
+ public:
+  explicit Trial(const CommonOptions& options) {
+    StoredList stored = read_list(options.listPath);
+    const ExtensionProbe extension = probe_extension(options.client);
+    keeper_ = read_keeper_state(options.keeperStatePath);
+    if (keeper_ && extension.answers) add_later_changes(*keeper_, extension.changes);
+    const auto ofList = keeper_ && keeps_list(*keeper_, options) ? keeper_ : std::nullopt;
+    auto inForce = list_in_force(options, ofList);
+    list_ = inForce ? *std::move(inForce) : std::move(stored.list);
+    groups_ = states_of_groups(list_, ofList, now_);
+    beside_.emplace(ofList);
+    delivery_ = delivery_of(stored.version, keeper_, extension);
+    const auto unrecognised = recognition_fault(options.client);
+    if (unrecognised && unrecognised->isInForce)
+      delivery_ = {Delivery::State::NothingBlocked,
+                   "nothing is blocked: no browser is recognised: " + unrecognised->text};
+  }
 
-  const StoredList stored = read_list(options.listPath);
-  const Moment now = now_in_seconds();
-  const ExtensionProbe extension = probe_extension(options.client);
-  std::optional<KeeperState> keeper = read_keeper_state(options.keeperStatePath);
-  if (keeper && extension.answers) add_later_changes(*keeper, extension.changes);
-  const auto ofList = keeper && keeps_list(*keeper, options) ? keeper : std::nullopt;
-  auto inForce = list_in_force(options, ofList);
-  const BlockList list = inForce ? *std::move(inForce) : stored.list;
-  const auto groups = states_of_groups(list, ofList, now);
-  const GroupStates states = in_force(groups);
-  const Decision decision = decide(list, name, now, states);
-  const std::vector<ListPart> parts = ListsBeside(ofList).partsAbout(name);
-  const bool isBlocked = parts.empty() ? decision.isBlocked() : is_blocked(list, parts, name, now, states);
-  Delivery delivery = delivery_of(stored.version, keeper, extension);
-  const auto unrecognised = recognition_fault(options.client);
-  if (unrecognised && unrecognised->isInForce)
-    delivery = {Delivery::State::NothingBlocked, "nothing is blocked: no browser is recognised: " + unrecognised->text};
-  const Verdict verdict = verdict_of(isBlocked, delivery.state);
-  BesideDecision beside;
-  if (!parts.empty()) beside = decide_beside(list, parts, name, decision, isBlocked, verdict);
-  if (beside.text.empty()) beside.text = decision_text(list, name, decision, verdict, groups, now);
+  Answer answer(const std::string& host) {
+    const GroupStates states = in_force(groups_);
+    const Decision decision = decide(list_, host, now_, states);
+    const std::vector<ListPart> parts = beside_->partsAbout(host);
+    const bool isBlocked = parts.empty() ? decision.isBlocked() : is_blocked(list_, parts, host, now_, states);
+    const Verdict verdict = verdict_of(isBlocked, delivery_.state);
+    BesideDecision beside;
+    if (!parts.empty()) beside = decide_beside(list_, parts, host, decision, isBlocked, verdict);
+    if (beside.text.empty()) beside.text = decision_text(list_, host, decision, verdict, groups_, now_);
+    return {host, verdict, std::move(beside.text), lineMembers(decision, beside.line)};
+  }
 
-  std::vector<std::string> reasons{beside.text, delivery.text};
-  if (keeper && keeper->changesOfOthers > 0 && delivery.state != Delivery::State::NothingBlocked)
-    reasons.push_back(
-        "but other clients have edited what the extension holds, and the extension cannot list its names");
-
-  if (verdict == Verdict::Blocked) {
+  // What concerns every host with this verdict.
+  const std::vector<std::string>& reasonsFor(Verdict verdict) {
+    std::vector<std::string>& reasons = reasons_[verdict];
+    if (!reasons.empty()) return reasons;
+    reasons.push_back(delivery_.text);
+    if (keeper_ && keeper_->changesOfOthers > 0 && delivery_.state != Delivery::State::NothingBlocked)
+      reasons.emplace_back(
+          "but other clients have edited what the extension holds, and the extension cannot list its names");
+    if (verdict != Verdict::Blocked) return reasons;
     const std::string warning = browser_warning(gather_browser_facts());
     if (!warning.empty()) reasons.push_back("but " + warning);
+    return reasons;
   }
 
-  const VerdictName shown = name_of(verdict);
-  if (options.json) {
-    nlohmann::json json{{"host", name}, {"verdict", shown.text}, {"reasons", reasons}};
+ private:
+  nlohmann::json lineMembers(const Decision& decision, const std::optional<LineBeside>& beside) const {
+    nlohmann::json json;
     for (const char* member : {"site", "group", "line", "list", "suspendedUntil"}) json[member] = nullptr;
-    if (beside.line) {
-      json["site"] = beside.line->site.host;
-      json["line"] = line_of(beside.line->site);
-      json["list"] = beside.line->path;
+    if (beside) {
+      json["site"] = beside->site.host;
+      json["line"] = line_of(beside->site);
+      json["list"] = beside->path;
     } else if (const ListedSite* site = deciding_site(decision)) {
       json["site"] = site->host;
-      json["group"] = list.groupOf(*site).name;
+      json["group"] = list_.groupOf(*site).name;
       json["line"] = line_of(*site);
-      if (site->isSuspended(now)) json["suspendedUntil"] = time_text(*site->until);
+      if (site->isSuspended(now_)) json["suspendedUntil"] = time_text(*site->until);
     }
-    print_json(json);
-  } else {
-    std::printf("%s: %s\n", shown_hostname(name).c_str(), coloured(shown.text, shown.colour).c_str());
-    for (const std::string& reason : reasons) std::printf("  %s\n", reason.c_str());
+    return json;
   }
-  return shown.exitCode;
+
+  const Moment now_ = now_in_seconds();
+  std::optional<KeeperState> keeper_;
+  BlockList list_;
+  std::vector<KeeperState::GroupState> groups_;
+  std::optional<ListsBeside> beside_;
+  Delivery delivery_{};
+  std::map<Verdict, std::vector<std::string>> reasons_;
+};
+
+nlohmann::json to_json(const Answer& answer, Trial& trial) {
+  nlohmann::json json = answer.line;
+  std::vector<std::string> reasons{answer.reason};
+  for (const std::string& reason : trial.reasonsFor(answer.verdict)) reasons.push_back(reason);
+  json["host"] = answer.host;
+  json["verdict"] = name_of(answer.verdict).text;
+  json["reasons"] = std::move(reasons);
+  if (!answer.catalogueSite.empty()) json["catalogueSite"] = answer.catalogueSite;
+  return json;
+}
+
+void print_answer(const Answer& answer) {
+  const VerdictName shown = name_of(answer.verdict);
+  std::printf("%s: %s\n  %s\n", shown_hostname(answer.host).c_str(), coloured(shown.text, shown.colour).c_str(),
+              answer.reason.c_str());
+}
+
+int try_one(const CommonOptions& options, const std::string& given) {
+  std::string host, fault;
+  note_ignored_port(given);
+  if (!normalize_hostname(host_in(given), host, fault))
+    throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
+  Trial trial(options);
+  const Answer answer = trial.answer(host);
+  if (options.json) {
+    print_json(to_json(answer, trial));
+  } else {
+    print_answer(answer);
+    for (const std::string& reason : trial.reasonsFor(answer.verdict)) std::printf("  %s\n", reason.c_str());
+  }
+  return name_of(answer.verdict).exitCode;
+}
+
+// Prints what concerns all hosts only once, after the hosts.
+int try_sites(const CommonOptions& options, const SiteOptions& catalogued) {
+  const std::vector<CatalogueSite> sites = chosen_sites(options, catalogued);
+  Trial trial(options);
+  nlohmann::json all = nlohmann::json::array();
+  std::map<Verdict, size_t> total;
+  for (const CatalogueSite& site : sites) {
+    std::map<Verdict, size_t> hosts;
+    for (const ListedSite& host : site.hosts) {
+      Answer answer = trial.answer(host.host);
+      answer.catalogueSite = site.id;
+      ++hosts[answer.verdict];
+      options.json ? all.push_back(to_json(answer, trial)) : print_answer(answer);
+    }
+    for (const auto& [verdict, count] : hosts) {
+      total[verdict] += count;
+      if (!options.json)
+        std::printf("%s, %s: %s\n", site.name.c_str(), counted(count, "host", "hosts").c_str(), name_of(verdict).text);
+    }
+  }
+  // A single host that is not blocked decides the exit code.
+  Verdict worst = Verdict::Blocked;
+  for (const Verdict verdict : {Verdict::Unknown, Verdict::NotBlocked}) {
+    if (total.contains(verdict)) worst = verdict;
+  }
+  if (options.json) {
+    print_json(all);
+  } else {
+    const Verdict shown = total.contains(Verdict::Blocked) ? Verdict::Blocked : worst;
+    for (const std::string& reason : trial.reasonsFor(shown)) std::puts(reason.c_str());
+  }
+  return name_of(worst).exitCode;
+}
+
+}  // namespace
+
+int try_hosts(const CommonOptions& options, const std::string& host, const SiteOptions& catalogued) {
+  if (host.empty() != catalogued.isGiven())
+    throw InputError("bad command line: try: give a host, or --site SITE, or --category CATEGORY");
+  return catalogued.isGiven() ? try_sites(options, catalogued) : try_one(options, host);
 }
 
 }  // namespace orvane

@@ -71,6 +71,7 @@ _orvanectl() {
     case $command in
       '') options+=' --version' ;;
       block) options+=' --exact --group --site --category' ;;
+      try) options+=' --site --category' ;;
       allow) options+=' --group' ;;
       import) options+=' --subdomains --exact --group --replace --undo' ;;
       list) options+=' --from --group' ;;

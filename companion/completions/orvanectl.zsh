@@ -185,7 +185,7 @@ _orvanectl() {
     allow) _arguments $common $group '*:host:' ;;
     unblock | resume) _arguments $common $group $catalogued $listed ;;
     disallow) _arguments $common $group $listed ;;
-    try) _arguments $common ':host:{_orvanectl_hosts all}' ;;
+    try) _arguments $common $catalogued ':host:{_orvanectl_hosts all}' ;;
     suspend)
       _arguments $common $group $catalogued $listed '(--until)--for=[how long]:duration:(15m 30m 1h 2h 1d)' \
         '(--for)--until=[until when]:time:(18\:00 monday)'

@@ -347,7 +347,7 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   auto check = [&](const char* host, const std::string& verdict, const char* reason) {
     write_keeper_state(path("state"), state);
     testing::internal::CaptureStdout();
-    int code = try_host(options, host);
+    int code = try_hosts(options, host, {});
     const std::string output = testing::internal::GetCapturedStdout();
     EXPECT_EQ(code, verdict == "blocked" ? 0 : verdict == "unknown" ? kUnknown : kNotInForce) << output;
     EXPECT_NE(output.find(": " + verdict + "\n"), std::string::npos) << output;
@@ -377,6 +377,17 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("new.c.example", "not blocked", "but suspended with the line \"c.example until=2999-01-01T00:00:00Z\"");
   check("v.example", "not blocked", "it is not on the list\n");
   check("w.example", "blocked", "by the line \"w.example\" of the administrator's list \"");
+  std::filesystem::create_directory(path("sites"));
+  std::ofstream(path("sites/a.site")) << "name: A\ncategory: x\na.example\nb.example\nn.c.example\n";
+  options.cataloguePath = path("sites");
+  options.json = true;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(try_hosts(options, "", {{"A"}, {}}), kNotInForce);
+  std::string verdicts;
+  for (const auto& each : nlohmann::json::parse(testing::internal::GetCapturedStdout()))
+    verdicts.append(each["host"]).append(" ").append(each["verdict"]).append(", ");
+  EXPECT_EQ(verdicts, "a.example blocked, b.example blocked, n.c.example not blocked, ");
+  options.json = false;
   check("www.e.example", "not blocked", "it is not on the list\n");
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");
