@@ -7,6 +7,7 @@ import itertools
 import mmap
 import multiprocessing
 import os
+import pathlib
 import platform
 import select
 import signal
@@ -86,6 +87,11 @@ def _open_half(_, address: str, count: int, lines: int, single: int, opened) -> 
     signal.pause()
 
 
+def are_possible() -> bool:
+    """Whether the user namespace has the user ATTACKER. One that a user without privileges made has only one user."""
+    return int(pathlib.Path("/proc/self/uid_map").read_text().split()[2]) > ATTACKER
+
+
 def _run(attack, *arguments) -> None:
     os.setgid(ATTACKER)
     os.setuid(ATTACKER)
@@ -100,6 +106,8 @@ def _start(processes: int, attack, *arguments) -> None:
 @contextlib.contextmanager
 def _attackers(start, wait):
     """Runs an attack during a with block. The block begins when wait() returns."""
+    if not are_possible():
+        raise Unavailable("the attack needs a second user: run as root")
     group = os.fork()
     if group == 0:
         os.setpgid(0, 0)

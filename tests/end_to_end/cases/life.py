@@ -17,7 +17,11 @@ from harness import becomes, check, connect, iptables, wait_until
 
 
 class _Load:
-    """Connects to HELD and NEWS again and again, from six threads, during a with block."""
+    """Connects to HELD and NEWS again and again, from six threads, during a with block.
+
+    Each thread waits a little before a connection. Otherwise, while nothing filters, connections would begin faster
+    than the server's thread closes them, and this process would have too many open files.
+    """
 
     def __init__(self):
         self._ended = threading.Event()
@@ -25,7 +29,7 @@ class _Load:
         self._threads = [threading.Thread(target=self._run, args=(name,)) for name in (HELD, NEWS) * 3]
 
     def _run(self, name: str) -> None:
-        while not self._ended.is_set():
+        while not self._ended.wait(0.005):
             begin = time.monotonic()
             verdict = connect(name)
             self.results.append((begin, time.monotonic(), name, verdict))

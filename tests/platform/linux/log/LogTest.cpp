@@ -22,8 +22,15 @@ std::string enabled(const std::string& level) {
 
 // Hides the machine's journal from this process, in a new mount namespace. Returns false if that is not permitted.
 bool hide_journal() {
-  return (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
-         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+  if (unshare(CLONE_NEWNS) != 0) {
+    const std::string users = "0 " + std::to_string(getuid()) + " 1", groups = "0 " + std::to_string(getgid()) + " 1";
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return false;
+    // A user or group without a number in the namespace cannot make files there.
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << users;
+    std::ofstream("/proc/self/gid_map") << groups;
+  }
+  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
          mount("tmpfs", "/run", "tmpfs", 0, nullptr) == 0;
 }
 
