@@ -43,9 +43,7 @@ std::string site_text(const ListedSite& site) {
 }
 
 nlohmann::json site_json(const ListedSite& site, Moment now) {
-  const char* scope = site.scope == Scope::Subdomains  ? "subdomains"
-                      : site.scope == Scope::ExactName ? "exact"
-                                                       : "exception";
+  const char* scope = site.scope == Scope::Exception ? "exception" : has_subdomains(site) ? "subdomains" : "exact";
   nlohmann::json json{{"host", site.host}, {"scope", scope}, {"suspended", site.isSuspended(now)}};
   if (std::string unicode = unicode_hostname(site.host); !unicode.empty()) json["unicode"] = std::move(unicode);
   if (site.until) json["until"] = time_text(*site.until);

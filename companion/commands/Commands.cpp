@@ -340,9 +340,12 @@ std::vector<std::string> words_in_order(const CLI::App& app, int argc, const cha
 void refuse_brackets(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view text = argv[i];
-    if (text.size() > 1 && text.front() == '[' && text.back() == ']')
+    if (text.size() < 2 || text.front() != '[' || text.back() != ']') continue;
+    if (std::count(text.begin(), text.end(), ':') > 1)
       throw InputError("bad command line: " + in_quotes(text) +
-                       ": an argument in square brackets is not supported: give a file as ./[FILE]");
+                       ": it is an IP address: only host names can be blocked");
+    throw InputError("bad command line: " + in_quotes(text) +
+                     ": an argument in square brackets is not supported: give a file as ./[FILE]");
   }
 }
 

@@ -21,27 +21,6 @@ bool is_one_of(std::string_view text, const std::string_view (&texts)[size]) {
   return std::find(std::begin(texts), std::end(texts), text) != std::end(texts);
 }
 
-// The names that hosts files have for the machine itself and its network.
-bool is_local_name(std::string_view name) {
-  constexpr std::string_view kNames[] = {"localhost",
-                                         "localhost.localdomain",
-                                         "localhost4",
-                                         "localhost6",
-                                         "local",
-                                         "broadcasthost",
-                                         "ip6-localhost",
-                                         "ip6-loopback",
-                                         "ip6-localnet",
-                                         "ip6-mcastprefix",
-                                         "ip6-allnodes",
-                                         "ip6-allrouters",
-                                         "ip6-allhosts",
-                                         "0.0.0.0",
-                                         "localhost6.localdomain6",
-                                         "localhost4.localdomain4"};
-  return is_one_of(name, kNames);
-}
-
 // The kind of address that a line of a hosts file starts with. 0.0.0.0, 127.0.0.1, :: and ::1 are blocking addresses.
 enum class Address { None, Blocking, Other };
 
@@ -446,6 +425,26 @@ void take_back_site(BlockList& list, const std::string& group, const ListedSite*
 }
 
 }  // namespace
+
+bool is_local_name(std::string_view name) {
+  constexpr std::string_view kNames[] = {"localhost",
+                                         "localhost.localdomain",
+                                         "localhost4",
+                                         "localhost6",
+                                         "local",
+                                         "broadcasthost",
+                                         "ip6-localhost",
+                                         "ip6-loopback",
+                                         "ip6-localnet",
+                                         "ip6-mcastprefix",
+                                         "ip6-allnodes",
+                                         "ip6-allrouters",
+                                         "ip6-allhosts",
+                                         "0.0.0.0",
+                                         "localhost6.localdomain6",
+                                         "localhost4.localdomain4"};
+  return is_one_of(name, kNames);
+}
 
 UndoCounts take_back(BlockList& list, const ImportRecord& record) {
   UndoCounts counts;

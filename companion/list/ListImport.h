@@ -62,6 +62,10 @@ struct ImportOptions {
 ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress);
 
+// Whether a name in lower case is one of those that hosts files have for the machine itself and its network, such as
+// localhost. read_import() skips these names.
+bool is_local_name(std::string_view name);
+
 struct ImportCounts {
   size_t added = 0;
   size_t changed = 0;

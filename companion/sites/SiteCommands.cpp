@@ -163,6 +163,13 @@ std::vector<CatalogueSite> chosen_sites(const CommonOptions& options, const Site
   return chosen;
 }
 
+std::optional<std::string> catalogued_id(const CommonOptions& options, const std::string& word) {
+  if (word.find('.') != std::string::npos) return std::nullopt;
+  const SiteCatalogue catalogue = SiteCatalogue::read(site_folders(options));
+  const CatalogueSite* site = catalogue.find(word);
+  return site == nullptr ? std::nullopt : std::optional(site->id);
+}
+
 void declare_site_commands(CommandSet& commands) {
   auto given = std::make_shared<SiteOptions>();
   CLI::App* sites = commands.app.add_subcommand("sites", "The catalogue: sites that people know by name")

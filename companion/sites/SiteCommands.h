@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,10 @@ struct SiteOptions {
 // The sites of the catalogue that the options name, each once. Prints the faults of the catalogue's files. Throws
 // InputError, with suggestions, if the catalogue lacks one of the names.
 std::vector<CatalogueSite> chosen_sites(const CommonOptions& options, const SiteOptions& given);
+
+// If a word without a dot is the id or the name of a site of the catalogue: its id. Says nothing about faults of the
+// catalogue.
+std::optional<std::string> catalogued_id(const CommonOptions& options, const std::string& word);
 
 // Declares the command "sites" with its commands list, show and search.
 void declare_site_commands(CommandSet& commands);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -23,9 +24,19 @@ std::vector<ListedSite> hosts_of(const std::vector<CatalogueSite>& chosen) {
   return hosts;
 }
 
+// If the word cannot be meant as a host with the site's scope: what is wrong and what to do. Otherwise empty.
+std::string site_fault(const CommonOptions& options, const std::string& word, const ListedSite& site) {
+  if (site.scope != Scope::Subdomains) return scope_fault(site);
+  if (const auto id = catalogued_id(options, word)) return "it has no dot: did you mean --site " + *id + "?";
+  if (is_local_name(site.host))
+    return "it is a name of this machine itself: name a site; or, for this exact name, use --exact";
+  return scope_fault(site);
+}
+
 // Returns the sites that the given words name, with their hosts in the form that browsers send. Reports each word that
 // names no site, and then throws InputError.
-std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Scope scope) {
+std::vector<ListedSite> checked_sites(const CommonOptions& options, const std::vector<std::string>& given,
+                                      Scope scope) {
   std::vector<ListedSite> sites;
   ListedSite site;
   std::string fault;
@@ -33,7 +44,7 @@ std::vector<ListedSite> checked_sites(const std::vector<std::string>& given, Sco
     note_ignored_port(host);
     if (!read_site(host_in(host), scope, site, fault)) {
       print_error("not a host name: " + in_quotes(host) + ": " + fault);
-    } else if (fault = scope_fault(site); !fault.empty()) {
+    } else if (fault = site_fault(options, host, site); !fault.empty()) {
       print_error("not a site: " + in_quotes(host) + ": " + fault);
     } else {
       sites.push_back(site);
@@ -82,9 +93,11 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
       if (seen.insert(site).second) sites.push_back(*site);
     } else {
       ++unknown;
+      const auto id = exceptions ? std::nullopt : catalogued_id(options, host);
       print_error(exceptions
                       ? "no exception: " + in_quotes(host) + ": see orvanectl list"
-                      : "not on the list: " + in_quotes(host) + ": " + not_blocked_text(list, beside, host, now));
+                      : "not on the list: " + in_quotes(host) + ": " +
+                            (id ? "did you mean --site " + *id + "?" : not_blocked_text(list, beside, host, now)));
     }
   }
   if (unknown > 0)
@@ -95,10 +108,10 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
 
 // Finds the sites with the hosts that the command line gives.
 FindSites given_sites(const CommonOptions& options, const SiteArguments& arguments, Moment now, bool exceptions) {
-  return
-      [=, &options, hosts = checked_sites(arguments.hosts, Scope::ExactName)](const BlockList& list, GroupIndex group) {
-        return listed_sites(list, group, hosts, exceptions, now, options);
-      };
+  return [=, &options, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](const BlockList& list,
+                                                                                          GroupIndex group) {
+    return listed_sites(list, group, hosts, exceptions, now, options);
+  };
 }
 
 // Reads the hosts of a file in one of the forms that import reads.
@@ -152,10 +165,11 @@ const CatalogueSite* Selection::originOf(const std::string& host) const {
 Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
                          bool exceptions) {
   const bool isCatalogued = arguments.catalogued.isGiven();
-  if ((arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) +
-          (isCatalogued ? 1 : 0) !=
-      1)
-    throw InputError(std::string("bad command line: ") + command + ": give hosts of sites on the list, or --all, or " +
+  const int given = (arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) +
+                    (isCatalogued ? 1 : 0);
+  if (given != 1)
+    throw InputError(std::string("bad command line: ") + command + ": give " +
+                     (given > 1 ? "only one of these: " : "") + "hosts of sites on the list, or --all, or " +
                      (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
   if (arguments.all) return {all_sites(exceptions), {}, exceptions ? "no exceptions" : "no sites"};
   if (!arguments.hosts.empty()) return {given_sites(options, arguments, now, exceptions)};
@@ -167,7 +181,7 @@ Selection selected_sites(const CommonOptions& options, const SiteArguments& argu
 }
 
 Selection new_sites(const CommonOptions& options, const SiteArguments& arguments, Scope scope) {
-  std::vector<ListedSite> sites = checked_sites(arguments.hosts, scope);
+  std::vector<ListedSite> sites = checked_sites(options, arguments.hosts, scope);
   std::vector<CatalogueSite> chosen;
   if (arguments.catalogued.isGiven()) chosen = chosen_sites(options, arguments.catalogued);
   for (ListedSite& host : hosts_of(chosen)) sites.push_back(std::move(host));

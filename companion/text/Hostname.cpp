@@ -31,7 +31,8 @@ bool is_hexadecimal(char c) { return is_digit(c) || (c >= 'a' && c <= 'f'); }
 
 std::string forbidden_character_fault(std::string_view given, char c) {
   if (given.find("://") != std::string_view::npos)
-    return "it is a URL: give the host name alone: " + in_quotes(host_in(given));
+    return host_in(given) == given ? "it is an address without a host: give a host name"
+                                   : "it is a URL: give the host name alone: " + in_quotes(host_in(given));
   if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
     return "it is an IP address: only host names can be blocked";
   switch (c) {
@@ -165,16 +166,19 @@ bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   return true;
 }
 
-// The host and port of a URL, or of a host with a path. Nothing for any other text.
+// The host and port of a URL, or of a host with a path. Nothing for any other text, such as "https:/a.example", which
+// lacks a slash, or "file:///a", which has no host.
 std::optional<std::string_view> authority_in(std::string_view given) {
   const size_t scheme = given.find("://");
+  const bool isURL = scheme < given.find_first_of("/?#\\");
   std::string_view authority = given;
-  if (scheme < given.find_first_of("/?#\\")) authority.remove_prefix(scheme + 3);
+  if (isURL) authority.remove_prefix(scheme + 3);
   const size_t end = authority.find_first_of("/?#\\");
   if (authority.size() == given.size() && end == std::string_view::npos) return std::nullopt;
   authority = authority.substr(0, end);
+  if (!isURL && authority.ends_with(':')) return std::nullopt;
   authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0: no user name
-  return authority;
+  return authority.empty() ? std::nullopt : std::optional(authority);
 }
 
 // The length of the port with its colon. 0 if there is no port, or if the host is in brackets: it is an IPv6 address,

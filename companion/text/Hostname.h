@@ -17,7 +17,7 @@ namespace orvane {
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);
 
 // The host of a text that people paste as a host: a URL, or a host with a path, as in "https://example.com/a" or
-// "example.com/a". For any other text, the text itself. A view into `given`.
+// "example.com/a". For any other text, such as a URL without a host, the text itself. A view into `given`.
 std::string_view host_in(std::string_view given);
 
 // The port in such a text, which host_in() leaves out: "8443" in "https://example.com:8443/a". Empty if there is none,

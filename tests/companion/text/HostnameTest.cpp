@@ -20,7 +20,9 @@ TEST(Hostname, TakesTheHostOfPastedText) {
       {"a.example/b?c=https://d.example:1", "a.example", ""},
       {"HTTP://[::1]:80/", "[::1]:80", ""},  // refused as an IP address later
       {"a.example:443", "a.example:443", ""},
-      {"https://", "", ""},
+      {"https://", "https://", ""},  // these three are refused later
+      {"file:///etc", "file:///etc", ""},
+      {"http:/a.example", "http:/a.example", ""},
       {"*.a.example", "*.a.example", ""},
   };
   for (const auto& [text, host, port] : kCases) {
@@ -55,7 +57,8 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       {"it is empty", {"", "."}},
       {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 removes the soft hyphen
       {"it is a URL", {"https://example.com/", "https://b\u00fccher.example", "https://\x1b[2J\u202e/"}},
-      {"it has a port or a scheme", {"mailto:me", "example.com:443"}},
+      {"it is an address without a host", {"https://", "file:///etc/hosts"}},
+      {"it has a port or a scheme", {"mailto:me", "example.com:443", "http:/example.com"}},
       {"it has a path", {"example.com/path", "example.com#top", "a?b", "a\\b"}},
       {"it is a wildcard", {"*.example.com"}},
       {"it has a character", {std::string("a\0b", 3), "a%41", "a\x7f"}},
