@@ -54,10 +54,10 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443) -> str:
         return DROP
 
 
-def wait_until(condition, what: str, seconds: float = 30) -> None:
+def wait_until(condition, what: str, seconds: float = 100) -> None:
     """Waits until condition() is true, and prints how long that took.
 
-    The limit is far above what an idle machine needs, so that a busy machine does not exceed it.
+    The limit is far above what an idle machine needs, so that a busy machine or a sanitizer does not exceed it.
     """
     start = time.monotonic()
     while not condition():
