@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "companion/browsers/BrowserPolicy.h"
+#include "companion/commands/SubscriptionCommands.h"
 #include "companion/doctor/Doctor.h"
 #include "companion/doctor/DoctorFacts.h"
 #include "companion/text/ExitCodes.h"
@@ -80,7 +81,9 @@ void print_summary(const std::vector<Finding>& findings) {
 
 int doctor(const CommonOptions& options) {
   Examination examination{options.client.socket, options.client.service, options.keeperStatePath};
-  const std::vector<Finding> findings = examine(gather_facts(examination));
+  Facts facts = gather_facts(examination);
+  facts.subscriptions = look_at_subscriptions(options);
+  const std::vector<Finding> findings = examine(facts);
   if (options.json) {
     Json checks = Json::array();
     for (const Finding& finding : findings) {

@@ -324,6 +324,20 @@ int refresh(const CommonOptions& options, const Arguments& arguments) {
 
 }  // namespace
 
+std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options) {
+  std::vector<SubscriptionFacts> facts;
+  try {
+    FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
+    for (const Subscription& each : read_file(options).subscriptions) {
+      const SubscriptionState state = state_of(fetcher, each.name);
+      facts.push_back({each.name, state.checked.has_value(), state.error});
+    }
+  } catch (const FileError&) {
+    // The file of another user's list, or a damaged state: "subscriptions" reports it.
+  }
+  return facts;
+}
+
 void declare_subscription_commands(CommandSet& commands) {
   auto arguments = std::make_shared<Arguments>();
   const auto declare = [&](const char* name, const char* description,

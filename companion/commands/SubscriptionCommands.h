@@ -2,8 +2,10 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "companion/commands/CommandSet.h"
+#include "companion/doctor/Doctor.h"
 
 namespace orvane {
 
@@ -11,6 +13,9 @@ namespace orvane {
 inline std::string fetcher_folder(const CommonOptions& options) {
   return std::filesystem::path(options.subscriptionsPath).parent_path();
 }
+
+// What the doctor needs to know about the subscriptions. None if this user may not read their file.
+std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options);
 
 // Declares "subscribe", "unsubscribe", "subscriptions" and "refresh".
 void declare_subscription_commands(CommandSet& commands);

@@ -333,13 +333,31 @@ void examine_read_only_lists(const Facts& facts, std::vector<Finding>& findings)
   }
 }
 
+// A service that has stopped is a problem if fetched lists are in force, because they become out of date.
+void examine_subscriptions(const Facts& facts, std::vector<Finding>& findings) {
+  if (has_fetched_lists(facts) || !facts.subscriptions.empty()) {
+    Finding finding = examine_unit(facts.fetcher, "fetcher");
+    if (!has_fetched_lists(facts) && finding.result == Result::Problem) finding.result = Result::Warning;
+    findings.push_back(std::move(finding));
+  }
+  for (const SubscriptionFacts& each : facts.subscriptions) {
+    if (each.error) {
+      findings.push_back({"subscription", each.name, Result::Warning, "the last fetch failed: " + *each.error,
+                          "to try again: orvanectl refresh " + each.name});
+    } else if (!each.isFetched) {
+      findings.push_back({"subscription", each.name, Result::Warning, "it has not been fetched yet",
+                          "orvanectl refresh " + each.name});
+    }
+  }
+}
+
 }  // namespace
 
 std::vector<Finding> examine(const Facts& facts) {
   std::vector<Finding> findings;
   findings.push_back(examine_unit(facts.extension, "service"));
   findings.push_back(examine_unit(facts.keeper, "keeper"));
-  if (has_fetched_lists(facts)) findings.push_back(examine_unit(facts.fetcher, "fetcher"));
+  examine_subscriptions(facts, findings);
   findings.push_back(examine_connection(facts));
   examine_clients(facts, findings);
   examine_processes(facts, findings);

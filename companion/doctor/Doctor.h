@@ -63,6 +63,13 @@ struct BrowserFacts {
   std::vector<BrowserProfile> profiles;  // the user's profiles of this browser
 };
 
+// A list that orvane-fetcher keeps up to date.
+struct SubscriptionFacts {
+  std::string name;
+  bool isFetched = false;            // at least once
+  std::optional<std::string> error;  // why the last fetch failed
+};
+
 // Everything that the checks need to know about the machine.
 struct Facts {
   bool asRoot = false;
@@ -78,6 +85,7 @@ struct Facts {
   std::vector<RulesFacts> rules;       // empty if orvanectl does not run as root, or if programs are missing
   std::optional<std::string> queues;   // /proc/net/netfilter/nfnetlink_queue; only root can read it
   std::optional<KeeperState> list;
+  std::vector<SubscriptionFacts> subscriptions;
   std::string listError;  // why the keeper's state could not be read
   BrowserList browserList;
   bool passesHTTP3 = false;  // the setting OrvaneHTTP3 of the extension

@@ -19,6 +19,16 @@ constexpr std::string_view kInsecure = "insecure";
 
 bool is_letter_or_digit(char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); }
 
+// Whether the host and port of a URL have no port, an empty one, or a number that TCP allows.
+bool has_valid_port(std::string_view authority) {
+  const size_t colon = authority.find(':', authority.starts_with('[') ? authority.find(']') : 0);
+  if (colon == std::string_view::npos || colon + 1 == authority.size()) return true;
+  const std::string_view text = authority.substr(colon + 1);
+  uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+  return error == std::errc() && end == text.data() + text.size() && port > 0;
+}
+
 // Calls visit(number, whole line, line without its comment and the white space around it) for each line.
 void for_each_line(std::string_view text,
                    const std::function<void(size_t, std::string_view, std::string_view)>& visit) {
@@ -97,6 +107,7 @@ std::string url_fault(std::string_view url, bool isInsecure) {
   if (authority.find('@') != std::string_view::npos)
     return "it has a user name or a password, which other users could read: use a URL without them";
   if (authority.empty() || authority.front() == ':') return "it has no host: write https://HOST/PATH";
+  if (!has_valid_port(authority)) return "it has no valid port: give a number from 1 to 65535, or no port";
   return "";
 }
 

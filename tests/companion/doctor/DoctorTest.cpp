@@ -78,6 +78,15 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
          f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
          f.list->readOnlyLists.emplace_back().isDropIn = false;
        }},
+      {"a fetch that failed", "subscription", Warning, "no server answers",
+       [](Facts& f) {
+         f.subscriptions = {{"ads", true, "no server answers"}};
+       }},
+      {"nothing fetched yet", "fetcher", Warning, "systemctl start orvane-fetcher.service",
+       [](Facts& f) {
+         f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
+         f.subscriptions = {{"ads", false, {}}};
+       }},
       {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
       {"hidden names", "hidden-names", Warning, "12 connections",
        [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
