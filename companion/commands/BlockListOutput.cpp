@@ -156,8 +156,8 @@ void print_sites_json(const BlockList& list, const ListInForce* inForce, Moment 
   put(*between == '[' ? "[]\n" : "]\n");
 }
 
-void report_bad_lines(const BlockList& list, const std::string& path) {
-  for (const auto& bad : list.badLines())
+void report_bad_lines(const std::vector<BlockList::BadLine>& lines, const std::string& path) {
+  for (const auto& bad : lines)
     print_error("bad line ignored: " + in_quotes(path) + ":" + std::to_string(bad.line) + ": " + in_quotes(bad.text) +
                 ": " + bad.fault);
 }

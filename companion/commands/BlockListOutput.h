@@ -39,6 +39,6 @@ void print_hosts(const BlockList& list);                                        
 void print_sites_json(const BlockList& list, const ListInForce* inForce, Moment now);
 
 // Prints one error for each malformed line of the list's file.
-void report_bad_lines(const BlockList& list, const std::string& path);
+void report_bad_lines(const std::vector<BlockList::BadLine>& lines, const std::string& path);
 
 }  // namespace orvane

@@ -219,6 +219,8 @@ int properties(const Arguments& arguments) {
 bool flush_output() { return std::fflush(stdout) == 0 && std::ferror(stdout) == 0; }
 
 int watch(const Arguments& arguments) {
+  if (!(arguments.interval >= 0.01 && arguments.interval <= 86400))
+    throw InputError("bad command line: watch: --interval: give 0.01 to 86400 seconds");
   Connection connection(arguments.client);
   // An interrupt is the normal end of a watch. Exit at once, even during a call that is never answered. No output is
   // lost, because all of it is flushed before the call.
@@ -243,14 +245,29 @@ int call(const Arguments& arguments) {
 
 int run(int argc, const char* const* argv);
 
+// An error that contains the unknown word, and suggests the command with the nearest name. `path`: the program's name
+// and the words that lead to `parent`.
+InputError unknown_command(const CLI::App& parent, const std::string& path, const std::string& word) {
+  size_t nearest = 3;  // only a command at a smaller distance is suggested
+  std::string advice = "see " + path + " --help";
+  for (const CLI::App* command : parent.get_subcommands(nullptr)) {
+    const size_t distance = edit_distance(word, command->get_name());
+    if (distance < nearest) advice = "did you mean " + command->get_name() + "?";
+    nearest = std::min(nearest, distance);
+  }
+  return InputError("unknown command: " + in_quotes(word) + ": " + advice);
+}
+
 // Prints the help of a command, or without a command, the program's.
 int help(const CLI::App& program, const std::vector<std::string>& words) {
   const CLI::App* command = &program;
+  std::string path = "orvanectl";
   std::vector<const char*> line{"orvanectl"};
   for (const std::string& word : words) {
     const auto known = command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
-    if (known.empty()) throw InputError("unknown command: " + in_quotes(word) + ": see orvanectl help");
+    if (known.empty()) throw unknown_command(*command, path, word);
     command = known.front();
+    path += ' ' + word;
     line.push_back(word.c_str());
   }
   line.push_back("--help");
@@ -264,7 +281,8 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
                             [&arguments, command] { return command(arguments); });
   };
   declare("ping", "Check that the extension answers; prints \"pong\"", ping);
-  declare("state", "Print the application filter's state: \"active\" or \"inactive\"", state);
+  declare("state",
+          "Print the state of the application filter, always \"inactive\"; for the filter of hosts: see status", state);
   declare("changes", "Print how many edits the extension has received since its start", changes);
   declare("start", "Send the start command", start);
   declare("stop", "Send the stop command", stop);
@@ -297,7 +315,7 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
 
   CLI::App* watchCommand = declare("watch", "Print the number of edits, now and after each change", watch);
   watchCommand->add_option("--interval", arguments.interval, "Seconds between two requests")
-      ->check(CLI::Range(0.01, 86400.0, "SECONDS"))
+      ->type_name("SECONDS")
       ->capture_default_str();
 
   CLI::App* callCommand = declare("call", "Send one message of the protocol, with unchanged arguments", call);
@@ -350,8 +368,8 @@ void refuse_brackets(int argc, const char* const* argv) {
 }
 
 // Call this if the command line needs a command below `parent`, but has no known one. `depth` words of the command line
-// (apart from options) lead to `parent`; `path` consists of the program's name and these words. Throws an error that
-// contains the next word and suggests the command with the nearest name. Returns if there is no further word.
+// (apart from options) lead to `parent`; `path` consists of the program's name and these words. Throws
+// unknown_command() for the next word. Returns if there is no further word.
 void refuse_unknown_command(const CLI::App& parent, size_t depth, const std::string& path, int argc,
                             const char* const* argv) {
   size_t words = 0;
@@ -359,14 +377,7 @@ void refuse_unknown_command(const CLI::App& parent, size_t depth, const std::str
     const std::string word = argv[i];
     if (word.rfind("--", 0) == 0 && word.find('=') == std::string::npos && word != "--json") ++i;  // skip the value
     if (word.rfind('-', 0) == 0 || words++ < depth) continue;
-    size_t nearest = 3;  // only a command at a smaller distance is suggested
-    std::string advice = "see " + path + " --help";
-    for (const CLI::App* command : parent.get_subcommands(nullptr)) {
-      const size_t distance = edit_distance(word, command->get_name());
-      if (distance < nearest) advice = "did you mean " + command->get_name() + "?";
-      nearest = std::min(nearest, distance);
-    }
-    throw InputError("unknown command: " + in_quotes(word) + ": " + advice);
+    throw unknown_command(parent, path, word);
   }
 }
 

@@ -36,7 +36,7 @@ std::string listed(const std::vector<Moment>& readings, Moment now) {
 
 void EndTime::declare(CLI::App& command) {
   CLI::Option* durationOption =
-      command.add_option("--for", duration, "How long, as in 30m, 1h30m, 2d")->type_name("TIME");
+      command.add_option("--for", duration, "How long, as in 30m, 1h30m, 2d")->type_name("DURATION");
   command
       .add_option("--until", until,
                   "Until when: 18:00, 6pm, \"tomorrow 9:00\", \"friday 17:00\", \"2026-12-24 18:00\", "

@@ -25,7 +25,8 @@ auto state_named(const std::vector<KeeperState::GroupState>& states, const std::
 GroupIndex find_group(const BlockList& list, const std::string& name) {
   if (const auto found = list.findGroup(name)) return *found;
   size_t nearest = std::max<size_t>(name.size() / 2, 2);  // only a group at a smaller distance is suggested
-  std::string advice = "see orvanectl group list, or add it: orvanectl group add";
+  std::string advice = "see orvanectl group list";
+  if (group_name_fault(name).empty()) advice += ", or add it: orvanectl group add " + name;
   for (const Group& group : list.groups()) {
     const size_t distance = edit_distance(name, group.name);
     if (distance < nearest) advice = "did you mean " + group.name + "? See orvanectl group list";

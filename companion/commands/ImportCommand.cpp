@@ -170,15 +170,20 @@ std::optional<Scope> wanted_scope(const Arguments& arguments) {
 
 ImportedSites read_file(const Arguments& arguments, const std::string& source, ProgressBar& bar, std::string_view text,
                         std::vector<Rejection>& rejections) {
-  constexpr size_t kMostRejections = 1000;
+  constexpr size_t kMostRejections = 1000, kMostPrinted = 20;
+  size_t count = 0;
   auto rejected = [&](size_t line, std::string_view what, const std::string& fault) {
-    bar.erase();
     if (rejections.size() < kMostRejections) rejections.push_back({line, std::string(what), fault});
+    if (++count > kMostPrinted) return;
+    bar.erase();
     print_error("not imported: " + source + ":" + std::to_string(line) + ": " + in_quotes(what) + ": " + fault);
   };
   auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, text.size(), counted(lines, "line", "lines")); };
   try {
-    return read_import(text, {wanted_scope(arguments), arguments.group}, rejected, progress);
+    ImportedSites read = read_import(text, {wanted_scope(arguments), arguments.group}, rejected, progress);
+    bar.erase();
+    if (count > kMostPrinted) print_error("not imported: " + std::to_string(count - kMostPrinted) + " more");
+    return read;
   } catch (const InputError& error) {
     throw InputError("cannot import: " + source + ": " + error.what());
   }
@@ -272,7 +277,9 @@ int undo(const CommonOptions& options) {
 }
 
 int run(const CommonOptions& options, const Arguments& arguments) {
-  if (arguments.undo != arguments.file.empty()) throw InputError("bad command line: import: give a file, or --undo");
+  if (arguments.undo != arguments.file.empty())
+    throw InputError(std::string("bad command line: import: give ") + (arguments.undo ? "only one of these: " : "") +
+                     "a file, or --undo");
   return arguments.undo ? undo(options) : import(options, arguments);
 }
 

@@ -8,7 +8,6 @@
 #include "companion/commands/Status.h"
 #include "companion/commands/Try.h"
 #include "companion/keeper/Keeper.h"
-#include "companion/keeper/KeeperState.h"
 
 namespace orvane {
 namespace {
@@ -23,16 +22,15 @@ std::string first_folder(const char* variable) {
 
 // The path of the keeper's state file: the path that --state gives; without --state, the file `state` in the folder
 // $RUNTIME_DIRECTORY; if no service manager has set this variable, the default path.
-std::string state_path(const CommonOptions& options) {
+std::string state_path(const CommonOptions& options, bool isGiven) {
   const std::string directory = first_folder("RUNTIME_DIRECTORY");
-  return directory.empty() || options.keeperStatePath != kKeeperStatePath ? options.keeperStatePath
-                                                                          : directory + "/state";
+  return directory.empty() || isGiven ? options.keeperStatePath : directory + "/state";
 }
 
 // The path of the guard's file: in the folder $STATE_DIRECTORY, or beside the state file.
-std::string guard_path(const CommonOptions& options) {
+std::string guard_path(const std::string& statePath) {
   const std::string directory = first_folder("STATE_DIRECTORY");
-  return directory.empty() ? state_path(options) + ".guard" : directory + "/guard";
+  return directory.empty() ? statePath + ".guard" : directory + "/guard";
 }
 
 }  // namespace
@@ -56,9 +54,10 @@ void declare_keeper_commands(CommandSet& commands) {
       "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown. For several\n"
       "hosts: 0 all blocked, 3 some not blocked.");
 
-  const auto keep = [&options] {
-    return run_keeper({options.client, options.listPath, state_path(options), guard_path(options), options.dropInsPath,
-                       options.subscriptionsPath});
+  const auto keep = [&options, given = commands.app.get_option("--state")] {
+    const std::string path = state_path(options, given->count() > 0);
+    return run_keeper(
+        {options.client, options.listPath, path, guard_path(path), options.dropInsPath, options.subscriptionsPath});
   };
   commands
       .declare(commands.app, kServiceGroup, "keep", "Run the keeper, the service that sends the list to the extension",

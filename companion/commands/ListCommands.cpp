@@ -25,6 +25,7 @@
 #include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/ReadOnlyList.h"
 #include "companion/sites/SiteSelection.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
@@ -238,17 +239,17 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
 // What blocking a site does. `before`: the site that the list had for this host before the command; null if none.
 std::string blocking_outcome(const ListedSite* before, const ListedSite& site, Moment now) {
   if (before == nullptr) return "blocked";
-  if (before->isSuspended(now)) return "blocked again, was suspended " + suspension_text(*before->until, now);
+  if (before->isSuspended(now)) return "blocked again, before suspended " + suspension_text(*before->until, now);
   if (before->scope == site.scope) return "already on the list";
   switch (before->scope) {
     case Scope::ExactName:
-      return "blocked, was on the list without its subdomains";
+      return "blocked, before on the list without its subdomains";
     case Scope::Subdomains:
-      return "blocked, was on the list with its subdomains";
+      return "blocked, before on the list with its subdomains";
     case Scope::Exception:
       break;
   }
-  return "blocked, was an exception";
+  return "blocked, before an exception";
 }
 
 int block(const CommonOptions& options, const Arguments& arguments) {
@@ -280,7 +281,7 @@ int allow(const CommonOptions& options, const Arguments& arguments) {
   return change_list(
       options, arguments, now, new_sites(options, arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
         const ListedSite* found = list.find(site.host, site.group);
-        std::string outcome = found != nullptr && found->scope == site.scope ? "was an exception" : "allowed";
+        std::string outcome = found != nullptr && found->scope == site.scope ? "already an exception" : "allowed";
         const bool changed = list.put(site);
         if (decide(list, site.host, now).blocking == nullptr && !beside.blockingLine(site.host))
           outcome += "; no line blocks it now";
@@ -335,7 +336,7 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, selected_sites(options, arguments, "resume", now),
                      [&](BlockList& list, ListedSite site) {
-                       const char* outcome = site.isSuspended(now) ? "blocked again" : "was not suspended";
+                       const char* outcome = site.isSuspended(now) ? "blocked again" : "not suspended before";
                        site.until.reset();
                        const bool changed = list.put(site);
                        return Change{std::move(site), changed, outcome};
@@ -359,7 +360,13 @@ StoredList read_shown_list(const CommonOptions& options, const Arguments& argume
   const std::string path =
       arguments.shownList.empty() ? options.listPath : read_only_path(options, arguments.shownList);
   StoredList stored = read_list(path);
-  report_bad_lines(stored.list, path);
+  if (arguments.shownList.empty()) {
+    report_bad_lines(stored.list.badLines(), path);
+  } else {
+    const bool isFetched = path.starts_with(options.subscriptionsPath + "/");
+    const ListKind kind = isFetched ? ListKind::Subscription : ListKind::DropIn;
+    report_bad_lines(ReadOnlyList::parse(read_list_text(path), kind).badLines, path);
+  }
   return stored;
 }
 

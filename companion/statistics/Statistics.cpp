@@ -86,7 +86,7 @@ void print_plot(const DropSums& sums, Moment until) {
 
 // How to switch the recording on.
 std::string advice(const std::string& bundle) {
-  return "To switch it on, set the key OrvaneRecordDrops in " + settings_file(bundle) +
+  return "To switch the recording on, set the key OrvaneRecordDrops in " + settings_file(bundle) +
          " to yes, as orvane-se(8) describes, and run sudo systemctl restart orvane-se. Then the journal gets the "
          "host and the browser of dropped connections, without address and user.";
 }
@@ -132,7 +132,13 @@ int show_statistics(const StatisticsOptions& options, const DropJournal& journal
   const Span span = span_of(options, now);
   const Recording recording = recording_of(bundle);
   DropSums sums;
-  journal.read(span.since, span.until, [&](const DropEntry& entry) { sums.add(entry); });
+  try {
+    journal.read(span.since, span.until, [&](const DropEntry& entry) { sums.add(entry); });
+  } catch (const FileError&) {
+    // The right to read the journal alone does not help this user.
+    if (recording == Recording::Off) print_error("blocked connections are not recorded. " + advice(bundle));
+    throw;
+  }
   if (options.json) {
     print_as_json(span, sums, recording);
     return kDone;

@@ -106,11 +106,12 @@ TEST_F(Statistics, SayWhyThereAreNone) {
   } kCases[] = {
       {"yes", "today", false, "Blocked connections are recorded, but none is in the journal: "},
       {"no", "today", false,
-       "Blocked connections are not recorded. To switch it on, set the key OrvaneRecordDrops in "},
+       "Blocked connections are not recorded. To switch the recording on, set the key OrvaneRecordDrops in "},
       {"</bad>", "today", false, "is not known, because the settings cannot be read: "},
       {"yes", "today", true, "The last connection was recorded at Mon 2026-11-16 12:00: give an earlier --since. \n"},
-      {"no", "today", true, "give an earlier --since. Blocked connections are not recorded. To switch it on"},
-      {"no", "2026-11-15", true, "\nThe recording is off now. To switch it on, set the key"},
+      {"no", "today", true,
+       "give an earlier --since. Blocked connections are not recorded. To switch the recording on"},
+      {"no", "2026-11-15", true, "\nThe recording is off now. To switch the recording on, set the key"},
   };
   for (const auto& c : kCases) {
     setKey(c.value);
