@@ -95,6 +95,7 @@ class ImportReader {
         mostNames_(options.mostNames),
         hasGroups_(!options.group),
         firstGroup_(options.group.value_or(std::string(kDefaultGroupName))),
+        isOnList_(options.isOnList),
         rejected_(rejected) {}
 
   void readLine(std::string_view line) {
@@ -214,6 +215,8 @@ class ImportReader {
       if (!read_setting(line, hasGroups_ ? result_.groups[group()] : ignored, fault)) reject(line, fault);
       return;
     }
+    if (isOnList_ && read_line(line, Scope::ExactName, site, fault) && isOnList_(site.host))
+      return add(std::move(site));
     const bool isLine = read_line(line, scope_.value_or(Scope::Subdomains), site, fault);
     if (isLine) return addUnlessLocal(line, std::move(site));
     if (!is_local_name(line)) return reject(line, fault);
@@ -257,6 +260,7 @@ class ImportReader {
   size_t counted_ = 0;
   const bool hasGroups_;
   const std::string firstGroup_;  // the group of the lines before the first header
+  const std::function<bool(const std::string& host)>& isOnList_;
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
   std::optional<GroupIndex> group_;

@@ -56,6 +56,9 @@ struct ImportOptions {
   std::optional<std::string> group;
   // How many different names the text may have.
   size_t mostNames = kMostImportedLines;
+  // If this returns true for the host of a line as written, the line names this host: the host keeps its "www.", and
+  // may be a public suffix.
+  std::function<bool(const std::string& host)> isOnList{};
 };
 
 // Reads a block list. Throws InputError for compressed data and for UTF-16, and as soon as a limit is exceeded.

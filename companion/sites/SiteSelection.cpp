@@ -1,7 +1,7 @@
 #include "companion/sites/SiteSelection.h"
 
 #include <algorithm>
-#include <iterator>
+#include <map>
 #include <optional>
 #include <set>
 #include <string_view>
@@ -57,23 +57,48 @@ std::vector<ListedSite> checked_sites(const CommonOptions& options, const std::v
   return sites;
 }
 
-// For a host without a blocking line of its own: which line decides about the host, and what to do.
-std::string not_blocked_text(const BlockList& list, ListsBeside& beside, const std::string& host, Moment now) {
+bool is_listed(const ListedSite* site, bool exceptions) {
+  return site != nullptr && (site->scope == Scope::Exception) == exceptions;
+}
+
+// " --group work", for a command that is to find a site of this group.
+std::string group_option(const BlockList& list, const ListedSite& site) {
+  return site.group == kDefaultGroup ? "" : " --group " + list.groupOf(site).name;
+}
+
+std::string exception_text(const BlockList& list, const ListedSite& exception) {
+  return "it is allowed by the exception " + in_quotes(line_of(exception)) +
+         ": to end the exception: orvanectl disallow " + exception.host + group_option(list, exception);
+}
+
+// For a host that is no exception in the group: what the list says about the host, and what to do.
+std::string no_exception_text(const BlockList& list, GroupIndex group, const std::string& host, Moment now) {
+  if (const ListedSite* site = list.find(host, group))
+    return "it is a blocked site: to remove it: orvanectl unblock " + host + group_option(list, *site);
+  const ListedSite* exception = decide(list, host, now).exception;
+  list.forEachSiteOf(host, [&](const ListedSite& site) {
+    if (site.scope == Scope::Exception) exception = &site;
+  });
+  return exception == nullptr ? "see orvanectl list" : exception_text(list, *exception);
+}
+
+// For a host without a blocking line of its own in the group: which line decides about the host, and what to do.
+std::string not_blocked_text(const BlockList& list, GroupIndex group, ListsBeside& beside, const std::string& host,
+                             Moment now) {
   const Decision decision = decide(list, host, now);
   const auto line = beside.blockingLine(host);
   if (line && line->rank == Rank::Fixed)
     return "it is covered by " + line_text(*line) + ", which this command does not change";
-  if (decision.exception != nullptr)
-    return "it is allowed by the exception " + in_quotes(line_of(*decision.exception)) +
-           ": to end the exception: orvanectl disallow " + decision.exception->host;
+  if (decision.exception != nullptr) return exception_text(list, *decision.exception);
   if (line && decision.blocking == nullptr)
     return "it is covered by " + line_text(*line) + ": to allow this host: orvanectl allow " + host;
   const ListedSite* site = decision.blocking != nullptr ? decision.blocking : decision.suspended;
   if (site == nullptr) site = decision.inactive;
   if (site == nullptr) return "see orvanectl list";
-  if (site->group != kDefaultGroup)
-    return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + list.groupOf(*site).name +
-           ": give " + site->host + " --group " + list.groupOf(*site).name;
+  const std::string& name = list.groupOf(*site).name;
+  if (site->group != group)
+    return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + name + ": give " + site->host +
+           " --group " + name;
   return "it is covered by the line " + in_quotes(line_of(*site)) + ": to allow this host: orvanectl allow " + host +
          "; to change the whole line, give " + site->host;
 }
@@ -89,20 +114,21 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
   for (const ListedSite& each : given) {
     const std::string& host = each.host;
     const ListedSite* site = list.find(host, group);
-    if (site != nullptr && (site->scope == Scope::Exception) == exceptions) {
+    if (is_listed(site, exceptions)) {
       if (seen.insert(site).second) sites.push_back(*site);
     } else {
       ++unknown;
       const auto id = exceptions ? std::nullopt : catalogued_id(options, host);
-      print_error(exceptions
-                      ? "no exception: " + in_quotes(host) + ": see orvanectl list"
-                      : "not on the list: " + in_quotes(host) + ": " +
-                            (id ? "did you mean --site " + *id + "?" : not_blocked_text(list, beside, host, now)));
+      print_error(exceptions ? "no exception: " + in_quotes(host) + ": " + no_exception_text(list, group, host, now)
+                             : "not on the list: " + in_quotes(host) + ": " +
+                                   (id ? "did you mean --site " + *id + "?"
+                                       : not_blocked_text(list, group, beside, host, now)));
     }
   }
   if (unknown > 0)
     throw InputError("nothing was changed: " + std::to_string(unknown) + " of " +
-                     counted(given.size(), "host", "hosts") + " not on the list: leave out the hosts above");
+                     counted(given.size(), "host", "hosts") + (exceptions ? " not an exception" : " not on the list") +
+                     ": leave out the hosts above");
   return sites;
 }
 
@@ -112,18 +138,6 @@ FindSites given_sites(const CommonOptions& options, const SiteArguments& argumen
                                                                                           GroupIndex group) {
     return listed_sites(list, group, hosts, exceptions, now, options);
   };
-}
-
-// Reads the hosts of a file in one of the forms that import reads.
-std::vector<ListedSite> sites_of_file(const std::string& file) {
-  const std::string source = file == "-" ? "standard input" : file;
-  const auto rejected = [&](size_t line, std::string_view text, const std::string& fault) {
-    print_error("skipped: " + source + ":" + std::to_string(line) + ": " + in_quotes(text) + ": " + fault);
-  };
-  ImportedSites read = read_import(read_input(file), {{}, std::string(kDefaultGroupName)}, rejected, nullptr);
-  if (read.sites.empty())
-    throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
-  return {std::make_move_iterator(read.sites.begin()), std::make_move_iterator(read.sites.end())};
 }
 
 // Finds the sites that are on the list: all sites, or those with the given hosts. `source` says where the given hosts
@@ -141,14 +155,44 @@ FindSites all_sites(bool exceptions) {
 FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string& source, bool exceptions) {
   return [=](const BlockList& list, GroupIndex group) {
     std::vector<ListedSite> sites;
+    std::map<GroupIndex, size_t> elsewhere;  // how many of the others each other group has
     for (const ListedSite& each : given) {
       const ListedSite* site = list.find(each.host, group);
-      if (site != nullptr && (site->scope == Scope::Exception) == exceptions) sites.push_back(*site);
+      if (is_listed(site, exceptions)) {
+        sites.push_back(*site);
+        continue;
+      }
+      list.forEachSiteOf(each.host, [&](const ListedSite& other) {
+        if (other.group != group && is_listed(&other, exceptions)) ++elsewhere[other.group];
+      });
     }
-    if (sites.size() < given.size())
-      print_error("skipped: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
-                  " that the group " + list.groups()[group].name + " does not have");
+    if (sites.size() == given.size()) return sites;
+    std::string text = "skipped: " + counted(given.size() - sites.size(), "name", "names") + " of " + source +
+                       " that the group " + list.groups()[group].name + " does not have";
+    for (const auto& [other, count] : elsewhere) {
+      const std::string& name = list.groups()[other].name;
+      text.append(": the group ").append(name).append(" has ").append(std::to_string(count));
+      text.append(" of them: give --group ").append(name);
+    }
+    print_error(text);
     return sites;
+  };
+}
+
+// Finds the sites that a file names in one of the forms that import reads. If the list has a host as a line of the file
+// writes it, the line names this host; otherwise it names the host that import would put on the list.
+FindSites sites_of_file(const std::string& file, bool exceptions) {
+  const std::string source = file == "-" ? "standard input" : in_quotes(file);
+  return [=, text = read_input(file)](const BlockList& list, GroupIndex group) {
+    const auto rejected = [&](size_t line, std::string_view words, const std::string& fault) {
+      print_error("skipped: " + source + ":" + std::to_string(line) + ": " + in_quotes(words) + ": " + fault);
+    };
+    ImportOptions options{{}, std::string(kDefaultGroupName)};
+    options.isOnList = [&](const std::string& host) { return is_listed(list.find(host, group), exceptions); };
+    const ImportedSites read = read_import(text, options, rejected, nullptr);
+    if (read.sites.empty())
+      throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
+    return sites_on_list({read.sites.begin(), read.sites.end()}, source, exceptions)(list, group);
   };
 }
 
@@ -173,7 +217,7 @@ Selection selected_sites(const CommonOptions& options, const SiteArguments& argu
                      (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
   if (arguments.all) return {all_sites(exceptions), {}, exceptions ? "no exceptions" : "no sites"};
   if (!arguments.hosts.empty()) return {given_sites(options, arguments, now, exceptions)};
-  if (!isCatalogued) return {sites_on_list(sites_of_file(arguments.from), in_quotes(arguments.from), exceptions)};
+  if (!isCatalogued) return {sites_of_file(arguments.from, exceptions)};
   std::vector<CatalogueSite> chosen = chosen_sites(options, arguments.catalogued);
   const std::string source = chosen.size() == 1 ? chosen.front().name : counted(chosen.size(), "site", "sites");
   FindSites find = sites_on_list(hosts_of(chosen), source, exceptions);

@@ -33,7 +33,7 @@ struct Selection {
 // Selects sites on the list: those with the given hosts, those with the hosts of a file or of sites of the catalogue,
 // or all. With `exceptions`, only exceptions, otherwise only sites that are not exceptions. `command`: its name, for
 // errors. Throws InputError, after a report of each fault, if the command line is invalid; Selection::find() throws it
-// if a given host is not on the list.
+// if a given host is not on the list, or if the file has no hosts.
 Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
                          bool exceptions = false);
 

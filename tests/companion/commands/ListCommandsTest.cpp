@@ -125,7 +125,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
       {"unblock --from - 2>&1 <<'E'\nw.example\nE", 0,
-       "orvanectl: skipped: 1 name of \"-\" that the group default does not have\n"
+       "orvanectl: skipped: 1 name of standard input that the group default does not have: the group work has 1 of "
+       "them: give --group work\n"
        "nothing to change: the group default has none of these sites\n"},
       {"unblock w.example 2>&1 | head -n 1", 0,
        "orvanectl: not on the list: \"w.example\": it is covered by the line \"w.example\" of the group work: give "
@@ -170,6 +171,26 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"--catalogue '%.d' unblock --site a; '" ORVANECTL "' --list '%' list", 0,
        "A, 2 hosts: removed from the list\nc.example\n"},
       {"--catalogue '%.d' sites show a | sed 1d", 0, "  a.example only\n  b.example\n"},
+      {"disallow c.example 2>&1 | cut -d : -f 2-", 0,
+       " no exception: \"c.example\": it is a blocked site: to remove it: orvanectl unblock c.example\n"
+       " nothing was changed: 1 of 1 host not an exception: leave out the hosts above\n"},
+      {"group add h; '" ORVANECTL "' --list '%' allow x.example --group h", 0,
+       "h: added, without sites\nx.example and its subdomains: allowed; no line blocks it now\n"},
+      {"disallow x.example 2>&1 | head -n 1", 0,
+       "orvanectl: no exception: \"x.example\": it is allowed by the exception \"x.example allowed\": to end the "
+       "exception: orvanectl disallow x.example --group h\n"},
+      {"unblock c.example --group h 2>&1 | head -n 1", 0,
+       "orvanectl: not on the list: \"c.example\": it is covered by the line \"c.example\" of the group default: give "
+       "c.example --group default\n"},
+      {"block .www.o.example >'%.out'; '" ORVANECTL
+       "' --list '%' block --exact co.uk www.f.example >'%.out'; '" ORVANECTL
+       "' --list '%' export --hosts >'%.5'; '" ORVANECTL "' --list '%' unblock --from '%.5'",
+       0,
+       "c.example and its subdomains: removed from the list\nwww.o.example and its subdomains: removed from the list\n"
+       "co.uk: removed from the list\nwww.f.example: removed from the list\n"},
+      {"block c.example >'%.out'; echo www.c.example | '" ORVANECTL "' --list '%' unblock --from -", 0,
+       "c.example and its subdomains: removed from the list\n"},
+      {"block c.example >'%.out'; '" ORVANECTL "' --list '%' group remove h", 0, "h: removed, with its sites\n"},
       // A keeper without an extension.
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
        "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' 'group add g' 'lock --for "
