@@ -30,6 +30,7 @@ std::vector<std::string> group_texts(const BlockList& list, const ListInForce& i
   std::vector<std::string> texts;
   for (size_t i = 0; i < inForce.groups.size(); ++i) {
     const KeeperState::GroupState& state = inForce.groups[i];
+    if (inForce.shownGroup && state.name != *inForce.shownGroup) continue;
     if (state.isInForce && !state.nextChange && !state.lockedUntil && state.pendingChanges == 0) continue;
     texts.push_back(state.name + ": " + state_text(list.groups()[i], state, now) + guard_text(state, now));
   }
@@ -52,7 +53,7 @@ nlohmann::json site_json(const ListedSite& site, Moment now) {
 
 ListInForce find_in_force(const BlockList& list, const std::optional<KeeperState>& keeper,
                           const std::optional<BlockList>& inForce, Moment now) {
-  ListInForce result{states_of_groups(list, keeper, now), {}};
+  ListInForce result{states_of_groups(list, keeper, now), {}, {}};
   if (!keeper || !inForce) return result;
   std::map<std::pair<std::string_view, std::string_view>, Moment> untilBySite;
   for (const auto& site : keeper->pending) untilBySite[{site.group, site.host}] = site.until;

@@ -35,6 +35,7 @@ struct Arguments {
   std::string group{kDefaultGroupName};
   std::vector<std::string> spans;
   std::string delay;
+  std::optional<std::string> lockGroup;
   EndTime end;
 };
 
@@ -208,7 +209,7 @@ struct ShownGroup {
 
 // The groups of the list's file, and those that the keeper still guards although the file no longer has them.
 std::vector<ShownGroup> shown_groups(const CommonOptions& options, const BlockList& list, Moment now) {
-  const auto keeper = keeper_of_list(options);
+  const auto keeper = keeper_of_shown_list(options);
   std::vector<ShownGroup> shown;
   const auto add = [&](const BlockList& from, bool isInFile) {
     const auto states = states_of_groups(from, keeper, now);
@@ -272,13 +273,14 @@ int list(const CommonOptions& options, const Arguments&) { return print_groups(o
 
 int show(const CommonOptions& options, const Arguments& arguments) { return print_groups(options, arguments.group); }
 
-// Prints the locked groups, even those that the list's file no longer has.
-int show_locks(const CommonOptions& options) {
+// Prints the lock of the group, or without a name, all locks, even those of groups that the list's file no longer has.
+int show_locks(const CommonOptions& options, const std::optional<std::string>& name) {
   const auto keeper = keeper_of_list(options, Unreadable::Report);
-  if (!keeper) throw FileError("cannot show locks: no keeper of this list runs: sudo systemctl start orvane-keeper");
+  if (name && !lock_end(keeper, *name)) find_group(read_list(options.listPath).list, *name);  // throws if it is unknown
+  if (!keeper) throw FileError(std::string("cannot show locks: ") + kNoKeeper);
   nlohmann::json locks = nlohmann::json::array();
   for (const auto& state : keeper->groups) {
-    if (!state.lockedUntil) continue;
+    if (!state.lockedUntil || (name && state.name != *name)) continue;
     locks.push_back({{"group", state.name},
                      {"lockedUntil", time_text(*state.lockedUntil)},
                      {"pendingChanges", state.pendingChanges}});
@@ -286,23 +288,24 @@ int show_locks(const CommonOptions& options) {
       std::printf("%s: %s\n", state.name.c_str(), guard_text(state, now_in_seconds()).substr(2).c_str());
   }
   if (options.json) print_json(locks);
-  if (!options.json && locks.empty()) std::puts("no group is locked");
+  if (!options.json && locks.empty()) std::puts(name ? (*name + ": not locked").c_str() : "no group is locked");
   return kDone;
 }
 
 int lock(const CommonOptions& options, const Arguments& arguments) {
-  if (!arguments.end.isGiven()) return show_locks(options);
+  if (!arguments.end.isGiven()) return show_locks(options, arguments.lockGroup);
+  const std::string group = arguments.lockGroup.value_or(std::string(kDefaultGroupName));
   const Moment now = now_in_seconds();
   const Moment until = read_end_time(arguments.end, options, now);
   if (until - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
   size_t sites = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    list.setSetting(find_group(list, arguments.group), kLockUntilKey, {time_text(until)});
+    list.setSetting(find_group(list, group), kLockUntilKey, {time_text(until)});
     sites = list.size();
     return true;
   });
   Effect effect = wait_for_keeper(options, version, sites);
-  const auto end = lock_end(keeper_of_list(options), arguments.group);
+  const auto end = lock_end(keeper_of_list(options), group);
   if (!end) {
     if (effect.reason.empty())
       effect.reason = effect.isInForce ? "too many groups have a lock or a delay: see journalctl -u orvane-keeper"
@@ -312,10 +315,10 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   }
   const bool isInForce = report_effect(effect).empty();
   if (options.json) {
-    print_json({{"group", arguments.group}, {"lockedUntil", time_text(*end)}});
+    print_json({{"group", group}, {"lockedUntil", time_text(*end)}});
   } else {
     const char* already = *end > until + kClockTolerance ? "already " : "";
-    std::printf("%s: %slocked %s%s\n", arguments.group.c_str(), already, suspension_text(*end, now).c_str(),
+    std::printf("%s: %slocked %s%s\n", group.c_str(), already, suspension_text(*end, now).c_str(),
                 isInForce ? "" : "; but its sites are not blocked yet");
   }
   return kDone;
@@ -354,8 +357,9 @@ void declare_group_commands(CommandSet& commands) {
 
   CLI::App* lockCommand =
       commands.declare(commands.app, kListGroup, "lock",
-                       "Forbid removals from a group for a while; without options, show locks", run(lock));
-  lockCommand->add_option("--group", arguments->group, "The group, instead of the default group")->type_name("GROUP");
+                       "Forbid removals from a group for a while; without a time, show locks", run(lock));
+  lockCommand->add_option("--group", arguments->lockGroup, "The group, instead of the default group")
+      ->type_name("GROUP");
   arguments->end.declare(*lockCommand);
   lockCommand->footer("Nobody can end a lock, except root, who can stop the keeper: see orvanectl(1).");
 }

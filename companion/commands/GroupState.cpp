@@ -45,6 +45,12 @@ std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadab
   }
 }
 
+std::optional<KeeperState> keeper_of_shown_list(const CommonOptions& options) {
+  auto keeper = keeper_of_list(options);
+  if (!keeper) print_error(std::string("cannot show locks and changes without effect yet: ") + kNoKeeper);
+  return keeper;
+}
+
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {
   std::error_code ignored;
   return keeper.listPath == options.listPath || std::filesystem::equivalent(keeper.listPath, options.listPath, ignored);

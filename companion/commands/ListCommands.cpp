@@ -56,8 +56,8 @@ struct Change {
   MaybeHeldBack heldBack{};
 };
 
-// Changes one of the sites that a command is about.
-using ChangeSite = std::function<Change(BlockList& list, ListedSite site)>;
+// Changes one of the sites that a command is about. `removal`: what holds the change back if it lets the host pass.
+using ChangeSite = std::function<Change(BlockList& list, ListedSite site, const MaybeHeldBack& removal)>;
 
 void print_change(const Change& change, const std::string& prefix) {
   std::string line = prefix + site_text(change.site);
@@ -210,7 +210,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     std::vector<ListedSite> found = selection.find(list, group);
     const auto heldBack = find_what_holds_back(options, list, group, keeper, now, found);
     for (size_t i = 0; i < found.size(); ++i) {
-      Change& made = changes.emplace_back(change(list, std::move(found[i])));
+      Change& made = changes.emplace_back(change(list, std::move(found[i]), heldBack[i].removal));
       made.origin = selection.originOf(made.site.host);
       made.heldBack = made.isMeantToBlock ? heldBack[i].blocking : heldBack[i].removal;
       made.outcome += held_back_text(made.heldBack, now);
@@ -258,7 +258,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
   if (arguments.hosts.empty() && !arguments.catalogued.isGiven())
     throw InputError("bad command line: block: give hosts, or --site SITE, or --category CATEGORY");
   const Selection selection = new_sites(options, arguments, scope);
-  const int code = change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
+  const int code = change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site, const auto&) {
     if (site.host.find('.') == std::string::npos)
       print_error("only this exact name is blocked: " + in_quotes(site.host) +
                   ": block each site below it by its name");
@@ -277,14 +277,19 @@ int block(const CommonOptions& options, const Arguments& arguments) {
 int allow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   refuse_if_locked(options, arguments.group, "add exceptions");
-  ListsBeside beside(keeper_of_list(options));
+  const auto keeper = keeper_of_list(options);
+  ListsBeside beside(keeper);
+  const auto held = list_in_force(options, keeper);
+  const GroupStates heldStates = held ? in_force(states_of_groups(*held, keeper, now)) : GroupStates();
   return change_list(
-      options, arguments, now, new_sites(options, arguments, Scope::Exception), [&](BlockList& list, ListedSite site) {
+      options, arguments, now, new_sites(options, arguments, Scope::Exception),
+      [&](BlockList& list, ListedSite site, const auto&) {
         const ListedSite* found = list.find(site.host, site.group);
         std::string outcome = found != nullptr && found->scope == site.scope ? "already an exception" : "allowed";
         const bool changed = list.put(site);
-        if (decide(list, site.host, now).blocking == nullptr && !beside.blockingLine(site.host))
-          outcome += "; no line blocks it now";
+        const bool isBlocking = decide(list, site.host, now).blocking != nullptr || beside.blockingLine(site.host) ||
+                                (held && decide(*held, site.host, now, heldStates).blocking != nullptr);
+        if (!isBlocking) outcome += "; no line blocks it now";
         return Change{std::move(site), changed, std::move(outcome), false};
       });
 }
@@ -293,7 +298,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const Selection selection = selected_sites(options, arguments, "unblock", now);
   refuse_if_locked(options, arguments.group, "remove sites");
-  return change_list(options, arguments, now, selection, [](BlockList& list, ListedSite site) {
+  return change_list(options, arguments, now, selection, [](BlockList& list, ListedSite site, const auto&) {
     list.remove(site.host, site.group);
     return Change{std::move(site), true, "removed from the list", false};
   });
@@ -302,7 +307,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
 int disallow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, selected_sites(options, arguments, "disallow", now, true),
-                     [](BlockList& list, ListedSite site) {
+                     [](BlockList& list, ListedSite site, const auto&) {
                        list.remove(site.host, site.group);
                        return Change{std::move(site), true, "no longer an exception"};
                      });
@@ -316,14 +321,15 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   refuse_if_locked(options, arguments.group, "suspend sites");
   const Moment end = read_end_time(arguments.end, options, now);
   std::map<Moment, std::string> texts;  // made once for each moment, because a large list has many sites
-  return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site) {
+  return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site, const auto& removal) {
     // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
     // that it lasts as long as the user asked.
-    const Group& group = list.groupOf(site);
-    const Moment until = arguments.end.duration ? end + group.delay : end;
-    if (until <= now + group.delay)
-      throw InputError("nothing was changed: the suspension would end before it begins: the group " +
-                       in_quotes(group.name) + " has a delay of " + duration_text(group.delay) + ": give a later time");
+    const auto delay = removal && removal->until ? *removal->until - now : std::chrono::seconds(0);
+    const Moment until = arguments.end.duration ? end + delay : end;
+    if (until <= now + delay)
+      throw InputError("nothing was changed: the suspension would end before it begins: it begins in " +
+                       duration_text(delay) + ", after the delay of the group " + in_quotes(list.groupOf(site).name) +
+                       ": give a later time");
     site.until = until;
     const bool changed = list.put(site);
     std::string& text = texts[until];
@@ -335,7 +341,7 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
 int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, selected_sites(options, arguments, "resume", now),
-                     [&](BlockList& list, ListedSite site) {
+                     [&](BlockList& list, ListedSite site, const auto&) {
                        const char* outcome = site.isSuspended(now) ? "blocked again" : "not suspended before";
                        site.until.reset();
                        const bool changed = list.put(site);
@@ -401,12 +407,13 @@ void print_lists_beside(const std::optional<KeeperState>& keeper) {
 int list(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const bool isOwn = arguments.shownList.empty();  // not a read-only list
-  const auto keeper = isOwn ? keeper_of_list(options) : std::nullopt;
+  const auto keeper = isOwn ? keeper_of_shown_list(options) : std::nullopt;
   auto heldList = list_in_force(options, keeper);
   const auto heldGroup = heldList && arguments.shownGroup ? heldList->findGroup(*arguments.shownGroup) : std::nullopt;
   if (heldList && arguments.shownGroup) heldList = heldGroup ? part_of(*heldList, *heldGroup) : BlockList();
   const BlockList list = read_and_report(options, arguments, heldGroup.has_value());
-  const ListInForce inForce = isOwn ? find_in_force(list, keeper, heldList, now) : ListInForce();
+  ListInForce inForce = isOwn ? find_in_force(list, keeper, heldList, now) : ListInForce();
+  inForce.shownGroup = arguments.shownGroup;
   if (options.json) {
     print_sites_json(list, isOwn ? &inForce : nullptr, now);
   } else if (isatty(STDOUT_FILENO) == 1) {

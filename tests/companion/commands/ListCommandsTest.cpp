@@ -188,6 +188,27 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0,
        "c.example and its subdomains: removed from the list\nwww.o.example and its subdomains: removed from the list\n"
        "co.uk: removed from the list\nwww.f.example: removed from the list\n"},
+      {"list 2>&1 >'%.out'; '" ORVANECTL "' --state '%.state' --list '%' group list 2>&1 >'%.out' | cut -d : -f 1,2", 0,
+       "orvanectl: cannot show locks and changes without effect yet: no keeper of this list runs: sudo systemctl start "
+       "orvane-keeper\norvanectl: cannot show locks and changes without effect yet\n"},
+      {"group disable default >'%.out'; '" ORVANECTL "' --list '%' list --group h | grep default; '" ORVANECTL
+       "' --list '%' group enable default",
+       0, "default: enabled: in force\n"},
+      {"block y.example --group h 2>'%.out' >&2; '" ORVANECTL "' --list '%' group delay h 1h >'%.out'; '" ORVANECTL
+       "' --state '%.state' --list '%' --drop-ins '%.none' --fetched '%.none' --socket '%.none' keep >'%.out' 2>&1 & "
+       "echo $! >'%.pid'; until '" ORVANECTL "' --state '%.state' --list '%' lock 2>'%.out'; do sleep 0.1; done",
+       0, "no group is locked\n"},
+      {"group delay h off 2>'%.out' | grep -o 'the delay of 1 h counts'", 0, "the delay of 1 h counts\n"},
+      {"suspend y.example --group h --until 'in 10 min'", 2, ""},
+      {"suspend y.example --group h --for 10m 2>'%.out' | grep -cE '\\(1 h (9|10) min left'", 0, "1\n"},
+      {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},
+      {"lock --group h --for 1h 2>'%.out' | cut -d ' ' -f 1-3", 0, "h: locked until\n"},
+      {"lock --group default; '" ORVANECTL "' --state '%.state' --list '%' --json lock --group default", 0,
+       "default: not locked\n[]\n"},
+      {"lock --group none", 2, ""},
+      {"lock --group h | cut -d ' ' -f 1-3; kill \"$(cat '%.pid')\"; while kill -0 \"$(cat '%.pid')\" 2>'%.out'; do "
+       "sleep 0.1; done; rm -f '%.state'*",
+       0, "h: locked until\n"},
       {"block c.example >'%.out'; echo www.c.example | '" ORVANECTL "' --list '%' unblock --from -", 0,
        "c.example and its subdomains: removed from the list\n"},
       {"block c.example >'%.out'; '" ORVANECTL "' --list '%' group remove h", 0, "h: removed, with its sites\n"},
