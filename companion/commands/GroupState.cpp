@@ -91,13 +91,10 @@ void refuse_if_locked(const CommonOptions& options, const std::string& group, co
                              suspension_text(*end, now_in_seconds()) + ": wait, or ask root");
 }
 
-std::string state_text(const KeeperState::GroupState& state, Moment now) {
+std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {
+  if (!group.isEnabled && !state.isInForce) return "disabled";
   const std::string text = state.isInForce ? "in force" : "not in force";
   return state.nextChange ? text + " until " + local_text(*state.nextChange, now) : text;
-}
-
-std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {
-  return !group.isEnabled && !state.isInForce ? "disabled" : state_text(state, now);
 }
 
 std::string guard_text(const KeeperState::GroupState& state, Moment now) {

@@ -43,8 +43,7 @@ std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const s
 // Throws an error if the keeper has locked the group. `what`: the words for the refused change, as in "remove sites".
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what);
 
-// "in force until 17:00", "not in force until Mon 09:00" or, if the group is given, "disabled".
-std::string state_text(const KeeperState::GroupState& state, Moment now);
+// "in force until 17:00", "not in force until Mon 09:00" or "disabled".
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now);
 
 // The group's lock, and the number of changes of the file that have no effect yet: ", locked until 17:00 (1 h left), 2

@@ -182,8 +182,8 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
 std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
   lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "line", "lines") + ", " +
-                  std::to_string(keeper.names) +
-                  (keeper.readOnlyLists.empty() ? " in force now" : " names of all lists in force now"));
+                  counted(keeper.names, "name", "names") + (keeper.readOnlyLists.empty() ? "" : " of all lists") +
+                  " to block now");
   if (keeper.listError)
     lines.push_back(coloured("still uses the previous list", Colour::Bad) + ": " + *keeper.listError);
   if (keeper.badLines > 0)
@@ -210,13 +210,14 @@ std::vector<std::string> read_only_lines(const KeeperState& keeper, Moment now) 
 }
 
 // One line for each group. None if the only group is the default group, and it is in force without an end, a lock or a
-// pending change.
+// pending change. A group that is in force is called "on", because the list as a whole may not be in force.
 std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   for (const auto& group : keeper.groups) {
-    lines.push_back(group.name + ": " + state_text(group, now) + guard_text(group, now));
+    const std::string until = group.nextChange ? "until " + local_text(*group.nextChange, now) : "now";
+    lines.push_back(group.name + (group.isInForce ? ": on " : ": off ") + until + guard_text(group, now));
   }
-  const bool isPlain = lines.size() == 1 && lines.front() == std::string(kDefaultGroupName) + ": in force";
+  const bool isPlain = lines.size() == 1 && lines.front() == std::string(kDefaultGroupName) + ": on now";
   return isPlain ? std::vector<std::string>() : lines;
 }
 

@@ -206,6 +206,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"lock --group default; '" ORVANECTL "' --state '%.state' --list '%' --json lock --group default", 0,
        "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
+      {"status | grep -o 'in force.*'", 0, "in force.\n"},
       {"lock --group h | cut -d ' ' -f 1-3; kill \"$(cat '%.pid')\"; while kill -0 \"$(cat '%.pid')\" 2>'%.out'; do "
        "sleep 0.1; done; rm -f '%.state'*",
        0, "h: locked until\n"},
