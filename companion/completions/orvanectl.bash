@@ -7,6 +7,19 @@ _orvanectl_hosts() {
     typed=$cur awk 'NF > 0 && index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
 }
 
+# Completes the hosts of the objects of "list --json" that match $1.
+_orvanectl_hosts_with() {
+  _orvanectl_words "$(orvanectl ${list:+--list "$list"} list --group "$group" --json 2>/dev/null | grep -F "$1" |
+    grep -o '"host":"[^"]*"' | cut -d '"' -f 4)"
+}
+
+# Completes the names of the read-only lists, or a path.
+_orvanectl_read_only_lists() {
+  [[ $cur == */* ]] && { _filedir; return; }
+  _orvanectl_words "$(cd "${dropins:-/etc/orvane-se/lists.d}" 2>/dev/null && compgen -G '*.list'
+    cd "${fetched:-/var/lib/orvane-fetcher/lists}" 2>/dev/null && compgen -G '*.list')"
+}
+
 _orvanectl_groups() {
   _orvanectl_words "$(orvanectl ${list:+--list "$list"} --json group list 2>/dev/null | grep -o '"name": *"[^"]*"' |
     cut -d '"' -f 4)"
@@ -30,7 +43,7 @@ _orvanectl() {
   _init_completion -s || return
 
   # Find the command (the words that are neither options nor values of options), the list, the group and the catalogue.
-  local command='' list='' group=default catalogue='' i
+  local command='' list='' group=default catalogue='' dropins='' fetched='' i
   for ((i = 1; i < cword; i++)); do
     case ${words[i]} in
       --list) list=${words[++i]} ;;
@@ -39,19 +52,24 @@ _orvanectl() {
       --group=*) group=${words[i]#*=} ;;
       --catalogue) catalogue=${words[++i]} ;;
       --catalogue=*) catalogue=${words[i]#*=} ;;
-      --service | --socket | --state | --drop-ins | --fetched | --from | --for | --since | --until | --dont-block-until | --interval | --site | --category | --name | --every | --key)
+      --drop-ins) dropins=${words[++i]} ;;
+      --drop-ins=*) dropins=${words[i]#*=} ;;
+      --fetched) fetched=${words[++i]} ;;
+      --fetched=*) fetched=${words[i]#*=} ;;
+      --service | --socket | --state | --from | --for | --since | --until | --dont-block-until | --interval | --site | --category | --name | --every | --key)
         ((i++))
         ;;
       -*) ;;
       *)
         case $command in
           '') command=${words[i]} ;;
-          browsers | 'browsers policy' | group | sites) command+=" ${words[i]}" ;;
+          browsers | 'browsers policy' | group | sites | help | help\ *) command+=" ${words[i]}" ;;
         esac
         ;;
     esac
   done
 
+  [[ $command == list && $prev == --from ]] && { _orvanectl_read_only_lists; return; }
   case $prev in
     --list | --socket | --state | --from | --key) _filedir; return ;;
     --catalogue | --drop-ins | --fetched) _filedir -d; return ;;
@@ -96,15 +114,17 @@ _orvanectl() {
     statistics browsers ping state changes start stop add remove set properties watch call help'
   case $command in
     '' | help) _orvanectl_words "$commands" ;;
-    sites) _orvanectl_words 'list show search' ;;
+    sites | 'help sites') _orvanectl_words 'list show search' ;;
     'sites show') _orvanectl_sites ;;
-    group) _orvanectl_words 'add remove list show enable disable schedule delay' ;;
+    group | 'help group') _orvanectl_words 'add remove list show enable disable schedule delay' ;;
     'group remove' | 'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
       [[ $prev == "${command#group }" ]] && _orvanectl_groups
       ;;
-    browsers) _orvanectl_words 'policy' ;;
-    'browsers policy') _orvanectl_words 'install remove show' ;;
-    unblock | disallow | suspend | resume) _orvanectl_hosts "$group" ;;
+    browsers | 'help browsers') _orvanectl_words 'policy' ;;
+    'browsers policy' | 'help browsers policy') _orvanectl_words 'install remove show' ;;
+    resume) _orvanectl_hosts_with '"suspended":true' ;;
+    disallow) _orvanectl_hosts_with '"scope":"exception"' ;;
+    unblock | suspend) _orvanectl_hosts "$group" ;;
     try) _orvanectl_hosts ;;
     unsubscribe | refresh) _orvanectl_subscriptions ;;
     import | set) _filedir ;;
