@@ -33,6 +33,7 @@ struct Status {
   std::optional<UnitState> extensionService, keeperService;
   std::optional<RecognitionFault> browsers;
   std::vector<SubscriptionState> subscriptions;
+  std::string statePath;  // of the keeper's state
 
   // Whether the extension has names from the keeper, and recognises browsers.
   bool isFiltering() const {
@@ -171,6 +172,9 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
     // If orvanectl itself cannot reach the extension, extension_lines() already says why.
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);
+  } else if (status.keeperService && status.keeperService->isRunning()) {
+    lines.push_back(coloured("unknown", Colour::Warning) + ": no running keeper has its state in " +
+                    in_quotes(status.statePath) + " (--state names the file)");
   } else {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +
                     kKeeperUnit);
@@ -281,7 +285,8 @@ void print_status(const Status& status) {
 
 int show_status(const CommonOptions& options) {
   Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath), unit_state(kExtensionUnit),
-                unit_state(kKeeperUnit),         recognition_fault(options.client),          {}};
+                unit_state(kKeeperUnit),         recognition_fault(options.client),          {},
+                options.keeperStatePath};
   try {
     status.subscriptions = read_fetcher_state(fetcher_folder(options)).subscriptions;
   } catch (const FileError& error) {
