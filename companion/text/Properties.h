@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-// The key of the property that suspends a host. Its value is a date, until which browsers may reach the host.
+// The key of the property whose value is the date at which a host's suspension ends.
 inline constexpr std::string_view kDontBlockUntil = "DontBlockUntil";
 
 // Reads a time in RFC 3339, as in "2030-01-31T18:00:00+01:00", into a date; a fraction of a second is kept. Throws

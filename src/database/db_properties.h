@@ -10,7 +10,7 @@ namespace orvane {
 // Keys of a properties dictionary. The keys are variables, and a program may assign another string to
 // kPLDontBlockUntilKey, so the database reads this variable on every call.
 extern std::string_view HostnameKey;           // "Hostname": for companions; the extension does not read it
-extern std::string_view DontBlockUntilKey;     // "DontBlockUntil": the date until which the host is not blocked
+extern std::string_view DontBlockUntilKey;     // "DontBlockUntil": the date at which the host's suspension ends
 extern std::string_view kPLDontBlockUntilKey;  // the key under which the database looks for this date
 
 // Replaces all properties of a held name. If `properties` is not a dictionary, the name has no properties afterwards. A

@@ -19,7 +19,7 @@ inline std::string bpf_failure(const char* what, int error) {
 // after a failure, the caller passes `kernel`, which may then be null, to Skeleton::destroy() at the end.
 template <class Skeleton, class Prepare>
 std::optional<std::string> load_bpf_programs(Skeleton*& kernel, Prepare prepare) {
-  // The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.18).
+  // The inode of the initial PID namespace (PROC_PID_INIT_INO in the kernel; linux/nsfs.h has it since Linux 6.17).
   constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
   ::libbpf_set_print(nullptr);  // errors are returned, not written to standard error
   kernel = Skeleton::open();
