@@ -155,7 +155,7 @@ class XMLReader {
   void failAt(int line, std::string_view fault) { fail("line " + std::to_string(line) + ": " + std::string(fault)); }
   void failHere(std::string_view fault) { failAt(xmlSAX2GetLineNumber(context_), fault); }
 
-  // Refuses every encoding except UTF-8 and UTF-16: to convert any other encoding, the C library would load shared
+  // Refuses every encoding except UTF-8 and UTF-16: to convert most other encodings, the C library would load shared
   // objects.
   void checkEncoding() {
     const xmlCharEncodingHandler* converter = context_->input->buf->encoder;

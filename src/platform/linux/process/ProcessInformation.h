@@ -25,8 +25,8 @@ struct Executable {
   ino_t inode;
 };
 
-// Whether the calling process, too, finds this file at the executable's path. For an executable in a container or a
-// snap, it finds another file or none, because a container or a snap has a /usr of its own.
+// Whether the calling process, too, finds this file at the executable's path. For an executable in the /usr of a
+// container or a snap, it finds another file or none, because these have a /usr of their own.
 //
 // Looks only at the folders and files that the kernel has cached (openat2(2), RESOLVE_CACHED), because a network file
 // system or a user's own (FUSE) may never answer. While the program runs, the kernel keeps its file and folders cached.
