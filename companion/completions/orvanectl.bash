@@ -36,7 +36,12 @@ _orvanectl_subscriptions() {
     awk 'NR > 1 { print $1 }')"
 }
 
-_orvanectl_words() { mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur"); }
+# Completes the words of $1. compgen -W would expand them, and so run a command that the name of a file contains. Words
+# that the shell would expand on the command line are left out.
+_orvanectl_words() {
+  mapfile -t COMPREPLY < <(tr -s ' \t' '\n' <<<"$1" |
+    cur=$cur awk 'index($0, ENVIRON["cur"]) == 1 && /^[A-Za-z0-9._:\/+-]+$/')
+}
 
 _orvanectl() {
   local cur prev words cword split
