@@ -73,6 +73,10 @@ SubscriptionState subscription_of(const Json& json) {
   members.read("failures", state.failures);
   members.read("error", state.error);
   members.read("request", state.request);
+  // The fetcher reads what servers send, so nobody trusts its texts: they must not control a terminal.
+  for (std::string* text : {&state.name, &state.source, &state.group, &state.counts.firstRejected})
+    *text = printable(*text, false);
+  if (state.error) state.error = printable(*state.error, false);
   if (const Json& waiting = json.at("waiting"); !waiting.is_null())
     state.waiting = WaitingCopy{waiting.at("sha256").get<std::string>(), waiting.at("names").get<uint64_t>()};
   if (const Json& progress = json.at("progress"); !progress.is_null())
@@ -138,6 +142,7 @@ FetcherState read_fetcher_state(const std::string& folder) {
     members.read("process", state.process);
     members.read("started", state.started);
     members.read("error", state.error);
+    if (state.error) state.error = printable(*state.error, false);
     for (const Json& each : json.at("subscriptions")) state.subscriptions.push_back(subscription_of(each));
     return state;
   } catch (const std::exception&) {  // Json::exception or InputError

@@ -103,6 +103,20 @@ TEST(FetcherState, ShowsOnlyTheHolderOfTheLockAsTheFetcher) {
   EXPECT_FALSE(is_fetcher_running(folder.path()));
 }
 
+TEST(FetcherState, GivesNoTextThatControlsATerminal) {
+  const TemporaryFolder folder;
+  FetcherState written;
+  written.error = "\x1b]0;a\x07";
+  written.subscriptions.emplace_back();
+  written.subscriptions.front().name = written.subscriptions.front().source = *written.error;
+  written.subscriptions.front().error = written.error;
+  write_fetcher_state(folder.path(), written);
+  const FetcherState read = read_fetcher_state(folder.path());
+  const SubscriptionState& subscription = read.subscriptions.at(0);
+  for (const std::string& text : {*read.error, subscription.name, subscription.source, *subscription.error})
+    EXPECT_EQ(text, "\\x1b]0;a\\x07");
+}
+
 TEST(Subscriptions, MakesNamesFromUrls) {
   const std::vector<Subscription> taken{{"raw-lists-example", "", "", 24h, "", false}};
   const std::pair<const char*, const char*> kCases[] = {
