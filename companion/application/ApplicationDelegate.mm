@@ -81,10 +81,11 @@ NSMenu* main_menu() {
 // Asks the extension how many edits of its list it has received. While the filter is switched off, there is no
 // extension to ask.
 - (void)ask {
-  if (_isAsking || !_protection.isSwitchedOn) return;
-  _isAsking = YES;
+  // After it has fired, nothing keeps the timer in memory.
   [_next invalidate];
   _next = nil;
+  if (_isAsking || !_protection.isSwitchedOn) return;
+  _isAsking = YES;
   [ControlCommand run:[[NSBundle mainBundle] pathForAuxiliaryExecutable:@"orvanectl"]
             arguments:@[ @"changes" ]
               timeout:kTimeout
