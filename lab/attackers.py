@@ -7,7 +7,6 @@ import itertools
 import mmap
 import multiprocessing
 import os
-import pathlib
 import platform
 import select
 import signal
@@ -89,7 +88,9 @@ def _open_half(_, address: str, count: int, lines: int, single: int, opened) -> 
 
 def are_possible() -> bool:
     """Whether the user namespace has the user ATTACKER. One that a user without privileges made has only one user."""
-    return int(pathlib.Path("/proc/self/uid_map").read_text().split()[2]) > ATTACKER
+    with open("/proc/self/uid_map", encoding="ascii") as file:
+        ranges = [[int(word) for word in line.split()] for line in file]
+    return any(first <= ATTACKER < first + count for first, _, count in ranges)
 
 
 def _run(attack, *arguments) -> None:
