@@ -20,8 +20,10 @@ TEST(Hostname, TakesTheHostOfPastedText) {
       {"a.example/b?c=https://d.example:1", "a.example", ""},
       {"HTTP://[::1]:80/", "[::1]:80", ""},  // refused as an IP address later
       {"a.example:443", "a.example:443", ""},
-      {"https://", "https://", ""},  // these three are refused later
+      {"a.example:443/b", "a.example", "443"},
+      {"https://", "https://", ""},  // these four are refused later
       {"file:///etc", "file:///etc", ""},
+      {"http:a.example/b", "http:a.example/b", ""},
       {"http:/a.example", "http:/a.example", ""},
       {"*.a.example", "*.a.example", ""},
   };
