@@ -79,14 +79,14 @@ void ExtensionLink::attend(const HeldNames* list) {
   if (std::string failure = checkConnection(); !failure.empty()) return disconnect(failure);
   logUndone();
   const uint64_t edits = state_.changesOfOthers;
-  const bool isRefused = !isInSync_ && Clock::now() < sendWholeAt_;
-  if (list == nullptr || ((isInSync_ || isRefused) && edits == 0)) return;
-  if (isRefused && guarded_.size() == 0) return;  // there is nothing to undo the edits with
+  const bool isPaused = pausesAfterRefusal();
+  if (list == nullptr || ((isInSync_ || isPaused) && edits == 0)) return;
+  if (isPaused && guarded_.size() == 0) return;  // there is nothing to undo the edits with
   if (edits > 0) {
     vigilantUntil_ = Clock::now() + kVigilance;
     addGuarded();
   }
-  isRefused ? sendGuarded() : send(nullptr, *list);
+  isPaused ? sendGuarded() : send(nullptr, *list);
   if (edits == 0 || !(isInSync_ || state_.hasOnlyGuarded)) return;
   undone_ += edits;
   logUndone();
@@ -123,7 +123,9 @@ void ExtensionLink::undoEdits(bool enabled, PackedNames guarded) {
 ExtensionLink::Clock::time_point ExtensionLink::nextCheck() const {
   if (!undoesEdits_) return Clock::time_point::max();
   const auto now = Clock::now();
-  return now + ((isInSync_ || state_.hasOnlyGuarded) && now < vigilantUntil_ ? kVigilantInterval : kCheckInterval);
+  const bool isVigilant = (isInSync_ || state_.hasOnlyGuarded) && now < vigilantUntil_;
+  const auto next = now + (isVigilant ? kVigilantInterval : kCheckInterval);
+  return pausesAfterRefusal() ? std::min(next, sendWholeAt_) : next;
 }
 
 void ExtensionLink::onSocketEvent() {

@@ -65,6 +65,7 @@ class ExtensionLink {
   void sendGuarded();
   std::string checkConnection();
   Clock::time_point nextCheck() const;
+  bool pausesAfterRefusal() const { return !isInSync_ && Clock::now() < sendWholeAt_; }
   void readChangesCount();
   void recordSent(const HeldNames& list, bool isChanged);
   void logUndone();
