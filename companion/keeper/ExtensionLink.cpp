@@ -190,10 +190,10 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   uint64_t edits = 0;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
     const bool isWhole = before == nullptr || needs_whole_list(*before, after);
-    // Sending the whole list discards other clients' edits, so counting them starts again here.
-    if (isWhole) expectedChanges_ = client_->changesCount();
+    // Sending the whole list discards other clients' edits, so counting them then starts again.
+    const uint64_t changes = isWhole ? client_->changesCount() : expectedChanges_;
     edits = isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
-    expectedChanges_ += edits;
+    expectedChanges_ = changes + edits;
     readChangesCount();
     isInSync_ = true;
   });
@@ -206,7 +206,6 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
     disconnect(failure);
     return;
   }
-  expectedChanges_ = state_.changes - state_.changesOfOthers;
   if (state_.extensionError != failure)
     keeper_log(LogLevel::Error, "the extension did not accept the list: " + failure);
   state_.extensionError = failure;
@@ -220,8 +219,9 @@ void ExtensionLink::sendGuarded() {
   state_.hasOnlyGuarded = false;
   const std::string failure =
       attempt(kCallTimeout + std::chrono::seconds(guarded_.size() / kNamesPerSecond), [&](auto&) {
-        expectedChanges_ = client_->changesCount() + 1;
+        const uint64_t changes = client_->changesCount();
         client_->setHostnames(std::vector<std::string>(guarded_.begin(), guarded_.end()), nullptr);
+        expectedChanges_ = changes + 1;
         readChangesCount();
         state_.hasOnlyGuarded = true;
       });

@@ -133,9 +133,11 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   state.listVersion = "1";
   link.attend(&one);
   extension.mostNames = 2;
+  ++extension.changes;
   state.listVersion = "2";
   link.update(&one, many);
   EXPECT_TRUE(state.connected);
+  EXPECT_EQ(state.changesOfOthers, 1U) << "the extension still has the other client's edit";
   EXPECT_EQ(state.extensionError, "too large");
   EXPECT_EQ(state.sentVersion, "1");
   state.listVersion = "3";
