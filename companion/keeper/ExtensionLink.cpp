@@ -135,8 +135,11 @@ void ExtensionLink::onSocketEvent() {
 }
 
 void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
-  refusalPause_ = kShortestRefusalPause;
-  if (client_) send(isInSync_ ? before : nullptr, after);
+  if (!client_) return;
+  const bool isChanged = before == nullptr || before->names != after.names || before->suspended != after.suspended;
+  if (isChanged) refusalPause_ = kShortestRefusalPause;
+  if (isChanged || !pausesAfterRefusal()) return send(isInSync_ ? before : nullptr, after);
+  if (guarded_.size() > 0) sendGuarded();  // the guarded names may have changed
 }
 
 // Runs `work`, which calls the extension, with a timeout. Returns the error, or an empty text.

@@ -36,8 +36,8 @@ class ExtensionLink {
 
   // Does nothing before due(). `list`: the names that the extension must hold. It is null if the keeper has not read
   // the list yet; then no list is sent. If disconnected, tries to connect, and then sends the list. If connected, and
-  // if edits are undone (see undoEdits), sends the list again after edits of other clients. Also sends a list that the
-  // extension has refused again, after pauses that grow.
+  // while edits are undone (see undoEdits), sends the list again after edits of other clients, and sends a list that
+  // the extension has refused again, after pauses that grow.
   void attend(const HeldNames* list);
   // From undoEdits(true) to undoEdits(false), attend() undoes the edits of other clients. The protocol has no message
   // that reports edits, so attend() asks for the number of edits twice a second, and more often after an undo.
@@ -53,7 +53,8 @@ class ExtensionLink {
   }
 
   // Call when the list has changed from `before` (null for the first list that was read) to `after`. The KeeperState
-  // must have the version of `after` already.
+  // must have the version of `after` already. Also call when the list was read again, but is the same; then a refused
+  // list is sent again only after its pause.
   void update(const HeldNames* before, const HeldNames& after);
 
  private:

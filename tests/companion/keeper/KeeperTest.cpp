@@ -198,7 +198,8 @@ TEST_F(Keeper, WaitsLongerAfterEachRefusalOfAListWithoutGuardedNames) {
   link.undoEdits(true, {});
   link.attend(&many);
   for (int i = 0; i < 10 && attempts.size() < 3; ++i) {
-    ++extension.changes;  // another client edits in a loop
+    ++extension.changes;       // another client edits in a loop
+    link.update(&many, many);  // the file is read again, but has the same names
     wait_and_attend(link, many);
   }
   ASSERT_EQ(attempts.size(), 3U);
