@@ -37,14 +37,9 @@ struct Arguments {
 // The file that records the last import into the list, for --undo.
 std::string record_path(const CommonOptions& options) { return options.listPath + ".import"; }
 
-struct Rejection {
-  size_t line;
-  std::string text, fault;
-};
-
 struct Outcome {
   ImportedSites read;
-  std::vector<Rejection> rejections;  // the first kMostRejections
+  std::vector<RejectedLine> rejections;  // the first kMostRejections
   ImportCounts counts;
   std::vector<HeldBack> removals;                       // what holds back the removal of sites
   std::vector<std::pair<HeldBack, size_t>> openings{};  // what holds back exceptions and suspensions, and how many
@@ -169,20 +164,17 @@ std::optional<Scope> wanted_scope(const Arguments& arguments) {
 }
 
 ImportedSites read_file(const Arguments& arguments, const std::string& source, ProgressBar& bar, std::string_view text,
-                        std::vector<Rejection>& rejections) {
-  constexpr size_t kMostRejections = 1000, kMostPrinted = 20;
-  size_t count = 0;
+                        std::vector<RejectedLine>& rejections) {
+  constexpr size_t kMostRejections = 1000;
   auto rejected = [&](size_t line, std::string_view what, const std::string& fault) {
     if (rejections.size() < kMostRejections) rejections.push_back({line, std::string(what), fault});
-    if (++count > kMostPrinted) return;
-    bar.erase();
-    print_error("not imported: " + source + ":" + std::to_string(line) + ": " + in_quotes(what) + ": " + fault);
   };
   auto progress = [&](size_t bytes, size_t lines) { bar.show(bytes, text.size(), counted(lines, "line", "lines")); };
   try {
     ImportedSites read = read_import(text, {wanted_scope(arguments), arguments.group}, rejected, progress);
     bar.erase();
-    if (count > kMostPrinted) print_error("not imported: " + std::to_string(count - kMostPrinted) + " more");
+    for (const std::string& each : rejection_texts("not imported", source, rejections, read.rejected))
+      print_error(each);
     return read;
   } catch (const InputError& error) {
     throw InputError("cannot import: " + source + ": " + error.what());

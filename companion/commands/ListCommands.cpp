@@ -201,13 +201,15 @@ void note_lists_beside(std::vector<Change>& changes, const std::optional<KeeperS
 int change_list(const CommonOptions& options, const Arguments& arguments, Moment now, const Selection& selection,
                 const ChangeSite& change) {
   std::vector<Change> changes;
+  std::vector<std::string> notes;
   size_t sites = 0;
   const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     changes.clear();
+    notes.clear();
     bool changed = false;
     const GroupIndex group = find_group(list, arguments.group);
-    std::vector<ListedSite> found = selection.find(list, group);
+    std::vector<ListedSite> found = selection.find(list, group, notes);
     const auto heldBack = find_what_holds_back(options, list, group, keeper, now, found);
     for (size_t i = 0; i < found.size(); ++i) {
       Change& made = changes.emplace_back(change(list, std::move(found[i]), heldBack[i].removal));
@@ -222,6 +224,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     sites = list.size();
     return changed;
   });
+  for (const std::string& note : notes) print_error(note);
   note_lists_beside(changes, keeper);
   const Effect effect = wait_for_keeper(options, version, sites);
   const std::string prefix = report_effect(effect);

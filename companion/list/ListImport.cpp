@@ -271,6 +271,20 @@ class ImportReader {
 
 }  // namespace
 
+std::vector<std::string> rejection_texts(const std::string& outcome, const std::string& source,
+                                         const std::vector<RejectedLine>& lines, size_t count) {
+  const size_t printed = std::min(lines.size(), kMostPrinted);
+  std::vector<std::string> texts;
+  for (size_t i = 0; i < printed; ++i) {
+    const auto& [line, text, fault] = lines[i];
+    std::string& error = texts.emplace_back(outcome);
+    error.append(": ").append(source).append(":").append(std::to_string(line));
+    error.append(": ").append(in_quotes(text)).append(": ").append(fault);
+  }
+  if (count > printed) texts.push_back(outcome + ": " + std::to_string(count - printed) + " more");
+  return texts;
+}
+
 ImportedSites read_import(std::string_view text, const ImportOptions& options, const ImportRejection& rejected,
                           const ImportProgress& progress) {
   constexpr size_t kLinesBetweenReports = 4096;

@@ -134,8 +134,8 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
 
 // Finds the sites with the hosts that the command line gives.
 FindSites given_sites(const CommonOptions& options, const SiteArguments& arguments, Moment now, bool exceptions) {
-  return [=, &options, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](const BlockList& list,
-                                                                                          GroupIndex group) {
+  return [=, &options, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](
+             const BlockList& list, GroupIndex group, std::vector<std::string>&) {
     return listed_sites(list, group, hosts, exceptions, now, options);
   };
 }
@@ -144,7 +144,7 @@ FindSites given_sites(const CommonOptions& options, const SiteArguments& argumen
 // come from; those that are not on the list are only counted. With `exceptions`, selects only exceptions, otherwise
 // only sites that are not exceptions.
 FindSites all_sites(bool exceptions) {
-  return [=](const BlockList& list, GroupIndex group) {
+  return [=](const BlockList& list, GroupIndex group, std::vector<std::string>&) {
     std::vector<ListedSite> sites = list.sites();
     std::erase_if(sites, [&](const ListedSite& site) {
       return site.group != group || (site.scope == Scope::Exception) != exceptions;
@@ -153,7 +153,7 @@ FindSites all_sites(bool exceptions) {
   };
 }
 FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string& source, bool exceptions) {
-  return [=](const BlockList& list, GroupIndex group) {
+  return [=](const BlockList& list, GroupIndex group, std::vector<std::string>& notes) {
     std::vector<ListedSite> sites;
     std::map<GroupIndex, size_t> elsewhere;  // how many of the others each other group has
     for (const ListedSite& each : given) {
@@ -174,7 +174,7 @@ FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string&
       text.append(": the group ").append(name).append(" has ").append(std::to_string(count));
       text.append(" of them: give --group ").append(name);
     }
-    print_error(text);
+    notes.push_back(std::move(text));
     return sites;
   };
 }
@@ -183,16 +183,20 @@ FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string&
 // writes it, the line names this host; otherwise it names the host that import would put on the list.
 FindSites sites_of_file(const std::string& file, bool exceptions) {
   const std::string source = file == "-" ? "standard input" : in_quotes(file);
-  return [=, text = read_input(file)](const BlockList& list, GroupIndex group) {
+  return [=, text = read_input(file)](const BlockList& list, GroupIndex group, std::vector<std::string>& notes) {
+    std::vector<RejectedLine> lines;
     const auto rejected = [&](size_t line, std::string_view words, const std::string& fault) {
-      print_error("skipped: " + source + ":" + std::to_string(line) + ": " + in_quotes(words) + ": " + fault);
+      if (lines.size() < kMostPrinted) lines.push_back({line, std::string(words), fault});
     };
     ImportOptions options{{}, std::string(kDefaultGroupName)};
     options.isOnList = [&](const std::string& host) { return is_listed(list.find(host, group), exceptions); };
     const ImportedSites read = read_import(text, options, rejected, nullptr);
-    if (read.sites.empty())
+    notes = rejection_texts("skipped", source, lines, read.rejected);
+    if (read.sites.empty()) {
+      for (const std::string& note : notes) print_error(note);
       throw InputError("nothing was changed: " + source + ": it has no line with a host name: give a list of names");
-    return sites_on_list({read.sites.begin(), read.sites.end()}, source, exceptions)(list, group);
+    }
+    return sites_on_list({read.sites.begin(), read.sites.end()}, source, exceptions)(list, group, notes);
   };
 }
 
@@ -229,7 +233,7 @@ Selection new_sites(const CommonOptions& options, const SiteArguments& arguments
   std::vector<CatalogueSite> chosen;
   if (arguments.catalogued.isGiven()) chosen = chosen_sites(options, arguments.catalogued);
   for (ListedSite& host : hosts_of(chosen)) sites.push_back(std::move(host));
-  return {[sites = std::move(sites)](const BlockList&, GroupIndex group) {
+  return {[sites = std::move(sites)](const BlockList&, GroupIndex group, std::vector<std::string>&) {
             std::vector<ListedSite> unique;
             std::set<std::string_view> seen;
             for (const ListedSite& site : sites) {

@@ -17,8 +17,10 @@ struct SiteArguments {
   SiteOptions catalogued;
 };
 
-// Returns the sites of the group that a command is about, each once.
-using FindSites = std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group)>;
+// Returns the sites of the group that a command is about, each once. Adds to `notes` what the command is to print about
+// the sites that are left out, after it has edited the list.
+using FindSites =
+    std::function<std::vector<ListedSite>(const BlockList& list, GroupIndex group, std::vector<std::string>& notes)>;
 
 // What a command line selects.
 struct Selection {
