@@ -245,9 +245,14 @@ class _FirefoxTabs(Tabs):
     def navigate(self, tab: str, url: str) -> str | None:
         self._call("SwitchToWindow", handle=tab)
         error = self._open(url)
-        # On a busy machine, Firefox once failed to look up a name that it had looked up before. The filter lets all
-        # lookups pass, so such an error says nothing about the filter.
-        return self._open(url) if error == "dnsNotFound" else error
+        # On a busy machine, Firefox rarely fails to look up a name that it had looked up before, and then remembers the
+        # failure for some time. The filter lets all lookups pass, so such an error says nothing about the filter.
+        for _ in range(20):
+            if error != "dnsNotFound":
+                break
+            time.sleep(0.5)
+            error = self._open(url)
+        return error
 
     def _open(self, url: str) -> str | None:
         try:
