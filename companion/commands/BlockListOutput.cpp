@@ -157,10 +157,11 @@ void print_sites_json(const BlockList& list, const ListInForce* inForce, Moment 
   put(*between == '[' ? "[]\n" : "]\n");
 }
 
-void report_bad_lines(const std::vector<BlockList::BadLine>& lines, const std::string& path) {
+void report_bad_lines(const std::vector<BlockList::BadLine>& lines, size_t count, const std::string& path) {
   for (const auto& bad : lines)
     print_error("bad line ignored: " + in_quotes(path) + ":" + std::to_string(bad.line) + ": " + in_quotes(bad.text) +
                 ": " + bad.fault);
+  if (count > lines.size()) print_error("and " + std::to_string(count - lines.size()) + " more bad lines");
 }
 
 }  // namespace orvane

@@ -370,11 +370,12 @@ StoredList read_shown_list(const CommonOptions& options, const Arguments& argume
       arguments.shownList.empty() ? options.listPath : read_only_path(options, arguments.shownList);
   StoredList stored = read_list(path);
   if (arguments.shownList.empty()) {
-    report_bad_lines(stored.list.badLines(), path);
+    report_bad_lines(stored.list.badLines(), stored.list.badLines().size(), path);
   } else {
     const bool isFetched = path.starts_with(options.subscriptionsPath + "/");
     const ListKind kind = isFetched ? ListKind::Subscription : ListKind::DropIn;
-    report_bad_lines(ReadOnlyList::parse(read_list_text(path), kind).badLines, path);
+    const ReadOnlyList list = ReadOnlyList::parse(read_list_text(path), kind);
+    report_bad_lines(list.badLines, list.badLineCount, path);
   }
   return stored;
 }

@@ -213,9 +213,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block c.example >'%.out'; echo www.c.example | '" ORVANECTL "' --list '%' unblock --from -", 0,
        "c.example and its subdomains: removed from the list\n"},
       {"block c.example >'%.out'; '" ORVANECTL "' --list '%' group remove h", 0, "h: removed, with its sites\n"},
-      {"export >'%.out'; { seq 22 | sed 's/$/..x/'; echo none.example; } >'%.bad.list'; '" ORVANECTL
-       "' --list '%' unblock --from '%.bad.list' 2>&1 | grep -o '[0-9]* more.*'",
-       0, "2 more\n"},
+      {"export >'%.out'; { seq 22 | sed 's/$/..x/'; echo none.example; } >'%.bad.list'; for command in list unblock; "
+       "do '" ORVANECTL "' --list '%' $command --from '%.bad.list' 2>&1 | grep -o '[0-9]* more.*'; done",
+       0, "2 more bad lines\n2 more\n"},
       // A keeper without an extension.
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
        "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' 'group add g' 'lock --for "
