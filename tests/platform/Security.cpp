@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "platform/IdentityAnswers.h"
 #include "platform/Process.h"
 #include "platform/StandIn.h"
 
@@ -32,8 +33,10 @@ Value stand_in::token_of(int32_t pid) {
 pid_t audit_token_to_pid(audit_token_t token) { return static_cast<pid_t>(token.val[5]); }
 
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
-  security.pidsAsked.push_back(pid);
-  return security.responsible.contains(pid) ? security.responsible[pid] : pid;
+  return IdentityAnswers::responsible(pid, [pid] {
+    security.pidsAsked.push_back(pid);
+    return security.responsible.contains(pid) ? security.responsible[pid] : pid;
+  });
 }
 
 Ref<Number> number_create(int32_t value) {

@@ -1,9 +1,7 @@
 #include "platform/names/Subdomains.h"
 
 #include <arpa/inet.h>
-#include <libpsl.h>
 
-#include <algorithm>
 #include <string>
 
 namespace orvane {
@@ -11,16 +9,21 @@ namespace {
 
 constexpr size_t kLongestName = 253;  // RFC 1035, section 2.3.4, without the dot of the root
 
-// The newer of two versions of the Public Suffix List: the file of Debian's package publicsuffix, and the version that
-// is compiled into libpsl.
-const psl_ctx_t* public_suffixes() {
-  static const psl_ctx_t* const list = psl_latest(nullptr);
-  return list;
-}
-
 bool is_address(const std::string& host) {
   in_addr address;
   return host.find(':') != std::string::npos || inet_pton(AF_INET, host.c_str(), &address) == 1;
+}
+
+// Where the registrable domain of `host` begins: a public suffix and one label more. A top-level name counts as a
+// public suffix. The result is 0 if `host` itself is a public suffix.
+size_t registrable_domain(const std::string& host) {
+  size_t registrable = 0;
+  for (size_t at = 0;;) {
+    const size_t dot = host.find('.', at);
+    if (dot == std::string::npos || is_public_suffix(host.c_str() + at)) return registrable;
+    registrable = at;
+    at = dot + 1;
+  }
 }
 
 }  // namespace
@@ -29,18 +32,12 @@ std::vector<std::string_view> covering_hosts(std::string_view host) {
   const std::string text(host);
   if (host.empty() || host.size() > kLongestName || is_address(text)) return {};
   std::vector<std::string_view> hosts{host};
-  const char* registrable = psl_registrable_domain(public_suffixes(), text.c_str());
-  if (registrable == nullptr) return hosts;
-  const auto last = static_cast<size_t>(registrable - text.c_str());
+  const size_t last = registrable_domain(text);
   for (size_t at = 0; at < last;) {
-    at = std::min(host.find('.', at), last - 1) + 1;
+    at = host.find('.', at) + 1;
     hosts.push_back(host.substr(at));
   }
   return hosts;
-}
-
-bool is_public_suffix(std::string_view host) {
-  return psl_is_public_suffix2(public_suffixes(), std::string(host).c_str(), PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE) == 1;
 }
 
 }  // namespace orvane

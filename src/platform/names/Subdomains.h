@@ -3,6 +3,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/names/PublicSuffixes.h"
+
 namespace orvane {
 
 // A name on the list that begins with a mark stands for a host and all its subdomains:
@@ -21,10 +23,5 @@ inline constexpr std::string_view kExceptionMark = "!.";
 // as a public suffix or a name without a dot, is covered only by itself. No name covers a literal address or a name
 // that is too long for DNS. `host` must have the form that listed_form() gives; the results are views into it.
 std::vector<std::string_view> covering_hosts(std::string_view host);
-
-// Whether the Public Suffix List contains the name: in the list's section of registries (co.uk), or in its section of
-// private owners (github.io). A top-level name that the list does not contain is no public suffix here, because a local
-// network may use it for a host.
-bool is_public_suffix(std::string_view host);
 
 }  // namespace orvane

@@ -1,13 +1,12 @@
 #include "platform/linux/flow/FilterSession.h"
 
 #include <algorithm>
-#include <vector>
 
+#include "platform/IdentityAnswers.h"
 #include "platform/linux/flow/DropRecords.h"
 #include "platform/linux/flow/FlowCounters.h"
-#include "platform/linux/process/IdentityAnswers.h"
 #include "platform/linux/process/ProcessInformation.h"
-#include "platform/names/Subdomains.h"
+#include "platform/names/MarkedNames.h"
 
 namespace orvane {
 namespace {
@@ -16,32 +15,18 @@ void count(FlowCounters::Count& counter) { counter.fetch_add(1, std::memory_orde
 
 }  // namespace
 
-// Asks the provider the series of questions that FilterSession.h describes; a call of `ask` asks one question. Returns
-// the verdict on the flow.
+// Asks the provider for its verdict under all names of the flow; a call of `ask` asks one question.
 template <class Ask>
 auto FilterSession::judge(Ask ask) {
   const IdentityAnswers sameProcess;
-  auto verdict = ask();
-  using Kind = decltype(verdict.kind);
-  const std::vector<std::string_view> hosts =
-      names_.hostName() ? covering_hosts(*names_.hostName()) : std::vector<std::string_view>();
-  // Asks under the names with this mark, one after the other, and stops at the first verdict that is not Allow. Returns
-  // the last verdict.
-  auto askUnder = [&](std::string_view mark) {
-    auto answer = decltype(verdict)::allowVerdict();
-    for (size_t i = 0; i < hosts.size() && answer.kind == Kind::Allow; ++i) {
-      names_.setAlias(std::string(mark).append(hosts[i]));
-      answer = ask();
-    }
-    names_.setAlias(std::nullopt);
-    return answer;
-  };
-  if (verdict.kind == Kind::Allow) verdict = askUnder(kSubdomainsMark);
-  if (verdict.kind == Kind::Drop && askUnder(kExceptionMark).kind == Kind::Drop) {
-    return decltype(verdict)::allowVerdict();
-  }
+  const auto verdict = judge_under_all_names(names_.hostName(), [&](std::optional<std::string> alias) {
+    names_.setAlias(std::move(alias));
+    return ask();
+  });
+  names_.setAlias(std::nullopt);
   // The provider need not ask again whose flow it is when it gets the flow's data.
-  if (verdict.kind != Kind::Allow && drop_records().isOn()) browser_ = sameProcess.lastIdentifier().value_or(browser_);
+  if (verdict.kind != decltype(verdict)::Kind::Allow && drop_records().isOn())
+    browser_ = sameProcess.lastIdentifier().value_or(browser_);
   return verdict;
 }
 

@@ -13,14 +13,7 @@ namespace orvane {
 // of the outbound side. The first final verdict settles the flow; the provider is not asked again.
 //
 // Each of these calls is a series of questions to the provider, because the list may contain marked names
-// (Subdomains.h). The provider sees the flow
-//
-//   1. under the flow's own name;
-//   2. if the verdict is Allow: under the names with the subdomains mark, up to the first verdict that is not Allow;
-//   3. if the last verdict is Drop: under the names with the exception mark. If a verdict is Drop again, the list has
-//      an exception for the flow's host, so the session allows the flow.
-//
-// During a series, the thread looks up the identity of each process only once (IdentityAnswers).
+// (MarkedNames.h). During a series, the thread looks up the identity of each process only once (IdentityAnswers).
 //
 // If the process records dropped flows (DropRecords.h), the session records its flow when the provider drops it. A flow
 // without a host name is not recorded.

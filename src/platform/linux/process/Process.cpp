@@ -1,6 +1,6 @@
 #include "platform/Process.h"
 
-#include "platform/linux/process/IdentityAnswers.h"
+#include "platform/IdentityAnswers.h"
 #include "platform/linux/process/ProcessIdentity.h"
 
 namespace orvane {

@@ -6,8 +6,8 @@
 #include <memory>
 #include <utility>
 
+#include "platform/IdentityAnswers.h"
 #include "platform/Process.h"
-#include "platform/linux/process/IdentityAnswers.h"
 #include "platform/linux/process/ProcessIdentity.h"
 
 namespace orvane {
@@ -148,13 +148,13 @@ static Ref<SecCode> code_of(const std::shared_ptr<const ProcessIdentity::Process
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode*, const Dictionary* attributes, uint32_t, SecCode** guest) {
   if (attributes == nullptr) return errSecCSUnsupportedGuestAttributes;
-  auto find = [attributes]() -> IdentityAnswers::Guest {
+  auto find = [attributes]() -> IdentityAnswers::Result<SecCode> {
     auto [status, process] = find_guest(*attributes);
     if (!process) return {status, nullptr};
     return {errSecSuccess, code_of(process)};
   };
   auto found = IdentityAnswers::guest(attributes->auditToken, attributes->pid, find);
-  if (found.code) *guest = found.code.detach();
+  if (found.object) *guest = found.object.detach();
   return found.status;
 }
 
@@ -170,17 +170,19 @@ OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t, SecStaticCode** staticCo
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t, Dictionary** information) {
   if (code == nullptr) return errSecCSObjectRequired;
-  if (!code->information) {
-    code->information = Ref<Dictionary>::adopt(new Dictionary);
-    // Without an identifier there is no property list.
-    if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
-      auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
-      propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
-      code->information->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
+  auto find = [code]() -> IdentityAnswers::Result<Dictionary> {
+    if (!code->information) {
+      code->information = Ref<Dictionary>::adopt(new Dictionary);
+      // Without an identifier there is no property list.
+      if (auto identifier = ProcessIdentity::system().identifierOf(code->program)) {
+        auto propertyList = Ref<Dictionary>::adopt(new Dictionary);
+        propertyList->strings.emplace(kCFBundleIdentifierKey, std::move(*identifier));
+        code->information->dictionaries.emplace(kSecCodeInfoPList, std::move(propertyList));
+      }
     }
-  }
-  IdentityAnswers::noteInformation(code->information);
-  *information = Ref(code->information).detach();
+    return {errSecSuccess, code->information};
+  };
+  *information = IdentityAnswers::information(code, find).object.detach();
   return errSecSuccess;
 }
 

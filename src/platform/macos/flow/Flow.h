@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "platform/NetworkExtension.h"
 
 @class NEFilterFlow;
@@ -7,7 +10,12 @@
 namespace orvane {
 
 // Wraps the framework's flow for the core. The wrapper retains the flow, and reads a property each time the core asks
-// for it. If the framework has no host name for the flow, the flow's name is `name`.
-Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow, std::optional<std::string> name = std::nullopt);
+// for it. If the framework has no host name for the flow, the flow's name is `name`. If there is an `alias`, the core
+// sees the flow under this name.
+Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow, std::optional<std::string> name = std::nullopt,
+                          std::optional<std::string> alias = std::nullopt);
+
+// The flow's host name, in the form of the list's names (HostName.h): the one that the framework has, or `name`.
+std::optional<std::string> host_of(::NEFilterFlow* flow, const std::optional<std::string>& name);
 
 }  // namespace orvane

@@ -2,11 +2,13 @@
 
 #include <utility>
 
+#include "platform/IdentityAnswers.h"
 #include "platform/macos/base/Block.h"
 #include "platform/macos/base/Values.h"
 #include "platform/macos/flow/Flow.h"
 #include "platform/macos/flow/NetworkExtension.h"
 #include "platform/macos/foundation/Foundation.h"
+#include "platform/names/MarkedNames.h"
 
 namespace {
 
@@ -28,6 +30,16 @@ auto pooled(Body body) {
 constexpr size_t kHeldLimit = orvane::ClientHelloReader::kLimit;
 
 std::string identifier_of(NEFilterFlow* flow) { return orvane::text_of([[flow identifier] UUIDString]); }
+
+// Asks the provider for its verdict on the flow, whose name is `name` if the framework has none. The provider compares
+// whole names, and the list may contain marked names. A call of `ask` asks one question.
+template <class Ask>
+auto judge(NEFilterFlow* flow, const std::optional<std::string>& name, Ask ask) {
+  const orvane::IdentityAnswers sameProcess;
+  return orvane::verdict_object(orvane::judge_under_all_names(
+      orvane::host_of(flow, name),
+      [&](std::optional<std::string> alias) { return ask(*orvane::flow_of(flow, name, std::move(alias))); }));
+}
 
 // Whether the framework knows no host name of the flow.
 bool is_nameless(NEFilterFlow* flow) {
@@ -71,7 +83,10 @@ bool is_nameless(NEFilterFlow* flow) {
 }
 
 - (NEFilterNewFlowVerdict*)handleNewFlow:(NEFilterFlow*)flow {
-  return pooled([&] { return orvane::verdict_object(_provider->handleNewFlow(*orvane::flow_of(flow))); });
+  return pooled([&] {
+    return judge(flow, std::nullopt,
+                 [&](const orvane::NEFilterFlow& asked) { return _provider->handleNewFlow(asked); });
+  });
 }
 
 - (NEFilterDataVerdict*)handleOutboundDataFromFlow:(NEFilterFlow*)flow
@@ -88,15 +103,18 @@ bool is_nameless(NEFilterFlow* flow) {
       }
       if (found.state == orvane::NameState::Known) name = std::move(found.name);
     }
-    const auto named = orvane::flow_of(flow, std::move(name));
-    return orvane::verdict_object(_provider->handleOutboundDataFromFlow(*named, offset, bytes));
+    return judge(flow, name, [&](const orvane::NEFilterFlow& asked) {
+      return _provider->handleOutboundDataFromFlow(asked, offset, bytes);
+    });
   });
 }
 
 - (NEFilterDataVerdict*)handleOutboundDataCompleteForFlow:(NEFilterFlow*)flow {
   return pooled([&] {
     _names.forget(identifier_of(flow));
-    return orvane::verdict_object(_provider->handleOutboundDataCompleteForFlow(*orvane::flow_of(flow)));
+    return judge(flow, std::nullopt, [&](const orvane::NEFilterFlow& asked) {
+      return _provider->handleOutboundDataCompleteForFlow(asked);
+    });
   });
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "platform/IdentityAnswers.h"
+
 // This function is in the system library, but no header declares it. The import is weak, so that the extension still
 // starts on a system that lacks the function.
 extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) __attribute__((weak_import));
@@ -19,7 +21,8 @@ pid_t audit_token_to_pid(audit_token_t token) {
 
 pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
   auto* const find = ::responsibility_get_pid_responsible_for_pid;
-  return find == nullptr ? pid : find(pid);  // without the function, each process is responsible for itself
+  if (find == nullptr) return pid;  // without the function, each process is responsible for itself
+  return IdentityAnswers::responsible(pid, [pid, find] { return find(pid); });
 }
 
 }  // namespace orvane

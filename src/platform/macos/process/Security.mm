@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "platform/IdentityAnswers.h"
 #include "platform/macos/base/CoreFoundation.h"
 #include "platform/macos/base/Values.h"
 #include "platform/macos/process/SigningCache.h"
@@ -53,6 +54,13 @@ std::optional<SigningCache::Token> token_in(const Dictionary* attributes) {
   return token;
 }
 
+// The process identifier in attributes with which a program is looked up; null if there is none.
+Ref<Number> pid_in(const Dictionary* attributes) {
+  if (attributes == nullptr) return nullptr;
+  const auto dictionary = to_native<CFDictionaryRef>(attributes);
+  return Ref<Number>::retained(from_native<Number>(CFDictionaryGetValue(dictionary, kSecGuestAttributePid)));
+}
+
 std::string text_of_string(CFTypeRef string) { return text_of(static_cast<::NSString*>(string)); }
 
 }  // namespace
@@ -99,30 +107,40 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attribu
   if (token) {
     if (Ref<SecCode> kept = cache().find(*token)) return *guest = kept.detach(), errSecSuccess;
   }
-  SecCodeRef found = nullptr;
-  const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
-                                                           to_native<CFDictionaryRef>(attributes), flags, &found);
-  *guest = from_native<SecCode>(found);
-  if (token && status == errSecSuccess && found != nullptr) cache().keep(*token, *guest);
-  return status;
+  const auto find = [&]() -> IdentityAnswers::Result<SecCode> {
+    SecCodeRef found = nullptr;
+    const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
+                                                             to_native<CFDictionaryRef>(attributes), flags, &found);
+    if (token && status == errSecSuccess && found != nullptr) cache().keep(*token, from_native<SecCode>(found));
+    return {status, Ref<SecCode>::adopt(from_native<SecCode>(found))};
+  };
+  auto found = IdentityAnswers::guest(token ? Value::data(*token) : Value(nullptr), pid_in(attributes), find);
+  *guest = found.object.detach();
+  return found.status;
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode) {
   if (Ref<SecStaticCode> kept = cache().find(code)) return *staticCode = kept.detach(), errSecSuccess;
-  SecStaticCodeRef found = nullptr;
-  const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &found);
-  *staticCode = from_native<SecStaticCode>(found);
-  if (status == errSecSuccess && found != nullptr) cache().keep(code, *staticCode);
-  return status;
+  auto found = IdentityAnswers::staticCode(code, [&]() -> IdentityAnswers::Result<SecStaticCode> {
+    SecStaticCodeRef made = nullptr;
+    const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &made);
+    if (status == errSecSuccess && made != nullptr) cache().keep(code, from_native<SecStaticCode>(made));
+    return {status, Ref<SecStaticCode>::adopt(from_native<SecStaticCode>(made))};
+  });
+  *staticCode = found.object.detach();
+  return found.status;
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information) {
   if (Ref<Dictionary> kept = cache().find(code)) return *information = kept.detach(), errSecSuccess;
-  CFDictionaryRef found = nullptr;
-  const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &found);
-  *information = from_native<Dictionary>(found);
-  if (status == errSecSuccess && found != nullptr) cache().keep(code, *information);
-  return status;
+  auto found = IdentityAnswers::information(code, [&]() -> IdentityAnswers::Result<Dictionary> {
+    CFDictionaryRef made = nullptr;
+    const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &made);
+    if (status == errSecSuccess && made != nullptr) cache().keep(code, from_native<Dictionary>(made));
+    return {status, Ref<Dictionary>::adopt(from_native<Dictionary>(made))};
+  });
+  *information = found.object.detach();
+  return found.status;
 }
 
 OSStatus SecCodeCopyPath(SecStaticCode* code, uint32_t flags, CodeURL** path) {

@@ -123,6 +123,25 @@ TEST_F(ProvidersTest, GivesTheVerdictsThatHoldOnEachSystem) {
   }
 }
 
+TEST_F(ProvidersTest, CoversTheSubdomainsOfAMarkedName) {
+  db_hostname_add(text(".site.example"));
+  db_hostname_add(text("!.shop.site.example"));
+  const std::tuple<const char*, ::NEFilterFlow*, std::string> rows[] = {
+      {"the site", socket_flow(kBrowser, web, @"site.example"), "drop, drop, drop"},
+      {"a subdomain", socket_flow(kBrowser, web, @"WWW.site.example."), "drop, drop, drop"},
+      {"an exception", socket_flow(kBrowser, web, @"a.shop.site.example"), "allow, allow, allow"},
+      {"another site", socket_flow(kBrowser, web, @"website.example"), "allow, allow, allow"},
+      {"another program", socket_flow(kOther, web, @"site.example"), "allow, drop, drop"},
+      {"a URL", url_flow(kBrowser, @"https://www.site.example/a?b"), "drop, allow, allow"},
+      {"a URL, exception", url_flow(kBrowser, @"https://shop.site.example/"), "allow, allow, allow"},
+  };
+  for (const auto& [name, flow, expected] : rows) EXPECT_EQ(verdicts(general, flow), expected) << name;
+  for (const auto& [host, expected] :
+       {std::pair("www.site.example", "drop after 0"), {"shop.site.example", "allow after 0"}})
+    EXPECT_EQ(play_flow(general, nameless_flow(web), {hello(host)}, true), expected) << host;
+  EXPECT_EQ(verdicts(safari, url_flow(kSafari, @"https://www.site.example/")), kAllOutbound + ", drop, allow");
+}
+
 TEST_F(ProvidersTest, KeepsThePartialNamesOfTheLatestFlows) {
   const std::vector<std::string> pieces = pieces_of(hello("held.example"), 60);
   const auto show = [&](::NEFilterFlow* flow, size_t piece) {
@@ -139,10 +158,17 @@ TEST_F(ProvidersTest, KeepsThePartialNamesOfTheLatestFlows) {
 }
 
 TEST_F(ProvidersTest, ReadsAPropertyEachTimeTheCoreAsks) {
-  [general handleNewFlow:socket_flow(kOther, web, @"held.example")];
-  [general handleNewFlow:socket_flow(kBrowser, web, @"held.example")];
-  const std::string token = "sourceAppAuditToken ", port = "remoteEndpoint hostname port ";
-  EXPECT_EQ(networkExtension.reads, token + token + port + port + port + "URL remoteHostname ");
+  [general handleNewFlow:socket_flow(kBrowser, web, @"")];
+  const std::string name = "URL remoteHostname ", token = "sourceAppAuditToken ",
+                    port = "remoteEndpoint hostname port ";
+  EXPECT_EQ(networkExtension.reads, name + token + port + port + port + name);
+}
+
+TEST_F(ProvidersTest, FindsTheResponsibleProcessOnceForAllNamesOfAFlow) {
+  [general handleNewFlow:socket_flow(kHelper, web, @"a.b.site.example")];
+  EXPECT_EQ(stand_in::security.pidsAsked, std::vector<int32_t>{kHelper});
+  [general handleNewFlow:socket_flow(kHelper, web, @"a.b.site.example")];
+  EXPECT_EQ(stand_in::security.pidsAsked, (std::vector<int32_t>{kHelper, kHelper})) << "again for the next flow";
 }
 
 TEST_F(ProvidersTest, PassesOutboundBytesUnchanged) {
@@ -235,9 +261,9 @@ TEST_F(ProvidersTest, ReleasesAllObjectsAfterStop) {
     };
     // Each time that the core asks for a responsible process, it leaks a Number, on purpose. Until the caller's
     // autorelease pool is drained, the pool keeps the verdicts, and the text of one verdict, but nothing else.
-    EXPECT_EQ(leaked_objects(live), "orvane::Number +4");
+    EXPECT_EQ(leaked_objects(live), "orvane::Number +6");
     EXPECT_EQ(leaked_objects(live, false),
-              "GSCInlineString +1, NEFilterDataVerdict +10, NEFilterNewFlowVerdict +5, orvane::Number +4");
+              "GSCInlineString +1, NEFilterDataVerdict +10, NEFilterNewFlowVerdict +5, orvane::Number +6");
   }
 }
 

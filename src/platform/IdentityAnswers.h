@@ -30,33 +30,39 @@ class IdentityAnswers {
     return answers;
   }
 
-  // A result of SecCodeCopyGuestWithAttributes.
-  struct Guest {
+  // What a function of Security.h returned: its status and its output.
+  template <class Object>
+  struct Result {
     OSStatus status = 0;
-    Ref<SecCode> code;
+    Ref<Object> object;
   };
 
   // Each function returns the stored answer to an earlier call with the same arguments. If no answer is stored, it
-  // calls `find`.
+  // calls `find`. guest() is called with an audit token or with a process identifier; the other argument is nil.
   template <class Find>
-  static Guest guest(const Value& auditToken, const Ref<Number>& pid, Find find) {
+  static Result<SecCode> guest(const Value& auditToken, const Ref<Number>& pid, Find find) {
     return answer(&IdentityAnswers::guests_, std::pair(auditToken, pid), find);
+  }
+  template <class Find>
+  static Result<SecStaticCode> staticCode(SecCode* code, Find find) {
+    return answer(&IdentityAnswers::staticCodes_, Ref<SecCode>::retained(code), find);
+  }
+  template <class Find>
+  static Result<Dictionary> information(SecStaticCode* code, Find find) {
+    return answer(&IdentityAnswers::information_, Ref<SecStaticCode>::retained(code), find);
   }
   template <class Find>
   static pid_t responsible(pid_t pid, Find find) {
     return answer(&IdentityAnswers::responsible_, pid, find);
   }
 
-  // The bundle identifier in the signing information that the thread asked for last. A provider looks at one program
-  // after the other until it finds a browser, so when the provider drops a flow, this is the browser's identifier.
-  // Nothing if the thread has not asked, or if that program has no identifier.
+  // The bundle identifier of the last program whose signing information the thread looked up. A provider looks at one
+  // program after the other until it finds a browser, so when the provider drops a flow, this is the browser's
+  // identifier. Nothing if the thread has not asked, or if that program has no identifier.
   std::optional<std::string> lastIdentifier() const {
-    const Dictionary* list =
-        information_ == nullptr ? nullptr : dictionary_get_dictionary(information_.get(), kSecCodeInfoPList);
-    return dictionary_copy_string(list, kCFBundleIdentifierKey);
-  }
-  static void noteInformation(const Ref<Dictionary>& information) {
-    if (IdentityAnswers* const known = ofThisThread()) known->information_ = information;
+    if (information_.empty()) return std::nullopt;
+    const Dictionary* information = information_.back().second.object.get();
+    return dictionary_copy_string(dictionary_get_dictionary(information, kSecCodeInfoPList), kCFBundleIdentifierKey);
   }
 
  private:
@@ -78,9 +84,10 @@ class IdentityAnswers {
     return (known->*list).emplace_back(key, find()).second;
   }
 
-  Answers<std::pair<Value, Ref<Number>>, Guest> guests_;
+  Answers<std::pair<Value, Ref<Number>>, Result<SecCode>> guests_;
+  Answers<Ref<SecCode>, Result<SecStaticCode>> staticCodes_;
+  Answers<Ref<SecStaticCode>, Result<Dictionary>> information_;
   Answers<pid_t, pid_t> responsible_;
-  Ref<Dictionary> information_;
 };
 
 }  // namespace orvane
