@@ -54,7 +54,7 @@ class Client {
 
   virtual ~Client() = default;
 
-  // The connection's descriptor, or -1 over XPC. Two uses are allowed: poll(2) reports POLLHUP or POLLRDHUP when the
+  // The connection's descriptor. Two uses are allowed: poll(2) reports POLLHUP or POLLRDHUP (over XPC: POLLIN) when the
   // extension has closed the connection; and shutdown(2), also from a signal handler, makes a waiting call throw.
   virtual int descriptor() const { return -1; }
 
@@ -81,8 +81,8 @@ class Client {
 };
 
 // Connects to the extension. Throws one of three errors: NoExtension; UnresponsiveExtension, if a CallTimeout's signal
-// ended the wait for an extension that accepts no connection; ClientError for any other failure, and over XPC for every
-// failure.
+// ended the wait for an extension that accepts no connection, or if over XPC no answer came for 2 s; ClientError for
+// any other failure, and over XPC also if no extension runs.
 std::unique_ptr<Client> connect_client(const ClientOptions& options);
 
 }  // namespace orvane

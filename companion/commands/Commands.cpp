@@ -111,6 +111,8 @@ class Connection {
       if (client_ == nullptr) client_ = connect_client(options_);
       limit.watch(client_->descriptor());
       return work(*client_);
+    } catch (const UnresponsiveExtension&) {
+      throw;
     } catch (const ClientError&) {
       if (client_ == nullptr || !limit.hasExpired()) throw;
       throw UnresponsiveExtension(

@@ -1,13 +1,23 @@
 #include "companion/client/Client.h"
 
 #import <Foundation/Foundation.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <climits>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
+#include "platform/files/Descriptor.h"
 #include "platform/macos/base/Values.h"
 #import "platform/macos/control/ControlInterface.h"
 #import "platform/macos/control/OrvaneSECommunication.h"
@@ -20,11 +30,26 @@ using Remote = id<OrvaneSECommunication>;
 // For edits of many names: how many host names are sent before the client waits for an answer.
 constexpr size_t kWindow = 256;
 
+// How long connect_client() waits for the first answer of the extension. The system may have to start the extension.
+constexpr std::chrono::seconds kFirstAnswer(2);
+
 const char* const kEnded = "it ended during the call: its log may say why; run the command again";
 
-// The first error of a connection; later ones are ignored. Handlers set it on the framework's threads.
+// The first error of a connection; later ones are ignored. Handlers set it on the framework's threads. Also has two
+// sockets, so that the client has a descriptor (Client::descriptor()): `mine()` shows the program the end of the
+// connection, and tells awaitShutdown() when the program gives up the connection.
 class FirstError {
  public:
+  using Clock = std::chrono::steady_clock;
+
+  FirstError() {
+    std::array<int, 2> sockets{-1, -1};
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()) != 0) return;
+    for (const int each : sockets) fcntl(each, F_SETFD, FD_CLOEXEC);
+    mine_ = Descriptor(sockets[0]);
+    other_ = Descriptor(sockets[1]);
+  }
+
   void set(const std::string& text) {
     std::lock_guard guard(mutex_);
     if (text_.empty()) text_ = text;
@@ -34,9 +59,23 @@ class FirstError {
     return text_;
   }
 
+  int mine() const { return mine_.get(); }
+  // Makes mine() readable.
+  void showEnd() { shutdown(other_.get(), SHUT_WR); }
+  // Waits until somebody shuts down mine(). Returns false if this has not happened at the deadline.
+  bool awaitShutdown(Clock::time_point deadline) const {
+    pollfd end{other_.get(), POLLIN, 0};
+    for (;;) {
+      const int64_t left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (poll(&end, 1, static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX))) > 0) return true;
+      if (left <= 0) return false;
+    }
+  }
+
  private:
   mutable std::mutex mutex_;
   std::string text_;
+  Descriptor mine_, other_;
 };
 
 std::string describe(::NSError* error) {
@@ -80,6 +119,9 @@ class XPCClient final : public Client {
   explicit XPCClient(std::string service) : service_(std::move(service)) {}
 
   ~XPCClient() override {
+    isEnding_ = true;
+    shutdown(error_->mine(), SHUT_RDWR);
+    if (canceller_.joinable()) canceller_.join();
     @autoreleasepool {
       [connection_ invalidate];
       [connection_ release];
@@ -88,23 +130,11 @@ class XPCClient final : public Client {
 
   // Throws when no extension answers.
   void open() {
-    attempt("reach", [this] {
-      // NSXPCConnectionPrivileged: the framework looks only among the system's services, whose names no user's program
-      // can take.
-      connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
-                                                               options:NSXPCConnectionPrivileged];
-      [connection_ setRemoteObjectInterface:control_interface()];
-      // After an interruption, the next message would reach a restarted extension, but the messages before the
-      // interruption are lost. So an interruption ends the client.
-      const std::shared_ptr<FirstError> firstError = error_;
-      [connection_ setInterruptionHandler:^{
-        firstError->set(kEnded);
-      }];
-      [connection_ resume];
-      awaitAnswer(remote());
-      process_ = [connection_ processIdentifier];
-    });
+    attempt("reach", [this] { connect(); });
+    isOpen_ = true;
   }
+
+  int descriptor() const override { return error_->mine(); }
 
   bool ping() override { return reply<bool>("ping", &XPCClient::sendPing); }
   bool appFilterState() override {
@@ -186,6 +216,36 @@ class XPCClient final : public Client {
   }
 
  private:
+  void connect() {
+    // NSXPCConnectionPrivileged: the framework looks only among the system's services, whose names no user's program
+    // can take.
+    connection_ = [[::NSXPCConnection alloc] initWithMachServiceName:foundation_string(service_)
+                                                             options:NSXPCConnectionPrivileged];
+    [connection_ setRemoteObjectInterface:control_interface()];
+    // After an interruption, the next message would reach a restarted extension, but the messages before the
+    // interruption are lost. So an interruption ends the client.
+    const std::shared_ptr<FirstError> firstError = error_;
+    [connection_ setInterruptionHandler:^{
+      firstError->set(kEnded);
+      firstError->showEnd();
+    }];
+    [connection_ resume];
+    if (firstError->mine() >= 0) canceller_ = std::thread([this] { cancel(); });
+    awaitAnswer(remote());
+    process_ = [connection_ processIdentifier];
+  }
+
+  // The body of canceller_. A call that waits for an answer cannot be cancelled, but it throws when another thread
+  // invalidates the connection. Does that when somebody shuts down descriptor(), or if the first answer does not come.
+  void cancel() {
+    if (!error_->awaitShutdown(FirstError::Clock::now() + kFirstAnswer) && isOpen_)
+      error_->awaitShutdown(FirstError::Clock::time_point::max());
+    if (isEnding_) return;
+    isUnresponsive_ = true;
+    error_->set("it does not answer: restart the Mac");
+    [connection_ invalidate];
+  }
+
   Remote remote() const {
     const std::shared_ptr<FirstError> firstError = error_;
     return [connection_ synchronousRemoteObjectProxyWithErrorHandler:^(::NSError* error) {
@@ -221,9 +281,11 @@ class XPCClient final : public Client {
         error_->set(text_of([exception reason]) + ": give another argument");
       }
     }
-    const std::string error = error_->get();
-    if (!error.empty())
-      throw ClientError(std::string("cannot ") + what + " the extension at " + service_ + ": " + error);
+    std::string error = error_->get();
+    if (error.empty()) return;
+    error = std::string("cannot ") + what + " the extension at " + service_ + ": " + error;
+    if (isUnresponsive_) throw UnresponsiveExtension(error);
+    throw ClientError(error);
   }
 
   template <class Send>
@@ -259,6 +321,8 @@ class XPCClient final : public Client {
   const std::string service_;
   const std::shared_ptr<FirstError> error_ = std::make_shared<FirstError>();
   ::NSXPCConnection* connection_ = nil;
+  std::thread canceller_;
+  std::atomic<bool> isOpen_ = false, isEnding_ = false, isUnresponsive_ = false;
   pid_t process_ = 0;  // the process ID of the extension that gave the first answer; 0 until then
 };
 

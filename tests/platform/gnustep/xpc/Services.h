@@ -13,4 +13,7 @@ void deliver_messages();
 // restarted, but XPC has not reported that yet.
 void break_connections(bool restarted = false);
 
+// The next message with a reply is not answered, until another thread invalidates a connection.
+void hang();
+
 }  // namespace orvane::stand_in

@@ -2,10 +2,12 @@
 
 #include <Block.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <map>
 #include <set>
+#include <thread>
 
 #include "platform/StandIn.h"
 #include "platform/macos/base/Retained.h"
@@ -78,6 +80,8 @@ Services& services() {
   return *shared;
 }
 
+std::atomic<bool> is_hanging = false;
+
 NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain code:code userInfo:nil]; }
 
 }  // namespace
@@ -125,6 +129,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 - (void)invalidate {
   services().clients.erase(self);
+  is_hanging = false;
   if (_peer != nil && _peer->_invalidationHandler != nil) _peer->_invalidationHandler();
 }
 - (id)synchronousRemoteObjectProxyWithErrorHandler:(GSXPCProxyErrorHandler)handler {
@@ -144,6 +149,10 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 }
 - (id)receiverForReply {
   if (![self connect]) return _errorHandler(error_of(NSXPCConnectionInvalid)), nil;
+  if (is_hanging) {
+    while (is_hanging) std::this_thread::yield();
+    return _errorHandler(error_of(NSXPCConnectionInvalid)), nil;
+  }
   orvane::stand_in::deliver_messages();
   if (_peer->_isBroken) _errorHandler(error_of(NSXPCConnectionInterrupted));
   return [_peer receiver];
@@ -221,6 +230,8 @@ void deliver_messages() {
     deliver();
   }
 }
+
+void hang() { is_hanging = true; }
 
 void break_connections(bool restarted) {
   services().messages.clear();

@@ -1,3 +1,6 @@
+#include <poll.h>
+
+#include "companion/client/CallTimeout.h"
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/gnustep/xpc/Services.h"
@@ -111,6 +114,29 @@ TEST_F(XPC, ReportsAnEndDuringACall) {
       EXPECT_NE(failure([&] { client->ping(); }), "") << "restarted: " << restarted << ", later call";
     }
   }
+}
+
+TEST_F(XPC, EndsACallThatIsNotAnswered) {
+  listen(service_);
+  auto client = connect();
+  {
+    CallTimeout limit(std::chrono::milliseconds(1));
+    limit.watch(client->descriptor());
+    stand_in::hang();
+    EXPECT_THROW(client->ping(), UnresponsiveExtension);
+  }
+  stand_in::hang();
+  EXPECT_THROW(connect(), UnresponsiveExtension) << "the first call";
+}
+
+// The keeper waits for the end of its connection with poll(2).
+TEST_F(XPC, ShowsTheEndOfTheConnectionOnTheDescriptor) {
+  listen(service_);
+  auto client = connect();
+  pollfd end{client->descriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&end, 1, 0), 0) << "while it is open";
+  stand_in::break_connections();
+  EXPECT_EQ(poll(&end, 1, 0), 1);
 }
 
 }  // namespace
