@@ -277,7 +277,7 @@ int show(const CommonOptions& options, const Arguments& arguments) { return prin
 int show_locks(const CommonOptions& options, const std::optional<std::string>& name) {
   const auto keeper = keeper_of_list(options, Unreadable::Report);
   if (name && !lock_end(keeper, *name)) find_group(read_list(options.listPath).list, *name);  // throws if it is unknown
-  if (!keeper) throw FileError(std::string("cannot show locks: ") + kNoKeeper);
+  if (!keeper) throw FileError("cannot show locks: " + no_keeper_text(options));
   nlohmann::json locks = nlohmann::json::array();
   for (const auto& state : keeper->groups) {
     if (!state.lockedUntil || (name && state.name != *name)) continue;
@@ -309,7 +309,7 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   if (!end) {
     if (effect.reason.empty())
       effect.reason = effect.isInForce ? "too many groups have a lock or a delay: see journalctl -u orvane-keeper"
-                                       : "no keeper keeps this list: see orvanectl status";
+                                       : no_keeper_text(options);
     print_error("saved, but not locked, because " + effect.reason);
     return kFailed;
   }

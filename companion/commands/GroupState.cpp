@@ -46,9 +46,21 @@ std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadab
 }
 
 std::optional<KeeperState> keeper_of_shown_list(const CommonOptions& options) {
-  auto keeper = keeper_of_list(options);
-  if (!keeper) print_error(std::string("cannot show locks and changes without effect yet: ") + kNoKeeper);
-  return keeper;
+  std::string reason;
+  try {
+    auto keeper = keeper_of_list(options, Unreadable::Report);
+    if (keeper) return keeper;
+    reason = no_keeper_text(options);
+  } catch (const FileError& error) {
+    reason = error.what();
+  }
+  print_error("cannot show locks and changes without effect yet: " + reason);
+  return std::nullopt;
+}
+
+std::string no_keeper_text(const CommonOptions& options) {
+  return options.listPath == kListPath ? "no keeper of this list runs: sudo systemctl start orvane-keeper"
+                                       : "no keeper keeps this list: see orvanectl status";
 }
 
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {

@@ -20,10 +20,11 @@ GroupIndex find_group(const BlockList& list, const std::string& name);
 enum class Unreadable { Ignore, Report };
 std::optional<KeeperState> keeper_of_list(const CommonOptions& options, Unreadable unreadable = Unreadable::Ignore);
 
-// The same, for commands that print the list or its groups. If no keeper keeps the list, prints an error which says
-// that the command cannot show what only the keeper knows.
+// The same, for commands that print the list or its groups. If there is no such state, prints an error which says why
+// the command cannot show what only the keeper knows.
 std::optional<KeeperState> keeper_of_shown_list(const CommonOptions& options);
-inline constexpr const char* kNoKeeper = "no keeper of this list runs: sudo systemctl start orvane-keeper";
+// If keeper_of_list() has found no keeper: says so, and what to do. Starting the service helps only its own list.
+std::string no_keeper_text(const CommonOptions& options);
 
 // The list that is in force, if the keeper holds back changes of the list's file; otherwise nothing.
 std::optional<BlockList> list_in_force(const CommonOptions& options, const std::optional<KeeperState>& keeper);
