@@ -51,8 +51,7 @@ constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two attempts to write the state file. Also the time between two looks at the files while PathWatch
-// cannot watch them.
+// The time between two attempts to write the state file.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
 // The kernel's clocks end in the year 2262, but a suspension may end later. So the keeper's timer for the next end of a
@@ -140,7 +139,7 @@ class Keeper {
   Events wait();
   void attend(const Events& events);
   void lookAtUnwatchedFiles();
-  bool isFileChanged();
+  std::string versions() const;
   bool refreshReadOnlyLists();
   void onFileChange();
   void readList();
@@ -176,7 +175,7 @@ class Keeper {
   ReadOnlyLists readOnlyLists_;
   bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
   PathWatch watch_;               // of all lists and the time zone
-  ListVersion zoneVersion_;       // of the time zone's file, while it cannot be watched
+  std::string versions_;          // versions() when the list was last read
   Timer clock_{CLOCK_REALTIME};
   ListGuard guard_;
   Timer guardTimer_{CLOCK_BOOTTIME};
@@ -204,9 +203,9 @@ class Keeper {
 
 Keeper::Events Keeper::wait() {
   const auto now = Steady::now();
-  Steady::time_point due = std::min(link_.due(), saveGuardAt_);
+  Steady::time_point due = std::min({link_.due(), saveGuardAt_, watch_.lookAt()});
   if (readAt_) due = std::min(due, *readAt_);
-  if (isUnwritable_ || state_.watchError) due = std::min(due, now + kRetryInterval);
+  if (isUnwritable_) due = std::min(due, now + kRetryInterval);
   int timeout = -1;  // wait for an event without a time limit
   if (due != Steady::time_point::max())
     timeout = static_cast<int>(std::max(std::chrono::ceil<std::chrono::milliseconds>(due - now), 0ms).count());
@@ -243,26 +242,22 @@ bool Keeper::refreshReadOnlyLists() {
 
 // While a limit of the system keeps PathWatch from watching all files, finds their changes without it.
 void Keeper::lookAtUnwatchedFiles() {
+  const bool isDue = watch_.isLookDue();
   const bool wasUnwatched = state_.watchError.has_value();
-  if (wasUnwatched) watch_.arm();
   const std::string fault = watch_.fault();
   if (!fault.empty() && !wasUnwatched)
     keeper_log(LogLevel::Warning, "cannot watch all lists, so looks at them every 2 s: " + fault);
   if (fault.empty() && wasUnwatched) keeper_log(LogLevel::Notice, "watches all lists again");
   state_.watchError = fault.empty() ? std::nullopt : std::optional(fault);
-  if (wasUnwatched && isFileChanged()) readList();
+  if (isDue && (versions() != versions_ || refreshReadOnlyLists())) readList();
 }
 
-bool Keeper::isFileChanged() {
+// The versions of the list's file and of the time zone's file; if they cannot be looked at, the error.
+std::string Keeper::versions() const {
   try {
-    ListVersion zone = list_version(kZonePath);
-    if (zone != zoneVersion_) {
-      zoneVersion_ = std::move(zone);
-      return true;
-    }
-    return list_version(state_.listPath) != state_.listVersion || refreshReadOnlyLists();
-  } catch (const FileError&) {
-    return true;  // readList() logs it
+    return list_version(state_.listPath) + " " + list_version(kZonePath);
+  } catch (const FileError& error) {
+    return error.what();
   }
 }
 
@@ -275,6 +270,7 @@ void Keeper::onFileChange() {
 
 void Keeper::readList() {
   changedAt_.reset();
+  versions_ = versions();
   tzset();  // without this call, the process would go on with the old time zone after a change
   refreshReadOnlyLists();
   readAt_ = readOnlyLists_.due();

@@ -51,9 +51,6 @@ constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 // While a fetch goes on, the state with its progress is written at most this often.
 constexpr std::chrono::milliseconds kProgressInterval = 500ms;
 
-// The time between two looks at the files while PathWatch cannot watch them.
-constexpr std::chrono::milliseconds kLookInterval = 2s;
-
 // After this time, a state that could not be written is written again.
 constexpr std::chrono::milliseconds kRetryInterval = 10s;
 
@@ -125,11 +122,11 @@ class Fetcher {
   // How long to wait for an event, in milliseconds.
   int timeout() const {
     std::chrono::milliseconds time(INT_MAX);
-    if (!watchError_.empty()) time = kLookInterval;
     if (!fetches_.empty()) time = kProgressInterval;
     const auto wakeAt = [&](Steady::time_point moment) {
       time = std::min(time, std::chrono::ceil<std::chrono::milliseconds>(moment - Steady::now()));
     };
+    wakeAt(watch_.lookAt());
     if (readAt_) wakeAt(*readAt_);
     if (isChanged_) wakeAt(writeAt_);
     return static_cast<int>(std::max(time, 0ms).count());
@@ -163,13 +160,13 @@ class Fetcher {
 
   // While a limit of the system keeps PathWatch from watching the files, finds their changes without it.
   void lookAtUnwatchedFiles() {
+    const bool isDue = watch_.isLookDue();
     const bool wasUnwatched = !watchError_.empty();
-    if (wasUnwatched) watch_.arm();
     watchError_ = watch_.fault();
     if (!wasUnwatched && !watchError_.empty())
       log(LogLevel::Warning, "cannot watch the subscriptions, so looks at them every 2 s: " + watchError_);
     if (wasUnwatched && watchError_.empty()) log(LogLevel::Notice, "watches the subscriptions again");
-    if (wasUnwatched && versions() != versions_) readFiles();
+    if (isDue && versions() != versions_) readFiles();
   }
 
   // The versions of the files that readFiles() reads; if they cannot be looked at, the error.

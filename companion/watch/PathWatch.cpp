@@ -29,6 +29,8 @@ constexpr uint32_t kEventsWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNOR
 // call of armOne().
 constexpr int kAttempts = 4;
 
+constexpr std::chrono::seconds kLookInterval(2);
+
 // `watched`: the last part of a path, as PathWatch's constructor takes it.
 bool is_watched(std::string_view name, std::string_view watched) {
   if (!watched.starts_with('*')) return name == watched;
@@ -53,6 +55,22 @@ std::string PathWatch::fault() const {
 }
 
 void PathWatch::arm() {
+  watchAll();
+  if (error_ == 0) {
+    lookAt_ = Clock::time_point::max();
+  } else if (lookAt_ == Clock::time_point::max()) {
+    lookAt_ = Clock::now() + kLookInterval;
+  }
+}
+
+bool PathWatch::isLookDue() {
+  if (Clock::now() < lookAt_) return false;
+  lookAt_ = Clock::time_point::max();
+  arm();
+  return true;
+}
+
+void PathWatch::watchAll() {
   error_ = 0;
   if (!inotify_) inotify_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!inotify_) {

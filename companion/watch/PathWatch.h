@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -18,6 +19,8 @@ namespace orvane {
 // system that is mounted over one of these folders, and a change of what a symbolic link in the path leads to.
 class PathWatch {
  public:
+  using Clock = std::chrono::steady_clock;
+
   // `paths`: absolute.
   explicit PathWatch(std::vector<std::string> paths);
 
@@ -36,12 +39,20 @@ class PathWatch {
   // If there was a fault(), tries again.
   void arm();
 
+  // While there is a fault(): whether to look at the files now, because their changes may not be reported. Returns true
+  // at most every two seconds, and calls arm() then. So after a fault has ended, the files are looked at once more.
+  bool isLookDue();
+  // When isLookDue() will return true, unless arm() ends the fault before.
+  Clock::time_point lookAt() const { return lookAt_; }
+
  private:
+  void watchAll();
   void armOne(const std::string& path);
   int watchFolder(const std::filesystem::path& child, uint32_t events);
 
   std::vector<std::string> paths_;
   Descriptor inotify_;
+  Clock::time_point lookAt_ = Clock::time_point::max();
   int error_ = 0;                                              // the errno of a system call that has reached a limit
   std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> names to watch in its folder
 };
