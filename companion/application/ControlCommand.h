@@ -7,12 +7,13 @@
 @interface ControlCommand : NSObject {
  @private
   NSTask* _task;
+  bool _isLate;
   void (^_handler)(int exitCode, NSString* output, NSString* error);
 }
 
 // Starts the program at `path`. Calls the handler on the main thread when the program has ended, with what the program
-// has printed. Ends a program that still runs after `seconds`. If the program cannot be started, calls the handler with
-// the exit code -1 and the reason.
+// has printed. Ends a program that still runs after `seconds`. If the program had to be ended or cannot be started, calls
+// the handler with the exit code -1 and the reason.
 + (void)run:(NSString*)path
     arguments:(NSArray*)arguments
       timeout:(NSTimeInterval)seconds

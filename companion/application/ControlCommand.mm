@@ -45,7 +45,6 @@ NSString* text_of_pipe(NSPipe* pipe) {
       NSString* output = text_of_pipe([_task standardOutput]);
       NSString* error = text_of_pipe([_task standardError]);
       [_task waitUntilExit];
-      if ([_task terminationReason] == NSTaskTerminationReasonUncaughtSignal) error = @"no answer in time";
       result = @[ @([_task terminationStatus]), output, error ];
     } @catch (NSException* exception) {
       result = @[ @(-1), @"", [exception reason] ];
@@ -56,11 +55,13 @@ NSString* text_of_pipe(NSPipe* pipe) {
 
 - (void)finish:(NSArray*)result {
   [NSObject cancelPreviousPerformRequestsWithTarget:self selector:@selector(end) object:nil];
+  if (_isLate) result = @[ @(-1), @"", @"no answer in time" ];
   _handler([[result objectAtIndex:0] intValue], [result objectAtIndex:1], [result objectAtIndex:2]);
 }
 
 - (void)end {
-  if ([_task isRunning]) [_task terminate];
+  _isLate = [_task isRunning];
+  if (_isLate) [_task terminate];
 }
 
 @end
