@@ -365,19 +365,18 @@ std::string read_only_path(const CommonOptions& options, const std::string& name
   throw InputError("no such list: " + in_quotes(name) + ": see orvanectl status");
 }
 
-StoredList read_shown_list(const CommonOptions& options, const Arguments& arguments) {
-  const std::string path =
-      arguments.shownList.empty() ? options.listPath : read_only_path(options, arguments.shownList);
-  StoredList stored = read_list(path);
+BlockList read_shown_list(const CommonOptions& options, const Arguments& arguments) {
   if (arguments.shownList.empty()) {
-    report_bad_lines(stored.list.badLines(), stored.list.badLines().size(), path);
-  } else {
-    const bool isFetched = path.starts_with(options.subscriptionsPath + "/");
-    const ListKind kind = isFetched ? ListKind::Subscription : ListKind::DropIn;
-    const ReadOnlyList list = ReadOnlyList::parse(read_list_text(path), kind);
-    report_bad_lines(list.badLines, list.badLineCount, path);
+    BlockList list = read_list(options.listPath).list;
+    report_bad_lines(list.badLines(), list.badLines().size(), options.listPath);
+    return list;
   }
-  return stored;
+  const std::string path = read_only_path(options, arguments.shownList);
+  const std::string text = read_list_text(path);
+  const bool isFetched = path.starts_with(options.subscriptionsPath + "/");
+  const auto list = ReadOnlyList::parse(text, isFetched ? ListKind::Subscription : ListKind::DropIn);
+  report_bad_lines(list.badLines, list.badLineCount, path);
+  return BlockList::parse(text);
 }
 
 // The sites and settings of one group.
@@ -393,10 +392,10 @@ BlockList part_of(const BlockList& list, GroupIndex group) {
 // Reads the part of the list that the command line asks for. Reports the bad lines of the whole list.
 // `mayBeGone`: the list need not have the group.
 BlockList read_and_report(const CommonOptions& options, const Arguments& arguments, bool mayBeGone = false) {
-  StoredList stored = read_shown_list(options, arguments);
-  if (!arguments.shownGroup) return std::move(stored.list);
-  if (mayBeGone && !stored.list.findGroup(*arguments.shownGroup)) return {};
-  return part_of(stored.list, find_group(stored.list, *arguments.shownGroup));
+  BlockList list = read_shown_list(options, arguments);
+  if (!arguments.shownGroup) return list;
+  if (mayBeGone && !list.findGroup(*arguments.shownGroup)) return {};
+  return part_of(list, find_group(list, *arguments.shownGroup));
 }
 
 void print_lists_beside(const std::optional<KeeperState>& keeper) {
