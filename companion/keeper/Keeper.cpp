@@ -139,7 +139,7 @@ class Keeper {
   Events wait();
   void attend(const Events& events);
   void lookAtUnwatchedFiles();
-  std::string versions() const;
+  std::string versions() const { return list_versions({state_.listPath, kZonePath}); }
   bool refreshReadOnlyLists();
   void onFileChange();
   void readList();
@@ -243,22 +243,11 @@ bool Keeper::refreshReadOnlyLists() {
 // While a limit of the system keeps PathWatch from watching all files, finds their changes without it.
 void Keeper::lookAtUnwatchedFiles() {
   const bool isDue = watch_.isLookDue();
-  const bool wasUnwatched = state_.watchError.has_value();
+  if (const auto news = watch_.news("all lists"))
+    keeper_log(news->isFault ? LogLevel::Warning : LogLevel::Notice, news->text);
   const std::string fault = watch_.fault();
-  if (!fault.empty() && !wasUnwatched)
-    keeper_log(LogLevel::Warning, "cannot watch all lists, so looks at them every 2 s: " + fault);
-  if (fault.empty() && wasUnwatched) keeper_log(LogLevel::Notice, "watches all lists again");
   state_.watchError = fault.empty() ? std::nullopt : std::optional(fault);
   if (isDue && (versions() != versions_ || refreshReadOnlyLists())) readList();
-}
-
-// The versions of the list's file and of the time zone's file; if they cannot be looked at, the error.
-std::string Keeper::versions() const {
-  try {
-    return list_version(state_.listPath) + " " + list_version(kZonePath);
-  } catch (const FileError& error) {
-    return error.what();
-  }
 }
 
 void Keeper::onFileChange() {

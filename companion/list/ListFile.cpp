@@ -225,6 +225,16 @@ ListVersion list_version(const std::string& path) {
   return current_version(open_folder(place), place);
 }
 
+std::string list_versions(std::initializer_list<std::string> paths) {
+  std::string versions;
+  try {
+    for (const std::string& path : paths) versions.append(list_version(path)).append(" ");
+  } catch (const FileError& error) {
+    return error.what();
+  }
+  return versions;
+}
+
 std::string read_list_text(const std::string& path) {
   const Place place = place_of(path);
   return read_file(open_folder(place), place).text;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,6 +35,9 @@ ListFileContent read_list_file(const std::string& path);
 
 // The file's current version. Throws FileError if the folder cannot be read.
 ListVersion list_version(const std::string& path);
+
+// A text that changes when one of these files changes: their versions, or why one of them cannot be looked at.
+std::string list_versions(std::initializer_list<std::string> paths);
 
 // Reads the list, calls `edit`, and writes the list back if `edit` returns true. Returns the file's version afterwards.
 //

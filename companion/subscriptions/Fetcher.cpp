@@ -161,22 +161,13 @@ class Fetcher {
   // While a limit of the system keeps PathWatch from watching the files, finds their changes without it.
   void lookAtUnwatchedFiles() {
     const bool isDue = watch_.isLookDue();
-    const bool wasUnwatched = !watchError_.empty();
-    watchError_ = watch_.fault();
-    if (!wasUnwatched && !watchError_.empty())
-      log(LogLevel::Warning, "cannot watch the subscriptions, so looks at them every 2 s: " + watchError_);
-    if (wasUnwatched && watchError_.empty()) log(LogLevel::Notice, "watches the subscriptions again");
+    if (const auto news = watch_.news("the subscriptions"))
+      log(news->isFault ? LogLevel::Warning : LogLevel::Notice, news->text);
     if (isDue && versions() != versions_) readFiles();
   }
 
-  // The versions of the files that readFiles() reads; if they cannot be looked at, the error.
-  std::string versions() const {
-    try {
-      return list_version(subscriptionsPath_) + " " + list_version(requestsPath_);
-    } catch (const FileError& error) {
-      return error.what();
-    }
-  }
+  // The versions of the files that readFiles() reads.
+  std::string versions() const { return list_versions({subscriptionsPath_, requestsPath_}); }
 
   void readFiles() {
     readAt_.reset();
@@ -420,7 +411,7 @@ class Fetcher {
   const Descriptor lock_;
   const std::string subscriptionsPath_, requestsPath_;
   PathWatch watch_;
-  std::string watchError_, versions_;  // watch_.fault() as last logged; versions() when the files were last read
+  std::string versions_;  // versions() when the files were last read
   Timer timer_;
   std::unique_ptr<CURLM, FreeHandles> handles_;
   std::mt19937_64 random_{std::random_device{}()};

@@ -54,6 +54,13 @@ std::string PathWatch::fault() const {
   }
 }
 
+std::optional<PathWatch::News> PathWatch::news(const std::string& files) {
+  const bool isFault = error_ != 0;
+  if (std::exchange(isFaultTold_, isFault) == isFault) return std::nullopt;
+  if (!isFault) return News{false, "watches " + files + " again"};
+  return News{true, "cannot watch " + files + ", so looks at them every 2 s: " + fault()};
+}
+
 void PathWatch::arm() {
   watchAll();
   if (error_ == 0) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -30,6 +31,13 @@ class PathWatch {
   // Why changes of some files are not reported, for people: usually a limit of the system. Empty if nothing is wrong.
   std::string fault() const;
 
+  // If a fault has begun or ended since the last call: what to log. `files`: words for the paths, as in "all lists".
+  struct News {
+    bool isFault;
+    std::string text;
+  };
+  std::optional<News> news(const std::string& files);
+
   // Reads the events that fit in a buffer, but not all pending events, because other processes may cause events without
   // a pause. Returns true, and calls arm(), if an event concerned one of the files (each write is an event) or a
   // watched folder itself, or if the kernel has discarded events.
@@ -53,6 +61,7 @@ class PathWatch {
   std::vector<std::string> paths_;
   Descriptor inotify_;
   Clock::time_point lookAt_ = Clock::time_point::max();
+  bool isFaultTold_ = false;                                   // by news()
   int error_ = 0;                                              // the errno of a system call that has reached a limit
   std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> names to watch in its folder
 };
