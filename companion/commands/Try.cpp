@@ -174,6 +174,7 @@ class Trial {
     auto inForce = list_in_force(options, ofList);
     list_ = inForce ? *std::move(inForce) : std::move(stored.list);
     groups_ = states_of_groups(list_, ofList, now_);
+    states_ = in_force(groups_);
     beside_.emplace(ofList);
     delivery_ = delivery_of(stored.version, keeper_, extension);
     const auto unrecognised = recognition_fault(options.client);
@@ -183,10 +184,9 @@ class Trial {
   }
 
   Answer answer(const std::string& host) {
-    const GroupStates states = in_force(groups_);
-    const Decision decision = decide(list_, host, now_, states);
+    const Decision decision = decide(list_, host, now_, states_);
     const std::vector<ListPart> parts = beside_->partsAbout(host);
-    const bool isBlocked = parts.empty() ? decision.isBlocked() : is_blocked(list_, parts, host, now_, states);
+    const bool isBlocked = parts.empty() ? decision.isBlocked() : is_blocked(list_, parts, host, now_, states_);
     const Verdict verdict = verdict_of(isBlocked, delivery_.state);
     BesideDecision beside;
     if (!parts.empty()) beside = decide_beside(list_, parts, host, decision, isBlocked, verdict);
@@ -229,6 +229,7 @@ class Trial {
   std::optional<KeeperState> keeper_;
   BlockList list_;
   std::vector<KeeperState::GroupState> groups_;
+  GroupStates states_;
   std::optional<ListsBeside> beside_;
   Delivery delivery_{};
   std::map<Verdict, std::vector<std::string>> reasons_;

@@ -31,10 +31,10 @@ std::string lines_with(std::string_view text, std::string_view part) {
 std::optional<LineBeside> find_line(const std::vector<ListPart>& parts, Rank rank, bool isException,
                                     const std::string& host) {
   for (const ListPart& part : parts) {
-    if (part.list.rank() != rank) continue;
-    for (const auto& section : part.list.sections) {
+    if (part.list->rank() != rank) continue;
+    for (const auto& section : part.list->sections) {
       const auto find = [&](std::string_view site, Scope scope) -> std::optional<LineBeside> {
-        LineBeside line{part.path, part.list.kind, rank, {std::string(site), scope, {}}};
+        LineBeside line{part.path, part.list->kind, rank, {std::string(site), scope, {}}};
         return section.names.contains(name_of(line.site)) ? std::optional(std::move(line)) : std::nullopt;
       };
       if (!isException) {
@@ -67,7 +67,7 @@ bool is_blocked(const BlockList& list, const std::vector<ListPart>& parts, const
   std::erase_if(suspended, [&](const auto& entry) { return own.contains(entry.first); });
   std::vector<RankedNames> lists{{Rank::Own, &own}};
   for (const ListPart& part : parts) {
-    for (const auto& section : part.list.sections) lists.push_back({part.list.rank(), &section.names});
+    for (const auto& section : part.list->sections) lists.push_back({part.list->rank(), &section.names});
   }
   const std::vector<std::string> sent = unite(lists, suspended);
   const auto isSent = [&](const std::string& name) { return std::binary_search(sent.begin(), sent.end(), name); };
@@ -89,8 +89,14 @@ ListsBeside::ListsBeside(const std::optional<KeeperState>& keeper) {
   for (const auto& group : keeper->groups) groups_[group.name] = group.isInForce;
   for (const auto& list : keeper->readOnlyLists) {
     if (list.isInForce)
-      files_.push_back({list.path, list.isDropIn ? ListKind::DropIn : ListKind::Subscription, std::nullopt});
+      files_.push_back({list.path, list.isDropIn ? ListKind::DropIn : ListKind::Subscription, {}, {}});
   }
+}
+
+std::shared_ptr<const ReadOnlyList> ListsBeside::parse(std::string_view text, ListKind kind) const {
+  auto list = std::make_shared<ReadOnlyList>(ReadOnlyList::parse(text, kind));
+  std::erase_if(list->sections, [&](const auto& section) { return !list->isInForce(section, groups_); });
+  return list;
 }
 
 std::vector<ListPart> ListsBeside::partsAbout(const std::string& host) {
@@ -104,11 +110,12 @@ std::vector<ListPart> ListsBeside::partsAbout(const std::string& host) {
       print_error(error.what());
       file.text.emplace();
     }
-    const bool isFetched = file.kind == ListKind::Subscription;
-    const std::string lines = isFetched ? lines_with(*file.text, covering.back()) : *file.text;
-    parts.push_back({file.path, ReadOnlyList::parse(lines, file.kind)});
-    ReadOnlyList& list = parts.back().list;
-    std::erase_if(list.sections, [&](const auto& section) { return !list.isInForce(section, groups_); });
+    if (file.kind == ListKind::Subscription) {
+      parts.push_back({file.path, parse(lines_with(*file.text, covering.back()), file.kind)});
+    } else {
+      if (!file.whole) file.whole = parse(*file.text, file.kind);
+      parts.push_back({file.path, file.whole});
+    }
   }
   return parts;
 }

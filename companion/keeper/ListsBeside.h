@@ -1,6 +1,7 @@
 #pragma once
 
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ struct LineBeside {
 // registrable domain and about hosts below this domain.
 struct ListPart {
   std::string path;
-  ReadOnlyList list;  // only the sections that are in force
+  std::shared_ptr<const ReadOnlyList> list;  // only the sections that are in force
 };
 
 // The line of the lists of this rank that decides about the host: one that blocks it, or an exception for it.
@@ -53,7 +54,10 @@ class ListsBeside {
     std::string path;
     ListKind kind;
     std::optional<std::string> text;
+    std::shared_ptr<const ReadOnlyList> whole;  // of a drop-in
   };
+  std::shared_ptr<const ReadOnlyList> parse(std::string_view text, ListKind kind) const;
+
   std::deque<File> files_;
   ReadOnlyList::GroupsInForce groups_;
 };
