@@ -2,59 +2,51 @@
 
 #include <Block.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "platform/files/Files.h"
 
 extern "C" char** environ;
 
 namespace {
 
-// The ends of a pipe. A program that this process starts inherits neither of them.
-struct Pipe {
-  int from = -1, to = -1;
-
-  Pipe() {
-    int ends[2];
-    if (pipe(ends) != 0) return;
-    from = ends[0], to = ends[1];
-    for (int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
-  }
-  ~Pipe() {
-    close(from);
-    close(to);
-  }
-  Pipe(const Pipe&) = delete;
-  Pipe& operator=(const Pipe&) = delete;
+struct CloseFile {
+  void operator()(std::FILE* file) const { std::fclose(file); }
 };
+// A file without a name, for what a program prints. With two pipes, the program and this process could wait for each
+// other forever.
+using Output = std::unique_ptr<std::FILE, CloseFile>;
 
-// Reads both pipes to their ends, at the same time, because a program waits while a pipe is full.
-void read_both(const std::array<int, 2>& files, const std::array<std::string*, 2>& texts) {
-  std::array<pollfd, 2> open{{{files[0], POLLIN, 0}, {files[1], POLLIN, 0}}};
-  while (open[0].fd >= 0 || open[1].fd >= 0) {
-    if (poll(open.data(), open.size(), -1) < 0 && errno != EINTR) return;
-    for (size_t i = 0; i < open.size(); ++i) {
-      if (open[i].fd < 0 || open[i].revents == 0) continue;
-      char bytes[4096];
-      const ssize_t count = read(open[i].fd, bytes, sizeof bytes);
-      if (count > 0) texts[i]->append(bytes, static_cast<size_t>(count));
-      if (count == 0 || (count < 0 && errno != EINTR)) open[i].fd = -1;
-    }
-  }
+NSString* text_in(const Output& output) {
+  lseek(fileno(output.get()), 0, SEEK_SET);
+  NSString* text = @(orvane::read_up_to(fileno(output.get()), SIZE_MAX).value_or("").c_str());
+  return text != nil ? text : @"";
 }
 
-NSString* string_of(const std::string& text) {
-  NSString* string = [NSString stringWithUTF8String:text.c_str()];
-  return string != nil ? string : @"";
+// Returns 0, or an error number.
+int spawn(NSArray* arguments, const Output& output, const Output& error, pid_t* process) {
+  std::vector<char*> words;
+  for (NSString* word in arguments) words.push_back(const_cast<char*>([word UTF8String]));
+  words.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, fileno(output.get()), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, fileno(error.get()), STDERR_FILENO);
+  const int fault = posix_spawn(process, words[0], &actions, nullptr, words.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return fault;
 }
 
 }  // namespace
@@ -79,39 +71,22 @@ NSString* string_of(const std::string& text) {
   [super dealloc];
 }
 
-// Runs on a thread of its own, because reading waits until the process has ended. NSTask is not used, because two
-// threads cannot safely wait for one task in GNUstep.
+// Runs on a thread of its own, because it waits until the process has ended. NSTask is not used, because two threads
+// cannot safely wait for one task in GNUstep.
 - (void)work {
   @autoreleasepool {
-    std::vector<char*> words;
-    for (NSString* word in _words) words.push_back(const_cast<char*>([word UTF8String]));
-    words.push_back(nullptr);
-    std::string output, error;
-    int fault = 0;
-    {
-      Pipe out, err;
-      posix_spawn_file_actions_t actions;
-      posix_spawn_file_actions_init(&actions);
-      posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-      posix_spawn_file_actions_adddup2(&actions, out.to, STDOUT_FILENO);
-      posix_spawn_file_actions_adddup2(&actions, err.to, STDERR_FILENO);
-      pid_t process = 0;
-      fault = posix_spawn(&process, words[0], &actions, nullptr, words.data(), environ);
-      posix_spawn_file_actions_destroy(&actions);
-      if (fault == 0) {
-        _process = process;
-        close(std::exchange(out.to, -1));
-        close(std::exchange(err.to, -1));
-        read_both({out.from, err.from}, {&output, &error});
-        // The process number stays in use until finish: calls waitpid(2), so end cannot kill another process.
-        siginfo_t info;
-        while (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) continue;
-      }
+    const Output output(std::tmpfile()), error(std::tmpfile());
+    pid_t process = 0;
+    const int fault = output && error ? spawn(_words, output, error, &process) : errno;
+    NSArray* texts = @[ @"", @(std::strerror(fault)) ];
+    if (fault == 0) {
+      _process = process;
+      // The process number stays in use until finish: calls waitpid(2), so end cannot kill another process.
+      siginfo_t info;
+      while (waitid(P_PID, static_cast<id_t>(process), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) continue;
+      texts = @[ text_in(output), text_in(error) ];
     }
-    if (fault != 0) error = std::strerror(fault);
-    [self performSelectorOnMainThread:@selector(finish:)
-                           withObject:@[ string_of(output), string_of(error) ]
-                        waitUntilDone:NO];
+    [self performSelectorOnMainThread:@selector(finish:) withObject:texts waitUntilDone:NO];
   }
 }
 
