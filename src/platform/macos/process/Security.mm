@@ -61,6 +61,21 @@ Ref<Number> pid_in(const Dictionary* attributes) {
   return Ref<Number>::retained(from_native<Number>(CFDictionaryGetValue(dictionary, kSecGuestAttributePid)));
 }
 
+// The status and the output of a function of the framework. Calls `keep` with the object if the function has succeeded.
+template <class Object, class Native, class Keep>
+IdentityAnswers::Result<Object> result_of(OSStatus status, Native found, Keep keep) {
+  auto object = Ref<Object>::adopt(from_native<Object>(found));
+  if (status == errSecSuccess && object) keep(object.get());
+  return {status, std::move(object)};
+}
+
+// Passes a result to the caller of one of the functions below.
+template <class Object>
+OSStatus give(IdentityAnswers::Result<Object> result, Object** output) {
+  *output = result.object.detach();
+  return result.status;
+}
+
 std::string text_of_string(CFTypeRef string) { return text_of(static_cast<::NSString*>(string)); }
 
 }  // namespace
@@ -107,40 +122,35 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attribu
   if (token) {
     if (Ref<SecCode> kept = cache().find(*token)) return *guest = kept.detach(), errSecSuccess;
   }
-  const auto find = [&]() -> IdentityAnswers::Result<SecCode> {
+  const auto find = [&] {
     SecCodeRef found = nullptr;
     const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
                                                              to_native<CFDictionaryRef>(attributes), flags, &found);
-    if (token && status == errSecSuccess && found != nullptr) cache().keep(*token, from_native<SecCode>(found));
-    return {status, Ref<SecCode>::adopt(from_native<SecCode>(found))};
+    return result_of<SecCode>(status, found, [&](SecCode* code) {
+      if (token) cache().keep(*token, code);
+    });
   };
-  auto found = IdentityAnswers::guest(token ? Value::data(*token) : Value(nullptr), pid_in(attributes), find);
-  *guest = found.object.detach();
-  return found.status;
+  return give(IdentityAnswers::guest(token ? Value::data(*token) : Value(nullptr), pid_in(attributes), find), guest);
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode) {
   if (Ref<SecStaticCode> kept = cache().find(code)) return *staticCode = kept.detach(), errSecSuccess;
-  auto found = IdentityAnswers::staticCode(code, [&]() -> IdentityAnswers::Result<SecStaticCode> {
-    SecStaticCodeRef made = nullptr;
-    const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &made);
-    if (status == errSecSuccess && made != nullptr) cache().keep(code, from_native<SecStaticCode>(made));
-    return {status, Ref<SecStaticCode>::adopt(from_native<SecStaticCode>(made))};
-  });
-  *staticCode = found.object.detach();
-  return found.status;
+  const auto find = [&] {
+    SecStaticCodeRef found = nullptr;
+    const OSStatus status = ::SecCodeCopyStaticCode(to_native<SecCodeRef>(code), flags, &found);
+    return result_of<SecStaticCode>(status, found, [&](SecStaticCode* made) { cache().keep(code, made); });
+  };
+  return give(IdentityAnswers::staticCode(code, find), staticCode);
 }
 
 OSStatus SecCodeCopySigningInformation(SecStaticCode* code, uint32_t flags, Dictionary** information) {
   if (Ref<Dictionary> kept = cache().find(code)) return *information = kept.detach(), errSecSuccess;
-  auto found = IdentityAnswers::information(code, [&]() -> IdentityAnswers::Result<Dictionary> {
-    CFDictionaryRef made = nullptr;
-    const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &made);
-    if (status == errSecSuccess && made != nullptr) cache().keep(code, from_native<Dictionary>(made));
-    return {status, Ref<Dictionary>::adopt(from_native<Dictionary>(made))};
-  });
-  *information = found.object.detach();
-  return found.status;
+  const auto find = [&] {
+    CFDictionaryRef found = nullptr;
+    const OSStatus status = ::SecCodeCopySigningInformation(to_native<SecStaticCodeRef>(code), flags, &found);
+    return result_of<Dictionary>(status, found, [&](Dictionary* made) { cache().keep(code, made); });
+  };
+  return give(IdentityAnswers::information(code, find), information);
 }
 
 OSStatus SecCodeCopyPath(SecStaticCode* code, uint32_t flags, CodeURL** path) {
