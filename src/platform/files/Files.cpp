@@ -25,7 +25,7 @@ bool write_all(int file, std::string_view text) {
 }
 
 std::optional<std::string> read_up_to(int file, size_t limit, size_t probableSize) {
-  // With room for one byte more than the file has, the second read(2) finds the end, and no third is necessary.
+  // One byte more than the file has, so that the read(2) which finds the end needs no larger buffer.
   const size_t firstChunk = std::max<size_t>(4096, probableSize + 1);
   std::string bytes;
   size_t length = 0;
