@@ -17,7 +17,8 @@
 
 #include "platform/files/Files.h"
 
-extern "C" char** environ;
+// macOS does not declare it.
+extern "C" char** environ;  // NOLINT(readability-redundant-declaration)
 
 namespace {
 
