@@ -179,8 +179,8 @@ std::vector<SiteHeldBack> find_what_holds_back(const CommonOptions& options, con
   return results;
 }
 
-// If the command lets a host pass: says which read-only list blocks it all the same. Does this only for a few changes,
-// because it searches all lists for each of them.
+// Adds to the outcome of each change that lets a host pass which read-only list still blocks the host. If there are
+// many changes, does nothing, because it would search all lists for each of them.
 void note_lists_beside(std::vector<Change>& changes, const std::optional<KeeperState>& keeper) {
   constexpr size_t kMostNoted = 20;
   if (changes.size() > kMostNoted) return;

@@ -194,7 +194,7 @@ class Trial {
     return {host, verdict, std::move(beside.text), lineMembers(decision, beside.line)};
   }
 
-  // What concerns every host with this verdict.
+  // The reasons that are the same for all hosts with this verdict.
   const std::vector<std::string>& reasonsFor(Verdict verdict) {
     std::vector<std::string>& reasons = reasons_[verdict];
     if (!reasons.empty()) return reasons;

@@ -70,7 +70,8 @@ std::vector<std::string> ReadOnlyLists::paths() const {
   return paths;
 }
 
-// Adds the entries of the folder's files to `found`. If the folder cannot be read, these are the entries as they were.
+// Moves the entries of the folder's files to `found`, and makes entries for new files. If the folder cannot be read,
+// moves the entries that it had when it was last read.
 void ReadOnlyLists::findFiles(Folder& folder, std::vector<Entry>& found) {
   const std::string errorBefore = std::exchange(folder.error, "");
   std::vector<std::string> names;

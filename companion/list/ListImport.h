@@ -43,12 +43,13 @@ struct ImportedSites {
 // Called for each rejected line or name, with the line's number (counted from 1), the text, and a message that says
 // what is wrong and what to do.
 using ImportRejection = std::function<void(size_t line, std::string_view text, const std::string& fault)>;
-// A rejected line, and the errors that commands print for the rejected lines of a text: for the first kMostPrinted of
-// them, and how many more there are of all `count`. `outcome`: "not imported"; `source`: the name of the text.
 struct RejectedLine {
   size_t line;
   std::string text, fault;
 };
+// The errors that a command prints for the rejected lines of a text: one for each of the first kMostPrinted, then one
+// with the number of the others. `lines` has at least the lines that are printed; `count` is the number of all rejected
+// lines. `outcome`: what the command did with them, such as "not imported"; `source`: the name of the text.
 inline constexpr size_t kMostPrinted = 20;
 std::vector<std::string> rejection_texts(const std::string& outcome, const std::string& source,
                                          const std::vector<RejectedLine>& lines, size_t count);

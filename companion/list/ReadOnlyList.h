@@ -47,9 +47,10 @@ struct ReadOnlyList {
   Rank rank() const { return kind == ListKind::DropIn && !isSuspendable ? Rank::Fixed : Rank::Open; }
   size_t size() const;  // the number of names
 
-  // Whether the section's names are in force. `groups` says of each group of the machine's list whether it is in force.
-  // Sections of other groups are always in force, and so are those of a list of the rank Fixed, because the members of
-  // the group orvane may change the groups of the machine's list.
+  // Whether the section's names are in force: true unless the section's group is a group of the machine's list that is
+  // not in force. `groups` says of each group of the machine's list whether it is in force. In a list of the rank
+  // Fixed, all sections are always in force: members of the user group orvane may change the groups of the machine's
+  // list, but must not switch off such a list.
   using GroupsInForce = std::map<std::string, bool, std::less<>>;
   bool isInForce(const Section& section, const GroupsInForce& groups) const;
 };

@@ -16,17 +16,16 @@ struct RankedNames {
   const PackedNames* names;
 };
 
-// The names that the extension must hold so that all lists are in force: each once, sorted. The extension would apply
-// an exception to the names of all lists. So some names are left out:
+// The names that the extension must hold so that all lists are in force: each once, sorted.
 //
-//   case                                        left out
-//   an exception would unblock the host of a    the exception, and the names of its own rank and of lower ranks that
-//   name of a higher rank, or another host      are the exception's host or below it
-//   that this name covers
-//   a site of the machine's list is suspended   the names of lower ranks that are the site's host or below it
+// - If an exception would unblock a host that a name of a higher rank covers, the function leaves the exception out,
+//   because the extension would apply it to the names of all lists. In its place, the function leaves out the names of
+//   the exception's own rank and of lower ranks that are the exception's host or below it. Names above this host stay,
+//   and so still block it.
+// - If a site of the machine's list is suspended, the function leaves out the names of lower ranks that are the site's
+//   host or below it. Otherwise these names would block the host during the suspension.
 //
-// In the first case of the table, a name above the exception's host stays, so it still blocks this host. `suspended`:
-// HeldNames::suspended of the machine's list.
+// `suspended`: HeldNames::suspended of the machine's list.
 std::vector<std::string> unite(std::span<const RankedNames> lists,
                                const std::vector<std::pair<std::string, Moment>>& suspended);
 

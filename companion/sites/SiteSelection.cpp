@@ -179,8 +179,9 @@ FindSites sites_on_list(const std::vector<ListedSite>& given, const std::string&
   };
 }
 
-// Finds the sites that a file names in one of the forms that import reads. If the list has a host as a line of the file
-// writes it, the line names this host; otherwise it names the host that import would put on the list.
+// Finds the sites that a file names in one of the forms that import reads. Import changes some hosts: it removes
+// "www.", for example. If the unchanged host of a line is on the list, the line names this host; otherwise it names the
+// changed one.
 FindSites sites_of_file(const std::string& file, bool exceptions) {
   const std::string source = file == "-" ? "standard input" : in_quotes(file);
   return [=, text = read_input(file)](const BlockList& list, GroupIndex group, std::vector<std::string>& notes) {

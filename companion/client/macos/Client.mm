@@ -236,7 +236,8 @@ class XPCClient final : public Client {
   }
 
   // The body of canceller_. A call that waits for an answer cannot be cancelled, but it throws when another thread
-  // invalidates the connection. Does that when somebody shuts down descriptor(), or if the first answer does not come.
+  // invalidates the connection. This thread does so when somebody shuts down descriptor(), or if the first answer does
+  // not come.
   void cancel() {
     if (!error_->awaitShutdown(FirstError::Clock::now() + kFirstAnswer) && isOpen_)
       error_->awaitShutdown(FirstError::Clock::time_point::max());
