@@ -21,7 +21,7 @@ TEST(Hostname, TakesTheHostOfPastedText) {
       {"HTTP://[::1]:80/", "[::1]:80", ""},  // refused as an IP address later
       {"a.example:443", "a.example:443", ""},
       {"a.example:443/b", "a.example", "443"},
-      {"https://", "https://", ""},  // these four are refused later
+      {"https://", "https://", ""},  // the rest are refused later
       {"file:///etc", "file:///etc", ""},
       {"http:a.example/b", "http:a.example/b", ""},
       {"http:/a.example", "http:/a.example", ""},
