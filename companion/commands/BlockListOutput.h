@@ -39,8 +39,8 @@ void print_file(const BlockList& list, const ListInForce* inForce, Moment now); 
 void print_hosts(const BlockList& list);                                          // without the exceptions
 void print_sites_json(const BlockList& list, const ListInForce* inForce, Moment now);
 
-// Prints one error for each of these malformed lines of a list's file, and one for the others of all `count` such
-// lines.
+// Prints an error for each of these malformed lines of a list's file. `count` is the number of all malformed lines of
+// the file; if it is larger, a last error says how many more there are.
 void report_bad_lines(const std::vector<BlockList::BadLine>& lines, size_t count, const std::string& path);
 
 }  // namespace orvane

@@ -338,9 +338,9 @@ class Fetcher {
     isChanged_ = true;
   }
 
-  // Writes the state that counts if the process dies while it reads the fetched copy, or before the state of this copy
-  // is written: the fetch has failed, so it is not repeated at once; and because the version of the copy in force is
-  // unknown, the next fetch gets the whole list. Throws FileError.
+  // Writes a state in which the fetch has failed. This state stays if the process dies before it has read the fetched
+  // copy and written the copy's state. The service then does not repeat the fetch at once. The state does not say which
+  // version the copy in force has, so the next fetch gets the whole list. Throws FileError.
   void writeUnfinished(const std::string& name) const {
     FetcherState unfinished = state_;
     SubscriptionState& state = *unfinished.find(name);
