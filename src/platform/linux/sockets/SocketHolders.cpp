@@ -41,9 +41,9 @@ class SocketCache {
 
   void put(std::string_view link, pid_t process, int descriptor) {
     if (locations_.size() >= kLocationLimit) {
-      // A complete scan of a process records the location of every socket that the process holds, so the process did
-      // not hold a socket without a recorded location. After the locations are cleared, this conclusion would be wrong,
-      // so no earlier scan counts as complete any more.
+      // A complete scan of a process records the location of every socket that the process holds. So if a socket has no
+      // recorded location, the scanned process did not hold it. After the locations are cleared, this conclusion would
+      // be wrong, so no earlier scan counts as complete any more.
       locations_.clear();
       for (auto& [pid, scan] : scans_) scan.isComplete = false;
       ++generation_;
@@ -201,8 +201,8 @@ class Search {
   // these processes opened the socket.
   ProcessInformation topmost(ProcessInformation holder) {
     while (auto parent = ProcessInformation::open(holder.parent())) {
-      // If no scan saw the socket before this search, an earlier scan of the parent can show that the child opened the
-      // socket.
+      // Avoids reading the parent's descriptors. If no scan saw the socket before this search, but the parent was
+      // scanned after its child had started, the child did not inherit the socket, so it opened the socket itself.
       if ((isNew_ && cache_.wasScannedSince(*parent, holder)) || !holds(*parent)) break;
       holder = std::move(*parent);
     }
