@@ -86,6 +86,7 @@ class Keeper {
         guardPath_(options.guardPath),
         lock_(std::move(lock)),
         metrics_(options.statePath),
+        shutdown_(filesForOthers()),
         readOnlyLists_(options.dropInsPath, options.subscriptionsPath),
         watch_(pathsToWatch(options.listPath)),
         link_(options.client, state_) {
@@ -116,9 +117,7 @@ class Keeper {
     }
     if (guard_.due()) saveGuard();
     sd_notify(0, "STOPPING=1\nSTATUS=Ending");
-    if (lock_) unlink(statePath_.c_str());
-    metrics_.remove();
-    if (!listInForce_.empty()) unlink(list_in_force_path(statePath_).c_str());
+    shutdown_.removeFiles();
   }
 
  private:
@@ -127,6 +126,11 @@ class Keeper {
     paths.push_back(absolute(listPath));
     paths.emplace_back(kZonePath);
     return paths;
+  }
+  // What this keeper writes for others as long as it runs.
+  std::vector<std::string> filesForOthers() const {
+    if (!lock_) return {};
+    return {statePath_, metrics_.path(), list_in_force_path(statePath_)};
   }
   const HeldNames* known() const { return isKnown_ ? &list_ : nullptr; }
 
@@ -165,15 +169,15 @@ class Keeper {
 
   const std::string statePath_, guardPath_;
   const Descriptor lock_;  // empty if the state file's folder does not exist
+  MetricsFile metrics_;
   ShutdownRequest shutdown_;
   KeeperState state_;
   nlohmann::json writtenState_;  // as last written
-  MetricsFile metrics_;
   std::string status_;
-  bool isUnwritable_ = false;
 
   ReadOnlyLists readOnlyLists_;
   bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
+  bool isUnwritable_ = false;     // the state file could not be written
   PathWatch watch_;               // of all lists and the time zone
   std::string versions_;          // versions() when the list was last read
   Timer clock_{CLOCK_REALTIME};

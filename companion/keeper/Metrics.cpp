@@ -1,7 +1,5 @@
 #include "companion/keeper/Metrics.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <functional>
 #include <utility>
@@ -126,10 +124,6 @@ void MetricsFile::write(const KeeperState& state) {
     keeper_log(LogLevel::Warning, "cannot write: " + in_quotes(path_) + ": " + error.message());
   isFaultLogged_ = static_cast<bool>(error);
   if (!error) text_ = std::move(text);
-}
-
-void MetricsFile::remove() const {
-  if (!text_.empty()) unlink(path_.c_str());
 }
 
 }  // namespace orvane

@@ -14,9 +14,10 @@ class MetricsFile {
  public:
   explicit MetricsFile(const std::string& statePath);
 
+  const std::string& path() const { return path_; }
+
   // Replaces the file if its text changes. Logs the first failure.
   void write(const KeeperState& state);
-  void remove() const;
 
  private:
   const std::string path_;

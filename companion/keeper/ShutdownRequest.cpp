@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <utility>
 
 namespace orvane {
 namespace {
@@ -17,10 +18,17 @@ constexpr int kSignals[] = {SIGTERM, SIGINT, SIGHUP};
 std::atomic<bool> is_made;
 std::atomic<bool> exits_at_once;
 std::atomic<int> wake_descriptor = -1;
-static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+std::atomic<const ShutdownRequest*> current = nullptr;
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free &&
+              std::atomic<const ShutdownRequest*>::is_always_lock_free);
+
+void exit_now() {
+  current.load()->removeFiles();
+  _exit(0);
+}
 
 void on_signal(int) {
-  if (exits_at_once) _exit(0);
+  if (exits_at_once) exit_now();
   int saved = errno;
   is_made = true;
   uint64_t one = 1;
@@ -30,7 +38,9 @@ void on_signal(int) {
 
 }  // namespace
 
-ShutdownRequest::ShutdownRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+ShutdownRequest::ShutdownRequest(std::vector<std::string> files)
+    : files_(std::move(files)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  current = this;
   is_made = exits_at_once = false;
   wake_descriptor = wake_.get();
   struct sigaction action = {};
@@ -41,13 +51,18 @@ ShutdownRequest::ShutdownRequest() : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK
 ShutdownRequest::~ShutdownRequest() {
   for (int number : kSignals) std::signal(number, SIG_DFL);
   wake_descriptor = -1;
+  current = nullptr;
+}
+
+void ShutdownRequest::removeFiles() const {
+  for (const std::string& file : files_) unlink(file.c_str());
 }
 
 bool ShutdownRequest::isMade() const { return is_made; }
 
 void ShutdownRequest::exitAtOnce(bool enabled) {
   exits_at_once = enabled;
-  if (enabled && is_made) _exit(0);
+  if (enabled && is_made) exit_now();
 }
 
 }  // namespace orvane

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include "platform/files/Descriptor.h"
 
 namespace orvane {
@@ -9,7 +12,8 @@ namespace orvane {
 // Only one ShutdownRequest may exist at a time.
 class ShutdownRequest {
  public:
-  ShutdownRequest();
+  // `files`: the files that the process must not leave behind.
+  explicit ShutdownRequest(std::vector<std::string> files = {});
   ~ShutdownRequest();
   ShutdownRequest(const ShutdownRequest&) = delete;
   ShutdownRequest& operator=(const ShutdownRequest&) = delete;
@@ -18,11 +22,16 @@ class ShutdownRequest {
   int descriptor() const { return wake_.get(); }
   bool isMade() const;
 
-  // From exitAtOnce(true) to exitAtOnce(false), a signal ends the process at once with code 0. If a signal arrived
-  // before, exitAtOnce(true) itself ends the process. Call exitAtOnce() around work that may be cut off anywhere.
+  // From exitAtOnce(true) to exitAtOnce(false), a signal removes the files and ends the process at once with code 0. If
+  // a signal arrived before, exitAtOnce(true) itself does this. Call exitAtOnce() around work that may be cut off
+  // anywhere.
   void exitAtOnce(bool enabled);
 
+  // For an end without exitAtOnce().
+  void removeFiles() const;
+
  private:
+  const std::vector<std::string> files_;
   Descriptor wake_;
 };
 

@@ -2,22 +2,31 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
 
 #include "companion/keeper/ShutdownRequest.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
 
 TEST(ShutdownRequest, EndsLongWorkAtOnce) {
-  auto work = [](bool isEarly) {
-    ShutdownRequest request;
+  const TemporaryFolder folder;
+  const std::string file = folder.path() / "file";
+  auto work = [&](bool isEarly) {
+    std::ofstream(file) << "for others";
+    ShutdownRequest request({file});
     if (isEarly) raise(SIGTERM);
     request.exitAtOnce(true);
     if (!isEarly) raise(SIGTERM);
     _exit(1);
   };
-  EXPECT_EXIT(work(true), testing::ExitedWithCode(0), "") << "a request before the work";
-  EXPECT_EXIT(work(false), testing::ExitedWithCode(0), "") << "a request during the work";
+  for (const bool isEarly : {true, false}) {
+    EXPECT_EXIT(work(isEarly), testing::ExitedWithCode(0), "") << "early: " << isEarly;
+    EXPECT_FALSE(std::filesystem::exists(file)) << "early: " << isEarly;
+  }
 }
 
 TEST(ShutdownRequest, LetsShortWorkFinish) {
