@@ -54,7 +54,7 @@ class Client {
 
   virtual ~Client() = default;
 
-  // The connection's descriptor. Two uses are allowed: poll(2) reports POLLHUP or POLLRDHUP (over XPC: POLLIN) when the
+  // The connection's descriptor. Two uses are allowed: poll(2) reports kHangUpEvent (ControlChannel.h) when the
   // extension has closed the connection; and shutdown(2), also from a signal handler, makes a waiting call throw.
   virtual int descriptor() const { return -1; }
 

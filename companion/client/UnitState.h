@@ -13,6 +13,10 @@ inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
 inline constexpr const char* kFetcherUnit = "orvane-fetcher.service";
 
+// What the user must do to start the extension or the keeper, for messages.
+extern const char* const kStartExtension;
+extern const char* const kStartKeeper;
+
 // A unit's state as systemd reports it; the texts are properties of org.freedesktop.systemd1(5).
 struct UnitState {
   std::string load;             // "loaded", "not-found" and so on

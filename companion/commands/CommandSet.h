@@ -22,7 +22,7 @@ using Command = std::function<int()>;
 struct CommonOptions {
   ClientOptions client;
   bool json = false;  // print results as JSON
-  // The paths of the machine's list, of the keeper's state file, and of folders. Only systems with a keeper use them.
+  // The paths of the machine's list, of the keeper's state file, and of folders (Places.h).
   std::string listPath;
   std::string keeperStatePath;
   std::string dropInsPath, subscriptionsPath;  // the folders of read-only lists

@@ -6,7 +6,9 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "companion/client/UnitState.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/Places.h"
 #include "companion/text/EditDistance.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
@@ -59,8 +61,8 @@ std::optional<KeeperState> keeper_of_shown_list(const CommonOptions& options) {
 }
 
 std::string no_keeper_text(const CommonOptions& options) {
-  return options.listPath == kListPath ? "no keeper of this list runs: sudo systemctl start orvane-keeper"
-                                       : "no keeper keeps this list: see orvanectl status";
+  return options.listPath == places().list ? std::string("no keeper of this list runs: ") + kStartKeeper
+                                           : "no keeper keeps this list: see orvanectl status";
 }
 
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {

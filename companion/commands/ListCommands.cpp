@@ -16,12 +16,11 @@
 #include <vector>
 
 #include "companion/commands/BlockListOutput.h"
+#include "companion/commands/BrowserWarning.h"
 #include "companion/commands/EndTime.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
-#include "companion/doctor/DoctorBrowsers.h"
-#include "companion/doctor/DoctorFacts.h"
 #include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
@@ -273,7 +272,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome)};
   });
-  if (const std::string warning = browser_warning(gather_browser_facts()); !warning.empty()) print_error(warning);
+  if (const std::string warning = warning_about_browsers(); !warning.empty()) print_error(warning);
   return code;
 }
 

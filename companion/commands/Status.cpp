@@ -176,8 +176,7 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
     lines.push_back(coloured("unknown", Colour::Warning) + ": no running keeper has its state in " +
                     in_quotes(status.statePath) + " (--state names the file)");
   } else {
-    lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: sudo systemctl start " +
-                    kKeeperUnit);
+    lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: " + kStartKeeper);
   }
   if (status.keeperService) lines.push_back(service_text(kKeeperUnit, *status.keeperService, now));
   return lines;

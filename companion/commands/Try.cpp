@@ -11,10 +11,10 @@
 
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionProbe.h"
+#include "companion/client/UnitState.h"
+#include "companion/commands/BrowserWarning.h"
 #include "companion/commands/GroupState.h"
 #include "companion/commands/KeeperCommands.h"
-#include "companion/doctor/DoctorBrowsers.h"
-#include "companion/doctor/DoctorFacts.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
@@ -137,9 +137,8 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
   if (extension.isUnresponsive || extension.isAbsent || (keeper && !keeper->connected && !extension.answers))
     return {State::NothingBlocked, "nothing is blocked: " + extension.error};
   if (!keeper)
-    return {State::Unknown,
-            "no keeper runs, so what the extension holds is not known: sudo systemctl start orvane-keeper.service" +
-                (extension.answers ? "" : "; " + extension.error)};
+    return {State::Unknown, std::string("no keeper runs, so what the extension holds is not known: ") + kStartKeeper +
+                                (extension.answers ? "" : "; " + extension.error)};
   if (keeper->sentVersion == version && !keeper->extensionError)
     return {State::InForce, "the keeper has sent the list to the extension"};
   return {State::Behind, "the keeper has not sent this list yet: " +
@@ -203,7 +202,7 @@ class Trial {
       reasons.emplace_back(
           "but other clients have edited what the extension holds, and the extension cannot list its names");
     if (verdict != Verdict::Blocked) return reasons;
-    const std::string warning = browser_warning(gather_browser_facts());
+    const std::string warning = warning_about_browsers();
     if (!warning.empty()) reasons.push_back("but " + warning);
     return reasons;
   }

@@ -3,9 +3,10 @@
 #include <chrono>
 
 #include "companion/browsers/BrowserRecognition.h"
+#include "companion/client/UnitState.h"
 #include "companion/commands/GroupState.h"
 #include "companion/keeper/KeeperState.h"
-#include "companion/list/ListFile.h"
+#include "companion/list/Places.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 
@@ -27,10 +28,10 @@ Effect wait(const CommonOptions& options, const ListVersion& version, size_t sit
       return {false, "no browser is recognised: " + unrecognised->text + ": see orvanectl doctor"};
     }
     case InForce::NoKeeper:
-      return {false, "no keeper runs: sudo systemctl start orvane-keeper"};
+      return {false, std::string("no keeper runs: ") + kStartKeeper};
     case InForce::NoExtension:
-      return {false,
-              "the keeper has no connection to the extension: sudo systemctl start orvane-se; see orvanectl status"};
+      return {false, std::string("the keeper has no connection to the extension: ") + kStartExtension +
+                         "; see orvanectl status"};
     case InForce::TimedOut:
       break;
   }
@@ -44,7 +45,7 @@ Effect wait_for_keeper(const CommonOptions& options, const ListVersion& version,
     const auto keeper = read_keeper_state(options.keeperStatePath);
     // If a keeper runs, wait only if the list is in the file that this keeper sends, because nobody sends a list in any
     // other file. If no keeper runs, call wait() only for the default file; wait() then reports that no keeper runs.
-    if (!(keeper ? keeps_list(*keeper, options) : options.listPath == kListPath)) return {};
+    if (!(keeper ? keeps_list(*keeper, options) : options.listPath == places().list)) return {};
     return wait(options, version, sites);
   } catch (const FileError& error) {
     return {std::nullopt, error.what()};

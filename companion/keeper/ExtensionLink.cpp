@@ -1,14 +1,13 @@
 #include "companion/keeper/ExtensionLink.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <utility>
 
 #include "companion/client/CallTimeout.h"
+#include "companion/client/ControlChannel.h"
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/ListSync.h"
 #include "companion/text/Output.h"
-#include "platform/linux/control/SocketPath.h"
 
 namespace orvane {
 namespace {
@@ -46,12 +45,6 @@ constexpr size_t kNamesPerSecond = 20000;
 constexpr std::chrono::milliseconds kRestart = 2s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";
-
-std::vector<std::string> socket_paths(const ClientOptions& options) {
-  if (!options.socket.empty()) return {std::filesystem::absolute(options.socket).lexically_normal()};
-  std::string error;  // not used: connect_client() reports it
-  return client_socket_paths(options.service, &error);
-}
 
 std::chrono::milliseconds timeout_for(const HeldNames& list) {
   return kCallTimeout + std::chrono::seconds((list.names.size() + list.suspended.size()) / kNamesPerSecond);

@@ -27,7 +27,8 @@ class ExtensionLink {
 
   ExtensionLink(ClientOptions options, KeeperState& state);
 
-  // A descriptor for poll(2), which reports POLLRDHUP when the extension has closed the connection. -1 if disconnected.
+  // A descriptor for poll(2), which reports kHangUpEvent (ControlChannel.h) when the extension has closed the
+  // connection. -1 if disconnected.
   int connection() const { return client_ ? client_->descriptor() : -1; }
   // A descriptor for poll(2), readable when a socket file may have appeared. -1 if connected.
   int socketWatch() const { return sockets_ ? sockets_->descriptor() : -1; }
@@ -47,7 +48,7 @@ class ExtensionLink {
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
   void onSocketEvent();
-  // Call when poll(2) reports POLLRDHUP for connection().
+  // Call when poll(2) reports an event for connection().
   void onHangUp() {
     if (client_) disconnect("it ended the connection");
   }

@@ -1,15 +1,12 @@
 #include "companion/keeper/Keeper.h"
 
-#include <malloc.h>
 #include <poll.h>
-#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -17,7 +14,9 @@
 #include <optional>
 #include <utility>
 
+#include "companion/client/ControlChannel.h"
 #include "companion/keeper/ExtensionLink.h"
+#include "companion/keeper/KeeperHost.h"
 #include "companion/keeper/KeeperLog.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/keeper/ListSync.h"
@@ -69,16 +68,6 @@ constexpr const char* kZonePath = "/etc/localtime";
 
 std::string absolute(const std::string& path) { return std::filesystem::absolute(path).lexically_normal(); }
 
-ListGuard::Now current_time() {
-  constexpr size_t kLargestStart = 64;
-  timespec running{};
-  clock_gettime(CLOCK_BOOTTIME, &running);
-  // A random text that the kernel makes when it starts.
-  static const std::string start =
-      read_file_start("/proc/sys/kernel/random/boot_id", kLargestStart, Links::Refuse).value_or("");
-  return {now_in_seconds(), std::chrono::seconds(running.tv_sec), start};
-}
-
 class Keeper {
  public:
   Keeper(const KeeperOptions& options, Descriptor lock)
@@ -103,7 +92,7 @@ class Keeper {
     if (guard_.isActive()) enforce(guard_.guardedList(), {});
     publish();
     // Readiness does not depend on the list or the extension.
-    sd_notify(0, "READY=1");
+    notify_service_manager("READY=1");
     // Reading a large list takes long, so send first the names that the members' lists must not delay.
     if (isKnown_) link_.attend(known());
     refreshReadOnlyLists();
@@ -116,7 +105,7 @@ class Keeper {
       attend(events);
     }
     if (guard_.due()) saveGuard();
-    sd_notify(0, "STOPPING=1\nSTATUS=Ending");
+    notify_service_manager("STOPPING=1\nSTATUS=Ending");
     shutdown_.removeFiles();
   }
 
@@ -174,22 +163,22 @@ class Keeper {
   KeeperState state_;
   nlohmann::json writtenState_;  // as last written
   std::string status_;
+  bool isUnwritable_ = false;     // the state file could not be written
+  bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
+  bool isKnown_ = false;          // a list has been read
 
   ReadOnlyLists readOnlyLists_;
-  bool areListsChanged_ = false;  // readOnlyLists_ has changed since its names were last sent
-  bool isUnwritable_ = false;     // the state file could not be written
-  PathWatch watch_;               // of all lists and the time zone
-  std::string versions_;          // versions() when the list was last read
-  Timer clock_{CLOCK_REALTIME};
+  PathWatch watch_;       // of all lists and the time zone
+  std::string versions_;  // versions() when the list was last read
+  Timer clock_{Timer::Clock::Wall};
   ListGuard guard_;
-  Timer guardTimer_{CLOCK_BOOTTIME};
+  Timer guardTimer_{Timer::Clock::Running};
   Steady::time_point saveGuardAt_ = Steady::time_point::max();
   std::string listInForce_;                      // as last written
   std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
   std::optional<Steady::time_point> emptySince_ = Steady::time_point::min();  // no delay for an empty first list
   std::optional<Steady::time_point> readAt_ = Steady::now();
 
-  bool isKnown_ = false;  // a list has been read
   // The names of all lists together. While link_ is in sync, the extension holds the same names. So the keeper needs no
   // copy of what it has sent, which would double the memory.
   HeldNames list_;
@@ -218,7 +207,7 @@ Keeper::Events Keeper::wait() {
                                 {clock_.descriptor(), POLLIN, 0},
                                 {guardTimer_.descriptor(), POLLIN, 0},
                                 {link_.socketWatch(), POLLIN, 0},
-                                {link_.connection(), POLLRDHUP, 0}}};
+                                {link_.connection(), kHangUpEvent, 0}}};
   if (poll(events.data(), events.size(), timeout) <= 0) return {};
   return {events[0], events[1], events[2], events[3], events[4], events[5]};
 }
@@ -294,7 +283,7 @@ void Keeper::readList() {
     onListError(error.what());
   }
   // Parsing a large list leaves fragmented free memory, which the allocator would keep.
-  malloc_trim(0);
+  release_free_memory();
 }
 
 // The previous list stays in force. If groups are guarded, their schedules still count, but exceptions have no effect.
@@ -537,7 +526,7 @@ void Keeper::publish() {
                        : state_.sentVersion ? counted(state_.sentNames, "name", "names") + " sent"
                                             : "Connected, without a list";
   if (state_.suspendedNames > 0) status += ", " + std::to_string(state_.suspendedNames) + " suspended";
-  if (status != status_) sd_notify(0, ("STATUS=" + status).c_str());
+  if (status != status_) notify_service_manager("STATUS=" + status);
   status_ = std::move(status);
   if (!lock_) return;
   metrics_.write(state_);

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "companion/list/Places.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
@@ -29,7 +30,7 @@ using Json = nlohmann::json;
 constexpr mode_t kReadableByGroup = 0640;
 
 FileError file_error(const char* what, const std::string& path, int error) {
-  const bool isMachines = path == kKeeperStatePath && (error == EACCES || error == EPERM);
+  const bool isMachines = path == places().keeperState && (error == EACCES || error == EPERM);
   return FileError(
       std::string("cannot ") + what + ": " + in_quotes(path) + ": " + std::strerror(error) + ": " +
       (isMachines ? access_advice() : "check the folder and its rights, or name another file with --state"));

@@ -90,9 +90,6 @@ struct KeeperState {
   }
 };
 
-// The state file of the keeper that runs as a service.
-inline constexpr const char* kKeeperStatePath = "/run/orvane-keeper/state";
-
 // The path of a file beside the state file, to which the keeper writes the list that is in force, in the format of the
 // machine's list. The file exists only while KeeperState::isGuarded is set.
 std::string list_in_force_path(const std::string& statePath);

@@ -15,7 +15,6 @@
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
 #include "companion/text/Sha256.h"
-#include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
 namespace {
@@ -46,13 +45,6 @@ void log_bad_lines(const std::string& path, const ReadOnlyList& list) {
 }
 
 }  // namespace
-
-const uint64_t kMessageRoom = kMaximumCallWords - ValueSize::kEnvelopeWords;
-
-uint64_t room_of(std::string_view name) {
-  constexpr uint64_t kLeast = kMaximumCallWords / kMaximumElements;
-  return std::max(measure_string(name.size()).words, kLeast);
-}
 
 ReadOnlyLists::ReadOnlyLists(const std::string& dropInsPath, const std::string& subscriptionsPath, uint64_t room,
                              std::chrono::milliseconds removalDelay)

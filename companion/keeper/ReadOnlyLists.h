@@ -7,23 +7,20 @@
 #include <string>
 #include <vector>
 
+#include "companion/client/ControlChannel.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/ReadOnlyList.h"
 #include "companion/list/UnitedNames.h"
 
 namespace orvane {
 
-// The room that a name takes in a message to the extension, in words. A message has a limit of words and a limit of
-// names. The result is at least the limit of words divided by the limit of names. So if the rooms of all names together
-// are within the limit of words, the names are within the limit of names, too.
-uint64_t room_of(std::string_view name);
+// The room that all these names take in a message to the extension.
 template <class Names>
 uint64_t room_of_all(const Names& names) {
   uint64_t room = 0;
   for (std::string_view name : names) room += room_of(name);
   return room;
 }
-extern const uint64_t kMessageRoom;
 
 // If a list cannot be read, it is read again after this time, even if nothing has changed.
 inline constexpr std::chrono::seconds kRereadInterval(60);

@@ -1,12 +1,12 @@
 #include "companion/keeper/ShutdownRequest.h"
 
-#include <sys/eventfd.h>
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <utility>
 
 namespace orvane {
@@ -31,18 +31,25 @@ void on_signal(int) {
   if (exits_at_once) exit_now();
   int saved = errno;
   is_made = true;
-  uint64_t one = 1;
-  [[maybe_unused]] ssize_t written = write(wake_descriptor, &one, sizeof one);
+  [[maybe_unused]] ssize_t written = write(wake_descriptor, "", 1);
   errno = saved;
 }
 
 }  // namespace
 
-ShutdownRequest::ShutdownRequest(std::vector<std::string> files)
-    : files_(std::move(files)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+ShutdownRequest::ShutdownRequest(std::vector<std::string> files) : files_(std::move(files)) {
+  std::array<int, 2> ends{-1, -1};
+  if (pipe(ends.data()) == 0) {
+    wake_ = Descriptor(ends[0]);
+    writingEnd_ = Descriptor(ends[1]);
+  }
+  for (const int end : ends) {
+    fcntl(end, F_SETFD, FD_CLOEXEC);
+    fcntl(end, F_SETFL, O_NONBLOCK);
+  }
   current = this;
   is_made = exits_at_once = false;
-  wake_descriptor = wake_.get();
+  wake_descriptor = ends[1];
   struct sigaction action = {};
   action.sa_handler = on_signal;
   for (int number : kSignals) sigaction(number, &action, nullptr);

@@ -32,7 +32,7 @@ class ShutdownRequest {
 
  private:
   const std::vector<std::string> files_;
-  Descriptor wake_;
+  Descriptor wake_, writingEnd_;  // of a pipe
 };
 
 }  // namespace orvane

@@ -1,14 +1,12 @@
 #include "companion/list/LineTable.h"
 
-#include <algorithm>
-#include <bit>
 #include <utility>
 
 namespace orvane {
 
 void LineTable::reserve(size_t lines) {
-  constexpr size_t kLeast = 16;
-  const size_t wanted = std::bit_ceil(std::max(2 * lines, kLeast));
+  size_t wanted = 16;
+  while (wanted < 2 * lines) wanted *= 2;
   if (wanted <= entries_.size()) return;
   const std::vector<Entry> before = std::exchange(entries_, std::vector<Entry>(wanted));
   size_ = 0;

@@ -17,6 +17,7 @@
 #include <thread>
 #include <utility>
 
+#include "companion/list/Places.h"
 #include "companion/text/AccessGroup.h"
 #include "companion/text/Input.h"
 #include "platform/files/Descriptor.h"
@@ -37,9 +38,7 @@ struct Place {
   std::string path;
   std::string folder;
   std::string name;  // in the folder
-  bool isMachines() const {
-    return folder == std::string_view(kListPath).substr(0, std::string_view(kListPath).rfind('/') + 1);
-  }
+  bool isMachines() const { return folder == places().list.substr(0, places().list.rfind('/') + 1); }
 };
 
 Place place_of(const std::string& path) {
@@ -166,7 +165,7 @@ FileContent read_file(const Descriptor& folder, const Place& place) {
                       ": the file has other names (hard links): replace it by a copy");
     content = {{read_text(file, static_cast<size_t>(status.st_size), place), version_of(status),
                 Moment(std::chrono::seconds(status.st_mtime))},
-               status.st_mode & kPermissions};
+               static_cast<mode_t>(status.st_mode & kPermissions)};
     if (attempt == kAttempts || version_of(status_of(file, place)) == content.version) return content;
   }
 }

@@ -10,9 +10,6 @@
 
 namespace orvane {
 
-// The machine's list. The package makes the list's folder; members of the folder's group may edit the list.
-inline constexpr const char* kListPath = "/var/lib/orvane-se/list";
-
 // Identifies a version of the list's file by its device, inode, size and time of change. Empty if there is no file.
 using ListVersion = std::string;
 

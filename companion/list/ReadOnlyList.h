@@ -12,10 +12,6 @@
 
 namespace orvane {
 
-// The folders of read-only lists. Each file NAME.list in them is one list.
-inline constexpr const char* kDropInsPath = "/etc/orvane-se/lists.d";
-inline constexpr const char* kSubscriptionsPath = "/var/lib/orvane-fetcher/lists";
-
 // A drop-in is a list of the administrator; a subscription is a list that orvane-fetcher has fetched for the members of
 // the group orvane.
 enum class ListKind { DropIn, Subscription };

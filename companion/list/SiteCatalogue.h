@@ -10,9 +10,6 @@
 
 namespace orvane {
 
-// The folder of the sites that come with the package. /etc and the user's configuration have further folders.
-inline constexpr const char* kCataloguePath = "/usr/share/orvane-se/sites";
-
 // A site of the catalogue: the hosts that people mean by its name. orvane-site(5) describes its file.
 struct CatalogueSite {
   std::string id;  // the name of its file, without ".site"

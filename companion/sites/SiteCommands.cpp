@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "companion/list/BlockListLine.h"
+#include "companion/list/Places.h"
 #include "companion/text/EditDistance.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
@@ -21,7 +22,7 @@ namespace {
 
 // The folders with the sites of the package, of the administrator and of the user. A later one overrides earlier ones.
 std::vector<std::string> site_folders(const CommonOptions& options) {
-  std::vector<std::string> folders{options.cataloguePath, "/etc/orvane-se/sites"};
+  std::vector<std::string> folders{options.cataloguePath, places().sites};
   const char* configuration = std::getenv("XDG_CONFIG_HOME");
   const char* home = std::getenv("HOME");
   // The XDG Base Directory Specification says to ignore a relative path.

@@ -87,7 +87,7 @@ class Fetcher {
         subscriptionsPath_(options.listFolder + "/" + kSubscriptionsName),
         requestsPath_(options.listFolder + "/" + kRequestsName),
         watch_({subscriptionsPath_, requestsPath_}),
-        timer_(CLOCK_REALTIME),
+        timer_(Timer::Clock::Wall),
         handles_(curl_multi_init()) {
     if (!handles_) throw std::bad_alloc();
     // If the state cannot be read, the service does not run: without the time of each copy's signature, a server could

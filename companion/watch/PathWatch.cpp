@@ -1,69 +1,45 @@
 #include "companion/watch/PathWatch.h"
 
-#include <sys/inotify.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <string_view>
-#include <system_error>
 #include <utility>
+
+#include "companion/watch/PathEvents.h"
 
 namespace orvane {
 namespace {
 
-// The events to watch for in a folder. kEventsOfFolder is for the folder of a watched file. If this folder does not
-// exist, kEventsAbove is for the nearest existing folder above it, in which the next folder of the file's path may
-// appear. kOwnEvents is for all folders above a watched folder.
-constexpr uint32_t kOwnEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr uint32_t kEventsAbove = kOwnEvents | IN_CREATE | IN_MOVED_TO;
-constexpr uint32_t kEventsOfFolder = kEventsAbove | IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_MOVED_FROM | IN_ATTRIB;
-
-// Events that concern the watched folder itself and have no name.
-constexpr uint32_t kEventsWithoutName = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED | IN_UNMOUNT;
-
-// How often armOne() tries if folders keep appearing and vanishing. After the last attempt, the next event causes a new
-// call of armOne().
-constexpr int kAttempts = 4;
-
 constexpr std::chrono::seconds kLookInterval(2);
-
-// `watched`: the last part of a path, as PathWatch's constructor takes it.
-bool is_watched(std::string_view name, std::string_view watched) {
-  if (!watched.starts_with('*')) return name == watched;
-  return name.ends_with(watched.substr(1)) && !name.starts_with('.');
-}
 
 }  // namespace
 
-PathWatch::PathWatch(std::vector<std::string> paths) : paths_(std::move(paths)) { arm(); }
+PathWatch::PathWatch(std::vector<std::string> paths) : events_(PathEvents::create(std::move(paths))) { arm(); }
 
-std::string PathWatch::fault() const {
-  switch (error_) {
-    case 0:
-      return "";
-    case EMFILE:
-      return "the limit fs.inotify.max_user_instances is reached";
-    case ENOSPC:
-      return "the limit fs.inotify.max_user_watches is reached";
-    default:
-      return std::strerror(error_);
-  }
-}
+PathWatch::~PathWatch() = default;
+
+int PathWatch::descriptor() const { return events_->descriptor(); }
+
+std::string PathWatch::fault() const { return events_->fault(); }
 
 std::optional<PathWatch::News> PathWatch::news(const std::string& files) {
-  const bool isFault = error_ != 0;
+  const std::string now = fault();
+  const bool isFault = !now.empty();
   if (std::exchange(isFaultTold_, isFault) == isFault) return std::nullopt;
   if (!isFault) return News{false, "watches " + files + " again"};
-  return News{true, "cannot watch " + files + ", so looks at them every 2 s: " + fault()};
+  return News{true, "cannot watch " + files + ", so looks at them every 2 s: " + now};
+}
+
+bool PathWatch::readEvents() {
+  const bool isRelevant = events_->read();
+  scheduleLook();
+  return isRelevant;
 }
 
 void PathWatch::arm() {
-  watchAll();
-  if (error_ == 0) {
+  events_->arm();
+  scheduleLook();
+}
+
+void PathWatch::scheduleLook() {
+  if (fault().empty()) {
     lookAt_ = Clock::time_point::max();
   } else if (lookAt_ == Clock::time_point::max()) {
     lookAt_ = Clock::now() + kLookInterval;
@@ -75,69 +51,6 @@ bool PathWatch::isLookDue() {
   lookAt_ = Clock::time_point::max();
   arm();
   return true;
-}
-
-void PathWatch::watchAll() {
-  error_ = 0;
-  if (!inotify_) inotify_ = Descriptor(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  if (!inotify_) {
-    error_ = errno;
-    return;
-  }
-  auto before = std::exchange(watched_, {});
-  for (const std::string& path : paths_) armOne(path);
-  for (const auto& [watch, names] : before) {
-    if (watched_.count(watch) == 0) inotify_rm_watch(inotify_.get(), watch);
-  }
-}
-
-void PathWatch::armOne(const std::string& path) {
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    std::filesystem::path child = path;
-    int watch = watchFolder(child, kEventsOfFolder);
-    while (watch < 0 && child.has_relative_path()) {
-      child = child.parent_path();
-      watch = watchFolder(child, kEventsAbove);
-    }
-    if (watch < 0) return;
-    watched_[watch].push_back(child.filename());
-    for (auto above = child.parent_path(); above.has_relative_path(); above = above.parent_path()) {
-      if (const int own = watchFolder(above, kOwnEvents); own >= 0) watched_[own];
-    }
-    // If the next folder of the path appeared before the watch on its parent began, no event reports this folder. So
-    // try again, to watch this folder.
-    std::error_code ignored;
-    if (child == path || !std::filesystem::exists(child, ignored)) return;
-  }
-}
-
-int PathWatch::watchFolder(const std::filesystem::path& child, uint32_t events) {
-  // Files in the same folder share a watch. IN_MASK_ADD adds these events to the events of an existing watch.
-  const int watch = inotify_add_watch(inotify_.get(), child.parent_path().c_str(), events | IN_MASK_ADD);
-  // Other errors concern the folder itself: it does not exist, or this process may not read it.
-  if (watch < 0 && (errno == ENOSPC || errno == ENOMEM)) error_ = errno;
-  return watch;
-}
-
-bool PathWatch::readEvents() {
-  bool isRelevant = false;
-  alignas(inotify_event) std::array<char, 4096> buffer;
-  const ssize_t size = read(inotify_.get(), buffer.data(), buffer.size());
-  for (ssize_t at = 0; at < size;) {
-    inotify_event event{};
-    std::memcpy(&event, buffer.data() + at, sizeof event);
-    const char* name = buffer.data() + at + sizeof event;
-    at += static_cast<ssize_t>(sizeof event + event.len);
-    auto watched = watched_.find(event.wd);
-    if ((event.mask & IN_Q_OVERFLOW) != 0) isRelevant = true;
-    if (watched == watched_.end()) continue;  // the event is from a removed watch
-    const auto& names = watched->second;
-    isRelevant = isRelevant || (event.mask & kEventsWithoutName) != 0 ||
-                 (event.len > 0 &&
-                  std::any_of(names.begin(), names.end(), [&](const auto& each) { return is_watched(name, each); }));
-  }
-  if (isRelevant) arm();
-  return isRelevant;
 }
 
 }  // namespace orvane

@@ -1,32 +1,33 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
-#include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
-#include "platform/files/Descriptor.h"
-
 namespace orvane {
+
+class PathEvents;
 
 // Reports changes of files that may be missing, or be replaced by a rename. A path that ends in "/*ENDING" stands for
 // all files in its folder whose names have this ending and do not begin with a dot.
 //
-// Uses inotify(7) to watch the folder of each file or, if this folder does not exist, the nearest existing folder above
-// it. Also watches the folders above, but only for their own removal and rename. Two changes are not reported: a file
-// system that is mounted over one of these folders, and a change of what a symbolic link in the path leads to.
+// Watches the folder of each file or, if this folder does not exist, the nearest existing folder above it. Also watches
+// the folders above, but only for their own removal and rename. Two changes are not reported: a file system that is
+// mounted over one of these folders, and a change of what a symbolic link in the path leads to.
 class PathWatch {
  public:
   using Clock = std::chrono::steady_clock;
 
   // `paths`: absolute.
   explicit PathWatch(std::vector<std::string> paths);
+  ~PathWatch();
+  PathWatch(const PathWatch&) = delete;
+  PathWatch& operator=(const PathWatch&) = delete;
 
   // A descriptor for poll(2), readable when readEvents() should be called. May be -1 if there is a fault().
-  int descriptor() const { return inotify_.get(); }
+  int descriptor() const;
 
   // Why changes of some files are not reported, for people: usually a limit of the system. Empty if nothing is wrong.
   std::string fault() const;
@@ -54,16 +55,11 @@ class PathWatch {
   Clock::time_point lookAt() const { return lookAt_; }
 
  private:
-  void watchAll();
-  void armOne(const std::string& path);
-  int watchFolder(const std::filesystem::path& child, uint32_t events);
+  void scheduleLook();
 
-  std::vector<std::string> paths_;
-  Descriptor inotify_;
+  const std::unique_ptr<PathEvents> events_;
   Clock::time_point lookAt_ = Clock::time_point::max();
-  bool isFaultTold_ = false;                                   // by news()
-  int error_ = 0;                                              // the errno of a system call that has reached a limit
-  std::unordered_map<int, std::vector<std::string>> watched_;  // watch descriptor -> names to watch in its folder
+  bool isFaultTold_ = false;  // by news()
 };
 
 }  // namespace orvane

@@ -1,17 +1,20 @@
 #pragma once
 
 #include <chrono>
-#include <ctime>
 
 #include "platform/files/Descriptor.h"
 
 namespace orvane {
 
-// A timer for poll(2). If the machine sleeps past the timer's moment, the timer fires after the sleep. A timer of
-// CLOCK_REALTIME also fires when the clock is set.
+// A timer for poll(2). If the machine sleeps past the timer's moment, the timer fires after the sleep. A timer of the
+// clock Wall also fires when the clock is set.
 class Timer {
  public:
-  explicit Timer(clockid_t clock);
+  enum class Clock {
+    Wall,     // CLOCK_REALTIME
+    Running,  // counts from the start of the system, also while it sleeps: CLOCK_BOOTTIME, on macOS CLOCK_MONOTONIC
+  };
+  explicit Timer(Clock clock);
   int descriptor() const { return timer_.get(); }
 
   // `moment`: on the timer's clock.
@@ -21,7 +24,9 @@ class Timer {
   bool wasSet();
 
  private:
+  const Clock clock_;
   Descriptor timer_;
+  Descriptor clockSet_;  // only on macOS: readable when the clock was set
 };
 
 }  // namespace orvane

@@ -1,8 +1,19 @@
+#include <sys/stat.h>
+
+#include <filesystem>
+
 #include "companion/commands/CommandSet.h"
+#include "companion/commands/MachineCommands.h"
+#include "companion/list/Places.h"
 
 namespace orvane {
 
-// Declares nothing: macOS has no keeper, and System Settings show whether the extension runs.
-void declare_system_commands(CommandSet&, CommonOptions&) {}
+// macOS has no orvane-fetcher, and no doctor.
+void declare_system_commands(CommandSet& commands, CommonOptions& options) {
+  // No installer makes the user's folder. If this fails, the command that needs the folder says why it cannot use it.
+  const std::filesystem::path folder = std::filesystem::path(places().list).parent_path();
+  mkdir(folder.c_str(), S_IRWXU);
+  declare_machine_commands(commands, options);
+}
 
 }  // namespace orvane

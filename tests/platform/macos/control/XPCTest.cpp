@@ -1,6 +1,9 @@
 #include <poll.h>
 
 #include "companion/client/CallTimeout.h"
+#include "companion/client/ControlChannel.h"
+#include "companion/keeper/ExtensionLink.h"
+#include "companion/keeper/KeeperState.h"
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/gnustep/xpc/Services.h"
@@ -129,14 +132,21 @@ TEST_F(XPC, EndsACallThatIsNotAnswered) {
   EXPECT_THROW(connect(), UnresponsiveExtension) << "the first call";
 }
 
-// The keeper waits for the end of its connection with poll(2).
-TEST_F(XPC, ShowsTheEndOfTheConnectionOnTheDescriptor) {
-  listen(service_);
-  auto client = connect();
-  pollfd end{client->descriptor(), POLLIN, 0};
-  EXPECT_EQ(poll(&end, 1, 0), 0) << "while it is open";
+TEST_F(XPC, GivesARestartedExtensionTheKeepersListAgain) {
+  listen(XPCServiceDelegate::init());
+  KeeperState state;
+  ExtensionLink link({.service = "S", .socket = ""}, state);
+  const HeldNames list{{"a.example"}, {}, {}};
+  link.attend(&list);
+  EXPECT_TRUE(db_has_hostname("a.example"));
+  pollfd end{link.connection(), kHangUpEvent, 0};
+  EXPECT_EQ(poll(&end, 1, 0), 0);
+  db_hostname_remove(text("a.example"));
   stand_in::break_connections();
   EXPECT_EQ(poll(&end, 1, 0), 1);
+  link.onHangUp();
+  link.attend(&list);
+  EXPECT_TRUE(db_has_hostname("a.example"));
 }
 
 }  // namespace

@@ -66,6 +66,9 @@ class PropertyReader {
 
 }  // namespace
 
+const char* const kStartExtension = "sudo systemctl start orvane-se";
+const char* const kStartKeeper = "sudo systemctl start orvane-keeper";
+
 std::optional<UnitState> unit_state(const std::string& unit) {
   if (sd_booted() <= 0) return std::nullopt;
   Bus bus = connect_to_manager();

@@ -9,12 +9,15 @@
 
 namespace orvane {
 
-Timer::Timer(clockid_t clock) : timer_(timerfd_create(clock, TFD_CLOEXEC | TFD_NONBLOCK)) {}
+Timer::Timer(Clock clock)
+    : clock_(clock),
+      timer_(timerfd_create(clock == Clock::Wall ? CLOCK_REALTIME : CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}
 
 void Timer::set(std::chrono::seconds moment) {
   itimerspec when{};
   when.it_value.tv_sec = std::max<time_t>(moment.count(), 1);
-  timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &when, nullptr);
+  const int reportsClockSet = clock_ == Clock::Wall ? TFD_TIMER_CANCEL_ON_SET : 0;
+  timerfd_settime(timer_.get(), TFD_TIMER_ABSTIME | reportsClockSet, &when, nullptr);
 }
 
 void Timer::stop() {

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+#include "companion/list/ListGuard.h"
+
+// What the keeper needs from the system.
+namespace orvane {
+
+// Tells the service manager the keeper's state, in the form of sd_notify(3). launchd takes no such messages.
+void notify_service_manager(const std::string& state);
+
+ListGuard::Now current_time();
+
+// Gives free memory back to the system.
+void release_free_memory();
+
+}  // namespace orvane

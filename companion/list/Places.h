@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+namespace orvane {
+
+// Where the list of this machine is (on macOS: of this user), and the files that belong to it.
+struct Places {
+  std::string list;
+  std::string keeperState;    // the state file of the keeper that runs as a service
+  std::string dropIns;        // the folder of the administrator's lists
+  std::string subscriptions;  // the folder of the fetched lists
+  std::string catalogue;      // the folder with the sites of the package
+  std::string sites;          // the folder with the sites of the administrator
+};
+const Places& places();
+
+}  // namespace orvane
