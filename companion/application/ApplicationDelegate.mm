@@ -3,6 +3,7 @@
 #import "companion/application/ControlCommand.h"
 #import "companion/application/ExtensionSwitch.h"
 #import "companion/application/FilterSwitch.h"
+#import "companion/application/ListSwitch.h"
 #import "companion/application/MenuBarItem.h"
 #include "companion/application/Protection.h"
 
@@ -33,6 +34,7 @@ NSMenu* main_menu() {
   MenuBarItem* _menuBarItem;
   ExtensionSwitch* _extension;
   FilterSwitch* _filter;
+  ListSwitch* _list;
   orvane::Protection _protection;
   BOOL _isAsking;
   NSTimer* _next;  // asks again; the run loop retains it
@@ -41,6 +43,7 @@ NSMenu* main_menu() {
 - (void)dealloc {
   [_extension release];
   [_filter release];
+  [_list release];
   [_menuBarItem release];
   [_window release];
   [super dealloc];
@@ -53,10 +56,12 @@ NSMenu* main_menu() {
   NSString* identifier = [[NSBundle mainBundle] objectForInfoDictionaryKey:@"OrvaneSystemExtension"];
   _extension = [[ExtensionSwitch alloc] initWithExtension:identifier observer:self];
   _filter = [[FilterSwitch alloc] initWithExtension:identifier observer:self];
+  _list = [[ListSwitch alloc] initWithObserver:self];
   // The system expects a request at each start. If the extension is active already, the request succeeds at once; if
   // the application has another version, the request replaces the extension.
   [_extension activate];
   [_filter refresh];
+  [_list refresh];
   [_window open];
 }
 
@@ -118,7 +123,8 @@ NSMenu* main_menu() {
 - (void)show {
   const orvane::ProtectionState state = orvane::state_of(_protection);
   [_window showExtension:_extension.state
-                  filter:_filter.state != nil ? _filter.state : @(orvane::window_text(_protection).c_str())];
+                  filter:_filter.state != nil ? _filter.state : @(orvane::window_text(_protection).c_str())
+                    list:_list.state];
   [_menuBarItem showTitle:@(orvane::menu_title(state).c_str()) isOn:state == orvane::ProtectionState::On];
 }
 
@@ -137,6 +143,14 @@ NSMenu* main_menu() {
 
 - (void)switchOff:(id)sender {
   [_filter switchOff];
+}
+
+- (void)switchListOn:(id)sender {
+  [_list switchOn];
+}
+
+- (void)switchListOff:(id)sender {
+  [_list switchOff];
 }
 
 - (void)openProfile:(id)sender {

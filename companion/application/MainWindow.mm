@@ -20,6 +20,7 @@ NSTextField* state_label(NSString* name, NSString* text = @"") {
   NSWindow* _window;
   NSTextField* _extensionState;
   NSTextField* _filterState;
+  NSTextField* _listState;
   id<ApplicationActions, NSWindowDelegate> _target;
 }
 
@@ -36,6 +37,7 @@ NSTextField* state_label(NSString* name, NSString* text = @"") {
   _window.delegate = nil;
   [_extensionState release];
   [_filterState release];
+  [_listState release];
   [_window release];
   [super dealloc];
 }
@@ -50,6 +52,7 @@ NSTextField* state_label(NSString* name, NSString* text = @"") {
 - (NSGridView*)makeRows {
   _extensionState = [state_label(@"State of the system extension") retain];
   _filterState = [state_label(@"State of the content filter") retain];
+  _listState = [state_label(@"State of the list") retain];
   NSTextField* profile = state_label(
       @"Profile for browsers",
       @"Some browsers can hide host names from the filter. A profile keeps them from it: open it, then install it in "
@@ -64,6 +67,11 @@ NSTextField* state_label(NSString* name, NSString* text = @"") {
       [NSTextField labelWithString:@"Content filter"], _filterState,
       [self button:@"Switch On" label:@"Switch the content filter on" action:@selector(switchOn:)],
       [self button:@"Switch Off" label:@"Switch the content filter off" action:@selector(switchOff:)]
+    ],
+    @[
+      [NSTextField labelWithString:@"List"], _listState,
+      [self button:@"Switch On" label:@"Switch the list on" action:@selector(switchListOn:)],
+      [self button:@"Switch Off" label:@"Switch the list off" action:@selector(switchListOff:)]
     ],
     @[
       [NSTextField labelWithString:@"Browsers"], profile,
@@ -96,9 +104,10 @@ NSTextField* state_label(NSString* name, NSString* text = @"") {
   [_window center];
 }
 
-- (void)showExtension:(NSString*)extension filter:(NSString*)filter {
+- (void)showExtension:(NSString*)extension filter:(NSString*)filter list:(NSString*)list {
   _extensionState.stringValue = extension;
   _filterState.stringValue = filter;
+  _listState.stringValue = list;
 }
 
 - (void)open {

@@ -32,7 +32,7 @@ std::string window_text(const Protection& protection) {
              "help, restart the Mac. (" +
              message(protection.error) + ")";
     case ProtectionState::NoList:
-      return "Not on: the extension runs, but has no list, so nothing is blocked. Send the list with orvanectl.";
+      return "Not on: the extension runs, but has no list, so nothing is blocked. Switch the list on.";
     case ProtectionState::On:
       break;
   }

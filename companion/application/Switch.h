@@ -11,8 +11,8 @@
 - (void)switchChanged;
 @end
 
-// The base class of ExtensionSwitch and FilterSwitch. Keeps the extension's identifier, and the state of the extension
-// or of the content filter as a text. Use this class on the main thread.
+// The base class of ExtensionSwitch, FilterSwitch and ListSwitch. Keeps the extension's identifier, and the state of
+// the extension, of the content filter or of the list as a text. Use this class on the main thread.
 @interface Switch : NSObject {
  @protected
   NSString* _extension;  // the extension's identifier

@@ -29,7 +29,7 @@ TEST(Application, SaysWhichConditionIsMissingAndWhatToDo) {
       {"no list",
        {true, true, 0, "0\n", ""},
        State::NoList,
-       "Not on: the extension runs, but has no list, so nothing is blocked. Send the list with orvanectl."},
+       "Not on: the extension runs, but has no list, so nothing is blocked. Switch the list on."},
       {"all three", {true, true, 0, "10\n", ""}, State::On, "On"},
   };
   std::set<std::string> titles;

@@ -1,0 +1,151 @@
+#import "companion/application/ListSwitch.h"
+
+#include <unistd.h>
+
+#import "companion/application/ControlCommand.h"
+
+// The part of SMAppService that this file uses. SDKs before macOS 13 do not declare this class.
+@protocol AgentService
++ (id<AgentService>)agentServiceWithPlistName:(NSString*)name;
+- (BOOL)registerAndReturnError:(NSError**)error;
+- (BOOL)unregisterAndReturnError:(NSError**)error;
+@property(readonly) NSInteger status;
+@end
+
+namespace {
+
+NSString* const kLabel = @"org.orvane.keeper";
+// When this class asks again whether the list is in force: while it is, and while it is not, for example because the
+// keeper has only begun to start.
+constexpr NSTimeInterval kIntervalInForce = 60;
+constexpr NSTimeInterval kIntervalMissing = 5;
+constexpr NSTimeInterval kTimeout = 10;  // for orvanectl, which itself waits 2 s for the extension
+
+// The values of SMAppServiceStatus.
+enum AgentStatus : NSInteger { kNotRegistered, kEnabled, kRequiresApproval, kNotFound };
+
+// Nil before macOS 13.
+id<AgentService> agent_service() {
+  const Class<AgentService> service = static_cast<Class<AgentService>>(NSClassFromString(@"SMAppService"));
+  return [service agentServiceWithPlistName:[kLabel stringByAppendingPathExtension:@"plist"]];
+}
+
+NSString* orvanectl() { return [[NSBundle mainBundle] pathForAuxiliaryExecutable:@"orvanectl"]; }
+
+NSString* property_list_path() {
+  return [[@"~/Library/LaunchAgents" stringByExpandingTildeInPath]
+      stringByAppendingPathComponent:[kLabel stringByAppendingPathExtension:@"plist"]];
+}
+
+// Runs launchctl, and waits until it has ended, which takes some milliseconds.
+BOOL run_launchctl(NSArray<NSString*>* arguments, NSError** error) {
+  NSTask* task = [NSTask launchedTaskWithExecutableURL:[NSURL fileURLWithPath:@"/bin/launchctl"]
+                                             arguments:arguments
+                                                 error:error
+                                    terminationHandler:nil];
+  if (task == nil) return NO;
+  [task waitUntilExit];
+  if (task.terminationStatus == 0) return YES;
+  *error = [NSError errorWithDomain:@"launchctl" code:task.terminationStatus userInfo:nil];
+  return NO;
+}
+
+NSString* session() { return [NSString stringWithFormat:@"gui/%u", getuid()]; }
+
+BOOL install_agent(NSError** error) {
+  NSDictionary* agent = @{
+    @"Label" : kLabel,
+    @"ProgramArguments" : @[ orvanectl(), @"keep" ],
+    @"RunAtLoad" : @YES,
+    @"KeepAlive" : @YES,
+  };
+  NSString* path = property_list_path();
+  return [[NSFileManager defaultManager] createDirectoryAtPath:path.stringByDeletingLastPathComponent
+                                   withIntermediateDirectories:YES
+                                                    attributes:nil
+                                                         error:error] &&
+         [agent writeToURL:[NSURL fileURLWithPath:path] error:error] &&
+         run_launchctl(@[ @"bootstrap", session(), path ], error);
+}
+
+BOOL remove_agent(NSError** error) {
+  run_launchctl(@[ @"bootout", [session() stringByAppendingPathComponent:kLabel] ], error);  // fails if it does not run
+  return [[NSFileManager defaultManager] removeItemAtPath:property_list_path() error:error];
+}
+
+AgentStatus status_of_agent() {
+  if (id<AgentService> service = agent_service()) return static_cast<AgentStatus>(service.status);
+  return [[NSFileManager defaultManager] fileExistsAtPath:property_list_path()] ? kEnabled : kNotRegistered;
+}
+
+NSString* failure(NSError* error) {
+  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", error.localizedDescription, error.domain,
+                                    static_cast<long>(error.code)];
+}
+
+}  // namespace
+
+@implementation ListSwitch
+
+- (instancetype)initWithObserver:(id<SwitchObserver>)observer {
+  return [super initWithExtension:@"" state:@"Asking the system..." observer:observer];
+}
+
+- (void)switchOn {
+  NSError* error = nil;
+  const id<AgentService> service = agent_service();
+  if (status_of_agent() == kEnabled ||
+      (service != nil ? [service registerAndReturnError:&error] : install_agent(&error)))
+    return [self refresh];
+  // The system reports an error if the user must allow the agent first.
+  if (status_of_agent() == kRequiresApproval) return [self refresh];
+  [self show:failure(error)];
+}
+
+- (void)switchOff {
+  NSError* error = nil;
+  const id<AgentService> service = agent_service();
+  if (status_of_agent() == kNotRegistered ||
+      (service != nil ? [service unregisterAndReturnError:&error] : remove_agent(&error)))
+    return [self refresh];
+  [self show:failure(error)];
+}
+
+- (void)refresh {
+  switch (status_of_agent()) {
+    case kEnabled:
+      return [self askOrvanectl];
+    case kRequiresApproval:
+      [self show:@"Waiting for you: allow OrvaneSE in the system's settings, General, Login Items"];
+      return [self refreshAfter:kIntervalMissing];
+    case kNotRegistered:
+    case kNotFound:  // never registered
+      return [self show:@"Off: the extension gets no list"];
+  }
+}
+
+- (void)refreshAfter:(NSTimeInterval)interval {
+  [NSObject cancelPreviousPerformRequestsWithTarget:self selector:@selector(refresh) object:nil];
+  [self performSelector:@selector(refresh) withObject:nil afterDelay:interval];
+}
+
+// "orvanectl status" ends with 0 if the list is in force.
+- (void)askOrvanectl {
+  if (_isAsking) return;
+  _isAsking = YES;
+  [ControlCommand run:orvanectl()
+            arguments:@[ @"status" ]
+              timeout:kTimeout
+                 then:^(int exitCode, NSString*, NSString*) {
+                   _isAsking = NO;
+                   [self showInForce:exitCode == 0];
+                 }];
+}
+
+- (void)showInForce:(BOOL)isInForce {
+  if (status_of_agent() != kEnabled) return [self refresh];
+  [self show:isInForce ? @"On, and in force" : @"On, but not in force: \"orvanectl status\" says why"];
+  [self refreshAfter:isInForce ? kIntervalInForce : kIntervalMissing];
+}
+
+@end
