@@ -99,7 +99,8 @@ Ref<NSURL> url_of(const std::string& absoluteString);
 
 template <class Base>
 struct ScriptedFlow : Base {
-  explicit ScriptedFlow(Value owner, std::optional<std::string> address = {}) : token(owner), url(std::move(address)) {}
+  explicit ScriptedFlow(Value owner, std::optional<std::string> address = {})
+      : token(std::move(owner)), url(std::move(address)) {}
   Value token;
   std::optional<std::string> url;
   Value sourceAppAuditToken() const override { return token; }
