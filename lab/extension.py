@@ -70,6 +70,7 @@ class Extension:
         self._orvanectl = build / "orvanectl"
         self._socket = directory / information["NSEndpointSecurityMachServiceName"]
         self._log = directory / "log"
+        self._log.touch()
         self._notifications = directory / "notify"
         self._fixed_source = flow_source
         self.flow_source, self.netfilter_error = flow_source, None

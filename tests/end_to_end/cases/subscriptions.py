@@ -30,7 +30,7 @@ EVIL = [
 
 
 class _Lists:
-    def __init__(self, world: World, fetcher: Fetcher, server: ListServer):
+    def __init__(self, world: World, fetcher: Fetcher, server: ListServer | None = None):
         self.world, self.fetcher, self.server = world, fetcher, server
 
     def expect(self, what: str, command: list, told: str, name: str, lines: list[str] | None) -> None:
@@ -162,6 +162,19 @@ def FetcherFollowsItsFilesWithoutInotify(world: World):
     with fetcher:
         lists = _Lists(world, fetcher, server)
         lists.expect("no watch", ["subscribe", URL, "--name", "big"], "1 name", "big", ["one.example"])
+
+
+def FetcherUsesTheProxyOfItsUnit(world: World):
+    world.addresses[HOST] = [ADDRESS]
+    _server(world, ADDRESS, *world.servers.signed).answers["/big"] = lambda handler: handler.answer(b"one.example\n")
+    proxy = world.extension(PYTHON, source="proxy")
+    fetcher = Fetcher(world.build, world.directory / "subscriptions", world.servers.authority)
+    fetcher.prefix = ["env", f"https_proxy={proxy.proxy}"]
+    with fetcher:
+        lists = _Lists(world, fetcher)
+        lists.expect("no proxy", ["subscribe", URL, "--name", "big"], "no server answers", "big", None)
+        with proxy:
+            lists.expect("a proxy", ["refresh", "big"], "1 name", "big", ["one.example"])
 
 
 def _check_kill(lists: _Lists) -> None:
