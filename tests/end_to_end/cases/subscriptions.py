@@ -83,6 +83,7 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
         check(sent["If-None-Match"] + sent["If-Modified-Since"], "".join(validators.values()), "the conditions sent")
         world.addresses[HOST] = [IMPOSTOR]
         lists.expect("another certificate", ["refresh"], "certificate is not valid", "big", big)
+        lists.expect("the status", ["status"], "last fetch: the server's certificate", "big", big)
         subprocess.run(["ip", "address", "add", LINK_LOCAL, "dev", "lo"], check=True)
         _server(world, LINK_LOCAL)
         for address in LINK_LOCAL, f"::ffff:{LINK_LOCAL}":
