@@ -27,6 +27,16 @@ NSMenu* main_menu() {
   return menu;
 }
 
+// The user may have closed the window, so a fault of an action in the menu bar is shown in a window of its own.
+void warn(NSString* title, NSString* fault) {
+  if (fault.length == 0) return;
+  NSAlert* alert = [[[NSAlert alloc] init] autorelease];
+  alert.messageText = title;
+  alert.informativeText = fault;
+  [[NSApplication sharedApplication] activateIgnoringOtherApps:YES];
+  [alert runModal];
+}
+
 }  // namespace
 
 @implementation ApplicationDelegate {
@@ -81,6 +91,7 @@ NSMenu* main_menu() {
 
 - (void)menuWillOpen:(NSMenu*)menu {
   [self ask];
+  [_list refresh];
 }
 
 // Asks the extension how many edits of its list it has received. While the filter is switched off, there is no
@@ -126,6 +137,7 @@ NSMenu* main_menu() {
                   filter:_filter.state != nil ? _filter.state : @(orvane::window_text(_protection).c_str())
                     list:_list.state];
   [_menuBarItem showTitle:@(orvane::menu_title(state).c_str()) isOn:state == orvane::ProtectionState::On];
+  [_menuBarItem showList:_list.state isOn:_list.isOn hasSuspendedNames:_list.hasSuspendedNames];
 }
 
 - (void)activate:(id)sender {
@@ -151,6 +163,18 @@ NSMenu* main_menu() {
 
 - (void)switchListOff:(id)sender {
   [_list switchOff];
+}
+
+- (void)suspendList:(id)sender {
+  [_list suspendThen:^(NSString* fault) {
+    warn(@"The list is not suspended", fault);
+  }];
+}
+
+- (void)resumeList:(id)sender {
+  [_list resumeThen:^(NSString* fault) {
+    warn(@"The list is not blocked again", fault);
+  }];
 }
 
 - (void)openProfile:(id)sender {

@@ -2,6 +2,7 @@
 
 #import <Foundation/Foundation.h>
 
+#include "companion/application/ListState.h"
 #import "companion/application/Switch.h"
 
 // Switches the keeper of the list on and off, and shows whether the list is in force. The keeper is the program
@@ -12,7 +13,9 @@
 // writes the agent's property list to ~/Library/LaunchAgents and loads it with launchctl(1).
 @interface ListSwitch : Switch {
  @private
-  BOOL _isAsking;  // orvanectl runs, to find out whether the list is in force
+  orvane::ListState _list;
+  BOOL _isAsking;   // orvanectl runs, to find out the list's state
+  BOOL _asksAgain;  // when orvanectl has ended, because the state may have changed
 }
 
 // Does not retain the observer.
@@ -20,6 +23,15 @@
 
 - (void)switchOn;
 - (void)switchOff;
+
+// The keeper is switched on.
+@property(readonly) BOOL isOn;
+@property(readonly) BOOL hasSuspendedNames;
+
+// Suspend the sites of the list for half an hour, and end their suspensions. `handler` gets a text that says why this
+// has failed or is not in force, or an empty text.
+- (void)suspendThen:(void (^)(NSString* fault))handler;
+- (void)resumeThen:(void (^)(NSString* fault))handler;
 
 // Shows the current state now, and then from time to time while the list is switched on.
 - (void)refresh;

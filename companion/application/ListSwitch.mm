@@ -19,7 +19,8 @@ NSString* const kLabel = @"org.orvane.keeper";
 // keeper has only begun to start.
 constexpr NSTimeInterval kIntervalInForce = 60;
 constexpr NSTimeInterval kIntervalMissing = 5;
-constexpr NSTimeInterval kTimeout = 10;  // for orvanectl, which itself waits 2 s for the extension
+constexpr NSTimeInterval kTimeout = 10;      // for orvanectl, which itself waits 2 s for the extension
+constexpr NSTimeInterval kEditTimeout = 60;  // changing a list of a million lines takes some seconds
 
 // The values of SMAppServiceStatus.
 enum AgentStatus : NSInteger { kNotRegistered, kEnabled, kRequiresApproval, kNotFound };
@@ -31,6 +32,14 @@ id<AgentService> agent_service() {
 }
 
 NSString* orvanectl() { return [[NSBundle mainBundle] pathForAuxiliaryExecutable:@"orvanectl"]; }
+
+void run_orvanectl(const char* arguments, NSTimeInterval timeout,
+                   void (^handler)(int exitCode, NSString* output, NSString* error)) {
+  [ControlCommand run:orvanectl()
+            arguments:[@(arguments) componentsSeparatedByString:@" "]
+              timeout:timeout
+                 then:handler];
+}
 
 NSString* property_list_path() {
   return [[@"~/Library/LaunchAgents" stringByExpandingTildeInPath]
@@ -129,23 +138,40 @@ NSString* failure(NSError* error) {
   [self performSelector:@selector(refresh) withObject:nil afterDelay:interval];
 }
 
-// "orvanectl status" ends with 0 if the list is in force.
 - (void)askOrvanectl {
+  _asksAgain = _isAsking;
   if (_isAsking) return;
   _isAsking = YES;
-  [ControlCommand run:orvanectl()
-            arguments:@[ @"status" ]
-              timeout:kTimeout
-                 then:^(int exitCode, NSString*, NSString*) {
-                   _isAsking = NO;
-                   [self showInForce:exitCode == 0];
-                 }];
+  run_orvanectl(orvane::kStatusArguments, kTimeout, ^(int, NSString* output, NSString*) {
+    _isAsking = NO;
+    _list = orvane::list_state(output.UTF8String);
+    if (_asksAgain || status_of_agent() != kEnabled) return [self refresh];
+    [self show:@(orvane::list_text(_list, orvane::now_in_seconds()).c_str())];
+    [self refreshAfter:_list.isInForce ? kIntervalInForce : kIntervalMissing];
+  });
 }
 
-- (void)showInForce:(BOOL)isInForce {
-  if (status_of_agent() != kEnabled) return [self refresh];
-  [self show:isInForce ? @"On, and in force" : @"On, but not in force: \"orvanectl status\" says why"];
-  [self refreshAfter:isInForce ? kIntervalInForce : kIntervalMissing];
+- (void)editWith:(const char*)arguments then:(void (^)(NSString* fault))handler {
+  run_orvanectl(arguments, kEditTimeout, ^(int exitCode, NSString*, NSString* error) {
+    [self refresh];
+    handler(@(orvane::edit_fault(exitCode, error.UTF8String).c_str()));
+  });
+}
+
+- (void)suspendThen:(void (^)(NSString* fault))handler {
+  [self editWith:orvane::kSuspendArguments then:handler];
+}
+
+- (void)resumeThen:(void (^)(NSString* fault))handler {
+  [self editWith:orvane::kResumeArguments then:handler];
+}
+
+- (BOOL)isOn {
+  return status_of_agent() == kEnabled;
+}
+
+- (BOOL)hasSuspendedNames {
+  return _list.suspendedNames > 0;
 }
 
 @end

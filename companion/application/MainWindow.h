@@ -10,6 +10,8 @@
 - (void)switchOff:(id)sender;
 - (void)switchListOn:(id)sender;
 - (void)switchListOff:(id)sender;
+- (void)suspendList:(id)sender;
+- (void)resumeList:(id)sender;
 - (void)openProfile:(id)sender;
 - (void)showWindow:(id)sender;
 @end

@@ -1,16 +1,17 @@
 #include "companion/application/Protection.h"
 
 namespace orvane {
-namespace {
 
-// Without the line break at the end, and without the name of the program that printed the line.
-std::string message(std::string line) {
-  while (!line.empty() && line.back() == '\n') line.pop_back();
+std::string message(std::string text) {
   const std::string program = "orvanectl: ";
-  return line.starts_with(program) ? line.substr(program.size()) : line;
+  while (text.ends_with('\n')) text.pop_back();
+  size_t line = 0;
+  do {
+    if (text.compare(line, program.size(), program) == 0) text.erase(line, program.size());
+    line = text.find('\n', line) + 1;  // npos + 1 is 0
+  } while (line != 0);
+  return text;
 }
-
-}  // namespace
 
 ProtectionState state_of(const Protection& protection) {
   // The order of these lines is that of the causes: while the filter is off, no extension runs that could answer.

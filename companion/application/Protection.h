@@ -20,6 +20,9 @@ struct Protection {
 enum class ProtectionState { Unknown, SwitchedOff, NoAnswer, NoList, On };
 ProtectionState state_of(const Protection& protection);
 
+// What orvanectl has printed, without its name in front of each line and without the line break at the end.
+std::string message(std::string text);
+
 // For the window: the state, and if the filter is not on, which of the three is missing and what to do.
 std::string window_text(const Protection& protection);
 // For the menu bar: the state in a few words.

@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <tuple>
 
 #include "companion/application/Advice.h"
 #import "companion/application/ControlCommand.h"
+#include "companion/application/ListState.h"
 #include "companion/application/Protection.h"
+#include "companion/keeper/KeeperState.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
@@ -92,6 +97,60 @@ TEST(Application, ReportsHowACommandEnds) {
   EXPECT_TRUE(late.isEnded);
   EXPECT_NE(late.exitCode, 0);
   EXPECT_EQ(late.error, "no answer in time");
+  [pool drain];
+}
+
+TEST(Application, SaysWhetherTheListIsInForceAndWhatIsSuspended) {
+  const Moment now = now_in_seconds(), soon = now + std::chrono::minutes(30), later = soon + std::chrono::hours(1);
+  const std::string text = local_text(soon, now);
+  const std::tuple<const char*, bool, std::vector<Moment>, size_t, std::string> rows[] = {
+      {"not in force", false, {soon}, 1, "On, but not in force: \"orvanectl status\" says why"},
+      {"in force", true, {}, 0, "On, and in force"},
+      {"one suspension", true, {soon}, 1, "On, but 1 name is suspended until " + text},
+      {"all suspended for the same time", true, {soon, soon}, 2, "On, but 2 names are suspended until " + text},
+      {"different ends", true, {later, soon}, 2, "On, but 2 names are suspended, some of them until " + text},
+      {"more than are listed", true, {soon}, 2, "On, but 2 names are suspended, some of them until " + text},
+  };
+  for (const auto& [name, isInForce, ends, count, expected] : rows) {
+    KeeperState keeper;
+    for (const Moment end : ends) keeper.suspended.emplace_back(".a.example", end);
+    keeper.suspendedNames = count;
+    const nlohmann::json status = {{"inForce", isInForce}, {"keeper", to_json(keeper)}};
+    EXPECT_EQ(list_text(list_state(status.dump()), now), expected) << name;
+  }
+  for (const char* output : {"", "no JSON", "{}", R"({"inForce":true,"keeper":{}})"})
+    EXPECT_FALSE(list_state(output).isInForce) << output;
+}
+
+TEST(Application, SuspendsAllSitesAndBlocksThemAgain) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const TemporaryFolder folder;
+  const auto list = folder.write("list", "a.example\nb.example\n");
+  const auto orvanectl = [&](const char* arguments) {
+    NSString* line = [NSString
+        stringWithFormat:@"--list\n%s\n--state\n%s.state\n--socket\n%s.socket\n%@", list.c_str(), list.c_str(),
+                         list.c_str(), [@(arguments) stringByReplacingOccurrencesOfString:@" " withString:@"\n"]];
+    return run(@(ORVANECTL), [line componentsSeparatedByString:@"\n"]);
+  };
+  const Ended suspended = orvanectl(kSuspendArguments);
+  EXPECT_EQ(suspended.exitCode, 0) << suspended.error;
+  EXPECT_NE(folder.read("list").find("b.example until="), std::string::npos) << folder.read("list");
+  const Ended resumed = orvanectl(kResumeArguments);
+  EXPECT_EQ(resumed.exitCode, 0) << resumed.error;
+  EXPECT_EQ(folder.read("list"), "a.example\nb.example\n");
+  const Ended status = orvanectl(kStatusArguments);
+  EXPECT_EQ(status.exitCode, 3) << status.error;
+  EXPECT_NE(status.output.find("\"keeper\":null"), std::string::npos) << status.output;
+  [pool drain];
+}
+
+TEST(Application, SaysWhyTheListWasNotChanged) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const Ended failed = run(@(ORVANECTL), @[ @"--list", @"/", @"resume", @"--all" ]);
+  EXPECT_EQ(edit_fault(failed.exitCode, failed.error), "not a file: \"/\": name the list's file");
+  EXPECT_EQ(edit_fault(0, "orvanectl: saved, but\n\norvanectl: not in force\n"), "saved, but\n\nnot in force");
+  EXPECT_NE(edit_fault(1, ""), "");
+  EXPECT_EQ(edit_fault(0, ""), "");
   [pool drain];
 }
 
