@@ -13,6 +13,7 @@
 #include "companion/doctor/Doctor.h"
 #include "companion/doctor/DoctorFacts.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Input.h"
 #include "companion/text/Output.h"
 
 namespace orvane {
@@ -82,7 +83,11 @@ void print_summary(const std::vector<Finding>& findings) {
 int doctor(const CommonOptions& options) {
   Examination examination{options.client.socket, options.client.service, options.keeperStatePath};
   Facts facts = gather_facts(examination);
-  facts.subscriptions = look_at_subscriptions(options);
+  try {
+    facts.subscriptions = look_at_subscriptions(options);
+  } catch (const FileError& error) {
+    facts.subscriptionsError = error.what();
+  }
   const std::vector<Finding> findings = examine(facts);
   if (options.json) {
     Json checks = Json::array();

@@ -326,14 +326,10 @@ int refresh(const CommonOptions& options, const Arguments& arguments) {
 
 std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options) {
   std::vector<SubscriptionFacts> facts;
-  try {
-    FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
-    for (const Subscription& each : read_file(options).subscriptions) {
-      const SubscriptionState state = state_of(fetcher, each.name);
-      facts.push_back({each.name, state.checked.has_value(), state.error});
-    }
-  } catch (const FileError&) {
-    // The file of another user's list, or a damaged state: "subscriptions" reports it.
+  FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
+  for (const Subscription& each : read_file(options).subscriptions) {
+    const SubscriptionState state = state_of(fetcher, each.name);
+    facts.push_back({each.name, state.checked.has_value(), state.error});
   }
   return facts;
 }

@@ -14,7 +14,8 @@ inline std::string fetcher_folder(const CommonOptions& options) {
   return std::filesystem::path(options.subscriptionsPath).parent_path();
 }
 
-// What the doctor needs to know about the subscriptions. None if this user may not read their file.
+// What the doctor needs to know about the subscriptions. Throws FileError if their file or the fetcher's state cannot
+// be read.
 std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options);
 
 // Declares "subscribe", "unsubscribe", "subscriptions" and "refresh".

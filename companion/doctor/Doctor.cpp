@@ -340,6 +340,8 @@ void examine_subscriptions(const Facts& facts, std::vector<Finding>& findings) {
     if (!has_fetched_lists(facts) && finding.result == Result::Problem) finding.result = Result::Warning;
     findings.push_back(std::move(finding));
   }
+  if (!facts.subscriptionsError.empty())
+    findings.push_back({"subscription", "", Result::Unknown, facts.subscriptionsError, ""});
   for (const SubscriptionFacts& each : facts.subscriptions) {
     if (each.error) {
       findings.push_back({"subscription", each.name, Result::Warning, "the last fetch failed: " + *each.error,

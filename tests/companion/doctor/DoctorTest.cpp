@@ -82,6 +82,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) {
          f.subscriptions = {{"ads", true, "no server answers"}};
        }},
+      {"subscriptions of others", "subscription", Unknown, "join the group",
+       [](Facts& f) { f.subscriptionsError = "Permission denied: join the group orvane"; }},
       {"nothing fetched yet", "fetcher", Warning, "systemctl start orvane-fetcher.service",
        [](Facts& f) {
          f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
