@@ -313,13 +313,16 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     print_error("saved, but not locked, because " + effect.reason);
     return kFailed;
   }
-  const bool isInForce = report_effect(effect).empty();
+  report_effect(effect);
   if (options.json) {
     print_json({{"group", group}, {"lockedUntil", time_text(*end)}});
   } else {
     const char* already = *end > until + kClockTolerance ? "already " : "";
-    std::printf("%s: %slocked %s%s\n", group.c_str(), already, suspension_text(*end, now).c_str(),
-                isInForce ? "" : "; but its sites are not blocked yet");
+    // The keeper has accepted the lock, so the lock itself is in force.
+    const char* blocked = !effect.isInForce    ? "; it is unknown whether its sites are blocked yet"
+                          : !*effect.isInForce ? "; but its sites are not blocked yet"
+                                               : "";
+    std::printf("%s: %slocked %s%s\n", group.c_str(), already, suspension_text(*end, now).c_str(), blocked);
   }
   return kDone;
 }

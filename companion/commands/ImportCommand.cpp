@@ -114,18 +114,19 @@ void print_removals(const std::vector<HeldBack>& removals, Moment now) {
                 duration_text(*each.until - now).c_str());
 }
 
-void print_outcome(const Outcome& outcome, Moment now) {
+void print_outcome(const Outcome& outcome, const std::string& prefix, Moment now) {
   const auto& [read, rejections, counts, removals, openings, blockings, seconds, effect] = outcome;
   std::printf("%s, %s, in %.2f s\n", counted(read.lines, "line", "lines").c_str(),
               counted(read.sites.size(), "site", "sites").c_str(), seconds);
-  std::printf("%zu added, %zu changed, %zu already on the list, %zu removed\n", counts.added, counts.changed,
-              counts.unchanged, counts.removed);
+  std::printf("%s%zu added, %zu changed, %zu already on the list, %zu removed\n", prefix.c_str(), counts.added,
+              counts.changed, counts.unchanged, counts.removed);
   std::printf("%s, %zu skipped (localhost and the like), %zu rejected\n",
               counted(read.duplicates, "duplicate", "duplicates").c_str(), read.skipped, read.rejected);
   if (read.partialRules > 0)
     std::printf("%s skipped, because only whole sites can be blocked\n",
                 counted(read.partialRules, "rule for parts of sites", "rules for parts of sites").c_str());
-  if (counts.groups > 0) std::printf("%s added or changed\n", counted(counts.groups, "group", "groups").c_str());
+  if (counts.groups > 0)
+    std::printf("%s%s added or changed\n", prefix.c_str(), counted(counts.groups, "group", "groups").c_str());
   print_removals(removals, now);
   for (const auto& [heldBack, sites] : openings)
     std::printf("%s: %s\n", held_back_text(heldBack, now).substr(2).c_str(),
@@ -226,8 +227,8 @@ int import(const CommonOptions& options, const Arguments& arguments) {
                 ": the group has sites already, so it keeps its settings: to change them: orvanectl group");
   outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   outcome.effect = wait_for_keeper(options, version, sites);
-  report_effect(outcome.effect);
-  options.json ? print_outcome_json(outcome) : print_outcome(outcome, now);
+  const std::string prefix = report_effect(outcome.effect);
+  options.json ? print_outcome_json(outcome) : print_outcome(outcome, prefix, now);
   return kDone;
 }
 
@@ -251,7 +252,7 @@ int undo(const CommonOptions& options) {
     return counts.removed + counts.restored + counts.groups > 0;
   });
   const Effect effect = wait_for_keeper(options, version, sites);
-  report_effect(effect);
+  const std::string prefix = report_effect(effect);
   if (options.json) {
     nlohmann::json result{{"removed", counts.removed},
                           {"restored", counts.restored},
@@ -260,9 +261,10 @@ int undo(const CommonOptions& options) {
     add_effect(result, effect.isInForce, removals);
     print_json(result);
   } else {
-    std::printf("%s removed, %zu restored, %zu left alone because you changed them since the import\n",
-                counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
-    if (counts.groups > 0) std::printf("%s removed or restored\n", counted(counts.groups, "group", "groups").c_str());
+    std::printf("%s%s removed, %zu restored, %zu left alone because you changed them since the import\n",
+                prefix.c_str(), counted(counts.removed, "site", "sites").c_str(), counts.restored, counts.changedSince);
+    if (counts.groups > 0)
+      std::printf("%s%s removed or restored\n", prefix.c_str(), counted(counts.groups, "group", "groups").c_str());
     print_removals(removals, now);
   }
   return kDone;

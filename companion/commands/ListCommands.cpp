@@ -241,17 +241,17 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
 // What blocking a site does. `before`: the site that the list had for this host before the command; null if none.
 std::string blocking_outcome(const ListedSite* before, const ListedSite& site, Moment now) {
   if (before == nullptr) return "blocked";
-  if (before->isSuspended(now)) return "blocked again, before suspended " + suspension_text(*before->until, now);
+  if (before->isSuspended(now)) return "blocked again";
   if (before->scope == site.scope) return "already on the list";
   switch (before->scope) {
     case Scope::ExactName:
-      return "blocked, before on the list without its subdomains";
+      return "blocked, now with its subdomains";
     case Scope::Subdomains:
-      return "blocked, before on the list with its subdomains";
+      return "blocked, now without its subdomains";
     case Scope::Exception:
       break;
   }
-  return "blocked, before an exception";
+  return "blocked, no longer an exception";
 }
 
 int block(const CommonOptions& options, const Arguments& arguments) {
@@ -344,7 +344,7 @@ int resume(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   return change_list(options, arguments, now, selected_sites(options, arguments, "resume", now),
                      [&](BlockList& list, ListedSite site, const auto&) {
-                       const char* outcome = site.isSuspended(now) ? "blocked again" : "not suspended before";
+                       const char* outcome = site.isSuspended(now) ? "blocked again" : "had no suspension";
                        site.until.reset();
                        const bool changed = list.put(site);
                        return Change{std::move(site), changed, outcome};

@@ -56,7 +56,7 @@ std::string report_effect(const Effect& effect) {
   if (effect.reason.empty()) return "";
   const bool isUnknown = !effect.isInForce;
   print_error((isUnknown ? "saved, but perhaps not in force: " : "saved, but not in force, because ") + effect.reason);
-  return isUnknown ? "saved: " : "not in force yet: ";
+  return isUnknown ? "perhaps not in force: " : "not in force yet: ";
 }
 
 }  // namespace orvane

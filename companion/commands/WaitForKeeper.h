@@ -19,8 +19,8 @@ struct Effect {
 // five seconds, or longer for a large list. Does not wait if `options.listPath` is not the keeper's list.
 Effect wait_for_keeper(const CommonOptions& options, const ListVersion& version, size_t sites);
 
-// If a change is not in force: prints that it is saved, and the reason. Returns the words with which each line about
-// the change begins; empty if it is in force.
+// If a change is not in force: prints that it is saved, and the reason. Returns the words with which each line
+// that says what has changed begins; empty if the change is in force.
 std::string report_effect(const Effect& effect);
 
 }  // namespace orvane

@@ -28,6 +28,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block '[::1]' 2>&1 | grep -o 'it is an IP address'", 0, "it is an IP address\n"},
       {"block --exact www.example.com co.uk", 0, "www.example.com: blocked\nco.uk: blocked\n"},
       {"block example.com", 0, "example.com and its subdomains: already on the list\n"},
+      {"resume example.com", 0, "example.com and its subdomains: had no suspension\n"},
       {"suspend example.com --for 1d >'%'.out && cut -d ' ' -f 1-6 '%'.out", 0,
        "example.com and its subdomains: not blocked\n"},
       {"list | sed 's/=.*/=/'", 0, "example.com until=\nwww.example.com only\nco.uk only\n"},
@@ -42,6 +43,12 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"resume example.com", 0, "example.com and its subdomains: blocked again\n"},
       {"allow x.example.com free.example", 0,
        "x.example.com and its subdomains: allowed\nfree.example and its subdomains: allowed; no line blocks it now\n"},
+      {"block --exact free.example; '" ORVANECTL "' --list '%' block free.example; '" ORVANECTL
+       "' --list '%' block --exact free.example; '" ORVANECTL "' --list '%' allow free.example",
+       0,
+       "free.example: blocked, no longer an exception\nfree.example and its subdomains: blocked, now with its "
+       "subdomains\nfree.example: blocked, now without its subdomains\n"
+       "free.example and its subdomains: allowed; no line blocks it now\n"},
       {"block a.x.example.com", 0,
        "a.x.example.com and its subdomains: blocked; but allowed by the exception \"x.example.com allowed\"\n"},
       {"suspend x.example.com --for 1h", 2, ""},
@@ -220,9 +227,10 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0, "2 more bad lines\n2 more\n"},
       // A keeper without an extension.
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
-       "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' 'group add g' 'lock --for "
-       "1h'; "
-       "do '" ORVANECTL "' --state '%.state' --list '%' $command 2>&1; done | grep -v 'may still open' |\n"
+       "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' "
+       "'block c.example' 'group add g' 'import -' 'import --undo' 'lock --for 1h'; "
+       "do echo e.example | '" ORVANECTL "' --state '%.state' --list '%' $command 2>&1; done |\n"
+       "grep -vE 'may still open|^1 line|^0 dup|take this' |\n"
        "sed 's/until .*;/until;/; s/until [^;]*$/until/; s/connection.*/connection/'; kill $!",
        0,
        "orvanectl: saved, but not in force, because the keeper has no connection\n"
@@ -232,9 +240,17 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "orvanectl: saved, but not in force, because the keeper has no connection\n"
        "not in force yet: c.example and its subdomains: not blocked until\n"
        "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: c.example and its subdomains: blocked again\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
        "not in force yet: g: added, without sites\n"
        "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: 1 added, 0 changed, 0 already on the list, 0 removed\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
+       "not in force yet: 1 site removed, 0 restored, 0 left alone because you changed them since the import\n"
+       "orvanectl: saved, but not in force, because the keeper has no connection\n"
        "default: locked until; but its sites are not blocked yet\n"},
+      {"list >'%.out'; '" ORVANECTL "' --state '%.loop' --list '%' group add i 2>'%.out'", 0,
+       "perhaps not in force: i: added, without sites\n"},
   };
   for (const Case& each : kCases) {
     std::string command = std::string("'" ORVANECTL "' --state '%.state' --list '%' ") + each.command;
