@@ -77,7 +77,8 @@ int change_list(const CommonOptions& options, const Arguments& arguments, const 
 
 // What holds back the settings `wanted`, if they make the group block less than the settings `before` in the file.
 MaybeHeldBack settings_held_back(const Group& wanted, Group before, const KeeperState::GroupState& state, Moment now) {
-  before.delay = std::max(before.delay, state.delay);
+  // A pending change of the delay holds back only a command that changes the delay again.
+  if (wanted.delay != before.delay) before.delay = std::max(before.delay, state.delay);
   if (!blocks_less(wanted, before)) return std::nullopt;
   auto heldBack = removal_held_back(before, state, now);
   // The delay counts from the first of several changes.

@@ -208,6 +208,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "echo $! >'%.pid'; until '" ORVANECTL "' --state '%.state' --list '%' lock 2>'%.out'; do sleep 0.1; done",
        0, "no group is locked\n"},
       {"group delay h off 2>'%.out' | grep -o 'the delay of 1 h counts'", 0, "the delay of 1 h counts\n"},
+      {"group disable h 2>'%.out' >&2; '" ORVANECTL
+       "' --state '%.state' --list '%' group enable h 2>'%.out' | grep -o 'h: enabled.*'",
+       0, "h: enabled: in force\n"},
       {"suspend y.example --group h --until 'in 10 min'", 2, ""},
       {"suspend y.example --group h --for 10m 2>'%.out' | grep -cE '\\(1 h (9|10) min left'", 0, "1\n"},
       {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},
