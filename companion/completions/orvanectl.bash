@@ -1,10 +1,11 @@
 # Completes orvanectl in bash. Uses the functions of bash-completion.
 
-# Completes hosts of the list: of the group $1 or, without it, of all groups. If the user may not read the list, offers
-# no hosts and prints no error.
+# Completes hosts of the list: of the sites of the group $1 or, without it, of all groups with their exceptions. If the
+# user may not read the list, offers no hosts and prints no error.
 _orvanectl_hosts() {
   mapfile -t COMPREPLY < <(orvanectl ${list:+--list "$list"} export ${1:+--group "$1"} 2>/dev/null |
-    typed=$cur awk 'NF > 0 && index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" { print $1 }')
+    typed=$cur group=$1 awk 'NF > 0 && index($1, ENVIRON["typed"]) == 1 && !/^\[/ && $2 != "=" &&
+      (ENVIRON["group"] == "" || $2 != "allowed") { print $1 }')
 }
 
 # Completes the hosts of the objects of "list --json" that match $1.
