@@ -45,6 +45,7 @@ std::string title_of(const Finding& finding) {
   static const std::map<std::string, std::string> kTitles = {
       {"service", ""},
       {"keeper", ""},
+      {"fetcher", ""},
       {"answer", "extension"},
       {"clients", "extension"},
       {"processes", "extension"},

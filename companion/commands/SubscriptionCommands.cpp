@@ -225,7 +225,7 @@ int subscribe(const CommonOptions& options, const Arguments& arguments) {
     const SubscriptionFile file = read_subscriptions(text);
     if (const Subscription* same = file.find(subscription.url))
       throw InputError("already subscribed: " + in_quotes(subscription.url) + ": its name is " + same->name +
-                       ": to change it: orvanectl unsubscribe " + same->name);
+                       ": to change it, remove it first: orvanectl unsubscribe " + same->name);
     if (subscription.name.empty()) subscription.name = name_for_url(subscription.url, file.subscriptions);
     if (file.find(subscription.name) != nullptr)
       throw InputError("the name is taken: " + in_quotes(subscription.name) + ": give another one with --name");
