@@ -245,8 +245,11 @@ int undo(const CommonOptions& options) {
                        std::string("orvanectl unblock --from FILE"));
     const ImportRecord record = read_import_record(text);
     for (const Group& group : record.after.groups()) refuse_if_locked(options, group.name, "undo the import");
+    std::set<std::string> names;
+    for (const Group& group : list.groups()) names.insert(group.name);
+    removals = find_removals(list, names, keeper, now);  // now, because the next line may remove groups
     counts = take_back(list, record);
-    removals = find_removals(list, counts.weakenedGroups, keeper, now);
+    std::erase_if(removals, [&](const HeldBack& each) { return !counts.weakenedGroups.contains(each.group); });
     sites = list.size();
     replace_list_text(record_path(options), "");
     return counts.removed + counts.restored + counts.groups > 0;

@@ -131,6 +131,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
+      {"import - >'%.out' <<'E'; '" ORVANECTL
+       "' --list '%' import --undo | sed 1d\n[group late]\ndelay = 1h\nl.example\nE",
+       0, "1 group removed or restored\nlate: its removed sites stay blocked for 1 h\n"},
       {"unblock --from - 2>&1 <<'E'\nw.example\nE", 0,
        "orvanectl: skipped: 1 name of standard input that the group default does not have: the group work has 1 of "
        "them: give --group work\n"
