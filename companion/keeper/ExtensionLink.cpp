@@ -96,7 +96,7 @@ void ExtensionLink::addGuarded() {
 
 void ExtensionLink::logUndone() {
   if (undone_ == 0 || Clock::now() < logUndoneAt_) return;
-  keeper_log(LogLevel::Notice, "a group is locked, or a list of the administrator is in force: undoing " +
+  keeper_log(LogLevel::Notice, "a group has a lock or a delay, or a list of the administrator is in force: undoing " +
                                    counted(undone_, "edit", "edits") + " by other clients");
   undone_ = 0;
   logUndoneAt_ = Clock::now() + kLogInterval;

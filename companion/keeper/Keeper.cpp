@@ -350,11 +350,11 @@ void Keeper::enforceOwn(HeldNames own) {
   take(std::move(own));
 }
 
-// Lets the link undo edits of other clients while a group is locked, and while a list of the administrator has names
-// that the members may not take out of force.
+// Lets the link undo edits of other clients while a group has a lock or a delay, and while a list of the administrator
+// has names that the members may not take out of force.
 void Keeper::undoEdits(std::vector<RankedNames> lists) {
   std::erase_if(lists, [](const RankedNames& list) { return list.rank != Rank::Fixed; });
-  const bool isEnabled = guard_.isLocked() || !lists.empty();
+  const bool isEnabled = guard_.isActive() || !lists.empty();
   lists.push_back({Rank::Own, &guarded_});
   std::vector<std::string> names = unite(lists, {});
   // If there is no room for both, the names of the administrator come first.

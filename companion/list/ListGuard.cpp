@@ -380,10 +380,6 @@ bool ListGuard::isActive() const {
   return std::any_of(guarded_.begin(), guarded_.end(), [](const auto& entry) { return entry.second.hasCopy; });
 }
 
-bool ListGuard::isLocked() const {
-  return std::any_of(guarded_.begin(), guarded_.end(), [](const auto& entry) { return entry.second.lockEnd; });
-}
-
 // The list of the file, but with the settings and sites that the guard's copy has of each guarded group. Exceptions,
 // and sites that the copy lacks, come from the file.
 BlockList ListGuard::withHeldGroups(const BlockList& file) const {

@@ -71,7 +71,6 @@ class ListGuard {
   // no such moment.
   std::optional<std::chrono::seconds> due() const { return due_; }
   bool isActive() const;  // a group is guarded
-  bool isLocked() const;  // a group is locked
 
   // The list that is in force: the guarded groups as the guard has them, the others as in the file.
   BlockList listInForce(const BlockList& file) const;

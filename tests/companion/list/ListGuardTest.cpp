@@ -115,10 +115,11 @@ TEST(ListGuard, EndsALockAfterTimeThatTheMachineHasRun) {
   EXPECT_EQ(machine.guard.due(), seconds(3000)) << "the time for which the machine was off does not count";
   machine.running += 3000;
   machine.read(file);
-  EXPECT_FALSE(machine.guard.isLocked());
+  EXPECT_EQ(machine.guard.lockEnd("default"), std::nullopt);
   machine.clock -= 86400;
   machine.read(file);
-  EXPECT_FALSE(machine.guard.isLocked()) << "the same request locks again after the clock was set back";
+  EXPECT_EQ(machine.guard.lockEnd("default"), std::nullopt)
+      << "the same request locks again after the clock was set back";
   EXPECT_THROW(machine.guard.load("# {}", machine.now()), std::exception);
 }
 

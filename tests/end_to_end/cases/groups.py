@@ -7,6 +7,7 @@ import json
 import signal
 import time
 
+from extension import Extension
 from harness import ALLOW, DROP, HELD, NEWS, PYTHON, World, becomes, check, connect, wait_until
 from isolation import Unavailable
 from keeper import Keeper
@@ -102,6 +103,20 @@ def _check_what_is_still_blocked(keeper: Keeper) -> None:
         check(words in shown, True, f"list and group list say: {words}: {shown}")
 
 
+def _check_that_the_keeper_undoes(command: tuple[str, ...], keeper: Keeper, extension: Extension) -> None:
+    def has_effect() -> bool:
+        keeper.process.send_signal(signal.SIGSTOP)  # or the keeper would undo the edit before the check
+        try:
+            extension.control(*command, text="other.example\n").check_returncode()
+            return connect(HELD) == ALLOW
+        finally:
+            keeper.process.send_signal(signal.SIGCONT)
+
+    # What the keeper sent before it stopped may reach the extension after the edit. Then try again.
+    wait_until(has_effect, f"{command} has an effect")
+    becomes(DROP, f"the keeper has undone {command}")
+
+
 def LockHoldsAgainstEveryoneButRoot(world: World):
     with world.extension(PYTHON) as extension:
         keeper = Keeper(extension, world.directory)
@@ -153,18 +168,7 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             keeper.list.write_text(f"{NEWS}\nmore.example\n")
             _wait_until_sent(keeper)
             for command in (("call", "removeHostname", f".{HELD}"), ("call", "addHostname", f"!.{HELD}"), ("set", "-")):
-
-                def has_effect(command=command) -> bool:
-                    keeper.process.send_signal(signal.SIGSTOP)  # or the keeper would undo the edit before the check
-                    try:
-                        extension.control(*command, text="other.example\n").check_returncode()
-                        return connect(HELD) == ALLOW
-                    finally:
-                        keeper.process.send_signal(signal.SIGCONT)
-
-                # What the keeper sent before it stopped may reach the extension after the edit. Then try again.
-                wait_until(has_effect, f"{command} has an effect")
-                becomes(DROP, f"the keeper has undone {command}")
+                _check_that_the_keeper_undoes(command, keeper, extension)
 
             def tried() -> str:
                 return json.loads(keeper.control("--json", "try", HELD).stdout)["verdict"]
@@ -184,6 +188,8 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             wait_until(guard.exists, "a new guard's file")
             kept = [path.read_text() for path in world.directory.glob("*.guard.unreadable-*")]
             check(kept, ["damaged"], "the copy of a guard's file that cannot be read")
+            _wait_until_sent(keeper)
+            _check_that_the_keeper_undoes(("call", "removeHostname", f".{HELD}"), keeper, extension)  # for a delay
             check(_held_back(keeper, "unblock", "--group", "work", HELD), [("delay", 1)], "what holds back an unblock")
             for _ in range(2):  # the second time, the file has no delay any more
                 off = ("group", "delay", "work", "off")
