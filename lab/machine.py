@@ -9,6 +9,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from collections.abc import Callable
 
 from extension import Failure
 from isolation import Unavailable
@@ -70,7 +71,7 @@ class Machine:
         for number in (signal.SIGINT, signal.SIGTERM):
             # A second signal must not interrupt the clean-up. Child processes would inherit SIG_IGN, so use a function.
             signal.signal(number, lambda *_: None)
-        self._end()
+        self.shut_down()
         if os.path.ismount(self._folder):
             subprocess.run(["umount", "--lazy", self._folder], check=True)
         os.rmdir(self._folder)
@@ -94,7 +95,8 @@ class Machine:
         for name in ("bin", "lib", "lib64", "sbin"):
             (outside / name).symlink_to(f"usr/{name}")
 
-    def boot(self) -> None:
+    def boot(self, attend: Callable[[], object] = lambda: None) -> None:
+        """Starts the system. Calls `attend` as soon as the container has its network namespace."""
         command = ["systemd-nspawn", "--quiet", "--boot", f"--directory={self.root}", "--register=no", "--keep-unit"]
         # Each machine needs a name of its own. systemd-nspawn would name it by the last part of its directory.
         command += ["--private-network", "--console=pipe", f"--machine={self._folder.name.replace('_', '0')}"]
@@ -111,8 +113,11 @@ class Machine:
                 stderr=console,
                 start_new_session=True,
             )
-        end = time.monotonic() + 60
+        end, is_attended = time.monotonic() + 60, False
         while self._state() not in ("running", "degraded"):
+            if not is_attended and self._has_network():
+                attend()
+                is_attended = True
             if self._container.poll() is not None or time.monotonic() > end:
                 text = (self._folder / "console").read_text(errors="replace").strip()
                 raise Unavailable(f"cannot boot a system: {(text.splitlines() or ['?'])[-1]}")
@@ -128,13 +133,19 @@ class Machine:
                 return int(children[0])
         return None
 
+    def _has_network(self) -> bool:
+        with contextlib.suppress(OSError):
+            if leader := self._leader():
+                return not os.path.samefile(f"/proc/{leader}/ns/net", "/proc/self/ns/net")
+        return False
+
     def _state(self) -> str:
         with contextlib.suppress(Exception):
             if self._leader() is not None:
                 return self.run("systemctl", "is-system-running", check=False).stdout.strip()
         return ""
 
-    def _end(self) -> None:
+    def shut_down(self) -> None:
         """Shuts the system down; kills it if that takes over 20 s."""
         if self._container is None:
             return
@@ -148,7 +159,7 @@ class Machine:
         self._container = None
 
     def restart(self) -> None:
-        self._end()
+        self.shut_down()
         self.boot()
 
     def inside(self, *namespaces: str) -> list[str]:
