@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListGuard.h"
 #include "companion/text/Hostname.h"

@@ -22,7 +22,7 @@
 
 #include "companion/client/CallTimeout.h"
 #include "companion/client/Client.h"
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/commands/ProtocolCall.h"
 #include "companion/text/EditDistance.h"
 #include "companion/text/ExitCodes.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 
 namespace orvane {
 

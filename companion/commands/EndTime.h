@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/text/TimeText.h"
 
 namespace orvane {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "companion/commandline/GroupState.h"
 #include "companion/commands/EndTime.h"
-#include "companion/commands/GroupState.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListGuard.h"

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListImport.h"

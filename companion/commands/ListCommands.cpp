@@ -15,10 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "companion/commandline/GroupState.h"
 #include "companion/commands/BlockListOutput.h"
 #include "companion/commands/BrowserWarning.h"
 #include "companion/commands/EndTime.h"
-#include "companion/commands/GroupState.h"
 #include "companion/commands/ImportCommand.h"
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/keeper/ListsBeside.h"

@@ -9,7 +9,7 @@
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/ExtensionProbe.h"
 #include "companion/client/UnitState.h"
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/commands/KeeperCommands.h"
 #include "companion/commands/SubscriptionCommands.h"
 #include "companion/keeper/KeeperState.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/doctor/Doctor.h"
 
 namespace orvane {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/sites/SiteCommands.h"
 
 namespace orvane {

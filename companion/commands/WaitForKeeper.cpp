@@ -4,7 +4,7 @@
 
 #include "companion/browsers/BrowserRecognition.h"
 #include "companion/client/UnitState.h"
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/Places.h"
 #include "companion/text/Input.h"

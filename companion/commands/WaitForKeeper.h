@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/list/ListFile.h"
 
 namespace orvane {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListImport.h"

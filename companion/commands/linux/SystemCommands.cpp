@@ -1,7 +1,7 @@
 #include <memory>
 
 #include "companion/client/ExtensionBundle.h"
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/commands/DoctorCommands.h"
 #include "companion/commands/MachineCommands.h"
 #include "companion/commands/SubscriptionCommands.h"

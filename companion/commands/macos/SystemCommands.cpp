@@ -2,7 +2,7 @@
 
 #include <filesystem>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/commands/MachineCommands.h"
 #include "companion/list/Places.h"
 

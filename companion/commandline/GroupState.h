@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/commands/CommandSet.h"
+#include "companion/commandline/CommandSet.h"
 #include "companion/keeper/KeeperState.h"
 #include "companion/list/BlockList.h"
 

@@ -1,4 +1,4 @@
-#include "companion/commands/GroupState.h"
+#include "companion/commandline/GroupState.h"
 
 #include <algorithm>
 #include <filesystem>
