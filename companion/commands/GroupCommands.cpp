@@ -77,12 +77,13 @@ int change_list(const CommonOptions& options, const Arguments& arguments, const 
 
 // What holds back the settings `wanted`, if they make the group block less than the settings `before` in the file.
 MaybeHeldBack settings_held_back(const Group& wanted, Group before, const KeeperState::GroupState& state, Moment now) {
-  // A pending change of the delay holds back only a command that changes the delay again.
-  if (wanted.delay != before.delay) before.delay = std::max(before.delay, state.delay);
+  const bool beginsDelay = blocks_less(wanted, before);
+  // A pending change of the delay holds back only a command that changes the delay again, or that begins it anew.
+  if (beginsDelay || wanted.delay != before.delay) before.delay = std::max(before.delay, state.delay);
   if (!blocks_less(wanted, before)) return std::nullopt;
   auto heldBack = removal_held_back(before, state, now);
-  // The delay counts from the first of several changes.
-  if (heldBack && state.settingsUntil) heldBack->until = state.settingsUntil;
+  // The delay of a pending change goes on if the group then blocks as much as before or more.
+  if (heldBack && state.settingsUntil && !beginsDelay) heldBack->until = state.settingsUntil;
   return heldBack;
 }
 
@@ -120,7 +121,12 @@ int remove(const CommonOptions& options, const Arguments& arguments) {
   refuse_if_locked(options, arguments.group, "remove the group");
   return change_group(options, arguments, [](BlockList& list, GroupIndex group, const auto& state) {
     const Moment now = now_in_seconds();
-    const auto heldBack = removal_held_back(list.groups()[group], state, now);
+    const Group before = list.groups()[group];
+    Group gone;
+    gone.name = before.name;
+    gone.isEnabled = false;
+    auto heldBack = settings_held_back(gone, before, state, now);
+    if (!heldBack) heldBack = removal_held_back(before, state, now);
     list.removeGroup(group);
     return Outcome{"removed, with its sites" + held_back_text(heldBack, now), heldBack};
   });

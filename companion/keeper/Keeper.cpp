@@ -396,8 +396,8 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
 void Keeper::describePending(KeeperState::GroupState& group, const ListGuard::Now& now) {
   const auto& changes = guard_.pendingChanges(group.name);
   group.pendingChanges = changes.size();
-  for (const auto& [host, moment] : changes) {
-    const Moment until = std::max(now.wall + (moment - now.running), group.lockedUntil.value_or(now.wall));
+  for (const auto& [host, change] : changes) {
+    const Moment until = std::max(now.wall + (change.moment - now.running), group.lockedUntil.value_or(now.wall));
     if (host.empty()) {
       group.settingsUntil = until;
     } else if (state_.pending.size() < KeeperState::kMostPending) {

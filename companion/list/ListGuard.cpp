@@ -35,7 +35,7 @@ GroupIndex group_named(BlockList& list, std::string_view name) {
   return known ? *known : list.addGroup(name);
 }
 
-// The site takes at most this many bytes in the saved text. A pending change of the site takes at most as many again.
+// The site takes at most this many bytes in the saved text. A pending change of the site takes at most twice as many.
 size_t bytes_of(const ListedSite& site) {
   constexpr size_t kLongestRest = 40;
   return site.host.size() + kLongestRest;
@@ -45,6 +45,37 @@ std::string settings_text(const Group& group) {
   std::string text = group.isEnabled ? "" : "disabled";
   for (const std::string& span : group.schedule.texts()) text += "; " + span;
   return text;
+}
+
+constexpr const char* kAnyHost = "a.example";
+
+// What the list's file wants of a site or of a group's settings, as a text that wants_less() reads. Empty if the file
+// does not block the site. The text does not name the site.
+std::string wish_of(const ListedSite* site) {
+  if (strength(site) < kWeakestSite) return "";
+  ListedSite any = *site;
+  any.host = kAnyHost;
+  return line_of(any);
+}
+std::string wish_of(const Group& settings) {
+  BlockList list;
+  copy_settings(settings, list);
+  return list.text();
+}
+
+// Whether the wish blocks less than an earlier wish.
+bool wants_less(const std::string& wish, const std::string& earlier) {
+  if (earlier.empty() || wish == earlier) return false;
+  const BlockList after = BlockList::parse(wish), before = BlockList::parse(earlier);
+  const ListedSite* site = before.find(kAnyHost);
+  return site != nullptr ? blocks_less(after.find(kAnyHost), *site)
+                         : blocks_less(after.groups().back(), before.groups().back());
+}
+
+// Without a suspension that has ended, so that setting the clock back does not begin it again.
+ListedSite without_past(ListedSite site, Moment now) {
+  if (site.until && !site.isSuspended(now)) site.until.reset();
+  return site;
 }
 
 }  // namespace
@@ -76,8 +107,11 @@ std::string ListGuard::save(const Now& now) const {
     if (guarded.lockEnd) group["lockBegan"] = left(guarded.lockBegan);
     if (guarded.lockEnd) group["clock"] = guarded.clock.count();
     if (guarded.request) group["request"] = time_text(*guarded.request);
-    Json& leaving = group["leaving"] = Json::object();
-    for (const auto& [host, moment] : guarded.leaving) leaving[host] = left(moment);
+    Json &leaving = group["leaving"] = Json::object(), &wanted = group["wanted"] = Json::object();
+    for (const auto& [host, change] : guarded.leaving) {
+      leaving[host] = left(change.moment);
+      if (!change.wanted.empty()) wanted[host] = change.wanted;
+    }
   }
   for (const auto& [key, since] : exceptions_) exceptions[key] = left(since);
   const Json header{{"running", now.running.count()},
@@ -114,7 +148,9 @@ void ListGuard::load(std::string_view text, const Now& now) {
         guarded.clock = isRestarted ? wall - now.running : Seconds(group.at("clock").get<int64_t>());
       }
       if (group.contains("request")) guarded.request = read_moment(group.at("request").get<std::string>());
-      for (const auto& [host, left] : group.at("leaving").items()) guarded.leaving[host] = moment(left);
+      const Json wanted = group.value("wanted", Json::object());
+      for (const auto& [host, left] : group.at("leaving").items())
+        guarded.leaving[host] = {moment(left), wanted.value(host, std::string())};
     }
     for (const auto& [key, since] : header.at("exceptions").items()) loaded.exceptions_[key] = moment(since);
     loaded.exceptionSettings_ = header.value("settings", loaded.exceptionSettings_);
@@ -190,10 +226,13 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
       site.until.reset();
       held_.put(site);
     }
-    const ListedSite* other = wanted ? file.find(site.host, *wanted) : nullptr;
-    if (!blocks_less(other, site)) {
+    const ListedSite* found = wanted ? file.find(site.host, *wanted) : nullptr;
+    const auto other = found != nullptr ? std::optional(without_past(*found, now.wall)) : std::nullopt;
+    const ListedSite* wish = other ? &*other : nullptr;
+    if (!blocks_less(wish, site)) {
       stays(*guarded, site.host);
-    } else if (mayLeave(*guarded, site.host, held_.groups()[site.group].delay, now) && strength(other) < kWeakestSite) {
+    } else if (mayLeave(*guarded, site.host, wish_of(wish), held_.groups()[site.group].delay, now) &&
+               strength(wish) < kWeakestSite) {
       isChanged_ = held_.remove(site.host, site.group) || isChanged_;
     }
   }
@@ -208,7 +247,7 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
       if (bytes + bytes_of(site) > mostBytes_) return;
       bytes += bytes_of(site);
     }
-    ListedSite copy = site;
+    ListedSite copy = without_past(site, now.wall);
     copy.group = *held;
     if (updates[*held].isLockNew) copy.until.reset();
     isChanged_ = held_.put(std::move(copy)) || isChanged_;
@@ -283,7 +322,7 @@ void ListGuard::updateSettings(GroupIndex held, Guarded& guarded, const Group* w
   after.name = before.name;
   if (!blocks_less(after, before)) {
     stays(guarded, "");
-  } else if (!mayLeave(guarded, "", before.delay, now)) {
+  } else if (!mayLeave(guarded, "", wish_of(after), before.delay, now)) {
     after = before;
     if (wanted != nullptr) after.delay = std::max(before.delay, wanted->delay);
   }
@@ -293,13 +332,17 @@ void ListGuard::updateSettings(GroupIndex held, Guarded& guarded, const Group* w
 }
 
 // Notes a change that makes the group block less, and returns whether it may have an effect now. `key`: the host of the
-// change; "" if the change is one of the group's settings.
-bool ListGuard::mayLeave(Guarded& guarded, const std::string& key, Seconds delay, const Now& now) {
-  const auto [entry, isNew] = guarded.leaving.try_emplace(key, now.running + delay);
-  isChanged_ = isChanged_ || isNew;
+// change; "" if the change is one of the group's settings. `wanted`: the wish of the file.
+bool ListGuard::mayLeave(Guarded& guarded, const std::string& key, const std::string& wanted, Seconds delay,
+                         const Now& now) {
+  const auto [entry, isNew] = guarded.leaving.try_emplace(key, PendingChange{now.running + delay, wanted});
+  PendingChange& change = entry->second;
+  if (wants_less(wanted, change.wanted)) change.moment = now.running + delay;
+  isChanged_ = isChanged_ || isNew || change.wanted != wanted;
+  change.wanted = wanted;
   if (guarded.lockEnd) return false;
-  if (entry->second > now.running) {
-    noteDue(entry->second);
+  if (change.moment > now.running) {
+    noteDue(change.moment);
     return false;
   }
   guarded.leaving.erase(entry);

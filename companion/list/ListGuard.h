@@ -32,6 +32,9 @@ bool blocks_less(const Group& wanted, const Group& held);
 //   an exception (in any group)
 //   for a site of the group       when the lock has ended      after the delay
 //
+// If the list's file changes again before a change has an effect, and the new change blocks less than the one before,
+// the delay begins anew. A suspension whose end is past is none.
+//
 // Locks and delays are measured in time for which the machine runs or sleeps, so setting the clock does not change
 // them. Not thread-safe.
 class ListGuard {
@@ -89,8 +92,11 @@ class ListGuard {
   bool ignoresExceptions() const { return ignoresExceptions_; }
 
   using Seconds = std::chrono::seconds;  // on the clock Now::running
-  using Changes =
-      std::map<std::string, Seconds, std::less<>>;  // when each may have an effect, by host; "" for settings
+  struct PendingChange {
+    Seconds moment{0};   // when it may have an effect
+    std::string wanted;  // what the file had when it was last read: see wish_of() in ListGuard.cpp
+  };
+  using Changes = std::map<std::string, PendingChange, std::less<>>;  // by host; "" for the group's settings
   // The removals and other changes of this group that have no effect yet, without exceptions. While the group is
   // locked, they have no effect even after their moment. Valid until update() or load().
   const Changes& pendingChanges(std::string_view group) const;
@@ -113,7 +119,7 @@ class ListGuard {
   void updateGroups(const BlockList& file, const Now& now);
   void updateSites(Updates& updates, const BlockList& file, const Now& now);
   void updateSettings(GroupIndex held, Guarded& guarded, const Group* wanted, const Now& now);
-  bool mayLeave(Guarded& guarded, const std::string& key, Seconds delay, const Now& now);
+  bool mayLeave(Guarded& guarded, const std::string& key, const std::string& wanted, Seconds delay, const Now& now);
   void stays(Guarded& guarded, const std::string& key);
   void release(const std::vector<std::string>& names);
   std::optional<GroupIndex> heldGroup(const std::string& name) const;

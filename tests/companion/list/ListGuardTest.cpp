@@ -206,5 +206,49 @@ TEST(ListGuard, DelaysWhatBlocksLess) {
   }
 }
 
+TEST(ListGuard, BeginsADelayAnewForAChangeThatBlocksLessThanThePendingOne) {
+  const std::string group = "[group work]\ndelay = 15m\n", file = group + "a.example\n";
+  const std::string lock = group + "lock-until = 2026-06-01T12:10:00Z\n";
+  const struct {
+    const char* what;
+    std::string first;  // the file from the second 10 on
+    std::string second;
+    int end;  // the second at which the second file begins to have an effect, if the file has had it since second 905
+    std::string held;  // then
+  } kCases[] = {
+      {"a suspension that had ended already", group + "a.example until=2000-01-01T00:00:00Z\n", group, 1805, ""},
+      {"a site without its subdomains", group + "a.example only\n", group, 1805, ""},
+      {"a shorter suspension", group + "a.example until=2026-06-01T12:30:00Z\n",
+       group + "a.example until=2026-06-02T00:00:00Z\n", 1805, ""},
+      {"a schedule of all times", group + "schedule = Mon..Sun 00:00-24:00\na.example\n",
+       group + "enabled = no\na.example\n", 1805, ""},
+      {"a shorter delay", "[group work]\ndelay = 14m\na.example\n", group + "enabled = no\na.example\n", 1805, ""},
+      {"a lock", lock + "a.example only\n", lock, 1805, ""},
+      {"a removal", group, group + "a.example only\n", 910, "a.example"},
+      {"the group's removal", "", group + "enabled = no\na.example\n", 910, ""},
+  };
+  for (const auto& c : kCases) {
+    Machine machine;
+    const auto read = [&](int second, const std::string& text) {
+      machine.running = 1000 + second;
+      std::string held = machine.read(text);
+      machine.restartKeeper();
+      return held;
+    };
+    EXPECT_EQ(read(0, file), ".a.example") << c.what;
+    EXPECT_EQ(read(10, c.first), ".a.example") << c.what;
+    EXPECT_EQ(read(905, c.second), ".a.example") << c.what;
+    EXPECT_EQ(read(c.end - 1, c.second), ".a.example") << c.what;
+    EXPECT_EQ(read(c.end, c.second), c.held) << c.what;
+  }
+  Machine machine;
+  machine.read(file);
+  machine.clock += 3600;
+  const std::string suspended = group + "a.example until=2026-06-01T12:30:00Z\n";
+  EXPECT_EQ(machine.read(suspended), ".a.example") << "with the clock set to a time after the suspension";
+  machine.clock -= 3600;
+  EXPECT_EQ(machine.read(suspended), ".a.example") << "with the clock set back";
+}
+
 }  // namespace
 }  // namespace orvane
