@@ -21,15 +21,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The peer process of a connected Unix-domain socket. The peer of a client's socket is the process that called
-// listen(2).
-std::optional<pid_t> peer_of(const Descriptor& connection) {
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return std::nullopt;
-  return peer.pid;
-}
-
 // Handles for other processes, and copies of their descriptors. The code makes the system calls directly, because glibc
 // 2.36 declares its wrappers of these calls (sys/pidfd.h) without C linkage, which C++ needs.
 Descriptor open_process(pid_t process) { return Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0))); }
@@ -62,7 +53,7 @@ std::string program_of(pid_t process) {
 std::optional<std::vector<ControlClient>> control_clients(const std::string& socket) {
   Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!probe || connect_to(socket, probe) != 0) return std::nullopt;
-  const pid_t extension = peer_of(probe).value_or(0);
+  const pid_t extension = peer_of(probe.get()).pid;
   const Descriptor handle = open_process(extension);  // fails for pid 0, a process in another PID namespace
   if (!handle) return std::nullopt;
   std::map<pid_t, size_t> connections;
@@ -74,8 +65,8 @@ std::optional<std::vector<ControlClient>> control_clients(const std::string& soc
     const Descriptor copy = copy_descriptor(handle, std::stoi(entry->path().filename().string()));
     if (!copy && errno == EPERM) return std::nullopt;
     if (!copy || !is_bound_to(copy, socket) || is_listening(copy)) continue;
-    const std::optional<pid_t> client = peer_of(copy);
-    if (client && *client != ::getpid()) ++connections[*client];
+    const pid_t client = peer_of(copy.get()).pid;
+    if (client != ::getpid()) ++connections[client];
   }
   if (error) return std::nullopt;
   std::vector<ControlClient> clients;

@@ -12,6 +12,8 @@
 #include "platform/StringBlocks.h"
 #include "platform/linux/base/ListEdits.h"
 #include "platform/linux/control/ControlStream.h"
+#include "platform/linux/control/MemoryBudget.h"
+#include "platform/linux/control/SocketPath.h"
 #include "platform/linux/control/ValueMessage.h"
 
 namespace orvane {
@@ -25,57 +27,62 @@ constexpr unsigned kMaximumUnfinishedCalls = 1024;
 // Limit on the bytes of replies that wait because the client does not read them. Above the limit the session reads no
 // messages.
 constexpr size_t kMaximumUnsentBytes = 64 << 10;
-// Messages above kLargeMessageWords share a memory budget of kLargeMessageBudget. Other clients may wait for that
-// memory, so a large message must arrive within kLargeMessageTime.
-constexpr uint64_t kLargeMessageWords = (1 << 20) / sizeof(capnp::word);
-constexpr uint64_t kLargeMessageBudget = 2 * kMaximumMessageWords;  // in words
+// Large messages, and the values that the extension makes from them, share two budgets of memory. Small messages need
+// no budget, because a session has one message at a time and the number of sessions is limited. So a small call works
+// even while the large calls of other clients use up the budgets.
+constexpr uint64_t kLargeMessageWords = (256 << 10) / sizeof(capnp::word);
+// Other clients may wait for the memory of a large message, so the message must arrive within kLargeMessageTime.
 constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
-constexpr auto kReservationRetryInterval = 10 * kj::MILLISECONDS;
+constexpr auto kShareInterval = 10 * kj::MILLISECONDS;  // between two attempts to take memory from a budget
 
 // The limits for one message. The traversal limit is larger than the largest message, because Cap'n Proto counts some
 // words twice as it reads. Each container in a value uses three levels of the nesting limit, and the call that contains
 // the value uses a few more.
 constexpr capnp::ReaderOptions kReaderOptions{kMaximumMessageWords + (1 << 20), 3 * kMaximumNesting + 16};
 
-// Counts the memory of the large messages of all sessions against kLargeMessageBudget. Thread-safe.
-class LargeMessageBudget {
- public:
-  bool reserve(uint64_t words) {
-    uint64_t reserved = reserved_.load();
-    do {
-      if (reserved + words > kLargeMessageBudget) return false;
-    } while (!reserved_.compare_exchange_weak(reserved, reserved + words));
-    return true;
-  }
-  void release(uint64_t words) { reserved_ -= words; }
+// The budgets are never destroyed, because sessions may still use them while the process exits.
+MemoryBudget& message_budget() {
+  // One user has at most half of the memory. So a user whose messages arrive slowly leaves room for another user.
+  constexpr uint64_t kLimitOfUser = kMaximumMessageWords * sizeof(capnp::word);
+  static auto& budget = *new MemoryBudget(2 * kLimitOfUser, kLimitOfUser);
+  return budget;
+}
 
- private:
-  std::atomic<uint64_t> reserved_{0};
-};
-LargeMessageBudget large_message_budget;
-
-// The limit on the memory for values is 512 MiB. The arguments of all calls that are being carried out count against
-// it; for some calls, the values that the extension stores count, too (see deliver()). A value takes up to about
-// kValueBytesPerByte bytes of memory for each byte of its message.
+// The limit on the memory for values is 512 MiB: once for the values that the extension stores, and once for the
+// arguments of large calls that are being carried out. A value takes up to about kValueBytesPerByte bytes of memory for
+// each byte of its message.
 constexpr uint64_t kValueBytesPerByte = 4;
-constexpr uint64_t kValueBudget = kMaximumCallWords * sizeof(capnp::word) * kValueBytesPerByte;
+constexpr uint64_t value_bytes(uint64_t messageWords) {
+  return messageWords * sizeof(capnp::word) * kValueBytesPerByte;
+}
+constexpr uint64_t kValueLimit = value_bytes(kMaximumCallWords);
 
-// Counts the memory for the arguments of one call against kValueBudget, while the call is carried out. Thread-safe.
-class ValueReservation {
+MemoryBudget& value_budget() {
+  static auto& budget = *new MemoryBudget(kValueLimit, kValueLimit);
+  return budget;
+}
+
+enum class Stores { Nothing, Value };
+
+// Refuses a call that would need too much memory for values, by an exception. Keep the object while the call is carried
+// out. Thread-safe.
+class ValueLimit {
  public:
-  // `stored`: the bytes of the values that the extension stores, which count against the same budget. If the total
-  // would exceed the budget, throws an exception, which refuses the call.
-  ValueReservation(uint64_t messageWords, uint64_t stored)
-      : bytes_(messageWords * sizeof(capnp::word) * kValueBytesPerByte) {
-    if ((total_ += bytes_) + stored <= kValueBudget) return;
-    total_ -= bytes_;
+  // Stores::Value is for a call that adds to the stored values. Such a call counts together with these values.
+  // Value::bytesInUse() counts the arguments of other calls, too: those of a call that replaces the list may be stored
+  // already. Stores::Nothing is for a call that removes a value, replaces all values or stores nothing, so that the
+  // call works even if the stored values use up the memory.
+  ValueLimit(uint64_t messageWords, Stores stores) : bytes_(stores == Stores::Value ? value_bytes(messageWords) : 0) {
+    const uint64_t storing = storing_ += bytes_;
+    if (messageWords <= kMaximumCallWords && (bytes_ == 0 || storing + Value::bytesInUse() <= kValueLimit)) return;
+    storing_ -= bytes_;
     refuse_message("it would need more memory for values than the limit, 512 MiB; remove names or properties first");
   }
-  ~ValueReservation() { total_ -= bytes_; }
-  KJ_DISALLOW_COPY(ValueReservation);
+  ~ValueLimit() { storing_ -= bytes_; }
+  KJ_DISALLOW_COPY(ValueLimit);
 
  private:
-  static inline std::atomic<uint64_t> total_{0};
+  static inline std::atomic<uint64_t> storing_{0};  // for the arguments of calls that add to the stored values
   const uint64_t bytes_;
 };
 
@@ -87,10 +94,11 @@ class GuardedStream final : public capnp::MessageStream {
       : activity_(activity),
         timer_(port.timer()),
         stream_(port, socket),
-        ended_(kj::newPromiseAndFulfiller<SessionEnd>()) {
+        ended_(kj::newPromiseAndFulfiller<SessionEnd>()),
+        messageShare_(message_budget(), peer_of(socket).uid),
+        valueShare_(value_budget(), peer_of(socket).uid) {
     stream_.setAdmission([this](uint64_t words) { return reserve(words); });
   }
-  ~GuardedStream() noexcept(false) { large_message_budget.release(reserved_); }
   KJ_DISALLOW_COPY(GuardedStream);
 
   // Sets the network, whose queue of unsent replies must be short before the next message is read. Call this before the
@@ -115,9 +123,9 @@ class GuardedStream final : public capnp::MessageStream {
                                                                     capnp::ReaderOptions options,
                                                                     kj::ArrayPtr<capnp::word> scratchSpace) override {
     return whenReadyForNextMessage().then([this, fdSpace, options, scratchSpace] {
-      releaseReservation();
       return kj::evalNow([&] { return stream_.tryReadMessage(fdSpace, options, scratchSpace); })
           .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return admit(kj::mv(message)); })
+          .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return whenValuesFit(kj::mv(message)); })
           .catch_([this](kj::Exception&& exception) {
             giveUp({exception.getDescription().begin(), exception.getDescription().size()});
             return kj::Maybe<capnp::MessageReaderAndFds>();
@@ -147,6 +155,8 @@ class GuardedStream final : public capnp::MessageStream {
     // evalLast runs when the event loop has nothing else to do, so the previous call is complete by then.
     return kj::evalLast([this]() -> kj::Promise<void> {
       activity_.endCall();
+      // Before the wait for the client, because a client that reads no replies must not keep memory of the budgets.
+      releaseShares();
       if (network_->getCurrentQueueSize() <= kMaximumUnsentBytes) return kj::READY_NOW;
       auto written = kj::newPromiseAndFulfiller<void>();
       resumeReading_ = kj::mv(written.fulfiller);
@@ -154,26 +164,35 @@ class GuardedStream final : public capnp::MessageStream {
     });
   }
 
-  kj::Promise<void> reserve(uint64_t words) {
-    messageWords_ = words;
-    if (words <= kLargeMessageWords) return kj::READY_NOW;
-    if (!large_message_budget.reserve(words)) {
-      return timer_.afterDelay(kReservationRetryInterval).then([this, words] { return reserve(words); });
-    }
-    reserved_ = words;
-    activity_.beginCall();  // a client whose large message is arriving is not idle
-    deadline_ = timer_.afterDelay(kLargeMessageTime)
-                    .then([this] { giveUp("a large message did not arrive in time"); })
-                    .eagerlyEvaluate(nullptr);
-    return kj::READY_NOW;
+  kj::Promise<void> whenTaken(MemoryBudget::Share& share, uint64_t bytes) {
+    if (share.take(bytes)) return kj::READY_NOW;
+    return timer_.afterDelay(kShareInterval).then([this, &share, bytes] { return whenTaken(share, bytes); });
   }
 
-  void releaseReservation() {
-    if (reserved_ == 0) return;
-    large_message_budget.release(reserved_);
-    reserved_ = 0;
+  kj::Promise<void> reserve(uint64_t words) {
+    messageWords_ = words;
+    if (!isMessageLarge()) return kj::READY_NOW;
+    return whenTaken(messageShare_, words * sizeof(capnp::word)).then([this] {
+      activity_.beginCall();  // a client whose large message is arriving is not idle
+      deadline_ = timer_.afterDelay(kLargeMessageTime)
+                      .then([this] { giveUp("a large message did not arrive in time"); })
+                      .eagerlyEvaluate(nullptr);
+    });
+  }
+
+  // Passes the message on when there is memory for its values. A call that can never have this memory is passed on at
+  // once, and refused.
+  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> whenValuesFit(kj::Maybe<capnp::MessageReaderAndFds>&& message) {
+    if (message == nullptr || !isMessageLarge() || messageWords_ > kMaximumCallWords) return kj::mv(message);
+    return whenTaken(valueShare_, value_bytes(messageWords_)).then([message = kj::mv(message)]() mutable {
+      return kj::mv(message);
+    });
+  }
+
+  void releaseShares() {
+    valueShare_.release();
     // A large message, and the values that it replaced, leave free memory, which the allocator would keep.
-    malloc_trim(0);
+    if (messageShare_.release()) malloc_trim(0);
   }
 
   kj::Maybe<capnp::MessageReaderAndFds> admit(kj::Maybe<capnp::MessageReaderAndFds>&& received) {
@@ -224,7 +243,8 @@ class GuardedStream final : public capnp::MessageStream {
   capnp::TwoPartyVatNetwork* network_ = nullptr;
   kj::Maybe<kj::Own<kj::PromiseFulfiller<void>>> resumeReading_;
   kj::Maybe<kj::Promise<void>> deadline_;
-  uint64_t messageWords_ = 0, reserved_ = 0;
+  uint64_t messageWords_ = 0;
+  MemoryBudget::Share messageShare_, valueShare_;
   unsigned unfinishedCalls_ = 0;
 };
 
@@ -273,7 +293,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
   kj::Promise<void> addHostname(AddHostnameContext context) override {
     return deliver(
         context, [](auto call) { return call.getHostname(); }, &OrvaneSECommunication::addHostname, report_edit_of,
-        Value::bytesInUse());
+        Stores::Value);
   }
   kj::Promise<void> removeHostname(RemoveHostnameContext context) override {
     return deliver(
@@ -285,7 +305,7 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
         report_edit_of_all);
   }
   kj::Promise<void> setProperties(SetPropertiesContext context) override {
-    ValueReservation memory(stream_.messageWords(), Value::bytesInUse());
+    ValueLimit limit(stream_.messageWords(), Stores::Value);
     Value properties = argument(context, [](auto call) { return call.getProperties(); });
     Value forHostname = argument(context, [](auto call) { return call.getForHostname(); });
     context.releaseParams();
@@ -323,14 +343,11 @@ class ControlServer final : public control::OrvaneSECommunication::Server {
     return *std::move(value);
   }
 
-  // Passes a call with one argument to the exported object, then passes the argument to `report`. `stored` is how many
-  // bytes of values the extension stores already; ValueReservation counts them against the budget. The callers pass 0
-  // for a message that removes a value, replaces all values or stores nothing, so that the message works even if the
-  // stored values use up the budget.
+  // Passes a call with one argument to the exported object, then passes the argument to `report`.
   template <class Context, class Get>
   kj::Promise<void> deliver(Context& context, Get get, void (OrvaneSECommunication::*message)(const Value&),
-                            void (*report)(const Value&), uint64_t stored = 0) {
-    ValueReservation memory(stream_.messageWords(), stored);
+                            void (*report)(const Value&), Stores stores = Stores::Nothing) {
+    ValueLimit limit(stream_.messageWords(), stores);
     Value value = argument(context, get);
     context.releaseParams();
     (exported().*message)(value);

@@ -33,9 +33,10 @@ enum class SessionEnd {
 // `activity` whether it is idle.
 //
 // Clients are not trusted:
-// - All sessions share two memory budgets: one for large messages, and one for values, including the values that the
-//   extension stores. A large message waits until the first budget has room. A call that would exceed the second budget
-//   is answered with an error, and the session goes on.
+// - All sessions share two memory budgets: one for large messages, and one for the values that are made from them. A
+//   large message waits for its turn (MemoryBudget.h) before it is read, and again before its call is carried out.
+// - A call is answered with an error, and the session goes on, if the call can never have the memory for its values, or
+//   if the extension would then store too many values.
 // - While too many bytes of replies wait because the client does not read them, the session reads no further message.
 // - The session ends if the client has too many unfinished calls, sends a malformed message or one that this protocol
 //   does not need, or sends a large message too slowly.

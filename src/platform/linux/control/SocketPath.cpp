@@ -108,4 +108,11 @@ int connect_to(const std::string& path, const Descriptor& connection) {
   return connect(connection.get(), reinterpret_cast<const sockaddr*>(&*address), sizeof *address) == 0 ? 0 : errno;
 }
 
+ucred peer_of(int connection) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size);
+  return peer;
+}
+
 }  // namespace orvane

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 #include <sys/un.h>
 
@@ -41,5 +42,9 @@ std::optional<sockaddr_un> unix_address(const std::string& path);
 
 // Connects a Unix-domain stream socket to the socket at a path. Returns 0 or an errno value.
 int connect_to(const std::string& path, const Descriptor& connection);
+
+// The process at the other end of a connected Unix-domain socket, and its user. For a client's socket, this is the
+// process that called listen(2). If the kernel does not know the process, its number is 0.
+ucred peer_of(int connection);
 
 }  // namespace orvane

@@ -13,7 +13,7 @@ namespace orvane {
 // Limits of one message. For comparison: a host name takes about seven words.
 inline constexpr uint64_t kMaximumMessageWords = 32 << 20;
 // The receiver refuses a call in a larger message, because the call's values could take more memory than all values
-// together may take (kValueBudget in ControlSession.cpp).
+// together may take (kValueLimit in ControlSession.cpp).
 inline constexpr uint64_t kMaximumCallWords = 16 << 20;
 inline constexpr uint64_t kMaximumElements = 4 << 20;  // values of any kind, in one message
 inline constexpr unsigned kMaximumNesting = 32;        // depth of containers within containers

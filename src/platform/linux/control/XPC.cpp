@@ -47,12 +47,9 @@ class ClientSockets {
 
   // Keeps the socket open until remove(), and returns its descriptor. `activity` must live until remove(), too.
   int add(Descriptor socket, const SessionActivity& activity) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size);
     std::lock_guard lock(mutex_);
     int descriptor = socket.get();
-    sockets_.emplace(descriptor, Client{std::move(socket), peer, &activity});
+    sockets_.emplace(descriptor, Client{std::move(socket), peer_of(descriptor), &activity});
     if (closing_) shutdown(descriptor, SHUT_RDWR);
     return descriptor;
   }

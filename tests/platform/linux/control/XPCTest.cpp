@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 
 #include "ControlProtocol.capnp.h"
@@ -171,6 +172,34 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   EXPECT_THROW(peer_->setProperties(large, name), ClientError);
   peer_->addHostname(name);
   NotedController::Messages expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
+  EXPECT_EQ(exported_.received(), expected);
+}
+
+TEST_F(XPC, CarriesOutSmallCallsWhileOneLargeCallRunsAndAnotherWaits) {
+  const std::vector<uint8_t> bytes(size_t{120} << 20);  // two such calls would exceed the limit
+  const Value large = Value::set({Value::data(bytes)}), name = Value::string("a.example"), small = Value::set({name});
+  std::binary_semaphore runs(0), mayEnd(0);
+  std::atomic<bool> isFirst{true};
+  exported_.onMessage = [&] {
+    if (!isFirst.exchange(false)) return;
+    runs.release();
+    mayEnd.acquire();
+  };
+  auto setLarge = [&large](Client& client) { EXPECT_NO_THROW(client.setHostnames(large)); };
+  std::thread running([&] { setLarge(*peer_); });
+  runs.acquire();
+  std::thread waiting([&] { setLarge(*client()); });
+  std::this_thread::sleep_for(1s);
+  auto other = client();
+  EXPECT_NO_THROW(other->setHostnames(small));
+  EXPECT_NO_THROW(other->addHostname(name));
+  EXPECT_NO_THROW(other->setProperties(nullptr, name));
+  NotedController::Messages expected = {{"set", small}, {"add", name}, {"properties", Value::array({nullptr, name})}};
+  EXPECT_EQ(exported_.received(), expected);
+  mayEnd.release();
+  running.join();
+  waiting.join();
+  expected.insert(expected.end(), 2, {"set", large});
   EXPECT_EQ(exported_.received(), expected);
 }
 
