@@ -28,7 +28,9 @@ struct UnitState {
   std::optional<Moment> since;  // when the unit's state last changed
   uint32_t restarts = 0;
   bool isRunning() const { return active == "active"; }
-  // "active (running)"; for a failed unit, with the result: "failed (start-limit-hit)".
+  // Also true while systemd waits before it starts the service again.
+  bool hasFailed() const { return active == "failed" || sub.starts_with("auto-restart"); }
+  // "active (running)"; for a failed unit, with the result: "failed (exit-code)".
   std::string text() const { return active + " (" + (active == "failed" ? result : sub) + ')'; }
 };
 

@@ -132,11 +132,11 @@ void print_part(const char* heading, const std::vector<std::string>& lines) {
 std::string service_text(const char* unit, const UnitState& service, Moment now) {
   if (service.load == "not-found") return std::string(unit) + ": not installed";
   std::string text = std::string(unit) + ": " +
-                     coloured(service.text(), service.isRunning()          ? Colour::Good
-                                              : service.active == "failed" ? Colour::Bad
-                                                                           : Colour::Warning);
+                     coloured(service.text(), service.isRunning()   ? Colour::Good
+                                              : service.hasFailed() ? Colour::Bad
+                                                                    : Colour::Warning);
   if (service.since) text += " since " + local_text(*service.since, now);
-  if (service.active == "failed") text += ": see journalctl -u " + std::string(unit);
+  if (service.hasFailed()) text += ": see journalctl -u " + std::string(unit);
   if (!service.status.empty()) text += ", \"" + service.status + "\"";
   if (service.restarts > 0) text += ", restarted " + counted(service.restarts, "time", "times");
   return text;

@@ -36,9 +36,7 @@ Finding examine_unit(const UnitFacts& unit, const char* check) {
     finding.advice = "install the package orvane-se";
   } else if (!unit.running) {
     finding.result = Result::Problem;
-    // After several failed starts, systemd refuses further starts for a while, unless the count of starts is reset.
-    if (unit.state.starts_with("failed")) finding.advice = "sudo systemctl reset-failed " + unit.name + "; then ";
-    finding.advice += "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
+    finding.advice = "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
   } else if (unit.filtersNothing) {
     finding.result = Result::Problem;
     finding.advice = "when the browser list is correct: sudo systemctl restart " + unit.name;

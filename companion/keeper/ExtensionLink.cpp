@@ -42,7 +42,7 @@ constexpr size_t kNamesPerSecond = 20000;
 
 // The longest time that a normal restart of the extension takes. Failures to connect are logged only if the connection
 // has been lost for longer than this.
-constexpr std::chrono::milliseconds kRestart = 2s;
+constexpr std::chrono::milliseconds kRestart = 3s;
 
 constexpr const char* kUnresponsive = "the extension does not answer: it hangs, or serves too many clients; restart it";
 

@@ -85,10 +85,10 @@ std::optional<UnitState> unit_state(const std::string& unit) {
   state.sub = reader.text(kUnitInterface, "SubState");
   const auto since = reader.number<uint64_t>(kUnitInterface, "StateChangeTimestamp", 't');
   if (since != 0) state.since = Moment(std::chrono::floor<std::chrono::seconds>(std::chrono::microseconds(since)));
-  // systemd keeps the status line of a service's last run. The line of a failed service may be the reason of the
-  // failure. But if the service was killed, the line still says that the service filters.
+  // systemd keeps the status line of a service's last run. The line of a service that has failed may be the reason of
+  // the failure. But if the service was killed, the line still says that the service filters.
   if (state.active != "inactive") state.status = reader.text(kServiceInterface, "StatusText");
-  if (state.active == "failed" && says_filtering(state.status)) state.status.clear();
+  if (!state.isRunning() && says_filtering(state.status)) state.status.clear();
   state.hiddenNames = hidden_names_in(state.status);
   state.result = reader.text(kServiceInterface, "Result");
   state.restarts = reader.number<uint32_t>(kServiceInterface, "NRestarts", 'u');

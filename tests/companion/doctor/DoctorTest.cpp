@@ -68,8 +68,6 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
     std::string places{};  // where the warning about browsers says that blocked sites may open
   } cases[] = {
       {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
-      {"failed too often", "service", Problem, "reset-failed orvane-se.service",
-       [](Facts& f) { f.extension.running = false, f.extension.state = "failed (failed)"; }},
       {"no browser recognised", "service", Problem, "systemctl restart",
        [](Facts& f) { f.extension.filtersNothing = says_filtering_nothing(no_browser_status("bad list")); }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
