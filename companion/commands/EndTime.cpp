@@ -46,7 +46,7 @@ void EndTime::declare(CLI::App& command) {
 }
 
 Moment read_end_time(const EndTime& end, const CommonOptions& options, Moment now) {
-  if (end.duration) return now + read_duration(*end.duration);
+  if (end.duration) return read_end(*end.duration, now);
   const std::vector<Moment> readings = read_until(*end.until, now);
   if (readings.size() == 1) return readings.front();
   const bool canAsk = !options.json && isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;

@@ -12,6 +12,7 @@
 
 #include "companion/text/HostnameList.h"
 #include "companion/text/Input.h"
+#include "companion/text/LocalTime.h"
 #include "companion/text/Properties.h"
 #include "platform/Clock.h"
 
@@ -22,29 +23,20 @@ using namespace std::chrono;
 
 constexpr Moment kFirst = sys_days(0y / January / 1);
 constexpr Moment kEnd = sys_days(9999y / December / 31) + days(1);
-constexpr seconds kLongest = duration_cast<seconds>(years(10));
+constexpr seconds kLongest = days(3653);  // ten years, of which three are leap years
+constexpr months kMostMonths = years(10);
 
-// What a wall clock shows, without a time zone.
-using LocalTime = local_seconds;
+// A duration. Months come first, because their length depends on the date.
+struct CalendarSpan {
+  months whole{0};
+  seconds rest{0};
+};
 
-std::tm local_fields(Moment moment) {
-  std::time_t time = moment.time_since_epoch().count();
-  std::tm fields{};
-  localtime_r(&time, &fields);
-  return fields;
-}
-
-LocalTime local_time(Moment moment) {
-  return LocalTime(moment.time_since_epoch() + seconds(local_fields(moment).tm_gmtoff));
-}
-
-// If a change of the clocks skips or repeats `local`, uses the UTC offset from before the change (RFC 5545, section
-// 3.3.5).
-Moment moment_of(LocalTime local) {
-  const Moment near(local.time_since_epoch());
-  const Moment before = near - seconds(local_fields(near - days(1)).tm_gmtoff);
-  const Moment after = near - seconds(local_fields(near + days(1)).tm_gmtoff);
-  return local_time(before) != local && local_time(after) == local ? after : before;
+Moment add(Moment moment, months whole, seconds rest) {
+  if (whole == months(0)) return moment + rest;
+  const LocalTime local = Zone().local(moment);
+  const auto day = floor<days>(local);
+  return Zone().moment(months_later(day, whole) + (local - day)) + rest;
 }
 
 // Reads a text part by part from its start. If a part does not match, isValid() is false from then on, and the values
@@ -58,10 +50,10 @@ class Reader {
     const std::string_view digits = takeAll("0123456789");
     expect(!digits.empty() && digits.size() <= mostDigits);
     if (!isValid_) return 0;
-    int result = 0;
+    int64_t result = 0;
     for (char digit : digits) result = 10 * result + (digit - '0');
     expect(result <= largest);
-    return result;
+    return isValid_ ? static_cast<int>(result) : 0;
   }
   std::string_view word() { return takeAll("abcdefghijklmnopqrstuvwxyz"); }
   void skipSpace() { takeAll(" \t"); }
@@ -92,6 +84,12 @@ std::string lower_case(std::string_view text) {
   return lowered;
 }
 
+std::optional<months> long_unit_of(std::string_view word) {
+  if (word == "month" || word == "months") return months(1);
+  if (word == "year" || word == "years") return months(12);
+  return std::nullopt;
+}
+
 std::optional<seconds> unit_of(std::string_view word) {
   constexpr std::pair<std::string_view, int64_t> kUnits[] = {
       {"s", 1},     {"sec", 1},     {"second", 1},   {"seconds", 1},   {"m", 60},        {"min", 60},
@@ -103,7 +101,33 @@ std::optional<seconds> unit_of(std::string_view word) {
   return seconds(found->second);
 }
 
-// "18:00", "18:00:30", "6pm" or "6:30 pm"
+CalendarSpan read_span(std::string_view text) {
+  constexpr size_t kMostDigits = 9;
+  const std::string lowered = lower_case(text);
+  Reader reader(lowered);
+  CalendarSpan span;
+  do {
+    const bool isOne = reader.accept("an ") || reader.accept("a ");
+    const int64_t count = isOne ? 1 : reader.number(kMostDigits);
+    reader.skipSpace();
+    const std::string_view word = reader.word();
+    const std::optional<seconds> unit = unit_of(word);
+    const std::optional<months> longUnit = long_unit_of(word);
+    if (!reader.isValid() || !(unit || longUnit))
+      throw InputError("not a duration: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
+    const int64_t whole = span.whole.count() + (longUnit ? count * longUnit->count() : 0);
+    if (unit) span.rest += count * *unit;
+    if (span.rest > kLongest || whole > kMostMonths.count())
+      throw InputError("too long: " + in_quotes(text) + ": give at most ten years");
+    span.whole = months(static_cast<int>(whole));
+    reader.skipSpace();
+  } while (!reader.isAtEnd());
+  if (span.whole == months(0) && span.rest == seconds(0))
+    throw InputError("too short: " + in_quotes(text) + ": give at least one second");
+  return span;
+}
+
+// "18:00", "18:00:30", "6pm", "6:30 pm" or "6 p.m."
 seconds read_clock(Reader& reader) {
   hours hour(reader.number(2, 23));
   seconds rest(0);
@@ -115,13 +139,34 @@ seconds read_clock(Reader& reader) {
   Reader ahead = reader;
   ahead.skipSpace();
   const std::string_view half = ahead.word();
-  if (half != "am" && half != "pm") {
+  const bool isDotted = (half == "a" || half == "p") && (ahead.accept(".m.") || ahead.accept(".m"));
+  if (!isDotted && half != "am" && half != "pm") {
     reader.expect(hasMinutes);
     return hour + rest;
   }
   reader = ahead;
   reader.expect(hour >= 1h && hour <= 12h);
-  return hour % 12 + (half == "pm" ? 12h : 0h) + rest;
+  return hour % 12 + (half.front() == 'p' ? 12h : 0h) + rest;
+}
+
+// What may follow a time of day: "Z", "UTC", "gmt+1" or "+05:30".
+Zone read_zone(Reader& reader) {
+  Reader ahead = reader;
+  ahead.skipSpace();
+  const std::string_view name = ahead.word();
+  const bool isNamed = name == "z" || name == "utc" || name == "gmt";
+  const int sign = ahead.accept("+") ? 1 : ahead.accept("-") ? -1 : 0;
+  if (!(isNamed || (name.empty() && sign != 0))) return {};
+  seconds offset(0);
+  if (sign != 0) {
+    constexpr int kMostHours = 14;
+    offset = hours(ahead.number(2, kMostHours));
+    const bool hasMinutes = ahead.accept(":");
+    if (hasMinutes) offset += minutes(ahead.number(2, 59));
+    ahead.expect(isNamed || hasMinutes);
+  }
+  reader = ahead;
+  return {sign < 0 ? -offset : offset};
 }
 
 // A day that a text names, or several days that it may mean.
@@ -156,8 +201,15 @@ std::optional<month> month_of(std::string_view word) {
   return position ? std::optional(month(*position + 1)) : std::nullopt;
 }
 
-// "2026-12-24"
+// "2026-12-24" or "20261224"
 local_days read_date(Reader& reader) {
+  Reader ahead = reader;
+  if (const int digits = ahead.number(8); ahead.isValid() && digits >= 10'000'000) {
+    const year_month_day date = year(digits / 10'000) / (digits / 100 % 100) / (digits % 100);
+    reader = ahead;
+    reader.expect(date.ok());
+    return local_days(date);
+  }
   const auto year = std::chrono::year(reader.number(4));
   reader.expect(reader.accept("-"));
   const auto month = std::chrono::month(static_cast<unsigned>(reader.number(2)));
@@ -189,15 +241,15 @@ Day read_month_day(Reader& reader, month month, unsigned dayNumber, local_days t
   return {local_days(date), local_days(next)};
 }
 
-// The day that "next" and the given word mean. The word is a weekday, "week" or "month".
+// The day that "next" and the given word mean. The word is a weekday, "week", "month" or "year".
 std::optional<Day> next_day(std::string_view word, local_days today) {
   const local_days nextMonday = today + (Monday - weekday(today)) + (weekday(today) == Monday ? days(7) : days(0));
   if (word == "week") return Day{nextMonday, {}, {}, today + days(7)};
-  if (word == "month") {
-    const year_month_day date(today);
-    const auto month = year_month(date.year(), date.month()) + months(1);
-    const year_month_day last(local_days(month / std::chrono::last));
-    return Day{local_days(month / 1), {}, {}, local_days(month / std::min(date.day(), last.day()))};
+  if (const auto count = long_unit_of(word)) {
+    const local_days later = months_later(today, *count);
+    const year_month_day date(later);
+    const month first = word == "year" ? January : date.month();
+    return Day{local_days(date.year() / first / 1), {}, {}, later};
   }
   const std::optional<weekday> day = weekday_of(word);
   if (!day) return std::nullopt;
@@ -214,7 +266,15 @@ std::optional<Day> read_day_word(Reader& reader, local_days today) {
   if (word == "next" || word == "this") {
     reader.skipSpace();
     const std::string_view following = reader.word();
-    if (word == "next") return next_day(following, today);
+    if (word == "next") {
+      const std::optional<Day> next = next_day(following, today);
+      Reader ahead = reader;
+      ahead.skipSpace();
+      const std::optional<weekday> day = following == "week" ? weekday_of(ahead.word()) : std::nullopt;
+      if (!day) return next;
+      reader = ahead;
+      return Day{next->day + (*day - Monday)};
+    }
     word = following;
   }
   if (const auto month = month_of(word)) {
@@ -224,6 +284,8 @@ std::optional<Day> read_day_word(Reader& reader, local_days today) {
   }
   const std::optional<weekday> day = weekday_of(word);
   if (!day) return std::nullopt;
+  reader.skipSpace();
+  if (reader.accept("next week")) return Day{next_day("week", today)->day + (*day - Monday)};
   Reader ahead = reader;
   ahead.accept(",");
   ahead.skipSpace();
@@ -256,6 +318,7 @@ struct DayAndClock {
   std::optional<Day> day;
   std::optional<seconds> clock;
   bool isMidnight = false;
+  Zone zone{};
 };
 
 // Reads a day, or if the text does not continue with a day, a time of day.
@@ -272,9 +335,10 @@ void read_item(Reader& reader, DayAndClock& items, local_days today) {
   reader.expect(!items.clock);
   items.isMidnight = reader.accept("midnight");
   items.clock = items.isMidnight ? 0h : reader.accept("noon") ? 12h : read_clock(reader);
+  items.zone = read_zone(reader);
 }
 
-std::optional<DayAndClock> read_day_and_clock(std::string_view text, local_days today) {
+std::optional<DayAndClock> read_on(std::string_view text, local_days today) {
   Reader reader(text);
   DayAndClock items;
   do {
@@ -287,18 +351,27 @@ std::optional<DayAndClock> read_day_and_clock(std::string_view text, local_days 
   return reader.isValid() ? std::optional(items) : std::nullopt;
 }
 
+// Nothing if the text names no day and no time of day.
+std::optional<DayAndClock> read_day_and_clock(std::string_view text, Moment now) {
+  auto items = read_on(text, floor<days>(Zone().local(now)));
+  // If the text gives a zone, its day is a day of this zone.
+  return items && items->zone.offset ? read_on(text, floor<days>(items->zone.local(now))) : items;
+}
+
 // The moments that a day and a time of day may mean, in no order.
-std::vector<Moment> moments_of(const DayAndClock& items, LocalTime now) {
+std::vector<Moment> moments_of(const DayAndClock& items, Moment moment) {
+  const LocalTime now = items.zone.local(moment);
   const auto today = floor<days>(now);
   const seconds clock = items.clock.value_or(seconds(0));
-  if (!items.day) return {moment_of(today + clock), moment_of(today + days(1) + clock)};
+  if (!items.day) return {items.zone.moment(today + clock), items.zone.moment(today + days(1) + clock)};
   std::vector<Moment> moments;
   for (const auto& day : {std::optional(items.day->day), items.day->other}) {
     if (!day) continue;
-    moments.push_back(moment_of(*day + clock));
-    if (items.isMidnight) moments.push_back(moment_of(*day + days(1)));
+    moments.push_back(items.zone.moment(*day + clock));
+    if (items.isMidnight) moments.push_back(items.zone.moment(*day + days(1)));
   }
-  if (const auto& day = items.day->sameClock) moments.push_back(moment_of(*day + items.clock.value_or(now - today)));
+  if (const auto& day = items.day->sameClock)
+    moments.push_back(items.zone.moment(*day + items.clock.value_or(now - today)));
   return moments;
 }
 
@@ -313,29 +386,43 @@ std::vector<Moment> distinct(std::vector<Moment> moments, Moment now) {
 
 // Nothing if the text names no day and no time of day.
 std::optional<std::vector<Moment>> read_local(std::string_view text, Moment now) {
-  const LocalTime local = local_time(now);
-  std::optional<DayAndClock> items = read_day_and_clock(text, floor<days>(local));
+  std::optional<DayAndClock> items = read_day_and_clock(text, now);
   if (!items) return std::nullopt;
-  std::vector<Moment> moments = distinct(moments_of(*items, local), now);
+  std::vector<Moment> moments = distinct(moments_of(*items, now), now);
   if (!items->day && moments.size() > 1) moments.resize(1);
   if (moments.empty() && items->day && items->day->nextSuch) {
     items->day->day = *items->day->nextSuch;
-    moments = distinct(moments_of(*items, local), now);
+    moments = distinct(moments_of(*items, now), now);
   }
   return moments;
 }
 
-// The moment that is the given duration after `now`, or nothing if the text is not a duration. If the text says that it
-// is one, by "in" or "+", throws for a bad duration.
-std::optional<Moment> read_from_now(std::string_view text, Moment now) {
-  for (std::string_view prefix : {"in ", "+"}) {
-    if (text.starts_with(prefix)) return now + read_duration(text.substr(prefix.size()));
-  }
+std::optional<CalendarSpan> read_span_if_any(std::string_view text) {
   try {
-    return now + read_duration(text);
+    return read_span(text);
   } catch (const InputError&) {
     return std::nullopt;
   }
+}
+
+// "@" and the seconds since 1970.
+std::optional<Moment> read_unix_time(std::string_view text) {
+  constexpr size_t kMostDigits = 10;
+  Reader reader(text);
+  reader.expect(reader.accept("@"));
+  const Moment moment(seconds(reader.number(kMostDigits)));
+  reader.skipSpace();
+  return reader.isValid() && reader.isAtEnd() ? std::optional(moment) : std::nullopt;
+}
+
+// How to write a time instead of the text.
+std::string advice_for(std::string_view text) {
+  Reader reader(text);
+  const int hour = reader.number(2, 23);
+  if (!reader.isValid() || !reader.isAtEnd())
+    return "write it as in 18:00, 6pm, tomorrow 9:00, friday 17:00, 2026-12-24 18:00 or 2h";
+  const std::string half = std::to_string(hour % 12 == 0 ? 12 : hour % 12) + (hour < 12 ? "am" : "pm");
+  return "write " + std::to_string(hour) + ":00 or " + half;
 }
 
 std::vector<Moment> read_readings(std::string_view text, Moment now) {
@@ -344,24 +431,37 @@ std::vector<Moment> read_readings(std::string_view text, Moment now) {
   } catch (const InputError&) {  // not RFC 3339
   }
   const std::string lowered = lower_case(trimmed(text));
-  if (const auto moment = read_from_now(lowered, now)) return {*moment};
+  if (const auto moment = read_unix_time(lowered)) return distinct({*moment}, now);
+  constexpr std::string_view kIn = "in ";
+  if (lowered.starts_with(kIn)) return {read_end(lowered.substr(kIn.size()), now)};
+  if (const auto span = read_span_if_any(lowered)) return {add(now, span->whole, span->rest)};
   if (auto moments = read_local(lowered, now)) return *std::move(moments);
-  throw InputError("not a time: " + in_quotes(text) +
-                   ": write it as in 18:00, 6pm, tomorrow 9:00, friday 17:00, 2026-12-24 18:00 or 2h");
+  // A moment, or none for `now`, and a duration: "friday 17:00 + 1 week". A "+" may also begin the offset of a zone.
+  if (const size_t plus = lowered.rfind('+'); plus != std::string::npos) {
+    const std::string_view base = trimmed(std::string_view(lowered).substr(0, plus));
+    const std::string_view added = std::string_view(lowered).substr(plus + 1);
+    if (base.empty() || base == "now") return {read_end(added, now)};
+    if (const auto span = read_span_if_any(added)) {
+      std::vector<Moment> moments = read_readings(base, now);
+      for (Moment& moment : moments) moment = add(moment, span->whole, span->rest);
+      return moments;
+    }
+  }
+  throw InputError("not a time: " + in_quotes(text) + ": " + advice_for(lowered));
 }
 
 // The last moment up to `now` that a day and a time of day may mean; if there is none, a later one.
 Moment last_moment_of(const DayAndClock& items, Moment now) {
-  const local_days today = floor<days>(local_time(now));
+  const local_days today = floor<days>(items.zone.local(now));
   const seconds clock = items.clock.value_or(seconds(0));
   const local_days day = items.day ? items.day->day : today;
-  const Moment moment = moment_of(day + clock);
+  const Moment moment = items.zone.moment(day + clock);
   if (moment <= now || (items.day && !items.day->nextSuch)) return moment;
-  if (!items.day) return moment_of(day - days(1) + clock);
+  if (!items.day) return items.zone.moment(day - days(1) + clock);
   // The text names a weekday, or a day of the year.
-  if (*items.day->nextSuch - day == days(7)) return moment_of(day - days(7) + clock);
+  if (*items.day->nextSuch - day == days(7)) return items.zone.moment(day - days(7) + clock);
   const year_month_day lastYear = year_month_day(day) - years(1);
-  return lastYear.ok() ? moment_of(local_days(lastYear) + clock) : moment;
+  return lastYear.ok() ? items.zone.moment(local_days(lastYear) + clock) : moment;
 }
 
 std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {
@@ -395,23 +495,15 @@ Moment read_moment(std::string_view text) {
 }
 
 seconds read_duration(std::string_view text) {
-  constexpr size_t kMostDigits = 9;
-  const std::string lowered = lower_case(text);
-  Reader reader(lowered);
-  seconds total(0);
-  do {
-    const bool isOne = reader.accept("an ") || reader.accept("a ");
-    const int64_t count = isOne ? 1 : reader.number(kMostDigits);
-    reader.skipSpace();
-    const std::optional<seconds> unit = unit_of(reader.word());
-    if (!reader.isValid() || !unit)
-      throw InputError("not a duration: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
-    total += count * *unit;
-    if (total > kLongest) throw InputError("too long: " + in_quotes(text) + ": give at most ten years");
-    reader.skipSpace();
-  } while (!reader.isAtEnd());
-  if (total == seconds(0)) throw InputError("too short: " + in_quotes(text) + ": give at least one second");
-  return total;
+  const CalendarSpan span = read_span(text);
+  if (span.whole != months(0))
+    throw InputError("months and years differ in length: " + in_quotes(text) + ": write it in days or weeks");
+  return span.rest;
+}
+
+Moment read_end(std::string_view duration, Moment now) {
+  const CalendarSpan span = read_span(duration);
+  return add(now, span.whole, span.rest);
 }
 
 std::vector<Moment> read_until(std::string_view text, Moment now) {
@@ -431,10 +523,11 @@ Moment read_past(std::string_view text, Moment now) {
     moment = read_moment(text);
   } catch (const InputError&) {  // not RFC 3339
     try {
-      moment = now - read_duration(lowered.substr(0, lowered.size() - (isDuration ? kAgo.size() : 0)));
+      const CalendarSpan span = read_span(lowered.substr(0, lowered.size() - (isDuration ? kAgo.size() : 0)));
+      moment = add(now, -span.whole, -span.rest);
     } catch (const InputError&) {
       if (isDuration) throw;
-      const auto items = read_day_and_clock(lowered, floor<days>(local_time(now)));
+      const auto items = read_day_and_clock(lowered, now);
       if (items) moment = last_moment_of(*items, now);
     }
   }
@@ -447,7 +540,7 @@ Moment read_past(std::string_view text, Moment now) {
 
 std::string local_text(Moment moment, Moment now) {
   const std::tm fields = local_fields(moment);
-  const days ahead = floor<days>(local_time(moment)) - floor<days>(local_time(now));
+  const days ahead = floor<days>(Zone().local(moment)) - floor<days>(Zone().local(now));
   const bool near = ahead == days(0) || ahead == days(1);
   char text[64];
   std::strftime(text, sizeof text, near ? "%H:%M" : "%a %Y-%m-%d %H:%M", &fields);

@@ -23,17 +23,26 @@ Moment read_moment(std::string_view text);
 // "1 h 30 min" or "an hour". Throws InputError for any other text, for zero and for more than ten years.
 std::chrono::seconds read_duration(std::string_view text);
 
+// The moment that is a duration after `now`. Also reads months and years, as in "2 months". Such a duration ends at the
+// same time of day on the same day of a later month in the local time zone, or on its last day if the month is too
+// short. Throws as read_duration() does.
+Moment read_end(std::string_view duration, Moment now);
+
 // Reads the end of a time span as people type it, in the local time zone or in RFC 3339. Upper and lower case are
 // equal.
 //
 //   18:00, 6pm, noon, midnight           the next moment at which the clock shows this time
 //   2026-12-24, 24 Dec, monday           the start of that day; without a year or a date, of the next such day
 //   2026-12-24 18:00, friday 5pm         a day and a time, in any order; "at" and "on" may precede them
-//   2h, 1h30m, in 2 hours, +2 hours      a duration (read_duration()) from `now`
+//   monday next week                     that day of the week that begins on the next Monday
+//   18:00 UTC, 18:00Z, 18:00+01:00       a time in that zone, in which the day of the text counts, too
+//   2h, in 2 months, now + 1h30m         a duration from `now` (read_end())
+//   friday 17:00 + 2 hours               a duration from another moment
+//   @1800000000                          Unix time
 //
 // Some texts can be read in several ways:
 //
-//   tomorrow, next week, next month      its start; or the present time of day, one day, week or month later
+//   tomorrow, next week, month or year   its start; or the present time of day, one day, week, month or year later
 //   next friday                          the first Friday after today; or the Friday of the next week (from Monday)
 //   friday midnight                      the start of that day; or its end
 //
@@ -47,7 +56,7 @@ std::vector<Moment> read_until(std::string_view text, Moment now);
 //
 //   today, yesterday, monday, 24 Dec     the start of that day: of the last such day, today included
 //   18:00, yesterday 6pm                 a day and a time, as for read_until(); or the last time the clock showed this
-//   2h, 30 min ago, 2 weeks ago          a duration before `now`
+//   2h, 30 min ago, 2 months ago         a duration before `now`
 //
 // and RFC 3339. Throws InputError for any other text, and for a moment after `now`.
 Moment read_past(std::string_view text, Moment now);

@@ -58,6 +58,27 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
       {kEvening, "2h", "23:31"},
       {kEvening, "+90 min", "23:01"},
       {kEvening, "in an Hour", "22:31"},
+      {kEvening, "2 months", "Mon 2027-01-18 21:31"},
+      {kEvening, "in a year 1 day", "Fri 2027-11-19 21:31"},
+      {"2026-01-31T12:00:00Z", "1 month", "Sat 2026-02-28 13:00"},
+      {"2026-02-25T12:00:00Z", "a month 1h", "Wed 2026-03-25 14:00"},
+      {kEvening, "10 years", "Tue 2036-11-18 21:31"},
+      {kEvening, "next year", "Fri 2027-01-01 00:00, Thu 2027-11-18 21:31"},
+      {kEvening, "now + 2 hours", "23:31"},
+      {kEvening, "tomorrow + 2 hours", "tomorrow 02:00, tomorrow 23:31"},
+      {kEvening, "friday 17:00 + 1 week", "Fri 2026-11-27 17:00"},
+      {kEvening, "22:00 UTC", "23:00"},
+      {kEvening, "20:45Z", "21:45"},
+      {kEvening, "1:00+05:30", "tomorrow 20:30"},
+      {kEvening, "24 dec 18:00 utc-5", "Fri 2026-12-25 00:00"},
+      {kPastMidnight, "today 23:50Z", "00:50"},
+      {kEvening, "2026-12-24 18:00Z", "Thu 2026-12-24 19:00"},
+      {kEvening, "@1800000000", "Fri 2027-01-15 09:00"},
+      {kEvening, "10p.m.", "22:00"},
+      {kEvening, "6:30 a.m. tomorrow", "tomorrow 06:30"},
+      {kEvening, "20261224 18:00", "Thu 2026-12-24 18:00"},
+      {kEvening, "monday next week", "Mon 2026-11-23 00:00"},
+      {kEvening, "next week fri 9am", "Fri 2026-11-27 09:00"},
   };
   for (const auto& [given, text, readings] : kCases) {
     const Moment now = read_moment(given);
@@ -69,10 +90,44 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
     EXPECT_EQ(found, readings) << given << " " << text;
   }
   const Moment now = read_moment(kSpring);
-  for (const char* text :
-       {"", "18", "24:00", "6:60", "13pm", "0am", "today 9:00", "2026-02-30", "2026-03-28 13:00", "2037-01-01",
-        "18:00x", "never", "fri 2026-03-30", "30 feb", "monday tuesday", "9am 10am", "next", "in 5", "at"})
+  for (const char* text : {"",
+                           "18",
+                           "24:00",
+                           "6:60",
+                           "13pm",
+                           "0am",
+                           "today 9:00",
+                           "2026-02-30",
+                           "2026-03-28 13:00",
+                           "2037-01-01",
+                           "18:00x",
+                           "never",
+                           "fri 2026-03-30",
+                           "30 feb",
+                           "monday tuesday",
+                           "9am 10am",
+                           "next",
+                           "in 5",
+                           "at",
+                           "+",
+                           "now",
+                           "1800",
+                           "11 years",
+                           "now + 2",
+                           "18:00 CET",
+                           "18:00+2",
+                           "18:00+15:00",
+                           "2026122",
+                           "20261324",
+                           "next hour",
+                           "@",
+                           "@x"})
     EXPECT_THROW(read_until(text, now), InputError) << text;
+  try {
+    read_until("18", now);
+  } catch (const InputError& error) {
+    EXPECT_TRUE(std::string(error.what()).ends_with(": write 18:00 or 6pm")) << error.what();
+  }
   EXPECT_EQ(time_text(read_until("tomorrow 2:30", read_moment(kAutumn)).front()), "2026-10-25T00:30:00Z");
 }
 
@@ -89,6 +144,8 @@ TEST(TimeText, ReadsTimesThatHavePassed) {
                                                         {"2026-07-01", "2026-06-30T22:00:00Z"},
                                                         {"90 min ago", "2026-11-18T19:01:00Z"},
                                                         {"2d", "2026-11-16T20:31:00Z"},
+                                                        {"2 months ago", "2026-09-18T19:31:00Z"},
+                                                        {"yesterday 23:30Z", "2026-11-17T23:30:00Z"},
                                                         {"2026-11-18 21:31", "2026-11-18T20:31:00Z"}};
   for (const auto& [text, moment] : kCases) EXPECT_EQ(time_text(read_past(text, now)), moment) << text;
   for (const char* text : {"", "tomorrow", "2026-11-18 21:32", "next friday", "ago", "never"})
@@ -99,7 +156,7 @@ TEST(TimeText, ReadsDurationsAsPeopleTypeThem) {
   const std::pair<const char*, int64_t> kDurations[] = {
       {"90s", 90}, {"30m", 1800}, {"1h30m", 5400}, {" 1 h 30 min ", 5400}, {"2D", 172800}, {"1w", 604800}};
   for (const auto& [text, seconds] : kDurations) EXPECT_EQ(read_duration(text).count(), seconds) << text;
-  for (const char* text : {"", "30", "0m", "-5m", "1.5h", "3m x", "99999999999s", "999999999w", "3653d"})
+  for (const char* text : {"", "30", "0m", "-5m", "1.5h", "3m x", "99999999999s", "999999999w", "3654d", "2 months"})
     EXPECT_THROW(read_duration(text), InputError) << text;
 }
 
