@@ -24,6 +24,7 @@
 #include "companion/keeper/ListsBeside.h"
 #include "companion/list/BlockListLine.h"
 #include "companion/list/ListFile.h"
+#include "companion/list/ListGuard.h"
 #include "companion/list/ReadOnlyList.h"
 #include "companion/sites/SiteSelection.h"
 #include "companion/text/ExitCodes.h"
@@ -211,9 +212,13 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     std::vector<ListedSite> found = selection.find(list, group, notes);
     const auto heldBack = find_what_holds_back(options, list, group, keeper, now, found);
     for (size_t i = 0; i < found.size(); ++i) {
+      const ListedSite* old = list.find(found[i].host, found[i].group);
+      const auto before = old != nullptr ? std::optional(*old) : std::nullopt;
       Change& made = changes.emplace_back(change(list, std::move(found[i]), heldBack[i].removal));
       made.origin = selection.originOf(made.site.host);
-      made.heldBack = made.isMeantToBlock ? heldBack[i].blocking : heldBack[i].removal;
+      const auto& [blocking, removal] = heldBack[i];
+      const bool isRemoval = !made.isMeantToBlock || (removal && before && blocks_less(&made.site, *before));
+      made.heldBack = isRemoval ? removal : blocking;
       made.outcome += held_back_text(made.heldBack, now);
       changed = changed || made.changed;
     }
@@ -268,6 +273,8 @@ int block(const CommonOptions& options, const Arguments& arguments) {
     // Blocking a site of the catalogue does not take the subdomains from a line that has them.
     if (before != nullptr && before->scope == Scope::Subdomains && selection.originOf(site.host) != nullptr)
       site.scope = before->scope;
+    if (before != nullptr && blocks_less(&site, *before))
+      refuse_if_locked(options, arguments.group, "take the subdomains from a site");
     std::string outcome = blocking_outcome(before, site, now);
     const bool changed = list.put(site);
     return Change{std::move(site), changed, std::move(outcome)};

@@ -214,10 +214,14 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"group disable h 2>'%.out' >&2; '" ORVANECTL
        "' --state '%.state' --list '%' group enable h 2>'%.out' | grep -o 'h: enabled.*'",
        0, "h: enabled: in force\n"},
+      {"block --exact y.example --group h 2>'%.out' | grep -o 'now.*effect'; '" ORVANECTL
+       "' --state '%.state' --list '%' block y.example --group h 2>'%.out' | grep -o 'now.*'",
+       0, "now without its subdomains; has an effect\nnow with its subdomains\n"},
       {"suspend y.example --group h --until 'in 10 min'", 2, ""},
       {"suspend y.example --group h --for 10m 2>'%.out' | grep -cE '\\(1 h (9|10) min left'", 0, "1\n"},
       {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},
       {"lock --group h --for 1h 2>'%.out' | cut -d ' ' -f 1-3", 0, "h: locked until\n"},
+      {"block --exact y.example --group h", 1, ""},
       {"lock --group default; '" ORVANECTL "' --state '%.state' --list '%' --json lock --group default", 0,
        "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
