@@ -12,6 +12,8 @@
 #include <new>
 #include <string_view>
 
+#include "companion/text/Output.h"
+
 namespace orvane {
 namespace {
 
@@ -92,10 +94,9 @@ bool is_link_local(const sockaddr& address) {
   return ntohl(host) >> 16 == kLinkLocal;
 }
 
-std::string count_of(uint64_t bytes) { return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes"); }
 std::string size_text(uint64_t bytes) {
   constexpr uint64_t kMebibyte = 1 << 20;
-  return bytes < kMebibyte ? count_of(bytes) : std::to_string(bytes / kMebibyte) + " MiB";
+  return bytes < kMebibyte ? counted(bytes, "byte", "bytes") : std::to_string(bytes / kMebibyte) + " MiB";
 }
 
 }  // namespace
@@ -202,7 +203,8 @@ struct Transfer::State {
       case CURLE_GOT_NOTHING:
       case CURLE_HTTP2:
       case CURLE_HTTP2_STREAM:
-        return "the answer was cut off after " + count_of(received) + ": the server is asked again later";
+        return "the answer was cut off after " + counted(received, "byte", "bytes") +
+               ": the server is asked again later";
       case CURLE_UNSUPPORTED_PROTOCOL:
         return "the server redirects to an address that is not https: ask its owner for one with https";
       case CURLE_TOO_MANY_REDIRECTS:
