@@ -93,10 +93,16 @@ GroupStates in_force(const std::vector<KeeperState::GroupState>& states) {
   return result;
 }
 
-std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group) {
+std::optional<KeeperState::GroupState> state_of_group(const std::optional<KeeperState>& keeper,
+                                                      const std::string& group) {
   if (!keeper) return std::nullopt;
   const auto state = state_named(keeper->groups, group);
-  return state == keeper->groups.end() ? std::nullopt : state->lockedUntil;
+  return state == keeper->groups.end() ? std::nullopt : std::optional(*state);
+}
+
+std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group) {
+  const auto state = state_of_group(keeper, group);
+  return state ? state->lockedUntil : std::nullopt;
 }
 
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what) {
@@ -117,7 +123,13 @@ std::string guard_text(const KeeperState::GroupState& state, Moment now) {
     text += ", " + coloured("locked", Colour::Good) + " " + suspension_text(*state.lockedUntil, now);
   if (state.pendingChanges > 0)
     text += ", " + counted(state.pendingChanges, "change", "changes") + " without effect yet";
-  return text;
+  return text + unguarded_text(state);
+}
+
+std::string unguarded_text(const KeeperState::GroupState& state) {
+  if (state.unguardedSites == 0) return "";
+  return ", but " + counted(state.unguardedSites, "site", "sites") +
+         " can be removed at once, because there are too many";
 }
 
 MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupState& state) {

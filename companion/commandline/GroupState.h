@@ -38,6 +38,9 @@ GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
 // Whether the keeper keeps the list at options.listPath.
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options);
 
+// The state of the group, as the keeper has published it.
+std::optional<KeeperState::GroupState> state_of_group(const std::optional<KeeperState>& keeper,
+                                                      const std::string& group);
 // When the lock of the group ends; nothing if the keeper has not locked it.
 std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const std::string& group);
 
@@ -48,8 +51,10 @@ void refuse_if_locked(const CommonOptions& options, const std::string& group, co
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now);
 
 // The group's lock, and the number of changes of the file that have no effect yet: ", locked until 17:00 (1 h left), 2
-// changes without effect yet".
+// changes without effect yet". Includes unguarded_text().
 std::string guard_text(const KeeperState::GroupState& state, Moment now);
+// How many sites of the group its lock or delay does not cover. Empty if it covers all.
+std::string unguarded_text(const KeeperState::GroupState& state);
 
 // Why a change of the list's file has no effect, or has none yet.
 struct HeldBack {

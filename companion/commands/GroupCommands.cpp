@@ -244,6 +244,7 @@ nlohmann::json group_json(const ShownGroup& shown) {
           {"lockedUntil", json_or_null(state.lockedUntil)},
           {"pendingChanges", state.pendingChanges},
           {"settingsUntil", json_or_null(state.settingsUntil)},
+          {"unguardedSites", state.unguardedSites},
           {"sites", sites}};
 }
 
@@ -290,7 +291,8 @@ int show_locks(const CommonOptions& options, const std::optional<std::string>& n
     if (!state.lockedUntil || (name && state.name != *name)) continue;
     locks.push_back({{"group", state.name},
                      {"lockedUntil", time_text(*state.lockedUntil)},
-                     {"pendingChanges", state.pendingChanges}});
+                     {"pendingChanges", state.pendingChanges},
+                     {"unguardedSites", state.unguardedSites}});
     if (!options.json)
       std::printf("%s: %s\n", state.name.c_str(), guard_text(state, now_in_seconds()).substr(2).c_str());
   }
@@ -312,8 +314,8 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     return true;
   });
   Effect effect = wait_for_keeper(options, version, sites);
-  const auto end = lock_end(keeper_of_list(options), group);
-  if (!end) {
+  const auto state = state_of_group(keeper_of_list(options), group);
+  if (!state || !state->lockedUntil) {
     if (effect.reason.empty())
       effect.reason = effect.isInForce ? "too many groups have a lock or a delay: see journalctl -u orvane-keeper"
                                        : no_keeper_text(options);
@@ -322,14 +324,16 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   }
   report_effect(effect);
   if (options.json) {
-    print_json({{"group", group}, {"lockedUntil", time_text(*end)}});
+    print_json(
+        {{"group", group}, {"lockedUntil", time_text(*state->lockedUntil)}, {"unguardedSites", state->unguardedSites}});
   } else {
-    const char* already = *end > until + kClockTolerance ? "already " : "";
+    const char* already = *state->lockedUntil > until + kClockTolerance ? "already " : "";
     // The keeper has accepted the lock, so the lock itself is in force.
     const char* blocked = !effect.isInForce    ? "; it is unknown whether its sites are blocked yet"
                           : !*effect.isInForce ? "; but its sites are not blocked yet"
                                                : "";
-    std::printf("%s: %slocked %s%s\n", group.c_str(), already, suspension_text(*end, now).c_str(), blocked);
+    std::printf("%s: %slocked %s%s%s\n", group.c_str(), already, suspension_text(*state->lockedUntil, now).c_str(),
+                unguarded_text(*state).c_str(), blocked);
   }
   return kDone;
 }

@@ -294,6 +294,13 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     add(Result::Warning, counted(state.badLines, "bad line", "bad lines") + " in " + state.listPath + " ignored",
         "to see them: orvanectl list");
   }
+  for (const auto& group : state.groups) {
+    if (group.unguardedSites > 0)
+      add(Result::Warning,
+          counted(group.unguardedSites, "site", "sites") + " of the group " + group.name +
+              " can be removed at once, although the group has a lock or a delay, because there are too many",
+          "groups with a lock or a delay have room for about a million sites: remove some");
+  }
   if (!state.connected) {
     add(Result::Problem, "the keeper has no connection to the extension: " + state.extensionError.value_or("none yet"),
         "see the findings on the extension above");

@@ -387,6 +387,10 @@ void Keeper::describeGroups(const BlockList& list, const GroupStates& states, co
       keeper_log(LogLevel::Notice, "the group " + group.name + " is locked until " + time_text(*state.lockedUntil));
     if (!state.lockedUntil && wasLocked)
       keeper_log(LogLevel::Notice, "the lock of the group " + group.name + " has ended");
+    state.unguardedSites = guard_.unguardedSites(group.name);
+    if (state.unguardedSites > 0 && (old == before.end() || old->unguardedSites == 0))
+      keeper_log(LogLevel::Warning, "too many sites in groups with a lock or a delay: not guarded: " +
+                                        counted(state.unguardedSites, "site", "sites") + " of the group " + group.name);
     describePending(state, now);
     state_.groups.push_back(std::move(state));
   }

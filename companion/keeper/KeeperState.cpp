@@ -101,6 +101,7 @@ KeeperState state_of(const Json& json) {
     members.read("delay", delay);
     group.delay = std::chrono::seconds(std::min<uint64_t>(delay, kLongestDelay.count()));
     members.read("settingsUntil", group.settingsUntil);
+    members.read("unguardedSites", group.unguardedSites);
   }
   for (const Json& entry : json.at("list").value("pending", Json::array())) {
     Members members(entry);
@@ -136,7 +137,8 @@ Json to_json(const KeeperState& state) {
                       {"lockedUntil", json_or_null(group.lockedUntil)},
                       {"pendingChanges", group.pendingChanges},
                       {"delay", group.delay.count()},
-                      {"settingsUntil", json_or_null(group.settingsUntil)}});
+                      {"settingsUntil", json_or_null(group.settingsUntil)},
+                      {"unguardedSites", group.unguardedSites}});
   }
   Json readOnlyLists = Json::array();
   for (const auto& list : state.readOnlyLists) readOnlyLists.push_back(json_of(list));

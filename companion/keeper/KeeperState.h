@@ -43,6 +43,7 @@ struct KeeperState {
     uint64_t pendingChanges = 0;            // how many changes in the file have no effect yet
     std::chrono::seconds delay{0};          // the delay in force
     std::optional<Moment> settingsUntil{};  // until when the settings in force stay, although the file has others
+    uint64_t unguardedSites = 0;  // how many of its sites a lock or a delay does not cover, because there are too many
   };
   std::vector<GroupState> groups;
   // The first kMostPending of the sites that a group still blocks, although the file no longer blocks them there.

@@ -191,6 +191,7 @@ bool ListGuard::update(const BlockList& file, const Now& now) {
 void ListGuard::updateGroups(const BlockList& file, const Now& now) {
   Updates updates;
   for (auto& [name, guarded] : guarded_) {
+    guarded.unguardedSites = 0;
     if (guarded.lockEnd && *guarded.lockEnd <= now.running) {
       guarded.lockEnd.reset();
       isChanged_ = true;
@@ -244,7 +245,10 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
     const auto held = heldOf[site.group];
     if (!held || site.scope == Scope::Exception || updates[*held].guarded->leaving.contains(site.host)) return;
     if (held_.find(site.host, *held) == nullptr) {
-      if (bytes + bytes_of(site) > mostBytes_) return;
+      if (bytes + bytes_of(site) > mostBytes_) {
+        ++updates[*held].guarded->unguardedSites;
+        return;
+      }
       bytes += bytes_of(site);
     }
     ListedSite copy = without_past(site, now.wall);
@@ -473,6 +477,11 @@ GroupStates ListGuard::statesOf(const BlockList& list, const Now& now) const {
 std::optional<seconds> ListGuard::lockEnd(std::string_view group) const {
   const auto found = guarded_.find(group);
   return found == guarded_.end() ? std::nullopt : found->second.lockEnd;
+}
+
+uint64_t ListGuard::unguardedSites(std::string_view group) const {
+  const auto found = guarded_.find(group);
+  return found == guarded_.end() ? 0 : found->second.unguardedSites;
 }
 
 const ListGuard::Changes& ListGuard::pendingChanges(std::string_view group) const {

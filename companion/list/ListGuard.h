@@ -86,6 +86,8 @@ class ListGuard {
 
   // When the group's lock ends, on the clock Now::running; nothing if the group is not locked.
   std::optional<std::chrono::seconds> lockEnd(std::string_view group) const;
+  // How many of the file's sites of a guarded group are not guarded, because there are too many.
+  uint64_t unguardedSites(std::string_view group) const;
   // Groups that are not guarded because there are too many.
   const std::vector<std::string>& refusedGroups() const { return refusedGroups_; }
   // Whether some exceptions have no effect because there are too many (kMostExceptions).
@@ -109,6 +111,7 @@ class ListGuard {
     Seconds clock{0};               // Now::wall minus Now::running when the lock began
     std::optional<Moment> request;  // the last request that update() has applied
     Changes leaving;
+    uint64_t unguardedSites = 0;
   };
 
   struct Update;  // a guarded group while update() runs

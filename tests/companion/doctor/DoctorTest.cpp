@@ -118,6 +118,10 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"bad lines", "list", Warning, "2 bad lines", [](Facts& f) { f.list->badLines = 2; }},
       {"list not read", "list", Problem, "previous list", [](Facts& f) { f.list->listError = "no"; }},
       {"list not watched", "list", Warning, "sysctl", [](Facts& f) { f.list->watchError = "a limit is reached"; }},
+      {"sites without guard", "list", Warning, "3 sites of the group work",
+       [](Facts& f) {
+         f.list->groups.push_back({"work", true, {}, {}, 0, {}, {}, 3});
+       }},
       {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},
       {"keeper not connected", "list", Problem, "no connection", [](Facts& f) { f.list->connected = false; }},
       {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},

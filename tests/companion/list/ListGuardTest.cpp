@@ -175,8 +175,10 @@ TEST(ListGuard, GuardsNoMoreThanItCanSave) {
   EXPECT_EQ(machine.read(std::string("[group work]\na.example\nb.example\nc.example\n") + kLock),
             ".a.example .b.example .c.example")
       << "all are in force";
+  EXPECT_EQ(machine.guard.unguardedSites("work"), 1U);
   EXPECT_EQ(machine.read("[group work]\nd.example\n"), ".a.example .b.example .d.example");
   EXPECT_EQ(machine.read(""), ".a.example .b.example");
+  EXPECT_EQ(machine.guard.unguardedSites("work"), 0U);
 }
 
 TEST(ListGuard, DelaysWhatBlocksLess) {
