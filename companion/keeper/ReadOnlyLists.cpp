@@ -73,7 +73,9 @@ void ReadOnlyLists::findFiles(Folder& folder, std::vector<Entry>& found) {
                    ": check its rights";
     if (folder.error != errorBefore) keeper_log(LogLevel::Error, folder.error);
     for (Entry& entry : lists_) {
-      if (entry.list.kind == folder.kind) found.push_back(std::move(entry));
+      if (entry.list.kind != folder.kind) continue;
+      entry.isMissing = false;  // read() says that the file cannot be read
+      found.push_back(std::move(entry));
     }
     return;
   }
@@ -111,9 +113,9 @@ bool ReadOnlyLists::keepsNames(Entry& entry) const {
 // Reads the file if it has changed, or if its names were not kept and `hasRoom` is set. Returns whether the list has
 // changed. If the file cannot be read, the list stays as it is.
 bool ReadOnlyLists::read(Entry& entry, bool hasRoom) {
+  const std::string errorBefore = std::exchange(entry.readError, "");
   if (entry.isMissing) return false;
   const std::string& path = entry.state.path;
-  const std::string errorBefore = std::exchange(entry.readError, "");
   try {
     if (entry.hasCopy && !(entry.isTooLarge && hasRoom) && list_version(path) == entry.version) {
       entry.fewerSince.reset();
@@ -140,6 +142,7 @@ bool ReadOnlyLists::read(Entry& entry, bool hasRoom) {
     if (isNew) log_bad_lines(path, entry.list);
     return true;
   } catch (const FileError& error) {
+    entry.fewerSince.reset();  // otherwise due() would stay in the past
     entry.readError = error.what();
     if (entry.readError != errorBefore) keeper_log(LogLevel::Error, entry.readError);
     return false;

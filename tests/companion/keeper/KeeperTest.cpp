@@ -270,24 +270,34 @@ TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
 }
 
 TEST_F(Keeper, KeepsTheNamesOfAReadOnlyListThatIsBrieflyGone) {
-  const auto write = [&](const char* text) { std::ofstream(path("d.list")) << text; };
+  constexpr auto kDelay = kRereadInterval / 2;
+  const std::filesystem::path folder = path("d"), away = path("e"), file = folder / "d.list";
+  const auto write = [&](const char* text) { std::ofstream(file) << text; };
   const struct {
     const char* description;
     std::function<void()> change;
-    bool isWaiting;
+    std::chrono::seconds due;
     const char* outcome;
   } kSteps[] = {
-      {"a list", [&] { write("a.example\nb.example"); }, false, ".a.example .b.example -"},
-      {"half written", [&] { write("a.example"); }, true, ".a.example .b.example -"},
-      {"removed", [&] { unlink(path("d.list").c_str()); }, true, ".a.example .b.example -"},
-      {"back", [&] { write("c.example\nd.example"); }, false, ".c.example .d.example -"},
-      {"empty", [&] { write(""); }, true, ".c.example .d.example -"},
+      {"a list", [&] { write("a.example\nb.example"); }, 0s, ".a.example .b.example -"},
+      {"half written", [&] { write("a.example"); }, kDelay, ".a.example .b.example -"},
+      {"removed", [&] { remove(file); }, kDelay, ".a.example .b.example -"},
+      {"a folder in its place", [&] { create_directory(file); }, kRereadInterval, ".a.example .b.example !"},
+      {"removed again", [&] { remove(file); }, kDelay, ".a.example .b.example -"},
+      {"no readable folder of lists", [&] { rename(folder, away), create_symlink(folder, folder); }, kRereadInterval,
+       ".a.example .b.example !"},
+      {"back", [&] { remove(folder), rename(away, folder), write("c.example\nd.example"); }, 0s,
+       ".c.example .d.example -"},
+      {"empty", [&] { write(""); }, kDelay, ".c.example .d.example -"},
   };
-  ReadOnlyLists lists(path(""), path("s"), kMessageRoom, 24h);
+  create_directory(folder);
+  ReadOnlyLists lists(folder, path("s"), kMessageRoom, kDelay);
   for (const auto& step : kSteps) {
     step.change();
     lists.refresh();
-    EXPECT_EQ(lists.due().has_value(), step.isWaiting) << step.description;
+    const auto due = lists.due();
+    const auto isLater = due && *due - std::chrono::steady_clock::now() > kDelay;
+    EXPECT_EQ(!due ? 0s : isLater ? kRereadInterval : kDelay, step.due) << step.description;
     EXPECT_EQ(described(lists, 0), step.outcome) << step.description;
   }
 }
