@@ -125,7 +125,10 @@ class GuardedStream final : public capnp::MessageStream {
     return whenReadyForNextMessage().then([this, fdSpace, options, scratchSpace] {
       return kj::evalNow([&] { return stream_.tryReadMessage(fdSpace, options, scratchSpace); })
           .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return admit(kj::mv(message)); })
-          .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return whenValuesFit(kj::mv(message)); })
+          .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) {
+            auto fit = message == nullptr ? kj::Promise<void>(kj::READY_NOW) : whenValuesFit();
+            return fit.then([message = kj::mv(message)]() mutable { return kj::mv(message); });
+          })
           .catch_([this](kj::Exception&& exception) {
             giveUp({exception.getDescription().begin(), exception.getDescription().size()});
             return kj::Maybe<capnp::MessageReaderAndFds>();
@@ -180,13 +183,11 @@ class GuardedStream final : public capnp::MessageStream {
     });
   }
 
-  // Passes the message on when there is memory for its values. A call that can never have this memory is passed on at
-  // once, and refused.
-  kj::Promise<kj::Maybe<capnp::MessageReaderAndFds>> whenValuesFit(kj::Maybe<capnp::MessageReaderAndFds>&& message) {
-    if (message == nullptr || !isMessageLarge() || messageWords_ > kMaximumCallWords) return kj::mv(message);
-    return whenTaken(valueShare_, value_bytes(messageWords_)).then([message = kj::mv(message)]() mutable {
-      return kj::mv(message);
-    });
+  // The promise is fulfilled when there is memory for the values of the message that was read last. A call that can
+  // never have this memory does not wait: it will be refused.
+  kj::Promise<void> whenValuesFit() {
+    if (!isMessageLarge() || messageWords_ > kMaximumCallWords) return kj::READY_NOW;
+    return whenTaken(valueShare_, value_bytes(messageWords_));
   }
 
   void releaseShares() {
