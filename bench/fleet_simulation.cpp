@@ -71,18 +71,18 @@ void publish_change(std::vector<Moment> next) {
 void boot_all(const std::vector<Moment>& next, seconds every, seconds off, const char* what) {
   const Moment boot = kStart + kDays * 24h + off;
   Requests requests(boot, 10min);
-  for (Moment each : next) requests.add(after_start(each, boot, every, random_share()));
+  for (Moment each : next) requests.add(after_start(each, boot, every, true, random_share()));
   requests.print(what);
 }
 
 // The server answers no request for some time. Counts the requests during this time and in the day after it.
-void break_server(const std::vector<Moment>& next, seconds every, seconds length, const char* what) {
+void break_server(const std::vector<Moment>& next, seconds every, bool hasCopies, seconds length, const char* what) {
   const Moment broken = kStart + kDays * 24h, mended = broken + length;
   Requests failed(broken, length), later(mended, 24h);
   for (Moment each : next) {
     for (uint64_t failures = 1; each < mended; ++failures) {
       failed.add(each);
-      each = after_failure(each, every, failures, 0s, random_share());
+      each = after_failure(each, every, hasCopies, failures, 0s, random_share());
     }
     later.add(each);
   }
@@ -101,6 +101,8 @@ int main() {
   publish_change(next);
   boot_all(next, every, 2h, "all were off for two hours, and boot in the same second");
   boot_all(next, every, 48h, "all were off for two days, and boot in the same second");
-  break_server(next, every, 1h, "the server fails for an hour");
-  break_server(next, every, 12h, "the server fails for twelve hours");
+  break_server(next, every, true, 1h, "the server fails for an hour");
+  break_server(next, every, true, 12h, "the server fails for twelve hours");
+  const std::vector<Moment> now(kMachines, kStart + kDays * 24h);
+  break_server(now, every, false, 1h, "all are new and subscribe in the same second, and the server fails for an hour");
 }

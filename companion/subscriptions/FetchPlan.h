@@ -16,15 +16,16 @@ namespace orvane {
 Moment after_success(Moment now, std::chrono::seconds every, double random);
 
 // After the `failures`-th failed fetch in a row. The pause is 5 min after the first failure, and doubles after each
-// further one, up to `every`. A server may ask for a longer pause (`retryAfter`), up to `every` or a day, whichever is
-// longer. Up to a tenth of the pause is added.
-Moment after_failure(Moment now, std::chrono::seconds every, uint64_t failures, std::chrono::seconds retryAfter,
-                     double random);
+// further one, up to `every`. Without a copy it begins with 10 s, because the network of a new machine may come up
+// late. A server may ask for a longer pause (`retryAfter`), up to `every` or a day, whichever is longer. Up to a tenth
+// of the pause is added.
+Moment after_failure(Moment now, std::chrono::seconds every, bool hasCopy, uint64_t failures,
+                     std::chrono::seconds retryAfter, double random);
 
 // At the start of the service: `next` as it was planned before. If this moment has passed, a moment within the next 5
-// min, or within the next tenth of `every` if that is shorter. A subscription that was never fetched (`next` is empty)
-// is due at once.
-Moment after_start(std::optional<Moment> next, Moment now, std::chrono::seconds every, double random);
+// min, or within the next tenth of `every` if that is shorter; at once without a copy. A subscription that was never
+// fetched (`next` is empty) is due at once.
+Moment after_start(std::optional<Moment> next, Moment now, std::chrono::seconds every, bool hasCopy, double random);
 
 // Whether a fetch planned for `next` is due. It is also due if `next` is further ahead than a plan can be, because then
 // the clock has been set back.

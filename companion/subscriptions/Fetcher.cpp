@@ -207,11 +207,12 @@ class Fetcher {
     for (const Subscription& each : file_.subscriptions) {
       SubscriptionState& state = stateOf(each.name);
       if (!fetches_.contains(each.name)) state.progress.reset();
-      if (state.counts.names > 0 && !hasList(each.name)) forgetCopy(state);
+      if (state.hasCopy() && !hasList(each.name)) forgetCopy(state);
       // A new URL, group or key has an effect at once.
       const std::string plannedFor = source_of(each) + " " + each.group;
       if (std::exchange(state.plannedFor, plannedFor) != plannedFor) state.next.reset();
-      if (isStart_ || !state.next) state.next = after_start(state.next, now_in_seconds(), each.every, random());
+      if (isStart_ || !state.next)
+        state.next = after_start(state.next, now_in_seconds(), each.every, state.hasCopy(), random());
       // A shorter interval counts from now on.
       state.next = std::min(*state.next, std::max(now_in_seconds() + each.every + each.every / 10, Moment()));
     }
@@ -261,7 +262,7 @@ class Fetcher {
     if (const auto request = requests_.find(subscription.name); request != requests_.end())
       fetch.request = request->second.number;
     Transfer::Request request{subscription.url, subscription.isInsecure, "", ""};
-    if (state.source == source_of(subscription) && state.group == subscription.group && state.counts.names > 0) {
+    if (state.source == source_of(subscription) && state.group == subscription.group && state.hasCopy()) {
       request.etag = state.etag;
       request.lastModified = state.lastModified;
     }
@@ -308,7 +309,8 @@ class Fetcher {
     fetch.transfer.reset();
     // The state is as after a failure until the copy is in force: see writeUnfinished().
     state.request = fetch.request;
-    state.next = after_failure(now_in_seconds(), subscription.every, ++state.failures, result.retryAfter, random());
+    state.next = after_failure(now_in_seconds(), subscription.every, state.hasCopy(), ++state.failures,
+                               result.retryAfter, random());
     try {
       if (isSignature && result.outcome == Transfer::Outcome::NotFound)
         throw InputError(
@@ -316,7 +318,7 @@ class Fetcher {
             ".minisig at the end");
       if (isSignature && result.outcome != Transfer::Outcome::Fetched)
         throw InputError("its signature cannot be fetched: " + result.error);
-      const bool isUnchanged = result.outcome == Transfer::Outcome::NotModified && state.counts.names > 0;
+      const bool isUnchanged = result.outcome == Transfer::Outcome::NotModified && state.hasCopy();
       if (!isUnchanged && !isSignature && result.outcome != Transfer::Outcome::Fetched)
         throw InputError(result.error.empty() ? "the server answers 304 without being asked: check the URL"
                                               : result.error);

@@ -31,7 +31,7 @@ struct FetchProgress {
 struct SubscriptionState {
   std::string name;
 
-  // The copy in force, which is in the file NAME.list. If there is none, counts.names is 0.
+  // The copy in force, which is in the file NAME.list.
   std::string source;  // identifies the URL and the key with which the copy was fetched
   std::string group;
   std::string sha256;  // of the bytes that the server sent
@@ -39,6 +39,7 @@ struct SubscriptionState {
   std::optional<Moment> changed;   // when the copy came into force
   std::optional<Moment> signedAt;  // the timestamp in the signature's trusted comment
   ListCounts counts;
+  bool hasCopy() const { return counts.names > 0; }
 
   std::optional<Moment> checked;     // when the server last confirmed the copy in force
   std::optional<Moment> next;        // the next fetch

@@ -132,14 +132,17 @@ TEST(FetchPlan, SpreadsFetchesAndBacksOff) {
   const std::tuple<const char*, Moment, std::chrono::seconds> kCases[] = {
       {"success, earliest", after_success(now, 24h, 1), 24h - 144min},
       {"success, latest", after_success(now, 24h, 0), 24h},
-      {"first failure", after_failure(now, 24h, 1, 0s, 0), 5min},
-      {"third failure", after_failure(now, 24h, 3, 0s, 1), 22min},
-      {"many failures", after_failure(now, 24h, 1000, 0s, 0), 24h},
-      {"the server asks for more", after_failure(now, 1h, 1, 2h, 0), 2h},
-      {"the server asks for too much", after_failure(now, 1h, 1, 10000h, 0), 24h},
-      {"start, planned", after_start(now + 1h, now, 24h, 0.5), 1h},
-      {"start, overdue", after_start(now - 1h, now, 24h, 0.5), 150s},
-      {"start, new", after_start(std::nullopt, now, 24h, 0.5), 0s},
+      {"first failure", after_failure(now, 24h, true, 1, 0s, 0), 5min},
+      {"third failure", after_failure(now, 24h, true, 3, 0s, 1), 22min},
+      {"first failure of a new machine", after_failure(now, 24h, false, 1, 0s, 0), 10s},
+      {"sixth failure of a new machine", after_failure(now, 24h, false, 6, 0s, 0), 320s},
+      {"many failures", after_failure(now, 24h, false, 1000, 0s, 0), 24h},
+      {"the server asks for more", after_failure(now, 1h, false, 1, 2h, 0), 2h},
+      {"the server asks for too much", after_failure(now, 1h, true, 1, 10000h, 0), 24h},
+      {"start, planned", after_start(now + 1h, now, 24h, false, 0.5), 1h},
+      {"start, overdue", after_start(now - 1h, now, 24h, true, 0.5), 150s},
+      {"start, overdue on a new machine", after_start(now - 1h, now, 24h, false, 0.5), 0s},
+      {"start, new", after_start(std::nullopt, now, 24h, true, 0.5), 0s},
   };
   for (const auto& [what, moment, expected] : kCases) EXPECT_EQ(moment - now, expected) << what;
   EXPECT_FALSE(is_due(now + 1s, now, 1h));
