@@ -169,6 +169,9 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
   if (const auto& keeper = status.keeper) {
     lines.push_back(coloured("runs", Colour::Good) + " since " + local_text(keeper->started, now) + ", process " +
                     std::to_string(keeper->process));
+    if (keeper->guardError)
+      lines.push_back(coloured("cannot save locks and delays, so they end with the keeper", Colour::Bad) + ": " +
+                      *keeper->guardError);
     if (!keeper->connected) lines.push_back(coloured("waits for the extension", Colour::Bad));
     // If orvanectl itself cannot reach the extension, extension_lines() already says why.
     if (keeper->extensionError && status.extension.answers) lines.push_back(*keeper->extensionError);

@@ -294,6 +294,10 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
     add(Result::Warning, counted(state.badLines, "bad line", "bad lines") + " in " + state.listPath + " ignored",
         "to see them: orvanectl list");
   }
+  if (state.guardError) {
+    add(Result::Problem, "the keeper cannot save locks and delays, so they end with the keeper: " + *state.guardError,
+        "correct this: the keeper tries again every 2 s");
+  }
   for (const auto& group : state.groups) {
     if (group.unguardedSites > 0)
       add(Result::Warning,

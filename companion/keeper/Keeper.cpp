@@ -50,7 +50,7 @@ constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
 
-// The time between two attempts to write the state file.
+// The time between two attempts to write the state file or the guard's file.
 constexpr std::chrono::milliseconds kRetryInterval = 2s;
 
 // The kernel's clocks end in the year 2262, but a suspension may end later. So the keeper's timer for the next end of a
@@ -104,7 +104,7 @@ class Keeper {
       if (shutdown_.isMade()) break;
       attend(events);
     }
-    if (guard_.due()) saveGuard();
+    if (guard_.due() || state_.guardError) saveGuard();
     notify_service_manager("STOPPING=1\nSTATUS=Ending");
     shutdown_.removeFiles();
   }
@@ -457,10 +457,18 @@ std::string Keeper::keepUnreadableGuard() {
 // time while it measures a lock or a delay.
 void Keeper::saveGuard() {
   const std::string name = std::filesystem::path(guardPath_).filename().string() + ".new";
-  if (const auto error = replace_file(guardPath_, name, guard_.save(current_time()), kGuardMode))
-    keeper_log(LogLevel::Error, "cannot save locks and delays: " + in_quotes(guardPath_) + ": " + error.message() +
-                                    ": they end with this process: check the folder");
-  saveGuardAt_ = guard_.due() ? Steady::now() + kGuardSaveInterval : Steady::time_point::max();
+  const auto error = replace_file(guardPath_, name, guard_.save(current_time()), kGuardMode);
+  if (!error) {
+    state_.guardError.reset();
+    saveGuardAt_ = guard_.due() ? Steady::now() + kGuardSaveInterval : Steady::time_point::max();
+    return;
+  }
+  const std::string text = in_quotes(guardPath_) + ": " + error.message();
+  if (state_.guardError != text)
+    keeper_log(LogLevel::Error,
+               "cannot save locks and delays: " + text + ": they end with this process: check the folder");
+  state_.guardError = text;
+  saveGuardAt_ = Steady::now() + kRetryInterval;
 }
 
 // Writes the list that is in force, for commands such as `orvanectl try`, which may not read the guard's file.

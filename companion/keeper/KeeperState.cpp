@@ -86,6 +86,7 @@ KeeperState state_of(const Json& json) {
   list.read("error", state.listError);
   list.read("guarded", state.isGuarded);
   list.read("watchError", state.watchError);
+  list.read("guardError", state.guardError);
   for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
     state.suspended.emplace_back(entry.at("name"), read_moment(entry.at("until").get_ref<const std::string&>()));
   }
@@ -162,7 +163,8 @@ Json to_json(const KeeperState& state) {
             {"pending", std::move(pending)},
             {"guarded", state.isGuarded},
             {"error", json_or_null(state.listError)},
-            {"watchError", json_or_null(state.watchError)}}},
+            {"watchError", json_or_null(state.watchError)},
+            {"guardError", json_or_null(state.guardError)}}},
           {"readOnlyLists", std::move(readOnlyLists)},
           {"extension",
            {{"connected", state.connected},

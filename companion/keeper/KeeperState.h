@@ -58,6 +58,8 @@ struct KeeperState {
   // Why the system reports no changes of some of the files, so that the keeper looks at them every 2 s.
   std::optional<std::string> watchError;
 
+  std::optional<std::string> guardError;  // why locks and delays could not be saved: they end with the keeper
+
   // The read-only lists: drop-ins first, each kind in the order of the files' names.
   struct ListState {
     std::string path;

@@ -122,6 +122,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) {
          f.list->groups.push_back({"work", true, {}, {}, 0, {}, {}, 3});
        }},
+      {"guard not saved", "list", Problem, "end with the keeper: full", [](Facts& f) { f.list->guardError = "full"; }},
       {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},
       {"keeper not connected", "list", Problem, "no connection", [](Facts& f) { f.list->connected = false; }},
       {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},

@@ -311,6 +311,7 @@ class StateFile : public Keeper {
     state.suspended = {{"a.example", at(3)}};
     state.groups = {{"work", true, at(4), at(5), 6, 7s, at(8), 9}};
     state.pending = {{"work", "b.example", at(9)}};
+    state.guardError = "no";
     state.connected = true;
     state.changesOfOthers = 3;
   }
