@@ -126,8 +126,7 @@ class GuardedStream final : public capnp::MessageStream {
       return kj::evalNow([&] { return stream_.tryReadMessage(fdSpace, options, scratchSpace); })
           .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) { return admit(kj::mv(message)); })
           .then([this](kj::Maybe<capnp::MessageReaderAndFds>&& message) {
-            auto fit = message == nullptr ? kj::Promise<void>(kj::READY_NOW) : whenValuesFit();
-            return fit.then([message = kj::mv(message)]() mutable { return kj::mv(message); });
+            return whenValuesFit(message).then([message = kj::mv(message)]() mutable { return kj::mv(message); });
           })
           .catch_([this](kj::Exception&& exception) {
             giveUp({exception.getDescription().begin(), exception.getDescription().size()});
@@ -183,10 +182,10 @@ class GuardedStream final : public capnp::MessageStream {
     });
   }
 
-  // The promise is fulfilled when there is memory for the values of the message that was read last. A call that can
+  // The promise is fulfilled when there is memory for the values of the message, which was read last. A call that can
   // never have this memory does not wait: it will be refused.
-  kj::Promise<void> whenValuesFit() {
-    if (!isMessageLarge() || messageWords_ > kMaximumCallWords) return kj::READY_NOW;
+  kj::Promise<void> whenValuesFit(const kj::Maybe<capnp::MessageReaderAndFds>& message) {
+    if (message == nullptr || !isMessageLarge() || messageWords_ > kMaximumCallWords) return kj::READY_NOW;
     return whenTaken(valueShare_, value_bytes(messageWords_));
   }
 
