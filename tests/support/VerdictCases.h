@@ -60,6 +60,18 @@ inline std::vector<VerdictCase> verdict_cases() {
   };
 }
 
+// A host name that the system knows of a flow when the flow opens, alone or in a URL, as a user may type it.
+struct NamedCase {
+  const char* list;
+  const char* host;
+  bool drops;
+};
+
+inline constexpr NamedCase kNamedCases[] = {
+    {"localhost", "localhost", true},  {"localhost", "LocalHost", true},     {"localhost", "localhost.", true},
+    {"localhost", "LOCALHOST.", true}, {"held.example", "localhost", false}, {".localhost", "LOCALHOST.", true},
+};
+
 // Makes the list and the programs of the case.
 inline void set_up(const VerdictCase& each) {
   Value::Set names;

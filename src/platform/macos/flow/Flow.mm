@@ -54,7 +54,7 @@ class SocketFlow final : public SystemFlow<NEFilterSocketFlow, ::NEFilterSocketF
     if (alias()) return alias();
     ::NSString* name = [object() remoteHostname];
     if (name == nil) return nameFromBytes_;
-    return text_of(name);
+    return listed_form(text_of(name));
   }
   int32_t socketType() const override { return [object() socketType]; }
 

@@ -123,6 +123,18 @@ TEST_F(ProvidersTest, GivesTheVerdictsThatHoldOnEachSystem) {
   }
 }
 
+TEST_F(ProvidersTest, RecognisesANameFromTheFrameworkInAnySpelling) {
+  for (const NamedCase& each : kNamedCases) {
+    db_hostname_set(Value::set({text(each.list)}));
+    const std::string first = each.drops ? "drop" : "allow";
+    ::NSString* host = foundation_string(each.host);
+    ::NSString* url = [::NSString stringWithFormat:@"https://%@/a?B", host];
+    EXPECT_EQ(verdicts(general, socket_flow(kBrowser, web, host)), first + ", " + first + ", " + first) << each.host;
+    EXPECT_EQ(verdicts(general, url_flow(kBrowser, url)).substr(0, first.size()), first) << each.host;
+    EXPECT_EQ(verdicts(safari, url_flow(kSafari, url)).find("drop") != std::string::npos, each.drops) << each.host;
+  }
+}
+
 TEST_F(ProvidersTest, CoversTheSubdomainsOfAMarkedName) {
   db_hostname_add(text(".site.example"));
   db_hostname_add(text("!.shop.site.example"));
