@@ -229,6 +229,10 @@ class XPCClient final : public Client {
       firstError->set(kEnded);
       firstError->showEnd();
     }];
+    // The system may also end the connection without an interruption. Then each call fails with an error of its own.
+    [connection_ setInvalidationHandler:^{
+      firstError->showEnd();
+    }];
     [connection_ resume];
     if (firstError->mine() >= 0) canceller_ = std::thread([this] { cancel(); });
     awaitAnswer(remote());

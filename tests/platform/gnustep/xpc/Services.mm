@@ -114,7 +114,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   _isActive = true;
 }
 - (void)setInvalidationHandler:(GSXPCInvalidationHandler)handler {
-  trace("invalidation handler");
+  if (_name == nil) trace("invalidation handler");
   _invalidationHandler = Block_copy(handler);
 }
 - (void)setInterruptionHandler:(GSXPCInterruptionHandler)handler {
@@ -241,6 +241,13 @@ void break_connections(bool restarted) {
     if (restarted) continue;
     client->_interruptionHandler();
     if (client->_peer->_interruptionHandler != nil) client->_peer->_interruptionHandler();
+  }
+}
+
+void invalidate_connections() {
+  for (StandInConnection* client : services().clients) {
+    client->_peer->_isBroken = true;
+    if (client->_invalidationHandler != nil) client->_invalidationHandler();
   }
 }
 
