@@ -25,7 +25,8 @@ static_assert(kFilterFlowBytesMax == NEFilterFlowBytesMax && sizeof(NSUInteger) 
 
 // The hosts of a rule that matches every host.
 using AnyHost = std::span<const std::string_view>;
-// The core's rules have an empty host. The framework's header does not say what an empty host means.
+// The core's rules have an empty host. The framework's header does not say what an empty host means. It may count as a
+// host name, although a rule must contain an address; flows to addresses would not match this rule.
 constexpr std::string_view kEmptyHost[] = {""};
 // NENetworkRule.h: a rule with one of these addresses matches every host except loopback.
 constexpr std::string_view kWildcards[] = {"0.0.0.0", "::"};
@@ -40,7 +41,7 @@ bool matches_any_host(const NEFilterRule& rule) {
   return [::NWHostEndpoint endpointWithHostname:foundation_string(host) port:foundation_string(endpoint->port())];
 }
 
-// Nil if the framework refuses the rule.
+// Nil if the framework refuses the rule, or takes an empty host for a host name.
 ::NEFilterRule* rule_object(const NEFilterRule& rule, std::string_view anyHost) {
   const NENetworkRule& network = rule.networkRule;
   ::NENetworkRule* object = [[[::NENetworkRule alloc]
@@ -52,6 +53,8 @@ bool matches_any_host(const NEFilterRule& rule) {
                   direction:static_cast<::NETrafficDirection>(network.direction)] autorelease];
   // A rule that has lost its endpoint would match the flows of every port.
   if (object == nil || (network.remoteNetwork && [object matchRemoteEndpoint] == nil)) return nil;
+  // NENetworkRule.h: a rule whose endpoint contains no IP address has no prefix.
+  if (matches_any_host(rule) && anyHost.empty() && [object matchRemotePrefix] == NSNotFound) return nil;
   return [[[::NEFilterRule alloc] initWithNetworkRule:object
                                                action:static_cast<::NEFilterAction>(rule.action)] autorelease];
 }

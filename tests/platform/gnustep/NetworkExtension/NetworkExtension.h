@@ -65,8 +65,10 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 
 @interface NENetworkRule : StandInObject {
   NWHostEndpoint* _matchRemoteEndpoint;
+  NSUInteger _matchRemotePrefix;
 }
 - (NWHostEndpoint*)matchRemoteEndpoint;
+- (NSUInteger)matchRemotePrefix;
 - (instancetype)initWithRemoteNetwork:(NWHostEndpoint*)remoteNetwork
                          remotePrefix:(NSUInteger)remotePrefix
                          localNetwork:(NWHostEndpoint*)localNetwork
@@ -98,7 +100,7 @@ typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserIniti
 @compatibility_alias NEFilterProvider NEFilterDataProvider;
 
 // How the framework refuses a rule that does not contain an address.
-enum class Refusal { None, NoObject, NoEndpoint };
+enum class Refusal { None, NoObject, NoEndpoint, NoPrefix };
 
 // What the filter read and applied, and the handler with which a test completes applySettings.
 inline struct NetworkExtensionState {

@@ -112,6 +112,7 @@
     return nil;
   }
   if (!isRefused || networkExtension.refusal != Refusal::NoEndpoint) _matchRemoteEndpoint = [remoteNetwork retain];
+  _matchRemotePrefix = isRefused && networkExtension.refusal == Refusal::NoPrefix ? NSNotFound : remotePrefix;
   return
       [self initWithContent:[NSString stringWithFormat:@"%@/%lu from %@/%lu protocol %ld direction %ld", remoteNetwork,
                                                        remotePrefix, localNetwork, localPrefix, protocol, direction]];
@@ -119,6 +120,10 @@
 
 - (NWHostEndpoint*)matchRemoteEndpoint {
   return _matchRemoteEndpoint;
+}
+
+- (NSUInteger)matchRemotePrefix {
+  return _matchRemotePrefix;
 }
 
 - (void)dealloc {
