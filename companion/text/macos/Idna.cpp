@@ -1,7 +1,6 @@
 #include "companion/text/Idna.h"
 
 #include <array>
-#include <memory>
 #include <string_view>
 
 // Functions of ICU, which is part of macOS as libicucore. The SDK has no header for these functions, so this file
@@ -17,7 +16,6 @@ struct UIDNAInfo {
   int32_t reservedI3;
 };
 UIDNA* uidna_openUTS46(uint32_t options, int* errorCode);
-void uidna_close(UIDNA* idna);
 int32_t uidna_labelToASCII_UTF8(const UIDNA* idna, const char* label, int32_t length, char* destination,
                                 int32_t capacity, UIDNAInfo* info, int* errorCode);
 int32_t uidna_labelToUnicodeUTF8(const UIDNA* idna, const char* label, int32_t length, char* destination,
@@ -57,18 +55,14 @@ constexpr LabelError kLabelErrors[] = {
     {0x1000, "a joiner is in the wrong place"},
 };
 
-struct CloseIdna {
-  void operator()(UIDNA* idna) const { uidna_close(idna); }
-};
-
-// Null when out of memory. The object never changes, so every thread may use it.
+// Null when out of memory. The object never changes, so every thread may use it. It is never closed, because other
+// threads may use it while the process ends.
 const UIDNA* uts46() {
-  static const std::unique_ptr<UIDNA, CloseIdna> kIdna = [] {
+  static const UIDNA* const kIdna = [] {
     int error = 0;
-    return std::unique_ptr<UIDNA, CloseIdna>(
-        uidna_openUTS46(kCheckBidi | kCheckJoiners | kNonTransitionalToASCII | kNonTransitionalToUnicode, &error));
+    return uidna_openUTS46(kCheckBidi | kCheckJoiners | kNonTransitionalToASCII | kNonTransitionalToUnicode, &error);
   }();
-  return kIdna.get();
+  return kIdna;
 }
 
 // look_up_label() calls this first, because uidna_labelToASCII_UTF8 reports broken UTF-8 as a character that is not

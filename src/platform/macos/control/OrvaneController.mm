@@ -10,9 +10,9 @@ using orvane::value_of;
 @implementation OrvaneController
 
 + (OrvaneController*)adapterFor:(orvane::OrvaneSECommunication*)controller {
-  static std::mutex mutex;
+  static auto* mutex = new std::mutex;  // never destroyed, because other threads may use it while the process ends
   if (controller == nullptr) return nil;
-  std::lock_guard guard(mutex);
+  std::lock_guard guard(*mutex);
   auto* adapter = static_cast<OrvaneController*>(orvane::counterpart(controller));
   if (adapter == nil) {
     adapter = [[self alloc] initWithController:controller];
