@@ -87,6 +87,7 @@ void warn(NSString* title, NSString* fault) {
 
 - (void)windowDidBecomeKey:(NSNotification*)notification {
   [self ask];
+  [_list refresh];
 }
 
 - (void)menuWillOpen:(NSMenu*)menu {
@@ -126,6 +127,7 @@ void warn(NSString* title, NSString* fault) {
 - (void)switchChanged {
   _protection.isSetUp = _filter.isSetUp;
   _protection.isSwitchedOn = _filter.isSwitchedOn;
+  _protection.list = _list.list;
   if (!_protection.isSwitchedOn) _protection.exitCode = std::nullopt;
   [self show];
   [self ask];
@@ -134,7 +136,8 @@ void warn(NSString* title, NSString* fault) {
 - (void)show {
   const orvane::ProtectionState state = orvane::state_of(_protection);
   [_window showExtension:_extension.state
-                  filter:_filter.state != nil ? _filter.state : @(orvane::window_text(_protection).c_str())
+                  filter:_filter.state != nil ? _filter.state
+                                              : @(orvane::window_text(_protection, orvane::now_in_seconds()).c_str())
                     list:_list.state];
   [_menuBarItem showTitle:@(orvane::menu_title(state).c_str()) isOn:state == orvane::ProtectionState::On];
   [_menuBarItem showList:_list.state isOn:_list.isOn hasSuspendedNames:_list.hasSuspendedNames];

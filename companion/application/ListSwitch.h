@@ -2,6 +2,8 @@
 
 #import <Foundation/Foundation.h>
 
+#include <optional>
+
 #include "companion/application/ListState.h"
 #import "companion/application/Switch.h"
 
@@ -13,7 +15,7 @@
 // writes the agent's property list to ~/Library/LaunchAgents and loads it with launchctl(1).
 @interface ListSwitch : Switch {
  @private
-  orvane::ListState _list;
+  std::optional<orvane::ListState> _list;
   BOOL _isAsking;   // orvanectl runs, to find out the list's state
   BOOL _asksAgain;  // when orvanectl has ended, because the state may have changed
 }
@@ -26,6 +28,8 @@
 
 // The keeper is switched on.
 @property(readonly) BOOL isOn;
+// Nothing until orvanectl has answered for the first time. While the keeper is off, the list is not in force.
+@property(readonly) std::optional<orvane::ListState> list;
 @property(readonly) BOOL hasSuspendedNames;
 
 // Suspend the sites of the list for half an hour, and end their suspensions. `handler` gets a text that says why this

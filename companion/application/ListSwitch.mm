@@ -121,7 +121,9 @@ NSString* failure(NSError* error) {
 }
 
 - (void)refresh {
-  switch (status_of_agent()) {
+  const AgentStatus status = status_of_agent();
+  if (status != kEnabled) _list = orvane::ListState();
+  switch (status) {
     case kEnabled:
       return [self askOrvanectl];
     case kRequiresApproval:
@@ -146,8 +148,8 @@ NSString* failure(NSError* error) {
     _isAsking = NO;
     _list = orvane::list_state(output.UTF8String);
     if (_asksAgain || status_of_agent() != kEnabled) return [self refresh];
-    [self show:@(orvane::list_text(_list, orvane::now_in_seconds()).c_str())];
-    [self refreshAfter:_list.isInForce ? kIntervalInForce : kIntervalMissing];
+    [self show:@(orvane::list_text(*_list, orvane::now_in_seconds()).c_str())];
+    [self refreshAfter:_list->isInForce ? kIntervalInForce : kIntervalMissing];
   });
 }
 
@@ -170,8 +172,12 @@ NSString* failure(NSError* error) {
   return status_of_agent() == kEnabled;
 }
 
+- (std::optional<orvane::ListState>)list {
+  return _list;
+}
+
 - (BOOL)hasSuspendedNames {
-  return _list.suspendedNames > 0;
+  return _list && _list->suspendedNames > 0;
 }
 
 @end

@@ -18,10 +18,12 @@ ProtectionState state_of(const Protection& protection) {
   if (!protection.isSwitchedOn) return ProtectionState::SwitchedOff;
   if (!protection.exitCode) return ProtectionState::Unknown;
   if (protection.exitCode != 0) return ProtectionState::NoAnswer;
-  return message(protection.output) == "0" ? ProtectionState::NoList : ProtectionState::On;
+  if (message(protection.output) == "0") return ProtectionState::NoList;
+  if (!protection.list) return ProtectionState::Unknown;
+  return protection.list->isInForce ? ProtectionState::On : ProtectionState::NotInForce;
 }
 
-std::string window_text(const Protection& protection) {
+std::string window_text(const Protection& protection, Moment now) {
   switch (state_of(protection)) {
     case ProtectionState::Unknown:
       return "Switched on. Asking the extension...";
@@ -34,10 +36,12 @@ std::string window_text(const Protection& protection) {
              message(protection.error) + ")";
     case ProtectionState::NoList:
       return "Not on: the extension runs, but has no list, so nothing is blocked. Switch the list on.";
+    case ProtectionState::NotInForce:
+      return "Not on: the extension has a list, but the current list is not in force. The row List says more.";
     case ProtectionState::On:
       break;
   }
-  return "On";
+  return protection.list->suspendedNames == 0 ? "On" : list_text(*protection.list, now);
 }
 
 std::string menu_title(ProtectionState state) {
@@ -50,6 +54,8 @@ std::string menu_title(ProtectionState state) {
       return "OrvaneSE is not on: no answer";
     case ProtectionState::NoList:
       return "OrvaneSE is not on: no list";
+    case ProtectionState::NotInForce:
+      return "OrvaneSE is not on: the list is not in force";
     case ProtectionState::On:
       break;
   }

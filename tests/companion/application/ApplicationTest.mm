@@ -18,32 +18,49 @@ namespace {
 TEST(Application, SaysWhichConditionIsMissingAndWhatToDo) {
   const std::string failure = "orvanectl: cannot reach the extension: switch it on\n";
   using State = ProtectionState;
-  const std::tuple<const char*, Protection, State, const char*> rows[] = {
+  const Moment now = now_in_seconds(), soon = now + std::chrono::minutes(30);
+  const ListState old, current{true, 0, {}, false}, suspended{true, 2, soon, true};
+  const std::tuple<const char*, Protection, State, std::optional<std::string>> rows[] = {
       {"nothing", {}, State::SwitchedOff, "Off, and not set up yet: nothing is blocked. Press Switch On."},
       {"switched off while the extension still runs",
-       {true, false, 0, "7\n", ""},
+       {true, false, 0, "7\n", "", current},
        State::SwitchedOff,
        "Off: nothing is blocked. Press Switch On."},
-      {"no answer yet", {true, true, std::nullopt, "", ""}, State::Unknown, "Switched on. Asking the extension..."},
+      {"no answer yet",
+       {true, true, std::nullopt, "", "", current},
+       State::Unknown,
+       "Switched on. Asking the extension..."},
       {"no answer",
-       {true, true, 1, "", failure},
+       {true, true, 1, "", failure, old},
        State::NoAnswer,
        "Not on: the filter is switched on, but the extension does not answer. Press Activate. If that does not help, "
        "restart the Mac. (cannot reach the extension: switch it on)"},
-      {"an answer of a command that failed", {true, true, 1, "7\n", failure}, State::NoAnswer, nullptr},
+      {"an answer of a command that failed", {true, true, 1, "7\n", failure, current}, State::NoAnswer, std::nullopt},
       {"no list",
-       {true, true, 0, "0\n", ""},
+       {true, true, 0, "0\n", "", old},
        State::NoList,
        "Not on: the extension runs, but has no list, so nothing is blocked. Switch the list on."},
-      {"all three", {true, true, 0, "10\n", ""}, State::On, "On"},
+      {"no answer about the list yet",
+       {true, true, 0, "10\n", "", std::nullopt},
+       State::Unknown,
+       "Switched on. Asking the extension..."},
+      {"an old list, or one that was edited by hand",
+       {true, true, 0, "10\n", "", old},
+       State::NotInForce,
+       "Not on: the extension has a list, but the current list is not in force. The row List says more."},
+      {"all four", {true, true, 0, "10\n", "", current}, State::On, "On"},
+      {"all four, suspended names",
+       {true, true, 0, "10\n", "", suspended},
+       State::On,
+       "On, but 2 names are suspended until " + local_text(soon, now)},
   };
   std::set<std::string> titles;
   for (const auto& [name, protection, state, text] : rows) {
     EXPECT_EQ(state_of(protection), state) << name;
-    if (text != nullptr) EXPECT_EQ(window_text(protection), text) << name;
+    if (text) EXPECT_EQ(window_text(protection, now), *text) << name;
     titles.insert(menu_title(state));
   }
-  EXPECT_EQ(titles.size(), 5U) << "each state has its own title";
+  EXPECT_EQ(titles.size(), 6U) << "each state has its own title";
 }
 
 // The highest codes are those of the headers.
