@@ -61,6 +61,8 @@ BOOL run_launchctl(NSArray<NSString*>* arguments, NSError** error) {
 
 NSString* session() { return [NSString stringWithFormat:@"gui/%u", getuid()]; }
 
+BOOL has_property_list() { return [[NSFileManager defaultManager] fileExistsAtPath:property_list_path()]; }
+
 BOOL install_agent(NSError** error) {
   NSDictionary* agent = @{
     @"Label" : kLabel,
@@ -69,12 +71,16 @@ BOOL install_agent(NSError** error) {
     @"KeepAlive" : @YES,
   };
   NSString* path = property_list_path();
-  return [[NSFileManager defaultManager] createDirectoryAtPath:path.stringByDeletingLastPathComponent
-                                   withIntermediateDirectories:YES
-                                                    attributes:nil
-                                                         error:error] &&
-         [agent writeToURL:[NSURL fileURLWithPath:path] error:error] &&
-         run_launchctl(@[ @"bootstrap", session(), path ], error);
+  NSFileManager* files = [NSFileManager defaultManager];
+  if ([files createDirectoryAtPath:path.stringByDeletingLastPathComponent
+          withIntermediateDirectories:YES
+                           attributes:nil
+                                error:error] &&
+      [agent writeToURL:[NSURL fileURLWithPath:path] error:error] &&
+      run_launchctl(@[ @"bootstrap", session(), path ], error))
+    return YES;
+  [files removeItemAtPath:path error:nil];  // while the file exists, the agent counts as switched on
+  return NO;
 }
 
 BOOL remove_agent(NSError** error) {
@@ -84,7 +90,15 @@ BOOL remove_agent(NSError** error) {
 
 AgentStatus status_of_agent() {
   if (id<AgentService> service = agent_service()) return static_cast<AgentStatus>(service.status);
-  return [[NSFileManager defaultManager] fileExistsAtPath:property_list_path()] ? kEnabled : kNotRegistered;
+  return has_property_list() ? kEnabled : kNotRegistered;
+}
+
+// If the Mac had an older system when the keeper was switched on, removes the agent of that time. It has the label of
+// the agent that the system now registers.
+void remove_agent_of_older_system() {
+  if (agent_service() == nil || !has_property_list()) return;
+  NSError* error = nil;
+  remove_agent(&error);
 }
 
 NSString* failure(NSError* error) {
@@ -101,6 +115,7 @@ NSString* failure(NSError* error) {
 }
 
 - (void)switchOn {
+  remove_agent_of_older_system();
   NSError* error = nil;
   const id<AgentService> service = agent_service();
   if (status_of_agent() == kEnabled ||
@@ -112,10 +127,12 @@ NSString* failure(NSError* error) {
 }
 
 - (void)switchOff {
+  remove_agent_of_older_system();
   NSError* error = nil;
   const id<AgentService> service = agent_service();
-  if (status_of_agent() == kNotRegistered ||
-      (service != nil ? [service unregisterAndReturnError:&error] : remove_agent(&error)))
+  const AgentStatus status = status_of_agent();
+  const bool isRegistered = status == kEnabled || status == kRequiresApproval;
+  if (!isRegistered || (service != nil ? [service unregisterAndReturnError:&error] : remove_agent(&error)))
     return [self refresh];
   [self show:failure(error)];
 }
