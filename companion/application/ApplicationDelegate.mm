@@ -148,8 +148,9 @@ void warn(NSString* title, NSString* fault) {
 }
 
 - (void)deactivate:(id)sender {
-  [_filter remove];
-  [_extension deactivate];
+  [_filter removeThen:^{
+    [_extension deactivate];
+  }];
 }
 
 - (void)switchOn:(id)sender {

@@ -23,8 +23,8 @@
 - (void)switchOn;
 - (void)switchOff;
 
-// Removes the configuration. Call it before the extension is deactivated, because the configuration names the
-// extension.
-- (void)remove;
+// Removes the configuration, if there is one. Then calls the handler, also after a failure. Deactivate the extension
+// only then, because the configuration names the extension.
+- (void)removeThen:(void (^)(void))handler;
 
 @end

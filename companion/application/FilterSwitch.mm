@@ -44,8 +44,20 @@ static_assert(NEFilterManagerErrorConfigurationInvalid == 1 && NEFilterManagerEr
   [self loadThen:@selector(saveOff)];
 }
 
-- (void)remove {
-  [self loadThen:@selector(removeConfiguration)];
+- (void)removeThen:(void (^)(void))handler {
+  NEFilterManager* filter = [NEFilterManager sharedManager];
+  [filter loadFromPreferencesWithCompletionHandler:^(NSError* error) {
+    dispatch_async(dispatch_get_main_queue(), ^{
+      if (error == nil && filter.providerConfiguration != nil) {
+        return [filter removeFromPreferencesWithCompletionHandler:^(NSError* fault) {
+          [self didSave:fault];
+          dispatch_async(dispatch_get_main_queue(), handler);
+        }];
+      }
+      if (error != nil) [self showFailure:error];
+      handler();
+    });
+  }];
 }
 
 // Loads the stored configuration, because the system refuses to save a configuration that was not loaded. Then runs
@@ -83,14 +95,6 @@ static_assert(NEFilterManagerErrorConfigurationInvalid == 1 && NEFilterManagerEr
   if (filter.providerConfiguration == nil) return [self showConfiguration];
   filter.enabled = NO;
   [filter saveToPreferencesWithCompletionHandler:^(NSError* error) {
-    [self didSave:error];
-  }];
-}
-
-- (void)removeConfiguration {
-  NEFilterManager* filter = [NEFilterManager sharedManager];
-  if (filter.providerConfiguration == nil) return [self showConfiguration];
-  [filter removeFromPreferencesWithCompletionHandler:^(NSError* error) {
     [self didSave:error];
   }];
 }
