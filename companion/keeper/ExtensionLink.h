@@ -45,6 +45,7 @@ class ExtensionLink {
   // `guarded`: the names that must not be missing. If they are few, an undo adds them first. If the extension does not
   // take the whole list, the extension gets only these names.
   void undoEdits(bool enabled, PackedNames guarded);
+  bool undoesEdits() const { return undoesEdits_; }
   // Call when socketWatch() is readable. If a socket file may have appeared, the next attend() tries to connect at
   // once.
   void onSocketEvent();

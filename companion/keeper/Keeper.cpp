@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <map>
@@ -46,6 +47,11 @@ using Steady = std::chrono::steady_clock;
 // The list's file is read when it has not changed for kDebounce, but at the latest kMaxDebounce after the first change.
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
+
+// While the keeper undoes edits of other clients, it reads the list again only after this many times the processor time
+// of the last read. Otherwise a large list that changes all the time would keep it from undoing edits.
+constexpr int kRestFactor = 10;
+constexpr std::chrono::seconds kLongestRest = 60s;
 
 // An empty list takes effect only after this time, because editors remove or truncate a file before they write it.
 constexpr std::chrono::milliseconds kEmptyDelay = 1s;
@@ -135,6 +141,8 @@ class Keeper {
   std::string versions() const { return list_versions({state_.listPath, kZonePath}); }
   bool refreshReadOnlyLists();
   void onFileChange();
+  Steady::time_point nextRead() const { return std::max(readAt_.value_or(Steady::time_point::max()), restUntil_); }
+  void readInTurn();
   void readList();
   void onListError(const std::string& error);
   void enforceGuarded();
@@ -178,6 +186,7 @@ class Keeper {
   std::optional<Steady::time_point> changedAt_;  // the first change of the list's file since the last read
   std::optional<Steady::time_point> emptySince_ = Steady::time_point::min();  // no delay for an empty first list
   std::optional<Steady::time_point> readAt_ = Steady::now();
+  Steady::time_point restUntil_ = Steady::time_point::min();  // no read before
 
   // The names of all lists together. While link_ is in sync, the extension holds the same names. So the keeper needs no
   // copy of what it has sent, which would double the memory.
@@ -196,8 +205,7 @@ class Keeper {
 
 Keeper::Events Keeper::wait() {
   const auto now = Steady::now();
-  Steady::time_point due = std::min({link_.due(), saveGuardAt_, watch_.lookAt()});
-  if (readAt_) due = std::min(due, *readAt_);
+  Steady::time_point due = std::min({link_.due(), saveGuardAt_, watch_.lookAt(), nextRead()});
   if (isUnwritable_) due = std::min(due, now + kRetryInterval);
   int timeout = -1;  // wait for an event without a time limit
   if (due != Steady::time_point::max())
@@ -221,8 +229,8 @@ void Keeper::attend(const Events& events) {
   if (events.guard.revents != 0) onGuardDue();
   if (events.sockets.revents != 0) link_.onSocketEvent();
   if (events.connection.revents != 0) link_.onHangUp();
-  if (readAt_ && Steady::now() >= *readAt_) readList();
   lookAtUnwatchedFiles();
+  if (Steady::now() >= nextRead()) readInTurn();
   if (Steady::now() >= saveGuardAt_) saveGuard();
   link_.attend(known());
   shutdown_.exitAtOnce(false);
@@ -240,7 +248,7 @@ void Keeper::lookAtUnwatchedFiles() {
     keeper_log(news->isFault ? LogLevel::Warning : LogLevel::Notice, news->text);
   const std::string fault = watch_.fault();
   state_.watchError = fault.empty() ? std::nullopt : std::optional(fault);
-  if (isDue && (versions() != versions_ || refreshReadOnlyLists())) readList();
+  if (isDue && (versions() != versions_ || refreshReadOnlyLists())) readAt_ = Steady::now();
 }
 
 void Keeper::onFileChange() {
@@ -248,6 +256,13 @@ void Keeper::onFileChange() {
   const auto now = Steady::now();
   if (!changedAt_) changedAt_ = now;
   readAt_ = std::min(now + kDebounce, *changedAt_ + kMaxDebounce);
+}
+
+void Keeper::readInTurn() {
+  const std::clock_t start = std::clock();
+  readList();
+  const std::chrono::microseconds used((std::clock() - start) * std::micro::den / CLOCKS_PER_SEC);
+  if (link_.undoesEdits()) restUntil_ = Steady::now() + std::min<Steady::duration>(used * kRestFactor, kLongestRest);
 }
 
 void Keeper::readList() {
@@ -525,12 +540,12 @@ void Keeper::onClockChange() {
   clock_.set((isDue ? now + kLongestTimer : timerMoment(list_)).time_since_epoch());
   // Only the list's file has the sites of groups that were not in force, and the suspensions that had ended before the
   // clock was set back.
-  if (wasSet || isDue) readList();
+  if (wasSet || isDue) readAt_ = Steady::now();
 }
 
 void Keeper::onGuardDue() {
   guardTimer_.wasSet();
-  readList();
+  readAt_ = Steady::now();
 }
 
 void Keeper::publish() {
