@@ -108,7 +108,8 @@ std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const s
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what) {
   if (const auto end = lock_end(keeper_of_list(options), group))
     throw std::runtime_error("cannot " + what + ": the group " + in_quotes(group) + " is locked " +
-                             suspension_text(*end, now_in_seconds()) + ": wait, or ask root");
+                             suspension_text(*end, now_in_seconds()) +
+                             ": wait; orvanectl(1) says how root can end the lock");
 }
 
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {

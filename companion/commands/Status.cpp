@@ -236,7 +236,7 @@ std::vector<std::string> sent_lines(const KeeperState& keeper, Moment now) {
     lines.push_back(coloured("an older version of the list", Colour::Warning));
   if (keeper.changesOfOthers > 0)
     lines.push_back(coloured(counted(keeper.changesOfOthers, "edit", "edits"), Colour::Warning) +
-                    " by other clients since then, which are not in the list");
+                    " by other clients since then, not in the list");
   lines.push_back(coloured("the extension cannot be asked what it holds: this is what the keeper sent", Colour::Faint));
   return lines;
 }

@@ -139,6 +139,11 @@ Delivery delivery_of(const ListVersion& version, const std::optional<KeeperState
   if (!keeper)
     return {State::Unknown, std::string("no keeper runs, so what the extension holds is not known: ") + kStartKeeper +
                                 (extension.answers ? "" : "; " + extension.error)};
+  if (keeper->sentVersion == version && !keeper->extensionError && keeper->changesOfOthers > 0)
+    return {
+        State::Unknown,
+        "the keeper has sent the list to the extension, but other clients have edited what the extension holds, and "
+        "the extension cannot list its names: a restart of the keeper sends the list again"};
   if (keeper->sentVersion == version && !keeper->extensionError)
     return {State::InForce, "the keeper has sent the list to the extension"};
   return {State::Behind, "the keeper has not sent this list yet: " +
@@ -198,9 +203,6 @@ class Trial {
     std::vector<std::string>& reasons = reasons_[verdict];
     if (!reasons.empty()) return reasons;
     reasons.push_back(delivery_.text);
-    if (keeper_ && keeper_->changesOfOthers > 0 && delivery_.state != Delivery::State::NothingBlocked)
-      reasons.emplace_back(
-          "but other clients have edited what the extension holds, and the extension cannot list its names");
     if (verdict != Verdict::Blocked) return reasons;
     const std::string warning = warning_about_browsers();
     if (!warning.empty()) reasons.push_back("but " + warning);

@@ -128,7 +128,7 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
   if (unknown > 0)
     throw InputError("nothing was changed: " + std::to_string(unknown) + " of " +
                      counted(given.size(), "host", "hosts") + (exceptions ? " not an exception" : " not on the list") +
-                     ": leave out the hosts above");
+                     ": correct or leave out the hosts above");
   return sites;
 }
 

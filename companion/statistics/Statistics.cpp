@@ -92,9 +92,14 @@ std::string advice(const std::string& bundle) {
 }
 
 // Why there are no entries in the span.
-std::string reason(Recording recording, const std::string& bundle, std::optional<Moment> last, Moment now) {
+// `last`: the last entry before the span. `hasUntil`: whether the span ends before now.
+std::string reason(Recording recording, const std::string& bundle, std::optional<Moment> last, bool hasUntil,
+                   Moment now) {
   std::string text;
-  if (last) text = "The last connection was recorded at " + local_text(*last, now) + ": give an earlier --since. ";
+  if (last)
+    text = "The last connection before that was recorded at " + local_text(*last, now) + ": give an earlier --since. ";
+  else if (hasUntil)
+    text = "No connection was recorded before that either: leave out --until to see later ones. ";
   if (recording == Recording::Off) return text + "Blocked connections are not recorded. " + advice(bundle);
   if (recording == Recording::Unknown)
     return text + "Whether blocked connections are recorded is not known, because the settings cannot be read: " +
@@ -146,7 +151,7 @@ int show_statistics(const StatisticsOptions& options, const DropJournal& journal
   const std::string times = local_text(span.since, now) + (options.until ? " to " + local_text(span.until, now) : "");
   if (sums.count() == 0 && sums.leftOut() == 0) {
     std::printf("No blocked connection was recorded from %s%s.\n", times.c_str(), options.until ? "" : " until now");
-    std::puts(reason(recording, bundle, journal.lastBefore(span.since), now).c_str());
+    std::puts(reason(recording, bundle, journal.lastBefore(span.since), options.until.has_value(), now).c_str());
     return kDone;
   }
   const Sums hosts = sums.hosts();

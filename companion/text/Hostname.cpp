@@ -160,7 +160,7 @@ bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
     return false;
   }
   if (ends_in_number(name)) {
-    fault = "it is an IP address: only host names can be blocked";
+    fault = "it ends in a number, as only IP addresses do: only host names can be blocked";
     return false;
   }
   return true;

@@ -183,7 +183,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"--catalogue '%.d' sites show a | sed 1d", 0, "  a.example only\n  b.example\n"},
       {"disallow c.example 2>&1 | cut -d : -f 2-", 0,
        " no exception: \"c.example\": it is a blocked site: to remove it: orvanectl unblock c.example\n"
-       " nothing was changed: 1 of 1 host not an exception: leave out the hosts above\n"},
+       " nothing was changed: 1 of 1 host not an exception: correct or leave out the hosts above\n"},
       {"group add h; '" ORVANECTL "' --list '%' allow x.example --group h", 0,
        "h: added, without sites\nx.example and its subdomains: allowed; no line blocks it now\n"},
       {"disallow x.example 2>&1 | head -n 1", 0,

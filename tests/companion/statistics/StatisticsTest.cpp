@@ -108,7 +108,8 @@ TEST_F(Statistics, SayWhyThereAreNone) {
       {"no", "today", false,
        "Blocked connections are not recorded. To switch the recording on, set the key OrvaneRecordDrops in "},
       {"</bad>", "today", false, "is not known, because the settings cannot be read: "},
-      {"yes", "today", true, "The last connection was recorded at Mon 2026-11-16 12:00: give an earlier --since. \n"},
+      {"yes", "today", true,
+       "The last connection before that was recorded at Mon 2026-11-16 12:00: give an earlier --since. \n"},
       {"no", "today", true,
        "give an earlier --since. Blocked connections are not recorded. To switch the recording on"},
       {"no", "2026-11-15", true, "\nThe recording is off now. To switch the recording on, set the key"},
@@ -118,6 +119,8 @@ TEST_F(Statistics, SayWhyThereAreNone) {
     if (c.hasEntry) addDrops("held.example", 1, "2026-11-16T11:00:00Z");
     EXPECT_NE(print({.since = c.since}).find(c.text), std::string::npos) << c.text;
   }
+  const std::string early = print({.since = "2026-11-15 10:00", .until = "2026-11-15 11:00"});
+  EXPECT_NE(early.find("leave out --until to see later ones"), std::string::npos) << early;
 }
 
 TEST(DropSums, CountHoursAndDaysThroughChangesOfTheClocks) {

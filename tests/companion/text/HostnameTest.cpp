@@ -66,7 +66,8 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       {"it has a character", {std::string("a\0b", 3), "a%41", "a\x7f"}},
       {"it has a label of more than 63", {kLongLabel + "a"}},
       {"it has more than 253", {kLongName + "b"}},
-      {"it is an IP address", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "[::1]", "::1"}},
+      {"it is an IP address", {"[::1]", "::1"}},
+      {"it ends in a number", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "example.123"}},
       {"it is not UTF-8", {"b\xfc.example"}},
       // xn--abc- is invalid because it decodes to plain ASCII.
       {"it is not a valid international", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},

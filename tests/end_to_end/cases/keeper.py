@@ -48,8 +48,9 @@ def KeeperResendsTheListAfterARestart(world: World):
             # When its list changes, the keeper sends only the changed names, so edits by other clients stay.
             extension.control("add", NEWS).check_returncode()
             keeper.list.write_text(f"{HELD}\nmore.example\n")
-            wait_until(lambda: keeper.verdict("more.example") == ("blocked", 0), "the added name is in force")
+            wait_until(lambda: connect("more.example") == DROP, "the added name is in force")
             check(keeper.edits_of_others(), 1, "edits by others")
+            check(keeper.verdict("more.example"), ("unknown", 4), "try, which cannot see what the others have edited")
             check(connect(NEWS), DROP, "a name that another client added")
 
 
