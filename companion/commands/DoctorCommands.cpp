@@ -84,11 +84,7 @@ void print_summary(const std::vector<Finding>& findings) {
 int doctor(const CommonOptions& options) {
   Examination examination{options.client.socket, options.client.service, options.keeperStatePath};
   Facts facts = gather_facts(examination);
-  try {
-    facts.subscriptions = look_at_subscriptions(options);
-  } catch (const FileError& error) {
-    facts.subscriptionsError = error.what();
-  }
+  look_at_subscriptions(options, facts);
   const std::vector<Finding> findings = examine(facts);
   if (options.json) {
     Json checks = Json::array();

@@ -30,9 +30,10 @@ constexpr size_t kSuspensionsShown = 10;
 struct Status {
   ExtensionProbe extension;
   std::optional<KeeperState> keeper;
-  std::optional<UnitState> extensionService, keeperService;
+  std::optional<UnitState> extensionService, keeperService, fetcherService;
   std::optional<RecognitionFault> browsers;
-  std::vector<SubscriptionState> subscriptions;
+  FetcherState fetcher;
+  bool isFetcherRunning = false;
   std::string statePath;  // of the keeper's state
 
   // Whether the extension has names from the keeper, and recognises browsers.
@@ -94,7 +95,7 @@ nlohmann::json lists_json(const Status& status, Moment now) {
 
 nlohmann::json subscriptions_json(const Status& status) {
   nlohmann::json subscriptions = nlohmann::json::array();
-  for (const SubscriptionState& each : status.subscriptions)
+  for (const SubscriptionState& each : status.fetcher.subscriptions)
     subscriptions.push_back({{"name", each.name},
                              {"names", each.counts.names},
                              {"checked", json_or_null(each.checked)},
@@ -110,15 +111,18 @@ nlohmann::json json_of(const Status& status) {
   } else {
     answer["error"] = extension.error;
   }
-  return {
-      {"version", program_version()},
-      {"inForce", status.isInForce()},
-      {"lists", lists_json(status, now_in_seconds())},
-      {"extension", std::move(answer)},
-      {"noBrowserRecognised", status.browsers ? nlohmann::json(status.browsers->text) : nlohmann::json()},
-      {"keeper", status.keeper ? to_json(*status.keeper) : nlohmann::json()},
-      {"subscriptions", subscriptions_json(status)},
-      {"services", {{kExtensionUnit, json_of(status.extensionService)}, {kKeeperUnit, json_of(status.keeperService)}}}};
+  return {{"version", program_version()},
+          {"inForce", status.isInForce()},
+          {"lists", lists_json(status, now_in_seconds())},
+          {"extension", std::move(answer)},
+          {"noBrowserRecognised", status.browsers ? nlohmann::json(status.browsers->text) : nlohmann::json()},
+          {"keeper", status.keeper ? to_json(*status.keeper) : nlohmann::json()},
+          {"subscriptions", subscriptions_json(status)},
+          {"subscriptionsError", json_or_null(status.fetcher.error)},
+          {"services",
+           {{kExtensionUnit, json_of(status.extensionService)},
+            {kKeeperUnit, json_of(status.keeperService)},
+            {kFetcherUnit, json_of(status.fetcherService)}}}};
 }
 
 // Prints the lines one below the other, with the heading in front of the first line.
@@ -255,14 +259,18 @@ std::vector<std::string> suspended_lines(const KeeperState& keeper, Moment now) 
   return lines;
 }
 
-// One line for each subscription, with its last error.
-std::vector<std::string> subscription_lines(const std::vector<SubscriptionState>& subscriptions, Moment now) {
+// One line for each subscription, with its last error; and what is wrong with the fetcher.
+std::vector<std::string> subscription_lines(const Status& status, Moment now) {
+  const FetcherState& fetcher = status.fetcher;
   std::vector<std::string> lines;
-  for (const SubscriptionState& each : subscriptions) {
+  if (fetcher.error) lines.push_back(coloured("subscriptions not read", Colour::Bad) + ": " + *fetcher.error);
+  if (!status.isFetcherRunning && !fetcher.subscriptions.empty())
+    lines.push_back(coloured("not kept up to date", Colour::Bad) + ": " + kFetcherNotRunning);
+  for (const SubscriptionState& each : fetcher.subscriptions) {
     std::string line = each.name + ": " + counted(each.counts.names, "name", "names");
     if (each.checked) line += ", confirmed " + duration_text(now - *each.checked) + " ago";
     lines.push_back(std::move(line));
-    if (each.error) lines.push_back(coloured("last fetch", Colour::Bad) + ": " + *each.error);
+    if (each.error) lines.push_back(coloured("not up to date", Colour::Bad) + ": " + *each.error);
   }
   return lines;
 }
@@ -274,7 +282,7 @@ void print_status(const Status& status) {
               inForce ? "The list is in force." : "The list is not in force.");
   print_part("Extension", extension_lines(status, now));
   print_part("Keeper", keeper_lines(status, now));
-  print_part("Fetched", subscription_lines(status.subscriptions, now));
+  print_part("Fetched", subscription_lines(status, now));
   if (!status.keeper) return;
   print_part("List", list_lines(*status.keeper));
   print_part("Read-only", read_only_lines(*status.keeper, now));
@@ -286,13 +294,19 @@ void print_status(const Status& status) {
 }  // namespace
 
 int show_status(const CommonOptions& options) {
-  Status status{probe_extension(options.client), read_keeper_state(options.keeperStatePath), unit_state(kExtensionUnit),
-                unit_state(kKeeperUnit),         recognition_fault(options.client),          {},
-                options.keeperStatePath};
+  Status status;
+  status.extension = probe_extension(options.client);
+  status.keeper = read_keeper_state(options.keeperStatePath);
+  status.extensionService = unit_state(kExtensionUnit);
+  status.keeperService = unit_state(kKeeperUnit);
+  status.fetcherService = unit_state(kFetcherUnit);
+  status.browsers = recognition_fault(options.client);
+  status.isFetcherRunning = is_fetcher_running(fetcher_folder(options));
+  status.statePath = options.keeperStatePath;
   try {
-    status.subscriptions = read_fetcher_state(fetcher_folder(options)).subscriptions;
+    status.fetcher = read_fetcher_state(fetcher_folder(options));
   } catch (const FileError& error) {
-    print_error(error.what());
+    status.fetcher.error = error.what();
   }
   if (status.keeper && status.extension.answers) add_later_changes(*status.keeper, status.extension.changes);
   if (options.json) {

@@ -30,8 +30,6 @@
 namespace orvane {
 namespace {
 
-constexpr const char* kNotRunning = "no orvane-fetcher runs: sudo systemctl start orvane-fetcher";
-
 struct Arguments {
   std::string url;
   std::optional<std::string> name, group, every, key;
@@ -47,6 +45,10 @@ std::string subscriptions_path(const CommonOptions& options) { return path_besid
 
 SubscriptionFile read_file(const CommonOptions& options) {
   return read_subscriptions(read_list_text(subscriptions_path(options)));
+}
+
+std::string bad_line_text(const CommonOptions& options, const SubscriptionFile::BadLine& bad) {
+  return "bad line: " + in_quotes(subscriptions_path(options)) + ":" + std::to_string(bad.line) + ": " + bad.fault;
 }
 
 const Subscription& subscription_named(const SubscriptionFile& file, const std::string& given) {
@@ -197,7 +199,7 @@ int fetch(const CommonOptions& options, const std::vector<Subscription>& subscri
         file = read_file(options);  // somebody may remove a subscription meanwhile
         return std::all_of(subscriptions.begin(), subscriptions.end(), isDone);
       }))
-    throw FileError(kNotRunning);
+    throw FileError(kFetcherNotRunning);
   int code = kDone;
   nlohmann::json json = nlohmann::json::array();
   for (const Subscription& each : subscriptions) {
@@ -237,7 +239,7 @@ int subscribe(const CommonOptions& options, const Arguments& arguments) {
   if (!options.json) std::printf("%s: subscribed\n", subscription.name.c_str());
   std::fflush(stdout);
   if (is_fetcher_running(fetcher_folder(options))) return fetch(options, {subscription}, false);
-  print_error(std::string("saved, but not fetched: ") + kNotRunning);
+  print_error(std::string("saved, but not fetched: ") + kFetcherNotRunning);
   if (options.json) print_json({to_json(subscription, {})});
   return kDone;
 }
@@ -260,7 +262,7 @@ int unsubscribe(const CommonOptions& options, const Arguments& arguments) {
     return now.find(name) == nullptr || read_file(options).find(name) != nullptr;
   };
   if (!wait_for_fetcher(options, state, isGone))
-    print_error(std::string("saved, but its names stay on the list until the fetcher runs: ") + kNotRunning);
+    print_error(std::string("saved, but its names stay on the list until the fetcher runs: ") + kFetcherNotRunning);
   return kDone;
 }
 
@@ -298,8 +300,7 @@ int list(const CommonOptions& options) {
   } else {
     print_table(rows);
   }
-  for (const auto& [line, name, fault] : file.badLines)
-    print_error("bad line: " + in_quotes(subscriptions_path(options)) + ":" + std::to_string(line) + ": " + fault);
+  for (const auto& each : file.badLines) print_error(bad_line_text(options, each));
   if (file.badLineCount > file.badLines.size())
     print_error("and " + std::to_string(file.badLineCount - file.badLines.size()) + " more bad lines");
   for (const Subscription& each : file.subscriptions) {
@@ -307,7 +308,7 @@ int list(const CommonOptions& options) {
     if (state.error) print_error(each.name + ": " + *state.error);
   }
   if (!is_fetcher_running(fetcher_folder(options)) && !file.subscriptions.empty())
-    print_error(std::string("no subscription is fetched: ") + kNotRunning);
+    print_error(std::string("no subscription is fetched: ") + kFetcherNotRunning);
   return kDone;
 }
 
@@ -318,20 +319,25 @@ int refresh(const CommonOptions& options, const Arguments& arguments) {
   const std::vector<Subscription> chosen =
       arguments.url.empty() ? file.subscriptions : std::vector{subscription_named(file, arguments.url)};
   if (chosen.empty()) throw InputError("no subscription: see orvanectl subscribe --help");
-  if (!is_fetcher_running(fetcher_folder(options))) throw FileError(std::string("cannot fetch: ") + kNotRunning);
+  if (!is_fetcher_running(fetcher_folder(options))) throw FileError(std::string("cannot fetch: ") + kFetcherNotRunning);
   return fetch(options, chosen, arguments.accept);
 }
 
 }  // namespace
 
-std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options) {
-  std::vector<SubscriptionFacts> facts;
-  FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
-  for (const Subscription& each : read_file(options).subscriptions) {
-    const SubscriptionState state = state_of(fetcher, each.name);
-    facts.push_back({each.name, state.checked.has_value(), state.error});
+void look_at_subscriptions(const CommonOptions& options, Facts& facts) {
+  try {
+    FetcherState fetcher = read_fetcher_state(fetcher_folder(options));
+    facts.fetcherError = fetcher.error.value_or("");
+    const SubscriptionFile file = read_file(options);
+    for (const Subscription& each : file.subscriptions) {
+      const SubscriptionState state = state_of(fetcher, each.name);
+      facts.subscriptions.push_back({each.name, state.checked.has_value(), state.error});
+    }
+    for (const auto& each : file.badLines) facts.badSubscriptions.push_back(bad_line_text(options, each));
+  } catch (const FileError& error) {
+    facts.subscriptionsError = error.what();
   }
-  return facts;
 }
 
 void declare_subscription_commands(CommandSet& commands) {

@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "companion/commandline/CommandSet.h"
 #include "companion/doctor/Doctor.h"
@@ -14,9 +13,10 @@ inline std::string fetcher_folder(const CommonOptions& options) {
   return std::filesystem::path(options.subscriptionsPath).parent_path();
 }
 
-// What the doctor needs to know about the subscriptions. Throws FileError if their file or the fetcher's state cannot
-// be read.
-std::vector<SubscriptionFacts> look_at_subscriptions(const CommonOptions& options);
+inline constexpr const char* kFetcherNotRunning = "no orvane-fetcher runs: sudo systemctl start orvane-fetcher";
+
+// Adds to the facts what the doctor needs to know about the subscriptions.
+void look_at_subscriptions(const CommonOptions& options, Facts& facts);
 
 // Declares "subscribe", "unsubscribe", "subscriptions" and "refresh".
 void declare_subscription_commands(CommandSet& commands);

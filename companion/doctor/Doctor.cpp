@@ -349,8 +349,13 @@ void examine_subscriptions(const Facts& facts, std::vector<Finding>& findings) {
     if (!has_fetched_lists(facts) && finding.result == Result::Problem) finding.result = Result::Warning;
     findings.push_back(std::move(finding));
   }
-  if (!facts.subscriptionsError.empty())
+  if (!facts.fetcherError.empty())
+    findings.push_back({"subscription", "", Result::Problem,
+                        "orvane-fetcher cannot read the subscriptions: " + facts.fetcherError, ""});
+  if (facts.fetcherError.empty() && !facts.subscriptionsError.empty())
     findings.push_back({"subscription", "", Result::Unknown, facts.subscriptionsError, ""});
+  for (const std::string& bad : facts.badSubscriptions)
+    findings.push_back({"subscription", "", Result::Warning, bad, ""});
   for (const SubscriptionFacts& each : facts.subscriptions) {
     if (each.error) {
       findings.push_back({"subscription", each.name, Result::Warning, "the last fetch failed: " + *each.error,

@@ -86,8 +86,10 @@ struct Facts {
   std::optional<std::string> queues;   // /proc/net/netfilter/nfnetlink_queue; only root can read it
   std::optional<KeeperState> list;
   std::vector<SubscriptionFacts> subscriptions;
-  std::string subscriptionsError;  // why the subscriptions or their state could not be read
-  std::string listError;           // why the keeper's state could not be read
+  std::vector<std::string> badSubscriptions;  // the bad lines of the subscriptions' file, each with its fault
+  std::string fetcherError;                   // why the fetcher could not read the subscriptions
+  std::string subscriptionsError;             // why the subscriptions or their state could not be read
+  std::string listError;                      // why the keeper's state could not be read
   BrowserList browserList;
   bool passesHTTP3 = false;  // the setting OrvaneHTTP3 of the extension
   std::vector<BrowserFacts> browsers;

@@ -204,6 +204,13 @@ class Fetcher {
       return now == file.subscriptions.end();
     });
     file_ = std::move(file);
+    for (const auto& [line, name, fault] : file_.badLines) {
+      if (name.empty() || file_.find(name) != nullptr) continue;
+      SubscriptionState& state = stateOf(name);
+      state.error = "line " + std::to_string(line) + " of the subscriptions is bad: " + fault;
+      state.progress.reset();
+      state.plannedFor.clear();  // the corrected line is fetched at once
+    }
     for (const Subscription& each : file_.subscriptions) {
       SubscriptionState& state = stateOf(each.name);
       if (!fetches_.contains(each.name)) state.progress.reset();

@@ -80,6 +80,9 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) {
          f.subscriptions = {{"ads", true, "no server answers"}};
        }},
+      {"a bad line", "subscription", Warning, "at least 1h",
+       [](Facts& f) { f.badSubscriptions = {"give at least 1h"}; }},
+      {"no readable subscriptions", "subscription", Problem, "links", [](Facts& f) { f.fetcherError = "hard links"; }},
       {"subscriptions of others", "subscription", Unknown, "join the group",
        [](Facts& f) { f.subscriptionsError = "Permission denied: join the group orvane"; }},
       {"nothing fetched yet", "fetcher", Warning, "systemctl start orvane-fetcher.service",

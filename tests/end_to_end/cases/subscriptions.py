@@ -1,6 +1,7 @@
 """Subscriptions: what is in force, and what the person is told, after each kind of answer of a real web server."""
 
 import gzip
+import json
 import os
 import pathlib
 import shutil
@@ -83,7 +84,7 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
         check(sent["If-None-Match"] + sent["If-Modified-Since"], "".join(validators.values()), "the conditions sent")
         world.addresses[HOST] = [IMPOSTOR]
         lists.expect("another certificate", ["refresh"], "certificate is not valid", "big", big)
-        lists.expect("the status", ["status"], "last fetch: the server's certificate", "big", big)
+        lists.expect("the status", ["status"], "not up to date: the server's certificate", "big", big)
         subprocess.run(["ip", "address", "add", LINK_LOCAL, "dev", "lo"], check=True)
         _server(world, LINK_LOCAL)
         for address in LINK_LOCAL, f"::ffff:{LINK_LOCAL}":
@@ -110,6 +111,7 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
                      "lists-example", ["[group ads]", "good.example", "-rf.example", lookalike])
         _check_signatures(lists)
         _check_requests(lists)
+        _check_faults_of_the_file(lists)
         _check_kill(lists)
         # The extension judges only browsers, so the fetcher gets its lists even from a blocked host.
         extension = world.extension(PYTHON)
@@ -151,6 +153,33 @@ def _check_requests(lists: _Lists) -> None:
     lists.fetcher.control("unsubscribe", "slow")
     with process:
         check("removed before it was fetched" in process.communicate(timeout=60)[0], True, "the wait ends")
+
+
+def _check_faults_of_the_file(lists: _Lists) -> None:
+    """A line that has become bad, and then a file that the fetcher cannot read."""
+    fetcher = lists.fetcher
+    good = fetcher.subscriptions.read_text()
+
+    def status() -> dict:
+        return json.loads(fetcher.control("status", "--json"))
+
+    def errors() -> dict:
+        return {each["name"]: each["error"] for each in status()["subscriptions"] if each["error"]}
+
+    fetcher.subscriptions.write_text(good.replace("/big", "/big every=30m") + f"new {URL} every=1m\n")
+    wait_until(lambda: set(errors()) == {"big", "new"}, "status has the bad lines")
+    for command in ("doctor", "status"):
+        lists.expect("bad lines", [command], "at least 1h", "big", ["one.example"])
+    fetcher.subscriptions.write_text(good)
+    wait_until(lambda: errors() == {}, "the corrected lines are fetched")
+    fetcher.subscriptions.unlink()
+    fetcher.subscriptions.mkdir()
+    wait_until(lambda: status()["subscriptionsError"], "status has the error of the file")
+    for command in ("doctor", "status"):
+        lists.expect("a folder in its place", [command], "not a regular file", "big", ["one.example"])
+    fetcher.subscriptions.rmdir()
+    fetcher.subscriptions.write_text(good)
+    wait_until(lambda: status()["subscriptionsError"] is None, "the file is read again")
 
 
 def FetcherFollowsItsFilesWithoutInotify(world: World):
