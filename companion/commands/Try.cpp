@@ -181,6 +181,7 @@ class Trial {
     states_ = in_force(groups_);
     beside_.emplace(ofList);
     delivery_ = delivery_of(stored.version, keeper_, extension);
+    if (delivery_.state == Delivery::State::Behind && !ofList) delivery_.text = no_keeper_text(options);
     const auto unrecognised = recognition_fault(options.client);
     if (unrecognised && unrecognised->isInForce)
       delivery_ = {Delivery::State::NothingBlocked,
