@@ -16,17 +16,13 @@ constexpr mode_t kReadableByAll = 0644;  // the user of Prometheus' node exporte
 
 using Labels = std::vector<std::pair<const char*, std::string>>;
 
-// Escapes backslashes, quotes and line ends, as the format requires. The format is UTF-8, but a file's name may not be.
-// So bytes that are not ASCII become question marks, as do control characters other than line ends.
+// Escapes backslashes and quotes, as the format requires. The format is UTF-8, but a file's name may not be, so
+// printable() comes first.
 std::string escaped(const std::string& value) {
   std::string text;
-  for (const char c : value) {
+  for (const char c : printable(value, false)) {
     if (c == '\\' || c == '"') text += '\\';
-    if (c == '\n') {
-      text += "\\n";
-    } else {
-      text += c >= ' ' && c < '\x7f' ? c : '?';
-    }
+    text += c;
   }
   return text;
 }
