@@ -1,5 +1,7 @@
 #include "companion/commands/Status.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -67,7 +69,7 @@ nlohmann::json lists_json(const Status& status, Moment now) {
   const KeeperState& keeper = *status.keeper;
   const auto add = [&](const char* kind, const KeeperState::ListState& list) {
     nlohmann::json age;
-    if (list.modified) age = (now - *list.modified).count();
+    if (list.modified) age = std::max(now - *list.modified, std::chrono::seconds(0)).count();
     lists.push_back({{"path", list.path},
                      {"kind", kind},
                      {"names", list.names},

@@ -65,7 +65,7 @@ std::string advice_on(int error, const Place& place) {
     case EDQUOT:
       return "the file is unchanged: make room on the disk, and run the command again";
     case ELOOP:
-      return "it is a symbolic link: name the file itself";
+      return "it is a symbolic link: put the file itself in its place, or name that file";
     default:
       return "the file is unchanged: check its file system";
   }

@@ -378,15 +378,15 @@ class Fetcher {
       const uint64_t names = list.counts.blockingNames(), before = state.counts.blockingNames();
       if (isSameSource && names * 2 < before && !isAccepted) {
         state.waiting = WaitingCopy{hash, names};
-        state.error = "the list has shrunk from " + std::to_string(before) + " to " + std::to_string(names) +
-                      " names: the old copy stays in force: to use the new one: orvanectl refresh " +
-                      subscription.name + " --accept";
+        state.error = "the list has shrunk from " + counted(before, "name", "names") + " to " + std::to_string(names) +
+                      ": the old copy stays in force: to use the new one: orvanectl refresh " + subscription.name +
+                      " --accept";
         log(LogLevel::Warning, subscription.name + ": " + *state.error);
         return;
       }
       forgetVersion(state);  // if the write fails, the file may be the old or the new one
       write_fetcher_file(subscription_list_path(options_.folder, subscription.name), list.text);
-      log(LogLevel::Info, subscription.name + ": " + std::to_string(list.counts.names) + " names in place of " +
+      log(LogLevel::Info, subscription.name + ": " + counted(list.counts.names, "name", "names") + " in place of " +
                               std::to_string(state.counts.names));
       state.counts = list.counts;
       state.changed = now_in_seconds();

@@ -3,6 +3,7 @@
 import datetime
 import hashlib
 import json
+import os
 import pathlib
 import shutil
 import signal
@@ -172,7 +173,9 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         # The folders appear after the keeper's start.
         keeper.drop_ins.mkdir()
         drop_in, fetched = keeper.drop_ins / "school.list", keeper.fetched / "ads.list"
-        drop_in.write_text(f"{HELD}\n")
+        drop_in.with_name(".new").write_text(f"{HELD}\n")
+        os.utime(drop_in.with_name(".new"), (2**32, 2**32))  # in the future, as after the clock was set back
+        drop_in.with_name(".new").rename(drop_in)
         becomes(DROP, "the drop-in is in force")
         keeper.fetched.mkdir()
         fetched.with_name(".new").write_text(f"{NEWS}\nfetched.example\n")
@@ -198,6 +201,7 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         shown = {each["kind"]: each for each in keeper.status(in_force=True)["lists"]}
         digest = hashlib.sha256(drop_in.read_bytes()).hexdigest()
         check((shown["drop-in"]["sha256"], shown["subscription"]["names"]), (digest, 2), "lists of status")
+        check(shown["drop-in"]["age"], 0, "the age of a file from the future")
         keeper.list.write_text(mine)
 
         # A bad list, and one that cannot be read, change nothing else.
