@@ -47,6 +47,7 @@ class Requests {
 // The machines' next fetches, after kDays.
 std::vector<Moment> start_all_at_once(seconds every) {
   std::vector<Requests> days;
+  days.reserve(kDays);
   for (int day = 0; day < kDays; ++day) days.emplace_back(kStart + day * 24h, 24h);
   std::vector<Moment> next(kMachines, kStart);
   for (Moment& each : next) {
