@@ -92,7 +92,7 @@ class GuardedStream final : public capnp::MessageStream {
  public:
   GuardedStream(SocketEventPort& port, int socket, SessionActivity& activity)
       : activity_(activity),
-        timer_(port.timer()),
+        port_(port),
         stream_(port, socket),
         ended_(kj::newPromiseAndFulfiller<SessionEnd>()),
         messageShare_(message_budget(), peer_of(socket).uid),
@@ -168,7 +168,10 @@ class GuardedStream final : public capnp::MessageStream {
 
   kj::Promise<void> whenTaken(MemoryBudget::Share& share, uint64_t bytes) {
     if (share.take(bytes)) return kj::READY_NOW;
-    return timer_.afterDelay(kShareInterval).then([this, &share, bytes] { return whenTaken(share, bytes); });
+    // A session keeps a client's place until it ends. So it ends if the connection has ended, unless it has read the
+    // whole message: the call of such a message is carried out.
+    if (&share == &messageShare_ && port_.isHungUp()) refuse_message("it ended while a message waited for memory");
+    return port_.timer().afterDelay(kShareInterval).then([this, &share, bytes] { return whenTaken(share, bytes); });
   }
 
   kj::Promise<void> reserve(uint64_t words) {
@@ -176,7 +179,8 @@ class GuardedStream final : public capnp::MessageStream {
     if (!isMessageLarge()) return kj::READY_NOW;
     return whenTaken(messageShare_, words * sizeof(capnp::word)).then([this] {
       activity_.beginCall();  // a client whose large message is arriving is not idle
-      deadline_ = timer_.afterDelay(kLargeMessageTime)
+      deadline_ = port_.timer()
+                      .afterDelay(kLargeMessageTime)
                       .then([this] { giveUp("a large message did not arrive in time"); })
                       .eagerlyEvaluate(nullptr);
     });
@@ -237,7 +241,7 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   SessionActivity& activity_;
-  kj::Timer& timer_;
+  SocketEventPort& port_;
   ControlStream stream_;
   kj::PromiseFulfillerPair<SessionEnd> ended_;
   capnp::TwoPartyVatNetwork* network_ = nullptr;

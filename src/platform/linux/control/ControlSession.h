@@ -34,7 +34,8 @@ enum class SessionEnd {
 //
 // Clients are not trusted:
 // - All sessions share two memory budgets: one for large messages, and one for the values that are made from them. A
-//   large message waits for its turn (MemoryBudget.h) before it is read, and again before its call is carried out.
+//   large message waits for its turn (MemoryBudget.h) before it is read, and again before its call is carried out. The
+//   session is idle during the first wait.
 // - A call is answered with an error, and the session goes on, if the call can never have the memory for its values, or
 //   if the extension would then store too many values.
 // - While too many bytes of replies wait because the client does not read them, the session reads no further message.

@@ -19,6 +19,11 @@ kj::Promise<void> SocketEventPort::await(Waiting* waiting) {
   return kj::mv(pair.promise);
 }
 
+bool SocketEventPort::isHungUp() const {
+  pollfd watched{socket_, 0, 0};  // poll() reports POLLHUP even if no events are requested
+  return ::poll(&watched, 1, 0) > 0;
+}
+
 bool SocketEventPort::wait() {
   uint64_t forever = UINT64_MAX;
   uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);

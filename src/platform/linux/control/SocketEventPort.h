@@ -17,6 +17,9 @@ class SocketEventPort final : public kj::EventPort {
   kj::Promise<void> whenReadable() { return await(&reading_); }
   // The promise is fulfilled when a write would not block. Only one caller may wait at a time.
   kj::Promise<void> whenWritable() { return await(&writing_); }
+  // True after the peer closed the connection, or another thread shut the socket down. A caller that waits for a timer
+  // only must ask, because this port does not watch the socket then.
+  bool isHungUp() const;
   kj::Timer& timer() { return timer_; }
 
   bool wait() override;

@@ -209,8 +209,15 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   idle.push_back(connected());
   // After this pause, idle[0] has been idle for longer than the other idle connections, in whatever order the extension
   // accepts those.
-  std::this_thread::sleep_for(1s);
-  while (idle.size() + 1 < kMaximumConnections) idle.push_back(connected());
+  std::this_thread::sleep_for(2s);
+  // Messages of 256 MiB, of which only the segment tables arrive. The first one has all memory that a user may have, so
+  // the one on the idle connection waits for memory.
+  const std::string announced("\0\0\0\0\xff\xff\xff\1", 8);
+  Peer arriving = connected();
+  EXPECT_TRUE(arriving.send(announced));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(idle.front().send(announced));
+  while (idle.size() + 2 < kMaximumConnections) idle.push_back(connected());
   EXPECT_TRUE(peer_->ping());
   CallTimeout limit(200s);
   auto waiting = client();
@@ -218,6 +225,7 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   EXPECT_NO_THROW(waiting->ping());
   char byte;
   EXPECT_EQ(recv(idle.front().socket.get(), &byte, 1, MSG_DONTWAIT), 0) << "the longest idle client is still connected";
+  EXPECT_EQ(recv(arriving.socket.get(), &byte, 1, MSG_DONTWAIT), -1) << "a client that was not idle is disconnected";
   EXPECT_EQ(delegate_->ends.all().size(), 1u);
   EXPECT_TRUE(peer_->ping());
 }
