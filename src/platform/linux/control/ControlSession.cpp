@@ -31,8 +31,10 @@ constexpr size_t kMaximumUnsentBytes = 64 << 10;
 // no budget, because a session has one message at a time and the number of sessions is limited. So a small call works
 // even while the large calls of other clients use up the budgets.
 constexpr uint64_t kLargeMessageWords = (256 << 10) / sizeof(capnp::word);
-// Other clients may wait for the memory of a large message, so the message must arrive within kLargeMessageTime.
-constexpr auto kLargeMessageTime = 60 * kj::SECONDS;
+// Other clients may wait for the memory of a large message, so one part in kArrivalParts of the message must arrive in
+// each kArrivalInterval, and the whole message in 60 s.
+constexpr auto kArrivalInterval = 5 * kj::SECONDS;
+constexpr uint64_t kArrivalParts = 12;
 constexpr auto kShareInterval = 10 * kj::MILLISECONDS;  // between two attempts to take memory from a budget
 
 // The limits for one message. The traversal limit is larger than the largest message, because Cap'n Proto counts some
@@ -171,7 +173,7 @@ class GuardedStream final : public capnp::MessageStream {
     // A session keeps a client's place until it ends. So it ends if the connection has ended, unless it has read the
     // whole message: the call of such a message is carried out.
     if (&share == &messageShare_ && port_.isHungUp()) refuse_message("it ended while a message waited for memory");
-    return port_.timer().afterDelay(kShareInterval).then([this, &share, bytes] { return whenTaken(share, bytes); });
+    return port_.afterDelay(kShareInterval).then([this, &share, bytes] { return whenTaken(share, bytes); });
   }
 
   kj::Promise<void> reserve(uint64_t words) {
@@ -179,10 +181,17 @@ class GuardedStream final : public capnp::MessageStream {
     if (!isMessageLarge()) return kj::READY_NOW;
     return whenTaken(messageShare_, words * sizeof(capnp::word)).then([this] {
       activity_.beginCall();  // a client whose large message is arriving is not idle
-      deadline_ = port_.timer()
-                      .afterDelay(kLargeMessageTime)
-                      .then([this] { giveUp("a large message did not arrive in time"); })
-                      .eagerlyEvaluate(nullptr);
+      arrival_ = limitArrival().eagerlyEvaluate(nullptr);
+    });
+  }
+
+  // Ends the session if a large message arrives too slowly. Destroy the promise when the message has arrived.
+  kj::Promise<void> limitArrival() {
+    return port_.afterDelay(kArrivalInterval).then([this, before = stream_.receivedBytes()]() -> kj::Promise<void> {
+      const uint64_t arrived = stream_.receivedBytes() - before;
+      if (arrived >= messageWords_ * sizeof(capnp::word) / kArrivalParts) return limitArrival();
+      giveUp("a large message arrived too slowly");
+      return kj::READY_NOW;
     });
   }
 
@@ -200,7 +209,7 @@ class GuardedStream final : public capnp::MessageStream {
   }
 
   kj::Maybe<capnp::MessageReaderAndFds> admit(kj::Maybe<capnp::MessageReaderAndFds>&& received) {
-    deadline_ = nullptr;
+    arrival_ = nullptr;
     KJ_IF_MAYBE (message, received) {
       activity_.beginCall();
       auto content = message->reader->getRoot<rpc::Message>();
@@ -246,7 +255,7 @@ class GuardedStream final : public capnp::MessageStream {
   kj::PromiseFulfillerPair<SessionEnd> ended_;
   capnp::TwoPartyVatNetwork* network_ = nullptr;
   kj::Maybe<kj::Own<kj::PromiseFulfiller<void>>> resumeReading_;
-  kj::Maybe<kj::Promise<void>> deadline_;
+  kj::Maybe<kj::Promise<void>> arrival_;
   uint64_t messageWords_ = 0;
   MemoryBudget::Share messageShare_, valueShare_;
   unsigned unfinishedCalls_ = 0;

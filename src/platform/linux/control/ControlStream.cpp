@@ -90,6 +90,7 @@ size_t ControlStream::receive(kj::byte* to, size_t bytes, bool* wouldBlock) {
   // A short read has usually emptied the socket, so the next call would only return EAGAIN. If the kernel has stopped
   // at a message with a file descriptor, poll(2) reports the remaining bytes at once.
   drained_ = received > 0 && static_cast<size_t>(received) < bytes;
+  receivedBytes_ += static_cast<size_t>(received);
   return static_cast<size_t>(received);
 }
 

@@ -37,6 +37,8 @@ class ControlStream final : public capnp::MessageStream {
 
   void setAdmission(Admission admission) { admission_ = kj::mv(admission); }
   void setProgress(kj::Maybe<Progress> progress) { progress_ = kj::mv(progress); }
+  // The number of bytes that have arrived on the stream.
+  uint64_t receivedBytes() const { return receivedBytes_; }
 
   using capnp::MessageStream::tryReadMessage;
   using capnp::MessageStream::writeMessage;
@@ -77,6 +79,7 @@ class ControlStream final : public capnp::MessageStream {
   std::array<kj::byte, 32768> buffer_;
   size_t taken_ = 0, filled_ = 0;
   bool drained_ = false;  // the last receive emptied the socket
+  uint64_t receivedBytes_ = 0;
 
   std::vector<kj::byte> outbox_;  // small messages; the first `flushed_` bytes have been sent
   size_t flushed_ = 0;

@@ -24,6 +24,11 @@ bool SocketEventPort::isHungUp() const {
   return ::poll(&watched, 1, 0) > 0;
 }
 
+kj::Promise<void> SocketEventPort::afterDelay(kj::Duration delay) {
+  timer_.advanceTo(now());
+  return timer_.afterDelay(delay);
+}
+
 bool SocketEventPort::wait() {
   uint64_t forever = UINT64_MAX;
   uint64_t timeout = timer_.timeoutToNextEvent(now(), kj::MILLISECONDS, INT_MAX).orDefault(forever);

@@ -20,7 +20,8 @@ class SocketEventPort final : public kj::EventPort {
   // True after the peer closed the connection, or another thread shut the socket down. A caller that waits for a timer
   // only must ask, because this port does not watch the socket then.
   bool isHungUp() const;
-  kj::Timer& timer() { return timer_; }
+  // Counts from now. KJ's timer alone would count from the last wait for events, which was before the last call.
+  kj::Promise<void> afterDelay(kj::Duration delay);
 
   bool wait() override;
   bool poll() override;

@@ -228,6 +228,9 @@ TEST_F(XPC, GivesAWaitingClientThePlaceOfTheLongestIdleOne) {
   EXPECT_EQ(recv(arriving.socket.get(), &byte, 1, MSG_DONTWAIT), -1) << "a client that was not idle is disconnected";
   EXPECT_EQ(delegate_->ends.all().size(), 1u);
   EXPECT_TRUE(peer_->ping());
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(delegate_->ends.await({"interrupted", "interrupted"}));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 30s) << "a client that sends nothing keeps the memory";
 }
 
 TEST_F(XPC, EndsItsConnectionsWithTheListener) {
