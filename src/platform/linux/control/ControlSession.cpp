@@ -75,10 +75,12 @@ class ValueLimit {
   // already. Stores::Nothing is for a call that removes a value, replaces all values or stores nothing, so that the
   // call works even if the stored values use up the memory.
   ValueLimit(uint64_t messageWords, Stores stores) : bytes_(stores == Stores::Value ? value_bytes(messageWords) : 0) {
+    if (messageWords > kMaximumCallWords) refuse_message("its message is larger than the limit for a call, 128 MiB");
     const uint64_t storing = storing_ += bytes_;
-    if (messageWords <= kMaximumCallWords && (bytes_ == 0 || storing + Value::bytesInUse() <= kValueLimit)) return;
+    if (bytes_ == 0 || storing + Value::bytesInUse() <= kValueLimit) return;
     storing_ -= bytes_;
-    refuse_message("it would need more memory for values than the limit, 512 MiB; remove names or properties first");
+    refuse_message(
+        "it would need more memory for values than the limit, 512 MiB; try again, or remove names or properties first");
   }
   ~ValueLimit() { storing_ -= bytes_; }
   KJ_DISALLOW_COPY(ValueLimit);

@@ -171,6 +171,10 @@ TEST_F(XPC, RefusesValuesBeyondItsMemory) {
   peer_->setHostnames(Value::set({large.asDictionary().at(name)}));
   EXPECT_THROW(peer_->setProperties(large, name), ClientError);
   peer_->addHostname(name);
+  Peer peer = connected();
+  EXPECT_TRUE(peer.send(kOpen + call_bytes(9, [](auto value) { value.initData(size_t{128} << 20); })));
+  peer.endSending();
+  EXPECT_NE(peer.read().find("its message is larger"), std::string::npos);
   NotedController::Messages expected = {{"set", Value::set({large.asDictionary().at(name)})}, {"add", name}};
   EXPECT_EQ(exported_.received(), expected);
 }
