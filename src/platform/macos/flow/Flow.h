@@ -15,7 +15,7 @@ namespace orvane {
 Ref<NEFilterFlow> flow_of(::NEFilterFlow* flow, std::optional<std::string> name = std::nullopt,
                           std::optional<std::string> alias = std::nullopt);
 
-// The flow's host name, in the form of the list's names (HostName.h): the one that the framework has, or `name`.
+// The flow's host name: the one that the framework has, as the program wrote it, or `name`.
 std::optional<std::string> host_of(::NEFilterFlow* flow, const std::optional<std::string>& name);
 
 }  // namespace orvane

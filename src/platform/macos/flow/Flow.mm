@@ -7,7 +7,6 @@
 #include "platform/macos/base/Retained.h"
 #include "platform/macos/base/Values.h"
 #include "platform/macos/foundation/Foundation.h"
-#include "platform/names/HostName.h"
 
 namespace orvane {
 namespace {
@@ -54,7 +53,7 @@ class SocketFlow final : public SystemFlow<NEFilterSocketFlow, ::NEFilterSocketF
     if (alias()) return alias();
     ::NSString* name = [object() remoteHostname];
     if (name == nil) return nameFromBytes_;
-    return listed_form(text_of(name));
+    return text_of(name);
   }
   int32_t socketType() const override { return [object() socketType]; }
 
@@ -76,8 +75,7 @@ std::optional<std::string> host_of(::NEFilterFlow* flow, const std::optional<std
   ::NSString* host = [[flow URL] host];
   if (host == nil && [flow isKindOfClass:[::NEFilterSocketFlow class]])
     host = [static_cast<::NEFilterSocketFlow*>(flow) remoteHostname];
-  if (host != nil) return listed_form(text_of(host));
-  return name;
+  return host == nil ? name : text_of(host);
 }
 
 }  // namespace orvane

@@ -8,6 +8,7 @@
 #include "platform/macos/flow/Flow.h"
 #include "platform/macos/flow/NetworkExtension.h"
 #include "platform/macos/foundation/Foundation.h"
+#include "platform/names/HostName.h"
 #include "platform/names/MarkedNames.h"
 
 namespace {
@@ -32,13 +33,20 @@ constexpr size_t kHeldLimit = orvane::ClientHelloReader::kLimit;
 std::string identifier_of(NEFilterFlow* flow) { return orvane::text_of([[flow identifier] UUIDString]); }
 
 // Asks the provider for its verdict on the flow, whose name is `name` if the framework has none. The provider compares
-// whole names, and the list may contain marked names. A call of `ask` asks one question.
+// whole names, byte for byte. So it is asked about the framework's name as it is, then about this name in the form of
+// the list, and then about the marked names that the list may contain. A call of `ask` asks one question.
 template <class Ask>
 auto judge(NEFilterFlow* flow, const std::optional<std::string>& name, Ask ask) {
   const orvane::IdentityAnswers sameProcess;
-  return orvane::verdict_object(orvane::judge_under_all_names(
-      orvane::host_of(flow, name),
-      [&](std::optional<std::string> alias) { return ask(*orvane::flow_of(flow, name, std::move(alias))); }));
+  const auto given = orvane::host_of(flow, name);
+  const auto listed = given ? std::optional(orvane::listed_form(*given)) : std::nullopt;
+  return orvane::verdict_object(orvane::judge_under_all_names(listed, [&](std::optional<std::string> alias) {
+    const bool isOwnName = !alias;
+    auto verdict = ask(*orvane::flow_of(flow, name, std::move(alias)));
+    using Kind = decltype(verdict.kind);
+    if (!isOwnName || given == listed || verdict.kind != Kind::Allow) return verdict;
+    return ask(*orvane::flow_of(flow, name, listed));
+  }));
 }
 
 // Whether the framework knows no host name of the flow.

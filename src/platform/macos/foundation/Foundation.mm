@@ -4,7 +4,6 @@
 
 #include "platform/macos/base/Retained.h"
 #include "platform/macos/base/Values.h"
-#include "platform/names/HostName.h"
 
 namespace orvane {
 namespace {
@@ -36,7 +35,7 @@ class SystemURLComponents final : public NSURLComponents {
   std::optional<std::string> host() const override {
     ::NSString* host = [components_.get() host];
     if (host == nil) return std::nullopt;
-    return listed_form(text_of(host));
+    return text_of(host);
   }
 
  private:

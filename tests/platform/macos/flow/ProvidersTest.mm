@@ -133,6 +133,8 @@ TEST_F(ProvidersTest, RecognisesANameFromTheFrameworkInAnySpelling) {
     EXPECT_EQ(verdicts(general, url_flow(kBrowser, url)).substr(0, first.size()), first) << each.host;
     EXPECT_EQ(verdicts(safari, url_flow(kSafari, url)).find("drop") != std::string::npos, each.drops) << each.host;
   }
+  db_hostname_set(Value::set({text("Held.Example.")}));
+  EXPECT_EQ(verdicts(general, socket_flow(kBrowser, web, @"Held.Example.")).substr(0, 4), "drop") << "as it is listed";
 }
 
 TEST_F(ProvidersTest, CoversTheSubdomainsOfAMarkedName) {
