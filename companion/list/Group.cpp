@@ -34,11 +34,10 @@ bool read_value(std::string_view key, std::string_view value, Group& group, std:
 }  // namespace
 
 std::string group_name_fault(std::string_view name) {
+  if (name.empty() || name.size() > kLongestName || !std::all_of(name.begin(), name.end(), is_name_character))
+    return "a group's name has letters, digits, hyphens and underscores, at most 64 of them";
   // In the JSON files of the keeper, two names that are not UTF-8 could not be told apart.
-  if (printable(name, false) != name) return "a group's name is in UTF-8, without control characters";
-  if (!name.empty() && name.size() <= kLongestName && std::all_of(name.begin(), name.end(), is_name_character))
-    return "";
-  return "a group's name has letters, digits, hyphens and underscores, at most 64 of them";
+  return printable(name, false) == name ? "" : "a group's name is in UTF-8, without control characters";
 }
 
 std::optional<std::string_view> group_in_header(std::string_view line) {
