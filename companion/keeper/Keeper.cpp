@@ -48,8 +48,8 @@ using Steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
-// While the keeper undoes edits of other clients, it reads the list again only after this many times the processor time
-// of the last read. Otherwise a large list that changes all the time would keep it from undoing edits.
+// While a group has a lock or a delay, or a drop-in is in force, the keeper rests this many times the processor time of
+// a read. Otherwise a large list that changes all the time would keep it from undoing edits.
 constexpr int kRestFactor = 10;
 constexpr std::chrono::seconds kLongestRest = 60s;
 
@@ -262,7 +262,9 @@ void Keeper::readInTurn() {
   const std::clock_t start = std::clock();
   readList();
   const std::chrono::microseconds used((std::clock() - start) * std::micro::den / CLOCKS_PER_SEC);
-  if (link_.undoesEdits()) restUntil_ = Steady::now() + std::min<Steady::duration>(used * kRestFactor, kLongestRest);
+  const auto rest = link_.undoesEdits() ? std::min<Steady::duration>(used * kRestFactor, kLongestRest) : 0s;
+  restUntil_ = Steady::now() + rest;
+  state_.restSeconds = static_cast<uint64_t>(std::chrono::floor<std::chrono::seconds>(rest).count());
 }
 
 void Keeper::readList() {

@@ -87,6 +87,7 @@ KeeperState state_of(const Json& json) {
   list.read("guarded", state.isGuarded);
   list.read("watchError", state.watchError);
   list.read("guardError", state.guardError);
+  list.read("restSeconds", state.restSeconds);
   for (const Json& entry : json.at("list").at("suspended").get_ref<const Json::array_t&>()) {
     state.suspended.emplace_back(entry.at("name"), read_moment(entry.at("until").get_ref<const std::string&>()));
   }
@@ -164,7 +165,8 @@ Json to_json(const KeeperState& state) {
             {"guarded", state.isGuarded},
             {"error", json_or_null(state.listError)},
             {"watchError", json_or_null(state.watchError)},
-            {"guardError", json_or_null(state.guardError)}}},
+            {"guardError", json_or_null(state.guardError)},
+            {"restSeconds", state.restSeconds}}},
           {"readOnlyLists", std::move(readOnlyLists)},
           {"extension",
            {{"connected", state.connected},
@@ -229,7 +231,8 @@ InForce wait_until_in_force(const std::string& statePath, const ListVersion& ver
     };
     if (state->sentVersion && isCurrent(*state->sentVersion)) return InForce::Yes;
     if (!state->connected && isCurrent(state->listVersion)) return InForce::NoExtension;
-    auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+    const auto rest = std::chrono::seconds(state->restSeconds);
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(end + rest - Clock::now());
     if (left.count() <= 0) return InForce::TimedOut;
     // If the keeper is killed, no file changes. So the loop also checks at intervals whether the keeper still runs.
     constexpr std::chrono::milliseconds kCheckInterval(500);

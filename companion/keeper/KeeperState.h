@@ -59,6 +59,7 @@ struct KeeperState {
   std::optional<std::string> watchError;
 
   std::optional<std::string> guardError;  // why locks and delays could not be saved: they end with the keeper
+  uint64_t restSeconds = 0;               // how long the keeper rests after it has read the lists, rounded down
 
   // The read-only lists: drop-ins first, each kind in the order of the files' names.
   struct ListState {
@@ -117,7 +118,8 @@ nlohmann::json to_json(const KeeperState& state);
 void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once
-// if no keeper runs, or if the keeper has read the list but has no connection to the extension. Throws FileError.
+// if no keeper runs, or if the keeper has read the list but has no connection to the extension. `timeout`: without the
+// keeper's rest. Throws FileError.
 enum class InForce { Yes, NoKeeper, NoExtension, TimedOut };
 InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
                             std::chrono::milliseconds timeout);
