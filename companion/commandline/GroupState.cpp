@@ -129,8 +129,8 @@ std::string guard_text(const KeeperState::GroupState& state, Moment now) {
 
 std::string unguarded_text(const KeeperState::GroupState& state) {
   if (state.unguardedSites == 0) return "";
-  return ", but " + counted(state.unguardedSites, "site", "sites") +
-         " can be removed at once, because there are too many";
+  return ", but that does not cover " + counted(state.unguardedSites, "site", "sites") +
+         " of the group: all groups together have room for about a million";
 }
 
 MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupState& state) {

@@ -36,7 +36,8 @@ Finding examine_unit(const UnitFacts& unit, const char* check) {
     finding.advice = "install the package orvane-se";
   } else if (!unit.running) {
     finding.result = Result::Problem;
-    finding.advice = "sudo systemctl start " + unit.name + "; to see why it ended: journalctl -u " + unit.name;
+    finding.advice = (unit.isRestarting ? "" : "sudo systemctl start " + unit.name + "; ") +
+                     ("to see why it ended: journalctl -u " + unit.name);
   } else if (unit.filtersNothing) {
     finding.result = Result::Problem;
     finding.advice = "when the browser list is correct: sudo systemctl restart " + unit.name;
@@ -301,9 +302,9 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
   for (const auto& group : state.groups) {
     if (group.unguardedSites > 0)
       add(Result::Warning,
-          counted(group.unguardedSites, "site", "sites") + " of the group " + group.name +
-              " can be removed at once, although the group has a lock or a delay, because there are too many",
-          "groups with a lock or a delay have room for about a million sites: remove some");
+          "the lock or delay of the group " + group.name + " does not cover " +
+              counted(group.unguardedSites, "site", "sites"),
+          "all groups with a lock or a delay together have room for about a million sites: remove some");
   }
   if (!state.connected) {
     add(Result::Problem, "the keeper has no connection to the extension: " + state.extensionError.value_or("none yet"),

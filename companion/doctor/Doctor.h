@@ -40,6 +40,7 @@ struct UnitFacts {
   std::string state;            // "active (running)", with the service's own status line if it has one
   uint64_t hiddenNames = 0;     // for the extension: how many connections since its start hid the host's name
   bool filtersNothing = false;  // for the extension: it recognises no browser
+  bool isRestarting = false;    // it has failed, and the service manager starts it again
 };
 
 // The result of connecting to the extension.

@@ -53,6 +53,7 @@ UnitFacts look_at_unit(const char* name) {
   facts.known = true;
   facts.installed = state->load != "not-found";
   facts.running = state->isRunning();
+  facts.isRestarting = !facts.running && state->active != "failed" && state->hasFailed();
   facts.hiddenNames = state->hiddenNames;
   facts.filtersNothing = says_filtering_nothing(state->status);
   facts.state = state->text();

@@ -68,6 +68,11 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
     std::string places{};  // where the warning about browsers says that blocked sites may open
   } cases[] = {
       {"stopped", "service", Problem, "systemctl start", [](Facts& f) { f.extension.running = false; }},
+      {"failing again and again", "service", Problem, "-> to see why it ended: journalctl",
+       [](Facts& f) {
+         f.extension.running = false;
+         f.extension.isRestarting = true;
+       }},
       {"no browser recognised", "service", Problem, "systemctl restart",
        [](Facts& f) { f.extension.filtersNothing = says_filtering_nothing(no_browser_status("bad list")); }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
@@ -121,7 +126,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"bad lines", "list", Warning, "2 bad lines", [](Facts& f) { f.list->badLines = 2; }},
       {"list not read", "list", Problem, "previous list", [](Facts& f) { f.list->listError = "no"; }},
       {"list not watched", "list", Warning, "sysctl", [](Facts& f) { f.list->watchError = "a limit is reached"; }},
-      {"sites without guard", "list", Warning, "3 sites of the group work",
+      {"sites without guard", "list", Warning, "of the group work does not cover 3 sites",
        [](Facts& f) {
          f.list->groups.push_back({"work", true, {}, {}, 0, {}, {}, 3});
        }},
