@@ -39,19 +39,26 @@ Moment add(Moment moment, months whole, seconds rest) {
   return Zone().moment(months_later(day, whole) + (local - day)) + rest;
 }
 
+// The last moment at which a time span may end.
+Moment last_end(Moment now) { return add(now, kMostMonths, seconds(0)); }
+
 // Reads a text part by part from its start. If a part does not match, isValid() is false from then on, and the values
 // that the other functions return are meaningless.
 class Reader {
  public:
   explicit Reader(std::string_view text) : rest_(text) { skipSpace(); }
 
-  // Reads a number of one to `mostDigits` digits.
-  int number(size_t mostDigits, int largest = INT_MAX) {
+  // Reads a number of one to `mostDigits` digits, at most 18.
+  int64_t longNumber(size_t mostDigits) {
     const std::string_view digits = takeAll("0123456789");
     expect(!digits.empty() && digits.size() <= mostDigits);
     if (!isValid_) return 0;
     int64_t result = 0;
     for (char digit : digits) result = 10 * result + (digit - '0');
+    return result;
+  }
+  int number(size_t mostDigits, int largest = INT_MAX) {
+    const int64_t result = longNumber(mostDigits);
     expect(result <= largest);
     return isValid_ ? static_cast<int>(result) : 0;
   }
@@ -101,6 +108,11 @@ std::optional<seconds> unit_of(std::string_view word) {
   return seconds(found->second);
 }
 
+InputError too_long(std::string_view text) {
+  return InputError("too long: " + in_quotes(text) + ": give at most ten years");
+}
+
+// Limits the months and the rest to ten years each, but not their sum.
 CalendarSpan read_span(std::string_view text) {
   constexpr size_t kMostDigits = 9;
   const std::string lowered = lower_case(text);
@@ -117,8 +129,7 @@ CalendarSpan read_span(std::string_view text) {
       throw InputError("not a duration: " + in_quotes(text) + ": write it as in 30m, 1h30m or 2d");
     const int64_t whole = span.whole.count() + (longUnit ? count * longUnit->count() : 0);
     if (unit) span.rest += count * *unit;
-    if (span.rest > kLongest || whole > kMostMonths.count())
-      throw InputError("too long: " + in_quotes(text) + ": give at most ten years");
+    if (span.rest > kLongest || whole > kMostMonths.count()) throw too_long(text);
     span.whole = months(static_cast<int>(whole));
     reader.skipSpace();
   } while (!reader.isAtEnd());
@@ -407,10 +418,10 @@ std::optional<CalendarSpan> read_span_if_any(std::string_view text) {
 
 // "@" and the seconds since 1970.
 std::optional<Moment> read_unix_time(std::string_view text) {
-  constexpr size_t kMostDigits = 10;
+  constexpr size_t kMostDigits = 10;  // up to the year 2286; more digits are probably milliseconds
   Reader reader(text);
   reader.expect(reader.accept("@"));
-  const Moment moment(seconds(reader.number(kMostDigits)));
+  const Moment moment(seconds(reader.longNumber(kMostDigits)));
   reader.skipSpace();
   return reader.isValid() && reader.isAtEnd() ? std::optional(moment) : std::nullopt;
 }
@@ -503,14 +514,15 @@ seconds read_duration(std::string_view text) {
 
 Moment read_end(std::string_view duration, Moment now) {
   const CalendarSpan span = read_span(duration);
-  return add(now, span.whole, span.rest);
+  const Moment end = add(now, span.whole, span.rest);
+  if (end > last_end(now)) throw too_long(duration);
+  return end;
 }
 
 std::vector<Moment> read_until(std::string_view text, Moment now) {
   std::vector<Moment> moments = read_readings(text, now);
   if (moments.empty()) throw InputError("the time has passed: " + in_quotes(text) + ": give a future time");
-  if (moments.back() > now + kLongest)
-    throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
+  if (moments.back() > last_end(now)) throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
   return moments;
 }
 

@@ -63,6 +63,7 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
       {"2026-01-31T12:00:00Z", "1 month", "Sat 2026-02-28 13:00"},
       {"2026-02-25T12:00:00Z", "a month 1h", "Wed 2026-03-25 14:00"},
       {kEvening, "10 years", "Tue 2036-11-18 21:31"},
+      {"2027-10-28T12:00:00Z", "in 10 years", "Wed 2037-10-28 14:00"},  // from summer to winter time: an hour longer
       {kEvening, "next year", "Fri 2027-01-01 00:00, Thu 2027-11-18 21:31"},
       {kEvening, "now + 2 hours", "23:31"},
       {kEvening, "tomorrow + 2 hours", "tomorrow 02:00, tomorrow 23:31"},
@@ -74,6 +75,7 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
       {kPastMidnight, "today 23:50Z", "00:50"},
       {kEvening, "2026-12-24 18:00Z", "Thu 2026-12-24 19:00"},
       {kEvening, "@1800000000", "Fri 2027-01-15 09:00"},
+      {"2030-01-01T00:00:00Z", "@2147483648", "Tue 2038-01-19 04:14:08"},
       {kEvening, "10p.m.", "22:00"},
       {kEvening, "6:30 a.m. tomorrow", "tomorrow 06:30"},
       {kEvening, "20261224 18:00", "Thu 2026-12-24 18:00"},
@@ -121,6 +123,7 @@ TEST(TimeText, ReadsTimesAsPeopleTypeThem) {
                            "20261324",
                            "next hour",
                            "@",
+                           "@9999999999",
                            "@x"})
     EXPECT_THROW(read_until(text, now), InputError) << text;
   try {
@@ -158,6 +161,8 @@ TEST(TimeText, ReadsDurationsAsPeopleTypeThem) {
   for (const auto& [text, seconds] : kDurations) EXPECT_EQ(read_duration(text).count(), seconds) << text;
   for (const char* text : {"", "30", "0m", "-5m", "1.5h", "3m x", "99999999999s", "999999999w", "3654d", "2 months"})
     EXPECT_THROW(read_duration(text), InputError) << text;
+  for (const char* text : {"10 years 520w", "10 years 1s"})
+    EXPECT_THROW(read_end(text, read_moment("2026-11-18T20:31:00Z")), InputError) << text;
 }
 
 }  // namespace
