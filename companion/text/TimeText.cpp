@@ -369,20 +369,22 @@ std::optional<DayAndClock> read_day_and_clock(std::string_view text, Moment now)
   return items && items->zone.offset ? read_on(text, floor<days>(items->zone.local(now))) : items;
 }
 
-// The moments that a day and a time of day may mean, in no order.
-std::vector<Moment> moments_of(const DayAndClock& items, Moment moment) {
-  const LocalTime now = items.zone.local(moment);
-  const auto today = floor<days>(now);
+// The moments that a day and a time of day may mean, in no order. They include moments that have passed.
+std::vector<Moment> moments_of(const DayAndClock& items, Moment now) {
+  const LocalTime local = items.zone.local(now);
+  const auto today = floor<days>(local);
   const seconds clock = items.clock.value_or(seconds(0));
-  if (!items.day) return {items.zone.moment(today + clock), items.zone.moment(today + days(1) + clock)};
+  const Day day = items.day.value_or(Day{today, today + days(1)});
   std::vector<Moment> moments;
-  for (const auto& day : {std::optional(items.day->day), items.day->other}) {
-    if (!day) continue;
-    moments.push_back(items.zone.moment(*day + clock));
-    if (items.isMidnight) moments.push_back(items.zone.moment(*day + days(1)));
-  }
-  if (const auto& day = items.day->sameClock)
-    moments.push_back(items.zone.moment(*day + items.clock.value_or(now - today)));
+  const auto addDay = [&](local_days start) {
+    moments.push_back(items.zone.moment(start + clock));
+    if (items.isMidnight) moments.push_back(items.zone.moment(start + days(1)));
+  };
+  addDay(day.day);
+  if (day.other) addDay(*day.other);
+  if (day.sameClock) moments.push_back(items.zone.moment(*day.sameClock + items.clock.value_or(local - today)));
+  const bool havePassed = std::all_of(moments.begin(), moments.end(), [now](Moment moment) { return moment <= now; });
+  if (havePassed && day.nextSuch) addDay(*day.nextSuch);
   return moments;
 }
 
@@ -392,19 +394,6 @@ std::vector<Moment> distinct(std::vector<Moment> moments, Moment now) {
   std::sort(moments.begin(), moments.end());
   const auto isNear = [](Moment earlier, Moment later) { return later - earlier <= 1h; };
   moments.erase(std::unique(moments.begin(), moments.end(), isNear), moments.end());
-  return moments;
-}
-
-// Nothing if the text names no day and no time of day.
-std::optional<std::vector<Moment>> read_local(std::string_view text, Moment now) {
-  std::optional<DayAndClock> items = read_day_and_clock(text, now);
-  if (!items) return std::nullopt;
-  std::vector<Moment> moments = distinct(moments_of(*items, now), now);
-  if (!items->day && moments.size() > 1) moments.resize(1);
-  if (moments.empty() && items->day && items->day->nextSuch) {
-    items->day->day = *items->day->nextSuch;
-    moments = distinct(moments_of(*items, now), now);
-  }
   return moments;
 }
 
@@ -436,17 +425,18 @@ std::string advice_for(std::string_view text) {
   return "write " + std::to_string(hour) + ":00 or " + half;
 }
 
+// The moments that a text may mean, in no order. They include moments that have passed, because a duration may follow.
 std::vector<Moment> read_readings(std::string_view text, Moment now) {
   try {
-    return distinct({read_moment(text)}, now);
+    return {read_moment(text)};
   } catch (const InputError&) {  // not RFC 3339
   }
   const std::string lowered = lower_case(trimmed(text));
-  if (const auto moment = read_unix_time(lowered)) return distinct({*moment}, now);
+  if (const auto moment = read_unix_time(lowered)) return {*moment};
   constexpr std::string_view kIn = "in ";
   if (lowered.starts_with(kIn)) return {read_end(lowered.substr(kIn.size()), now)};
   if (const auto span = read_span_if_any(lowered)) return {add(now, span->whole, span->rest)};
-  if (auto moments = read_local(lowered, now)) return *std::move(moments);
+  if (const auto items = read_day_and_clock(lowered, now)) return moments_of(*items, now);
   // A moment, or none for `now`, and a duration: "friday 17:00 + 1 week". A "+" may also begin the offset of a zone.
   if (const size_t plus = lowered.rfind('+'); plus != std::string::npos) {
     const std::string_view base = trimmed(std::string_view(lowered).substr(0, plus));
@@ -520,7 +510,7 @@ Moment read_end(std::string_view duration, Moment now) {
 }
 
 std::vector<Moment> read_until(std::string_view text, Moment now) {
-  std::vector<Moment> moments = read_readings(text, now);
+  std::vector<Moment> moments = distinct(read_readings(text, now), now);
   if (moments.empty()) throw InputError("the time has passed: " + in_quotes(text) + ": give a future time");
   if (moments.back() > last_end(now)) throw InputError("too far away: " + in_quotes(text) + ": give at most ten years");
   return moments;

@@ -35,9 +35,9 @@ Moment read_end(std::string_view duration, Moment now);
 //   2026-12-24, 24 Dec, monday           the start of that day; without a year or a date, of the next such day
 //   2026-12-24 18:00, friday 5pm         a day and a time, in any order; "at" and "on" may precede them
 //   monday next week                     that day of the week that begins on the next Monday
-//   18:00 UTC, 18:00Z, 18:00+01:00       a time in that zone, in which the day of the text counts, too
+//   18:00 UTC, 18:00Z, 18:00+01:00       a time in that zone; a day in the text is a day of that zone
 //   2h, in 2 months, now + 1h30m         a duration from `now` (read_end())
-//   friday 17:00 + 2 hours               a duration from another moment
+//   friday 17:00 + 2 hours               a duration from another moment, which may have passed
 //   @1800000000                          Unix time
 //
 // Some texts can be read in several ways:
@@ -45,6 +45,7 @@ Moment read_end(std::string_view duration, Moment now);
 //   tomorrow, next week, month or year   its start; or the present time of day, one day, week, month or year later
 //   next friday                          the first Friday after today; or the Friday of the next week (from Monday)
 //   friday midnight                      the start of that day; or its end
+//   18:00 + 2 hours (at 19:00)           20:00; or 20:00 tomorrow
 //
 // Returns all readings after `now`, in order; readings at most an hour apart count as one, the first. When the clocks
 // change, a time that occurs twice means its first occurrence, and a time that is skipped is read with the UTC offset
