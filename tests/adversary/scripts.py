@@ -63,10 +63,7 @@ def _long(script: Script, number: random.Random) -> dict:
 
 
 def _narrow(script: Script, number: random.Random) -> dict:
-    """Narrows the window until the client has filled it six times.
-
-    More times would take too long, because the client's kernel fills a narrow window only every 200 ms.
-    """
+    """Narrows the window until the client has filled it six times. Each time takes its kernel 200 ms."""
     window = number.choice([1, 2, 3, 7, 30, 100, 400])
     first = number.choice([window, max(script.named[0] - 2, 1), script.named[1] - 3])
     return {"window": window, "first_window": first, "window_until": first + 6 * window}
@@ -169,8 +166,7 @@ _MIXED += ["StrayAcknowledgments", "OddFlags", "EarlyAnswer", "FastOpen", "EndOf
 
 # The run plays these scripts while connection tracking forgets connections after a second.
 FORGETFUL = ["ResetBehindAnswer", "ResetBehindStrayAcknowledgment", "Silence", "Keepalive"]
-# The run begins and continues these scripts at set moments. For example, "BegunBefore" begins before the extension
-# starts.
+# The run begins and continues these scripts at set moments: "BegunBefore" begins before the extension starts.
 _TIMED = ["BegunBefore", "HalfAndRest", "DroppedBefore"]
 # Scripts of several steps. Each other script has the name of its only step.
 _COMBINED = {

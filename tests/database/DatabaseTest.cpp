@@ -52,8 +52,7 @@ TEST_F(HostnamesTest, AddsOnlyStrings) {
 }
 
 TEST_F(HostnamesTest, KeepsOtherNamesThroughRandomEdits) {
-  // Compares the table with a std::set after each edit. With only 64 names the table stays small. So names collide in
-  // it, and some searches wrap around from the table's end to its start.
+  // With only 64 names the table stays small. So names collide, and some searches wrap around from its end.
   stand_in::log.disabled = {LogLevel::Debug};
   std::set<std::string> expected;
   uint32_t random = 1;
@@ -117,8 +116,7 @@ class PropertiesTest : public DatabaseTest {
     db_hostname_add(text("a.example"));
   }
 
-  // Calls db_hostname_is_blockable. Returns the messages that it logs and its result. A message that is logged under
-  // the lock begins with "+".
+  // The messages of db_hostname_is_blockable, and its result. "+" begins a message that is logged under the lock.
   static std::pair<std::string, bool> ask() {
     take_log();
     const bool blockable = db_hostname_is_blockable("a.example");

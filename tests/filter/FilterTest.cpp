@@ -20,8 +20,7 @@ using Data = NEFilterDataVerdict;
 
 constexpr int32_t kBrowser = 10, kHelper = 11, kOther = 12, kSafari = 13, kSafariHelper = 14;
 
-// The database has the host "held.example" and the browser "browser". Three processes run: a browser, its helper, and
-// another program.
+// The database has the host "held.example" and the browser "browser". A browser, its helper and another program run.
 class FilterTest : public DatabaseTest {
  protected:
   FilterTest() {
@@ -58,8 +57,7 @@ TEST_F(FilterTest, ReadsPortsOfSocketFlowsToHosts) {
   auto flow = socketFlowTo("53", std::nullopt);
   EXPECT_TRUE(isSocketFlow(*flow));
   EXPECT_EQ(socketFlow(*flow), flow.get());
-  // port() reads the flow's endpoint three times. Each row has the endpoints that these reads return, in order. The
-  // last endpoint repeats.
+  // Each row has the endpoints that the three reads of port() return, in order. The last endpoint repeats.
   const std::tuple<const char*, std::deque<Ref<NWEndpoint>>, uint64_t> cases[] = {
       {"none", {}, 0},
       {"no host", {service()}, 0},

@@ -15,9 +15,8 @@
 #include "platform/Security.h"
 #include "platform/XPC.h"
 
-// A stand-in for the operating system: it implements the platform headers. Tests set what its functions return, and
-// inspect how they were called. It consists of several libraries, so that a test can replace some of them with
-// libraries of a real platform.
+// A stand-in for the operating system. Tests set what its functions return, and inspect how they were called. It
+// consists of several libraries, so that a test can use those of a real platform in place of some.
 namespace orvane::stand_in {
 
 // The trace: lines about calls to the stand-in, in order. Thread-safe.
@@ -58,8 +57,7 @@ inline struct LogState {
 // the level if it is debug. The entries of other categories are then lost.
 std::string take_log(const std::string& category = "");
 
-// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. All bundles have the same content; the URL of a resource is
-// file:///NAME.TYPE.
+// Bundle.h, ReadStream.h, PropertyList.h, Clock.h. All bundles are the same; a resource's URL is file:///NAME.TYPE.
 inline struct FileState {
   Value information = nullptr;   // the bundle's Info.plist, a dictionary
   std::string fails;             // the failing step: "bundle", "resource", "stream", "open", "read", "data" or "parse"

@@ -51,8 +51,7 @@ TEST(ObjectMonitor, LetsOneThreadIn) {
   EXPECT_EQ(count, 30000);
 }
 
-// If the platform had only a fixed number of monitors, some of these 500 objects would share a monitor, and a thread
-// that holds one object's monitor would block another thread at another object.
+// With a fixed number of monitors, some of the 500 objects would share one, and their threads would block each other.
 TEST(ObjectMonitor, BelongsToOneObject) {
   std::vector<Ref<Thing>> objects(500);
   for (auto& object : objects) object = Ref<Thing>::adopt(new Thing);

@@ -65,8 +65,7 @@ TEST(Value, CopiesTheCharactersOfABorrowedString) {
 }
 
 TEST(KeyedHash, IsSipHash13) {
-  // Each text consists of the bytes 0, 1, 2 and so on. The expected hashes are from CPython, which hashes bytes with
-  // SipHash-1-3.
+  // Each text has the bytes 0, 1, 2 and so on. The hashes are from CPython, which hashes bytes with SipHash-1-3.
   const std::pair<size_t, uint64_t> kCases[] = {
       {1, 0x68a914128e01e473},  {7, 0x2f098ab0c751325a},  {8, 0xead411e67ebe2eea},
       {15, 0xf30eb725bb91c9ea}, {16, 0x8972188433a5c5b7}, {63, 0x385d3e39e5f37359},

@@ -94,9 +94,8 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   EXPECT_FALSE(fs::exists(root + "/etc/opt/edge/policies/managed/orvane-se.json"));
 }
 
-// Chromium reads every file in its policy folder. If several files set the same policy, Chromium uses the file whose
-// name sorts last. A preference in Firefox's policy file counts only if the file locks it, because users can change a
-// preference that is not locked.
+// Chromium reads every file in its policy folder; of several that set a policy, it uses the one whose name sorts last.
+// A preference in Firefox's policy file must be locked, because users can change one that is not.
 TEST_F(Browsers, ReadsPoliciesOfOthersAsBrowsersDo) {
   install_policies(root);
   write("/etc/chromium/policies/managed/zz", R"({"EncryptedClientHelloEnabled": true})");

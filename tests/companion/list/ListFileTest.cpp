@@ -37,8 +37,7 @@ class ListFile : public testing::Test {
   const std::string folder_ = temporary_.path(), path_ = folder_ + "/list";
 };
 
-// Runs `act` in a child process, which exits with the result of `act`. An exception must not reach gtest in the child,
-// so it aborts the child (noexcept).
+// Runs `act` in a child, which exits with its result. An exception aborts the child (noexcept) before it reaches gtest.
 pid_t fork_to(const std::function<int()>& act) noexcept {
   const pid_t child = fork();
   if (child == 0) _exit(act());

@@ -15,10 +15,7 @@ SECRET, OPEN, PUBLIC = "secret.example", "open.example", "cloudflare-ech.com"
 
 
 def _browse_encrypted(world: World, kind: type[Browser], title: str, decoy: bool) -> None:
-    """Checks that the policy that orvanectl installs stops encrypted hellos of this browser.
-
-    With `decoy`, the browser sends random bytes in place of an encrypted hello, even with the policy.
-    """
+    """Checks that the installed policy stops encrypted hellos. With `decoy`, random bytes then take their place."""
     browser = world.browser(kind)
     server = EncryptedHelloServer(
         world.directory / "encrypted", "127.0.0.2", [SECRET, OPEN], PUBLIC, world.servers.signed
@@ -39,8 +36,7 @@ def _browse_encrypted(world: World, kind: type[Browser], title: str, decoy: bool
     with world.extension(browser.identifier) as extension:
         extension.hold(SECRET)
         check(doctor(extension), "warning", "doctor without the policy")
-        # A browser that gets the server's key too late sends the name unencrypted, and its connection is dropped. So
-        # try again.
+        # A browser that gets the server's key too late sends the name unencrypted, and is dropped. So try again.
         verdicts = [fetch(SECRET)]
         while verdicts[-1] == DROP and len(verdicts) < 10:
             verdicts.append(fetch(SECRET))

@@ -96,8 +96,7 @@ def RestoresRulesThatOthersFlush(world: World):
         for family, address in zip(FAMILIES, ("127.0.0.1", "::1")):
             iptables("iptables -t mangle -F", family)
             becomes(DROP, f"filters again after a flush {family}", HELD, address)
-            # A packet from the queue carries its verdict in its mark. This rule overwrites the mark, until the
-            # extension has moved its own rule to the first place again.
+            # Overwrites the mark, which has a packet's verdict, until the extension moves its own rule to the front.
             iptables("iptables -t mangle -I OUTPUT 1 -p tcp -j MARK --set-mark 1", family)
             check(connect(HELD, address), DROP, f"the verdict despite another program's mark {family}")
 
@@ -120,10 +119,7 @@ def KeepsFilteringInAFlood(world: World):
 
 @contextlib.contextmanager
 def _hanging_iptables(world: World):
-    """Flushes rules of the extension, and replaces the iptables programs by one that hangs.
-
-    The extension then runs an iptables program to repair its rules, and waits for it.
-    """
+    """Flushes rules, and replaces the iptables programs, which the extension runs to repair them, by one that hangs."""
     hanging = world.directory / "hanging"
     hanging.write_text("#!/bin/sh\nexec sleep 1000\n")
     hanging.chmod(0o755)

@@ -24,8 +24,7 @@ class _Kind:
 
 _KINDS = [
     _Kind("a hello in two datagrams", r"tx 1 Initial CRYPTO.* offset=1\d{3} "),
-    # If the connection is dropped, the log may lack the Retry that answers the first datagram: the client may first
-    # notice that its second datagram was dropped.
+    # A dropped connection's log may lack the Retry: the client may first notice that its second datagram was dropped.
     _Kind("a Retry with a token", "pkt rx .*type=Retry", None, server=_RETRYING),
     _Kind("0-RTT", "frm tx .* 0RTT STREAM", True, ("--session-file=HOST.session", "--tp-file=HOST.parameters")),
     _Kind(
@@ -71,8 +70,7 @@ def JudgesEachKindOfQUICConnection(world: World):
 
     with world.extension("gtlsclient") as extension:
         for kind in _KINDS:
-            # While neither host is listed, the client fetches from both and stores a session for each. 0-RTT needs the
-            # sessions.
+            # While neither host is listed, the client fetches from both, and stores the sessions that 0-RTT needs.
             if kind.expected == ALLOW:
                 extension.hold("other.example")
                 check_fetch(HELD, kind, ALLOW)

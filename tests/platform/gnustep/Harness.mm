@@ -22,8 +22,7 @@ Ref<NSError> stand_in::error_named(const std::string& name) {
 
 namespace {
 
-// The number of live objects of each class. An object of an Objective-C class counts only if it was made after counting
-// began.
+// The live objects of each class. Those of an Objective-C class count only if they were made after counting began.
 using Counts = std::map<std::string, int>;
 
 Counts live_objects() {
@@ -61,9 +60,8 @@ std::string leaked_objects(const std::function<void()>& body, bool afterDrain) {
 
 }  // namespace orvane
 
-// The blocks runtime for Linux does not know Objective-C, so a copied block would not retain the objects that it refers
-// to. The two functions below replace the runtime's functions: they retain and release objects, and leave everything
-// else to the runtime.
+// The blocks runtime for Linux does not retain the Objective-C objects that a copied block refers to. These two
+// functions do, and leave everything else to the runtime.
 template <class Function>
 static Function* next(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));

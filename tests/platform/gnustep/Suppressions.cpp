@@ -1,5 +1,4 @@
-// GNUstep's runtime and Foundation keep objects for ever and take locks in varying order. These lines stop the
-// sanitizers from reporting such leaks and lock orders. The lines also hide leaks of our own Objective-C objects, but
-// leaked_objects() finds those.
+// GNUstep keeps objects for ever and takes locks in varying order. These lines stop the sanitizers from reporting that.
+// They also hide leaks of our own Objective-C objects, but leaked_objects() finds those.
 extern "C" const char* __lsan_default_suppressions() { return "leak:libobjc\nleak:libgnustep-base\n"; }
 extern "C" const char* __tsan_default_suppressions() { return "deadlock:libobjc\ndeadlock:libgnustep-base\n"; }

@@ -50,8 +50,7 @@ int kevent(int queue, const struct kevent* changes, int changesCount, struct kev
     if (watch < 0) return -1;
     watches[{queue, watch}] = {changes[i], status.st_dev, status.st_ino};
   }
-  // At most one event for each watch, as kqueue has. Reads only one buffer, so the queue stays readable if there is
-  // more.
+  // At most one event for each watch, as kqueue has. Reads one buffer: if there is more, the queue stays readable.
   auto& pending = pending_events[queue];
   alignas(inotify_event) std::array<char, 4096> buffer;
   const ssize_t size = eventsCount > 0 ? read(queue, buffer.data(), buffer.size()) : 0;

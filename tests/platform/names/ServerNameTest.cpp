@@ -34,8 +34,7 @@ void expect(const Case& c) {
     }
     EXPECT_EQ(reader.state(), c.state) << c.what << ", " << step << " bytes at a time";
     EXPECT_EQ(reader.name(), c.name) << c.what;
-    // In small steps, the reader knows the name before the rest of the hello arrives. The rest may contain an encrypted
-    // hello, so isNameHidden() may be true even if there is none.
+    // In small steps, isNameHidden() may be true before the rest of the hello shows that it has no encrypted hello.
     if (c.isHidden || step > bytes.size()) {
       EXPECT_EQ(reader.isNameHidden(), c.isHidden) << c.what;
     }

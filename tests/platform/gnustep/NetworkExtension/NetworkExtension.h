@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-// A stand-in for the part of the framework that a filter uses. Tests make its objects, and inspect what the filter read
-// and called.
+// A stand-in for the framework. Tests make its objects, and inspect what the filter read and called.
 
 #define NEFilterFlowBytesMax UINT64_MAX
 
@@ -16,9 +15,8 @@ typedef NS_ENUM(NSInteger, NETrafficDirection) { NETrafficDirectionOutbound = 2 
 typedef NS_ENUM(NSInteger, NEFilterAction) { NEFilterActionAllow = 1, NEFilterActionFilterData = 4 };
 typedef NS_ENUM(NSInteger, NEProviderStopReason) { NEProviderStopReasonUserInitiated = 1 };
 
-// The base class of the stand-ins. The content is a description, or a dictionary of properties. If the filter reads a
-// property for which the class has no method, the object records the property's name and returns its value from the
-// dictionary.
+// The base class. The content is a description, or a dictionary of properties. If the filter reads a property for which
+// the class has no method, the object records the property's name and returns its value from the dictionary.
 @interface StandInObject : NSObject {
   id _content;
 }

@@ -7,8 +7,7 @@
 
 #include "platform/macos/base/Block.h"
 
-// The header declares methods that this file does not implement. resolveInstanceMethod: adds them at run time, or
-// derived classes have them.
+// resolveInstanceMethod: or a derived class has the methods that the header declares and this file lacks.
 #pragma clang diagnostic ignored "-Wincomplete-implementation"
 
 @implementation StandInObject

@@ -13,8 +13,7 @@ void deliver_messages();
 // restarted, but XPC has not reported that yet.
 void break_connections(bool restarted = false);
 
-// Invalidates the clients' sides of all connections, as the system may do without an interruption. Calls their
-// invalidation handlers.
+// Invalidates the clients' sides of all connections without an interruption. Calls their invalidation handlers.
 void invalidate_connections();
 
 // The next message with a reply is not answered, until another thread invalidates a connection.

@@ -29,8 +29,7 @@ using orvane::stand_in::trace;
 - (void)setClasses:(NSSet*)classes forSelector:(SEL)message argumentIndex:(NSUInteger)index ofReply:(BOOL)isReply {
   _classes.emplace(sel_getName(message), classes);
 }
-// As the documentation of setClasses:forSelector:argumentIndex:ofReply: says, the classes hold for the containers,
-// their elements, and the elements of these.
+// The classes hold for containers, their elements, and the elements of these (documentation of setClasses:...).
 - (bool)allows:(id)object in:(SEL)message {
   const auto classes = _classes.find(sel_getName(message));
   if (classes == _classes.end() || object == nil) return true;
@@ -43,8 +42,7 @@ using orvane::stand_in::trace;
 }
 @end
 
-// One side of a connection: the client's or the service's. The client's side is also the proxy object, whose methods
-// the client calls to send messages.
+// The client's or the service's side of a connection. The client's side is also the proxy that sends messages.
 @interface StandInConnection : NSXPCConnection {
  @public
   NSString* _name;               // the service's name; only on the client's side

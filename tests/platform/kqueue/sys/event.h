@@ -3,8 +3,7 @@
 #include <cstdint>
 #include <ctime>
 
-// The part of kqueue(2) that watches files, as macOS declares and documents it. Kqueue.cpp implements it with
-// inotify(7).
+// The part of kqueue(2) of macOS that watches files. Kqueue.cpp implements it with inotify(7).
 
 constexpr int16_t EVFILT_VNODE = -4;
 constexpr uint16_t EV_ADD = 0x0001, EV_CLEAR = 0x0020;

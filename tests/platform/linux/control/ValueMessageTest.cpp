@@ -42,8 +42,7 @@ TEST(ValueMessage, KeepsEveryKindOfValue) {
 
 TEST(ValueMessage, RejectsDeeplyNestedContainers) { EXPECT_FALSE(sent_and_received(nested(kMaximumNesting + 1))); }
 
-// Containers with the same number of elements have the same hash, so the time to make a set of such containers grows
-// with the square of their number.
+// Containers of the same size have the same hash, so the time to make a set of n of them grows with the square of n.
 TEST(ValueMessage, RejectsSetsOfManyContainers) {
   Value::Set members;
   for (int64_t i = 0; i < 2000; ++i) members.insert(Value::array({Value::number(i)}));

@@ -7,8 +7,7 @@
 namespace orvane {
 namespace {
 
-// The bytes that the flight puts in order, with a bar for each segment that finds no room, then a dot if the flight
-// cannot continue.
+// The bytes in order, with a bar for each segment that finds no room, then a dot if the flight cannot continue.
 std::string reassemble(const std::vector<std::pair<size_t, std::string>>& segments) {
   using enum FirstFlight::Added;
   FirstFlight flight;

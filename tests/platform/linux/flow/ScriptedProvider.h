@@ -13,8 +13,7 @@ inline const auto kExamine =
     NEFilterNewFlowVerdict::filterDataVerdictWithFilterInbound(false, 0, true, kFilterFlowBytesMax);
 inline const auto kAllowData = NEFilterDataVerdict::allowVerdict(), kDropData = NEFilterDataVerdict::dropVerdict();
 
-// A provider that returns the verdicts that a test sets, and records the calls. Under a marked name (Subdomains.h), it
-// allows every flow.
+// Returns the verdicts that a test sets, and records the calls. Allows every flow under a marked name (Subdomains.h).
 class ScriptedProvider : public NEFilterDataProvider {
  public:
   struct Seen {

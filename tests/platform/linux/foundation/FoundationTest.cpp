@@ -46,8 +46,7 @@ TEST(IntegerValue, ReadsLeadingDigitsInDecimal) {
   for (const auto& [text, value] : rows) EXPECT_EQ(integerValue(text), value) << text;
 }
 
-// The parsed question's name, type and class, or "none". Copies the bytes to an allocation of exactly their size, so
-// that sanitizers notice a read beyond the bytes.
+// The question's name, type and class, or "none". Parses an exact copy, so that sanitizers notice a read beyond it.
 std::string parse(const std::string& bytes) {
   auto exact = std::make_unique<char[]>(bytes.size());
   bytes.copy(exact.get(), bytes.size());

@@ -162,8 +162,7 @@ TEST(ShippedBrowserLists, FitIntoOneReadOfTheExtension) {
     EXPECT_LE(bytes.size(), 1024U) << system;
     Value browsers = parse(bytes);
     EXPECT_GT(browsers.asArray().size(), 20U) << system;
-    // The filter compares an entry with the endings of identifiers. So an entry of fewer than five characters could
-    // match applications that are not browsers.
+    // The filter compares entries with the endings of identifiers. So a short entry could match what is no browser.
     for (const Value& browser : browsers.asArray()) EXPECT_GE(browser.asString().size(), 5U) << browser.description();
   }
 }

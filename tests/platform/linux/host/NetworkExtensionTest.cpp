@@ -50,8 +50,7 @@ class Provider final : public ScriptedProvider {
 };
 
 // Runs an extension in a child process until it is ready, then sends it SIGTERM. Returns the messages that the service
-// manager received, and the exit code. Provider, too, sends messages: "start" when the extension starts the provider,
-// and "stop" when the extension stops it.
+// manager received, which include "start" and "stop" from Provider, and the exit code.
 std::string run_extension(const Value& source, const Value& port, const char* key = "OrvaneHTTP3",
                           const Value& value = nullptr) {
   Value classes =

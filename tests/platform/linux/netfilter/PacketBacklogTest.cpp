@@ -54,13 +54,11 @@ TEST(PacketBacklog, SharesTheTimeEquallyBetweenUsers) {
   PacketBacklog backlog;
   for (uint32_t id = 0; id < 100; ++id) backlog.add(packet(65534, id), kNow, kNeverDrops);
   EXPECT_EQ(take(backlog, 50, 10ms).size(), 50u);
-  // A user whose first packet comes now does not wait for the flood, and gets no extra time for having sent nothing
-  // before.
+  // A user whose first packet comes now does not wait for the flood, and gets no extra time for earlier silence.
   for (uint32_t id = 1000; id < 1030; ++id) backlog.add(packet(1000, id), kNow, kNeverDrops);
   size_t victims = 0;
   for (uint32_t id : take(backlog, 30)) victims += id >= 1000;
-  // The flood's last packet took 10 ms. So the new user first gets 10 ms (10 packets), and then every second packet (10
-  // of the other 20).
+  // The flood's last packet took 10 ms. So the new user first gets 10 packets (10 ms), and then 10 of the other 20.
   EXPECT_NEAR(victims, 20, 1);
 }
 

@@ -11,8 +11,7 @@
 namespace orvane {
 namespace {
 
-// The kernel answers EPERM both if another program has the queue and if the privilege is missing. The extension may use
-// the proxy instead only if the privilege is missing.
+// The kernel answers EPERM also if the privilege is missing, and only then may the extension use the proxy.
 TEST(PacketQueue, WaitsForTheQueueAndReportsThatAnotherProgramHasIt) {
   const uid_t user = geteuid();
   if ((user != 0 && unshare(CLONE_NEWUSER) != 0) || unshare(CLONE_NEWNET) != 0) {

@@ -44,8 +44,7 @@ class QueueWatchdogTest : public testing::Test {
     return false;
   }
 
-  // Whether the watchdog unbinds the queue within this time. Calls `probed` with the number of each probe that the
-  // watchdog sends.
+  // Whether the watchdog unbinds the queue within this time. Calls `probed` with the number of each of its probes.
   bool unbinds(std::chrono::milliseconds time, const std::function<void(uint32_t)>& probed = nullptr) {
     const auto end = std::chrono::steady_clock::now() + time;
     for (auto left = time; left > 0ms;

@@ -37,8 +37,7 @@ TEST(DesktopEntryTest, FindsTheProgramBehindQuotesAndEnv) {
 
 // The rows cover the ways in which packages of distributions and vendors place their files.
 TEST(ApplicationIndexTest, AttributesEachProgramToItsOwnApplication) {
-  // A program, its application, and the Exec line of that application's desktop entry. If the Exec line is empty, the
-  // test makes no entry for the row.
+  // A program, its application, and the Exec line of that application's desktop entry. Without it, there is no entry.
   const std::tuple<const char*, const char*, const char*> kPrograms[] = {
       {"bin/direct", "direct", "@bin/direct"},
       {"bin/second", "zz", "second --private"},

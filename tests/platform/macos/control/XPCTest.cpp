@@ -105,8 +105,7 @@ TEST_F(XPC, RejectsArgumentsThatCannotBeSent) {
 // connection, does not confirm that the earlier messages arrived.
 TEST_F(XPC, ReportsAnEndDuringACall) {
   listen(service_);
-  // The client calls deliver() after it has sent its message, before it asks for the confirmation. So the message is
-  // delivered in between, and its receiver breaks the connection.
+  // deliver() runs between the message and the question for its confirmation. The receiver breaks the connection.
   auto deliver = [](uint64_t, uint64_t) { stand_in::deliver_messages(); };
   for (bool restarted : {false, true}) {
     for (const Client::Progress& progress : {Client::Progress(), Client::Progress(deliver)}) {
