@@ -12,30 +12,22 @@ namespace {
 
 using namespace std::chrono_literals;
 
-struct Sockets {
-  // Waits for a byte from the peer, as a call waits for its reply.
-  ssize_t receive() const {
-    char byte;
-    return TEMP_FAILURE_RETRY(recv(connection.get(), &byte, 1, 0));
-  }
-  std::pair<Descriptor, Descriptor> ends = socket_pair();
-  const Descriptor &connection = ends.first, &peer = ends.second;
-};
-
 TEST(CallTimeout, EndsACallThatIsNotAnswered) {
-  const Sockets sockets;
+  const auto [connection, peer] = socket_pair();
   CallTimeout timeout(1ms);
-  timeout.watch(sockets.connection.get());
-  EXPECT_EQ(sockets.receive(), 0);
+  timeout.watch(connection.get());
+  char byte;
+  EXPECT_EQ(TEMP_FAILURE_RETRY(recv(connection.get(), &byte, 1, 0)), 0);  // as a call waits for its reply
   EXPECT_TRUE(timeout.hasExpired());
 }
 
 TEST(CallTimeout, LeavesTheConnectionAloneAfterwards) {
-  const Sockets sockets;
-  CallTimeout(0ms).watch(sockets.connection.get());
+  const auto [connection, peer] = socket_pair();
+  CallTimeout(0ms).watch(connection.get());
   raise(SIGALRM);  // the timer's signal may still be pending when the call ends
-  EXPECT_EQ(send(sockets.peer.get(), "a", 1, MSG_NOSIGNAL), 1);
-  EXPECT_EQ(sockets.receive(), 1);
+  char byte;
+  EXPECT_EQ(send(peer.get(), "a", 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(recv(connection.get(), &byte, 1, 0), 1);
 }
 
 }  // namespace

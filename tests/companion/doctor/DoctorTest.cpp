@@ -22,6 +22,7 @@ Facts sound_machine() {
   facts.asRoot = true;
   facts.extension = {"orvane-se.service", true, true, true, "active (running)"};
   facts.keeper = {"orvane-keeper.service", true, true, true, "active (running)"};
+  facts.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};  // there are no subscriptions
   facts.connection = {ConnectionFacts::Outcome::Answered, "/run/orvane-se/org.orvane.OrvaneSE"};
   facts.clients = {{8, "orvanectl", 1}};
   facts.group = {"anna", true, true, true};
@@ -77,24 +78,16 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) { f.extension.filtersNothing = says_filtering_nothing(no_browser_status("bad list")); }},
       {"not installed", "keeper", Problem, "install", [](Facts& f) { f.keeper.installed = false; }},
       {"lists no longer fetched", "fetcher", Problem, "systemctl start orvane-fetcher.service",
-       [](Facts& f) {
-         f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
-         f.list->readOnlyLists.emplace_back().isDropIn = false;
-       }},
+       [](Facts& f) { f.list->readOnlyLists.emplace_back().isDropIn = false; }},
       {"a fetch that failed", "subscription", Warning, "no server answers",
-       [](Facts& f) {
-         f.subscriptions = {{"ads", true, "no server answers"}};
-       }},
+       [](Facts& f) { f.subscriptions.emplace_back().error = "no server answers"; }},
       {"a bad line", "subscription", Warning, "at least 1h",
        [](Facts& f) { f.badSubscriptions = {"give at least 1h"}; }},
       {"no readable subscriptions", "subscription", Problem, "links", [](Facts& f) { f.fetcherError = "hard links"; }},
       {"subscriptions of others", "subscription", Unknown, "join the group",
        [](Facts& f) { f.subscriptionsError = "Permission denied: join the group orvane"; }},
       {"nothing fetched yet", "fetcher", Warning, "systemctl start orvane-fetcher.service",
-       [](Facts& f) {
-         f.fetcher = {"orvane-fetcher.service", true, true, false, "inactive (dead)"};
-         f.subscriptions = {{"ads", false, {}}};
-       }},
+       [](Facts& f) { f.subscriptions.emplace_back(); }},
       {"no systemd", "service", Unknown, "does not answer", [](Facts& f) { f.extension.known = false; }},
       {"hidden names", "hidden-names", Warning, "12 connections",
        [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
@@ -128,7 +121,9 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"list not watched", "list", Warning, "sysctl", [](Facts& f) { f.list->watchError = "a limit is reached"; }},
       {"sites without guard", "list", Warning, "of the group work does not cover 3 sites",
        [](Facts& f) {
-         f.list->groups.push_back({"work", true, {}, {}, 0, {}, {}, 3});
+         auto& group = f.list->groups.emplace_back();
+         group.name = "work";
+         group.unguardedSites = 3;
        }},
       {"guard not saved", "list", Problem, "end with the keeper: full", [](Facts& f) { f.list->guardError = "full"; }},
       {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},

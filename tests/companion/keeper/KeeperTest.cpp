@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "companion/client/Client.h"
@@ -107,12 +108,7 @@ class Keeper : public testing::Test {
 TEST_F(Keeper, SendsOnlyTheDifference) {
   const HeldNames none, held{{"a", "b"}, {}, {}}, suspended{{"b"}, {{"a", at(9)}}, at(9)};
   const HeldNames later{{"b", "c"}, {{"a", at(10)}}, at(10)}, left{{"c"}, {}, {}};
-  const struct {
-    const char* description;
-    const HeldNames &before, &after;
-    const char* sent;
-    uint64_t edits;
-  } kCases[] = {
+  const std::tuple<const char*, const HeldNames&, const HeldNames&, const char*, uint64_t> kCases[] = {
       {"new names", none, held, "add a, add b", 2},
       {"no change", held, held, "", 0},
       {"suspension: the date while the name is held", held, suspended, "date 9 a, remove a", 2},
@@ -121,10 +117,10 @@ TEST_F(Keeper, SendsOnlyTheDifference) {
       {"removed names, one of them suspended", later, left, "remove b", 1},
   };
   FakeClient client;
-  for (const auto& c : kCases) {
+  for (const auto& [description, before, after, sent, edits] : kCases) {
     extension = {};
-    EXPECT_EQ(send_difference(client, c.before, c.after), c.edits) << c.description;
-    EXPECT_EQ(extension.log, c.sent) << c.description;
+    EXPECT_EQ(send_difference(client, before, after), edits) << description;
+    EXPECT_EQ(extension.log, sent) << description;
   }
 }
 
@@ -225,27 +221,17 @@ std::string described(ReadOnlyLists& lists, uint64_t ownRoom) {
 TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
   const uint64_t one = room_of(".a.example");
   ReadOnlyLists lists(path("d"), path("s"), 4 * one, 0ms);
-  const auto write = [&](const char* name, const char* text) {
-    std::filesystem::create_directories(std::filesystem::path(path(name)).parent_path());
-    std::ofstream(path(name)) << text;
-  };
-  const struct {
-    const char* description;
-    std::function<void()> change;
-    uint64_t ownNames;
-    const char* outcome;
-  } kSteps[] = {
+  const auto write = [&](const char* name, const char* text) { folder_.write(name, text); };
+  const std::tuple<const char*, std::function<void()>, uint64_t, const char*> kSteps[] = {
       {"no folders", [] {}, 0, ""},
-      {"files that are no lists", [&] { write("d/README", "a"), write("d/.x.list", "a"), write("s/A.list", "a"); }, 0,
-       ""},
+      {"files, but no lists", [&] { write("d/README", "a"), write("d/.x.list", "a"), write("s/A.list", "a"); }, 0, ""},
       {"drop-ins first", [&] { write("s/a.list", "s.example"), write("d/Z.list", "d.example\ne.example"); }, 0,
        ".d.example .e.example .s.example --"},
       {"no room beside the machine's list", [] {}, 2, ".d.example .e.example -!"},
       {"a machine's list that takes all room", [] {}, 9, ".d.example .e.example -!"},
       {"an unreadable file", [&] { unlink(path("d/Z.list").c_str()), write("d/Z.list/x", ""); }, 0,
        ".d.example .e.example .s.example !-"},
-      {"a list without room", [&] { write("s/b.list", "b.example\nc.example"); }, 0,
-       ".d.example .e.example .s.example !-!"},
+      {"without room", [&] { write("s/b.list", "b.example\nc.example"); }, 0, ".d.example .e.example .s.example !-!"},
       {"room again, and an unreadable file in place of another",
        [&] { std::filesystem::remove_all(path("d")), write("d/Y.list/x", ""); }, 0,
        ".s.example .b.example .c.example !--"},
@@ -259,10 +245,10 @@ TEST_F(Keeper, KeepsTheLastGoodCopyOfAReadOnlyListWithinLimits) {
       {"fewer names", [&] { std::filesystem::remove_all(path("d")), write("s/b.list", "b.example"); }, 0,
        ".b.example --"},
   };
-  for (const auto& step : kSteps) {
-    step.change();
+  for (const auto& [description, change, ownNames, outcome] : kSteps) {
+    change();
     lists.refresh();
-    EXPECT_EQ(described(lists, step.ownNames * one), step.outcome) << step.description;
+    EXPECT_EQ(described(lists, ownNames * one), outcome) << description;
   }
   for (size_t i = 0; i < ReadOnlyLists::kMostLists; ++i) write(("s/0" + std::to_string(i) + ".list").c_str(), "");
   lists.refresh();
@@ -273,12 +259,7 @@ TEST_F(Keeper, KeepsTheNamesOfAReadOnlyListThatIsBrieflyGone) {
   constexpr auto kDelay = kRereadInterval / 2;
   const std::filesystem::path folder = path("d"), away = path("e"), file = folder / "d.list";
   const auto write = [&](const char* text) { std::ofstream(file) << text; };
-  const struct {
-    const char* description;
-    std::function<void()> change;
-    std::chrono::seconds due;
-    const char* outcome;
-  } kSteps[] = {
+  const std::tuple<const char*, std::function<void()>, std::chrono::seconds, const char*> kSteps[] = {
       {"a list", [&] { write("a.example\nb.example"); }, 0s, ".a.example .b.example -"},
       {"half written", [&] { write("a.example"); }, kDelay, ".a.example .b.example -"},
       {"removed", [&] { remove(file); }, kDelay, ".a.example .b.example -"},
@@ -292,13 +273,13 @@ TEST_F(Keeper, KeepsTheNamesOfAReadOnlyListThatIsBrieflyGone) {
   };
   create_directory(folder);
   ReadOnlyLists lists(folder, path("s"), kMessageRoom, kDelay);
-  for (const auto& step : kSteps) {
-    step.change();
+  for (const auto& [description, change, expectedDue, outcome] : kSteps) {
+    change();
     lists.refresh();
     const auto due = lists.due();
     const auto isLater = due && *due - std::chrono::steady_clock::now() > kDelay;
-    EXPECT_EQ(!due ? 0s : isLater ? kRereadInterval : kDelay, step.due) << step.description;
-    EXPECT_EQ(described(lists, 0), step.outcome) << step.description;
+    EXPECT_EQ(!due ? 0s : isLater ? kRereadInterval : kDelay, expectedDue) << description;
+    EXPECT_EQ(described(lists, 0), outcome) << description;
   }
 }
 
@@ -327,8 +308,7 @@ TEST_F(StateFile, TellsWhenAVersionIsInForce) {
   EXPECT_EQ(to_json(read_keeper_state(path("state")).value()), to_json(state));
   EXPECT_EQ(wait("v", 0ms), InForce::Yes);
   EXPECT_EQ(wait("w", 20ms), InForce::TimedOut);
-  // The test waits for the version "w", but the keeper sends a later version of the list. The later version, too, ends
-  // the wait.
+  // A version later than "w" ends the wait for "w", too.
   std::ofstream(path("list")) << "a.example\n";
   std::thread keeper([&] {
     std::this_thread::sleep_for(50ms);

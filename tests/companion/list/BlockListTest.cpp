@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <tuple>
 
 #include "companion/list/BlockList.h"
 #include "support/TimeZone.h"
@@ -66,9 +67,7 @@ TEST(BlockList, FindsTheLinesThatDecideAboutAHost) {
   const BlockList list = BlockList::parse(
       "example.com\nx.example.com allowed\na.x.example.com\nexact.test only\n"
       "late.test until=1970-01-01T00:00:50Z\nb.late.test until=1970-01-01T00:00:40Z\nco.uk\n");
-  const struct {
-    const char *host, *blocking, *exception, *suspended;
-  } kCases[] = {
+  const std::tuple<const char*, const char*, const char*, const char*> kCases[] = {
       {"example.com", "example.com", "", ""},
       {"a.b.example.com", "example.com", "", ""},
       {"notexample.com", "", "", ""},
@@ -82,11 +81,11 @@ TEST(BlockList, FindsTheLinesThatDecideAboutAHost) {
       {"example.co.uk", "", "", ""},
   };
   auto host = [](const ListedSite* site) { return site == nullptr ? "" : site->host; };
-  for (const auto& c : kCases) {
-    const Decision decision = decide(list, c.host, at(10));
-    EXPECT_EQ(host(decision.blocking), c.blocking) << c.host;
-    EXPECT_EQ(host(decision.exception), c.exception) << c.host;
-    EXPECT_EQ(host(decision.suspended), c.suspended) << c.host;
+  for (const auto& [asked, blocking, exception, suspended] : kCases) {
+    const Decision decision = decide(list, asked, at(10));
+    EXPECT_EQ(host(decision.blocking), blocking) << asked;
+    EXPECT_EQ(host(decision.exception), exception) << asked;
+    EXPECT_EQ(host(decision.suspended), suspended) << asked;
   }
   EXPECT_EQ(host(decide(list, "b.late.test", at(45)).blocking), "b.late.test");
 }
@@ -170,21 +169,17 @@ TEST(BlockList, HoldsWhatOneOfItsGroupsBlocks) {
   const BlockList list = BlockList::parse(
       "a.example until=1970-01-01T00:05:00Z\nx.example\n[group night]\nschedule = 22:00-06:00\na.example\nn.example\n"
       "y.example until=1970-01-01T00:10:00Z\nx.example allowed\n[group off]\nenabled = no\no.example\na.example\n");
-  const struct {
-    const char* moment;
-    std::vector<std::string> names;
-    const char* nextChange;
-  } kCases[] = {
+  const std::tuple<const char*, std::vector<std::string>, const char*> kCases[] = {
       {"1970-01-01T00:01:00Z", {"!.x.example", ".a.example", ".n.example", ".x.example"}, "1970-01-01T00:10:00Z"},
       {"1970-01-01T00:10:00Z",
        {"!.x.example", ".a.example", ".n.example", ".x.example", ".y.example"},
        "1970-01-01T06:00:00Z"},
       {"1970-01-01T06:00:00Z", {".a.example", ".x.example"}, "1970-01-01T22:00:00Z"},
   };
-  for (const auto& c : kCases) {
-    const HeldNames held = held_names(list, read_moment(c.moment));
-    EXPECT_EQ(held.names, c.names) << c.moment;
-    EXPECT_TRUE(held.nextChange == read_moment(c.nextChange)) << c.moment;
+  for (const auto& [moment, names, nextChange] : kCases) {
+    const HeldNames held = held_names(list, read_moment(moment));
+    EXPECT_EQ(held.names, names) << moment;
+    EXPECT_TRUE(held.nextChange == read_moment(nextChange)) << moment;
   }
   const Decision decision = decide(list, "n.example", read_moment("1970-01-01T12:00:00Z"));
   EXPECT_EQ(decision.blocking, nullptr);

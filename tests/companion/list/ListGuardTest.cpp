@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <numeric>
+#include <tuple>
 
 #include "companion/list/ListGuard.h"
 #include "support/TimeZone.h"
@@ -53,11 +54,7 @@ TEST(ListGuard, KeepsALockedGroupAgainstEveryChangeOfTheFile) {
   const std::string file =
       group + "schedule = Mon 09:00-17:00\na.example\nx.a.example allowed\nb.example\n[group more]\nm.example\n";
   const std::string held = "!.x.a.example .a.example .b.example .m.example";
-  const struct {
-    const char* change;
-    std::string file;
-    std::string held;
-  } kCases[] = {
+  const std::tuple<const char*, std::string, std::string> kCases[] = {
       {"nothing", file, held},
       {"all removed", "", ".a.example .b.example"},
       {"the group removed", "[group more]\nm.example\n", ".a.example .b.example .m.example"},
@@ -78,9 +75,9 @@ TEST(ListGuard, KeepsALockedGroupAgainstEveryChangeOfTheFile) {
       {"locked for less time", "[group work]\nlock-until = 2026-06-01T12:00:30Z\n", ".a.example .b.example .c.example"},
   };
   Machine machine;
-  for (const auto& c : kCases) {
+  for (const auto& [change, text, expected] : kCases) {
     machine.running += 5;
-    EXPECT_EQ(machine.read(c.file), c.held) << c.change;
+    EXPECT_EQ(machine.read(text), expected) << change;
   }
   machine.running = 1000 + 3600 - 1;
   EXPECT_EQ(machine.read(""), ".a.example .b.example .c.example");
@@ -126,11 +123,7 @@ TEST(ListGuard, EndsALockAfterTimeThatTheMachineHasRun) {
 TEST(ListGuard, OpensALockedSiteByScheduleOnlyOnBothClocks) {
   const std::string open = "[group work]\na.example\n[group pause]\nschedule = Mon 12:30-12:40\na.example allowed\n";
   const std::string locked = open + "[group work]\n" + kLock;
-  const struct {
-    const char* what;
-    int running, clockSet;
-    std::string held;
-  } kCases[] = {
+  const std::tuple<const char*, int, int, std::string> kCases[] = {
       {"before the span", 1010, 0, ".a.example"},
       {"with the clock set into the span", 1020, 1800, ".a.example"},
       {"in the span", 2860, 0, "!.a.example .a.example"},
@@ -138,10 +131,10 @@ TEST(ListGuard, OpensALockedSiteByScheduleOnlyOnBothClocks) {
   };
   Machine machine;
   machine.read(open);
-  for (const auto& c : kCases) {
-    machine.running = c.running;
-    machine.clock = c.clockSet - 1000;
-    EXPECT_EQ(machine.read(locked), c.held) << c.what;
+  for (const auto& [what, running, clockSet, held] : kCases) {
+    machine.running = running;
+    machine.clock = clockSet - 1000;
+    EXPECT_EQ(machine.read(locked), held) << what;
     machine.restartKeeper();
   }
   machine.clock = -1000;
@@ -183,11 +176,8 @@ TEST(ListGuard, GuardsNoMoreThanItCanSave) {
 
 TEST(ListGuard, DelaysWhatBlocksLess) {
   const std::string group = "[group work]\ndelay = 10m\n", file = group + "a.example\nb.example\n";
-  const struct {
-    const char* what;
-    int at;  // seconds since the first step
-    std::string file, held;
-  } kCases[] = {
+  // The second column has the seconds since the first step.
+  const std::tuple<const char*, int, std::string, std::string> kCases[] = {
       {"at first", 0, file, ".a.example .b.example"},
       {"removed", 100, group + "b.example\n", ".a.example .b.example"},
       {"another removed", 300, group, ".a.example .b.example"},
@@ -201,9 +191,9 @@ TEST(ListGuard, DelaysWhatBlocksLess) {
       {"removed at once", 1400, "[group work]\n", ""},
   };
   Machine machine;
-  for (const auto& c : kCases) {
-    machine.running = 1000 + c.at;
-    EXPECT_EQ(machine.read(c.file), c.held) << c.what;
+  for (const auto& [what, at, text, held] : kCases) {
+    machine.running = 1000 + at;
+    EXPECT_EQ(machine.read(text), held) << what;
     machine.restartKeeper();
   }
 }
@@ -211,13 +201,9 @@ TEST(ListGuard, DelaysWhatBlocksLess) {
 TEST(ListGuard, BeginsADelayAnewForAChangeThatBlocksLessThanThePendingOne) {
   const std::string group = "[group work]\ndelay = 15m\n", file = group + "a.example\n";
   const std::string lock = group + "lock-until = 2026-06-01T12:10:00Z\n";
-  const struct {
-    const char* what;
-    std::string first;  // the file from the second 10 on
-    std::string second;
-    int end;  // the second at which the second file begins to have an effect, if the file has had it since second 905
-    std::string held;  // then
-  } kCases[] = {
+  // After the name: the file from the second 10 on, the file from the second 905 on, the second at which the latter
+  // begins to have an effect, and the names that are in force then.
+  const std::tuple<const char*, std::string, std::string, int, std::string> kCases[] = {
       {"a suspension that had ended already", group + "a.example until=2000-01-01T00:00:00Z\n", group, 1805, ""},
       {"a site without its subdomains", group + "a.example only\n", group, 1805, ""},
       {"a shorter suspension", group + "a.example until=2026-06-01T12:30:00Z\n",
@@ -229,7 +215,7 @@ TEST(ListGuard, BeginsADelayAnewForAChangeThatBlocksLessThanThePendingOne) {
       {"a removal", group, group + "a.example only\n", 910, "a.example"},
       {"the group's removal", "", group + "enabled = no\na.example\n", 910, ""},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [what, firstFile, secondFile, end, expected] : kCases) {
     Machine machine;
     const auto read = [&](int second, const std::string& text) {
       machine.running = 1000 + second;
@@ -237,11 +223,11 @@ TEST(ListGuard, BeginsADelayAnewForAChangeThatBlocksLessThanThePendingOne) {
       machine.restartKeeper();
       return held;
     };
-    EXPECT_EQ(read(0, file), ".a.example") << c.what;
-    EXPECT_EQ(read(10, c.first), ".a.example") << c.what;
-    EXPECT_EQ(read(905, c.second), ".a.example") << c.what;
-    EXPECT_EQ(read(c.end - 1, c.second), ".a.example") << c.what;
-    EXPECT_EQ(read(c.end, c.second), c.held) << c.what;
+    EXPECT_EQ(read(0, file), ".a.example") << what;
+    EXPECT_EQ(read(10, firstFile), ".a.example") << what;
+    EXPECT_EQ(read(905, secondFile), ".a.example") << what;
+    EXPECT_EQ(read(end - 1, secondFile), ".a.example") << what;
+    EXPECT_EQ(read(end, secondFile), expected) << what;
   }
   Machine machine;
   machine.read(file);

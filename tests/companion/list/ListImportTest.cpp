@@ -107,8 +107,7 @@ TEST(ListImport, KeepsSuspensions) {
   EXPECT_EQ(counts.removed, 2U);
 }
 
-// The processor time for importing these names and then finding each of them in the list. The least of five times,
-// because the time that a hypervisor takes away counts, too.
+// The processor time to import and find these names. The least of five times, as a hypervisor's time counts, too.
 std::clock_t import_time(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) text += name + '\n';
@@ -135,13 +134,7 @@ TEST(ListImport, KeepsTheGroupsOfAnExport) {
   const std::string groups =
       "delay = 5m\na.example\n\n[group work]\nschedule = Mon..Fri 09:00-17:00\nenabled = no\na.example only\n"
       "\n[group play]\n";
-  const struct {
-    const char* what;
-    std::string before, imported;
-    bool replace;
-    std::string after, undone;
-    size_t unchangedGroups;
-  } kCases[] = {
+  const std::tuple<const char*, std::string, std::string, bool, std::string, std::string, size_t> kCases[] = {
       {"into an empty list", "", groups, false, groups, "", 0},
       {"into itself", groups, groups, true, groups, groups, 0},
       {"into groups with sites", "b.example\n[group work]\n# mine\nc.example\n", groups, false,
@@ -152,13 +145,13 @@ TEST(ListImport, KeepsTheGroupsOfAnExport) {
        "b.example\n[group work]\n# mine\na.example\n[group own]\nd.example\n",
        "b.example\n[group work]\n# mine\nc.example\n[group own]\nd.example\n", 1},
   };
-  for (const auto& c : kCases) {
-    BlockList list = BlockList::parse(c.before);
-    const ImportCounts counts = put_imported(list, read_import(c.imported, {}, ignore, nullptr), c.replace);
-    EXPECT_EQ(list.text(), c.after) << c.what;
-    EXPECT_EQ(counts.unchangedGroups.size(), c.unchangedGroups) << c.what;
+  for (const auto& [what, before, text, replace, after, undone, unchangedGroups] : kCases) {
+    BlockList list = BlockList::parse(before);
+    const ImportCounts counts = put_imported(list, read_import(text, {}, ignore, nullptr), replace);
+    EXPECT_EQ(list.text(), after) << what;
+    EXPECT_EQ(counts.unchangedGroups.size(), unchangedGroups) << what;
     take_back(list, read_import_record(counts.record));
-    EXPECT_EQ(list.text(), c.undone) << c.what;
+    EXPECT_EQ(list.text(), undone) << what;
   }
   BlockList list = BlockList::parse("[group play]\n");
   put_imported(list, read_import(groups, {{}, "play"}, ignore, nullptr), false);

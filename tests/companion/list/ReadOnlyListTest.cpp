@@ -3,6 +3,7 @@
 #include <deque>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "companion/list/ReadOnlyList.h"
@@ -26,14 +27,7 @@ std::string names_of(const ReadOnlyList& list) {
 }
 
 TEST(ReadOnlyList, HasTheLinesThatItMayHave) {
-  const struct {
-    const char* description;
-    ListKind kind;
-    const char* text;
-    const char* names;
-    size_t badLines;
-    bool isSuspendable;
-  } kCases[] = {
+  const std::tuple<const char*, ListKind, const char*, const char*, size_t, bool> kCases[] = {
       {"empty", ListKind::DropIn, "", "", 0, false},
       {"all kinds of lines", ListKind::Subscription,
        "\xef\xbb\xbf# from\r\nwww.B.example\r\na.example only # x\nc.example allowed\n[group ads]\n-d.example\n",
@@ -52,12 +46,12 @@ TEST(ReadOnlyList, HasTheLinesThatItMayHave) {
       {"suspendable with another value", ListKind::DropIn, "suspendable=no\n", "", 1, false},
       {"suspendable in a subscription", ListKind::Subscription, "suspendable=yes\n", "", 1, false},
   };
-  for (const auto& c : kCases) {
-    const ReadOnlyList list = ReadOnlyList::parse(c.text, c.kind);
-    EXPECT_EQ(names_of(list), c.names) << c.description;
-    EXPECT_EQ(list.badLineCount, c.badLines) << c.description;
-    EXPECT_EQ(list.badLines.size(), c.badLines) << c.description;
-    EXPECT_EQ(list.isSuspendable, c.isSuspendable) << c.description;
+  for (const auto& [description, kind, text, names, badLines, isSuspendable] : kCases) {
+    const ReadOnlyList list = ReadOnlyList::parse(text, kind);
+    EXPECT_EQ(names_of(list), names) << description;
+    EXPECT_EQ(list.badLineCount, badLines) << description;
+    EXPECT_EQ(list.badLines.size(), badLines) << description;
+    EXPECT_EQ(list.isSuspendable, isSuspendable) << description;
   }
 }
 
@@ -75,10 +69,7 @@ bool is_blocked(const std::vector<std::string>& names, const std::string& host) 
 
 // Lines are separated by semicolons. The hosts of a row are those that are blocked, then those that are not.
 TEST(UnitedNames, BlockWhatTheListsOfEachRankSay) {
-  const struct {
-    const char *description, *own, *fixed, *open;
-    const char *blocked, *passing;
-  } kCases[] = {
+  const std::tuple<const char*, const char*, const char*, const char*, const char*, const char*> kCases[] = {
       {"all lists", "a.example", "b.example only", "c.example;a.example", "a.example x.c.example b.example",
        "x.b.example d.example"},
       {"own exception, subscription", "x.a.example allowed", "", "a.example;y.x.a.example", "a.example",
@@ -106,31 +97,30 @@ TEST(UnitedNames, BlockWhatTheListsOfEachRankSay) {
       {"suspension, drop-in", "a.example until=2999-01-01T00:00:00Z", "a.example", "", "a.example", ""},
       {"suspension of a name only", "a.example until=2999-01-01T00:00:00Z only", "", "a.example only;b.a.example",
        "b.a.example", "a.example"},
-      {"suspension of a public suffix", "co.uk until=2999-01-01T00:00:00Z", "", "co.uk only;a.co.uk", "a.co.uk",
-       "co.uk"},
+      {"suspended public suffix", "co.uk until=2999-01-01T00:00:00Z", "", "co.uk only;a.co.uk", "a.co.uk", "co.uk"},
       {"suspension below a subscription's site", "b.a.example until=2999-01-01T00:00:00Z", "", "a.example",
        "b.a.example", ""},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [description, ownLines, fixed, open, blockedHosts, passingHosts] : kCases) {
     const auto text = [](std::string lines) {
       for (char& each : lines) each = each == ';' ? '\n' : each;
       return lines;
     };
-    const HeldNames own = held_names(BlockList::parse(text(c.own)), Moment());
+    const HeldNames own = held_names(BlockList::parse(text(ownLines)), Moment());
     const PackedNames ownNames(own.names);
     std::vector<RankedNames> lists{{Rank::Own, &ownNames}};
-    std::deque<ReadOnlyList> others{ReadOnlyList::parse(text(c.fixed), ListKind::DropIn),
-                                    ReadOnlyList::parse(text(c.open), ListKind::Subscription),
-                                    ReadOnlyList::parse(text(c.open) + "\nsuspendable=yes", ListKind::DropIn)};
+    std::deque<ReadOnlyList> others{ReadOnlyList::parse(text(fixed), ListKind::DropIn),
+                                    ReadOnlyList::parse(text(open), ListKind::Subscription),
+                                    ReadOnlyList::parse(text(open) + "\nsuspendable=yes", ListKind::DropIn)};
     for (const ReadOnlyList& list : others) {
       for (const auto& section : list.sections) lists.push_back({list.rank(), &section.names});
     }
     const std::vector<std::string> names = unite(lists, own.suspended);
-    EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << c.description;
-    EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end()) << c.description;
-    std::istringstream blocked(c.blocked), passing(c.passing);
-    for (std::string host; blocked >> host;) EXPECT_TRUE(is_blocked(names, host)) << c.description << ": " << host;
-    for (std::string host; passing >> host;) EXPECT_FALSE(is_blocked(names, host)) << c.description << ": " << host;
+    EXPECT_TRUE(std::is_sorted(names.begin(), names.end())) << description;
+    EXPECT_EQ(std::adjacent_find(names.begin(), names.end()), names.end()) << description;
+    std::istringstream blocked(blockedHosts), passing(passingHosts);
+    for (std::string host; blocked >> host;) EXPECT_TRUE(is_blocked(names, host)) << description << ": " << host;
+    for (std::string host; passing >> host;) EXPECT_FALSE(is_blocked(names, host)) << description << ": " << host;
   }
 }
 

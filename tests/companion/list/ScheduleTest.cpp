@@ -3,6 +3,7 @@
 #include <array>
 #include <ctime>
 #include <iterator>
+#include <utility>
 
 #include "companion/list/Schedule.h"
 #include "support/TimeZone.h"
@@ -37,8 +38,7 @@ TEST(Schedule, ReadsSpansAndWritesThemInOneForm) {
   EXPECT_FALSE(schedule.add("Tue", fault)) << "more spans than the keeper looks through in a moment";
 }
 
-// A span in the syntax of Schedule, and the same span in a form that is_in() can compare with a clock: the begin and
-// the end as "HH:MM". Such texts compare in the same order as the times.
+// A span in the syntax of Schedule, and for is_in(), with begin and end as "HH:MM": such texts compare like the times.
 struct Span {
   const char* text;
   const char *days, *begin, *end;  // `days`: one digit for each day, 1 for Monday
@@ -64,13 +64,11 @@ TEST(Schedule, ChangesAtEachMinuteAtWhichTheClockEntersOrLeavesASpan) {
       {"Mon..Fri 09:00-17:00", "12345", "09:00", "17:00"}, {"Sat,Sun 22:00-02:30", "67", "22:00", "02:30"},
       {"Sun 02:15-02:45", "7", "02:15", "02:45"},          {"Sun 01:30-03:00", "7", "01:30", "03:00"},
       {"Sat 23:00-01:15", "6", "23:00", "01:15"},          {"Sun 00:00-24:00", "7", "00:00", "24:00"}};
-  const struct {
-    const char *name, *start;
-  } kChanges[] = {{"Europe/Berlin", "2026-03-27T11:07:00Z"},
-                  {"Europe/Berlin", "2026-10-23T11:07:00Z"},
-                  {"America/New_York", "2026-03-06T11:07:00Z"},
-                  {"America/New_York", "2026-10-30T11:07:00Z"},
-                  {"Australia/Lord_Howe", "2026-04-03T11:07:00Z"}};
+  const std::pair<const char*, const char*> kChanges[] = {{"Europe/Berlin", "2026-03-27T11:07:00Z"},
+                                                          {"Europe/Berlin", "2026-10-23T11:07:00Z"},
+                                                          {"America/New_York", "2026-03-06T11:07:00Z"},
+                                                          {"America/New_York", "2026-10-30T11:07:00Z"},
+                                                          {"Australia/Lord_Howe", "2026-04-03T11:07:00Z"}};
   constexpr std::chrono::minutes kLength = std::chrono::hours(24 * 10);
   for (const auto& [name, start] : kChanges) {
     const TimeZone zone(name);

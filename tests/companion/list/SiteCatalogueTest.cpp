@@ -1,7 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <functional>
+#include <tuple>
 
 #include "companion/list/BlockListLine.h"
 #include "companion/list/SiteCatalogue.h"
@@ -10,8 +11,7 @@
 namespace orvane {
 namespace {
 
-// The result of read_site_file(): the site's name, category and hosts, "!" if the site cannot be used, and the numbers
-// of the bad lines.
+// The site's name, category and hosts, "!" if the site cannot be used, and the numbers of the bad lines.
 std::string read(std::string_view text) {
   CatalogueSite site;
   std::string faults;
@@ -25,10 +25,7 @@ std::string read(std::string_view text) {
 }
 
 TEST(SiteCatalogue, ReadsTheGoodLinesOfAFile) {
-  const struct {
-    const char* description;
-    std::string_view text, expected;
-  } kCases[] = {
+  const std::tuple<const char*, std::string_view, std::string_view> kCases[] = {
       {"all forms of a line",
        "\xef\xbb\xbfname: A & B\r\ncategory: news\r\n\r\n# source: x\r\nwww.A.example # y\n.m.b.example\nc.example "
        "only",
@@ -46,18 +43,13 @@ TEST(SiteCatalogue, ReadsTheGoodLinesOfAFile) {
 
 TEST(SiteCatalogue, FindsSitesOfAllFolders) {
   const TemporaryFolder folder;
-  const auto write = [&](const char* file, const std::string& text) {
-    const std::filesystem::path path = folder.path() / file;
-    std::filesystem::create_directory(path.parent_path());
-    std::ofstream(path) << text;
-  };
-  write("one/you-see.site", "name: YouSee\ncategory: video\nyousee.example\nsee.example");
-  write("one/chat.site", "name: Chat\ncategory: social\nchat.example");
-  write("one/kept.site", "name: Kept\ncategory: social\nkept.example");
-  write("two/chat.site", "name: Our Chat\ncategory: social\nchat.example\nown.example");
-  write("two/kept.site", "name: No host\ncategory: social");
-  write("two/No Name.site", "");
-  write("two/.hidden.site", "");
+  folder.write("one/you-see.site", "name: YouSee\ncategory: video\nyousee.example\nsee.example");
+  folder.write("one/chat.site", "name: Chat\ncategory: social\nchat.example");
+  folder.write("one/kept.site", "name: Kept\ncategory: social\nkept.example");
+  folder.write("two/chat.site", "name: Our Chat\ncategory: social\nchat.example\nown.example");
+  folder.write("two/kept.site", "name: No host\ncategory: social");
+  folder.write("two/No Name.site", "");
+  folder.write("two/.hidden.site", "");
   std::filesystem::create_directory(folder.path() / "two/folder.site");
   const SiteCatalogue catalogue =
       SiteCatalogue::read({folder.path() / "one", folder.path() / "none", folder.path() / "two"});
@@ -77,11 +69,7 @@ TEST(SiteCatalogue, FindsSitesOfAllFolders) {
   const auto category = [&](std::string_view word) { return catalogue.ofCategory(word); };
   const auto search = [&](std::string_view word) { return catalogue.search(word); };
   const auto similar = [&](std::string_view word) { return catalogue.similar(word); };
-  const struct {
-    const char* description;
-    std::function<Sites(std::string_view)> lookUp;
-    const char *word, *expected;
-  } kCases[] = {
+  const std::tuple<const char*, std::function<Sites(std::string_view)>, const char*, const char*> kCases[] = {
       {"an id, and an overridden site", find, "chat", "Our Chat;"},
       {"an id with a broken override", find, "kept", "Kept;"},
       {"a name in another spelling", find, "you SEE!", "YouSee;"},

@@ -4,13 +4,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "companion/statistics/DropSums.h"
 #include "companion/statistics/Plot.h"
 #include "companion/statistics/Statistics.h"
-#include "companion/text/Input.h"
 #include "platform/linux/flow/DropEntry.h"
 #include "support/TemporaryFolder.h"
 #include "support/TimeZone.h"
@@ -99,11 +99,7 @@ TEST_F(Statistics, SumUpEntriesOfTheExtensionAlone) {
 
 TEST_F(Statistics, SayWhyThereAreNone) {
   if (!std::filesystem::exists(kRemote)) GTEST_SKIP() << "needs systemd-journal-remote";
-  const struct {
-    const char *value, *since;
-    bool hasEntry;  // of last week
-    const char* text;
-  } kCases[] = {
+  const std::tuple<const char*, const char*, bool, const char*> kCases[] = {
       {"yes", "today", false, "Blocked connections are recorded, but none is in the journal: "},
       {"no", "today", false,
        "Blocked connections are not recorded. To switch the recording on, set the key OrvaneRecordDrops in "},
@@ -114,10 +110,10 @@ TEST_F(Statistics, SayWhyThereAreNone) {
        "give an earlier --since. Blocked connections are not recorded. To switch the recording on"},
       {"no", "2026-11-15", true, "\nThe recording is off now. To switch the recording on, set the key"},
   };
-  for (const auto& c : kCases) {
-    setKey(c.value);
-    if (c.hasEntry) addDrops("held.example", 1, "2026-11-16T11:00:00Z");
-    EXPECT_NE(print({.since = c.since}).find(c.text), std::string::npos) << c.text;
+  for (const auto& [value, since, hasOldEntry, text] : kCases) {
+    setKey(value);
+    if (hasOldEntry) addDrops("held.example", 1, "2026-11-16T11:00:00Z");
+    EXPECT_NE(print({.since = since}).find(text), std::string::npos) << text;
   }
   const std::string early = print({.since = "2026-11-15 10:00", .until = "2026-11-15 11:00"});
   EXPECT_NE(early.find("leave out --until to see later ones"), std::string::npos) << early;

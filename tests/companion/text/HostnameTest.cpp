@@ -52,10 +52,7 @@ TEST(Hostname, ConvertsToTheFormThatBrowsersSend) {
 }
 
 TEST(Hostname, NamesTheFaultOfAnInvalidName) {
-  const struct {
-    const char* fault;
-    std::vector<std::string> names;
-  } kCases[] = {
+  const std::pair<const char*, std::vector<std::string>> kCases[] = {
       {"it is empty", {"", "."}},
       {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 removes the soft hyphen
       {"it is a URL", {"https://example.com/", "https://b\u00fccher.example", "https://\x1b[2J\u202e/"}},
@@ -73,11 +70,11 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       {"it is not a valid international", {"xn--a.b", "xn--abc-.b", "1\u05d0\u05d1.example", "a\u2028b.example"}},
       {"it ", {"\u00fc\uff0fx"}},  // U+FF0F maps to a slash; libidn2 and ICU report different faults
   };
-  for (const auto& c : kCases) {
-    for (const std::string& given : c.names) {
+  for (const auto& [begin, names] : kCases) {
+    for (const std::string& given : names) {
       std::string name, fault;
       EXPECT_FALSE(normalize_hostname(given, name, fault)) << given << " became " << name;
-      EXPECT_EQ(fault.substr(0, std::string(c.fault).size()), c.fault) << given;
+      EXPECT_EQ(fault.substr(0, std::string(begin).size()), begin) << given;
       EXPECT_EQ(printable(fault, false), fault) << given;
     }
   }

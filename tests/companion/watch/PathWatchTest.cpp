@@ -1,14 +1,13 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "companion/watch/PathWatch.h"
 #include "support/TemporaryFolder.h"
@@ -51,11 +50,7 @@ TEST_F(PathWatchTest, ReportsEachChangeOfAWatchedFile) {
   write("other", "a");
   std::filesystem::create_directory(path("lists.d"));
   PathWatch watch({path("list"), path("lists.d/*.list"), path("later/below/list")});
-  const struct {
-    const char* description;
-    std::function<void()> change;
-    bool isReported;
-  } kSteps[] = {
+  const std::tuple<const char*, std::function<void()>, bool> kSteps[] = {
       {"nothing", [] {}, false},
       {"a write into the file", [&] { write("list", "b"); }, true},
       {"a replacement", [&] { write("new", "c"), rename("new", "list"); }, true},
@@ -73,9 +68,9 @@ TEST_F(PathWatchTest, ReportsEachChangeOfAWatchedFile) {
       {"a write into this file", [&] { write("later/below/list", "b"); }, true},
       {"a folder under another name", [&] { rename("later", "gone"); }, true},
   };
-  for (const auto& step : kSteps) {
-    step.change();
-    EXPECT_EQ(reports(watch), step.isReported) << step.description;
+  for (const auto& [description, change, isReported] : kSteps) {
+    change();
+    EXPECT_EQ(reports(watch), isReported) << description;
     while (reports(watch)) continue;
   }
 }

@@ -144,14 +144,9 @@ def LockHoldsAgainstEveryoneButRoot(world: World):
             imported = _held_back(keeper, "import", "-", text=f"x.{HELD} allowed\n")
             check(imported, [("lock", 1)], "what holds an imported exception back")
             text = keeper.list.read_text()
-            for refused in (
-                "group disable work",
-                "group remove work",
-                "group schedule work always",
-                f"unblock --group work {HELD}",
-                f"suspend --group work {HELD} --for 1h",
-                f"allow --group work {HELD}",
-            ):
+            commands = ["group disable work", "group remove work", "group schedule work always"]
+            commands += [f"{verb} --group work {HELD}" for verb in ("unblock", "suspend --for 1h", "allow")]
+            for refused in commands:
                 check(keeper.control(*refused.split()).returncode, 1, f"the exit code of {refused}")
             check(keeper.list.read_text(), text, "the list after refused commands")
 

@@ -21,10 +21,7 @@ _ADDRESSES = {"-4": (socket.AF_INET, "127.0.0.9"), "-6": (socket.AF_INET6, "::1"
 
 
 def _recorded(file: str = "firefox_1") -> list[bytes]:
-    """The datagrams of a record. In the file, each datagram comes after its length.
-
-    The record of a browser has two datagrams. The name HELD is complete only with the second.
-    """
+    """The datagrams of a record, each after its length. A browser's record has two, and HELD is complete with both."""
     text, datagrams = (_RECORDS / file).read_bytes(), []
     while text:
         end = 2 + int.from_bytes(text[:2], "big")
@@ -83,9 +80,7 @@ def _send(connection: socket.socket, *datagrams: bytes) -> bool:
 
 
 def _wait_for_abort(client: socket.socket) -> None:
-    wait_until(
-        lambda: client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) == errno.ECONNABORTED, "the socket is aborted"
-    )
+    wait_until(lambda: client.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) == errno.ECONNABORTED, "the abort")
 
 
 def HoldsBackTheDatagramThatCompletesAHeldName(world: World):

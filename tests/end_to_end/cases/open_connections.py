@@ -41,10 +41,6 @@ class _Download:
         before = self._size()
         wait_until(lambda: self._size() > before, f"{self.name} goes on")
 
-    def check_was_reset(self) -> None:
-        """Checks that curl ended with its exit code for a reset."""
-        check(self.process.poll(), 56, f"{self.name}: exit code")
-
 
 def _curl(world: World, path: str, family: str) -> list:
     return [path, family, "--disable", "--silent", "--no-buffer", "--cacert", world.servers.authority, "--output"]
@@ -75,7 +71,7 @@ def EndsOpenDownloadsOfABlockedName(world: World):
                 download.check_goes_on()
             if source == "netfilter":
                 for download in held:
-                    download.check_was_reset()
+                    check(download.process.poll(), 56, f"{download.name}: curl's exit code for a reset")
                 check(extension.counters()["ended"], len(held), "ended flows")
 
 

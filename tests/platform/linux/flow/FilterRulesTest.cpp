@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "platform/linux/flow/FilterRules.h"
 
 namespace orvane {
@@ -40,14 +42,7 @@ TEST(FilterRules, MatchByDirectionProtocolPortAndNetwork) {
 }
 
 TEST(FilterRules, CoverHTTP3WhereTheyFilterHTTPS) {
-  const struct {
-    const char* name;
-    const char* port;
-    Protocol protocol;
-    NETrafficDirection direction;
-    Action action;
-    bool isCovered;
-  } kCases[] = {
+  const std::tuple<const char*, const char*, Protocol, NETrafficDirection, Action, bool> kCases[] = {
       {"HTTPS", "443", Protocol::TCP, Outbound, Action::FilterData, true},
       {"HTTPS by its service, in any direction", "https", Protocol::TCP, Any, Action::FilterData, true},
       {"HTTP", "80", Protocol::TCP, Outbound, Action::FilterData, false},
@@ -55,15 +50,15 @@ TEST(FilterRules, CoverHTTP3WhereTheyFilterHTTPS) {
       {"inbound", "443", Protocol::TCP, Inbound, Action::FilterData, false},
       {"allowed", "443", Protocol::TCP, Outbound, Action::Allow, false},
   };
-  for (const auto& c : kCases) {
-    auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname("192.0.2.0", c.port), 24,
-                                                     nullptr, 0, c.protocol, c.direction);
-    const auto settings = with_http3({{NEFilterRule::initWithNetworkRule(rule, c.action)}, Action::Drop});
-    ASSERT_EQ(settings.rules.size(), c.isCovered ? 2U : 1U) << c.name;
-    EXPECT_EQ(settings.rules.front().networkRule.protocol, c.protocol) << c.name;
-    EXPECT_EQ(settings.defaultAction, Action::Drop) << c.name;
-    if (!c.isCovered) continue;
-    EXPECT_EQ(action_for_outbound_flow(settings, {"192.0.2.7", 443, Protocol::UDP}), Action::FilterData) << c.name;
+  for (const auto& [name, port, protocol, direction, action, isCovered] : kCases) {
+    auto rule = NENetworkRule::initWithRemoteNetwork(NWHostEndpoint::endpointWithHostname("192.0.2.0", port), 24,
+                                                     nullptr, 0, protocol, direction);
+    const auto settings = with_http3({{NEFilterRule::initWithNetworkRule(rule, action)}, Action::Drop});
+    ASSERT_EQ(settings.rules.size(), isCovered ? 2U : 1U) << name;
+    EXPECT_EQ(settings.rules.front().networkRule.protocol, protocol) << name;
+    EXPECT_EQ(settings.defaultAction, Action::Drop) << name;
+    if (!isCovered) continue;
+    EXPECT_EQ(action_for_outbound_flow(settings, {"192.0.2.7", 443, Protocol::UDP}), Action::FilterData) << name;
   }
 }
 

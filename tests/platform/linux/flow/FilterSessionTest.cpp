@@ -3,8 +3,8 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <initializer_list>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "database/db.h"
@@ -64,7 +64,7 @@ Ref<LinuxSocketFlow> flow_to(const std::string& host, uint16_t port = 443) {
   return flow;
 }
 
-void list(std::initializer_list<std::string_view> names) {
+void list(const std::vector<std::string_view>& names) {
   Value::Set set;
   for (std::string_view name : names) set.insert(Value::string(name));
   db_hostname_set(Value::set(std::move(set)));
@@ -120,12 +120,7 @@ TEST_F(FilterSessionTest, AsksUnderTheHostAndItsParentsUpToTheRegistrableDomain)
 }
 
 TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreAllowed) {
-  const struct {
-    const char* description;
-    std::initializer_list<std::string_view> listed;
-    const char* host;
-    bool dropped;
-  } kCases[] = {
+  const std::tuple<const char*, std::vector<std::string_view>, std::string, bool> kCases[] = {
       {"the site itself", {".held.example"}, "held.example", true},
       {"below it", {".held.example"}, "a.b.held.example", true},
       {"an exception", {".held.example", "!.x.held.example"}, "x.held.example", false},
@@ -133,14 +128,14 @@ TEST_F(FilterSessionTest, DropsSubdomainsUnlessTheyAreAllowed) {
       {"an exception from an exact name", {"x.held.example", "!.held.example"}, "x.held.example", false},
       {"no name", {".held.example"}, "", false},
   };
-  for (const auto& c : kCases) {
-    list(c.listed);
-    const std::string host = c.host, url = "http://" + host + "/path";
+  for (const auto& [description, listed, host, dropped] : kCases) {
+    list(listed);
+    const std::string url = "http://" + host + "/path";
     identifier = "browser";
-    EXPECT_EQ(drops(general, flow_to(host)), c.dropped) << c.description;
-    EXPECT_EQ(drops(general, LinuxURLFlow::create(own_token(), url, host)), c.dropped) << "URL: " << c.description;
+    EXPECT_EQ(drops(general, flow_to(host)), dropped) << description;
+    EXPECT_EQ(drops(general, LinuxURLFlow::create(own_token(), url, host)), dropped) << "URL: " << description;
     identifier = "com.apple.Safari";
-    EXPECT_EQ(drops(safari, flow_to(host)), c.dropped) << "Safari: " << c.description;
+    EXPECT_EQ(drops(safari, flow_to(host)), dropped) << "Safari: " << description;
   }
 }
 

@@ -49,23 +49,18 @@ TEST(KernelRulesText, WritesARuleForItsFamiliesAndProtocols) {
   const std::string n = "-A ORVANE-NEW -p ", pend = " -g ORVANE-PENDING\n", same = "=";
   const std::string last = "-A ORVANE-NEW" + pend;
   const std::tuple<const char*, Rule, std::string, std::string> cases[] = {
-      {"any port", {"", "0"}, n + "tcp" + pend, same},
-      {"a service, any protocol",
-       {"", "domain", 0, Protocol::Any},
-       n + "tcp --dport 53" + pend + n + "udp --dport 53" + pend,
-       same},
-      {"an IPv4 network", {"10.1.0.0", "80", 16}, n + "tcp -d 10.1.0.0/16 --dport 80" + pend, ""},
-      {"a local address",
-       {"10.1.0.1", "7", 0, Protocol::TCP, Action::Allow, Direction::Any, true},
-       n + "tcp -s 10.1.0.1/32 --sport 7 -j RETURN\n",
-       ""},
-      {"too long a prefix", {"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
-      {"drop",
-       {"", "80", 0, Protocol::TCP, Action::Drop},
+      {"any port", Rule{"", "0"}, n + "tcp" + pend, same},
+      {"a service, any protocol", Rule{"", "domain", 0, Protocol::Any},
+       n + "tcp --dport 53" + pend + n + "udp --dport 53" + pend, same},
+      {"an IPv4 network", Rule{"10.1.0.0", "80", 16}, n + "tcp -d 10.1.0.0/16 --dport 80" + pend, ""},
+      {"a local address", Rule{"10.1.0.1", "7", 0, Protocol::TCP, Action::Allow, Direction::Any, true},
+       n + "tcp -s 10.1.0.1/32 --sport 7 -j RETURN\n", ""},
+      {"too long a prefix", Rule{"2001:db8::", "0", 999, Protocol::UDP}, "", n + "udp -d 2001:db8::/128" + pend},
+      {"drop", Rule{"", "80", 0, Protocol::TCP, Action::Drop},
        n + "tcp --dport 80 -j MARK --set-xmark 0x12000000/0x12000000\n" + n +
            "tcp --dport 80 -j CONNMARK --set-xmark 0x12000000/0x12000000\n" + n + "tcp --dport 80 -j RETURN\n",
        same},
-      {"inbound", {"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
+      {"inbound", Rule{"no.address", "no-service", 0, Protocol::TCP, Action::Drop, Direction::Inbound}, "", ""},
   };
   std::string error;
   for (const auto& [name, rule, v4, v6] : cases) {

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <set>
+#include <tuple>
 
 #include "platform/linux/base/ThreadBudget.h"
 #include "platform/linux/flow/ScriptedProvider.h"
@@ -70,44 +71,35 @@ TEST_F(OpenConnectionsTest, AsksOnlyAboutNamesThatAnEditConcerns) {
   for (const char* name : {"a.example", "a.example", "x.a.example", "y.x.a.example", "xa.example", "a.example.x"}) {
     add(name, ++cookie);
   }
-  const struct {
-    const char* name;
-    std::vector<std::string> edited;
-    std::string_view calls;
-  } kCases[] = {
+  const std::tuple<const char*, std::vector<std::string>, std::string_view> kCases[] = {
       {"one name", {"a.example"}, "new a.example; new a.example; "},
       {"a name and those below", {".a.example"}, "new a.example; new a.example; new x.a.example; new y.x.a.example; "},
       {"an exception", {"!.x.a.example"}, "new x.a.example; new y.x.a.example; "},
       {"two names", {"xa.example", "a.example.x"}, "new a.example.x; new xa.example; "},
       {"names of no connection", {"example", "c", "", ".", "!", "!."}, ""},
   };
-  for (const auto& c : kCases) EXPECT_EQ(callsAfter({false, c.edited}), c.calls) << c.name;
+  for (const auto& [name, edited, expected] : kCases) EXPECT_EQ(callsAfter({false, edited}), expected) << name;
   const std::string calls = callsAfter(kAll);
   EXPECT_EQ(std::count(calls.begin(), calls.end(), ';'), 6) << calls;
 }
 
 TEST_F(OpenConnectionsTest, EndsConnectionsThatTheProviderDropsNow) {
-  const struct {
-    const char* name;
-    NEFilterNewFlowVerdict newFlow;
-    NEFilterDataVerdict data;
-    bool isClosed, ends;
-  } kCases[] = {
+  const std::tuple<const char*, NEFilterNewFlowVerdict, NEFilterDataVerdict, bool, bool> kCases[] = {
       {"allowed", kAllow, kAllowData, false, false},
       {"allowed by its data", kExamine, kAllowData, false, false},
       {"dropped by its data", kExamine, kDropData, false, true},
       {"dropped", kDrop, kAllowData, false, true},
       {"closed", kDrop, kAllowData, true, false},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [name, newFlow, data, isClosed, ends] : kCases) {
     add("a.example", 7);
-    provider->newFlow = c.newFlow;
-    provider->data = c.data;
-    if (c.isClosed) sockets.closed = {7};
+    provider->newFlow = newFlow;
+    provider->data = data;
+    if (isClosed) sockets.closed = {7};
     ended.clear();
     callsAfter(kAll);
-    EXPECT_EQ(ended, std::vector<uint64_t>(c.ends ? 1 : 0, 7)) << c.name;
-    EXPECT_EQ(connections.size(), c.ends || c.isClosed ? 0U : 1U) << c.name;
+    EXPECT_EQ(ended, std::vector<uint64_t>(ends ? 1 : 0, 7)) << name;
+    EXPECT_EQ(connections.size(), ends || isClosed ? 0U : 1U) << name;
   }
 }
 
@@ -159,8 +151,7 @@ TEST_F(OpenConnectionsTest, FreesConnectionsWhoseSocketsWereClosed) {
     sockets.closed.erase(1);
     connections.removeEnded(Clock::time_point(cookie * 1min));
   }
-  // removeEnded() limits its checks by processor time. Time that a hypervisor takes away counts, too, so checks may be
-  // late.
+  // Checks may be late: their limit of processor time includes the time that a hypervisor takes away.
   EXPECT_LE(connections.size(), OpenConnections::kUnchecked + OpenConnections::kChecksAtOnce);
   EXPECT_EQ(callsAfter({false, {"kept"}}), "new kept; ");
 }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -88,24 +89,19 @@ TEST_F(QueuedFlowsTest, AsksAgainForAnotherSocket) {
 
 TEST_F(QueuedFlowsTest, AsksAgainAfterSomeSecondsUnlessAStreamWasAllowed) {
   Clock::duration later = 1h;
-  const struct {
-    const char* name;
-    uint8_t protocol;
-    bool drops;
-    std::string_view calls;
-  } kCases[] = {
+  const std::tuple<const char*, uint8_t, bool, std::string_view> kCases[] = {
       {"an allowed stream", IPPROTO_TCP, false, "new -; "},
       {"a dropped stream", IPPROTO_TCP, true, "new -; new -; "},
       {"a datagram socket", IPPROTO_UDP, false, "new -; new -; "},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [name, protocol, drops, expectedCalls] : kCases) {
     ++owners.socket->cookie;
-    provider->newFlow = c.drops ? kDrop : kAllow;
-    const PacketVerdict expected = c.drops ? Dropped : Allowed;
+    provider->newFlow = drops ? kDrop : kAllow;
+    const PacketVerdict expected = drops ? Dropped : Allowed;
     for (int time = 0; time < 2; ++time, later += 10s) {
-      EXPECT_EQ(judge(packet("any", 0, 53, c.protocol), later), expected) << c.name;
+      EXPECT_EQ(judge(packet("any", 0, 53, protocol), later), expected) << name;
     }
-    EXPECT_EQ(calls(), c.calls) << c.name;
+    EXPECT_EQ(calls(), expectedCalls) << name;
   }
 }
 
@@ -141,14 +137,7 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   const OpenConnection ended{packet("", 0, 443, IPPROTO_UDP).ends, 1, 3, owners.owner, "ended.example"};
   flows.drop(ended, start);
   EXPECT_EQ(owners.aborted, std::vector{ended.cookie});
-  const struct {
-    const char* name;
-    Value owner;
-    uint16_t port;
-    std::string datagram;
-    Clock::duration after;
-    std::string_view calls;
-  } kCases[] = {
+  const std::tuple<const char*, Value, uint16_t, std::string, Clock::duration, std::string_view> kCases[] = {
       {"from another socket", owners.owner, 443, later, 1min, "new ended.example; "},
       {"in a new connection", owners.owner, 443, hello, 1min, "new a.example; "},
       {"to another port", owners.owner, 8443, later, 1min, "new -; "},
@@ -161,11 +150,11 @@ TEST_F(QueuedFlowsTest, GivesTheNameOfAnEndedConversationToTheNextFromItsOwner) 
   OpenConnections connections(provider, owners, nullptr, nullptr);
   flows.addAllowedTo(connections);
   const OpenConnection open{ended.pair, owners.socket->cookie + 6, 3, ended.owner, "open.example"};
-  for (const auto& c : kCases) {
+  for (const auto& [name, owner, port, datagram, after, expectedCalls] : kCases) {
     ++owners.socket->cookie;
-    owners.owner = c.owner;
-    EXPECT_EQ(judge(packet(c.datagram, 0, c.port, IPPROTO_UDP), c.after), Dropped) << c.name;
-    EXPECT_EQ(calls(), c.calls) << c.name;
+    owners.owner = owner;
+    EXPECT_EQ(judge(packet(datagram, 0, port, IPPROTO_UDP), after), Dropped) << name;
+    EXPECT_EQ(calls(), expectedCalls) << name;
     connections.add(open);
   }
 }
@@ -192,24 +181,19 @@ TEST_F(QueuedFlowsTest, RemembersEndedConversationsOfAUserWithFew) {
 TEST_F(QueuedFlowsTest, ShowsFlowsThatCannotHaveAName) {
   provider->newFlow = kExamine;
   const std::string endless(RequestHostReader::kLimit, 'x');
-  const struct {
-    const char* name;
-    std::string_view begin, payload;
-    bool ends;
-    std::string_view calls;
-  } kCases[] = {
+  const std::tuple<const char*, std::string_view, std::string_view, bool, std::string_view> kCases[] = {
       {"another protocol", "", "\x01\x02", false, "new -; data 0 -; "},
       {"an end in the middle of the head", "GET /", " HT", true, "new -; data 5 -; "},
       {"an end without data", "", "", true, "new -; complete -; "},
       {"a head beyond the limit", "GET /", endless, false, "new -; data 5 -; "},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [name, begin, payload, ends, expectedCalls] : kCases) {
     ++owners.socket->cookie;
-    judge(packet(c.begin, 0));
-    Packet last = packet(c.payload, static_cast<uint32_t>(c.begin.size()));
-    last.fin = c.ends;
-    EXPECT_EQ(judge(last), Allowed) << c.name;
-    EXPECT_EQ(calls(), c.calls) << c.name;
+    judge(packet(begin, 0));
+    Packet last = packet(payload, static_cast<uint32_t>(begin.size()));
+    last.fin = ends;
+    EXPECT_EQ(judge(last), Allowed) << name;
+    EXPECT_EQ(calls(), expectedCalls) << name;
   }
 }
 
@@ -387,51 +371,38 @@ TEST_F(QueuedFlowsTest, JudgesHTTP3ByTheNameInTheHello) {
   const std::string &first = records[0], &second = records[1], &request = records[2], &whole = records[3],
                     &retried = records[4], &other1 = records[5], &other2 = records[6], &acknowledgment = records[7],
                     &unknownVersion = records[8];
-  const struct {
-    const char* name;
-    NEFilterNewFlowVerdict newFlow;
-    std::vector<std::string> datagrams;
-    std::vector<PacketVerdict> verdicts;
-    std::string_view calls;
-  } kCases[] = {
-      {"a held name", kDrop, {first, second, second}, {Open, Dropped, Held}, "new a.example; "},
-      {"another name", kAllow, {first, second, request}, {Open, Allowed, Allowed}, "new a.example; "},
-      {"a second connection",
-       kAllow,
-       {whole, acknowledgment, other1, other2, other1, other2},
-       {Allowed, Allowed, Open, Allowed, Allowed, Allowed},
-       "new a.example; new b.example; "},
-      {"a browser's two connections by turns",
-       kExamine,
-       {first, other1, second, first},
-       {Open, Open, Held, Dropped},
-       "new -; data 0 a.example; "},
-      {"another program's second connection inside the first",
-       kAllow,
-       {first, other1, other2, second, first},
-       {Open, Open, Allowed, Allowed, Allowed},
-       "new b.example; new -; "},
-      {"a connection after a Retry", kAllow, {whole, retried}, {Allowed, Allowed}, "new a.example; new a.example; "},
-      {"a name at the data", kExamine, {first, second}, {Open, Dropped}, "new a.example; data 0 a.example; "},
-      {"a browser's 0-RTT",
-       kExamine,
-       {request, first, request, second},
-       {Held, Open, Held, Dropped},
+  using Datagrams = std::vector<std::string>;
+  using Verdicts = std::vector<PacketVerdict>;
+  const std::tuple<const char*, NEFilterNewFlowVerdict, Datagrams, Verdicts, std::string_view> kCases[] = {
+      {"a held name", kDrop, Datagrams{first, second, second}, Verdicts{Open, Dropped, Held}, "new a.example; "},
+      {"another name", kAllow, Datagrams{first, second, request}, Verdicts{Open, Allowed, Allowed}, "new a.example; "},
+      {"a second connection", kAllow, Datagrams{whole, acknowledgment, other1, other2, other1, other2},
+       Verdicts{Allowed, Allowed, Open, Allowed, Allowed, Allowed}, "new a.example; new b.example; "},
+      {"a browser's two connections by turns", kExamine, Datagrams{first, other1, second, first},
+       Verdicts{Open, Open, Held, Dropped}, "new -; data 0 a.example; "},
+      {"another program's second connection inside the first", kAllow, Datagrams{first, other1, other2, second, first},
+       Verdicts{Open, Open, Allowed, Allowed, Allowed}, "new b.example; new -; "},
+      {"a connection after a Retry", kAllow, Datagrams{whole, retried}, Verdicts{Allowed, Allowed},
+       "new a.example; new a.example; "},
+      {"a name at the data", kExamine, Datagrams{first, second}, Verdicts{Open, Dropped},
        "new a.example; data 0 a.example; "},
-      {"another program's 0-RTT", kAllow, {first, request, second}, {Open, Held, Allowed}, "new a.example; "},
-      {"a browser's unknown version", kExamine, {unknownVersion}, {Held}, "new -; "},
-      {"another program's unknown version", kAllow, {unknownVersion}, {Allowed}, "new -; "},
-      {"another protocol", kExamine, {"other"}, {Dropped}, "new -; data 0 -; "},
+      {"a browser's 0-RTT", kExamine, Datagrams{request, first, request, second}, Verdicts{Held, Open, Held, Dropped},
+       "new a.example; data 0 a.example; "},
+      {"another program's 0-RTT", kAllow, Datagrams{first, request, second}, Verdicts{Open, Held, Allowed},
+       "new a.example; "},
+      {"a browser's unknown version", kExamine, Datagrams{unknownVersion}, Verdicts{Held}, "new -; "},
+      {"another program's unknown version", kAllow, Datagrams{unknownVersion}, Verdicts{Allowed}, "new -; "},
+      {"another protocol", kExamine, Datagrams{"other"}, Verdicts{Dropped}, "new -; data 0 -; "},
   };
-  for (const auto& c : kCases) {
+  for (const auto& [name, newFlow, datagrams, expectedVerdicts, expectedCalls] : kCases) {
     ++owners.socket->cookie;
-    provider->newFlow = c.newFlow;
-    std::vector<PacketVerdict> verdicts;
-    for (const std::string& datagram : c.datagrams) verdicts.push_back(judge(packet(datagram, 0, 443, IPPROTO_UDP)));
-    EXPECT_EQ(verdicts, c.verdicts) << c.name;
-    EXPECT_EQ(calls(), c.calls) << c.name;
-    const bool isDropped = std::ranges::count(c.verdicts, Dropped) > 0;
-    EXPECT_EQ(std::exchange(owners.aborted, {}), std::vector(isDropped ? 1 : 0, owners.socket->cookie)) << c.name;
+    provider->newFlow = newFlow;
+    Verdicts verdicts;
+    for (const std::string& datagram : datagrams) verdicts.push_back(judge(packet(datagram, 0, 443, IPPROTO_UDP)));
+    EXPECT_EQ(verdicts, expectedVerdicts) << name;
+    EXPECT_EQ(calls(), expectedCalls) << name;
+    const bool isDropped = std::ranges::count(expectedVerdicts, Dropped) > 0;
+    EXPECT_EQ(std::exchange(owners.aborted, {}), std::vector(isDropped ? 1 : 0, owners.socket->cookie)) << name;
   }
   ++owners.socket->cookie;
   for (int time = 0; time < 200 && !flows.isLooping(); ++time) judge(packet(first, 0, 443, IPPROTO_UDP));

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <tuple>
 
 #include "platform/Process.h"
 #include "platform/linux/process/ProcessChanges.h"
@@ -43,10 +44,7 @@ std::optional<std::string> unit(std::string_view controlGroups) {
 }
 
 TEST(ProcessTest, FindsNamesOfUnitsSnapsAndSandboxes) {
-  const struct {
-    std::optional<std::string> (*read)(std::string_view);
-    const char *text, *name;
-  } kCases[] = {
+  const std::tuple<std::optional<std::string> (*)(std::string_view), const char*, const char*> kCases[] = {
       {unit, "0::/u/app-gnome-firefox\\x2desr-47.scope\n", "firefox-esr /u/app-gnome-firefox\\x2desr-47.scope"},
       {unit, "0::/app-org.kde.konsole-12.scope/tab(3).scope", "org.kde.konsole /app-org.kde.konsole-12.scope"},
       {unit, "1:cpu:/\n9:name=systemd:/app-firefox@1ab2.service\n0::/\n", "firefox /app-firefox@1ab2.service"},
@@ -58,7 +56,7 @@ TEST(ProcessTest, FindsNamesOfUnitsSnapsAndSandboxes) {
       {snap_of_path, "/home/x/snap/chromium/chrome", "none"},
       {flatpak_application, "[Runtime]\nname=no\n[Application]\nname=org.a.B\n", "org.a.B"},
       {flatpak_application, "[Application]\nname=../x y", "none"}};
-  for (const auto& row : kCases) EXPECT_EQ(row.name, row.read(row.text).value_or("none")) << row.text;
+  for (const auto& [read, text, name] : kCases) EXPECT_EQ(name, read(text).value_or("none")) << text;
 }
 
 // The test makes its own process table, because real units and sandboxes need a desktop session.
@@ -88,8 +86,7 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
       {31, 25, 94, "bin/browser", kSession, "", "browser", 31},  // started from a terminal
       {32, 31, 95, "helper", kSession, "", "helper", 31},
       {33, 32, 96, "helper", kSession, "", "helper", 31},
-      // The test does not make the files of these programs, because the extension cannot examine the files in an
-      // AppImage's FUSE mount.
+      // These programs have no files: the extension cannot examine the files in an AppImage's FUSE mount.
       {34, 1, 97, "tmp/.mount_browseAb12/browser", kSession, "", "browser", 34},
       {35, 10, 98, "tmp/.mount_BrowseCd34/python3.11", "snap.editor.code-1.scope", "", "image-browser", 10}};
   std::string mountPoint = folder.path("tmp/.mount_BrowseCd34");
@@ -117,8 +114,7 @@ TEST(ProcessTest, MakesTheApplicationResponsibleForItsHelpers) {
   }
 }
 
-// A user can start any number of processes in an application's unit. A search among them must not keep other users
-// waiting.
+// A user can start any number of processes in a unit. A search among them must not keep other users waiting.
 TEST(ProcessTest, SearchesAUnitForABoundedTime) {
   ProgramFolder folder;
   folder.entry("browser", "browser");
@@ -137,8 +133,7 @@ TEST(ProcessTest, SearchesAUnitForABoundedTime) {
 }
 
 // A user's file system or a network file system may never answer. The test starts two programs, and then mounts such a
-// file system over their folder. The same folder is the root of a third process, 77, which exists only in the test's
-// process table.
+// file system over their folder, which is also the root of the process 77 in the test's own process table.
 TEST(ProcessTest, WaitsForNoFileSystem) {
   ProgramFolder folder;
   const RunningProgram browser(folder.program("home/browser")), removed(folder.program("home/removed (deleted)"));
@@ -167,8 +162,7 @@ TEST(ProcessTest, WaitsForNoFileSystem) {
   EXPECT_EXIT(identify(), isDone, "^(browserremovedhelper)?$");
 }
 
-// A wrapper that executes a browser. The browser starts a tool, and later its process executes the tool, too. All these
-// programs are copies of the shell.
+// A wrapper that executes a browser, which starts a tool and later executes it. Each of them is a copy of the shell.
 class Wrapper : public RunningProgram {
  public:
   static void install(const ProgramFolder& folder) {

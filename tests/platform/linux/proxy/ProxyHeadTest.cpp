@@ -8,11 +8,8 @@ namespace orvane {
 namespace {
 
 TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
-  const struct {
-    const char* name;
-    std::string head;
-    unsigned status;  // 0 if the head is incomplete
-  } kCases[] = {
+  // The status is 0 if the head is incomplete.
+  const std::tuple<const char*, std::string, unsigned> kCases[] = {
       {"incomplete", "CONNECT a.example:443 HTTP/1.1\r\nHost: a.exa", 0},
       {"TLS", std::string("\x16\x03\x01\x02\x00", 5), 400},
       {"no port", "CONNECT a.example HTTP/1.1\r\n\r\n", 400},
@@ -23,9 +20,9 @@ TEST(ProxyHead, RefusesRequestsThatItDoesNotServe) {
       {"two lengths", "POST http://a.example/ HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\n", 400},
       {"too long", "GET http://a.example/ HTTP/1.1\r\nX: " + std::string(kRequestHeadLimit, 'x'), 431},
   };
-  for (const auto& c : kCases) {
-    ProxyHead head = parse_proxy_head(c.head);
-    EXPECT_EQ(head.state == ProxyHead::State::Complete ? 200 : head.status, c.status) << c.name;
+  for (const auto& [name, text, status] : kCases) {
+    ProxyHead head = parse_proxy_head(text);
+    EXPECT_EQ(head.state == ProxyHead::State::Complete ? 200 : head.status, status) << name;
   }
 }
 
@@ -49,26 +46,21 @@ TEST(ProxyHead, KeepsTheDestinationAsWritten) {
 }
 
 TEST(RequestBody, EndsWhereTheFramingSays) {
-  const struct {
-    const char* name;
-    std::string_view body;
-    size_t taken;
-    bool chunked, malformed;
-  } kCases[] = {
+  const std::tuple<const char*, std::string_view, size_t, bool, bool> kCases[] = {
       {"a length", "12345GET", 5, false, false},
       {"a chunk", "3\r\nabc\r\n0\r\n\r\nGET", 13, true, false},
       {"an extension and trailers", "A;x=\"y\"\r\n0123456789\r\n00\r\nT: v\r\nU: w\r\n\r\nGET", 39, true, false},
       {"a bare LF", "3\nabc", 2, true, true},
   };
-  for (const auto& c : kCases) {
-    std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(c.body.data()), c.body.size());
+  for (const auto& [name, text, length, isChunked, isMalformed] : kCases) {
+    std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t*>(text.data()), text.size());
     for (size_t piece : {bytes.size(), size_t{1}}) {
-      RequestBody body = c.chunked ? RequestBody::chunked() : RequestBody::ofLength(5);
+      RequestBody body = isChunked ? RequestBody::chunked() : RequestBody::ofLength(5);
       size_t taken = 0;
       for (size_t at = 0; at < bytes.size(); at += piece) taken += body.take(bytes.subspan(at, piece));
-      EXPECT_EQ(taken, c.taken) << c.name;
-      EXPECT_EQ(body.malformed(), c.malformed) << c.name;
-      EXPECT_EQ(body.ended(), !c.malformed) << c.name;
+      EXPECT_EQ(taken, length) << name;
+      EXPECT_EQ(body.malformed(), isMalformed) << name;
+      EXPECT_EQ(body.ended(), !isMalformed) << name;
     }
   }
 }

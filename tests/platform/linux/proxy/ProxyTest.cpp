@@ -15,8 +15,7 @@
 
 namespace orvane {
 
-// Returns the port of the local address in place of the owner's token. So a test sees which side of the connection the
-// proxy passes as the local one.
+// Returns the local address's port in place of a token, to show which side the proxy passes as the local one.
 Value audit_token_of_socket_owner(const sockaddr* local, const sockaddr*) {
   return Value::number(ntohs(reinterpret_cast<const sockaddr_in*>(local)->sin_port));
 }
@@ -132,15 +131,12 @@ TEST_F(ProxyPlacesTest, EndsTheLongestIdleConnectionOfTheUserWithMost) {
   ProxyPlace* idle = places.take(kGreedy, start + 2s);
   ProxyPlace* last = places.take(kGreedy, start + 3s);
   used->recordBytes(start + 4s);
-  const struct {
-    const char* newUser;
-    uid_t user;
-    ProxyPlace* ended;
-  } kCases[] = {{"the other user", kOther, idle}, {"the greedy user", kGreedy, last}, {"a third user", 3, other}};
-  for (const auto& c : kCases) {
-    EXPECT_FALSE(isEnded(c.ended)) << c.newUser;
-    EXPECT_NE(places.take(c.user, start + 5s), nullptr) << c.newUser;
-    EXPECT_TRUE(isEnded(c.ended)) << c.newUser;
+  const std::tuple<const char*, uid_t, ProxyPlace*> kCases[] = {
+      {"the other user", kOther, idle}, {"the greedy user", kGreedy, last}, {"a third user", 3, other}};
+  for (const auto& [newUser, user, ended] : kCases) {
+    EXPECT_FALSE(isEnded(ended)) << newUser;
+    EXPECT_NE(places.take(user, start + 5s), nullptr) << newUser;
+    EXPECT_TRUE(isEnded(ended)) << newUser;
   }
   EXPECT_FALSE(isEnded(used));
 }

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <tuple>
 #include <utility>
 
 #include "platform/Process.h"
@@ -72,8 +73,7 @@ pid_t owner(const Address& local, const Address& remote) {
   return audit_token_to_pid(token_of(audit_token_of_socket_owner(generic(local), generic(remote))));
 }
 
-// If a search finds nobody, searches again, for ten seconds at most: on a busy machine, a search may use up its limit
-// of processor time.
+// Searches until it finds an owner, for ten seconds: on a busy machine, a search may use up its processor time.
 audit_token_t found_token(const std::function<Value()>& search) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   audit_token_t found{};
@@ -123,8 +123,7 @@ TEST(SocketOwnerTest, FindsTheProcessThatHoldsEachEndOfAConnection) {
   }
 }
 
-// A process that runs `work` and then, if `waits` is true, waits until it is killed. Its pid is `identifier`; if that
-// is 0, the kernel chooses the pid.
+// A process that runs `work`, and then waits to be killed if `waits`. If `identifier` is 0, the kernel chooses the pid.
 struct Child {
   template <class Work>
   Child(Work work, bool waits, pid_t identifier = 0) {
@@ -202,8 +201,7 @@ TEST(SocketOwnerTest, TellsAnEndedOpenerFromTheNextProcessWithItsIdentifier) {
   const size_t rows = std::size(kCases);
   for (size_t i = 0; i < 2 * rows; ++i) {
     const SendCase& how = kCases[i % rows];
-    // In the second half of the loop, the kernel counts events of processes, so an owner is remembered until an event
-    // of its process.
+    // After the first half, the kernel counts processes' events, so an owner is remembered until such an event.
     if (auto uncounted = i == rows ? ProcessChanges::system().start() : std::nullopt) GTEST_SKIP() << *uncounted;
     for (bool waits : {true, false}) {
       SCOPED_TRACE(std::string(how.what) + (waits ? ", opener runs" : ", opener has ended") +
@@ -366,9 +364,8 @@ std::chrono::nanoseconds thread_time() {
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
-// The attacker is a user with four processes that have up to 20,000 descriptors each. The packets come from sockets
-// that belong to this user but that no process holds. So a search for the owner of such a socket goes through all these
-// descriptors.
+// The attacker's four processes have up to 20,000 descriptors each. The packets come from sockets of this user that no
+// process holds, so a search for the owner of such a socket goes through all these descriptors.
 TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
   using namespace std::chrono_literals;
   constexpr uid_t kAttacker = 65534;
@@ -390,17 +387,14 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
     ASSERT_EQ(1, ::read(ready[0], &byte, 1));
   }
   constexpr auto kLongest = 20ms;
-  const struct {
-    const char* what;
-    uint64_t cookieStep;
-    std::chrono::nanoseconds all;  // the limit for a hundred packets; limitOfAll adds to it
-  } kCases[] = {{"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
-  for (const auto& row : kCases) {
-    SCOPED_TRACE(row.what);
+  // The last column has the limit for a hundred packets; limitOfAll adds to it.
+  const std::tuple<const char*, uint64_t, std::chrono::nanoseconds> kCases[] = {
+      {"each packet from another socket", 1, 150ms}, {"all packets from one socket", 0, 40ms}};
+  for (const auto& [what, cookieStep, mostOfAll] : kCases) {
+    SCOPED_TRACE(what);
     std::optional<SocketOwners> owners;
     std::chrono::nanoseconds longest, all, limitOfAll;
-    // The processor's time counts also while a hypervisor has taken the processor away. So a run that took too long is
-    // repeated, 19 times at most.
+    // Processor time includes what a hypervisor takes away. So a run that took too long is repeated, at most 19 times.
     int runs = 0;
     do {
       owners.emplace();
@@ -408,13 +402,13 @@ TEST(SocketOwnerTest, BoundsTheTimeThatAUserTakesFromOthers) {
       const auto start = std::chrono::steady_clock::now();
       for (uint64_t i = 0; i < 100; ++i) {
         auto begin = thread_time();
-        EXPECT_TRUE(owners->ownerOf(kStream, {1 + i * row.cookieStep, 1, kAttacker}).isNil());
+        EXPECT_TRUE(owners->ownerOf(kStream, {1 + i * cookieStep, 1, kAttacker}).isNil());
         auto time = thread_time() - begin;
         longest = std::max(longest, time);
         all += time;
       }
       // Each second, SocketHolders gives a user 200 ms of search time back.
-      limitOfAll = row.all + (std::chrono::steady_clock::now() - start) / 5;
+      limitOfAll = mostOfAll + (std::chrono::steady_clock::now() - start) / 5;
     } while ((longest >= kLongest || all >= limitOfAll) && ++runs < 20);
     EXPECT_GT(kLongest / 1.0ms, longest / 1.0ms) << "milliseconds for one packet; 10 on a machine that is not busy";
     EXPECT_GT(limitOfAll / 1.0ms, all / 1.0ms) << "milliseconds for all packets";
