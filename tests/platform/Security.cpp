@@ -1,7 +1,5 @@
 #include "platform/Security.h"
 
-#include <array>
-#include <bit>
 #include <cstring>
 
 #include "platform/IdentityAnswers.h"
@@ -23,11 +21,6 @@ template <class Object, class... Arguments>
 static OSStatus answer(const stand_in::SecurityState::Step& step, Object** output, Arguments... arguments) {
   if (!step.second) *output = new Object(arguments...);
   return step.first;
-}
-
-Value stand_in::token_of(int32_t pid) {
-  const audit_token_t token{{0, 0, 0, 0, 0, static_cast<uint32_t>(pid)}};
-  return Value::data(std::bit_cast<std::array<uint8_t, sizeof token>>(token));
 }
 
 pid_t audit_token_to_pid(audit_token_t token) { return static_cast<pid_t>(token.val[5]); }

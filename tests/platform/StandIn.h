@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <bit>
 #include <deque>
 #include <functional>
 #include <map>
@@ -12,6 +14,7 @@
 
 #include "platform/Log.h"
 #include "platform/NetworkExtension.h"
+#include "platform/Process.h"
 #include "platform/Security.h"
 #include "platform/XPC.h"
 
@@ -69,7 +72,8 @@ inline struct FileState {
   double now = 0;
 } files;
 
-// Security.h, Process.h. Processes are identified by token_of(pid).
+// Security.h, Process.h. Processes are identified by token_of(pid). `image` is the version of the process identifier,
+// which changes when the process executes another program.
 inline struct SecurityState {
   using Step = std::pair<OSStatus, bool>;  // the status, and whether the output is null
   Step guest, staticCode, information, path;
@@ -77,8 +81,12 @@ inline struct SecurityState {
   std::map<int32_t, std::string> identifiers;  // of each running process, by pid; "" if its Info.plist has none
   std::map<int32_t, int32_t> responsible;      // by pid; a process without an entry is responsible for itself
   std::vector<int32_t> pidsAsked;              // the arguments of responsibility_get_pid_responsible_for_pid
+  std::vector<int32_t> lookUps;                // on GNUstep: the process of each call of a code-signing service
 } security;
-Value token_of(int32_t pid);
+inline Value token_of(int32_t pid, uint32_t image = 0) {
+  const audit_token_t token{{0, 0, 0, 0, 0, static_cast<uint32_t>(pid), 0, image}};
+  return Value::data(std::bit_cast<std::array<uint8_t, sizeof token>>(token));
+}
 
 // DNS.h. Questions are counted as "dns_question_t".
 inline struct DNSState {

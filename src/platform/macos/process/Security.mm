@@ -4,6 +4,7 @@
 #import <Security/Security.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/IdentityAnswers.h"
 #include "platform/macos/base/CoreFoundation.h"
@@ -41,24 +42,30 @@ SigningCache& cache() {
   return *shared;
 }
 
-// The audit token in attributes with which a program is looked up. Nothing if the attributes contain a process
-// identifier, or data that are no audit token.
-std::optional<SigningCache::Token> token_in(const Dictionary* attributes) {
-  if (attributes == nullptr) return std::nullopt;
-  CFTypeRef value = CFDictionaryGetValue(to_native<CFDictionaryRef>(attributes), kSecGuestAttributeAudit);
-  if (value == nullptr || CFGetTypeID(value) != CFDataGetTypeID()) return std::nullopt;
-  const auto data = static_cast<CFDataRef>(value);
-  SigningCache::Token token;
-  if (CFDataGetLength(data) != static_cast<CFIndex>(token.size())) return std::nullopt;
-  std::copy_n(CFDataGetBytePtr(data), token.size(), token.begin());
-  return token;
+// The value under a key of attributes with which a program is looked up, borrowed; null if there is none.
+CFTypeRef attribute(const Dictionary* attributes, CFStringRef name) {
+  return attributes == nullptr ? nullptr : CFDictionaryGetValue(to_native<CFDictionaryRef>(attributes), name);
 }
 
-// The process identifier in attributes with which a program is looked up; null if there is none.
+// The audit token in attributes. Nil if they contain none.
+Value token_in(const Dictionary* attributes) {
+  return value_of(static_cast<id>(attribute(attributes, kSecGuestAttributeAudit)));
+}
+
+// The process identifier in attributes; null if there is none.
 Ref<Number> pid_in(const Dictionary* attributes) {
-  if (attributes == nullptr) return nullptr;
-  const auto dictionary = to_native<CFDictionaryRef>(attributes);
-  return Ref<Number>::retained(from_native<Number>(CFDictionaryGetValue(dictionary, kSecGuestAttributePid)));
+  return Ref<Number>::retained(from_native<Number>(attribute(attributes, kSecGuestAttributePid)));
+}
+
+// Nothing if the result of the look-up must not be kept: a process was looked up by its identifier, but not for a flow.
+std::optional<SigningCache::Key> key_of(const Value& token, const Number* pid) {
+  SigningCache::Key key;
+  if (pid != nullptr) key.pid = [to_native<::NSNumber*>(pid) intValue];
+  const Value flow = pid == nullptr ? token : IdentityAnswers::flowToken();
+  const auto bytes = flow.asData();
+  if (bytes.size() != key.token.size()) return std::nullopt;
+  std::copy_n(bytes.data(), bytes.size(), key.token.begin());
+  return key;
 }
 
 // The status and the output of a function of the framework. Calls `keep` with the object if the function has succeeded.
@@ -118,19 +125,19 @@ std::optional<std::string> dictionary_copy_string(const Dictionary* dictionary, 
 // combination of the two. The cache keeps only objects that the framework returned with success.
 
 OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attributes, uint32_t flags, SecCode** guest) {
-  const std::optional<SigningCache::Token> token = token_in(attributes);
-  if (token) {
-    if (Ref<SecCode> kept = cache().find(*token)) return *guest = kept.detach(), errSecSuccess;
-  }
-  const auto find = [&] {
+  const Value token = token_in(attributes);
+  const Ref<Number> pid = pid_in(attributes);
+  const auto find = [&]() -> IdentityAnswers::Result<SecCode> {
+    const std::optional<SigningCache::Key> key = key_of(token, pid.get());
+    if (Ref<SecCode> kept = key ? cache().find(*key) : nullptr) return {errSecSuccess, std::move(kept)};
     SecCodeRef found = nullptr;
     const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
                                                              to_native<CFDictionaryRef>(attributes), flags, &found);
     return result_of<SecCode>(status, found, [&](SecCode* code) {
-      if (token) cache().keep(*token, code);
+      if (key) cache().keep(*key, code);
     });
   };
-  return give(IdentityAnswers::guest(token ? Value::data(*token) : Value(nullptr), pid_in(attributes), find), guest);
+  return give(IdentityAnswers::guest(token, pid, find), guest);
 }
 
 OSStatus SecCodeCopyStaticCode(SecCode* code, uint32_t flags, SecStaticCode** staticCode) {

@@ -5,7 +5,7 @@
 namespace orvane {
 namespace {
 
-bool is_same(const SigningCache::Token& left, const SigningCache::Token& right) { return left == right; }
+bool is_same(const SigningCache::Key& left, const SigningCache::Key& right) { return left == right; }
 
 template <class T>
 bool is_same(const Ref<T>& object, const T* other) {
@@ -14,16 +14,16 @@ bool is_same(const Ref<T>& object, const T* other) {
 
 }  // namespace
 
-// The kept process whose member `member` equals `key`; processes_.end() if there is none.
-template <class Member, class Key>
-std::list<SigningCache::Process>::iterator SigningCache::position(Member member, const Key& key) {
+// The kept process whose member `member` equals `wanted`; processes_.end() if there is none.
+template <class Member, class Wanted>
+std::list<SigningCache::Process>::iterator SigningCache::position(Member member, const Wanted& wanted) {
   return std::find_if(processes_.begin(), processes_.end(),
-                      [&](const Process& process) { return is_same(process.*member, key); });
+                      [&](const Process& process) { return is_same(process.*member, wanted); });
 }
 
-Ref<SecCode> SigningCache::find(const Token& token) {
+Ref<SecCode> SigningCache::find(const Key& key) {
   const std::lock_guard guard(mutex_);
-  const auto process = position(&Process::token, token);
+  const auto process = position(&Process::key, key);
   if (process == processes_.end()) return nullptr;
   processes_.splice(processes_.begin(), processes_, process);
   return process->code;
@@ -41,10 +41,10 @@ Ref<Dictionary> SigningCache::find(const SecStaticCode* code) {
   return process == processes_.end() ? nullptr : process->information;
 }
 
-void SigningCache::keep(const Token& token, SecCode* code) {
+void SigningCache::keep(const Key& key, SecCode* code) {
   const std::lock_guard guard(mutex_);
-  if (position(&Process::token, token) != processes_.end()) return;  // another thread was first
-  processes_.push_front({token, Ref<SecCode>::retained(code), nullptr, nullptr});
+  if (position(&Process::key, key) != processes_.end()) return;  // another thread was first
+  processes_.push_front({key, Ref<SecCode>::retained(code), nullptr, nullptr});
   if (processes_.size() > kLimit) processes_.pop_back();
 }
 

@@ -8,10 +8,10 @@
 namespace orvane {
 namespace {
 
-SigningCache::Token token(int32_t pid) {
-  SigningCache::Token bytes;
-  std::ranges::copy(stand_in::token_of(pid).asData(), bytes.begin());
-  return bytes;
+SigningCache::Key token(int32_t pid) {
+  SigningCache::Key key;
+  std::ranges::copy(stand_in::token_of(pid).asData(), key.token.begin());
+  return key;
 }
 
 Ref<SecCode> code_of(int32_t pid) {
