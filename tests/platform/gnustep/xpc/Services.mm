@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -66,6 +67,7 @@ struct Service {
 };
 
 struct Services {
+  std::recursive_mutex mutex;  // of all members and all connections, because a test may break connections in use
   std::map<NSXPCListener*, Service> listeners;
   std::set<StandInConnection*> clients;
   std::deque<std::function<void()>> messages;
@@ -77,6 +79,8 @@ Services& services() {
   static auto* shared = new Services;
   return *shared;
 }
+
+std::lock_guard<std::recursive_mutex> lock() { return std::lock_guard(services().mutex); }
 
 std::atomic<bool> is_hanging = false;
 
@@ -126,6 +130,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
   _isActive = true;
 }
 - (void)invalidate {
+  const auto guard = lock();
   services().clients.erase(self);
   is_hanging = false;
   if (_peer != nil && _peer->_invalidationHandler != nil) _peer->_invalidationHandler();
@@ -151,11 +156,13 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
     while (is_hanging) std::this_thread::yield();
     return _errorHandler(error_of(NSXPCConnectionInvalid)), nil;
   }
+  const auto guard = lock();
   orvane::stand_in::deliver_messages();
   if (_peer->_isBroken) _errorHandler(error_of(NSXPCConnectionInterrupted));
   return [_peer receiver];
 }
 - (void)forwardInvocation:(NSInvocation*)message {
+  const auto guard = lock();
   if (![self connect]) return _errorHandler(error_of(NSXPCConnectionInvalid));
   id argument = nil;
   if ([[message methodSignature] numberOfArguments] > 2) [message getArgument:&argument atIndex:2];
@@ -165,6 +172,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
       [peer = Retained(_peer), kept = Retained(message)] { [kept.get() invokeWithTarget:[peer.get() receiver]]; });
 }
 - (BOOL)connect {
+  const auto guard = lock();
   if (_peer != nil && !_peer->_isBroken) return YES;
   if (!_isActive || _interface == nil) return NO;
   for (const auto& [listener, service] : services().listeners) {
@@ -195,16 +203,20 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 @implementation NSXPCListener (StandIn)
 - (instancetype)initWithMachServiceName:(NSString*)name {
   if (![name isKindOfClass:[NSString class]]) [NSException raise:NSInvalidArgumentException format:@"no name"];
+  const auto guard = lock();
   services().listeners[self].name = [name UTF8String];
   return self;
 }
 - (void)setDelegate:(id<NSXPCListenerDelegate>)delegate {
+  const auto guard = lock();
   services().listeners[self].delegate = delegate;
 }
 - (void)resume {
+  const auto guard = lock();
   services().listeners[self].isResumed = true;
 }
 - (void)invalidate {
+  const auto guard = lock();
   services().listeners.erase(self);
 }
 @end
@@ -222,6 +234,7 @@ NSError* error_of(int code) { return [NSError errorWithDomain:NSCocoaErrorDomain
 namespace orvane::stand_in {
 
 void deliver_messages() {
+  const auto guard = lock();
   while (!services().messages.empty()) {
     const auto deliver = std::move(services().messages.front());
     services().messages.pop_front();
@@ -232,6 +245,7 @@ void deliver_messages() {
 void hang() { is_hanging = true; }
 
 void break_connections(bool restarted) {
+  const auto guard = lock();
   services().messages.clear();
   if (restarted) ++services().process;
   for (StandInConnection* client : services().clients) {
@@ -243,6 +257,7 @@ void break_connections(bool restarted) {
 }
 
 void invalidate_connections() {
+  const auto guard = lock();
   for (StandInConnection* client : services().clients) {
     client->_peer->_isBroken = true;
     if (client->_invalidationHandler != nil) client->_invalidationHandler();

@@ -1,14 +1,19 @@
-#include <poll.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
 
 #include "companion/client/CallTimeout.h"
 #include "companion/client/ControlChannel.h"
-#include "companion/keeper/ExtensionLink.h"
-#include "companion/keeper/KeeperState.h"
+#include "companion/keeper/Keeper.h"
 #include "database/Database.h"
 #include "platform/gnustep/Harness.h"
 #include "platform/gnustep/xpc/Services.h"
 #include "service/XPCServiceDelegate.h"
 #include "support/NotedController.h"
+#include "support/TemporaryFolder.h"
 
 namespace orvane {
 namespace {
@@ -131,21 +136,51 @@ TEST_F(XPC, EndsACallThatIsNotAnswered) {
   EXPECT_THROW(connect(), UnresponsiveExtension) << "the first call";
 }
 
-TEST_F(XPC, GivesTheKeepersListAgainAfterEachLossOfTheConnection) {
-  listen(XPCServiceDelegate::init());
-  KeeperState state;
-  ExtensionLink link({.service = "S", .socket = ""}, state);
-  const HeldNames list{{"a.example"}, {}, {}};
-  for (const auto& lose : {+[] { stand_in::break_connections(); }, &stand_in::invalidate_connections}) {
-    db_hostname_remove(text("a.example"));
-    link.attend(&list);
-    EXPECT_TRUE(db_has_hostname("a.example"));
-    pollfd end{link.connection(), kHangUpEvent, 0};
-    EXPECT_EQ(poll(&end, 1, 0), 0);
-    lose();
-    EXPECT_EQ(poll(&end, 1, 0), 1);
-    link.onHangUp();
-  }
+// Runs the keeper in a child process, on its main thread. `play` runs on another thread, and ends the keeper with a
+// signal.
+void run_keeper_beside(const KeeperOptions& options, const std::function<void()>& play) {
+  std::thread(play).detach();
+  run_keeper(options);
+  _exit(0);
+}
+
+TEST_F(XPC, TheKeeperSendsTheListAfterEachChangeAndEachLossOfTheExtension) {
+  const TemporaryFolder folder;
+  const auto path = [&](const char* name) { return (folder.path() / name).string(); };
+  const KeeperOptions options = {
+      {.service = "S", .socket = ""}, path("list"), path("state"), path("guard"), path("lists.d"),
+      path("subscriptions")};
+  const auto await = [](const char* name, const char* event) {
+    for (int i = 0; i < 1000; ++i, usleep(10'000)) {
+      if (db_has_hostname(name)) return;
+    }
+    std::fprintf(stderr, "the extension has no %s after %s\n", name, event);
+    _exit(1);
+  };
+  const auto play = [&] {
+    listen(XPCServiceDelegate::init());
+    await(".a.example", "the start");
+    folder.write("new", "a.example\nb.example\n");
+    std::filesystem::rename(path("new"), path("list"));
+    await(".b.example", "a change of the list's file");
+    const auto lose = [&](const char* event, const std::function<void()>& loss) {
+      db_hostname_set(Value::set({}));
+      loss();
+      await(".b.example", event);
+    };
+    lose("an interruption", [] { stand_in::break_connections(); });
+    lose("an invalid connection", stand_in::invalidate_connections);
+    lose("a restart of the extension", [&] {
+      listener_ = nullptr;
+      stand_in::break_connections();
+      usleep(200'000);  // the keeper tries to connect meanwhile
+      listen(XPCServiceDelegate::init());
+    });
+    kill(getpid(), SIGTERM);
+  };
+  folder.write("list", "a.example\n");
+  EXPECT_EXIT(run_keeper_beside(options, play), testing::ExitedWithCode(0), "");
+  EXPECT_FALSE(std::filesystem::exists(path("state")));
 }
 
 }  // namespace
