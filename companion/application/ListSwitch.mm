@@ -7,6 +7,7 @@
 // The part of SMAppService that this file uses. SDKs before macOS 13 do not declare this class.
 @protocol AgentService
 + (id<AgentService>)agentServiceWithPlistName:(NSString*)name;
++ (NSInteger)statusForLegacyURL:(NSURL*)url;
 - (BOOL)registerAndReturnError:(NSError**)error;
 - (BOOL)unregisterAndReturnError:(NSError**)error;
 @property(readonly) NSInteger status;
@@ -26,9 +27,11 @@ constexpr NSTimeInterval kEditTimeout = 60;  // changing a list of a million lin
 enum AgentStatus : NSInteger { kNotRegistered, kEnabled, kRequiresApproval, kNotFound };
 
 // Nil before macOS 13.
+Class<AgentService> service_class() { return static_cast<Class<AgentService>>(NSClassFromString(@"SMAppService")); }
+
+// Nil before macOS 13.
 id<AgentService> agent_service() {
-  const Class<AgentService> service = static_cast<Class<AgentService>>(NSClassFromString(@"SMAppService"));
-  return [service agentServiceWithPlistName:[kLabel stringByAppendingPathExtension:@"plist"]];
+  return [service_class() agentServiceWithPlistName:[kLabel stringByAppendingPathExtension:@"plist"]];
 }
 
 NSString* orvanectl() { return [[NSBundle mainBundle] pathForAuxiliaryExecutable:@"orvanectl"]; }
@@ -88,13 +91,17 @@ BOOL remove_agent(NSError** error) {
   return [[NSFileManager defaultManager] removeItemAtPath:property_list_path() error:error];
 }
 
+// If the Mac had an older system when the keeper was switched on, launchd still runs the agent of that time, and the
+// system does not count it as registered by the application.
 AgentStatus status_of_agent() {
-  if (id<AgentService> service = agent_service()) return static_cast<AgentStatus>(service.status);
-  return has_property_list() ? kEnabled : kNotRegistered;
+  const Class<AgentService> services = service_class();
+  if (services == Nil) return has_property_list() ? kEnabled : kNotRegistered;
+  if (!has_property_list()) return static_cast<AgentStatus>(agent_service().status);
+  return static_cast<AgentStatus>([services statusForLegacyURL:[NSURL fileURLWithPath:property_list_path()]]);
 }
 
-// If the Mac had an older system when the keeper was switched on, removes the agent of that time. It has the label of
-// the agent that the system now registers.
+// Removes the agent that was switched on under an older system. It has the label of the agent that the system now
+// registers.
 void remove_agent_of_older_system() {
   if (agent_service() == nil || !has_property_list()) return;
   NSError* error = nil;

@@ -7,6 +7,12 @@
 #include <vector>
 
 // A stand-in for the framework. Tests make its objects, and inspect what the filter read and called.
+//
+// Where the behaviour comes from: the declarations, the values of the enumerations, which properties may be nil, and
+// when a provider is called are those of the SDK's headers NEFilterFlow.h, NEFilterDataProvider.h, NEFilterProvider.h,
+// NEFilterSettings.h, NEProvider.h, NENetworkRule.h and NWHostEndpoint.h. According to NENetworkRule.h, the endpoint of
+// a rule must contain an address, and the prefix of a rule without one is NSNotFound. What the framework does with an
+// empty host is not documented, so Refusal lists what it may do.
 
 #define NEFilterFlowBytesMax UINT64_MAX
 

@@ -62,6 +62,7 @@ OSStatus SecCodeCopySigningInformation(SecStaticCodeRef code, uint32_t, CFDictio
 
 OSStatus SecCodeCopyPath(SecStaticCodeRef, uint32_t, CFURLRef*) { return errSecCSNoSuchCode; }
 
+// No header declares this function. The extension calls it as platform/Process.h describes it.
 extern "C" pid_t responsibility_get_pid_responsible_for_pid(pid_t pid) {
   security.pidsAsked.push_back(pid);
   return security.responsible.contains(pid) ? security.responsible[pid] : pid;

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-// A stand-in for the part of the library that reads audit tokens. The words of a token are those that <bsm/audit.h> and
-// the functions of <bsm/libbsm.h> have.
+// A stand-in for the part of the library that reads audit tokens. According to the comments in <bsm/libbsm.h>, only its
+// functions may read the words of a token. Here the words are those of platform/Process.h.
 
 struct audit_token_t {
   uint32_t val[8];
