@@ -321,7 +321,7 @@ void examine_list(const Facts& facts, std::vector<Finding>& findings) {
   if (state.changesOfOthers > 0) {
     add(Result::Warning,
         counted(state.changesOfOthers, "edit", "edits") +
-            " by other clients: not in the list, and lost when the extension ends",
+            " by other clients: not in the list, and lost when the extension ends or the list changes",
         "for a lasting edit: orvanectl block");
   }
 }

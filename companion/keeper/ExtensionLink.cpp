@@ -50,6 +50,8 @@ std::chrono::milliseconds timeout_for(const HeldNames& list) {
   return kCallTimeout + std::chrono::seconds((list.names.size() + list.suspended.size()) / kNamesPerSecond);
 }
 
+bool has_same_names(const HeldNames& a, const HeldNames& b) { return a.names == b.names && a.suspended == b.suspended; }
+
 std::string count_of(const HeldNames& list) {
   std::string text = counted(list.names.size(), "name", "names");
   return list.suspended.empty() ? text : text + ", plus " + std::to_string(list.suspended.size()) + " suspended";
@@ -129,7 +131,7 @@ void ExtensionLink::onSocketEvent() {
 
 void ExtensionLink::update(const HeldNames* before, const HeldNames& after) {
   if (!client_) return;
-  const bool isChanged = before == nullptr || before->names != after.names || before->suspended != after.suspended;
+  const bool isChanged = before == nullptr || !has_same_names(*before, after);
   if (isChanged) refusalPause_ = kShortestRefusalPause;
   if (isChanged || !pausesAfterRefusal()) return send(isInSync_ ? before : nullptr, after);
   if (guarded_.size() > 0) sendGuarded();  // the guarded names may have changed
@@ -185,11 +187,14 @@ void ExtensionLink::send(const HeldNames* before, const HeldNames& after) {
   isInSync_ = state_.hasOnlyGuarded = false;
   uint64_t edits = 0;
   std::string failure = attempt(timeout_for(after), [&](CallTimeout&) {
-    const bool isWhole = before == nullptr || needs_whole_list(*before, after);
-    // Sending the whole list discards other clients' edits, so counting them then starts again.
-    const uint64_t changes = isWhole ? client_->changesCount() : expectedChanges_;
+    const uint64_t changes = client_->changesCount();
+    // A difference would leave other clients' edits in place. But if the list is the same as before, the edits stay:
+    // otherwise two keepers that read their lists again and again would overwrite each other's list.
+    const bool isWhole = before == nullptr || needs_whole_list(*before, after) ||
+                         (changes != expectedChanges_ && !has_same_names(*before, after));
     edits = isWhole ? send_all(*client_, after) : send_difference(*client_, *before, after);
-    expectedChanges_ = changes + edits;
+    // Sending the whole list discards other clients' edits, so counting them then starts again.
+    expectedChanges_ = (isWhole ? changes : expectedChanges_) + edits;
     readChangesCount();
     isInSync_ = true;
   });

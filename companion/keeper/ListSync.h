@@ -15,11 +15,11 @@ namespace orvane {
 // this function sends. Throws ClientError.
 uint64_t send_all(Client& client, const HeldNames& list);
 
-// Sends only the difference to an extension that holds `before`, so that other clients' edits stay. Returns and throws
-// as send_all() does.
+// Sends only the difference to an extension that holds `before`. Other clients' edits stay. Returns and throws as
+// send_all() does.
 uint64_t send_difference(Client& client, const HeldNames& before, const HeldNames& after);
 
-// If more names than this differ, one message with the whole list is better, although it discards other clients' edits.
+// If more names than this differ, one message with the whole list is faster.
 inline constexpr size_t kLargestDifference = 4096;
 bool needs_whole_list(const HeldNames& before, const HeldNames& after);
 

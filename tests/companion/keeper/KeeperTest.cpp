@@ -143,6 +143,19 @@ TEST_F(Keeper, SendsTheWholeListAfterOneThatWasTooLarge) {
   EXPECT_EQ(state.extensionError, std::nullopt);
 }
 
+TEST_F(Keeper, SendsTheWholeListAfterEditsOfOthersOnlyIfTheListHasChanged) {
+  const HeldNames one{{"a"}, {}, {}}, two{{"a", "b"}, {}, {}};
+  link.attend(&one);
+  extension.held = {"z"};
+  ++extension.changes;
+  link.update(&one, one);
+  EXPECT_EQ(extension.held, std::set<std::string>{"z"}) << "otherwise two keepers could overwrite each other's list";
+  EXPECT_EQ(state.changesOfOthers, 1U);
+  link.update(&one, two);
+  EXPECT_EQ(extension.held, (std::set<std::string>{"a", "b"}));
+  EXPECT_EQ(state.changesOfOthers, 0U);
+}
+
 TEST_F(Keeper, UndoesEditsOfOthersOnlyWhenTold) {
   const HeldNames list{{"a"}, {}, {}};
   link.attend(&list);
