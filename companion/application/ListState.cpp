@@ -15,6 +15,11 @@ ListState read(const nlohmann::json& status) {
   state.isInForce = status.at("inForce");
   if (status.at("keeper").is_null()) return state;
   const auto& list = status.at("keeper").at("list");
+  // orvanectl counts a list as in force that others have edited since. But on a Mac, the keeper of another user who is
+  // logged in may have replaced all names.
+  const auto& extension = status.at("keeper").at("extension");
+  state.isEditedByOthers = state.isInForce && extension.at("changesOfOthers") != 0;
+  state.isInForce = state.isInForce && !state.isEditedByOthers;
   state.suspendedNames = list.at("suspendedNames");
   // If many names are suspended, only some of them are in the output.
   state.endsTogether = list.at("suspended").size() == state.suspendedNames;
@@ -41,6 +46,8 @@ ListState list_state(const std::string& output) {
 }
 
 std::string list_text(const ListState& state, Moment now) {
+  if (state.isEditedByOthers)
+    return "On, but not in force: another user or program has changed what is blocked. Switch the list off and on";
   if (!state.isInForce) return "On, but not in force: \"orvanectl status\" says why";
   if (state.suspendedNames == 0) return "On, and in force";
   return "On, but " + counted(state.suspendedNames, "name is", "names are") + " suspended" +

@@ -15,11 +15,12 @@ inline constexpr const char* kStatusArguments = "status --json";
 
 // What the application knows about the list.
 struct ListState {
-  bool isInForce = false;
+  bool isInForce = false;  // the extension has the current list, and nobody else has edited its names since
   uint64_t suspendedNames = 0;
   // If there are suspended names: when the suspension of some of them ends, and whether that of all of them ends then.
   Moment suspendedUntil{};
   bool endsTogether = false;
+  bool isEditedByOthers = false;  // the extension has the current list, but others have edited its names since
 };
 
 // Reads what orvanectl has printed when it was run with kStatusArguments. If this is not understood, the list counts as

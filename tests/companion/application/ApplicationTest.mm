@@ -35,7 +35,7 @@ TEST(Application, SaysWhichConditionIsMissingAndWhatToDo) {
        "Not on: the extension runs, but has no list, so nothing is blocked. Switch the list on."},
       {"no answer about the list yet", Protection{true, true, 0, "10\n", "", std::nullopt}, State::Unknown,
        "Switched on. Asking the extension..."},
-      {"an old list, or one that was edited by hand", Protection{true, true, 0, "10\n", "", old}, State::NotInForce,
+      {"an old list, or names edited by others", Protection{true, true, 0, "10\n", "", old}, State::NotInForce,
        "Not on: the extension has a list, but the current list is not in force. The row List says more."},
       {"all four", Protection{true, true, 0, "10\n", "", current}, State::On, "On"},
       {"all four, suspended names", Protection{true, true, 0, "10\n", "", suspended}, State::On,
@@ -122,6 +122,11 @@ TEST(Application, SaysWhetherTheListIsInForceAndWhatIsSuspended) {
     const nlohmann::json status = {{"inForce", isInForce}, {"keeper", to_json(keeper)}};
     EXPECT_EQ(list_text(list_state(status.dump()), now), expected) << name;
   }
+  KeeperState edited;
+  edited.changesOfOthers = 1;
+  const ListState state = list_state(nlohmann::json({{"inForce", true}, {"keeper", to_json(edited)}}).dump());
+  EXPECT_FALSE(state.isInForce);
+  EXPECT_NE(list_text(state, now).find("another user or program"), std::string::npos) << list_text(state, now);
   for (const char* output : {"", "no JSON", "{}", R"({"inForce":true,"keeper":{}})"})
     EXPECT_FALSE(list_state(output).isInForce) << output;
 }
