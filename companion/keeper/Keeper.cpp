@@ -368,10 +368,10 @@ void Keeper::enforceOwn(HeldNames own) {
 }
 
 // Lets the link undo edits of other clients while a group has a lock or a delay, and while a list of the administrator
-// has names that the members may not take out of force.
+// has names that the members may not take out of force. Undoes nothing if the machine may have another keeper.
 void Keeper::undoEdits(std::vector<RankedNames> lists) {
   std::erase_if(lists, [](const RankedNames& list) { return list.rank != Rank::Fixed; });
-  const bool isEnabled = guard_.isActive() || !lists.empty();
+  const bool isEnabled = kIsOnlyKeeper && (guard_.isActive() || !lists.empty());
   lists.push_back({Rank::Own, &guarded_});
   std::vector<std::string> names = unite(lists, {});
   // If there is no room for both, the names of the administrator come first.

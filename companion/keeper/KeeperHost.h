@@ -12,6 +12,10 @@ void notify_service_manager(const std::string& state);
 
 ListGuard::Now current_time();
 
+// Whether the machine has no keeper beside this one. The keepers of several users must not undo each other's edits,
+// because they would never stop.
+extern const bool kIsOnlyKeeper;
+
 // Gives free memory back to the system.
 void release_free_memory();
 

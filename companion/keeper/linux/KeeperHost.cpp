@@ -23,6 +23,8 @@ ListGuard::Now current_time() {
   return {now_in_seconds(), std::chrono::seconds(running.tv_sec), start};
 }
 
+const bool kIsOnlyKeeper = true;
+
 void release_free_memory() { malloc_trim(0); }
 
 }  // namespace orvane

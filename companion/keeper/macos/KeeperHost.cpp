@@ -25,6 +25,8 @@ ListGuard::Now current_time() {
   return {now_in_seconds(), std::chrono::seconds(running.tv_sec), start};
 }
 
+const bool kIsOnlyKeeper = false;  // each user who is logged in has one
+
 void release_free_memory() { malloc_zone_pressure_relief(nullptr, 0); }
 
 }  // namespace orvane
