@@ -72,6 +72,8 @@ BOOL install_agent(NSError** error) {
     @"ProgramArguments" : @[ orvanectl(), @"keep" ],
     @"RunAtLoad" : @YES,
     @"KeepAlive" : @YES,
+    // The keeper opens each file of its lists to watch it. The system's default is 256.
+    @"SoftResourceLimits" : @{@"NumberOfFiles" : @4096},
   };
   NSString* path = property_list_path();
   NSFileManager* files = [NSFileManager defaultManager];

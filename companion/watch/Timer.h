@@ -14,7 +14,7 @@ class Timer {
     Wall,     // CLOCK_REALTIME
     Running,  // counts from the start of the system, also while it sleeps: CLOCK_BOOTTIME, on macOS CLOCK_MONOTONIC
   };
-  explicit Timer(Clock clock);
+  explicit Timer(Clock clock);  // throws std::system_error
   int descriptor() const { return timer_.get(); }
 
   // `moment`: on the timer's clock.

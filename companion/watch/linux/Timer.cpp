@@ -6,12 +6,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <system_error>
 
 namespace orvane {
 
 Timer::Timer(Clock clock)
     : clock_(clock),
-      timer_(timerfd_create(clock == Clock::Wall ? CLOCK_REALTIME : CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {}
+      timer_(timerfd_create(clock == Clock::Wall ? CLOCK_REALTIME : CLOCK_BOOTTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  if (!timer_) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+}
 
 void Timer::set(std::chrono::seconds moment) {
   itimerspec when{};

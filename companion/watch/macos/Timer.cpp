@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <system_error>
 
 namespace orvane {
 namespace {
@@ -17,6 +19,7 @@ constexpr uintptr_t kTimer = 1;  // identifies the timer in the queue
 }  // namespace
 
 Timer::Timer(Clock clock) : clock_(clock), timer_(kqueue()) {
+  if (!timer_) throw std::system_error(errno, std::generic_category(), "kqueue");
   fcntl(timer_.get(), F_SETFD, FD_CLOEXEC);
   if (clock != Clock::Wall) return;
   int notifications = -1, token = 0;

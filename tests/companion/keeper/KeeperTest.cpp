@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -24,6 +26,7 @@
 #include "companion/list/ListFile.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Input.h"
+#include "companion/watch/Timer.h"
 #include "platform/Clock.h"
 #include "support/TemporaryFolder.h"
 
@@ -219,6 +222,15 @@ TEST_F(Keeper, WaitsLongerAfterEachRefusalOfAListWithoutGuardedNames) {
   extension.mostNames = SIZE_MAX;
   link.update(&many, more);
   EXPECT_EQ(extension.held.size(), more.names.size()) << "a changed list is sent at once";
+}
+
+TEST_F(Keeper, GetsAnErrorInsteadOfATimerThatNeverFires) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{0, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_THROW(Timer{Timer::Clock::Wall}, std::system_error);
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // The names of the lists that are in force, and for each list, whether an error is known.
