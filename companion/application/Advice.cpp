@@ -18,7 +18,7 @@ const char* const kPermission =
 const char* const kExtensionAdvice[] = {
     kExtensionLog,  // Unknown
     "Sign the application with the entitlement com.apple.developer.system-extension.install.",
-    "Move the application into the folder Applications, and open it there.",
+    kMoveAdvice,
     "The application contains no extension of this name. Install it again.",
     "The extension's Info.plist has no CFBundleIdentifier. Build and install the application again.",
     "Two extensions in the application have the same identifier. Build and install the application again.",

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "companion/application/Advice.h"
 #import "companion/application/ControlCommand.h"
 
 // The part of SMAppService that this file uses. SDKs before macOS 13 do not declare this class.
@@ -111,8 +112,11 @@ void remove_agent_of_older_system() {
 }
 
 NSString* failure(NSError* error) {
-  return [NSString stringWithFormat:@"Failed. %@ (%@, %ld)", error.localizedDescription, error.domain,
-                                    static_cast<long>(error.code)];
+  return failure_text(error, agent_service() != nil
+                                 ? "Allow OrvaneSE in the system's settings, General, Login Items, and press the "
+                                   "button again."
+                                 : "Log out and in, and press the button again. If that does not help, check that you "
+                                   "may write in ~/Library/LaunchAgents.");
 }
 
 }  // namespace
@@ -124,6 +128,10 @@ NSString* failure(NSError* error) {
 }
 
 - (void)switchOn {
+  // The system runs a downloaded application at a path of its own until the user moves the application. The agent must
+  // not have this path, which ends with the application.
+  if (![[NSBundle mainBundle].bundlePath hasPrefix:@"/Applications/"])
+    return [self show:[@"Off: " stringByAppendingString:@(orvane::kMoveAdvice)]];
   remove_agent_of_older_system();
   NSError* error = nil;
   const id<AgentService> service = agent_service();

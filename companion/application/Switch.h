@@ -33,6 +33,8 @@
 
 @end
 
-// The text that tells the user about a failure: the system's message, the error's domain and code, and what to do. The
-// advice is for errors of `domain` only, because other domains number their errors differently.
+// The text that tells the user about a failure: the system's message, the error's domain and code, and what to do.
+NSString* failure_text(NSError* error, const std::string& advice);
+// The same. Other domains than `domain` number their errors differently, so their errors get the advice for unknown
+// codes.
 NSString* failure_text(NSError* error, NSString* domain, std::string (*advice)(int64_t code));

@@ -30,8 +30,12 @@
 
 @end
 
+NSString* failure_text(NSError* error, const std::string& advice) {
+  return [NSString stringWithFormat:@"Failed: %@ (%@, %ld) %s", error.localizedDescription, error.domain,
+                                    static_cast<long>(error.code), advice.c_str()];
+}
+
 NSString* failure_text(NSError* error, NSString* domain, std::string (*advice)(int64_t code)) {
-  NSString* words = [error.domain isEqualToString:domain] ? @(advice(error.code).c_str()) : @"";
-  return [NSString stringWithFormat:@"Failed: %@ (%@, %ld) %@", error.localizedDescription, error.domain,
-                                    static_cast<long>(error.code), words];
+  constexpr int64_t kOtherDomain = 0;  // no domain has this code
+  return failure_text(error, advice([error.domain isEqualToString:domain] ? error.code : kOtherDomain));
 }

@@ -9,6 +9,7 @@
 #import "companion/application/ControlCommand.h"
 #include "companion/application/ListState.h"
 #include "companion/application/Protection.h"
+#import "companion/application/Switch.h"
 #include "companion/keeper/KeeperState.h"
 #include "support/TemporaryFolder.h"
 
@@ -62,6 +63,17 @@ TEST(Application, HasAdviceForEachErrorCode) {
       EXPECT_NE(advice(code).find("log show"), std::string::npos) << code;
     }
   }
+}
+
+TEST(Application, GivesAdviceOnErrorsOfOtherDomainsToo) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const auto text = [](NSString* domain) {
+    NSError* error = [NSError errorWithDomain:domain code:3 userInfo:nil];
+    return std::string([failure_text(error, @"known", extension_advice) UTF8String]);
+  };
+  EXPECT_NE(text(@"known").find("(known, 3) " + extension_advice(3)), std::string::npos) << text(@"known");
+  EXPECT_NE(text(@"other").find("(other, 3) " + extension_advice(1)), std::string::npos) << text(@"other");
+  [pool drain];
 }
 
 struct Ended {
