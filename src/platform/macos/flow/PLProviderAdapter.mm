@@ -49,10 +49,18 @@ auto judge(NEFilterFlow* flow, const std::optional<std::string>& name, Ask ask) 
   }));
 }
 
-// Whether the framework knows no host name of the flow.
+bool is_dns(NWEndpoint* endpoint) {
+  constexpr NSInteger kDNSPort = 53;
+  return [endpoint isKindOfClass:[NWHostEndpoint class]] &&
+         [[static_cast<NWHostEndpoint*>(endpoint) port] integerValue] == kDNSPort;
+}
+
+// Whether the framework knows no host name of the flow, but the flow's bytes may contain it. A DNS question contains
+// none, but may begin like a request. The system would hold the question back until the rest of the request arrives.
 bool is_nameless(NEFilterFlow* flow) {
-  return [flow isKindOfClass:[NEFilterSocketFlow class]] && [flow URL] == nil &&
-         [static_cast<NEFilterSocketFlow*>(flow) remoteHostname] == nil;
+  if (![flow isKindOfClass:[NEFilterSocketFlow class]] || [flow URL] != nil) return false;
+  auto* socket = static_cast<NEFilterSocketFlow*>(flow);
+  return [socket remoteHostname] == nil && !is_dns([socket remoteEndpoint]);
 }
 
 }  // namespace
