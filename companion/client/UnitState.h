@@ -13,9 +13,10 @@ inline constexpr const char* kExtensionUnit = "orvane-se.service";
 inline constexpr const char* kKeeperUnit = "orvane-keeper.service";
 inline constexpr const char* kFetcherUnit = "orvane-fetcher.service";
 
-// What the user must do to start the extension or the keeper, for messages.
+// What the user must do to start the extension or the keeper, or can do about a lock, for messages.
 extern const char* const kStartExtension;
 extern const char* const kStartKeeper;
+extern const char* const kEndLock;
 
 // A unit's state as systemd reports it; the texts are properties of org.freedesktop.systemd1(5).
 struct UnitState {

@@ -108,8 +108,7 @@ std::optional<Moment> lock_end(const std::optional<KeeperState>& keeper, const s
 void refuse_if_locked(const CommonOptions& options, const std::string& group, const std::string& what) {
   if (const auto end = lock_end(keeper_of_list(options), group))
     throw std::runtime_error("cannot " + what + ": the group " + in_quotes(group) + " is locked " +
-                             suspension_text(*end, now_in_seconds()) +
-                             ": wait; orvanectl(1) says how root can end the lock");
+                             suspension_text(*end, now_in_seconds()) + ": " + kEndLock);
 }
 
 std::string state_text(const Group& group, const KeeperState::GroupState& state, Moment now) {

@@ -59,7 +59,7 @@ std::string advice_on(int error, const Place& place) {
       return "check the rights of the file and its folder";
     case ENOENT:
     case ENOTDIR:
-      if (place.isMachines()) return "is orvane-se installed? Or name another file with --list";
+      if (place.isMachines()) return kMissingFolderAdvice;
       return "check the path";
     case ENOSPC:
     case EDQUOT:
@@ -93,7 +93,7 @@ void lock(const Descriptor& folder, const Place& place) {
     if (errno != EWOULDBLOCK && errno != EINTR) throw file_error("cannot lock", place, errno);
     if (steady_clock::now() > end)
       throw FileError("cannot lock the file: " + in_quotes(place.path) +
-                      ": another program has held the lock for a minute: find it with lslocks, and try again");
+                      ": another program has held the lock for a minute: " + kFindLockHolder + ", and try again");
     std::this_thread::sleep_for(kPause);
   }
 }

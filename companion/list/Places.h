@@ -15,4 +15,9 @@ struct Places {
 };
 const Places& places();
 
+// Advice for messages about the list's file: what to do if its folder is missing, and how to find out which program has
+// locked the folder.
+extern const char* const kMissingFolderAdvice;
+extern const char* const kFindLockHolder;
+
 }  // namespace orvane

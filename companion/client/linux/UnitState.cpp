@@ -68,6 +68,7 @@ class PropertyReader {
 
 const char* const kStartExtension = "sudo systemctl start orvane-se";
 const char* const kStartKeeper = "sudo systemctl start orvane-keeper";
+const char* const kEndLock = "wait; orvanectl(1) says how root can end the lock";
 
 std::optional<UnitState> unit_state(const std::string& unit) {
   if (sd_booted() <= 0) return std::nullopt;

@@ -15,4 +15,7 @@ const Places& places() {
   return places;
 }
 
+const char* const kMissingFolderAdvice = "is orvane-se installed? Or name another file with --list";
+const char* const kFindLockHolder = "find it with lslocks";
+
 }  // namespace orvane

@@ -35,4 +35,8 @@ const Places& places() {
   return places;
 }
 
+// orvanectl makes the folder of the user who runs it, but does not make another user's folder.
+const char* const kMissingFolderAdvice = "do not use sudo, or name another file with --list";
+const char* const kFindLockHolder = "find it with lsof";
+
 }  // namespace orvane
