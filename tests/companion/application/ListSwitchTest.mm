@@ -12,6 +12,7 @@ namespace {
 struct {
   NSInteger status, statusOfLegacyAgent;  // values of SMAppServiceStatus
   std::string home, launchctl;            // the user's folder, and the arguments of the last call of launchctl
+  std::string application = "/Applications/OrvaneSE.app";
 } launchd;
 
 }  // namespace
@@ -54,6 +55,9 @@ struct {
 }
 @end
 @implementation NSBundle (StandIn)
+- (NSString*)bundlePath {
+  return @(launchd.application.c_str());
+}
 - (NSString*)pathForAuxiliaryExecutable:(NSString*)name {
   return @"/bin/false";
 }
@@ -87,6 +91,17 @@ TEST(ListSwitch, ShowsTheAgentOfAnOlderSystemUntilItIsReplaced) {
   launchd.status = 0;
   [list refresh];
   EXPECT_EQ([[list state] rangeOfString:@"Off"].location, 0U) << [[list state] UTF8String];
+  [pool drain];
+}
+
+TEST(ListSwitch, InstallsNoAgentForAnApplicationThatTheUserHasNotMoved) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const TemporaryFolder folder;
+  launchd = {3, 3, folder.path(), "", "/private/var/folders/AppTranslocation/OrvaneSE.app"};
+  ListSwitch* list = [[[ListSwitch alloc] initWithObserver:nil] autorelease];
+  [list switchOn];
+  EXPECT_FALSE([list isOn]);
+  EXPECT_NE([[list state] rangeOfString:@"Move the application"].location, NSNotFound) << [[list state] UTF8String];
   [pool drain];
 }
 
