@@ -27,13 +27,17 @@ auto state_named(const std::vector<KeeperState::GroupState>& states, const std::
 GroupIndex find_group(const BlockList& list, const std::string& name) {
   if (const auto found = list.findGroup(name)) return *found;
   size_t nearest = std::max<size_t>(name.size() / 2, 2);  // only a group at a smaller distance is suggested
-  std::string advice = "see orvanectl group list";
-  if (group_name_fault(name).empty()) advice += ", or add it: orvanectl group add " + name;
+  constexpr size_t kMostShown = 10;
+  std::string names, advice;
   for (const Group& group : list.groups()) {
+    names += (names.empty() ? "" : ", ") + group.name;
     const size_t distance = edit_distance(name, group.name);
     if (distance < nearest) advice = "did you mean " + group.name + "? See orvanectl group list";
     nearest = std::min(nearest, distance);
   }
+  if (advice.empty())
+    advice = (list.groups().size() > kMostShown ? "see orvanectl group list" : "the list has these: " + names) +
+             ": to add a group: orvanectl group add";
   throw InputError("no such group: " + in_quotes(name) + ": " + advice);
 }
 
@@ -149,6 +153,16 @@ MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupStat
   return heldBack;
 }
 
+MaybeHeldBack earlier_change_held_back(const std::optional<KeeperState>& keeper, const std::string& group,
+                                       const std::string& host) {
+  if (!keeper) return std::nullopt;
+  for (const KeeperState::PendingSite& site : keeper->pending) {
+    if (site.group == group && site.host == host)
+      return HeldBack{lock_end(keeper, group) ? HeldBack::By::Lock : HeldBack::By::Delay, group, site.until};
+  }
+  return std::nullopt;
+}
+
 std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
                                                 const std::optional<KeeperState>& keeper, Moment now) {
   std::vector<MaybeHeldBack> results(exceptions.size());
@@ -183,6 +197,10 @@ std::string held_back_text(const MaybeHeldBack& heldBack, Moment now) {
       break;
   }
   return "; but the group " + heldBack->group + " is not in force" + (until.empty() ? "" : " until " + until);
+}
+
+std::string earlier_change_text(const HeldBack& heldBack, Moment now) {
+  return "; but an earlier change" + held_back_text(heldBack, now).substr(1);
 }
 
 nlohmann::json to_json(const HeldBack& heldBack) {

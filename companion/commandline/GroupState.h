@@ -11,8 +11,8 @@
 
 namespace orvane {
 
-// The group with this name. If the list has none, throws InputError, which suggests a group with a similar name, if
-// there is one.
+// The group with this name. If the list has none, throws InputError, which suggests a group with a similar name, or
+// names the groups of the list.
 GroupIndex find_group(const BlockList& list, const std::string& name);
 
 // The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list. If the state
@@ -70,6 +70,11 @@ MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupSta
 // What holds back a change that makes the group block less. `group`: as in the list's file before the change.
 MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now);
 
+// What holds back a change of a site that the list's file has already. Nothing if no change is held back, or if the
+// keeper holds back too many to publish this one.
+MaybeHeldBack earlier_change_held_back(const std::optional<KeeperState>& keeper, const std::string& group,
+                                       const std::string& host);
+
 // For each of these new exceptions: the lock or delay that holds it back, of a group that has sites at, above or below
 // its host. `list`: the list that is in force (list_in_force()); if there is none, the list's file before the change.
 std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
@@ -77,6 +82,8 @@ std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std
 
 // "; has an effect in 15 min", "; but the group work is disabled". Empty if nothing holds the change back.
 std::string held_back_text(const MaybeHeldBack& heldBack, Moment now);
+// "; but an earlier change has an effect in 15 min".
+std::string earlier_change_text(const HeldBack& heldBack, Moment now);
 
 // Gives the JSON object of a result the members "inForce" and "heldBack". The first is true only if the keeper has sent
 // the change, and nothing holds a part of it back; null if it is not known what the keeper has sent.

@@ -47,7 +47,7 @@ nlohmann::json site_json(const ListedSite& site, Moment now) {
   const char* scope = site.scope == Scope::Exception ? "exception" : has_subdomains(site) ? "subdomains" : "exact";
   nlohmann::json json{{"host", site.host}, {"scope", scope}, {"suspended", site.isSuspended(now)}};
   if (std::string unicode = unicode_hostname(site.host); !unicode.empty()) json["unicode"] = std::move(unicode);
-  if (site.until) json["until"] = time_text(*site.until);
+  if (site.isSuspended(now)) json["until"] = time_text(*site.until);
   return json;
 }
 
@@ -109,6 +109,7 @@ void print_file(const BlockList& list, const ListInForce* inForce, Moment now) {
   list.forEachSite([&](const ListedSite& site) {
     ListedSite copy = site;
     copy.group = *plain.findGroup(list.groupOf(site).name);
+    if (!site.isSuspended(now)) copy.until.reset();
     plain.put(std::move(copy));
   });
   put(plain.text());

@@ -97,7 +97,7 @@ int change_group(const CommonOptions& options, const Arguments& arguments, const
     if (outcome.text.empty() && state.settingsUntil) {
       outcome.heldBack =
           HeldBack{state.lockedUntil ? HeldBack::By::Lock : HeldBack::By::Delay, state.name, state.settingsUntil};
-      outcome.note = "; but an earlier change of its settings" + held_back_text(outcome.heldBack, now).substr(1);
+      outcome.note = earlier_change_text(*outcome.heldBack, now);
     }
     return outcome;
   });
@@ -194,8 +194,17 @@ int schedule(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
+std::chrono::seconds delay_in(const std::string& text) {
+  if (text == kOff) return std::chrono::seconds(0);
+  try {
+    return read_delay(text);
+  } catch (const InputError& error) {
+    throw InputError(std::string(error.what()) + "; for no delay, write off");
+  }
+}
+
 int delay(const CommonOptions& options, const Arguments& arguments) {
-  const auto wanted = arguments.delay == kOff ? std::chrono::seconds(0) : read_delay(arguments.delay);
+  const std::chrono::seconds wanted = delay_in(arguments.delay);
   return change_group(options, arguments, [&](BlockList& list, GroupIndex group, const auto& state) {
     if (wanted < std::max(list.groups()[group].delay, state.delay))
       refuse_if_locked(options, arguments.group, "shorten the delay");

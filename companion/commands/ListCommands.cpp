@@ -219,7 +219,10 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
       const auto& [blocking, removal] = heldBack[i];
       const bool isRemoval = !made.isMeantToBlock || (removal && before && blocks_less(&made.site, *before));
       made.heldBack = isRemoval ? removal : blocking;
-      made.outcome += held_back_text(made.heldBack, now);
+      const auto earlier =
+          made.changed ? std::nullopt : earlier_change_held_back(keeper, arguments.group, made.site.host);
+      if (earlier) made.heldBack = earlier;
+      made.outcome += earlier ? earlier_change_text(*earlier, now) : held_back_text(made.heldBack, now);
       changed = changed || made.changed;
     }
     // Look for opposite lines only after all changes, because a later change may remove or suspend a line that decides

@@ -166,27 +166,27 @@ bool accept_shape(std::string_view name, bool isAscii, std::string& fault) {
   return true;
 }
 
-// The length of the port with its colon. 0 if there is no port, or if the host is in brackets: it is an IPv6 address,
-// which is refused later, with or without a port.
+// The length of the port with its colon. 0 if there is no port, or if the host is an IPv6 address, which is refused
+// later, with or without a port.
 size_t port_length(std::string_view authority) {
-  const size_t colon = authority.rfind(':');
-  return colon == std::string_view::npos || authority.starts_with('[') ? 0 : authority.size() - colon;
+  const size_t colon = authority.find(':');
+  const bool isAddress = authority.starts_with('[') || authority.rfind(':') != colon;
+  return colon == std::string_view::npos || isAddress ? 0 : authority.size() - colon;
 }
 
-// The host and port of a URL, or of a host with a path. Nothing for any other text, such as "https:/a.example" and
-// "https:a.example/b", which lack slashes, or "file:///a", which has no host.
+// The host and port of a URL, or of a host with a port or a path. Nothing for any other text, such as
+// "https:/a.example" and "https:a.example/b", which lack slashes, or "file:///a", which has no host.
 std::optional<std::string_view> authority_in(std::string_view given) {
   const size_t scheme = given.find("://");
   const bool isURL = scheme < given.find_first_of("/?#\\");
   std::string_view authority = given;
   if (isURL) authority.remove_prefix(scheme + 3);
   const size_t end = authority.find_first_of("/?#\\");
-  if (authority.size() == given.size() && end == std::string_view::npos) return std::nullopt;
   authority = authority.substr(0, end);
   authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0: no user name
   const std::string_view port = authority.substr(authority.size() - port_length(authority));
   const bool isNumber = port.size() > 1 && std::all_of(port.begin() + 1, port.end(), is_digit);
-  if (!isURL && !port.empty() && !isNumber) return std::nullopt;
+  if (!isURL && !isNumber && (!port.empty() || end == std::string_view::npos)) return std::nullopt;
   return authority.empty() ? std::nullopt : std::optional(authority);
 }
 

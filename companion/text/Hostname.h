@@ -16,12 +16,13 @@ namespace orvane {
 // The function writes into the memory that `name` already has, so `given` must not be a view of `name`.
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);
 
-// The host of a text that people paste as a host: a URL, or a host with a path, as in "https://example.com/a" or
-// "example.com/a". For any other text, such as a URL without a host, the text itself. A view into `given`.
+// The host of a text that people paste as a host: a URL, or a host with a port or a path, as in
+// "https://example.com/a", "example.com:443" or "example.com/a". For any other text, such as a URL without a host, the
+// text itself. A view into `given`.
 std::string_view host_in(std::string_view given);
 
 // The port in such a text, which host_in() leaves out: "8443" in "https://example.com:8443/a". Empty if there is none,
-// or if the host is in brackets (an IPv6 address), because host_in() leaves such a port in place. A view into `given`.
+// or if the host is an IPv6 address, because host_in() leaves such a port in place. A view into `given`.
 std::string_view port_in(std::string_view given);
 
 // Converts the international labels of a name to Unicode. The name must have the form of normalize_hostname(). Empty if

@@ -10,7 +10,7 @@ namespace orvane {
 // Prints "orvanectl: TEXT" on standard error, made printable. The text says what failed, on what, and what to do.
 void print_error(const std::string& text);
 
-// If the given text is a URL with a port, prints that the port is ignored: a list contains hosts, not ports.
+// If the given text is a URL or a host with a port, prints that the port is ignored: a list contains hosts, not ports.
 void note_ignored_port(std::string_view given);
 
 // For a command whose output is JSON: call collect_errors() before the command and, if the command has failed,

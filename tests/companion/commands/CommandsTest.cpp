@@ -115,8 +115,8 @@ TEST(Commands, SendNothingWhenOneInputIsRefused) {
   const std::string list = folder.write("list", "good.example\r\n\r\nbad name\nhttp://x\n");
   const Case kCases[] = {
       {{"add", "good.example", "a..b"}, "", "", "\"a..b\": it has an empty label", kUsage},
-      {{"add", "a:1", "--json"},
-       "{\"details\":[\"not a host name: \\\"a:1\\\": it has a port or a scheme: give the host name alone\"],"
+      {{"add", "a:b", "--json"},
+       "{\"details\":[\"not a host name: \\\"a:b\\\": it has a port or a scheme: give the host name alone\"],"
        "\"error\":\"nothing was sent: 1 of 1 name refused: correct the names above\"}\n",
        "",
        "it has a port",

@@ -88,6 +88,12 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "sites: not'",
        0, "33 sites: not\n"},
       {"resume --all", 0, "33 sites: blocked again\n"},
+      {"list >'%.out'; echo 'o.example until=2020-01-01T00:00:00Z' | '" ORVANECTL
+       "' --list '%.6' import - >'%.out'; for command in list export '--json export'; do '" ORVANECTL
+       "' --list '%.6' $command; done 2>'%.out'",
+       0,
+       "o.example\no.example\n"
+       "[{\"group\":\"default\",\"host\":\"o.example\",\"scope\":\"subdomains\",\"suspended\":false}]\n"},
       {"import --undo | cut -d, -f 1", 0, "30 sites removed\n"},
       {"unblock --from '%.3' | wc -l", 0, "3\n"},
       {"block gone.example; @ unblock --all", 0,
@@ -110,6 +116,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "'Mon..Fri 9:00-17:00'; otherwise give the times first\n"},
       {"group delay work 15m", 0, "work: a removal or suspension has an effect after 15 min\n"},
       {"group delay work 8d", 2, ""},
+      {"group delay work 0 2>&1 | grep -o 'for no delay.*'", 0, "for no delay, write off\n"},
+      {"group remove nog 2>&1 | head -n 1", 0,
+       "orvanectl: no such group: \"nog\": the list has these: default, work: to add a group: orvanectl group add\n"},
       {"group disable work", 0, "work: disabled; has an effect in 15 min\n"},
       {"lock --group worj --for 1h 2>&1 | head -n 1", 0,
        "orvanectl: no such group: \"worj\": did you mean work? See orvanectl group list\n"},
@@ -204,9 +213,11 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"group delay h off 2>'%.out' | grep -o 'the delay of 1 h counts'", 0, "the delay of 1 h counts\n"},
       {"group disable h 2>'%.out' >&2; @ group enable h 2>'%.out' | grep -o 'h: enabled.*'", 0,
        "h: enabled: in force\n"},
-      {"block --exact y.example --group h 2>'%.out' | grep -o 'now.*effect'; @ block y.example --group h 2>'%.out' | "
-       "grep -o 'now.*'",
-       0, "now without its subdomains; has an effect\nnow with its subdomains\n"},
+      {"block --exact y.example --group h 2>'%.out' | grep -o 'now.*effect'; @ block --exact y.example --group h "
+       "2>'%.out' | grep -o 'already.*effect in'; @ block y.example --group h 2>'%.out' | grep -o 'now.*'",
+       0,
+       "now without its subdomains; has an effect\nalready on the list; but an earlier change has an effect in\n"
+       "now with its subdomains\n"},
       {"suspend y.example --group h --until 'in 10 min'", 2, ""},
       {"suspend y.example --group h --for 10m 2>'%.out' | grep -cE '\\(1 h (9|10) min left'", 0, "1\n"},
       {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},

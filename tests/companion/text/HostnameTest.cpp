@@ -19,8 +19,10 @@ TEST(Hostname, TakesTheHostOfPastedText) {
       {"https://me:pw@a.example:8443/b?c=d@e#f", "a.example", "8443"},
       {"a.example/b?c=https://d.example:1", "a.example", ""},
       {"HTTP://[::1]:80/", "[::1]:80", ""},  // refused as an IP address later
-      {"a.example:443", "a.example:443", ""},
+      {"a.example:443", "a.example", "443"},
       {"a.example:443/b", "a.example", "443"},
+      {"a.example:b", "a.example:b", ""},
+      {"::1", "::1", ""},
       {"https://", "https://", ""},  // the rest are refused later
       {"file:///etc", "file:///etc", ""},
       {"http:a.example/b", "http:a.example/b", ""},
