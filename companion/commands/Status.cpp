@@ -193,7 +193,7 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
 
 std::vector<std::string> list_lines(const KeeperState& keeper) {
   std::vector<std::string> lines;
-  lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "line", "lines") + ", " +
+  lines.push_back(keeper.listPath + ": " + counted(keeper.sites, "site", "sites") + ", " +
                   counted(keeper.names, "name", "names") + (keeper.readOnlyLists.empty() ? "" : " of all lists") +
                   " to block now");
   if (keeper.listError)

@@ -154,6 +154,7 @@ bool wait_for_fetcher(const CommonOptions& options, FetcherState& state,
 std::string names_text(const SubscriptionState& state) {
   const ListCounts& counts = state.counts;
   std::string text = counted(counts.names, "name", "names");
+  if (counts.exceptions > 0) text += ", " + counted(counts.exceptions, "exception", "exceptions");
   if (counts.skipped > 0) text += ", " + std::to_string(counts.skipped) + " skipped";
   if (counts.rejected > 0) text += ", " + std::to_string(counts.rejected) + " rejected (" + counts.firstRejected + ")";
   return text;
@@ -213,7 +214,7 @@ int fetch(const CommonOptions& options, const std::vector<Subscription>& subscri
       const bool isSame = now.sha256 == then.sha256 && now.source == then.source;
       std::string text = each.name + ": " + names_text(now);
       if (isSame) text += ", unchanged";
-      if (!isSame && then.counts.names > 0) text += "; before: " + std::to_string(then.counts.names);
+      if (!isSame && then.hasCopy()) text += "; before: " + std::to_string(then.counts.names);
       std::puts(text.c_str());
     }
   }

@@ -53,7 +53,7 @@ std::chrono::milliseconds timeout_for(const HeldNames& list) {
 bool has_same_names(const HeldNames& a, const HeldNames& b) { return a.names == b.names && a.suspended == b.suspended; }
 
 std::string count_of(const HeldNames& list) {
-  std::string text = counted(list.names.size(), "name", "names");
+  std::string text = counted(count_blocking(list.names), "name", "names");
   return list.suspended.empty() ? text : text + ", plus " + std::to_string(list.suspended.size()) + " suspended";
 }
 
@@ -229,8 +229,8 @@ void ExtensionLink::sendGuarded() {
   if (failure == kUnresponsive) return disconnect(failure);
   if (!state_.hasOnlyGuarded) return;
   state_.sentVersion.reset();
-  state_.sentNames = guarded_.size();
-  const std::string count = counted(guarded_.size(), "name", "names");
+  state_.sentNames = count_blocking(guarded_);
+  const std::string count = counted(state_.sentNames, "name", "names");
   const std::string text =
       "the extension has only the names of the administrator's lists and of groups with a lock or a delay: " + count;
   if (text != loggedSent_) keeper_log(LogLevel::Notice, text);  // after an undo, it has the same names as before
@@ -250,7 +250,7 @@ void ExtensionLink::readChangesCount() {
 void ExtensionLink::recordSent(const HeldNames& list, bool isChanged) {
   state_.extensionError.reset();
   state_.sentVersion = state_.listVersion;
-  state_.sentNames = list.names.size();
+  state_.sentNames = count_blocking(list.names);
   state_.sentAt = now_in_seconds();
   // After an undo, the extension has the same list as before. After a start, it first has the names of the guarded
   // groups, before the keeper has read a version of the list. These may be all names.

@@ -505,7 +505,7 @@ void Keeper::publishListInForce(const BlockList& list) {
 
 // Updates the counts in the state, and logs the first bad lines.
 void Keeper::describe(const BlockList& list) {
-  state_.sites = list.size();
+  state_.sites = list.blockingSize();
   state_.badLines = list.badLines().size();
   std::string faults;
   for (size_t i = 0; i < std::min(list.badLines().size(), kBadLinesLogged); ++i) {
@@ -522,7 +522,7 @@ void Keeper::take(HeldNames list) {
   link_.update(known(), list);
   list_ = std::move(list);
   isKnown_ = true;
-  state_.names = list_.names.size();
+  state_.names = count_blocking(list_.names);
   state_.suspendedNames = list_.suspended.size();
   state_.suspended.clear();
   std::copy_n(list_.suspended.begin(), std::min(list_.suspended.size(), KeeperState::kMostSuspensions),

@@ -27,6 +27,7 @@ struct KeeperState {
   ListVersion listVersion;
   std::optional<Moment> listModified;  // the time of the file's last change; nothing if there is no file
   std::string listSha256;              // of the file's text, in hexadecimal
+  // None of the counts of sites and names includes exceptions.
   uint64_t sites = 0;
   uint64_t names = 0;  // how many names the extension must hold now; suspended names are not counted
   uint64_t badLines = 0;

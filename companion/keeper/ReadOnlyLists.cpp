@@ -124,7 +124,7 @@ bool ReadOnlyLists::read(Entry& entry, bool hasRoom) {
     const ListFileContent content = read_list_file(path);
     std::string hash = sha256_text(content.text);
     ReadOnlyList list = ReadOnlyList::parse(content.text, entry.list.kind);
-    if (entry.hasCopy && list.size() < entry.state.names && keepsNames(entry)) return false;
+    if (entry.hasCopy && list.size() < entry.list.size() && keepsNames(entry)) return false;
     entry.fewerSince.reset();
     entry.version = content.version;
     entry.state.modified = content.modified;
@@ -137,7 +137,7 @@ bool ReadOnlyLists::read(Entry& entry, bool hasRoom) {
     entry.state.sha256 = std::move(hash);
     entry.state.isDropIn = entry.list.kind == ListKind::DropIn;
     entry.state.isSuspendable = entry.list.isSuspendable;
-    entry.state.names = entry.list.size();
+    entry.state.names = entry.list.blockingSize();
     entry.state.badLines = entry.list.badLineCount;
     if (isNew) log_bad_lines(path, entry.list);
     return true;

@@ -256,6 +256,12 @@ void BlockList::forEachSite(const std::function<void(const ListedSite&)>& visit)
   }
 }
 
+size_t BlockList::blockingSize() const {
+  size_t size = 0;
+  forEachSite([&](const ListedSite& site) { size += site.scope == Scope::Exception ? 0 : 1; });
+  return size;
+}
+
 std::vector<size_t> BlockList::sitesOfGroups() const {
   std::vector<size_t> counts(groups_.size());
   forEachSite([&](const ListedSite& site) { ++counts[site.group]; });

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -14,6 +15,7 @@
 #include "companion/list/LineTable.h"
 #include "companion/text/TimeText.h"
 #include "platform/KeyedHash.h"
+#include "platform/names/Subdomains.h"
 
 namespace orvane {
 
@@ -48,6 +50,12 @@ bool has_subdomains(const ListedSite& site);
 std::string name_of(const ListedSite& site);
 // The host of such a name: a view into `name`.
 std::string_view host_of(std::string_view name);
+// How many of these names block hosts: all but the names of exceptions.
+size_t count_blocking(const auto& names) {
+  return static_cast<size_t>(std::count_if(names.begin(), names.end(), [](std::string_view name) {
+    return !name.starts_with(kExceptionMark);
+  }));
+}
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.
 // Not thread-safe.
@@ -80,6 +88,7 @@ class BlockList {
   std::vector<ListedSite> sites() const;
   void forEachSite(const std::function<void(const ListedSite&)>& visit) const;  // the same sites, not copied
   size_t size() const { return lineByHost_.size(); }                            // the number of sites
+  size_t blockingSize() const;                                                  // the same, without the exceptions
   std::vector<size_t> sitesOfGroups() const;                                    // how many sites each group has
   const std::vector<BadLine>& badLines() const { return badLines_; }
 

@@ -113,6 +113,12 @@ size_t ReadOnlyList::size() const {
   return size;
 }
 
+size_t ReadOnlyList::blockingSize() const {
+  size_t size = 0;
+  for (const Section& section : sections) size += count_blocking(section.names);
+  return size;
+}
+
 bool ReadOnlyList::isInForce(const Section& section, const GroupsInForce& groups) const {
   const auto group = groups.find(section.group);
   return rank() == Rank::Fixed || group == groups.end() || group->second;

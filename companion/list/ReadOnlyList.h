@@ -41,7 +41,8 @@ struct ReadOnlyList {
 
   static ReadOnlyList parse(std::string_view text, ListKind kind);
   Rank rank() const { return kind == ListKind::DropIn && !isSuspendable ? Rank::Fixed : Rank::Open; }
-  size_t size() const;  // the number of names
+  size_t size() const;          // the number of names
+  size_t blockingSize() const;  // the same, without the exceptions
 
   // Whether the section's names are in force: true unless the section's group is a group of the machine's list that is
   // not in force. `groups` says of each group of the machine's list whether it is in force. In a list of the rank

@@ -375,7 +375,7 @@ class Fetcher {
           convert_list(fetched.body, subscription.group, "From " + std::string(authority_of(subscription.url)));
       const auto request = requests_.find(subscription.name);
       const bool isAccepted = request != requests_.end() && request->second.accepted == hash;
-      const uint64_t names = list.counts.blockingNames(), before = state.counts.blockingNames();
+      const uint64_t names = list.counts.names, before = state.counts.names;
       if (isSameSource && names * 2 < before && !isAccepted) {
         state.waiting = WaitingCopy{hash, names};
         state.error = "the list has shrunk from " + counted(before, "name", "names") + " to " + std::to_string(names) +

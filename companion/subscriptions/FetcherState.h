@@ -39,7 +39,7 @@ struct SubscriptionState {
   std::optional<Moment> changed;   // when the copy came into force
   std::optional<Moment> signedAt;  // the timestamp in the signature's trusted comment
   ListCounts counts;
-  bool hasCopy() const { return counts.names > 0; }
+  bool hasCopy() const { return counts.names + counts.exceptions > 0; }
 
   std::optional<Moment> checked;     // when the server last confirmed the copy in force
   std::optional<Moment> next;        // the next fetch

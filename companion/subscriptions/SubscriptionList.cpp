@@ -28,7 +28,6 @@ SubscriptionList convert_list(std::string_view body, const std::string& group, c
       counts.firstRejected = "line " + std::to_string(line) + ": " + in_quotes(text) + ": " + fault;
   };
   ImportedSites imported = read_import(body, {{}, group, kMostSubscribedNames}, rejected, nullptr);
-  counts.names = imported.sites.size();
   counts.duplicates = imported.duplicates;
   counts.skipped = imported.skipped + imported.partialRules;
   counts.rejected = imported.rejected;
@@ -39,7 +38,7 @@ SubscriptionList convert_list(std::string_view body, const std::string& group, c
   if (group != kDefaultGroupName) list.text += header_of(group) + "\n";
   for (ListedSite& site : imported.sites) {
     site.until.reset();
-    counts.exceptions += site.scope == Scope::Exception ? 1 : 0;
+    ++(site.scope == Scope::Exception ? counts.exceptions : counts.names);
     list.text.append(line_of(site)).append("\n");
   }
   return list;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -9,13 +8,12 @@ namespace orvane {
 
 // What a list from a web server has.
 struct ListCounts {
-  uint64_t names = 0;         // sites and exceptions
-  uint64_t exceptions = 0;    // of these names
+  uint64_t names = 0;         // without the exceptions
+  uint64_t exceptions = 0;
   uint64_t duplicates = 0;    // names that occurred before
   uint64_t skipped = 0;       // names like localhost, and rules that are not about a whole host
   uint64_t rejected = 0;      // lines that are no host names
   std::string firstRejected;  // the first of these lines and why; safe for a terminal; empty if there is none
-  uint64_t blockingNames() const { return names - std::min(names, exceptions); }
 };
 
 // A list from a web server, in the form of orvane-list(5).

@@ -229,7 +229,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block --exact y.example --group h", 1, ""},
       {"lock --group default; @ --json lock --group default", 0, "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
-      {"status | grep -o 'in force.*'", 0, "in force.\n"},
+      {"status | grep -oE 'in force.*|[0-9]+ [a-z]+, [0-9].* now'", 0, "in force.\n1 site, 1 name to block now\n"},
       {"lock --group h | cut -d ' ' -f 1-3; kill \"$(cat '%.pid')\"; while kill -0 \"$(cat '%.pid')\" 2>'%.out'; do "
        "sleep 0.1; done; rm -f '%.state'*",
        0, "h: locked until\n"},

@@ -181,7 +181,7 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         drop_in.with_name(".new").rename(drop_in)
         becomes(DROP, "the drop-in is in force")
         keeper.fetched.mkdir()
-        fetched.with_name(".new").write_text(f"{NEWS}\nfetched.example\n")
+        fetched.with_name(".new").write_text(f"{NEWS}\nfetched.example\nfree.fetched.example allowed\n")
         fetched.with_name(".new").rename(fetched)
         becomes(DROP, "the subscription is in force", NEWS)
 
@@ -201,9 +201,12 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         ):
             result = keeper.control(*command)
             check((result.returncode, words in result.stdout + result.stderr), (code, True), f"{command}: {result}")
-        shown = {each["kind"]: each for each in keeper.status(in_force=True)["lists"]}
+        status = keeper.status(in_force=True)
+        shown = {each["kind"]: each for each in status["lists"]}
         digest = hashlib.sha256(drop_in.read_bytes()).hexdigest()
         check((shown["drop-in"]["sha256"], shown["subscription"]["names"]), (digest, 2), "lists of status")
+        held = status["keeper"]["list"]["names"], status["keeper"]["extension"]["sentNames"]
+        check((*held, shown["machine"]["names"]), (3, 3, 0), "the names that block, without exceptions")
         check(shown["drop-in"]["age"], 0, "the age of a file from the future")
         keeper.list.write_text(mine)
 
