@@ -52,9 +52,8 @@ std::string name_of(const ListedSite& site);
 std::string_view host_of(std::string_view name);
 // How many of these names block hosts: all but the names of exceptions.
 size_t count_blocking(const auto& names) {
-  return static_cast<size_t>(std::count_if(names.begin(), names.end(), [](std::string_view name) {
-    return !name.starts_with(kExceptionMark);
-  }));
+  return static_cast<size_t>(std::count_if(names.begin(), names.end(),
+                                           [](std::string_view name) { return !name.starts_with(kExceptionMark); }));
 }
 
 // The machine's list. orvane-list(5) describes its text. Comments, blank lines and invalid lines are kept unchanged.

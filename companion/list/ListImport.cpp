@@ -37,12 +37,14 @@ Address address_in(std::string_view word) {
   return isBlocking ? Address::Blocking : Address::Other;
 }
 
-// Whether a line is a filter list's rule that hides parts of pages, such as "example.com##.banner".
+// Whether a line is a filter list's rule that hides or changes parts of pages, such as "example.com##.banner". Without
+// a host before its sign, the line is one only if it goes on like "##.banner"; "##Title" is a comment.
 bool hides_elements(std::string_view line) {
   const std::string_view word = take_word(line);
-  for (std::string_view sign : {"##", "#@#", "#?#", "#$#"}) {
-    const size_t at = word.find(sign);
-    if (at != std::string_view::npos && word.find_first_not_of('#', at + sign.size()) == at + sign.size()) return true;
+  for (std::string_view sign : {"##", "#@#", "#?#", "#$#", "#%#"}) {
+    const size_t at = word.find(sign), next = at + sign.size();
+    if (at == std::string_view::npos || next == word.size() || word[next] == '#') continue;
+    if (at > 0 || std::string_view(".[*:+").find(word[next]) != std::string_view::npos) return true;
   }
   return false;
 }
@@ -80,9 +82,20 @@ std::string_view format_fault(std::string_view text) {
   return {};
 }
 
+constexpr std::string_view kEdges = "-_.";
+
+// Whether a line is a filter list's rule about parts of addresses, such as "/banner/" or "-ad/". The line itself shows
+// this: neither a host name nor a URL begins in this way or has these characters.
+bool is_pattern(std::string_view line) {
+  if (line.find_first_of(kLineSpace) != std::string_view::npos || line.starts_with("*.")) return false;
+  return line.find_first_of("^|") != std::string_view::npos ||
+         std::string_view("/*&?~=:%").find(line.front()) != std::string_view::npos ||
+         (kEdges.find(line.front()) != std::string_view::npos && has_pattern(line));
+}
+
 // Whether a line of a filter list is a part of an address, such as "-banner-" or "adserver", and not a whole host.
+// Elsewhere, such a line is a name.
 bool is_fragment(std::string_view line) {
-  constexpr std::string_view kEdges = "-_.";
   if (line.find_first_of(kLineSpace) != std::string_view::npos) return false;
   return line.find('.') == std::string_view::npos || kEdges.find(line.front()) != std::string_view::npos ||
          kEdges.find(line.back()) != std::string_view::npos;
@@ -117,7 +130,8 @@ class ImportReader {
     if (line.starts_with(kException)) return readRule(line, line.substr(kException.size()), Scope::Exception);
     if (line.starts_with("@@")) return skipRule();
     if (line.starts_with(kRule)) return readRule(line, line.substr(kRule.size()), scope_.value_or(Scope::Subdomains));
-    if (isFilterList_ && (has_pattern(line) || is_fragment(line))) return skipRule();
+    if (is_pattern(line)) return skipRule();
+    if (isFilterList_ && is_fragment(line) && !is_local_name(line)) return skipRule();
     readPlainLine(line);
   }
 
@@ -164,8 +178,7 @@ class ImportReader {
     const bool title = line.front() == '[' && line.back() == ']' && line.find(':') == std::string_view::npos;
     isFilterList_ = isFilterList_ || line.front() == '!' || title || line.starts_with("||") || line.starts_with("@@");
     if (line.front() == '!' || title) return true;
-    // A line such as "##.banner" is a rule only in a filter list; in other lists, "##Title" is a comment.
-    return line.front() == '#' && !(isFilterList_ && hides_elements(line));
+    return line.front() == '#' && !hides_elements(line);
   }
 
   void readHostsLine(std::string_view address, Address kind, std::string_view names) {

@@ -50,8 +50,7 @@ TEST(ListImport, ReadsEachFormOfLine) {
       {"filter list, other rules",
        "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^\nh i\n"
        "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example\n||ads-\n||p",
-       "o.example; !7 !8 ?12"},
-      {"wildcards and paths elsewhere", "*.a.example\nb.example/c\nd.example", "d.example; !1 !2"},
+       "o.example; !7 !8 !12 ?11"},
       {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
       {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
        "a.example;b.example until=2030-01-01T00:00:00Z;"},
@@ -62,6 +61,17 @@ TEST(ListImport, ReadsEachFormOfLine) {
        "xn--bcher-kva.example; !2 !3 !4 !5 !6"},
   };
   for (const auto& [description, text, expected] : kCases) EXPECT_EQ(imported(text), expected) << description;
+  // What a line means does not depend on the marks of a filter list before it.
+  const std::string_view kLines =
+      "*.a.example\nb.example/c\nc$.example\nhttp://d.example/\na..b\n##.x\n#@#.x\ne.example##.x\n/f/\n&g_\n"
+      "-h/\n||i.example/j\n@@/k/\nl.example^\nlocalhost\n127.0.0.1 localhost\nm.example";
+  for (const char* mark : {"#", "!", "[Adblock Plus 2.0]", "||x.example/y"}) {
+    size_t rejected = 0;
+    const auto count = [&](size_t, std::string_view, const std::string&) { ++rejected; };
+    const ImportedSites read = read_import(mark + ("\n" + std::string(kLines)), {}, count, nullptr);
+    EXPECT_EQ(std::tuple(read.sites.size(), rejected, read.skipped), std::tuple(1U, 5U, 2U)) << mark;
+    EXPECT_EQ(read.partialRules, *mark == '|' ? 10U : 9U) << mark;
+  }
   EXPECT_EQ(imported(std::string(size_t{1} << 22, '\xc3')), " !1") << "one long line";
   EXPECT_EQ(imported("0.0.0.0 b.example a.example\nwww.a.example", Scope::Subdomains), "b.example;a.example;");
   EXPECT_EQ(imported("www.a.example\n||b.example^\n@@||c.example^", Scope::ExactName),
