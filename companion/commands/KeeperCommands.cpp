@@ -48,7 +48,7 @@ void declare_keeper_commands(CommandSet& commands) {
   CLI::App* tryCommand =
       commands.declare(commands.app, kServiceGroup, "try", "Show whether a host is blocked now, and why",
                        [&options, host, catalogued] { return try_hosts(options, *host, *catalogued); });
-  tryCommand->add_option("HOST", *host, "A host name, in any spelling that browsers accept")->type_name("");
+  tryCommand->add_option("HOST", *host, "A host name or URL, in any spelling that browsers accept")->type_name("");
   catalogued->declare(*tryCommand);
   tryCommand->footer(
       "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown. For several\n"

@@ -9,6 +9,7 @@
 #include "companion/list/Places.h"
 #include "companion/text/Input.h"
 #include "companion/text/Output.h"
+#include "companion/text/ProgressBar.h"
 
 namespace orvane {
 namespace {
@@ -21,7 +22,12 @@ std::chrono::milliseconds patience_for(size_t sites) {
 }
 
 Effect wait(const CommonOptions& options, const ListVersion& version, size_t sites) {
-  switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites))) {
+  ProgressBar bar(!options.json);
+  const auto messageAt = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  const auto waiting = [&] {
+    if (std::chrono::steady_clock::now() >= messageAt) bar.show(0, 0, "waiting until the list is in force");
+  };
+  switch (wait_until_in_force(options.keeperStatePath, version, patience_for(sites), waiting)) {
     case InForce::Yes: {
       const auto unrecognised = recognition_fault(options.client);
       if (!unrecognised || !unrecognised->isInForce) return {true};

@@ -215,8 +215,8 @@ void add_later_changes(KeeperState& state, uint64_t changes) {
   state.changes = changes;
 }
 
-InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
-                            std::chrono::milliseconds timeout) {
+InForce wait_until_in_force(const std::string& statePath, const ListVersion& version, std::chrono::milliseconds timeout,
+                            const std::function<void()>& waiting) {
   using Clock = std::chrono::steady_clock;
   const auto end = Clock::now() + timeout;
   // Start watching before the first read, so that no change between reading and waiting is missed.
@@ -234,6 +234,7 @@ InForce wait_until_in_force(const std::string& statePath, const ListVersion& ver
     const auto rest = std::chrono::seconds(state->restSeconds);
     auto left = std::chrono::ceil<std::chrono::milliseconds>(end + rest - Clock::now());
     if (left.count() <= 0) return InForce::TimedOut;
+    if (waiting) waiting();
     // If the keeper is killed, no file changes. So the loop also checks at intervals whether the keeper still runs.
     constexpr std::chrono::milliseconds kCheckInterval(500);
     pollfd waited{watch.descriptor(), POLLIN, 0};

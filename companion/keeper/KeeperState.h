@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -120,9 +121,9 @@ void add_later_changes(KeeperState& state, uint64_t changes);
 
 // Waits until the keeper has sent the list in this `version`, or in a later version, to the extension. Returns at once
 // if no keeper runs, or if the keeper has read the list but has no connection to the extension. `timeout`: without the
-// keeper's rest. Throws FileError.
+// keeper's rest. While it waits, calls waiting() at least twice a second, if given. Throws FileError.
 enum class InForce { Yes, NoKeeper, NoExtension, TimedOut };
-InForce wait_until_in_force(const std::string& statePath, const ListVersion& version,
-                            std::chrono::milliseconds timeout);
+InForce wait_until_in_force(const std::string& statePath, const ListVersion& version, std::chrono::milliseconds timeout,
+                            const std::function<void()>& waiting = nullptr);
 
 }  // namespace orvane
