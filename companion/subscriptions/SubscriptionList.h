@@ -8,7 +8,7 @@ namespace orvane {
 
 // What a list from a web server has.
 struct ListCounts {
-  uint64_t names = 0;         // without the exceptions
+  uint64_t names = 0;  // without the exceptions
   uint64_t exceptions = 0;
   uint64_t duplicates = 0;    // names that occurred before
   uint64_t skipped = 0;       // names like localhost, and rules that are not about a whole host

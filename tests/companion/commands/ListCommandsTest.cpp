@@ -223,7 +223,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},
       {"list >'%.out' 2>&1; kill -STOP \"$(cat '%.pid')\"; { sleep 2; kill -CONT \"$(cat '%.pid')\"; } & script -qec "
        "\"'" ORVANECTL "' --state '%.state' --list '%' block slow.example\" /dev/null | grep -ao 'waiting[a-z ]*force' "
-                       "| sort -u; '" ORVANECTL "' --state '%.state' --list '%' unblock slow.example >'%.out' 2>&1",
+       "| sort -u; '" ORVANECTL "' --state '%.state' --list '%' unblock slow.example >'%.out' 2>&1",
        0, "waiting until the list is in force\n"},
       {"list >'%.out' 2>&1; mkdir '%.state.guard.new'", 0, ""},  // now the keeper cannot save the lock
       {"lock --group h --for 1h 2>'%.out' | cut -d ' ' -f 1-3", 0, "h: locked until\n"},
