@@ -21,9 +21,10 @@ _orvanectl_read_only_lists() {
     cd "${fetched:-/var/lib/orvane-fetcher/lists}" 2>/dev/null && compgen -G '*.list')"
 }
 
+# Completes the groups of the list, without the group $1.
 _orvanectl_groups() {
   _orvanectl_words "$(orvanectl ${list:+--list "$list"} --json group list 2>/dev/null | grep -o '"name": *"[^"]*"' |
-    cut -d '"' -f 4)"
+    cut -d '"' -f 4 | grep -vxF "${1:-}")"
 }
 
 # Completes the ids of sites, or with the argument 2, their categories.
@@ -123,7 +124,8 @@ _orvanectl() {
     sites | 'help sites') _orvanectl_words 'list show search' ;;
     'sites show') _orvanectl_sites ;;
     group | 'help group') _orvanectl_words 'add remove list show enable disable schedule delay' ;;
-    'group remove' | 'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
+    'group remove') [[ $prev == remove ]] && _orvanectl_groups default ;;
+    'group show' | 'group enable' | 'group disable' | 'group schedule' | 'group delay')
       [[ $prev == "${command#group }" ]] && _orvanectl_groups
       ;;
     browsers | 'help browsers') _orvanectl_words 'policy' ;;

@@ -142,8 +142,10 @@ complete -c orvanectl -n __orvanectl_group -a enable -d 'Put a group in force'
 complete -c orvanectl -n __orvanectl_group -a disable -d 'Put a group out of force'
 complete -c orvanectl -n __orvanectl_group -a schedule -d 'Set when a group is in force'
 complete -c orvanectl -n __orvanectl_group -a delay -d 'Set when a removal has an effect'
-complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove show enable disable schedule delay' \
+complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from show enable disable schedule delay' \
     -a '(__orvanectl_groups)'
+complete -c orvanectl -n '__orvanectl_command group; and __fish_seen_subcommand_from remove' \
+    -a '(__orvanectl_groups | string match -v default)'
 complete -c orvanectl -n '__orvanectl_command block unblock allow disallow suspend resume list import export subscribe lock' -l group -x -a '(__orvanectl_groups)' -d 'The group'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l for -x -a '15m 30m 1h 2h 1d' -d 'How long'
 complete -c orvanectl -n '__orvanectl_command suspend lock' -l until -x -a '18:00 monday' -d 'Until when'
@@ -160,6 +162,6 @@ complete -c orvanectl -n '__orvanectl_command call' -a 'pingWithReply getAppFilt
     setHostnames setProperties getChangesCount'
 complete -c orvanectl -n '__orvanectl_command browsers; and not __fish_seen_subcommand_from policy' -a policy \
     -d 'Policies that switch off what hides host names'
-complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off Encrypted Client Hello'
+complete -c orvanectl -n __orvanectl_policy -a install -d 'Switch off what hides host names'
 complete -c orvanectl -n __orvanectl_policy -a remove -d 'Remove the policies that install wrote'
 complete -c orvanectl -n __orvanectl_policy -a show -d 'Print the policies'

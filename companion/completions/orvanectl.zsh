@@ -11,11 +11,13 @@ _orvanectl_hosts() {
   _wanted hosts expl 'host of the list' compadd - ${${hosts:#(\[*|* = *)}%% *}
 }
 
+# Completes groups of the list: with the argument "default", without the group of this name.
 _orvanectl_group_names() {
   local -a groups
   local list=${opt_args[--list]:-$before[--list]}
   groups=(${(f)"$(orvanectl ${list:+--list} ${list:+"$list"} --json group list 2>/dev/null |
     grep -o '"name": *"[^"]*"' | cut -d '"' -f 4)"})
+  [[ $argv[-1] == default ]] && groups=(${groups:#default})
   _wanted groups expl 'group of the list' compadd -a groups
 }
 
@@ -95,7 +97,7 @@ _orvanectl_browsers() {
       ;;
     3)
       commands=(
-        'install:switch off Encrypted Client Hello'
+        'install:switch off what hides host names'
         'remove:remove the policies that install wrote'
         'show:print the policies'
       )
@@ -129,7 +131,8 @@ _orvanectl_group() {
   (( CURRENT -= 1 ))
   case $words[1] in
     add) _arguments $common ':group:' ;;
-    remove | show | enable | disable) _arguments $common ':group:_orvanectl_group_names' ;;
+    remove) _arguments $common ':group:{_orvanectl_group_names default}' ;;
+    show | enable | disable) _arguments $common ':group:_orvanectl_group_names' ;;
     schedule) _arguments $common ':group:_orvanectl_group_names' '*:span:(always)' ;;
     delay) _arguments $common ':group:_orvanectl_group_names' ':delay:(15m off)' ;;
     *) _arguments $common ;;
