@@ -54,7 +54,7 @@ def connect(name: str, address: str = "127.0.0.1", port: int = 443) -> str:
         return DROP
 
 
-def wait_until(condition, what: str, seconds: float = 100) -> None:
+def wait_until(condition, what: str, seconds: float = 300) -> None:
     """Waits until condition() is true, and prints how long that took.
 
     The limit is far above what an idle machine needs, so that a busy machine or a sanitizer does not exceed it.
@@ -69,7 +69,7 @@ def wait_until(condition, what: str, seconds: float = 100) -> None:
 
 def becomes(verdict: str, what: str, name: str = HELD, address: str = "127.0.0.1") -> None:
     """Waits until connections to the name get this verdict."""
-    wait_until(lambda: connect(name, address) == verdict, what, 100)
+    wait_until(lambda: connect(name, address) == verdict, what)
 
 
 def iptables(arguments: str, family: str = "-4", text: str | None = None) -> str:
