@@ -20,6 +20,7 @@ std::optional<Moment> ask(const std::string& text, const std::vector<Moment>& re
   std::fprintf(stderr, "Which one? [1-%zu] ", readings.size());
   std::string answer;
   std::getline(std::cin, answer);
+  if (std::cin.eof()) std::fputc('\n', stderr);  // the terminal has not shown a line end
   for (size_t i = 0; i < readings.size(); ++i) {
     if (answer == std::to_string(i + 1)) return readings[i];
   }

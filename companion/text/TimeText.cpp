@@ -138,9 +138,9 @@ CalendarSpan read_span(std::string_view text) {
   return span;
 }
 
-// "18:00", "18:00:30", "6pm", "6:30 pm" or "6 p.m."
+// "18:00", "18:00:30", "24:00" (the end of the day), "6pm", "6:30 pm" or "6 p.m."
 seconds read_clock(Reader& reader) {
-  hours hour(reader.number(2, 23));
+  hours hour(reader.number(2, 24));
   seconds rest(0);
   const bool hasMinutes = reader.accept(":");
   if (hasMinutes) {
@@ -152,7 +152,7 @@ seconds read_clock(Reader& reader) {
   const std::string_view half = ahead.word();
   const bool isDotted = (half == "a" || half == "p") && (ahead.accept(".m.") || ahead.accept(".m"));
   if (!isDotted && half != "am" && half != "pm") {
-    reader.expect(hasMinutes);
+    reader.expect(hasMinutes && hour + rest <= 24h);
     return hour + rest;
   }
   reader = ahead;
@@ -243,13 +243,23 @@ std::optional<year> read_year(Reader& reader) {
   return year(number);
 }
 
+// The date; or, if its year has no 29 February, the date in the nearest year that has one. `step`: 1 or -1 year. The
+// result is not ok() if no year has the date.
+year_month_day nearest_date(year_month_day date, years step) {
+  constexpr int kMostYears = 8;  // from 2096 to 2104
+  for (int i = 0; i < kMostYears && !date.ok(); ++i) date += step;
+  return date;
+}
+
 Day read_month_day(Reader& reader, month month, unsigned dayNumber, local_days today) {
-  const auto given = read_year(reader);
-  const auto first = given.value_or(year_month_day(today).year());
-  const year_month_day date = first / month / day(dayNumber), next = (first + years(1)) / month / day(dayNumber);
+  if (const auto given = read_year(reader)) {
+    const year_month_day date = *given / month / day(dayNumber);
+    reader.expect(date.ok());
+    return {local_days(date)};
+  }
+  const year_month_day date = nearest_date(year_month_day(today).year() / month / day(dayNumber), years(1));
   reader.expect(date.ok());
-  if (given || !next.ok()) return {local_days(date)};
-  return {local_days(date), local_days(next)};
+  return {local_days(date), local_days(nearest_date(date + years(1), years(1)))};
 }
 
 // The day that "next" and the given word mean. The word is a weekday, "week", "month" or "year".
@@ -385,6 +395,7 @@ std::vector<Moment> moments_of(const DayAndClock& items, Moment now) {
   if (day.sameClock) moments.push_back(items.zone.moment(*day.sameClock + items.clock.value_or(local - today)));
   const bool havePassed = std::all_of(moments.begin(), moments.end(), [now](Moment moment) { return moment <= now; });
   if (havePassed && day.nextSuch) addDay(*day.nextSuch);
+  if (havePassed && !day.nextSuch && !items.clock && day.day == today) addDay(today + days(1));  // the end of today
   return moments;
 }
 
@@ -417,6 +428,9 @@ std::optional<Moment> read_unix_time(std::string_view text) {
 
 // How to write a time instead of the text.
 std::string advice_for(std::string_view text) {
+  constexpr size_t kUnixDigits = 10;  // from 2001 to 2286
+  const std::string unixTime = "@" + std::string(text);
+  if (text.size() == kUnixDigits && read_unix_time(unixTime)) return "for a Unix time, write " + unixTime;
   Reader reader(text);
   const int hour = reader.number(2, 23);
   if (!reader.isValid() || !reader.isAtEnd())
@@ -461,8 +475,8 @@ Moment last_moment_of(const DayAndClock& items, Moment now) {
   if (!items.day) return items.zone.moment(day - days(1) + clock);
   // The text names a weekday, or a day of the year.
   if (*items.day->nextSuch - day == days(7)) return items.zone.moment(day - days(7) + clock);
-  const year_month_day lastYear = year_month_day(day) - years(1);
-  return lastYear.ok() ? items.zone.moment(local_days(lastYear) + clock) : moment;
+  const year_month_day last = nearest_date(year_month_day(day) - years(1), years(-1));
+  return items.zone.moment(local_days(last) + clock);
 }
 
 std::string two_units(int64_t large, const char* largeUnit, int64_t small, const char* smallUnit) {

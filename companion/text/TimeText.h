@@ -31,8 +31,9 @@ Moment read_end(std::string_view duration, Moment now);
 // Reads the end of a time span as people type it, in the local time zone or in RFC 3339. Upper and lower case are
 // equal.
 //
-//   18:00, 6pm, noon, midnight           the next moment at which the clock shows this time
+//   18:00, 6pm, noon, midnight, 24:00    the next moment at which the clock shows this time
 //   2026-12-24, 24 Dec, monday           the start of that day; without a year or a date, of the next such day
+//   today, or its date                   the end of today
 //   2026-12-24 18:00, friday 5pm         a day and a time, in any order; "at" and "on" may precede them
 //   monday next week                     that day of the week that begins on the next Monday
 //   18:00 UTC, 18:00Z, 18:00+01:00       a time in that zone; a day in the text is a day of that zone
