@@ -106,7 +106,7 @@ BlockList BlockList::parse(std::string_view text) {
   const auto lines = static_cast<size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
   list.lines_.reserve(lines);
   list.lineByHost_.reserve(lines);
-  GroupIndex group = kDefaultGroup;
+  std::optional<GroupIndex> group = kDefaultGroup;
   bool isStart = true;  // only comments so far
   while (!text.empty()) {
     size_t end = std::min(text.find('\n'), text.size());
@@ -120,38 +120,41 @@ BlockList BlockList::parse(std::string_view text) {
     isStart = isStart && words.empty() && !trimmed(given).empty();
     if (isStart) section.settings = list.lines_.size();
     // Comments at the end of a section may be about the next section, so `end` is before them.
-    if (isStart || !words.empty()) section.end = list.lines_.size();
+    if (isStart || (group && !words.empty())) section.end = list.lines_.size();
   }
   list.parsedLines_ = list.lines_.size();
   return list;
 }
 
-// Appends the line `given`, whose content without its comment is `words`. A header changes `group`.
-void BlockList::parseLine(std::string_view given, std::string_view words, GroupIndex& group) {
+// Appends the line `given`, whose content without its comment is `words`. A header changes `group`, which is nothing
+// after a bad header.
+void BlockList::parseLine(std::string_view given, std::string_view words, std::optional<GroupIndex>& group) {
   Line line;
   std::string fault;
   if (words.empty()) {
   } else if (const auto name = group_in_header(words)) {
-    fault = groups_.size() < kMostGroups ? group_name_fault(*name) : "the list has too many groups: remove some";
-    if (const auto known = findGroup(*name)) {
-      group = *known;
-    } else if (fault.empty()) {
+    group = findGroup(*name);
+    if (!group)
+      fault = groups_.size() < kMostGroups ? group_name_fault(*name) : "the list has too many groups: remove some";
+    if (!group && fault.empty()) {
       group = static_cast<GroupIndex>(groups_.size());
       groups_.push_back({std::string(*name), true, {}, {}, {}});
       sections_.push_back({lines_.size() + 1, 0});
     }
-    if (fault.empty()) line.kind = Kind::Header;
+    if (group) line.kind = Kind::Header;
+  } else if (!group) {
+    fault = kBadGroupFault;
   } else if (!key_of_setting(words).empty()) {
-    if (read_setting(words, groups_[group], fault)) line.kind = Kind::Setting;
+    if (read_setting(words, groups_[*group], fault)) line.kind = Kind::Setting;
   } else if (ListedSite site; read_line(words, Scope::Subdomains, site, fault)) {
-    site.group = group;
+    site.group = *group;
     line.site = std::move(site);
   }
   // Most lines are a host and nothing else. For these, the first comparison avoids the cost of line_of().
   if (!line.site || (given != line.site->host && given != line_of(*line.site))) line.text = given;
   if (!fault.empty())
     badLines_.push_back({lines_.size() + 1, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
-  line.group = group;
+  line.group = group.value_or(kDefaultGroup);
   append(std::move(line));
 }
 

@@ -122,7 +122,7 @@ class BlockList {
   struct Section {
     size_t settings = 0, end = 0;
   };
-  void parseLine(std::string_view given, std::string_view words, GroupIndex& group);
+  void parseLine(std::string_view given, std::string_view words, std::optional<GroupIndex>& group);
   void append(Line line);
   // The first site with exactly this host for which isWanted(site) returns true; kNotFound if there is none.
   template <class Predicate>

@@ -34,6 +34,9 @@ using GroupIndex = uint16_t;
 inline constexpr std::string_view kDefaultGroupName = "default";
 inline constexpr GroupIndex kDefaultGroup = 0;
 
+// What is wrong with each line after a bad header, up to the next header.
+inline constexpr const char* kBadGroupFault = "the line that begins its group is bad: correct that line";
+
 // The settings' keys. A group may have several lines with a schedule, of one span each.
 inline constexpr std::string_view kScheduleKey = "schedule";     // a span of Schedule::add()
 inline constexpr std::string_view kEnabledKey = "enabled";       // yes or no

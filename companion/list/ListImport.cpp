@@ -119,6 +119,7 @@ class ImportReader {
       if (const auto name = group_in_header(trimmed(without_comment(line)))) return readHeader(line, *name);
     }
     if (isComment(line)) return;
+    if (isInBadGroup_) return reject(line, kBadGroupFault);
     // In hosts(5), "#" starts a comment even without a space before it.
     std::string_view names = line.substr(0, line.find('#'));
     const std::string_view address = take_word(names);
@@ -149,17 +150,23 @@ class ImportReader {
 
   void readHeader(std::string_view line, std::string_view name) {
     if (!hasGroups_) return;
+    isInBadGroup_ = false;
     const auto known = std::find_if(result_.groups.begin(), result_.groups.end(),
                                     [&](const Group& group) { return group.name == name; });
     if (known != result_.groups.end()) {
       group_ = static_cast<GroupIndex>(known - result_.groups.begin());
     } else if (const std::string fault = group_name_fault(name); !fault.empty()) {
-      reject(line, fault);
+      rejectGroup(line, fault);
     } else if (result_.groups.size() >= BlockList::kMostGroups) {
-      reject(line, "the list has too many groups: remove some");
+      rejectGroup(line, "the list has too many groups: remove some");
     } else {
       startGroup(std::string(name));
     }
+  }
+
+  void rejectGroup(std::string_view line, const std::string& fault) {
+    isInBadGroup_ = true;
+    reject(line, fault);
   }
 
   void startGroup(const std::string& name) {
@@ -276,6 +283,7 @@ class ImportReader {
   const std::function<bool(const std::string& host)>& isOnList_;
   const ImportRejection& rejected_;
   bool isFilterList_ = false;
+  bool isInBadGroup_ = false;
   std::optional<GroupIndex> group_;
   ImportedSites result_;
   // For each group, its sites by host. The pointers lead into result_.sites.

@@ -43,6 +43,9 @@ class Parser {
     std::string fault;
     if (const auto group = group_in_header(words)) {
       fault = takeHeader(*group);
+      isInBadGroup_ = !fault.empty();
+    } else if (isInBadGroup_) {
+      fault = kBadGroupFault;
     } else if (const std::string_view key = key_of_setting(words); !key.empty()) {
       fault = takeSetting(key, words.substr(words.find('=') + 1));
     } else if (read_line(words, Scope::Subdomains, site_, fault)) {
@@ -91,6 +94,7 @@ class Parser {
   ListedSite site_;
   std::deque<RawSection> sections_{{std::string(kDefaultGroupName), ""}};
   size_t current_ = 0;
+  bool isInBadGroup_ = false;
 };
 
 }  // namespace

@@ -156,10 +156,13 @@ TEST(BlockList, KeepsTheSitesOfEachGroupTogether) {
   EXPECT_EQ(BlockList::parse(text).text(), text);
   EXPECT_FALSE(BlockList::parse(text).groups()[kDefaultGroup].isEnabled);
   // A name that is not UTF-8.
-  const std::string latin1 = "[group caf\xe9]\na.example\n[group caf\xc3\xa9]\n";
-  EXPECT_EQ(BlockList::parse(latin1).badLines().size(), 1U);
-  EXPECT_NE(BlockList::parse(latin1).find("a.example"), nullptr);
-  EXPECT_EQ(BlockList::parse(latin1).text(), latin1);
+  const std::string latin1 = "[group caf\xe9]\na.example\nenabled = no\n[group caf\xc3\xa9]\n";
+  list = BlockList::parse("b.example\n" + latin1);
+  EXPECT_EQ(list.badLines().size(), 3U);
+  EXPECT_EQ(list.find("a.example"), nullptr);
+  EXPECT_TRUE(list.groups()[kDefaultGroup].isEnabled);
+  list.put({"new.example", Scope::Subdomains, {}});
+  EXPECT_EQ(list.text(), "b.example\nnew.example\n" + latin1);
   // Before lists had groups, these lines were hosts. They still are.
   EXPECT_EQ(BlockList::parse("enabled\ndisabled\ngroup\nschedule\n").size(), 4U);
 }

@@ -154,6 +154,9 @@ TEST(ListImport, KeepsTheGroupsOfAnExport) {
        "[group work]\ndelay = 1h\na.example\n", true,
        "b.example\n[group work]\n# mine\na.example\n[group own]\nd.example\n",
        "b.example\n[group work]\n# mine\nc.example\n[group own]\nd.example\n", 1},
+      {"not from a group without a name", "",
+       "a.example\n[group my kids]\nenabled = no\nb.example\n0.0.0.0 c.example\n[group default]\nd.example\n", false,
+       "a.example\nd.example\n", "", 0},
   };
   for (const auto& [what, before, text, replace, after, undone, unchangedGroups] : kCases) {
     BlockList list = BlockList::parse(before);
