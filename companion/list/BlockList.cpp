@@ -134,8 +134,7 @@ void BlockList::parseLine(std::string_view given, std::string_view words, std::o
   if (words.empty()) {
   } else if (const auto name = group_in_header(words)) {
     group = findGroup(*name);
-    if (!group)
-      fault = groups_.size() < kMostGroups ? group_name_fault(*name) : "the list has too many groups: remove some";
+    if (!group) fault = groups_.size() < kMostGroups ? group_name_fault(*name) : kTooManyGroupsFault;
     if (!group && fault.empty()) {
       group = static_cast<GroupIndex>(groups_.size());
       groups_.push_back({std::string(*name), true, {}, {}, {}});

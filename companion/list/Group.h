@@ -34,6 +34,8 @@ using GroupIndex = uint16_t;
 inline constexpr std::string_view kDefaultGroupName = "default";
 inline constexpr GroupIndex kDefaultGroup = 0;
 
+// What is wrong with the header of a group that a list has no room for.
+inline constexpr const char* kTooManyGroupsFault = "the list has too many groups: remove some";
 // What is wrong with each line after a bad header, up to the next header.
 inline constexpr const char* kBadGroupFault = "the line that begins its group is bad: correct that line";
 

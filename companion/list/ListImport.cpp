@@ -158,7 +158,7 @@ class ImportReader {
     } else if (const std::string fault = group_name_fault(name); !fault.empty()) {
       rejectGroup(line, fault);
     } else if (result_.groups.size() >= BlockList::kMostGroups) {
-      rejectGroup(line, "the list has too many groups: remove some");
+      rejectGroup(line, kTooManyGroupsFault);
     } else {
       startGroup(std::string(name));
     }

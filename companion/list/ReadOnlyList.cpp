@@ -69,7 +69,7 @@ class Parser {
     const auto isNamed = [&](const RawSection& section) { return section.group == group; };
     auto found = std::find_if(sections_.begin(), sections_.end(), isNamed);
     if (found == sections_.end()) {
-      if (sections_.size() >= BlockList::kMostGroups) return "the list has too many groups: remove some";
+      if (sections_.size() >= BlockList::kMostGroups) return kTooManyGroupsFault;
       found = sections_.insert(sections_.end(), {std::string(group), ""});
     }
     current_ = static_cast<size_t>(found - sections_.begin());
