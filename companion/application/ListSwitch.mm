@@ -128,8 +128,8 @@ NSString* failure(NSError* error) {
 }
 
 - (void)switchOn {
-  // The system runs a downloaded application at a path of its own until the user moves the application. The agent must
-  // not have this path, which ends with the application.
+  // Until the user moves a downloaded application, the system runs it from a temporary copy. This copy is gone when the
+  // Mac restarts, so the agent must not run it.
   if (![[NSBundle mainBundle].bundlePath hasPrefix:@"/Applications/"])
     return [self show:[@"Off: " stringByAppendingString:@(orvane::kMoveAdvice)]];
   remove_agent_of_older_system();

@@ -48,8 +48,8 @@ using Steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
-// While a group has a lock or a delay, or a drop-in is in force, the keeper rests this many times the processor time of
-// a read. Otherwise a large list that changes all the time would keep it from undoing edits.
+// While a lock, a delay or a drop-in is in force, the keeper rests after each read, for this many times the processor
+// time of the read. Otherwise a large list that changes all the time would keep it from undoing edits.
 constexpr int kRestFactor = 10;
 constexpr std::chrono::seconds kLongestRest = 60s;
 

@@ -77,7 +77,8 @@ TEST_F(PathWatchTest, ReportsEachChangeOfAWatchedFile) {
 
 TEST_F(PathWatchTest, AsksToLookAtTheFilesEveryTwoSecondsWhileItCannotWatch) {
   using namespace std::chrono_literals;
-  // UndefinedBehaviorSanitizer checks an object with a pipe before it calls a method of this class for the first time.
+  // At the first call of a method of a class, UndefinedBehaviorSanitizer opens a pipe to check the object. So this call
+  // comes before the limit.
   const std::string file = path("list");
   EXPECT_EQ(PathWatch({file}).fault(), "");
   rlimit limit{};
