@@ -43,7 +43,7 @@ bool hides_elements(std::string_view line) {
   const std::string_view word = take_word(line);
   for (std::string_view sign : {"##", "#@#", "#?#", "#$#", "#%#"}) {
     const size_t at = word.find(sign), next = at + sign.size();
-    if (at == std::string_view::npos || next == word.size() || word[next] == '#') continue;
+    if (at == std::string_view::npos || next == word.size() || (at == 0 && word[next] == '#')) continue;
     if (at > 0 || std::string_view(".[*:+").find(word[next]) != std::string_view::npos) return true;
   }
   return false;

@@ -49,8 +49,8 @@ TEST(ListImport, ReadsEachFormOfLine) {
        "com only;co.uk only;user.github.io; !1 !2 !3"},
       {"filter list, other rules",
        "||a.example^$third-party\n@@|b.example^\nc.example##.x\n||*.d.example^\n||e.example/f^\n/g/\n||^\nh i\n"
-       "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example\n||ads-\n||p",
-       "o.example; !7 !8 !12 ?11"},
+       "&j_\n-k.\nl.example#%#m()\n*.n.example\no.example\n||ads-\n||p\nq.example###r",
+       "o.example; !7 !8 !12 ?12"},
       {"comments", "##Title\n#### A ####\na.example ## note\na.example #note", "a.example;"},
       {"the machine's list", "a.example only\nb.example until=2030-01-01T01:00:00+01:00\na.example # twice",
        "a.example;b.example until=2030-01-01T00:00:00Z;"},
