@@ -56,12 +56,6 @@ class IdentityAnswers {
     return answer(&IdentityAnswers::responsible_, pid, find);
   }
 
-  // The audit token of the first program that the thread looked up, which is the one that opened the flow. Nil before.
-  static Value flowToken() {
-    const IdentityAnswers* const known = ofThisThread();
-    return known == nullptr || known->guests_.empty() ? Value(nullptr) : known->guests_.front().first.first;
-  }
-
   // The bundle identifier of the last program whose signing information the thread looked up. A provider looks at one
   // program after the other until it finds a browser, so when the provider drops a flow, this is the browser's
   // identifier. Nothing if the thread has not asked, or if that program has no identifier.

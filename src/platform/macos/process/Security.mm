@@ -3,7 +3,6 @@
 #import <Foundation/Foundation.h>
 #import <Security/Security.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "platform/IdentityAnswers.h"
@@ -55,17 +54,6 @@ Value token_in(const Dictionary* attributes) {
 // The process identifier in attributes; null if there is none.
 Ref<Number> pid_in(const Dictionary* attributes) {
   return Ref<Number>::retained(from_native<Number>(attribute(attributes, kSecGuestAttributePid)));
-}
-
-// Nothing if the result of the look-up must not be kept: a process was looked up by its identifier, but not for a flow.
-std::optional<SigningCache::Key> key_of(const Value& token, const Number* pid) {
-  SigningCache::Key key;
-  if (pid != nullptr) key.pid = [to_native<::NSNumber*>(pid) intValue];
-  const Value flow = pid == nullptr ? token : IdentityAnswers::flowToken();
-  const auto bytes = flow.asData();
-  if (bytes.size() != key.token.size()) return std::nullopt;
-  std::copy_n(bytes.data(), bytes.size(), key.token.begin());
-  return key;
 }
 
 // The status and the output of a function of the framework. Calls `keep` with the object if the function has succeeded.
@@ -128,13 +116,12 @@ OSStatus SecCodeCopyGuestWithAttributes(SecCode* host, const Dictionary* attribu
   const Value token = token_in(attributes);
   const Ref<Number> pid = pid_in(attributes);
   const auto find = [&]() -> IdentityAnswers::Result<SecCode> {
-    const std::optional<SigningCache::Key> key = key_of(token, pid.get());
-    if (Ref<SecCode> kept = key ? cache().find(*key) : nullptr) return {errSecSuccess, std::move(kept)};
+    if (Ref<SecCode> kept = cache().find(token)) return {errSecSuccess, std::move(kept)};
     SecCodeRef found = nullptr;
     const OSStatus status = ::SecCodeCopyGuestWithAttributes(to_native<SecCodeRef>(host),
                                                              to_native<CFDictionaryRef>(attributes), flags, &found);
     return result_of<SecCode>(status, found, [&](SecCode* code) {
-      if (key) cache().keep(*key, code);
+      if (!token.isNil()) cache().keep(token, code);  // it is nil for a look-up by process identifier
     });
   };
   return give(IdentityAnswers::guest(token, pid, find), guest);

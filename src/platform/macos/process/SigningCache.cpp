@@ -5,7 +5,7 @@
 namespace orvane {
 namespace {
 
-bool is_same(const SigningCache::Key& left, const SigningCache::Key& right) { return left == right; }
+bool is_same(const Value& left, const Value& right) { return left == right; }
 
 template <class T>
 bool is_same(const Ref<T>& object, const T* other) {
@@ -21,9 +21,9 @@ std::list<SigningCache::Process>::iterator SigningCache::position(Member member,
                       [&](const Process& process) { return is_same(process.*member, wanted); });
 }
 
-Ref<SecCode> SigningCache::find(const Key& key) {
+Ref<SecCode> SigningCache::find(const Value& token) {
   const std::lock_guard guard(mutex_);
-  const auto process = position(&Process::key, key);
+  const auto process = position(&Process::token, token);
   if (process == processes_.end()) return nullptr;
   processes_.splice(processes_.begin(), processes_, process);
   return process->code;
@@ -41,10 +41,10 @@ Ref<Dictionary> SigningCache::find(const SecStaticCode* code) {
   return process == processes_.end() ? nullptr : process->information;
 }
 
-void SigningCache::keep(const Key& key, SecCode* code) {
+void SigningCache::keep(const Value& token, SecCode* code) {
   const std::lock_guard guard(mutex_);
-  if (position(&Process::key, key) != processes_.end()) return;  // another thread was first
-  processes_.push_front({key, Ref<SecCode>::retained(code), nullptr, nullptr});
+  if (position(&Process::token, token) != processes_.end()) return;  // another thread was first
+  processes_.push_front({token, Ref<SecCode>::retained(code), nullptr, nullptr});
   if (processes_.size() > kLimit) processes_.pop_back();
 }
 
