@@ -111,12 +111,9 @@ void remove_agent_of_older_system() {
   remove_agent(&error);
 }
 
-NSString* failure(NSError* error) {
-  return failure_text(error, agent_service() != nil
-                                 ? "Allow OrvaneSE in the system's settings, General, Login Items, and press the "
-                                   "button again."
-                                 : "Log out and in, and press the button again. If that does not help, check that you "
-                                   "may write in ~/Library/LaunchAgents.");
+// `olderAdvice` is for systems before macOS 13.
+NSString* failure(NSError* error, const char* advice, const char* olderAdvice) {
+  return failure_text(error, agent_service() != nil ? advice : olderAdvice);
 }
 
 }  // namespace
@@ -140,7 +137,11 @@ NSString* failure(NSError* error) {
     return [self refresh];
   // The system reports an error if the user must allow the agent first.
   if (status_of_agent() == kRequiresApproval) return [self refresh];
-  [self show:failure(error)];
+  [self show:failure(error,
+                     "Allow OrvaneSE in the system's settings, General, Login Items, and press the button "
+                     "again.",
+                     "Log out and in, and press the button again. If that does not help, check that you may write in "
+                     "~/Library/LaunchAgents.")];
 }
 
 - (void)switchOff {
@@ -151,7 +152,10 @@ NSString* failure(NSError* error) {
   const bool isRegistered = status == kEnabled || status == kRequiresApproval;
   if (!isRegistered || (service != nil ? [service unregisterAndReturnError:&error] : remove_agent(&error)))
     return [self refresh];
-  [self show:failure(error)];
+  [self show:failure(error,
+                     "Press the button again. If that does not help, switch OrvaneSE off in the system's settings, "
+                     "General, Login Items.",
+                     "Check that you may write in ~/Library/LaunchAgents, and press the button again.")];
 }
 
 - (void)refresh {

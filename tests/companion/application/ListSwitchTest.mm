@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #import "companion/application/ListSwitch.h"
 #include "support/TemporaryFolder.h"
@@ -13,6 +14,7 @@ struct {
   NSInteger status, statusOfLegacyAgent;  // values of SMAppServiceStatus
   std::string home, launchctl;            // the user's folder, and the arguments of the last call of launchctl
   std::string application = "/Applications/OrvaneSE.app";
+  bool refuses = false;  // to register the agent, and to unregister it
 } launchd;
 
 }  // namespace
@@ -33,8 +35,16 @@ struct {
   return launchd.status;
 }
 - (BOOL)registerAndReturnError:(NSError**)error {
-  launchd.status = 1;
-  return YES;
+  return [self changeStatus:1 error:error];
+}
+- (BOOL)unregisterAndReturnError:(NSError**)error {
+  return [self changeStatus:0 error:error];
+}
+- (BOOL)changeStatus:(NSInteger)status error:(NSError**)error {
+  if (launchd.refuses && error != nullptr)
+    *error = [NSError errorWithDomain:@"SMAppServiceErrorDomain" code:1 userInfo:nil];
+  if (!launchd.refuses) launchd.status = status;
+  return !launchd.refuses;
 }
 @end
 
@@ -88,8 +98,7 @@ TEST(ListSwitch, ShowsTheAgentOfAnOlderSystemUntilItIsReplaced) {
   EXPECT_FALSE(std::filesystem::exists(agent));
   EXPECT_EQ(launchd.launchctl, "bootout gui/" + std::to_string(getuid()) + "/org.orvane.keeper");
   EXPECT_TRUE([list isOn]) << "the agent of the bundle";
-  launchd.status = 0;
-  [list refresh];
+  [list switchOff];
   EXPECT_EQ([[list state] rangeOfString:@"Off"].location, 0U) << [[list state] UTF8String];
   [pool drain];
 }
@@ -102,6 +111,23 @@ TEST(ListSwitch, InstallsNoAgentForAnApplicationThatTheUserHasNotMoved) {
   [list switchOn];
   EXPECT_FALSE([list isOn]);
   EXPECT_NE([[list state] rangeOfString:@"Move the application"].location, NSNotFound) << [[list state] UTF8String];
+  [pool drain];
+}
+
+TEST(ListSwitch, AdvisesHowToDoInTheSettingsWhatTheSystemRefuses) {
+  NSAutoreleasePool* pool = [NSAutoreleasePool new];
+  const TemporaryFolder folder;
+  const std::tuple<NSInteger, SEL, NSString*> rows[] = {
+      {0, @selector(switchOn), @"Allow OrvaneSE in the system's settings"},
+      {1, @selector(switchOff), @"switch OrvaneSE off in the system's settings"}};
+  for (const auto& [isOn, request, expected] : rows) {
+    launchd = {isOn, 3, folder.path(), ""};
+    launchd.refuses = true;
+    ListSwitch* list = [[[ListSwitch alloc] initWithObserver:nil] autorelease];
+    [list performSelector:request];
+    EXPECT_EQ([list isOn], isOn);
+    EXPECT_NE([[list state] rangeOfString:expected].location, NSNotFound) << [[list state] UTF8String];
+  }
   [pool drain];
 }
 
