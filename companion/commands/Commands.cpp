@@ -361,9 +361,7 @@ void refuse_brackets(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     std::string_view text = argv[i];
     if (text.size() < 2 || text.front() != '[' || text.back() != ']') continue;
-    if (std::count(text.begin(), text.end(), ':') > 1)
-      throw InputError("bad command line: " + in_quotes(text) +
-                       ": it is an IP address: only host names can be blocked");
+    if (is_ip_address(text)) throw InputError("bad command line: " + in_quotes(text) + ": " + kAddressFault);
     throw InputError("bad command line: " + in_quotes(text) +
                      ": an argument in square brackets is not supported: give a file as ./[FILE]");
   }
@@ -428,9 +426,15 @@ int run(int argc, const char* const* argv) {
     if (!last->get_subcommands(nullptr).empty()) refuse_unknown_command(*last, depth, path, argc, argv);
     constexpr size_t kShown = 200;
     std::string fault = error.what();  // may contain all words of a long command line
+    const std::vector<std::string> unknown = app.remaining(true);
+    const auto option =
+        std::find_if(unknown.begin(), unknown.end(), [](const std::string& word) { return word.starts_with('-'); });
+    const bool isTooMuch = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
     if (fault == "A subcommand is required") fault = "a command is missing";
+    if (option != unknown.end() && (isTooMuch || fault == "a command is missing"))
+      fault = "unknown option: " + in_quotes(*option);
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
-    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError) && fault.find(" -") != std::string::npos)
+    if (option != unknown.end() && last->get_subcommands(nullptr).empty())
       fault += ": if a name begins with a hyphen, write -- before it";
     throw InputError("bad command line: " + fault + ": see " + path + " --help");
   }

@@ -1,5 +1,7 @@
 #include "companion/text/Hostname.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -33,8 +35,7 @@ std::string forbidden_character_fault(std::string_view given, char c) {
   if (given.find("://") != std::string_view::npos)
     return host_in(given) == given ? "it is an address without a host: give a host name"
                                    : "it is a URL: give the host name alone: " + in_quotes(host_in(given));
-  if (given.front() == '[' || std::count(given.begin(), given.end(), ':') > 1)
-    return "it is an IP address: only host names can be blocked";
+  if (is_ip_address(given)) return kAddressFault;
   switch (c) {
     case ':':
       return "it has a port or a scheme: give the host name alone";
@@ -191,6 +192,18 @@ std::optional<std::string_view> authority_in(std::string_view given) {
 }
 
 }  // namespace
+
+bool is_ip_address(std::string_view text) {
+  if (text.starts_with('[')) {
+    const size_t end = std::min(text.find(']'), text.size());
+    const std::string_view port = text.substr(std::min(end + 1, text.size()));
+    if (!port.empty() && (port.front() != ':' || !std::all_of(port.begin() + 1, port.end(), is_digit))) return false;
+    text = text.substr(1, end - 1);
+  }
+  const std::string address(text.substr(0, text.find_first_of("%/")));  // "fe80::1%eth0", "2001:db8::/32"
+  in6_addr ignored{};
+  return inet_pton(AF_INET6, address.c_str(), &ignored) == 1;
+}
 
 std::string_view host_in(std::string_view given) {
   const auto authority = authority_in(given);

@@ -16,6 +16,11 @@ namespace orvane {
 // The function writes into the memory that `name` already has, so `given` must not be a view of `name`.
 bool normalize_hostname(std::string_view given, std::string& name, std::string& fault);
 
+// Whether the text is an IPv6 address: alone, in brackets, or in brackets with a port. It may have a zone or the length
+// of a prefix. normalize_hostname() recognises IPv4 addresses by their last label.
+bool is_ip_address(std::string_view text);
+inline constexpr const char* kAddressFault = "it is an IP address: only host names can be blocked";
+
 // The host of a text that people paste as a host: a URL, or a host with a port or a path, as in
 // "https://example.com/a", "example.com:443" or "example.com/a". For any other text, such as a URL without a host, the
 // text itself. A view into `given`.

@@ -59,13 +59,13 @@ TEST(Hostname, NamesTheFaultOfAnInvalidName) {
       {"it has an empty label", {"a..b", ".a", "a..", "a.\u00ad.b"}},  // UTS #46 removes the soft hyphen
       {"it is a URL", {"https://example.com/", "https://b\u00fccher.example", "https://\x1b[2J\u202e/"}},
       {"it is an address without a host", {"https://", "file:///etc/hosts"}},
-      {"it has a port or a scheme", {"mailto:me", "example.com:443", "http:/example.com"}},
+      {"it has a port or a scheme", {"mailto:me", "example.com:443", "http:/example.com", "a:b:c", "x:0:0::/root"}},
       {"it has a path", {"example.com/path", "example.com#top", "a?b", "a\\b"}},
       {"it is a wildcard", {"*.example.com"}},
-      {"it has a character", {std::string("a\0b", 3), "a%41", "a\x7f"}},
+      {"it has a character", {std::string("a\0b", 3), "a%41", "a\x7f", "[a:b:c]"}},
       {"it has a label of more than 63", {kLongLabel + "a"}},
       {"it has more than 253", {kLongName + "b"}},
-      {"it is an IP address", {"[::1]", "::1"}},
+      {"it is an IP address", {"[::1]", "::1", "[::1]:80", "fe80::1%eth0", "2001:db8::/32"}},
       {"it ends in a number", {"127.0.0.1.", "127.1", "0x7F000001", "a.0x", "\uff11.\uff12", "example.123"}},
       {"it is not UTF-8", {"b\xfc.example"}},
       // xn--abc- is invalid because it decodes to plain ASCII.
