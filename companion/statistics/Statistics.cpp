@@ -97,16 +97,26 @@ std::string reason(Recording recording, const std::string& bundle, std::optional
                    Moment now) {
   std::string text;
   if (last)
-    text = "The last connection before that was recorded at " + local_text(*last, now) + ": give an earlier --since. ";
+    text = "The last connection before that was recorded at " + local_text(*last, now) + ": give an earlier --since.";
   else if (hasUntil)
-    text = "No connection was recorded before that either: leave out --until to see later ones. ";
+    text = "No connection was recorded before that either: leave out --until to see later ones.";
+  if (recording == Recording::On && text.empty())
+    return "Blocked connections are recorded, but none is in the journal: no browser tried to open a blocked site, or "
+           "the extension has not been restarted since the key OrvaneRecordDrops was set.";
+  if (recording == Recording::On) return text;
+  if (!text.empty()) text += ' ';
   if (recording == Recording::Off) return text + "Blocked connections are not recorded. " + advice(bundle);
-  if (recording == Recording::Unknown)
-    return text + "Whether blocked connections are recorded is not known, because the settings cannot be read: " +
-           settings_file(bundle) + ". Install the package, or see orvanectl doctor.";
-  return text.empty() ? "Blocked connections are recorded, but none is in the journal: no browser tried to open a "
-                        "blocked site, or the extension has not been restarted since the key OrvaneRecordDrops was set."
-                      : text;
+  return text + "Whether blocked connections are recorded is not known, because the settings cannot be read: " +
+         settings_file(bundle) + ". Install the package, or see orvanectl doctor.";
+}
+
+// "00:00 to 21:00", "Sat 2026-11-21 00:00 to today 00:00".
+std::string span_text(const Span& span, bool hasUntil, Moment now) {
+  std::string since = local_text(span.since, now);
+  if (!hasUntil) return since;
+  const auto day = [](Moment moment) { return date_text(moment, "%F"); };
+  const bool needsDay = day(span.until) == day(now) && day(span.since) != day(now);
+  return since + (needsDay ? " to today " : " to ") + local_text(span.until, now);
 }
 
 Json json_of(const Sums& sums, const char* member) {
@@ -148,7 +158,7 @@ int show_statistics(const StatisticsOptions& options, const DropJournal& journal
     print_as_json(span, sums, recording);
     return kDone;
   }
-  const std::string times = local_text(span.since, now) + (options.until ? " to " + local_text(span.until, now) : "");
+  const std::string times = span_text(span, options.until.has_value(), now);
   if (sums.count() == 0 && sums.leftOut() == 0) {
     std::printf("No blocked connection was recorded from %s%s.\n", times.c_str(), options.until ? "" : " until now");
     std::puts(reason(recording, bundle, journal.lastBefore(span.since), options.until.has_value(), now).c_str());

@@ -43,7 +43,7 @@ class Statistics : public testing::Test {
                       value + "</string></dict></dict></plist>");
   }
   // Writes the journal. Returns what the command prints.
-  std::string print(StatisticsOptions options) {
+  std::string print(const StatisticsOptions& options) {
     folder_.write("entries", entries_);
     const std::string path = folder_.path() / "journal";
     std::filesystem::create_directory(path);
@@ -105,7 +105,7 @@ TEST_F(Statistics, SayWhyThereAreNone) {
        "Blocked connections are not recorded. To switch the recording on, set the key OrvaneRecordDrops in "},
       {"</bad>", "today", false, "is not known, because the settings cannot be read: "},
       {"yes", "today", true,
-       "The last connection before that was recorded at Mon 2026-11-16 12:00: give an earlier --since. \n"},
+       "The last connection before that was recorded at Mon 2026-11-16 12:00: give an earlier --since.\n"},
       {"no", "today", true,
        "give an earlier --since. Blocked connections are not recorded. To switch the recording on"},
       {"no", "2026-11-15", true, "\nThe recording is off now. To switch the recording on, set the key"},
@@ -117,6 +117,8 @@ TEST_F(Statistics, SayWhyThereAreNone) {
   }
   const std::string early = print({.since = "2026-11-15 10:00", .until = "2026-11-15 11:00"});
   EXPECT_NE(early.find("leave out --until to see later ones"), std::string::npos) << early;
+  const std::string untilToday = print({.since = "2026-11-15", .until = "today"});
+  EXPECT_TRUE(untilToday.starts_with("Blocked from Sun 2026-11-15 00:00 to today 00:00: ")) << untilToday;
 }
 
 TEST(DropSums, CountHoursAndDaysThroughChangesOfTheClocks) {
