@@ -187,8 +187,10 @@ SubscriptionState state_of(FetcherState& state, const std::string& name) {
   return none;
 }
 
-// Fetches the subscriptions now, and prints what has changed. Returns the exit code.
-int fetch(const CommonOptions& options, const std::vector<Subscription>& subscriptions, bool accepts) {
+// Fetches the subscriptions now, and prints what has changed. Returns the exit code. `note` follows the error of a
+// subscription.
+int fetch(const CommonOptions& options, const std::vector<Subscription>& subscriptions, bool accepts,
+          const std::string& note = "") {
   FetcherState before = read_fetcher_state(fetcher_folder(options)), after;
   const RefreshRequests requests = request(options, subscriptions, accepts);
   SubscriptionFile file;
@@ -208,7 +210,7 @@ int fetch(const CommonOptions& options, const std::vector<Subscription>& subscri
     json.push_back(to_json(each, now));
     const bool isRemoved = file.find(each.name) == nullptr;
     if (isRemoved || now.error) {
-      print_error(each.name + ": " + (isRemoved ? "removed before it was fetched" : *now.error));
+      print_error(each.name + ": " + (isRemoved ? "removed before it was fetched" : *now.error + note));
       code = kFailed;
     } else if (!options.json) {
       const bool isSame = now.sha256 == then.sha256 && now.source == then.source;
@@ -239,7 +241,11 @@ int subscribe(const CommonOptions& options, const Arguments& arguments) {
   });
   if (!options.json) std::printf("%s: subscribed\n", subscription.name.c_str());
   std::fflush(stdout);
-  if (is_fetcher_running(fetcher_folder(options))) return fetch(options, {subscription}, false);
+  if (is_fetcher_running(fetcher_folder(options)))
+    return fetch(options, {subscription}, false,
+                 "; it is fetched again later; to correct the URL, first remove the subscription: orvanectl "
+                 "unsubscribe " +
+                     subscription.name);
   print_error(std::string("saved, but not fetched: ") + kFetcherNotRunning);
   if (options.json) print_json({to_json(subscription, {})});
   return kDone;
@@ -333,7 +339,7 @@ void look_at_subscriptions(const CommonOptions& options, Facts& facts) {
     const SubscriptionFile file = read_file(options);
     for (const Subscription& each : file.subscriptions) {
       const SubscriptionState state = state_of(fetcher, each.name);
-      facts.subscriptions.push_back({each.name, state.checked.has_value(), state.error});
+      facts.subscriptions.push_back({each.name, state.checked.has_value(), state.error, state.waiting.has_value()});
     }
     for (const auto& each : file.badLines) facts.badSubscriptions.push_back(bad_line_text(options, each));
   } catch (const FileError& error) {

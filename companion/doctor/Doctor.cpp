@@ -360,7 +360,9 @@ void examine_subscriptions(const Facts& facts, std::vector<Finding>& findings) {
   for (const SubscriptionFacts& each : facts.subscriptions) {
     if (each.error) {
       findings.push_back({"subscription", each.name, Result::Warning, "the last fetch failed: " + *each.error,
-                          "to try again: orvanectl refresh " + each.name});
+                          each.isWaiting
+                              ? "to use the list that has shrunk: orvanectl refresh " + each.name + " --accept"
+                              : "to try again: orvanectl refresh " + each.name});
     } else if (!each.isFetched) {
       findings.push_back({"subscription", each.name, Result::Warning, "it has not been fetched yet",
                           "orvanectl refresh " + each.name});

@@ -69,6 +69,7 @@ struct SubscriptionFacts {
   std::string name;
   bool isFetched = false;            // at least once
   std::optional<std::string> error;  // why the last fetch failed
+  bool isWaiting = false;            // a copy that has shrunk waits for consent
 };
 
 // Everything that the checks need to know about the machine.

@@ -139,8 +139,9 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
                         "gets it); then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
-    findings.push_back({"browser", "", Result::Warning, "no installed browser has a desktop entry",
-                        "a browser from an archive is recognised by its program's file name"});
+    findings.push_back({"browser", "", Result::Warning, "no browser was found: none has a desktop entry",
+                        "install a browser; one from an archive needs no desktop entry, because the extension "
+                        "recognises it by its program's file name"});
   }
   findings.push_back(examine_http3(facts.passesHTTP3));
   examine_hidden_names(facts.extension, findings);

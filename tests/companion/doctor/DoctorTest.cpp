@@ -81,6 +81,11 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        [](Facts& f) { f.list->readOnlyLists.emplace_back().isDropIn = false; }},
       {"a fetch that failed", "subscription", Warning, "no server answers",
        [](Facts& f) { f.subscriptions.emplace_back().error = "no server answers"; }},
+      {"a list that has shrunk", "subscription", Warning,
+       "-> to use the list that has shrunk: orvanectl refresh a --acc",
+       [](Facts& f) {
+         f.subscriptions.push_back({"a", true, "it has shrunk", true});
+       }},
       {"a bad line", "subscription", Warning, "at least 1h",
        [](Facts& f) { f.badSubscriptions = {"give at least 1h"}; }},
       {"no readable subscriptions", "subscription", Problem, "links", [](Facts& f) { f.fetcherError = "hard links"; }},
@@ -131,6 +136,7 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},
       {"bad browser list", "browser-list", Problem, "nothing is filtered",
        [](Facts& f) { f.browserList.fault = "is bad"; }},
+      {"no browser", "browser", Warning, "no browser was found", [](Facts& f) { f.browsers.clear(); }},
       {"unknown browser", "browser", Problem, "add it there",
        [](Facts& f) { f.browsers[0].browser.identifier = "lynx"; }, "Firefox"},
       {"browser that is a script", "browser", Problem, "another browser",
