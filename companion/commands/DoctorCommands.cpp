@@ -183,7 +183,9 @@ int remove(bool json) {
   const std::vector<PolicyChange> changes = remove_policies(kThisMachine);
   print_changes(changes, "removed", json);
   bool whole = report_failures(changes, "remove");
+  bool removed = false;
   for (const PolicyChange& change : changes) {
+    removed |= change.outcome == PolicyChange::Outcome::Done;
     if (change.outcome != PolicyChange::Outcome::Foreign) continue;
     // Firefox has one policy file, which other programs write, too. If this file switches none of the features off, it
     // contains nothing of ours, and no message is needed.
@@ -198,6 +200,7 @@ int remove(bool json) {
                 : "remove it by hand"));
     whole = whole && shared;
   }
+  if (!json && !removed && whole) std::puts("There are no policies to remove.");
   return whole ? kDone : kFailed;
 }
 
@@ -253,10 +256,12 @@ void declare_doctor_commands(CommandSet& commands) {
                          ->require_subcommand(1);
   CLI::App* installing =
       commands.declare(*policy, "Commands", "install",
-                       "Switch off Encrypted Client Hello in Chromium, Chrome, Edge, Brave and Firefox, for all users",
+                       "Switch off what hides host names in Chromium, Chrome, Edge, Brave and Firefox, for all users",
                        [&options] { return install(options.json); });
   installing->footer(
-      "Needs root. A file of another program or person is left alone; a message says what to add to it.");
+      "This is Encrypted Client Hello, and in Firefox also the sharing of connections between hosts. Needs root. A "
+      "file\n"
+      "of another program or person is left alone; a message says what to add to it.");
   commands.declare(*policy, "Commands", "remove", "Remove the policies that install wrote",
                    [&options] { return remove(options.json); });
   commands.declare(*policy, "Commands", "show", "Print the policies that are in force",

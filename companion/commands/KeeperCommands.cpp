@@ -64,8 +64,8 @@ void declare_keeper_commands(CommandSet& commands) {
                keep)
       ->footer(
           "It sends the list after each start of the extension and each change of the file, and starts and ends\n"
-          "suspensions on time. SIGTERM or SIGINT ends it. If a service manager sets $RUNTIME_DIRECTORY, the state\n"
-          "file is there.");
+          "suspensions and schedules on time. It also enforces locks and delays. SIGTERM, SIGINT or SIGHUP ends it.\n"
+          "If a service manager sets $RUNTIME_DIRECTORY, the state file is there.");
 }
 
 }  // namespace orvane
