@@ -298,7 +298,9 @@ void declare_import_command(CommandSet& commands) {
   command->add_flag("--replace", arguments->replace, "Remove all other sites of the groups that the file has");
   command->add_option("--group", arguments->group, "The group of all names, instead of the groups that the file has")
       ->type_name("GROUP");
-  command->add_flag("--undo", arguments->undo, "Take the last import back");
+  CLI::Option* undo = command->add_flag("--undo", arguments->undo, "Take the last import back");
+  for (const char* option : {"--subdomains", "--exact", "--replace", "--group"})
+    undo->excludes(command->get_option(option));
 }
 
 }  // namespace orvane

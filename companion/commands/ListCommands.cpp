@@ -28,6 +28,7 @@
 #include "companion/list/ReadOnlyList.h"
 #include "companion/sites/SiteSelection.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
@@ -270,7 +271,7 @@ int block(const CommonOptions& options, const Arguments& arguments) {
   const Selection selection = new_sites(options, arguments, scope);
   const int code = change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site, const auto&) {
     if (site.host.find('.') == std::string::npos)
-      print_error("only this exact name is blocked: " + in_quotes(site.host) +
+      print_error("only this exact name is blocked: " + in_quotes(shown_hostname(site.host)) +
                   ": block each site below it by its name");
     const ListedSite* before = list.find(site.host, site.group);
     // Blocking a site of the catalogue does not take the subdomains from a line that has them.
@@ -438,8 +439,13 @@ int list(const CommonOptions& options, const Arguments& arguments) {
 }
 
 int export_list(const CommonOptions& options, const Arguments& arguments) {
-  const BlockList list = read_and_report(options, arguments);
+  BlockList list = read_and_report(options, arguments);
   if (options.json) {
+    if (arguments.hostsOnly) {
+      for (const ListedSite& site : list.sites()) {
+        if (site.scope == Scope::Exception) list.remove(site.host, site.group);
+      }
+    }
     print_sites_json(list, nullptr, now_in_seconds());
   } else if (arguments.hostsOnly) {
     print_hosts(list);

@@ -260,7 +260,9 @@ int try_one(const CommonOptions& options, const std::string& given) {
   if (!normalize_hostname(host_in(given), host, fault))
     throw InputError("not a host name: " + in_quotes(given) + ": " + fault);
   Trial trial(options);
-  const Answer answer = trial.answer(host);
+  Answer answer = trial.answer(host);
+  if (const auto id = catalogued_id(options, given); id && answer.line["line"].is_null())
+    answer.reason += "; did you mean --site " + *id + "?";
   if (options.json) {
     print_json(to_json(answer, trial));
   } else {

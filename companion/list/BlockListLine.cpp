@@ -48,9 +48,9 @@ bool read_site(std::string_view host, Scope scope, ListedSite& site, std::string
 
 std::string scope_fault(const ListedSite& site) {
   if (site.scope == Scope::ExactName || !is_public_suffix(site.host)) return "";
-  return "it is a public suffix, and the sites below it are unrelated: name one of these sites; or, for this exact "
-         "name "
-         "alone, use --exact, or \"only\" in a list";
+  std::string fault = "it is a public suffix, and the sites below it are unrelated: name one of these sites";
+  if (site.scope == Scope::Exception) return fault;
+  return fault + "; or, for this exact name alone, use --exact, or \"only\" in a list";
 }
 
 bool read_line(std::string_view line, Scope scope, ListedSite& site, std::string& fault) {

@@ -119,8 +119,9 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
     } else {
       ++unknown;
       const auto id = exceptions ? std::nullopt : catalogued_id(options, host);
-      print_error(exceptions ? "no exception: " + in_quotes(host) + ": " + no_exception_text(list, group, host, now)
-                             : "not on the list: " + in_quotes(host) + ": " +
+      const std::string shown = in_quotes(shown_hostname(host)) + ": ";
+      print_error(exceptions ? "no exception: " + shown + no_exception_text(list, group, host, now)
+                             : "not on the list: " + shown +
                                    (id ? "did you mean --site " + *id + "?"
                                        : not_blocked_text(list, group, beside, host, now)));
     }
@@ -222,7 +223,11 @@ Selection selected_sites(const CommonOptions& options, const SiteArguments& argu
                      (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
   if (arguments.all) return {all_sites(exceptions), {}, exceptions ? "no exceptions" : "no sites"};
   if (!arguments.hosts.empty()) return {given_sites(options, arguments, now, exceptions)};
-  if (!isCatalogued) return {sites_of_file(arguments.from, exceptions)};
+  if (!isCatalogued) {
+    Selection selection{sites_of_file(arguments.from, exceptions)};
+    if (exceptions) selection.none = "none of these exceptions";
+    return selection;
+  }
   std::vector<CatalogueSite> chosen = chosen_sites(options, arguments.catalogued);
   const std::string source = chosen.size() == 1 ? chosen.front().name : counted(chosen.size(), "site", "sites");
   FindSites find = sites_on_list(hosts_of(chosen), source, exceptions);

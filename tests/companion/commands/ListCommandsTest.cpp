@@ -22,6 +22,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block other.example a..b 2>&1 | tail -n 1", 0,
        "orvanectl: nothing was changed: 1 of 2 names refused: correct the names above\n"},
       {"block co.uk", 2, ""},
+      {"allow co.uk 2>&1 | grep -c -- --exact", 1, "0\n"},
+      {"unblock b\u00fccher.example 2>&1 | head -n 1", 0,
+       "orvanectl: not on the list: \"b\u00fccher.example (xn--bcher-kva.example)\": see orvanectl list\n"},
       {"block localhost", 2, ""},
       {"block '[::1]' 2>&1 | grep -o 'it is an IP address'", 0, "it is an IP address\n"},
       {"block --exact www.example.com co.uk", 0, "www.example.com: blocked\nco.uk: blocked\n"},
@@ -55,13 +58,16 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"import --replace - </dev/null | sed -n 2p", 0, "0 added, 0 changed, 0 already on the list, 6 removed\n"},
       {"import --undo", 0, "0 sites removed, 6 restored, 0 left alone because you changed them since the import\n"},
       {"import --undo", 2, ""},
+      {"import --undo --exact 2>&1 | grep -o 'excludes --undo'", 0, "excludes --undo\n"},
       {"--json import --undo 2>/dev/null | head -c 28", 0, "{\"error\":\"nothing to undo: n"},
       {"export | cmp - '%.2'", 0, ""},
-      {"export --hosts | grep -c free.example", 1, "0\n"},
+      {"export --hosts | grep -c free.example; @ --json export --hosts | grep -c free.example", 1, "0\n0\n"},
       {"disallow x.example.com free.example", 0,
        "x.example.com and its subdomains: no longer an exception\n"
        "free.example and its subdomains: no longer an exception\n"},
       {"disallow x.example.com", 2, ""},
+      {"disallow --from - 2>'%.out' <<'E'\nx.example.com\nE", 0,
+       "nothing to change: the group default has none of these exceptions\n"},
       {"unblock a.x.example.com", 0,
        "a.x.example.com and its subdomains: removed from the list; still blocked by the line \"example.com\"\n"},
       {"unblock m.example.com 2>&1 | head -n 1", 0,
@@ -88,6 +94,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "sites: not'",
        0, "33 sites: not\n"},
       {"resume --all", 0, "33 sites: blocked again\n"},
+      {"list >'%.out'; script -qec \"@ suspend --all --until 'tomorrow midnight'\" /dev/null </dev/null | grep -ao "
+       "'^orvanectl: several'",
+       0, "orvanectl: several\n"},
       {"list >'%.out'; echo 'o.example until=2020-01-01T00:00:00Z' | '" ORVANECTL
        "' --list '%.6' import - >'%.out'; for command in list export '--json export'; do '" ORVANECTL
        "' --list '%.6' $command; done 2>'%.out'",
@@ -177,6 +186,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "c.example and its subdomains: blocked\nA, 1 host: already on the list\nA, 1 host: blocked\n"},
       {"--catalogue '%.d' block --site b", 2, ""},
       {"--catalogue '%.d' block A 2>&1 | grep -o 'did you mean.*'", 0, "did you mean --site a?\n"},
+      {"--catalogue '%.d' try A 2>&1 | grep -o 'did you mean.*'", 0, "did you mean --site a?\n"},
       {"--catalogue '%.d' unblock a 2>&1 | grep -o 'did you mean.*'", 0, "did you mean --site a?\n"},
       {"--json block a --exact | grep -o '\"scope\":\"exact\"'; @ block --json a | grep -o '\"scope\":\"exact\"'; @ "
        "unblock a",
