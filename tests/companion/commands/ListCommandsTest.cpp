@@ -47,7 +47,13 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block --exact free.example; @ block free.example; @ block --exact free.example; @ allow free.example", 0,
        "free.example: blocked, no longer an exception\nfree.example and its subdomains: blocked, now with its "
        "subdomains\nfree.example: blocked, now without its subdomains\n"
-       "free.example and its subdomains: allowed; no line blocks it now\n"},
+       "free.example and its subdomains: allowed; its own line has no effect until \"orvanectl disallow\"\n"},
+      {"disallow free.example; @ list | grep free; @ allow free.example >'%.out'; @ allow free.example; @ list | grep "
+       "free",
+       0,
+       "free.example and its subdomains: no longer an exception; its own line has an effect again\n"
+       "free.example only\nfree.example and its subdomains: already an exception; no line blocks it now\n"
+       "free.example allowed\n"},
       {"block a.x.example.com", 0,
        "a.x.example.com and its subdomains: blocked; but allowed by the exception \"x.example.com allowed\"\n"},
       {"suspend x.example.com --for 1h", 2, ""},
