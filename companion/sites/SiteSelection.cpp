@@ -61,6 +61,14 @@ bool is_listed(const ListedSite* site, bool exceptions) {
   return site != nullptr && (site->scope == Scope::Exception) == exceptions;
 }
 
+// The site of the group that a host names: the site with this host or, as for `block`, with the host without "www.".
+// `word`: the host as given; after a leading dot, the name keeps its "www.". Exceptions keep it, too.
+const ListedSite* named_site(const BlockList& list, GroupIndex group, std::string_view word, const std::string& host,
+                             bool exceptions) {
+  const ListedSite* site = list.find(host, group);
+  return site != nullptr || exceptions || word.starts_with('.') ? site : list.find(site_of(host), group);
+}
+
 // " --group work", for a command that is to find a site of this group.
 std::string group_option(const BlockList& list, const ListedSite& site) {
   return site.group == kDefaultGroup ? "" : " --group " + list.groupOf(site).name;
@@ -103,17 +111,18 @@ std::string not_blocked_text(const BlockList& list, GroupIndex group, ListsBesid
          "; to change the whole line, give " + site->host;
 }
 
-// Returns the sites on the list that have the given hosts: with `exceptions`, only exceptions, otherwise only sites
-// that are not exceptions. Reports each host that has no such site, and then throws InputError.
-std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, const std::vector<ListedSite>& given,
-                                     bool exceptions, Moment now, const CommonOptions& options) {
+// Returns the sites on the list that have the given hosts, which the words name: with `exceptions`, only exceptions,
+// otherwise only sites that are not exceptions. Reports each host that has no such site, and then throws InputError.
+std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, const std::vector<std::string>& words,
+                                     const std::vector<ListedSite>& given, bool exceptions, Moment now,
+                                     const CommonOptions& options) {
   ListsBeside beside(keeper_of_list(options));
   std::vector<ListedSite> sites;
   std::set<const ListedSite*> seen;
   size_t unknown = 0;
-  for (const ListedSite& each : given) {
-    const std::string& host = each.host;
-    const ListedSite* site = list.find(host, group);
+  for (size_t i = 0; i < given.size(); ++i) {
+    const std::string& host = given[i].host;
+    const ListedSite* site = named_site(list, group, words[i], host, exceptions);
     if (is_listed(site, exceptions)) {
       if (seen.insert(site).second) sites.push_back(*site);
     } else {
@@ -135,9 +144,9 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
 
 // Finds the sites with the hosts that the command line gives.
 FindSites given_sites(const CommonOptions& options, const SiteArguments& arguments, Moment now, bool exceptions) {
-  return [=, &options, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](
+  return [=, &options, words = arguments.hosts, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](
              const BlockList& list, GroupIndex group, std::vector<std::string>&) {
-    return listed_sites(list, group, hosts, exceptions, now, options);
+    return listed_sites(list, group, words, hosts, exceptions, now, options);
   };
 }
 

@@ -193,7 +193,7 @@ def ReadOnlyListsAreInForceBesideTheMachinesList(world: World):
         check(keeper.verdict(HELD), ("blocked", 0), "the verdict of try")
         for command, code, words in (
             (["suspend", HELD, "--for", "2h"], 0, "school.list"),
-            (["unblock", BELOW[0]], 2, "school.list"),
+            (["unblock", f"b.{HELD}"], 2, "school.list"),
             (["unblock", "b.fetched.example"], 2, "orvanectl allow b.fetched.example"),
             (["allow", HELD], 0, "still blocks it"),
             (["list", "--from", "ads"], 0, NEWS),
