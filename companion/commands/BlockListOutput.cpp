@@ -57,7 +57,9 @@ ListInForce find_in_force(const BlockList& list, const std::optional<KeeperState
   if (!keeper || !inForce) return result;
   std::map<std::pair<std::string_view, std::string_view>, Moment> untilBySite;
   for (const auto& site : keeper->pending) untilBySite[{site.group, site.host}] = site.until;
+  const auto states = states_of_groups(*inForce, keeper, now);
   inForce->forEachSite([&](const ListedSite& site) {
+    if (!states[site.group].isInForce) return;
     const std::string& group = inForce->groupOf(site).name;
     const auto inFile = list.findGroup(group);
     const ListedSite* wanted = inFile ? list.find(site.host, *inFile) : nullptr;

@@ -389,11 +389,12 @@ BlockList read_shown_list(const CommonOptions& options, const Arguments& argumen
     return list;
   }
   const std::string path = read_only_path(options, arguments.shownList);
-  const std::string text = read_list_text(path);
   const bool isFetched = path.starts_with(options.subscriptionsPath + "/");
-  const auto list = ReadOnlyList::parse(text, isFetched ? ListKind::Subscription : ListKind::DropIn);
+  std::string lines;
+  const auto list =
+      ReadOnlyList::parse(read_list_text(path), isFetched ? ListKind::Subscription : ListKind::DropIn, &lines);
   report_bad_lines(list.badLines, list.badLineCount, path);
-  return BlockList::parse(text);
+  return BlockList::parse(lines);
 }
 
 // The sites and settings of one group.

@@ -38,8 +38,8 @@ class Parser {
  public:
   explicit Parser(ListKind kind) { list_.kind = kind; }
 
-  // `words`: a line without its comment.
-  void take(size_t number, std::string_view words) {
+  // `words`: a line without its comment. Returns whether the line is good.
+  bool take(size_t number, std::string_view words) {
     std::string fault;
     if (const auto group = group_in_header(words)) {
       fault = takeHeader(*group);
@@ -51,8 +51,10 @@ class Parser {
     } else if (read_line(words, Scope::Subdomains, site_, fault)) {
       fault = takeSite();
     }
-    if (fault.empty() || list_.badLineCount++ >= ReadOnlyList::kBadLinesKept) return;
-    list_.badLines.push_back({number, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
+    if (fault.empty()) return true;
+    if (list_.badLineCount++ < ReadOnlyList::kBadLinesKept)
+      list_.badLines.push_back({number, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
+    return false;
   }
 
   ReadOnlyList result() {
@@ -99,13 +101,13 @@ class Parser {
 
 }  // namespace
 
-ReadOnlyList ReadOnlyList::parse(std::string_view text, ListKind kind) {
+ReadOnlyList ReadOnlyList::parse(std::string_view text, ListKind kind, std::string* goodLines) {
   Parser parser(kind);
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   for (size_t number = 1; !text.empty(); ++number) {
     const size_t end = std::min(text.find('\n'), text.size());
     const std::string_view words = trimmed(without_comment(text.substr(0, end)));
-    if (!words.empty()) parser.take(number, words);
+    if (!words.empty() && parser.take(number, words) && goodLines != nullptr) goodLines->append(words) += '\n';
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return parser.result();

@@ -259,6 +259,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"export >'%.out'; { seq 22 | sed 's/$/..x/'; echo none.example; } >'%.bad.list'; for command in list unblock; "
        "do @ $command --from '%.bad.list' 2>&1 | grep -o '[0-9]* more.*'; done",
        0, "2 more bad lines\n2 more\n"},
+      {"list >'%.out'; printf '[group o]\\nr.example\\ndelay = 1h\\nlate.example until=2030-01-01T00:00:00Z\\n' "
+       ">'%.bad.list'; @ list --from '%.bad.list' 2>'%.out'",
+       0, "[group o]\nr.example\n"},
       // A keeper without an extension. "!" stands for the words "saved, but not in force ..."
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
        "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' "
