@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -221,6 +222,7 @@ struct ShownGroup {
   KeeperState::GroupState state;
   size_t sites = 0;
   bool isInFile = true;
+  std::vector<KeeperState::PendingSite> pending{};  // only those of this group
 };
 
 // The groups of the list's file, and those that the keeper still guards although the file no longer has them.
@@ -231,8 +233,11 @@ std::vector<ShownGroup> shown_groups(const CommonOptions& options, const BlockLi
     const auto states = states_of_groups(from, keeper, now);
     const std::vector<size_t> sites = from.sitesOfGroups();
     for (size_t i = 0; i < states.size(); ++i) {
-      if (isInFile || !list.findGroup(states[i].name))
-        shown.push_back({from.groups()[i], states[i], sites[i], isInFile});
+      if (!isInFile && list.findGroup(states[i].name)) continue;
+      shown.push_back({from.groups()[i], states[i], sites[i], isInFile});
+      if (!keeper) continue;
+      std::copy_if(keeper->pending.begin(), keeper->pending.end(), std::back_inserter(shown.back().pending),
+                   [&](const auto& site) { return site.group == states[i].name; });
     }
   };
   add(list, true);
@@ -241,7 +246,7 @@ std::vector<ShownGroup> shown_groups(const CommonOptions& options, const BlockLi
 }
 
 nlohmann::json group_json(const ShownGroup& shown) {
-  const auto& [group, state, sites, isInFile] = shown;
+  const auto& [group, state, sites, isInFile, pending] = shown;
   return {{"name", group.name},
           {"inFile", isInFile},
           {"enabled", group.isEnabled},
@@ -257,8 +262,8 @@ nlohmann::json group_json(const ShownGroup& shown) {
           {"sites", sites}};
 }
 
-void print_group(const ShownGroup& shown, Moment now) {
-  const auto& [group, state, sites, isInFile] = shown;
+void print_group(const ShownGroup& shown, bool withPending, Moment now) {
+  const auto& [group, state, sites, isInFile, pending] = shown;
   std::printf("%s: %s, %s%s%s\n", group.name.c_str(), counted(sites, "site", "sites").c_str(),
               coloured(state_text(group, state, now), state.isInForce ? Colour::Good : Colour::Warning).c_str(),
               guard_text(state, now).c_str(), isInFile ? "" : ", no longer in the list's file");
@@ -268,6 +273,9 @@ void print_group(const ShownGroup& shown, Moment now) {
     std::printf("  The settings in force%s stay %s.\n",
                 state.delay.count() == 0 ? "" : (", with a delay of " + duration_text(state.delay) + ",").c_str(),
                 suspension_text(*state.settingsUntil, now).c_str());
+  if (!withPending) return;
+  for (const auto& site : pending)
+    std::printf("  The change of %s has no effect %s.\n", site.host.c_str(), suspension_text(site.until, now).c_str());
 }
 
 // Prints the group, or without a name, all groups.
@@ -279,7 +287,7 @@ int print_groups(const CommonOptions& options, const std::optional<std::string>&
   for (const ShownGroup& shown : shown_groups(options, list, now)) {
     if (name && shown.group.name != *name) continue;
     isFound = true;
-    options.json ? groups.push_back(group_json(shown)) : print_group(shown, now);
+    options.json ? groups.push_back(group_json(shown)) : print_group(shown, name.has_value(), now);
   }
   if (!isFound) find_group(list, *name);  // throws
   if (options.json) print_json(groups);
@@ -315,11 +323,18 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   const std::string group = arguments.lockGroup.value_or(std::string(kDefaultGroupName));
   const Moment now = now_in_seconds();
   const Moment until = read_end_time(arguments.end, options, now);
-  if (until - now > ListGuard::kLongestLock) throw InputError("too long a lock: give at most a year");
-  size_t sites = 0;
+  if (until - now > ListGuard::kLongestLock)
+    throw InputError(
+        "too long a lock: " + in_quotes(arguments.end.duration.value_or(arguments.end.until.value_or(""))) +
+        ": give at most 366 days");
+  size_t sites = 0, suspended = 0;
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    list.setSetting(find_group(list, group), kLockUntilKey, {time_text(until)});
+    const GroupIndex index = find_group(list, group);
+    list.setSetting(index, kLockUntilKey, {time_text(until)});
     sites = list.size();
+    suspended = 0;
+    list.forEachSite(
+        [&](const ListedSite& site) { suspended += site.group == index && site.isSuspended(now) ? 1 : 0; });
     return true;
   });
   Effect effect = wait_for_keeper(options, version, sites);
@@ -341,8 +356,11 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     const char* blocked = !effect.isInForce    ? "; it is unknown whether its sites are blocked yet"
                           : !*effect.isInForce ? "; but its sites are not blocked yet"
                                                : "";
-    std::printf("%s: %slocked %s%s%s\n", group.c_str(), already, suspension_text(*state->lockedUntil, now).c_str(),
-                unguarded_text(*state).c_str(), blocked);
+    std::string ineffective;
+    if (suspended > 0)
+      ineffective = "; until then, " + counted(suspended, "suspension has", "suspensions have") + " no effect";
+    std::printf("%s: %slocked %s%s%s%s\n", group.c_str(), already, suspension_text(*state->lockedUntil, now).c_str(),
+                unguarded_text(*state).c_str(), ineffective.c_str(), blocked);
   }
   return kDone;
 }

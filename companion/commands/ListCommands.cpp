@@ -174,8 +174,7 @@ std::vector<SiteHeldBack> find_what_holds_back(const CommonOptions& options, con
   const auto found = exceptions_held_back(inForce ? *inForce : list, exceptions, keeper, now);
   for (size_t i = 0, next = 0; i < sites.size(); ++i) {
     if (sites[i].scope != Scope::Exception) continue;
-    if (found[next]) results[i].removal = found[next];
-    ++next;
+    results[i].removal = found[next++];
   }
   return results;
 }

@@ -222,7 +222,7 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
     bytes += bytes_of(site);
     auto& [guarded, wanted, isLockNew] = updates[site.group];
     if (guarded == nullptr) continue;
-    // A lock ends the suspensions of its group.
+    // During the lock, the suspensions of the group have no effect.
     if (isLockNew && site.until) {
       site.until.reset();
       held_.put(site);

@@ -45,7 +45,7 @@ class ListGuard {
     std::string start = {};        // differs after each start of the machine; empty if unknown
   };
 
-  // A lock lasts at most this long, whatever the request says.
+  // A lock lasts at most this long, whatever the request says: a year, even if it has a 29 February.
   static constexpr std::chrono::seconds kLongestLock = std::chrono::hours(24 * 366);
 
   // At most this many groups are guarded at the same time. A request for a lock of another group waits.
