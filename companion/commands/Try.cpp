@@ -67,21 +67,31 @@ std::string line_text(const BlockList& list, const ListedSite& site) {
   return site.group == kDefaultGroup ? line : line + " of the group " + list.groupOf(site).name;
 }
 
+// " of the group work, which is disabled"
+std::string of_group(const BlockList& list, GroupIndex group, const std::vector<KeeperState::GroupState>& groups,
+                     Moment now) {
+  return " of the group " + list.groups()[group].name + ", which is " +
+         state_text(list.groups()[group], groups[group], now);
+}
+
 // Says which line decides about the host.
 std::string decision_text(const BlockList& list, const std::string& host, const Decision& decision, Verdict verdict,
                           const std::vector<KeeperState::GroupState>& groups, Moment now) {
   if (decision.isBlocked())
     return (verdict == Verdict::Blocked ? "blocked on ports 80 and 443 by " : "covered by ") +
            line_text(list, *decision.blocking);
-  if (decision.blocking != nullptr)
-    return "allowed by the exception " + in_quotes(line_of(*decision.exception)) + ", although " +
-           line_text(list, *decision.blocking) + " covers it";
+  if (decision.exception != nullptr) {
+    const ListedSite* covering = decision.blocking != nullptr ? decision.blocking : decision.suspended;
+    return "allowed by the exception " + in_quotes(line_of(*decision.exception)) +
+           (covering == nullptr ? "; no line blocks it now"
+                                : ", although " + line_text(list, *covering) + " covers it");
+  }
   if (decision.suspended != nullptr)
     return "covered by " + line_text(list, *decision.suspended) + ", but suspended " +
            suspension_text(*decision.suspended->until, now);
   if (decision.inactive != nullptr)
-    return "covered by " + line_text(list, *decision.inactive) + ", which is " +
-           state_text(list.groupOf(*decision.inactive), groups[decision.inactive->group], now);
+    return "covered by the line " + in_quotes(line_of(*decision.inactive)) +
+           of_group(list, decision.inactive->group, groups, now);
   const std::string miss = nearest_miss(list, host);
   return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
 }
@@ -121,8 +131,10 @@ BesideDecision decide_beside(const BlockList& list, const std::vector<ListPart>&
 
 // The line that decides about the host; null if there is none.
 const ListedSite* deciding_site(const Decision& decision) {
-  if (decision.blocking == nullptr) return decision.suspended != nullptr ? decision.suspended : decision.inactive;
-  return decision.exception != nullptr ? decision.exception : decision.blocking;
+  for (const ListedSite* site : {decision.exception, decision.blocking, decision.suspended}) {
+    if (site != nullptr) return site;
+  }
+  return decision.inactive;
 }
 
 // Whether the extension has the list.
@@ -195,6 +207,7 @@ class Trial {
     const Verdict verdict = verdict_of(isBlocked, delivery_.state);
     BesideDecision beside;
     if (!parts.empty()) beside = decide_beside(list_, parts, host, decision, isBlocked, verdict);
+    if (beside.text.empty() && deciding_site(decision) == nullptr) beside = inactiveBeside(parts, host);
     if (beside.text.empty()) beside.text = decision_text(list_, host, decision, verdict, groups_, now_);
     return {host, verdict, std::move(beside.text), lineMembers(decision, beside.line)};
   }
@@ -211,6 +224,12 @@ class Trial {
   }
 
  private:
+  BesideDecision inactiveBeside(const std::vector<ListPart>& parts, const std::string& host) const {
+    const auto line = find_inactive_line(parts, host);
+    const auto group = line ? list_.findGroup(line->group) : std::nullopt;
+    if (!group) return {};
+    return {"covered by " + line_text(*line) + of_group(list_, *group, groups_, now_), line};
+  }
   nlohmann::json lineMembers(const Decision& decision, const std::optional<LineBeside>& beside) const {
     nlohmann::json json;
     for (const char* member : {"site", "group", "line", "list", "suspendedUntil"}) json[member] = nullptr;

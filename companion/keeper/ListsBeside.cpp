@@ -34,7 +34,7 @@ std::optional<LineBeside> find_line(const std::vector<ListPart>& parts, Rank ran
     if (part.list->rank() != rank) continue;
     for (const auto& section : part.list->sections) {
       const auto find = [&](std::string_view site, Scope scope) -> std::optional<LineBeside> {
-        LineBeside line{part.path, part.list->kind, rank, {std::string(site), scope, {}}};
+        LineBeside line{part.path, part.list->kind, rank, {std::string(site), scope, {}}, section.group};
         return section.names.contains(name_of(line.site)) ? std::optional(std::move(line)) : std::nullopt;
       };
       if (!isException) {
@@ -46,6 +46,11 @@ std::optional<LineBeside> find_line(const std::vector<ListPart>& parts, Rank ran
     }
   }
   return std::nullopt;
+}
+
+std::optional<LineBeside> find_inactive_line(std::vector<ListPart> parts, const std::string& host) {
+  for (ListPart& part : parts) part.list = part.inactive;
+  return find_line(parts, Rank::Open, false, host);  // the lists of the rank Fixed are always in force
 }
 
 bool is_blocked(const BlockList& list, const std::vector<ListPart>& parts, const std::string& host, Moment now,
@@ -93,10 +98,12 @@ ListsBeside::ListsBeside(const std::optional<KeeperState>& keeper) {
   }
 }
 
-std::shared_ptr<const ReadOnlyList> ListsBeside::parse(std::string_view text, ListKind kind) const {
-  auto list = std::make_shared<ReadOnlyList>(ReadOnlyList::parse(text, kind));
-  std::erase_if(list->sections, [&](const auto& section) { return !list->isInForce(section, groups_); });
-  return list;
+ListPart ListsBeside::partOf(const File& file, std::string_view text) const {
+  auto list = std::make_shared<ReadOnlyList>(ReadOnlyList::parse(text, file.kind));
+  auto inactive = std::make_shared<ReadOnlyList>(*list);
+  std::erase_if(list->sections, [&](const auto& section) { return !inactive->isInForce(section, groups_); });
+  std::erase_if(inactive->sections, [&](const auto& section) { return list->isInForce(section, groups_); });
+  return {file.path, std::move(list), std::move(inactive)};
 }
 
 std::vector<ListPart> ListsBeside::partsAbout(const std::string& host) {
@@ -111,10 +118,10 @@ std::vector<ListPart> ListsBeside::partsAbout(const std::string& host) {
       file.text.emplace();
     }
     if (file.kind == ListKind::Subscription) {
-      parts.push_back({file.path, parse(lines_with(*file.text, covering.back()), file.kind)});
+      parts.push_back(partOf(file, lines_with(*file.text, covering.back())));
     } else {
-      if (!file.whole) file.whole = parse(*file.text, file.kind);
-      parts.push_back({file.path, file.whole});
+      if (!file.whole) file.whole = partOf(file, *file.text);
+      parts.push_back(*file.whole);
     }
   }
   return parts;

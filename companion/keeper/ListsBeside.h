@@ -17,18 +17,23 @@ struct LineBeside {
   ListKind kind = ListKind::DropIn;
   Rank rank = Rank::Fixed;
   ListedSite site;
+  std::string group;
 };
 
 // For one host: the lines of a read-only list that may concern this host. They are at least all lines about the host's
 // registrable domain and about hosts below this domain.
 struct ListPart {
   std::string path;
-  std::shared_ptr<const ReadOnlyList> list;  // only the sections that are in force
+  std::shared_ptr<const ReadOnlyList> list;      // only the sections that are in force
+  std::shared_ptr<const ReadOnlyList> inactive;  // only the others
 };
 
 // The line of the lists of this rank that decides about the host: one that blocks it, or an exception for it.
 std::optional<LineBeside> find_line(const std::vector<ListPart>& parts, Rank rank, bool isException,
                                     const std::string& host);
+
+// The line that would block the host if its group were in force.
+std::optional<LineBeside> find_inactive_line(std::vector<ListPart> parts, const std::string& host);
 
 // Whether the keeper sends names that block the host, if `list` is the machine's list and `parts` are the others.
 bool is_blocked(const BlockList& list, const std::vector<ListPart>& parts, const std::string& host, Moment now,
@@ -54,9 +59,9 @@ class ListsBeside {
     std::string path;
     ListKind kind;
     std::optional<std::string> text;
-    std::shared_ptr<const ReadOnlyList> whole;  // of a drop-in
+    std::optional<ListPart> whole;  // of a drop-in
   };
-  std::shared_ptr<const ReadOnlyList> parse(std::string_view text, ListKind kind) const;
+  ListPart partOf(const File& file, std::string_view text) const;
 
   std::deque<File> files_;
   ReadOnlyList::GroupsInForce groups_;

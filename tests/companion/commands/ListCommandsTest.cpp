@@ -222,11 +222,17 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0,
        "orvanectl: cannot show locks and changes without effect yet: no keeper keeps this list: see orvanectl status\n"
        "cannot read\n"},
-      {"group disable default >'%.out'; @ list --group h | grep default; @ group enable default", 0,
-       "default: enabled: in force\n"},
+      {"group disable default >'%.out'; @ list --group h | grep default; @ block d.example >'%.out'; @ --socket "
+       "'%.none' try d.example | sed -n 2p; @ unblock d.example >'%.out'; @ group enable default",
+       0, "  covered by the line \"d.example\" of the group default, which is disabled\ndefault: enabled: in force\n"},
+      {"group add o >'%.out'; @ group disable o >'%.out'; @ group delay o 1h; @ block o.example --group o", 0,
+       "o: a removal or suspension has an effect after 1 h\n"
+       "o.example and its subdomains: blocked; but the group o is disabled\n"},
       {"block y.example --group h 2>'%.out' >&2; @ group delay h 1h >'%.out'; @ --drop-ins '%.none' --fetched '%.none' "
        "--socket '%.none' keep >'%.out' 2>&1 & echo $! >'%.pid'; until @ lock 2>'%.out'; do sleep 0.1; done",
        0, "no group is locked\n"},
+      {"unblock o.example --group o >'%.out' 2>&1; @ list | grep -c 'Still blocked'", 1, "0\n"},
+      {"group show o | grep -o 'change of .* effect'", 0, "change of o.example has no effect\n"},
       {"group delay h off 2>'%.out' | grep -o 'the delay of 1 h counts'", 0, "the delay of 1 h counts\n"},
       {"group disable h 2>'%.out' >&2; @ group enable h 2>'%.out' | grep -o 'h: enabled.*'", 0,
        "h: enabled: in force\n"},

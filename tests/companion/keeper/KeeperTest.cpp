@@ -364,7 +364,7 @@ TEST_F(StateFile, IsRejectedWhenInvalid) {
 TEST_F(Keeper, TryGivesVerdictWithReason) {
   std::ofstream(path("list"))
       << "a.example\nx.a.example allowed\nb.example only\nwww.c.example only\nc.example until=2999-01-01T00:00:00Z\n"
-      << "[group work]\nenabled = no\nw.example\n";
+      << "www.b.example allowed\n[group work]\nenabled = no\nw.example\n";
   state.connected = true;
   state.sentVersion = list_version(path("list"));
   Descriptor lock = lock_keeper_state(path("state"));
@@ -383,7 +383,8 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("A.example.", "blocked", "blocked on ports 80 and 443 by the line \"a.example\"\n");
   check("y.m.a.example", "blocked", "by the line \"a.example\"\n");
   check("y.x.a.example", "not blocked", "allowed by the exception \"x.a.example allowed\"");
-  check("www.b.example", "not blocked", "\"b.example only\" covers only this exact name: block it without --exact");
+  check("m.b.example", "not blocked", "\"b.example only\" covers only this exact name: block it without --exact");
+  check("www.b.example", "not blocked", "allowed by the exception \"www.b.example allowed\"; no line blocks it now\n");
   check("www.c.example", "blocked", "by the line \"www.c.example only\"\n");
   check("m.c.example", "not blocked", "suspended until Tue 2999");
   check("d.example", "not blocked", "it is not on the list\n");
@@ -402,7 +403,7 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("b.a.example", "blocked", "by the line \"a.example\"\n");
   check("s.example", "blocked", "by the line \"s.example\" of the fetched list \"");
   check("new.c.example", "not blocked", "but suspended with the line \"c.example until=2999-01-01T00:00:00Z\"");
-  check("v.example", "not blocked", "it is not on the list\n");
+  check("v.example", "not blocked", "/s.list\" of the group work, which is disabled\n");
   check("w.example", "blocked", "by the line \"w.example\" of the administrator's list \"");
   std::filesystem::create_directory(path("sites"));
   std::ofstream(path("sites/a.site")) << "name: A\ncategory: x\na.example\nb.example\nn.c.example\n";
