@@ -187,7 +187,11 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
   } else {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: " + kStartKeeper);
   }
-  if (status.keeperService) lines.push_back(service_text(kKeeperUnit, *status.keeperService, now));
+  if (auto service = status.keeperService) {
+    // With its state, the lines of "Sent" say the same, and the service's text may be newer than the state.
+    if (status.keeper) service->status.clear();
+    lines.push_back(service_text(kKeeperUnit, *service, now));
+  }
   return lines;
 }
 
