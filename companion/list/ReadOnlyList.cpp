@@ -44,6 +44,12 @@ class Parser {
     if (const auto group = group_in_header(words)) {
       fault = takeHeader(*group);
       isInBadGroup_ = !fault.empty();
+      // A drop-in is in force whatever its groups are, so an error in a header must not put its sites out of force.
+      if (isInBadGroup_ && list_.kind == ListKind::DropIn) {
+        current_ = 0;
+        isInBadGroup_ = false;
+        fault += "; the lines below it count for the group " + std::string(kDefaultGroupName);
+      }
     } else if (isInBadGroup_) {
       fault = kBadGroupFault;
     } else if (const std::string_view key = key_of_setting(words); !key.empty()) {

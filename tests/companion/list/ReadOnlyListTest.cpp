@@ -37,10 +37,12 @@ TEST(ReadOnlyList, HasTheLinesThatItMayHave) {
       {"a group in two parts", ListKind::DropIn,
        "[group x]\na.example\n[group default]\nb.example\n[group x]\nc.example",
        "[default] .b.example[x] .a.example .c.example", 0, false},
-      {"bad lines", ListKind::DropIn,
+      {"bad lines", ListKind::Subscription,
        "a..b\na.example until=2030-01-01T00:00:00Z\n[group a b]\nb.example\n[group default]\n"
        "c.example\nx y\n",
        "[default] .c.example", 5, false},
+      {"sites below a bad header stay in force", ListKind::DropIn, "[group x]\na.example\n[group a b]\nb.example\n",
+       "[default] .b.example[x] .a.example", 1, false},
       {"settings of groups", ListKind::DropIn, "schedule = Sat\nenabled=no\ndelay = 1h\nlock-until=2030-01-01\n", "", 4,
        false},
       {"suspendable", ListKind::DropIn, "a.example\nsuspendable = yes\n", "[default] .a.example", 0, true},
