@@ -74,7 +74,7 @@ Finding examine_connection(const Facts& facts) {
     case Outcome::Denied:
       return examine_denial(facts);
     case Outcome::Silent:
-      return {"answer", "", Result::Problem, socket + ": the extension accepts the connection, but does not answer",
+      return {"answer", "", Result::Problem, socket + ": " + facts.connection.error,
               "sudo systemctl restart orvane-se.service"};
     case Outcome::Refused:
       return {"answer", "", Result::Problem, socket + ": nobody listens on the socket: its extension has ended",

@@ -49,6 +49,7 @@ struct ConnectionFacts {
   Outcome outcome = Outcome::NoSocket;
   std::string socket;    // the socket's path; for NoSocket, where the socket should be, or why it can have no path
   uint64_t changes = 0;  // for Answered: the extension's count of edits
+  std::string error{};   // for Silent: why there is no answer, in the words of `orvanectl status`
 };
 
 // The kernel's rules of one address family, as text.

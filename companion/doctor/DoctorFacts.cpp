@@ -75,7 +75,7 @@ ConnectionFacts ask_extension(const std::string& socket) {
   ClientOptions options;
   options.socket = socket;
   const ExtensionProbe probe = probe_extension(options, kAnswerTimeout);
-  return {probe.answers ? Outcome::Answered : Outcome::Silent, socket, probe.changes};
+  return {probe.answers ? Outcome::Answered : Outcome::Silent, socket, probe.changes, probe.error};
 }
 
 // Tries the same paths as a client, in the same order. Reports the first path that accepts a connection; if none does,

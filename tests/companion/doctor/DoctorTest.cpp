@@ -97,7 +97,10 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"hidden names", "hidden-names", Warning, "12 connections",
        [](Facts& f) { f.extension.hiddenNames = hidden_names_in(filtering_status(12)); }},
       {"stale socket", "answer", Problem, "has ended", [](Facts& f) { f.connection.outcome = Outcome::Refused; }},
-      {"hung", "answer", Problem, "restart", [](Facts& f) { f.connection.outcome = Outcome::Silent; }},
+      {"hung", "answer", Problem, "it hangs",
+       [](Facts& f) {
+         f.connection = {Outcome::Silent, "/s", 0, "it hangs"};
+       }},
       {"stranger", "answer", Problem, "usermod -aG orvane anna",
        [](Facts& f) { f.connection.outcome = Outcome::Denied, f.group.listed = f.group.inForce = false; }},
       {"member since this login", "answer", Problem, "newgrp orvane",
