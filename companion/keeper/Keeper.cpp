@@ -48,7 +48,7 @@ using Steady = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kDebounce = 30ms;
 constexpr std::chrono::milliseconds kMaxDebounce = 1s;
 
-// While a lock, a delay or a drop-in is in force, the keeper rests after each read, for this many times the processor
+// While the keeper undoes edits of other clients, it rests after each read, for this many times the processor
 // time of the read. Otherwise a large list that changes all the time would keep it from undoing edits.
 constexpr int kRestFactor = 10;
 constexpr std::chrono::seconds kLongestRest = 60s;

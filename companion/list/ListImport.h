@@ -25,8 +25,9 @@ namespace orvane {
 // A comment starts with "#", or with "!" at the start of a line. A line in brackets is the header of a group, as in
 // orvane-list(5), or a filter list's title, which counts as a comment. Most rules of a filter list are not about a
 // whole host: they have a path, a wildcard, a regular expression or an option, or hide parts of pages. These rules are
-// only counted. Any other line is rejected. That does not depend on the lines before it, with one exception: a word
-// without a dot, such as "adserver", is a name, but in a filter list a rule for parts of addresses.
+// only counted, if the line shows that it is a rule: "example.com/path" does not. Any other line is rejected. That does
+// not depend on the lines before it, with two exceptions. A word without a dot, such as "adserver", is a name, but in a
+// filter list a rule for parts of addresses. And all lines below the bad header of a group are rejected.
 struct ImportedSites {
   // Each site of a group once, in the order in which the sites first occur. If several lines name a site, the site gets
   // the greatest of their scopes, and the last of these lines decides whether the site is suspended.
