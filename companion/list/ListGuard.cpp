@@ -94,7 +94,6 @@ bool blocks_less(const Group& wanted, const Group& held) {
 struct ListGuard::Update {
   Guarded* guarded = nullptr;
   std::optional<GroupIndex> wanted;  // the group in the file
-  bool isLockNew = false;
 };
 
 std::string ListGuard::save(const Now& now) const {
@@ -205,7 +204,7 @@ void ListGuard::updateGroups(const BlockList& file, const Now& now) {
     guarded.hasCopy = true;
     updateSettings(held, guarded, wanted ? &file.groups()[*wanted] : nullptr, now);
     updates.resize(held_.groups().size());
-    updates[held] = {&guarded, wanted, guarded.lockEnd && guarded.lockBegan == now.running};
+    updates[held] = {&guarded, wanted};
   }
   updates.resize(held_.groups().size());
   updateSites(updates, file, now);
@@ -220,10 +219,10 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
   size_t bytes = 0;
   for (ListedSite& site : held_.sites()) {
     bytes += bytes_of(site);
-    auto& [guarded, wanted, isLockNew] = updates[site.group];
+    auto& [guarded, wanted] = updates[site.group];
     if (guarded == nullptr) continue;
     // During the lock, the suspensions of the group have no effect.
-    if (isLockNew && site.until) {
+    if (guarded->lockEnd && site.until) {
       site.until.reset();
       held_.put(site);
     }
@@ -253,7 +252,7 @@ void ListGuard::updateSites(Updates& updates, const BlockList& file, const Now& 
     }
     ListedSite copy = without_past(site, now.wall);
     copy.group = *held;
-    if (updates[*held].isLockNew) copy.until.reset();
+    if (updates[*held].guarded->lockEnd) copy.until.reset();
     isChanged_ = held_.put(std::move(copy)) || isChanged_;
   });
 }

@@ -67,6 +67,7 @@ TEST(ListGuard, KeepsALockedGroupAgainstEveryChangeOfTheFile) {
       {"exceptions", group + "[group new]\nb.example allowed\ny.a.example allowed\nexample allowed\n",
        ".a.example .b.example"},
       {"an exception for another site", "[group new]\nm.example allowed\n", "!.m.example .a.example .b.example"},
+      {"a suspended addition", group + "c.example until=2026-06-02T00:00:00Z\n", ".a.example .b.example .c.example"},
       {"additions", file + "n.example\n[group work]\nc.example\n",
        ".a.example .b.example .c.example .m.example .n.example"},
       {"additions removed again, and an exception that was removed is back", file,
