@@ -36,10 +36,10 @@ PackedNames pack(std::string_view lines) {
 
 class Parser {
  public:
-  explicit Parser(ListKind kind) { list_.kind = kind; }
+  Parser(ListKind kind, std::string* goodLines) : goodLines_(goodLines) { list_.kind = kind; }
 
-  // `words`: a line without its comment. Returns whether the line is good.
-  bool take(size_t number, std::string_view words) {
+  // `words`: a line without its comment.
+  void take(size_t number, std::string_view words) {
     std::string fault;
     if (const auto group = group_in_header(words)) {
       fault = takeHeader(*group);
@@ -49,6 +49,7 @@ class Parser {
         current_ = 0;
         isInBadGroup_ = false;
         fault += "; the lines below it count for the group " + std::string(kDefaultGroupName);
+        addGoodLine(header_of(kDefaultGroupName));
       }
     } else if (isInBadGroup_) {
       fault = kBadGroupFault;
@@ -57,10 +58,9 @@ class Parser {
     } else if (read_line(words, Scope::Subdomains, site_, fault)) {
       fault = takeSite();
     }
-    if (fault.empty()) return true;
+    if (fault.empty()) return addGoodLine(words);
     if (list_.badLineCount++ < ReadOnlyList::kBadLinesKept)
       list_.badLines.push_back({number, std::string(words.substr(0, kBadLineKept)), std::move(fault)});
-    return false;
   }
 
   ReadOnlyList result() {
@@ -72,6 +72,10 @@ class Parser {
   }
 
  private:
+  void addGoodLine(std::string_view words) {
+    if (goodLines_ != nullptr) goodLines_->append(words) += '\n';
+  }
+
   std::string takeHeader(std::string_view group) {
     if (std::string fault = group_name_fault(group); !fault.empty()) return fault;
     const auto isNamed = [&](const RawSection& section) { return section.group == group; };
@@ -98,6 +102,7 @@ class Parser {
     return "";
   }
 
+  std::string* const goodLines_;
   ReadOnlyList list_;
   ListedSite site_;
   std::deque<RawSection> sections_{{std::string(kDefaultGroupName), ""}};
@@ -108,12 +113,12 @@ class Parser {
 }  // namespace
 
 ReadOnlyList ReadOnlyList::parse(std::string_view text, ListKind kind, std::string* goodLines) {
-  Parser parser(kind);
+  Parser parser(kind, goodLines);
   if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   for (size_t number = 1; !text.empty(); ++number) {
     const size_t end = std::min(text.find('\n'), text.size());
     const std::string_view words = trimmed(without_comment(text.substr(0, end)));
-    if (!words.empty() && parser.take(number, words) && goodLines != nullptr) goodLines->append(words) += '\n';
+    if (!words.empty()) parser.take(number, words);
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return parser.result();

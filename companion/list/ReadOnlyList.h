@@ -39,7 +39,8 @@ struct ReadOnlyList {
   std::vector<BlockList::BadLine> badLines;  // only the first kBadLinesKept
   static constexpr size_t kBadLinesKept = 20;
 
-  // `goodLines`: if not null, gets the lines that are not bad, without their comments.
+  // `goodLines`: if not null, gets the lines that are not bad, without their comments. If the lines below a bad header
+  // count for the default group, it gets the header of this group.
   static ReadOnlyList parse(std::string_view text, ListKind kind, std::string* goodLines = nullptr);
   Rank rank() const { return kind == ListKind::DropIn && !isSuspendable ? Rank::Fixed : Rank::Open; }
   size_t size() const;          // the number of names

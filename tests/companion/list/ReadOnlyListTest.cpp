@@ -51,7 +51,10 @@ TEST(ReadOnlyList, HasTheLinesThatItMayHave) {
       {"suspendable in a subscription", ListKind::Subscription, "suspendable=yes\n", "", 1, false},
   };
   for (const auto& [description, kind, text, names, badLines, isSuspendable] : kCases) {
-    const ReadOnlyList list = ReadOnlyList::parse(text, kind);
+    std::string goodLines;
+    const ReadOnlyList list = ReadOnlyList::parse(text, kind, &goodLines), good = ReadOnlyList::parse(goodLines, kind);
+    EXPECT_EQ(names_of(good), names) << description;
+    EXPECT_EQ(good.badLineCount, 0U) << description;
     EXPECT_EQ(names_of(list), names) << description;
     EXPECT_EQ(list.badLineCount, badLines) << description;
     EXPECT_EQ(list.badLines.size(), badLines) << description;
