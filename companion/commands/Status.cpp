@@ -230,7 +230,9 @@ std::vector<std::string> read_only_lines(const KeeperState& keeper, Moment now) 
 std::vector<std::string> group_lines(const KeeperState& keeper, Moment now) {
   std::vector<std::string> lines;
   for (const auto& group : keeper.groups) {
-    const std::string until = group.nextChange ? "until " + local_text(*group.nextChange, now) : "now";
+    const std::string until = group.nextChange  ? "until " + local_text(*group.nextChange, now)
+                              : group.isInForce ? "now"
+                                                : "until it is enabled";
     lines.push_back(group.name + (group.isInForce ? ": on " : ": off ") + until + guard_text(group, now));
   }
   const bool isPlain = lines.size() == 1 && lines.front() == std::string(kDefaultGroupName) + ": on now";

@@ -22,6 +22,7 @@
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
+#include "companion/text/Json.h"
 #include "companion/text/Output.h"
 #include "companion/text/TimeText.h"
 
@@ -67,10 +68,10 @@ std::string line_text(const BlockList& list, const ListedSite& site) {
   return site.group == kDefaultGroup ? line : line + " of the group " + list.groupOf(site).name;
 }
 
-// " of the group work, which is disabled"
-std::string of_group(const BlockList& list, GroupIndex group, const std::vector<KeeperState::GroupState>& groups,
+// " in the group work, which is disabled"
+std::string in_group(const BlockList& list, GroupIndex group, const std::vector<KeeperState::GroupState>& groups,
                      Moment now) {
-  return " of the group " + list.groups()[group].name + ", which is " +
+  return " in the group " + list.groups()[group].name + ", which is " +
          state_text(list.groups()[group], groups[group], now);
 }
 
@@ -91,7 +92,7 @@ std::string decision_text(const BlockList& list, const std::string& host, const 
            suspension_text(*decision.suspended->until, now);
   if (decision.inactive != nullptr)
     return "covered by the line " + in_quotes(line_of(*decision.inactive)) +
-           of_group(list, decision.inactive->group, groups, now);
+           in_group(list, decision.inactive->group, groups, now);
   const std::string miss = nearest_miss(list, host);
   return "it is not on the list" + (miss.empty() ? "" : "; " + miss);
 }
@@ -209,6 +210,7 @@ class Trial {
     if (!parts.empty()) beside = decide_beside(list_, parts, host, decision, isBlocked, verdict);
     if (beside.text.empty() && deciding_site(decision) == nullptr) beside = inactiveBeside(parts, host);
     if (beside.text.empty()) beside.text = decision_text(list_, host, decision, verdict, groups_, now_);
+    if (isBlocked && !beside.line && decision.blocking != nullptr) beside.text += scheduleText(*decision.blocking);
     return {host, verdict, std::move(beside.text), lineMembers(decision, beside.line)};
   }
 
@@ -224,22 +226,29 @@ class Trial {
   }
 
  private:
+  // "; the group is in force until 17:00". Empty if no schedule ends the time in force.
+  std::string scheduleText(const ListedSite& site) const {
+    const auto& state = groups_[site.group];
+    return state.nextChange ? "; the group is " + state_text(list_.groups()[site.group], state, now_) : "";
+  }
   BesideDecision inactiveBeside(const std::vector<ListPart>& parts, const std::string& host) const {
     const auto line = find_inactive_line(parts, host);
     const auto group = line ? list_.findGroup(line->group) : std::nullopt;
     if (!group) return {};
-    return {"covered by " + line_text(*line) + of_group(list_, *group, groups_, now_), line};
+    return {"covered by a line" + in_group(list_, *group, groups_, now_) + ": " + line_text(*line), line};
   }
   nlohmann::json lineMembers(const Decision& decision, const std::optional<LineBeside>& beside) const {
     nlohmann::json json;
-    for (const char* member : {"site", "group", "line", "list", "suspendedUntil"}) json[member] = nullptr;
+    for (const char* member : {"site", "group", "groupUntil", "line", "list", "suspendedUntil"}) json[member] = nullptr;
     if (beside) {
       json["site"] = beside->site.host;
       json["line"] = line_of(beside->site);
       json["list"] = beside->path;
+      json["group"] = beside->group;
     } else if (const ListedSite* site = deciding_site(decision)) {
       json["site"] = site->host;
       json["group"] = list_.groupOf(*site).name;
+      json["groupUntil"] = json_or_null(groups_[site->group].nextChange);
       json["line"] = line_of(*site);
       if (site->isSuspended(now_)) json["suspendedUntil"] = time_text(*site->until);
     }

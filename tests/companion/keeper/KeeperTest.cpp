@@ -388,7 +388,7 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("www.c.example", "blocked", "by the line \"www.c.example only\"\n");
   check("m.c.example", "not blocked", "suspended until Tue 2999");
   check("d.example", "not blocked", "it is not on the list\n");
-  check("w.example", "not blocked", "covered by the line \"w.example\" of the group work, which is disabled");
+  check("w.example", "not blocked", "covered by the line \"w.example\" in the group work, which is disabled");
   // With read-only lists.
   std::ofstream(path("d.list")) << "d.example\nx.a.example only\n[group work]\nw.example\n";
   std::ofstream(path("s.list")) << "s.example\na.example allowed\nnew.c.example\nx.a.example\n"
@@ -403,7 +403,7 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   check("b.a.example", "blocked", "by the line \"a.example\"\n");
   check("s.example", "blocked", "by the line \"s.example\" of the fetched list \"");
   check("new.c.example", "not blocked", "but suspended with the line \"c.example until=2999-01-01T00:00:00Z\"");
-  check("v.example", "not blocked", "/s.list\" of the group work, which is disabled\n");
+  check("v.example", "not blocked", "covered by a line in the group work, which is disabled: the line \"v.exa");
   check("w.example", "blocked", "by the line \"w.example\" of the administrator's list \"");
   std::filesystem::create_directory(path("sites"));
   std::ofstream(path("sites/a.site")) << "name: A\ncategory: x\na.example\nb.example\nn.c.example\n";
@@ -417,6 +417,8 @@ TEST_F(Keeper, TryGivesVerdictWithReason) {
   EXPECT_EQ(verdicts, "a.example blocked, b.example blocked, n.c.example not blocked, ");
   options.json = false;
   check("www.e.example", "not blocked", "it is not on the list\n");
+  state.groups.front().nextChange = read_moment("2999-01-01T00:00:00Z");
+  check("b.a.example", "blocked", "by the line \"a.example\"; the group is in force until Tue 2999");
   state.sentVersion = "another";
   check("a.example", "unknown", "has not sent this list yet");
   state.connected = false;
