@@ -305,49 +305,22 @@ bool BlockList::put(ListedSite site) {
   }
   Line& line = lines_[lineByHost_.line(found)];
   if (*line.site == site) return false;
-  if (line.site->scope == Scope::Exception && site.scope != Scope::Exception && line.earlier != kNone) {
-    removeException(site.host, site.group);
-    put(std::move(site));
-    return true;
-  }
   std::string comment(comment_of(line.text));
   line.text = comment.empty() ? "" : line_of(site) + comment;
   line.site = std::move(site);
   return true;
 }
 
-bool BlockList::putException(ListedSite site) {
-  const ListedSite* found = find(site.host, site.group);
-  if (found == nullptr || found->scope == Scope::Exception) return put(std::move(site));
-  Line line;
-  line.group = site.group;
-  line.site = std::move(site);
-  append(std::move(line));
-  return true;
-}
-
-bool BlockList::remove(std::string_view host, GroupIndex group) { return removeLines(host, group, false); }
-
-bool BlockList::removeException(std::string_view host, GroupIndex group) { return removeLines(host, group, true); }
-
-// Removes the last lines of the site: all, or those that are exceptions. If a line of the site is left, it takes
-// effect.
-bool BlockList::removeLines(std::string_view host, GroupIndex group, bool onlyExceptions) {
+bool BlockList::remove(std::string_view host, GroupIndex group) {
   const auto found = locate(host, hash_of(host), group);
   if (found == LineTable::kNotFound) return false;
-  const uint32_t last = lineByHost_.line(found);
-  uint32_t i = last;
-  for (; i != kNone && (!onlyExceptions || lines_[i].site->scope == Scope::Exception); i = lines_[i].earlier) {
+  // Remove all lines of the site, because without the last line, an earlier line of the site would take effect.
+  for (uint32_t i = lineByHost_.line(found); i != kNone; i = lines_[i].earlier) {
     lines_[i].isRemoved = true;
     lines_[i].site.reset();
   }
-  if (i == kNone) {
-    lineByHost_.remove(found);
-  } else {
-    lines_[i].isSuperseded = false;
-    lineByHost_.setLine(found, i);
-  }
-  return i != last;
+  lineByHost_.remove(found);
+  return true;
 }
 
 void BlockList::append(Line line) {

@@ -98,17 +98,11 @@ class BlockList {
   void forEachSiteOf(std::string_view host, const std::function<void(const ListedSite&)>& visit) const;
 
   // Adds a site at the end of its group, or replaces the site with the same host in that group and keeps the comment on
-  // that site's line. If that site is an exception from putException(), replaces the blocked site before it, too.
-  // Returns whether anything changed.
+  // that site's line. Returns whether anything changed.
   bool put(ListedSite site);
   // Removes the site with exactly this host from the group, all its lines included. Returns whether the group had the
   // site.
   bool remove(std::string_view host, GroupIndex group = kDefaultGroup);
-
-  // The same with an exception. But if the group has a blocked site with the same host, the site's line stays: it has
-  // no effect until removeException().
-  bool putException(ListedSite site);
-  bool removeException(std::string_view host, GroupIndex group = kDefaultGroup);
 
  private:
   static constexpr uint32_t kNone = UINT32_MAX;
@@ -130,7 +124,6 @@ class BlockList {
   };
   void parseLine(std::string_view given, std::string_view words, std::optional<GroupIndex>& group);
   void append(Line line);
-  bool removeLines(std::string_view host, GroupIndex group, bool onlyExceptions);
   // The first site with exactly this host for which isWanted(site) returns true; kNotFound if there is none.
   template <class Predicate>
   LineTable::Position locateIf(std::string_view host, uint32_t hash, Predicate isWanted) const;

@@ -61,12 +61,15 @@ bool is_listed(const ListedSite* site, bool exceptions) {
   return site != nullptr && (site->scope == Scope::Exception) == exceptions;
 }
 
-// The site of the group that a host names: the site with this host or, as for `block`, with the host without "www.".
-// `word`: the host as given; after a leading dot, the name keeps its "www.". Exceptions keep it, too.
+// The site of the group that a host names: the site with this host or, as for `block`, the site that covers it under
+// the name without "www.". `word`: the host as given; after a leading dot, the name keeps its "www.". Exceptions keep
+// it, too.
 const ListedSite* named_site(const BlockList& list, GroupIndex group, std::string_view word, const std::string& host,
                              bool exceptions) {
   const ListedSite* site = list.find(host, group);
-  return site != nullptr || exceptions || word.starts_with('.') ? site : list.find(site_of(host), group);
+  if (site != nullptr || exceptions || word.starts_with('.')) return site;
+  site = list.find(site_of(host), group);
+  return site != nullptr && site->scope == Scope::Subdomains ? site : nullptr;
 }
 
 // " --group work", for a command that is to find a site of this group.

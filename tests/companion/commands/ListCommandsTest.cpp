@@ -47,13 +47,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"block --exact free.example; @ block free.example; @ block --exact free.example; @ allow free.example", 0,
        "free.example: blocked, no longer an exception\nfree.example and its subdomains: blocked, now with its "
        "subdomains\nfree.example: blocked, now without its subdomains\n"
-       "free.example and its subdomains: allowed; its own line has no effect until \"orvanectl disallow\"\n"},
-      {"disallow free.example; @ list | grep free; @ allow free.example >'%.out'; @ allow free.example; @ list | grep "
-       "free",
-       0,
-       "free.example and its subdomains: no longer an exception; its own line has an effect again\n"
-       "free.example only\nfree.example and its subdomains: already an exception; no line blocks it now\n"
-       "free.example allowed\n"},
+       "free.example and its subdomains: allowed; its own line became this exception: to block it again: orvanectl "
+       "block free.example\n"},
+      {"unblock www.co.uk 2>&1 | head -n 1", 0, "orvanectl: not on the list: \"www.co.uk\": see orvanectl list\n"},
       {"block a.x.example.com", 0,
        "a.x.example.com and its subdomains: blocked; but allowed by the exception \"x.example.com allowed\"\n"},
       {"suspend x.example.com --for 1h", 2, ""},
@@ -224,7 +220,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "cannot read\n"},
       {"group disable default >'%.out'; @ list --group h | grep default; @ block d.example >'%.out'; @ --socket "
        "'%.none' try d.example | sed -n 2p; @ unblock d.example >'%.out'; @ group enable default",
-       0, "  covered by the line \"d.example\" of the group default, which is disabled\ndefault: enabled: in force\n"},
+       0, "  covered by the line \"d.example\" in the group default, which is disabled\ndefault: enabled: in force\n"},
       {"group add o >'%.out'; @ group disable o >'%.out'; @ group delay o 1h; @ block o.example --group o", 0,
        "o: a removal or suspension has an effect after 1 h\n"
        "o.example and its subdomains: blocked; but the group o is disabled\n"},
