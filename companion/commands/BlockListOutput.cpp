@@ -117,7 +117,7 @@ void print_file(const BlockList& list, const ListInForce* inForce, Moment now) {
   put(plain.text());
   if (inForce == nullptr) return;
   for (const auto& each : inForce->stillBlocked)
-    put("# Still blocked: " + each.site.host + still_blocked_text(each, now) + '\n');
+    put("# Still blocked: " + shown_hostname(each.site.host) + still_blocked_text(each, now) + '\n');
   for (const std::string& state : group_texts(list, *inForce, now)) put("# The group " + state + '\n');
 }
 

@@ -434,8 +434,8 @@ int run(int argc, const char* const* argv) {
     if (option != unknown.end() && (isTooMuch || fault == "a command is missing"))
       fault = "unknown option: " + in_quotes(*option);
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
-    if (option != unknown.end() && last->get_subcommands(nullptr).empty())
-      fault += ": if a name begins with a hyphen, write -- before it";
+    const bool takesNames = !last->get_options([](const CLI::Option* each) { return each->get_positional(); }).empty();
+    if (option != unknown.end() && takesNames) fault += ": if a name begins with a hyphen, write -- before it";
     throw InputError("bad command line: " + fault + ": see " + path + " --help");
   }
   return command();

@@ -17,6 +17,7 @@
 #include "companion/list/ListFile.h"
 #include "companion/list/ListGuard.h"
 #include "companion/text/ExitCodes.h"
+#include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
 #include "companion/text/Json.h"
 #include "companion/text/Output.h"
@@ -247,6 +248,8 @@ std::vector<ShownGroup> shown_groups(const CommonOptions& options, const BlockLi
 
 nlohmann::json group_json(const ShownGroup& shown) {
   const auto& [group, state, sites, isInFile, pending] = shown;
+  nlohmann::json changes = nlohmann::json::array();
+  for (const auto& site : pending) changes.push_back({{"host", site.host}, {"until", time_text(site.until)}});
   return {{"name", group.name},
           {"inFile", isInFile},
           {"enabled", group.isEnabled},
@@ -257,6 +260,7 @@ nlohmann::json group_json(const ShownGroup& shown) {
           {"delayInForce", state.delay.count()},
           {"lockedUntil", json_or_null(state.lockedUntil)},
           {"pendingChanges", state.pendingChanges},
+          {"pending", std::move(changes)},
           {"settingsUntil", json_or_null(state.settingsUntil)},
           {"unguardedSites", state.unguardedSites},
           {"sites", sites}};
@@ -275,7 +279,8 @@ void print_group(const ShownGroup& shown, bool withPending, Moment now) {
                 suspension_text(*state.settingsUntil, now).c_str());
   if (!withPending) return;
   for (const auto& site : pending)
-    std::printf("  The change of %s has no effect %s.\n", site.host.c_str(), suspension_text(site.until, now).c_str());
+    std::printf("  The change of %s has no effect %s.\n", shown_hostname(site.host).c_str(),
+                suspension_text(site.until, now).c_str());
 }
 
 // Prints the group, or without a name, all groups.
@@ -348,8 +353,12 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
   }
   report_effect(effect);
   if (options.json) {
-    print_json(
-        {{"group", group}, {"lockedUntil", time_text(*state->lockedUntil)}, {"unguardedSites", state->unguardedSites}});
+    nlohmann::json result{{"group", group},
+                          {"lockedUntil", time_text(*state->lockedUntil)},
+                          {"unguardedSites", state->unguardedSites},
+                          {"suspensionsWithoutEffect", suspended}};
+    add_effect(result, effect.isInForce, {});
+    print_json(result);
   } else {
     const char* already = *state->lockedUntil > until + kClockTolerance ? "already " : "";
     // The keeper has accepted the lock, so the lock itself is in force.

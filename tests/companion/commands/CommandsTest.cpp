@@ -125,7 +125,7 @@ TEST(Commands, SendNothingWhenOneInputIsRefused) {
       {{"add", "[a.example,b.example]"}, "", "", "bad command line: \"[a", kUsage},
       {{"add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"--pong"}, "", "", "unknown option: \"--pong\": see orvanectl --help", kUsage},
-      {{"ping", "--pong"}, "", "", "unknown option: \"--pong\": if a name begins with a hyphen, write --", kUsage},
+      {{"ping", "--pong"}, "", "", "unknown option: \"--pong\": see orvanectl ping --help", kUsage},
       {{"add", "-a"}, "", "", "HOST is required: if a name begins with a hyphen, write -- before it", kUsage},
       {{"pong"}, "", "", "unknown command: \"pong\": did you mean ping?", kUsage},
       {{"browsers", "policy", "instal"}, "", "", "unknown command: \"instal\": did you mean install?", kUsage},
