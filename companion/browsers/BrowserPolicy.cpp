@@ -46,6 +46,16 @@ const std::vector<Policy>& policies() {
   return kPolicies;
 }
 
+// The policies of this family that switch these features off.
+Json policies_off(std::span<const HidingFeature> features, BrowserFamily family) {
+  Json json = Json::object();
+  for (const Policy& policy : policies()) {
+    if (policy.family != family || std::ranges::find(features, policy.feature) == features.end()) continue;
+    json[policy.path] = policy.isPreference ? Json{{"Value", policy.off}, {"Status", "locked"}} : Json(policy.off);
+  }
+  return json;
+}
+
 // The architecture of this machine, as Flatpak's paths name it.
 std::string flatpak_architecture() {
   utsname system{};
@@ -190,17 +200,15 @@ bool has_policy(BrowserFamily family, HidingFeature feature) {
                      [&](const Policy& policy) { return policy.family == family && policy.feature == feature; });
 }
 
-std::string policy_text(BrowserFamily family) {
-  Json json = Json::object();
-  for (const Policy& policy : policies()) {
-    if (policy.family != family) continue;
-    json[policy.path] = policy.isPreference ? Json{{"Value", policy.off}, {"Status", "locked"}} : Json(policy.off);
-  }
-  return json.dump(2) + '\n';
+std::string policy_text(BrowserFamily family) { return policies_off(kHidingFeatures, family).dump(2) + '\n'; }
+
+std::string policy_against(HidingFeature feature, BrowserFamily family) {
+  return policies_off({&feature, 1}, family).dump();
 }
 
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root) {
   PolicyInForce result;
+  result.isForeign = find_file(place, root + place.path()) == Found::Foreign;
   for (const std::string& path : policy_files(place, root)) {
     auto text = read_file_start(path, kPolicyLimit, Links::Follow);
     if (!text) {

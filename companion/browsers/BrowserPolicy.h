@@ -59,6 +59,9 @@ bool has_policy(BrowserFamily family, HidingFeature feature);
 // The content of the policy file that we write.
 std::string policy_text(BrowserFamily family);
 
+// The part of this content that switches the feature off, on one line.
+std::string policy_against(HidingFeature feature, BrowserFamily family);
+
 // What a policy prescribes for a feature.
 struct FeaturePolicy {
   std::optional<bool> isOn;  // no value if no policy fixes the setting; the user may then change it
@@ -69,6 +72,7 @@ struct FeaturePolicy {
 struct PolicyInForce {
   PerFeature<FeaturePolicy> features;
   std::vector<std::string> unreadable;  // files that cannot be read or are not JSON objects
+  bool isForeign = false;               // install_policies() leaves the file at the place alone
 };
 PolicyInForce policy_in_force(const PolicyPlace& place, const std::string& root);
 

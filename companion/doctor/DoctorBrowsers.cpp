@@ -67,9 +67,14 @@ Setting setting_of(const BrowserFacts& facts, HidingFeature feature) {
   return setting;
 }
 
-std::string advice_for(const InstalledBrowser& browser, const FeatureCheck& check) {
-  if (browser.place != nullptr) return "sudo orvanectl browsers policy install, then restart the browser";
-  return browser.family == BrowserFamily::Firefox ? check.inFirefox : check.inChromium;
+// `file`: the policy file that allows the feature; may be empty.
+std::string advice_for(const BrowserFacts& facts, const FeatureCheck& check, const std::string& file) {
+  const InstalledBrowser& browser = facts.browser;
+  if (browser.place == nullptr) return browser.family == BrowserFamily::Firefox ? check.inFirefox : check.inChromium;
+  if (file.empty() && !facts.policy.isForeign)
+    return "sudo orvanectl browsers policy install, then restart the browser";
+  return "as root, set " + policy_against(check.feature, browser.family) + " in " +
+         (file.empty() ? browser.place->path() : file) + ", then restart the browser";
 }
 
 Finding examine_feature(const BrowserFacts& facts, const FeatureCheck& check) {
@@ -77,13 +82,9 @@ Finding examine_feature(const BrowserFacts& facts, const FeatureCheck& check) {
   Finding finding{check.check, facts.browser.name, Result::Ok, "switched off by " + setting.source, ""};
   if (setting.value == "off") return finding;
   finding.result = Result::Warning;
-  if (setting.value == "on") {
-    finding.found = "allowed by " + setting.source + ": " + check.risk;
-    finding.advice = "remove that from the policy, then run: sudo orvanectl browsers policy install";
-  } else {
-    finding.found = std::string("not switched off: ") + check.risk;
-    finding.advice = advice_for(facts.browser, check);
-  }
+  const std::string cause = setting.value == "on" ? "allowed by " + setting.source : "not switched off";
+  finding.found = cause + ": " + check.risk;
+  finding.advice = advice_for(facts, check, setting.source);
   return finding;
 }
 
@@ -134,9 +135,9 @@ void examine_browsers(const Facts& facts, std::vector<Finding>& findings) {
         {"browser-list", "", Result::Ok, counted(list.endings.size(), "browser", "browsers") + " known", ""});
   } else {
     findings.push_back({"browser-list", "", Result::Problem, list.path + ' ' + list.fault + ": nothing is filtered",
-                        "correct it (at most 1024 bytes), or restore a missing file from the package's file: sudo dpkg "
-                        "--force-confmiss --install orvane-se_*.deb (from a repository: apt-get download orvane-se "
-                        "gets it); then sudo systemctl restart orvane-se.service"});
+                        "correct it (at most 1024 bytes), or move it away if it exists, and restore the package's "
+                        "file: sudo dpkg --force-confmiss --install orvane-se_*.deb (from a repository: apt-get "
+                        "download orvane-se gets it); then sudo systemctl restart orvane-se.service"});
   }
   if (facts.browsers.empty()) {
     findings.push_back({"browser", "", Result::Warning, "no browser was found: none has a desktop entry",

@@ -51,6 +51,7 @@ TEST_F(Browsers, RemovesAllThatItInstalled) {
     for (const PolicyChange& change : install_policies(root)) {
       EXPECT_EQ(change.outcome, outcome) << change.place->browser << ": " << change.reason;
       const PolicyInForce policy = policy_in_force(*change.place, root);
+      EXPECT_FALSE(policy.isForeign) << change.place->browser;
       for (HidingFeature feature : kHidingFeatures) {
         EXPECT_EQ(policy.features[feature].isOn == false, has_policy(change.place->family, feature));
       }
@@ -83,6 +84,7 @@ TEST_F(Browsers, LeavesFilesOfOthersUnchanged) {
   for (const char* browser : {"Firefox", "Brave", "Chromium"}) {
     EXPECT_EQ(outcomeOf(installed, browser), Outcome::Foreign) << browser;
     EXPECT_EQ(outcomeOf(removed, browser), Outcome::Foreign) << browser;
+    EXPECT_TRUE(policy_in_force(placeOf(browser), root).isForeign) << browser;
   }
   EXPECT_EQ(outcomeOf(installed, "Google Chrome"), Outcome::Failed);
   EXPECT_EQ(outcomeOf(installed, "Firefox (Flatpak)"), Outcome::Nothing);

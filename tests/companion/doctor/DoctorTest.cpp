@@ -137,7 +137,8 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
       {"list not sent", "list", Warning, "newest", [](Facts& f) { f.list->sentVersion.reset(); }},
       {"keeper not connected", "list", Problem, "no connection", [](Facts& f) { f.list->connected = false; }},
       {"edits by others", "list", Warning, "1 edit by", [](Facts& f) { f.list->changesOfOthers = 1; }},
-      {"bad browser list", "browser-list", Problem, "nothing is filtered",
+      {"bad browser list", "browser-list", Problem,
+       "nothing is filtered -> correct it (at most 1024 bytes), or move it",
        [](Facts& f) { f.browserList.fault = "is bad"; }},
       {"no browser", "browser", Warning, "no browser was found", [](Facts& f) { f.browsers.clear(); }},
       {"unknown browser", "browser", Problem, "add it there",
@@ -152,8 +153,11 @@ TEST(Doctor, ReportsEachFaultWithItsCure) {
        "every browser over HTTP/3"},
       {"HTTP/3 passes and a browser is unknown", "http3", Warning, "OrvaneHTTP3",
        [](Facts& f) { f.passesHTTP3 = true, f.browserList.endings = {"lynx"}; }, "every browser over HTTP/3, Firefox"},
-      {"encrypted hellos allowed by a policy", "encrypted-hello", Warning, "allowed by /p",
+      {"encrypted hellos allowed by a policy", "encrypted-hello", Warning,
+       R"(unfiltered -> as root, set {"policies":{"DisableEncryptedClientHello":true}} in /p,)",
        [](Facts& f) { policy(f, EncryptedHello) = FeaturePolicy{.isOn = true, .file = "/p"}; }, "Firefox"},
+      {"a policy file without the setting", "shared-connections", Warning, "/stable/policies/policies.json, then",
+       [](Facts& f) { policy(f, SharedConnections) = {}, f.browsers[0].policy.isForeign = true; }, "Firefox"},
       {"encrypted hellos in one of two profiles", "encrypted-hello", Warning, "unfiltered",
        [](Facts& f) {
          policy(f, EncryptedHello) = {};
