@@ -68,14 +68,11 @@ std::vector<HeldBack> find_removals(const BlockList& list, const std::set<std::s
 }
 
 // What holds back the sites that the import adds to groups that are not in force.
-std::vector<HeldBack> find_blockings(const BlockList& list, const ImportedSites& read,
+std::vector<HeldBack> find_blockings(const BlockList& list, const std::set<GroupIndex>& groups,
                                      const std::optional<KeeperState>& keeper, Moment now) {
   std::vector<HeldBack> blockings;
   const auto states = states_of_groups(list, keeper, now);
-  for (const Group& imported : read.groups) {
-    if (const auto group = list.findGroup(imported.name))
-      add_unique(blockings, blocking_held_back(list.groups()[*group], states[*group]));
-  }
+  for (const GroupIndex group : groups) add_unique(blockings, blocking_held_back(list.groups()[group], states[group]));
   return blockings;
 }
 
@@ -214,8 +211,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
     outcome.openings = find_openings(options, list, outcome.read, keeper, now);
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
     if (arguments.replace) outcome.removals = find_removals(list, outcome.counts.weakenedGroups, keeper, now);
-    if (outcome.counts.added + outcome.counts.changed > 0)
-      outcome.blockings = find_blockings(list, outcome.read, keeper, now);
+    outcome.blockings = find_blockings(list, outcome.counts.extendedGroups, keeper, now);
     sites = list.size();
     // The record is written before the list. If the process is killed in between, the record describes an import that
     // is not on the list, and take_back() then finds nothing to do.
@@ -244,11 +240,11 @@ int undo(const CommonOptions& options) {
       throw InputError("nothing to undo: no import is recorded since the last undo: to remove the names of a file: " +
                        std::string("orvanectl unblock --from FILE"));
     const ImportRecord record = read_import_record(text);
-    for (const Group& group : record.after.groups()) refuse_if_locked(options, group.name, "undo the import");
     std::set<std::string> names;
     for (const Group& group : list.groups()) names.insert(group.name);
     removals = find_removals(list, names, keeper, now);  // now, because the next line may remove groups
     counts = take_back(list, record);
+    for (const std::string& group : counts.weakenedGroups) refuse_if_locked(options, group, "undo the import");
     std::erase_if(removals, [&](const HeldBack& each) { return !counts.weakenedGroups.contains(each.group); });
     sites = list.size();
     replace_list_text(record_path(options), "");

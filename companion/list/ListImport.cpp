@@ -421,6 +421,7 @@ ImportCounts put_imported(BlockList& list, const ImportedSites& imported, bool r
       counts.weakenedGroups.insert(list.groupOf(site).name);
     }
     record.addAfter(list, site);
+    counts.extendedGroups.insert(site.group);
     list.put(std::move(site));
   }
   if (replace) remove_others(list, imported, places, counts, record);
@@ -454,7 +455,7 @@ void take_back_site(BlockList& list, const std::string& group, const ListedSite*
     ListedSite site = *before;
     site.group = *index;
     list.put(std::move(site));
-    if (after != nullptr) counts.weakenedGroups.insert(group);
+    if (after != nullptr || before->scope == Scope::Exception) counts.weakenedGroups.insert(group);
     ++counts.restored;
   } else {
     list.remove(host, *index);
@@ -507,6 +508,7 @@ UndoCounts take_back(BlockList& list, const ImportRecord& record) {
       continue;
     }
     old ? static_cast<void>(copy_settings(before.groups()[*old], list)) : list.removeGroup(*now);
+    counts.weakenedGroups.insert(group.name);
     ++counts.groups;
   }
   return counts;

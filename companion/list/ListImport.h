@@ -90,6 +90,7 @@ struct ImportCounts {
   // The groups that kept their own settings instead of the imported ones, because they had sites already.
   std::vector<std::string> unchangedGroups;
   std::set<std::string> weakenedGroups;  // in which sites were changed or removed
+  std::set<GroupIndex> extendedGroups;   // in which sites were added or changed
   std::string record;                    // for read_import_record()
   bool hasChanges() const { return added + changed + removed + groups > 0; }
 };
@@ -112,7 +113,7 @@ struct UndoCounts {
   size_t removed = 0;
   size_t restored = 0;
   size_t groups = 0;                     // groups that were removed, or got their old settings
-  std::set<std::string> weakenedGroups;  // in which sites were changed or removed
+  std::set<std::string> weakenedGroups;  // in which sites or settings were changed, or which lost sites or were removed
   size_t changedSince = 0;               // left alone, because the user has changed the site or group since the import
 };
 

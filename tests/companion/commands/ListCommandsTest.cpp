@@ -146,6 +146,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"disallow alone.example --group work >'%.out'; @ block w.example --group play", 2, ""},
       {"list --group default; @ export --group work --hosts", 0, "w.example\na.example\n"},
       {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
+      {"import - <<'E' | grep -c disabled; @ import --undo | grep -c '^1 site'\nnew.example\n[group "
+       "work]\na.example\nE",
+       0, "0\n1\n"},
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
       {"import - >'%.out' <<'E'; @ import --undo | sed 1d\n[group late]\ndelay = 1h\nl.example\nE", 0,
@@ -267,6 +270,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        ">'%.bad.list'; @ list --from '%.bad.list' 2>'%.out'",
        0, "[group o]\nr.example\n"},
       // A keeper without an extension. "!" stands for the words "saved, but not in force ..."
+      {"import - >'%.out' 2>&1 <<'E'; @ import --undo 2>'%.out' | cut -d, -f 1\nnew.example\n[group h]\ny.example\nE",
+       0, "not in force yet: 1 site removed\n"},
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
        "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' "
        "'block c.example' 'group add g' 'import -' 'import --undo' 'lock --for 1h'; "
