@@ -144,7 +144,8 @@ MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupSta
 
 MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now) {
   if (state.lockedUntil) return HeldBack{HeldBack::By::Lock, group.name, state.lockedUntil};
-  // A delay that the file has and the keeper has not read yet counts, too.
+  // A lock or a delay that the file has counts even if the keeper has not read it yet, or if no keeper runs.
+  if (group.lockUntil > now) return HeldBack{HeldBack::By::Lock, group.name, group.lockUntil};
   const std::chrono::seconds delay = std::max(group.delay, state.delay);
   if (delay.count() == 0) return std::nullopt;
   HeldBack heldBack{HeldBack::By::Delay, group.name, now + delay};

@@ -342,7 +342,8 @@ int suspend(const CommonOptions& options, const Arguments& arguments) {
   return change_list(options, arguments, now, selection, [&](BlockList& list, ListedSite site, const auto& removal) {
     // In a group with a delay, a suspension begins after the delay. With --for, its end is later by the delay, too, so
     // that it lasts as long as the user asked.
-    const auto delay = removal && removal->until ? *removal->until - now : std::chrono::seconds(0);
+    const bool isDelayed = removal && removal->by == HeldBack::By::Delay;
+    const auto delay = isDelayed ? *removal->until - now : std::chrono::seconds(0);
     const Moment until = arguments.end.duration ? end + delay : end;
     if (until <= now + delay)
       throw InputError("nothing was changed: the suspension would end before it begins: it begins in " +
