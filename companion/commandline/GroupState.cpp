@@ -24,8 +24,16 @@ auto state_named(const std::vector<KeeperState::GroupState>& states, const std::
 
 }  // namespace
 
-GroupIndex find_group(const BlockList& list, const std::string& name) {
+GroupIndex find_group(const BlockList& list, const std::string& name, const std::optional<KeeperState>& keeper) {
   if (const auto found = list.findGroup(name)) return *found;
+  if (const auto state = state_of_group(keeper, name)) {
+    const Moment now = now_in_seconds();
+    Group gone;
+    gone.name = name;
+    const auto earlier = earlier_change_held_back(*state);
+    if (const auto heldBack = earlier ? earlier : removal_held_back(gone, *state, now))
+      throw InputError("no such group: " + in_quotes(name) + ": " + removal_text(*heldBack, now));
+  }
   size_t nearest = std::max<size_t>(name.size() / 2, 2);  // only a group at a smaller distance is suggested
   constexpr size_t kMostShown = 10;
   std::string names, advice;
@@ -155,13 +163,18 @@ MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupStat
 }
 
 MaybeHeldBack earlier_change_held_back(const std::optional<KeeperState>& keeper, const std::string& group,
-                                       const std::string& host) {
+                                       std::string_view host) {
   if (!keeper) return std::nullopt;
   for (const KeeperState::PendingSite& site : keeper->pending) {
     if (site.group == group && site.host == host)
       return HeldBack{lock_end(keeper, group) ? HeldBack::By::Lock : HeldBack::By::Delay, group, site.until};
   }
   return std::nullopt;
+}
+
+MaybeHeldBack earlier_change_held_back(const KeeperState::GroupState& state) {
+  if (!state.settingsUntil) return std::nullopt;
+  return HeldBack{state.lockedUntil ? HeldBack::By::Lock : HeldBack::By::Delay, state.name, state.settingsUntil};
 }
 
 std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std::vector<ListedSite>& exceptions,
@@ -202,6 +215,10 @@ std::string held_back_text(const MaybeHeldBack& heldBack, Moment now) {
 
 std::string earlier_change_text(const HeldBack& heldBack, Moment now) {
   return "; but an earlier change" + held_back_text(heldBack, now).substr(1);
+}
+
+std::string removal_text(const HeldBack& heldBack, Moment now) {
+  return "its removal" + held_back_text(heldBack, now).substr(1);
 }
 
 nlohmann::json to_json(const HeldBack& heldBack) {

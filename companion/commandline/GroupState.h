@@ -3,6 +3,7 @@
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "companion/commandline/CommandSet.h"
@@ -11,9 +12,9 @@
 
 namespace orvane {
 
-// The group with this name. If the list has none, throws InputError, which suggests a group with a similar name, or
-// names the groups of the list.
-GroupIndex find_group(const BlockList& list, const std::string& name);
+// The group with this name. If the list has none, throws InputError, which says when the removal of the group has an
+// effect, suggests a group with a similar name, or names the groups of the list. `keeper`: the keeper of the list.
+GroupIndex find_group(const BlockList& list, const std::string& name, const std::optional<KeeperState>& keeper);
 
 // The state of the keeper, if it keeps the list at options.listPath. Nothing if no keeper keeps that list. If the state
 // cannot be read: nothing, or with Unreadable::Report, throws FileError.
@@ -55,6 +56,8 @@ std::string state_text(const Group& group, const KeeperState::GroupState& state,
 std::string guard_text(const KeeperState::GroupState& state, Moment now);
 // How many sites of the group its lock or delay does not cover. Empty if it covers all.
 std::string unguarded_text(const KeeperState::GroupState& state);
+// Follows guard_text() for a group that only the list in force has.
+inline constexpr const char* kNotInFile = ", no longer in the list's file";
 
 // Why a change of the list's file has no effect, or has none yet.
 struct HeldBack {
@@ -70,10 +73,11 @@ MaybeHeldBack blocking_held_back(const Group& group, const KeeperState::GroupSta
 // What holds back a change that makes the group block less. `group`: as in the list's file before the change.
 MaybeHeldBack removal_held_back(const Group& group, const KeeperState::GroupState& state, Moment now);
 
-// What holds back a change of a site that the list's file has already. Nothing if no change is held back, or if the
-// keeper holds back too many to publish this one.
+// What holds back a change of a site, or of a group's settings, that the list's file has already. Nothing if no change
+// is held back, or if the keeper holds back too many to publish this one.
 MaybeHeldBack earlier_change_held_back(const std::optional<KeeperState>& keeper, const std::string& group,
-                                       const std::string& host);
+                                       std::string_view host);
+MaybeHeldBack earlier_change_held_back(const KeeperState::GroupState& state);
 
 // For each of these new exceptions: the lock or delay that holds it back, of a group that has sites at, above or below
 // its host. `list`: the list that is in force (list_in_force()); if there is none, the list's file before the change.
@@ -84,6 +88,8 @@ std::vector<MaybeHeldBack> exceptions_held_back(const BlockList& list, const std
 std::string held_back_text(const MaybeHeldBack& heldBack, Moment now);
 // "; but an earlier change has an effect in 15 min".
 std::string earlier_change_text(const HeldBack& heldBack, Moment now);
+// "its removal has an effect in 15 min".
+std::string removal_text(const HeldBack& heldBack, Moment now);
 
 // Gives the JSON object of a result the members "inForce" and "heldBack". The first is true only if the keeper has sent
 // the change, and nothing holds a part of it back; null if it is not known what the keeper has sent.

@@ -32,7 +32,10 @@ std::vector<std::string> group_texts(const BlockList& list, const ListInForce& i
     const KeeperState::GroupState& state = inForce.groups[i];
     if (inForce.shownGroup && state.name != *inForce.shownGroup) continue;
     if (state.isInForce && !state.nextChange && !state.lockedUntil && state.pendingChanges == 0) continue;
-    texts.push_back(state.name + ": " + state_text(list.groups()[i], state, now) + guard_text(state, now));
+    const size_t listed = list.groups().size();
+    const Group& group = i < listed ? list.groups()[i] : inForce.goneGroups[i - listed];
+    texts.push_back(state.name + ": " + state_text(group, state, now) + guard_text(state, now) +
+                    (i < listed ? "" : kNotInFile));
   }
   return texts;
 }
@@ -53,11 +56,16 @@ nlohmann::json site_json(const ListedSite& site, Moment now) {
 
 ListInForce find_in_force(const BlockList& list, const std::optional<KeeperState>& keeper,
                           const std::optional<BlockList>& inForce, Moment now) {
-  ListInForce result{states_of_groups(list, keeper, now), {}, {}};
+  ListInForce result{states_of_groups(list, keeper, now), {}, {}, {}};
   if (!keeper || !inForce) return result;
   std::map<std::pair<std::string_view, std::string_view>, Moment> untilBySite;
   for (const auto& site : keeper->pending) untilBySite[{site.group, site.host}] = site.until;
   const auto states = states_of_groups(*inForce, keeper, now);
+  for (size_t i = 0; i < states.size(); ++i) {
+    if (list.findGroup(states[i].name)) continue;
+    result.groups.push_back(states[i]);
+    result.goneGroups.push_back(inForce->groups()[i]);
+  }
   inForce->forEachSite([&](const ListedSite& site) {
     if (!states[site.group].isInForce) return;
     const std::string& group = inForce->groupOf(site).name;

@@ -19,7 +19,8 @@ nlohmann::json site_json(const ListedSite& site, Moment now);
 
 // What the list's file does not say about what is in force.
 struct ListInForce {
-  std::vector<KeeperState::GroupState> groups;  // one for each group of the list
+  std::vector<KeeperState::GroupState> groups;  // one for each group of the list, and then for each of goneGroups
+  std::vector<Group> goneGroups{};              // groups in force or guarded that the file no longer has
   std::optional<std::string> shownGroup{};      // print the state of this group alone
   // The sites that a lock or a delay still blocks, although the file no longer blocks them, or blocks less of them.
   struct StillBlocked {

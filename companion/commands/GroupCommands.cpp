@@ -93,13 +93,12 @@ int change_group(const CommonOptions& options, const Arguments& arguments, const
   const Moment now = now_in_seconds();
   const auto keeper = keeper_of_list(options);
   return change_list(options, arguments, [&](BlockList& list) {
-    const GroupIndex group = find_group(list, arguments.group);
+    const GroupIndex group = find_group(list, arguments.group, keeper);
     const auto state = states_of_groups(list, keeper, now)[group];
     Outcome outcome = edit(list, group, state);
-    if (outcome.text.empty() && state.settingsUntil) {
-      outcome.heldBack =
-          HeldBack{state.lockedUntil ? HeldBack::By::Lock : HeldBack::By::Delay, state.name, state.settingsUntil};
-      outcome.note = earlier_change_text(*outcome.heldBack, now);
+    if (outcome.text.empty()) {
+      outcome.heldBack = earlier_change_held_back(state);
+      if (outcome.heldBack) outcome.note = earlier_change_text(*outcome.heldBack, now);
     }
     return outcome;
   });
@@ -270,7 +269,7 @@ void print_group(const ShownGroup& shown, bool withPending, Moment now) {
   const auto& [group, state, sites, isInFile, pending] = shown;
   std::printf("%s: %s, %s%s%s\n", group.name.c_str(), counted(sites, "site", "sites").c_str(),
               coloured(state_text(group, state, now), state.isInForce ? Colour::Good : Colour::Warning).c_str(),
-              guard_text(state, now).c_str(), isInFile ? "" : ", no longer in the list's file");
+              guard_text(state, now).c_str(), isInFile ? "" : kNotInFile);
   for (const std::string& span : group.schedule.texts()) std::printf("  schedule  %s\n", span.c_str());
   if (group.delay.count() > 0) std::printf("  delay     %s\n", duration_text(group.delay).c_str());
   if (state.settingsUntil)
@@ -294,7 +293,7 @@ int print_groups(const CommonOptions& options, const std::optional<std::string>&
     isFound = true;
     options.json ? groups.push_back(group_json(shown)) : print_group(shown, name.has_value(), now);
   }
-  if (!isFound) find_group(list, *name);  // throws
+  if (!isFound) find_group(list, *name, {});  // throws
   if (options.json) print_json(groups);
   return kDone;
 }
@@ -306,7 +305,8 @@ int show(const CommonOptions& options, const Arguments& arguments) { return prin
 // Prints the lock of the group, or without a name, all locks, even those of groups that the list's file no longer has.
 int show_locks(const CommonOptions& options, const std::optional<std::string>& name) {
   const auto keeper = keeper_of_list(options, Unreadable::Report);
-  if (name && !lock_end(keeper, *name)) find_group(read_list(options.listPath).list, *name);  // throws if it is unknown
+  if (name && !lock_end(keeper, *name))
+    find_group(read_list(options.listPath).list, *name, keeper);  // throws if it is unknown
   if (!keeper) throw FileError("cannot show locks: " + no_keeper_text(options));
   nlohmann::json locks = nlohmann::json::array();
   for (const auto& state : keeper->groups) {
@@ -333,8 +333,9 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
         "too long a lock: " + in_quotes(arguments.end.duration.value_or(arguments.end.until.value_or(""))) +
         ": give at most 366 days");
   size_t sites = 0, suspended = 0;
+  const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    const GroupIndex index = find_group(list, group);
+    const GroupIndex index = find_group(list, group, keeper);
     list.setSetting(index, kLockUntilKey, {time_text(until)});
     sites = list.size();
     suspended = 0;

@@ -207,7 +207,7 @@ int import(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
   const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
-    if (arguments.group) find_group(list, *arguments.group);
+    if (arguments.group) find_group(list, *arguments.group, keeper);
     outcome.openings = find_openings(options, list, outcome.read, keeper, now);
     outcome.counts = put_imported(list, outcome.read, arguments.replace);
     if (arguments.replace) outcome.removals = find_removals(list, outcome.counts.weakenedGroups, keeper, now);

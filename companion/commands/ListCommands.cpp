@@ -208,7 +208,7 @@ int change_list(const CommonOptions& options, const Arguments& arguments, Moment
     changes.clear();
     notes.clear();
     bool changed = false;
-    const GroupIndex group = find_group(list, arguments.group);
+    const GroupIndex group = find_group(list, arguments.group, keeper);
     std::vector<ListedSite> found = selection.find(list, group, notes);
     const auto heldBack = find_what_holds_back(options, list, group, keeper, now, found);
     for (size_t i = 0; i < found.size(); ++i) {
@@ -324,7 +324,7 @@ int unblock(const CommonOptions& options, const Arguments& arguments) {
 
 int disallow(const CommonOptions& options, const Arguments& arguments) {
   const Moment now = now_in_seconds();
-  return change_list(options, arguments, now, selected_sites(options, arguments, "disallow", now, true),
+  return change_list(options, arguments, now, selected_sites(options, arguments, "disallow", now),
                      [](BlockList& list, ListedSite site, const auto&) {
                        list.remove(site.host, site.group);
                        return Change{std::move(site), true, "no longer an exception"};
@@ -412,7 +412,7 @@ BlockList read_and_report(const CommonOptions& options, const Arguments& argumen
   BlockList list = read_shown_list(options, arguments);
   if (!arguments.shownGroup) return list;
   if (mayBeGone && !list.findGroup(*arguments.shownGroup)) return {};
-  return part_of(list, find_group(list, *arguments.shownGroup));
+  return part_of(list, find_group(list, *arguments.shownGroup, {}));
 }
 
 void print_lists_beside(const std::optional<KeeperState>& keeper) {

@@ -185,16 +185,16 @@ class Trial {
   explicit Trial(const CommonOptions& options) {
     StoredList stored = read_list(options.listPath);
     const ExtensionProbe extension = probe_extension(options.client);
-    keeper_ = read_keeper_state(options.keeperStatePath);
-    if (keeper_ && extension.answers) add_later_changes(*keeper_, extension.changes);
-    const auto ofList = keeper_ && keeps_list(*keeper_, options) ? keeper_ : std::nullopt;
-    auto inForce = list_in_force(options, ofList);
+    auto keeper = read_keeper_state(options.keeperStatePath);
+    if (keeper && extension.answers) add_later_changes(*keeper, extension.changes);
+    if (keeper && keeps_list(*keeper, options)) keeper_ = keeper;
+    auto inForce = list_in_force(options, keeper_);
     list_ = inForce ? *std::move(inForce) : std::move(stored.list);
-    groups_ = states_of_groups(list_, ofList, now_);
+    groups_ = states_of_groups(list_, keeper_, now_);
     states_ = in_force(groups_);
-    beside_.emplace(ofList);
-    delivery_ = delivery_of(stored.version, keeper_, extension);
-    if (delivery_.state == Delivery::State::Behind && !ofList) delivery_.text = no_keeper_text(options);
+    beside_.emplace(keeper_);
+    delivery_ = delivery_of(stored.version, keeper, extension);
+    if (delivery_.state == Delivery::State::Behind && !keeper_) delivery_.text = no_keeper_text(options);
     const auto unrecognised = recognition_fault(options.client);
     if (unrecognised && unrecognised->isInForce)
       delivery_ = {Delivery::State::NothingBlocked,
@@ -210,7 +210,7 @@ class Trial {
     if (!parts.empty()) beside = decide_beside(list_, parts, host, decision, isBlocked, verdict);
     if (beside.text.empty() && deciding_site(decision) == nullptr) beside = inactiveBeside(parts, host);
     if (beside.text.empty()) beside.text = decision_text(list_, host, decision, verdict, groups_, now_);
-    if (isBlocked && !beside.line && decision.blocking != nullptr) beside.text += scheduleText(*decision.blocking);
+    if (isBlocked && !beside.line && decision.blocking != nullptr) beside.text += untilText(*decision.blocking);
     return {host, verdict, std::move(beside.text), lineMembers(decision, beside.line)};
   }
 
@@ -226,10 +226,17 @@ class Trial {
   }
 
  private:
-  // "; the group is in force until 17:00". Empty if no schedule ends the time in force.
-  std::string scheduleText(const ListedSite& site) const {
+  // "; the group is in force until 17:00; but an earlier change has an effect in 15 min". Empty if no schedule ends the
+  // time in force, and no change of the line or of its group is held back.
+  std::string untilText(const ListedSite& site) const {
     const auto& state = groups_[site.group];
-    return state.nextChange ? "; the group is " + state_text(list_.groups()[site.group], state, now_) : "";
+    const auto earlier = heldBack(site);
+    return (state.nextChange ? "; the group is " + state_text(list_.groups()[site.group], state, now_) : "") +
+           (earlier ? earlier_change_text(*earlier, now_) : "");
+  }
+  MaybeHeldBack heldBack(const ListedSite& site) const {
+    const auto ofSite = earlier_change_held_back(keeper_, list_.groupOf(site).name, site.host);
+    return ofSite ? ofSite : earlier_change_held_back(groups_[site.group]);
   }
   BesideDecision inactiveBeside(const std::vector<ListPart>& parts, const std::string& host) const {
     const auto line = find_inactive_line(parts, host);
@@ -239,7 +246,8 @@ class Trial {
   }
   nlohmann::json lineMembers(const Decision& decision, const std::optional<LineBeside>& beside) const {
     nlohmann::json json;
-    for (const char* member : {"site", "group", "groupUntil", "line", "list", "suspendedUntil"}) json[member] = nullptr;
+    for (const char* member : {"site", "group", "groupUntil", "line", "list", "suspendedUntil", "heldBack"})
+      json[member] = nullptr;
     if (beside) {
       json["site"] = beside->site.host;
       json["line"] = line_of(beside->site);
@@ -250,13 +258,14 @@ class Trial {
       json["group"] = list_.groupOf(*site).name;
       json["groupUntil"] = json_or_null(groups_[site->group].nextChange);
       json["line"] = line_of(*site);
+      if (const auto earlier = heldBack(*site)) json["heldBack"] = orvane::to_json(*earlier);
       if (site->isSuspended(now_)) json["suspendedUntil"] = time_text(*site->until);
     }
     return json;
   }
 
   const Moment now_ = now_in_seconds();
-  std::optional<KeeperState> keeper_;
+  std::optional<KeeperState> keeper_;  // of this list
   BlockList list_;
   std::vector<KeeperState::GroupState> groups_;
   GroupStates states_;

@@ -18,6 +18,9 @@
 namespace orvane {
 namespace {
 
+// Names of commands, as in the calls of selected_sites().
+constexpr std::string_view kDisallow = "disallow", kResume = "resume";
+
 std::vector<ListedSite> hosts_of(const std::vector<CatalogueSite>& chosen) {
   std::vector<ListedSite> hosts;
   for (const CatalogueSite& site : chosen) hosts.insert(hosts.end(), site.hosts.begin(), site.hosts.end());
@@ -95,7 +98,7 @@ std::string no_exception_text(const BlockList& list, GroupIndex group, const std
 
 // For a host without a blocking line of its own in the group: which line decides about the host, and what to do.
 std::string not_blocked_text(const BlockList& list, GroupIndex group, ListsBeside& beside, const std::string& host,
-                             Moment now) {
+                             std::string_view command, Moment now) {
   const Decision decision = decide(list, host, now);
   const auto line = beside.blockingLine(host);
   if (line && line->rank == Rank::Fixed)
@@ -110,16 +113,20 @@ std::string not_blocked_text(const BlockList& list, GroupIndex group, ListsBesid
   if (site->group != group)
     return "it is covered by the line " + in_quotes(line_of(*site)) + " of the group " + name + ": give " + site->host +
            " --group " + name;
-  return "it is covered by the line " + in_quotes(line_of(*site)) + ": to allow this host: orvanectl allow " + host +
-         "; to change the whole line, give " + site->host;
+  return "it is covered by the line " + in_quotes(line_of(*site)) +
+         (command == kResume
+              ? ": to block it again: orvanectl resume " + site->host + group_option(list, *site)
+              : ": to allow this host: orvanectl allow " + host + "; to change the whole line, give " + site->host);
 }
 
 // Returns the sites on the list that have the given hosts, which the words name: with `exceptions`, only exceptions,
 // otherwise only sites that are not exceptions. Reports each host that has no such site, and then throws InputError.
 std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, const std::vector<std::string>& words,
-                                     const std::vector<ListedSite>& given, bool exceptions, Moment now,
+                                     const std::vector<ListedSite>& given, std::string_view command, Moment now,
                                      const CommonOptions& options) {
-  ListsBeside beside(keeper_of_list(options));
+  const bool exceptions = command == kDisallow;
+  const auto keeper = keeper_of_list(options);
+  ListsBeside beside(keeper);
   std::vector<ListedSite> sites;
   std::set<const ListedSite*> seen;
   size_t unknown = 0;
@@ -130,12 +137,19 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
       if (seen.insert(site).second) sites.push_back(*site);
     } else {
       ++unknown;
-      const auto id = exceptions ? std::nullopt : catalogued_id(options, host);
       const std::string shown = in_quotes(shown_hostname(host)) + ": ";
-      print_error(exceptions ? "no exception: " + shown + no_exception_text(list, group, host, now)
-                             : "not on the list: " + shown +
-                                   (id ? "did you mean --site " + *id + "?"
-                                       : not_blocked_text(list, group, beside, host, now)));
+      if (exceptions) {
+        print_error("no exception: " + shown + no_exception_text(list, group, host, now));
+        continue;
+      }
+      const auto id = catalogued_id(options, host);
+      const std::string& groupName = list.groups()[group].name;
+      auto earlier = earlier_change_held_back(keeper, groupName, host);
+      if (!earlier) earlier = earlier_change_held_back(keeper, groupName, site_of(host));
+      print_error("not on the list: " + shown +
+                  (id        ? "did you mean --site " + *id + "?"
+                   : earlier ? removal_text(*earlier, now)
+                             : not_blocked_text(list, group, beside, host, command, now)));
     }
   }
   if (unknown > 0)
@@ -146,10 +160,11 @@ std::vector<ListedSite> listed_sites(const BlockList& list, GroupIndex group, co
 }
 
 // Finds the sites with the hosts that the command line gives.
-FindSites given_sites(const CommonOptions& options, const SiteArguments& arguments, Moment now, bool exceptions) {
+FindSites given_sites(const CommonOptions& options, const SiteArguments& arguments, std::string_view command,
+                      Moment now) {
   return [=, &options, words = arguments.hosts, hosts = checked_sites(options, arguments.hosts, Scope::ExactName)](
              const BlockList& list, GroupIndex group, std::vector<std::string>&) {
-    return listed_sites(list, group, words, hosts, exceptions, now, options);
+    return listed_sites(list, group, words, hosts, command, now, options);
   };
 }
 
@@ -224,17 +239,18 @@ const CatalogueSite* Selection::originOf(const std::string& host) const {
   return found == chosen.end() ? nullptr : &*found;
 }
 
-Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
-                         bool exceptions) {
+Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, std::string_view command,
+                         Moment now) {
+  const bool exceptions = command == kDisallow;
   const bool isCatalogued = arguments.catalogued.isGiven();
   const int given = (arguments.hosts.empty() ? 0 : 1) + (arguments.all ? 1 : 0) + (arguments.from.empty() ? 0 : 1) +
                     (isCatalogued ? 1 : 0);
   if (given != 1)
-    throw InputError(std::string("bad command line: ") + command + ": give " +
+    throw InputError("bad command line: " + std::string(command) + ": give " +
                      (given > 1 ? "only one of these: " : "") + "hosts of sites on the list, or --all, or " +
                      (exceptions ? "--from FILE" : "--from FILE, or --site SITE, or --category CATEGORY"));
   if (arguments.all) return {all_sites(exceptions), {}, exceptions ? "no exceptions" : "no sites"};
-  if (!arguments.hosts.empty()) return {given_sites(options, arguments, now, exceptions)};
+  if (!arguments.hosts.empty()) return {given_sites(options, arguments, command, now)};
   if (!isCatalogued) {
     Selection selection{sites_of_file(arguments.from, exceptions)};
     if (exceptions) selection.none = "none of these exceptions";

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "companion/list/BlockList.h"
@@ -33,11 +34,11 @@ struct Selection {
 };
 
 // Selects sites on the list: those with the given hosts, those with the hosts of a file or of sites of the catalogue,
-// or all. With `exceptions`, only exceptions, otherwise only sites that are not exceptions. `command`: its name, for
-// errors. Throws InputError, after a report of each fault, if the command line is invalid; Selection::find() throws it
-// if a given host is not on the list, or if the file has no hosts.
-Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, const char* command, Moment now,
-                         bool exceptions = false);
+// or all. `command`: its name. For "disallow", selects only exceptions, otherwise only sites that are not exceptions.
+// Throws InputError, after a report of each fault, if the command line is invalid; Selection::find() throws it if a
+// given host is not on the list, or if the file has no hosts.
+Selection selected_sites(const CommonOptions& options, const SiteArguments& arguments, std::string_view command,
+                         Moment now);
 
 // Selects the sites that the command line names, with the given scope, and the hosts of the chosen sites of the
 // catalogue, with their own scopes. They need not be on the list. Throws InputError, after a report of each fault.

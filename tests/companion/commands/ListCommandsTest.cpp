@@ -38,6 +38,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"--json suspend example.com --until 2020-01-01", 2,
        "{\"error\":\"the time has passed: \\\"2020-01-01\\\": give a future time\"}\n"},
       {"resume example.com none.example", 2, ""},
+      {"resume a.m.example.com 2>&1 | grep -o 'to .*'", 0, "to block it again: orvanectl resume example.com\n"},
       {"suspend example.com --all --for 1h 2>&1 | grep -o 'only one of these'", 0, "only one of these\n"},
       {"resume", 2, ""},
       {"list --json | grep -c until", 0, "1\n"},
@@ -145,10 +146,10 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
       {"allow alone.example --group work", 0, "alone.example and its subdomains: allowed; no line blocks it now\n"},
       {"disallow alone.example --group work >'%.out'; @ block w.example --group play", 2, ""},
       {"list --group default; @ export --group work --hosts", 0, "w.example\na.example\n"},
-      {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
       {"import - <<'E' | grep -c disabled; @ import --undo | grep -c '^1 site'\nnew.example\n[group "
        "work]\na.example\nE",
        0, "0\n1\n"},
+      {"import --group work --replace - </dev/null | tail -n 2 | head -n 1", 0,
        "work: its removed sites stay blocked for 15 min\n"},
       {"import --undo | cut -d, -f 1,2", 0, "0 sites removed, 2 restored\n"},
       {"import - >'%.out' <<'E'; @ import --undo | sed 1d\n[group late]\ndelay = 1h\nl.example\nE", 0,
@@ -233,6 +234,12 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0, "no group is locked\n"},
       {"unblock o.example --group o >'%.out' 2>&1; @ list | grep -c 'Still blocked'", 1, "0\n"},
       {"group show o | grep -o 'change of .* effect'", 0, "change of o.example has no effect\n"},
+      {"unblock www.o.example --group o 2>&1 | grep -o 'list: .*in '; @ group remove o >'%.out' 2>&1; @ unblock "
+       "o.example "
+       "--group o 2>&1 | grep -o 'such.*in '; @ list | grep 'group o'",
+       0,
+       "list: \"www.o.example\": its removal has an effect in \nsuch group: \"o\": its removal has an effect in \n"
+       "# The group o: disabled, 2 changes without effect yet, no longer in the list's file\n"},
       {"group delay h off 2>'%.out' | grep -o 'the delay of 1 h counts'", 0, "the delay of 1 h counts\n"},
       {"group disable h 2>'%.out' >&2; @ group enable h 2>'%.out' | grep -o 'h: enabled.*'", 0,
        "h: enabled: in force\n"},
@@ -243,6 +250,14 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "now with its subdomains\n"},
       {"suspend y.example --group h --until 'in 10 min'", 2, ""},
       {"suspend y.example --group h --for 10m 2>'%.out' | grep -cE '\\(1 h (9|10) min left'", 0, "1\n"},
+      {"--socket '%.none' try y.example | grep -o 'line.* in '; @ --socket '%.none' --json try y.example | grep -o "
+       "'\"delay[^}]*\"h\"'; @ group disable h >'%.out' 2>&1; @ --socket '%.none' try e.y.example | grep -o 'by .* in "
+       "'; "
+       "@ group enable h",
+       0,
+       "line \"y.example\" of the group h; but an earlier change has an effect in \n\"delay\",\"group\":\"h\"\n"
+       "by the line \"y.example\" of the group h; but an earlier change has an effect in \n"
+       "not in force yet: h: enabled: in force\n"},
       {"allow z.y.example 2>'%.out' | grep -o 'allowed.*effect'", 0, "allowed; has an effect\n"},
       {"list >'%.out' 2>&1; kill -STOP \"$(cat '%.pid')\"; { sleep 2; kill -CONT \"$(cat '%.pid')\"; } & script -qec "
        "\"'" ORVANECTL "' --state '%.state' --list '%' block slow.example\" /dev/null | grep -ao 'waiting[a-z ]*force' "
@@ -255,6 +270,8 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "'%.state.guard' && break; sleep 0.1; done; grep -c lockLeft '%.state.guard'",
        0, "cannot save locks and delays, so they end with the keeper:\n1\n"},
       {"block --exact y.example --group h", 1, ""},
+      {"import - >'%.out' 2>&1 <<'E'; @ import --undo 2>'%.out' | cut -d, -f 1\nnew.example\n[group h]\ny.example\nE",
+       0, "not in force yet: 1 site removed\n"},
       {"lock --group default; @ --json lock --group default", 0, "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
       {"status | grep -oE 'in force.*|[0-9]+ [a-z]+, [0-9].* now'", 0, "in force.\n1 site, 1 name to block now\n"},
@@ -272,8 +289,6 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        ">'%.bad.list'; @ list --from '%.bad.list' 2>'%.out'",
        0, "[group o]\nr.example\n"},
       // A keeper without an extension. "!" stands for the words "saved, but not in force ..."
-      {"import - >'%.out' 2>&1 <<'E'; @ import --undo 2>'%.out' | cut -d, -f 1\nnew.example\n[group h]\ny.example\nE",
-       0, "not in force yet: 1 site removed\n"},
       {"--socket '%.none' keep >'%.log' 2>&1 & while ! [ -e '%.state' ]; do sleep 0.02; done\n"
        "for command in 'block d.example' 'unblock d.example' 'suspend c.example --for 1h' "
        "'block c.example' 'group add g' 'import -' 'import --undo' 'lock --for 1h'; "
