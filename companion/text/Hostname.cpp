@@ -176,7 +176,8 @@ size_t port_length(std::string_view authority) {
 }
 
 // The host and port of a URL, or of a host with a port or a path. Nothing for any other text, such as
-// "https:/a.example" and "https:a.example/b", which lack slashes, or "file:///a", which has no host.
+// "https:/a.example", "https:a.example/b" and "https//a.example", which lack slashes or a colon, or "file:///a", which
+// has no host.
 std::optional<std::string_view> authority_in(std::string_view given) {
   const size_t scheme = given.find("://");
   const bool isURL = scheme < given.find_first_of("/?#\\");
@@ -185,6 +186,8 @@ std::optional<std::string_view> authority_in(std::string_view given) {
   const size_t end = authority.find_first_of("/?#\\");
   authority = authority.substr(0, end);
   authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0: no user name
+  const auto isAuthority = [&](std::string_view word) { return std::ranges::equal(authority, word, {}, form_of); };
+  if (!isURL && (isAuthority("http") || isAuthority("https"))) return std::nullopt;
   const std::string_view port = authority.substr(authority.size() - port_length(authority));
   const bool isNumber = port.size() > 1 && std::all_of(port.begin() + 1, port.end(), is_digit);
   if (!isURL && !isNumber && (!port.empty() || end == std::string_view::npos)) return std::nullopt;

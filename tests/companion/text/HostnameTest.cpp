@@ -27,6 +27,8 @@ TEST(Hostname, TakesTheHostOfPastedText) {
       {"file:///etc", "file:///etc", ""},
       {"http:a.example/b", "http:a.example/b", ""},
       {"http:/a.example", "http:/a.example", ""},
+      {"HTTPS//a.example", "HTTPS//a.example", ""},
+      {"httpsa.example/b", "httpsa.example", ""},
       {"*.a.example", "*.a.example", ""},
   };
   for (const auto& [text, host, port] : kCases) {
