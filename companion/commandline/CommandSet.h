@@ -12,7 +12,7 @@ namespace orvane {
 // Headings of the help text.
 inline constexpr const char* kListGroup = "The list (changes are permanent)";
 inline constexpr const char* kServiceGroup = "The services";
-inline constexpr const char* kExtensionGroup = "The running extension (changes last until it ends)";
+inline constexpr const char* kExtensionGroup = "The running extension (changes last until it ends or the list changes)";
 
 // A command with its arguments. Returns the exit code. Throws InputError for invalid input, and another exception when
 // the work fails.

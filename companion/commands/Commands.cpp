@@ -290,15 +290,15 @@ void declare_commands(CommandSet& commands, Arguments& arguments) {
   declare("stop", "Send the stop command", stop);
 
   const char* hosts = "Host names or URLs, in any spelling that browsers accept";
-  declare("add", "Block hosts until the extension ends", add)
+  declare("add", "Block hosts until the extension ends or the list changes", add)
       ->add_option("HOST", arguments.hosts, hosts)
       ->required()
       ->type_name("");
-  declare("remove", "Stop blocking hosts until the extension ends", remove)
+  declare("remove", "Stop blocking hosts until the extension ends or the list changes", remove)
       ->add_option("HOST", arguments.hosts, hosts)
       ->required()
       ->type_name("");
-  declare("set", "Block the hosts of a file and no others, until the extension ends", set)
+  declare("set", "Block the hosts of a file and no others, until the extension ends or the list changes", set)
       ->add_option("FILE", arguments.file, "One host name a line, \"#\" for comments; \"-\" for standard input")
       ->required()
       ->type_name("");
@@ -433,6 +433,8 @@ int run(int argc, const char* const* argv) {
     if (fault == "A subcommand is required") fault = "a command is missing";
     if (option != unknown.end() && (isTooMuch || fault == "a command is missing"))
       fault = "unknown option: " + in_quotes(*option);
+    else if (isTooMuch && !unknown.empty())
+      fault = "unexpected: " + in_quotes(unknown.front());
     if (fault.size() > kShown) fault.replace(kShown, std::string::npos, "...");
     const bool takesNames = !last->get_options([](const CLI::Option* each) { return each->get_positional(); }).empty();
     if (option != unknown.end() && takesNames) fault += ": if a name begins with a hyphen, write -- before it";

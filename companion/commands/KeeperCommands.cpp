@@ -51,8 +51,8 @@ void declare_keeper_commands(CommandSet& commands) {
   tryCommand->add_option("HOST", *host, "A host name or URL, in any spelling that browsers accept")->type_name("");
   catalogued->declare(*tryCommand);
   tryCommand->footer(
-      "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown. For several\n"
-      "hosts: 0 all blocked, 3 some not blocked.");
+      "The answer is about new connections of a browser. Exit codes: 0 blocked, 3 not blocked, 4 unknown. With --site\n"
+      "or --category: 0 all hosts blocked, 3 some not blocked.");
 
   const auto keep = [&options, given = commands.app.get_option("--state")] {
     const std::string path = state_path(options, given->count() > 0);

@@ -104,8 +104,8 @@ complete -c orvanectl -n __orvanectl_command -a state -d "Print the application 
 complete -c orvanectl -n __orvanectl_command -a changes -d 'Print how many edits the extension has received'
 complete -c orvanectl -n __orvanectl_command -a start -d 'Send the start command'
 complete -c orvanectl -n __orvanectl_command -a stop -d 'Send the stop command'
-complete -c orvanectl -n __orvanectl_command -a add -d 'Block hosts until the extension ends'
-complete -c orvanectl -n __orvanectl_command -a remove -d 'Stop blocking hosts until the extension ends'
+complete -c orvanectl -n __orvanectl_command -a add -d 'Block hosts until the extension ends or the list changes'
+complete -c orvanectl -n __orvanectl_command -a remove -d 'Stop blocking hosts until the extension ends or the list changes'
 complete -c orvanectl -n __orvanectl_command -a set -d 'Block the hosts of a file and no others'
 complete -c orvanectl -n __orvanectl_command -a properties -d "Replace a host's properties"
 complete -c orvanectl -n __orvanectl_command -a watch -d 'Print the number of edits after each change'

@@ -73,7 +73,7 @@ _orvanectl_commands() {
     'changes:print how many edits the extension has received'
     'start:send the start command'
     'stop:send the stop command'
-    'add:block hosts until the extension ends'
+    'add:block hosts until the extension ends or the list changes'
     'remove:stop blocking hosts'
     'set:block the hosts of a file and no others'
     "properties:replace a host's properties"

@@ -126,6 +126,7 @@ TEST(Commands, SendNothingWhenOneInputIsRefused) {
       {{"add", "a\x1b[2Jb"}, "", "", "\"a\\x1b[2Jb\"", kUsage},
       {{"--pong"}, "", "", "unknown option: \"--pong\": see orvanectl --help", kUsage},
       {{"ping", "--pong"}, "", "", "unknown option: \"--pong\": see orvanectl ping --help", kUsage},
+      {{"try", "a", "b", "c"}, "", "", "bad command line: unexpected: \"b\": see orvanectl try --help", kUsage},
       {{"add", "-a"}, "", "", "HOST is required: if a name begins with a hyphen, write -- before it", kUsage},
       {{"pong"}, "", "", "unknown command: \"pong\": did you mean ping?", kUsage},
       {{"browsers", "policy", "instal"}, "", "", "unknown command: \"instal\": did you mean install?", kUsage},

@@ -112,7 +112,7 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        "gone.example and its subdomains: blocked\ngone.example and its subdomains: removed from the list\n"},
       {"export --json", 0, "[]\n"},
       {"import '%.none'", 1, ""},
-      {"import a b 2>&1 | sed -n '1s/.*expected: //p'", 0, "b: see orvanectl import --help\n"},
+      {"import a b 2>&1 | sed -n '1s/.*expected: //p'", 0, "\"b\": see orvanectl import --help\n"},
       {"--json import - <<'E' | grep -o '\"[a-z]*ed[a-zR]*\":[0-9]' | paste -sd' "
        "'\n||a.example^\n||a.example/x^\n127.0.0.1 localhost\nE",
        0, "\"added\":1 \"changed\":0 \"rejected\":0 \"removed\":0 \"skipped\":1 \"skippedRules\":1 \"unchanged\":0\n"},
