@@ -82,6 +82,12 @@ bool keeps_list(const KeeperState& keeper, const CommonOptions& options) {
   return keeper.listPath == options.listPath || std::filesystem::equivalent(keeper.listPath, options.listPath, ignored);
 }
 
+void refuse_other_list(const CommonOptions& options, const std::optional<KeeperState>& keeper) {
+  if (keeper && options.listPath != places().list && !keeps_list(*keeper, options))
+    throw InputError("no keeper keeps this list: " + in_quotes(options.listPath) + ": for the keeper's list, " +
+                     in_quotes(keeper->listPath) + ", leave out --list");
+}
+
 std::optional<BlockList> list_in_force(const CommonOptions& options, const std::optional<KeeperState>& keeper) {
   if (!keeper || !keeper->isGuarded) return std::nullopt;
   return read_list(list_in_force_path(options.keeperStatePath)).list;

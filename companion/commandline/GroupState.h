@@ -38,6 +38,8 @@ GroupStates in_force(const std::vector<KeeperState::GroupState>& states);
 
 // Whether the keeper keeps the list at options.listPath.
 bool keeps_list(const KeeperState& keeper, const CommonOptions& options);
+// For commands about the keeper's list: throws InputError if --list names another one.
+void refuse_other_list(const CommonOptions& options, const std::optional<KeeperState>& keeper);
 
 // The state of the group, as the keeper has published it.
 std::optional<KeeperState::GroupState> state_of_group(const std::optional<KeeperState>& keeper,

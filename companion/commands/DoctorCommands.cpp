@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "companion/browsers/BrowserPolicy.h"
+#include "companion/commandline/GroupState.h"
 #include "companion/commands/SubscriptionCommands.h"
 #include "companion/doctor/Doctor.h"
 #include "companion/doctor/DoctorFacts.h"
@@ -84,6 +85,7 @@ void print_summary(const std::vector<Finding>& findings) {
 int doctor(const CommonOptions& options) {
   Examination examination{options.client.socket, options.client.service, options.keeperStatePath};
   Facts facts = gather_facts(examination);
+  refuse_other_list(options, facts.list);
   look_at_subscriptions(options, facts);
   const std::vector<Finding> findings = examine(facts);
   if (options.json) {

@@ -305,6 +305,7 @@ int show_status(const CommonOptions& options) {
   Status status;
   status.extension = probe_extension(options.client);
   status.keeper = read_keeper_state(options.keeperStatePath);
+  refuse_other_list(options, status.keeper);
   status.extensionService = unit_state(kExtensionUnit);
   status.keeperService = unit_state(kKeeperUnit);
   status.fetcherService = unit_state(kFetcherUnit);

@@ -274,6 +274,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0, "not in force yet: 1 site removed\n"},
       {"lock --group default; @ --json lock --group default", 0, "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
+      {"list >'%.out'; for command in status doctor; do '" ORVANECTL "' --state '%.state' --list '%.2' $command 2>&1 | "
+       "cut -d : -f 2; done",
+       0, " no keeper keeps this list\n no keeper keeps this list\n"},
       {"status | grep -oE 'in force.*|[0-9]+ [a-z]+, [0-9].* now'", 0, "in force.\n1 site, 1 name to block now\n"},
       {"lock --group h | cut -d ' ' -f 1-3; kill \"$(cat '%.pid')\"; while kill -0 \"$(cat '%.pid')\" 2>'%.out'; do "
        "sleep 0.1; done; rm -f '%.state'*",
