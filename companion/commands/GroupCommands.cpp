@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "companion/commands/WaitForKeeper.h"
 #include "companion/list/ListFile.h"
 #include "companion/list/ListGuard.h"
+#include "companion/subscriptions/Subscription.h"
 #include "companion/text/ExitCodes.h"
 #include "companion/text/Hostname.h"
 #include "companion/text/Input.h"
@@ -116,11 +118,22 @@ int add(const CommonOptions& options, const Arguments& arguments) {
   });
 }
 
+// What removing a group does to the subscriptions in it. Empty if there are none.
+std::string effect_on_subscriptions(const CommonOptions& options, const std::string& group) {
+  const std::string path = std::filesystem::path(options.listPath).replace_filename(kSubscriptionsName);
+  std::string names;
+  for (const Subscription& each : read_subscriptions(read_list_text(path)).subscriptions) {
+    if (each.group == group) names += (names.empty() ? "" : ", ") + each.name;
+  }
+  return names.empty() ? "" : "; without the group, these subscriptions are always in force: " + names;
+}
+
 int remove(const CommonOptions& options, const Arguments& arguments) {
   if (arguments.group == kDefaultGroupName)
     throw InputError("cannot remove the default group: remove its sites: orvanectl unblock");
   refuse_if_locked(options, arguments.group, "remove the group");
-  return change_group(options, arguments, [](BlockList& list, GroupIndex group, const auto& state) {
+  const std::string subscriptions = effect_on_subscriptions(options, arguments.group);
+  return change_group(options, arguments, [&](BlockList& list, GroupIndex group, const auto& state) {
     const Moment now = now_in_seconds();
     const Group before = list.groups()[group];
     Group gone;
@@ -129,7 +142,7 @@ int remove(const CommonOptions& options, const Arguments& arguments) {
     auto heldBack = settings_held_back(gone, before, state, now);
     if (!heldBack) heldBack = removal_held_back(before, state, now);
     list.removeGroup(group);
-    return Outcome{"removed, with its sites" + held_back_text(heldBack, now), heldBack};
+    return Outcome{"removed, with its sites" + held_back_text(heldBack, now) + subscriptions, heldBack};
   });
 }
 
@@ -333,9 +346,11 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
         "too long a lock: " + in_quotes(arguments.end.duration.value_or(arguments.end.until.value_or(""))) +
         ": give at most 366 days");
   size_t sites = 0, suspended = 0;
+  Group locked;
   const auto keeper = keeper_of_list(options);
   const ListVersion version = edit_list(options.listPath, [&](BlockList& list) {
     const GroupIndex index = find_group(list, group, keeper);
+    locked = list.groups()[index];
     list.setSetting(index, kLockUntilKey, {time_text(until)});
     sites = list.size();
     suspended = 0;
@@ -366,11 +381,12 @@ int lock(const CommonOptions& options, const Arguments& arguments) {
     const char* blocked = !effect.isInForce    ? "; it is unknown whether its sites are blocked yet"
                           : !*effect.isInForce ? "; but its sites are not blocked yet"
                                                : "";
+    const std::string off = held_back_text(blocking_held_back(locked, *state), now);
     std::string ineffective;
     if (suspended > 0)
       ineffective = "; until then, " + counted(suspended, "suspension has", "suspensions have") + " no effect";
     std::printf("%s: %slocked %s%s%s%s\n", group.c_str(), already, suspension_text(*state->lockedUntil, now).c_str(),
-                unguarded_text(*state).c_str(), ineffective.c_str(), blocked);
+                unguarded_text(*state).c_str(), ineffective.c_str(), off.empty() ? blocked : off.c_str());
   }
   return kDone;
 }

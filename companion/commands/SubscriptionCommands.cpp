@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "companion/commandline/GroupState.h"
 #include "companion/list/ListFile.h"
 #include "companion/subscriptions/FetcherState.h"
 #include "companion/subscriptions/Subscription.h"
@@ -70,7 +71,7 @@ std::string read_key(const std::string& given) {
   return key;
 }
 
-Subscription given_subscription(const Arguments& arguments) {
+Subscription given_subscription(const CommonOptions& options, const Arguments& arguments) {
   Subscription subscription;
   subscription.url = arguments.url;
   subscription.isInsecure = arguments.insecure;
@@ -82,6 +83,8 @@ Subscription given_subscription(const Arguments& arguments) {
   if (arguments.group) subscription.group = *arguments.group;
   if (std::string fault = group_name_fault(subscription.group); !fault.empty())
     throw InputError("bad group: " + in_quotes(subscription.group) + ": " + fault);
+  // Throws if the list has no such group.
+  find_group(read_list(options.listPath).list, subscription.group, keeper_of_list(options));
   if (arguments.every) subscription.every = read_interval(*arguments.every);
   if (arguments.key) subscription.key = read_key(*arguments.key);
   return subscription;
@@ -225,7 +228,7 @@ int fetch(const CommonOptions& options, const std::vector<Subscription>& subscri
 }
 
 int subscribe(const CommonOptions& options, const Arguments& arguments) {
-  Subscription subscription = given_subscription(arguments);
+  Subscription subscription = given_subscription(options, arguments);
   edit_list_text(subscriptions_path(options), [&](std::string text) {
     const SubscriptionFile file = read_subscriptions(text);
     if (const Subscription* same = file.find(subscription.url))

@@ -274,6 +274,9 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0, "not in force yet: 1 site removed\n"},
       {"lock --group default; @ --json lock --group default", 0, "default: not locked\n[]\n"},
       {"lock --group none", 2, ""},
+      {"group add off >'%.out' 2>&1; @ group disable off >'%.out' 2>&1; @ lock --group off --for 1h 2>'%.out' | cut -d "
+       "';' -f 2-",
+       0, " but the group off is disabled\n"},
       {"list >'%.out'; for command in status doctor; do '" ORVANECTL "' --state '%.state' --list '%.2' $command 2>&1 | "
        "cut -d : -f 2; done",
        0, " no keeper keeps this list\n no keeper keeps this list\n"},
@@ -283,8 +286,12 @@ TEST(ListCommands, ChangeTheListOnlyWhenAllTheirHostsAreGood) {
        0, "h: locked until\n"},
       {"block c.example >'%.out'; echo www.c.example | @ unblock --from -", 0,
        "c.example and its subdomains: removed from the list\n"},
-      {"block c.example >'%.out'; @ group remove h | cut -d '(' -f 1", 0,
-       "h: removed, with its sites; has no effect until the lock of the group h ends \n"},
+      {"subscribe https://a.example/l --group hh 2>&1 | grep -o 'did you.*?'; @ --fetched '%.none' subscribe "
+       "https://a.example/l --group h 2>'%.out'",
+       0, "did you mean h?\na-example: subscribed\n"},
+      {"block c.example >'%.out'; @ group remove h | sed 's/(.*)//'", 0,
+       "h: removed, with its sites; has no effect until the lock of the group h ends ; without the group, these "
+       "subscriptions are always in force: a-example\n"},
       {"export >'%.out'; { seq 22 | sed 's/$/..x/'; echo none.example; } >'%.bad.list'; for command in list unblock; "
        "do @ $command --from '%.bad.list' 2>&1 | grep -o '[0-9]* more.*'; done",
        0, "2 more bad lines\n2 more\n"},

@@ -99,6 +99,7 @@ def SubscriptionsKeepTheLastGoodCopy(world: World):
         lists.expect("after a yes", ["refresh", "big", "--accept"], "big: 1 name;", "big", ["one.example"])
         server.answers["/evil"] = lambda handler: handler.answer(b"\r\n".join(EVIL))
         lookalike = "xn--pypal-4ve.example"
+        fetcher.control("group", "add", "ads")
         lists.expect("evil names", ["subscribe", f"https://{HOST}/evil", "--group", "ads"], "1 skipped, 4 rejected",
                      "lists-example", ["[group ads]", "good.example", "-rf.example", lookalike])
         _check_signatures(lists)
