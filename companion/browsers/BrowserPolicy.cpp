@@ -50,7 +50,8 @@ const std::vector<Policy>& policies() {
 Json policies_off(std::span<const HidingFeature> features, BrowserFamily family) {
   Json json = Json::object();
   for (const Policy& policy : policies()) {
-    if (policy.family != family || std::ranges::find(features, policy.feature) == features.end()) continue;
+    if (policy.family != family || std::find(features.begin(), features.end(), policy.feature) == features.end())
+      continue;
     json[policy.path] = policy.isPreference ? Json{{"Value", policy.off}, {"Status", "locked"}} : Json(policy.off);
   }
   return json;

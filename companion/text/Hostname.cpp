@@ -186,7 +186,10 @@ std::optional<std::string_view> authority_in(std::string_view given) {
   const size_t end = authority.find_first_of("/?#\\");
   authority = authority.substr(0, end);
   authority.remove_prefix(authority.rfind('@') + 1);  // npos + 1 is 0: no user name
-  const auto isAuthority = [&](std::string_view word) { return std::ranges::equal(authority, word, {}, form_of); };
+  const auto isAuthority = [&](std::string_view word) {
+    const auto isSame = [](char left, char right) { return form_of(left) == right; };
+    return std::equal(authority.begin(), authority.end(), word.begin(), word.end(), isSame);
+  };
   if (!isURL && (isAuthority("http") || isAuthority("https"))) return std::nullopt;
   const std::string_view port = authority.substr(authority.size() - port_length(authority));
   const bool isNumber = port.size() > 1 && std::all_of(port.begin() + 1, port.end(), is_digit);
