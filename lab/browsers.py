@@ -186,11 +186,16 @@ class Chromium(Browser):
         command = ["bash", "-c", script, "bash", self._path, *self._OPTIONS, *self._TRANSPORT]
         command += [f"--user-data-dir={profile}", "--remote-debugging-pipe"]
         command += [] if proxy is None else [f"--proxy-server={proxy}"]
-        with self._process(command, pass_fds=[their_commands, their_answers]):
-            os.close(their_commands)
-            os.close(their_answers)
-            with open(commands, "wb") as to, open(answers, "rb") as back:
-                yield _ChromiumTabs(to, back)
+        try:
+            with self._process(command, pass_fds=[their_commands, their_answers]):
+                os.close(their_commands)
+                os.close(their_answers)
+                with open(commands, "wb") as to, open(answers, "rb") as back:
+                    yield _ChromiumTabs(to, back)
+        finally:
+            # The killed browser leaves the folder of its socket in /tmp. The profile has a link to the socket.
+            with contextlib.suppress(OSError):
+                shutil.rmtree((profile / "SingletonSocket").readlink().parent)
 
     @staticmethod
     def _verdicts(error: str, proxy: str | None) -> list[str]:
