@@ -1,6 +1,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <utility>
@@ -28,6 +29,11 @@ struct CommonOptions {
   std::string dropInsPath, subscriptionsPath;  // the folders of read-only lists
   std::string cataloguePath;                   // the folder with the sites of the package
 };
+
+// The path of a file beside the machine's list.
+inline std::string path_beside_list(const CommonOptions& options, const char* name) {
+  return std::filesystem::path(options.listPath).replace_filename(name);
+}
 
 // The command line, for the functions that declare its commands. Parsing the command line sets `chosen` to the command
 // to run.

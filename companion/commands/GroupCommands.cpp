@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -120,7 +119,7 @@ int add(const CommonOptions& options, const Arguments& arguments) {
 
 // What removing a group does to the subscriptions in it. Empty if there are none.
 std::string effect_on_subscriptions(const CommonOptions& options, const std::string& group) {
-  const std::string path = std::filesystem::path(options.listPath).replace_filename(kSubscriptionsName);
+  const std::string path = path_beside_list(options, kSubscriptionsName);
   std::string names;
   for (const Subscription& each : read_subscriptions(read_list_text(path)).subscriptions) {
     if (each.group == group) names += (names.empty() ? "" : ", ") + each.name;

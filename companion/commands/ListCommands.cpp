@@ -293,23 +293,23 @@ int allow(const CommonOptions& options, const Arguments& arguments) {
   ListsBeside beside(keeper);
   const auto held = list_in_force(options, keeper);
   const GroupStates heldStates = held ? in_force(states_of_groups(*held, keeper, now)) : GroupStates();
-  return change_list(
-      options, arguments, now, new_sites(options, arguments, Scope::Exception),
-      [&](BlockList& list, ListedSite site, const auto&) {
-        const ListedSite* found = list.find(site.host, site.group);
-        const bool isBlockedSite = found != nullptr && found->scope != site.scope;
-        std::string outcome = found != nullptr && !isBlockedSite ? "already an exception" : "allowed";
-        const bool changed = list.put(site);
-        const bool isBlocking = decide(list, site.host, now).blocking != nullptr || beside.blockingLine(site.host) ||
-                                (held && decide(*held, site.host, now, heldStates).blocking != nullptr);
-        if (isBlockedSite) {
-          outcome += "; its own line became this exception: to block it again: orvanectl block " + site.host +
-                     (arguments.group == kDefaultGroupName ? "" : " --group " + arguments.group);
-        } else if (!isBlocking) {
-          outcome += "; no line blocks it now";
-        }
-        return Change{std::move(site), changed, std::move(outcome), false};
-      });
+  return change_list(options, arguments, now, new_sites(options, arguments, Scope::Exception),
+                     [&](BlockList& list, ListedSite site, const auto&) {
+                       const ListedSite* found = list.find(site.host, site.group);
+                       const bool isBlockedSite = found != nullptr && found->scope != site.scope;
+                       std::string outcome = found != nullptr && !isBlockedSite ? "already an exception" : "allowed";
+                       const bool changed = list.put(site);
+                       const bool isBlocking = decide(list, site.host, now).blocking != nullptr ||
+                                               beside.blockingLine(site.host) ||
+                                               (held && decide(*held, site.host, now, heldStates).blocking != nullptr);
+                       if (isBlockedSite) {
+                         outcome += "; its own line became this exception: to block it again: orvanectl block " +
+                                    site.host + group_option(list, site);
+                       } else if (!isBlocking) {
+                         outcome += "; no line blocks it now";
+                       }
+                       return Change{std::move(site), changed, std::move(outcome), false};
+                     });
 }
 
 int unblock(const CommonOptions& options, const Arguments& arguments) {

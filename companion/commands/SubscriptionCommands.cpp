@@ -38,10 +38,6 @@ struct Arguments {
   bool accept = false;
 };
 
-// The path of a file beside the machine's list.
-std::string path_beside_list(const CommonOptions& options, const char* name) {
-  return std::filesystem::path(options.listPath).replace_filename(name);
-}
 std::string subscriptions_path(const CommonOptions& options) { return path_beside_list(options, kSubscriptionsName); }
 
 SubscriptionFile read_file(const CommonOptions& options) {

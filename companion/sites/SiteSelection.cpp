@@ -75,11 +75,6 @@ const ListedSite* named_site(const BlockList& list, GroupIndex group, std::strin
   return site != nullptr && site->scope == Scope::Subdomains ? site : nullptr;
 }
 
-// " --group work", for a command that is to find a site of this group.
-std::string group_option(const BlockList& list, const ListedSite& site) {
-  return site.group == kDefaultGroup ? "" : " --group " + list.groupOf(site).name;
-}
-
 std::string exception_text(const BlockList& list, const ListedSite& exception) {
   return "it is allowed by the exception " + in_quotes(line_of(exception)) +
          ": to end the exception: orvanectl disallow " + exception.host + group_option(list, exception);
@@ -230,6 +225,10 @@ FindSites sites_of_file(const std::string& file, bool exceptions) {
 }
 
 }  // namespace
+
+std::string group_option(const BlockList& list, const ListedSite& site) {
+  return site.group == kDefaultGroup ? "" : " --group " + list.groupOf(site).name;
+}
 
 const CatalogueSite* Selection::originOf(const std::string& host) const {
   const auto isHost = [&](const ListedSite& each) { return each.host == host; };

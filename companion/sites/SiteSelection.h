@@ -44,4 +44,7 @@ Selection selected_sites(const CommonOptions& options, const SiteArguments& argu
 // catalogue, with their own scopes. They need not be on the list. Throws InputError, after a report of each fault.
 Selection new_sites(const CommonOptions& options, const SiteArguments& arguments, Scope scope);
 
+// " --group work", for a command that is to find a site of this group. Empty for the default group.
+std::string group_option(const BlockList& list, const ListedSite& site);
+
 }  // namespace orvane
