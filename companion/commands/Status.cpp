@@ -188,7 +188,7 @@ std::vector<std::string> keeper_lines(const Status& status, Moment now) {
     lines.push_back(coloured("does not run", Colour::Bad) + ": the list is not sent: " + kStartKeeper);
   }
   if (auto service = status.keeperService) {
-    // With its state, the lines of "Sent" say the same, and the service's text may be newer than the state.
+    // The lines of "Sent" say the same from the keeper's state. The service's text may be newer than this state.
     if (status.keeper) service->status.clear();
     lines.push_back(service_text(kKeeperUnit, *service, now));
   }

@@ -225,7 +225,8 @@ TEST_F(Keeper, WaitsLongerAfterEachRefusalOfAListWithoutGuardedNames) {
 }
 
 TEST_F(Keeper, GetsAnErrorInsteadOfATimerThatNeverFires) {
-  // UndefinedBehaviorSanitizer checks an object with a pipe before it calls a method of this class for the first time.
+  // At the first call of a method of a class, UndefinedBehaviorSanitizer opens a pipe to check the object. So this call
+  // comes before the limit.
   EXPECT_STRNE(std::system_error(EMFILE, std::generic_category()).what(), "");
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
